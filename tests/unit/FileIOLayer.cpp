@@ -1,0 +1,319 @@
+// The file layer under every database, log and backup file: handle cells,
+// whole transfers that survive short transfers and interrupted calls, and
+// the directory and plain-file shims.
+//
+// A twin of the layer, put in force with CTalvorFileIO::Install, cuts every
+// transfer short and interrupts every other call; the bytes must still land
+// at the right offsets, and a failing write must be reported, not looped on.
+#include "LinuxCommonAPI.h"
+#include "TalvorFileIO.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+// Interrupts every other call and moves at most m_nChunk bytes per call.
+class ChoppyFileIO : public CTalvorFileIO {
+public:
+    explicit ChoppyFileIO(size_t nChunk) : m_nChunk(nChunk) {}
+    ssize_t PRead(int fd, void* lpBuf, size_t nSize, off_t nOffset) override
+    {
+        m_nCalls++;
+        if (Interrupt()) return -1;
+        return CTalvorFileIO::PRead(fd, lpBuf, nSize < m_nChunk ? nSize : m_nChunk, nOffset);
+    }
+    ssize_t PWrite(int fd, const void* lpBuf, size_t nSize, off_t nOffset) override
+    {
+        m_nCalls++;
+        if (Interrupt()) return -1;
+        return CTalvorFileIO::PWrite(fd, lpBuf, nSize < m_nChunk ? nSize : m_nChunk, nOffset);
+    }
+    int m_nCalls = 0;
+
+private:
+    bool Interrupt()
+    {
+        if (m_bInterruptNext) {
+            m_bInterruptNext = false;
+            errno = EINTR;
+            return true;
+        }
+        m_bInterruptNext = true;
+        return false;
+    }
+    size_t m_nChunk;
+    bool m_bInterruptNext = true;
+};
+
+// Writes m_nGood bytes through, then fails with m_nErrno (or reports 0
+// bytes moved when m_nErrno is 0).
+class FailingWriteIO : public CTalvorFileIO {
+public:
+    FailingWriteIO(size_t nGood, int nErrno) : m_nGood(nGood), m_nErrno(nErrno) {}
+    ssize_t PWrite(int fd, const void* lpBuf, size_t nSize, off_t nOffset) override
+    {
+        m_nCalls++;
+        if (m_nGood == 0) {
+            if (m_nErrno == 0) return 0;
+            errno = m_nErrno;
+            return -1;
+        }
+        size_t n = nSize < m_nGood ? nSize : m_nGood;
+        ssize_t rc = CTalvorFileIO::PWrite(fd, lpBuf, n, nOffset);
+        if (rc > 0) m_nGood -= (size_t)rc;
+        return rc;
+    }
+    int m_nCalls = 0;
+
+private:
+    size_t m_nGood;
+    int m_nErrno;
+};
+
+// Puts a twin in force for one scope.
+class ScopedFileIO {
+public:
+    explicit ScopedFileIO(CTalvorFileIO* p) : m_pOld(CTalvorFileIO::Install(p)) {}
+    ~ScopedFileIO() { CTalvorFileIO::Install(m_pOld); }
+
+private:
+    CTalvorFileIO* m_pOld;
+};
+
+class FileIOTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        char sz[] = "/tmp/talvor_fileio_XXXXXX";
+        m_fd = mkstemp(sz);
+        ASSERT_GE(m_fd, 0);
+        m_strPath = sz;
+        // A background the transfers must not disturb outside their range.
+        std::vector<unsigned char> bg(kFileSize, 0xEE);
+        ASSERT_EQ(pwrite(m_fd, bg.data(), bg.size(), 0), (ssize_t)bg.size());
+    }
+    void TearDown() override
+    {
+        if (m_fd >= 0) close(m_fd);
+        unlink(m_strPath.c_str());
+    }
+    static std::vector<unsigned char> Pattern(size_t n, unsigned nSeed)
+    {
+        std::vector<unsigned char> v(n);
+        for (size_t i = 0; i < n; i++) v[i] = (unsigned char)((i * 31 + nSeed) ^ (i >> 8));
+        return v;
+    }
+    std::vector<unsigned char> FileBytes()
+    {
+        std::vector<unsigned char> v(kFileSize + 4096);
+        ssize_t n = pread(m_fd, v.data(), v.size(), 0);
+        v.resize(n < 0 ? 0 : (size_t)n);
+        return v;
+    }
+    static constexpr size_t kFileSize = 20000;
+    int m_fd = -1;
+    std::string m_strPath;
+};
+
+TEST_F(FileIOTest, WriteFullLandsEveryByteAtItsOffsetThroughShortTransfers)
+{
+    const off_t nOffset = 4096 + 3;
+    std::vector<unsigned char> data = Pattern(10001, 7);
+    ChoppyFileIO io(7);
+    {
+        ScopedFileIO scope(&io);
+        EXPECT_EQ(CTalvorFileIO::Current(), &io);
+        ASSERT_TRUE(TalvorWriteFull(m_fd, data.data(), data.size(), nOffset));
+    }
+    EXPECT_NE(CTalvorFileIO::Current(), &io) << "the plain layer is back";
+    // Every call but the interrupted ones moved 7 bytes at most.
+    EXPECT_GE(io.m_nCalls, 2 * (int)(data.size() / 7));
+
+    std::vector<unsigned char> file = FileBytes();
+    ASSERT_EQ(file.size(), kFileSize);
+    for (off_t i = 0; i < nOffset; i++) ASSERT_EQ(file[i], 0xEE) << "byte before the range changed at " << i;
+    EXPECT_EQ(memcmp(file.data() + nOffset, data.data(), data.size()), 0);
+    for (size_t i = nOffset + data.size(); i < kFileSize; i++) ASSERT_EQ(file[i], 0xEE) << "byte after the range changed at " << i;
+}
+
+TEST_F(FileIOTest, ReadFullGathersEveryByteFromItsOffsetThroughShortTransfers)
+{
+    std::vector<unsigned char> data = Pattern(kFileSize, 3);
+    ASSERT_EQ(pwrite(m_fd, data.data(), data.size(), 0), (ssize_t)data.size());
+    ChoppyFileIO io(13);
+    ScopedFileIO scope(&io);
+    std::vector<unsigned char> buf(7777, 0);
+    ASSERT_TRUE(TalvorReadFull(m_fd, buf.data(), buf.size(), 1234));
+    EXPECT_EQ(memcmp(buf.data(), data.data() + 1234, buf.size()), 0);
+
+    // Up to the last byte is fine; one past the end is a failure, not a hang.
+    std::vector<unsigned char> tail(100);
+    EXPECT_TRUE(TalvorReadFull(m_fd, tail.data(), tail.size(), kFileSize - 100));
+    EXPECT_EQ(memcmp(tail.data(), data.data() + kFileSize - 100, 100), 0);
+    EXPECT_FALSE(TalvorReadFull(m_fd, tail.data(), tail.size(), kFileSize - 99));
+    EXPECT_FALSE(TalvorReadFull(-1, tail.data(), tail.size(), 0));
+    EXPECT_TRUE(TalvorReadFull(m_fd, tail.data(), 0, 0)) << "nothing to move is success";
+}
+
+TEST_F(FileIOTest, FailingWriteIsReportedAndLeavesOnlyWhatWasWritten)
+{
+    std::vector<unsigned char> data = Pattern(5000, 11);
+    {
+        FailingWriteIO io(1000, EIO);
+        ScopedFileIO scope(&io);
+        EXPECT_FALSE(TalvorWriteFull(m_fd, data.data(), data.size(), 512));
+        EXPECT_LE(io.m_nCalls, 3) << "a hard error is not retried";
+    }
+    std::vector<unsigned char> file = FileBytes();
+    EXPECT_EQ(memcmp(file.data() + 512, data.data(), 1000), 0);
+    EXPECT_EQ(file[512 + 1000], 0xEE);
+
+    {
+        // A layer that moves nothing and reports no error must not spin.
+        FailingWriteIO io(0, 0);
+        ScopedFileIO scope(&io);
+        EXPECT_FALSE(TalvorWriteFull(m_fd, data.data(), data.size(), 0));
+        EXPECT_EQ(io.m_nCalls, 1);
+    }
+    {
+        FailingWriteIO io(0, ENOSPC);
+        ScopedFileIO scope(&io);
+        EXPECT_FALSE(TalvorWriteFull(m_fd, data.data(), data.size(), 0));
+    }
+    EXPECT_FALSE(TalvorWriteFull(-1, data.data(), data.size(), 0));
+}
+
+TEST_F(FileIOTest, InstallReturnsThePreviousLayer)
+{
+    CTalvorFileIO* pPlain = CTalvorFileIO::Current();
+    ASSERT_NE(pPlain, nullptr);
+    ChoppyFileIO a(1), b(2);
+    EXPECT_EQ(CTalvorFileIO::Install(&a), pPlain);
+    EXPECT_EQ(CTalvorFileIO::Install(&b), &a);
+    EXPECT_EQ(CTalvorFileIO::Install(nullptr), &b);
+    EXPECT_EQ(CTalvorFileIO::Current(), pPlain) << "null restores the plain layer";
+}
+
+TEST_F(FileIOTest, CloseFileClosesTheDescriptorAndNullsTheHandle)
+{
+    int fd = open(m_strPath.c_str(), O_RDWR);
+    ASSERT_GE(fd, 0);
+    void* hFile = Talvor_MakeFileHandle(fd);
+    ASSERT_NE(hFile, nullptr);
+    EXPECT_EQ(Talvor_FileDescriptor(hFile), fd);
+    Talvor_CloseFile(hFile);
+    EXPECT_EQ(hFile, nullptr);
+    errno = 0;
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "descriptor still open";
+    EXPECT_EQ(errno, EBADF);
+
+    void* hNone = nullptr;
+    Talvor_CloseFile(hNone); // nothing to do
+    EXPECT_EQ(hNone, nullptr);
+    EXPECT_EQ(Talvor_FileDescriptor(nullptr), -1);
+}
+
+// --- Directories and plain files --------------------------------------------------------
+
+class MakeDirTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        char sz[] = "/tmp/talvor_mkdir_XXXXXX";
+        ASSERT_NE(mkdtemp(sz), nullptr);
+        m_strRoot = sz;
+    }
+    void TearDown() override
+    {
+        std::string cmd = "rm -rf '" + m_strRoot + "'";
+        if (system(cmd.c_str()) != 0) ADD_FAILURE() << "cleanup failed";
+    }
+    bool IsDir(const std::string& s)
+    {
+        struct stat st;
+        return stat(s.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    }
+    bool Exists(const std::string& s) { return access(s.c_str(), F_OK) == 0; }
+    std::string m_strRoot;
+};
+
+TEST_F(MakeDirTest, MakesEveryDirectoryFollowedBySlash)
+{
+    EXPECT_EQ(MakeDir((m_strRoot + "/a/b/").c_str()), 1);
+    EXPECT_TRUE(IsDir(m_strRoot + "/a"));
+    EXPECT_TRUE(IsDir(m_strRoot + "/a/b"));
+
+    EXPECT_EQ(MakeDir((m_strRoot + "/c/d").c_str()), 1);
+    EXPECT_TRUE(IsDir(m_strRoot + "/c"));
+    EXPECT_FALSE(Exists(m_strRoot + "/c/d")) << "the last part of a file's path is not made";
+
+    EXPECT_EQ(MakeDir((m_strRoot + "/a/b/").c_str()), 1) << "an existing path";
+    EXPECT_EQ(MakeDir(nullptr), 0);
+    EXPECT_EQ(MakeDir(""), 0);
+}
+
+// Stack garbage full of '/' where a short path's buffer will lie: a path
+// shorter than the first separator that counts must not be scanned past
+// its end.
+__attribute__((noinline)) void PoisonStack()
+{
+    volatile char sz[8192];
+    for (size_t i = 0; i < sizeof(sz); i++) sz[i] = '/';
+}
+
+TEST_F(MakeDirTest, ShortPathMakesNothingAndReadsNoGarbage)
+{
+    char szOld[PATH_MAX];
+    ASSERT_NE(getcwd(szOld, sizeof(szOld)), nullptr);
+    ASSERT_EQ(chdir(m_strRoot.c_str()), 0);
+    PoisonStack();
+    int rc = MakeDir("zz");
+    PoisonStack();
+    int rc2 = MakeDir("q/");
+    EXPECT_EQ(chdir(szOld), 0);
+    EXPECT_EQ(rc, 1);
+    EXPECT_EQ(rc2, 1);
+    // Separators below index 4 are passed over, and nothing past the end of
+    // the text may be scanned: neither path makes a directory.
+    EXPECT_FALSE(Exists(m_strRoot + "/zz"));
+    EXPECT_FALSE(Exists(m_strRoot + "/q"));
+}
+
+TEST_F(MakeDirTest, DeleteFileAndFileSize)
+{
+    std::string strFile = m_strRoot + "/f.bin";
+    FILE* pFile = fopen(strFile.c_str(), "w+b");
+    ASSERT_NE(pFile, nullptr);
+    std::vector<char> data(1234, 'x');
+    ASSERT_EQ(fwrite(data.data(), 1, data.size(), pFile), data.size());
+    fflush(pFile);
+    ASSERT_EQ(fseek(pFile, 10, SEEK_SET), 0);
+    EXPECT_EQ(GetFileSize(pFile, nullptr), 1234u);
+    EXPECT_EQ(ftell(pFile), 10) << "the position is given back";
+    fclose(pFile);
+    EXPECT_EQ(GetFileSize(nullptr, nullptr), 0u);
+    EXPECT_EQ(DeleteFile(strFile.c_str()), TRUE);
+    EXPECT_EQ(DeleteFile(strFile.c_str()), FALSE);
+}
+
+TEST(AlignedBuffer, IsAlignedForDirectTransfers)
+{
+    for (size_t n : {512u, 4096u, 65536u}) {
+        void* p = get_aligned_buffer(n);
+        ASSERT_NE(p, nullptr);
+        EXPECT_EQ((uintptr_t)p % 512, 0u);
+        memset(p, 0, n);
+        free(p);
+    }
+}
+
+} // namespace
