@@ -1,0 +1,574 @@
+// ConfigHelperFile.cpp — the disk side of the configuration: reading the ini
+// file whole, splicing one changed line into it, replacing it safely, and the
+// file-direct GetPrivateProfile* / WritePrivateProfileString family.
+#include "ConfigHelper.h"
+
+#include "TalvorFileIO.h"
+
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+inline bool HasBom(const char* lpText, size_t nLen)
+{
+    return nLen >= 3 && (BYTE)lpText[0] == 0xEF && (BYTE)lpText[1] == 0xBB && (BYTE)lpText[2] == 0xBF;
+}
+
+// Reads a whole file opened with lpMode into a new[] buffer with a
+// terminator. Null on failure; *pErr is then errno of the open (0 when the
+// file opened but could not be read or is empty).
+char* ReadWholeFile(const char* lpPath, const char* lpMode, size_t* pLen, int* pErr)
+{
+    *pLen = 0;
+    *pErr = 0;
+    FILE* pFile = fopen(lpPath, lpMode);
+    if (pFile == nullptr) {
+        *pErr = errno;
+        return nullptr;
+    }
+    char* lpText = nullptr;
+    long lSize = -1;
+    if (fseek(pFile, 0, SEEK_END) == 0) lSize = ftell(pFile);
+    if (lSize > 0 && lSize < INT_MAX && fseek(pFile, 0, SEEK_SET) == 0) {
+        lpText = new (std::nothrow) char[(size_t)lSize + 1];
+        if (lpText != nullptr) {
+            size_t nRead = fread(lpText, 1, (size_t)lSize, pFile);
+            if (nRead == 0) {
+                delete[] lpText;
+                lpText = nullptr;
+            } else {
+                lpText[nRead] = 0;
+                *pLen = nRead;
+            }
+        }
+    }
+    fclose(pFile);
+    return lpText;
+}
+
+// Makes the rename durable; a failure only weakens durability, not the text.
+void SyncDirectoryOf(const char* lpPath)
+{
+    char szDir[PATH_MAX];
+    const char* lpSlash = strrchr(lpPath, '/');
+    if (lpSlash == nullptr) {
+        strcpy(szDir, ".");
+    } else {
+        size_t n = lpSlash == lpPath ? 1 : (size_t)(lpSlash - lpPath);
+        if (n >= sizeof(szDir)) return;
+        memcpy(szDir, lpPath, n);
+        szDir[n] = 0;
+    }
+    int fd = open(szDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    fsync(fd);
+    close(fd);
+}
+
+BOOL WriteAndSync(int fd, const char* lpData, size_t nLen)
+{
+    CTalvorFileIO* pIO = CTalvorFileIO::Current();
+    BOOL bOk = TalvorWriteFull(fd, lpData, nLen, 0) && pIO->FSync(fd) == 0;
+    if (pIO->Close(fd) != 0) bOk = FALSE;
+    return bOk;
+}
+
+} // namespace
+
+BOOL ConfigReplaceFileContent(const char* lpPath, const char* lpData, size_t nLen)
+{
+    if (lpPath == nullptr || *lpPath == 0) return FALSE;
+    // Replace what the link points at, not a symbolic link itself.
+    char szReal[PATH_MAX];
+    const char* lpTarget = realpath(lpPath, szReal) != nullptr ? szReal : lpPath;
+
+    char szTemp[PATH_MAX + 32];
+    static unsigned s_nSerial = 0;
+    unsigned nSerial = __atomic_add_fetch(&s_nSerial, 1, __ATOMIC_RELAXED);
+    int nWritten = snprintf(szTemp, sizeof(szTemp), "%s.tmp%d.%u", lpTarget, (int)getpid(), nSerial);
+    if (nWritten < 0 || (size_t)nWritten >= sizeof(szTemp)) return FALSE;
+
+    CTalvorFileIO* pIO = CTalvorFileIO::Current();
+    int fd = pIO->Open(szTemp, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        // No room for a temporary beside the file (a directory we may not
+        // write): rewrite in place, as a plain truncating write would.
+        fd = pIO->Open(lpTarget, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        if (fd < 0) return FALSE;
+        return WriteAndSync(fd, lpData, nLen);
+    }
+    // The new file takes the old one's place, so it takes its mode too.
+    struct stat st;
+    if (stat(lpTarget, &st) == 0) fchmod(fd, st.st_mode & 07777);
+    if (!WriteAndSync(fd, lpData, nLen) || rename(szTemp, lpTarget) != 0) {
+        unlink(szTemp);
+        return FALSE;
+    }
+    SyncDirectoryOf(lpTarget);
+    return TRUE;
+}
+
+// ============================================================ ConfigHelper
+
+char* ConfigHelper::GetText(int* pLen)
+{
+    int iDummy = 0;
+    if (pLen == nullptr) pLen = &iDummy;
+    if (m_pFileName.empty()) {
+        *pLen = -1;
+        return nullptr;
+    }
+    size_t nLen = 0;
+    int nErr = 0;
+    // "rb+": a file we could not write back counts as unreadable.
+    char* lpText = ReadWholeFile(m_pFileName.c_str(), "rb+", &nLen, &nErr);
+    if (lpText == nullptr) {
+        *pLen = nErr != 0 ? -1 : -2;
+        return nullptr;
+    }
+    *pLen = (int)nLen;
+    return lpText;
+}
+
+// Rewrites the file with one line changed, keeping every other byte: the
+// byte-order mark, comments, blank lines and the order of lines. The text is
+// cut at an LF and put together as
+//   before + separator + key=value + line end + after
+// A: the key's line is replaced: before is up to the LF in front of it,
+//    separator LF, line end CR LF when the old line had an LF, after is what
+//    followed that LF.
+// B: the section has no such key: the line goes in front of the next section
+//    head, separator LF, line end CR LF, after is from that head on.
+// C: the section is the last one: the whole file, CR LF, the line, nothing.
+// A section missing from the file is not written at all.
+bool ConfigHelper::updateDisk(const TString& tStrAppName, const TString& tStrKeyName, const TString& tStrValue,
+                              bool bIsAdd)
+{
+    (void)bIsAdd;
+    int iLen = 0;
+    char* lpText = GetText(&iLen);
+    if (lpText == nullptr) return false;
+    size_t nLen = (size_t)iLen;
+    size_t nStart = HasBom(lpText, nLen) ? 3 : 0;
+    if (nStart == nLen) {
+        delete[] lpText;
+        return false;
+    }
+
+    bool bFound = false;
+    bool bPlaced = false;
+    size_t nBefore = nLen;   // bytes of the text kept in front
+    size_t nAfter = nLen;    // offset where the kept tail begins
+    const char* lpSeparator = "\r\n";
+    const char* lpLineEnd = "";
+    size_t nPos = nStart;
+    while (nPos < nLen && !bPlaced) {
+        size_t nLineStart = nPos;
+        const char* lpLf = (const char*)memchr(lpText + nPos, '\n', nLen - nPos);
+        size_t nLineEnd = lpLf != nullptr ? (size_t)(lpLf - lpText) : nLen;
+        nPos = lpLf != nullptr ? nLineEnd + 1 : nLen;
+
+        const char* s = lpText + nLineStart;
+        const char* e = lpText + nLineEnd;
+        trim(s, e);
+        if (s == e || *s == '#') continue;
+
+        // A key line or a head can only be reached after the section's own
+        // head line, so there is always an LF in front of it to cut at.
+        size_t nCut = nLineStart > nStart ? nLineStart - 1 : nLineStart;
+        if (*s == '[' && e[-1] == ']' && e - s >= 2) {
+            if (bFound) {
+                nBefore = nCut;
+                nAfter = nLineStart;
+                lpSeparator = "\n";
+                lpLineEnd = "\r\n";
+                bPlaced = true;
+            } else {
+                TString tName(s + 1, (int)(e - s - 2));
+                bFound = tName == tStrAppName;
+            }
+            continue;
+        }
+        if (!bFound) continue;
+        const char* lpEq = (const char*)memchr(s, '=', (size_t)(e - s));
+        TString tKey(s, (int)((lpEq != nullptr ? lpEq : e) - s));
+        if (tKey == tStrKeyName) {
+            nBefore = nCut;
+            nAfter = nPos;
+            lpSeparator = "\n";
+            lpLineEnd = lpLf != nullptr ? "\r\n" : "";
+            bPlaced = true;
+        }
+    }
+    if (!bFound) {
+        delete[] lpText;
+        return false;
+    }
+
+    size_t nSep = strlen(lpSeparator);
+    size_t nKey = (size_t)tStrKeyName.length();
+    size_t nValue = (size_t)tStrValue.length();
+    size_t nEnd = strlen(lpLineEnd);
+    size_t nTail = nLen - nAfter;
+    size_t nTotal = nBefore + nSep + nKey + 1 + nValue + nEnd + nTail;
+    char* lpNew = new (std::nothrow) char[nTotal];
+    if (lpNew == nullptr) {
+        delete[] lpText;
+        return false;
+    }
+    char* p = lpNew;
+    memcpy(p, lpText, nBefore);
+    p += nBefore;
+    memcpy(p, lpSeparator, nSep);
+    p += nSep;
+    memcpy(p, tStrKeyName.c_str(), nKey);
+    p += nKey;
+    *p++ = '=';
+    memcpy(p, tStrValue.c_str(), nValue);
+    p += nValue;
+    memcpy(p, lpLineEnd, nEnd);
+    p += nEnd;
+    memcpy(p, lpText + nAfter, nTail);
+
+    bool bResult = ConfigReplaceFileContent(m_pFileName.c_str(), lpNew, nTotal) != FALSE;
+    delete[] lpNew;
+    delete[] lpText;
+    return bResult;
+}
+
+// ====================================================== File-direct family
+
+namespace {
+
+inline bool IsBlank(char c) { return isspace((unsigned char)c) != 0; }
+
+void TrimBlanks(const char*& s, const char*& e)
+{
+    while (s < e && IsBlank(*s)) s++;
+    while (e > s && IsBlank(e[-1])) e--;
+}
+
+// One line by the file-direct rules: it ends at LF; only a remainder holding
+// no LF ends at CR. [s, e) is the line trimmed of white space; nNext is where
+// the next line begins.
+struct ProfileLine {
+    size_t nStart;
+    size_t nNext;
+    bool bTerminated;
+    const char* s;
+    const char* e;
+};
+
+bool NextProfileLine(const char* lpText, size_t nLen, size_t& nPos, ProfileLine& line)
+{
+    if (nPos >= nLen) return false;
+    const char* p = lpText + nPos;
+    const char* lpEnd = (const char*)memchr(p, '\n', nLen - nPos);
+    if (lpEnd == nullptr) lpEnd = (const char*)memchr(p, '\r', nLen - nPos);
+    line.nStart = nPos;
+    line.bTerminated = lpEnd != nullptr;
+    if (lpEnd == nullptr) lpEnd = lpText + nLen;
+    line.nNext = line.bTerminated ? (size_t)(lpEnd - lpText) + 1 : nLen;
+    line.s = p;
+    line.e = lpEnd;
+    TrimBlanks(line.s, line.e);
+    nPos = line.nNext;
+    return true;
+}
+
+// Folded compare of the wanted name's length; the file's name must end there.
+bool NameEquals(const char* s, const char* e, const char* lpWant, size_t nWant)
+{
+    if ((size_t)(e - s) != nWant) return false;
+    for (size_t i = 0; i < nWant; i++)
+        if (tolower((unsigned char)s[i]) != tolower((unsigned char)lpWant[i])) return false;
+    return true;
+}
+
+// The name of a head line "[name]...", or false when the line is no head.
+bool HeadName(const ProfileLine& line, const char*& s, const char*& e)
+{
+    if (line.s == line.e || *line.s != '[') return false;
+    const char* lpClose = (const char*)memchr(line.s, ']', (size_t)(line.e - line.s));
+    if (lpClose == nullptr) return false;
+    s = line.s + 1;
+    e = lpClose;
+    TrimBlanks(s, e);
+    return true;
+}
+
+// Appends a name and its NUL to a list; whole names only.
+void AppendName(char* lpOut, DWORD nSize, DWORD& nPos, const char* s, const char* e)
+{
+    size_t n = (size_t)(e - s);
+    if (nPos + n + 1 > nSize - 1) return; // full: later names are dropped
+    memcpy(lpOut + nPos, s, n);
+    nPos += (DWORD)n;
+    lpOut[nPos++] = 0;
+}
+
+DWORD CopyOut(char* lpOut, DWORD nSize, const char* s, size_t n)
+{
+    if (n > nSize - 1) n = nSize - 1;
+    memcpy(lpOut, s, n);
+    lpOut[n] = 0;
+    return (DWORD)n;
+}
+
+DWORD CopyDefault(char* lpOut, DWORD nSize, const char* lpDefault)
+{
+    if (lpDefault == nullptr) lpDefault = "";
+    const char* s = lpDefault;
+    const char* e = s + strlen(s);
+    while (e > s && IsBlank(e[-1])) e--;
+    return CopyOut(lpOut, nSize, s, (size_t)(e - s));
+}
+
+// Wanted names are trimmed of white space like the file's.
+void WantedName(const char* lpName, const char*& s, size_t& n)
+{
+    const char* e = lpName + strlen(lpName);
+    s = lpName;
+    TrimBlanks(s, e);
+    n = (size_t)(e - s);
+}
+
+} // namespace
+
+DWORD GetPrivateProfileString(LPCTSTR lpAppName, LPCTSTR lpKeyName, LPCTSTR lpDefault, LPTSTR lpReturnedString,
+                              DWORD nSize, LPCTSTR lpFileName)
+{
+    if (lpReturnedString == nullptr || nSize == 0) return 0;
+    if (nSize == 1) {
+        lpReturnedString[0] = 0;
+        return 0;
+    }
+    if (lpFileName == nullptr || *lpFileName == 0) return CopyDefault(lpReturnedString, nSize, lpDefault);
+    size_t nLen = 0;
+    int nErr = 0;
+    char* lpText = ReadWholeFile(lpFileName, "r+", &nLen, &nErr);
+    if (lpText == nullptr) return CopyDefault(lpReturnedString, nSize, lpDefault);
+
+    const char* lpApp = nullptr;
+    const char* lpKey = nullptr;
+    size_t nApp = 0;
+    size_t nKey = 0;
+    if (lpAppName != nullptr) WantedName(lpAppName, lpApp, nApp);
+    if (lpKeyName != nullptr) WantedName(lpKeyName, lpKey, nKey);
+
+    DWORD nList = 0;
+    bool bInSection = false;
+    bool bSectionSeen = false;
+    size_t nPos = HasBom(lpText, nLen) ? 3 : 0;
+    ProfileLine line;
+    while (NextProfileLine(lpText, nLen, nPos, line)) {
+        if (line.s == line.e || *line.s == '#') continue;
+        const char* s;
+        const char* e;
+        if (HeadName(line, s, e)) {
+            if (lpAppName == nullptr) {
+                AppendName(lpReturnedString, nSize, nList, s, e);
+                continue;
+            }
+            bInSection = NameEquals(s, e, lpApp, nApp);
+            bSectionSeen = bSectionSeen || bInSection;
+            continue;
+        }
+        if (!bInSection) continue;
+        const char* lpEq = (const char*)memchr(line.s, '=', (size_t)(line.e - line.s));
+        if (lpEq == nullptr) continue;
+        s = line.s;
+        e = lpEq;
+        TrimBlanks(s, e);
+        if (lpKeyName == nullptr) {
+            AppendName(lpReturnedString, nSize, nList, s, e);
+            continue;
+        }
+        if (!NameEquals(s, e, lpKey, nKey)) continue;
+        // The value ends at its first "#", and the blanks in front of it go.
+        const char* v = lpEq + 1;
+        const char* ve = line.e;
+        const char* lpHash = (const char*)memchr(v, '#', (size_t)(ve - v));
+        if (lpHash != nullptr) ve = lpHash;
+        TrimBlanks(v, ve);
+        DWORD nResult = CopyOut(lpReturnedString, nSize, v, (size_t)(ve - v));
+        delete[] lpText;
+        return nResult;
+    }
+    delete[] lpText;
+    if (lpAppName == nullptr || (lpKeyName == nullptr && bSectionSeen)) {
+        lpReturnedString[nList] = 0;
+        return nList;
+    }
+    return CopyDefault(lpReturnedString, nSize, lpDefault);
+}
+
+namespace {
+
+// Until the decimal parser exists this takes what it would for an integer: an
+// optional sign, digits, and a fractional part, which is truncated; blanks
+// around the number are allowed. Anything else gives 0, and a number beyond
+// the range of int is held at its limit.
+int ProfileStringToInt(const char* lpText)
+{
+    const char* p = lpText;
+    while (IsBlank(*p)) p++;
+    bool bNegative = false;
+    if (*p == '+' || *p == '-') bNegative = *p++ == '-';
+    long long llValue = 0;
+    int nDigits = 0;
+    for (; *p >= '0' && *p <= '9'; p++, nDigits++)
+        if (llValue <= (long long)INT_MAX + 1) llValue = llValue * 10 + (*p - '0');
+    if (*p == '.')
+        for (p++; *p >= '0' && *p <= '9'; p++) nDigits++;
+    while (IsBlank(*p)) p++;
+    if (*p != 0 || nDigits == 0) return 0;
+    if (bNegative) llValue = -llValue;
+    if (llValue > INT_MAX) return INT_MAX;
+    if (llValue < INT_MIN) return INT_MIN;
+    return (int)llValue;
+}
+
+bool HasAny(const char* s, const char* e, const char* lpChars)
+{
+    for (; s < e; s++)
+        if (*s != 0 && strchr(lpChars, *s) != nullptr) return true;
+    return false;
+}
+
+} // namespace
+
+int GetPrivateProfileInt(LPCTSTR lpAppName, LPCTSTR lpKeyName, int nDefault, LPCTSTR lpFileName)
+{
+    char szDefault[32];
+    char szValue[32];
+    snprintf(szDefault, sizeof(szDefault), "%d", nDefault);
+    GetPrivateProfileString(lpAppName, lpKeyName, szDefault, szValue, sizeof(szValue), lpFileName);
+    return ProfileStringToInt(szValue);
+}
+
+BOOL WritePrivateProfileString(LPCTSTR lpAppName, LPCTSTR lpKeyName, LPCTSTR lpString, LPCTSTR lpFileName)
+{
+    if (lpAppName == nullptr || lpKeyName == nullptr || lpString == nullptr || lpFileName == nullptr ||
+        *lpFileName == 0)
+        return FALSE;
+    const char* lpApp;
+    const char* lpKey;
+    size_t nApp;
+    size_t nKey;
+    WantedName(lpAppName, lpApp, nApp);
+    WantedName(lpKeyName, lpKey, nKey);
+    size_t nValue = strlen(lpString);
+    // Names and values that would break the line structure are refused
+    // rather than written in a form that reads back differently.
+    if (nApp == 0 || nKey == 0 || HasAny(lpApp, lpApp + nApp, "]\r\n") || HasAny(lpKey, lpKey + nKey, "=\r\n") ||
+        *lpKey == '[' || *lpKey == '#' || HasAny(lpString, lpString + nValue, "\r\n"))
+        return FALSE;
+
+    size_t nLen = 0;
+    int nErr = 0;
+    char* lpText = ReadWholeFile(lpFileName, "rb", &nLen, &nErr);
+    if (lpText == nullptr && nErr != 0 && nErr != ENOENT) return FALSE;
+
+    // Where the new text goes: [nCutFrom, nCutTo) of the old text is replaced
+    // by the prefix, "key=value" and the suffix.
+    size_t nCutFrom = nLen;
+    size_t nCutTo = nLen;
+    const char* lpPrefix = "";
+    const char* lpSuffix = "\n";
+    bool bSectionFound = false;
+    bool bPlaced = false;
+    size_t nInsertAt = 0;        // behind the section's last non-blank line
+    bool bInsertNeedsLf = false; // that line had no line end
+    if (lpText != nullptr) {
+        size_t nPos = HasBom(lpText, nLen) ? 3 : 0;
+        bool bInSection = false;
+        ProfileLine line;
+        while (!bPlaced && NextProfileLine(lpText, nLen, nPos, line)) {
+            const char* s;
+            const char* e;
+            if (HeadName(line, s, e)) {
+                if (bSectionFound && bInSection) break;
+                bInSection = NameEquals(s, e, lpApp, nApp);
+                if (bInSection) {
+                    bSectionFound = true;
+                    nInsertAt = line.nNext;
+                    bInsertNeedsLf = !line.bTerminated;
+                }
+                continue;
+            }
+            if (!bInSection || line.s == line.e) continue;
+            nInsertAt = line.nNext;
+            bInsertNeedsLf = !line.bTerminated;
+            if (*line.s == '#') continue;
+            const char* lpEq = (const char*)memchr(line.s, '=', (size_t)(line.e - line.s));
+            if (lpEq == nullptr) continue;
+            s = line.s;
+            e = lpEq;
+            TrimBlanks(s, e);
+            if (NameEquals(s, e, lpKey, nKey)) {
+                // Only the trimmed text changes: indentation and line end stay.
+                nCutFrom = (size_t)(line.s - lpText);
+                nCutTo = (size_t)(line.e - lpText);
+                lpSuffix = "";
+                bPlaced = true;
+            }
+        }
+        if (!bPlaced && bSectionFound) {
+            nCutFrom = nCutTo = nInsertAt;
+            lpPrefix = bInsertNeedsLf ? "\n" : "";
+            bPlaced = true;
+        }
+    }
+
+    // A new section goes at the end, on a line of its own.
+    size_t nHead = 0;
+    char* lpHead = nullptr;
+    if (!bPlaced) {
+        size_t nBom = lpText != nullptr && HasBom(lpText, nLen) ? 3 : 0;
+        bool bNeedLf = nLen > nBom && lpText[nLen - 1] != '\n' && lpText[nLen - 1] != '\r';
+        lpHead = new (std::nothrow) char[nApp + 5];
+        if (lpHead == nullptr) {
+            delete[] lpText;
+            return FALSE;
+        }
+        nHead = (size_t)sprintf(lpHead, "%s[%.*s]\n", bNeedLf ? "\n" : "", (int)nApp, lpApp);
+    }
+
+    size_t nPrefix = strlen(lpPrefix);
+    size_t nSuffix = strlen(lpSuffix);
+    size_t nTotal = nCutFrom + nHead + nPrefix + nKey + 1 + nValue + nSuffix + (nLen - nCutTo);
+    char* lpNew = new (std::nothrow) char[nTotal + 1];
+    BOOL bResult = FALSE;
+    if (lpNew != nullptr) {
+        char* p = lpNew;
+        if (nCutFrom > 0) memcpy(p, lpText, nCutFrom);
+        p += nCutFrom;
+        if (nHead > 0) memcpy(p, lpHead, nHead);
+        p += nHead;
+        memcpy(p, lpPrefix, nPrefix);
+        p += nPrefix;
+        memcpy(p, lpKey, nKey);
+        p += nKey;
+        *p++ = '=';
+        memcpy(p, lpString, nValue);
+        p += nValue;
+        memcpy(p, lpSuffix, nSuffix);
+        p += nSuffix;
+        if (nLen > nCutTo) memcpy(p, lpText + nCutTo, nLen - nCutTo);
+        bResult = ConfigReplaceFileContent(lpFileName, lpNew, nTotal);
+        delete[] lpNew;
+    }
+    delete[] lpHead;
+    delete[] lpText;
+    return bResult;
+}
