@@ -499,8 +499,11 @@ void GetSystemTimeAsFileTime(FILETIME* pFileTime)
     struct timeval tv;
     gettimeofday(&tv, nullptr);
     unsigned long long t = ((unsigned long long)tv.tv_sec + 11644473600ULL) * 10000000ULL + (unsigned long long)tv.tv_usec * 10ULL;
-    pFileTime->dwLowDateTime = (DWORD)(t & 0xFFFFFFFFu);
-    pFileTime->dwHighDateTime = (DWORD)(t >> 32);
+    // The target often lies inside a packed record at an odd offset.
+    FILETIME ft;
+    ft.dwLowDateTime = (DWORD)(t & 0xFFFFFFFFu);
+    ft.dwHighDateTime = (DWORD)(t >> 32);
+    memcpy((void*)pFileTime, &ft, sizeof(ft));
 }
 
 long long FileTimeToInt64(const FILETIME& ft) { return (long long)(((unsigned long long)ft.dwHighDateTime << 32) | ft.dwLowDateTime); }
