@@ -1,0 +1,227 @@
+// DaemonSandbox.cpp — private trees and namespaces for end-to-end tests.
+#include "DaemonSandbox.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace talvortest {
+
+namespace {
+
+long long NowMs()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+bool CopyFile(const std::string& strFrom, const std::string& strTo)
+{
+    std::string strData = ReadWholeFile(strFrom);
+    if (strData.empty()) return false;
+    if (!WriteWholeFile(strTo, strData)) return false;
+    return chmod(strTo.c_str(), 0755) == 0;
+}
+
+void RemoveTree(const std::string& strPath)
+{
+    if (strPath.size() < 10) return; // never anything near "/"
+    std::string strCmd = "rm -rf '" + strPath + "'";
+    int rc = system(strCmd.c_str());
+    (void)rc;
+}
+
+// Forks and execs args with stdout/stderr to strOut (or /dev/null).
+pid_t ForkExec(const std::vector<std::string>& args, const std::string& strOut)
+{
+    std::vector<char*> argv;
+    for (const std::string& s : args) argv.push_back(const_cast<char*>(s.c_str()));
+    argv.push_back(nullptr);
+    pid_t pid = fork();
+    if (pid != 0) return pid;
+    int fd = open(strOut.empty() ? "/dev/null" : strOut.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd >= 0) {
+        dup2(fd, 1);
+        dup2(fd, 2);
+        close(fd);
+    }
+    int fdNull = open("/dev/null", O_RDONLY);
+    if (fdNull >= 0) {
+        dup2(fdNull, 0);
+        close(fdNull);
+    }
+    execvp(argv[0], argv.data());
+    _exit(127);
+}
+
+} // namespace
+
+std::string ReadWholeFile(const std::string& strPath)
+{
+    std::ifstream in(strPath, std::ios::binary);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+bool WriteWholeFile(const std::string& strPath, const std::string& strData)
+{
+    std::ofstream out(strPath, std::ios::binary | std::ios::trunc);
+    out << strData;
+    return static_cast<bool>(out);
+}
+
+DaemonSandbox::DaemonSandbox()
+{
+    char szTemplate[] = "/tmp/talvor-sandbox-XXXXXX";
+    if (mkdtemp(szTemplate) == nullptr) return;
+    m_strRoot = szTemplate;
+    mkdir(BinDir().c_str(), 0755);
+    mkdir((m_strRoot + "/Data").c_str(), 0755);
+    mkdir(DataDir().c_str(), 0755);
+    if (!CopyFile(std::string(TALVOR_BIN_DIR) + "/TalvorStorage", BinDir() + "TalvorStorage")) return;
+
+    // The holder makes the namespaces and sleeps; it tells us it is ready by
+    // closing its end of the pipe after the mounts.
+    int arPipe[2];
+    if (pipe(arPipe) != 0) return;
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(arPipe[0]);
+        dup2(arPipe[1], 3);
+        execlp("unshare", "unshare", "--ipc", "--mount", "--propagation", "private", "sh", "-c",
+               "mount -t tmpfs -o mode=1777 tmpfs /dev/shm && mount -t tmpfs -o mode=755 tmpfs /var/run && "
+               "echo ready >&3 && exec 3>&- && exec sleep 100000",
+               (char*)nullptr);
+        _exit(127);
+    }
+    close(arPipe[1]);
+    char szBuf[8] = {0};
+    ssize_t n = read(arPipe[0], szBuf, sizeof(szBuf) - 1);
+    close(arPipe[0]);
+    if (pid > 0 && n > 0 && strncmp(szBuf, "ready", 5) == 0) {
+        m_nHolderPid = pid;
+    } else if (pid > 0) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+}
+
+DaemonSandbox::~DaemonSandbox()
+{
+    for (pid_t pid : m_vSpawned) {
+        if (kill(pid, 0) == 0) kill(pid, SIGKILL);
+        waitpid(pid, nullptr, WNOHANG);
+    }
+    for (pid_t pid : m_vSpawned) waitpid(pid, nullptr, 0);
+    if (m_nHolderPid > 0) {
+        kill(m_nHolderPid, SIGKILL);
+        waitpid(m_nHolderPid, nullptr, 0);
+    }
+    if (getenv("TALVOR_KEEP_SANDBOX") == nullptr) RemoveTree(m_strRoot);
+}
+
+void DaemonSandbox::WriteIni(const std::string& strText) { WriteWholeFile(IniPath(), strText); }
+
+void DaemonSandbox::WriteDefaultIni()
+{
+    WriteIni("[System]\r\ndatabasepath=" + DataDir() + "\r\nLanguage=0\r\npersistenceintervals=3\r\n");
+}
+
+void DaemonSandbox::RemoveIni() { unlink(IniPath().c_str()); }
+
+pid_t DaemonSandbox::Spawn(const std::vector<std::string>& args, const std::string& strOutName)
+{
+    if (m_nHolderPid <= 0) return -1;
+    std::vector<std::string> full = {"nsenter", "-t", std::to_string(m_nHolderPid), "--ipc", "--mount", "--"};
+    full.insert(full.end(), args.begin(), args.end());
+    pid_t pid = ForkExec(full, strOutName.empty() ? "" : m_strRoot + "/" + strOutName + ".out");
+    if (pid > 0) m_vSpawned.push_back(pid);
+    return pid;
+}
+
+int DaemonSandbox::Run(const std::vector<std::string>& args, int nTimeoutMs, std::string* pOutput)
+{
+    static int s_nRun = 0;
+    std::string strName = "run" + std::to_string(++s_nRun);
+    pid_t pid = Spawn(args, strName);
+    if (pid < 0) return -1;
+    int nStatus = WaitExit(pid, nTimeoutMs);
+    if (nStatus == -1) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    if (pOutput != nullptr) *pOutput = ReadWholeFile(m_strRoot + "/" + strName + ".out");
+    return nStatus;
+}
+
+pid_t DaemonSandbox::StartDaemon() { return Spawn({BinDir() + "TalvorStorage"}, "daemon"); }
+
+bool DaemonSandbox::WaitForTrace(const std::string& strText, int nTimeoutMs)
+{
+    long long nDeadline = NowMs() + nTimeoutMs;
+    while (NowMs() < nDeadline) {
+        if (ReadDaemonTrace().find(strText) != std::string::npos) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return ReadDaemonTrace().find(strText) != std::string::npos;
+}
+
+int DaemonSandbox::WaitExit(pid_t pid, int nTimeoutMs)
+{
+    long long nDeadline = NowMs() + nTimeoutMs;
+    for (;;) {
+        int nStatus = 0;
+        pid_t r = waitpid(pid, &nStatus, WNOHANG);
+        if (r == pid) {
+            m_vSpawned.erase(std::remove(m_vSpawned.begin(), m_vSpawned.end(), pid), m_vSpawned.end());
+            if (WIFEXITED(nStatus)) return WEXITSTATUS(nStatus);
+            return 128 + WTERMSIG(nStatus);
+        }
+        if (r < 0) return -2;
+        if (NowMs() >= nDeadline) return -1;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+bool DaemonSandbox::IsRunning(pid_t pid)
+{
+    int nStatus = 0;
+    return waitpid(pid, &nStatus, WNOHANG) == 0;
+}
+
+void DaemonSandbox::Signal(pid_t pid, int nSignal) { kill(pid, nSignal); }
+
+std::vector<std::string> DaemonSandbox::ListFiles(const std::string& strDir, const std::string& strPrefix) const
+{
+    std::vector<std::string> files;
+    DIR* pDir = opendir(strDir.c_str());
+    if (pDir == nullptr) return files;
+    while (struct dirent* pEntry = readdir(pDir)) {
+        std::string strName = pEntry->d_name;
+        if (strName.compare(0, strPrefix.size(), strPrefix) == 0) files.push_back(strDir + strName);
+    }
+    closedir(pDir);
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+std::string DaemonSandbox::ReadDaemonTrace() const
+{
+    std::string strAll;
+    for (const std::string& strFile : ListFiles(LogDir(), "TalvorStorage")) strAll += ReadWholeFile(strFile);
+    return strAll;
+}
+
+} // namespace talvortest
