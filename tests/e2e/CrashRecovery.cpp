@@ -1,0 +1,199 @@
+// End-to-end: crash containment of the daemon's threads, and the trace of
+// both processes around it. A database made by talvor-mkdb lets the daemon
+// reach its serving state; talvor-peer stands in for the engine. Both tools
+// are looked for beside the daemon; a test that needs a missing one is
+// skipped, saying which.
+#include "DaemonSandbox.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <csignal>
+#include <dirent.h>
+#include <regex>
+#include <set>
+#include <sys/syscall.h>
+#include <thread>
+#include <unistd.h>
+
+using talvortest::DaemonSandbox;
+using talvortest::ReadWholeFile;
+
+namespace {
+
+const int START_TIMEOUT_MS = 20000;
+const int STOP_TIMEOUT_MS = 60000;
+const std::string MKDB = std::string(TALVOR_BIN_DIR) + "/talvor-mkdb";
+const std::string PEER = std::string(TALVOR_BIN_DIR) + "/talvor-peer";
+
+bool ToolExists(const std::string& strPath) { return access(strPath.c_str(), X_OK) == 0; }
+
+std::set<int> TaskIds(pid_t pid)
+{
+    std::set<int> tasks;
+    DIR* pDir = opendir(("/proc/" + std::to_string(pid) + "/task").c_str());
+    if (pDir == nullptr) return tasks;
+    while (struct dirent* pEntry = readdir(pDir)) {
+        if (pEntry->d_name[0] != '.') tasks.insert(atoi(pEntry->d_name));
+    }
+    closedir(pDir);
+    return tasks;
+}
+
+size_t CountOf(const std::string& strText, const std::string& strWhat)
+{
+    size_t n = 0;
+    for (size_t nPos = strText.find(strWhat); nPos != std::string::npos; nPos = strText.find(strWhat, nPos + 1)) n++;
+    return n;
+}
+
+// The thread id in the title of the first line that ends in strText.
+int ThreadOfLine(const std::string& strTrace, long nCode, const std::string& strFunction, const std::string& strText)
+{
+    std::regex reLine(R"((\d+)\t 3 +)" + std::to_string(nCode) + " " + strFunction + " " + strText);
+    std::smatch m;
+    return std::regex_search(strTrace, m, reLine) ? std::stoi(m[1]) : 0;
+}
+
+bool WaitFor(const std::function<bool()>& pred, int nTimeoutMs)
+{
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(nTimeoutMs);
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() > end) return pred();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+class CrashRecovery : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!ToolExists(MKDB)) GTEST_SKIP() << "talvor-mkdb is not built: no database, no serving daemon";
+        ASSERT_TRUE(m_box.Ok());
+        m_box.WriteDefaultIni();
+        std::string strOut;
+        ASSERT_EQ(0, m_box.Run({MKDB, "--dir", m_box.DataDir()}, 60000, &strOut)) << strOut;
+    }
+
+    // Starts the daemon (with TALVOR_TEST_CRASH if given) and waits until it
+    // serves.
+    pid_t StartServing(const std::string& strTestCrash)
+    {
+        std::vector<std::string> args;
+        if (!strTestCrash.empty()) args = {"env", "TALVOR_TEST_CRASH=" + strTestCrash};
+        args.push_back(m_box.BinDir() + "TalvorStorage");
+        pid_t pid = m_box.Spawn(args, "daemon");
+        EXPECT_GT(pid, 0);
+        EXPECT_TRUE(m_box.WaitForTrace("Talvor storage service started!", START_TIMEOUT_MS)) << m_box.ReadDaemonTrace();
+        return pid;
+    }
+
+    // SIGTERM, and the daemon goes all the way down.
+    void StopCleanly(pid_t pid)
+    {
+        m_box.Signal(pid, SIGTERM);
+        EXPECT_EQ(0, m_box.WaitExit(pid, STOP_TIMEOUT_MS)) << m_box.ReadDaemonTrace();
+        EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("Talvor storage service closed!"));
+    }
+
+    std::string ServiceTrace() const
+    {
+        std::string strAll;
+        for (const std::string& strFile : m_box.ListFiles(m_box.LogDir(), "TalvorService")) strAll += ReadWholeFile(strFile);
+        return strAll;
+    }
+
+    DaemonSandbox m_box;
+};
+
+TEST_F(CrashRecovery, StorageThreadFaultIsTracedRestartedAndItsLatchIsFree)
+{
+    pid_t pid = StartServing("storage");
+    ASSERT_TRUE(m_box.WaitForTrace("has been submitted for automatic recovery", START_TIMEOUT_MS))
+        << m_box.ReadDaemonTrace();
+    // The restarted thread takes the latch the crashed one held at its fault.
+    ASSERT_TRUE(m_box.WaitForTrace("test: the restarted storage thread took m_crit", START_TIMEOUT_MS))
+        << m_box.ReadDaemonTrace();
+    std::string strTrace = m_box.ReadDaemonTrace();
+    EXPECT_NE(std::string::npos,
+              strTrace.find("SEGVINFO:[access address: 0x10; error code: 1; error info: Address not mapped to object.]"));
+    EXPECT_NE(std::string::npos, strTrace.find("Received signal 11(Segmentation fault)! Stack trace:"));
+    // A frame of the thread's entry, demangled, with its source line.
+    EXPECT_TRUE(std::regex_search(strTrace, std::regex(R"(10002020 CrashHandler CBreltMemStorageModule::TalvorStorageThread\(void\*\) \S*BreltMemStorageThread\.cpp:\d+)")))
+        << strTrace;
+    int nCrashed = 0;
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(strTrace, m, std::regex(R"(Thread \[(\d+)\] has been submitted)")));
+    nCrashed = std::stoi(m[1]);
+    EXPECT_TRUE(WaitFor([&] { return TaskIds(pid).count(nCrashed) == 0; }, 5000)) << "the crashed thread lingers";
+    EXPECT_TRUE(m_box.IsRunning(pid));
+    StopCleanly(pid);
+}
+
+// A signal sent from outside to one contained thread: traced as such, the
+// thread is restarted and does its work again.
+TEST_F(CrashRecovery, SignalSentToTheTraceCopierRestartsIt)
+{
+    if (!ToolExists(PEER)) GTEST_SKIP() << "talvor-peer is not built";
+    pid_t pid = StartServing("");
+    ASSERT_TRUE(m_box.WaitForTrace("Log Writer thread started!", START_TIMEOUT_MS));
+    int nCopier = ThreadOfLine(m_box.ReadDaemonTrace(), 20010001, "WriteTraceThread", "Log Writer thread started!");
+    ASSERT_GT(nCopier, 0);
+    ASSERT_EQ(0, syscall(SYS_tgkill, pid, nCopier, SIGSEGV));
+    ASSERT_TRUE(m_box.WaitForTrace("Thread [" + std::to_string(nCopier) + "] has been submitted for automatic recovery",
+                                   START_TIMEOUT_MS))
+        << m_box.ReadDaemonTrace();
+    ASSERT_TRUE(WaitFor([&] { return CountOf(m_box.ReadDaemonTrace(), "Log Writer thread started!") == 2; }, 10000))
+        << m_box.ReadDaemonTrace();
+    EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("error info: the signal may send by other process.]"));
+
+    std::string strOut;
+    ASSERT_EQ(0, m_box.Run({PEER, "trace", "--pid", "777", "--text", "engine line after the restart", "--title"}, 30000,
+                           &strOut))
+        << strOut;
+    EXPECT_TRUE(WaitFor([&] { return ServiceTrace().find("engine line after the restart") != std::string::npos; }, 10000));
+    EXPECT_NE(std::string::npos, ServiceTrace().find("Service processid:777\r\n"));
+    StopCleanly(pid);
+}
+
+TEST_F(CrashRecovery, FaultOfTheDaemonsOwnWriterLosesNoLaterLine)
+{
+    pid_t pid = StartServing("tracewriter");
+    std::string strTrace = m_box.ReadDaemonTrace();
+    EXPECT_NE(std::string::npos, strTrace.find("Received signal 11(Segmentation fault)! Stack trace:")) << strTrace;
+    EXPECT_NE(std::string::npos, strTrace.find("has been submitted for automatic recovery"));
+    StopCleanly(pid);
+}
+
+TEST_F(CrashRecovery, CopierFaultAtStartThenEngineTextArrives)
+{
+    if (!ToolExists(PEER)) GTEST_SKIP() << "talvor-peer is not built";
+    pid_t pid = StartServing("tracecopier");
+    ASSERT_TRUE(WaitFor([&] { return CountOf(m_box.ReadDaemonTrace(), "Log Writer thread started!") == 2; }, 10000))
+        << m_box.ReadDaemonTrace();
+    std::string strOut;
+    ASSERT_EQ(0, m_box.Run({PEER, "trace", "--text", "after the copier's crash", "--repeat", "3"}, 30000, &strOut))
+        << strOut;
+    EXPECT_TRUE(WaitFor([&] { return CountOf(ServiceTrace(), "after the copier's crash") == 3; }, 10000)) << ServiceTrace();
+    StopCleanly(pid);
+}
+
+// Sent to the process, the signal lands on the main thread, which has no
+// jump point: it is traced, and that thread alone ends.
+TEST_F(CrashRecovery, SignalSentToTheProcessIsTracedAsSentByAnotherProcess)
+{
+    pid_t pid = StartServing("");
+    ASSERT_EQ(0, kill(pid, SIGSEGV));
+    ASSERT_TRUE(m_box.WaitForTrace("error info: the signal may send by other process.]", START_TIMEOUT_MS))
+        << m_box.ReadDaemonTrace();
+    EXPECT_TRUE(m_box.WaitForTrace("Thread [" + std::to_string(pid) + "] cannot be submitted for automatic recovery",
+                                   START_TIMEOUT_MS))
+        << m_box.ReadDaemonTrace();
+    // Without its main thread nothing stops the service in order.
+    m_box.Signal(pid, SIGKILL);
+    m_box.WaitExit(pid, STOP_TIMEOUT_MS);
+}
+
+} // namespace

@@ -1,0 +1,31 @@
+// PeerJobs.h — the jobs of the engine stand-in. Each job is one thing the
+// engine does towards the daemon, on the shared records as the engine would;
+// a new job is a function here and a row in the table of main.cpp.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace talvorpeer {
+
+// Exit statuses shared by all jobs.
+enum PeerExit {
+    PEER_OK = 0,
+    PEER_USAGE = 1,      // bad command line
+    PEER_IPC = 2,        // a segment or semaphore could not be had
+    PEER_TIMEOUT = 3,    // the daemon did not take what was given in time
+    PEER_INPUT = 4,      // an input file could not be read
+};
+
+struct PeerJob {
+    const char* m_lpName;
+    const char* m_lpSummary;
+    int (*m_pRun)(const std::vector<std::string>& args);
+    std::string (*m_pUsage)();
+};
+
+// trace: writes text into the trace ring as the engine does.
+int RunTraceJob(const std::vector<std::string>& args);
+std::string TraceJobUsage();
+
+} // namespace talvorpeer

@@ -1,0 +1,56 @@
+// main.cpp — talvor-peer, the stand-in for the engine (TalvorService) in
+// tests and demonstrations: "talvor-peer JOB [options]".
+#include "PeerJobs.h"
+#include "PeerRedo.h"
+
+#include <cstdio>
+#include <cstring>
+
+using namespace talvorpeer;
+
+namespace {
+
+const PeerJob g_arJobs[] = {
+    {"trace", "write text into the trace ring as the engine does", RunTraceJob, TraceJobUsage},
+    {"redo", "commit redo records into the redo ring as the engine does", RunRedoJob, RedoJobUsage},
+};
+
+void PrintUsage(FILE* pOut)
+{
+    fprintf(pOut, "usage: talvor-peer JOB [options]\n       talvor-peer help JOB\n\njobs:\n");
+    for (const PeerJob& job : g_arJobs) fprintf(pOut, "  %-10s %s\n", job.m_lpName, job.m_lpSummary);
+}
+
+const PeerJob* FindJob(const char* lpName)
+{
+    for (const PeerJob& job : g_arJobs) {
+        if (strcmp(job.m_lpName, lpName) == 0) return &job;
+    }
+    return nullptr;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc < 2) {
+        PrintUsage(stderr);
+        return PEER_USAGE;
+    }
+    if (strcmp(argv[1], "help") == 0 || strcmp(argv[1], "--help") == 0) {
+        const PeerJob* pJob = argc > 2 ? FindJob(argv[2]) : nullptr;
+        if (pJob != nullptr)
+            fputs(pJob->m_pUsage().c_str(), stdout);
+        else
+            PrintUsage(stdout);
+        return PEER_OK;
+    }
+    const PeerJob* pJob = FindJob(argv[1]);
+    if (pJob == nullptr) {
+        fprintf(stderr, "talvor-peer: unknown job \"%s\"\n", argv[1]);
+        PrintUsage(stderr);
+        return PEER_USAGE;
+    }
+    std::vector<std::string> args(argv + 2, argv + argc);
+    return pJob->m_pRun(args);
+}
