@@ -1,0 +1,81 @@
+// TalvorMemoryStorage.h — the backend of a memory-mode file (types 1 to 4):
+// one disk file and one SysV segment of exactly its size, in which the
+// engine reads and changes the file.
+//
+// The segment of file number n has the key 0x514E4600 + n and outlives the
+// daemon: found at start, it is kept as it is and the file is not read.
+// The class keeps no lock of its own: calls that change a file come from one
+// thread at a time (the start, then the storage thread), while the engine
+// works in the image.
+//
+// Split by concern: TalvorMemoryStorage.cpp (open, load, release, the small
+// operations), TalvorMemoryStorageFile.cpp (create, write out whole, make
+// directories), TalvorMemoryStorageResize.cpp (grow).
+#pragma once
+
+#include "LinuxCommonAPI.h"
+#include "MemDBCommonDef.h"
+#include "TalvorStorageDef.h"
+#include "TypeDef.h"
+
+#include <cstring>
+
+// m_pLoadSize points into a byte-packed row of the system file, so the value
+// may lie on any byte: it is stored without assuming alignment.
+inline void TalvorSetLoadSize(LPFILEINFO pFileInfo, long long nValue)
+{
+    if (pFileInfo->m_pLoadSize != nullptr) memcpy((void*)pFileInfo->m_pLoadSize, &nValue, sizeof(nValue));
+}
+
+class CTalvorMemoryStorage : public IVirtualStorageFile {
+public:
+    CTalvorMemoryStorage();
+    virtual ~CTalvorMemoryStorage();
+
+    int Release() override;
+    int Initialize(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, long long nTimestamp,
+                   CTalvorFlashback* pFlashback, LPTALVORPROGRESS lpTalvorProgress, long long nTotalProgress,
+                   BYTE bOpenFileUseBuffer) override;
+    int SaveChange2File(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, long long nTimestamp,
+                        long long nLastSaveTimestamp, LPBYTE lpBuffer, LPBYTE lpHeadBuf, BOOL bForce,
+                        BOOL& bFlashbackFlag) override;
+    int ChangeFileSize(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, long long nTimestamp,
+                       long long nLastSaveTimestamp, LPBYTE lpBuffer, LPBYTE lpHeadBuf, long long nFileSize,
+                       int nBufferSize, LPTALVORPROGRESS lpTalvorProgress) override;
+    int NewFile(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, LPBYTE& lpBuffer, int& nInPutBufSize,
+                USHORT usDatabaseGuid, CTalvorFlashback* pFlashback, LPTALVORPROGRESS lpTalvorProgress,
+                BYTE bOpenFileUseBuffer) override;
+    int Save2File(LPFILEINFO pFileInfo, BOOL bNewFile, LPTALVORPROGRESS lpTalvorProgress) override;
+    int LoadBlock(LPTALVORCRITICALSECTION lpCritSection, BYTE bFileNo, UINT nBlockNo, long long& llFileBlockOffset,
+                  int nBlockSize, LPBYTE lpBuf) override;
+    int FlushBlock(LPTALVORCRITICALSECTION lpCritSection, stu_CacheFlush* pCacheFlush, LPBYTE lpBuffer) override;
+    int ChangeFilePath(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, char* lpszFilePath,
+                       LPBYTE lpBuffer, int nBufferSize, LPTALVORPROGRESS lpTalvorProgress,
+                       BYTE bOpenFileUseBuffer) override;
+    long long GetFreeMemoryOffset(LPFILEINFO pFileInfo) override;
+    int OpenFile(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, BYTE bOpenFileUseBuffer) override;
+    int GetHeadSize(LPFILEINFO pFileInfo) override;
+    int ReadBlock(LPTALVORCRITICALSECTION lpCritSection, long long llPos, LPBYTE lpBuf, int nSize) override;
+    long long GetFileTimestamp(LPFILEINFO pFileInfo) override;
+    BOOL CheckSpace(LPFILEINFO pFileInfo) override;
+    void TestSpeed(LPTALVORCRITICALSECTION lpCritSection, LPBYTE lpBuffer, int nType, int nBufferSize) override;
+    BOOL CheckFlush() override;
+    int FlushBuffer(LPTALVORCRITICALSECTION lpCritSection) override;
+
+    // Makes the directories of a file's path. 0 for an empty path, else 1
+    // whatever happened: the creation of the file tells.
+    BOOL MakeDir(char* lpszFilePath);
+
+    LPFILEINFO m_pFileInfo;
+    CTalvorFlashback* m_pFlashback;
+
+private:
+    // Open flags by type: the system file takes small writes at odd offsets
+    // and is opened plain; the others are direct and synchronous.
+    static int OpenFlags(BYTE bFileType, BOOL bCreate);
+    int OpenExistingFile();
+    BOOL SettleFileSize();
+    int AttachSegment(BOOL& bExists);
+    int LoadImage(LPTALVORPROGRESS lpTalvorProgress, long long nTotalProgress);
+    int CheckImageHead();
+};

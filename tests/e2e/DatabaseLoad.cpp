@@ -1,0 +1,113 @@
+// End-to-end: a database made by talvor-mkdb comes up in the daemon. Every
+// memory-mode file is in its own segment, equal to the file up to the free
+// offset and zero above it; progress and readiness show in the channel; a
+// SIGTERM writes the parameters back and removes every segment.
+#include "DatabaseLoadKit.h"
+
+#include <csignal>
+#include <cstring>
+#include <gtest/gtest.h>
+
+using namespace talvortest;
+
+namespace {
+
+// Moves Data2.dbf's free offset to 12 MiB with data below it, and puts
+// bytes from 16 MiB on that a load must never read: the piece at 8 MiB
+// begins below the free offset and is read whole, the one at 16 MiB is not.
+void FillDataFile(const std::string& strPath)
+{
+    std::string strFile = ReadWholeFile(strPath);
+    ASSERT_EQ((size_t)(20 * E2E_MIB), strFile.size());
+    LPBASEFILEHEAD lpHead = (LPBASEFILEHEAD)&strFile[0];
+    long long nUsed = lpHead->m_nFileFreeMemoryOffset;
+    for (long long i = nUsed; i < 12 * E2E_MIB; i++) strFile[(size_t)i] = (char)((i * 7 >> 8) | 1);
+    for (long long i = 16 * E2E_MIB; i < 20 * E2E_MIB; i++) strFile[(size_t)i] = (char)0xA5;
+    lpHead->m_nFileFreeMemoryOffset = 12 * E2E_MIB;
+    ASSERT_TRUE(WriteWholeFile(strPath, strFile));
+}
+
+} // namespace
+
+TEST(DatabaseLoad, MadeDatabaseLoadsEveryImageAsItsFileAndStopsClean)
+{
+    ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
+    DaemonSandbox box;
+    ASSERT_TRUE(box.Ok());
+    std::string strMade;
+    ASSERT_EQ(0, MakeDb(box, box.DataDir(), {"--name", "E2E", "--data-file", "20", "--btree-file", "4", "--kv-file", "8"},
+                        &strMade));
+    EXPECT_NE(std::string::npos, strMade.find("Data2.dbf")) << strMade;
+    FillDataFile(box.DataDir() + "Data2.dbf");
+    WriteDbIni(box, box.DataDir());
+
+    pid_t pid = box.StartDaemon();
+    ASSERT_GT(pid, 0);
+    ASSERT_TRUE(WaitReady(box)) << box.ReadDaemonTrace();
+
+    struct Expect {
+        int nFileNo;
+        const char* lpName;
+        long long nSize;
+    } arFiles[] = {{2, "Data2.dbf", 20 * E2E_MIB}, {3, "BTree3.dbf", 4 * E2E_MIB}, {4, "KV4.dbf", 8 * E2E_MIB}};
+    for (const Expect& e : arFiles) {
+        std::string strFile = ReadWholeFile(box.DataDir() + e.lpName);
+        std::string strImage = DumpImage(box, e.nFileNo);
+        ASSERT_EQ((size_t)e.nSize, strImage.size()) << e.lpName;
+        long long nFree = ((LPBASEFILEHEAD)strFile.data())->m_nFileFreeMemoryOffset;
+        ASSERT_GT(nFree, 0);
+        EXPECT_EQ(0, memcmp(strImage.data(), strFile.data(), (size_t)nFree)) << e.lpName;
+        EXPECT_EQ(std::string::npos, strImage.find_first_not_of('\0', (size_t)nFree)) << e.lpName;
+    }
+    // The junk past 16 MiB is in the file and not in the image.
+    EXPECT_EQ((char)0xA5, ReadWholeFile(box.DataDir() + "Data2.dbf")[(size_t)(17 * E2E_MIB)]);
+
+    Inspection st = Inspect(box, box.DataDir());
+    ASSERT_TRUE(st.m_bRan) << st.m_strText;
+    EXPECT_TRUE(st.m_bSystemImage);
+    EXPECT_EQ(0, st.m_nSystemStatus);  // ready
+    EXPECT_EQ(2, st.m_nStatus);
+    EXPECT_EQ("Loading...", st.m_strTitle);
+    EXPECT_EQ(4 + 20 + 4 + 8, st.m_nPos);
+    EXPECT_EQ(4 + 20 + 4 + 8, st.m_nTotal);
+    for (const Expect& e : arFiles) {
+        ASSERT_EQ(1u, st.m_mapFiles.count(e.nFileNo)) << st.m_strText;
+        EXPECT_EQ(e.nSize, st.m_mapFiles[e.nFileNo].m_nLoadSize) << e.lpName;
+    }
+    EXPECT_EQ(4 * E2E_MIB, st.m_mapFiles[1].m_nLoadSize);
+    // The system image is the file but for what the start refreshed.
+    std::string strSystem = DumpImage(box, 1);
+    ASSERT_EQ((size_t)(4 * E2E_MIB), strSystem.size());
+    EXPECT_EQ(SYSTEMFILE_DATAFLAG, Val(((LPSYSTEMFILEHEAD)strSystem.data())->m_nDataFlag));
+
+    std::string strTrace = box.ReadDaemonTrace();
+    EXPECT_NE(std::string::npos, strTrace.find("Read the data file, file path: " + box.DataDir() +
+                                               "Data2.dbf, file size: 20971520"))
+        << strTrace;
+
+    box.Signal(pid, SIGTERM);
+    EXPECT_EQ(0, box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS));
+    strTrace = box.ReadDaemonTrace();
+    EXPECT_NE(std::string::npos, strTrace.find("Talvor storage service stopped")) << strTrace;
+    Inspection stAfter = Inspect(box, box.DataDir());
+    EXPECT_FALSE(stAfter.m_bSystemImage) << stAfter.m_strText;
+    for (const Expect& e : arFiles) EXPECT_FALSE(stAfter.m_mapFiles[e.nFileNo].m_bImage) << e.lpName;
+    EXPECT_FALSE(stAfter.m_bProgress);
+    std::string strIni = ReadWholeFile(box.IniPath());
+    EXPECT_NE(std::string::npos, strIni.find("systemfile=System.dbf")) << strIni;
+    EXPECT_NE(std::string::npos, strIni.find("listenip=0.0.0.0")) << strIni;
+}
+
+TEST(DatabaseLoad, MakerRefusesAnExistingDatabaseAndWritesNothing)
+{
+    ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
+    DaemonSandbox box;
+    ASSERT_TRUE(box.Ok());
+    ASSERT_EQ(0, MakeDb(box, box.DataDir(), {"--data-file", "2"}));
+    std::map<std::string, std::string> mapBefore = Snapshot(box.DataDir(), {"System.dbf", "Data2.dbf"});
+    std::string strOut;
+    EXPECT_EQ(1, MakeDb(box, box.DataDir(), {"--data-file", "3", "--kv-file", "2"}, &strOut));
+    EXPECT_NE(std::string::npos, strOut.find("exists already")) << strOut;
+    EXPECT_EQ(mapBefore, Snapshot(box.DataDir(), {"System.dbf", "Data2.dbf"}));
+    EXPECT_TRUE(box.ListFiles(box.DataDir(), "KV").empty());
+}

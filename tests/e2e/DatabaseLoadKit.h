@@ -1,0 +1,158 @@
+// DatabaseLoadKit.h — what the end-to-end tests of a running daemon share:
+// a database made by talvor-mkdb in the sandbox, an ini that runs it, and a
+// look at the daemon's images from inside its namespace (talvor-mkdb
+// --inspect and --dump-image).
+#pragma once
+
+#include "DaemonSandbox.h"
+#include "DbFileLayout.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace talvortest {
+
+// Fields of byte-packed records may lie on any byte: assertions take them
+// by value, never by reference.
+template <class T>
+T Val(T v)
+{
+    return v;
+}
+
+const int DAEMON_START_TIMEOUT_MS = 30000;
+const int DAEMON_STOP_TIMEOUT_MS = 30000;
+const long long E2E_MIB = 1048576;
+
+inline std::string MkdbPath() { return std::string(TALVOR_BIN_DIR) + "/talvor-mkdb"; }
+
+inline bool MkdbBuilt()
+{
+    struct stat st;
+    return stat(MkdbPath().c_str(), &st) == 0;
+}
+
+// talvor-mkdb --dir strDir with the given file arguments; small redo
+// groups keep the sandbox small.
+inline int MakeDb(DaemonSandbox& box, const std::string& strDir, const std::vector<std::string>& vArgs,
+                  std::string* pOutput = nullptr)
+{
+    std::vector<std::string> vCmd = {MkdbPath(), "--dir", strDir, "--redo-size", "1"};
+    vCmd.insert(vCmd.end(), vArgs.begin(), vArgs.end());
+    return box.Run(vCmd, 60000, pOutput);
+}
+
+// An ini that runs a memory-mode database without the shared cache and with
+// a small undo area; strExtra goes into [System].
+inline void WriteDbIni(DaemonSandbox& box, const std::string& strDatabasePath, const std::string& strExtra = "")
+{
+    box.WriteIni("[System]\r\ndatabasepath=" + strDatabasePath + "\r\nLanguage=0\r\nbuffercachesize=0\r\n"
+                 "undoareasize=16\r\npersistenceintervals=3\r\n" + strExtra);
+}
+
+struct InspectedFile {
+    bool m_bImage = false;
+    long long m_nSize = -1, m_nImageSize = -1, m_nFree = -1, m_nLoadSize = -1, m_nFirstDiff = -2,
+              m_nFirstNonZero = -2;
+    std::string m_strPath;
+};
+
+struct Inspection {
+    bool m_bRan = false;
+    bool m_bSystemImage = false;
+    int m_nSystemStatus = -1;
+    std::map<int, InspectedFile> m_mapFiles;
+    bool m_bProgress = false;
+    int m_nStatus = -1, m_nPos = -1, m_nTotal = -1;
+    std::string m_strTitle;
+    std::string m_strText;
+};
+
+inline long long FieldOf(const std::string& strLine, const std::string& strKey)
+{
+    size_t n = strLine.find(" " + strKey + "=");
+    if (n == std::string::npos) return -3;
+    return atoll(strLine.c_str() + n + strKey.size() + 2);
+}
+
+inline Inspection Inspect(DaemonSandbox& box, const std::string& strDir)
+{
+    Inspection st;
+    st.m_bRan = box.Run({MkdbPath(), "--inspect", strDir}, 30000, &st.m_strText) == 0;
+    std::istringstream in(st.m_strText);
+    std::string strLine;
+    while (std::getline(in, strLine)) {
+        if (strLine.rfind("system image=yes", 0) == 0) {
+            st.m_bSystemImage = true;
+            st.m_nSystemStatus = (int)FieldOf(strLine, "status");
+        } else if (strLine.rfind("file=", 0) == 0) {
+            InspectedFile f;
+            int nFileNo = atoi(strLine.c_str() + 5);
+            f.m_bImage = strLine.find(" image=yes") != std::string::npos;
+            f.m_nSize = FieldOf(strLine, "size");
+            f.m_nImageSize = FieldOf(strLine, "imagesize");
+            f.m_nFree = FieldOf(strLine, "free");
+            f.m_nLoadSize = FieldOf(strLine, "loadsize");
+            f.m_nFirstDiff = FieldOf(strLine, "firstdiff");
+            f.m_nFirstNonZero = FieldOf(strLine, "firstnonzeroafterfree");
+            size_t nPath = strLine.find(" path=");
+            if (nPath != std::string::npos) f.m_strPath = strLine.substr(nPath + 6);
+            st.m_mapFiles[nFileNo] = f;
+        } else if (strLine.rfind("progress status=", 0) == 0) {
+            st.m_bProgress = true;
+            st.m_nStatus = (int)FieldOf(strLine, "status");
+            st.m_nPos = (int)FieldOf(strLine, "pos");
+            st.m_nTotal = (int)FieldOf(strLine, "total");
+            size_t nTitle = strLine.find(" title=");
+            if (nTitle != std::string::npos) st.m_strTitle = strLine.substr(nTitle + 7);
+        }
+    }
+    return st;
+}
+
+// The bytes of file bFileNo's image, or empty when there is none.
+inline std::string DumpImage(DaemonSandbox& box, int nFileNo)
+{
+    std::string strOut = box.Root() + "/image" + std::to_string(nFileNo) + ".bin";
+    unlink(strOut.c_str());
+    if (box.Run({MkdbPath(), "--dump-image", std::to_string(nFileNo), strOut}, 30000) != 0) return std::string();
+    std::string strData = ReadWholeFile(strOut);
+    unlink(strOut.c_str());
+    return strData;
+}
+
+// Every file of a directory by name, with its bytes.
+inline std::map<std::string, std::string> Snapshot(const std::string& strDir, const std::vector<std::string>& vNames)
+{
+    std::map<std::string, std::string> mapFiles;
+    for (const std::string& strName : vNames) mapFiles[strName] = ReadWholeFile(strDir + strName);
+    return mapFiles;
+}
+
+inline bool WaitReady(DaemonSandbox& box) { return box.WaitForTrace("Talvor storage service started!", DAEMON_START_TIMEOUT_MS); }
+
+// Waits until the joined text of the files of strDir that begin with
+// strPrefix holds strText.
+inline std::string WaitForTextIn(DaemonSandbox& box, const std::string& strDir, const std::string& strText,
+                                 int nTimeoutMs)
+{
+    std::string strAll;
+    for (int nWaited = 0; nWaited <= nTimeoutMs; nWaited += 50) {
+        strAll.clear();
+        for (const std::string& strFile : box.ListFiles(strDir, "TalvorStorage")) strAll += ReadWholeFile(strFile);
+        if (strAll.find(strText) != std::string::npos) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return strAll;
+}
+
+} // namespace talvortest
