@@ -1,0 +1,200 @@
+// TalvorRedoLog.h — the online redo log: a small circle of preallocated group
+// files that the writer fills from the engine's redo ring, the archiver
+// copies once sealed, and standby readers follow.
+//
+// Log numbers only grow; 0 means "no such log". A group is only the file a
+// numbered log lives in while it is online; once the group is reused, the
+// log lives on only in its archive copies.
+//
+// Ring positions and lengths come from another process: every position is
+// checked against the data area before a byte is read, and a field that the
+// end of the area splits is joined byte-wise.
+#pragma once
+
+#include "LinuxCommonAPI.h"
+#include "MemDBCommonDef.h"
+#include "TypeDef.h"
+
+class CTalvorFlashback;
+
+// The live feed of one standby thread: the writer copies each drained stretch
+// here so that a reader that keeps up never touches the file.
+typedef struct stu_TalvorRedologStandbyCache {
+    TALVOR_SECTION m_stCrit;
+    LPBYTE m_lpBuffer;
+    int m_nBufferSize;
+    UINT m_nRedoLogNo;
+    int m_nLogDataPos;
+    int m_nLogDataSize;
+    BOOL m_bNewDataFlag;
+    EVENTTYPE m_hEvent;
+    stu_TalvorRedologStandbyCache* m_pNext;
+} TALVORREDOLOGSTANDBYCACHE, *LPTALVORREDOLOGSTANDBYCACHE;
+
+// One online group.
+typedef struct stu_TalvorRedoGroup {
+    void* m_pOnlineFile;
+    volatile BYTE m_bState;
+    volatile BYTE m_bStandbyRef;
+    volatile UINT m_nSequenceNO;
+    volatile int m_nWriteSize;
+    volatile int m_nEffectiveSize;
+    volatile int m_nWriteTime;
+} TALVORREDOGROUP, *LPTALVORREDOGROUP;
+
+// The writer's own state between passes (one writer thread).
+typedef struct stu_RedoWriterState {
+    int m_nItemSize;
+    int m_nWriteSize;
+    int m_nSwitchLog;
+    long long m_nTimestampBegin;
+    long long m_nPrevEndTimestamp;
+    long long m_nTimestampEnd;
+    MF_REDOLOGFILEHEAD m_stHead;
+    BYTE m_bNextRedoGroup;
+    BOOL m_bReadException;
+    int m_nExceptionCount;
+    int m_nIdleCount;
+    BOOL m_bFlushFlag;
+    BOOL m_bEnded;          // the thread is to end after this pass
+    BOOL m_bWriteFailTold;  // a failing write was said once
+    int m_nStopPasses;      // passes since the stop request
+} REDOWRITERSTATE, *LPREDOWRITERSTATE;
+
+// Counters for tests and the benchmark.
+typedef struct stu_RedoWriterStats {
+    volatile long long m_nWakeups;     // passes that found data to drain
+    volatile long long m_nPasses;
+    volatile long long m_nBytes;
+    volatile long long m_nSeals;
+} REDOWRITERSTATS;
+
+// What the scan of one pass decided.
+typedef struct stu_RedoStretch {
+    int m_nBeginPos;
+    int m_nEndPos;
+    int m_nWritePos;
+    long long m_nSliceSize;
+    BOOL m_bHeadFlag;
+} REDOSTRETCH;
+
+inline constexpr int REDO_ZERO_FILL_SIZE = 0x400000;
+inline constexpr int REDO_ARCHIVE_BUFFER_SIZE = 0x40000;
+inline constexpr int REDO_MAX_DESTINATIONS = 6;
+inline constexpr int REDO_EXCEPTION_PASSES = 31;
+
+// FILETIME ticks of now.
+long long RedoNowFileTime();
+
+class CTalvorRedoLog {
+public:
+    CTalvorRedoLog();
+    virtual ~CTalvorRedoLog();
+
+    BOOL Init(LPSYSTEMFILEHEAD pMemoryFileHead, int nClusterNodeType, BOOL* pExit, char* lpRedoDir, char* pLogFileAddr,
+              HEVENTTYPE hLogEvent, HEVENTTYPE hLogEmptyEvent, BOOL bRecover, CTalvorFlashback* pFlashback);
+    BOOL SeekCurrentLog();
+
+    // --- Readers (standby threads).
+    int GetWritePos(UINT nRedoLogNo, int& nRedoGroup, BYTE& bCurLog, char* lpFilePath,
+                    LPTALVORCRITICALSECTION lpCritSection);
+    void ReleaseRedoLog(int& nRedoGroup, LPTALVORCRITICALSECTION lpCritSection);
+    int GetWriteSize(int nRedoGroup, BOOL bForce, EVENTTYPE& hEvent);
+    void FlushLogFile(int nRedoGroup);
+    int SwitchNewLog(BYTE bRedoGroup, UINT nSequenceNO, LPTALVORCRITICALSECTION lpCritSection);
+    BOOL GetLogWaitFlag(int nRedoGroup);
+    void AddStandby(LPTALVORREDOLOGSTANDBYCACHE pCache);
+    void SubStandby(LPTALVORREDOLOGSTANDBYCACHE pCache);
+
+    // A field at a ring position: wrapped, 0 below the data area, a split
+    // field joined. A head whose sizes cannot be true gives 0.
+    static int ReadData(int nPos, LPFILE_TRACEMEMFILEHEAD pHead);
+    static long long ReadData64(int nPos, LPFILE_TRACEMEMFILEHEAD pHead);
+
+    // --- Writer (TalvorRedoLogWriter.cpp).
+    int WriteLog(TALVORCRITICALSECTION& stCritSection);
+    void WriteLogFile(LPTALVORCRITICALSECTION lpCritSection, LPFILE_TRACEMEMFILEHEAD pLogFileHead,
+                      BYTE bCurrentRedoGroup, char* pLogFileAddr, int nWritePos, int nItemSize, BOOL bHeadFlag,
+                      int& nWriteSize, BOOL& bFlushFlag);
+    void StartWriter(REDOWRITERSTATE& st);
+    // One pass over the ring; TRUE when the thread is to end.
+    BOOL WritePass(REDOWRITERSTATE& st, LPTALVORCRITICALSECTION lpCritSection);
+
+    // --- Archiver (TalvorRedoLogArchive.cpp).
+    int ArchiveFile(void*& hFile, void*& hSrcFile);
+    // The destination list, worked on in place (lpPaths has room for 1100
+    // bytes): a "/" behind every path, split at ";" into at most 6 (the
+    // sixth keeps the rest), empty ones dropped, each "ArchiveLog/" made.
+    static int PrepareDestinations(char* lpPaths, char** arDes);
+
+    // The bytes of the attachment: bounds every position the head claims.
+    void SetRingSize(int nRingSize) { m_nRingSize = nRingSize; }
+    LPTALVORREDOGROUP GetGroup(int nGroup) { return (nGroup >= 0 && nGroup < m_nWriteRedoOnlineGroups) ? &m_pRedoLog[nGroup] : nullptr; }
+    // Group file path of group g.
+    void GroupPath(int nGroup, char* lpPath, size_t nSize) const;
+
+    // --- Fields, in the order the redo object has always kept them.
+    BYTE m_bCurrentRedoGroup;
+    int m_nWriteRedoOnlineGroups;
+    int m_nWriteRedoMaxSize;
+    BOOL m_bArchiveExit;
+    volatile BOOL m_bLogWaitting;
+    int m_nClusterNodeType;
+    volatile BOOL* m_pExit;
+    char* m_pLogFileAddr;
+    char* m_lpRedoDir;
+    char* volatile m_lpArchiveDir;
+    HEVENTTYPE m_hLogEvent;
+    HEVENTTYPE m_hLogEmptyEvent;
+    EVENTTYPE m_hArchiveEvent;
+    EVENTTYPE m_hArchivedEvent;
+    TALVORREDOGROUP m_pRedoLog[REDOGROUP_MAX];
+    LPSYSTEMFILEHEAD m_pMemoryFileHead;
+    CTalvorFlashback* m_pFlashback;
+    TALVOR_SECTION m_crit;
+    LPTALVORREDOLOGSTANDBYCACHE volatile m_pStandbyCache;
+
+    // --- Beyond the classic fields.
+    int m_nRingSize;
+    REDOWRITERSTATS m_stStats;
+    volatile int m_nThreadsInside;    // writer and archiver entries running on this object
+    char m_szArchiveDir[MAX_PATH];    // storage behind m_lpArchiveDir
+
+private:
+    BOOL OpenGroupFile(int nGroup, BOOL bCreate);
+    BOOL MakeGroupFile(int nGroup, LPBYTE lpZero, LONG nFailCode);
+    BOOL ReadGroupHead(int nGroup, LPMF_REDOLOGFILEHEAD pHead);
+    BOOL WriteGroupHead(int nGroup, const MF_REDOLOGFILEHEAD* pHead);
+    void BuildFreshHead(LPMF_REDOLOGFILEHEAD pHead);
+    void RaiseLogNumbers();
+    UINT HighestArchivedNumber();
+    int WalkUnsealedLog(int nGroup, const MF_REDOLOGFILEHEAD& stHead, long long& nEndTimestamp);
+    BOOL SealFoundLog(int nGroup, MF_REDOLOGFILEHEAD& stHead, int nSize, long long nEndTimestamp, BOOL bAtStart);
+    void MoveToNextGroup();
+    void FollowNewestLog();
+    BOOL GroupIsFree(int nGroup);
+
+    // Writer helpers.
+    LPFILE_TRACEMEMFILEHEAD RingHead() { return (LPFILE_TRACEMEMFILEHEAD)m_pLogFileAddr; }
+    BOOL CheckRingHead(LPFILE_TRACEMEMFILEHEAD pHead);
+    void ScanRecords(REDOWRITERSTATE& st, REDOSTRETCH& sr, LPFILE_TRACEMEMFILEHEAD pHead);
+    void ContinueCutRecord(REDOWRITERSTATE& st, REDOSTRETCH& sr, LPFILE_TRACEMEMFILEHEAD pHead);
+    BOOL OpenNewGroup(REDOWRITERSTATE& st, long long nPassBegin, LPTALVORCRITICALSECTION lpCritSection);
+    void SealGroup(REDOWRITERSTATE& st, BOOL bShutdown, BOOL bAfterData);
+    void Publish(REDOWRITERSTATE& st);
+    void IdlePass(REDOWRITERSTATE& st);
+    void FeedStandbys(LPFILE_TRACEMEMFILEHEAD pHead, int nBegin, int nFirst, int nSecond, BOOL bWhole,
+                      int nWriteSize);
+    BOOL WritePiece(int fd, const BYTE* p, int nLen, int nOffset, REDOWRITERSTATE* pState);
+    void ReportStatus(REDOWRITERSTATE& st);
+    BOOL StopWithCutRecord(REDOWRITERSTATE& st);
+
+    // Archiver helpers.
+    void CopyBackup(char** arDes, int nDesCount, LPBYTE lpBuffer, void*& hFile, void*& hSrcFile);
+    BOOL CopyLogTo(const char* lpPath, int nGroup, const MF_REDOLOGFILEHEAD& stHead, LPBYTE lpBuffer, BOOL bFirstPass,
+                   void*& hFile);
+    BOOL ArchiveGroup(int nGroup, char** arDes, int nDesCount, LPBYTE lpBuffer, void*& hFile);
+    int OldestSealedGroup();
+
+    REDOWRITERSTATE* m_pWriterState;  // the writer's state while WriteLogFile runs (a stop ends its retries)
+};

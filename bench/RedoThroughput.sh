@@ -1,0 +1,64 @@
+#!/usr/bin/env bash
+# RedoThroughput — redo MB/s through the daemon against a plain sequential
+# write of the same bytes to a file on the same disk, in the same run.
+#
+# The engine stand-in commits 4 KiB records as fast as the ring lets it; the
+# daemon's writer drains them into 64 MiB groups (archiving off, so only the
+# writer is measured). The raw rate is dd copying the very stream, 4 KiB at
+# a time, into a new file beside the groups. The writer's wake-ups are
+# counted against the stand-in's posts: at most one wake-up for each burst.
+#
+#   bench/RedoThroughput.sh [BUILD_DIR] [MIB]     (defaults: build, 256)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${1:-build}
+mib=${2:-256}
+bin=$(cd "$build/bin" && pwd)
+root=$(mktemp -d "${TALVOR_BENCH_DIR:-/tmp}/talvor-redo-bench-XXXXXX")
+trap 'rm -rf "$root"' EXIT
+mkdir -p "$root/bin" "$root/Data/Talvor"
+cp "$bin/TalvorStorage" "$root/bin/"
+"$bin/talvor-mkdb" --dir "$root/Data/Talvor" --name Bench --redo-groups 4 --redo-size 64 >/dev/null
+cat > "$root/bin/TalvorConfig.ini" <<INI
+[System]
+databasepath=$root/Data/Talvor/
+Language=0
+persistenceintervals=3
+buffercachesize=0
+undoareasize=16
+archivetype=0
+INI
+records=$((mib * 256))
+
+unshare --ipc --mount --propagation private bash -c '
+  set -e
+  mount -t tmpfs tmpfs /dev/shm && mount -t tmpfs tmpfs /var/run
+  root=$1; bin=$2; records=$3
+  "$root/bin/TalvorStorage" & pid=$!
+  for i in $(seq 1 200); do
+    grep -qs "service started" "$root"/Data/Talvor/Log/TalvorStorage*.log && break
+    sleep 0.05
+  done
+  "$bin/talvor-peer" redo --records "$records" --size 4096 --burst 64 --timeout 120000 \
+    --out "$root/stream.bin" > "$root/peer.out"
+  kill -TERM $pid; wait $pid || true
+  sync
+  start=$(date +%s.%N)
+  dd if="$root/stream.bin" of="$root/Data/Talvor/Redo/raw.bin" bs=4096 status=none
+  end=$(date +%s.%N)
+  echo "rawseconds=$(echo "$end - $start" | bc -l)" > "$root/raw.out"
+' bench "$root" "$bin" "$records"
+
+peer=$(cat "$root/peer.out")
+field() { echo "$peer" | tr ' ' '\n' | sed -n "s/^$1=//p"; }
+bytes=$(field bytes); ms=$(field ms); posts=$(field posts)
+raws=$(sed -n 's/^rawseconds=//p' "$root/raw.out")
+totals=$(cat "$root"/Data/Talvor/Log/TalvorStorage*.log | tr -d '\r' | grep "Redo log writer totals" | tail -1)
+wakeups=$(echo "$totals" | sed -n 's/.*wake-ups: \([0-9]*\).*/\1/p')
+daemon=$(echo "$bytes / 1048576 / ($ms / 1000)" | bc -l)
+raw=$(echo "$bytes / 1048576 / $raws" | bc -l)
+ratio=$(echo "$daemon / $raw" | bc -l)
+printf "redo through the daemon: %.1f MB/s (%d bytes in %d ms)\n" "$daemon" "$bytes" "$ms"
+printf "plain sequential write:  %.1f MB/s\n" "$raw"
+printf "ratio: %.2f (goal: at least 0.80)\n" "$ratio"
+printf "writer wake-ups: %s for %s posts of the stand-in (goal: at most one for each)\n" "${wakeups:-?}" "$posts"

@@ -1,0 +1,353 @@
+// End-to-end: the redo log of a running daemon, fed by the engine stand-in.
+// What the stand-in committed must come out of the archive (and the online
+// groups) byte for byte, across seals, wraps, restarts and a hard kill.
+#include "DatabaseLoadKit.h"
+
+#include <csignal>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+using namespace talvortest;
+
+namespace {
+
+const long long GROUP_SIZE = E2E_MIB; // MakeDb asks for 1 MiB groups
+
+std::string PeerPath() { return std::string(TALVOR_BIN_DIR) + "/talvor-peer"; }
+
+bool PeerBuilt()
+{
+    struct stat st;
+    return stat(PeerPath().c_str(), &st) == 0;
+}
+
+MF_REDOLOGFILEHEAD HeadOf(const std::string& strFile)
+{
+    MF_REDOLOGFILEHEAD stHead;
+    memset(&stHead, 0, sizeof(stHead));
+    if (strFile.size() >= sizeof(stHead)) memcpy(&stHead, strFile.data(), sizeof(stHead));
+    return stHead;
+}
+
+// Archive files of a destination by log number.
+std::map<int, std::string> ReadArchive(DaemonSandbox& box, const std::string& strDes)
+{
+    std::map<int, std::string> mapLogs;
+    for (const std::string& strPath : box.ListFiles(strDes + "ArchiveLog/", "Log")) {
+        int nNo = atoi(strPath.c_str() + strPath.rfind("/Log") + 4);
+        mapLogs[nNo] = ReadWholeFile(strPath);
+    }
+    return mapLogs;
+}
+
+// The bodies of the archived logs in number order, then the online groups
+// of higher numbers; every archive must be whole, numbered from 1 on with
+// no gap, and marked archived.
+std::string JoinedLogs(DaemonSandbox& box, const std::string& strDes, int nGroups, std::string* pError)
+{
+    std::map<int, std::string> mapLogs = ReadArchive(box, strDes);
+    std::string strAll;
+    int nExpect = 1;
+    for (const auto& kv : mapLogs) {
+        MF_REDOLOGFILEHEAD stHead = HeadOf(kv.second);
+        if (kv.first != nExpect) *pError += "log number " + std::to_string(kv.first) + " where " +
+                                            std::to_string(nExpect) + " was due; ";
+        if ((int)stHead.m_nSequenceNO != kv.first || stHead.m_bState != REDOGROUP_ARCHIVED ||
+            stHead.m_nEffectiveSize != kv.second.size() || strcmp(stHead.m_lpszFileFlag, "TalvorLog") != 0)
+            *pError += "bad archive head of log " + std::to_string(kv.first) + "; ";
+        strAll += kv.second.substr(REDOLOGFILE_HEAD_SIZE);
+        nExpect = kv.first + 1;
+    }
+    // Logs not archived (yet) are still in their groups.
+    std::map<int, std::string> mapOnline;
+    for (int g = 0; g < nGroups; g++) {
+        std::string strFile = ReadWholeFile(box.DataDir() + "Redo/Redo" + std::to_string(g) + ".log");
+        MF_REDOLOGFILEHEAD stHead = HeadOf(strFile);
+        if ((int)stHead.m_nSequenceNO < nExpect || stHead.m_nEffectiveSize < REDOLOGFILE_HEAD_SIZE) continue;
+        mapOnline[(int)stHead.m_nSequenceNO] = strFile.substr(REDOLOGFILE_HEAD_SIZE, stHead.m_nEffectiveSize - REDOLOGFILE_HEAD_SIZE);
+    }
+    for (const auto& kv : mapOnline) strAll += kv.second;
+    return strAll;
+}
+
+std::string FirstDifference(const std::string& a, const std::string& b)
+{
+    size_t n = 0;
+    while (n < a.size() && n < b.size() && a[n] == b[n]) n++;
+    return "logs " + std::to_string(a.size()) + " bytes, stream " + std::to_string(b.size()) + " bytes, first difference at " +
+           std::to_string(n);
+}
+
+class RedoStream : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
+        ASSERT_TRUE(PeerBuilt()) << "build talvor-peer first";
+        ASSERT_TRUE(m_box.Ok());
+    }
+
+    void MakeAndConfigure(int nGroups, const std::string& strArchive)
+    {
+        ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), {"--name", "REDO", "--redo-groups", std::to_string(nGroups)}));
+        WriteDbIni(m_box, m_box.DataDir(), "archivetype=1\r\narchivedespath=" + strArchive + "\r\n");
+    }
+
+    // Ready once the trace says so once more than before (a restart finds
+    // the earlier runs' lines too).
+    void Start()
+    {
+        const std::string strReady = "Talvor storage service started!";
+        size_t nBefore = CountOf(m_box.ReadDaemonTrace(), strReady);
+        m_pid = m_box.StartDaemon();
+        ASSERT_GT(m_pid, 0);
+        for (int nWaited = 0; nWaited < DAEMON_START_TIMEOUT_MS; nWaited += 20) {
+            if (CountOf(m_box.ReadDaemonTrace(), strReady) > nBefore) return;
+            ASSERT_TRUE(m_box.IsRunning(m_pid)) << m_box.ReadDaemonTrace();
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        FAIL() << "the daemon did not come up\n" << m_box.ReadDaemonTrace();
+    }
+
+    static size_t CountOf(const std::string& strText, const std::string& strWhat)
+    {
+        size_t n = 0;
+        for (size_t p = strText.find(strWhat); p != std::string::npos; p = strText.find(strWhat, p + 1)) n++;
+        return n;
+    }
+
+    // The archiver works behind the writer: waits until nCount logs are in.
+    std::map<int, std::string> WaitForArchive(const std::string& strDes, size_t nCount)
+    {
+        std::map<int, std::string> mapLogs;
+        for (int nWaited = 0; nWaited < 20000; nWaited += 20) {
+            mapLogs = ReadArchive(m_box, strDes);
+            if (mapLogs.size() >= nCount) break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return mapLogs;
+    }
+
+    void Stop()
+    {
+        m_box.Signal(m_pid, SIGTERM);
+        ASSERT_EQ(0, m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS)) << m_box.ReadDaemonTrace();
+    }
+
+    // Commits through the stand-in; the stream goes to strOut.
+    void Commit(const std::vector<std::string>& vArgs, const std::string& strOut)
+    {
+        std::vector<std::string> vCmd = {PeerPath(), "redo", "--out", strOut, "--timeout", "120000"};
+        vCmd.insert(vCmd.end(), vArgs.begin(), vArgs.end());
+        std::string strOutput;
+        ASSERT_EQ(0, m_box.Run(vCmd, 240000, &strOutput)) << strOutput << m_box.ReadDaemonTrace();
+        EXPECT_NE(std::string::npos, strOutput.find(" resets=0 ")) << strOutput;
+    }
+
+    std::string Des(const std::string& strName) { return m_box.Root() + "/" + strName + "/"; }
+
+    DaemonSandbox m_box;
+    pid_t m_pid = -1;
+};
+
+} // namespace
+
+TEST_F(RedoStream, MixedStreamComesOutOfTheArchiveByteForByte)
+{
+    MakeAndConfigure(3, Des("Arch"));
+    Start();
+    std::string strStream = m_box.Root() + "/stream.bin";
+    // Small, medium and ring-sized records; many wraps of the 4 MiB ring,
+    // many seals of the 1 MiB groups, and one forced seal on the way.
+    Commit({"--records", "700", "--seed", "11", "--seal-at", "350", "--burst", "7"}, strStream);
+    std::string strTrace = m_box.ReadDaemonTrace();
+    Stop();
+    std::string strError;
+    std::string strLogs = JoinedLogs(m_box, Des("Arch"), 3, &strError);
+    std::string strExpected = ReadWholeFile(strStream);
+    EXPECT_EQ("", strError);
+    ASSERT_GT(strExpected.size(), (size_t)(8 * REDORING_SEGMENT_SIZE_SMALL)) << "the stream must wrap the ring";
+    EXPECT_TRUE(strLogs == strExpected) << FirstDifference(strLogs, strExpected);
+    EXPECT_GT(ReadArchive(m_box, Des("Arch")).size(), (size_t)10);
+    EXPECT_NE(std::string::npos, strTrace.find("is full, time:")) << strTrace;
+    // The stop sealed the last log, and it was archived before the end.
+    std::string strAll = m_box.ReadDaemonTrace();
+    EXPECT_NE(std::string::npos, strAll.find("has completed the sealing")) << strAll;
+    EXPECT_NE(std::string::npos, strAll.find("Redo log Writer thread ended!")) << strAll;
+}
+
+TEST_F(RedoStream, FirstStartMakesEveryGroupAtItsNominalSize)
+{
+    MakeAndConfigure(4, Des("Arch"));
+    Start();
+    Stop();
+    for (int g = 0; g < 4; g++) {
+        std::string strFile = ReadWholeFile(m_box.DataDir() + "Redo/Redo" + std::to_string(g) + ".log");
+        ASSERT_EQ((size_t)GROUP_SIZE, strFile.size()) << g;
+        MF_REDOLOGFILEHEAD stHead = HeadOf(strFile);
+        EXPECT_STREQ("TalvorLog", stHead.m_lpszFileFlag);
+        EXPECT_EQ(REDOLOGFILE_VERSION, stHead.m_nVersion);
+        EXPECT_EQ(0u, stHead.m_nSequenceNO);
+        EXPECT_EQ(REDOGROUP_EMPTY, stHead.m_bState);
+        EXPECT_EQ(std::string::npos, strFile.find_first_not_of('\0', REDOLOGFILE_HEAD_SIZE)) << g;
+    }
+    // No data, no log: a stop with no group open leaves every file alone.
+    EXPECT_EQ(std::string::npos, m_box.ReadDaemonTrace().find("has completed the sealing"));
+}
+
+TEST_F(RedoStream, GroupOfAnotherDatabaseIsResetAndTraced)
+{
+    MakeAndConfigure(3, Des("Arch"));
+    Start();
+    Stop();
+    std::string strPath = m_box.DataDir() + "Redo/Redo1.log";
+    std::string strFile = ReadWholeFile(strPath);
+    MF_REDOLOGFILEHEAD stHead = HeadOf(strFile);
+    USHORT usGuid = stHead.m_usDatabaseGuid;
+    stHead.m_usDatabaseGuid = (USHORT)(usGuid + 1);
+    stHead.m_nSequenceNO = 99;
+    memcpy(&strFile[0], &stHead, sizeof(stHead));
+    strFile.resize(4096); // a short file must come back at full size
+    ASSERT_TRUE(WriteWholeFile(strPath, strFile));
+    Start();
+    Stop();
+    std::string strTrace = m_box.ReadDaemonTrace();
+    EXPECT_NE(std::string::npos,
+              strTrace.find("30001010 LogInit Read header information of redo log file and check failed, program "
+                            "automatically reset log file, file path: " + strPath))
+        << strTrace;
+    std::string strAfter = ReadWholeFile(strPath);
+    ASSERT_EQ((size_t)GROUP_SIZE, strAfter.size());
+    MF_REDOLOGFILEHEAD stNew = HeadOf(strAfter);
+    EXPECT_EQ(usGuid, stNew.m_usDatabaseGuid);
+    EXPECT_EQ(0u, stNew.m_nSequenceNO);
+    EXPECT_EQ(REDOGROUP_EMPTY, stNew.m_bState);
+    // Only the foreign group was reset.
+    EXPECT_EQ(std::string::npos, strTrace.find("Redo0.log"));
+    EXPECT_EQ(std::string::npos, strTrace.find("Redo2.log"));
+}
+
+TEST_F(RedoStream, RestartAfterCleanStopGoesOnInTheNextGroup)
+{
+    MakeAndConfigure(3, Des("Arch"));
+    Start();
+    Commit({"--records", "40", "--seed", "3", "--max-size", "8000"}, m_box.Root() + "/s1.bin");
+    Stop();
+    MF_REDOLOGFILEHEAD stFirst = HeadOf(ReadWholeFile(m_box.DataDir() + "Redo/Redo0.log"));
+    EXPECT_EQ(1u, stFirst.m_nSequenceNO);
+    EXPECT_EQ(REDOGROUP_ARCHIVED, stFirst.m_bState);
+    Start();
+    Commit({"--records", "40", "--seed", "4", "--max-size", "8000"}, m_box.Root() + "/s2.bin");
+    Stop();
+    MF_REDOLOGFILEHEAD stSecond = HeadOf(ReadWholeFile(m_box.DataDir() + "Redo/Redo1.log"));
+    EXPECT_EQ(2u, stSecond.m_nSequenceNO);
+    // A run that goes round the groups more than once, then one more start:
+    // the next log follows the newest one, wherever it stands.
+    Start();
+    for (int i = 0; i < 4; i++)
+        Commit({"--records", "300", "--seed", std::to_string(30 + i), "--max-size", "60000"},
+               m_box.Root() + "/s3" + std::to_string(i) + ".bin");
+    Stop();
+    Start();
+    Commit({"--records", "40", "--seed", "5", "--max-size", "8000"}, m_box.Root() + "/s4.bin");
+    Stop();
+    std::string strError;
+    std::string strLogs = JoinedLogs(m_box, Des("Arch"), 3, &strError);
+    std::string strExpected;
+    for (const char* lpName : {"/s1.bin", "/s2.bin", "/s30.bin", "/s31.bin", "/s32.bin", "/s33.bin", "/s4.bin"})
+        strExpected += ReadWholeFile(m_box.Root() + lpName);
+    EXPECT_EQ("", strError);
+    EXPECT_TRUE(strLogs == strExpected) << FirstDifference(strLogs, strExpected);
+}
+
+TEST_F(RedoStream, HardKillKeepsNumbersGrowingAndArchivesIntact)
+{
+    MakeAndConfigure(3, Des("Arch"));
+    Start();
+    // Enough for a few sealed and archived logs, then a hard stop with the
+    // current log unsealed.
+    // Each run is drained before the next, so each starts a log of its own.
+    for (int i = 0; i < 3; i++)
+        Commit({"--records", "300", "--seed", std::to_string(5 + i), "--max-size", "60000"},
+               m_box.Root() + "/s1" + std::to_string(i) + ".bin");
+    std::map<int, std::string> mapBefore = WaitForArchive(Des("Arch"), 2);
+    ASSERT_GE(mapBefore.size(), (size_t)2);
+    m_box.Signal(m_pid, SIGKILL);
+    m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS);
+    Start();
+    Commit({"--records", "300", "--seed", "8", "--max-size", "60000"}, m_box.Root() + "/s2.bin");
+    Stop();
+    std::map<int, std::string> mapAfter = ReadArchive(m_box, Des("Arch"));
+    for (const auto& kv : mapBefore)
+        EXPECT_TRUE(mapAfter[kv.first] == kv.second) << "archive of log " << kv.first << " was overwritten";
+    EXPECT_GT(mapAfter.size(), mapBefore.size());
+    std::string strError;
+    std::string strLogs = JoinedLogs(m_box, Des("Arch"), 3, &strError);
+    std::string strExpected;
+    for (const char* lpName : {"/s10.bin", "/s11.bin", "/s12.bin", "/s2.bin"}) strExpected += ReadWholeFile(m_box.Root() + lpName);
+    EXPECT_EQ("", strError);
+    EXPECT_TRUE(strLogs == strExpected) << FirstDifference(strLogs, strExpected);
+    EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("has fixed the sealing")) << m_box.ReadDaemonTrace();
+}
+
+TEST_F(RedoStream, UnwritableDestinationDoesNotKeepTheOtherFromEveryLog)
+{
+    // A regular file where a directory would have to be.
+    ASSERT_TRUE(WriteWholeFile(m_box.Root() + "/blocker", "x"));
+    MakeAndConfigure(3, Des("ArchA") + ";" + m_box.Root() + "/blocker/ArchB");
+    Start();
+    std::string strStream = m_box.Root() + "/stream.bin";
+    Commit({"--records", "200", "--seed", "9", "--max-size", "60000"}, strStream);
+    Stop();
+    std::string strError;
+    std::string strLogs = JoinedLogs(m_box, Des("ArchA"), 3, &strError);
+    std::string strExpected = ReadWholeFile(strStream);
+    EXPECT_EQ("", strError);
+    EXPECT_TRUE(strLogs == strExpected) << FirstDifference(strLogs, strExpected);
+    std::string strTrace = m_box.ReadDaemonTrace();
+    EXPECT_NE(std::string::npos, strTrace.find("Failed to create new archive log file! Path: " + m_box.Root() +
+                                               "/blocker/ArchB/ArchiveLog/Log1.log"))
+        << strTrace;
+    EXPECT_NE(std::string::npos, strTrace.find("The archived log filegroup [1] failed, but the number of successful "
+                                               "files [1] meets the requirement"))
+        << strTrace;
+}
+
+TEST_F(RedoStream, WriterCrashIsContainedAndNoDrainedRecordIsLost)
+{
+    MakeAndConfigure(3, Des("Arch"));
+    Start();
+    Commit({"--records", "200", "--seed", "21", "--max-size", "60000"}, m_box.Root() + "/s1.bin");
+    const std::string strStarted = "30003000 WriteLog Redo log Writer thread started!";
+    // The trace reaches its file a moment after the line is made.
+    ASSERT_TRUE(m_box.WaitForTrace(strStarted, 10000)) << m_box.ReadDaemonTrace();
+    std::string strTrace = m_box.ReadDaemonTrace();
+    size_t nAt = strTrace.find(strStarted);
+    ASSERT_NE(std::string::npos, nAt) << strTrace;
+    // "YYYY-MM-DD hh:mm:ss.mmm TID\t..." at the start of the line.
+    size_t nLine = strTrace.rfind('\n', nAt) + 1;
+    pid_t nTid = atoi(strTrace.c_str() + nLine + 24);
+    ASSERT_GT(nTid, 0);
+    ASSERT_EQ(0, syscall(SYS_tgkill, m_pid, nTid, SIGSEGV));
+    for (int i = 0; i < 500 && CountOf(m_box.ReadDaemonTrace(), strStarted) < 2; i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ASSERT_EQ(2u, CountOf(m_box.ReadDaemonTrace(), strStarted)) << m_box.ReadDaemonTrace();
+    // The engine is told to reset the ring, and the ring is read from its start.
+    std::string strOut;
+    ASSERT_EQ(0, m_box.Run({PeerPath(), "redo", "--records", "0", "--no-drain"}, 30000, &strOut));
+    EXPECT_NE(std::string::npos, strOut.find(" exception=1")) << strOut;
+    EXPECT_NE(std::string::npos, strOut.find(" read=68 ")) << strOut;
+    // The engine resets the ring and goes on; the writer follows.
+    std::vector<std::string> vCmd = {PeerPath(), "redo", "--records", "200", "--seed", "22", "--max-size", "60000",
+                                     "--out", m_box.Root() + "/s2.bin", "--timeout", "120000"};
+    ASSERT_EQ(0, m_box.Run(vCmd, 240000, &strOut)) << strOut << m_box.ReadDaemonTrace();
+    EXPECT_NE(std::string::npos, strOut.find(" resets=1 ")) << strOut;
+    Stop();
+    std::string strError;
+    std::string strLogs = JoinedLogs(m_box, Des("Arch"), 3, &strError);
+    std::string strExpected = ReadWholeFile(m_box.Root() + "/s1.bin") + ReadWholeFile(m_box.Root() + "/s2.bin");
+    EXPECT_EQ("", strError);
+    EXPECT_TRUE(strLogs == strExpected) << FirstDifference(strLogs, strExpected);
+}
