@@ -188,9 +188,9 @@ TEST_F(RedoStream, FirstStartMakesEveryGroupAtItsNominalSize)
         ASSERT_EQ((size_t)GROUP_SIZE, strFile.size()) << g;
         MF_REDOLOGFILEHEAD stHead = HeadOf(strFile);
         EXPECT_STREQ("TalvorLog", stHead.m_lpszFileFlag);
-        EXPECT_EQ(REDOLOGFILE_VERSION, stHead.m_nVersion);
-        EXPECT_EQ(0u, stHead.m_nSequenceNO);
-        EXPECT_EQ(REDOGROUP_EMPTY, stHead.m_bState);
+        EXPECT_EQ(REDOLOGFILE_VERSION, +stHead.m_nVersion);
+        EXPECT_EQ(0u, +stHead.m_nSequenceNO);
+        EXPECT_EQ(REDOGROUP_EMPTY, +stHead.m_bState);
         EXPECT_EQ(std::string::npos, strFile.find_first_not_of('\0', REDOLOGFILE_HEAD_SIZE)) << g;
     }
     // No data, no log: a stop with no group open leaves every file alone.
@@ -221,9 +221,9 @@ TEST_F(RedoStream, GroupOfAnotherDatabaseIsResetAndTraced)
     std::string strAfter = ReadWholeFile(strPath);
     ASSERT_EQ((size_t)GROUP_SIZE, strAfter.size());
     MF_REDOLOGFILEHEAD stNew = HeadOf(strAfter);
-    EXPECT_EQ(usGuid, stNew.m_usDatabaseGuid);
-    EXPECT_EQ(0u, stNew.m_nSequenceNO);
-    EXPECT_EQ(REDOGROUP_EMPTY, stNew.m_bState);
+    EXPECT_EQ(usGuid, +stNew.m_usDatabaseGuid);
+    EXPECT_EQ(0u, +stNew.m_nSequenceNO);
+    EXPECT_EQ(REDOGROUP_EMPTY, +stNew.m_bState);
     // Only the foreign group was reset.
     EXPECT_EQ(std::string::npos, strTrace.find("Redo0.log"));
     EXPECT_EQ(std::string::npos, strTrace.find("Redo2.log"));
@@ -236,13 +236,13 @@ TEST_F(RedoStream, RestartAfterCleanStopGoesOnInTheNextGroup)
     Commit({"--records", "40", "--seed", "3", "--max-size", "8000"}, m_box.Root() + "/s1.bin");
     Stop();
     MF_REDOLOGFILEHEAD stFirst = HeadOf(ReadWholeFile(m_box.DataDir() + "Redo/Redo0.log"));
-    EXPECT_EQ(1u, stFirst.m_nSequenceNO);
-    EXPECT_EQ(REDOGROUP_ARCHIVED, stFirst.m_bState);
+    EXPECT_EQ(1u, +stFirst.m_nSequenceNO);
+    EXPECT_EQ(REDOGROUP_ARCHIVED, +stFirst.m_bState);
     Start();
     Commit({"--records", "40", "--seed", "4", "--max-size", "8000"}, m_box.Root() + "/s2.bin");
     Stop();
     MF_REDOLOGFILEHEAD stSecond = HeadOf(ReadWholeFile(m_box.DataDir() + "Redo/Redo1.log"));
-    EXPECT_EQ(2u, stSecond.m_nSequenceNO);
+    EXPECT_EQ(2u, +stSecond.m_nSequenceNO);
     // A run that goes round the groups more than once, then one more start:
     // the next log follows the newest one, wherever it stands.
     Start();

@@ -39,7 +39,7 @@ protected:
         void* hSrc = nullptr;
         EXPECT_EQ(0, m_pRedo->ArchiveFile(hFile, hSrc));
         EXPECT_EQ(nullptr, hFile);
-        EXPECT_EQ(nullptr, m_pRedo->m_lpArchiveDir);
+        EXPECT_EQ(nullptr, +m_pRedo->m_lpArchiveDir);
     }
 
     std::string GroupFile(int g) { return ReadFile(m_strDir + "Redo" + std::to_string(g) + ".log"); }
@@ -69,9 +69,9 @@ TEST_F(RedoArchive, EveryLogReachesTheWritableDestinationWhenTheOtherFails)
     for (int nLog = 1; nLog <= 3; nLog++) {
         std::string strCopy = ReadFile(m_strDir + "A/ArchiveLog/Log" + std::to_string(nLog) + ".log");
         MF_REDOLOGFILEHEAD h = HeadOf(strCopy);
-        EXPECT_EQ((UINT)nLog, h.m_nSequenceNO);
-        EXPECT_EQ(REDOGROUP_ARCHIVED, h.m_bState) << "the copy carries the archived mark";
-        ASSERT_EQ((size_t)h.m_nEffectiveSize, strCopy.size());
+        EXPECT_EQ((UINT)nLog, +h.m_nSequenceNO);
+        EXPECT_EQ(REDOGROUP_ARCHIVED, +h.m_bState) << "the copy carries the archived mark";
+        ASSERT_EQ((size_t)+h.m_nEffectiveSize, strCopy.size());
         // Byte for byte the group's log behind the head.
         std::string strGroup = GroupFile(nLog - 1);
         EXPECT_TRUE(strCopy.substr(REDOLOGFILE_HEAD_SIZE) ==
@@ -154,9 +154,9 @@ TEST_F(RedoArchive, LiveFeedTakesWholeStretchesAndDropsOutOnAMismatch)
     Pass();
     Produce(b);
     Pass();
-    EXPECT_EQ(1u, feed.m_nRedoLogNo);
-    EXPECT_EQ(REDOLOGFILE_HEAD_SIZE, feed.m_nLogDataPos);
-    ASSERT_EQ(1600, feed.m_nLogDataSize);
+    EXPECT_EQ(1u, +feed.m_nRedoLogNo);
+    EXPECT_EQ(REDOLOGFILE_HEAD_SIZE, +feed.m_nLogDataPos);
+    ASSERT_EQ(1600, +feed.m_nLogDataSize);
     EXPECT_EQ(0, memcmp(vBuffer.data(), (a + b).data(), 1600));
     EXPECT_FALSE(feed.m_bNewDataFlag);
     // The reader lost the thread: the feed keeps its bytes and says so.
@@ -164,10 +164,10 @@ TEST_F(RedoArchive, LiveFeedTakesWholeStretchesAndDropsOutOnAMismatch)
     Produce(Record(300, 1, 3));
     Pass();
     EXPECT_TRUE(feed.m_bNewDataFlag);
-    EXPECT_EQ(1600, feed.m_nLogDataSize);
+    EXPECT_EQ(1600, +feed.m_nLogDataSize);
     EXPECT_EQ(0, WaitForSingleObject(&feed.m_hEvent, 1)) << "the feed is told of every stretch";
     m_pRedo->SubStandby(&feed);
-    EXPECT_EQ(nullptr, m_pRedo->m_pStandbyCache);
+    EXPECT_EQ(nullptr, +m_pRedo->m_pStandbyCache);
     Stop();
     FreeEvent(feed.m_hEvent);
     DeleteCriticalTalvor(&feed.m_stCrit);

@@ -107,10 +107,10 @@ protected:
             std::string strFile = ReadFile(m_strDir + "Redo" + std::to_string(nFound) + ".log");
             MF_REDOLOGFILEHEAD h;
             memcpy(&h, strFile.data(), sizeof(h));
-            EXPECT_EQ(p->m_nSequenceNO, h.m_nSequenceNO);
-            EXPECT_EQ(REDOGROUP_SEALED, h.m_bState);
-            EXPECT_EQ((UINT)p->m_nEffectiveSize, h.m_nEffectiveSize);
-            EXPECT_GT(h.m_nSequenceNO, m_nLastLogNo) << "log numbers only grow";
+            EXPECT_EQ(+p->m_nSequenceNO, +h.m_nSequenceNO);
+            EXPECT_EQ(REDOGROUP_SEALED, +h.m_bState);
+            EXPECT_EQ((UINT)+p->m_nEffectiveSize, +h.m_nEffectiveSize);
+            EXPECT_GT(+h.m_nSequenceNO, m_nLastLogNo) << "log numbers only grow";
             m_nLastLogNo = h.m_nSequenceNO;
             m_strLogs += strFile.substr(REDOLOGFILE_HEAD_SIZE, h.m_nEffectiveSize - REDOLOGFILE_HEAD_SIZE);
             m_nSeals++;

@@ -34,7 +34,7 @@ TEST_F(RedoFixture, MixedStreamThroughManyWrapsComesOutWhole)
 {
     MakeRing(1024);
     ASSERT_TRUE(InitRedo());
-    EXPECT_EQ(1u, m_pHead->m_nRedoLogMaxID) << "log numbers start at 1";
+    EXPECT_EQ(1u, +m_pHead->m_nRedoLogMaxID) << "log numbers start at 1";
     m_pRedo->StartWriter(m_st);
     long long nTs = 0;
     // Sizes that cross the end of the ring at every offset, records larger
@@ -60,7 +60,7 @@ TEST_F(RedoFixture, MixedStreamThroughManyWrapsComesOutWhole)
     ASSERT_EQ(m_strStream.size(), m_strLogs.size());
     EXPECT_TRUE(m_strStream == m_strLogs);
     EXPECT_GT(m_nSeals, 50);
-    EXPECT_EQ((UINT)m_nSeals + 1, m_pHead->m_nRedoLogMaxID);
+    EXPECT_EQ((UINT)m_nSeals + 1, +m_pHead->m_nRedoLogMaxID);
 }
 
 TEST_F(RedoFixture, RecordThatDoesNotFitAHalfFullGroupStartsTheNextLog)
@@ -70,14 +70,14 @@ TEST_F(RedoFixture, RecordThatDoesNotFitAHalfFullGroupStartsTheNextLog)
     m_pRedo->StartWriter(m_st);
     Produce(Record(3000, 1, 1));
     Pass();
-    ASSERT_EQ(0, m_st.m_nSwitchLog);
-    EXPECT_EQ(50 + 3000, m_st.m_nWriteSize);
+    ASSERT_EQ(0, +m_st.m_nSwitchLog);
+    EXPECT_EQ(50 + 3000, +m_st.m_nWriteSize);
     Produce(Record(2000, 1, 2)); // 3050 + 2000 > 4096 and the group is more than half full
     Pass();
     EXPECT_EQ(1, m_nSeals);
     EXPECT_EQ(3000u, m_strLogs.size()) << "sealed without the record";
     Pass();
-    EXPECT_EQ(50 + 2000, m_st.m_nWriteSize) << "the record starts the next log";
+    EXPECT_EQ(50 + 2000, +m_st.m_nWriteSize) << "the record starts the next log";
     Stop();
     EXPECT_TRUE(m_strStream == m_strLogs);
 }
@@ -145,12 +145,12 @@ TEST_F(RedoFixture, GroupCountIsBoundedAndWrittenBack)
     MakeRing(1024);
     m_pHead->m_nWriteRedoOnlineGroups = 2;
     ASSERT_TRUE(InitRedo());
-    EXPECT_EQ(3, m_pHead->m_nWriteRedoOnlineGroups);
+    EXPECT_EQ(3, +m_pHead->m_nWriteRedoOnlineGroups);
     EXPECT_EQ((size_t)4096, ReadFile(m_strDir + "Redo2.log").size());
     delete m_pRedo;
     m_pHead->m_nWriteRedoOnlineGroups = 65;
     ASSERT_TRUE(InitRedo());
-    EXPECT_EQ(64, m_pHead->m_nWriteRedoOnlineGroups);
+    EXPECT_EQ(64, +m_pHead->m_nWriteRedoOnlineGroups);
 }
 
 TEST_F(RedoFixture, NextLogNumberPassesEveryArchivedNumber)
@@ -161,7 +161,7 @@ TEST_F(RedoFixture, NextLogNumberPassesEveryArchivedNumber)
     snprintf(m_pHead->m_lpArchiveDesPath, sizeof(m_pHead->m_lpArchiveDesPath), "%s", strArch.c_str());
     m_pHead->m_nRedoLogMaxID = 3; // a commit that did not reach the disk
     ASSERT_TRUE(InitRedo());
-    EXPECT_EQ(8u, m_pHead->m_nRedoLogMaxID);
+    EXPECT_EQ(8u, +m_pHead->m_nRedoLogMaxID);
 }
 
 TEST_F(RedoFixture, UnsealedLogOfAHardStopIsSealedBehindItsLastWholeRecord)
@@ -179,7 +179,7 @@ TEST_F(RedoFixture, UnsealedLogOfAHardStopIsSealedBehindItsLastWholeRecord)
     ASSERT_TRUE(InitRedo());
     EXPECT_EQ(REDOGROUP_SEALED, m_pRedo->GetGroup(0)->m_bState);
     EXPECT_EQ(50 + 1200, m_pRedo->GetGroup(0)->m_nEffectiveSize);
-    EXPECT_EQ(1, m_pRedo->m_bCurrentRedoGroup);
+    EXPECT_EQ(1, +m_pRedo->m_bCurrentRedoGroup);
     Harvest();
     EXPECT_TRUE(m_strStream == m_strLogs);
 }
@@ -202,9 +202,9 @@ TEST_F(RedoFixture, StartAfterALostSystemFileFollowsTheNewestLog)
     m_pHead->m_bCurrentRedoGroup = 0;
     m_pHead->m_nRedoLogMaxID = 1;
     ASSERT_TRUE(InitRedo());
-    EXPECT_EQ(4u, m_pHead->m_nRedoLogMaxID);
+    EXPECT_EQ(4u, +m_pHead->m_nRedoLogMaxID);
     EXPECT_EQ(REDOGROUP_SEALED, m_pRedo->GetGroup(2)->m_bState) << "the newest log is sealed, not left behind";
-    EXPECT_EQ(0, m_pRedo->m_bCurrentRedoGroup);
+    EXPECT_EQ(0, +m_pRedo->m_bCurrentRedoGroup);
     Harvest();
     EXPECT_TRUE(m_strStream == m_strLogs);
 }
