@@ -555,6 +555,17 @@ void TakeInPeerUpdates(ConfigHelper* pHelper)
 
 } // namespace
 
+void TalvorDefaultDatabaseDir(char* lpDir, size_t nSize)
+{
+    char szExe[MAX_PATH] = {0};
+    GetModuleFileName(nullptr, szExe, sizeof(szExe));
+    for (int i = 0; i < 2; i++) {
+        char* pSlash = strrchr(szExe, '/');
+        if (pSlash != nullptr) *pSlash = '\0';
+    }
+    snprintf(lpDir, nSize, "%s/Data/Talvor/", szExe);
+}
+
 bool TalvorConfigInit(const char* lpPath)
 {
     ConfigHelper* p = ConfigHelper::s_pInstance.get();

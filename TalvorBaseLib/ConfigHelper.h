@@ -176,6 +176,10 @@ private:
 bool TalvorConfigInit(const char* lpPath);
 void TalvorConfigClose();
 
+// The default of "databasepath": the directory one level above the
+// executable's, plus "Data/Talvor/" (/a/b/bin/prog gives /a/b/Data/Talvor/).
+void TalvorDefaultDatabaseDir(char* lpDir, size_t nSize);
+
 // Lock-free forms, for the main thread before other threads run. The setter
 // tells the engine nothing.
 int TalvorConfigGetValueInt(const char* lpAppName, const char* lpKeyName, int iDefault);

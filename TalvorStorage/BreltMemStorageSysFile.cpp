@@ -23,18 +23,6 @@ namespace {
 
 const int PROGRESS_TOTAL_CAP = 0x40000000;
 
-// The executable's path without its last two components, plus "Data/Talvor/":
-// /a/b/bin/prog gives /a/b/Data/Talvor/.
-void DefaultDatabaseDir(char* lpDir, size_t nSize)
-{
-    char szExe[MAX_PATH] = {0};
-    GetModuleFileName(nullptr, szExe, sizeof(szExe));
-    for (int i = 0; i < 2; i++) {
-        char* pSlash = strrchr(szExe, '/');
-        if (pSlash != nullptr) *pSlash = '\0';
-    }
-    snprintf(lpDir, nSize, "%s/Data/Talvor/", szExe);
-}
 
 // lpDir, with a "/" added if it lacks one, and lpName behind it. A path past
 // MAX_PATH is cut and then fails to open, with its message.
@@ -61,7 +49,7 @@ void CopyField(char* lpDst, size_t nDstSize, const char* lpSrc, size_t nSrcSize)
 BOOL CBreltMemStorageModule::GetSystemFilePath(LPTALVORCRITICALSECTION, char* lpFilePath, char* lpMemFileName)
 {
     char szDefaultDir[MAX_PATH];
-    DefaultDatabaseDir(szDefaultDir, sizeof(szDefaultDir));
+    TalvorDefaultDatabaseDir(szDefaultDir, sizeof(szDefaultDir));
     TalvorConfigGetValueString("System", "databasepath", szDefaultDir, lpFilePath, MAX_PATH);
     char szSystemFile[MAX_PATH] = {0};
     TalvorConfigGetValueString("System", "systemfile", DB_SYSTEMFILE_NAME, szSystemFile, sizeof(szSystemFile));
@@ -80,7 +68,7 @@ BOOL CBreltMemStorageModule::GetSystemFilePath(LPTALVORCRITICALSECTION, char* lp
                                                char* lpDir, char*)
 {
     char szDefaultDir[MAX_PATH];
-    DefaultDatabaseDir(szDefaultDir, sizeof(szDefaultDir));
+    TalvorDefaultDatabaseDir(szDefaultDir, sizeof(szDefaultDir));
     TalvorConfigGetValueString("System", "databasepath", szDefaultDir, lpFilePath, MAX_PATH);
     char szSystemFile[MAX_PATH] = {0};
     TalvorConfigGetValueString("System", "systemfile", DB_SYSTEMFILE_NAME, szSystemFile, sizeof(szSystemFile));

@@ -228,10 +228,8 @@ void CLogManager::DestoryInstance()
 BOOL CLogManager::Init()
 {
     if (TalvorConfigGetValueInt("System", "install", 0) == 1) return TRUE;
-    char szExeDir[MAX_PATH];
-    TraceExecutableDir(szExeDir, sizeof(szExeDir));
     char szDefault[MAX_PATH + 16];
-    snprintf(szDefault, sizeof(szDefault), "%s../Data/Talvor/", szExeDir);
+    TalvorDefaultDatabaseDir(szDefault, sizeof(szDefault));
     char szDbPath[MAX_PATH] = {0};
     TalvorConfigGetValueString("System", "databasepath", szDefault, szDbPath, sizeof(szDbPath));
     size_t nLen = strlen(szDbPath);
