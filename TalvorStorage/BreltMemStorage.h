@@ -73,9 +73,32 @@ public:
     // move under lpszDirPath, and the block is written to the system file.
     BOOL CorrectDBFileData(LPSYSTEMBLOCKHEAD lpSystemBlockHead, char* lpszDirPath, char* lpszSrcPath);
 
-    // --- Storage thread and persistence.
+    // --- Storage thread and persistence (BreltMemStorageThread.cpp,
+    // BreltMemStorageCommit.cpp).
     static void* TalvorStorageThread(void* lpParam);
-    HRESULT SaveChange2File(LPTALVORCRITICALSECTION lpCritSection, BOOL bForce, int nFlag, UINT nRedoLogMaxID);
+    // The persistence pass and its commit. nTimestamp 0 means the head's
+    // m_nEndTimestamp. nRedoLogMaxID is the caller's variable: a commit
+    // updates it.
+    HRESULT SaveChange2File(LPTALVORCRITICALSECTION lpCritSection, BOOL bForce, long long nTimestamp,
+                            UINT& nRedoLogMaxID);
+    HRESULT FileCMD(LPTALVORCRITICALSECTION lpCritSection);
+    // Drains the cache buffers of every table and index file; returns 0.
+    HRESULT FlushCacheFile(LPTALVORCRITICALSECTION lpCritSection);
+    HRESULT ClusterCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd,
+                           LPTALVORPROGRESS lpTalvorProgress, const UINT& nRedoLogMaxID);
+    HRESULT WriteCacheTableTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long nTimestamp,
+                                     LPBYTE lpTableTimestamp, int nTimestampNum);
+    HRESULT WriteCacheIndexTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long nTimestamp,
+                                     LPBYTE lpIndexTimestamp, int nTimestampNum);
+    void OnFileSpaceChange(BYTE bFileType, long long nFileFreeSize);
+    // The storage thread's loop, until g_bEixt (the thread entry runs it
+    // under crash containment).
+    void ServeStorageCommands(LPTALVORCRITICALSECTION lpCritSection);
+    // What one pass came to.
+    // PENDING: a block changed under the pass; FILEFAILED: a file refused or
+    // failed (it traced why). Neither committed; FAILED: the commit failed.
+    enum { SAVEPASS_DONE = 0, SAVEPASS_PENDING = 1, SAVEPASS_FILEFAILED = 2, SAVEPASS_FAILED = -1 };
+    int RunSavePass(LPTALVORCRITICALSECTION lpCritSection, BOOL bForce, long long nTimestamp, UINT& nRedoLogMaxID);
 
     // --- Crash containment.
     void SetThreadData(LPTALVORTHREADENTRY threadEntrance, void* lpParam, HTHREADTYPE* pThreadHandle);
@@ -134,6 +157,11 @@ private:
     void RefreshSystemFileRow(LPSYSTEMBLOCKHEAD lpSystemBlockHead, LPFILE_MEMDBFILEINFO lpRow);
     void SetLoadProgressTotal(LPTALVORPROGRESS lpTalvorProgress);
 
+    // The commit: m_nBeginTimestamp and the 80 dynamic bytes, synced.
+    HRESULT CommitTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long nTimestamp, UINT& nRedoLogMaxID);
+    HRESULT WriteSystemFileAt(const void* lpSrc, int nSize, long long nOffset, LONG nSeekCode, LONG nWriteCode,
+                              BOOL bIndexText);
+
     void ResetFields();
     void BuildConfigPath();
     HRESULT StartStorageThread();
@@ -146,6 +174,14 @@ private:
 };
 
 extern CBreltMemStorageModule _AtlModule;
+
+// --- Persistence helpers (BreltMemStorageThread.cpp, BreltMemStorageCommit.cpp).
+// The pass interval: persistenceintervals when it lies in 1 to 300, else 3.
+int TalvorPersistenceIntervalSeconds(int nConfigured);
+// One pass at a time: the storage thread's and the main thread's last pass
+// at stop never run over the same work buffers together. A thread that
+// crashed inside a pass gives the gate back with this.
+void TalvorReleaseSavePass();
 
 // --- Process entry (ServiceEntry.cpp).
 void SetupSignalHandler();

@@ -11,6 +11,9 @@
 #include "TalvorStorageDef.h"
 #include "TypeDef.h"
 
+// FlashbackMapData: the engine has nothing to save for the file.
+inline constexpr int FLASHBACK_NOTHINGTOSAVE = -2;
+
 class CTalvorFlashback {
 public:
     CTalvorFlashback();
@@ -35,6 +38,27 @@ public:
     // answered; FALSE marks it lost (m_bService 2, m_nResult 1610).
     BOOL CheckServiceAlive(LPTALVORCRITICALSECTION lpCritSection);
 
+    // The head and maps of a memory-mode file as of nTimestamp: a copy of
+    // the head in lpHeadBuf (nHeadBufSize bytes at most) and the slave maps
+    // matching it. A running engine is asked (channel command 3); without
+    // one, or when it fails, both come from the live image. 0 when lpHeadBuf
+    // holds the head; FLASHBACK_NOTHINGTOSAVE when the engine said that the
+    // file has nothing to save (lpHeadBuf is then not to be used at all).
+    int FlashbackMapData(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, long long nTimestamp,
+                         LPBYTE lpHeadBuf, int nHeadBufSize = 0x100000);
+
+    // Accessors over the channel head; each is safe without a channel.
+    LPTALVORCOMMAND GetClusterCommand() { return m_pStorageMemFileHead ? &m_pStorageMemFileHead->m_ClusterCommand : nullptr; }
+    LPTALVORPROGRESS GetTalvorProgress() { return GetProgress(); }
+    long long GetBackupTimestamp() { return m_pStorageMemFileHead ? m_pStorageMemFileHead->m_nBackupTimestamp : 0; }
+    void SetBackupTimestamp(long long nTimestamp)
+    {
+        if (m_pStorageMemFileHead) m_pStorageMemFileHead->m_nBackupTimestamp = nTimestamp;
+    }
+    BYTE GetServiceState() { return m_pStorageMemFileHead ? m_pStorageMemFileHead->m_bService : 0; }
+    // One standby thread more (TRUE) or less (FALSE); never below 0.
+    void ChangeStandbyThread(BOOL bAdd);
+
     TALVOR_SECTION m_crit;
     HEVENTTYPE m_hFlashBackEvent;
     HEVENTTYPE m_hFlashBackFinishedEvent;
@@ -52,7 +76,47 @@ public:
     HTHREADTYPE m_hFlushThread;
 
 private:
+    // Channel command 3 for one file; the engine's m_nResult, or 1610.
+    int RequestFileHead(LPTALVORCRITICALSECTION lpCritSection, BYTE bFileNo, long long nTimestamp);
+    // Takes head and maps straight from the live image.
+    void MapDataFromImage(LPFILEINFO pFileInfo, LPBYTE lpHeadBuf, int nHeadBufSize);
     BOOL OpenFlashbackEvents();
     BOOL OpenChannelArea();
     void SetUpNewChannelHead();
+
+public:
+    // --- Block rollback (TalvorFlashbackRollback.cpp) and the undo cache
+    // mirror (TalvorFlashbackUndoCache.cpp).
+    // Takes the private block copy lpBuf back to nTimestamp, copying it anew
+    // from the live block lpSrcBuf while a row is caught in mid-write. 0 done,
+    // 1 failed.
+    int FlashbackData(BYTE bFileNo, int nBlockNo, int nBlockSize, long long nTimestamp, LPBYTE lpBuf,
+                      LPBYTE lpSrcBuf);
+    // One rollback of a block copy of exactly nBlockSize bytes: 0, 1 when the
+    // block number differs, -3 when a piece of a row is torn.
+    int FlashBack(LPBYTE lpBuffer, UINT nBlockNo, int nBlockSize, long long nTimestamp);
+    // The version of one row valid at nTimestamp: 0 and its value image,
+    // -1 none at that time, -3 no value, 1154 or 1155 overwritten.
+    int GetRollBackData(long long nRollBackVarDataID, short sDataToken, long long nTimestamp, LPBYTE& lpVarDataAddr);
+    BOOL GetFilePath(LPTALVORCRITICALSECTION lpCritSection, char* lpFilePath);
+    int LoadUndoCache(LPTALVORCRITICALSECTION lpCritSection, BOOL bLoad);
+    void StartWriteUndoCache(LPTALVORCRITICALSECTION lpCritSection, BOOL bLoad);
+    static void* FlashFlushThread(LPVOID lpParam);
+    int FlashFlush();
+    // One round of the mirror: 0 (written or nothing to do), 1 on a failed write.
+    int FlushUndoStretch();
+    // Stops the flush thread (up to nWaitMs) and closes the cache file,
+    // deleting it with bDeleteUndoFile. FALSE, file left open, when the
+    // thread would not end.
+    BOOL StopUndoMirror(UINT nWaitMs, BYTE bDeleteUndoFile);
+    // Points the object at a rollback area of nAreaSize mapped bytes: the
+    // bound of every offset taken from the area.
+    void SetRollbackArea(LPBYTE lpArea, UINT nAreaSize);
+
+private:
+    // Mapped bytes of the rollback area, 0 until known, and the segment they
+    // were measured for: a segment made anew is measured anew.
+    UINT m_nRollbackAreaSize = 0;
+    MFID m_hRollbackSizedFile = 0;
+    UINT RollbackAreaSize();
 };

@@ -267,15 +267,7 @@ int CTalvorMemoryStorage::Release()
     return 0;
 }
 
-// The save pass of memory mode is not built yet: nothing is written and the
-// file counts as saved. It returns 0 so that callers go on as after a pass
-// with nothing to do.
-int CTalvorMemoryStorage::SaveChange2File(LPTALVORCRITICALSECTION, LPFILEINFO, long long, long long, LPBYTE, LPBYTE,
-                                          BOOL, BOOL& bFlashbackFlag)
-{
-    bFlashbackFlag = FALSE;
-    return 0;
-}
+// SaveChange2File, the save pass, lives in TalvorMemoryStorageSave.cpp.
 
 int CTalvorMemoryStorage::ReadBlock(LPTALVORCRITICALSECTION, long long llPos, LPBYTE lpBuf, int nSize)
 {

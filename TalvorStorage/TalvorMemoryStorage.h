@@ -10,7 +10,8 @@
 //
 // Split by concern: TalvorMemoryStorage.cpp (open, load, release, the small
 // operations), TalvorMemoryStorageFile.cpp (create, write out whole, make
-// directories), TalvorMemoryStorageResize.cpp (grow).
+// directories), TalvorMemoryStorageResize.cpp (grow),
+// TalvorMemoryStorageSave.cpp (the save pass).
 #pragma once
 
 #include "LinuxCommonAPI.h"
@@ -26,6 +27,11 @@ inline void TalvorSetLoadSize(LPFILEINFO pFileInfo, long long nValue)
 {
     if (pFileInfo->m_pLoadSize != nullptr) memcpy((void*)pFileInfo->m_pLoadSize, &nValue, sizeof(nValue));
 }
+
+// SaveChange2File: the pass wrote what it could, but a block changed past
+// nTimestamp while it ran, so the file is not on disk as of nTimestamp. The
+// block stays marked; the caller must not commit and passes again later.
+inline constexpr int SAVECHANGE_PENDING = 2;
 
 class CTalvorMemoryStorage : public IVirtualStorageFile {
 public:

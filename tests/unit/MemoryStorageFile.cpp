@@ -176,16 +176,26 @@ TEST_F(MemoryStorageFile, GrowingRemakesTheSegmentWithTheFileBehindIt)
                               std::string(p->m_lpszFilePath) + ", file size: 3145728"));
 }
 
-TEST_F(MemoryStorageFile, GrowingToTheSameSizeWritesOnlyTheHeadAndStillRemakes)
+// Growing saves the image first with a forced pass (head and maps, no clean
+// block), adds no zeros, and writes the head with the new size once more.
+TEST_F(MemoryStorageFile, GrowingToTheSameSizeWritesNoBlockAndStillRemakes)
 {
     LPFILEINFO p = OpenPatterned(2, 2 * MIB);
     int nOldId = p->m_nShmId;
+    LPBASEFILEHEAD lpHead = (LPBASEFILEHEAD)m_strFile.data();
+    long long nMapBytes = 0;
+    int nMapBlocks = 0;
+    for (long long nOffset = Val(lpHead->m_nBlockMapStartOffset); nOffset != 0 && nMapBlocks < 64; nMapBlocks++) {
+        nMapBytes += Val(lpHead->m_nBlockMapSize);
+        nOffset = Val(((LPBASEFILEBLOCKMAPHEAD)(m_strFile.data() + nOffset))->m_nNextBlockMapOffset);
+    }
+    ASSERT_GT(nMapBlocks, 0);
     CountingFileIO io;
     {
         ScopedFileIO scope(&io);
         ASSERT_EQ(0, Grow(p, 2 * MIB));
     }
-    EXPECT_EQ(Val(((LPBASEFILEHEAD)m_strFile.data())->m_nFileHeaderSize), io.m_nWriteBytes);
+    EXPECT_EQ(2LL * Val(lpHead->m_nFileHeaderSize) + nMapBytes, (long long)io.m_nWriteBytes);
     EXPECT_NE(nOldId, p->m_nShmId);
     EXPECT_EQ(0, memcmp(p->m_pFileAddr, m_strFile.data(), m_strFile.size()));
 }

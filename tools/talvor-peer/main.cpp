@@ -1,5 +1,6 @@
 // main.cpp — talvor-peer, the stand-in for the engine (TalvorService) in
 // tests and demonstrations: "talvor-peer JOB [options]".
+#include "PeerData.h"
 #include "PeerJobs.h"
 #include "PeerRedo.h"
 
@@ -13,6 +14,8 @@ namespace {
 const PeerJob g_arJobs[] = {
     {"trace", "write text into the trace ring as the engine does", RunTraceJob, TraceJobUsage},
     {"redo", "commit redo records into the redo ring as the engine does", RunRedoJob, RedoJobUsage},
+    {"data", "change rows of the memory-mode files and commit them, with a journal", RunDataJob, DataJobUsage},
+    {"verify", "check the files on disk against the journal of the data job", RunVerifyJob, VerifyJobUsage},
 };
 
 void PrintUsage(FILE* pOut)

@@ -1,0 +1,318 @@
+// The persistence pass over the memory-mode files and its commit: what
+// reaches the disk and in which place, what a pass with nothing new does
+// (nothing), the refusals that write nothing, chains from the image that
+// loop or leave it, blocks changing under the pass, and the engine's answers
+// over the channel (a snapshot, "nothing to save", none at all).
+#include "PersistencePassKit.h"
+
+#include <atomic>
+#include <functional>
+#include <thread>
+
+using namespace talvortest;
+
+namespace {
+
+std::string Slice(const std::string& s, long long nOffset, long long nSize) { return s.substr((size_t)nOffset, (size_t)nSize); }
+
+std::string ImageSlice(LPBYTE lpImage, long long nOffset, long long nSize)
+{
+    return std::string((const char*)lpImage + nOffset, (size_t)nSize);
+}
+
+class PersistencePass : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_db.MakeDatabase());
+        ASSERT_EQ(S_OK, m_db.Start());
+        m_db.PrepareFiles();
+        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    }
+    // Answers channel command 3 on a thread of its own, as the engine does.
+    void StartEngine(std::function<void(LPSTORAGEMEMHEAD)> fnAnswer)
+    {
+        LPSTORAGEMEMHEAD lpChannel = m_db.Module().m_pFlashback->GetStorageMemHead();
+        lpChannel->m_bService = 1;
+        m_bEngineStop = false;
+        m_engine = std::thread([this, lpChannel, fnAnswer]() {
+            while (!m_bEngineStop) {
+                if (lpChannel->m_bCommandType == 3) {
+                    fnAnswer(lpChannel);
+                    talvorpeer::PeerFence();
+                    lpChannel->m_bCommandType = 0;
+                    SetEvent(m_db.Module().m_pFlashback->m_hFlashBackFinishedEvent);
+                    m_nAnswers++;
+                }
+                usleep(200);
+            }
+        });
+    }
+    void StopEngine()
+    {
+        m_bEngineStop = true;
+        if (m_engine.joinable()) m_engine.join();
+    }
+    void TearDown() override { StopEngine(); }
+
+    PersistenceDb m_db;
+    std::thread m_engine;
+    std::atomic<bool> m_bEngineStop{false};
+    std::atomic<int> m_nAnswers{0};
+};
+
+} // namespace
+
+TEST_F(PersistencePass, ChangedBlocksHeadAndMapLandInTheirPlaces)
+{
+    std::string strSysBefore = ReadAll(m_db.SystemPath());
+    std::string strDataBefore = ReadAll(m_db.PathOf(2));
+    // Bytes of the system head that only the cache's writers may put on disk.
+    for (int i = SYSTEMFILE_TABLETSARRAY_OFFSET; i < 15558; i++) m_db.Image(1)[i] = (BYTE)(i * 7 + 1);
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 3, 1, 111, ts);
+    m_db.ChangeRow(3, 5, 2, 222, ts);
+    m_db.ChangeRow(4, 7, 3, 333, ts);
+    m_db.EndTransaction(ts);
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+
+    std::string strData = ReadAll(m_db.PathOf(2));
+    for (int n = 2; n <= 4; n++) {
+        std::string strFile = ReadAll(m_db.PathOf(n));
+        long long nOffset = m_db.BlockOffset(n, n == 2 ? 3 : n == 3 ? 5 : 7);
+        int nSize = ((LPBLOCKHEAD)(m_db.Image(n) + nOffset))->m_nBlockSize;
+        EXPECT_EQ(0, Val(((LPBLOCKHEAD)(m_db.Image(n) + nOffset))->m_bSaveFlag)) << "file " << n;
+        EXPECT_TRUE(ImageSlice(m_db.Image(n), nOffset, nSize) == Slice(strFile, nOffset, nSize)) << "file " << n;
+    }
+    LPBASEFILEHEAD lpHead = m_db.FileHead(2);
+    // The head is the snapshot: the live head's fields, and the objects as
+    // they stood before the pass moved their persisted timestamps.
+    EXPECT_TRUE(ImageSlice(m_db.Image(2), 0, sizeof(BASEFILEHEAD)) == Slice(strData, 0, sizeof(BASEFILEHEAD)));
+    LPBASEFILEOBJECTDEF lpDiskObject = (LPBASEFILEOBJECTDEF)&strData[(size_t)lpHead->m_nObjectInfoOffset];
+    EXPECT_EQ(ts, Val(lpDiskObject->m_nFinishedTimestamp));
+    EXPECT_EQ(ts - 1, Val(lpDiskObject->m_nPersistentTimestamp));
+    EXPECT_EQ(ts, Val(DbMemoryFileObject(m_db.Image(2), m_db.File(2)->m_liFileSize, 0)->m_nPersistentTimestamp));
+    // Master position on disk holds the slave's bytes; the slave position
+    // on disk is left as it was.
+    long long nMap = lpHead->m_nBlockMapStartOffset, nMapSize = lpHead->m_nBlockMapSize;
+    EXPECT_TRUE(ImageSlice(m_db.Image(2), nMap + nMapSize, nMapSize) == Slice(strData, nMap, nMapSize));
+    EXPECT_TRUE(Slice(strDataBefore, nMap + nMapSize, nMapSize) == Slice(strData, nMap + nMapSize, nMapSize));
+    // The commit: bytes 66 to 145, and the arrays untouched.
+    std::string strSys = ReadAll(m_db.SystemPath());
+    EXPECT_EQ(ts, m_db.CommittedOnDisk());
+    EXPECT_EQ(ImageSlice(m_db.Image(1), SYSTEMFILE_DYNAMIC_OFFSET, SYSTEMFILE_DYNAMIC_SIZE),
+              Slice(strSys, SYSTEMFILE_DYNAMIC_OFFSET, SYSTEMFILE_DYNAMIC_SIZE));
+    EXPECT_TRUE(Slice(strSysBefore, SYSTEMFILE_TABLETSARRAY_OFFSET, 15558 - SYSTEMFILE_TABLETSARRAY_OFFSET) ==
+                Slice(strSys, SYSTEMFILE_TABLETSARRAY_OFFSET, 15558 - SYSTEMFILE_TABLETSARRAY_OFFSET));
+    EXPECT_EQ(0, m_db.CheckDisk(ts).m_nViolations);
+}
+
+TEST_F(PersistencePass, PassWithNothingNewWritesNothingEvenWithObjectsMarked)
+{
+    std::mt19937 rng(5);
+    m_db.RandomChanges(30, rng);
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    CountingFileIO io;
+    ScopedFileIO scope(&io);
+    for (int i = 0; i < 3; i++) ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(0, io.m_nWrites);
+    EXPECT_EQ(0, Val(m_db.Head()->m_bSaveFlag));
+    // A change of the redo log number alone is committed: 80 bytes.
+    m_db.Head()->m_nRedoLogMaxID = m_db.Head()->m_nRedoLogMaxID + 1;
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(1, io.m_nWrites);
+    EXPECT_EQ(SYSTEMFILE_DYNAMIC_SIZE, io.m_nWriteBytes);
+}
+
+TEST_F(PersistencePass, RefusalsWriteNothingAndHoldTheCommit)
+{
+    struct Damage {
+        const char* m_lpName;
+        int m_nFileNo;
+        std::function<void(LPBASEFILEHEAD)> m_fnDamage;
+        const char* m_lpCode;
+    };
+    std::vector<Damage> vDamages = {
+        {"head mark", 2, [](LPBASEFILEHEAD h) { h->m_nDataFlag = 0x12345678; }, "40002003"},
+        {"map entry size", 3, [](LPBASEFILEHEAD h) { h->m_nBlockMapStructSize = 24; }, "40002006"},
+        {"map start", 4, [](LPBASEFILEHEAD h) { h->m_nBlockMapStartOffset = 0; }, "40002007"},
+        {"head size", 2, [](LPBASEFILEHEAD h) { h->m_nFileHeaderSize = 0x7FFFFFF0; }, "40002012"},
+    };
+    for (const Damage& d : vDamages) {
+        long long nCommitted = m_db.CommittedOnDisk();
+        LPBASEFILEHEAD lpHead = m_db.FileHead(d.m_nFileNo);
+        BASEFILEHEAD stSaved = *lpHead;
+        long long ts = m_db.BeginTransaction();
+        m_db.ChangeRow(d.m_nFileNo, 2, 0, 77, ts);
+        m_db.EndTransaction(ts);
+        d.m_fnDamage(lpHead);
+        std::string strBefore = ReadAll(m_db.PathOf(d.m_nFileNo));
+        EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FILEFAILED, m_db.Pass()) << d.m_lpName;
+        EXPECT_TRUE(strBefore == ReadAll(m_db.PathOf(d.m_nFileNo))) << d.m_lpName;
+        EXPECT_EQ(nCommitted, m_db.CommittedOnDisk()) << d.m_lpName;
+        EXPECT_EQ(1, Val(m_db.Head()->m_bSaveFlag)) << d.m_lpName;
+        EXPECT_TRUE(m_db.m_tree.Traced(d.m_lpCode)) << d.m_lpName;
+        // Repaired, the next pass does the work.
+        long long nHeadTs = lpHead->m_nTimestamp;
+        *lpHead = stSaved;
+        lpHead->m_nTimestamp = nHeadTs;
+        EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass()) << d.m_lpName;
+        EXPECT_EQ(ts, m_db.CommittedOnDisk()) << d.m_lpName;
+        EXPECT_EQ(0, m_db.CheckDisk(ts).m_nViolations) << d.m_lpName;
+    }
+}
+
+TEST_F(PersistencePass, ChainsThatLoopOrLeaveTheFileAreRefused)
+{
+    LPBASEFILEHEAD lpHead = m_db.FileHead(2);
+    long long nMap = lpHead->m_nBlockMapStartOffset;
+    long long nSlave = nMap + lpHead->m_nBlockMapSize;
+    // Entries 3 -> 4 -> 5 -> 3 in the master; the pass refreshes the slave.
+    auto Entry = [&](int i) { return (LPBASEFILEBLOCKMAP)(m_db.Image(2) + DbMapEntryOffset(nMap, i)); };
+    long long nOldNext = Entry(5)->m_nNextOffset;
+    Entry(5)->m_nNextOffset = DbMapEntryOffset(nMap, 3);
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 0, 0, 5, ts);
+    m_db.EndTransaction(ts);
+    long long nCommitted = m_db.CommittedOnDisk();
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FILEFAILED, m_db.Pass());
+    EXPECT_TRUE(m_db.m_tree.Traced("40002020"));
+    EXPECT_EQ(nCommitted, m_db.CommittedOnDisk());
+    (void)nSlave;
+
+    // An entry pointing outside the image.
+    Entry(5)->m_nNextOffset = m_db.File(2)->m_liFileSize + 4096;
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FILEFAILED, m_db.Pass());
+    EXPECT_TRUE(m_db.m_tree.Traced("40002025"));
+    EXPECT_EQ(nCommitted, m_db.CommittedOnDisk());
+
+    Entry(5)->m_nNextOffset = nOldNext;
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(ts, m_db.CommittedOnDisk());
+}
+
+TEST_F(PersistencePass, IndexMapWithTooManyEntriesOrABadBlockMarkIsRefused)
+{
+    LPBASEFILEHEAD lpHead = m_db.FileHead(3);
+    LPBASEFILEBLOCKMAPHEAD lpMap = (LPBASEFILEBLOCKMAPHEAD)(m_db.Image(3) + lpHead->m_nBlockMapStartOffset);
+    int nNum = lpMap->m_nBlockMapNum;
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(3, 1, 0, 5, ts);
+    m_db.EndTransaction(ts);
+    lpMap->m_nBlockMapNum = 1 << 30;
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FILEFAILED, m_db.Pass());
+    EXPECT_TRUE(m_db.m_tree.Traced("40002046"));
+    lpMap->m_nBlockMapNum = nNum;
+    LPBLOCKHEAD lpBlock = (LPBLOCKHEAD)(m_db.Image(3) + m_db.BlockOffset(3, 1));
+    lpBlock->m_nDataFlag = 0x01010101;
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FILEFAILED, m_db.Pass());
+    EXPECT_TRUE(m_db.m_tree.Traced("40002042"));
+    lpBlock->m_nDataFlag = BLOCK_DATAFLAG;
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(ts, m_db.CommittedOnDisk());
+}
+
+TEST_F(PersistencePass, BlockNewerThanTheSavePointStaysMarkedAndHoldsTheCommit)
+{
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 4, 0, 41, ts);
+    m_db.ChangeRow(3, 4, 0, 42, ts);
+    m_db.EndTransaction(ts);
+    // The next transaction is under way in the same blocks: not committed.
+    m_db.ChangeRow(2, 4, 1, 43, ts + 1);
+    m_db.ChangeRow(3, 4, 1, 44, ts + 1);
+    long long nCommitted = m_db.CommittedOnDisk();
+    std::string strBefore = ReadAll(m_db.PathOf(2));
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_PENDING, m_db.Pass());
+    EXPECT_EQ(nCommitted, m_db.CommittedOnDisk());
+    long long nBlock = m_db.BlockOffset(2, 4);
+    EXPECT_TRUE(Slice(strBefore, nBlock, 4096) == Slice(ReadAll(m_db.PathOf(2)), nBlock, 4096));
+    EXPECT_EQ(1, Val(((LPBLOCKHEAD)(m_db.Image(2) + nBlock))->m_bSaveFlag));
+    EXPECT_EQ(1, Val(((LPBLOCKHEAD)(m_db.Image(3) + m_db.BlockOffset(3, 4)))->m_bSaveFlag));
+    EXPECT_EQ(1, Val(m_db.Head()->m_bSaveFlag));
+    // Once it commits, the next pass writes it whole.
+    m_db.EndTransaction(ts + 1);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(ts + 1, m_db.CommittedOnDisk());
+    EXPECT_EQ(0, m_db.CheckDisk(ts + 1).m_nViolations);
+}
+
+TEST_F(PersistencePass, EngineSnapshotIsUsedAndNothingToSaveWritesNothing)
+{
+    // "Nothing to save" for every file: the pass writes no file, and no head
+    // left in the buffer by an earlier pass is taken for a snapshot.
+    StartEngine([](LPSTORAGEMEMHEAD c) { c->m_nResult = PEERRESULT_NOTHINGTOSAVE; });
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 1, 0, 9, ts);
+    m_db.EndTransaction(ts);
+    std::string strBefore = ReadAll(m_db.PathOf(2));
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_GE(m_nAnswers.load(), 1);
+    EXPECT_TRUE(strBefore == ReadAll(m_db.PathOf(2)));
+    StopEngine();
+
+    // A snapshot whose mark is unknown is refused.
+    StartEngine([this](LPSTORAGEMEMHEAD c) {
+        LPBYTE lpData = (LPBYTE)c + c->m_nFileDataOffset;
+        LPBYTE lpImage = m_db.Image(c->m_bFileNo);
+        memcpy(lpData, lpImage, (size_t)((LPBASEFILEHEAD)lpImage)->m_nFileHeaderSize);
+        if (c->m_bFileNo == 4) ((LPBASEFILEHEAD)lpData)->m_nDataFlag = 0x0BADF00D;
+        c->m_nResult = 0;
+    });
+    long long ts2 = m_db.BeginTransaction();
+    m_db.ChangeRow(4, 1, 0, 10, ts2);
+    m_db.EndTransaction(ts2);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FILEFAILED, m_db.Pass());
+    EXPECT_TRUE(m_db.m_tree.Traced("40002050"));
+}
+
+TEST_F(PersistencePass, LostEngineIsMarkedAndTheImageIsSavedDirectly)
+{
+    LPSTORAGEMEMHEAD lpChannel = m_db.Module().m_pFlashback->GetStorageMemHead();
+    lpChannel->m_bService = 1;  // says it runs, never answers
+    lpChannel->m_nCycleTime = 1;
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 2, 0, 12, ts);
+    m_db.EndTransaction(ts);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(2, Val(lpChannel->m_bService));
+    EXPECT_EQ(PEERRESULT_TIMEOUT, Val(lpChannel->m_nResult));
+    EXPECT_EQ(0, Val(lpChannel->m_bCommandType));
+    EXPECT_TRUE(m_db.m_tree.Traced("50002001"));
+    EXPECT_EQ(ts, m_db.CommittedOnDisk());
+    EXPECT_EQ(0, m_db.CheckDisk(ts).m_nViolations);
+}
+
+TEST_F(PersistencePass, FailedCommitLeavesTheTimestampInMemoryAsItWas)
+{
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 2, 0, 12, ts);
+    m_db.EndTransaction(ts);
+    long long nOld = m_db.Head()->m_nBeginTimestamp;
+    CountingFileIO io;
+    {
+        ScopedFileIO scope(&io);
+        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass(TRUE));
+    }
+    // Count the writes of such a pass, then fail exactly the last (the commit).
+    long long ts2 = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 3, 0, 13, ts2);
+    m_db.EndTransaction(ts2);
+    PowerLossFileIO counter;
+    {
+        ScopedFileIO scope(&counter);
+        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    }
+    long long ts3 = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 3, 0, 14, ts3);
+    m_db.EndTransaction(ts3);
+    nOld = m_db.Head()->m_nBeginTimestamp;
+    PowerLossFileIO failing;
+    failing.m_nFailOne = counter.m_nWrites;
+    {
+        ScopedFileIO scope(&failing);
+        EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FAILED, m_db.Pass());
+    }
+    EXPECT_EQ(nOld, Val(m_db.Head()->m_nBeginTimestamp));
+    EXPECT_TRUE(m_db.m_tree.Traced("10110003"));
+}

@@ -1,0 +1,44 @@
+// PeerData.h — the jobs "data" (the engine changing rows of memory-mode
+// files and committing them, with a journal) and "verify" (the files on
+// disk checked against that journal), and the engine's side of the channel.
+#pragma once
+
+#include "LinuxCommonAPI.h"
+#include "PeerJournal.h"
+
+#include <string>
+#include <vector>
+
+namespace talvorpeer {
+
+class CPeerEngine {
+public:
+    // Attaches the channel and the system image and waits (bounded) for the
+    // daemon's readiness; then attaches every memory-mode database file.
+    bool Attach(int nWaitMs);
+    void SetLive(bool bLive);
+    // Answers a waiting channel command 3 or 32, if any.
+    void ServeChannel();
+    LPSYSTEMFILEHEAD Head() { return (LPSYSTEMFILEHEAD)m_lpSystem; }
+
+    LPSTORAGEMEMHEAD m_lpChannel = nullptr;
+    LPBYTE m_lpSystem = nullptr;
+    long long m_nSystemSize = 0;
+    LPBYTE m_arImages[256] = {nullptr};
+    long long m_arSizes[256] = {0};
+    std::vector<int> m_vFiles;  // database files, types 2 to 4
+    HEVENTTYPE m_hRequest = nullptr;
+    HEVENTTYPE m_hDone = nullptr;
+    HEVENTTYPE m_hStorage = nullptr;
+    long long m_nAnswers = 0;
+
+private:
+    void Answer(int nResult);
+};
+
+int RunDataJob(const std::vector<std::string>& args);
+std::string DataJobUsage();
+int RunVerifyJob(const std::vector<std::string>& args);
+std::string VerifyJobUsage();
+
+} // namespace talvorpeer

@@ -1,0 +1,179 @@
+// PeerImage.h — how the engine stand-in changes a memory-mode file image,
+// in the engine's order, and how a row it wrote is read back. Header-only:
+// the stand-in and the tests use the same code, so what a test checks is
+// what the stand-in does.
+//
+// Rows. The stand-in keeps no real records: a block holds fixed slots of
+// PEERROW from its head size on, each carrying the timestamp and value of
+// its last change and a check word, so that a row read from disk tells
+// whether it is whole and which change it is.
+//
+// Order of one change (what the save pass relies on): block m_nTimestamp,
+// block m_bSaveFlag, the row's bytes; then the object's finished timestamp
+// and flag, the file head's timestamp; m_nEndTimestamp of the system head is
+// raised by the caller last, when the whole transaction is in.
+#pragma once
+
+#include "DbFileLayout.h"
+#include "MemDBCommonDef.h"
+
+#include <cstring>
+#include <vector>
+
+namespace talvorpeer {
+
+#pragma pack(push, 1)
+typedef struct _PEERROW {
+    long long m_nTimestamp;
+    long long m_nValue;
+    long long m_nRowKey;
+    long long m_nCheck;
+} PEERROW, *LPPEERROW;
+#pragma pack(pop)
+static_assert(sizeof(PEERROW) == 32, "PEERROW is 32 bytes");
+
+inline constexpr int PEER_MAX_SLOTS = 64;
+
+inline void PeerFence() { __atomic_thread_fence(__ATOMIC_SEQ_CST); }
+
+inline long long PeerRowKey(int nFileNo, long long nBlockOffset, int nSlot)
+{
+    return ((long long)nFileNo << 56) ^ (nBlockOffset << 8) ^ nSlot;
+}
+
+inline long long PeerRowCheck(long long nTimestamp, long long nValue, long long nRowKey)
+{
+    unsigned long long x = (unsigned long long)nTimestamp * 0x9E3779B97F4A7C15ULL;
+    x ^= (unsigned long long)nValue + 0x632BE59BD9B4E019ULL + (x << 6) + (x >> 2);
+    x ^= (unsigned long long)nRowKey * 0xC2B2AE3D27D4EB4FULL;
+    return (long long)(x ^ (x >> 29));
+}
+
+inline int PeerSlotCount(int nBlockSize)
+{
+    int n = (nBlockSize - (int)sizeof(BLOCKHEAD)) / (int)sizeof(PEERROW);
+    return n < PEER_MAX_SLOTS ? n : PEER_MAX_SLOTS;
+}
+
+inline long long PeerRowOffset(long long nBlockOffset, int nSlot)
+{
+    return nBlockOffset + (long long)sizeof(BLOCKHEAD) + (long long)nSlot * sizeof(PEERROW);
+}
+
+// The blocks of a memory-mode file (types 2 to 4) as its first map block
+// lists them, each checked to lie inside the image.
+inline std::vector<long long> PeerFileBlocks(const BYTE* lpImage, long long nSize)
+{
+    std::vector<long long> v;
+    const BASEFILEHEAD* lpHead = (const BASEFILEHEAD*)lpImage;
+    long long nMap = lpHead->m_nBlockMapStartOffset;
+    if (nMap <= 0 || nMap + lpHead->m_nBlockMapSize > nSize) return v;
+    const BASEFILEBLOCKMAPHEAD* lpMap = (const BASEFILEBLOCKMAPHEAD*)(lpImage + nMap);
+    int nNum = lpMap->m_nBlockMapNum;
+    if (nNum < 0 || nNum > DbMaxBlockMapNum(lpHead->m_nBlockMapSize)) return v;
+    for (int i = 0; i < nNum; i++) {
+        const BASEFILEBLOCKMAP* lpEntry = (const BASEFILEBLOCKMAP*)(lpImage + DbMapEntryOffset(nMap, i));
+        long long nOffset = lpEntry->m_nBlockOffset;
+        if (nOffset <= 0 || nOffset > nSize - (long long)sizeof(BLOCKHEAD)) continue;
+        const BLOCKHEAD* lpBlock = (const BLOCKHEAD*)(lpImage + nOffset);
+        if (lpBlock->m_nBlockSize < (int)sizeof(BLOCKHEAD) || nOffset + lpBlock->m_nBlockSize > nSize) continue;
+        v.push_back(nOffset);
+    }
+    return v;
+}
+
+// Grows a new file's first map block to nBlocks blocks (the maker gives it
+// one) and, in a data file, puts them all in the chain of object 1. One
+// transaction at nTimestamp. False when the file has no room.
+inline bool PeerPrepareFile(LPBYTE lpImage, long long nSize, int nBlocks, long long nTimestamp)
+{
+    LPBASEFILEHEAD lpHead = (LPBASEFILEHEAD)lpImage;
+    long long nMap = lpHead->m_nBlockMapStartOffset;
+    LPBASEFILEBLOCKMAPHEAD lpMap = (LPBASEFILEBLOCKMAPHEAD)(lpImage + nMap);
+    if (lpMap->m_nBlockMapNum < 1 || nBlocks > DbMaxBlockMapNum(lpHead->m_nBlockMapSize)) return false;
+    LPBASEFILEBLOCKMAP lpFirst = (LPBASEFILEBLOCKMAP)(lpImage + DbMapEntryOffset(nMap, 0));
+    const BLOCKHEAD stModel = *(const BLOCKHEAD*)(lpImage + lpFirst->m_nBlockOffset);
+    int nBlockSize = stModel.m_nBlockSize;
+    for (int i = lpMap->m_nBlockMapNum; i < nBlocks; i++) {
+        long long nOffset = DbAlignUp(lpHead->m_nFileFreeMemoryOffset);
+        if (nOffset + nBlockSize > nSize) return false;
+        LPBLOCKHEAD lpBlock = (LPBLOCKHEAD)(lpImage + nOffset);
+        *lpBlock = stModel;
+        lpBlock->m_nBlockNo = (UINT)(i + 1);
+        lpBlock->m_nTimestamp = nTimestamp;
+        lpBlock->m_bSaveFlag = 1;
+        LPBASEFILEBLOCKMAP lpEntry = (LPBASEFILEBLOCKMAP)(lpImage + DbMapEntryOffset(nMap, i));
+        lpEntry->m_nBlockNo = (UINT)(i + 1);
+        lpEntry->m_nBlockOffset = nOffset;
+        lpEntry->m_nNextOffset = 0;
+        PeerFence();
+        lpMap->m_nBlockMapNum = i + 1;
+        lpHead->m_nBlockNum = (UINT)(i + 1);
+        lpHead->m_nFileFreeMemoryOffset = nOffset + nBlockSize;
+    }
+    LPBLOCKHEAD lpBlock1 = (LPBLOCKHEAD)(lpImage + lpFirst->m_nBlockOffset);
+    lpBlock1->m_nTimestamp = nTimestamp;
+    lpBlock1->m_bSaveFlag = 1;
+    if (lpHead->m_bFileType == FILETYPE_DATA) {
+        for (int i = 0; i + 1 < lpMap->m_nBlockMapNum; i++)
+            ((LPBASEFILEBLOCKMAP)(lpImage + DbMapEntryOffset(nMap, i)))->m_nNextOffset = DbMapEntryOffset(nMap, i + 1);
+        LPBASEFILEOBJECTDEF lpObject = DbMemoryFileObject(lpImage, nSize, 0);
+        if (lpObject == nullptr) return false;
+        lpObject->m_nFullBlockMapOffset = DbMapEntryOffset(nMap, 0);
+        lpObject->m_nFinishedTimestamp = nTimestamp;
+        PeerFence();
+        lpObject->m_nID = 1;
+        lpObject->m_bSaveFlag = 1;
+        if (lpHead->m_nCurrentObjectNum < 1) lpHead->m_nCurrentObjectNum = 1;
+    }
+    PeerFence();
+    lpHead->m_nTimestamp = nTimestamp;
+    lpHead->m_bSaveFlag = 1;
+    return true;
+}
+
+// One row change at nTimestamp, in the engine's order.
+inline void PeerChangeRow(LPBYTE lpImage, long long nSize, int nFileNo, long long nBlockOffset, int nSlot,
+                          long long nValue, long long nTimestamp)
+{
+    LPBASEFILEHEAD lpHead = (LPBASEFILEHEAD)lpImage;
+    LPBLOCKHEAD lpBlock = (LPBLOCKHEAD)(lpImage + nBlockOffset);
+    lpBlock->m_nTimestamp = nTimestamp;
+    PeerFence();
+    lpBlock->m_bSaveFlag = 1;
+    PeerFence();
+    LPPEERROW lpRow = (LPPEERROW)(lpImage + PeerRowOffset(nBlockOffset, nSlot));
+    long long nKey = PeerRowKey(nFileNo, nBlockOffset, nSlot);
+    lpRow->m_nTimestamp = nTimestamp;
+    lpRow->m_nValue = nValue;
+    lpRow->m_nRowKey = nKey;
+    lpRow->m_nCheck = PeerRowCheck(nTimestamp, nValue, nKey);
+    PeerFence();
+    if (lpHead->m_bFileType == FILETYPE_DATA) {
+        LPBASEFILEOBJECTDEF lpObject = DbMemoryFileObject(lpImage, nSize, 0);
+        if (lpObject != nullptr) {
+            lpObject->m_nFinishedTimestamp = nTimestamp;
+            PeerFence();
+            lpObject->m_bSaveFlag = 1;
+        }
+    }
+    PeerFence();
+    lpHead->m_nTimestamp = nTimestamp;
+}
+
+// What a row holds: 1 whole and matching (ts, value), 0 never written,
+// -1 torn or foreign.
+inline int PeerReadRow(const BYTE* lpFile, long long nBlockOffset, int nSlot, int nFileNo, long long* pnTimestamp,
+                       long long* pnValue)
+{
+    PEERROW stRow;
+    memcpy(&stRow, lpFile + PeerRowOffset(nBlockOffset, nSlot), sizeof(stRow));
+    *pnTimestamp = stRow.m_nTimestamp;
+    *pnValue = stRow.m_nValue;
+    if (stRow.m_nTimestamp == 0 && stRow.m_nValue == 0 && stRow.m_nCheck == 0) return 0;
+    long long nKey = PeerRowKey(nFileNo, nBlockOffset, nSlot);
+    if (stRow.m_nRowKey != nKey || stRow.m_nCheck != PeerRowCheck(stRow.m_nTimestamp, stRow.m_nValue, nKey)) return -1;
+    return 1;
+}
+
+} // namespace talvorpeer
