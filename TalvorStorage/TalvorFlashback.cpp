@@ -2,6 +2,7 @@
 // rollback area and the stop protocol with the engine.
 #include "TalvorFlashback.h"
 
+#include "BreltMemStorage.h"
 #include "LogManager.h"
 #include "ShareMemory.h"
 
@@ -29,6 +30,7 @@ CTalvorFlashback::CTalvorFlashback()
 
 CTalvorFlashback::~CTalvorFlashback()
 {
+    if (!StopUndoMirror(30000, 0)) StopUndoMirror(60000, 0);
     UnInitRollback(0);
     Uninitialize();
     DeleteCriticalTalvor(&m_crit);
@@ -108,7 +110,7 @@ int CTalvorFlashback::Uninitialize()
     return 0;
 }
 
-BOOL CTalvorFlashback::InitRollback(LPTALVORCRITICALSECTION, int nSize)
+BOOL CTalvorFlashback::InitRollback(LPTALVORCRITICALSECTION lpCritSection, int nSize)
 {
     m_bExit = FALSE;
     size_t nBytes = (size_t)(unsigned)nSize << 20;
@@ -128,6 +130,7 @@ BOOL CTalvorFlashback::InitRollback(LPTALVORCRITICALSECTION, int nSize)
               strerror(errno), errno, SHMNAME_ROLLBACK);
         return FALSE;
     }
+    SetRollbackArea(m_pRollbackFileAddr, (UINT)nBytes);
     if (!bExists) {
         LPROLLBACKBLOCKHEAD lpHead = (LPROLLBACKBLOCKHEAD)m_pRollbackFileAddr;
         memset(lpHead, 0, sizeof(ROLLBACKBLOCKHEAD));
@@ -136,14 +139,19 @@ BOOL CTalvorFlashback::InitRollback(LPTALVORCRITICALSECTION, int nSize)
         lpHead->m_nRollbackHeadSize = sizeof(ROLLBACKBLOCKHEAD);
         lpHead->m_nDataAllocPos = sizeof(ROLLBACKBLOCKHEAD);
     }
+    // A cluster node of identity 3 mirrors its undo area to a file, so that
+    // it survives a restart with its undo data.
+    if (g_nCluster && g_nNodeIdentity == 3) StartWriteUndoCache(lpCritSection, !bExists);
     return TRUE;
 }
 
-void CTalvorFlashback::UnInitRollback(BYTE)
+void CTalvorFlashback::UnInitRollback(BYTE bDeleteUndoFile)
 {
+    // Never detach the area under a running mirror thread.
+    if (!StopUndoMirror(60000, bDeleteUndoFile)) return;
     if (m_pRollbackFileAddr != nullptr) CShareMemory::ShMemDetach(m_pRollbackFileAddr);
     if (m_hRollbackFile > 0) CShareMemory::DestoryShareMemory(m_hRollbackFile);
-    Talvor_CloseFile(m_hFile);
+    SetRollbackArea(nullptr, 0);
 }
 
 BOOL CTalvorFlashback::CheckServiceAlive(LPTALVORCRITICALSECTION lpCritSection)
