@@ -380,12 +380,18 @@ void CLogManager::WriteTraceChain(LPTALVORTRACE pChain, int nWriteTraceMaxSize)
 BOOL CLogManager::WriteTrace()
 {
     const int nWriteTraceMaxSize = TraceFileMaxSize();
+    // After a quiet second the writer naps 10 ms instead of 1 ms: an idle
+    // daemon then costs little, and a line waits at most 10 ms for its file.
+    const int nQuietPollsBeforeNap = 1000;
+    int nQuietPolls = 0;
     while (!LoadFlag(&m_bExit)) {
         LPTALVORTRACE pChain = TakeTraceChain();
         if (pChain == nullptr) {
-            usleep(1000);
+            usleep(nQuietPolls < nQuietPollsBeforeNap ? 1000 : 10000);
+            if (nQuietPolls < nQuietPollsBeforeNap) nQuietPolls++;
             continue;
         }
+        nQuietPolls = 0;
         WriteTraceChain(pChain, nWriteTraceMaxSize);
     }
     return TRUE;
