@@ -558,18 +558,21 @@ void CreateDirectory(char* lpFilePath, void*) { mkdir(lpFilePath, 0777); }
 
 BOOL DeleteFile(LPCTSTR lpFileName) { return remove(lpFileName) == 0 ? TRUE : FALSE; }
 
-int MakeDir(const char* lpszFilePath)
+int MakeDirs(const char* lpszFilePath, size_t nCopySize, BOOL bBackslashToo)
 {
     if (lpszFilePath == nullptr || lpszFilePath[0] == '\0') return 0;
     if (access(lpszFilePath, F_OK) == 0) return 1;
-    char szPath[MAX_PATH];
-    strncpy(szPath, lpszFilePath, sizeof(szPath) - 1);
-    szPath[sizeof(szPath) - 1] = '\0';
-    // Only directories followed by "/" are made: a file's path makes its
-    // parents, and a directory's path must end in "/".
-    for (size_t i = 4; szPath[i] != '\0'; i++) {
-        if (szPath[i] != '/') continue;
+    char szPath[MAX_PATH] = {0};
+    if (nCopySize > sizeof(szPath)) nCopySize = sizeof(szPath);
+    strncpy(szPath, lpszFilePath, nCopySize - 1);
+    // Only directories followed by a separator are made: a file's path makes
+    // its parents, and a directory's path must end in "/". Separators at
+    // indexes 0 to 3 are passed over.
+    for (size_t i = 4; i < nCopySize && szPath[i] != '\0'; i++) {
+        if (szPath[i] != '/' && !(bBackslashToo && szPath[i] == '\\')) continue;
         szPath[i] = '\0';
+        // Another process may be making the same directory: look twice
+        // before creating, and try once more if it did not come.
         if (access(szPath, F_OK) != 0) {
             usleep(1000);
             if (access(szPath, F_OK) != 0) {
@@ -584,6 +587,8 @@ int MakeDir(const char* lpszFilePath)
     }
     return 1;
 }
+
+int MakeDir(const char* lpszFilePath) { return MakeDirs(lpszFilePath, MAX_PATH, FALSE); }
 
 void* get_aligned_buffer(size_t nSize) { return memalign(512, nSize); }
 

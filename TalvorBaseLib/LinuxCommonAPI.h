@@ -139,6 +139,9 @@ UINT GetFileSize(FILE* pFile, LPUINT lpFileSizeHigh);
 void CreateDirectory(char* lpFilePath, void* lpParam);
 BOOL DeleteFile(LPCTSTR lpFileName);
 int MakeDir(const char* lpszFilePath);
+// MakeDir's walk over a copy of nCopySize bytes (at most MAX_PATH); with
+// bBackslashToo a backslash separates directories as well.
+int MakeDirs(const char* lpszFilePath, size_t nCopySize, BOOL bBackslashToo);
 
 // Barriers for readers and writers of rings shared with the engine.
 inline void TalvorFlushCPU4Read() { __atomic_thread_fence(__ATOMIC_ACQUIRE); }

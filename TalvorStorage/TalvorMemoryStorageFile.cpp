@@ -49,32 +49,7 @@ int CreateNewFile(const char* lpszPath, int nFlags)
 
 } // namespace
 
-BOOL CTalvorMemoryStorage::MakeDir(char* lpszFilePath)
-{
-    if (lpszFilePath == nullptr || lpszFilePath[0] == '\0') return FALSE;
-    if (access(lpszFilePath, F_OK) == 0) return TRUE;
-    char szPath[256];
-    strncpy(szPath, lpszFilePath, sizeof(szPath) - 1);
-    szPath[sizeof(szPath) - 1] = '\0';
-    for (int i = 4; szPath[i] != '\0'; i++) {
-        if (szPath[i] != '/' && szPath[i] != '\\') continue;
-        szPath[i] = '\0';
-        // Another process may be making the same directory: look twice
-        // before creating, and try once more if it did not come.
-        if (access(szPath, F_OK) != 0) {
-            usleep(1000);
-            if (access(szPath, F_OK) != 0) {
-                CreateDirectory(szPath, nullptr);
-                if (access(szPath, F_OK) != 0) {
-                    usleep(1000);
-                    CreateDirectory(szPath, nullptr);
-                }
-            }
-        }
-        szPath[i] = '/';
-    }
-    return TRUE;
-}
+BOOL CTalvorMemoryStorage::MakeDir(char* lpszFilePath) { return MakeDirs(lpszFilePath, 256, TRUE); }
 
 int CTalvorMemoryStorage::NewFile(LPTALVORCRITICALSECTION, LPFILEINFO pFileInfo, LPBYTE& lpBuffer, int& nInPutBufSize,
                                   USHORT usDatabaseGuid, CTalvorFlashback* pFlashback, LPTALVORPROGRESS lpTalvorProgress,

@@ -261,6 +261,18 @@ TEST_F(MakeDirTest, MakesEveryDirectoryFollowedBySlash)
     EXPECT_EQ(MakeDir(""), 0);
 }
 
+// The memory backend's paths may carry a backslash as a separator; the
+// directory is made with a "/" in its place.
+TEST_F(MakeDirTest, BackslashSeparatesOnlyWhenAsked)
+{
+    EXPECT_EQ(MakeDirs((m_strRoot + "/e\\f/g.dbf").c_str(), 256, TRUE), 1);
+    EXPECT_TRUE(IsDir(m_strRoot + "/e"));
+    EXPECT_TRUE(IsDir(m_strRoot + "/e/f"));
+    EXPECT_EQ(MakeDirs((m_strRoot + "/h\\i/j.dbf").c_str(), MAX_PATH, FALSE), 1);
+    EXPECT_TRUE(IsDir(m_strRoot + "/h\\i")) << "without the flag a backslash is part of the name";
+    EXPECT_FALSE(Exists(m_strRoot + "/h"));
+}
+
 // Stack garbage full of '/' where a short path's buffer will lie: a path
 // shorter than the first separator that counts must not be scanned past
 // its end.
