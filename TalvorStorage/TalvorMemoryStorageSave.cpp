@@ -3,12 +3,17 @@
 // consistent as of one timestamp while the engine keeps writing the image.
 //
 // What the pass relies on from the engine's order of writing a change:
-// block timestamp, then block save flag, then the bytes, and m_nEndTimestamp
+// block timestamp, then block save flag, then the row's head (its newest
+// old version and its timestamp), then the row's bytes, and m_nEndTimestamp
 // of the system head last. A block is copied, its flag cleared, and its live
-// timestamp read again: if that is past nTimestamp, a change may have been
-// under way during the copy, so the copy is not written, the block stays
-// marked and the file reports SAVECHANGE_PENDING (no commit may cover
-// nTimestamp until a later pass has written the block whole).
+// timestamp read again. If that is past nTimestamp, a data-file block copy
+// is taken back to nTimestamp from the old row versions and written so; the
+// live block stays marked for the next pass. Where the copy cannot be shown
+// to be as of nTimestamp (a version the engine has overwritten, a row that
+// moved while it was copied, content that is not in rows), and for every
+// other kind of block, the copy is not written, the block stays marked and
+// the file reports SAVECHANGE_PENDING (no commit may cover nTimestamp until
+// a later pass has written the block whole).
 #include "TalvorMemoryStorage.h"
 
 #include "DbFileLayout.h"
@@ -20,6 +25,7 @@
 #include <cstddef>
 #include <cstring>
 #include <fcntl.h>
+#include <new>
 #include <unistd.h>
 
 namespace {
@@ -39,6 +45,7 @@ struct SaveContext {
     int m_fd;
     long long m_nTimestamp;
     LPBYTE m_lpBuffer;
+    CTalvorFlashback* m_pFlashback;  // null: no block is rolled back
     BOOL m_bForce;
     BOOL m_bSystem;
     LPBASEFILEHEAD m_lpBase;   // the head the pass reads and writes out
@@ -142,10 +149,77 @@ void TraceGeometry(const SaveContext& c, LPBASEFILEHEAD lpHead)
           PathOf(c), lpHead->m_nFileHeaderSize, lpHead->m_nBlockMapStartOffset, lpHead->m_nBlockMapSize);
 }
 
+// The row records of a block copy that lie wholly inside it.
+int RowsInCopy(const BLOCKHEAD* lpCopy, int nBlockSize)
+{
+    int nRows = (int)(lpCopy->m_nInnerMaxNo & 0xFFFF) - 1;
+    int nStart = lpCopy->m_nBlockHeadSize;
+    if (nRows <= 0 || nStart < (int)sizeof(BLOCKHEAD) || nStart > nBlockSize) return 0;
+    int nFit = (nBlockSize - nStart) / (int)sizeof(BLOCKDATASTRUCT);
+    return nRows < nFit ? nRows : nFit;
+}
+
+// Every row of the copy that is newer than nTimestamp has been taken back by
+// the rollback: the rollback leaves a row whose version the engine has
+// overwritten (or whose status it does not handle) with its newest value,
+// and such a copy is not as of nTimestamp. lpRows are the rows as copied,
+// before the rollback rewrote them.
+BOOL VersionsHeld(SaveContext& c, const BLOCKDATASTRUCT* lpRows, int nRows)
+{
+    for (int i = 0; i < nRows; i++) {
+        BLOCKDATASTRUCT stRow;
+        memcpy(&stRow, lpRows + i, sizeof(stRow));
+        if (stRow.m_nTimestamp <= c.m_nTimestamp) continue;
+        if (stRow.m_bDataStatus != 0 && stRow.m_bDataStatus != 2) return FALSE;
+        if (stRow.m_nNextDataID == 0) continue;  // born after: absent
+        LPBYTE lpImage = nullptr;
+        int rc = c.m_pFlashback->GetRollBackData(stRow.m_nNextDataID, stRow.m_sToken, c.m_nTimestamp, lpImage);
+        // Asked after the rollback: a version overwritten meanwhile shows here.
+        if (rc != 0 && rc != -1 && rc != -3) return FALSE;
+    }
+    return TRUE;
+}
+
+// Takes the copy in c.m_lpBuffer back to nTimestamp. TRUE when the copy is
+// now the block as of nTimestamp and may be written.
+BOOL RollBackCopy(SaveContext& c, LPBASEBLOCKHEAD lpLive, int nBlockSize)
+{
+    LPBLOCKHEAD lpCopy = (LPBLOCKHEAD)c.m_lpBuffer;
+    // Content that is not in rows cannot be taken back.
+    int nRows = RowsInCopy(lpCopy, nBlockSize);
+    if (c.m_pFlashback == nullptr || nRows == 0) return FALSE;
+    UINT nBlockNo = lpCopy->m_nBlockNo;
+    UINT nInnerMaxNo = lpCopy->m_nInnerMaxNo;
+    int nRowStart = lpCopy->m_nBlockHeadSize;
+    size_t nRowBytes = (size_t)nRows * sizeof(BLOCKDATASTRUCT);
+    BYTE* lpRows = new (std::nothrow) BYTE[nRowBytes];
+    if (lpRows == nullptr) return FALSE;
+    memcpy(lpRows, c.m_lpBuffer + nRowStart, nRowBytes);
+    int rc = c.m_pFlashback->FlashbackData(c.m_pFileInfo->m_bFileNo, (int)nBlockNo, nBlockSize, c.m_nTimestamp,
+                                           c.m_lpBuffer, (LPBYTE)lpLive);
+    BOOL bOk = FALSE;
+    if (lpCopy->m_nBlockNo != nBlockNo || lpCopy->m_nBlockSize != nBlockSize) {
+        Trace("SaveChange2File", 1, 40002030,
+              TALVOR_TEXT("闪回逻辑异常,文件号:%d,块号:%d(%d),块大小:%d(%d)",
+                          "Flash back logic exception, file number: %d, block number: %d(%d), block size: %d(%d)"),
+              (int)c.m_pFileInfo->m_bFileNo, (int)lpCopy->m_nBlockNo, (int)nBlockNo, (int)lpCopy->m_nBlockSize,
+              nBlockSize);
+    } else if (rc == 0 && VersionsHeld(c, (const BLOCKDATASTRUCT*)lpRows, nRows)) {
+        // The engine writes a row's head before its bytes: rows whose heads
+        // are still as copied had no bytes changed under the copy.
+        FullFence();
+        bOk = ((LPBLOCKHEAD)lpLive)->m_nInnerMaxNo == nInnerMaxNo &&
+              memcmp((const void*)((LPBYTE)lpLive + nRowStart), lpRows, nRowBytes) == 0;
+    }
+    delete[] lpRows;
+    return bOk;
+}
+
 // Writes one block, either from a private copy or live. nMarkCode and
-// nWriteCode are the messages of the walk that found it.
+// nWriteCode are the messages of the walk that found it; bRollback: a block
+// of a data file, whose copy may be taken back to nTimestamp.
 int WriteBlock(SaveContext& c, LPBASEBLOCKHEAD lpLive, long long nBlockOffset, int nBlockSize, int nMarkCode,
-               int nWriteCode, BOOL& bPendingBlock)
+               int nWriteCode, BOOL bRollback, BOOL& bPendingBlock, BOOL& bFlashFlag)
 {
     bPendingBlock = FALSE;
     BOOL bLive = c.m_bForce || c.m_bSystem || nBlockSize > SAVE_COPY_LIMIT;
@@ -155,12 +229,17 @@ int WriteBlock(SaveContext& c, LPBASEBLOCKHEAD lpLive, long long nBlockOffset, i
         lpLive->m_bSaveFlag = 0;
         FullFence();
         if (lpLive->m_nTimestamp > c.m_nTimestamp) {
-            // A change past the save point may have been under way during
-            // the copy: keep the block marked and write it at a later pass.
+            // Changed past the save point: the live block stays marked for
+            // the next pass whatever becomes of the copy.
             lpLive->m_bSaveFlag = 1;
-            bPendingBlock = TRUE;
-            c.m_bPending = TRUE;
-            return STEP_OK;
+            if (!bRollback || !RollBackCopy(c, lpLive, nBlockSize)) {
+                // A change may have been under way during the copy: write
+                // the block at a later pass.
+                bPendingBlock = TRUE;
+                c.m_bPending = TRUE;
+                return STEP_OK;
+            }
+            bFlashFlag = TRUE;
         }
         lpSrc = (LPBASEBLOCKHEAD)c.m_lpBuffer;
     }
@@ -232,7 +311,9 @@ int SaveChainEntry(SaveContext& c, LPBASEFILEBLOCKMAP lpEntry, BOOL& bFlashFlag)
     }
     if (lpBlock->m_bSaveFlag == 0) return STEP_OK;
     BOOL bPendingBlock = FALSE;
-    int nResult = WriteBlock(c, lpBlock, nBlockOffset, nBlockSize, 40002030, 40002032, bPendingBlock);
+    BOOL bRollback = c.m_lpBase->m_nDataFlag == DATAFILE_DATAFLAG;
+    int nResult = WriteBlock(c, lpBlock, nBlockOffset, nBlockSize, 40002030, 40002032, bRollback, bPendingBlock,
+                             bFlashFlag);
     if (bPendingBlock) bFlashFlag = TRUE;
     return nResult;
 }
@@ -347,7 +428,9 @@ int SaveMapEntry(SaveContext& c, const BASEFILEBLOCKMAP& stEntry, int n, BOOL& b
     }
     if (lpBlock->m_bSaveFlag == 0 && !c.m_bForce) return STEP_OK;
     BOOL bPendingBlock = FALSE;
-    int nResult = WriteBlock(c, lpBlock, nBlockOffset, nBlockSize, 40002043, 40002045, bPendingBlock);
+    BOOL bFlashFlag = FALSE;
+    int nResult = WriteBlock(c, lpBlock, nBlockOffset, nBlockSize, 40002043, 40002045, FALSE, bPendingBlock,
+                             bFlashFlag);
     if (bPendingBlock) bFlashbackFlag = TRUE;
     return nResult;
 }
@@ -526,6 +609,7 @@ int CTalvorMemoryStorage::SaveChange2File(LPTALVORCRITICALSECTION lpCritSection,
     c.m_fd = stPassFd.Fd();
     c.m_nTimestamp = nTimestamp;
     c.m_lpBuffer = lpBuffer;
+    c.m_pFlashback = bForce ? nullptr : m_pFlashback;
     c.m_bForce = bForce;
     c.m_bSystem = pFileInfo->m_bFileType == FILETYPE_SYSTEM;
     c.m_lpLive = (LPBASEFILEHEAD)c.m_lpImage;

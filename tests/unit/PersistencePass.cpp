@@ -3,6 +3,7 @@
 // (nothing), the refusals that write nothing, chains from the image that
 // loop or leave it, blocks changing under the pass, and the engine's answers
 // over the channel (a snapshot, "nothing to save", none at all).
+#include "../../tools/talvor-peer/PeerRollback.cpp"
 #include "PersistencePassKit.h"
 
 #include <atomic>
@@ -315,4 +316,213 @@ TEST_F(PersistencePass, FailedCommitLeavesTheTimestampInMemoryAsItWas)
     }
     EXPECT_EQ(nOld, Val(m_db.Head()->m_nBeginTimestamp));
     EXPECT_TRUE(m_db.m_tree.Traced("10110003"));
+}
+
+namespace {
+
+const BYTE* Bytes(const std::string& s) { return (const BYTE*)s.data(); }
+
+// Blocks of the data file holding rows, changed as the engine changes them,
+// with old versions in a rollback area of the test's own.
+class PersistenceRollback : public PersistencePass {
+protected:
+    static const UINT AREA_SIZE = 1 << 20;
+    static const int FILE_NO = 2;
+
+    PersistenceRollback() : m_vArea(AREA_SIZE), m_area(m_vArea.data(), AREA_SIZE) {}
+    void SetUp() override
+    {
+        PersistencePass::SetUp();
+        if (HasFatalFailure()) return;
+        m_area.Format();
+        CTalvorFlashback* pFlashback = m_db.Module().m_pFlashback;
+        m_lpOldArea = pFlashback->m_pRollbackFileAddr;
+        pFlashback->SetRollbackArea(m_vArea.data(), AREA_SIZE);
+        m_nBlock = m_db.BlockOffset(FILE_NO, 4);
+    }
+    void TearDown() override
+    {
+        PersistencePass::TearDown();
+        // The segment is measured anew from its id.
+        if (m_db.m_pModule) m_db.Module().m_pFlashback->SetRollbackArea(m_lpOldArea, 0);
+    }
+    LPBYTE LiveBlock() { return m_db.Image(FILE_NO) + m_nBlock; }
+    int BlockSize() { return ((LPBLOCKHEAD)LiveBlock())->m_nBlockSize; }
+    talvorpeer::CPeerBlock Live() { return talvorpeer::CPeerBlock(LiveBlock(), BlockSize()); }
+    // The engine's marks of a change at ts, block first (the rows between).
+    void MarkBlock(long long ts)
+    {
+        LPBLOCKHEAD lpBlock = (LPBLOCKHEAD)LiveBlock();
+        lpBlock->m_nTimestamp = ts;
+        talvorpeer::PeerFence();
+        lpBlock->m_bSaveFlag = 1;
+    }
+    void MarkFile(long long ts)
+    {
+        LPBASEFILEOBJECTDEF lpObject = DbMemoryFileObject(m_db.Image(FILE_NO), m_db.File(FILE_NO)->m_liFileSize, 0);
+        ASSERT_NE(nullptr, lpObject);
+        lpObject->m_nFinishedTimestamp = ts;
+        talvorpeer::PeerFence();
+        lpObject->m_bSaveFlag = 1;
+        m_db.FileHead(FILE_NO)->m_nTimestamp = ts;
+    }
+    // Two rows, committed and on disk.
+    long long TwoRowsOnDisk()
+    {
+        long long ts = m_db.BeginTransaction();
+        int nSize = BlockSize();
+        UINT nBlockNo = ((LPBLOCKHEAD)LiveBlock())->m_nBlockNo;
+        std::vector<BYTE> vBlock((size_t)nSize);
+        talvorpeer::CPeerBlock fresh(vBlock.data(), nSize);
+        fresh.Format(nBlockNo, FILE_NO, 16);
+        EXPECT_EQ(0, fresh.AddRow(11, ts, Bytes("alpha"), 5, 16));
+        EXPECT_EQ(1, fresh.AddRow(12, ts, Bytes("beta"), 4, 16));
+        memcpy(LiveBlock(), vBlock.data(), (size_t)nSize);
+        MarkBlock(ts);
+        MarkFile(ts);
+        m_db.EndTransaction(ts);
+        EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+        EXPECT_EQ(ts, m_db.CommittedOnDisk());
+        return ts;
+    }
+    std::string DiskBlock() { return Slice(ReadAll(m_db.PathOf(FILE_NO)), m_nBlock, BlockSize()); }
+    int SaveFile(long long nTimestamp, BOOL& bFlashbackFlag)
+    {
+        CBreltMemStorageModule& m = m_db.Module();
+        return m_db.File(FILE_NO)->m_pStorageFile->SaveChange2File(&m_db.m_stCrit, m_db.File(FILE_NO), nTimestamp,
+                                                                   m_db.Head()->m_nBeginTimestamp, m.m_lpBuffer,
+                                                                   m.m_lpHeadBuf, FALSE, bFlashbackFlag);
+    }
+
+    std::vector<BYTE> m_vArea;
+    talvorpeer::CPeerRollbackArea m_area;
+    LPBYTE m_lpOldArea = nullptr;
+    long long m_nBlock = 0;
+};
+
+} // namespace
+
+TEST_F(PersistenceRollback, BlockChangedPastTheSavePointIsWrittenAsOfIt)
+{
+    long long ts1 = TwoRowsOnDisk();
+    long long ts2 = m_db.BeginTransaction();
+    MarkBlock(ts2);
+    EXPECT_NE(0, Live().UpdateRow(m_area, 0, ts2, Bytes("alpha-2"), 7));
+    MarkFile(ts2);
+    m_db.EndTransaction(ts2);
+    // The next transaction is under way in the same block: one row changed,
+    // one born, neither committed.
+    long long ts3 = ts2 + 1;
+    MarkBlock(ts3);
+    EXPECT_NE(0, Live().UpdateRow(m_area, 1, ts3, Bytes("beta-3"), 6));
+    EXPECT_EQ(2, Live().AddRow(13, ts3, Bytes("gamma"), 5, 16));
+    MarkFile(ts3);
+    std::string strLiveBefore((const char*)LiveBlock(), (size_t)BlockSize());
+
+    BOOL bFlashbackFlag = FALSE;
+    EXPECT_EQ(0, SaveFile(ts2, bFlashbackFlag));
+    EXPECT_EQ(1, bFlashbackFlag);
+    // On disk: the block as of ts2.
+    std::string strDisk = DiskBlock();
+    talvorpeer::CPeerBlock disk((LPBYTE)&strDisk[0], BlockSize());
+    EXPECT_EQ(ts2, Val(disk.Head()->m_nTimestamp));
+    EXPECT_EQ(0, Val(disk.Head()->m_bSaveFlag));
+    EXPECT_EQ("alpha-2", disk.RowValue(0));
+    EXPECT_EQ("beta", disk.RowValue(1));
+    EXPECT_EQ(0, Val(disk.Row(1)->m_bDataStatus));
+    EXPECT_EQ(2, Val(disk.Row(2)->m_bDataStatus));  // born after ts2
+    EXPECT_EQ(0, Val(disk.Row(2)->m_nTimestamp));
+    // The live block is as it was, and still marked for the next pass.
+    LPBLOCKHEAD lpLive = (LPBLOCKHEAD)LiveBlock();
+    EXPECT_EQ(1, Val(lpLive->m_bSaveFlag));
+    EXPECT_EQ("beta-3", Live().RowValue(1));
+    lpLive->m_bSaveFlag = 0;
+    ((LPBLOCKHEAD)&strLiveBefore[0])->m_bSaveFlag = 0;
+    EXPECT_TRUE(strLiveBefore == std::string((const char*)LiveBlock(), (size_t)BlockSize()));
+    lpLive->m_bSaveFlag = 1;
+
+    // The whole pass commits ts2; once ts3 commits, the next writes it.
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(ts2, m_db.CommittedOnDisk());
+    m_db.EndTransaction(ts3);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(ts3, m_db.CommittedOnDisk());
+    strDisk = DiskBlock();
+    talvorpeer::CPeerBlock after((LPBYTE)&strDisk[0], BlockSize());
+    EXPECT_EQ("beta-3", after.RowValue(1));
+    EXPECT_EQ("gamma", after.RowValue(2));
+    EXPECT_EQ(0, Val(after.Row(2)->m_bDataStatus));
+    EXPECT_GT(ts3, ts1);
+}
+
+TEST_F(PersistenceRollback, BlockWhoseOldVersionIsGoneIsNotWrittenAndHoldsTheCommit)
+{
+    TwoRowsOnDisk();
+    long long nCommitted = m_db.CommittedOnDisk();
+    std::string strDiskBefore = DiskBlock();
+    // A transaction elsewhere commits; the next one is under way in the block.
+    long long ts2 = m_db.BeginTransaction();
+    m_db.ChangeRow(FILE_NO, 1, 0, 7, ts2);
+    m_db.EndTransaction(ts2);
+    long long ts3 = ts2 + 1;
+    MarkBlock(ts3);
+    long long nID = Live().UpdateRow(m_area, 0, ts3, Bytes("alpha-2"), 7);
+    ASSERT_NE(0, nID);
+    MarkFile(ts3);
+    // The engine reused the version's place before ts2 committed.
+    m_area.Record(nID)->m_sDataToken = 99;
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_PENDING, m_db.Pass());
+    EXPECT_EQ(nCommitted, m_db.CommittedOnDisk());
+    EXPECT_TRUE(strDiskBefore == DiskBlock());
+    EXPECT_EQ(1, Val(((LPBLOCKHEAD)LiveBlock())->m_bSaveFlag));
+
+    // Without a rollback area at all, the same.
+    m_area.Record(nID)->m_sDataToken = 11;
+    m_db.Module().m_pFlashback->SetRollbackArea(nullptr, 0);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_PENDING, m_db.Pass());
+    EXPECT_TRUE(strDiskBefore == DiskBlock());
+    m_db.Module().m_pFlashback->SetRollbackArea(m_vArea.data(), AREA_SIZE);
+
+    // A row of a status the rollback does not take back, newer than the
+    // save point: the same.
+    Live().Row(0)->m_bDataStatus = 1;
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_PENDING, m_db.Pass());
+    EXPECT_TRUE(strDiskBefore == DiskBlock());
+    Live().Row(0)->m_bDataStatus = 0;
+
+    // With the version back, the block goes to disk rolled back.
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    std::string strDisk = DiskBlock();
+    talvorpeer::CPeerBlock disk((LPBYTE)&strDisk[0], BlockSize());
+    EXPECT_EQ("alpha", disk.RowValue(0));
+    EXPECT_EQ(ts2, m_db.CommittedOnDisk());
+    EXPECT_EQ(0, m_db.CheckDisk(ts2).m_nViolations);
+    // Committed, the block is written as it is.
+    m_db.EndTransaction(ts3);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(ts3, m_db.CommittedOnDisk());
+    strDisk = DiskBlock();
+    EXPECT_EQ("alpha-2", talvorpeer::CPeerBlock((LPBYTE)&strDisk[0], BlockSize()).RowValue(0));
+}
+
+TEST_F(PersistenceRollback, IndexBlockChangedPastTheSavePointIsNeverRolledBack)
+{
+    // Rows in a B-tree file block, old versions kept: still only pending.
+    long long ts0 = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 1, 0, 7, ts0);
+    m_db.EndTransaction(ts0);
+    long long ts = ts0 + 1;
+    LPBYTE lpBlock = m_db.Image(3) + m_db.BlockOffset(3, 4);
+    int nSize = ((LPBLOCKHEAD)lpBlock)->m_nBlockSize;
+    UINT nBlockNo = ((LPBLOCKHEAD)lpBlock)->m_nBlockNo;
+    std::string strBefore = Slice(ReadAll(m_db.PathOf(3)), m_db.BlockOffset(3, 4), nSize);
+    talvorpeer::CPeerBlock block(lpBlock, nSize);
+    block.Format(nBlockNo, 3, 16);
+    ((LPBLOCKHEAD)lpBlock)->m_nTimestamp = ts;
+    ((LPBLOCKHEAD)lpBlock)->m_bSaveFlag = 1;
+    EXPECT_EQ(0, block.AddRow(21, ts, Bytes("key"), 3, 16));
+    m_db.FileHead(3)->m_nTimestamp = ts;
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_PENDING, m_db.Pass());
+    EXPECT_TRUE(strBefore == Slice(ReadAll(m_db.PathOf(3)), m_db.BlockOffset(3, 4), nSize));
+    EXPECT_EQ(1, Val(((LPBLOCKHEAD)lpBlock)->m_bSaveFlag));
 }

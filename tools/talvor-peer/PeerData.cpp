@@ -7,12 +7,23 @@
 // m_bService to 1 and answers the daemon's channel commands between
 // transactions; killed, it plays a lost engine.
 //
+// In a data file the rows are the engine's records (a slot array and one
+// piece per row), and before a row changes its value so far is kept as an
+// old version in the daemon's rollback area, as the engine keeps it: the
+// daemon takes block copies back to its save point from those versions.
+// Index files keep plain slots; their blocks are never taken back.
+//
 // "verify" reads the database files from disk and checks them against the
 // journal: every row whose last change is covered by the committed
-// timestamp must hold that change (or a later journalled one) whole.
+// timestamp must hold that change (or a later journalled one) whole. With
+// --exact, a data-file row must hold exactly the change current at the
+// committed timestamp, and a row born after it must be absent. The data job
+// runs that exact check itself after each pass it asked for (--check-exact),
+// while it keeps changing rows during the passes.
 #include "PeerArgs.h"
 #include "PeerData.h"
 #include "PeerJobs.h"
+#include "PeerRollback.h"
 
 #include <cerrno>
 #include <chrono>
@@ -20,8 +31,11 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <map>
 #include <random>
+#include <tuple>
 #include <sstream>
+#include <sys/shm.h>
 #include <unistd.h>
 
 namespace talvorpeer {
@@ -41,6 +55,8 @@ const std::vector<OptionSpec> g_vDataOptions = {
     {"seed", true, "random seed (default: the pid)"},
     {"wait-ready-ms", true, "how long to wait for the daemon's readiness (default 30000)"},
     {"live", false, "run as a live engine: m_bService 1, answer channel commands"},
+    {"check-exact", true, "System.dbf path: ask passes without waiting, keep changing rows meanwhile, and after each "
+                          "commit check the data files on disk exactly (needs --pass-every)"},
     {"quiet", false, "no summary line"},
 };
 
@@ -48,7 +64,243 @@ const std::vector<OptionSpec> g_vVerifyOptions = {
     {"journal", true, "the journal of the data job (required)"},
     {"system", true, "path of System.dbf (required); the file list gives the other files"},
     {"at-least", true, "fail unless the committed timestamp is at least this"},
+    {"exact", false, "data-file rows must hold exactly the change current at the committed timestamp"},
 };
+
+// --- Rows of data files.
+
+const int ROW_VALUE_SIZE = (int)sizeof(PEERROW);
+// A data id no version can stand at: the old value was not kept, and a
+// rollback past this change must find the version overwritten.
+const long long VERSION_NOT_KEPT = 1;
+
+// Row slots of a data-file block: each takes a record and a piece.
+int RowCapacity(int nBlockSize)
+{
+    int nPerRow = (int)(sizeof(BLOCKDATASTRUCT) + sizeof(BLOCKVARDATASTRUCT)) + ROW_VALUE_SIZE;
+    int n = (nBlockSize - (int)sizeof(BLOCKHEAD)) / nPerRow;
+    if (n < 0) return 0;
+    return n < PEER_MAX_SLOTS ? n : PEER_MAX_SLOTS;
+}
+
+int RowsEnd(int nBlockSize) { return (int)sizeof(BLOCKHEAD) + RowCapacity(nBlockSize) * (int)sizeof(BLOCKDATASTRUCT); }
+
+bool IsRowBlock(const BLOCKHEAD* lpBlock)
+{
+    int nSize = lpBlock->m_nBlockSize;
+    return lpBlock->m_nBlockHeadSize == (int)sizeof(BLOCKHEAD) && RowCapacity(nSize) > 0 &&
+           lpBlock->m_nFreeDataOffset == RowsEnd(nSize);
+}
+
+// Room for the slots in a block as the maker left it (zero behind the
+// head); the free offset, set last, tells that it is done.
+void MakeRowBlock(LPBLOCKHEAD lpBlock)
+{
+    int nEnd = RowsEnd(lpBlock->m_nBlockSize);
+    lpBlock->m_nBlockDataStructSize = (BYTE)sizeof(BLOCKDATASTRUCT);
+    lpBlock->m_nInnerMaxNo = 1;
+    lpBlock->m_nDataInsertOffset = (int)sizeof(BLOCKHEAD);
+    lpBlock->m_nVarDataInsertOffset = nEnd;
+    lpBlock->m_nVarDataAllocOffset = nEnd;
+    PeerFence();
+    lpBlock->m_nFreeDataOffset = nEnd;
+}
+
+// A token per row, so that a place of the area reused by another row reads
+// as reused.
+short RowToken(long long nRowKey)
+{
+    unsigned long long x = (unsigned long long)nRowKey * 0x9E3779B97F4A7C15ULL;
+    x ^= x >> 29;
+    return (short)((x & 0x7FFF) | 1);
+}
+
+// Keeps a row's value so far in the rollback area: its data id, or
+// VERSION_NOT_KEPT without an area.
+long long KeepVersion(CPeerEngine& engine, short sToken, long long nValidFrom, long long nPrevID,
+                      const std::string& strOld)
+{
+    if (engine.m_lpRollback == nullptr) return VERSION_NOT_KEPT;
+    LPROLLBACKBLOCKHEAD lpHead = (LPROLLBACKBLOCKHEAD)engine.m_lpRollback;
+    UINT nSize = lpHead->m_nRollbackTotalSize;
+    if (lpHead->m_nDataFlag != BLOCK_DATAFLAG || nSize > engine.m_nRollbackSize) return VERSION_NOT_KEPT;
+    CPeerRollbackArea area(engine.m_lpRollback, nSize);
+    // The mirror has taken everything published so far.
+    if (__atomic_load_n(&lpHead->m_bSaveStatus, __ATOMIC_ACQUIRE) == 0) area.MarkMirrored();
+    long long nID = area.AddVersion(sToken, nValidFrom, nPrevID, (const BYTE*)strOld.data(), (int)strOld.size());
+    if (nID == 0) return VERSION_NOT_KEPT;
+    area.Publish();
+    return nID;
+}
+
+// One row change of a data file at nTimestamp, in the engine's order: the
+// block's marks, the row's head (newest old version, timestamp), its bytes;
+// then object and file head. Rows are born in slot order.
+void ChangeDataRow(CPeerEngine& engine, int nFileNo, long long nBlockOffset, int nSlot, long long nValue,
+                   long long nTimestamp)
+{
+    LPBYTE lpImage = engine.m_arImages[nFileNo];
+    LPBLOCKHEAD lpBlock = (LPBLOCKHEAD)(lpImage + nBlockOffset);
+    lpBlock->m_nTimestamp = nTimestamp;
+    PeerFence();
+    lpBlock->m_bSaveFlag = 1;
+    PeerFence();
+    if (!IsRowBlock(lpBlock)) MakeRowBlock(lpBlock);
+    long long nKey = PeerRowKey(nFileNo, nBlockOffset, nSlot);
+    PEERROW stRow = {nTimestamp, nValue, nKey, PeerRowCheck(nTimestamp, nValue, nKey)};
+    CPeerBlock block((LPBYTE)lpBlock, lpBlock->m_nBlockSize);
+    if (nSlot >= block.RowCount()) {
+        PEERROW stEmpty;
+        memset(&stEmpty, 0, sizeof(stEmpty));
+        for (int i = block.RowCount(); i < nSlot; i++)
+            block.AddRow(RowToken(PeerRowKey(nFileNo, nBlockOffset, i)), nTimestamp, (const BYTE*)&stEmpty,
+                         ROW_VALUE_SIZE, ROW_VALUE_SIZE);
+        block.AddRow(RowToken(nKey), nTimestamp, (const BYTE*)&stRow, ROW_VALUE_SIZE, ROW_VALUE_SIZE);
+    } else {
+        LPBLOCKDATASTRUCT lpRow = block.Row(nSlot);
+        // A row absent at its last save did not exist before this change.
+        long long nPrev = 0;
+        if (lpRow->m_bDataStatus != 2)
+            nPrev = KeepVersion(engine, lpRow->m_sToken, lpRow->m_nTimestamp, lpRow->m_nNextDataID,
+                                block.RowValue(nSlot));
+        lpRow->m_nNextDataID = nPrev;
+        lpRow->m_nTimestamp = nTimestamp;
+        lpRow->m_bDataStatus = 0;
+        PeerFence();
+        LPBLOCKVARDATASTRUCT lpPiece = (LPBLOCKVARDATASTRUCT)((LPBYTE)lpBlock + lpRow->m_nVarDataOffset);
+        memcpy(lpPiece->m_lpDataContent, &stRow, sizeof(stRow));
+        lpPiece->m_nActualLength = ROW_VALUE_SIZE;
+        lpRow->m_nVarDataLength = ROW_VALUE_SIZE;
+    }
+    PeerFence();
+    LPBASEFILEOBJECTDEF lpObject = DbMemoryFileObject(lpImage, engine.m_arSizes[nFileNo], 0);
+    if (lpObject != nullptr) {
+        lpObject->m_nFinishedTimestamp = nTimestamp;
+        PeerFence();
+        lpObject->m_bSaveFlag = 1;
+    }
+    PeerFence();
+    ((LPBASEFILEHEAD)lpImage)->m_nTimestamp = nTimestamp;
+}
+
+// The rows of a data file's blocks laid out as plain slots, where the
+// journal checks read them: an absent row reads as never written, a row
+// whose piece is damaged as torn.
+void FlattenRows(std::string& strFile)
+{
+    const std::string strIn = strFile;
+    const BYTE* lpIn = (const BYTE*)strIn.data();
+    long long nSize = (long long)strIn.size();
+    for (long long nBlock : PeerFileBlocks(lpIn, nSize)) {
+        const BLOCKHEAD* lpBlock = (const BLOCKHEAD*)(lpIn + nBlock);
+        if (!IsRowBlock(lpBlock)) continue;
+        int nBlockSize = lpBlock->m_nBlockSize;
+        int nCap = RowCapacity(nBlockSize);
+        int nRows = (int)(lpBlock->m_nInnerMaxNo & 0xFFFF) - 1;
+        if (nRows > nCap) nRows = nCap;
+        memset(&strFile[(size_t)PeerRowOffset(nBlock, 0)], 0, (size_t)nCap * sizeof(PEERROW));
+        for (int i = 0; i < nRows; i++) {
+            BLOCKDATASTRUCT stRow;
+            memcpy(&stRow, lpIn + nBlock + sizeof(BLOCKHEAD) + (size_t)i * sizeof(BLOCKDATASTRUCT), sizeof(stRow));
+            if (stRow.m_bDataStatus == 2) continue;
+            PEERROW stValue;
+            memset(&stValue, 0xFF, sizeof(stValue));
+            int nPiece = stRow.m_nVarDataOffset;
+            if (nPiece >= RowsEnd(nBlockSize) && nPiece <= nBlockSize - (int)sizeof(BLOCKVARDATASTRUCT) - ROW_VALUE_SIZE) {
+                BLOCKVARDATASTRUCT stPiece;
+                memcpy(&stPiece, lpIn + nBlock + nPiece, sizeof(stPiece));
+                if (stPiece.m_nDataFlag == VARDATA_DATAFLAG && stPiece.m_nActualLength == ROW_VALUE_SIZE)
+                    memcpy(&stValue, lpIn + nBlock + nPiece + sizeof(BLOCKVARDATASTRUCT), sizeof(stValue));
+            }
+            memcpy(&strFile[(size_t)PeerRowOffset(nBlock, i)], &stValue, sizeof(stValue));
+        }
+    }
+}
+
+// The database on disk as the checks see it.
+struct DiskImage {
+    long long m_nCommitted = -1;
+    std::vector<std::string> m_vFiles = std::vector<std::string>(256);
+    const BYTE* m_arFiles[256] = {nullptr};
+    long long m_arSizes[256] = {0};
+    bool m_arRowFiles[256] = {false};
+};
+
+bool ReadWhole(const std::string& strPath, std::string& strOut)
+{
+    std::ifstream in(strPath, std::ios::binary);
+    if (!in) return false;
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    strOut = ss.str();
+    return true;
+}
+
+bool ReadDisk(const std::string& strSystemPath, DiskImage& disk)
+{
+    std::string strSystem;
+    if (!ReadWhole(strSystemPath, strSystem) || strSystem.size() < sizeof(SYSTEMFILEHEAD)) return false;
+    LPBYTE lpSystem = (LPBYTE)&strSystem[0];
+    disk.m_nCommitted = ((LPSYSTEMFILEHEAD)lpSystem)->m_nBeginTimestamp;
+    DbForEachFileListRow(lpSystem, (long long)strSystem.size(), [&](LPSYSTEMBLOCKHEAD, LPFILE_MEMDBFILEINFO lpRow) {
+        int n = lpRow->m_bFileNo;
+        std::string& strFile = disk.m_vFiles[(size_t)n];
+        if (lpRow->m_bDropFlag == 1 || n < 2 || !ReadWhole(lpRow->m_lpszFilePath, strFile)) return true;
+        if (lpRow->m_bFileType == FILETYPE_DATA) {
+            FlattenRows(strFile);
+            disk.m_arRowFiles[n] = true;
+        }
+        disk.m_arFiles[n] = (const BYTE*)strFile.data();
+        disk.m_arSizes[n] = (long long)strFile.size();
+        return true;
+    });
+    return true;
+}
+
+struct ExactResult {
+    long long m_nRows = 0;        // data-file rows checked
+    long long m_nBehind = 0;      // of those, holding a value older than the row's newest
+    long long m_nViolations = 0;
+    std::string m_strFirst;
+};
+
+// Every data-file row in the journal holds exactly the change current at
+// the committed timestamp, or nothing when it was born after it.
+ExactResult CheckExact(const std::vector<PeerChange>& vJournal, const DiskImage& disk)
+{
+    typedef std::tuple<int, long long, int> RowId;
+    std::map<RowId, std::map<long long, long long>> mapRows;
+    for (const PeerChange& c : vJournal)
+        if (c.m_nFileNo > 0 && c.m_nFileNo < 256 && disk.m_arRowFiles[c.m_nFileNo])
+            mapRows[RowId(c.m_nFileNo, c.m_nBlockOffset, c.m_nSlot)][c.m_nTimestamp] = c.m_nValue;
+    ExactResult r;
+    for (const auto& row : mapRows) {
+        int nFileNo = std::get<0>(row.first);
+        long long nBlock = std::get<1>(row.first);
+        int nSlot = std::get<2>(row.first);
+        auto itNeed = row.second.upper_bound(disk.m_nCommitted);
+        bool bBorn = itNeed != row.second.begin();
+        if (bBorn) --itNeed;
+        r.m_nRows++;
+        long long nTs = 0, nValue = 0;
+        int nState = -1;
+        if (PeerRowOffset(nBlock, nSlot) + (long long)sizeof(PEERROW) <= disk.m_arSizes[nFileNo])
+            nState = PeerReadRow(disk.m_arFiles[nFileNo], nBlock, nSlot, nFileNo, &nTs, &nValue);
+        bool bOk = bBorn ? nState == 1 && nTs == itNeed->first && nValue == itNeed->second : nState == 0;
+        if (bOk && (!bBorn || itNeed->first != row.second.rbegin()->first)) r.m_nBehind++;
+        if (bOk) continue;
+        if (r.m_nViolations == 0) {
+            char sz[256];
+            snprintf(sz, sizeof(sz),
+                     "file %d block %lld slot %d at %lld: needs %s ts %lld value %lld, disk has state %d ts %lld value %lld",
+                     nFileNo, nBlock, nSlot, disk.m_nCommitted, bBorn ? "" : "absent", bBorn ? itNeed->first : 0,
+                     bBorn ? itNeed->second : 0, nState, nTs, nValue);
+            r.m_strFirst = sz;
+        }
+        r.m_nViolations++;
+    }
+    return r;
+}
 
 long long NowMs()
 {
@@ -85,6 +337,49 @@ bool AskForPass(CPeerEngine& engine, bool bLive)
     return false;
 }
 
+// The daemon's rollback area, if it has one.
+void AttachRollback(CPeerEngine& engine)
+{
+    int nId = shmget(SHMKEY_ROLLBACK, 0, 0);
+    struct shmid_ds ds;
+    if (nId < 0 || shmctl(nId, IPC_STAT, &ds) != 0 || ds.shm_segsz < sizeof(ROLLBACKBLOCKHEAD)) return;
+    void* p = shmat(nId, nullptr, 0);
+    if (p == (void*)-1) return;
+    engine.m_lpRollback = (LPBYTE)p;
+    engine.m_nRollbackSize = ds.shm_segsz > 0xFFFFFFFFu ? 0xFFFFFFFFu : (UINT)ds.shm_segsz;
+}
+
+// Passes asked without waiting, and the exact check after each commit.
+struct ExactChecker {
+    std::string m_strSystem;
+    bool m_bAsked = false;
+    long long m_nAskedAt = 0;  // m_nEndTimestamp when the pass was asked
+    long long m_nLastCommitted = -1;
+    long long m_nChecks = 0, m_nRows = 0, m_nBehind = 0, m_nViolations = 0, m_nDuringPasses = 0;
+    std::string m_strFirst;
+
+    void Check(const std::vector<PeerChange>& vJournal)
+    {
+        DiskImage disk;
+        if (!ReadDisk(m_strSystem, disk)) {
+            m_nViolations++;
+            if (m_strFirst.empty()) m_strFirst = "cannot read the database from disk";
+            return;
+        }
+        // Only the asked pass, committed, leaves the disk as of one
+        // timestamp; one that held a block back leaves it mixed, whatever
+        // an earlier pass committed.
+        if (disk.m_nCommitted <= m_nLastCommitted || disk.m_nCommitted < m_nAskedAt) return;
+        m_nLastCommitted = disk.m_nCommitted;
+        ExactResult r = CheckExact(vJournal, disk);
+        m_nChecks++;
+        m_nRows += r.m_nRows;
+        m_nBehind += r.m_nBehind;
+        m_nViolations += r.m_nViolations;
+        if (m_strFirst.empty()) m_strFirst = r.m_strFirst;
+    }
+};
+
 } // namespace
 
 std::string DataJobUsage()
@@ -107,10 +402,25 @@ int RunDataJob(const std::vector<std::string>& args)
         return PEER_USAGE;
     }
     bool bLive = opts.Has("live");
+    ExactChecker checker;
+    checker.m_strSystem = opts.GetString("check-exact", "");
+    bool bExact = !checker.m_strSystem.empty();
+    if (bExact && nPassEvery == 0) {
+        fprintf(stderr, "talvor-peer data: --check-exact needs --pass-every\n%s", DataJobUsage().c_str());
+        return PEER_USAGE;
+    }
     CPeerEngine engine;
     if (!engine.Attach((int)nWaitMs)) {
         fprintf(stderr, "talvor-peer data: the daemon's segments are not there or not ready\n");
         return PEER_IPC;
+    }
+    AttachRollback(engine);
+    std::vector<PeerChange> vJournal;
+    if (bExact) {
+        // What stands on disk now may come from a pass that did not commit
+        // (a block held back): only a commit after this one is checked.
+        DiskImage disk;
+        if (ReadDisk(checker.m_strSystem, disk)) checker.m_nLastCommitted = disk.m_nCommitted;
     }
     std::string strJournal = opts.GetString("journal", "");
     int fdJournal = open(strJournal.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
@@ -140,11 +450,18 @@ int RunDataJob(const std::vector<std::string>& args)
         const std::vector<long long>& v = vBlocks[(size_t)nFileNo];
         if (v.empty()) break;
         long long nBlock = v[(size_t)(rng() % v.size())];
-        int nSlotMax = PeerSlotCount(((LPBLOCKHEAD)(engine.m_arImages[nFileNo] + nBlock))->m_nBlockSize);
+        int nBlockSize = ((LPBLOCKHEAD)(engine.m_arImages[nFileNo] + nBlock))->m_nBlockSize;
+        bool bRows = ((LPBASEFILEHEAD)engine.m_arImages[nFileNo])->m_bFileType == FILETYPE_DATA;
+        int nSlotMax = bRows ? RowCapacity(nBlockSize) : PeerSlotCount(nBlockSize);
+        if (nSlotMax <= 0) continue;
         int nSlot = (int)(rng() % (unsigned long long)(nSlots < nSlotMax ? nSlots : nSlotMax));
         long long nValue = (long long)(rng() >> 1);
         ts = lpHead->m_nEndTimestamp + 1;
-        PeerChangeRow(engine.m_arImages[nFileNo], engine.m_arSizes[nFileNo], nFileNo, nBlock, nSlot, nValue, ts);
+        if (bRows)
+            ChangeDataRow(engine, nFileNo, nBlock, nSlot, nValue, ts);
+        else
+            PeerChangeRow(engine.m_arImages[nFileNo], engine.m_arSizes[nFileNo], nFileNo, nBlock, nSlot, nValue, ts);
+        if (bExact) vJournal.push_back({ts, nFileNo, nBlock, nSlot, nValue});
         if (!AppendJournal(fdJournal, PeerJournalLine({ts, nFileNo, nBlock, nSlot, nValue}))) {
             fprintf(stderr, "talvor-peer data: journal write failed: %s\n", strerror(errno));
             close(fdJournal);
@@ -153,7 +470,21 @@ int RunDataJob(const std::vector<std::string>& args)
         PeerFence();
         lpHead->m_nEndTimestamp = ts;
         if (bLive) engine.ServeChannel();
-        if (nPassEvery > 0 && (nDone + 1) % nPassEvery == 0) {
+        if (bExact) {
+            if (checker.m_bAsked && lpHead->m_bStorageCMD == 32) {
+                checker.m_bAsked = false;
+                nPasses++;
+                checker.Check(vJournal);
+            } else if (checker.m_bAsked) {
+                checker.m_nDuringPasses++;
+            } else if ((nDone + 1) % nPassEvery == 0) {
+                // The rows go on changing while the pass runs.
+                checker.m_nAskedAt = lpHead->m_nEndTimestamp;
+                lpHead->m_bStorageCMD = 2;
+                SetEvent(engine.m_hStorage);
+                checker.m_bAsked = true;
+            }
+        } else if (nPassEvery > 0 && (nDone + 1) % nPassEvery == 0) {
             if (!AskForPass(engine, bLive)) {
                 fprintf(stderr, "talvor-peer data: no answer 32 to a pass request\n");
                 close(fdJournal);
@@ -168,10 +499,28 @@ int RunDataJob(const std::vector<std::string>& args)
         }
     }
     close(fdJournal);
+    if (bExact && checker.m_bAsked) {
+        // The last pass asked: its commit is checked too.
+        for (int i = 0; i < 60000 && lpHead->m_bStorageCMD != 32; i++) {
+            if (bLive) engine.ServeChannel();
+            usleep(500);
+        }
+        if (lpHead->m_bStorageCMD == 32) {
+            nPasses++;
+            checker.Check(vJournal);
+        }
+    }
     if (bLive) engine.SetLive(false);
     if (!opts.Has("quiet"))
         printf("committed %lld transactions, last timestamp %lld, passes asked %lld, channel answers %lld\n", nDone,
                (long long)lpHead->m_nEndTimestamp, nPasses, engine.m_nAnswers);
+    if (bExact) {
+        printf("exact checks %lld, rows checked %lld, rows behind the image %lld, changes during passes %lld, "
+               "violations %lld\n",
+               checker.m_nChecks, checker.m_nRows, checker.m_nBehind, checker.m_nDuringPasses, checker.m_nViolations);
+        if (checker.m_nViolations > 0) printf("first violation: %s\n", checker.m_strFirst.c_str());
+        return checker.m_nViolations == 0 ? PEER_OK : PEER_VIOLATION;
+    }
     return PEER_OK;
 }
 
@@ -191,34 +540,15 @@ int RunVerifyJob(const std::vector<std::string>& args)
         fprintf(stderr, "talvor-peer verify: %s\n%s", opts.Error().c_str(), VerifyJobUsage().c_str());
         return PEER_USAGE;
     }
-    auto ReadFile = [](const std::string& strPath, std::string& strOut) {
-        std::ifstream in(strPath, std::ios::binary);
-        if (!in) return false;
-        std::ostringstream ss;
-        ss << in.rdbuf();
-        strOut = ss.str();
-        return true;
-    };
-    std::string strJournal, strSystem;
-    if (!ReadFile(opts.GetString("journal", ""), strJournal) || !ReadFile(opts.GetString("system", ""), strSystem) ||
-        strSystem.size() < sizeof(SYSTEMFILEHEAD)) {
+    std::string strJournal;
+    DiskImage disk;
+    if (!ReadWhole(opts.GetString("journal", ""), strJournal) || !ReadDisk(opts.GetString("system", ""), disk)) {
         fprintf(stderr, "talvor-peer verify: cannot read the journal or the system file\n");
         return PEER_INPUT;
     }
-    LPBYTE lpSystem = (LPBYTE)&strSystem[0];
-    long long nCommitted = ((LPSYSTEMFILEHEAD)lpSystem)->m_nBeginTimestamp;
-    std::vector<std::string> vFiles(256);
-    const BYTE* arFiles[256] = {nullptr};
-    long long arSizes[256] = {0};
-    DbForEachFileListRow(lpSystem, (long long)strSystem.size(), [&](LPSYSTEMBLOCKHEAD, LPFILE_MEMDBFILEINFO lpRow) {
-        int n = lpRow->m_bFileNo;
-        if (lpRow->m_bDropFlag == 1 || n < 2 || !ReadFile(lpRow->m_lpszFilePath, vFiles[(size_t)n])) return true;
-        arFiles[n] = (const BYTE*)vFiles[(size_t)n].data();
-        arSizes[n] = (long long)vFiles[(size_t)n].size();
-        return true;
-    });
+    long long nCommitted = disk.m_nCommitted;
     std::vector<PeerChange> vJournal = PeerParseJournal(strJournal);
-    PeerCheckResult r = PeerCheckFiles(vJournal, nCommitted, arFiles, arSizes);
+    PeerCheckResult r = PeerCheckFiles(vJournal, nCommitted, disk.m_arFiles, disk.m_arSizes);
     long long nCovered = 0;
     for (const PeerChange& c : vJournal)
         if (c.m_nTimestamp <= nCommitted) nCovered++;
@@ -227,6 +557,15 @@ int RunVerifyJob(const std::vector<std::string>& args)
     printf("rows checked: %lld, holding a later change: %lld, violations: %lld\n", r.m_nRequired, r.m_nNewer,
            r.m_nViolations);
     if (r.m_nViolations > 0) printf("first violation: %s\n", r.m_strFirst.c_str());
+    if (opts.Has("exact")) {
+        ExactResult x = CheckExact(vJournal, disk);
+        printf("exact: rows checked %lld, behind the newest %lld, violations %lld\n", x.m_nRows, x.m_nBehind,
+               x.m_nViolations);
+        if (x.m_nViolations > 0) {
+            printf("first exact violation: %s\n", x.m_strFirst.c_str());
+            return PEER_VIOLATION;
+        }
+    }
     if (nCommitted < nAtLeast) {
         printf("the committed timestamp is below %lld\n", nAtLeast);
         return PEER_VIOLATION;

@@ -31,6 +31,10 @@ public:
     HEVENTTYPE m_hDone = nullptr;
     HEVENTTYPE m_hStorage = nullptr;
     long long m_nAnswers = 0;
+    // The daemon's rollback area, where old row versions are kept; null
+    // when it has none.
+    LPBYTE m_lpRollback = nullptr;
+    UINT m_nRollbackSize = 0;
 
 private:
     void Answer(int nResult);
