@@ -81,7 +81,7 @@ TEST_F(RedoArchive, EveryLogReachesTheWritableDestinationWhenTheOtherFails)
         strJoined += strCopy.substr(REDOLOGFILE_HEAD_SIZE);
     }
     EXPECT_TRUE(strJoined == m_strStream);
-    EXPECT_EQ(3, Ring()->m_nLogArchiveNo);
+    EXPECT_EQ(3, +Ring()->m_nLogArchiveNo);
     struct stat st;
     EXPECT_NE(0, stat((m_strDir + "blocker/B/ArchiveLog/Log1.log").c_str(), &st));
 }
@@ -133,7 +133,7 @@ TEST_F(RedoArchive, SealedGroupsAreArchivedOldestFirstWhateverTheirIndex)
         m_pRedo->GetGroup(g)->m_nSequenceNO = arNo[g];
     }
     RunArchiver();
-    EXPECT_EQ(9, Ring()->m_nLogArchiveNo) << "the newest log is archived last";
+    EXPECT_EQ(9, +Ring()->m_nLogArchiveNo) << "the newest log is archived last";
 }
 
 TEST_F(RedoArchive, LiveFeedTakesWholeStretchesAndDropsOutOnAMismatch)

@@ -51,12 +51,12 @@ TEST_F(RedoFixture, MixedStreamThroughManyWrapsComesOutWhole)
             Ring()->m_bFlushFlag = REDOFLUSH_SEAL;
             Pass();
             Pass();
-            EXPECT_EQ(0, Ring()->m_bFlushFlag);
+            EXPECT_EQ(0, +Ring()->m_bFlushFlag);
         }
     }
     Stop();
     EXPECT_TRUE(m_st.m_bEnded);
-    EXPECT_EQ(Ring()->m_nReadPos, Ring()->m_nWritePos);
+    EXPECT_EQ(+Ring()->m_nReadPos, +Ring()->m_nWritePos);
     ASSERT_EQ(m_strStream.size(), m_strLogs.size());
     EXPECT_TRUE(m_strStream == m_strLogs);
     EXPECT_GT(m_nSeals, 50);
@@ -90,10 +90,10 @@ TEST_F(RedoFixture, BadRecordAtTheReadPositionIsGivenUpOnAfter31Passes)
     std::string strJunk(100, '\x5A');
     ASSERT_EQ(100, TraceRingWrite(m_pRing, m_nRingSize, strJunk.data(), 100));
     for (int i = 0; i < 30; i++) Pass();
-    EXPECT_EQ(0, Ring()->m_bReadException);
-    EXPECT_EQ(RING_HEAD, Ring()->m_nReadPos) << "nothing of a bad record is drained";
+    EXPECT_EQ(0, +Ring()->m_bReadException);
+    EXPECT_EQ(RING_HEAD, +Ring()->m_nReadPos) << "nothing of a bad record is drained";
     Pass();
-    EXPECT_EQ(1, Ring()->m_bReadException);
+    EXPECT_EQ(1, +Ring()->m_bReadException);
     EXPECT_TRUE(m_st.m_bReadException);
     // The engine resets the ring and clears the flag: the writer starts over.
     Ring()->m_nWritePos = RING_HEAD + 500;
@@ -101,7 +101,7 @@ TEST_F(RedoFixture, BadRecordAtTheReadPositionIsGivenUpOnAfter31Passes)
     Ring()->m_bReadException = 0;
     Pass();
     EXPECT_FALSE(m_st.m_bReadException);
-    EXPECT_EQ(RING_HEAD, Ring()->m_nReadPos);
+    EXPECT_EQ(RING_HEAD, +Ring()->m_nReadPos);
 }
 
 TEST_F(RedoFixture, CorruptPositionsAreRefusedAndReset)
@@ -112,13 +112,13 @@ TEST_F(RedoFixture, CorruptPositionsAreRefusedAndReset)
     Ring()->m_nWritePos = m_nRingSize + 4096;
     Ring()->m_nReadPos = -7;
     Pass();
-    EXPECT_EQ(RING_HEAD, Ring()->m_nWritePos);
-    EXPECT_EQ(RING_HEAD, Ring()->m_nReadPos);
+    EXPECT_EQ(RING_HEAD, +Ring()->m_nWritePos);
+    EXPECT_EQ(RING_HEAD, +Ring()->m_nReadPos);
     // A head claiming more than the attachment is bounded by it.
     Ring()->m_nFileTotalSize = m_nRingSize * 4;
     Produce(Record(100, 1, 1));
     Pass();
-    EXPECT_EQ(m_nRingSize, Ring()->m_nFileTotalSize);
+    EXPECT_EQ(m_nRingSize, +Ring()->m_nFileTotalSize);
     Stop();
     EXPECT_TRUE(m_strStream == m_strLogs);
 }
@@ -131,7 +131,7 @@ TEST_F(RedoFixture, StopWithNoGroupOpenTouchesNoFile)
     m_pRedo->StartWriter(m_st);
     Ring()->m_bFlushFlag = REDOFLUSH_SEAL;
     Pass();
-    EXPECT_EQ(0, Ring()->m_bFlushFlag) << "a seal request with no group open is just cleared";
+    EXPECT_EQ(0, +Ring()->m_bFlushFlag) << "a seal request with no group open is just cleared";
     Stop();
     EXPECT_TRUE(m_st.m_bEnded);
     EXPECT_EQ(0, m_nSeals);
@@ -260,7 +260,7 @@ TEST_F(RedoFixture, WriteSizeWithoutForceOnABusyRingAsksNothing)
     Produce(Record(100, 1, 2)); // not drained yet
     EVENTTYPE ev;
     EXPECT_EQ(0, m_pRedo->GetWriteSize(0, FALSE, ev));
-    EXPECT_EQ(0, Ring()->m_bFlushFlag);
+    EXPECT_EQ(0, +Ring()->m_bFlushFlag);
     Stop();
 }
 

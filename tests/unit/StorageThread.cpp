@@ -114,7 +114,7 @@ TEST_F(StorageThread, ForbidFlagsHoldEverythingOffButAClusterCommand)
     m_db.Head()->m_bStorageCMD = 2;
     usleep(1500000);  // longer than the interval
     EXPECT_EQ(2, Val(m_db.Head()->m_bStorageCMD));
-    EXPECT_NE(m_db.Head()->m_nEndTimestamp, Val(m_db.Head()->m_nBeginTimestamp));
+    EXPECT_NE(+m_db.Head()->m_nEndTimestamp, Val(m_db.Head()->m_nBeginTimestamp));
 
     // The same through the command record; a cluster command still runs,
     // and its end clears both flags.
@@ -128,7 +128,7 @@ TEST_F(StorageThread, ForbidFlagsHoldEverythingOffButAClusterCommand)
     EXPECT_EQ(1, Val(lpCmd->m_bResult));
     EXPECT_EQ(0, Val(lpCmd->m_bForbidSaveFlag));
     ASSERT_TRUE(WaitFor([&] { return m_db.Head()->m_bStorageCMD == 32; }, 5000));
-    EXPECT_EQ(m_db.Head()->m_nEndTimestamp, Val(m_db.Head()->m_nBeginTimestamp));
+    EXPECT_EQ(+m_db.Head()->m_nEndTimestamp, Val(m_db.Head()->m_nBeginTimestamp));
 }
 
 TEST_F(StorageThread, IntervalPassCommitsWithoutACommand)
