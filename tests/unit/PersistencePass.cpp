@@ -7,6 +7,7 @@
 #include "PersistencePassKit.h"
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <thread>
 
@@ -282,6 +283,47 @@ TEST_F(PersistencePass, LostEngineIsMarkedAndTheImageIsSavedDirectly)
     EXPECT_TRUE(m_db.m_tree.Traced("50002001"));
     EXPECT_EQ(ts, m_db.CommittedOnDisk());
     EXPECT_EQ(0, m_db.CheckDisk(ts).m_nViolations);
+}
+
+// An engine that answers with an error code: the failure is traced and the
+// pass saves from the image, so the commit still covers the change.
+TEST_F(PersistencePass, EngineErrorAnswerIsTracedAndTheImageIsSaved)
+{
+    StartEngine([](LPSTORAGEMEMHEAD lpChannel) { lpChannel->m_nResult = 5; });
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 2, 0, 12, ts);
+    m_db.EndTransaction(ts);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    StopEngine();
+    EXPECT_GT(m_nAnswers.load(), 0);
+    EXPECT_TRUE(m_db.m_tree.Traced("50002002"));
+    EXPECT_EQ(1, Val(m_db.Module().m_pFlashback->GetStorageMemHead()->m_bService)) << "an answer is a sign of life";
+    EXPECT_EQ(ts, m_db.CommittedOnDisk());
+    EXPECT_EQ(0, m_db.CheckDisk(ts).m_nViolations);
+}
+
+// Once the engine is declared lost, later passes do not ask it again, so
+// they do not wait out the answer time a second time.
+TEST_F(PersistencePass, LostEngineIsNotAskedAgain)
+{
+    LPSTORAGEMEMHEAD lpChannel = m_db.Module().m_pFlashback->GetStorageMemHead();
+    lpChannel->m_bService = 1;
+    lpChannel->m_nCycleTime = 10; // 100 waits of 10 ms for the first request
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 2, 0, 12, ts);
+    m_db.EndTransaction(ts);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    ASSERT_EQ(2, Val(lpChannel->m_bService));
+    lpChannel->m_nResult = 0;
+    long long ts2 = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 2, 1, 13, ts2);
+    m_db.EndTransaction(ts2);
+    auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    auto nMs = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
+    EXPECT_LT(nMs, 500) << "the second pass waited for a lost engine";
+    EXPECT_EQ(0, Val(lpChannel->m_nResult)) << "no new request was made";
+    EXPECT_EQ(ts2, m_db.CommittedOnDisk());
 }
 
 TEST_F(PersistencePass, FailedCommitLeavesTheTimestampInMemoryAsItWas)
