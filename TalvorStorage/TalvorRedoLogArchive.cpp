@@ -144,7 +144,9 @@ BOOL CTalvorRedoLog::ArchiveGroup(int nGroup, char** arDes, int nDesCount, LPBYT
     const int nLogNo = (int)pGroup->m_nSequenceNO;
     MF_REDOLOGFILEHEAD stHead;
     if (!ReadGroupHead(nGroup, &stHead)) {
-        Trace("ArchiveFile", 1, 30004013, "读取归档文件[%d、%d]的头信息失败！错误：(%d)", nGroup, nLogNo, errno);
+        Trace("ArchiveFile", 1, 30004013,
+              TALVOR_TEXT("读取归档文件[%d、%d]的头信息失败！错误：(%d)", "Failed to read the head of archive file [%d, %d]! Error: (%d)"),
+              nGroup, nLogNo, errno);
         return FALSE;
     }
     stHead.m_bState = REDOGROUP_ARCHIVED;
@@ -180,7 +182,9 @@ BOOL CTalvorRedoLog::ArchiveGroup(int nGroup, char** arDes, int nDesCount, LPBYT
         usleep(nPass < FAST_RETRIES ? 1000 : SLOW_RETRY_US);
     }
     if (!WriteGroupHead(nGroup, &stHead)) {
-        Trace("ArchiveFile", 1, 30004015, "写入归档文件[%d、%d]的头信息失败！错误：(%d)", nGroup, nLogNo, errno);
+        Trace("ArchiveFile", 1, 30004015,
+              TALVOR_TEXT("写入归档文件[%d、%d]的头信息失败！错误：(%d)", "Failed to write the head of archive file [%d, %d]! Error: (%d)"),
+              nGroup, nLogNo, errno);
         return FALSE;
     }
     pGroup->m_bState = REDOGROUP_ARCHIVED;
