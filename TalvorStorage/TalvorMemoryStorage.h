@@ -84,4 +84,8 @@ private:
     int AttachSegment(BOOL& bExists);
     int LoadImage(LPTALVORPROGRESS lpTalvorProgress, long long nTotalProgress);
     int CheckImageHead();
+    // Creates and attaches a segment of nSize bytes under the file's key,
+    // which must be new: a segment found there is not ours to keep or remove.
+    // Failures are traced under lpszFunc with nOpenCode or nMapCode.
+    int MakeFreshSegment(LPFILEINFO p, long long nSize, const char* lpszFunc, LONG nOpenCode, LONG nMapCode);
 };

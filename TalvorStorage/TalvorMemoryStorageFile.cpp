@@ -49,6 +49,32 @@ int CreateNewFile(const char* lpszPath, int nFlags)
 
 } // namespace
 
+int CTalvorMemoryStorage::MakeFreshSegment(LPFILEINFO p, long long nSize, const char* lpszFunc, LONG nOpenCode,
+                                           LONG nMapCode)
+{
+    BOOL bExists = FALSE;
+    MFID nShmId = CShareMemory::CreateShareMemory(FileImageShmKey(p->m_bFileNo), (size_t)nSize, nullptr, bExists);
+    if (nShmId == 0 || bExists) {
+        int nErr = bExists ? EEXIST : errno;
+        Trace(lpszFunc, 1, nOpenCode,
+              TALVOR_TEXT("执行添加文件命令时,打开内存文件失败,错误:%s(%d),内存文件:%s,文件大小:%lld",
+                          "When executing add file command, open memory file failed, error: %s(%d), memory file: %s, file size: %lld"),
+              strerror(nErr), nErr, p->m_lpszTablespaceName, nSize);
+        return 1;
+    }
+    p->m_nShmId = nShmId;
+    p->m_pFileAddr = (LPBYTE)CShareMemory::ShMemAttach(nShmId, nullptr, 0);
+    if (p->m_pFileAddr == nullptr) {
+        int nErr = errno;
+        Trace(lpszFunc, 1, nMapCode,
+              TALVOR_TEXT("执行添加文件命令时,内存文件映射内存失败,错误:%s(%d),内存文件:%s",
+                          "When executing the add file command, memory file mapping memory failure, error: %s(%d), memory file: %s"),
+              strerror(nErr), nErr, p->m_lpszTablespaceName);
+        return 1;
+    }
+    return 0;
+}
+
 BOOL CTalvorMemoryStorage::MakeDir(char* lpszFilePath) { return MakeDirs(lpszFilePath, 256, TRUE); }
 
 int CTalvorMemoryStorage::NewFile(LPTALVORCRITICALSECTION, LPFILEINFO pFileInfo, LPBYTE& lpBuffer, int& nInPutBufSize,
@@ -135,27 +161,7 @@ int CTalvorMemoryStorage::NewFile(LPTALVORCRITICALSECTION, LPFILEINFO pFileInfo,
         nPos += nPiece;
     }
 
-    BOOL bExists = FALSE;
-    MFID nShmId = CShareMemory::CreateShareMemory(FileImageShmKey(pFileInfo->m_bFileNo), (size_t)nSize, nullptr, bExists);
-    if (nShmId == 0 || bExists) {
-        // A segment found under this key is not ours to keep or remove.
-        int nErr = bExists ? EEXIST : errno;
-        Trace("NewFile", 1, 40004010,
-              TALVOR_TEXT("执行添加文件命令时,打开内存文件失败,错误:%s(%d),内存文件:%s,文件大小:%lld",
-                          "When executing add file command, open memory file failed, error: %s(%d), memory file: %s, file size: %lld"),
-              strerror(nErr), nErr, pFileInfo->m_lpszTablespaceName, nSize);
-        return 1;
-    }
-    pFileInfo->m_nShmId = nShmId;
-    pFileInfo->m_pFileAddr = (LPBYTE)CShareMemory::ShMemAttach(nShmId, nullptr, 0);
-    if (pFileInfo->m_pFileAddr == nullptr) {
-        int nErr = errno;
-        Trace("NewFile", 1, 40004011,
-              TALVOR_TEXT("执行添加文件命令时,内存文件映射内存失败,错误:%s(%d),内存文件:%s",
-                          "When executing the add file command, memory file mapping memory failure, error: %s(%d), memory file: %s"),
-              strerror(nErr), nErr, pFileInfo->m_lpszTablespaceName);
-        return 1;
-    }
+    if (MakeFreshSegment(pFileInfo, nSize, "NewFile", 40004010, 40004011) != 0) return 1;
     // The new segment is zero; only the head comes from the file.
     if (!TalvorReadFull(fd, pFileInfo->m_pFileAddr, (size_t)nBufSize, 0)) return 1;
 

@@ -115,26 +115,7 @@ int CTalvorMemoryStorage::ChangeFileSize(LPTALVORCRITICALSECTION lpCritSection, 
     p->m_nShmId = 0;
     usleep(SEGMENT_REMAKE_PAUSE_US);
 
-    BOOL bExists = FALSE;
-    MFID nShmId = CShareMemory::CreateShareMemory(FileImageShmKey(p->m_bFileNo), (size_t)nFileSize, nullptr, bExists);
-    if (nShmId == 0 || bExists) {
-        int nErr = bExists ? EEXIST : errno;
-        Trace("ChangeFileSize", 1, 40003010,
-              TALVOR_TEXT("执行添加文件命令时,打开内存文件失败,错误:%s(%d),内存文件:%s,文件大小:%lld",
-                          "When executing add file command, open memory file failed, error: %s(%d), memory file: %s, file size: %lld"),
-              strerror(nErr), nErr, p->m_lpszTablespaceName, nFileSize);
-        return 1;
-    }
-    p->m_nShmId = nShmId;
-    p->m_pFileAddr = (LPBYTE)CShareMemory::ShMemAttach(nShmId, nullptr, 0);
-    if (p->m_pFileAddr == nullptr) {
-        int nErr = errno;
-        Trace("ChangeFileSize", 1, 40003011,
-              TALVOR_TEXT("执行添加文件命令时,内存文件映射内存失败,错误:%s(%d),内存文件:%s",
-                          "When executing the add file command, memory file mapping memory failure, error: %s(%d), memory file: %s"),
-              strerror(nErr), nErr, p->m_lpszTablespaceName);
-        return 1;
-    }
+    if (MakeFreshSegment(p, nFileSize, "ChangeFileSize", 40003010, 40003011) != 0) return 1;
 
     // Unlike the load at start, the whole file is read: the zeros just
     // written are where the engine will grow into.
