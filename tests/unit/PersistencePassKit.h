@@ -6,6 +6,7 @@
 #pragma once
 
 #include "../../tools/talvor-peer/PeerJournal.h"
+#include "ModuleTestKit.h"
 #include "BreltMemStorage.h"
 #include "MemoryStorageTestKit.h"
 #include "TalvorFlashback.h"
@@ -162,17 +163,7 @@ public:
     {
         if (!m_pModule) return;
         CBreltMemStorageModule& m = *m_pModule;
-        while (m.m_pStorageInfo != nullptr) {
-            stu_FILEINFO* p = m.m_pStorageInfo;
-            m.m_pStorageInfo = p->m_pNext;
-            if (p->m_pStorageFile != nullptr) p->m_pStorageFile->Release();
-            free(p);
-        }
-        if (m.m_lpSystemFileInfo != nullptr) {
-            if (m.m_lpSystemFileInfo->m_pStorageFile != nullptr) m.m_lpSystemFileInfo->m_pStorageFile->Release();
-            free(m.m_lpSystemFileInfo);
-        }
-        delete m.m_pFlashback;
+        talvortest::ReleaseModuleFiles(m);
         free(m.m_lpBuffer);
         free(m.m_lpHeadBuf);
         m_pModule.reset();

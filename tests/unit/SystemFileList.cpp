@@ -3,6 +3,7 @@
 // stops on a damaged list before any file is loaded. Also the rewrite of the
 // rows of a moved database.
 #include "BreltMemStorage.h"
+#include "ModuleTestKit.h"
 #include "MemoryStorageTestKit.h"
 #include "TalvorFlashback.h"
 
@@ -93,17 +94,7 @@ protected:
     {
         if (!m_pModule) return;
         CBreltMemStorageModule& m = *m_pModule;
-        while (m.m_pStorageInfo != nullptr) {
-            stu_FILEINFO* p = m.m_pStorageInfo;
-            m.m_pStorageInfo = p->m_pNext;
-            if (p->m_pStorageFile != nullptr) p->m_pStorageFile->Release();
-            free(p);
-        }
-        if (m.m_lpSystemFileInfo != nullptr) {
-            if (m.m_lpSystemFileInfo->m_pStorageFile != nullptr) m.m_lpSystemFileInfo->m_pStorageFile->Release();
-            free(m.m_lpSystemFileInfo);
-        }
-        delete m.m_pFlashback;
+        talvortest::ReleaseModuleFiles(m);
         m_pModule.reset();
     }
     void TearDown() override { Stop(); }
