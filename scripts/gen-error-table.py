@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Writes TalvorBaseLib/TalvorErrorTable.cpp: the Chinese and the English
+"""Writes TalvorBaseLib/messages/TalvorErrorTable.cpp: the Chinese and the English
 error table shared with the engine.
 
 The rows live below as "code|English|Chinese", one a line. The script refuses
@@ -920,7 +920,7 @@ def main():
             print("gen-error-table: " + e, file=sys.stderr)
         return 1
     root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-    target = os.path.join(root, "TalvorBaseLib", "TalvorErrorTable.cpp")
+    target = os.path.join(root, "TalvorBaseLib", "messages", "TalvorErrorTable.cpp")
     text = render(rows)
     if "--check" in sys.argv[1:]:
         try:

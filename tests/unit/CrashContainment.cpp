@@ -43,33 +43,24 @@ struct Worker {
     ~Worker() { DeleteCriticalTalvor(&m_latch); }
 };
 
-// The pattern of a contained thread, as the daemon's threads follow it.
-void* WorkerEntry(void* lpParam)
+void WorkerCleanup(void* lpContext) { ((Worker*)lpContext)->m_nCrashPaths++; }
+
+void WorkerBody(void* lpContext, LPTALVORCRITICALSECTION lpCritSection)
 {
-    Worker* w = (Worker*)lpParam;
-    TALVORCRITICALSECTION stCritSection;
-    InitThreadCritSection(&stCritSection);
-    _AtlModule.SetThreadData(WorkerEntry, lpParam, &w->m_hThread);
-    jmp_buf* pJmp = _AtlModule.GetLongJmp();
-    if (pJmp != nullptr && setjmp(*pJmp) != 0) {
-        w->m_nCrashPaths++;
-        TalvorCriticalRelease(&stCritSection);
-        _AtlModule.RemoveThreadData();
-        pthread_exit(nullptr);
-    }
+    Worker* w = (Worker*)lpContext;
     int nRun = ++w->m_nRuns;
     w->m_nTid = (int)GetCurrentThreadId();
     bool bFault = nRun <= w->m_nFaultRuns;
     switch (w->m_kind) {
     case FAULT_WRITE:
         if (bFault) {
-            CTalvorCriticalSectionPtr guard(&w->m_latch, &stCritSection);
+            CTalvorCriticalSectionPtr guard(&w->m_latch, lpCritSection);
             CrashTestFault();
         }
         break;
     case HOLD_UNTIL_SIGNAL:
         if (bFault) {
-            CTalvorCriticalSectionPtr guard(&w->m_latch, &stCritSection);
+            CTalvorCriticalSectionPtr guard(&w->m_latch, lpCritSection);
             w->m_bWaiting = true;
             while (!w->m_bRelease) usleep(500);
         }
@@ -98,7 +89,13 @@ void* WorkerEntry(void* lpParam)
         break;
     }
     w->m_nDone++;
-    _AtlModule.RemoveThreadData();
+}
+
+// A contained thread, entered as the daemon's threads enter.
+void* WorkerEntry(void* lpParam)
+{
+    Worker* w = (Worker*)lpParam;
+    TalvorRunContained(WorkerEntry, lpParam, &w->m_hThread, WorkerBody, WorkerCleanup, w);
     return nullptr;
 }
 
@@ -134,8 +131,9 @@ protected:
             delete w;
         }
         m_vWorkers.clear();
-        ClearCrashedList();
         TraceLogFixture::TearDown();
+        // Only now that no contained thread (trace threads included) runs.
+        CrashFreeThreadLists();
     }
 
     Worker& Start(WorkerKind kind, int nFaultRuns)
@@ -148,27 +146,10 @@ protected:
         return w;
     }
 
-    static bool HasCrashed() { return __atomic_load_n(&_AtlModule.m_pCrashedThreads, __ATOMIC_ACQUIRE) != nullptr; }
+    static bool HasCrashed() { return CrashHasCrashedThreads(); }
     static bool WaitCrashed() { return WaitUntil(HasCrashed, 10000); }
 
-    static bool HasThreadRecord(int nTid)
-    {
-        CCriticalSectionPtr guard(&_AtlModule.m_critThreads);
-        for (LPTALVORTHREAD p = _AtlModule.m_pThreadHead; p != nullptr; p = p->m_pNext) {
-            if (p->m_nThreadID == nTid) return true;
-        }
-        return false;
-    }
-
-    static void ClearCrashedList()
-    {
-        CCriticalSectionPtr guard(&_AtlModule.m_critCrashedThreads);
-        while (_AtlModule.m_pCrashedThreads != nullptr) {
-            LPCRASHTHREAD pNext = _AtlModule.m_pCrashedThreads->m_next;
-            delete _AtlModule.m_pCrashedThreads;
-            _AtlModule.m_pCrashedThreads = pNext;
-        }
-    }
+    static bool HasThreadRecord(int nTid) { return CrashFindThreadData(nTid) != nullptr; }
 
     static bool LatchFree(Worker& w) { return __atomic_load_n(&w.m_latch.m_nLockFlag, __ATOMIC_ACQUIRE) == 0; }
 
@@ -193,7 +174,7 @@ TEST_F(CrashContainment, FaultUnwindsTheThreadGivesItsLatchBackAndItIsRestarted)
     EXPECT_TRUE(WaitUntil([&] { return !HasThreadRecord(nCrashedTid); }, 5000));
     EXPECT_EQ(0, w.m_nDone.load());
 
-    _AtlModule.AutoRecoverCrashedThread();
+    CrashAutoRecoverCrashedThreads();
     EXPECT_FALSE(HasCrashed());
     ASSERT_TRUE(WaitUntil([&] { return w.m_nDone.load() == 1; }, 5000));
     EXPECT_EQ(2, w.m_nRuns.load());
@@ -220,7 +201,7 @@ TEST_F(CrashContainment, ThreadThatCrashesTwiceIsRestartedTwice)
     for (int i = 1; i <= 2; i++) {
         ASSERT_TRUE(WaitCrashed()) << "crash " << i;
         ASSERT_TRUE(WaitUntil([&] { return w.m_nCrashPaths.load() == i; }, 5000));
-        _AtlModule.AutoRecoverCrashedThread();
+        CrashAutoRecoverCrashedThreads();
     }
     ASSERT_TRUE(WaitUntil([&] { return w.m_nDone.load() == 1; }, 5000));
     EXPECT_EQ(3, w.m_nRuns.load());
@@ -235,7 +216,7 @@ TEST_F(CrashContainment, SignalSentFromOutsideIsHandledLikeAFault)
     ASSERT_EQ(0, pthread_kill(w.m_hThread, SIGSEGV));
     ASSERT_TRUE(WaitCrashed());
     EXPECT_TRUE(WaitUntil([&] { return LatchFree(w); }, 5000));
-    _AtlModule.AutoRecoverCrashedThread();
+    CrashAutoRecoverCrashedThreads();
     ASSERT_TRUE(WaitUntil([&] { return w.m_nDone.load() == 1; }, 5000));
     std::vector<TraceLine> lines = DaemonLines();
     EXPECT_EQ(1, CountText(lines, 10002001, "error info: the signal may send by other process.]"));
@@ -248,11 +229,11 @@ TEST_F(CrashContainment, FloatingPointAndAbortSignalsAreContainedToo)
     ASSERT_EQ(0, pthread_kill(w.m_hThread, SIGFPE));
     ASSERT_TRUE(WaitCrashed());
     w.m_bWaiting = false;
-    _AtlModule.AutoRecoverCrashedThread();
+    CrashAutoRecoverCrashedThreads();
     ASSERT_TRUE(WaitUntil([&] { return w.m_bWaiting.load(); }, 5000));
     ASSERT_EQ(0, pthread_kill(w.m_hThread, SIGABRT));
     ASSERT_TRUE(WaitCrashed());
-    _AtlModule.AutoRecoverCrashedThread();
+    CrashAutoRecoverCrashedThreads();
     ASSERT_TRUE(WaitUntil([&] { return w.m_nDone.load() == 1; }, 5000));
     std::vector<TraceLine> lines = DaemonLines();
     EXPECT_EQ(1, CountText(lines, 10002002, "FPEINFO:[access address: "));
@@ -291,7 +272,7 @@ TEST_F(CrashContainment, SignalFromOutsideWaitsForTheEndOfADeferralRegion)
     w.m_bRelease = true;
     ASSERT_TRUE(WaitCrashed()) << "lost after the region";
     EXPECT_EQ(0, w.m_nDone.load());
-    _AtlModule.AutoRecoverCrashedThread();
+    CrashAutoRecoverCrashedThreads();
     ASSERT_TRUE(WaitUntil([&] { return w.m_nDone.load() == 1; }, 5000));
 }
 
@@ -309,7 +290,7 @@ TEST_F(CrashContainment, SignalStormAgainstATracingThreadNeverDeadlocks)
         ASSERT_EQ(0, pthread_kill(w.m_hThread, SIGSEGV));
         ASSERT_TRUE(WaitCrashed()) << "round " << i << ": the crashed thread never got through its handler";
         ASSERT_TRUE(WaitUntil([&] { return w.m_nCrashPaths.load() == i + 1; }, 5000));
-        _AtlModule.AutoRecoverCrashedThread();
+        CrashAutoRecoverCrashedThreads();
     }
     w.m_bRelease = true;
     ASSERT_TRUE(WaitUntil([&] { return w.m_nDone.load() == 1; }, 5000));
@@ -325,7 +306,7 @@ TEST_F(CrashContainment, FaultInsideTheTracePathIsHandledAtOnce)
 {
     Worker& w = Start(FAULT_IN_TRACE, 1);
     ASSERT_TRUE(WaitCrashed());
-    _AtlModule.AutoRecoverCrashedThread();
+    CrashAutoRecoverCrashedThreads();
     ASSERT_TRUE(WaitUntil([&] { return w.m_nDone.load() == 1; }, 5000));
     std::vector<TraceLine> lines = DaemonLines();
     EXPECT_EQ(1, CountText(lines, 10002001, "access address: 0x10; error code: 1"));
@@ -393,7 +374,7 @@ TEST_F(CrashContainment, TraceThreadsAreRestartedAfterACrash)
     HTHREADTYPE hOld = log.m_hWriteTraceThreadEx;
     ASSERT_EQ(0, pthread_kill(hOld, SIGSEGV));
     ASSERT_TRUE(WaitCrashed());
-    _AtlModule.AutoRecoverCrashedThread();
+    CrashAutoRecoverCrashedThreads();
     Trace0("Main", 3, 515151, "written by the new writer");
     ASSERT_TRUE(WaitUntil([&] { return SeriesBody("TalvorStorage").find("written by the new writer") != std::string::npos; },
                           5000));
@@ -402,7 +383,7 @@ TEST_F(CrashContainment, TraceThreadsAreRestartedAfterACrash)
                           5000));
     ASSERT_EQ(0, pthread_kill(log.m_hWriteTraceThread, SIGSEGV));
     ASSERT_TRUE(WaitCrashed());
-    _AtlModule.AutoRecoverCrashedThread();
+    CrashAutoRecoverCrashedThreads();
     LPBYTE lpRing = log.m_pTraceFileAddr;
     ASSERT_EQ(11, TraceRingWrite(lpRing, log.m_nTraceFileSize, "engine text", 11));
     SetEvent(log.m_hTraceEvent);

@@ -4,7 +4,6 @@
 // was published.
 #include "../../tools/talvor-peer/PeerRollback.cpp"
 
-#include "BreltMemStorage.h"
 #include "MemoryStorageTestKit.h"
 #include "TalvorFlashback.h"
 
@@ -52,13 +51,13 @@ protected:
         m_area.Format();
         m_flashback.SetRollbackArea(m_vArea.data(), AREA_SIZE);
         m_pSystem = (LPSYSTEMFILEHEAD)calloc(1, sizeof(SYSTEMFILEHEAD));
-        _AtlModule.m_pMemoryFileHead = m_pSystem;
+        m_flashback.m_pMemoryFileHead = m_pSystem;
     }
     ~FlashbackUndoCache() override
     {
         m_flashback.StopUndoMirror(5000, 0);
         m_flashback.SetRollbackArea(nullptr, 0);
-        _AtlModule.m_pMemoryFileHead = nullptr;
+        m_flashback.m_pMemoryFileHead = nullptr;
         free(m_pSystem);
     }
     std::string CachePath() { return m_tree.Dir() + "TalvorUndo.cache"; }
@@ -233,7 +232,7 @@ TEST_F(FlashbackUndoCache, OnlyAMatchingGenerationIsLoaded)
     CPeerRollbackArea(vNew.data(), AREA_SIZE).Format();
     std::vector<BYTE> vBefore = vNew;
     m_flashback.SetRollbackArea(vNew.data(), AREA_SIZE);
-    _AtlModule.m_pMemoryFileHead = nullptr;
+    m_flashback.m_pMemoryFileHead = nullptr;
     EXPECT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE));
     EXPECT_EQ(vBefore, vNew);
 }

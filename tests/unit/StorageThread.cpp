@@ -43,8 +43,6 @@ protected:
         m_db.PrepareFiles();
         ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
         CBreltMemStorageModule& m = m_db.Module();
-        InitializeCriticalSection(&m.m_critThreads);
-        InitializeCriticalSection(&m.m_critCrashedThreads);
         m.m_hStorageEvent = CreateEventSem(nullptr, SEMNAME_STORAGEEVENT);
     }
     void StartThread(int nIntervals)

@@ -112,11 +112,7 @@ inline bool ParseLines(const std::string& strBody, std::vector<TraceLine>& lines
 
 class TraceLogFixture : public ::testing::Test {
 protected:
-    static void SetUpTestSuite()
-    {
-        InitializeCriticalSection(&_AtlModule.m_critThreads);
-        InitializeCriticalSection(&_AtlModule.m_critCrashedThreads);
-    }
+    static void SetUpTestSuite() {}
 
     void SetUp() override
     {

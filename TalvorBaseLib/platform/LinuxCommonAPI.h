@@ -1,0 +1,160 @@
+// LinuxCommonAPI.h — the platform floor: latches with a per-thread record of
+// what each thread holds, scoped guards, semaphore events, bounded waits,
+// thread start-up and the small time and file shims.
+//
+// Contract of the latch (TALVOR_SECTION):
+//  * m_nLockFlag alone decides ownership: 0 free, 1 held.
+//  * EnterCriticalTalvor(lp, id) is recursive for thread `id`; the other two
+//    acquires are not and record no owner.
+//  * A waiter sleeps on m_hEvent. A release posts only while somebody is
+//    counted in m_nWaitedCount and no earlier post is still pending (the
+//    semaphore's value is 0), and a waiter is counted before it last tests
+//    the flag, so no wake-up is lost and the semaphore's value stays small:
+//    waiters really sleep instead of spinning through a banked count.
+//  * A latch lives in process memory only; what the daemon shares with the
+//    engine is ordered by named events and the shared records' protocols.
+#pragma once
+
+#include "TypeDef.h"
+
+#include <cstdio>
+#include <sys/time.h>
+
+#define TALVOR_CRITSTACK_SIZE 20
+#define TALVOR_NO_OWNER 0xFFFFFFFFu
+
+typedef struct _TALVOR_SECTION {
+    volatile int m_nLockFlag;
+    int m_nRecursionCount;
+    volatile UINT m_nThreadID;
+    volatile int m_nWaitedCount;
+    volatile int m_nSpinCount;
+    int m_nReserved;
+    sem_t m_hEvent;
+} TALVOR_SECTION, *LPTALVOR_SECTION;
+
+// One per thread, a local of the thread's entry function. It lists the
+// latches the thread holds through guards so that a crashed thread can give
+// them back (TalvorCriticalRelease) and the others go on.
+typedef struct _TALVORCRITICALSECTION {
+    TALVOR_SECTION* m_pCritStack[TALVOR_CRITSTACK_SIZE];
+    int m_nCritPos;
+    int m_nThreadID;
+} TALVORCRITICALSECTION, *LPTALVORCRITICALSECTION;
+
+UINT GetCurrentThreadId();
+
+// Zeroes a thread's record and stamps it with the calling thread's id.
+void InitThreadCritSection(LPTALVORCRITICALSECTION lpCritSection);
+
+void InitializeCriticalTalvor(LPTALVOR_SECTION lp);
+void DeleteCriticalTalvor(LPTALVOR_SECTION lp);
+void EnterCriticalTalvor(LPTALVOR_SECTION lp, UINT nID);
+void EnterCriticalTalvor(LPTALVOR_SECTION lp);
+void EnterCriticalTalvorEx(LPTALVOR_SECTION lp);
+void LeaveCriticalTalvor(LPTALVOR_SECTION lp);
+
+// Gives back every latch recorded for the thread; used after a crash unwound
+// frames whose guards will never run their destructors.
+void TalvorCriticalRelease(LPTALVORCRITICALSECTION lpCritSection);
+
+class CTalvorCriticalSectionPtr {
+public:
+    CTalvorCriticalSectionPtr(LPTALVOR_SECTION lp, LPTALVORCRITICALSECTION lpCritSection);
+    virtual ~CTalvorCriticalSectionPtr();
+    void UnLock();
+
+    CTalvorCriticalSectionPtr(const CTalvorCriticalSectionPtr&) = delete;
+    CTalvorCriticalSectionPtr& operator=(const CTalvorCriticalSectionPtr&) = delete;
+
+private:
+    LPTALVOR_SECTION m_lpcs;
+    LPTALVOR_SECTION* m_lpCritStack;
+    LPTALVORCRITICALSECTION m_lpCritSection;
+};
+
+// Recursive pthread mutexes behind a Windows name.
+void InitializeCriticalSection(LPCRITICAL_SECTION lpcs);
+void DeleteCriticalSection(LPCRITICAL_SECTION lpcs);
+
+class CCriticalSectionPtr {
+public:
+    explicit CCriticalSectionPtr(LPCRITICAL_SECTION lpcs);
+    virtual ~CCriticalSectionPtr();
+    void UnLock();
+
+    CCriticalSectionPtr(const CCriticalSectionPtr&) = delete;
+    CCriticalSectionPtr& operator=(const CCriticalSectionPtr&) = delete;
+
+private:
+    LPCRITICAL_SECTION m_lpcs;
+};
+
+// --- Waits: 0 signalled, 258 timed out, -1 failed. Time-outs are bounded to
+// 4,294,967 ms (the microsecond product is 32-bit); there is no infinite wait.
+int WaitForSingleObject(sem_t* semMutex, UINT nTime);
+int WaitForSingleObject(const sem_t& semMutex, UINT nTime);
+int WaitForSingleObject(const pthread_t& thThread, UINT nTime);
+int WaitForMultipleObjects(int nCount, HTHREADTYPE* pThreadHandle, BOOL bWaitAll, UINT dwMilliseconds);
+int TalvorWaitForSingleThread(const pthread_t& thThread, UINT nTime);
+int TalvorWaitForMultipleThread(int nCount, HTHREADTYPE* pThreadHandle, BOOL bWaitAll, UINT dwMilliseconds);
+void TimeraddMS(struct timeval* a, UINT ms);
+
+// --- Events (named POSIX semaphores, created signalled).
+HEVENTTYPE CreateEventSem(LPSECURITY_ATTRIBUTES lpEventAttributes, LPCTSTR lpName);
+BOOL CreateEventSemSuccess(HEVENTTYPE hEvent);
+void SetEvent(sem_t* pSem);
+void SetEvent(const sem_t& pSem);
+void InitEvent(const EVENTTYPE& hEvent);
+void FreeEvent(const EVENTTYPE& hEvent);
+void CloseEvent(const HEVENTTYPE& hEvent);
+int InitializeSecurityDescriptor(int* p, unsigned int n);
+int SetSecurityDescriptorDacl(int* p, int a, void* b, int c);
+
+// --- Threads.
+typedef void* (*LPTHREAD_START_ROUTINE)(void*);
+#define TALVOR_DEFAULT_THREAD_STACK 0x100000
+// Stack of the daemon's own threads in bytes; 1 MiB until the configuration
+// ("threadstacksize") has been read.
+extern int g_nThreadStackSize;
+int CreateThreadAllPlateForm(volatile HTHREADTYPE* pThread, LPTHREAD_START_ROUTINE fn, LPVOID lpParameter,
+                             const UINT& dwThreadId, const char* pFunName);
+// The daemon's own threads: joinable, with g_nThreadStackSize of stack.
+// Returns 0 or the pthread error.
+int CreateJoinableThread(HTHREADTYPE* pThread, LPTHREAD_START_ROUTINE fn, LPVOID lpParameter);
+void CloseThreadHandle(const HTHREADTYPE& hThread);
+// True while the thread has not ended. Works for detached and joinable
+// threads alike (pthread_kill(t, 0) does not see an ended joinable thread).
+BOOL IsThreadAlive(const pthread_t& thThread);
+int GetLastError();
+int WSAGetLastError();
+void Sleep(int nMilliseconds);
+
+// --- Time.
+void GetSystemTimeAsFileTime(FILETIME* pFileTime);
+long long FileTimeToInt64(const FILETIME& ft);
+BOOL QueryPerformanceCounter(LARGE_INTEGER* lpCounter);
+void GetLocalTime(LPSYSTEMTIME lpSystemTime);
+
+// --- Files and paths.
+int GetModuleFileName(char* sModuleName, char* sFileName, int nSize);
+UINT GetFileSize(FILE* pFile, LPUINT lpFileSizeHigh);
+void CreateDirectory(char* lpFilePath, void* lpParam);
+BOOL DeleteFile(LPCTSTR lpFileName);
+int MakeDir(const char* lpszFilePath);
+// MakeDir's walk over a copy of nCopySize bytes (at most MAX_PATH); with
+// bBackslashToo a backslash separates directories as well.
+int MakeDirs(const char* lpszFilePath, size_t nCopySize, BOOL bBackslashToo);
+
+// Barriers for readers and writers of rings shared with the engine.
+inline void TalvorFlushCPU4Read() { __atomic_thread_fence(__ATOMIC_ACQUIRE); }
+inline void TalvorFlushCPU4Write() { __atomic_thread_fence(__ATOMIC_RELEASE); }
+
+// A 512-aligned buffer for direct transfers; free() releases it.
+void* get_aligned_buffer(size_t nSize);
+
+// File handles of the daemon are heap-held ints holding a descriptor, so that
+// "no file" is a null pointer. Talvor_CloseFile closes and frees the cell.
+void* Talvor_MakeFileHandle(int fd);
+int Talvor_FileDescriptor(void* hFile);
+void Talvor_CloseFile(void*& hFile);

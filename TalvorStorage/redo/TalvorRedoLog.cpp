@@ -1,0 +1,604 @@
+// TalvorRedoLog.cpp — the group files at start (opened, made, reset,
+// repaired), where the writer starts, and the reader's side of the table.
+//
+// The group table is shared by the writer, the archiver and the standby
+// readers; m_crit guards a group changing hands, and it is never held across
+// file I/O or a wait. Sizes and states are also read without the lock: the
+// writer publishes a state behind a store barrier, after the sizes.
+#include "TalvorRedoLog.h"
+
+#include "TalvorTrace.h"
+#include "TalvorFileIO.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <new>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+const int OPEN_TRIES = 5;
+
+void CloseGroupHandle(void*& hFile)
+{
+    if (hFile == nullptr) return;
+    int fd = Talvor_FileDescriptor(hFile);
+    if (fd >= 0) CTalvorFileIO::Current()->Close(fd);
+    free(hFile);
+    hFile = nullptr;
+}
+
+inline BOOL RingSizesTrue(LPFILE_TRACEMEMFILEHEAD pHead)
+{
+    int nHeader = pHead->m_nFileHeaderSize;
+    int nTotal = pHead->m_nFileTotalSize;
+    return nHeader == (int)sizeof(FILE_TRACEMEMFILEHEAD) && nTotal > nHeader + 16;
+}
+
+// Reads nWidth bytes of a field at ring position nPos, joining a field split
+// by the end of the area.
+void ReadRingField(int nPos, LPFILE_TRACEMEMFILEHEAD pHead, void* pOut, int nWidth)
+{
+    memset(pOut, 0, (size_t)nWidth);
+    if (!RingSizesTrue(pHead)) return;
+    const int nHeader = pHead->m_nFileHeaderSize;
+    const int nTotal = pHead->m_nFileTotalSize;
+    const int nData = nTotal - nHeader;
+    if (nPos < nHeader) return;
+    long long p = nPos;
+    if (p >= nTotal) p = nHeader + (p - nHeader) % nData;
+    const BYTE* lpBase = (const BYTE*)pHead;
+    BYTE* lpOut = (BYTE*)pOut;
+    for (int i = 0; i < nWidth; i++) {
+        lpOut[i] = lpBase[p];
+        if (++p == nTotal) p = nHeader;
+    }
+}
+
+} // namespace
+
+long long RedoNowFileTime()
+{
+    FILETIME ft;
+    GetSystemTimeAsFileTime(&ft);
+    return FileTimeToInt64(ft);
+}
+
+CTalvorRedoLog::CTalvorRedoLog()
+    : m_bCurrentRedoGroup(0), m_nWriteRedoOnlineGroups(0), m_nWriteRedoMaxSize(0), m_bArchiveExit(FALSE),
+      m_bLogWaitting(FALSE), m_nClusterNodeType(0), m_pExit(nullptr), m_pLogFileAddr(nullptr), m_lpRedoDir(nullptr),
+      m_lpArchiveDir(nullptr), m_hLogEvent(nullptr), m_hLogEmptyEvent(nullptr), m_pMemoryFileHead(nullptr),
+      m_pFlashback(nullptr), m_pStandbyCache(nullptr), m_nRingSize(0), m_nThreadsInside(0), m_pWriterState(nullptr)
+{
+    memset(m_pRedoLog, 0, sizeof(m_pRedoLog));
+    memset((void*)&m_stStats, 0, sizeof(m_stStats));
+    m_szArchiveDir[0] = '\0';
+    InitEvent(m_hArchiveEvent);
+    InitEvent(m_hArchivedEvent);
+    InitializeCriticalTalvor(&m_crit);
+}
+
+CTalvorRedoLog::~CTalvorRedoLog()
+{
+    for (int i = 0; i < REDOGROUP_MAX; i++) CloseGroupHandle(m_pRedoLog[i].m_pOnlineFile);
+    FreeEvent(m_hArchiveEvent);
+    FreeEvent(m_hArchivedEvent);
+    DeleteCriticalTalvor(&m_crit);
+}
+
+void CTalvorRedoLog::GroupPath(int nGroup, char* lpPath, size_t nSize) const
+{
+    snprintf(lpPath, nSize, "%s%s%d.log", m_lpRedoDir != nullptr ? m_lpRedoDir : "", "Redo", nGroup);
+}
+
+BOOL CTalvorRedoLog::OpenGroupFile(int nGroup, BOOL bCreate)
+{
+    LPTALVORREDOGROUP pGroup = &m_pRedoLog[nGroup];
+    if (pGroup->m_pOnlineFile != nullptr) return TRUE;
+    char szPath[MAX_PATH + 32];
+    GroupPath(nGroup, szPath, sizeof(szPath));
+    for (int i = 0; i < OPEN_TRIES; i++) {
+        if (i > 0) usleep(1000);
+        if (!bCreate && access(szPath, F_OK) != 0) continue;
+        int fd = CTalvorFileIO::Current()->Open(szPath, bCreate ? (O_RDWR | O_CREAT) : O_RDWR, 0666);
+        if (fd < 0) continue;
+        chmod(szPath, 0666);
+        pGroup->m_pOnlineFile = Talvor_MakeFileHandle(fd);
+        if (pGroup->m_pOnlineFile == nullptr) {
+            CTalvorFileIO::Current()->Close(fd);
+            return FALSE;
+        }
+        return TRUE;
+    }
+    return FALSE;
+}
+
+BOOL CTalvorRedoLog::ReadGroupHead(int nGroup, LPMF_REDOLOGFILEHEAD pHead)
+{
+    memset(pHead, 0, sizeof(*pHead));
+    int fd = Talvor_FileDescriptor(m_pRedoLog[nGroup].m_pOnlineFile);
+    if (fd < 0) return FALSE;
+    return CTalvorFileIO::Current()->PRead(fd, pHead, sizeof(*pHead), 0) > 0;
+}
+
+BOOL CTalvorRedoLog::WriteGroupHead(int nGroup, const MF_REDOLOGFILEHEAD* pHead)
+{
+    int fd = Talvor_FileDescriptor(m_pRedoLog[nGroup].m_pOnlineFile);
+    if (fd < 0) return FALSE;
+    return TalvorWriteFull(fd, pHead, sizeof(*pHead), 0);
+}
+
+void CTalvorRedoLog::BuildFreshHead(LPMF_REDOLOGFILEHEAD pHead)
+{
+    memset(pHead, 0, sizeof(*pHead));
+    memcpy(pHead->m_lpszFileFlag, REDOLOGFILE_FLAG, sizeof(REDOLOGFILE_FLAG));
+    pHead->m_usDatabaseGuid = m_pMemoryFileHead->m_usDatabaseGuid;
+    pHead->m_nVersion = REDOLOGFILE_VERSION;
+    GetSystemTimeAsFileTime(&pHead->m_ftCreateTime);
+}
+
+// A new (or reset) group: a fresh head and the file filled with zeros up to
+// its nominal size, so that the writer never grows it.
+BOOL CTalvorRedoLog::MakeGroupFile(int nGroup, LPBYTE lpZero, LONG nFailCode)
+{
+    char szPath[MAX_PATH + 32];
+    GroupPath(nGroup, szPath, sizeof(szPath));
+    if (!OpenGroupFile(nGroup, TRUE)) {
+        int nErr = errno;
+        Trace("LogInit", 1, nFailCode,
+              TALVOR_TEXT("初始化Redo日志创建日志文件失败，文件路径：%s，错误：(%d)%s",
+                          "Failed to initialize Redo log and create log file, file path: %s, error : (%d)%s"),
+              szPath, nErr, strerror(nErr));
+        return FALSE;
+    }
+    MF_REDOLOGFILEHEAD stHead;
+    BuildFreshHead(&stHead);
+    int fd = Talvor_FileDescriptor(m_pRedoLog[nGroup].m_pOnlineFile);
+    BOOL bOk = WriteGroupHead(nGroup, &stHead);
+    long long nPos = REDOLOGFILE_HEAD_SIZE;
+    while (bOk && lpZero != nullptr && nPos < m_nWriteRedoMaxSize) {
+        long long nPiece = m_nWriteRedoMaxSize - nPos;
+        if (nPiece > REDO_ZERO_FILL_SIZE) nPiece = REDO_ZERO_FILL_SIZE;
+        bOk = TalvorWriteFull(fd, lpZero, (size_t)nPiece, (off_t)nPos);
+        nPos += nPiece;
+    }
+    if (!bOk) {
+        int nErr = errno;
+        Trace("LogInit", 1, nFailCode,
+              TALVOR_TEXT("初始化Redo日志创建日志文件失败，文件路径：%s，错误：(%d)%s",
+                          "Failed to initialize Redo log and create log file, file path: %s, error : (%d)%s"),
+              szPath, nErr, strerror(nErr));
+        return FALSE;
+    }
+    LPTALVORREDOGROUP pGroup = &m_pRedoLog[nGroup];
+    pGroup->m_bState = REDOGROUP_EMPTY;
+    pGroup->m_nSequenceNO = 0;
+    pGroup->m_nWriteSize = 0;
+    pGroup->m_nEffectiveSize = 0;
+    pGroup->m_bStandbyRef = 0;
+    return TRUE;
+}
+
+// The highest log number that has an archive file in the first destination
+// (0 when none): a restart must never give a new log a number that an
+// archive already holds.
+UINT CTalvorRedoLog::HighestArchivedNumber()
+{
+    char szPaths[sizeof(m_pMemoryFileHead->m_lpArchiveDesPath)];
+    memcpy(szPaths, m_pMemoryFileHead->m_lpArchiveDesPath, sizeof(szPaths));
+    szPaths[sizeof(szPaths) - 1] = '\0';
+    UINT nMax = 0;
+    char* lpSave = nullptr;
+    for (char* lp = strtok_r(szPaths, ";", &lpSave); lp != nullptr; lp = strtok_r(nullptr, ";", &lpSave)) {
+        char szDir[MAX_PATH + 32];
+        size_t nLen = strlen(lp);
+        snprintf(szDir, sizeof(szDir), "%s%sArchiveLog/", lp, (nLen > 0 && lp[nLen - 1] == '/') ? "" : "/");
+        DIR* pDir = opendir(szDir);
+        if (pDir == nullptr) continue;
+        while (struct dirent* pEntry = readdir(pDir)) {
+            unsigned int nNo = 0;
+            char szTail[8] = {0};
+            if (sscanf(pEntry->d_name, "Log%u%5s", &nNo, szTail) == 2 && strcmp(szTail, ".log") == 0 && nNo > nMax)
+                nMax = nNo;
+        }
+        closedir(pDir);
+    }
+    return nMax;
+}
+
+// Log numbers start at 1 (0 is "no such log") and pass every number a group
+// or an archive already holds: after a hard stop the system file may not have
+// been committed with the last number the writer took.
+void CTalvorRedoLog::RaiseLogNumbers()
+{
+    UINT nHighest = HighestArchivedNumber();
+    for (int i = 0; i < m_nWriteRedoOnlineGroups; i++)
+        if (m_pRedoLog[i].m_nSequenceNO > nHighest) nHighest = m_pRedoLog[i].m_nSequenceNO;
+    UINT nNext = m_pMemoryFileHead->m_nRedoLogMaxID;
+    if (nNext > nHighest && nNext != 0) return;
+    UINT nRaised = nHighest + 1;
+    if (nNext != 0)
+        Trace("LogInit", 3, 30001012,
+              TALVOR_TEXT("下一个日志编号%u已被使用(最大编号%u)，改为%u",
+                          "The next log number %u was already taken (highest %u): it becomes %u"),
+              nNext, nHighest, nRaised);
+    m_pMemoryFileHead->m_nRedoLogMaxID = nRaised;
+}
+
+BOOL CTalvorRedoLog::Init(LPSYSTEMFILEHEAD pMemoryFileHead, int nClusterNodeType, BOOL* pExit, char* lpRedoDir,
+                          char* pLogFileAddr, HEVENTTYPE hLogEvent, HEVENTTYPE hLogEmptyEvent, BOOL bRecover,
+                          CTalvorFlashback* pFlashback)
+{
+    m_pMemoryFileHead = pMemoryFileHead;
+    m_nClusterNodeType = nClusterNodeType;
+    m_pExit = pExit;
+    m_lpRedoDir = lpRedoDir;
+    m_pLogFileAddr = pLogFileAddr;
+    m_hLogEvent = hLogEvent;
+    m_hLogEmptyEvent = hLogEmptyEvent;
+    m_pFlashback = pFlashback;
+    m_bArchiveExit = FALSE;
+    if (m_pMemoryFileHead == nullptr) return FALSE;
+    int nGroups = m_pMemoryFileHead->m_nWriteRedoOnlineGroups;
+    if (nGroups < REDOGROUP_MIN) nGroups = REDOGROUP_MIN;
+    if (nGroups > REDOGROUP_MAX) nGroups = REDOGROUP_MAX;
+    m_pMemoryFileHead->m_nWriteRedoOnlineGroups = nGroups;
+    m_nWriteRedoOnlineGroups = nGroups;
+    m_nWriteRedoMaxSize = m_pMemoryFileHead->m_nWriteRedoMaxSize;
+    // A group must hold its head and at least one record head.
+    if (m_nWriteRedoMaxSize < REDOLOGFILE_HEAD_SIZE + EXECUTEPLANHEAD_SIZE)
+        m_nWriteRedoMaxSize = REDOLOGFILE_HEAD_SIZE + EXECUTEPLANHEAD_SIZE;
+    m_bCurrentRedoGroup = m_pMemoryFileHead->m_bCurrentRedoGroup;
+    if (m_bCurrentRedoGroup >= nGroups) m_bCurrentRedoGroup = 0;
+
+    LPBYTE lpZero = (LPBYTE)calloc(1, REDO_ZERO_FILL_SIZE);
+    if (lpZero == nullptr) return FALSE;
+    BOOL bOk = TRUE;
+    for (int i = 0; i < nGroups && bOk; i++) {
+        if (bRecover) {
+            // Start over: an existing file keeps its bytes but gets a fresh head.
+            if (OpenGroupFile(i, FALSE)) {
+                MF_REDOLOGFILEHEAD stHead;
+                BuildFreshHead(&stHead);
+                WriteGroupHead(i, &stHead);
+                memset((void*)&m_pRedoLog[i].m_bState, 0, sizeof(TALVORREDOGROUP) - sizeof(void*));
+            } else {
+                bOk = MakeGroupFile(i, lpZero, 30001001);
+            }
+            continue;
+        }
+        OpenGroupFile(i, FALSE);
+        MF_REDOLOGFILEHEAD stHead;
+        BOOL bGood = m_pRedoLog[i].m_pOnlineFile != nullptr && ReadGroupHead(i, &stHead) &&
+                     stHead.m_usDatabaseGuid == m_pMemoryFileHead->m_usDatabaseGuid &&
+                     stHead.m_nVersion == REDOLOGFILE_VERSION;
+        if (bGood) {
+            LPTALVORREDOGROUP pGroup = &m_pRedoLog[i];
+            pGroup->m_bState = stHead.m_bState <= REDOGROUP_ARCHIVED ? stHead.m_bState : (BYTE)REDOGROUP_EMPTY;
+            pGroup->m_nSequenceNO = stHead.m_nSequenceNO;
+            pGroup->m_nEffectiveSize = (int)stHead.m_nEffectiveSize;
+            pGroup->m_nWriteSize = (int)stHead.m_nEffectiveSize;
+            pGroup->m_bStandbyRef = 0;
+            continue;
+        }
+        if (m_pRedoLog[i].m_pOnlineFile != nullptr) {
+            char szPath[MAX_PATH + 32];
+            GroupPath(i, szPath, sizeof(szPath));
+            Trace("LogInit", 1, 30001010,
+                  TALVOR_TEXT("读取Redo日志文件头信息并检查失败，程序自动重置日志文件，文件路径：%s",
+                              "Read header information of redo log file and check failed, program automatically reset "
+                              "log file, file path: %s"),
+                  szPath);
+        }
+        bOk = MakeGroupFile(i, lpZero, 30001011);
+    }
+    free(lpZero);
+    if (!bOk) return FALSE;
+    RaiseLogNumbers();
+    if (!bRecover) FollowNewestLog();
+    LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
+    if (bRecover) {
+        m_bCurrentRedoGroup = 0;
+        if (pRing != nullptr) {
+            pRing->m_nLogNo = (int)m_pMemoryFileHead->m_nRedoLogMaxID;
+            pRing->m_nLogArchiveNo = pRing->m_nLogNo - 1;
+        }
+        return TRUE;
+    }
+    SeekCurrentLog();
+    return TRUE;
+}
+
+// The group of the newest log is where the writer left off, whatever the
+// system file says: its current group is only as recent as its last commit.
+void CTalvorRedoLog::FollowNewestLog()
+{
+    int nNewest = m_bCurrentRedoGroup;
+    for (int i = 0; i < m_nWriteRedoOnlineGroups; i++) {
+        if (m_pRedoLog[i].m_bState != REDOGROUP_EMPTY && m_pRedoLog[i].m_nSequenceNO > m_pRedoLog[nNewest].m_nSequenceNO)
+            nNewest = i;
+    }
+    if (nNewest == m_bCurrentRedoGroup) return;
+    Trace("LogInit", 3, 30001013,
+          TALVOR_TEXT("当前日志组由%d改为%d：它保存着最新的日志%u",
+                      "The current log group is %d instead of %d: it holds the newest log %u"),
+          nNewest, (int)m_bCurrentRedoGroup, (UINT)m_pRedoLog[nNewest].m_nSequenceNO);
+    m_bCurrentRedoGroup = (BYTE)nNewest;
+    m_pMemoryFileHead->m_bCurrentRedoGroup = m_bCurrentRedoGroup;
+}
+
+void CTalvorRedoLog::MoveToNextGroup()
+{
+    m_bCurrentRedoGroup = (BYTE)((m_bCurrentRedoGroup + 1) % m_nWriteRedoOnlineGroups);
+    m_pMemoryFileHead->m_bCurrentRedoGroup = m_bCurrentRedoGroup;
+}
+
+// Walks the records of an unsealed log from the first one: each must carry
+// the mark, a sane size, its trailer, and a timestamp not older than the
+// log's start (older bytes behind the last record belong to the group's
+// previous log). Returns the end of the last whole record (50 for none).
+int CTalvorRedoLog::WalkUnsealedLog(int nGroup, const MF_REDOLOGFILEHEAD& stHead, long long& nEndTimestamp)
+{
+    int fd = Talvor_FileDescriptor(m_pRedoLog[nGroup].m_pOnlineFile);
+    long long nPos = REDOLOGFILE_HEAD_SIZE;
+    nEndTimestamp = 0;
+    for (;;) {
+        BASEEXECUTEPLANHEAD stRec;
+        if (CTalvorFileIO::Current()->PRead(fd, &stRec, sizeof(stRec), (off_t)nPos) != (ssize_t)sizeof(stRec)) break;
+        if (stRec.m_nDataFlag != EXECUTEPLAN_DATAFLAG || stRec.m_nTotalDataSize < EXECUTEPLANHEAD_SIZE) break;
+        long long nEnd = nPos + stRec.m_nTotalDataSize;
+        if (nEnd > 0x7FFFFFFFLL) break;
+        if (RedoRecordHasTrailer(stRec.m_nType)) {
+            UINT nTrailer = 0;
+            if (CTalvorFileIO::Current()->PRead(fd, &nTrailer, 4, (off_t)(nEnd - 4)) != 4) break;
+            if (nTrailer != REDORECORD_TRAILER) break;
+        } else {
+            // Without a trailer, the record's last byte must at least exist.
+            BYTE b;
+            if (CTalvorFileIO::Current()->PRead(fd, &b, 1, (off_t)(nEnd - 1)) != 1) break;
+        }
+        if (stRec.m_nTimestamp != 0 && stRec.m_nTimestamp < stHead.m_nBeginTimestamp) break;
+        if (stRec.m_nTimestamp > nEndTimestamp) nEndTimestamp = stRec.m_nTimestamp;
+        nPos = nEnd;
+    }
+    return (int)nPos;
+}
+
+// Seals a log found unsealed at start, at the end of its last whole record,
+// so that nothing the writer had drained before a hard stop is lost.
+BOOL CTalvorRedoLog::SealFoundLog(int nGroup, MF_REDOLOGFILEHEAD& stHead, int nSize, long long nEndTimestamp,
+                                  BOOL bAtStart)
+{
+    LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
+    LPTALVORREDOGROUP pGroup = &m_pRedoLog[nGroup];
+    stHead.m_nEffectiveSize = (UINT)nSize;
+    stHead.m_nEndTimestamp = nEndTimestamp;
+    stHead.m_bState = REDOGROUP_SEALED;
+    if (pRing != nullptr && pRing->m_nTimestamp == 0) pRing->m_nTimestamp = nEndTimestamp;
+    if (!WriteGroupHead(nGroup, &stHead)) return FALSE;
+    pGroup->m_nEffectiveSize = nSize;
+    pGroup->m_nWriteSize = nSize;
+    TalvorFlushCPU4Write();
+    pGroup->m_bState = REDOGROUP_SEALED;
+    Trace("SeekCurrentLog", 3, 30002002,
+          TALVOR_TEXT("Redo日志组[%d、%d]已修复封存，大小：%d，开始时间戳：%lld，结束时间戳：%lld",
+                      "Redo log group [%d, %d] has fixed the sealing, size: %d, start timestamp: %lld, end timestamp: "
+                      "%lld"),
+          nGroup, (int)stHead.m_nSequenceNO, nSize, stHead.m_nBeginTimestamp, stHead.m_nEndTimestamp);
+    // While the archiver runs, it alone says how far archiving came.
+    if (pRing != nullptr && bAtStart) pRing->m_nLogArchiveNo = (int)stHead.m_nSequenceNO - 1;
+    MoveToNextGroup();
+    SetEvent(m_hArchiveEvent);
+    if (pRing != nullptr) pRing->m_nLogNo = (int)m_pMemoryFileHead->m_nRedoLogMaxID;
+    return TRUE;
+}
+
+BOOL CTalvorRedoLog::SeekCurrentLog()
+{
+    const int nGroup = m_bCurrentRedoGroup;
+    LPTALVORREDOGROUP pGroup = &m_pRedoLog[nGroup];
+    LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
+    MF_REDOLOGFILEHEAD stHead;
+    if (!ReadGroupHead(nGroup, &stHead)) return FALSE;
+    if (stHead.m_nEffectiveSize != 0) {
+        // Sealed: the normal restart after a clean stop.
+        pGroup->m_nEffectiveSize = (int)stHead.m_nEffectiveSize;
+        pGroup->m_bState = stHead.m_bState;
+        if (pRing != nullptr && pRing->m_nTimestamp == 0) pRing->m_nTimestamp = stHead.m_nEndTimestamp;
+        if (pRing != nullptr) pRing->m_nLogArchiveNo = (int)pGroup->m_nSequenceNO;
+        MoveToNextGroup();
+        if (pRing != nullptr) pRing->m_nLogNo = (int)m_pMemoryFileHead->m_nRedoLogMaxID;
+        return TRUE;
+    }
+    int fd = Talvor_FileDescriptor(pGroup->m_pOnlineFile);
+    BASEEXECUTEPLANHEAD stRec;
+    memset(&stRec, 0, sizeof(stRec));
+    if (CTalvorFileIO::Current()->PRead(fd, &stRec, sizeof(stRec), REDOLOGFILE_HEAD_SIZE) < 0) return FALSE;
+    if (stRec.m_nDataFlag != EXECUTEPLAN_DATAFLAG || stHead.m_bState == REDOGROUP_EMPTY) {
+        if (stHead.m_bState == REDOGROUP_EMPTY) {
+            if (pRing != nullptr) {
+                pRing->m_nLogArchiveNo = 0;
+                pRing->m_nLogNo = (int)m_pMemoryFileHead->m_nRedoLogMaxID;
+            }
+            return TRUE;
+        }
+        if (pRing != nullptr && pRing->m_nTimestamp != 0) return TRUE;
+        int nPrev = nGroup == 0 ? m_nWriteRedoOnlineGroups - 1 : nGroup - 1;
+        MF_REDOLOGFILEHEAD stPrev;
+        if (ReadGroupHead(nPrev, &stPrev) && stPrev.m_nEffectiveSize != 0 && pRing != nullptr)
+            pRing->m_nTimestamp = stPrev.m_nEndTimestamp;
+        if (pRing != nullptr) {
+            pRing->m_nLogNo = (int)m_pMemoryFileHead->m_nRedoLogMaxID;
+            pRing->m_nLogArchiveNo = pRing->m_nLogNo - 1;
+        }
+        return TRUE;
+    }
+    // An unsealed log with records: the writer stopped hard. Seal it behind
+    // its last whole record; it is archived like any other.
+    long long nEndTimestamp = 0;
+    int nEnd = WalkUnsealedLog(nGroup, stHead, nEndTimestamp);
+    if (nEnd > REDOLOGFILE_HEAD_SIZE) return SealFoundLog(nGroup, stHead, nEnd, nEndTimestamp, TRUE);
+    // Its first record is not whole: the group stays current and is opened
+    // anew with the next log number.
+    return TRUE;
+}
+
+// ---------------------------------------------------------------- readers
+
+int CTalvorRedoLog::GetWritePos(UINT nRedoLogNo, int& nRedoGroup, BYTE& bCurLog, char* lpFilePath,
+                                LPTALVORCRITICALSECTION lpCritSection)
+{
+    if (nRedoLogNo == 0 || m_pMemoryFileHead == nullptr) return -1;
+    CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
+    const UINT nLast = m_pMemoryFileHead->m_nRedoLogMaxID - 1;
+    if (nRedoGroup >= 0 && nRedoGroup < m_nWriteRedoOnlineGroups) {
+        LPTALVORREDOGROUP pGroup = &m_pRedoLog[nRedoGroup];
+        if (pGroup->m_nSequenceNO == nRedoLogNo) {
+            GroupPath(nRedoGroup, lpFilePath, MAX_PATH);
+            return nRedoLogNo >= nLast ? pGroup->m_nWriteSize : pGroup->m_nEffectiveSize;
+        }
+        // The group was reused meanwhile: the hold is stale. A count that is
+        // already 0 stays there (a wrapped count would stall the writer).
+        if (pGroup->m_bStandbyRef > 0) pGroup->m_bStandbyRef--;
+        nRedoGroup = -1;
+    } else {
+        nRedoGroup = -1;
+    }
+    LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
+    if (nRedoLogNo < nLast) {
+        bCurLog = 0;
+        if (pRing != nullptr && (int)nRedoLogNo <= pRing->m_nLogArchiveNo && m_lpArchiveDir != nullptr) {
+            snprintf(lpFilePath, MAX_PATH, "%sArchiveLog/Log%d.log", m_lpArchiveDir, (int)nRedoLogNo);
+            return 0;
+        }
+        for (int i = 0; i < m_nWriteRedoOnlineGroups; i++) {
+            LPTALVORREDOGROUP pGroup = &m_pRedoLog[i];
+            if (pGroup->m_nSequenceNO != nRedoLogNo || pGroup->m_bState == REDOGROUP_EMPTY) continue;
+            if (pGroup->m_bStandbyRef == 0xFF) return -1; // every hold taken: ask again later
+            pGroup->m_bStandbyRef++;
+            nRedoGroup = i;
+            GroupPath(i, lpFilePath, MAX_PATH);
+            return pGroup->m_nEffectiveSize;
+        }
+        return -2;
+    }
+    if (nRedoLogNo > nLast) return -1;
+    bCurLog = 1;
+    int arOrder[REDOGROUP_MAX + 2];
+    int nOrder = 0;
+    arOrder[nOrder++] = m_bCurrentRedoGroup;
+    arOrder[nOrder++] = m_bCurrentRedoGroup == 0 ? m_nWriteRedoOnlineGroups - 1 : m_bCurrentRedoGroup - 1;
+    for (int i = 0; i < m_nWriteRedoOnlineGroups; i++) arOrder[nOrder++] = i;
+    for (int k = 0; k < nOrder; k++) {
+        LPTALVORREDOGROUP pGroup = &m_pRedoLog[arOrder[k]];
+        if (pGroup->m_nSequenceNO != nRedoLogNo || pGroup->m_bState == REDOGROUP_EMPTY) continue;
+        if (pGroup->m_bStandbyRef == 0xFF) return -1;
+        pGroup->m_bStandbyRef++;
+        nRedoGroup = arOrder[k];
+        GroupPath(nRedoGroup, lpFilePath, MAX_PATH);
+        return pGroup->m_nWriteSize;
+    }
+    return -1;
+}
+
+void CTalvorRedoLog::ReleaseRedoLog(int& nRedoGroup, LPTALVORCRITICALSECTION lpCritSection)
+{
+    if (nRedoGroup < 0 || nRedoGroup >= m_nWriteRedoOnlineGroups) return;
+    BOOL bFree = FALSE;
+    {
+        CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
+        LPTALVORREDOGROUP pGroup = &m_pRedoLog[nRedoGroup];
+        if (pGroup->m_bStandbyRef > 0) pGroup->m_bStandbyRef--;
+        bFree = pGroup->m_bStandbyRef == 0;
+        nRedoGroup = -1;
+    }
+    if (bFree) SetEvent(m_hArchivedEvent);
+}
+
+int CTalvorRedoLog::GetWriteSize(int nRedoGroup, BOOL bForce, EVENTTYPE&)
+{
+    if (nRedoGroup < 0 || nRedoGroup >= m_nWriteRedoOnlineGroups) return 0;
+    LPTALVORREDOGROUP pGroup = &m_pRedoLog[nRedoGroup];
+    if (pGroup->m_bState != REDOGROUP_WRITING) return pGroup->m_nWriteSize;
+    LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
+    if (pRing == nullptr) return pGroup->m_nWriteSize;
+    if (!bForce && pRing->m_nReadPos != pRing->m_nWritePos) return 0;
+    pRing->m_bFlushFlag = REDOFLUSH_PUBLISH;
+    // Bounded: a writer that is gone must not hold the reader forever.
+    for (int i = 0; i < 5000 && pRing->m_bFlushFlag != 0 && pGroup->m_bState != REDOGROUP_SEALED; i++) usleep(1000);
+    int nSize = pGroup->m_nWriteSize;
+    if ((nSize >= 0 && nSize < m_nWriteRedoMaxSize) || nSize == pGroup->m_nEffectiveSize) return nSize;
+    if (!bForce) return 0;
+    usleep(1000);
+    return pGroup->m_nWriteSize;
+}
+
+void CTalvorRedoLog::FlushLogFile(int nRedoGroup)
+{
+    LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
+    if (nRedoGroup < 0 || nRedoGroup >= m_nWriteRedoOnlineGroups || pRing == nullptr) return;
+    pRing->m_bFlushFlag = REDOFLUSH_PUBLISH;
+    for (int i = 0; i < 5000 && pRing->m_bFlushFlag != 0; i++) usleep(1000);
+}
+
+BOOL CTalvorRedoLog::GroupIsFree(int nGroup)
+{
+    LPTALVORREDOGROUP pGroup = &m_pRedoLog[nGroup];
+    BYTE bState = pGroup->m_bState;
+    return bState == REDOGROUP_EMPTY || bState == REDOGROUP_WRITING ||
+           (bState == REDOGROUP_ARCHIVED && pGroup->m_bStandbyRef == 0);
+}
+
+int CTalvorRedoLog::SwitchNewLog(BYTE bRedoGroup, UINT nSequenceNO, LPTALVORCRITICALSECTION lpCritSection)
+{
+    if (bRedoGroup >= m_nWriteRedoOnlineGroups) return -3;
+    CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
+    if (GroupIsFree(bRedoGroup)) {
+        m_pRedoLog[bRedoGroup].m_nSequenceNO = nSequenceNO;
+        m_bLogWaitting = FALSE;
+        return 0;
+    }
+    m_bLogWaitting = TRUE;
+    return -3;
+}
+
+BOOL CTalvorRedoLog::GetLogWaitFlag(int nRedoGroup)
+{
+    if (m_bLogWaitting) return TRUE;
+    return m_nWriteRedoOnlineGroups > 0 && nRedoGroup == (m_bCurrentRedoGroup + 1) % m_nWriteRedoOnlineGroups;
+}
+
+void CTalvorRedoLog::AddStandby(LPTALVORREDOLOGSTANDBYCACHE pCache)
+{
+    if (pCache == nullptr) return;
+    CTalvorCriticalSectionPtr guard(&m_crit, nullptr);
+    pCache->m_pNext = m_pStandbyCache;
+    TalvorFlushCPU4Write();
+    m_pStandbyCache = pCache;
+}
+
+void CTalvorRedoLog::SubStandby(LPTALVORREDOLOGSTANDBYCACHE pCache)
+{
+    if (pCache == nullptr) return;
+    CTalvorCriticalSectionPtr guard(&m_crit, nullptr);
+    LPTALVORREDOLOGSTANDBYCACHE volatile* pp = &m_pStandbyCache;
+    while (*pp != nullptr && *pp != pCache) pp = &(*pp)->m_pNext;
+    if (*pp == pCache) *pp = pCache->m_pNext;
+}
+
+int CTalvorRedoLog::ReadData(int nPos, LPFILE_TRACEMEMFILEHEAD pHead)
+{
+    int n = 0;
+    ReadRingField(nPos, pHead, &n, 4);
+    return n;
+}
+
+long long CTalvorRedoLog::ReadData64(int nPos, LPFILE_TRACEMEMFILEHEAD pHead)
+{
+    long long n = 0;
+    ReadRingField(nPos, pHead, &n, 8);
+    return n;
+}

@@ -1,0 +1,297 @@
+// TalvorRedoLogArchive.cpp — the archiver: sealed groups are copied to every
+// archive destination and then made reusable; a finished backup is copied
+// to the other destinations on the side.
+//
+// The group's head is marked archived only after the copies: a crash in
+// between leaves the group sealed, and it is archived again at the next
+// start instead of being reused with no complete copy anywhere. The copies
+// carry the archived mark in their head all the same.
+#include "TalvorRedoLog.h"
+
+#include "TalvorTrace.h"
+#include "TalvorFileIO.h"
+#include "TalvorFlashback.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+namespace {
+
+const int DES_BUFFER_SIZE = 1100;   // room for the "/" inserted into 512 bytes of paths
+const int FAST_RETRIES = 100;       // a failing pass is first retried every 1 ms ...
+const int SLOW_RETRY_US = 100000;   // ... then every 100 ms
+
+void CloseArchiveHandle(void*& hFile)
+{
+    if (hFile == nullptr) return;
+    int fd = Talvor_FileDescriptor(hFile);
+    if (fd >= 0) CTalvorFileIO::Current()->Close(fd);
+    free(hFile);
+    hFile = nullptr;
+}
+
+int OpenArchiveTarget(const char* lpPath, int nFlags)
+{
+    int fd = CTalvorFileIO::Current()->Open(lpPath, nFlags, 0666);
+    if (fd >= 0) chmod(lpPath, 0666);
+    return fd;
+}
+
+} // namespace
+
+// Every destination gets a trailing "/", the list is split at ";" (the sixth
+// path keeps whatever stands behind it), empty entries are dropped, and each
+// destination's "ArchiveLog/" is made.
+int CTalvorRedoLog::PrepareDestinations(char* lpPaths, char** arDes)
+{
+    int nLen = (int)strnlen(lpPaths, DES_BUFFER_SIZE - 1);
+    for (int i = 1; i <= nLen && nLen < DES_BUFFER_SIZE - 2; i++) {
+        if (lpPaths[i] != ';' && lpPaths[i] != '\0') continue;
+        // An empty entry gets no "/": it would name the root directory.
+        if (lpPaths[i - 1] == '/' || lpPaths[i - 1] == ';') continue;
+        memmove(lpPaths + i + 1, lpPaths + i, (size_t)(nLen - i + 1));
+        lpPaths[i] = '/';
+        nLen++;
+        i++;
+    }
+    char* arRaw[REDO_MAX_DESTINATIONS];
+    int nRaw = 0;
+    char* p = lpPaths;
+    arRaw[nRaw++] = p;
+    while (nRaw < REDO_MAX_DESTINATIONS && (p = strchr(p, ';')) != nullptr) {
+        *p++ = '\0';
+        arRaw[nRaw++] = p;
+    }
+    int nDes = 0;
+    for (int i = 0; i < nRaw; i++) {
+        if (arRaw[i][0] == '\0') continue;
+        char szDir[MAX_PATH + 32];
+        snprintf(szDir, sizeof(szDir), "%sArchiveLog/", arRaw[i]);
+        MakeDir(szDir);
+        arDes[nDes++] = arRaw[i];
+    }
+    return nDes;
+}
+
+int CTalvorRedoLog::OldestSealedGroup()
+{
+    int nFound = -1;
+    for (int i = 0; i < m_nWriteRedoOnlineGroups; i++) {
+        if (m_pRedoLog[i].m_bState != REDOGROUP_SEALED) continue;
+        if (nFound < 0 || m_pRedoLog[i].m_nSequenceNO < m_pRedoLog[nFound].m_nSequenceNO) nFound = i;
+    }
+    return nFound;
+}
+
+BOOL CTalvorRedoLog::CopyLogTo(const char* lpDes, int nGroup, const MF_REDOLOGFILEHEAD& stHead, LPBYTE lpBuffer,
+                               BOOL bFirstPass, void*& hFile)
+{
+    char szPath[MAX_PATH + 64];
+    snprintf(szPath, sizeof(szPath), "%sArchiveLog/Log%d.log", lpDes, (int)stHead.m_nSequenceNO);
+    if (access(szPath, F_OK) == 0) unlink(szPath);
+    int fd = OpenArchiveTarget(szPath, O_RDWR | O_CREAT | O_TRUNC);
+    if (fd < 0) {
+        MakeDir(szPath);
+        fd = OpenArchiveTarget(szPath, O_RDWR | O_CREAT | O_TRUNC);
+    }
+    if (fd < 0) {
+        int nErr = errno;
+        if (bFirstPass)
+            Trace("ArchiveFile", 1, 30004050,
+                  TALVOR_TEXT("创建新的归档日志文件失败！路径：%s，错误：(%d)%s",
+                              "Failed to create new archive log file! Path: %s, error: (%d)%s"),
+                  szPath, nErr, strerror(nErr));
+        return FALSE;
+    }
+    hFile = Talvor_MakeFileHandle(fd);
+    if (hFile == nullptr) {
+        CTalvorFileIO::Current()->Close(fd);
+        return FALSE;
+    }
+    const int fdSrc = Talvor_FileDescriptor(m_pRedoLog[nGroup].m_pOnlineFile);
+    const long long nSize = stHead.m_nEffectiveSize;
+    for (long long nPos = 0; nPos < nSize;) {
+        int nPiece = (int)(nSize - nPos < REDO_ARCHIVE_BUFFER_SIZE ? nSize - nPos : REDO_ARCHIVE_BUFFER_SIZE);
+        BOOL bOk = TalvorReadFull(fdSrc, lpBuffer, (size_t)nPiece, (off_t)nPos);
+        // The copy's head carries the archived mark.
+        if (bOk && nPos == 0) memcpy(lpBuffer, &stHead, sizeof(stHead));
+        ssize_t nWritten = bOk ? CTalvorFileIO::Current()->PWrite(fd, lpBuffer, (size_t)nPiece, (off_t)nPos) : -1;
+        if (nWritten != nPiece) {
+            int nErr = errno;
+            Trace("ArchiveFile", 1, 30004052,
+                  TALVOR_TEXT("写入归档日志文件[%s]失败！位置：%d，写入[%d，%d]，错误：(%d)%s",
+                              "Failed to write to archive log file [%s]! Location: %d, write [%d,%d], error : (%d)%s"),
+                  szPath, (int)nPos, nPiece, (int)nWritten, nErr, strerror(nErr));
+            CloseArchiveHandle(hFile);
+            usleep(1000);
+            if (unlink(szPath) != 0)
+                Trace("ArchiveFile", 1, 30004053,
+                      TALVOR_TEXT("删除错误的归档日志文件[%s]失败！", "Failed to delete error archive log file [%s]!"),
+                      szPath);
+            return FALSE;
+        }
+        nPos += nPiece;
+    }
+    CloseArchiveHandle(hFile);
+    return TRUE;
+}
+
+BOOL CTalvorRedoLog::ArchiveGroup(int nGroup, char** arDes, int nDesCount, LPBYTE lpBuffer, void*& hFile)
+{
+    LPTALVORREDOGROUP pGroup = &m_pRedoLog[nGroup];
+    const int nLogNo = (int)pGroup->m_nSequenceNO;
+    MF_REDOLOGFILEHEAD stHead;
+    if (!ReadGroupHead(nGroup, &stHead)) {
+        Trace("ArchiveFile", 1, 30004013,
+              TALVOR_TEXT("读取归档文件[%d、%d]的头信息失败！错误：(%d)", "Failed to read the head of archive file [%d, %d]! Error: (%d)"),
+              nGroup, nLogNo, errno);
+        return FALSE;
+    }
+    stHead.m_bState = REDOGROUP_ARCHIVED;
+    BOOL bCopy = m_pMemoryFileHead->m_nTalvorArchiveType != 0 && m_nClusterNodeType != 3 &&
+                 stHead.m_nEffectiveSize > (UINT)REDOLOGFILE_HEAD_SIZE;
+    if (bCopy && nDesCount == 0) {
+        Trace("ArchiveFile", 1, 30004060,
+              TALVOR_TEXT("成功归档日志文件组[%d]！", "Successfully Archive log filegroup [%d]!"), nLogNo);
+        bCopy = FALSE;
+    }
+    for (int nPass = 0; bCopy; nPass++) {
+        int nSuccess = 0;
+        for (int i = 0; i < nDesCount; i++)
+            if (CopyLogTo(arDes[i], nGroup, stHead, lpBuffer, nPass == 0, hFile)) nSuccess++;
+        if (nSuccess == nDesCount) {
+            Trace("ArchiveFile", 1, 30004060,
+                  TALVOR_TEXT("成功归档日志文件组[%d]！", "Successfully Archive log filegroup [%d]!"), nLogNo);
+            break;
+        }
+        if (nSuccess != 0 && nSuccess >= nDesCount / 2) {
+            Trace("ArchiveFile", 1, 30004061,
+                  TALVOR_TEXT("归档日志文件组[%d]失败，但成功的文件数[%d]满足要求，按归档成功处理！",
+                              "The archived log filegroup [%d] failed, but the number of successful files [%d] meets "
+                              "the requirement, it will be treated as the archived success!"),
+                  nLogNo, nSuccess);
+            break;
+        }
+        if (m_bArchiveExit) break;
+        if (nPass == 0)
+            Trace("ArchiveFile", 1, 30004062,
+                  TALVOR_TEXT("归档日志[%d]文件失败，请稍后重试！", "Failed to archive log [%d] file. Please try again later!"),
+                  nLogNo);
+        usleep(nPass < FAST_RETRIES ? 1000 : SLOW_RETRY_US);
+    }
+    if (!WriteGroupHead(nGroup, &stHead)) {
+        Trace("ArchiveFile", 1, 30004015,
+              TALVOR_TEXT("写入归档文件[%d、%d]的头信息失败！错误：(%d)", "Failed to write the head of archive file [%d, %d]! Error: (%d)"),
+              nGroup, nLogNo, errno);
+        return FALSE;
+    }
+    pGroup->m_bState = REDOGROUP_ARCHIVED;
+    LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
+    if (pRing != nullptr) pRing->m_nLogArchiveNo = nLogNo;
+    SetEvent(m_hArchivedEvent);
+    return TRUE;
+}
+
+// A finished backup, named by its timestamp in the first destination, is
+// copied to the others.
+void CTalvorRedoLog::CopyBackup(char** arDes, int nDesCount, LPBYTE lpBuffer, void*& hFile, void*& hSrcFile)
+{
+    LPSTORAGEMEMHEAD pMem = m_pFlashback != nullptr ? m_pFlashback->GetStorageMemHead() : nullptr;
+    if (pMem == nullptr || pMem->m_nBackupTimestamp == 0) return;
+    long long nTimestamp = __atomic_exchange_n(&pMem->m_nBackupTimestamp, 0LL, __ATOMIC_ACQ_REL);
+    if (nDesCount < 2 || nTimestamp == 0) return;
+    char szSrc[MAX_PATH + 64];
+    snprintf(szSrc, sizeof(szSrc), "%sBackup/TalvorBackup%lld.fbk", arDes[0], nTimestamp);
+    int fdSrc = access(szSrc, F_OK) == 0 ? CTalvorFileIO::Current()->Open(szSrc, O_RDONLY | O_DIRECT | O_SYNC, 0) : -1;
+    if (fdSrc < 0 || (hSrcFile = Talvor_MakeFileHandle(fdSrc)) == nullptr) {
+        int nErr = errno;
+        if (fdSrc >= 0) CTalvorFileIO::Current()->Close(fdSrc);
+        Trace("ArchiveFile", 1, 30004001,
+              TALVOR_TEXT("打开备份文件复制到其他路径失败！路径：%s，错误：(%d)%s",
+                          "Failed to open the backup file and copy other paths! Path: %s, error: (%d)%s"),
+              szSrc, nErr, strerror(nErr));
+        return;
+    }
+    off_t nSize = lseek(fdSrc, 0, SEEK_END);
+    for (int i = 1; i < nDesCount; i++) {
+        char szDst[MAX_PATH + 64];
+        snprintf(szDst, sizeof(szDst), "%sBackup/TalvorBackup%lld.fbk", arDes[i], nTimestamp);
+        MakeDir(szDst);
+        if (access(szDst, F_OK) == 0) unlink(szDst);
+        int fd = OpenArchiveTarget(szDst, O_RDWR | O_CREAT | O_DIRECT | O_SYNC);
+        if (fd < 0 || (hFile = Talvor_MakeFileHandle(fd)) == nullptr) {
+            int nErr = errno;
+            if (fd >= 0) CTalvorFileIO::Current()->Close(fd);
+            Trace("ArchiveFile", 1, 30004002,
+                  TALVOR_TEXT("创建备份文件的第%d个副本失败！路径：%s，错误：(%d)%s",
+                              "Failed to create %d copy of backup file! Path: %s, error: (%d)%s"),
+                  i, szDst, nErr, strerror(nErr));
+            continue;
+        }
+        BOOL bFailed = FALSE;
+        for (off_t nPos = 0; nPos < nSize && !bFailed;) {
+            ssize_t nRead = CTalvorFileIO::Current()->PRead(fdSrc, lpBuffer, REDO_ARCHIVE_BUFFER_SIZE, nPos);
+            if (nRead <= 0) break;
+            ssize_t nWritten = CTalvorFileIO::Current()->PWrite(fd, lpBuffer, (size_t)nRead, nPos);
+            if (nWritten != nRead) {
+                int nErr = errno;
+                Trace("ArchiveFile", 1, 30004011,
+                      TALVOR_TEXT("写入备份文件[%s]失败！位置：%lld，写入[%d，%d]，错误：(%d)%s",
+                                  "Failed to write to backup file [%s]! Location: %lld, write [%d,%d], error: (%d)%s"),
+                      szDst, (long long)nPos, (int)nRead, (int)nWritten, nErr, strerror(nErr));
+                bFailed = TRUE;
+            }
+            nPos += nRead;
+        }
+        CloseArchiveHandle(hFile);
+        if (bFailed) {
+            usleep(1000);
+            unlink(szDst);
+        }
+    }
+    CloseArchiveHandle(hSrcFile);
+}
+
+int CTalvorRedoLog::ArchiveFile(void*& hFile, void*& hSrcFile)
+{
+    char szPaths[DES_BUFFER_SIZE];
+    memset(szPaths, 0, sizeof(szPaths));
+    memcpy(szPaths, m_pMemoryFileHead->m_lpArchiveDesPath, sizeof(m_pMemoryFileHead->m_lpArchiveDesPath));
+    szPaths[511] = '\0';
+    char* arDes[REDO_MAX_DESTINATIONS] = {nullptr};
+    int nDesCount = 0;
+    if (m_pMemoryFileHead->m_nTalvorArchiveType != 0 && szPaths[0] != '\0')
+        nDesCount = PrepareDestinations(szPaths, arDes);
+    LPBYTE lpBuffer = nullptr;
+    if (nDesCount > 0) {
+        lpBuffer = (LPBYTE)get_aligned_buffer(REDO_ARCHIVE_BUFFER_SIZE);
+        if (lpBuffer == nullptr) nDesCount = 0;
+    }
+    if (nDesCount > 0) {
+        snprintf(m_szArchiveDir, sizeof(m_szArchiveDir), "%s", arDes[0]);
+        m_lpArchiveDir = m_szArchiveDir;
+    }
+    long long nDelay = (long long)m_pMemoryFileHead->m_nWriteUndoDelayTime * 1000;
+    if (nDelay <= 0 || nDelay > 60000) nDelay = 1000;
+    BOOL bWait = TRUE;
+    for (;;) {
+        // After a group was dealt with, the next one is looked for at once.
+        if (bWait) WaitForSingleObject(&m_hArchiveEvent, (UINT)nDelay);
+        bWait = TRUE;
+        if (nDesCount > 0) CopyBackup(arDes, nDesCount, lpBuffer, hFile, hSrcFile);
+        int nGroup = OldestSealedGroup();
+        if (nGroup >= 0) {
+            bWait = !ArchiveGroup(nGroup, arDes, nDesCount, lpBuffer, hFile);
+            continue;
+        }
+        if (!m_bArchiveExit) continue;
+        usleep(1000);
+        if (OldestSealedGroup() < 0) break;
+    }
+    m_lpArchiveDir = nullptr;
+    usleep(100000);
+    free(lpBuffer);
+    return 0;
+}

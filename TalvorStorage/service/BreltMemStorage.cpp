@@ -1,0 +1,317 @@
+// BreltMemStorage.cpp — the module's lifecycle: coming up, the idle loop of
+// the main thread, and going down, each in its fixed order.
+#include "BreltMemStorage.h"
+
+#include "ConfigHelper.h"
+#include "CrashContainment.h"
+#include "LogManager.h"
+#include "TalvorCacheStorage.h"
+#include "TalvorError.h"
+#include "TalvorFlashback.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+volatile sig_atomic_t g_bEixt = 0;
+
+CBreltMemStorageModule _AtlModule;
+
+namespace {
+
+const int WORK_BUFFER_SIZE = 0x100000;
+// Idle turns of the main loop at 1 ms before it naps longer.
+const int IDLE_QUIET_LOOPS = 1000;
+// How long the stop waits for standby threads to let go of their slots.
+const int STANDBY_SLOT_WAITS = 30000;
+
+} // namespace
+
+CBreltMemStorageModule::CBreltMemStorageModule() { ResetFields(); }
+
+void CBreltMemStorageModule::ResetFields()
+{
+    memset(&m_crit, 0, sizeof(m_crit));
+    m_crit.m_nThreadID = TALVOR_NO_OWNER;
+    m_nSysFileLoadSize = 0;
+    m_lpBuffer = nullptr;
+    m_nBufferSize = 0;
+    m_lpHeadBuf = nullptr;
+    m_hEvent = nullptr;
+    m_hStorageEvent = nullptr;
+    m_lpSystemFileInfo = nullptr;
+    m_pStorageInfo = nullptr;
+    memset(m_arFileInfo, 0, sizeof(m_arFileInfo));
+    m_pFlashback = nullptr;
+    m_pMemoryFileHead = nullptr;
+    m_nLRUPercent = 80;
+    m_nFileCache = 0;
+    memset(m_cConfigPath, 0, sizeof(m_cConfigPath));
+    m_bAutoStartService = TRUE;
+    m_ulLocalIP = 0;
+    m_pTalvorCacheStorage = nullptr;
+    m_hTalvorStorageThread = 0;
+    memset(m_arTalvorStandby, 0, sizeof(m_arTalvorStandby));
+    m_bExit = FALSE;
+    m_nClusterNodeType = 0;
+}
+
+// The ini file lies beside the executable.
+void CBreltMemStorageModule::BuildConfigPath()
+{
+    char szExe[MAX_PATH] = {0};
+    GetModuleFileName(nullptr, szExe, sizeof(szExe));
+    char* pSlash = strrchr(szExe, '/');
+    if (pSlash != nullptr) pSlash[1] = '\0';
+    // A directory too long for the path leaves it cut; the ini then fails to
+    // read and the refusal is traced.
+    size_t nDir = strnlen(szExe, sizeof(m_cConfigPath) - sizeof("TalvorConfig.ini"));
+    memcpy(m_cConfigPath, szExe, nDir);
+    memcpy(m_cConfigPath + nDir, "TalvorConfig.ini", sizeof("TalvorConfig.ini"));
+}
+
+HRESULT CBreltMemStorageModule::PreMessageLoop(int)
+{
+    ResetFields();
+    InitializeCriticalTalvor(&m_crit);
+    BuildConfigPath();
+
+    if (!TalvorConfigInit(m_cConfigPath)) {
+        InitLogSystem();
+        Trace0("TalvorStorage", 3, 10000000, TALVOR_TEXT("Talvor读取配置文件失败!", "Talvor failed to read config!"));
+        usleep(256000);
+        ExitLogSystem();
+        return E_FAIL;
+    }
+    InitLanguageSetting(TRUE);
+    if (!InitLogSystem()) return E_FAIL;
+
+    Trace0("TalvorStorage", 3, 10000000,
+           TALVOR_TEXT("Talvor专业存储服务启动......", "Talvor Professional Storage Service Start......"));
+    g_bEixt = 0;
+    m_hEvent = CreateEventSem(nullptr, SEMNAME_SERVICE);
+    if (m_hEvent == nullptr) {
+        Trace("TalvorStorage", 2, 10000010,
+              TALVOR_TEXT("Talvor存储服务检测到相同的服务正在运行,程序退出(%d)!",
+                          "Talvor Storage Service detects that the same service is running and the program exits(%d)!"),
+              errno);
+        return E_FAIL;
+    }
+    m_hStorageEvent = CreateEventSem(nullptr, SEMNAME_STORAGEEVENT);
+    if (m_hStorageEvent == nullptr) {
+        Trace("TalvorStorage", 2, 10000011,
+              TALVOR_TEXT("Talvor存储服务检测到相同的服务正在运行,程序退出(%d)!",
+                          "Talvor Storage Service detects that the same service is running and the program exits(%d)!"),
+              errno);
+        return E_FAIL;
+    }
+    return S_OK;
+}
+
+HRESULT CBreltMemStorageModule::PostMessageLoop()
+{
+    TALVORCRITICALSECTION stCritSection;
+    InitThreadCritSection(&stCritSection);
+    LPTALVORCRITICALSECTION lpCritSection = &stCritSection;
+
+    m_nBufferSize = WORK_BUFFER_SIZE;
+    m_lpBuffer = (LPBYTE)CTalvorCacheStorage::get_aligned_buffer(WORK_BUFFER_SIZE);
+    m_lpHeadBuf = (LPBYTE)CTalvorCacheStorage::get_aligned_buffer(WORK_BUFFER_SIZE);
+    if (m_lpBuffer == nullptr || m_lpHeadBuf == nullptr) {
+        Trace("PostMessageLoop", 1, 10010002,
+              TALVOR_TEXT("分配工作缓冲区失败(%d字节)!", "Failed to allocate the work buffers (%d bytes)!"),
+              WORK_BUFFER_SIZE);
+        FreeData(lpCritSection);
+        return E_FAIL;
+    }
+
+    HRESULT hr = InitSysEnvironment(lpCritSection, TRUE, FALSE);
+    if (FAILED(hr)) {
+        Trace0("PostMessageLoop", 1, 10010002,
+               TALVOR_TEXT("Talvor存储服务加载配置环境失败!", "Talvor storage service loading configuration environment failed!"));
+        FreeData(lpCritSection);
+        return hr;
+    }
+    if (!SetLogSystemFileHead(m_pMemoryFileHead, m_nClusterNodeType, m_pFlashback)) {
+        FreeData(lpCritSection);
+        return E_FAIL;
+    }
+    // A failure here ends the process with its shared memory left in place.
+    if (!m_pFlashback->InitRollback(lpCritSection, m_pMemoryFileHead->m_nMemoryUndoSize)) return E_FAIL;
+
+    hr = LoadFile(lpCritSection);
+    if (FAILED(hr)) {
+        Trace0("PostMessageLoop", 1, 10010003,
+               TALVOR_TEXT("Talvor存储服务加载文件到内存失败!", "Talvor storage service failed to load files into memory!"));
+        FreeData(lpCritSection);
+        return hr;
+    }
+    if (m_pTalvorCacheStorage != nullptr) {
+        hr = m_pTalvorCacheStorage->CreateEventAndThread();
+        if (FAILED(hr)) {
+            Trace0("PostMessageLoop", 1, 10010003,
+                   TALVOR_TEXT("Talvor存储服务创建命名事件和线程失败!",
+                               "Talvor Storage Service failed to create named events and threads!"));
+            FreeData(lpCritSection);
+            return hr;
+        }
+        hr = m_pTalvorCacheStorage->InitCacheHead(lpCritSection);
+        if (FAILED(hr)) {
+            FreeData(lpCritSection);
+            return hr;
+        }
+    }
+
+    // Ready: from here the engine may work.
+    m_pMemoryFileHead->m_bStatus = 0;
+    UINT nRedoLogMaxID = m_pMemoryFileHead->m_nRedoLogMaxID;
+    m_pFlashback->GetStorageMemHead()->m_TalvorProgress.m_nStatus = 2;
+    Trace0("PostMessageLoop", 3, 10010000, TALVOR_TEXT("Talvor存储服务已启动!", "Talvor storage service started!"));
+
+    hr = StartStorageThread();
+    if (hr != S_OK) return hr;
+
+    IdleUntilStop();
+    return StopService(lpCritSection, nRedoLogMaxID);
+}
+
+HRESULT CBreltMemStorageModule::StartStorageThread()
+{
+    pthread_attr_t attr;
+    int rc = pthread_attr_init(&attr);
+    if (rc != 0) {
+        Trace("PostMessageLoop", 1, 10010001,
+              TALVOR_TEXT("存储线程参数初始化失败(%d),错误码:%d", "Initialization of Storage thread parameter failed (%d), error code: %d"),
+              rc, errno);
+        return 9503;
+    }
+    rc = pthread_attr_setstacksize(&attr, (size_t)g_nThreadStackSize);
+    if (rc != 0) {
+        Trace("PostMessageLoop", 1, 10010003,
+              TALVOR_TEXT("设置存储线程栈大小(%d)参数失败(%d),错误码:%d",
+                          "Failure to set Storage thread stack size (%d) parameter (%d), error code: %d"),
+              g_nThreadStackSize, rc, errno);
+        pthread_attr_destroy(&attr);
+        return 9503;
+    }
+    rc = pthread_create(&m_hTalvorStorageThread, &attr, TalvorStorageThread, this);
+    if (rc != 0) {
+        Trace("PostMessageLoop", 1, 10010004,
+              TALVOR_TEXT("创建存储线程失败(%d),错误码:%d", "Failure to create Storage thread (%d), error code: %d"), rc,
+              errno);
+        pthread_attr_destroy(&attr);
+        return 9503;
+    }
+    rc = pthread_attr_destroy(&attr);
+    if (rc != 0) {
+        Trace("PostMessageLoop", 1, 10010005,
+              TALVOR_TEXT("销毁存储线程参数失败(%d),错误码:%d", "Failure to destroy Storage thread parameter (%d), error code: %d"),
+              rc, errno);
+    }
+    return S_OK;
+}
+
+// The main thread's life while serving: restart crashed threads, else sleep.
+// After a quiet second the naps grow to 10 ms, which keeps an idle daemon
+// well under 1% of a core; a stop or a crash is then seen within 10 ms.
+void CBreltMemStorageModule::IdleUntilStop()
+{
+    int nQuietLoops = 0;
+    while (g_bEixt == 0) {
+        if (CrashHasCrashedThreads()) {
+            CrashAutoRecoverCrashedThreads();
+            nQuietLoops = 0;
+        } else {
+            usleep(nQuietLoops < IDLE_QUIET_LOOPS ? 1000 : 10000);
+            if (nQuietLoops < IDLE_QUIET_LOOPS) nQuietLoops++;
+        }
+    }
+    LogTermSignalSender();
+}
+
+HRESULT CBreltMemStorageModule::StopService(LPTALVORCRITICALSECTION lpCritSection, UINT nRedoLogMaxID)
+{
+    m_bExit = TRUE;
+    if (m_pMemoryFileHead != nullptr) m_pMemoryFileHead->m_bForbidSaveFlag = 0;
+    int nService = m_pFlashback->WaitServiceStop(lpCritSection);
+    if (m_pTalvorCacheStorage != nullptr && nService == 2) m_pTalvorCacheStorage->FlushFileBlock(lpCritSection);
+    usleep(1000);
+    SaveChange2File(lpCritSection, FALSE, 0, nRedoLogMaxID);
+    usleep(1000);
+    FreeData(lpCritSection);
+    return S_OK;
+}
+
+void CBreltMemStorageModule::ReleaseFileList()
+{
+    stu_FILEINFO* pInfo = m_pStorageInfo;
+    m_pStorageInfo = nullptr;
+    while (pInfo != nullptr) {
+        stu_FILEINFO* pNext = pInfo->m_pNext;
+        if (pInfo->m_pStorageFile != nullptr) pInfo->m_pStorageFile->Release();
+        if (pInfo->m_bFileNo != 0 && m_arFileInfo[pInfo->m_bFileNo] == pInfo) m_arFileInfo[pInfo->m_bFileNo] = nullptr;
+        free(pInfo);
+        pInfo = pNext;
+    }
+}
+
+void CBreltMemStorageModule::WaitForStandbySlots()
+{
+    for (int i = 0; i < STANDBY_SLOT_WAITS; i++) {
+        bool bAnyLeft = false;
+        for (int j = 0; j < 256 && !bAnyLeft; j++) bAnyLeft = m_arTalvorStandby[j] != nullptr;
+        if (!bAnyLeft) break;
+        usleep(1000);
+    }
+    usleep(1000);
+}
+
+void CBreltMemStorageModule::ReleaseSystemFile()
+{
+    if (m_lpSystemFileInfo == nullptr) return;
+    m_pMemoryFileHead = nullptr;
+    if (m_pFlashback != nullptr) m_pFlashback->m_pMemoryFileHead = nullptr;
+    if (m_lpSystemFileInfo->m_pStorageFile != nullptr) m_lpSystemFileInfo->m_pStorageFile->Release();
+    if (m_arFileInfo[1] == m_lpSystemFileInfo) m_arFileInfo[1] = nullptr;
+    free(m_lpSystemFileInfo);
+    m_lpSystemFileInfo = nullptr;
+}
+
+HRESULT CBreltMemStorageModule::FreeData(LPTALVORCRITICALSECTION lpCritSection)
+{
+    TalvorConfigInit(m_cConfigPath);
+    m_bExit = TRUE;
+    usleep(1000);
+    LPSYSTEMFILEHEAD lpHead = m_pMemoryFileHead;
+    if (lpHead != nullptr && lpHead->m_nDataFlag == SYSTEMFILE_DATAFLAG)
+        WriteSysConfigParam(lpCritSection, lpHead, FALSE, TRUE);
+    if (m_pTalvorCacheStorage != nullptr) {
+        m_pTalvorCacheStorage->Free();
+        usleep(1000);
+        delete m_pTalvorCacheStorage;
+        m_pTalvorCacheStorage = nullptr;
+    }
+    ReleaseFileList();
+    if (lpHead != nullptr)
+        Trace0("TalvorStorage", 3, 10000001, TALVOR_TEXT("Talvor存储服务已停止", "Talvor storage service stopped"));
+    SetLogSystemFileHead(nullptr, 0, nullptr);
+    WaitForStandbySlots();
+    ReleaseSystemFile();
+
+    free(m_lpBuffer);
+    m_lpBuffer = nullptr;
+    free(m_lpHeadBuf);
+    m_lpHeadBuf = nullptr;
+    delete m_pFlashback;
+    m_pFlashback = nullptr;
+    CrashFreeThreadLists();
+
+    DeleteCriticalTalvor(&m_crit);
+    Trace0("FreeData", 3, 10010000, TALVOR_TEXT("Talvor存储服务已关闭!", "Talvor storage service closed!"));
+    ExitLogSystem();
+    CloseEvent(m_hStorageEvent);
+    CloseEvent(m_hEvent);
+    TalvorConfigClose();
+    return S_OK;
+}

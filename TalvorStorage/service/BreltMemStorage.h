@@ -1,0 +1,156 @@
+// BreltMemStorage.h — the module object of the daemon: it owns every other
+// object and every file descriptor, and runs the order of coming up, serving
+// and going down.
+//
+// One static instance, _AtlModule. Signal handlers and thread entries reach
+// the module through it. The main thread, the signal handlers and the storage
+// thread meet at g_bEixt alone.
+#pragma once
+
+#include "LinuxCommonAPI.h"
+#include "MemDBCommonDef.h"
+#include "TalvorStorageDef.h"
+#include "TypeDef.h"
+
+#include <csignal>
+
+class CTalvorFlashback;
+class CTalvorCacheStorage;
+class CTalvorStandby;
+
+// The stop flag. Written from the SIGTERM handler, so it is a sig_atomic_t.
+extern volatile sig_atomic_t g_bEixt;
+
+class CBreltMemStorageModule {
+public:
+    CBreltMemStorageModule();
+
+    // --- Lifecycle.
+    HRESULT PreMessageLoop(int nShowCmd);
+    HRESULT PostMessageLoop();
+    HRESULT FreeData(LPTALVORCRITICALSECTION lpCritSection);
+
+    // --- System file and start-up environment.
+    HRESULT InitSysEnvironment(LPTALVORCRITICALSECTION lpCritSection, BOOL bInit, BOOL bRecover);
+    HRESULT LoadFile(LPTALVORCRITICALSECTION lpCritSection);
+    BOOL GetSystemFilePath(LPTALVORCRITICALSECTION lpCritSection, char* lpFilePath, char* lpMemFileName);
+    // The first start after installation: a system file in the default
+    // directory wins, and lpDir (256 bytes) receives that directory when the
+    // configured one differed.
+    BOOL GetSystemFilePath(LPTALVORCRITICALSECTION lpCritSection, char* lpFilePath, char* lpMemFileName, char* lpDir,
+                           char* lpszDatabaseName);
+    BOOL ReadSysConfigParam(LPTALVORCRITICALSECTION lpCritSection, LPSYSTEMFILEHEAD lpMemoryFileHead);
+    BOOL WriteSysConfigParam(LPTALVORCRITICALSECTION lpCritSection, LPSYSTEMFILEHEAD lpMemoryFileHead, BOOL bRecover,
+                             BOOL bExit);
+    // One block of the file list: a descriptor for every live row.
+    BOOL LoadMemDBFileData(LPSYSTEMBLOCKHEAD lpSystemBlockHead);
+    // One block of the file list of a moved database: rows under lpszSrcPath
+    // move under lpszDirPath, and the block is written to the system file.
+    BOOL CorrectDBFileData(LPSYSTEMBLOCKHEAD lpSystemBlockHead, char* lpszDirPath, char* lpszSrcPath);
+
+    // --- Storage thread and persistence (BreltMemStorageThread.cpp,
+    // BreltMemStorageCommit.cpp).
+    static void* TalvorStorageThread(void* lpParam);
+    // The persistence pass and its commit. nTimestamp 0 means the head's
+    // m_nEndTimestamp. nRedoLogMaxID is the caller's variable: a commit
+    // updates it.
+    HRESULT SaveChange2File(LPTALVORCRITICALSECTION lpCritSection, BOOL bForce, long long nTimestamp,
+                            UINT& nRedoLogMaxID);
+    HRESULT FileCMD(LPTALVORCRITICALSECTION lpCritSection);
+    // Drains the cache buffers of every table and index file; returns 0.
+    HRESULT FlushCacheFile(LPTALVORCRITICALSECTION lpCritSection);
+    HRESULT ClusterCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd,
+                           LPTALVORPROGRESS lpTalvorProgress, const UINT& nRedoLogMaxID);
+    HRESULT WriteCacheTableTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long nTimestamp,
+                                     LPBYTE lpTableTimestamp, int nTimestampNum);
+    HRESULT WriteCacheIndexTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long nTimestamp,
+                                     LPBYTE lpIndexTimestamp, int nTimestampNum);
+    void OnFileSpaceChange(BYTE bFileType, long long nFileFreeSize);
+    // The storage thread's loop, until g_bEixt (the thread entry runs it
+    // under crash containment).
+    void ServeStorageCommands(LPTALVORCRITICALSECTION lpCritSection);
+    // What one pass came to.
+    // PENDING: a block changed under the pass; FILEFAILED: a file refused or
+    // failed (it traced why). Neither committed; FAILED: the commit failed.
+    enum { SAVEPASS_DONE = 0, SAVEPASS_PENDING = 1, SAVEPASS_FILEFAILED = 2, SAVEPASS_FAILED = -1 };
+    int RunSavePass(LPTALVORCRITICALSECTION lpCritSection, BOOL bForce, long long nTimestamp, UINT& nRedoLogMaxID);
+
+    // --- Accessors for the other parts of the daemon.
+    stu_FILEINFO* GetFileInfo(BYTE bFileNo) { return m_arFileInfo[bFileNo]; }
+    stu_FILEINFO* GetFileInfo() { return m_pStorageInfo; }
+    stu_FILEINFO** GetAllFileInfo() { return m_arFileInfo; }
+    USHORT GetDatabaseGuid() { return m_pMemoryFileHead ? m_pMemoryFileHead->m_usDatabaseGuid : 0; }
+    LPSYSTEMFILEHEAD GetSystemFileHead() { return m_pMemoryFileHead; }
+    CTalvorFlashback* GetFlashback() { return m_pFlashback; }
+    BOOL GetExitFlag() { return m_bExit; }
+    const char* GetConfigPath() const { return m_cConfigPath; }
+
+    // --- Fields, in the order the module has always kept them.
+    TALVOR_SECTION m_crit;
+    long long m_nSysFileLoadSize;
+    LPBYTE m_lpBuffer;
+    int m_nBufferSize;
+    LPBYTE m_lpHeadBuf;
+    HEVENTTYPE m_hEvent;
+    HEVENTTYPE m_hStorageEvent;
+    stu_FILEINFO* m_lpSystemFileInfo;
+    stu_FILEINFO* m_pStorageInfo;
+    stu_FILEINFO* m_arFileInfo[256];
+    CTalvorFlashback* m_pFlashback;
+    LPSYSTEMFILEHEAD m_pMemoryFileHead;
+    int m_nLRUPercent;
+    int m_nFileCache;
+    char m_cConfigPath[MAX_PATH];
+    BOOL m_bAutoStartService;
+    UINT m_ulLocalIP;
+    CTalvorCacheStorage* m_pTalvorCacheStorage;
+    HTHREADTYPE m_hTalvorStorageThread;
+    CTalvorStandby* m_arTalvorStandby[256];
+    BOOL m_bExit;
+    int m_nClusterNodeType;
+
+private:
+    // --- System file (BreltMemStorageSysFile.cpp, BreltMemStorageConfig.cpp).
+    void ReadInstallConfigParam(LPSYSTEMFILEHEAD lpMemoryFileHead);
+    HRESULT CorrectMovedDatabase(LPSYSTEMFILEHEAD lpMemoryFileHead, char* lpszDirPath);
+    // Walks the file list's full chain, then its free chain, giving each
+    // block to LoadMemDBFileData (bCorrect FALSE) or CorrectDBFileData.
+    HRESULT WalkFileList(LPSYSTEMFILEHEAD lpMemoryFileHead, BOOL bCorrect, char* lpszDirPath, char* lpszSrcPath);
+    BOOL CheckFileListBlock(LPSYSTEMBLOCKHEAD lpSystemBlockHead, LONG nCodeBase);
+    void RefreshSystemFileRow(LPSYSTEMBLOCKHEAD lpSystemBlockHead, LPFILE_MEMDBFILEINFO lpRow);
+    void SetLoadProgressTotal(LPTALVORPROGRESS lpTalvorProgress);
+
+    // The commit: m_nBeginTimestamp and the 80 dynamic bytes, synced.
+    HRESULT CommitTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long nTimestamp, UINT& nRedoLogMaxID);
+    HRESULT WriteSystemFileAt(const void* lpSrc, int nSize, long long nOffset, LONG nSeekCode, LONG nWriteCode,
+                              BOOL bIndexText);
+
+    void ResetFields();
+    void BuildConfigPath();
+    HRESULT StartStorageThread();
+    void IdleUntilStop();
+    HRESULT StopService(LPTALVORCRITICALSECTION lpCritSection, UINT nRedoLogMaxID);
+    void ReleaseFileList();
+    void ReleaseSystemFile();
+    void WaitForStandbySlots();
+};
+
+extern CBreltMemStorageModule _AtlModule;
+
+// --- Persistence helpers (BreltMemStorageThread.cpp, BreltMemStorageCommit.cpp).
+// The pass interval: persistenceintervals when it lies in 1 to 300, else 3.
+int TalvorPersistenceIntervalSeconds(int nConfigured);
+// One pass at a time: the storage thread's and the main thread's last pass
+// at stop never run over the same work buffers together. A thread that
+// crashed inside a pass gives the gate back with this.
+void TalvorReleaseSavePass();
+
+// --- Process entry (ServiceEntry.cpp).
+void SetupSignalHandler();
+void TermHandler(int sig, siginfo_t* senderinfo, void* context);
+void KillerInfo(int pid);
+// Logs what the SIGTERM handler recorded about its sender. The handler only
+// records (async-signal-safe calls); the main thread does the logging.
+void LogTermSignalSender();
+// The whole life of the process: lock, signals, start, serve, stop. Always 0.
+int RunTalvorStorage();
