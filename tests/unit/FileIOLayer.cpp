@@ -222,6 +222,63 @@ TEST_F(FileIOTest, CloseFileClosesTheDescriptorAndNullsTheHandle)
     EXPECT_EQ(Talvor_FileDescriptor(nullptr), -1);
 }
 
+// --- The append file ---------------------------------------------------------------------
+
+// Pieces below, at and above the buffer's size, in an order that crosses its
+// edge at every place: each byte must land once, in order, also when every
+// transfer is cut short and interrupted.
+TEST_F(FileIOTest, AppendFileKeepsEveryPieceInOrderAcrossItsBuffer)
+{
+    std::string strPath = m_strPath + ".append";
+    std::string strExpect;
+    {
+        ChoppyFileIO io(999);
+        ScopedFileIO scope(&io);
+        CTalvorAppendFile* pFile = CTalvorAppendFile::Create(strPath.c_str());
+        ASSERT_NE(pFile, nullptr);
+        unsigned nSeed = 1;
+        for (size_t nLen : {1u, 8190u, 1u, 1u, 8192u, 8193u, 3u, 20000u, 0u, 4096u, 4096u, 4095u}) {
+            std::vector<unsigned char> piece = Pattern(nLen, nSeed++);
+            ASSERT_TRUE(pFile->Append(piece.data(), piece.size()));
+            strExpect.append(piece.begin(), piece.end());
+            EXPECT_EQ((long long)strExpect.size(), pFile->Size());
+        }
+        ASSERT_TRUE(pFile->AppendFormat("%s:%d\r\n", "pid", 4321));
+        ASSERT_TRUE(pFile->AppendText("tail"));
+        strExpect += "pid:4321\r\ntail";
+        std::string strLong(3000, 'L');
+        ASSERT_TRUE(pFile->AppendFormat("<%s>", strLong.c_str())) << "longer than a formatted piece on the stack";
+        strExpect += "<" + strLong + ">";
+        ASSERT_TRUE(CTalvorAppendFile::Close(pFile));
+    }
+    std::string strFile(strExpect.size() + 100, '\0');
+    int fd = open(strPath.c_str(), O_RDONLY);
+    ASSERT_GE(fd, 0);
+    ssize_t n = pread(fd, &strFile[0], strFile.size(), 0);
+    close(fd);
+    unlink(strPath.c_str());
+    ASSERT_EQ((ssize_t)strExpect.size(), n);
+    strFile.resize((size_t)n);
+    EXPECT_TRUE(strFile == strExpect);
+}
+
+// An existing file is emptied, and an abandoned file drops what it buffered
+// and gives its descriptor back.
+TEST_F(FileIOTest, AppendFileEmptiesOnCreateAndAbandonDropsTheBuffer)
+{
+    CTalvorAppendFile* pFile = CTalvorAppendFile::Create(m_strPath.c_str());
+    ASSERT_NE(pFile, nullptr);
+    EXPECT_TRUE(FileBytes().empty()) << "the old content stayed";
+    int fd = pFile->Descriptor();
+    ASSERT_TRUE(pFile->AppendText("buffered only"));
+    CTalvorAppendFile::Abandon(pFile);
+    EXPECT_TRUE(FileBytes().empty());
+    errno = 0;
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "descriptor still open";
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(CTalvorAppendFile::Create((m_strPath + "/no/such/dir").c_str()), nullptr);
+}
+
 // --- Directories and plain files --------------------------------------------------------
 
 class MakeDirTest : public ::testing::Test {
