@@ -23,25 +23,34 @@ inline bool HasBom(const char* lpText, size_t nLen)
     return nLen >= 3 && (BYTE)lpText[0] == 0xEF && (BYTE)lpText[1] == 0xBB && (BYTE)lpText[2] == 0xBF;
 }
 
-// Reads a whole file opened with lpMode into a new[] buffer with a
-// terminator. Null on failure; *pErr is then errno of the open (0 when the
-// file opened but could not be read or is empty).
-char* ReadWholeFile(const char* lpPath, const char* lpMode, size_t* pLen, int* pErr)
+// Reads a whole file into a new[] buffer with a terminator. Null on
+// failure; *pErr is then errno of the open (0 when the file opened but
+// could not be read or is empty). bWritable opens it for reading and
+// writing: a file we could not write back counts as unreadable.
+char* ReadWholeFile(const char* lpPath, BOOL bWritable, size_t* pLen, int* pErr)
 {
     *pLen = 0;
     *pErr = 0;
-    FILE* pFile = fopen(lpPath, lpMode);
-    if (pFile == nullptr) {
+    CTalvorFileIO* pIO = CTalvorFileIO::Current();
+    int fd = pIO->Open(lpPath, (bWritable ? O_RDWR : O_RDONLY) | O_CLOEXEC, 0);
+    if (fd < 0) {
         *pErr = errno;
         return nullptr;
     }
     char* lpText = nullptr;
-    long lSize = -1;
-    if (fseek(pFile, 0, SEEK_END) == 0) lSize = ftell(pFile);
-    if (lSize > 0 && lSize < INT_MAX && fseek(pFile, 0, SEEK_SET) == 0) {
-        lpText = new (std::nothrow) char[(size_t)lSize + 1];
+    off_t nSize = pIO->LSeek(fd, 0, SEEK_END);
+    if (nSize > 0 && nSize < INT_MAX) {
+        lpText = new (std::nothrow) char[(size_t)nSize + 1];
         if (lpText != nullptr) {
-            size_t nRead = fread(lpText, 1, (size_t)lSize, pFile);
+            // As many bytes as there are, up to the size asked: a file that
+            // shrank meanwhile gives what it still holds.
+            size_t nRead = 0;
+            while (nRead < (size_t)nSize) {
+                ssize_t n = pIO->PRead(fd, lpText + nRead, (size_t)nSize - nRead, (off_t)nRead);
+                if (n < 0 && errno == EINTR) continue;
+                if (n <= 0) break;
+                nRead += (size_t)n;
+            }
             if (nRead == 0) {
                 delete[] lpText;
                 lpText = nullptr;
@@ -51,27 +60,8 @@ char* ReadWholeFile(const char* lpPath, const char* lpMode, size_t* pLen, int* p
             }
         }
     }
-    fclose(pFile);
+    pIO->Close(fd);
     return lpText;
-}
-
-// Makes the rename durable; a failure only weakens durability, not the text.
-void SyncDirectoryOf(const char* lpPath)
-{
-    char szDir[PATH_MAX];
-    const char* lpSlash = strrchr(lpPath, '/');
-    if (lpSlash == nullptr) {
-        strcpy(szDir, ".");
-    } else {
-        size_t n = lpSlash == lpPath ? 1 : (size_t)(lpSlash - lpPath);
-        if (n >= sizeof(szDir)) return;
-        memcpy(szDir, lpPath, n);
-        szDir[n] = 0;
-    }
-    int fd = open(szDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    fsync(fd);
-    close(fd);
 }
 
 BOOL WriteAndSync(int fd, const char* lpData, size_t nLen)
@@ -108,12 +98,13 @@ BOOL ConfigReplaceFileContent(const char* lpPath, const char* lpData, size_t nLe
     }
     // The new file takes the old one's place, so it takes its mode too.
     struct stat st;
-    if (stat(lpTarget, &st) == 0) fchmod(fd, st.st_mode & 07777);
-    if (!WriteAndSync(fd, lpData, nLen) || rename(szTemp, lpTarget) != 0) {
-        unlink(szTemp);
+    if (pIO->Stat(lpTarget, &st) == 0) pIO->FChmod(fd, st.st_mode & 07777);
+    if (!WriteAndSync(fd, lpData, nLen) || pIO->Rename(szTemp, lpTarget) != 0) {
+        pIO->Unlink(szTemp);
         return FALSE;
     }
-    SyncDirectoryOf(lpTarget);
+    // Makes the rename durable; a failure only weakens durability, not the text.
+    TalvorSyncParentDirectory(lpTarget);
     return TRUE;
 }
 
@@ -129,8 +120,7 @@ char* ConfigHelper::GetText(int* pLen)
     }
     size_t nLen = 0;
     int nErr = 0;
-    // "rb+": a file we could not write back counts as unreadable.
-    char* lpText = ReadWholeFile(m_pFileName.c_str(), "rb+", &nLen, &nErr);
+    char* lpText = ReadWholeFile(m_pFileName.c_str(), TRUE, &nLen, &nErr);
     if (lpText == nullptr) {
         *pLen = nErr != 0 ? -1 : -2;
         return nullptr;
@@ -355,7 +345,7 @@ DWORD GetPrivateProfileString(LPCTSTR lpAppName, LPCTSTR lpKeyName, LPCTSTR lpDe
     if (lpFileName == nullptr || *lpFileName == 0) return CopyDefault(lpReturnedString, nSize, lpDefault);
     size_t nLen = 0;
     int nErr = 0;
-    char* lpText = ReadWholeFile(lpFileName, "r+", &nLen, &nErr);
+    char* lpText = ReadWholeFile(lpFileName, TRUE, &nLen, &nErr);
     if (lpText == nullptr) return CopyDefault(lpReturnedString, nSize, lpDefault);
 
     const char* lpApp = nullptr;
@@ -476,7 +466,7 @@ BOOL WritePrivateProfileString(LPCTSTR lpAppName, LPCTSTR lpKeyName, LPCTSTR lpS
 
     size_t nLen = 0;
     int nErr = 0;
-    char* lpText = ReadWholeFile(lpFileName, "rb", &nLen, &nErr);
+    char* lpText = ReadWholeFile(lpFileName, FALSE, &nLen, &nErr);
     if (lpText == nullptr && nErr != 0 && nErr != ENOENT) return FALSE;
 
     // Where the new text goes: [nCutFrom, nCutTo) of the old text is replaced
