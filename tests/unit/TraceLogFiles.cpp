@@ -140,9 +140,9 @@ TEST_F(TraceLogFiles, NameClashWithinOneSecondTakesTheNextName)
     EXPECT_TRUE(std::regex_match(strFirst, reName)) << strFirst;
     EXPECT_EQ(strFirst.substr(0, strFirst.size() - 4) + "_01.log", szSecond);
     EXPECT_EQ(strFirst.substr(0, strFirst.size() - 4) + "_02.log", szThird);
-    FILE* pFile = TraceOpenNewFile(szThird);
+    CTalvorAppendFile* pFile = TraceOpenNewFile(szThird);
     ASSERT_NE(nullptr, pFile);
-    fclose(pFile);
+    ASSERT_TRUE(CTalvorAppendFile::Close(pFile));
     EXPECT_EQ("earlier content", ReadFile(szFirst));
     struct stat st;
     ASSERT_EQ(0, stat(szThird, &st));
@@ -157,10 +157,10 @@ TEST_F(TraceLogFiles, NameClashWithinOneSecondTakesTheNextName)
 TEST_F(TraceLogFiles, HeadsOfBothSeries)
 {
     std::string strPath = LogDir() + "head.txt";
-    FILE* pFile = fopen(strPath.c_str(), "wb");
+    CTalvorAppendFile* pFile = CTalvorAppendFile::Create(strPath.c_str());
     ASSERT_NE(nullptr, pFile);
     TraceWriteServiceHead(pFile, 4321);
-    fclose(pFile);
+    ASSERT_TRUE(CTalvorAppendFile::Close(pFile));
     std::string strHead = ReadFile(strPath);
     std::regex reService(
         "\xEF\xBB\xBF"
@@ -169,10 +169,10 @@ TEST_F(TraceLogFiles, HeadsOfBothSeries)
         R"(Procs: \d+\r\n\r\n\r\nTimestamp {15}Thread\tLevel {4}Code {5}FuncationName\t\tDescription)");
     EXPECT_TRUE(std::regex_match(strHead, reService)) << strHead;
 
-    pFile = fopen(strPath.c_str(), "wb");
+    pFile = CTalvorAppendFile::Create(strPath.c_str());
     ASSERT_NE(nullptr, pFile);
     TraceWriteStorageHead(pFile);
-    fclose(pFile);
+    ASSERT_TRUE(CTalvorAppendFile::Close(pFile));
     strHead = ReadFile(strPath);
     std::regex reStorage("\xEF\xBB\xBF"
                          R"(Nodename: [^\r]*\r\nSystem: Linux\r\n[\s\S]*Procs: \d+\r\n\r\n\r\n)"
