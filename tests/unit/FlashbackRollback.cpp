@@ -2,7 +2,7 @@
 // born after it, overwritten versions, the walk down a chain, values that do
 // not match the row's pieces, torn pieces and the re-copy from the live
 // block, and a fuzz of area and block bytes against exact-size buffers.
-#include "../../tools/talvor-peer/PeerRollback.cpp"
+#include "PeerRollback.h"
 
 #include "TalvorFlashback.h"
 

@@ -2,7 +2,7 @@
 // a published stretch (also one that wraps), the load after a restart and
 // the generations that allow it, and the flush thread's quiet when nothing
 // was published.
-#include "../../tools/talvor-peer/PeerRollback.cpp"
+#include "PeerRollback.h"
 
 #include "MemoryStorageTestKit.h"
 #include "TalvorFlashback.h"

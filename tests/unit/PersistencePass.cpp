@@ -3,7 +3,7 @@
 // (nothing), the refusals that write nothing, chains from the image that
 // loop or leave it, blocks changing under the pass, and the engine's answers
 // over the channel (a snapshot, "nothing to save", none at all).
-#include "../../tools/talvor-peer/PeerRollback.cpp"
+#include "PeerRollback.h"
 #include "PersistencePassKit.h"
 
 #include <atomic>

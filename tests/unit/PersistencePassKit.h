@@ -5,7 +5,7 @@
 // the file layer twin that fails writes or loses power.
 #pragma once
 
-#include "../../tools/talvor-peer/PeerJournal.h"
+#include "PeerJournal.h"
 #include "ModuleTestKit.h"
 #include "BreltMemStorage.h"
 #include "MemoryStorageTestKit.h"
