@@ -3,68 +3,18 @@
 #pragma once
 
 #include "BreltMemStorage.h"
-#include "ConfigHelper.h"
+#include "DatabaseKit.h"
 #include "LogManager.h"
+#include "TestClock.h"
+#include "TestFiles.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <chrono>
-#include <cstdlib>
-#include <dirent.h>
-#include <fstream>
 #include <regex>
-#include <sstream>
 #include <string>
-#include <thread>
-#include <unistd.h>
 #include <vector>
 
-namespace tracetest {
-
-inline long long NowMs()
-{
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
-template <class Pred> bool WaitUntil(Pred pred, long long nTimeoutMs)
-{
-    long long nEnd = NowMs() + nTimeoutMs;
-    while (!pred()) {
-        if (NowMs() > nEnd) return pred();
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
-inline std::string ReadFile(const std::string& strPath)
-{
-    std::ifstream in(strPath, std::ios::binary);
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-inline void WriteFile(const std::string& strPath, const std::string& strData)
-{
-    std::ofstream out(strPath, std::ios::binary | std::ios::trunc);
-    out << strData;
-}
-
-inline std::vector<std::string> ListFiles(const std::string& strDir, const std::string& strPrefix)
-{
-    std::vector<std::string> files;
-    DIR* pDir = opendir(strDir.c_str());
-    if (pDir == nullptr) return files;
-    while (struct dirent* pEntry = readdir(pDir)) {
-        std::string strName = pEntry->d_name;
-        if (strName.compare(0, strPrefix.size(), strPrefix) == 0) files.push_back(strDir + strName);
-    }
-    closedir(pDir);
-    std::sort(files.begin(), files.end());
-    return files;
-}
+namespace talvortest {
 
 // What follows the column line of a file of either series.
 inline std::string BodyOf(const std::string& strFile)
@@ -116,42 +66,20 @@ protected:
 
     void SetUp() override
     {
-        ExitLogSystem();
-        char szTemplate[] = "/tmp/talvor-trace-XXXXXX";
-        ASSERT_NE(mkdtemp(szTemplate), nullptr);
-        m_strRoot = szTemplate;
-        m_nLanguage = g_nLanguage_Chinese;
-        g_nLanguage_Chinese = 0;
-        UseIni("[System]\r\ndatabasepath=" + m_strRoot + "/\r\nLanguage=0\r\n");
-        ASSERT_TRUE(InitLogSystem());
+        ASSERT_TRUE(m_dir.Ok());
+        m_strRoot = m_dir.Root();
     }
 
-    void TearDown() override
-    {
-        ExitLogSystem();
-        TalvorConfigClose();
-        g_nLanguage_Chinese = m_nLanguage;
-        if (getenv("TALVOR_KEEP_SANDBOX") == nullptr && m_strRoot.size() > 10) {
-            int rc = system(("rm -rf '" + m_strRoot + "'").c_str());
-            (void)rc;
-        }
-    }
+    void UseIni(const std::string& strText) { ASSERT_TRUE(m_dir.UseIni(strText)); }
 
-    void UseIni(const std::string& strText)
-    {
-        WriteFile(m_strRoot + "/TalvorConfig.ini", strText);
-        TalvorConfigClose();
-        ASSERT_TRUE(TalvorConfigInit((m_strRoot + "/TalvorConfig.ini").c_str()));
-    }
-
-    std::string LogDir() const { return m_strRoot + "/Log/"; }
+    std::string LogDir() const { return m_dir.LogDir(); }
     std::vector<std::string> Series(const std::string& strSeries) const { return ListFiles(LogDir(), strSeries); }
 
     // The joined bodies of a series, in name order.
     std::string SeriesBody(const std::string& strSeries) const
     {
         std::string strAll;
-        for (const std::string& strFile : Series(strSeries)) strAll += BodyOf(ReadFile(strFile));
+        for (const std::string& strFile : Series(strSeries)) strAll += BodyOf(ReadWholeFile(strFile));
         return strAll;
     }
 
@@ -172,8 +100,8 @@ protected:
         return false;
     }
 
+    DatabaseDir m_dir;
     std::string m_strRoot;
-    int m_nLanguage = 1;
 };
 
-} // namespace tracetest
+} // namespace talvortest

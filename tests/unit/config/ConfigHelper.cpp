@@ -8,8 +8,12 @@
 // of the list is played by attaching the segment by its key, under the named
 // semaphore, exactly as the engine does.
 #include "ConfigHelper.h"
+#include "FaultFileIO.h"
 #include "MemDBCommonDef.h"
 #include "TalvorFileIO.h"
+#include "TempTree.h"
+#include "TestClock.h"
+#include "TestFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -28,34 +32,9 @@
 #include <unistd.h>
 #include <vector>
 
+using namespace talvortest;
+
 namespace {
-
-std::string ReadFile(const std::string& path)
-{
-    std::string s;
-    FILE* f = fopen(path.c_str(), "rb");
-    if (f == nullptr) return "<missing>";
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof(buf), f)) > 0) s.append(buf, n);
-    fclose(f);
-    return s;
-}
-
-void WriteFile(const std::string& path, const std::string& text)
-{
-    FILE* f = fopen(path.c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    ASSERT_EQ(fwrite(text.data(), 1, text.size(), f), text.size());
-    fclose(f);
-}
-
-long long NowMs()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
-}
 
 // A private directory with one ini file; the singleton is closed afterwards so
 // that no test sees another's tree or list.
@@ -63,9 +42,8 @@ class ConfigTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        char tmpl[] = "/tmp/talvorcfgXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        m_dir = tmpl;
+        ASSERT_TRUE(m_tree.Ok());
+        m_dir = m_tree.Root();
         m_path = m_dir + "/TalvorConfig.ini";
         ASSERT_NE(ConfigHelper::s_pInstance.get(), nullptr);
         ClearList();
@@ -74,8 +52,6 @@ protected:
     {
         TalvorConfigClose();
         ClearList();
-        std::string cmd = "rm -rf '" + m_dir + "'";
-        ASSERT_EQ(system(cmd.c_str()), 0);
     }
     static void ClearList()
     {
@@ -85,7 +61,7 @@ protected:
     // Loads text as the configuration; returns what TalvorConfigInit said.
     bool Load(const std::string& text)
     {
-        WriteFile(m_path, text);
+        EXPECT_TRUE(WriteWholeFile(m_path, text));
         return TalvorConfigInit(m_path.c_str());
     }
     std::string Get(const char* app, const char* key, const char* def = "<none>")
@@ -94,19 +70,11 @@ protected:
         int r = TalvorConfigGetValueString(app, key, def, buf, sizeof(buf));
         return r == 0 ? std::string(buf) : std::string("<-1>");
     }
-    std::string Disk() { return ReadFile(m_path); }
-    // Names of the files in the directory, to see that no temporary is left.
-    std::vector<std::string> DirEntries()
-    {
-        std::vector<std::string> v;
-        DIR* d = opendir(m_dir.c_str());
-        if (d == nullptr) return v;
-        while (struct dirent* e = readdir(d))
-            if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) v.push_back(e->d_name);
-        closedir(d);
-        return v;
-    }
+    std::string Disk() { return PathExists(m_path) ? ReadWholeFile(m_path) : "<missing>"; }
+    // The files in the directory, to see that no temporary is left.
+    std::vector<std::string> DirEntries() { return ListFiles(m_tree.Dir()); }
 
+    TempTree m_tree{"cfg"};
     std::string m_dir;
     std::string m_path;
 };
@@ -346,46 +314,24 @@ INSTANTIATE_TEST_SUITE_P(Cases, ConfigSplice, ::testing::ValuesIn(kSpliceCases),
 
 // ------------------------------------------------------------ Replacing the file
 
-// Fails the chosen step of the rewrite, as a full disk or a crash would.
-class FailingIO : public CTalvorFileIO {
-public:
-    bool m_bFailWrite = false;
-    bool m_bFailSync = false;
-    bool m_bShortThenFail = false;
-    int m_nWrites = 0;
-    ssize_t PWrite(int fd, const void* lpBuf, size_t nSize, off_t nOffset) override
-    {
-        m_nWrites++;
-        if (m_bShortThenFail && m_nWrites == 1 && nSize > 4)
-            return CTalvorFileIO::PWrite(fd, lpBuf, 4, nOffset); // a torn first write
-        if (m_bFailWrite || (m_bShortThenFail && m_nWrites > 1)) {
-            errno = ENOSPC;
-            return -1;
-        }
-        return CTalvorFileIO::PWrite(fd, lpBuf, nSize, nOffset);
-    }
-    int FSync(int fd) override
-    {
-        if (m_bFailSync) {
-            errno = EIO;
-            return -1;
-        }
-        return CTalvorFileIO::FSync(fd);
-    }
-};
-
 TEST_F(ConfigTest, FailedRewriteLeavesTheOldFileWholeAndNoTemporary)
 {
     const std::string text = "[S]\na=1\nb=2\n";
     ASSERT_TRUE(Load(text));
+    // A full disk, a failing sync, a torn first write on a dying disk.
     for (int mode = 0; mode < 3; mode++) {
-        FailingIO io;
-        io.m_bFailWrite = mode == 0;
-        io.m_bFailSync = mode == 1;
-        io.m_bShortThenFail = mode == 2;
-        CTalvorFileIO::Install(&io);
-        bool bSet = TalvorConfigSetValueString("S", "a", "changed");
-        CTalvorFileIO::Install(nullptr);
+        FaultFileIO io;
+        if (mode == 0) io.FailCall(FileOp::PWrite, 1, ENOSPC, FAULT_ALWAYS);
+        if (mode == 1) io.FailCall(FileOp::FSync, 1, EIO, FAULT_ALWAYS);
+        if (mode == 2) {
+            io.CutWrite(1, 4);
+            io.FailCall(FileOp::PWrite, 2, ENOSPC, FAULT_ALWAYS);
+        }
+        bool bSet;
+        {
+            ScopedFileIO scope(&io);
+            bSet = TalvorConfigSetValueString("S", "a", "changed");
+        }
         EXPECT_TRUE(bSet) << mode; // the change still stands in memory
         EXPECT_EQ(Get("S", "a"), "changed") << mode;
         EXPECT_EQ(Disk(), text) << mode;
@@ -400,7 +346,7 @@ TEST_F(ConfigTest, RewriteKeepsModeAndFollowsSymbolicLinks)
 {
     const std::string real = m_dir + "/real.ini";
     const std::string link = m_dir + "/link.ini";
-    WriteFile(real, "[S]\na=1\n");
+    ASSERT_TRUE(WriteWholeFile(real, "[S]\na=1\n"));
     ASSERT_EQ(chmod(real.c_str(), 0640), 0);
     ASSERT_EQ(symlink(real.c_str(), link.c_str()), 0);
     ASSERT_TRUE(TalvorConfigInit(link.c_str()));
@@ -410,7 +356,7 @@ TEST_F(ConfigTest, RewriteKeepsModeAndFollowsSymbolicLinks)
     EXPECT_TRUE(S_ISLNK(st.st_mode));
     ASSERT_EQ(stat(real.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0640u);
-    EXPECT_EQ(ReadFile(real), "[S]\na=2\r\n");
+    EXPECT_EQ(ReadWholeFile(real), "[S]\na=2\r\n");
 }
 
 // ------------------------------------------------------------ Update list
@@ -689,12 +635,12 @@ protected:
 
 TEST_F(ProfileTest, ValuesEndAtHashAndNamesTrimEveryBlank)
 {
-    WriteFile(m_path, "\xEF\xBB\xBF[S] ignored]\n"
+    ASSERT_TRUE(WriteWholeFile(m_path, "\xEF\xBB\xBF[S] ignored]\n"
                       "key = a=b # c\n"
                       "hashfirst = #x\n"
                       "\ttabbed\t=\tv\t\n"
                       "crlf=1\r\n"
-                      "Port=1\nPORT=2\n");
+                      "Port=1\nPORT=2\n"));
     EXPECT_EQ(Read("S", "key"), "a=b");
     EXPECT_EQ(Read("S", "hashfirst"), "");
     EXPECT_EQ(Read("\ts ", " TABBED"), "v");
@@ -712,7 +658,7 @@ TEST_F(ProfileTest, ValuesEndAtHashAndNamesTrimEveryBlank)
 
 TEST_F(ProfileTest, DefaultsSizesAndMissingFiles)
 {
-    WriteFile(m_path, "[S]\nlong=abcdefghij\n");
+    ASSERT_TRUE(WriteWholeFile(m_path, "[S]\nlong=abcdefghij\n"));
     EXPECT_EQ(Read("S", "long", "d", 5), "abcd");
     EXPECT_EQ(Read("S", "none", "dflt \t "), "dflt");
     EXPECT_EQ(Read("S", "none", nullptr), "");
@@ -726,13 +672,13 @@ TEST_F(ProfileTest, DefaultsSizesAndMissingFiles)
     EXPECT_STREQ(buf, "dfl");
     const std::string absent = m_dir + "/absent.ini";
     EXPECT_EQ(GetPrivateProfileString("S", "long", "x", buf, 4, absent.c_str()), 1u);
-    WriteFile(m_path, "");
+    ASSERT_TRUE(WriteWholeFile(m_path, ""));
     EXPECT_EQ(Read("S", "long"), "<d>");
 }
 
 TEST_F(ProfileTest, NullNamesListSectionsAndKeys)
 {
-    WriteFile(m_path, "[One]\na=1\nb=2\n#c=3\nnoeq\n[Two]\n[Three]\nx=9\n");
+    ASSERT_TRUE(WriteWholeFile(m_path, "[One]\na=1\nb=2\n#c=3\nnoeq\n[Two]\n[Three]\nx=9\n"));
     EXPECT_EQ(Read(nullptr, nullptr), std::string("One\0Two\0Three\0", 14));
     EXPECT_EQ(Read("one", nullptr), std::string("a\0b\0", 4));
     EXPECT_EQ(Read("Two", nullptr), "");
@@ -750,18 +696,18 @@ TEST_F(ProfileTest, CrEndsOnlyALineWithNoLfAfterIt)
 {
     // While an LF lies ahead, a CR inside a line is white space at its end
     // or part of the text; only the LF-free remainder splits at CR.
-    WriteFile(m_path, "[S]\na=1\r\nb=2\rc=3");
+    ASSERT_TRUE(WriteWholeFile(m_path, "[S]\na=1\r\nb=2\rc=3"));
     EXPECT_EQ(Read("S", "a"), "1");
     EXPECT_EQ(Read("S", "b"), "2");
     EXPECT_EQ(Read("S", "c"), "3");
-    WriteFile(m_path, "[S]\nb=2\rc=3\nd=4\n");
+    ASSERT_TRUE(WriteWholeFile(m_path, "[S]\nb=2\rc=3\nd=4\n"));
     EXPECT_EQ(Read("S", "b"), "2\rc=3");
     EXPECT_EQ(Read("S", "c"), "<d>");
 }
 
 TEST_F(ProfileTest, IntegersParseSignDigitsAndTruncatedFraction)
 {
-    WriteFile(m_path, "[S]\na=12.7\nb=-3\nc=abc\nd= +42 \ne=12abc\nf=-0.9\ng=99999999999\nh=.\n");
+    ASSERT_TRUE(WriteWholeFile(m_path, "[S]\na=12.7\nb=-3\nc=abc\nd= +42 \ne=12abc\nf=-0.9\ng=99999999999\nh=.\n"));
     EXPECT_EQ(GetPrivateProfileInt("S", "a", 5, m_path.c_str()), 12);
     EXPECT_EQ(GetPrivateProfileInt("S", "b", 5, m_path.c_str()), -3);
     EXPECT_EQ(GetPrivateProfileInt("S", "c", 5, m_path.c_str()), 0);
@@ -778,11 +724,11 @@ TEST_F(ProfileTest, WriteFillsNewFilesAndEditsExistingOnes)
 {
     ASSERT_TRUE(WritePrivateProfileString(" System\t", " Language ", "1", m_path.c_str()));
     EXPECT_EQ(Disk(), "[System]\nLanguage=1\n");
-    WriteFile(m_path, "");
+    ASSERT_TRUE(WriteWholeFile(m_path, ""));
     ASSERT_TRUE(WritePrivateProfileString("System", "Language", "1", m_path.c_str()));
     EXPECT_EQ(Disk(), "[System]\nLanguage=1\n");
 
-    WriteFile(m_path, "[System]\r\n  language = 0 # old\r\nother=1\r\n\r\n[Next]\r\nx=1");
+    ASSERT_TRUE(WriteWholeFile(m_path, "[System]\r\n  language = 0 # old\r\nother=1\r\n\r\n[Next]\r\nx=1"));
     ASSERT_TRUE(WritePrivateProfileString("system", "LANGUAGE", "2", m_path.c_str()));
     EXPECT_EQ(Disk(), "[System]\r\n  LANGUAGE=2\r\nother=1\r\n\r\n[Next]\r\nx=1");
     ASSERT_TRUE(WritePrivateProfileString("System", "added", "3", m_path.c_str()));

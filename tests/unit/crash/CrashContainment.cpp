@@ -13,8 +13,9 @@
 #include <csetjmp>
 #include <csignal>
 #include <cstring>
+#include <thread>
 
-using namespace tracetest;
+using namespace talvortest;
 
 namespace talvortest {
 

@@ -2,19 +2,19 @@
 // a published stretch (also one that wraps), the load after a restart and
 // the generations that allow it, and the flush thread's quiet when nothing
 // was published.
+#include "DatabaseKit.h"
+#include "FaultFileIO.h"
 #include "PeerRollback.h"
-
-#include "MemoryStorageTestKit.h"
 #include "TalvorFlashback.h"
+#include "TestClock.h"
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <sys/stat.h>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using namespace talvortest;
@@ -28,21 +28,14 @@ const int BLOCK_SIZE = 16384;
 
 const BYTE* Bytes(const std::string& s) { return (const BYTE*)s.data(); }
 
-// Records the offsets and sizes written, and fails writes on demand.
-class RecordingFileIO : public CTalvorFileIO {
-public:
-    ssize_t PWrite(int fd, const void* lpBuf, size_t nSize, off_t nOffset) override
-    {
-        m_vWrites.push_back({(long long)nOffset, (long long)nSize});
-        if (m_bFail) {
-            errno = ENOSPC;
-            return -1;
-        }
-        return CTalvorFileIO::PWrite(fd, lpBuf, nSize, nOffset);
-    }
-    std::vector<std::pair<long long, long long>> m_vWrites;
-    volatile bool m_bFail = false;
-};
+// Offset and size of each write the layer saw from the nFrom-th on.
+std::vector<std::pair<long long, long long>> WritesOf(const FaultFileIO& io, size_t nFrom = 0)
+{
+    std::vector<std::pair<long long, long long>> v;
+    std::vector<FileWrite> vWrites = io.Writes();
+    for (size_t i = nFrom; i < vWrites.size(); i++) v.push_back({vWrites[i].m_nOffset, vWrites[i].m_nSize});
+    return v;
+}
 
 class FlashbackUndoCache : public ::testing::Test {
 protected:
@@ -74,13 +67,9 @@ protected:
         }
         m_area.Publish();
     }
-    long long FileSize()
-    {
-        struct stat st;
-        return stat(CachePath().c_str(), &st) == 0 ? (long long)st.st_size : -1;
-    }
+    long long FileSize() { return FileSizeOf(CachePath()); }
 
-    TempTree m_tree;
+    DatabaseDir m_tree;
     std::vector<BYTE> m_vArea;
     CPeerRollbackArea m_area;
     CTalvorFlashback m_flashback;
@@ -94,11 +83,11 @@ TEST_F(FlashbackUndoCache, PathFollowsTheDatabaseDirectoryOrAWholePath)
     EXPECT_EQ(CachePath(), szPath);
     std::string strDir = m_tree.Dir().substr(0, m_tree.Dir().size() - 1);
     m_tree.WriteIni("");
-    WriteAll(m_tree.IniPath(), "[System]\r\ndatabasepath=" + strDir + "\r\nUndoCacheFile=Other.cache\r\n");
+    WriteWholeFile(m_tree.IniPath(), "[System]\r\ndatabasepath=" + strDir + "\r\nUndoCacheFile=Other.cache\r\n");
     TalvorConfigInit(m_tree.IniPath().c_str());
     m_flashback.GetFilePath(nullptr, szPath);
     EXPECT_EQ(strDir + "/Other.cache", std::string(szPath));
-    WriteAll(m_tree.IniPath(), "[System]\r\ndatabasepath=" + strDir + "\r\nUndoCacheFile=/var/x/Undo.bin\r\n");
+    WriteWholeFile(m_tree.IniPath(), "[System]\r\ndatabasepath=" + strDir + "\r\nUndoCacheFile=/var/x/Undo.bin\r\n");
     TalvorConfigInit(m_tree.IniPath().c_str());
     m_flashback.GetFilePath(nullptr, szPath);
     EXPECT_EQ("/var/x/Undo.bin", std::string(szPath));
@@ -108,17 +97,17 @@ TEST_F(FlashbackUndoCache, MissingFileBecomesAZeroFileOfTheAreaSize)
 {
     EXPECT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE));
     ASSERT_EQ((long long)AREA_SIZE, FileSize());
-    EXPECT_EQ(std::string(AREA_SIZE, '\0'), ReadAll(CachePath()));
+    EXPECT_EQ(std::string(AREA_SIZE, '\0'), ReadWholeFile(CachePath()));
 }
 
 TEST_F(FlashbackUndoCache, FileOfTheWrongSizeIsReplacedAndNothingIsLoaded)
 {
     std::string strJunk(AREA_SIZE / 2, 'x');
-    ASSERT_TRUE(WriteAll(CachePath(), strJunk));
+    ASSERT_TRUE(WriteWholeFile(CachePath(), strJunk));
     std::vector<BYTE> vBefore = m_vArea;
     EXPECT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE));
     EXPECT_EQ((long long)AREA_SIZE, FileSize());
-    EXPECT_EQ(std::string(AREA_SIZE, '\0'), ReadAll(CachePath()));
+    EXPECT_EQ(std::string(AREA_SIZE, '\0'), ReadWholeFile(CachePath()));
     EXPECT_EQ(vBefore, m_vArea);
 }
 
@@ -134,7 +123,7 @@ TEST_F(FlashbackUndoCache, PublishedStretchRoundTripsIntoANewArea)
     EXPECT_EQ(0, Val(m_area.Head()->m_bSaveStatus));
     // Published, nothing mirrored yet: the file has it all from the start.
     UINT nAlloc = m_area.Head()->m_nDataAllocPos;
-    std::string strFile = ReadAll(CachePath());
+    std::string strFile = ReadWholeFile(CachePath());
     EXPECT_EQ(0, memcmp(strFile.data() + 124, m_vArea.data() + 124, nAlloc - 124));
     EXPECT_EQ(0, memcmp(strFile.data(), m_vArea.data(), sizeof(ROLLBACKBLOCKHEAD)));
 
@@ -175,7 +164,7 @@ TEST_F(FlashbackUndoCache, WrappedStretchGoesOutAndComesBackInTwoPieces)
     UINT nAlloc = m_area.Head()->m_nDataAllocPos;
     ASSERT_GT(nUnsafe, nAlloc);
     m_area.Publish();
-    RecordingFileIO io;
+    FaultFileIO io;
     {
         ScopedFileIO scoped(&io);
         ASSERT_EQ(0, m_flashback.FlushUndoStretch());
@@ -183,8 +172,8 @@ TEST_F(FlashbackUndoCache, WrappedStretchGoesOutAndComesBackInTwoPieces)
     // Only the new stretch: to the end, from the data start, then the head.
     std::vector<std::pair<long long, long long>> vExpect = {
         {nUnsafe, AREA_SIZE - nUnsafe}, {124, nAlloc - 124}, {0, (long long)sizeof(ROLLBACKBLOCKHEAD)}};
-    EXPECT_EQ(vExpect, io.m_vWrites);
-    std::string strFile = ReadAll(CachePath());
+    EXPECT_EQ(vExpect, WritesOf(io));
+    std::string strFile = ReadWholeFile(CachePath());
     EXPECT_EQ(0, memcmp(strFile.data() + nUnsafe, m_vArea.data() + nUnsafe, AREA_SIZE - nUnsafe));
     EXPECT_EQ(0, memcmp(strFile.data() + 124, m_vArea.data() + 124, nAlloc - 124));
     EXPECT_EQ(std::string(nUnsafe - nAlloc, '\0'), strFile.substr(nAlloc, nUnsafe - nAlloc));
@@ -252,36 +241,38 @@ TEST_F(FlashbackUndoCache, MirrorIsQuietUntilSomethingIsPublished)
     std::vector<BYTE> vBlock(BLOCK_SIZE);
     CPeerBlock block(vBlock.data(), BLOCK_SIZE);
     block.Format(9, 2, 50);
-    RecordingFileIO io;
+    FaultFileIO io;
     ScopedFileIO scoped(&io);
     m_flashback.StartWriteUndoCache(nullptr, FALSE);
     ASSERT_NE(0u, (unsigned long)m_flashback.m_hFlushThread);
-    io.m_vWrites.clear();
+    // The zero file is made before the thread starts; what follows is the mirror's.
+    size_t nMade = io.Writes().size();
     std::this_thread::sleep_for(std::chrono::milliseconds(60));
-    EXPECT_TRUE(io.m_vWrites.empty()) << io.m_vWrites.size();
+    EXPECT_TRUE(WritesOf(io, nMade).empty()) << WritesOf(io, nMade).size();
     Changes(block, 3, 2, 100);
     UINT nAlloc = m_area.Head()->m_nDataAllocPos;
-    for (int i = 0; i < 5000 && m_area.Head()->m_bSaveStatus != 0; i++) usleep(1000);
+    EXPECT_TRUE(WaitUntil([&] { return m_area.Head()->m_bSaveStatus == 0; }, 5000));
     ASSERT_TRUE(m_flashback.StopUndoMirror(5000, 0));
     EXPECT_EQ(0u, (unsigned long)m_flashback.m_hFlushThread);
-    ASSERT_EQ(2u, io.m_vWrites.size());
-    EXPECT_EQ(std::make_pair(124LL, (long long)nAlloc - 124), io.m_vWrites[0]);
-    EXPECT_EQ(0, io.m_vWrites[1].first);
+    std::vector<std::pair<long long, long long>> vWrites = WritesOf(io, nMade);
+    ASSERT_EQ(2u, vWrites.size());
+    EXPECT_EQ(std::make_pair(124LL, (long long)nAlloc - 124), vWrites[0]);
+    EXPECT_EQ(0, vWrites[1].first);
 }
 
 TEST_F(FlashbackUndoCache, FailedWriteEndsTheMirror)
 {
     ASSERT_EQ(0, m_flashback.LoadUndoCache(nullptr, FALSE));
-    RecordingFileIO io;
-    io.m_bFail = true;
+    FaultFileIO io;
+    io.FailCall(FileOp::PWrite, 1, ENOSPC, FAULT_ALWAYS);
     ScopedFileIO scoped(&io);
     std::vector<BYTE> vBlock(BLOCK_SIZE);
     CPeerBlock block(vBlock.data(), BLOCK_SIZE);
     block.Format(9, 2, 50);
     Changes(block, 2, 1, 100);
-    auto tStart = std::chrono::steady_clock::now();
+    long long nStart = NowMs();
     EXPECT_EQ(1, m_flashback.FlashFlush());
-    EXPECT_LT(std::chrono::steady_clock::now() - tStart, std::chrono::seconds(2));
+    EXPECT_LT(NowMs() - nStart, 2000);
 }
 
 TEST_F(FlashbackUndoCache, RestartStopsTheOldThreadAndDeleteRemovesTheFile)

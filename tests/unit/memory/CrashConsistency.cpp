@@ -4,7 +4,7 @@
 // committed timestamp on disk must never cover a change that is not on disk,
 // and the work must complete: by the next pass in (a), and after a fresh
 // start from the disk in (b).
-#include "PersistencePassKit.h"
+#include "PersistenceDb.h"
 
 using namespace talvortest;
 
@@ -16,10 +16,7 @@ const int CHANGES = 24;
 std::unique_ptr<PersistenceDb> MakeDirtyDatabase()
 {
     std::unique_ptr<PersistenceDb> pDb(new PersistenceDb(2 * 1048576LL, 8));
-    EXPECT_TRUE(pDb->MakeDatabase());
-    EXPECT_EQ(S_OK, pDb->Start());
-    pDb->PrepareFiles();
-    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, pDb->Pass());
+    pDb->MakeStartAndSave();
     std::mt19937 rng(11);
     pDb->RandomChanges(CHANGES, rng);
     return pDb;
@@ -28,10 +25,10 @@ std::unique_ptr<PersistenceDb> MakeDirtyDatabase()
 long long WritesOfOnePass()
 {
     std::unique_ptr<PersistenceDb> pDb = MakeDirtyDatabase();
-    PowerLossFileIO io;
+    FaultFileIO io;
     ScopedFileIO scope(&io);
     EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, pDb->Pass());
-    return io.m_nWrites;
+    return io.Calls(FileOp::PWrite);
 }
 
 } // namespace
@@ -43,8 +40,8 @@ TEST(CrashConsistency, EveryFailedWriteLeavesATrueCommitAndTheNextPassFinishes)
     for (long long k = 1; k <= nWrites; k++) {
         std::unique_ptr<PersistenceDb> pDb = MakeDirtyDatabase();
         long long nEnd = pDb->Head()->m_nEndTimestamp;
-        PowerLossFileIO io;
-        io.m_nFailOne = k;
+        FaultFileIO io;
+        io.FailCall(FileOp::PWrite, k, EIO);
         {
             ScopedFileIO scope(&io);
             EXPECT_NE(CBreltMemStorageModule::SAVEPASS_DONE, pDb->Pass()) << "k=" << k;
@@ -69,8 +66,10 @@ TEST(CrashConsistency, PowerLossAtEveryWriteLeavesATrueCommitAndAStartableDisk)
     for (long long k = 1; k <= nWrites + 1; k++) {
         std::unique_ptr<PersistenceDb> pDb = MakeDirtyDatabase();
         long long nEnd = pDb->Head()->m_nEndTimestamp;
-        PowerLossFileIO io;
-        io.m_nFailFrom = k <= nWrites ? k : 0;  // the last round keeps the power
+        FaultFileIO io;
+        // The power goes once write k - 1 was made: write k and every sync
+        // after it fail. The last round keeps the power.
+        if (k <= nWrites) io.DieAfter(FileOp::PWrite, k - 1);
         {
             ScopedFileIO scope(&io);
             pDb->Pass();

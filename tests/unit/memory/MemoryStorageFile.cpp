@@ -1,7 +1,7 @@
 // Making and remaking a memory-mode file: creating it with its segment,
 // growing it (which remakes the segment), writing the image out whole or to
 // a new path, and making the directories of a path.
-#include "MemoryStorageTestKit.h"
+#include "DatabaseKit.h"
 #include "ShareMemory.h"
 #include "TalvorMemoryStorage.h"
 
@@ -9,6 +9,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <sys/shm.h>
 #include <sys/stat.h>
 
 using namespace talvortest;
@@ -17,12 +18,6 @@ namespace {
 
 const long long MIB = 1048576;
 const int WORK_BUFFER = 4 * 1048576;
-
-long long SizeOnDisk(const std::string& strPath)
-{
-    struct stat st;
-    return stat(strPath.c_str(), &st) == 0 ? (long long)st.st_size : -1;
-}
 
 class MemoryStorageFile : public ::testing::Test {
 protected:
@@ -64,7 +59,7 @@ protected:
     {
         std::string strPath = m_tree.Dir() + "Data" + std::to_string(bFileNo) + ".dbf";
         m_strFile = MakeFileBytes(FILETYPE_DATA, bFileNo, nSize, 1 * MIB);
-        EXPECT_TRUE(WriteAll(strPath, m_strFile));
+        EXPECT_TRUE(WriteWholeFile(strPath, m_strFile));
         LPFILEINFO p = Describe(strPath, bFileNo, FILETYPE_DATA, nSize);
         EXPECT_EQ(0, p->m_pStorageFile->Initialize(nullptr, p, 0, nullptr, nullptr, 0, 0));
         return p;
@@ -75,7 +70,7 @@ protected:
                                                  &m_stProgress);
     }
 
-    TempTree m_tree;
+    DatabaseDir m_tree;
     LPBYTE m_lpBuffer = nullptr;
     LPBYTE m_lpHeadBuf = nullptr;
     long long m_nLoadSize = -1;
@@ -91,8 +86,8 @@ TEST_F(MemoryStorageFile, NewFileIsAllocatedWholeWithAMinimalHeadAndItsSegment)
     std::string strPath = m_tree.Dir() + "sub/dir/KV7.dbf";  // directories are made
     LPFILEINFO p = Describe(strPath, 7, FILETYPE_KVINDEX, 3 * MIB);
     ASSERT_EQ(0, NewFile(p));
-    EXPECT_EQ(3 * MIB, SizeOnDisk(strPath));
-    std::string strDisk = ReadAll(strPath);
+    EXPECT_EQ(3 * MIB, FileSizeOf(strPath));
+    std::string strDisk = ReadWholeFile(strPath);
     LPBASEFILEHEAD lpHead = (LPBASEFILEHEAD)strDisk.data();
     EXPECT_EQ(KVINDEXFILE_DATAFLAG, Val(lpHead->m_nDataFlag));
     EXPECT_EQ(7, lpHead->m_bFileNo);
@@ -115,11 +110,11 @@ TEST_F(MemoryStorageFile, NewFileIsAllocatedWholeWithAMinimalHeadAndItsSegment)
 TEST_F(MemoryStorageFile, NewFileOnAnExistingPathLeavesItAlone)
 {
     std::string strPath = m_tree.Dir() + "Data2.dbf";
-    ASSERT_TRUE(WriteAll(strPath, std::string(8192, 'x')));
+    ASSERT_TRUE(WriteWholeFile(strPath, std::string(8192, 'x')));
     chmod(strPath.c_str(), 0600);
     LPFILEINFO p = Describe(strPath, 2, FILETYPE_DATA, 1 * MIB);
     EXPECT_EQ(1, NewFile(p));
-    EXPECT_EQ(std::string(8192, 'x'), ReadAll(strPath));
+    EXPECT_EQ(std::string(8192, 'x'), ReadWholeFile(strPath));
     struct stat st;
     ASSERT_EQ(0, stat(strPath.c_str(), &st));
     EXPECT_EQ(0600u, st.st_mode & 0777);
@@ -159,11 +154,11 @@ TEST_F(MemoryStorageFile, GrowingRemakesTheSegmentWithTheFileBehindIt)
     LPFILEINFO p = OpenPatterned(2, 1 * MIB);
     int nOldId = p->m_nShmId;
     ASSERT_EQ(0, Grow(p, 3 * MIB));
-    EXPECT_EQ(3 * MIB, SizeOnDisk(p->m_lpszFilePath));
+    EXPECT_EQ(3 * MIB, FileSizeOf(p->m_lpszFilePath));
     EXPECT_EQ(3 * MIB, p->m_liFileSize);
     EXPECT_NE(nOldId, p->m_nShmId);
     EXPECT_EQ(3 * MIB, (long long)CShareMemory::ShareMemorySize(p->m_nShmId));
-    std::string strDisk = ReadAll(p->m_lpszFilePath);
+    std::string strDisk = ReadWholeFile(p->m_lpszFilePath);
     EXPECT_EQ(3 * MIB, Val(((LPBASEFILEHEAD)strDisk.data())->m_nFileTotalSize));
     EXPECT_EQ(3 * MIB, Val(((LPBASEFILEHEAD)p->m_pFileAddr)->m_nFileTotalSize));
     // The image is the file again, grown part included.
@@ -190,12 +185,12 @@ TEST_F(MemoryStorageFile, GrowingToTheSameSizeWritesNoBlockAndStillRemakes)
         nOffset = Val(((LPBASEFILEBLOCKMAPHEAD)(m_strFile.data() + nOffset))->m_nNextBlockMapOffset);
     }
     ASSERT_GT(nMapBlocks, 0);
-    CountingFileIO io;
+    FaultFileIO io;
     {
         ScopedFileIO scope(&io);
         ASSERT_EQ(0, Grow(p, 2 * MIB));
     }
-    EXPECT_EQ(2LL * Val(lpHead->m_nFileHeaderSize) + nMapBytes, (long long)io.m_nWriteBytes);
+    EXPECT_EQ(2LL * Val(lpHead->m_nFileHeaderSize) + nMapBytes, io.BytesWritten());
     EXPECT_NE(nOldId, p->m_nShmId);
     EXPECT_EQ(0, memcmp(p->m_pFileAddr, m_strFile.data(), m_strFile.size()));
 }
@@ -206,7 +201,7 @@ TEST_F(MemoryStorageFile, ShrinkingIsRefusedAfterTheHeadSaysTheNewSize)
     int nOldId = p->m_nShmId;
     EXPECT_EQ(1, Grow(p, 1 * MIB));
     EXPECT_EQ(1 * MIB, Val(((LPBASEFILEHEAD)p->m_pFileAddr)->m_nFileTotalSize));
-    EXPECT_EQ(2 * MIB, SizeOnDisk(p->m_lpszFilePath));
+    EXPECT_EQ(2 * MIB, FileSizeOf(p->m_lpszFilePath));
     EXPECT_EQ(nOldId, p->m_nShmId);  // the segment stays as it was
     EXPECT_TRUE(m_tree.Traced("40003005 ChangeFileSize File size exception, the file size needs to grow to: "
                               "1048576, and the actual size of the obtained file is: 2097152, file path: " +
@@ -217,7 +212,7 @@ TEST_F(MemoryStorageFile, GrowingWithoutAnImageOrABufferIsRefused)
 {
     LPFILEINFO p = OpenPatterned(2, 1 * MIB);
     EXPECT_EQ(1, p->m_pStorageFile->ChangeFileSize(nullptr, p, 5, 0, m_lpBuffer, m_lpHeadBuf, 2 * MIB, 0, nullptr));
-    EXPECT_EQ(1 * MIB, SizeOnDisk(p->m_lpszFilePath));
+    EXPECT_EQ(1 * MIB, FileSizeOf(p->m_lpszFilePath));
     LPBYTE lpAddr = p->m_pFileAddr;
     p->m_pFileAddr = nullptr;
     EXPECT_EQ(1, Grow(p, 2 * MIB));
@@ -230,7 +225,7 @@ TEST_F(MemoryStorageFile, Save2FileWritesTheWholeImage)
     LPFILEINFO p = OpenPatterned(2, 9 * MIB);  // two pieces, the last one short
     for (long long i = 0; i < 9 * MIB; i += 4096) p->m_pFileAddr[i + 100] = (BYTE)(i >> 12);
     ASSERT_EQ(0, p->m_pStorageFile->Save2File(p, FALSE, nullptr));
-    std::string strDisk = ReadAll(p->m_lpszFilePath);
+    std::string strDisk = ReadWholeFile(p->m_lpszFilePath);
     ASSERT_EQ((size_t)(9 * MIB), strDisk.size());
     EXPECT_EQ(0, memcmp(p->m_pFileAddr, strDisk.data(), strDisk.size()));
 }
@@ -243,14 +238,14 @@ TEST_F(MemoryStorageFile, Save2FileToANewPathSwitchesTheHandleAndKeepsTheOldFile
     std::string strNew = m_tree.Dir() + "moved/Data2.dbf";
     snprintf(p->m_lpszFilePath, sizeof(p->m_lpszFilePath), "%s", strNew.c_str());
     ASSERT_EQ(0, p->m_pStorageFile->Save2File(p, TRUE, nullptr));
-    EXPECT_EQ(0, memcmp(p->m_pFileAddr, ReadAll(strNew).data(), 2 * MIB));
-    EXPECT_EQ(m_strFile, ReadAll(strOld));
+    EXPECT_EQ(0, memcmp(p->m_pFileAddr, ReadWholeFile(strNew).data(), 2 * MIB));
+    EXPECT_EQ(m_strFile, ReadWholeFile(strOld));
     EXPECT_EQ(2 * MIB, m_nLoadSize);
     // Further writes go to the new file.
     p->m_pFileAddr[4096] = 0x43;
     ASSERT_EQ(0, p->m_pStorageFile->Save2File(p, FALSE, nullptr));
-    EXPECT_EQ(0x43, (BYTE)ReadAll(strNew)[4096]);
-    EXPECT_EQ(m_strFile, ReadAll(strOld));
+    EXPECT_EQ(0x43, (BYTE)ReadWholeFile(strNew)[4096]);
+    EXPECT_EQ(m_strFile, ReadWholeFile(strOld));
     EXPECT_TRUE(m_tree.Traced(" 1     40005098 Save2File Successfully modified file path, file path: " + strNew));
 }
 
@@ -258,12 +253,12 @@ TEST_F(MemoryStorageFile, Save2FileRefusesAnExistingTargetAndAMissingHandle)
 {
     LPFILEINFO p = OpenPatterned(2, 1 * MIB);
     std::string strTarget = m_tree.Dir() + "taken.dbf";
-    ASSERT_TRUE(WriteAll(strTarget, "keep"));
+    ASSERT_TRUE(WriteWholeFile(strTarget, "keep"));
     char szOld[256];
     memcpy(szOld, p->m_lpszFilePath, sizeof(szOld));
     snprintf(p->m_lpszFilePath, sizeof(p->m_lpszFilePath), "%s", strTarget.c_str());
     EXPECT_EQ(1, p->m_pStorageFile->Save2File(p, TRUE, nullptr));
-    EXPECT_EQ("keep", ReadAll(strTarget));
+    EXPECT_EQ("keep", ReadWholeFile(strTarget));
     memcpy(p->m_lpszFilePath, szOld, sizeof(szOld));
     void* hFile = p->m_hFile;
     p->m_hFile = nullptr;

@@ -1,6 +1,6 @@
 // Opening a memory-mode file: what is read and what is not, a segment that
 // survived, the checks of the head, and the refusals, each with its message.
-#include "MemoryStorageTestKit.h"
+#include "DatabaseKit.h"
 #include "ShareMemory.h"
 #include "TalvorMemoryStorage.h"
 
@@ -46,7 +46,7 @@ protected:
         }
     }
 
-    TempTree m_tree;
+    DatabaseDir m_tree;
     long long m_nLoadSize = -1;
     TALVORPROGRESS m_stProgress = {};
     std::vector<LPFILEINFO> m_vInfos;
@@ -60,13 +60,13 @@ TEST_F(MemoryStorageLoad, ReadsOnlyPiecesThatBeginBeforeTheFreeOffset)
     // in: the piece at 8 MiB begins before the free offset and is read whole.
     std::string strFile = MakeFileBytes(FILETYPE_DATA, 2, 20 * MIB, 9 * MIB, 16 * MIB);
     LPFILEINFO p = Describe("Data2.dbf", 2, FILETYPE_DATA, 20 * MIB);
-    ASSERT_TRUE(WriteAll(PathOf(p), strFile));
-    CountingFileIO io;
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
+    FaultFileIO io;
     {
         ScopedFileIO scope(&io);
         ASSERT_EQ(0, Open(p, 100 * MIB, 4242));
     }
-    EXPECT_EQ(16 * MIB, io.m_nReadBytes);
+    EXPECT_EQ(16 * MIB, io.BytesRead());
     EXPECT_EQ(0, memcmp(p->m_pFileAddr, strFile.data(), 16 * MIB));
     std::string strZero(4 * MIB, '\0');
     EXPECT_EQ(0, memcmp(p->m_pFileAddr + 16 * MIB, strZero.data(), 4 * MIB));
@@ -82,7 +82,7 @@ TEST_F(MemoryStorageLoad, FirstPieceIsReadEvenWhenTheFreeOffsetIsZero)
     std::string strFile = MakeFileBytes(FILETYPE_KVINDEX, 3, 12 * MIB, 0, 8 * MIB);
     ((LPBASEFILEHEAD)&strFile[0])->m_nFileFreeMemoryOffset = 0;
     LPFILEINFO p = Describe("KV3.dbf", 3, FILETYPE_KVINDEX, 12 * MIB);
-    ASSERT_TRUE(WriteAll(PathOf(p), strFile));
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
     ASSERT_EQ(0, Open(p));
     EXPECT_EQ(0, memcmp(p->m_pFileAddr, strFile.data(), 8 * MIB));
     std::string strZero(4 * MIB, '\0');
@@ -93,7 +93,7 @@ TEST_F(MemoryStorageLoad, SurvivingSegmentIsTakenOverWithoutReadingTheFile)
 {
     std::string strFile = MakeFileBytes(FILETYPE_DATA, 4, 2 * MIB, 1 * MIB);
     LPFILEINFO p = Describe("Data4.dbf", 4, FILETYPE_DATA, 2 * MIB);
-    ASSERT_TRUE(WriteAll(PathOf(p), strFile));
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
     // The engine's image from before: same head, other data.
     std::string strImage = MakeFileBytes(FILETYPE_DATA, 4, 2 * MIB, 1 * MIB, 0, 99);
     int nId = shmget(FileImageShmKey(4), 2 * MIB, IPC_CREAT | IPC_EXCL | 0666);
@@ -102,12 +102,12 @@ TEST_F(MemoryStorageLoad, SurvivingSegmentIsTakenOverWithoutReadingTheFile)
     memcpy(pAddr, strImage.data(), strImage.size());
     shmdt(pAddr);
 
-    CountingFileIO io;
+    FaultFileIO io;
     {
         ScopedFileIO scope(&io);
         ASSERT_EQ(0, Open(p, 0));
     }
-    EXPECT_EQ(0, io.m_nReads);
+    EXPECT_EQ(0, io.Calls(FileOp::PRead));
     EXPECT_EQ(nId, p->m_nShmId);
     EXPECT_EQ(0, memcmp(p->m_pFileAddr, strImage.data(), strImage.size()));
     EXPECT_EQ(2 * MIB, m_nLoadSize);
@@ -117,7 +117,7 @@ TEST_F(MemoryStorageLoad, SurvivingSegmentWithABadHeadIsRefusedToo)
 {
     std::string strFile = MakeFileBytes(FILETYPE_DATA, 4, 2 * MIB, 1 * MIB);
     LPFILEINFO p = Describe("Data4.dbf", 4, FILETYPE_DATA, 2 * MIB);
-    ASSERT_TRUE(WriteAll(PathOf(p), strFile));
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
     int nId = shmget(FileImageShmKey(4), 2 * MIB, IPC_CREAT | IPC_EXCL | 0666);
     ASSERT_GT(nId, 0);  // left zero: no mark
     EXPECT_EQ(1, Open(p));
@@ -129,7 +129,7 @@ TEST_F(MemoryStorageLoad, SurvivingSegmentOfAnotherSizeIsLeftAlone)
 {
     std::string strFile = MakeFileBytes(FILETYPE_DATA, 4, 2 * MIB, 1 * MIB);
     LPFILEINFO p = Describe("Data4.dbf", 4, FILETYPE_DATA, 2 * MIB);
-    ASSERT_TRUE(WriteAll(PathOf(p), strFile));
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
     int nId = shmget(FileImageShmKey(4), 3 * MIB, IPC_CREAT | IPC_EXCL | 0666);
     ASSERT_GT(nId, 0);
     EXPECT_EQ(1, Open(p));
@@ -156,7 +156,7 @@ TEST_F(MemoryStorageLoad, HeadMarkIsCheckedByFileType)
         std::string strFile = MakeFileBytes(c.bType, bFileNo, 1 * MIB, 0);
         ((LPBASEFILEHEAD)&strFile[0])->m_nDataFlag = SYSTEMFILE_DATAFLAG;  // someone else's mark
         LPFILEINFO p = Describe("F" + std::to_string(bFileNo) + ".dbf", bFileNo, c.bType, 1 * MIB);
-        ASSERT_TRUE(WriteAll(PathOf(p), strFile));
+        ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
         EXPECT_EQ(1, Open(p));
         EXPECT_TRUE(m_tree.Traced(c.lpMessage + PathOf(p))) << c.lpMessage;
         bFileNo++;
@@ -169,7 +169,7 @@ TEST_F(MemoryStorageLoad, SystemFileMarkIsChecked)
     ((LPSYSTEMFILEHEAD)&strFile[0])->m_nDataFlag = DATAFILE_DATAFLAG;
     ((LPSYSTEMFILEHEAD)&strFile[0])->m_bFileNo = 1;
     LPFILEINFO p = Describe("System.dbf", 1, FILETYPE_SYSTEM, 0);
-    ASSERT_TRUE(WriteAll(PathOf(p), strFile));
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
     EXPECT_EQ(1, Open(p));
     EXPECT_TRUE(m_tree.Traced("40001012 Initialize Header data for system file is incorrect, check code: "
                               "1178881617[1179864657]"));
@@ -179,7 +179,7 @@ TEST_F(MemoryStorageLoad, FileNumberMustMatchItsRow)
 {
     std::string strFile = MakeFileBytes(FILETYPE_DATA, 3, 1 * MIB, 0);
     LPFILEINFO p = Describe("Data2.dbf", 2, FILETYPE_DATA, 1 * MIB);
-    ASSERT_TRUE(WriteAll(PathOf(p), strFile));
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
     EXPECT_EQ(1, Open(p));
     EXPECT_TRUE(m_tree.Traced("40001016 Initialize The file number recorded in the file header information is "
                               "inconsistent with that in the system file, file number: 3[2], path: " + PathOf(p)));
@@ -188,12 +188,12 @@ TEST_F(MemoryStorageLoad, FileNumberMustMatchItsRow)
 TEST_F(MemoryStorageLoad, TypeOutsideOneToFiveIsRefusedSilently)
 {
     LPFILEINFO p = Describe("T.dbf", 9, 6, 1 * MIB);
-    CountingFileIO io;
+    FaultFileIO io;
     {
         ScopedFileIO scope(&io);
         EXPECT_EQ(1, Open(p));
     }
-    EXPECT_EQ(0, io.m_nReads);
+    EXPECT_EQ(0, io.Calls(FileOp::PRead));
     EXPECT_EQ(nullptr, p->m_hFile);
     EXPECT_FALSE(m_tree.Traced("T.dbf"));
 }
@@ -212,7 +212,7 @@ TEST_F(MemoryStorageLoad, LargerFileOnDiskOpensAtItsOwnSize)
     // The row still has the size from before the file grew.
     std::string strFile = MakeFileBytes(FILETYPE_DATA, 2, 3 * MIB, 1 * MIB);
     LPFILEINFO p = Describe("Data2.dbf", 2, FILETYPE_DATA, 2 * MIB);
-    ASSERT_TRUE(WriteAll(PathOf(p), strFile));
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
     ASSERT_EQ(0, Open(p));
     EXPECT_EQ(3 * MIB, p->m_liFileSize);
     EXPECT_EQ(3 * MIB, (long long)CShareMemory::ShareMemorySize(p->m_nShmId));
@@ -223,7 +223,7 @@ TEST_F(MemoryStorageLoad, FileShorterThanItsHeadSaysIsRefused)
 {
     std::string strFile = MakeFileBytes(FILETYPE_DATA, 2, 4 * MIB, 1 * MIB);
     LPFILEINFO p = Describe("Data2.dbf", 2, FILETYPE_DATA, 4 * MIB);
-    ASSERT_TRUE(WriteAll(PathOf(p), strFile.substr(0, 2 * MIB)));
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile.substr(0, 2 * MIB)));
     EXPECT_EQ(1, Open(p));
     EXPECT_TRUE(m_tree.Traced("40001017 Initialize The file is shorter than its head says, path: " + PathOf(p) +
                               ", file size: 2097152, size in the head: 4194304"));
@@ -233,7 +233,7 @@ TEST_F(MemoryStorageLoad, UnreadableShortFileIsRefused)
 {
     std::string strFile = MakeFileBytes(FILETYPE_DATA, 2, 1 * MIB, 0);
     LPFILEINFO p = Describe("Data2.dbf", 2, FILETYPE_DATA, 1 * MIB);
-    ASSERT_TRUE(WriteAll(PathOf(p), strFile.substr(0, 4096)));
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile.substr(0, 4096)));
     EXPECT_EQ(1, Open(p));
     EXPECT_TRUE(m_tree.Traced("40001003"));
     EXPECT_FALSE(SegmentExists(2));
@@ -243,9 +243,9 @@ TEST_F(MemoryStorageLoad, FailedReadIsToldWithItsPlace)
 {
     std::string strFile = MakeFileBytes(FILETYPE_DATA, 2, 1 * MIB, 0);
     LPFILEINFO p = Describe("Data2.dbf", 2, FILETYPE_DATA, 1 * MIB);
-    ASSERT_TRUE(WriteAll(PathOf(p), strFile));
-    CountingFileIO io;
-    io.m_nFailReads = 1;
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
+    FaultFileIO io;
+    io.FailNext(FileOp::PRead, EIO, 1);
     {
         ScopedFileIO scope(&io);
         EXPECT_EQ(1, Open(p));
@@ -258,7 +258,7 @@ TEST_F(MemoryStorageLoad, ReleaseClosesDetachesAndRemoves)
 {
     std::string strFile = MakeFileBytes(FILETYPE_DATA, 2, 1 * MIB, 0);
     LPFILEINFO p = Describe("Data2.dbf", 2, FILETYPE_DATA, 1 * MIB);
-    ASSERT_TRUE(WriteAll(PathOf(p), strFile));
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
     ASSERT_EQ(0, Open(p));
     ASSERT_TRUE(SegmentExists(2));
     EXPECT_EQ(0, p->m_pStorageFile->Release());
@@ -273,28 +273,28 @@ TEST_F(MemoryStorageLoad, ReadBlockCopiesFromTheImageOrRetriesTheFile)
 {
     std::string strFile = MakeFileBytes(FILETYPE_DATA, 2, 1 * MIB, 512 * 1024);
     LPFILEINFO p = Describe("Data2.dbf", 2, FILETYPE_DATA, 1 * MIB);
-    ASSERT_TRUE(WriteAll(PathOf(p), strFile));
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
     ASSERT_EQ(0, Open(p));
     IVirtualStorageFile* pStorage = p->m_pStorageFile;
     p->m_pFileAddr[300000] = 0x5A;  // only in the image
     BYTE* lpBuf = (BYTE*)get_aligned_buffer(65536);
-    CountingFileIO io;
+    FaultFileIO io;
     {
         ScopedFileIO scope(&io);
         EXPECT_EQ(0, pStorage->ReadBlock(nullptr, 299950, lpBuf, -100));
-        EXPECT_EQ(0, io.m_nReads);
+        EXPECT_EQ(0, io.Calls(FileOp::PRead));
         EXPECT_EQ(0, memcmp(lpBuf, p->m_pFileAddr + 299950, 100));
         EXPECT_EQ(0x5A, lpBuf[50]);
         // A copy reaching past the image is refused.
         EXPECT_EQ(1, pStorage->ReadBlock(nullptr, 1 * MIB - 50, lpBuf, -100));
         EXPECT_EQ(1, pStorage->ReadBlock(nullptr, -1, lpBuf, -100));
 
-        io.m_nFailReads = 2;
+        io.FailNext(FileOp::PRead, EIO, 2);
         EXPECT_EQ(0, pStorage->ReadBlock(nullptr, 262144, lpBuf, 65536));
-        EXPECT_EQ(3, io.m_nReads);
+        EXPECT_EQ(3, io.Calls(FileOp::PRead));
         EXPECT_EQ(0, memcmp(lpBuf, strFile.data() + 262144, 65536));
 
-        io.m_nFailReads = 3;
+        io.FailNext(FileOp::PRead, EIO, 3);
         EXPECT_EQ(1, pStorage->ReadBlock(nullptr, 262144, lpBuf, 65536));
     }
     free(lpBuf);

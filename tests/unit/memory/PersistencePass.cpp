@@ -4,10 +4,10 @@
 // loop or leave it, blocks changing under the pass, and the engine's answers
 // over the channel (a snapshot, "nothing to save", none at all).
 #include "PeerRollback.h"
-#include "PersistencePassKit.h"
+#include "PersistenceDb.h"
+#include "TestClock.h"
 
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <thread>
 
@@ -24,13 +24,7 @@ std::string ImageSlice(LPBYTE lpImage, long long nOffset, long long nSize)
 
 class PersistencePass : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(m_db.MakeDatabase());
-        ASSERT_EQ(S_OK, m_db.Start());
-        m_db.PrepareFiles();
-        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    }
+    void SetUp() override { m_db.MakeStartAndSave(); }
     // Answers channel command 3 on a thread of its own, as the engine does.
     void StartEngine(std::function<void(LPSTORAGEMEMHEAD)> fnAnswer)
     {
@@ -67,8 +61,8 @@ protected:
 
 TEST_F(PersistencePass, ChangedBlocksHeadAndMapLandInTheirPlaces)
 {
-    std::string strSysBefore = ReadAll(m_db.SystemPath());
-    std::string strDataBefore = ReadAll(m_db.PathOf(2));
+    std::string strSysBefore = ReadWholeFile(m_db.SystemPath());
+    std::string strDataBefore = ReadWholeFile(m_db.PathOf(2));
     // Bytes of the system head that only the cache's writers may put on disk.
     for (int i = SYSTEMFILE_TABLETSARRAY_OFFSET; i < 15558; i++) m_db.Image(1)[i] = (BYTE)(i * 7 + 1);
     long long ts = m_db.BeginTransaction();
@@ -78,9 +72,9 @@ TEST_F(PersistencePass, ChangedBlocksHeadAndMapLandInTheirPlaces)
     m_db.EndTransaction(ts);
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
 
-    std::string strData = ReadAll(m_db.PathOf(2));
+    std::string strData = ReadWholeFile(m_db.PathOf(2));
     for (int n = 2; n <= 4; n++) {
-        std::string strFile = ReadAll(m_db.PathOf(n));
+        std::string strFile = ReadWholeFile(m_db.PathOf(n));
         long long nOffset = m_db.BlockOffset(n, n == 2 ? 3 : n == 3 ? 5 : 7);
         int nSize = ((LPBLOCKHEAD)(m_db.Image(n) + nOffset))->m_nBlockSize;
         EXPECT_EQ(0, Val(((LPBLOCKHEAD)(m_db.Image(n) + nOffset))->m_bSaveFlag)) << "file " << n;
@@ -100,7 +94,7 @@ TEST_F(PersistencePass, ChangedBlocksHeadAndMapLandInTheirPlaces)
     EXPECT_TRUE(ImageSlice(m_db.Image(2), nMap + nMapSize, nMapSize) == Slice(strData, nMap, nMapSize));
     EXPECT_TRUE(Slice(strDataBefore, nMap + nMapSize, nMapSize) == Slice(strData, nMap + nMapSize, nMapSize));
     // The commit: bytes 66 to 145, and the arrays untouched.
-    std::string strSys = ReadAll(m_db.SystemPath());
+    std::string strSys = ReadWholeFile(m_db.SystemPath());
     EXPECT_EQ(ts, m_db.CommittedOnDisk());
     EXPECT_EQ(ImageSlice(m_db.Image(1), SYSTEMFILE_DYNAMIC_OFFSET, SYSTEMFILE_DYNAMIC_SIZE),
               Slice(strSys, SYSTEMFILE_DYNAMIC_OFFSET, SYSTEMFILE_DYNAMIC_SIZE));
@@ -114,16 +108,16 @@ TEST_F(PersistencePass, PassWithNothingNewWritesNothingEvenWithObjectsMarked)
     std::mt19937 rng(5);
     m_db.RandomChanges(30, rng);
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    CountingFileIO io;
+    FaultFileIO io;
     ScopedFileIO scope(&io);
     for (int i = 0; i < 3; i++) ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    EXPECT_EQ(0, io.m_nWrites);
+    EXPECT_EQ(0, io.Calls(FileOp::PWrite));
     EXPECT_EQ(0, Val(m_db.Head()->m_bSaveFlag));
     // A change of the redo log number alone is committed: 80 bytes.
     m_db.Head()->m_nRedoLogMaxID = m_db.Head()->m_nRedoLogMaxID + 1;
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    EXPECT_EQ(1, io.m_nWrites);
-    EXPECT_EQ(SYSTEMFILE_DYNAMIC_SIZE, io.m_nWriteBytes);
+    EXPECT_EQ(1, io.Calls(FileOp::PWrite));
+    EXPECT_EQ(SYSTEMFILE_DYNAMIC_SIZE, io.BytesWritten());
 }
 
 TEST_F(PersistencePass, RefusalsWriteNothingAndHoldTheCommit)
@@ -148,9 +142,9 @@ TEST_F(PersistencePass, RefusalsWriteNothingAndHoldTheCommit)
         m_db.ChangeRow(d.m_nFileNo, 2, 0, 77, ts);
         m_db.EndTransaction(ts);
         d.m_fnDamage(lpHead);
-        std::string strBefore = ReadAll(m_db.PathOf(d.m_nFileNo));
+        std::string strBefore = ReadWholeFile(m_db.PathOf(d.m_nFileNo));
         EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FILEFAILED, m_db.Pass()) << d.m_lpName;
-        EXPECT_TRUE(strBefore == ReadAll(m_db.PathOf(d.m_nFileNo))) << d.m_lpName;
+        EXPECT_TRUE(strBefore == ReadWholeFile(m_db.PathOf(d.m_nFileNo))) << d.m_lpName;
         EXPECT_EQ(nCommitted, m_db.CommittedOnDisk()) << d.m_lpName;
         EXPECT_EQ(1, Val(m_db.Head()->m_bSaveFlag)) << d.m_lpName;
         EXPECT_TRUE(m_db.m_tree.Traced(d.m_lpCode)) << d.m_lpName;
@@ -224,11 +218,11 @@ TEST_F(PersistencePass, BlockNewerThanTheSavePointStaysMarkedAndHoldsTheCommit)
     m_db.ChangeRow(2, 4, 1, 43, ts + 1);
     m_db.ChangeRow(3, 4, 1, 44, ts + 1);
     long long nCommitted = m_db.CommittedOnDisk();
-    std::string strBefore = ReadAll(m_db.PathOf(2));
+    std::string strBefore = ReadWholeFile(m_db.PathOf(2));
     EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_PENDING, m_db.Pass());
     EXPECT_EQ(nCommitted, m_db.CommittedOnDisk());
     long long nBlock = m_db.BlockOffset(2, 4);
-    EXPECT_TRUE(Slice(strBefore, nBlock, 4096) == Slice(ReadAll(m_db.PathOf(2)), nBlock, 4096));
+    EXPECT_TRUE(Slice(strBefore, nBlock, 4096) == Slice(ReadWholeFile(m_db.PathOf(2)), nBlock, 4096));
     EXPECT_EQ(1, Val(((LPBLOCKHEAD)(m_db.Image(2) + nBlock))->m_bSaveFlag));
     EXPECT_EQ(1, Val(((LPBLOCKHEAD)(m_db.Image(3) + m_db.BlockOffset(3, 4)))->m_bSaveFlag));
     EXPECT_EQ(1, Val(m_db.Head()->m_bSaveFlag));
@@ -247,10 +241,10 @@ TEST_F(PersistencePass, EngineSnapshotIsUsedAndNothingToSaveWritesNothing)
     long long ts = m_db.BeginTransaction();
     m_db.ChangeRow(2, 1, 0, 9, ts);
     m_db.EndTransaction(ts);
-    std::string strBefore = ReadAll(m_db.PathOf(2));
+    std::string strBefore = ReadWholeFile(m_db.PathOf(2));
     EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
     EXPECT_GE(m_nAnswers.load(), 1);
-    EXPECT_TRUE(strBefore == ReadAll(m_db.PathOf(2)));
+    EXPECT_TRUE(strBefore == ReadWholeFile(m_db.PathOf(2)));
     StopEngine();
 
     // A snapshot whose mark is unknown is refused.
@@ -318,9 +312,9 @@ TEST_F(PersistencePass, LostEngineIsNotAskedAgain)
     long long ts2 = m_db.BeginTransaction();
     m_db.ChangeRow(2, 2, 1, 13, ts2);
     m_db.EndTransaction(ts2);
-    auto t0 = std::chrono::steady_clock::now();
+    long long nStart = NowMs();
     EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    auto nMs = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
+    long long nMs = NowMs() - nStart;
     EXPECT_LT(nMs, 500) << "the second pass waited for a lost engine";
     EXPECT_EQ(0, Val(lpChannel->m_nResult)) << "no new request was made";
     EXPECT_EQ(ts2, m_db.CommittedOnDisk());
@@ -332,7 +326,7 @@ TEST_F(PersistencePass, FailedCommitLeavesTheTimestampInMemoryAsItWas)
     m_db.ChangeRow(2, 2, 0, 12, ts);
     m_db.EndTransaction(ts);
     long long nOld = m_db.Head()->m_nBeginTimestamp;
-    CountingFileIO io;
+    FaultFileIO io;
     {
         ScopedFileIO scope(&io);
         ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass(TRUE));
@@ -341,7 +335,7 @@ TEST_F(PersistencePass, FailedCommitLeavesTheTimestampInMemoryAsItWas)
     long long ts2 = m_db.BeginTransaction();
     m_db.ChangeRow(2, 3, 0, 13, ts2);
     m_db.EndTransaction(ts2);
-    PowerLossFileIO counter;
+    FaultFileIO counter;
     {
         ScopedFileIO scope(&counter);
         ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
@@ -350,8 +344,8 @@ TEST_F(PersistencePass, FailedCommitLeavesTheTimestampInMemoryAsItWas)
     m_db.ChangeRow(2, 3, 0, 14, ts3);
     m_db.EndTransaction(ts3);
     nOld = m_db.Head()->m_nBeginTimestamp;
-    PowerLossFileIO failing;
-    failing.m_nFailOne = counter.m_nWrites;
+    FaultFileIO failing;
+    failing.FailCall(FileOp::PWrite, counter.Calls(FileOp::PWrite), EIO);
     {
         ScopedFileIO scope(&failing);
         EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FAILED, m_db.Pass());
@@ -427,7 +421,7 @@ protected:
         EXPECT_EQ(ts, m_db.CommittedOnDisk());
         return ts;
     }
-    std::string DiskBlock() { return Slice(ReadAll(m_db.PathOf(FILE_NO)), m_nBlock, BlockSize()); }
+    std::string DiskBlock() { return Slice(ReadWholeFile(m_db.PathOf(FILE_NO)), m_nBlock, BlockSize()); }
     int SaveFile(long long nTimestamp, BOOL& bFlashbackFlag)
     {
         CBreltMemStorageModule& m = m_db.Module();
@@ -557,7 +551,7 @@ TEST_F(PersistenceRollback, IndexBlockChangedPastTheSavePointIsNeverRolledBack)
     LPBYTE lpBlock = m_db.Image(3) + m_db.BlockOffset(3, 4);
     int nSize = ((LPBLOCKHEAD)lpBlock)->m_nBlockSize;
     UINT nBlockNo = ((LPBLOCKHEAD)lpBlock)->m_nBlockNo;
-    std::string strBefore = Slice(ReadAll(m_db.PathOf(3)), m_db.BlockOffset(3, 4), nSize);
+    std::string strBefore = Slice(ReadWholeFile(m_db.PathOf(3)), m_db.BlockOffset(3, 4), nSize);
     talvorpeer::CPeerBlock block(lpBlock, nSize);
     block.Format(nBlockNo, 3, 16);
     ((LPBLOCKHEAD)lpBlock)->m_nTimestamp = ts;
@@ -565,6 +559,6 @@ TEST_F(PersistenceRollback, IndexBlockChangedPastTheSavePointIsNeverRolledBack)
     EXPECT_EQ(0, block.AddRow(21, ts, Bytes("key"), 3, 16));
     m_db.FileHead(3)->m_nTimestamp = ts;
     EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_PENDING, m_db.Pass());
-    EXPECT_TRUE(strBefore == Slice(ReadAll(m_db.PathOf(3)), m_db.BlockOffset(3, 4), nSize));
+    EXPECT_TRUE(strBefore == Slice(ReadWholeFile(m_db.PathOf(3)), m_db.BlockOffset(3, 4), nSize));
     EXPECT_EQ(1, Val(((LPBLOCKHEAD)lpBlock)->m_bSaveFlag));
 }

@@ -2,11 +2,14 @@
 // whole transfers that survive short transfers and interrupted calls, and
 // the directory and plain-file shims.
 //
-// A twin of the layer, put in force with CTalvorFileIO::Install, cuts every
+// The fault layer, put in force with CTalvorFileIO::Install, cuts every
 // transfer short and interrupts every other call; the bytes must still land
 // at the right offsets, and a failing write must be reported, not looped on.
+#include "FaultFileIO.h"
 #include "LinuxCommonAPI.h"
 #include "TalvorFileIO.h"
+#include "TempTree.h"
+#include "TestFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -19,84 +22,18 @@
 #include <unistd.h>
 #include <vector>
 
+using namespace talvortest;
+
 namespace {
-
-// Interrupts every other call and moves at most m_nChunk bytes per call.
-class ChoppyFileIO : public CTalvorFileIO {
-public:
-    explicit ChoppyFileIO(size_t nChunk) : m_nChunk(nChunk) {}
-    ssize_t PRead(int fd, void* lpBuf, size_t nSize, off_t nOffset) override
-    {
-        m_nCalls++;
-        if (Interrupt()) return -1;
-        return CTalvorFileIO::PRead(fd, lpBuf, nSize < m_nChunk ? nSize : m_nChunk, nOffset);
-    }
-    ssize_t PWrite(int fd, const void* lpBuf, size_t nSize, off_t nOffset) override
-    {
-        m_nCalls++;
-        if (Interrupt()) return -1;
-        return CTalvorFileIO::PWrite(fd, lpBuf, nSize < m_nChunk ? nSize : m_nChunk, nOffset);
-    }
-    int m_nCalls = 0;
-
-private:
-    bool Interrupt()
-    {
-        if (m_bInterruptNext) {
-            m_bInterruptNext = false;
-            errno = EINTR;
-            return true;
-        }
-        m_bInterruptNext = true;
-        return false;
-    }
-    size_t m_nChunk;
-    bool m_bInterruptNext = true;
-};
-
-// Writes m_nGood bytes through, then fails with m_nErrno (or reports 0
-// bytes moved when m_nErrno is 0).
-class FailingWriteIO : public CTalvorFileIO {
-public:
-    FailingWriteIO(size_t nGood, int nErrno) : m_nGood(nGood), m_nErrno(nErrno) {}
-    ssize_t PWrite(int fd, const void* lpBuf, size_t nSize, off_t nOffset) override
-    {
-        m_nCalls++;
-        if (m_nGood == 0) {
-            if (m_nErrno == 0) return 0;
-            errno = m_nErrno;
-            return -1;
-        }
-        size_t n = nSize < m_nGood ? nSize : m_nGood;
-        ssize_t rc = CTalvorFileIO::PWrite(fd, lpBuf, n, nOffset);
-        if (rc > 0) m_nGood -= (size_t)rc;
-        return rc;
-    }
-    int m_nCalls = 0;
-
-private:
-    size_t m_nGood;
-    int m_nErrno;
-};
-
-// Puts a twin in force for one scope.
-class ScopedFileIO {
-public:
-    explicit ScopedFileIO(CTalvorFileIO* p) : m_pOld(CTalvorFileIO::Install(p)) {}
-    ~ScopedFileIO() { CTalvorFileIO::Install(m_pOld); }
-
-private:
-    CTalvorFileIO* m_pOld;
-};
 
 class FileIOTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        char sz[] = "/tmp/talvor_fileio_XXXXXX";
-        m_fd = mkstemp(sz);
+        ASSERT_TRUE(m_tree.Ok());
+        m_strPath = m_tree.Path("file");
+        m_fd = open(m_strPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
         ASSERT_GE(m_fd, 0);
-        m_strPath = sz;
         // A background the transfers must not disturb outside their range.
         std::vector<unsigned char> bg(kFileSize, 0xEE);
         ASSERT_EQ(pwrite(m_fd, bg.data(), bg.size(), 0), (ssize_t)bg.size());
@@ -104,7 +41,6 @@ protected:
     void TearDown() override
     {
         if (m_fd >= 0) close(m_fd);
-        unlink(m_strPath.c_str());
     }
     static std::vector<unsigned char> Pattern(size_t n, unsigned nSeed)
     {
@@ -120,6 +56,7 @@ protected:
         return v;
     }
     static constexpr size_t kFileSize = 20000;
+    TempTree m_tree{"fileio"};
     int m_fd = -1;
     std::string m_strPath;
 };
@@ -128,7 +65,8 @@ TEST_F(FileIOTest, WriteFullLandsEveryByteAtItsOffsetThroughShortTransfers)
 {
     const off_t nOffset = 4096 + 3;
     std::vector<unsigned char> data = Pattern(10001, 7);
-    ChoppyFileIO io(7);
+    FaultFileIO io;
+    io.ChopTransfers(7, true);
     {
         ScopedFileIO scope(&io);
         EXPECT_EQ(CTalvorFileIO::Current(), &io);
@@ -136,7 +74,7 @@ TEST_F(FileIOTest, WriteFullLandsEveryByteAtItsOffsetThroughShortTransfers)
     }
     EXPECT_NE(CTalvorFileIO::Current(), &io) << "the plain layer is back";
     // Every call but the interrupted ones moved 7 bytes at most.
-    EXPECT_GE(io.m_nCalls, 2 * (int)(data.size() / 7));
+    EXPECT_GE(io.Calls(FileOp::PWrite), 2 * (long long)(data.size() / 7));
 
     std::vector<unsigned char> file = FileBytes();
     ASSERT_EQ(file.size(), kFileSize);
@@ -149,7 +87,8 @@ TEST_F(FileIOTest, ReadFullGathersEveryByteFromItsOffsetThroughShortTransfers)
 {
     std::vector<unsigned char> data = Pattern(kFileSize, 3);
     ASSERT_EQ(pwrite(m_fd, data.data(), data.size(), 0), (ssize_t)data.size());
-    ChoppyFileIO io(13);
+    FaultFileIO io;
+    io.ChopTransfers(13, true);
     ScopedFileIO scope(&io);
     std::vector<unsigned char> buf(7777, 0);
     ASSERT_TRUE(TalvorReadFull(m_fd, buf.data(), buf.size(), 1234));
@@ -168,10 +107,11 @@ TEST_F(FileIOTest, FailingWriteIsReportedAndLeavesOnlyWhatWasWritten)
 {
     std::vector<unsigned char> data = Pattern(5000, 11);
     {
-        FailingWriteIO io(1000, EIO);
+        FaultFileIO io;
+        io.FillAfter(1000, EIO);
         ScopedFileIO scope(&io);
         EXPECT_FALSE(TalvorWriteFull(m_fd, data.data(), data.size(), 512));
-        EXPECT_LE(io.m_nCalls, 3) << "a hard error is not retried";
+        EXPECT_LE(io.Calls(FileOp::PWrite), 3) << "a hard error is not retried";
     }
     std::vector<unsigned char> file = FileBytes();
     EXPECT_EQ(memcmp(file.data() + 512, data.data(), 1000), 0);
@@ -179,13 +119,15 @@ TEST_F(FileIOTest, FailingWriteIsReportedAndLeavesOnlyWhatWasWritten)
 
     {
         // A layer that moves nothing and reports no error must not spin.
-        FailingWriteIO io(0, 0);
+        FaultFileIO io;
+        io.FillAfter(0, 0);
         ScopedFileIO scope(&io);
         EXPECT_FALSE(TalvorWriteFull(m_fd, data.data(), data.size(), 0));
-        EXPECT_EQ(io.m_nCalls, 1);
+        EXPECT_EQ(io.Calls(FileOp::PWrite), 1);
     }
     {
-        FailingWriteIO io(0, ENOSPC);
+        FaultFileIO io;
+        io.FillAfter(0, ENOSPC);
         ScopedFileIO scope(&io);
         EXPECT_FALSE(TalvorWriteFull(m_fd, data.data(), data.size(), 0));
     }
@@ -196,7 +138,7 @@ TEST_F(FileIOTest, InstallReturnsThePreviousLayer)
 {
     CTalvorFileIO* pPlain = CTalvorFileIO::Current();
     ASSERT_NE(pPlain, nullptr);
-    ChoppyFileIO a(1), b(2);
+    FaultFileIO a, b;
     EXPECT_EQ(CTalvorFileIO::Install(&a), pPlain);
     EXPECT_EQ(CTalvorFileIO::Install(&b), &a);
     EXPECT_EQ(CTalvorFileIO::Install(nullptr), &b);
@@ -229,10 +171,11 @@ TEST_F(FileIOTest, CloseFileClosesTheDescriptorAndNullsTheHandle)
 // transfer is cut short and interrupted.
 TEST_F(FileIOTest, AppendFileKeepsEveryPieceInOrderAcrossItsBuffer)
 {
-    std::string strPath = m_strPath + ".append";
+    std::string strPath = m_tree.Path("append");
     std::string strExpect;
     {
-        ChoppyFileIO io(999);
+        FaultFileIO io;
+        io.ChopTransfers(999, true);
         ScopedFileIO scope(&io);
         CTalvorAppendFile* pFile = CTalvorAppendFile::Create(strPath.c_str());
         ASSERT_NE(pFile, nullptr);
@@ -251,14 +194,8 @@ TEST_F(FileIOTest, AppendFileKeepsEveryPieceInOrderAcrossItsBuffer)
         strExpect += "<" + strLong + ">";
         ASSERT_TRUE(CTalvorAppendFile::Close(pFile));
     }
-    std::string strFile(strExpect.size() + 100, '\0');
-    int fd = open(strPath.c_str(), O_RDONLY);
-    ASSERT_GE(fd, 0);
-    ssize_t n = pread(fd, &strFile[0], strFile.size(), 0);
-    close(fd);
-    unlink(strPath.c_str());
-    ASSERT_EQ((ssize_t)strExpect.size(), n);
-    strFile.resize((size_t)n);
+    std::string strFile = ReadWholeFile(strPath);
+    ASSERT_EQ(strExpect.size(), strFile.size());
     EXPECT_TRUE(strFile == strExpect);
 }
 
@@ -285,21 +222,16 @@ class MakeDirTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        char sz[] = "/tmp/talvor_mkdir_XXXXXX";
-        ASSERT_NE(mkdtemp(sz), nullptr);
-        m_strRoot = sz;
-    }
-    void TearDown() override
-    {
-        std::string cmd = "rm -rf '" + m_strRoot + "'";
-        if (system(cmd.c_str()) != 0) ADD_FAILURE() << "cleanup failed";
+        ASSERT_TRUE(m_tree.Ok());
+        m_strRoot = m_tree.Root();
     }
     bool IsDir(const std::string& s)
     {
         struct stat st;
         return stat(s.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
     }
-    bool Exists(const std::string& s) { return access(s.c_str(), F_OK) == 0; }
+    bool Exists(const std::string& s) { return PathExists(s); }
+    TempTree m_tree{"mkdir"};
     std::string m_strRoot;
 };
 

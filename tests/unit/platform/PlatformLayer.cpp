@@ -6,6 +6,7 @@
 // sem_wait the test posts the latch's semaphore to free it before joining.
 #include "LinuxCommonAPI.h"
 #include "ShareMemory.h"
+#include "TestClock.h"
 
 #include <gtest/gtest.h>
 
@@ -23,14 +24,9 @@
 #include <unistd.h>
 #include <vector>
 
-namespace {
+using namespace talvortest;
 
-long long NowMs()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
-}
+namespace {
 
 long long ThreadCpuUs()
 {
@@ -44,17 +40,6 @@ int SemValue(LPTALVOR_SECTION lp)
     int n = -1;
     sem_getvalue(&lp->m_hEvent, &n);
     return n;
-}
-
-// Spins (with short sleeps) until pred() or the deadline; true if pred() held.
-template <class Pred> bool WaitUntil(Pred pred, long long nTimeoutMs)
-{
-    long long end = NowMs() + nTimeoutMs;
-    while (!pred()) {
-        if (NowMs() > end) return false;
-        usleep(200);
-    }
-    return true;
 }
 
 // A latch that is initialised and destroyed with the fixture.

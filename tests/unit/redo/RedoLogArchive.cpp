@@ -7,7 +7,7 @@
 
 #include <sys/stat.h>
 
-using namespace redotest;
+using namespace talvortest;
 
 namespace {
 
@@ -42,7 +42,7 @@ protected:
         EXPECT_EQ(nullptr, +m_pRedo->m_lpArchiveDir);
     }
 
-    std::string GroupFile(int g) { return ReadFile(m_strDir + "Redo" + std::to_string(g) + ".log"); }
+    std::string GroupFile(int g) { return ReadWholeFile(m_strDir + "Redo" + std::to_string(g) + ".log"); }
 };
 
 MF_REDOLOGFILEHEAD HeadOf(const std::string& s)
@@ -58,7 +58,7 @@ MF_REDOLOGFILEHEAD HeadOf(const std::string& s)
 TEST_F(RedoArchive, EveryLogReachesTheWritableDestinationWhenTheOtherFails)
 {
     MakeRing(8192);
-    ASSERT_EQ(0, system(("echo x > '" + m_strDir + "blocker'").c_str()));
+    ASSERT_TRUE(WriteWholeFile(m_strDir + "blocker", "x\n"));
     m_pHead->m_nTalvorArchiveType = 1;
     snprintf(m_pHead->m_lpArchiveDesPath, sizeof(m_pHead->m_lpArchiveDesPath), "%sA;%sblocker/B", m_strDir.c_str(),
              m_strDir.c_str());
@@ -67,7 +67,7 @@ TEST_F(RedoArchive, EveryLogReachesTheWritableDestinationWhenTheOtherFails)
     RunArchiver();
     std::string strJoined;
     for (int nLog = 1; nLog <= 3; nLog++) {
-        std::string strCopy = ReadFile(m_strDir + "A/ArchiveLog/Log" + std::to_string(nLog) + ".log");
+        std::string strCopy = ReadWholeFile(m_strDir + "A/ArchiveLog/Log" + std::to_string(nLog) + ".log");
         MF_REDOLOGFILEHEAD h = HeadOf(strCopy);
         EXPECT_EQ((UINT)nLog, +h.m_nSequenceNO);
         EXPECT_EQ(REDOGROUP_ARCHIVED, +h.m_bState) << "the copy carries the archived mark";
@@ -109,7 +109,11 @@ TEST_F(RedoArchive, NoCopyWhenArchivingIsOffOrOnNodeTypeThree)
         free(m_pRing);
         m_pRing = nullptr;
         // The next case starts over on fresh groups.
-        ASSERT_EQ(0, system(("rm -f '" + m_strDir + "'Redo*.log").c_str()));
+        for (const std::string& strGroup : ListFiles(m_strDir, "Redo")) {
+            if (strGroup.size() > 4 && strGroup.compare(strGroup.size() - 4, 4, ".log") == 0) {
+                ASSERT_EQ(0, unlink(strGroup.c_str()));
+            }
+        }
     }
 }
 
@@ -122,14 +126,11 @@ TEST_F(RedoArchive, SealedGroupsAreArchivedOldestFirstWhateverTheirIndex)
     const UINT arNo[3] = {9, 8, 7};
     for (int g = 0; g < 3; g++) {
         std::string strPath = m_strDir + "Redo" + std::to_string(g) + ".log";
-        std::string strFile = ReadFile(strPath);
+        std::string strFile = ReadWholeFile(strPath);
         MF_REDOLOGFILEHEAD h = HeadOf(strFile);
         h.m_nSequenceNO = arNo[g];
         memcpy(&strFile[0], &h, sizeof(h));
-        FILE* f = fopen(strPath.c_str(), "r+b");
-        ASSERT_NE(nullptr, f);
-        fwrite(&h, 1, sizeof(h), f);
-        fclose(f);
+        ASSERT_TRUE(WriteFileAt(strPath, 0, std::string((const char*)&h, sizeof(h))));
         m_pRedo->GetGroup(g)->m_nSequenceNO = arNo[g];
     }
     RunArchiver();

@@ -5,36 +5,27 @@
 
 #include "LogManager.h"
 #include "TalvorRedoLog.h"
+#include "TempTree.h"
+#include "TestFiles.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <unistd.h>
 #include <vector>
 
-namespace redotest {
+namespace talvortest {
 
 const int RING_HEAD = (int)sizeof(FILE_TRACEMEMFILEHEAD);
-
-inline std::string ReadFile(const std::string& strPath)
-{
-    std::ifstream in(strPath, std::ios::binary);
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
 
 class RedoFixture : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        char szTemplate[] = "/tmp/redo-unit-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(szTemplate));
-        m_strDir = std::string(szTemplate) + "/";
+        ASSERT_TRUE(m_tree.Ok());
+        m_strDir = m_tree.Dir();
         m_pHead = (LPSYSTEMFILEHEAD)calloc(1, sizeof(SYSTEMFILEHEAD));
         m_pHead->m_usDatabaseGuid = 0x4321;
         m_pHead->m_nWriteRedoOnlineGroups = 3;
@@ -48,10 +39,6 @@ protected:
         delete m_pRedo;
         free(m_pHead);
         free(m_pRing);
-        std::string strCmd = "rm -rf '" + m_strDir + "'";
-        if (m_strDir.size() > 10) {
-            EXPECT_EQ(0, system(strCmd.c_str()));
-        }
     }
 
     void MakeRing(int nDataSize)
@@ -104,7 +91,8 @@ protected:
             }
             if (nFound < 0) return;
             LPTALVORREDOGROUP p = m_pRedo->GetGroup(nFound);
-            std::string strFile = ReadFile(m_strDir + "Redo" + std::to_string(nFound) + ".log");
+            std::string strPath = m_strDir + "Redo" + std::to_string(nFound) + ".log";
+            std::string strFile = ReadWholeFile(strPath);
             MF_REDOLOGFILEHEAD h;
             memcpy(&h, strFile.data(), sizeof(h));
             EXPECT_EQ(+p->m_nSequenceNO, +h.m_nSequenceNO);
@@ -116,10 +104,7 @@ protected:
             m_nSeals++;
             // Marked in the file too, as the archiver does.
             h.m_bState = REDOGROUP_ARCHIVED;
-            FILE* f = fopen((m_strDir + "Redo" + std::to_string(nFound) + ".log").c_str(), "r+b");
-            ASSERT_NE(nullptr, f);
-            EXPECT_EQ(sizeof(h), fwrite(&h, 1, sizeof(h), f));
-            fclose(f);
+            ASSERT_TRUE(WriteFileAt(strPath, 0, std::string((const char*)&h, sizeof(h))));
             p->m_bState = REDOGROUP_ARCHIVED;
         }
     }
@@ -158,6 +143,7 @@ protected:
         Harvest();
     }
 
+    TempTree m_tree{"redo"};
     std::string m_strDir;
     LPSYSTEMFILEHEAD m_pHead = nullptr;
     LPBYTE m_pRing = nullptr;
@@ -172,4 +158,4 @@ protected:
     int m_nSeals = 0;
 };
 
-} // namespace redotest
+} // namespace talvortest

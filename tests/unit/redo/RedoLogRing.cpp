@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
-using namespace redotest;
+#include <sys/stat.h>
+
+using namespace talvortest;
 
 // --- Ring fields across the wrap.
 
@@ -127,7 +129,7 @@ TEST_F(RedoFixture, StopWithNoGroupOpenTouchesNoFile)
 {
     MakeRing(1024);
     ASSERT_TRUE(InitRedo());
-    std::string strBefore = ReadFile(m_strDir + "Redo0.log");
+    std::string strBefore = ReadWholeFile(m_strDir + "Redo0.log");
     m_pRedo->StartWriter(m_st);
     Ring()->m_bFlushFlag = REDOFLUSH_SEAL;
     Pass();
@@ -135,7 +137,7 @@ TEST_F(RedoFixture, StopWithNoGroupOpenTouchesNoFile)
     Stop();
     EXPECT_TRUE(m_st.m_bEnded);
     EXPECT_EQ(0, m_nSeals);
-    EXPECT_TRUE(strBefore == ReadFile(m_strDir + "Redo0.log"));
+    EXPECT_TRUE(strBefore == ReadWholeFile(m_strDir + "Redo0.log"));
 }
 
 // --- Start-up of the groups.
@@ -146,7 +148,7 @@ TEST_F(RedoFixture, GroupCountIsBoundedAndWrittenBack)
     m_pHead->m_nWriteRedoOnlineGroups = 2;
     ASSERT_TRUE(InitRedo());
     EXPECT_EQ(3, +m_pHead->m_nWriteRedoOnlineGroups);
-    EXPECT_EQ((size_t)4096, ReadFile(m_strDir + "Redo2.log").size());
+    EXPECT_EQ((size_t)4096, ReadWholeFile(m_strDir + "Redo2.log").size());
     delete m_pRedo;
     m_pHead->m_nWriteRedoOnlineGroups = 65;
     ASSERT_TRUE(InitRedo());
@@ -157,7 +159,9 @@ TEST_F(RedoFixture, NextLogNumberPassesEveryArchivedNumber)
 {
     MakeRing(1024);
     std::string strArch = m_strDir + "arch";
-    ASSERT_EQ(0, system(("mkdir -p '" + strArch + "/ArchiveLog' && touch '" + strArch + "/ArchiveLog/Log7.log'").c_str()));
+    ASSERT_EQ(0, mkdir(strArch.c_str(), 0755));
+    ASSERT_EQ(0, mkdir((strArch + "/ArchiveLog").c_str(), 0755));
+    ASSERT_TRUE(WriteWholeFile(strArch + "/ArchiveLog/Log7.log", ""));
     snprintf(m_pHead->m_lpArchiveDesPath, sizeof(m_pHead->m_lpArchiveDesPath), "%s", strArch.c_str());
     m_pHead->m_nRedoLogMaxID = 3; // a commit that did not reach the disk
     ASSERT_TRUE(InitRedo());
@@ -268,15 +272,20 @@ TEST_F(RedoFixture, WriteSizeWithoutForceOnABusyRingAsksNothing)
 
 TEST(RedoDestinations, PathsGetASlashEmptyOnesAreDroppedAndSixAtMost)
 {
+    TempTree tree("des");
+    ASSERT_TRUE(tree.Ok());
+    const std::string r = tree.Root();
     char szPaths[1100] = {0};
-    snprintf(szPaths, sizeof(szPaths), "/tmp/redo-des-a;;/tmp/redo-des-b/");
+    snprintf(szPaths, sizeof(szPaths), "%s/a;;%s/b/", r.c_str(), r.c_str());
     char* arDes[REDO_MAX_DESTINATIONS] = {nullptr};
     ASSERT_EQ(2, CTalvorRedoLog::PrepareDestinations(szPaths, arDes));
-    EXPECT_STREQ("/tmp/redo-des-a/", arDes[0]);
-    EXPECT_STREQ("/tmp/redo-des-b/", arDes[1]);
+    EXPECT_EQ(r + "/a/", std::string(arDes[0]));
+    EXPECT_EQ(r + "/b/", std::string(arDes[1]));
+    EXPECT_TRUE(PathExists(r + "/a/ArchiveLog")) << "each destination gets its archive directory";
     memset(szPaths, 0, sizeof(szPaths));
-    snprintf(szPaths, sizeof(szPaths), "/tmp/rd1;/tmp/rd2;/tmp/rd3;/tmp/rd4;/tmp/rd5;/tmp/rd6;/tmp/rd7");
+    std::string strSeven;
+    for (int i = 1; i <= 7; i++) strSeven += (i > 1 ? ";" : "") + r + "/d" + std::to_string(i);
+    snprintf(szPaths, sizeof(szPaths), "%s", strSeven.c_str());
     ASSERT_EQ(6, CTalvorRedoLog::PrepareDestinations(szPaths, arDes));
-    EXPECT_STREQ("/tmp/rd6/;/tmp/rd7/", arDes[5]);
-    EXPECT_EQ(0, system("rm -rf /tmp/redo-des-a /tmp/redo-des-b /tmp/rd1 /tmp/rd2 /tmp/rd3 /tmp/rd4 /tmp/rd5 '/tmp/rd6'"));
+    EXPECT_EQ(r + "/d6/;" + r + "/d7/", std::string(arDes[5]));
 }

@@ -2,46 +2,21 @@
 // m_bStorageCMD 2 and answered with 32, file commands answered with 32
 // before the pass that follows them, the forbid flags holding everything
 // off but a cluster command, and the interval with its limits.
-#include "PersistencePassKit.h"
+#include "PersistenceDb.h"
+#include "TestClock.h"
 
 #include <atomic>
-#include <chrono>
-#include <thread>
 
 using namespace talvortest;
 
 namespace {
 
-// Records, at the first write of a pass, what m_bStorageCMD said then.
-class CommandAtFirstWrite : public CTalvorFileIO {
-public:
-    explicit CommandAtFirstWrite(LPSYSTEMFILEHEAD lpHead) : m_lpHead(lpHead) {}
-    ssize_t PWrite(int fd, const void* lpBuf, size_t nSize, off_t nOffset) override
-    {
-        if (m_nFirst.load() < 0) m_nFirst = m_lpHead->m_bStorageCMD;
-        return CTalvorFileIO::PWrite(fd, lpBuf, nSize, nOffset);
-    }
-    LPSYSTEMFILEHEAD m_lpHead;
-    std::atomic<int> m_nFirst{-1};
-};
-
-bool WaitFor(std::function<bool()> fn, int nMs)
-{
-    for (int i = 0; i < nMs; i++) {
-        if (fn()) return true;
-        usleep(1000);
-    }
-    return fn();
-}
-
 class StorageThread : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(m_db.MakeDatabase());
-        ASSERT_EQ(S_OK, m_db.Start());
-        m_db.PrepareFiles();
-        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+        m_db.MakeStartAndSave();
+        if (HasFatalFailure()) return;
         CBreltMemStorageModule& m = m_db.Module();
         m.m_hStorageEvent = CreateEventSem(nullptr, SEMNAME_STORAGEEVENT);
     }
@@ -69,6 +44,10 @@ protected:
     }
     PersistenceDb m_db;
     bool m_bStarted = false;
+    // The layer outlives the storage thread, which may be inside it when
+    // the test's scope puts the plain one back.
+    FaultFileIO m_io;
+    std::atomic<int> m_nFirstWriteCommand{-1};
 };
 
 } // namespace
@@ -88,7 +67,7 @@ TEST_F(StorageThread, PassOnCommandTwoIsAnsweredWith32AfterTheCommit)
     Change(5);
     long long ts = m_db.Head()->m_nEndTimestamp;
     m_db.Head()->m_bStorageCMD = 2;
-    ASSERT_TRUE(WaitFor([&] { return m_db.Head()->m_bStorageCMD == 32; }, 5000));
+    ASSERT_TRUE(WaitUntil([&] { return m_db.Head()->m_bStorageCMD == 32; }, 5000));
     EXPECT_EQ(ts, Val(m_db.Head()->m_nBeginTimestamp));
     EXPECT_EQ(ts, m_db.CommittedOnDisk());
 }
@@ -97,11 +76,16 @@ TEST_F(StorageThread, FileCommandIsAnsweredWith32BeforeThePassThatFollows)
 {
     StartThread(300);
     Change(6);
-    CommandAtFirstWrite io(m_db.Head());
-    ScopedFileIO scope(&io);
+    // What m_bStorageCMD says at the first write of the pass.
+    LPSYSTEMFILEHEAD lpHead = m_db.Head();
+    std::atomic<int>* pFirst = &m_nFirstWriteCommand;
+    m_io.OnCall(FileOp::PWrite, [lpHead, pFirst](long long nNth) {
+        if (nNth == 1) *pFirst = lpHead->m_bStorageCMD;
+    });
+    ScopedFileIO scope(&m_io);
     m_db.Head()->m_bStorageCMD = 1;
-    ASSERT_TRUE(WaitFor([&] { return m_db.Head()->m_nBeginTimestamp == m_db.Head()->m_nEndTimestamp; }, 5000));
-    EXPECT_EQ(32, io.m_nFirst.load());
+    ASSERT_TRUE(WaitUntil([&] { return m_db.Head()->m_nBeginTimestamp == m_db.Head()->m_nEndTimestamp; }, 5000));
+    EXPECT_EQ(32, m_nFirstWriteCommand.load());
 }
 
 TEST_F(StorageThread, ForbidFlagsHoldEverythingOffButAClusterCommand)
@@ -122,10 +106,10 @@ TEST_F(StorageThread, ForbidFlagsHoldEverythingOffButAClusterCommand)
     usleep(100000);
     EXPECT_EQ(2, Val(m_db.Head()->m_bStorageCMD));
     lpCmd->m_bCommandType = 40;
-    ASSERT_TRUE(WaitFor([&] { return lpCmd->m_bCommandType == 1; }, 2000));
+    ASSERT_TRUE(WaitUntil([&] { return lpCmd->m_bCommandType == 1; }, 2000));
     EXPECT_EQ(1, Val(lpCmd->m_bResult));
     EXPECT_EQ(0, Val(lpCmd->m_bForbidSaveFlag));
-    ASSERT_TRUE(WaitFor([&] { return m_db.Head()->m_bStorageCMD == 32; }, 5000));
+    ASSERT_TRUE(WaitUntil([&] { return m_db.Head()->m_bStorageCMD == 32; }, 5000));
     EXPECT_EQ(+m_db.Head()->m_nEndTimestamp, Val(m_db.Head()->m_nBeginTimestamp));
 }
 
@@ -134,6 +118,6 @@ TEST_F(StorageThread, IntervalPassCommitsWithoutACommand)
     StartThread(1);
     Change(8);
     long long ts = m_db.Head()->m_nEndTimestamp;
-    ASSERT_TRUE(WaitFor([&] { return m_db.Head()->m_nBeginTimestamp == ts; }, 3000));
+    ASSERT_TRUE(WaitUntil([&] { return m_db.Head()->m_nBeginTimestamp == ts; }, 3000));
     EXPECT_EQ(ts, m_db.CommittedOnDisk());
 }

@@ -2,7 +2,7 @@
 // its limits into the system head (one table, an ini in and a field out),
 // the write-back, and where the system file is looked for.
 #include "BreltMemStorage.h"
-#include "MemoryStorageTestKit.h"
+#include "DatabaseKit.h"
 
 #include <gtest/gtest.h>
 
@@ -172,9 +172,9 @@ protected:
         ASSERT_TRUE(m_pModule->ReadSysConfigParam(nullptr, Head()));
     }
     LPSYSTEMFILEHEAD Head() { return (LPSYSTEMFILEHEAD)m_vHead.data(); }
-    std::string Ini() { return ReadAll(m_tree.IniPath()); }
+    std::string Ini() { return ReadWholeFile(m_tree.IniPath()); }
 
-    TempTree m_tree;
+    DatabaseDir m_tree;
     std::vector<BYTE> m_vHead;
     std::unique_ptr<CBreltMemStorageModule> m_pModule;
 };
@@ -293,18 +293,18 @@ TEST_F(SystemFileConfig, SystemFileIsFoundUnderTheDatabaseDirectory)
     EXPECT_EQ(m_tree.Dir() + "System.dbf", std::string(szPath));
     EXPECT_STREQ("Global\\TalvorSysFile", szName);
 
-    WriteAll(m_tree.IniPath(), "[System]\r\ndatabasepath=/srv/db\r\nsystemfile=Main.dbf\r\n");
+    WriteWholeFile(m_tree.IniPath(), "[System]\r\ndatabasepath=/srv/db\r\nsystemfile=Main.dbf\r\n");
     TalvorConfigInit(m_tree.IniPath().c_str());
     stModule.GetSystemFilePath(nullptr, szPath, szName);
     EXPECT_STREQ("/srv/db/Main.dbf", szPath);  // a "/" is added
 
-    WriteAll(m_tree.IniPath(), "[System]\r\ndatabasepath=/srv/db/\r\nsystemfile=/elsewhere/S.dbf\r\n");
+    WriteWholeFile(m_tree.IniPath(), "[System]\r\ndatabasepath=/srv/db/\r\nsystemfile=/elsewhere/S.dbf\r\n");
     TalvorConfigInit(m_tree.IniPath().c_str());
     stModule.GetSystemFilePath(nullptr, szPath, szName);
     EXPECT_STREQ("/elsewhere/S.dbf", szPath);
 
     // With no directory configured: two levels above the program, Data/Talvor/.
-    WriteAll(m_tree.IniPath(), "[System]\r\nLanguage=0\r\n");
+    WriteWholeFile(m_tree.IniPath(), "[System]\r\nLanguage=0\r\n");
     TalvorConfigInit(m_tree.IniPath().c_str());
     char szExe[MAX_PATH] = {0};
     ASSERT_GT(readlink("/proc/self/exe", szExe, sizeof(szExe) - 1), 0);
@@ -321,12 +321,12 @@ TEST_F(SystemFileConfig, InstallFormFallsBackToTheUsualRuleWithoutACopyBesideThe
     CBreltMemStorageModule stModule;
     char szPath[MAX_PATH], szName[64], szDir[256] = {0}, szDb[] = "Talvor";
     // No system file in the program's default directory here.
-    WriteAll(m_tree.IniPath(), "[System]\r\ndatabasepath=/srv/db\r\nsystemfile=Main.dbf\r\n");
+    WriteWholeFile(m_tree.IniPath(), "[System]\r\ndatabasepath=/srv/db\r\nsystemfile=Main.dbf\r\n");
     TalvorConfigInit(m_tree.IniPath().c_str());
     stModule.GetSystemFilePath(nullptr, szPath, szName, szDir, szDb);
     EXPECT_STREQ("/srv/db/Main.dbf", szPath);
     EXPECT_STREQ("", szDir);
     EXPECT_STREQ("Global\\TalvorSysFile", szName);
-    EXPECT_NE(std::string::npos, ReadAll(m_tree.IniPath()).find("databasepath=/srv/db\r\n"));
+    EXPECT_NE(std::string::npos, ReadWholeFile(m_tree.IniPath()).find("databasepath=/srv/db\r\n"));
     m_tree.WriteIni("");
 }

@@ -4,7 +4,7 @@
 // rows of a moved database.
 #include "BreltMemStorage.h"
 #include "ModuleTestKit.h"
-#include "MemoryStorageTestKit.h"
+#include "DatabaseKit.h"
 #include "TalvorFlashback.h"
 
 #include <gtest/gtest.h>
@@ -51,7 +51,7 @@ protected:
             stRow.m_nLoadSize = -7;
             vRows.push_back(stRow);
             if (s.m_bFileNo != 1 && s.m_bDrop == 0) {
-                EXPECT_TRUE(WriteAll(PathOf(s), MakeFileBytes(s.m_bFileType, s.m_bFileNo, s.m_nSize, 0)));
+                EXPECT_TRUE(WriteWholeFile(PathOf(s), MakeFileBytes(s.m_bFileType, s.m_bFileNo, s.m_nSize, 0)));
             }
         }
         DBSYSFILEPLAN stPlan;
@@ -61,7 +61,7 @@ protected:
                                       DB_SYSTEMFILE_SIZE));
         m_nFirstBlock = stPlan.m_nBlockStartOffset;
         m_nListBlockSize = nListBlockSize;
-        EXPECT_TRUE(WriteAll(SystemPath(), strSystem));
+        EXPECT_TRUE(WriteWholeFile(SystemPath(), strSystem));
         return strSystem;
     }
     std::string PathOf(const RowPlan& s)
@@ -99,7 +99,7 @@ protected:
     }
     void TearDown() override { Stop(); }
 
-    TempTree m_tree;
+    DatabaseDir m_tree;
     std::unique_ptr<CBreltMemStorageModule> m_pModule;
     TALVORCRITICALSECTION m_stCrit;
     long long m_nFirstBlock = 0;
@@ -182,7 +182,7 @@ TEST_F(SystemFileList, RecordSizeOtherThan348StopsTheStartBeforeAnyLoad)
     for (BYTE n = 2; n <= 5; n++) vPlans.push_back({n, FILETYPE_DATA, 1 * MIB});
     std::string strSystem = MakeDatabase(vPlans, 1024);
     BlockOf(strSystem, 2)->m_nBlockDataStructSize = 340;  // the free chain's block
-    ASSERT_TRUE(WriteAll(SystemPath(), strSystem));
+    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
     EXPECT_EQ(E_FAIL, Start());
     for (BYTE n = 2; n <= 5; n++) EXPECT_FALSE(SegmentExists(n));
     std::string strTrace = m_tree.Trace();
@@ -196,7 +196,7 @@ TEST_F(SystemFileList, BlockOfAnotherObjectStopsTheStart)
     std::string strSystem = MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE}, {2, FILETYPE_DATA, 1 * MIB}},
                                          DB_SYSTEMFILE_LISTBLOCK_SIZE);
     BlockOf(strSystem, 0)->m_nObjectID = 9;
-    ASSERT_TRUE(WriteAll(SystemPath(), strSystem));
+    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
     EXPECT_EQ(E_FAIL, Start());
     EXPECT_TRUE(m_tree.Traced("10030001 LoadMemDBFileData The object representation of the data block is "
                               "incorrect, required value: 1, actual value: 9"));
@@ -211,7 +211,7 @@ TEST_F(SystemFileList, ChainThatLoopsIsRefusedBeforeAnyRowIsRead)
     // The full chain is entries 0 -> 1 -> 2; the last one now points back.
     long long nMap = lpHead->m_nBlockMapStartOffset;
     ((LPBASEFILEBLOCKMAP)&strSystem[DbMapEntryOffset(nMap, 2)])->m_nNextOffset = DbMapEntryOffset(nMap, 1);
-    ASSERT_TRUE(WriteAll(SystemPath(), strSystem));
+    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
     EXPECT_EQ(E_FAIL, Start());
     EXPECT_EQ(nullptr, m_pModule->m_pStorageInfo);
     std::string strTrace = m_tree.Trace();
@@ -227,7 +227,7 @@ TEST_F(SystemFileList, EntryOrBlockOutsideTheFileIsRefused)
     LPBASEFILEOBJECTDEF lpObject = DbFileListObject((LPSYSTEMFILEHEAD)&strSystem[0]);
     long long nEntry = lpObject->m_nFreeBlockMapOffset;
     lpObject->m_nFreeBlockMapOffset = DB_SYSTEMFILE_SIZE - 10;
-    ASSERT_TRUE(WriteAll(SystemPath(), strSystem));
+    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
     EXPECT_EQ(E_FAIL, Start());
     EXPECT_TRUE(m_tree.Traced("10020030 InitSysEnvironment A map entry of the file list lies outside the system "
                               "file, path: " + SystemPath() + ", map entry offset: 4194294, file size: 4194304"));
@@ -235,7 +235,7 @@ TEST_F(SystemFileList, EntryOrBlockOutsideTheFileIsRefused)
 
     lpObject->m_nFreeBlockMapOffset = nEntry;
     ((LPBASEFILEBLOCKMAP)&strSystem[nEntry])->m_nBlockOffset = DB_SYSTEMFILE_SIZE - 32;
-    ASSERT_TRUE(WriteAll(SystemPath(), strSystem));
+    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
     EXPECT_EQ(E_FAIL, Start());
     EXPECT_TRUE(m_tree.Traced("10020032 InitSysEnvironment A block of the file list lies outside the system file"));
 }
@@ -245,7 +245,7 @@ TEST_F(SystemFileList, RowsThatOverrunTheirBlockAreRefused)
     std::string strSystem = MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE}, {2, FILETYPE_DATA, 1 * MIB}},
                                          1024);
     BlockOf(strSystem, 0)->m_nDataNum = 3;  // 64 + 3 * 348 > 1024
-    ASSERT_TRUE(WriteAll(SystemPath(), strSystem));
+    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
     EXPECT_EQ(E_FAIL, Start());
     EXPECT_EQ(nullptr, m_pModule->m_pStorageInfo);
     EXPECT_TRUE(m_tree.Traced("10030003 LoadMemDBFileData The records of the data block do not fit in it"));
@@ -259,7 +259,7 @@ TEST_F(SystemFileList, FileNumberUsedTwiceIsRefused)
                                          DB_SYSTEMFILE_LISTBLOCK_SIZE);
     LPSYSTEMBLOCKHEAD lpBlock = BlockOf(strSystem, 0);
     ((LPFILE_MEMDBFILEINFO)((LPBYTE)lpBlock + lpBlock->m_nBlockHeadSize))[2].m_bFileNo = 2;
-    ASSERT_TRUE(WriteAll(SystemPath(), strSystem));
+    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
     EXPECT_EQ(E_FAIL, Start());
     EXPECT_TRUE(m_tree.Traced("10030004 LoadMemDBFileData The file number of a row of the data block is invalid or "
                               "used twice, file number: 2"));
@@ -270,7 +270,7 @@ TEST_F(SystemFileList, NoFileListObjectMeansNoFiles)
     std::string strSystem = MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE}, {2, FILETYPE_DATA, 1 * MIB}},
                                          DB_SYSTEMFILE_LISTBLOCK_SIZE);
     DbFileListObject((LPSYSTEMFILEHEAD)&strSystem[0])->m_nID = 0;
-    ASSERT_TRUE(WriteAll(SystemPath(), strSystem));
+    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
     ASSERT_EQ(S_OK, Start());
     EXPECT_EQ(nullptr, m_pModule->m_pStorageInfo);
 }
@@ -297,7 +297,7 @@ TEST_F(SystemFileList, MovedRowsAreRewrittenAndTheBlockReachesTheDisk)
     LPSYSTEMBLOCKHEAD lpBlock = BlockOf(strSystem, 0);
     LPFILE_MEMDBFILEINFO lpRows = (LPFILE_MEMDBFILEINFO)((LPBYTE)lpBlock + lpBlock->m_nBlockHeadSize);
     for (int i = 2; i <= 4; i++) lpRows[i].m_bDropFlag = 0;
-    ASSERT_TRUE(WriteAll(SystemPath(), strSystem));
+    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
     m_pModule.reset(new CBreltMemStorageModule());
     InitThreadCritSection(&m_stCrit);
     ASSERT_EQ(S_OK, m_pModule->InitSysEnvironment(&m_stCrit, TRUE, FALSE));
@@ -315,7 +315,7 @@ TEST_F(SystemFileList, MovedRowsAreRewrittenAndTheBlockReachesTheDisk)
     size_t nKeep = 255 - std::max(strNew.size(), strOld.size());
     EXPECT_EQ(strNew + std::string(std::min<size_t>(240, nKeep), 'x'), strLong);
     // The block on disk is the block in the image.
-    std::string strDisk = ReadAll(SystemPath());
+    std::string strDisk = ReadWholeFile(SystemPath());
     EXPECT_EQ(0, memcmp(strDisk.data() + m_nFirstBlock, lpLive, (size_t)lpLive->m_nBlockSize));
     // Outside the block nothing changed on disk.
     EXPECT_EQ(0, memcmp(strDisk.data(), strSystem.data(), (size_t)m_nFirstBlock));

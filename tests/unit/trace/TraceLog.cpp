@@ -8,8 +8,9 @@
 #include <fcntl.h>
 #include <map>
 #include <sys/stat.h>
+#include <thread>
 
-using namespace tracetest;
+using namespace talvortest;
 
 namespace {
 
@@ -41,7 +42,7 @@ TEST_F(TraceLog, LineIsTitleThenTextAfterTheHead)
 
     std::vector<std::string> files = Series("TalvorStorage");
     ASSERT_EQ(1u, files.size());
-    std::string strFile = ReadFile(files[0]);
+    std::string strFile = ReadWholeFile(files[0]);
     ASSERT_EQ(0, strFile.compare(0, 3, "\xEF\xBB\xBF"));
     EXPECT_EQ(0, strFile.compare(3, 10, "Nodename: ")) << strFile;
     EXPECT_NE(std::string::npos, strFile.find("\r\nSystem: Linux\r\nHardware: "));
@@ -167,7 +168,7 @@ TEST_F(TraceLog, FileSwitchesAtTheSizeLimitAndLosesNothing)
     ASSERT_GE(files.size(), 10u);
     int nCode = 0;
     for (size_t i = 0; i < files.size(); i++) {
-        std::string strBody = BodyOf(ReadFile(files[i]));
+        std::string strBody = BodyOf(ReadWholeFile(files[i]));
         if (i + 1 < files.size()) {
             EXPECT_GE((int)strBody.size(), nMax) << files[i];
             EXPECT_LT((int)strBody.size(), nMax + 200) << files[i];
@@ -211,7 +212,7 @@ TEST_F(TraceLog, UnwritableLogDirectoryIsToldOnceAndTracingGoesOn)
 {
     // A file where the database directory should be: nothing below it can
     // be made, not even by root.
-    WriteFile(m_strRoot + "/blocked", "x");
+    WriteWholeFile(m_strRoot + "/blocked", "x");
     UseIni("[System]\r\ndatabasepath=" + m_strRoot + "/blocked/\r\n");
     ASSERT_TRUE(InitLogSystem());
     fflush(stderr);
@@ -229,7 +230,7 @@ TEST_F(TraceLog, UnwritableLogDirectoryIsToldOnceAndTracingGoesOn)
     close(fdSaved);
     close(fdErr);
     ASSERT_TRUE(bDrained);
-    std::string strErr = ReadFile(strErrPath);
+    std::string strErr = ReadWholeFile(strErrPath);
     size_t nFirst = strErr.find("cannot write the trace file");
     ASSERT_NE(std::string::npos, nFirst) << strErr;
     EXPECT_EQ(std::string::npos, strErr.find("cannot write the trace file", nFirst + 1)) << strErr;

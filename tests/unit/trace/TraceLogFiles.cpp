@@ -4,9 +4,10 @@
 
 #include <fcntl.h>
 #include <regex>
+#include <thread>
 #include <sys/stat.h>
 
-using namespace tracetest;
+using namespace talvortest;
 
 namespace {
 
@@ -33,7 +34,7 @@ protected:
     // The next coarse file-time tick, so that ctimes differ.
     static void NextTick() { std::this_thread::sleep_for(std::chrono::milliseconds(15)); }
 
-    bool Exists(const std::string& strName) const { return access((LogDir() + strName).c_str(), F_OK) == 0; }
+    bool Exists(const std::string& strName) const { return PathExists(LogDir() + strName); }
 };
 
 TEST_F(TraceLogFiles, CountOverFiftyRemovesTheOldestByChangeTime)
@@ -126,9 +127,9 @@ TEST_F(TraceLogFiles, NameClashWithinOneSecondTakesTheNextName)
     // Retry until all three fall into one second.
     for (int nTry = 0; nTry < 5; nTry++) {
         ASSERT_TRUE(TraceBuildFileName(LogDir().c_str(), "TalvorStorage", szFirst, sizeof(szFirst)));
-        WriteFile(szFirst, "earlier content");
+        WriteWholeFile(szFirst, "earlier content");
         ASSERT_TRUE(TraceBuildFileName(LogDir().c_str(), "TalvorStorage", szSecond, sizeof(szSecond)));
-        WriteFile(szSecond, "x");
+        WriteWholeFile(szSecond, "x");
         ASSERT_TRUE(TraceBuildFileName(LogDir().c_str(), "TalvorStorage", szThird, sizeof(szThird)));
         std::string strFirst = szFirst;
         if (std::string(szThird).compare(0, strFirst.size() - 4, strFirst, 0, strFirst.size() - 4) == 0) break;
@@ -143,7 +144,7 @@ TEST_F(TraceLogFiles, NameClashWithinOneSecondTakesTheNextName)
     CTalvorAppendFile* pFile = TraceOpenNewFile(szThird);
     ASSERT_NE(nullptr, pFile);
     ASSERT_TRUE(CTalvorAppendFile::Close(pFile));
-    EXPECT_EQ("earlier content", ReadFile(szFirst));
+    EXPECT_EQ("earlier content", ReadWholeFile(szFirst));
     struct stat st;
     ASSERT_EQ(0, stat(szThird, &st));
     EXPECT_EQ(0666u, st.st_mode & 0777);
@@ -161,7 +162,7 @@ TEST_F(TraceLogFiles, HeadsOfBothSeries)
     ASSERT_NE(nullptr, pFile);
     TraceWriteServiceHead(pFile, 4321);
     ASSERT_TRUE(CTalvorAppendFile::Close(pFile));
-    std::string strHead = ReadFile(strPath);
+    std::string strHead = ReadWholeFile(strPath);
     std::regex reService(
         "\xEF\xBB\xBF"
         R"(Service processid:4321\r\nNodename: [^\r]*\r\nSystem: Linux\r\nHardware: [^\r]*\r\nVersion: [^\r]*, [^\r]*\r\n)"
@@ -173,7 +174,7 @@ TEST_F(TraceLogFiles, HeadsOfBothSeries)
     ASSERT_NE(nullptr, pFile);
     TraceWriteStorageHead(pFile);
     ASSERT_TRUE(CTalvorAppendFile::Close(pFile));
-    strHead = ReadFile(strPath);
+    strHead = ReadWholeFile(strPath);
     std::regex reStorage("\xEF\xBB\xBF"
                          R"(Nodename: [^\r]*\r\nSystem: Linux\r\n[\s\S]*Procs: \d+\r\n\r\n\r\n)"
                          R"(Timestamp Thread Level Code FuncationName Description)");

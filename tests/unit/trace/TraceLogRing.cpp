@@ -7,8 +7,9 @@
 
 #include <random>
 #include <sys/shm.h>
+#include <thread>
 
-using namespace tracetest;
+using namespace talvortest;
 
 namespace {
 
@@ -138,7 +139,7 @@ TEST_F(TraceLogRing, StreamAcrossWrapsEqualsTheFileBody)
     m_pLog->StopTraceThreads(30);
     std::vector<std::string> files = Series("TalvorService");
     ASSERT_EQ(1u, files.size());
-    std::string strFile = ReadFile(files[0]);
+    std::string strFile = ReadWholeFile(files[0]);
     const std::string strStart = "\xEF\xBB\xBFService processid:4242\r\nNodename: ";
     ASSERT_EQ(0, strFile.compare(0, strStart.size(), strStart)) << strFile.substr(0, 60);
     std::string strBody = BodyOf(strFile);
@@ -162,7 +163,7 @@ TEST_F(TraceLogRing, RestartedEngineStartsItsMarkInTheSameFile)
     ASSERT_TRUE(m_pLog->CopyTraceRing());
     std::vector<std::string> files = Series("TalvorService");
     ASSERT_EQ(1u, files.size());
-    std::string strFile = ReadFile(files[0]);
+    std::string strFile = ReadWholeFile(files[0]);
     EXPECT_NE(std::string::npos, strFile.find("Service processid:111\r\n"));
     EXPECT_EQ("first engine\r\n\r\n\r\nService processid:222\r\nsecond engine", BodyOf(strFile));
 }
@@ -240,7 +241,7 @@ TEST_F(TraceLogRing, EngineFileSwitchesOnlyOnAPassOverTheWrap)
     }
     std::vector<std::string> files = Series("TalvorService");
     ASSERT_EQ(2u, files.size());
-    EXPECT_GT(BodyOf(ReadFile(files[0])).size(), 1000000u);
+    EXPECT_GT(BodyOf(ReadWholeFile(files[0])).size(), 1000000u);
     EXPECT_EQ(strData, SeriesBody("TalvorService"));
     EXPECT_TRUE(HasText(DaemonLines(), 20010007, "switched the log file! File path: " + files[0]));
 }
@@ -281,7 +282,7 @@ TEST_F(TraceLogRing, SegmentInUseOfAnotherSizeIsTakenWithinItsBounds)
 
 TEST_F(TraceLogRing, CopierWithoutAWritableDirectoryConsumesNothingAndSaysItOnce)
 {
-    WriteFile(m_strRoot + "/blocked", "x");
+    WriteWholeFile(m_strRoot + "/blocked", "x");
     UseIni("[System]\r\ndatabasepath=" + m_strRoot + "/blocked/\r\n");
     ASSERT_TRUE(m_pLog->Init());
     OpenRings();

@@ -1,19 +1,17 @@
-// PersistencePassKit.h — what the persistence tests share: a database of
-// one file of each memory-mode type run by a module of its own (no storage
+// PersistenceDb.h — what the persistence tests share: a database of one
+// file of each memory-mode type run by a module of its own (no storage
 // thread), the engine's changes made with the stand-in's own code and kept
-// in a journal, the check of the files on disk against that journal, and
-// the file layer twin that fails writes or loses power.
+// in a journal, and the check of the files on disk against that journal.
 #pragma once
 
-#include "PeerJournal.h"
-#include "ModuleTestKit.h"
 #include "BreltMemStorage.h"
-#include "MemoryStorageTestKit.h"
+#include "DatabaseKit.h"
+#include "ModuleTestKit.h"
+#include "PeerJournal.h"
 #include "TalvorFlashback.h"
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <map>
 #include <memory>
 #include <random>
@@ -21,88 +19,6 @@
 #include <vector>
 
 namespace talvortest {
-
-// Fails writes on demand and can "lose power": every write to a file not
-// opened O_SYNC or O_DSYNC is undone unless an fsync of that file followed
-// it. An O_DIRECT write without O_SYNC counts as not synced: it may sit in
-// the drive's cache until a flush.
-class PowerLossFileIO : public CTalvorFileIO {
-public:
-    ssize_t PWrite(int fd, const void* lpBuf, size_t nSize, off_t nOffset) override
-    {
-        long long n = ++m_nWrites;
-        if (n == m_nFailOne || (m_nFailFrom > 0 && n >= m_nFailFrom)) {
-            errno = EIO;
-            return -1;
-        }
-        int nFlags = fcntl(fd, F_GETFL);
-        if ((nFlags & O_DSYNC) == 0) {  // O_SYNC includes O_DSYNC
-            Undo u;
-            u.m_fd = fd;
-            struct stat st;
-            fstat(fd, &st);
-            u.m_nInode = st.st_ino;
-            u.m_nOffset = nOffset;
-            // The old bytes go through a plain descriptor of the same file:
-            // the writer's may be O_DIRECT, and gone by the power loss.
-            char szLink[64], szPath[512] = {0};
-            snprintf(szLink, sizeof(szLink), "/proc/self/fd/%d", fd);
-            ssize_t nLink = readlink(szLink, szPath, sizeof(szPath) - 1);
-            u.m_strPath.assign(szPath, nLink > 0 ? (size_t)nLink : 0);
-            u.m_strOld.assign(nSize, '\0');
-            int fdOld = open(u.m_strPath.c_str(), O_RDONLY | O_CLOEXEC);
-            ssize_t nOld = fdOld >= 0 ? pread(fdOld, &u.m_strOld[0], nSize, nOffset) : -1;
-            if (fdOld >= 0) close(fdOld);
-            u.m_strOld.resize(nOld > 0 ? (size_t)nOld : 0);
-            m_vUndo.push_back(u);
-        }
-        return CTalvorFileIO::PWrite(fd, lpBuf, nSize, nOffset);
-    }
-    int FSync(int fd) override
-    {
-        if (m_nFailFrom > 0 && m_nWrites >= m_nFailFrom - 1 && m_bSyncFailsAfterLoss) {
-            errno = EIO;
-            return -1;
-        }
-        int rc = CTalvorFileIO::FSync(fd);
-        if (rc == 0) {
-            std::vector<Undo> vKeep;
-            // A sync covers the file, whichever descriptor wrote it.
-            struct stat stSync;
-            fstat(fd, &stSync);
-            for (Undo& u : m_vUndo)
-                if (u.m_nInode != stSync.st_ino) vKeep.push_back(u);
-            m_vUndo.swap(vKeep);
-        }
-        return rc;
-    }
-    // Drops every write not yet synced, newest first.
-    void LosePower()
-    {
-        for (auto it = m_vUndo.rbegin(); it != m_vUndo.rend(); ++it) {
-            int fd = open(it->m_strPath.c_str(), O_WRONLY | O_CLOEXEC);
-            if (fd < 0) continue;
-            ssize_t n = pwrite(fd, it->m_strOld.data(), it->m_strOld.size(), it->m_nOffset);
-            (void)n;
-            close(fd);
-        }
-        m_vUndo.clear();
-    }
-    long long m_nWrites = 0;
-    long long m_nFailOne = 0;    // this write (from 1) fails alone
-    long long m_nFailFrom = 0;   // this write and all after it fail
-    bool m_bSyncFailsAfterLoss = true;
-
-private:
-    struct Undo {
-        int m_fd;
-        ino_t m_nInode;
-        std::string m_strPath;
-        off_t m_nOffset;
-        std::string m_strOld;
-    };
-    std::vector<Undo> m_vUndo;
-};
 
 // A database of the system file and files 2 (data), 3 (B-tree), 4 (KV),
 // loaded into a module of the test's own.
@@ -133,7 +49,7 @@ public:
             stRow.m_nFileSize = nFileNo == 1 ? DB_SYSTEMFILE_SIZE : m_nFileSize;
             stRow.m_nMaxObjectNum = 64;
             vRows.push_back(stRow);
-            if (nFileNo > 1 && !WriteAll(PathOf(nFileNo), MakeFileBytes((BYTE)nFileNo, (BYTE)nFileNo, m_nFileSize, 0)))
+            if (nFileNo > 1 && !WriteWholeFile(PathOf(nFileNo), MakeFileBytes((BYTE)nFileNo, (BYTE)nFileNo, m_nFileSize, 0)))
                 return false;
         }
         DBSYSFILEPLAN stPlan;
@@ -142,7 +58,17 @@ public:
         if (!DbBuildSystemFile(stPlan, vRows.data(), 0x77, "Db", m_tree.Dir().c_str(), (LPBYTE)&strSystem[0],
                                DB_SYSTEMFILE_SIZE))
             return false;
-        return WriteAll(SystemPath(), strSystem);
+        return WriteWholeFile(SystemPath(), strSystem);
+    }
+
+    // Made, loaded, blocks prepared in every file and saved by one pass:
+    // where most tests begin. A failure is fatal to the test.
+    void MakeStartAndSave()
+    {
+        ASSERT_TRUE(MakeDatabase());
+        ASSERT_EQ(S_OK, Start());
+        PrepareFiles();
+        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, Pass());
     }
 
     // Loads the database as the daemon does at start (segments that exist
@@ -224,7 +150,7 @@ public:
     // --- The disk.
     long long CommittedOnDisk() const
     {
-        std::string s = ReadAll(SystemPath());
+        std::string s = ReadWholeFile(SystemPath());
         if (s.size() < sizeof(SYSTEMFILEHEAD)) return -1;
         return Val(((LPSYSTEMFILEHEAD)&s[0])->m_nBeginTimestamp);
     }
@@ -234,14 +160,14 @@ public:
         const BYTE* arFiles[256] = {nullptr};
         long long arSizes[256] = {0};
         for (int n = 2; n <= 4; n++) {
-            vFiles[(size_t)n] = ReadAll(PathOf(n));
+            vFiles[(size_t)n] = ReadWholeFile(PathOf(n));
             arFiles[n] = (const BYTE*)vFiles[(size_t)n].data();
             arSizes[n] = (long long)vFiles[(size_t)n].size();
         }
         return talvorpeer::PeerCheckFiles(m_vJournal, nCommitted, arFiles, arSizes);
     }
 
-    TempTree m_tree;
+    DatabaseDir m_tree;
     long long m_nFileSize;
     int m_nBlocks;
     std::unique_ptr<CBreltMemStorageModule> m_pModule;
