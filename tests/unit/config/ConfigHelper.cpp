@@ -318,8 +318,9 @@ TEST_F(ConfigTest, FailedRewriteLeavesTheOldFileWholeAndNoTemporary)
 {
     const std::string text = "[S]\na=1\nb=2\n";
     ASSERT_TRUE(Load(text));
-    // A full disk, a failing sync, a torn first write on a dying disk.
-    for (int mode = 0; mode < 3; mode++) {
+    // A full disk, a failing sync, a torn first write on a dying disk, and
+    // a rename the file system refuses.
+    for (int mode = 0; mode < 4; mode++) {
         FaultFileIO io;
         if (mode == 0) io.FailCall(FileOp::PWrite, 1, ENOSPC, FAULT_ALWAYS);
         if (mode == 1) io.FailCall(FileOp::FSync, 1, EIO, FAULT_ALWAYS);
@@ -327,6 +328,7 @@ TEST_F(ConfigTest, FailedRewriteLeavesTheOldFileWholeAndNoTemporary)
             io.CutWrite(1, 4);
             io.FailCall(FileOp::PWrite, 2, ENOSPC, FAULT_ALWAYS);
         }
+        if (mode == 3) io.FailCall(FileOp::Rename, 1, EIO, FAULT_ALWAYS);
         bool bSet;
         {
             ScopedFileIO scope(&io);
@@ -340,6 +342,39 @@ TEST_F(ConfigTest, FailedRewriteLeavesTheOldFileWholeAndNoTemporary)
     // The next write that succeeds brings the file up to date.
     ASSERT_TRUE(TalvorConfigSetValueString("S", "b", "3"));
     EXPECT_EQ(Disk(), "[S]\na=1\nb=3\r\n");
+}
+
+// A rewrite that returned is on the medium: the power may go right after
+// it. One that failed at any step and then lost the power leaves the old
+// text or the new one, whole, and no temporary.
+TEST_F(ConfigTest, RewriteSurvivesAPowerLossAndAFailedOneLeavesOneWholeText)
+{
+    ASSERT_TRUE(Load("[S]\na=1\nb=2\n"));
+    {
+        FaultFileIO io;
+        ScopedFileIO scope(&io);
+        ASSERT_TRUE(TalvorConfigSetValueString("S", "a", "new"));
+        io.LosePower();
+    }
+    EXPECT_EQ(Disk(), "[S]\na=new\r\nb=2\n");
+    EXPECT_EQ(DirEntries().size(), 1u);
+    int nValue = 0;
+    for (FileOp eOp : {FileOp::Open, FileOp::LSeek, FileOp::PWrite, FileOp::FSync, FileOp::Close, FileOp::Rename,
+                       FileOp::SyncDirectory}) {
+        std::string strBefore = Disk();
+        std::string strValue = "v" + std::to_string(++nValue);
+        std::string strNew = "[S]\na=" + strValue + "\r\nb=2\n";
+        FaultFileIO io;
+        io.FailCall(eOp, 1, EIO);
+        {
+            ScopedFileIO scope(&io);
+            TalvorConfigSetValueString("S", "a", strValue.c_str());
+            io.LosePower();
+        }
+        std::string strAfter = Disk();
+        EXPECT_TRUE(strAfter == strBefore || strAfter == strNew) << (int)eOp << ": " << strAfter;
+        EXPECT_EQ(DirEntries().size(), 1u) << (int)eOp;
+    }
 }
 
 TEST_F(ConfigTest, RewriteKeepsModeAndFollowsSymbolicLinks)

@@ -216,6 +216,27 @@ TEST_F(FileIOTest, AppendFileEmptiesOnCreateAndAbandonDropsTheBuffer)
     EXPECT_EQ(CTalvorAppendFile::Create((m_strPath + "/no/such/dir").c_str()), nullptr);
 }
 
+// A lost piece is told, and the next lands after its place, not in it: a
+// reader of the file finds every later line where its length says.
+TEST_F(FileIOTest, AppendFileTellsALostPieceAndKeepsTheNextInItsPlace)
+{
+    std::string strPath = m_tree.Path("lossy");
+    FaultFileIO io;
+    io.FailCall(FileOp::PWrite, 1, EIO);
+    ScopedFileIO scope(&io);
+    CTalvorAppendFile* pFile = CTalvorAppendFile::Create(strPath.c_str());
+    ASSERT_NE(pFile, nullptr);
+    std::string strLost(10000, 'x');
+    EXPECT_FALSE(pFile->Append(strLost.data(), strLost.size()));
+    ASSERT_TRUE(pFile->AppendText("tail"));
+    EXPECT_EQ(10004, pFile->Size());
+    ASSERT_TRUE(CTalvorAppendFile::Close(pFile));
+    std::string strFile = ReadWholeFile(strPath);
+    ASSERT_EQ(10004u, strFile.size());
+    EXPECT_EQ("tail", strFile.substr(10000));
+    EXPECT_EQ(std::string(10000, '\0'), strFile.substr(0, 10000));
+}
+
 // --- Directories and plain files --------------------------------------------------------
 
 class MakeDirTest : public ::testing::Test {
