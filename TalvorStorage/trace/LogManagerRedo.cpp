@@ -55,7 +55,7 @@ void WriterCleanup(void* lpContext)
     // writer opens a group only when data comes again.
     LPFILE_TRACEMEMFILEHEAD pHead = (LPFILE_TRACEMEMFILEHEAD)pCtx->m_pLog->m_pLogFileAddr;
     if (pHead != nullptr) {
-        pHead->m_bReadException = 1;
+        pHead->m_bReadException = REDOREAD_EXCEPTION;
         pHead->m_nReadPos = pHead->m_nFileHeaderSize;
     }
     usleep(32000);

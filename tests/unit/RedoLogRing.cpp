@@ -70,7 +70,7 @@ TEST_F(RedoFixture, RecordThatDoesNotFitAHalfFullGroupStartsTheNextLog)
     m_pRedo->StartWriter(m_st);
     Produce(Record(3000, 1, 1));
     Pass();
-    ASSERT_EQ(0, +m_st.m_nSwitchLog);
+    ASSERT_EQ(+REDOSWITCH_OPEN, +m_st.m_nSwitchLog);
     EXPECT_EQ(50 + 3000, +m_st.m_nWriteSize);
     Produce(Record(2000, 1, 2)); // 3050 + 2000 > 4096 and the group is more than half full
     Pass();
