@@ -216,7 +216,10 @@ ConfigHelper::ConfigHelper(const char* lpFileName)
         m_pFileName.SetValue(lpFileName);
         readAndParse();
     }
-    if (!g_bConfigStaticsReady) InitializeCriticalTalvor(&m_csCriticalSection);
+    if (!g_bConfigStaticsReady) {
+        InitializeCriticalTalvor(&m_csCriticalSection);
+        TalvorSetLatchRank(&m_csCriticalSection, LATCHRANK_CONFIG);
+    }
     InitSharedMemory();
     if (!g_bConfigStaticsReady) {
         sem_t* pSem = sem_open(SEMNAME_CONFIGHELPER, O_CREAT, 0666, 1);

@@ -1,6 +1,7 @@
 // LinuxCommonAPI.cpp — latches, guards, waits, events, threads, shims.
 #include "LinuxCommonAPI.h"
 
+#include <cassert>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -91,12 +92,31 @@ void InitializeCriticalTalvor(LPTALVOR_SECTION lp)
     lp->m_nRecursionCount = 0;
     lp->m_nWaitedCount = 0;
     lp->m_nSpinCount = 0;
-    lp->m_nReserved = 0;
+    lp->m_nRank = LATCHRANK_NONE;
     lp->m_nThreadID = TALVOR_NO_OWNER;
     sem_init(&lp->m_hEvent, 0, 1);
 }
 
 void DeleteCriticalTalvor(LPTALVOR_SECTION lp) { sem_destroy(&lp->m_hEvent); }
+
+void TalvorSetLatchRank(LPTALVOR_SECTION lp, int nRank) { lp->m_nRank = nRank; }
+
+namespace {
+
+// Debug builds: every ranked latch the thread already holds (other than lp
+// itself, a recursion) ranks below lp.
+[[maybe_unused]] bool LatchOrderKept(LPTALVOR_SECTION lp, LPTALVORCRITICALSECTION lpCritSection)
+{
+    if (lp->m_nRank == LATCHRANK_NONE) return true;
+    for (int i = 0; i < lpCritSection->m_nCritPos && i < TALVOR_CRITSTACK_SIZE; i++) {
+        LPTALVOR_SECTION pHeld = lpCritSection->m_pCritStack[i];
+        if (pHeld == nullptr || pHeld == lp || pHeld->m_nRank == LATCHRANK_NONE) continue;
+        if (pHeld->m_nRank >= lp->m_nRank) return false;
+    }
+    return true;
+}
+
+} // namespace
 
 void EnterCriticalTalvor(LPTALVOR_SECTION lp, UINT nID)
 {
@@ -176,6 +196,7 @@ void TalvorCriticalRelease(LPTALVORCRITICALSECTION lpCritSection)
 CTalvorCriticalSectionPtr::CTalvorCriticalSectionPtr(LPTALVOR_SECTION lp, LPTALVORCRITICALSECTION lpCritSection)
     : m_lpcs(lp), m_lpCritStack(nullptr), m_lpCritSection(lpCritSection)
 {
+    assert(lpCritSection == nullptr || LatchOrderKept(lp, lpCritSection));
     EnterCriticalTalvor(lp, lpCritSection ? (UINT)lpCritSection->m_nThreadID : GetCurrentThreadId());
     if (lpCritSection == nullptr) return;
     // A 21st nested guard holds its latch unrecorded: the crash release

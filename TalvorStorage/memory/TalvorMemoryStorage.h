@@ -28,11 +28,6 @@ inline void TalvorSetLoadSize(LPFILEINFO pFileInfo, long long nValue)
     if (pFileInfo->m_pLoadSize != nullptr) memcpy((void*)pFileInfo->m_pLoadSize, &nValue, sizeof(nValue));
 }
 
-// SaveChange2File: the pass wrote what it could, but a block changed past
-// nTimestamp while it ran, so the file is not on disk as of nTimestamp. The
-// block stays marked; the caller must not commit and passes again later.
-inline constexpr int SAVECHANGE_PENDING = 2;
-
 class CTalvorMemoryStorage : public IVirtualStorageFile {
 public:
     CTalvorMemoryStorage();

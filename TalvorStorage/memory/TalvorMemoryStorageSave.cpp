@@ -21,6 +21,7 @@
 #include "TalvorFileIO.h"
 #include "TalvorFlashback.h"
 
+#include <cassert>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
@@ -221,6 +222,8 @@ BOOL RollBackCopy(SaveContext& c, LPBASEBLOCKHEAD lpLive, int nBlockSize)
 int WriteBlock(SaveContext& c, LPBASEBLOCKHEAD lpLive, long long nBlockOffset, int nBlockSize, int nMarkCode,
                int nWriteCode, BOOL bRollback, BOOL& bPendingBlock, BOOL& bFlashFlag)
 {
+    // The walks hand over only blocks that lie whole inside the image.
+    assert(nBlockOffset >= 0 && nBlockSize >= (int)sizeof(BLOCKHEAD) && nBlockOffset + nBlockSize <= c.m_nImageSize);
     bPendingBlock = FALSE;
     BOOL bLive = c.m_bForce || c.m_bSystem || nBlockSize > SAVE_COPY_LIMIT;
     LPBASEBLOCKHEAD lpSrc = lpLive;

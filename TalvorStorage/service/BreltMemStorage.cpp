@@ -75,6 +75,7 @@ HRESULT CBreltMemStorageModule::PreMessageLoop(int)
 {
     ResetFields();
     InitializeCriticalTalvor(&m_crit);
+    TalvorSetLatchRank(&m_crit, LATCHRANK_MODULE);
     BuildConfigPath();
 
     if (!TalvorConfigInit(m_cConfigPath)) {

@@ -139,7 +139,9 @@ CLogManager::CLogManager()
 {
     m_szServicePath[0] = '\0';
     InitializeCriticalTalvor(&m_critTrace);
+    TalvorSetLatchRank(&m_critTrace, LATCHRANK_TRACE);
     InitializeCriticalTalvor(&m_critWrite);
+    TalvorSetLatchRank(&m_critWrite, LATCHRANK_TRACEWRITE);
 }
 
 CLogManager::~CLogManager()
