@@ -108,9 +108,14 @@ namespace {
 [[maybe_unused]] bool LatchOrderKept(LPTALVOR_SECTION lp, LPTALVORCRITICALSECTION lpCritSection)
 {
     if (lp->m_nRank == LATCHRANK_NONE) return true;
-    for (int i = 0; i < lpCritSection->m_nCritPos && i < TALVOR_CRITSTACK_SIZE; i++) {
+    const int nHeld = lpCritSection->m_nCritPos < TALVOR_CRITSTACK_SIZE ? lpCritSection->m_nCritPos : TALVOR_CRITSTACK_SIZE;
+    // Taken again by its holder: a recursion waits for nobody.
+    for (int i = 0; i < nHeld; i++) {
+        if (lpCritSection->m_pCritStack[i] == lp) return true;
+    }
+    for (int i = 0; i < nHeld; i++) {
         LPTALVOR_SECTION pHeld = lpCritSection->m_pCritStack[i];
-        if (pHeld == nullptr || pHeld == lp || pHeld->m_nRank == LATCHRANK_NONE) continue;
+        if (pHeld == nullptr || pHeld->m_nRank == LATCHRANK_NONE) continue;
         if (pHeld->m_nRank >= lp->m_nRank) return false;
     }
     return true;
