@@ -163,6 +163,25 @@ enum : BYTE {
     STORAGECMD_FINISHED = 32,   // written by the daemon
 };
 
+// m_bFileCMD of a file list row: the peer process's command, then the
+// daemon's result in the same byte (0 is success).
+enum : BYTE {
+    FILECMD_NONE = 0,
+    FILECMD_ADD = 1,
+    FILECMD_MOVE = 2,
+    FILECMD_RESIZE = 3,
+    FILECMD_DELETE = 4,
+    FILECMD_ADD_OUTOFMEMORY = 247,
+    FILECMD_ADD_SYSTEMFILE = 248,
+    FILECMD_RESIZE_FAILED = 249,
+    FILECMD_MOVE_FAILED = 250,
+    FILECMD_NO_SUCH_FILE = 251,
+    FILECMD_ADD_FAILED = 252,
+    FILECMD_ADD_NAMETAKEN = 253,
+    FILECMD_PATHTAKEN = 254,
+    FILECMD_ADD_NUMBERTAKEN = 255,
+};
+
 // m_bCommandType of m_ClusterCommand.
 enum : BYTE {
     CLUSTERCMD_NONE = 0,

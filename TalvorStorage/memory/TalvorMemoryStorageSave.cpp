@@ -312,6 +312,29 @@ int WriteBlock(SaveContext& c, LPBASEBLOCKHEAD lpLive, long long nBlockOffset, i
     return STEP_OK;
 }
 
+// A block of the system file's list whose rows carry a file command, or an
+// answer the engine has not taken back yet, is not the database's list: a
+// refused add names a file that was never made, a refused move a path with
+// nothing there. Such a block stays off the disk, marked, until the engine
+// has settled its rows; the list on disk stays the one the next start can
+// open.
+BOOL FileListBlockUnsettled(const SaveContext& c, LPBASEBLOCKHEAD lpBlock, int nBlockSize)
+{
+    if (!c.m_bSystem || nBlockSize < (int)sizeof(SYSTEMBLOCKHEAD)) return FALSE;
+    const SYSTEMBLOCKHEAD* lpList = (const SYSTEMBLOCKHEAD*)lpBlock;
+    if (lpList->m_nObjectID != SYSTEMFILE_FILELIST_OBJECTID ||
+        lpList->m_nBlockDataStructSize != (int)sizeof(FILE_MEMDBFILEINFO))
+        return FALSE;
+    long long nAt = lpList->m_nBlockHeadSize;
+    int nRows = lpList->m_nDataNum;
+    for (int i = 0; i < nRows && nAt >= (long long)sizeof(SYSTEMBLOCKHEAD) &&
+                    nAt + (long long)sizeof(FILE_MEMDBFILEINFO) <= nBlockSize;
+         i++, nAt += (long long)sizeof(FILE_MEMDBFILEINFO)) {
+        if (((const FILE_MEMDBFILEINFO*)((const BYTE*)lpBlock + nAt))->m_bFileCMD != FILECMD_NONE) return TRUE;
+    }
+    return FALSE;
+}
+
 // Steps 13 to 20 for one entry of an object chain.
 int SaveChainEntry(SaveContext& c, LPBASEFILEBLOCKMAP lpEntry, BOOL& bFlashFlag)
 {
@@ -351,6 +374,7 @@ int SaveChainEntry(SaveContext& c, LPBASEFILEBLOCKMAP lpEntry, BOOL& bFlashFlag)
         return STEP_FAIL;
     }
     if (lpBlock->m_bSaveFlag == 0) return STEP_OK;
+    if (FileListBlockUnsettled(c, lpBlock, nBlockSize)) return STEP_OK;
     BOOL bPendingBlock = FALSE;
     BOOL bRollback = c.m_lpBase->m_nDataFlag == DATAFILE_DATAFLAG;
     int nResult = WriteBlock(c, lpBlock, nBlockOffset, nBlockSize, 40002030, 40002032, bRollback, bPendingBlock,

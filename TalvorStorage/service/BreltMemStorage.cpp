@@ -12,6 +12,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <pthread.h>
 #include <unistd.h>
 
 volatile sig_atomic_t g_bEixt = 0;
@@ -25,6 +27,10 @@ const int WORK_BUFFER_SIZE = 0x100000;
 const int IDLE_QUIET_LOOPS = 1000;
 // How long the stop waits for standby threads to let go of their slots.
 const int STANDBY_SLOT_WAITS = 30000;
+// How long the stop waits for the storage thread to finish what it runs. A
+// file command or a pass over a large database may take minutes; past this
+// the thread is taken to be stuck.
+const UINT STORAGE_THREAD_STOP_WAIT_MS = 600000;
 
 } // namespace
 
@@ -55,6 +61,8 @@ void CBreltMemStorageModule::ResetFields()
     memset(m_arTalvorStandby, 0, sizeof(m_arTalvorStandby));
     m_bExit = FALSE;
     m_nClusterNodeType = 0;
+    m_nStorageStopWaitMs = STORAGE_THREAD_STOP_WAIT_MS;
+    m_bStorageThreadLive = FALSE;
 }
 
 // The ini file lies beside the executable.
@@ -231,12 +239,40 @@ void CBreltMemStorageModule::IdleUntilStop()
     LogTermSignalSender();
 }
 
+BOOL CBreltMemStorageModule::WaitStorageThreadEnd(UINT nWaitMs)
+{
+    HTHREADTYPE hThread = m_hTalvorStorageThread;
+    if (hThread == 0) return TRUE;
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    long long nNanos = (long long)ts.tv_nsec + (long long)(nWaitMs % 1000) * 1000000LL;
+    ts.tv_sec += (time_t)(nWaitMs / 1000) + (time_t)(nNanos / 1000000000LL);
+    ts.tv_nsec = (long)(nNanos % 1000000000LL);
+    if (pthread_timedjoin_np(hThread, nullptr, &ts) != 0) return FALSE;
+    m_hTalvorStorageThread = 0;
+    return TRUE;
+}
+
 HRESULT CBreltMemStorageModule::StopService(LPTALVORCRITICALSECTION lpCritSection, UINT nRedoLogMaxID)
 {
     m_bExit = TRUE;
     if (m_pMemoryFileHead != nullptr) m_pMemoryFileHead->m_bForbidSaveFlag = 0;
     int nService = m_pFlashback->WaitServiceStop(lpCritSection);
     if (m_pTalvorCacheStorage != nullptr && nService == 2) m_pTalvorCacheStorage->FlushFileBlock(lpCritSection);
+    // The storage thread sees the stop flag on its own and ends after the
+    // command it runs. Until it has, its images, buffers and latch are in
+    // use: the last pass and the release wait for it. A thread that does not
+    // end keeps them; the process ends with the segments in place, and the
+    // next start takes them over.
+    if (!WaitStorageThreadEnd(m_nStorageStopWaitMs)) {
+        m_bStorageThreadLive = TRUE;
+        Trace("StopService", 1, 10010006,
+              TALVOR_TEXT("存储线程在%u毫秒内未结束:最后一次保存未执行,文件、映像和缓冲区留在内存中",
+                          "The storage thread did not end within %u ms: the last save was not run, and its files, images and buffers are left in memory"),
+              m_nStorageStopWaitMs);
+        FreeData(lpCritSection);
+        return S_OK;
+    }
     usleep(1000);
     SaveChange2File(lpCritSection, FALSE, 0, nRedoLogMaxID);
     usleep(1000);
@@ -293,25 +329,29 @@ HRESULT CBreltMemStorageModule::FreeData(LPTALVORCRITICALSECTION lpCritSection)
         delete m_pTalvorCacheStorage;
         m_pTalvorCacheStorage = nullptr;
     }
-    ReleaseFileList();
+    // What a storage thread that would not end still holds is never freed
+    // under it: the file list and its images, the system file, the work
+    // buffers, the channel, the latch, its wake-up and its crash record.
+    const BOOL bKeepHeld = m_bStorageThreadLive;
+    if (!bKeepHeld) ReleaseFileList();
     if (lpHead != nullptr)
         Trace0("TalvorStorage", 3, 10000001, TALVOR_TEXT("Talvor存储服务已停止", "Talvor storage service stopped"));
     SetLogSystemFileHead(nullptr, 0, nullptr);
     WaitForStandbySlots();
-    ReleaseSystemFile();
-
-    free(m_lpBuffer);
-    m_lpBuffer = nullptr;
-    free(m_lpHeadBuf);
-    m_lpHeadBuf = nullptr;
-    delete m_pFlashback;
-    m_pFlashback = nullptr;
-    CrashFreeThreadLists();
-
-    DeleteCriticalTalvor(&m_crit);
+    if (!bKeepHeld) {
+        ReleaseSystemFile();
+        free(m_lpBuffer);
+        m_lpBuffer = nullptr;
+        free(m_lpHeadBuf);
+        m_lpHeadBuf = nullptr;
+        delete m_pFlashback;
+        m_pFlashback = nullptr;
+        CrashFreeThreadLists();
+        DeleteCriticalTalvor(&m_crit);
+    }
     Trace0("FreeData", 3, 10010000, TALVOR_TEXT("Talvor存储服务已关闭!", "Talvor storage service closed!"));
     ExitLogSystem();
-    CloseEvent(m_hStorageEvent);
+    if (!bKeepHeld) CloseEvent(m_hStorageEvent);
     CloseEvent(m_hEvent);
     TalvorConfigClose();
     return S_OK;

@@ -575,6 +575,13 @@ BOOL InitLogSystem()
 
 void ExitLogSystem() { CLogManager::DestoryInstance(); }
 
+void FlushLogSystem()
+{
+    // Torn down already (the full stop drains on its way out): nothing left.
+    CLogManager* pLog = CLogManager::PeekInstancePtr();
+    if (pLog != nullptr) pLog->WriteAllTrace();
+}
+
 BOOL SetLogSystemFileHead(LPSYSTEMFILEHEAD lpMemoryFileHead, int nNodeType, CTalvorFlashback* pFlashback)
 {
     CLogManager* pLog = CLogManager::GetInstancePtr();
