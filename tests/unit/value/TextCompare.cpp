@@ -46,7 +46,7 @@ TEST(TalvorCompare, AgreesWithSqliteOrderUnlessAPrefix) {
             const int nPrefix = bCase ? memcmp(a.data(), b.data(), nCommon)
                                       : sqlite3_strnicmp(a.data(), b.data(), (int)nCommon);
             if (nPrefix != 0) {
-                const int nReference = bCase ? memcmp(a.c_str(), b.c_str(), a.size() + 1)
+                const int nReference = bCase ? strcmp(a.c_str(), b.c_str())
                                              : sqlite3_stricmp(a.c_str(), b.c_str());
                 ASSERT_EQ(Sign(nOurs), Sign(nReference)) << a << " | " << b << " case " << bCase;
             } else {

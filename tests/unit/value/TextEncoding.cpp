@@ -8,6 +8,7 @@
 #include <iconv.h>
 #include <openssl/crypto.h>
 
+#include <algorithm>
 #include <cstring>
 #include <cwchar>
 #include <random>
@@ -164,11 +165,11 @@ TEST(HexText, RoundTripAgainstOpenssl) {
         int nOut = (int)back.size();
         ASSERT_EQ(CharConvertHex(strMixed.data(), (int)strMixed.size(), back.data(), nOut), 0);
         ASSERT_EQ(nOut, (int)data.size());
-        ASSERT_EQ(memcmp(back.data(), data.data(), data.size()), 0);
+        ASSERT_TRUE(std::equal(data.begin(), data.end(), back.begin()));
         std::wstring wstr(strMixed.begin(), strMixed.end());
         nOut = (int)back.size();
         ASSERT_EQ(WCharConvertHex(wstr.data(), (int)wstr.size(), back.data(), nOut), 0);
-        ASSERT_EQ(memcmp(back.data(), data.data(), data.size()), 0);
+        ASSERT_TRUE(std::equal(data.begin(), data.end(), back.begin()));
     }
     BYTE arOut[4];
     int nOut = 4;
