@@ -219,11 +219,12 @@ TEST_F(ServiceStop, APassThatMetABlockAheadIsTriedAgainSoon)
     TalvorSetStorageClock(FakeClock);
     StartThread(300);
     // A committed change, and the engine inside the next transaction on a
-    // B-tree block: that block is newer than the committed timestamp, so the
-    // pass asked now cannot commit.
+    // data block whose old version is not kept: that block is newer than the
+    // committed timestamp and cannot be taken back, so the pass asked now
+    // cannot commit.
     Change(2, 40);
     long long ts = m_db.BeginTransaction();
-    m_db.ChangeRow(3, 1, 0, 41, ts);
+    m_db.ChangeRow(2, 1, 0, 41, ts);
     m_db.Head()->m_bStorageCMD = STORAGECMD_SAVE;
     ASSERT_TRUE(WaitFor([&] { return m_db.Head()->m_bStorageCMD == STORAGECMD_FINISHED; }, 5000));
     m_db.EndTransaction(ts);
