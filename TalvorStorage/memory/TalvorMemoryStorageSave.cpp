@@ -26,6 +26,7 @@
 #include <cstddef>
 #include <cstring>
 #include <fcntl.h>
+#include <initializer_list>
 #include <new>
 #include <unistd.h>
 
@@ -637,6 +638,60 @@ int SyncFile(SaveContext& c)
     return STEP_FAIL;
 }
 
+// Marks one live block for saving when it lies whole inside the image.
+void MarkBlockAt(SaveContext& c, long long nBlockOffset)
+{
+    if (nBlockOffset <= 0 || nBlockOffset > c.m_nImageSize - (long long)sizeof(BLOCKHEAD)) return;
+    LPBASEBLOCKHEAD lpBlock = (LPBASEBLOCKHEAD)(c.m_lpImage + nBlockOffset);
+    if (lpBlock->m_nDataFlag == BLOCK_DATAFLAG) lpBlock->m_bSaveFlag = 1;
+}
+
+// After a failed sync the kernel may have dropped the pages of every write
+// of the pass, and a later sync would succeed without them: every block of
+// the file, every object and the head are marked again, so that the next
+// pass writes the file whole before anything commits it. Walks the live
+// maps; every offset is bounded as in the pass.
+void MarkWholeFileAgain(SaveContext& c)
+{
+    LPBASEFILEHEAD lpLive = c.m_lpLive;
+    lpLive->m_bSaveFlag = 1;
+    int nMark = lpLive->m_nDataFlag;
+    if (nMark == DATAFILE_DATAFLAG || nMark == SYSTEMFILE_DATAFLAG) {
+        long long nTable = c.m_bSystem ? (long long)offsetof(SYSTEMFILEHEAD, m_stFileObject) : lpLive->m_nObjectInfoOffset;
+        int nObjects = lpLive->m_nMaxObjectNum;
+        if (c.m_bSystem && nObjects > SYSTEMFILE_OBJECT_NUM) nObjects = SYSTEMFILE_OBJECT_NUM;
+        for (int i = 0; i < nObjects; i++) {
+            long long nAt = nTable + (long long)i * sizeof(BASEFILEOBJECTDEF);
+            if (nAt < 0 || nAt + (long long)sizeof(BASEFILEOBJECTDEF) > c.m_nImageSize) break;
+            LPBASEFILEOBJECTDEF lpObject = (LPBASEFILEOBJECTDEF)(c.m_lpImage + nAt);
+            if (lpObject->m_nID == 0) continue;
+            lpObject->m_bSaveFlag = 1;
+            for (long long nFirst : {(long long)lpObject->m_nFullBlockMapOffset, (long long)lpObject->m_nFreeBlockMapOffset})
+                DbWalkMapChain(c.m_lpImage, c.m_nImageSize, nFirst, 0, nullptr, [&](long long, LPBASEFILEBLOCKMAP lpEntry) {
+                    MarkBlockAt(c, lpEntry->m_nBlockOffset);
+                    return true;
+                });
+        }
+        return;
+    }
+    long long nMapSize = lpLive->m_nBlockMapSize;
+    if (nMapSize < (long long)sizeof(BASEFILEBLOCKMAPHEAD)) return;
+    int nMaxEntries = DbMaxBlockMapNum((int)nMapSize);
+    long long nMaxSteps = c.m_nImageSize / nMapSize + 1;
+    long long nMap = lpLive->m_nBlockMapStartOffset;
+    for (long long nStep = 0; nMap > 0 && nStep < nMaxSteps && nMap + nMapSize <= c.m_nImageSize; nStep++) {
+        LPBASEFILEBLOCKMAPHEAD lpMap = (LPBASEFILEBLOCKMAPHEAD)(c.m_lpImage + nMap);
+        int nNum = lpMap->m_nBlockMapNum;
+        if (nNum < 0 || nNum > nMaxEntries) return;
+        for (int i = 0; i < nNum; i++) {
+            BASEFILEBLOCKMAP stEntry;
+            memcpy(&stEntry, c.m_lpImage + DbMapEntryOffset(nMap, i), sizeof(stEntry));
+            MarkBlockAt(c, stEntry.m_nBlockOffset);
+        }
+        nMap = lpMap->m_nNextBlockMapOffset;
+    }
+}
+
 // Phase 1, steps 3 to 6. 0: go on; 1: refused; -1: nothing to do.
 int CheckBeforeSave(LPFILEINFO pFileInfo, BOOL bForce)
 {
@@ -731,9 +786,12 @@ int CTalvorMemoryStorage::SaveChange2File(LPTALVORCRITICALSECTION lpCritSection,
     }
     if (c.m_nMapDelta != 0 && c.m_nMapDelta != c.m_lpLive->m_nBlockMapSize) c.m_nMapDelta = c.m_lpLive->m_nBlockMapSize;
 
-    if (RunWalk(c, bFlashbackFlag) != STEP_OK || WriteHead(c) != STEP_OK || WriteMap(c) != STEP_OK ||
-        SyncFile(c) != STEP_OK) {
+    if (RunWalk(c, bFlashbackFlag) != STEP_OK || WriteHead(c) != STEP_OK || WriteMap(c) != STEP_OK) {
         c.m_lpLive->m_bSaveFlag = 1;
+        return 1;
+    }
+    if (SyncFile(c) != STEP_OK) {
+        MarkWholeFileAgain(c);
         return 1;
     }
     if (bFlashbackFlag || c.m_bPending || c.m_bDamaged) c.m_lpLive->m_bSaveFlag = 1;
