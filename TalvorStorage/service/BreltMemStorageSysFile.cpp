@@ -426,6 +426,15 @@ HRESULT CBreltMemStorageModule::LoadFile(LPTALVORCRITICALSECTION lpCritSection)
     // cache that nothing loads or flushes: accepted changes that never reach
     // the disk. Such a database is refused before any file is loaded.
     for (stu_FILEINFO* p = m_pStorageInfo; p != nullptr; p = p->m_pNext) {
+        // A type no pass saves (5 among them) would be covered by every
+        // commit without ever reaching its disk file.
+        if (!IsMemoryFileType((BYTE)p->m_bFileType) && !IsCacheFileType((BYTE)p->m_bFileType)) {
+            Trace("LoadFile", 1, 10040003,
+                  TALVOR_TEXT("数据库含有本服务不能保存的文件类型,拒绝启动,文件号:%d,文件类型:%d,路径:%s",
+                              "The database has a file of a type this service cannot save, so the start was refused, file number: %d, file type: %d, path: %s"),
+                  (int)p->m_bFileNo, (int)p->m_bFileType, p->m_lpszFilePath);
+            return E_FAIL;
+        }
         if (!IsCacheFileType((BYTE)p->m_bFileType)) continue;
         Trace("LoadFile", 2, 10040002,
               TALVOR_TEXT("数据库含有缓存模式的文件,本服务尚不能提供缓存,拒绝启动,文件号:%d,文件类型:%d,路径:%s",

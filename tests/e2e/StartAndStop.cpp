@@ -69,6 +69,30 @@ TEST(StartRefusals, CacheModeFilesAreRefusedBeforeAnythingLoads)
     for (int n = 2; n <= 4; n++) EXPECT_FALSE(st.m_mapFiles[n].m_bImage) << n;
 }
 
+TEST(StartRefusals, AFileOfATypeNoPassSavesIsRefusedByNameAndType)
+{
+    ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
+    for (int nType : {5, 77}) {
+        DaemonSandbox box;
+        ASSERT_TRUE(box.Ok());
+        MakeSmallDb(box);
+        std::string strSystem = ReadWholeFile(box.DataDir() + "System.dbf");
+        LPFILE_MEMDBFILEINFO lpRow = DbFindFileListRow((LPBYTE)&strSystem[0], (long long)strSystem.size(), 3);
+        ASSERT_NE(nullptr, lpRow);
+        lpRow->m_bFileType = (BYTE)nType;
+        ASSERT_TRUE(WriteWholeFile(box.DataDir() + "System.dbf", strSystem));
+        WriteDbIni(box, box.DataDir(), "");
+        std::map<std::string, std::string> mapBefore = Snapshot(box.DataDir(), DB_FILES);
+        std::string strTrace = RefusedStarts(box, 1);
+        EXPECT_EQ(1u, Count(strTrace, "   10040003 LoadFile The database has a file of a type this service cannot "
+                                      "save, so the start was refused, file number: 3, file type: " +
+                                          std::to_string(nType) + ", path: " + box.DataDir() + "BTree3.dbf"))
+            << strTrace;
+        std::map<std::string, std::string> mapAfter = Snapshot(box.DataDir(), DB_FILES);
+        for (const std::string& strName : DB_FILES) EXPECT_TRUE(mapBefore[strName] == mapAfter[strName]) << strName;
+    }
+}
+
 TEST(StartRefusals, ASemaphoreThatCannotBeOpenedIsToldInTheLog)
 {
     ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
