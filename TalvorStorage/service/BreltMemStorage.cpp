@@ -8,6 +8,8 @@
 #include "TalvorCacheStorage.h"
 #include "TalvorError.h"
 #include "TalvorFlashback.h"
+#include "TalvorMemoryStorage.h"
+#include "DbFileLayout.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -60,6 +62,7 @@ void CBreltMemStorageModule::ResetFields()
     m_hTalvorStorageThread = 0;
     memset(m_arTalvorStandby, 0, sizeof(m_arTalvorStandby));
     m_bExit = FALSE;
+    m_bServing = FALSE;
     m_nClusterNodeType = 0;
     m_nStorageStopWaitMs = STORAGE_THREAD_STOP_WAIT_MS;
     m_bStorageThreadLive = FALSE;
@@ -176,6 +179,7 @@ HRESULT CBreltMemStorageModule::PostMessageLoop()
     m_pMemoryFileHead->m_bStatus = 0;
     UINT nRedoLogMaxID = m_pMemoryFileHead->m_nRedoLogMaxID;
     m_pFlashback->GetStorageMemHead()->m_TalvorProgress.m_nStatus = 2;
+    m_bServing = TRUE;
     Trace0("PostMessageLoop", 3, 10010000, TALVOR_TEXT("Talvor存储服务已启动!", "Talvor storage service started!"));
 
     hr = StartStorageThread();
@@ -280,6 +284,32 @@ HRESULT CBreltMemStorageModule::StopService(LPTALVORCRITICALSECTION lpCritSectio
     return S_OK;
 }
 
+namespace {
+
+// One file of a failed start: its image is kept when it was taken over.
+void KeepImageIfTakenOver(stu_FILEINFO* p)
+{
+    if (p == nullptr || p->m_pStorageFile == nullptr || !IsMemoryFileType((BYTE)p->m_bFileType)) return;
+    CTalvorMemoryStorage* pStorage = static_cast<CTalvorMemoryStorage*>(p->m_pStorageFile);
+    if (!pStorage->TookOverSegment()) return;
+    pStorage->KeepSegmentOnRelease();
+    Trace("FreeData", 2, 10010007,
+          TALVOR_TEXT("启动失败,保留上次运行留下的文件映像,文件号:%d,路径:%s",
+                      "The start failed: the image an earlier run left is kept for the next start, file number: %d, path: %s"),
+          (int)p->m_bFileNo, p->m_lpszFilePath);
+}
+
+} // namespace
+
+// A start that fails never removes an image it did not make: one that
+// outlived an earlier run may hold the engine's work not yet on disk, and the
+// next start takes it over again.
+void CBreltMemStorageModule::KeepTakenOverImages()
+{
+    KeepImageIfTakenOver(m_lpSystemFileInfo);
+    for (stu_FILEINFO* p = m_pStorageInfo; p != nullptr; p = p->m_pNext) KeepImageIfTakenOver(p);
+}
+
 void CBreltMemStorageModule::ReleaseFileList()
 {
     stu_FILEINFO* pInfo = m_pStorageInfo;
@@ -333,6 +363,7 @@ HRESULT CBreltMemStorageModule::FreeData(LPTALVORCRITICALSECTION lpCritSection)
     // under it: the file list and its images, the system file, the work
     // buffers, the channel, the latch, its wake-up and its crash record.
     const BOOL bKeepHeld = m_bStorageThreadLive;
+    if (!m_bServing) KeepTakenOverImages();
     if (!bKeepHeld) ReleaseFileList();
     if (lpHead != nullptr)
         Trace0("TalvorStorage", 3, 10000001, TALVOR_TEXT("Talvor存储服务已停止", "Talvor storage service stopped"));

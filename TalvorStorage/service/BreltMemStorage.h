@@ -117,6 +117,9 @@ public:
     HTHREADTYPE m_hTalvorStorageThread;
     CTalvorStandby* m_arTalvorStandby[256];
     BOOL m_bExit;
+    // From the "started" line on: the images are this run's to remove at the
+    // stop. Before it, a failed start keeps every image it took over.
+    BOOL m_bServing;
     int m_nClusterNodeType;
 
     // --- Beyond the classic fields.
@@ -156,6 +159,7 @@ private:
     HRESULT StartStorageThread();
     void IdleUntilStop();
     void ReleaseFileList();
+    void KeepTakenOverImages();
     void ReleaseSystemFile();
     void WaitForStandbySlots();
 };
