@@ -206,7 +206,15 @@ private:
     BOOL CopyLogTo(const char* lpPath, int nGroup, const MF_REDOLOGFILEHEAD& stHead, LPBYTE lpBuffer, BOOL bFirstPass,
                    void*& hFile);
     BOOL ArchiveGroup(int nGroup, char** arDes, int nDesCount, LPBYTE lpBuffer, void*& hFile);
+    // The sealed group with the oldest log that is not set aside, or -1.
     int OldestSealedGroup();
+    // A sealed group whose head cannot be read is tried REDO_HEAD_READ_TRIES
+    // times, then set aside for the rest of this run (the next start tries
+    // it again): the logs behind it are archived, and a stop is not held.
+    BOOL HeadReadFailed(int nGroup);
+    BOOL SetAside(int nGroup) const;
+    UINT m_arHeadFailures[REDOGROUP_MAX] = {0};
+    UINT m_arFailedLogNo[REDOGROUP_MAX] = {0};
 
     REDOWRITERSTATE* m_pWriterState;  // the writer's state while WriteLogFile runs (a stop ends its retries)
 };
