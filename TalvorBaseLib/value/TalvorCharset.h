@@ -107,3 +107,14 @@ int GetCollationType(const char* lpszData, int nDataLen);
 // case ignored: utf8 33, utf8mb4 45, gb2312 24, gbk 28, gb18030 248, binary
 // 63, any name starting with LATIN 8, else 33.
 int GetCharacterset(const char* lpszData, int nDataLen);
+
+// --- Wide text in a pool --------------------------------------------------------
+
+class CTalvorBufferPool;
+
+// A wide copy (one unit per character, as TalvorUTF82Unicode) of nLen bytes
+// of UTF-8, NUL-terminated, in memory of pPool; nLen -1 means up to the NUL.
+// Result: the copy, valid until the pool is reset or freed; null for a null
+// text or pool, or when the pool has no memory. The pool belongs to the
+// calling thread (pools take no locks).
+wchar_t* TalvorConvertWChar(const char* lpszText, int nLen, CTalvorBufferPool* pPool);

@@ -1,5 +1,6 @@
 // TalvorKeywordParse.cpp — token classes, the keyword hash and CRC-32.
 #include "TalvorKeywordParse.h"
+#include "TalvorHash.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -9,9 +10,6 @@ CTalvorKeywordParse* CTalvorKeywordParse::m_pSinstance = nullptr;
 
 namespace {
 
-// 0x04C11DB7 with its bits reversed, for the reflected table.
-const UINT g_nCrcPolyReversed = 0xEDB88320u;
-const UINT g_nCrcStart = 0xFFFFFFFFu;
 // Groups of three name bytes follow the first word; bytes from offset 25 on
 // take no part in the hash.
 const int g_nHashFirstGroup = 4;
@@ -143,7 +141,6 @@ int ClassifyNumber(const char* lp, int nLen)
 CTalvorKeywordParse::CTalvorKeywordParse()
 {
     memset(m_arHashData, 0, sizeof(m_arHashData));
-    memset(m_arCrc32Table, 0, sizeof(m_arCrc32Table));
 }
 
 CTalvorKeywordParse::~CTalvorKeywordParse()
@@ -180,15 +177,6 @@ void CTalvorKeywordParse::DestoryInstance()
     m_pSinstance = nullptr;
 }
 
-void CTalvorKeywordParse::InitCrcTable()
-{
-    for (UINT n = 0; n < 256; ++n) {
-        UINT c = n;
-        for (int k = 0; k < 8; ++k) c = (c & 1) ? (c >> 1) ^ g_nCrcPolyReversed : c >> 1;
-        m_arCrc32Table[n] = c;
-    }
-}
-
 UINT CTalvorKeywordParse::HashKeyword(const char* lpName)
 {
     UINT h = LoadLittle(lpName, g_nWordBytes);
@@ -220,21 +208,17 @@ BOOL CTalvorKeywordParse::AddRow(LPTALVORKEYWORDDATA pRow)
 
 BOOL CTalvorKeywordParse::Initialize()
 {
-    InitCrcTable();
     for (LPTALVORKEYWORDDATA pRow = m_arKeyworData; pRow->m_nKeyworkID != 0; ++pRow) {
         if (!AddRow(pRow)) return FALSE;
     }
     return TRUE;
 }
 
+// The SQL function CRC32 and the value library must never disagree, so there
+// is one CRC in the library, the one of TalvorHash.
 UINT CTalvorKeywordParse::CRC32Encrypt(const char* lpData, int nLen) const
 {
-    if (nLen < 1) return 0;
-    UINT nCrc = g_nCrcStart;
-    for (int i = 0; i < nLen; ++i) {
-        nCrc = m_arCrc32Table[(nCrc ^ (unsigned char)lpData[i]) & 0xFF] ^ (nCrc >> 8);
-    }
-    return ~nCrc;
+    return TalvorCRC32(lpData, nLen);
 }
 
 int CTalvorKeywordParse::ClassifyLong(const char* lp, int nLen, BOOL bAnsiQuotes) const

@@ -3,8 +3,9 @@
 // GetKeyword gives a class below 100 (identifier, string, number, operator,
 // punctuation) or a keyword's id from 100 up. The short and the obvious
 // tokens are settled by their bytes alone; the rest go through a hash table
-// built once over the static keyword rows, compared word by word. The same
-// object keeps the table of the CRC-32 of the SQL function CRC32.
+// built once over the static keyword rows, compared word by word. The CRC-32
+// of the SQL function CRC32 is reached through the same object and computed
+// by TalvorCRC32.
 //
 // Thread safety: the first instance() call builds the singleton without a
 // lock and belongs to one thread (the start of the process); from then on
@@ -122,14 +123,12 @@ private:
     CTalvorKeywordParse();
     ~CTalvorKeywordParse();
     BOOL Initialize();
-    void InitCrcTable();
     BOOL AddRow(LPTALVORKEYWORDDATA pRow);
     int ClassifyLong(const char* lp, int nLen, BOOL bAnsiQuotes) const;
     int ClassifyOther(const char* lp, int nLen, BOOL bAnsiQuotes) const;
     int Lookup(const char* lp, int nLen, char* lpszData) const;
 
     stu_Talvor_Keyword_Item m_arHashData[TALVOR_KEYWORD_ITEMS];
-    unsigned int m_arCrc32Table[256];
 
     static CTalvorKeywordParse* m_pSinstance;
     static const TALVORKEYWORDDATA m_arKeyworData[];

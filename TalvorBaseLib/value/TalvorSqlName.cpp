@@ -2,6 +2,8 @@
 
 #include "TalvorSqlText.h"
 
+#include "TalvorKeywordParse.h"
+
 #include <cstring>
 #include <initializer_list>
 
@@ -10,6 +12,11 @@ namespace {
 constexpr int kQuotedMax = 63;
 constexpr int kPlainNameMax = 64;
 constexpr int kDatabaseNameMax = 63;
+constexpr int kTitleMaxTalvor = 31;
+constexpr int kTitleMax = 63;
+constexpr int kFirstNoWordClass = TALVOR_TOKEN_NUL;
+constexpr int kLastNoWordClass = TALVOR_TOKEN_EMPTY;
+constexpr int kTitleNotAWord = 0;
 
 bool IsLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 bool IsNameFirst(char c) { return IsLetter(c) || c == '_' || c == '#'; }
@@ -45,6 +52,13 @@ int PlainRun(const char* p, int nLimit, bool (*fnFirst)(char)) {
         ++n;
     }
     return n;
+}
+
+// Copies up to nMax of nLen bytes and closes them with a NUL.
+void CopyCut(const char* p, int nLen, int nMax, char* lpszOut, bool bUpper) {
+    const int n = nLen < nMax ? nLen : nMax;
+    for (int i = 0; i < n; ++i) lpszOut[i] = bUpper ? Upper(p[i]) : p[i];
+    lpszOut[n] = 0;
 }
 
 }  // namespace
@@ -140,4 +154,22 @@ int CheckJsonString(const char* lpszData, int nDataLen, int& nKeyLen, BOOL bDoub
     }
     nKeyLen = nDataLen;
     return 0;
+}
+
+int CopyTitleFromSql(const char* pData, int nDataLen, char* lpszTitle, BOOL bTalvor) {
+    if (lpszTitle == nullptr) return kTitleNotAWord;
+    lpszTitle[0] = 0;
+    if (pData == nullptr || nDataLen <= 0) return kTitleNotAWord;
+    const int nMax = bTalvor ? kTitleMaxTalvor : kTitleMax;
+    for (char chQuote : {'"', '`', '\''}) {
+        if (QuotedBy(pData, nDataLen, chQuote)) {
+            CopyCut(pData + 1, nDataLen - 2, nMax, lpszTitle, bTalvor && chQuote == '`');
+            return TALVOR_NAME_QUOTED;
+        }
+    }
+    const CTalvorKeywordParse* pParse = CTalvorKeywordParse::instance();
+    const int nClass = pParse != nullptr ? pParse->GetKeyword(pData, nDataLen, TRUE) : TALVOR_TOKEN_IDENTIFIER;
+    CopyCut(pData, nDataLen, nMax, lpszTitle, false);
+    if (nClass >= kFirstNoWordClass && nClass <= kLastNoWordClass) return kTitleNotAWord;
+    return TALVOR_NAME_PLAIN;
 }

@@ -2,6 +2,7 @@
 // wide form), hexadecimal text against OpenSSL's hex printer, and the
 // classification and name lookups by their rules.
 
+#include "TalvorBufferPool.h"
 #include "TalvorCharset.h"
 
 #include <gtest/gtest.h>
@@ -316,4 +317,28 @@ TEST(CharacterSetNames, TableAndLatin) {
     EXPECT_EQ(GetCharacterset("lati", 4), 33);
     EXPECT_EQ(GetCharacterset("utf8m", 5), 33);
     EXPECT_EQ(GetCharacterset("(", 1), 33);
+}
+
+TEST(WideText, PoolCopyAgreesWithIconvAndStaysInThePool) {
+    std::mt19937 rng(31);
+    CTalvorBufferPool pool;
+    for (int i = 0; i < 500; ++i) {
+        const std::vector<UINT> codes = RandomCodes(rng, (int)(rng() % 60));
+        std::string strUtf8;
+        ASSERT_TRUE(Iconv("UTF-8", "UCS-4LE", Ucs4(codes), strUtf8));
+        // Bytes behind nLen must not be taken in.
+        const std::string withTail = strUtf8 + "tail";
+        wchar_t* lpWide = TalvorConvertWChar(withTail.data(), (int)strUtf8.size(), &pool);
+        ASSERT_NE(lpWide, nullptr);
+        ASSERT_EQ(std::wstring(lpWide), std::wstring(codes.begin(), codes.end()));
+        wchar_t* lpByNul = TalvorConvertWChar(strUtf8.c_str(), -1, &pool);
+        ASSERT_NE(lpByNul, nullptr);
+        ASSERT_EQ(std::wstring(lpByNul), std::wstring(lpWide));
+        ASSERT_EQ((uintptr_t)lpWide % alignof(wchar_t), 0u);
+    }
+    EXPECT_EQ(TalvorConvertWChar("abc", 3, nullptr), nullptr);
+    EXPECT_EQ(TalvorConvertWChar(nullptr, 3, &pool), nullptr);
+    wchar_t* lpEmpty = TalvorConvertWChar("", 0, &pool);
+    ASSERT_NE(lpEmpty, nullptr);
+    EXPECT_EQ(lpEmpty[0], 0);
 }
