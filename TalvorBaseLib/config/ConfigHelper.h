@@ -167,21 +167,28 @@ public:
     ConfigHelper* m_ptr;
 };
 
+// How long a thread-safe call waits for the semaphore "CONFIGHELPER" before it
+// takes the engine for dead while holding it.
+inline constexpr UINT CONFIG_SEMAPHORE_WAIT_MS = 5000;
+
 // Holds the named semaphore for a scope. The wait is bounded: a peer that died
 // holding the semaphore must not stop this process's configuration for good.
-// When the wait fails IsLocked() is false, nothing is posted on leaving, and
-// the caller leaves the shared list alone.
+// nTimeoutMs 0 only tries, without waiting. When the wait fails IsLocked() is
+// false, nothing is posted on leaving, and the caller leaves the shared list
+// alone; TimedOut() tells that the semaphore stayed taken for the whole wait.
 class ScopedSemaphorePtr {
 public:
-    explicit ScopedSemaphorePtr(sem_t* pSem, UINT nTimeoutMs = 5000);
+    explicit ScopedSemaphorePtr(sem_t* pSem, UINT nTimeoutMs = CONFIG_SEMAPHORE_WAIT_MS);
     ~ScopedSemaphorePtr();
     bool IsLocked() const { return m_pSem != nullptr; }
+    bool TimedOut() const { return m_bTimedOut; }
 
     ScopedSemaphorePtr(const ScopedSemaphorePtr&) = delete;
     ScopedSemaphorePtr& operator=(const ScopedSemaphorePtr&) = delete;
 
 private:
     sem_t* m_pSem;
+    bool m_bTimedOut;
 };
 
 bool TalvorConfigInit(const char* lpPath);
@@ -199,13 +206,28 @@ int TalvorConfigGetValueString(const char* lpAppName, const char* lpKeyName, con
 bool TalvorConfigSetValueString(const char* lpAppName, const char* lpKeyName, const char* lpValue);
 
 // Thread-safe forms: reads first take in the engine's pending changes, the
-// setter also posts its change to the engine.
+// setter also posts its change to the engine. Each takes the configuration
+// latch for the whole call, and under it the semaphore "CONFIGHELPER"; the
+// ini's flock comes last, under both, and the engine keeps the same order.
+//
+// An engine that dies holding the semaphore would cost every call the whole
+// wait, under the latch. So the first wait that runs out is traced and
+// remembered: from then on the calls only try the semaphore, and leave the
+// list alone while it is taken (the engine is not told of changes, which it
+// reads in the file at its next start). The first call that gets it again
+// traces so and waits as before.
 int TalvorConfigGetValueInt(const char* lpAppName, const char* lpKeyName, int iDefault,
                             LPTALVORCRITICALSECTION lpCritSection);
 int TalvorConfigGetValueString(const char* lpAppName, const char* lpKeyName, const char* lpDefault, char* lpReturn,
                                int iSize, LPTALVORCRITICALSECTION lpCritSection);
 bool TalvorConfigSetValueString(const char* lpAppName, const char* lpKeyName, const char* lpValue,
                                 LPTALVORCRITICALSECTION lpCritSection);
+
+// The wait of the thread-safe calls for the semaphore; tests shorten it.
+// Returns the wait in force before. Call it with no thread-safe call running.
+UINT ConfigSetSemaphoreWait(UINT nWaitMs);
+// Waits for the semaphore that ran out since the process started. Any thread.
+ULONG ConfigSemaphoreTimeouts();
 
 // File-direct reader. Null lpAppName lists the section names, null lpKeyName
 // the keys of a section, each followed by a NUL. Returns the characters
