@@ -3,6 +3,7 @@
 // file-direct readers live in ConfigHelperFile.cpp.
 #include "ConfigHelper.h"
 
+#include "ConfigIniSyntax.h"
 #include "ShareMemory.h"
 #include "TalvorTrace.h"
 
@@ -275,11 +276,12 @@ void ConfigHelper::trim(const char*& lpStart, const char*& lpEnd)
     while (lpEnd > lpStart && IsTrimChar(lpEnd[-1])) lpEnd--;
 }
 
-// Lines end at the first LF or CR. Blank lines and lines beginning "#" are
-// skipped; "[name]" opens a section; otherwise the first "=" splits key and
-// value, and the value keeps any later "=" and "#". A repeated section or a
-// key before the first section makes the file invalid; sections past the
-// seventh are ignored.
+// Lines, comments and heads follow ConfigIniSyntax.h, as every reader of the
+// file does. Otherwise the first "=" splits the line; the key is trimmed of
+// all white space, the value of space, CR and LF only, and it keeps any later
+// "=" and "#". A line with no "=" is skipped. A repeated section or a key
+// before the first section makes the file invalid; sections past the seventh
+// are ignored.
 bool ConfigHelper::readAndParse()
 {
     int iLen = 0;
@@ -293,17 +295,19 @@ bool ConfigHelper::readAndParse()
     bool bResult = true;
     _KeyValue* pSection = nullptr;
     while (p < lpEndText) {
-        const char* lpLineEnd = p;
-        while (lpLineEnd < lpEndText && *lpLineEnd != '\n' && *lpLineEnd != '\r') lpLineEnd++;
-        const char* lpStart = p;
-        const char* lpEnd = lpLineEnd;
-        p = lpLineEnd < lpEndText ? lpLineEnd + 1 : lpEndText;
+        const char* lpNext;
+        const char* lpLineEnd = IniLineEnd(p, lpEndText, &lpNext);
+        const char* s = p;
+        const char* e = lpLineEnd;
+        p = lpNext;
 
-        trim(lpStart, lpEnd);
-        if (lpStart == lpEnd || *lpStart == '#') continue;
+        IniTrimBlanks(s, e);
+        if (IniIsNothing(s, e)) continue;
 
-        if (*lpStart == '[' && lpEnd[-1] == ']' && lpEnd - lpStart >= 2) {
-            TString tName(lpStart + 1, (int)(lpEnd - lpStart - 2));
+        const char* lpName;
+        const char* lpNameEnd;
+        if (IniHeadName(s, e, lpName, lpNameEnd)) {
+            TString tName(lpName, (int)(lpNameEnd - lpName));
             if (findSection(tName) >= 0) {
                 bResult = false;
                 break;
@@ -315,14 +319,16 @@ bool ConfigHelper::readAndParse()
             continue;
         }
 
-        const char* lpEq = (const char*)memchr(lpStart, '=', (size_t)(lpEnd - lpStart));
+        const char* lpEq;
+        IniKeyName(s, e, lpName, lpNameEnd, &lpEq);
         if (lpEq == nullptr) continue;
         if (pSection == nullptr) {
             bResult = false;
             break;
         }
-        TString tKey(lpStart, (int)(lpEq - lpStart));
-        TString tValue(lpEq + 1, (int)(lpEnd - lpEq - 1));
+        TString tKey(lpName, (int)(lpNameEnd - lpName));
+        // The value is cut from the untrimmed line: a tab around it stays.
+        TString tValue(lpEq + 1, (int)(lpLineEnd - lpEq - 1));
         // Out of memory for one line: that line is skipped.
         pSection->insert(tKey, tValue, true);
     }

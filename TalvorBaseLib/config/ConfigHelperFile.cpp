@@ -8,6 +8,7 @@
 // rewrite falls between the other side's read and its replacement.
 #include "ConfigHelper.h"
 
+#include "ConfigIniSyntax.h"
 #include "TalvorFileIO.h"
 
 #include <cctype>
@@ -277,14 +278,16 @@ char* ConfigHelper::GetText(int* pLen)
 }
 
 // Rewrites the file with one line changed, keeping every other byte: the
-// byte-order mark, comments, blank lines and the order of lines. The text is
-// cut at an LF and put together as
+// byte-order mark, comments, blank lines and the order of lines. Lines, heads
+// and key names are found by the rules the readers use (ConfigIniSyntax.h),
+// so the line changed is the one they read. The text is put together as
 //   before + separator + key=value + line end + after
-// A: the key's line is replaced: before is up to the LF in front of it,
-//    separator LF, line end CR LF when the old line had an LF, after is what
-//    followed that LF.
+// A: the key's line is replaced: before is up to the line, with the line end
+//    in front of it; no separator; line end CR LF when the old line had a
+//    line end; after is what followed that line end.
 // B: the section has no such key: the line goes in front of the next section
-//    head, separator LF, line end CR LF, after is from that head on.
+//    head: before is up to that head, no separator, line end CR LF, after is
+//    from the head on.
 // C: the section is the last one: the whole file, CR LF, the line, nothing.
 // A section missing from the file is not written at all.
 bool ConfigHelper::updateDisk(const TString& tStrAppName, const TString& tStrKeyName, const TString& tStrValue,
@@ -314,39 +317,41 @@ bool ConfigHelper::updateDisk(const TString& tStrAppName, const TString& tStrKey
     size_t nPos = nStart;
     while (nPos < nLen && !bPlaced) {
         size_t nLineStart = nPos;
-        const char* lpLf = (const char*)memchr(lpText + nPos, '\n', nLen - nPos);
-        size_t nLineEnd = lpLf != nullptr ? (size_t)(lpLf - lpText) : nLen;
-        nPos = lpLf != nullptr ? nLineEnd + 1 : nLen;
+        const char* lpNext;
+        const char* e = IniLineEnd(lpText + nPos, lpText + nLen, &lpNext);
+        bool bEnded = lpNext > e;
+        nPos = (size_t)(lpNext - lpText);
 
         const char* s = lpText + nLineStart;
-        const char* e = lpText + nLineEnd;
-        trim(s, e);
-        if (s == e || *s == '#') continue;
+        IniTrimBlanks(s, e);
+        if (IniIsNothing(s, e)) continue;
 
-        // A key line or a head can only be reached after the section's own
-        // head line, so there is always an LF in front of it to cut at.
-        size_t nCut = nLineStart > nStart ? nLineStart - 1 : nLineStart;
-        if (*s == '[' && e[-1] == ']' && e - s >= 2) {
+        // Both cuts are at the start of a line: a key line or a head is only
+        // reached after the section's own head, so a line end stands in front.
+        const char* lpName;
+        const char* lpNameEnd;
+        if (IniHeadName(s, e, lpName, lpNameEnd)) {
             if (bFound) {
-                nBefore = nCut;
+                nBefore = nLineStart;
                 nAfter = nLineStart;
-                lpSeparator = "\n";
+                lpSeparator = "";
                 lpLineEnd = "\r\n";
                 bPlaced = true;
             } else {
-                TString tName(s + 1, (int)(e - s - 2));
+                TString tName(lpName, (int)(lpNameEnd - lpName));
                 bFound = tName == tStrAppName;
             }
             continue;
         }
         if (!bFound) continue;
-        const char* lpEq = (const char*)memchr(s, '=', (size_t)(e - s));
-        TString tKey(s, (int)((lpEq != nullptr ? lpEq : e) - s));
+        const char* lpEq;
+        IniKeyName(s, e, lpName, lpNameEnd, &lpEq);
+        TString tKey(lpName, (int)(lpNameEnd - lpName));
         if (tKey == tStrKeyName) {
-            nBefore = nCut;
+            nBefore = nLineStart;
             nAfter = nPos;
-            lpSeparator = "\n";
-            lpLineEnd = lpLf != nullptr ? "\r\n" : "";
+            lpSeparator = "";
+            lpLineEnd = bEnded ? "\r\n" : "";
             bPlaced = true;
         }
     }
@@ -390,17 +395,13 @@ bool ConfigHelper::updateDisk(const TString& tStrAppName, const TString& tStrKey
 
 namespace {
 
-inline bool IsBlank(char c) { return isspace((unsigned char)c) != 0; }
+inline bool IsBlank(char c) { return IniIsBlank(c); }
 
-void TrimBlanks(const char*& s, const char*& e)
-{
-    while (s < e && IsBlank(*s)) s++;
-    while (e > s && IsBlank(e[-1])) e--;
-}
+inline void TrimBlanks(const char*& s, const char*& e) { IniTrimBlanks(s, e); }
 
-// One line by the file-direct rules: it ends at LF; only a remainder holding
-// no LF ends at CR. [s, e) is the line trimmed of white space; nNext is where
-// the next line begins.
+// One line of the file (ConfigIniSyntax.h). [s, e) is the line trimmed of
+// white space; nNext is where the next line begins; bTerminated tells that
+// the line has a line end.
 struct ProfileLine {
     size_t nStart;
     size_t nNext;
@@ -412,15 +413,12 @@ struct ProfileLine {
 bool NextProfileLine(const char* lpText, size_t nLen, size_t& nPos, ProfileLine& line)
 {
     if (nPos >= nLen) return false;
-    const char* p = lpText + nPos;
-    const char* lpEnd = (const char*)memchr(p, '\n', nLen - nPos);
-    if (lpEnd == nullptr) lpEnd = (const char*)memchr(p, '\r', nLen - nPos);
+    const char* lpNext;
     line.nStart = nPos;
-    line.bTerminated = lpEnd != nullptr;
-    if (lpEnd == nullptr) lpEnd = lpText + nLen;
-    line.nNext = line.bTerminated ? (size_t)(lpEnd - lpText) + 1 : nLen;
-    line.s = p;
-    line.e = lpEnd;
+    line.s = lpText + nPos;
+    line.e = IniLineEnd(line.s, lpText + nLen, &lpNext);
+    line.bTerminated = lpNext > line.e;
+    line.nNext = (size_t)(lpNext - lpText);
     TrimBlanks(line.s, line.e);
     nPos = line.nNext;
     return true;
@@ -436,16 +434,7 @@ bool NameEquals(const char* s, const char* e, const char* lpWant, size_t nWant)
 }
 
 // The name of a head line "[name]...", or false when the line is no head.
-bool HeadName(const ProfileLine& line, const char*& s, const char*& e)
-{
-    if (line.s == line.e || *line.s != '[') return false;
-    const char* lpClose = (const char*)memchr(line.s, ']', (size_t)(line.e - line.s));
-    if (lpClose == nullptr) return false;
-    s = line.s + 1;
-    e = lpClose;
-    TrimBlanks(s, e);
-    return true;
-}
+bool HeadName(const ProfileLine& line, const char*& s, const char*& e) { return IniHeadName(line.s, line.e, s, e); }
 
 // Appends a name and its NUL to a list; whole names only.
 void AppendName(char* lpOut, DWORD nSize, DWORD& nPos, const char* s, const char* e)
@@ -514,7 +503,7 @@ DWORD GetPrivateProfileString(LPCTSTR lpAppName, LPCTSTR lpKeyName, LPCTSTR lpDe
     size_t nPos = HasBom(lpText, nLen) ? 3 : 0;
     ProfileLine line;
     while (NextProfileLine(lpText, nLen, nPos, line)) {
-        if (line.s == line.e || *line.s == '#') continue;
+        if (IniIsNothing(line.s, line.e)) continue;
         const char* s;
         const char* e;
         if (HeadName(line, s, e)) {

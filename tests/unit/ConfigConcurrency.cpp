@@ -1,7 +1,7 @@
 // Configuration beside a live engine: the advisory lock on the ini that both
 // processes take, the bounded re-read of a file caught mid-rewrite by a
-// writer without the lock, and the watch over an engine that died holding the
-// "CONFIGHELPER" semaphore.
+// writer without the lock, the watch over an engine that died holding the
+// "CONFIGHELPER" semaphore, and one rule for section heads in every reader.
 //
 // The engine is played by plain system calls (and, in the race, by a second
 // process), doing what README asks of it: open without truncating, lock,
@@ -442,6 +442,76 @@ TEST_F(ConfigIniTest, OneStuckSemaphoreCostsOneWait)
     ConfigSetSemaphoreWait(nOldWait);
     sem_close(pSem);
 }
+
+// ------------------------------------------------------------ One rule for heads
+
+// A file, a key in it, and a key whose answer the file's structure decides.
+// Every reader must give the same answer for both, and every writer must
+// change the line the readers read and nothing else.
+struct AgreeCase {
+    const char* name;
+    const char* text;
+    const char* app;
+    const char* key;
+    int value;
+    const char* probeApp;
+    const char* probeKey;
+    int probeValue; // -1: not in the file
+};
+
+void PrintTo(const AgreeCase& c, std::ostream* os) { *os << c.name; }
+
+class IniReadersAgree : public ConfigIniTest, public ::testing::WithParamInterface<AgreeCase> {
+protected:
+    void ExpectBoth(const char* app, const char* key, int value, const char* when)
+    {
+        ASSERT_TRUE(TalvorConfigInit(m_path.c_str())) << when;
+        EXPECT_EQ(DaemonInt(app, key), value) << when << ": the tree, [" << app << "] " << key;
+        EXPECT_EQ(ProfileInt(app, key), value) << when << ": file-direct, [" << app << "] " << key;
+    }
+};
+
+TEST_P(IniReadersAgree, SameAnswerForTheSameKey)
+{
+    const AgreeCase& c = GetParam();
+    ASSERT_TRUE(WritePath(m_path, c.text));
+    ExpectBoth(c.app, c.key, c.value, "as written");
+    ExpectBoth(c.probeApp, c.probeKey, c.probeValue, "as written");
+
+    ASSERT_TRUE(TalvorConfigSetValueString(c.app, c.key, "4242"));
+    ExpectBoth(c.app, c.key, 4242, "after the tree's set");
+    ExpectBoth(c.probeApp, c.probeKey, c.probeValue, "after the tree's set");
+
+    ASSERT_TRUE(WritePrivateProfileString(c.app, c.key, "4343", m_path.c_str()));
+    ExpectBoth(c.app, c.key, 4343, "after the file-direct set");
+    ExpectBoth(c.probeApp, c.probeKey, c.probeValue, "after the file-direct set");
+}
+
+const AgreeCase kAgreeCases[] = {
+    {"HeadWithSemicolonComment", "[System]\nclusternode=1\n[Config] ; cluster\nclusternode=2\n", "Config",
+     "clusternode", 2, "System", "clusternode", 1},
+    {"HeadWithHashComment", "[System]\nk=1\n[Config]  # cluster\nk=2\n", "Config", "k", 2, "System", "k", 1},
+    {"HeadWithCommentNoBlank", "[System]\nk=1\n[Config];c\nk=2\n", "Config", "k", 2, "System", "k", 1},
+    {"HeadFollowedByKeyText", "[System]\nk=1\n[Config] x=9\nk=2\n", "Config", "k", 2, "Config", "x", -1},
+    {"HeadFollowedByEquals", "[System]\nk=1\n[Config]=3\nk=2\n", "Config", "k", 2, "System", "k", 1},
+    {"HeadWithSecondBracket", "[System]\nk=1\n[Config]]\nk=2\n", "Config", "k", 2, "System", "k", 1},
+    {"HeadPaddedWithTabs", "[System]\nk=1\n\t[\tConfig\t]\t\nk=2\n", "Config", "k", 2, "System", "k", 1},
+    {"HeadNameWithInnerBlank", "[System]\nk=1\n[ My Config ] ; c\nk=2\n", "My Config", "k", 2, "System", "k", 1},
+    {"UnclosedHeadIsNoHead", "[System]\nk=1\n[Config\nk=2\n", "System", "k", 1, "Config", "k", -1},
+    {"CommentedHeadIsNoHead", "[System]\nk=1\n#[Config]\nk=2\n", "System", "k", 1, "Config", "k", -1},
+    {"IndentedCommentIsNoHead", "[System]\nk=1\n\t# [Config]\nj=2\n", "System", "j", 2, "Config", "j", -1},
+    {"KeyPaddedWithTabs", "[Config] ; c\n\tk\t=\t7\t\nj=1\n", "Config", "k", 7, "Config", "j", 1},
+    {"LoneCrLineEnds", "[System]\rk=1\r[Config] ; c\rk=2\r", "Config", "k", 2, "System", "k", 1},
+    {"LoneCrInsideLfFile", "[System]\nk=1\r[Config]\nk=2\n", "Config", "k", 2, "System", "k", 1},
+    {"LoneCrBetweenKeys", "[System]\nk=1\rj=3\n", "System", "k", 1, "System", "j", 3},
+    {"CrLfWithHeadComment", "[System]\r\nk=1\r\n[Config] ; c\r\nk=2\r\n", "Config", "k", 2, "System", "k", 1},
+    {"ByteOrderMarkThenHeadComment", "\xEF\xBB\xBF[Config] ; c\nk=5\n[System]\nk=1\n", "Config", "k", 5, "System",
+     "k", 1},
+    {"ValueWithHashComment", "[Config] ; c\nk = 8 # eight\n", "Config", "k", 8, "Config", "eight", -1},
+};
+
+INSTANTIATE_TEST_SUITE_P(Lines, IniReadersAgree, ::testing::ValuesIn(kAgreeCases),
+                         [](const ::testing::TestParamInfo<AgreeCase>& i) { return std::string(i.param.name); });
 
 // ------------------------------------------------------------ The race
 
