@@ -2,6 +2,7 @@
 #include "TalvorFileIO.h"
 
 #include <cerrno>
+#include <sys/file.h>
 #include <unistd.h>
 
 namespace {
@@ -23,6 +24,8 @@ int CTalvorFileIO::FSync(int fd) { return fsync(fd); }
 int CTalvorFileIO::FTruncate(int fd, off_t nSize) { return ftruncate(fd, nSize); }
 
 int CTalvorFileIO::Close(int fd) { return close(fd); }
+
+int CTalvorFileIO::Flock(int fd, int nOperation) { return flock(fd, nOperation); }
 
 CTalvorFileIO* CTalvorFileIO::Current() { return __atomic_load_n(&g_pFileIO, __ATOMIC_ACQUIRE); }
 

@@ -21,6 +21,9 @@ public:
     virtual int FSync(int fd);
     virtual int FTruncate(int fd, off_t nSize);
     virtual int Close(int fd);
+    // flock(2): an advisory lock on the whole file, held by this open file
+    // description until it is unlocked or closed. 0 or -1 with errno.
+    virtual int Flock(int fd, int nOperation);
 
     // The layer in force; never null.
     static CTalvorFileIO* Current();
