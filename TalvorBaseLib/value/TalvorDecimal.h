@@ -94,3 +94,16 @@ public:
     // Result: TRUE when no limb is set.
     static int IsZero(const st_VARDATA* lpValue);
 };
+
+// --- Integers from text through the decimal parser ------------------------------
+// Thread safety: as above, any thread.
+
+// An integer from 1 to 62 bytes of text, with an optional size suffix K, M,
+// G or T (powers of 1024), each optionally followed by B, either case. The
+// number before the suffix is parsed as a decimal and cut to an integer.
+// Result: the value, saturated at the 64-bit limits; 0 for anything else.
+long long ToNumber(const char* lpszText, int nLen);
+// The decimal value of the text cut to an integer and saturated at the
+// type's limits; 0 for text that is no number.
+int StringToInt(const char* lpszText);
+long long StringToLongLong(const char* lpszText);
