@@ -235,6 +235,17 @@ const TokenDef g_arPictureTokens[] = {{"Y,YYY", 56}, {"YYYY", 0}, {"YYY", 55}, {
     {"PM", 13}, {"A.D.", 61}, {"B.C.", 62}, {"AD", 61}, {"BC", 62}, {"TS", 20}, {"WW", 48}, {"W", 49},
     {"SCC", 52}, {"CC", 52}, {"J", 57}, {"Q", 58}, {"IW", 60}};
 
+// Token number by the letter after a "%", TOKEN_UNKNOWN where none.
+struct PercentTable {
+    BYTE m_arType[128];
+    PercentTable()
+    {
+        memset(m_arType, TOKEN_UNKNOWN, sizeof(m_arType));
+        for (const TokenDef& t : g_arPercentTokens) m_arType[(int)t.m_lpszText[1]] = t.m_bType;
+    }
+};
+const PercentTable g_PercentTable;
+
 bool MatchNoCase(const char* p, const char* lpszToken, int& nLen)
 {
     int i = 0;
@@ -558,16 +569,15 @@ BYTE CTalvorDate::GetFormatType(const char* lpszFormat, int& nLen)
 {
     nLen = 1;
     if (lpszFormat[0] == '%') {
-        for (const TokenDef& t : g_arPercentTokens)
-            if (lpszFormat[1] == t.m_lpszText[1]) {
-                nLen = 2;
-                return t.m_bType;
-            }
+        unsigned char c = (unsigned char)lpszFormat[1];
         // An unknown specifier stays whole, so its letter is not read as a
         // picture token.
-        if (lpszFormat[1] != 0) nLen = 2;
-        return TOKEN_UNKNOWN;
+        if (c != 0) nLen = 2;
+        return c < sizeof(g_PercentTable.m_arType) ? g_PercentTable.m_arType[c] : (BYTE)TOKEN_UNKNOWN;
     }
+    // Most characters of a format are separators; only these letters begin
+    // a picture token.
+    if (strchr("YRMDHSFAPBTWCJQIymdhsfapbtwcjqi", lpszFormat[0]) == nullptr || lpszFormat[0] == 0) return TOKEN_UNKNOWN;
     for (const TokenDef& t : g_arPictureTokens)
         if (MatchNoCase(lpszFormat, t.m_lpszText, nLen)) return t.m_bType;
     nLen = 1;

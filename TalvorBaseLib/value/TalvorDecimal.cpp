@@ -57,17 +57,24 @@ const u128 MAX_MAGNITUDE_END = Pow10(TALVOR_DECIMAL_MAX_DIGITS);  // 10^36
 
 int DigitCount(u128 m)
 {
-    int n = 0;
-    while (n <= MAX_POW10_U128 && m >= Pow10(n)) ++n;
-    return n;
+    if (m == 0) return 0;
+    unsigned long long ullHigh = (unsigned long long)(m >> 64);
+    int nBits = ullHigh != 0 ? 128 - __builtin_clzll(ullHigh) : 64 - __builtin_clzll((unsigned long long)m);
+    // log10(2) ~ 1233 / 4096 gives the count or one less.
+    int n = nBits * 1233 >> 12;
+    return m >= Pow10(n) ? n + 1 : n;
 }
 
+// Limbs above m_bValid are 0, so all four fold without a loop: two 64-bit
+// halves and one 128-bit multiply.
 u128 Magnitude(const st_VARDATA* v)
 {
-    u128 m = 0;
-    int nValid = v->m_bValid > TALVOR_DECIMAL_LIMBS ? TALVOR_DECIMAL_LIMBS : v->m_bValid;
-    for (int i = nValid - 1; i >= 0; --i) m = m * TALVOR_DECIMAL_LIMB_BASE + (UINT)v->m_arDecimalData[i];
-    return m;
+    const unsigned long long TWO_LIMBS = 1000000000000000000ULL;
+    if (v->m_bValid == 0) return 0;
+    const int* p = v->m_arDecimalData;
+    unsigned long long ullLow = (unsigned long long)(UINT)p[1] * TALVOR_DECIMAL_LIMB_BASE + (UINT)p[0];
+    unsigned long long ullHigh = (unsigned long long)(UINT)p[3] * TALVOR_DECIMAL_LIMB_BASE + (UINT)p[2];
+    return (u128)ullHigh * TWO_LIMBS + ullLow;
 }
 
 void SetNull(st_VARDATA* v)
@@ -87,12 +94,19 @@ void SetValue(st_VARDATA* v, BYTE bSign, int nScale, u128 m)
     v->m_bSign = bSign;
     v->m_bScale = (signed char)nScale;
     v->m_bPrecison = 0;
-    int nValid = 1;
-    for (int i = 0; i < TALVOR_DECIMAL_LIMBS; ++i) {
-        v->m_arDecimalData[i] = (int)(m % TALVOR_DECIMAL_LIMB_BASE);
-        m /= TALVOR_DECIMAL_LIMB_BASE;
-        if (v->m_arDecimalData[i] != 0) nValid = i + 1;
+    // One 128-bit division at most; the limbs come from 64-bit halves.
+    const unsigned long long TWO_LIMBS = 1000000000000000000ULL;
+    unsigned long long ullLow = (unsigned long long)m, ullHigh = 0;
+    if ((m >> 64) != 0 || ullLow >= TWO_LIMBS) {
+        ullHigh = (unsigned long long)(m / TWO_LIMBS);
+        ullLow = (unsigned long long)(m - (u128)ullHigh * TWO_LIMBS);
     }
+    v->m_arDecimalData[0] = (int)(ullLow % TALVOR_DECIMAL_LIMB_BASE);
+    v->m_arDecimalData[1] = (int)(ullLow / TALVOR_DECIMAL_LIMB_BASE);
+    v->m_arDecimalData[2] = (int)(ullHigh % TALVOR_DECIMAL_LIMB_BASE);
+    v->m_arDecimalData[3] = (int)(ullHigh / TALVOR_DECIMAL_LIMB_BASE);
+    int nValid = TALVOR_DECIMAL_LIMBS;
+    while (nValid > 1 && v->m_arDecimalData[nValid - 1] == 0) --nValid;
     v->m_bValid = (BYTE)nValid;
 }
 
@@ -104,8 +118,10 @@ u128 DropDigits(u128 m, int n, bool bRound)
 {
     if (n <= 0) return m;
     if (n > MAX_POW10_U128) return 0;
-    u128 q = m / Pow10(n);
-    if (bRound && (m / Pow10(n - 1)) % 10 >= FIRST_ROUNDING_DIGIT) ++q;
+    u128 q = m / Pow10(n - 1);
+    int nLast = (int)(q % 10);
+    q /= 10;
+    if (bRound && nLast >= FIRST_ROUNDING_DIGIT) ++q;
     return q;
 }
 
@@ -458,6 +474,41 @@ bool IntegerPart(const st_VARDATA* v, u128& m, bool& bCut)
     return true;
 }
 
+// Places a product keeps: those of the larger operand, or 9; the count
+// of digits to drop then also keeps the product within 36 digits.
+int ProductDrop(int sa, int sb, int nDigits)
+{
+    int nKeepScale = sa > sb ? sa : sb;
+    if (nKeepScale < QUOTIENT_PLACES) nKeepScale = QUOTIENT_PLACES;
+    int nDrop = sa + sb - nKeepScale;
+    if (nDrop < 0) nDrop = 0;
+    if (nDigits - nDrop > TALVOR_DECIMAL_MAX_DIGITS) nDrop = nDigits - TALVOR_DECIMAL_MAX_DIGITS;
+    return nDrop;
+}
+
+int SetProduct(u128 m, int nScale, BYTE bSign, st_VARDATA* c)
+{
+    FitCarry(m, nScale);
+    if (nScale > TALVOR_DECIMAL_MAX_SCALE) {
+        SetValue(c, bSign, 0, 0);
+        return 0;
+    }
+    if (nScale < TALVOR_DECIMAL_MIN_SCALE) {
+        // Too large for any scale: a zero here would be a wrong number.
+        SetNull(c);
+        return TALVOR_ERROR_DECIMAL_PRECISION;
+    }
+    SetValue(c, bSign, nScale, m);
+    return 0;
+}
+
+// Operands below 2^64 multiply into one 128-bit product.
+int MulNarrow(u128 p, int sa, int sb, BYTE bSign, st_VARDATA* c)
+{
+    int nDrop = ProductDrop(sa, sb, DigitCount(p));
+    return SetProduct(DropDigits(p, nDrop, true), sa + sb - nDrop, bSign, c);
+}
+
 }  // namespace
 
 // --- Parsing and conversions ----------------------------------------------------
@@ -738,40 +789,22 @@ int CTalvorDecimal::Mul(const st_VARDATA* a, const st_VARDATA* b, st_VARDATA* c)
         SetNull(c);
         return 0;
     }
-    UINT arA[TALVOR_DECIMAL_LIMBS], arB[TALVOR_DECIMAL_LIMBS], arP[PRODUCT_LIMBS];
-    ToLimbs(Magnitude(a), arA);
-    ToLimbs(Magnitude(b), arB);
-    WideMul(arA, arB, arP);
     BYTE bSign = a->m_bSign ^ b->m_bSign;
     int sa = a->m_bScale, sb = b->m_bScale;
-    // The fraction keeps at most the places of the larger operand, or 9;
-    // beyond that only 36 digits fit.
-    int nKeepScale = sa > sb ? sa : sb;
-    if (nKeepScale < QUOTIENT_PLACES) nKeepScale = QUOTIENT_PLACES;
-    int nDrop = sa + sb - nKeepScale;
-    if (nDrop < 0) nDrop = 0;
-    int nDigits = WideDigits(arP, PRODUCT_LIMBS);
-    if (nDigits - nDrop > TALVOR_DECIMAL_MAX_DIGITS) nDrop = nDigits - TALVOR_DECIMAL_MAX_DIGITS;
+    u128 ma = Magnitude(a), mb = Magnitude(b);
+    if ((ma >> 64) == 0 && (mb >> 64) == 0) return MulNarrow(ma * mb, sa, sb, bSign, c);
+    UINT arA[TALVOR_DECIMAL_LIMBS], arB[TALVOR_DECIMAL_LIMBS], arP[PRODUCT_LIMBS];
+    ToLimbs(ma, arA);
+    ToLimbs(mb, arB);
+    WideMul(arA, arB, arP);
+    int nDrop = ProductDrop(sa, sb, WideDigits(arP, PRODUCT_LIMBS));
     bool bRoundUp = false;
     if (nDrop > 0) {
         WideDropDigits(arP, PRODUCT_LIMBS, nDrop - 1);
         bRoundUp = arP[0] % 10 >= FIRST_ROUNDING_DIGIT;
         WideDropDigits(arP, PRODUCT_LIMBS, 1);
     }
-    u128 m = FromLimbs(arP, TALVOR_DECIMAL_LIMBS) + (bRoundUp ? 1 : 0);
-    int nScale = sa + sb - nDrop;
-    FitCarry(m, nScale);
-    if (nScale > TALVOR_DECIMAL_MAX_SCALE) {
-        SetValue(c, bSign, 0, 0);
-        return 0;
-    }
-    if (nScale < TALVOR_DECIMAL_MIN_SCALE) {
-        // Too large for any scale: a zero here would be a wrong number.
-        SetNull(c);
-        return TALVOR_ERROR_DECIMAL_PRECISION;
-    }
-    SetValue(c, bSign, nScale, m);
-    return 0;
+    return SetProduct(FromLimbs(arP, TALVOR_DECIMAL_LIMBS) + (bRoundUp ? 1 : 0), sa + sb - nDrop, bSign, c);
 }
 
 int CTalvorDecimal::Div(const st_VARDATA* a, const st_VARDATA* b, st_VARDATA* c)
