@@ -107,3 +107,41 @@ long long ToNumber(const char* lpszText, int nLen);
 // type's limits; 0 for text that is no number.
 int StringToInt(const char* lpszText);
 long long StringToLongLong(const char* lpszText);
+
+// --- Stored form and hashing ---------------------------------------------------
+// Thread safety: as above, any thread.
+
+#define TALVOR_DECIMAL_BIN_NEGATIVE 0x80
+#define TALVOR_DECIMAL_BIN_SCALE 0x40
+#define TALVOR_DECIMAL_BIN_BINARY 0x20
+#define TALVOR_DECIMAL_BIN_LENGTH 0x1F
+// Scale byte of the largest key of a column; no value has this scale.
+#define TALVOR_DECIMAL_MAX_KEY_SCALE 0x80
+
+class CTalvorDecimalBin {
+public:
+    // Result: bytes of the stored form for a declared precision (3 to 18).
+    static int CalcBinLen(int nPrecison);
+    // Result: bytes the value takes through FormatBin.
+    static int CalcBinLen(const st_VARDATA* lpValue);
+    // Result: bytes of a stored value, from its flag byte.
+    static int GetBinLen(const BYTE* lpData);
+    // Writes the stored form, by the value's m_bPrecison or, when that is 0,
+    // by its digit count. Result: bytes written; 0 when the buffer of nLen
+    // bytes is too small or the value exceeds its declared precision.
+    static int FormatBin(const st_VARDATA* lpValue, LPBYTE lpBuffer, int nLen);
+    // Reads a stored form. Result: 0, or 363 (value null) for a length
+    // above 16 or a limb above 999,999,999.
+    static int LoadBin(const BYTE* lpData, st_VARDATA* lpValue);
+    // Writes the largest key of a column of nPrecision. Result: its length.
+    static int GetMax(int nPrecision, LPBYTE lpBuffer);
+    // Result: TRUE for a key written by GetMax.
+    static BOOL IsMax(const BYTE* lpData);
+    // Fits a value to a column: it stands when its scale is nScale and its
+    // digits fit nPrecision, else it is rounded to nScale and tested again.
+    // Result: 0, or 91 (value untouched) when it does not fit.
+    static int VerificationData(st_VARDATA* lpValue, BYTE nPrecision, char nScale);
+    // Result: a hash input that is equal for equal numbers, whatever their
+    // scale, sign of zero, or type (int, long long, double, decimal).
+    static long long CalcHashFactor(const st_VARDATA* lpValue);
+};
