@@ -968,3 +968,87 @@ int CTalvorDecimal::IsZero(const st_VARDATA* lpValue)
         if (lpValue->m_arDecimalData[i] != 0) return FALSE;
     return TRUE;
 }
+
+// --- Small in-place forms -----------------------------------------------------------
+
+int CTalvorDecimal::Add(st_VARDATA* lpValue, int nValue)
+{
+    if (!IsDecimal(lpValue)) return 0;
+    u128 m = Magnitude(lpValue);
+    u128 uAdd = (u128)(nValue < 0 ? 0ULL - (unsigned long long)(long long)nValue : (unsigned long long)nValue);
+    BYTE bSign = lpValue->m_bSign;
+    BYTE bPrecision = lpValue->m_bPrecison;
+    bool bSameSign = (nValue < 0) == (bSign != 0) || m == 0;
+    if (m == 0) bSign = nValue < 0;
+    if (bSameSign) {
+        m += uAdd;
+    } else if (m >= uAdd) {
+        m -= uAdd;
+    } else {
+        m = uAdd - m;
+        bSign ^= 1;
+    }
+    if (m >= MAX_MAGNITUDE_END) {
+        SetNull(lpValue);
+        return TALVOR_ERROR_DECIMAL_PRECISION;
+    }
+    SetValue(lpValue, bSign, lpValue->m_bScale, m);
+    lpValue->m_bPrecison = bPrecision;
+    return 0;
+}
+
+void CTalvorDecimal::ZoomOut(const st_VARDATA* src, st_VARDATA* dst, BYTE n)
+{
+    if (!IsDecimal(src)) {
+        SetNull(dst);
+        return;
+    }
+    u128 m = Magnitude(src);
+    int nScale = src->m_bScale + n;
+    if (!ScaleInRange(nScale) || (m != 0 && DigitCount(m) + n > TALVOR_DECIMAL_MAX_DIGITS)) {
+        SetNull(dst);
+        return;
+    }
+    BYTE bPrecision = src->m_bPrecison;
+    SetValue(dst, src->m_bSign, nScale, m == 0 ? 0 : m * Pow10(n));
+    dst->m_bPrecison = bPrecision;
+}
+
+void CTalvorDecimal::SafeConvert2Int(st_VARDATA* lpValue)
+{
+    int n;
+    if (!IsInt(lpValue, n)) return;
+    memset(&lpValue->m_bSign, 0, sizeof(st_VARDATA) - 4 - sizeof(int));
+    lpValue->m_vt = TALVOR_VT_INT;
+    lpValue->m_nValue = n;
+}
+
+void CTalvorDecimal::SafeConvert2Int64(st_VARDATA* lpValue)
+{
+    long long ll;
+    if (!IsInt64(lpValue, ll)) return;
+    memset(&lpValue->m_bSign, 0, sizeof(st_VARDATA) - 4 - sizeof(int));
+    lpValue->m_vt = TALVOR_VT_BIGINT;
+    lpValue->m_llValue = ll;
+}
+
+int CTalvorDecimal::PrintDecimalHex(const st_VARDATA* lpValue, char* lpszOut)
+{
+    const char* const HEX_DIGITS = "0123456789ABCDEF";
+    unsigned long long ull = 0;
+    if (IsDecimal(lpValue)) {
+        u128 m;
+        bool bFits = RoundedInteger(lpValue, TRUE, m);
+        if (lpValue->m_bSign) ull = (unsigned long long)Convert2Int64(lpValue, TRUE);
+        else ull = (!bFits || (m >> 64) != 0) ? ~0ULL : (unsigned long long)m;
+    }
+    char sz[17];
+    int n = 0;
+    do {
+        sz[n++] = HEX_DIGITS[ull & 0xF];
+        ull >>= 4;
+    } while (ull != 0);
+    for (int i = 0; i < n; ++i) lpszOut[i] = sz[n - 1 - i];
+    lpszOut[n] = 0;
+    return n;
+}

@@ -89,6 +89,21 @@ public:
     // Drops trailing zeros of the fraction, no further than scale 0. Result: 0.
     static int Clean(st_VARDATA* lpValue);
 
+    // Adds nValue to the limbs, whatever the scale. Result: 0, or 91 with
+    // the value null past 36 digits.
+    static int Add(st_VARDATA* lpValue, int nValue);
+    // dst = src with the limbs times 10^n and the scale raised by n; null
+    // when that overflows the limbs or the scale.
+    static void ZoomOut(const st_VARDATA* src, st_VARDATA* dst, BYTE n);
+    // Turn the value into an int (m_vt 1) or long long (m_vt 2) in place
+    // when it is an integer of that range; otherwise it stays a decimal.
+    static void SafeConvert2Int(st_VARDATA* lpValue);
+    static void SafeConvert2Int64(st_VARDATA* lpValue);
+    // The integer value, rounded half away from zero, in upper-case
+    // hexadecimal digits: a negative value as its 64-bit two's complement, a
+    // value past 2^64 - 1 as that. lpszOut needs 17 bytes. Result: length.
+    static int PrintDecimalHex(const st_VARDATA* lpValue, char* lpszOut);
+
     // Result: significant digits, 0 for zero.
     static int CalcValidDigit(const st_VARDATA* lpValue);
     // Result: TRUE when no limb is set.

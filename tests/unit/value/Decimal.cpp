@@ -588,3 +588,59 @@ TEST(DecimalRules, CeilAndFloor)
 }
 
 }  // namespace
+
+namespace {
+
+// Hexadecimal text against printf's %llX of the rounded 64-bit value.
+TEST(DecimalRules, InPlaceFormsAndHexadecimal)
+{
+    std::mt19937_64 rng(12);
+    char sz[64], szRef[64];
+    for (int i = 0; i < 2000; ++i) {
+        long long ll = (long long)(rng() >> (rng() % 64)) * ((i % 2) ? -1 : 1);
+        st_VARDATA v;
+        CTalvorDecimal::Convert2Decimal(ll, &v);
+        snprintf(szRef, sizeof(szRef), "%llX", (unsigned long long)ll);
+        EXPECT_EQ(CTalvorDecimal::PrintDecimalHex(&v, sz), (int)strlen(szRef));
+        EXPECT_STREQ(sz, szRef);
+    }
+    st_VARDATA v = Parse("2.5");
+    CTalvorDecimal::PrintDecimalHex(&v, sz);
+    EXPECT_STREQ(sz, "3");
+    v = Parse("1E30");
+    CTalvorDecimal::PrintDecimalHex(&v, sz);
+    EXPECT_STREQ(sz, "FFFFFFFFFFFFFFFF");
+
+    v = Parse("1.25");
+    EXPECT_EQ(CTalvorDecimal::Add(&v, -200), 0);
+    EXPECT_EQ(Print(v), "-0.75");
+    EXPECT_EQ(CTalvorDecimal::Add(&v, 75), 0);
+    EXPECT_TRUE(CTalvorDecimal::IsZero(&v));
+    v = Parse(std::string(36, '9'));
+    EXPECT_EQ(CTalvorDecimal::Add(&v, 1), TALVOR_ERROR_DECIMAL_PRECISION);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_NULL);
+
+    st_VARDATA c;
+    v = Parse("-1.5");
+    CTalvorDecimal::ZoomOut(&v, &c, 3);
+    EXPECT_EQ(Describe(c), "1 15000 4");
+    v = Parse(std::string(30, '9'));
+    CTalvorDecimal::ZoomOut(&v, &c, 7);
+    EXPECT_EQ(c.m_vt, TALVOR_VT_NULL);
+
+    v = Parse("-2147483648.000");
+    CTalvorDecimal::SafeConvert2Int(&v);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_INT);
+    EXPECT_EQ(v.m_nValue, INT_MIN);
+    v = Parse("2147483648");
+    CTalvorDecimal::SafeConvert2Int(&v);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_DECIMAL);
+    CTalvorDecimal::SafeConvert2Int64(&v);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_BIGINT);
+    EXPECT_EQ(v.m_llValue, 2147483648LL);
+    v = Parse("1.5");
+    CTalvorDecimal::SafeConvert2Int64(&v);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_DECIMAL);
+}
+
+}  // namespace
