@@ -48,6 +48,34 @@ struct TALVORDATEPARTS {
     int m_nDayOfYear;  // 1 to 366
 };
 
+enum INTERVAL_TYPE {
+    INTERVAL_MICROSECOND = 1,
+    INTERVAL_FRAC_SECOND = 2,
+    INTERVAL_SECOND = 3,
+    INTERVAL_MINUTE = 4,
+    INTERVAL_HOUR = 5,
+    INTERVAL_DAY = 6,
+    INTERVAL_WEEK = 7,
+    INTERVAL_MONTH = 8,
+    INTERVAL_QUARTER = 9,
+    INTERVAL_YEAR = 10,
+    INTERVAL_SECOND_MICROSECOND = 11,
+    INTERVAL_MINUTE_MICROSECOND = 12,
+    INTERVAL_MINUTE_SECOND = 13,
+    INTERVAL_HOUR_MICROSECOND = 14,
+    INTERVAL_HOUR_SECOND = 15,
+    INTERVAL_HOUR_MINUTE = 16,
+    INTERVAL_DAY_MICROSECOND = 17,
+    INTERVAL_DAY_SECOND = 18,
+    INTERVAL_DAY_MINUTE = 19,
+    INTERVAL_DAY_HOUR = 20,
+    INTERVAL_YEAR_MONTH = 21
+};
+
+#define TALVOR_DATE_BAD_INTERVAL 517
+// Amounts of an interval: year, month, day, hour, minute, second, microsecond.
+#define TALVOR_INTERVAL_FIELDS 7
+
 class CTalvorDate {
 public:
     CTalvorDate();
@@ -111,6 +139,30 @@ public:
     // Adds a signed number of months (and years), clamping the day. Result:
     // 0, or 49 out of range.
     static int AddMonths(DATE date, int nMonths, DATE& result);
+
+    // An interval value (byte 0 is 1, byte 1 the INTERVAL_TYPE, byte 2 the
+    // type of the amount, then its text) to amounts in arFields (seven).
+    // Fewer numbers than a compound type has fill its last fields; the
+    // digits after a point are microseconds by their count. Result: 0, 517
+    // for a bad type, 25 for a bad amount.
+    static int ParseIntervalString(const char* lpszInterval, long long* arFields, INTERVAL_TYPE& eType);
+    // date plus or minus an interval value (its text side). vResult becomes
+    // a date and time (m_vt 4). Result: 0; the codes of ParseIntervalString;
+    // 49 with vResult null when the result leaves years 1 to 9999.
+    static int DateAddSubInterval(CTalvorBufferPool* pPool, DATE date, const VARDATA& vInterval, VARDATA& vResult,
+                                  BOOL bAdd);
+    // "[-][D ]hh[:mm[:ss]]" to a time whose whole days go to m_nDay, with
+    // m_nDay the floor for negative times. Result: 0, 1504 for other text,
+    // 49 for minutes or seconds past 59 or days past a signed byte.
+    static int ParseTime(TALVORTIME& stTime, const char* lpszText, int nLen);
+    // Now, in the database's zone.
+    static DATE GetCurrentDateTime();
+    // (year - 1) / 100 of the current year.
+    static int GetCentury();
+    // date less the offset lpszFrom plus the offset lpszTo, as a date and
+    // time; null for a bad offset. Result: 0.
+    static int ConvertTZ(CTalvorBufferPool* pPool, DATE date, const char* lpszFrom, const char* lpszTo,
+                         VARDATA& vResult);
 
     // Round or truncate to a unit (CC, YYYY, Q, MM, WW, DD, HH, MI, SS, IW
     // and their synonyms). Result: 0; 25 for an unknown unit; 49 out of range.

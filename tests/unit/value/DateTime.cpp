@@ -437,3 +437,150 @@ TEST(DateReference, ZonesAgainstLocaltime)
 }
 
 }  // namespace
+
+namespace {
+
+std::string Interval(INTERVAL_TYPE eType, BYTE bValueType, const std::string& strValue)
+{
+    return std::string(1, '\x01') + (char)eType + (char)bValueType + strValue;
+}
+
+DATE AddInterval(DATE date, const std::string& strInterval, BOOL bAdd, int& nResult)
+{
+    VARDATA vInterval, vResult;
+    memset(&vInterval, 0, sizeof(vInterval));
+    vInterval.m_vt = 7;
+    vInterval.m_lpszValue = const_cast<char*>(strInterval.c_str());
+    vInterval.m_nStrLen = (int)strInterval.size();
+    nResult = CTalvorDate::DateAddSubInterval(nullptr, date, vInterval, vResult, bAdd);
+    return vResult.m_vt == TALVOR_VT_DATETIME ? vResult.m_dblValue : -1e300;
+}
+
+// Day and time intervals against Python's timedelta on generated amounts.
+TEST(DateReference, IntervalsAgainstTimedelta)
+{
+    struct Kind { INTERVAL_TYPE m_eType; const char* m_lpszPython; int m_nNumbers; };
+    const Kind arKinds[] = {{INTERVAL_MICROSECOND, "microseconds=a[0]", 1}, {INTERVAL_SECOND, "seconds=a[0]", 1},
+        {INTERVAL_MINUTE, "minutes=a[0]", 1}, {INTERVAL_HOUR, "hours=a[0]", 1}, {INTERVAL_DAY, "days=a[0]", 1},
+        {INTERVAL_WEEK, "weeks=a[0]", 1},
+        {INTERVAL_SECOND_MICROSECOND, "seconds=a[0], microseconds=a[1]", 2},
+        {INTERVAL_MINUTE_SECOND, "minutes=a[0], seconds=a[1]", 2},
+        {INTERVAL_HOUR_MICROSECOND, "hours=a[0], minutes=a[1], seconds=a[2], microseconds=a[3]", 4},
+        {INTERVAL_HOUR_MINUTE, "hours=a[0], minutes=a[1]", 2},
+        {INTERVAL_DAY_SECOND, "days=a[0], hours=a[1], minutes=a[2], seconds=a[3]", 4},
+        {INTERVAL_DAY_HOUR, "days=a[0], hours=a[1]", 2}};
+    std::mt19937 rng(31);
+    std::string strScript = "import sys, datetime\nB = datetime.datetime(1899, 12, 30)\n";
+    strScript += "for line in sys.stdin:\n    f = line.split()\n    k, sign, day = int(f[0]), int(f[1]), int(f[2])\n";
+    strScript += "    a = [sign * int(x) for x in f[3:]]\n";
+    for (size_t k = 0; k < sizeof(arKinds) / sizeof(arKinds[0]); ++k)
+        strScript += "    if k == " + std::to_string(k) + ": d = datetime.timedelta(" + arKinds[k].m_lpszPython + ")\n";
+    strScript += "    r = B + datetime.timedelta(days=day) + d\n    print((r - B).days, (r - B).seconds * 1000000 + (r - B).microseconds)\n";
+    char szScript[] = "/tmp/talvor_interval_XXXXXX", szInput[] = "/tmp/talvor_interval_in_XXXXXX";
+    FILE* f = fdopen(mkstemp(szScript), "w");
+    fputs(strScript.c_str(), f);
+    fclose(f);
+    struct Case { size_t m_nKind; int m_nSign; int m_nDay; std::vector<int> m_vNumbers; };
+    std::vector<Case> vCases;
+    for (int i = 0; i < 2000; ++i) {
+        Case c;
+        c.m_nKind = rng() % (sizeof(arKinds) / sizeof(arKinds[0]));
+        c.m_nSign = (rng() % 2) ? -1 : 1;
+        c.m_nDay = 10000 + (int)(rng() % 50000);
+        for (int n = 0; n < arKinds[c.m_nKind].m_nNumbers; ++n)
+            c.m_vNumbers.push_back((int)(rng() % (n == 3 && arKinds[c.m_nKind].m_eType == INTERVAL_HOUR_MICROSECOND ? 1000000 : 100000)));
+        vCases.push_back(c);
+    }
+    f = fdopen(mkstemp(szInput), "w");
+    for (const Case& c : vCases) {
+        fprintf(f, "%zu %d %d", c.m_nKind, c.m_nSign, c.m_nDay);
+        for (int n : c.m_vNumbers) fprintf(f, " %d", n);
+        fprintf(f, "\n");
+    }
+    fclose(f);
+    FILE* fOut = popen((std::string("python3 ") + szScript + " < " + szInput).c_str(), "r");
+    ASSERT_NE(fOut, nullptr);
+    for (const Case& c : vCases) {
+        long long nDay, nMicros;
+        ASSERT_EQ(fscanf(fOut, "%lld %lld", &nDay, &nMicros), 2);
+        const Kind& k = arKinds[c.m_nKind];
+        std::string strValue;
+        for (size_t n = 0; n < c.m_vNumbers.size(); ++n) {
+            if (n > 0) strValue += (k.m_eType == INTERVAL_HOUR_MICROSECOND && n == 3) ? "." : (n == 1 && k.m_nNumbers == 4 && k.m_eType == INTERVAL_DAY_SECOND) ? " " : ":";
+            char sz[16];
+            snprintf(sz, sizeof(sz), (k.m_eType == INTERVAL_HOUR_MICROSECOND && n == 3) ? "%06d" : "%d", c.m_vNumbers[n]);
+            strValue += sz;
+        }
+        if (k.m_nNumbers == 2 && k.m_eType == INTERVAL_DAY_HOUR) strValue[strValue.find(':')] = ' ';
+        if (k.m_nNumbers == 2 && k.m_eType == INTERVAL_SECOND_MICROSECOND) {
+            char sz[32];
+            snprintf(sz, sizeof(sz), "%d.%06d", c.m_vNumbers[0], c.m_vNumbers[1]);
+            strValue = sz;
+        }
+        BYTE bValueType = k.m_nNumbers == 1 ? 2 : 7;
+        int nResult;
+        // Subtraction of the amount is the same as adding its negation.
+        DATE r = AddInterval((DATE)c.m_nDay, Interval(k.m_eType, bValueType, strValue), c.m_nSign > 0, nResult);
+        ASSERT_EQ(nResult, 0) << strValue;
+        TALVORDATEPARTS p, ref;
+        ASSERT_EQ(CTalvorDate::ConvertDateTime(r, p), 0);
+        ASSERT_EQ(CTalvorDate::ConvertDateTime((DATE)nDay + nMicros / 86400e6, ref), 0);
+        EXPECT_EQ(Text(r), Text((DATE)nDay + nMicros / 86400e6)) << k.m_eType << " " << strValue << " sign " << c.m_nSign;
+        EXPECT_EQ(p.m_nMicrosecond, ref.m_nMicrosecond) << k.m_eType << " " << strValue;
+    }
+    pclose(fOut);
+    unlink(szScript);
+    unlink(szInput);
+}
+
+TEST(DateRules, MonthIntervalsTimesAndZones)
+{
+    int nResult;
+    EXPECT_EQ(Text(AddInterval(Make(2021, 1, 31), Interval(INTERVAL_MONTH, 1, "1"), TRUE, nResult)), "2021-02-28 00:00:00");
+    EXPECT_EQ(Text(AddInterval(Make(2021, 1, 15), Interval(INTERVAL_MONTH, 1, "13"), FALSE, nResult)), "2019-12-15 00:00:00");
+    EXPECT_EQ(Text(AddInterval(Make(2020, 2, 29), Interval(INTERVAL_YEAR, 1, "1"), TRUE, nResult)), "2021-02-28 00:00:00");
+    EXPECT_EQ(Text(AddInterval(Make(2020, 11, 30), Interval(INTERVAL_QUARTER, 1, "1"), TRUE, nResult)), "2021-02-28 00:00:00");
+    EXPECT_EQ(Text(AddInterval(Make(2020, 1, 31), Interval(INTERVAL_YEAR_MONTH, 7, "1-1"), TRUE, nResult)), "2021-02-28 00:00:00");
+    EXPECT_EQ(Text(AddInterval(Make(2020, 1, 1), Interval(INTERVAL_DAY, 3, "1.5"), TRUE, nResult)), "2020-01-03 00:00:00");
+    EXPECT_EQ(Text(AddInterval(Make(2020, 1, 1), Interval(INTERVAL_DAY, 240, "-1.5"), TRUE, nResult)), "2019-12-30 00:00:00");
+    EXPECT_EQ(Text(AddInterval(Make(2020, 1, 1), Interval(INTERVAL_HOUR_MINUTE, 7, "5"), TRUE, nResult)), "2020-01-01 00:05:00");
+    EXPECT_EQ(Text(AddInterval(Make(2020, 1, 1), Interval(INTERVAL_FRAC_SECOND, 1, "1500"), TRUE, nResult)), "2020-01-01 00:00:01");
+    AddInterval(Make(9999, 12, 31), Interval(INTERVAL_DAY, 1, "1"), TRUE, nResult);
+    EXPECT_EQ(nResult, TALVOR_DATE_INVALID_DATA);
+    AddInterval(Make(2020, 1, 1), Interval(INTERVAL_DAY, 1, "999999999999999"), TRUE, nResult);
+    EXPECT_EQ(nResult, TALVOR_DATE_INVALID_DATA);
+    AddInterval(Make(2020, 1, 1), Interval((INTERVAL_TYPE)22, 1, "1"), TRUE, nResult);
+    EXPECT_EQ(nResult, TALVOR_DATE_BAD_INTERVAL);
+    AddInterval(Make(2020, 1, 1), Interval(INTERVAL_DAY, 1, "x"), TRUE, nResult);
+    EXPECT_EQ(nResult, TALVOR_DATE_BAD_PARAMETER);
+    AddInterval(Make(2020, 1, 1), Interval(INTERVAL_HOUR_MINUTE, 7, "1:2:3"), TRUE, nResult);
+    EXPECT_EQ(nResult, TALVOR_DATE_BAD_PARAMETER);
+
+    TALVORTIME t;
+    ASSERT_EQ(CTalvorDate::ParseTime(t, "25:10:05", 8), 0);
+    EXPECT_EQ(t.m_nDay, 1);
+    EXPECT_EQ(t.m_bHour, 1);
+    EXPECT_EQ(t.m_bMintue, 10);
+    EXPECT_EQ(t.m_bSecond, 5);
+    ASSERT_EQ(CTalvorDate::ParseTime(t, "-1:00:00", 8), 0);
+    EXPECT_EQ(t.m_nDay, -1);
+    EXPECT_EQ(t.m_bHour, 23);
+    ASSERT_EQ(CTalvorDate::ParseTime(t, "2 03:04", 7), 0);
+    EXPECT_EQ(t.m_nDay, 2);
+    EXPECT_EQ(t.m_bMintue, 4);
+    EXPECT_EQ(CTalvorDate::ParseTime(t, "10:61:00", 8), TALVOR_DATE_INVALID_DATA);
+    EXPECT_EQ(CTalvorDate::ParseTime(t, "10:x", 4), TALVOR_DATE_BAD_FORMAT);
+    EXPECT_EQ(CTalvorDate::ParseTime(t, "4000:00:00", 10), TALVOR_DATE_INVALID_DATA);
+
+    VARDATA v;
+    ASSERT_EQ(CTalvorDate::ConvertTZ(nullptr, Make(2020, 1, 1, 12, 0, 0), "+00:00", "+05:30", v), 0);
+    EXPECT_EQ(Text(v.m_dblValue), "2020-01-01 17:30:00");
+    ASSERT_EQ(CTalvorDate::ConvertTZ(nullptr, Make(2020, 1, 1), "+00:00", "+14:00", v), 0);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_NULL);
+    time_t tNow = time(nullptr);
+    struct tm stNow;
+    gmtime_r(&tNow, &stNow);
+    EXPECT_EQ(CTalvorDate::GetCentury(), (stNow.tm_year + 1900 - 1) / 100);
+}
+
+}  // namespace
