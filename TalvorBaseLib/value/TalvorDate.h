@@ -131,6 +131,12 @@ public:
     int ParseDate(const char* lpszText, int nLen, TALVORDATEPARTS& stParts);
     int ParseDate(const char* lpszText, int nLen, DATE& date);
 
+    // Text by a format of the same tokens Format writes; names compare
+    // without regard to case, a blank in the format takes any run of blanks.
+    // Parts the format does not set are -1. Result: 0; 1504 for text that
+    // does not follow the format; 49 for parts out of range.
+    static int ParseDate(const char* lpszText, const char* lpszFormat, TALVORDATEPARTS& stParts);
+
     // Adds years, months, days, hours, minutes, seconds, microseconds; a
     // month that ends sooner clamps the day. Result: 0; 25 for a negative
     // amount; 49 for a result out of range.

@@ -584,3 +584,55 @@ TEST(DateRules, MonthIntervalsTimesAndZones)
 }
 
 }  // namespace
+
+namespace {
+
+// Texts written by strftime, read back by strptime and by our format walk.
+TEST(DateReference, ParsingByFormatAgainstStrptime)
+{
+    struct { const char* m_lpszC; const char* m_lpszOurs; } arFormats[] = {
+        {"%Y-%m-%d %H:%M:%S", "%Y-%m-%d %H:%i:%s"}, {"%d/%b/%Y", "%d/%b/%Y"},
+        {"%B %d %Y %I:%M:%S %p", "%M %d %Y %h:%i:%s %p"}, {"%a, %d %b %Y %T", "%a, %d %b %Y %T"},
+        {"%Y%j", "%Y%j"}, {"%A   %y.%m.%d", "%W %y.%m.%d"}, {"%d-%m-%Y %r", "DD-MM-YYYY %r"}};
+    std::mt19937 rng(77);
+    for (int i = 0; i < 3000; ++i) {
+        struct tm t = {};
+        t.tm_year = 71 + (int)(rng() % 98);
+        t.tm_mday = 1;
+        time_t tt = timegm(&t) + (time_t)(rng() % (365 * 86400));
+        gmtime_r(&tt, &t);
+        const auto& fmt = arFormats[i % (sizeof(arFormats) / sizeof(arFormats[0]))];
+        char szText[128];
+        strftime(szText, sizeof(szText), fmt.m_lpszC, &t);
+        struct tm r = {};
+        ASSERT_NE(strptime(szText, fmt.m_lpszC, &r), nullptr) << szText;
+        TALVORDATEPARTS p;
+        ASSERT_EQ(CTalvorDate::ParseDate(szText, fmt.m_lpszOurs, p), 0) << szText << " by " << fmt.m_lpszOurs;
+        EXPECT_EQ(p.m_nYear, r.tm_year + 1900) << szText;
+        if (strstr(fmt.m_lpszC, "%j") != nullptr) {
+            EXPECT_EQ(p.m_nMonth, t.tm_mon + 1) << szText;
+            EXPECT_EQ(p.m_nDay, t.tm_mday) << szText;
+            continue;
+        }
+        EXPECT_EQ(p.m_nMonth, r.tm_mon + 1) << szText;
+        EXPECT_EQ(p.m_nDay, r.tm_mday) << szText;
+        if (strchr(fmt.m_lpszC, 'H') || strchr(fmt.m_lpszC, 'I') || strchr(fmt.m_lpszC, 'T') || strchr(fmt.m_lpszC, 'r')) {
+            EXPECT_EQ(p.m_nHour, r.tm_hour) << szText;
+            EXPECT_EQ(p.m_nMinute, r.tm_min) << szText;
+            EXPECT_EQ(p.m_nSecond, r.tm_sec) << szText;
+        } else {
+            EXPECT_EQ(p.m_nHour, -1) << "unset parts stay -1";
+        }
+    }
+    TALVORDATEPARTS p;
+    EXPECT_EQ(CTalvorDate::ParseDate("2021-02-30", "%Y-%m-%d", p), TALVOR_DATE_INVALID_DATA);
+    EXPECT_EQ(CTalvorDate::ParseDate("2021/02/03", "%Y-%m-%d", p), TALVOR_DATE_BAD_FORMAT);
+    EXPECT_EQ(CTalvorDate::ParseDate("2021-02-03 junk", "%Y-%m-%d", p), TALVOR_DATE_BAD_FORMAT);
+    EXPECT_EQ(CTalvorDate::ParseDate("13:00:00 PM", "%r", p), TALVOR_DATE_INVALID_DATA);
+    ASSERT_EQ(CTalvorDate::ParseDate("12:30:00 AM", "%r", p), 0);
+    EXPECT_EQ(p.m_nHour, 0);
+    ASSERT_EQ(CTalvorDate::ParseDate("5.25 100%", "%s.%f %j%%", p), 0);
+    EXPECT_EQ(p.m_nMicrosecond, 250000);
+}
+
+}  // namespace
