@@ -110,12 +110,15 @@ bool SplitDate(DATE date, DayTime& t)
     double dDay = std::floor(date);
     if (dDay < (double)MIN_DAY || dDay > (double)MAX_DAY) return false;
     t.m_nDay = (long long)dDay;
-    t.m_nMicros = std::llround((date - dDay) * MICROS_PER_DAY_D);
-    if (t.m_nMicros >= MICROS_PER_DAY) {
-        t.m_nMicros -= MICROS_PER_DAY;
-        ++t.m_nDay;
-    }
-    return t.m_nDay <= MAX_DAY;
+    // The finest power-of-ten unit wider than the spacing of doubles here:
+    // parts in whole units come back exactly, so seconds never drift.
+    double dSpacing = (std::nextafter(date, HUGE_VAL) - date) * MICROS_PER_DAY_D;
+    long long nUnit = 1;
+    while ((double)nUnit <= dSpacing) nUnit *= 10;
+    t.m_nMicros = std::llround((date - dDay) * MICROS_PER_DAY_D / (double)nUnit) * nUnit;
+    // JoinDate never rounds onto the next midnight, so neither does this.
+    if (t.m_nMicros >= MICROS_PER_DAY) t.m_nMicros = MICROS_PER_DAY - nUnit;
+    return true;
 }
 
 // Late in the range the spacing of doubles passes microseconds, and the last
@@ -1367,5 +1370,50 @@ int CTalvorDate::ParseDate(const char* lpszText, const char* lpszFormat, TALVORD
     if (s.m_nDay != -1 && (s.m_nDay < 1 || s.m_nDay > (s.m_nMonth > 0 && s.m_nYear > 0 ? DaysInMonth(s.m_nYear, s.m_nMonth) : 31)))
         return TALVOR_DATE_INVALID_DATA;
     if (s.m_nHour > 23 || s.m_nMinute > 59 || s.m_nSecond > 59) return TALVOR_DATE_INVALID_DATA;
+    return 0;
+}
+
+// --- Named parts --------------------------------------------------------------------------------
+
+int CTalvorDate::Format(CTalvorBufferPool* pPool, DATE& date, VARDATA& vResult)
+{
+    return Format(pPool, date, "%Y-%m-%d %H:%i:%s", vResult);
+}
+
+int CTalvorDate::GetCombinedData(CTalvorBufferPool* /*pPool*/, DATE& date, BYTE bType, VARDATA& vResult)
+{
+    TALVORDATEPARTS s;
+    if (ConvertDateTime(date, s) != 0) return TALVOR_DATE_INVALID_DATA;
+    const long long HUNDRED = 100, MILLION = 1000000;
+    long long nHms = (s.m_nHour * HUNDRED + s.m_nMinute) * HUNDRED + s.m_nSecond;
+    long long v;
+    int nWeekYear = 0;
+    switch (bType) {
+    case INTERVAL_MICROSECOND: v = s.m_nMicrosecond; break;
+    case INTERVAL_FRAC_SECOND: v = s.m_nMicrosecond / 1000; break;
+    case INTERVAL_SECOND: v = s.m_nSecond; break;
+    case INTERVAL_MINUTE: v = s.m_nMinute; break;
+    case INTERVAL_HOUR: v = s.m_nHour; break;
+    case INTERVAL_DAY: v = s.m_nDay; break;
+    case INTERVAL_WEEK: v = CalcWeek(s, 0, nWeekYear); break;
+    case INTERVAL_MONTH: v = s.m_nMonth; break;
+    case INTERVAL_QUARTER: v = (s.m_nMonth - 1) / 3 + 1; break;
+    case INTERVAL_YEAR: v = s.m_nYear; break;
+    case INTERVAL_SECOND_MICROSECOND: v = s.m_nSecond * MILLION + s.m_nMicrosecond; break;
+    case INTERVAL_MINUTE_MICROSECOND: v = (s.m_nMinute * HUNDRED + s.m_nSecond) * MILLION + s.m_nMicrosecond; break;
+    case INTERVAL_MINUTE_SECOND: v = s.m_nMinute * HUNDRED + s.m_nSecond; break;
+    case INTERVAL_HOUR_MICROSECOND: v = nHms * MILLION + s.m_nMicrosecond; break;
+    case INTERVAL_HOUR_SECOND: v = nHms; break;
+    case INTERVAL_HOUR_MINUTE: v = s.m_nHour * HUNDRED + s.m_nMinute; break;
+    case INTERVAL_DAY_MICROSECOND: v = (s.m_nDay * HUNDRED * HUNDRED * HUNDRED + nHms) * MILLION + s.m_nMicrosecond; break;
+    case INTERVAL_DAY_SECOND: v = s.m_nDay * HUNDRED * HUNDRED * HUNDRED + nHms; break;
+    case INTERVAL_DAY_MINUTE: v = (s.m_nDay * HUNDRED + s.m_nHour) * HUNDRED + s.m_nMinute; break;
+    case INTERVAL_DAY_HOUR: v = s.m_nDay * HUNDRED + s.m_nHour; break;
+    case INTERVAL_YEAR_MONTH: v = s.m_nYear * HUNDRED + s.m_nMonth; break;
+    default: return TALVOR_DATE_BAD_INTERVAL;
+    }
+    memset(&vResult.m_bSign, 0, sizeof(VARDATA) - 4 - sizeof(int));
+    vResult.m_vt = TALVOR_VT_BIGINT;
+    vResult.m_llValue = v;
     return 0;
 }

@@ -3,12 +3,12 @@
 // The fraction runs the same way as the days, so 1899-12-29 06:00 is -0.75
 // and adding a fraction always moves forward in time.
 //
-// What a double keeps: microseconds round-trip exactly while |day| < 65,536
-// (1720-07-26 to 2079-06-04). Past that the spacing of doubles exceeds a
-// microsecond, and parts come back to within half that spacing rounded to
-// the microsecond: 1 µs up to day 131,072 (2258), 21 µs at 9999. The last
-// instants before a midnight that would round onto it stay on their day, one
-// spacing early. Whole milliseconds stay exact over the whole range.
+// What a double keeps: the parts of a day number come back in the finest
+// power-of-ten unit wider than the spacing of doubles at that day, so parts
+// in whole units round-trip exactly and seconds never drift: microseconds
+// while |day| < 65,536 (1720-07-26 to 2079-06-04), 10 µs while |day| <
+// 524,288 (to 3335), 100 µs up to 9999-12-31. The last instants of a day
+// never round onto the next midnight.
 //
 // Thread safety: the static functions work on their arguments alone and may
 // run on any thread. A CTalvorDate object is scratch for one parse on one
@@ -97,7 +97,7 @@ public:
     static int ConvertVariantTime(DATE& date, const TALVORDATE& stDate);
     static int ConvertVariantTime(DATE& date, const TALVORTIME& stTime);
 
-    // Day number to parts, rounded to the nearest microsecond. Result: 0, or
+    // Day number to parts, in the unit the double holds (see above). Result: 0, or
     // 49 outside 0001-01-01 .. 9999-12-31 23:59:59.999999.
     static int ConvertDateTime(DATE date, TALVORDATEPARTS& stParts);
     // The same rounded to the nearest millisecond instead.
@@ -118,6 +118,13 @@ public:
     // the pool; vResult becomes text (m_vt 7). Result: 0, 49 for a date out
     // of range, 3 when the pool gives no memory.
     static int Format(CTalvorBufferPool* pPool, DATE& date, const char* lpszFormat, VARDATA& vResult);
+    // Text as "%Y-%m-%d %H:%i:%s" gives it. Result: as Format.
+    static int Format(CTalvorBufferPool* pPool, DATE& date, VARDATA& vResult);
+    // One part of a date for EXTRACT, by INTERVAL_TYPE: a single field, the
+    // week by mode 0, the quarter, or the digits of a compound type's fields
+    // side by side (YEAR_MONTH 202103, DAY_SECOND ddhhmmss). vResult becomes
+    // a 64-bit integer. Result: 0, 49 out of range, 517 for a bad type.
+    static int GetCombinedData(CTalvorBufferPool* pPool, DATE& date, BYTE bType, VARDATA& vResult);
     // Token number at lpszFormat (see the token table) and its length in
     // nLen; 255 and length 1 for an unknown token.
     static BYTE GetFormatType(const char* lpszFormat, int& nLen);

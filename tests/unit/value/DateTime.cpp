@@ -142,10 +142,22 @@ TEST(DateReference, DayNumbersFieldsFormatsAndWeeks)
         if (std::llabs(smp.m_nDay) < 65536) {
             EXPECT_EQ(nBack, smp.m_nMicros) << vRef[i];
         } else {
-            // Within the spacing of doubles at this day: half of it by
-            // rounding, all of it for the last instants kept before midnight.
-            double dSpacing = std::nextafter(date, 1e300) - date;
-            EXPECT_LE(std::llabs(nBack - smp.m_nMicros), (long long)std::ceil(dSpacing * 86400e6)) << vRef[i];
+            // Past 2079 the parts come in the power-of-ten unit wider than
+            // the spacing of doubles: near the original, and exact for a
+            // value in whole units.
+            double dSpacing = (std::nextafter(date, 1e300) - date) * 86400e6;
+            long long nUnit = 1;
+            while ((double)nUnit <= dSpacing) nUnit *= 10;
+            EXPECT_EQ(nUnit, std::llabs(smp.m_nDay) < 524288 ? 10 : 100) << vRef[i];
+            EXPECT_LE(std::llabs(nBack - smp.m_nMicros), nUnit) << vRef[i];
+            TALVORDATEPARTS unitParts = ref;
+            unitParts.m_nMicrosecond = (int)(ref.m_nMicrosecond / nUnit * nUnit);
+            DATE dUnit;
+            ASSERT_EQ(CTalvorDate::ConvertParts(dUnit, unitParts), 0);
+            TALVORDATEPARTS back;
+            ASSERT_EQ(CTalvorDate::ConvertDateTime(dUnit, back), 0);
+            EXPECT_EQ(back.m_nSecond, unitParts.m_nSecond) << vRef[i];
+            EXPECT_EQ(back.m_nMicrosecond, unitParts.m_nMicrosecond) << vRef[i];
             DATE dMillis;
             int nMillis = (int)(smp.m_nMicros / 1000 % 1000);
             ASSERT_EQ(CTalvorDate::ConvertVariantTime(dMillis, y, mo, d, h, mi, sec, nMillis), 0);
@@ -415,11 +427,10 @@ TEST(DateReference, ZonesAgainstLocaltime)
         EXPECT_EQ(p.m_nYear, lt.tm_year + 1900);
         EXPECT_EQ(p.m_nMonth, lt.tm_mon + 1);
         EXPECT_EQ(p.m_nDay, lt.tm_mday);
-        // Up to 2079 the second is exact; later within a microsecond.
+        // Whole seconds come back exactly, past 2079 too.
         long long nOurs = (p.m_nHour * 3600LL + p.m_nMinute * 60 + p.m_nSecond) * 1000000 + p.m_nMicrosecond;
         long long nRef = (lt.tm_hour * 3600LL + lt.tm_min * 60 + lt.tm_sec) * 1000000;
-        if (lt.tm_year + 1900 < 2079) EXPECT_EQ(nOurs, nRef) << t;
-        else EXPECT_LE(std::llabs(nOurs - nRef) % (86400LL * 1000000 - 1), 1) << t;
+        EXPECT_EQ(nOurs, nRef) << t;
         FILETIME ft;
         unsigned long long ull = ((unsigned long long)(t + 11644473600LL)) * 10000000ULL;
         ft.dwLowDateTime = (DWORD)ull;
@@ -633,6 +644,43 @@ TEST(DateReference, ParsingByFormatAgainstStrptime)
     EXPECT_EQ(p.m_nHour, 0);
     ASSERT_EQ(CTalvorDate::ParseDate("5.25 100%", "%s.%f %j%%", p), 0);
     EXPECT_EQ(p.m_nMicrosecond, 250000);
+}
+
+}  // namespace
+
+namespace {
+
+// EXTRACT's parts against strftime's fields of the same instant.
+TEST(DateReference, NamedPartsAgainstStrftime)
+{
+    struct { BYTE m_bType; const char* m_lpszFormat; } arParts[] = {
+        {INTERVAL_YEAR, "%Y"}, {INTERVAL_MONTH, "%m"}, {INTERVAL_DAY, "%d"}, {INTERVAL_HOUR, "%H"},
+        {INTERVAL_MINUTE, "%M"}, {INTERVAL_SECOND, "%S"}, {INTERVAL_WEEK, "%U"}, {INTERVAL_YEAR_MONTH, "%Y%m"},
+        {INTERVAL_DAY_HOUR, "%d%H"}, {INTERVAL_DAY_MINUTE, "%d%H%M"}, {INTERVAL_DAY_SECOND, "%d%H%M%S"},
+        {INTERVAL_HOUR_MINUTE, "%H%M"}, {INTERVAL_HOUR_SECOND, "%H%M%S"}, {INTERVAL_MINUTE_SECOND, "%M%S"}};
+    std::mt19937 rng(5);
+    CTalvorBufferPool pool;
+    for (int i = 0; i < 500; ++i) {
+        time_t t = (time_t)(rng() % 4000000000U);
+        struct tm tmv;
+        gmtime_r(&t, &tmv);
+        DATE d = (DATE)(t / 86400) + TALVOR_DATE_UNIX_EPOCH + (double)(t % 86400) / 86400.0;
+        for (const auto& part : arParts) {
+            char sz[32];
+            strftime(sz, sizeof(sz), part.m_lpszFormat, &tmv);
+            VARDATA v;
+            ASSERT_EQ(CTalvorDate::GetCombinedData(&pool, d, part.m_bType, v), 0);
+            EXPECT_EQ(v.m_llValue, atoll(sz)) << part.m_lpszFormat << " " << sz;
+        }
+        VARDATA v;
+        ASSERT_EQ(CTalvorDate::Format(&pool, d, v), 0);
+        char sz[32];
+        strftime(sz, sizeof(sz), "%Y-%m-%d %H:%M:%S", &tmv);
+        EXPECT_EQ(std::string(v.m_lpszValue, v.m_nStrLen), sz);
+    }
+    VARDATA v;
+    DATE d = 0;
+    EXPECT_EQ(CTalvorDate::GetCombinedData(&pool, d, 0, v), TALVOR_DATE_BAD_INTERVAL);
 }
 
 }  // namespace
