@@ -1417,3 +1417,83 @@ int CTalvorDate::GetCombinedData(CTalvorBufferPool* /*pPool*/, DATE& date, BYTE 
     vResult.m_llValue = v;
     return 0;
 }
+
+// --- Stored dates and times with intervals ----------------------------------------------------------
+
+namespace {
+
+bool HasTimePart(INTERVAL_TYPE eType)
+{
+    return eType <= INTERVAL_HOUR || (eType >= INTERVAL_SECOND_MICROSECOND && eType <= INTERVAL_DAY_HOUR);
+}
+
+bool HasDatePart(INTERVAL_TYPE eType)
+{
+    return (eType >= INTERVAL_DAY && eType <= INTERVAL_YEAR) || eType >= INTERVAL_DAY_MICROSECOND;
+}
+
+int AddInterval(DayTime& t, const VARDATA& vInterval, BOOL bAdd, INTERVAL_TYPE& eType)
+{
+    long long arFields[TALVOR_INTERVAL_FIELDS];
+    int nResult = CTalvorDate::ParseIntervalString(vInterval.m_lpszValue, arFields, eType);
+    if (nResult != 0) return nResult;
+    if (!bAdd)
+        for (long long& f : arFields) f = -f;
+    return AddIntervalFields(t, arFields);
+}
+
+}  // namespace
+
+int CTalvorDate::DateAddSubInterval(CTalvorBufferPool* /*pPool*/, const TALVORDATE& stDate, const VARDATA& vInterval,
+                                    VARDATA& vResult, BOOL bAdd)
+{
+    TALVORDATEPARTS s = {stDate.m_sYear, stDate.m_bMonth, stDate.m_bDay, 0, 0, 0, 0, 0, 0};
+    DayTime t;
+    if (!DayTimeOf(s, t)) return TALVOR_DATE_INVALID_DATA;
+    INTERVAL_TYPE eType = INTERVAL_DAY;
+    int nResult = AddInterval(t, vInterval, bAdd, eType);
+    if (nResult == TALVOR_DATE_BAD_INTERVAL || nResult == TALVOR_DATE_BAD_PARAMETER) return nResult;
+    if (nResult != 0) {
+        SetNullResult(vResult);
+        return nResult;
+    }
+    if (HasTimePart(eType)) {
+        SetDateResult(vResult, JoinDate(t));
+        return 0;
+    }
+    TALVORDATEPARTS r;
+    PartsOf(t, r);
+    memset(&vResult.m_bSign, 0, sizeof(VARDATA) - 4 - sizeof(int));
+    vResult.m_vt = TALVOR_VT_DATE;
+    vResult.m_stDate.m_bDay = (BYTE)r.m_nDay;
+    vResult.m_stDate.m_bMonth = (BYTE)r.m_nMonth;
+    vResult.m_stDate.m_sYear = (USHORT)r.m_nYear;
+    return 0;
+}
+
+int CTalvorDate::DateAddSubInterval(CTalvorBufferPool* /*pPool*/, const TALVORTIME& stTime, const VARDATA& vInterval,
+                                    VARDATA& vResult, BOOL bAdd)
+{
+    DayTime t = {stTime.m_nDay, stTime.m_bHour * MICROS_PER_HOUR + stTime.m_bMintue * MICROS_PER_MINUTE +
+                                    stTime.m_bSecond * MICROS_PER_SECOND};
+    INTERVAL_TYPE eType = INTERVAL_SECOND;
+    int nResult = AddInterval(t, vInterval, bAdd, eType);
+    if (nResult == TALVOR_DATE_BAD_INTERVAL || nResult == TALVOR_DATE_BAD_PARAMETER) return nResult;
+    const long long MIN_TIME_DAY = -128, MAX_TIME_DAY = 127;
+    bool bAsTime = !HasDatePart(eType);
+    if (nResult != 0 || (bAsTime && (t.m_nDay < MIN_TIME_DAY || t.m_nDay > MAX_TIME_DAY))) {
+        SetNullResult(vResult);
+        return TALVOR_DATE_INVALID_DATA;
+    }
+    if (!bAsTime) {
+        SetDateResult(vResult, JoinDate(t));
+        return 0;
+    }
+    memset(&vResult.m_bSign, 0, sizeof(VARDATA) - 4 - sizeof(int));
+    vResult.m_vt = TALVOR_VT_TIME;
+    vResult.m_stTime.m_nDay = (signed char)t.m_nDay;
+    vResult.m_stTime.m_bHour = (BYTE)(t.m_nMicros / MICROS_PER_HOUR);
+    vResult.m_stTime.m_bMintue = (BYTE)(t.m_nMicros / MICROS_PER_MINUTE % 60);
+    vResult.m_stTime.m_bSecond = (BYTE)(t.m_nMicros / MICROS_PER_SECOND % 60);
+    return 0;
+}

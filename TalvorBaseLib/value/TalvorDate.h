@@ -164,6 +164,15 @@ public:
     // 49 with vResult null when the result leaves years 1 to 9999.
     static int DateAddSubInterval(CTalvorBufferPool* pPool, DATE date, const VARDATA& vInterval, VARDATA& vResult,
                                   BOOL bAdd);
+    // The same for a stored date or time: the result keeps the operand's
+    // kind (m_vt 12 or 11) when the interval has no finer part (no time part
+    // for a date, no date part for a time), else it is a date and time; a
+    // time counts from day 0. Result: as above; 49 also for a time whose
+    // days leave a signed byte.
+    static int DateAddSubInterval(CTalvorBufferPool* pPool, const TALVORDATE& stDate, const VARDATA& vInterval,
+                                  VARDATA& vResult, BOOL bAdd);
+    static int DateAddSubInterval(CTalvorBufferPool* pPool, const TALVORTIME& stTime, const VARDATA& vInterval,
+                                  VARDATA& vResult, BOOL bAdd);
     // "[-][D ]hh[:mm[:ss]]" to a time whose whole days go to m_nDay, with
     // m_nDay the floor for negative times. Result: 0, 1504 for other text,
     // 49 for minutes or seconds past 59 or days past a signed byte.

@@ -684,3 +684,43 @@ TEST(DateReference, NamedPartsAgainstStrftime)
 }
 
 }  // namespace
+
+namespace {
+
+TEST(DateRules, StoredDatesAndTimesWithIntervals)
+{
+    VARDATA vInterval, v;
+    memset(&vInterval, 0, sizeof(vInterval));
+    std::string s = Interval(INTERVAL_MONTH, 1, "1");
+    vInterval.m_lpszValue = const_cast<char*>(s.c_str());
+    TALVORDATE d = {31, 1, 2020};
+    ASSERT_EQ(CTalvorDate::DateAddSubInterval(nullptr, d, vInterval, v, TRUE), 0);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_DATE);
+    EXPECT_EQ(v.m_stDate.m_bDay, 29);
+    EXPECT_EQ(v.m_stDate.m_bMonth, 2);
+    s = Interval(INTERVAL_HOUR, 1, "25");
+    vInterval.m_lpszValue = const_cast<char*>(s.c_str());
+    ASSERT_EQ(CTalvorDate::DateAddSubInterval(nullptr, d, vInterval, v, TRUE), 0);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_DATETIME);
+    EXPECT_EQ(Text(v.m_dblValue), "2020-02-01 01:00:00");
+    TALVORTIME t = {30, 20, 23, 0};
+    ASSERT_EQ(CTalvorDate::DateAddSubInterval(nullptr, t, vInterval, v, TRUE), 0);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_TIME);
+    EXPECT_EQ(v.m_stTime.m_nDay, 2);
+    EXPECT_EQ(v.m_stTime.m_bHour, 0);
+    EXPECT_EQ(v.m_stTime.m_bMintue, 20);
+    ASSERT_EQ(CTalvorDate::DateAddSubInterval(nullptr, t, vInterval, v, FALSE), 0);
+    EXPECT_EQ(v.m_stTime.m_nDay, -1);
+    EXPECT_EQ(v.m_stTime.m_bHour, 22);
+    s = Interval(INTERVAL_DAY, 1, "1");
+    vInterval.m_lpszValue = const_cast<char*>(s.c_str());
+    ASSERT_EQ(CTalvorDate::DateAddSubInterval(nullptr, t, vInterval, v, TRUE), 0);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_DATETIME);
+    EXPECT_EQ(Text(v.m_dblValue), "1899-12-31 23:20:30");
+    s = Interval(INTERVAL_HOUR, 1, "5000");
+    vInterval.m_lpszValue = const_cast<char*>(s.c_str());
+    EXPECT_EQ(CTalvorDate::DateAddSubInterval(nullptr, t, vInterval, v, TRUE), TALVOR_DATE_INVALID_DATA);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_NULL);
+}
+
+}  // namespace
