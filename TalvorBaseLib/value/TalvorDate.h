@@ -118,6 +118,10 @@ public:
     // the pool; vResult becomes text (m_vt 7). Result: 0, 49 for a date out
     // of range, 3 when the pool gives no memory.
     static int Format(CTalvorBufferPool* pPool, DATE& date, const char* lpszFormat, VARDATA& vResult);
+    // Text of a time by a format of time tokens only; hours run past 23
+    // with the days, and a negative time starts with "-". Result: 0; 1504
+    // for a date token; 3 when the pool gives no memory.
+    static int TimeFormat(CTalvorBufferPool* pPool, TALVORTIME& stTime, const char* lpszFormat, VARDATA& vResult);
     // Text as "%Y-%m-%d %H:%i:%s" gives it. Result: as Format.
     static int Format(CTalvorBufferPool* pPool, DATE& date, VARDATA& vResult);
     // One part of a date for EXTRACT, by INTERVAL_TYPE: a single field, the
