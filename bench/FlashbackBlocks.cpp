@@ -3,7 +3,7 @@
 // in ten changed after the save point, through a chain of 1 to 5 versions.
 // The rollback is measured as the persistence pass meets it: a copy of the
 // live block, then the rollback of the copy.
-#include "../tools/talvor-peer/PeerRollback.cpp"
+#include "PeerRollback.h"
 
 #include "TalvorFlashback.h"
 

@@ -74,7 +74,7 @@ public:
             }
             struct stat stLocked;
             struct stat stNamed;
-            if (fstat(fd, &stLocked) == 0 && stat(lpPath, &stNamed) == 0 && stLocked.st_dev == stNamed.st_dev &&
+            if (pIO->FStat(fd, &stLocked) == 0 && pIO->Stat(lpPath, &stNamed) == 0 && stLocked.st_dev == stNamed.st_dev &&
                 stLocked.st_ino == stNamed.st_ino) {
                 m_fd = fd;
                 return 0;
@@ -110,7 +110,7 @@ IniRead ReadOnce(int fd, char** ppText, size_t* pLen, int* pErr)
     *pLen = 0;
     *pErr = 0;
     struct stat stBefore;
-    if (fstat(fd, &stBefore) != 0) {
+    if (CTalvorFileIO::Current()->FStat(fd, &stBefore) != 0) {
         *pErr = errno;
         return INI_READ_FAILED;
     }
@@ -140,7 +140,7 @@ IniRead ReadOnce(int fd, char** ppText, size_t* pLen, int* pErr)
     }
     // A file that ended early or grew, or whose time moved, was being written.
     struct stat stAfter;
-    if (nRead != nSize || fstat(fd, &stAfter) != 0 || !SameSizeAndTime(stBefore, stAfter)) {
+    if (nRead != nSize || pIO->FStat(fd, &stAfter) != 0 || !SameSizeAndTime(stBefore, stAfter)) {
         delete[] lpText;
         return INI_READ_TORN;
     }
@@ -191,25 +191,6 @@ char* ReadIniLocked(const char* lpPath, int nFlags, int nLockOp, IniEmpty nEmpty
     }
 }
 
-// Makes the rename durable; a failure only weakens durability, not the text.
-void SyncDirectoryOf(const char* lpPath)
-{
-    char szDir[PATH_MAX];
-    const char* lpSlash = strrchr(lpPath, '/');
-    if (lpSlash == nullptr) {
-        strcpy(szDir, ".");
-    } else {
-        size_t n = lpSlash == lpPath ? 1 : (size_t)(lpSlash - lpPath);
-        if (n >= sizeof(szDir)) return;
-        memcpy(szDir, lpPath, n);
-        szDir[n] = 0;
-    }
-    int fd = open(szDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    fsync(fd);
-    close(fd);
-}
-
 BOOL WriteAndSync(int fd, const char* lpData, size_t nLen)
 {
     CTalvorFileIO* pIO = CTalvorFileIO::Current();
@@ -244,12 +225,13 @@ BOOL ConfigReplaceFileContent(const char* lpPath, const char* lpData, size_t nLe
     }
     // The new file takes the old one's place, so it takes its mode too.
     struct stat st;
-    if (stat(lpTarget, &st) == 0) fchmod(fd, st.st_mode & 07777);
-    if (!WriteAndSync(fd, lpData, nLen) || rename(szTemp, lpTarget) != 0) {
-        unlink(szTemp);
+    if (pIO->Stat(lpTarget, &st) == 0) pIO->FChmod(fd, st.st_mode & 07777);
+    if (!WriteAndSync(fd, lpData, nLen) || pIO->Rename(szTemp, lpTarget) != 0) {
+        pIO->Unlink(szTemp);
         return FALSE;
     }
-    SyncDirectoryOf(lpTarget);
+    // Makes the rename durable; a failure only weakens durability, not the text.
+    TalvorSyncParentDirectory(lpTarget);
     return TRUE;
 }
 
@@ -618,7 +600,7 @@ BOOL WritePrivateProfileString(LPCTSTR lpAppName, LPCTSTR lpKeyName, LPCTSTR lpS
     char* lpText = ReadIniLocked(lpFileName, O_RDONLY, LOCK_EX, bCreated ? INI_EMPTY_AT_ONCE : INI_EMPTY_IS_TEXT, lock,
                                  &nLen, &nErr);
     if (lpText == nullptr) {
-        if (bCreated) unlink(lpFileName);
+        if (bCreated) CTalvorFileIO::Current()->Unlink(lpFileName);
         return FALSE;
     }
 
@@ -682,7 +664,7 @@ BOOL WritePrivateProfileString(LPCTSTR lpAppName, LPCTSTR lpKeyName, LPCTSTR lpS
         lpHead = new (std::nothrow) char[nApp + 5];
         if (lpHead == nullptr) {
             delete[] lpText;
-            if (bCreated) unlink(lpFileName);
+            if (bCreated) CTalvorFileIO::Current()->Unlink(lpFileName);
             return FALSE;
         }
         nHead = (size_t)sprintf(lpHead, "%s[%.*s]\n", bNeedLf ? "\n" : "", (int)nApp, lpApp);
@@ -715,6 +697,6 @@ BOOL WritePrivateProfileString(LPCTSTR lpAppName, LPCTSTR lpKeyName, LPCTSTR lpS
     delete[] lpHead;
     delete[] lpText;
     // A file made only to be locked goes again when nothing reached it.
-    if (!bResult && bCreated) unlink(lpFileName);
+    if (!bResult && bCreated) CTalvorFileIO::Current()->Unlink(lpFileName);
     return bResult;
 }

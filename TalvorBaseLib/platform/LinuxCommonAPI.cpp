@@ -1,5 +1,6 @@
 // LinuxCommonAPI.cpp — latches, guards, waits, events, threads, shims.
 #include "LinuxCommonAPI.h"
+#include "TalvorFileIO.h"
 
 #include <cassert>
 #include <cerrno>
@@ -582,14 +583,14 @@ UINT GetFileSize(FILE* pFile, LPUINT)
     return (UINT)nEnd;
 }
 
-void CreateDirectory(char* lpFilePath, void*) { mkdir(lpFilePath, 0777); }
+void CreateDirectory(char* lpFilePath, void*) { CTalvorFileIO::Current()->MkDir(lpFilePath, 0777); }
 
-BOOL DeleteFile(LPCTSTR lpFileName) { return remove(lpFileName) == 0 ? TRUE : FALSE; }
+BOOL DeleteFile(LPCTSTR lpFileName) { return CTalvorFileIO::Current()->Unlink(lpFileName) == 0 ? TRUE : FALSE; }
 
 int MakeDirs(const char* lpszFilePath, size_t nCopySize, BOOL bBackslashToo)
 {
     if (lpszFilePath == nullptr || lpszFilePath[0] == '\0') return 0;
-    if (access(lpszFilePath, F_OK) == 0) return 1;
+    if (TalvorPathExists(lpszFilePath)) return 1;
     char szPath[MAX_PATH] = {0};
     if (nCopySize > sizeof(szPath)) nCopySize = sizeof(szPath);
     strncpy(szPath, lpszFilePath, nCopySize - 1);
@@ -601,11 +602,11 @@ int MakeDirs(const char* lpszFilePath, size_t nCopySize, BOOL bBackslashToo)
         szPath[i] = '\0';
         // Another process may be making the same directory: look twice
         // before creating, and try once more if it did not come.
-        if (access(szPath, F_OK) != 0) {
+        if (!TalvorPathExists(szPath)) {
             usleep(1000);
-            if (access(szPath, F_OK) != 0) {
+            if (!TalvorPathExists(szPath)) {
                 CreateDirectory(szPath, nullptr);
-                if (access(szPath, F_OK) != 0) {
+                if (!TalvorPathExists(szPath)) {
                     usleep(1000);
                     CreateDirectory(szPath, nullptr);
                 }
@@ -634,7 +635,7 @@ void Talvor_CloseFile(void*& hFile)
 {
     if (hFile == nullptr) return;
     int fd = *(int*)hFile;
-    if (fd >= 0) close(fd);
+    if (fd >= 0) CTalvorFileIO::Current()->Close(fd);
     free(hFile);
     hFile = nullptr;
 }

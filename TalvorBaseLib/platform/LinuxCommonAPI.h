@@ -141,10 +141,12 @@ long long FileTimeToInt64(const FILETIME& ft);
 BOOL QueryPerformanceCounter(LARGE_INTEGER* lpCounter);
 void GetLocalTime(LPSYSTEMTIME lpSystemTime);
 
-// --- Files and paths.
+// --- Files and paths. What touches a file goes through CTalvorFileIO.
 int GetModuleFileName(char* sModuleName, char* sFileName, int nSize);
 UINT GetFileSize(FILE* pFile, LPUINT lpFileSizeHigh);
+// mkdir with mode 0777 (before the umask); the result is not told.
 void CreateDirectory(char* lpFilePath, void* lpParam);
+// Unlinks a file (not a directory): TRUE when it went.
 BOOL DeleteFile(LPCTSTR lpFileName);
 int MakeDir(const char* lpszFilePath);
 // MakeDir's walk over a copy of nCopySize bytes (at most MAX_PATH); with
@@ -159,7 +161,8 @@ inline void TalvorFlushCPU4Write() { __atomic_thread_fence(__ATOMIC_RELEASE); }
 void* get_aligned_buffer(size_t nSize);
 
 // File handles of the daemon are heap-held ints holding a descriptor, so that
-// "no file" is a null pointer. Talvor_CloseFile closes and frees the cell.
+// "no file" is a null pointer. Talvor_CloseFile closes (through the file
+// layer) and frees the cell.
 void* Talvor_MakeFileHandle(int fd);
 int Talvor_FileDescriptor(void* hFile);
 void Talvor_CloseFile(void*& hFile);

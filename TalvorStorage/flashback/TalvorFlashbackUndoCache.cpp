@@ -104,7 +104,7 @@ BOOL CTalvorFlashback::GetFilePath(LPTALVORCRITICALSECTION lpCritSection, char* 
 static int MakeZeroUndoFile(const char* lpPath, UINT nTotalSize, void*& hFile)
 {
     CTalvorFileIO* pIO = CTalvorFileIO::Current();
-    if (access(lpPath, F_OK) == 0) unlink(lpPath);
+    if (TalvorPathExists(lpPath)) pIO->Unlink(lpPath);
     int fd = pIO->Open(lpPath, O_RDWR | O_CREAT, 0666);
     if (fd < 0) {
         Trace("LoadUndoCache", 0, 118006003,
@@ -112,7 +112,7 @@ static int MakeZeroUndoFile(const char* lpPath, UINT nTotalSize, void*& hFile)
               strerror(errno), errno, lpPath);
         return 1;
     }
-    chmod(lpPath, 0666);
+    pIO->Chmod(lpPath, 0666);
     hFile = Talvor_MakeFileHandle(fd);
     if (hFile == nullptr) {
         pIO->Close(fd);
@@ -144,7 +144,7 @@ int CTalvorFlashback::LoadUndoCache(LPTALVORCRITICALSECTION lpCritSection, BOOL 
     GetFilePath(lpCritSection, szPath);
     CTalvorFileIO* pIO = CTalvorFileIO::Current();
     Talvor_CloseFile(m_hFile);
-    if (access(szPath, F_OK) != 0) return MakeZeroUndoFile(szPath, stArea.m_nRollbackTotalSize, m_hFile);
+    if (!TalvorPathExists(szPath)) return MakeZeroUndoFile(szPath, stArea.m_nRollbackTotalSize, m_hFile);
     int fd = pIO->Open(szPath, O_RDWR, 0666);
     if (fd < 0) {
         usleep(1000);
@@ -156,11 +156,11 @@ int CTalvorFlashback::LoadUndoCache(LPTALVORCRITICALSECTION lpCritSection, BOOL 
               strerror(errno), errno, szPath);
         return 1;
     }
-    chmod(szPath, 0666);
+    pIO->Chmod(szPath, 0666);
     struct stat st;
-    if (fstat(fd, &st) != 0 || st.st_size != (off_t)stArea.m_nRollbackTotalSize) {
+    if (pIO->FStat(fd, &st) != 0 || st.st_size != (off_t)stArea.m_nRollbackTotalSize) {
         pIO->Close(fd);
-        unlink(szPath);
+        pIO->Unlink(szPath);
         usleep(1000);
         return MakeZeroUndoFile(szPath, stArea.m_nRollbackTotalSize, m_hFile);
     }
@@ -249,7 +249,7 @@ BOOL CTalvorFlashback::StopUndoMirror(UINT nWaitMs, BYTE bDeleteUndoFile)
     if (bDeleteUndoFile) {
         char szPath[MAX_PATH] = {0};
         GetFilePath(nullptr, szPath);
-        unlink(szPath);
+        CTalvorFileIO::Current()->Unlink(szPath);
     }
     return TRUE;
 }

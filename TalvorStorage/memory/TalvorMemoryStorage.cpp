@@ -75,7 +75,7 @@ int CTalvorMemoryStorage::OpenExistingFile()
     LPFILEINFO p = m_pFileInfo;
     int fd = CTalvorFileIO::Current()->Open(p->m_lpszFilePath, OpenFlags((BYTE)p->m_bFileType, FALSE), 0666);
     int nErr = errno;
-    chmod(p->m_lpszFilePath, 0666);
+    CTalvorFileIO::Current()->Chmod(p->m_lpszFilePath, 0666);
     if (fd < 0) {
         Trace("Initialize", 0, 40001001,
               TALVOR_TEXT("打开文件失败,错误:%s(%d),路径:%s", "Failed to open file, error: %s(%d), path: %s"),
@@ -101,7 +101,7 @@ BOOL CTalvorMemoryStorage::SettleFileSize()
     LPFILEINFO p = m_pFileInfo;
     int fd = Talvor_FileDescriptor(p->m_hFile);
     struct stat st;
-    long long nTrueSize = fstat(fd, &st) == 0 ? (long long)st.st_size : 0;
+    long long nTrueSize = CTalvorFileIO::Current()->FStat(fd, &st) == 0 ? (long long)st.st_size : 0;
     if (p->m_bFileType != FILETYPE_SYSTEM && nTrueSize != p->m_liFileSize) {
         LPBYTE lpProbe = (LPBYTE)get_aligned_buffer(SIZE_PROBE_BYTES);
         BOOL bRead = lpProbe != nullptr && TalvorReadFull(fd, lpProbe, SIZE_PROBE_BYTES, 0);

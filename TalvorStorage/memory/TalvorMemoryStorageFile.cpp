@@ -42,7 +42,7 @@ int CreateNewFile(const char* lpszPath, int nFlags)
 {
     int fd = CTalvorFileIO::Current()->Open(lpszPath, nFlags, 0666);
     int nErr = errno;
-    chmod(lpszPath, 0666);
+    CTalvorFileIO::Current()->Chmod(lpszPath, 0666);
     errno = nErr;
     return fd;
 }

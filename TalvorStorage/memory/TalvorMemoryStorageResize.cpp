@@ -58,7 +58,7 @@ int CTalvorMemoryStorage::ChangeFileSize(LPTALVORCRITICALSECTION lpCritSection, 
     lpHead->m_nFileTotalSize = nFileSize;
     int fd = Talvor_FileDescriptor(p->m_hFile);
     struct stat st;
-    if (fd < 0 || fstat(fd, &st) != 0) {
+    if (fd < 0 || CTalvorFileIO::Current()->FStat(fd, &st) != 0) {
         int nErr = fd < 0 ? EBADF : errno;
         Trace("ChangeFileSize", 1, 40003002,
               TALVOR_TEXT("执行添加文件命令时移动文件指针失败,错误:%s(%d),路径:%s",
@@ -82,7 +82,7 @@ int CTalvorMemoryStorage::ChangeFileSize(LPTALVORCRITICALSECTION lpCritSection, 
         nPos += nPiece;
     }
 
-    long long nActual = fstat(fd, &st) == 0 ? (long long)st.st_size : -1;
+    long long nActual = CTalvorFileIO::Current()->FStat(fd, &st) == 0 ? (long long)st.st_size : -1;
     if (nActual != nFileSize) {
         Trace("ChangeFileSize", 1, 40003005,
               TALVOR_TEXT("文件大小异常,文件需要增长到:%lld,实际获得的文件大小为:%lld,文件路径:%s",

@@ -105,10 +105,10 @@ BOOL CTalvorRedoLog::OpenGroupFile(int nGroup, BOOL bCreate)
     GroupPath(nGroup, szPath, sizeof(szPath));
     for (int i = 0; i < OPEN_TRIES; i++) {
         if (i > 0) usleep(1000);
-        if (!bCreate && access(szPath, F_OK) != 0) continue;
+        if (!bCreate && !TalvorPathExists(szPath)) continue;
         int fd = CTalvorFileIO::Current()->Open(szPath, bCreate ? (O_RDWR | O_CREAT) : O_RDWR, 0666);
         if (fd < 0) continue;
-        chmod(szPath, 0666);
+        CTalvorFileIO::Current()->Chmod(szPath, 0666);
         pGroup->m_pOnlineFile = Talvor_MakeFileHandle(fd);
         if (pGroup->m_pOnlineFile == nullptr) {
             CTalvorFileIO::Current()->Close(fd);
@@ -199,7 +199,7 @@ UINT CTalvorRedoLog::HighestArchivedNumber()
         char szDir[MAX_PATH + 32];
         size_t nLen = strlen(lp);
         snprintf(szDir, sizeof(szDir), "%s%sArchiveLog/", lp, (nLen > 0 && lp[nLen - 1] == '/') ? "" : "/");
-        DIR* pDir = opendir(szDir);
+        DIR* pDir = CTalvorFileIO::Current()->OpenDir(szDir);
         if (pDir == nullptr) continue;
         while (struct dirent* pEntry = readdir(pDir)) {
             unsigned int nNo = 0;
@@ -207,7 +207,7 @@ UINT CTalvorRedoLog::HighestArchivedNumber()
             if (sscanf(pEntry->d_name, "Log%u%5s", &nNo, szTail) == 2 && strcmp(szTail, ".log") == 0 && nNo > nMax)
                 nMax = nNo;
         }
-        closedir(pDir);
+        CTalvorFileIO::Current()->CloseDir(pDir);
     }
     return nMax;
 }

@@ -36,7 +36,7 @@ void CloseArchiveHandle(void*& hFile)
 int OpenArchiveTarget(const char* lpPath, int nFlags)
 {
     int fd = CTalvorFileIO::Current()->Open(lpPath, nFlags, 0666);
-    if (fd >= 0) chmod(lpPath, 0666);
+    if (fd >= 0) CTalvorFileIO::Current()->Chmod(lpPath, 0666);
     return fd;
 }
 
@@ -91,7 +91,7 @@ BOOL CTalvorRedoLog::CopyLogTo(const char* lpDes, int nGroup, const MF_REDOLOGFI
 {
     char szPath[MAX_PATH + 64];
     snprintf(szPath, sizeof(szPath), "%sArchiveLog/Log%d.log", lpDes, (int)stHead.m_nSequenceNO);
-    if (access(szPath, F_OK) == 0) unlink(szPath);
+    if (TalvorPathExists(szPath)) CTalvorFileIO::Current()->Unlink(szPath);
     int fd = OpenArchiveTarget(szPath, O_RDWR | O_CREAT | O_TRUNC);
     if (fd < 0) {
         MakeDir(szPath);
@@ -127,7 +127,7 @@ BOOL CTalvorRedoLog::CopyLogTo(const char* lpDes, int nGroup, const MF_REDOLOGFI
                   szPath, (int)nPos, nPiece, (int)nWritten, nErr, strerror(nErr));
             CloseArchiveHandle(hFile);
             usleep(1000);
-            if (unlink(szPath) != 0)
+            if (CTalvorFileIO::Current()->Unlink(szPath) != 0)
                 Trace("ArchiveFile", 1, 30004053,
                       TALVOR_TEXT("删除错误的归档日志文件[%s]失败！", "Failed to delete error archive log file [%s]!"),
                       szPath);
@@ -230,7 +230,7 @@ void CTalvorRedoLog::CopyBackup(char** arDes, int nDesCount, LPBYTE lpBuffer, vo
     if (nDesCount < 2 || nTimestamp == 0) return;
     char szSrc[MAX_PATH + 64];
     snprintf(szSrc, sizeof(szSrc), "%sBackup/TalvorBackup%lld.fbk", arDes[0], nTimestamp);
-    int fdSrc = access(szSrc, F_OK) == 0 ? CTalvorFileIO::Current()->Open(szSrc, O_RDONLY | O_DIRECT | O_SYNC, 0) : -1;
+    int fdSrc = TalvorPathExists(szSrc) ? CTalvorFileIO::Current()->Open(szSrc, O_RDONLY | O_DIRECT | O_SYNC, 0) : -1;
     if (fdSrc < 0 || (hSrcFile = Talvor_MakeFileHandle(fdSrc)) == nullptr) {
         int nErr = errno;
         if (fdSrc >= 0) CTalvorFileIO::Current()->Close(fdSrc);
@@ -240,12 +240,12 @@ void CTalvorRedoLog::CopyBackup(char** arDes, int nDesCount, LPBYTE lpBuffer, vo
               szSrc, nErr, strerror(nErr));
         return;
     }
-    off_t nSize = lseek(fdSrc, 0, SEEK_END);
+    off_t nSize = CTalvorFileIO::Current()->LSeek(fdSrc, 0, SEEK_END);
     for (int i = 1; i < nDesCount; i++) {
         char szDst[MAX_PATH + 64];
         snprintf(szDst, sizeof(szDst), "%sBackup/TalvorBackup%lld.fbk", arDes[i], nTimestamp);
         MakeDir(szDst);
-        if (access(szDst, F_OK) == 0) unlink(szDst);
+        if (TalvorPathExists(szDst)) CTalvorFileIO::Current()->Unlink(szDst);
         int fd = OpenArchiveTarget(szDst, O_RDWR | O_CREAT | O_DIRECT | O_SYNC);
         if (fd < 0 || (hFile = Talvor_MakeFileHandle(fd)) == nullptr) {
             int nErr = errno;
@@ -274,7 +274,7 @@ void CTalvorRedoLog::CopyBackup(char** arDes, int nDesCount, LPBYTE lpBuffer, vo
         CloseArchiveHandle(hFile);
         if (bFailed) {
             usleep(1000);
-            unlink(szDst);
+            CTalvorFileIO::Current()->Unlink(szDst);
         }
     }
     CloseArchiveHandle(hSrcFile);

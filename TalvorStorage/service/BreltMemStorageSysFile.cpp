@@ -83,7 +83,7 @@ BOOL CBreltMemStorageModule::GetSystemFilePath(LPTALVORCRITICALSECTION, char* lp
     JoinPath(szInDefault, szDefaultDir, szSystemFile);
     // An installer puts the database beside the program: that copy wins over
     // whatever directory the copied ini still names.
-    if (access(szInDefault, F_OK) == 0) {
+    if (TalvorPathExists(szInDefault)) {
         snprintf(lpFilePath, MAX_PATH, "%s", szInDefault);
         if (strcmp(szConfigured, szDefaultDir) != 0) {
             TalvorConfigSetValueString("System", "databasepath", szDefaultDir);

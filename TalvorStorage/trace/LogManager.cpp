@@ -167,9 +167,9 @@ CLogManager::~CLogManager()
     m_lpTraceDir = nullptr;
     free(m_lpRedoDir);
     m_lpRedoDir = nullptr;
-    if (m_pFile != nullptr) fclose(m_pFile);
+    CTalvorAppendFile::Close(m_pFile);
     m_pFile = nullptr;
-    if (m_pServiceFile != nullptr) fclose(m_pServiceFile);
+    CTalvorAppendFile::Close(m_pServiceFile);
     m_pServiceFile = nullptr;
     CloseEvent(m_hTraceEvent);
     CloseEvent(m_hLogEvent);
@@ -237,10 +237,10 @@ BOOL CLogManager::Init()
     const char* lpSep = (nLen > 0 && szDbPath[nLen - 1] == '/') ? "" : "/";
     char szDir[MAX_PATH + 8];
     snprintf(szDir, sizeof(szDir), "%s%sLog/", szDbPath, lpSep);
-    if (access(szDir, F_OK) != 0) CreateDirectory(szDir, nullptr);
+    if (!TalvorPathExists(szDir)) CreateDirectory(szDir, nullptr);
     char* lpTraceDir = strdup(szDir);
     snprintf(szDir, sizeof(szDir), "%s%sRedo/", szDbPath, lpSep);
-    if (access(szDir, F_OK) != 0) CreateDirectory(szDir, nullptr);
+    if (!TalvorPathExists(szDir)) CreateDirectory(szDir, nullptr);
     char* lpRedoDir = strdup(szDir);
     free(m_lpTraceDir);
     m_lpTraceDir = lpTraceDir;
@@ -323,8 +323,8 @@ void CLogManager::WriteQueueNotes()
         snprintf(szText, sizeof(szText),
                  TALVOR_TEXT("日志队列已满(%lld字节)，丢弃了%u行日志", "The trace queue was full (%lld bytes): %u lines were dropped"),
                  m_nQueueLimit, nDropped);
-        fputs(szTitle, m_pFile);
-        fputs(szText, m_pFile);
+        m_pFile->AppendText(szTitle);
+        m_pFile->AppendText(szText);
         m_nWriteSize += (long long)(strlen(szTitle) + strlen(szText));
     }
     if (m_nLostLines != 0) {
@@ -332,8 +332,8 @@ void CLogManager::WriteQueueNotes()
         snprintf(szText, sizeof(szText),
                  TALVOR_TEXT("无法打开日志文件，丢失了%u行日志", "%u trace lines were lost: no log file could be opened"),
                  m_nLostLines);
-        fputs(szTitle, m_pFile);
-        fputs(szText, m_pFile);
+        m_pFile->AppendText(szTitle);
+        m_pFile->AppendText(szText);
         m_nWriteSize += (long long)(strlen(szTitle) + strlen(szText));
         m_nLostLines = 0;
     }
@@ -350,12 +350,12 @@ void CLogManager::WriteTraceRecord(LPTALVORTRACE pRecord, int nWriteTraceMaxSize
     StoreFlag(&m_bInFileWrite, TRUE);
     if (m_nLostLines != 0 || __atomic_load_n(&m_nDroppedLines, __ATOMIC_RELAXED) != 0) WriteQueueNotes();
     size_t nTitle = strlen(pRecord->m_lpTitle);
-    fwrite(pRecord->m_lpTitle, 1, nTitle, m_pFile);
-    fwrite(pRecord->m_lpContent, 1, (size_t)pRecord->m_nLen, m_pFile);
+    m_pFile->Append(pRecord->m_lpTitle, nTitle);
+    m_pFile->Append(pRecord->m_lpContent, (size_t)pRecord->m_nLen);
     StoreFlag(&m_bInFileWrite, FALSE);
     m_nWriteSize += (long long)nTitle + pRecord->m_nLen;
     if (m_nWriteSize >= nWriteTraceMaxSize) {
-        fclose(m_pFile);
+        CTalvorAppendFile::Close(m_pFile);
         m_pFile = nullptr;
         m_nWriteSize = 0;
     }
@@ -374,7 +374,7 @@ void CLogManager::WriteTraceChain(LPTALVORTRACE pChain, int nWriteTraceMaxSize)
         ReleaseRecord(pRecord);
     }
     // A burst is flushed once, at its end.
-    if (m_pFile != nullptr && __atomic_load_n(&m_pTraceHead, __ATOMIC_RELAXED) == nullptr) fflush(m_pFile);
+    if (m_pFile != nullptr && __atomic_load_n(&m_pTraceHead, __ATOMIC_RELAXED) == nullptr) m_pFile->Flush();
     LeaveCriticalTalvor(&m_critWrite);
 }
 
@@ -404,7 +404,7 @@ BOOL CLogManager::WriteAllTrace()
     LPTALVORTRACE pChain;
     while ((pChain = TakeTraceChain()) != nullptr) WriteTraceChain(pChain, nWriteTraceMaxSize);
     EnterCriticalTalvor(&m_critWrite, CachedThreadId());
-    if (m_pFile != nullptr) fflush(m_pFile);
+    if (m_pFile != nullptr) m_pFile->Flush();
     LeaveCriticalTalvor(&m_critWrite);
     return TRUE;
 }
@@ -438,17 +438,20 @@ BOOL CLogManager::CheckLogFile()
     return TRUE;
 }
 
-// A crash abandons a file only when it struck inside a write: the stream's
-// own lock may then belong to the dead frames. Otherwise the file goes on.
+// A crash abandons a file only when it struck inside a write: its buffer
+// may then hold half a piece. What is buffered is dropped with it, the
+// descriptor is closed. Otherwise the file goes on.
 void CLogManager::AbandonFilesAfterCrash(BOOL bService)
 {
     if (m_critWrite.m_nThreadID == CachedThreadId()) LeaveCriticalTalvor(&m_critWrite);
     if (!bService && LoadFlag(&m_bInFileWrite)) {
+        CTalvorAppendFile::Abandon(m_pFile);
         m_pFile = nullptr;
         m_nWriteSize = 0;
         StoreFlag(&m_bInFileWrite, FALSE);
     }
     if (bService && LoadFlag(&m_bInServiceWrite)) {
+        CTalvorAppendFile::Abandon(m_pServiceFile);
         m_pServiceFile = nullptr;
         m_nServiceWriteSize = 0;
         StoreFlag(&m_bInServiceWrite, FALSE);

@@ -12,10 +12,9 @@
 
 #include "LinuxCommonAPI.h"
 #include "MemDBCommonDef.h"
+#include "TalvorFileIO.h"
 #include "TalvorTrace.h"
 #include "TypeDef.h"
-
-#include <cstdio>
 
 class CTalvorFlashback;
 class CTalvorRedoLog;
@@ -127,7 +126,7 @@ public:
 
     // --- Fields, in the order the log manager has always kept them.
     int m_nNum;
-    FILE* m_pFile;
+    CTalvorAppendFile* m_pFile;     // open "TalvorStorage" file of the writer
     char* m_lpTraceDir;
     char* m_lpRedoDir;
     LPBYTE m_pTraceFileAddr;
@@ -155,7 +154,7 @@ public:
     BOOL m_bEnvironmentReady;       // rings and events made once
     TALVOR_SECTION m_critWrite;     // the consumer side: one writer of m_pFile at a time
     volatile BOOL m_bInFileWrite;   // inside a write to m_pFile (a crash there abandons it)
-    FILE* m_pServiceFile;           // open "TalvorService" file of the copier
+    CTalvorAppendFile* m_pServiceFile; // open "TalvorService" file of the copier
     volatile BOOL m_bInServiceWrite;
     char m_szServicePath[MAX_PATH + 64];
     int m_nServiceProcessID;        // engine process whose lines the open file holds
@@ -190,10 +189,11 @@ void TraceExecutableDir(char* lpDir, size_t nSize);
 // Name of a new file of a series; a name already taken within the same
 // second gets "_NN" before ".log" instead of emptying the earlier file.
 BOOL TraceBuildFileName(const char* lpDir, const char* lpSeries, char* lpPath, size_t nSize);
-// Opens a new file ("wb+", 5 tries 1 ms apart); null on failure.
-FILE* TraceOpenNewFile(const char* lpPath);
+// Creates or empties a file through the file layer (5 tries 1 ms apart)
+// and gives it mode 0666; null on failure.
+CTalvorAppendFile* TraceOpenNewFile(const char* lpPath);
 // The machine block "Nodename: ..." of both heads.
 void TraceMachineBlock(char* lpBuf, size_t nSize);
 // The head of a new file of each series (mark included).
-void TraceWriteStorageHead(FILE* pFile);
-void TraceWriteServiceHead(FILE* pFile, int nProcessID);
+void TraceWriteStorageHead(CTalvorAppendFile* pFile);
+void TraceWriteServiceHead(CTalvorAppendFile* pFile, int nProcessID);

@@ -45,7 +45,8 @@ struct SeriesScan {
 BOOL ScanSeries(const char* lpDir, const char* lpPrefix, SeriesScan& scan)
 {
     memset(&scan, 0, sizeof(scan));
-    DIR* pDir = opendir(lpDir);
+    CTalvorFileIO* pIO = CTalvorFileIO::Current();
+    DIR* pDir = pIO->OpenDir(lpDir);
     if (pDir == nullptr) return FALSE;
     struct timespec tNow;
     clock_gettime(CLOCK_REALTIME, &tNow);
@@ -57,7 +58,7 @@ BOOL ScanSeries(const char* lpDir, const char* lpPrefix, SeriesScan& scan)
         char szPath[PATH_MAX];
         snprintf(szPath, sizeof(szPath), "%s%s", lpDir, lpName);
         struct stat st;
-        if (stat(szPath, &st) != 0) break;
+        if (pIO->Stat(szPath, &st) != 0) break;
         if (S_ISDIR(st.st_mode)) continue;
         scan.m_nTotal += (unsigned long long)st.st_size;
         scan.m_nCount++;
@@ -70,7 +71,7 @@ BOOL ScanSeries(const char* lpDir, const char* lpPrefix, SeriesScan& scan)
             snprintf(scan.m_szOldest, sizeof(scan.m_szOldest), "%s", lpName);
         }
     }
-    closedir(pDir);
+    pIO->CloseDir(pDir);
     return TRUE;
 }
 
@@ -93,20 +94,20 @@ BOOL TraceBuildFileName(const char* lpDir, const char* lpSeries, char* lpPath, s
     snprintf(szStamp, sizeof(szStamp), "%04d%02d%02d%02d%02d%02d", st.wYear, st.wMonth, st.wDay, st.wHour, st.wMinute,
              st.wSecond);
     snprintf(lpPath, nSize, "%s%s%s.log", lpDir, lpSeries, szStamp);
-    // "wb+" would empty a file of the same second: take the next free name.
-    for (int i = 1; i <= NAME_CLASH_SUFFIXES && access(lpPath, F_OK) == 0; i++)
+    // Opening empties a file of the same second: take the next free name.
+    for (int i = 1; i <= NAME_CLASH_SUFFIXES && TalvorPathExists(lpPath); i++)
         snprintf(lpPath, nSize, "%s%s%s_%02d.log", lpDir, lpSeries, szStamp, i);
     return TRUE;
 }
 
-FILE* TraceOpenNewFile(const char* lpPath)
+CTalvorAppendFile* TraceOpenNewFile(const char* lpPath)
 {
-    FILE* pFile = nullptr;
+    CTalvorAppendFile* pFile = nullptr;
     for (int i = 0; i < OPEN_TRIES && pFile == nullptr; i++) {
-        pFile = fopen(lpPath, "wb+");
+        pFile = CTalvorAppendFile::Create(lpPath);
         if (pFile == nullptr && i + 1 < OPEN_TRIES) usleep(1000);
     }
-    if (pFile != nullptr) chmod(lpPath, 0666);
+    if (pFile != nullptr) CTalvorFileIO::Current()->Chmod(lpPath, 0666);
     return pFile;
 }
 
@@ -127,22 +128,22 @@ void TraceMachineBlock(char* lpBuf, size_t nSize)
              (si.totalswap * nUnit) >> 20, (si.freeswap * nUnit) >> 20, (int)si.procs);
 }
 
-void TraceWriteStorageHead(FILE* pFile)
+void TraceWriteStorageHead(CTalvorAppendFile* pFile)
 {
     char szMachine[2048];
     TraceMachineBlock(szMachine, sizeof(szMachine));
-    fputs(UTF8_MARK, pFile);
-    fprintf(pFile, "%s\r\n\r\n", szMachine);
-    fputs(STORAGE_COLUMNS, pFile);
+    pFile->AppendText(UTF8_MARK);
+    pFile->AppendFormat("%s\r\n\r\n", szMachine);
+    pFile->AppendText(STORAGE_COLUMNS);
 }
 
-void TraceWriteServiceHead(FILE* pFile, int nProcessID)
+void TraceWriteServiceHead(CTalvorAppendFile* pFile, int nProcessID)
 {
     char szMachine[2048];
     TraceMachineBlock(szMachine, sizeof(szMachine));
-    fputs(UTF8_MARK, pFile);
-    fprintf(pFile, "Service processid:%d\r\n%s\r\n\r\n", nProcessID, szMachine);
-    fputs(SERVICE_COLUMNS, pFile);
+    pFile->AppendText(UTF8_MARK);
+    pFile->AppendFormat("Service processid:%d\r\n%s\r\n\r\n", nProcessID, szMachine);
+    pFile->AppendText(SERVICE_COLUMNS);
 }
 
 // Runs only when a new file of the series is about to be opened.
@@ -165,6 +166,6 @@ BOOL CLogManager::LogFileManage(LPCTSTR pFileName)
         if (nPass >= TRACE_SERIES_MAX_REMOVALS || !scan.m_bHasOldest) return TRUE;
         char szPath[PATH_MAX];
         snprintf(szPath, sizeof(szPath), "%s%s", szDir, scan.m_szOldest);
-        if (remove(szPath) != 0) return TRUE;
+        if (CTalvorFileIO::Current()->Unlink(szPath) != 0) return TRUE;
     }
 }

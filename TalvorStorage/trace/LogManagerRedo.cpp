@@ -134,7 +134,7 @@ BOOL CLogManager::StartRedoService(int nClusterNodeType, CTalvorFlashback* pFlas
         char szDir[MAX_PATH + 8];
         TraceExecutableDir(szDir, sizeof(szDir));
         strncat(szDir, "Redo/", sizeof(szDir) - strlen(szDir) - 1);
-        if (access(szDir, F_OK) != 0) CreateDirectory(szDir, nullptr);
+        if (!TalvorPathExists(szDir)) CreateDirectory(szDir, nullptr);
         m_lpRedoDir = strdup(szDir);
         if (m_lpRedoDir == nullptr) return FALSE;
     }

@@ -244,7 +244,7 @@ BOOL CLogManager::OpenServiceFile(int nProcessID)
     LogFileManage("TalvorService*");
     char szPath[MAX_PATH + 64];
     TraceBuildFileName(szDir, "TalvorService", szPath, sizeof(szPath));
-    FILE* pFile = TraceOpenNewFile(szPath);
+    CTalvorAppendFile* pFile = TraceOpenNewFile(szPath);
     snprintf(m_szServicePath, sizeof(m_szServicePath), "%s", szPath);
     if (pFile == nullptr) {
         // Said once for each stretch of failures: the engine posts often.
@@ -271,7 +271,7 @@ BOOL CLogManager::CopyTraceRing()
     int nProcessID = lpHead->m_nProcessID;
     if (m_nServiceProcessID != 0 && nProcessID != m_nServiceProcessID) {
         // The engine restarted: its new lines go on in the same file.
-        if (m_pServiceFile != nullptr) fprintf(m_pServiceFile, "\r\n\r\nService processid:%d\r\n", nProcessID);
+        if (m_pServiceFile != nullptr) m_pServiceFile->AppendFormat("\r\n\r\nService processid:%d\r\n", nProcessID);
         m_nServiceProcessID = nProcessID;
     }
     if (lpHead->m_nReadPos == lpHead->m_nWritePos) return TRUE;
@@ -299,17 +299,17 @@ BOOL CLogManager::CopyTraceRing()
     long long nWritten = 0;
     StoreFlag(&m_bInServiceWrite, TRUE);
     if (w > r) {
-        fwrite(m_pTraceFileAddr + r, 1, (size_t)(w - r), m_pServiceFile);
+        m_pServiceFile->Append(m_pTraceFileAddr + r, (size_t)(w - r));
         nWritten = w - r;
     } else if (w < r) {
-        fwrite(m_pTraceFileAddr + r, 1, (size_t)(nTotal - r), m_pServiceFile);
+        m_pServiceFile->Append(m_pTraceFileAddr + r, (size_t)(nTotal - r));
         nWritten = nTotal - r;
         if (w > nHeader) {
-            fwrite(m_pTraceFileAddr + nHeader, 1, (size_t)(w - nHeader), m_pServiceFile);
+            m_pServiceFile->Append(m_pTraceFileAddr + nHeader, (size_t)(w - nHeader));
             nWritten += w - nHeader;
         }
     }
-    fflush(m_pServiceFile);
+    m_pServiceFile->Flush();
     StoreFlag(&m_bInServiceWrite, FALSE);
     // The bytes are in the file before the engine may reuse their room.
     TalvorFlushCPU4Write();
@@ -322,7 +322,7 @@ BOOL CLogManager::CopyTraceRing()
                           "The log thread found that the log writing has reached the set value, and switched the log "
                           "file! File path: %s, size: %d"),
               m_szServicePath, (int)m_nServiceWriteSize);
-        fclose(m_pServiceFile);
+        CTalvorAppendFile::Close(m_pServiceFile);
         m_pServiceFile = nullptr;
         m_nServiceWriteSize = 0;
     }
@@ -344,7 +344,7 @@ void CopierBody(void* lpContext, LPTALVORCRITICALSECTION)
         pLog->CopyTraceRing();
         if (LoadExitFlag(&pLog->m_bExit)) break;
     }
-    if (pLog->m_pServiceFile != nullptr) fclose(pLog->m_pServiceFile);
+    CTalvorAppendFile::Close(pLog->m_pServiceFile);
     pLog->m_pServiceFile = nullptr;
     pLog->m_nServiceProcessID = 0;
 }

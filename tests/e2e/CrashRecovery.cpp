@@ -3,31 +3,24 @@
 // reach its serving state; talvor-peer stands in for the engine. Both tools
 // are looked for beside the daemon; a test that needs a missing one is
 // skipped, saying which.
-#include "DaemonSandbox.h"
+#include "DatabaseLoadKit.h"
+#include "TestClock.h"
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <functional>
 #include <csignal>
 #include <dirent.h>
 #include <regex>
 #include <set>
 #include <sys/syscall.h>
-#include <thread>
 #include <unistd.h>
 
-using talvortest::DaemonSandbox;
-using talvortest::ReadWholeFile;
+using namespace talvortest;
 
 namespace {
 
 const int START_TIMEOUT_MS = 20000;
 const int STOP_TIMEOUT_MS = 60000;
-const std::string MKDB = std::string(TALVOR_BIN_DIR) + "/talvor-mkdb";
-const std::string PEER = std::string(TALVOR_BIN_DIR) + "/talvor-peer";
-
-bool ToolExists(const std::string& strPath) { return access(strPath.c_str(), X_OK) == 0; }
 
 std::set<int> TaskIds(pid_t pid)
 {
@@ -56,25 +49,15 @@ int ThreadOfLine(const std::string& strTrace, long nCode, const std::string& str
     return std::regex_search(strTrace, m, reLine) ? std::stoi(m[1]) : 0;
 }
 
-bool WaitFor(const std::function<bool()>& pred, int nTimeoutMs)
-{
-    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(nTimeoutMs);
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > end) return pred();
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
-}
-
 class CrashRecovery : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        if (!ToolExists(MKDB)) GTEST_SKIP() << "talvor-mkdb is not built: no database, no serving daemon";
+        if (!MkdbBuilt()) GTEST_SKIP() << "talvor-mkdb is not built: no database, no serving daemon";
         ASSERT_TRUE(m_box.Ok());
         m_box.WriteDefaultIni();
         std::string strOut;
-        ASSERT_EQ(0, m_box.Run({MKDB, "--dir", m_box.DataDir()}, 60000, &strOut)) << strOut;
+        ASSERT_EQ(0, m_box.Run({MkdbPath(), "--dir", m_box.DataDir()}, 60000, &strOut)) << strOut;
     }
 
     // Starts the daemon (with TALVOR_TEST_CRASH if given) and waits until it
@@ -101,7 +84,7 @@ protected:
     std::string ServiceTrace() const
     {
         std::string strAll;
-        for (const std::string& strFile : m_box.ListFiles(m_box.LogDir(), "TalvorService")) strAll += ReadWholeFile(strFile);
+        for (const std::string& strFile : ListFiles(m_box.LogDir(), "TalvorService")) strAll += ReadWholeFile(strFile);
         return strAll;
     }
 
@@ -127,7 +110,7 @@ TEST_F(CrashRecovery, StorageThreadFaultIsTracedRestartedAndItsLatchIsFree)
     std::smatch m;
     ASSERT_TRUE(std::regex_search(strTrace, m, std::regex(R"(Thread \[(\d+)\] has been submitted)")));
     nCrashed = std::stoi(m[1]);
-    EXPECT_TRUE(WaitFor([&] { return TaskIds(pid).count(nCrashed) == 0; }, 5000)) << "the crashed thread lingers";
+    EXPECT_TRUE(WaitUntil([&] { return TaskIds(pid).count(nCrashed) == 0; }, 5000, TRACE_POLL_MS)) << "the crashed thread lingers";
     EXPECT_TRUE(m_box.IsRunning(pid));
     StopCleanly(pid);
 }
@@ -136,7 +119,7 @@ TEST_F(CrashRecovery, StorageThreadFaultIsTracedRestartedAndItsLatchIsFree)
 // thread is restarted and does its work again.
 TEST_F(CrashRecovery, SignalSentToTheTraceCopierRestartsIt)
 {
-    if (!ToolExists(PEER)) GTEST_SKIP() << "talvor-peer is not built";
+    if (!PeerBuilt()) GTEST_SKIP() << "talvor-peer is not built";
     pid_t pid = StartServing("");
     ASSERT_TRUE(m_box.WaitForTrace("Log Writer thread started!", START_TIMEOUT_MS));
     int nCopier = ThreadOfLine(m_box.ReadDaemonTrace(), 20010001, "WriteTraceThread", "Log Writer thread started!");
@@ -145,15 +128,15 @@ TEST_F(CrashRecovery, SignalSentToTheTraceCopierRestartsIt)
     ASSERT_TRUE(m_box.WaitForTrace("Thread [" + std::to_string(nCopier) + "] has been submitted for automatic recovery",
                                    START_TIMEOUT_MS))
         << m_box.ReadDaemonTrace();
-    ASSERT_TRUE(WaitFor([&] { return CountOf(m_box.ReadDaemonTrace(), "Log Writer thread started!") == 2; }, 10000))
+    ASSERT_TRUE(WaitUntil([&] { return CountOf(m_box.ReadDaemonTrace(), "Log Writer thread started!") == 2; }, 10000, TRACE_POLL_MS))
         << m_box.ReadDaemonTrace();
     EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("error info: the signal may send by other process.]"));
 
     std::string strOut;
-    ASSERT_EQ(0, m_box.Run({PEER, "trace", "--pid", "777", "--text", "engine line after the restart", "--title"}, 30000,
+    ASSERT_EQ(0, m_box.Run({PeerPath(), "trace", "--pid", "777", "--text", "engine line after the restart", "--title"}, 30000,
                            &strOut))
         << strOut;
-    EXPECT_TRUE(WaitFor([&] { return ServiceTrace().find("engine line after the restart") != std::string::npos; }, 10000));
+    EXPECT_TRUE(WaitUntil([&] { return ServiceTrace().find("engine line after the restart") != std::string::npos; }, 10000, TRACE_POLL_MS));
     EXPECT_NE(std::string::npos, ServiceTrace().find("Service processid:777\r\n"));
     StopCleanly(pid);
 }
@@ -169,14 +152,14 @@ TEST_F(CrashRecovery, FaultOfTheDaemonsOwnWriterLosesNoLaterLine)
 
 TEST_F(CrashRecovery, CopierFaultAtStartThenEngineTextArrives)
 {
-    if (!ToolExists(PEER)) GTEST_SKIP() << "talvor-peer is not built";
+    if (!PeerBuilt()) GTEST_SKIP() << "talvor-peer is not built";
     pid_t pid = StartServing("tracecopier");
-    ASSERT_TRUE(WaitFor([&] { return CountOf(m_box.ReadDaemonTrace(), "Log Writer thread started!") == 2; }, 10000))
+    ASSERT_TRUE(WaitUntil([&] { return CountOf(m_box.ReadDaemonTrace(), "Log Writer thread started!") == 2; }, 10000, TRACE_POLL_MS))
         << m_box.ReadDaemonTrace();
     std::string strOut;
-    ASSERT_EQ(0, m_box.Run({PEER, "trace", "--text", "after the copier's crash", "--repeat", "3"}, 30000, &strOut))
+    ASSERT_EQ(0, m_box.Run({PeerPath(), "trace", "--text", "after the copier's crash", "--repeat", "3"}, 30000, &strOut))
         << strOut;
-    EXPECT_TRUE(WaitFor([&] { return CountOf(ServiceTrace(), "after the copier's crash") == 3; }, 10000)) << ServiceTrace();
+    EXPECT_TRUE(WaitUntil([&] { return CountOf(ServiceTrace(), "after the copier's crash") == 3; }, 10000, TRACE_POLL_MS)) << ServiceTrace();
     StopCleanly(pid);
 }
 

@@ -109,5 +109,5 @@ TEST(DatabaseLoad, MakerRefusesAnExistingDatabaseAndWritesNothing)
     EXPECT_EQ(1, MakeDb(box, box.DataDir(), {"--data-file", "3", "--kv-file", "2"}, &strOut));
     EXPECT_NE(std::string::npos, strOut.find("exists already")) << strOut;
     EXPECT_EQ(mapBefore, Snapshot(box.DataDir(), {"System.dbf", "Data2.dbf"}));
-    EXPECT_TRUE(box.ListFiles(box.DataDir(), "KV").empty());
+    EXPECT_TRUE(ListFiles(box.DataDir(), "KV").empty());
 }

@@ -6,39 +6,39 @@
 
 #include "DaemonSandbox.h"
 #include "DbFileLayout.h"
+#include "PackedValue.h"
+#include "TestClock.h"
+#include "TestFiles.h"
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdio>
 #include <map>
 #include <sstream>
 #include <string>
 #include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
 namespace talvortest {
 
-// Fields of byte-packed records may lie on any byte: assertions take them
-// by value, never by reference.
-template <class T>
-T Val(T v)
-{
-    return v;
-}
-
 const int DAEMON_START_TIMEOUT_MS = 30000;
 const int DAEMON_STOP_TIMEOUT_MS = 30000;
+// A look at the daemon's trace files costs a read of each.
+const int TRACE_POLL_MS = 20;
 const long long E2E_MIB = 1048576;
 
 inline std::string MkdbPath() { return std::string(TALVOR_BIN_DIR) + "/talvor-mkdb"; }
+inline std::string PeerPath() { return std::string(TALVOR_BIN_DIR) + "/talvor-peer"; }
 
-inline bool MkdbBuilt()
+inline bool MkdbBuilt() { return access(MkdbPath().c_str(), X_OK) == 0; }
+inline bool PeerBuilt() { return access(PeerPath().c_str(), X_OK) == 0; }
+
+// The number that follows strKey in a program's output, or -1.
+inline long long NumberAfter(const std::string& strOut, const std::string& strKey)
 {
-    struct stat st;
-    return stat(MkdbPath().c_str(), &st) == 0;
+    size_t n = strOut.find(strKey);
+    return n == std::string::npos ? -1 : atoll(strOut.c_str() + n + strKey.size());
 }
 
 // talvor-mkdb --dir strDir with the given file arguments; small redo
@@ -140,18 +140,11 @@ inline std::map<std::string, std::string> Snapshot(const std::string& strDir, co
 
 inline bool WaitReady(DaemonSandbox& box) { return box.WaitForTrace("Talvor storage service started!", DAEMON_START_TIMEOUT_MS); }
 
-// Waits until the joined text of the files of strDir that begin with
-// strPrefix holds strText.
-inline std::string WaitForTextIn(DaemonSandbox& box, const std::string& strDir, const std::string& strText,
-                                 int nTimeoutMs)
+// The joined text of the daemon's trace files in strDir, in name order.
+inline std::string DaemonTraceIn(const std::string& strDir)
 {
     std::string strAll;
-    for (int nWaited = 0; nWaited <= nTimeoutMs; nWaited += 50) {
-        strAll.clear();
-        for (const std::string& strFile : box.ListFiles(strDir, "TalvorStorage")) strAll += ReadWholeFile(strFile);
-        if (strAll.find(strText) != std::string::npos) break;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
+    for (const std::string& strFile : ListFiles(strDir, "TalvorStorage")) strAll += ReadWholeFile(strFile);
     return strAll;
 }
 

@@ -38,8 +38,8 @@ TEST(DatabaseLoadTakeover, SegmentsOfAKilledDaemonAreKeptAndTheFilesNotRead)
     ASSERT_GT(pid, 0);
     ASSERT_TRUE(box.WaitForTrace("Talvor storage service started!", DAEMON_START_TIMEOUT_MS));
     // Only the second start's line counts: wait for the trace to grow past it.
-    for (int i = 0; i < 600 && box.ReadDaemonTrace().rfind("Talvor storage service started!") < nTraceBefore; i++)
-        usleep(50000);
+    WaitUntil([&] { return box.ReadDaemonTrace().rfind("Talvor storage service started!") >= nTraceBefore; },
+              DAEMON_START_TIMEOUT_MS, TRACE_POLL_MS);
     ASSERT_GT(box.ReadDaemonTrace().rfind("Talvor storage service started!"), nTraceBefore);
     std::string strImageAfter = DumpImage(box, 2);
     EXPECT_TRUE(strImageAfter == strImageBefore);
@@ -78,11 +78,12 @@ TEST(DatabaseLoadTakeover, MovedDatabaseIsCorrectedOnItsFirstStart)
     ASSERT_GT(pid, 0);
     // The log lies under whichever directory the ini named when it opened.
     std::string strTrace;
-    for (int nWaited = 0; nWaited < DAEMON_START_TIMEOUT_MS; nWaited += 100) {
-        strTrace = WaitForTextIn(box, strOld + "Log/", "", 0) + WaitForTextIn(box, box.LogDir(), "", 0);
-        if (strTrace.find("Talvor storage service started!") != std::string::npos) break;
-        usleep(100000);
-    }
+    WaitUntil(
+        [&] {
+            strTrace = DaemonTraceIn(strOld + "Log/") + DaemonTraceIn(box.LogDir());
+            return strTrace.find("Talvor storage service started!") != std::string::npos;
+        },
+        DAEMON_START_TIMEOUT_MS, TRACE_POLL_MS);
     ASSERT_NE(std::string::npos, strTrace.find("Talvor storage service started!")) << strTrace;
 
     std::string strFixed = ReadWholeFile(box.DataDir() + "System.dbf");

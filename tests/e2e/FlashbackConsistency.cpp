@@ -14,14 +14,6 @@ namespace {
 
 const int RUN_SECONDS = 15;
 
-std::string PeerPath() { return std::string(TALVOR_BIN_DIR) + "/talvor-peer"; }
-
-long long Field(const std::string& strOut, const std::string& strKey)
-{
-    size_t n = strOut.find(strKey);
-    return n == std::string::npos ? -1 : atoll(strOut.c_str() + n + strKey.size());
-}
-
 } // namespace
 
 TEST(FlashbackConsistency, EveryCommitOnDiskIsTheImageAsOfItsTimestamp)
@@ -48,13 +40,13 @@ TEST(FlashbackConsistency, EveryCommitOnDiskIsTheImageAsOfItsTimestamp)
                      (RUN_SECONDS + 60) * 1000, &strOut);
     printf("%s", strOut.c_str());
     EXPECT_EQ(0, rc) << strOut << box.ReadDaemonTrace();
-    EXPECT_EQ(0, Field(strOut, "violations ")) << strOut;
+    EXPECT_EQ(0, NumberAfter(strOut, "violations ")) << strOut;
     // The check ran often, rows changed while passes ran, and commits left
     // rows behind the image: what was checked is the rollback.
-    EXPECT_GE(Field(strOut, "exact checks "), 5) << strOut;
-    EXPECT_GT(Field(strOut, "changes during passes "), 0) << strOut;
-    EXPECT_GT(Field(strOut, "rows behind the image "), 0) << strOut;
-    long long nLast = Field(strOut, "last timestamp ");
+    EXPECT_GE(NumberAfter(strOut, "exact checks "), 5) << strOut;
+    EXPECT_GT(NumberAfter(strOut, "changes during passes "), 0) << strOut;
+    EXPECT_GT(NumberAfter(strOut, "rows behind the image "), 0) << strOut;
+    long long nLast = NumberAfter(strOut, "last timestamp ");
     ASSERT_GT(nLast, 0) << strOut;
 
     // The stop's last pass leaves every row at its newest value.
@@ -66,5 +58,5 @@ TEST(FlashbackConsistency, EveryCommitOnDiskIsTheImageAsOfItsTimestamp)
                          60000, &strVerify))
         << strVerify;
     EXPECT_NE(std::string::npos, strVerify.find("exact: rows checked")) << strVerify;
-    EXPECT_EQ(0, Field(strVerify, "behind the newest ")) << strVerify;
+    EXPECT_EQ(0, NumberAfter(strVerify, "behind the newest ")) << strVerify;
 }

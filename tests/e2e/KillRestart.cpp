@@ -6,7 +6,6 @@
 // disk alone, and the check holds again.
 #include "DatabaseLoadKit.h"
 
-#include <chrono>
 #include <csignal>
 #include <gtest/gtest.h>
 #include <random>
@@ -17,14 +16,6 @@ namespace {
 
 const int MAX_KILLS = 15;
 const int MAX_SECONDS = 60;
-
-std::string PeerPath() { return std::string(TALVOR_BIN_DIR) + "/talvor-peer"; }
-
-long long Field(const std::string& strOut, const std::string& strKey)
-{
-    size_t n = strOut.find(strKey);
-    return n == std::string::npos ? -1 : atoll(strOut.c_str() + n + strKey.size());
-}
 
 } // namespace
 
@@ -50,12 +41,12 @@ TEST(KillRestart, CommittedTimestampNeverCoversAChangeMissingFromDisk)
     ASSERT_GT(peer, 0);
 
     std::mt19937 rng((unsigned)time(nullptr));
-    auto tStart = std::chrono::steady_clock::now();
+    long long nStart = NowMs();
     int nKills = 0;
     long long nViolations = 0, nLastCommitted = -1, nAdvances = 0;
     std::string strFirstBad;
     while (nKills < MAX_KILLS &&
-           std::chrono::steady_clock::now() - tStart < std::chrono::seconds(MAX_SECONDS)) {
+           NowMs() - nStart < MAX_SECONDS * 1000LL) {
         if (nKills > 0) {
             pid = box.StartDaemon();
             ASSERT_GT(pid, 0);
@@ -66,8 +57,8 @@ TEST(KillRestart, CommittedTimestampNeverCoversAChangeMissingFromDisk)
         nKills++;
         std::string strOut;
         int rc = Verify(&strOut);
-        long long nBad = Field(strOut, "violations: ");
-        long long nCommitted = Field(strOut, "committed timestamp on disk: ");
+        long long nBad = NumberAfter(strOut, "violations: ");
+        long long nCommitted = NumberAfter(strOut, "committed timestamp on disk: ");
         if (nCommitted > nLastCommitted) nAdvances++;
         nLastCommitted = nCommitted;
         if (rc != 0 || nBad != 0) {
@@ -88,12 +79,12 @@ TEST(KillRestart, CommittedTimestampNeverCoversAChangeMissingFromDisk)
     size_t nTraceBefore = box.ReadDaemonTrace().size();
     pid = box.StartDaemon();
     ASSERT_GT(pid, 0);
-    for (int i = 0; i < 600 && box.ReadDaemonTrace().rfind("Talvor storage service started!") < nTraceBefore; i++)
-        usleep(50000);
+    WaitUntil([&] { return box.ReadDaemonTrace().rfind("Talvor storage service started!") >= nTraceBefore; },
+              DAEMON_START_TIMEOUT_MS, TRACE_POLL_MS);
     ASSERT_GT(box.ReadDaemonTrace().rfind("Talvor storage service started!"), nTraceBefore) << box.ReadDaemonTrace();
     box.Signal(pid, SIGTERM);
     EXPECT_EQ(0, box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS));
     std::string strOut;
     EXPECT_EQ(0, Verify(&strOut)) << strOut;
-    EXPECT_EQ(nLastCommitted, Field(strOut, "committed timestamp on disk: ")) << strOut;
+    EXPECT_EQ(nLastCommitted, NumberAfter(strOut, "committed timestamp on disk: ")) << strOut;
 }

@@ -11,14 +11,6 @@ using namespace talvortest;
 
 namespace {
 
-std::string PeerPath() { return std::string(TALVOR_BIN_DIR) + "/talvor-peer"; }
-
-long long LastTimestamp(const std::string& strPeerOut)
-{
-    size_t n = strPeerOut.find("last timestamp ");
-    return n == std::string::npos ? -1 : atoll(strPeerOut.c_str() + n + 15);
-}
-
 class Persistence : public ::testing::Test {
 protected:
     void SetUp() override
@@ -51,7 +43,7 @@ TEST_F(Persistence, LiveEngineCommitsReachTheDiskAndTheStopCommitsTheLast)
                             "1500", "--pass-every", "150", "--seed", "3"},
                            120000, &strOut))
         << strOut;
-    long long nLast = LastTimestamp(strOut);
+    long long nLast = NumberAfter(strOut, "last timestamp ");
     ASSERT_GT(nLast, 600);
     EXPECT_EQ(std::string::npos, strOut.find("channel answers 0")) << strOut;
     // While the daemon runs: what is committed is on disk.

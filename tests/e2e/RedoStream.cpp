@@ -14,14 +14,9 @@ using namespace talvortest;
 namespace {
 
 const long long GROUP_SIZE = E2E_MIB; // MakeDb asks for 1 MiB groups
+// The archiver works behind the writer, at most about a second per log.
+const int ARCHIVE_TIMEOUT_MS = 20000;
 
-std::string PeerPath() { return std::string(TALVOR_BIN_DIR) + "/talvor-peer"; }
-
-bool PeerBuilt()
-{
-    struct stat st;
-    return stat(PeerPath().c_str(), &st) == 0;
-}
 
 MF_REDOLOGFILEHEAD HeadOf(const std::string& strFile)
 {
@@ -32,10 +27,10 @@ MF_REDOLOGFILEHEAD HeadOf(const std::string& strFile)
 }
 
 // Archive files of a destination by log number.
-std::map<int, std::string> ReadArchive(DaemonSandbox& box, const std::string& strDes)
+std::map<int, std::string> ReadArchive(const std::string& strDes)
 {
     std::map<int, std::string> mapLogs;
-    for (const std::string& strPath : box.ListFiles(strDes + "ArchiveLog/", "Log")) {
+    for (const std::string& strPath : ListFiles(strDes + "ArchiveLog/", "Log")) {
         int nNo = atoi(strPath.c_str() + strPath.rfind("/Log") + 4);
         mapLogs[nNo] = ReadWholeFile(strPath);
     }
@@ -47,7 +42,7 @@ std::map<int, std::string> ReadArchive(DaemonSandbox& box, const std::string& st
 // no gap, and marked archived.
 std::string JoinedLogs(DaemonSandbox& box, const std::string& strDes, int nGroups, std::string* pError)
 {
-    std::map<int, std::string> mapLogs = ReadArchive(box, strDes);
+    std::map<int, std::string> mapLogs = ReadArchive(strDes);
     std::string strAll;
     int nExpect = 1;
     for (const auto& kv : mapLogs) {
@@ -103,12 +98,14 @@ protected:
         size_t nBefore = CountOf(m_box.ReadDaemonTrace(), strReady);
         m_pid = m_box.StartDaemon();
         ASSERT_GT(m_pid, 0);
-        for (int nWaited = 0; nWaited < DAEMON_START_TIMEOUT_MS; nWaited += 20) {
-            if (CountOf(m_box.ReadDaemonTrace(), strReady) > nBefore) return;
-            ASSERT_TRUE(m_box.IsRunning(m_pid)) << m_box.ReadDaemonTrace();
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        FAIL() << "the daemon did not come up\n" << m_box.ReadDaemonTrace();
+        bool bReady = false;
+        WaitUntil(
+            [&] {
+                bReady = CountOf(m_box.ReadDaemonTrace(), strReady) > nBefore;
+                return bReady || !m_box.IsRunning(m_pid);
+            },
+            DAEMON_START_TIMEOUT_MS, TRACE_POLL_MS);
+        ASSERT_TRUE(bReady) << "the daemon did not come up\n" << m_box.ReadDaemonTrace();
     }
 
     static size_t CountOf(const std::string& strText, const std::string& strWhat)
@@ -122,11 +119,12 @@ protected:
     std::map<int, std::string> WaitForArchive(const std::string& strDes, size_t nCount)
     {
         std::map<int, std::string> mapLogs;
-        for (int nWaited = 0; nWaited < 20000; nWaited += 20) {
-            mapLogs = ReadArchive(m_box, strDes);
-            if (mapLogs.size() >= nCount) break;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
+        WaitUntil(
+            [&] {
+                mapLogs = ReadArchive(strDes);
+                return mapLogs.size() >= nCount;
+            },
+            ARCHIVE_TIMEOUT_MS, TRACE_POLL_MS);
         return mapLogs;
     }
 
@@ -170,7 +168,7 @@ TEST_F(RedoStream, MixedStreamComesOutOfTheArchiveByteForByte)
     EXPECT_EQ("", strError);
     ASSERT_GT(strExpected.size(), (size_t)(8 * REDORING_SEGMENT_SIZE_SMALL)) << "the stream must wrap the ring";
     EXPECT_TRUE(strLogs == strExpected) << FirstDifference(strLogs, strExpected);
-    EXPECT_GT(ReadArchive(m_box, Des("Arch")).size(), (size_t)10);
+    EXPECT_GT(ReadArchive(Des("Arch")).size(), (size_t)10);
     EXPECT_NE(std::string::npos, strTrace.find("is full, time:")) << strTrace;
     // The stop sealed the last log, and it was archived before the end.
     std::string strAll = m_box.ReadDaemonTrace();
@@ -279,7 +277,7 @@ TEST_F(RedoStream, HardKillKeepsNumbersGrowingAndArchivesIntact)
     Start();
     Commit({"--records", "300", "--seed", "8", "--max-size", "60000"}, m_box.Root() + "/s2.bin");
     Stop();
-    std::map<int, std::string> mapAfter = ReadArchive(m_box, Des("Arch"));
+    std::map<int, std::string> mapAfter = ReadArchive(Des("Arch"));
     for (const auto& kv : mapBefore)
         EXPECT_TRUE(mapAfter[kv.first] == kv.second) << "archive of log " << kv.first << " was overwritten";
     EXPECT_GT(mapAfter.size(), mapBefore.size());
@@ -331,8 +329,7 @@ TEST_F(RedoStream, WriterCrashIsContainedAndNoDrainedRecordIsLost)
     pid_t nTid = atoi(strTrace.c_str() + nLine + 24);
     ASSERT_GT(nTid, 0);
     ASSERT_EQ(0, syscall(SYS_tgkill, m_pid, nTid, SIGSEGV));
-    for (int i = 0; i < 500 && CountOf(m_box.ReadDaemonTrace(), strStarted) < 2; i++)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    WaitUntil([&] { return CountOf(m_box.ReadDaemonTrace(), strStarted) >= 2; }, 10000, TRACE_POLL_MS);
     ASSERT_EQ(2u, CountOf(m_box.ReadDaemonTrace(), strStarted)) << m_box.ReadDaemonTrace();
     // The engine is told to reset the ring, and the ring is read from its start.
     std::string strOut;

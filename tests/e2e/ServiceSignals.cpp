@@ -88,13 +88,13 @@ TEST(ServiceSignals, SecondDaemonLeavesAtOnceAndWritesNothing)
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
     pid_t pid = StartReady(box);
-    std::vector<std::string> vLogs = box.ListFiles(box.LogDir(), "");
+    std::vector<std::string> vLogs = ListFiles(box.LogDir(), "");
     std::string strIni = ReadWholeFile(box.IniPath());
 
     pid_t pidSecond = box.StartDaemon();
     ASSERT_GT(pidSecond, 0);
     EXPECT_EQ(0, box.WaitExit(pidSecond, 5000));
-    EXPECT_EQ(vLogs, box.ListFiles(box.LogDir(), ""));
+    EXPECT_EQ(vLogs, ListFiles(box.LogDir(), ""));
     std::string strTrace = box.ReadDaemonTrace();
     size_t nFirst = strTrace.find("Service Start");
     EXPECT_NE(std::string::npos, nFirst);

@@ -5,6 +5,7 @@
 #include "DatabaseLoadKit.h"
 
 #include <csignal>
+#include <thread>
 #include <cstring>
 #include <gtest/gtest.h>
 

@@ -1,30 +1,24 @@
 // DaemonSandbox.cpp — private trees and namespaces for end-to-end tests.
 #include "DaemonSandbox.h"
 
+#include "TestClock.h"
+
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
-#include <fstream>
-#include <sstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 namespace talvortest {
 
 namespace {
 
-long long NowMs()
-{
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
+// Polls of a daemon's trace and of a child's end.
+const int TRACE_POLL_MS = 20;
+const int EXIT_POLL_MS = 5;
 
 bool CopyFile(const std::string& strFrom, const std::string& strTo)
 {
@@ -32,14 +26,6 @@ bool CopyFile(const std::string& strFrom, const std::string& strTo)
     if (strData.empty()) return false;
     if (!WriteWholeFile(strTo, strData)) return false;
     return chmod(strTo.c_str(), 0755) == 0;
-}
-
-void RemoveTree(const std::string& strPath)
-{
-    if (strPath.size() < 10) return; // never anything near "/"
-    std::string strCmd = "rm -rf '" + strPath + "'";
-    int rc = system(strCmd.c_str());
-    (void)rc;
 }
 
 // Forks and execs args with stdout/stderr to strOut (or /dev/null).
@@ -67,28 +53,11 @@ pid_t ForkExec(const std::vector<std::string>& args, const std::string& strOut)
 
 } // namespace
 
-std::string ReadWholeFile(const std::string& strPath)
+DaemonSandbox::DaemonSandbox() : m_tree("sandbox")
 {
-    std::ifstream in(strPath, std::ios::binary);
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-bool WriteWholeFile(const std::string& strPath, const std::string& strData)
-{
-    std::ofstream out(strPath, std::ios::binary | std::ios::trunc);
-    out << strData;
-    return static_cast<bool>(out);
-}
-
-DaemonSandbox::DaemonSandbox()
-{
-    char szTemplate[] = "/tmp/talvor-sandbox-XXXXXX";
-    if (mkdtemp(szTemplate) == nullptr) return;
-    m_strRoot = szTemplate;
+    if (!m_tree.Ok()) return;
     mkdir(BinDir().c_str(), 0755);
-    mkdir((m_strRoot + "/Data").c_str(), 0755);
+    mkdir((m_tree.Root() + "/Data").c_str(), 0755);
     mkdir(DataDir().c_str(), 0755);
     if (!CopyFile(std::string(TALVOR_BIN_DIR) + "/TalvorStorage", BinDir() + "TalvorStorage")) return;
 
@@ -129,7 +98,6 @@ DaemonSandbox::~DaemonSandbox()
         kill(m_nHolderPid, SIGKILL);
         waitpid(m_nHolderPid, nullptr, 0);
     }
-    if (getenv("TALVOR_KEEP_SANDBOX") == nullptr) RemoveTree(m_strRoot);
 }
 
 void DaemonSandbox::WriteIni(const std::string& strText) { WriteWholeFile(IniPath(), strText); }
@@ -146,7 +114,7 @@ pid_t DaemonSandbox::Spawn(const std::vector<std::string>& args, const std::stri
     if (m_nHolderPid <= 0) return -1;
     std::vector<std::string> full = {"nsenter", "-t", std::to_string(m_nHolderPid), "--ipc", "--mount", "--"};
     full.insert(full.end(), args.begin(), args.end());
-    pid_t pid = ForkExec(full, strOutName.empty() ? "" : m_strRoot + "/" + strOutName + ".out");
+    pid_t pid = ForkExec(full, strOutName.empty() ? "" : m_tree.Root() + "/" + strOutName + ".out");
     if (pid > 0) m_vSpawned.push_back(pid);
     return pid;
 }
@@ -162,7 +130,7 @@ int DaemonSandbox::Run(const std::vector<std::string>& args, int nTimeoutMs, std
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }
-    if (pOutput != nullptr) *pOutput = ReadWholeFile(m_strRoot + "/" + strName + ".out");
+    if (pOutput != nullptr) *pOutput = ReadWholeFile(m_tree.Root() + "/" + strName + ".out");
     return nStatus;
 }
 
@@ -170,29 +138,27 @@ pid_t DaemonSandbox::StartDaemon() { return Spawn({BinDir() + "TalvorStorage"}, 
 
 bool DaemonSandbox::WaitForTrace(const std::string& strText, int nTimeoutMs)
 {
-    long long nDeadline = NowMs() + nTimeoutMs;
-    while (NowMs() < nDeadline) {
-        if (ReadDaemonTrace().find(strText) != std::string::npos) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return ReadDaemonTrace().find(strText) != std::string::npos;
+    return WaitUntil([&] { return ReadDaemonTrace().find(strText) != std::string::npos; }, nTimeoutMs, TRACE_POLL_MS);
 }
 
 int DaemonSandbox::WaitExit(pid_t pid, int nTimeoutMs)
 {
-    long long nDeadline = NowMs() + nTimeoutMs;
-    for (;;) {
-        int nStatus = 0;
-        pid_t r = waitpid(pid, &nStatus, WNOHANG);
-        if (r == pid) {
+    int nResult = -1;
+    WaitUntil(
+        [&] {
+            int nStatus = 0;
+            pid_t r = waitpid(pid, &nStatus, WNOHANG);
+            if (r == 0) return false;
+            if (r < 0) {
+                nResult = -2;
+                return true;
+            }
             m_vSpawned.erase(std::remove(m_vSpawned.begin(), m_vSpawned.end(), pid), m_vSpawned.end());
-            if (WIFEXITED(nStatus)) return WEXITSTATUS(nStatus);
-            return 128 + WTERMSIG(nStatus);
-        }
-        if (r < 0) return -2;
-        if (NowMs() >= nDeadline) return -1;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+            nResult = WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : 128 + WTERMSIG(nStatus);
+            return true;
+        },
+        nTimeoutMs, EXIT_POLL_MS);
+    return nResult;
 }
 
 bool DaemonSandbox::IsRunning(pid_t pid)
@@ -202,20 +168,6 @@ bool DaemonSandbox::IsRunning(pid_t pid)
 }
 
 void DaemonSandbox::Signal(pid_t pid, int nSignal) { kill(pid, nSignal); }
-
-std::vector<std::string> DaemonSandbox::ListFiles(const std::string& strDir, const std::string& strPrefix) const
-{
-    std::vector<std::string> files;
-    DIR* pDir = opendir(strDir.c_str());
-    if (pDir == nullptr) return files;
-    while (struct dirent* pEntry = readdir(pDir)) {
-        std::string strName = pEntry->d_name;
-        if (strName.compare(0, strPrefix.size(), strPrefix) == 0) files.push_back(strDir + strName);
-    }
-    closedir(pDir);
-    std::sort(files.begin(), files.end());
-    return files;
-}
 
 std::string DaemonSandbox::ReadDaemonTrace() const
 {

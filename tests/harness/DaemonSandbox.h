@@ -10,6 +10,9 @@
 // lock file never meet another test's or the host's. Every wait is bounded.
 #pragma once
 
+#include "TempTree.h"
+#include "TestFiles.h"
+
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -26,9 +29,9 @@ public:
     // False when the namespace could not be made (the test should fail).
     bool Ok() const { return m_nHolderPid > 0; }
 
-    const std::string& Root() const { return m_strRoot; }
-    std::string BinDir() const { return m_strRoot + "/bin/"; }
-    std::string DataDir() const { return m_strRoot + "/Data/Talvor/"; }
+    const std::string& Root() const { return m_tree.Root(); }
+    std::string BinDir() const { return m_tree.Root() + "/bin/"; }
+    std::string DataDir() const { return m_tree.Root() + "/Data/Talvor/"; }
     std::string LogDir() const { return DataDir() + "Log/"; }
     std::string IniPath() const { return BinDir() + "TalvorConfig.ini"; }
 
@@ -55,15 +58,11 @@ public:
 
     // All TalvorStorage trace files of the database, joined in name order.
     std::string ReadDaemonTrace() const;
-    std::vector<std::string> ListFiles(const std::string& strDir, const std::string& strPrefix) const;
 
 private:
-    std::string m_strRoot;
+    TempTree m_tree;
     pid_t m_nHolderPid = -1;
     std::vector<pid_t> m_vSpawned;
 };
-
-std::string ReadWholeFile(const std::string& strPath);
-bool WriteWholeFile(const std::string& strPath, const std::string& strData);
 
 } // namespace talvortest

@@ -1,0 +1,714 @@
+// FaultFileIO.cpp — the fault-injecting file layer.
+//
+// Power loss is kept as a journal of changes the medium may not hold yet.
+// A write keeps the bytes it replaced and the size before it; a truncation
+// keeps the tail it cut. Losing power undoes every such change newest first
+// (which gives back the file as its last sync left it), then applies again
+// the ones chosen to survive, oldest first. The undo goes through a
+// descriptor of the layer's own on the same inode, so that it reaches a
+// file whose writer used O_DIRECT, closed it, or whose name is gone.
+// Name changes wait for a sync of each directory they touched; undoing a
+// rename or unlink brings the replaced or removed file back from a
+// descriptor held on it since.
+#include "FaultFileIO.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+
+namespace talvortest {
+
+namespace {
+
+const size_t NO_LIMIT = (size_t)-1;
+
+bool IsTransfer(FileOp eOp) { return eOp == FileOp::PRead || eOp == FileOp::PWrite; }
+
+// The calls that change the medium, which a dead device refuses.
+bool ChangesMedium(FileOp eOp)
+{
+    switch (eOp) {
+    case FileOp::PWrite:
+    case FileOp::FSync:
+    case FileOp::FDataSync:
+    case FileOp::FTruncate:
+    case FileOp::Rename:
+    case FileOp::Unlink:
+    case FileOp::MkDir:
+    case FileOp::SyncDirectory:
+    case FileOp::Chmod:
+    case FileOp::FChmod:
+        return true;
+    default:
+        return false;
+    }
+}
+
+std::string ParentDir(const std::string& strPath)
+{
+    size_t nSlash = strPath.rfind('/');
+    if (nSlash == std::string::npos) return ".";
+    return nSlash == 0 ? "/" : strPath.substr(0, nSlash);
+}
+
+// Up to nSize bytes at nOffset (fewer at the end of the file).
+std::string ReadRange(int fd, long long nOffset, long long nSize)
+{
+    std::string s((size_t)(nSize > 0 ? nSize : 0), '\0');
+    size_t nDone = 0;
+    while (nDone < s.size()) {
+        ssize_t n = pread(fd, &s[nDone], s.size() - nDone, (off_t)(nOffset + (long long)nDone));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        nDone += (size_t)n;
+    }
+    s.resize(nDone);
+    return s;
+}
+
+std::string ReadAllOf(int fd)
+{
+    struct stat st;
+    if (fstat(fd, &st) != 0) return std::string();
+    return ReadRange(fd, 0, (long long)st.st_size);
+}
+
+void WriteRange(int fd, const std::string& s, long long nOffset)
+{
+    size_t nDone = 0;
+    while (nDone < s.size()) {
+        ssize_t n = pwrite(fd, s.data() + nDone, s.size() - nDone, (off_t)(nOffset + (long long)nDone));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return;
+        nDone += (size_t)n;
+    }
+}
+
+// A file the layer held on by descriptor comes back under strPath.
+void RecreateFrom(int fdHeld, const std::string& strPath)
+{
+    struct stat st;
+    if (fdHeld < 0 || fstat(fdHeld, &st) != 0) return;
+    std::string strData = ReadAllOf(fdHeld);
+    int fd = open(strPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, st.st_mode & 07777);
+    if (fd < 0) return;
+    WriteRange(fd, strData, 0);
+    fchmod(fd, st.st_mode & 07777);
+    close(fd);
+}
+
+bool KeyOfPath(const std::string& strPath, std::pair<dev_t, ino_t>* pKey, bool bFollow)
+{
+    struct stat st;
+    if ((bFollow ? stat(strPath.c_str(), &st) : lstat(strPath.c_str(), &st)) != 0) return false;
+    *pKey = std::make_pair(st.st_dev, st.st_ino);
+    return true;
+}
+
+// Writes through a descriptor opened O_SYNC or O_DSYNC are on the medium
+// when the call returns.
+bool SyncsItself(int fd)
+{
+    int nFlags = fcntl(fd, F_GETFL);
+    return nFlags >= 0 && (nFlags & O_DSYNC) != 0; // O_SYNC includes O_DSYNC
+}
+
+int FailWith(int nErrno)
+{
+    errno = nErrno;
+    return -1;
+}
+
+} // namespace
+
+FaultFileIO::FaultFileIO() {}
+
+FaultFileIO::~FaultFileIO()
+{
+    for (Change& c : m_vChanges)
+        if (c.m_fdHeld >= 0) close(c.m_fdHeld);
+    for (auto& it : m_mapUndoFds) close(it.second);
+}
+
+// ------------------------------------------------------------ setting up
+
+void FaultFileIO::FailCall(FileOp eOp, long long nNth, int nErrno, long long nTimes)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_vRules.push_back({eOp, nNth, nTimes, nErrno});
+}
+
+void FaultFileIO::FailNext(FileOp eOp, int nErrno, long long nTimes)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_vRules.push_back({eOp, m_arCalls[(int)eOp] + 1, nTimes, nErrno});
+}
+
+void FaultFileIO::CutWrite(long long nNth, size_t nBytes)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_mapCuts[nNth] = nBytes;
+}
+
+void FaultFileIO::ChopTransfers(size_t nChunk, bool bInterrupt)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_nChunk = nChunk;
+    m_bInterrupt = bInterrupt;
+    m_bInterruptNext = true;
+}
+
+void FaultFileIO::FillAfter(size_t nBytes, int nErrno)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_nFillLeft = (long long)nBytes;
+    m_nFillErrno = nErrno;
+}
+
+void FaultFileIO::DieAfter(FileOp eOp, long long nCalls)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_eDieOp = eOp;
+    m_nDieAfter = nCalls;
+}
+
+void FaultFileIO::OnCall(FileOp eOp, std::function<void(long long)> fnHook)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_mapHooks[(int)eOp] = std::move(fnHook);
+}
+
+void FaultFileIO::PassThrough(const std::string& strPrefix)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_vPassThrough.push_back(strPrefix);
+}
+
+// ------------------------------------------------------------ looking back
+
+long long FaultFileIO::Calls(FileOp eOp) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_arCalls[(int)eOp];
+}
+
+long long FaultFileIO::BytesRead() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_nBytesRead;
+}
+
+long long FaultFileIO::BytesWritten() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_nBytesWritten;
+}
+
+std::vector<FileWrite> FaultFileIO::Writes() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_vWrites;
+}
+
+std::vector<UnsyncedChange> FaultFileIO::Unsynced() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<UnsyncedChange> v;
+    for (const Change& c : m_vChanges) {
+        if (c.m_eKind == CHANGE_WRITE)
+            v.push_back({c.m_strPath, c.m_nOffset, (long long)c.m_strNew.size(), false});
+        else if (c.m_eKind == CHANGE_TRUNCATE)
+            v.push_back({c.m_strPath, c.m_nOffset, 0, true});
+    }
+    return v;
+}
+
+// ------------------------------------------------------------ power loss
+
+void FaultFileIO::LosePower(NameLoss eNames)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    LosePowerLocked(std::vector<bool>(), eNames);
+}
+
+void FaultFileIO::LosePowerKeeping(const std::vector<size_t>& vKeep, NameLoss eNames)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<bool> vKept;
+    for (size_t n : vKeep) {
+        if (n >= vKept.size()) vKept.resize(n + 1, false);
+        vKept[n] = true;
+    }
+    LosePowerLocked(vKept, eNames);
+}
+
+void FaultFileIO::LosePowerLocked(const std::vector<bool>& vKeep, NameLoss eNames)
+{
+    std::vector<Change*> vData;
+    for (Change& c : m_vChanges)
+        if (c.m_eKind == CHANGE_WRITE || c.m_eKind == CHANGE_TRUNCATE) vData.push_back(&c);
+    // Back to the last synced state, newest change first.
+    for (auto it = vData.rbegin(); it != vData.rend(); ++it) {
+        Change& c = **it;
+        int fd = m_mapUndoFds.count(c.m_key) != 0 ? m_mapUndoFds[c.m_key] : -1;
+        if (fd < 0) continue;
+        if (c.m_eKind == CHANGE_TRUNCATE) {
+            if (ftruncate(fd, (off_t)c.m_nOldSize) != 0) continue;
+            WriteRange(fd, c.m_strOld, c.m_nOffset);
+        } else {
+            WriteRange(fd, c.m_strOld, c.m_nOffset);
+            if (ftruncate(fd, (off_t)c.m_nOldSize) != 0) continue;
+        }
+    }
+    // The survivors, in their order.
+    for (size_t i = 0; i < vData.size(); i++) {
+        if (i >= vKeep.size() || !vKeep[i]) continue;
+        Change& c = *vData[i];
+        int fd = m_mapUndoFds.count(c.m_key) != 0 ? m_mapUndoFds[c.m_key] : -1;
+        if (fd < 0) continue;
+        if (c.m_eKind == CHANGE_TRUNCATE) {
+            if (ftruncate(fd, (off_t)c.m_nOffset) != 0) continue;
+        } else {
+            WriteRange(fd, c.m_strNew, c.m_nOffset);
+        }
+    }
+    for (auto& it : m_mapUndoFds) fsync(it.second);
+    if (eNames == NameLoss::Undo) {
+        for (auto it = m_vChanges.rbegin(); it != m_vChanges.rend(); ++it)
+            if (it->m_eKind != CHANGE_WRITE && it->m_eKind != CHANGE_TRUNCATE) UndoNameLocked(*it);
+    }
+    for (Change& c : m_vChanges)
+        if (c.m_fdHeld >= 0) close(c.m_fdHeld);
+    m_vChanges.clear();
+    for (auto& it : m_mapUndoFds) close(it.second);
+    m_mapUndoFds.clear();
+}
+
+void FaultFileIO::UndoNameLocked(const Change& c)
+{
+    FileKey key;
+    switch (c.m_eKind) {
+    case CHANGE_CREATE:
+        // Whatever holds the name now came after the create, and its own
+        // change was undone before this one (a removed file brought back).
+        unlink(c.m_strPath.c_str());
+        break;
+    case CHANGE_RENAME:
+        if (!KeyOfPath(c.m_strFrom, &key, false)) rename(c.m_strPath.c_str(), c.m_strFrom.c_str());
+        if (c.m_fdHeld >= 0) RecreateFrom(c.m_fdHeld, c.m_strPath);
+        break;
+    case CHANGE_UNLINK:
+        if (!KeyOfPath(c.m_strPath, &key, false)) RecreateFrom(c.m_fdHeld, c.m_strPath);
+        break;
+    case CHANGE_MKDIR:
+        rmdir(c.m_strPath.c_str());
+        break;
+    default:
+        break;
+    }
+}
+
+// ------------------------------------------------------------ bookkeeping
+
+bool FaultFileIO::Passes(const std::string& strPath) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (const std::string& strPrefix : m_vPassThrough)
+        if (strPath.compare(0, strPrefix.size(), strPrefix) == 0) return true;
+    return false;
+}
+
+std::string FaultFileIO::PathOfFd(int fd)
+{
+    if (fd < 0) return std::string();
+    char szLink[64], szPath[4096];
+    snprintf(szLink, sizeof(szLink), "/proc/self/fd/%d", fd);
+    ssize_t n = readlink(szLink, szPath, sizeof(szPath) - 1);
+    return n > 0 ? std::string(szPath, (size_t)n) : std::string();
+}
+
+// Counts the call, runs its hook, and tells whether it fails. A transfer
+// also learns how many bytes it may move at most.
+FaultFileIO::Verdict FaultFileIO::Judge(FileOp eOp)
+{
+    Verdict v;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        v.m_nNth = ++m_arCalls[(int)eOp];
+        auto it = m_mapHooks.find((int)eOp);
+        if (it != m_mapHooks.end()) v.m_fnHook = it->second;
+    }
+    if (v.m_fnHook) v.m_fnHook(v.m_nNth);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_nDieAfter >= 0 && ChangesMedium(eOp)) {
+        long long nBefore = eOp == m_eDieOp ? v.m_nNth - 1 : m_arCalls[(int)m_eDieOp];
+        if (nBefore >= m_nDieAfter) {
+            v.m_bFail = true;
+            v.m_nErrno = EIO;
+            return v;
+        }
+    }
+    for (const Rule& r : m_vRules) {
+        if (r.m_eOp != eOp || v.m_nNth < r.m_nFrom) continue;
+        if (r.m_nTimes != FAULT_ALWAYS && v.m_nNth >= r.m_nFrom + r.m_nTimes) continue;
+        v.m_bFail = true;
+        v.m_nErrno = r.m_nErrno;
+        return v;
+    }
+    if (!IsTransfer(eOp)) return v;
+    if (m_bInterrupt) {
+        bool bNow = m_bInterruptNext;
+        m_bInterruptNext = !bNow;
+        if (bNow) {
+            v.m_bFail = true;
+            v.m_nErrno = EINTR;
+            return v;
+        }
+    }
+    v.m_nLimit = m_nChunk > 0 ? m_nChunk : NO_LIMIT;
+    if (eOp != FileOp::PWrite) return v;
+    auto itCut = m_mapCuts.find(v.m_nNth);
+    if (itCut != m_mapCuts.end()) v.m_nLimit = std::min(v.m_nLimit, itCut->second);
+    if (m_nFillLeft == 0) {
+        v.m_bFail = true;
+        v.m_nErrno = m_nFillErrno;
+    } else if (m_nFillLeft > 0) {
+        v.m_nLimit = std::min(v.m_nLimit, (size_t)m_nFillLeft);
+    }
+    return v;
+}
+
+int FaultFileIO::UndoFdLocked(const FileKey& key, int fd)
+{
+    auto it = m_mapUndoFds.find(key);
+    if (it != m_mapUndoFds.end()) return it->second;
+    // A descriptor of our own: not O_DIRECT, and alive after the writer's
+    // is closed or its name unlinked.
+    char szLink[64];
+    snprintf(szLink, sizeof(szLink), "/proc/self/fd/%d", fd);
+    int fdUndo = open(szLink, O_RDWR | O_CLOEXEC);
+    if (fdUndo >= 0) m_mapUndoFds[key] = fdUndo;
+    return fdUndo;
+}
+
+void FaultFileIO::SyncedLocked(const FileKey& key, bool bDirectory)
+{
+    std::vector<Change> vKeep;
+    for (Change& c : m_vChanges) {
+        bool bData = c.m_eKind == CHANGE_WRITE || c.m_eKind == CHANGE_TRUNCATE;
+        if (bData && !bDirectory && c.m_key == key) continue;
+        if (!bData && bDirectory) {
+            c.m_vDirs.erase(std::remove(c.m_vDirs.begin(), c.m_vDirs.end(), key), c.m_vDirs.end());
+            if (c.m_vDirs.empty()) {
+                if (c.m_fdHeld >= 0) close(c.m_fdHeld);
+                continue;
+            }
+        }
+        vKeep.push_back(std::move(c));
+    }
+    m_vChanges.swap(vKeep);
+}
+
+void FaultFileIO::TrackNameLocked(ChangeKind eKind, const std::string& strPath, const std::string& strFrom,
+                                  int fdHeld)
+{
+    Change c;
+    c.m_eKind = eKind;
+    c.m_strPath = strPath;
+    c.m_strFrom = strFrom;
+    c.m_fdHeld = fdHeld;
+    FileKey dir;
+    if (KeyOfPath(ParentDir(strPath), &dir, true)) c.m_vDirs.push_back(dir);
+    if (!strFrom.empty() && KeyOfPath(ParentDir(strFrom), &dir, true) &&
+        std::find(c.m_vDirs.begin(), c.m_vDirs.end(), dir) == c.m_vDirs.end())
+        c.m_vDirs.push_back(dir);
+    m_vChanges.push_back(std::move(c));
+}
+
+// ------------------------------------------------------------ the layer
+
+int FaultFileIO::Open(const char* lpPath, int nFlags, mode_t nMode)
+{
+    std::string strPath = lpPath != nullptr ? lpPath : "";
+    if (Passes(strPath)) return CTalvorFileIO::Open(lpPath, nFlags, nMode);
+    Verdict v = Judge(FileOp::Open);
+    if (v.m_bFail) return FailWith(v.m_nErrno);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    struct stat stBefore;
+    bool bExisted = lstat(lpPath, &stBefore) == 0;
+    // Emptying a file with content is a change like a truncation.
+    bool bEmpties = bExisted && (nFlags & O_TRUNC) != 0 && (nFlags & O_ACCMODE) != O_RDONLY &&
+                    S_ISREG(stBefore.st_mode) && stBefore.st_size > 0;
+    std::string strOld;
+    if (bEmpties) {
+        int fdOld = open(lpPath, O_RDONLY | O_CLOEXEC);
+        if (fdOld >= 0) {
+            strOld = ReadAllOf(fdOld);
+            close(fdOld);
+        }
+    }
+    int fd = CTalvorFileIO::Open(lpPath, nFlags, nMode);
+    if (fd < 0) return fd;
+    int nErr = errno;
+    if ((nFlags & O_CREAT) != 0 && !bExisted) TrackNameLocked(CHANGE_CREATE, strPath, std::string(), -1);
+    struct stat st;
+    if (bEmpties && fstat(fd, &st) == 0) {
+        Change c;
+        c.m_eKind = CHANGE_TRUNCATE;
+        c.m_key = std::make_pair(st.st_dev, st.st_ino);
+        c.m_strPath = strPath;
+        c.m_nOffset = 0;
+        c.m_nOldSize = (long long)stBefore.st_size;
+        c.m_strOld = strOld;
+        if (UndoFdLocked(c.m_key, fd) >= 0) m_vChanges.push_back(std::move(c));
+    }
+    errno = nErr;
+    return fd;
+}
+
+ssize_t FaultFileIO::PRead(int fd, void* lpBuf, size_t nSize, off_t nOffset)
+{
+    std::string strPath = PathOfFd(fd);
+    if (Passes(strPath)) return CTalvorFileIO::PRead(fd, lpBuf, nSize, nOffset);
+    Verdict v = Judge(FileOp::PRead);
+    if (v.m_bFail) return v.m_nErrno == 0 ? 0 : FailWith(v.m_nErrno);
+    ssize_t n = CTalvorFileIO::PRead(fd, lpBuf, std::min(nSize, v.m_nLimit), nOffset);
+    int nErr = errno;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (n > 0) m_nBytesRead += n;
+    errno = nErr;
+    return n;
+}
+
+ssize_t FaultFileIO::PWrite(int fd, const void* lpBuf, size_t nSize, off_t nOffset)
+{
+    std::string strPath = PathOfFd(fd);
+    if (Passes(strPath)) return CTalvorFileIO::PWrite(fd, lpBuf, nSize, nOffset);
+    Verdict v = Judge(FileOp::PWrite);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (v.m_bFail) {
+        m_vWrites.push_back({strPath, (long long)nOffset, (long long)nSize, v.m_nErrno == 0 ? 0 : -1});
+        return v.m_nErrno == 0 ? 0 : FailWith(v.m_nErrno);
+    }
+    size_t nMove = std::min(nSize, v.m_nLimit);
+    // What the write replaces, read before it lands.
+    Change c;
+    bool bTrack = false;
+    struct stat st;
+    if (!SyncsItself(fd) && fstat(fd, &st) == 0) {
+        c.m_eKind = CHANGE_WRITE;
+        c.m_key = std::make_pair(st.st_dev, st.st_ino);
+        c.m_strPath = strPath;
+        c.m_nOffset = (long long)nOffset;
+        c.m_nOldSize = (long long)st.st_size;
+        int fdUndo = UndoFdLocked(c.m_key, fd);
+        if (fdUndo >= 0) {
+            c.m_strOld = ReadRange(fdUndo, (long long)nOffset, (long long)nMove);
+            bTrack = true;
+        }
+    }
+    ssize_t n = CTalvorFileIO::PWrite(fd, lpBuf, nMove, nOffset);
+    int nErr = errno;
+    m_vWrites.push_back({strPath, (long long)nOffset, (long long)nSize, (long long)n});
+    if (n > 0) {
+        m_nBytesWritten += n;
+        if (m_nFillLeft > 0) m_nFillLeft -= std::min((long long)n, m_nFillLeft);
+        if (bTrack) {
+            if ((size_t)n < c.m_strOld.size()) c.m_strOld.resize((size_t)n);
+            c.m_strNew.assign((const char*)lpBuf, (size_t)n);
+            m_vChanges.push_back(std::move(c));
+        }
+    }
+    errno = nErr;
+    return n;
+}
+
+int FaultFileIO::FSync(int fd) { return SyncFile(FileOp::FSync, fd); }
+
+int FaultFileIO::FDataSync(int fd) { return SyncFile(FileOp::FDataSync, fd); }
+
+// Either sync covers every change of the file, whichever descriptor made
+// it; on a directory it makes the names in it durable.
+int FaultFileIO::SyncFile(FileOp eOp, int fd)
+{
+    bool bPasses = Passes(PathOfFd(fd));
+    if (!bPasses) {
+        Verdict v = Judge(eOp);
+        if (v.m_bFail) return FailWith(v.m_nErrno);
+    }
+    int rc = eOp == FileOp::FDataSync ? CTalvorFileIO::FDataSync(fd) : CTalvorFileIO::FSync(fd);
+    int nErr = errno;
+    struct stat st;
+    if (rc == 0 && !bPasses && fstat(fd, &st) == 0) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        SyncedLocked(std::make_pair(st.st_dev, st.st_ino), S_ISDIR(st.st_mode));
+    }
+    errno = nErr;
+    return rc;
+}
+
+int FaultFileIO::FTruncate(int fd, off_t nSize)
+{
+    std::string strPath = PathOfFd(fd);
+    if (Passes(strPath)) return CTalvorFileIO::FTruncate(fd, nSize);
+    Verdict v = Judge(FileOp::FTruncate);
+    if (v.m_bFail) return FailWith(v.m_nErrno);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Change c;
+    bool bTrack = false;
+    struct stat st;
+    if (fstat(fd, &st) == 0) {
+        c.m_eKind = CHANGE_TRUNCATE;
+        c.m_key = std::make_pair(st.st_dev, st.st_ino);
+        c.m_strPath = strPath;
+        c.m_nOffset = (long long)nSize;
+        c.m_nOldSize = (long long)st.st_size;
+        int fdUndo = UndoFdLocked(c.m_key, fd);
+        if (fdUndo >= 0) {
+            if (c.m_nOldSize > c.m_nOffset) c.m_strOld = ReadRange(fdUndo, c.m_nOffset, c.m_nOldSize - c.m_nOffset);
+            bTrack = true;
+        }
+    }
+    int rc = CTalvorFileIO::FTruncate(fd, nSize);
+    int nErr = errno;
+    if (rc == 0 && bTrack) m_vChanges.push_back(std::move(c));
+    errno = nErr;
+    return rc;
+}
+
+int FaultFileIO::Close(int fd)
+{
+    std::string strPath = PathOfFd(fd);
+    if (Passes(strPath)) return CTalvorFileIO::Close(fd);
+    Verdict v = Judge(FileOp::Close);
+    // A failing close still gives the descriptor back, as Linux does.
+    int rc = CTalvorFileIO::Close(fd);
+    return v.m_bFail ? FailWith(v.m_nErrno) : rc;
+}
+
+int FaultFileIO::Rename(const char* lpFrom, const char* lpTo)
+{
+    if (Passes(lpFrom)) return CTalvorFileIO::Rename(lpFrom, lpTo);
+    Verdict v = Judge(FileOp::Rename);
+    if (v.m_bFail) return FailWith(v.m_nErrno);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    struct stat st;
+    int fdReplaced = lstat(lpTo, &st) == 0 && S_ISREG(st.st_mode) ? open(lpTo, O_RDONLY | O_CLOEXEC) : -1;
+    int rc = CTalvorFileIO::Rename(lpFrom, lpTo);
+    int nErr = errno;
+    if (rc == 0)
+        TrackNameLocked(CHANGE_RENAME, lpTo, lpFrom, fdReplaced);
+    else if (fdReplaced >= 0)
+        close(fdReplaced);
+    errno = nErr;
+    return rc;
+}
+
+int FaultFileIO::Unlink(const char* lpPath)
+{
+    if (Passes(lpPath)) return CTalvorFileIO::Unlink(lpPath);
+    Verdict v = Judge(FileOp::Unlink);
+    if (v.m_bFail) return FailWith(v.m_nErrno);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    struct stat st;
+    int fdRemoved = lstat(lpPath, &st) == 0 && S_ISREG(st.st_mode) ? open(lpPath, O_RDONLY | O_CLOEXEC) : -1;
+    int rc = CTalvorFileIO::Unlink(lpPath);
+    int nErr = errno;
+    if (rc == 0)
+        TrackNameLocked(CHANGE_UNLINK, lpPath, std::string(), fdRemoved);
+    else if (fdRemoved >= 0)
+        close(fdRemoved);
+    errno = nErr;
+    return rc;
+}
+
+int FaultFileIO::MkDir(const char* lpPath, mode_t nMode)
+{
+    if (Passes(lpPath)) return CTalvorFileIO::MkDir(lpPath, nMode);
+    Verdict v = Judge(FileOp::MkDir);
+    if (v.m_bFail) return FailWith(v.m_nErrno);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    int rc = CTalvorFileIO::MkDir(lpPath, nMode);
+    int nErr = errno;
+    if (rc == 0) TrackNameLocked(CHANGE_MKDIR, lpPath, std::string(), -1);
+    errno = nErr;
+    return rc;
+}
+
+int FaultFileIO::SyncDirectory(const char* lpDir)
+{
+    if (Passes(lpDir)) return CTalvorFileIO::SyncDirectory(lpDir);
+    Verdict v = Judge(FileOp::SyncDirectory);
+    if (v.m_bFail) return FailWith(v.m_nErrno);
+    int rc = CTalvorFileIO::SyncDirectory(lpDir);
+    int nErr = errno;
+    FileKey key;
+    if (rc == 0 && KeyOfPath(lpDir, &key, true)) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        SyncedLocked(key, true);
+    }
+    errno = nErr;
+    return rc;
+}
+
+int FaultFileIO::Stat(const char* lpPath, struct stat* pStat)
+{
+    if (Passes(lpPath)) return CTalvorFileIO::Stat(lpPath, pStat);
+    Verdict v = Judge(FileOp::Stat);
+    return v.m_bFail ? FailWith(v.m_nErrno) : CTalvorFileIO::Stat(lpPath, pStat);
+}
+
+int FaultFileIO::FStat(int fd, struct stat* pStat)
+{
+    std::string strPath = PathOfFd(fd);
+    if (Passes(strPath)) return CTalvorFileIO::FStat(fd, pStat);
+    Verdict v = Judge(FileOp::FStat);
+    return v.m_bFail ? FailWith(v.m_nErrno) : CTalvorFileIO::FStat(fd, pStat);
+}
+
+off_t FaultFileIO::LSeek(int fd, off_t nOffset, int nWhence)
+{
+    std::string strPath = PathOfFd(fd);
+    if (Passes(strPath)) return CTalvorFileIO::LSeek(fd, nOffset, nWhence);
+    Verdict v = Judge(FileOp::LSeek);
+    return v.m_bFail ? (off_t)FailWith(v.m_nErrno) : CTalvorFileIO::LSeek(fd, nOffset, nWhence);
+}
+
+int FaultFileIO::Chmod(const char* lpPath, mode_t nMode)
+{
+    if (Passes(lpPath)) return CTalvorFileIO::Chmod(lpPath, nMode);
+    Verdict v = Judge(FileOp::Chmod);
+    return v.m_bFail ? FailWith(v.m_nErrno) : CTalvorFileIO::Chmod(lpPath, nMode);
+}
+
+int FaultFileIO::FChmod(int fd, mode_t nMode)
+{
+    std::string strPath = PathOfFd(fd);
+    if (Passes(strPath)) return CTalvorFileIO::FChmod(fd, nMode);
+    Verdict v = Judge(FileOp::FChmod);
+    return v.m_bFail ? FailWith(v.m_nErrno) : CTalvorFileIO::FChmod(fd, nMode);
+}
+
+DIR* FaultFileIO::OpenDir(const char* lpPath)
+{
+    if (Passes(lpPath)) return CTalvorFileIO::OpenDir(lpPath);
+    Verdict v = Judge(FileOp::OpenDir);
+    if (v.m_bFail) {
+        errno = v.m_nErrno;
+        return nullptr;
+    }
+    return CTalvorFileIO::OpenDir(lpPath);
+}
+
+int FaultFileIO::CloseDir(DIR* pDir)
+{
+    std::string strPath = pDir != nullptr ? PathOfFd(dirfd(pDir)) : std::string();
+    if (Passes(strPath)) return CTalvorFileIO::CloseDir(pDir);
+    Verdict v = Judge(FileOp::CloseDir);
+    int rc = CTalvorFileIO::CloseDir(pDir);
+    return v.m_bFail ? FailWith(v.m_nErrno) : rc;
+}
+
+} // namespace talvortest

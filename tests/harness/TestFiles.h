@@ -1,0 +1,25 @@
+// TestFiles.h — reading and writing whole files, and listing a directory,
+// for the tests' own look at the disk. These go to the system directly,
+// never through the file layer, so that a fault layer in force neither
+// counts nor fails them.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace talvortest {
+
+// The file's bytes; empty when it cannot be read.
+std::string ReadWholeFile(const std::string& strPath);
+// Creates or empties the file and writes strData; true when all of it went.
+bool WriteWholeFile(const std::string& strPath, const std::string& strData);
+// Writes strData over the file's bytes from nOffset on, in place.
+bool WriteFileAt(const std::string& strPath, long long nOffset, const std::string& strData);
+// Size in bytes, or -1 when the path names nothing.
+long long FileSizeOf(const std::string& strPath);
+bool PathExists(const std::string& strPath);
+// strDir + name of every entry whose name begins with strPrefix ("." and
+// ".." aside), in name order.
+std::vector<std::string> ListFiles(const std::string& strDir, const std::string& strPrefix = "");
+
+} // namespace talvortest

@@ -1,0 +1,787 @@
+// Configuration: the ini file as a tree (parsing rules, defaults, duplicate
+// keys, section limits), the one-line splice that rewrites the file byte for
+// byte, the crash-safe replacement of the file, the update list shared with
+// the engine, and the file-direct GetPrivateProfile* / WritePrivateProfile*.
+//
+// The singleton is built before main and attaches the fixed segment, so these
+// tests run in a private IPC namespace (tests/isolate.sh). The engine's side
+// of the list is played by attaching the segment by its key, under the named
+// semaphore, exactly as the engine does.
+#include "ConfigHelper.h"
+#include "FaultFileIO.h"
+#include "MemDBCommonDef.h"
+#include "TalvorFileIO.h"
+#include "TempTree.h"
+#include "TestClock.h"
+#include "TestFiles.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <dirent.h>
+#include <fcntl.h>
+#include <string>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+using namespace talvortest;
+
+namespace {
+
+// A private directory with one ini file; the singleton is closed afterwards so
+// that no test sees another's tree or list.
+class ConfigTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_tree.Ok());
+        m_dir = m_tree.Root();
+        m_path = m_dir + "/TalvorConfig.ini";
+        ASSERT_NE(ConfigHelper::s_pInstance.get(), nullptr);
+        ClearList();
+    }
+    void TearDown() override
+    {
+        TalvorConfigClose();
+        ClearList();
+    }
+    static void ClearList()
+    {
+        SharedMemoryUpdate* p = ConfigHelper::s_pInstance->sharedList();
+        if (p != nullptr) memset(p, 0, sizeof(*p));
+    }
+    // Loads text as the configuration; returns what TalvorConfigInit said.
+    bool Load(const std::string& text)
+    {
+        EXPECT_TRUE(WriteWholeFile(m_path, text));
+        return TalvorConfigInit(m_path.c_str());
+    }
+    std::string Get(const char* app, const char* key, const char* def = "<none>")
+    {
+        char buf[256];
+        int r = TalvorConfigGetValueString(app, key, def, buf, sizeof(buf));
+        return r == 0 ? std::string(buf) : std::string("<-1>");
+    }
+    std::string Disk() { return PathExists(m_path) ? ReadWholeFile(m_path) : "<missing>"; }
+    // The files in the directory, to see that no temporary is left.
+    std::vector<std::string> DirEntries() { return ListFiles(m_tree.Dir()); }
+
+    TempTree m_tree{"cfg"};
+    std::string m_dir;
+    std::string m_path;
+};
+
+// ------------------------------------------------------------ TString
+
+TEST(ConfigTString, TrimsSpaceCrLfButKeepsTabs)
+{
+    ConfigHelper::TString t(" \r\n\tvalue\t \r\n");
+    EXPECT_STREQ(t.c_str(), "\tvalue\t");
+    EXPECT_EQ(t.length(), 7);
+    ConfigHelper::TString u;
+    ASSERT_TRUE(u.SetValue("  raw  "));
+    EXPECT_STREQ(u.c_str(), "  raw  "); // SetValue does not trim
+    u.trim();
+    EXPECT_STREQ(u.c_str(), "raw");
+    EXPECT_EQ(u.length(), 3);
+}
+
+TEST(ConfigTString, CapacityGrowsInWholeBlocksAndOnlyWhenReached)
+{
+    ConfigHelper::TString t;
+    ASSERT_TRUE(t.SetValue(std::string(31, 'a').c_str()));
+    EXPECT_EQ(t.m_iTotalLen, 32);
+    char* pFirst = t.m_pData;
+    ASSERT_TRUE(t.SetValue("b"));
+    EXPECT_EQ(t.m_pData, pFirst); // shorter text reuses the buffer
+    EXPECT_EQ(t.m_pData[1], 0);   // and leaves nothing of the old text behind
+    EXPECT_EQ(t.m_pData[30], 0);
+    ASSERT_TRUE(t.SetValue(std::string(32, 'c').c_str()));
+    EXPECT_EQ(t.m_iTotalLen, 64);
+    EXPECT_EQ(t.length(), 32);
+    EXPECT_EQ(t.m_pData[32], 0);
+    // A text taken from the string's own buffer survives the reallocation.
+    std::string big(100, 'x');
+    ASSERT_TRUE(t.SetValue(big.c_str()));
+    ASSERT_TRUE(t.SetValue(t.m_pData + 10, 50));
+    EXPECT_EQ(std::string(t.c_str()), std::string(50, 'x'));
+    ASSERT_TRUE(t.SetValue(nullptr));
+    EXPECT_EQ(t.m_pData, nullptr);
+    EXPECT_STREQ(t.c_str(), "");
+}
+
+TEST(ConfigTString, CompareFoldsAsciiOnly)
+{
+    EXPECT_EQ(ConfigHelper::TString::CompareNoCase("System", "SYSTEM"), 0);
+    EXPECT_EQ(ConfigHelper::TString::CompareNoCase(nullptr, ""), 0);
+    EXPECT_NE(ConfigHelper::TString::CompareNoCase("\xC3\xA9", "\xC3\x89"), 0); // é vs É stay distinct
+    EXPECT_LT(ConfigHelper::TString::CompareNoCase("abc", "ABD"), 0);
+    EXPECT_NE(ConfigHelper::TString::CompareNoCase("ab", "abc"), 0);
+    EXPECT_TRUE(ConfigHelper::TString("Port") == ConfigHelper::TString("PORT"));
+}
+
+// ------------------------------------------------------------ Reading
+
+TEST_F(ConfigTest, RoundTripThroughMemoryAndFile)
+{
+    ASSERT_TRUE(Load("[System]\nlistenport=8000\ndatabasepath=/data/\n"));
+    EXPECT_EQ(TalvorConfigGetValueInt("System", "listenport", 77), 8000);
+    EXPECT_EQ(Get("system", "DATABASEPATH"), "/data/");
+    ASSERT_TRUE(TalvorConfigSetValueString("System", "listenport", "9100"));
+    ASSERT_TRUE(TalvorConfigSetValueString("System", "newkey", "  padded value  "));
+    EXPECT_EQ(TalvorConfigGetValueInt("System", "listenport", 77), 9100);
+    EXPECT_EQ(Get("System", "newkey"), "padded value");
+    // A fresh parse of what reached the disk gives the same answers.
+    TalvorConfigClose();
+    EXPECT_EQ(Get("System", "listenport"), "<none>");
+    ASSERT_TRUE(TalvorConfigInit(m_path.c_str()));
+    EXPECT_EQ(TalvorConfigGetValueInt("System", "listenport", 77), 9100);
+    EXPECT_EQ(Get("System", "newkey"), "padded value");
+    EXPECT_EQ(Get("System", "databasepath"), "/data/");
+}
+
+TEST_F(ConfigTest, MissingKeysGiveDefaultsAndBadNumbersGiveZero)
+{
+    ASSERT_TRUE(Load("[System]\nname=abc\nempty=\nbig=99999999999\n"));
+    EXPECT_EQ(TalvorConfigGetValueInt("System", "name", 5), 0); // not the default
+    EXPECT_EQ(TalvorConfigGetValueInt("System", "missing", 5), 5);
+    EXPECT_EQ(TalvorConfigGetValueInt("Nowhere", "name", 77), 77);
+    EXPECT_EQ(TalvorConfigGetValueInt("System", "big", 0), INT_MAX);
+    EXPECT_EQ(Get("System", "missing", "  dflt  "), "dflt");
+    EXPECT_EQ(Get("System", "empty", "dflt"), ""); // present but empty is a value
+
+    char buf[8];
+    memset(buf, 'z', sizeof(buf));
+    EXPECT_EQ(TalvorConfigGetValueString("System", "missing", nullptr, buf, sizeof(buf)), -1);
+    EXPECT_EQ(buf[0], 0);
+    EXPECT_EQ(TalvorConfigGetValueString("System", "name", "d", nullptr, 8), -1);
+    EXPECT_EQ(TalvorConfigGetValueString("System", "name", "d", buf, 0), -1);
+    // Cut to iSize - 1 and terminated.
+    memset(buf, 'z', sizeof(buf));
+    EXPECT_EQ(TalvorConfigGetValueString("System", "big", "d", buf, 4), 0);
+    EXPECT_STREQ(buf, "999");
+    EXPECT_EQ(buf[4], 'z');
+}
+
+TEST_F(ConfigTest, DuplicateKeysFirstWinsAndSetReplacesTheFirst)
+{
+    ASSERT_TRUE(Load("[Net]\nPort=1\nPORT=2\n"));
+    EXPECT_EQ(Get("Net", "port"), "1");
+    ASSERT_TRUE(TalvorConfigSetValueString("Net", "PoRt", "3"));
+    EXPECT_EQ(Get("Net", "PORT"), "3");
+    EXPECT_EQ(Disk(), "[Net]\nPoRt=3\r\nPORT=2\n");
+    ASSERT_TRUE(TalvorConfigInit(m_path.c_str()));
+    EXPECT_EQ(Get("Net", "Port"), "3");
+}
+
+TEST_F(ConfigTest, InnerEqualsAndHashStayInTheValueAndTabsAreKept)
+{
+    ASSERT_TRUE(Load("[S]\nkey = a=b # c\n# whole-line comment=1\ntabbed=\tx\n  spaced  =  y  \nnoequals\n"));
+    EXPECT_EQ(Get("S", "key"), "a=b # c");
+    EXPECT_EQ(Get("S", "tabbed"), "\tx");
+    EXPECT_EQ(Get("S", "spaced"), "y");
+    EXPECT_EQ(Get("S", "# whole-line comment"), "<none>");
+    EXPECT_EQ(Get("S", "noequals"), "<none>");
+}
+
+TEST_F(ConfigTest, MalformedFilesFailToLoad)
+{
+    EXPECT_FALSE(Load("key=1\n[S]\na=1\n"));     // key before any section
+    EXPECT_TRUE(Load("stray line\n[S]\na=1\n")); // no "=": skipped, not fatal
+    EXPECT_EQ(Get("S", "a"), "1");
+    // A repeated section invalidates the file; what came before stays read.
+    EXPECT_FALSE(Load("[A]\nx=1\n[B]\ny=2\n[a]\nz=3\n"));
+    EXPECT_EQ(Get("A", "x"), "1");
+    EXPECT_EQ(Get("B", "y"), "2");
+    EXPECT_EQ(Get("A", "z"), "<none>");
+    // Missing and empty files fail; a lone byte-order mark is an empty, valid file.
+    EXPECT_FALSE(TalvorConfigInit((m_dir + "/absent.ini").c_str()));
+    EXPECT_FALSE(Load(""));
+    EXPECT_TRUE(Load("\xEF\xBB\xBF"));
+    EXPECT_EQ(ConfigHelper::s_pInstance->sectionCount(), 0);
+    EXPECT_FALSE(TalvorConfigInit(m_dir.c_str())); // a directory cannot be opened rb+
+}
+
+TEST_F(ConfigTest, LinesEndAtCrOrLfWhicheverComesFirst)
+{
+    ASSERT_TRUE(Load("\xEF\xBB\xBF[S]\ra=1\rb=2\r\n[T]\r\nc=3"));
+    EXPECT_EQ(Get("S", "a"), "1");
+    EXPECT_EQ(Get("S", "b"), "2");
+    EXPECT_EQ(Get("T", "c"), "3");
+}
+
+TEST_F(ConfigTest, EightSectionsLoadSevenAndOnlyOneMoreFitsInMemory)
+{
+    std::string text;
+    for (int i = 1; i <= 8; i++) text += "[S" + std::to_string(i) + "]\nk=" + std::to_string(i) + "\n";
+    ASSERT_TRUE(Load(text));
+    EXPECT_EQ(ConfigHelper::s_pInstance->sectionCount(), 7);
+    EXPECT_EQ(Get("S7", "k"), "7");
+    EXPECT_EQ(Get("S8", "k"), "<none>");
+    // The eighth section exists on disk though not in memory: the key is
+    // spliced into it there, and the section takes the last slot.
+    ASSERT_TRUE(TalvorConfigSetValueString("S8", "n", "x"));
+    EXPECT_EQ(Get("S8", "n"), "x");
+    EXPECT_EQ(Get("S8", "k"), "<none>");
+    EXPECT_EQ(Disk(), text + "\r\nn=x");
+    std::string before = Disk();
+    EXPECT_FALSE(TalvorConfigSetValueString("S9", "n", "x"));
+    EXPECT_EQ(Get("S9", "n"), "<none>");
+    EXPECT_EQ(Disk(), before);
+    // Existing sections still take new keys when all slots are used.
+    EXPECT_TRUE(TalvorConfigSetValueString("S1", "more", "y"));
+    EXPECT_EQ(Get("S1", "more"), "y");
+}
+
+TEST_F(ConfigTest, NewSectionLivesInMemoryOnlyAndEmptyNamesAreRefused)
+{
+    const std::string text = "# head comment\n[System]\na=1\n";
+    ASSERT_TRUE(Load(text));
+    EXPECT_TRUE(TalvorConfigSetValueString("Config", "clustervip", "10.0.0.1"));
+    EXPECT_EQ(Get("Config", "clustervip"), "10.0.0.1");
+    EXPECT_EQ(Disk(), text);
+    EXPECT_TRUE(TalvorConfigSetValueString("Config", "clustervipport", "8000"));
+    EXPECT_EQ(TalvorConfigGetValueInt("Config", "clustervipport", 0), 8000);
+    EXPECT_EQ(Disk(), text);
+    EXPECT_FALSE(TalvorConfigSetValueString("  ", "a", "1"));
+    EXPECT_FALSE(TalvorConfigSetValueString("System", "\r\n", "1"));
+    EXPECT_TRUE(TalvorConfigSetValueString("System", "a", ""));
+    EXPECT_EQ(Get("System", "a", "dflt"), "");
+    EXPECT_EQ(Disk(), "# head comment\n[System]\na=\r\n");
+}
+
+// ------------------------------------------------------------ Splicing
+
+struct SpliceCase {
+    const char* name;
+    const char* before;
+    const char* app;
+    const char* key;
+    const char* value;
+    const char* after;
+};
+
+void PrintTo(const SpliceCase& c, std::ostream* os) { *os << c.name; }
+
+class ConfigSplice : public ConfigTest, public ::testing::WithParamInterface<SpliceCase> {};
+
+TEST_P(ConfigSplice, WritesExactlyTheSplicedBytes)
+{
+    const SpliceCase& c = GetParam();
+    ASSERT_TRUE(Load(c.before));
+    ASSERT_TRUE(TalvorConfigSetValueString(c.app, c.key, c.value));
+    EXPECT_EQ(Disk(), std::string(c.after)) << c.name;
+    EXPECT_EQ(DirEntries().size(), 1u) << "a temporary file was left behind";
+}
+
+const SpliceCase kSpliceCases[] = {
+    // A: replace.
+    {"ReplaceMiddleLf", "[S]\na=1\nb=2\n", "S", "a", "9", "[S]\na=9\r\nb=2\n"},
+    {"ReplaceLastLineLf", "[S]\na=1\n", "S", "a", "9", "[S]\na=9\r\n"},
+    {"ReplaceLastLineNoEnd", "[S]\na=1", "S", "a", "9", "[S]\na=9"},
+    {"ReplaceMiddleCrLf", "[S]\r\na=1\r\nb=2\r\n", "S", "a", "9", "[S]\r\na=9\r\nb=2\r\n"},
+    {"ReplaceLastLineCrLf", "[S]\r\na=1\r\n", "S", "a", "9", "[S]\r\na=9\r\n"},
+    {"ReplaceLastLineCrLfNoEnd", "[S]\r\na=1", "S", "a", "9", "[S]\r\na=9"},
+    {"ReplaceIndentedCaseFolded", "[ sys ]\n  A = 1 \nb=2\n", "SYS", "a", "x y", "[ sys ]\na=x y\r\nb=2\n"},
+    {"ReplaceKeepsCommentsAndBlanks", "# c1\n\n[S]\n# c2\na=1\n\n# c3\n", "S", "a", "2",
+     "# c1\n\n[S]\n# c2\na=2\r\n\n# c3\n"},
+    // B: insert in front of the next head (comments above it stay above the new line).
+    {"InsertBeforeHeadLf", "[S]\na=1\n\n# next\n[T]\nx=1\n", "S", "n", "5",
+     "[S]\na=1\n\n# next\nn=5\r\n[T]\nx=1\n"},
+    {"InsertBeforeHeadCrLf", "[S]\r\na=1\r\n[T]\r\n", "S", "n", "5", "[S]\r\na=1\r\nn=5\r\n[T]\r\n"},
+    {"KeyOfLaterSectionUntouched", "[S]\na=1\n[T]\nb=1\n", "S", "b", "2", "[S]\na=1\nb=2\r\n[T]\nb=1\n"},
+    {"InsertIntoEmptySection", "[S]\n[T]\nk=1\n", "S", "k", "2", "[S]\nk=2\r\n[T]\nk=1\n"},
+    // C: append to the last section.
+    {"AppendLf", "[S]\na=1\n", "S", "n", "5", "[S]\na=1\n\r\nn=5"},
+    {"AppendCrLf", "[S]\r\na=1\r\n", "S", "n", "5", "[S]\r\na=1\r\n\r\nn=5"},
+    {"AppendNoEnd", "[S]\na=1", "S", "n", "5", "[S]\na=1\r\nn=5"},
+    {"AppendToLastOfTwo", "[S]\na=1\n[T]\nx=1", "T", "y", "2", "[S]\na=1\n[T]\nx=1\r\ny=2"},
+    // The byte-order mark stays.
+    {"BomReplace", "\xEF\xBB\xBF[S]\na=1\n", "S", "a", "2", "\xEF\xBB\xBF[S]\na=2\r\n"},
+    {"BomAppend", "\xEF\xBB\xBF[S]\r\n", "S", "a", "2", "\xEF\xBB\xBF[S]\r\n\r\na=2"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Cases, ConfigSplice, ::testing::ValuesIn(kSpliceCases),
+                         [](const ::testing::TestParamInfo<SpliceCase>& info) { return std::string(info.param.name); });
+
+// ------------------------------------------------------------ Replacing the file
+
+TEST_F(ConfigTest, FailedRewriteLeavesTheOldFileWholeAndNoTemporary)
+{
+    const std::string text = "[S]\na=1\nb=2\n";
+    ASSERT_TRUE(Load(text));
+    // A full disk, a failing sync, a torn first write on a dying disk, and
+    // a rename the file system refuses.
+    for (int mode = 0; mode < 4; mode++) {
+        FaultFileIO io;
+        if (mode == 0) io.FailCall(FileOp::PWrite, 1, ENOSPC, FAULT_ALWAYS);
+        if (mode == 1) io.FailCall(FileOp::FSync, 1, EIO, FAULT_ALWAYS);
+        if (mode == 2) {
+            io.CutWrite(1, 4);
+            io.FailCall(FileOp::PWrite, 2, ENOSPC, FAULT_ALWAYS);
+        }
+        if (mode == 3) io.FailCall(FileOp::Rename, 1, EIO, FAULT_ALWAYS);
+        bool bSet;
+        {
+            ScopedFileIO scope(&io);
+            bSet = TalvorConfigSetValueString("S", "a", "changed");
+        }
+        EXPECT_TRUE(bSet) << mode; // the change still stands in memory
+        EXPECT_EQ(Get("S", "a"), "changed") << mode;
+        EXPECT_EQ(Disk(), text) << mode;
+        EXPECT_EQ(DirEntries().size(), 1u) << mode;
+    }
+    // The next write that succeeds brings the file up to date.
+    ASSERT_TRUE(TalvorConfigSetValueString("S", "b", "3"));
+    EXPECT_EQ(Disk(), "[S]\na=1\nb=3\r\n");
+}
+
+// A rewrite that returned is on the medium: the power may go right after
+// it. One that failed at any step and then lost the power leaves the old
+// text or the new one, whole, and no temporary.
+TEST_F(ConfigTest, RewriteSurvivesAPowerLossAndAFailedOneLeavesOneWholeText)
+{
+    ASSERT_TRUE(Load("[S]\na=1\nb=2\n"));
+    {
+        FaultFileIO io;
+        ScopedFileIO scope(&io);
+        ASSERT_TRUE(TalvorConfigSetValueString("S", "a", "new"));
+        io.LosePower();
+    }
+    EXPECT_EQ(Disk(), "[S]\na=new\r\nb=2\n");
+    EXPECT_EQ(DirEntries().size(), 1u);
+    int nValue = 0;
+    for (FileOp eOp : {FileOp::Open, FileOp::LSeek, FileOp::PWrite, FileOp::FSync, FileOp::Close, FileOp::Rename,
+                       FileOp::SyncDirectory}) {
+        std::string strBefore = Disk();
+        std::string strValue = "v" + std::to_string(++nValue);
+        std::string strNew = "[S]\na=" + strValue + "\r\nb=2\n";
+        FaultFileIO io;
+        io.FailCall(eOp, 1, EIO);
+        {
+            ScopedFileIO scope(&io);
+            TalvorConfigSetValueString("S", "a", strValue.c_str());
+            io.LosePower();
+        }
+        std::string strAfter = Disk();
+        EXPECT_TRUE(strAfter == strBefore || strAfter == strNew) << (int)eOp << ": " << strAfter;
+        EXPECT_EQ(DirEntries().size(), 1u) << (int)eOp;
+    }
+}
+
+TEST_F(ConfigTest, RewriteKeepsModeAndFollowsSymbolicLinks)
+{
+    const std::string real = m_dir + "/real.ini";
+    const std::string link = m_dir + "/link.ini";
+    ASSERT_TRUE(WriteWholeFile(real, "[S]\na=1\n"));
+    ASSERT_EQ(chmod(real.c_str(), 0640), 0);
+    ASSERT_EQ(symlink(real.c_str(), link.c_str()), 0);
+    ASSERT_TRUE(TalvorConfigInit(link.c_str()));
+    ASSERT_TRUE(TalvorConfigSetValueString("S", "a", "2"));
+    struct stat st;
+    ASSERT_EQ(lstat(link.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+    ASSERT_EQ(stat(real.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0640u);
+    EXPECT_EQ(ReadWholeFile(real), "[S]\na=2\r\n");
+}
+
+// ------------------------------------------------------------ Update list
+
+// The engine's view: the segment attached by its key, the semaphore by name.
+class EngineSide {
+public:
+    EngineSide()
+    {
+        int id = shmget(SHMKEY_CONFIGUPDATE, 0, 0);
+        if (id > 0) {
+            void* p = shmat(id, nullptr, 0);
+            if (p != (void*)-1) m_pList = (SharedMemoryUpdate*)p;
+        }
+        sem_t* s = sem_open(SEMNAME_CONFIGHELPER, 0);
+        if (s != SEM_FAILED) m_pSem = s;
+    }
+    ~EngineSide()
+    {
+        if (m_pList != nullptr) shmdt(m_pList);
+        if (m_pSem != nullptr) sem_close(m_pSem);
+    }
+    // Posts items as the engine does: under the semaphore, taking the list
+    // over when the daemon wrote it last.
+    void Post(const std::vector<std::vector<std::string>>& items)
+    {
+        sem_wait(m_pSem);
+        if (!m_pList->m_bIsService) {
+            m_pList->m_bIsService = true;
+            m_pList->m_iLength = 0;
+        }
+        for (const auto& it : items) {
+            SharedMemoryItem& item = m_pList->m_smpItems[m_pList->m_iLength++];
+            memset(&item, 0, sizeof(item));
+            strcpy(item.m_lpModule, it[0].c_str());
+            strcpy(item.m_lpKey, it[1].c_str());
+            strcpy(item.m_lpValue, it[2].c_str());
+        }
+        sem_post(m_pSem);
+    }
+    SharedMemoryUpdate* m_pList = nullptr;
+    sem_t* m_pSem = nullptr;
+};
+
+class ConfigSharedTest : public ConfigTest {
+protected:
+    void SetUp() override
+    {
+        ConfigTest::SetUp();
+        ASSERT_NE(m_engine.m_pList, nullptr) << "update segment not found by its key";
+        ASSERT_NE(m_engine.m_pSem, nullptr) << "semaphore CONFIGHELPER missing";
+        ASSERT_NE((void*)m_engine.m_pList, (void*)ConfigHelper::s_pInstance->sharedList());
+        memset(&m_crit, 0, sizeof(m_crit));
+        m_crit.m_nThreadID = (int)GetCurrentThreadId();
+    }
+    void ExpectLatchFree()
+    {
+        EXPECT_EQ(ConfigHelper::m_csCriticalSection.m_nLockFlag, 0);
+        EXPECT_EQ(m_crit.m_nCritPos, 0);
+        int n = -1;
+        sem_getvalue(m_engine.m_pSem, &n);
+        EXPECT_EQ(n, 1) << "CONFIGHELPER semaphore left taken or over-posted";
+    }
+    EngineSide m_engine;
+    TALVORCRITICALSECTION m_crit;
+};
+
+TEST_F(ConfigSharedTest, EnginePostIsTakenInByThreadSafeReadOnly)
+{
+    ASSERT_TRUE(Load("[System]\nlistenport=8000\n"));
+    m_engine.Post({{"System", "listenport", "8100"}, {"Config", "clustervip", "1.2.3.4"}});
+    // The lock-free read does not look at the list.
+    EXPECT_EQ(TalvorConfigGetValueInt("System", "listenport", 0), 8000);
+    EXPECT_EQ(m_engine.m_pList->m_iLength, 2u);
+
+    EXPECT_EQ(TalvorConfigGetValueInt("System", "listenport", 0, &m_crit), 8100);
+    EXPECT_EQ(Get("Config", "clustervip"), "1.2.3.4");
+    // Taken in: the count and the flag are zeroed, and the change reached the file.
+    EXPECT_EQ(m_engine.m_pList->m_iLength, 0u);
+    EXPECT_FALSE(m_engine.m_pList->m_bIsService);
+    EXPECT_EQ(Disk(), "[System]\nlistenport=8100\r\n");
+    ExpectLatchFree();
+}
+
+TEST_F(ConfigSharedTest, TwoDaemonUpdatesStandAsTwoItems)
+{
+    ASSERT_TRUE(Load("[System]\na=1\n"));
+    ASSERT_TRUE(TalvorConfigSetValueString("System", "a", "2", &m_crit));
+    ASSERT_TRUE(TalvorConfigSetValueString("System", "b", "3", &m_crit));
+    SharedMemoryUpdate* p = m_engine.m_pList;
+    EXPECT_EQ(p->m_iLength, 2u);
+    EXPECT_FALSE(p->m_bIsService);
+    EXPECT_STREQ(p->m_smpItems[0].m_lpModule, "System");
+    EXPECT_STREQ(p->m_smpItems[0].m_lpKey, "a");
+    EXPECT_STREQ(p->m_smpItems[0].m_lpValue, "2");
+    EXPECT_STREQ(p->m_smpItems[1].m_lpKey, "b");
+    EXPECT_STREQ(p->m_smpItems[1].m_lpValue, "3");
+    // Our own list is not taken in by our own reads.
+    EXPECT_EQ(TalvorConfigGetValueInt("System", "a", 0, &m_crit), 2);
+    EXPECT_EQ(p->m_iLength, 2u);
+    // The lock-free setter tells the engine nothing.
+    ASSERT_TRUE(TalvorConfigSetValueString("System", "c", "4"));
+    EXPECT_EQ(p->m_iLength, 2u);
+    ExpectLatchFree();
+}
+
+TEST_F(ConfigSharedTest, DaemonPostTakesInPendingEngineItemsFirst)
+{
+    ASSERT_TRUE(Load("[System]\na=1\nb=1\n"));
+    m_engine.Post({{"System", "a", "engine"}});
+    ASSERT_TRUE(TalvorConfigSetValueString("System", "b", "daemon", &m_crit));
+    EXPECT_EQ(Get("System", "a"), "engine"); // not lost by the take-over
+    EXPECT_EQ(Get("System", "b"), "daemon");
+    EXPECT_EQ(m_engine.m_pList->m_iLength, 1u);
+    EXPECT_FALSE(m_engine.m_pList->m_bIsService);
+    EXPECT_STREQ(m_engine.m_pList->m_smpItems[0].m_lpKey, "b");
+    EXPECT_EQ(Disk(), "[System]\na=engine\r\nb=daemon\r\n");
+    ExpectLatchFree();
+}
+
+TEST_F(ConfigSharedTest, ListPrimitivesTakeOverAndStopAtEighty)
+{
+    ConfigHelper* h = ConfigHelper::s_pInstance.get();
+    SharedMemoryUpdate* p = m_engine.m_pList;
+    ASSERT_TRUE(h->AddItemToSharedadd("S", "k0", "v", true));
+    ASSERT_TRUE(h->AddItemToSharedadd("S", "k1", "v", true));
+    EXPECT_FALSE(h->updateFromShared(true)); // one's own list
+    // The other side posting drops what was not taken in.
+    ASSERT_TRUE(h->AddItemToSharedadd("S", "mine", "v", false));
+    EXPECT_EQ(p->m_iLength, 1u);
+    EXPECT_STREQ(p->m_smpItems[0].m_lpKey, "mine");
+    for (int i = 1; i < CONFIGUPDATE_MAX_ITEMS; i++)
+        ASSERT_TRUE(h->AddItemToSharedadd("S", ("k" + std::to_string(i)).c_str(), "v", false));
+    EXPECT_EQ(p->m_iLength, (UINT)CONFIGUPDATE_MAX_ITEMS);
+    EXPECT_FALSE(h->AddItemToSharedadd("S", "extra", "v", false));
+    EXPECT_EQ(p->m_iLength, (UINT)CONFIGUPDATE_MAX_ITEMS);
+    // The last item is the last of the array; nothing was written past it.
+    EXPECT_STREQ(p->m_smpItems[CONFIGUPDATE_MAX_ITEMS - 1].m_lpKey, "k79");
+}
+
+TEST_F(ConfigSharedTest, OverlongTextsAreNotPostedAndNeverOverrun)
+{
+    ASSERT_TRUE(Load("[System]\ndatabasepath=/old/\n"));
+    ConfigHelper* h = ConfigHelper::s_pInstance.get();
+    SharedMemoryUpdate* p = m_engine.m_pList;
+    const std::string s49(49, 's'), s50(50, 's'), v99(99, 'v'), v100(100, 'v');
+    // Exactly at the limit: posted and terminated.
+    ASSERT_TRUE(h->AddItemToSharedadd(s49.c_str(), s49.c_str(), v99.c_str(), false));
+    EXPECT_EQ(std::string(p->m_smpItems[0].m_lpModule, 49), s49);
+    EXPECT_EQ(p->m_smpItems[0].m_lpModule[49], 0);
+    EXPECT_EQ(p->m_smpItems[0].m_lpKey[49], 0);
+    EXPECT_EQ(p->m_smpItems[0].m_lpValue[99], 0);
+    // Guard bytes in the next item show any overrun.
+    memset(&p->m_smpItems[1], 0x5A, sizeof(SharedMemoryItem));
+    EXPECT_FALSE(h->AddItemToSharedadd(s50.c_str(), "k", "v", false));
+    EXPECT_FALSE(h->AddItemToSharedadd("S", s50.c_str(), "v", false));
+    EXPECT_FALSE(h->AddItemToSharedadd("S", "k", v100.c_str(), false));
+    EXPECT_EQ(p->m_iLength, 1u);
+    // Through the thread-safe setter: the local change stands, the engine is
+    // not told, and nothing past the list's fields was touched.
+    const std::string path(150, 'p');
+    ASSERT_TRUE(TalvorConfigSetValueString("System", "databasepath", path.c_str(), &m_crit));
+    EXPECT_EQ(Get("System", "databasepath"), path);
+    EXPECT_EQ(Disk(), "[System]\ndatabasepath=" + path + "\r\n");
+    EXPECT_EQ(p->m_iLength, 1u);
+    const unsigned char* g = (const unsigned char*)&p->m_smpItems[1];
+    for (size_t i = 0; i < sizeof(SharedMemoryItem); i++) ASSERT_EQ(g[i], 0x5A) << i;
+    // An engine item that is overlong and pending does not make us drop it:
+    // the take-in happens first and only our item is refused.
+    m_engine.Post({{"System", "x", "1"}});
+    EXPECT_TRUE(TalvorConfigSetValueString("System", "y", v100.c_str(), &m_crit));
+    EXPECT_EQ(Get("System", "x"), "1");
+    ExpectLatchFree();
+}
+
+TEST_F(ConfigSharedTest, GarbledEngineListIsReadWithinBounds)
+{
+    ASSERT_TRUE(Load("[S]\n"));
+    SharedMemoryUpdate* p = m_engine.m_pList;
+    sem_wait(m_engine.m_pSem);
+    // A count beyond the array and fields without terminators.
+    for (int i = 0; i < CONFIGUPDATE_MAX_ITEMS; i++) {
+        SharedMemoryItem& item = p->m_smpItems[i];
+        memset(&item, 'z', sizeof(item));
+        strcpy(item.m_lpModule, "S");
+        snprintf(item.m_lpKey, sizeof(item.m_lpKey), "k%d", i);
+    }
+    memset(p->m_smpItems[0].m_lpKey, 'K', sizeof(p->m_smpItems[0].m_lpKey));
+    p->m_iLength = 0xFFFFFFFFu;
+    *(BYTE*)&p->m_bIsService = 7; // any non-zero byte means the engine wrote it
+    sem_post(m_engine.m_pSem);
+
+    char buf[256];
+    EXPECT_EQ(TalvorConfigGetValueString("S", "k1", "", buf, sizeof(buf), &m_crit), 0);
+    EXPECT_EQ(std::string(buf), std::string(99, 'z')); // cut at the field, not beyond
+    EXPECT_EQ(Get("S", std::string(49, 'K').c_str()), std::string(99, 'z'));
+    EXPECT_EQ(Get("S", "k79"), std::string(99, 'z'));
+    EXPECT_EQ(p->m_iLength, 0u);
+    ExpectLatchFree();
+}
+
+TEST_F(ConfigSharedTest, SemaphoreWaitIsBounded)
+{
+    {
+        // Directly: a held semaphore times out, and leaving posts nothing.
+        ASSERT_EQ(sem_wait(m_engine.m_pSem), 0);
+        long long t0 = NowMs();
+        {
+            ScopedSemaphorePtr sem(m_engine.m_pSem, 100);
+            EXPECT_FALSE(sem.IsLocked());
+        }
+        long long dt = NowMs() - t0;
+        EXPECT_GE(dt, 90);
+        EXPECT_LT(dt, 2000);
+        int n = -1;
+        sem_getvalue(m_engine.m_pSem, &n);
+        EXPECT_EQ(n, 0);
+        ASSERT_EQ(sem_post(m_engine.m_pSem), 0);
+    }
+    // Through the reader: an engine that died holding the semaphore delays
+    // the read but does not hang it, and the list is left for later.
+    ASSERT_TRUE(Load("[S]\na=1\n"));
+    m_engine.Post({{"S", "a", "2"}});
+    ASSERT_EQ(sem_wait(m_engine.m_pSem), 0);
+    long long t0 = NowMs();
+    EXPECT_EQ(TalvorConfigGetValueInt("S", "a", 0, &m_crit), 1);
+    EXPECT_LT(NowMs() - t0, 10000);
+    EXPECT_EQ(m_engine.m_pList->m_iLength, 1u);
+    ASSERT_EQ(sem_post(m_engine.m_pSem), 0);
+    EXPECT_EQ(TalvorConfigGetValueInt("S", "a", 0, &m_crit), 2);
+    ExpectLatchFree();
+}
+
+TEST_F(ConfigSharedTest, ConcurrentThreadSafeSetsLoseNothing)
+{
+    ASSERT_TRUE(Load("[S]\nseed=0\n"));
+    const int kThreads = 4;
+    const int kEach = 25;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; t++) {
+        threads.emplace_back([t] {
+            TALVORCRITICALSECTION crit;
+            memset(&crit, 0, sizeof(crit));
+            crit.m_nThreadID = (int)GetCurrentThreadId();
+            for (int i = 0; i < kEach; i++) {
+                std::string key = "t" + std::to_string(t) + "k" + std::to_string(i);
+                TalvorConfigSetValueString("S", key.c_str(), std::to_string(i).c_str(), &crit);
+                char buf[16];
+                TalvorConfigGetValueString("S", key.c_str(), "", buf, sizeof(buf), &crit);
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    ASSERT_TRUE(TalvorConfigInit(m_path.c_str())); // what reached the disk
+    for (int t = 0; t < kThreads; t++)
+        for (int i = 0; i < kEach; i++) {
+            std::string key = "t" + std::to_string(t) + "k" + std::to_string(i);
+            ASSERT_EQ(TalvorConfigGetValueInt("S", key.c_str(), -1), i) << key;
+        }
+    EXPECT_EQ(m_engine.m_pList->m_iLength, (UINT)CONFIGUPDATE_MAX_ITEMS);
+    ExpectLatchFree();
+}
+
+// ------------------------------------------------------------ File-direct family
+
+class ProfileTest : public ConfigTest {
+protected:
+    std::string Read(const char* app, const char* key, const char* def = "<d>", DWORD size = 256)
+    {
+        char buf[256];
+        DWORD n = GetPrivateProfileString(app, key, def, buf, size, m_path.c_str());
+        EXPECT_LT(n, size);
+        return std::string(buf, n);
+    }
+};
+
+TEST_F(ProfileTest, ValuesEndAtHashAndNamesTrimEveryBlank)
+{
+    ASSERT_TRUE(WriteWholeFile(m_path, "\xEF\xBB\xBF[S] ignored]\n"
+                      "key = a=b # c\n"
+                      "hashfirst = #x\n"
+                      "\ttabbed\t=\tv\t\n"
+                      "crlf=1\r\n"
+                      "Port=1\nPORT=2\n"));
+    EXPECT_EQ(Read("S", "key"), "a=b");
+    EXPECT_EQ(Read("S", "hashfirst"), "");
+    EXPECT_EQ(Read("\ts ", " TABBED"), "v");
+    EXPECT_EQ(Read("S", "crlf"), "1");
+    EXPECT_EQ(Read("S", "port"), "1");
+    EXPECT_EQ(Read("S", "Por"), "<d>");   // the name must end where the wanted one does
+    EXPECT_EQ(Read("S", "Ports"), "<d>");
+    EXPECT_EQ(Read("S] ignored", "key"), "<d>");
+    // The tree takes the same head, and keeps everything behind the first "="
+    // of a value.
+    ASSERT_TRUE(TalvorConfigInit(m_path.c_str()));
+    EXPECT_EQ(Get("S", "key"), "a=b # c");
+    EXPECT_EQ(Get("S] ignored", "key"), "<none>");
+}
+
+TEST_F(ProfileTest, DefaultsSizesAndMissingFiles)
+{
+    ASSERT_TRUE(WriteWholeFile(m_path, "[S]\nlong=abcdefghij\n"));
+    EXPECT_EQ(Read("S", "long", "d", 5), "abcd");
+    EXPECT_EQ(Read("S", "none", "dflt \t "), "dflt");
+    EXPECT_EQ(Read("S", "none", nullptr), "");
+    EXPECT_EQ(Read("T", "long"), "<d>");
+    char buf[4] = {'x', 'x', 'x', 'x'};
+    EXPECT_EQ(GetPrivateProfileString("S", "long", "d", buf, 1, m_path.c_str()), 0u);
+    EXPECT_EQ(buf[0], 0);
+    EXPECT_EQ(GetPrivateProfileString("S", "long", "d", buf, 0, m_path.c_str()), 0u);
+    EXPECT_EQ(GetPrivateProfileString("S", "long", "d", nullptr, 4, m_path.c_str()), 0u);
+    EXPECT_EQ(GetPrivateProfileString("S", "long", "dflt", buf, 4, nullptr), 3u);
+    EXPECT_STREQ(buf, "dfl");
+    const std::string absent = m_dir + "/absent.ini";
+    EXPECT_EQ(GetPrivateProfileString("S", "long", "x", buf, 4, absent.c_str()), 1u);
+    ASSERT_TRUE(WriteWholeFile(m_path, ""));
+    EXPECT_EQ(Read("S", "long"), "<d>");
+}
+
+TEST_F(ProfileTest, NullNamesListSectionsAndKeys)
+{
+    ASSERT_TRUE(WriteWholeFile(m_path, "[One]\na=1\nb=2\n#c=3\nnoeq\n[Two]\n[Three]\nx=9\n"));
+    EXPECT_EQ(Read(nullptr, nullptr), std::string("One\0Two\0Three\0", 14));
+    EXPECT_EQ(Read("one", nullptr), std::string("a\0b\0", 4));
+    EXPECT_EQ(Read("Two", nullptr), "");
+    EXPECT_EQ(Read("Four", nullptr), "<d>");
+    // Only whole names fit, and the list stays terminated inside the buffer.
+    char buf[16];
+    memset(buf, 'z', sizeof(buf));
+    DWORD n = GetPrivateProfileString(nullptr, nullptr, "", buf, 9, m_path.c_str());
+    EXPECT_EQ(std::string(buf, n), std::string("One\0Two\0", 8));
+    EXPECT_EQ(buf[8], 0);
+    EXPECT_EQ(buf[9], 'z');
+}
+
+TEST_F(ProfileTest, CrLfAndLoneCrEndLinesAsLfDoes)
+{
+    // As in the tree: a lone CR ends a line even while an LF lies ahead.
+    ASSERT_TRUE(WriteWholeFile(m_path, "[S]\na=1\r\nb=2\rc=3"));
+    EXPECT_EQ(Read("S", "a"), "1");
+    EXPECT_EQ(Read("S", "b"), "2");
+    EXPECT_EQ(Read("S", "c"), "3");
+    ASSERT_TRUE(WriteWholeFile(m_path, "[S]\nb=2\rc=3\nd=4\n"));
+    EXPECT_EQ(Read("S", "b"), "2");
+    EXPECT_EQ(Read("S", "c"), "3");
+    EXPECT_EQ(Read("S", "d"), "4");
+}
+
+TEST_F(ProfileTest, IntegersParseSignDigitsAndTruncatedFraction)
+{
+    ASSERT_TRUE(WriteWholeFile(m_path, "[S]\na=12.7\nb=-3\nc=abc\nd= +42 \ne=12abc\nf=-0.9\ng=99999999999\nh=.\n"));
+    EXPECT_EQ(GetPrivateProfileInt("S", "a", 5, m_path.c_str()), 12);
+    EXPECT_EQ(GetPrivateProfileInt("S", "b", 5, m_path.c_str()), -3);
+    EXPECT_EQ(GetPrivateProfileInt("S", "c", 5, m_path.c_str()), 0);
+    EXPECT_EQ(GetPrivateProfileInt("S", "d", 5, m_path.c_str()), 42);
+    EXPECT_EQ(GetPrivateProfileInt("S", "e", 5, m_path.c_str()), 0);
+    EXPECT_EQ(GetPrivateProfileInt("S", "f", 5, m_path.c_str()), 0);
+    EXPECT_EQ(GetPrivateProfileInt("S", "g", 5, m_path.c_str()), INT_MAX);
+    EXPECT_EQ(GetPrivateProfileInt("S", "h", 5, m_path.c_str()), 0);
+    EXPECT_EQ(GetPrivateProfileInt("S", "missing", -77, m_path.c_str()), -77);
+    EXPECT_EQ(GetPrivateProfileInt("S", "a", 5, (m_dir + "/absent").c_str()), 5);
+}
+
+TEST_F(ProfileTest, WriteFillsNewFilesAndEditsExistingOnes)
+{
+    ASSERT_TRUE(WritePrivateProfileString(" System\t", " Language ", "1", m_path.c_str()));
+    EXPECT_EQ(Disk(), "[System]\nLanguage=1\n");
+    ASSERT_TRUE(WriteWholeFile(m_path, ""));
+    ASSERT_TRUE(WritePrivateProfileString("System", "Language", "1", m_path.c_str()));
+    EXPECT_EQ(Disk(), "[System]\nLanguage=1\n");
+
+    ASSERT_TRUE(WriteWholeFile(m_path, "[System]\r\n  language = 0 # old\r\nother=1\r\n\r\n[Next]\r\nx=1"));
+    ASSERT_TRUE(WritePrivateProfileString("system", "LANGUAGE", "2", m_path.c_str()));
+    EXPECT_EQ(Disk(), "[System]\r\n  LANGUAGE=2\r\nother=1\r\n\r\n[Next]\r\nx=1");
+    ASSERT_TRUE(WritePrivateProfileString("System", "added", "3", m_path.c_str()));
+    EXPECT_EQ(Disk(), "[System]\r\n  LANGUAGE=2\r\nother=1\r\nadded=3\n\r\n[Next]\r\nx=1");
+    ASSERT_TRUE(WritePrivateProfileString("Next", "y", "4", m_path.c_str()));
+    EXPECT_EQ(Disk(), "[System]\r\n  LANGUAGE=2\r\nother=1\r\nadded=3\n\r\n[Next]\r\nx=1\ny=4\n");
+    ASSERT_TRUE(WritePrivateProfileString("New", "z", "5", m_path.c_str()));
+    EXPECT_EQ(Disk(), "[System]\r\n  LANGUAGE=2\r\nother=1\r\nadded=3\n\r\n[Next]\r\nx=1\ny=4\n[New]\nz=5\n");
+    EXPECT_EQ(Read("System", "added"), "3");
+    EXPECT_EQ(GetPrivateProfileInt("next", "y", 0, m_path.c_str()), 4);
+
+    const std::string before = Disk();
+    EXPECT_FALSE(WritePrivateProfileString("S", "k", "two\nlines", m_path.c_str()));
+    EXPECT_FALSE(WritePrivateProfileString("S]", "k", "v", m_path.c_str()));
+    EXPECT_FALSE(WritePrivateProfileString("S", "k=", "v", m_path.c_str()));
+    EXPECT_FALSE(WritePrivateProfileString("S", " ", "v", m_path.c_str()));
+    EXPECT_FALSE(WritePrivateProfileString("S", "k", nullptr, m_path.c_str()));
+    EXPECT_EQ(Disk(), before);
+}
+
+} // namespace

@@ -1,0 +1,414 @@
+// Crash containment at unit level: contained threads built on the module's
+// operations fault, jump back, give their latches back and are restarted by
+// AutoRecoverCrashedThread; signals sent from outside wait for the end of a
+// region that holds what the handler needs; the stack trace lines.
+//
+// Every wait is bounded: a lost jump or a latch left taken fails the test
+// instead of hanging it.
+#include "TraceLogFixture.h"
+
+#include "CrashContainment.h"
+
+#include <atomic>
+#include <csetjmp>
+#include <csignal>
+#include <cstring>
+#include <thread>
+
+using namespace talvortest;
+
+namespace talvortest {
+
+// A frame for the stack-trace lines: a named function of this file.
+__attribute__((noinline)) int CrashProbe() { return (int)GetCurrentThreadId(); }
+
+} // namespace talvortest
+
+namespace {
+
+enum WorkerKind { FAULT_WRITE, HOLD_UNTIL_SIGNAL, TRACE_LOOP, DEFER_REGION, FAULT_IN_TRACE };
+
+struct Worker {
+    WorkerKind m_kind = FAULT_WRITE;
+    int m_nFaultRuns = 1;
+    HTHREADTYPE m_hThread = 0;
+    TALVOR_SECTION m_latch;
+    std::atomic<int> m_nRuns{0};
+    std::atomic<int> m_nCrashPaths{0};
+    std::atomic<int> m_nDone{0};
+    std::atomic<int> m_nTid{0};
+    std::atomic<bool> m_bWaiting{false};
+    std::atomic<bool> m_bRelease{false};
+
+    Worker() { InitializeCriticalTalvor(&m_latch); }
+    ~Worker() { DeleteCriticalTalvor(&m_latch); }
+};
+
+void WorkerCleanup(void* lpContext) { ((Worker*)lpContext)->m_nCrashPaths++; }
+
+void WorkerBody(void* lpContext, LPTALVORCRITICALSECTION lpCritSection)
+{
+    Worker* w = (Worker*)lpContext;
+    int nRun = ++w->m_nRuns;
+    w->m_nTid = (int)GetCurrentThreadId();
+    bool bFault = nRun <= w->m_nFaultRuns;
+    switch (w->m_kind) {
+    case FAULT_WRITE:
+        if (bFault) {
+            CTalvorCriticalSectionPtr guard(&w->m_latch, lpCritSection);
+            CrashTestFault();
+        }
+        break;
+    case HOLD_UNTIL_SIGNAL:
+        if (bFault) {
+            CTalvorCriticalSectionPtr guard(&w->m_latch, lpCritSection);
+            w->m_bWaiting = true;
+            while (!w->m_bRelease) usleep(500);
+        }
+        break;
+    case TRACE_LOOP:
+        w->m_bWaiting = true;
+        // Paced: the queue is bounded and nothing drains it here.
+        for (int i = 0; !w->m_bRelease; i++) {
+            Trace("Worker", 3, 1, "tracing in run %d", nRun);
+            if (i % 8 == 7) usleep(20);
+        }
+        break;
+    case DEFER_REGION:
+        if (bFault) {
+            CrashDeferEnter();
+            w->m_bWaiting = true;
+            while (!w->m_bRelease) usleep(500);
+            CrashDeferLeave();
+        }
+        break;
+    case FAULT_IN_TRACE:
+        if (bFault) {
+            static volatile uintptr_t s_nBad = 16;
+            Trace("Worker", 3, 1, "%s", (const char*)s_nBad);
+        }
+        break;
+    }
+    w->m_nDone++;
+}
+
+// A contained thread, entered as the daemon's threads enter.
+void* WorkerEntry(void* lpParam)
+{
+    Worker* w = (Worker*)lpParam;
+    TalvorRunContained(WorkerEntry, lpParam, &w->m_hThread, WorkerBody, WorkerCleanup, w);
+    return nullptr;
+}
+
+class CrashContainment : public TraceLogFixture {
+protected:
+    static void SetUpTestSuite()
+    {
+        TraceLogFixture::SetUpTestSuite();
+        for (int nSignal : {SIGSEGV, SIGFPE, SIGABRT}) {
+            struct sigaction sa;
+            memset(&sa, 0, sizeof(sa));
+            sigemptyset(&sa.sa_mask);
+            sa.sa_sigaction = CrashHandler;
+            sa.sa_flags = SA_SIGINFO;
+            sigaction(nSignal, &sa, nullptr);
+        }
+    }
+
+    void TearDown() override
+    {
+        for (Worker* w : m_vWorkers) {
+            w->m_bRelease = true;
+            struct timespec ts;
+            clock_gettime(CLOCK_REALTIME, &ts);
+            ts.tv_sec += 10;
+            if (w->m_hThread != 0 && pthread_timedjoin_np(w->m_hThread, nullptr, &ts) != 0) {
+                // A worker stuck for good (in its own handler, on a latch it
+                // holds) would hang every test after it.
+                fprintf(stderr, "FATAL: a contained worker never ended; stopping the test binary\n");
+                fflush(nullptr);
+                _exit(1);
+            }
+            delete w;
+        }
+        m_vWorkers.clear();
+        TraceLogFixture::TearDown();
+        // Only now that no contained thread (trace threads included) runs.
+        CrashFreeThreadLists();
+    }
+
+    Worker& Start(WorkerKind kind, int nFaultRuns)
+    {
+        m_vWorkers.push_back(new Worker);
+        Worker& w = *m_vWorkers.back();
+        w.m_kind = kind;
+        w.m_nFaultRuns = nFaultRuns;
+        EXPECT_EQ(0, pthread_create(&w.m_hThread, nullptr, WorkerEntry, &w));
+        return w;
+    }
+
+    static bool HasCrashed() { return CrashHasCrashedThreads(); }
+    static bool WaitCrashed() { return WaitUntil(HasCrashed, 10000); }
+
+    static bool HasThreadRecord(int nTid) { return CrashFindThreadData(nTid) != nullptr; }
+
+    static bool LatchFree(Worker& w) { return __atomic_load_n(&w.m_latch.m_nLockFlag, __ATOMIC_ACQUIRE) == 0; }
+
+    // Lines of one code whose text holds strText.
+    static int CountText(const std::vector<TraceLine>& lines, long long nCode, const std::string& strText)
+    {
+        int n = 0;
+        for (const TraceLine& line : lines) n += line.m_nCode == nCode && line.m_strText.find(strText) != std::string::npos;
+        return n;
+    }
+
+    std::vector<Worker*> m_vWorkers;
+};
+
+TEST_F(CrashContainment, FaultUnwindsTheThreadGivesItsLatchBackAndItIsRestarted)
+{
+    Worker& w = Start(FAULT_WRITE, 1);
+    ASSERT_TRUE(WaitCrashed());
+    ASSERT_TRUE(WaitUntil([&] { return w.m_nCrashPaths.load() == 1; }, 5000));
+    int nCrashedTid = w.m_nTid;
+    EXPECT_TRUE(WaitUntil([&] { return LatchFree(w); }, 5000)) << "the latch held at the fault stays taken";
+    EXPECT_TRUE(WaitUntil([&] { return !HasThreadRecord(nCrashedTid); }, 5000));
+    EXPECT_EQ(0, w.m_nDone.load());
+
+    CrashAutoRecoverCrashedThreads();
+    EXPECT_FALSE(HasCrashed());
+    ASSERT_TRUE(WaitUntil([&] { return w.m_nDone.load() == 1; }, 5000));
+    EXPECT_EQ(2, w.m_nRuns.load());
+    EXPECT_NE(nCrashedTid, w.m_nTid.load());
+
+    std::vector<TraceLine> lines = DaemonLines();
+    EXPECT_EQ(1, CountText(lines, 10002001,
+                           "SEGVINFO:[access address: 0x10; error code: 1; error info: Address not mapped to object.]"));
+    EXPECT_EQ(1, CountText(lines, 10002003, "Received signal 11(Segmentation fault)! Stack trace:"));
+    EXPECT_EQ(1, CountText(lines, 10032001,
+                           "Thread [" + std::to_string(nCrashedTid) + "] has been submitted for automatic recovery"));
+    // The frames come between the signal line and the recovery line.
+    size_t nSignal = 0, nFrames = 0;
+    for (size_t i = 0; i < lines.size(); i++) {
+        if (lines[i].m_nCode == 10002003) nSignal = i;
+        if (nSignal != 0 && i > nSignal && lines[i].m_nCode >= 10002010 && lines[i].m_nCode <= 10002020) nFrames++;
+    }
+    EXPECT_GE(nFrames, 3u);
+}
+
+TEST_F(CrashContainment, ThreadThatCrashesTwiceIsRestartedTwice)
+{
+    Worker& w = Start(FAULT_WRITE, 2);
+    for (int i = 1; i <= 2; i++) {
+        ASSERT_TRUE(WaitCrashed()) << "crash " << i;
+        ASSERT_TRUE(WaitUntil([&] { return w.m_nCrashPaths.load() == i; }, 5000));
+        CrashAutoRecoverCrashedThreads();
+    }
+    ASSERT_TRUE(WaitUntil([&] { return w.m_nDone.load() == 1; }, 5000));
+    EXPECT_EQ(3, w.m_nRuns.load());
+    EXPECT_EQ(2, CountText(DaemonLines(), 10032001, "has been submitted for automatic recovery"));
+}
+
+TEST_F(CrashContainment, SignalSentFromOutsideIsHandledLikeAFault)
+{
+    Worker& w = Start(HOLD_UNTIL_SIGNAL, 1);
+    ASSERT_TRUE(WaitUntil([&] { return w.m_bWaiting.load(); }, 5000));
+    EXPECT_FALSE(LatchFree(w));
+    ASSERT_EQ(0, pthread_kill(w.m_hThread, SIGSEGV));
+    ASSERT_TRUE(WaitCrashed());
+    EXPECT_TRUE(WaitUntil([&] { return LatchFree(w); }, 5000));
+    CrashAutoRecoverCrashedThreads();
+    ASSERT_TRUE(WaitUntil([&] { return w.m_nDone.load() == 1; }, 5000));
+    std::vector<TraceLine> lines = DaemonLines();
+    EXPECT_EQ(1, CountText(lines, 10002001, "error info: the signal may send by other process.]"));
+}
+
+TEST_F(CrashContainment, FloatingPointAndAbortSignalsAreContainedToo)
+{
+    Worker& w = Start(HOLD_UNTIL_SIGNAL, 2);
+    ASSERT_TRUE(WaitUntil([&] { return w.m_bWaiting.load(); }, 5000));
+    ASSERT_EQ(0, pthread_kill(w.m_hThread, SIGFPE));
+    ASSERT_TRUE(WaitCrashed());
+    w.m_bWaiting = false;
+    CrashAutoRecoverCrashedThreads();
+    ASSERT_TRUE(WaitUntil([&] { return w.m_bWaiting.load(); }, 5000));
+    ASSERT_EQ(0, pthread_kill(w.m_hThread, SIGABRT));
+    ASSERT_TRUE(WaitCrashed());
+    CrashAutoRecoverCrashedThreads();
+    ASSERT_TRUE(WaitUntil([&] { return w.m_nDone.load() == 1; }, 5000));
+    std::vector<TraceLine> lines = DaemonLines();
+    EXPECT_EQ(1, CountText(lines, 10002002, "FPEINFO:[access address: "));
+    EXPECT_EQ(1, CountText(lines, 10002003, "Received signal 8(Floating point exception)! Stack trace:"));
+    EXPECT_EQ(1, CountText(lines, 10002003, "Received signal 6(Aborted)! Stack trace:"));
+    EXPECT_EQ(0, CountText(lines, 10002001, "SEGVINFO"));
+}
+
+TEST_F(CrashContainment, ThreadWithoutARecordEndsAloneAndIsNotRestarted)
+{
+    std::atomic<int> nTid{0};
+    std::atomic<bool> bAfter{false};
+    std::pair<std::atomic<int>*, std::atomic<bool>*> state(&nTid, &bAfter);
+    pthread_t h;
+    ASSERT_EQ(0, pthread_create(&h, nullptr, [](void* lp) -> void* {
+        auto* pState = (std::pair<std::atomic<int>*, std::atomic<bool>*>*)lp;
+        pState->first->store((int)GetCurrentThreadId());
+        CrashTestFault();
+        pState->second->store(true);
+        return nullptr;
+    }, &state));
+    ASSERT_EQ(0, pthread_join(h, nullptr));
+    EXPECT_FALSE(bAfter.load());
+    EXPECT_FALSE(HasCrashed());
+    EXPECT_EQ(1, CountText(DaemonLines(), 10032002,
+                           "Thread [" + std::to_string(nTid.load()) + "] cannot be submitted for automatic recovery"));
+}
+
+TEST_F(CrashContainment, SignalFromOutsideWaitsForTheEndOfADeferralRegion)
+{
+    Worker& w = Start(DEFER_REGION, 1);
+    ASSERT_TRUE(WaitUntil([&] { return w.m_bWaiting.load(); }, 5000));
+    ASSERT_EQ(0, pthread_kill(w.m_hThread, SIGSEGV));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(HasCrashed()) << "handled inside the region";
+    w.m_bRelease = true;
+    ASSERT_TRUE(WaitCrashed()) << "lost after the region";
+    EXPECT_EQ(0, w.m_nDone.load());
+    CrashAutoRecoverCrashedThreads();
+    ASSERT_TRUE(WaitUntil([&] { return w.m_nDone.load() == 1; }, 5000));
+}
+
+// Signals from outside land anywhere in the trace path (malloc, the local
+// time, the latch); none may leave the handler waiting on what its own
+// thread holds.
+TEST_F(CrashContainment, SignalStormAgainstATracingThreadNeverDeadlocks)
+{
+    Worker& w = Start(TRACE_LOOP, 0);
+    const int nSignals = 60;
+    for (int i = 0; i < nSignals; i++) {
+        ASSERT_TRUE(WaitUntil([&] { return w.m_bWaiting.load(); }, 5000)) << "round " << i;
+        std::this_thread::sleep_for(std::chrono::microseconds(200 + (i * 97) % 700));
+        w.m_bWaiting = false;
+        ASSERT_EQ(0, pthread_kill(w.m_hThread, SIGSEGV));
+        ASSERT_TRUE(WaitCrashed()) << "round " << i << ": the crashed thread never got through its handler";
+        ASSERT_TRUE(WaitUntil([&] { return w.m_nCrashPaths.load() == i + 1; }, 5000));
+        CrashAutoRecoverCrashedThreads();
+    }
+    w.m_bRelease = true;
+    ASSERT_TRUE(WaitUntil([&] { return w.m_nDone.load() == 1; }, 5000));
+    // The queue is whole and its latch free: a line from here still lands.
+    Trace0("Main", 3, 424242, "after the storm");
+    EXPECT_EQ(0u, CLogManager::instance().GetDroppedLines());
+    std::vector<TraceLine> lines = DaemonLines();
+    EXPECT_EQ(1, CountText(lines, 424242, "after the storm"));
+    EXPECT_EQ(nSignals, CountText(lines, 10032001, "has been submitted for automatic recovery"));
+}
+
+TEST_F(CrashContainment, FaultInsideTheTracePathIsHandledAtOnce)
+{
+    Worker& w = Start(FAULT_IN_TRACE, 1);
+    ASSERT_TRUE(WaitCrashed());
+    CrashAutoRecoverCrashedThreads();
+    ASSERT_TRUE(WaitUntil([&] { return w.m_nDone.load() == 1; }, 5000));
+    std::vector<TraceLine> lines = DaemonLines();
+    EXPECT_EQ(1, CountText(lines, 10002001, "access address: 0x10; error code: 1"));
+}
+
+TEST_F(CrashContainment, FrameLinesOfAStackTrace)
+{
+    char szExe[MAX_PATH] = {0};
+    GetModuleFileName(nullptr, szExe, sizeof(szExe));
+    CrashTraceFrame("no parenthesis at all", szExe);
+    CrashTraceFrame("./prog(+0x1234) [0x5555]", szExe);
+    CrashTraceFrame("./prog(main+0x10) [0x5555]", szExe);
+    CrashTraceFrame("./prog(_ZN10talvortest10CrashProbeEv+0x10) no brackets", szExe);
+    CrashTraceFrame("./prog(_ZN10talvortest10CrashProbeEv+0x10) [0x5555]", "/path with'quote");
+    char szFrame[MAX_PATH + 96];
+    snprintf(szFrame, sizeof(szFrame), "%s(_ZN10talvortest10CrashProbeEv+0x0) [%p]", szExe,
+             (void*)&talvortest::CrashProbe);
+    CrashTraceFrame(szFrame, szExe);
+    std::vector<TraceLine> lines = DaemonLines();
+    ASSERT_EQ(6u, lines.size());
+    EXPECT_EQ(10002010, lines[0].m_nCode);
+    EXPECT_EQ("no parenthesis at all", lines[0].m_strText);
+    EXPECT_EQ(10002011, lines[1].m_nCode);
+    EXPECT_EQ(10002011, lines[2].m_nCode) << "a C name does not demangle";
+    EXPECT_EQ(10002012, lines[3].m_nCode);
+    EXPECT_EQ(10002013, lines[4].m_nCode);
+    EXPECT_EQ(10002020, lines[5].m_nCode);
+    // The executable is position-independent: the line is found only when
+    // the address is taken relative to its load base.
+    EXPECT_EQ(0u, lines[5].m_strText.find("talvortest::CrashProbe() ")) << lines[5].m_strText;
+    EXPECT_NE(std::string::npos, lines[5].m_strText.find("CrashContainment.cpp:")) << lines[5].m_strText;
+}
+
+TEST_F(CrashContainment, MissingAddr2lineGivesAnEmptyLineNotAHang)
+{
+    char szExe[MAX_PATH] = {0};
+    GetModuleFileName(nullptr, szExe, sizeof(szExe));
+    char szFrame[MAX_PATH + 96];
+    snprintf(szFrame, sizeof(szFrame), "%s(_ZN10talvortest10CrashProbeEv+0x0) [%p]", szExe,
+             (void*)&talvortest::CrashProbe);
+    std::string strPath = getenv("PATH") ? getenv("PATH") : "";
+    setenv("PATH", (m_strRoot + "/empty").c_str(), 1);
+    long long nStart = NowMs();
+    CrashTraceFrame(szFrame, szExe);
+    long long nTook = NowMs() - nStart;
+    setenv("PATH", strPath.c_str(), 1);
+    EXPECT_LT(nTook, 5000);
+    std::vector<TraceLine> lines = DaemonLines();
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_EQ(10002020, lines[0].m_nCode);
+    EXPECT_EQ("talvortest::CrashProbe() ", lines[0].m_strText);
+}
+
+// Both trace threads follow the contained pattern: each is restarted and
+// takes up its work again.
+TEST_F(CrashContainment, TraceThreadsAreRestartedAfterACrash)
+{
+    CLogManager& log = CLogManager::instance();
+    ASSERT_TRUE(log.InitLogEnvironment(nullptr, 0));
+    ASSERT_EQ(0, log.StartTraceThreads(TRUE));
+    // A line in the file: the writer is inside its loop, under containment.
+    Trace0("Main", 3, 1, "writer is up");
+    ASSERT_TRUE(WaitUntil([&] { return SeriesBody("TalvorStorage").find("writer is up") != std::string::npos; }, 5000));
+
+    HTHREADTYPE hOld = log.m_hWriteTraceThreadEx;
+    ASSERT_EQ(0, pthread_kill(hOld, SIGSEGV));
+    ASSERT_TRUE(WaitCrashed());
+    CrashAutoRecoverCrashedThreads();
+    Trace0("Main", 3, 515151, "written by the new writer");
+    ASSERT_TRUE(WaitUntil([&] { return SeriesBody("TalvorStorage").find("written by the new writer") != std::string::npos; },
+                          5000));
+
+    ASSERT_TRUE(WaitUntil([&] { return SeriesBody("TalvorStorage").find("Log Writer thread started!") != std::string::npos; },
+                          5000));
+    ASSERT_EQ(0, pthread_kill(log.m_hWriteTraceThread, SIGSEGV));
+    ASSERT_TRUE(WaitCrashed());
+    CrashAutoRecoverCrashedThreads();
+    LPBYTE lpRing = log.m_pTraceFileAddr;
+    ASSERT_EQ(11, TraceRingWrite(lpRing, log.m_nTraceFileSize, "engine text", 11));
+    SetEvent(log.m_hTraceEvent);
+    ASSERT_TRUE(WaitUntil([&] { return SeriesBody("TalvorService") == "engine text"; }, 5000));
+    log.StopTraceThreads(30);
+    std::vector<TraceLine> lines = DaemonLines();
+    EXPECT_EQ(2, CountText(lines, 20010001, "Log Writer thread started!"));
+    EXPECT_EQ(2, CountText(lines, 10032001, "has been submitted for automatic recovery"));
+}
+
+TEST_F(CrashContainment, TestTriggerIsInertUnlessAskedAndFiresOnce)
+{
+    // Fires once per process: this test runs once per binary.
+    unsetenv("TALVOR_TEST_CRASH");
+    EXPECT_FALSE(CrashTestFaultDue("storage"));
+    EXPECT_FALSE(CrashTestAsked("storage"));
+    setenv("TALVOR_TEST_CRASH", "tracewriter,storage", 1);
+    EXPECT_FALSE(CrashTestFaultDue("tracecopier"));
+    EXPECT_FALSE(CrashTestFaultDue("stor"));
+    EXPECT_FALSE(CrashTestAsked("stor"));
+    EXPECT_TRUE(CrashTestFaultDue("storage"));
+    EXPECT_FALSE(CrashTestFaultDue("storage"));
+    EXPECT_TRUE(CrashTestAsked("storage"));
+    unsetenv("TALVOR_TEST_CRASH");
+}
+
+} // namespace

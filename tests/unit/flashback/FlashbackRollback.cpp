@@ -1,0 +1,500 @@
+// Taking a block copy back to a timestamp: rows older than the target, rows
+// born after it, overwritten versions, the walk down a chain, values that do
+// not match the row's pieces, torn pieces and the re-copy from the live
+// block, and a fuzz of area and block bytes against exact-size buffers.
+#include "PeerRollback.h"
+#include "TalvorFlashback.h"
+#include "TestClock.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+using namespace talvortest;
+using talvorpeer::CPeerBlock;
+using talvorpeer::CPeerRollbackArea;
+
+namespace {
+
+const int BLOCK_SIZE = 16384;
+const UINT AREA_SIZE = 1 << 20;
+const UINT BLOCK_NO = 42;
+
+template <class T>
+T Val(volatile T v)
+{
+    return v;
+}
+
+const BYTE* Bytes(const std::string& s) { return (const BYTE*)s.data(); }
+
+class FlashbackRows : public ::testing::Test {
+protected:
+    FlashbackRows() : m_vArea(AREA_SIZE), m_vBlock(BLOCK_SIZE), m_area(m_vArea.data(), AREA_SIZE), m_block(m_vBlock.data(), BLOCK_SIZE)
+    {
+        m_area.Format();
+        m_block.Format(BLOCK_NO, 2, 100);
+        m_flashback.SetRollbackArea(m_vArea.data(), AREA_SIZE);
+    }
+    ~FlashbackRows() override { m_flashback.SetRollbackArea(nullptr, 0); }
+
+    // A row with the history given: inserted at the first timestamp with the
+    // first value, then changed at each later one.
+    int History(short sToken, const std::vector<std::pair<long long, std::string>>& vSteps, int nPieceSize = 64)
+    {
+        int nRow = m_block.AddRow(sToken, vSteps[0].first, Bytes(vSteps[0].second), (int)vSteps[0].second.size(), nPieceSize);
+        for (size_t i = 1; i < vSteps.size(); i++)
+            EXPECT_NE(0, m_block.UpdateRow(m_area, nRow, vSteps[i].first, Bytes(vSteps[i].second), (int)vSteps[i].second.size()));
+        return nRow;
+    }
+    int Back(long long nTimestamp) { return m_flashback.FlashBack(m_vBlock.data(), BLOCK_NO, BLOCK_SIZE, nTimestamp); }
+
+    std::vector<BYTE> m_vArea;
+    std::vector<BYTE> m_vBlock;
+    CPeerRollbackArea m_area;
+    CPeerBlock m_block;
+    CTalvorFlashback m_flashback;
+};
+
+TEST_F(FlashbackRows, BlockWhoseRowsAreAllOlderComesBackUnchanged)
+{
+    History(1, {{10, "alpha"}, {20, "beta"}});
+    History(2, {{30, "gamma"}});
+    std::vector<BYTE> vBefore = m_vBlock;
+    EXPECT_EQ(0, Back(30));
+    EXPECT_EQ(vBefore, m_vBlock);
+    EXPECT_EQ(0, Back(1000));
+    EXPECT_EQ(vBefore, m_vBlock);
+}
+
+TEST_F(FlashbackRows, RowBornAfterTheTargetBecomesAbsentAndItsRoomRecyclable)
+{
+    int nOld = History(1, {{10, "kept"}});
+    int nNew = History(2, {{200, "born later, 25 bytes long"}});
+    m_block.Head()->m_nRecyclableSpaceSize = 7;
+    EXPECT_EQ(0, Back(100));
+    EXPECT_EQ(2, Val(m_block.Row(nNew)->m_bDataStatus));
+    EXPECT_EQ(0, Val(m_block.Row(nNew)->m_nTimestamp));
+    EXPECT_EQ(0, Val(m_block.Row(nNew)->m_nNextDataID));
+    EXPECT_EQ(7 + 25 + 17, Val(m_block.Head()->m_nRecyclableSpaceSize));
+    EXPECT_EQ(0, Val(m_block.Row(nOld)->m_bDataStatus));
+    EXPECT_EQ("kept", m_block.RowValue(nOld));
+}
+
+TEST_F(FlashbackRows, WalkStopsAtTheFirstVersionValidAtTheTarget)
+{
+    std::vector<std::pair<long long, std::string>> vSteps = {{10, "v10"}, {20, "v20-longer"}, {30, "v30"}, {40, "v40!"}};
+    History(5, vSteps);
+    std::vector<BYTE> vNewest = m_vBlock;
+    struct Case {
+        long long nTarget;
+        std::string strValue;
+    } arCases[] = {{10, "v10"}, {15, "v10"}, {20, "v20-longer"}, {25, "v20-longer"}, {35, "v30"}, {39, "v30"}};
+    for (const Case& c : arCases) {
+        m_vBlock = vNewest;
+        ASSERT_EQ(0, Back(c.nTarget)) << c.nTarget;
+        EXPECT_EQ(c.strValue, m_block.RowValue(0)) << c.nTarget;
+        EXPECT_EQ((int)c.strValue.size(), Val(m_block.Row(0)->m_nVarDataLength)) << c.nTarget;
+        EXPECT_EQ(0, Val(m_block.Row(0)->m_bDataStatus));
+        // The row keeps its own timestamp; the copy is stamped by the caller.
+        EXPECT_EQ(40, Val(m_block.Row(0)->m_nTimestamp));
+    }
+    // Before the insert the chain ends: the row did not exist.
+    m_vBlock = vNewest;
+    EXPECT_EQ(0, Back(5));
+    EXPECT_EQ(2, Val(m_block.Row(0)->m_bDataStatus));
+}
+
+TEST_F(FlashbackRows, DeletedRowComesBackWithItsValue)
+{
+    int nRow = History(3, {{10, "was here"}});
+    ASSERT_NE(0, m_block.DeleteRow(m_area, nRow, 50));
+    EXPECT_EQ(0, Back(20));
+    EXPECT_EQ(0, Val(m_block.Row(nRow)->m_bDataStatus));
+    EXPECT_EQ("was here", m_block.RowValue(nRow));
+}
+
+TEST_F(FlashbackRows, OverwrittenVersionLeavesTheNewestValue)
+{
+    int nA = History(7, {{10, "a-old"}, {50, "a-new"}});
+    int nB = History(8, {{10, "b-old"}, {50, "b-new"}});
+    int nC = History(9, {{10, "c-old"}, {50, "c-new"}});
+    int nD = History(10, {{10, "d-old"}, {50, "d-new"}});
+    // A reused place: flag gone, token of another row, id out of the region.
+    m_area.Record(m_block.Row(nA)->m_nNextDataID)->m_nDataFlag = 0x12345678;
+    m_area.Record(m_block.Row(nB)->m_nNextDataID)->m_sDataToken = 99;
+    m_block.Row(nC)->m_nNextDataID = AREA_SIZE + 100;
+    m_block.Row(nD)->m_nNextDataID = 60; // inside the head
+    std::vector<BYTE> vBefore = m_vBlock;
+    EXPECT_EQ(0, Back(20));
+    EXPECT_EQ(vBefore, m_vBlock);
+    EXPECT_EQ("a-new", m_block.RowValue(nA));
+}
+
+TEST_F(FlashbackRows, OverwrittenOlderVersionInTheWalkLeavesTheNewestValue)
+{
+    int nRow = History(7, {{10, "v10"}, {20, "v20"}, {30, "v30"}});
+    long long nOlder = m_area.Record(m_block.Row(nRow)->m_nNextDataID)->m_nPreRollbackDataID;
+    m_area.Record(nOlder)->m_sDataToken = 8;
+    EXPECT_EQ(0, Back(15));
+    EXPECT_EQ("v30", m_block.RowValue(nRow));
+    EXPECT_EQ(0, Val(m_block.Row(nRow)->m_bDataStatus));
+}
+
+TEST_F(FlashbackRows, DataIdIsTheLowHalfOnly)
+{
+    m_area.SetIdTag(0x7A);
+    int nRow = History(4, {{10, "tagged"}, {30, "newer"}});
+    EXPECT_EQ(0x7A, Val(m_block.Row(nRow)->m_nNextDataID) >> 32);
+    EXPECT_EQ(0, Back(20));
+    EXPECT_EQ("tagged", m_block.RowValue(nRow));
+}
+
+TEST_F(FlashbackRows, RowsInOtherStatesAreLeftAlone)
+{
+    int nRow = History(4, {{10, "old"}, {30, "new"}});
+    m_block.Row(nRow)->m_bDataStatus = 1;
+    std::vector<BYTE> vBefore = m_vBlock;
+    EXPECT_EQ(0, Back(20));
+    EXPECT_EQ(vBefore, m_vBlock);
+}
+
+TEST_F(FlashbackRows, VersionWithoutDataFallsBackToTheNewerOneRemembered)
+{
+    int nRow = History(6, {{5, "current"}});
+    // Newest version valid from 30 with a value, under it one valid from 20
+    // that holds nothing of its own.
+    long long nEmpty = m_area.AddVersion(6, 20, 0, nullptr, 0, false);
+    long long nFull = m_area.AddVersion(6, 30, nEmpty, Bytes(std::string("from30")), 6);
+    m_block.Row(nRow)->m_nNextDataID = nFull;
+    m_block.Row(nRow)->m_nTimestamp = 40;
+    EXPECT_EQ(0, Back(25));
+    EXPECT_EQ("from30", m_block.RowValue(nRow));
+
+    // With no value anywhere the row only becomes live again.
+    int nBare = History(7, {{5, "untouched"}});
+    m_block.Row(nBare)->m_nNextDataID = m_area.AddVersion(7, 20, 0, nullptr, 0, false);
+    m_block.Row(nBare)->m_nTimestamp = 40;
+    m_block.Row(nBare)->m_bDataStatus = 2;
+    EXPECT_EQ(0, Back(25));
+    EXPECT_EQ(0, Val(m_block.Row(nBare)->m_bDataStatus));
+    EXPECT_EQ("untouched", m_block.RowValue(nBare));
+}
+
+TEST_F(FlashbackRows, LongerValueIsCutAtTheLastPieceShorterLeavesPiecesEmpty)
+{
+    // One piece of 8 bytes; the old value had 30.
+    int nLong = m_block.AddRow(1, 50, Bytes(std::string("12345678")), 8, 8);
+    std::string strOld = "abcdefghijklmnopqrstuvwxyz0123";
+    m_block.Row(nLong)->m_nNextDataID = m_area.AddVersion(1, 10, 0, Bytes(strOld), 30);
+    // Three pieces of 6; the old value had 4 bytes.
+    int nShort = m_block.AddRow(2, 50, Bytes(std::string("ABCDEFGHIJKLMNOPQR")), 18, 6);
+    m_block.Row(nShort)->m_nNextDataID = m_area.AddVersion(2, 10, 0, Bytes(std::string("wxyz")), 4);
+    EXPECT_EQ(0, Back(20));
+    EXPECT_EQ("abcdefgh", m_block.RowValue(nLong));
+    EXPECT_EQ(30, Val(m_block.Row(nLong)->m_nVarDataLength));
+    EXPECT_EQ("wxyz", m_block.RowValue(nShort));
+    EXPECT_EQ(4, Val(m_block.Row(nShort)->m_nVarDataLength));
+    int nOffset = m_block.Row(nShort)->m_nVarDataOffset;
+    std::vector<int> vUsed;
+    while (nOffset != 0) {
+        LPBLOCKVARDATASTRUCT p = (LPBLOCKVARDATASTRUCT)(m_vBlock.data() + nOffset);
+        vUsed.push_back(Val(p->m_nActualLength));
+        nOffset = p->m_nNextOffset;
+    }
+    EXPECT_EQ((std::vector<int>{4, 0, 0}), vUsed);
+}
+
+TEST_F(FlashbackRows, VersionContentRunningPastTheAreaIsTakenAsOverwritten)
+{
+    int nRow = History(3, {{10, "old"}, {30, "new"}});
+    LPROLLBACKBLOCKVARDATASTRUCT lpRec = m_area.Record(m_block.Row(nRow)->m_nNextDataID);
+    ((LPBLOCKVARDATASTRUCT)lpRec->m_pDataContent)->m_nActualLength = (int)AREA_SIZE;
+    EXPECT_EQ(0, Back(20));
+    EXPECT_EQ("new", m_block.RowValue(nRow));
+    ((LPBLOCKVARDATASTRUCT)lpRec->m_pDataContent)->m_nActualLength = -5;
+    EXPECT_EQ(0, Back(20));
+    EXPECT_EQ("new", m_block.RowValue(nRow));
+}
+
+TEST_F(FlashbackRows, RecordAtTheVeryEndOfTheAreaIsNotReadPastIt)
+{
+    // The area's last bytes hold a record head whose image can't fit.
+    int nRow = History(3, {{10, "old"}});
+    UINT nAt = AREA_SIZE - (UINT)sizeof(ROLLBACKBLOCKVARDATASTRUCT) - 4;
+    LPROLLBACKBLOCKVARDATASTRUCT lpRec = (LPROLLBACKBLOCKVARDATASTRUCT)(m_vArea.data() + nAt);
+    lpRec->m_nDataFlag = VARDATA_DATAFLAG;
+    lpRec->m_sDataToken = 3;
+    lpRec->m_nTimestamp = 5;
+    lpRec->m_nActualLength = 20;
+    m_block.Row(nRow)->m_nNextDataID = nAt;
+    m_block.Row(nRow)->m_nTimestamp = 30;
+    EXPECT_EQ(0, Back(20));
+    EXPECT_EQ("old", m_block.RowValue(nRow));
+    // And one whose head itself would run past the end.
+    m_block.Row(nRow)->m_nNextDataID = AREA_SIZE - 10;
+    EXPECT_EQ(0, Back(20));
+    EXPECT_EQ("old", m_block.RowValue(nRow));
+}
+
+TEST_F(FlashbackRows, LoopingChainEndsAndLeavesTheRow)
+{
+    int nRow = History(3, {{10, "old"}, {30, "new"}});
+    long long nID = m_block.Row(nRow)->m_nNextDataID;
+    // Points at itself with a timestamp still above the target.
+    m_area.Record(nID)->m_nPreRollbackDataID = nID;
+    m_area.Record(nID)->m_nTimestamp = 25;
+    long long nStart = NowMs();
+    EXPECT_EQ(0, Back(20));
+    EXPECT_LT(NowMs() - nStart, 5000);
+    EXPECT_EQ("new", m_block.RowValue(nRow));
+    // A chain whose older record claims to be newer is a reused place too.
+    m_area.Record(nID)->m_nTimestamp = 25;
+    long long nOther = m_area.AddVersion(3, 28, 0, Bytes(std::string("bogus")), 5);
+    m_area.Record(nID)->m_nPreRollbackDataID = nOther;
+    EXPECT_EQ(0, Back(20));
+    EXPECT_EQ("new", m_block.RowValue(nRow));
+}
+
+TEST_F(FlashbackRows, TornPieceEndsTheRollbackWithMinusThree)
+{
+    int nRow = History(3, {{10, "old"}, {30, "new"}});
+    std::vector<BYTE> vGood = m_vBlock;
+    LPBLOCKVARDATASTRUCT lpPiece = (LPBLOCKVARDATASTRUCT)(m_vBlock.data() + m_block.Row(nRow)->m_nVarDataOffset);
+    lpPiece->m_nDataFlag = 0;
+    EXPECT_EQ(-3, Back(20));
+    // A piece outside the block, one whose room runs past it, a chain loop.
+    struct Damage {
+        const char* lpName;
+        void (*fn)(LPBYTE lpBlock, int nFirst);
+    } arDamage[] = {
+        {"offset outside", [](LPBYTE b, int n) { ((LPBLOCKVARDATASTRUCT)(b + n))->m_nNextOffset = BLOCK_SIZE - 8; }},
+        {"negative offset", [](LPBYTE b, int n) { ((LPBLOCKVARDATASTRUCT)(b + n))->m_nNextOffset = -16; }},
+        {"room past the end", [](LPBYTE b, int n) { ((LPBLOCKVARDATASTRUCT)(b + n))->m_nDataLength = BLOCK_SIZE; }},
+        {"loop", [](LPBYTE b, int n) { ((LPBLOCKVARDATASTRUCT)(b + n))->m_nNextOffset = n; }},
+    };
+    for (const Damage& d : arDamage) {
+        m_vBlock = vGood;
+        d.fn(m_vBlock.data(), m_block.Row(nRow)->m_nVarDataOffset);
+        EXPECT_EQ(-3, Back(20)) << d.lpName;
+    }
+    // Without a piece at all only the row record changes.
+    m_vBlock = vGood;
+    m_block.Row(nRow)->m_nVarDataOffset = 0;
+    EXPECT_EQ(0, Back(20));
+    EXPECT_EQ(3, Val(m_block.Row(nRow)->m_nVarDataLength));
+}
+
+TEST_F(FlashbackRows, WrongBlockNumberOrTooSmallABlockIsRefused)
+{
+    History(3, {{10, "old"}, {30, "new"}});
+    std::vector<BYTE> vBefore = m_vBlock;
+    EXPECT_EQ(1, m_flashback.FlashBack(m_vBlock.data(), BLOCK_NO + 1, BLOCK_SIZE, 20));
+    EXPECT_EQ(1, m_flashback.FlashBack(m_vBlock.data(), BLOCK_NO, (int)sizeof(BLOCKHEAD) - 1, 20));
+    EXPECT_EQ(vBefore, m_vBlock);
+}
+
+TEST_F(FlashbackRows, WithoutAnAreaNewerRowsKeepTheirValue)
+{
+    int nRow = History(3, {{10, "old"}, {30, "new"}});
+    int nBorn = History(4, {{30, "born"}});
+    m_flashback.SetRollbackArea(nullptr, 0);
+    EXPECT_EQ(0, Back(20));
+    EXPECT_EQ("new", m_block.RowValue(nRow));
+    EXPECT_EQ(2, Val(m_block.Row(nBorn)->m_bDataStatus));
+}
+
+// --- FlashbackData: the stamp, the block number, the re-copy.
+
+class FlashbackRetry : public FlashbackRows {};
+
+TEST_F(FlashbackRetry, CopyIsStampedCleanAtTheTarget)
+{
+    History(3, {{10, "old"}, {30, "new"}});
+    m_block.Head()->m_bSaveFlag = 1;
+    m_block.Head()->m_bStatus = 4;
+    std::vector<BYTE> vLive = m_vBlock;
+    EXPECT_EQ(0, m_flashback.FlashbackData(2, BLOCK_NO, BLOCK_SIZE, 20, m_vBlock.data(), vLive.data()));
+    EXPECT_EQ(20, Val(m_block.Head()->m_nTimestamp));
+    EXPECT_EQ(0, Val(m_block.Head()->m_bSaveFlag));
+    EXPECT_EQ(0, Val(m_block.Head()->m_bStatus));
+    EXPECT_EQ("old", m_block.RowValue(0));
+}
+
+TEST_F(FlashbackRetry, TornCopyIsTakenAgainFromTheLiveBlock)
+{
+    History(3, {{10, "old"}, {30, "new"}});
+    std::vector<BYTE> vLive = m_vBlock;
+    LPBLOCKVARDATASTRUCT lpPiece = (LPBLOCKVARDATASTRUCT)(m_vBlock.data() + m_block.Row(0)->m_nVarDataOffset);
+    lpPiece->m_nDataFlag = 0;
+    EXPECT_EQ(0, m_flashback.FlashbackData(2, BLOCK_NO, BLOCK_SIZE, 20, m_vBlock.data(), vLive.data()));
+    EXPECT_EQ("old", m_block.RowValue(0));
+    EXPECT_EQ(20, Val(m_block.Head()->m_nTimestamp));
+}
+
+TEST_F(FlashbackRetry, LiveBlockStayingTornFailsAfterTheRetries)
+{
+    History(3, {{10, "old"}, {30, "new"}});
+    LPBLOCKVARDATASTRUCT lpPiece = (LPBLOCKVARDATASTRUCT)(m_vBlock.data() + m_block.Row(0)->m_nVarDataOffset);
+    lpPiece->m_nDataFlag = 0;
+    std::vector<BYTE> vLive = m_vBlock;
+    EXPECT_EQ(1, m_flashback.FlashbackData(2, BLOCK_NO, BLOCK_SIZE, 20, m_vBlock.data(), vLive.data()));
+}
+
+TEST_F(FlashbackRetry, BlockNumberChangedUnderTheCopyFailsAtOnce)
+{
+    History(3, {{10, "old"}, {30, "new"}});
+    std::vector<BYTE> vLive = m_vBlock;
+    EXPECT_EQ(1, m_flashback.FlashbackData(2, BLOCK_NO + 1, BLOCK_SIZE, 20, m_vBlock.data(), vLive.data()));
+    EXPECT_EQ("new", m_block.RowValue(0));
+    // The copy was torn; the live block has been given to another number.
+    LPBLOCKVARDATASTRUCT lpPiece = (LPBLOCKVARDATASTRUCT)(m_vBlock.data() + m_block.Row(0)->m_nVarDataOffset);
+    lpPiece->m_nDataFlag = 0;
+    ((LPBLOCKHEAD)vLive.data())->m_nBlockNo = BLOCK_NO + 9;
+    EXPECT_EQ(1, m_flashback.FlashbackData(2, BLOCK_NO, BLOCK_SIZE, 20, m_vBlock.data(), vLive.data()));
+}
+
+// --- GetRollBackData.
+
+TEST_F(FlashbackRows, VersionLookupCodes)
+{
+    int nRow = History(3, {{10, "v10"}, {20, "v20"}, {30, "v30"}});
+    long long nID = m_block.Row(nRow)->m_nNextDataID;
+    LPBYTE lpValue = nullptr;
+    EXPECT_EQ(-1, m_flashback.GetRollBackData(0, 3, 15, lpValue));
+    EXPECT_EQ(1155, m_flashback.GetRollBackData(AREA_SIZE, 3, 15, lpValue));
+    EXPECT_EQ(1155, m_flashback.GetRollBackData(10, 3, 15, lpValue));
+    EXPECT_EQ(1154, m_flashback.GetRollBackData(nID, 4, 15, lpValue));
+    ASSERT_EQ(0, m_flashback.GetRollBackData(nID, 3, 15, lpValue));
+    LPBLOCKVARDATASTRUCT lpImage = (LPBLOCKVARDATASTRUCT)lpValue;
+    EXPECT_EQ("v10", std::string((const char*)lpImage->m_lpDataContent, (size_t)lpImage->m_nActualLength));
+    ASSERT_EQ(0, m_flashback.GetRollBackData(nID, 3, 25, lpValue));
+    lpImage = (LPBLOCKVARDATASTRUCT)lpValue;
+    EXPECT_EQ("v20", std::string((const char*)lpImage->m_lpDataContent, (size_t)lpImage->m_nActualLength));
+    EXPECT_EQ(-1, m_flashback.GetRollBackData(nID, 3, 5, lpValue));
+    long long nEmpty = m_area.AddVersion(3, 10, 0, nullptr, 0, false);
+    EXPECT_EQ(-3, m_flashback.GetRollBackData(nEmpty, 3, 15, lpValue));
+}
+
+// --- Fuzz: random bytes in exact-size buffers.
+
+// A block and an area built from a history, then damaged at random: the
+// fields that steer the walk get values from the edges of the buffers.
+int EdgeValue(std::mt19937& rng, int nSize)
+{
+    static const int arEdges[] = {0, 1, -1, -16, 16, 17, 32, 47, 63, 76, 124, 0x7FFFFFFF, (int)0x80000000};
+    switch (rng() % 4) {
+    case 0: return (int)rng();
+    case 1: return nSize - (int)(rng() % 80);
+    case 2: return (int)(rng() % (unsigned)(nSize + 1));
+    default: return arEdges[rng() % (sizeof(arEdges) / sizeof(arEdges[0]))];
+    }
+}
+
+void Damage(std::mt19937& rng, LPBYTE lp, int nSize, int nHits)
+{
+    for (int i = 0; i < nHits && nSize >= 4; i++) {
+        int nAt = (int)(rng() % (unsigned)(nSize - 3));
+        int nValue = EdgeValue(rng, nSize);
+        memcpy(lp + nAt, &nValue, 4);
+    }
+}
+
+// Damage aimed at what steers the rollback: a row's fields, a piece of its
+// chain, or a field of the version record it points at.
+void DamageFields(std::mt19937& rng, LPBYTE lpBlock, int nBlockSize, LPBYTE lpArea, UINT nAreaSize)
+{
+    if (nBlockSize < (int)sizeof(BLOCKHEAD)) return;
+    int nRows = (int)(((LPBLOCKHEAD)lpBlock)->m_nInnerMaxNo & 0xFFFF) - 1;
+    int nRowAt = (int)sizeof(BLOCKHEAD) + (nRows > 0 ? (int)(rng() % (unsigned)nRows) : 0) * (int)sizeof(BLOCKDATASTRUCT);
+    if (nRows <= 0 || nRowAt + (int)sizeof(BLOCKDATASTRUCT) > nBlockSize) return;
+    LPBLOCKDATASTRUCT lpRow = (LPBLOCKDATASTRUCT)(lpBlock + nRowAt);
+    int nValue = EdgeValue(rng, nBlockSize);
+    int nPiece = lpRow->m_nVarDataOffset;
+    UINT nRecord = (UINT)lpRow->m_nNextDataID;
+    switch (rng() % 6) {
+    case 0: lpRow->m_nVarDataOffset = nValue; break;
+    case 1: lpRow->m_nNextDataID = EdgeValue(rng, (int)nAreaSize); break;
+    case 2:
+    case 3:
+        // Some piece down the chain.
+        for (int n = (int)(rng() % 3); n > 0 && nPiece > 0 && nPiece <= nBlockSize - 16; n--)
+            nPiece = ((LPBLOCKVARDATASTRUCT)(lpBlock + nPiece))->m_nNextOffset;
+        if (nPiece > 0 && nPiece <= nBlockSize - 16) memcpy(lpBlock + nPiece + 4 * (rng() % 4), &nValue, 4);
+        break;
+    default:
+        if (nRecord >= sizeof(ROLLBACKBLOCKHEAD) && nRecord + sizeof(ROLLBACKBLOCKVARDATASTRUCT) + 16 <= nAreaSize) {
+            // Previous id, timestamp, the image's lengths or its next offset.
+            static const int arAt[] = {8, 20, 28, 47 + 4, 47 + 8, 47 + 12};
+            int nAt = arAt[rng() % 6];
+            int nBig = EdgeValue(rng, (int)nAreaSize);
+            memcpy(lpArea + nRecord + nAt, &nBig, 4);
+        }
+    }
+}
+
+TEST(FlashbackFuzz, NeverReadsOrWritesOutsideEitherBuffer)
+{
+    std::mt19937 rng(20240611);
+    CTalvorFlashback flashback;
+    for (int nIter = 0; nIter < 20000; nIter++) {
+        int nBlockSize = 60 + (int)(rng() % 4000);
+        UINT nAreaSize = 100 + (UINT)(rng() % 6000);
+        LPBYTE lpBlock = (LPBYTE)malloc((size_t)nBlockSize);
+        LPBYTE lpSrc = (LPBYTE)malloc((size_t)nBlockSize);
+        LPBYTE lpArea = (LPBYTE)malloc(nAreaSize);
+        ASSERT_TRUE(lpBlock && lpSrc && lpArea);
+        UINT nBlockNo = 3;
+        if (nIter % 4 == 0) {
+            // Pure noise, with a block number that matches now and then.
+            for (int i = 0; i < nBlockSize; i++) lpBlock[i] = (BYTE)rng();
+            for (UINT i = 0; i < nAreaSize; i++) lpArea[i] = (BYTE)rng();
+            if (nBlockSize >= (int)sizeof(BLOCKHEAD) && rng() % 2) ((LPBLOCKHEAD)lpBlock)->m_nBlockNo = nBlockNo;
+        } else {
+            memset(lpArea, 0, nAreaSize);
+            CPeerRollbackArea area(lpArea, nAreaSize);
+            if (nAreaSize >= sizeof(ROLLBACKBLOCKHEAD)) area.Format();
+            CPeerBlock block(lpBlock, nBlockSize);
+            if (nBlockSize >= (int)sizeof(BLOCKHEAD)) {
+                block.Format(nBlockNo, 2, 1 + (int)(rng() % 20));
+                for (int r = 0; r < 12; r++) {
+                    std::string strValue(rng() % 40, (char)('a' + r));
+                    int nRow = block.AddRow((short)r, 10 + rng() % 50, Bytes(strValue), (int)strValue.size(), 1 + (int)(rng() % 24));
+                    if (nRow < 0) break;
+                    for (int v = rng() % 5; v > 0 && nAreaSize >= sizeof(ROLLBACKBLOCKHEAD); v--) {
+                        std::string strNew(rng() % 300, (char)('A' + v));
+                        block.UpdateRow(area, nRow, 60 + rng() % 100, Bytes(strNew), (int)strNew.size());
+                    }
+                }
+            } else {
+                memset(lpBlock, 0, (size_t)nBlockSize);
+            }
+            Damage(rng, lpBlock, nBlockSize, (int)(rng() % 3));
+            Damage(rng, lpArea, (int)nAreaSize, (int)(rng() % 3));
+            for (int n = 1 + (int)(rng() % 4); n > 0; n--) DamageFields(rng, lpBlock, nBlockSize, lpArea, nAreaSize);
+        }
+        memcpy(lpSrc, lpBlock, (size_t)nBlockSize);
+        flashback.SetRollbackArea(lpArea, nAreaSize);
+        long long nTarget = (long long)(rng() % 200);
+        int rc = (nIter % 2) ? flashback.FlashBack(lpBlock, nBlockNo, nBlockSize, nTarget)
+                             : flashback.FlashbackData(2, (int)nBlockNo, nBlockSize, nTarget, lpBlock, lpSrc);
+        EXPECT_TRUE(rc == 0 || rc == 1 || rc == -3) << rc;
+        LPBYTE lpValue = nullptr;
+        long long nID = ((long long)rng() << 32) | (rng() % (nAreaSize + 64));
+        int rcGet = flashback.GetRollBackData(nID, (short)(rng() % 13), nTarget, lpValue);
+        if (rcGet == 0) {
+            ASSERT_GE(lpValue, lpArea);
+            ASSERT_LE(lpValue + sizeof(BLOCKVARDATASTRUCT) + ((LPBLOCKVARDATASTRUCT)lpValue)->m_nActualLength, lpArea + nAreaSize);
+        }
+        flashback.SetRollbackArea(nullptr, 0);
+        free(lpBlock);
+        free(lpSrc);
+        free(lpArea);
+    }
+}
+
+} // namespace

@@ -1,0 +1,291 @@
+// The undo cache file: its path, the zero file, the size test, the mirror of
+// a published stretch (also one that wraps), the load after a restart and
+// the generations that allow it, and the flush thread's quiet when nothing
+// was published.
+#include "DatabaseKit.h"
+#include "FaultFileIO.h"
+#include "PeerRollback.h"
+#include "TalvorFlashback.h"
+#include "TestClock.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+using namespace talvortest;
+using talvorpeer::CPeerBlock;
+using talvorpeer::CPeerRollbackArea;
+
+namespace {
+
+const UINT AREA_SIZE = 1 << 20;
+const int BLOCK_SIZE = 16384;
+
+const BYTE* Bytes(const std::string& s) { return (const BYTE*)s.data(); }
+
+// Offset and size of each write the layer saw from the nFrom-th on.
+std::vector<std::pair<long long, long long>> WritesOf(const FaultFileIO& io, size_t nFrom = 0)
+{
+    std::vector<std::pair<long long, long long>> v;
+    std::vector<FileWrite> vWrites = io.Writes();
+    for (size_t i = nFrom; i < vWrites.size(); i++) v.push_back({vWrites[i].m_nOffset, vWrites[i].m_nSize});
+    return v;
+}
+
+class FlashbackUndoCache : public ::testing::Test {
+protected:
+    FlashbackUndoCache() : m_vArea(AREA_SIZE), m_area(m_vArea.data(), AREA_SIZE)
+    {
+        m_area.Format();
+        m_flashback.SetRollbackArea(m_vArea.data(), AREA_SIZE);
+        m_pSystem = (LPSYSTEMFILEHEAD)calloc(1, sizeof(SYSTEMFILEHEAD));
+        m_flashback.m_pMemoryFileHead = m_pSystem;
+    }
+    ~FlashbackUndoCache() override
+    {
+        m_flashback.StopUndoMirror(5000, 0);
+        m_flashback.SetRollbackArea(nullptr, 0);
+        m_flashback.m_pMemoryFileHead = nullptr;
+        free(m_pSystem);
+    }
+    std::string CachePath() { return m_tree.Dir() + "TalvorUndo.cache"; }
+    // A few rows changed a few times, each change published.
+    void Changes(CPeerBlock& block, int nRows, int nChanges, long long nFirst)
+    {
+        for (int r = 0; r < nRows; r++) {
+            std::string strValue = "row" + std::to_string(r) + "-v0";
+            int nRow = block.AddRow((short)(r + 1), nFirst, Bytes(strValue), (int)strValue.size(), 32);
+            for (int c = 1; c <= nChanges; c++) {
+                std::string strNew = "row" + std::to_string(r) + "-v" + std::to_string(c);
+                ASSERT_NE(0, block.UpdateRow(m_area, nRow, nFirst + c * 10, Bytes(strNew), (int)strNew.size()));
+            }
+        }
+        m_area.Publish();
+    }
+    long long FileSize() { return FileSizeOf(CachePath()); }
+
+    DatabaseDir m_tree;
+    std::vector<BYTE> m_vArea;
+    CPeerRollbackArea m_area;
+    CTalvorFlashback m_flashback;
+    LPSYSTEMFILEHEAD m_pSystem = nullptr;
+};
+
+TEST_F(FlashbackUndoCache, PathFollowsTheDatabaseDirectoryOrAWholePath)
+{
+    char szPath[MAX_PATH] = {0};
+    ASSERT_TRUE(m_flashback.GetFilePath(nullptr, szPath));
+    EXPECT_EQ(CachePath(), szPath);
+    std::string strDir = m_tree.Dir().substr(0, m_tree.Dir().size() - 1);
+    m_tree.WriteIni("");
+    WriteWholeFile(m_tree.IniPath(), "[System]\r\ndatabasepath=" + strDir + "\r\nUndoCacheFile=Other.cache\r\n");
+    TalvorConfigInit(m_tree.IniPath().c_str());
+    m_flashback.GetFilePath(nullptr, szPath);
+    EXPECT_EQ(strDir + "/Other.cache", std::string(szPath));
+    WriteWholeFile(m_tree.IniPath(), "[System]\r\ndatabasepath=" + strDir + "\r\nUndoCacheFile=/var/x/Undo.bin\r\n");
+    TalvorConfigInit(m_tree.IniPath().c_str());
+    m_flashback.GetFilePath(nullptr, szPath);
+    EXPECT_EQ("/var/x/Undo.bin", std::string(szPath));
+}
+
+TEST_F(FlashbackUndoCache, MissingFileBecomesAZeroFileOfTheAreaSize)
+{
+    EXPECT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE));
+    ASSERT_EQ((long long)AREA_SIZE, FileSize());
+    EXPECT_EQ(std::string(AREA_SIZE, '\0'), ReadWholeFile(CachePath()));
+}
+
+TEST_F(FlashbackUndoCache, FileOfTheWrongSizeIsReplacedAndNothingIsLoaded)
+{
+    std::string strJunk(AREA_SIZE / 2, 'x');
+    ASSERT_TRUE(WriteWholeFile(CachePath(), strJunk));
+    std::vector<BYTE> vBefore = m_vArea;
+    EXPECT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE));
+    EXPECT_EQ((long long)AREA_SIZE, FileSize());
+    EXPECT_EQ(std::string(AREA_SIZE, '\0'), ReadWholeFile(CachePath()));
+    EXPECT_EQ(vBefore, m_vArea);
+}
+
+TEST_F(FlashbackUndoCache, PublishedStretchRoundTripsIntoANewArea)
+{
+    std::vector<BYTE> vBlock(BLOCK_SIZE);
+    CPeerBlock block(vBlock.data(), BLOCK_SIZE);
+    block.Format(9, 2, 50);
+    m_area.NewGeneration(501);
+    ASSERT_EQ(0, m_flashback.LoadUndoCache(nullptr, FALSE));
+    Changes(block, 20, 4, 100);
+    ASSERT_EQ(0, m_flashback.FlushUndoStretch());
+    EXPECT_EQ(0, Val(m_area.Head()->m_bSaveStatus));
+    // Published, nothing mirrored yet: the file has it all from the start.
+    UINT nAlloc = m_area.Head()->m_nDataAllocPos;
+    std::string strFile = ReadWholeFile(CachePath());
+    EXPECT_EQ(0, memcmp(strFile.data() + 124, m_vArea.data() + 124, nAlloc - 124));
+    EXPECT_EQ(0, memcmp(strFile.data(), m_vArea.data(), sizeof(ROLLBACKBLOCKHEAD)));
+
+    // The restart: a new area, the system head naming this generation.
+    m_flashback.StopUndoMirror(1000, 0);
+    std::vector<BYTE> vNew(AREA_SIZE);
+    CPeerRollbackArea fresh(vNew.data(), AREA_SIZE);
+    fresh.Format();
+    m_flashback.SetRollbackArea(vNew.data(), AREA_SIZE);
+    m_pSystem->m_nUndoTimestamp = 501;
+    ASSERT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE));
+    EXPECT_EQ(nAlloc, Val(fresh.Head()->m_nDataAllocPos));
+    EXPECT_EQ(Val(m_area.Head()->m_nLastAllocPos), Val(fresh.Head()->m_nLastAllocPos));
+    EXPECT_EQ(501u, Val(fresh.Head()->m_nTimestamp));
+    EXPECT_EQ(0, memcmp(vNew.data() + 124, m_vArea.data() + 124, nAlloc - 124));
+    // And the loaded versions take a block back as the old ones did.
+    CTalvorFlashback flashback;
+    flashback.SetRollbackArea(vNew.data(), AREA_SIZE);
+    ASSERT_EQ(0, flashback.FlashBack(vBlock.data(), 9, BLOCK_SIZE, 125));
+    EXPECT_EQ("row7-v2", block.RowValue(7));
+    flashback.SetRollbackArea(nullptr, 0);
+}
+
+TEST_F(FlashbackUndoCache, WrappedStretchGoesOutAndComesBackInTwoPieces)
+{
+    ASSERT_EQ(0, m_flashback.LoadUndoCache(nullptr, FALSE));
+    m_area.NewGeneration(77);
+    // Fill close to the end, let the mirror have it, then wrap.
+    std::string strBig(60000, 'q');
+    while (m_area.Head()->m_nDataAllocPos + 2 * CPeerRollbackArea::VersionSize(60000) < AREA_SIZE)
+        m_area.AddVersion(1, 10, 0, Bytes(strBig), (int)strBig.size());
+    m_area.MarkMirrored();
+    UINT nUnsafe = m_area.Head()->m_nUnsafePos;
+    std::string strTail(50000, 't');
+    m_area.AddVersion(2, 20, 0, Bytes(strTail), (int)strTail.size());
+    std::string strWrap(70000, 'w');
+    m_area.AddVersion(3, 30, 0, Bytes(strWrap), (int)strWrap.size());
+    UINT nAlloc = m_area.Head()->m_nDataAllocPos;
+    ASSERT_GT(nUnsafe, nAlloc);
+    m_area.Publish();
+    FaultFileIO io;
+    {
+        ScopedFileIO scoped(&io);
+        ASSERT_EQ(0, m_flashback.FlushUndoStretch());
+    }
+    // Only the new stretch: to the end, from the data start, then the head.
+    std::vector<std::pair<long long, long long>> vExpect = {
+        {nUnsafe, AREA_SIZE - nUnsafe}, {124, nAlloc - 124}, {0, (long long)sizeof(ROLLBACKBLOCKHEAD)}};
+    EXPECT_EQ(vExpect, WritesOf(io));
+    std::string strFile = ReadWholeFile(CachePath());
+    EXPECT_EQ(0, memcmp(strFile.data() + nUnsafe, m_vArea.data() + nUnsafe, AREA_SIZE - nUnsafe));
+    EXPECT_EQ(0, memcmp(strFile.data() + 124, m_vArea.data() + 124, nAlloc - 124));
+    EXPECT_EQ(std::string(nUnsafe - nAlloc, '\0'), strFile.substr(nAlloc, nUnsafe - nAlloc));
+
+    std::vector<BYTE> vNew(AREA_SIZE);
+    CPeerRollbackArea fresh(vNew.data(), AREA_SIZE);
+    fresh.Format();
+    m_flashback.SetRollbackArea(vNew.data(), AREA_SIZE);
+    m_pSystem->m_nUndoTimestamp = 77;
+    ASSERT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE));
+    EXPECT_EQ(0, memcmp(vNew.data() + nUnsafe, m_vArea.data() + nUnsafe, AREA_SIZE - nUnsafe));
+    EXPECT_EQ(0, memcmp(vNew.data() + 124, m_vArea.data() + 124, nAlloc - 124));
+    EXPECT_EQ(std::vector<BYTE>(nUnsafe - nAlloc, 0), std::vector<BYTE>(vNew.begin() + nAlloc, vNew.begin() + nUnsafe));
+    EXPECT_EQ(nAlloc, Val(fresh.Head()->m_nDataAllocPos));
+}
+
+TEST_F(FlashbackUndoCache, OnlyAMatchingGenerationIsLoaded)
+{
+    std::vector<BYTE> vBlock(BLOCK_SIZE);
+    CPeerBlock block(vBlock.data(), BLOCK_SIZE);
+    block.Format(9, 2, 50);
+    ASSERT_EQ(0, m_flashback.LoadUndoCache(nullptr, FALSE));
+    m_area.NewGeneration(10);
+    m_area.NewGeneration(11); // current 11, previous 10
+    Changes(block, 5, 2, 100);
+    ASSERT_EQ(0, m_flashback.FlushUndoStretch());
+    m_flashback.StopUndoMirror(1000, 0);
+    struct Case {
+        UINT nUndo, nUndoPre;
+        bool bLoads;
+    } arCases[] = {{11, 0, true}, {0, 11, true}, {10, 0, true}, {0, 10, true}, {12, 13, false}, {9, 12, false}};
+    for (const Case& c : arCases) {
+        std::vector<BYTE> vNew(AREA_SIZE);
+        CPeerRollbackArea(vNew.data(), AREA_SIZE).Format();
+        std::vector<BYTE> vBefore = vNew;
+        m_flashback.SetRollbackArea(vNew.data(), AREA_SIZE);
+        m_pSystem->m_nUndoTimestamp = c.nUndo;
+        m_pSystem->m_nUndoPreTimestamp = c.nUndoPre;
+        EXPECT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE));
+        EXPECT_EQ(c.bLoads, vBefore != vNew) << c.nUndo << "/" << c.nUndoPre;
+        m_flashback.StopUndoMirror(1000, 0);
+    }
+    // No system head: nothing is loaded either.
+    std::vector<BYTE> vNew(AREA_SIZE);
+    CPeerRollbackArea(vNew.data(), AREA_SIZE).Format();
+    std::vector<BYTE> vBefore = vNew;
+    m_flashback.SetRollbackArea(vNew.data(), AREA_SIZE);
+    m_flashback.m_pMemoryFileHead = nullptr;
+    EXPECT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE));
+    EXPECT_EQ(vBefore, vNew);
+}
+
+TEST_F(FlashbackUndoCache, ZeroFileOfTheRightSizeIsNotTakenForContent)
+{
+    // A zero head carries generation 0, as does a system head never saved.
+    ASSERT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE));
+    m_flashback.StopUndoMirror(1000, 0);
+    std::vector<BYTE> vBefore = m_vArea;
+    EXPECT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE));
+    EXPECT_EQ(vBefore, m_vArea);
+}
+
+TEST_F(FlashbackUndoCache, MirrorIsQuietUntilSomethingIsPublished)
+{
+    std::vector<BYTE> vBlock(BLOCK_SIZE);
+    CPeerBlock block(vBlock.data(), BLOCK_SIZE);
+    block.Format(9, 2, 50);
+    FaultFileIO io;
+    ScopedFileIO scoped(&io);
+    m_flashback.StartWriteUndoCache(nullptr, FALSE);
+    ASSERT_NE(0u, (unsigned long)m_flashback.m_hFlushThread);
+    // The zero file is made before the thread starts; what follows is the mirror's.
+    size_t nMade = io.Writes().size();
+    std::this_thread::sleep_for(std::chrono::milliseconds(60));
+    EXPECT_TRUE(WritesOf(io, nMade).empty()) << WritesOf(io, nMade).size();
+    Changes(block, 3, 2, 100);
+    UINT nAlloc = m_area.Head()->m_nDataAllocPos;
+    EXPECT_TRUE(WaitUntil([&] { return m_area.Head()->m_bSaveStatus == 0; }, 5000));
+    ASSERT_TRUE(m_flashback.StopUndoMirror(5000, 0));
+    EXPECT_EQ(0u, (unsigned long)m_flashback.m_hFlushThread);
+    std::vector<std::pair<long long, long long>> vWrites = WritesOf(io, nMade);
+    ASSERT_EQ(2u, vWrites.size());
+    EXPECT_EQ(std::make_pair(124LL, (long long)nAlloc - 124), vWrites[0]);
+    EXPECT_EQ(0, vWrites[1].first);
+}
+
+TEST_F(FlashbackUndoCache, FailedWriteEndsTheMirror)
+{
+    ASSERT_EQ(0, m_flashback.LoadUndoCache(nullptr, FALSE));
+    FaultFileIO io;
+    io.FailCall(FileOp::PWrite, 1, ENOSPC, FAULT_ALWAYS);
+    ScopedFileIO scoped(&io);
+    std::vector<BYTE> vBlock(BLOCK_SIZE);
+    CPeerBlock block(vBlock.data(), BLOCK_SIZE);
+    block.Format(9, 2, 50);
+    Changes(block, 2, 1, 100);
+    long long nStart = NowMs();
+    EXPECT_EQ(1, m_flashback.FlashFlush());
+    EXPECT_LT(NowMs() - nStart, 2000);
+}
+
+TEST_F(FlashbackUndoCache, RestartStopsTheOldThreadAndDeleteRemovesTheFile)
+{
+    m_flashback.StartWriteUndoCache(nullptr, FALSE);
+    HTHREADTYPE hFirst = m_flashback.m_hFlushThread;
+    ASSERT_NE(0u, (unsigned long)hFirst);
+    m_flashback.StartWriteUndoCache(nullptr, FALSE);
+    EXPECT_NE(0u, (unsigned long)m_flashback.m_hFlushThread);
+    EXPECT_FALSE(IsThreadAlive(hFirst) && hFirst != m_flashback.m_hFlushThread);
+    ASSERT_TRUE(m_flashback.StopUndoMirror(5000, 1));
+    EXPECT_EQ(-1, FileSize());
+    EXPECT_EQ(nullptr, m_flashback.m_hFile);
+}
+
+} // namespace

@@ -1,0 +1,304 @@
+// Opening a memory-mode file: what is read and what is not, a segment that
+// survived, the checks of the head, and the refusals, each with its message.
+#include "DatabaseKit.h"
+#include "ShareMemory.h"
+#include "TalvorMemoryStorage.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <sys/shm.h>
+
+using namespace talvortest;
+
+namespace {
+
+const long long MIB = 1048576;
+
+class MemoryStorageLoad : public ::testing::Test {
+protected:
+    // A descriptor as the file list would build it.
+    LPFILEINFO Describe(const std::string& strName, BYTE bFileNo, BYTE bFileType, long long nRowSize)
+    {
+        LPFILEINFO p = (LPFILEINFO)calloc(1, sizeof(FILEINFO));
+        snprintf(p->m_lpszFilePath, sizeof(p->m_lpszFilePath), "%s%s", m_tree.Dir().c_str(), strName.c_str());
+        snprintf(p->m_lpszTablespaceName, sizeof(p->m_lpszTablespaceName), "%s", strName.c_str());
+        p->m_bFileNo = bFileNo;
+        p->m_bFileType = (char)bFileType;
+        p->m_liFileSize = nRowSize;
+        p->m_pLoadSize = &m_nLoadSize;
+        m_vInfos.push_back(p);
+        return p;
+    }
+    std::string PathOf(LPFILEINFO p) { return p->m_lpszFilePath; }
+    int Open(LPFILEINFO p, long long nTotalProgress = 0, long long nTimestamp = 0)
+    {
+        CTalvorMemoryStorage* pStorage = new CTalvorMemoryStorage();
+        p->m_pStorageFile = pStorage;
+        return pStorage->Initialize(nullptr, p, nTimestamp, nullptr, &m_stProgress, nTotalProgress, 0);
+    }
+    void TearDown() override
+    {
+        for (LPFILEINFO p : m_vInfos) {
+            if (p->m_pStorageFile != nullptr) p->m_pStorageFile->Release();
+            free(p);
+        }
+    }
+
+    DatabaseDir m_tree;
+    long long m_nLoadSize = -1;
+    TALVORPROGRESS m_stProgress = {};
+    std::vector<LPFILEINFO> m_vInfos;
+};
+
+} // namespace
+
+TEST_F(MemoryStorageLoad, ReadsOnlyPiecesThatBeginBeforeTheFreeOffset)
+{
+    // 20 MiB, free offset at 9 MiB, bytes from 16 MiB on that must not come
+    // in: the piece at 8 MiB begins before the free offset and is read whole.
+    std::string strFile = MakeFileBytes(FILETYPE_DATA, 2, 20 * MIB, 9 * MIB, 16 * MIB);
+    LPFILEINFO p = Describe("Data2.dbf", 2, FILETYPE_DATA, 20 * MIB);
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
+    FaultFileIO io;
+    {
+        ScopedFileIO scope(&io);
+        ASSERT_EQ(0, Open(p, 100 * MIB, 4242));
+    }
+    EXPECT_EQ(16 * MIB, io.BytesRead());
+    EXPECT_EQ(0, memcmp(p->m_pFileAddr, strFile.data(), 16 * MIB));
+    std::string strZero(4 * MIB, '\0');
+    EXPECT_EQ(0, memcmp(p->m_pFileAddr + 16 * MIB, strZero.data(), 4 * MIB));
+    EXPECT_EQ(20 * MIB, m_nLoadSize);
+    // Progress before the last piece: the base plus the two pieces before it.
+    EXPECT_EQ(116, Val(m_stProgress.m_nPos));
+    EXPECT_EQ(4242, p->m_nTimestamp);  // counts as saved up to the run's start
+    EXPECT_EQ(20 * MIB, (long long)CShareMemory::ShareMemorySize(p->m_nShmId));
+}
+
+TEST_F(MemoryStorageLoad, FirstPieceIsReadEvenWhenTheFreeOffsetIsZero)
+{
+    std::string strFile = MakeFileBytes(FILETYPE_KVINDEX, 3, 12 * MIB, 0, 8 * MIB);
+    ((LPBASEFILEHEAD)&strFile[0])->m_nFileFreeMemoryOffset = 0;
+    LPFILEINFO p = Describe("KV3.dbf", 3, FILETYPE_KVINDEX, 12 * MIB);
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
+    ASSERT_EQ(0, Open(p));
+    EXPECT_EQ(0, memcmp(p->m_pFileAddr, strFile.data(), 8 * MIB));
+    std::string strZero(4 * MIB, '\0');
+    EXPECT_EQ(0, memcmp(p->m_pFileAddr + 8 * MIB, strZero.data(), 4 * MIB));
+}
+
+TEST_F(MemoryStorageLoad, SurvivingSegmentIsTakenOverWithoutReadingTheFile)
+{
+    std::string strFile = MakeFileBytes(FILETYPE_DATA, 4, 2 * MIB, 1 * MIB);
+    LPFILEINFO p = Describe("Data4.dbf", 4, FILETYPE_DATA, 2 * MIB);
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
+    // The engine's image from before: same head, other data.
+    std::string strImage = MakeFileBytes(FILETYPE_DATA, 4, 2 * MIB, 1 * MIB, 0, 99);
+    int nId = shmget(FileImageShmKey(4), 2 * MIB, IPC_CREAT | IPC_EXCL | 0666);
+    ASSERT_GT(nId, 0);
+    void* pAddr = shmat(nId, nullptr, 0);
+    memcpy(pAddr, strImage.data(), strImage.size());
+    shmdt(pAddr);
+
+    FaultFileIO io;
+    {
+        ScopedFileIO scope(&io);
+        ASSERT_EQ(0, Open(p, 0));
+    }
+    EXPECT_EQ(0, io.Calls(FileOp::PRead));
+    EXPECT_EQ(nId, p->m_nShmId);
+    EXPECT_EQ(0, memcmp(p->m_pFileAddr, strImage.data(), strImage.size()));
+    EXPECT_EQ(2 * MIB, m_nLoadSize);
+}
+
+TEST_F(MemoryStorageLoad, SurvivingSegmentWithABadHeadIsRefusedToo)
+{
+    std::string strFile = MakeFileBytes(FILETYPE_DATA, 4, 2 * MIB, 1 * MIB);
+    LPFILEINFO p = Describe("Data4.dbf", 4, FILETYPE_DATA, 2 * MIB);
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
+    int nId = shmget(FileImageShmKey(4), 2 * MIB, IPC_CREAT | IPC_EXCL | 0666);
+    ASSERT_GT(nId, 0);  // left zero: no mark
+    EXPECT_EQ(1, Open(p));
+    EXPECT_TRUE(m_tree.Traced("40001013 Initialize Header information in data content read from data file is "
+                              "incorrect, file check code: 0[1178881617], path: " + PathOf(p)));
+}
+
+TEST_F(MemoryStorageLoad, SurvivingSegmentOfAnotherSizeIsLeftAlone)
+{
+    std::string strFile = MakeFileBytes(FILETYPE_DATA, 4, 2 * MIB, 1 * MIB);
+    LPFILEINFO p = Describe("Data4.dbf", 4, FILETYPE_DATA, 2 * MIB);
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
+    int nId = shmget(FileImageShmKey(4), 3 * MIB, IPC_CREAT | IPC_EXCL | 0666);
+    ASSERT_GT(nId, 0);
+    EXPECT_EQ(1, Open(p));
+    EXPECT_TRUE(m_tree.Traced("40001009"));
+    p->m_pStorageFile->Release();
+    EXPECT_EQ(nId, shmget(FileImageShmKey(4), 0, 0));  // not removed
+}
+
+TEST_F(MemoryStorageLoad, HeadMarkIsCheckedByFileType)
+{
+    struct Case {
+        BYTE bType;
+        const char* lpMessage;
+    } arCases[] = {
+        {FILETYPE_DATA, "40001013 Initialize Header information in data content read from data file is incorrect, "
+                        "file check code: 1179864657[1178881617], path: "},
+        {FILETYPE_BTREEINDEX, "40001014 Initialize Header information in data content read from b-tree index file is "
+                              "incorrect, file check code: 1179864657[1178750545], path: "},
+        {FILETYPE_KVINDEX, "40001015 Initialize Header information in data content read from KV index file is "
+                           "incorrect, file check code: 1179864657[1179143761], path: "},
+    };
+    BYTE bFileNo = 5;
+    for (const Case& c : arCases) {
+        std::string strFile = MakeFileBytes(c.bType, bFileNo, 1 * MIB, 0);
+        ((LPBASEFILEHEAD)&strFile[0])->m_nDataFlag = SYSTEMFILE_DATAFLAG;  // someone else's mark
+        LPFILEINFO p = Describe("F" + std::to_string(bFileNo) + ".dbf", bFileNo, c.bType, 1 * MIB);
+        ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
+        EXPECT_EQ(1, Open(p));
+        EXPECT_TRUE(m_tree.Traced(c.lpMessage + PathOf(p))) << c.lpMessage;
+        bFileNo++;
+    }
+}
+
+TEST_F(MemoryStorageLoad, SystemFileMarkIsChecked)
+{
+    std::string strFile(DB_SYSTEMFILE_SIZE, '\0');
+    ((LPSYSTEMFILEHEAD)&strFile[0])->m_nDataFlag = DATAFILE_DATAFLAG;
+    ((LPSYSTEMFILEHEAD)&strFile[0])->m_bFileNo = 1;
+    LPFILEINFO p = Describe("System.dbf", 1, FILETYPE_SYSTEM, 0);
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
+    EXPECT_EQ(1, Open(p));
+    EXPECT_TRUE(m_tree.Traced("40001012 Initialize Header data for system file is incorrect, check code: "
+                              "1178881617[1179864657]"));
+}
+
+TEST_F(MemoryStorageLoad, FileNumberMustMatchItsRow)
+{
+    std::string strFile = MakeFileBytes(FILETYPE_DATA, 3, 1 * MIB, 0);
+    LPFILEINFO p = Describe("Data2.dbf", 2, FILETYPE_DATA, 1 * MIB);
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
+    EXPECT_EQ(1, Open(p));
+    EXPECT_TRUE(m_tree.Traced("40001016 Initialize The file number recorded in the file header information is "
+                              "inconsistent with that in the system file, file number: 3[2], path: " + PathOf(p)));
+}
+
+TEST_F(MemoryStorageLoad, TypeOutsideOneToFiveIsRefusedSilently)
+{
+    LPFILEINFO p = Describe("T.dbf", 9, 6, 1 * MIB);
+    FaultFileIO io;
+    {
+        ScopedFileIO scope(&io);
+        EXPECT_EQ(1, Open(p));
+    }
+    EXPECT_EQ(0, io.Calls(FileOp::PRead));
+    EXPECT_EQ(nullptr, p->m_hFile);
+    EXPECT_FALSE(m_tree.Traced("T.dbf"));
+}
+
+TEST_F(MemoryStorageLoad, MissingFileIsToldAtLevelZero)
+{
+    LPFILEINFO p = Describe("Nowhere.dbf", 2, FILETYPE_DATA, 1 * MIB);
+    EXPECT_EQ(1, Open(p));
+    EXPECT_TRUE(m_tree.Traced(" 0     40001001 Initialize Failed to open file, error: No such file or directory(2), "
+                              "path: " + PathOf(p)));
+    EXPECT_FALSE(SegmentExists(2));
+}
+
+TEST_F(MemoryStorageLoad, LargerFileOnDiskOpensAtItsOwnSize)
+{
+    // The row still has the size from before the file grew.
+    std::string strFile = MakeFileBytes(FILETYPE_DATA, 2, 3 * MIB, 1 * MIB);
+    LPFILEINFO p = Describe("Data2.dbf", 2, FILETYPE_DATA, 2 * MIB);
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
+    ASSERT_EQ(0, Open(p));
+    EXPECT_EQ(3 * MIB, p->m_liFileSize);
+    EXPECT_EQ(3 * MIB, (long long)CShareMemory::ShareMemorySize(p->m_nShmId));
+    EXPECT_EQ(3 * MIB, m_nLoadSize);
+}
+
+TEST_F(MemoryStorageLoad, FileShorterThanItsHeadSaysIsRefused)
+{
+    std::string strFile = MakeFileBytes(FILETYPE_DATA, 2, 4 * MIB, 1 * MIB);
+    LPFILEINFO p = Describe("Data2.dbf", 2, FILETYPE_DATA, 4 * MIB);
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile.substr(0, 2 * MIB)));
+    EXPECT_EQ(1, Open(p));
+    EXPECT_TRUE(m_tree.Traced("40001017 Initialize The file is shorter than its head says, path: " + PathOf(p) +
+                              ", file size: 2097152, size in the head: 4194304"));
+}
+
+TEST_F(MemoryStorageLoad, UnreadableShortFileIsRefused)
+{
+    std::string strFile = MakeFileBytes(FILETYPE_DATA, 2, 1 * MIB, 0);
+    LPFILEINFO p = Describe("Data2.dbf", 2, FILETYPE_DATA, 1 * MIB);
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile.substr(0, 4096)));
+    EXPECT_EQ(1, Open(p));
+    EXPECT_TRUE(m_tree.Traced("40001003"));
+    EXPECT_FALSE(SegmentExists(2));
+}
+
+TEST_F(MemoryStorageLoad, FailedReadIsToldWithItsPlace)
+{
+    std::string strFile = MakeFileBytes(FILETYPE_DATA, 2, 1 * MIB, 0);
+    LPFILEINFO p = Describe("Data2.dbf", 2, FILETYPE_DATA, 1 * MIB);
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
+    FaultFileIO io;
+    io.FailNext(FileOp::PRead, EIO, 1);
+    {
+        ScopedFileIO scope(&io);
+        EXPECT_EQ(1, Open(p));
+    }
+    EXPECT_TRUE(m_tree.Traced("40001010 Initialize Failed to read data from physical file, error: Input/output "
+                              "error(5), path: " + PathOf(p) + ", read location: 0, read size: 1048576"));
+}
+
+TEST_F(MemoryStorageLoad, ReleaseClosesDetachesAndRemoves)
+{
+    std::string strFile = MakeFileBytes(FILETYPE_DATA, 2, 1 * MIB, 0);
+    LPFILEINFO p = Describe("Data2.dbf", 2, FILETYPE_DATA, 1 * MIB);
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
+    ASSERT_EQ(0, Open(p));
+    ASSERT_TRUE(SegmentExists(2));
+    EXPECT_EQ(0, p->m_pStorageFile->Release());
+    EXPECT_EQ(nullptr, p->m_pStorageFile);
+    EXPECT_EQ(nullptr, p->m_hFile);
+    EXPECT_EQ(nullptr, p->m_pFileAddr);
+    EXPECT_EQ(0, p->m_nShmId);
+    EXPECT_FALSE(SegmentExists(2));
+}
+
+TEST_F(MemoryStorageLoad, ReadBlockCopiesFromTheImageOrRetriesTheFile)
+{
+    std::string strFile = MakeFileBytes(FILETYPE_DATA, 2, 1 * MIB, 512 * 1024);
+    LPFILEINFO p = Describe("Data2.dbf", 2, FILETYPE_DATA, 1 * MIB);
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
+    ASSERT_EQ(0, Open(p));
+    IVirtualStorageFile* pStorage = p->m_pStorageFile;
+    p->m_pFileAddr[300000] = 0x5A;  // only in the image
+    BYTE* lpBuf = (BYTE*)get_aligned_buffer(65536);
+    FaultFileIO io;
+    {
+        ScopedFileIO scope(&io);
+        EXPECT_EQ(0, pStorage->ReadBlock(nullptr, 299950, lpBuf, -100));
+        EXPECT_EQ(0, io.Calls(FileOp::PRead));
+        EXPECT_EQ(0, memcmp(lpBuf, p->m_pFileAddr + 299950, 100));
+        EXPECT_EQ(0x5A, lpBuf[50]);
+        // A copy reaching past the image is refused.
+        EXPECT_EQ(1, pStorage->ReadBlock(nullptr, 1 * MIB - 50, lpBuf, -100));
+        EXPECT_EQ(1, pStorage->ReadBlock(nullptr, -1, lpBuf, -100));
+
+        io.FailNext(FileOp::PRead, EIO, 2);
+        EXPECT_EQ(0, pStorage->ReadBlock(nullptr, 262144, lpBuf, 65536));
+        EXPECT_EQ(3, io.Calls(FileOp::PRead));
+        EXPECT_EQ(0, memcmp(lpBuf, strFile.data() + 262144, 65536));
+
+        io.FailNext(FileOp::PRead, EIO, 3);
+        EXPECT_EQ(1, pStorage->ReadBlock(nullptr, 262144, lpBuf, 65536));
+    }
+    free(lpBuf);
+    EXPECT_TRUE(m_tree.Traced("40006001 ReadBlock The file data block size read is incorrect, error: Input/output "
+                              "error(5), path: " + PathOf(p) + ", read size: 65536, actual return size: -1, "
+                              "file offset: 262144"));
+}

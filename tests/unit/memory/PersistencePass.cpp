@@ -1,0 +1,617 @@
+// The persistence pass over the memory-mode files and its commit: what
+// reaches the disk and in which place, what a pass with nothing new does
+// (nothing), the refusals that write nothing, chains from the image that
+// loop or leave it, blocks changing under the pass, and the engine's answers
+// over the channel (a snapshot, "nothing to save", none at all).
+#include "PeerRollback.h"
+#include "PersistenceDb.h"
+#include "TestClock.h"
+
+#include <atomic>
+#include <functional>
+#include <thread>
+
+using namespace talvortest;
+
+namespace {
+
+std::string Slice(const std::string& s, long long nOffset, long long nSize) { return s.substr((size_t)nOffset, (size_t)nSize); }
+
+std::string ImageSlice(LPBYTE lpImage, long long nOffset, long long nSize)
+{
+    return std::string((const char*)lpImage + nOffset, (size_t)nSize);
+}
+
+class PersistencePass : public ::testing::Test {
+protected:
+    void SetUp() override { m_db.MakeStartAndSave(); }
+    // Answers channel command 3 on a thread of its own, as the engine does.
+    void StartEngine(std::function<void(LPSTORAGEMEMHEAD)> fnAnswer)
+    {
+        LPSTORAGEMEMHEAD lpChannel = m_db.Module().m_pFlashback->GetStorageMemHead();
+        lpChannel->m_bService = 1;
+        m_bEngineStop = false;
+        m_engine = std::thread([this, lpChannel, fnAnswer]() {
+            while (!m_bEngineStop) {
+                if (lpChannel->m_bCommandType == 3) {
+                    fnAnswer(lpChannel);
+                    talvorpeer::PeerFence();
+                    lpChannel->m_bCommandType = 0;
+                    SetEvent(m_db.Module().m_pFlashback->m_hFlashBackFinishedEvent);
+                    m_nAnswers++;
+                }
+                usleep(200);
+            }
+        });
+    }
+    void StopEngine()
+    {
+        m_bEngineStop = true;
+        if (m_engine.joinable()) m_engine.join();
+    }
+    void TearDown() override { StopEngine(); }
+
+    PersistenceDb m_db;
+    std::thread m_engine;
+    std::atomic<bool> m_bEngineStop{false};
+    std::atomic<int> m_nAnswers{0};
+};
+
+} // namespace
+
+TEST_F(PersistencePass, ChangedBlocksHeadAndMapLandInTheirPlaces)
+{
+    std::string strSysBefore = ReadWholeFile(m_db.SystemPath());
+    std::string strDataBefore = ReadWholeFile(m_db.PathOf(2));
+    // Bytes of the system head that only the cache's writers may put on disk.
+    for (int i = SYSTEMFILE_TABLETSARRAY_OFFSET; i < 15558; i++) m_db.Image(1)[i] = (BYTE)(i * 7 + 1);
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 3, 1, 111, ts);
+    m_db.ChangeRow(3, 5, 2, 222, ts);
+    m_db.ChangeRow(4, 7, 3, 333, ts);
+    m_db.EndTransaction(ts);
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+
+    std::string strData = ReadWholeFile(m_db.PathOf(2));
+    for (int n = 2; n <= 4; n++) {
+        std::string strFile = ReadWholeFile(m_db.PathOf(n));
+        long long nOffset = m_db.BlockOffset(n, n == 2 ? 3 : n == 3 ? 5 : 7);
+        int nSize = ((LPBLOCKHEAD)(m_db.Image(n) + nOffset))->m_nBlockSize;
+        EXPECT_EQ(0, Val(((LPBLOCKHEAD)(m_db.Image(n) + nOffset))->m_bSaveFlag)) << "file " << n;
+        EXPECT_TRUE(ImageSlice(m_db.Image(n), nOffset, nSize) == Slice(strFile, nOffset, nSize)) << "file " << n;
+    }
+    LPBASEFILEHEAD lpHead = m_db.FileHead(2);
+    // The head is the snapshot: the live head's fields, and the objects as
+    // they stood before the pass moved their persisted timestamps.
+    EXPECT_TRUE(ImageSlice(m_db.Image(2), 0, sizeof(BASEFILEHEAD)) == Slice(strData, 0, sizeof(BASEFILEHEAD)));
+    LPBASEFILEOBJECTDEF lpDiskObject = (LPBASEFILEOBJECTDEF)&strData[(size_t)lpHead->m_nObjectInfoOffset];
+    EXPECT_EQ(ts, Val(lpDiskObject->m_nFinishedTimestamp));
+    EXPECT_EQ(ts - 1, Val(lpDiskObject->m_nPersistentTimestamp));
+    EXPECT_EQ(ts, Val(DbMemoryFileObject(m_db.Image(2), m_db.File(2)->m_liFileSize, 0)->m_nPersistentTimestamp));
+    // Master position on disk holds the slave's bytes; the slave position
+    // on disk is left as it was.
+    long long nMap = lpHead->m_nBlockMapStartOffset, nMapSize = lpHead->m_nBlockMapSize;
+    EXPECT_TRUE(ImageSlice(m_db.Image(2), nMap + nMapSize, nMapSize) == Slice(strData, nMap, nMapSize));
+    EXPECT_TRUE(Slice(strDataBefore, nMap + nMapSize, nMapSize) == Slice(strData, nMap + nMapSize, nMapSize));
+    // The commit: bytes 66 to 145, and the arrays untouched.
+    std::string strSys = ReadWholeFile(m_db.SystemPath());
+    EXPECT_EQ(ts, m_db.CommittedOnDisk());
+    EXPECT_EQ(ImageSlice(m_db.Image(1), SYSTEMFILE_DYNAMIC_OFFSET, SYSTEMFILE_DYNAMIC_SIZE),
+              Slice(strSys, SYSTEMFILE_DYNAMIC_OFFSET, SYSTEMFILE_DYNAMIC_SIZE));
+    EXPECT_TRUE(Slice(strSysBefore, SYSTEMFILE_TABLETSARRAY_OFFSET, 15558 - SYSTEMFILE_TABLETSARRAY_OFFSET) ==
+                Slice(strSys, SYSTEMFILE_TABLETSARRAY_OFFSET, 15558 - SYSTEMFILE_TABLETSARRAY_OFFSET));
+    EXPECT_EQ(0, m_db.CheckDisk(ts).m_nViolations);
+}
+
+TEST_F(PersistencePass, PassWithNothingNewWritesNothingEvenWithObjectsMarked)
+{
+    std::mt19937 rng(5);
+    m_db.RandomChanges(30, rng);
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    FaultFileIO io;
+    ScopedFileIO scope(&io);
+    for (int i = 0; i < 3; i++) ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(0, io.Calls(FileOp::PWrite));
+    EXPECT_EQ(0, Val(m_db.Head()->m_bSaveFlag));
+    // A change of the redo log number alone is committed: 80 bytes.
+    m_db.Head()->m_nRedoLogMaxID = m_db.Head()->m_nRedoLogMaxID + 1;
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(1, io.Calls(FileOp::PWrite));
+    EXPECT_EQ(SYSTEMFILE_DYNAMIC_SIZE, io.BytesWritten());
+}
+
+TEST_F(PersistencePass, RefusalsWriteNothingAndHoldTheCommit)
+{
+    struct Damage {
+        const char* m_lpName;
+        int m_nFileNo;
+        std::function<void(LPBASEFILEHEAD)> m_fnDamage;
+        const char* m_lpCode;
+    };
+    std::vector<Damage> vDamages = {
+        {"head mark", 2, [](LPBASEFILEHEAD h) { h->m_nDataFlag = 0x12345678; }, "40002003"},
+        {"map entry size", 3, [](LPBASEFILEHEAD h) { h->m_nBlockMapStructSize = 24; }, "40002006"},
+        {"map start", 4, [](LPBASEFILEHEAD h) { h->m_nBlockMapStartOffset = 0; }, "40002007"},
+        {"head size", 2, [](LPBASEFILEHEAD h) { h->m_nFileHeaderSize = 0x7FFFFFF0; }, "40002012"},
+    };
+    for (const Damage& d : vDamages) {
+        long long nCommitted = m_db.CommittedOnDisk();
+        LPBASEFILEHEAD lpHead = m_db.FileHead(d.m_nFileNo);
+        BASEFILEHEAD stSaved = *lpHead;
+        long long ts = m_db.BeginTransaction();
+        m_db.ChangeRow(d.m_nFileNo, 2, 0, 77, ts);
+        m_db.EndTransaction(ts);
+        d.m_fnDamage(lpHead);
+        std::string strBefore = ReadWholeFile(m_db.PathOf(d.m_nFileNo));
+        EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FILEFAILED, m_db.Pass()) << d.m_lpName;
+        EXPECT_TRUE(strBefore == ReadWholeFile(m_db.PathOf(d.m_nFileNo))) << d.m_lpName;
+        EXPECT_EQ(nCommitted, m_db.CommittedOnDisk()) << d.m_lpName;
+        EXPECT_EQ(1, Val(m_db.Head()->m_bSaveFlag)) << d.m_lpName;
+        EXPECT_TRUE(m_db.m_tree.Traced(d.m_lpCode)) << d.m_lpName;
+        // Repaired, the next pass does the work.
+        long long nHeadTs = lpHead->m_nTimestamp;
+        *lpHead = stSaved;
+        lpHead->m_nTimestamp = nHeadTs;
+        EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass()) << d.m_lpName;
+        EXPECT_EQ(ts, m_db.CommittedOnDisk()) << d.m_lpName;
+        EXPECT_EQ(0, m_db.CheckDisk(ts).m_nViolations) << d.m_lpName;
+    }
+}
+
+TEST_F(PersistencePass, ChainsThatLoopOrLeaveTheFileAreRefused)
+{
+    LPBASEFILEHEAD lpHead = m_db.FileHead(2);
+    long long nMap = lpHead->m_nBlockMapStartOffset;
+    long long nSlave = nMap + lpHead->m_nBlockMapSize;
+    // Entries 3 -> 4 -> 5 -> 3 in the master; the pass refreshes the slave.
+    auto Entry = [&](int i) { return (LPBASEFILEBLOCKMAP)(m_db.Image(2) + DbMapEntryOffset(nMap, i)); };
+    long long nOldNext = Entry(5)->m_nNextOffset;
+    Entry(5)->m_nNextOffset = DbMapEntryOffset(nMap, 3);
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 0, 0, 5, ts);
+    m_db.EndTransaction(ts);
+    long long nCommitted = m_db.CommittedOnDisk();
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FILEFAILED, m_db.Pass());
+    EXPECT_TRUE(m_db.m_tree.Traced("40002020"));
+    EXPECT_EQ(nCommitted, m_db.CommittedOnDisk());
+    (void)nSlave;
+
+    // An entry pointing outside the image.
+    Entry(5)->m_nNextOffset = m_db.File(2)->m_liFileSize + 4096;
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FILEFAILED, m_db.Pass());
+    EXPECT_TRUE(m_db.m_tree.Traced("40002025"));
+    EXPECT_EQ(nCommitted, m_db.CommittedOnDisk());
+
+    Entry(5)->m_nNextOffset = nOldNext;
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(ts, m_db.CommittedOnDisk());
+}
+
+TEST_F(PersistencePass, EntryPointingToItselfEndsItsChainAndThePassGoesOn)
+{
+    // The engine is linking entry 5 in: 3 -> 4 -> 5 -> 5. Blocks 3 and 4 are
+    // saved, 5 is not, the commit goes ahead and the object stays marked.
+    LPBASEFILEHEAD lpHead = m_db.FileHead(2);
+    long long nMap = lpHead->m_nBlockMapStartOffset;
+    auto Entry = [&](int i) { return (LPBASEFILEBLOCKMAP)(m_db.Image(2) + DbMapEntryOffset(nMap, i)); };
+    long long nOldNext = Entry(5)->m_nNextOffset;
+    Entry(5)->m_nNextOffset = DbMapEntryOffset(nMap, 5);
+    // The block of a map entry, by its place among the prepared blocks.
+    auto BlockOf = [&](int i) {
+        for (int k = 0; k < m_db.m_nBlocks; k++)
+            if (m_db.BlockOffset(2, k) == Entry(i)->m_nBlockOffset) return k;
+        ADD_FAILURE() << "entry " << i << " names no prepared block";
+        return 0;
+    };
+    long long ts = m_db.BeginTransaction();
+    for (int i = 3; i <= 5; i++) m_db.ChangeRow(2, BlockOf(i), 0, 10 * i, ts);
+    m_db.EndTransaction(ts);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    std::string strTrace = m_db.m_tree.Trace();
+    size_t nFirst = strTrace.find("40002020");
+    EXPECT_NE(std::string::npos, nFirst);
+    EXPECT_EQ(std::string::npos, strTrace.find("40002020", nFirst + 1)) << "told once";
+    EXPECT_EQ(ts, m_db.CommittedOnDisk());
+    auto Flag = [&](int i) { return Val(((LPBLOCKHEAD)(m_db.Image(2) + Entry(i)->m_nBlockOffset))->m_bSaveFlag); };
+    EXPECT_EQ(0, Flag(3));
+    EXPECT_EQ(0, Flag(4));
+    EXPECT_EQ(1, Flag(5));
+    EXPECT_EQ(1, Val(lpHead->m_bSaveFlag));
+    // Linked in: the next pass saves the rest.
+    Entry(5)->m_nNextOffset = nOldNext;
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(0, Flag(5));
+    EXPECT_EQ(0, m_db.CheckDisk(ts).m_nViolations);
+}
+
+TEST_F(PersistencePass, IndexMapWithTooManyEntriesOrABadBlockMarkIsRefused)
+{
+    LPBASEFILEHEAD lpHead = m_db.FileHead(3);
+    LPBASEFILEBLOCKMAPHEAD lpMap = (LPBASEFILEBLOCKMAPHEAD)(m_db.Image(3) + lpHead->m_nBlockMapStartOffset);
+    int nNum = lpMap->m_nBlockMapNum;
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(3, 1, 0, 5, ts);
+    m_db.EndTransaction(ts);
+    lpMap->m_nBlockMapNum = 1 << 30;
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FILEFAILED, m_db.Pass());
+    EXPECT_TRUE(m_db.m_tree.Traced("40002046"));
+    lpMap->m_nBlockMapNum = nNum;
+    LPBLOCKHEAD lpBlock = (LPBLOCKHEAD)(m_db.Image(3) + m_db.BlockOffset(3, 1));
+    lpBlock->m_nDataFlag = 0x01010101;
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FILEFAILED, m_db.Pass());
+    EXPECT_TRUE(m_db.m_tree.Traced("40002042"));
+    lpBlock->m_nDataFlag = BLOCK_DATAFLAG;
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(ts, m_db.CommittedOnDisk());
+}
+
+TEST_F(PersistencePass, BlockNewerThanTheSavePointStaysMarkedAndHoldsTheCommit)
+{
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 4, 0, 41, ts);
+    m_db.ChangeRow(3, 4, 0, 42, ts);
+    m_db.EndTransaction(ts);
+    // The next transaction is under way in the same blocks: not committed.
+    m_db.ChangeRow(2, 4, 1, 43, ts + 1);
+    m_db.ChangeRow(3, 4, 1, 44, ts + 1);
+    long long nCommitted = m_db.CommittedOnDisk();
+    std::string strBefore = ReadWholeFile(m_db.PathOf(2));
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_PENDING, m_db.Pass());
+    EXPECT_EQ(nCommitted, m_db.CommittedOnDisk());
+    long long nBlock = m_db.BlockOffset(2, 4);
+    EXPECT_TRUE(Slice(strBefore, nBlock, 4096) == Slice(ReadWholeFile(m_db.PathOf(2)), nBlock, 4096));
+    EXPECT_EQ(1, Val(((LPBLOCKHEAD)(m_db.Image(2) + nBlock))->m_bSaveFlag));
+    // The index block went out as it stood; its file asks for another pass.
+    long long nIndexBlock = m_db.BlockOffset(3, 4);
+    int nIndexSize = ((LPBLOCKHEAD)(m_db.Image(3) + nIndexBlock))->m_nBlockSize;
+    EXPECT_EQ(0, Val(((LPBLOCKHEAD)(m_db.Image(3) + nIndexBlock))->m_bSaveFlag));
+    EXPECT_TRUE(Slice(ReadWholeFile(m_db.PathOf(3)), nIndexBlock, nIndexSize) ==
+                std::string((const char*)m_db.Image(3) + nIndexBlock, (size_t)nIndexSize));
+    EXPECT_EQ(1, Val(m_db.FileHead(3)->m_bSaveFlag));
+    EXPECT_EQ(1, Val(m_db.Head()->m_bSaveFlag));
+    // Once it commits, the next pass writes it whole.
+    m_db.EndTransaction(ts + 1);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(ts + 1, m_db.CommittedOnDisk());
+    EXPECT_EQ(0, m_db.CheckDisk(ts + 1).m_nViolations);
+}
+
+TEST_F(PersistencePass, EngineSnapshotIsUsedAndNothingToSaveStillSavesTheMarkedBlocks)
+{
+    // "Nothing to save" for every file while a block is marked: the pass
+    // goes on from the live head, so the block is not skipped by this and
+    // every later pass, and no head left in the buffer by an earlier pass
+    // is taken for a snapshot.
+    StartEngine([](LPSTORAGEMEMHEAD c) { c->m_nResult = PEERRESULT_NOTHINGTOSAVE; });
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 1, 0, 9, ts);
+    m_db.EndTransaction(ts);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_GE(m_nAnswers.load(), 1);
+    long long nBlock = m_db.BlockOffset(2, 1);
+    EXPECT_EQ(0, Val(((LPBLOCKHEAD)(m_db.Image(2) + nBlock))->m_bSaveFlag));
+    EXPECT_EQ(ts, m_db.CommittedOnDisk());
+    EXPECT_EQ(0, m_db.CheckDisk(ts).m_nViolations);
+    StopEngine();
+
+    // A snapshot whose mark is unknown is refused.
+    StartEngine([this](LPSTORAGEMEMHEAD c) {
+        LPBYTE lpData = (LPBYTE)c + c->m_nFileDataOffset;
+        LPBYTE lpImage = m_db.Image(c->m_bFileNo);
+        memcpy(lpData, lpImage, (size_t)((LPBASEFILEHEAD)lpImage)->m_nFileHeaderSize);
+        if (c->m_bFileNo == 4) ((LPBASEFILEHEAD)lpData)->m_nDataFlag = 0x0BADF00D;
+        c->m_nResult = 0;
+    });
+    long long ts2 = m_db.BeginTransaction();
+    m_db.ChangeRow(4, 1, 0, 10, ts2);
+    m_db.EndTransaction(ts2);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FILEFAILED, m_db.Pass());
+    EXPECT_TRUE(m_db.m_tree.Traced("40002050"));
+}
+
+TEST_F(PersistencePass, LostEngineIsMarkedAndTheImageIsSavedDirectly)
+{
+    LPSTORAGEMEMHEAD lpChannel = m_db.Module().m_pFlashback->GetStorageMemHead();
+    lpChannel->m_bService = 1;  // says it runs, never answers
+    lpChannel->m_nCycleTime = 1;
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 2, 0, 12, ts);
+    m_db.EndTransaction(ts);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(2, Val(lpChannel->m_bService));
+    EXPECT_EQ(PEERRESULT_TIMEOUT, Val(lpChannel->m_nResult));
+    EXPECT_EQ(0, Val(lpChannel->m_bCommandType));
+    EXPECT_TRUE(m_db.m_tree.Traced("50002001"));
+    EXPECT_EQ(ts, m_db.CommittedOnDisk());
+    EXPECT_EQ(0, m_db.CheckDisk(ts).m_nViolations);
+}
+
+// An engine that answers with an error code: the failure is traced and the
+// pass saves from the image, so the commit still covers the change.
+TEST_F(PersistencePass, EngineErrorAnswerIsTracedAndTheImageIsSaved)
+{
+    StartEngine([](LPSTORAGEMEMHEAD lpChannel) { lpChannel->m_nResult = 5; });
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 2, 0, 12, ts);
+    m_db.EndTransaction(ts);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    StopEngine();
+    EXPECT_GT(m_nAnswers.load(), 0);
+    EXPECT_TRUE(m_db.m_tree.Traced("50002002"));
+    EXPECT_EQ(1, Val(m_db.Module().m_pFlashback->GetStorageMemHead()->m_bService)) << "an answer is a sign of life";
+    EXPECT_EQ(ts, m_db.CommittedOnDisk());
+    EXPECT_EQ(0, m_db.CheckDisk(ts).m_nViolations);
+}
+
+// Once the engine is declared lost, later passes do not ask it again, so
+// they do not wait out the answer time a second time.
+TEST_F(PersistencePass, LostEngineIsNotAskedAgain)
+{
+    LPSTORAGEMEMHEAD lpChannel = m_db.Module().m_pFlashback->GetStorageMemHead();
+    lpChannel->m_bService = 1;
+    lpChannel->m_nCycleTime = 10; // 100 waits of 10 ms for the first request
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 2, 0, 12, ts);
+    m_db.EndTransaction(ts);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    ASSERT_EQ(2, Val(lpChannel->m_bService));
+    lpChannel->m_nResult = 0;
+    long long ts2 = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 2, 1, 13, ts2);
+    m_db.EndTransaction(ts2);
+    long long nStart = NowMs();
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    long long nMs = NowMs() - nStart;
+    EXPECT_LT(nMs, 500) << "the second pass waited for a lost engine";
+    EXPECT_EQ(0, Val(lpChannel->m_nResult)) << "no new request was made";
+    EXPECT_EQ(ts2, m_db.CommittedOnDisk());
+}
+
+TEST_F(PersistencePass, FailedCommitLeavesTheTimestampInMemoryAsItWas)
+{
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 2, 0, 12, ts);
+    m_db.EndTransaction(ts);
+    long long nOld = m_db.Head()->m_nBeginTimestamp;
+    FaultFileIO io;
+    {
+        ScopedFileIO scope(&io);
+        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass(TRUE));
+    }
+    // Count the writes of such a pass, then fail exactly the last (the commit).
+    long long ts2 = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 3, 0, 13, ts2);
+    m_db.EndTransaction(ts2);
+    FaultFileIO counter;
+    {
+        ScopedFileIO scope(&counter);
+        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    }
+    long long ts3 = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 3, 0, 14, ts3);
+    m_db.EndTransaction(ts3);
+    nOld = m_db.Head()->m_nBeginTimestamp;
+    FaultFileIO failing;
+    failing.FailCall(FileOp::PWrite, counter.Calls(FileOp::PWrite), EIO);
+    {
+        ScopedFileIO scope(&failing);
+        EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FAILED, m_db.Pass());
+    }
+    EXPECT_EQ(nOld, Val(m_db.Head()->m_nBeginTimestamp));
+    EXPECT_TRUE(m_db.m_tree.Traced("10110003"));
+}
+
+namespace {
+
+const BYTE* Bytes(const std::string& s) { return (const BYTE*)s.data(); }
+
+// Blocks of the data file holding rows, changed as the engine changes them,
+// with old versions in a rollback area of the test's own.
+class PersistenceRollback : public PersistencePass {
+protected:
+    static const UINT AREA_SIZE = 1 << 20;
+    static const int FILE_NO = 2;
+
+    PersistenceRollback() : m_vArea(AREA_SIZE), m_area(m_vArea.data(), AREA_SIZE) {}
+    void SetUp() override
+    {
+        PersistencePass::SetUp();
+        if (HasFatalFailure()) return;
+        m_area.Format();
+        CTalvorFlashback* pFlashback = m_db.Module().m_pFlashback;
+        m_lpOldArea = pFlashback->m_pRollbackFileAddr;
+        pFlashback->SetRollbackArea(m_vArea.data(), AREA_SIZE);
+        m_nBlock = m_db.BlockOffset(FILE_NO, 4);
+    }
+    void TearDown() override
+    {
+        PersistencePass::TearDown();
+        // The segment is measured anew from its id.
+        if (m_db.m_pModule) m_db.Module().m_pFlashback->SetRollbackArea(m_lpOldArea, 0);
+    }
+    LPBYTE LiveBlock() { return m_db.Image(FILE_NO) + m_nBlock; }
+    int BlockSize() { return ((LPBLOCKHEAD)LiveBlock())->m_nBlockSize; }
+    talvorpeer::CPeerBlock Live() { return talvorpeer::CPeerBlock(LiveBlock(), BlockSize()); }
+    // The engine's marks of a change at ts, block first (the rows between).
+    void MarkBlock(long long ts)
+    {
+        LPBLOCKHEAD lpBlock = (LPBLOCKHEAD)LiveBlock();
+        lpBlock->m_nTimestamp = ts;
+        talvorpeer::PeerFence();
+        lpBlock->m_bSaveFlag = 1;
+    }
+    void MarkFile(long long ts)
+    {
+        LPBASEFILEOBJECTDEF lpObject = DbMemoryFileObject(m_db.Image(FILE_NO), m_db.File(FILE_NO)->m_liFileSize, 0);
+        ASSERT_NE(nullptr, lpObject);
+        lpObject->m_nFinishedTimestamp = ts;
+        talvorpeer::PeerFence();
+        lpObject->m_bSaveFlag = 1;
+        m_db.FileHead(FILE_NO)->m_nTimestamp = ts;
+    }
+    // Two rows, committed and on disk.
+    long long TwoRowsOnDisk()
+    {
+        long long ts = m_db.BeginTransaction();
+        int nSize = BlockSize();
+        UINT nBlockNo = ((LPBLOCKHEAD)LiveBlock())->m_nBlockNo;
+        std::vector<BYTE> vBlock((size_t)nSize);
+        talvorpeer::CPeerBlock fresh(vBlock.data(), nSize);
+        fresh.Format(nBlockNo, FILE_NO, 16);
+        EXPECT_EQ(0, fresh.AddRow(11, ts, Bytes("alpha"), 5, 16));
+        EXPECT_EQ(1, fresh.AddRow(12, ts, Bytes("beta"), 4, 16));
+        memcpy(LiveBlock(), vBlock.data(), (size_t)nSize);
+        MarkBlock(ts);
+        MarkFile(ts);
+        m_db.EndTransaction(ts);
+        EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+        EXPECT_EQ(ts, m_db.CommittedOnDisk());
+        return ts;
+    }
+    std::string DiskBlock() { return Slice(ReadWholeFile(m_db.PathOf(FILE_NO)), m_nBlock, BlockSize()); }
+    int SaveFile(long long nTimestamp, BOOL& bFlashbackFlag)
+    {
+        CBreltMemStorageModule& m = m_db.Module();
+        return m_db.File(FILE_NO)->m_pStorageFile->SaveChange2File(&m_db.m_stCrit, m_db.File(FILE_NO), nTimestamp,
+                                                                   m_db.Head()->m_nBeginTimestamp, m.m_lpBuffer,
+                                                                   m.m_lpHeadBuf, FALSE, bFlashbackFlag);
+    }
+
+    std::vector<BYTE> m_vArea;
+    talvorpeer::CPeerRollbackArea m_area;
+    LPBYTE m_lpOldArea = nullptr;
+    long long m_nBlock = 0;
+};
+
+} // namespace
+
+TEST_F(PersistenceRollback, BlockChangedPastTheSavePointIsWrittenAsOfIt)
+{
+    long long ts1 = TwoRowsOnDisk();
+    long long ts2 = m_db.BeginTransaction();
+    MarkBlock(ts2);
+    EXPECT_NE(0, Live().UpdateRow(m_area, 0, ts2, Bytes("alpha-2"), 7));
+    MarkFile(ts2);
+    m_db.EndTransaction(ts2);
+    // The next transaction is under way in the same block: one row changed,
+    // one born, neither committed.
+    long long ts3 = ts2 + 1;
+    MarkBlock(ts3);
+    EXPECT_NE(0, Live().UpdateRow(m_area, 1, ts3, Bytes("beta-3"), 6));
+    EXPECT_EQ(2, Live().AddRow(13, ts3, Bytes("gamma"), 5, 16));
+    MarkFile(ts3);
+    std::string strLiveBefore((const char*)LiveBlock(), (size_t)BlockSize());
+
+    BOOL bFlashbackFlag = FALSE;
+    EXPECT_EQ(0, SaveFile(ts2, bFlashbackFlag));
+    EXPECT_EQ(1, bFlashbackFlag);
+    // On disk: the block as of ts2.
+    std::string strDisk = DiskBlock();
+    talvorpeer::CPeerBlock disk((LPBYTE)&strDisk[0], BlockSize());
+    EXPECT_EQ(ts2, Val(disk.Head()->m_nTimestamp));
+    EXPECT_EQ(0, Val(disk.Head()->m_bSaveFlag));
+    EXPECT_EQ("alpha-2", disk.RowValue(0));
+    EXPECT_EQ("beta", disk.RowValue(1));
+    EXPECT_EQ(0, Val(disk.Row(1)->m_bDataStatus));
+    EXPECT_EQ(2, Val(disk.Row(2)->m_bDataStatus));  // born after ts2
+    EXPECT_EQ(0, Val(disk.Row(2)->m_nTimestamp));
+    // The live block is as it was, and still marked for the next pass.
+    LPBLOCKHEAD lpLive = (LPBLOCKHEAD)LiveBlock();
+    EXPECT_EQ(1, Val(lpLive->m_bSaveFlag));
+    EXPECT_EQ("beta-3", Live().RowValue(1));
+    lpLive->m_bSaveFlag = 0;
+    ((LPBLOCKHEAD)&strLiveBefore[0])->m_bSaveFlag = 0;
+    EXPECT_TRUE(strLiveBefore == std::string((const char*)LiveBlock(), (size_t)BlockSize()));
+    lpLive->m_bSaveFlag = 1;
+
+    // The whole pass commits ts2; once ts3 commits, the next writes it.
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(ts2, m_db.CommittedOnDisk());
+    m_db.EndTransaction(ts3);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(ts3, m_db.CommittedOnDisk());
+    strDisk = DiskBlock();
+    talvorpeer::CPeerBlock after((LPBYTE)&strDisk[0], BlockSize());
+    EXPECT_EQ("beta-3", after.RowValue(1));
+    EXPECT_EQ("gamma", after.RowValue(2));
+    EXPECT_EQ(0, Val(after.Row(2)->m_bDataStatus));
+    EXPECT_GT(ts3, ts1);
+}
+
+TEST_F(PersistenceRollback, BlockWhoseOldVersionIsGoneIsNotWrittenAndHoldsTheCommit)
+{
+    TwoRowsOnDisk();
+    long long nCommitted = m_db.CommittedOnDisk();
+    std::string strDiskBefore = DiskBlock();
+    // A transaction elsewhere commits; the next one is under way in the block.
+    long long ts2 = m_db.BeginTransaction();
+    m_db.ChangeRow(FILE_NO, 1, 0, 7, ts2);
+    m_db.EndTransaction(ts2);
+    long long ts3 = ts2 + 1;
+    MarkBlock(ts3);
+    long long nID = Live().UpdateRow(m_area, 0, ts3, Bytes("alpha-2"), 7);
+    ASSERT_NE(0, nID);
+    MarkFile(ts3);
+    // The engine reused the version's place before ts2 committed.
+    m_area.Record(nID)->m_sDataToken = 99;
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_PENDING, m_db.Pass());
+    EXPECT_EQ(nCommitted, m_db.CommittedOnDisk());
+    EXPECT_TRUE(strDiskBefore == DiskBlock());
+    EXPECT_EQ(1, Val(((LPBLOCKHEAD)LiveBlock())->m_bSaveFlag));
+
+    // Without a rollback area at all, the same.
+    m_area.Record(nID)->m_sDataToken = 11;
+    m_db.Module().m_pFlashback->SetRollbackArea(nullptr, 0);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_PENDING, m_db.Pass());
+    EXPECT_TRUE(strDiskBefore == DiskBlock());
+    m_db.Module().m_pFlashback->SetRollbackArea(m_vArea.data(), AREA_SIZE);
+
+    // A row of a status the rollback does not take back, newer than the
+    // save point: the same.
+    Live().Row(0)->m_bDataStatus = 1;
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_PENDING, m_db.Pass());
+    EXPECT_TRUE(strDiskBefore == DiskBlock());
+    Live().Row(0)->m_bDataStatus = 0;
+
+    // With the version back, the block goes to disk rolled back.
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    std::string strDisk = DiskBlock();
+    talvorpeer::CPeerBlock disk((LPBYTE)&strDisk[0], BlockSize());
+    EXPECT_EQ("alpha", disk.RowValue(0));
+    EXPECT_EQ(ts2, m_db.CommittedOnDisk());
+    EXPECT_EQ(0, m_db.CheckDisk(ts2).m_nViolations);
+    // Committed, the block is written as it is.
+    m_db.EndTransaction(ts3);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(ts3, m_db.CommittedOnDisk());
+    strDisk = DiskBlock();
+    EXPECT_EQ("alpha-2", talvorpeer::CPeerBlock((LPBYTE)&strDisk[0], BlockSize()).RowValue(0));
+}
+
+TEST_F(PersistenceRollback, IndexBlockChangedPastTheSavePointGoesOutAsItIsAndNeverHoldsTheCommit)
+{
+    // Under a steady load index blocks always carry changes past the save
+    // point: were they held back, no commit would ever advance.
+    long long ts0 = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 1, 0, 7, ts0);
+    m_db.EndTransaction(ts0);
+    long long ts = ts0 + 1;
+    LPBYTE lpBlock = m_db.Image(3) + m_db.BlockOffset(3, 4);
+    int nSize = ((LPBLOCKHEAD)lpBlock)->m_nBlockSize;
+    UINT nBlockNo = ((LPBLOCKHEAD)lpBlock)->m_nBlockNo;
+    talvorpeer::CPeerBlock block(lpBlock, nSize);
+    block.Format(nBlockNo, 3, 16);
+    ((LPBLOCKHEAD)lpBlock)->m_nTimestamp = ts;
+    ((LPBLOCKHEAD)lpBlock)->m_bSaveFlag = 1;
+    EXPECT_EQ(0, block.AddRow(21, ts, Bytes("key"), 3, 16));
+    m_db.FileHead(3)->m_nTimestamp = ts;
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(ts0, m_db.CommittedOnDisk());
+    // Written as it stood, newer row included, never rolled back.
+    std::string strDisk = Slice(ReadWholeFile(m_db.PathOf(3)), m_db.BlockOffset(3, 4), nSize);
+    EXPECT_TRUE(strDisk == std::string((const char*)lpBlock, (size_t)nSize));
+    EXPECT_EQ("key", talvorpeer::CPeerBlock((LPBYTE)&strDisk[0], nSize).RowValue(0));
+    EXPECT_EQ(0, Val(((LPBLOCKHEAD)lpBlock)->m_bSaveFlag));
+    // The file asks for another pass.
+    EXPECT_EQ(1, Val(m_db.FileHead(3)->m_bSaveFlag));
+}

@@ -1,0 +1,341 @@
+// The file layer under every database, log and backup file: handle cells,
+// whole transfers that survive short transfers and interrupted calls, and
+// the directory and plain-file shims.
+//
+// The fault layer, put in force with CTalvorFileIO::Install, cuts every
+// transfer short and interrupts every other call; the bytes must still land
+// at the right offsets, and a failing write must be reported, not looped on.
+#include "FaultFileIO.h"
+#include "LinuxCommonAPI.h"
+#include "TalvorFileIO.h"
+#include "TempTree.h"
+#include "TestFiles.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+using namespace talvortest;
+
+namespace {
+
+class FileIOTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_tree.Ok());
+        m_strPath = m_tree.Path("file");
+        m_fd = open(m_strPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        ASSERT_GE(m_fd, 0);
+        // A background the transfers must not disturb outside their range.
+        std::vector<unsigned char> bg(kFileSize, 0xEE);
+        ASSERT_EQ(pwrite(m_fd, bg.data(), bg.size(), 0), (ssize_t)bg.size());
+    }
+    void TearDown() override
+    {
+        if (m_fd >= 0) close(m_fd);
+    }
+    static std::vector<unsigned char> Pattern(size_t n, unsigned nSeed)
+    {
+        std::vector<unsigned char> v(n);
+        for (size_t i = 0; i < n; i++) v[i] = (unsigned char)((i * 31 + nSeed) ^ (i >> 8));
+        return v;
+    }
+    std::vector<unsigned char> FileBytes()
+    {
+        std::vector<unsigned char> v(kFileSize + 4096);
+        ssize_t n = pread(m_fd, v.data(), v.size(), 0);
+        v.resize(n < 0 ? 0 : (size_t)n);
+        return v;
+    }
+    static constexpr size_t kFileSize = 20000;
+    TempTree m_tree{"fileio"};
+    int m_fd = -1;
+    std::string m_strPath;
+};
+
+TEST_F(FileIOTest, WriteFullLandsEveryByteAtItsOffsetThroughShortTransfers)
+{
+    const off_t nOffset = 4096 + 3;
+    std::vector<unsigned char> data = Pattern(10001, 7);
+    FaultFileIO io;
+    io.ChopTransfers(7, true);
+    {
+        ScopedFileIO scope(&io);
+        EXPECT_EQ(CTalvorFileIO::Current(), &io);
+        ASSERT_TRUE(TalvorWriteFull(m_fd, data.data(), data.size(), nOffset));
+    }
+    EXPECT_NE(CTalvorFileIO::Current(), &io) << "the plain layer is back";
+    // Every call but the interrupted ones moved 7 bytes at most.
+    EXPECT_GE(io.Calls(FileOp::PWrite), 2 * (long long)(data.size() / 7));
+
+    std::vector<unsigned char> file = FileBytes();
+    ASSERT_EQ(file.size(), kFileSize);
+    for (off_t i = 0; i < nOffset; i++) ASSERT_EQ(file[i], 0xEE) << "byte before the range changed at " << i;
+    EXPECT_EQ(memcmp(file.data() + nOffset, data.data(), data.size()), 0);
+    for (size_t i = nOffset + data.size(); i < kFileSize; i++) ASSERT_EQ(file[i], 0xEE) << "byte after the range changed at " << i;
+}
+
+TEST_F(FileIOTest, ReadFullGathersEveryByteFromItsOffsetThroughShortTransfers)
+{
+    std::vector<unsigned char> data = Pattern(kFileSize, 3);
+    ASSERT_EQ(pwrite(m_fd, data.data(), data.size(), 0), (ssize_t)data.size());
+    FaultFileIO io;
+    io.ChopTransfers(13, true);
+    ScopedFileIO scope(&io);
+    std::vector<unsigned char> buf(7777, 0);
+    ASSERT_TRUE(TalvorReadFull(m_fd, buf.data(), buf.size(), 1234));
+    EXPECT_EQ(memcmp(buf.data(), data.data() + 1234, buf.size()), 0);
+
+    // Up to the last byte is fine; one past the end is a failure, not a hang.
+    std::vector<unsigned char> tail(100);
+    EXPECT_TRUE(TalvorReadFull(m_fd, tail.data(), tail.size(), kFileSize - 100));
+    EXPECT_EQ(memcmp(tail.data(), data.data() + kFileSize - 100, 100), 0);
+    EXPECT_FALSE(TalvorReadFull(m_fd, tail.data(), tail.size(), kFileSize - 99));
+    EXPECT_FALSE(TalvorReadFull(-1, tail.data(), tail.size(), 0));
+    EXPECT_TRUE(TalvorReadFull(m_fd, tail.data(), 0, 0)) << "nothing to move is success";
+}
+
+TEST_F(FileIOTest, FailingWriteIsReportedAndLeavesOnlyWhatWasWritten)
+{
+    std::vector<unsigned char> data = Pattern(5000, 11);
+    {
+        FaultFileIO io;
+        io.FillAfter(1000, EIO);
+        ScopedFileIO scope(&io);
+        EXPECT_FALSE(TalvorWriteFull(m_fd, data.data(), data.size(), 512));
+        EXPECT_LE(io.Calls(FileOp::PWrite), 3) << "a hard error is not retried";
+    }
+    std::vector<unsigned char> file = FileBytes();
+    EXPECT_EQ(memcmp(file.data() + 512, data.data(), 1000), 0);
+    EXPECT_EQ(file[512 + 1000], 0xEE);
+
+    {
+        // A layer that moves nothing and reports no error must not spin.
+        FaultFileIO io;
+        io.FillAfter(0, 0);
+        ScopedFileIO scope(&io);
+        EXPECT_FALSE(TalvorWriteFull(m_fd, data.data(), data.size(), 0));
+        EXPECT_EQ(io.Calls(FileOp::PWrite), 1);
+    }
+    {
+        FaultFileIO io;
+        io.FillAfter(0, ENOSPC);
+        ScopedFileIO scope(&io);
+        EXPECT_FALSE(TalvorWriteFull(m_fd, data.data(), data.size(), 0));
+    }
+    EXPECT_FALSE(TalvorWriteFull(-1, data.data(), data.size(), 0));
+}
+
+TEST_F(FileIOTest, InstallReturnsThePreviousLayer)
+{
+    CTalvorFileIO* pPlain = CTalvorFileIO::Current();
+    ASSERT_NE(pPlain, nullptr);
+    FaultFileIO a, b;
+    EXPECT_EQ(CTalvorFileIO::Install(&a), pPlain);
+    EXPECT_EQ(CTalvorFileIO::Install(&b), &a);
+    EXPECT_EQ(CTalvorFileIO::Install(nullptr), &b);
+    EXPECT_EQ(CTalvorFileIO::Current(), pPlain) << "null restores the plain layer";
+}
+
+TEST_F(FileIOTest, CloseFileClosesTheDescriptorAndNullsTheHandle)
+{
+    int fd = open(m_strPath.c_str(), O_RDWR);
+    ASSERT_GE(fd, 0);
+    void* hFile = Talvor_MakeFileHandle(fd);
+    ASSERT_NE(hFile, nullptr);
+    EXPECT_EQ(Talvor_FileDescriptor(hFile), fd);
+    Talvor_CloseFile(hFile);
+    EXPECT_EQ(hFile, nullptr);
+    errno = 0;
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "descriptor still open";
+    EXPECT_EQ(errno, EBADF);
+
+    void* hNone = nullptr;
+    Talvor_CloseFile(hNone); // nothing to do
+    EXPECT_EQ(hNone, nullptr);
+    EXPECT_EQ(Talvor_FileDescriptor(nullptr), -1);
+}
+
+// --- The append file ---------------------------------------------------------------------
+
+// Pieces below, at and above the buffer's size, in an order that crosses its
+// edge at every place: each byte must land once, in order, also when every
+// transfer is cut short and interrupted.
+TEST_F(FileIOTest, AppendFileKeepsEveryPieceInOrderAcrossItsBuffer)
+{
+    std::string strPath = m_tree.Path("append");
+    std::string strExpect;
+    {
+        FaultFileIO io;
+        io.ChopTransfers(999, true);
+        ScopedFileIO scope(&io);
+        CTalvorAppendFile* pFile = CTalvorAppendFile::Create(strPath.c_str());
+        ASSERT_NE(pFile, nullptr);
+        unsigned nSeed = 1;
+        for (size_t nLen : {1u, 8190u, 1u, 1u, 8192u, 8193u, 3u, 20000u, 0u, 4096u, 4096u, 4095u}) {
+            std::vector<unsigned char> piece = Pattern(nLen, nSeed++);
+            ASSERT_TRUE(pFile->Append(piece.data(), piece.size()));
+            strExpect.append(piece.begin(), piece.end());
+            EXPECT_EQ((long long)strExpect.size(), pFile->Size());
+        }
+        ASSERT_TRUE(pFile->AppendFormat("%s:%d\r\n", "pid", 4321));
+        ASSERT_TRUE(pFile->AppendText("tail"));
+        strExpect += "pid:4321\r\ntail";
+        std::string strLong(3000, 'L');
+        ASSERT_TRUE(pFile->AppendFormat("<%s>", strLong.c_str())) << "longer than a formatted piece on the stack";
+        strExpect += "<" + strLong + ">";
+        ASSERT_TRUE(CTalvorAppendFile::Close(pFile));
+    }
+    std::string strFile = ReadWholeFile(strPath);
+    ASSERT_EQ(strExpect.size(), strFile.size());
+    EXPECT_TRUE(strFile == strExpect);
+}
+
+// An existing file is emptied, and an abandoned file drops what it buffered
+// and gives its descriptor back.
+TEST_F(FileIOTest, AppendFileEmptiesOnCreateAndAbandonDropsTheBuffer)
+{
+    CTalvorAppendFile* pFile = CTalvorAppendFile::Create(m_strPath.c_str());
+    ASSERT_NE(pFile, nullptr);
+    EXPECT_TRUE(FileBytes().empty()) << "the old content stayed";
+    int fd = pFile->Descriptor();
+    ASSERT_TRUE(pFile->AppendText("buffered only"));
+    CTalvorAppendFile::Abandon(pFile);
+    EXPECT_TRUE(FileBytes().empty());
+    errno = 0;
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "descriptor still open";
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(CTalvorAppendFile::Create((m_strPath + "/no/such/dir").c_str()), nullptr);
+}
+
+// A lost piece is told, and the next lands after its place, not in it: a
+// reader of the file finds every later line where its length says.
+TEST_F(FileIOTest, AppendFileTellsALostPieceAndKeepsTheNextInItsPlace)
+{
+    std::string strPath = m_tree.Path("lossy");
+    FaultFileIO io;
+    io.FailCall(FileOp::PWrite, 1, EIO);
+    ScopedFileIO scope(&io);
+    CTalvorAppendFile* pFile = CTalvorAppendFile::Create(strPath.c_str());
+    ASSERT_NE(pFile, nullptr);
+    std::string strLost(10000, 'x');
+    EXPECT_FALSE(pFile->Append(strLost.data(), strLost.size()));
+    ASSERT_TRUE(pFile->AppendText("tail"));
+    EXPECT_EQ(10004, pFile->Size());
+    ASSERT_TRUE(CTalvorAppendFile::Close(pFile));
+    std::string strFile = ReadWholeFile(strPath);
+    ASSERT_EQ(10004u, strFile.size());
+    EXPECT_EQ("tail", strFile.substr(10000));
+    EXPECT_EQ(std::string(10000, '\0'), strFile.substr(0, 10000));
+}
+
+// --- Directories and plain files --------------------------------------------------------
+
+class MakeDirTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_tree.Ok());
+        m_strRoot = m_tree.Root();
+    }
+    bool IsDir(const std::string& s)
+    {
+        struct stat st;
+        return stat(s.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    }
+    bool Exists(const std::string& s) { return PathExists(s); }
+    TempTree m_tree{"mkdir"};
+    std::string m_strRoot;
+};
+
+TEST_F(MakeDirTest, MakesEveryDirectoryFollowedBySlash)
+{
+    EXPECT_EQ(MakeDir((m_strRoot + "/a/b/").c_str()), 1);
+    EXPECT_TRUE(IsDir(m_strRoot + "/a"));
+    EXPECT_TRUE(IsDir(m_strRoot + "/a/b"));
+
+    EXPECT_EQ(MakeDir((m_strRoot + "/c/d").c_str()), 1);
+    EXPECT_TRUE(IsDir(m_strRoot + "/c"));
+    EXPECT_FALSE(Exists(m_strRoot + "/c/d")) << "the last part of a file's path is not made";
+
+    EXPECT_EQ(MakeDir((m_strRoot + "/a/b/").c_str()), 1) << "an existing path";
+    EXPECT_EQ(MakeDir(nullptr), 0);
+    EXPECT_EQ(MakeDir(""), 0);
+}
+
+// The memory backend's paths may carry a backslash as a separator; the
+// directory is made with a "/" in its place.
+TEST_F(MakeDirTest, BackslashSeparatesOnlyWhenAsked)
+{
+    EXPECT_EQ(MakeDirs((m_strRoot + "/e\\f/g.dbf").c_str(), 256, TRUE), 1);
+    EXPECT_TRUE(IsDir(m_strRoot + "/e"));
+    EXPECT_TRUE(IsDir(m_strRoot + "/e/f"));
+    EXPECT_EQ(MakeDirs((m_strRoot + "/h\\i/j.dbf").c_str(), MAX_PATH, FALSE), 1);
+    EXPECT_TRUE(IsDir(m_strRoot + "/h\\i")) << "without the flag a backslash is part of the name";
+    EXPECT_FALSE(Exists(m_strRoot + "/h"));
+}
+
+// Stack garbage full of '/' where a short path's buffer will lie: a path
+// shorter than the first separator that counts must not be scanned past
+// its end.
+__attribute__((noinline)) void PoisonStack()
+{
+    volatile char sz[8192];
+    for (size_t i = 0; i < sizeof(sz); i++) sz[i] = '/';
+}
+
+TEST_F(MakeDirTest, ShortPathMakesNothingAndReadsNoGarbage)
+{
+    char szOld[PATH_MAX];
+    ASSERT_NE(getcwd(szOld, sizeof(szOld)), nullptr);
+    ASSERT_EQ(chdir(m_strRoot.c_str()), 0);
+    PoisonStack();
+    int rc = MakeDir("zz");
+    PoisonStack();
+    int rc2 = MakeDir("q/");
+    EXPECT_EQ(chdir(szOld), 0);
+    EXPECT_EQ(rc, 1);
+    EXPECT_EQ(rc2, 1);
+    // Separators below index 4 are passed over, and nothing past the end of
+    // the text may be scanned: neither path makes a directory.
+    EXPECT_FALSE(Exists(m_strRoot + "/zz"));
+    EXPECT_FALSE(Exists(m_strRoot + "/q"));
+}
+
+TEST_F(MakeDirTest, DeleteFileAndFileSize)
+{
+    std::string strFile = m_strRoot + "/f.bin";
+    FILE* pFile = fopen(strFile.c_str(), "w+b");
+    ASSERT_NE(pFile, nullptr);
+    std::vector<char> data(1234, 'x');
+    ASSERT_EQ(fwrite(data.data(), 1, data.size(), pFile), data.size());
+    fflush(pFile);
+    ASSERT_EQ(fseek(pFile, 10, SEEK_SET), 0);
+    EXPECT_EQ(GetFileSize(pFile, nullptr), 1234u);
+    EXPECT_EQ(ftell(pFile), 10) << "the position is given back";
+    fclose(pFile);
+    EXPECT_EQ(GetFileSize(nullptr, nullptr), 0u);
+    EXPECT_EQ(DeleteFile(strFile.c_str()), TRUE);
+    EXPECT_EQ(DeleteFile(strFile.c_str()), FALSE);
+}
+
+TEST(AlignedBuffer, IsAlignedForDirectTransfers)
+{
+    for (size_t n : {512u, 4096u, 65536u}) {
+        void* p = get_aligned_buffer(n);
+        ASSERT_NE(p, nullptr);
+        EXPECT_EQ((uintptr_t)p % 512, 0u);
+        memset(p, 0, n);
+        free(p);
+    }
+}
+
+} // namespace

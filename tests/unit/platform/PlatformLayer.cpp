@@ -1,0 +1,938 @@
+// Platform floor: latches and their per-thread record, guards, waits, events,
+// thread liveness, SysV segments, directory making and the time shims.
+//
+// Every test that could hang on a fault (a lost wake-up, a latch left taken)
+// waits against a deadline and fails instead; where a worker may be stuck in
+// sem_wait the test posts the latch's semaphore to free it before joining.
+#include "LinuxCommonAPI.h"
+#include "ShareMemory.h"
+#include "TestClock.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstring>
+#include <ctime>
+#include <new>
+#include <string>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+using namespace talvortest;
+
+namespace {
+
+int SemValue(LPTALVOR_SECTION lp)
+{
+    int n = -1;
+    sem_getvalue(&lp->m_hEvent, &n);
+    return n;
+}
+
+// A latch that is initialised and destroyed with the fixture.
+class LatchTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        for (auto& l : m_arLatch) InitializeCriticalTalvor(&l);
+        InitThreadCritSection(&m_cs);
+    }
+    void TearDown() override
+    {
+        for (auto& l : m_arLatch) DeleteCriticalTalvor(&l);
+    }
+    bool IsFree(const TALVOR_SECTION& l) { return l.m_nLockFlag == 0 && l.m_nThreadID == TALVOR_NO_OWNER; }
+
+    // True when another thread can take and give back the latch within 2 s.
+    bool OtherThreadCanTake(LPTALVOR_SECTION lp)
+    {
+        std::atomic<bool> bTaken{false};
+        std::thread th([&] {
+            TALVORCRITICALSECTION cs;
+            InitThreadCritSection(&cs);
+            CTalvorCriticalSectionPtr guard(lp, &cs);
+            bTaken = true;
+        });
+        bool bOk = WaitUntil([&] { return bTaken.load(); }, 2000);
+        if (!bOk) {
+            // Free the stuck thread so the test can end: hand it the latch.
+            lp->m_nRecursionCount = 0;
+            LeaveCriticalTalvor(lp);
+            sem_post(&lp->m_hEvent);
+        }
+        th.join();
+        return bOk;
+    }
+
+    TALVOR_SECTION m_arLatch[22];
+    TALVORCRITICALSECTION m_cs;
+};
+
+// Guards made without destruction, as after a longjmp out of their frames.
+struct AbandonedGuards {
+    alignas(CTalvorCriticalSectionPtr) unsigned char m_arStore[22][sizeof(CTalvorCriticalSectionPtr)];
+    int m_nCount = 0;
+    void Take(LPTALVOR_SECTION lp, LPTALVORCRITICALSECTION cs)
+    {
+        new (m_arStore[m_nCount++]) CTalvorCriticalSectionPtr(lp, cs);
+    }
+};
+
+TEST_F(LatchTest, NestedGuardsCountRecursionAndSlotsThenFreeTheLatch)
+{
+    LPTALVOR_SECTION lp = &m_arLatch[0];
+    {
+        CTalvorCriticalSectionPtr g1(lp, &m_cs);
+        EXPECT_EQ(lp->m_nThreadID, (UINT)m_cs.m_nThreadID);
+        {
+            CTalvorCriticalSectionPtr g2(lp, &m_cs);
+            EXPECT_EQ(lp->m_nRecursionCount, 1);
+            EXPECT_EQ(m_cs.m_nCritPos, 2);
+            EXPECT_EQ(m_cs.m_pCritStack[0], lp);
+            EXPECT_EQ(m_cs.m_pCritStack[1], lp);
+        }
+        EXPECT_EQ(lp->m_nRecursionCount, 0);
+        EXPECT_EQ(lp->m_nLockFlag, 1) << "inner guard must not free a latch the outer one holds";
+        EXPECT_EQ(m_cs.m_nCritPos, 1);
+        EXPECT_EQ(m_cs.m_pCritStack[1], nullptr);
+    }
+    EXPECT_TRUE(IsFree(*lp));
+    EXPECT_EQ(m_cs.m_nCritPos, 0);
+    EXPECT_EQ(m_cs.m_pCritStack[0], nullptr);
+    EXPECT_TRUE(OtherThreadCanTake(lp));
+}
+
+TEST_F(LatchTest, UnLockReleasesOnceAndDestructorDoesNothingMore)
+{
+    LPTALVOR_SECTION lp = &m_arLatch[0];
+    CTalvorCriticalSectionPtr outer(lp, &m_cs);
+    {
+        CTalvorCriticalSectionPtr inner(lp, &m_cs);
+        inner.UnLock();
+        EXPECT_EQ(lp->m_nRecursionCount, 0);
+        EXPECT_EQ(m_cs.m_nCritPos, 1);
+        inner.UnLock();
+    }
+    // A second release by the inner guard would have freed the outer's hold.
+    EXPECT_EQ(lp->m_nLockFlag, 1);
+    EXPECT_EQ(lp->m_nThreadID, (UINT)m_cs.m_nThreadID);
+    outer.UnLock();
+    EXPECT_TRUE(IsFree(*lp));
+}
+
+TEST_F(LatchTest, CrashReleaseGivesBackEveryRecordedLatch)
+{
+    AbandonedGuards guards;
+    guards.Take(&m_arLatch[0], &m_cs);
+    guards.Take(&m_arLatch[1], &m_cs);
+    guards.Take(&m_arLatch[1], &m_cs); // taken twice: given back twice
+    ASSERT_EQ(m_cs.m_nCritPos, 3);
+    ASSERT_EQ(m_arLatch[1].m_nRecursionCount, 1);
+
+    TalvorCriticalRelease(&m_cs);
+
+    EXPECT_TRUE(IsFree(m_arLatch[0]));
+    EXPECT_TRUE(IsFree(m_arLatch[1]));
+    EXPECT_EQ(m_arLatch[1].m_nRecursionCount, 0);
+    for (auto* p : m_cs.m_pCritStack) EXPECT_EQ(p, nullptr);
+    EXPECT_EQ(m_cs.m_nCritPos, 3) << "the record's position is left as it was";
+    EXPECT_TRUE(OtherThreadCanTake(&m_arLatch[0]));
+    EXPECT_TRUE(OtherThreadCanTake(&m_arLatch[1]));
+    TalvorCriticalRelease(nullptr);
+}
+
+TEST_F(LatchTest, TwentyFirstGuardHoldsItsLatchUnrecorded)
+{
+    AbandonedGuards guards;
+    for (int i = 0; i < 21; i++) guards.Take(&m_arLatch[i], &m_cs);
+    EXPECT_EQ(m_cs.m_nCritPos, 20);
+    EXPECT_EQ(m_arLatch[20].m_nLockFlag, 1);
+    for (int i = 0; i < 20; i++) EXPECT_EQ(m_cs.m_pCritStack[i], &m_arLatch[i]);
+
+    TalvorCriticalRelease(&m_cs);
+    for (int i = 0; i < 20; i++) EXPECT_TRUE(IsFree(m_arLatch[i])) << "latch " << i;
+    EXPECT_EQ(m_arLatch[20].m_nLockFlag, 1) << "the unrecorded latch is beyond the crash release";
+    EXPECT_EQ(m_arLatch[20].m_nThreadID, (UINT)m_cs.m_nThreadID);
+    LeaveCriticalTalvor(&m_arLatch[20]);
+    EXPECT_TRUE(IsFree(m_arLatch[20]));
+}
+
+TEST_F(LatchTest, GuardedUnrecordedGuardStillReleasesOnScopeExit)
+{
+    AbandonedGuards guards;
+    for (int i = 0; i < 20; i++) guards.Take(&m_arLatch[i], &m_cs);
+    {
+        CTalvorCriticalSectionPtr g21(&m_arLatch[20], &m_cs);
+        EXPECT_EQ(m_arLatch[20].m_nLockFlag, 1);
+    }
+    EXPECT_TRUE(IsFree(m_arLatch[20]));
+    EXPECT_EQ(m_cs.m_nCritPos, 20) << "an unrecorded guard must not pop someone else's slot";
+    EXPECT_EQ(m_cs.m_pCritStack[19], &m_arLatch[19]);
+    TalvorCriticalRelease(&m_cs);
+}
+
+TEST_F(LatchTest, UncontendedPairsDoNotBankWakeUps)
+{
+    LPTALVOR_SECTION lp = &m_arLatch[0];
+    UINT nID = GetCurrentThreadId();
+    for (int i = 0; i < 1000; i++) {
+        EnterCriticalTalvor(lp, nID);
+        LeaveCriticalTalvor(lp);
+        EnterCriticalTalvor(lp);
+        LeaveCriticalTalvor(lp);
+        EnterCriticalTalvorEx(lp);
+        LeaveCriticalTalvor(lp);
+    }
+    EXPECT_EQ(SemValue(lp), 1);
+    EXPECT_TRUE(IsFree(*lp));
+    // A contended acquire after all that still works.
+    EnterCriticalTalvor(lp, nID);
+    std::atomic<bool> bTaken{false};
+    std::thread th([&] {
+        EnterCriticalTalvor(lp, GetCurrentThreadId());
+        bTaken = true;
+        LeaveCriticalTalvor(lp);
+    });
+    EXPECT_TRUE(WaitUntil([&] { return __atomic_load_n(&lp->m_nWaitedCount, __ATOMIC_SEQ_CST) > 0; }, 2000));
+    EXPECT_FALSE(bTaken.load());
+    LeaveCriticalTalvor(lp);
+    EXPECT_TRUE(WaitUntil([&] { return bTaken.load(); }, 2000));
+    if (!bTaken) sem_post(&lp->m_hEvent);
+    th.join();
+}
+
+// --- Contention ---------------------------------------------------------
+
+enum class Acquire { Owner, Plain, Spin };
+
+void Take(LPTALVOR_SECTION lp, Acquire how, UINT nID)
+{
+    switch (how) {
+    case Acquire::Owner: EnterCriticalTalvor(lp, nID); break;
+    case Acquire::Plain: EnterCriticalTalvor(lp); break;
+    case Acquire::Spin: EnterCriticalTalvorEx(lp); break;
+    }
+}
+
+class LatchContention : public LatchTest, public ::testing::WithParamInterface<Acquire> {};
+
+// A plain (non-atomic) read-modify-write under the latch: any overlap of two
+// holders loses increments. The counter is volatile so the compiler keeps
+// the read and the write apart.
+TEST_P(LatchContention, FourThreadsNeverOverlap)
+{
+    const int nThreads = 4, nLoops = 100000;
+    LPTALVOR_SECTION lp = &m_arLatch[0];
+    volatile long nCounter = 0;
+    std::atomic<int> nInside{0}, nOverlap{0};
+    std::atomic<int> nDone{0};
+    int nMaxSem = 0; // written under the latch
+    std::vector<std::thread> threads;
+    for (int t = 0; t < nThreads; t++) {
+        threads.emplace_back([&] {
+            UINT nID = GetCurrentThreadId();
+            for (int i = 0; i < nLoops; i++) {
+                Take(lp, GetParam(), nID);
+                if (nInside.fetch_add(1, std::memory_order_relaxed) != 0) nOverlap++;
+                nCounter = nCounter + 1;
+                if ((i & 255) == 0 && SemValue(lp) > nMaxSem) nMaxSem = SemValue(lp);
+                nInside.fetch_sub(1, std::memory_order_relaxed);
+                LeaveCriticalTalvor(lp);
+            }
+            nDone++;
+        });
+    }
+    bool bFinished = WaitUntil([&] { return nDone.load() == nThreads; }, 60000);
+    if (!bFinished) {
+        ADD_FAILURE() << "contention run did not finish: a waiter was never woken";
+        for (int i = 0; i < 1000; i++) sem_post(&lp->m_hEvent);
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(nCounter, (long)nThreads * nLoops);
+    EXPECT_EQ(nOverlap.load(), 0);
+    EXPECT_TRUE(IsFree(*lp));
+    EXPECT_EQ(lp->m_nWaitedCount, 0);
+    EXPECT_EQ(lp->m_nSpinCount, 0);
+    // Posts beyond the sleepers would let later waiters run through
+    // sem_wait without sleeping: the banked count must stay small, during
+    // the run as well as after it.
+    EXPECT_LE(nMaxSem, nThreads + 1);
+    EXPECT_LE(SemValue(lp), nThreads + 1);
+}
+
+// After a run that hammered the latch, a waiter behind a 200 ms holder must
+// sleep, not burn a core.
+TEST_P(LatchContention, WaiterSleepsAfterHeavyUse)
+{
+    LPTALVOR_SECTION lp = &m_arLatch[0];
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; t++) {
+        threads.emplace_back([&] {
+            UINT nID = GetCurrentThreadId();
+            for (int i = 0; i < 50000; i++) {
+                Take(lp, GetParam(), nID);
+                LeaveCriticalTalvor(lp);
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+
+    UINT nID = GetCurrentThreadId();
+    Take(lp, GetParam(), nID);
+    std::thread waiter([&] {
+        Take(lp, GetParam(), GetCurrentThreadId());
+        LeaveCriticalTalvor(lp);
+    });
+    // Counted as a waiter, it must sleep: over a 200 ms hold it may use next
+    // to no CPU. Measured on the waiter's own clock, so that a loaded machine
+    // that runs it late cannot make the test fail by chance.
+    ASSERT_TRUE(WaitUntil([&] { return __atomic_load_n(&lp->m_nWaitedCount, __ATOMIC_SEQ_CST) > 0; }, 10000));
+    clockid_t nClock;
+    ASSERT_EQ(0, pthread_getcpuclockid(waiter.native_handle(), &nClock));
+    struct timespec ts0, ts1;
+    clock_gettime(nClock, &ts0);
+    usleep(200000);
+    clock_gettime(nClock, &ts1);
+    LeaveCriticalTalvor(lp);
+    waiter.join();
+    long long nCpuUs = (ts1.tv_sec - ts0.tv_sec) * 1000000LL + (ts1.tv_nsec - ts0.tv_nsec) / 1000;
+    EXPECT_LT(nCpuUs, 20000) << "the waiter used " << nCpuUs << " us of CPU while it waited 200 ms";
+}
+
+// Strict hand-over: each round the waiter is counted asleep before the holder
+// lets go, so every round goes through the post-and-wake path.
+TEST_P(LatchContention, HandOverManyRoundsWithoutLostWakeUp)
+{
+    const int nRounds = 2000;
+    LPTALVOR_SECTION lp = &m_arLatch[0];
+    std::atomic<int> nHolderRound{-1}, nWaiterRound{-1};
+    std::atomic<bool> bStop{false};
+    std::thread waiter([&] {
+        UINT nID = GetCurrentThreadId();
+        for (int r = 0; r < nRounds && !bStop; r++) {
+            while (nHolderRound.load() < r && !bStop) sched_yield();
+            if (bStop) break;
+            Take(lp, GetParam(), nID);
+            nWaiterRound = r;
+            LeaveCriticalTalvor(lp);
+        }
+    });
+    UINT nID = GetCurrentThreadId();
+    bool bOk = true;
+    for (int r = 0; r < nRounds && bOk; r++) {
+        Take(lp, GetParam(), nID);
+        nHolderRound = r;
+        // Let the waiter get counted (for the spinning acquire this may not
+        // happen: it can spin through the short hold).
+        WaitUntil([&] { return __atomic_load_n(&lp->m_nWaitedCount, __ATOMIC_SEQ_CST) > 0 || nWaiterRound.load() >= r; }, 5);
+        LeaveCriticalTalvor(lp);
+        bOk = WaitUntil([&] { return nWaiterRound.load() >= r; }, 5000);
+    }
+    if (!bOk) {
+        ADD_FAILURE() << "waiter lost its wake-up at round " << nWaiterRound.load() + 1;
+        bStop = true;
+        sem_post(&lp->m_hEvent);
+    }
+    waiter.join();
+    EXPECT_EQ(nWaiterRound.load(), nRounds - 1);
+    EXPECT_TRUE(IsFree(*lp));
+}
+
+// The holder lets go at a varying moment while the waiter is on its way in:
+// before its test of the flag, between that test and its sleep, or while it
+// sleeps. Nobody comes after, so a missed wake-up strands the waiter.
+TEST_P(LatchContention, ReleaseAtAnyMomentNeverStrandsTheWaiter)
+{
+    const int nRounds = 10000;
+    LPTALVOR_SECTION lp = &m_arLatch[0];
+    std::atomic<int> nGo{-1}, nDone{-1};
+    std::atomic<bool> bStop{false};
+    std::thread waiter([&] {
+        UINT nID = GetCurrentThreadId();
+        for (int r = 0; r < nRounds && !bStop; r++) {
+            while (nGo.load() < r && !bStop) {
+            }
+            if (bStop) break;
+            Take(lp, GetParam(), nID);
+            nDone = r;
+            LeaveCriticalTalvor(lp);
+        }
+    });
+    UINT nID = GetCurrentThreadId();
+    bool bOk = true;
+    for (int r = 0; r < nRounds && bOk; r++) {
+        Take(lp, GetParam(), nID);
+        nGo = r;
+        for (volatile int i = 0, n = (r * 7919) % 3000; i < n; i++) {
+        }
+        LeaveCriticalTalvor(lp);
+        bOk = WaitUntil([&] { return nDone.load() >= r; }, 5000);
+    }
+    if (!bOk) {
+        ADD_FAILURE() << "waiter stranded at round " << nDone.load() + 1;
+        bStop = true;
+        sem_post(&lp->m_hEvent);
+    }
+    waiter.join();
+    EXPECT_EQ(nDone.load(), nRounds - 1);
+    EXPECT_TRUE(IsFree(*lp));
+}
+
+// Free-running ping-pong: two threads take turns through a shared variable
+// under the latch, always racing for it.
+TEST_P(LatchContention, PingPongFinishes)
+{
+    const int nRounds = 20000;
+    LPTALVOR_SECTION lp = &m_arLatch[0];
+    volatile int nTurn = 0;
+    std::atomic<int> nPassed{0};
+    std::atomic<bool> bStop{false};
+    auto player = [&](int me) {
+        UINT nID = GetCurrentThreadId();
+        int nMine = 0;
+        while (nMine < nRounds && !bStop) {
+            Take(lp, GetParam(), nID);
+            bool bMoved = false;
+            if (nTurn == me) {
+                nTurn = 1 - me;
+                nMine++;
+                nPassed++;
+                bMoved = true;
+            }
+            LeaveCriticalTalvor(lp);
+            // An unfair latch lets a thread that retakes at once starve a
+            // woken waiter; give the other side a chance as real callers do
+            // by working between holds.
+            if (!bMoved) sched_yield();
+        }
+    };
+    std::thread a(player, 0), b(player, 1);
+    bool bOk = WaitUntil([&] { return nPassed.load() == 2 * nRounds; }, 60000);
+    if (!bOk) {
+        ADD_FAILURE() << "ping-pong stalled after " << nPassed.load() << " passes";
+        bStop = true;
+        for (int i = 0; i < 100; i++) sem_post(&lp->m_hEvent);
+    }
+    a.join();
+    b.join();
+    EXPECT_TRUE(IsFree(*lp));
+    EXPECT_LE(SemValue(lp), 3);
+}
+
+INSTANTIATE_TEST_SUITE_P(AllAcquires, LatchContention,
+                         ::testing::Values(Acquire::Owner, Acquire::Plain, Acquire::Spin),
+                         [](const ::testing::TestParamInfo<Acquire>& info) {
+                             switch (info.param) {
+                             case Acquire::Owner: return std::string("Owner");
+                             case Acquire::Plain: return std::string("Plain");
+                             default: return std::string("Spin");
+                             }
+                         });
+
+TEST_F(LatchTest, RecursiveOwnerUnderContentionKeepsCount)
+{
+    LPTALVOR_SECTION lp = &m_arLatch[0];
+    volatile long nCounter = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; t++) {
+        threads.emplace_back([&] {
+            TALVORCRITICALSECTION cs;
+            InitThreadCritSection(&cs);
+            for (int i = 0; i < 20000; i++) {
+                CTalvorCriticalSectionPtr g1(lp, &cs);
+                CTalvorCriticalSectionPtr g2(lp, &cs);
+                nCounter = nCounter + 1;
+                g2.UnLock();
+                nCounter = nCounter + 1; // still held through g1
+            }
+            EXPECT_EQ(cs.m_nCritPos, 0);
+        });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(nCounter, 3L * 20000 * 2);
+    EXPECT_TRUE(IsFree(*lp));
+    EXPECT_EQ(lp->m_nRecursionCount, 0);
+}
+
+TEST(MutexGuard, RecursiveAndReleasedOnce)
+{
+    CRITICAL_SECTION cs;
+    InitializeCriticalSection(&cs);
+    {
+        CCriticalSectionPtr g1(&cs);
+        CCriticalSectionPtr g2(&cs); // recursive: must not deadlock
+        g2.UnLock();
+        g2.UnLock();
+        std::thread th([&] { EXPECT_EQ(pthread_mutex_trylock(&cs), EBUSY); });
+        th.join();
+    }
+    std::thread th([&] {
+        EXPECT_EQ(pthread_mutex_trylock(&cs), 0);
+        pthread_mutex_unlock(&cs);
+    });
+    th.join();
+    DeleteCriticalSection(&cs);
+}
+
+// --- Waits on semaphores ------------------------------------------------
+
+TEST(SemaphoreWait, NullHandleTimesOutWithoutWaiting)
+{
+    long long t0 = NowMs();
+    EXPECT_EQ(WaitForSingleObject((sem_t*)nullptr, 5000), WAIT_TIMEOUT);
+    long long dt = NowMs() - t0;
+    EXPECT_LT(dt, 500);
+    struct timespec a, b;
+    clock_gettime(CLOCK_MONOTONIC, &a);
+    WaitForSingleObject((sem_t*)nullptr, 10);
+    clock_gettime(CLOCK_MONOTONIC, &b);
+    long long us = (b.tv_sec - a.tv_sec) * 1000000LL + (b.tv_nsec - a.tv_nsec) / 1000;
+    EXPECT_GE(us, 900) << "a null handle with a time-out sleeps about 1 ms";
+    t0 = NowMs();
+    EXPECT_EQ(WaitForSingleObject((sem_t*)nullptr, 0), WAIT_TIMEOUT);
+    EXPECT_LT(NowMs() - t0, 50);
+}
+
+TEST(SemaphoreWait, TryWaitTimedWaitAndWake)
+{
+    EVENTTYPE ev = {};
+    InitEvent(ev);
+    EXPECT_EQ(WaitForSingleObject(&ev, 0), WAIT_TIMEOUT);
+    SetEvent(&ev);
+    EXPECT_EQ(WaitForSingleObject(&ev, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(&ev, 0), WAIT_TIMEOUT);
+    SetEvent(ev);
+    EXPECT_EQ(WaitForSingleObject(ev, 0), WAIT_OBJECT_0);
+
+    long long t0 = NowMs();
+    EXPECT_EQ(WaitForSingleObject(&ev, 120), WAIT_TIMEOUT);
+    long long dt = NowMs() - t0;
+    EXPECT_GE(dt, 110);
+    EXPECT_LT(dt, 1000);
+
+    // A time-out that crosses a second boundary in microseconds.
+    t0 = NowMs();
+    EXPECT_EQ(WaitForSingleObject(ev, 1999), WAIT_TIMEOUT);
+    dt = NowMs() - t0;
+    EXPECT_GE(dt, 1950);
+    EXPECT_LT(dt, 3000);
+
+    std::thread poster([&] {
+        usleep(50000);
+        SetEvent(&ev);
+    });
+    t0 = NowMs();
+    EXPECT_EQ(WaitForSingleObject(&ev, 5000), WAIT_OBJECT_0);
+    EXPECT_LT(NowMs() - t0, 2000);
+    poster.join();
+    SetEvent((sem_t*)nullptr); // no-op
+    FreeEvent(ev);
+}
+
+TEST(TimeArithmetic, TimeraddMSCarriesIntoSeconds)
+{
+    struct timeval tv = {100, 999000};
+    TimeraddMS(&tv, 1);
+    EXPECT_EQ(tv.tv_sec, 101);
+    EXPECT_EQ(tv.tv_usec, 0);
+    tv = {100, 999999};
+    TimeraddMS(&tv, 2500);
+    EXPECT_EQ(tv.tv_sec, 103);
+    EXPECT_EQ(tv.tv_usec, 499999);
+    tv = {5, 0};
+    TimeraddMS(&tv, 4294967);
+    EXPECT_EQ(tv.tv_sec, 5 + 4294);
+    EXPECT_EQ(tv.tv_usec, 967000);
+}
+
+// --- Thread liveness ----------------------------------------------------
+
+struct Gate {
+    sem_t m_sem;
+    std::atomic<bool> m_bEnded{false};
+    Gate() { sem_init(&m_sem, 0, 0); }
+    ~Gate() { sem_destroy(&m_sem); }
+};
+
+void* WaitOnGate(void* p)
+{
+    Gate* g = (Gate*)p;
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    ts.tv_sec += 30; // bounded: a failing test never leaves it forever
+    sem_timedwait(&g->m_sem, &ts);
+    g->m_bEnded = true;
+    return nullptr;
+}
+
+void* EndAtOnce(void*) { return nullptr; }
+
+void* EndAfter100ms(void* p)
+{
+    usleep(100000);
+    ((std::atomic<bool>*)p)->store(true);
+    return nullptr;
+}
+
+TEST(ThreadWait, EndedJoinableThreadIsSeenGone)
+{
+    HTHREADTYPE th = 0;
+    ASSERT_EQ(CreateJoinableThread(&th, EndAtOnce, nullptr), 0);
+    ASSERT_NE(th, (HTHREADTYPE)0);
+    usleep(50000);
+    // Ended but not joined: the signal probe alone would call it alive.
+    long long t0 = NowMs();
+    EXPECT_EQ(WaitForSingleObject(th, 2000), WAIT_OBJECT_0);
+    EXPECT_LT(NowMs() - t0, 1000);
+    EXPECT_FALSE(IsThreadAlive(th));
+    EXPECT_EQ(TalvorWaitForSingleThread(th, 1000), WAIT_OBJECT_0);
+}
+
+TEST(ThreadWait, LiveThreadTimesOutThenEnds)
+{
+    Gate gate;
+    HTHREADTYPE th = 0;
+    ASSERT_EQ(CreateJoinableThread(&th, WaitOnGate, &gate), 0);
+    long long t0 = NowMs();
+    EXPECT_EQ(WaitForSingleObject(th, 80), WAIT_TIMEOUT);
+    long long dt = NowMs() - t0;
+    EXPECT_GE(dt, 80);
+    EXPECT_LT(dt, 1000);
+    EXPECT_TRUE(IsThreadAlive(th));
+    sem_post(&gate.m_sem);
+    EXPECT_EQ(WaitForSingleObject(th, 5000), WAIT_OBJECT_0);
+    EXPECT_TRUE(gate.m_bEnded.load());
+    EXPECT_EQ(TalvorWaitForSingleThread(th, 5000), WAIT_OBJECT_0);
+}
+
+// A contained thread leaves by pthread_exit after a fault; it must still be
+// seen gone, or the stop would wait on it until its time-out.
+void* ExitByPthreadExit(void*)
+{
+    pthread_exit(nullptr);
+}
+
+TEST(ThreadWait, ThreadLeavingByPthreadExitIsSeenGone)
+{
+    HTHREADTYPE th = 0;
+    ASSERT_EQ(CreateJoinableThread(&th, ExitByPthreadExit, nullptr), 0);
+    EXPECT_EQ(WaitForSingleObject(th, 2000), WAIT_OBJECT_0);
+    EXPECT_FALSE(IsThreadAlive(th));
+    EXPECT_EQ(TalvorWaitForSingleThread(th, 1000), WAIT_OBJECT_0);
+}
+
+TEST(ThreadWait, NullHandleFails)
+{
+    HTHREADTYPE th = 0;
+    long long t0 = NowMs();
+    EXPECT_EQ(WaitForSingleObject(th, 5000), WAIT_FAILED);
+    EXPECT_LT(NowMs() - t0, 500);
+    EXPECT_EQ(WaitForSingleObject(th, 0), WAIT_FAILED);
+    EXPECT_FALSE(IsThreadAlive(th));
+}
+
+TEST(ThreadWait, DetachedThreadOfOursIsSeenGone)
+{
+    std::atomic<bool> bEnded{false};
+    volatile HTHREADTYPE th = 0;
+    UINT nId = 0;
+    ASSERT_EQ(CreateThreadAllPlateForm(&th, EndAfter100ms, &bEnded, nId, "EndAfter100ms"), 0);
+    HTHREADTYPE h = th;
+    ASSERT_NE(h, (HTHREADTYPE)0);
+    EXPECT_EQ(WaitForSingleObject(h, 5000), WAIT_OBJECT_0);
+    EXPECT_TRUE(bEnded.load());
+    CloseThreadHandle(h);
+    EXPECT_EQ(h, (HTHREADTYPE)0);
+}
+
+// Threads that end at once and reuse the heap at once: each must still be
+// recorded under its own handle, or its end is never seen. More threads
+// than the registry has slots, so ended slots must be reused.
+void* EndAndChurnHeap(void*)
+{
+    void* ar[8];
+    for (auto& p : ar) {
+        p = malloc(24);
+        if (p != nullptr) memset(p, 0xFF, 24);
+    }
+    for (auto* p : ar) free(p);
+    return nullptr;
+}
+
+TEST(ThreadWait, ManyShortThreadsAreEachSeenGone)
+{
+    int nTimedOut = 0;
+    for (int i = 0; i < 1100; i++) {
+        HTHREADTYPE th = 0;
+        ASSERT_EQ(CreateJoinableThread(&th, EndAndChurnHeap, nullptr), 0) << "thread " << i;
+        if (WaitForSingleObject(th, 2000) != WAIT_OBJECT_0) nTimedOut++;
+        ASSERT_EQ(TalvorWaitForSingleThread(th, 2000), WAIT_OBJECT_0);
+        if (nTimedOut > 0) break;
+    }
+    EXPECT_EQ(nTimedOut, 0);
+}
+
+TEST(ThreadWait, MultipleObjectsZeroesGoneHandles)
+{
+    HTHREADTYPE arTh[3] = {0, 0, 0};
+    ASSERT_EQ(CreateJoinableThread(&arTh[0], EndAtOnce, nullptr), 0);
+    ASSERT_EQ(CreateJoinableThread(&arTh[2], EndAtOnce, nullptr), 0);
+    HTHREADTYPE arKeep[3] = {arTh[0], arTh[1], arTh[2]};
+    EXPECT_EQ(WaitForMultipleObjects(3, arTh, TRUE, 5000), WAIT_OBJECT_0);
+    EXPECT_EQ(arTh[0], (HTHREADTYPE)0);
+    EXPECT_EQ(arTh[2], (HTHREADTYPE)0);
+    EXPECT_EQ(TalvorWaitForSingleThread(arKeep[0], 1000), WAIT_OBJECT_0);
+    EXPECT_EQ(TalvorWaitForSingleThread(arKeep[2], 1000), WAIT_OBJECT_0);
+
+    // One live, one gone: the live one times the wait out and keeps its handle.
+    Gate gate;
+    HTHREADTYPE arMix[2] = {0, 0};
+    ASSERT_EQ(CreateJoinableThread(&arMix[0], EndAtOnce, nullptr), 0);
+    ASSERT_EQ(CreateJoinableThread(&arMix[1], WaitOnGate, &gate), 0);
+    HTHREADTYPE hLive = arMix[1], hGone = arMix[0];
+    usleep(50000);
+    long long t0 = NowMs();
+    EXPECT_EQ(WaitForMultipleObjects(2, arMix, FALSE, 60), WAIT_TIMEOUT);
+    EXPECT_GE(NowMs() - t0, 60);
+    EXPECT_EQ(arMix[0], (HTHREADTYPE)0);
+    EXPECT_EQ(arMix[1], hLive);
+    sem_post(&gate.m_sem);
+    EXPECT_EQ(TalvorWaitForSingleThread(hLive, 5000), WAIT_OBJECT_0);
+    EXPECT_EQ(TalvorWaitForSingleThread(hGone, 1000), WAIT_OBJECT_0);
+}
+
+TEST(ThreadWait, TimedJoinWaitsForTheEnd)
+{
+    std::atomic<bool> bEnded{false};
+    HTHREADTYPE th = 0;
+    ASSERT_EQ(CreateJoinableThread(&th, EndAfter100ms, &bEnded), 0);
+    long long t0 = NowMs();
+    EXPECT_EQ(TalvorWaitForSingleThread(th, 5000), WAIT_OBJECT_0);
+    EXPECT_TRUE(bEnded.load());
+    EXPECT_GE(NowMs() - t0, 80);
+
+    Gate gate;
+    ASSERT_EQ(CreateJoinableThread(&th, WaitOnGate, &gate), 0);
+    t0 = NowMs();
+    EXPECT_EQ(TalvorWaitForSingleThread(th, 60), WAIT_TIMEOUT);
+    EXPECT_GE(NowMs() - t0, 50);
+    sem_post(&gate.m_sem);
+    EXPECT_EQ(TalvorWaitForSingleThread(th, 5000), WAIT_OBJECT_0);
+    EXPECT_TRUE(gate.m_bEnded.load());
+}
+
+TEST(ThreadWait, TimedJoinOfManyUsesOneDeadline)
+{
+    Gate g1, g2;
+    HTHREADTYPE arTh[2] = {0, 0};
+    ASSERT_EQ(CreateJoinableThread(&arTh[0], WaitOnGate, &g1), 0);
+    ASSERT_EQ(CreateJoinableThread(&arTh[1], WaitOnGate, &g2), 0);
+    HTHREADTYPE arKeep[2] = {arTh[0], arTh[1]};
+    long long t0 = NowMs();
+    EXPECT_EQ(TalvorWaitForMultipleThread(2, arTh, TRUE, 100), WAIT_TIMEOUT);
+    long long dt = NowMs() - t0;
+    EXPECT_GE(dt, 90);
+    EXPECT_LT(dt, 180) << "the deadline is shared, not renewed for each thread";
+    sem_post(&g1.m_sem);
+    sem_post(&g2.m_sem);
+    HTHREADTYPE arAgain[2] = {arKeep[0], arKeep[1]};
+    EXPECT_EQ(TalvorWaitForMultipleThread(2, arAgain, TRUE, 5000), WAIT_OBJECT_0);
+    EXPECT_TRUE(g1.m_bEnded.load());
+    EXPECT_TRUE(g2.m_bEnded.load());
+}
+
+// --- Named events -------------------------------------------------------
+
+TEST(NamedEvent, FreshNameStartsSignalledAndKeepsItsName)
+{
+    const char* szName = "Global\\TalvorUnitTestEvent";
+    sem_unlink(szName);
+    int nSec = 0;
+    EXPECT_EQ(InitializeSecurityDescriptor(&nSec, 1), 1);
+    EXPECT_EQ(SetSecurityDescriptorDacl(&nSec, 1, nullptr, 0), 1);
+    HEVENTTYPE h = CreateEventSem(nullptr, szName);
+    ASSERT_TRUE(CreateEventSemSuccess(h));
+    struct stat st;
+    EXPECT_EQ(stat("/dev/shm/sem.Global\\TalvorUnitTestEvent", &st), 0) << "the name is used as given, backslash and all";
+    EXPECT_EQ(st.st_mode & 0777, 0644u);
+    EXPECT_EQ(WaitForSingleObject(h, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(h, 50), WAIT_TIMEOUT);
+
+    SetEvent(h);
+    SetEvent(h);
+    CloseEvent(h);
+    EXPECT_EQ(h, nullptr);
+    CloseEvent(h); // null: nothing
+
+    // The named object outlives the handle, and its count with it.
+    HEVENTTYPE h2 = CreateEventSem(nullptr, szName);
+    ASSERT_NE(h2, nullptr);
+    EXPECT_EQ(WaitForSingleObject(h2, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(h2, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(h2, 0), WAIT_TIMEOUT);
+    CloseEvent(h2);
+    sem_unlink(szName);
+    EXPECT_FALSE(CreateEventSemSuccess(nullptr));
+}
+
+// --- Shared memory ------------------------------------------------------
+
+class SharedMemoryTest : public ::testing::Test {
+protected:
+    static constexpr key_t kKey = 0x54535431; // "TST1"
+    void TearDown() override
+    {
+        int nId = shmget(kKey, 0, 0);
+        if (nId != -1) shmctl(nId, IPC_RMID, nullptr);
+    }
+};
+
+TEST_F(SharedMemoryTest, CreateTwiceFindsTheSameSegment)
+{
+    BOOL bExists = 7;
+    MFID nId = CShareMemory::CreateShareMemory(kKey, 8192, "Global\\Test", bExists);
+    // Id 0 is the first id of a fresh namespace and means "no segment".
+    ASSERT_GT(nId, 0);
+    EXPECT_EQ(bExists, FALSE);
+    EXPECT_TRUE(CShareMemory::ShareMemoryExsist(nId));
+    EXPECT_TRUE(CShareMemory::GetShareMemorySuccess(nId));
+
+    BOOL bExists2 = 7;
+    EXPECT_EQ(CShareMemory::CreateShareMemory(kKey, 8192, "Global\\Test", bExists2), nId);
+    EXPECT_EQ(bExists2, TRUE);
+    bExists2 = 7;
+    EXPECT_EQ(CShareMemory::CreateShareMemory(kKey, 4096, nullptr, bExists2), nId);
+    EXPECT_EQ(bExists2, TRUE);
+
+    errno = 0;
+    BOOL bExists3 = 7;
+    EXPECT_EQ(CShareMemory::CreateShareMemory(kKey, 16384, nullptr, bExists3), 0);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(CShareMemory::ShareMemorySize(nId), 8192u);
+    EXPECT_EQ(CShareMemory::OpenShareMemory(kKey, nullptr), nId);
+}
+
+TEST_F(SharedMemoryTest, AttachDetachAndSurviveClose)
+{
+    BOOL bExists = 0;
+    MFID nId = CShareMemory::CreateShareMemory(kKey, 4096, nullptr, bExists);
+    ASSERT_GT(nId, 0);
+    LPBYTE p1 = (LPBYTE)CShareMemory::ShMemAttach(nId, nullptr, 0);
+    LPBYTE p2 = (LPBYTE)CShareMemory::ShMemAttach(nId, nullptr, 0);
+    ASSERT_NE(p1, nullptr);
+    ASSERT_NE(p2, nullptr);
+    EXPECT_EQ(p1[4095], 0) << "a new segment is zero-filled";
+    memcpy(p1 + 100, "QNSM", 4);
+    EXPECT_EQ(memcmp(p2 + 100, "QNSM", 4), 0);
+    EXPECT_TRUE(CShareMemory::ShMemDetach(p1));
+    EXPECT_EQ(p1, nullptr);
+    EXPECT_TRUE(CShareMemory::ShMemDetach(p2));
+    LPBYTE pBad = nullptr;
+    EXPECT_FALSE(CShareMemory::ShMemDetach(pBad));
+    EXPECT_EQ(CShareMemory::ShMemAttach(nId + 1000000, nullptr, 0), nullptr);
+
+    MFID nCopy = nId;
+    EXPECT_TRUE(CShareMemory::CloseShareMemory(nCopy));
+    EXPECT_EQ(nCopy, 0);
+    // Closing forgets the id only: the data is still there for the peer.
+    MFID nAgain = CShareMemory::OpenShareMemory(kKey, nullptr);
+    ASSERT_EQ(nAgain, nId);
+    LPBYTE p3 = (LPBYTE)CShareMemory::ShMemAttach(nAgain, nullptr, SHM_RDONLY);
+    ASSERT_NE(p3, nullptr);
+    EXPECT_EQ(memcmp(p3 + 100, "QNSM", 4), 0);
+    CShareMemory::ShMemDetach(p3);
+}
+
+TEST_F(SharedMemoryTest, DestroyRemovesAndZeroesTheId)
+{
+    BOOL bExists = 0;
+    MFID nId = CShareMemory::CreateShareMemory(kKey, 4096, nullptr, bExists);
+    ASSERT_GT(nId, 0);
+    EXPECT_TRUE(CShareMemory::DestoryShareMemory(nId));
+    EXPECT_EQ(nId, 0);
+    EXPECT_EQ(CShareMemory::OpenShareMemory(kKey, nullptr), -1);
+    EXPECT_FALSE(CShareMemory::ShareMemoryExsist(nId));
+
+    MFID nBad = 0x7FFF0000;
+    long long t0 = NowMs();
+    EXPECT_FALSE(CShareMemory::DestoryShareMemory(nBad));
+    EXPECT_EQ(nBad, 0);
+    EXPECT_GE(NowMs() - t0, 9) << "a failed removal is tried once more after 10 ms";
+
+    // After removal the key is free again: a new segment, to be initialised.
+    bExists = 7;
+    MFID nNew = CShareMemory::CreateShareMemory(kKey, 4096, nullptr, bExists);
+    EXPECT_GT(nNew, 0);
+    EXPECT_EQ(bExists, FALSE);
+}
+
+// --- Time and process shims --------------------------------------------
+
+TEST(TimeShims, FileTimeMatchesWallClock)
+{
+    time_t t0 = time(nullptr);
+    FILETIME ft;
+    GetSystemTimeAsFileTime(&ft);
+    time_t t1 = time(nullptr);
+    long long nTicks = FileTimeToInt64(ft);
+    long long nLow = ((long long)t0 + 11644473600LL) * 10000000LL;
+    // time() reads the coarse clock, which may lag gettimeofday by a tick.
+    long long nHigh = ((long long)t1 + 2 + 11644473600LL) * 10000000LL;
+    EXPECT_GE(nTicks, nLow);
+    EXPECT_LT(nTicks, nHigh);
+    EXPECT_NE(ft.dwHighDateTime, 0u);
+
+    LARGE_INTEGER li;
+    EXPECT_TRUE(QueryPerformanceCounter(&li));
+    EXPECT_NEAR((double)li.QuadPart / 1e6, (double)time(nullptr), 2.0);
+}
+
+TEST(TimeShims, LocalTimeFieldsMatchLocaltime)
+{
+    for (int nTry = 0; nTry < 5; nTry++) {
+        time_t t0 = time(nullptr);
+        SYSTEMTIME st;
+        memset(&st, 0xEE, sizeof(st));
+        GetLocalTime(&st);
+        time_t t1 = time(nullptr);
+        if (t0 != t1) continue; // a second boundary passed: ask again
+        struct tm tmRef;
+        localtime_r(&t0, &tmRef);
+        EXPECT_EQ(st.wYear, tmRef.tm_year + 1900);
+        EXPECT_EQ(st.wMonth, tmRef.tm_mon + 1);
+        EXPECT_EQ(st.wDay, tmRef.tm_mday);
+        EXPECT_EQ(st.wHour, tmRef.tm_hour);
+        EXPECT_EQ(st.wMinute, tmRef.tm_min);
+        EXPECT_EQ(st.wSecond, tmRef.tm_sec);
+        EXPECT_LT(st.wMilliseconds, 1000);
+        return;
+    }
+    FAIL() << "clock kept crossing second boundaries";
+}
+
+TEST(ProcessShims, ModuleFileNameAndSleep)
+{
+    char sz[PATH_MAX];
+    EXPECT_EQ(GetModuleFileName(nullptr, sz, sizeof(sz)), 0);
+    std::string s(sz);
+    EXPECT_NE(s.find("unit_PlatformLayer"), std::string::npos) << s;
+    char szShort[6];
+    memset(szShort, 'z', sizeof(szShort));
+    GetModuleFileName(nullptr, szShort, sizeof(szShort));
+    EXPECT_LT(strnlen(szShort, sizeof(szShort)), sizeof(szShort)) << "a truncated name is still terminated";
+
+    long long t0 = NowMs();
+    Sleep(30);
+    EXPECT_GE(NowMs() - t0, 29);
+    errno = ENOENT;
+    EXPECT_EQ(GetLastError(), ENOENT);
+    EXPECT_EQ(GetCurrentThreadId(), (UINT)getpid()) << "the main thread's kernel id is the process id";
+}
+
+} // namespace

@@ -1,0 +1,161 @@
+// RedoLogFixture.h — what the unit tests of the redo object share: a
+// private ring, real group files in a fresh directory, the engine's records
+// and an archiver played by the test.
+#pragma once
+
+#include "LogManager.h"
+#include "TalvorRedoLog.h"
+#include "TempTree.h"
+#include "TestFiles.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace talvortest {
+
+const int RING_HEAD = (int)sizeof(FILE_TRACEMEMFILEHEAD);
+
+class RedoFixture : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_tree.Ok());
+        m_strDir = m_tree.Dir();
+        m_pHead = (LPSYSTEMFILEHEAD)calloc(1, sizeof(SYSTEMFILEHEAD));
+        m_pHead->m_usDatabaseGuid = 0x4321;
+        m_pHead->m_nWriteRedoOnlineGroups = 3;
+        m_pHead->m_nWriteRedoMaxSize = 4096;
+        m_pHead->m_nWriteUndoDelayTime = 1;
+        InitThreadCritSection(&m_stCrit);
+    }
+
+    void TearDown() override
+    {
+        delete m_pRedo;
+        free(m_pHead);
+        free(m_pRing);
+    }
+
+    void MakeRing(int nDataSize)
+    {
+        m_nRingSize = RING_HEAD + nDataSize;
+        m_pRing = (LPBYTE)calloc(1, (size_t)m_nRingSize);
+        TraceRingInitHead(m_pRing, m_nRingSize, TRACEMEM_FILETYPE_REDO);
+    }
+
+    bool InitRedo()
+    {
+        m_pRedo = new CTalvorRedoLog();
+        m_pRedo->SetRingSize(m_nRingSize);
+        return m_pRedo->Init(m_pHead, 0, &m_bExit, (char*)m_strDir.c_str(), (char*)m_pRing, nullptr, nullptr, FALSE,
+                             nullptr);
+    }
+
+    LPFILE_TRACEMEMFILEHEAD Ring() { return (LPFILE_TRACEMEMFILEHEAD)m_pRing; }
+
+    // One record of the engine: head, body, trailer for the types that have one.
+    std::string Record(int nSize, BYTE bType, long long nTimestamp)
+    {
+        std::string s((size_t)nSize, '\0');
+        for (int i = EXECUTEPLANHEAD_SIZE; i < nSize; i++) s[(size_t)i] = (char)(m_nRand = m_nRand * 1103515245 + 12345) ;
+        BASEEXECUTEPLANHEAD h;
+        memset(&h, 0, sizeof(h));
+        h.m_nTotalDataSize = (UINT)nSize;
+        h.m_nDataFlag = EXECUTEPLAN_DATAFLAG;
+        h.m_nType = bType;
+        h.m_nTimestamp = nTimestamp;
+        memcpy(&s[0], &h, sizeof(h));
+        if (RedoRecordHasTrailer(bType)) {
+            UINT t = REDORECORD_TRAILER;
+            memcpy(&s[(size_t)nSize - 4], &t, 4);
+        }
+        return s;
+    }
+
+    // Plays the archiver: every sealed group, oldest first, is taken out and
+    // made reusable.
+    void Harvest()
+    {
+        for (;;) {
+            int nFound = -1;
+            for (int g = 0; g < m_pRedo->m_nWriteRedoOnlineGroups; g++) {
+                LPTALVORREDOGROUP p = m_pRedo->GetGroup(g);
+                if (p->m_bState == REDOGROUP_SEALED &&
+                    (nFound < 0 || p->m_nSequenceNO < m_pRedo->GetGroup(nFound)->m_nSequenceNO))
+                    nFound = g;
+            }
+            if (nFound < 0) return;
+            LPTALVORREDOGROUP p = m_pRedo->GetGroup(nFound);
+            std::string strPath = m_strDir + "Redo" + std::to_string(nFound) + ".log";
+            std::string strFile = ReadWholeFile(strPath);
+            MF_REDOLOGFILEHEAD h;
+            memcpy(&h, strFile.data(), sizeof(h));
+            EXPECT_EQ(+p->m_nSequenceNO, +h.m_nSequenceNO);
+            EXPECT_EQ(REDOGROUP_SEALED, +h.m_bState);
+            EXPECT_EQ((UINT)+p->m_nEffectiveSize, +h.m_nEffectiveSize);
+            EXPECT_GT(+h.m_nSequenceNO, m_nLastLogNo) << "log numbers only grow";
+            m_nLastLogNo = h.m_nSequenceNO;
+            m_strLogs += strFile.substr(REDOLOGFILE_HEAD_SIZE, h.m_nEffectiveSize - REDOLOGFILE_HEAD_SIZE);
+            m_nSeals++;
+            // Marked in the file too, as the archiver does.
+            h.m_bState = REDOGROUP_ARCHIVED;
+            ASSERT_TRUE(WriteFileAt(strPath, 0, std::string((const char*)&h, sizeof(h))));
+            p->m_bState = REDOGROUP_ARCHIVED;
+        }
+    }
+
+    // Appends bytes as the engine does, letting the writer drain when the
+    // ring is full; every pass is followed by the archiver.
+    void Produce(const std::string& s)
+    {
+        size_t nDone = 0;
+        int nStall = 0;
+        while (nDone < s.size()) {
+            int n = TraceRingWrite(m_pRing, m_nRingSize, s.data() + nDone, (int)(s.size() - nDone));
+            nDone += (size_t)n;
+            if (n == 0) {
+                Pass();
+                ASSERT_LT(++nStall, 1000) << "the writer never made room";
+            } else {
+                nStall = 0;
+            }
+        }
+        m_strStream += s;
+    }
+
+    bool Pass()
+    {
+        bool bEnded = m_pRedo->WritePass(m_st, &m_stCrit);
+        Harvest();
+        return bEnded;
+    }
+
+    void Stop()
+    {
+        m_bExit = TRUE;
+        for (int i = 0; i < 5000 && !Pass(); i++) {
+        }
+        Harvest();
+    }
+
+    TempTree m_tree{"redo"};
+    std::string m_strDir;
+    LPSYSTEMFILEHEAD m_pHead = nullptr;
+    LPBYTE m_pRing = nullptr;
+    int m_nRingSize = 0;
+    BOOL m_bExit = FALSE;
+    CTalvorRedoLog* m_pRedo = nullptr;
+    REDOWRITERSTATE m_st;
+    TALVORCRITICALSECTION m_stCrit{};
+    unsigned m_nRand = 7;
+    std::string m_strStream, m_strLogs;
+    UINT m_nLastLogNo = 0;
+    int m_nSeals = 0;
+};
+
+} // namespace talvortest

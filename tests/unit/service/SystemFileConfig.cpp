@@ -1,0 +1,332 @@
+// The parameters of the service: every key of the ini with its default and
+// its limits into the system head (one table, an ini in and a field out),
+// the write-back, and where the system file is looked for.
+#include "BreltMemStorage.h"
+#include "DatabaseKit.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+using namespace talvortest;
+
+namespace {
+
+typedef std::function<long long(CBreltMemStorageModule&, LPSYSTEMFILEHEAD)> FieldOf;
+
+struct ConfigCase {
+    const char* m_lpIni;   // lines added to [System], or a whole [Config] section
+    const char* m_lpField;
+    FieldOf m_fnField;
+    long long m_nExpected;
+};
+
+#define HEAD(f) [](CBreltMemStorageModule&, LPSYSTEMFILEHEAD h) -> long long { return (long long)h->f; }
+#define MODULE(f) [](CBreltMemStorageModule& m, LPSYSTEMFILEHEAD) -> long long { return (long long)m.f; }
+#define GLOBAL(g) [](CBreltMemStorageModule&, LPSYSTEMFILEHEAD) -> long long { return (long long)g; }
+
+// Values the head holds before the read: the keys that keep the head's value
+// when absent must show these.
+void PresetHead(LPSYSTEMFILEHEAD h)
+{
+    h->m_nTableNamesLower = 5;
+    h->m_nTalvorDevelopMode = 1;
+    h->m_nUndoRetention = 45;
+}
+
+const long long MIB = 1048576;
+
+std::vector<ConfigCase> Cases()
+{
+    return {
+        // Defaults, in the order the keys are read.
+        {"", "clusternode(Config)", MODULE(m_nClusterNodeType), 0},
+        {"", "processes", HEAD(m_nProcesses), 512},
+        {"", "listenip", HEAD(m_nTCPListenIP), 0},
+        {"", "clusterlocalip", MODULE(m_ulLocalIP), 0},
+        {"", "clustervip", HEAD(m_nTalvorVirtualIP), 0},
+        {"", "listenport", HEAD(m_nTCPListenPort), 8000},
+        {"", "clustervipport", HEAD(m_nTalvorVirtualPort), 8000},
+        {"", "mysqlport", HEAD(m_nMySQLListenPort), 3306},
+        {"", "AutoStartService", MODULE(m_bAutoStartService), 1},
+        {"", "DebugDumpFile", HEAD(m_nDebugDumpFile), 0},
+        {"", "charcomparenocase", HEAD(m_nServerCaseSensitive), 0},
+        {"", "autocommit", HEAD(m_nAutoCommit), 1},
+        {"", "autoincrementstep", HEAD(m_nAutoIncrementIncrement), 1},
+        {"", "autoincrementoffset", HEAD(m_nAutoIncrementOffset), 1},
+        {"", "waittimeout", HEAD(m_nWaitTimeout), 28800},
+        {"", "max_allowed_packet", HEAD(m_nMaxPacketSize), 33554432},
+        {"", "support_native_json", HEAD(m_nSupportNativeJson), 0},
+        {"", "skip_name_resolve", HEAD(m_nSkipNameResolve), 1},
+        {"", "event_scheduler", HEAD(m_nEventScheduler), 0},
+        {"", "net_read_timeout", HEAD(m_nNetReadTimeout), 300},
+        {"", "net_retry_count", HEAD(m_nNetRetryCount), 100},
+        {"", "net_write_timeout", HEAD(m_nNetWriteTimeout), 60},
+        {"", "interactive_timeout", HEAD(m_nInteractiveTimeout), 28800},
+        {"", "innodb_lock_wait_timeout", HEAD(m_nLockWaitTimeout), 180},
+        {"", "MaxTransaction", HEAD(m_nObjectTransactionMaxNum), 1000},
+        {"", "LRUPercent", MODULE(m_nLRUPercent), 80},
+        {"", "FileCache", MODULE(m_nFileCache), 1},
+        {"", "undoareasize", HEAD(m_nMemoryUndoSize), 256},
+        {"", "processprivatearea", HEAD(m_nMemoryProcessSize), 2 * MIB},
+        {"", "persistenceintervals", HEAD(m_nPersistenceIntervals), 3},
+        {"", "buffercachesize", HEAD(m_nTalvorBufferCacheSize), 1024},
+        {"", "archivetype", HEAD(m_nTalvorArchiveType), 0},
+        {"", "TableNamesLower", HEAD(m_nTableNamesLower), 5},
+        {"", "undo_retention", HEAD(m_nUndoRetention), 45},
+        {"", "EfficiencyTrace", HEAD(m_nServerEfficiencyTrace), 0},
+        {"", "ReadUseBuffer", HEAD(m_bOpenFileUseBuffer), 0},
+        {"", "back_log", HEAD(m_nBackLog), 256},
+        {"", "pgamaxsize", HEAD(m_nTalvorPGAMaxSize), 0},
+        {"", "Talvor_Develop_Mode", HEAD(m_nTalvorDevelopMode), 1},
+        {"", "writeblocklog", GLOBAL(g_nWriteBlockLog), 0},
+        {"", "forceflushlog", GLOBAL(g_nForceFlushLog), 1},
+        {"", "cluster", GLOBAL(g_nCluster), 0},
+        {"", "clusternode", GLOBAL(g_nNodeIdentity), 0},
+        // Set values and limits.
+        {"[Config]\r\nclusternode=2\r\n", "clusternode(Config)", MODULE(m_nClusterNodeType), 2},
+        {"[Config]\r\nclusternode=2\r\n", "clusternode(System) apart", GLOBAL(g_nNodeIdentity), 0},
+        {"clusternode=3\r\n", "clusternode(System)", GLOBAL(g_nNodeIdentity), 3},
+        {"processes=64\r\n", "processes", HEAD(m_nProcesses), 64},
+        {"listenip=10.1.2.3\r\n", "listenip", HEAD(m_nTCPListenIP), 0x0A010203},
+        {"listenip=bogus\r\n", "listenip", HEAD(m_nTCPListenIP), 0},
+        {"listenip=\r\n", "listenip", HEAD(m_nTCPListenIP), 0},
+        {"clusterlocalip=192.168.0.9\r\n", "clusterlocalip", MODULE(m_ulLocalIP), 0xC0A80009},
+        {"[Config]\r\nclusterlocalip=192.168.0.9\r\n", "clusterlocalip(Config)", MODULE(m_ulLocalIP), 0},
+        {"[Config]\r\nclustervip=10.0.0.5\r\n", "clustervip", HEAD(m_nTalvorVirtualIP), 0x0A000005},
+        {"[Config]\r\nclustervip=127.0.0.1\r\n", "clustervip", HEAD(m_nTalvorVirtualIP), 0},
+        {"[Config]\r\nclustervip=x\r\n", "clustervip", HEAD(m_nTalvorVirtualIP), 0},
+        {"listenport=9000\r\n", "listenport", HEAD(m_nTCPListenPort), 9000},
+        {"listenport=9000\r\n", "clustervipport follows", HEAD(m_nTalvorVirtualPort), 9000},
+        {"listenport=9000\r\n[Config]\r\nclustervipport=7000\r\n", "clustervipport", HEAD(m_nTalvorVirtualPort), 7000},
+        {"mysqlport=3307\r\n", "mysqlport", HEAD(m_nMySQLListenPort), 3307},
+        {"AutoStartService=0\r\n", "AutoStartService", MODULE(m_bAutoStartService), 0},
+        {"DebugDumpFile=1\r\n", "DebugDumpFile", HEAD(m_nDebugDumpFile), 1},
+        {"charcomparenocase=1\r\n", "charcomparenocase", HEAD(m_nServerCaseSensitive), 1},
+        {"autocommit=0\r\n", "autocommit", HEAD(m_nAutoCommit), 0},
+        {"autoincrementstep=5\r\n", "autoincrementstep", HEAD(m_nAutoIncrementIncrement), 5},
+        {"autoincrementoffset=3\r\n", "autoincrementoffset", HEAD(m_nAutoIncrementOffset), 3},
+        {"waittimeout=100\r\n", "waittimeout", HEAD(m_nWaitTimeout), 100},
+        {"max_allowed_packet=1024\r\n", "max_allowed_packet", HEAD(m_nMaxPacketSize), 1024},
+        {"support_native_json=1\r\n", "support_native_json", HEAD(m_nSupportNativeJson), 1},
+        {"skip_name_resolve=0\r\n", "skip_name_resolve", HEAD(m_nSkipNameResolve), 0},
+        {"event_scheduler=on\r\n", "event_scheduler", HEAD(m_nEventScheduler), 1},
+        {"event_scheduler=ON\r\n", "event_scheduler", HEAD(m_nEventScheduler), 1},
+        {"event_scheduler=oN\r\n", "event_scheduler", HEAD(m_nEventScheduler), 1},
+        {"event_scheduler=1\r\n", "event_scheduler", HEAD(m_nEventScheduler), 1},
+        {"event_scheduler=ONE\r\n", "event_scheduler", HEAD(m_nEventScheduler), 0},
+        {"event_scheduler=11\r\n", "event_scheduler", HEAD(m_nEventScheduler), 0},
+        {"net_read_timeout=7\r\n", "net_read_timeout", HEAD(m_nNetReadTimeout), 7},
+        {"net_retry_count=8\r\n", "net_retry_count", HEAD(m_nNetRetryCount), 8},
+        {"net_write_timeout=9\r\n", "net_write_timeout", HEAD(m_nNetWriteTimeout), 9},
+        {"interactive_timeout=10\r\n", "interactive_timeout", HEAD(m_nInteractiveTimeout), 10},
+        {"innodb_lock_wait_timeout=0\r\n", "innodb_lock_wait_timeout", HEAD(m_nLockWaitTimeout), 0},
+        {"MaxTransaction=31\r\n", "MaxTransaction", HEAD(m_nObjectTransactionMaxNum), 32},
+        {"MaxTransaction=32\r\n", "MaxTransaction", HEAD(m_nObjectTransactionMaxNum), 32},
+        {"MaxTransaction=1020\r\n", "MaxTransaction", HEAD(m_nObjectTransactionMaxNum), 1020},
+        {"MaxTransaction=1021\r\n", "MaxTransaction", HEAD(m_nObjectTransactionMaxNum), 1020},
+        {"LRUPercent=1\r\n", "LRUPercent", MODULE(m_nLRUPercent), 2},
+        {"LRUPercent=2\r\n", "LRUPercent", MODULE(m_nLRUPercent), 2},
+        {"LRUPercent=98\r\n", "LRUPercent", MODULE(m_nLRUPercent), 98},
+        {"LRUPercent=99\r\n", "LRUPercent", MODULE(m_nLRUPercent), 98},
+        {"FileCache=0\r\n", "FileCache", MODULE(m_nFileCache), 0},
+        {"undoareasize=7\r\n", "undoareasize", HEAD(m_nMemoryUndoSize), 32},
+        {"undoareasize=8\r\n", "undoareasize", HEAD(m_nMemoryUndoSize), 8},
+        {"undoareasize=4095\r\n", "undoareasize", HEAD(m_nMemoryUndoSize), 4095},
+        {"undoareasize=4096\r\n", "undoareasize", HEAD(m_nMemoryUndoSize), 4000},
+        {"processprivatearea=0\r\n", "processprivatearea", HEAD(m_nMemoryProcessSize), 2 * MIB},
+        {"processprivatearea=1\r\n", "processprivatearea", HEAD(m_nMemoryProcessSize), 1 * MIB},
+        {"processprivatearea=128\r\n", "processprivatearea", HEAD(m_nMemoryProcessSize), 128 * MIB},
+        {"processprivatearea=129\r\n", "processprivatearea", HEAD(m_nMemoryProcessSize), 2 * MIB},
+        {"persistenceintervals=10\r\n", "persistenceintervals", HEAD(m_nPersistenceIntervals), 10},
+        {"buffercachesize=0\r\n", "buffercachesize", HEAD(m_nTalvorBufferCacheSize), 0},
+        {"buffercachesize=31\r\n", "buffercachesize", HEAD(m_nTalvorBufferCacheSize), 64},
+        {"buffercachesize=32\r\n", "buffercachesize", HEAD(m_nTalvorBufferCacheSize), 32},
+        {"archivetype=2\r\n", "archivetype", HEAD(m_nTalvorArchiveType), 2},
+        {"TableNamesLower=77\r\n", "TableNamesLower", HEAD(m_nTableNamesLower), 5},
+        {"TableNamesLower=1\r\n", "TableNamesLower", HEAD(m_nTableNamesLower), 1},
+        {"undo_retention=10\r\n", "undo_retention", HEAD(m_nUndoRetention), 10},
+        {"EfficiencyTrace=1\r\n", "EfficiencyTrace", HEAD(m_nServerEfficiencyTrace), 1},
+        {"ReadUseBuffer=1\r\n", "ReadUseBuffer", HEAD(m_bOpenFileUseBuffer), 1},
+        {"back_log=50\r\n", "back_log", HEAD(m_nBackLog), 50},
+        {"pgamaxsize=12\r\n", "pgamaxsize", HEAD(m_nTalvorPGAMaxSize), 12},
+        {"Talvor_Develop_Mode=77\r\n", "Talvor_Develop_Mode", HEAD(m_nTalvorDevelopMode), 1},
+        {"Talvor_Develop_Mode=0\r\n", "Talvor_Develop_Mode", HEAD(m_nTalvorDevelopMode), 0},
+        {"writeblocklog=1\r\n", "writeblocklog", GLOBAL(g_nWriteBlockLog), 1},
+        {"forceflushlog=0\r\n", "forceflushlog", GLOBAL(g_nForceFlushLog), 0},
+        {"cluster=1\r\n", "cluster", GLOBAL(g_nCluster), 1},
+    };
+}
+
+class SystemFileConfig : public ::testing::Test {
+protected:
+    void ReadWith(const std::string& strIni)
+    {
+        m_tree.WriteIni(strIni);
+        m_vHead.assign(sizeof(SYSTEMFILEHEAD), 0);
+        PresetHead(Head());
+        m_pModule.reset(new CBreltMemStorageModule());
+        g_nWriteBlockLog = g_nForceFlushLog = g_nCluster = g_nNodeIdentity = -1;
+        ASSERT_TRUE(m_pModule->ReadSysConfigParam(nullptr, Head()));
+    }
+    LPSYSTEMFILEHEAD Head() { return (LPSYSTEMFILEHEAD)m_vHead.data(); }
+    std::string Ini() { return ReadWholeFile(m_tree.IniPath()); }
+
+    DatabaseDir m_tree;
+    std::vector<BYTE> m_vHead;
+    std::unique_ptr<CBreltMemStorageModule> m_pModule;
+};
+
+} // namespace
+
+TEST_F(SystemFileConfig, EveryKeyWithItsDefaultAndLimits)
+{
+    for (const ConfigCase& c : Cases()) {
+        ReadWith(c.m_lpIni);
+        EXPECT_EQ(c.m_nExpected, c.m_fnField(*m_pModule, Head())) << c.m_lpField << " from \"" << c.m_lpIni << "\"";
+    }
+}
+
+TEST_F(SystemFileConfig, UndoRetentionDefaultsTo30WhenTheHeadHasNone)
+{
+    m_tree.WriteIni("");
+    std::vector<BYTE> vHead(sizeof(SYSTEMFILEHEAD), 0);
+    CBreltMemStorageModule stModule;
+    stModule.ReadSysConfigParam(nullptr, (LPSYSTEMFILEHEAD)vHead.data());
+    EXPECT_EQ(30, Val(((LPSYSTEMFILEHEAD)vHead.data())->m_nUndoRetention));
+}
+
+TEST_F(SystemFileConfig, TextsAreCutToTheirFields)
+{
+    ReadWith("databasename=" + std::string(40, 'n') + "\r\narchivedespath=/" + std::string(600, 'a') + "\r\n");
+    EXPECT_EQ(std::string(31, 'n'), std::string(Head()->m_cDatabaseName));
+    std::string strArchive(Head()->m_lpArchiveDesPath, strnlen(Head()->m_lpArchiveDesPath, 512));
+    EXPECT_EQ(510u, strArchive.size());
+    EXPECT_EQ('\0', Head()->m_lpArchiveDesPath[510]);
+    EXPECT_EQ('\0', Head()->m_lpArchiveDesPath[511]);
+    ReadWith("");
+    EXPECT_STREQ("Talvor", Head()->m_cDatabaseName);
+    EXPECT_STREQ("", Head()->m_lpArchiveDesPath);
+}
+
+TEST_F(SystemFileConfig, WriteBackAtExitPutsTheHeadIntoTheIni)
+{
+    m_tree.WriteIni("Talvor_Develop_Mode=0\r\n");
+    std::vector<BYTE> vHead(sizeof(SYSTEMFILEHEAD), 0);
+    LPSYSTEMFILEHEAD h = (LPSYSTEMFILEHEAD)vHead.data();
+    h->m_nDataFlag = SYSTEMFILE_DATAFLAG;
+    h->m_bStatus = 1;
+    strcpy(h->m_cDatabaseName, "Db7");
+    strcpy(h->m_cDatabasePath, "/srv/db7/");
+    strcpy(h->m_lpArchiveDesPath, "/srv/archive/");
+    h->m_nProcesses = 77;
+    h->m_nTCPListenPort = 8100;
+    h->m_nMemoryUndoSize = 64;
+    h->m_nMemoryProcessSize = 16 * MIB;
+    h->m_nPersistenceIntervals = 5;
+    h->m_nTalvorBufferCacheSize = 0;
+    h->m_nTCPListenIP = 0x0A000102;
+    h->m_nTalvorArchiveType = 2;
+    h->m_nTalvorDevelopMode = 1;
+    CBreltMemStorageModule stModule;
+    FILEINFO stSystem = {};
+    strcpy(stSystem.m_lpszFilePath, "/srv/db7/Main.dbf");
+    stModule.m_lpSystemFileInfo = &stSystem;
+    ASSERT_TRUE(stModule.WriteSysConfigParam(nullptr, h, FALSE, TRUE));
+    stModule.m_lpSystemFileInfo = nullptr;
+    EXPECT_EQ(0, h->m_bStatus);
+    std::string strIni = Ini();
+    for (const char* lpLine : {"systemfile=Main.dbf", "databasename=Db7", "databasepath=/srv/db7/", "processes=77",
+                               "listenport=8100", "undoareasize=64", "processprivatearea=16",
+                               "persistenceintervals=5", "buffercachesize=0", "listenip=10.0.1.2", "archivetype=2",
+                               "archivedespath=/srv/archive/", "waittimeout=0", "pgamaxsize=0"})
+        EXPECT_NE(std::string::npos, strIni.find(lpLine)) << lpLine << "\n" << strIni;
+    // The exit write returns before the develop mode is looked at.
+    EXPECT_NE(std::string::npos, strIni.find("Talvor_Develop_Mode=0")) << strIni;
+}
+
+TEST_F(SystemFileConfig, WriteBackOutsideExitReadsTheAddressesAndArchiveBack)
+{
+    m_tree.WriteIni("listenip=10.9.8.7\r\nFileCache=0\r\narchivetype=3\r\narchivedespath=/arch/\r\n"
+                    "Talvor_Develop_Mode=0\r\n[Config]\r\nclusterlocalip=172.16.0.1\r\n");
+    std::vector<BYTE> vHead(sizeof(SYSTEMFILEHEAD), 0);
+    LPSYSTEMFILEHEAD h = (LPSYSTEMFILEHEAD)vHead.data();
+    h->m_nDataFlag = SYSTEMFILE_DATAFLAG;
+    h->m_nTalvorDevelopMode = 1;
+    CBreltMemStorageModule stModule;
+    stModule.m_nFileCache = 1;
+    ASSERT_TRUE(stModule.WriteSysConfigParam(nullptr, h, FALSE, FALSE));
+    EXPECT_EQ(0x0A090807, Val(h->m_nTCPListenIP));
+    EXPECT_EQ(0xAC100001u, Val(stModule.m_ulLocalIP));
+    EXPECT_EQ(0, Val(stModule.m_nFileCache));
+    EXPECT_EQ(3, Val(h->m_nTalvorArchiveType));
+    EXPECT_STREQ("/arch/", h->m_lpArchiveDesPath);
+    std::string strIni = Ini();
+    EXPECT_NE(std::string::npos, strIni.find("Talvor_Develop_Mode=1")) << strIni;
+    EXPECT_NE(std::string::npos, strIni.find("systemfile=System.dbf")) << strIni;  // no system file yet
+    EXPECT_EQ(std::string::npos, strIni.find("listenip=0.0.0.0")) << strIni;
+}
+
+TEST_F(SystemFileConfig, WriteBackNeedsAHeadWithItsMark)
+{
+    m_tree.WriteIni("");
+    std::string strBefore = Ini();
+    std::vector<BYTE> vHead(sizeof(SYSTEMFILEHEAD), 0);
+    LPSYSTEMFILEHEAD h = (LPSYSTEMFILEHEAD)vHead.data();
+    h->m_nDataFlag = DATAFILE_DATAFLAG;
+    h->m_bStatus = 1;
+    CBreltMemStorageModule stModule;
+    EXPECT_FALSE(stModule.WriteSysConfigParam(nullptr, h, FALSE, TRUE));
+    EXPECT_FALSE(stModule.WriteSysConfigParam(nullptr, nullptr, FALSE, TRUE));
+    EXPECT_EQ(1, h->m_bStatus);
+    EXPECT_EQ(strBefore, Ini());
+}
+
+TEST_F(SystemFileConfig, SystemFileIsFoundUnderTheDatabaseDirectory)
+{
+    CBreltMemStorageModule stModule;
+    char szPath[MAX_PATH], szName[64];
+    m_tree.WriteIni("");
+    stModule.GetSystemFilePath(nullptr, szPath, szName);
+    EXPECT_EQ(m_tree.Dir() + "System.dbf", std::string(szPath));
+    EXPECT_STREQ("Global\\TalvorSysFile", szName);
+
+    WriteWholeFile(m_tree.IniPath(), "[System]\r\ndatabasepath=/srv/db\r\nsystemfile=Main.dbf\r\n");
+    TalvorConfigInit(m_tree.IniPath().c_str());
+    stModule.GetSystemFilePath(nullptr, szPath, szName);
+    EXPECT_STREQ("/srv/db/Main.dbf", szPath);  // a "/" is added
+
+    WriteWholeFile(m_tree.IniPath(), "[System]\r\ndatabasepath=/srv/db/\r\nsystemfile=/elsewhere/S.dbf\r\n");
+    TalvorConfigInit(m_tree.IniPath().c_str());
+    stModule.GetSystemFilePath(nullptr, szPath, szName);
+    EXPECT_STREQ("/elsewhere/S.dbf", szPath);
+
+    // With no directory configured: two levels above the program, Data/Talvor/.
+    WriteWholeFile(m_tree.IniPath(), "[System]\r\nLanguage=0\r\n");
+    TalvorConfigInit(m_tree.IniPath().c_str());
+    char szExe[MAX_PATH] = {0};
+    ASSERT_GT(readlink("/proc/self/exe", szExe, sizeof(szExe) - 1), 0);
+    std::string strExe = szExe;
+    std::string strRoot = strExe.substr(0, strExe.rfind('/'));
+    strRoot = strRoot.substr(0, strRoot.rfind('/'));
+    stModule.GetSystemFilePath(nullptr, szPath, szName);
+    EXPECT_EQ(strRoot + "/Data/Talvor/System.dbf", std::string(szPath));
+    m_tree.WriteIni("");
+}
+
+TEST_F(SystemFileConfig, InstallFormFallsBackToTheUsualRuleWithoutACopyBesideTheProgram)
+{
+    CBreltMemStorageModule stModule;
+    char szPath[MAX_PATH], szName[64], szDir[256] = {0}, szDb[] = "Talvor";
+    // No system file in the program's default directory here.
+    WriteWholeFile(m_tree.IniPath(), "[System]\r\ndatabasepath=/srv/db\r\nsystemfile=Main.dbf\r\n");
+    TalvorConfigInit(m_tree.IniPath().c_str());
+    stModule.GetSystemFilePath(nullptr, szPath, szName, szDir, szDb);
+    EXPECT_STREQ("/srv/db/Main.dbf", szPath);
+    EXPECT_STREQ("", szDir);
+    EXPECT_STREQ("Global\\TalvorSysFile", szName);
+    EXPECT_NE(std::string::npos, ReadWholeFile(m_tree.IniPath()).find("databasepath=/srv/db\r\n"));
+    m_tree.WriteIni("");
+}

@@ -1,0 +1,322 @@
+// The file list of the system file, read at start: a descriptor for every
+// live row, none for a dropped one, rows in several blocks, and a start that
+// stops on a damaged list before any file is loaded. Also the rewrite of the
+// rows of a moved database.
+#include "BreltMemStorage.h"
+#include "ModuleTestKit.h"
+#include "DatabaseKit.h"
+#include "TalvorFlashback.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
+
+using namespace talvortest;
+
+namespace {
+
+const long long MIB = 1048576;
+
+struct RowPlan {
+    RowPlan(BYTE bFileNo, BYTE bFileType, long long nSize, BYTE bDrop = 0, const std::string& strPath = "")
+        : m_bFileNo(bFileNo), m_bFileType(bFileType), m_nSize(nSize), m_bDrop(bDrop), m_strPath(strPath)
+    {
+    }
+    BYTE m_bFileNo;
+    BYTE m_bFileType;
+    long long m_nSize;
+    BYTE m_bDrop;
+    std::string m_strPath;  // empty: "<dir>F<no>.dbf"
+};
+
+class SystemFileList : public ::testing::Test {
+protected:
+    SystemFileList() : m_tree("buffercachesize=0\r\nundoareasize=8\r\n") {}
+
+    // Writes the system file (list blocks of nListBlockSize) and a good file
+    // for every row but the system's; returns the system file's bytes.
+    std::string MakeDatabase(const std::vector<RowPlan>& vPlans, int nListBlockSize)
+    {
+        std::vector<FILE_MEMDBFILEINFO> vRows;
+        for (const RowPlan& s : vPlans) {
+            FILE_MEMDBFILEINFO stRow;
+            memset(&stRow, 0, sizeof(stRow));
+            stRow.m_bFileNo = s.m_bFileNo;
+            stRow.m_bFileType = s.m_bFileType;
+            stRow.m_bDropFlag = s.m_bDrop;
+            snprintf(stRow.m_lpszFilePath, sizeof(stRow.m_lpszFilePath), "%s", PathOf(s).c_str());
+            snprintf(stRow.m_lpszTablespaceName, sizeof(stRow.m_lpszTablespaceName), "F%d", s.m_bFileNo);
+            stRow.m_nFileSize = s.m_nSize;
+            stRow.m_nLoadSize = -7;
+            vRows.push_back(stRow);
+            if (s.m_bFileNo != 1 && s.m_bDrop == 0) {
+                EXPECT_TRUE(WriteWholeFile(PathOf(s), MakeFileBytes(s.m_bFileType, s.m_bFileNo, s.m_nSize, 0)));
+            }
+        }
+        DBSYSFILEPLAN stPlan;
+        EXPECT_TRUE(DbPlanSystemFile((int)vRows.size(), nListBlockSize, DB_SYSTEMFILE_SIZE, &stPlan));
+        std::string strSystem((size_t)DB_SYSTEMFILE_SIZE, '\0');
+        EXPECT_TRUE(DbBuildSystemFile(stPlan, vRows.data(), 0x77, "Db", m_tree.Dir().c_str(), (LPBYTE)&strSystem[0],
+                                      DB_SYSTEMFILE_SIZE));
+        m_nFirstBlock = stPlan.m_nBlockStartOffset;
+        m_nListBlockSize = nListBlockSize;
+        EXPECT_TRUE(WriteWholeFile(SystemPath(), strSystem));
+        return strSystem;
+    }
+    std::string PathOf(const RowPlan& s)
+    {
+        if (s.m_bFileNo == 1) return SystemPath();
+        return s.m_strPath.empty() ? m_tree.Dir() + "F" + std::to_string(s.m_bFileNo) + ".dbf" : s.m_strPath;
+    }
+    std::string SystemPath() { return m_tree.Dir() + "System.dbf"; }
+    LPSYSTEMBLOCKHEAD BlockOf(std::string& strSystem, int nBlock)
+    {
+        return (LPSYSTEMBLOCKHEAD)&strSystem[(size_t)(m_nFirstBlock + (long long)nBlock * m_nListBlockSize)];
+    }
+
+    HRESULT Start()
+    {
+        m_pModule.reset(new CBreltMemStorageModule());
+        InitThreadCritSection(&m_stCrit);
+        HRESULT hr = m_pModule->InitSysEnvironment(&m_stCrit, TRUE, FALSE);
+        if (hr == S_OK) hr = m_pModule->LoadFile(&m_stCrit);
+        return hr;
+    }
+    std::vector<int> ListedFileNos()
+    {
+        std::vector<int> v;
+        for (stu_FILEINFO* p = m_pModule->m_pStorageInfo; p != nullptr; p = p->m_pNext) v.push_back(p->m_bFileNo);
+        return v;
+    }
+    // What FreeData gives back, without its trace and configuration steps.
+    void Stop()
+    {
+        if (!m_pModule) return;
+        CBreltMemStorageModule& m = *m_pModule;
+        talvortest::ReleaseModuleFiles(m);
+        m_pModule.reset();
+    }
+    void TearDown() override { Stop(); }
+
+    DatabaseDir m_tree;
+    std::unique_ptr<CBreltMemStorageModule> m_pModule;
+    TALVORCRITICALSECTION m_stCrit;
+    long long m_nFirstBlock = 0;
+    int m_nListBlockSize = 0;
+};
+
+} // namespace
+
+TEST_F(SystemFileList, LiveRowsGetDescriptorsAndImagesDroppedRowsNone)
+{
+    std::string strSystem = MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE},
+                                          {2, FILETYPE_DATA, 2 * MIB},
+                                          {3, FILETYPE_DATA, 2 * MIB, 1},
+                                          {4, FILETYPE_KVINDEX, 1 * MIB}},
+                                         DB_SYSTEMFILE_LISTBLOCK_SIZE);
+    ASSERT_EQ(S_OK, Start());
+    CBreltMemStorageModule& m = *m_pModule;
+    EXPECT_EQ((std::vector<int>{4, 2}), ListedFileNos());  // each new row goes in front
+    EXPECT_EQ(nullptr, m.m_arFileInfo[3]);
+    EXPECT_FALSE(SegmentExists(3));
+    ASSERT_NE(nullptr, m.m_arFileInfo[2]);
+    EXPECT_TRUE(SegmentExists(2));
+    EXPECT_TRUE(SegmentExists(4));
+    EXPECT_EQ(m.m_lpSystemFileInfo, m.m_arFileInfo[1]);
+
+    LPBYTE lpImage = m.m_lpSystemFileInfo->m_pFileAddr;
+    LPSYSTEMBLOCKHEAD lpBlock = (LPSYSTEMBLOCKHEAD)(lpImage + m_nFirstBlock);
+    LPFILE_MEMDBFILEINFO lpRows = (LPFILE_MEMDBFILEINFO)((LPBYTE)lpBlock + lpBlock->m_nBlockHeadSize);
+    stu_FILEINFO* p2 = m.m_arFileInfo[2];
+    EXPECT_EQ(&lpRows[1], p2->m_lpFileInfo);
+    EXPECT_EQ(&lpRows[1].m_nLoadSize, p2->m_pLoadSize);
+    EXPECT_EQ(&lpBlock->m_bSaveFlag, p2->m_pSaveFlag);
+    EXPECT_EQ(2 * MIB, Val(lpRows[1].m_nLoadSize));  // loaded in full
+    EXPECT_EQ(FILETYPE_DATA, p2->m_bFileType);
+    EXPECT_EQ(PathOf(RowPlan(2, 0, 0)), std::string(p2->m_lpszFilePath));
+    EXPECT_STREQ("F2", p2->m_lpszTablespaceName);
+    // The dropped row keeps its record, untouched.
+    EXPECT_EQ(3, lpRows[2].m_bFileNo);
+    EXPECT_EQ(-7, Val(lpRows[2].m_nLoadSize));
+    // The system file's own row tells this run.
+    EXPECT_EQ(FILETYPE_SYSTEM, lpRows[0].m_bFileType);
+    EXPECT_EQ(DB_SYSTEMFILE_SIZE, Val(lpRows[0].m_nLoadSize));
+    EXPECT_EQ(SystemPath(), std::string(lpRows[0].m_lpszFilePath));
+    EXPECT_STREQ("Global\\TalvorSysFile", lpRows[0].m_lpszTablespaceName);
+    EXPECT_EQ(&lpRows[0].m_nLoadSize, m.m_lpSystemFileInfo->m_pLoadSize);
+
+    LPSYSTEMFILEHEAD lpHead = m.m_pMemoryFileHead;
+    EXPECT_EQ(1, lpHead->m_bStatus);  // readiness is the caller's
+    LPTALVORPROGRESS lpProgress = m.m_pFlashback->GetProgress();
+    EXPECT_STREQ("Loading...", lpProgress->m_lpTitle);
+    EXPECT_EQ(4 + 2 + 1, Val(lpProgress->m_nPos));
+    EXPECT_EQ(4 + 2 + 1, Val(lpProgress->m_nTotal));
+    std::string strTrace = m_tree.Trace();
+    EXPECT_NE(std::string::npos, strTrace.find("10030010 LoadMemDBFileData Read the data file, file path: " +
+                                               PathOf(RowPlan(2, 0, 0)) + ", file size: 2097152"));
+    EXPECT_EQ(std::string::npos, strTrace.find(PathOf(RowPlan(3, 0, 0))));
+}
+
+TEST_F(SystemFileList, RowsPastOneBlockAreAllRead)
+{
+    // Blocks of 1024 bytes hold two rows: seven rows take four blocks, three
+    // on the full chain and one on the free chain.
+    std::vector<RowPlan> vPlans = {{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE}};
+    for (BYTE n = 2; n <= 7; n++) vPlans.push_back({n, FILETYPE_BTREEINDEX, 1 * MIB});
+    MakeDatabase(vPlans, 1024);
+    ASSERT_EQ(S_OK, Start());
+    EXPECT_EQ((std::vector<int>{7, 6, 5, 4, 3, 2}), ListedFileNos());
+    CBreltMemStorageModule& m = *m_pModule;
+    // Rows of different blocks point at their own block's save flag.
+    EXPECT_EQ(m.m_arFileInfo[2]->m_pSaveFlag, m.m_lpSystemFileInfo->m_pSaveFlag);
+    EXPECT_NE(m.m_arFileInfo[2]->m_pSaveFlag, m.m_arFileInfo[3]->m_pSaveFlag);
+    EXPECT_EQ(m.m_arFileInfo[3]->m_pSaveFlag, m.m_arFileInfo[4]->m_pSaveFlag);
+    EXPECT_NE(m.m_arFileInfo[7]->m_pSaveFlag, m.m_arFileInfo[6]->m_pSaveFlag);
+    for (BYTE n = 2; n <= 7; n++) EXPECT_TRUE(SegmentExists(n)) << int(n);
+}
+
+TEST_F(SystemFileList, RecordSizeOtherThan348StopsTheStartBeforeAnyLoad)
+{
+    std::vector<RowPlan> vPlans = {{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE}};
+    for (BYTE n = 2; n <= 5; n++) vPlans.push_back({n, FILETYPE_DATA, 1 * MIB});
+    std::string strSystem = MakeDatabase(vPlans, 1024);
+    BlockOf(strSystem, 2)->m_nBlockDataStructSize = 340;  // the free chain's block
+    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
+    EXPECT_EQ(E_FAIL, Start());
+    for (BYTE n = 2; n <= 5; n++) EXPECT_FALSE(SegmentExists(n));
+    std::string strTrace = m_tree.Trace();
+    EXPECT_NE(std::string::npos, strTrace.find("10030002 LoadMemDBFileData The structure size of data block has "
+                                               "changed.  current system value: 348, recorded value: 340"));
+    EXPECT_NE(std::string::npos, strTrace.find("10020021 InitSysEnvironment Failed to load memory file data in system file"));
+}
+
+TEST_F(SystemFileList, BlockOfAnotherObjectStopsTheStart)
+{
+    std::string strSystem = MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE}, {2, FILETYPE_DATA, 1 * MIB}},
+                                         DB_SYSTEMFILE_LISTBLOCK_SIZE);
+    BlockOf(strSystem, 0)->m_nObjectID = 9;
+    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
+    EXPECT_EQ(E_FAIL, Start());
+    EXPECT_TRUE(m_tree.Traced("10030001 LoadMemDBFileData The object representation of the data block is "
+                              "incorrect, required value: 1, actual value: 9"));
+}
+
+TEST_F(SystemFileList, ChainThatLoopsIsRefusedBeforeAnyRowIsRead)
+{
+    std::vector<RowPlan> vPlans = {{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE}};
+    for (BYTE n = 2; n <= 6; n++) vPlans.push_back({n, FILETYPE_DATA, 1 * MIB});
+    std::string strSystem = MakeDatabase(vPlans, 1024);
+    LPSYSTEMFILEHEAD lpHead = (LPSYSTEMFILEHEAD)&strSystem[0];
+    // The full chain is entries 0 -> 1 -> 2; the last one now points back.
+    long long nMap = lpHead->m_nBlockMapStartOffset;
+    ((LPBASEFILEBLOCKMAP)&strSystem[DbMapEntryOffset(nMap, 2)])->m_nNextOffset = DbMapEntryOffset(nMap, 1);
+    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
+    EXPECT_EQ(E_FAIL, Start());
+    EXPECT_EQ(nullptr, m_pModule->m_pStorageInfo);
+    std::string strTrace = m_tree.Trace();
+    EXPECT_NE(std::string::npos, strTrace.find("10020031 InitSysEnvironment The block chain of the file list in the "
+                                               "system file loops, path: " + SystemPath()));
+    EXPECT_NE(std::string::npos, strTrace.find("10020020 InitSysEnvironment Failed to load memory file data"));
+}
+
+TEST_F(SystemFileList, EntryOrBlockOutsideTheFileIsRefused)
+{
+    std::string strSystem = MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE}, {2, FILETYPE_DATA, 1 * MIB}},
+                                         DB_SYSTEMFILE_LISTBLOCK_SIZE);
+    LPBASEFILEOBJECTDEF lpObject = DbFileListObject((LPSYSTEMFILEHEAD)&strSystem[0]);
+    long long nEntry = lpObject->m_nFreeBlockMapOffset;
+    lpObject->m_nFreeBlockMapOffset = DB_SYSTEMFILE_SIZE - 10;
+    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
+    EXPECT_EQ(E_FAIL, Start());
+    EXPECT_TRUE(m_tree.Traced("10020030 InitSysEnvironment A map entry of the file list lies outside the system "
+                              "file, path: " + SystemPath() + ", map entry offset: 4194294, file size: 4194304"));
+    Stop();
+
+    lpObject->m_nFreeBlockMapOffset = nEntry;
+    ((LPBASEFILEBLOCKMAP)&strSystem[nEntry])->m_nBlockOffset = DB_SYSTEMFILE_SIZE - 32;
+    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
+    EXPECT_EQ(E_FAIL, Start());
+    EXPECT_TRUE(m_tree.Traced("10020032 InitSysEnvironment A block of the file list lies outside the system file"));
+}
+
+TEST_F(SystemFileList, RowsThatOverrunTheirBlockAreRefused)
+{
+    std::string strSystem = MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE}, {2, FILETYPE_DATA, 1 * MIB}},
+                                         1024);
+    BlockOf(strSystem, 0)->m_nDataNum = 3;  // 64 + 3 * 348 > 1024
+    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
+    EXPECT_EQ(E_FAIL, Start());
+    EXPECT_EQ(nullptr, m_pModule->m_pStorageInfo);
+    EXPECT_TRUE(m_tree.Traced("10030003 LoadMemDBFileData The records of the data block do not fit in it"));
+}
+
+TEST_F(SystemFileList, FileNumberUsedTwiceIsRefused)
+{
+    std::string strSystem = MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE},
+                                          {2, FILETYPE_DATA, 1 * MIB},
+                                          {3, FILETYPE_DATA, 1 * MIB}},
+                                         DB_SYSTEMFILE_LISTBLOCK_SIZE);
+    LPSYSTEMBLOCKHEAD lpBlock = BlockOf(strSystem, 0);
+    ((LPFILE_MEMDBFILEINFO)((LPBYTE)lpBlock + lpBlock->m_nBlockHeadSize))[2].m_bFileNo = 2;
+    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
+    EXPECT_EQ(E_FAIL, Start());
+    EXPECT_TRUE(m_tree.Traced("10030004 LoadMemDBFileData The file number of a row of the data block is invalid or "
+                              "used twice, file number: 2"));
+}
+
+TEST_F(SystemFileList, NoFileListObjectMeansNoFiles)
+{
+    std::string strSystem = MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE}, {2, FILETYPE_DATA, 1 * MIB}},
+                                         DB_SYSTEMFILE_LISTBLOCK_SIZE);
+    DbFileListObject((LPSYSTEMFILEHEAD)&strSystem[0])->m_nID = 0;
+    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
+    ASSERT_EQ(S_OK, Start());
+    EXPECT_EQ(nullptr, m_pModule->m_pStorageInfo);
+}
+
+TEST_F(SystemFileList, LockWaitTimeoutOfZeroBecomes180)
+{
+    m_tree.WriteIni("buffercachesize=0\r\nundoareasize=8\r\ninnodb_lock_wait_timeout=0\r\n");
+    MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE}}, DB_SYSTEMFILE_LISTBLOCK_SIZE);
+    ASSERT_EQ(S_OK, Start());
+    EXPECT_EQ(180, Val(m_pModule->m_pMemoryFileHead->m_nLockWaitTimeout));
+    EXPECT_EQ(0, m_pModule->m_pMemoryFileHead->m_bForbidSaveFlag);
+}
+
+TEST_F(SystemFileList, MovedRowsAreRewrittenAndTheBlockReachesTheDisk)
+{
+    std::string strOld = "/old/base/";
+    std::string strSystem = MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE},
+                                          {2, FILETYPE_DATA, 1 * MIB, 1, strOld + "Dropped.dbf"},
+                                          {3, FILETYPE_DATA, 1 * MIB, 1, strOld + "sub/Data3.dbf"},
+                                          {4, FILETYPE_DATA, 1 * MIB, 1, "/other/Data4.dbf"},
+                                          {5, FILETYPE_DATA, 1 * MIB, 1, strOld + std::string(240, 'x')}},
+                                         DB_SYSTEMFILE_LISTBLOCK_SIZE);
+    // Rows 3 to 5 are live; they need no files for the list to be read.
+    LPSYSTEMBLOCKHEAD lpBlock = BlockOf(strSystem, 0);
+    LPFILE_MEMDBFILEINFO lpRows = (LPFILE_MEMDBFILEINFO)((LPBYTE)lpBlock + lpBlock->m_nBlockHeadSize);
+    for (int i = 2; i <= 4; i++) lpRows[i].m_bDropFlag = 0;
+    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
+    m_pModule.reset(new CBreltMemStorageModule());
+    InitThreadCritSection(&m_stCrit);
+    ASSERT_EQ(S_OK, m_pModule->InitSysEnvironment(&m_stCrit, TRUE, FALSE));
+
+    LPBYTE lpImage = m_pModule->m_lpSystemFileInfo->m_pFileAddr;
+    LPSYSTEMBLOCKHEAD lpLive = (LPSYSTEMBLOCKHEAD)(lpImage + m_nFirstBlock);
+    std::string strNew = m_tree.Dir() + "moved/";
+    ASSERT_TRUE(m_pModule->CorrectDBFileData(lpLive, &strNew[0], &strOld[0]));
+    LPFILE_MEMDBFILEINFO lpLiveRows = (LPFILE_MEMDBFILEINFO)((LPBYTE)lpLive + lpLive->m_nBlockHeadSize);
+    EXPECT_EQ(strOld + "Dropped.dbf", std::string(lpLiveRows[1].m_lpszFilePath));  // dropped: kept
+    EXPECT_EQ(strNew + "sub/Data3.dbf", std::string(lpLiveRows[2].m_lpszFilePath));
+    EXPECT_EQ("/other/Data4.dbf", std::string(lpLiveRows[3].m_lpszFilePath));     // not under the old one
+    // The remainder is cut so that neither prefix pushes the path past 255.
+    std::string strLong(lpLiveRows[4].m_lpszFilePath, strnlen(lpLiveRows[4].m_lpszFilePath, 256));
+    size_t nKeep = 255 - std::max(strNew.size(), strOld.size());
+    EXPECT_EQ(strNew + std::string(std::min<size_t>(240, nKeep), 'x'), strLong);
+    // The block on disk is the block in the image.
+    std::string strDisk = ReadWholeFile(SystemPath());
+    EXPECT_EQ(0, memcmp(strDisk.data() + m_nFirstBlock, lpLive, (size_t)lpLive->m_nBlockSize));
+    // Outside the block nothing changed on disk.
+    EXPECT_EQ(0, memcmp(strDisk.data(), strSystem.data(), (size_t)m_nFirstBlock));
+}

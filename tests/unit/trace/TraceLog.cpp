@@ -1,0 +1,293 @@
+// The daemon's own trace: the shape of a line, the queue from many threads
+// to one writer, its bound, rotation of the file, and tracing before the log
+// system exists and after it is gone.
+#include "TraceLogFixture.h"
+
+#include <atomic>
+#include <cstdio>
+#include <fcntl.h>
+#include <map>
+#include <sys/stat.h>
+#include <thread>
+
+using namespace talvortest;
+
+namespace {
+
+class TraceLog : public TraceLogFixture {
+protected:
+    void StartWriter()
+    {
+        ASSERT_EQ(0, CLogManager::instance().StartTraceThreads(FALSE));
+    }
+    void StopWriter() { CLogManager::instance().StopTraceThreads(30); }
+
+    // A system head of which the log manager reads only the file size.
+    void UseFileMaxSize(int nBytes)
+    {
+        m_vHead.assign(sizeof(SYSTEMFILEHEAD), 0);
+        LPSYSTEMFILEHEAD lpHead = (LPSYSTEMFILEHEAD)m_vHead.data();
+        lpHead->m_nWriteTraceMaxSize = nBytes;
+        CLogManager::instance().m_pMemoryFileHead = lpHead;
+    }
+
+    std::vector<BYTE> m_vHead;
+};
+
+TEST_F(TraceLog, LineIsTitleThenTextAfterTheHead)
+{
+    Trace("UnitFunc", 3, 20010001, "value %d and %s", 42, "text");
+    int nThread = (int)GetCurrentThreadId();
+    ExitLogSystem();
+
+    std::vector<std::string> files = Series("TalvorStorage");
+    ASSERT_EQ(1u, files.size());
+    std::string strFile = ReadWholeFile(files[0]);
+    ASSERT_EQ(0, strFile.compare(0, 3, "\xEF\xBB\xBF"));
+    EXPECT_EQ(0, strFile.compare(3, 10, "Nodename: ")) << strFile;
+    EXPECT_NE(std::string::npos, strFile.find("\r\nSystem: Linux\r\nHardware: "));
+    EXPECT_NE(std::string::npos, strFile.find(" Procs: "));
+    // The machine block through "%s\r\n\r\n", then the columns without a line end.
+    EXPECT_NE(std::string::npos, strFile.find("\r\n\r\n\r\nTimestamp Thread Level Code FuncationName Description\r\n"));
+
+    std::string strBody = BodyOf(strFile);
+    std::vector<TraceLine> lines;
+    ASSERT_TRUE(ParseLines(strBody, lines)) << strBody;
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_EQ(nThread, lines[0].m_nThread);
+    EXPECT_EQ(3, lines[0].m_nLevel);
+    EXPECT_EQ(20010001, lines[0].m_nCode);
+    EXPECT_EQ("UnitFunc", lines[0].m_strFunction);
+    EXPECT_EQ("value 42 and text", lines[0].m_strText);
+    // Byte for byte: "\t% 2d   % 10d %s ".
+    EXPECT_NE(std::string::npos, strBody.find("\t 3     20010001 UnitFunc value 42 and text"));
+    EXPECT_EQ(strBody.size(), strBody.find("text") + 4) << "nothing follows the text";
+}
+
+TEST_F(TraceLog, EmptyTextQueuesNothing)
+{
+    Trace0("F", 3, 1, "");
+    Trace("F", 3, 1, "%s", "");
+    EXPECT_EQ(0, CLogManager::instance().GetQueuedBytes());
+    EXPECT_FALSE(CLogManager::instance().WriteLog("F", 0, 3, 1, ""));
+    EXPECT_FALSE(CLogManager::instance().WriteLog("F", 0, 3, 1, nullptr));
+    EXPECT_TRUE(DaemonLines().empty());
+}
+
+TEST_F(TraceLog, LongTextIsCutAt20471Bytes)
+{
+    std::string strLong(30000, 'x');
+    strLong[20470] = 'E';
+    strLong[20471] = 'Z';
+    Trace("F", 1, 2, "%s", strLong.c_str());
+    std::vector<TraceLine> lines = DaemonLines();
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_EQ(20471u, lines[0].m_strText.size());
+    EXPECT_EQ('E', lines[0].m_strText.back());
+}
+
+TEST_F(TraceLog, LongFunctionNameCutsTheTitleNotTheText)
+{
+    std::string strName(300, 'f');
+    Trace0(strName.c_str(), 3, 7, "the text");
+    CLogManager::instance().WriteAllTrace();
+    std::string strBody = SeriesBody("TalvorStorage");
+    // 127 characters of title (its "\r\n" included), then the text at once.
+    ASSERT_GE(strBody.size(), 127u + 8u);
+    EXPECT_EQ("the text", strBody.substr(127));
+    EXPECT_EQ('f', strBody[126]);
+}
+
+TEST_F(TraceLog, LineBeforeInitKeepsTheTimeOfItsCall)
+{
+    ExitLogSystem();
+    SYSTEMTIME st0, st1;
+    GetLocalTime(&st0);
+    Trace0("Early", 3, 10000000, "before the log system");
+    GetLocalTime(&st1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    ASSERT_TRUE(InitLogSystem());
+    std::vector<TraceLine> lines = DaemonLines();
+    ASSERT_EQ(1u, lines.size());
+    char sz0[64], sz1[64];
+    snprintf(sz0, sizeof(sz0), "%04d-%02d-%02d %02d:%02d:%02d", st0.wYear, st0.wMonth, st0.wDay, st0.wHour, st0.wMinute,
+             st0.wSecond);
+    snprintf(sz1, sizeof(sz1), "%04d-%02d-%02d %02d:%02d:%02d", st1.wYear, st1.wMonth, st1.wDay, st1.wHour, st1.wMinute,
+             st1.wSecond);
+    std::string strSecond = lines[0].m_strStamp.substr(0, 19);
+    EXPECT_TRUE(strSecond == sz0 || strSecond == sz1) << strSecond << " vs " << sz0;
+}
+
+// The heart of the queue: every line of every producer arrives once, whole,
+// and in its producer's order.
+TEST_F(TraceLog, ManyThreadsGiveExactlyAllLinesIntact)
+{
+    const int N = 8, M = 2000;
+    StartWriter();
+    std::vector<std::thread> threads;
+    std::atomic<int> nReady{0};
+    for (int t = 0; t < N; t++) {
+        threads.emplace_back([t, &nReady] {
+            nReady++;
+            while (nReady.load() < N) std::this_thread::yield();
+            std::string strPad(t * 37 % 200, 'a' + t);
+            for (int i = 0; i < M; i++) Trace("Producer", 3, 20000000 + t, "T%d-L%d-%s", t, i, strPad.c_str());
+        });
+    }
+    for (std::thread& th : threads) th.join();
+    ASSERT_TRUE(WaitUntil([] { return CLogManager::instance().GetQueuedBytes() == 0; }, 20000));
+    StopWriter();
+    std::vector<TraceLine> lines = DaemonLines();
+    ASSERT_EQ((size_t)N * M, lines.size());
+    std::vector<int> vNext(N, 0);
+    for (const TraceLine& line : lines) {
+        int t = (int)(line.m_nCode - 20000000);
+        ASSERT_TRUE(t >= 0 && t < N) << line.m_strText;
+        std::string strWant = "T" + std::to_string(t) + "-L" + std::to_string(vNext[t]) + "-" +
+                              std::string(t * 37 % 200, 'a' + t);
+        ASSERT_EQ(strWant, line.m_strText);
+        vNext[t]++;
+    }
+    for (int t = 0; t < N; t++) EXPECT_EQ(M, vNext[t]);
+    EXPECT_EQ(0u, CLogManager::instance().GetDroppedLines());
+}
+
+TEST_F(TraceLog, FileSwitchesAtTheSizeLimitAndLosesNothing)
+{
+    const int nMax = 4096;
+    UseFileMaxSize(nMax);
+    StartWriter();
+    std::string strText(90, 'r');
+    const int nLines = 400;
+    for (int i = 0; i < nLines; i++) Trace0("Rotate", 3, i, strText.c_str());
+    ASSERT_TRUE(WaitUntil([] { return CLogManager::instance().GetQueuedBytes() == 0; }, 20000));
+    StopWriter();
+    CLogManager::instance().WriteAllTrace();
+    std::vector<std::string> files = Series("TalvorStorage");
+    // Each line is about 130 bytes: a file closes once it holds 4096.
+    ASSERT_GE(files.size(), 10u);
+    int nCode = 0;
+    for (size_t i = 0; i < files.size(); i++) {
+        std::string strBody = BodyOf(ReadWholeFile(files[i]));
+        if (i + 1 < files.size()) {
+            EXPECT_GE((int)strBody.size(), nMax) << files[i];
+            EXPECT_LT((int)strBody.size(), nMax + 200) << files[i];
+        }
+        std::vector<TraceLine> lines;
+        ASSERT_TRUE(ParseLines(strBody, lines)) << files[i];
+        for (const TraceLine& line : lines) EXPECT_EQ(nCode++, line.m_nCode);
+    }
+    EXPECT_EQ(nLines, nCode) << "files opened within one second must not empty each other";
+}
+
+TEST_F(TraceLog, HeadWithoutSizeFallsBackToTheDefault)
+{
+    UseFileMaxSize(0);
+    for (int i = 0; i < 50; i++) Trace0("F", 3, i, "line");
+    CLogManager::instance().WriteAllTrace();
+    EXPECT_EQ(1u, Series("TalvorStorage").size());
+}
+
+TEST_F(TraceLog, FullQueueDropsAndSaysHowMany)
+{
+    const long long nLimit = 64 * 1024;
+    CLogManager::instance().SetQueueLimit(nLimit);
+    const int nLines = 5000;
+    std::string strText(100, 'q');
+    for (int i = 0; i < nLines; i++) Trace0("Storm", 3, 1, strText.c_str());
+    EXPECT_LE(CLogManager::instance().GetQueuedBytes(), nLimit);
+    UINT nDropped = CLogManager::instance().GetDroppedLines();
+    ASSERT_GT(nDropped, 0u);
+    std::vector<TraceLine> lines = DaemonLines();
+    ASSERT_FALSE(lines.empty());
+    int nKept = 0;
+    for (const TraceLine& line : lines) nKept += line.m_strText == strText;
+    EXPECT_EQ(nLines, nKept + (int)nDropped);
+    std::string strNote = "The trace queue was full (65536 bytes): " + std::to_string(nDropped) + " lines were dropped";
+    EXPECT_TRUE(HasText(lines, 20010011, strNote));
+    EXPECT_EQ(0u, CLogManager::instance().GetDroppedLines());
+}
+
+TEST_F(TraceLog, UnwritableLogDirectoryIsToldOnceAndTracingGoesOn)
+{
+    // A file where the database directory should be: nothing below it can
+    // be made, not even by root.
+    WriteWholeFile(m_strRoot + "/blocked", "x");
+    UseIni("[System]\r\ndatabasepath=" + m_strRoot + "/blocked/\r\n");
+    ASSERT_TRUE(InitLogSystem());
+    fflush(stderr);
+    int fdSaved = dup(2);
+    std::string strErrPath = m_strRoot + "/stderr.txt";
+    int fdErr = open(strErrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ASSERT_GE(fdErr, 0);
+    dup2(fdErr, 2);
+    StartWriter();
+    for (int i = 0; i < 200; i++) Trace0("F", 3, i, "nowhere to go");
+    bool bDrained = WaitUntil([] { return CLogManager::instance().GetQueuedBytes() == 0; }, 10000);
+    StopWriter();
+    fflush(stderr);
+    dup2(fdSaved, 2);
+    close(fdSaved);
+    close(fdErr);
+    ASSERT_TRUE(bDrained);
+    std::string strErr = ReadWholeFile(strErrPath);
+    size_t nFirst = strErr.find("cannot write the trace file");
+    ASSERT_NE(std::string::npos, nFirst) << strErr;
+    EXPECT_EQ(std::string::npos, strErr.find("cannot write the trace file", nFirst + 1)) << strErr;
+
+    // Once the directory can be written, the loss is told in the file.
+    UseIni("[System]\r\ndatabasepath=" + m_strRoot + "/\r\n");
+    ASSERT_TRUE(CLogManager::instance().Init());
+    CLogManager::instance().m_nNextOpenTryMs = 0;
+    Trace0("F", 3, 1, "back again");
+    std::vector<TraceLine> lines = DaemonLines();
+    EXPECT_TRUE(HasText(lines, 20010012, "200 trace lines were lost")) << SeriesBody("TalvorStorage");
+    EXPECT_TRUE(HasText(lines, 1, "back again"));
+}
+
+TEST_F(TraceLog, TracingAfterTeardownMakesANewLogManager)
+{
+    ExitLogSystem();
+    Trace0("Late", 3, 5, "after the end");
+    CLogManager* pLog = CLogManager::GetInstancePtr();
+    ASSERT_NE(nullptr, pLog);
+    EXPECT_GT(pLog->GetQueuedBytes(), 0);
+    ASSERT_TRUE(pLog->Init());
+    std::vector<TraceLine> lines = DaemonLines();
+    EXPECT_TRUE(HasText(lines, 5, "after the end"));
+}
+
+// Teardown while other threads trace: no line may touch a freed manager.
+TEST_F(TraceLog, TeardownWhileOthersTraceIsSafe)
+{
+    std::atomic<bool> bStop{false};
+    std::atomic<long long> nCalls{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; t++) {
+        threads.emplace_back([&] {
+            while (!bStop.load()) {
+                Trace("Busy", 3, 1, "line %lld", nCalls.load());
+                // Paced, so that each teardown has a small queue to drain.
+                if (++nCalls % 16 == 0) std::this_thread::sleep_for(std::chrono::microseconds(100));
+            }
+        });
+    }
+    long long nStart = NowMs();
+    for (int i = 0; i < 150; i++) {
+        std::this_thread::sleep_for(std::chrono::microseconds(500));
+        ExitLogSystem();
+        ASSERT_NE(nullptr, CLogManager::GetInstancePtr());
+        CLogManager::instance().Init();
+    }
+    long long nTook = NowMs() - nStart;
+    bStop = true;
+    for (std::thread& th : threads) th.join();
+    EXPECT_GT(nCalls.load(), 30);
+    // Each teardown waits only for calls that could see the old manager,
+    // never for the stream of calls that keeps coming.
+    EXPECT_LT(nTook, 15000);
+    std::vector<TraceLine> lines = DaemonLines();
+    EXPECT_FALSE(lines.empty());
+}
+
+} // namespace

@@ -1,0 +1,208 @@
+// The files of both series: names (and their clash within one second), heads,
+// and retention by count and by total size over one series at a time.
+#include "TraceLogFixture.h"
+
+#include <fcntl.h>
+#include <regex>
+#include <thread>
+#include <sys/stat.h>
+
+using namespace talvortest;
+
+namespace {
+
+class TraceLogFiles : public TraceLogFixture {
+protected:
+    // A file of the series with the given size (sparse: no blocks written).
+    void MakeFile(const std::string& strName, long long nSize)
+    {
+        std::string strPath = LogDir() + strName;
+        int fd = open(strPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        ASSERT_GE(fd, 0) << strPath;
+        ASSERT_EQ(0, ftruncate(fd, nSize));
+        close(fd);
+    }
+
+    // Names with distinct stamps, in the order of their stamps.
+    static std::string ServiceName(int i)
+    {
+        char sz[64];
+        snprintf(sz, sizeof(sz), "TalvorService2024%02d%02d120000.log", 1 + i / 28, 1 + i % 28);
+        return sz;
+    }
+
+    // The next coarse file-time tick, so that ctimes differ.
+    static void NextTick() { std::this_thread::sleep_for(std::chrono::milliseconds(15)); }
+
+    bool Exists(const std::string& strName) const { return PathExists(LogDir() + strName); }
+};
+
+TEST_F(TraceLogFiles, CountOverFiftyRemovesTheOldestByChangeTime)
+{
+    // Oldest by ctime, though its name would sort last.
+    MakeFile("TalvorService20991231235959.log", 10);
+    NextTick();
+    for (int i = 0; i < 50; i++) MakeFile(ServiceName(i), 10);
+    for (int i = 0; i < 5; i++) MakeFile("TalvorStorage2020010100000" + std::to_string(i) + ".log", 10);
+    ASSERT_TRUE(CLogManager::instance().LogFileManage("TalvorService*"));
+    EXPECT_EQ(50u, Series("TalvorService").size());
+    EXPECT_FALSE(Exists("TalvorService20991231235959.log"));
+    EXPECT_EQ(5u, Series("TalvorStorage").size()) << "the other series does not count";
+}
+
+TEST_F(TraceLogFiles, FiftyFilesAreWithinTheLimit)
+{
+    for (int i = 0; i < 50; i++) MakeFile(ServiceName(i), 10);
+    ASSERT_TRUE(CLogManager::instance().LogFileManage("TalvorService*"));
+    EXPECT_EQ(50u, Series("TalvorService").size());
+}
+
+TEST_F(TraceLogFiles, TotalOverOneThousandMiBRemovesOldestUntilWithin)
+{
+    MakeFile("TalvorStorage20240101000000.log", 400LL << 20);
+    NextTick();
+    MakeFile("TalvorStorage20240101000001.log", 400LL << 20);
+    NextTick();
+    MakeFile("TalvorStorage20240101000002.log", 400LL << 20);
+    ASSERT_TRUE(CLogManager::instance().LogFileManage("TalvorStorage*"));
+    EXPECT_FALSE(Exists("TalvorStorage20240101000000.log"));
+    EXPECT_TRUE(Exists("TalvorStorage20240101000001.log"));
+    EXPECT_TRUE(Exists("TalvorStorage20240101000002.log"));
+}
+
+TEST_F(TraceLogFiles, ExactlyOneThousandMiBIsWithinTheLimit)
+{
+    MakeFile("TalvorStorage20240101000000.log", 500LL << 20);
+    MakeFile("TalvorStorage20240101000001.log", 500LL << 20);
+    ASSERT_TRUE(CLogManager::instance().LogFileManage("TalvorStorage*"));
+    EXPECT_EQ(2u, Series("TalvorStorage").size());
+}
+
+// A 32-bit sum of 4.5 GiB reads as 0.5 GiB: the overrun must still be seen.
+TEST_F(TraceLogFiles, TotalPastFourGiBIsNotHiddenByAWrappingSum)
+{
+    MakeFile("TalvorService20240101000000.log", 2LL << 30);
+    NextTick();
+    MakeFile("TalvorService20240101000001.log", 2LL << 30);
+    NextTick();
+    MakeFile("TalvorService20240101000002.log", 512LL << 20);
+    ASSERT_TRUE(CLogManager::instance().LogFileManage("TalvorService*"));
+    std::vector<std::string> files = Series("TalvorService");
+    ASSERT_EQ(1u, files.size());
+    EXPECT_TRUE(Exists("TalvorService20240101000002.log"));
+}
+
+TEST_F(TraceLogFiles, AtMostTenFilesGoAtOneOpening)
+{
+    for (int i = 0; i < 61; i++) MakeFile(ServiceName(i), 10);
+    ASSERT_TRUE(CLogManager::instance().LogFileManage("TalvorService*"));
+    EXPECT_EQ(51u, Series("TalvorService").size());
+    ASSERT_TRUE(CLogManager::instance().LogFileManage("TalvorService*"));
+    EXPECT_EQ(50u, Series("TalvorService").size());
+    // Files of one instant go by name, which holds their time.
+    for (int i = 0; i < 11; i++) EXPECT_FALSE(Exists(ServiceName(i))) << ServiceName(i);
+}
+
+TEST_F(TraceLogFiles, DirectoriesOfTheSeriesAreNeitherCountedNorRemoved)
+{
+    ASSERT_EQ(0, mkdir((LogDir() + "TalvorServiceDir").c_str(), 0755));
+    for (int i = 0; i < 50; i++) MakeFile(ServiceName(i), 10);
+    ASSERT_TRUE(CLogManager::instance().LogFileManage("TalvorService*"));
+    EXPECT_EQ(51u, Series("TalvorService").size());
+}
+
+TEST_F(TraceLogFiles, MissingDirectoryIsReportedAndChangesNothing)
+{
+    CLogManager& log = CLogManager::instance();
+    char* lpSaved = log.m_lpTraceDir;
+    std::string strMissing = m_strRoot + "/nowhere/";
+    log.m_lpTraceDir = (char*)strMissing.c_str();
+    EXPECT_FALSE(log.LogFileManage("TalvorService*"));
+    log.m_lpTraceDir = lpSaved;
+}
+
+TEST_F(TraceLogFiles, NameClashWithinOneSecondTakesTheNextName)
+{
+    char szFirst[512], szSecond[512], szThird[512];
+    // Retry until all three fall into one second.
+    for (int nTry = 0; nTry < 5; nTry++) {
+        ASSERT_TRUE(TraceBuildFileName(LogDir().c_str(), "TalvorStorage", szFirst, sizeof(szFirst)));
+        WriteWholeFile(szFirst, "earlier content");
+        ASSERT_TRUE(TraceBuildFileName(LogDir().c_str(), "TalvorStorage", szSecond, sizeof(szSecond)));
+        WriteWholeFile(szSecond, "x");
+        ASSERT_TRUE(TraceBuildFileName(LogDir().c_str(), "TalvorStorage", szThird, sizeof(szThird)));
+        std::string strFirst = szFirst;
+        if (std::string(szThird).compare(0, strFirst.size() - 4, strFirst, 0, strFirst.size() - 4) == 0) break;
+        unlink(szFirst);
+        unlink(szSecond);
+    }
+    std::string strFirst = szFirst;
+    std::regex reName(LogDir() + R"(TalvorStorage\d{14}\.log)");
+    EXPECT_TRUE(std::regex_match(strFirst, reName)) << strFirst;
+    EXPECT_EQ(strFirst.substr(0, strFirst.size() - 4) + "_01.log", szSecond);
+    EXPECT_EQ(strFirst.substr(0, strFirst.size() - 4) + "_02.log", szThird);
+    CTalvorAppendFile* pFile = TraceOpenNewFile(szThird);
+    ASSERT_NE(nullptr, pFile);
+    ASSERT_TRUE(CTalvorAppendFile::Close(pFile));
+    EXPECT_EQ("earlier content", ReadWholeFile(szFirst));
+    struct stat st;
+    ASSERT_EQ(0, stat(szThird, &st));
+    EXPECT_EQ(0666u, st.st_mode & 0777);
+    // Name order is the order of opening.
+    std::vector<std::string> files = Series("TalvorStorage");
+    ASSERT_EQ(3u, files.size());
+    EXPECT_EQ(strFirst, files[0]);
+    EXPECT_EQ(std::string(szThird), files[2]);
+}
+
+TEST_F(TraceLogFiles, HeadsOfBothSeries)
+{
+    std::string strPath = LogDir() + "head.txt";
+    CTalvorAppendFile* pFile = CTalvorAppendFile::Create(strPath.c_str());
+    ASSERT_NE(nullptr, pFile);
+    TraceWriteServiceHead(pFile, 4321);
+    ASSERT_TRUE(CTalvorAppendFile::Close(pFile));
+    std::string strHead = ReadWholeFile(strPath);
+    std::regex reService(
+        "\xEF\xBB\xBF"
+        R"(Service processid:4321\r\nNodename: [^\r]*\r\nSystem: Linux\r\nHardware: [^\r]*\r\nVersion: [^\r]*, [^\r]*\r\n)"
+        R"(ToalRam: \d+MB, FreeRam: \d+MB, SharedRam: \d+MB, BufferRam: \d+MB, TotalSwap: \d+MB, FreeSwap: \d+MB, )"
+        R"(Procs: \d+\r\n\r\n\r\nTimestamp {15}Thread\tLevel {4}Code {5}FuncationName\t\tDescription)");
+    EXPECT_TRUE(std::regex_match(strHead, reService)) << strHead;
+
+    pFile = CTalvorAppendFile::Create(strPath.c_str());
+    ASSERT_NE(nullptr, pFile);
+    TraceWriteStorageHead(pFile);
+    ASSERT_TRUE(CTalvorAppendFile::Close(pFile));
+    strHead = ReadWholeFile(strPath);
+    std::regex reStorage("\xEF\xBB\xBF"
+                         R"(Nodename: [^\r]*\r\nSystem: Linux\r\n[\s\S]*Procs: \d+\r\n\r\n\r\n)"
+                         R"(Timestamp Thread Level Code FuncationName Description)");
+    EXPECT_TRUE(std::regex_match(strHead, reStorage)) << strHead;
+}
+
+TEST_F(TraceLogFiles, MovedInstallationMakesNoDirectories)
+{
+    ExitLogSystem();
+    std::string strOther = m_strRoot + "/moved/";
+    ASSERT_EQ(0, mkdir(strOther.c_str(), 0755));
+    UseIni("[System]\r\ninstall=1\r\ndatabasepath=" + strOther + "\r\n");
+    ASSERT_TRUE(InitLogSystem());
+    EXPECT_EQ(nullptr, CLogManager::instance().GetTraceDir());
+    EXPECT_NE(0, access((strOther + "Log").c_str(), F_OK));
+    EXPECT_NE(0, access((strOther + "Redo").c_str(), F_OK));
+}
+
+TEST_F(TraceLogFiles, DatabasePathWithoutSlashGetsOneAndBothDirectoriesAreMade)
+{
+    ExitLogSystem();
+    UseIni("[System]\r\ndatabasepath=" + m_strRoot + "\r\n");
+    ASSERT_TRUE(InitLogSystem());
+    EXPECT_EQ(LogDir(), CLogManager::instance().GetTraceDir());
+    EXPECT_EQ(m_strRoot + "/Redo/", std::string(CLogManager::instance().m_lpRedoDir));
+    struct stat st;
+    EXPECT_EQ(0, stat(LogDir().c_str(), &st));
+    EXPECT_EQ(0, stat((m_strRoot + "/Redo").c_str(), &st));
+}
+
+} // namespace

@@ -1,0 +1,304 @@
+// The engine's trace: the ring in shared memory, the copier that moves its
+// bytes unread into the "TalvorService" series, and what becomes of bad
+// positions, foreign segments and a restarted engine.
+#include "TraceLogFixture.h"
+
+#include "ShareMemory.h"
+
+#include <random>
+#include <sys/shm.h>
+#include <thread>
+
+using namespace talvortest;
+
+namespace {
+
+const int HEAD = (int)sizeof(FILE_TRACEMEMFILEHEAD);
+
+class TraceLogRing : public TraceLogFixture {
+protected:
+    void SetUp() override
+    {
+        TraceLogFixture::SetUp();
+        m_pLog = &CLogManager::instance();
+    }
+
+    void OpenRings(int nCacheMiB = 0) { ASSERT_TRUE(m_pLog->InitLogEnvironment(nullptr, nCacheMiB)); }
+    LPFILE_TRACEMEMFILEHEAD Ring() const { return (LPFILE_TRACEMEMFILEHEAD)m_pLog->m_pTraceFileAddr; }
+
+    void UseFileMaxSize(int nBytes)
+    {
+        m_vHead.assign(sizeof(SYSTEMFILEHEAD), 0);
+        LPSYSTEMFILEHEAD lpHead = (LPSYSTEMFILEHEAD)m_vHead.data();
+        lpHead->m_nWriteTraceMaxSize = nBytes;
+        m_pLog->m_pMemoryFileHead = lpHead;
+    }
+
+    // Writes all of it as the engine would, letting the copier make room.
+    void Produce(const std::string& strData, bool bCopyInline)
+    {
+        size_t nDone = 0;
+        long long nDeadline = NowMs() + 20000;
+        while (nDone < strData.size()) {
+            int n = TraceRingWrite(m_pLog->m_pTraceFileAddr, m_pLog->m_nTraceFileSize, strData.data() + nDone,
+                                   (int)std::min<size_t>(strData.size() - nDone, 7000));
+            nDone += (size_t)n;
+            SetEvent(m_pLog->m_hTraceEvent);
+            if (n == 0) {
+                ASSERT_LT(NowMs(), nDeadline) << "the ring stayed full";
+                if (bCopyInline)
+                    ASSERT_TRUE(m_pLog->CopyTraceRing());
+                else
+                    std::this_thread::sleep_for(std::chrono::microseconds(200));
+            }
+        }
+    }
+
+    static std::string RandomBytes(size_t nSize, unsigned nSeed)
+    {
+        std::mt19937 rng(nSeed);
+        std::string strData(nSize, '\0');
+        for (char& c : strData) c = (char)(rng() & 0xFF);
+        return strData;
+    }
+
+    CLogManager* m_pLog = nullptr;
+    std::vector<BYTE> m_vHead;
+};
+
+TEST_F(TraceLogRing, NewRingsGetTheirHeads)
+{
+    OpenRings(256);
+    LPFILE_TRACEMEMFILEHEAD lpTrace = Ring();
+    ASSERT_NE(nullptr, lpTrace);
+    EXPECT_EQ(0, memcmp(lpTrace, "QNMT", 4));
+    EXPECT_EQ(0x100000, (int)lpTrace->m_nFileTotalSize);
+    EXPECT_EQ(68, (int)lpTrace->m_nFileHeaderSize);
+    EXPECT_EQ(0, (int)lpTrace->m_nItemSize);
+    EXPECT_EQ(1, (int)lpTrace->m_bFileType);
+    EXPECT_EQ(68, (int)lpTrace->m_nWritePos);
+    EXPECT_EQ(68, (int)lpTrace->m_nReadPos);
+    EXPECT_EQ(0, (int)lpTrace->m_nProcessID);
+    EXPECT_EQ(0x100000, m_pLog->m_nTraceFileSize);
+    LPFILE_TRACEMEMFILEHEAD lpRedo = (LPFILE_TRACEMEMFILEHEAD)m_pLog->m_pLogFileAddr;
+    ASSERT_NE(nullptr, lpRedo);
+    EXPECT_EQ(0x400000, (int)lpRedo->m_nFileTotalSize);
+    EXPECT_EQ(2, (int)lpRedo->m_bFileType);
+    EXPECT_EQ(68, (int)lpRedo->m_nReadPos);
+    EXPECT_NE(nullptr, m_pLog->m_hLogEvent);
+    EXPECT_NE(nullptr, m_pLog->m_hLogEmptyEvent);
+    // Made once: a second call remakes nothing.
+    lpTrace->m_nWritePos = 100;
+    OpenRings(256);
+    EXPECT_EQ(100, (int)Ring()->m_nWritePos);
+    lpTrace->m_nWritePos = 68;
+}
+
+TEST_F(TraceLogRing, LargeCacheGetsTheLargeRedoRing)
+{
+    OpenRings(257);
+    EXPECT_EQ(0x2000000, (int)((LPFILE_TRACEMEMFILEHEAD)m_pLog->m_pLogFileAddr)->m_nFileTotalSize);
+    EXPECT_EQ(0x2000000, m_pLog->m_nLogFileSize);
+}
+
+TEST_F(TraceLogRing, ProducerFillsToTheLastByteBeforeItWraps)
+{
+    OpenRings();
+    LPBYTE lpRing = m_pLog->m_pTraceFileAddr;
+    const int nEnd = Ring()->m_nFileTotalSize;
+    Ring()->m_nWritePos = nEnd - 10;
+    Ring()->m_nReadPos = HEAD + 100;
+    std::string strData(30, '\0');
+    for (int i = 0; i < 30; i++) strData[i] = (char)('A' + i);
+    EXPECT_EQ(30, TraceRingWrite(lpRing, m_pLog->m_nTraceFileSize, strData.data(), 30));
+    EXPECT_EQ(0, memcmp(lpRing + nEnd - 10, strData.data(), 10));
+    EXPECT_EQ(0, memcmp(lpRing + HEAD, strData.data() + 10, 20));
+    EXPECT_EQ(HEAD + 20, (int)Ring()->m_nWritePos);
+    // Room up to one byte short of the reader, never onto it.
+    EXPECT_EQ(79, TraceRingFreeSpace(lpRing, m_pLog->m_nTraceFileSize));
+    // With the reader at the start, the last byte cannot be written: the
+    // wrap would make the ring look empty.
+    Ring()->m_nWritePos = nEnd - 1;
+    Ring()->m_nReadPos = HEAD;
+    EXPECT_EQ(0, TraceRingWrite(lpRing, m_pLog->m_nTraceFileSize, "x", 1));
+    Ring()->m_nReadPos = HEAD + 1;
+    EXPECT_EQ(1, TraceRingWrite(lpRing, m_pLog->m_nTraceFileSize, "x", 1));
+    EXPECT_EQ(HEAD, (int)Ring()->m_nWritePos);
+}
+
+// The engine's stream, through several wraps, is the file's body byte for
+// byte, with the copier running as a thread against a concurrent producer.
+TEST_F(TraceLogRing, StreamAcrossWrapsEqualsTheFileBody)
+{
+    OpenRings();
+    Ring()->m_nProcessID = 4242;
+    ASSERT_EQ(0, m_pLog->StartTraceThreads(TRUE));
+    std::string strData = RandomBytes(3 * 1024 * 1024 + 12345, 7);
+    Produce(strData, false);
+    ASSERT_TRUE(WaitUntil([&] { return Ring()->m_nReadPos == Ring()->m_nWritePos; }, 20000));
+    m_pLog->StopTraceThreads(30);
+    std::vector<std::string> files = Series("TalvorService");
+    ASSERT_EQ(1u, files.size());
+    std::string strFile = ReadWholeFile(files[0]);
+    const std::string strStart = "\xEF\xBB\xBFService processid:4242\r\nNodename: ";
+    ASSERT_EQ(0, strFile.compare(0, strStart.size(), strStart)) << strFile.substr(0, 60);
+    std::string strBody = BodyOf(strFile);
+    ASSERT_EQ(strData.size(), strBody.size());
+    EXPECT_TRUE(strData == strBody) << "first difference at "
+                                    << std::mismatch(strData.begin(), strData.end(), strBody.begin()).first -
+                                           strData.begin();
+    std::vector<TraceLine> lines = DaemonLines();
+    EXPECT_TRUE(HasText(lines, 20010001, "Log Writer thread started!"));
+    EXPECT_TRUE(HasText(lines, 20010100, "Log Writer thread ended!"));
+}
+
+TEST_F(TraceLogRing, RestartedEngineStartsItsMarkInTheSameFile)
+{
+    OpenRings();
+    Ring()->m_nProcessID = 111;
+    Produce("first engine\r\n", true);
+    ASSERT_TRUE(m_pLog->CopyTraceRing());
+    Ring()->m_nProcessID = 222;
+    Produce("second engine", true);
+    ASSERT_TRUE(m_pLog->CopyTraceRing());
+    std::vector<std::string> files = Series("TalvorService");
+    ASSERT_EQ(1u, files.size());
+    std::string strFile = ReadWholeFile(files[0]);
+    EXPECT_NE(std::string::npos, strFile.find("Service processid:111\r\n"));
+    EXPECT_EQ("first engine\r\n\r\n\r\nService processid:222\r\nsecond engine", BodyOf(strFile));
+}
+
+TEST_F(TraceLogRing, TextLeftInARingThatSurvivedIsReadByTheNextDaemon)
+{
+    // A ring left behind by a daemon that was killed, with text the engine
+    // wrote meanwhile.
+    BOOL bExists = FALSE;
+    MFID nId = CShareMemory::CreateShareMemory(SHMKEY_TRACERING, TRACERING_SEGMENT_SIZE, "t", bExists);
+    ASSERT_GT(nId, 0);
+    LPBYTE lpRing = (LPBYTE)CShareMemory::ShMemAttach(nId, nullptr, 0);
+    ASSERT_NE(nullptr, lpRing);
+    TraceRingInitHead(lpRing, TRACERING_SEGMENT_SIZE, TRACEMEM_FILETYPE_TRACE);
+    ((LPFILE_TRACEMEMFILEHEAD)lpRing)->m_nReadPos = 5000;
+    ((LPFILE_TRACEMEMFILEHEAD)lpRing)->m_nWritePos = 5000;
+    ASSERT_EQ(11, TraceRingWrite(lpRing, TRACERING_SEGMENT_SIZE, "while away\n", 11));
+    CShareMemory::ShMemDetach(lpRing);
+
+    OpenRings();
+    EXPECT_EQ(5000, (int)Ring()->m_nReadPos);
+    EXPECT_EQ(5011, (int)Ring()->m_nWritePos);
+    ASSERT_TRUE(m_pLog->CopyTraceRing());
+    EXPECT_EQ("while away\n", SeriesBody("TalvorService"));
+}
+
+TEST_F(TraceLogRing, CorruptPositionsAreRefusedAndReset)
+{
+    OpenRings();
+    // A write position past the end: nothing is read from there.
+    Ring()->m_nWritePos = 0x200000;
+    Ring()->m_nReadPos = HEAD;
+    ASSERT_TRUE(m_pLog->CopyTraceRing());
+    EXPECT_EQ(HEAD, (int)Ring()->m_nWritePos);
+    EXPECT_EQ(HEAD, (int)Ring()->m_nReadPos);
+    std::vector<TraceLine> lines = DaemonLines();
+    EXPECT_TRUE(HasText(lines, 20010002,
+                        "Log thread detected memory data exceptions, nWritePos：2097152、nReadPos：68、"
+                        "nFileHeaderSize：68、nFileTotalSize：1048576"));
+    EXPECT_EQ("", SeriesBody("TalvorService"));
+
+    // A read position inside the head: set to the start of the data.
+    memset(m_pLog->m_pTraceFileAddr + HEAD, 'd', 100);
+    Ring()->m_nWritePos = HEAD + 100;
+    Ring()->m_nReadPos = 10;
+    ASSERT_TRUE(m_pLog->CopyTraceRing());
+    EXPECT_EQ(HEAD + 100, (int)Ring()->m_nReadPos);
+    EXPECT_EQ(std::string(100, 'd'), SeriesBody("TalvorService"));
+
+    // A head that claims more than the segment holds is set back first.
+    Ring()->m_nFileTotalSize = 0x7FFFFFFF;
+    Ring()->m_nFileHeaderSize = -5;
+    Ring()->m_nWritePos = 0x7FFFFF00;
+    ASSERT_TRUE(m_pLog->CopyTraceRing());
+    EXPECT_EQ(0x100000, (int)Ring()->m_nFileTotalSize);
+    EXPECT_EQ(HEAD, (int)Ring()->m_nFileHeaderSize);
+    EXPECT_EQ(HEAD, (int)Ring()->m_nWritePos);
+    lines = DaemonLines();
+    EXPECT_TRUE(HasText(lines, 20010004, "nFileHeaderSize: -5, nFileTotalSize: 2147483647, now 68, 1048576"));
+}
+
+TEST_F(TraceLogRing, EngineFileSwitchesOnlyOnAPassOverTheWrap)
+{
+    OpenRings();
+    UseFileMaxSize(10000);
+    std::string strData = RandomBytes(1500000, 11);
+    // 50000 bytes without a wrap: far past the limit, still one file.
+    Produce(strData.substr(0, 50000), true);
+    ASSERT_TRUE(m_pLog->CopyTraceRing());
+    EXPECT_EQ(1u, Series("TalvorService").size());
+    // On through the wrap, copied in pieces of 100000.
+    for (size_t nPos = 50000; nPos < strData.size(); nPos += 100000) {
+        Produce(strData.substr(nPos, 100000), true);
+        ASSERT_TRUE(m_pLog->CopyTraceRing());
+    }
+    std::vector<std::string> files = Series("TalvorService");
+    ASSERT_EQ(2u, files.size());
+    EXPECT_GT(BodyOf(ReadWholeFile(files[0])).size(), 1000000u);
+    EXPECT_EQ(strData, SeriesBody("TalvorService"));
+    EXPECT_TRUE(HasText(DaemonLines(), 20010007, "switched the log file! File path: " + files[0]));
+}
+
+TEST_F(TraceLogRing, StaleSegmentOfAnotherSizeIsMadeAnew)
+{
+    int nId = shmget(SHMKEY_TRACERING, 0x80000, IPC_CREAT | IPC_EXCL | 0666);
+    ASSERT_GT(nId, 0);
+    OpenRings();
+    EXPECT_EQ(0x100000, m_pLog->m_nTraceFileSize);
+    EXPECT_EQ(0x100000, (int)CShareMemory::ShareMemorySize(m_pLog->m_hTraceFile));
+    EXPECT_EQ(0x100000, (int)Ring()->m_nFileTotalSize);
+    EXPECT_TRUE(HasText(DaemonLines(), 20000031, "had 524288 bytes instead of 1048576 and nobody used it"));
+}
+
+TEST_F(TraceLogRing, SegmentInUseOfAnotherSizeIsTakenWithinItsBounds)
+{
+    int nId = shmget(SHMKEY_TRACERING, 0x80000, IPC_CREAT | IPC_EXCL | 0666);
+    ASSERT_GT(nId, 0);
+    LPBYTE lpOther = (LPBYTE)shmat(nId, nullptr, 0);
+    ASSERT_NE((void*)-1, (void*)lpOther);
+    // Its user believes in the standard size.
+    TraceRingInitHead(lpOther, 0x100000, TRACEMEM_FILETYPE_TRACE);
+    OpenRings();
+    EXPECT_EQ(0x80000, m_pLog->m_nTraceFileSize);
+    EXPECT_TRUE(HasText(DaemonLines(), 20000030, "has 524288 bytes instead of 1048576 and is in use"));
+    Ring()->m_nWritePos = 0x90000;
+    ASSERT_TRUE(m_pLog->CopyTraceRing());
+    EXPECT_EQ(0x80000, (int)Ring()->m_nFileTotalSize);
+    EXPECT_EQ(HEAD, (int)Ring()->m_nWritePos);
+    // The producer is bounded by the real size too.
+    std::string strData = RandomBytes(0x80000 - HEAD - 1, 3);
+    EXPECT_EQ((int)strData.size(), TraceRingWrite(lpOther, 0x80000, strData.data(), (int)strData.size() + 100));
+    ASSERT_TRUE(m_pLog->CopyTraceRing());
+    EXPECT_EQ(strData, SeriesBody("TalvorService"));
+    shmdt(lpOther);
+}
+
+TEST_F(TraceLogRing, CopierWithoutAWritableDirectoryConsumesNothingAndSaysItOnce)
+{
+    WriteWholeFile(m_strRoot + "/blocked", "x");
+    UseIni("[System]\r\ndatabasepath=" + m_strRoot + "/blocked/\r\n");
+    ASSERT_TRUE(m_pLog->Init());
+    OpenRings();
+    Produce("kept for later", true);
+    EXPECT_FALSE(m_pLog->CopyTraceRing());
+    EXPECT_FALSE(m_pLog->CopyTraceRing());
+    EXPECT_EQ(HEAD, (int)Ring()->m_nReadPos);
+    UseIni("[System]\r\ndatabasepath=" + m_strRoot + "/\r\n");
+    ASSERT_TRUE(m_pLog->Init());
+    ASSERT_TRUE(m_pLog->CopyTraceRing());
+    EXPECT_EQ("kept for later", SeriesBody("TalvorService"));
+    std::vector<TraceLine> lines = DaemonLines();
+    int nTold = 0;
+    for (const TraceLine& line : lines) nTold += line.m_nCode == 20010003;
+    EXPECT_EQ(1, nTold);
+    EXPECT_TRUE(HasText(lines, 20010003, "Log thread failed to open log file, file path: " + m_strRoot + "/blocked/Log/TalvorService"));
+}
+
+} // namespace
