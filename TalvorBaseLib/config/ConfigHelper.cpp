@@ -3,7 +3,9 @@
 // file-direct readers live in ConfigHelperFile.cpp.
 #include "ConfigHelper.h"
 
+#include "ConfigIniSyntax.h"
 #include "ShareMemory.h"
+#include "TalvorTrace.h"
 
 #include <cerrno>
 #include <climits>
@@ -216,7 +218,10 @@ ConfigHelper::ConfigHelper(const char* lpFileName)
         m_pFileName.SetValue(lpFileName);
         readAndParse();
     }
-    if (!g_bConfigStaticsReady) InitializeCriticalTalvor(&m_csCriticalSection);
+    if (!g_bConfigStaticsReady) {
+        InitializeCriticalTalvor(&m_csCriticalSection);
+        TalvorSetLatchRank(&m_csCriticalSection, LATCHRANK_CONFIG);
+    }
     InitSharedMemory();
     if (!g_bConfigStaticsReady) {
         sem_t* pSem = sem_open(SEMNAME_CONFIGHELPER, O_CREAT, 0666, 1);
@@ -274,11 +279,12 @@ void ConfigHelper::trim(const char*& lpStart, const char*& lpEnd)
     while (lpEnd > lpStart && IsTrimChar(lpEnd[-1])) lpEnd--;
 }
 
-// Lines end at the first LF or CR. Blank lines and lines beginning "#" are
-// skipped; "[name]" opens a section; otherwise the first "=" splits key and
-// value, and the value keeps any later "=" and "#". A repeated section or a
-// key before the first section makes the file invalid; sections past the
-// seventh are ignored.
+// Lines, comments and heads follow ConfigIniSyntax.h, as every reader of the
+// file does. Otherwise the first "=" splits the line; the key is trimmed of
+// all white space, the value of space, CR and LF only, and it keeps any later
+// "=" and "#". A line with no "=" is skipped. A repeated section or a key
+// before the first section makes the file invalid; sections past the seventh
+// are ignored.
 bool ConfigHelper::readAndParse()
 {
     int iLen = 0;
@@ -292,17 +298,19 @@ bool ConfigHelper::readAndParse()
     bool bResult = true;
     _KeyValue* pSection = nullptr;
     while (p < lpEndText) {
-        const char* lpLineEnd = p;
-        while (lpLineEnd < lpEndText && *lpLineEnd != '\n' && *lpLineEnd != '\r') lpLineEnd++;
-        const char* lpStart = p;
-        const char* lpEnd = lpLineEnd;
-        p = lpLineEnd < lpEndText ? lpLineEnd + 1 : lpEndText;
+        const char* lpNext;
+        const char* lpLineEnd = IniLineEnd(p, lpEndText, &lpNext);
+        const char* s = p;
+        const char* e = lpLineEnd;
+        p = lpNext;
 
-        trim(lpStart, lpEnd);
-        if (lpStart == lpEnd || *lpStart == '#') continue;
+        IniTrimBlanks(s, e);
+        if (IniIsNothing(s, e)) continue;
 
-        if (*lpStart == '[' && lpEnd[-1] == ']' && lpEnd - lpStart >= 2) {
-            TString tName(lpStart + 1, (int)(lpEnd - lpStart - 2));
+        const char* lpName;
+        const char* lpNameEnd;
+        if (IniHeadName(s, e, lpName, lpNameEnd)) {
+            TString tName(lpName, (int)(lpNameEnd - lpName));
             if (findSection(tName) >= 0) {
                 bResult = false;
                 break;
@@ -314,14 +322,16 @@ bool ConfigHelper::readAndParse()
             continue;
         }
 
-        const char* lpEq = (const char*)memchr(lpStart, '=', (size_t)(lpEnd - lpStart));
+        const char* lpEq;
+        IniKeyName(s, e, lpName, lpNameEnd, &lpEq);
         if (lpEq == nullptr) continue;
         if (pSection == nullptr) {
             bResult = false;
             break;
         }
-        TString tKey(lpStart, (int)(lpEq - lpStart));
-        TString tValue(lpEq + 1, (int)(lpEnd - lpEq - 1));
+        TString tKey(lpName, (int)(lpNameEnd - lpName));
+        // The value is cut from the untrimmed line: a tab around it stays.
+        TString tValue(lpEq + 1, (int)(lpLineEnd - lpEq - 1));
         // Out of memory for one line: that line is skipped.
         pSection->insert(tKey, tValue, true);
     }
@@ -512,9 +522,18 @@ bool ConfigHelper::updateFromShared(bool bIsService)
 
 // ===================================================== ScopedSemaphorePtr
 
-ScopedSemaphorePtr::ScopedSemaphorePtr(sem_t* pSem, UINT nTimeoutMs) : m_pSem(nullptr)
+ScopedSemaphorePtr::ScopedSemaphorePtr(sem_t* pSem, UINT nTimeoutMs) : m_pSem(nullptr), m_bTimedOut(false)
 {
     if (pSem == nullptr) return;
+    int nResult;
+    if (nTimeoutMs == 0) {
+        do {
+            nResult = sem_trywait(pSem);
+        } while (nResult != 0 && errno == EINTR);
+        if (nResult == 0) m_pSem = pSem;
+        else m_bTimedOut = errno == EAGAIN;
+        return;
+    }
     struct timespec ts;
     if (clock_gettime(CLOCK_REALTIME, &ts) != 0) return;
     ts.tv_sec += nTimeoutMs / 1000;
@@ -523,11 +542,11 @@ ScopedSemaphorePtr::ScopedSemaphorePtr(sem_t* pSem, UINT nTimeoutMs) : m_pSem(nu
         ts.tv_sec++;
         ts.tv_nsec -= 1000000000L;
     }
-    int nResult;
     do {
         nResult = sem_timedwait(pSem, &ts);
     } while (nResult != 0 && errno == EINTR);
     if (nResult == 0) m_pSem = pSem;
+    else m_bTimedOut = errno == ETIMEDOUT;
 }
 
 ScopedSemaphorePtr::~ScopedSemaphorePtr()
@@ -546,14 +565,67 @@ bool PeerHasPosted(const SharedMemoryUpdate* pList)
     return pList != nullptr && ListIsService(pList);
 }
 
+// Trace codes of the semaphore's watch.
+constexpr LONG TRACE_CONFIG_SEMAPHORE_STUCK = 10080001;
+constexpr LONG TRACE_CONFIG_SEMAPHORE_FREE = 10080002;
+
+UINT g_nSemaphoreWaitMs = CONFIG_SEMAPHORE_WAIT_MS;
+// Set when a wait ran out, cleared when the semaphore is had again. Changed
+// only under the configuration latch; atomic for the readers outside it.
+bool g_bSemaphoreStuck = false;
+ULONG g_nSemaphoreTimeouts = 0;
+
+// The engine's semaphore for one thread-safe call, under the configuration
+// latch. While it is taken for stuck, only tried.
+class CPeerSemaphore {
+public:
+    CPeerSemaphore()
+        : m_bWasStuck(__atomic_load_n(&g_bSemaphoreStuck, __ATOMIC_ACQUIRE)),
+          m_nWaitMs(m_bWasStuck ? 0 : g_nSemaphoreWaitMs), m_sem(ConfigHelper::m_lpSempahore, m_nWaitMs)
+    {
+        if (m_sem.TimedOut() && m_nWaitMs > 0) __atomic_add_fetch(&g_nSemaphoreTimeouts, 1, __ATOMIC_RELAXED);
+        if (m_sem.IsLocked() && m_bWasStuck) {
+            __atomic_store_n(&g_bSemaphoreStuck, false, __ATOMIC_RELEASE);
+            Trace("ConfigHelper", 3, TRACE_CONFIG_SEMAPHORE_FREE,
+                  TALVOR_TEXT("配置信号量 CONFIGHELPER 已再次可用，配置变更重新通知引擎",
+                              "The semaphore CONFIGHELPER is free again; configuration changes reach the engine again"));
+        } else if (m_sem.TimedOut() && !m_bWasStuck) {
+            __atomic_store_n(&g_bSemaphoreStuck, true, __ATOMIC_RELEASE);
+            Trace("ConfigHelper", 1, TRACE_CONFIG_SEMAPHORE_STUCK,
+                  TALVOR_TEXT("等待配置信号量 CONFIGHELPER 超过 %u 毫秒，视为引擎持有该信号量时已退出；在其再次可用之前，"
+                              "配置变更不再通知引擎，也不再等待",
+                              "Waited %u ms for the semaphore CONFIGHELPER: the engine is taken to have died holding it; "
+                              "until it is free again, configuration changes are not posted to the engine and not "
+                              "waited for"),
+                  g_nSemaphoreWaitMs);
+        }
+    }
+    bool IsLocked() const { return m_sem.IsLocked(); }
+
+private:
+    // In this order: the first two choose m_sem's wait.
+    bool m_bWasStuck;
+    UINT m_nWaitMs;
+    ScopedSemaphorePtr m_sem;
+};
+
 void TakeInPeerUpdates(ConfigHelper* pHelper)
 {
     if (!PeerHasPosted(pHelper->sharedList())) return;
-    ScopedSemaphorePtr sem(ConfigHelper::m_lpSempahore);
+    CPeerSemaphore sem;
     if (sem.IsLocked()) pHelper->updateFromShared(false);
 }
 
 } // namespace
+
+UINT ConfigSetSemaphoreWait(UINT nWaitMs)
+{
+    UINT nOld = g_nSemaphoreWaitMs;
+    g_nSemaphoreWaitMs = nWaitMs;
+    return nOld;
+}
+
+ULONG ConfigSemaphoreTimeouts() { return __atomic_load_n(&g_nSemaphoreTimeouts, __ATOMIC_RELAXED); }
 
 void TalvorDefaultDatabaseDir(char* lpDir, size_t nSize)
 {
@@ -628,7 +700,7 @@ bool TalvorConfigSetValueString(const char* lpAppName, const char* lpKeyName, co
     if (p == nullptr) return false;
     CTalvorCriticalSectionPtr guard(&ConfigHelper::m_csCriticalSection, lpCritSection);
     if (p->sharedList() != nullptr) {
-        ScopedSemaphorePtr sem(ConfigHelper::m_lpSempahore);
+        CPeerSemaphore sem;
         if (sem.IsLocked()) {
             // Posting takes the list over from the engine; whatever it posted
             // and we have not taken in yet is taken in first, or our tree

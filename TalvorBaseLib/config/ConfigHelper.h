@@ -25,6 +25,10 @@
 #define CONFIGHELPER_MAX_SECTIONS 8
 #define CONFIGHELPER_MAX_FILE_SECTIONS 7
 
+// Reads of the ini that find it empty, or changing while it is read (a writer
+// without the lock caught mid-rewrite), before it is taken to be what it is.
+inline constexpr int CONFIG_INI_READ_TRIES = 20;
+
 class ConfigHelperPtr;
 
 class ConfigHelper {
@@ -108,11 +112,18 @@ public:
     virtual bool AddItemToSharedadd(const char* lpModule, const char* lpKey, const char* lpValue, bool bIsService);
     virtual ~ConfigHelper();
     // The whole file in a new[] buffer with a terminator; the caller frees it.
-    // Null with *pLen -1 when there is no file or it cannot be opened for
-    // reading and writing, -2 when nothing could be read.
+    // Read under a shared flock on the file; an empty file or one that
+    // changes while it is read is read again (CONFIG_INI_READ_TRIES reads in
+    // all). Null with *pLen -1 when there is no file or it cannot be opened
+    // for reading and writing or locked, -2 when it stayed empty or kept
+    // changing. Blocks while another process, or another thread here, holds
+    // the exclusive lock.
     virtual char* GetText(int* pLen);
 
 protected:
+    // Splices one line into the file under an exclusive flock held from the
+    // read to the replacement. False, with the file untouched, when it could
+    // not be read whole, or the section is not in it, or the write failed.
     virtual bool updateDisk(const TString& tStrAppName, const TString& tStrKeyName, const TString& tStrValue,
                             bool bIsAdd);
     virtual bool readAndParse();
@@ -156,21 +167,28 @@ public:
     ConfigHelper* m_ptr;
 };
 
+// How long a thread-safe call waits for the semaphore "CONFIGHELPER" before it
+// takes the engine for dead while holding it.
+inline constexpr UINT CONFIG_SEMAPHORE_WAIT_MS = 5000;
+
 // Holds the named semaphore for a scope. The wait is bounded: a peer that died
 // holding the semaphore must not stop this process's configuration for good.
-// When the wait fails IsLocked() is false, nothing is posted on leaving, and
-// the caller leaves the shared list alone.
+// nTimeoutMs 0 only tries, without waiting. When the wait fails IsLocked() is
+// false, nothing is posted on leaving, and the caller leaves the shared list
+// alone; TimedOut() tells that the semaphore stayed taken for the whole wait.
 class ScopedSemaphorePtr {
 public:
-    explicit ScopedSemaphorePtr(sem_t* pSem, UINT nTimeoutMs = 5000);
+    explicit ScopedSemaphorePtr(sem_t* pSem, UINT nTimeoutMs = CONFIG_SEMAPHORE_WAIT_MS);
     ~ScopedSemaphorePtr();
     bool IsLocked() const { return m_pSem != nullptr; }
+    bool TimedOut() const { return m_bTimedOut; }
 
     ScopedSemaphorePtr(const ScopedSemaphorePtr&) = delete;
     ScopedSemaphorePtr& operator=(const ScopedSemaphorePtr&) = delete;
 
 private:
     sem_t* m_pSem;
+    bool m_bTimedOut;
 };
 
 bool TalvorConfigInit(const char* lpPath);
@@ -188,7 +206,16 @@ int TalvorConfigGetValueString(const char* lpAppName, const char* lpKeyName, con
 bool TalvorConfigSetValueString(const char* lpAppName, const char* lpKeyName, const char* lpValue);
 
 // Thread-safe forms: reads first take in the engine's pending changes, the
-// setter also posts its change to the engine.
+// setter also posts its change to the engine. Each takes the configuration
+// latch for the whole call, and under it the semaphore "CONFIGHELPER"; the
+// ini's flock comes last, under both, and the engine keeps the same order.
+//
+// An engine that dies holding the semaphore would cost every call the whole
+// wait, under the latch. So the first wait that runs out is traced and
+// remembered: from then on the calls only try the semaphore, and leave the
+// list alone while it is taken (the engine is not told of changes, which it
+// reads in the file at its next start). The first call that gets it again
+// traces so and waits as before.
 int TalvorConfigGetValueInt(const char* lpAppName, const char* lpKeyName, int iDefault,
                             LPTALVORCRITICALSECTION lpCritSection);
 int TalvorConfigGetValueString(const char* lpAppName, const char* lpKeyName, const char* lpDefault, char* lpReturn,
@@ -196,19 +223,28 @@ int TalvorConfigGetValueString(const char* lpAppName, const char* lpKeyName, con
 bool TalvorConfigSetValueString(const char* lpAppName, const char* lpKeyName, const char* lpValue,
                                 LPTALVORCRITICALSECTION lpCritSection);
 
+// The wait of the thread-safe calls for the semaphore; tests shorten it.
+// Returns the wait in force before. Call it with no thread-safe call running.
+UINT ConfigSetSemaphoreWait(UINT nWaitMs);
+// Waits for the semaphore that ran out since the process started. Any thread.
+ULONG ConfigSemaphoreTimeouts();
+
 // File-direct reader. Null lpAppName lists the section names, null lpKeyName
 // the keys of a section, each followed by a NUL. Returns the characters
-// placed, at most nSize - 1.
+// placed, at most nSize - 1. Reads under a shared flock, as GetText does.
 DWORD GetPrivateProfileString(LPCTSTR lpAppName, LPCTSTR lpKeyName, LPCTSTR lpDefault, LPTSTR lpReturnedString,
                               DWORD nSize, LPCTSTR lpFileName);
 int GetPrivateProfileInt(LPCTSTR lpAppName, LPCTSTR lpKeyName, int nDefault, LPCTSTR lpFileName);
 // Sets one key, replacing its line or adding it (and its section) to the file;
 // a missing or empty file gets "[section]\nkey=value\n". Null or malformed
-// names or values are refused.
+// names or values are refused. Holds an exclusive flock on the file from the
+// read to the replacement; a file that stays empty over every read is
+// filled, one that keeps changing is left alone (FALSE).
 BOOL WritePrivateProfileString(LPCTSTR lpAppName, LPCTSTR lpKeyName, LPCTSTR lpString, LPCTSTR lpFileName);
 
 // Replaces a file's content so that a crash leaves either the old or the new
 // text: a temporary file beside it, synced, renamed over. Where no temporary
 // can be made beside it, the file is rewritten in place. TRUE when every
-// byte was written.
+// byte was written. Takes no lock: the callers hold the ini's exclusive flock
+// around their read and this call.
 BOOL ConfigReplaceFileContent(const char* lpPath, const char* lpData, size_t nLen);

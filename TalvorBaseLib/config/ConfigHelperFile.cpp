@@ -1,8 +1,14 @@
 // ConfigHelperFile.cpp — the disk side of the configuration: reading the ini
 // file whole, splicing one changed line into it, replacing it safely, and the
 // file-direct GetPrivateProfile* / WritePrivateProfileString family.
+//
+// The engine rewrites the same file in place. Every read here holds a shared
+// flock on it and every read-and-replace an exclusive one, which the engine
+// takes too; so neither side sees the other's rewrite half done, and no
+// rewrite falls between the other side's read and its replacement.
 #include "ConfigHelper.h"
 
+#include "ConfigIniSyntax.h"
 #include "TalvorFileIO.h"
 
 #include <cctype>
@@ -13,6 +19,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <new>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,45 +30,165 @@ inline bool HasBom(const char* lpText, size_t nLen)
     return nLen >= 3 && (BYTE)lpText[0] == 0xEF && (BYTE)lpText[1] == 0xBB && (BYTE)lpText[2] == 0xBF;
 }
 
-// Reads a whole file into a new[] buffer with a terminator. Null on
-// failure; *pErr is then errno of the open (0 when the file opened but
-// could not be read or is empty). bWritable opens it for reading and
-// writing: a file we could not write back counts as unreadable.
-char* ReadWholeFile(const char* lpPath, BOOL bWritable, size_t* pLen, int* pErr)
+// How often a read that finds the ini empty, or changing while it is read, is
+// made again before the file is taken to be what it is, and the pause between
+// two reads. Only a writer that does not take the lock can be caught in the
+// middle of a rewrite; the pauses give it time to finish.
+constexpr useconds_t INI_READ_PAUSE_US = 5000;
+// How often the lock is taken again because the path was given a new file
+// while we waited for it. Each retry means a replacement finished, so running
+// out takes a writer replacing the file without end.
+constexpr int INI_RELOCK_TRIES = 100;
+
+// An advisory flock on the ini for a scope. The daemon replaces the file by
+// renaming a new one over it, so a lock won on a descriptor opened before the
+// rename protects a file that is no longer the ini: after the lock is had,
+// the path must still name the locked file, or it is opened and locked anew.
+// The engine rewrites the file in place under the same lock.
+class CIniFileLock {
+public:
+    CIniFileLock() : m_fd(-1) {}
+    ~CIniFileLock() { Release(); }
+    CIniFileLock(const CIniFileLock&) = delete;
+    CIniFileLock& operator=(const CIniFileLock&) = delete;
+
+    // Opens lpPath with nFlags and takes nLockOp (LOCK_SH or LOCK_EX), waiting
+    // as long as another holder keeps it. Result 0, or the errno of what
+    // failed (EAGAIN when the file kept being replaced). Any thread; the
+    // caller holds no ini lock of its own on the file.
+    int Acquire(const char* lpPath, int nFlags, int nLockOp)
+    {
+        Release();
+        CTalvorFileIO* pIO = CTalvorFileIO::Current();
+        for (int nTry = 0; nTry < INI_RELOCK_TRIES; nTry++) {
+            int fd = pIO->Open(lpPath, nFlags | O_CLOEXEC, 0666);
+            if (fd < 0) return errno;
+            int nResult;
+            do {
+                nResult = pIO->Flock(fd, nLockOp);
+            } while (nResult != 0 && errno == EINTR);
+            if (nResult != 0) {
+                int nErr = errno;
+                pIO->Close(fd);
+                return nErr;
+            }
+            struct stat stLocked;
+            struct stat stNamed;
+            if (pIO->FStat(fd, &stLocked) == 0 && pIO->Stat(lpPath, &stNamed) == 0 && stLocked.st_dev == stNamed.st_dev &&
+                stLocked.st_ino == stNamed.st_ino) {
+                m_fd = fd;
+                return 0;
+            }
+            pIO->Close(fd);
+        }
+        return EAGAIN;
+    }
+    // Closing the descriptor gives the lock back.
+    void Release()
+    {
+        if (m_fd >= 0) CTalvorFileIO::Current()->Close(m_fd);
+        m_fd = -1;
+    }
+    int Fd() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+
+bool SameSizeAndTime(const struct stat& a, const struct stat& b)
 {
+    return a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
+}
+
+enum IniRead { INI_READ_WHOLE, INI_READ_EMPTY, INI_READ_TORN, INI_READ_FAILED };
+
+// One read of the whole locked file into a new[] buffer with a terminator.
+// INI_READ_WHOLE sets *ppText and *pLen; INI_READ_FAILED sets *pErr.
+IniRead ReadOnce(int fd, char** ppText, size_t* pLen, int* pErr)
+{
+    *ppText = nullptr;
     *pLen = 0;
     *pErr = 0;
-    CTalvorFileIO* pIO = CTalvorFileIO::Current();
-    int fd = pIO->Open(lpPath, (bWritable ? O_RDWR : O_RDONLY) | O_CLOEXEC, 0);
-    if (fd < 0) {
+    struct stat stBefore;
+    if (CTalvorFileIO::Current()->FStat(fd, &stBefore) != 0) {
         *pErr = errno;
-        return nullptr;
+        return INI_READ_FAILED;
     }
-    char* lpText = nullptr;
-    off_t nSize = pIO->LSeek(fd, 0, SEEK_END);
-    if (nSize > 0 && nSize < INT_MAX) {
-        lpText = new (std::nothrow) char[(size_t)nSize + 1];
-        if (lpText != nullptr) {
-            // As many bytes as there are, up to the size asked: a file that
-            // shrank meanwhile gives what it still holds.
-            size_t nRead = 0;
-            while (nRead < (size_t)nSize) {
-                ssize_t n = pIO->PRead(fd, lpText + nRead, (size_t)nSize - nRead, (off_t)nRead);
-                if (n < 0 && errno == EINTR) continue;
-                if (n <= 0) break;
-                nRead += (size_t)n;
-            }
-            if (nRead == 0) {
-                delete[] lpText;
-                lpText = nullptr;
-            } else {
-                lpText[nRead] = 0;
-                *pLen = nRead;
-            }
+    if (stBefore.st_size <= 0) return INI_READ_EMPTY;
+    if (stBefore.st_size >= INT_MAX) {
+        *pErr = EFBIG;
+        return INI_READ_FAILED;
+    }
+    size_t nSize = (size_t)stBefore.st_size;
+    char* lpText = new (std::nothrow) char[nSize + 1];
+    if (lpText == nullptr) {
+        *pErr = ENOMEM;
+        return INI_READ_FAILED;
+    }
+    CTalvorFileIO* pIO = CTalvorFileIO::Current();
+    size_t nRead = 0;
+    while (nRead < nSize) {
+        ssize_t n = pIO->PRead(fd, lpText + nRead, nSize - nRead, (off_t)nRead);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            *pErr = errno;
+            delete[] lpText;
+            return INI_READ_FAILED;
         }
+        if (n == 0) break;
+        nRead += (size_t)n;
     }
-    pIO->Close(fd);
-    return lpText;
+    // A file that ended early or grew, or whose time moved, was being written.
+    struct stat stAfter;
+    if (nRead != nSize || pIO->FStat(fd, &stAfter) != 0 || !SameSizeAndTime(stBefore, stAfter)) {
+        delete[] lpText;
+        return INI_READ_TORN;
+    }
+    lpText[nSize] = 0;
+    *ppText = lpText;
+    *pLen = nSize;
+    return INI_READ_WHOLE;
+}
+
+// What ReadIniLocked does with a file that is empty at every read.
+enum IniEmpty {
+    INI_EMPTY_FAILS,   // a failure: the file was made empty and never written
+    INI_EMPTY_IS_TEXT, // after the same reads, an empty text to fill
+    INI_EMPTY_AT_ONCE, // an empty text at once: the caller has just made the file
+};
+
+// Locks the ini (see CIniFileLock) and reads it whole, leaving the lock held
+// in lock for the caller, who may then replace the file under it. An empty
+// file, or one that changed while it was read, was caught in the middle of a
+// rewrite by a writer without the lock: the lock is given back, and after a
+// pause the read is made again, up to CONFIG_INI_READ_TRIES reads. So a file
+// read short is never taken, nor written back, as the whole. The result is a
+// new[] text with a terminator (empty only as nEmpty allows), or null with
+// the lock given back and *pErr the errno of the open, lock or read, 0 when
+// the file stayed empty or kept changing.
+char* ReadIniLocked(const char* lpPath, int nFlags, int nLockOp, IniEmpty nEmpty, CIniFileLock& lock, size_t* pLen,
+                    int* pErr)
+{
+    for (int nTry = 1;; nTry++) {
+        *pErr = lock.Acquire(lpPath, nFlags, nLockOp);
+        if (*pErr != 0) return nullptr;
+        char* lpText = nullptr;
+        IniRead nRead = ReadOnce(lock.Fd(), &lpText, pLen, pErr);
+        if (nRead == INI_READ_WHOLE) return lpText;
+        bool bLastTry = nTry >= CONFIG_INI_READ_TRIES;
+        if (nRead == INI_READ_EMPTY && (nEmpty == INI_EMPTY_AT_ONCE || (nEmpty == INI_EMPTY_IS_TEXT && bLastTry))) {
+            lpText = new (std::nothrow) char[1];
+            if (lpText != nullptr) {
+                lpText[0] = 0;
+                return lpText;
+            }
+            *pErr = ENOMEM;
+            nRead = INI_READ_FAILED;
+        }
+        lock.Release();
+        if (nRead == INI_READ_FAILED || bLastTry) return nullptr;
+        usleep(INI_READ_PAUSE_US);
+    }
 }
 
 BOOL WriteAndSync(int fd, const char* lpData, size_t nLen)
@@ -120,7 +247,10 @@ char* ConfigHelper::GetText(int* pLen)
     }
     size_t nLen = 0;
     int nErr = 0;
-    char* lpText = ReadWholeFile(m_pFileName.c_str(), TRUE, &nLen, &nErr);
+    // Opened for reading and writing: a file we could not write back counts
+    // as unreadable.
+    CIniFileLock lock;
+    char* lpText = ReadIniLocked(m_pFileName.c_str(), O_RDWR, LOCK_SH, INI_EMPTY_FAILS, lock, &nLen, &nErr);
     if (lpText == nullptr) {
         *pLen = nErr != 0 ? -1 : -2;
         return nullptr;
@@ -130,24 +260,30 @@ char* ConfigHelper::GetText(int* pLen)
 }
 
 // Rewrites the file with one line changed, keeping every other byte: the
-// byte-order mark, comments, blank lines and the order of lines. The text is
-// cut at an LF and put together as
+// byte-order mark, comments, blank lines and the order of lines. Lines, heads
+// and key names are found by the rules the readers use (ConfigIniSyntax.h),
+// so the line changed is the one they read. The text is put together as
 //   before + separator + key=value + line end + after
-// A: the key's line is replaced: before is up to the LF in front of it,
-//    separator LF, line end CR LF when the old line had an LF, after is what
-//    followed that LF.
+// A: the key's line is replaced: before is up to the line, with the line end
+//    in front of it; no separator; line end CR LF when the old line had a
+//    line end; after is what followed that line end.
 // B: the section has no such key: the line goes in front of the next section
-//    head, separator LF, line end CR LF, after is from that head on.
+//    head: before is up to that head, no separator, line end CR LF, after is
+//    from the head on.
 // C: the section is the last one: the whole file, CR LF, the line, nothing.
 // A section missing from the file is not written at all.
 bool ConfigHelper::updateDisk(const TString& tStrAppName, const TString& tStrKeyName, const TString& tStrValue,
                               bool bIsAdd)
 {
     (void)bIsAdd;
-    int iLen = 0;
-    char* lpText = GetText(&iLen);
+    if (m_pFileName.empty()) return false;
+    // The lock is held from the read to the replacement, so that no rewrite
+    // by the engine falls between them and is lost.
+    CIniFileLock lock;
+    size_t nLen = 0;
+    int nErr = 0;
+    char* lpText = ReadIniLocked(m_pFileName.c_str(), O_RDWR, LOCK_EX, INI_EMPTY_FAILS, lock, &nLen, &nErr);
     if (lpText == nullptr) return false;
-    size_t nLen = (size_t)iLen;
     size_t nStart = HasBom(lpText, nLen) ? 3 : 0;
     if (nStart == nLen) {
         delete[] lpText;
@@ -163,39 +299,41 @@ bool ConfigHelper::updateDisk(const TString& tStrAppName, const TString& tStrKey
     size_t nPos = nStart;
     while (nPos < nLen && !bPlaced) {
         size_t nLineStart = nPos;
-        const char* lpLf = (const char*)memchr(lpText + nPos, '\n', nLen - nPos);
-        size_t nLineEnd = lpLf != nullptr ? (size_t)(lpLf - lpText) : nLen;
-        nPos = lpLf != nullptr ? nLineEnd + 1 : nLen;
+        const char* lpNext;
+        const char* e = IniLineEnd(lpText + nPos, lpText + nLen, &lpNext);
+        bool bEnded = lpNext > e;
+        nPos = (size_t)(lpNext - lpText);
 
         const char* s = lpText + nLineStart;
-        const char* e = lpText + nLineEnd;
-        trim(s, e);
-        if (s == e || *s == '#') continue;
+        IniTrimBlanks(s, e);
+        if (IniIsNothing(s, e)) continue;
 
-        // A key line or a head can only be reached after the section's own
-        // head line, so there is always an LF in front of it to cut at.
-        size_t nCut = nLineStart > nStart ? nLineStart - 1 : nLineStart;
-        if (*s == '[' && e[-1] == ']' && e - s >= 2) {
+        // Both cuts are at the start of a line: a key line or a head is only
+        // reached after the section's own head, so a line end stands in front.
+        const char* lpName;
+        const char* lpNameEnd;
+        if (IniHeadName(s, e, lpName, lpNameEnd)) {
             if (bFound) {
-                nBefore = nCut;
+                nBefore = nLineStart;
                 nAfter = nLineStart;
-                lpSeparator = "\n";
+                lpSeparator = "";
                 lpLineEnd = "\r\n";
                 bPlaced = true;
             } else {
-                TString tName(s + 1, (int)(e - s - 2));
+                TString tName(lpName, (int)(lpNameEnd - lpName));
                 bFound = tName == tStrAppName;
             }
             continue;
         }
         if (!bFound) continue;
-        const char* lpEq = (const char*)memchr(s, '=', (size_t)(e - s));
-        TString tKey(s, (int)((lpEq != nullptr ? lpEq : e) - s));
+        const char* lpEq;
+        IniKeyName(s, e, lpName, lpNameEnd, &lpEq);
+        TString tKey(lpName, (int)(lpNameEnd - lpName));
         if (tKey == tStrKeyName) {
-            nBefore = nCut;
+            nBefore = nLineStart;
             nAfter = nPos;
-            lpSeparator = "\n";
-            lpLineEnd = lpLf != nullptr ? "\r\n" : "";
+            lpSeparator = "";
+            lpLineEnd = bEnded ? "\r\n" : "";
             bPlaced = true;
         }
     }
@@ -239,17 +377,13 @@ bool ConfigHelper::updateDisk(const TString& tStrAppName, const TString& tStrKey
 
 namespace {
 
-inline bool IsBlank(char c) { return isspace((unsigned char)c) != 0; }
+inline bool IsBlank(char c) { return IniIsBlank(c); }
 
-void TrimBlanks(const char*& s, const char*& e)
-{
-    while (s < e && IsBlank(*s)) s++;
-    while (e > s && IsBlank(e[-1])) e--;
-}
+inline void TrimBlanks(const char*& s, const char*& e) { IniTrimBlanks(s, e); }
 
-// One line by the file-direct rules: it ends at LF; only a remainder holding
-// no LF ends at CR. [s, e) is the line trimmed of white space; nNext is where
-// the next line begins.
+// One line of the file (ConfigIniSyntax.h). [s, e) is the line trimmed of
+// white space; nNext is where the next line begins; bTerminated tells that
+// the line has a line end.
 struct ProfileLine {
     size_t nStart;
     size_t nNext;
@@ -261,15 +395,12 @@ struct ProfileLine {
 bool NextProfileLine(const char* lpText, size_t nLen, size_t& nPos, ProfileLine& line)
 {
     if (nPos >= nLen) return false;
-    const char* p = lpText + nPos;
-    const char* lpEnd = (const char*)memchr(p, '\n', nLen - nPos);
-    if (lpEnd == nullptr) lpEnd = (const char*)memchr(p, '\r', nLen - nPos);
+    const char* lpNext;
     line.nStart = nPos;
-    line.bTerminated = lpEnd != nullptr;
-    if (lpEnd == nullptr) lpEnd = lpText + nLen;
-    line.nNext = line.bTerminated ? (size_t)(lpEnd - lpText) + 1 : nLen;
-    line.s = p;
-    line.e = lpEnd;
+    line.s = lpText + nPos;
+    line.e = IniLineEnd(line.s, lpText + nLen, &lpNext);
+    line.bTerminated = lpNext > line.e;
+    line.nNext = (size_t)(lpNext - lpText);
     TrimBlanks(line.s, line.e);
     nPos = line.nNext;
     return true;
@@ -285,16 +416,7 @@ bool NameEquals(const char* s, const char* e, const char* lpWant, size_t nWant)
 }
 
 // The name of a head line "[name]...", or false when the line is no head.
-bool HeadName(const ProfileLine& line, const char*& s, const char*& e)
-{
-    if (line.s == line.e || *line.s != '[') return false;
-    const char* lpClose = (const char*)memchr(line.s, ']', (size_t)(line.e - line.s));
-    if (lpClose == nullptr) return false;
-    s = line.s + 1;
-    e = lpClose;
-    TrimBlanks(s, e);
-    return true;
-}
+bool HeadName(const ProfileLine& line, const char*& s, const char*& e) { return IniHeadName(line.s, line.e, s, e); }
 
 // Appends a name and its NUL to a list; whole names only.
 void AppendName(char* lpOut, DWORD nSize, DWORD& nPos, const char* s, const char* e)
@@ -345,7 +467,9 @@ DWORD GetPrivateProfileString(LPCTSTR lpAppName, LPCTSTR lpKeyName, LPCTSTR lpDe
     if (lpFileName == nullptr || *lpFileName == 0) return CopyDefault(lpReturnedString, nSize, lpDefault);
     size_t nLen = 0;
     int nErr = 0;
-    char* lpText = ReadWholeFile(lpFileName, TRUE, &nLen, &nErr);
+    CIniFileLock lock;
+    char* lpText = ReadIniLocked(lpFileName, O_RDWR, LOCK_SH, INI_EMPTY_FAILS, lock, &nLen, &nErr);
+    lock.Release();
     if (lpText == nullptr) return CopyDefault(lpReturnedString, nSize, lpDefault);
 
     const char* lpApp = nullptr;
@@ -361,7 +485,7 @@ DWORD GetPrivateProfileString(LPCTSTR lpAppName, LPCTSTR lpKeyName, LPCTSTR lpDe
     size_t nPos = HasBom(lpText, nLen) ? 3 : 0;
     ProfileLine line;
     while (NextProfileLine(lpText, nLen, nPos, line)) {
-        if (line.s == line.e || *line.s == '#') continue;
+        if (IniIsNothing(line.s, line.e)) continue;
         const char* s;
         const char* e;
         if (HeadName(line, s, e)) {
@@ -464,10 +588,21 @@ BOOL WritePrivateProfileString(LPCTSTR lpAppName, LPCTSTR lpKeyName, LPCTSTR lpS
         *lpKey == '[' || *lpKey == '#' || HasAny(lpString, lpString + nValue, "\r\n"))
         return FALSE;
 
+    // The file is locked from the read to the replacement; a missing file is
+    // made empty first, so that there is something to lock.
+    CTalvorFileIO* pIO = CTalvorFileIO::Current();
+    int fdNew = pIO->Open(lpFileName, O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    bool bCreated = fdNew >= 0;
+    if (bCreated) pIO->Close(fdNew);
     size_t nLen = 0;
     int nErr = 0;
-    char* lpText = ReadWholeFile(lpFileName, FALSE, &nLen, &nErr);
-    if (lpText == nullptr && nErr != 0 && nErr != ENOENT) return FALSE;
+    CIniFileLock lock;
+    char* lpText = ReadIniLocked(lpFileName, O_RDONLY, LOCK_EX, bCreated ? INI_EMPTY_AT_ONCE : INI_EMPTY_IS_TEXT, lock,
+                                 &nLen, &nErr);
+    if (lpText == nullptr) {
+        if (bCreated) CTalvorFileIO::Current()->Unlink(lpFileName);
+        return FALSE;
+    }
 
     // Where the new text goes: [nCutFrom, nCutTo) of the old text is replaced
     // by the prefix, "key=value" and the suffix.
@@ -479,7 +614,7 @@ BOOL WritePrivateProfileString(LPCTSTR lpAppName, LPCTSTR lpKeyName, LPCTSTR lpS
     bool bPlaced = false;
     size_t nInsertAt = 0;        // behind the section's last non-blank line
     bool bInsertNeedsLf = false; // that line had no line end
-    if (lpText != nullptr) {
+    {
         size_t nPos = HasBom(lpText, nLen) ? 3 : 0;
         bool bInSection = false;
         ProfileLine line;
@@ -524,11 +659,12 @@ BOOL WritePrivateProfileString(LPCTSTR lpAppName, LPCTSTR lpKeyName, LPCTSTR lpS
     size_t nHead = 0;
     char* lpHead = nullptr;
     if (!bPlaced) {
-        size_t nBom = lpText != nullptr && HasBom(lpText, nLen) ? 3 : 0;
+        size_t nBom = HasBom(lpText, nLen) ? 3 : 0;
         bool bNeedLf = nLen > nBom && lpText[nLen - 1] != '\n' && lpText[nLen - 1] != '\r';
         lpHead = new (std::nothrow) char[nApp + 5];
         if (lpHead == nullptr) {
             delete[] lpText;
+            if (bCreated) CTalvorFileIO::Current()->Unlink(lpFileName);
             return FALSE;
         }
         nHead = (size_t)sprintf(lpHead, "%s[%.*s]\n", bNeedLf ? "\n" : "", (int)nApp, lpApp);
@@ -560,5 +696,7 @@ BOOL WritePrivateProfileString(LPCTSTR lpAppName, LPCTSTR lpKeyName, LPCTSTR lpS
     }
     delete[] lpHead;
     delete[] lpText;
+    // A file made only to be locked goes again when nothing reached it.
+    if (!bResult && bCreated) CTalvorFileIO::Current()->Unlink(lpFileName);
     return bResult;
 }

@@ -21,8 +21,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-int g_nLanguage_Chinese = 1;
-
 // ---------------------------------------------------------------------------
 // Line and number parsing shared by the readers.
 // ---------------------------------------------------------------------------

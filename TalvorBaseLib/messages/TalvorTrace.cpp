@@ -4,6 +4,10 @@
 #include <cstdarg>
 #include <cstdio>
 
+// Beside the front that reads it, so that whatever traces needs nothing else
+// of this folder; InitLanguageSetting sets it.
+int g_nLanguage_Chinese = 1;
+
 namespace {
 
 LPTALVORTRACESINK g_pTraceSink = nullptr;

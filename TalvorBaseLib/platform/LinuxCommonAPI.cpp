@@ -2,6 +2,7 @@
 #include "LinuxCommonAPI.h"
 #include "TalvorFileIO.h"
 
+#include <cassert>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -92,12 +93,36 @@ void InitializeCriticalTalvor(LPTALVOR_SECTION lp)
     lp->m_nRecursionCount = 0;
     lp->m_nWaitedCount = 0;
     lp->m_nSpinCount = 0;
-    lp->m_nReserved = 0;
+    lp->m_nRank = LATCHRANK_NONE;
     lp->m_nThreadID = TALVOR_NO_OWNER;
     sem_init(&lp->m_hEvent, 0, 1);
 }
 
 void DeleteCriticalTalvor(LPTALVOR_SECTION lp) { sem_destroy(&lp->m_hEvent); }
+
+void TalvorSetLatchRank(LPTALVOR_SECTION lp, int nRank) { lp->m_nRank = nRank; }
+
+namespace {
+
+// Debug builds: every ranked latch the thread already holds (other than lp
+// itself, a recursion) ranks below lp.
+[[maybe_unused]] bool LatchOrderKept(LPTALVOR_SECTION lp, LPTALVORCRITICALSECTION lpCritSection)
+{
+    if (lp->m_nRank == LATCHRANK_NONE) return true;
+    const int nHeld = lpCritSection->m_nCritPos < TALVOR_CRITSTACK_SIZE ? lpCritSection->m_nCritPos : TALVOR_CRITSTACK_SIZE;
+    // Taken again by its holder: a recursion waits for nobody.
+    for (int i = 0; i < nHeld; i++) {
+        if (lpCritSection->m_pCritStack[i] == lp) return true;
+    }
+    for (int i = 0; i < nHeld; i++) {
+        LPTALVOR_SECTION pHeld = lpCritSection->m_pCritStack[i];
+        if (pHeld == nullptr || pHeld->m_nRank == LATCHRANK_NONE) continue;
+        if (pHeld->m_nRank >= lp->m_nRank) return false;
+    }
+    return true;
+}
+
+} // namespace
 
 void EnterCriticalTalvor(LPTALVOR_SECTION lp, UINT nID)
 {
@@ -177,6 +202,7 @@ void TalvorCriticalRelease(LPTALVORCRITICALSECTION lpCritSection)
 CTalvorCriticalSectionPtr::CTalvorCriticalSectionPtr(LPTALVOR_SECTION lp, LPTALVORCRITICALSECTION lpCritSection)
     : m_lpcs(lp), m_lpCritStack(nullptr), m_lpCritSection(lpCritSection)
 {
+    assert(lpCritSection == nullptr || LatchOrderKept(lp, lpCritSection));
     EnterCriticalTalvor(lp, lpCritSection ? (UINT)lpCritSection->m_nThreadID : GetCurrentThreadId());
     if (lpCritSection == nullptr) return;
     // A 21st nested guard holds its latch unrecorded: the crash release

@@ -15,6 +15,7 @@
 //    engine is ordered by named events and the shared records' protocols.
 #pragma once
 
+#include "TalvorLatchOrder.h"
 #include "TypeDef.h"
 
 #include <cstdio>
@@ -29,7 +30,7 @@ typedef struct _TALVOR_SECTION {
     volatile UINT m_nThreadID;
     volatile int m_nWaitedCount;
     volatile int m_nSpinCount;
-    int m_nReserved;
+    int m_nRank;  // LATCHRANK_* (TalvorLatchOrder.h), checked in debug builds
     sem_t m_hEvent;
 } TALVOR_SECTION, *LPTALVOR_SECTION;
 
@@ -47,7 +48,11 @@ UINT GetCurrentThreadId();
 // Zeroes a thread's record and stamps it with the calling thread's id.
 void InitThreadCritSection(LPTALVORCRITICALSECTION lpCritSection);
 
+// A free latch, unranked.
 void InitializeCriticalTalvor(LPTALVOR_SECTION lp);
+// Gives the latch its place in the order of TalvorLatchOrder.h. Once, before
+// any thread takes it.
+void TalvorSetLatchRank(LPTALVOR_SECTION lp, int nRank);
 void DeleteCriticalTalvor(LPTALVOR_SECTION lp);
 void EnterCriticalTalvor(LPTALVOR_SECTION lp, UINT nID);
 void EnterCriticalTalvor(LPTALVOR_SECTION lp);

@@ -3,6 +3,7 @@
 #include "TalvorFileIO.h"
 
 #include <cerrno>
+#include <sys/file.h>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
@@ -43,6 +44,7 @@ int CTalvorFileIO::FTruncate(int fd, off_t nSize) { return ftruncate(fd, nSize);
 
 int CTalvorFileIO::Close(int fd) { return close(fd); }
 
+int CTalvorFileIO::Flock(int fd, int nOperation) { return flock(fd, nOperation); }
 int CTalvorFileIO::Rename(const char* lpFrom, const char* lpTo) { return rename(lpFrom, lpTo); }
 
 int CTalvorFileIO::Unlink(const char* lpPath) { return unlink(lpPath); }

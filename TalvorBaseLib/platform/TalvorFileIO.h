@@ -31,6 +31,9 @@ public:
     virtual int FDataSync(int fd);
     virtual int FTruncate(int fd, off_t nSize);
     virtual int Close(int fd);
+    // flock(2): an advisory lock on the whole file, held by this open file
+    // description until it is unlocked or closed. 0 or -1 with errno.
+    virtual int Flock(int fd, int nOperation);
     // rename(2), unlink(2), mkdir(2): 0 or -1. A new, moved or removed
     // name is durable only after SyncDirectory of its directory.
     virtual int Rename(const char* lpFrom, const char* lpTo);

@@ -217,9 +217,19 @@ bool DbBuildMemoryFile(const DBMEMFILEPLAN& stPlan, BYTE bFileNo, USHORT usDatab
     lpHead->m_nFileFreeMemoryOffset = stPlan.m_nFreeOffset;
     lpHead->m_nMaxBlockMapNum = stPlan.m_nMaxBlockMapNum;
 
-    // Block 1 belongs to no object yet: it is in the map, on no chain.
     long long nBlockOffset = stPlan.m_nBlockStartOffset;
     BuildMapBlock(lpBuf, stPlan.m_nBlockMapStartOffset, nBlockOffset, stPlan.m_nFirstBlockSize, 1);
+    // The pass saves a data file object by object, along the chains: a block
+    // on no chain would never reach the disk. Block 1 starts as the one block
+    // with room of the file's first object. Index files are saved along
+    // their maps and keep their objects empty.
+    if (stPlan.m_bFileType == FILETYPE_DATA) {
+        LPBASEFILEOBJECTDEF lpObject = DbMemoryFileObject(lpBuf, stPlan.m_nFreeOffset, DB_MEMFILE_FIRST_OBJECT_ENTRY);
+        if (lpObject == nullptr) return false;
+        lpObject->m_nID = DB_MEMFILE_FIRST_OBJECT_ID;
+        lpObject->m_nFreeBlockMapOffset = DbMapEntryOffset(stPlan.m_nBlockMapStartOffset, 0);
+        lpHead->m_nCurrentObjectNum = 1;
+    }
     CopyMasterToSlave(lpBuf, stPlan.m_nBlockMapStartOffset, stPlan.m_nBlockMapSize);
 
     LPBLOCKHEAD lpBlock = (LPBLOCKHEAD)(lpBuf + nBlockOffset);
@@ -324,6 +334,8 @@ bool DbBuildSystemFile(const DBSYSFILEPLAN& stPlan, const FILE_MEMDBFILEINFO* ar
     lpHead->m_nObjectInfoOffset = (int)offsetof(SYSTEMFILEHEAD, m_stFileObject);
     lpHead->m_nBlockStartOffset = stPlan.m_nBlockStartOffset;
     lpHead->m_nInnerMaxNo = (UINT)stPlan.m_nRows;
+    // The number the first redo log gets: 0 would be taken for "no log".
+    lpHead->m_nRedoLogMaxID = DB_FIRST_REDO_LOG_NO;
     lpHead->m_nFileFreePos = stPlan.m_nFreeOffset;
     lpHead->m_nMaxBlockMapNum = DbMaxBlockMapNum(stPlan.m_nBlockMapSize);
     lpHead->m_nVersion = DB_FORMAT_VERSION;

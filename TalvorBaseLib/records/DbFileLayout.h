@@ -197,6 +197,11 @@ inline constexpr int DB_MEMFILE_DEFAULT_OBJECTS = 1024;
 inline constexpr char DB_SYSTEMFILE_NAME[] = "System.dbf";
 // File numbers 2 to 255 are free for database files.
 inline constexpr int DB_MAX_DATABASE_FILES = 254;
+// A new data file's first object: the entry and id that own block 1.
+inline constexpr int DB_MEMFILE_FIRST_OBJECT_ENTRY = 0;
+inline constexpr int DB_MEMFILE_FIRST_OBJECT_ID = 1;
+// m_nRedoLogMaxID of a new system file: the number of its first redo log.
+inline constexpr UINT DB_FIRST_REDO_LOG_NO = 1;
 
 // Block size of the first block of a new file of this type.
 int DbDefaultBlockSize(BYTE bFileType);
@@ -220,7 +225,8 @@ typedef struct _DBMEMFILEPLAN {
 // too small for head, both maps and the first block.
 bool DbPlanMemoryFile(BYTE bFileType, long long nFileSize, int nMaxObjectNum, int nBlockSize, LPDBMEMFILEPLAN lpPlan);
 // Writes the used part [0, m_nFreeOffset) of a new file into lpBuf: head,
-// object table, master and slave map with one entry, and block 1.
+// object table, master and slave map with one entry, and block 1 (in a data
+// file on the free chain of its first object).
 bool DbBuildMemoryFile(const DBMEMFILEPLAN& stPlan, BYTE bFileNo, USHORT usDatabaseGuid, LPBYTE lpBuf,
                        long long nBufSize);
 

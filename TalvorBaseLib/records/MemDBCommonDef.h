@@ -163,6 +163,25 @@ enum : BYTE {
     STORAGECMD_FINISHED = 32,   // written by the daemon
 };
 
+// m_bFileCMD of a file list row: the peer process's command, then the
+// daemon's result in the same byte (0 is success).
+enum : BYTE {
+    FILECMD_NONE = 0,
+    FILECMD_ADD = 1,
+    FILECMD_MOVE = 2,
+    FILECMD_RESIZE = 3,
+    FILECMD_DELETE = 4,
+    FILECMD_ADD_OUTOFMEMORY = 247,
+    FILECMD_ADD_SYSTEMFILE = 248,
+    FILECMD_RESIZE_FAILED = 249,
+    FILECMD_MOVE_FAILED = 250,
+    FILECMD_NO_SUCH_FILE = 251,
+    FILECMD_ADD_FAILED = 252,
+    FILECMD_ADD_NAMETAKEN = 253,
+    FILECMD_PATHTAKEN = 254,
+    FILECMD_ADD_NUMBERTAKEN = 255,
+};
+
 // m_bCommandType of m_ClusterCommand.
 enum : BYTE {
     CLUSTERCMD_NONE = 0,
@@ -222,26 +241,33 @@ inline constexpr int STORAGEMEM_CYCLETIME_MS = 100;
 inline constexpr BYTE TRACEMEM_FILETYPE_TRACE = 1;
 inline constexpr BYTE TRACEMEM_FILETYPE_REDO = 2;
 
-// m_bFlushFlag of the redo ring head: requests to the writer.
+// m_bFlushFlag of the redo ring head: requests of the engine to the writer.
 enum : BYTE {
-    REDOFLUSH_NONE = 0,
-    REDOFLUSH_PUBLISH = 1,
-    REDOFLUSH_SEAL = 2,
+    REDOFLUSH_NONE = 0,     // nothing asked
+    REDOFLUSH_PUBLISH = 1,  // make the bytes written so far visible to readers
+    REDOFLUSH_SEAL = 2,     // seal the open log after its last whole record
 };
 
-// m_bStatus of the redo ring head: the writer's report.
+// m_bStatus of the redo ring head: the writer's report to the engine.
 enum : BYTE {
-    REDORING_NEXTFREE = 0,
-    REDORING_NEXTBUSY = 1,
-    REDORING_WAITGROUP = 2,
+    REDORING_NEXTFREE = 0,   // the group after the current one is free to take the next log
+    REDORING_NEXTBUSY = 1,   // that group still waits for its archive copy
+    REDORING_WAITGROUP = 2,  // the writer waits for a group to be archived before it goes on
+};
+
+// m_bReadException of the redo ring head: set by the writer, cleared by the
+// engine once it has reset the ring.
+enum : BYTE {
+    REDOREAD_OK = 0,         // the ring's records are trusted
+    REDOREAD_EXCEPTION = 1,  // the writer found bytes that are no record and stopped draining
 };
 
 // Group states, in MF_REDOLOGFILEHEAD and in the group table.
 enum : BYTE {
-    REDOGROUP_EMPTY = 0,
-    REDOGROUP_WRITING = 1,
-    REDOGROUP_SEALED = 2,
-    REDOGROUP_ARCHIVED = 3,
+    REDOGROUP_EMPTY = 0,     // never written, or free again
+    REDOGROUP_WRITING = 1,   // the open log: records are appended
+    REDOGROUP_SEALED = 2,    // complete, not yet copied to every archive
+    REDOGROUP_ARCHIVED = 3,  // complete and archived: may be written over
 };
 
 inline constexpr char REDOLOGFILE_FLAG[] = "TalvorLog";

@@ -25,6 +25,7 @@ CTalvorFlashback::CTalvorFlashback()
       m_lpFilePath(nullptr), m_hFile(nullptr), m_hFlushThread(0)
 {
     InitializeCriticalTalvor(&m_crit);
+    TalvorSetLatchRank(&m_crit, LATCHRANK_FLASHBACK);
 }
 
 CTalvorFlashback::~CTalvorFlashback()

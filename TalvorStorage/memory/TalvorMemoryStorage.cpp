@@ -238,6 +238,7 @@ int CTalvorMemoryStorage::Initialize(LPTALVORCRITICALSECTION, LPFILEINFO pFileIn
     if (!SettleFileSize()) return 1;
     BOOL bExists = FALSE;
     if (AttachSegment(bExists) != 0) return 1;
+    m_bTookOver = bExists;
     if (bExists) {
         // The engine's image survived us: it is newer than the file.
         TalvorSetLoadSize(pFileInfo, pFileInfo->m_liFileSize);
@@ -257,7 +258,7 @@ int CTalvorMemoryStorage::Release()
     if (p != nullptr) {
         Talvor_CloseFile(p->m_hFile);
         if (p->m_pFileAddr != nullptr) CShareMemory::ShMemDetach(p->m_pFileAddr);
-        if (p->m_nShmId != 0) {
+        if (p->m_nShmId != 0 && !m_bKeepSegment) {
             usleep(1000);
             CShareMemory::DestoryShareMemory(p->m_nShmId);
         }

@@ -28,11 +28,6 @@ inline void TalvorSetLoadSize(LPFILEINFO pFileInfo, long long nValue)
     if (pFileInfo->m_pLoadSize != nullptr) memcpy((void*)pFileInfo->m_pLoadSize, &nValue, sizeof(nValue));
 }
 
-// SaveChange2File: the pass wrote what it could, but a block changed past
-// nTimestamp while it ran, so the file is not on disk as of nTimestamp. The
-// block stays marked; the caller must not commit and passes again later.
-inline constexpr int SAVECHANGE_PENDING = 2;
-
 class CTalvorMemoryStorage : public IVirtualStorageFile {
 public:
     CTalvorMemoryStorage();
@@ -72,10 +67,19 @@ public:
     // whatever happened: the creation of the file tells.
     BOOL MakeDir(char* lpszFilePath);
 
+    // TRUE when Initialize took over a segment that outlived an earlier run
+    // of the daemon: it may hold the engine's work not yet on disk.
+    BOOL TookOverSegment() const { return m_bTookOver; }
+    // Release then detaches the segment and leaves it for the next start.
+    void KeepSegmentOnRelease() { m_bKeepSegment = TRUE; }
+
     LPFILEINFO m_pFileInfo;
     CTalvorFlashback* m_pFlashback;
 
 private:
+    BOOL m_bTookOver = FALSE;
+    BOOL m_bKeepSegment = FALSE;
+
     // Open flags by type: the system file takes small writes at odd offsets
     // and is opened plain; the others are direct and synchronous.
     static int OpenFlags(BYTE bFileType, BOOL bCreate);

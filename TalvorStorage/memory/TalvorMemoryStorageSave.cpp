@@ -21,10 +21,12 @@
 #include "TalvorFileIO.h"
 #include "TalvorFlashback.h"
 
+#include <cassert>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <fcntl.h>
+#include <initializer_list>
 #include <new>
 #include <unistd.h>
 
@@ -215,12 +217,52 @@ BOOL RollBackCopy(SaveContext& c, LPBASEBLOCKHEAD lpLive, int nBlockSize)
     return bOk;
 }
 
+// An index block, copied: its flag is cleared first, so that a change that
+// lands during or after the copy marks it again, and the copy goes to disk as
+// it is — index blocks are never rolled back and never hold the commit back.
+// A copy newer than nTimestamp asks for another pass (bFlashFlag). The copy,
+// not the live block, is written, so that no write shows a half-changed block.
+int WriteIndexBlock(SaveContext& c, LPBASEBLOCKHEAD lpLive, long long nBlockOffset, int nBlockSize, BOOL& bFlashFlag)
+{
+    assert(nBlockOffset >= 0 && nBlockSize >= (int)sizeof(BLOCKHEAD) && nBlockOffset + nBlockSize <= c.m_nImageSize);
+    LPBASEBLOCKHEAD lpSrc = lpLive;
+    if (!c.m_bForce && nBlockSize <= SAVE_COPY_LIMIT) {
+        lpLive->m_bSaveFlag = 0;
+        FullFence();
+        memcpy(c.m_lpBuffer, (const void*)lpLive, (size_t)nBlockSize);
+        lpSrc = (LPBASEBLOCKHEAD)c.m_lpBuffer;
+        if (lpSrc->m_nTimestamp > c.m_nTimestamp) bFlashFlag = TRUE;
+    }
+    if (lpSrc->m_nDataFlag != BLOCK_DATAFLAG) {
+        lpLive->m_bSaveFlag = 1;
+        Trace("SaveChange2File", 1, 40002043,
+              TALVOR_TEXT("发现块头信息已损坏,校验数据:%d[%d],路径:%s,块号:%d(%d),块偏移位置:%lld",
+                          "It is found the header information of the block was damaged, check the data: %d [%d], path: %s, block number: %d(%d), block offset position: %lld"),
+              (int)lpSrc->m_nDataFlag, BLOCK_DATAFLAG, PathOf(c), (int)lpSrc->m_nBlockNo, (int)lpSrc->m_nBlockNo,
+              nBlockOffset);
+        return STEP_FAIL;
+    }
+    lpSrc->m_bSaveFlag = 0;
+    if (!WriteAt(c, (const void*)lpSrc, nBlockSize, nBlockOffset)) {
+        int nErr = ErrnoOr(EIO);
+        lpLive->m_bSaveFlag = 1;
+        Trace("SaveChange2File", 1, 40002045,
+              TALVOR_TEXT("从内存写入物理文件失败,错误:%s(%d),路径:%s,写入位置:%lld,写入大小:%d",
+                          "Failed to write from memory to physical file, error: %s(%d), path: %s, write location: %lld, write size: %d"),
+              strerror(nErr), nErr, PathOf(c), nBlockOffset, nBlockSize);
+        return STEP_FAIL;
+    }
+    return STEP_OK;
+}
+
 // Writes one block, either from a private copy or live. nMarkCode and
 // nWriteCode are the messages of the walk that found it; bRollback: a block
 // of a data file, whose copy may be taken back to nTimestamp.
 int WriteBlock(SaveContext& c, LPBASEBLOCKHEAD lpLive, long long nBlockOffset, int nBlockSize, int nMarkCode,
                int nWriteCode, BOOL bRollback, BOOL& bPendingBlock, BOOL& bFlashFlag)
 {
+    // The walks hand over only blocks that lie whole inside the image.
+    assert(nBlockOffset >= 0 && nBlockSize >= (int)sizeof(BLOCKHEAD) && nBlockOffset + nBlockSize <= c.m_nImageSize);
     bPendingBlock = FALSE;
     BOOL bLive = c.m_bForce || c.m_bSystem || nBlockSize > SAVE_COPY_LIMIT;
     LPBASEBLOCKHEAD lpSrc = lpLive;
@@ -271,6 +313,29 @@ int WriteBlock(SaveContext& c, LPBASEBLOCKHEAD lpLive, long long nBlockOffset, i
     return STEP_OK;
 }
 
+// A block of the system file's list whose rows carry a file command, or an
+// answer the engine has not taken back yet, is not the database's list: a
+// refused add names a file that was never made, a refused move a path with
+// nothing there. Such a block stays off the disk, marked, until the engine
+// has settled its rows; the list on disk stays the one the next start can
+// open.
+BOOL FileListBlockUnsettled(const SaveContext& c, LPBASEBLOCKHEAD lpBlock, int nBlockSize)
+{
+    if (!c.m_bSystem || nBlockSize < (int)sizeof(SYSTEMBLOCKHEAD)) return FALSE;
+    const SYSTEMBLOCKHEAD* lpList = (const SYSTEMBLOCKHEAD*)lpBlock;
+    if (lpList->m_nObjectID != SYSTEMFILE_FILELIST_OBJECTID ||
+        lpList->m_nBlockDataStructSize != (int)sizeof(FILE_MEMDBFILEINFO))
+        return FALSE;
+    long long nAt = lpList->m_nBlockHeadSize;
+    int nRows = lpList->m_nDataNum;
+    for (int i = 0; i < nRows && nAt >= (long long)sizeof(SYSTEMBLOCKHEAD) &&
+                    nAt + (long long)sizeof(FILE_MEMDBFILEINFO) <= nBlockSize;
+         i++, nAt += (long long)sizeof(FILE_MEMDBFILEINFO)) {
+        if (((const FILE_MEMDBFILEINFO*)((const BYTE*)lpBlock + nAt))->m_bFileCMD != FILECMD_NONE) return TRUE;
+    }
+    return FALSE;
+}
+
 // Steps 13 to 20 for one entry of an object chain.
 int SaveChainEntry(SaveContext& c, LPBASEFILEBLOCKMAP lpEntry, BOOL& bFlashFlag)
 {
@@ -310,6 +375,7 @@ int SaveChainEntry(SaveContext& c, LPBASEFILEBLOCKMAP lpEntry, BOOL& bFlashFlag)
         return STEP_FAIL;
     }
     if (lpBlock->m_bSaveFlag == 0) return STEP_OK;
+    if (FileListBlockUnsettled(c, lpBlock, nBlockSize)) return STEP_OK;
     BOOL bPendingBlock = FALSE;
     BOOL bRollback = c.m_lpBase->m_nDataFlag == DATAFILE_DATAFLAG;
     int nResult = WriteBlock(c, lpBlock, nBlockOffset, nBlockSize, 40002030, 40002032, bRollback, bPendingBlock,
@@ -318,9 +384,37 @@ int SaveChainEntry(SaveContext& c, LPBASEFILEBLOCKMAP lpEntry, BOOL& bFlashFlag)
     return nResult;
 }
 
-// One object chain. A chain that leaves the image stops the pass; one that
-// loops (of any length, itself included) is reported and not followed, and
-// the file then cannot be committed.
+// The entries of a chain up to nStop, an entry that points to itself: the
+// chain ends there, and nStop itself is saved only when it begins the chain
+// (it was reached once, by the chain's start). Every entry before it lies
+// inside the image: the check that found the loop walked them.
+int SaveChainBeforeSelfLoop(SaveContext& c, long long nFirst, long long nStop, BOOL& bFlashFlag)
+{
+    long long nOffset = nFirst;
+    const long long nMaxSteps = c.m_nImageSize / (long long)sizeof(BASEFILEBLOCKMAP) + 1;
+    for (long long nStep = 0; nStep < nMaxSteps; nStep++) {
+        if (nOffset == nStop && nStep > 0) break;
+        LPBASEFILEBLOCKMAP lpEntry = (LPBASEFILEBLOCKMAP)(c.m_lpImage + nOffset + c.m_nMapDelta);
+        long long nNext = lpEntry->m_nNextOffset;
+        if (SaveChainEntry(c, lpEntry, bFlashFlag) != STEP_OK) return STEP_FAIL;
+        if (nOffset == nStop) break;
+        nOffset = nNext;
+    }
+    LPBASEFILEBLOCKMAP lpStop = (LPBASEFILEBLOCKMAP)(c.m_lpImage + nStop + c.m_nMapDelta);
+    Trace("SaveChange2File", 1, 40002020,
+          TALVOR_TEXT("块链表引用了自身(nBlockNo:%d)!", "The block chain list references itself (nBlockNo:%d)!"),
+          (int)lpStop->m_nBlockNo);
+    // The object stays marked, so that a later pass saves the rest of the
+    // chain once the engine has linked it.
+    bFlashFlag = TRUE;
+    return STEP_OK;
+}
+
+// One object chain. A chain that leaves the image stops the pass. An entry
+// that points to itself ends the chain there (the engine is linking it in);
+// the entries before it are saved and the pass goes on. A longer loop is
+// damage: it is reported and not followed, and the file cannot be committed
+// until the engine repairs it.
 int SaveChain(SaveContext& c, long long nFirst, BOOL& bFlashFlag)
 {
     if (nFirst == 0) return STEP_OK;
@@ -328,6 +422,7 @@ int SaveChain(SaveContext& c, long long nFirst, BOOL& bFlashFlag)
     int nCheck = DbCheckMapChain(c.m_lpImage, c.m_nImageSize, nFirst, c.m_nMapDelta, &nBad, nullptr);
     if (nCheck == DBCHAIN_LOOP) {
         LPBASEFILEBLOCKMAP lpBad = (LPBASEFILEBLOCKMAP)(c.m_lpImage + nBad + c.m_nMapDelta);
+        if (lpBad->m_nNextOffset == nBad) return SaveChainBeforeSelfLoop(c, nFirst, nBad, bFlashFlag);
         Trace("SaveChange2File", 1, 40002020,
               TALVOR_TEXT("块链表引用了自身(nBlockNo:%d)!", "The block chain list references itself (nBlockNo:%d)!"),
               (int)lpBad->m_nBlockNo);
@@ -427,11 +522,9 @@ int SaveMapEntry(SaveContext& c, const BASEFILEBLOCKMAP& stEntry, int n, BOOL& b
         return STEP_FAIL;
     }
     if (lpBlock->m_bSaveFlag == 0 && !c.m_bForce) return STEP_OK;
-    BOOL bPendingBlock = FALSE;
     BOOL bFlashFlag = FALSE;
-    int nResult = WriteBlock(c, lpBlock, nBlockOffset, nBlockSize, 40002043, 40002045, FALSE, bPendingBlock,
-                             bFlashFlag);
-    if (bPendingBlock) bFlashbackFlag = TRUE;
+    int nResult = WriteIndexBlock(c, lpBlock, nBlockOffset, nBlockSize, bFlashFlag);
+    if (bFlashFlag) bFlashbackFlag = TRUE;
     return nResult;
 }
 
@@ -545,6 +638,60 @@ int SyncFile(SaveContext& c)
     return STEP_FAIL;
 }
 
+// Marks one live block for saving when it lies whole inside the image.
+void MarkBlockAt(SaveContext& c, long long nBlockOffset)
+{
+    if (nBlockOffset <= 0 || nBlockOffset > c.m_nImageSize - (long long)sizeof(BLOCKHEAD)) return;
+    LPBASEBLOCKHEAD lpBlock = (LPBASEBLOCKHEAD)(c.m_lpImage + nBlockOffset);
+    if (lpBlock->m_nDataFlag == BLOCK_DATAFLAG) lpBlock->m_bSaveFlag = 1;
+}
+
+// After a failed sync the kernel may have dropped the pages of every write
+// of the pass, and a later sync would succeed without them: every block of
+// the file, every object and the head are marked again, so that the next
+// pass writes the file whole before anything commits it. Walks the live
+// maps; every offset is bounded as in the pass.
+void MarkWholeFileAgain(SaveContext& c)
+{
+    LPBASEFILEHEAD lpLive = c.m_lpLive;
+    lpLive->m_bSaveFlag = 1;
+    int nMark = lpLive->m_nDataFlag;
+    if (nMark == DATAFILE_DATAFLAG || nMark == SYSTEMFILE_DATAFLAG) {
+        long long nTable = c.m_bSystem ? (long long)offsetof(SYSTEMFILEHEAD, m_stFileObject) : lpLive->m_nObjectInfoOffset;
+        int nObjects = lpLive->m_nMaxObjectNum;
+        if (c.m_bSystem && nObjects > SYSTEMFILE_OBJECT_NUM) nObjects = SYSTEMFILE_OBJECT_NUM;
+        for (int i = 0; i < nObjects; i++) {
+            long long nAt = nTable + (long long)i * sizeof(BASEFILEOBJECTDEF);
+            if (nAt < 0 || nAt + (long long)sizeof(BASEFILEOBJECTDEF) > c.m_nImageSize) break;
+            LPBASEFILEOBJECTDEF lpObject = (LPBASEFILEOBJECTDEF)(c.m_lpImage + nAt);
+            if (lpObject->m_nID == 0) continue;
+            lpObject->m_bSaveFlag = 1;
+            for (long long nFirst : {(long long)lpObject->m_nFullBlockMapOffset, (long long)lpObject->m_nFreeBlockMapOffset})
+                DbWalkMapChain(c.m_lpImage, c.m_nImageSize, nFirst, 0, nullptr, [&](long long, LPBASEFILEBLOCKMAP lpEntry) {
+                    MarkBlockAt(c, lpEntry->m_nBlockOffset);
+                    return true;
+                });
+        }
+        return;
+    }
+    long long nMapSize = lpLive->m_nBlockMapSize;
+    if (nMapSize < (long long)sizeof(BASEFILEBLOCKMAPHEAD)) return;
+    int nMaxEntries = DbMaxBlockMapNum((int)nMapSize);
+    long long nMaxSteps = c.m_nImageSize / nMapSize + 1;
+    long long nMap = lpLive->m_nBlockMapStartOffset;
+    for (long long nStep = 0; nMap > 0 && nStep < nMaxSteps && nMap + nMapSize <= c.m_nImageSize; nStep++) {
+        LPBASEFILEBLOCKMAPHEAD lpMap = (LPBASEFILEBLOCKMAPHEAD)(c.m_lpImage + nMap);
+        int nNum = lpMap->m_nBlockMapNum;
+        if (nNum < 0 || nNum > nMaxEntries) return;
+        for (int i = 0; i < nNum; i++) {
+            BASEFILEBLOCKMAP stEntry;
+            memcpy(&stEntry, c.m_lpImage + DbMapEntryOffset(nMap, i), sizeof(stEntry));
+            MarkBlockAt(c, stEntry.m_nBlockOffset);
+        }
+        nMap = lpMap->m_nNextBlockMapOffset;
+    }
+}
+
 // Phase 1, steps 3 to 6. 0: go on; 1: refused; -1: nothing to do.
 int CheckBeforeSave(LPFILEINFO pFileInfo, BOOL bForce)
 {
@@ -623,12 +770,12 @@ int CTalvorMemoryStorage::SaveChange2File(LPTALVORCRITICALSECTION lpCritSection,
         // pass for this file's snapshot.
         memset(lpHeadBuf, 0, sizeof(BASEFILEHEAD));
         int nView = m_pFlashback->FlashbackMapData(lpCritSection, pFileInfo, nTimestamp, lpHeadBuf, SAVE_COPY_LIMIT);
-        if (nView == FLASHBACK_NOTHINGTOSAVE) {
-            pFileInfo->m_nTimestamp = nTimestamp;
-            return 0;
-        }
+        // "Nothing to save" is the engine's view, not a promise about the
+        // marks in the image: a block marked now would be skipped by every
+        // later pass. The buffer is left alone and the pass goes on from the
+        // live head and the master map.
         LPBASEFILEHEAD lpCopy = (LPBASEFILEHEAD)lpHeadBuf;
-        BOOL bSame = lpCopy->m_bFileNo == c.m_lpLive->m_bFileNo &&
+        BOOL bSame = nView != FLASHBACK_NOTHINGTOSAVE && lpCopy->m_bFileNo == c.m_lpLive->m_bFileNo &&
                      lpCopy->m_nFileHeaderSize == c.m_lpLive->m_nFileHeaderSize;
         c.m_lpBase = bSame ? lpCopy : c.m_lpLive;
         c.m_nMapDelta = bSame ? lpCopy->m_nBlockMapSize : 0;
@@ -639,9 +786,12 @@ int CTalvorMemoryStorage::SaveChange2File(LPTALVORCRITICALSECTION lpCritSection,
     }
     if (c.m_nMapDelta != 0 && c.m_nMapDelta != c.m_lpLive->m_nBlockMapSize) c.m_nMapDelta = c.m_lpLive->m_nBlockMapSize;
 
-    if (RunWalk(c, bFlashbackFlag) != STEP_OK || WriteHead(c) != STEP_OK || WriteMap(c) != STEP_OK ||
-        SyncFile(c) != STEP_OK) {
+    if (RunWalk(c, bFlashbackFlag) != STEP_OK || WriteHead(c) != STEP_OK || WriteMap(c) != STEP_OK) {
         c.m_lpLive->m_bSaveFlag = 1;
+        return 1;
+    }
+    if (SyncFile(c) != STEP_OK) {
+        MarkWholeFileAgain(c);
         return 1;
     }
     if (bFlashbackFlag || c.m_bPending || c.m_bDamaged) c.m_lpLive->m_bSaveFlag = 1;

@@ -10,6 +10,7 @@
 #include "TalvorTrace.h"
 #include "TalvorFileIO.h"
 
+#include <cassert>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -50,6 +51,7 @@ void ReadRingField(int nPos, LPFILE_TRACEMEMFILEHEAD pHead, void* pOut, int nWid
     if (nPos < nHeader) return;
     long long p = nPos;
     if (p >= nTotal) p = nHeader + (p - nHeader) % nData;
+    assert(p >= nHeader && p < nTotal);
     const BYTE* lpBase = (const BYTE*)pHead;
     BYTE* lpOut = (BYTE*)pOut;
     for (int i = 0; i < nWidth; i++) {
@@ -79,6 +81,7 @@ CTalvorRedoLog::CTalvorRedoLog()
     InitEvent(m_hArchiveEvent);
     InitEvent(m_hArchivedEvent);
     InitializeCriticalTalvor(&m_crit);
+    TalvorSetLatchRank(&m_crit, LATCHRANK_REDO);
 }
 
 CTalvorRedoLog::~CTalvorRedoLog()

@@ -42,11 +42,23 @@ typedef struct stu_TalvorRedoGroup {
     volatile int m_nWriteTime;
 } TALVORREDOGROUP, *LPTALVORREDOGROUP;
 
+// Where the writer stands with its log (REDOWRITERSTATE::m_nSwitchLog).
+enum {
+    // A log is open in the current group and takes the records drained.
+    REDOSWITCH_OPEN = 0,
+    // The open log is full, or the engine asked for a seal: it is sealed at
+    // the end of this pass, and the next records go to the next group.
+    REDOSWITCH_SEALDUE = 1,
+    // No log is open (just started, or just sealed): the next records open
+    // a new log in the next free group.
+    REDOSWITCH_CLOSED = 2,
+};
+
 // The writer's own state between passes (one writer thread).
 typedef struct stu_RedoWriterState {
     int m_nItemSize;
     int m_nWriteSize;
-    int m_nSwitchLog;
+    int m_nSwitchLog;       // REDOSWITCH_*
     long long m_nTimestampBegin;
     long long m_nPrevEndTimestamp;
     long long m_nTimestampEnd;
@@ -194,7 +206,15 @@ private:
     BOOL CopyLogTo(const char* lpPath, int nGroup, const MF_REDOLOGFILEHEAD& stHead, LPBYTE lpBuffer, BOOL bFirstPass,
                    void*& hFile);
     BOOL ArchiveGroup(int nGroup, char** arDes, int nDesCount, LPBYTE lpBuffer, void*& hFile);
+    // The sealed group with the oldest log that is not set aside, or -1.
     int OldestSealedGroup();
+    // A sealed group whose head cannot be read is tried REDO_HEAD_READ_TRIES
+    // times, then set aside for the rest of this run (the next start tries
+    // it again): the logs behind it are archived, and a stop is not held.
+    BOOL HeadReadFailed(int nGroup);
+    BOOL SetAside(int nGroup) const;
+    UINT m_arHeadFailures[REDOGROUP_MAX] = {0};
+    UINT m_arFailedLogNo[REDOGROUP_MAX] = {0};
 
     REDOWRITERSTATE* m_pWriterState;  // the writer's state while WriteLogFile runs (a stop ends its retries)
 };

@@ -22,6 +22,7 @@ namespace {
 const int DES_BUFFER_SIZE = 1100;   // room for the "/" inserted into 512 bytes of paths
 const int FAST_RETRIES = 100;       // a failing pass is first retried every 1 ms ...
 const int SLOW_RETRY_US = 100000;   // ... then every 100 ms
+const UINT REDO_HEAD_READ_TRIES = 5; // reads of a group head before the group is set aside
 
 void CloseArchiveHandle(void*& hFile)
 {
@@ -79,7 +80,7 @@ int CTalvorRedoLog::OldestSealedGroup()
 {
     int nFound = -1;
     for (int i = 0; i < m_nWriteRedoOnlineGroups; i++) {
-        if (m_pRedoLog[i].m_bState != REDOGROUP_SEALED) continue;
+        if (m_pRedoLog[i].m_bState != REDOGROUP_SEALED || SetAside(i)) continue;
         if (nFound < 0 || m_pRedoLog[i].m_nSequenceNO < m_pRedoLog[nFound].m_nSequenceNO) nFound = i;
     }
     return nFound;
@@ -138,15 +139,40 @@ BOOL CTalvorRedoLog::CopyLogTo(const char* lpDes, int nGroup, const MF_REDOLOGFI
     return TRUE;
 }
 
+// TRUE on the first failure of this group's log (the one to trace). The
+// last allowed failure sets the group aside, with a line of its own.
+BOOL CTalvorRedoLog::HeadReadFailed(int nGroup)
+{
+    UINT nLogNo = m_pRedoLog[nGroup].m_nSequenceNO;
+    if (m_arFailedLogNo[nGroup] != nLogNo) {
+        m_arFailedLogNo[nGroup] = nLogNo;
+        m_arHeadFailures[nGroup] = 0;
+    }
+    if (++m_arHeadFailures[nGroup] == REDO_HEAD_READ_TRIES)
+        Trace("ArchiveFile", 1, 30004016,
+              TALVOR_TEXT("日志组[%d、%d]的头信息读取%d次失败，本次运行不再归档该组，继续归档其余日志！",
+                          "The head of log group [%d, %d] failed to read %d times: the group is left sealed for the next start, and the other logs are archived"),
+              nGroup, (int)nLogNo, (int)REDO_HEAD_READ_TRIES);
+    return m_arHeadFailures[nGroup] == 1;
+}
+
+BOOL CTalvorRedoLog::SetAside(int nGroup) const
+{
+    return m_arFailedLogNo[nGroup] == m_pRedoLog[nGroup].m_nSequenceNO && m_arHeadFailures[nGroup] >= REDO_HEAD_READ_TRIES;
+}
+
 BOOL CTalvorRedoLog::ArchiveGroup(int nGroup, char** arDes, int nDesCount, LPBYTE lpBuffer, void*& hFile)
 {
     LPTALVORREDOGROUP pGroup = &m_pRedoLog[nGroup];
     const int nLogNo = (int)pGroup->m_nSequenceNO;
     MF_REDOLOGFILEHEAD stHead;
-    if (!ReadGroupHead(nGroup, &stHead)) {
-        Trace("ArchiveFile", 1, 30004013,
-              TALVOR_TEXT("读取归档文件[%d、%d]的头信息失败！错误：(%d)", "Failed to read the head of archive file [%d, %d]! Error: (%d)"),
-              nGroup, nLogNo, errno);
+    // A head of another log (or a torn one) must never go out as this log's.
+    if (!ReadGroupHead(nGroup, &stHead) || stHead.m_nSequenceNO != pGroup->m_nSequenceNO) {
+        int nErr = errno;
+        if (HeadReadFailed(nGroup))
+            Trace("ArchiveFile", 1, 30004013,
+                  TALVOR_TEXT("读取归档文件[%d、%d]的头信息失败！错误：(%d)", "Failed to read the head of archive file [%d, %d]! Error: (%d)"),
+                  nGroup, nLogNo, nErr);
         return FALSE;
     }
     stHead.m_bState = REDOGROUP_ARCHIVED;

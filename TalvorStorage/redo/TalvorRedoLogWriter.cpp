@@ -12,6 +12,7 @@
 #include "TalvorTrace.h"
 #include "TalvorFileIO.h"
 
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 #include <semaphore.h>
@@ -27,13 +28,20 @@ const long long STOP_GROUP_WAIT_MS = 10000;      // a stop gives up waiting for 
 const int WRITE_RETRY_US = 100000;
 const int STOP_DRAIN_PASSES = 2000;              // passes a stop may take to empty the ring
 const int STOP_CUT_PASSES = 30000;               // passes a stop waits for the rest of a cut record
+const int IDLE_PUBLISH_PASSES = 4;               // quiet passes before unpublished bytes are published
 
-inline long long WrapPos(long long p, int nHeader, int nTotal) { return p >= nTotal ? p - nTotal + nHeader : p; }
+// A position one lap at most past the end, taken back into the ring's data.
+inline long long WrapPos(long long p, int nHeader, int nTotal)
+{
+    long long q = p >= nTotal ? p - nTotal + nHeader : p;
+    assert(q >= nHeader && q < nTotal);
+    return q;
+}
 
 // Clears a request only if it still holds the value served.
 inline void ClearFlushFlag(LPFILE_TRACEMEMFILEHEAD pHead, BYTE bServed)
 {
-    __sync_bool_compare_and_swap(&pHead->m_bFlushFlag, bServed, (BYTE)0);
+    __sync_bool_compare_and_swap(&pHead->m_bFlushFlag, bServed, (BYTE)REDOFLUSH_NONE);
 }
 
 long long NowMs()
@@ -67,7 +75,7 @@ void CTalvorRedoLog::StartWriter(REDOWRITERSTATE& st)
     memset(&st, 0, sizeof(st));
     LPFILE_TRACEMEMFILEHEAD pHead = RingHead();
     st.m_nItemSize = pHead->m_nItemSize > 0 ? pHead->m_nItemSize : 0;
-    st.m_nSwitchLog = 2;
+    st.m_nSwitchLog = REDOSWITCH_CLOSED;
     st.m_nTimestampBegin = m_pMemoryFileHead->m_nEndTimestamp;
     st.m_bNextRedoGroup = (BYTE)((m_bCurrentRedoGroup + 1) % m_nWriteRedoOnlineGroups);
     // A writer restarted after a crash: the log it was writing is sealed
@@ -85,7 +93,7 @@ void CTalvorRedoLog::StartWriter(REDOWRITERSTATE& st)
     // The crash path told the engine that the ring can't be trusted: nothing
     // is drained until the engine has reset it (stale records behind the
     // start of the area would otherwise be drained a second time).
-    if (pHead->m_bReadException != 0) st.m_bReadException = TRUE;
+    if (pHead->m_bReadException != REDOREAD_OK) st.m_bReadException = TRUE;
     pHead->m_bStatus = REDORING_NEXTFREE;
     pHead->m_nStartTime = RedoNowFileTime();
     Trace0("WriteLog", 3, 30003000, TALVOR_TEXT("Redo日志写入线程已启动！", "Redo log Writer thread started!"));
@@ -126,7 +134,7 @@ int CTalvorRedoLog::WriteLog(TALVORCRITICALSECTION& stCritSection)
 
 void CTalvorRedoLog::Publish(REDOWRITERSTATE& st)
 {
-    if (st.m_nSwitchLog != 0) return;
+    if (st.m_nSwitchLog != REDOSWITCH_OPEN) return;
     m_pRedoLog[m_bCurrentRedoGroup].m_nWriteSize = st.m_nWriteSize;
 }
 
@@ -165,7 +173,7 @@ void CTalvorRedoLog::ScanRecords(REDOWRITERSTATE& st, REDOSTRETCH& sr, LPFILE_TR
                                   "The redo log thread detected data exception, nWritePos: %d, nReadPos: %d, nDataFlag: %d"),
                       sr.m_nEndPos, sr.m_nBeginPos, nDataFlag);
                 st.m_bReadException = TRUE;
-                pHead->m_bReadException = 1;
+                pHead->m_bReadException = REDOREAD_EXCEPTION;
             }
             break;
         }
@@ -176,13 +184,13 @@ void CTalvorRedoLog::ScanRecords(REDOWRITERSTATE& st, REDOSTRETCH& sr, LPFILE_TR
         }
         if (nMax < st.m_nWriteSize + nDataSize) {
             if (nSlice != 0) {
-                if (st.m_nSwitchLog != 2) st.m_nSwitchLog = 1;
+                if (st.m_nSwitchLog != REDOSWITCH_CLOSED) st.m_nSwitchLog = REDOSWITCH_SEALDUE;
                 sr.m_nWritePos = (int)WrapPos(pos, nHeader, nTotal);
                 break;
             }
-            if (st.m_nWriteSize >= nMax / 2 && st.m_nSwitchLog != 2) {
+            if (st.m_nWriteSize >= nMax / 2 && st.m_nSwitchLog != REDOSWITCH_CLOSED) {
                 // Sealed without this record: it starts the next log.
-                st.m_nSwitchLog = 1;
+                st.m_nSwitchLog = REDOSWITCH_SEALDUE;
                 break;
             }
             long long nAvail = L - pos;
@@ -195,7 +203,7 @@ void CTalvorRedoLog::ScanRecords(REDOWRITERSTATE& st, REDOSTRETCH& sr, LPFILE_TR
                 st.m_nItemSize = (int)(nDataSize - nAvail);
             }
             if (nTimestamp > st.m_nTimestampEnd) st.m_nTimestampEnd = nTimestamp;
-            if (st.m_nItemSize == 0 && st.m_nSwitchLog != 2) st.m_nSwitchLog = 1;
+            if (st.m_nItemSize == 0 && st.m_nSwitchLog != REDOSWITCH_CLOSED) st.m_nSwitchLog = REDOSWITCH_SEALDUE;
             break;
         }
         long long nEnd = pos + nDataSize;
@@ -323,7 +331,7 @@ BOOL CTalvorRedoLog::OpenNewGroup(REDOWRITERSTATE& st, long long nPassBegin, LPT
           (int)m_bCurrentRedoGroup, (int)nLogNo, nPassBegin);
     pHead->m_nStartTime = RedoNowFileTime();
     st.m_nTimestampEnd = nPassBegin;
-    st.m_nSwitchLog = 0;
+    st.m_nSwitchLog = REDOSWITCH_OPEN;
     return TRUE;
 }
 
@@ -374,7 +382,7 @@ void CTalvorRedoLog::SealGroup(REDOWRITERSTATE& st, BOOL bShutdown, BOOL bAfterD
     if (!bShutdown) MoveToNextGroup();
     SetEvent(m_hArchiveEvent);
     st.m_nWriteSize = REDOLOGFILE_HEAD_SIZE;
-    st.m_nSwitchLog = 2;
+    st.m_nSwitchLog = REDOSWITCH_CLOSED;
     m_stStats.m_nSeals++;
 }
 
@@ -384,13 +392,13 @@ void CTalvorRedoLog::IdlePass(REDOWRITERSTATE& st)
     BYTE bFlush = pHead->m_bFlushFlag;
     if (bFlush == REDOFLUSH_SEAL && st.m_nItemSize == 0) {
         ClearFlushFlag(pHead, REDOFLUSH_SEAL);
-        if (st.m_nSwitchLog != 2) SealGroup(st, FALSE, FALSE);
+        if (st.m_nSwitchLog != REDOSWITCH_CLOSED) SealGroup(st, FALSE, FALSE);
     } else if (bFlush == REDOFLUSH_PUBLISH) {
         Publish(st);
         ClearFlushFlag(pHead, REDOFLUSH_PUBLISH);
-    } else if (st.m_nItemSize == 0 && st.m_nSwitchLog == 0 &&
+    } else if (st.m_nItemSize == 0 && st.m_nSwitchLog == REDOSWITCH_OPEN &&
                m_pRedoLog[m_bCurrentRedoGroup].m_nWriteSize < st.m_nWriteSize) {
-        if (++st.m_nIdleCount >= 4) Publish(st);
+        if (++st.m_nIdleCount >= IDLE_PUBLISH_PASSES) Publish(st);
     }
     ReportStatus(st);
 }
@@ -415,7 +423,7 @@ BOOL CTalvorRedoLog::WritePass(REDOWRITERSTATE& st, LPTALVORCRITICALSECTION lpCr
     m_stStats.m_nPasses++;
     if (st.m_bEnded) return TRUE;
     if (st.m_bReadException) {
-        if (pHead->m_bReadException == 0) {
+        if (pHead->m_bReadException == REDOREAD_OK) {
             pHead->m_nReadPos = pHead->m_nFileHeaderSize;
             st.m_bReadException = FALSE;
             st.m_nExceptionCount = 0;
@@ -427,7 +435,7 @@ BOOL CTalvorRedoLog::WritePass(REDOWRITERSTATE& st, LPTALVORCRITICALSECTION lpCr
         // A stop is honoured even here: waiting for the engine to reset the
         // ring could last forever.
         if (!bStop) return FALSE;
-        if (st.m_nSwitchLog == 0) SealGroup(st, TRUE, FALSE);
+        if (st.m_nSwitchLog == REDOSWITCH_OPEN) SealGroup(st, TRUE, FALSE);
         st.m_bEnded = TRUE;
         return TRUE;
     }
@@ -439,7 +447,7 @@ BOOL CTalvorRedoLog::WritePass(REDOWRITERSTATE& st, LPTALVORCRITICALSECTION lpCr
     if (nRead == nWrite) {
         IdlePass(st);
         if (bStop && st.m_nItemSize == 0) {
-            if (st.m_nSwitchLog == 0) SealGroup(st, TRUE, FALSE);
+            if (st.m_nSwitchLog == REDOSWITCH_OPEN) SealGroup(st, TRUE, FALSE);
             st.m_bEnded = TRUE;
         } else if (bStop) {
             return StopWithCutRecord(st);
@@ -477,14 +485,14 @@ BOOL CTalvorRedoLog::WritePass(REDOWRITERSTATE& st, LPTALVORCRITICALSECTION lpCr
     st.m_nTimestampBegin = st.m_nPrevEndTimestamp;
     st.m_bFlushFlag = FALSE;
     if (sr.m_nSliceSize != 0) {
-        if (st.m_nSwitchLog == 2) {
+        if (st.m_nSwitchLog == REDOSWITCH_CLOSED) {
             if (!OpenNewGroup(st, nPassBegin, lpCritSection)) {
                 st.m_bEnded = TRUE;
                 return TRUE;
             }
         } else if (pHead->m_bFlushFlag == REDOFLUSH_SEAL && st.m_nItemSize == 0) {
             ClearFlushFlag(pHead, REDOFLUSH_SEAL);
-            st.m_nSwitchLog = 1;
+            st.m_nSwitchLog = REDOSWITCH_SEALDUE;
         }
         // The drain starts where the snapshot did.
         if (pHead->m_nReadPos != sr.m_nBeginPos) pHead->m_nReadPos = sr.m_nBeginPos;
@@ -497,12 +505,12 @@ BOOL CTalvorRedoLog::WritePass(REDOWRITERSTATE& st, LPTALVORCRITICALSECTION lpCr
         m_stStats.m_nWakeups++;
     } else if (pHead->m_bFlushFlag == REDOFLUSH_SEAL && st.m_nItemSize == 0) {
         ClearFlushFlag(pHead, REDOFLUSH_SEAL);
-        if (st.m_nSwitchLog == 0) {
+        if (st.m_nSwitchLog == REDOSWITCH_OPEN) {
             st.m_bFlushFlag = TRUE;
-            st.m_nSwitchLog = 1;
+            st.m_nSwitchLog = REDOSWITCH_SEALDUE;
         }
     }
-    if (st.m_nSwitchLog == 1) {
+    if (st.m_nSwitchLog == REDOSWITCH_SEALDUE) {
         SealGroup(st, FALSE, TRUE);
     } else if (pHead->m_bFlushFlag == REDOFLUSH_PUBLISH) {
         Publish(st);
@@ -515,7 +523,7 @@ BOOL CTalvorRedoLog::WritePass(REDOWRITERSTATE& st, LPTALVORCRITICALSECTION lpCr
         // within a bound of passes.
         TalvorFlushCPU4Read();
         if (pHead->m_nReadPos != pHead->m_nWritePos && ++st.m_nStopPasses < STOP_DRAIN_PASSES) return FALSE;
-        if (st.m_nSwitchLog == 0) SealGroup(st, TRUE, TRUE);
+        if (st.m_nSwitchLog == REDOSWITCH_OPEN) SealGroup(st, TRUE, TRUE);
         st.m_bEnded = TRUE;
         return TRUE;
     }

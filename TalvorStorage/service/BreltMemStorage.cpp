@@ -8,10 +8,14 @@
 #include "TalvorCacheStorage.h"
 #include "TalvorError.h"
 #include "TalvorFlashback.h"
+#include "TalvorMemoryStorage.h"
+#include "DbFileLayout.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <pthread.h>
 #include <unistd.h>
 
 volatile sig_atomic_t g_bEixt = 0;
@@ -25,6 +29,10 @@ const int WORK_BUFFER_SIZE = 0x100000;
 const int IDLE_QUIET_LOOPS = 1000;
 // How long the stop waits for standby threads to let go of their slots.
 const int STANDBY_SLOT_WAITS = 30000;
+// How long the stop waits for the storage thread to finish what it runs. A
+// file command or a pass over a large database may take minutes; past this
+// the thread is taken to be stuck.
+const UINT STORAGE_THREAD_STOP_WAIT_MS = 600000;
 
 } // namespace
 
@@ -54,7 +62,10 @@ void CBreltMemStorageModule::ResetFields()
     m_hTalvorStorageThread = 0;
     memset(m_arTalvorStandby, 0, sizeof(m_arTalvorStandby));
     m_bExit = FALSE;
+    m_bServing = FALSE;
     m_nClusterNodeType = 0;
+    m_nStorageStopWaitMs = STORAGE_THREAD_STOP_WAIT_MS;
+    m_bStorageThreadLive = FALSE;
 }
 
 // The ini file lies beside the executable.
@@ -75,6 +86,7 @@ HRESULT CBreltMemStorageModule::PreMessageLoop(int)
 {
     ResetFields();
     InitializeCriticalTalvor(&m_crit);
+    TalvorSetLatchRank(&m_crit, LATCHRANK_MODULE);
     BuildConfigPath();
 
     if (!TalvorConfigInit(m_cConfigPath)) {
@@ -167,6 +179,7 @@ HRESULT CBreltMemStorageModule::PostMessageLoop()
     m_pMemoryFileHead->m_bStatus = 0;
     UINT nRedoLogMaxID = m_pMemoryFileHead->m_nRedoLogMaxID;
     m_pFlashback->GetStorageMemHead()->m_TalvorProgress.m_nStatus = 2;
+    m_bServing = TRUE;
     Trace0("PostMessageLoop", 3, 10010000, TALVOR_TEXT("Talvor存储服务已启动!", "Talvor storage service started!"));
 
     hr = StartStorageThread();
@@ -230,17 +243,71 @@ void CBreltMemStorageModule::IdleUntilStop()
     LogTermSignalSender();
 }
 
+BOOL CBreltMemStorageModule::WaitStorageThreadEnd(UINT nWaitMs)
+{
+    HTHREADTYPE hThread = m_hTalvorStorageThread;
+    if (hThread == 0) return TRUE;
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    long long nNanos = (long long)ts.tv_nsec + (long long)(nWaitMs % 1000) * 1000000LL;
+    ts.tv_sec += (time_t)(nWaitMs / 1000) + (time_t)(nNanos / 1000000000LL);
+    ts.tv_nsec = (long)(nNanos % 1000000000LL);
+    if (pthread_timedjoin_np(hThread, nullptr, &ts) != 0) return FALSE;
+    m_hTalvorStorageThread = 0;
+    return TRUE;
+}
+
 HRESULT CBreltMemStorageModule::StopService(LPTALVORCRITICALSECTION lpCritSection, UINT nRedoLogMaxID)
 {
     m_bExit = TRUE;
     if (m_pMemoryFileHead != nullptr) m_pMemoryFileHead->m_bForbidSaveFlag = 0;
     int nService = m_pFlashback->WaitServiceStop(lpCritSection);
     if (m_pTalvorCacheStorage != nullptr && nService == 2) m_pTalvorCacheStorage->FlushFileBlock(lpCritSection);
+    // The storage thread sees the stop flag on its own and ends after the
+    // command it runs. Until it has, its images, buffers and latch are in
+    // use: the last pass and the release wait for it. A thread that does not
+    // end keeps them; the process ends with the segments in place, and the
+    // next start takes them over.
+    if (!WaitStorageThreadEnd(m_nStorageStopWaitMs)) {
+        m_bStorageThreadLive = TRUE;
+        Trace("StopService", 1, 10010006,
+              TALVOR_TEXT("存储线程在%u毫秒内未结束:最后一次保存未执行,文件、映像和缓冲区留在内存中",
+                          "The storage thread did not end within %u ms: the last save was not run, and its files, images and buffers are left in memory"),
+              m_nStorageStopWaitMs);
+        FreeData(lpCritSection);
+        return S_OK;
+    }
     usleep(1000);
     SaveChange2File(lpCritSection, FALSE, 0, nRedoLogMaxID);
     usleep(1000);
     FreeData(lpCritSection);
     return S_OK;
+}
+
+namespace {
+
+// One file of a failed start: its image is kept when it was taken over.
+void KeepImageIfTakenOver(stu_FILEINFO* p)
+{
+    if (p == nullptr || p->m_pStorageFile == nullptr || !IsMemoryFileType((BYTE)p->m_bFileType)) return;
+    CTalvorMemoryStorage* pStorage = static_cast<CTalvorMemoryStorage*>(p->m_pStorageFile);
+    if (!pStorage->TookOverSegment()) return;
+    pStorage->KeepSegmentOnRelease();
+    Trace("FreeData", 2, 10010007,
+          TALVOR_TEXT("启动失败,保留上次运行留下的文件映像,文件号:%d,路径:%s",
+                      "The start failed: the image an earlier run left is kept for the next start, file number: %d, path: %s"),
+          (int)p->m_bFileNo, p->m_lpszFilePath);
+}
+
+} // namespace
+
+// A start that fails never removes an image it did not make: one that
+// outlived an earlier run may hold the engine's work not yet on disk, and the
+// next start takes it over again.
+void CBreltMemStorageModule::KeepTakenOverImages()
+{
+    KeepImageIfTakenOver(m_lpSystemFileInfo);
+    for (stu_FILEINFO* p = m_pStorageInfo; p != nullptr; p = p->m_pNext) KeepImageIfTakenOver(p);
 }
 
 void CBreltMemStorageModule::ReleaseFileList()
@@ -292,25 +359,30 @@ HRESULT CBreltMemStorageModule::FreeData(LPTALVORCRITICALSECTION lpCritSection)
         delete m_pTalvorCacheStorage;
         m_pTalvorCacheStorage = nullptr;
     }
-    ReleaseFileList();
+    // What a storage thread that would not end still holds is never freed
+    // under it: the file list and its images, the system file, the work
+    // buffers, the channel, the latch, its wake-up and its crash record.
+    const BOOL bKeepHeld = m_bStorageThreadLive;
+    if (!m_bServing) KeepTakenOverImages();
+    if (!bKeepHeld) ReleaseFileList();
     if (lpHead != nullptr)
         Trace0("TalvorStorage", 3, 10000001, TALVOR_TEXT("Talvor存储服务已停止", "Talvor storage service stopped"));
     SetLogSystemFileHead(nullptr, 0, nullptr);
     WaitForStandbySlots();
-    ReleaseSystemFile();
-
-    free(m_lpBuffer);
-    m_lpBuffer = nullptr;
-    free(m_lpHeadBuf);
-    m_lpHeadBuf = nullptr;
-    delete m_pFlashback;
-    m_pFlashback = nullptr;
-    CrashFreeThreadLists();
-
-    DeleteCriticalTalvor(&m_crit);
+    if (!bKeepHeld) {
+        ReleaseSystemFile();
+        free(m_lpBuffer);
+        m_lpBuffer = nullptr;
+        free(m_lpHeadBuf);
+        m_lpHeadBuf = nullptr;
+        delete m_pFlashback;
+        m_pFlashback = nullptr;
+        CrashFreeThreadLists();
+        DeleteCriticalTalvor(&m_crit);
+    }
     Trace0("FreeData", 3, 10010000, TALVOR_TEXT("Talvor存储服务已关闭!", "Talvor storage service closed!"));
     ExitLogSystem();
-    CloseEvent(m_hStorageEvent);
+    if (!bKeepHeld) CloseEvent(m_hStorageEvent);
     CloseEvent(m_hEvent);
     TalvorConfigClose();
     return S_OK;

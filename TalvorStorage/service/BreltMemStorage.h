@@ -56,9 +56,19 @@ public:
     // updates it.
     HRESULT SaveChange2File(LPTALVORCRITICALSECTION lpCritSection, BOOL bForce, long long nTimestamp,
                             UINT& nRedoLogMaxID);
+    // The file commands of the file list, full chain then free chain, each
+    // block through MemFileCMD. Storage thread; no latch held. 0, or the
+    // failure of the block that stopped the walk (traced).
     HRESULT FileCMD(LPTALVORCRITICALSECTION lpCritSection);
+    // Every row of one file list block: its command's result goes into its
+    // m_bFileCMD. 0 when the block was worked through; 0x80004005 for a
+    // block of another object or record size (traced). Storage thread.
+    HRESULT MemFileCMD(LPTALVORCRITICALSECTION lpCritSection, LPSYSTEMBLOCKHEAD lpSystemBlockHead);
     // Drains the cache buffers of every table and index file; returns 0.
     HRESULT FlushCacheFile(LPTALVORCRITICALSECTION lpCritSection);
+    // Executes the command of the command record. 0, or 0x80004005 for a
+    // command 10 refused while its forbid flag stands (the code stays).
+    // Storage thread; no latch held.
     HRESULT ClusterCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd,
                            LPTALVORPROGRESS lpTalvorProgress, const UINT& nRedoLogMaxID);
     HRESULT WriteCacheTableTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long nTimestamp,
@@ -107,7 +117,26 @@ public:
     HTHREADTYPE m_hTalvorStorageThread;
     CTalvorStandby* m_arTalvorStandby[256];
     BOOL m_bExit;
+    // From the "started" line on: the images are this run's to remove at the
+    // stop. Before it, a failed start keeps every image it took over.
+    BOOL m_bServing;
     int m_nClusterNodeType;
+
+    // --- Beyond the classic fields.
+    // How long the stop waits for the storage thread to end (ms).
+    UINT m_nStorageStopWaitMs;
+    // Set by the stop when the storage thread did not end: FreeData then
+    // leaves in place what the thread holds.
+    BOOL m_bStorageThreadLive;
+
+    // Main thread, after g_bEixt: waits for the peer process (bounded by its
+    // own rules), then at most m_nStorageStopWaitMs for the storage thread;
+    // runs the last pass and FreeData only when the thread has ended, else
+    // traces it and releases all but what the thread holds. Always 0.
+    HRESULT StopService(LPTALVORCRITICALSECTION lpCritSection, UINT nRedoLogMaxID);
+    // Joins the storage thread within nWaitMs; TRUE when none runs any more
+    // (it ended, or never started). Main thread; no latch held.
+    BOOL WaitStorageThreadEnd(UINT nWaitMs);
 
 private:
     // --- System file (BreltMemStorageSysFile.cpp, BreltMemStorageConfig.cpp).
@@ -129,8 +158,8 @@ private:
     void BuildConfigPath();
     HRESULT StartStorageThread();
     void IdleUntilStop();
-    HRESULT StopService(LPTALVORCRITICALSECTION lpCritSection, UINT nRedoLogMaxID);
     void ReleaseFileList();
+    void KeepTakenOverImages();
     void ReleaseSystemFile();
     void WaitForStandbySlots();
 };
@@ -140,6 +169,10 @@ extern CBreltMemStorageModule _AtlModule;
 // --- Persistence helpers (BreltMemStorageThread.cpp, BreltMemStorageCommit.cpp).
 // The pass interval: persistenceintervals when it lies in 1 to 300, else 3.
 int TalvorPersistenceIntervalSeconds(int nConfigured);
+// The storage thread's clock: microseconds of the wall clock, which may jump
+// back. Tests put another in place; null puts the wall clock back.
+typedef long long (*LPSTORAGECLOCK)();
+void TalvorSetStorageClock(LPSTORAGECLOCK pClock);
 // One pass at a time: the storage thread's and the main thread's last pass
 // at stop never run over the same work buffers together. A thread that
 // crashed inside a pass gives the gate back with this.

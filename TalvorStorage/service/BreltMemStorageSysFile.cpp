@@ -156,9 +156,9 @@ HRESULT CBreltMemStorageModule::InitSysEnvironment(LPTALVORCRITICALSECTION lpCri
         WriteSysConfigParam(lpCritSection, lpHead, bRecover, FALSE);
     if (lpHead->m_nLockWaitTimeout <= 0) lpHead->m_nLockWaitTimeout = 180;
 
-    // The shared block cache is not built yet: a database runs without it,
-    // whatever "buffercachesize" says, and its cache-mode files stay for the
-    // cache to take up once it exists.
+    // The shared block cache is not built yet: a database of memory-mode
+    // files runs without it, whatever "buffercachesize" says; one with
+    // cache-mode files is refused by LoadFile.
 
     if (nInstall == 1 && CorrectMovedDatabase(lpHead, szDirPath) != S_OK) return E_FAIL;
     if (WalkFileList(lpHead, FALSE, nullptr, nullptr) != S_OK) return E_FAIL;
@@ -421,9 +421,28 @@ HRESULT CBreltMemStorageModule::LoadFile(LPTALVORCRITICALSECTION lpCritSection)
     long long nTotalProgress = lpTalvorProgress != nullptr ? (long long)lpTalvorProgress->m_nPos * DB_MIB : 0;
     long long nBeginTimestamp = m_pMemoryFileHead != nullptr ? m_pMemoryFileHead->m_nBeginTimestamp : 0;
     BYTE bOpenFileUseBuffer = m_pMemoryFileHead != nullptr ? m_pMemoryFileHead->m_bOpenFileUseBuffer : 0;
+    // The shared block cache is not built yet. Serving a database that has
+    // cache-mode files would let the engine write blocks of them into a
+    // cache that nothing loads or flushes: accepted changes that never reach
+    // the disk. Such a database is refused before any file is loaded.
     for (stu_FILEINFO* p = m_pStorageInfo; p != nullptr; p = p->m_pNext) {
-        // Cache-mode files get their backends from the cache's own threads.
-        if (IsCacheFileType((BYTE)p->m_bFileType)) continue;
+        // A type no pass saves (5 among them) would be covered by every
+        // commit without ever reaching its disk file.
+        if (!IsMemoryFileType((BYTE)p->m_bFileType) && !IsCacheFileType((BYTE)p->m_bFileType)) {
+            Trace("LoadFile", 1, 10040003,
+                  TALVOR_TEXT("数据库含有本服务不能保存的文件类型,拒绝启动,文件号:%d,文件类型:%d,路径:%s",
+                              "The database has a file of a type this service cannot save, so the start was refused, file number: %d, file type: %d, path: %s"),
+                  (int)p->m_bFileNo, (int)p->m_bFileType, p->m_lpszFilePath);
+            return E_FAIL;
+        }
+        if (!IsCacheFileType((BYTE)p->m_bFileType)) continue;
+        Trace("LoadFile", 2, 10040002,
+              TALVOR_TEXT("数据库含有缓存模式的文件,本服务尚不能提供缓存,拒绝启动,文件号:%d,文件类型:%d,路径:%s",
+                          "The database has a cache-mode file, which this service cannot serve yet, so the start was refused, file number: %d, file type: %d, path: %s"),
+              (int)p->m_bFileNo, (int)p->m_bFileType, p->m_lpszFilePath);
+        return E_FAIL;
+    }
+    for (stu_FILEINFO* p = m_pStorageInfo; p != nullptr; p = p->m_pNext) {
         CTalvorMemoryStorage* pStorage = new (std::nothrow) CTalvorMemoryStorage();
         if (pStorage == nullptr) {
             Trace("LoadFile", 1, 10040001,

@@ -3,6 +3,7 @@
 #include "BreltMemStorage.h"
 
 #include "CrashContainment.h"
+#include "LogManager.h"
 #include "TalvorTrace.h"
 
 #include <cerrno>
@@ -183,6 +184,11 @@ int RunTalvorStorage()
     SetupSignalHandler();
     HRESULT hr = _AtlModule.PreMessageLoop(0);
     if (hr != (HRESULT)E_FAIL) _AtlModule.PostMessageLoop();
+    // The exit status is 0 whatever happened, so the trace line is the
+    // operator's only word on a refused start. Some refusals return before
+    // the queue was written, some leave the writer running: either way the
+    // queue reaches its file before the process ends.
+    FlushLogSystem();
     close(fdLock);
     return 0;
 }

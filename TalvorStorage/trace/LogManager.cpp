@@ -34,6 +34,8 @@ const int TRACE_TITLE_SIZE = 128;
 // (the lines meanwhile are counted as lost).
 const long long OPEN_RETRY_MS = 1000;
 const int TEARDOWN_WAIT_US = 2000000;
+// How long a start whose redo service failed waits for the trace threads.
+const UINT REDO_FAILED_STOP_SECONDS = 30;
 
 // The trace latch the calling thread holds, for the crash handler.
 __thread LPTALVOR_SECTION t_pHeldTraceLatch __attribute__((tls_model("initial-exec"))) = nullptr;
@@ -139,7 +141,9 @@ CLogManager::CLogManager()
 {
     m_szServicePath[0] = '\0';
     InitializeCriticalTalvor(&m_critTrace);
+    TalvorSetLatchRank(&m_critTrace, LATCHRANK_TRACE);
     InitializeCriticalTalvor(&m_critWrite);
+    TalvorSetLatchRank(&m_critWrite, LATCHRANK_TRACEWRITE);
 }
 
 CLogManager::~CLogManager()
@@ -525,7 +529,12 @@ BOOL CLogManager::SetSystemFileHead(LPSYSTEMFILEHEAD lpMemoryFileHead, int nNode
             return FALSE;
         if (StartTraceThreads(TRUE) != 0) return FALSE;
         // The redo object and its two threads (LogManagerRedo.cpp).
-        return StartRedoService(nNodeType, pFlashback);
+        if (StartRedoService(nNodeType, pFlashback)) return TRUE;
+        // No engine runs without its redo: the ring copier goes, and only
+        // the writer of the daemon's own lines stays for the refusal.
+        StopTraceThreads(REDO_FAILED_STOP_SECONDS);
+        StartTraceThreads(FALSE);
+        return FALSE;
     }
     StoreFlag(&m_bExit, TRUE);
     StoreFlag(&m_bLogExit, TRUE);
@@ -575,6 +584,13 @@ BOOL InitLogSystem()
 }
 
 void ExitLogSystem() { CLogManager::DestoryInstance(); }
+
+void FlushLogSystem()
+{
+    // Torn down already (the full stop drains on its way out): nothing left.
+    CLogManager* pLog = CLogManager::PeekInstancePtr();
+    if (pLog != nullptr) pLog->WriteAllTrace();
+}
 
 BOOL SetLogSystemFileHead(LPSYSTEMFILEHEAD lpMemoryFileHead, int nNodeType, CTalvorFlashback* pFlashback)
 {

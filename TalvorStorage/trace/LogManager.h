@@ -21,6 +21,12 @@ class CTalvorRedoLog;
 
 BOOL InitLogSystem();
 void ExitLogSystem();
+// Writes every queued line of the daemon to its file now, on the calling
+// thread, whether or not the writer thread runs (the writer's own latch
+// keeps the two apart). For the end of a process that leaves its threads
+// running: a refused start must never lose the line that says why.
+// Any thread; takes the queue latch and the writer latch in turn.
+void FlushLogSystem();
 
 // With a head: opens the rings and starts the trace threads. With null: stops
 // them. FALSE when the service could not come up.
@@ -69,6 +75,8 @@ public:
     static CLogManager& instance();
     // The singleton, created at need; null only when memory ran out.
     static CLogManager* GetInstancePtr();
+    // The singleton if it exists; never creates one.
+    static CLogManager* PeekInstancePtr() { return __atomic_load_n(&m_pSinstance, __ATOMIC_ACQUIRE); }
     static void DestoryInstance();
     virtual ~CLogManager();
 

@@ -55,7 +55,7 @@ void WriterCleanup(void* lpContext)
     // writer opens a group only when data comes again.
     LPFILE_TRACEMEMFILEHEAD pHead = (LPFILE_TRACEMEMFILEHEAD)pCtx->m_pLog->m_pLogFileAddr;
     if (pHead != nullptr) {
-        pHead->m_bReadException = 1;
+        pHead->m_bReadException = REDOREAD_EXCEPTION;
         pHead->m_nReadPos = pHead->m_nFileHeaderSize;
     }
     usleep(32000);
@@ -81,9 +81,27 @@ void ArchiverCleanup(void* lpContext)
 
 } // namespace
 
+// The writer asks for real-time priority itself, so that a writer started
+// again after a crash has it too. Refused, it runs as an ordinary thread and
+// says so once.
+static void RaiseWriterPriority()
+{
+    static int s_nTold = 0;
+    struct sched_param stParam;
+    memset(&stParam, 0, sizeof(stParam));
+    stParam.sched_priority = WRITER_RT_PRIORITY;
+    int rc = pthread_setschedparam(pthread_self(), SCHED_FIFO, &stParam);
+    if (rc != 0 && __atomic_exchange_n(&s_nTold, 1, __ATOMIC_ACQ_REL) == 0)
+        Trace("StartTalvorLog", 3, 20030009,
+              TALVOR_TEXT("Redo日志写入线程无法使用实时优先级(%d)，按普通线程运行",
+                          "The redo log writer cannot have real-time priority (%d): it runs as an ordinary thread"),
+              rc);
+}
+
 void* CLogManager::WriteLogThread(LPVOID lpParam)
 {
     CLogManager* pLog = (CLogManager*)lpParam;
+    RaiseWriterPriority();
     usleep(100000);
     RedoThreadContext stCtx = {pLog, pLog->m_pTalvorRedoLog, nullptr, nullptr};
     if (stCtx.m_pRedo == nullptr) return nullptr;
@@ -146,15 +164,6 @@ BOOL CLogManager::StartRedoService(int nClusterNodeType, CTalvorFlashback* pFlas
         m_hWriteLogThread = 0;
         return FALSE;
     }
-    struct sched_param stParam;
-    memset(&stParam, 0, sizeof(stParam));
-    stParam.sched_priority = WRITER_RT_PRIORITY;
-    rc = pthread_setschedparam(m_hWriteLogThread, SCHED_FIFO, &stParam);
-    if (rc != 0)
-        Trace("StartTalvorLog", 3, 20030009,
-              TALVOR_TEXT("Redo日志写入线程无法使用实时优先级(%d)，按普通线程运行",
-                          "The redo log writer cannot have real-time priority (%d): it runs as an ordinary thread"),
-              rc);
     return TRUE;
 }
 

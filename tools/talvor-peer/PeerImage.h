@@ -120,6 +120,8 @@ inline bool PeerPrepareFile(LPBYTE lpImage, long long nSize, int nBlocks, long l
         LPBASEFILEOBJECTDEF lpObject = DbMemoryFileObject(lpImage, nSize, 0);
         if (lpObject == nullptr) return false;
         lpObject->m_nFullBlockMapOffset = DbMapEntryOffset(nMap, 0);
+        // Block 1 came on the free chain; all blocks are on the full one now.
+        lpObject->m_nFreeBlockMapOffset = 0;
         lpObject->m_nFinishedTimestamp = nTimestamp;
         PeerFence();
         lpObject->m_nID = 1;

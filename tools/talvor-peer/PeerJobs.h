@@ -28,4 +28,8 @@ struct PeerJob {
 int RunTraceJob(const std::vector<std::string>& args);
 std::string TraceJobUsage();
 
+// command: asks the storage thread through m_bStorageCMD and times answers.
+int RunCommandJob(const std::vector<std::string>& args);
+std::string CommandJobUsage();
+
 } // namespace talvorpeer

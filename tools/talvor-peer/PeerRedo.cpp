@@ -130,11 +130,11 @@ int OpenSession(RedoSession& s)
 void ResetRingIfAsked(RedoSession& s)
 {
     TalvorFlushCPU4Read();
-    if (s.Head()->m_bReadException == 0) return;
+    if (s.Head()->m_bReadException == REDOREAD_OK) return;
     s.Head()->m_nWritePos = RING_HEAD_SIZE;
     s.Head()->m_nReadPos = RING_HEAD_SIZE;
     TalvorFlushCPU4Write();
-    s.Head()->m_bReadException = 0;
+    s.Head()->m_bReadException = REDOREAD_OK;
     s.m_nResets++;
     fprintf(stderr, "talvor-peer: the daemon stopped trusting the redo ring: it was reset\n");
 }

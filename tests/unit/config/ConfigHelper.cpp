@@ -684,11 +684,11 @@ TEST_F(ProfileTest, ValuesEndAtHashAndNamesTrimEveryBlank)
     EXPECT_EQ(Read("S", "Por"), "<d>");   // the name must end where the wanted one does
     EXPECT_EQ(Read("S", "Ports"), "<d>");
     EXPECT_EQ(Read("S] ignored", "key"), "<d>");
-    // The tree takes the head up to its last "]" and keeps everything behind
-    // the first "=" of a value.
+    // The tree takes the same head, and keeps everything behind the first "="
+    // of a value.
     ASSERT_TRUE(TalvorConfigInit(m_path.c_str()));
-    EXPECT_EQ(Get("S] ignored", "key"), "a=b # c");
-    EXPECT_EQ(Get("S", "key"), "<none>");
+    EXPECT_EQ(Get("S", "key"), "a=b # c");
+    EXPECT_EQ(Get("S] ignored", "key"), "<none>");
 }
 
 TEST_F(ProfileTest, DefaultsSizesAndMissingFiles)
@@ -727,17 +727,17 @@ TEST_F(ProfileTest, NullNamesListSectionsAndKeys)
     EXPECT_EQ(buf[9], 'z');
 }
 
-TEST_F(ProfileTest, CrEndsOnlyALineWithNoLfAfterIt)
+TEST_F(ProfileTest, CrLfAndLoneCrEndLinesAsLfDoes)
 {
-    // While an LF lies ahead, a CR inside a line is white space at its end
-    // or part of the text; only the LF-free remainder splits at CR.
+    // As in the tree: a lone CR ends a line even while an LF lies ahead.
     ASSERT_TRUE(WriteWholeFile(m_path, "[S]\na=1\r\nb=2\rc=3"));
     EXPECT_EQ(Read("S", "a"), "1");
     EXPECT_EQ(Read("S", "b"), "2");
     EXPECT_EQ(Read("S", "c"), "3");
     ASSERT_TRUE(WriteWholeFile(m_path, "[S]\nb=2\rc=3\nd=4\n"));
-    EXPECT_EQ(Read("S", "b"), "2\rc=3");
-    EXPECT_EQ(Read("S", "c"), "<d>");
+    EXPECT_EQ(Read("S", "b"), "2");
+    EXPECT_EQ(Read("S", "c"), "3");
+    EXPECT_EQ(Read("S", "d"), "4");
 }
 
 TEST_F(ProfileTest, IntegersParseSignDigitsAndTruncatedFraction)

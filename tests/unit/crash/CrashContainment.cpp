@@ -322,7 +322,7 @@ TEST_F(CrashContainment, FrameLinesOfAStackTrace)
     CrashTraceFrame("./prog(main+0x10) [0x5555]", szExe);
     CrashTraceFrame("./prog(_ZN10talvortest10CrashProbeEv+0x10) no brackets", szExe);
     CrashTraceFrame("./prog(_ZN10talvortest10CrashProbeEv+0x10) [0x5555]", "/path with'quote");
-    char szFrame[256];
+    char szFrame[MAX_PATH + 96];
     snprintf(szFrame, sizeof(szFrame), "%s(_ZN10talvortest10CrashProbeEv+0x0) [%p]", szExe,
              (void*)&talvortest::CrashProbe);
     CrashTraceFrame(szFrame, szExe);
@@ -345,7 +345,7 @@ TEST_F(CrashContainment, MissingAddr2lineGivesAnEmptyLineNotAHang)
 {
     char szExe[MAX_PATH] = {0};
     GetModuleFileName(nullptr, szExe, sizeof(szExe));
-    char szFrame[256];
+    char szFrame[MAX_PATH + 96];
     snprintf(szFrame, sizeof(szFrame), "%s(_ZN10talvortest10CrashProbeEv+0x0) [%p]", szExe,
              (void*)&talvortest::CrashProbe);
     std::string strPath = getenv("PATH") ? getenv("PATH") : "";

@@ -187,6 +187,43 @@ TEST_F(PersistencePass, ChainsThatLoopOrLeaveTheFileAreRefused)
     EXPECT_EQ(ts, m_db.CommittedOnDisk());
 }
 
+TEST_F(PersistencePass, EntryPointingToItselfEndsItsChainAndThePassGoesOn)
+{
+    // The engine is linking entry 5 in: 3 -> 4 -> 5 -> 5. Blocks 3 and 4 are
+    // saved, 5 is not, the commit goes ahead and the object stays marked.
+    LPBASEFILEHEAD lpHead = m_db.FileHead(2);
+    long long nMap = lpHead->m_nBlockMapStartOffset;
+    auto Entry = [&](int i) { return (LPBASEFILEBLOCKMAP)(m_db.Image(2) + DbMapEntryOffset(nMap, i)); };
+    long long nOldNext = Entry(5)->m_nNextOffset;
+    Entry(5)->m_nNextOffset = DbMapEntryOffset(nMap, 5);
+    // The block of a map entry, by its place among the prepared blocks.
+    auto BlockOf = [&](int i) {
+        for (int k = 0; k < m_db.m_nBlocks; k++)
+            if (m_db.BlockOffset(2, k) == Entry(i)->m_nBlockOffset) return k;
+        ADD_FAILURE() << "entry " << i << " names no prepared block";
+        return 0;
+    };
+    long long ts = m_db.BeginTransaction();
+    for (int i = 3; i <= 5; i++) m_db.ChangeRow(2, BlockOf(i), 0, 10 * i, ts);
+    m_db.EndTransaction(ts);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    std::string strTrace = m_db.m_tree.Trace();
+    size_t nFirst = strTrace.find("40002020");
+    EXPECT_NE(std::string::npos, nFirst);
+    EXPECT_EQ(std::string::npos, strTrace.find("40002020", nFirst + 1)) << "told once";
+    EXPECT_EQ(ts, m_db.CommittedOnDisk());
+    auto Flag = [&](int i) { return Val(((LPBLOCKHEAD)(m_db.Image(2) + Entry(i)->m_nBlockOffset))->m_bSaveFlag); };
+    EXPECT_EQ(0, Flag(3));
+    EXPECT_EQ(0, Flag(4));
+    EXPECT_EQ(1, Flag(5));
+    EXPECT_EQ(1, Val(lpHead->m_bSaveFlag));
+    // Linked in: the next pass saves the rest.
+    Entry(5)->m_nNextOffset = nOldNext;
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(0, Flag(5));
+    EXPECT_EQ(0, m_db.CheckDisk(ts).m_nViolations);
+}
+
 TEST_F(PersistencePass, IndexMapWithTooManyEntriesOrABadBlockMarkIsRefused)
 {
     LPBASEFILEHEAD lpHead = m_db.FileHead(3);
@@ -224,7 +261,13 @@ TEST_F(PersistencePass, BlockNewerThanTheSavePointStaysMarkedAndHoldsTheCommit)
     long long nBlock = m_db.BlockOffset(2, 4);
     EXPECT_TRUE(Slice(strBefore, nBlock, 4096) == Slice(ReadWholeFile(m_db.PathOf(2)), nBlock, 4096));
     EXPECT_EQ(1, Val(((LPBLOCKHEAD)(m_db.Image(2) + nBlock))->m_bSaveFlag));
-    EXPECT_EQ(1, Val(((LPBLOCKHEAD)(m_db.Image(3) + m_db.BlockOffset(3, 4)))->m_bSaveFlag));
+    // The index block went out as it stood; its file asks for another pass.
+    long long nIndexBlock = m_db.BlockOffset(3, 4);
+    int nIndexSize = ((LPBLOCKHEAD)(m_db.Image(3) + nIndexBlock))->m_nBlockSize;
+    EXPECT_EQ(0, Val(((LPBLOCKHEAD)(m_db.Image(3) + nIndexBlock))->m_bSaveFlag));
+    EXPECT_TRUE(Slice(ReadWholeFile(m_db.PathOf(3)), nIndexBlock, nIndexSize) ==
+                std::string((const char*)m_db.Image(3) + nIndexBlock, (size_t)nIndexSize));
+    EXPECT_EQ(1, Val(m_db.FileHead(3)->m_bSaveFlag));
     EXPECT_EQ(1, Val(m_db.Head()->m_bSaveFlag));
     // Once it commits, the next pass writes it whole.
     m_db.EndTransaction(ts + 1);
@@ -233,18 +276,22 @@ TEST_F(PersistencePass, BlockNewerThanTheSavePointStaysMarkedAndHoldsTheCommit)
     EXPECT_EQ(0, m_db.CheckDisk(ts + 1).m_nViolations);
 }
 
-TEST_F(PersistencePass, EngineSnapshotIsUsedAndNothingToSaveWritesNothing)
+TEST_F(PersistencePass, EngineSnapshotIsUsedAndNothingToSaveStillSavesTheMarkedBlocks)
 {
-    // "Nothing to save" for every file: the pass writes no file, and no head
-    // left in the buffer by an earlier pass is taken for a snapshot.
+    // "Nothing to save" for every file while a block is marked: the pass
+    // goes on from the live head, so the block is not skipped by this and
+    // every later pass, and no head left in the buffer by an earlier pass
+    // is taken for a snapshot.
     StartEngine([](LPSTORAGEMEMHEAD c) { c->m_nResult = PEERRESULT_NOTHINGTOSAVE; });
     long long ts = m_db.BeginTransaction();
     m_db.ChangeRow(2, 1, 0, 9, ts);
     m_db.EndTransaction(ts);
-    std::string strBefore = ReadWholeFile(m_db.PathOf(2));
     EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
     EXPECT_GE(m_nAnswers.load(), 1);
-    EXPECT_TRUE(strBefore == ReadWholeFile(m_db.PathOf(2)));
+    long long nBlock = m_db.BlockOffset(2, 1);
+    EXPECT_EQ(0, Val(((LPBLOCKHEAD)(m_db.Image(2) + nBlock))->m_bSaveFlag));
+    EXPECT_EQ(ts, m_db.CommittedOnDisk());
+    EXPECT_EQ(0, m_db.CheckDisk(ts).m_nViolations);
     StopEngine();
 
     // A snapshot whose mark is unknown is refused.
@@ -541,9 +588,10 @@ TEST_F(PersistenceRollback, BlockWhoseOldVersionIsGoneIsNotWrittenAndHoldsTheCom
     EXPECT_EQ("alpha-2", talvorpeer::CPeerBlock((LPBYTE)&strDisk[0], BlockSize()).RowValue(0));
 }
 
-TEST_F(PersistenceRollback, IndexBlockChangedPastTheSavePointIsNeverRolledBack)
+TEST_F(PersistenceRollback, IndexBlockChangedPastTheSavePointGoesOutAsItIsAndNeverHoldsTheCommit)
 {
-    // Rows in a B-tree file block, old versions kept: still only pending.
+    // Under a steady load index blocks always carry changes past the save
+    // point: were they held back, no commit would ever advance.
     long long ts0 = m_db.BeginTransaction();
     m_db.ChangeRow(2, 1, 0, 7, ts0);
     m_db.EndTransaction(ts0);
@@ -551,14 +599,19 @@ TEST_F(PersistenceRollback, IndexBlockChangedPastTheSavePointIsNeverRolledBack)
     LPBYTE lpBlock = m_db.Image(3) + m_db.BlockOffset(3, 4);
     int nSize = ((LPBLOCKHEAD)lpBlock)->m_nBlockSize;
     UINT nBlockNo = ((LPBLOCKHEAD)lpBlock)->m_nBlockNo;
-    std::string strBefore = Slice(ReadWholeFile(m_db.PathOf(3)), m_db.BlockOffset(3, 4), nSize);
     talvorpeer::CPeerBlock block(lpBlock, nSize);
     block.Format(nBlockNo, 3, 16);
     ((LPBLOCKHEAD)lpBlock)->m_nTimestamp = ts;
     ((LPBLOCKHEAD)lpBlock)->m_bSaveFlag = 1;
     EXPECT_EQ(0, block.AddRow(21, ts, Bytes("key"), 3, 16));
     m_db.FileHead(3)->m_nTimestamp = ts;
-    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_PENDING, m_db.Pass());
-    EXPECT_TRUE(strBefore == Slice(ReadWholeFile(m_db.PathOf(3)), m_db.BlockOffset(3, 4), nSize));
-    EXPECT_EQ(1, Val(((LPBLOCKHEAD)lpBlock)->m_bSaveFlag));
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(ts0, m_db.CommittedOnDisk());
+    // Written as it stood, newer row included, never rolled back.
+    std::string strDisk = Slice(ReadWholeFile(m_db.PathOf(3)), m_db.BlockOffset(3, 4), nSize);
+    EXPECT_TRUE(strDisk == std::string((const char*)lpBlock, (size_t)nSize));
+    EXPECT_EQ("key", talvorpeer::CPeerBlock((LPBYTE)&strDisk[0], nSize).RowValue(0));
+    EXPECT_EQ(0, Val(((LPBLOCKHEAD)lpBlock)->m_bSaveFlag));
+    // The file asks for another pass.
+    EXPECT_EQ(1, Val(m_db.FileHead(3)->m_bSaveFlag));
 }

@@ -137,6 +137,32 @@ TEST_F(RedoArchive, SealedGroupsAreArchivedOldestFirstWhateverTheirIndex)
     EXPECT_EQ(9, +Ring()->m_nLogArchiveNo) << "the newest log is archived last";
 }
 
+TEST_F(RedoArchive, AGroupWhoseHeadCannotBeReadIsSetAsideAndTheRestGoOn)
+{
+    MakeRing(8192);
+    m_pHead->m_nTalvorArchiveType = 1;
+    snprintf(m_pHead->m_lpArchiveDesPath, sizeof(m_pHead->m_lpArchiveDesPath), "%sA", m_strDir.c_str());
+    ASSERT_TRUE(InitRedo());
+    SealThreeLogs();
+    // The oldest group's head names another log: it must not go out as log 1.
+    std::string strPath = m_strDir + "Redo0.log";
+    std::string strFile = ReadWholeFile(strPath);
+    MF_REDOLOGFILEHEAD h = HeadOf(strFile);
+    h.m_nSequenceNO = 77;
+    memcpy(&strFile[0], &h, sizeof(h));
+    ASSERT_TRUE(WriteWholeFile(strPath, strFile));
+    RunArchiver();  // returns: the stop is not held by the bad group
+    EXPECT_EQ(REDOGROUP_SEALED, m_pRedo->GetGroup(0)->m_bState) << "left for the next start";
+    EXPECT_EQ(77u, +HeadOf(ReadWholeFile(strPath)).m_nSequenceNO) << "its file untouched";
+    struct stat st;
+    EXPECT_NE(0, stat((m_strDir + "A/ArchiveLog/Log1.log").c_str(), &st));
+    EXPECT_NE(0, stat((m_strDir + "A/ArchiveLog/Log77.log").c_str(), &st));
+    for (int nLog = 2; nLog <= 3; nLog++) {
+        EXPECT_EQ(REDOGROUP_ARCHIVED, m_pRedo->GetGroup(nLog - 1)->m_bState) << nLog;
+        EXPECT_EQ(0, stat((m_strDir + "A/ArchiveLog/Log" + std::to_string(nLog) + ".log").c_str(), &st)) << nLog;
+    }
+}
+
 TEST_F(RedoArchive, LiveFeedTakesWholeStretchesAndDropsOutOnAMismatch)
 {
     MakeRing(8192);

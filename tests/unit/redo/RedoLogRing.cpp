@@ -65,6 +65,52 @@ TEST_F(RedoFixture, MixedStreamThroughManyWrapsComesOutWhole)
     EXPECT_EQ((UINT)m_nSeals + 1, +m_pHead->m_nRedoLogMaxID);
 }
 
+// Positions one short of, at, and one past the end of the ring's data are
+// where a wrap written as > instead of >= goes wrong. The records stay well
+// inside one group.
+class RedoRingEnd : public RedoFixture {
+protected:
+    // bEndForStart: the engine leaves its write position at the end of the
+    // data, which stands for its start.
+    void RecordEndingAt(int nShift, bool bEndForStart = false)
+    {
+        const int nData = 2048, nFirst = 500;
+        MakeRing(nData);
+        ASSERT_TRUE(InitRedo());
+        m_pRedo->StartWriter(m_st);
+        Produce(Record(nFirst, 1, 1));
+        Pass();
+        Produce(Record(nData - nFirst + nShift, 1, 2));
+        if (bEndForStart) {
+            ASSERT_EQ(RING_HEAD, +Ring()->m_nWritePos);
+            Ring()->m_nWritePos = RING_HEAD + nData;
+        }
+        // The first bytes of the next record, fewer than its head: the scan
+        // stops at the end of the second one and must not stand past the ring.
+        std::string strThird = Record(700, 1, 3);
+        const int nHeadPart = bEndForStart ? 0 : 10;
+        ASSERT_EQ(nHeadPart, TraceRingWrite(m_pRing, m_nRingSize, strThird.data(), nHeadPart));
+        Pass();
+        if (bEndForStart) Ring()->m_nWritePos = RING_HEAD;
+        const int nEnd = RING_HEAD + nData + nShift;  // where the second record ends, unwrapped
+        const int nExpected = nEnd < RING_HEAD + nData ? nEnd : nEnd - nData;
+        EXPECT_EQ(nExpected, +Ring()->m_nReadPos);
+        const int nWriteEnd = nExpected + nHeadPart;
+        EXPECT_EQ(nWriteEnd < RING_HEAD + nData ? nWriteEnd : nWriteEnd - nData, +Ring()->m_nWritePos);
+        m_strStream += strThird.substr(0, (size_t)nHeadPart);
+        Produce(strThird.substr((size_t)nHeadPart));
+        Pass();
+        Stop();
+        EXPECT_EQ(m_strStream.size(), m_strLogs.size());
+        EXPECT_TRUE(m_strStream == m_strLogs);
+    }
+};
+
+TEST_F(RedoRingEnd, RecordEndingOneByteBeforeTheEnd) { RecordEndingAt(-1); }
+TEST_F(RedoRingEnd, RecordEndingOnTheLastByte) { RecordEndingAt(0); }
+TEST_F(RedoRingEnd, RecordEndingOneByteIntoTheWrap) { RecordEndingAt(1); }
+TEST_F(RedoRingEnd, RecordEndingOnTheLastByteWithTheWritePositionAtTheEnd) { RecordEndingAt(0, true); }
+
 TEST_F(RedoFixture, RecordThatDoesNotFitAHalfFullGroupStartsTheNextLog)
 {
     MakeRing(8192);
@@ -72,7 +118,7 @@ TEST_F(RedoFixture, RecordThatDoesNotFitAHalfFullGroupStartsTheNextLog)
     m_pRedo->StartWriter(m_st);
     Produce(Record(3000, 1, 1));
     Pass();
-    ASSERT_EQ(0, +m_st.m_nSwitchLog);
+    ASSERT_EQ(+REDOSWITCH_OPEN, +m_st.m_nSwitchLog);
     EXPECT_EQ(50 + 3000, +m_st.m_nWriteSize);
     Produce(Record(2000, 1, 2)); // 3050 + 2000 > 4096 and the group is more than half full
     Pass();

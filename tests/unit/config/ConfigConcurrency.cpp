@@ -1,0 +1,648 @@
+// Configuration beside a live engine: the advisory lock on the ini that both
+// processes take, the bounded re-read of a file caught mid-rewrite by a
+// writer without the lock, the watch over an engine that died holding the
+// "CONFIGHELPER" semaphore, and one rule for section heads in every reader.
+//
+// The engine is played by plain system calls (and, in the race, by a second
+// process), doing what README asks of it: open without truncating, lock,
+// make sure the path still names the locked file, then read or rewrite in
+// place.
+#include "ConfigHelper.h"
+#include "MemDBCommonDef.h"
+#include "TalvorFileIO.h"
+#include "TalvorTrace.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <functional>
+#include <sched.h>
+#include <semaphore.h>
+#include <string>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+std::string ReadFd(int fd)
+{
+    std::string s;
+    char buf[4096];
+    ssize_t n;
+    for (off_t off = 0; (n = pread(fd, buf, sizeof(buf), off)) > 0; off += n) s.append(buf, (size_t)n);
+    return s;
+}
+
+std::string ReadPath(const std::string& path)
+{
+    int fd = open(path.c_str(), O_RDONLY);
+    if (fd < 0) return "<missing>";
+    std::string s = ReadFd(fd);
+    close(fd);
+    return s;
+}
+
+bool WritePath(const std::string& path, const std::string& text)
+{
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd < 0) return false;
+    bool bOk = pwrite(fd, text.data(), text.size(), 0) == (ssize_t)text.size();
+    return close(fd) == 0 && bOk;
+}
+
+// The engine's lock: open without truncating, lock, and start again when the
+// daemon renamed a new file over the path meanwhile. -1 on failure.
+int EngineLock(const std::string& path, int nOp)
+{
+    for (;;) {
+        int fd = open(path.c_str(), O_RDWR);
+        if (fd < 0) return -1;
+        if (flock(fd, nOp) != 0) {
+            close(fd);
+            return -1;
+        }
+        struct stat a, b;
+        if (fstat(fd, &a) == 0 && stat(path.c_str(), &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino)
+            return fd;
+        close(fd);
+    }
+}
+
+// The engine's rewrite in place: truncate, then the text in two writes with a
+// yield between, so that a reader without the lock can meet either cut.
+bool EngineRewrite(int fd, const std::string& text)
+{
+    if (ftruncate(fd, 0) != 0) return false;
+    size_t nHalf = text.size() / 2;
+    if (pwrite(fd, text.data(), nHalf, 0) != (ssize_t)nHalf) return false;
+    sched_yield();
+    return pwrite(fd, text.data() + nHalf, text.size() - nHalf, (off_t)nHalf) == (ssize_t)(text.size() - nHalf);
+}
+
+// Watches the ini's calls through the file layer, and lets a test act at
+// the moment the daemon's code opens, locks or reads it.
+class IniWatch : public CTalvorFileIO {
+public:
+    explicit IniWatch(std::string path) : m_path(std::move(path)) {}
+    int Open(const char* lpPath, int nFlags, mode_t nMode) override
+    {
+        int fd = CTalvorFileIO::Open(lpPath, nFlags, nMode);
+        if (fd >= 0 && m_path == lpPath) {
+            m_nOpens++;
+            if (m_onOpen) m_onOpen();
+        }
+        return fd;
+    }
+    int Flock(int fd, int nOp) override
+    {
+        if (nOp & (LOCK_SH | LOCK_EX)) {
+            int n = ++m_nLocks;
+            if (m_onLock) m_onLock(n);
+        }
+        return CTalvorFileIO::Flock(fd, nOp);
+    }
+    ssize_t PRead(int fd, void* lpBuf, size_t nSize, off_t nOffset) override
+    {
+        if (nOffset == 0) m_nReads++;
+        if (m_onRead) return m_onRead(fd, lpBuf, nSize, nOffset);
+        return CTalvorFileIO::PRead(fd, lpBuf, nSize, nOffset);
+    }
+    ssize_t RealRead(int fd, void* lpBuf, size_t nSize, off_t nOffset)
+    {
+        return CTalvorFileIO::PRead(fd, lpBuf, nSize, nOffset);
+    }
+
+    std::string m_path;
+    std::atomic<int> m_nOpens{0};
+    std::atomic<int> m_nLocks{0};
+    std::atomic<int> m_nReads{0}; // reads of the whole file begun
+    std::function<void()> m_onOpen;
+    std::function<void(int)> m_onLock;
+    std::function<ssize_t(int, void*, size_t, off_t)> m_onRead;
+};
+
+class ConfigIniTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        const char* lpTmp = getenv("TMPDIR");
+        std::string tmpl = std::string(lpTmp != nullptr && *lpTmp != 0 ? lpTmp : "/tmp") + "/talvorcfgcXXXXXX";
+        ASSERT_NE(mkdtemp(&tmpl[0]), nullptr);
+        m_dir = tmpl;
+        m_path = m_dir + "/TalvorConfig.ini";
+        ASSERT_NE(ConfigHelper::s_pInstance.get(), nullptr);
+        memset(&m_crit, 0, sizeof(m_crit));
+        m_crit.m_nThreadID = (int)GetCurrentThreadId();
+    }
+    void TearDown() override
+    {
+        CTalvorFileIO::Install(nullptr);
+        TalvorConfigClose();
+        SharedMemoryUpdate* p = ConfigHelper::s_pInstance->sharedList();
+        if (p != nullptr) memset(p, 0, sizeof(*p));
+        std::string cmd = "rm -rf '" + m_dir + "'";
+        ASSERT_EQ(system(cmd.c_str()), 0);
+    }
+    int DaemonInt(const char* app, const char* key) { return TalvorConfigGetValueInt(app, key, -1); }
+    int ProfileInt(const char* app, const char* key) { return GetPrivateProfileInt(app, key, -1, m_path.c_str()); }
+    std::string Disk() { return ReadPath(m_path); }
+
+    std::string m_dir;
+    std::string m_path;
+    TALVORCRITICALSECTION m_crit;
+};
+
+// ------------------------------------------------------------ The lock
+
+// What the daemon's code does to the ini while the engine is in the middle of
+// its rewrite: read it at start, read one key, set one key through the tree,
+// set one key file-direct.
+enum IniOp { OP_LOAD, OP_PROFILE_READ, OP_TREE_SET, OP_PROFILE_SET };
+
+struct LockCase {
+    const char* name;
+    IniOp op;
+};
+
+void PrintTo(const LockCase& c, std::ostream* os) { *os << c.name; }
+
+class IniLockTest : public ConfigIniTest, public ::testing::WithParamInterface<LockCase> {};
+
+// The engine holds the exclusive lock and has emptied the file to rewrite it.
+// The daemon's call must wait for the lock, not read the empty or the old
+// file: it then sees the engine's new key, and a write keeps it.
+TEST_P(IniLockTest, WaitsForTheEnginesRewriteAndKeepsItsKey)
+{
+    const LockCase& c = GetParam();
+    ASSERT_TRUE(WritePath(m_path, "[S]\na=1\n[Tail]\nend=1\n"));
+    ASSERT_TRUE(TalvorConfigInit(m_path.c_str()));
+    int fdEngine = EngineLock(m_path, LOCK_EX);
+    ASSERT_GE(fdEngine, 0);
+    ASSERT_EQ(ftruncate(fdEngine, 0), 0);
+
+    IniWatch watch(m_path);
+    CTalvorFileIO::Install(&watch);
+    std::atomic<bool> bDone{false};
+    std::atomic<int> nResult{-1};
+    std::thread daemon([&] {
+        switch (c.op) {
+        case OP_LOAD: nResult = TalvorConfigInit(m_path.c_str()) ? 1 : 0; break;
+        case OP_PROFILE_READ: nResult = GetPrivateProfileInt("S", "e", -1, m_path.c_str()); break;
+        case OP_TREE_SET: {
+            TALVORCRITICALSECTION crit;
+            memset(&crit, 0, sizeof(crit));
+            crit.m_nThreadID = (int)GetCurrentThreadId();
+            nResult = TalvorConfigSetValueString("S", "d", "2", &crit) ? 1 : 0;
+            break;
+        }
+        case OP_PROFILE_SET: nResult = WritePrivateProfileString("S", "d", "2", m_path.c_str()); break;
+        }
+        bDone = true;
+    });
+    // Until the call reaches the lock (or, were it not to lock, gives up).
+    while (watch.m_nLocks == 0 && !bDone) usleep(1000);
+    ASSERT_TRUE(EngineRewrite(fdEngine, "[S]\na=1\ne=1\n[Tail]\nend=1\n"));
+    close(fdEngine);
+    daemon.join();
+    CTalvorFileIO::Install(nullptr);
+
+    EXPECT_EQ(watch.m_nLocks, 1) << "the call met the emptied file instead of waiting for the lock";
+    EXPECT_EQ(ProfileInt("S", "e"), 1);
+    EXPECT_EQ(ProfileInt("Tail", "end"), 1);
+    switch (c.op) {
+    case OP_LOAD:
+        EXPECT_EQ(nResult, 1);
+        EXPECT_EQ(DaemonInt("S", "e"), 1);
+        break;
+    case OP_PROFILE_READ: EXPECT_EQ(nResult, 1); break;
+    case OP_TREE_SET:
+    case OP_PROFILE_SET:
+        EXPECT_EQ(nResult, 1);
+        EXPECT_EQ(ProfileInt("S", "d"), 2);
+        break;
+    }
+}
+
+const LockCase kLockCases[] = {
+    {"Load", OP_LOAD},
+    {"ProfileRead", OP_PROFILE_READ},
+    {"TreeSet", OP_TREE_SET},
+    {"ProfileSet", OP_PROFILE_SET},
+};
+
+INSTANTIATE_TEST_SUITE_P(Ops, IniLockTest, ::testing::ValuesIn(kLockCases),
+                         [](const ::testing::TestParamInfo<LockCase>& i) { return std::string(i.param.name); });
+
+// The daemon replaces the file by renaming a new one over it. A reader that
+// opened the old file and won its lock after the rename must read the new one.
+TEST_F(ConfigIniTest, LockWonOnAReplacedFileIsTakenAgainOnTheNewOne)
+{
+    ASSERT_TRUE(WritePath(m_path, "[S]\na=1\n"));
+    int fdHolder = EngineLock(m_path, LOCK_EX);
+    ASSERT_GE(fdHolder, 0);
+
+    IniWatch watch(m_path);
+    std::atomic<bool> bOpened{false};
+    watch.m_onOpen = [&] { bOpened = true; };
+    CTalvorFileIO::Install(&watch);
+    std::atomic<bool> bLoaded{false};
+    std::thread daemon([&] { bLoaded = TalvorConfigInit(m_path.c_str()); });
+    while (!bOpened) usleep(1000);
+    const std::string tmp = m_path + ".new";
+    ASSERT_TRUE(WritePath(tmp, "[S]\na=3\n"));
+    ASSERT_EQ(rename(tmp.c_str(), m_path.c_str()), 0);
+    close(fdHolder);
+    daemon.join();
+    CTalvorFileIO::Install(nullptr);
+
+    EXPECT_TRUE(bLoaded);
+    EXPECT_EQ(DaemonInt("S", "a"), 3);
+    EXPECT_EQ(watch.m_nOpens, 2);
+}
+
+// ------------------------------------------------------------ Re-reading
+
+// A writer without the lock has emptied the file and not yet written it: the
+// read is made again until the text is there, and a file that stays empty is
+// refused after a bounded number of reads, as before.
+TEST_F(ConfigIniTest, EmptyFileIsReadAgainForABoundedTime)
+{
+    const std::string text = "[S]\na=5\n";
+    ASSERT_TRUE(WritePath(m_path, ""));
+    IniWatch watch(m_path);
+    watch.m_onLock = [&](int n) {
+        if (n == 3) WritePath(m_path, text);
+    };
+    CTalvorFileIO::Install(&watch);
+    EXPECT_TRUE(TalvorConfigInit(m_path.c_str()));
+    EXPECT_EQ(DaemonInt("S", "a"), 5);
+    EXPECT_EQ(watch.m_nLocks, 3);
+
+    ASSERT_TRUE(WritePath(m_path, ""));
+    watch.m_onLock = nullptr;
+    watch.m_nLocks = 0;
+    EXPECT_FALSE(TalvorConfigInit(m_path.c_str()));
+    EXPECT_EQ(watch.m_nLocks, CONFIG_INI_READ_TRIES);
+    watch.m_nLocks = 0;
+    EXPECT_EQ(ProfileInt("S", "a"), -1);
+    EXPECT_EQ(watch.m_nLocks, CONFIG_INI_READ_TRIES);
+
+    // The file-direct writer fills a file that stayed empty, and keeps what a
+    // late writer put there.
+    watch.m_nLocks = 0;
+    EXPECT_TRUE(WritePrivateProfileString("T", "b", "1", m_path.c_str()));
+    EXPECT_EQ(watch.m_nLocks, CONFIG_INI_READ_TRIES);
+    EXPECT_EQ(Disk(), "[T]\nb=1\n");
+    ASSERT_TRUE(WritePath(m_path, ""));
+    watch.m_nLocks = 0;
+    watch.m_onLock = [&](int n) {
+        if (n == 2) WritePath(m_path, text);
+    };
+    EXPECT_TRUE(WritePrivateProfileString("T", "b", "1", m_path.c_str()));
+    EXPECT_EQ(Disk(), text + "[T]\nb=1\n");
+}
+
+// A read that ends before the size the file had, or after which the file's
+// size or time moved, met a rewrite: it is made again.
+TEST_F(ConfigIniTest, ReadThatEndsEarlyOrSeesTheFileMoveIsMadeAgain)
+{
+    const std::string text = "[S]\na=5\nb=6\n";
+    ASSERT_TRUE(WritePath(m_path, text));
+    IniWatch watch(m_path);
+    bool bEofNext = false;
+    watch.m_onRead = [&](int fd, void* p, size_t n, off_t off) -> ssize_t {
+        if (bEofNext) {
+            bEofNext = false;
+            return 0;
+        }
+        if (watch.m_nReads == 1 && off == 0) { // cut short: half, then the end
+            bEofNext = true;
+            return watch.RealRead(fd, p, n / 2, off);
+        }
+        ssize_t r = watch.RealRead(fd, p, n, off);
+        if (watch.m_nReads == 2) { // read whole, but the file grew meanwhile
+            int fdOther = open(m_path.c_str(), O_WRONLY | O_APPEND);
+            EXPECT_EQ(write(fdOther, "c=7\n", 4), 4);
+            close(fdOther);
+        }
+        return r;
+    };
+    CTalvorFileIO::Install(&watch);
+    EXPECT_TRUE(TalvorConfigInit(m_path.c_str()));
+    EXPECT_EQ(watch.m_nReads, 3);
+    EXPECT_EQ(DaemonInt("S", "b"), 6);
+    EXPECT_EQ(DaemonInt("S", "c"), 7);
+}
+
+// The heart of it: a file that is read short every time is never taken for
+// the whole, so no write puts a cut text back. The change stays in memory.
+TEST_F(ConfigIniTest, FileReadShortIsNeverWrittenBack)
+{
+    const std::string text = "[S]\na=1\nb=2\n[T]\nc=3\n";
+    ASSERT_TRUE(WritePath(m_path, text));
+    ASSERT_TRUE(TalvorConfigInit(m_path.c_str()));
+    IniWatch watch(m_path);
+    bool bEofNext = false;
+    watch.m_onRead = [&](int fd, void* p, size_t n, off_t off) -> ssize_t {
+        if (bEofNext) {
+            bEofNext = false;
+            return 0;
+        }
+        bEofNext = true;
+        return watch.RealRead(fd, p, n / 2, off);
+    };
+    CTalvorFileIO::Install(&watch);
+    EXPECT_TRUE(TalvorConfigSetValueString("S", "a", "9", &m_crit));
+    EXPECT_EQ(watch.m_nReads, CONFIG_INI_READ_TRIES);
+    EXPECT_FALSE(WritePrivateProfileString("T", "c", "9", m_path.c_str()));
+    EXPECT_EQ(GetPrivateProfileInt("T", "c", -1, m_path.c_str()), -1);
+    CTalvorFileIO::Install(nullptr);
+    EXPECT_EQ(Disk(), text);
+    EXPECT_EQ(DaemonInt("S", "a"), 9);
+}
+
+// ------------------------------------------------------------ The semaphore
+
+int g_nStuckLines = 0;
+int g_nFreeLines = 0;
+
+void CountSemaphoreLines(LPCTSTR, LONG, LONG lCode, LPCTSTR)
+{
+    if (lCode == 10080001) g_nStuckLines++;
+    if (lCode == 10080002) g_nFreeLines++;
+}
+
+// An engine that died holding "CONFIGHELPER": the stop's twenty-odd sets and
+// the reads between them cost one wait, traced once; they all reach memory
+// and the file. When the semaphore is free again the list works as before,
+// and a second stuck spell costs one more wait.
+TEST_F(ConfigIniTest, OneStuckSemaphoreCostsOneWait)
+{
+    const int kSets = 21;
+    ASSERT_TRUE(WritePath(m_path, "[System]\nseed=0\n"));
+    ASSERT_TRUE(TalvorConfigInit(m_path.c_str()));
+    sem_t* pSem = sem_open(SEMNAME_CONFIGHELPER, 0);
+    ASSERT_NE(pSem, SEM_FAILED);
+    SharedMemoryUpdate* pList = ConfigHelper::s_pInstance->sharedList();
+    ASSERT_NE(pList, nullptr);
+    // The engine posted one change, then died holding the semaphore.
+    pList->m_bIsService = true;
+    pList->m_iLength = 1;
+    strcpy(pList->m_smpItems[0].m_lpModule, "System");
+    strcpy(pList->m_smpItems[0].m_lpKey, "fromengine");
+    strcpy(pList->m_smpItems[0].m_lpValue, "1");
+    ASSERT_EQ(sem_wait(pSem), 0);
+
+    UINT nOldWait = ConfigSetSemaphoreWait(20);
+    LPTALVORTRACESINK pOldSink = TraceInstallSink(CountSemaphoreLines);
+    g_nStuckLines = g_nFreeLines = 0;
+    ULONG nWaits = ConfigSemaphoreTimeouts();
+    for (int i = 0; i < kSets; i++) {
+        std::string key = "k" + std::to_string(i);
+        EXPECT_TRUE(TalvorConfigSetValueString("System", key.c_str(), std::to_string(i).c_str(), &m_crit));
+        EXPECT_EQ(TalvorConfigGetValueInt("System", key.c_str(), -1, &m_crit), i);
+    }
+    EXPECT_EQ(ConfigSemaphoreTimeouts() - nWaits, 1u);
+    EXPECT_EQ(g_nStuckLines, 1);
+    EXPECT_EQ(ProfileInt("System", "k20"), 20);
+    EXPECT_EQ(pList->m_iLength, 1u); // the list was left alone
+    EXPECT_TRUE(pList->m_bIsService);
+
+    // Free again: the engine's change is taken in and ours posted.
+    ASSERT_EQ(sem_post(pSem), 0);
+    EXPECT_TRUE(TalvorConfigSetValueString("System", "after", "1", &m_crit));
+    EXPECT_EQ(g_nFreeLines, 1);
+    EXPECT_EQ(DaemonInt("System", "fromengine"), 1);
+    EXPECT_FALSE(pList->m_bIsService);
+    EXPECT_EQ(pList->m_iLength, 1u);
+    EXPECT_STREQ(pList->m_smpItems[0].m_lpKey, "after");
+
+    // Stuck again: one more wait, one more line.
+    ASSERT_EQ(sem_wait(pSem), 0);
+    for (int i = 0; i < 5; i++) EXPECT_TRUE(TalvorConfigSetValueString("System", "again", "1", &m_crit));
+    EXPECT_EQ(ConfigSemaphoreTimeouts() - nWaits, 2u);
+    EXPECT_EQ(g_nStuckLines, 2);
+    ASSERT_EQ(sem_post(pSem), 0);
+    EXPECT_TRUE(TalvorConfigSetValueString("System", "last", "1", &m_crit));
+    EXPECT_EQ(g_nFreeLines, 2);
+    int nValue = -1;
+    sem_getvalue(pSem, &nValue);
+    EXPECT_EQ(nValue, 1);
+
+    TraceInstallSink(pOldSink);
+    ConfigSetSemaphoreWait(nOldWait);
+    sem_close(pSem);
+}
+
+// ------------------------------------------------------------ One rule for heads
+
+// A file, a key in it, and a key whose answer the file's structure decides.
+// Every reader must give the same answer for both, and every writer must
+// change the line the readers read and nothing else.
+struct AgreeCase {
+    const char* name;
+    const char* text;
+    const char* app;
+    const char* key;
+    int value;
+    const char* probeApp;
+    const char* probeKey;
+    int probeValue; // -1: not in the file
+};
+
+void PrintTo(const AgreeCase& c, std::ostream* os) { *os << c.name; }
+
+class IniReadersAgree : public ConfigIniTest, public ::testing::WithParamInterface<AgreeCase> {
+protected:
+    void ExpectBoth(const char* app, const char* key, int value, const char* when)
+    {
+        ASSERT_TRUE(TalvorConfigInit(m_path.c_str())) << when;
+        EXPECT_EQ(DaemonInt(app, key), value) << when << ": the tree, [" << app << "] " << key;
+        EXPECT_EQ(ProfileInt(app, key), value) << when << ": file-direct, [" << app << "] " << key;
+    }
+};
+
+TEST_P(IniReadersAgree, SameAnswerForTheSameKey)
+{
+    const AgreeCase& c = GetParam();
+    ASSERT_TRUE(WritePath(m_path, c.text));
+    ExpectBoth(c.app, c.key, c.value, "as written");
+    ExpectBoth(c.probeApp, c.probeKey, c.probeValue, "as written");
+
+    ASSERT_TRUE(TalvorConfigSetValueString(c.app, c.key, "4242"));
+    ExpectBoth(c.app, c.key, 4242, "after the tree's set");
+    ExpectBoth(c.probeApp, c.probeKey, c.probeValue, "after the tree's set");
+
+    ASSERT_TRUE(WritePrivateProfileString(c.app, c.key, "4343", m_path.c_str()));
+    ExpectBoth(c.app, c.key, 4343, "after the file-direct set");
+    ExpectBoth(c.probeApp, c.probeKey, c.probeValue, "after the file-direct set");
+}
+
+const AgreeCase kAgreeCases[] = {
+    {"HeadWithSemicolonComment", "[System]\nclusternode=1\n[Config] ; cluster\nclusternode=2\n", "Config",
+     "clusternode", 2, "System", "clusternode", 1},
+    {"HeadWithHashComment", "[System]\nk=1\n[Config]  # cluster\nk=2\n", "Config", "k", 2, "System", "k", 1},
+    {"HeadWithCommentNoBlank", "[System]\nk=1\n[Config];c\nk=2\n", "Config", "k", 2, "System", "k", 1},
+    {"HeadFollowedByKeyText", "[System]\nk=1\n[Config] x=9\nk=2\n", "Config", "k", 2, "Config", "x", -1},
+    {"HeadFollowedByEquals", "[System]\nk=1\n[Config]=3\nk=2\n", "Config", "k", 2, "System", "k", 1},
+    {"HeadWithSecondBracket", "[System]\nk=1\n[Config]]\nk=2\n", "Config", "k", 2, "System", "k", 1},
+    {"HeadPaddedWithTabs", "[System]\nk=1\n\t[\tConfig\t]\t\nk=2\n", "Config", "k", 2, "System", "k", 1},
+    {"HeadNameWithInnerBlank", "[System]\nk=1\n[ My Config ] ; c\nk=2\n", "My Config", "k", 2, "System", "k", 1},
+    {"UnclosedHeadIsNoHead", "[System]\nk=1\n[Config\nk=2\n", "System", "k", 1, "Config", "k", -1},
+    {"CommentedHeadIsNoHead", "[System]\nk=1\n#[Config]\nk=2\n", "System", "k", 1, "Config", "k", -1},
+    {"IndentedCommentIsNoHead", "[System]\nk=1\n\t# [Config]\nj=2\n", "System", "j", 2, "Config", "j", -1},
+    {"KeyPaddedWithTabs", "[Config] ; c\n\tk\t=\t7\t\nj=1\n", "Config", "k", 7, "Config", "j", 1},
+    {"LoneCrLineEnds", "[System]\rk=1\r[Config] ; c\rk=2\r", "Config", "k", 2, "System", "k", 1},
+    {"LoneCrInsideLfFile", "[System]\nk=1\r[Config]\nk=2\n", "Config", "k", 2, "System", "k", 1},
+    {"LoneCrBetweenKeys", "[System]\nk=1\rj=3\n", "System", "k", 1, "System", "j", 3},
+    {"CrLfWithHeadComment", "[System]\r\nk=1\r\n[Config] ; c\r\nk=2\r\n", "Config", "k", 2, "System", "k", 1},
+    {"ByteOrderMarkThenHeadComment", "\xEF\xBB\xBF[Config] ; c\nk=5\n[System]\nk=1\n", "Config", "k", 5, "System",
+     "k", 1},
+    {"ValueWithHashComment", "[Config] ; c\nk = 8 # eight\n", "Config", "k", 8, "Config", "eight", -1},
+};
+
+INSTANTIATE_TEST_SUITE_P(Lines, IniReadersAgree, ::testing::ValuesIn(kAgreeCases),
+                         [](const ::testing::TestParamInfo<AgreeCase>& i) { return std::string(i.param.name); });
+
+// ------------------------------------------------------------ The race
+
+// Shared between the test and the engine it forks.
+struct RaceBoard {
+    std::atomic<int> nEngineTurns; // reads of the file, whole or cut
+    std::atomic<int> nEngineWrites;
+    std::atomic<int> nDaemonSets;
+    std::atomic<int> nStop;
+    std::atomic<int> nEngineCutReads; // texts the engine found cut
+    std::atomic<int> nEngineLostKeys; // of its own, found missing
+};
+
+// The engine keeps at most this many rewrites ahead of the daemon's sets, so
+// that the two run side by side and the file stays small.
+const int kEngineLead = 2;
+
+// Rewrites the file in place again and again, each time adding its next key
+// in front of the tail section, until told to stop; checks each read.
+[[noreturn]] void RunEngine(const std::string& path, RaceBoard* pBoard)
+{
+    const std::string tail = "[Tail]\nend=1\n";
+    int j = 0;
+    while (!pBoard->nStop) {
+        if (pBoard->nEngineTurns > pBoard->nDaemonSets + kEngineLead) {
+            usleep(100);
+            continue;
+        }
+        int fd = EngineLock(path, LOCK_EX);
+        if (fd < 0) _exit(2);
+        std::string text = ReadFd(fd);
+        size_t nTail = text.rfind(tail);
+        if (nTail == std::string::npos || nTail + tail.size() != text.size()) {
+            pBoard->nEngineCutReads++;
+            pBoard->nEngineTurns++;
+            close(fd);
+            continue;
+        }
+        for (int k = 0; k < j; k++)
+            if (text.find("\ne" + std::to_string(k) + "=" + std::to_string(k) + "\n") == std::string::npos)
+                pBoard->nEngineLostKeys++;
+        text.insert(nTail, "e" + std::to_string(j) + "=" + std::to_string(j) + "\n");
+        if (!EngineRewrite(fd, text)) _exit(3);
+        close(fd);
+        pBoard->nEngineWrites = ++j;
+        pBoard->nEngineTurns++;
+    }
+    _exit(0);
+}
+
+struct RaceResult {
+    int nRefusedStarts = 0; // loads that failed
+    int nCutParses = 0;     // loads that succeeded without the tail section
+    int nDaemonKeysLost = 0;
+    int nEngineKeysLost = 0;
+    int nEngineWrites = 0;
+    int nEngineCutReads = 0;
+    int nEngineStatus = -1;
+};
+
+// The daemon's side: after every turn of the engine, one set through the
+// thread-safe path, then a load as at start and a file-direct read, each
+// checked against every key both sides wrote so far.
+void RunRace(const std::string& path, int nSets, RaceResult& r)
+{
+    RaceBoard* pBoard = (RaceBoard*)mmap(nullptr, sizeof(RaceBoard), PROT_READ | PROT_WRITE,
+                                         MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(pBoard, MAP_FAILED);
+    new (pBoard) RaceBoard();
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) RunEngine(path, pBoard);
+
+    TALVORCRITICALSECTION crit;
+    memset(&crit, 0, sizeof(crit));
+    crit.m_nThreadID = (int)GetCurrentThreadId();
+    int nStatus = 0;
+    bool bReaped = false;
+    int nSeen = 0;
+    int nEngineKeys = 0;
+    for (int i = 0; i < nSets && !bReaped; i++) {
+        while (pBoard->nEngineTurns == nSeen && !(bReaped = waitpid(pid, &nStatus, WNOHANG) == pid)) usleep(200);
+        nSeen = pBoard->nEngineTurns;
+        std::string key = "d" + std::to_string(i);
+        TalvorConfigSetValueString("S", key.c_str(), std::to_string(i).c_str(), &crit);
+        pBoard->nDaemonSets = i + 1;
+        if (!TalvorConfigInit(path.c_str())) {
+            r.nRefusedStarts++;
+            continue;
+        }
+        if (TalvorConfigGetValueInt("Tail", "end", 0) != 1) r.nCutParses++;
+        if (GetPrivateProfileInt("Tail", "end", 0, path.c_str()) != 1) r.nCutParses++;
+        for (int k = 0; k <= i; k++)
+            if (TalvorConfigGetValueInt("S", ("d" + std::to_string(k)).c_str(), -1) != k) r.nDaemonKeysLost++;
+        int n = 0;
+        while (TalvorConfigGetValueInt("S", ("e" + std::to_string(n)).c_str(), -1) == n) n++;
+        if (n < nEngineKeys) r.nEngineKeysLost += nEngineKeys - n;
+        nEngineKeys = n > nEngineKeys ? n : nEngineKeys;
+    }
+    pBoard->nStop = 1;
+    if (!bReaped) waitpid(pid, &nStatus, 0);
+    r.nEngineStatus = WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : 128 + WTERMSIG(nStatus);
+    r.nEngineWrites = pBoard->nEngineWrites;
+    r.nEngineCutReads = pBoard->nEngineCutReads;
+    r.nEngineKeysLost += pBoard->nEngineLostKeys;
+    // Afterwards every key of both sides is in the file.
+    if (TalvorConfigInit(path.c_str())) {
+        for (int k = 0; k < nSets; k++)
+            if (TalvorConfigGetValueInt("S", ("d" + std::to_string(k)).c_str(), -1) != k) r.nDaemonKeysLost++;
+        for (int k = 0; k < r.nEngineWrites; k++)
+            if (TalvorConfigGetValueInt("S", ("e" + std::to_string(k)).c_str(), -1) != k) r.nEngineKeysLost++;
+    } else {
+        r.nRefusedStarts++;
+    }
+    munmap(pBoard, sizeof(RaceBoard));
+}
+
+TEST_F(ConfigIniTest, EngineRewritingInPlaceUnderTheLockLosesNothing)
+{
+    const int kSets = 200;
+    ASSERT_TRUE(WritePath(m_path, "[S]\nseed=0\n[Tail]\nend=1\n"));
+    ASSERT_TRUE(TalvorConfigInit(m_path.c_str()));
+    RaceResult r;
+    RunRace(m_path, kSets, r);
+    EXPECT_EQ(r.nEngineStatus, 0);
+    EXPECT_GE(r.nEngineWrites, kSets); // one rewrite at least between two sets
+    EXPECT_EQ(r.nRefusedStarts, 0);
+    EXPECT_EQ(r.nCutParses, 0);
+    EXPECT_EQ(r.nDaemonKeysLost, 0);
+    EXPECT_EQ(r.nEngineKeysLost, 0);
+    EXPECT_EQ(r.nEngineCutReads, 0);
+}
+
+} // namespace

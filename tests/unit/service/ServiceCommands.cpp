@@ -1,0 +1,264 @@
+// Commands the daemon cannot serve yet, over a loaded database: a file
+// command is refused in its row, the file list on disk stays the one the
+// next start opens; each cluster command gets its own failure answer, and
+// only the flags its own end clears are cleared; a command left in place is
+// traced once, not at every turn.
+#include "DbFileLayout.h"
+#include "PersistenceDb.h"
+#include "TestClock.h"
+#include "TestFiles.h"
+
+#include <sys/stat.h>
+
+using namespace talvortest;
+
+namespace {
+
+size_t Count(const std::string& strText, const std::string& strWhat)
+{
+    size_t n = 0;
+    for (size_t at = strText.find(strWhat); at != std::string::npos; at = strText.find(strWhat, at + 1)) n++;
+    return n;
+}
+
+bool FileExists(const std::string& strPath)
+{
+    struct stat st;
+    return stat(strPath.c_str(), &st) == 0;
+}
+
+class ServiceCommands : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_db.MakeDatabase());
+        ASSERT_EQ(S_OK, m_db.Start());
+        m_db.PrepareFiles();
+        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+        m_lpCmd = m_db.Module().m_pFlashback->GetClusterCommand();
+    }
+    LPFILE_MEMDBFILEINFO Row(BYTE bFileNo)
+    {
+        return DbFindFileListRow(m_db.Image(1), m_db.File(1)->m_liFileSize, bFileNo);
+    }
+    // The file list block with room, as the engine appends to it.
+    LPSYSTEMBLOCKHEAD ListBlockWithRoom()
+    {
+        LPBASEFILEOBJECTDEF lpObject = DbFileListObject(m_db.Head());
+        LPBASEFILEBLOCKMAP lpEntry = (LPBASEFILEBLOCKMAP)(m_db.Image(1) + lpObject->m_nFreeBlockMapOffset);
+        return (LPSYSTEMBLOCKHEAD)(m_db.Image(1) + lpEntry->m_nBlockOffset);
+    }
+    // The engine's edit of the list, in its order: row, then the command
+    // byte, then the flags that make the pass look, then the timestamp.
+    void MarkListChanged(LPSYSTEMBLOCKHEAD lpBlock)
+    {
+        long long ts = m_db.BeginTransaction();
+        lpBlock->m_nTimestamp = ts;
+        lpBlock->m_bSaveFlag = 1;
+        LPBASEFILEOBJECTDEF lpObject = DbFileListObject(m_db.Head());
+        lpObject->m_nFinishedTimestamp = ts;
+        lpObject->m_bSaveFlag = 1;
+        talvorpeer::PeerFence();
+        m_db.Head()->m_nTimestamp = ts;
+        m_db.EndTransaction(ts);
+    }
+    std::string Cluster(BYTE bCommand, BYTE bForbid, HRESULT* pHr = nullptr)
+    {
+        m_lpCmd->m_bResult = 0x5A;  // a result the daemon did not write
+        m_lpCmd->m_bForbidSaveFlag = bForbid;
+        m_db.Head()->m_bForbidSaveFlag = bForbid;
+        m_lpCmd->m_bCommandType = bCommand;
+        HRESULT hr = m_db.Module().ClusterCommand(&m_db.m_stCrit, m_lpCmd, nullptr, m_db.m_nRedoLogMaxID);
+        if (pHr != nullptr) *pHr = hr;
+        return m_db.m_tree.Trace();
+    }
+    PersistenceDb m_db;
+    LPTALVORCOMMAND m_lpCmd = nullptr;
+};
+
+} // namespace
+
+TEST_F(ServiceCommands, FileCommandsAreRefusedInTheirRowsAndTheListOnDiskStays)
+{
+    const std::string strListBefore = ReadWholeFile(m_db.SystemPath());
+    LPSYSTEMBLOCKHEAD lpBlock = ListBlockWithRoom();
+    const int nRowsBefore = lpBlock->m_nDataNum;
+
+    // Add file 9, move file 3, resize file 4, delete file 2.
+    LPFILE_MEMDBFILEINFO lpNew =
+        (LPFILE_MEMDBFILEINFO)((LPBYTE)lpBlock + lpBlock->m_nBlockHeadSize + nRowsBefore * sizeof(FILE_MEMDBFILEINFO));
+    memset(lpNew, 0, sizeof(*lpNew));
+    lpNew->m_bFileNo = 9;
+    lpNew->m_bFileType = FILETYPE_DATA;
+    snprintf(lpNew->m_lpszFilePath, sizeof(lpNew->m_lpszFilePath), "%sNew9.dbf", m_db.m_tree.Dir().c_str());
+    snprintf(lpNew->m_lpszTablespaceName, sizeof(lpNew->m_lpszTablespaceName), "New9");
+    lpNew->m_nFileSize = 4 * DB_MIB;
+    lpBlock->m_nDataNum = nRowsBefore + 1;
+    snprintf(Row(3)->m_lpszFilePath, sizeof(Row(3)->m_lpszFilePath), "%sMoved3.dbf", m_db.m_tree.Dir().c_str());
+    Row(4)->m_nFileSize = 8 * DB_MIB;
+    talvorpeer::PeerFence();
+    lpNew->m_bFileCMD = FILECMD_ADD;
+    Row(3)->m_bFileCMD = FILECMD_MOVE;
+    Row(4)->m_bFileCMD = FILECMD_RESIZE;
+    Row(2)->m_bFileCMD = FILECMD_DELETE;
+    MarkListChanged(lpBlock);
+
+    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    EXPECT_EQ(FILECMD_ADD_FAILED, Val(lpNew->m_bFileCMD));
+    EXPECT_EQ(FILECMD_MOVE_FAILED, Val(Row(3)->m_bFileCMD));
+    EXPECT_EQ(FILECMD_RESIZE_FAILED, Val(Row(4)->m_bFileCMD));
+    EXPECT_EQ(FILECMD_NO_SUCH_FILE, Val(Row(2)->m_bFileCMD));
+    // Nothing was done: no file made, moved or deleted, no descriptor changed.
+    EXPECT_FALSE(FileExists(m_db.m_tree.Dir() + "New9.dbf"));
+    EXPECT_FALSE(FileExists(m_db.m_tree.Dir() + "Moved3.dbf"));
+    EXPECT_TRUE(FileExists(m_db.PathOf(2)));
+    EXPECT_EQ(nullptr, m_db.File(9));
+    EXPECT_STREQ(m_db.PathOf(3).c_str(), m_db.File(3)->m_lpszFilePath);
+    EXPECT_EQ(4 * DB_MIB, Val(m_db.File(4)->m_liFileSize));
+    std::string strTrace = m_db.m_tree.Trace();
+    EXPECT_NE(std::string::npos, strTrace.find("10060050 MemFileCMD File commands cannot be served by this service yet, "
+                                               "so the command was refused, command: 1, file number: 9, file path: " +
+                                               m_db.m_tree.Dir() + "New9.dbf, result: 252"))
+        << strTrace;
+    EXPECT_EQ(4u, Count(strTrace, "File commands cannot be served by this service yet"));
+
+    // The pass commits the engine's timestamp, but not the refused list.
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(+m_db.Head()->m_nEndTimestamp, m_db.CommittedOnDisk());
+    std::string strListAfter = ReadWholeFile(m_db.SystemPath());
+    long long nBlockAt = (LPBYTE)lpBlock - m_db.Image(1);
+    ASSERT_EQ(strListBefore.size(), strListAfter.size());
+    EXPECT_TRUE(0 == memcmp(&strListBefore[(size_t)nBlockAt], &strListAfter[(size_t)nBlockAt], (size_t)lpBlock->m_nBlockSize))
+        << "the file list block on disk changed";
+
+    // A second walk leaves the answers and says nothing more.
+    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    EXPECT_EQ(FILECMD_ADD_FAILED, Val(lpNew->m_bFileCMD));
+    EXPECT_EQ(4u, Count(m_db.m_tree.Trace(), "File commands cannot be served by this service yet"));
+
+    // The next start reads the list it had and opens every file.
+    m_db.Stop();
+    ASSERT_EQ(S_OK, m_db.Start());
+    EXPECT_EQ(nullptr, m_db.File(9));
+    ASSERT_NE(nullptr, m_db.File(3));
+    EXPECT_STREQ(m_db.PathOf(3).c_str(), m_db.File(3)->m_lpszFilePath);
+    EXPECT_EQ(4 * DB_MIB, Val(m_db.File(4)->m_liFileSize));
+}
+
+TEST_F(ServiceCommands, ASettledListReachesTheDiskAgain)
+{
+    LPSYSTEMBLOCKHEAD lpBlock = ListBlockWithRoom();
+    Row(4)->m_bFileCMD = FILECMD_DELETE;
+    MarkListChanged(lpBlock);
+    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    // The engine takes the answer back and renames the memory file.
+    Row(4)->m_bFileCMD = FILECMD_NONE;
+    snprintf(Row(4)->m_lpszTablespaceName, sizeof(Row(4)->m_lpszTablespaceName), "Renamed4");
+    MarkListChanged(lpBlock);
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    std::string strDisk = ReadWholeFile(m_db.SystemPath());
+    EXPECT_NE(std::string::npos, strDisk.find("Renamed4"));
+}
+
+TEST_F(ServiceCommands, AFileListBlockOfAnotherKindStopsTheWalk)
+{
+    LPSYSTEMBLOCKHEAD lpBlock = ListBlockWithRoom();
+    lpBlock->m_nBlockDataStructSize = 352;
+    EXPECT_EQ(E_FAIL, m_db.Module().FileCMD(&m_db.m_stCrit));
+    lpBlock->m_nBlockDataStructSize = (int)sizeof(FILE_MEMDBFILEINFO);
+    std::string strTrace = m_db.m_tree.Trace();
+    EXPECT_NE(std::string::npos, strTrace.find("10060002 MemFileCMD The structure size of data block has changed, current "
+                                               "system value: 348, recorded value: 352"))
+        << strTrace;
+    EXPECT_NE(std::string::npos, strTrace.find("Failed to load memory file data in system file")) << strTrace;
+}
+
+TEST_F(ServiceCommands, ClusterCommandsGetTheirOwnFailureAnswer)
+{
+    struct Case {
+        BYTE m_bCommand;
+        BYTE m_bFinal;
+        BYTE m_bResult;      // 0x5A: not written
+        bool m_bFlagsCleared;
+    };
+    const Case arCases[] = {
+        {CLUSTERCMD_ADDNODE, CLUSTERCMD_NONE, 0x5A, true},
+        {CLUSTERCMD_ADDSTANDBY, CLUSTERCMD_FINISHED, CLUSTERRESULT_STANDBYSETUPFAILED, false},
+        {CLUSTERCMD_FULLBACKUP, CLUSTERCMD_FINISHED, CLUSTERRESULT_FAILED, true},
+        {CLUSTERCMD_INCREMENTBACKUP, CLUSTERCMD_FINISHED, CLUSTERRESULT_FAILED, true},
+        {CLUSTERCMD_RESTORE, CLUSTERCMD_FINISHED, 0x5A, true},
+    };
+    for (const Case& c : arCases) {
+        std::string strTrace = Cluster(c.m_bCommand, 1);
+        SCOPED_TRACE((int)c.m_bCommand);
+        EXPECT_EQ(c.m_bFinal, Val(m_lpCmd->m_bCommandType));
+        EXPECT_EQ(c.m_bResult, Val(m_lpCmd->m_bResult));
+        EXPECT_EQ(c.m_bFlagsCleared ? 0 : 1, Val(m_lpCmd->m_bForbidSaveFlag));
+        EXPECT_EQ(c.m_bFlagsCleared ? 0 : 1, Val(m_db.Head()->m_bForbidSaveFlag));
+        EXPECT_EQ(1u, Count(strTrace, "10012030 ClusterCommand Cluster command " + std::to_string(c.m_bCommand) +
+                                          " cannot be served by this service yet"))
+            << strTrace;
+    }
+    // Command 10 without its forbid flag fails as an add of a node does.
+    m_lpCmd->m_bForbidSaveFlag = 0;
+    m_db.Head()->m_bForbidSaveFlag = 1;
+    m_lpCmd->m_bCommandType = CLUSTERCMD_ADDNODE_FROMLOG;
+    EXPECT_EQ(S_OK, m_db.Module().ClusterCommand(&m_db.m_stCrit, m_lpCmd, nullptr, m_db.m_nRedoLogMaxID));
+    EXPECT_EQ(CLUSTERCMD_NONE, Val(m_lpCmd->m_bCommandType));
+    EXPECT_EQ(0, Val(m_db.Head()->m_bForbidSaveFlag));
+    // Removing a standby connection that does not exist is served.
+    Cluster(CLUSTERCMD_REMOVESTANDBY, 1);
+    EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
+    EXPECT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult));
+    EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
+    EXPECT_EQ(0u, Count(m_db.m_tree.Trace(), "Cluster command 19"));
+}
+
+TEST_F(ServiceCommands, CommandsWithoutAFailureAnswerStayAndAreTracedOnce)
+{
+    for (BYTE bCommand : {CLUSTERCMD_CLEARRESOURCE, CLUSTERCMD_REBUILDRESOURCE, CLUSTERCMD_TESTSPEED}) {
+        SCOPED_TRACE((int)bCommand);
+        std::string strTrace;
+        for (int nTurn = 0; nTurn < 3; nTurn++) strTrace = Cluster(bCommand, 1);
+        // Nothing released, nothing resumed: saving stays held off.
+        EXPECT_EQ(bCommand, Val(m_lpCmd->m_bCommandType));
+        EXPECT_EQ(0x5A, Val(m_lpCmd->m_bResult));
+        EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
+        EXPECT_EQ(1, Val(m_db.Head()->m_bForbidSaveFlag));
+        EXPECT_NE(nullptr, m_db.File(2));
+        EXPECT_EQ(1u, Count(strTrace, "Cluster command " + std::to_string(bCommand) + " cannot be served")) << strTrace;
+    }
+    // Codes the daemon does not know, and its own, are left and not told.
+    for (BYTE bCommand : {(BYTE)CLUSTERCMD_FINISHED, (BYTE)CLUSTERCMD_RUNNING, (BYTE)99}) {
+        std::string strTrace = Cluster(bCommand, 1);
+        EXPECT_EQ(bCommand, Val(m_lpCmd->m_bCommandType));
+        EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
+        EXPECT_EQ(0u, Count(strTrace, "Cluster command " + std::to_string(bCommand) + " ")) << strTrace;
+    }
+}
+
+TEST_F(ServiceCommands, AnAddOfANodeHeldOffIsRefusedOnceForTheWholeStretch)
+{
+    HRESULT hr = S_OK;
+    std::string strTrace;
+    for (int nTurn = 0; nTurn < 5; nTurn++) strTrace = Cluster(CLUSTERCMD_ADDNODE_FROMLOG, 1, &hr);
+    EXPECT_EQ(E_FAIL, hr);
+    EXPECT_EQ(CLUSTERCMD_ADDNODE_FROMLOG, Val(m_lpCmd->m_bCommandType));
+    EXPECT_EQ(1u, Count(strTrace, "Current status of talvor storage service does not allow adding standby processing "
+                                  "service!"))
+        << strTrace;
+    // A new stretch is told again.
+    m_lpCmd->m_bCommandType = CLUSTERCMD_NONE;
+    EXPECT_EQ(S_OK, m_db.Module().ClusterCommand(&m_db.m_stCrit, m_lpCmd, nullptr, m_db.m_nRedoLogMaxID));
+    strTrace = Cluster(CLUSTERCMD_ADDNODE_FROMLOG, 1, &hr);
+    EXPECT_EQ(2u, Count(strTrace, "does not allow adding standby processing service!"));
+}
+
+TEST_F(ServiceCommands, StartingTheUndoCacheIsServed)
+{
+    std::string strTrace = Cluster(CLUSTERCMD_WRITEUNDOCACHE, 0);
+    EXPECT_EQ(CLUSTERCMD_NONE, Val(m_lpCmd->m_bCommandType));
+    EXPECT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult));
+    EXPECT_EQ(0u, Count(strTrace, "Cluster command 47"));
+}

@@ -1,0 +1,229 @@
+// The storage thread at the stop and in time: the stop waits (bounded) for
+// a thread that is still in a pass and runs the last pass only after it;
+// one that does not end keeps its images, buffers and channel; two passes
+// never run together; a clock that jumps back does not hold the pass up,
+// and a pass that found a block ahead of its timestamp is tried again soon.
+#include "PersistenceDb.h"
+#include "TestClock.h"
+#include "TestFiles.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+using namespace talvortest;
+
+namespace {
+
+// Writes block once armed, until released: a pass that hangs on the disk.
+class BlockingFileIO : public CTalvorFileIO {
+public:
+    ssize_t PWrite(int fd, const void* lpBuf, size_t nSize, off_t nOffset) override
+    {
+        if (m_bArmed.load()) {
+            std::unique_lock<std::mutex> lock(m_mtx);
+            m_nBlocked++;
+            m_cv.notify_all();
+            m_cv.wait(lock, [&] { return !m_bArmed.load(); });
+        }
+        return CTalvorFileIO::PWrite(fd, lpBuf, nSize, nOffset);
+    }
+    bool WaitBlocked(int nMs)
+    {
+        std::unique_lock<std::mutex> lock(m_mtx);
+        return m_cv.wait_for(lock, std::chrono::milliseconds(nMs), [&] { return m_nBlocked > 0; });
+    }
+    void Release()
+    {
+        std::lock_guard<std::mutex> lock(m_mtx);
+        m_bArmed = false;
+        m_cv.notify_all();
+    }
+    std::atomic<bool> m_bArmed{false};
+    int m_nBlocked = 0;
+    std::mutex m_mtx;
+    std::condition_variable m_cv;
+};
+
+std::atomic<long long> g_nFakeNow{0};
+long long FakeClock() { return g_nFakeNow.load(); }
+
+class ServiceStop : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_db.MakeDatabase());
+        ASSERT_EQ(S_OK, m_db.Start());
+        m_db.PrepareFiles();
+        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+        m_db.Module().m_hStorageEvent = CreateEventSem(nullptr, SEMNAME_STORAGEEVENT);
+    }
+    void TearDown() override
+    {
+        g_bEixt = 1;
+        m_io.Release();
+        if (m_bStarted) pthread_join(m_hThread, nullptr);
+        g_bEixt = 0;
+        TalvorSetStorageClock(nullptr);
+        CloseEvent(m_db.Module().m_hStorageEvent);
+        m_db.Module().m_hStorageEvent = nullptr;
+    }
+    void StartThread(int nIntervals)
+    {
+        m_db.Head()->m_nPersistenceIntervals = nIntervals;
+        g_bEixt = 0;
+        ASSERT_EQ(0, pthread_create(&m_db.Module().m_hTalvorStorageThread, nullptr,
+                                    CBreltMemStorageModule::TalvorStorageThread, &m_db.Module()));
+        m_hThread = m_db.Module().m_hTalvorStorageThread;
+        m_bStarted = true;
+    }
+    void Change(int nFileNo, int nValue)
+    {
+        long long ts = m_db.BeginTransaction();
+        m_db.ChangeRow(nFileNo, 1, 0, nValue, ts);
+        m_db.EndTransaction(ts);
+    }
+    // The storage thread inside a pass, stopped at its first write.
+    void HangThreadInAPass()
+    {
+        StartThread(300);
+        Change(2, 11);
+        m_io.m_bArmed = true;
+        m_db.Head()->m_bStorageCMD = STORAGECMD_SAVE;
+        ASSERT_TRUE(m_io.WaitBlocked(5000));
+    }
+    PersistenceDb m_db;
+    BlockingFileIO m_io;
+    ScopedFileIO m_scope{&m_io};
+    pthread_t m_hThread{};
+    bool m_bStarted = false;
+};
+
+} // namespace
+
+TEST_F(ServiceStop, AThreadThatDoesNotEndKeepsWhatItHolds)
+{
+    HangThreadInAPass();
+    CBreltMemStorageModule& m = m_db.Module();
+    m.m_nStorageStopWaitMs = 300;
+    g_bEixt = 1;
+    auto tStart = std::chrono::steady_clock::now();
+    EXPECT_EQ(S_OK, m.StopService(&m_db.m_stCrit, m_db.m_nRedoLogMaxID));
+    long long nMs = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - tStart).count();
+    EXPECT_LT(nMs, 5000) << "the stop waited past its bound";
+    // Nothing the thread works on was freed under it.
+    EXPECT_NE(nullptr, m.m_pStorageInfo);
+    EXPECT_NE(nullptr, m.m_lpSystemFileInfo);
+    EXPECT_NE(nullptr, m.m_lpBuffer);
+    EXPECT_NE(nullptr, m.m_lpHeadBuf);
+    EXPECT_NE(nullptr, m.m_pFlashback);
+    EXPECT_NE(nullptr, m.m_hStorageEvent);
+    for (BYTE n = 1; n <= 4; n++) EXPECT_TRUE(SegmentExists(n)) << (int)n;
+    std::string strTrace = m_db.m_tree.Trace();
+    EXPECT_NE(std::string::npos, strTrace.find("10010006 StopService The storage thread did not end within 300 ms"))
+        << strTrace;
+    // The thread goes on and finishes its pass over the images it kept.
+    m_io.Release();
+    ASSERT_EQ(0, pthread_join(m_hThread, nullptr));
+    m_bStarted = false;
+    EXPECT_EQ(32, Val(m_db.Head()->m_bStorageCMD));
+    EXPECT_EQ(+m_db.Head()->m_nEndTimestamp, m_db.CommittedOnDisk());
+}
+
+TEST_F(ServiceStop, TheLastPassAndTheReleaseWaitForTheThread)
+{
+    HangThreadInAPass();
+    CBreltMemStorageModule& m = m_db.Module();
+    m.m_nStorageStopWaitMs = 20000;
+    g_bEixt = 1;
+    std::atomic<bool> bStopped{false};
+    std::thread stopper([&] {
+        m.StopService(&m_db.m_stCrit, m_db.m_nRedoLogMaxID);
+        bStopped = true;
+    });
+    usleep(300000);
+    EXPECT_FALSE(bStopped.load()) << "the stop did not wait for the thread";
+    EXPECT_TRUE(SegmentExists(2));
+    m_io.Release();
+    EXPECT_TRUE(WaitUntil([&] { return bStopped.load(); }, 10000));
+    stopper.join();
+    m_bStarted = false;  // joined by the stop
+    EXPECT_EQ(0u, m.m_hTalvorStorageThread);
+    EXPECT_EQ(nullptr, m.m_pStorageInfo);
+    for (BYTE n = 1; n <= 4; n++) EXPECT_FALSE(SegmentExists(n)) << (int)n;
+    std::string strTrace = m_db.m_tree.Trace();
+    EXPECT_EQ(std::string::npos, strTrace.find("did not end within")) << strTrace;
+    EXPECT_NE(std::string::npos, strTrace.find("Talvor storage service closed!")) << strTrace;
+}
+
+TEST_F(ServiceStop, TwoPassesNeverRunTogether)
+{
+    Change(2, 21);
+    m_io.m_bArmed = true;
+    std::atomic<int> nFirst{-9}, nSecond{-9};
+    UINT nIdA = m_db.m_nRedoLogMaxID, nIdB = m_db.m_nRedoLogMaxID;
+    std::thread first([&] {
+        TALVORCRITICALSECTION stCrit;
+        InitThreadCritSection(&stCrit);
+        nFirst = m_db.Module().RunSavePass(&stCrit, FALSE, 0, nIdA);
+    });
+    ASSERT_TRUE(m_io.WaitBlocked(5000));
+    std::thread second([&] {
+        TALVORCRITICALSECTION stCrit;
+        InitThreadCritSection(&stCrit);
+        nSecond = m_db.Module().RunSavePass(&stCrit, FALSE, 0, nIdB);
+    });
+    usleep(200000);
+    // The second waits at the gate: it has not reached the disk.
+    EXPECT_EQ(-9, nSecond.load());
+    EXPECT_EQ(1, m_io.m_nBlocked);
+    m_io.Release();
+    first.join();
+    second.join();
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, nFirst.load());
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, nSecond.load());
+    EXPECT_EQ(+m_db.Head()->m_nEndTimestamp, m_db.CommittedOnDisk());
+}
+
+TEST_F(ServiceStop, AClockThatJumpsBackDoesNotHoldThePassUp)
+{
+    const long long nStart = 1700000000LL * 1000000LL;
+    g_nFakeNow = nStart;
+    TalvorSetStorageClock(FakeClock);
+    StartThread(1);
+    usleep(50000);
+    Change(2, 31);
+    long long ts = m_db.Head()->m_nEndTimestamp;
+    // An hour back; the thread must see it before the clock moves on.
+    g_nFakeNow = nStart - 3600LL * 1000000LL;
+    usleep(100000);
+    EXPECT_NE(ts, m_db.CommittedOnDisk());
+    g_nFakeNow = nStart - 3600LL * 1000000LL + 1100000LL;  // one interval after the jump
+    EXPECT_TRUE(WaitUntil([&] { return m_db.CommittedOnDisk() == ts; }, 3000))
+        << "the pass waited for the clock to come back";
+}
+
+TEST_F(ServiceStop, APassThatMetABlockAheadIsTriedAgainSoon)
+{
+    const long long nStart = 1700000000LL * 1000000LL;
+    g_nFakeNow = nStart;
+    TalvorSetStorageClock(FakeClock);
+    StartThread(300);
+    // A committed change, and the engine inside the next transaction on a
+    // data block whose old version is not kept: that block is newer than the
+    // committed timestamp and cannot be taken back, so the pass asked now
+    // cannot commit.
+    Change(2, 40);
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 1, 0, 41, ts);
+    m_db.Head()->m_bStorageCMD = STORAGECMD_SAVE;
+    ASSERT_TRUE(WaitUntil([&] { return m_db.Head()->m_bStorageCMD == STORAGECMD_FINISHED; }, 5000));
+    m_db.EndTransaction(ts);
+    usleep(100000);
+    EXPECT_NE(ts, m_db.CommittedOnDisk()) << "nothing is tried before the retry is due";
+    // 20 ms later the retry commits; the interval is 300 s away.
+    g_nFakeNow = nStart + 25000;
+    EXPECT_TRUE(WaitUntil([&] { return m_db.CommittedOnDisk() == ts; }, 3000));
+}

@@ -1,0 +1,743 @@
+// Dates against Python's datetime and the C library (timegm, localtime_r,
+// strptime), on generated dates across years 1 to 9999.
+
+#include "TalvorDate.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <random>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+const long long MIN_DAY = -693593;  // 0001-01-01
+const long long MAX_DAY = 2958465;  // 9999-12-31
+const long long MICROS_PER_DAY = 86400000000LL;
+
+// For each "day micros" line: the fields, then MySQL-style texts built from
+// datetime's own fields and strftime names, then week numbers derived from
+// strftime %U, %W and isocalendar by the documented week modes.
+const char* g_szReference = R"PY(
+import sys, datetime
+BASE = datetime.datetime(1899, 12, 30)
+def wk(dt, fmt):
+    return int(dt.strftime(fmt))
+def prev_dec31(dt):
+    return datetime.datetime(max(dt.year - 1, 1), 12, 31)
+for line in sys.stdin:
+    day, us = map(int, line.split())
+    dt = BASE + datetime.timedelta(days=day, microseconds=us)
+    iy, iw, _ = dt.isocalendar()
+    sun0 = (dt.weekday() + 1) % 7
+    doy = dt.timetuple().tm_yday
+    # mode 0: %U; mode 5: %W; mode 3: ISO.
+    m0, m5 = wk(dt, "%U"), wk(dt, "%W")
+    m2, y2 = (m0, dt.year) if m0 > 0 else (wk(prev_dec31(dt), "%U"), dt.year - 1)
+    m7, y7 = (m5, dt.year) if m5 > 0 else (wk(prev_dec31(dt), "%W"), dt.year - 1)
+    m1 = iw if iy == dt.year else (0 if iy < dt.year else 53)
+    h12 = dt.hour % 12 or 12
+    ampm = "AM" if dt.hour < 12 else "PM"
+    text = "%04d-%02d-%02d %02d:%02d:%02d.%06d %03d %s %s %s %s %d %d %d %s %02d %02d:%02d:%02d %s %%" % (
+        dt.year, dt.month, dt.day, dt.hour, dt.minute, dt.second, dt.microsecond, doy,
+        dt.strftime("%a"), dt.strftime("%A"), dt.strftime("%b"), dt.strftime("%B"),
+        dt.day, dt.month, dt.hour, ampm, h12, h12, dt.minute, dt.second, ampm)
+    print("%d %d %d %d %d %d %d %d %d|%s|%d %d %d %d %d %d %d %d %d %d" % (
+        dt.year, dt.month, dt.day, dt.hour, dt.minute, dt.second, dt.microsecond, sun0, doy, text,
+        m0, m1, m2, y2, iw, iy, m5, m7, y7, 0))
+)PY";
+
+std::vector<std::string> RunReference(const std::vector<std::string>& vLines)
+{
+    char szScript[] = "/tmp/talvor_date_refXXXXXX";
+    char szInput[] = "/tmp/talvor_date_inXXXXXX";
+    int fdScript = mkstemp(szScript), fdInput = mkstemp(szInput);
+    EXPECT_GE(fdScript, 0);
+    EXPECT_GE(fdInput, 0);
+    FILE* f = fdopen(fdScript, "w");
+    fputs(g_szReference, f);
+    fclose(f);
+    f = fdopen(fdInput, "w");
+    for (const std::string& s : vLines) fprintf(f, "%s\n", s.c_str());
+    fclose(f);
+    std::string strCommand = std::string("python3 ") + szScript + " < " + szInput;
+    FILE* fOut = popen(strCommand.c_str(), "r");
+    std::vector<std::string> vOut;
+    char szLine[1024];
+    while (fOut != nullptr && fgets(szLine, sizeof(szLine), fOut) != nullptr) {
+        szLine[strcspn(szLine, "\n")] = 0;
+        vOut.push_back(szLine);
+    }
+    if (fOut != nullptr) pclose(fOut);
+    unlink(szScript);
+    unlink(szInput);
+    EXPECT_EQ(vOut.size(), vLines.size());
+    vOut.resize(vLines.size());
+    return vOut;
+}
+
+long long FloorDivDays(time_t t) { return t >= 0 ? t / 86400 : -((-(long long)t + 86399) / 86400); }
+
+struct Sample {
+    long long m_nDay;
+    long long m_nMicros;
+};
+
+std::vector<Sample> Samples()
+{
+    std::mt19937_64 rng(1899);
+    std::vector<Sample> v = {{0, 0}, {-1, 0}, {25569, MICROS_PER_DAY / 2}, {MIN_DAY, 0}, {MAX_DAY, MICROS_PER_DAY - 1},
+        {65535, MICROS_PER_DAY - 1}, {-65535, 1}, {36584, 0}, {36585, 0}};
+    for (int i = 0; i < 4000; ++i) {
+        long long nDay = MIN_DAY + (long long)(rng() % (unsigned long long)(MAX_DAY - MIN_DAY + 1));
+        if (i % 4 == 0) nDay = (long long)(rng() % 131072) - 65536;
+        v.push_back({nDay, (long long)(rng() % (unsigned long long)MICROS_PER_DAY)});
+    }
+    // Every first and last week of a span of years, where week modes differ.
+    for (int y = 1995; y <= 2030; ++y)
+        for (int d = -7; d <= 7; ++d) {
+            struct tm t = {};
+            t.tm_year = y - 1900;
+            t.tm_mday = 1 + d;
+            v.push_back({timegm(&t) / 86400 + TALVOR_DATE_UNIX_EPOCH, 0});
+        }
+    return v;
+}
+
+TEST(DateReference, DayNumbersFieldsFormatsAndWeeks)
+{
+    std::vector<Sample> vSamples = Samples();
+    std::vector<std::string> vLines;
+    for (const Sample& s : vSamples) vLines.push_back(std::to_string(s.m_nDay) + " " + std::to_string(s.m_nMicros));
+    std::vector<std::string> vRef = RunReference(vLines);
+    CTalvorBufferPool pool;
+    for (size_t i = 0; i < vSamples.size(); ++i) {
+        const Sample& smp = vSamples[i];
+        TALVORDATEPARTS p;
+        int y, mo, d, h, mi, sec, us, dow, doy;
+        ASSERT_EQ(sscanf(vRef[i].c_str(), "%d %d %d %d %d %d %d %d %d", &y, &mo, &d, &h, &mi, &sec, &us, &dow, &doy), 9);
+        TALVORDATEPARTS ref = {y, mo, d, h, mi, sec, us, 0, 0};
+        DATE date = 0;
+        ASSERT_EQ(CTalvorDate::ConvertParts(date, ref), 0) << vRef[i];
+        EXPECT_EQ((long long)std::floor(date), smp.m_nDay) << vRef[i];
+        // The C library's count of days for the same calendar date.
+        struct tm t = {};
+        t.tm_year = y - 1900;
+        t.tm_mon = mo - 1;
+        t.tm_mday = d;
+        EXPECT_EQ(FloorDivDays(timegm(&t)) + TALVOR_DATE_UNIX_EPOCH, smp.m_nDay);
+        ASSERT_EQ(CTalvorDate::ConvertDateTime(date, p), 0);
+        EXPECT_EQ(p.m_nYear, y);
+        EXPECT_EQ(p.m_nMonth, mo);
+        EXPECT_EQ(p.m_nDay, d);
+        EXPECT_EQ(p.m_nDayOfWeek, dow);
+        EXPECT_EQ(p.m_nDayOfYear, doy);
+        long long nBack = ((p.m_nHour * 60LL + p.m_nMinute) * 60 + p.m_nSecond) * 1000000 + p.m_nMicrosecond;
+        if (std::llabs(smp.m_nDay) < 65536) {
+            EXPECT_EQ(nBack, smp.m_nMicros) << vRef[i];
+        } else {
+            // Past 2079 the parts come in the power-of-ten unit wider than
+            // the spacing of doubles: near the original, and exact for a
+            // value in whole units.
+            double dSpacing = (std::nextafter(date, 1e300) - date) * 86400e6;
+            long long nUnit = 1;
+            while ((double)nUnit <= dSpacing) nUnit *= 10;
+            EXPECT_EQ(nUnit, std::llabs(smp.m_nDay) < 524288 ? 10 : 100) << vRef[i];
+            EXPECT_LE(std::llabs(nBack - smp.m_nMicros), nUnit) << vRef[i];
+            TALVORDATEPARTS unitParts = ref;
+            unitParts.m_nMicrosecond = (int)(ref.m_nMicrosecond / nUnit * nUnit);
+            DATE dUnit;
+            ASSERT_EQ(CTalvorDate::ConvertParts(dUnit, unitParts), 0);
+            TALVORDATEPARTS back;
+            ASSERT_EQ(CTalvorDate::ConvertDateTime(dUnit, back), 0);
+            EXPECT_EQ(back.m_nSecond, unitParts.m_nSecond) << vRef[i];
+            EXPECT_EQ(back.m_nMicrosecond, unitParts.m_nMicrosecond) << vRef[i];
+            DATE dMillis;
+            int nMillis = (int)(smp.m_nMicros / 1000 % 1000);
+            ASSERT_EQ(CTalvorDate::ConvertVariantTime(dMillis, y, mo, d, h, mi, sec, nMillis), 0);
+            int y2, mo2, d2, h2, mi2, s2, ms2;
+            ASSERT_EQ(CTalvorDate::ConvertDateTime(dMillis, y2, mo2, d2, h2, mi2, s2, ms2), 0);
+            EXPECT_EQ(ms2, nMillis) << "milliseconds are kept " << vRef[i];
+            EXPECT_EQ(s2, sec) << vRef[i];
+        }
+        // Texts, on the value at its exact microsecond where the double holds it.
+        if (std::llabs(smp.m_nDay) >= 65536) continue;
+        VARDATA v;
+        ASSERT_EQ(CTalvorDate::Format(&pool, date, "%Y-%m-%d %H:%i:%s.%f %j %a %W %b %M %e %c %k %p %I %r %%", v), 0);
+        std::string strRef = vRef[i].substr(vRef[i].find('|') + 1);
+        std::string strWeeks = strRef.substr(strRef.find('|') + 1);
+        strRef = strRef.substr(0, strRef.find('|'));
+        EXPECT_EQ(std::string(v.m_lpszValue, v.m_nStrLen), strRef);
+        int m0, m1, m2, y2, m3, y3, m5, m7, y7;
+        ASSERT_EQ(sscanf(strWeeks.c_str(), "%d %d %d %d %d %d %d %d %d", &m0, &m1, &m2, &y2, &m3, &y3, &m5, &m7, &y7), 9);
+        int nYear;
+        EXPECT_EQ(CTalvorDate::CalcWeek(p, 0, nYear), m0) << strRef;
+        EXPECT_EQ(CTalvorDate::CalcWeek(p, 1, nYear), m1) << strRef;
+        // Year 1 has no year before it to hold its first days.
+        if (y2 >= 1) {
+            EXPECT_EQ(CTalvorDate::CalcWeek(p, 2, nYear), m2) << strRef;
+            EXPECT_EQ(nYear, y2) << strRef;
+        }
+        EXPECT_EQ(CTalvorDate::CalcWeek(p, 3, nYear), m3) << strRef;
+        EXPECT_EQ(nYear, y3) << strRef;
+        EXPECT_EQ(CTalvorDate::CalcWeek(p, 5, nYear), m5) << strRef;
+        if (y7 >= 1) {
+            EXPECT_EQ(CTalvorDate::CalcWeek(p, 7, nYear), m7) << strRef;
+            EXPECT_EQ(nYear, y7) << strRef;
+        }
+        char szFixed[40];
+        EXPECT_EQ(CTalvorDate::FormatDateTime(date, szFixed, 6), 26);
+        EXPECT_EQ(std::string(szFixed), strRef.substr(0, 26));
+    }
+}
+
+TALVORDATEPARTS Parts(int y, int mo, int d, int h = 0, int mi = 0, int s = 0, int us = 0)
+{
+    TALVORDATEPARTS p = {y, mo, d, h, mi, s, us, 0, 0};
+    return p;
+}
+
+DATE Make(int y, int mo, int d, int h = 0, int mi = 0, int s = 0)
+{
+    DATE date = 0;
+    EXPECT_EQ(CTalvorDate::ConvertParts(date, Parts(y, mo, d, h, mi, s)), 0);
+    return date;
+}
+
+std::string Text(DATE date)
+{
+    char sz[40];
+    CTalvorDate::FormatDateTime(date, sz, 0);
+    return sz;
+}
+
+// The examples of MySQL's manual for WEEK() and YEARWEEK().
+TEST(DateRules, DocumentedWeekModes)
+{
+    int nYear;
+    EXPECT_EQ(CTalvorDate::CalcWeek(Parts(2008, 2, 20), 0, nYear), 7);
+    EXPECT_EQ(CTalvorDate::CalcWeek(Parts(2008, 2, 20), 1, nYear), 8);
+    EXPECT_EQ(CTalvorDate::CalcWeek(Parts(2008, 12, 31), 1, nYear), 53);
+    EXPECT_EQ(CTalvorDate::CalcWeek(Parts(2000, 1, 1), 0, nYear), 0);
+    EXPECT_EQ(CTalvorDate::CalcWeek(Parts(2000, 1, 1), 2, nYear), 52);
+    EXPECT_EQ(nYear, 1999);
+    EXPECT_EQ(CTalvorDate::CalcWeek(Parts(1987, 1, 1), 0 | 2, nYear), 52);
+    EXPECT_EQ(nYear, 1986);
+    // Sunday-first weeks counted by four days: 2014-01-01 is a Wednesday, so
+    // its week (from Sunday 2013-12-29) has four days of 2014; 2015-01-01, a
+    // Thursday, has three in its week.
+    EXPECT_EQ(CTalvorDate::CalcWeek(Parts(2014, 1, 1), 4, nYear), 1);
+    EXPECT_EQ(CTalvorDate::CalcWeek(Parts(2015, 1, 1), 4, nYear), 0);
+    EXPECT_EQ(CTalvorDate::CalcWeek(Parts(2016, 1, 1), 4, nYear), 0);
+    EXPECT_EQ(CTalvorDate::CalcWeek(Parts(2016, 1, 1), 6, nYear), 52);
+    EXPECT_EQ(nYear, 2015);
+}
+
+// Which dates exist, against the constructor of Python's datetime.
+TEST(DateReference, ValidityAgainstPythonDatetime)
+{
+    std::vector<std::string> vLines;
+    std::vector<TALVORDATEPARTS> vParts;
+    std::mt19937 rng(7);
+    for (int i = 0; i < 3000; ++i) {
+        int y = i % 3 == 0 ? (int)(rng() % 10001) : (int)(1896 + rng() % 210) * (i % 2 ? 1 : 1);
+        vParts.push_back(Parts(y, (int)(rng() % 14), (int)(rng() % 33), (int)(rng() % 25), (int)(rng() % 61), (int)(rng() % 61)));
+    }
+    for (int y : {1900, 2000, 2100, 2004, 1600, 1700})
+        vParts.push_back(Parts(y, 2, 29));
+    char szScript[] = "/tmp/talvor_valid_XXXXXX";
+    int fd = mkstemp(szScript);
+    FILE* f = fdopen(fd, "w");
+    fputs("import sys, datetime\n"
+          "for line in sys.stdin:\n"
+          "    a = list(map(int, line.split()))\n"
+          "    try:\n"
+          "        datetime.datetime(*a); print(0)\n"
+          "    except ValueError:\n"
+          "        print(49)\n", f);
+    fclose(f);
+    char szInput[] = "/tmp/talvor_valid_in_XXXXXX";
+    fd = mkstemp(szInput);
+    f = fdopen(fd, "w");
+    for (const auto& p : vParts) fprintf(f, "%d %d %d %d %d %d\n", p.m_nYear, p.m_nMonth, p.m_nDay, p.m_nHour, p.m_nMinute, p.m_nSecond);
+    fclose(f);
+    FILE* fOut = popen((std::string("python3 ") + szScript + " < " + szInput).c_str(), "r");
+    ASSERT_NE(fOut, nullptr);
+    for (const auto& p : vParts) {
+        int nRef = -1;
+        ASSERT_EQ(fscanf(fOut, "%d", &nRef), 1);
+        DATE date;
+        EXPECT_EQ(CTalvorDate::ConvertParts(date, p), nRef) << p.m_nYear << "-" << p.m_nMonth << "-" << p.m_nDay << " "
+                                                            << p.m_nHour << ":" << p.m_nMinute << ":" << p.m_nSecond;
+    }
+    pclose(fOut);
+    unlink(szScript);
+    unlink(szInput);
+    EXPECT_EQ(CTalvorDate::CheckValidDay(2, 29, true), 0);
+    EXPECT_EQ(CTalvorDate::CheckValidDay(2, 29, false), TALVOR_DATE_INVALID_DATA);
+}
+
+// Free-form texts against strptime of the same text by a matching format.
+TEST(DateReference, FreeFormParsingAgainstStrptime)
+{
+    struct { const char* m_lpszText; const char* m_lpszFormat; } arCases[] = {
+        {"2021-03-04", "%Y-%m-%d"}, {"2021/3/4 5:06:07", "%Y/%m/%d %H:%M:%S"},
+        {"1999.12.31 23:59:59", "%Y.%m.%d %H:%M:%S"}, {"2021-03-04T05:06:07Z", "%Y-%m-%dT%H:%M:%SZ"},
+        {"'2021-03-04 05:06:07'", "'%Y-%m-%d %H:%M:%S'"}, {"20210304050607", "%Y%m%d%H%M%S"},
+        {"0001-01-01", "%Y-%m-%d"}, {"9999-12-31 23:59:59", "%Y-%m-%d %H:%M:%S"}, {"2000-02-29", "%Y-%m-%d"}};
+    CTalvorDate parser;
+    for (const auto& c : arCases) {
+        struct tm t = {};
+        ASSERT_NE(strptime(c.m_lpszText, c.m_lpszFormat, &t), nullptr) << c.m_lpszText;
+        TALVORDATEPARTS p;
+        ASSERT_EQ(parser.ParseDate(c.m_lpszText, (int)strlen(c.m_lpszText), p), 0) << c.m_lpszText;
+        EXPECT_EQ(p.m_nYear, t.tm_year + 1900) << c.m_lpszText;
+        EXPECT_EQ(p.m_nMonth, t.tm_mon + 1) << c.m_lpszText;
+        EXPECT_EQ(p.m_nDay, t.tm_mday) << c.m_lpszText;
+        EXPECT_EQ(p.m_nHour, t.tm_hour) << c.m_lpszText;
+        EXPECT_EQ(p.m_nMinute, t.tm_min) << c.m_lpszText;
+        EXPECT_EQ(p.m_nSecond, t.tm_sec) << c.m_lpszText;
+    }
+    TALVORDATEPARTS p;
+    const char* lpsz = "2021-03-04 05:06:07.123";
+    ASSERT_EQ(parser.ParseDate(lpsz, (int)strlen(lpsz), p), 0);
+    EXPECT_EQ(p.m_nMicrosecond, 123000);
+    lpsz = "210304050607";
+    ASSERT_EQ(parser.ParseDate(lpsz, (int)strlen(lpsz), p), 0);
+    EXPECT_EQ(p.m_nYear, 2021);
+    lpsz = "10:11:12";
+    ASSERT_EQ(parser.ParseDate(lpsz, (int)strlen(lpsz), p), 0);
+    EXPECT_EQ(p.m_nYear, 0);
+    EXPECT_EQ(p.m_nHour * 10000 + p.m_nMinute * 100 + p.m_nSecond, 101112);
+    struct { const char* m_lpszText; int m_nYear; } arYears[] = {{"70-1-1", 2070}, {"71-1-1", 1971}, {"00-1-1", 2000}};
+    for (const auto& c : arYears) {
+        ASSERT_EQ(parser.ParseDate(c.m_lpszText, (int)strlen(c.m_lpszText), p), 0);
+        EXPECT_EQ(p.m_nYear, c.m_nYear) << c.m_lpszText;
+    }
+    struct { const char* m_lpszText; int m_nResult; } arBad[] = {{"1900-02-29", 49}, {"2100-02-29", 49},
+        {"2021-13-01", 49}, {"2021-01-01 24:00:00", 49}, {"-2021-01-01", 1504}, {"2021-01-01x", 1504},
+        {"2021-01", 1504}, {"123456789-1-1", 1504}, {"1-2-3-4-5-6-7-8-9", 1504}, {"", 1504},
+        {"2021-01-01 10:11:12.5 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21 22", 1504}};
+    for (const auto& c : arBad) EXPECT_EQ(parser.ParseDate(c.m_lpszText, (int)strlen(c.m_lpszText), p), c.m_nResult) << c.m_lpszText;
+}
+
+TEST(DateRules, DayNumbersAndFixedForms)
+{
+    EXPECT_EQ(Text(0.0), "1899-12-30 00:00:00");
+    EXPECT_EQ(Text(-1.0), "1899-12-29 00:00:00");
+    EXPECT_EQ(Text(25569.5), "1970-01-01 12:00:00");
+    EXPECT_EQ(Text(-109205.0), "1601-01-01 00:00:00");
+    EXPECT_EQ(Text(-0.75), "1899-12-29 06:00:00");
+    EXPECT_EQ(Text(1e9), "9999-12-31 23:59:59");
+    EXPECT_EQ(Text(-1e9), "0000-00-00 00:00:00");
+    char sz[40];
+    EXPECT_EQ(CTalvorDate::FormatDateTime(25569.5, sz, 3), 23);
+    EXPECT_STREQ(sz, "1970-01-01 12:00:00.000");
+    EXPECT_EQ(CTalvorDate::FormatDate(25569.5, sz), 10);
+    EXPECT_STREQ(sz, "1970-01-01");
+    EXPECT_EQ(CTalvorDate::FormatTime(25569.5, sz), 8);
+    EXPECT_STREQ(sz, "12:00:00");
+}
+
+TEST(DateRules, MonthArithmeticClampsTheDay)
+{
+    DATE r;
+    ASSERT_EQ(CTalvorDate::AddMonths(Make(2021, 1, 31), 1, r), 0);
+    EXPECT_EQ(Text(r), "2021-02-28 00:00:00");
+    ASSERT_EQ(CTalvorDate::AddMonths(Make(2020, 1, 31, 10, 0, 0), 1, r), 0);
+    EXPECT_EQ(Text(r), "2020-02-29 10:00:00");
+    ASSERT_EQ(CTalvorDate::AddMonths(Make(2021, 1, 15), -13, r), 0);
+    EXPECT_EQ(Text(r), "2019-12-15 00:00:00");
+    ASSERT_EQ(CTalvorDate::AddMonths(Make(2021, 3, 31), -1, r), 0);
+    EXPECT_EQ(Text(r), "2021-02-28 00:00:00");
+    EXPECT_EQ(CTalvorDate::AddMonths(Make(9999, 12, 1), 1, r), TALVOR_DATE_INVALID_DATA);
+    ASSERT_EQ(CTalvorDate::DataAddSub(Make(2020, 2, 29, 23, 59, 59), 1, 0, 1, 0, 0, 1, 0, r), 0);
+    EXPECT_EQ(Text(r), "2021-03-02 00:00:00");
+    EXPECT_EQ(CTalvorDate::DataAddSub(Make(2020, 1, 1), 0, -1, 0, 0, 0, 0, 0, r), TALVOR_DATE_BAD_PARAMETER);
+    EXPECT_EQ(CTalvorDate::DataAddSub(Make(9999, 12, 31), 0, 0, 1, 0, 0, 0, 0, r), TALVOR_DATE_INVALID_DATA);
+    EXPECT_EQ(CTalvorDate::DataAddSub(Make(2000, 1, 1), 0x7fffffff, 0x7fffffff, 0, 0, 0, 0, 0, r), TALVOR_DATE_INVALID_DATA);
+}
+
+TEST(DateRules, RoundAndTruncByUnit)
+{
+    struct { int m_arIn[6]; const char* m_lpszUnit; const char* m_lpszRound; const char* m_lpszTrunc; } arCases[] = {
+        {{2021, 7, 16, 13, 31, 31}, "HH", "2021-07-16 14:00:00", "2021-07-16 13:00:00"},
+        {{2021, 7, 16, 23, 30, 0}, "HH24", "2021-07-17 00:00:00", "2021-07-16 23:00:00"},
+        {{2021, 7, 16, 13, 29, 30}, "MI", "2021-07-16 13:30:00", "2021-07-16 13:29:00"},
+        {{2021, 7, 16, 12, 0, 0}, "DD", "2021-07-17 00:00:00", "2021-07-16 00:00:00"},
+        {{2021, 7, 16, 11, 59, 59}, "dd", "2021-07-16 00:00:00", "2021-07-16 00:00:00"},
+        {{2021, 7, 16, 0, 0, 0}, "MM", "2021-08-01 00:00:00", "2021-07-01 00:00:00"},
+        {{2021, 7, 15, 23, 0, 0}, "MONTH", "2021-07-01 00:00:00", "2021-07-01 00:00:00"},
+        {{2021, 7, 1, 0, 0, 0}, "YYYY", "2022-01-01 00:00:00", "2021-01-01 00:00:00"},
+        {{2021, 6, 30, 0, 0, 0}, "YEAR", "2021-01-01 00:00:00", "2021-01-01 00:00:00"},
+        {{2021, 8, 16, 0, 0, 0}, "Q", "2021-10-01 00:00:00", "2021-07-01 00:00:00"},
+        {{2021, 8, 15, 0, 0, 0}, "Q", "2021-07-01 00:00:00", "2021-07-01 00:00:00"},
+        {{2051, 1, 1, 0, 0, 0}, "CC", "2101-01-01 00:00:00", "2001-01-01 00:00:00"},
+        {{2021, 7, 16, 0, 0, 0}, "IW", "2021-07-19 00:00:00", "2021-07-12 00:00:00"},
+        {{2021, 1, 9, 0, 0, 0}, "WW", "2021-01-08 00:00:00", "2021-01-08 00:00:00"}};
+    for (const auto& c : arCases) {
+        DATE d = Make(c.m_arIn[0], c.m_arIn[1], c.m_arIn[2], c.m_arIn[3], c.m_arIn[4], c.m_arIn[5]), r;
+        ASSERT_EQ(CTalvorDate::Round(d, c.m_lpszUnit, r), 0) << c.m_lpszUnit;
+        EXPECT_EQ(Text(r), c.m_lpszRound) << Text(d) << " " << c.m_lpszUnit;
+        ASSERT_EQ(CTalvorDate::Trunc(d, c.m_lpszUnit, r), 0);
+        EXPECT_EQ(Text(r), c.m_lpszTrunc) << Text(d) << " " << c.m_lpszUnit;
+    }
+    DATE r;
+    EXPECT_EQ(CTalvorDate::Round(Make(2021, 1, 1), "XX", r), TALVOR_DATE_BAD_PARAMETER);
+    EXPECT_EQ(CTalvorDate::Round(Make(9999, 12, 31, 12, 0, 0), "DD", r), TALVOR_DATE_INVALID_DATA);
+}
+
+TEST(DateRules, PictureTokens)
+{
+    CTalvorBufferPool pool;
+    VARDATA v;
+    DATE d = Make(2021, 9, 3, 14, 5, 6);
+    ASSERT_EQ(CTalvorDate::Format(&pool, d, "yyyy Y,YYY yy MONTH Mon RM DDD DD DY DAY HH24 HH12 MI SS SSSSS AM Q CC J W WW IW", v), 0);
+    EXPECT_EQ(std::string(v.m_lpszValue, v.m_nStrLen),
+              "2021 2,021 21 September Sep IX 246 03 Fri Friday 14 02 05 06 50706 PM 3 21 2459461 1 36 35");
+    ASSERT_EQ(CTalvorDate::Format(&pool, d, "%D %q %x-%v %X-%V", v), 0);
+    EXPECT_EQ(std::string(v.m_lpszValue, v.m_nStrLen), "3rd %q 2021-35 2021-35");
+    int nLen;
+    EXPECT_EQ(CTalvorDate::GetFormatType("%Z", nLen), 255);
+    EXPECT_EQ(CTalvorDate::GetFormatType("hh24", nLen), 16);
+    EXPECT_EQ(nLen, 4);
+}
+
+// The zone offset and seconds since 1970 against localtime_r in a zone
+// without summer time.
+TEST(DateReference, ZonesAgainstLocaltime)
+{
+    setenv("TZ", "<+0530>-5:30", 1);
+    tzset();
+    EXPECT_DOUBLE_EQ(DbTimeZoneValue(), 5.5);
+    std::mt19937_64 rng(3);
+    for (int i = 0; i < 1000; ++i) {
+        long t = (long)(rng() % 8000000000ULL) - 2000000000L;
+        time_t tt = t;
+        struct tm lt;
+        localtime_r(&tt, &lt);
+        TALVORDATEPARTS p;
+        ASSERT_EQ(CTalvorDate::ConvertDateTime(ConvertTimetoDate(t), p), 0);
+        EXPECT_EQ(p.m_nYear, lt.tm_year + 1900);
+        EXPECT_EQ(p.m_nMonth, lt.tm_mon + 1);
+        EXPECT_EQ(p.m_nDay, lt.tm_mday);
+        // Whole seconds come back exactly, past 2079 too.
+        long long nOurs = (p.m_nHour * 3600LL + p.m_nMinute * 60 + p.m_nSecond) * 1000000 + p.m_nMicrosecond;
+        long long nRef = (lt.tm_hour * 3600LL + lt.tm_min * 60 + lt.tm_sec) * 1000000;
+        EXPECT_EQ(nOurs, nRef) << t;
+        FILETIME ft;
+        unsigned long long ull = ((unsigned long long)(t + 11644473600LL)) * 10000000ULL;
+        ft.dwLowDateTime = (DWORD)ull;
+        ft.dwHighDateTime = (DWORD)(ull >> 32);
+        EXPECT_NEAR(ConvertFileTimetoDate(ft), ConvertTimetoDate(t), 1e-9);
+    }
+    double dDays;
+    EXPECT_EQ(CTalvorDate::TZToValue("+05:30", dDays), 0);
+    EXPECT_DOUBLE_EQ(dDays, 5.5 / 24);
+    EXPECT_EQ(CTalvorDate::TZToValue("-12:00", dDays), 0);
+    EXPECT_DOUBLE_EQ(dDays, -0.5);
+    EXPECT_EQ(CTalvorDate::TZToValue("+13:00", dDays), 0);
+    for (const char* s : {"05:30", "+13:30", "-13:00", "+05:60", "+5", "+05:30x"})
+        EXPECT_EQ(CTalvorDate::TZToValue(s, dDays), TALVOR_DATE_BAD_PARAMETER) << s;
+}
+
+}  // namespace
+
+namespace {
+
+std::string Interval(INTERVAL_TYPE eType, BYTE bValueType, const std::string& strValue)
+{
+    return std::string(1, '\x01') + (char)eType + (char)bValueType + strValue;
+}
+
+DATE AddInterval(DATE date, const std::string& strInterval, BOOL bAdd, int& nResult)
+{
+    VARDATA vInterval, vResult;
+    memset(&vInterval, 0, sizeof(vInterval));
+    vInterval.m_vt = 7;
+    vInterval.m_lpszValue = const_cast<char*>(strInterval.c_str());
+    vInterval.m_nStrLen = (int)strInterval.size();
+    nResult = CTalvorDate::DateAddSubInterval(nullptr, date, vInterval, vResult, bAdd);
+    return vResult.m_vt == TALVOR_VT_DATETIME ? vResult.m_dblValue : -1e300;
+}
+
+// Day and time intervals against Python's timedelta on generated amounts.
+TEST(DateReference, IntervalsAgainstTimedelta)
+{
+    struct Kind { INTERVAL_TYPE m_eType; const char* m_lpszPython; int m_nNumbers; };
+    const Kind arKinds[] = {{INTERVAL_MICROSECOND, "microseconds=a[0]", 1}, {INTERVAL_SECOND, "seconds=a[0]", 1},
+        {INTERVAL_MINUTE, "minutes=a[0]", 1}, {INTERVAL_HOUR, "hours=a[0]", 1}, {INTERVAL_DAY, "days=a[0]", 1},
+        {INTERVAL_WEEK, "weeks=a[0]", 1},
+        {INTERVAL_SECOND_MICROSECOND, "seconds=a[0], microseconds=a[1]", 2},
+        {INTERVAL_MINUTE_SECOND, "minutes=a[0], seconds=a[1]", 2},
+        {INTERVAL_HOUR_MICROSECOND, "hours=a[0], minutes=a[1], seconds=a[2], microseconds=a[3]", 4},
+        {INTERVAL_HOUR_MINUTE, "hours=a[0], minutes=a[1]", 2},
+        {INTERVAL_DAY_SECOND, "days=a[0], hours=a[1], minutes=a[2], seconds=a[3]", 4},
+        {INTERVAL_DAY_HOUR, "days=a[0], hours=a[1]", 2}};
+    std::mt19937 rng(31);
+    std::string strScript = "import sys, datetime\nB = datetime.datetime(1899, 12, 30)\n";
+    strScript += "for line in sys.stdin:\n    f = line.split()\n    k, sign, day = int(f[0]), int(f[1]), int(f[2])\n";
+    strScript += "    a = [sign * int(x) for x in f[3:]]\n";
+    for (size_t k = 0; k < sizeof(arKinds) / sizeof(arKinds[0]); ++k)
+        strScript += "    if k == " + std::to_string(k) + ": d = datetime.timedelta(" + arKinds[k].m_lpszPython + ")\n";
+    strScript += "    r = B + datetime.timedelta(days=day) + d\n    print((r - B).days, (r - B).seconds * 1000000 + (r - B).microseconds)\n";
+    char szScript[] = "/tmp/talvor_interval_XXXXXX", szInput[] = "/tmp/talvor_interval_in_XXXXXX";
+    FILE* f = fdopen(mkstemp(szScript), "w");
+    fputs(strScript.c_str(), f);
+    fclose(f);
+    struct Case { size_t m_nKind; int m_nSign; int m_nDay; std::vector<int> m_vNumbers; };
+    std::vector<Case> vCases;
+    for (int i = 0; i < 2000; ++i) {
+        Case c;
+        c.m_nKind = rng() % (sizeof(arKinds) / sizeof(arKinds[0]));
+        c.m_nSign = (rng() % 2) ? -1 : 1;
+        c.m_nDay = 10000 + (int)(rng() % 50000);
+        for (int n = 0; n < arKinds[c.m_nKind].m_nNumbers; ++n)
+            c.m_vNumbers.push_back((int)(rng() % (n == 3 && arKinds[c.m_nKind].m_eType == INTERVAL_HOUR_MICROSECOND ? 1000000 : 100000)));
+        vCases.push_back(c);
+    }
+    f = fdopen(mkstemp(szInput), "w");
+    for (const Case& c : vCases) {
+        fprintf(f, "%zu %d %d", c.m_nKind, c.m_nSign, c.m_nDay);
+        for (int n : c.m_vNumbers) fprintf(f, " %d", n);
+        fprintf(f, "\n");
+    }
+    fclose(f);
+    FILE* fOut = popen((std::string("python3 ") + szScript + " < " + szInput).c_str(), "r");
+    ASSERT_NE(fOut, nullptr);
+    for (const Case& c : vCases) {
+        long long nDay, nMicros;
+        ASSERT_EQ(fscanf(fOut, "%lld %lld", &nDay, &nMicros), 2);
+        const Kind& k = arKinds[c.m_nKind];
+        std::string strValue;
+        for (size_t n = 0; n < c.m_vNumbers.size(); ++n) {
+            if (n > 0) strValue += (k.m_eType == INTERVAL_HOUR_MICROSECOND && n == 3) ? "." : (n == 1 && k.m_nNumbers == 4 && k.m_eType == INTERVAL_DAY_SECOND) ? " " : ":";
+            char sz[16];
+            snprintf(sz, sizeof(sz), (k.m_eType == INTERVAL_HOUR_MICROSECOND && n == 3) ? "%06d" : "%d", c.m_vNumbers[n]);
+            strValue += sz;
+        }
+        if (k.m_nNumbers == 2 && k.m_eType == INTERVAL_DAY_HOUR) strValue[strValue.find(':')] = ' ';
+        if (k.m_nNumbers == 2 && k.m_eType == INTERVAL_SECOND_MICROSECOND) {
+            char sz[32];
+            snprintf(sz, sizeof(sz), "%d.%06d", c.m_vNumbers[0], c.m_vNumbers[1]);
+            strValue = sz;
+        }
+        BYTE bValueType = k.m_nNumbers == 1 ? 2 : 7;
+        int nResult;
+        // Subtraction of the amount is the same as adding its negation.
+        DATE r = AddInterval((DATE)c.m_nDay, Interval(k.m_eType, bValueType, strValue), c.m_nSign > 0, nResult);
+        ASSERT_EQ(nResult, 0) << strValue;
+        TALVORDATEPARTS p, ref;
+        ASSERT_EQ(CTalvorDate::ConvertDateTime(r, p), 0);
+        ASSERT_EQ(CTalvorDate::ConvertDateTime((DATE)nDay + nMicros / 86400e6, ref), 0);
+        EXPECT_EQ(Text(r), Text((DATE)nDay + nMicros / 86400e6)) << k.m_eType << " " << strValue << " sign " << c.m_nSign;
+        EXPECT_EQ(p.m_nMicrosecond, ref.m_nMicrosecond) << k.m_eType << " " << strValue;
+    }
+    pclose(fOut);
+    unlink(szScript);
+    unlink(szInput);
+}
+
+TEST(DateRules, MonthIntervalsTimesAndZones)
+{
+    int nResult;
+    EXPECT_EQ(Text(AddInterval(Make(2021, 1, 31), Interval(INTERVAL_MONTH, 1, "1"), TRUE, nResult)), "2021-02-28 00:00:00");
+    EXPECT_EQ(Text(AddInterval(Make(2021, 1, 15), Interval(INTERVAL_MONTH, 1, "13"), FALSE, nResult)), "2019-12-15 00:00:00");
+    EXPECT_EQ(Text(AddInterval(Make(2020, 2, 29), Interval(INTERVAL_YEAR, 1, "1"), TRUE, nResult)), "2021-02-28 00:00:00");
+    EXPECT_EQ(Text(AddInterval(Make(2020, 11, 30), Interval(INTERVAL_QUARTER, 1, "1"), TRUE, nResult)), "2021-02-28 00:00:00");
+    EXPECT_EQ(Text(AddInterval(Make(2020, 1, 31), Interval(INTERVAL_YEAR_MONTH, 7, "1-1"), TRUE, nResult)), "2021-02-28 00:00:00");
+    EXPECT_EQ(Text(AddInterval(Make(2020, 1, 1), Interval(INTERVAL_DAY, 3, "1.5"), TRUE, nResult)), "2020-01-03 00:00:00");
+    EXPECT_EQ(Text(AddInterval(Make(2020, 1, 1), Interval(INTERVAL_DAY, 240, "-1.5"), TRUE, nResult)), "2019-12-30 00:00:00");
+    EXPECT_EQ(Text(AddInterval(Make(2020, 1, 1), Interval(INTERVAL_HOUR_MINUTE, 7, "5"), TRUE, nResult)), "2020-01-01 00:05:00");
+    EXPECT_EQ(Text(AddInterval(Make(2020, 1, 1), Interval(INTERVAL_FRAC_SECOND, 1, "1500"), TRUE, nResult)), "2020-01-01 00:00:01");
+    AddInterval(Make(9999, 12, 31), Interval(INTERVAL_DAY, 1, "1"), TRUE, nResult);
+    EXPECT_EQ(nResult, TALVOR_DATE_INVALID_DATA);
+    AddInterval(Make(2020, 1, 1), Interval(INTERVAL_DAY, 1, "999999999999999"), TRUE, nResult);
+    EXPECT_EQ(nResult, TALVOR_DATE_INVALID_DATA);
+    AddInterval(Make(2020, 1, 1), Interval((INTERVAL_TYPE)22, 1, "1"), TRUE, nResult);
+    EXPECT_EQ(nResult, TALVOR_DATE_BAD_INTERVAL);
+    AddInterval(Make(2020, 1, 1), Interval(INTERVAL_DAY, 1, "x"), TRUE, nResult);
+    EXPECT_EQ(nResult, TALVOR_DATE_BAD_PARAMETER);
+    AddInterval(Make(2020, 1, 1), Interval(INTERVAL_HOUR_MINUTE, 7, "1:2:3"), TRUE, nResult);
+    EXPECT_EQ(nResult, TALVOR_DATE_BAD_PARAMETER);
+
+    TALVORTIME t;
+    ASSERT_EQ(CTalvorDate::ParseTime(t, "25:10:05", 8), 0);
+    EXPECT_EQ(t.m_nDay, 1);
+    EXPECT_EQ(t.m_bHour, 1);
+    EXPECT_EQ(t.m_bMintue, 10);
+    EXPECT_EQ(t.m_bSecond, 5);
+    ASSERT_EQ(CTalvorDate::ParseTime(t, "-1:00:00", 8), 0);
+    EXPECT_EQ(t.m_nDay, -1);
+    EXPECT_EQ(t.m_bHour, 23);
+    ASSERT_EQ(CTalvorDate::ParseTime(t, "2 03:04", 7), 0);
+    EXPECT_EQ(t.m_nDay, 2);
+    EXPECT_EQ(t.m_bMintue, 4);
+    EXPECT_EQ(CTalvorDate::ParseTime(t, "10:61:00", 8), TALVOR_DATE_INVALID_DATA);
+    EXPECT_EQ(CTalvorDate::ParseTime(t, "10:x", 4), TALVOR_DATE_BAD_FORMAT);
+    EXPECT_EQ(CTalvorDate::ParseTime(t, "4000:00:00", 10), TALVOR_DATE_INVALID_DATA);
+
+    VARDATA v;
+    ASSERT_EQ(CTalvorDate::ConvertTZ(nullptr, Make(2020, 1, 1, 12, 0, 0), "+00:00", "+05:30", v), 0);
+    EXPECT_EQ(Text(v.m_dblValue), "2020-01-01 17:30:00");
+    ASSERT_EQ(CTalvorDate::ConvertTZ(nullptr, Make(2020, 1, 1), "+00:00", "+14:00", v), 0);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_NULL);
+    time_t tNow = time(nullptr);
+    struct tm stNow;
+    gmtime_r(&tNow, &stNow);
+    EXPECT_EQ(CTalvorDate::GetCentury(), (stNow.tm_year + 1900 - 1) / 100);
+}
+
+}  // namespace
+
+namespace {
+
+// Texts written by strftime, read back by strptime and by our format walk.
+TEST(DateReference, ParsingByFormatAgainstStrptime)
+{
+    struct { const char* m_lpszC; const char* m_lpszOurs; } arFormats[] = {
+        {"%Y-%m-%d %H:%M:%S", "%Y-%m-%d %H:%i:%s"}, {"%d/%b/%Y", "%d/%b/%Y"},
+        {"%B %d %Y %I:%M:%S %p", "%M %d %Y %h:%i:%s %p"}, {"%a, %d %b %Y %T", "%a, %d %b %Y %T"},
+        {"%Y%j", "%Y%j"}, {"%A   %y.%m.%d", "%W %y.%m.%d"}, {"%d-%m-%Y %r", "DD-MM-YYYY %r"}};
+    std::mt19937 rng(77);
+    for (int i = 0; i < 3000; ++i) {
+        struct tm t = {};
+        t.tm_year = 71 + (int)(rng() % 98);
+        t.tm_mday = 1;
+        time_t tt = timegm(&t) + (time_t)(rng() % (365 * 86400));
+        gmtime_r(&tt, &t);
+        const auto& fmt = arFormats[i % (sizeof(arFormats) / sizeof(arFormats[0]))];
+        char szText[128];
+        strftime(szText, sizeof(szText), fmt.m_lpszC, &t);
+        struct tm r = {};
+        ASSERT_NE(strptime(szText, fmt.m_lpszC, &r), nullptr) << szText;
+        TALVORDATEPARTS p;
+        ASSERT_EQ(CTalvorDate::ParseDate(szText, fmt.m_lpszOurs, p), 0) << szText << " by " << fmt.m_lpszOurs;
+        EXPECT_EQ(p.m_nYear, r.tm_year + 1900) << szText;
+        if (strstr(fmt.m_lpszC, "%j") != nullptr) {
+            EXPECT_EQ(p.m_nMonth, t.tm_mon + 1) << szText;
+            EXPECT_EQ(p.m_nDay, t.tm_mday) << szText;
+            continue;
+        }
+        EXPECT_EQ(p.m_nMonth, r.tm_mon + 1) << szText;
+        EXPECT_EQ(p.m_nDay, r.tm_mday) << szText;
+        if (strchr(fmt.m_lpszC, 'H') || strchr(fmt.m_lpszC, 'I') || strchr(fmt.m_lpszC, 'T') || strchr(fmt.m_lpszC, 'r')) {
+            EXPECT_EQ(p.m_nHour, r.tm_hour) << szText;
+            EXPECT_EQ(p.m_nMinute, r.tm_min) << szText;
+            EXPECT_EQ(p.m_nSecond, r.tm_sec) << szText;
+        } else {
+            EXPECT_EQ(p.m_nHour, -1) << "unset parts stay -1";
+        }
+    }
+    TALVORDATEPARTS p;
+    EXPECT_EQ(CTalvorDate::ParseDate("2021-02-30", "%Y-%m-%d", p), TALVOR_DATE_INVALID_DATA);
+    EXPECT_EQ(CTalvorDate::ParseDate("2021/02/03", "%Y-%m-%d", p), TALVOR_DATE_BAD_FORMAT);
+    EXPECT_EQ(CTalvorDate::ParseDate("2021-02-03 junk", "%Y-%m-%d", p), TALVOR_DATE_BAD_FORMAT);
+    EXPECT_EQ(CTalvorDate::ParseDate("13:00:00 PM", "%r", p), TALVOR_DATE_INVALID_DATA);
+    ASSERT_EQ(CTalvorDate::ParseDate("12:30:00 AM", "%r", p), 0);
+    EXPECT_EQ(p.m_nHour, 0);
+    ASSERT_EQ(CTalvorDate::ParseDate("5.25 100%", "%s.%f %j%%", p), 0);
+    EXPECT_EQ(p.m_nMicrosecond, 250000);
+}
+
+}  // namespace
+
+namespace {
+
+// EXTRACT's parts against strftime's fields of the same instant.
+TEST(DateReference, NamedPartsAgainstStrftime)
+{
+    struct { BYTE m_bType; const char* m_lpszFormat; } arParts[] = {
+        {INTERVAL_YEAR, "%Y"}, {INTERVAL_MONTH, "%m"}, {INTERVAL_DAY, "%d"}, {INTERVAL_HOUR, "%H"},
+        {INTERVAL_MINUTE, "%M"}, {INTERVAL_SECOND, "%S"}, {INTERVAL_WEEK, "%U"}, {INTERVAL_YEAR_MONTH, "%Y%m"},
+        {INTERVAL_DAY_HOUR, "%d%H"}, {INTERVAL_DAY_MINUTE, "%d%H%M"}, {INTERVAL_DAY_SECOND, "%d%H%M%S"},
+        {INTERVAL_HOUR_MINUTE, "%H%M"}, {INTERVAL_HOUR_SECOND, "%H%M%S"}, {INTERVAL_MINUTE_SECOND, "%M%S"}};
+    std::mt19937 rng(5);
+    CTalvorBufferPool pool;
+    for (int i = 0; i < 500; ++i) {
+        time_t t = (time_t)(rng() % 4000000000U);
+        struct tm tmv;
+        gmtime_r(&t, &tmv);
+        DATE d = (DATE)(t / 86400) + TALVOR_DATE_UNIX_EPOCH + (double)(t % 86400) / 86400.0;
+        for (const auto& part : arParts) {
+            char sz[32];
+            strftime(sz, sizeof(sz), part.m_lpszFormat, &tmv);
+            VARDATA v;
+            ASSERT_EQ(CTalvorDate::GetCombinedData(&pool, d, part.m_bType, v), 0);
+            EXPECT_EQ(v.m_llValue, atoll(sz)) << part.m_lpszFormat << " " << sz;
+        }
+        VARDATA v;
+        ASSERT_EQ(CTalvorDate::Format(&pool, d, v), 0);
+        char sz[32];
+        strftime(sz, sizeof(sz), "%Y-%m-%d %H:%M:%S", &tmv);
+        EXPECT_EQ(std::string(v.m_lpszValue, v.m_nStrLen), sz);
+    }
+    VARDATA v;
+    DATE d = 0;
+    EXPECT_EQ(CTalvorDate::GetCombinedData(&pool, d, 0, v), TALVOR_DATE_BAD_INTERVAL);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(DateRules, StoredDatesAndTimesWithIntervals)
+{
+    VARDATA vInterval, v;
+    memset(&vInterval, 0, sizeof(vInterval));
+    std::string s = Interval(INTERVAL_MONTH, 1, "1");
+    vInterval.m_lpszValue = const_cast<char*>(s.c_str());
+    TALVORDATE d = {31, 1, 2020};
+    ASSERT_EQ(CTalvorDate::DateAddSubInterval(nullptr, d, vInterval, v, TRUE), 0);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_DATE);
+    EXPECT_EQ(v.m_stDate.m_bDay, 29);
+    EXPECT_EQ(v.m_stDate.m_bMonth, 2);
+    s = Interval(INTERVAL_HOUR, 1, "25");
+    vInterval.m_lpszValue = const_cast<char*>(s.c_str());
+    ASSERT_EQ(CTalvorDate::DateAddSubInterval(nullptr, d, vInterval, v, TRUE), 0);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_DATETIME);
+    EXPECT_EQ(Text(v.m_dblValue), "2020-02-01 01:00:00");
+    TALVORTIME t = {30, 20, 23, 0};
+    ASSERT_EQ(CTalvorDate::DateAddSubInterval(nullptr, t, vInterval, v, TRUE), 0);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_TIME);
+    EXPECT_EQ(v.m_stTime.m_nDay, 2);
+    EXPECT_EQ(v.m_stTime.m_bHour, 0);
+    EXPECT_EQ(v.m_stTime.m_bMintue, 20);
+    ASSERT_EQ(CTalvorDate::DateAddSubInterval(nullptr, t, vInterval, v, FALSE), 0);
+    EXPECT_EQ(v.m_stTime.m_nDay, -1);
+    EXPECT_EQ(v.m_stTime.m_bHour, 22);
+    s = Interval(INTERVAL_DAY, 1, "1");
+    vInterval.m_lpszValue = const_cast<char*>(s.c_str());
+    ASSERT_EQ(CTalvorDate::DateAddSubInterval(nullptr, t, vInterval, v, TRUE), 0);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_DATETIME);
+    EXPECT_EQ(Text(v.m_dblValue), "1899-12-31 23:20:30");
+    s = Interval(INTERVAL_HOUR, 1, "5000");
+    vInterval.m_lpszValue = const_cast<char*>(s.c_str());
+    EXPECT_EQ(CTalvorDate::DateAddSubInterval(nullptr, t, vInterval, v, TRUE), TALVOR_DATE_INVALID_DATA);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_NULL);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(DateRules, TimesByFormat)
+{
+    CTalvorBufferPool pool;
+    VARDATA v;
+    TALVORTIME t = {5, 4, 13, 1};
+    ASSERT_EQ(CTalvorDate::TimeFormat(&pool, t, "%H:%i:%s %h %p %T %%", v), 0);
+    EXPECT_EQ(std::string(v.m_lpszValue, v.m_nStrLen), "37:04:05 01 PM 37:04:05 %");
+    TALVORTIME n = {0, 0, 22, -1};
+    ASSERT_EQ(CTalvorDate::TimeFormat(&pool, n, "%H:%i", v), 0);
+    EXPECT_EQ(std::string(v.m_lpszValue, v.m_nStrLen), "-02:00");
+    EXPECT_EQ(CTalvorDate::TimeFormat(&pool, t, "%Y", v), TALVOR_DATE_BAD_FORMAT);
+}
+
+}  // namespace

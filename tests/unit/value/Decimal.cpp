@@ -1,0 +1,646 @@
+// Decimal numbers against Python's decimal module (libmpdec), run at test
+// time on generated values: 36 digits, rounding half up. Where our rules
+// differ from plain 36-digit arithmetic the reference applies the same rule
+// through libmpdec (quantize), so the arithmetic and the rounding are still
+// someone else's:
+//   - parsing cuts a negative value instead of rounding, and keeps at most 32
+//     fraction digits beside integer digits;
+//   - a sum whose operands cannot share one scale in 36 digits rounds both
+//     to the scale of the larger integer part first;
+//   - a product keeps at most max(9, scale a, scale b) places;
+//   - a quotient always carries 36 digits (compared by value);
+//   - a zero sum has scale 0 and sign 0; zero prints without a sign.
+
+#include "TalvorDecimal.h"
+
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <climits>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+const char* g_szReference = R"PY(
+import sys
+from decimal import Decimal, Context, ROUND_HALF_UP, ROUND_DOWN, InvalidOperation
+BIG = Context(prec=500, Emax=999999, Emin=-999999, rounding=ROUND_HALF_UP)
+C36 = Context(prec=36, Emax=999999, Emin=-999999, rounding=ROUND_HALF_UP)
+
+def out(d):
+    if d is None:
+        return "null"
+    t = d.as_tuple()
+    return "%d %s %d" % (t.sign, int("".join(map(str, t.digits)) or "0"), -t.exponent)
+
+def ndig(d):
+    c = int("".join(map(str, d.as_tuple().digits)) or "0")
+    return 0 if c == 0 else len(str(c))
+
+def scale(d):
+    return -d.as_tuple().exponent
+
+def inrange(d):
+    return d is not None and -127 <= scale(d) <= 127
+
+def q(d, s, rnd=ROUND_HALF_UP):
+    return d.quantize(Decimal(1).scaleb(-s), rounding=rnd, context=BIG)
+
+def parse(text):
+    t = text.strip()
+    mant, _, e = t.lower().partition('e')
+    exp = int(e) if e else 0
+    rnd = ROUND_DOWN if mant.startswith('-') else ROUND_HALF_UP
+    ip, _, fp = mant.lstrip('+-').partition('.')
+    nint = len(ip.lstrip('0'))
+    if nint >= 1 and nint < 4 and len(fp) > 32:
+        r = q(BIG.create_decimal(mant), 32, rnd)
+    else:
+        r = Context(prec=36, Emax=999999, Emin=-999999, rounding=rnd).create_decimal(mant)
+    r = r.scaleb(exp, context=BIG)
+    return r if inrange(r) else None
+
+def add(a, b):
+    sa, sb = scale(a), scale(b)
+    ia, ib = ndig(a) - sa, ndig(b) - sb
+    if sa != sb and not (sa > sb and sa + ib <= 36) and not (sb > sa and sb + ia <= 36):
+        s = 36 - max(ia, ib)
+        if s > 127:
+            return Decimal(0)
+        a, b = q(a, s), q(b, s)
+    exact = BIG.add(a, b)
+    if exact == 0 and not (a == 0 and b == 0 and a.is_signed() == b.is_signed()):
+        return Decimal(0)
+    if exact == 0:
+        return exact
+    r = C36.plus(exact)
+    return r if inrange(r) else None
+
+def mul(a, b):
+    sa, sb = scale(a), scale(b)
+    exact = BIG.multiply(a, b)
+    t = min(sa + sb, max(9, sa, sb))
+    r = q(exact, t)
+    if ndig(r) > 36:
+        r = C36.plus(exact)
+        if exact.is_signed() and not r.is_signed():
+            r = -r
+    if scale(r) > 127:
+        return Decimal(0)
+    return r if inrange(r) else None
+
+def div(a, b):
+    r = C36.divide(a, b)
+    s36 = 35 - r.adjusted()
+    if not (-127 <= s36 <= 127):
+        return None, ""
+    places = 9 if r.adjusted() >= 0 else 8 - r.adjusted()
+    p = format(q(r, places), 'f')
+    if '.' in p:
+        p = p.rstrip('0').rstrip('.')
+    return r, p
+
+for line in sys.stdin:
+    f = line.rstrip("\n").split("|")
+    op = f[0]
+    try:
+        if op == "parse":
+            print(out(parse(f[1])))
+        elif op in ("add", "sub"):
+            a, b = Decimal(f[1]), Decimal(f[2])
+            print(out(add(a, b if op == "add" else b.copy_negate())))
+        elif op == "mul":
+            print(out(mul(Decimal(f[1]), Decimal(f[2]))))
+        elif op == "div":
+            r, p = div(Decimal(f[1]), Decimal(f[2]))
+            print(out(r.normalize(BIG) if r is not None else None) + "|" + p)
+        elif op == "mod":
+            a, b = Decimal(f[1]), Decimal(f[2])
+            r = BIG.remainder(a, b)
+            r = r.quantize(Decimal(1).scaleb(-max(scale(a), scale(b))), context=BIG)
+            print(out(r))
+        elif op == "cmp":
+            print(int(BIG.compare(Decimal(f[1]), Decimal(f[2]))))
+        elif op == "zoom":
+            a, s = Decimal(f[1]), int(f[2])
+            r = q(a, s, ROUND_HALF_UP if f[3] == "1" else ROUND_DOWN)
+            print(out(r if ndig(r) <= 36 else None))
+        elif op == "print":
+            p = format(Decimal(f[1]), 'f')
+            print(p[1:] if Decimal(f[1]) == 0 and p.startswith('-') else p)
+        elif op == "int64":
+            a = Decimal(f[1])
+            r = int(a.quantize(Decimal(1), rounding=ROUND_HALF_UP if f[2] == "1" else ROUND_DOWN, context=BIG))
+            print(max(-2**63, min(2**63 - 1, r)))
+        else:
+            print("?")
+    except InvalidOperation:
+        print("invalid")
+    sys.stdout.flush()
+)PY";
+
+// Runs the reference over the lines; one answer per line.
+std::vector<std::string> RunReference(const std::vector<std::string>& vLines)
+{
+    char szScript[] = "/tmp/talvor_decimal_refXXXXXX";
+    char szInput[] = "/tmp/talvor_decimal_inXXXXXX";
+    int fdScript = mkstemp(szScript);
+    int fdInput = mkstemp(szInput);
+    EXPECT_GE(fdScript, 0);
+    EXPECT_GE(fdInput, 0);
+    FILE* fScript = fdopen(fdScript, "w");
+    fputs(g_szReference, fScript);
+    fclose(fScript);
+    FILE* fInput = fdopen(fdInput, "w");
+    for (const std::string& s : vLines) fprintf(fInput, "%s\n", s.c_str());
+    fclose(fInput);
+    std::string strCommand = std::string("python3 ") + szScript + " < " + szInput;
+    FILE* fOut = popen(strCommand.c_str(), "r");
+    std::vector<std::string> vOut;
+    char szLine[4096];
+    while (fOut != nullptr && fgets(szLine, sizeof(szLine), fOut) != nullptr) {
+        szLine[strcspn(szLine, "\n")] = 0;
+        vOut.push_back(szLine);
+    }
+    if (fOut != nullptr) pclose(fOut);
+    unlink(szScript);
+    unlink(szInput);
+    EXPECT_EQ(vOut.size(), vLines.size()) << "the reference did not answer every line";
+    vOut.resize(vLines.size());
+    return vOut;
+}
+
+// "sign coefficient scale" of a value, or "null", as the reference writes it.
+std::string Describe(const st_VARDATA& v)
+{
+    if (v.m_vt != TALVOR_VT_DECIMAL) return "null";
+    char szDigits[64];
+    int n = 0;
+    bool bStarted = false;
+    for (int i = TALVOR_DECIMAL_LIMBS - 1; i >= 0; --i) {
+        int nLimb = i < v.m_bValid ? v.m_arDecimalData[i] : 0;
+        if (bStarted) n += snprintf(szDigits + n, sizeof(szDigits) - n, "%09d", nLimb);
+        else if (nLimb != 0) {
+            n += snprintf(szDigits + n, sizeof(szDigits) - n, "%d", nLimb);
+            bStarted = true;
+        }
+    }
+    if (!bStarted) snprintf(szDigits, sizeof(szDigits), "0");
+    return std::to_string(v.m_bSign) + " " + szDigits + " " + std::to_string((int)v.m_bScale);
+}
+
+// The same with trailing zeros moved into the scale, for values whose digit
+// count is a rule of its own (quotients).
+std::string Normalized(const st_VARDATA& v)
+{
+    std::string s = Describe(v);
+    if (s == "null") return s;
+    size_t p1 = s.find(' '), p2 = s.rfind(' ');
+    std::string strDigits = s.substr(p1 + 1, p2 - p1 - 1);
+    int nScale = atoi(s.c_str() + p2 + 1);
+    while (strDigits.size() > 1 && strDigits.back() == '0') {
+        strDigits.pop_back();
+        --nScale;
+    }
+    return s.substr(0, p1) + " " + strDigits + " " + std::to_string(nScale);
+}
+
+// The exact value we hold, as a text every reader takes without rounding.
+std::string Canonical(const st_VARDATA& v)
+{
+    std::string s = Describe(v);
+    size_t p1 = s.find(' '), p2 = s.rfind(' ');
+    return std::string(s[0] == '1' ? "-" : "") + s.substr(p1 + 1, p2 - p1 - 1) + "E" + std::to_string(-atoi(s.c_str() + p2 + 1));
+}
+
+st_VARDATA Parse(const std::string& s)
+{
+    st_VARDATA v;
+    memset(&v, 0, sizeof(v));
+    CTalvorDecimal::Convert2Decimal(s.c_str(), &v);
+    return v;
+}
+
+std::string Print(const st_VARDATA& v)
+{
+    char sz[256];
+    int n = CTalvorDecimal::PrintDecimal(&v, sz);
+    EXPECT_EQ(n, (int)strlen(sz));
+    return sz;
+}
+
+// Texts of decimal values: digit counts up to 36, scales from -20 to 60,
+// both signs, runs of nines and zeros that provoke carries.
+class ValueMaker {
+public:
+    explicit ValueMaker(unsigned nSeed) : m_rng(nSeed) {}
+    std::string Digits(int n)
+    {
+        std::string s;
+        int nKind = Pick(0, 5);
+        for (int i = 0; i < n; ++i) {
+            char c = (char)('0' + Pick(0, 9));
+            if (nKind == 0) c = '9';
+            if (nKind == 1 && i > 0) c = '0';
+            s += c;
+        }
+        if (!s.empty() && s[0] == '0') s[0] = '1';
+        return s;
+    }
+    // A value of at most 36 digits, written plainly or with an exponent.
+    std::string Value()
+    {
+        int nDigits = Pick(0, 4) == 0 ? Pick(30, 36) : Pick(1, 20);
+        int nScale = Pick(0, 3) == 0 ? Pick(-20, 60) : Pick(0, 12);
+        std::string strSign = Pick(0, 1) ? "-" : "";
+        std::string d = Pick(0, 15) == 0 ? std::string("0") : Digits(nDigits);
+        return strSign + d + "E" + std::to_string(-nScale);
+    }
+    int Pick(int a, int b) { return std::uniform_int_distribution<int>(a, b)(m_rng); }
+
+private:
+    std::mt19937 m_rng;
+};
+
+// Decimal() of Python reads these exponent texts exactly; so do we, as long
+// as the exponent has at most 3 digits.
+TEST(DecimalReference, ParseAgainstLibmpdec)
+{
+    ValueMaker mk(11);
+    std::vector<std::string> vTexts = {"1.50", "0", "-0", "+0.000", "  12  ", "-0.5", "0.5",
+        std::string(36, '9'), std::string(37, '9'), "-" + std::string(37, '9'), std::string(36, '9') + ".5",
+        "0.000000000000000000000000000000000000000001234567890123456789012345678901234567895",
+        "-0.000000000000000000000000000000000000000001234567890123456789012345678901234567895",
+        "1.234567890123456789012345678901234567895", "-1.234567890123456789012345678901234567895",
+        std::string(163, '4'), std::string(164, '4'), "1e127", "1e-127", "1e-128", "1e128", "5e-127", "123.45e-2",
+        "." + std::string(120, '0') + "5", "." + std::string(130, '0') + "5"};
+    for (int i = 0; i < 3000; ++i) {
+        int nInt = mk.Pick(0, 3) == 0 ? mk.Pick(30, 50) : mk.Pick(0, 12);
+        int nFrac = mk.Pick(0, 2) == 0 ? mk.Pick(25, 50) : mk.Pick(0, 8);
+        std::string s = std::string(mk.Pick(0, 1) ? "-" : "") + std::string(mk.Pick(0, 2), '0') + mk.Digits(nInt);
+        if (nFrac > 0 || nInt == 0) s += "." + std::string(mk.Pick(0, 1) ? mk.Pick(0, 5) : 0, '0') + mk.Digits(nFrac);
+        if (s == "." || s == "-." || s.back() == '.') s += "0";
+        if (mk.Pick(0, 4) == 0) s += "e" + std::to_string(mk.Pick(-140, 140));
+        vTexts.push_back(s);
+    }
+    std::vector<std::string> vLines;
+    for (const std::string& s : vTexts) vLines.push_back("parse|" + s);
+    std::vector<std::string> vRef = RunReference(vLines);
+    for (size_t i = 0; i < vTexts.size(); ++i) EXPECT_EQ(Describe(Parse(vTexts[i])), vRef[i]) << vTexts[i];
+}
+
+TEST(DecimalReference, ArithmeticAgainstLibmpdec)
+{
+    ValueMaker mk(29);
+    std::vector<std::string> vLines;
+    std::vector<std::pair<std::string, std::string>> vPairs;
+    for (int i = 0; i < 4000; ++i) vPairs.push_back({mk.Value(), mk.Value()});
+    vPairs.push_back({std::string(36, '9'), "1"});
+    vPairs.push_back({std::string(36, '9'), "0.5"});
+    vPairs.push_back({"1", "0." + std::string(35, '0') + "1"});
+    vPairs.push_back({"1.5", "-1.5"});
+    vPairs.push_back({"1E100", "1E100"});
+    vPairs.push_back({std::string(36, '9') + "E127", std::string(36, '9') + "E127"});
+    vPairs.push_back({"1E-100", "1E-100"});
+    const char* arOps[] = {"add", "sub", "mul", "mod", "cmp"};
+    for (auto& p : vPairs) {
+        p.first = Canonical(Parse(p.first));
+        p.second = Canonical(Parse(p.second));
+    }
+    for (const auto& p : vPairs)
+        for (const char* op : arOps) vLines.push_back(std::string(op) + "|" + p.first + "|" + p.second);
+    std::vector<std::string> vRef = RunReference(vLines);
+    size_t n = 0;
+    for (const auto& p : vPairs) {
+        st_VARDATA a = Parse(p.first), b = Parse(p.second), c;
+        ASSERT_EQ(a.m_vt, TALVOR_VT_DECIMAL) << p.first;
+        ASSERT_EQ(b.m_vt, TALVOR_VT_DECIMAL) << p.second;
+        std::string strCase = p.first + " , " + p.second;
+        int nAdd = CTalvorDecimal::Add(&a, &b, &c);
+        EXPECT_EQ(Describe(c), vRef[n++]) << "add " << strCase;
+        EXPECT_EQ(nAdd, c.m_vt == TALVOR_VT_NULL ? TALVOR_ERROR_DECIMAL_PRECISION : 0);
+        CTalvorDecimal::Sub(&a, &b, &c);
+        EXPECT_EQ(Describe(c), vRef[n++]) << "sub " << strCase;
+        int nMul = CTalvorDecimal::Mul(&a, &b, &c);
+        EXPECT_EQ(Describe(c), vRef[n++]) << "mul " << strCase;
+        EXPECT_EQ(nMul, c.m_vt == TALVOR_VT_NULL ? TALVOR_ERROR_DECIMAL_PRECISION : 0);
+        std::string strMod = vRef[n++];
+        if (!CTalvorDecimal::IsZero(&b) && strMod != "invalid") {
+            CTalvorDecimal::Mod(&a, &b, &c);
+            EXPECT_EQ(Describe(c), strMod) << "mod " << strCase;
+        }
+        EXPECT_EQ(std::to_string(CTalvorDecimal::Compare(&a, &b)), vRef[n++]) << "cmp " << strCase;
+    }
+}
+
+// Quotients compare by value, and their text (9 places, or 9 significant
+// digits below one) against libmpdec's quantize of the same quotient.
+TEST(DecimalReference, DivisionAgainstLibmpdec)
+{
+    ValueMaker mk(47);
+    std::vector<std::pair<std::string, std::string>> vPairs = {{"1", "3"}, {"10", "4"}, {"2", "3"},
+        {"1E-120", "7"}, {"1E120", "1E-20"}, {std::string(36, '9'), "1." + std::string(35, '0') + "1"}};
+    for (int i = 0; i < 3000; ++i) {
+        std::string b = mk.Value();
+        st_VARDATA vb = Parse(b);
+        if (CTalvorDecimal::IsZero(&vb)) continue;
+        vPairs.push_back({mk.Value(), b});
+    }
+    std::vector<std::string> vLines;
+    for (auto& p : vPairs) {
+        p.first = Canonical(Parse(p.first));
+        p.second = Canonical(Parse(p.second));
+        vLines.push_back("div|" + p.first + "|" + p.second);
+    }
+    std::vector<std::string> vRef = RunReference(vLines);
+    for (size_t i = 0; i < vPairs.size(); ++i) {
+        st_VARDATA a = Parse(vPairs[i].first), b = Parse(vPairs[i].second), c;
+        if (CTalvorDecimal::IsZero(&a)) continue;
+        int nResult = CTalvorDecimal::Div(&a, &b, &c);
+        std::string strCase = vPairs[i].first + " / " + vPairs[i].second;
+        size_t nBar = vRef[i].find('|');
+        EXPECT_EQ(Normalized(c), vRef[i].substr(0, nBar)) << strCase;
+        if (c.m_vt != TALVOR_VT_DECIMAL) {
+            EXPECT_EQ(nResult, TALVOR_ERROR_DECIMAL_PRECISION) << strCase;
+            continue;
+        }
+        EXPECT_EQ(c.m_bValid, TALVOR_DECIMAL_LIMBS) << strCase;
+        EXPECT_EQ(c.m_bPrecison, TALVOR_DECIMAL_QUOTIENT);
+        if (c.m_bScale > 9) {
+            EXPECT_EQ(Print(c), vRef[i].substr(nBar + 1)) << strCase;
+        }
+    }
+}
+
+TEST(DecimalReference, ZoomPrintAndIntegersAgainstLibmpdec)
+{
+    ValueMaker mk(83);
+    std::vector<std::string> vValues;
+    for (int i = 0; i < 3000; ++i) vValues.push_back(mk.Value());
+    vValues.push_back("-9223372036854775808");
+    vValues.push_back("9223372036854775807.5");
+    vValues.push_back("-9223372036854775808.5");
+    vValues.push_back("-0.5");
+    vValues.push_back("0.5");
+    std::vector<std::string> vLines;
+    std::vector<int> vScales;
+    for (const std::string& s : vValues) {
+        int nScale = mk.Pick(-30, 60);
+        vScales.push_back(nScale);
+        vLines.push_back("zoom|" + s + "|" + std::to_string(nScale) + "|1");
+        vLines.push_back("zoom|" + s + "|" + std::to_string(nScale) + "|0");
+        vLines.push_back("print|" + s);
+        vLines.push_back("int64|" + s + "|1");
+        vLines.push_back("int64|" + s + "|0");
+    }
+    std::vector<std::string> vRef = RunReference(vLines);
+    size_t n = 0;
+    for (size_t i = 0; i < vValues.size(); ++i) {
+        st_VARDATA a = Parse(vValues[i]), c;
+        const std::string& s = vValues[i];
+        for (BOOL bRound : {TRUE, FALSE}) {
+            int nResult = CTalvorDecimal::Zoom(&a, &c, (char)vScales[i], bRound);
+            EXPECT_EQ(Describe(c), vRef[n++]) << "zoom " << s << " to " << vScales[i] << " round " << bRound;
+            EXPECT_EQ(nResult, c.m_vt == TALVOR_VT_NULL ? TALVOR_ERROR_DECIMAL_PRECISION : 0);
+        }
+        EXPECT_EQ(Print(a), vRef[n++]) << s;
+        EXPECT_EQ(std::to_string(CTalvorDecimal::Convert2Int64(&a, TRUE)), vRef[n++]) << s;
+        EXPECT_EQ(std::to_string(CTalvorDecimal::Convert2Int64(&a, FALSE)), vRef[n++]) << s;
+    }
+}
+
+}  // namespace
+
+namespace {
+
+TEST(DecimalRules, ScaleCleanAndSignedZero)
+{
+    st_VARDATA a = Parse("1.50"), b = Parse("1.50");
+    EXPECT_EQ(a.m_bScale, 2);
+    EXPECT_EQ(a.m_bValid, 1);
+    CTalvorDecimal::Clean(&b);
+    EXPECT_EQ(Describe(b), "0 15 1");
+    EXPECT_EQ(CTalvorDecimal::Compare(&a, &b), 0);
+    st_VARDATA z = Parse("100.000");
+    CTalvorDecimal::Clean(&z);
+    EXPECT_EQ(Describe(z), "0 100 0") << "Clean stops at scale 0";
+    st_VARDATA pz = Parse("0"), nz = Parse("-0.00");
+    EXPECT_EQ(nz.m_bSign, 1);
+    EXPECT_EQ(CTalvorDecimal::Compare(&pz, &nz), 0);
+    EXPECT_EQ(CTalvorDecimal::Compare(&nz, &pz), 0);
+    EXPECT_EQ(Print(nz), "0.00");
+    st_VARDATA c;
+    CTalvorDecimal::Sub(&a, &b, &c);
+    EXPECT_EQ(Describe(c), "0 0 0");
+    EXPECT_EQ(c.m_bValid, 1);
+}
+
+TEST(DecimalRules, RoundingOnParseAndZoomBySign)
+{
+    EXPECT_EQ(Describe(Parse(std::string(36, '7'))), "0 " + std::string(36, '7') + " 0");
+    EXPECT_EQ(Describe(Parse(std::string(36, '7') + "5")), "0 " + std::string(35, '7') + "8 -1");
+    EXPECT_EQ(Describe(Parse("-" + std::string(36, '7') + "5")), "1 " + std::string(36, '7') + " -1");
+    st_VARDATA h = Parse("0.5"), nh = Parse("-0.5"), c;
+    CTalvorDecimal::Zoom(&h, &c, 0, TRUE);
+    EXPECT_EQ(Print(c), "1");
+    CTalvorDecimal::Zoom(&nh, &c, 0, TRUE);
+    EXPECT_EQ(Print(c), "-1");
+    CTalvorDecimal::Zoom(&nh, &c, 0, FALSE);
+    EXPECT_EQ(Describe(c), "1 0 0");
+}
+
+TEST(DecimalRules, QuotientsPrintNinePlaces)
+{
+    st_VARDATA a, b, c;
+    CTalvorDecimal::Convert2Decimal(1, &a);
+    CTalvorDecimal::Convert2Decimal(3, &b);
+    EXPECT_EQ(CTalvorDecimal::Div(&a, &b, &c), 0);
+    EXPECT_EQ(Print(c), "0.333333333");
+    CTalvorDecimal::Convert2Decimal(10, &a);
+    CTalvorDecimal::Convert2Decimal(4, &b);
+    CTalvorDecimal::Div(&a, &b, &c);
+    EXPECT_EQ(Print(c), "2.5");
+    st_VARDATA zero = Parse("0");
+    EXPECT_EQ(CTalvorDecimal::Div(&a, &zero, &c), 0);
+    EXPECT_EQ(c.m_vt, TALVOR_VT_NULL);
+    EXPECT_EQ(CTalvorDecimal::Mod(&a, &zero, &c), 0);
+    EXPECT_EQ(c.m_vt, TALVOR_VT_NULL);
+}
+
+// Where a literal result would be a wrong number the value turns null with
+// 91: products and sums past the largest scale, scales past the limits.
+TEST(DecimalRules, OverflowGivesCodesNeverWrongNumbers)
+{
+    st_VARDATA big = Parse(std::string(36, '9') + "E127"), c;
+    EXPECT_EQ(CTalvorDecimal::Add(&big, &big, &c), TALVOR_ERROR_DECIMAL_PRECISION);
+    EXPECT_EQ(c.m_vt, TALVOR_VT_NULL);
+    st_VARDATA e100 = Parse("1E100");
+    EXPECT_EQ(CTalvorDecimal::Mul(&e100, &e100, &c), TALVOR_ERROR_DECIMAL_PRECISION);
+    EXPECT_EQ(c.m_vt, TALVOR_VT_NULL);
+    st_VARDATA one = Parse("1");
+    EXPECT_EQ(CTalvorDecimal::Zoom(&one, &c, 36, TRUE), TALVOR_ERROR_DECIMAL_PRECISION);
+    EXPECT_EQ(c.m_vt, TALVOR_VT_NULL);
+    EXPECT_EQ(CTalvorDecimal::Zoom(&one, &c, 35, TRUE), 0);
+    EXPECT_EQ(CTalvorDecimal::Zoom(&one, &c, (char)-128, TRUE), TALVOR_ERROR_DECIMAL_PRECISION);
+    st_VARDATA tiny = Parse("1E-120"), seven = Parse("7");
+    EXPECT_EQ(CTalvorDecimal::Div(&tiny, &seven, &c), TALVOR_ERROR_DECIMAL_PRECISION);
+    EXPECT_EQ(c.m_vt, TALVOR_VT_NULL);
+    EXPECT_EQ(CTalvorDecimal::Ceil(&big, &c), TALVOR_ERROR_DECIMAL_PRECISION);
+    EXPECT_EQ(Parse("1E128").m_vt, TALVOR_VT_NULL);
+    EXPECT_EQ(Parse(std::string(164, '1')).m_vt, TALVOR_VT_NULL);
+    EXPECT_EQ(Parse(std::string(163, '1')).m_bScale, -127);
+    // Bringing 1 and 10^-36 to one scale would need 37 digits.
+    st_VARDATA small = Parse("0." + std::string(35, '0') + "1");
+    EXPECT_EQ(CTalvorDecimal::Add(&one, &small, &c), 0);
+    EXPECT_EQ(Print(c), "1." + std::string(35, '0'));
+}
+
+TEST(DecimalRules, TextForms)
+{
+    st_VARDATA v;
+    EXPECT_EQ(CTalvorDecimal::Convert2Decimal("NaN", &v), 0);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_NULL);
+    EXPECT_EQ(CTalvorDecimal::Convert2Decimal(" na ", &v), 0);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_NULL);
+    EXPECT_EQ(CTalvorDecimal::Convert2Decimal("null", &v), TALVOR_ERROR_DECIMAL_LOAD);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_NULL);
+    for (const char* s : {"", "-", ".", "12a", "1e", "1e1234", "1.2.3", "e5", "0xZ"}) {
+        EXPECT_EQ(CTalvorDecimal::Convert2Decimal(s, &v), TALVOR_ERROR_DECIMAL_INVALID) << s;
+        EXPECT_EQ(v.m_vt, TALVOR_VT_NULL) << s;
+    }
+    EXPECT_EQ(Print(Parse("-0x8000000000000000")), "-9223372036854775808");
+    EXPECT_EQ(Print(Parse("0xFFFFFFFFFFFFFFFF")), "18446744073709551615");
+    EXPECT_EQ(Print(Parse("-b'1" + std::string(63, '0') + "'")), "-9223372036854775808");
+    EXPECT_EQ(Print(Parse("0b101")), "5");
+    EXPECT_EQ(CTalvorDecimal::Convert2Decimal("12.5xyz", 4, &v), 0);
+    EXPECT_EQ(Print(v), "12.5");
+}
+
+// Integers against the C library's own printing; doubles against strtod.
+TEST(DecimalRules, IntegerAndDoubleConversions)
+{
+    st_VARDATA v;
+    char sz[64];
+    std::mt19937_64 rng(5);
+    std::vector<long long> vValues = {LLONG_MIN, LLONG_MAX, 0, -1, INT_MIN, INT_MAX};
+    for (int i = 0; i < 2000; ++i) vValues.push_back((long long)(rng() >> (rng() % 64)) * (i % 2 ? -1 : 1));
+    for (long long ll : vValues) {
+        CTalvorDecimal::Convert2Decimal(ll, &v);
+        snprintf(sz, sizeof(sz), "%lld", ll);
+        EXPECT_EQ(Print(v), sz);
+        long long llBack = 0;
+        EXPECT_TRUE(CTalvorDecimal::IsInt64(&v, llBack));
+        EXPECT_EQ(llBack, ll);
+        int n = 0;
+        EXPECT_EQ(CTalvorDecimal::IsInt(&v, n) != 0, ll >= INT_MIN && ll <= INT_MAX) << ll;
+        EXPECT_EQ(CTalvorDecimal::Convert2Int(&v, TRUE), (int)(ll < INT_MIN ? INT_MIN : ll > INT_MAX ? INT_MAX : ll));
+    }
+    CTalvorDecimal::Convert2Decimal(INT_MIN, &v);
+    EXPECT_EQ(Describe(v), "1 2147483648 0");
+    CTalvorDecimal::Convert2Decimal(ULLONG_MAX, &v);
+    EXPECT_EQ(Print(v), "18446744073709551615");
+    long long ll;
+    EXPECT_FALSE(CTalvorDecimal::IsInt64(&v, ll));
+    st_VARDATA f = Parse("2.5");
+    EXPECT_FALSE(CTalvorDecimal::IsInt64(&f, ll));
+    EXPECT_EQ(CTalvorDecimal::Convert2Int(&f, TRUE), 3);
+    EXPECT_EQ(CTalvorDecimal::Convert2Int(&f, FALSE), 2);
+
+    CTalvorDecimal::Convert2Decimal(0.1, &v);
+    EXPECT_EQ(Print(v), "0.1");
+    CTalvorDecimal::Convert2Decimal(-5.0, &v);
+    EXPECT_EQ(Print(v), "-5");
+    CTalvorDecimal::Convert2Decimal(1e200, &v);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_NULL);
+    CTalvorDecimal::Convert2Decimal(1e-300, &v);
+    EXPECT_TRUE(CTalvorDecimal::IsZero(&v));
+    std::uniform_real_distribution<double> mantissa(1.0, 10.0);
+    for (int i = 0; i < 3000; ++i) {
+        double d = mantissa(rng) * std::pow(10.0, (int)(rng() % 120) - 60) * (i % 2 ? -1 : 1);
+        CTalvorDecimal::Convert2Decimal(d, &v);
+        ASSERT_EQ(v.m_vt, TALVOR_VT_DECIMAL) << d;
+        EXPECT_LE(CTalvorDecimal::CalcValidDigit(&v), 18) << d;
+        std::string s = Print(v);
+        EXPECT_NEAR(strtod(s.c_str(), nullptr) / d, 1.0, 4 * DBL_EPSILON) << d << " " << s;
+        EXPECT_NEAR(CTalvorDecimal::Convert2Double(&v) / d, 1.0, 8 * DBL_EPSILON) << d << " " << s;
+    }
+}
+
+TEST(DecimalRules, CeilAndFloor)
+{
+    struct { const char* m_lpszIn; const char* m_lpszCeil; const char* m_lpszFloor; } arCases[] = {
+        {"1.2", "2", "1"}, {"-1.2", "-1", "-2"}, {"5", "5", "5"}, {"-5.000", "-5", "-5"},
+        {"12E3", "12000", "12000"}, {"-0.5", "0", "-1"}, {"0.0001", "1", "0"}};
+    for (const auto& t : arCases) {
+        st_VARDATA v = Parse(t.m_lpszIn), c;
+        EXPECT_EQ(CTalvorDecimal::Ceil(&v, &c), 0);
+        EXPECT_EQ(Print(c), t.m_lpszCeil) << t.m_lpszIn;
+        EXPECT_EQ(CTalvorDecimal::Floor(&v, &c), 0);
+        EXPECT_EQ(Print(c), t.m_lpszFloor) << t.m_lpszIn;
+    }
+}
+
+}  // namespace
+
+namespace {
+
+// Hexadecimal text against printf's %llX of the rounded 64-bit value.
+TEST(DecimalRules, InPlaceFormsAndHexadecimal)
+{
+    std::mt19937_64 rng(12);
+    char sz[64], szRef[64];
+    for (int i = 0; i < 2000; ++i) {
+        long long ll = (long long)(rng() >> (rng() % 64)) * ((i % 2) ? -1 : 1);
+        st_VARDATA v;
+        CTalvorDecimal::Convert2Decimal(ll, &v);
+        snprintf(szRef, sizeof(szRef), "%llX", (unsigned long long)ll);
+        EXPECT_EQ(CTalvorDecimal::PrintDecimalHex(&v, sz), (int)strlen(szRef));
+        EXPECT_STREQ(sz, szRef);
+    }
+    st_VARDATA v = Parse("2.5");
+    CTalvorDecimal::PrintDecimalHex(&v, sz);
+    EXPECT_STREQ(sz, "3");
+    v = Parse("1E30");
+    CTalvorDecimal::PrintDecimalHex(&v, sz);
+    EXPECT_STREQ(sz, "FFFFFFFFFFFFFFFF");
+
+    v = Parse("1.25");
+    EXPECT_EQ(CTalvorDecimal::Add(&v, -200), 0);
+    EXPECT_EQ(Print(v), "-0.75");
+    EXPECT_EQ(CTalvorDecimal::Add(&v, 75), 0);
+    EXPECT_TRUE(CTalvorDecimal::IsZero(&v));
+    v = Parse(std::string(36, '9'));
+    EXPECT_EQ(CTalvorDecimal::Add(&v, 1), TALVOR_ERROR_DECIMAL_PRECISION);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_NULL);
+
+    st_VARDATA c;
+    v = Parse("-1.5");
+    CTalvorDecimal::ZoomOut(&v, &c, 3);
+    EXPECT_EQ(Describe(c), "1 15000 4");
+    v = Parse(std::string(30, '9'));
+    CTalvorDecimal::ZoomOut(&v, &c, 7);
+    EXPECT_EQ(c.m_vt, TALVOR_VT_NULL);
+
+    v = Parse("-2147483648.000");
+    CTalvorDecimal::SafeConvert2Int(&v);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_INT);
+    EXPECT_EQ(v.m_nValue, INT_MIN);
+    v = Parse("2147483648");
+    CTalvorDecimal::SafeConvert2Int(&v);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_DECIMAL);
+    CTalvorDecimal::SafeConvert2Int64(&v);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_BIGINT);
+    EXPECT_EQ(v.m_llValue, 2147483648LL);
+    v = Parse("1.5");
+    CTalvorDecimal::SafeConvert2Int64(&v);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_DECIMAL);
+}
+
+}  // namespace

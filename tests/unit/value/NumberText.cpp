@@ -1,0 +1,154 @@
+// Numbers in and out of text: base conversion against strtoull and printf,
+// bit literals round trip, and the rules of the small helpers.
+
+#include "TalvorNumberText.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <random>
+#include <string>
+
+TEST(NumberKinds, IsNumberAndToDouble) {
+    EXPECT_EQ(IsNumber(""), 1);
+    EXPECT_EQ(IsNumber("-123"), 1);
+    EXPECT_EQ(IsNumber("12.5"), 3);
+    EXPECT_EQ(IsNumber("-.5"), 3);
+    EXPECT_EQ(IsNumber("1.2.3"), 0);
+    EXPECT_EQ(IsNumber("0x1F"), 2);
+    EXPECT_EQ(IsNumber("0xZ"), 0);
+    EXPECT_EQ(IsNumber("ff"), 2);
+    for (const char* s : {"10K", "10kb", "3M", "3Mb", "1g", "2TB"}) EXPECT_EQ(IsNumber(s), 2) << s;
+    EXPECT_EQ(IsNumber("10KBB"), 0);
+    EXPECT_EQ(IsNumber("12x"), 0);
+    EXPECT_EQ(IsNumber(nullptr), 0);
+    EXPECT_DOUBLE_EQ(ToDouble("-12.25"), -12.25);
+    EXPECT_DOUBLE_EQ(ToDouble("10K"), 0.0);
+    EXPECT_DOUBLE_EQ(ToDouble("abc"), 0.0);
+}
+
+TEST(NumberKinds, HexReaders) {
+    EXPECT_EQ(HexStringToNumber("0x1fG7"), 0x1F);
+    EXPECT_EQ(HexStringToNumber("0x"), 0);
+    EXPECT_EQ(HexStringToNumber("x'ABCDEF'"), 0xABCDEF);
+    EXPECT_EQ(GetHexEncodedData("\x01\x02", 2), 0x0102);
+    EXPECT_EQ(GetHexEncodedData("\x01\x02\x03\x04\x05\x06\x07\x08\x09", 9), 0x0102030405060708LL);
+}
+
+TEST(BaseConversion, AgreesWithStrtoullAndPrintf) {
+    std::mt19937_64 rng(12);
+    char szOut[80];
+    for (int i = 0; i < 20000; ++i) {
+        const int nBase = 2 + (int)(rng() % 35);
+        const unsigned long long ullValue = rng() >> (rng() % 64);
+        // Unsigned write, then read back through the C library.
+        const int n = ConvDecimalToSpecifiedString((long long)ullValue, nBase, szOut);
+        ASSERT_EQ(n, (int)strlen(szOut));
+        errno = 0;
+        ASSERT_EQ(strtoull(szOut, nullptr, nBase), ullValue) << szOut << " base " << nBase;
+        // And our reader, from a lower-case copy.
+        std::string strLower = szOut;
+        for (char& c : strLower) c = (char)tolower(c);
+        long long llBack = 0;
+        ASSERT_EQ(ConvSpecifiedStringToDecimal(strLower.c_str(), nBase, llBack), 0);
+        ASSERT_EQ((unsigned long long)llBack, ullValue);
+        // Signed bases print a sign like printf does.
+        const long long llSigned = (long long)ullValue * ((rng() & 1) ? -1 : 1);
+        ConvDecimalToSpecifiedString(llSigned, -10, szOut);
+        ASSERT_EQ(std::string(szOut), std::to_string(llSigned));
+        ConvSpecifiedStringToDecimal(szOut, -10, llBack);
+        ASSERT_EQ(llBack, llSigned);
+    }
+    long long llValue = 0;
+    // Reading stops at the first digit the base doesn't have.
+    ASSERT_EQ(ConvSpecifiedStringToDecimal("1012", 2, llValue), 0);
+    EXPECT_EQ(llValue, 5);
+    // Too long saturates instead of wrapping.
+    ConvSpecifiedStringToDecimal("99999999999999999999999", 10, llValue);
+    EXPECT_EQ((unsigned long long)llValue, ULLONG_MAX);
+    ConvSpecifiedStringToDecimal("-99999999999999999999999", -10, llValue);
+    EXPECT_EQ(llValue, LLONG_MIN);
+    // An unsigned base takes "-" modulo 2^64, as CONV does.
+    ConvSpecifiedStringToDecimal("-1", 10, llValue);
+    EXPECT_EQ((unsigned long long)llValue, ULLONG_MAX);
+    EXPECT_EQ(ConvSpecifiedStringToDecimal("1", 37, llValue), TALVOR_ERROR_INVALID_DATA);
+    EXPECT_EQ(ConvDecimalToSpecifiedString(5, 1, szOut), 0);
+    EXPECT_STREQ(szOut, "");
+    ConvDecimalToSpecifiedString(LLONG_MIN, -16, szOut);
+    EXPECT_STREQ(szOut, "-8000000000000000");
+}
+
+TEST(BitLiterals, ReadWriteRoundTrip) {
+    long long llValue;
+    int nBits;
+    for (const char* s : {"b'0101'", "b0101", "0b0101", "000B'0101'"}) {
+        ASSERT_EQ(ConvertBitToNumber(s, llValue, nBits), 0) << s;
+        EXPECT_EQ(llValue, 5);
+        EXPECT_EQ(nBits, 4);
+    }
+    for (const char* s : {"b'012'", "b'01", "x'01'", "0b", "b'0'x", "", "1b01"})
+        EXPECT_EQ(ConvertBitToNumber(s, llValue, nBits), TALVOR_ERROR_INVALID_DATA) << s;
+    EXPECT_EQ(ConvertBitToNumber(("b" + std::string(65, '1')).c_str(), llValue, nBits), TALVOR_ERROR_INVALID_DATA);
+    std::mt19937_64 rng(13);
+    char szOut[80];
+    for (int i = 0; i < 2000; ++i) {
+        const int nLen = 1 + (int)(rng() % 64);
+        const long long llIn = (long long)rng();
+        ASSERT_EQ(ConvertBitToString(llIn, nLen, szOut), nLen + 3);
+        ASSERT_EQ(ConvertBitToNumber(szOut, llValue, nBits), 0) << szOut;
+        ASSERT_EQ(nBits, nLen);
+        const unsigned long long ullMask = nLen == 64 ? ~0ull : (1ull << nLen) - 1;
+        ASSERT_EQ((unsigned long long)llValue, (unsigned long long)llIn & ullMask);
+    }
+}
+
+TEST(SmallHelpers, Rules) {
+    EXPECT_EQ(CompareDouble(1.0, 1.0 + 5e-7), 0);
+    EXPECT_EQ(CompareDouble(1.0, 1.0 + 2e-6), -1);
+    EXPECT_EQ(CompareDouble(2.0, 1.0), 1);
+    char sz1[] = "12.500", sz2[] = "100", sz3[] = "1.2.0", sz4[] = "7.000", sz5[] = "100";
+    EXPECT_EQ(TrimTailZero(sz1, FALSE), 4);
+    EXPECT_STREQ(sz1, "12.5");
+    EXPECT_EQ(TrimTailZero(sz2, FALSE), 0);
+    EXPECT_STREQ(sz2, "100");
+    EXPECT_EQ(TrimTailZero(sz3, FALSE), 0);
+    EXPECT_STREQ(sz3, "1.2.0");
+    EXPECT_EQ(TrimTailZero(sz4, FALSE), 1);
+    EXPECT_STREQ(sz4, "7");
+    EXPECT_EQ(TrimTailZero(sz5, TRUE), 1);  // the caller vouched for a point
+    EXPECT_EQ(TalvorLog2(1), 0);
+    EXPECT_EQ(TalvorLog2(2), 1);
+    EXPECT_EQ(TalvorLog2(3), 2);
+    EXPECT_EQ(TalvorLog2(1024), 10);
+    EXPECT_EQ(TalvorLog2(1025), 11);
+    EXPECT_EQ(TalvorLog2(LLONG_MAX), 63);
+    for (long long n = 2; n < 5000; ++n) ASSERT_EQ(1LL << TalvorLog2(n) >= n && (1LL << (TalvorLog2(n) - 1)) < n, true) << n;
+    EXPECT_DOUBLE_EQ(TalvorLog(10, 1000), 3.0);
+    EXPECT_EQ(GetFirstNoZeroValue(3, 0, 7, 5), 5);
+    EXPECT_EQ(GetFirstNoZeroValue(3, 0, 7, 9), 7);
+    EXPECT_EQ(GetFirstNoZeroValue(3, 0, 7, 0), 7);
+    EXPECT_EQ(GetFirstNoZeroValue(2, 0, 0), 0);
+    char szOut[24];
+    EXPECT_STREQ(TalvorConvert(szOut, (unsigned long long)ULLONG_MAX) - 20, "18446744073709551615");
+    EXPECT_EQ(TalvorConvert(szOut, (signed char)-128) - szOut, 4);
+    EXPECT_EQ(TalvorConvert(szOut, (short)-5) - szOut, 2);
+}
+
+TEST(ObjectSets, Bits) {
+    relbitmap a = 0, b = 0;
+    AddRel(1, a);
+    AddRel(64, a);
+    AddRel(0, a);   // ignored
+    AddRel(65, a);  // ignored
+    EXPECT_EQ((unsigned long long)a, 0x8000000000000001ull);
+    AddRel(1, b);
+    EXPECT_TRUE(BmsOverlap(a, b));
+    EXPECT_TRUE(BmsIsSubset(b, a));
+    EXPECT_FALSE(BmsIsSubset(a, b));
+    EXPECT_EQ(BmsAdd(a, b), a);
+    AddRel(2, b);
+    EXPECT_FALSE(BmsIsSubset(b, a));
+    EXPECT_FALSE(BmsOverlap(a, (relbitmap)0x6));
+}

@@ -1,0 +1,109 @@
+// The collation compare and the case fold, against SQLite's byte-wise and
+// NOCASE compares on generated UTF-8 text. The two part only where one text
+// is a prefix of the other: there the longer text sorts first here, and last
+// in SQLite; the generator keeps such pairs and checks our rule on them.
+
+#include "TalvorString.h"
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+
+namespace {
+
+int Sign(int n) { return (n > 0) - (n < 0); }
+
+int Compare(const std::string& a, const std::string& b, bool bCase) {
+    // A length of 0 means strlen, so the empty text goes in as a null length
+    // on purpose only where the other rules allow.
+    return TalvorCompare(a.data(), (int)a.size(), b.data(), (int)b.size(), bCase ? TRUE : FALSE);
+}
+
+std::string RandomText(std::mt19937& rng, int nMax) {
+    static const char* const kPieces[] = {"a", "A", "b", "Z", "_", "~", "\xC3\xA9", "\xC3\x89",
+                                          "\xE4\xB8\xAD", "\xE4\xB8\x81", "\xF0\x9F\x98\x80", "\x7F"};
+    std::string s;
+    for (int n = 1 + (int)(rng() % (unsigned)nMax); n > 0; --n) s += kPieces[rng() % 12];
+    return s;
+}
+
+}  // namespace
+
+TEST(TalvorCompare, AgreesWithSqliteOrderUnlessAPrefix) {
+    std::mt19937 rng(31337);
+    int nPrefixPairs = 0;
+    for (int i = 0; i < 100000; ++i) {
+        std::string a = RandomText(rng, 12);
+        std::string b = (i % 3 == 0) ? a.substr(0, rng() % (a.size() + 1)) + RandomText(rng, 4) : RandomText(rng, 12);
+        if (i % 7 == 0) b = a;
+        for (int bCase = 0; bCase < 2; ++bCase) {
+            const int nOurs = Compare(a, b, bCase);
+            ASSERT_EQ(Sign(nOurs), -Sign(Compare(b, a, bCase))) << a << " | " << b;
+            const size_t nCommon = std::min(a.size(), b.size());
+            const int nPrefix = bCase ? memcmp(a.data(), b.data(), nCommon)
+                                      : sqlite3_strnicmp(a.data(), b.data(), (int)nCommon);
+            if (nPrefix != 0) {
+                const int nReference = bCase ? strcmp(a.c_str(), b.c_str())
+                                             : sqlite3_stricmp(a.c_str(), b.c_str());
+                ASSERT_EQ(Sign(nOurs), Sign(nReference)) << a << " | " << b << " case " << bCase;
+            } else {
+                // A text that is a prefix of the other sorts after it.
+                ++nPrefixPairs;
+                ASSERT_EQ(Sign(nOurs), Sign((int)b.size() - (int)a.size())) << a << " | " << b;
+            }
+        }
+    }
+    EXPECT_GT(nPrefixPairs, 10000);
+}
+
+TEST(TalvorCompare, Rules) {
+    // Trailing NULs are absent; 0 means strlen.
+    EXPECT_EQ(TalvorCompare("abc", 3, "abc\0", 4, TRUE), 0);
+    EXPECT_EQ(TalvorCompare("abc", 0, "abc\0\0", 5, TRUE), 0);
+    // The prefix sorts after: minus or plus the next byte of the longer text.
+    EXPECT_EQ(TalvorCompare("abc", 3, "abcd", 4, TRUE), 'd');
+    EXPECT_EQ(TalvorCompare("abcd", 4, "abc", 3, TRUE), -'d');
+    // A null side gives the other side's first byte, signed as a loss.
+    EXPECT_EQ(TalvorCompare(nullptr, 0, "b", 1, TRUE), -'b');
+    EXPECT_EQ(TalvorCompare("b", 1, nullptr, 0, TRUE), 'b');
+    EXPECT_EQ(TalvorCompare(nullptr, 0, nullptr, 0, TRUE), 0);
+    // Folded only where asked, to lower case, so "_" sorts below letters.
+    EXPECT_EQ(TalvorCompare("ABC", 3, "abc", 3, FALSE), 0);
+    EXPECT_LT(TalvorCompare("ABC", 3, "abc", 3, TRUE), 0);
+    EXPECT_GT(TalvorCompare("A", 1, "_", 1, FALSE), 0);
+    EXPECT_LT(TalvorCompare("A", 1, "_", 1, TRUE), 0);
+    // Inside multi-byte characters the result is the code point difference,
+    // also when the first differing byte is a continuation byte.
+    EXPECT_EQ(TalvorCompare("x\xE4\xB8\xAD", 4, "x\xE4\xB8\x81", 4, TRUE), 0x4E2D - 0x4E01);
+    EXPECT_EQ(TalvorCompare("\xC3\xA9", 2, "\xE4\xB8\xAD", 3, TRUE), 0xE9 - 0x4E2D);
+    // Multi-byte against ASCII: the bytes.
+    EXPECT_EQ(TalvorCompare("\xC3\xA9", 2, "z", 1, TRUE), 0xC3 - 'z');
+    // A sequence cut by the length is bytes, and nothing past it is read.
+    EXPECT_NE(TalvorCompare("\xE4\xB8", 2, "\xE4\xB9", 2, TRUE), 0);
+    // Differences past the first 8-byte word, in either half of a word.
+    EXPECT_LT(TalvorCompare("0123456789abcdefA", 17, "0123456789abcdefB", 17, TRUE), 0);
+    EXPECT_EQ(TalvorCompare("0123456789ABCDEFg", 17, "0123456789abcdefG", 17, FALSE), 0);
+}
+
+TEST(CaseFold, NoCaseCompareAndInPlaceFold) {
+    EXPECT_EQ(TalvorCompareNoCase("HeLLo world!", "hello WORLD!", 12), 0);
+    EXPECT_LT(TalvorCompareNoCase("abc", "ABD", 3), 0);
+    EXPECT_EQ(TalvorCompareNoCase("abcX", "ABCy", 3), 0);
+    EXPECT_EQ(TalvorCompareNoCase("a", nullptr, 1), -1);
+    // Only ASCII letters fold: the bytes around them stay.
+    char szText[] = "@AZ[`az{\xC3\x89";
+    TalvorMakeLower(szText, -1);
+    EXPECT_STREQ(szText, "@az[`az{\xC3\x89");
+    TalvorMakeUpper(szText, 3);
+    EXPECT_STREQ(szText, "@AZ[`az{\xC3\x89");
+    // Every byte value against the reference fold of SQLite.
+    for (int c = 1; c < 256; ++c) {
+        for (int d = 1; d < 256; ++d) {
+            const char a[2] = {(char)c, 0}, b[2] = {(char)d, 0};
+            ASSERT_EQ(Sign(TalvorCompareNoCase(a, b, 1)), Sign(sqlite3_stricmp(a, b))) << c << " " << d;
+        }
+    }
+}

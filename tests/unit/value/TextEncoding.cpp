@@ -1,0 +1,344 @@
+// Encodings against the C library's iconv (UTF-8, UTF-16LE and the native
+// wide form), hexadecimal text against OpenSSL's hex printer, and the
+// classification and name lookups by their rules.
+
+#include "TalvorBufferPool.h"
+#include "TalvorCharset.h"
+
+#include <gtest/gtest.h>
+#include <iconv.h>
+#include <openssl/crypto.h>
+
+#include <algorithm>
+#include <cstring>
+#include <cwchar>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+// Converts with iconv; false when iconv refuses the input.
+bool Iconv(const char* lpszTo, const char* lpszFrom, const std::string& in, std::string& out) {
+    iconv_t cd = iconv_open(lpszTo, lpszFrom);
+    if (cd == (iconv_t)-1) return false;
+    std::vector<char> buf(in.size() * 4 + 16);
+    char* pIn = const_cast<char*>(in.data());
+    size_t nIn = in.size();
+    char* pOut = buf.data();
+    size_t nOut = buf.size();
+    const size_t r = iconv(cd, &pIn, &nIn, &pOut, &nOut);
+    iconv_close(cd);
+    if (r == (size_t)-1) return false;
+    out.assign(buf.data(), buf.size() - nOut);
+    return true;
+}
+
+std::string Ucs4(const std::vector<UINT>& codes) {
+    return std::string((const char*)codes.data(), codes.size() * 4);
+}
+
+std::vector<UINT> RandomCodes(std::mt19937& rng, int n) {
+    std::vector<UINT> v;
+    while ((int)v.size() < n) {
+        UINT u;
+        switch (rng() % 4) {
+            case 0: u = 1 + rng() % 0x7F; break;
+            case 1: u = 0x80 + rng() % 0x780; break;
+            case 2: u = 0x800 + rng() % 0xF800; break;
+            default: u = 0x10000 + rng() % 0x100000; break;
+        }
+        if (u >= 0xD800 && u < 0xE000) continue;
+        v.push_back(u);
+    }
+    return v;
+}
+
+}  // namespace
+
+TEST(CodePoints, EveryScalarValueAgreesWithIconv) {
+    // All of Unicode in one go: our UTF-8 and UTF-16 forms of each code point
+    // against iconv's, and back through the packed form and the decoder.
+    std::vector<UINT> codes;
+    for (UINT u = 1; u <= 0x10FFFF; ++u) {
+        if (u < 0xD800 || u >= 0xE000) codes.push_back(u);
+    }
+    std::string strUtf8, strUtf16;
+    ASSERT_TRUE(Iconv("UTF-8", "UCS-4LE", Ucs4(codes), strUtf8));
+    ASSERT_TRUE(Iconv("UTF-16LE", "UCS-4LE", Ucs4(codes), strUtf16));
+    size_t nPos8 = 0, nPos16 = 0;
+    for (UINT u : codes) {
+        BYTE arBytes[4];
+        const int n = TalvorCode2UTF8(u, arBytes);
+        ASSERT_EQ(std::string((const char*)arBytes, n), strUtf8.substr(nPos8, n)) << u;
+        UINT uPacked = 0;
+        for (int i = 0; i < n; ++i) uPacked = (uPacked << 8) | arBytes[i];
+        nPos8 += n;
+        std::string strOne(1, '\0');
+        ASSERT_EQ(TalvorGetUnicode(strUtf8.c_str() + nPos8 - n), u);
+        wchar_t arUnits[2];
+        const int nUnits = TalvorCode2UTF16(uPacked, arUnits);
+        ASSERT_EQ(nUnits, u >= 0x10000 ? 2 : 1) << u;
+        for (int i = 0; i < nUnits; ++i) {
+            const unsigned uUnit = (BYTE)strUtf16[nPos16] | ((BYTE)strUtf16[nPos16 + 1] << 8);
+            ASSERT_EQ((unsigned)arUnits[i], uUnit) << u;
+            nPos16 += 2;
+        }
+    }
+    EXPECT_EQ(TalvorCode2UTF8(0x110000, nullptr), -1);
+}
+
+TEST(CodePoints, StrayAndMalformedForms) {
+    // Bytes that start no complete sequence come back as themselves; a NUL
+    // cuts a sequence, so nothing past it is read.
+    EXPECT_EQ(TalvorGetUnicode("\x80"), 0x80u);
+    EXPECT_EQ(TalvorGetUnicode("\xE4\xB8"), 0xE4u);
+    EXPECT_EQ(TalvorGetUnicode("\xFF"), 0xFFu);
+    // The 5- and 6-byte forms decode.
+    EXPECT_EQ(TalvorGetUnicode("\xF8\x88\x80\x80\x80"), 0x200000u);
+    EXPECT_EQ(TalvorGetUnicode("\xFD\xBF\xBF\xBF\xBF\xBF"), 0x7FFFFFFFu);
+    wchar_t arUnits[2];
+    EXPECT_EQ(TalvorCode2UTF16(0x80, arUnits), -1);        // a lone continuation
+    EXPECT_EQ(TalvorCode2UTF16(0xC341, arUnits), -1);      // a bad continuation
+    EXPECT_EQ(TalvorCode2UTF16(0xE4B8, arUnits), -1);      // a cut form
+    EXPECT_EQ(TalvorCode2UTF16(0xF4908080, arUnits), -1);  // above 0x10FFFF
+    EXPECT_EQ(TalvorCode2UTF16(0x41, arUnits), 1);
+    EXPECT_EQ(arUnits[0], L'A');
+}
+
+TEST(WideText, AgreesWithIconvBothWays) {
+    std::mt19937 rng(9);
+    for (int i = 0; i < 2000; ++i) {
+        const std::vector<UINT> codes = RandomCodes(rng, (int)(rng() % 40));
+        std::string strUtf8;
+        ASSERT_TRUE(Iconv("UTF-8", "UCS-4LE", Ucs4(codes), strUtf8));
+        std::wstring wstr(codes.begin(), codes.end());
+        // Wide to UTF-8: count, then write.
+        const int nNeed = TalvorUnicode2UTF8(wstr.c_str(), -1, nullptr, 0);
+        ASSERT_EQ(nNeed, (int)strUtf8.size());
+        std::vector<char> out((size_t)nNeed + 1);
+        ASSERT_EQ(TalvorUnicode2UTF8(wstr.c_str(), (int)wstr.size(), out.data(), (int)out.size()), nNeed);
+        ASSERT_EQ(std::string(out.data()), strUtf8);
+        if (nNeed > 0) {
+            ASSERT_EQ(TalvorUnicode2UTF8(wstr.c_str(), -1, out.data(), nNeed - 1), -1);
+        }
+        // UTF-8 to wide.
+        const int nUnits = TalvorUTF82Unicode(strUtf8.c_str(), -1, nullptr, 0);
+        ASSERT_EQ(nUnits, (int)codes.size());
+        std::vector<wchar_t> wide((size_t)nUnits + 1);
+        ASSERT_EQ(TalvorUTF82Unicode(strUtf8.data(), (int)strUtf8.size(), wide.data(), (int)wide.size()), nUnits);
+        ASSERT_EQ(std::wstring(wide.data()), wstr);
+        // Surrogate pairs held in two units are joined like iconv joins
+        // UTF-16 input.
+        std::string strUtf16;
+        ASSERT_TRUE(Iconv("UTF-16LE", "UCS-4LE", Ucs4(codes), strUtf16));
+        std::wstring wstrUnits;
+        for (size_t j = 0; j < strUtf16.size(); j += 2)
+            wstrUnits += (wchar_t)((BYTE)strUtf16[j] | ((BYTE)strUtf16[j + 1] << 8));
+        ASSERT_EQ(TalvorUnicode2UTF8(wstrUnits.c_str(), (int)wstrUnits.size(), out.data(), (int)out.size()), nNeed);
+        ASSERT_EQ(std::string(out.data()), strUtf8);
+    }
+    const wchar_t arTooBig[] = {(wchar_t)0x110000, 0};
+    EXPECT_EQ(TalvorUnicode2UTF8(arTooBig, -1, nullptr, 0), -1);
+}
+
+TEST(HexText, RoundTripAgainstOpenssl) {
+    std::mt19937 rng(10);
+    for (int i = 0; i < 500; ++i) {
+        std::vector<BYTE> data(rng() % 64);
+        for (auto& b : data) b = (BYTE)rng();
+        std::vector<char> hex(2 * data.size() + 1);
+        ASSERT_EQ(HexConvertChar(data.data(), (int)data.size(), hex.data()), 2 * (int)data.size());
+        // OpenSSL writes the same digits with colons between bytes.
+        char* pRef = OPENSSL_buf2hexstr(data.data(), (long)data.size());
+        std::string strRef(pRef ? pRef : "");
+        OPENSSL_free(pRef);
+        std::string strOurs;
+        for (size_t j = 0; j < data.size(); ++j) strOurs += (j ? ":" : "") + std::string(hex.data() + 2 * j, 2);
+        ASSERT_EQ(strOurs, strRef);
+        // Back, through lower case and skipped white space.
+        std::string strMixed;
+        for (size_t j = 0; j < 2 * data.size(); ++j) {
+            strMixed += (char)((j % 3) ? hex[j] : tolower(hex[j]));
+            if (j % 5 == 0) strMixed += " \t\r\n"[j % 4];
+        }
+        std::vector<BYTE> back(data.size() + 1);
+        int nOut = (int)back.size();
+        ASSERT_EQ(CharConvertHex(strMixed.data(), (int)strMixed.size(), back.data(), nOut), 0);
+        ASSERT_EQ(nOut, (int)data.size());
+        ASSERT_TRUE(std::equal(data.begin(), data.end(), back.begin()));
+        std::wstring wstr(strMixed.begin(), strMixed.end());
+        nOut = (int)back.size();
+        ASSERT_EQ(WCharConvertHex(wstr.data(), (int)wstr.size(), back.data(), nOut), 0);
+        ASSERT_TRUE(std::equal(data.begin(), data.end(), back.begin()));
+    }
+    BYTE arOut[4];
+    int nOut = 4;
+    EXPECT_EQ(CharConvertHex("0G", 2, arOut, nOut), TALVOR_ERROR_BAD_HEX_TEXT);
+    nOut = 4;
+    EXPECT_EQ(CharConvertHex("ABC", 3, arOut, nOut), TALVOR_ERROR_BAD_HEX_TEXT);
+    nOut = 1;
+    EXPECT_EQ(CharConvertHex("ABCD", 4, arOut, nOut), TALVOR_ERROR_NO_ROOM);
+    wchar_t wszHex[8];
+    const BYTE arBytes[] = {0xAB, 0x01};
+    EXPECT_EQ(HexConvertWChar(arBytes, 2, wszHex), 4);
+    EXPECT_STREQ(wszHex, L"AB01");
+}
+
+TEST(MySqlEscape, EscapesExactlyTheNamedBytes) {
+    for (int c = 1; c < 256; ++c) {
+        const char szIn[2] = {(char)c, 0};
+        char szOut[3];
+        const int n = ConvertMySQLVarchar(szIn, szOut);
+        ASSERT_EQ(ConvertMySQLVarchar(szIn, nullptr), n);
+        const char* lpszEscaped = strchr("\b\t\n\r\x1A'\"\\", c);
+        if (lpszEscaped != nullptr) {
+            ASSERT_EQ(n, 2) << c;
+            ASSERT_EQ(szOut[0], '\\');
+            ASSERT_EQ(szOut[1], "btnrZ'\"\\"[lpszEscaped - "\b\t\n\r\x1A'\"\\"]);
+        } else {
+            ASSERT_EQ(n, 1) << c;
+            ASSERT_EQ(szOut[0], (char)c);
+        }
+    }
+    char szOut[32];
+    EXPECT_EQ(ConvertMySQLVarchar("it's a\\b", szOut), 10);
+    EXPECT_STREQ(szOut, "it\\'s a\\\\b");
+}
+
+TEST(BinaryText, LengthThenAtMost32Bytes) {
+    std::vector<BYTE> data(40);
+    for (size_t i = 0; i < data.size(); ++i) data[i] = (BYTE)i;
+    wchar_t* lpsz = TalvorConvertBinary(data.data(), 40);
+    ASSERT_NE(lpsz, nullptr);
+    std::wstring expected = L"(40)";
+    for (int i = 0; i < 32; ++i) {
+        wchar_t w[3];
+        swprintf(w, 3, L"%02X", i);
+        expected += w;
+    }
+    EXPECT_EQ(std::wstring(lpsz), expected);
+    delete[] lpsz;
+    lpsz = TalvorConvertBinary(data.data(), 0);
+    ASSERT_NE(lpsz, nullptr);
+    EXPECT_STREQ(lpsz, L"(0)");
+    delete[] lpsz;
+}
+
+TEST(Classification, ByTheOrderOfTheCharacterSet) {
+    const std::string strAscii = "plain text";
+    const std::string strUtf8 = "caf\xC3\xA9 \xE4\xB8\xAD";
+    // "中文" in GBK and a four-byte GB18030 sequence: not UTF-8.
+    std::string strGbk;
+    ASSERT_TRUE(Iconv("GB18030", "UTF-8", "\xE4\xB8\xAD\xE6\x96\x87 \xF0\x9F\x98\x80", strGbk));
+    std::string strBack;
+    ASSERT_FALSE(Iconv("UTF-8", "UTF-8", strGbk, strBack));
+    const std::string strNeither = "\xFF\xFF";
+    for (int nSet : {33, 45}) {
+        EXPECT_EQ(GetCharacterCodetype(nSet, strAscii.data(), (int)strAscii.size()), TALVOR_TEXT_ASCII);
+        EXPECT_EQ(GetCharacterCodetype(nSet, strUtf8.data(), (int)strUtf8.size()), TALVOR_TEXT_UTF8);
+        EXPECT_EQ(GetCharacterCodetype(nSet, strGbk.data(), (int)strGbk.size()), TALVOR_TEXT_DOUBLE_BYTE);
+        EXPECT_EQ(GetCharacterCodetype(nSet, strNeither.data(), 2), TALVOR_TEXT_UNKNOWN);
+    }
+    // A GBK column tries GBK first: the UTF-8 text "é中" happens to be
+    // valid GBK too (C3 A9, E4 B8, then AD and a missing second byte is not).
+    EXPECT_EQ(GetCharacterCodetype(28, strAscii.data(), (int)strAscii.size()), TALVOR_TEXT_ASCII);
+    EXPECT_EQ(GetCharacterCodetype(28, strGbk.data(), (int)strGbk.size()), TALVOR_TEXT_DOUBLE_BYTE);
+    EXPECT_EQ(GetCharacterCodetype(28, "\xC3\xA9\xE4\xB8", 4), TALVOR_TEXT_DOUBLE_BYTE);
+    EXPECT_EQ(GetCharacterCodetype(28, strUtf8.data(), (int)strUtf8.size()), TALVOR_TEXT_UTF8);
+    EXPECT_EQ(GetCharacterCodetype(28, strNeither.data(), 2), TALVOR_TEXT_UNKNOWN);
+    // Every text iconv accepts as GB18030 and refuses as UTF-8 is classed
+    // double-byte under a UTF-8 set.
+    std::mt19937 rng(11);
+    int nChecked = 0;
+    for (int i = 0; i < 3000; ++i) {
+        std::string s;
+        for (int n = 1 + rng() % 8; n > 0; --n) s += (char)(rng() % 2 ? 0x81 + rng() % 0x7E : 0x40 + rng() % 0xBF);
+        std::string strConverted;
+        if (!Iconv("UTF-8", "GB18030", s, strConverted) || Iconv("UTF-8", "UTF-8", s, strBack)) continue;
+        ++nChecked;
+        ASSERT_EQ(GetCharacterCodetype(33, s.data(), (int)s.size()), TALVOR_TEXT_DOUBLE_BYTE);
+    }
+    EXPECT_GT(nChecked, 100);
+}
+
+TEST(CollationNames, TableQuotingCaseAndFallbacks) {
+    struct Row { const char* m_lpszName; int m_nId; };
+    const Row kRows[] = {
+        {"utf8_general_ci", 33},    {"utf8_unicode_ci", 33},   {"utf8mb4_general_ci", 45},
+        {"utf8mb4_unicode_ci", 224}, {"utf8_bin", 83},         {"utf8mb4_bin", 46},
+        {"gbk_chinese_ci", 28},     {"gb2312_chinese_ci", 24}, {"gb18030_chinese_ci", 248},
+        {"gb2312_bin", 86},         {"gbk_bin", 87},           {"gb18030_bin", 249},
+        {"latin1_german1_ci", 5},   {"latin1_swedish_ci", 8},  {"latin1_danish_ci", 15},
+        {"latin1_german2_ci", 31},  {"latin1_spanish_ci", 94}, {"latin1_bin", 47},
+        {"latin1_general_ci", 48},
+    };
+    for (const Row& row : kRows) {
+        std::string strName = row.m_lpszName;
+        EXPECT_EQ(GetCollationType(strName.data(), (int)strName.size()), row.m_nId) << strName;
+        std::string strUpper = strName;
+        for (char& c : strUpper) c = (char)toupper(c);
+        for (const char* q : {"'", "\"", "`"}) {
+            const std::string strQuoted = q + strUpper + q;
+            EXPECT_EQ(GetCollationType(strQuoted.data(), (int)strQuoted.size()), row.m_nId) << strQuoted;
+        }
+        // A name is whole: a longer name is another name.
+        if (row.m_nId != 33) {
+            EXPECT_NE(GetCollationType((strName + "x").c_str(), (int)strName.size() + 1), row.m_nId);
+        }
+    }
+    EXPECT_EQ(GetCollationType("latin1_unknown", 14), 49);
+    EXPECT_EQ(GetCollationType("Lxx", 3), 49);
+    EXPECT_EQ(GetCollationType("ascii_general_ci", 16), 48);
+    EXPECT_EQ(GetCollationType("ASCII_BIN", 9), 49);
+    EXPECT_EQ(GetCollationType("no_such_collation", 17), 33);
+    EXPECT_EQ(GetCollationType("'utf8_bin\"", 10), 33);  // quotes must pair
+    // Tokens the keyword parser classes as punctuation or literals fall to
+    // the default.
+    for (const char* lpszToken : {"(", ",", "0x41", "b'01'", "x'4c'", "=", ""})
+        EXPECT_EQ(GetCollationType(lpszToken, (int)strlen(lpszToken)), 33) << lpszToken;
+    // Names are cut to 31 bytes: an ASCII name ending in CI only counts
+    // when the CI lies within them.
+    const std::string strAscii31 = "ascii_" + std::string(23, 'x') + "ci";
+    EXPECT_EQ(GetCollationType(strAscii31.data(), (int)strAscii31.size()), 48);
+    const std::string strAscii32 = "ascii_" + std::string(24, 'x') + "ci";
+    EXPECT_EQ(GetCollationType(strAscii32.data(), (int)strAscii32.size()), 49);
+}
+
+TEST(CharacterSetNames, TableAndLatin) {
+    EXPECT_EQ(GetCharacterset("utf8", 4), 33);
+    EXPECT_EQ(GetCharacterset("`UTF8MB4`", 9), 45);
+    EXPECT_EQ(GetCharacterset("'gb2312'", 8), 24);
+    EXPECT_EQ(GetCharacterset("GBK", 3), 28);
+    EXPECT_EQ(GetCharacterset("\"gb18030\"", 9), 248);
+    EXPECT_EQ(GetCharacterset("Binary", 6), 63);
+    EXPECT_EQ(GetCharacterset("latin1", 6), 8);
+    EXPECT_EQ(GetCharacterset("LATIN7", 6), 8);
+    EXPECT_EQ(GetCharacterset("lati", 4), 33);
+    EXPECT_EQ(GetCharacterset("utf8m", 5), 33);
+    EXPECT_EQ(GetCharacterset("(", 1), 33);
+}
+
+TEST(WideText, PoolCopyAgreesWithIconvAndStaysInThePool) {
+    std::mt19937 rng(31);
+    CTalvorBufferPool pool;
+    for (int i = 0; i < 500; ++i) {
+        const std::vector<UINT> codes = RandomCodes(rng, (int)(rng() % 60));
+        std::string strUtf8;
+        ASSERT_TRUE(Iconv("UTF-8", "UCS-4LE", Ucs4(codes), strUtf8));
+        // Bytes behind nLen must not be taken in.
+        const std::string withTail = strUtf8 + "tail";
+        wchar_t* lpWide = TalvorConvertWChar(withTail.data(), (int)strUtf8.size(), &pool);
+        ASSERT_NE(lpWide, nullptr);
+        ASSERT_EQ(std::wstring(lpWide), std::wstring(codes.begin(), codes.end()));
+        wchar_t* lpByNul = TalvorConvertWChar(strUtf8.c_str(), -1, &pool);
+        ASSERT_NE(lpByNul, nullptr);
+        ASSERT_EQ(std::wstring(lpByNul), std::wstring(lpWide));
+        ASSERT_EQ((uintptr_t)lpWide % alignof(wchar_t), 0u);
+    }
+    EXPECT_EQ(TalvorConvertWChar("abc", 3, nullptr), nullptr);
+    EXPECT_EQ(TalvorConvertWChar(nullptr, 3, &pool), nullptr);
+    wchar_t* lpEmpty = TalvorConvertWChar("", 0, &pool);
+    ASSERT_NE(lpEmpty, nullptr);
+    EXPECT_EQ(lpEmpty[0], 0);
+}

@@ -1,0 +1,213 @@
+// The hashes: CRC-32 against zlib, MD5 against OpenSSL and RFC 1321, and the
+// program's own hashes and scrambler by their rules and pinned values.
+
+#include "MD5.h"
+#include "TalvorHash.h"
+
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <zlib.h>
+
+#include <cstring>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::vector<BYTE> RandomBytes(std::mt19937& rng, size_t n) {
+    std::vector<BYTE> v(n);
+    for (auto& b : v) b = (BYTE)rng();
+    return v;
+}
+
+std::string OpensslMd5Hex(const BYTE* p, size_t n) {
+    unsigned char arDigest[EVP_MAX_MD_SIZE];
+    unsigned int nDigest = 0;
+    EVP_Digest(p, n, arDigest, &nDigest, EVP_md5(), nullptr);
+    static const char kHex[] = "0123456789abcdef";
+    std::string s;
+    for (unsigned i = 0; i < nDigest; ++i) {
+        s += kHex[arDigest[i] >> 4];
+        s += kHex[arDigest[i] & 15];
+    }
+    return s;
+}
+
+std::string Md5Hex(const std::string& s) {
+    MD5 md5;
+    md5.MD5Update(s.data(), (int)s.size());
+    char szHex[MD5_HEX_BYTES];
+    md5.MD5Final(szHex);
+    return szHex;
+}
+
+}  // namespace
+
+TEST(Crc32, AgreesWithZlibAtEveryLengthAndAlignment) {
+    std::mt19937 rng(1);
+    const std::vector<BYTE> data = RandomBytes(rng, 4096 + 16);
+    for (int nOffset = 0; nOffset < 8; ++nOffset) {
+        for (int nLen = 1; nLen <= 300; ++nLen) {
+            ASSERT_EQ(TalvorCRC32(data.data() + nOffset, nLen), (UINT)crc32(0, data.data() + nOffset, (uInt)nLen))
+                << nOffset << " " << nLen;
+        }
+    }
+    ASSERT_EQ(TalvorCRC32(data.data(), 4096), (UINT)crc32(0, data.data(), 4096));
+    // The check value of the standard.
+    EXPECT_EQ(TalvorCRC32("123456789", 9), 0xCBF43926u);
+    // A length below 1 is 0, not the complement of the start value.
+    EXPECT_EQ(TalvorCRC32("x", 0), 0u);
+    EXPECT_EQ(TalvorCRC32(nullptr, 5), 0u);
+}
+
+TEST(Md5, Rfc1321Vectors) {
+    EXPECT_EQ(Md5Hex(""), "d41d8cd98f00b204e9800998ecf8427e");
+    EXPECT_EQ(Md5Hex("a"), "0cc175b9c0f1b6a831c399e269772661");
+    EXPECT_EQ(Md5Hex("abc"), "900150983cd24fb0d6963f7d28e17f72");
+    EXPECT_EQ(Md5Hex("message digest"), "f96b697d7cb7938d525a2f31aaf161d0");
+    EXPECT_EQ(Md5Hex("abcdefghijklmnopqrstuvwxyz"), "c3fcd3d76192e4007dfb496cca67e13b");
+    EXPECT_EQ(Md5Hex("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789"),
+              "d174ab98d277d9f5a5611c2c9f419d9f");
+    EXPECT_EQ(Md5Hex("12345678901234567890123456789012345678901234567890123456789012345678901234567890"),
+              "57edf4a22be3c955ac49da2e2107b67a");
+}
+
+TEST(Md5, AgreesWithOpensslInAnyChunking) {
+    std::mt19937 rng(2);
+    for (int i = 0; i < 400; ++i) {
+        // Lengths around the padding edges (55, 56, 63, 64) are the ones
+        // that break a finish step.
+        const size_t nLen = i < 200 ? (size_t)i : rng() % 5000;
+        const std::vector<BYTE> data = RandomBytes(rng, nLen);
+        MD5 md5;
+        for (size_t nDone = 0; nDone < nLen;) {
+            const size_t nChunk = std::min(nLen - nDone, (size_t)(rng() % 130));
+            md5.MD5Update(data.data() + nDone, (int)nChunk);
+            nDone += nChunk;
+        }
+        char szHex[MD5_HEX_BYTES];
+        md5.MD5Final(szHex);
+        ASSERT_EQ(std::string(szHex), OpensslMd5Hex(data.data(), nLen)) << nLen;
+        // Reused after MD5Init, the raw digest is the same.
+        md5.MD5Init();
+        md5.MD5Update(data.data(), (int)nLen);
+        BYTE arDigest[MD5_DIGEST_BYTES];
+        md5.MD5Final(arDigest);
+        char szAgain[MD5_HEX_BYTES];
+        for (int j = 0; j < MD5_DIGEST_BYTES; ++j) snprintf(szAgain + 2 * j, 3, "%02x", arDigest[j]);
+        ASSERT_STREQ(szAgain, szHex);
+    }
+}
+
+TEST(SqlHash, WordsRotatedByIndexAndTailIgnored) {
+    // One word padded with zeros under 4 bytes.
+    EXPECT_EQ(CalcSQLHash("ab", 2), 0x6261u);
+    // The fifth byte doesn't count.
+    EXPECT_EQ(CalcSQLHash("abcdX", 5), CalcSQLHash("abcdY", 5));
+    EXPECT_EQ(CalcSQLHash("abcdX", 5), 0x64636261u);
+    // Word i is rotated by i mod 30: 31 words of 0x80000000 give 30
+    // distinct rotations and then the first one again.
+    std::string s;
+    for (int i = 0; i < 31; ++i) s += std::string("\0\0\0\x80", 4);
+    UINT uExpected = 0;
+    for (int i = 0; i < 31; ++i) {
+        const int r = i % 30;
+        uExpected += r ? (0x80000000u << r) | (0x80000000u >> (32 - r)) : 0x80000000u;
+    }
+    EXPECT_EQ(CalcSQLHash(s.data(), (int)s.size()), uExpected);
+    EXPECT_EQ(CalcSQLHash("", 0), 0u);
+}
+
+TEST(BkdrHash, SignedBytesAndMask) {
+    EXPECT_EQ(BKDRHash("a", 1), 97u);
+    EXPECT_EQ(BKDRHash("ab", 2), 97u * 131 + 98);
+    // A byte above 127 enters as a negative number.
+    EXPECT_EQ(BKDRHash("\xFF", 1), 0x7FFFFFFFu);
+    EXPECT_EQ(BKDRHash("a\xFF", 2), (97u * 131 - 1) & 0x7FFFFFFFu);
+    EXPECT_EQ(BKDRHash("abc", 0), 0u);
+    std::mt19937 rng(3);
+    for (int i = 0; i < 1000; ++i) {
+        const auto data = RandomBytes(rng, 1 + rng() % 64);
+        ASSERT_LE(BKDRHash((const char*)data.data(), (int)data.size()), 0x7FFFFFFFu);
+    }
+}
+
+TEST(KeyHash, BucketsAreInRangeForAnyKey) {
+    EXPECT_EQ(CalcKeyHash("abc", 0), 0);
+    // The spreading rule for small tables, by hand for one key.
+    unsigned long long h = 0xD3202B73ull;
+    h = h * 37 + ('a' - 87);
+    h = h * 10 + 7;
+    h = h * 131 + '-';
+    const long long k = (long long)h;
+    EXPECT_EQ(CalcKeyHash("a7-", 257), (int)(((unsigned long long)(k & ~(7LL << 60)) + (unsigned long long)(k >> 32)) % 257));
+    // Letters of either case are the same base-37 digit.
+    EXPECT_EQ(CalcKeyHash("ABC", 1021), CalcKeyHash("abc", 1021));
+    // Long keys reach every sign and size; a bucket is never negative.
+    std::mt19937 rng(4);
+    for (int i = 0; i < 20000; ++i) {
+        std::string s;
+        for (int n = 1 + rng() % 40; n > 0; --n) s += (char)(1 + rng() % 255);
+        const int nCount = (i % 2) ? 257 : 0x1000000 + (int)(rng() % 1000);
+        const int nBucket = CalcKeyHash(s.c_str(), nCount);
+        ASSERT_GE(nBucket, 0);
+        ASSERT_LT(nBucket, nCount);
+    }
+}
+
+TEST(DataToken, InItsRange) {
+    for (int i = 0; i < 1000; ++i) {
+        const USHORT us = CreateDataToken();
+        ASSERT_GE(us, 1);
+        ASSERT_LE(us, 32765);
+    }
+}
+
+TEST(Encryption, StableValuesAndDependence) {
+    // Values shared with the engine: these bytes must never change.
+    BYTE arSrc[24];
+    for (int i = 0; i < 24; ++i) arSrc[i] = (BYTE)(i * 11 + 1);
+    BYTE arOut[16];
+    Encryption(arSrc, 0x1234, arOut);
+    char szHex[33];
+    for (int i = 0; i < 16; ++i) snprintf(szHex + 2 * i, 3, "%02x", arOut[i]);
+    EXPECT_STREQ(szHex, "a198f52d1289d134f74b4610f69cf004");
+
+    // Every database number gives its own result, and so does every source
+    // byte, the two bytes 8..15 that both blocks share included.
+    std::set<std::string> seen;
+    for (int nGuid = 0; nGuid < 512; ++nGuid) {
+        Encryption(arSrc, (USHORT)nGuid, arOut);
+        seen.insert(std::string((const char*)arOut, 16));
+    }
+    EXPECT_EQ(seen.size(), 512u);
+    Encryption(arSrc, 7, arOut);
+    for (int i = 0; i < 24; ++i) {
+        BYTE arChanged[24];
+        memcpy(arChanged, arSrc, 24);
+        arChanged[i] ^= 0x01;
+        BYTE arOther[16];
+        Encryption(arChanged, 7, arOther);
+        ASSERT_NE(memcmp(arOut, arOther, 16), 0) << i;
+    }
+}
+
+TEST(Encryption, ScramblerIsABijection) {
+    // No two of many blocks may meet: the scrambler loses no information.
+    std::mt19937 rng(6);
+    for (USHORT usGuid : {(USHORT)0, (USHORT)5, (USHORT)0xFFFF}) {
+        std::set<std::string> seen;
+        for (int i = 0; i < 20000; ++i) {
+            BYTE arBlock[16] = {0};
+            // Blocks that differ in one bit only, the hardest case.
+            const int nBit = i % 128;
+            arBlock[nBit / 8] = (BYTE)(1u << (nBit % 8));
+            if (i >= 128) for (auto& b : arBlock) b = (BYTE)rng();
+            EncrpytKey(arBlock, usGuid);
+            seen.insert(std::string((const char*)arBlock, 16));
+        }
+        EXPECT_EQ(seen.size(), 20000u);
+    }
+}

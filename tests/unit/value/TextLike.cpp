@@ -1,0 +1,280 @@
+// LIKE: the pattern rewrite and the matchers, against SQLite's LIKE and GLOB
+// on generated patterns and texts, plus the rules SQLite has no counterpart
+// for.
+//
+// Where the two rule sets part, the generators stay out of the way and the
+// cases below pin our side:
+// - SQLite's LIKE always folds letters and its GLOB never does; ours takes
+//   the choice as an argument, so folded runs meet LIKE and exact runs GLOB.
+// - A doubled escape stands for itself only once here; SQLite keeps the
+//   escape for the whole pattern. Generated escapes never precede an escape.
+// - An escape at the very end is a literal here; SQLite refuses the match.
+// - GLOB's [...] classes and the bytes 1 and 2 (our wildcards) are never
+//   generated.
+// - bSubStr (prefix match) has no SQLite flag: it is checked as LIKE with a
+//   "%" appended.
+
+#include "TalvorString.h"
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+// The text as the engine gives it: rewritten once, matched many times.
+struct Pattern {
+    std::string m_strForm;
+    int m_nWords = 0;
+};
+
+Pattern Prepare(const std::string& strSql, const char* pEscape = nullptr, BOOL bAnsi = TRUE) {
+    std::vector<char> buf(strSql.begin(), strSql.end());
+    buf.push_back(0);
+    int nLen = (int)buf.size();
+    StrPretreatment(buf.data(), nLen, pEscape, bAnsi);
+    Pattern p;
+    p.m_strForm.assign(buf.data(), nLen - 1);
+    p.m_nWords = TalvorLikeFixedWords(p.m_strForm.data(), (int)p.m_strForm.size());
+    return p;
+}
+
+bool Like(const std::string& strText, const Pattern& p, bool bFold, bool bSubStr = false, int nCount = -1) {
+    return SubStringMatch(strText.data(), (int)strText.size(), p.m_strForm.data(), (int)p.m_strForm.size(),
+                          nCount < 0 ? p.m_nWords : nCount, bFold ? 0 : 1, TRUE, bSubStr ? TRUE : FALSE) ==
+           TALVOR_MATCH_YES;
+}
+
+std::string Rewritten(const std::string& strSql, const char* pEscape, BOOL bAnsi) {
+    return Prepare(strSql, pEscape, bAnsi).m_strForm;
+}
+
+const char* const kTextPieces[] = {"a", "b", "A", "B", "c", "\xC3\xA9", "\xC3\x89", "\xE4\xB8\xAD",
+                                   "\xF0\x9F\x98\x80", "ab", " "};
+
+struct Generator {
+    std::mt19937 m_rng;
+    explicit Generator(unsigned uSeed) : m_rng(uSeed) {}
+
+    int Below(int n) { return (int)(m_rng() % (unsigned)n); }
+
+    std::vector<std::string> Text(int nMax) {
+        std::vector<std::string> pieces;
+        for (int n = Below(nMax + 1); n > 0; --n) pieces.push_back(kTextPieces[Below(11)]);
+        return pieces;
+    }
+
+    // A pattern made from a text so that matches are common: pieces kept,
+    // refolded, replaced by "_", runs replaced by "%", "%" inserted.
+    std::string PatternFrom(const std::vector<std::string>& text, bool bEscapes) {
+        std::string strPat;
+        for (size_t i = 0; i < text.size(); ++i) {
+            const int nRoll = Below(10);
+            if (nRoll == 0) strPat += '_';
+            else if (nRoll == 1) { strPat += '%'; i += Below(3); }
+            else if (nRoll == 2) strPat += "%" + text[i];
+            else if (nRoll == 3) strPat += kTextPieces[Below(11)];
+            else if (nRoll == 4 && bEscapes) strPat += Below(2) ? "!%" : "!_";
+            else strPat += text[i];
+        }
+        if (Below(4) == 0) strPat += '%';
+        return strPat;
+    }
+
+    static std::string Join(const std::vector<std::string>& pieces) {
+        std::string s;
+        for (const auto& p : pieces) s += p;
+        return s;
+    }
+};
+
+std::string GlobOf(const std::string& strLike) {
+    std::string s = strLike;
+    for (char& c : s) {
+        if (c == '%') c = '*';
+        else if (c == '_') c = '?';
+    }
+    return s;
+}
+
+}  // namespace
+
+TEST(LikePattern, RewritesWildcardsEscapesAndCountsTheNul) {
+    // % and _ become the marker bytes; a run of % folds to one.
+    EXPECT_EQ(Rewritten("a%%%b_", nullptr, TRUE), std::string("a\x01" "b\x02"));
+    EXPECT_EQ(Rewritten("%", nullptr, TRUE), std::string("\x01"));
+    // The length in and out counts the closing NUL.
+    char szPat[] = "%%";
+    int nLen = 3;
+    EXPECT_EQ(StrPretreatment(szPat, nLen, nullptr, TRUE), 2);
+    EXPECT_EQ(nLen, 2);
+    EXPECT_EQ(szPat[1], 0);
+    char szEmpty[] = "x";
+    nLen = 1;
+    StrPretreatment(szEmpty, nLen, nullptr, TRUE);
+    EXPECT_EQ(nLen, 1);
+    EXPECT_EQ(szEmpty[0], 0);
+    // Backslash: the escape without bAnsi, plain text with it.
+    EXPECT_EQ(Rewritten("a\\%b\\x", nullptr, FALSE), "a%bx");
+    EXPECT_EQ(Rewritten("a\\%b", nullptr, TRUE), std::string("a\\\x01" "b"));
+    // A backslash before % or _ is literal-making even beside another escape.
+    EXPECT_EQ(Rewritten("\\_!%", "!", FALSE), "_%");
+    EXPECT_EQ(Rewritten("\\_!%", "!", TRUE), std::string("\\\x02%"));
+    // A doubled escape stands for itself once; after that the escape is text.
+    EXPECT_EQ(Rewritten("!!a!%", "!", TRUE), std::string("!a!\x01"));
+    EXPECT_EQ(Rewritten("!%!!!_", "!", TRUE), std::string("%!!\x02"));
+    // An escape at the end has nothing to guard and stays.
+    EXPECT_EQ(Rewritten("ab!", "!", TRUE), "ab!");
+}
+
+TEST(LikeMatch, AgreesWithSqliteLikeWhenFolding) {
+    Generator gen(20240611);
+    int nMatches = 0;
+    for (int i = 0; i < 40000; ++i) {
+        const auto text = gen.Text(10);
+        const std::string strText = Generator::Join(text);
+        const bool bEscapes = gen.Below(3) == 0;
+        const std::string strSql = gen.Below(5) == 0 ? gen.PatternFrom(gen.Text(8), bEscapes)
+                                                     : gen.PatternFrom(text, bEscapes);
+        const bool bSqlite = sqlite3_strlike(strSql.c_str(), strText.c_str(), bEscapes ? '!' : 0) == 0;
+        const Pattern p = Prepare(strSql, bEscapes ? "!" : nullptr);
+        ASSERT_EQ(Like(strText, p, true), bSqlite) << "pattern [" << strSql << "] text [" << strText << "]";
+        // The word-wise head is only a shortcut: no count, or an
+        // overstated one, must not change the answer.
+        ASSERT_EQ(Like(strText, p, true, false, 0), bSqlite);
+        ASSERT_EQ(Like(strText, p, true, false, 1000), bSqlite);
+        // A prefix match is LIKE with a trailing %.
+        const bool bPrefix = sqlite3_strlike((strSql + "%").c_str(), strText.c_str(), bEscapes ? '!' : 0) == 0;
+        ASSERT_EQ(Like(strText, p, true, true), bPrefix) << "pattern [" << strSql << "] text [" << strText << "]";
+        nMatches += bSqlite;
+    }
+    // The generator must exercise both answers, or the check says little.
+    EXPECT_GT(nMatches, 4000);
+    EXPECT_LT(nMatches, 36000);
+}
+
+TEST(LikeMatch, AgreesWithSqliteGlobWhenExact) {
+    Generator gen(77);
+    int nMatches = 0;
+    for (int i = 0; i < 40000; ++i) {
+        const auto text = gen.Text(10);
+        const std::string strText = Generator::Join(text);
+        const std::string strSql = gen.PatternFrom(text, false);
+        const bool bSqlite = sqlite3_strglob(GlobOf(strSql).c_str(), strText.c_str()) == 0;
+        const Pattern p = Prepare(strSql);
+        ASSERT_EQ(Like(strText, p, false), bSqlite) << "pattern [" << strSql << "] text [" << strText << "]";
+        nMatches += bSqlite;
+    }
+    EXPECT_GT(nMatches, 4000);
+}
+
+TEST(LikeMatch, SpecialCases) {
+    // Only %: everything, the empty text included.
+    EXPECT_TRUE(Like("", Prepare("%"), true));
+    EXPECT_TRUE(Like("anything", Prepare("%%%"), true));
+    EXPECT_FALSE(Like("", Prepare("_"), true));
+    // _ takes a whole character of up to four bytes, never a byte of one.
+    EXPECT_TRUE(Like("\xE4\xB8\xAD", Prepare("_"), true));
+    EXPECT_FALSE(Like("\xE4\xB8\xAD", Prepare("__"), true));
+    EXPECT_FALSE(Like("\xE4\xB8\xAD", Prepare("%__"), true));
+    EXPECT_TRUE(Like("x\xF0\x9F\x98\x80y", Prepare("x_y"), true));
+    // Case: folding touches ASCII letters only.
+    EXPECT_TRUE(Like("ABC", Prepare("abc"), true));
+    EXPECT_FALSE(Like("ABC", Prepare("abc"), false));
+    EXPECT_FALSE(Like("\xC3\x89", Prepare("\xC3\xA9"), true));
+    // Trailing NUL bytes of either side are padding.
+    const std::string strPadded("abc\0\0", 5);
+    EXPECT_TRUE(Like(strPadded, Prepare("abc"), true));
+}
+
+TEST(LikeMatch, ManyWildcardsStayPolynomial) {
+    // A recursion into every % would not finish this before the heat death
+    // of the test runner: 40 runs of % against 20000 characters that almost
+    // match.
+    std::string strSql;
+    for (int i = 0; i < 40; ++i) strSql += "%a";
+    strSql += "%b";
+    const std::string strText(20000, 'a');
+    EXPECT_FALSE(Like(strText, Prepare(strSql), true));
+    EXPECT_TRUE(Like(strText + "b", Prepare(strSql), true));
+    EXPECT_FALSE(Like(strText, Prepare("%_%_%_%_%_%_%_%_%_%_%_%_%_%_%_%_%_%_%_%_%_%_%_%_%_%_%_%_%_%_%_%_b"), true));
+}
+
+TEST(LikeFind, AnchoredWithOptionalLiteralHead) {
+    const std::string strText = "ab\x01" "cd";
+    // SubStringFind is anchored and lets the text go on.
+    const Pattern p = Prepare("ab");
+    EXPECT_EQ(SubStringFind(strText.data(), 5, p.m_strForm.data(), 2, 1, TRUE), TALVOR_MATCH_YES);
+    EXPECT_EQ(SubStringFind("xab", 3, p.m_strForm.data(), 2, 1, TRUE), TALVOR_MATCH_NO);
+    // With bMatch clear a marker byte at the head is literal text.
+    const char szHead[] = "\x01" "cd";
+    EXPECT_EQ(SubStringFind(strText.data() + 2, 3, szHead, 3, 1, FALSE), TALVOR_MATCH_YES);
+    EXPECT_EQ(SubStringFind("zzcd", 4, szHead, 3, 1, FALSE), TALVOR_MATCH_NO);
+    EXPECT_EQ(SubStringFind("zzcd", 4, szHead, 3, 1, TRUE), TALVOR_MATCH_YES);
+}
+
+namespace {
+
+std::string SqliteReplace(sqlite3_stmt* pStmt, const std::string& a, const std::string& b, const std::string& c) {
+    sqlite3_reset(pStmt);
+    sqlite3_bind_text(pStmt, 1, a.data(), (int)a.size(), SQLITE_TRANSIENT);
+    sqlite3_bind_text(pStmt, 2, b.data(), (int)b.size(), SQLITE_TRANSIENT);
+    sqlite3_bind_text(pStmt, 3, c.data(), (int)c.size(), SQLITE_TRANSIENT);
+    EXPECT_EQ(sqlite3_step(pStmt), SQLITE_ROW);
+    const char* p = (const char*)sqlite3_column_text(pStmt, 0);
+    return p ? std::string(p, (size_t)sqlite3_column_bytes(pStmt, 0)) : std::string();
+}
+
+}  // namespace
+
+TEST(CharReplace, AgreesWithSqliteReplace) {
+    sqlite3* pDb = nullptr;
+    ASSERT_EQ(sqlite3_open(":memory:", &pDb), SQLITE_OK);
+    sqlite3_stmt* pStmt = nullptr;
+    ASSERT_EQ(sqlite3_prepare_v2(pDb, "SELECT replace(?1, ?2, ?3)", -1, &pStmt, nullptr), SQLITE_OK);
+    std::mt19937 rng(5);
+    const char kAlphabet[] = "aab\xC3";
+    auto fnRandom = [&](int nMax) {
+        std::string s;
+        for (int n = (int)(rng() % (unsigned)(nMax + 1)); n > 0; --n) s += kAlphabet[rng() % 4];
+        return s;
+    };
+    for (int i = 0; i < 5000; ++i) {
+        const std::string strSrc = fnRandom(30), strFind = fnRandom(3), strWith = fnRandom(4);
+        if (strSrc.empty()) continue;
+        int nNeed = 0;
+        ASSERT_EQ(TalvorCharReplace(strSrc.data(), (int)strSrc.size(), strFind.data(), (int)strFind.size(),
+                                    strWith.data(), (int)strWith.size(), nullptr, nNeed), 0);
+        const std::string strExpected = SqliteReplace(pStmt, strSrc, strFind, strWith);
+        ASSERT_EQ(nNeed, (int)strExpected.size() + 1);
+        std::vector<char> out((size_t)nNeed);
+        int nWritten = nNeed;
+        ASSERT_EQ(TalvorCharReplace(strSrc.data(), (int)strSrc.size(), strFind.data(), (int)strFind.size(),
+                                    strWith.data(), (int)strWith.size(), out.data(), nWritten), 0);
+        ASSERT_EQ(nWritten, nNeed);
+        ASSERT_EQ(std::string(out.data()), strExpected) << strSrc << " / " << strFind << " / " << strWith;
+        // One byte short is refused, not overrun.
+        int nShort = nNeed - 1;
+        std::vector<char> small((size_t)nShort + 1);
+        ASSERT_EQ(TalvorCharReplace(strSrc.data(), (int)strSrc.size(), strFind.data(), (int)strFind.size(),
+                                    strWith.data(), (int)strWith.size(), small.data(), nShort),
+                  TALVOR_ERROR_BUFFER_TOO_SMALL);
+    }
+    sqlite3_finalize(pStmt);
+    sqlite3_close(pDb);
+}
+
+TEST(CharReplace, TrailingNulsAndEmptyInputs) {
+    int nLen = 99;
+    EXPECT_EQ(TalvorCharReplace(nullptr, 0, "a", 1, "b", 1, nullptr, nLen), 0);
+    EXPECT_EQ(nLen, 0);
+    // Trailing NULs of all three texts are ignored.
+    char szOut[16];
+    nLen = sizeof(szOut);
+    ASSERT_EQ(TalvorCharReplace("abab\0", 5, "b\0", 2, "XY\0\0", 4, szOut, nLen), 0);
+    EXPECT_STREQ(szOut, "aXYaXY");
+    EXPECT_EQ(nLen, 7);
+}
