@@ -1,6 +1,7 @@
 // Dates against Python's datetime and the C library (timegm, localtime_r,
 // strptime), on generated dates across years 1 to 9999.
 
+#include "PythonReference.h"
 #include "TalvorDate.h"
 
 #include <gtest/gtest.h>
@@ -55,28 +56,7 @@ for line in sys.stdin:
 
 std::vector<std::string> RunReference(const std::vector<std::string>& vLines)
 {
-    char szScript[] = "/tmp/talvor_date_refXXXXXX";
-    char szInput[] = "/tmp/talvor_date_inXXXXXX";
-    int fdScript = mkstemp(szScript), fdInput = mkstemp(szInput);
-    EXPECT_GE(fdScript, 0);
-    EXPECT_GE(fdInput, 0);
-    FILE* f = fdopen(fdScript, "w");
-    fputs(g_szReference, f);
-    fclose(f);
-    f = fdopen(fdInput, "w");
-    for (const std::string& s : vLines) fprintf(f, "%s\n", s.c_str());
-    fclose(f);
-    std::string strCommand = std::string("python3 ") + szScript + " < " + szInput;
-    FILE* fOut = popen(strCommand.c_str(), "r");
-    std::vector<std::string> vOut;
-    char szLine[1024];
-    while (fOut != nullptr && fgets(szLine, sizeof(szLine), fOut) != nullptr) {
-        szLine[strcspn(szLine, "\n")] = 0;
-        vOut.push_back(szLine);
-    }
-    if (fOut != nullptr) pclose(fOut);
-    unlink(szScript);
-    unlink(szInput);
+    std::vector<std::string> vOut = talvortest::RunPythonReference(g_szReference, vLines);
     EXPECT_EQ(vOut.size(), vLines.size());
     vOut.resize(vLines.size());
     return vOut;
@@ -251,34 +231,27 @@ TEST(DateReference, ValidityAgainstPythonDatetime)
     }
     for (int y : {1900, 2000, 2100, 2004, 1600, 1700})
         vParts.push_back(Parts(y, 2, 29));
-    char szScript[] = "/tmp/talvor_valid_XXXXXX";
-    int fd = mkstemp(szScript);
-    FILE* f = fdopen(fd, "w");
-    fputs("import sys, datetime\n"
-          "for line in sys.stdin:\n"
-          "    a = list(map(int, line.split()))\n"
-          "    try:\n"
-          "        datetime.datetime(*a); print(0)\n"
-          "    except ValueError:\n"
-          "        print(49)\n", f);
-    fclose(f);
-    char szInput[] = "/tmp/talvor_valid_in_XXXXXX";
-    fd = mkstemp(szInput);
-    f = fdopen(fd, "w");
-    for (const auto& p : vParts) fprintf(f, "%d %d %d %d %d %d\n", p.m_nYear, p.m_nMonth, p.m_nDay, p.m_nHour, p.m_nMinute, p.m_nSecond);
-    fclose(f);
-    FILE* fOut = popen((std::string("python3 ") + szScript + " < " + szInput).c_str(), "r");
-    ASSERT_NE(fOut, nullptr);
-    for (const auto& p : vParts) {
+    for (const auto& p : vParts)
+        vLines.push_back(std::to_string(p.m_nYear) + " " + std::to_string(p.m_nMonth) + " " + std::to_string(p.m_nDay) +
+                         " " + std::to_string(p.m_nHour) + " " + std::to_string(p.m_nMinute) + " " +
+                         std::to_string(p.m_nSecond));
+    std::vector<std::string> vRef = talvortest::RunPythonReference("import sys, datetime\n"
+                                                                   "for line in sys.stdin:\n"
+                                                                   "    a = list(map(int, line.split()))\n"
+                                                                   "    try:\n"
+                                                                   "        datetime.datetime(*a); print(0)\n"
+                                                                   "    except ValueError:\n"
+                                                                   "        print(49)\n",
+                                                                   vLines);
+    ASSERT_EQ(vRef.size(), vParts.size());
+    for (size_t i = 0; i < vParts.size(); i++) {
+        const TALVORDATEPARTS& p = vParts[i];
         int nRef = -1;
-        ASSERT_EQ(fscanf(fOut, "%d", &nRef), 1);
+        ASSERT_EQ(sscanf(vRef[i].c_str(), "%d", &nRef), 1);
         DATE date;
         EXPECT_EQ(CTalvorDate::ConvertParts(date, p), nRef) << p.m_nYear << "-" << p.m_nMonth << "-" << p.m_nDay << " "
                                                             << p.m_nHour << ":" << p.m_nMinute << ":" << p.m_nSecond;
     }
-    pclose(fOut);
-    unlink(szScript);
-    unlink(szInput);
     EXPECT_EQ(CTalvorDate::CheckValidDay(2, 29, true), 0);
     EXPECT_EQ(CTalvorDate::CheckValidDay(2, 29, false), TALVOR_DATE_INVALID_DATA);
 }
@@ -487,10 +460,6 @@ TEST(DateReference, IntervalsAgainstTimedelta)
     for (size_t k = 0; k < sizeof(arKinds) / sizeof(arKinds[0]); ++k)
         strScript += "    if k == " + std::to_string(k) + ": d = datetime.timedelta(" + arKinds[k].m_lpszPython + ")\n";
     strScript += "    r = B + datetime.timedelta(days=day) + d\n    print((r - B).days, (r - B).seconds * 1000000 + (r - B).microseconds)\n";
-    char szScript[] = "/tmp/talvor_interval_XXXXXX", szInput[] = "/tmp/talvor_interval_in_XXXXXX";
-    FILE* f = fdopen(mkstemp(szScript), "w");
-    fputs(strScript.c_str(), f);
-    fclose(f);
     struct Case { size_t m_nKind; int m_nSign; int m_nDay; std::vector<int> m_vNumbers; };
     std::vector<Case> vCases;
     for (int i = 0; i < 2000; ++i) {
@@ -502,18 +471,18 @@ TEST(DateReference, IntervalsAgainstTimedelta)
             c.m_vNumbers.push_back((int)(rng() % (n == 3 && arKinds[c.m_nKind].m_eType == INTERVAL_HOUR_MICROSECOND ? 1000000 : 100000)));
         vCases.push_back(c);
     }
-    f = fdopen(mkstemp(szInput), "w");
+    std::vector<std::string> vLines;
     for (const Case& c : vCases) {
-        fprintf(f, "%zu %d %d", c.m_nKind, c.m_nSign, c.m_nDay);
-        for (int n : c.m_vNumbers) fprintf(f, " %d", n);
-        fprintf(f, "\n");
+        std::string strLine = std::to_string(c.m_nKind) + " " + std::to_string(c.m_nSign) + " " + std::to_string(c.m_nDay);
+        for (int n : c.m_vNumbers) strLine += " " + std::to_string(n);
+        vLines.push_back(strLine);
     }
-    fclose(f);
-    FILE* fOut = popen((std::string("python3 ") + szScript + " < " + szInput).c_str(), "r");
-    ASSERT_NE(fOut, nullptr);
-    for (const Case& c : vCases) {
+    std::vector<std::string> vRef = talvortest::RunPythonReference(strScript, vLines);
+    ASSERT_EQ(vRef.size(), vCases.size());
+    for (size_t i = 0; i < vCases.size(); i++) {
+        const Case& c = vCases[i];
         long long nDay, nMicros;
-        ASSERT_EQ(fscanf(fOut, "%lld %lld", &nDay, &nMicros), 2);
+        ASSERT_EQ(sscanf(vRef[i].c_str(), "%lld %lld", &nDay, &nMicros), 2);
         const Kind& k = arKinds[c.m_nKind];
         std::string strValue;
         for (size_t n = 0; n < c.m_vNumbers.size(); ++n) {
@@ -539,9 +508,6 @@ TEST(DateReference, IntervalsAgainstTimedelta)
         EXPECT_EQ(Text(r), Text((DATE)nDay + nMicros / 86400e6)) << k.m_eType << " " << strValue << " sign " << c.m_nSign;
         EXPECT_EQ(p.m_nMicrosecond, ref.m_nMicrosecond) << k.m_eType << " " << strValue;
     }
-    pclose(fOut);
-    unlink(szScript);
-    unlink(szInput);
 }
 
 TEST(DateRules, MonthIntervalsTimesAndZones)

@@ -15,13 +15,13 @@
 //   is "valid JSON implies accepted" and "refused by lenient implies refused
 //   by strict", not equality.
 
+#include "PythonReference.h"
 #include "TalvorJsonText.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <random>
 #include <string>
 #include <unistd.h>
@@ -32,7 +32,7 @@ namespace {
 const char* const kPythonCheck = R"PY(
 import json, sys
 def refuse(c): raise ValueError(c)
-for line in open(sys.argv[1]):
+for line in sys.stdin:
     raw = bytes.fromhex(line.strip())
     try:
         text = raw.decode('utf-8')
@@ -48,39 +48,20 @@ for line in open(sys.argv[1]):
         print('ok')
 )PY";
 
-// Runs the reference over the samples; one answer line per sample.
+// Runs the reference over the samples, each given in hexadecimal; one
+// answer line per sample.
 std::vector<std::string> AskPython(const std::vector<std::string>& samples) {
-    char szPath[] = "/tmp/talvor_json_XXXXXX";
-    const int fd = mkstemp(szPath);
-    if (fd < 0) return {};
-    close(fd);
-    {
-        std::ofstream out(szPath);
-        for (const std::string& s : samples) {
-            static const char* const kHex = "0123456789abcdef";
-            for (unsigned char c : s) out << kHex[c >> 4] << kHex[c & 15];
-            out << '\n';
+    static const char* const kHex = "0123456789abcdef";
+    std::vector<std::string> lines;
+    for (const std::string& s : samples) {
+        std::string line;
+        for (unsigned char c : s) {
+            line += kHex[c >> 4];
+            line += kHex[c & 15];
         }
+        lines.push_back(line);
     }
-    const std::string strScript = std::string(szPath) + ".py";
-    {
-        std::ofstream script(strScript);
-        script << kPythonCheck;
-    }
-    std::vector<std::string> answers;
-    FILE* pipe = popen(("python3 " + strScript + " " + szPath).c_str(), "r");
-    if (pipe != nullptr) {
-        char szLine[1 << 16];
-        while (fgets(szLine, sizeof(szLine), pipe)) {
-            std::string s(szLine);
-            if (!s.empty() && s.back() == '\n') s.pop_back();
-            answers.push_back(s);
-        }
-        pclose(pipe);
-    }
-    unlink(szPath);
-    unlink(strScript.c_str());
-    return answers;
+    return talvortest::RunPythonReference(kPythonCheck, lines);
 }
 
 class Generator {

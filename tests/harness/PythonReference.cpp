@@ -1,0 +1,39 @@
+// PythonReference.cpp — a script and its input in a temporary tree, the
+// output read through a pipe.
+#include "PythonReference.h"
+
+#include "TempTree.h"
+#include "TestFiles.h"
+
+#include <cstdio>
+
+namespace talvortest {
+
+std::vector<std::string> RunPythonReference(const std::string& strScript, const std::vector<std::string>& vLines)
+{
+    std::vector<std::string> vOut;
+    TempTree tree("reference");
+    if (!tree.Ok()) return vOut;
+    std::string strInput;
+    for (const std::string& s : vLines) strInput += s + "\n";
+    std::string strScriptPath = tree.File("reference.py", strScript);
+    std::string strInputPath = tree.File("input", strInput);
+    std::string strCommand = "python3 '" + strScriptPath + "' < '" + strInputPath + "'";
+    FILE* pPipe = popen(strCommand.c_str(), "r");
+    if (pPipe == nullptr) return vOut;
+    std::string strLine;
+    char szPiece[4096];
+    // A line longer than the piece comes in several.
+    while (fgets(szPiece, sizeof(szPiece), pPipe) != nullptr) {
+        strLine += szPiece;
+        if (strLine.back() != '\n') continue;
+        strLine.pop_back();
+        vOut.push_back(strLine);
+        strLine.clear();
+    }
+    if (!strLine.empty()) vOut.push_back(strLine);
+    pclose(pPipe);
+    return vOut;
+}
+
+} // namespace talvortest
