@@ -70,6 +70,10 @@ protected:
         m_strRoot = m_dir.Root();
     }
 
+    // The log goes before the test's own members: it may still read a
+    // system head they hold while it writes out what is queued.
+    void TearDown() override { ExitLogSystem(); }
+
     void UseIni(const std::string& strText) { ASSERT_TRUE(m_dir.UseIni(strText)); }
 
     std::string LogDir() const { return m_dir.LogDir(); }
