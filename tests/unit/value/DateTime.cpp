@@ -1,6 +1,7 @@
 // Dates against Python's datetime and the C library (timegm, localtime_r,
 // strptime), on generated dates across years 1 to 9999.
 
+#include "PythonReference.h"
 #include "TalvorDate.h"
 
 #include <gtest/gtest.h>
@@ -55,31 +56,7 @@ for line in sys.stdin:
 
 std::vector<std::string> RunReference(const std::vector<std::string>& vLines)
 {
-    char szScript[] = "/tmp/talvor_date_refXXXXXX";
-    char szInput[] = "/tmp/talvor_date_inXXXXXX";
-    int fdScript = mkstemp(szScript), fdInput = mkstemp(szInput);
-    EXPECT_GE(fdScript, 0);
-    EXPECT_GE(fdInput, 0);
-    FILE* f = fdopen(fdScript, "w");
-    fputs(g_szReference, f);
-    fclose(f);
-    f = fdopen(fdInput, "w");
-    for (const std::string& s : vLines) fprintf(f, "%s\n", s.c_str());
-    fclose(f);
-    std::string strCommand = std::string("python3 ") + szScript + " < " + szInput;
-    FILE* fOut = popen(strCommand.c_str(), "r");
-    std::vector<std::string> vOut;
-    char szLine[1024];
-    while (fOut != nullptr && fgets(szLine, sizeof(szLine), fOut) != nullptr) {
-        szLine[strcspn(szLine, "\n")] = 0;
-        vOut.push_back(szLine);
-    }
-    if (fOut != nullptr) pclose(fOut);
-    unlink(szScript);
-    unlink(szInput);
-    EXPECT_EQ(vOut.size(), vLines.size());
-    vOut.resize(vLines.size());
-    return vOut;
+    return talvortest::RunPythonReference(g_szReference, vLines);
 }
 
 long long FloorDivDays(time_t t) { return t >= 0 ? t / 86400 : -((-(long long)t + 86399) / 86400); }

@@ -11,6 +11,7 @@
 //   - a quotient always carries 36 digits (compared by value);
 //   - a zero sum has scale 0 and sign 0; zero prints without a sign.
 
+#include "PythonReference.h"
 #include "TalvorDecimal.h"
 
 #include <gtest/gtest.h>
@@ -149,32 +150,7 @@ for line in sys.stdin:
 // Runs the reference over the lines; one answer per line.
 std::vector<std::string> RunReference(const std::vector<std::string>& vLines)
 {
-    char szScript[] = "/tmp/talvor_decimal_refXXXXXX";
-    char szInput[] = "/tmp/talvor_decimal_inXXXXXX";
-    int fdScript = mkstemp(szScript);
-    int fdInput = mkstemp(szInput);
-    EXPECT_GE(fdScript, 0);
-    EXPECT_GE(fdInput, 0);
-    FILE* fScript = fdopen(fdScript, "w");
-    fputs(g_szReference, fScript);
-    fclose(fScript);
-    FILE* fInput = fdopen(fdInput, "w");
-    for (const std::string& s : vLines) fprintf(fInput, "%s\n", s.c_str());
-    fclose(fInput);
-    std::string strCommand = std::string("python3 ") + szScript + " < " + szInput;
-    FILE* fOut = popen(strCommand.c_str(), "r");
-    std::vector<std::string> vOut;
-    char szLine[4096];
-    while (fOut != nullptr && fgets(szLine, sizeof(szLine), fOut) != nullptr) {
-        szLine[strcspn(szLine, "\n")] = 0;
-        vOut.push_back(szLine);
-    }
-    if (fOut != nullptr) pclose(fOut);
-    unlink(szScript);
-    unlink(szInput);
-    EXPECT_EQ(vOut.size(), vLines.size()) << "the reference did not answer every line";
-    vOut.resize(vLines.size());
-    return vOut;
+    return talvortest::RunPythonReference(g_szReference, vLines);
 }
 
 // "sign coefficient scale" of a value, or "null", as the reference writes it.
