@@ -285,8 +285,15 @@ BOOL CLogManager::WriteLog(LPCTSTR szFuncationName, LONG dwThreadID, UINT dwLeve
 // a crashed writer had taken and not yet written comes first.
 CLogManager::LPTALVORTRACE CLogManager::TakeTraceChain()
 {
-    LPTALVORTRACE pLeft = __atomic_exchange_n(&m_pWritingChain, (LPTALVORTRACE) nullptr, __ATOMIC_ACQ_REL);
-    if (pLeft != nullptr) return pLeft;
+    // Only under the writer's latch: while a live writer is in the middle of
+    // a chain the rest is its own, and a second taker would write (and free)
+    // its lines again. A crashed writer gave the latch back at its cleanup.
+    if (__atomic_load_n(&m_pWritingChain, __ATOMIC_ACQUIRE) != nullptr) {
+        EnterCriticalTalvor(&m_critWrite, CachedThreadId());
+        LPTALVORTRACE pLeft = __atomic_exchange_n(&m_pWritingChain, (LPTALVORTRACE) nullptr, __ATOMIC_ACQ_REL);
+        LeaveCriticalTalvor(&m_critWrite);
+        if (pLeft != nullptr) return pLeft;
+    }
     if (__atomic_load_n(&m_pTraceHead, __ATOMIC_RELAXED) == nullptr) return nullptr;
     CrashDeferEnter();
     LockTraceLatch(&m_critTrace);

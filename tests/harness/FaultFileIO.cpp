@@ -13,6 +13,7 @@
 #include "FaultFileIO.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -146,10 +147,16 @@ void FaultFileIO::FailNext(FileOp eOp, int nErrno, long long nTimes)
     m_vRules.push_back({eOp, m_arCalls[(int)eOp] + 1, nTimes, nErrno});
 }
 
-void FaultFileIO::CutWrite(long long nNth, size_t nBytes)
+void FaultFileIO::CutTransfer(FileOp eOp, long long nNth, size_t nBytes)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_mapCuts[nNth] = nBytes;
+    m_mapCuts[std::make_pair((int)eOp, nNth)] = nBytes;
+}
+
+void FaultFileIO::ReadsEndAt(long long nBytes)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_nReadsEndAt = nBytes;
 }
 
 void FaultFileIO::ChopTransfers(size_t nChunk, bool bInterrupt)
@@ -174,10 +181,41 @@ void FaultFileIO::DieAfter(FileOp eOp, long long nCalls)
     m_nDieAfter = nCalls;
 }
 
-void FaultFileIO::OnCall(FileOp eOp, std::function<void(long long)> fnHook)
+void FaultFileIO::Hold(FileOp eOp)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_arHold[(int)eOp] = true;
+}
+
+bool FaultFileIO::WaitHeld(long long nTimeoutMs)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_cvHold.wait_for(lock, std::chrono::milliseconds(nTimeoutMs), [&] { return m_nHeld > 0; });
+}
+
+void FaultFileIO::Release()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (bool& bHold : m_arHold) bHold = false;
+    m_cvHold.notify_all();
+}
+
+long long FaultFileIO::Held() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_nHeld;
+}
+
+void FaultFileIO::OnCall(FileOp eOp, FileHook fnHook)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_mapHooks[(int)eOp] = std::move(fnHook);
+}
+
+void FaultFileIO::AfterCall(FileOp eOp, FileHook fnHook)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_mapAfterHooks[(int)eOp] = std::move(fnHook);
 }
 
 void FaultFileIO::PassThrough(const std::string& strPrefix)
@@ -329,21 +367,34 @@ std::string FaultFileIO::PathOfFd(int fd)
     return n > 0 ? std::string(szPath, (size_t)n) : std::string();
 }
 
-// Counts the call, runs its hook, and tells whether it fails. A transfer
-// also learns how many bytes it may move at most.
-FaultFileIO::Verdict FaultFileIO::Judge(FileOp eOp)
+FileCall FaultFileIO::MakeCall(FileOp eOp, const std::string& strPath, long long nOffset, long long nSize, int nFlags)
 {
+    return FileCall{eOp, 0, strPath, nOffset, nSize, nFlags, 0};
+}
+
+// Counts the call, runs its hook, holds it while its kind is held, and
+// tells whether it fails. A transfer also learns how many bytes it may move
+// at most.
+FaultFileIO::Verdict FaultFileIO::Judge(FileCall& call)
+{
+    const FileOp eOp = call.m_eOp;
     Verdict v;
+    FileHook fnHook;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        v.m_nNth = ++m_arCalls[(int)eOp];
+        call.m_nNth = ++m_arCalls[(int)eOp];
         auto it = m_mapHooks.find((int)eOp);
-        if (it != m_mapHooks.end()) v.m_fnHook = it->second;
+        if (it != m_mapHooks.end()) fnHook = it->second;
     }
-    if (v.m_fnHook) v.m_fnHook(v.m_nNth);
-    std::lock_guard<std::mutex> lock(m_mutex);
+    if (fnHook) fnHook(call);
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_arHold[(int)eOp]) {
+        m_nHeld++;
+        m_cvHold.notify_all();
+        m_cvHold.wait(lock, [&] { return !m_arHold[(int)eOp]; });
+    }
     if (m_nDieAfter >= 0 && ChangesMedium(eOp)) {
-        long long nBefore = eOp == m_eDieOp ? v.m_nNth - 1 : m_arCalls[(int)m_eDieOp];
+        long long nBefore = eOp == m_eDieOp ? call.m_nNth - 1 : m_arCalls[(int)m_eDieOp];
         if (nBefore >= m_nDieAfter) {
             v.m_bFail = true;
             v.m_nErrno = EIO;
@@ -351,8 +402,8 @@ FaultFileIO::Verdict FaultFileIO::Judge(FileOp eOp)
         }
     }
     for (const Rule& r : m_vRules) {
-        if (r.m_eOp != eOp || v.m_nNth < r.m_nFrom) continue;
-        if (r.m_nTimes != FAULT_ALWAYS && v.m_nNth >= r.m_nFrom + r.m_nTimes) continue;
+        if (r.m_eOp != eOp || call.m_nNth < r.m_nFrom) continue;
+        if (r.m_nTimes != FAULT_ALWAYS && call.m_nNth >= r.m_nFrom + r.m_nTimes) continue;
         v.m_bFail = true;
         v.m_nErrno = r.m_nErrno;
         return v;
@@ -368,9 +419,19 @@ FaultFileIO::Verdict FaultFileIO::Judge(FileOp eOp)
         }
     }
     v.m_nLimit = m_nChunk > 0 ? m_nChunk : NO_LIMIT;
-    if (eOp != FileOp::PWrite) return v;
-    auto itCut = m_mapCuts.find(v.m_nNth);
+    auto itCut = m_mapCuts.find(std::make_pair((int)eOp, call.m_nNth));
     if (itCut != m_mapCuts.end()) v.m_nLimit = std::min(v.m_nLimit, itCut->second);
+    if (eOp == FileOp::PRead && m_nReadsEndAt >= 0) {
+        long long nLeft = m_nReadsEndAt - call.m_nOffset;
+        // Moving nothing and saying so is the end of the file.
+        if (nLeft <= 0) {
+            v.m_bFail = true;
+            v.m_nErrno = 0;
+            return v;
+        }
+        v.m_nLimit = std::min(v.m_nLimit, (size_t)nLeft);
+    }
+    if (eOp != FileOp::PWrite) return v;
     if (m_nFillLeft == 0) {
         v.m_bFail = true;
         v.m_nErrno = m_nFillErrno;
@@ -378,6 +439,21 @@ FaultFileIO::Verdict FaultFileIO::Judge(FileOp eOp)
         v.m_nLimit = std::min(v.m_nLimit, (size_t)m_nFillLeft);
     }
     return v;
+}
+
+long long FaultFileIO::Finish(FileCall& call, long long nResult)
+{
+    int nErr = errno;
+    FileHook fnHook;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto it = m_mapAfterHooks.find((int)call.m_eOp);
+        if (it != m_mapAfterHooks.end()) fnHook = it->second;
+    }
+    call.m_nResult = nResult;
+    if (fnHook) fnHook(call);
+    errno = nErr;
+    return nResult;
 }
 
 int FaultFileIO::UndoFdLocked(const FileKey& key, int fd)
@@ -431,11 +507,11 @@ void FaultFileIO::TrackNameLocked(ChangeKind eKind, const std::string& strPath, 
 
 int FaultFileIO::Open(const char* lpPath, int nFlags, mode_t nMode)
 {
-    std::string strPath = lpPath != nullptr ? lpPath : "";
-    if (Passes(strPath)) return CTalvorFileIO::Open(lpPath, nFlags, nMode);
-    Verdict v = Judge(FileOp::Open);
-    if (v.m_bFail) return FailWith(v.m_nErrno);
-    std::lock_guard<std::mutex> lock(m_mutex);
+    FileCall call = MakeCall(FileOp::Open, lpPath != nullptr ? lpPath : "", 0, 0, nFlags);
+    if (Passes(call.m_strPath)) return CTalvorFileIO::Open(lpPath, nFlags, nMode);
+    Verdict v = Judge(call);
+    if (v.m_bFail) return (int)Finish(call, FailWith(v.m_nErrno));
+    std::unique_lock<std::mutex> lock(m_mutex);
     struct stat stBefore;
     bool bExisted = lstat(lpPath, &stBefore) == 0;
     // Emptying a file with content is a change like a truncation.
@@ -450,47 +526,51 @@ int FaultFileIO::Open(const char* lpPath, int nFlags, mode_t nMode)
         }
     }
     int fd = CTalvorFileIO::Open(lpPath, nFlags, nMode);
-    if (fd < 0) return fd;
     int nErr = errno;
-    if ((nFlags & O_CREAT) != 0 && !bExisted) TrackNameLocked(CHANGE_CREATE, strPath, std::string(), -1);
+    if (fd >= 0 && (nFlags & O_CREAT) != 0 && !bExisted)
+        TrackNameLocked(CHANGE_CREATE, call.m_strPath, std::string(), -1);
     struct stat st;
-    if (bEmpties && fstat(fd, &st) == 0) {
+    if (fd >= 0 && bEmpties && fstat(fd, &st) == 0) {
         Change c;
         c.m_eKind = CHANGE_TRUNCATE;
         c.m_key = std::make_pair(st.st_dev, st.st_ino);
-        c.m_strPath = strPath;
+        c.m_strPath = call.m_strPath;
         c.m_nOffset = 0;
         c.m_nOldSize = (long long)stBefore.st_size;
         c.m_strOld = strOld;
         if (UndoFdLocked(c.m_key, fd) >= 0) m_vChanges.push_back(std::move(c));
     }
+    lock.unlock();
     errno = nErr;
-    return fd;
+    return (int)Finish(call, fd);
 }
 
 ssize_t FaultFileIO::PRead(int fd, void* lpBuf, size_t nSize, off_t nOffset)
 {
-    std::string strPath = PathOfFd(fd);
-    if (Passes(strPath)) return CTalvorFileIO::PRead(fd, lpBuf, nSize, nOffset);
-    Verdict v = Judge(FileOp::PRead);
-    if (v.m_bFail) return v.m_nErrno == 0 ? 0 : FailWith(v.m_nErrno);
+    FileCall call = MakeCall(FileOp::PRead, PathOfFd(fd), (long long)nOffset, (long long)nSize);
+    if (Passes(call.m_strPath)) return CTalvorFileIO::PRead(fd, lpBuf, nSize, nOffset);
+    Verdict v = Judge(call);
+    if (v.m_bFail) return (ssize_t)Finish(call, v.m_nErrno == 0 ? 0 : FailWith(v.m_nErrno));
     ssize_t n = CTalvorFileIO::PRead(fd, lpBuf, std::min(nSize, v.m_nLimit), nOffset);
     int nErr = errno;
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (n > 0) m_nBytesRead += n;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (n > 0) m_nBytesRead += n;
+    }
     errno = nErr;
-    return n;
+    return (ssize_t)Finish(call, n);
 }
 
 ssize_t FaultFileIO::PWrite(int fd, const void* lpBuf, size_t nSize, off_t nOffset)
 {
-    std::string strPath = PathOfFd(fd);
-    if (Passes(strPath)) return CTalvorFileIO::PWrite(fd, lpBuf, nSize, nOffset);
-    Verdict v = Judge(FileOp::PWrite);
-    std::lock_guard<std::mutex> lock(m_mutex);
+    FileCall call = MakeCall(FileOp::PWrite, PathOfFd(fd), (long long)nOffset, (long long)nSize);
+    if (Passes(call.m_strPath)) return CTalvorFileIO::PWrite(fd, lpBuf, nSize, nOffset);
+    Verdict v = Judge(call);
+    std::unique_lock<std::mutex> lock(m_mutex);
     if (v.m_bFail) {
-        m_vWrites.push_back({strPath, (long long)nOffset, (long long)nSize, v.m_nErrno == 0 ? 0 : -1});
-        return v.m_nErrno == 0 ? 0 : FailWith(v.m_nErrno);
+        m_vWrites.push_back({call.m_strPath, (long long)nOffset, (long long)nSize, v.m_nErrno == 0 ? 0 : -1});
+        lock.unlock();
+        return (ssize_t)Finish(call, v.m_nErrno == 0 ? 0 : FailWith(v.m_nErrno));
     }
     size_t nMove = std::min(nSize, v.m_nLimit);
     // What the write replaces, read before it lands.
@@ -500,7 +580,7 @@ ssize_t FaultFileIO::PWrite(int fd, const void* lpBuf, size_t nSize, off_t nOffs
     if (!SyncsItself(fd) && fstat(fd, &st) == 0) {
         c.m_eKind = CHANGE_WRITE;
         c.m_key = std::make_pair(st.st_dev, st.st_ino);
-        c.m_strPath = strPath;
+        c.m_strPath = call.m_strPath;
         c.m_nOffset = (long long)nOffset;
         c.m_nOldSize = (long long)st.st_size;
         int fdUndo = UndoFdLocked(c.m_key, fd);
@@ -511,7 +591,7 @@ ssize_t FaultFileIO::PWrite(int fd, const void* lpBuf, size_t nSize, off_t nOffs
     }
     ssize_t n = CTalvorFileIO::PWrite(fd, lpBuf, nMove, nOffset);
     int nErr = errno;
-    m_vWrites.push_back({strPath, (long long)nOffset, (long long)nSize, (long long)n});
+    m_vWrites.push_back({call.m_strPath, (long long)nOffset, (long long)nSize, (long long)n});
     if (n > 0) {
         m_nBytesWritten += n;
         if (m_nFillLeft > 0) m_nFillLeft -= std::min((long long)n, m_nFillLeft);
@@ -521,8 +601,9 @@ ssize_t FaultFileIO::PWrite(int fd, const void* lpBuf, size_t nSize, off_t nOffs
             m_vChanges.push_back(std::move(c));
         }
     }
+    lock.unlock();
     errno = nErr;
-    return n;
+    return (ssize_t)Finish(call, n);
 }
 
 int FaultFileIO::FSync(int fd) { return SyncFile(FileOp::FSync, fd); }
@@ -533,36 +614,38 @@ int FaultFileIO::FDataSync(int fd) { return SyncFile(FileOp::FDataSync, fd); }
 // it; on a directory it makes the names in it durable.
 int FaultFileIO::SyncFile(FileOp eOp, int fd)
 {
-    bool bPasses = Passes(PathOfFd(fd));
+    FileCall call = MakeCall(eOp, PathOfFd(fd));
+    bool bPasses = Passes(call.m_strPath);
     if (!bPasses) {
-        Verdict v = Judge(eOp);
-        if (v.m_bFail) return FailWith(v.m_nErrno);
+        Verdict v = Judge(call);
+        if (v.m_bFail) return (int)Finish(call, FailWith(v.m_nErrno));
     }
     int rc = eOp == FileOp::FDataSync ? CTalvorFileIO::FDataSync(fd) : CTalvorFileIO::FSync(fd);
+    if (bPasses) return rc;
     int nErr = errno;
     struct stat st;
-    if (rc == 0 && !bPasses && fstat(fd, &st) == 0) {
+    if (rc == 0 && fstat(fd, &st) == 0) {
         std::lock_guard<std::mutex> lock(m_mutex);
         SyncedLocked(std::make_pair(st.st_dev, st.st_ino), S_ISDIR(st.st_mode));
     }
     errno = nErr;
-    return rc;
+    return (int)Finish(call, rc);
 }
 
 int FaultFileIO::FTruncate(int fd, off_t nSize)
 {
-    std::string strPath = PathOfFd(fd);
-    if (Passes(strPath)) return CTalvorFileIO::FTruncate(fd, nSize);
-    Verdict v = Judge(FileOp::FTruncate);
-    if (v.m_bFail) return FailWith(v.m_nErrno);
-    std::lock_guard<std::mutex> lock(m_mutex);
+    FileCall call = MakeCall(FileOp::FTruncate, PathOfFd(fd), (long long)nSize);
+    if (Passes(call.m_strPath)) return CTalvorFileIO::FTruncate(fd, nSize);
+    Verdict v = Judge(call);
+    if (v.m_bFail) return (int)Finish(call, FailWith(v.m_nErrno));
+    std::unique_lock<std::mutex> lock(m_mutex);
     Change c;
     bool bTrack = false;
     struct stat st;
     if (fstat(fd, &st) == 0) {
         c.m_eKind = CHANGE_TRUNCATE;
         c.m_key = std::make_pair(st.st_dev, st.st_ino);
-        c.m_strPath = strPath;
+        c.m_strPath = call.m_strPath;
         c.m_nOffset = (long long)nSize;
         c.m_nOldSize = (long long)st.st_size;
         int fdUndo = UndoFdLocked(c.m_key, fd);
@@ -574,26 +657,36 @@ int FaultFileIO::FTruncate(int fd, off_t nSize)
     int rc = CTalvorFileIO::FTruncate(fd, nSize);
     int nErr = errno;
     if (rc == 0 && bTrack) m_vChanges.push_back(std::move(c));
+    lock.unlock();
     errno = nErr;
-    return rc;
+    return (int)Finish(call, rc);
 }
 
 int FaultFileIO::Close(int fd)
 {
-    std::string strPath = PathOfFd(fd);
-    if (Passes(strPath)) return CTalvorFileIO::Close(fd);
-    Verdict v = Judge(FileOp::Close);
+    FileCall call = MakeCall(FileOp::Close, PathOfFd(fd));
+    if (Passes(call.m_strPath)) return CTalvorFileIO::Close(fd);
+    Verdict v = Judge(call);
     // A failing close still gives the descriptor back, as Linux does.
     int rc = CTalvorFileIO::Close(fd);
-    return v.m_bFail ? FailWith(v.m_nErrno) : rc;
+    return (int)Finish(call, v.m_bFail ? FailWith(v.m_nErrno) : rc);
+}
+
+int FaultFileIO::Flock(int fd, int nOperation)
+{
+    FileCall call = MakeCall(FileOp::Flock, PathOfFd(fd), 0, 0, nOperation);
+    if (Passes(call.m_strPath)) return CTalvorFileIO::Flock(fd, nOperation);
+    Verdict v = Judge(call);
+    return (int)Finish(call, v.m_bFail ? FailWith(v.m_nErrno) : CTalvorFileIO::Flock(fd, nOperation));
 }
 
 int FaultFileIO::Rename(const char* lpFrom, const char* lpTo)
 {
-    if (Passes(lpFrom)) return CTalvorFileIO::Rename(lpFrom, lpTo);
-    Verdict v = Judge(FileOp::Rename);
-    if (v.m_bFail) return FailWith(v.m_nErrno);
-    std::lock_guard<std::mutex> lock(m_mutex);
+    FileCall call = MakeCall(FileOp::Rename, lpFrom);
+    if (Passes(call.m_strPath)) return CTalvorFileIO::Rename(lpFrom, lpTo);
+    Verdict v = Judge(call);
+    if (v.m_bFail) return (int)Finish(call, FailWith(v.m_nErrno));
+    std::unique_lock<std::mutex> lock(m_mutex);
     struct stat st;
     int fdReplaced = lstat(lpTo, &st) == 0 && S_ISREG(st.st_mode) ? open(lpTo, O_RDONLY | O_CLOEXEC) : -1;
     int rc = CTalvorFileIO::Rename(lpFrom, lpTo);
@@ -602,16 +695,18 @@ int FaultFileIO::Rename(const char* lpFrom, const char* lpTo)
         TrackNameLocked(CHANGE_RENAME, lpTo, lpFrom, fdReplaced);
     else if (fdReplaced >= 0)
         close(fdReplaced);
+    lock.unlock();
     errno = nErr;
-    return rc;
+    return (int)Finish(call, rc);
 }
 
 int FaultFileIO::Unlink(const char* lpPath)
 {
-    if (Passes(lpPath)) return CTalvorFileIO::Unlink(lpPath);
-    Verdict v = Judge(FileOp::Unlink);
-    if (v.m_bFail) return FailWith(v.m_nErrno);
-    std::lock_guard<std::mutex> lock(m_mutex);
+    FileCall call = MakeCall(FileOp::Unlink, lpPath);
+    if (Passes(call.m_strPath)) return CTalvorFileIO::Unlink(lpPath);
+    Verdict v = Judge(call);
+    if (v.m_bFail) return (int)Finish(call, FailWith(v.m_nErrno));
+    std::unique_lock<std::mutex> lock(m_mutex);
     struct stat st;
     int fdRemoved = lstat(lpPath, &st) == 0 && S_ISREG(st.st_mode) ? open(lpPath, O_RDONLY | O_CLOEXEC) : -1;
     int rc = CTalvorFileIO::Unlink(lpPath);
@@ -620,28 +715,32 @@ int FaultFileIO::Unlink(const char* lpPath)
         TrackNameLocked(CHANGE_UNLINK, lpPath, std::string(), fdRemoved);
     else if (fdRemoved >= 0)
         close(fdRemoved);
+    lock.unlock();
     errno = nErr;
-    return rc;
+    return (int)Finish(call, rc);
 }
 
 int FaultFileIO::MkDir(const char* lpPath, mode_t nMode)
 {
-    if (Passes(lpPath)) return CTalvorFileIO::MkDir(lpPath, nMode);
-    Verdict v = Judge(FileOp::MkDir);
-    if (v.m_bFail) return FailWith(v.m_nErrno);
-    std::lock_guard<std::mutex> lock(m_mutex);
+    FileCall call = MakeCall(FileOp::MkDir, lpPath);
+    if (Passes(call.m_strPath)) return CTalvorFileIO::MkDir(lpPath, nMode);
+    Verdict v = Judge(call);
+    if (v.m_bFail) return (int)Finish(call, FailWith(v.m_nErrno));
+    std::unique_lock<std::mutex> lock(m_mutex);
     int rc = CTalvorFileIO::MkDir(lpPath, nMode);
     int nErr = errno;
     if (rc == 0) TrackNameLocked(CHANGE_MKDIR, lpPath, std::string(), -1);
+    lock.unlock();
     errno = nErr;
-    return rc;
+    return (int)Finish(call, rc);
 }
 
 int FaultFileIO::SyncDirectory(const char* lpDir)
 {
-    if (Passes(lpDir)) return CTalvorFileIO::SyncDirectory(lpDir);
-    Verdict v = Judge(FileOp::SyncDirectory);
-    if (v.m_bFail) return FailWith(v.m_nErrno);
+    FileCall call = MakeCall(FileOp::SyncDirectory, lpDir);
+    if (Passes(call.m_strPath)) return CTalvorFileIO::SyncDirectory(lpDir);
+    Verdict v = Judge(call);
+    if (v.m_bFail) return (int)Finish(call, FailWith(v.m_nErrno));
     int rc = CTalvorFileIO::SyncDirectory(lpDir);
     int nErr = errno;
     FileKey key;
@@ -650,65 +749,70 @@ int FaultFileIO::SyncDirectory(const char* lpDir)
         SyncedLocked(key, true);
     }
     errno = nErr;
-    return rc;
+    return (int)Finish(call, rc);
 }
 
 int FaultFileIO::Stat(const char* lpPath, struct stat* pStat)
 {
-    if (Passes(lpPath)) return CTalvorFileIO::Stat(lpPath, pStat);
-    Verdict v = Judge(FileOp::Stat);
-    return v.m_bFail ? FailWith(v.m_nErrno) : CTalvorFileIO::Stat(lpPath, pStat);
+    FileCall call = MakeCall(FileOp::Stat, lpPath);
+    if (Passes(call.m_strPath)) return CTalvorFileIO::Stat(lpPath, pStat);
+    Verdict v = Judge(call);
+    return (int)Finish(call, v.m_bFail ? FailWith(v.m_nErrno) : CTalvorFileIO::Stat(lpPath, pStat));
 }
 
 int FaultFileIO::FStat(int fd, struct stat* pStat)
 {
-    std::string strPath = PathOfFd(fd);
-    if (Passes(strPath)) return CTalvorFileIO::FStat(fd, pStat);
-    Verdict v = Judge(FileOp::FStat);
-    return v.m_bFail ? FailWith(v.m_nErrno) : CTalvorFileIO::FStat(fd, pStat);
+    FileCall call = MakeCall(FileOp::FStat, PathOfFd(fd));
+    if (Passes(call.m_strPath)) return CTalvorFileIO::FStat(fd, pStat);
+    Verdict v = Judge(call);
+    return (int)Finish(call, v.m_bFail ? FailWith(v.m_nErrno) : CTalvorFileIO::FStat(fd, pStat));
 }
 
 off_t FaultFileIO::LSeek(int fd, off_t nOffset, int nWhence)
 {
-    std::string strPath = PathOfFd(fd);
-    if (Passes(strPath)) return CTalvorFileIO::LSeek(fd, nOffset, nWhence);
-    Verdict v = Judge(FileOp::LSeek);
-    return v.m_bFail ? (off_t)FailWith(v.m_nErrno) : CTalvorFileIO::LSeek(fd, nOffset, nWhence);
+    FileCall call = MakeCall(FileOp::LSeek, PathOfFd(fd), (long long)nOffset, 0, nWhence);
+    if (Passes(call.m_strPath)) return CTalvorFileIO::LSeek(fd, nOffset, nWhence);
+    Verdict v = Judge(call);
+    return (off_t)Finish(call, v.m_bFail ? FailWith(v.m_nErrno) : CTalvorFileIO::LSeek(fd, nOffset, nWhence));
 }
 
 int FaultFileIO::Chmod(const char* lpPath, mode_t nMode)
 {
-    if (Passes(lpPath)) return CTalvorFileIO::Chmod(lpPath, nMode);
-    Verdict v = Judge(FileOp::Chmod);
-    return v.m_bFail ? FailWith(v.m_nErrno) : CTalvorFileIO::Chmod(lpPath, nMode);
+    FileCall call = MakeCall(FileOp::Chmod, lpPath);
+    if (Passes(call.m_strPath)) return CTalvorFileIO::Chmod(lpPath, nMode);
+    Verdict v = Judge(call);
+    return (int)Finish(call, v.m_bFail ? FailWith(v.m_nErrno) : CTalvorFileIO::Chmod(lpPath, nMode));
 }
 
 int FaultFileIO::FChmod(int fd, mode_t nMode)
 {
-    std::string strPath = PathOfFd(fd);
-    if (Passes(strPath)) return CTalvorFileIO::FChmod(fd, nMode);
-    Verdict v = Judge(FileOp::FChmod);
-    return v.m_bFail ? FailWith(v.m_nErrno) : CTalvorFileIO::FChmod(fd, nMode);
+    FileCall call = MakeCall(FileOp::FChmod, PathOfFd(fd));
+    if (Passes(call.m_strPath)) return CTalvorFileIO::FChmod(fd, nMode);
+    Verdict v = Judge(call);
+    return (int)Finish(call, v.m_bFail ? FailWith(v.m_nErrno) : CTalvorFileIO::FChmod(fd, nMode));
 }
 
 DIR* FaultFileIO::OpenDir(const char* lpPath)
 {
-    if (Passes(lpPath)) return CTalvorFileIO::OpenDir(lpPath);
-    Verdict v = Judge(FileOp::OpenDir);
-    if (v.m_bFail) {
+    FileCall call = MakeCall(FileOp::OpenDir, lpPath);
+    if (Passes(call.m_strPath)) return CTalvorFileIO::OpenDir(lpPath);
+    Verdict v = Judge(call);
+    DIR* pDir = nullptr;
+    if (v.m_bFail)
         errno = v.m_nErrno;
-        return nullptr;
-    }
-    return CTalvorFileIO::OpenDir(lpPath);
+    else
+        pDir = CTalvorFileIO::OpenDir(lpPath);
+    Finish(call, pDir != nullptr ? 0 : -1);
+    return pDir;
 }
 
 int FaultFileIO::CloseDir(DIR* pDir)
 {
-    std::string strPath = pDir != nullptr ? PathOfFd(dirfd(pDir)) : std::string();
-    if (Passes(strPath)) return CTalvorFileIO::CloseDir(pDir);
-    Verdict v = Judge(FileOp::CloseDir);
+    FileCall call = MakeCall(FileOp::CloseDir, pDir != nullptr ? PathOfFd(dirfd(pDir)) : std::string());
+    if (Passes(call.m_strPath)) return CTalvorFileIO::CloseDir(pDir);
+    Verdict v = Judge(call);
     int rc = CTalvorFileIO::CloseDir(pDir);
-    return v.m_bFail ? FailWith(v.m_nErrno) : rc;
+    return (int)Finish(call, v.m_bFail ? FailWith(v.m_nErrno) : rc);
 }
 
 } // namespace talvortest

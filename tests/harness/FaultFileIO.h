@@ -3,21 +3,25 @@
 // the system and can, on demand:
 //  * fail the Nth call of a kind (open, pread, pwrite, fsync, rename, ...)
 //    with a chosen errno, once, several times or from then on;
-//  * cut a write short, chop every transfer into small pieces and
-//    interrupt every other one (EINTR), or fill the device after N bytes;
-//  * let the device die after the Nth call of a kind;
+//  * cut a read or a write short, chop every transfer into small pieces
+//    and interrupt every other one (EINTR), let reads meet an end of file
+//    early, or fill the device after N bytes;
+//  * let the device die after the Nth call of a kind, or hang calls of a
+//    kind until the test releases them;
 //  * lose power: every write and truncation not yet covered by an fsync of
 //    its file is undone (all of them, or any chosen subset kept), and every
 //    create, rename, unlink and mkdir not followed by a sync of its
 //    directory may be undone as well.
-// It counts every call and byte, and logs every write. Calls on paths under
-// a pass-through prefix (a trace directory, say) are neither counted nor
-// failed nor tracked. All methods are thread-safe; a hook (OnCall) runs
-// on the calling thread outside the layer's lock.
+// It counts every call and byte, logs every write, and lets a test act
+// before and after each call of a kind (OnCall, AfterCall). Calls on paths
+// under a pass-through prefix (a trace directory, say) are neither counted
+// nor failed nor tracked. All methods are thread-safe; hooks and held
+// calls wait on the calling thread outside the layer's lock.
 #pragma once
 
 #include "TalvorFileIO.h"
 
+#include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -36,6 +40,7 @@ enum class FileOp {
     FDataSync,
     FTruncate,
     Close,
+    Flock,
     Rename,
     Unlink,
     MkDir,
@@ -52,6 +57,20 @@ inline constexpr int FILE_OP_COUNT = (int)FileOp::CloseDir + 1;
 
 // nTimes of FailCall: the Nth call and every one after it.
 inline constexpr long long FAULT_ALWAYS = -1;
+
+// One call as a hook sees it. m_nOffset and m_nSize are those of a
+// transfer or a truncation, m_nFlags those of an open or a flock;
+// m_nResult is set for AfterCall only.
+struct FileCall {
+    FileOp m_eOp;
+    long long m_nNth;
+    std::string m_strPath;
+    long long m_nOffset;
+    long long m_nSize;
+    int m_nFlags;
+    long long m_nResult;
+};
+typedef std::function<void(const FileCall&)> FileHook;
 
 // One pwrite that reached the layer, in the order of arrival.
 struct FileWrite {
@@ -87,11 +106,15 @@ public:
     void FailCall(FileOp eOp, long long nNth, int nErrno, long long nTimes = 1);
     // The next nTimes calls of eOp fail.
     void FailNext(FileOp eOp, int nErrno, long long nTimes = 1);
-    // The Nth pwrite moves only its first nBytes (a torn write).
-    void CutWrite(long long nNth, size_t nBytes);
+    // The Nth pread or pwrite (eOp) moves only its first nBytes: a torn
+    // write, or a read that meets a file being rewritten.
+    void CutTransfer(FileOp eOp, long long nNth, size_t nBytes);
     // Every pread and pwrite moves at most nChunk bytes; with bInterrupt
     // every other one of them fails with EINTR first.
     void ChopTransfers(size_t nChunk, bool bInterrupt);
+    // Every pread meets the end of the file at nBytes, whatever its size
+    // says: a file another writer has cut.
+    void ReadsEndAt(long long nBytes);
     // The device takes nBytes more bytes; then every pwrite fails with
     // nErrno (0: moves nothing and returns 0).
     void FillAfter(size_t nBytes, int nErrno);
@@ -99,8 +122,19 @@ public:
     // that changes the medium (pwrite, syncs, truncate, rename, unlink,
     // mkdir, chmod) fails with EIO.
     void DieAfter(FileOp eOp, long long nCalls);
-    // fnHook(nth) runs at every call of eOp, before the call.
-    void OnCall(FileOp eOp, std::function<void(long long)> fnHook);
+    // Calls of eOp from now on wait, before they reach the system, until
+    // Release: a disk that hangs.
+    void Hold(FileOp eOp);
+    // True once a call waits in Hold (within nTimeoutMs).
+    bool WaitHeld(long long nTimeoutMs);
+    // Lets every waiting call go on; later ones are not held.
+    void Release();
+    // Calls that have waited in Hold so far.
+    long long Held() const;
+    // fnHook runs at every call of eOp: before it (OnCall), or after it with
+    // its result (AfterCall). Null removes the hook.
+    void OnCall(FileOp eOp, FileHook fnHook);
+    void AfterCall(FileOp eOp, FileHook fnHook);
     // Paths that start with strPrefix pass straight through.
     void PassThrough(const std::string& strPrefix);
 
@@ -127,6 +161,7 @@ public:
     int FDataSync(int fd) override;
     int FTruncate(int fd, off_t nSize) override;
     int Close(int fd) override;
+    int Flock(int fd, int nOperation) override;
     int Rename(const char* lpFrom, const char* lpTo) override;
     int Unlink(const char* lpPath) override;
     int MkDir(const char* lpPath, mode_t nMode) override;
@@ -166,13 +201,15 @@ private:
         bool m_bFail = false;
         int m_nErrno = 0;
         size_t m_nLimit = (size_t)-1;
-        std::function<void(long long)> m_fnHook;
-        long long m_nNth = 0;
     };
 
     bool Passes(const std::string& strPath) const;
     static std::string PathOfFd(int fd);
-    Verdict Judge(FileOp eOp);
+    static FileCall MakeCall(FileOp eOp, const std::string& strPath, long long nOffset = 0, long long nSize = 0,
+                             int nFlags = 0);
+    Verdict Judge(FileCall& call);
+    // Runs the after-hook of the call with nResult (errno kept); nResult.
+    long long Finish(FileCall& call, long long nResult);
     int SyncFile(FileOp eOp, int fd);
     int UndoFdLocked(const FileKey& key, int fd);
     void SyncedLocked(const FileKey& key, bool bDirectory);
@@ -183,7 +220,11 @@ private:
     mutable std::mutex m_mutex;
     long long m_arCalls[FILE_OP_COUNT] = {};
     std::vector<Rule> m_vRules;
-    std::map<long long, size_t> m_mapCuts;
+    std::map<std::pair<int, long long>, size_t> m_mapCuts;
+    long long m_nReadsEndAt = -1;
+    bool m_arHold[FILE_OP_COUNT] = {};
+    long long m_nHeld = 0;
+    std::condition_variable m_cvHold;
     size_t m_nChunk = 0;
     bool m_bInterrupt = false;
     bool m_bInterruptNext = true;
@@ -191,7 +232,8 @@ private:
     int m_nFillErrno = 0;
     FileOp m_eDieOp = FileOp::PWrite;
     long long m_nDieAfter = -1;
-    std::map<int, std::function<void(long long)>> m_mapHooks;
+    std::map<int, FileHook> m_mapHooks;
+    std::map<int, FileHook> m_mapAfterHooks;
     std::vector<std::string> m_vPassThrough;
     long long m_nBytesRead = 0;
     long long m_nBytesWritten = 0;

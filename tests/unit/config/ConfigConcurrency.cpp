@@ -8,9 +8,13 @@
 // make sure the path still names the locked file, then read or rewrite in
 // place.
 #include "ConfigHelper.h"
+#include "FaultFileIO.h"
 #include "MemDBCommonDef.h"
 #include "TalvorFileIO.h"
 #include "TalvorTrace.h"
+#include "TempTree.h"
+#include "TestClock.h"
+#include "TestFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -31,6 +35,8 @@
 #include <thread>
 #include <unistd.h>
 
+using namespace talvortest;
+
 namespace {
 
 std::string ReadFd(int fd)
@@ -40,23 +46,6 @@ std::string ReadFd(int fd)
     ssize_t n;
     for (off_t off = 0; (n = pread(fd, buf, sizeof(buf), off)) > 0; off += n) s.append(buf, (size_t)n);
     return s;
-}
-
-std::string ReadPath(const std::string& path)
-{
-    int fd = open(path.c_str(), O_RDONLY);
-    if (fd < 0) return "<missing>";
-    std::string s = ReadFd(fd);
-    close(fd);
-    return s;
-}
-
-bool WritePath(const std::string& path, const std::string& text)
-{
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (fd < 0) return false;
-    bool bOk = pwrite(fd, text.data(), text.size(), 0) == (ssize_t)text.size();
-    return close(fd) == 0 && bOk;
 }
 
 // The engine's lock: open without truncating, lock, and start again when the
@@ -88,57 +77,15 @@ bool EngineRewrite(int fd, const std::string& text)
     return pwrite(fd, text.data() + nHalf, text.size() - nHalf, (off_t)nHalf) == (ssize_t)(text.size() - nHalf);
 }
 
-// Watches the ini's calls through the file layer, and lets a test act at
-// the moment the daemon's code opens, locks or reads it.
-class IniWatch : public CTalvorFileIO {
-public:
-    explicit IniWatch(std::string path) : m_path(std::move(path)) {}
-    int Open(const char* lpPath, int nFlags, mode_t nMode) override
-    {
-        int fd = CTalvorFileIO::Open(lpPath, nFlags, nMode);
-        if (fd >= 0 && m_path == lpPath) {
-            m_nOpens++;
-            if (m_onOpen) m_onOpen();
-        }
-        return fd;
-    }
-    int Flock(int fd, int nOp) override
-    {
-        if (nOp & (LOCK_SH | LOCK_EX)) {
-            int n = ++m_nLocks;
-            if (m_onLock) m_onLock(n);
-        }
-        return CTalvorFileIO::Flock(fd, nOp);
-    }
-    ssize_t PRead(int fd, void* lpBuf, size_t nSize, off_t nOffset) override
-    {
-        if (nOffset == 0) m_nReads++;
-        if (m_onRead) return m_onRead(fd, lpBuf, nSize, nOffset);
-        return CTalvorFileIO::PRead(fd, lpBuf, nSize, nOffset);
-    }
-    ssize_t RealRead(int fd, void* lpBuf, size_t nSize, off_t nOffset)
-    {
-        return CTalvorFileIO::PRead(fd, lpBuf, nSize, nOffset);
-    }
-
-    std::string m_path;
-    std::atomic<int> m_nOpens{0};
-    std::atomic<int> m_nLocks{0};
-    std::atomic<int> m_nReads{0}; // reads of the whole file begun
-    std::function<void()> m_onOpen;
-    std::function<void(int)> m_onLock;
-    std::function<ssize_t(int, void*, size_t, off_t)> m_onRead;
-};
+// A daemon call left waiting for the engine's lock gives up after this long.
+const int LOCK_REACHED_MS = 10000;
 
 class ConfigIniTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        const char* lpTmp = getenv("TMPDIR");
-        std::string tmpl = std::string(lpTmp != nullptr && *lpTmp != 0 ? lpTmp : "/tmp") + "/talvorcfgcXXXXXX";
-        ASSERT_NE(mkdtemp(&tmpl[0]), nullptr);
-        m_dir = tmpl;
-        m_path = m_dir + "/TalvorConfig.ini";
+        ASSERT_TRUE(m_tree.Ok());
+        m_path = m_tree.Path("TalvorConfig.ini");
         ASSERT_NE(ConfigHelper::s_pInstance.get(), nullptr);
         memset(&m_crit, 0, sizeof(m_crit));
         m_crit.m_nThreadID = (int)GetCurrentThreadId();
@@ -149,15 +96,34 @@ protected:
         TalvorConfigClose();
         SharedMemoryUpdate* p = ConfigHelper::s_pInstance->sharedList();
         if (p != nullptr) memset(p, 0, sizeof(*p));
-        std::string cmd = "rm -rf '" + m_dir + "'";
-        ASSERT_EQ(system(cmd.c_str()), 0);
     }
     int DaemonInt(const char* app, const char* key) { return TalvorConfigGetValueInt(app, key, -1); }
     int ProfileInt(const char* app, const char* key) { return GetPrivateProfileInt(app, key, -1, m_path.c_str()); }
-    std::string Disk() { return ReadPath(m_path); }
+    std::string Disk() { return PathExists(m_path) ? ReadWholeFile(m_path) : "<missing>"; }
+    // Counts the locks (not the unlocks) the daemon's code takes through
+    // the layer, and runs m_onLock(n) before the nth.
+    void CountLocks()
+    {
+        m_io.OnCall(FileOp::Flock, [this](const FileCall& call) {
+            if ((call.m_nFlags & (LOCK_SH | LOCK_EX)) == 0) return;
+            int n = ++m_nLocks;
+            if (m_onLock) m_onLock(n);
+        });
+    }
+    // Counts the reads of the whole file begun (reads at its start).
+    void CountWholeReads()
+    {
+        m_io.OnCall(FileOp::PRead, [this](const FileCall& call) {
+            if (call.m_nOffset == 0) m_nWholeReads++;
+        });
+    }
 
-    std::string m_dir;
+    TempTree m_tree{"cfgc"};
     std::string m_path;
+    FaultFileIO m_io;
+    std::atomic<int> m_nLocks{0};
+    std::atomic<int> m_nWholeReads{0};
+    std::function<void(int)> m_onLock;
     TALVORCRITICALSECTION m_crit;
 };
 
@@ -183,14 +149,14 @@ class IniLockTest : public ConfigIniTest, public ::testing::WithParamInterface<L
 TEST_P(IniLockTest, WaitsForTheEnginesRewriteAndKeepsItsKey)
 {
     const LockCase& c = GetParam();
-    ASSERT_TRUE(WritePath(m_path, "[S]\na=1\n[Tail]\nend=1\n"));
+    ASSERT_TRUE(WriteWholeFile(m_path, "[S]\na=1\n[Tail]\nend=1\n"));
     ASSERT_TRUE(TalvorConfigInit(m_path.c_str()));
     int fdEngine = EngineLock(m_path, LOCK_EX);
     ASSERT_GE(fdEngine, 0);
     ASSERT_EQ(ftruncate(fdEngine, 0), 0);
 
-    IniWatch watch(m_path);
-    CTalvorFileIO::Install(&watch);
+    CountLocks();
+    CTalvorFileIO::Install(&m_io);
     std::atomic<bool> bDone{false};
     std::atomic<int> nResult{-1};
     std::thread daemon([&] {
@@ -209,13 +175,13 @@ TEST_P(IniLockTest, WaitsForTheEnginesRewriteAndKeepsItsKey)
         bDone = true;
     });
     // Until the call reaches the lock (or, were it not to lock, gives up).
-    while (watch.m_nLocks == 0 && !bDone) usleep(1000);
+    EXPECT_TRUE(WaitUntil([&] { return m_nLocks > 0 || bDone; }, LOCK_REACHED_MS));
     ASSERT_TRUE(EngineRewrite(fdEngine, "[S]\na=1\ne=1\n[Tail]\nend=1\n"));
     close(fdEngine);
     daemon.join();
     CTalvorFileIO::Install(nullptr);
 
-    EXPECT_EQ(watch.m_nLocks, 1) << "the call met the emptied file instead of waiting for the lock";
+    EXPECT_EQ(m_nLocks, 1) << "the call met the emptied file instead of waiting for the lock";
     EXPECT_EQ(ProfileInt("S", "e"), 1);
     EXPECT_EQ(ProfileInt("Tail", "end"), 1);
     switch (c.op) {
@@ -246,19 +212,20 @@ INSTANTIATE_TEST_SUITE_P(Ops, IniLockTest, ::testing::ValuesIn(kLockCases),
 // opened the old file and won its lock after the rename must read the new one.
 TEST_F(ConfigIniTest, LockWonOnAReplacedFileIsTakenAgainOnTheNewOne)
 {
-    ASSERT_TRUE(WritePath(m_path, "[S]\na=1\n"));
+    ASSERT_TRUE(WriteWholeFile(m_path, "[S]\na=1\n"));
     int fdHolder = EngineLock(m_path, LOCK_EX);
     ASSERT_GE(fdHolder, 0);
 
-    IniWatch watch(m_path);
-    std::atomic<bool> bOpened{false};
-    watch.m_onOpen = [&] { bOpened = true; };
-    CTalvorFileIO::Install(&watch);
+    std::atomic<int> nOpens{0};
+    m_io.AfterCall(FileOp::Open, [&](const FileCall& call) {
+        if (call.m_nResult >= 0 && call.m_strPath == m_path) nOpens++;
+    });
+    CTalvorFileIO::Install(&m_io);
     std::atomic<bool> bLoaded{false};
     std::thread daemon([&] { bLoaded = TalvorConfigInit(m_path.c_str()); });
-    while (!bOpened) usleep(1000);
+    EXPECT_TRUE(WaitUntil([&] { return nOpens > 0; }, LOCK_REACHED_MS));
     const std::string tmp = m_path + ".new";
-    ASSERT_TRUE(WritePath(tmp, "[S]\na=3\n"));
+    ASSERT_TRUE(WriteWholeFile(tmp, "[S]\na=3\n"));
     ASSERT_EQ(rename(tmp.c_str(), m_path.c_str()), 0);
     close(fdHolder);
     daemon.join();
@@ -266,7 +233,7 @@ TEST_F(ConfigIniTest, LockWonOnAReplacedFileIsTakenAgainOnTheNewOne)
 
     EXPECT_TRUE(bLoaded);
     EXPECT_EQ(DaemonInt("S", "a"), 3);
-    EXPECT_EQ(watch.m_nOpens, 2);
+    EXPECT_EQ(nOpens, 2);
 }
 
 // ------------------------------------------------------------ Re-reading
@@ -277,35 +244,35 @@ TEST_F(ConfigIniTest, LockWonOnAReplacedFileIsTakenAgainOnTheNewOne)
 TEST_F(ConfigIniTest, EmptyFileIsReadAgainForABoundedTime)
 {
     const std::string text = "[S]\na=5\n";
-    ASSERT_TRUE(WritePath(m_path, ""));
-    IniWatch watch(m_path);
-    watch.m_onLock = [&](int n) {
-        if (n == 3) WritePath(m_path, text);
+    ASSERT_TRUE(WriteWholeFile(m_path, ""));
+    CountLocks();
+    m_onLock = [&](int n) {
+        if (n == 3) WriteWholeFile(m_path, text);
     };
-    CTalvorFileIO::Install(&watch);
+    CTalvorFileIO::Install(&m_io);
     EXPECT_TRUE(TalvorConfigInit(m_path.c_str()));
     EXPECT_EQ(DaemonInt("S", "a"), 5);
-    EXPECT_EQ(watch.m_nLocks, 3);
+    EXPECT_EQ(m_nLocks, 3);
 
-    ASSERT_TRUE(WritePath(m_path, ""));
-    watch.m_onLock = nullptr;
-    watch.m_nLocks = 0;
+    ASSERT_TRUE(WriteWholeFile(m_path, ""));
+    m_onLock = nullptr;
+    m_nLocks = 0;
     EXPECT_FALSE(TalvorConfigInit(m_path.c_str()));
-    EXPECT_EQ(watch.m_nLocks, CONFIG_INI_READ_TRIES);
-    watch.m_nLocks = 0;
+    EXPECT_EQ(m_nLocks, CONFIG_INI_READ_TRIES);
+    m_nLocks = 0;
     EXPECT_EQ(ProfileInt("S", "a"), -1);
-    EXPECT_EQ(watch.m_nLocks, CONFIG_INI_READ_TRIES);
+    EXPECT_EQ(m_nLocks, CONFIG_INI_READ_TRIES);
 
     // The file-direct writer fills a file that stayed empty, and keeps what a
     // late writer put there.
-    watch.m_nLocks = 0;
+    m_nLocks = 0;
     EXPECT_TRUE(WritePrivateProfileString("T", "b", "1", m_path.c_str()));
-    EXPECT_EQ(watch.m_nLocks, CONFIG_INI_READ_TRIES);
+    EXPECT_EQ(m_nLocks, CONFIG_INI_READ_TRIES);
     EXPECT_EQ(Disk(), "[T]\nb=1\n");
-    ASSERT_TRUE(WritePath(m_path, ""));
-    watch.m_nLocks = 0;
-    watch.m_onLock = [&](int n) {
-        if (n == 2) WritePath(m_path, text);
+    ASSERT_TRUE(WriteWholeFile(m_path, ""));
+    m_nLocks = 0;
+    m_onLock = [&](int n) {
+        if (n == 2) WriteWholeFile(m_path, text);
     };
     EXPECT_TRUE(WritePrivateProfileString("T", "b", "1", m_path.c_str()));
     EXPECT_EQ(Disk(), text + "[T]\nb=1\n");
@@ -316,29 +283,21 @@ TEST_F(ConfigIniTest, EmptyFileIsReadAgainForABoundedTime)
 TEST_F(ConfigIniTest, ReadThatEndsEarlyOrSeesTheFileMoveIsMadeAgain)
 {
     const std::string text = "[S]\na=5\nb=6\n";
-    ASSERT_TRUE(WritePath(m_path, text));
-    IniWatch watch(m_path);
-    bool bEofNext = false;
-    watch.m_onRead = [&](int fd, void* p, size_t n, off_t off) -> ssize_t {
-        if (bEofNext) {
-            bEofNext = false;
-            return 0;
-        }
-        if (watch.m_nReads == 1 && off == 0) { // cut short: half, then the end
-            bEofNext = true;
-            return watch.RealRead(fd, p, n / 2, off);
-        }
-        ssize_t r = watch.RealRead(fd, p, n, off);
-        if (watch.m_nReads == 2) { // read whole, but the file grew meanwhile
-            int fdOther = open(m_path.c_str(), O_WRONLY | O_APPEND);
-            EXPECT_EQ(write(fdOther, "c=7\n", 4), 4);
-            close(fdOther);
-        }
-        return r;
-    };
-    CTalvorFileIO::Install(&watch);
+    ASSERT_TRUE(WriteWholeFile(m_path, text));
+    CountWholeReads();
+    // The first read is cut short: half, then the end of the file.
+    m_io.CutTransfer(FileOp::PRead, 1, text.size() / 2);
+    m_io.FailCall(FileOp::PRead, 2, 0);
+    // The second is whole, but the file grows right after it.
+    m_io.AfterCall(FileOp::PRead, [&](const FileCall& call) {
+        if (call.m_nNth != 3) return;
+        int fdOther = open(m_path.c_str(), O_WRONLY | O_APPEND);
+        EXPECT_EQ(write(fdOther, "c=7\n", 4), 4);
+        close(fdOther);
+    });
+    CTalvorFileIO::Install(&m_io);
     EXPECT_TRUE(TalvorConfigInit(m_path.c_str()));
-    EXPECT_EQ(watch.m_nReads, 3);
+    EXPECT_EQ(m_nWholeReads, 3);
     EXPECT_EQ(DaemonInt("S", "b"), 6);
     EXPECT_EQ(DaemonInt("S", "c"), 7);
 }
@@ -348,21 +307,14 @@ TEST_F(ConfigIniTest, ReadThatEndsEarlyOrSeesTheFileMoveIsMadeAgain)
 TEST_F(ConfigIniTest, FileReadShortIsNeverWrittenBack)
 {
     const std::string text = "[S]\na=1\nb=2\n[T]\nc=3\n";
-    ASSERT_TRUE(WritePath(m_path, text));
+    ASSERT_TRUE(WriteWholeFile(m_path, text));
     ASSERT_TRUE(TalvorConfigInit(m_path.c_str()));
-    IniWatch watch(m_path);
-    bool bEofNext = false;
-    watch.m_onRead = [&](int fd, void* p, size_t n, off_t off) -> ssize_t {
-        if (bEofNext) {
-            bEofNext = false;
-            return 0;
-        }
-        bEofNext = true;
-        return watch.RealRead(fd, p, n / 2, off);
-    };
-    CTalvorFileIO::Install(&watch);
+    CountWholeReads();
+    // Every read meets the end halfway.
+    m_io.ReadsEndAt((long long)text.size() / 2);
+    CTalvorFileIO::Install(&m_io);
     EXPECT_TRUE(TalvorConfigSetValueString("S", "a", "9", &m_crit));
-    EXPECT_EQ(watch.m_nReads, CONFIG_INI_READ_TRIES);
+    EXPECT_EQ(m_nWholeReads, CONFIG_INI_READ_TRIES);
     EXPECT_FALSE(WritePrivateProfileString("T", "c", "9", m_path.c_str()));
     EXPECT_EQ(GetPrivateProfileInt("T", "c", -1, m_path.c_str()), -1);
     CTalvorFileIO::Install(nullptr);
@@ -388,7 +340,7 @@ void CountSemaphoreLines(LPCTSTR, LONG, LONG lCode, LPCTSTR)
 TEST_F(ConfigIniTest, OneStuckSemaphoreCostsOneWait)
 {
     const int kSets = 21;
-    ASSERT_TRUE(WritePath(m_path, "[System]\nseed=0\n"));
+    ASSERT_TRUE(WriteWholeFile(m_path, "[System]\nseed=0\n"));
     ASSERT_TRUE(TalvorConfigInit(m_path.c_str()));
     sem_t* pSem = sem_open(SEMNAME_CONFIGHELPER, 0);
     ASSERT_NE(pSem, SEM_FAILED);
@@ -474,7 +426,7 @@ protected:
 TEST_P(IniReadersAgree, SameAnswerForTheSameKey)
 {
     const AgreeCase& c = GetParam();
-    ASSERT_TRUE(WritePath(m_path, c.text));
+    ASSERT_TRUE(WriteWholeFile(m_path, c.text));
     ExpectBoth(c.app, c.key, c.value, "as written");
     ExpectBoth(c.probeApp, c.probeKey, c.probeValue, "as written");
 
@@ -632,7 +584,7 @@ void RunRace(const std::string& path, int nSets, RaceResult& r)
 TEST_F(ConfigIniTest, EngineRewritingInPlaceUnderTheLockLosesNothing)
 {
     const int kSets = 200;
-    ASSERT_TRUE(WritePath(m_path, "[S]\nseed=0\n[Tail]\nend=1\n"));
+    ASSERT_TRUE(WriteWholeFile(m_path, "[S]\nseed=0\n[Tail]\nend=1\n"));
     ASSERT_TRUE(TalvorConfigInit(m_path.c_str()));
     RaceResult r;
     RunRace(m_path, kSets, r);

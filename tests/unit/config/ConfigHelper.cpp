@@ -325,7 +325,7 @@ TEST_F(ConfigTest, FailedRewriteLeavesTheOldFileWholeAndNoTemporary)
         if (mode == 0) io.FailCall(FileOp::PWrite, 1, ENOSPC, FAULT_ALWAYS);
         if (mode == 1) io.FailCall(FileOp::FSync, 1, EIO, FAULT_ALWAYS);
         if (mode == 2) {
-            io.CutWrite(1, 4);
+            io.CutTransfer(FileOp::PWrite, 1, 4);
             io.FailCall(FileOp::PWrite, 2, ENOSPC, FAULT_ALWAYS);
         }
         if (mode == 3) io.FailCall(FileOp::Rename, 1, EIO, FAULT_ALWAYS);

@@ -8,8 +8,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
 #include <string>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -81,16 +83,54 @@ TEST_F(FaultLayer, NthCallOfAKindFailsWithItsErrnoAndNothingElseDoes)
     EXPECT_EQ(-1, vWrites[1].m_nResult);
 }
 
-TEST_F(FaultLayer, CutWriteLandsOnlyItsHeadAtItsOffset)
+TEST_F(FaultLayer, CutTransfersMoveOnlyTheirHeadAndReadsMeetAnEarlyEnd)
 {
     std::string strPath = m_tree.File("f", std::string(16, '.'));
-    m_io.CutWrite(1, 3);
+    m_io.CutTransfer(FileOp::PWrite, 1, 3);
+    m_io.CutTransfer(FileOp::PRead, 2, 2);
     int fd = m_io.Open(strPath.c_str(), O_RDWR, 0);
     ASSERT_GE(fd, 0);
     EXPECT_EQ(3, Put(fd, "abcdefgh", 4));
     EXPECT_EQ("....abc.........", ReadWholeFile(strPath));
     EXPECT_EQ(8, Put(fd, "ABCDEFGH", 4)) << "only the first write is cut";
     EXPECT_EQ("....ABCDEFGH....", ReadWholeFile(strPath));
+    char sz[16] = {0};
+    EXPECT_EQ(6, m_io.PRead(fd, sz, 6, 4));
+    EXPECT_EQ(2, m_io.PRead(fd, sz, 6, 4)) << "the second read is cut";
+    EXPECT_EQ("AB", std::string(sz, 2));
+    m_io.ReadsEndAt(10);
+    EXPECT_EQ(4, m_io.PRead(fd, sz, 16, 6));
+    EXPECT_EQ("CDEF", std::string(sz, 4));
+    EXPECT_EQ(0, m_io.PRead(fd, sz, 16, 10)) << "past the seeming end";
+    m_io.Close(fd);
+}
+
+// A call of a held kind waits until the test lets it go; hooks see each
+// call before and after it.
+TEST_F(FaultLayer, HeldCallsWaitForTheReleaseAndHooksSeeEveryCall)
+{
+    std::string strPath = m_tree.File("f", "....");
+    int fd = m_io.Open(strPath.c_str(), O_RDWR, 0);
+    ASSERT_GE(fd, 0);
+    std::vector<std::string> vSeen;
+    m_io.OnCall(FileOp::PWrite, [&](const FileCall& c) { vSeen.push_back("before " + std::to_string(c.m_nOffset)); });
+    m_io.AfterCall(FileOp::PWrite, [&](const FileCall& c) {
+        vSeen.push_back("after " + std::to_string(c.m_nResult) + " " + ReadWholeFile(strPath));
+    });
+    m_io.Hold(FileOp::PWrite);
+    std::atomic<bool> bWritten{false};
+    std::thread writer([&] {
+        Put(fd, "ab", 1);
+        bWritten = true;
+    });
+    ASSERT_TRUE(m_io.WaitHeld(5000));
+    usleep(20000);
+    EXPECT_FALSE(bWritten.load()) << "the held write went through";
+    EXPECT_EQ("....", ReadWholeFile(strPath));
+    m_io.Release();
+    writer.join();
+    EXPECT_EQ(1, m_io.Held());
+    EXPECT_EQ((std::vector<std::string>{"before 1", "after 2 .ab."}), vSeen);
     m_io.Close(fd);
 }
 
@@ -249,7 +289,7 @@ TEST_F(FaultLayer, PassThroughPathsAreNeitherCountedNorFailedNorTracked)
     m_io.PassThrough(strLogs);
     m_io.FailCall(FileOp::PWrite, 1, EIO, FAULT_ALWAYS);
     std::vector<long long> vHooked;
-    m_io.OnCall(FileOp::PWrite, [&](long long n) { vHooked.push_back(n); });
+    m_io.OnCall(FileOp::PWrite, [&](const FileCall& c) { vHooked.push_back(c.m_nNth); });
     int fdLog = m_io.Open(strLog.c_str(), RW_CREATE, 0644);
     int fdData = m_io.Open(strData.c_str(), RW_CREATE, 0644);
     ASSERT_GE(fdLog, 0);

@@ -8,58 +8,11 @@
 #include "TestFiles.h"
 
 #include <atomic>
-#include <cstring>
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 
 using namespace talvortest;
 
 namespace {
-
-// A descriptor of a database file (the trace files go through the same
-// layer and must never block).
-bool IsDatabaseFile(int fd)
-{
-    char szLink[64], szPath[4096];
-    snprintf(szLink, sizeof(szLink), "/proc/self/fd/%d", fd);
-    ssize_t n = readlink(szLink, szPath, sizeof(szPath) - 1);
-    if (n < 4) return false;
-    szPath[n] = 0;
-    return strcmp(szPath + n - 4, ".dbf") == 0;
-}
-
-// Writes to database files block once armed, until released: a pass that
-// hangs on the disk.
-class BlockingFileIO : public CTalvorFileIO {
-public:
-    ssize_t PWrite(int fd, const void* lpBuf, size_t nSize, off_t nOffset) override
-    {
-        if (m_bArmed.load() && IsDatabaseFile(fd)) {
-            std::unique_lock<std::mutex> lock(m_mtx);
-            m_nBlocked++;
-            m_cv.notify_all();
-            m_cv.wait(lock, [&] { return !m_bArmed.load(); });
-        }
-        return CTalvorFileIO::PWrite(fd, lpBuf, nSize, nOffset);
-    }
-    bool WaitBlocked(int nMs)
-    {
-        std::unique_lock<std::mutex> lock(m_mtx);
-        return m_cv.wait_for(lock, std::chrono::milliseconds(nMs), [&] { return m_nBlocked > 0; });
-    }
-    void Release()
-    {
-        std::lock_guard<std::mutex> lock(m_mtx);
-        m_bArmed = false;
-        m_cv.notify_all();
-    }
-    std::atomic<bool> m_bArmed{false};
-    int m_nBlocked = 0;
-    std::mutex m_mtx;
-    std::condition_variable m_cv;
-};
 
 std::atomic<long long> g_nFakeNow{0};
 long long FakeClock() { return g_nFakeNow.load(); }
@@ -68,10 +21,10 @@ class ServiceStop : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(m_db.MakeDatabase());
-        ASSERT_EQ(S_OK, m_db.Start());
-        m_db.PrepareFiles();
-        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+        // The trace files go through the same layer and must never hang.
+        m_io.PassThrough(m_db.m_tree.LogDir());
+        m_db.MakeStartAndSave();
+        if (HasFatalFailure()) return;
         m_db.Module().m_hStorageEvent = CreateEventSem(nullptr, SEMNAME_STORAGEEVENT);
     }
     void TearDown() override
@@ -104,12 +57,14 @@ protected:
     {
         StartThread(300);
         Change(2, 11);
-        m_io.m_bArmed = true;
+        m_io.Hold(FileOp::PWrite);
         m_db.Head()->m_bStorageCMD = STORAGECMD_SAVE;
-        ASSERT_TRUE(m_io.WaitBlocked(5000));
+        ASSERT_TRUE(m_io.WaitHeld(5000));
     }
     PersistenceDb m_db;
-    BlockingFileIO m_io;
+    // Writes to the database hang once held, until released: a pass that
+    // hangs on the disk.
+    FaultFileIO m_io;
     ScopedFileIO m_scope{&m_io};
     pthread_t m_hThread{};
     bool m_bStarted = false;
@@ -123,9 +78,9 @@ TEST_F(ServiceStop, AThreadThatDoesNotEndKeepsWhatItHolds)
     CBreltMemStorageModule& m = m_db.Module();
     m.m_nStorageStopWaitMs = 300;
     g_bEixt = 1;
-    auto tStart = std::chrono::steady_clock::now();
+    long long nStart = NowMs();
     EXPECT_EQ(S_OK, m.StopService(&m_db.m_stCrit, m_db.m_nRedoLogMaxID));
-    long long nMs = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - tStart).count();
+    long long nMs = NowMs() - nStart;
     EXPECT_LT(nMs, 5000) << "the stop waited past its bound";
     // Nothing the thread works on was freed under it.
     EXPECT_NE(nullptr, m.m_pStorageInfo);
@@ -175,7 +130,7 @@ TEST_F(ServiceStop, TheLastPassAndTheReleaseWaitForTheThread)
 TEST_F(ServiceStop, TwoPassesNeverRunTogether)
 {
     Change(2, 21);
-    m_io.m_bArmed = true;
+    m_io.Hold(FileOp::PWrite);
     std::atomic<int> nFirst{-9}, nSecond{-9};
     UINT nIdA = m_db.m_nRedoLogMaxID, nIdB = m_db.m_nRedoLogMaxID;
     std::thread first([&] {
@@ -183,7 +138,7 @@ TEST_F(ServiceStop, TwoPassesNeverRunTogether)
         InitThreadCritSection(&stCrit);
         nFirst = m_db.Module().RunSavePass(&stCrit, FALSE, 0, nIdA);
     });
-    ASSERT_TRUE(m_io.WaitBlocked(5000));
+    ASSERT_TRUE(m_io.WaitHeld(5000));
     std::thread second([&] {
         TALVORCRITICALSECTION stCrit;
         InitThreadCritSection(&stCrit);
@@ -192,7 +147,7 @@ TEST_F(ServiceStop, TwoPassesNeverRunTogether)
     usleep(200000);
     // The second waits at the gate: it has not reached the disk.
     EXPECT_EQ(-9, nSecond.load());
-    EXPECT_EQ(1, m_io.m_nBlocked);
+    EXPECT_EQ(1, m_io.Held());
     m_io.Release();
     first.join();
     second.join();

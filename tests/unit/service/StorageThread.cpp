@@ -79,8 +79,8 @@ TEST_F(StorageThread, FileCommandIsAnsweredWith32BeforeThePassThatFollows)
     // What m_bStorageCMD says at the first write of the pass.
     LPSYSTEMFILEHEAD lpHead = m_db.Head();
     std::atomic<int>* pFirst = &m_nFirstWriteCommand;
-    m_io.OnCall(FileOp::PWrite, [lpHead, pFirst](long long nNth) {
-        if (nNth == 1) *pFirst = lpHead->m_bStorageCMD;
+    m_io.OnCall(FileOp::PWrite, [lpHead, pFirst](const FileCall& call) {
+        if (call.m_nNth == 1) *pFirst = lpHead->m_bStorageCMD;
     });
     ScopedFileIO scope(&m_io);
     m_db.Head()->m_bStorageCMD = 1;
