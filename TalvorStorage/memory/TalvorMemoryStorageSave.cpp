@@ -103,8 +103,9 @@ int ErrnoOr(int nFallback) { return errno != 0 ? errno : nFallback; }
 
 // The files of types 2 to 4 are kept open O_SYNC, so that each write is on
 // the disk when it returns. A pass writes through a descriptor of its own
-// without O_SYNC and syncs once at its end instead (SyncFile): the same
-// guarantee before the commit, without a device flush per block.
+// without O_SYNC and syncs at the end of each stage instead (SyncStage):
+// the blocks, the head and the map reach the medium in that order, as with
+// O_SYNC, without a device flush per block.
 class PassDescriptor {
 public:
     PassDescriptor(LPFILEINFO pFileInfo) : m_fd(-1)
@@ -217,6 +218,24 @@ BOOL RollBackCopy(SaveContext& c, LPBASEBLOCKHEAD lpLive, int nBlockSize)
     return bOk;
 }
 
+// Writes lpSrc (a copy of lpLive, or lpLive itself) to its place, saved as
+// clean. A failed write marks the live block again, so that the block is not
+// lost when the disk recovers; nWriteCode tells which walk found it.
+int WriteBlockOut(SaveContext& c, LPBASEBLOCKHEAD lpLive, LPBASEBLOCKHEAD lpSrc, long long nBlockOffset,
+                  int nBlockSize, int nWriteCode)
+{
+    lpSrc->m_bSaveFlag = 0;
+    FullFence();
+    if (WriteAt(c, (const void*)lpSrc, nBlockSize, nBlockOffset)) return STEP_OK;
+    int nErr = ErrnoOr(EIO);
+    lpLive->m_bSaveFlag = 1;
+    Trace("SaveChange2File", 1, nWriteCode,
+          TALVOR_TEXT("从内存写入物理文件失败,错误:%s(%d),路径:%s,写入位置:%lld,写入大小:%d",
+                      "Failed to write from memory to physical file, error: %s(%d), path: %s, write location: %lld, write size: %d"),
+          strerror(nErr), nErr, PathOf(c), nBlockOffset, nBlockSize);
+    return STEP_FAIL;
+}
+
 // An index block, copied: its flag is cleared first, so that a change that
 // lands during or after the copy marks it again, and the copy goes to disk as
 // it is — index blocks are never rolled back and never hold the commit back.
@@ -242,17 +261,7 @@ int WriteIndexBlock(SaveContext& c, LPBASEBLOCKHEAD lpLive, long long nBlockOffs
               nBlockOffset);
         return STEP_FAIL;
     }
-    lpSrc->m_bSaveFlag = 0;
-    if (!WriteAt(c, (const void*)lpSrc, nBlockSize, nBlockOffset)) {
-        int nErr = ErrnoOr(EIO);
-        lpLive->m_bSaveFlag = 1;
-        Trace("SaveChange2File", 1, 40002045,
-              TALVOR_TEXT("从内存写入物理文件失败,错误:%s(%d),路径:%s,写入位置:%lld,写入大小:%d",
-                          "Failed to write from memory to physical file, error: %s(%d), path: %s, write location: %lld, write size: %d"),
-              strerror(nErr), nErr, PathOf(c), nBlockOffset, nBlockSize);
-        return STEP_FAIL;
-    }
-    return STEP_OK;
+    return WriteBlockOut(c, lpLive, lpSrc, nBlockOffset, nBlockSize, 40002045);
 }
 
 // Writes one block, either from a private copy or live. nMarkCode and
@@ -293,18 +302,7 @@ int WriteBlock(SaveContext& c, LPBASEBLOCKHEAD lpLive, long long nBlockOffset, i
               (int)lpSrc->m_nDataFlag, BLOCK_DATAFLAG, PathOf(c), (int)lpSrc->m_nBlockNo, nBlockOffset);
         return STEP_FAIL;
     }
-    lpSrc->m_bSaveFlag = 0;
-    FullFence();
-    if (!WriteAt(c, (const void*)lpSrc, nBlockSize, nBlockOffset)) {
-        int nErr = ErrnoOr(EIO);
-        // Marked again, so that the block is not lost when the disk recovers.
-        lpLive->m_bSaveFlag = 1;
-        Trace("SaveChange2File", 1, nWriteCode,
-              TALVOR_TEXT("从内存写入物理文件失败,错误:%s(%d),路径:%s,写入位置:%lld,写入大小:%d",
-                          "Failed to write from memory to physical file, error: %s(%d), path: %s, write location: %lld, write size: %d"),
-              strerror(nErr), nErr, PathOf(c), nBlockOffset, nBlockSize);
-        return STEP_FAIL;
-    }
+    if (WriteBlockOut(c, lpLive, lpSrc, nBlockOffset, nBlockSize, nWriteCode) != STEP_OK) return STEP_FAIL;
     if (bLive && !c.m_bForce && lpLive->m_nTimestamp > c.m_nTimestamp) {
         lpLive->m_bSaveFlag = 1;
         bPendingBlock = TRUE;
@@ -471,13 +469,21 @@ void SettleObject(SaveContext& c, LPBASEFILEOBJECTDEF lpBase, LPBASEFILEOBJECTDE
     if (lpLive->m_bSaveFlag != 0) bFlashbackFlag = TRUE;
 }
 
+// Where the object table of a head lies, and how many objects it holds: the
+// system file keeps a fixed table of its own.
+void ObjectTableOf(const SaveContext& c, LPBASEFILEHEAD lpHead, long long& nTable, int& nObjects)
+{
+    nTable = c.m_bSystem ? (long long)offsetof(SYSTEMFILEHEAD, m_stFileObject) : lpHead->m_nObjectInfoOffset;
+    nObjects = lpHead->m_nMaxObjectNum;
+    if (c.m_bSystem && nObjects > SYSTEMFILE_OBJECT_NUM) nObjects = SYSTEMFILE_OBJECT_NUM;
+}
+
 // Phase 3a: data files and the system file, object by object.
 int WalkByObjects(SaveContext& c, BOOL& bFlashbackFlag)
 {
-    long long nTable =
-        c.m_bSystem ? (long long)offsetof(SYSTEMFILEHEAD, m_stFileObject) : c.m_lpBase->m_nObjectInfoOffset;
-    int nObjects = c.m_lpBase->m_nMaxObjectNum;
-    if (c.m_bSystem && nObjects > SYSTEMFILE_OBJECT_NUM) nObjects = SYSTEMFILE_OBJECT_NUM;
+    long long nTable = 0;
+    int nObjects = 0;
+    ObjectTableOf(c, c.m_lpBase, nTable, nObjects);
     for (int i = 0; i < nObjects; i++) {
         long long nAt = nTable + (long long)i * sizeof(BASEFILEOBJECTDEF);
         LPBASEFILEOBJECTDEF lpBase = (LPBASEFILEOBJECTDEF)((LPBYTE)c.m_lpBase + nAt);
@@ -536,35 +542,57 @@ void TraceMapBlock(const SaveContext& c, long long nMapOffset, int nMapNum)
           PathOf(c), nMapOffset, nMapNum);
 }
 
-// Phase 3b: index files, map block by map block. The chain of map blocks
-// comes from the image: it is held to the image and to as many map blocks
-// as the image can hold.
-int WalkByMap(SaveContext& c, BOOL& bFlashbackFlag)
+// Calls fnVisit(nMap, lpMap) for each block of the map chain of lpHead,
+// read at nMap + nDelta in the image. The chain comes from the image:
+// it is held to the image and to as many map blocks as the image can hold,
+// and a block that breaks either stops the walk, traced.
+template <typename Visit>
+int VisitMapBlocks(const SaveContext& c, LPBASEFILEHEAD lpHead, long long nDelta, Visit fnVisit)
 {
-    long long nMapSize = c.m_lpBase->m_nBlockMapSize;
-    int nMaxEntries = DbMaxBlockMapNum((int)nMapSize);
+    long long nMapSize = lpHead->m_nBlockMapSize;
+    long long nMap = lpHead->m_nBlockMapStartOffset;
+    if (nMapSize < (long long)sizeof(BASEFILEBLOCKMAPHEAD)) {
+        TraceMapBlock(c, nMap, 0);
+        return STEP_FAIL;
+    }
     long long nMaxSteps = c.m_nImageSize / nMapSize + 1;
-    long long nMap = c.m_lpBase->m_nBlockMapStartOffset;
     for (long long nStep = 0; nMap != 0; nStep++) {
-        long long nAt = nMap + c.m_nMapDelta;
+        long long nAt = nMap + nDelta;
         if (nStep >= nMaxSteps || nMap < 0 || nAt + nMapSize > c.m_nImageSize) {
             TraceMapBlock(c, nMap, 0);
             return STEP_FAIL;
         }
         LPBASEFILEBLOCKMAPHEAD lpMap = (LPBASEFILEBLOCKMAPHEAD)(c.m_lpImage + nAt);
-        int nNum = lpMap->m_nBlockMapNum;
-        if (nNum < 0 || nNum > nMaxEntries) {
-            TraceMapBlock(c, nMap, nNum);
-            return STEP_FAIL;
-        }
-        for (int i = 0; i < nNum; i++) {
-            BASEFILEBLOCKMAP stEntry;
-            memcpy(&stEntry, c.m_lpImage + DbMapEntryOffset(nAt, i), sizeof(stEntry));
-            if (SaveMapEntry(c, stEntry, i + 1, bFlashbackFlag) != STEP_OK) return STEP_FAIL;
-        }
+        if (fnVisit(nMap, lpMap) != STEP_OK) return STEP_FAIL;
         nMap = lpMap->m_nNextBlockMapOffset;
     }
     return STEP_OK;
+}
+
+// The entries of a map block as the image holds them, or -1 (traced) when
+// its count cannot be.
+int MapEntriesOf(const SaveContext& c, LPBASEFILEHEAD lpHead, long long nMap, LPBASEFILEBLOCKMAPHEAD lpMap)
+{
+    int nNum = lpMap->m_nBlockMapNum;
+    if (nNum >= 0 && nNum <= DbMaxBlockMapNum((int)lpHead->m_nBlockMapSize)) return nNum;
+    TraceMapBlock(c, nMap, nNum);
+    return -1;
+}
+
+// Phase 3b: index files, map block by map block.
+int WalkByMap(SaveContext& c, BOOL& bFlashbackFlag)
+{
+    return VisitMapBlocks(c, c.m_lpBase, c.m_nMapDelta,
+                          [&](long long nMap, LPBASEFILEBLOCKMAPHEAD lpMap) {
+                              int nNum = MapEntriesOf(c, c.m_lpBase, nMap, lpMap);
+                              if (nNum < 0) return STEP_FAIL;
+                              for (int i = 0; i < nNum; i++) {
+                                  BASEFILEBLOCKMAP stEntry;
+                                  memcpy(&stEntry, lpMap->m_pBlockMap + i, sizeof(stEntry));
+                                  if (SaveMapEntry(c, stEntry, i + 1, bFlashbackFlag) != STEP_OK) return STEP_FAIL;
+                              }
+                              return STEP_OK;
+                          });
 }
 
 // Phase 4: the head, after the blocks.
@@ -606,31 +634,28 @@ int WriteHead(SaveContext& c)
 int WriteMap(SaveContext& c)
 {
     long long nMapSize = c.m_lpBase->m_nBlockMapSize;
-    long long nMaxSteps = c.m_nImageSize / nMapSize + 1;
-    long long nOffset = c.m_lpBase->m_nBlockMapStartOffset;
-    for (long long nStep = 0; nOffset != 0; nStep++) {
-        long long nAt = nOffset + c.m_nMapDelta;
-        if (nStep >= nMaxSteps || nOffset < 0 || nAt + nMapSize > c.m_nImageSize) {
-            TraceMapBlock(c, nOffset, 0);
-            return STEP_FAIL;
-        }
-        if (!WriteAt(c, c.m_lpImage + nAt, nMapSize, nOffset)) {
-            int nErr = ErrnoOr(EIO);
-            Trace("SaveChange2File", 1, 40002011,
-                  TALVOR_TEXT("从内存写入物理文件失败,错误:%s(%d),路径:%s,写入位置:%lld,写入大小:%d",
-                              "Failed to write from memory to physical file, error: %s(%d), path: %s, write location: %lld, write size: %d"),
-                  strerror(nErr), nErr, PathOf(c), nOffset, (int)nMapSize);
-            return STEP_FAIL;
-        }
-        nOffset = ((LPBASEFILEBLOCKMAPHEAD)(c.m_lpImage + nAt))->m_nNextBlockMapOffset;
-    }
-    return STEP_OK;
+    return VisitMapBlocks(c, c.m_lpBase, c.m_nMapDelta,
+                          [&](long long nMap, LPBASEFILEBLOCKMAPHEAD lpMap) {
+                              if (WriteAt(c, lpMap, nMapSize, nMap)) return STEP_OK;
+                              int nErr = ErrnoOr(EIO);
+                              Trace("SaveChange2File", 1, 40002011,
+                                    TALVOR_TEXT("从内存写入物理文件失败,错误:%s(%d),路径:%s,写入位置:%lld,写入大小:%d",
+                                                "Failed to write from memory to physical file, error: %s(%d), path: %s, write location: %lld, write size: %d"),
+                                    strerror(nErr), nErr, PathOf(c), nMap, (int)nMapSize);
+                              return STEP_FAIL;
+                          });
 }
 
-// Whatever the pass wrote reaches the disk before the caller may commit.
-int SyncFile(SaveContext& c)
+// What the stage wrote reaches the medium before the next stage writes: a
+// disk may write back its cache in any order, and a map on disk that names
+// a block whose bytes never arrived makes the file unloadable.
+int SyncStage(SaveContext& c)
 {
-    if (c.m_nWrites == 0 || CTalvorFileIO::Current()->FSync(c.m_fd) == 0) return STEP_OK;
+    if (c.m_nWrites == 0) return STEP_OK;
+    if (CTalvorFileIO::Current()->FSync(c.m_fd) == 0) {
+        c.m_nWrites = 0;
+        return STEP_OK;
+    }
     int nErr = ErrnoOr(EIO);
     Trace("SaveChange2File", 1, 40002013,
           TALVOR_TEXT("同步物理文件失败,错误:%s(%d),路径:%s", "Failed to synchronize physical file, error: %s(%d), path: %s"),
@@ -650,45 +675,34 @@ void MarkBlockAt(SaveContext& c, long long nBlockOffset)
 // of the pass, and a later sync would succeed without them: every block of
 // the file, every object and the head are marked again, so that the next
 // pass writes the file whole before anything commits it. Walks the live
-// maps; every offset is bounded as in the pass.
+// object chains and maps, bounded as the pass is.
 void MarkWholeFileAgain(SaveContext& c)
 {
     LPBASEFILEHEAD lpLive = c.m_lpLive;
     lpLive->m_bSaveFlag = 1;
     int nMark = lpLive->m_nDataFlag;
-    if (nMark == DATAFILE_DATAFLAG || nMark == SYSTEMFILE_DATAFLAG) {
-        long long nTable = c.m_bSystem ? (long long)offsetof(SYSTEMFILEHEAD, m_stFileObject) : lpLive->m_nObjectInfoOffset;
-        int nObjects = lpLive->m_nMaxObjectNum;
-        if (c.m_bSystem && nObjects > SYSTEMFILE_OBJECT_NUM) nObjects = SYSTEMFILE_OBJECT_NUM;
-        for (int i = 0; i < nObjects; i++) {
-            long long nAt = nTable + (long long)i * sizeof(BASEFILEOBJECTDEF);
-            if (nAt < 0 || nAt + (long long)sizeof(BASEFILEOBJECTDEF) > c.m_nImageSize) break;
-            LPBASEFILEOBJECTDEF lpObject = (LPBASEFILEOBJECTDEF)(c.m_lpImage + nAt);
-            if (lpObject->m_nID == 0) continue;
-            lpObject->m_bSaveFlag = 1;
-            for (long long nFirst : {(long long)lpObject->m_nFullBlockMapOffset, (long long)lpObject->m_nFreeBlockMapOffset})
-                DbWalkMapChain(c.m_lpImage, c.m_nImageSize, nFirst, 0, nullptr, [&](long long, LPBASEFILEBLOCKMAP lpEntry) {
-                    MarkBlockAt(c, lpEntry->m_nBlockOffset);
-                    return true;
-                });
-        }
+    if (nMark == KVINDEXFILE_DATAFLAG || nMark == BTREEINDEXFILE_DATAFLAG) {
+        VisitMapBlocks(c, lpLive, 0, [&](long long nMap, LPBASEFILEBLOCKMAPHEAD lpMap) {
+            int nNum = MapEntriesOf(c, lpLive, nMap, lpMap);
+            for (int i = 0; i < nNum; i++) MarkBlockAt(c, lpMap->m_pBlockMap[i].m_nBlockOffset);
+            return nNum < 0 ? STEP_FAIL : STEP_OK;
+        });
         return;
     }
-    long long nMapSize = lpLive->m_nBlockMapSize;
-    if (nMapSize < (long long)sizeof(BASEFILEBLOCKMAPHEAD)) return;
-    int nMaxEntries = DbMaxBlockMapNum((int)nMapSize);
-    long long nMaxSteps = c.m_nImageSize / nMapSize + 1;
-    long long nMap = lpLive->m_nBlockMapStartOffset;
-    for (long long nStep = 0; nMap > 0 && nStep < nMaxSteps && nMap + nMapSize <= c.m_nImageSize; nStep++) {
-        LPBASEFILEBLOCKMAPHEAD lpMap = (LPBASEFILEBLOCKMAPHEAD)(c.m_lpImage + nMap);
-        int nNum = lpMap->m_nBlockMapNum;
-        if (nNum < 0 || nNum > nMaxEntries) return;
-        for (int i = 0; i < nNum; i++) {
-            BASEFILEBLOCKMAP stEntry;
-            memcpy(&stEntry, c.m_lpImage + DbMapEntryOffset(nMap, i), sizeof(stEntry));
-            MarkBlockAt(c, stEntry.m_nBlockOffset);
-        }
-        nMap = lpMap->m_nNextBlockMapOffset;
+    long long nTable = 0;
+    int nObjects = 0;
+    ObjectTableOf(c, lpLive, nTable, nObjects);
+    for (int i = 0; i < nObjects; i++) {
+        long long nAt = nTable + (long long)i * sizeof(BASEFILEOBJECTDEF);
+        if (nAt < 0 || nAt + (long long)sizeof(BASEFILEOBJECTDEF) > c.m_nImageSize) break;
+        LPBASEFILEOBJECTDEF lpObject = (LPBASEFILEOBJECTDEF)(c.m_lpImage + nAt);
+        if (lpObject->m_nID == 0) continue;
+        lpObject->m_bSaveFlag = 1;
+        for (long long nFirst : {(long long)lpObject->m_nFullBlockMapOffset, (long long)lpObject->m_nFreeBlockMapOffset})
+            DbWalkMapChain(c.m_lpImage, c.m_nImageSize, nFirst, 0, nullptr, [&](long long, LPBASEFILEBLOCKMAP lpEntry) {
+                MarkBlockAt(c, lpEntry->m_nBlockOffset);
+                return true;
+            });
     }
 }
 
@@ -728,6 +742,19 @@ int RunWalk(SaveContext& c, BOOL& bFlashbackFlag)
     Trace("SaveChange2File", 1, 40002050,
           TALVOR_TEXT("保存的文件头数据(%d)不正确", "The saved file header data (%d) was incorrect"), nMark);
     return STEP_FAIL;
+}
+
+enum { WRITTEN_DURABLE = 0, WRITTEN_WRITEFAILED = 1, WRITTEN_SYNCFAILED = 2 };
+
+// Phases 3 to 5, each stage on the medium before the next one begins.
+int WriteInDurableOrder(SaveContext& c, BOOL& bFlashbackFlag)
+{
+    if (RunWalk(c, bFlashbackFlag) != STEP_OK) return WRITTEN_WRITEFAILED;
+    if (SyncStage(c) != STEP_OK) return WRITTEN_SYNCFAILED;
+    if (WriteHead(c) != STEP_OK) return WRITTEN_WRITEFAILED;
+    if (SyncStage(c) != STEP_OK) return WRITTEN_SYNCFAILED;
+    if (WriteMap(c) != STEP_OK) return WRITTEN_WRITEFAILED;
+    return SyncStage(c) == STEP_OK ? WRITTEN_DURABLE : WRITTEN_SYNCFAILED;
 }
 
 } // namespace
@@ -786,12 +813,10 @@ int CTalvorMemoryStorage::SaveChange2File(LPTALVORCRITICALSECTION lpCritSection,
     }
     if (c.m_nMapDelta != 0 && c.m_nMapDelta != c.m_lpLive->m_nBlockMapSize) c.m_nMapDelta = c.m_lpLive->m_nBlockMapSize;
 
-    if (RunWalk(c, bFlashbackFlag) != STEP_OK || WriteHead(c) != STEP_OK || WriteMap(c) != STEP_OK) {
+    int nWritten = WriteInDurableOrder(c, bFlashbackFlag);
+    if (nWritten == WRITTEN_SYNCFAILED) MarkWholeFileAgain(c);
+    if (nWritten != WRITTEN_DURABLE) {
         c.m_lpLive->m_bSaveFlag = 1;
-        return 1;
-    }
-    if (SyncFile(c) != STEP_OK) {
-        MarkWholeFileAgain(c);
         return 1;
     }
     if (bFlashbackFlag || c.m_bPending || c.m_bDamaged) c.m_lpLive->m_bSaveFlag = 1;

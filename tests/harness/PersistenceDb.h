@@ -154,6 +154,39 @@ public:
         if (s.size() < sizeof(SYSTEMFILEHEAD)) return -1;
         return Val(((LPSYSTEMFILEHEAD)&s[0])->m_nBeginTimestamp);
     }
+    // Empty when every map entry of file nFileNo on disk names a block
+    // whose head on disk is whole (the block mark and the entry's number);
+    // else the first entry that does not, told.
+    std::string MapsNameWholeBlocksOnDisk(int nFileNo) const
+    {
+        std::string s = ReadWholeFile(PathOf(nFileNo));
+        long long nSize = (long long)s.size();
+        if (nSize < (long long)sizeof(BASEFILEHEAD)) return "file shorter than its head";
+        const BYTE* lpFile = (const BYTE*)s.data();
+        const BASEFILEHEAD* lpHead = (const BASEFILEHEAD*)lpFile;
+        long long nMapSize = lpHead->m_nBlockMapSize;
+        if (nMapSize < (long long)sizeof(BASEFILEBLOCKMAPHEAD)) return "map size " + std::to_string(nMapSize);
+        long long nMap = lpHead->m_nBlockMapStartOffset;
+        for (int nStep = 0; nMap != 0; nStep++) {
+            if (nStep > nSize / nMapSize || nMap < 0 || nMap + nMapSize > nSize)
+                return "map block at " + std::to_string(nMap) + " outside the file";
+            const BASEFILEBLOCKMAPHEAD* lpMap = (const BASEFILEBLOCKMAPHEAD*)(lpFile + nMap);
+            if (lpMap->m_nBlockMapNum < 0 || lpMap->m_nBlockMapNum > DbMaxBlockMapNum((int)nMapSize))
+                return "map block at " + std::to_string(nMap) + " counts " + std::to_string(lpMap->m_nBlockMapNum);
+            for (int i = 0; i < lpMap->m_nBlockMapNum; i++) {
+                BASEFILEBLOCKMAP stEntry;
+                memcpy(&stEntry, lpFile + DbMapEntryOffset(nMap, i), sizeof(stEntry));
+                long long nBlock = stEntry.m_nBlockOffset;
+                const BLOCKHEAD* lpBlock = (const BLOCKHEAD*)(lpFile + nBlock);
+                if (nBlock <= 0 || nBlock + (long long)sizeof(BLOCKHEAD) > nSize ||
+                    lpBlock->m_nDataFlag != BLOCK_DATAFLAG || lpBlock->m_nBlockNo != stEntry.m_nBlockNo)
+                    return "entry of block " + std::to_string(stEntry.m_nBlockNo) + " names " + std::to_string(nBlock) +
+                           ", where no such block is";
+            }
+            nMap = lpMap->m_nNextBlockMapOffset;
+        }
+        return std::string();
+    }
     talvorpeer::PeerCheckResult CheckDisk(long long nCommitted) const
     {
         std::vector<std::string> vFiles(5);

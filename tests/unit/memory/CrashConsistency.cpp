@@ -61,6 +61,41 @@ TEST(CrashConsistency, EveryFailedWriteLeavesATrueCommitAndTheNextPassFinishes)
     }
 }
 
+// After a failed fsync the kernel may drop the pages it could not write and
+// report the next fsync clean: every block of that file must be written
+// again by the next pass before a commit covers it. Each fsync of a pass
+// fails in turn, the unsynced writes are dropped, and the next pass must
+// leave a true, complete commit.
+TEST(CrashConsistency, EveryFailedSyncIsMadeGoodByTheNextPass)
+{
+    long long nSyncs = 0;
+    {
+        std::unique_ptr<PersistenceDb> pDb = MakeDirtyDatabase();
+        FaultFileIO io;
+        ScopedFileIO scope(&io);
+        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, pDb->Pass());
+        nSyncs = io.Calls(FileOp::FSync) + io.Calls(FileOp::FDataSync);
+    }
+    ASSERT_GT(nSyncs, 3);
+    for (long long k = 1; k <= nSyncs; k++) {
+        std::unique_ptr<PersistenceDb> pDb = MakeDirtyDatabase();
+        long long nEnd = pDb->Head()->m_nEndTimestamp;
+        FaultFileIO io;
+        io.FailCall(FileOp::FSync, k, EIO);
+        io.FailCall(FileOp::FDataSync, k, EIO);
+        {
+            ScopedFileIO scope(&io);
+            pDb->Pass();
+            io.LosePower(NameLoss::Keep);
+            EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, pDb->Pass()) << "k=" << k;
+        }
+        EXPECT_EQ(nEnd, pDb->CommittedOnDisk()) << "k=" << k;
+        talvorpeer::PeerCheckResult r = pDb->CheckDisk(nEnd);
+        EXPECT_EQ(0, r.m_nViolations) << "fsync " << k << " failed: " << r.m_strFirst;
+        for (int n = 2; n <= 4; n++) EXPECT_EQ("", pDb->MapsNameWholeBlocksOnDisk(n)) << "k=" << k;
+    }
+}
+
 namespace {
 
 // The power goes once write k - 1 was made (write k and every sync after
@@ -141,4 +176,44 @@ TEST(CrashConsistency, PowerLossKeepingAnySubsetOfUnsyncedWritesLeavesATrueCommi
         if (round.m_nKept > 0 && round.m_nKept < round.m_nUnsynced) nMixed++;
     }
     EXPECT_GT(nMixed, 0u) << "no round kept some unsynced writes and dropped others";
+}
+
+// A pass that writes blocks new to the disk, cut by a power loss at each of
+// its writes, with any subset of the unsynced writes kept: the blocks reach
+// the medium before the head and the map that name them, so no file on disk
+// names a block whose bytes never arrived, whatever the disk kept.
+TEST(CrashConsistency, PowerLossNeverLeavesAMapNamingABlockThatIsNotOnDisk)
+{
+    long long nWrites = 0;
+    {
+        PersistenceDb db(2 * 1048576LL, 8);
+        ASSERT_TRUE(db.MakeDatabase());
+        ASSERT_EQ(S_OK, db.Start());
+        db.PrepareFiles();
+        FaultFileIO io;
+        ScopedFileIO scope(&io);
+        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, db.Pass());
+        nWrites = io.Calls(FileOp::PWrite);
+    }
+    std::mt19937 rng(31);
+    for (long long k = 1; k <= nWrites; k++) {
+        for (int nRound = 0; nRound < 2; nRound++) {
+            PersistenceDb db(2 * 1048576LL, 8);
+            ASSERT_TRUE(db.MakeDatabase());
+            ASSERT_EQ(S_OK, db.Start());
+            db.PrepareFiles();
+            FaultFileIO io;
+            io.DieAfter(FileOp::PWrite, k - 1);
+            {
+                ScopedFileIO scope(&io);
+                db.Pass();
+                std::vector<size_t> vKeep;
+                for (size_t i = 0; i < io.Unsynced().size(); i++)
+                    if (nRound == 1 || rng() % 2 == 0) vKeep.push_back(i);
+                io.LosePowerKeeping(vKeep);
+            }
+            for (int n = 2; n <= 4; n++)
+                EXPECT_EQ("", db.MapsNameWholeBlocksOnDisk(n)) << "file " << n << ", power lost at write " << k;
+        }
+    }
 }
