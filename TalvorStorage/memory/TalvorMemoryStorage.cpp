@@ -231,6 +231,7 @@ int CTalvorMemoryStorage::Initialize(LPTALVORCRITICALSECTION, LPFILEINFO pFileIn
                                      CTalvorFlashback* pFlashback, LPTALVORPROGRESS lpTalvorProgress,
                                      long long nTotalProgress, BYTE)
 {
+    m_stMapOnDisk.Forget();
     m_pFileInfo = pFileInfo;
     m_pFlashback = pFlashback;
     if (pFileInfo == nullptr || pFileInfo->m_bFileType < 1 || pFileInfo->m_bFileType > 5) return 1;
@@ -254,6 +255,7 @@ int CTalvorMemoryStorage::Initialize(LPTALVORCRITICALSECTION, LPFILEINFO pFileIn
 
 int CTalvorMemoryStorage::Release()
 {
+    m_stMapOnDisk.Forget();
     LPFILEINFO p = m_pFileInfo;
     if (p != nullptr) {
         Talvor_CloseFile(p->m_hFile);

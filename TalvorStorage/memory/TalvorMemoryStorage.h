@@ -15,6 +15,7 @@
 #pragma once
 
 #include "LinuxCommonAPI.h"
+#include "MemoryMapOnDisk.h"
 #include "MemDBCommonDef.h"
 #include "TalvorStorageDef.h"
 #include "TypeDef.h"
@@ -79,6 +80,9 @@ public:
 private:
     BOOL m_bTookOver = FALSE;
     BOOL m_bKeepSegment = FALSE;
+    // The map blocks the save pass last wrote and synced; forgotten by every
+    // other writer of the file.
+    CMemoryMapOnDisk m_stMapOnDisk;
 
     // Open flags by type: the system file takes small writes at odd offsets
     // and is opened plain; the others are direct and synchronous.

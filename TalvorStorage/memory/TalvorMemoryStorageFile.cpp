@@ -81,6 +81,7 @@ int CTalvorMemoryStorage::NewFile(LPTALVORCRITICALSECTION, LPFILEINFO pFileInfo,
                                   USHORT usDatabaseGuid, CTalvorFlashback* pFlashback, LPTALVORPROGRESS lpTalvorProgress,
                                   BYTE)
 {
+    m_stMapOnDisk.Forget();
     if (pFileInfo == nullptr) return 1;
     long long nSize = pFileInfo->m_liFileSize;
     if (lpTalvorProgress != nullptr) {
@@ -175,6 +176,7 @@ int CTalvorMemoryStorage::NewFile(LPTALVORCRITICALSECTION, LPFILEINFO pFileInfo,
 
 int CTalvorMemoryStorage::Save2File(LPFILEINFO pFileInfo, BOOL bNewFile, LPTALVORPROGRESS)
 {
+    m_stMapOnDisk.Forget();
     LPFILEINFO p = pFileInfo != nullptr ? pFileInfo : m_pFileInfo;
     if (p == nullptr) return 1;
     void* hNewFile = nullptr;

@@ -30,6 +30,7 @@ int CTalvorMemoryStorage::ChangeFileSize(LPTALVORCRITICALSECTION lpCritSection, 
                                          long long nTimestamp, long long nLastSaveTimestamp, LPBYTE lpBuffer,
                                          LPBYTE lpHeadBuf, long long nFileSize, int nBufferSize, LPTALVORPROGRESS)
 {
+    m_stMapOnDisk.Forget();
     LPFILEINFO p = pFileInfo != nullptr ? pFileInfo : m_pFileInfo;
     if (p == nullptr) return 1;
     if (p->m_pFileAddr == nullptr) {

@@ -55,7 +55,8 @@ struct SaveContext {
     long long m_nMapDelta;     // 0: master map; m_nBlockMapSize: slave
     BOOL m_bPending;           // a block changed past nTimestamp
     BOOL m_bDamaged;           // a chain was refused: no commit from this file
-    long long m_nWrites;
+    long long m_nWrites;       // since the last sync
+    CMemoryMapOnDisk* m_pMapOnDisk;
 };
 
 const char* PathOf(const SaveContext& c) { return c.m_pFileInfo->m_lpszFilePath; }
@@ -630,13 +631,21 @@ int WriteHead(SaveContext& c)
     return STEP_OK;
 }
 
-// Phase 5: the map, last; the slave's bytes go to the master's place.
+// Phase 5: the map, last; the slave's bytes go to the master's place. A map
+// block whose bytes the file holds already, as this process wrote and
+// synced them, is left out.
 int WriteMap(SaveContext& c)
 {
     long long nMapSize = c.m_lpBase->m_nBlockMapSize;
+    long long nIndex = 0;
     return VisitMapBlocks(c, c.m_lpBase, c.m_nMapDelta,
                           [&](long long nMap, LPBASEFILEBLOCKMAPHEAD lpMap) {
-                              if (WriteAt(c, lpMap, nMapSize, nMap)) return STEP_OK;
+                              long long nThis = nIndex++;
+                              if (c.m_pMapOnDisk->Holds(nThis, nMap, (const BYTE*)lpMap, nMapSize)) return STEP_OK;
+                              if (WriteAt(c, lpMap, nMapSize, nMap)) {
+                                  c.m_pMapOnDisk->Written(nThis, nMap, (const BYTE*)lpMap, nMapSize);
+                                  return STEP_OK;
+                              }
                               int nErr = ErrnoOr(EIO);
                               Trace("SaveChange2File", 1, 40002011,
                                     TALVOR_TEXT("从内存写入物理文件失败,错误:%s(%d),路径:%s,写入位置:%lld,写入大小:%d",
@@ -649,10 +658,12 @@ int WriteMap(SaveContext& c)
 // What the stage wrote reaches the medium before the next stage writes: a
 // disk may write back its cache in any order, and a map on disk that names
 // a block whose bytes never arrived makes the file unloadable.
+// A pass writes inside the file and never changes its size, so a data sync
+// is all the durability it needs.
 int SyncStage(SaveContext& c)
 {
     if (c.m_nWrites == 0) return STEP_OK;
-    if (CTalvorFileIO::Current()->FSync(c.m_fd) == 0) {
+    if (CTalvorFileIO::Current()->FDataSync(c.m_fd) == 0) {
         c.m_nWrites = 0;
         return STEP_OK;
     }
@@ -754,7 +765,9 @@ int WriteInDurableOrder(SaveContext& c, BOOL& bFlashbackFlag)
     if (WriteHead(c) != STEP_OK) return WRITTEN_WRITEFAILED;
     if (SyncStage(c) != STEP_OK) return WRITTEN_SYNCFAILED;
     if (WriteMap(c) != STEP_OK) return WRITTEN_WRITEFAILED;
-    return SyncStage(c) == STEP_OK ? WRITTEN_DURABLE : WRITTEN_SYNCFAILED;
+    if (SyncStage(c) != STEP_OK) return WRITTEN_SYNCFAILED;
+    c.m_pMapOnDisk->Synced();
+    return WRITTEN_DURABLE;
 }
 
 } // namespace
@@ -787,6 +800,7 @@ int CTalvorMemoryStorage::SaveChange2File(LPTALVORCRITICALSECTION lpCritSection,
     c.m_bForce = bForce;
     c.m_bSystem = pFileInfo->m_bFileType == FILETYPE_SYSTEM;
     c.m_lpLive = (LPBASEFILEHEAD)c.m_lpImage;
+    c.m_pMapOnDisk = &m_stMapOnDisk;
 
     // Phase 2: the view.
     if (bForce || m_pFlashback == nullptr) {
@@ -816,6 +830,7 @@ int CTalvorMemoryStorage::SaveChange2File(LPTALVORCRITICALSECTION lpCritSection,
     int nWritten = WriteInDurableOrder(c, bFlashbackFlag);
     if (nWritten == WRITTEN_SYNCFAILED) MarkWholeFileAgain(c);
     if (nWritten != WRITTEN_DURABLE) {
+        m_stMapOnDisk.Forget();
         c.m_lpLive->m_bSaveFlag = 1;
         return 1;
     }

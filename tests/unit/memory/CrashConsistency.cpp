@@ -68,31 +68,35 @@ TEST(CrashConsistency, EveryFailedWriteLeavesATrueCommitAndTheNextPassFinishes)
 // leave a true, complete commit.
 TEST(CrashConsistency, EveryFailedSyncIsMadeGoodByTheNextPass)
 {
-    long long nSyncs = 0;
+    long long arSyncs[2] = {0, 0};
+    const FileOp arKinds[2] = {FileOp::FSync, FileOp::FDataSync};
     {
         std::unique_ptr<PersistenceDb> pDb = MakeDirtyDatabase();
         FaultFileIO io;
         ScopedFileIO scope(&io);
         ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, pDb->Pass());
-        nSyncs = io.Calls(FileOp::FSync) + io.Calls(FileOp::FDataSync);
+        for (int i = 0; i < 2; i++) arSyncs[i] = io.Calls(arKinds[i]);
     }
-    ASSERT_GT(nSyncs, 3);
-    for (long long k = 1; k <= nSyncs; k++) {
-        std::unique_ptr<PersistenceDb> pDb = MakeDirtyDatabase();
-        long long nEnd = pDb->Head()->m_nEndTimestamp;
-        FaultFileIO io;
-        io.FailCall(FileOp::FSync, k, EIO);
-        io.FailCall(FileOp::FDataSync, k, EIO);
-        {
-            ScopedFileIO scope(&io);
-            pDb->Pass();
-            io.LosePower(NameLoss::Keep);
-            EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, pDb->Pass()) << "k=" << k;
+    ASSERT_GT(arSyncs[0] + arSyncs[1], 3);
+    for (int nKind = 0; nKind < 2; nKind++) {
+        for (long long k = 1; k <= arSyncs[nKind]; k++) {
+            std::unique_ptr<PersistenceDb> pDb = MakeDirtyDatabase();
+            long long nEnd = pDb->Head()->m_nEndTimestamp;
+            FaultFileIO io;
+            io.FailCall(arKinds[nKind], k, EIO);
+            {
+                ScopedFileIO scope(&io);
+                pDb->Pass();
+                io.LosePower(NameLoss::Keep);
+            }
+            FaultFileIO ioNext;
+            ScopedFileIO scope(&ioNext);
+            EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, pDb->Pass()) << "kind " << nKind << ", k=" << k;
+            EXPECT_EQ(nEnd, pDb->CommittedOnDisk()) << "kind " << nKind << ", k=" << k;
+            talvorpeer::PeerCheckResult r = pDb->CheckDisk(nEnd);
+            EXPECT_EQ(0, r.m_nViolations) << "sync " << k << " of kind " << nKind << " failed: " << r.m_strFirst;
+            for (int n = 2; n <= 4; n++) EXPECT_EQ("", pDb->MapsNameWholeBlocksOnDisk(n)) << "k=" << k;
         }
-        EXPECT_EQ(nEnd, pDb->CommittedOnDisk()) << "k=" << k;
-        talvorpeer::PeerCheckResult r = pDb->CheckDisk(nEnd);
-        EXPECT_EQ(0, r.m_nViolations) << "fsync " << k << " failed: " << r.m_strFirst;
-        for (int n = 2; n <= 4; n++) EXPECT_EQ("", pDb->MapsNameWholeBlocksOnDisk(n)) << "k=" << k;
     }
 }
 

@@ -615,3 +615,71 @@ TEST_F(PersistenceRollback, IndexBlockChangedPastTheSavePointGoesOutAsItIsAndNev
     // The file asks for another pass.
     EXPECT_EQ(1, Val(m_db.FileHead(3)->m_bSaveFlag));
 }
+
+// A map block whose bytes the file already holds is left out of the pass;
+// every map block that changed, or whose last write was lost, or that
+// another writer of the file put there since, goes out again.
+TEST_F(PersistencePass, MapBlocksAreLeftOutOnlyWhenTheFileHoldsTheirBytes)
+{
+    const int nFileNo = 3;
+    LPBASEFILEHEAD lpHead = m_db.FileHead(nFileNo);
+    long long nMap = lpHead->m_nBlockMapStartOffset, nMapSize = lpHead->m_nBlockMapSize;
+    // The engine changes the master; the pass writes the snapshot it takes
+    // of it into the slave.
+    LPBASEFILEBLOCKMAPHEAD lpMaster = (LPBASEFILEBLOCKMAPHEAD)(m_db.Image(nFileNo) + nMap);
+    LPBASEFILEBLOCKMAPHEAD lpSlave = (LPBASEFILEBLOCKMAPHEAD)(m_db.Image(nFileNo) + nMap + nMapSize);
+    auto fnMapWrites = [&](const FaultFileIO& io) {
+        int nWrites = 0;
+        for (const FileWrite& w : io.Writes())
+            if (w.m_strPath == m_db.PathOf(nFileNo) && w.m_nOffset == nMap) nWrites++;
+        return nWrites;
+    };
+    auto fnDiskHoldsTheMap = [&]() {
+        return Slice(ReadWholeFile(m_db.PathOf(nFileNo)), nMap, nMapSize) == ImageSlice((LPBYTE)lpSlave, 0, nMapSize);
+    };
+    auto fnPass = [&](FaultFileIO& io) {
+        lpHead->m_bSaveFlag = 1;
+        m_db.Head()->m_bSaveFlag = 1;
+        ScopedFileIO scope(&io);
+        return m_db.Pass();
+    };
+    {
+        long long ts = m_db.BeginTransaction();
+        m_db.ChangeRow(nFileNo, 5, 2, 222, ts);
+        m_db.EndTransaction(ts);
+        FaultFileIO io;
+        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, fnPass(io));
+        EXPECT_EQ(0, fnMapWrites(io)) << "an unchanged map block was written again";
+        EXPECT_TRUE(fnDiskHoldsTheMap());
+    }
+    {
+        lpMaster->m_bReserved[0] = 1;
+        FaultFileIO io;
+        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, fnPass(io));
+        EXPECT_EQ(1, fnMapWrites(io));
+        EXPECT_TRUE(fnDiskHoldsTheMap()) << "a changed map block was left out";
+    }
+    {
+        // The map's sync fails and the kernel drops the page: written again.
+        lpMaster->m_bReserved[0] = 2;
+        FaultFileIO io;
+        io.FailCall(FileOp::FSync, 1, EIO, FAULT_ALWAYS);
+        io.FailCall(FileOp::FDataSync, 1, EIO, FAULT_ALWAYS);
+        EXPECT_NE(CBreltMemStorageModule::SAVEPASS_DONE, fnPass(io));
+        io.LosePower(NameLoss::Keep);
+        FaultFileIO ioNext;
+        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, fnPass(ioNext));
+        EXPECT_TRUE(fnDiskHoldsTheMap()) << "a map block whose write was lost was left out";
+    }
+    {
+        // Another writer of the file puts other bytes there; the map comes
+        // back to what the pass last wrote: it must go out again.
+        BYTE bWas = lpMaster->m_bReserved[0];
+        lpMaster->m_bReserved[0] = 7;
+        ASSERT_EQ(0, m_db.File(nFileNo)->m_pStorageFile->Save2File(m_db.File(nFileNo), FALSE, nullptr));
+        lpMaster->m_bReserved[0] = bWas;
+        FaultFileIO io;
+        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, fnPass(io));
+        EXPECT_TRUE(fnDiskHoldsTheMap()) << "the map written by another writer was taken as the pass's" ;
+    }
+}
