@@ -210,11 +210,18 @@ int CTalvorFlashback::FlushUndoStretch()
     if (!PlanStretch(stCopy.m_nUnsafePos, stCopy.m_nDataAllocPos, stCopy.m_nRollbackHeadSize, nHigh, stPlan) ||
         stCopy.m_nRollbackHeadSize < sizeof(ROLLBACKBLOCKHEAD))
         return 0;
-    // The stretch goes first: a head on disk never names bytes that are not.
+    // The stretch goes first, and is on the medium before the head that
+    // names it is written: a disk may keep its writes in any order, and a
+    // head on disk must never name bytes that are not. The head itself is
+    // made durable by the next round's sync.
+    BOOL bWritten = FALSE;
     for (int i = 0; i < stPlan.m_nPieces; i++) {
         UINT nFrom = stPlan.m_arStart[i], nSize = stPlan.m_arEnd[i] - nFrom;
-        if (nSize > 0 && !TalvorWriteFull(fd, m_pRollbackFileAddr + nFrom, nSize, (off_t)nFrom)) return 1;
+        if (nSize == 0) continue;
+        if (!TalvorWriteFull(fd, m_pRollbackFileAddr + nFrom, nSize, (off_t)nFrom)) return 1;
+        bWritten = TRUE;
     }
+    if (bWritten && CTalvorFileIO::Current()->FDataSync(fd) != 0) return 1;
     return TalvorWriteFull(fd, &stCopy, sizeof(stCopy), 0) ? 0 : 1;
 }
 
