@@ -101,6 +101,14 @@ void CPeerEngine::ServeChannel()
     }
     if (bCommand != 3) return;
     PeerFence();
+    if (m_nNothingToSavePct > 0) {
+        m_nRandom = m_nRandom * 6364136223846793005ULL + 1442695040888963407ULL;
+        if ((int)((m_nRandom >> 33) % 100) < m_nNothingToSavePct) {
+            m_nNothingToSave++;
+            Answer(PEERRESULT_NOTHINGTOSAVE);
+            return;
+        }
+    }
     BYTE bFileNo = m_lpChannel->m_bFileNo;
     LPBYTE lpImage = m_arImages[bFileNo];
     if (lpImage == nullptr) {

@@ -57,6 +57,10 @@ const std::vector<OptionSpec> g_vDataOptions = {
     {"live", false, "run as a live engine: m_bService 1, answer channel commands"},
     {"check-exact", true, "System.dbf path: ask passes without waiting, keep changing rows meanwhile, and after each "
                           "commit check the data files on disk exactly (needs --pass-every)"},
+    {"objects", true, "tables (objects) each data file's blocks are spread over (default 1)"},
+    {"nothing-to-save", true, "percent of the daemon's head requests answered \"nothing to save\" (-2) (default 0)"},
+    {"forbid-every", true, "hold the daemon off (head m_bForbidSaveFlag 1) every N transactions (default 0: never)"},
+    {"forbid-ms", true, "how long each hold lasts, rows changing meanwhile (default 300)"},
     {"quiet", false, "no summary line"},
 };
 
@@ -137,7 +141,7 @@ long long KeepVersion(CPeerEngine& engine, short sToken, long long nValidFrom, l
 // block's marks, the row's head (newest old version, timestamp), its bytes;
 // then object and file head. Rows are born in slot order.
 void ChangeDataRow(CPeerEngine& engine, int nFileNo, long long nBlockOffset, int nSlot, long long nValue,
-                   long long nTimestamp)
+                   long long nTimestamp, int nObject)
 {
     LPBYTE lpImage = engine.m_arImages[nFileNo];
     LPBLOCKHEAD lpBlock = (LPBLOCKHEAD)(lpImage + nBlockOffset);
@@ -173,7 +177,7 @@ void ChangeDataRow(CPeerEngine& engine, int nFileNo, long long nBlockOffset, int
         lpRow->m_nVarDataLength = ROW_VALUE_SIZE;
     }
     PeerFence();
-    LPBASEFILEOBJECTDEF lpObject = DbMemoryFileObject(lpImage, engine.m_arSizes[nFileNo], 0);
+    LPBASEFILEOBJECTDEF lpObject = DbMemoryFileObject(lpImage, engine.m_arSizes[nFileNo], nObject);
     if (lpObject != nullptr) {
         lpObject->m_nFinishedTimestamp = nTimestamp;
         PeerFence();
@@ -349,13 +353,64 @@ void AttachRollback(CPeerEngine& engine)
     engine.m_nRollbackSize = ds.shm_segsz > 0xFFFFFFFFu ? 0xFFFFFFFFu : (UINT)ds.shm_segsz;
 }
 
+// The daemon held off by the head's forbid flag, rows changing meanwhile,
+// with a pass asked at the start of the hold when none is outstanding:
+// while the flag stands the daemon may finish the pass it was in, and must
+// neither commit nor answer anything else.
+struct ForbidWindows {
+    long long m_nEvery = 0, m_nMs = 300;
+    bool m_bHeld = false;
+    bool m_bAskedHeld = false;    // the pass asked at this hold's start
+    long long m_nUntil = 0;
+    long long m_nBegin = 0;       // the committed timestamp last seen while held
+    long long m_nWindows = 0, m_nCommitsHeld = 0, m_nAnsweredHeld = 0;
+
+    // Called after each transaction nDone (from 0). TRUE when a hold begins
+    // and the caller has no pass outstanding: the pass is asked here.
+    bool Step(CPeerEngine& engine, long long nDone, long long nNow, bool bOutstanding)
+    {
+        LPSYSTEMFILEHEAD lpHead = engine.Head();
+        if (m_bHeld) {
+            long long nBegin = lpHead->m_nBeginTimestamp;
+            if (nBegin != m_nBegin) m_nCommitsHeld++;
+            m_nBegin = nBegin;
+            if (m_bAskedHeld && lpHead->m_bStorageCMD == 32) {
+                m_nAnsweredHeld++;
+                m_bAskedHeld = false;
+            }
+            if (nNow < m_nUntil) return false;
+            PeerFence();
+            lpHead->m_bForbidSaveFlag = 0;
+            SetEvent(engine.m_hStorage);
+            m_bHeld = false;
+            return false;
+        }
+        if (m_nEvery == 0 || (nDone + 1) % m_nEvery != 0) return false;
+        lpHead->m_bForbidSaveFlag = 1;
+        PeerFence();
+        m_bHeld = true;
+        m_nWindows++;
+        m_nBegin = lpHead->m_nBeginTimestamp;
+        m_nUntil = nNow + m_nMs;
+        m_bAskedHeld = !bOutstanding;
+        if (m_bAskedHeld) {
+            lpHead->m_bStorageCMD = 2;
+            SetEvent(engine.m_hStorage);
+        }
+        return m_bAskedHeld;
+    }
+    // More than the pass in flight at a hold's start: the flag did not hold
+    // the daemon.
+    bool Broken() const { return m_nCommitsHeld > m_nWindows || m_nAnsweredHeld > m_nWindows; }
+};
+
 // Passes asked without waiting, and the exact check after each commit.
 struct ExactChecker {
     std::string m_strSystem;
     bool m_bAsked = false;
     long long m_nAskedAt = 0;  // m_nEndTimestamp when the pass was asked
     long long m_nLastCommitted = -1;
-    long long m_nChecks = 0, m_nRows = 0, m_nBehind = 0, m_nViolations = 0, m_nDuringPasses = 0;
+    long long m_nChecks = 0, m_nRows = 0, m_nBehind = 0, m_nViolations = 0, m_nDuringPasses = 0, m_nIndexRows = 0;
     std::string m_strFirst;
 
     void Check(const std::vector<PeerChange>& vJournal)
@@ -377,6 +432,12 @@ struct ExactChecker {
         m_nBehind += r.m_nBehind;
         m_nViolations += r.m_nViolations;
         if (m_strFirst.empty()) m_strFirst = r.m_strFirst;
+        // Index blocks go out as they stand, never taken back: their rows
+        // hold the committed change or a later one.
+        PeerCheckResult rAll = PeerCheckFiles(vJournal, disk.m_nCommitted, disk.m_arFiles, disk.m_arSizes);
+        m_nIndexRows += rAll.m_nRequired;
+        m_nViolations += rAll.m_nViolations;
+        if (m_strFirst.empty()) m_strFirst = rAll.m_strFirst;
     }
 };
 
@@ -392,12 +453,16 @@ std::string DataJobUsage()
 int RunDataJob(const std::vector<std::string>& args)
 {
     CPeerArgs opts;
-    long long nCount, nSeconds, nPauseUs, nBlocks, nSlots, nPassEvery, nSeed, nWaitMs;
+    long long nCount, nSeconds, nPauseUs, nBlocks, nSlots, nPassEvery, nSeed, nWaitMs, nObjects, nNothingPct;
+    ForbidWindows forbid;
     if (!opts.Parse(args, g_vDataOptions) || !opts.Has("journal") || !opts.GetInt("count", 1000, 0, 1LL << 40, nCount) ||
         !opts.GetInt("seconds", 60, 1, 86400, nSeconds) || !opts.GetInt("pause-us", 1000, 0, 10000000, nPauseUs) ||
         !opts.GetInt("blocks", 16, 1, 3000, nBlocks) || !opts.GetInt("slots", 8, 1, PEER_MAX_SLOTS, nSlots) ||
         !opts.GetInt("pass-every", 0, 0, 1LL << 40, nPassEvery) || !opts.GetInt("seed", getpid(), 0, 1LL << 62, nSeed) ||
-        !opts.GetInt("wait-ready-ms", 30000, 0, 600000, nWaitMs)) {
+        !opts.GetInt("wait-ready-ms", 30000, 0, 600000, nWaitMs) || !opts.GetInt("objects", 1, 1, 64, nObjects) ||
+        !opts.GetInt("nothing-to-save", 0, 0, 100, nNothingPct) ||
+        !opts.GetInt("forbid-every", 0, 0, 1LL << 40, forbid.m_nEvery) ||
+        !opts.GetInt("forbid-ms", 300, 1, 600000, forbid.m_nMs)) {
         fprintf(stderr, "talvor-peer data: %s\n%s", opts.Error().c_str(), DataJobUsage().c_str());
         return PEER_USAGE;
     }
@@ -415,6 +480,8 @@ int RunDataJob(const std::vector<std::string>& args)
         return PEER_IPC;
     }
     AttachRollback(engine);
+    engine.m_nNothingToSavePct = (int)nNothingPct;
+    engine.m_nRandom ^= (unsigned long long)nSeed;
     std::vector<PeerChange> vJournal;
     if (bExact) {
         // What stands on disk now may come from a pass that did not commit
@@ -437,10 +504,20 @@ int RunDataJob(const std::vector<std::string>& args)
         if (!PeerPrepareFile(engine.m_arImages[n], engine.m_arSizes[n], (int)nBlocks, ts))
             fprintf(stderr, "talvor-peer data: file %d has no room for %lld blocks; using what it has\n", n, nBlocks);
     }
+    for (int n : engine.m_vFiles) {
+        if (nObjects > 1 && ((LPBASEFILEHEAD)engine.m_arImages[n])->m_bFileType == FILETYPE_DATA &&
+            !PeerSpreadObjects(engine.m_arImages[n], engine.m_arSizes[n], (int)nObjects, ts))
+            fprintf(stderr, "talvor-peer data: file %d holds fewer than %lld objects; blocks stay in one\n", n, nObjects);
+    }
     PeerFence();
     lpHead->m_nEndTimestamp = ts;
     std::vector<std::vector<long long>> vBlocks(256);
-    for (int n : engine.m_vFiles) vBlocks[(size_t)n] = PeerFileBlocks(engine.m_arImages[n], engine.m_arSizes[n]);
+    std::map<std::pair<int, long long>, int> mapObjects;  // (file, block) -> object
+    for (int n : engine.m_vFiles) {
+        vBlocks[(size_t)n] = PeerFileBlocks(engine.m_arImages[n], engine.m_arSizes[n]);
+        for (long long nBlock : vBlocks[(size_t)n])
+            mapObjects[{n, nBlock}] = PeerBlockObject(engine.m_arImages[n], nBlock, (int)nObjects);
+    }
 
     std::mt19937_64 rng((unsigned long long)nSeed);
     long long nDeadline = NowMs() + nSeconds * 1000;
@@ -458,7 +535,7 @@ int RunDataJob(const std::vector<std::string>& args)
         long long nValue = (long long)(rng() >> 1);
         ts = lpHead->m_nEndTimestamp + 1;
         if (bRows)
-            ChangeDataRow(engine, nFileNo, nBlock, nSlot, nValue, ts);
+            ChangeDataRow(engine, nFileNo, nBlock, nSlot, nValue, ts, mapObjects[{nFileNo, nBlock}]);
         else
             PeerChangeRow(engine.m_arImages[nFileNo], engine.m_arSizes[nFileNo], nFileNo, nBlock, nSlot, nValue, ts);
         if (bExact) vJournal.push_back({ts, nFileNo, nBlock, nSlot, nValue});
@@ -470,7 +547,13 @@ int RunDataJob(const std::vector<std::string>& args)
         PeerFence();
         lpHead->m_nEndTimestamp = ts;
         if (bLive) engine.ServeChannel();
-        if (bExact) {
+        if (forbid.Step(engine, nDone, NowMs(), checker.m_bAsked) && bExact) {
+            checker.m_nAskedAt = lpHead->m_nEndTimestamp;
+            checker.m_bAsked = true;
+        }
+        if (forbid.m_bHeld) {
+            // No pass is asked while the daemon is held off.
+        } else if (bExact) {
             if (checker.m_bAsked && lpHead->m_bStorageCMD == 32) {
                 checker.m_bAsked = false;
                 nPasses++;
@@ -499,6 +582,7 @@ int RunDataJob(const std::vector<std::string>& args)
         }
     }
     close(fdJournal);
+    if (forbid.m_bHeld) lpHead->m_bForbidSaveFlag = 0;
     if (bExact && checker.m_bAsked) {
         // The last pass asked: its commit is checked too.
         for (int i = 0; i < 60000 && lpHead->m_bStorageCMD != 32; i++) {
@@ -514,10 +598,17 @@ int RunDataJob(const std::vector<std::string>& args)
     if (!opts.Has("quiet"))
         printf("committed %lld transactions, last timestamp %lld, passes asked %lld, channel answers %lld\n", nDone,
                (long long)lpHead->m_nEndTimestamp, nPasses, engine.m_nAnswers);
+    if (nNothingPct > 0) printf("answered nothing to save %lld times\n", engine.m_nNothingToSave);
+    if (forbid.m_nEvery > 0) {
+        printf("held off %lld times, commits while held off %lld, passes answered while held off %lld\n",
+               forbid.m_nWindows, forbid.m_nCommitsHeld, forbid.m_nAnsweredHeld);
+        if (forbid.Broken()) return PEER_VIOLATION;
+    }
     if (bExact) {
         printf("exact checks %lld, rows checked %lld, rows behind the image %lld, changes during passes %lld, "
-               "violations %lld\n",
-               checker.m_nChecks, checker.m_nRows, checker.m_nBehind, checker.m_nDuringPasses, checker.m_nViolations);
+               "all rows checked %lld, violations %lld\n",
+               checker.m_nChecks, checker.m_nRows, checker.m_nBehind, checker.m_nDuringPasses, checker.m_nIndexRows,
+               checker.m_nViolations);
         if (checker.m_nViolations > 0) printf("first violation: %s\n", checker.m_strFirst.c_str());
         return checker.m_nViolations == 0 ? PEER_OK : PEER_VIOLATION;
     }

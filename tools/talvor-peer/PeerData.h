@@ -35,6 +35,11 @@ public:
     // when it has none.
     LPBYTE m_lpRollback = nullptr;
     UINT m_nRollbackSize = 0;
+    // Share (percent) of head requests answered "nothing to save" (-2),
+    // as the engine may, without a head; and how many were.
+    int m_nNothingToSavePct = 0;
+    long long m_nNothingToSave = 0;
+    unsigned long long m_nRandom = 0x9E3779B97F4A7C15ULL;
 
 private:
     void Answer(int nResult);

@@ -134,6 +134,53 @@ inline bool PeerPrepareFile(LPBYTE lpImage, long long nSize, int nBlocks, long l
     return true;
 }
 
+// Spreads the blocks of a data file's first map block over nObjects
+// objects: entry i joins the chain of object i % nObjects, as the engine
+// keeps one chain per table. One transaction at nTimestamp; the chains are
+// linked before the objects that own them are published. False when the
+// file holds fewer objects.
+inline bool PeerSpreadObjects(LPBYTE lpImage, long long nSize, int nObjects, long long nTimestamp)
+{
+    LPBASEFILEHEAD lpHead = (LPBASEFILEHEAD)lpImage;
+    if (lpHead->m_bFileType != FILETYPE_DATA || nObjects < 1 || nObjects > lpHead->m_nMaxObjectNum) return false;
+    long long nMap = lpHead->m_nBlockMapStartOffset;
+    int nNum = ((LPBASEFILEBLOCKMAPHEAD)(lpImage + nMap))->m_nBlockMapNum;
+    for (int i = 0; i < nNum; i++) {
+        int nNext = i + nObjects;
+        ((LPBASEFILEBLOCKMAP)(lpImage + DbMapEntryOffset(nMap, i)))->m_nNextOffset =
+            nNext < nNum ? DbMapEntryOffset(nMap, nNext) : 0;
+    }
+    PeerFence();
+    for (int k = 0; k < nObjects && k < nNum; k++) {
+        LPBASEFILEOBJECTDEF lpObject = DbMemoryFileObject(lpImage, nSize, k);
+        if (lpObject == nullptr) return false;
+        lpObject->m_nFullBlockMapOffset = DbMapEntryOffset(nMap, k);
+        lpObject->m_nFreeBlockMapOffset = 0;
+        lpObject->m_nFinishedTimestamp = nTimestamp;
+        PeerFence();
+        lpObject->m_nID = (UINT)(k + 1);
+        lpObject->m_bSaveFlag = 1;
+    }
+    if (lpHead->m_nCurrentObjectNum < nObjects) lpHead->m_nCurrentObjectNum = nObjects;
+    PeerFence();
+    lpHead->m_nTimestamp = nTimestamp;
+    lpHead->m_bSaveFlag = 1;
+    return true;
+}
+
+// The object whose chain holds the block at nBlockOffset after
+// PeerSpreadObjects (0 when it is not in the first map block).
+inline int PeerBlockObject(const BYTE* lpImage, long long nBlockOffset, int nObjects)
+{
+    const BASEFILEHEAD* lpHead = (const BASEFILEHEAD*)lpImage;
+    long long nMap = lpHead->m_nBlockMapStartOffset;
+    int nNum = ((const BASEFILEBLOCKMAPHEAD*)(lpImage + nMap))->m_nBlockMapNum;
+    for (int i = 0; i < nNum; i++)
+        if (((const BASEFILEBLOCKMAP*)(lpImage + DbMapEntryOffset(nMap, i)))->m_nBlockOffset == nBlockOffset)
+            return i % nObjects;
+    return 0;
+}
+
 // One row change at nTimestamp, in the engine's order.
 inline void PeerChangeRow(LPBYTE lpImage, long long nSize, int nFileNo, long long nBlockOffset, int nSlot,
                           long long nValue, long long nTimestamp)
