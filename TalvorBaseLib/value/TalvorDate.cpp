@@ -421,6 +421,13 @@ int MonthsBetweenAdd(const DayTime& t, int nMonths, DayTime& r)
 
 bool InRange(const DayTime& t) { return t.m_nDay >= MIN_DAY && t.m_nDay <= MAX_DAY; }
 
+// A parsed date and time that a day number can hold.
+int CheckParsedDate(const TALVORDATEPARTS& s)
+{
+    if (CTalvorDate::CheckValidDateTime(s, false) != 0) return TALVOR_DATE_INVALID_DATA;
+    return s.m_nYear >= MIN_YEAR && s.m_nYear <= MAX_YEAR ? 0 : TALVOR_DATE_INVALID_DATA;
+}
+
 }  // namespace
 
 // --- Calendar -------------------------------------------------------------------------
@@ -586,7 +593,7 @@ BYTE CTalvorDate::GetFormatType(const char* lpszFormat, int& nLen)
     }
     // Most characters of a format are separators; only these letters begin
     // a picture token.
-    if (strchr("YRMDHSFAPBTWCJQIymdhsfapbtwcjqi", lpszFormat[0]) == nullptr || lpszFormat[0] == 0) return TOKEN_UNKNOWN;
+    if (strchr("YRMDHSFAPBTWCJQIyrmdhsfapbtwcjqi", lpszFormat[0]) == nullptr || lpszFormat[0] == 0) return TOKEN_UNKNOWN;
     for (const TokenDef& t : g_arPictureTokens)
         if (MatchNoCase(lpszFormat, t.m_lpszText, nLen)) return t.m_bType;
     nLen = 1;
@@ -683,10 +690,7 @@ int CTalvorDate::ParseDate(const char* lpszText, int nLen, TALVORDATEPARTS& s)
     }
     while (nLen > 0 && (lpszText[nLen - 1] == ' ' || lpszText[nLen - 1] == '\t')) --nLen;
     if (nLen > MAX_FREE_TEXT || nLen == 0 || lpszText[0] == '-') return TALVOR_DATE_BAD_FORMAT;
-    if (CompactDate(lpszText, nLen, s)) {
-        DayTime t;
-        return DayTimeOf(s, t) ? 0 : TALVOR_DATE_INVALID_DATA;
-    }
+    if (CompactDate(lpszText, nLen, s)) return CheckParsedDate(s);
     int nResult = Split(lpszText, nLen);
     if (nResult != 0) return nResult;
     int nTimeFields = 0, nTimeAt = 0;
@@ -719,13 +723,9 @@ int CTalvorDate::ParseDate(const char* lpszText, int nLen, TALVORDATEPARTS& s)
             s.m_nMicrosecond = DigitsValue(szMicros, MICRO_DIGITS);
         }
     }
-    if (m_nTimeIndex == 0) {
-        // A time alone: the date is the day of the base.
-        if (s.m_nHour > 23 || s.m_nMinute > 59 || s.m_nSecond > 59) return TALVOR_DATE_INVALID_DATA;
-        return 0;
-    }
-    DayTime t;
-    return DayTimeOf(s, t) ? 0 : TALVOR_DATE_INVALID_DATA;
+    // A time alone stands on the day of the base, with date parts 0.
+    if (m_nTimeIndex == 0) return CheckValidDateTime(s, true);
+    return CheckParsedDate(s);
 }
 
 int CTalvorDate::ParseDate(const char* lpszText, int nLen, DATE& date)
@@ -1276,17 +1276,38 @@ bool ReadClock(const char*& p, TALVORDATEPARTS& s)
     return ReadNumber(p, 2, s.m_nSecond);
 }
 
-// One token of the input; bAfternoon and bTwelveHour note the half of the day.
-bool ReadToken(const char*& p, BYTE bType, TALVORDATEPARTS& s, bool& bAfternoon, bool& bTwelveHour, int& nDayOfYear)
+// The year RR is read against: the clock's, read once and only when needed.
+int CurrentYear(int& nCurrentYear)
+{
+    if (nCurrentYear != TALVOR_DATE_YEAR_NOW) return nCurrentYear;
+    TALVORDATEPARTS s;
+    if (CTalvorDate::ConvertDateTime(CTalvorDate::GetCurrentDateTime(), s) == 0) nCurrentYear = s.m_nYear;
+    return nCurrentYear;
+}
+
+// What a parse by format has met so far besides the parts.
+struct FormatState {
+    bool m_bAfternoon;
+    bool m_bTwelveHour;
+    int m_nDayOfYear;
+    int m_nCurrentYear;
+};
+
+// One token of the input.
+bool ReadToken(const char*& p, BYTE bType, TALVORDATEPARTS& s, FormatState& st)
 {
     int nDigits = 0;
     const int YEAR_DIGITS = 4, PAIR = 2, DAY_OF_YEAR_DIGITS = 3, MICRO_DIGITS_MAX = 6, MILLI_DIGITS = 3;
     switch (bType) {
-    case 0: case 10:
+    case 0:
         if (!ReadDigits(p, YEAR_DIGITS, s.m_nYear, nDigits)) return false;
         s.m_nYear = FullYear(s.m_nYear, nDigits);
         return true;
-    case 8: case 9: case 54:
+    case 9: case 10:
+        if (!ReadDigits(p, YEAR_DIGITS, s.m_nYear, nDigits)) return false;
+        s.m_nYear = CTalvorDate::RoundedYear(s.m_nYear, nDigits, CurrentYear(st.m_nCurrentYear));
+        return true;
+    case 8: case 54:
         if (!ReadDigits(p, PAIR, s.m_nYear, nDigits)) return false;
         s.m_nYear = FullYear(s.m_nYear, nDigits);
         return true;
@@ -1296,10 +1317,10 @@ bool ReadToken(const char*& p, BYTE bType, TALVORDATEPARTS& s, bool& bAfternoon,
         if (!ReadNumber(p, PAIR, s.m_nDay)) return false;
         if (isalpha((unsigned char)p[0]) && isalpha((unsigned char)p[1])) p += 2;
         return true;
-    case 12: return ReadNumber(p, DAY_OF_YEAR_DIGITS, nDayOfYear);
+    case 12: return ReadNumber(p, DAY_OF_YEAR_DIGITS, st.m_nDayOfYear);
     case 16: case 3: return ReadNumber(p, PAIR, s.m_nHour);
     case 11:
-        bTwelveHour = true;
+        st.m_bTwelveHour = true;
         return ReadNumber(p, PAIR, s.m_nHour);
     case 4: return ReadNumber(p, PAIR, s.m_nMinute);
     case 5: return ReadNumber(p, PAIR, s.m_nSecond);
@@ -1309,7 +1330,7 @@ bool ReadToken(const char*& p, BYTE bType, TALVORDATEPARTS& s, bool& bAfternoon,
         for (int i = nDigits; i < MICRO_DIGITS_MAX; ++i) s.m_nMicrosecond *= 10;
         return true;
     }
-    case 13: return ReadHalfOfDay(p, bAfternoon);
+    case 13: return ReadHalfOfDay(p, st.m_bAfternoon);
     case 17: case 18: {
         int n = ReadName(p, g_arMonthNames, 12, false);
         if (n < 0) n = ReadName(p, g_arMonthNames, 12, true);
@@ -1321,24 +1342,45 @@ bool ReadToken(const char*& p, BYTE bType, TALVORDATEPARTS& s, bool& bAfternoon,
         return true;
     case 21: return ReadClock(p, s);
     case 20:
-        bTwelveHour = true;
+        st.m_bTwelveHour = true;
         if (!ReadClock(p, s)) return false;
         while (IsBlankChar(*p)) ++p;
-        return ReadHalfOfDay(p, bAfternoon);
+        return ReadHalfOfDay(p, st.m_bAfternoon);
     case TOKEN_PERCENT: return *p++ == '%';
     default: return false;
     }
+}
+
+// Parts a format left unset (-1) take the value that can't make the rest
+// invalid: a leap year, January, the first, midnight.
+int CheckFormatParts(const TALVORDATEPARTS& s)
+{
+    const int LEAP_YEAR = 2000;
+    TALVORDATEPARTS c = s;
+    if (c.m_nYear == -1) c.m_nYear = LEAP_YEAR;
+    if (c.m_nMonth == -1) c.m_nMonth = 1;
+    if (c.m_nDay == -1) c.m_nDay = 1;
+    if (c.m_nHour == -1) c.m_nHour = 0;
+    if (c.m_nMinute == -1) c.m_nMinute = 0;
+    if (c.m_nSecond == -1) c.m_nSecond = 0;
+    if (c.m_nMicrosecond == -1) c.m_nMicrosecond = 0;
+    return CTalvorDate::CheckValidDateTime(c, false);
 }
 
 }  // namespace
 
 int CTalvorDate::ParseDate(const char* lpszText, const char* lpszFormat, TALVORDATEPARTS& s)
 {
+    return ParseDate(lpszText, lpszFormat, s, TALVOR_DATE_YEAR_NOW);
+}
+
+int CTalvorDate::ParseDate(const char* lpszText, const char* lpszFormat, TALVORDATEPARTS& s, int nCurrentYear)
+{
     s = {-1, -1, -1, -1, -1, -1, -1, -1, -1};
     if (lpszText == nullptr || lpszFormat == nullptr) return TALVOR_DATE_BAD_FORMAT;
     const char* p = lpszText;
-    bool bAfternoon = false, bTwelveHour = false, bHalfGiven = false;
-    int nDayOfYear = -1;
+    bool bHalfGiven = false;
+    FormatState st = {false, false, -1, nCurrentYear};
     for (const char* f = lpszFormat; *f;) {
         if (IsBlankChar(*f)) {
             while (IsBlankChar(*f)) ++f;
@@ -1352,25 +1394,22 @@ int CTalvorDate::ParseDate(const char* lpszText, const char* lpszFormat, TALVORD
             p += nLen;
         } else {
             if (bType == 13 || bType == 20) bHalfGiven = true;
-            if (!ReadToken(p, bType, s, bAfternoon, bTwelveHour, nDayOfYear)) return TALVOR_DATE_BAD_FORMAT;
+            if (!ReadToken(p, bType, s, st)) return TALVOR_DATE_BAD_FORMAT;
         }
         f += nLen;
     }
     while (IsBlankChar(*p)) ++p;
     if (*p != 0) return TALVOR_DATE_BAD_FORMAT;
-    if (bTwelveHour || bHalfGiven) {
+    if (st.m_bTwelveHour || bHalfGiven) {
         if (s.m_nHour < 1 || s.m_nHour > 12) return TALVOR_DATE_INVALID_DATA;
-        s.m_nHour = s.m_nHour % 12 + (bAfternoon ? 12 : 0);
+        s.m_nHour = s.m_nHour % 12 + (st.m_bAfternoon ? 12 : 0);
     }
+    int nDayOfYear = st.m_nDayOfYear;
     if (nDayOfYear >= 0 && s.m_nYear >= MIN_YEAR && s.m_nYear <= MAX_YEAR) {
         if (nDayOfYear < 1 || nDayOfYear > (IsLeapYear(s.m_nYear) ? 366 : 365)) return TALVOR_DATE_INVALID_DATA;
         CivilFromDay(DayFromCivil(s.m_nYear, 1, 1) + nDayOfYear - 1, s.m_nYear, s.m_nMonth, s.m_nDay);
     }
-    if (s.m_nMonth != -1 && (s.m_nMonth < 1 || s.m_nMonth > 12)) return TALVOR_DATE_INVALID_DATA;
-    if (s.m_nDay != -1 && (s.m_nDay < 1 || s.m_nDay > (s.m_nMonth > 0 && s.m_nYear > 0 ? DaysInMonth(s.m_nYear, s.m_nMonth) : 31)))
-        return TALVOR_DATE_INVALID_DATA;
-    if (s.m_nHour > 23 || s.m_nMinute > 59 || s.m_nSecond > 59) return TALVOR_DATE_INVALID_DATA;
-    return 0;
+    return CheckFormatParts(s);
 }
 
 // --- Named parts --------------------------------------------------------------------------------
