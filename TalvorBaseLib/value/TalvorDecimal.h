@@ -121,6 +121,8 @@ long long ToNumber(const char* lpszText, int nLen);
 // The decimal value of the text cut to an integer and saturated at the
 // type's limits; 0 for text that is no number.
 int StringToInt(const char* lpszText);
+// The same over nLen bytes, which need no NUL.
+int StringToInt(const char* lpszText, int nLen);
 long long StringToLongLong(const char* lpszText);
 
 // --- Stored form and hashing ---------------------------------------------------
