@@ -31,6 +31,9 @@ typedef double DATE;
 #define TALVOR_DATE_UNIX_EPOCH 25569
 #define TALVOR_DATE_FILETIME_EPOCH (-109205)
 
+// Units a fixed form takes in the longest case, NUL included:
+// "YYYY-MM-DD hh:mm:ss.ffffff"; a stored time takes at most "-3072:00:00".
+#define TALVOR_DATE_TEXT_UNITS 28
 // The current year of RR parsing, read from the clock.
 #define TALVOR_DATE_YEAR_NOW 0
 
@@ -140,6 +143,20 @@ public:
     // "YYYY-MM-DD" and "hh:mm:ss" alone, same rules.
     static BYTE FormatDate(DATE date, char* lpszOut);
     static BYTE FormatTime(DATE date, char* lpszOut);
+    // The same three in wide text, unit for unit the narrow text; lpszOut
+    // holds TALVOR_DATE_TEXT_UNITS units.
+    static BYTE FormatDateTime(DATE date, wchar_t* lpszOut, char nFraction);
+    static BYTE FormatDate(DATE date, wchar_t* lpszOut);
+    static BYTE FormatTime(DATE date, wchar_t* lpszOut);
+    // A stored date as "YYYY-MM-DD"; "0000-00-00" for one that names no
+    // real date. Result: the length.
+    static BYTE FormatDate(const TALVORDATE& stDate, char* lpszOut);
+    static BYTE FormatDate(const TALVORDATE& stDate, wchar_t* lpszOut);
+    // A stored time as "hh:mm:ss", its whole days counted into the hours
+    // (at least two digits) and "-" in front of a negative time;
+    // "00:00:00" for fields past 23, 59, 59. Result: the length.
+    static BYTE FormatTime(const TALVORTIME& stTime, char* lpszOut);
+    static BYTE FormatTime(const TALVORTIME& stTime, wchar_t* lpszOut);
 
     // Text by a format of % specifiers and picture tokens, in a buffer of
     // the pool; vResult becomes text (m_vt 7). Result: 0, 49 for a date out
@@ -250,3 +267,9 @@ DATE ConvertTimetoDate(const long& tTime);
 DATE ConvertFileTimetoDate(const FILETIME& ft);
 DATE ConvertFileTimetoDate(long long llTicks);
 
+// New wide texts of a day number as FormatDateTime writes it with nFraction
+// places, and of a stored time as FormatTime writes it. Any thread. Result:
+// the text, which the caller gives back with delete[]; null when memory is
+// short.
+wchar_t* TalvorConvertDate(DATE date, char nFraction);
+wchar_t* TalvorConvertTime(const TALVORTIME& stTime);
