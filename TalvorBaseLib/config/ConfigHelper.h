@@ -144,7 +144,9 @@ public:
 protected:
     // Index of the section with this name, or -1.
     int findSection(const TString& tName) const;
-    // The value of the first key tKey of section tApp, or null.
+    // The value of the first key tKey of section tApp, or null; valid until
+    // the tree next changes. Caller: as for the getters, the configuration
+    // latch held or no other thread running.
     const TString* findValue(const TString& tApp, const TString& tKey);
 
     TString m_pFileName;
