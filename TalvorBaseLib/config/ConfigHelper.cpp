@@ -273,6 +273,14 @@ int ConfigHelper::findSection(const TString& tName) const
     return -1;
 }
 
+const ConfigHelper::TString* ConfigHelper::findValue(const TString& tApp, const TString& tKey)
+{
+    int iSection = findSection(tApp);
+    if (iSection < 0) return nullptr;
+    _KeyValue* pNode = m_lpAppNameValues[iSection].search(tKey);
+    return pNode != nullptr ? &pNode->m_iValue : nullptr;
+}
+
 void ConfigHelper::trim(const char*& lpStart, const char*& lpEnd)
 {
     while (lpStart < lpEnd && IsTrimChar(*lpStart)) lpStart++;
@@ -347,12 +355,7 @@ int ConfigHelper::getValueString(const char* lpAppName, const char* lpKeyName, c
     TString tKey(lpKeyName);
     TString tDefault(lpDefault);
 
-    const TString* pFound = nullptr;
-    int iSection = findSection(tApp);
-    if (iSection >= 0) {
-        _KeyValue* pNode = m_lpAppNameValues[iSection].search(tKey);
-        if (pNode != nullptr) pFound = &pNode->m_iValue;
-    }
+    const TString* pFound = findValue(tApp, tKey);
     if (pFound == nullptr && lpDefault != nullptr && !tDefault.empty()) pFound = &tDefault;
     if (pFound == nullptr) {
         lpReturn[0] = 0;
@@ -366,16 +369,13 @@ int ConfigHelper::getValueString(const char* lpAppName, const char* lpKeyName, c
 
 int ConfigHelper::getValueInt(const char* lpAppName, const char* lpKeyName, int iDefault)
 {
-    char szDefault[32];
-    char szValue[32];
-    snprintf(szDefault, sizeof(szDefault), "%d", iDefault);
-    getValueString(lpAppName, lpKeyName, szDefault, szValue, sizeof(szValue));
-    // A text that is no number gives 0, not the default. Out-of-range numbers
-    // are held at the int limits rather than cut to their low bits.
-    long lValue = strtol(szValue, nullptr, 10);
-    if (lValue > INT_MAX) return INT_MAX;
-    if (lValue < INT_MIN) return INT_MIN;
-    return (int)lValue;
+    // The value is read whole from the tree rather than through a buffer of
+    // 32 bytes: a cut text can read as another number ("1.000...e5" as 1).
+    // The default needs no round trip through text: it is an int already.
+    TString tApp(lpAppName);
+    TString tKey(lpKeyName);
+    const TString* pFound = findValue(tApp, tKey);
+    return pFound != nullptr ? ConfigValueToInt(pFound->c_str()) : iDefault;
 }
 
 bool ConfigHelper::setValueString(const char* lpAppName, const char* lpKeyName, const char* lpValue)

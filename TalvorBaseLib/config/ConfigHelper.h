@@ -144,6 +144,10 @@ public:
 protected:
     // Index of the section with this name, or -1.
     int findSection(const TString& tName) const;
+    // The value of the first key tKey of section tApp, or null; valid until
+    // the tree next changes. Caller: as for the getters, the configuration
+    // latch held or no other thread running.
+    const TString* findValue(const TString& tApp, const TString& tKey);
 
     TString m_pFileName;
     int m_iAppNameValuesLen;
@@ -199,7 +203,8 @@ void TalvorConfigClose();
 void TalvorDefaultDatabaseDir(char* lpDir, size_t nSize);
 
 // Lock-free forms, for the main thread before other threads run. The setter
-// tells the engine nothing.
+// tells the engine nothing. An integer is its value by ConfigValueToInt, the
+// default when the key is absent.
 int TalvorConfigGetValueInt(const char* lpAppName, const char* lpKeyName, int iDefault);
 int TalvorConfigGetValueString(const char* lpAppName, const char* lpKeyName, const char* lpDefault, char* lpReturn,
                                int iSize);
@@ -234,7 +239,18 @@ ULONG ConfigSemaphoreTimeouts();
 // placed, at most nSize - 1. Reads under a shared flock, as GetText does.
 DWORD GetPrivateProfileString(LPCTSTR lpAppName, LPCTSTR lpKeyName, LPCTSTR lpDefault, LPTSTR lpReturnedString,
                               DWORD nSize, LPCTSTR lpFileName);
+// The integer of a key by ConfigValueToInt; nDefault where
+// GetPrivateProfileString would give the default. The whole value is read,
+// however long, so no cut can turn it into another number.
 int GetPrivateProfileInt(LPCTSTR lpAppName, LPCTSTR lpKeyName, int nDefault, LPCTSTR lpFileName);
+
+// The one reading of an integer value for every reader of the ini: the text
+// in front of the first "#" (a comment to the file-direct reader, and never
+// part of a number) by the decimal parser, as SQL text is read (blanks
+// around, a sign, a fraction cut off, an exponent, 0x and bit literals),
+// held at the int limits beyond them; 0 for text that is no number or null.
+// Any thread, no latch.
+int ConfigValueToInt(const char* lpszValue);
 // Sets one key, replacing its line or adding it (and its section) to the file;
 // a missing or empty file gets "[section]\nkey=value\n". Null or malformed
 // names or values are refused. Holds an exclusive flock on the file from the

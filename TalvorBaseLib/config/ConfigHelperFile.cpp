@@ -9,6 +9,7 @@
 #include "ConfigHelper.h"
 
 #include "ConfigIniSyntax.h"
+#include "TalvorDecimal.h"
 #include "TalvorFileIO.h"
 
 #include <cctype>
@@ -528,30 +529,6 @@ DWORD GetPrivateProfileString(LPCTSTR lpAppName, LPCTSTR lpKeyName, LPCTSTR lpDe
 
 namespace {
 
-// Until the decimal parser exists this takes what it would for an integer: an
-// optional sign, digits, and a fractional part, which is truncated; blanks
-// around the number are allowed. Anything else gives 0, and a number beyond
-// the range of int is held at its limit.
-int ProfileStringToInt(const char* lpText)
-{
-    const char* p = lpText;
-    while (IsBlank(*p)) p++;
-    bool bNegative = false;
-    if (*p == '+' || *p == '-') bNegative = *p++ == '-';
-    long long llValue = 0;
-    int nDigits = 0;
-    for (; *p >= '0' && *p <= '9'; p++, nDigits++)
-        if (llValue <= (long long)INT_MAX + 1) llValue = llValue * 10 + (*p - '0');
-    if (*p == '.')
-        for (p++; *p >= '0' && *p <= '9'; p++) nDigits++;
-    while (IsBlank(*p)) p++;
-    if (*p != 0 || nDigits == 0) return 0;
-    if (bNegative) llValue = -llValue;
-    if (llValue > INT_MAX) return INT_MAX;
-    if (llValue < INT_MIN) return INT_MIN;
-    return (int)llValue;
-}
-
 bool HasAny(const char* s, const char* e, const char* lpChars)
 {
     for (; s < e; s++)
@@ -561,13 +538,43 @@ bool HasAny(const char* s, const char* e, const char* lpChars)
 
 } // namespace
 
+int ConfigValueToInt(const char* lpszValue)
+{
+    if (lpszValue == nullptr) return 0;
+    // The tree keeps a "#" in a value and the file-direct reader cuts the
+    // value there; a number never holds one, so both read what stands in
+    // front of it, and "3 # seconds" is 3 to the daemon, the language
+    // setting and the engine alike.
+    const char* lpHash = strchr(lpszValue, '#');
+    return StringToInt(lpszValue, lpHash != nullptr ? (int)(lpHash - lpszValue) : (int)strlen(lpszValue));
+}
+
 int GetPrivateProfileInt(LPCTSTR lpAppName, LPCTSTR lpKeyName, int nDefault, LPCTSTR lpFileName)
 {
     char szDefault[32];
-    char szValue[32];
     snprintf(szDefault, sizeof(szDefault), "%d", nDefault);
-    GetPrivateProfileString(lpAppName, lpKeyName, szDefault, szValue, sizeof(szValue), lpFileName);
-    return ProfileStringToInt(szValue);
+    // Most values fit the first buffer; a longer one is read again whole,
+    // since a cut text can read as another number.
+    const DWORD FIRST_SIZE = 64, GROWTH = 8;
+    char szFirst[FIRST_SIZE];
+    char* lpValue = szFirst;
+    DWORD nSize = FIRST_SIZE;
+    int nResult = nDefault;
+    for (;;) {
+        DWORD n = GetPrivateProfileString(lpAppName, lpKeyName, szDefault, lpValue, nSize, lpFileName);
+        if (n + 1 < nSize) {
+            nResult = ConfigValueToInt(lpValue);
+            break;
+        }
+        if (lpValue != szFirst) delete[] lpValue;
+        if (nSize > UINT_MAX / GROWTH) return nDefault;
+        nSize *= GROWTH;
+        lpValue = new (std::nothrow) char[nSize];
+        // Without memory the value can't be read: as if the file lacked it.
+        if (lpValue == nullptr) return nDefault;
+    }
+    if (lpValue != szFirst) delete[] lpValue;
+    return nResult;
 }
 
 BOOL WritePrivateProfileString(LPCTSTR lpAppName, LPCTSTR lpKeyName, LPCTSTR lpString, LPCTSTR lpFileName)

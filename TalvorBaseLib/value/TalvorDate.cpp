@@ -1,5 +1,6 @@
 // TalvorDate.cpp — day numbers, free-form parsing, formatting by tokens,
-// week modes and calendar arithmetic.
+// week modes, calendar arithmetic, rounding and zones. Intervals, parsing by
+// format and the fixed texts have files of their own.
 //
 // Every computation goes through whole days plus whole microseconds of the
 // day, so that carries and clamps are exact integers and the double is
@@ -15,28 +16,17 @@
 #include <ctime>
 #include <sys/time.h>
 
-#include "TalvorDecimal.h"
+#include "TalvorDateInternal.h"
 
-namespace {
+namespace talvordate {
 
-const long long MICROS_PER_SECOND = 1000000LL;
-const long long MICROS_PER_MINUTE = 60 * MICROS_PER_SECOND;
-const long long MICROS_PER_HOUR = 60 * MICROS_PER_MINUTE;
-const long long MICROS_PER_DAY = 24 * MICROS_PER_HOUR;
 const double MICROS_PER_DAY_D = 86400000000.0;
-const int MIN_YEAR = 1;
-const int MAX_YEAR = 9999;
-// Day numbers of 0001-01-01 and 9999-12-31.
-const long long MIN_DAY = -693593;
-const long long MAX_DAY = 2958465;
 // Days of a 400-year cycle, and of its parts.
 const long long DAYS_PER_ERA = 146097;
 const long long YEARS_PER_ERA = 400;
 // Longest free-form text, and the year where two-digit years turn to 19xx.
 const int MAX_FREE_TEXT = 63;
 const int TWO_DIGIT_PIVOT = 71;
-const int TOKEN_UNKNOWN = 255;
-const int TOKEN_PERCENT = 254;
 // Longest text one token produces ("Wednesday", "12:00:00 AM").
 const int MAX_TOKEN_TEXT = 16;
 // Julian day number of day 0.
@@ -47,9 +37,9 @@ const int MAX_TZ_HOUR = 13;
 const int MIN_TZ_HOUR = -12;
 const double ZONE_NOT_READ = 10000.0;
 
-const char* const g_arMonthNames[12] = {"January", "February", "March", "April", "May", "June",
+extern const char* const g_arMonthNames[12] = {"January", "February", "March", "April", "May", "June",
     "July", "August", "September", "October", "November", "December"};
-const char* const g_arDayNames[7] = {"Sunday", "Monday", "Tuesday", "Wednesday", "Thursday", "Friday", "Saturday"};
+extern const char* const g_arDayNames[7] = {"Sunday", "Monday", "Tuesday", "Wednesday", "Thursday", "Friday", "Saturday"};
 const char* const g_arRoman[12] = {"I", "II", "III", "IV", "V", "VI", "VII", "VIII", "IX", "X", "XI", "XII"};
 
 // Two-digit pairs "00" to "99".
@@ -97,12 +87,6 @@ void CivilFromDay(long long nDay, int& nYear, int& nMonth, int& nDayOfMonth)
 }
 
 int WeekdayOfDay(long long nDay) { return (int)(((nDay + DAY_ZERO_WEEKDAY) % 7 + 7) % 7); }
-
-// A day number split into whole days and microseconds of the day.
-struct DayTime {
-    long long m_nDay;
-    long long m_nMicros;
-};
 
 bool SplitDate(DATE date, DayTime& t)
 {
@@ -162,7 +146,7 @@ bool DayTimeOf(const TALVORDATEPARTS& p, DayTime& t)
     return true;
 }
 
-inline char* PutPair(char* p, int n)
+char* PutPair(char* p, int n)
 {
     memcpy(p, g_Pairs.m_arPair + 2 * n, 2);
     return p + 2;
@@ -421,7 +405,16 @@ int MonthsBetweenAdd(const DayTime& t, int nMonths, DayTime& r)
 
 bool InRange(const DayTime& t) { return t.m_nDay >= MIN_DAY && t.m_nDay <= MAX_DAY; }
 
-}  // namespace
+// A parsed date and time that a day number can hold.
+int CheckParsedDate(const TALVORDATEPARTS& s)
+{
+    if (CTalvorDate::CheckValidDateTime(s, false) != 0) return TALVOR_DATE_INVALID_DATA;
+    return s.m_nYear >= MIN_YEAR && s.m_nYear <= MAX_YEAR ? 0 : TALVOR_DATE_INVALID_DATA;
+}
+
+}  // namespace talvordate
+
+using namespace talvordate;
 
 // --- Calendar -------------------------------------------------------------------------
 
@@ -586,7 +579,7 @@ BYTE CTalvorDate::GetFormatType(const char* lpszFormat, int& nLen)
     }
     // Most characters of a format are separators; only these letters begin
     // a picture token.
-    if (strchr("YRMDHSFAPBTWCJQIymdhsfapbtwcjqi", lpszFormat[0]) == nullptr || lpszFormat[0] == 0) return TOKEN_UNKNOWN;
+    if (strchr("YRMDHSFAPBTWCJQIyrmdhsfapbtwcjqi", lpszFormat[0]) == nullptr || lpszFormat[0] == 0) return TOKEN_UNKNOWN;
     for (const TokenDef& t : g_arPictureTokens)
         if (MatchNoCase(lpszFormat, t.m_lpszText, nLen)) return t.m_bType;
     nLen = 1;
@@ -683,10 +676,7 @@ int CTalvorDate::ParseDate(const char* lpszText, int nLen, TALVORDATEPARTS& s)
     }
     while (nLen > 0 && (lpszText[nLen - 1] == ' ' || lpszText[nLen - 1] == '\t')) --nLen;
     if (nLen > MAX_FREE_TEXT || nLen == 0 || lpszText[0] == '-') return TALVOR_DATE_BAD_FORMAT;
-    if (CompactDate(lpszText, nLen, s)) {
-        DayTime t;
-        return DayTimeOf(s, t) ? 0 : TALVOR_DATE_INVALID_DATA;
-    }
+    if (CompactDate(lpszText, nLen, s)) return CheckParsedDate(s);
     int nResult = Split(lpszText, nLen);
     if (nResult != 0) return nResult;
     int nTimeFields = 0, nTimeAt = 0;
@@ -719,13 +709,9 @@ int CTalvorDate::ParseDate(const char* lpszText, int nLen, TALVORDATEPARTS& s)
             s.m_nMicrosecond = DigitsValue(szMicros, MICRO_DIGITS);
         }
     }
-    if (m_nTimeIndex == 0) {
-        // A time alone: the date is the day of the base.
-        if (s.m_nHour > 23 || s.m_nMinute > 59 || s.m_nSecond > 59) return TALVOR_DATE_INVALID_DATA;
-        return 0;
-    }
-    DayTime t;
-    return DayTimeOf(s, t) ? 0 : TALVOR_DATE_INVALID_DATA;
+    // A time alone stands on the day of the base, with date parts 0.
+    if (m_nTimeIndex == 0) return CheckValidDateTime(s, true);
+    return CheckParsedDate(s);
 }
 
 int CTalvorDate::ParseDate(const char* lpszText, int nLen, DATE& date)
@@ -972,407 +958,6 @@ DATE ConvertFileTimetoDate(const FILETIME& ft)
     return ConvertFileTimetoDate((long long)(((unsigned long long)ft.dwHighDateTime << 32) | ft.dwLowDateTime));
 }
 
-// --- Intervals ----------------------------------------------------------------------------
-
-namespace {
-
-enum IntervalField { FIELD_YEAR, FIELD_MONTH, FIELD_DAY, FIELD_HOUR, FIELD_MINUTE, FIELD_SECOND, FIELD_MICRO };
-const int INTERVAL_HEAD = 3;
-const BYTE INTERVAL_MARK = 1;
-const int MAX_COMPOUND_NUMBERS = 5;
-const int MICRO_DIGITS = 6;
-
-// First and last field of each compound type, in the order of the text.
-struct CompoundShape {
-    int m_nFirst;
-    int m_nLast;
-};
-const CompoundShape g_arCompound[] = {
-    {FIELD_SECOND, FIELD_MICRO}, {FIELD_MINUTE, FIELD_MICRO}, {FIELD_MINUTE, FIELD_SECOND},
-    {FIELD_HOUR, FIELD_MICRO}, {FIELD_HOUR, FIELD_SECOND}, {FIELD_HOUR, FIELD_MINUTE}, {FIELD_DAY, FIELD_MICRO},
-    {FIELD_DAY, FIELD_SECOND}, {FIELD_DAY, FIELD_MINUTE}, {FIELD_DAY, FIELD_HOUR}, {FIELD_YEAR, FIELD_MONTH}};
-
-// A single amount: integers as they are, fractions rounded half away from zero.
-bool SingleAmount(BYTE bValueType, const char* lpszValue, long long& llAmount)
-{
-    const BYTE VALUE_INT = 1, VALUE_BIGINT = 2, VALUE_DOUBLE = 3;
-    st_VARDATA v;
-    memset(&v, 0, sizeof(v));
-    if (bValueType == VALUE_DOUBLE) {
-        char* pEnd = nullptr;
-        double d = strtod(lpszValue, &pEnd);
-        if (pEnd == lpszValue || !std::isfinite(d) || std::fabs(d) > 9.2e18) return false;
-        llAmount = std::llround(d);
-        return true;
-    }
-    if (CTalvorDecimal::Convert2Decimal(lpszValue, &v) != 0 || v.m_vt != TALVOR_VT_DECIMAL) return false;
-    if ((bValueType == VALUE_INT || bValueType == VALUE_BIGINT) && v.m_bScale > 0) return false;
-    llAmount = CTalvorDecimal::Convert2Int64(&v, TRUE);
-    return true;
-}
-
-// Numbers of a compound text; the digits after a point count as a fraction.
-bool CompoundAmounts(const char* p, const CompoundShape& shape, long long* arFields)
-{
-    long long arNumbers[MAX_COMPOUND_NUMBERS];
-    int arDigits[MAX_COMPOUND_NUMBERS];
-    int nCount = 0;
-    bool bNegative = false;
-    while (*p == ' ') ++p;
-    if (*p == '-') {
-        bNegative = true;
-        ++p;
-    }
-    while (*p) {
-        if (*p < '0' || *p > '9') {
-            ++p;
-            continue;
-        }
-        if (nCount == MAX_COMPOUND_NUMBERS) return false;
-        long long v = 0;
-        int nDigits = 0;
-        for (; *p >= '0' && *p <= '9'; ++p, ++nDigits) {
-            if (v > 99999999999LL) return false;
-            v = v * 10 + (*p - '0');
-        }
-        arNumbers[nCount] = v;
-        arDigits[nCount++] = nDigits;
-    }
-    int nFields = shape.m_nLast - shape.m_nFirst + 1;
-    if (nCount == 0 || nCount > nFields) return false;
-    // Given fewer numbers, the last fields are the ones set.
-    int nField = shape.m_nLast - nCount + 1;
-    for (int i = 0; i < nCount; ++i, ++nField) {
-        long long v = arNumbers[i];
-        if (nField == FIELD_MICRO) {
-            if (arDigits[i] > MICRO_DIGITS) return false;
-            for (int k = arDigits[i]; k < MICRO_DIGITS; ++k) v *= 10;
-        }
-        arFields[nField] = bNegative ? -v : v;
-    }
-    return true;
-}
-
-int AddIntervalFields(DayTime& t, const long long* arFields)
-{
-    const long long MAX_MONTHS = 12LL * MAX_YEAR, MAX_DAYS = MAX_DAY - MIN_DAY;
-    long long nMonths = arFields[FIELD_YEAR] * 12 + arFields[FIELD_MONTH];
-    if (nMonths > MAX_MONTHS || nMonths < -MAX_MONTHS) return TALVOR_DATE_INVALID_DATA;
-    if (nMonths != 0 && MonthsBetweenAdd(t, (int)nMonths, t) != 0) return TALVOR_DATE_INVALID_DATA;
-    // Past these bounds any amount leaves the range; within them the sum of
-    // microseconds cannot wrap.
-    const long long arLimit[TALVOR_INTERVAL_FIELDS] = {0, 0, MAX_DAYS, MAX_DAYS * 24, MAX_DAYS * 1440,
-                                                       MAX_DAYS * 86400, MAX_DAYS * MICROS_PER_DAY};
-    for (int i = FIELD_DAY; i <= FIELD_MICRO; ++i)
-        if (llabs(arFields[i]) > arLimit[i]) return TALVOR_DATE_INVALID_DATA;
-    t.m_nDay += arFields[FIELD_DAY];
-    long long nHours = arFields[FIELD_HOUR], nMinutes = arFields[FIELD_MINUTE], nSeconds = arFields[FIELD_SECOND];
-    t.m_nMicros += nHours * MICROS_PER_HOUR + nMinutes * MICROS_PER_MINUTE + nSeconds * MICROS_PER_SECOND +
-                   arFields[FIELD_MICRO];
-    Normalize(t);
-    return InRange(t) ? 0 : TALVOR_DATE_INVALID_DATA;
-}
-
-void SetDateResult(VARDATA& v, DATE date)
-{
-    memset(&v.m_bSign, 0, sizeof(VARDATA) - 4 - sizeof(int));
-    v.m_vt = TALVOR_VT_DATETIME;
-    v.m_dblValue = date;
-}
-
-void SetNullResult(VARDATA& v)
-{
-    memset(&v.m_bSign, 0, sizeof(VARDATA) - 4 - sizeof(int));
-    v.m_vt = TALVOR_VT_NULL;
-}
-
-}  // namespace
-
-int CTalvorDate::ParseIntervalString(const char* lpszInterval, long long* arFields, INTERVAL_TYPE& eType)
-{
-    for (int i = 0; i < TALVOR_INTERVAL_FIELDS; ++i) arFields[i] = 0;
-    if (lpszInterval == nullptr || (BYTE)lpszInterval[0] != INTERVAL_MARK) return TALVOR_DATE_BAD_INTERVAL;
-    int nType = (BYTE)lpszInterval[1];
-    if (nType < INTERVAL_MICROSECOND || nType > INTERVAL_YEAR_MONTH || lpszInterval[2] == 0)
-        return TALVOR_DATE_BAD_INTERVAL;
-    eType = (INTERVAL_TYPE)nType;
-    const char* lpszValue = lpszInterval + INTERVAL_HEAD;
-    if (nType >= INTERVAL_SECOND_MICROSECOND)
-        return CompoundAmounts(lpszValue, g_arCompound[nType - INTERVAL_SECOND_MICROSECOND], arFields)
-                   ? 0
-                   : TALVOR_DATE_BAD_PARAMETER;
-    long long llAmount;
-    if (!SingleAmount((BYTE)lpszInterval[2], lpszValue, llAmount)) return TALVOR_DATE_BAD_PARAMETER;
-    const long long MILLI = 1000, DAYS_PER_WEEK = 7, MONTHS_PER_QUARTER = 3;
-    const long long LIMIT = 1LL << 50;
-    if (llAmount > LIMIT || llAmount < -LIMIT) return TALVOR_DATE_BAD_PARAMETER;
-    switch (nType) {
-    case INTERVAL_MICROSECOND: arFields[FIELD_MICRO] = llAmount; break;
-    case INTERVAL_FRAC_SECOND: arFields[FIELD_MICRO] = llAmount * MILLI; break;
-    case INTERVAL_SECOND: arFields[FIELD_SECOND] = llAmount; break;
-    case INTERVAL_MINUTE: arFields[FIELD_MINUTE] = llAmount; break;
-    case INTERVAL_HOUR: arFields[FIELD_HOUR] = llAmount; break;
-    case INTERVAL_DAY: arFields[FIELD_DAY] = llAmount; break;
-    case INTERVAL_WEEK: arFields[FIELD_DAY] = llAmount * DAYS_PER_WEEK; break;
-    case INTERVAL_MONTH: arFields[FIELD_MONTH] = llAmount; break;
-    case INTERVAL_QUARTER: arFields[FIELD_MONTH] = llAmount * MONTHS_PER_QUARTER; break;
-    default: arFields[FIELD_YEAR] = llAmount; break;
-    }
-    return 0;
-}
-
-int CTalvorDate::DateAddSubInterval(CTalvorBufferPool* /*pPool*/, DATE date, const VARDATA& vInterval,
-                                    VARDATA& vResult, BOOL bAdd)
-{
-    long long arFields[TALVOR_INTERVAL_FIELDS];
-    INTERVAL_TYPE eType;
-    int nResult = ParseIntervalString(vInterval.m_lpszValue, arFields, eType);
-    if (nResult != 0) return nResult;
-    if (!bAdd)
-        for (long long& f : arFields) f = -f;
-    DayTime t;
-    if (!SplitDate(date, t) || AddIntervalFields(t, arFields) != 0) {
-        SetNullResult(vResult);
-        return TALVOR_DATE_INVALID_DATA;
-    }
-    SetDateResult(vResult, JoinDate(t));
-    return 0;
-}
-
-int CTalvorDate::ParseTime(TALVORTIME& stTime, const char* lpszText, int nLen)
-{
-    const int MAX_NUMBERS = 4, MAX_TIME_DIGITS = 9;
-    const char* p = lpszText;
-    const char* pEnd = lpszText + nLen;
-    while (p < pEnd && *p == ' ') ++p;
-    while (pEnd > p && pEnd[-1] == ' ') --pEnd;
-    bool bNegative = p < pEnd && *p == '-';
-    if (bNegative) ++p;
-    long long arNumbers[MAX_NUMBERS] = {0};
-    int nCount = 0;
-    bool bDays = false;
-    while (p < pEnd) {
-        int nDigits = 0;
-        long long v = 0;
-        for (; p < pEnd && *p >= '0' && *p <= '9'; ++p) {
-            if (++nDigits > MAX_TIME_DIGITS) return TALVOR_DATE_BAD_FORMAT;
-            v = v * 10 + (*p - '0');
-        }
-        if (nDigits == 0 || nCount == MAX_NUMBERS) return TALVOR_DATE_BAD_FORMAT;
-        arNumbers[nCount++] = v;
-        if (p == pEnd) break;
-        if (*p == ' ' && nCount == 1 && !bDays) bDays = true;
-        else if (*p != ':') return TALVOR_DATE_BAD_FORMAT;
-        ++p;
-        if (p == pEnd) return TALVOR_DATE_BAD_FORMAT;
-    }
-    int nFirst = bDays ? 1 : 0;
-    if (nCount == 0 || nCount - nFirst > 3 || nCount - nFirst < 1) return TALVOR_DATE_BAD_FORMAT;
-    long long nDays = bDays ? arNumbers[0] : 0;
-    long long nHour = arNumbers[nFirst];
-    long long nMinute = nCount - nFirst > 1 ? arNumbers[nFirst + 1] : 0;
-    long long nSecond = nCount - nFirst > 2 ? arNumbers[nFirst + 2] : 0;
-    if (nMinute > 59 || nSecond > 59) return TALVOR_DATE_INVALID_DATA;
-    long long nTotal = ((nDays * 24 + nHour) * 60 + nMinute) * 60 + nSecond;
-    if (bNegative) nTotal = -nTotal;
-    const long long SECONDS_PER_DAY = 86400;
-    long long nDay = FloorDiv(nTotal, SECONDS_PER_DAY);
-    if (nDay < -128 || nDay > 127) return TALVOR_DATE_INVALID_DATA;
-    long long nRest = nTotal - nDay * SECONDS_PER_DAY;
-    stTime.m_nDay = (signed char)nDay;
-    stTime.m_bHour = (BYTE)(nRest / 3600);
-    stTime.m_bMintue = (BYTE)(nRest / 60 % 60);
-    stTime.m_bSecond = (BYTE)(nRest % 60);
-    return 0;
-}
-
-DATE CTalvorDate::GetCurrentDateTime()
-{
-    struct timeval tv;
-    gettimeofday(&tv, nullptr);
-    long long nMicros = (long long)tv.tv_sec * MICROS_PER_SECOND + tv.tv_usec +
-                        std::llround(DbTimeZoneValue() * MICROS_PER_HOUR);
-    DayTime t = {TALVOR_DATE_UNIX_EPOCH, nMicros};
-    Normalize(t);
-    return JoinDate(t);
-}
-
-int CTalvorDate::GetCentury()
-{
-    TALVORDATEPARTS s;
-    if (ConvertDateTime(GetCurrentDateTime(), s) != 0) return 0;
-    return (s.m_nYear - 1) / 100;
-}
-
-int CTalvorDate::ConvertTZ(CTalvorBufferPool* /*pPool*/, DATE date, const char* lpszFrom, const char* lpszTo,
-                           VARDATA& vResult)
-{
-    double dFrom, dTo;
-    if (TZToValue(lpszFrom, dFrom) != 0 || TZToValue(lpszTo, dTo) != 0) {
-        SetNullResult(vResult);
-        return 0;
-    }
-    SetDateResult(vResult, date - dFrom + dTo);
-    return 0;
-}
-
-// --- Parsing by format -------------------------------------------------------------------------
-
-namespace {
-
-const int NAME_SHORT = 3;
-
-inline bool IsBlankChar(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
-
-// Up to nMax digits; FALSE when there is none.
-bool ReadDigits(const char*& p, int nMax, int& nValue, int& nDigits)
-{
-    nValue = 0;
-    nDigits = 0;
-    while (nDigits < nMax && *p >= '0' && *p <= '9') {
-        nValue = nValue * 10 + (*p++ - '0');
-        ++nDigits;
-    }
-    return nDigits > 0;
-}
-
-bool ReadNumber(const char*& p, int nMax, int& nValue)
-{
-    int nDigits;
-    return ReadDigits(p, nMax, nValue, nDigits);
-}
-
-// Index of the name at p among nCount names, by the full name or, with
-// bShort, its first three letters; -1 when none matches.
-int ReadName(const char*& p, const char* const* arNames, int nCount, bool bShort)
-{
-    for (int i = 0; i < nCount; ++i) {
-        int nLen = bShort ? NAME_SHORT : (int)strlen(arNames[i]);
-        if (strncasecmp(p, arNames[i], nLen) == 0) {
-            p += nLen;
-            return i;
-        }
-    }
-    return -1;
-}
-
-bool ReadHalfOfDay(const char*& p, bool& bAfternoon)
-{
-    const char* const arForms[] = {"A.M.", "P.M.", "AM", "PM"};
-    for (int i = 0; i < 4; ++i) {
-        size_t nLen = strlen(arForms[i]);
-        if (strncasecmp(p, arForms[i], nLen) == 0) {
-            bAfternoon = arForms[i][0] == 'P';
-            p += nLen;
-            return true;
-        }
-    }
-    return false;
-}
-
-bool ReadClock(const char*& p, TALVORDATEPARTS& s)
-{
-    if (!ReadNumber(p, 2, s.m_nHour) || *p++ != ':' || !ReadNumber(p, 2, s.m_nMinute) || *p++ != ':') return false;
-    return ReadNumber(p, 2, s.m_nSecond);
-}
-
-// One token of the input; bAfternoon and bTwelveHour note the half of the day.
-bool ReadToken(const char*& p, BYTE bType, TALVORDATEPARTS& s, bool& bAfternoon, bool& bTwelveHour, int& nDayOfYear)
-{
-    int nDigits = 0;
-    const int YEAR_DIGITS = 4, PAIR = 2, DAY_OF_YEAR_DIGITS = 3, MICRO_DIGITS_MAX = 6, MILLI_DIGITS = 3;
-    switch (bType) {
-    case 0: case 10:
-        if (!ReadDigits(p, YEAR_DIGITS, s.m_nYear, nDigits)) return false;
-        s.m_nYear = FullYear(s.m_nYear, nDigits);
-        return true;
-    case 8: case 9: case 54:
-        if (!ReadDigits(p, PAIR, s.m_nYear, nDigits)) return false;
-        s.m_nYear = FullYear(s.m_nYear, nDigits);
-        return true;
-    case 14: case 1: return ReadNumber(p, PAIR, s.m_nMonth);
-    case 15: case 2: return ReadNumber(p, PAIR, s.m_nDay);
-    case 22:
-        if (!ReadNumber(p, PAIR, s.m_nDay)) return false;
-        if (isalpha((unsigned char)p[0]) && isalpha((unsigned char)p[1])) p += 2;
-        return true;
-    case 12: return ReadNumber(p, DAY_OF_YEAR_DIGITS, nDayOfYear);
-    case 16: case 3: return ReadNumber(p, PAIR, s.m_nHour);
-    case 11:
-        bTwelveHour = true;
-        return ReadNumber(p, PAIR, s.m_nHour);
-    case 4: return ReadNumber(p, PAIR, s.m_nMinute);
-    case 5: return ReadNumber(p, PAIR, s.m_nSecond);
-    case 6: case 7: {
-        int nMax = bType == 6 ? MICRO_DIGITS_MAX : MILLI_DIGITS;
-        if (!ReadDigits(p, nMax, s.m_nMicrosecond, nDigits)) return false;
-        for (int i = nDigits; i < MICRO_DIGITS_MAX; ++i) s.m_nMicrosecond *= 10;
-        return true;
-    }
-    case 13: return ReadHalfOfDay(p, bAfternoon);
-    case 17: case 18: {
-        int n = ReadName(p, g_arMonthNames, 12, false);
-        if (n < 0) n = ReadName(p, g_arMonthNames, 12, true);
-        s.m_nMonth = n + 1;
-        return n >= 0;
-    }
-    case 40: case 41:
-        if (ReadName(p, g_arDayNames, 7, false) < 0 && ReadName(p, g_arDayNames, 7, true) < 0) return false;
-        return true;
-    case 21: return ReadClock(p, s);
-    case 20:
-        bTwelveHour = true;
-        if (!ReadClock(p, s)) return false;
-        while (IsBlankChar(*p)) ++p;
-        return ReadHalfOfDay(p, bAfternoon);
-    case TOKEN_PERCENT: return *p++ == '%';
-    default: return false;
-    }
-}
-
-}  // namespace
-
-int CTalvorDate::ParseDate(const char* lpszText, const char* lpszFormat, TALVORDATEPARTS& s)
-{
-    s = {-1, -1, -1, -1, -1, -1, -1, -1, -1};
-    if (lpszText == nullptr || lpszFormat == nullptr) return TALVOR_DATE_BAD_FORMAT;
-    const char* p = lpszText;
-    bool bAfternoon = false, bTwelveHour = false, bHalfGiven = false;
-    int nDayOfYear = -1;
-    for (const char* f = lpszFormat; *f;) {
-        if (IsBlankChar(*f)) {
-            while (IsBlankChar(*f)) ++f;
-            while (IsBlankChar(*p)) ++p;
-            continue;
-        }
-        int nLen = 1;
-        BYTE bType = GetFormatType(f, nLen);
-        if (bType == TOKEN_UNKNOWN) {
-            if (strncmp(p, f, nLen) != 0) return TALVOR_DATE_BAD_FORMAT;
-            p += nLen;
-        } else {
-            if (bType == 13 || bType == 20) bHalfGiven = true;
-            if (!ReadToken(p, bType, s, bAfternoon, bTwelveHour, nDayOfYear)) return TALVOR_DATE_BAD_FORMAT;
-        }
-        f += nLen;
-    }
-    while (IsBlankChar(*p)) ++p;
-    if (*p != 0) return TALVOR_DATE_BAD_FORMAT;
-    if (bTwelveHour || bHalfGiven) {
-        if (s.m_nHour < 1 || s.m_nHour > 12) return TALVOR_DATE_INVALID_DATA;
-        s.m_nHour = s.m_nHour % 12 + (bAfternoon ? 12 : 0);
-    }
-    if (nDayOfYear >= 0 && s.m_nYear >= MIN_YEAR && s.m_nYear <= MAX_YEAR) {
-        if (nDayOfYear < 1 || nDayOfYear > (IsLeapYear(s.m_nYear) ? 366 : 365)) return TALVOR_DATE_INVALID_DATA;
-        CivilFromDay(DayFromCivil(s.m_nYear, 1, 1) + nDayOfYear - 1, s.m_nYear, s.m_nMonth, s.m_nDay);
-    }
-    if (s.m_nMonth != -1 && (s.m_nMonth < 1 || s.m_nMonth > 12)) return TALVOR_DATE_INVALID_DATA;
-    if (s.m_nDay != -1 && (s.m_nDay < 1 || s.m_nDay > (s.m_nMonth > 0 && s.m_nYear > 0 ? DaysInMonth(s.m_nYear, s.m_nMonth) : 31)))
-        return TALVOR_DATE_INVALID_DATA;
-    if (s.m_nHour > 23 || s.m_nMinute > 59 || s.m_nSecond > 59) return TALVOR_DATE_INVALID_DATA;
-    return 0;
-}
-
 // --- Named parts --------------------------------------------------------------------------------
 
 int CTalvorDate::Format(CTalvorBufferPool* pPool, DATE& date, VARDATA& vResult)
@@ -1415,154 +1000,5 @@ int CTalvorDate::GetCombinedData(CTalvorBufferPool* /*pPool*/, DATE& date, BYTE 
     memset(&vResult.m_bSign, 0, sizeof(VARDATA) - 4 - sizeof(int));
     vResult.m_vt = TALVOR_VT_BIGINT;
     vResult.m_llValue = v;
-    return 0;
-}
-
-// --- Stored dates and times with intervals ----------------------------------------------------------
-
-namespace {
-
-bool HasTimePart(INTERVAL_TYPE eType)
-{
-    return eType <= INTERVAL_HOUR || (eType >= INTERVAL_SECOND_MICROSECOND && eType <= INTERVAL_DAY_HOUR);
-}
-
-bool HasDatePart(INTERVAL_TYPE eType)
-{
-    return (eType >= INTERVAL_DAY && eType <= INTERVAL_YEAR) || eType >= INTERVAL_DAY_MICROSECOND;
-}
-
-int AddInterval(DayTime& t, const VARDATA& vInterval, BOOL bAdd, INTERVAL_TYPE& eType)
-{
-    long long arFields[TALVOR_INTERVAL_FIELDS];
-    int nResult = CTalvorDate::ParseIntervalString(vInterval.m_lpszValue, arFields, eType);
-    if (nResult != 0) return nResult;
-    if (!bAdd)
-        for (long long& f : arFields) f = -f;
-    return AddIntervalFields(t, arFields);
-}
-
-}  // namespace
-
-int CTalvorDate::DateAddSubInterval(CTalvorBufferPool* /*pPool*/, const TALVORDATE& stDate, const VARDATA& vInterval,
-                                    VARDATA& vResult, BOOL bAdd)
-{
-    TALVORDATEPARTS s = {stDate.m_sYear, stDate.m_bMonth, stDate.m_bDay, 0, 0, 0, 0, 0, 0};
-    DayTime t;
-    if (!DayTimeOf(s, t)) return TALVOR_DATE_INVALID_DATA;
-    INTERVAL_TYPE eType = INTERVAL_DAY;
-    int nResult = AddInterval(t, vInterval, bAdd, eType);
-    if (nResult == TALVOR_DATE_BAD_INTERVAL || nResult == TALVOR_DATE_BAD_PARAMETER) return nResult;
-    if (nResult != 0) {
-        SetNullResult(vResult);
-        return nResult;
-    }
-    if (HasTimePart(eType)) {
-        SetDateResult(vResult, JoinDate(t));
-        return 0;
-    }
-    TALVORDATEPARTS r;
-    PartsOf(t, r);
-    memset(&vResult.m_bSign, 0, sizeof(VARDATA) - 4 - sizeof(int));
-    vResult.m_vt = TALVOR_VT_DATE;
-    vResult.m_stDate.m_bDay = (BYTE)r.m_nDay;
-    vResult.m_stDate.m_bMonth = (BYTE)r.m_nMonth;
-    vResult.m_stDate.m_sYear = (USHORT)r.m_nYear;
-    return 0;
-}
-
-int CTalvorDate::DateAddSubInterval(CTalvorBufferPool* /*pPool*/, const TALVORTIME& stTime, const VARDATA& vInterval,
-                                    VARDATA& vResult, BOOL bAdd)
-{
-    DayTime t = {stTime.m_nDay, stTime.m_bHour * MICROS_PER_HOUR + stTime.m_bMintue * MICROS_PER_MINUTE +
-                                    stTime.m_bSecond * MICROS_PER_SECOND};
-    INTERVAL_TYPE eType = INTERVAL_SECOND;
-    int nResult = AddInterval(t, vInterval, bAdd, eType);
-    if (nResult == TALVOR_DATE_BAD_INTERVAL || nResult == TALVOR_DATE_BAD_PARAMETER) return nResult;
-    const long long MIN_TIME_DAY = -128, MAX_TIME_DAY = 127;
-    bool bAsTime = !HasDatePart(eType);
-    if (nResult != 0 || (bAsTime && (t.m_nDay < MIN_TIME_DAY || t.m_nDay > MAX_TIME_DAY))) {
-        SetNullResult(vResult);
-        return TALVOR_DATE_INVALID_DATA;
-    }
-    if (!bAsTime) {
-        SetDateResult(vResult, JoinDate(t));
-        return 0;
-    }
-    memset(&vResult.m_bSign, 0, sizeof(VARDATA) - 4 - sizeof(int));
-    vResult.m_vt = TALVOR_VT_TIME;
-    vResult.m_stTime.m_nDay = (signed char)t.m_nDay;
-    vResult.m_stTime.m_bHour = (BYTE)(t.m_nMicros / MICROS_PER_HOUR);
-    vResult.m_stTime.m_bMintue = (BYTE)(t.m_nMicros / MICROS_PER_MINUTE % 60);
-    vResult.m_stTime.m_bSecond = (BYTE)(t.m_nMicros / MICROS_PER_SECOND % 60);
-    return 0;
-}
-
-// --- Times by format ------------------------------------------------------------------------------
-
-namespace {
-
-char* PutTimeToken(char* p, BYTE bType, long long nHours, int nMinute, int nSecond)
-{
-    int nHalf = (int)(nHours % 24);
-    switch (bType) {
-    case 16: case 3: return PutNumber(p, nHours, bType == 16 ? 2 : 1);
-    case 11: return PutPair(p, Hour12(nHalf));
-    case 4: return PutPair(p, nMinute);
-    case 5: return PutPair(p, nSecond);
-    case 6: return PutNumber(p, 0, 6);
-    case 7: return PutNumber(p, 0, 3);
-    case 23: return PutNumber(p, (nHours * 60 + nMinute) * 60 + nSecond, 5);
-    case 13: return PutText(p, nHalf < 12 ? "AM" : "PM", 2);
-    case 20:
-        p = PutPair(p, Hour12(nHalf));
-        *p++ = ':';
-        p = PutPair(p, nMinute);
-        *p++ = ':';
-        p = PutPair(p, nSecond);
-        return PutText(p, nHalf < 12 ? " AM" : " PM", 3);
-    case 21:
-        p = PutNumber(p, nHours, 2);
-        *p++ = ':';
-        p = PutPair(p, nMinute);
-        *p++ = ':';
-        return PutPair(p, nSecond);
-    case TOKEN_PERCENT: *p++ = '%'; return p;
-    default: return nullptr;
-    }
-}
-
-}  // namespace
-
-int CTalvorDate::TimeFormat(CTalvorBufferPool* pPool, TALVORTIME& stTime, const char* lpszFormat, VARDATA& vResult)
-{
-    const int MAX_TIME_TOKEN = 24;
-    long long nTotal = ((long long)stTime.m_nDay * 24 + stTime.m_bHour) * 3600 + stTime.m_bMintue * 60 + stTime.m_bSecond;
-    bool bNegative = nTotal < 0;
-    if (bNegative) nTotal = -nTotal;
-    long long nHours = nTotal / 3600;
-    int nMinute = (int)(nTotal / 60 % 60), nSecond = (int)(nTotal % 60);
-    size_t nFormat = strlen(lpszFormat);
-    char* lpszOut = (char*)pPool->AllocBuffer((UINT)(nFormat * MAX_TIME_TOKEN + 2));
-    if (lpszOut == nullptr) return TALVOR_DATE_NO_MEMORY;
-    char* p = lpszOut;
-    if (bNegative) *p++ = '-';
-    for (const char* f = lpszFormat; *f;) {
-        int nLen = 1;
-        BYTE bType = GetFormatType(f, nLen);
-        if (bType == TOKEN_UNKNOWN) {
-            memcpy(p, f, nLen);
-            p += nLen;
-        } else {
-            p = PutTimeToken(p, bType, nHours, nMinute, nSecond);
-            if (p == nullptr) return TALVOR_DATE_BAD_FORMAT;
-        }
-        f += nLen;
-    }
-    *p = 0;
-    vResult.m_vt = 7;
-    vResult.m_bAutoRelease = 0;
-    vResult.m_lpszValue = lpszOut;
-    vResult.m_nStrLen = (int)(p - lpszOut);
     return 0;
 }

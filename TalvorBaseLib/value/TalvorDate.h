@@ -31,6 +31,12 @@ typedef double DATE;
 #define TALVOR_DATE_UNIX_EPOCH 25569
 #define TALVOR_DATE_FILETIME_EPOCH (-109205)
 
+// Units a fixed form takes in the longest case, NUL included:
+// "YYYY-MM-DD hh:mm:ss.ffffff"; a stored time takes at most "-3072:00:00".
+#define TALVOR_DATE_TEXT_UNITS 28
+// The current year of RR parsing, read from the clock.
+#define TALVOR_DATE_YEAR_NOW 0
+
 // Fields a free-form text may have, and characters in one field.
 #define TALVOR_DATE_MAX_FIELDS 8
 #define TALVOR_DATE_FIELD_CHARS 8
@@ -86,6 +92,30 @@ public:
     static int CheckValidDay(int nMonth, int nDay, bool bLeap);
     // Result: days in the month, 0 for a month outside 1..12.
     static int DaysInMonth(int nYear, int nMonth);
+    // Result: 0 when the parts name a real date and time, else 49: month
+    // 1..12, day within the month by the leap rule of m_nYear, then the time
+    // as CheckValidTime with the fraction. With bTimeOnly the date parts are
+    // not looked at (a time alone stands on day 0). The year's range is the
+    // conversion's to check, not this.
+    static int CheckValidDateTime(const TALVORDATEPARTS& stParts, bool bTimeOnly);
+    // Result: 0 for hour 0..23, minute and second 0..59 and, with bFraction,
+    // microseconds 0..999,999; else 49.
+    static int CheckValidTime(const TALVORDATEPARTS& stParts, bool bFraction);
+    // A number YYYYMMDD (7 or 8 digits) or YYMMDD (up to 6 digits, the year
+    // completed as a free-form two-digit year is) split into its parts.
+    // Result: 0 with the parts set, or 49 (parts untouched) for a negative
+    // number, more than 8 digits, or no real date.
+    static int ValidDate(long long llValue, int& nYear, int& nMonth, int& nDay);
+    // A number HHMMSS split into its parts. Result: 0 with the parts set, or
+    // 49 (parts untouched) for a negative number or no time of day.
+    static int ValidTime(long long llValue, int& nHour, int& nMinute, int& nSecond);
+    // The year of the picture tokens RR and RRRR: nYear with nDigits digits
+    // as read. One or two digits are placed in the century nearest
+    // nCurrentYear: 00-49 in the century of the current year when its last
+    // two digits are 00-49, else in the next one; 50-99 in the previous
+    // century when they are 00-49, else in the current one. Three or four
+    // digits stand as they are. Result: the full year.
+    static int RoundedYear(int nYear, int nDigits, int nCurrentYear);
 
     // Parts to a day number. Result: 0, or 49 (date untouched) for a part
     // out of range or a year outside 1..9999.
@@ -113,6 +143,20 @@ public:
     // "YYYY-MM-DD" and "hh:mm:ss" alone, same rules.
     static BYTE FormatDate(DATE date, char* lpszOut);
     static BYTE FormatTime(DATE date, char* lpszOut);
+    // The same three in wide text, unit for unit the narrow text; lpszOut
+    // holds TALVOR_DATE_TEXT_UNITS units.
+    static BYTE FormatDateTime(DATE date, wchar_t* lpszOut, char nFraction);
+    static BYTE FormatDate(DATE date, wchar_t* lpszOut);
+    static BYTE FormatTime(DATE date, wchar_t* lpszOut);
+    // A stored date as "YYYY-MM-DD"; "0000-00-00" for one that names no
+    // real date. Result: the length.
+    static BYTE FormatDate(const TALVORDATE& stDate, char* lpszOut);
+    static BYTE FormatDate(const TALVORDATE& stDate, wchar_t* lpszOut);
+    // A stored time as "hh:mm:ss", its whole days counted into the hours
+    // (at least two digits) and "-" in front of a negative time;
+    // "00:00:00" for fields past 23, 59, 59. Result: the length.
+    static BYTE FormatTime(const TALVORTIME& stTime, char* lpszOut);
+    static BYTE FormatTime(const TALVORTIME& stTime, wchar_t* lpszOut);
 
     // Text by a format of % specifiers and picture tokens, in a buffer of
     // the pool; vResult becomes text (m_vt 7). Result: 0, 49 for a date out
@@ -144,9 +188,14 @@ public:
 
     // Text by a format of the same tokens Format writes; names compare
     // without regard to case, a blank in the format takes any run of blanks.
-    // Parts the format does not set are -1. Result: 0; 1504 for text that
-    // does not follow the format; 49 for parts out of range.
+    // Parts the format does not set are -1. RR and RRRR read up to four
+    // digits and place one or two by RoundedYear against the current year.
+    // Result: 0; 1504 for text that does not follow the format; 49 for parts
+    // out of range.
     static int ParseDate(const char* lpszText, const char* lpszFormat, TALVORDATEPARTS& stParts);
+    // The same against nCurrentYear instead of the clock's year;
+    // TALVOR_DATE_YEAR_NOW reads the clock, and only when an RR token needs it.
+    static int ParseDate(const char* lpszText, const char* lpszFormat, TALVORDATEPARTS& stParts, int nCurrentYear);
 
     // Adds years, months, days, hours, minutes, seconds, microseconds; a
     // month that ends sooner clamps the day. Result: 0; 25 for a negative
@@ -217,3 +266,10 @@ DATE ConvertTimetoDate(const long& tTime);
 // 100-ns ticks since 1601 to a day number in the database's zone.
 DATE ConvertFileTimetoDate(const FILETIME& ft);
 DATE ConvertFileTimetoDate(long long llTicks);
+
+// New wide texts of a day number as FormatDateTime writes it with nFraction
+// places, and of a stored time as FormatTime writes it. Any thread. Result:
+// the text, which the caller gives back with delete[]; null when memory is
+// short.
+wchar_t* TalvorConvertDate(DATE date, char nFraction);
+wchar_t* TalvorConvertTime(const TALVORTIME& stTime);

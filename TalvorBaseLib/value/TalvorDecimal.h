@@ -121,7 +121,26 @@ long long ToNumber(const char* lpszText, int nLen);
 // The decimal value of the text cut to an integer and saturated at the
 // type's limits; 0 for text that is no number.
 int StringToInt(const char* lpszText);
+// The same over nLen bytes, which need no NUL.
+int StringToInt(const char* lpszText, int nLen);
 long long StringToLongLong(const char* lpszText);
+
+// --- Numbers as new wide texts ---------------------------------------------------
+// Thread safety: as above, any thread. Each result is the caller's, to give
+// back with delete[]; null when memory is short or lpValue is null.
+
+// Bytes PrintDecimal may write, NUL included: sign, 36 digits, point and the
+// zeros of a scale of 127.
+#define TALVOR_DECIMAL_TEXT_BYTES 170
+
+// The text of PrintDecimal, unit for unit.
+wchar_t* TalvorDecimal2WChar(const st_VARDATA* lpValue);
+// An integer in decimal digits, "-" in front of a negative one.
+wchar_t* TalvorConvertNumber2WChar(long long llValue);
+// A double as the decimal it converts to (at most 18 significant digits, no
+// trailing zeros) prints; an empty text for NaN, infinities and doubles too
+// large for a decimal.
+wchar_t* TalvorConvertNumber2WChar(double dblValue);
 
 // --- Stored form and hashing ---------------------------------------------------
 // Thread safety: as above, any thread.

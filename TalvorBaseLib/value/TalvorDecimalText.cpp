@@ -62,7 +62,13 @@ long long StringToLongLong(const char* lpszText)
 
 int StringToInt(const char* lpszText)
 {
-    long long llValue = StringToLongLong(lpszText);
+    return lpszText != nullptr ? StringToInt(lpszText, (int)strlen(lpszText)) : 0;
+}
+
+int StringToInt(const char* lpszText, int nLen)
+{
+    long long llValue;
+    if (lpszText == nullptr || !TextInteger(lpszText, nLen, llValue)) return 0;
     if (llValue > INT_MAX) return INT_MAX;
     if (llValue < INT_MIN) return INT_MIN;
     return (int)llValue;
