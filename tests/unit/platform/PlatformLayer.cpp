@@ -893,29 +893,6 @@ TEST(TimeShims, FileTimeMatchesWallClock)
     EXPECT_NEAR((double)li.QuadPart / 1e6, (double)time(nullptr), 2.0);
 }
 
-TEST(TimeShims, LocalTimeFieldsMatchLocaltime)
-{
-    for (int nTry = 0; nTry < 5; nTry++) {
-        time_t t0 = time(nullptr);
-        SYSTEMTIME st;
-        memset(&st, 0xEE, sizeof(st));
-        GetLocalTime(&st);
-        time_t t1 = time(nullptr);
-        if (t0 != t1) continue; // a second boundary passed: ask again
-        struct tm tmRef;
-        localtime_r(&t0, &tmRef);
-        EXPECT_EQ(st.wYear, tmRef.tm_year + 1900);
-        EXPECT_EQ(st.wMonth, tmRef.tm_mon + 1);
-        EXPECT_EQ(st.wDay, tmRef.tm_mday);
-        EXPECT_EQ(st.wHour, tmRef.tm_hour);
-        EXPECT_EQ(st.wMinute, tmRef.tm_min);
-        EXPECT_EQ(st.wSecond, tmRef.tm_sec);
-        EXPECT_LT(st.wMilliseconds, 1000);
-        return;
-    }
-    FAIL() << "clock kept crossing second boundaries";
-}
-
 TEST(ProcessShims, ModuleFileNameAndSleep)
 {
     char sz[PATH_MAX];
@@ -930,8 +907,6 @@ TEST(ProcessShims, ModuleFileNameAndSleep)
     long long t0 = NowMs();
     Sleep(30);
     EXPECT_GE(NowMs() - t0, 29);
-    errno = ENOENT;
-    EXPECT_EQ(GetLastError(), ENOENT);
     EXPECT_EQ(GetCurrentThreadId(), (UINT)getpid()) << "the main thread's kernel id is the process id";
 }
 
