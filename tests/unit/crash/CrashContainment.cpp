@@ -196,19 +196,6 @@ TEST_F(CrashContainment, FaultUnwindsTheThreadGivesItsLatchBackAndItIsRestarted)
     EXPECT_GE(nFrames, 3u);
 }
 
-TEST_F(CrashContainment, ThreadThatCrashesTwiceIsRestartedTwice)
-{
-    Worker& w = Start(FAULT_WRITE, 2);
-    for (int i = 1; i <= 2; i++) {
-        ASSERT_TRUE(WaitCrashed()) << "crash " << i;
-        ASSERT_TRUE(WaitUntil([&] { return w.m_nCrashPaths.load() == i; }, 5000));
-        CrashAutoRecoverCrashedThreads();
-    }
-    ASSERT_TRUE(WaitUntil([&] { return w.m_nDone.load() == 1; }, 5000));
-    EXPECT_EQ(3, w.m_nRuns.load());
-    EXPECT_EQ(2, CountText(DaemonLines(), 10032001, "has been submitted for automatic recovery"));
-}
-
 TEST_F(CrashContainment, SignalSentFromOutsideIsHandledLikeAFault)
 {
     Worker& w = Start(HOLD_UNTIL_SIGNAL, 1);
@@ -393,22 +380,6 @@ TEST_F(CrashContainment, TraceThreadsAreRestartedAfterACrash)
     std::vector<TraceLine> lines = DaemonLines();
     EXPECT_EQ(2, CountText(lines, 20010001, "Log Writer thread started!"));
     EXPECT_EQ(2, CountText(lines, 10032001, "has been submitted for automatic recovery"));
-}
-
-TEST_F(CrashContainment, TestTriggerIsInertUnlessAskedAndFiresOnce)
-{
-    // Fires once per process: this test runs once per binary.
-    unsetenv("TALVOR_TEST_CRASH");
-    EXPECT_FALSE(CrashTestFaultDue("storage"));
-    EXPECT_FALSE(CrashTestAsked("storage"));
-    setenv("TALVOR_TEST_CRASH", "tracewriter,storage", 1);
-    EXPECT_FALSE(CrashTestFaultDue("tracecopier"));
-    EXPECT_FALSE(CrashTestFaultDue("stor"));
-    EXPECT_FALSE(CrashTestAsked("stor"));
-    EXPECT_TRUE(CrashTestFaultDue("storage"));
-    EXPECT_FALSE(CrashTestFaultDue("storage"));
-    EXPECT_TRUE(CrashTestAsked("storage"));
-    unsetenv("TALVOR_TEST_CRASH");
 }
 
 } // namespace
