@@ -348,38 +348,4 @@ TEST_F(CrashContainment, MissingAddr2lineGivesAnEmptyLineNotAHang)
     EXPECT_EQ("talvortest::CrashProbe() ", lines[0].m_strText);
 }
 
-// Both trace threads follow the contained pattern: each is restarted and
-// takes up its work again.
-TEST_F(CrashContainment, TraceThreadsAreRestartedAfterACrash)
-{
-    CLogManager& log = CLogManager::instance();
-    ASSERT_TRUE(log.InitLogEnvironment(nullptr, 0));
-    ASSERT_EQ(0, log.StartTraceThreads(TRUE));
-    // A line in the file: the writer is inside its loop, under containment.
-    Trace0("Main", 3, 1, "writer is up");
-    ASSERT_TRUE(WaitUntil([&] { return SeriesBody("TalvorStorage").find("writer is up") != std::string::npos; }, 5000));
-
-    HTHREADTYPE hOld = log.m_hWriteTraceThreadEx;
-    ASSERT_EQ(0, pthread_kill(hOld, SIGSEGV));
-    ASSERT_TRUE(WaitCrashed());
-    CrashAutoRecoverCrashedThreads();
-    Trace0("Main", 3, 515151, "written by the new writer");
-    ASSERT_TRUE(WaitUntil([&] { return SeriesBody("TalvorStorage").find("written by the new writer") != std::string::npos; },
-                          5000));
-
-    ASSERT_TRUE(WaitUntil([&] { return SeriesBody("TalvorStorage").find("Log Writer thread started!") != std::string::npos; },
-                          5000));
-    ASSERT_EQ(0, pthread_kill(log.m_hWriteTraceThread, SIGSEGV));
-    ASSERT_TRUE(WaitCrashed());
-    CrashAutoRecoverCrashedThreads();
-    LPBYTE lpRing = log.m_pTraceFileAddr;
-    ASSERT_EQ(11, TraceRingWrite(lpRing, log.m_nTraceFileSize, "engine text", 11));
-    SetEvent(log.m_hTraceEvent);
-    ASSERT_TRUE(WaitUntil([&] { return SeriesBody("TalvorService") == "engine text"; }, 5000));
-    log.StopTraceThreads(30);
-    std::vector<TraceLine> lines = DaemonLines();
-    EXPECT_EQ(2, CountText(lines, 20010001, "Log Writer thread started!"));
-    EXPECT_EQ(2, CountText(lines, 10032001, "has been submitted for automatic recovery"));
-}
-
 } // namespace
