@@ -580,18 +580,28 @@ void* EndAfter100ms(void* p)
     return nullptr;
 }
 
+// A contained thread leaves by pthread_exit after a fault; it must still be
+// seen gone, or the stop would wait on it until its time-out.
+void* ExitByPthreadExit(void*)
+{
+    pthread_exit(nullptr);
+}
+
+// Ended but not joined, by a return or by pthread_exit: the signal probe
+// alone would call it alive.
 TEST(ThreadWait, EndedJoinableThreadIsSeenGone)
 {
-    HTHREADTYPE th = 0;
-    ASSERT_EQ(CreateJoinableThread(&th, EndAtOnce, nullptr), 0);
-    ASSERT_NE(th, (HTHREADTYPE)0);
-    usleep(50000);
-    // Ended but not joined: the signal probe alone would call it alive.
-    long long t0 = NowMs();
-    EXPECT_EQ(WaitForSingleObject(th, 2000), WAIT_OBJECT_0);
-    EXPECT_LT(NowMs() - t0, 1000);
-    EXPECT_FALSE(IsThreadAlive(th));
-    EXPECT_EQ(TalvorWaitForSingleThread(th, 1000), WAIT_OBJECT_0);
+    for (void* (*fnEnd)(void*) : {EndAtOnce, ExitByPthreadExit}) {
+        HTHREADTYPE th = 0;
+        ASSERT_EQ(CreateJoinableThread(&th, fnEnd, nullptr), 0);
+        ASSERT_NE(th, (HTHREADTYPE)0);
+        usleep(50000);
+        long long t0 = NowMs();
+        EXPECT_EQ(WaitForSingleObject(th, 2000), WAIT_OBJECT_0);
+        EXPECT_LT(NowMs() - t0, 1000);
+        EXPECT_FALSE(IsThreadAlive(th));
+        EXPECT_EQ(TalvorWaitForSingleThread(th, 1000), WAIT_OBJECT_0);
+    }
 }
 
 TEST(ThreadWait, LiveThreadTimesOutThenEnds)
@@ -609,22 +619,6 @@ TEST(ThreadWait, LiveThreadTimesOutThenEnds)
     EXPECT_EQ(WaitForSingleObject(th, 5000), WAIT_OBJECT_0);
     EXPECT_TRUE(gate.m_bEnded.load());
     EXPECT_EQ(TalvorWaitForSingleThread(th, 5000), WAIT_OBJECT_0);
-}
-
-// A contained thread leaves by pthread_exit after a fault; it must still be
-// seen gone, or the stop would wait on it until its time-out.
-void* ExitByPthreadExit(void*)
-{
-    pthread_exit(nullptr);
-}
-
-TEST(ThreadWait, ThreadLeavingByPthreadExitIsSeenGone)
-{
-    HTHREADTYPE th = 0;
-    ASSERT_EQ(CreateJoinableThread(&th, ExitByPthreadExit, nullptr), 0);
-    EXPECT_EQ(WaitForSingleObject(th, 2000), WAIT_OBJECT_0);
-    EXPECT_FALSE(IsThreadAlive(th));
-    EXPECT_EQ(TalvorWaitForSingleThread(th, 1000), WAIT_OBJECT_0);
 }
 
 TEST(ThreadWait, NullHandleFails)
