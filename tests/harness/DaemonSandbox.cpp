@@ -107,8 +107,6 @@ void DaemonSandbox::WriteDefaultIni()
     WriteIni("[System]\r\ndatabasepath=" + DataDir() + "\r\nLanguage=0\r\npersistenceintervals=3\r\n");
 }
 
-void DaemonSandbox::RemoveIni() { unlink(IniPath().c_str()); }
-
 pid_t DaemonSandbox::Spawn(const std::vector<std::string>& args, const std::string& strOutName)
 {
     if (m_nHolderPid <= 0) return -1;

@@ -39,7 +39,6 @@ public:
     // directory and English messages.
     void WriteIni(const std::string& strText);
     void WriteDefaultIni();
-    void RemoveIni();
 
     // Starts a program inside the namespace; returns its pid (or -1).
     // stdout and stderr go to <root>/<name>.out.

@@ -94,16 +94,6 @@ public:
         free(m.m_lpHeadBuf);
         m_pModule.reset();
     }
-    // The daemon went away; its segments stay (a crash of the process).
-    void Detach()
-    {
-        if (!m_pModule) return;
-        CBreltMemStorageModule& m = *m_pModule;
-        for (stu_FILEINFO* p = m.m_pStorageInfo; p != nullptr; p = p->m_pNext) p->m_nShmId = 0;
-        if (m.m_lpSystemFileInfo != nullptr) m.m_lpSystemFileInfo->m_nShmId = 0;
-        Stop();
-    }
-
     CBreltMemStorageModule& Module() { return *m_pModule; }
     LPSYSTEMFILEHEAD Head() { return m_pModule ? m_pModule->m_pMemoryFileHead : nullptr; }
     stu_FILEINFO* File(int nFileNo) { return m_pModule->m_arFileInfo[nFileNo]; }

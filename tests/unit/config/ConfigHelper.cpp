@@ -94,27 +94,20 @@ TEST(ConfigTString, TrimsSpaceCrLfButKeepsTabs)
     EXPECT_EQ(u.length(), 3);
 }
 
-TEST(ConfigTString, CapacityGrowsInWholeBlocksAndOnlyWhenReached)
+// A text taken from the string's own buffer must survive the reallocation,
+// and a shorter text must leave nothing of the longer one behind.
+TEST(ConfigTString, SetValueFromItsOwnBufferAndShorterTexts)
 {
     ConfigHelper::TString t;
     ASSERT_TRUE(t.SetValue(std::string(31, 'a').c_str()));
-    EXPECT_EQ(t.m_iTotalLen, 32);
-    char* pFirst = t.m_pData;
     ASSERT_TRUE(t.SetValue("b"));
-    EXPECT_EQ(t.m_pData, pFirst); // shorter text reuses the buffer
-    EXPECT_EQ(t.m_pData[1], 0);   // and leaves nothing of the old text behind
+    EXPECT_EQ(t.m_pData[1], 0);
     EXPECT_EQ(t.m_pData[30], 0);
-    ASSERT_TRUE(t.SetValue(std::string(32, 'c').c_str()));
-    EXPECT_EQ(t.m_iTotalLen, 64);
-    EXPECT_EQ(t.length(), 32);
-    EXPECT_EQ(t.m_pData[32], 0);
-    // A text taken from the string's own buffer survives the reallocation.
-    std::string big(100, 'x');
-    ASSERT_TRUE(t.SetValue(big.c_str()));
+    ASSERT_TRUE(t.SetValue(std::string(100, 'x').c_str()));
     ASSERT_TRUE(t.SetValue(t.m_pData + 10, 50));
     EXPECT_EQ(std::string(t.c_str()), std::string(50, 'x'));
+    EXPECT_EQ(t.length(), 50);
     ASSERT_TRUE(t.SetValue(nullptr));
-    EXPECT_EQ(t.m_pData, nullptr);
     EXPECT_STREQ(t.c_str(), "");
 }
 
@@ -595,22 +588,6 @@ TEST_F(ConfigSharedTest, GarbledEngineListIsReadWithinBounds)
 
 TEST_F(ConfigSharedTest, SemaphoreWaitIsBounded)
 {
-    {
-        // Directly: a held semaphore times out, and leaving posts nothing.
-        ASSERT_EQ(sem_wait(m_engine.m_pSem), 0);
-        long long t0 = NowMs();
-        {
-            ScopedSemaphorePtr sem(m_engine.m_pSem, 100);
-            EXPECT_FALSE(sem.IsLocked());
-        }
-        long long dt = NowMs() - t0;
-        EXPECT_GE(dt, 90);
-        EXPECT_LT(dt, 2000);
-        int n = -1;
-        sem_getvalue(m_engine.m_pSem, &n);
-        EXPECT_EQ(n, 0);
-        ASSERT_EQ(sem_post(m_engine.m_pSem), 0);
-    }
     // Through the reader: an engine that died holding the semaphore delays
     // the read but does not hang it, and the list is left for later.
     ASSERT_TRUE(Load("[S]\na=1\n"));

@@ -196,19 +196,6 @@ TEST_F(CrashContainment, FaultUnwindsTheThreadGivesItsLatchBackAndItIsRestarted)
     EXPECT_GE(nFrames, 3u);
 }
 
-TEST_F(CrashContainment, ThreadThatCrashesTwiceIsRestartedTwice)
-{
-    Worker& w = Start(FAULT_WRITE, 2);
-    for (int i = 1; i <= 2; i++) {
-        ASSERT_TRUE(WaitCrashed()) << "crash " << i;
-        ASSERT_TRUE(WaitUntil([&] { return w.m_nCrashPaths.load() == i; }, 5000));
-        CrashAutoRecoverCrashedThreads();
-    }
-    ASSERT_TRUE(WaitUntil([&] { return w.m_nDone.load() == 1; }, 5000));
-    EXPECT_EQ(3, w.m_nRuns.load());
-    EXPECT_EQ(2, CountText(DaemonLines(), 10032001, "has been submitted for automatic recovery"));
-}
-
 TEST_F(CrashContainment, SignalSentFromOutsideIsHandledLikeAFault)
 {
     Worker& w = Start(HOLD_UNTIL_SIGNAL, 1);
@@ -359,56 +346,6 @@ TEST_F(CrashContainment, MissingAddr2lineGivesAnEmptyLineNotAHang)
     ASSERT_EQ(1u, lines.size());
     EXPECT_EQ(10002020, lines[0].m_nCode);
     EXPECT_EQ("talvortest::CrashProbe() ", lines[0].m_strText);
-}
-
-// Both trace threads follow the contained pattern: each is restarted and
-// takes up its work again.
-TEST_F(CrashContainment, TraceThreadsAreRestartedAfterACrash)
-{
-    CLogManager& log = CLogManager::instance();
-    ASSERT_TRUE(log.InitLogEnvironment(nullptr, 0));
-    ASSERT_EQ(0, log.StartTraceThreads(TRUE));
-    // A line in the file: the writer is inside its loop, under containment.
-    Trace0("Main", 3, 1, "writer is up");
-    ASSERT_TRUE(WaitUntil([&] { return SeriesBody("TalvorStorage").find("writer is up") != std::string::npos; }, 5000));
-
-    HTHREADTYPE hOld = log.m_hWriteTraceThreadEx;
-    ASSERT_EQ(0, pthread_kill(hOld, SIGSEGV));
-    ASSERT_TRUE(WaitCrashed());
-    CrashAutoRecoverCrashedThreads();
-    Trace0("Main", 3, 515151, "written by the new writer");
-    ASSERT_TRUE(WaitUntil([&] { return SeriesBody("TalvorStorage").find("written by the new writer") != std::string::npos; },
-                          5000));
-
-    ASSERT_TRUE(WaitUntil([&] { return SeriesBody("TalvorStorage").find("Log Writer thread started!") != std::string::npos; },
-                          5000));
-    ASSERT_EQ(0, pthread_kill(log.m_hWriteTraceThread, SIGSEGV));
-    ASSERT_TRUE(WaitCrashed());
-    CrashAutoRecoverCrashedThreads();
-    LPBYTE lpRing = log.m_pTraceFileAddr;
-    ASSERT_EQ(11, TraceRingWrite(lpRing, log.m_nTraceFileSize, "engine text", 11));
-    SetEvent(log.m_hTraceEvent);
-    ASSERT_TRUE(WaitUntil([&] { return SeriesBody("TalvorService") == "engine text"; }, 5000));
-    log.StopTraceThreads(30);
-    std::vector<TraceLine> lines = DaemonLines();
-    EXPECT_EQ(2, CountText(lines, 20010001, "Log Writer thread started!"));
-    EXPECT_EQ(2, CountText(lines, 10032001, "has been submitted for automatic recovery"));
-}
-
-TEST_F(CrashContainment, TestTriggerIsInertUnlessAskedAndFiresOnce)
-{
-    // Fires once per process: this test runs once per binary.
-    unsetenv("TALVOR_TEST_CRASH");
-    EXPECT_FALSE(CrashTestFaultDue("storage"));
-    EXPECT_FALSE(CrashTestAsked("storage"));
-    setenv("TALVOR_TEST_CRASH", "tracewriter,storage", 1);
-    EXPECT_FALSE(CrashTestFaultDue("tracecopier"));
-    EXPECT_FALSE(CrashTestFaultDue("stor"));
-    EXPECT_FALSE(CrashTestAsked("stor"));
-    EXPECT_TRUE(CrashTestFaultDue("storage"));
-    EXPECT_FALSE(CrashTestFaultDue("storage"));
-    EXPECT_TRUE(CrashTestAsked("storage"));
-    unsetenv("TALVOR_TEST_CRASH");
 }
 
 } // namespace

@@ -134,17 +134,6 @@ TEST_F(FileIOTest, FailingWriteIsReportedAndLeavesOnlyWhatWasWritten)
     EXPECT_FALSE(TalvorWriteFull(-1, data.data(), data.size(), 0));
 }
 
-TEST_F(FileIOTest, InstallReturnsThePreviousLayer)
-{
-    CTalvorFileIO* pPlain = CTalvorFileIO::Current();
-    ASSERT_NE(pPlain, nullptr);
-    FaultFileIO a, b;
-    EXPECT_EQ(CTalvorFileIO::Install(&a), pPlain);
-    EXPECT_EQ(CTalvorFileIO::Install(&b), &a);
-    EXPECT_EQ(CTalvorFileIO::Install(nullptr), &b);
-    EXPECT_EQ(CTalvorFileIO::Current(), pPlain) << "null restores the plain layer";
-}
-
 TEST_F(FileIOTest, CloseFileClosesTheDescriptorAndNullsTheHandle)
 {
     int fd = open(m_strPath.c_str(), O_RDWR);
@@ -325,17 +314,6 @@ TEST_F(MakeDirTest, DeleteFileAndFileSize)
     EXPECT_EQ(GetFileSize(nullptr, nullptr), 0u);
     EXPECT_EQ(DeleteFile(strFile.c_str()), TRUE);
     EXPECT_EQ(DeleteFile(strFile.c_str()), FALSE);
-}
-
-TEST(AlignedBuffer, IsAlignedForDirectTransfers)
-{
-    for (size_t n : {512u, 4096u, 65536u}) {
-        void* p = get_aligned_buffer(n);
-        ASSERT_NE(p, nullptr);
-        EXPECT_EQ((uintptr_t)p % 512, 0u);
-        memset(p, 0, n);
-        free(p);
-    }
 }
 
 } // namespace

@@ -324,3 +324,43 @@ TEST(DbFileLayoutMake, BlocksWhoseRowsOverrunAreNotRead)
     lpBlock->m_nBlockSize = (int)(vBuf.size() - nBlock) + 512;  // past the image
     EXPECT_FALSE(DbSystemBlockFits(vBuf.data(), (long long)vBuf.size(), nBlock));
 }
+
+// Marks are written as numbers but read by people and by other programs as
+// four letters in file order; keys are read from the high byte down.
+TEST(DbFileLayoutMarks, MarksSpellTheirLettersAndEachTypeFindsItsOwn)
+{
+    const struct {
+        UINT nMark;
+        const char* lpOnDisk;
+    } arMarks[] = {
+        {SYSTEMFILE_DATAFLAG, "QNSF"},     {DATAFILE_DATAFLAG, "QNDF"},     {BTREEINDEXFILE_DATAFLAG, "QNBF"},
+        {KVINDEXFILE_DATAFLAG, "QNHF"},    {BLOCKMAP_DATAFLAG, "QNMB"},     {BLOCK_DATAFLAG, "QNDB"},
+        {VARDATA_DATAFLAG, "QNBV"},        {TABLEFILE_DATAFLAG, "CBDF"},    {INDEXFILE_DATAFLAG, "CBBF"},
+        {TABLEFILEEX_DATAFLAG, "CBDE"},    {INDEXFILEEX_DATAFLAG, "CBBE"},  {BLOCKMAP_CACHE_DATAFLAG, "QNDM"},
+        {TRACEMEMFILE_DATAFLAG, "QNMT"},   {REDORECORD_TRAILER, "\x14\x11\x0A\x10"},
+    };
+    for (const auto& m : arMarks) EXPECT_EQ(0, memcmp(&m.nMark, m.lpOnDisk, 4)) << m.lpOnDisk;
+    const struct {
+        UINT nKey;
+        const char* lpLetters;
+    } arKeys[] = {{SHMKEY_STORAGEMEM, "QNSM"}, {SHMKEY_ROLLBACK, "QNRM"}, {SHMKEY_CACHEBUFFER, "QNCB"},
+                  {SHMKEY_TRACERING, "QNTR"},  {SHMKEY_REDORING, "QNLO"},  {(UINT)FileImageShmKey(0x41), "QNFA"}};
+    for (const auto& k : arKeys) {
+        UINT nBig = __builtin_bswap32(k.nKey);
+        EXPECT_EQ(0, memcmp(&nBig, k.lpLetters, 4)) << k.lpLetters;
+    }
+
+    const struct {
+        BYTE bType;
+        int nMark;
+    } arTypes[] = {{FILETYPE_SYSTEM, SYSTEMFILE_DATAFLAG}, {FILETYPE_DATA, DATAFILE_DATAFLAG},
+                   {FILETYPE_BTREEINDEX, BTREEINDEXFILE_DATAFLAG}, {FILETYPE_KVINDEX, KVINDEXFILE_DATAFLAG},
+                   {FILETYPE_TABLE, TABLEFILE_DATAFLAG}, {FILETYPE_INDEX, INDEXFILE_DATAFLAG},
+                   {0, 0}, {5, 0}, {9, 0}, {12, 0}, {255, 0}};
+    for (const auto& t : arTypes) EXPECT_EQ(t.nMark, FileHeadDataFlag(t.bType)) << int(t.bType);
+    EXPECT_TRUE(IsCacheFileType(10) && IsCacheFileType(11));
+    EXPECT_FALSE(IsCacheFileType(1) || IsCacheFileType(4) || IsCacheFileType(12));
+    // Redo records of types 10..14 carry no trailer.
+    EXPECT_TRUE(RedoRecordHasTrailer(9) && RedoRecordHasTrailer(15));
+    EXPECT_FALSE(RedoRecordHasTrailer(10) || RedoRecordHasTrailer(14));
+}

@@ -395,9 +395,6 @@ TEST(DecimalReference, ZoomPrintAndIntegersAgainstLibmpdec)
     }
 }
 
-}  // namespace
-
-namespace {
 
 TEST(DecimalRules, ScaleCleanAndSignedZero)
 {
@@ -566,9 +563,6 @@ TEST(DecimalRules, CeilAndFloor)
     }
 }
 
-}  // namespace
-
-namespace {
 
 // Hexadecimal text against printf's %llX of the rounded 64-bit value.
 TEST(DecimalRules, InPlaceFormsAndHexadecimal)
