@@ -2,7 +2,8 @@
 // a thread that is still in a pass and runs the last pass only after it;
 // one that does not end keeps its images, buffers and channel; two passes
 // never run together; a clock that jumps back does not hold the pass up,
-// and a pass that found a block ahead of its timestamp is tried again soon.
+// and a pass that found a block ahead of its timestamp is tried again soon,
+// fifty times at most.
 #include "PersistenceDb.h"
 #include "TestClock.h"
 #include "TestFiles.h"
@@ -195,4 +196,40 @@ TEST_F(ServiceStop, APassThatMetABlockAheadIsTriedAgainSoon)
     // 20 ms later the retry commits; the interval is 300 s away.
     g_nFakeNow = nStart + 25000;
     EXPECT_TRUE(WaitUntil([&] { return m_db.CommittedOnDisk() == ts; }, 3000));
+}
+
+// A block that stays ahead of every pass (a transaction the engine never
+// ends) is retried every 20 ms fifty times, then only at the interval: the
+// quick retries must not turn into a pass every 20 ms for ever.
+TEST_F(ServiceStop, QuickRetriesOfAHeldBackPassStopAfterFifty)
+{
+    const long long nStart = 1700000000LL * 1000000LL;
+    long long nNow = nStart;
+    g_nFakeNow = nNow;
+    TalvorSetStorageClock(FakeClock);
+    StartThread(300);
+    Change(2, 50);
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 1, 0, 51, ts);
+    m_db.Head()->m_bStorageCMD = STORAGECMD_SAVE;
+    ASSERT_TRUE(WaitUntil([&] { return m_db.Head()->m_bStorageCMD == STORAGECMD_FINISHED; }, 5000));
+    // Every pass over the data file ends with the sync of its head.
+    std::atomic<long long> nPasses{0};
+    std::string strData = m_db.PathOf(2);
+    m_io.AfterCall(FileOp::FDataSync, [&](const FileCall& call) {
+        if (call.m_strPath == strData) nPasses++;
+    });
+    int nRetries = 0;
+    for (int i = 0; i < 60; i++) {
+        long long nBefore = nPasses.load();
+        nNow += 25000;
+        g_nFakeNow = nNow;
+        if (WaitUntil([&] { return nPasses.load() > nBefore; }, i < 50 ? 5000 : 200)) nRetries++;
+    }
+    EXPECT_EQ(50, nRetries);
+    long long nBefore = nPasses.load();
+    g_nFakeNow = nNow + 301LL * 1000000LL;
+    EXPECT_TRUE(WaitUntil([&] { return nPasses.load() > nBefore; }, 5000)) << "the interval's pass did not run";
+    m_io.AfterCall(FileOp::FDataSync, nullptr);
+    EXPECT_NE(ts, m_db.CommittedOnDisk());
 }
