@@ -209,7 +209,10 @@ HRESULT CBreltMemStorageModule::CorrectMovedDatabase(LPSYSTEMFILEHEAD lpHead, ch
                   EINVAL, m_lpSystemFileInfo->m_lpszFilePath);
             return E_FAIL;
         }
-        if (!TalvorWriteFull(fd, lpHead, (size_t)nHeadSize, 0)) {
+        // The moved rows and the head reach the medium before the ini points
+        // at the new place: an ini that does, over a file list that still
+        // names the old one, would refuse every later start.
+        if (!TalvorWriteFull(fd, lpHead, (size_t)nHeadSize, 0) || CTalvorFileIO::Current()->FSync(fd) != 0) {
             Trace("InitSysEnvironment", 1, 10020013,
                   TALVOR_TEXT("写入物理文件失败,错误码:%d,路径:%s,写入位置:0,写入大小:%d",
                               "Failed to write to physical file, error code: %d, path: %s, write location: 0, write size: %d"),
