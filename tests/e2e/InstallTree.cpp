@@ -60,12 +60,12 @@ TEST(InstallTree, AMovedDatabaseIsTakenFromBesideTheProgramAndItsPathsFollow)
                                        ListedPaths(box.DataDir() + "System.dbf")[0].find(box.DataDir()) == 0; },
                           DAEMON_START_TIMEOUT_MS))
         << "the file list still names the old directory";
+    ASSERT_TRUE(box.WaitForTrace("Talvor storage service started!", DAEMON_START_TIMEOUT_MS)) << box.ReadDaemonTrace();
     std::string strIni = ReadWholeFile(box.IniPath());
     EXPECT_EQ(box.DataDir(), IniValue(strIni, "databasepath") + (IniValue(strIni, "databasepath").back() == '/' ? "" : "/"));
     EXPECT_EQ("0", IniValue(strIni, "install"));
     for (size_t i = 0; i < vOldPaths.size(); i++)
         EXPECT_EQ(box.DataDir() + vOldPaths[i].substr(strOld.size()), ListedPaths(box.DataDir() + "System.dbf")[i]);
-    ASSERT_TRUE(box.WaitForTrace("Talvor storage service started!", DAEMON_START_TIMEOUT_MS)) << box.ReadDaemonTrace();
     box.Signal(pid, SIGTERM);
     EXPECT_EQ(0, box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS));
 
