@@ -1,0 +1,82 @@
+// The two writers of the cache's flushed-up-to timestamps into the system
+// file: the 8 bytes at their place, the arrays of stamps when given, nothing
+// for a timestamp that does not move, and memory only while saving is held
+// off.
+#include "PersistenceDb.h"
+#include "TestFiles.h"
+
+#include <vector>
+
+using namespace talvortest;
+
+namespace {
+
+class CacheTimestamps : public ::testing::Test {
+protected:
+    void SetUp() override { m_db.MakeStartAndSave(); }
+    long long DiskStamp(int nOffset)
+    {
+        std::string s = ReadWholeFile(m_db.SystemPath());
+        long long n = 0;
+        memcpy(&n, s.data() + nOffset, sizeof(n));
+        return n;
+    }
+    std::string DiskBytes(int nOffset, int nSize) { return ReadWholeFile(m_db.SystemPath()).substr(nOffset, nSize); }
+    std::string HeadBytes(int nOffset, int nSize) { return std::string((const char*)m_db.Head() + nOffset, nSize); }
+    PersistenceDb m_db;
+};
+
+} // namespace
+
+TEST_F(CacheTimestamps, TableStampAndArrayGoToTheirPlacesAndAStampThatDoesNotMoveWritesNothing)
+{
+    CBreltMemStorageModule& m = m_db.Module();
+    std::vector<BYTE> vArray(sizeof(m_db.Head()->m_arTableTimestamp));
+    for (size_t i = 0; i < vArray.size(); i++) vArray[i] = (BYTE)(i * 13 + 7);
+    ASSERT_EQ(S_OK, m.WriteCacheTableTimestamp(nullptr, 1000, vArray.data(), 3));
+    EXPECT_EQ(1000, DiskStamp(SYSTEMFILE_CACHETABLETS_OFFSET));
+    EXPECT_EQ(3, Val(m_db.Head()->m_usTableTimestampNum));
+    EXPECT_EQ(HeadBytes(SYSTEMFILE_TABLETSARRAY_OFFSET, SYSTEMFILE_TSARRAY_WRITE_SIZE),
+              DiskBytes(SYSTEMFILE_TABLETSARRAY_OFFSET, SYSTEMFILE_TSARRAY_WRITE_SIZE));
+    EXPECT_EQ(0, memcmp(vArray.data(), m_db.Head()->m_arTableTimestamp, vArray.size()));
+
+    // Not past the last one, nothing to add: neither memory nor disk moves.
+    FaultFileIO io;
+    {
+        ScopedFileIO scope(&io);
+        ASSERT_EQ(S_OK, m.WriteCacheTableTimestamp(nullptr, 900, nullptr, 0));
+    }
+    EXPECT_EQ(0, io.Calls(FileOp::PWrite));
+    EXPECT_EQ(1000, Val(m_db.Head()->m_nCacheTableTimestamp));
+
+    // 255 without an array empties a non-empty array, on disk too.
+    ASSERT_EQ(S_OK, m.WriteCacheTableTimestamp(nullptr, 1100, nullptr, 255));
+    EXPECT_EQ(0, Val(m_db.Head()->m_usTableTimestampNum));
+    EXPECT_EQ(std::string(2, '\0'), DiskBytes(SYSTEMFILE_TABLETSARRAY_OFFSET, 2));
+    EXPECT_EQ(1100, DiskStamp(SYSTEMFILE_CACHETABLETS_OFFSET));
+}
+
+TEST_F(CacheTimestamps, IndexStampAlwaysWritesItsArrayAndAHoldKeepsBothInMemory)
+{
+    CBreltMemStorageModule& m = m_db.Module();
+    ASSERT_EQ(S_OK, m.WriteCacheIndexTimestamp(nullptr, 500, nullptr, 9));
+    EXPECT_EQ(500, DiskStamp(SYSTEMFILE_CACHEINDEXTS_OFFSET));
+    EXPECT_EQ(HeadBytes(SYSTEMFILE_INDEXTSARRAY_OFFSET, SYSTEMFILE_TSARRAY_WRITE_SIZE),
+              DiskBytes(SYSTEMFILE_INDEXTSARRAY_OFFSET, SYSTEMFILE_TSARRAY_WRITE_SIZE));
+    EXPECT_EQ(9, Val(m_db.Head()->m_usIndexTimestampNum));
+
+    // Held off by either forbid flag: the new stamps stand in memory only.
+    LPTALVORCOMMAND lpCmd = m.m_pFlashback->GetClusterCommand();
+    ASSERT_NE(nullptr, lpCmd);
+    for (int nFlag = 0; nFlag < 2; nFlag++) {
+        (nFlag == 0 ? m_db.Head()->m_bForbidSaveFlag : lpCmd->m_bForbidSaveFlag) = 1;
+        long long ts = 600 + nFlag * 100;
+        ASSERT_EQ(S_OK, m.WriteCacheIndexTimestamp(nullptr, ts, nullptr, 1));
+        ASSERT_EQ(S_OK, m.WriteCacheTableTimestamp(nullptr, ts, nullptr, 0));
+        EXPECT_EQ(ts, Val(m_db.Head()->m_nCacheIndexTimestamp));
+        EXPECT_EQ(ts, Val(m_db.Head()->m_nCacheTableTimestamp));
+        EXPECT_EQ(500, DiskStamp(SYSTEMFILE_CACHEINDEXTS_OFFSET)) << "flag " << nFlag;
+        EXPECT_EQ(0, DiskStamp(SYSTEMFILE_CACHETABLETS_OFFSET)) << "flag " << nFlag;
+        (nFlag == 0 ? m_db.Head()->m_bForbidSaveFlag : lpCmd->m_bForbidSaveFlag) = 0;
+    }
+}
