@@ -8,6 +8,8 @@
 #include "TalvorDate.h"
 #include "TalvorDecimal.h"
 
+#include "BenchRatio.h"
+
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -24,18 +26,12 @@
 // no keyword for it, only the machine mode.
 typedef float _Decimal128 __attribute__((mode(TD)));
 
+using talvorbench::PrintRatio;
+using talvorbench::Record;
+
 namespace {
 
 const int g_nValues = 1024;
-std::map<std::string, double> g_nsPerOp;
-
-void Record(benchmark::State& state, const char* lpszName, std::chrono::steady_clock::time_point t0, size_t nPerRound)
-{
-    double dOps = (double)state.iterations() * (double)nPerRound;
-    double dNs = std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - t0).count();
-    if (dOps > 0) g_nsPerOp[lpszName] = dNs / dOps;
-    state.SetItemsProcessed((long long)dOps);
-}
 
 // Texts of money-like and scientific values: up to 18 digits, 0 to 6 places.
 const std::vector<std::string>& Texts()
@@ -271,13 +267,6 @@ BENCHMARK(BM_StrptimeParse);
 BENCHMARK(BM_DateFormat);
 BENCHMARK(BM_DateFormatFixed);
 BENCHMARK(BM_StrftimeFormat);
-
-void PrintRatio(const char* lpszWhat, const char* lpszReference, const char* lpszOurs, double dGoal)
-{
-    double dRef = g_nsPerOp[lpszReference], dOurs = g_nsPerOp[lpszOurs];
-    if (dRef <= 0 || dOurs <= 0) return;
-    printf("%-34s %7.2f ns vs %7.2f ns  ratio %5.2f (goal >= %.1f)\n", lpszWhat, dOurs, dRef, dRef / dOurs, dGoal);
-}
 
 }  // namespace
 

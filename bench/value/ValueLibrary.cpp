@@ -8,6 +8,8 @@
 #include "TalvorBufferPool.h"
 #include "TalvorKeywordParse.h"
 
+#include "BenchRatio.h"
+
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -20,21 +22,14 @@
 #include <unordered_map>
 #include <vector>
 
+using talvorbench::PrintRatio;
+using talvorbench::Record;
+
 namespace {
 
 const int g_nObjectsPerStatement = 1000;
 const int g_nBuffersPerRound = 64;
 
-std::map<std::string, double> g_nsPerOp;
-
-// Keeps the time per operation of one case for the ratios at the end.
-void Record(benchmark::State& state, const char* lpszName, std::chrono::steady_clock::time_point t0, size_t nPerRound)
-{
-    double dOps = (double)state.iterations() * (double)nPerRound;
-    double dNs = std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - t0).count();
-    if (dOps > 0) g_nsPerOp[lpszName] = dNs / dOps;
-    state.SetItemsProcessed((long long)dOps);
-}
 
 // Tokens as a parser meets them: keywords in any case, and identifiers.
 std::vector<std::string> Tokens()
@@ -193,13 +188,6 @@ BENCHMARK(BM_MallocStatement);
 BENCHMARK(BM_PagePoolStatement);
 BENCHMARK(BM_MallocBuffers);
 BENCHMARK(BM_SizeClassPool);
-
-void PrintRatio(const char* lpszWhat, const char* lpszReference, const char* lpszOurs, double dGoal)
-{
-    double dRef = g_nsPerOp[lpszReference], dOurs = g_nsPerOp[lpszOurs];
-    if (dRef <= 0 || dOurs <= 0) return;
-    printf("%-34s %7.2f ns vs %7.2f ns  ratio %5.2f (goal >= %.1f)\n", lpszWhat, dOurs, dRef, dRef / dOurs, dGoal);
-}
 
 }  // namespace
 
