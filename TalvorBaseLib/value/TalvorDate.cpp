@@ -608,12 +608,7 @@ int CTalvorDate::Format(CTalvorBufferPool* pPool, DATE& date, const char* lpszFo
         }
         f += nLen;
     }
-    *p = 0;
-    vResult.m_vt = 7;
-    vResult.m_bAutoRelease = 0;
-    vResult.m_lpszValue = lpszOut;
-    vResult.m_nStrLen = (int)(p - lpszOut);
-    return 0;
+    return SetTextResult(vResult, lpszOut, p);
 }
 
 // --- Weeks ------------------------------------------------------------------------------

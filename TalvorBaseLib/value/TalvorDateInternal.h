@@ -23,6 +23,18 @@ const long long MAX_DAY = 2958465;
 const int TOKEN_UNKNOWN = 255;
 const int TOKEN_PERCENT = 254;
 
+// vResult becomes the text written from lpszOut up to p (its terminator),
+// owned by the caller's pool. Returns 0.
+inline int SetTextResult(st_VARDATA& vResult, char* lpszOut, char* p)
+{
+    *p = 0;
+    vResult.m_vt = TALVOR_VT_TEXT;
+    vResult.m_bAutoRelease = 0;
+    vResult.m_lpszValue = lpszOut;
+    vResult.m_nStrLen = (int)(p - lpszOut);
+    return 0;
+}
+
 // January to December, Sunday to Saturday.
 extern const char* const g_arMonthNames[12];
 extern const char* const g_arDayNames[7];

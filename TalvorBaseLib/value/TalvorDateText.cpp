@@ -179,10 +179,5 @@ int CTalvorDate::TimeFormat(CTalvorBufferPool* pPool, TALVORTIME& stTime, const 
         }
         f += nLen;
     }
-    *p = 0;
-    vResult.m_vt = 7;
-    vResult.m_bAutoRelease = 0;
-    vResult.m_lpszValue = lpszOut;
-    vResult.m_nStrLen = (int)(p - lpszOut);
-    return 0;
+    return SetTextResult(vResult, lpszOut, p);
 }
