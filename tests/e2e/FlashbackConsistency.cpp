@@ -1,7 +1,8 @@
 // End-to-end: the engine stand-in keeps changing rows of every file type
 // while the passes it asks for run, keeping old row versions in the daemon's
-// rollback area, its tables spread over several objects; it answers some
-// head requests "nothing to save" and holds the daemon off now and then.
+// rollback area, its tables spread over several objects and map blocks; it
+// answers some head requests "nothing to save" and holds the daemon off now
+// and then.
 // After every pass that commits, the data files on disk hold each row
 // exactly as it was at the committed timestamp (rows changed later show
 // their older value, rows born later are absent), and every index row holds
@@ -37,8 +38,8 @@ TEST(FlashbackConsistency, EveryCommitOnDiskIsTheImageAsOfItsTimestamp)
     std::string strOut;
     int rc = box.Run({PeerPath(), "data", "--journal", strJournal, "--live", "--check-exact", strSystem, "--count",
                       "100000000", "--seconds", std::to_string(RUN_SECONDS), "--pause-us", "200", "--pass-every", "40",
-                      "--blocks", "8", "--slots", "24", "--objects", "3", "--nothing-to-save", "25", "--forbid-every",
-                      "3000", "--forbid-ms", "400"},
+                      "--blocks", "8", "--slots", "24", "--objects", "3", "--map-blocks", "3", "--nothing-to-save", "25",
+                      "--forbid-every", "3000", "--forbid-ms", "400"},
                      (RUN_SECONDS + 60) * 1000, &strOut);
     printf("%s", strOut.c_str());
     EXPECT_EQ(0, rc) << strOut << box.ReadDaemonTrace();

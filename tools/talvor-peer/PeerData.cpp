@@ -58,6 +58,7 @@ const std::vector<OptionSpec> g_vDataOptions = {
     {"check-exact", true, "System.dbf path: ask passes without waiting, keep changing rows meanwhile, and after each "
                           "commit check the data files on disk exactly (needs --pass-every)"},
     {"objects", true, "tables (objects) each data file's blocks are spread over (default 1)"},
+    {"map-blocks", true, "map blocks each file's blocks are listed in; each further one lists --blocks new blocks (default 1)"},
     {"nothing-to-save", true, "percent of the daemon's head requests answered \"nothing to save\" (-2) (default 0)"},
     {"forbid-every", true, "hold the daemon off (head m_bForbidSaveFlag 1) every N transactions (default 0: never)"},
     {"forbid-ms", true, "how long each hold lasts, rows changing meanwhile (default 300)"},
@@ -453,13 +454,14 @@ std::string DataJobUsage()
 int RunDataJob(const std::vector<std::string>& args)
 {
     CPeerArgs opts;
-    long long nCount, nSeconds, nPauseUs, nBlocks, nSlots, nPassEvery, nSeed, nWaitMs, nObjects, nNothingPct;
+    long long nCount, nSeconds, nPauseUs, nBlocks, nSlots, nPassEvery, nSeed, nWaitMs, nObjects, nNothingPct, nMapBlocks;
     ForbidWindows forbid;
     if (!opts.Parse(args, g_vDataOptions) || !opts.Has("journal") || !opts.GetInt("count", 1000, 0, 1LL << 40, nCount) ||
         !opts.GetInt("seconds", 60, 1, 86400, nSeconds) || !opts.GetInt("pause-us", 1000, 0, 10000000, nPauseUs) ||
         !opts.GetInt("blocks", 16, 1, 3000, nBlocks) || !opts.GetInt("slots", 8, 1, PEER_MAX_SLOTS, nSlots) ||
         !opts.GetInt("pass-every", 0, 0, 1LL << 40, nPassEvery) || !opts.GetInt("seed", getpid(), 0, 1LL << 62, nSeed) ||
         !opts.GetInt("wait-ready-ms", 30000, 0, 600000, nWaitMs) || !opts.GetInt("objects", 1, 1, 64, nObjects) ||
+        !opts.GetInt("map-blocks", 1, 1, 16, nMapBlocks) ||
         !opts.GetInt("nothing-to-save", 0, 0, 100, nNothingPct) ||
         !opts.GetInt("forbid-every", 0, 0, 1LL << 40, forbid.m_nEvery) ||
         !opts.GetInt("forbid-ms", 300, 1, 600000, forbid.m_nMs)) {
@@ -508,6 +510,13 @@ int RunDataJob(const std::vector<std::string>& args)
         if (nObjects > 1 && ((LPBASEFILEHEAD)engine.m_arImages[n])->m_bFileType == FILETYPE_DATA &&
             !PeerSpreadObjects(engine.m_arImages[n], engine.m_arSizes[n], (int)nObjects, ts))
             fprintf(stderr, "talvor-peer data: file %d holds fewer than %lld objects; blocks stay in one\n", n, nObjects);
+        // Only a file this job just grew gets more map blocks: a restarted
+        // job leaves the chain as the last one left it.
+        int nHave = 0;
+        PeerForEachMapEntry(engine.m_arImages[n], engine.m_arSizes[n], [&](int, const BASEFILEBLOCKMAP*) { nHave++; });
+        for (long long k = 1; k < nMapBlocks && nHave == (int)nBlocks; k++)
+            if (!PeerAddMapBlock(engine.m_arImages[n], engine.m_arSizes[n], (int)nBlocks, (int)nObjects, ts))
+                fprintf(stderr, "talvor-peer data: file %d has no room for map block %lld\n", n, k + 1);
     }
     PeerFence();
     lpHead->m_nEndTimestamp = ts;
@@ -516,7 +525,7 @@ int RunDataJob(const std::vector<std::string>& args)
     for (int n : engine.m_vFiles) {
         vBlocks[(size_t)n] = PeerFileBlocks(engine.m_arImages[n], engine.m_arSizes[n]);
         for (long long nBlock : vBlocks[(size_t)n])
-            mapObjects[{n, nBlock}] = PeerBlockObject(engine.m_arImages[n], nBlock, (int)nObjects);
+            mapObjects[{n, nBlock}] = PeerBlockObject(engine.m_arImages[n], engine.m_arSizes[n], nBlock, (int)nObjects);
     }
 
     std::mt19937_64 rng((unsigned long long)nSeed);

@@ -60,25 +60,38 @@ inline long long PeerRowOffset(long long nBlockOffset, int nSlot)
     return nBlockOffset + (long long)sizeof(BLOCKHEAD) + (long long)nSlot * sizeof(PEERROW);
 }
 
-// The blocks of a memory-mode file (types 2 to 4) as its first map block
-// lists them, each checked to lie inside the image.
+// Calls fnEntry(nIndex, lpEntry) for every entry of the map chain of a
+// memory-mode file (types 2 to 4), in chain order, nIndex counting from 0
+// over all map blocks. The chain is held to the image.
+template <typename Entry>
+inline void PeerForEachMapEntry(const BYTE* lpImage, long long nSize, Entry fnEntry)
+{
+    const BASEFILEHEAD* lpHead = (const BASEFILEHEAD*)lpImage;
+    long long nMapSize = lpHead->m_nBlockMapSize;
+    if (nMapSize < (long long)sizeof(BASEFILEBLOCKMAPHEAD)) return;
+    long long nMap = lpHead->m_nBlockMapStartOffset;
+    int nIndex = 0;
+    for (long long nStep = 0; nMap > 0 && nMap + nMapSize <= nSize && nStep <= nSize / nMapSize; nStep++) {
+        const BASEFILEBLOCKMAPHEAD* lpMap = (const BASEFILEBLOCKMAPHEAD*)(lpImage + nMap);
+        int nNum = lpMap->m_nBlockMapNum;
+        if (nNum < 0 || nNum > DbMaxBlockMapNum((int)nMapSize)) return;
+        for (int i = 0; i < nNum; i++) fnEntry(nIndex++, (const BASEFILEBLOCKMAP*)(lpImage + DbMapEntryOffset(nMap, i)));
+        nMap = lpMap->m_nNextBlockMapOffset;
+    }
+}
+
+// The blocks of a memory-mode file (types 2 to 4) as its map blocks list
+// them, each checked to lie inside the image.
 inline std::vector<long long> PeerFileBlocks(const BYTE* lpImage, long long nSize)
 {
     std::vector<long long> v;
-    const BASEFILEHEAD* lpHead = (const BASEFILEHEAD*)lpImage;
-    long long nMap = lpHead->m_nBlockMapStartOffset;
-    if (nMap <= 0 || nMap + lpHead->m_nBlockMapSize > nSize) return v;
-    const BASEFILEBLOCKMAPHEAD* lpMap = (const BASEFILEBLOCKMAPHEAD*)(lpImage + nMap);
-    int nNum = lpMap->m_nBlockMapNum;
-    if (nNum < 0 || nNum > DbMaxBlockMapNum(lpHead->m_nBlockMapSize)) return v;
-    for (int i = 0; i < nNum; i++) {
-        const BASEFILEBLOCKMAP* lpEntry = (const BASEFILEBLOCKMAP*)(lpImage + DbMapEntryOffset(nMap, i));
+    PeerForEachMapEntry(lpImage, nSize, [&](int, const BASEFILEBLOCKMAP* lpEntry) {
         long long nOffset = lpEntry->m_nBlockOffset;
-        if (nOffset <= 0 || nOffset > nSize - (long long)sizeof(BLOCKHEAD)) continue;
+        if (nOffset <= 0 || nOffset > nSize - (long long)sizeof(BLOCKHEAD)) return;
         const BLOCKHEAD* lpBlock = (const BLOCKHEAD*)(lpImage + nOffset);
-        if (lpBlock->m_nBlockSize < (int)sizeof(BLOCKHEAD) || nOffset + lpBlock->m_nBlockSize > nSize) continue;
+        if (lpBlock->m_nBlockSize < (int)sizeof(BLOCKHEAD) || nOffset + lpBlock->m_nBlockSize > nSize) return;
         v.push_back(nOffset);
-    }
+    });
     return v;
 }
 
@@ -169,16 +182,96 @@ inline bool PeerSpreadObjects(LPBYTE lpImage, long long nSize, int nObjects, lon
 }
 
 // The object whose chain holds the block at nBlockOffset after
-// PeerSpreadObjects (0 when it is not in the first map block).
-inline int PeerBlockObject(const BYTE* lpImage, long long nBlockOffset, int nObjects)
+// PeerSpreadObjects and PeerAddMapBlock (0 when no entry names it).
+inline int PeerBlockObject(const BYTE* lpImage, long long nSize, long long nBlockOffset, int nObjects)
 {
-    const BASEFILEHEAD* lpHead = (const BASEFILEHEAD*)lpImage;
-    long long nMap = lpHead->m_nBlockMapStartOffset;
-    int nNum = ((const BASEFILEBLOCKMAPHEAD*)(lpImage + nMap))->m_nBlockMapNum;
-    for (int i = 0; i < nNum; i++)
-        if (((const BASEFILEBLOCKMAP*)(lpImage + DbMapEntryOffset(nMap, i)))->m_nBlockOffset == nBlockOffset)
-            return i % nObjects;
-    return 0;
+    int nObject = 0;
+    PeerForEachMapEntry(lpImage, nSize, [&](int nIndex, const BASEFILEBLOCKMAP* lpEntry) {
+        if (lpEntry->m_nBlockOffset == nBlockOffset) nObject = nIndex % nObjects;
+    });
+    return nObject;
+}
+
+// Appends a map block of nBlocks new blocks to the file's map chain, as the
+// engine does when its first map block is full; in a data file each new
+// entry joins the end of the chain of object (its index % nObjects). The
+// map block (master and slave), its blocks and the chain links are in place
+// before the last map block links it. One transaction at nTimestamp. False
+// when the file has no room.
+inline bool PeerAddMapBlock(LPBYTE lpImage, long long nSize, int nBlocks, int nObjects, long long nTimestamp)
+{
+    LPBASEFILEHEAD lpHead = (LPBASEFILEHEAD)lpImage;
+    long long nMapSize = lpHead->m_nBlockMapSize;
+    if (nBlocks < 1 || nBlocks > DbMaxBlockMapNum((int)nMapSize) || nObjects < 1) return false;
+    // The last map block, and how many entries come before the new ones.
+    long long nLast = 0;
+    int nEntries = 0;
+    for (long long nMap = lpHead->m_nBlockMapStartOffset, nStep = 0;
+         nMap > 0 && nMap + nMapSize <= nSize && nStep <= nSize / nMapSize; nStep++) {
+        nLast = nMap;
+        nEntries += ((LPBASEFILEBLOCKMAPHEAD)(lpImage + nMap))->m_nBlockMapNum;
+        nMap = ((LPBASEFILEBLOCKMAPHEAD)(lpImage + nMap))->m_nNextBlockMapOffset;
+    }
+    if (nLast == 0) return false;
+    LPBASEFILEBLOCKMAPHEAD lpLast = (LPBASEFILEBLOCKMAPHEAD)(lpImage + nLast);
+    const BLOCKHEAD stModel = *(const BLOCKHEAD*)(lpImage + ((LPBASEFILEBLOCKMAP)(lpImage + DbMapEntryOffset(nLast, 0)))->m_nBlockOffset);
+    int nBlockSize = stModel.m_nBlockSize;
+    long long nMapAt = DbAlignUp(lpHead->m_nFileFreeMemoryOffset);
+    long long nFirstBlock = DbAlignUp(nMapAt + 2 * nMapSize);
+    if (nFirstBlock + (long long)nBlocks * nBlockSize > nSize) return false;
+    LPBASEFILEBLOCKMAPHEAD lpMap = (LPBASEFILEBLOCKMAPHEAD)(lpImage + nMapAt);
+    memset(lpMap, 0, (size_t)nMapSize);
+    lpMap->m_nDataFlag = BLOCKMAP_DATAFLAG;
+    lpMap->m_nMapNo = lpLast->m_nMapNo + 1;
+    lpMap->m_nTimestamp = nTimestamp;
+    lpMap->m_bSaveFlag = 1;
+    UINT nBlockNo = lpHead->m_nBlockNum;
+    for (int i = 0; i < nBlocks; i++) {
+        long long nOffset = nFirstBlock + (long long)i * nBlockSize;
+        LPBLOCKHEAD lpBlock = (LPBLOCKHEAD)(lpImage + nOffset);
+        memset(lpBlock, 0, (size_t)nBlockSize);
+        *lpBlock = stModel;
+        lpBlock->m_nBlockNo = nBlockNo + (UINT)i + 1;
+        lpBlock->m_nTimestamp = nTimestamp;
+        lpBlock->m_bSaveFlag = 1;
+        LPBASEFILEBLOCKMAP lpEntry = (LPBASEFILEBLOCKMAP)(lpImage + DbMapEntryOffset(nMapAt, i));
+        lpEntry->m_nBlockNo = lpBlock->m_nBlockNo;
+        lpEntry->m_nBlockOffset = nOffset;
+        lpEntry->m_nNextOffset = 0;
+    }
+    lpMap->m_nBlockMapNum = nBlocks;
+    memcpy(lpImage + nMapAt + nMapSize, lpMap, (size_t)nMapSize);
+    if (lpHead->m_bFileType == FILETYPE_DATA) {
+        // Each new entry goes to the end of its object's chain.
+        for (int i = 0; i < nBlocks; i++) {
+            LPBASEFILEOBJECTDEF lpObject = DbMemoryFileObject(lpImage, nSize, (nEntries + i) % nObjects);
+            if (lpObject == nullptr) return false;
+            long long nEntry = DbMapEntryOffset(nMapAt, i);
+            long long nTail = lpObject->m_nFullBlockMapOffset;
+            for (long long nStep = 0; nTail > 0 && nStep < nEntries + nBlocks; nStep++) {
+                long long nNext = ((LPBASEFILEBLOCKMAP)(lpImage + nTail))->m_nNextOffset;
+                if (nNext <= 0) break;
+                nTail = nNext;
+            }
+            PeerFence();
+            if (nTail > 0)
+                ((LPBASEFILEBLOCKMAP)(lpImage + nTail))->m_nNextOffset = nEntry;
+            else
+                lpObject->m_nFullBlockMapOffset = nEntry;
+            lpObject->m_nFinishedTimestamp = nTimestamp;
+            lpObject->m_bSaveFlag = 1;
+        }
+    }
+    PeerFence();
+    lpLast->m_nNextBlockMapOffset = nMapAt;
+    lpLast->m_nTimestamp = nTimestamp;
+    lpLast->m_bSaveFlag = 1;
+    lpHead->m_nBlockNum = nBlockNo + (UINT)nBlocks;
+    lpHead->m_nFileFreeMemoryOffset = nFirstBlock + (long long)nBlocks * nBlockSize;
+    PeerFence();
+    lpHead->m_nTimestamp = nTimestamp;
+    lpHead->m_bSaveFlag = 1;
+    return true;
 }
 
 // One row change at nTimestamp, in the engine's order.
