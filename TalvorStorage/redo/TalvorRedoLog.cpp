@@ -648,6 +648,14 @@ void CTalvorRedoLog::ReleaseRedoLog(int& nRedoGroup, LPTALVORCRITICALSECTION lpC
     if (bFree) SetEvent(m_hArchivedEvent);
 }
 
+// A reader asks only where nothing is asked yet: a seal request of the
+// engine standing in the flag is never written over (the writer publishes
+// the size at the seal all the same, and clears the flag then).
+BOOL CTalvorRedoLog::AskToPublish(LPFILE_TRACEMEMFILEHEAD pRing)
+{
+    return __sync_bool_compare_and_swap(&pRing->m_bFlushFlag, (BYTE)REDOFLUSH_NONE, (BYTE)REDOFLUSH_PUBLISH);
+}
+
 int CTalvorRedoLog::GetWriteSize(int nRedoGroup, BOOL bForce, EVENTTYPE&)
 {
     if (nRedoGroup < 0 || nRedoGroup >= m_nWriteRedoOnlineGroups) return 0;
@@ -656,9 +664,12 @@ int CTalvorRedoLog::GetWriteSize(int nRedoGroup, BOOL bForce, EVENTTYPE&)
     LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
     if (pRing == nullptr) return pGroup->m_nWriteSize;
     if (!bForce && pRing->m_nReadPos != pRing->m_nWritePos) return 0;
-    pRing->m_bFlushFlag = REDOFLUSH_PUBLISH;
+    // With the engine's seal request standing, the size comes with the seal:
+    // the writer clears that flag before it seals, so the state is waited for.
+    const BOOL bSealAsked = !AskToPublish(pRing) && pRing->m_bFlushFlag == REDOFLUSH_SEAL;
     // Bounded: a writer that is gone must not hold the reader forever.
-    for (int i = 0; i < 5000 && pRing->m_bFlushFlag != 0 && pGroup->m_bState != REDOGROUP_SEALED; i++) usleep(1000);
+    for (int i = 0; i < 5000 && (pRing->m_bFlushFlag != 0 || bSealAsked) && pGroup->m_bState != REDOGROUP_SEALED; i++)
+        usleep(1000);
     int nSize = pGroup->m_nWriteSize;
     if ((nSize >= 0 && nSize < m_nWriteRedoMaxSize) || nSize == pGroup->m_nEffectiveSize) return nSize;
     if (!bForce) return 0;
@@ -670,7 +681,7 @@ void CTalvorRedoLog::FlushLogFile(int nRedoGroup)
 {
     LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
     if (nRedoGroup < 0 || nRedoGroup >= m_nWriteRedoOnlineGroups || pRing == nullptr) return;
-    pRing->m_bFlushFlag = REDOFLUSH_PUBLISH;
+    AskToPublish(pRing);
     for (int i = 0; i < 5000 && pRing->m_bFlushFlag != 0; i++) usleep(1000);
 }
 

@@ -141,6 +141,9 @@ public:
     void ReleaseRedoLog(int& nRedoGroup, LPTALVORCRITICALSECTION lpCritSection);
     int GetWriteSize(int nRedoGroup, BOOL bForce, EVENTTYPE& hEvent);
     void FlushLogFile(int nRedoGroup);
+    // Sets m_bFlushFlag from 0 to 1 (compare-and-swap): TRUE if it did,
+    // FALSE if a request stood already. Any thread, no latch.
+    static BOOL AskToPublish(LPFILE_TRACEMEMFILEHEAD pRing);
     int SwitchNewLog(BYTE bRedoGroup, UINT nSequenceNO, LPTALVORCRITICALSECTION lpCritSection);
     BOOL GetLogWaitFlag(int nRedoGroup);
     void AddStandby(LPTALVORREDOLOGSTANDBYCACHE pCache);

@@ -369,7 +369,10 @@ BOOL CTalvorRedoLog::OpenNewGroup(REDOWRITERSTATE& st, long long nPassBegin, LPT
           TALVOR_TEXT("写入新的日志组[%d，%d]，开始时间戳：%lld", "Write new log group [%d, %d], start timestamp: %lld"),
           (int)m_bCurrentRedoGroup, (int)nLogNo, nPassBegin);
     pHead->m_nStartTime = RedoNowFileTime();
-    st.m_nTimestampEnd = nPassBegin;
+    // The scan of this pass already took the timestamps of the stretch that
+    // opens the log (the end was cleared at the last seal): a log of one
+    // stretch ends at its largest record, not at its begin.
+    if (st.m_nTimestampEnd < nPassBegin) st.m_nTimestampEnd = nPassBegin;
     st.m_nSwitchLog = REDOSWITCH_OPEN;
     return TRUE;
 }
@@ -440,6 +443,7 @@ void CTalvorRedoLog::SealGroup(REDOWRITERSTATE& st, BOOL bShutdown, BOOL bAfterD
     SetEvent(m_hArchiveEvent);
     st.m_nWriteSize = REDOLOGFILE_HEAD_SIZE;
     st.m_nSwitchLog = REDOSWITCH_CLOSED;
+    st.m_nTimestampEnd = 0;
     m_stStats.m_nSeals++;
 }
 
