@@ -247,6 +247,8 @@ private:
     void ContinueCutRecord(REDOWRITERSTATE& st, REDOSTRETCH& sr, LPFILE_TRACEMEMFILEHEAD pHead);
     BOOL OpenNewGroup(REDOWRITERSTATE& st, long long nPassBegin, LPTALVORCRITICALSECTION lpCritSection);
     void SealGroup(REDOWRITERSTATE& st, BOOL bShutdown, BOOL bAfterData);
+    BOOL TakeHeadToSeal(REDOWRITERSTATE& st, int nGroup, BOOL bShutdown);
+    BOOL WriteSealHead(REDOWRITERSTATE& st, int fd, const MF_REDOLOGFILEHEAD& h);
     void Publish(REDOWRITERSTATE& st);
     void IdlePass(REDOWRITERSTATE& st);
     void FeedStandbys(LPFILE_TRACEMEMFILEHEAD pHead, int nBegin, int nFirst, int nSecond, BOOL bWhole,

@@ -25,6 +25,7 @@ const long long STEP_WRITE_SIZE = 0x800000;      // ring space is given back in 
 const long long STEP_WRITE_THRESHOLD = 0xC00000; // ... while at least this much of a piece remains
 const int GROUP_WAIT_MS = 10;
 const int WRITE_RETRY_US = 100000;
+const int SEAL_STOP_TRIES = 10;                  // head writes a stop tries before it leaves the log open
 const int STOP_CUT_PASSES = 30000;               // passes a stop waits for the rest of a cut record
 const int IDLE_PUBLISH_PASSES = 4;               // quiet passes before unpublished bytes are published
 
@@ -391,14 +392,47 @@ void CTalvorRedoLog::SyncGroup(int nGroup, LONG nCode)
           szPath, nErr, strerror(nErr));
 }
 
+// The head the seal writes: the one in hand if it is this log's; a
+// shutdown reads it back from the file. FALSE (traced) when neither is had.
+BOOL CTalvorRedoLog::TakeHeadToSeal(REDOWRITERSTATE& st, int nGroup, BOOL bShutdown)
+{
+    MF_REDOLOGFILEHEAD& h = st.m_stHead;
+    const UINT nLogNo = m_pRedoLog[nGroup].m_nSequenceNO;
+    const BOOL bMine = h.m_usDatabaseGuid == m_pMemoryFileHead->m_usDatabaseGuid && h.m_nSequenceNO == nLogNo;
+    if (!bShutdown && bMine) return TRUE;
+    MF_REDOLOGFILEHEAD stRead;
+    if (ReadGroupHead(nGroup, &stRead) && stRead.m_usDatabaseGuid == m_pMemoryFileHead->m_usDatabaseGuid &&
+        stRead.m_nSequenceNO == nLogNo) {
+        h = stRead;
+        return TRUE;
+    }
+    int nErr = errno;
+    Trace("WriteLog", 1, 30003037,
+          TALVOR_TEXT("读取Redo日志组[%d，%d]的头信息失败，错误：(%d)%s",
+                      "Failed to read the head of redo log group [%d, %d], error: (%d)%s"),
+          nGroup, (int)nLogNo, nErr, strerror(nErr));
+    return bMine;
+}
+
+// A stop gives a failing head write a few more tries: the seal is what lets
+// the next start take the log as it is.
+BOOL CTalvorRedoLog::WriteSealHead(REDOWRITERSTATE& st, int fd, const MF_REDOLOGFILEHEAD& h)
+{
+    for (int i = 0; i < SEAL_STOP_TRIES; i++) {
+        if (WritePiece(fd, (const BYTE*)&h, (int)sizeof(h), 0, &st)) return TRUE;
+        st.m_bEnded = FALSE;
+        usleep(WRITE_RETRY_US);
+    }
+    return FALSE;
+}
+
 void CTalvorRedoLog::SealGroup(REDOWRITERSTATE& st, BOOL bShutdown, BOOL bAfterData)
 {
     LPFILE_TRACEMEMFILEHEAD pHead = RingHead();
     const int nGroup = m_bCurrentRedoGroup;
     LPTALVORREDOGROUP pGroup = &m_pRedoLog[nGroup];
     MF_REDOLOGFILEHEAD& h = st.m_stHead;
-    if (bShutdown || h.m_usDatabaseGuid != m_pMemoryFileHead->m_usDatabaseGuid || h.m_nSequenceNO != pGroup->m_nSequenceNO)
-        ReadGroupHead(nGroup, &h);
+    if (!TakeHeadToSeal(st, nGroup, bShutdown)) return;
     h.m_bState = REDOGROUP_SEALED;
     h.m_nEffectiveSize = (UINT)st.m_nWriteSize;
     h.m_nEndTimestamp = st.m_nTimestampEnd;
@@ -406,7 +440,16 @@ void CTalvorRedoLog::SealGroup(REDOWRITERSTATE& st, BOOL bShutdown, BOOL bAfterD
     // The log's bytes are on disk before a head says they count, and the
     // seal is on disk before the archiver may copy and free the group.
     SyncGroup(nGroup, 30003035);
-    WritePiece(fd, (const BYTE*)&h, (int)sizeof(h), 0, &st);
+    if (!WriteSealHead(st, fd, h)) {
+        // Not sealed: the log stays open, and the next start seals it where
+        // its records end. Nothing may call it sealed meanwhile.
+        Trace("WriteLog", 1, 30003038,
+              TALVOR_TEXT("Redo日志组[%d，%d]封存失败，保持打开，下次启动时封存",
+                          "The redo log group [%d, %d] could not be sealed: it stays open and the next start seals it"),
+              nGroup, (int)h.m_nSequenceNO);
+        st.m_bEnded = TRUE;
+        return;
+    }
     SyncGroup(nGroup, 30003035);
     if (st.m_bFlushFlag || pHead->m_bFlushFlag == REDOFLUSH_PUBLISH) {
         st.m_bFlushFlag = FALSE;
