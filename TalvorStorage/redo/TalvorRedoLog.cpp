@@ -291,6 +291,7 @@ BOOL CTalvorRedoLog::Init(LPSYSTEMFILEHEAD pMemoryFileHead, int nClusterNodeType
             pGroup->m_nEffectiveSize = (int)stHead.m_nEffectiveSize;
             pGroup->m_nWriteSize = (int)stHead.m_nEffectiveSize;
             pGroup->m_bStandbyRef = 0;
+            if (pGroup->m_bState == REDOGROUP_SEALED) CheckSealedLog(i);
             continue;
         }
         if (m_pRedoLog[i].m_pOnlineFile != nullptr) {
@@ -400,7 +401,7 @@ int CTalvorRedoLog::WalkUnsealedLog(int nGroup, const MF_REDOLOGFILEHEAD& stHead
     return (int)nProven;
 }
 
-REDOWALK CTalvorRedoLog::WalkLogTo(int nGroup, int nSize)
+REDOWALK CTalvorRedoLog::WalkLogTo(int nGroup, int nSize, BOOL bRingHasRest)
 {
     REDOWALK w;
     memset(&w, 0, sizeof(w));
@@ -421,7 +422,7 @@ REDOWALK CTalvorRedoLog::WalkLogTo(int nGroup, int nSize)
             // The head itself was cut: its first bytes are in the file, the
             // rest stands unread at the ring's read position.
             LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
-            if (pRing == nullptr) {
+            if (pRing == nullptr || !bRingHasRest) {
                 w.m_bBroken = TRUE;
                 break;
             }
@@ -441,6 +442,27 @@ REDOWALK CTalvorRedoLog::WalkLogTo(int nGroup, int nSize)
         w.m_nWholeEnd = (int)nPos;
     }
     return w;
+}
+
+void CTalvorRedoLog::CheckSealedLog(int nGroup)
+{
+    LPTALVORREDOGROUP pGroup = &m_pRedoLog[nGroup];
+    const int nSize = pGroup->m_nEffectiveSize;
+    if (nSize < REDOLOGFILE_HEAD_SIZE) return;
+    REDOWALK w = WalkLogTo(nGroup, nSize, FALSE);
+    if (!w.m_bBroken && w.m_nCutMissing == 0 && w.m_nWholeEnd == nSize) return;
+    MF_REDOLOGFILEHEAD stHead;
+    if (!ReadGroupHead(nGroup, &stHead)) return;
+    Trace("LogInit", 1, 30001014,
+          TALVOR_TEXT("已封存的Redo日志组[%d、%d]的记录在%d处中断(大小%d)：掉电丢失了未写回的字节，该日志在最后一条完整记录后重新封存",
+                      "The records of sealed redo log group [%d, %d] break off at %d (size %d): a power loss took bytes "
+                      "not yet written back, and the log is sealed again behind its last whole record"),
+          nGroup, (int)stHead.m_nSequenceNO, w.m_nWholeEnd, nSize);
+    stHead.m_nEffectiveSize = (UINT)w.m_nWholeEnd;
+    stHead.m_nEndTimestamp = w.m_nEndTimestamp;
+    if (!WriteGroupHead(nGroup, &stHead)) return;
+    pGroup->m_nEffectiveSize = w.m_nWholeEnd;
+    pGroup->m_nWriteSize = w.m_nWholeEnd;
 }
 
 BOOL CTalvorRedoLog::RingVouches(int nGroup, const MF_REDOLOGFILEHEAD& stHead)
@@ -477,7 +499,7 @@ BOOL CTalvorRedoLog::SettleOpenLog(int nGroup, MF_REDOLOGFILEHEAD& stHead, BOOL 
         return TRUE;
     }
     const int nSize = pRing->m_nLogPos;
-    REDOWALK w = WalkLogTo(nGroup, nSize);
+    REDOWALK w = WalkLogTo(nGroup, nSize, TRUE);
     // A ring that the engine resets (after a writer's crash, or when the
     // writer gave up on it) brings no rest of a cut record: the log ends at
     // its last whole record.

@@ -220,7 +220,13 @@ private:
     int WalkUnsealedLog(int nGroup, const MF_REDOLOGFILEHEAD& stHead, long long& nEndTimestamp);
     // The records of the log in nGroup from offset 50 up to nSize, bytes
     // the writer itself said it wrote: no guessing is needed below nSize.
-    REDOWALK WalkLogTo(int nGroup, int nSize);
+    // bRingHasRest: a head cut by nSize is completed from the ring's read
+    // position (an open log); otherwise it is no record.
+    REDOWALK WalkLogTo(int nGroup, int nSize, BOOL bRingHasRest);
+    // A sealed, not archived log whose records do not reach its size (a
+    // power loss took bytes the page cache had not written back) is sealed
+    // again behind its last whole record.
+    void CheckSealedLog(int nGroup);
     // The ring names the log open in nGroup and how far it was written.
     BOOL RingVouches(int nGroup, const MF_REDOLOGFILEHEAD& stHead);
     // An open log found at start (bAtStart) or by a restarted writer: sealed

@@ -236,74 +236,82 @@ TEST_F(RedoPowerLoss, CutAtAnyCallOfTheArchiverLeavesEveryLogCalledArchivedWhole
     EXPECT_TRUE(vFailed.empty()) << vFailed.size() << " of " << nCuts << " cuts:\n" << strFailed;
 }
 
+// With "forceflushlog" 1 a head that says sealed on the disk speaks for
+// every byte of the log; with 0 the seal stays in the page cache, and the
+// start cuts a sealed log whose bytes a power loss took back to its last
+// whole record. Either way no start keeps a torn log.
 TEST_F(RedoPowerLoss, CutAtAnyCallOfASealLeavesNoTornLog)
 {
     int nCuts = 0;
     std::vector<std::string> vFailed;
-    for (long long nCall = 1;; nCall++) {
-        bool bAny = false;
-        for (int nSubset = 0;; nSubset++) {
-            const std::string strRun = "c" + std::to_string(nCall) + "s" + std::to_string(nSubset);
-            StartOver(strRun);
-            FaultFileIO io;
-            ScopedFileIO scoped(&io);
-            ASSERT_TRUE(InitRedo());
-            io.LosePowerKeeping(std::vector<size_t>([&] {
-                std::vector<size_t> v;
-                for (size_t i = 0; i < io.Unsynced().size(); i++) v.push_back(i);
-                return v;
-            }()), NameLoss::Keep);
-            m_pRedo->StartWriter(m_st);
-            std::string strLog;
-            const std::string strCopy = m_tree.Dir() + strRun + "-cut/";
-            bool bNoSubset = false;
-            // Two stretches drained into one log, then the engine's seal.
-            bool bCut = CutAt(io, nCall, nSubset, strCopy,
-                              [&] {
-                                  for (int i = 0; i < 2; i++) {
-                                      std::string s = Record(700 + 100 * i, 1, i + 1);
-                                      TraceRingWrite(m_pRing, m_nRingSize, s.data(), (int)s.size());
-                                      strLog += s;
+    for (int nForce : {1, 0}) {
+        for (long long nCall = 1;; nCall++) {
+            bool bAny = false;
+            for (int nSubset = 0;; nSubset++) {
+                const std::string strRun =
+                    "f" + std::to_string(nForce) + "c" + std::to_string(nCall) + "s" + std::to_string(nSubset);
+                StartOver(strRun);
+                FaultFileIO io;
+                ScopedFileIO scoped(&io);
+                ASSERT_TRUE(InitRedo());
+                m_pRedo->m_nForceFlushLog = nForce;
+                io.LosePowerKeeping(std::vector<size_t>([&] {
+                    std::vector<size_t> v;
+                    for (size_t i = 0; i < io.Unsynced().size(); i++) v.push_back(i);
+                    return v;
+                }()), NameLoss::Keep);
+                m_pRedo->StartWriter(m_st);
+                std::string strLog;
+                const std::string strCopy = m_tree.Dir() + strRun + "-cut/";
+                bool bNoSubset = false;
+                // Two stretches drained into one log, then the engine's seal.
+                bool bCut = CutAt(io, nCall, nSubset, strCopy,
+                                  [&] {
+                                      for (int i = 0; i < 2; i++) {
+                                          std::string s = Record(700 + 100 * i, 1, i + 1);
+                                          TraceRingWrite(m_pRing, m_nRingSize, s.data(), (int)s.size());
+                                          strLog += s;
+                                          m_pRedo->WritePass(m_st, &m_stCrit);
+                                      }
+                                      Ring()->m_bFlushFlag = REDOFLUSH_SEAL;
                                       m_pRedo->WritePass(m_st, &m_stCrit);
-                                  }
-                                  Ring()->m_bFlushFlag = REDOFLUSH_SEAL;
-                                  m_pRedo->WritePass(m_st, &m_stCrit);
-                              },
-                              [] {}, bNoSubset);
-            if (!bCut) break;
-            bAny = true;
-            nCuts++;
-            std::string strError;
-            std::string strGroup = ReadWholeFile(strCopy + "Redo0.log");
-            MF_REDOLOGFILEHEAD h = HeadOf(strGroup);
-            // A head that says sealed on the disk speaks for every byte.
-            if (h.m_bState == REDOGROUP_SEALED &&
-                (h.m_nEffectiveSize != 50 + strLog.size() || strGroup.substr(50, strLog.size()) != strLog))
-                strError += "sealed log torn; ";
-            SYSTEMFILEHEAD stHead;
-            memcpy(&stHead, m_pHead, sizeof(stHead));
-            std::vector<BYTE> vRing((size_t)m_nRingSize);
-            TraceRingInitHead(vRing.data(), m_nRingSize, TRACEMEM_FILETYPE_REDO);
-            {
-                ScopedFileIO plain(nullptr);
-                CTalvorRedoLog* pRedo = StartOn(strCopy, &stHead, vRing.data(), m_nRingSize);
-                // Whatever the start seals is whole records of the stream.
-                LPTALVORREDOGROUP p = pRedo->GetGroup(0);
-                if (p->m_bState == REDOGROUP_SEALED) {
-                    std::string strAfter = ReadWholeFile(strCopy + "Redo0.log");
-                    std::string strBody = strAfter.substr(50, (size_t)p->m_nEffectiveSize - 50);
-                    if (strBody != strLog.substr(0, strBody.size()) ||
-                        (strBody.size() != 700 && strBody.size() != strLog.size()))
-                        strError += "log sealed at start torn (" + std::to_string(strBody.size()) + " bytes); ";
+                                  },
+                                  [] {}, bNoSubset);
+                if (!bCut) break;
+                bAny = true;
+                nCuts++;
+                std::string strError;
+                std::string strGroup = ReadWholeFile(strCopy + "Redo0.log");
+                MF_REDOLOGFILEHEAD h = HeadOf(strGroup);
+                if (nForce != 0 && h.m_bState == REDOGROUP_SEALED &&
+                    (h.m_nEffectiveSize != 50 + strLog.size() || strGroup.substr(50, strLog.size()) != strLog))
+                    strError += "sealed log torn on the disk; ";
+                SYSTEMFILEHEAD stHead;
+                memcpy(&stHead, m_pHead, sizeof(stHead));
+                std::vector<BYTE> vRing((size_t)m_nRingSize);
+                TraceRingInitHead(vRing.data(), m_nRingSize, TRACEMEM_FILETYPE_REDO);
+                {
+                    ScopedFileIO plain(nullptr);
+                    CTalvorRedoLog* pRedo = StartOn(strCopy, &stHead, vRing.data(), m_nRingSize);
+                    // Whatever the start keeps sealed is whole records of the stream.
+                    LPTALVORREDOGROUP p = pRedo->GetGroup(0);
+                    if (p->m_bState == REDOGROUP_SEALED) {
+                        std::string strAfter = ReadWholeFile(strCopy + "Redo0.log");
+                        std::string strBody = strAfter.substr(50, (size_t)p->m_nEffectiveSize - 50);
+                        if (strBody != strLog.substr(0, strBody.size()) ||
+                            (!strBody.empty() && strBody.size() != 700 && strBody.size() != strLog.size()))
+                            strError += "log sealed after the start torn (" + std::to_string(strBody.size()) + " bytes); ";
+                    }
+                    delete pRedo;
                 }
-                delete pRedo;
+                if (!strError.empty())
+                    vFailed.push_back("forceflushlog " + std::to_string(nForce) + ", cut before call " +
+                                      std::to_string(nCall) + ", subset " + std::to_string(nSubset) + ": " + strError);
             }
-            if (!strError.empty()) vFailed.push_back("cut before call " + std::to_string(nCall) + ", subset " +
-                                                     std::to_string(nSubset) + ": " + strError);
+            if (!bAny) break;
         }
-        if (!bAny) break;
     }
-    EXPECT_GT(nCuts, 10);
+    EXPECT_GT(nCuts, 20);
     std::string strFailed;
     for (size_t i = 0; i < vFailed.size() && i < 10; i++) strFailed += vFailed[i] + "\n";
     EXPECT_TRUE(vFailed.empty()) << vFailed.size() << " of " << nCuts << " cuts:\n" << strFailed;
@@ -366,6 +374,8 @@ TEST_F(RedoPowerLoss, FailingCallOfASealOrAnArchiveIsTracedAndTearsNothing)
                 FaultFileIO io;
                 ScopedFileIO scoped(&io);
                 ASSERT_TRUE(InitRedo());
+                // Seals that sync, so that their syncs fail in turn too.
+                m_pRedo->m_nForceFlushLog = 1;
                 m_pRedo->StartWriter(m_st);
                 const long long nBase = io.Calls(eOp);
                 io.FailCall(eOp, nBase + n, EIO);
