@@ -215,8 +215,11 @@ private:
     void BuildFreshHead(LPMF_REDOLOGFILEHEAD pHead);
     void RaiseLogNumbers();
     UINT HighestArchivedNumber();
+    // Start-up helpers: the thread that runs Init (or a restarted writer),
+    // before readers and the archiver look; no latch is held.
+    //
     // Without a ring that vouches for the log: only records that prove to
-    // be this log's count (see the .cpp).
+    // be this log's count. The end of the last proven record (50: none).
     int WalkUnsealedLog(int nGroup, const MF_REDOLOGFILEHEAD& stHead, long long& nEndTimestamp);
     // The records of the log in nGroup from offset 50 up to nSize, bytes
     // the writer itself said it wrote: no guessing is needed below nSize.
@@ -227,11 +230,13 @@ private:
     // power loss took bytes the page cache had not written back) is sealed
     // again behind its last whole record.
     void CheckSealedLog(int nGroup);
-    // The ring names the log open in nGroup and how far it was written.
+    // TRUE when the ring names the log open in nGroup (m_nLogNo) and how far
+    // it was written (m_nLogPos, within the file).
     BOOL RingVouches(int nGroup, const MF_REDOLOGFILEHEAD& stHead);
     // An open log found at start (bAtStart) or by a restarted writer: sealed
     // where the ring says it ends, gone on with when a record is cut there,
-    // left open (number kept) when it holds nothing.
+    // left open (number kept) when it holds nothing. FALSE only when a seal
+    // could not be written.
     BOOL SettleOpenLog(int nGroup, MF_REDOLOGFILEHEAD& stHead, BOOL bAtStart);
     // An open log with no record is opened again under its own number, so
     // that a kill during an open leaves no gap in the numbers.
@@ -253,15 +258,23 @@ private:
     void ContinueCutRecord(REDOWRITERSTATE& st, REDOSTRETCH& sr, LPFILE_TRACEMEMFILEHEAD pHead);
     BOOL OpenNewGroup(REDOWRITERSTATE& st, long long nPassBegin, LPTALVORCRITICALSECTION lpCritSection);
     void SealGroup(REDOWRITERSTATE& st, BOOL bShutdown, BOOL bAfterData);
+    // Writer thread, no latch: st.m_stHead is this log's head (read back at
+    // a shutdown); FALSE (traced) when no head of this log can be had.
     BOOL TakeHeadToSeal(REDOWRITERSTATE& st, int nGroup, BOOL bShutdown);
+    // Writer thread, no latch: TRUE once the sealed head is written.
     BOOL WriteSealHead(REDOWRITERSTATE& st, int fd, const MF_REDOLOGFILEHEAD& h);
     void Publish(REDOWRITERSTATE& st);
     void IdlePass(REDOWRITERSTATE& st);
     void FeedStandbys(LPFILE_TRACEMEMFILEHEAD pHead, int nBegin, int nFirst, int nSecond, BOOL bWhole,
                       int nWriteSize);
     BOOL WritePiece(int fd, const BYTE* p, int nLen, int nOffset, REDOWRITERSTATE* pState);
+    // Writer thread, no latch: after a piece is in the file, the ring's
+    // m_nLogPos, m_nItemSize and m_nReadPos in that order.
     void ConsumeRing(LPFILE_TRACEMEMFILEHEAD pHead, int nWriteSize, int nItemSize, int nReadPos);
+    // Writer thread, no latch: fdatasync of the burst with forceflushlog 1;
+    // a failure is traced (the bytes stay in the page cache).
     void SyncBurst(int fd);
+    // Writer thread, no latch: fdatasync of a group, a failure traced with nCode.
     void SyncGroup(int nGroup, LONG nCode);
     // A stop that waits for a free group: FALSE once it must give up.
     BOOL StopMayWait(REDOWRITERSTATE& st);
@@ -283,7 +296,9 @@ private:
     // it again): the logs behind it are archived, and a stop is not held.
     BOOL HeadReadFailed(int nGroup);
     BOOL SetAside(int nGroup) const;
+    // Archiver thread: the group is not tried again in this run.
     void SetAsideForThisRun(int nGroup);
+    // Archiver thread: TRUE once the time a stop gives it is up.
     BOOL StopLimitPassed();
     UINT m_arHeadFailures[REDOGROUP_MAX] = {0};
     UINT m_arFailedLogNo[REDOGROUP_MAX] = {0};
