@@ -9,6 +9,7 @@
 
 #include "TalvorTrace.h"
 #include "TalvorFileIO.h"
+#include "TalvorStorageDef.h"
 
 #include <cassert>
 #include <cerrno>
@@ -73,8 +74,11 @@ CTalvorRedoLog::CTalvorRedoLog()
     : m_bCurrentRedoGroup(0), m_nWriteRedoOnlineGroups(0), m_nWriteRedoMaxSize(0), m_bArchiveExit(FALSE),
       m_bLogWaitting(FALSE), m_nClusterNodeType(0), m_pExit(nullptr), m_pLogFileAddr(nullptr), m_lpRedoDir(nullptr),
       m_lpArchiveDir(nullptr), m_hLogEvent(nullptr), m_hLogEmptyEvent(nullptr), m_pMemoryFileHead(nullptr),
-      m_pFlashback(nullptr), m_pStandbyCache(nullptr), m_nRingSize(0), m_nThreadsInside(0), m_pWriterState(nullptr)
+      m_pFlashback(nullptr), m_pStandbyCache(nullptr), m_nRingSize(0), m_nForceFlushLog(0),
+      m_nStopDrainLimitMs(REDO_STOP_DRAIN_LIMIT_MS), m_nArchiveStopLimitMs(REDO_ARCHIVE_STOP_LIMIT_MS),
+      m_nThreadsInside(0), m_pWriterState(nullptr)
 {
+    memset(&m_stResume, 0, sizeof(m_stResume));
     memset(m_pRedoLog, 0, sizeof(m_pRedoLog));
     memset((void*)&m_stStats, 0, sizeof(m_stStats));
     m_szArchiveDir[0] = '\0';
@@ -244,6 +248,8 @@ BOOL CTalvorRedoLog::Init(LPSYSTEMFILEHEAD pMemoryFileHead, int nClusterNodeType
     m_hLogEmptyEvent = hLogEmptyEvent;
     m_pFlashback = pFlashback;
     m_bArchiveExit = FALSE;
+    m_nForceFlushLog = g_nForceFlushLog;
+    memset(&m_stResume, 0, sizeof(m_stResume));
     if (m_pMemoryFileHead == nullptr) return FALSE;
     int nGroups = m_pMemoryFileHead->m_nWriteRedoOnlineGroups;
     if (nGroups < REDOGROUP_MIN) nGroups = REDOGROUP_MIN;
@@ -285,6 +291,7 @@ BOOL CTalvorRedoLog::Init(LPSYSTEMFILEHEAD pMemoryFileHead, int nClusterNodeType
             pGroup->m_nEffectiveSize = (int)stHead.m_nEffectiveSize;
             pGroup->m_nWriteSize = (int)stHead.m_nEffectiveSize;
             pGroup->m_bStandbyRef = 0;
+            if (pGroup->m_bState == REDOGROUP_SEALED) CheckSealedLog(i);
             continue;
         }
         if (m_pRedoLog[i].m_pOnlineFile != nullptr) {
@@ -312,7 +319,25 @@ BOOL CTalvorRedoLog::Init(LPSYSTEMFILEHEAD pMemoryFileHead, int nClusterNodeType
         return TRUE;
     }
     SeekCurrentLog();
+    // Only what is archived is called so: a log sealed by the stop, or left
+    // behind by a slow archiver, is archived by this run's archiver first.
+    if (pRing != nullptr) pRing->m_nLogArchiveNo = ArchivedUpTo();
     return TRUE;
+}
+
+int CTalvorRedoLog::ArchivedUpTo()
+{
+    long long nUpTo = m_pMemoryFileHead != nullptr ? (long long)m_pMemoryFileHead->m_nRedoLogMaxID - 1 : 0;
+    for (int i = 0; i < m_nWriteRedoOnlineGroups; i++)
+        if ((long long)m_pRedoLog[i].m_nSequenceNO > nUpTo) nUpTo = m_pRedoLog[i].m_nSequenceNO;
+    for (int i = 0; i < m_nWriteRedoOnlineGroups; i++) {
+        LPTALVORREDOGROUP pGroup = &m_pRedoLog[i];
+        BYTE bState = pGroup->m_bState;
+        long long nNo = pGroup->m_nSequenceNO;
+        if (nNo == 0) continue;
+        if ((bState == REDOGROUP_SEALED || bState == REDOGROUP_WRITING) && nNo - 1 < nUpTo) nUpTo = nNo - 1;
+    }
+    return nUpTo < 0 ? 0 : (int)nUpTo;
 }
 
 // The group of the newest log is where the writer left off, whatever the
@@ -339,14 +364,18 @@ void CTalvorRedoLog::MoveToNextGroup()
     m_pMemoryFileHead->m_bCurrentRedoGroup = m_bCurrentRedoGroup;
 }
 
-// Walks the records of an unsealed log from the first one: each must carry
-// the mark, a sane size, its trailer, and a timestamp not older than the
-// log's start (older bytes behind the last record belong to the group's
-// previous log). Returns the end of the last whole record (50 for none).
+// Walks the records of an unsealed log that no ring vouches for (the ring
+// is new: the machine or the engine went down with it). Each record must
+// carry the mark, a sane size, its trailer, and a timestamp not older than
+// the log's start. A record without timestamp proves nothing (a stale one of
+// the group's previous log looks the same), so the end moves past such
+// records only when a record with a timestamp of this log follows them.
+// Returns the end of the last record proven to be this log's (50 for none).
 int CTalvorRedoLog::WalkUnsealedLog(int nGroup, const MF_REDOLOGFILEHEAD& stHead, long long& nEndTimestamp)
 {
     int fd = Talvor_FileDescriptor(m_pRedoLog[nGroup].m_pOnlineFile);
     long long nPos = REDOLOGFILE_HEAD_SIZE;
+    long long nProven = REDOLOGFILE_HEAD_SIZE;
     nEndTimestamp = 0;
     for (;;) {
         BASEEXECUTEPLANHEAD stRec;
@@ -364,10 +393,141 @@ int CTalvorRedoLog::WalkUnsealedLog(int nGroup, const MF_REDOLOGFILEHEAD& stHead
             if (CTalvorFileIO::Current()->PRead(fd, &b, 1, (off_t)(nEnd - 1)) != 1) break;
         }
         if (stRec.m_nTimestamp != 0 && stRec.m_nTimestamp < stHead.m_nBeginTimestamp) break;
-        if (stRec.m_nTimestamp > nEndTimestamp) nEndTimestamp = stRec.m_nTimestamp;
         nPos = nEnd;
+        if (stRec.m_nTimestamp == 0) continue;
+        if (stRec.m_nTimestamp > nEndTimestamp) nEndTimestamp = stRec.m_nTimestamp;
+        nProven = nPos;
     }
-    return (int)nPos;
+    return (int)nProven;
+}
+
+REDOWALK CTalvorRedoLog::WalkLogTo(int nGroup, int nSize, BOOL bRingHasRest)
+{
+    REDOWALK w;
+    memset(&w, 0, sizeof(w));
+    w.m_nWholeEnd = REDOLOGFILE_HEAD_SIZE;
+    int fd = Talvor_FileDescriptor(m_pRedoLog[nGroup].m_pOnlineFile);
+    long long nPos = REDOLOGFILE_HEAD_SIZE;
+    while (nPos < nSize) {
+        BASEEXECUTEPLANHEAD stRec;
+        memset(&stRec, 0, sizeof(stRec));
+        // A head cut by the size: its first bytes are in the file, the rest
+        // still in the ring.
+        size_t nHead = nSize - nPos < (long long)sizeof(stRec) ? (size_t)(nSize - nPos) : sizeof(stRec);
+        if (!TalvorReadFull(fd, &stRec, nHead, (off_t)nPos)) {
+            w.m_bBroken = TRUE;
+            break;
+        }
+        if (nHead < sizeof(stRec)) {
+            // The head itself was cut: its first bytes are in the file, the
+            // rest stands unread at the ring's read position.
+            LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
+            if (pRing == nullptr || !bRingHasRest) {
+                w.m_bBroken = TRUE;
+                break;
+            }
+            ReadRingField(pRing->m_nReadPos, pRing, (BYTE*)&stRec + nHead, (int)(sizeof(stRec) - nHead));
+        }
+        if (stRec.m_nDataFlag != EXECUTEPLAN_DATAFLAG || stRec.m_nTotalDataSize < EXECUTEPLANHEAD_SIZE) {
+            w.m_bBroken = TRUE;
+            break;
+        }
+        if (stRec.m_nTimestamp > w.m_nEndTimestamp) w.m_nEndTimestamp = stRec.m_nTimestamp;
+        long long nEnd = nPos + stRec.m_nTotalDataSize;
+        if (nEnd > nSize) {
+            w.m_nCutMissing = (int)(nEnd - nSize);
+            break;
+        }
+        nPos = nEnd;
+        w.m_nWholeEnd = (int)nPos;
+    }
+    return w;
+}
+
+void CTalvorRedoLog::CheckSealedLog(int nGroup)
+{
+    LPTALVORREDOGROUP pGroup = &m_pRedoLog[nGroup];
+    const int nSize = pGroup->m_nEffectiveSize;
+    if (nSize < REDOLOGFILE_HEAD_SIZE) return;
+    REDOWALK w = WalkLogTo(nGroup, nSize, FALSE);
+    if (!w.m_bBroken && w.m_nCutMissing == 0 && w.m_nWholeEnd == nSize) return;
+    MF_REDOLOGFILEHEAD stHead;
+    if (!ReadGroupHead(nGroup, &stHead)) return;
+    Trace("LogInit", 1, 30001014,
+          TALVOR_TEXT("已封存的Redo日志组[%d、%d]的记录在%d处中断(大小%d)：掉电丢失了未写回的字节，该日志在最后一条完整记录后重新封存",
+                      "The records of sealed redo log group [%d, %d] break off at %d (size %d): a power loss took bytes "
+                      "not yet written back, and the log is sealed again behind its last whole record"),
+          nGroup, (int)stHead.m_nSequenceNO, w.m_nWholeEnd, nSize);
+    stHead.m_nEffectiveSize = (UINT)w.m_nWholeEnd;
+    stHead.m_nEndTimestamp = w.m_nEndTimestamp;
+    if (!WriteGroupHead(nGroup, &stHead)) return;
+    pGroup->m_nEffectiveSize = w.m_nWholeEnd;
+    pGroup->m_nWriteSize = w.m_nWholeEnd;
+}
+
+BOOL CTalvorRedoLog::RingVouches(int nGroup, const MF_REDOLOGFILEHEAD& stHead)
+{
+    LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
+    if (pRing == nullptr || stHead.m_nSequenceNO == 0 || (UINT)pRing->m_nLogNo != stHead.m_nSequenceNO) return FALSE;
+    struct stat stFile;
+    int fd = Talvor_FileDescriptor(m_pRedoLog[nGroup].m_pOnlineFile);
+    if (fd < 0 || CTalvorFileIO::Current()->FStat(fd, &stFile) != 0) return FALSE;
+    return pRing->m_nLogPos >= REDOLOGFILE_HEAD_SIZE && (long long)pRing->m_nLogPos <= (long long)stFile.st_size;
+}
+
+void CTalvorRedoLog::KeepNumberOfEmptyLog(const MF_REDOLOGFILEHEAD& stHead)
+{
+    UINT nNo = stHead.m_nSequenceNO;
+    if (nNo == 0 || m_pMemoryFileHead->m_nRedoLogMaxID != nNo + 1) return;
+    for (int i = 0; i < m_nWriteRedoOnlineGroups; i++)
+        if (i != m_bCurrentRedoGroup && m_pRedoLog[i].m_nSequenceNO >= nNo) return;
+    if (HighestArchivedNumber() >= nNo) return;
+    m_pMemoryFileHead->m_nRedoLogMaxID = nNo;
+}
+
+BOOL CTalvorRedoLog::SettleOpenLog(int nGroup, MF_REDOLOGFILEHEAD& stHead, BOOL bAtStart)
+{
+    LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
+    if (pRing != nullptr) pRing->m_nItemSize = 0;
+    if (!RingVouches(nGroup, stHead)) {
+        // No ring says where the log ends: only what proves to be its own.
+        long long nEndTimestamp = 0;
+        int nEnd = WalkUnsealedLog(nGroup, stHead, nEndTimestamp);
+        if (nEnd > REDOLOGFILE_HEAD_SIZE) return SealFoundLog(nGroup, stHead, nEnd, nEndTimestamp, bAtStart);
+        if (bAtStart) KeepNumberOfEmptyLog(stHead);
+        if (bAtStart && pRing != nullptr) pRing->m_nLogNo = (int)m_pMemoryFileHead->m_nRedoLogMaxID;
+        return TRUE;
+    }
+    const int nSize = pRing->m_nLogPos;
+    REDOWALK w = WalkLogTo(nGroup, nSize, TRUE);
+    // A ring that the engine resets (after a writer's crash, or when the
+    // writer gave up on it) brings no rest of a cut record: the log ends at
+    // its last whole record.
+    const BOOL bRingGoesOn = bAtStart && pRing->m_bReadException == REDOREAD_OK && !w.m_bBroken;
+    if (bRingGoesOn && w.m_nCutMissing != 0) {
+        // The writer stood inside a record (two pieces, or a step of a large
+        // stretch): its first part is in the file, the rest in the ring, and
+        // the log goes on with it. The record is carried across the restart
+        // by the ring's own field for it (m_nItemSize, read by the writer
+        // when it starts); the engine is not asked to offer it again, since
+        // it gave the room of the first part back long ago.
+        m_stResume.m_bResume = TRUE;
+        m_stResume.m_nWriteSize = nSize;
+        m_stResume.m_nItemSize = w.m_nCutMissing;
+        m_stResume.m_nTimestampEnd = w.m_nEndTimestamp;
+        pRing->m_nItemSize = m_stResume.m_nItemSize;
+        m_pRedoLog[nGroup].m_nWriteSize = m_stResume.m_nWriteSize;
+        Trace("SeekCurrentLog", 3, 30002003,
+              TALVOR_TEXT("Redo日志组[%d、%d]停在一条记录中间(位置%d，还差%d字节)，继续写入该日志",
+                          "Redo log group [%d, %d] stopped inside a record (at %d, %d bytes to come): the log goes on"),
+              nGroup, (int)stHead.m_nSequenceNO, m_stResume.m_nWriteSize, m_stResume.m_nItemSize);
+        return TRUE;
+    }
+    if (w.m_nWholeEnd > REDOLOGFILE_HEAD_SIZE)
+        return SealFoundLog(nGroup, stHead, w.m_nWholeEnd, w.m_nEndTimestamp, bAtStart);
+    KeepNumberOfEmptyLog(stHead);
+    if (bAtStart) pRing->m_nLogNo = (int)m_pMemoryFileHead->m_nRedoLogMaxID;
+    return TRUE;
 }
 
 // Seals a log found unsealed at start, at the end of its last whole record,
@@ -416,37 +576,26 @@ BOOL CTalvorRedoLog::SeekCurrentLog()
         if (pRing != nullptr) pRing->m_nLogNo = (int)m_pMemoryFileHead->m_nRedoLogMaxID;
         return TRUE;
     }
-    int fd = Talvor_FileDescriptor(pGroup->m_pOnlineFile);
-    BASEEXECUTEPLANHEAD stRec;
-    memset(&stRec, 0, sizeof(stRec));
-    if (CTalvorFileIO::Current()->PRead(fd, &stRec, sizeof(stRec), REDOLOGFILE_HEAD_SIZE) < 0) return FALSE;
-    if (stRec.m_nDataFlag != EXECUTEPLAN_DATAFLAG || stHead.m_bState == REDOGROUP_EMPTY) {
-        if (stHead.m_bState == REDOGROUP_EMPTY) {
-            if (pRing != nullptr) {
-                pRing->m_nLogArchiveNo = 0;
-                pRing->m_nLogNo = (int)m_pMemoryFileHead->m_nRedoLogMaxID;
-            }
-            return TRUE;
-        }
-        if (pRing != nullptr && pRing->m_nTimestamp != 0) return TRUE;
-        int nPrev = nGroup == 0 ? m_nWriteRedoOnlineGroups - 1 : nGroup - 1;
-        MF_REDOLOGFILEHEAD stPrev;
-        if (ReadGroupHead(nPrev, &stPrev) && stPrev.m_nEffectiveSize != 0 && pRing != nullptr)
-            pRing->m_nTimestamp = stPrev.m_nEndTimestamp;
+    if (stHead.m_bState == REDOGROUP_EMPTY) {
         if (pRing != nullptr) {
+            pRing->m_nLogArchiveNo = 0;
             pRing->m_nLogNo = (int)m_pMemoryFileHead->m_nRedoLogMaxID;
-            pRing->m_nLogArchiveNo = pRing->m_nLogNo - 1;
         }
         return TRUE;
     }
-    // An unsealed log with records: the writer stopped hard. Seal it behind
-    // its last whole record; it is archived like any other.
-    long long nEndTimestamp = 0;
-    int nEnd = WalkUnsealedLog(nGroup, stHead, nEndTimestamp);
-    if (nEnd > REDOLOGFILE_HEAD_SIZE) return SealFoundLog(nGroup, stHead, nEnd, nEndTimestamp, TRUE);
-    // Its first record is not whole: the group stays current and is opened
-    // anew with the next log number.
-    return TRUE;
+    if (pRing != nullptr && pRing->m_nTimestamp == 0) {
+        int nPrev = nGroup == 0 ? m_nWriteRedoOnlineGroups - 1 : nGroup - 1;
+        MF_REDOLOGFILEHEAD stPrev;
+        if (ReadGroupHead(nPrev, &stPrev) && stPrev.m_nEffectiveSize != 0) pRing->m_nTimestamp = stPrev.m_nEndTimestamp;
+    }
+    if (stHead.m_bState != REDOGROUP_WRITING) {
+        if (pRing != nullptr) pRing->m_nLogNo = (int)m_pMemoryFileHead->m_nRedoLogMaxID;
+        return TRUE;
+    }
+    // An unsealed log: the writer stopped hard. It is sealed where the ring
+    // says the writer got to, never where bytes merely look like a record:
+    // those may be the group's previous log.
+    return SettleOpenLog(nGroup, stHead, TRUE);
 }
 
 // ---------------------------------------------------------------- readers
@@ -521,6 +670,14 @@ void CTalvorRedoLog::ReleaseRedoLog(int& nRedoGroup, LPTALVORCRITICALSECTION lpC
     if (bFree) SetEvent(m_hArchivedEvent);
 }
 
+// A reader asks only where nothing is asked yet: a seal request of the
+// engine standing in the flag is never written over (the writer publishes
+// the size at the seal all the same, and clears the flag then).
+BOOL CTalvorRedoLog::AskToPublish(LPFILE_TRACEMEMFILEHEAD pRing)
+{
+    return __sync_bool_compare_and_swap(&pRing->m_bFlushFlag, (BYTE)REDOFLUSH_NONE, (BYTE)REDOFLUSH_PUBLISH);
+}
+
 int CTalvorRedoLog::GetWriteSize(int nRedoGroup, BOOL bForce, EVENTTYPE&)
 {
     if (nRedoGroup < 0 || nRedoGroup >= m_nWriteRedoOnlineGroups) return 0;
@@ -529,9 +686,12 @@ int CTalvorRedoLog::GetWriteSize(int nRedoGroup, BOOL bForce, EVENTTYPE&)
     LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
     if (pRing == nullptr) return pGroup->m_nWriteSize;
     if (!bForce && pRing->m_nReadPos != pRing->m_nWritePos) return 0;
-    pRing->m_bFlushFlag = REDOFLUSH_PUBLISH;
+    // With the engine's seal request standing, the size comes with the seal:
+    // the writer clears that flag before it seals, so the state is waited for.
+    const BOOL bSealAsked = !AskToPublish(pRing) && pRing->m_bFlushFlag == REDOFLUSH_SEAL;
     // Bounded: a writer that is gone must not hold the reader forever.
-    for (int i = 0; i < 5000 && pRing->m_bFlushFlag != 0 && pGroup->m_bState != REDOGROUP_SEALED; i++) usleep(1000);
+    for (int i = 0; i < 5000 && (pRing->m_bFlushFlag != 0 || bSealAsked) && pGroup->m_bState != REDOGROUP_SEALED; i++)
+        usleep(1000);
     int nSize = pGroup->m_nWriteSize;
     if ((nSize >= 0 && nSize < m_nWriteRedoMaxSize) || nSize == pGroup->m_nEffectiveSize) return nSize;
     if (!bForce) return 0;
@@ -543,7 +703,7 @@ void CTalvorRedoLog::FlushLogFile(int nRedoGroup)
 {
     LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
     if (nRedoGroup < 0 || nRedoGroup >= m_nWriteRedoOnlineGroups || pRing == nullptr) return;
-    pRing->m_bFlushFlag = REDOFLUSH_PUBLISH;
+    AskToPublish(pRing);
     for (int i = 0; i < 5000 && pRing->m_bFlushFlag != 0; i++) usleep(1000);
 }
 

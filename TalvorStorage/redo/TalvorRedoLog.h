@@ -71,7 +71,26 @@ typedef struct stu_RedoWriterState {
     BOOL m_bEnded;          // the thread is to end after this pass
     BOOL m_bWriteFailTold;  // a failing write was said once
     int m_nStopPasses;      // passes since the stop request
+    long long m_nStopSinceMs; // monotonic ms of the first pass that saw the stop (0: none yet)
+    long long m_nStopToldMs;  // when the last progress line of the stop was written
 } REDOWRITERSTATE, *LPREDOWRITERSTATE;
+
+// A log that a start found open, with a record cut at its end: the writer
+// goes on with it instead of sealing it mid-record.
+typedef struct stu_RedoResume {
+    BOOL m_bResume;
+    int m_nWriteSize;            // bytes of the log in its file, head included
+    int m_nItemSize;             // bytes of the cut record still to come
+    long long m_nTimestampEnd;   // largest record timestamp in the log
+} REDORESUME;
+
+// What the records of a log up to a size say.
+typedef struct stu_RedoWalk {
+    int m_nWholeEnd;             // end of the last whole record (50 for none)
+    int m_nCutMissing;           // bytes of a record that runs past the size (0: none)
+    long long m_nEndTimestamp;   // largest timestamp among them
+    BOOL m_bBroken;              // a head that is no record stood before the size
+} REDOWALK;
 
 // Counters for tests and the benchmark.
 typedef struct stu_RedoWriterStats {
@@ -94,6 +113,15 @@ inline constexpr int REDO_ZERO_FILL_SIZE = 0x400000;
 inline constexpr int REDO_ARCHIVE_BUFFER_SIZE = 0x40000;
 inline constexpr int REDO_MAX_DESTINATIONS = 6;
 inline constexpr int REDO_EXCEPTION_PASSES = 31;
+// A stop drains the ring into the groups; while it waits for the archiver
+// to free a group it writes a progress line this often, and it gives up
+// (tracing the bytes it leaves) only after this long, well inside the 300 s
+// in which the service joins the redo threads.
+inline constexpr long long REDO_STOP_PROGRESS_MS = 5000;
+inline constexpr long long REDO_STOP_DRAIN_LIMIT_MS = 240000;
+// After the writer ended, the archiver goes on with the sealed groups this
+// long at most; what is left stays sealed for the next start.
+inline constexpr long long REDO_ARCHIVE_STOP_LIMIT_MS = 40000;
 
 // FILETIME ticks of now.
 long long RedoNowFileTime();
@@ -113,6 +141,9 @@ public:
     void ReleaseRedoLog(int& nRedoGroup, LPTALVORCRITICALSECTION lpCritSection);
     int GetWriteSize(int nRedoGroup, BOOL bForce, EVENTTYPE& hEvent);
     void FlushLogFile(int nRedoGroup);
+    // Sets m_bFlushFlag from 0 to 1 (compare-and-swap): TRUE if it did,
+    // FALSE if a request stood already. Any thread, no latch.
+    static BOOL AskToPublish(LPFILE_TRACEMEMFILEHEAD pRing);
     int SwitchNewLog(BYTE bRedoGroup, UINT nSequenceNO, LPTALVORCRITICALSECTION lpCritSection);
     BOOL GetLogWaitFlag(int nRedoGroup);
     void AddStandby(LPTALVORREDOLOGSTANDBYCACHE pCache);
@@ -168,6 +199,10 @@ public:
 
     // --- Beyond the classic fields.
     int m_nRingSize;
+    int m_nForceFlushLog;             // "forceflushlog": 1 each burst ends with fdatasync of the group
+    long long m_nStopDrainLimitMs;    // REDO_STOP_DRAIN_LIMIT_MS; tests shorten it
+    long long m_nArchiveStopLimitMs;  // REDO_ARCHIVE_STOP_LIMIT_MS; tests shorten it
+    REDORESUME m_stResume;            // set by Init, taken by StartWriter
     REDOWRITERSTATS m_stStats;
     volatile int m_nThreadsInside;    // writer and archiver entries running on this object
     char m_szArchiveDir[MAX_PATH];    // storage behind m_lpArchiveDir
@@ -180,9 +215,39 @@ private:
     void BuildFreshHead(LPMF_REDOLOGFILEHEAD pHead);
     void RaiseLogNumbers();
     UINT HighestArchivedNumber();
+    // Start-up helpers: the thread that runs Init (or a restarted writer),
+    // before readers and the archiver look; no latch is held.
+    //
+    // Without a ring that vouches for the log: only records that prove to
+    // be this log's count. The end of the last proven record (50: none).
     int WalkUnsealedLog(int nGroup, const MF_REDOLOGFILEHEAD& stHead, long long& nEndTimestamp);
+    // The records of the log in nGroup from offset 50 up to nSize, bytes
+    // the writer itself said it wrote: no guessing is needed below nSize.
+    // bRingHasRest: a head cut by nSize is completed from the ring's read
+    // position (an open log); otherwise it is no record.
+    REDOWALK WalkLogTo(int nGroup, int nSize, BOOL bRingHasRest);
+    // A sealed, not archived log whose records do not reach its size (a
+    // power loss took bytes the page cache had not written back) is sealed
+    // again behind its last whole record.
+    void CheckSealedLog(int nGroup);
+    // TRUE when the ring names the log open in nGroup (m_nLogNo) and how far
+    // it was written (m_nLogPos, within the file).
+    BOOL RingVouches(int nGroup, const MF_REDOLOGFILEHEAD& stHead);
+    // An open log found at start (bAtStart) or by a restarted writer: sealed
+    // where the ring says it ends, gone on with when a record is cut there,
+    // left open (number kept) when it holds nothing. FALSE only when a seal
+    // could not be written.
+    BOOL SettleOpenLog(int nGroup, MF_REDOLOGFILEHEAD& stHead, BOOL bAtStart);
+    // An open log with no record is opened again under its own number, so
+    // that a kill during an open leaves no gap in the numbers.
+    void KeepNumberOfEmptyLog(const MF_REDOLOGFILEHEAD& stHead);
     BOOL SealFoundLog(int nGroup, MF_REDOLOGFILEHEAD& stHead, int nSize, long long nEndTimestamp, BOOL bAtStart);
     void MoveToNextGroup();
+public:
+    // The highest log number below which every log is archived: the oldest
+    // sealed or open log bounds it. Any thread; reads the table unlocked.
+    int ArchivedUpTo();
+private:
     void FollowNewestLog();
     BOOL GroupIsFree(int nGroup);
 
@@ -193,11 +258,26 @@ private:
     void ContinueCutRecord(REDOWRITERSTATE& st, REDOSTRETCH& sr, LPFILE_TRACEMEMFILEHEAD pHead);
     BOOL OpenNewGroup(REDOWRITERSTATE& st, long long nPassBegin, LPTALVORCRITICALSECTION lpCritSection);
     void SealGroup(REDOWRITERSTATE& st, BOOL bShutdown, BOOL bAfterData);
+    // Writer thread, no latch: st.m_stHead is this log's head (read back at
+    // a shutdown); FALSE (traced) when no head of this log can be had.
+    BOOL TakeHeadToSeal(REDOWRITERSTATE& st, int nGroup, BOOL bShutdown);
+    // Writer thread, no latch: TRUE once the sealed head is written.
+    BOOL WriteSealHead(REDOWRITERSTATE& st, int fd, const MF_REDOLOGFILEHEAD& h);
     void Publish(REDOWRITERSTATE& st);
     void IdlePass(REDOWRITERSTATE& st);
     void FeedStandbys(LPFILE_TRACEMEMFILEHEAD pHead, int nBegin, int nFirst, int nSecond, BOOL bWhole,
                       int nWriteSize);
     BOOL WritePiece(int fd, const BYTE* p, int nLen, int nOffset, REDOWRITERSTATE* pState);
+    // Writer thread, no latch: after a piece is in the file, the ring's
+    // m_nLogPos, m_nItemSize and m_nReadPos in that order.
+    void ConsumeRing(LPFILE_TRACEMEMFILEHEAD pHead, int nWriteSize, int nItemSize, int nReadPos);
+    // Writer thread, no latch: fdatasync of the burst with forceflushlog 1;
+    // a failure is traced (the bytes stay in the page cache).
+    void SyncBurst(int fd);
+    // Writer thread, no latch: fdatasync of a group, a failure traced with nCode.
+    void SyncGroup(int nGroup, LONG nCode);
+    // A stop that waits for a free group: FALSE once it must give up.
+    BOOL StopMayWait(REDOWRITERSTATE& st);
     void ReportStatus(REDOWRITERSTATE& st);
     BOOL StopWithCutRecord(REDOWRITERSTATE& st);
 
@@ -205,6 +285,9 @@ private:
     void CopyBackup(char** arDes, int nDesCount, LPBYTE lpBuffer, void*& hFile, void*& hSrcFile);
     BOOL CopyLogTo(const char* lpPath, int nGroup, const MF_REDOLOGFILEHEAD& stHead, LPBYTE lpBuffer, BOOL bFirstPass,
                    void*& hFile);
+    // The copy under its temporary name made durable and moved to its
+    // final name, the directory synced: FALSE (traced) on any failure.
+    BOOL PublishCopy(const char* lpTemp, const char* lpPath, int fd);
     BOOL ArchiveGroup(int nGroup, char** arDes, int nDesCount, LPBYTE lpBuffer, void*& hFile);
     // The sealed group with the oldest log that is not set aside, or -1.
     int OldestSealedGroup();
@@ -213,8 +296,13 @@ private:
     // it again): the logs behind it are archived, and a stop is not held.
     BOOL HeadReadFailed(int nGroup);
     BOOL SetAside(int nGroup) const;
+    // Archiver thread: the group is not tried again in this run.
+    void SetAsideForThisRun(int nGroup);
+    // Archiver thread: TRUE once the time a stop gives it is up.
+    BOOL StopLimitPassed();
     UINT m_arHeadFailures[REDOGROUP_MAX] = {0};
     UINT m_arFailedLogNo[REDOGROUP_MAX] = {0};
+    long long m_nArchiveExitSinceMs = 0;
 
     REDOWRITERSTATE* m_pWriterState;  // the writer's state while WriteLogFile runs (a stop ends its retries)
 };

@@ -6,6 +6,11 @@
 // between leaves the group sealed, and it is archived again at the next
 // start instead of being reused with no complete copy anywhere. The copies
 // carry the archived mark in their head all the same.
+//
+// A copy is written under a temporary name, synced, moved to its final name
+// and its directory synced, all before the group may be reused: a power loss
+// at any point leaves either the whole copy under its name or none (and the
+// group still sealed), never a torn file that reads as a whole log.
 #include "TalvorRedoLog.h"
 
 #include "TalvorTrace.h"
@@ -23,6 +28,13 @@ const int DES_BUFFER_SIZE = 1100;   // room for the "/" inserted into 512 bytes 
 const int FAST_RETRIES = 100;       // a failing pass is first retried every 1 ms ...
 const int SLOW_RETRY_US = 100000;   // ... then every 100 ms
 const UINT REDO_HEAD_READ_TRIES = 5; // reads of a group head before the group is set aside
+
+long long ArchiveNowMs()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
+}
 
 void CloseArchiveHandle(void*& hFile)
 {
@@ -86,16 +98,48 @@ int CTalvorRedoLog::OldestSealedGroup()
     return nFound;
 }
 
+BOOL CTalvorRedoLog::PublishCopy(const char* lpTemp, const char* lpPath, int fd)
+{
+    const char* lpStep = "fsync";
+    BOOL bOk = CTalvorFileIO::Current()->FSync(fd) == 0;
+    int nErr = errno;
+    if (bOk) {
+        lpStep = "rename";
+        bOk = CTalvorFileIO::Current()->Rename(lpTemp, lpPath) == 0;
+        nErr = errno;
+    }
+    if (bOk) {
+        lpStep = "directory sync";
+        bOk = TalvorSyncParentDirectory(lpPath) == 0;
+        nErr = errno;
+    }
+    if (bOk) return TRUE;
+    Trace("ArchiveFile", 1, 30004055,
+          TALVOR_TEXT("归档日志文件[%s]未能持久化(%s)！错误：(%d)%s",
+                      "The archive log file [%s] could not be made durable (%s)! Error: (%d)%s"),
+          lpPath, lpStep, nErr, strerror(nErr));
+    return FALSE;
+}
+
 BOOL CTalvorRedoLog::CopyLogTo(const char* lpDes, int nGroup, const MF_REDOLOGFILEHEAD& stHead, LPBYTE lpBuffer,
                                BOOL bFirstPass, void*& hFile)
 {
     char szPath[MAX_PATH + 64];
+    char szTemp[MAX_PATH + 64];
     snprintf(szPath, sizeof(szPath), "%sArchiveLog/Log%d.log", lpDes, (int)stHead.m_nSequenceNO);
-    if (TalvorPathExists(szPath)) CTalvorFileIO::Current()->Unlink(szPath);
-    int fd = OpenArchiveTarget(szPath, O_RDWR | O_CREAT | O_TRUNC);
+    // Hidden, and not of the "Log<n>.log" shape: never taken for a log.
+    snprintf(szTemp, sizeof(szTemp), "%sArchiveLog/.Log%d.log.tmp", lpDes, (int)stHead.m_nSequenceNO);
+    if (TalvorPathExists(szTemp)) CTalvorFileIO::Current()->Unlink(szTemp);
+    int fd = OpenArchiveTarget(szTemp, O_RDWR | O_CREAT | O_TRUNC);
     if (fd < 0) {
-        MakeDir(szPath);
-        fd = OpenArchiveTarget(szPath, O_RDWR | O_CREAT | O_TRUNC);
+        int nErr = errno;
+        if (nErr != ENOENT && bFirstPass)
+            Trace("ArchiveFile", 1, 30004050,
+                  TALVOR_TEXT("创建新的归档日志文件失败！路径：%s，错误：(%d)%s",
+                              "Failed to create new archive log file! Path: %s, error: (%d)%s"),
+                  szPath, nErr, strerror(nErr));
+        MakeDir(szTemp);
+        fd = OpenArchiveTarget(szTemp, O_RDWR | O_CREAT | O_TRUNC);
     }
     if (fd < 0) {
         int nErr = errno;
@@ -109,34 +153,36 @@ BOOL CTalvorRedoLog::CopyLogTo(const char* lpDes, int nGroup, const MF_REDOLOGFI
     hFile = Talvor_MakeFileHandle(fd);
     if (hFile == nullptr) {
         CTalvorFileIO::Current()->Close(fd);
+        CTalvorFileIO::Current()->Unlink(szTemp);
         return FALSE;
     }
     const int fdSrc = Talvor_FileDescriptor(m_pRedoLog[nGroup].m_pOnlineFile);
     const long long nSize = stHead.m_nEffectiveSize;
-    for (long long nPos = 0; nPos < nSize;) {
+    BOOL bOk = TRUE;
+    for (long long nPos = 0; nPos < nSize && bOk;) {
         int nPiece = (int)(nSize - nPos < REDO_ARCHIVE_BUFFER_SIZE ? nSize - nPos : REDO_ARCHIVE_BUFFER_SIZE);
-        BOOL bOk = TalvorReadFull(fdSrc, lpBuffer, (size_t)nPiece, (off_t)nPos);
+        BOOL bRead = TalvorReadFull(fdSrc, lpBuffer, (size_t)nPiece, (off_t)nPos);
         // The copy's head carries the archived mark.
-        if (bOk && nPos == 0) memcpy(lpBuffer, &stHead, sizeof(stHead));
-        ssize_t nWritten = bOk ? CTalvorFileIO::Current()->PWrite(fd, lpBuffer, (size_t)nPiece, (off_t)nPos) : -1;
+        if (bRead && nPos == 0) memcpy(lpBuffer, &stHead, sizeof(stHead));
+        ssize_t nWritten = bRead ? CTalvorFileIO::Current()->PWrite(fd, lpBuffer, (size_t)nPiece, (off_t)nPos) : -1;
         if (nWritten != nPiece) {
             int nErr = errno;
             Trace("ArchiveFile", 1, 30004052,
                   TALVOR_TEXT("写入归档日志文件[%s]失败！位置：%d，写入[%d，%d]，错误：(%d)%s",
                               "Failed to write to archive log file [%s]! Location: %d, write [%d,%d], error : (%d)%s"),
                   szPath, (int)nPos, nPiece, (int)nWritten, nErr, strerror(nErr));
-            CloseArchiveHandle(hFile);
-            usleep(1000);
-            if (CTalvorFileIO::Current()->Unlink(szPath) != 0)
-                Trace("ArchiveFile", 1, 30004053,
-                      TALVOR_TEXT("删除错误的归档日志文件[%s]失败！", "Failed to delete error archive log file [%s]!"),
-                      szPath);
-            return FALSE;
+            bOk = FALSE;
         }
         nPos += nPiece;
     }
+    if (bOk) bOk = PublishCopy(szTemp, szPath, fd);
     CloseArchiveHandle(hFile);
-    return TRUE;
+    if (bOk) return TRUE;
+    usleep(1000);
+    if (TalvorPathExists(szTemp) && CTalvorFileIO::Current()->Unlink(szTemp) != 0)
+        Trace("ArchiveFile", 1, 30004053,
+              TALVOR_TEXT("删除错误的归档日志文件[%s]失败！", "Failed to delete error archive log file [%s]!"), szTemp);
+    return FALSE;
 }
 
 // TRUE on the first failure of this group's log (the one to trace). The
@@ -156,6 +202,19 @@ BOOL CTalvorRedoLog::HeadReadFailed(int nGroup)
     return m_arHeadFailures[nGroup] == 1;
 }
 
+void CTalvorRedoLog::SetAsideForThisRun(int nGroup)
+{
+    m_arFailedLogNo[nGroup] = m_pRedoLog[nGroup].m_nSequenceNO;
+    m_arHeadFailures[nGroup] = REDO_HEAD_READ_TRIES;
+}
+
+// The stop gives the archiver a bounded time for the sealed groups.
+BOOL CTalvorRedoLog::StopLimitPassed()
+{
+    if (m_nArchiveExitSinceMs == 0) m_nArchiveExitSinceMs = ArchiveNowMs();
+    return ArchiveNowMs() - m_nArchiveExitSinceMs > m_nArchiveStopLimitMs;
+}
+
 BOOL CTalvorRedoLog::SetAside(int nGroup) const
 {
     return m_arFailedLogNo[nGroup] == m_pRedoLog[nGroup].m_nSequenceNO && m_arHeadFailures[nGroup] >= REDO_HEAD_READ_TRIES;
@@ -166,8 +225,10 @@ BOOL CTalvorRedoLog::ArchiveGroup(int nGroup, char** arDes, int nDesCount, LPBYT
     LPTALVORREDOGROUP pGroup = &m_pRedoLog[nGroup];
     const int nLogNo = (int)pGroup->m_nSequenceNO;
     MF_REDOLOGFILEHEAD stHead;
-    // A head of another log (or a torn one) must never go out as this log's.
-    if (!ReadGroupHead(nGroup, &stHead) || stHead.m_nSequenceNO != pGroup->m_nSequenceNO) {
+    // A head of another log (or a torn one, or one whose seal never reached
+    // the file) must never go out as this log's, nor be called archived.
+    if (!ReadGroupHead(nGroup, &stHead) || stHead.m_nSequenceNO != pGroup->m_nSequenceNO ||
+        stHead.m_bState != REDOGROUP_SEALED || stHead.m_nEffectiveSize < (UINT)REDOLOGFILE_HEAD_SIZE) {
         int nErr = errno;
         if (HeadReadFailed(nGroup))
             Trace("ArchiveFile", 1, 30004013,
@@ -200,7 +261,17 @@ BOOL CTalvorRedoLog::ArchiveGroup(int nGroup, char** arDes, int nDesCount, LPBYT
                   nLogNo, nSuccess);
             break;
         }
-        if (m_bArchiveExit) break;
+        if (m_bArchiveExit && StopLimitPassed()) {
+            // No copy is complete: the log is not called archived. It stays
+            // sealed, and the next start archives it.
+            Trace("ArchiveFile", 1, 30004063,
+                  TALVOR_TEXT("停止时日志[%d]仍未归档成功，该日志组保持封存状态，下次启动时归档",
+                              "Log [%d] is still not archived at the stop: its group stays sealed and the next start "
+                              "archives it"),
+                  nLogNo);
+            SetAsideForThisRun(nGroup);
+            return FALSE;
+        }
         if (nPass == 0)
             Trace("ArchiveFile", 1, 30004062,
                   TALVOR_TEXT("归档日志[%d]文件失败，请稍后重试！", "Failed to archive log [%d] file. Please try again later!"),
@@ -215,7 +286,8 @@ BOOL CTalvorRedoLog::ArchiveGroup(int nGroup, char** arDes, int nDesCount, LPBYT
     }
     pGroup->m_bState = REDOGROUP_ARCHIVED;
     LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
-    if (pRing != nullptr) pRing->m_nLogArchiveNo = nLogNo;
+    // A log set aside below this one keeps the number from passing it.
+    if (pRing != nullptr) pRing->m_nLogArchiveNo = ArchivedUpTo();
     SetEvent(m_hArchivedEvent);
     return TRUE;
 }
@@ -308,6 +380,7 @@ int CTalvorRedoLog::ArchiveFile(void*& hFile, void*& hSrcFile)
         bWait = TRUE;
         if (nDesCount > 0) CopyBackup(arDes, nDesCount, lpBuffer, hFile, hSrcFile);
         int nGroup = OldestSealedGroup();
+        if (nGroup >= 0 && m_bArchiveExit && StopLimitPassed()) break;
         if (nGroup >= 0) {
             bWait = !ArchiveGroup(nGroup, arDes, nDesCount, lpBuffer, hFile);
             continue;
@@ -316,6 +389,15 @@ int CTalvorRedoLog::ArchiveFile(void*& hFile, void*& hSrcFile)
         usleep(1000);
         if (OldestSealedGroup() < 0) break;
     }
+    int nLeft = 0;
+    for (int i = 0; i < m_nWriteRedoOnlineGroups; i++)
+        if (m_pRedoLog[i].m_bState == REDOGROUP_SEALED) nLeft++;
+    if (nLeft > 0)
+        Trace("ArchiveFile", 3, 30004064,
+              TALVOR_TEXT("归档线程结束时仍有%d个日志组未归档，它们保持封存状态，下次启动时归档",
+                          "The archiver ends with %d log groups not archived: they stay sealed and the next start "
+                          "archives them"),
+              nLeft);
     m_lpArchiveDir = nullptr;
     usleep(100000);
     free(lpBuffer);

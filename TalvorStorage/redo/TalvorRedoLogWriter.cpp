@@ -24,9 +24,8 @@ const int RING_HEAD_SIZE = (int)sizeof(FILE_TRACEMEMFILEHEAD);
 const long long STEP_WRITE_SIZE = 0x800000;      // ring space is given back in steps of this ...
 const long long STEP_WRITE_THRESHOLD = 0xC00000; // ... while at least this much of a piece remains
 const int GROUP_WAIT_MS = 10;
-const long long STOP_GROUP_WAIT_MS = 10000;      // a stop gives up waiting for a free group after this
 const int WRITE_RETRY_US = 100000;
-const int STOP_DRAIN_PASSES = 2000;              // passes a stop may take to empty the ring
+const int SEAL_STOP_TRIES = 10;                  // head writes a stop tries before it leaves the log open
 const int STOP_CUT_PASSES = 30000;               // passes a stop waits for the rest of a cut record
 const int IDLE_PUBLISH_PASSES = 4;               // quiet passes before unpublished bytes are published
 
@@ -78,16 +77,29 @@ void CTalvorRedoLog::StartWriter(REDOWRITERSTATE& st)
     st.m_nSwitchLog = REDOSWITCH_CLOSED;
     st.m_nTimestampBegin = m_pMemoryFileHead->m_nEndTimestamp;
     st.m_bNextRedoGroup = (BYTE)((m_bCurrentRedoGroup + 1) % m_nWriteRedoOnlineGroups);
-    // A writer restarted after a crash: the log it was writing is sealed
-    // behind its last whole record instead of being opened anew over it.
     LPTALVORREDOGROUP pGroup = &m_pRedoLog[m_bCurrentRedoGroup];
-    if (pGroup->m_bState == REDOGROUP_WRITING && pGroup->m_nSequenceNO != 0) {
-        MF_REDOLOGFILEHEAD stHead;
-        long long nEndTimestamp = 0;
-        if (ReadGroupHead(m_bCurrentRedoGroup, &stHead) && stHead.m_nSequenceNO == pGroup->m_nSequenceNO) {
-            int nEnd = WalkUnsealedLog(m_bCurrentRedoGroup, stHead, nEndTimestamp);
-            if (nEnd > REDOLOGFILE_HEAD_SIZE) SealFoundLog(m_bCurrentRedoGroup, stHead, nEnd, nEndTimestamp, FALSE);
+    if (m_stResume.m_bResume) {
+        // The start found this log open with a record cut at its end: the
+        // rest of the record is still in the ring, and it joins its head
+        // in the same log.
+        if (ReadGroupHead(m_bCurrentRedoGroup, &st.m_stHead) && st.m_stHead.m_nSequenceNO == pGroup->m_nSequenceNO) {
+            st.m_nSwitchLog = REDOSWITCH_OPEN;
+            st.m_nWriteSize = m_stResume.m_nWriteSize;
+            st.m_nItemSize = m_stResume.m_nItemSize;
+            st.m_nTimestampEnd = m_stResume.m_nTimestampEnd;
+            pGroup->m_nWriteSize = st.m_nWriteSize;
+            pGroup->m_bState = REDOGROUP_WRITING;
+            pHead->m_nLogNo = (int)pGroup->m_nSequenceNO;
+            pHead->m_nLogPos = st.m_nWriteSize;
         }
+        m_stResume.m_bResume = FALSE;
+    } else if (pGroup->m_bState == REDOGROUP_WRITING && pGroup->m_nSequenceNO != 0) {
+        // A writer restarted after a crash: the engine resets the ring, so
+        // the log it was writing is sealed behind its last whole record.
+        MF_REDOLOGFILEHEAD stHead;
+        if (ReadGroupHead(m_bCurrentRedoGroup, &stHead) && stHead.m_nSequenceNO == pGroup->m_nSequenceNO)
+            SettleOpenLog(m_bCurrentRedoGroup, stHead, FALSE);
+        st.m_nItemSize = 0;
         st.m_bNextRedoGroup = (BYTE)((m_bCurrentRedoGroup + 1) % m_nWriteRedoOnlineGroups);
     }
     // The crash path told the engine that the ring can't be trusted: nothing
@@ -253,12 +265,39 @@ void CTalvorRedoLog::ContinueCutRecord(REDOWRITERSTATE& st, REDOSTRETCH& sr, LPF
     }
 }
 
+// A stop waits for a free group as long as it must, with a line now and
+// then; only past the limit does it give up, saying what it leaves.
+BOOL CTalvorRedoLog::StopMayWait(REDOWRITERSTATE& st)
+{
+    const long long nNow = NowMs();
+    if (st.m_nStopSinceMs == 0) st.m_nStopSinceMs = nNow;
+    LPFILE_TRACEMEMFILEHEAD pHead = RingHead();
+    int nLeft = pHead->m_nWritePos - pHead->m_nReadPos;
+    if (nLeft < 0) nLeft += pHead->m_nFileTotalSize - pHead->m_nFileHeaderSize;
+    if (nNow - st.m_nStopSinceMs > m_nStopDrainLimitMs) {
+        Trace("WriteLog", 1, 30003034,
+              TALVOR_TEXT("停止时已等待%lld秒，日志组[%d]仍未归档，Redo环中仍有%d字节未写入日志组，这些字节将丢失！",
+                          "The stop waited more than %lld s for log group [%d] to be archived: %d bytes of the redo ring "
+                          "never reached a log group and are lost!"),
+              m_nStopDrainLimitMs / 1000, (int)m_bCurrentRedoGroup, nLeft);
+        return FALSE;
+    }
+    if (st.m_nStopToldMs == 0 || nNow - st.m_nStopToldMs >= REDO_STOP_PROGRESS_MS) {
+        st.m_nStopToldMs = nNow;
+        Trace("WriteLog", 3, 30003033,
+              TALVOR_TEXT("正在停止：Redo环中还有%d字节，等待日志组[%d]归档(已等待%lld秒)",
+                          "Stopping: %d bytes are still in the redo ring, waiting for log group [%d] to be archived "
+                          "(%lld s so far)"),
+              nLeft, (int)m_bCurrentRedoGroup, (nNow - st.m_nStopSinceMs) / 1000);
+    }
+    return TRUE;
+}
+
 BOOL CTalvorRedoLog::OpenNewGroup(REDOWRITERSTATE& st, long long nPassBegin, LPTALVORCRITICALSECTION lpCritSection)
 {
     LPFILE_TRACEMEMFILEHEAD pHead = RingHead();
     pHead->m_bStatus = REDORING_WAITGROUP;
     st.m_nExceptionCount = 0;
-    long long nStopSince = 0;
     UINT nLogNo = 0;
     for (;;) {
         nLogNo = m_pMemoryFileHead->m_nRedoLogMaxID;
@@ -273,7 +312,12 @@ BOOL CTalvorRedoLog::OpenNewGroup(REDOWRITERSTATE& st, long long nPassBegin, LPT
             // counted: it is given back through the stale-hold path, and a
             // count reset here would wrap below 0 then.
             if (GroupIsFree(m_bCurrentRedoGroup)) {
+                // Number, sizes and state change together under the latch:
+                // a reader never sees the new number with the old log's size.
                 pGroup->m_nSequenceNO = nLogNo;
+                pGroup->m_nEffectiveSize = 0;
+                pGroup->m_nWriteSize = 0;
+                pGroup->m_bState = REDOGROUP_WRITING;
                 m_bLogWaitting = FALSE;
                 break;
             }
@@ -294,16 +338,15 @@ BOOL CTalvorRedoLog::OpenNewGroup(REDOWRITERSTATE& st, long long nPassBegin, LPT
                                   "will hang"),
                       (int)m_bCurrentRedoGroup);
         }
-        if (m_pExit != nullptr && *m_pExit) {
-            if (nStopSince == 0) nStopSince = NowMs();
-            // The ring keeps what is left for the next start.
-            if (NowMs() - nStopSince > STOP_GROUP_WAIT_MS) return FALSE;
-        }
+        if (m_pExit != nullptr && *m_pExit && !StopMayWait(st)) return FALSE;
         WaitForSingleObject(&m_hArchivedEvent, GROUP_WAIT_MS);
     }
     st.m_nExceptionCount = 0;
     st.m_bNextRedoGroup = (BYTE)((m_bCurrentRedoGroup + 1) % m_nWriteRedoOnlineGroups);
     ReportStatus(st);
+    // The ring names the log only with the size that belongs to it.
+    pHead->m_nLogPos = REDOLOGFILE_HEAD_SIZE;
+    TalvorFlushCPU4Write();
     pHead->m_nLogNo = (int)nLogNo;
     m_pMemoryFileHead->m_bCurrentRedoGroup = m_bCurrentRedoGroup;
 
@@ -316,23 +359,71 @@ BOOL CTalvorRedoLog::OpenNewGroup(REDOWRITERSTATE& st, long long nPassBegin, LPT
     h.m_bState = REDOGROUP_WRITING;
     h.m_nBeginTimestamp = nPassBegin;
     GetSystemTimeAsFileTime(&h.m_ftCreateTime);
-    m_pMemoryFileHead->m_nRedoLogMaxID = nLogNo + 1;
 
     int fd = Talvor_FileDescriptor(m_pRedoLog[m_bCurrentRedoGroup].m_pOnlineFile);
     if (!WritePiece(fd, (const BYTE*)&h, (int)sizeof(h), 0, &st)) return FALSE;
-    pHead->m_nLogPos = REDOLOGFILE_HEAD_SIZE;
-    LPTALVORREDOGROUP pGroup = &m_pRedoLog[m_bCurrentRedoGroup];
-    pGroup->m_nEffectiveSize = 0;
-    pGroup->m_nWriteSize = 0;
-    pGroup->m_bState = REDOGROUP_WRITING;
+    // The number is taken only once a file holds it: a kill before this
+    // point leaves the number free for the next start, none is skipped.
+    m_pMemoryFileHead->m_nRedoLogMaxID = nLogNo + 1;
     st.m_nWriteSize = REDOLOGFILE_HEAD_SIZE;
     Trace("WriteLog", 3, 30003006,
           TALVOR_TEXT("写入新的日志组[%d，%d]，开始时间戳：%lld", "Write new log group [%d, %d], start timestamp: %lld"),
           (int)m_bCurrentRedoGroup, (int)nLogNo, nPassBegin);
     pHead->m_nStartTime = RedoNowFileTime();
-    st.m_nTimestampEnd = nPassBegin;
+    // The scan of this pass already took the timestamps of the stretch that
+    // opens the log (the end was cleared at the last seal): a log of one
+    // stretch ends at its largest record, not at its begin.
+    if (st.m_nTimestampEnd < nPassBegin) st.m_nTimestampEnd = nPassBegin;
     st.m_nSwitchLog = REDOSWITCH_OPEN;
     return TRUE;
+}
+
+// Makes what was written to a group durable; traced once per failure.
+void CTalvorRedoLog::SyncGroup(int nGroup, LONG nCode)
+{
+    int fd = Talvor_FileDescriptor(m_pRedoLog[nGroup].m_pOnlineFile);
+    if (fd < 0 || CTalvorFileIO::Current()->FDataSync(fd) == 0) return;
+    int nErr = errno;
+    char szPath[MAX_PATH + 32];
+    GroupPath(nGroup, szPath, sizeof(szPath));
+    Trace("WriteLog", 1, nCode,
+          TALVOR_TEXT("同步Redo日志文件失败！文件路径：%s，错误：(%d)%s",
+                      "Failed to sync the redo log file! Path: %s, error: (%d)%s"),
+          szPath, nErr, strerror(nErr));
+}
+
+// The head the seal writes: the one in hand if it is this log's; a
+// shutdown reads it back from the file. FALSE (traced) when neither is had.
+BOOL CTalvorRedoLog::TakeHeadToSeal(REDOWRITERSTATE& st, int nGroup, BOOL bShutdown)
+{
+    MF_REDOLOGFILEHEAD& h = st.m_stHead;
+    const UINT nLogNo = m_pRedoLog[nGroup].m_nSequenceNO;
+    const BOOL bMine = h.m_usDatabaseGuid == m_pMemoryFileHead->m_usDatabaseGuid && h.m_nSequenceNO == nLogNo;
+    if (!bShutdown && bMine) return TRUE;
+    MF_REDOLOGFILEHEAD stRead;
+    if (ReadGroupHead(nGroup, &stRead) && stRead.m_usDatabaseGuid == m_pMemoryFileHead->m_usDatabaseGuid &&
+        stRead.m_nSequenceNO == nLogNo) {
+        h = stRead;
+        return TRUE;
+    }
+    int nErr = errno;
+    Trace("WriteLog", 1, 30003037,
+          TALVOR_TEXT("读取Redo日志组[%d，%d]的头信息失败，错误：(%d)%s",
+                      "Failed to read the head of redo log group [%d, %d], error: (%d)%s"),
+          nGroup, (int)nLogNo, nErr, strerror(nErr));
+    return bMine;
+}
+
+// A stop gives a failing head write a few more tries: the seal is what lets
+// the next start take the log as it is.
+BOOL CTalvorRedoLog::WriteSealHead(REDOWRITERSTATE& st, int fd, const MF_REDOLOGFILEHEAD& h)
+{
+    for (int i = 0; i < SEAL_STOP_TRIES; i++) {
+        if (WritePiece(fd, (const BYTE*)&h, (int)sizeof(h), 0, &st)) return TRUE;
+        st.m_bEnded = FALSE;
+        usleep(WRITE_RETRY_US);
+    }
+    return FALSE;
 }
 
 void CTalvorRedoLog::SealGroup(REDOWRITERSTATE& st, BOOL bShutdown, BOOL bAfterData)
@@ -341,13 +432,29 @@ void CTalvorRedoLog::SealGroup(REDOWRITERSTATE& st, BOOL bShutdown, BOOL bAfterD
     const int nGroup = m_bCurrentRedoGroup;
     LPTALVORREDOGROUP pGroup = &m_pRedoLog[nGroup];
     MF_REDOLOGFILEHEAD& h = st.m_stHead;
-    if (bShutdown || h.m_usDatabaseGuid != m_pMemoryFileHead->m_usDatabaseGuid || h.m_nSequenceNO != pGroup->m_nSequenceNO)
-        ReadGroupHead(nGroup, &h);
+    if (!TakeHeadToSeal(st, nGroup, bShutdown)) return;
     h.m_bState = REDOGROUP_SEALED;
     h.m_nEffectiveSize = (UINT)st.m_nWriteSize;
     h.m_nEndTimestamp = st.m_nTimestampEnd;
     int fd = Talvor_FileDescriptor(pGroup->m_pOnlineFile);
-    WritePiece(fd, (const BYTE*)&h, (int)sizeof(h), 0, &st);
+    // With "forceflushlog" 1 the log's bytes are on disk before a head says
+    // they count, and the seal is on disk before the archiver may copy and
+    // free the group. With 0 both stay in the page cache (a group's sync
+    // costs about half the writer's throughput): after a power loss the
+    // start checks every sealed log against its records.
+    const BOOL bDurable = m_nForceFlushLog != 0;
+    if (bDurable) SyncGroup(nGroup, 30003035);
+    if (!WriteSealHead(st, fd, h)) {
+        // Not sealed: the log stays open, and the next start seals it where
+        // its records end. Nothing may call it sealed meanwhile.
+        Trace("WriteLog", 1, 30003038,
+              TALVOR_TEXT("Redo日志组[%d，%d]封存失败，保持打开，下次启动时封存",
+                          "The redo log group [%d, %d] could not be sealed: it stays open and the next start seals it"),
+              nGroup, (int)h.m_nSequenceNO);
+        st.m_bEnded = TRUE;
+        return;
+    }
+    if (bDurable) SyncGroup(nGroup, 30003035);
     if (st.m_bFlushFlag || pHead->m_bFlushFlag == REDOFLUSH_PUBLISH) {
         st.m_bFlushFlag = FALSE;
         ClearFlushFlag(pHead, REDOFLUSH_PUBLISH);
@@ -383,6 +490,7 @@ void CTalvorRedoLog::SealGroup(REDOWRITERSTATE& st, BOOL bShutdown, BOOL bAfterD
     SetEvent(m_hArchiveEvent);
     st.m_nWriteSize = REDOLOGFILE_HEAD_SIZE;
     st.m_nSwitchLog = REDOSWITCH_CLOSED;
+    st.m_nTimestampEnd = 0;
     m_stStats.m_nSeals++;
 }
 
@@ -522,7 +630,14 @@ BOOL CTalvorRedoLog::WritePass(REDOWRITERSTATE& st, LPTALVORCRITICALSECTION lpCr
         // Whatever the engine wrote before it stopped is drained first,
         // within a bound of passes.
         TalvorFlushCPU4Read();
-        if (pHead->m_nReadPos != pHead->m_nWritePos && ++st.m_nStopPasses < STOP_DRAIN_PASSES) return FALSE;
+        if (pHead->m_nReadPos != pHead->m_nWritePos) {
+            if (st.m_nStopSinceMs == 0) st.m_nStopSinceMs = NowMs();
+            if (NowMs() - st.m_nStopSinceMs <= m_nStopDrainLimitMs) return FALSE;
+            Trace("WriteLog", 1, 30003036,
+                  TALVOR_TEXT("停止时Redo环在%lld秒内未能写空，剩余字节将丢失！",
+                              "The redo ring was not drained within %lld s of the stop: what is left is lost!"),
+                  m_nStopDrainLimitMs / 1000);
+        }
         if (st.m_nSwitchLog == REDOSWITCH_OPEN) SealGroup(st, TRUE, TRUE);
         st.m_bEnded = TRUE;
         return TRUE;
@@ -630,18 +745,17 @@ void CTalvorRedoLog::WriteLogFile(LPTALVORCRITICALSECTION, LPFILE_TRACEMEMFILEHE
             nWriteSize += (int)STEP_WRITE_SIZE;
             nPos += (int)STEP_WRITE_SIZE;
             nLeft -= STEP_WRITE_SIZE;
-            TalvorFlushCPU4Write();
-            pHead->m_nReadPos = nPos;
-            if (m_hLogEmptyEvent != nullptr) SetEvent(m_hLogEmptyEvent);
+            // A step may stop inside a record: a start after a kill here
+            // takes the rest of that record from the file's own records.
+            ConsumeRing(pHead, nWriteSize, -1, nPos);
         }
         if (!WritePiece(fd, lpRing + nPos, (int)nLeft, nWriteSize, m_pWriterState)) return;
         nWriteSize += (int)nLeft;
-        // The bytes are in the file before the engine may reuse their room.
-        TalvorFlushCPU4Write();
-        pHead->m_nReadPos = piece.m_nAfter;
-        if (m_hLogEmptyEvent != nullptr) SetEvent(m_hLogEmptyEvent);
+        const BOOL bLast = piece.m_nAfter == nWritePos;
+        ConsumeRing(pHead, nWriteSize, bLast ? nItemSize : -1, piece.m_nAfter);
     }
     m_stStats.m_nBytes += (long long)nFirst + nSecond;
+    SyncBurst(fd);
     if (nItemSize == 0) {
         TalvorFlushCPU4Read();
         int nNow = pHead->m_nWritePos;
@@ -657,5 +771,37 @@ void CTalvorRedoLog::WriteLogFile(LPTALVORCRITICALSECTION, LPFILE_TRACEMEMFILEHE
             if (nSec > 3 && nWriteSize / nSec <= 9) bFlushFlag = TRUE;
         }
     }
+}
+
+// The three fields a start after a kill reads are stored in this order: the
+// file's size first (its bytes are written), then what is missing of a cut
+// record (-1: not known here, the file's records tell), then the read
+// position that gives the room back to the engine. A kill between any two
+// of them leaves bytes that are both in the file and in the ring, never
+// bytes that are in neither.
+void CTalvorRedoLog::ConsumeRing(LPFILE_TRACEMEMFILEHEAD pHead, int nWriteSize, int nItemSize, int nReadPos)
+{
+    TalvorFlushCPU4Write();
     pHead->m_nLogPos = nWriteSize;
+    pHead->m_nItemSize = nItemSize;
+    TalvorFlushCPU4Write();
+    pHead->m_nReadPos = nReadPos;
+    if (m_hLogEmptyEvent != nullptr) SetEvent(m_hLogEmptyEvent);
+}
+
+// "forceflushlog" 1: every burst drained into the group ends with an
+// fdatasync, so that what the writer published survives a power loss;
+// 0: the page cache only (a kill of the daemon or a crash of the engine
+// loses nothing, a power loss may lose the bursts not yet written back).
+void CTalvorRedoLog::SyncBurst(int fd)
+{
+    if (m_nForceFlushLog == 0 || fd < 0) return;
+    if (CTalvorFileIO::Current()->FDataSync(fd) == 0) return;
+    int nErr = errno;
+    char szPath[MAX_PATH + 32];
+    GroupPath(m_bCurrentRedoGroup, szPath, sizeof(szPath));
+    Trace("WriteLog", 1, 30003032,
+          TALVOR_TEXT("同步Redo日志文件失败！文件路径：%s，错误：(%d)%s",
+                      "Failed to sync the redo log file! Path: %s, error: (%d)%s"),
+          szPath, nErr, strerror(nErr));
 }

@@ -56,6 +56,8 @@ void WriterCleanup(void* lpContext)
     LPFILE_TRACEMEMFILEHEAD pHead = (LPFILE_TRACEMEMFILEHEAD)pCtx->m_pLog->m_pLogFileAddr;
     if (pHead != nullptr) {
         pHead->m_bReadException = REDOREAD_EXCEPTION;
+        // The engine resets the ring: no rest of a cut record will come.
+        pHead->m_nItemSize = 0;
         pHead->m_nReadPos = pHead->m_nFileHeaderSize;
     }
     usleep(32000);

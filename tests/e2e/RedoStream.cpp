@@ -348,3 +348,36 @@ TEST_F(RedoStream, WriterCrashIsContainedAndNoDrainedRecordIsLost)
     EXPECT_EQ("", strError);
     EXPECT_TRUE(strLogs == strExpected) << FirstDifference(strLogs, strExpected);
 }
+
+// The daemon is killed (SIGKILL) again and again while the stand-in commits
+// a mix up to the ring's size: records in two pieces, a writer inside one of
+// them, groups being opened and sealed. Each new daemon takes the ring as the
+// killed one left it; the stand-in never has to reset it, and the logs
+// joined in number order are its stream.
+TEST_F(RedoStream, KillsWithRecordsInFlightLoseNothing)
+{
+    MakeAndConfigure(3, Des("Arch"));
+    Start();
+    const std::string strStream = m_box.Root() + "/stream.bin";
+    pid_t peer = m_box.Spawn({PeerPath(), "redo", "--records", "2000", "--seed", "41", "--burst", "3", "--out", strStream,
+                              "--timeout", "120000"},
+                             "peer");
+    ASSERT_GT(peer, 0);
+    const int arKillAfterMs[] = {150, 400, 250, 700, 330, 120, 510, 90};
+    for (int nKillMs : arKillAfterMs) {
+        usleep((useconds_t)nKillMs * 1000);
+        m_box.Signal(m_pid, SIGKILL);
+        m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS);
+        Start();
+    }
+    ASSERT_EQ(0, m_box.WaitExit(peer, 240000)) << ReadWholeFile(m_box.Root() + "/peer.out");
+    std::string strPeer = ReadWholeFile(m_box.Root() + "/peer.out");
+    EXPECT_NE(std::string::npos, strPeer.find(" resets=0 ")) << strPeer << m_box.ReadDaemonTrace();
+    Stop();
+    std::string strError;
+    std::string strLogs = JoinedLogs(m_box, Des("Arch"), 3, &strError);
+    std::string strExpected = ReadWholeFile(strStream);
+    EXPECT_EQ("", strError);
+    ASSERT_GT(strExpected.size(), (size_t)(2 * REDORING_SEGMENT_SIZE_SMALL));
+    EXPECT_TRUE(strLogs == strExpected) << FirstDifference(strLogs, strExpected) << m_box.ReadDaemonTrace();
+}

@@ -1,0 +1,277 @@
+// Unit: the writer killed (SIGKILL) before and after every write it makes
+// to a group file, and a new writer started on what the kill left: the ring
+// and the system head in shared memory, the group files on disk. Whatever
+// the moment, the logs joined in number order must be the engine's stream,
+// byte for byte, numbered with no gap: no record lost (a record cut in two
+// pieces included), none twice (a stale record of a group's previous log
+// included).
+#include "FaultFileIO.h"
+#include "RedoLogFixture.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <map>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+using namespace talvortest;
+
+namespace {
+
+const int CHILD_DONE = 3; // the child ran to its end without being killed
+
+// What the dead writer's process leaves to the next one besides the files.
+struct SharedState {
+    SYSTEMFILEHEAD m_stHead;
+    volatile long long m_nProduced; // bytes of the stream the engine put into the ring
+};
+
+enum class KillAt { BeforeWrite, AfterWrite };
+
+class RedoKill : public RedoFixture {
+protected:
+    void SetUp() override
+    {
+        RedoFixture::SetUp();
+        memcpy(&m_stTemplate, m_pHead, sizeof(m_stTemplate));
+    }
+
+    void TearDown() override
+    {
+        Unmap();
+        RedoFixture::TearDown();
+    }
+
+    void Unmap()
+    {
+        delete m_pRedo;
+        m_pRedo = nullptr;
+        if (m_pRing != nullptr) munmap(m_pRing, (size_t)m_nRingSize);
+        m_pRing = nullptr;
+        if (m_pShared != nullptr) {
+            munmap(m_pShared, sizeof(SharedState));
+            // The fixture frees a head of its own.
+            m_pHead = (LPSYSTEMFILEHEAD)calloc(1, sizeof(SYSTEMFILEHEAD));
+        }
+        m_pShared = nullptr;
+    }
+
+    // Every run starts over: fresh group files, ring and head.
+    void StartOver(const std::string& strRun)
+    {
+        Unmap();
+        m_strDir = m_tree.Dir() + strRun + "/";
+        ASSERT_EQ(0, mkdir(m_strDir.c_str(), 0755));
+        ASSERT_EQ(0, mkdir((m_strDir + "collected").c_str(), 0755));
+        free(m_pHead);
+        m_pHead = (LPSYSTEMFILEHEAD)calloc(1, sizeof(SYSTEMFILEHEAD));
+        memcpy(m_pHead, &m_stTemplate, sizeof(m_stTemplate));
+        m_bExit = FALSE;
+        memset(&m_st, 0, sizeof(m_st));
+        MakeSharedRing(4096);
+    }
+
+    // Ring and system head where a killed process leaves them: in memory
+    // shared with the one that starts next.
+    void MakeSharedRing(int nDataSize)
+    {
+        m_nRingSize = RING_HEAD + nDataSize;
+        m_pRing = (LPBYTE)mmap(nullptr, (size_t)m_nRingSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        ASSERT_NE(MAP_FAILED, (void*)m_pRing);
+        TraceRingInitHead(m_pRing, m_nRingSize, TRACEMEM_FILETYPE_REDO);
+        m_pShared = (SharedState*)mmap(nullptr, sizeof(SharedState), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
+                                       -1, 0);
+        ASSERT_NE(MAP_FAILED, (void*)m_pShared);
+        memcpy(&m_pShared->m_stHead, m_pHead, sizeof(SYSTEMFILEHEAD));
+        free(m_pHead);
+        m_pHead = &m_pShared->m_stHead;
+    }
+
+    // Plays the archiver, keeping each log's body in a file of its own (plain
+    // I/O, so that no kill lands in it).
+    void Collect()
+    {
+        for (;;) {
+            int nFound = -1;
+            for (int g = 0; g < m_pRedo->m_nWriteRedoOnlineGroups; g++) {
+                LPTALVORREDOGROUP p = m_pRedo->GetGroup(g);
+                if (p->m_bState == REDOGROUP_SEALED &&
+                    (nFound < 0 || p->m_nSequenceNO < m_pRedo->GetGroup(nFound)->m_nSequenceNO))
+                    nFound = g;
+            }
+            if (nFound < 0) return;
+            std::string strPath = m_strDir + "Redo" + std::to_string(nFound) + ".log";
+            std::string strFile = ReadWholeFile(strPath);
+            MF_REDOLOGFILEHEAD h;
+            memcpy(&h, strFile.data(), sizeof(h));
+            ASSERT_EQ(REDOGROUP_SEALED, +h.m_bState);
+            ASSERT_LE((size_t)h.m_nEffectiveSize, strFile.size());
+            ASSERT_TRUE(WriteWholeFile(m_strDir + "collected/" + std::to_string(h.m_nSequenceNO),
+                                       strFile.substr(REDOLOGFILE_HEAD_SIZE, h.m_nEffectiveSize - REDOLOGFILE_HEAD_SIZE)));
+            h.m_bState = REDOGROUP_ARCHIVED;
+            ASSERT_TRUE(WriteFileAt(strPath, 0, std::string((const char*)&h, sizeof(h))));
+            m_pRedo->GetGroup(nFound)->m_bState = REDOGROUP_ARCHIVED;
+        }
+    }
+
+    bool PassAndCollect()
+    {
+        bool bEnded = m_pRedo->WritePass(m_st, &m_stCrit);
+        Collect();
+        return bEnded;
+    }
+
+    // The engine's work from where the shared count stands: the ring filled,
+    // the writer drained, now and then a pass with the ring not yet full.
+    void ProduceFrom(const std::string& strStream, const std::vector<size_t>& vBoundaries)
+    {
+        size_t nRecord = 0;
+        while (nRecord < vBoundaries.size() && vBoundaries[nRecord] <= (size_t)m_pShared->m_nProduced) nRecord++;
+        int nStall = 0;
+        while ((size_t)m_pShared->m_nProduced < strStream.size()) {
+            size_t nDone = (size_t)m_pShared->m_nProduced;
+            int n = TraceRingWrite(m_pRing, m_nRingSize, strStream.data() + nDone, (int)(strStream.size() - nDone));
+            m_pShared->m_nProduced += n;
+            if (n == 0) {
+                PassAndCollect();
+                // The writer gave up on the ring: the engine would reset it,
+                // and what it held is lost.
+                if (++nStall >= 1000) {
+                    m_bStalled = true;
+                    return;
+                }
+                continue;
+            }
+            nStall = 0;
+            while (nRecord < vBoundaries.size() && vBoundaries[nRecord] <= (size_t)m_pShared->m_nProduced) {
+                if (nRecord % 3 == 0) PassAndCollect();
+                nRecord++;
+            }
+        }
+    }
+
+    void Finish()
+    {
+        m_bExit = TRUE;
+        for (int i = 0; i < 5000 && !PassAndCollect(); i++) {
+        }
+        Collect();
+    }
+
+    // The collected logs in number order; "" and a message on a gap.
+    std::string Joined(std::string& strError)
+    {
+        std::map<UINT, std::string> mapLogs;
+        for (const std::string& strPath : ListFiles(m_strDir + "collected/")) {
+            UINT nNo = (UINT)atoi(strPath.c_str() + strPath.rfind('/') + 1);
+            mapLogs[nNo] = ReadWholeFile(strPath);
+        }
+        std::string strAll;
+        UINT nExpect = 1;
+        for (const auto& kv : mapLogs) {
+            if (kv.first != nExpect) strError += "log " + std::to_string(kv.first) + " where " + std::to_string(nExpect) + " was due; ";
+            nExpect = kv.first + 1;
+            strAll += kv.second;
+        }
+        return strAll;
+    }
+
+    // A stream that wraps the small ring and the groups many times: records
+    // larger than a quarter of the ring (drained in two or more pieces),
+    // larger than the whole ring, records without timestamp (a stale one
+    // looks like a fresh one), types with and without trailer.
+    void MakeStream(std::string& strStream, std::vector<size_t>& vBoundaries)
+    {
+        const int arSizes[] = {24, 300, 1500, 28, 700, 2600, 5000, 90, 1100, 40, 3300, 200};
+        long long nTs = 0;
+        for (int i = 0; i < 48; i++) {
+            int nSize = arSizes[i % 12] + (i % 5) * 4;
+            BYTE bType = (BYTE)(i % 7 == 3 ? 12 : 1 + i % 3);
+            bool bNoTimestamp = i % 4 == 1;
+            strStream += Record(nSize, bType, bNoTimestamp ? 0 : ++nTs);
+            vBoundaries.push_back(strStream.size());
+        }
+    }
+
+    // One run: a child process writes the stream and is killed at the
+    // nth write to a group file; the parent starts a new writer on what is
+    // left and finishes. FALSE once n is past the last write.
+    bool RunKilledAt(long long nWrite, KillAt eAt, const std::string& strStream, const std::vector<size_t>& vBoundaries)
+    {
+        pid_t pid = fork();
+        if (pid == 0) {
+            FaultFileIO io;
+            ScopedFileIO scoped(&io);
+            long long nSeen = 0;
+            FileHook fnKill = [&](const FileCall& call) {
+                if (call.m_strPath.find("/Redo") == std::string::npos) return;
+                if (++nSeen == nWrite) kill(getpid(), SIGKILL);
+            };
+            if (eAt == KillAt::BeforeWrite)
+                io.OnCall(FileOp::PWrite, fnKill);
+            else
+                io.AfterCall(FileOp::PWrite, fnKill);
+            if (!InitRedo()) _exit(1);
+            m_pRedo->StartWriter(m_st);
+            ProduceFrom(strStream, vBoundaries);
+            Finish();
+            _exit(CHILD_DONE);
+        }
+        int nStatus = 0;
+        EXPECT_EQ(pid, waitpid(pid, &nStatus, 0));
+        if (WIFEXITED(nStatus)) {
+            EXPECT_EQ(CHILD_DONE, WEXITSTATUS(nStatus));
+            return false;
+        }
+        EXPECT_TRUE(WIFSIGNALED(nStatus) && WTERMSIG(nStatus) == SIGKILL);
+        // The next process on the same files, ring and head.
+        delete m_pRedo;
+        m_pRedo = nullptr;
+        EXPECT_TRUE(InitRedo());
+        m_pRedo->StartWriter(m_st);
+        ProduceFrom(strStream, vBoundaries);
+        Finish();
+        return true;
+    }
+
+    SharedState* m_pShared = nullptr;
+    SYSTEMFILEHEAD m_stTemplate;
+    bool m_bStalled = false;
+};
+
+} // namespace
+
+TEST_F(RedoKill, KilledBeforeOrAfterAnyWriteLosesNoRecordAndRevivesNone)
+{
+    std::string strStream;
+    std::vector<size_t> vBoundaries;
+    MakeStream(strStream, vBoundaries);
+    int nRuns = 0;
+    std::vector<std::string> vFailed;
+    for (KillAt eAt : {KillAt::BeforeWrite, KillAt::AfterWrite}) {
+        for (long long n = 1;; n++) {
+            const std::string strCase = std::string(eAt == KillAt::BeforeWrite ? "before" : "after") + " write " +
+                                        std::to_string(n);
+            StartOver((eAt == KillAt::BeforeWrite ? "b" : "a") + std::to_string(n));
+            if (HasFatalFailure()) return;
+            m_bStalled = false;
+            bool bKilled = RunKilledAt(n, eAt, strStream, vBoundaries);
+            if (!bKilled) break;
+            nRuns++;
+            std::string strError;
+            std::string strLogs = Joined(strError);
+            if (m_bStalled) strError += "the writer stopped draining the ring; ";
+            if (strLogs.size() < strStream.size()) strError += "bytes lost; ";
+            if (strLogs.size() > strStream.size()) strError += "bytes twice; ";
+            if (strError.empty() && strLogs != strStream) strError += "bytes differ; ";
+            if (!strError.empty()) vFailed.push_back(strCase + ": " + strError);
+        }
+    }
+    EXPECT_GT(nRuns, 100) << "the stream must take many writes";
+    std::string strFailed;
+    for (size_t i = 0; i < vFailed.size() && i < 12; i++) strFailed += vFailed[i] + "\n";
+    EXPECT_TRUE(vFailed.empty()) << vFailed.size() << " of " << nRuns << " kills broke the stream, first ones:\n"
+                                 << strFailed;
+}

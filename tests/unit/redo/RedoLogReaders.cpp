@@ -1,0 +1,129 @@
+// Unit: what a standby reader sees of the groups while the writer works:
+// a group changing logs, a size asked for while the engine's seal request
+// stands, and the timestamps a sealed head gives a reader.
+#include "FaultFileIO.h"
+#include "RedoLogFixture.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+using namespace talvortest;
+
+namespace {
+
+MF_REDOLOGFILEHEAD HeadOfGroup(const std::string& strDir, int nGroup)
+{
+    MF_REDOLOGFILEHEAD h;
+    memset(&h, 0, sizeof(h));
+    std::string s = ReadWholeFile(strDir + "Redo" + std::to_string(nGroup) + ".log");
+    if (s.size() >= sizeof(h)) memcpy(&h, s.data(), sizeof(h));
+    return h;
+}
+
+} // namespace
+
+// The group of log 1 is reused for log 4. While its new head is being
+// written, a reader asking for log 4 or log 1 must get "not yet" or "gone",
+// never the group with log 1's size under log 4's number.
+TEST_F(RedoFixture, ReaderNeverSeesThePreviousLogsSizeWhileAGroupOpens)
+{
+    MakeRing(8192);
+    FaultFileIO io;
+    ScopedFileIO scoped(&io);
+    ASSERT_TRUE(InitRedo());
+    m_pRedo->StartWriter(m_st);
+    for (int i = 0; i < 3; i++) {
+        Produce(Record(3000, 1, i + 1));
+        Pass();
+        Pass();
+    }
+    ASSERT_EQ(2, m_nSeals);
+    ASSERT_EQ(3u, m_pRedo->GetGroup(2)->m_nSequenceNO);
+    Ring()->m_bFlushFlag = REDOFLUSH_SEAL;
+    Pass();
+    ASSERT_EQ(REDOGROUP_ARCHIVED, m_pRedo->GetGroup(0)->m_bState);
+    ASSERT_EQ(50 + 3000, m_pRedo->GetGroup(0)->m_nWriteSize) << "log 1's size still in its entry";
+
+    TALVORCRITICALSECTION stReader;
+    InitThreadCritSection(&stReader);
+    int nSeen = 0;
+    std::string strSeen;
+    io.OnCall(FileOp::PWrite, [&](const FileCall& call) {
+        if (call.m_strPath.find("/Redo0.log") == std::string::npos || call.m_nOffset != 0 ||
+            call.m_nSize != REDOLOGFILE_HEAD_SIZE || nSeen++ != 0)
+            return;
+        char szPath[MAX_PATH];
+        for (UINT nLog : {1u, 4u}) {
+            int nGroup = -1;
+            BYTE bCur = 0;
+            int nSize = m_pRedo->GetWritePos(nLog, nGroup, bCur, szPath, &stReader);
+            if (nGroup == 0 && nSize != 0)
+                strSeen += "log " + std::to_string(nLog) + " in group 0 with " + std::to_string(nSize) + " bytes; ";
+            m_pRedo->ReleaseRedoLog(nGroup, &stReader);
+        }
+        if (m_pRedo->GetGroup(0)->m_nSequenceNO == 4 && m_pRedo->GetGroup(0)->m_nWriteSize != 0)
+            strSeen += "entry of log 4 with the old size; ";
+    });
+    Produce(Record(500, 1, 4));
+    Pass();
+    io.OnCall(FileOp::PWrite, nullptr);
+    EXPECT_EQ(1, nSeen) << "the head of log 4 was written once";
+    EXPECT_EQ("", strSeen);
+    EXPECT_EQ(4u, m_pRedo->GetGroup(0)->m_nSequenceNO);
+    Stop();
+    EXPECT_TRUE(m_strStream == m_strLogs);
+}
+
+// The engine asked for a seal; a reader that wants the size meanwhile must
+// not turn that request into a mere publish.
+TEST_F(RedoFixture, ReadersSizeRequestLeavesTheEnginesSealRequest)
+{
+    MakeRing(8192);
+    ASSERT_TRUE(InitRedo());
+    m_pRedo->StartWriter(m_st);
+    Produce(Record(700, 1, 1));
+    Pass();
+    ASSERT_EQ(REDOGROUP_WRITING, m_pRedo->GetGroup(0)->m_bState);
+    Ring()->m_bFlushFlag = REDOFLUSH_SEAL;
+    // The writer's next pass comes while the reader waits.
+    std::thread writer([&] {
+        usleep(50000);
+        m_pRedo->WritePass(m_st, &m_stCrit);
+    });
+    EVENTTYPE ev;
+    int nSize = m_pRedo->GetWriteSize(0, TRUE, ev);
+    writer.join();
+    EXPECT_EQ(REDOGROUP_SEALED, m_pRedo->GetGroup(0)->m_bState) << "the engine's seal request was lost";
+    EXPECT_EQ(50 + 700, nSize);
+    EXPECT_EQ(0, +Ring()->m_bFlushFlag);
+    Harvest();
+    Stop();
+    EXPECT_TRUE(m_strStream == m_strLogs);
+}
+
+TEST_F(RedoFixture, LogOfOneStretchEndsAtItsLargestTimestamp)
+{
+    MakeRing(8192);
+    ASSERT_TRUE(InitRedo());
+    m_pRedo->StartWriter(m_st);
+    Produce(Record(100, 1, 5));
+    Produce(Record(100, 1, 7));
+    Produce(Record(100, 12, 0));
+    Produce(Record(100, 1, 6));
+    Pass();
+    Ring()->m_bFlushFlag = REDOFLUSH_SEAL;
+    Pass();
+    ASSERT_EQ(1, m_nSeals);
+    MF_REDOLOGFILEHEAD h = HeadOfGroup(m_strDir, 0);
+    EXPECT_EQ(5, h.m_nBeginTimestamp);
+    EXPECT_EQ(7, h.m_nEndTimestamp);
+    // The next log does not inherit the end of this one.
+    Produce(Record(100, 1, 3));
+    Pass();
+    Ring()->m_bFlushFlag = REDOFLUSH_SEAL;
+    Pass();
+    ASSERT_EQ(2, m_nSeals);
+    EXPECT_EQ(3, HeadOfGroup(m_strDir, 1).m_nEndTimestamp);
+    Stop();
+}

@@ -1,0 +1,122 @@
+// Unit: a clean stop while the archiver is behind. The writer and the
+// archiver run as the service runs them, on threads of their own; the copy
+// of the first log hangs longer than a stop used to wait. The stop must
+// drain the ring into the groups all the same, saying how it goes; what the
+// archiver leaves sealed at its end stays sealed, and the next start
+// archives it.
+#include "FaultFileIO.h"
+#include "RedoLogFixture.h"
+
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <thread>
+
+using namespace talvortest;
+
+namespace {
+
+std::mutex g_mxLines;
+std::string g_strLines;
+
+void KeepLine(LPCTSTR szFunction, LONG nLevel, LONG nCode, LPCTSTR szText)
+{
+    std::lock_guard<std::mutex> lock(g_mxLines);
+    g_strLines += std::to_string(nLevel) + " " + std::to_string(nCode) + " " + szFunction + " " + szText + "\n";
+}
+
+size_t CountOf(const std::string& s, const std::string& strWhat)
+{
+    size_t n = 0;
+    for (size_t p = s.find(strWhat); p != std::string::npos; p = s.find(strWhat, p + 1)) n++;
+    return n;
+}
+
+const long long ARCHIVE_HANG_MS = 11000; // longer than the 10 s a stop used to wait for a group
+
+} // namespace
+
+TEST_F(RedoFixture, CleanStopWithTheArchiverBehindDrainsTheRingAndTheNextStartArchivesTheRest)
+{
+    MakeRing(32768);
+    m_pHead->m_nTalvorArchiveType = 1;
+    snprintf(m_pHead->m_lpArchiveDesPath, sizeof(m_pHead->m_lpArchiveDesPath), "%sA", m_strDir.c_str());
+    FaultFileIO io;
+    ScopedFileIO scoped(&io);
+    ASSERT_TRUE(InitRedo());
+    // Five logs of one record each (a record larger than a group fills one),
+    // all in the ring when the stop comes.
+    std::vector<std::string> vLogs;
+    for (int i = 0; i < 5; i++) {
+        vLogs.push_back(Record(4100, 1, i + 1));
+        ASSERT_EQ(4100, TraceRingWrite(m_pRing, m_nRingSize, vLogs.back().data(), 4100));
+    }
+    bool bHung = false;
+    io.OnCall(FileOp::PWrite, [&](const FileCall& call) {
+        if (bHung || call.m_strPath.find("/ArchiveLog/") == std::string::npos) return;
+        bHung = true;
+        usleep(ARCHIVE_HANG_MS * 1000);
+    });
+    LPTALVORTRACESINK pOld = TraceInstallSink(KeepLine);
+    g_strLines.clear();
+    m_bExit = TRUE;
+    // What the archiver has not done when its time after the writer's end
+    // is up stays sealed.
+    m_pRedo->m_nArchiveStopLimitMs = -1;
+    std::thread writer([&] {
+        TALVORCRITICALSECTION stCrit;
+        InitThreadCritSection(&stCrit);
+        m_pRedo->WriteLog(stCrit);
+    });
+    std::thread archiver([&] {
+        void* hFile = nullptr;
+        void* hSrc = nullptr;
+        m_pRedo->ArchiveFile(hFile, hSrc);
+    });
+    writer.join();
+    archiver.join();
+    io.OnCall(FileOp::PWrite, nullptr);
+    std::string strLines;
+    {
+        std::lock_guard<std::mutex> lock(g_mxLines);
+        strLines = g_strLines;
+    }
+    EXPECT_TRUE(bHung);
+    EXPECT_EQ(+Ring()->m_nReadPos, +Ring()->m_nWritePos) << "the stop left bytes in the ring\n" << strLines;
+    EXPECT_GE(CountOf(strLines, "30003033 WriteLog "), 2u) << strLines;
+    EXPECT_EQ(0u, CountOf(strLines, "30003034")) << strLines;
+    int nSealed = 0;
+    for (int g = 0; g < 3; g++) nSealed += m_pRedo->GetGroup(g)->m_bState == REDOGROUP_SEALED;
+    EXPECT_GT(nSealed, 0) << "the archiver was to leave a backlog\n" << strLines;
+    EXPECT_EQ(6u, +m_pHead->m_nRedoLogMaxID);
+
+    // The next start (a new ring: the stop took the old one along) calls
+    // nothing archived that is not, and archives the backlog.
+    delete m_pRedo;
+    m_pRedo = nullptr;
+    memset(m_pRing, 0, (size_t)m_nRingSize);
+    TraceRingInitHead(m_pRing, m_nRingSize, TRACEMEM_FILETYPE_REDO);
+    m_bExit = FALSE;
+    ASSERT_TRUE(InitRedo());
+    int nOldestSealed = 0;
+    for (int g = 0; g < 3; g++) {
+        LPTALVORREDOGROUP p = m_pRedo->GetGroup(g);
+        if (p->m_bState == REDOGROUP_SEALED && (nOldestSealed == 0 || (int)p->m_nSequenceNO < nOldestSealed))
+            nOldestSealed = (int)p->m_nSequenceNO;
+    }
+    ASSERT_GT(nOldestSealed, 0);
+    EXPECT_EQ(nOldestSealed - 1, +Ring()->m_nLogArchiveNo) << "a sealed log was called archived";
+    m_pRedo->m_bArchiveExit = TRUE;
+    SetEvent(m_pRedo->m_hArchiveEvent);
+    void* hFile = nullptr;
+    void* hSrc = nullptr;
+    m_pRedo->ArchiveFile(hFile, hSrc);
+    TraceInstallSink(pOld);
+    for (int g = 0; g < 3; g++) EXPECT_EQ(REDOGROUP_ARCHIVED, m_pRedo->GetGroup(g)->m_bState) << g;
+    EXPECT_EQ(5, +Ring()->m_nLogArchiveNo);
+    for (int nLog = 1; nLog <= 5; nLog++) {
+        std::string strCopy = ReadWholeFile(m_strDir + "A/ArchiveLog/Log" + std::to_string(nLog) + ".log");
+        ASSERT_EQ((size_t)REDOLOGFILE_HEAD_SIZE + 4100, strCopy.size()) << nLog;
+        EXPECT_TRUE(strCopy.substr(REDOLOGFILE_HEAD_SIZE) == vLogs[(size_t)nLog - 1]) << nLog;
+    }
+}
