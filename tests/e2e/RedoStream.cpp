@@ -176,6 +176,38 @@ TEST_F(RedoStream, MixedStreamComesOutOfTheArchiveByteForByte)
     EXPECT_NE(std::string::npos, strAll.find("Redo log Writer thread ended!")) << strAll;
 }
 
+// The engine commits redo records and changes rows at the same time, as it
+// does: the stream comes out of the archive whole, and every committed row
+// change is on disk, while the passes and the redo writer share the disk.
+TEST_F(RedoStream, RedoAndRowChangesTogetherLoseNeither)
+{
+    ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(),
+                        {"--name", "MIX", "--redo-groups", "3", "--data-file", "8", "--btree-file", "4", "--kv-file", "4"}));
+    WriteDbIni(m_box, m_box.DataDir(), "archivetype=1\r\narchivedespath=" + Des("Arch") + "\r\npersistenceintervals=1\r\n");
+    Start();
+    std::string strJournal = m_box.Root() + "/journal";
+    pid_t peer = m_box.Spawn({PeerPath(), "data", "--journal", strJournal, "--live", "--count", "100000000", "--seconds",
+                              "8", "--pause-us", "300", "--pass-every", "500", "--objects", "2", "--map-blocks", "2",
+                              "--nothing-to-save", "20", "--quiet"},
+                             "data");
+    ASSERT_GT(peer, 0);
+    std::string strStream = m_box.Root() + "/stream.bin";
+    Commit({"--records", "400", "--seed", "5", "--burst", "5"}, strStream);
+    EXPECT_EQ(0, m_box.WaitExit(peer, 120000)) << ReadWholeFile(m_box.Root() + "/data.out");
+    Stop();
+    std::string strError;
+    std::string strLogs = JoinedLogs(m_box, Des("Arch"), 3, &strError);
+    std::string strExpected = ReadWholeFile(strStream);
+    EXPECT_EQ("", strError);
+    EXPECT_TRUE(strLogs == strExpected) << FirstDifference(strLogs, strExpected);
+    std::string strVerify;
+    EXPECT_EQ(0, m_box.Run({PeerPath(), "verify", "--journal", strJournal, "--system", m_box.DataDir() + "System.dbf"},
+                           60000, &strVerify))
+        << strVerify;
+    EXPECT_NE(std::string::npos, strVerify.find("violations: 0")) << strVerify;
+    EXPECT_GT(NumberAfter(strVerify, "rows checked: "), 100) << strVerify;
+}
+
 TEST_F(RedoStream, FirstStartMakesEveryGroupAtItsNominalSize)
 {
     MakeAndConfigure(4, Des("Arch"));
