@@ -2,6 +2,7 @@
 // a group changing logs, a size asked for while the engine's seal request
 // stands, and the timestamps a sealed head gives a reader.
 #include "FaultFileIO.h"
+#include "PackedValue.h"
 #include "RedoLogFixture.h"
 
 #include <gtest/gtest.h>
@@ -116,14 +117,14 @@ TEST_F(RedoFixture, LogOfOneStretchEndsAtItsLargestTimestamp)
     Pass();
     ASSERT_EQ(1, m_nSeals);
     MF_REDOLOGFILEHEAD h = HeadOfGroup(m_strDir, 0);
-    EXPECT_EQ(5, h.m_nBeginTimestamp);
-    EXPECT_EQ(7, h.m_nEndTimestamp);
+    EXPECT_EQ(5, talvortest::Val(h.m_nBeginTimestamp));
+    EXPECT_EQ(7, talvortest::Val(h.m_nEndTimestamp));
     // The next log does not inherit the end of this one.
     Produce(Record(100, 1, 3));
     Pass();
     Ring()->m_bFlushFlag = REDOFLUSH_SEAL;
     Pass();
     ASSERT_EQ(2, m_nSeals);
-    EXPECT_EQ(3, HeadOfGroup(m_strDir, 1).m_nEndTimestamp);
+    EXPECT_EQ(3, talvortest::Val(HeadOfGroup(m_strDir, 1).m_nEndTimestamp));
     Stop();
 }
