@@ -68,12 +68,16 @@ int CTalvorCacheStorage::Initialize(LPCTSTR lpszMemFileName, int nCacheBufferSiz
               TALVOR_TEXT("内存文件映射内存失败，错误代码：%d，内存文件：%s",
                           "Memory file mapping memory failure, error code: %d, memory file: %s"),
               errno, lpszMemFileName);
+        if (bFound) LetGoOfSurvivor();
         return E_FAIL;
     }
     m_pCacheBufferHead = (LPCacheBufferHead)m_pCacheBufferAddr;
     if (bFound) {
         nResult = TakeOverOrRebuild(lpszMemFileName);
-        if (nResult != 0) return nResult;
+        if (nResult != 0) {
+            LetGoOfSurvivor();
+            return nResult;
+        }
     } else {
         BuildHead(FALSE);
         Trace("Initialize", 3, 60001000,
@@ -308,6 +312,14 @@ void CTalvorCacheStorage::ResetPools()
         m_pFlushTimestampFile[i].m_bStatus = 0;
         m_pFlushTimestampFile[i].m_bCacheBlockNo = (BYTE)i;
     }
+}
+
+// A survivor this start refused is not ours: the end of this run must not
+// remove what the engine still works in.
+void CTalvorCacheStorage::LetGoOfSurvivor()
+{
+    Detach();
+    m_hCacheBufferFile = 0;
 }
 
 void CTalvorCacheStorage::Detach()

@@ -43,7 +43,8 @@ typedef struct _stu_FileLoadInfo {
 class CTalvorCacheStorage {
 public:
     CTalvorCacheStorage();
-    // Detaches the segment and removes it: a normal end leaves no cache.
+    // Detaches the segment and removes it: a normal end leaves no cache. A
+    // survivor that Initialize refused is left in place.
     virtual ~CTalvorCacheStorage();
 
     // Every buffer of a direct transfer: 512-aligned, released with free().
@@ -158,6 +159,7 @@ private:
     void BuildFreeChain();
     void SetPointers();
     void ResetPools();
+    void LetGoOfSurvivor();
     void Detach();
 
     // Chains (TalvorCacheChain.cpp); m_csCache held.
