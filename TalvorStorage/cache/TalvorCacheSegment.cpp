@@ -156,7 +156,7 @@ int CTalvorCacheStorage::TakeOverOrRebuild(LPCTSTR lpszMemFileName)
     LPCacheBufferHead h = m_pCacheBufferHead;
     BOOL bMarked = h->m_nDataFlag == CACHEBUFFER_DATAFLAG;
     BYTE bStatus = h->m_bStatus;
-    if (bMarked && bStatus == CACHESTATUS_READY && IsSurvivorWhole()) {
+    if (bMarked && bStatus == CACHESTATUS_READY && (IsSurvivorWhole() || IsSurvivorWholeWithItsOwnFIFO())) {
         m_bExists = TRUE;
         Trace0("Initialize", 3, 60001000,
                TALVOR_TEXT("在内存中发现缓存数据，系统自动跳过数据加载过程！",
@@ -206,6 +206,27 @@ BOOL CTalvorCacheStorage::IsSurvivorWhole() const
     if (h->m_nLoadCacheNo != 0 && !IsCacheBlock(h->m_nLoadCacheNo)) return FALSE;
     if (h->m_nLoadCacheOffset >= (UINT)CACHE_BLOCK_SIZE || h->m_nLoadCacheOffset % 32 != 0) return FALSE;
     return AreSurvivorChainsBounded() && AreSurvivorLoadGroupsBounded();
+}
+
+// A ready cache made with another LRU share ("LRUPercent" changed since):
+// whole as it stands, it is taken over with its own FIFO area rather than
+// thrown away with the engine's unwritten blocks; the new share takes effect
+// when the cache is next made. m_layout becomes the survivor's when it fits.
+BOOL CTalvorCacheStorage::IsSurvivorWholeWithItsOwnFIFO()
+{
+    long long llFIFOSize = m_pCacheBufferHead->m_nFIFOSize;
+    if (llFIFOSize == m_layout.m_llFIFOSize || llFIFOSize < 0 || llFIFOSize % 1048576 != 0) return FALSE;
+    CACHELAYOUT asked = m_layout;
+    if (!CacheComputeLayout(m_layout.m_llTotalSize, llFIFOSize, m_layout) || !IsSurvivorWhole()) {
+        m_layout = asked;
+        return FALSE;
+    }
+    m_nFIFOSize = m_layout.m_llFIFOSize;
+    Trace("Initialize", 3, 60001012,
+          TALVOR_TEXT("内存中的缓存FIFO区为%lldMB而不是%lldMB，按原样接管，新的LRU比例在下次建立缓存时生效",
+                      "The cache in memory has a FIFO area of %lldMB instead of %lldMB: it is taken over as it is, the new LRU percent applies when the cache is next made"),
+          llFIFOSize / 1048576, asked.m_llFIFOSize / 1048576);
+    return TRUE;
 }
 
 // The free chain and every file's chain stay in the block area, end, and

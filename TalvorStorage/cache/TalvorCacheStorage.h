@@ -53,7 +53,7 @@ public:
     // Makes the segment of nCacheBufferSize MiB, or takes over the one that
     // survived a restart. A survivor with status CACHESTATUS_READY, its own
     // size and a head that passes every bound is kept byte for byte
-    // (m_bExists TRUE). One with status 1 or 255, another size, a damaged
+    // (m_bExists TRUE), with its own FIFO area if nLRUPercent has changed. One with status 1 or 255, another size, a damaged
     // mark or a field out of bounds is rebuilt as new, all its tables reset,
     // unless another process is attached to it: then the start is refused.
     // Result: S_OK; 1 when the kernel refuses the segment (e.g. its size
@@ -152,6 +152,7 @@ private:
     int FindOrCreateSegment(LPCTSTR lpszMemFileName, BOOL& bFound);
     int DropForeignSizedSegment(MFID nId, LPCTSTR lpszMemFileName);
     BOOL IsSurvivorWhole() const;
+    BOOL IsSurvivorWholeWithItsOwnFIFO();
     BOOL AreSurvivorChainsBounded() const;
     BOOL AreSurvivorLoadGroupsBounded() const;
     int TakeOverOrRebuild(LPCTSTR lpszMemFileName);

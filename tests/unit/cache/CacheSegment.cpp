@@ -50,9 +50,9 @@ protected:
         h->m_bStatus = CACHESTATUS_READY;
     }
     // The bytes of a cache just made at nMB.
-    std::vector<BYTE> NewImage(int nMB)
+    std::vector<BYTE> NewImage(int nMB, int nLRU = 80)
     {
-        EXPECT_EQ(S_OK, Open(nMB));
+        EXPECT_EQ(S_OK, Open(nMB, nLRU));
         std::vector<BYTE> v = Snapshot();
         m_pCache.reset();
         return v;
@@ -292,4 +292,30 @@ TEST_F(CacheSegment, UntrustedSurvivorTheEngineIsAttachedToIsRefusedUntouched)
     m_pCache.reset();
     EXPECT_EQ(-1, FirstDiff(vBefore, Snapshot()));
     shmdt(pEngine);
+}
+
+// "LRUPercent" changed between two runs: a ready cache keeps its own FIFO
+// area (and the engine's blocks); one cut short is made anew with the new
+// share.
+TEST_F(CacheSegment, ChangedLruShareKeepsAReadySurvivorWithItsOwnFifoArea)
+{
+    ASSERT_EQ(S_OK, Open(SMALL_MB, 80));
+    Use();
+    Abandon();
+    std::vector<BYTE> vBefore = Snapshot();
+    ASSERT_EQ(S_OK, Open(SMALL_MB, 50));
+    EXPECT_TRUE(m_pCache->m_bExists);
+    EXPECT_EQ(6LL * 1048576, m_pCache->GetLayout().m_llFIFOSize);
+    EXPECT_EQ(6LL * 1048576, m_pCache->m_nFIFOSize);
+    EXPECT_TRUE(Traced(60001012, "has a FIFO area of 6MB instead of 16MB: it is taken over as it is"));
+    EXPECT_EQ(-1, FirstDiff(vBefore, Snapshot()));
+
+    Head()->m_bStatus = CACHESTATUS_FAILED;
+    Abandon();
+    ASSERT_EQ(S_OK, Open(SMALL_MB, 50));
+    EXPECT_FALSE(m_pCache->m_bExists);
+    EXPECT_EQ(16LL * 1048576, Val(Head()->m_nFIFOSize));
+    std::vector<BYTE> vRebuilt = Snapshot();
+    m_pCache.reset();
+    EXPECT_EQ(-1, FirstDiff(NewImage(SMALL_MB, 50), vRebuilt));
 }
