@@ -129,9 +129,16 @@ int CTalvorCacheStorage::InitCacheLoadSlot(BYTE bFileNo)
 {
     LPCacheBufferHead h = m_pCacheBufferHead;
     if (h->m_bRecycleFileNo != 0) return TakeRecycledGroup(bFileNo);
+    int nValid = h->m_nValidLoadSlotNum;
+    if (nValid < 0 || nValid > m_layout.m_nLoadSlotNum) {
+        Trace("InitCacheLoadSlot", 0, 60002005,
+              TALVOR_TEXT("缓存头中剩余的加载槽数越界：%d，总数：%d", "The cache head's count of load slots left is out of bounds: %d of %d"),
+              nValid, m_layout.m_nLoadSlotNum);
+        return CACHE_RESULT_BADCHAIN;
+    }
     memset(&h->m_stFileCacheLoadInfo[bFileNo], 0, sizeof(stu_FileCacheLoadInfo));
-    if (h->m_nValidLoadSlotNum >= CACHE_LOADGROUP_SLOTS) {
-        TakeHeadAreaGroup(bFileNo);
+    if (nValid >= CACHE_LOADGROUP_SLOTS) {
+        TakeHeadAreaGroup(bFileNo, nValid);
         return 0;
     }
     return TakeBlockGroup(bFileNo);
@@ -160,14 +167,15 @@ int CTalvorCacheStorage::TakeRecycledGroup(BYTE bFileNo)
 
 // 64 slots, or all that are left when fewer than 128 are: the last group
 // takes the rest, which is what keeps it below 128.
-void CTalvorCacheStorage::TakeHeadAreaGroup(BYTE bFileNo)
+void CTalvorCacheStorage::TakeHeadAreaGroup(BYTE bFileNo, int nValid)
 {
     LPCacheBufferHead h = m_pCacheBufferHead;
-    int nValid = h->m_nValidLoadSlotNum;
     int nSlots = nValid < 2 * CACHE_LOADGROUP_SLOTS ? nValid : CACHE_LOADGROUP_SLOTS;
     LPstu_FileCacheLoadInfo g = &h->m_stFileCacheLoadInfo[bFileNo];
     g->m_bLoadSlotNum = (BYTE)nSlots;
-    g->m_nCacheLoadHeadOffset = CACHE_LOAD_OFFSET + (long long)(h->m_nLoadSlotNum - nValid) * 32;
+    // The slot count of the layout, not the head's copy: the offset must
+    // stay inside the area whatever the shared head says.
+    g->m_nCacheLoadHeadOffset = CACHE_LOAD_OFFSET + (long long)(m_layout.m_nLoadSlotNum - nValid) * 32;
     h->m_nValidLoadSlotNum = nValid - nSlots;
 }
 

@@ -22,7 +22,9 @@ CTalvorCacheStorage::CTalvorCacheStorage()
     memset(m_stFileLoadInfo, 0, sizeof(m_stFileLoadInfo));
     memset(&m_layout, 0, sizeof(m_layout));
     InitializeCriticalTalvor(&m_crit);
+    TalvorSetLatchRank(&m_crit, LATCHRANK_CACHEOPEN);
     InitializeCriticalTalvor(&m_csCache);
+    TalvorSetLatchRank(&m_csCache, LATCHRANK_CACHECHAIN);
 }
 
 CTalvorCacheStorage::~CTalvorCacheStorage()

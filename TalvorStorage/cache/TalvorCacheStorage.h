@@ -171,7 +171,7 @@ private:
     int CollectChain(UINT nFirst, UINT* pBlocks, int nWanted, int& nFound) const;
     int InitCacheLoadSlot(BYTE bFileNo);
     int TakeRecycledGroup(BYTE bFileNo);
-    void TakeHeadAreaGroup(BYTE bFileNo);
+    void TakeHeadAreaGroup(BYTE bFileNo, int nValid);
     int TakeBlockGroup(BYTE bFileNo);
     BOOL IsGroupBounded(long long llOffset, int nSlots) const;
     int WalkToFirstMap(long long llCacheStartOffset, long long llNextFileHeadOffset, int nExMark,

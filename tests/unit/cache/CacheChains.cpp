@@ -291,3 +291,20 @@ TEST_F(CacheChains, TheWalkToTheFirstMapRefusesWhatIsNotAChainOfPages)
     pHead->m_nNextFileHeadOffset = llNextHead;
     Expect(0, "restored");
 }
+
+// The count of slots left is the daemon's, but it lies in shared memory: a
+// wild value must not place a group outside the slot area.
+TEST_F(CacheChains, AWildCountOfSlotsLeftPlacesNoGroup)
+{
+    for (int nWild : {-1, 474, 100000}) {
+        SCOPED_TRACE(nWild);
+        Head()->m_nValidLoadSlotNum = nWild;
+        int nFree = Head()->m_nFreeNo;
+        long long llOffset = 0;
+        EXPECT_EQ(CACHE_RESULT_BADCHAIN, m_pCache->LoadFile2Cache(nullptr, 60, llOffset));
+        EXPECT_EQ(0u, Head()->m_nFileInfoNo[60]);
+        EXPECT_EQ(0, Group(60).m_nCacheLoadHeadOffset);
+        EXPECT_EQ(nFree, Val(Head()->m_nFreeNo));
+    }
+    EXPECT_TRUE(Traced(60002005, "count of load slots left is out of bounds"));
+}
