@@ -53,9 +53,12 @@ public:
     // Makes the segment of nCacheBufferSize MiB, or takes over the one that
     // survived a restart. A survivor with status CACHESTATUS_READY, its own
     // size and a head that passes every bound is kept byte for byte
-    // (m_bExists TRUE), with its own FIFO area if nLRUPercent has changed. One with status 1 or 255, another size, a damaged
-    // mark or a field out of bounds is rebuilt as new, all its tables reset,
-    // unless another process is attached to it: then the start is refused.
+    // (m_bExists TRUE), with its own FIFO area if nLRUPercent has changed;
+    // its flush pools too, since posted entries still name their images.
+    // One with status 1, 255 or any other is rebuilt as new, every table
+    // and block reset. One of another size, with a damaged mark or a field
+    // out of bounds is rebuilt too, unless another process is attached to
+    // it: then the start is refused and the segment left as it is.
     // Result: S_OK; 1 when the kernel refuses the segment (e.g. its size
     // limit is below the size asked); E_FAIL for a size below 32 MiB, a null
     // pStorage, a failed attach or a refused survivor. Each failure traced.
