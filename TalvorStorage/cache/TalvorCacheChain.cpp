@@ -305,3 +305,22 @@ int CTalvorCacheStorage::GetFirstIndexMapCacheAddr(LPINDEXFILEHEAD lpFileHead, L
     return WalkToFirstMap(lpFileHead->m_nCacheStartOffset, lpFileHead->m_nNextFileHeadOffset, INDEXFILEEX_DATAFLAG,
                           nBlockMapCacheStartOffset);
 }
+
+int CTalvorCacheStorage::ExpandFile2Cache(BYTE bFileNo, long long llFileExpandSize, long long llTimestamp)
+{
+    UINT nHead = m_pCacheBufferHead->m_nFileInfoNo[bFileNo];
+    if (llFileExpandSize <= 0 || !IsCacheBlock(nHead)) return 1;
+    LPTABLEFILEHEAD lpHead = (LPTABLEFILEHEAD)(m_pCacheBufferAddr + CacheBlockOffset(nHead));
+    int nMark = lpHead->m_nDataFlag;
+    if ((nMark != TABLEFILE_DATAFLAG && nMark != INDEXFILE_DATAFLAG) || lpHead->m_bFileNo != bFileNo) {
+        Trace("ExpandFile2Cache", 0, 60002006,
+              TALVOR_TEXT("缓存中的文件头无效，文件号：%d，标志：%08X", "The file head in the cache is not valid, file number: %d, mark: %08X"),
+              (int)bFileNo, (UINT)nMark);
+        return 1;
+    }
+    lpHead->m_nFileTotalSize = lpHead->m_nFileTotalSize + llFileExpandSize;
+    lpHead->m_nTimestamp = llTimestamp;
+    TalvorFlushCPU4Write();
+    lpHead->m_bSaveFlag = SAVEFLAG_DIRTY;
+    return 0;
+}

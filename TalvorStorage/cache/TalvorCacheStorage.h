@@ -109,6 +109,12 @@ public:
                                   long long& nBlockMapCacheStartOffset);
     int GetFirstIndexMapCacheAddr(LPINDEXFILEHEAD lpFileHead, LPBYTE lpCacheAddr, long long& nBlockMapCacheStartOffset);
 
+    // The file grew on disk by llFileExpandSize bytes: its cached head
+    // counts them, takes llTimestamp and is marked to be saved. 0; 1 when
+    // the file has no head in the cache, the block there is not its head
+    // (mark, file number) or the size is not positive. Cache threads.
+    int ExpandFile2Cache(BYTE bFileNo, long long llFileExpandSize, long long llTimestamp);
+
     // The link of cache block nBlockNo (0 ends a chain). nBlockNo must be at
     // most m_nBlockBufNum. Any thread.
     UINT GetLink(UINT nBlockNo) const;
