@@ -1,20 +1,191 @@
 // TalvorCacheStorage.h — the shared block cache of cache-mode files.
 //
-// Until the cache is built, no object of this class is created: a database
-// whose files are all memory-mode never needs one.
+// One segment (key SHMKEY_CACHEBUFFER) of 16384-byte cache blocks that the
+// engine works in; CacheLayout.h says where each area lies. This object
+// makes the segment or takes over one that survived a restart, and keeps the
+// chains in the cache map: the free chain, and per file the chain of its head
+// pages and map blocks. Which block of a file sits in which cache block is
+// the engine's own lookup; the daemon only ever names cache offsets.
+//
+// What is here: the segment (Initialize, Free), the chains (LoadFile2Cache,
+// NewFile2Cache, the walk to a file's first map block) and the load groups.
+// The flush threads, the load threads and the preload belong to the next
+// piece of work: CreateEventAndThread and InitFileLoadThreadAndEvent start
+// no thread yet and answer success, and InitCacheHead and FlushFileBlock
+// refuse. The daemon still refuses cache-mode files at start, so none of
+// these is reached from a running daemon yet.
+//
+// Threads: Initialize and Free are for the start-up (main) thread alone, with
+// no latch held. The chain functions take m_csCache themselves; the caller
+// holds no latch of this object.
 #pragma once
 
+#include "CacheLayout.h"
 #include "LinuxCommonAPI.h"
+#include "MemDBCommonDef.h"
+#include "TalvorStorageDef.h"
 #include "TypeDef.h"
+
+class CBreltMemStorageModule;
+
+// Results of the chain functions besides 0.
+inline constexpr int CACHE_RESULT_NOFREEBLOCK = 9500;   // the free chain is empty
+inline constexpr int CACHE_RESULT_BADCHAIN = 1;         // a chain or a page in it is not what it should be
+inline constexpr int CACHE_RESULT_NOCHAIN = 4;          // a head names no following page in the cache
+
+// Per file: its load thread and semaphores (started by the next piece).
+typedef struct _stu_FileLoadInfo {
+    HTHREADTYPE m_hStorageLoadThread;
+    HEVENTTYPE m_hStorageLoad;
+    HEVENTTYPE m_hCacheLoad;
+} stu_FileLoadInfo;
 
 class CTalvorCacheStorage {
 public:
-    virtual ~CTalvorCacheStorage() {}
+    CTalvorCacheStorage();
+    // Detaches the segment and removes it: a normal end leaves no cache. A
+    // survivor that Initialize refused is left in place.
+    virtual ~CTalvorCacheStorage();
+
     // Every buffer of a direct transfer: 512-aligned, released with free().
     static void* get_aligned_buffer(size_t nSize) { return ::get_aligned_buffer(nSize); }
 
-    HRESULT CreateEventAndThread();
+    // Makes the segment of nCacheBufferSize MiB, or takes over the one that
+    // survived a restart. A survivor with status CACHESTATUS_READY, its own
+    // size and a head that passes every bound is kept byte for byte
+    // (m_bExists TRUE), with its own FIFO area if nLRUPercent has changed;
+    // its flush pools too, since posted entries still name their images.
+    // One with status 1, 255 or any other is rebuilt as new, every table
+    // and block reset. One of another size, with a damaged mark or a field
+    // out of bounds is rebuilt too, unless another process is attached to
+    // it: then the start is refused and the segment left as it is.
+    // Result: S_OK; 1 when the kernel refuses the segment (e.g. its size
+    // limit is below the size asked); E_FAIL for a size below 32 MiB, a null
+    // pStorage, a failed attach or a refused survivor. Each failure traced.
+    // Main thread, at start; no latch held.
+    int Initialize(LPCTSTR lpszMemFileName, int nCacheBufferSize, int nLRUPercent, CBreltMemStorageModule* pStorage,
+                   BOOL bFileCache);
+
+    // Opens the four flush semaphores and starts the two flush threads: not
+    // built yet; starts nothing and returns S_OK. Main thread, at start.
+    int CreateEventAndThread();
+    // Waits for the backends and preloads: not built yet, E_FAIL. Main thread.
     HRESULT InitCacheHead(LPTALVORCRITICALSECTION lpCritSection);
+    // Writes everything dirty without the engine: not built yet, 1. Main thread.
     int FlushFileBlock(LPTALVORCRITICALSECTION lpCritSection);
-    void Free();
+    // Asks the cache threads to stop; 0. Any thread.
+    int Exit();
+    // Asks the cache threads to stop and joins those that run (none yet);
+    // the segment stays until the destructor. Main thread, at the end.
+    int Free();
+
+    // Takes the first block of the free chain and appends it to the chain
+    // of file bFileNo; a file's first block becomes its head page and gets
+    // the file its load group. 0 with llCacheOffset the block's offset;
+    // CACHE_RESULT_NOFREEBLOCK when none is free or no load group is left;
+    // CACHE_RESULT_BADCHAIN when the file's chain leaves the block area or
+    // loops (nothing is changed then). Takes m_csCache.
+    int LoadFile2Cache(LPTALVORCRITICALSECTION lpCritSection, BYTE bFileNo, long long& llCacheOffset);
+    // Copies the pages of a new file (head, nExHeadNum extended heads, first
+    // map block; 16384 bytes each, in file order in lpBuf) into the file's
+    // chain, linking each page to the next by cache offset. 0;
+    // CACHE_RESULT_NOFREEBLOCK when the chain holds fewer than nExHeadNum + 2
+    // blocks; 1 for a bad argument. Takes m_csCache.
+    int NewFile2Cache(LPTALVORCRITICALSECTION lpCritSection, BYTE bFileNo, BYTE bFileType, LPBYTE lpBuf,
+                      int nExHeadNum);
+    // Starts the file's load thread and opens its semaphores: not built yet;
+    // 0. Any thread that adds a file.
+    int InitFileLoadThreadAndEvent(BYTE bFileNo);
+    // File bFileNo's load group: 0 with its first slot and slot count; 1
+    // when it has none, its status refuses it or it lies outside the slot
+    // areas. Any thread; reads the head without a latch.
+    int GetCacheLoadSlot(BYTE bFileNo, LPCacheBufferBlockOperate& lpCacheLoadHead, int& nNum);
+    // From a cached head page (lpFileHead) to its first map block, along the
+    // pages of this object's segment (lpCacheAddr is not needed and ignored): 0 with its cache offset in
+    // nBlockMapCacheStartOffset; CACHE_RESULT_NOCHAIN when the head names no
+    // next page; CACHE_RESULT_BADCHAIN when a page on the way bears another
+    // mark, the chain ends or leaves the block area. Any thread, no latch.
+    int GetFirstTableMapCacheAddr(LPTABLEFILEHEAD lpBaseFileHead, LPBYTE lpCacheAddr,
+                                  long long& nBlockMapCacheStartOffset);
+    int GetFirstIndexMapCacheAddr(LPINDEXFILEHEAD lpFileHead, LPBYTE lpCacheAddr, long long& nBlockMapCacheStartOffset);
+
+    // The file grew on disk by llFileExpandSize bytes: its cached head
+    // counts them, takes llTimestamp and is marked to be saved. 0; 1 when
+    // the file has no head in the cache, the block there is not its head
+    // (mark, file number) or the size is not positive. Cache threads.
+    int ExpandFile2Cache(BYTE bFileNo, long long llFileExpandSize, long long llTimestamp);
+
+    // The link of cache block nBlockNo (0 ends a chain). nBlockNo must be at
+    // most m_nBlockBufNum. Any thread.
+    UINT GetLink(UINT nBlockNo) const;
+    // The computed layout the segment was built or checked against.
+    const CACHELAYOUT& GetLayout() const { return m_layout; }
+
+public:
+    // Fields in the order of the design; most are for the threads to come.
+    HEVENTTYPE m_hStorageFlush;
+    HEVENTTYPE m_hStorageIndexFlush;
+    HEVENTTYPE m_hCacheFlush;
+    HEVENTTYPE m_hCacheIndexFlush;
+    MFID m_hCacheBufferFile;
+    HTHREADTYPE m_hStorageFlushThread;
+    HTHREADTYPE m_hStorageIndexFlushThread;
+    int m_nWaitTime;
+    CBreltMemStorageModule* m_pStorage;
+    TALVOR_SECTION m_crit;     // one open request at a time
+    TALVOR_SECTION m_csCache;  // the free chain, file chains and load groups
+    BOOL m_bExists;            // the segment was taken over whole
+    BOOL m_bFileCache;
+    LONGLONG m_llCacheBufferSize;
+    LPBYTE m_pCacheBufferAddr;
+    LPCacheBufferHead m_pCacheBufferHead;
+    LPstu_CacheFlush m_pCacheFlush;
+    LPstu_CacheFlush m_pCacheIndexFlush;
+    LPstu_CacheFlushFile m_pFlushFile;
+    LPstu_CacheFlushFile m_pFlushTimestampFile;
+    long long m_nFIFOSize;
+    int m_nCacheFlashBackSize;
+    LPFILEINFO m_lpOpenFileInfo;
+    UINT m_nFreeNo;
+    volatile BYTE m_bTrunkIndex;
+    volatile BYTE m_bLeaveIndex;
+    volatile BYTE m_bPauseFileNo;
+    volatile BYTE m_bExit;
+    UINT m_nTrunkFreeNo;
+    UINT m_nMetaFreeNo;
+    UINT m_nLeaveFreeNo;
+    stu_FileLoadInfo m_stFileLoadInfo[MAX_FILE_NUM];
+
+private:
+    // Segment (TalvorCacheSegment.cpp).
+    int FindOrCreateSegment(LPCTSTR lpszMemFileName, BOOL& bFound);
+    int DropForeignSizedSegment(MFID nId, LPCTSTR lpszMemFileName);
+    BOOL IsSurvivorWhole() const;
+    BOOL IsSurvivorWholeWithItsOwnFIFO();
+    BOOL AreSurvivorChainsBounded() const;
+    BOOL AreSurvivorLoadGroupsBounded() const;
+    int TakeOverOrRebuild(LPCTSTR lpszMemFileName);
+    void BuildHead(BOOL bZeroAll);
+    void BuildFreeChain();
+    void SetPointers();
+    void ResetPools();
+    void LetGoOfSurvivor();
+    void Detach();
+
+    // Chains (TalvorCacheChain.cpp); m_csCache held.
+    void SetLink(UINT nBlockNo, UINT nLink);
+    BOOL IsCacheBlock(UINT nBlockNo) const;
+    int PopFreeBlock(UINT& nBlockNo);
+    int FindChainEnd(UINT nFirst, UINT& nLast) const;
+    int CollectChain(UINT nFirst, UINT* pBlocks, int nWanted, int& nFound) const;
+    int InitCacheLoadSlot(BYTE bFileNo);
+    int TakeRecycledGroup(BYTE bFileNo);
+    void TakeHeadAreaGroup(BYTE bFileNo, int nValid);
+    int TakeBlockGroup(BYTE bFileNo);
+    BOOL IsGroupBounded(long long llOffset, int nSlots) const;
+    int WalkToFirstMap(long long llCacheStartOffset, long long llNextFileHeadOffset, int nExMark,
+                       long long& llMapOffset) const;
+    BOOL IsPageOffset(long long llOffset) const;
+
+    CACHELAYOUT m_layout;
 };

@@ -1,0 +1,400 @@
+// The chains of the cache map and the load groups: blocks leave the free
+// chain in order and hang at the end of their file's chain; a file's first
+// block brings it a load group, and the groups tile the head blocks' slot
+// area without overlap and then cache blocks; a new file's pages are linked
+// head to map by cache offset; and a broken chain, a stray offset or an
+// empty free chain is refused without a byte changed.
+#include "CacheFixture.h"
+
+#include <set>
+#include <atomic>
+#include <thread>
+
+using namespace cachetest;
+
+namespace {
+
+const int CACHE_MB = 32;
+
+class CacheChains : public CacheFixture {
+protected:
+    void SetUp() override
+    {
+        CacheFixture::SetUp();
+        ASSERT_EQ(S_OK, Open(CACHE_MB));
+        m_l = m_pCache->GetLayout();
+    }
+    long long Take(BYTE bFileNo)
+    {
+        long long llOffset = -1;
+        EXPECT_EQ(0, m_pCache->LoadFile2Cache(nullptr, bFileNo, llOffset));
+        return llOffset;
+    }
+    stu_FileCacheLoadInfo Group(BYTE bFileNo) { return Head()->m_stFileCacheLoadInfo[bFileNo]; }
+    // Pages of a new file: head, nEx extended heads, first map block.
+    std::vector<BYTE> NewFilePages(BYTE bFileNo, BYTE bFileType, int nEx)
+    {
+        std::vector<BYTE> v((size_t)(nEx + 2) * CACHE_PAGE_SIZE);
+        for (size_t i = 0; i < v.size(); i++) v[i] = (BYTE)(i * 7 + bFileNo);
+        LPTABLEFILEHEAD h = (LPTABLEFILEHEAD)v.data();
+        h->m_nDataFlag = FileHeadDataFlag(bFileType);
+        h->m_bFileNo = bFileNo;
+        h->m_bFileType = bFileType;
+        h->m_nNextFileHeadOffset = nEx > 0 ? CACHE_PAGE_SIZE : 0;
+        h->m_nCacheStartOffset = 0;
+        int nExMark = bFileType == FILETYPE_TABLE ? TABLEFILEEX_DATAFLAG : INDEXFILEEX_DATAFLAG;
+        for (int i = 1; i <= nEx; i++) {
+            LPTABLEFILEHEADEX x = (LPTABLEFILEHEADEX)(v.data() + (size_t)i * CACHE_PAGE_SIZE);
+            x->m_nDataFlag = nExMark;
+            x->m_bExHeadNo = (BYTE)i;
+            x->m_nNextFileHeadCacheOffset = 0;
+        }
+        LPBASEFILEBLOCKMAPHEAD_CACHE m = (LPBASEFILEBLOCKMAPHEAD_CACHE)(v.data() + (size_t)(nEx + 1) * CACHE_PAGE_SIZE);
+        m->m_nDataFlag = BLOCKMAP_CACHE_DATAFLAG;
+        m->m_nMapNo = 1;
+        return v;
+    }
+    CACHELAYOUT m_l;
+};
+
+} // namespace
+
+TEST_F(CacheChains, BlocksLeaveTheFreeChainInOrderAndHangAtTheEndOfTheirFile)
+{
+    UINT nFirst = m_l.m_nFirstFreeNo;
+    EXPECT_EQ(CacheBlockOffset(nFirst), Take(4));
+    EXPECT_EQ(nFirst, Head()->m_nFileInfoNo[4]);
+    EXPECT_EQ(CacheBlockOffset(nFirst + 1), Take(9));
+    EXPECT_EQ(CacheBlockOffset(nFirst + 2), Take(4));
+    EXPECT_EQ(CacheBlockOffset(nFirst + 3), Take(4));
+    EXPECT_EQ((std::vector<UINT>{nFirst, nFirst + 2, nFirst + 3}), Chain(Head()->m_nFileInfoNo[4]));
+    EXPECT_EQ((std::vector<UINT>{nFirst + 1}), Chain(Head()->m_nFileInfoNo[9]));
+    EXPECT_EQ((int)nFirst + 4, Val(Head()->m_nFreeNo));
+    std::vector<UINT> vFree = Chain((UINT)Head()->m_nFreeNo);
+    EXPECT_EQ(m_l.m_nBlockBufNum - nFirst - 3, vFree.size());
+    EXPECT_EQ(m_l.m_nBlockBufNum, vFree.back());
+}
+
+TEST_F(CacheChains, AnEmptyFreeChainAnswers9500AndChangesNothing)
+{
+    UINT nBlocks = m_l.m_nBlockBufNum - m_l.m_nFirstFreeNo + 1;
+    for (UINT i = 0; i < nBlocks; i++) ASSERT_GE(Take(1), 0) << i;
+    EXPECT_EQ(0, Val(Head()->m_nFreeNo));
+    EXPECT_EQ(nBlocks, Chain(Head()->m_nFileInfoNo[1]).size());
+    std::vector<BYTE> vBefore = Snapshot();
+    long long llOffset = 77;
+    EXPECT_EQ(CACHE_RESULT_NOFREEBLOCK, m_pCache->LoadFile2Cache(nullptr, 1, llOffset));
+    EXPECT_EQ(CACHE_RESULT_NOFREEBLOCK, m_pCache->LoadFile2Cache(nullptr, 2, llOffset));
+    EXPECT_EQ(77, llOffset);
+    EXPECT_EQ(-1, FirstDiff(vBefore, Snapshot()));
+}
+
+TEST_F(CacheChains, BrokenChainsAreRefusedWithoutTouchingTheFreeChain)
+{
+    Take(5);
+    Take(5);
+    UINT nFirst = Head()->m_nFileInfoNo[5];
+    UINT nSecond = m_pCache->GetLink(nFirst);
+    // A loop in the file's chain, then a link past the last block.
+    for (UINT nBad : {nFirst, m_l.m_nBlockBufNum + 1}) {
+        SCOPED_TRACE(nBad);
+        *(UINT*)(Base() + CacheLinkOffset(nSecond)) = nBad;
+        std::vector<BYTE> vBefore = Snapshot();
+        long long llOffset = 0;
+        EXPECT_EQ(CACHE_RESULT_BADCHAIN, m_pCache->LoadFile2Cache(nullptr, 5, llOffset));
+        EXPECT_EQ(-1, FirstDiff(vBefore, Snapshot()));
+    }
+    EXPECT_TRUE(Traced(60002002, "A file's chain in the cache is broken"));
+    // A free chain whose head or second link leaves the block area.
+    *(UINT*)(Base() + CacheLinkOffset(nSecond)) = 0;
+    UINT nFree = (UINT)Head()->m_nFreeNo;
+    *(UINT*)(Base() + CacheLinkOffset(nFree)) = 1;
+    std::vector<BYTE> vBefore = Snapshot();
+    long long llOffset = 0;
+    EXPECT_EQ(CACHE_RESULT_BADCHAIN, m_pCache->LoadFile2Cache(nullptr, 5, llOffset));
+    EXPECT_EQ(-1, FirstDiff(vBefore, Snapshot()));
+    Head()->m_nFreeNo = (int)(m_l.m_nBlockBufNum + 1);
+    EXPECT_EQ(CACHE_RESULT_BADCHAIN, m_pCache->LoadFile2Cache(nullptr, 6, llOffset));
+    EXPECT_EQ(0u, Head()->m_nFileInfoNo[6]);
+    EXPECT_TRUE(Traced(60002001, "The free chain of the cache is broken"));
+}
+
+// A small cache has 473 slots: six groups of 64 and one of the 89 left, then
+// groups of 64 from cache blocks, eight to a block.
+TEST_F(CacheChains, LoadGroupsTileTheSlotAreaThenCacheBlocks)
+{
+    ASSERT_EQ(473, Val(Head()->m_nLoadSlotNum));
+    long long llExpect = CACHE_LOAD_OFFSET;
+    for (BYTE f = 1; f <= 7; f++) {
+        SCOPED_TRACE((int)f);
+        Take(f);
+        stu_FileCacheLoadInfo g = Group(f);
+        EXPECT_EQ(llExpect, g.m_nCacheLoadHeadOffset);
+        EXPECT_EQ(f < 7 ? 64 : 89, (int)g.m_bLoadSlotNum);
+        llExpect += (long long)g.m_bLoadSlotNum * 32;
+    }
+    EXPECT_EQ(m_l.m_llLoadEnd, llExpect);
+    EXPECT_LE(llExpect, CACHE_MAP_OFFSET);
+    EXPECT_EQ(0, Val(Head()->m_nValidLoadSlotNum));
+
+    // The eighth file's head block is taken first, then the group's block.
+    UINT nHeadBlock = (UINT)Head()->m_nFreeNo;
+    Take(8);
+    EXPECT_EQ(nHeadBlock, Head()->m_nFileInfoNo[8]);
+    UINT nSlotBlock = Head()->m_nLoadCacheNo;
+    EXPECT_EQ(nHeadBlock + 1, nSlotBlock);
+    EXPECT_EQ(0u, m_pCache->GetLink(nSlotBlock));
+    std::set<UINT> vFree;
+    for (UINT b : Chain((UINT)Head()->m_nFreeNo)) vFree.insert(b);
+    EXPECT_EQ(0u, vFree.count(nSlotBlock));
+    for (BYTE f = 8; f < 16; f++) {
+        SCOPED_TRACE((int)f);
+        if (f > 8) Take(f);
+        stu_FileCacheLoadInfo g = Group(f);
+        EXPECT_EQ(CacheBlockOffset(nSlotBlock) + (f - 8) * 2048, g.m_nCacheLoadHeadOffset);
+        EXPECT_EQ(64, (int)g.m_bLoadSlotNum);
+    }
+    // The block is full: the cursor is back at 0 and the next group opens a
+    // new block.
+    EXPECT_EQ(0u, Val(Head()->m_nLoadCacheNo));
+    EXPECT_EQ(0u, Val(Head()->m_nLoadCacheOffset));
+    Take(16);
+    EXPECT_NE(0u, Val(Head()->m_nLoadCacheNo));
+    EXPECT_NE(nSlotBlock, Val(Head()->m_nLoadCacheNo));
+
+    LPCacheBufferBlockOperate pSlots = nullptr;
+    int nNum = 0;
+    ASSERT_EQ(0, m_pCache->GetCacheLoadSlot(7, pSlots, nNum));
+    EXPECT_EQ(Base() + CACHE_LOAD_OFFSET + 6 * 64 * 32, (LPBYTE)pSlots);
+    EXPECT_EQ(89, nNum);
+}
+
+TEST_F(CacheChains, ARecycledGroupIsHandedOnAndARefusedOrStrayGroupIsNotGiven)
+{
+    Take(3);
+    stu_FileCacheLoadInfo g3 = Group(3);
+    Head()->m_bRecycleFileNo = 3;
+    Head()->m_stFileCacheLoadInfo[3].m_bNextRecycleFileNo = 0;
+    Take(20);
+    EXPECT_EQ(g3.m_nCacheLoadHeadOffset, Group(20).m_nCacheLoadHeadOffset);
+    EXPECT_EQ(g3.m_bLoadSlotNum, Group(20).m_bLoadSlotNum);
+    EXPECT_EQ(0, (int)Val(Head()->m_bRecycleFileNo));
+    EXPECT_EQ(0, Group(3).m_nCacheLoadHeadOffset);
+    EXPECT_EQ(473 - 64, Val(Head()->m_nValidLoadSlotNum));
+
+    LPCacheBufferBlockOperate pSlots = nullptr;
+    int nNum = 0;
+    EXPECT_EQ(1, m_pCache->GetCacheLoadSlot(3, pSlots, nNum));
+    Head()->m_stFileCacheLoadInfo[20].m_bStatus = 1;
+    EXPECT_EQ(1, m_pCache->GetCacheLoadSlot(20, pSlots, nNum));
+    Head()->m_stFileCacheLoadInfo[20].m_bStatus = 0;
+    Head()->m_stFileCacheLoadInfo[20].m_nCacheLoadHeadOffset = CACHE_MAP_OFFSET - 64;
+    EXPECT_EQ(1, m_pCache->GetCacheLoadSlot(20, pSlots, nNum));
+    Head()->m_stFileCacheLoadInfo[20].m_nCacheLoadHeadOffset = m_l.m_llTotalSize - 32;
+    EXPECT_EQ(1, m_pCache->GetCacheLoadSlot(20, pSlots, nNum));
+
+    // A recycled group out of bounds is not handed on, and the new file's
+    // block goes back to the free chain.
+    Head()->m_bRecycleFileNo = 20;
+    int nFreeBefore = Head()->m_nFreeNo;
+    long long llOffset = 0;
+    EXPECT_EQ(CACHE_RESULT_BADCHAIN, m_pCache->LoadFile2Cache(nullptr, 21, llOffset));
+    EXPECT_EQ(0u, Head()->m_nFileInfoNo[21]);
+    EXPECT_EQ(nFreeBefore, Val(Head()->m_nFreeNo));
+    EXPECT_EQ((UINT)nFreeBefore + 1, m_pCache->GetLink((UINT)nFreeBefore));
+}
+
+TEST_F(CacheChains, ANewFilesPagesAreLinkedFromHeadToFirstMap)
+{
+    for (int nEx : {0, 1, 3}) {
+        for (BYTE bType : {FILETYPE_TABLE, FILETYPE_INDEX}) {
+            SCOPED_TRACE(testing::Message() << nEx << " extended, type " << (int)bType);
+            BYTE bFileNo = (BYTE)(30 + nEx * 2 + (bType == FILETYPE_INDEX));
+            std::vector<long long> vOffsets;
+            for (int i = 0; i < nEx + 2; i++) vOffsets.push_back(Take(bFileNo));
+            std::vector<BYTE> vPages = NewFilePages(bFileNo, bType, nEx);
+            std::vector<BYTE> vCopy = vPages;
+            ASSERT_EQ(0, m_pCache->NewFile2Cache(nullptr, bFileNo, bType, vPages.data(), nEx));
+            EXPECT_TRUE(vCopy == vPages);
+            LPBYTE pHead = Base() + vOffsets[0];
+            EXPECT_EQ(vOffsets[1], Val(((LPTABLEFILEHEAD)pHead)->m_nCacheStartOffset));
+            for (int i = 1; i <= nEx; i++)
+                EXPECT_EQ(vOffsets[i + 1],
+                          Val(((LPTABLEFILEHEADEX)(Base() + vOffsets[i]))->m_nNextFileHeadCacheOffset));
+            // Every page is the caller's but for its link.
+            EXPECT_EQ(0, memcmp(Base() + vOffsets[nEx + 1], vPages.data() + (size_t)(nEx + 1) * CACHE_PAGE_SIZE,
+                                CACHE_PAGE_SIZE));
+            EXPECT_EQ(0, memcmp(pHead, vPages.data(), offsetof(TABLEFILEHEAD, m_nCacheStartOffset)));
+            EXPECT_EQ(0, memcmp(pHead + 114, vPages.data() + 114, CACHE_PAGE_SIZE - 114));
+            long long llMap = 0;
+            int nResult = bType == FILETYPE_TABLE
+                              ? m_pCache->GetFirstTableMapCacheAddr((LPTABLEFILEHEAD)pHead, Base(), llMap)
+                              : m_pCache->GetFirstIndexMapCacheAddr((LPINDEXFILEHEAD)pHead, Base(), llMap);
+            EXPECT_EQ(0, nResult);
+            EXPECT_EQ(vOffsets[nEx + 1], llMap);
+        }
+    }
+}
+
+TEST_F(CacheChains, ANewFileWhoseChainIsTooShortIsRefusedUnwritten)
+{
+    Take(40);
+    Take(40);
+    std::vector<BYTE> vPages = NewFilePages(40, FILETYPE_TABLE, 1);
+    std::vector<BYTE> vBefore = Snapshot();
+    EXPECT_EQ(CACHE_RESULT_NOFREEBLOCK, m_pCache->NewFile2Cache(nullptr, 40, FILETYPE_TABLE, vPages.data(), 1));
+    EXPECT_EQ(CACHE_RESULT_NOFREEBLOCK, m_pCache->NewFile2Cache(nullptr, 41, FILETYPE_TABLE, vPages.data(), 0));
+    EXPECT_EQ(1, m_pCache->NewFile2Cache(nullptr, 40, FILETYPE_DATA, vPages.data(), 0));
+    EXPECT_EQ(1, m_pCache->NewFile2Cache(nullptr, 40, FILETYPE_TABLE, nullptr, 0));
+    EXPECT_EQ(1, m_pCache->NewFile2Cache(nullptr, 40, FILETYPE_TABLE, vPages.data(), -1));
+    EXPECT_EQ(-1, FirstDiff(vBefore, Snapshot()));
+}
+
+TEST_F(CacheChains, TheWalkToTheFirstMapRefusesWhatIsNotAChainOfPages)
+{
+    for (int i = 0; i < 4; i++) Take(50);
+    std::vector<UINT> v = Chain(Head()->m_nFileInfoNo[50]);
+    std::vector<BYTE> vPages = NewFilePages(50, FILETYPE_TABLE, 2);
+    ASSERT_EQ(0, m_pCache->NewFile2Cache(nullptr, 50, FILETYPE_TABLE, vPages.data(), 2));
+    LPTABLEFILEHEAD pHead = (LPTABLEFILEHEAD)(Base() + CacheBlockOffset(v[0]));
+    LPTABLEFILEHEADEX pEx2 = (LPTABLEFILEHEADEX)(Base() + CacheBlockOffset(v[2]));
+    long long llMap = 0;
+    ASSERT_EQ(0, m_pCache->GetFirstTableMapCacheAddr(pHead, Base(), llMap));
+
+    auto Expect = [&](int nWant, const char* lpWhy) {
+        SCOPED_TRACE(lpWhy);
+        long long llOut = -5;
+        EXPECT_EQ(nWant, m_pCache->GetFirstTableMapCacheAddr(pHead, Base(), llOut));
+        if (nWant != 0) {
+            EXPECT_EQ(-5, llOut);
+        }
+    };
+    long long llStart = pHead->m_nCacheStartOffset;
+    pHead->m_nCacheStartOffset = 0;
+    Expect(CACHE_RESULT_NOCHAIN, "no next page");
+    for (long long llBad : {1LL << 40, -16384LL, 16384LL, llStart + 512, m_l.m_llFIFOOffset}) {
+        pHead->m_nCacheStartOffset = llBad;
+        Expect(CACHE_RESULT_BADCHAIN, "next page outside the blocks");
+    }
+    pHead->m_nCacheStartOffset = llStart;
+    long long llNext = pEx2->m_nNextFileHeadCacheOffset;
+    pEx2->m_nNextFileHeadCacheOffset = llStart;
+    Expect(CACHE_RESULT_BADCHAIN, "extended pages in a loop");
+    pEx2->m_nNextFileHeadCacheOffset = 0;
+    Expect(CACHE_RESULT_BADCHAIN, "extended pages end before a map");
+    pEx2->m_nNextFileHeadCacheOffset = llNext;
+    pEx2->m_nDataFlag = INDEXFILEEX_DATAFLAG;
+    Expect(CACHE_RESULT_BADCHAIN, "an index page in a table chain");
+    pEx2->m_nDataFlag = TABLEFILEEX_DATAFLAG;
+    // Without extended pages the next page itself must be the map.
+    long long llNextHead = pHead->m_nNextFileHeadOffset;
+    pHead->m_nNextFileHeadOffset = 0;
+    Expect(CACHE_RESULT_BADCHAIN, "an extended page where the map should be");
+    pHead->m_nNextFileHeadOffset = llNextHead;
+    Expect(0, "restored");
+}
+
+// The count of slots left is the daemon's, but it lies in shared memory: a
+// wild value must not place a group outside the slot area.
+TEST_F(CacheChains, AWildCountOfSlotsLeftPlacesNoGroup)
+{
+    for (int nWild : {-1, 474, 100000}) {
+        SCOPED_TRACE(nWild);
+        Head()->m_nValidLoadSlotNum = nWild;
+        int nFree = Head()->m_nFreeNo;
+        long long llOffset = 0;
+        EXPECT_EQ(CACHE_RESULT_BADCHAIN, m_pCache->LoadFile2Cache(nullptr, 60, llOffset));
+        EXPECT_EQ(0u, Head()->m_nFileInfoNo[60]);
+        EXPECT_EQ(0, Group(60).m_nCacheLoadHeadOffset);
+        EXPECT_EQ(nFree, Val(Head()->m_nFreeNo));
+    }
+    EXPECT_TRUE(Traced(60002005, "count of load slots left is out of bounds"));
+}
+
+// At start the flush threads of both kinds may take blocks at once: under
+// the chain latch no block is handed out twice and none is lost. Short
+// chains over many files keep the threads in the free chain and the load
+// groups most of the time, where a missing latch shows.
+TEST_F(CacheChains, TwoThreadsTakingBlocksAtOnceNeverShareOrLoseOne)
+{
+    // A race shows in some runs only: ten fresh caches.
+    for (int nRun = 0; nRun < 10; nRun++) {
+        SCOPED_TRACE(nRun);
+        m_pCache.reset();
+        ASSERT_EQ(S_OK, Open(CACHE_MB));
+        const int nFiles = 100, nRounds = 7;
+        std::atomic<int> nReady{0};
+        auto Worker = [&](int nFirstFile) {
+            TALVORCRITICALSECTION crit;
+            InitThreadCritSection(&crit);
+            nReady++;
+            while (nReady.load() < 2) {
+            }
+            for (int r = 0; r < nRounds; r++) {
+                for (int f = nFirstFile; f < nFirstFile + nFiles; f++) {
+                    long long llOffset = 0;
+                    ASSERT_EQ(0, m_pCache->LoadFile2Cache(&crit, (BYTE)f, llOffset));
+                }
+            }
+            EXPECT_EQ(0, crit.m_nCritPos);
+        };
+        std::thread a(Worker, 1), b(Worker, 1 + nFiles);
+        a.join();
+        b.join();
+        std::set<UINT> vAll;
+        std::set<long long> vGroups;
+        size_t nCount = 0;
+        for (int f = 1; f <= 2 * nFiles; f++) {
+            std::vector<UINT> v = Chain(Head()->m_nFileInfoNo[f]);
+            EXPECT_EQ((size_t)nRounds, v.size()) << f;
+            nCount += v.size();
+            vAll.insert(v.begin(), v.end());
+            vGroups.insert(Group((BYTE)f).m_nCacheLoadHeadOffset);
+        }
+        std::vector<UINT> vFree = Chain((UINT)Head()->m_nFreeNo);
+        nCount += vFree.size();
+        vAll.insert(vFree.begin(), vFree.end());
+        // Blocks that hold load groups are on no chain.
+        EXPECT_EQ(nCount, vAll.size());
+        EXPECT_EQ(2u * nFiles, vGroups.size());
+        size_t nSlotBlocks = 0;
+        for (UINT nBlock = m_l.m_nFirstFreeNo; nBlock <= m_l.m_nBlockBufNum; nBlock++) {
+            if (vAll.count(nBlock) == 0) nSlotBlocks++;
+        }
+        // Seven groups in the head blocks, eight to each further block.
+        EXPECT_EQ((size_t)((2 * nFiles - 7 + 7) / 8), nSlotBlocks);
+    }
+}
+
+TEST_F(CacheChains, AGrownFileIsCountedInItsCachedHeadOnlyWhenTheHeadIsItsOwn)
+{
+    for (int i = 0; i < 2; i++) Take(90);
+    std::vector<BYTE> vPages = NewFilePages(90, FILETYPE_INDEX, 0);
+    LPINDEXFILEHEAD lpSource = (LPINDEXFILEHEAD)vPages.data();
+    lpSource->m_nFileTotalSize = 100LL * 1048576;
+    lpSource->m_bSaveFlag = 0;
+    ASSERT_EQ(0, m_pCache->NewFile2Cache(nullptr, 90, FILETYPE_INDEX, vPages.data(), 0));
+    LPINDEXFILEHEAD lpHead = (LPINDEXFILEHEAD)(Base() + CacheBlockOffset(Head()->m_nFileInfoNo[90]));
+    ASSERT_EQ(0, m_pCache->ExpandFile2Cache(90, 67108864, 5555));
+    EXPECT_EQ(164LL * 1048576, Val(lpHead->m_nFileTotalSize));
+    EXPECT_EQ(5555, Val(lpHead->m_nTimestamp));
+    EXPECT_EQ(SAVEFLAG_DIRTY, Val(lpHead->m_bSaveFlag));
+
+    std::vector<BYTE> vBefore = Snapshot();
+    EXPECT_EQ(1, m_pCache->ExpandFile2Cache(91, 67108864, 6666));
+    EXPECT_EQ(1, m_pCache->ExpandFile2Cache(90, 0, 6666));
+    EXPECT_EQ(1, m_pCache->ExpandFile2Cache(90, -16384, 6666));
+    // Another file's number, a foreign mark, a head block out of range.
+    Head()->m_nFileInfoNo[92] = Head()->m_nFileInfoNo[90];
+    EXPECT_EQ(1, m_pCache->ExpandFile2Cache(92, 67108864, 6666));
+    Head()->m_nFileInfoNo[92] = 0;
+    lpHead->m_nDataFlag = BLOCKMAP_CACHE_DATAFLAG;
+    EXPECT_EQ(1, m_pCache->ExpandFile2Cache(90, 67108864, 6666));
+    lpHead->m_nDataFlag = INDEXFILE_DATAFLAG;
+    UINT nHead = Head()->m_nFileInfoNo[90];
+    Head()->m_nFileInfoNo[90] = m_l.m_nBlockBufNum + 1;
+    EXPECT_EQ(1, m_pCache->ExpandFile2Cache(90, 67108864, 6666));
+    Head()->m_nFileInfoNo[90] = nHead;
+    EXPECT_EQ(-1, FirstDiff(vBefore, Snapshot()));
+    EXPECT_TRUE(Traced(60002006, "The file head in the cache is not valid, file number: 92"));
+}

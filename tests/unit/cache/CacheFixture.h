@@ -1,0 +1,135 @@
+// CacheFixture.h — a shared cache segment of its own for each test (the
+// binary runs in a private IPC namespace, so the fixed key meets nobody),
+// the trace lines it wrote, raw views of the segment as the engine sees it,
+// and a way to let the daemon "die" so that the segment survives it.
+#pragma once
+
+#include "CacheLayout.h"
+#include "TalvorCacheStorage.h"
+#include "TalvorTrace.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <sys/shm.h>
+#include <vector>
+
+namespace cachetest {
+
+// Fields of packed records are read by value.
+template <class T>
+T Val(T v)
+{
+    return v;
+}
+
+struct TraceLine {
+    long nCode;
+    std::string strText;
+};
+
+inline std::mutex g_traceLock;
+inline std::vector<TraceLine> g_traceLines;
+
+inline void CaptureSink(LPCTSTR, LONG, LONG lCode, LPCTSTR szLog)
+{
+    std::lock_guard<std::mutex> g(g_traceLock);
+    g_traceLines.push_back({lCode, szLog});
+}
+
+class CacheFixture : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        RemoveSegment();
+        m_nOldLanguage = g_nLanguage_Chinese;
+        g_nLanguage_Chinese = 0;
+        g_traceLines.clear();
+        m_pOldSink = TraceInstallSink(&CaptureSink);
+    }
+    void TearDown() override
+    {
+        m_pCache.reset();
+        RemoveSegment();
+        TraceInstallSink(m_pOldSink);
+        g_nLanguage_Chinese = m_nOldLanguage;
+    }
+
+    static CBreltMemStorageModule* Module()
+    {
+        // Only its presence is checked; nothing of it is reached here.
+        static char cModule;
+        return reinterpret_cast<CBreltMemStorageModule*>(&cModule);
+    }
+    // A new cache object on the segment; the result of Initialize.
+    int Open(int nMB, int nLRU = 80)
+    {
+        m_pCache.reset(new CTalvorCacheStorage);
+        return m_pCache->Initialize(SHMNAME_CACHEBUFFER, nMB, nLRU, Module(), FALSE);
+    }
+    // The daemon dies: it lets go of the segment without removing it.
+    void Abandon()
+    {
+        m_pCache->m_hCacheBufferFile = 0;
+        m_pCache.reset();
+    }
+    static int SegmentId() { return shmget(SHMKEY_CACHEBUFFER, 0, 0); }
+    static long long SegmentSize()
+    {
+        struct shmid_ds ds;
+        int nId = SegmentId();
+        if (nId < 0 || shmctl(nId, IPC_STAT, &ds) != 0) return -1;
+        return (long long)ds.shm_segsz;
+    }
+    static void RemoveSegment()
+    {
+        int nId = SegmentId();
+        if (nId >= 0) shmctl(nId, IPC_RMID, nullptr);
+    }
+    // Every byte of the segment, read through an attach of our own.
+    static std::vector<BYTE> Snapshot()
+    {
+        std::vector<BYTE> v;
+        long long llSize = SegmentSize();
+        if (llSize <= 0) return v;
+        void* p = shmat(SegmentId(), nullptr, SHM_RDONLY);
+        if (p == (void*)-1) return v;
+        v.assign((BYTE*)p, (BYTE*)p + llSize);
+        shmdt(p);
+        return v;
+    }
+    // Offset of the first differing byte, or -1.
+    static long long FirstDiff(const std::vector<BYTE>& a, const std::vector<BYTE>& b)
+    {
+        if (a.size() != b.size()) return 0;
+        for (size_t i = 0; i < a.size(); i++)
+            if (a[i] != b[i]) return (long long)i;
+        return -1;
+    }
+    static bool Traced(long nCode, const std::string& strText)
+    {
+        std::lock_guard<std::mutex> g(g_traceLock);
+        for (const TraceLine& l : g_traceLines)
+            if (l.nCode == nCode && l.strText.find(strText) != std::string::npos) return true;
+        return false;
+    }
+
+    LPCacheBufferHead Head() { return m_pCache->m_pCacheBufferHead; }
+    LPBYTE Base() { return m_pCache->m_pCacheBufferAddr; }
+    // The blocks of a chain, in order; stops after nMax.
+    std::vector<UINT> Chain(UINT nFirst, size_t nMax = 1u << 20)
+    {
+        std::vector<UINT> v;
+        for (UINT n = nFirst; n != 0 && v.size() < nMax; n = m_pCache->GetLink(n)) v.push_back(n);
+        return v;
+    }
+
+    std::unique_ptr<CTalvorCacheStorage> m_pCache;
+    LPTALVORTRACESINK m_pOldSink = nullptr;
+    int m_nOldLanguage = 1;
+};
+
+} // namespace cachetest

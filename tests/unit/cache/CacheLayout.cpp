@@ -1,0 +1,147 @@
+// Where the areas of the shared cache lie for the sizes the daemon meets:
+// every offset worked out by hand for 64 MiB, 300 MiB and 1 GiB, and for a
+// sweep of sizes the rules that keep areas apart — above all that no load
+// slot lies on a link of the cache map that a chain may use.
+#include "CacheLayout.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+struct Expected {
+    int nMB;
+    long long llFIFOSize;
+    long long llFIFOOffset;
+    long long llFlashBackOffset;
+    UINT nBlockBufNum;
+    int nMapBlocks;
+    UINT nFirstFreeNo;
+    int nLoadSlots;
+    long long llLoadEnd;
+};
+
+// By hand: FIFO = (100 - 80) x MB / 100 whole MiB; FIFO offset = size - FIFO
+// - 393216; N = FIFO offset / 16384 - 1; map blocks = 1 + N / 4096; first
+// free = 2 + map blocks.
+const Expected kSizes[] = {
+    // 64 MiB: FIFO 12 MiB; 54132736 / 16384 = 3304.
+    {64, 12582912, 54132736, 66715648, 3303, 1, 3, 473, 32744},
+    // 300 MiB: FIFO 60 MiB; 251265024 / 16384 = 15336; 15335 / 4096 = 3.
+    {300, 62914560, 251265024, 314179584, 15335, 4, 6, 473, 32744},
+    // 1 GiB: FIFO 204 MiB (204.8 cut); 859439104 / 16384 = 52456; 52455 /
+    // 4096 = 12. Links 0 to 14 serve no chain, so all 475 slots stay.
+    {1024, 213909504, 859439104, 1073348608, 52455, 13, 15, 475, 32808},
+};
+
+} // namespace
+
+TEST(CacheLayout, HandWorkedOffsetsFor64MiB300MiBAnd1GiB)
+{
+    for (const Expected& e : kSizes) {
+        SCOPED_TRACE(e.nMB);
+        CACHELAYOUT l;
+        ASSERT_TRUE(CacheComputeLayoutMB(e.nMB, 80, l));
+        EXPECT_EQ((long long)e.nMB * 1048576, l.m_llTotalSize);
+        EXPECT_EQ(e.llFIFOSize, l.m_llFIFOSize);
+        EXPECT_EQ(e.llFIFOOffset, l.m_llFIFOOffset);
+        EXPECT_EQ(e.llFlashBackOffset, l.m_llFlashBackOffset);
+        EXPECT_EQ(393216, l.m_nFlashBackSize);
+        EXPECT_EQ(e.nBlockBufNum, l.m_nBlockBufNum);
+        EXPECT_EQ(e.nMapBlocks, l.m_nMapBlocks);
+        EXPECT_EQ(e.nFirstFreeNo, l.m_nFirstFreeNo);
+        EXPECT_EQ(e.nLoadSlots, l.m_nLoadSlotNum);
+        EXPECT_EQ(e.llLoadEnd, l.m_llLoadEnd);
+    }
+}
+
+TEST(CacheLayout, FixedAreasOfTheHeadFollowEachOtherWithoutGapOrOverlap)
+{
+    EXPECT_EQ(5224, CACHE_FLUSH_OFFSET);
+    EXPECT_EQ(11368, CACHE_INDEXFLUSH_OFFSET);
+    EXPECT_EQ(17512, CACHE_FLUSHTSFILE_OFFSET);
+    EXPECT_EQ(17576, CACHE_FLUSHFILE_OFFSET);
+    EXPECT_EQ(17608, CACHE_LOAD_OFFSET);
+    EXPECT_EQ(CACHE_FLUSH_OFFSET, (int)sizeof(CacheBufferHead));
+    EXPECT_EQ(CACHE_INDEXFLUSH_OFFSET, CACHE_FLUSH_OFFSET + CACHE_FLUSH_RING_SIZE * (int)sizeof(stu_CacheFlush));
+    EXPECT_EQ(CACHE_FLUSHTSFILE_OFFSET, CACHE_INDEXFLUSH_OFFSET + CACHE_FLUSH_RING_SIZE * (int)sizeof(stu_CacheFlush));
+    EXPECT_EQ(CACHE_FLUSHFILE_OFFSET, CACHE_FLUSHTSFILE_OFFSET + CACHE_FLUSHTSFILE_NUM * (int)sizeof(stu_CacheFlushFile));
+    EXPECT_EQ(CACHE_LOAD_OFFSET, CACHE_FLUSHFILE_OFFSET + CACHE_FLUSHFILE_NUM * (int)sizeof(stu_CacheFlushFile));
+    EXPECT_EQ(32768, CACHE_MAP_OFFSET);
+    // The flashback area holds the two pools' images: 16 of 16384, 32 of 4096.
+    EXPECT_EQ(16 * 16384 + 32 * 4096, CACHE_FLASHBACK_SIZE);
+}
+
+TEST(CacheLayout, LinksLieInMapBlocksOf4096)
+{
+    EXPECT_EQ(32768, CacheLinkOffset(0));
+    EXPECT_EQ(32768 + 40, CacheLinkOffset(10));
+    EXPECT_EQ(2 * 16384 + 4095 * 4, CacheLinkOffset(4095));
+    EXPECT_EQ(3 * 16384, CacheLinkOffset(4096));
+    EXPECT_EQ(14 * 16384 + 4, CacheLinkOffset(12 * 4096 + 1));
+}
+
+// 475 slots would end 40 bytes into the map, on links 0 to 9. In a cache
+// whose first cache block is below 10 some of those links are live.
+TEST(CacheLayout, NoLoadSlotLiesOnALinkThatAChainMayUse)
+{
+    int nSmall = 0, nLarge = 0;
+    for (int nMB = CACHE_MIN_SIZE_MB; nMB <= 4096; nMB += 7) {
+        for (int nLRU : {2, 50, 80, 98}) {
+            SCOPED_TRACE(testing::Message() << nMB << " MiB, LRU " << nLRU);
+            CACHELAYOUT l;
+            ASSERT_TRUE(CacheComputeLayoutMB(nMB, nLRU, l));
+            EXPECT_LE(l.m_llLoadEnd, CacheLinkOffset(l.m_nFirstFreeNo));
+            // Within the head blocks whenever a link below 10 is live.
+            if (l.m_nFirstFreeNo < 10) {
+                EXPECT_LE(l.m_llLoadEnd, CACHE_MAP_OFFSET);
+            }
+            (l.m_nLoadSlotNum == CACHE_LOADSLOT_NUM_FULL ? nLarge : nSmall)++;
+            // The map holds a link for every block and ends where the first
+            // block begins; the last block ends at or before the FIFO area.
+            EXPECT_LE(CacheLinkOffset(l.m_nBlockBufNum) + 4, CacheBlockOffset(l.m_nFirstFreeNo));
+            EXPECT_LE(CacheBlockOffset(l.m_nBlockBufNum) + CACHE_BLOCK_SIZE, l.m_llFIFOOffset);
+            EXPECT_EQ(l.m_llFIFOOffset + l.m_llFIFOSize, l.m_llFlashBackOffset);
+            EXPECT_EQ(l.m_llTotalSize, l.m_llFlashBackOffset + CACHE_FLASHBACK_SIZE);
+        }
+    }
+    EXPECT_GT(nSmall, 0);
+    EXPECT_GT(nLarge, 0);
+}
+
+TEST(CacheLayout, SlotCountChangesExactlyWhereLinkNineStopsBeingLive)
+{
+    // N = 28671 puts the first block at 2 + 1 + 6 = 9, N = 28672 at 10.
+    CACHELAYOUT l;
+    ASSERT_TRUE(CacheComputeLayout((28671LL + 1) * 16384 + CACHE_FLASHBACK_SIZE, 0, l));
+    EXPECT_EQ(9u, l.m_nFirstFreeNo);
+    EXPECT_EQ(473, l.m_nLoadSlotNum);
+    ASSERT_TRUE(CacheComputeLayout((28672LL + 1) * 16384 + CACHE_FLASHBACK_SIZE, 0, l));
+    EXPECT_EQ(10u, l.m_nFirstFreeNo);
+    EXPECT_EQ(475, l.m_nLoadSlotNum);
+}
+
+TEST(CacheLayout, SizesThatHoldNoCacheBlockAreRefused)
+{
+    CACHELAYOUT l;
+    EXPECT_FALSE(CacheComputeLayout(0, 0, l));
+    EXPECT_FALSE(CacheComputeLayout(CACHE_FLASHBACK_SIZE, 0, l));
+    // Head blocks and one map block but no block behind them.
+    EXPECT_FALSE(CacheComputeLayout(3LL * 16384 + CACHE_FLASHBACK_SIZE, 0, l));
+    // One more block: the cache holds exactly one, number 3.
+    EXPECT_TRUE(CacheComputeLayout(4LL * 16384 + CACHE_FLASHBACK_SIZE, 0, l));
+    EXPECT_EQ(3u, l.m_nFirstFreeNo);
+    EXPECT_EQ(3u, l.m_nBlockBufNum);
+    EXPECT_FALSE(CacheComputeLayout(64LL * 1048576, 64LL * 1048576, l));
+    EXPECT_FALSE(CacheComputeLayoutMB(0, 80, l));
+}
+
+TEST(CacheLayout, LruPercentIsClampedTo2And98)
+{
+    CACHELAYOUT lLow, lClamped;
+    ASSERT_TRUE(CacheComputeLayoutMB(100, 0, lLow));
+    ASSERT_TRUE(CacheComputeLayoutMB(100, 2, lClamped));
+    EXPECT_EQ(98LL * 1048576, lLow.m_llFIFOSize);
+    EXPECT_EQ(lClamped.m_llFIFOOffset, lLow.m_llFIFOOffset);
+    ASSERT_TRUE(CacheComputeLayoutMB(100, 150, lLow));
+    EXPECT_EQ(2LL * 1048576, lLow.m_llFIFOSize);
+}
