@@ -77,18 +77,25 @@ protected:
         return s;
     }
 
+    // The sealed group of the lowest log number, or -1.
+    int OldestSealed()
+    {
+        int nFound = -1;
+        for (int g = 0; g < m_pRedo->m_nWriteRedoOnlineGroups; g++) {
+            LPTALVORREDOGROUP p = m_pRedo->GetGroup(g);
+            if (p->m_bState == REDOGROUP_SEALED &&
+                (nFound < 0 || p->m_nSequenceNO < m_pRedo->GetGroup(nFound)->m_nSequenceNO))
+                nFound = g;
+        }
+        return nFound;
+    }
+
     // Plays the archiver: every sealed group, oldest first, is taken out and
     // made reusable.
     void Harvest()
     {
         for (;;) {
-            int nFound = -1;
-            for (int g = 0; g < m_pRedo->m_nWriteRedoOnlineGroups; g++) {
-                LPTALVORREDOGROUP p = m_pRedo->GetGroup(g);
-                if (p->m_bState == REDOGROUP_SEALED &&
-                    (nFound < 0 || p->m_nSequenceNO < m_pRedo->GetGroup(nFound)->m_nSequenceNO))
-                    nFound = g;
-            }
+            int nFound = OldestSealed();
             if (nFound < 0) return;
             LPTALVORREDOGROUP p = m_pRedo->GetGroup(nFound);
             std::string strPath = m_strDir + "Redo" + std::to_string(nFound) + ".log";

@@ -94,13 +94,7 @@ protected:
     void Collect()
     {
         for (;;) {
-            int nFound = -1;
-            for (int g = 0; g < m_pRedo->m_nWriteRedoOnlineGroups; g++) {
-                LPTALVORREDOGROUP p = m_pRedo->GetGroup(g);
-                if (p->m_bState == REDOGROUP_SEALED &&
-                    (nFound < 0 || p->m_nSequenceNO < m_pRedo->GetGroup(nFound)->m_nSequenceNO))
-                    nFound = g;
-            }
+            int nFound = OldestSealed();
             if (nFound < 0) return;
             std::string strPath = m_strDir + "Redo" + std::to_string(nFound) + ".log";
             std::string strFile = ReadWholeFile(strPath);

@@ -78,12 +78,10 @@ protected:
         MakeRing(8192);
     }
 
-    // Three logs of one record each, sealed (the last by the stop), none
-    // archived; their bodies kept by number.
-    void SealThreeLogs()
+    // One record a log, three logs, the writer stopped (which seals the
+    // last); the bodies kept in m_vLogs.
+    void WriteThreeLogsAndStop()
     {
-        ASSERT_TRUE(InitRedo());
-        m_pRedo->StartWriter(m_st);
         for (int i = 0; i < 3; i++) {
             std::string s = Record(3000, 1, i + 1);
             ASSERT_EQ(3000, TraceRingWrite(m_pRing, m_nRingSize, s.data(), 3000));
@@ -94,6 +92,15 @@ protected:
         m_bExit = TRUE;
         for (int i = 0; i < 100 && !m_pRedo->WritePass(m_st, &m_stCrit); i++) {
         }
+    }
+
+    // Three logs of one record each, sealed (the last by the stop), none
+    // archived; their bodies kept by number.
+    void SealThreeLogs()
+    {
+        ASSERT_TRUE(InitRedo());
+        m_pRedo->StartWriter(m_st);
+        WriteThreeLogsAndStop();
         for (int g = 0; g < 3; g++) ASSERT_EQ(REDOGROUP_SEALED, m_pRedo->GetGroup(g)->m_bState) << g;
     }
 
@@ -384,16 +391,7 @@ TEST_F(RedoPowerLoss, FailingCallOfASealOrAnArchiveIsTracedAndTearsNothing)
                     g_vLines.clear();
                 }
                 // Three logs, the last sealed by the stop, then the archiver.
-                for (int i = 0; i < 3; i++) {
-                    std::string s = Record(3000, 1, i + 1);
-                    ASSERT_EQ(3000, TraceRingWrite(m_pRing, m_nRingSize, s.data(), 3000));
-                    m_vLogs.push_back(s);
-                    m_pRedo->WritePass(m_st, &m_stCrit);
-                    m_pRedo->WritePass(m_st, &m_stCrit);
-                }
-                m_bExit = TRUE;
-                for (int i = 0; i < 100 && !m_pRedo->WritePass(m_st, &m_stCrit); i++) {
-                }
+                WriteThreeLogsAndStop();
                 RunArchiver(m_pRedo);
                 nCalls = io.Calls(eOp) - nBase;
                 delete m_pRedo;
