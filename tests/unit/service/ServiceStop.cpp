@@ -62,6 +62,22 @@ protected:
         m_db.Head()->m_bStorageCMD = STORAGECMD_SAVE;
         ASSERT_TRUE(m_io.WaitHeld(5000));
     }
+    // The thread on a fake clock at nStart with a 300 s interval; a
+    // committed change, and the engine inside transaction ts on a data
+    // block whose old version is not kept: that block is newer than the
+    // committed timestamp and cannot be taken back, so the pass asked (and
+    // answered) here cannot commit.
+    void HoldABlockAhead(long long nStart, long long& ts)
+    {
+        g_nFakeNow = nStart;
+        TalvorSetStorageClock(FakeClock);
+        StartThread(300);
+        Change(2, 40);
+        ts = m_db.BeginTransaction();
+        m_db.ChangeRow(2, 1, 0, 41, ts);
+        m_db.Head()->m_bStorageCMD = STORAGECMD_SAVE;
+        ASSERT_TRUE(WaitUntil([&] { return m_db.Head()->m_bStorageCMD == STORAGECMD_FINISHED; }, 5000));
+    }
     PersistenceDb m_db;
     // Writes to the database hang once held, until released: a pass that
     // hangs on the disk.
@@ -178,18 +194,8 @@ TEST_F(ServiceStop, AClockThatJumpsBackDoesNotHoldThePassUp)
 TEST_F(ServiceStop, APassThatMetABlockAheadIsTriedAgainSoon)
 {
     const long long nStart = 1700000000LL * 1000000LL;
-    g_nFakeNow = nStart;
-    TalvorSetStorageClock(FakeClock);
-    StartThread(300);
-    // A committed change, and the engine inside the next transaction on a
-    // data block whose old version is not kept: that block is newer than the
-    // committed timestamp and cannot be taken back, so the pass asked now
-    // cannot commit.
-    Change(2, 40);
-    long long ts = m_db.BeginTransaction();
-    m_db.ChangeRow(2, 1, 0, 41, ts);
-    m_db.Head()->m_bStorageCMD = STORAGECMD_SAVE;
-    ASSERT_TRUE(WaitUntil([&] { return m_db.Head()->m_bStorageCMD == STORAGECMD_FINISHED; }, 5000));
+    long long ts = 0;
+    ASSERT_NO_FATAL_FAILURE(HoldABlockAhead(nStart, ts));
     m_db.EndTransaction(ts);
     usleep(100000);
     EXPECT_NE(ts, m_db.CommittedOnDisk()) << "nothing is tried before the retry is due";
@@ -205,14 +211,8 @@ TEST_F(ServiceStop, QuickRetriesOfAHeldBackPassStopAfterFifty)
 {
     const long long nStart = 1700000000LL * 1000000LL;
     long long nNow = nStart;
-    g_nFakeNow = nNow;
-    TalvorSetStorageClock(FakeClock);
-    StartThread(300);
-    Change(2, 50);
-    long long ts = m_db.BeginTransaction();
-    m_db.ChangeRow(2, 1, 0, 51, ts);
-    m_db.Head()->m_bStorageCMD = STORAGECMD_SAVE;
-    ASSERT_TRUE(WaitUntil([&] { return m_db.Head()->m_bStorageCMD == STORAGECMD_FINISHED; }, 5000));
+    long long ts = 0;
+    ASSERT_NO_FATAL_FAILURE(HoldABlockAhead(nStart, ts));
     // Every pass over the data file ends with the sync of its head.
     std::atomic<long long> nPasses{0};
     std::string strData = m_db.PathOf(2);
