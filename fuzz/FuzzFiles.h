@@ -12,17 +12,29 @@
 
 namespace talvorfuzz {
 
+inline std::string MakeProcessDir(const char* lpRoot)
+{
+    char szDir[96];
+    snprintf(szDir, sizeof(szDir), "%s/talvor-fuzz-%d/", lpRoot, (int)getpid());
+    std::string strCmd = std::string("mkdir -p ") + szDir;
+    if (system(strCmd.c_str()) != 0) abort();
+    return std::string(szDir);
+}
+
 // "/tmp/talvor-fuzz-<pid>/", made on first use and left at exit (a run
-// is a throw-away process).
+// is a throw-away process). On disk: the data files are opened for direct
+// I/O, which a memory file system may refuse.
 inline const std::string& FuzzDir()
 {
-    static std::string s_strDir = [] {
-        char szDir[64];
-        snprintf(szDir, sizeof(szDir), "/tmp/talvor-fuzz-%d/", (int)getpid());
-        std::string strCmd = std::string("mkdir -p ") + szDir;
-        if (system(strCmd.c_str()) != 0) abort();
-        return std::string(szDir);
-    }();
+    static std::string s_strDir = MakeProcessDir("/tmp");
+    return s_strDir;
+}
+
+// The same in /dev/shm (a private tmpfs under tests/isolate.sh), for files
+// that are synced on every write and need no direct I/O.
+inline const std::string& RamDir()
+{
+    static std::string s_strDir = MakeProcessDir("/dev/shm");
     return s_strDir;
 }
 

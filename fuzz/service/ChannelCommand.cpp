@@ -64,11 +64,17 @@ const Database& MadeDatabase()
     return s_db;
 }
 
+// The used part of each file, and zeros (a hole) to its size: the bytes of
+// the made files, written in a fraction of the time.
+bool WriteUsed(const std::string& strPath, const std::vector<BYTE>& v, long long nUsed)
+{
+    return talvorfuzz::WriteFileBytes(strPath, v.data(), (size_t)nUsed) && truncate(strPath.c_str(), (off_t)v.size()) == 0;
+}
+
 bool WriteDatabase(const Database& db)
 {
-    std::string strDir = talvorfuzz::FuzzDir();
-    return talvorfuzz::WriteFileBytes(talvorfuzz::SystemFilePath(), db.m_vSystem.data(), db.m_vSystem.size()) &&
-           talvorfuzz::WriteFileBytes(strDir + "F2.dbf", db.m_vData.data(), db.m_vData.size());
+    return WriteUsed(talvorfuzz::SystemFilePath(), db.m_vSystem, db.m_nSystemUsed) &&
+           WriteUsed(talvorfuzz::FuzzDir() + "F2.dbf", db.m_vData, db.m_nDataUsed);
 }
 
 void LayPieces(LPBYTE lpImage, long long nUsed, const uint8_t* p, size_t n)
