@@ -12,12 +12,29 @@
 
 namespace talvorfuzz {
 
+inline std::string& ProcessDirs()
+{
+    static std::string s_strDirs;
+    return s_strDirs;
+}
+
+// At a normal end of the run (libFuzzer's time or run limit) the
+// directories go; after a crash they stay for a look.
+inline void RemoveProcessDirs()
+{
+    if (ProcessDirs().empty()) return;
+    std::string strCmd = "rm -rf" + ProcessDirs();
+    if (system(strCmd.c_str()) != 0) fprintf(stderr, "could not remove%s\n", ProcessDirs().c_str());
+}
+
 inline std::string MakeProcessDir(const char* lpRoot)
 {
     char szDir[96];
     snprintf(szDir, sizeof(szDir), "%s/talvor-fuzz-%d/", lpRoot, (int)getpid());
     std::string strCmd = std::string("mkdir -p ") + szDir;
     if (system(strCmd.c_str()) != 0) abort();
+    if (ProcessDirs().empty()) atexit(RemoveProcessDirs);
+    ProcessDirs() += std::string(" ") + szDir;
     return std::string(szDir);
 }
 
