@@ -312,7 +312,9 @@ int CrashAppendCrashedThread(HTHREADTYPE* threadHandle, LPTALVORTHREADENTRY thre
     pRecord->m_pThread = threadEntrance;
     pRecord->m_vThreadArg = threadArg;
     pRecord->m_next = g_pCrashedThreads;
-    g_pCrashedThreads = pRecord;
+    // CrashHasCrashedThreads looks without the lock: the head is published
+    // whole, after the record it points to.
+    __atomic_store_n(&g_pCrashedThreads, pRecord, __ATOMIC_RELEASE);
     return 0;
 }
 
@@ -386,7 +388,7 @@ void CrashAutoRecoverCrashedThreads()
                 bFailed = true;
                 break;
             }
-            g_pCrashedThreads = pRecord->m_next;
+            __atomic_store_n(&g_pCrashedThreads, pRecord->m_next, __ATOMIC_RELEASE);
             delete pRecord;
         }
     }
@@ -408,7 +410,7 @@ void CrashFreeThreadLists()
     while (g_pCrashedThreads != nullptr) {
         LPCRASHTHREAD pNext = g_pCrashedThreads->m_next;
         delete g_pCrashedThreads;
-        g_pCrashedThreads = pNext;
+        __atomic_store_n(&g_pCrashedThreads, pNext, __ATOMIC_RELEASE);
     }
     guardCrashed.UnLock();
     CListLock guard(&g_critThreads);

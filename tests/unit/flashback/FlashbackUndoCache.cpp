@@ -298,7 +298,8 @@ TEST_F(FlashbackUndoCache, MirrorIsQuietUntilSomethingIsPublished)
     EXPECT_TRUE(WritesOf(io, nMade).empty()) << WritesOf(io, nMade).size();
     Changes(block, 3, 2, 100);
     UINT nAlloc = m_area.Head()->m_nDataAllocPos;
-    EXPECT_TRUE(WaitUntil([&] { return m_area.Head()->m_bSaveStatus == 0; }, 5000));
+    // The mirror thread clears the flag as the engine's side would see it.
+    EXPECT_TRUE(WaitUntil([&] { return __atomic_load_n(&m_area.Head()->m_bSaveStatus, __ATOMIC_ACQUIRE) == 0; }, 5000));
     ASSERT_TRUE(m_flashback.StopUndoMirror(5000, 0));
     EXPECT_EQ(0u, (unsigned long)m_flashback.m_hFlushThread);
     std::vector<std::pair<long long, long long>> vWrites = WritesOf(io, nMade);

@@ -1,0 +1,50 @@
+// FuzzModule.h — a module object brought up on the system file in the fuzz
+// directory, as the start brings it up, and given back as the stop does
+// (without its trace and configuration steps).
+#pragma once
+
+#include "BreltMemStorage.h"
+#include "ConfigHelper.h"
+#include "FuzzFiles.h"
+#include "FuzzQuiet.h"
+#include "TalvorFlashback.h"
+
+#include <cstdlib>
+#include <string>
+
+namespace talvorfuzz {
+
+// The ini of the fuzz directory: the database lives there, messages in
+// English, no cache. Once per process.
+inline bool ModuleIni()
+{
+    static bool s_bOk = [] {
+        QuietTrace();
+        std::string strIni = FuzzDir() + "TalvorConfig.ini";
+        std::string strText = "[System]\r\ndatabasepath=" + FuzzDir() +
+                              "\r\nLanguage=0\r\nbuffercachesize=0\r\nundoareasize=8\r\n";
+        return WriteFileBytes(strIni, strText.data(), strText.size()) && TalvorConfigInit(strIni.c_str());
+    }();
+    return s_bOk;
+}
+
+inline std::string SystemFilePath() { return FuzzDir() + "System.dbf"; }
+
+inline void ReleaseModule(CBreltMemStorageModule& m)
+{
+    while (m.m_pStorageInfo != nullptr) {
+        stu_FILEINFO* p = m.m_pStorageInfo;
+        m.m_pStorageInfo = p->m_pNext;
+        if (p->m_pStorageFile != nullptr) p->m_pStorageFile->Release();
+        free(p);
+    }
+    if (m.m_lpSystemFileInfo != nullptr) {
+        if (m.m_lpSystemFileInfo->m_pStorageFile != nullptr) m.m_lpSystemFileInfo->m_pStorageFile->Release();
+        free(m.m_lpSystemFileInfo);
+        m.m_lpSystemFileInfo = nullptr;
+    }
+    delete m.m_pFlashback;
+    m.m_pFlashback = nullptr;
+}
+
+} // namespace talvorfuzz

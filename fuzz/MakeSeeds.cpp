@@ -1,0 +1,305 @@
+// MakeSeeds.cpp — writes the seed corpora of the fuzz targets from what the
+// database maker and the engine stand-in make: a new database (the maker),
+// its data file with blocks and rows (the stand-in's image helpers), a
+// block taken through updates with its rollback area (the stand-in's rows),
+// a redo ring of the stand-in's records and the group files the daemon's
+// writer makes of it. Run by fuzz/make-corpus; argv[1] is fuzz/corpus.
+#include "DbFileLayout.h"
+#include "LogManager.h"
+#include "MkdbTool.h"
+#include "PeerImage.h"
+#include "PeerRollback.h"
+#include "TalvorRedoLog.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+namespace {
+
+std::string g_strOut;
+
+std::string ReadFile(const std::string& strPath)
+{
+    std::ifstream in(strPath, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+void WriteSeed(const std::string& strTarget, const std::string& strName, const std::string& strBytes)
+{
+    std::string strDir = g_strOut + "/" + strTarget;
+    mkdir(strDir.c_str(), 0755);
+    std::ofstream out(strDir + "/" + strName, std::ios::binary | std::ios::trunc);
+    out.write(strBytes.data(), (std::streamsize)strBytes.size());
+    if (!out) {
+        fprintf(stderr, "cannot write %s/%s\n", strDir.c_str(), strName.c_str());
+        exit(1);
+    }
+}
+
+void Put32(std::string& s, uint32_t n)
+{
+    for (int i = 0; i < 4; i++) s.push_back((char)((n >> (8 * i)) & 0xFF));
+}
+
+// The image form of fuzz/FuzzImage.h: runs of non-zero 16-byte granules,
+// joined across gaps shorter than a piece head's worth.
+std::string Sparse(const std::string& strImage, uint32_t nImageSize, uint8_t bTagA, uint8_t bTagB)
+{
+    std::string s;
+    Put32(s, nImageSize);
+    s.push_back((char)bTagA);
+    s.push_back((char)bTagB);
+    const size_t G = 16;
+    size_t nLimit = strImage.size() < nImageSize ? strImage.size() : nImageSize;
+    auto granuleZero = [&](size_t at) {
+        for (size_t i = at; i < at + G && i < nLimit; i++)
+            if (strImage[i] != 0) return false;
+        return true;
+    };
+    size_t at = 0;
+    while (at < nLimit) {
+        if (granuleZero(at)) {
+            at += G;
+            continue;
+        }
+        size_t nEnd = at;
+        size_t nZeros = 0;
+        while (nEnd < nLimit && nEnd - at < 65535 - G) {
+            if (granuleZero(nEnd)) {
+                if (++nZeros > 1) break;
+            } else {
+                nZeros = 0;
+            }
+            nEnd += G;
+        }
+        if (nEnd > nLimit) nEnd = nLimit;
+        size_t nLen = nEnd - at;
+        Put32(s, (uint32_t)at);
+        s.push_back((char)(nLen & 0xFF));
+        s.push_back((char)(nLen >> 8));
+        s.append(strImage, at, nLen);
+        at = nEnd;
+    }
+    return s;
+}
+
+void IniSeeds()
+{
+    WriteSeed("IniFile", "daemon.ini",
+              "[System]\r\ndatabasepath=/var/lib/talvor/Data/Talvor/\r\nLanguage=0\r\nbuffercachesize=0\r\n"
+              "undoareasize=8\r\npersistenceintervals=3\r\n[Cluster]\r\nNodeType=0\r\n");
+    WriteSeed("IniFile", "comments.ini",
+              "# hand edited\n[Config] ; cluster\n  key = value # trailing\n\tTab=1\n[System]\ninstall=1\n"
+              "port=0x1F90\nsize=12e2\n[Empty]\n");
+}
+
+void TextSeeds()
+{
+    WriteSeed("DecimalDateText", "decimal", "-123456789012345678901234567890.123456789");
+    WriteSeed("DecimalDateText", "exponent", " +1.5e-7 ");
+    WriteSeed("DecimalDateText", "date", std::string("2026-11-26 08:34:19.123456\0YYYY-MM-DD HH24:MI:SS", 48));
+    WriteSeed("DecimalDateText", "rr", std::string("26-NOV-99\0DD-MON-RR", 19));
+    WriteSeed("DecimalDateText", "time", "-3 12:30:59");
+    WriteSeed("JsonText", "object", "{\"a\": [1, 2.5e3, true, null], \"b\": {\"c\": \"\\u00e9\\n\"}}");
+    WriteSeed("JsonText", "string", "  \"esc\\\"aped \\ud83d\\ude00\"  ");
+    WriteSeed("JsonText", "array", "[[[], {}], \"x\", -0.0]");
+}
+
+// The maker's database, its data file filled by the stand-in.
+void DatabaseSeeds(const std::string& strWork)
+{
+    talvormkdb::MakeRequest r;
+    r.m_strDir = strWork + "/db/";
+    r.m_strName = "Seeds";
+    r.m_vFiles = {{FILETYPE_DATA, 1}, {FILETYPE_BTREEINDEX, 1}, {FILETYPE_KVINDEX, 1}};
+    r.m_nRedoGroups = 3;
+    r.m_nRedoSizeMiB = 1;
+    if (talvormkdb::MakeDatabase(r) != 0) {
+        fprintf(stderr, "the maker failed in %s\n", r.m_strDir.c_str());
+        exit(1);
+    }
+    std::string strSystem = ReadFile(r.m_strDir + DB_SYSTEMFILE_NAME);
+    WriteSeed("SystemFile", "made", Sparse(strSystem, (uint32_t)strSystem.size(), 0, 0));
+    WriteSeed("FileLayout", "system", Sparse(strSystem, 512 * 1024, 0, 0));
+    std::vector<std::string> vFiles;
+    DbForEachFileListRow((LPBYTE)&strSystem[0], (long long)strSystem.size(), [&](LPSYSTEMBLOCKHEAD, LPFILE_MEMDBFILEINFO p) {
+        if (p->m_bFileNo > 1 && p->m_bDropFlag == 0) vFiles.push_back(p->m_lpszFilePath);
+        return true;
+    });
+    for (const std::string& strPath : vFiles) {
+        std::string strFile = ReadFile(strPath);
+        LPBASEFILEHEAD lpHead = (LPBASEFILEHEAD)&strFile[0];
+        BYTE bType = lpHead->m_bFileType;
+        BYTE bNo = lpHead->m_bFileNo;
+        uint8_t bTag = (uint8_t)(bType - FILETYPE_DATA);
+        std::string strName = "type" + std::to_string(bType);
+        WriteSeed("DatabaseFile", strName + "-made", Sparse(strFile, (uint32_t)strFile.size(), bTag, bNo));
+        if (!talvorpeer::PeerPrepareFile((LPBYTE)&strFile[0], (long long)strFile.size(), 6, 1500)) continue;
+        if (bType == FILETYPE_DATA) {
+            talvorpeer::PeerSpreadObjects((LPBYTE)&strFile[0], (long long)strFile.size(), 3, 1600);
+            std::vector<long long> vBlocks = talvorpeer::PeerFileBlocks((LPBYTE)&strFile[0], (long long)strFile.size());
+            for (size_t i = 0; i < vBlocks.size(); i++)
+                talvorpeer::PeerChangeRow((LPBYTE)&strFile[0], (long long)strFile.size(), bNo, vBlocks[i], (int)i, 77 + (long long)i, 1700);
+        }
+        WriteSeed("DatabaseFile", strName + "-rows", Sparse(strFile, (uint32_t)strFile.size(), bTag, bNo));
+        WriteSeed("DatabaseFile", strName + "-forced", Sparse(strFile, (uint32_t)strFile.size(), bTag | 0x80, bNo));
+        if (bType == FILETYPE_DATA) WriteSeed("FileLayout", "data", Sparse(strFile, 512 * 1024, 1, 0));
+    }
+    for (int g = 0; g < 2; g++) {
+        std::string strGroup = ReadFile(r.m_strDir + "Redo" + std::to_string(g) + ".log");
+        if (strGroup.empty()) strGroup = ReadFile(r.m_strDir + "redo/Redo" + std::to_string(g) + ".log");
+        if (!strGroup.empty()) WriteSeed("RedoGroupFile", "made" + std::to_string(g), Sparse(strGroup, 65536, (uint8_t)g, 0));
+    }
+}
+
+// A block of the stand-in taken through inserts, updates and a delete, its
+// versions in the rollback area; targets before, between and after them.
+void RollbackSeeds()
+{
+    const int nBlockSize = 2048;
+    const UINT nArea = 4096;
+    std::vector<BYTE> vArea(nArea), vBlock((size_t)nBlockSize);
+    talvorpeer::CPeerRollbackArea area(vArea.data(), nArea);
+    talvorpeer::CPeerBlock block(vBlock.data(), nBlockSize);
+    area.Format();
+    block.Format(42, 2, 8);
+    const BYTE arValue[] = "a value long enough to take two pieces of the row";
+    int nRow = block.AddRow(1, 10, arValue, 20, 16);
+    block.UpdateRow(area, nRow, 20, arValue + 5, 40);
+    block.UpdateRow(area, nRow, 30, arValue, 8);
+    int nOther = block.AddRow(2, 25, arValue, 12, 64);
+    block.DeleteRow(area, nOther, 40);
+    for (long long nTarget : {5LL, 15LL, 27LL, 35LL, 100LL}) {
+        std::string s((const char*)&nTarget, 8);
+        s.push_back((char)(nBlockSize / 512 - 1));
+        s.append((const char*)vBlock.data(), vBlock.size());
+        s.append((const char*)vArea.data(), vArea.size());
+        WriteSeed("RollbackArea", "at" + std::to_string(nTarget), s);
+    }
+}
+
+std::string RedoRecord(long long nSize, BYTE bType, long long nTimestamp, unsigned& nRand)
+{
+    std::string s((size_t)nSize, '\0');
+    for (size_t i = EXECUTEPLANHEAD_SIZE; i < s.size(); i++) s[i] = (char)((nRand = nRand * 1103515245 + 12345) >> 16);
+    BASEEXECUTEPLANHEAD h;
+    memset(&h, 0, sizeof(h));
+    h.m_nTotalDataSize = (UINT)nSize;
+    h.m_nDataFlag = EXECUTEPLAN_DATAFLAG;
+    h.m_nType = bType;
+    h.m_bVersion = 1;
+    h.m_bWriteLog = 1;
+    h.m_nTimestamp = bType == 12 ? 0 : nTimestamp;
+    memcpy(&s[0], &h, sizeof(h));
+    if (RedoRecordHasTrailer(bType)) {
+        UINT t = REDORECORD_TRAILER;
+        memcpy(&s[s.size() - 4], &t, 4);
+    }
+    return s;
+}
+
+// The stand-in's records in a ring; then the daemon's writer drains them into
+// group files, which become the group seeds (one left unsealed).
+void RedoSeeds(const std::string& strWork)
+{
+    const int nRing = (int)sizeof(FILE_TRACEMEMFILEHEAD) + 2048;
+    std::vector<BYTE> vRing((size_t)nRing);
+    TraceRingInitHead(vRing.data(), nRing, TRACEMEM_FILETYPE_REDO);
+    unsigned nRand = 7;
+    std::string strRecords;
+    const BYTE arTypes[] = {1, 2, 12, 3, 1, 5};
+    for (int i = 0; i < 6; i++) strRecords += RedoRecord(60 + 37 * i, arTypes[i], 100 + i, nRand);
+    TraceRingWrite(vRing.data(), nRing, strRecords.data(), (int)strRecords.size());
+    WriteSeed("RedoRing", "records", std::string((const char*)vRing.data(), vRing.size()));
+    // A ring whose records wrap around its end.
+    std::vector<BYTE> vWrap((size_t)nRing);
+    TraceRingInitHead(vWrap.data(), nRing, TRACEMEM_FILETYPE_REDO);
+    LPFILE_TRACEMEMFILEHEAD lpHead = (LPFILE_TRACEMEMFILEHEAD)vWrap.data();
+    lpHead->m_nWritePos = lpHead->m_nReadPos = lpHead->m_nFileHeaderSize + 1900;
+    TraceRingWrite(vWrap.data(), nRing, strRecords.data(), 700);
+    WriteSeed("RedoRing", "wrapped", std::string((const char*)vWrap.data(), vWrap.size()));
+
+    std::string strDir = strWork + "/redo/";
+    mkdir(strDir.c_str(), 0755);
+    SYSTEMFILEHEAD stHead;
+    memset(&stHead, 0, sizeof(stHead));
+    stHead.m_usDatabaseGuid = 0x77;
+    stHead.m_nWriteRedoOnlineGroups = 3;
+    stHead.m_nWriteRedoMaxSize = 4096;
+    stHead.m_nWriteUndoDelayTime = 1;
+    stHead.m_nRedoLogMaxID = 1;
+    BOOL bExit = FALSE;
+    TALVORCRITICALSECTION stCrit;
+    InitThreadCritSection(&stCrit);
+    std::vector<BYTE> vDrain((size_t)nRing);
+    TraceRingInitHead(vDrain.data(), nRing, TRACEMEM_FILETYPE_REDO);
+    CTalvorRedoLog* pRedo = new CTalvorRedoLog();
+    pRedo->SetRingSize(nRing);
+    if (!pRedo->Init(&stHead, 0, &bExit, (char*)strDir.c_str(), (char*)vDrain.data(), nullptr, nullptr, FALSE, nullptr)) {
+        fprintf(stderr, "the redo writer did not start in %s\n", strDir.c_str());
+        exit(1);
+    }
+    REDOWRITERSTATE st;
+    memset(&st, 0, sizeof(st));
+    pRedo->StartWriter(st);
+    for (int nRound = 0; nRound < 3; nRound++) {
+        std::string s;
+        for (int i = 0; i < 4; i++) s += RedoRecord(200 + 50 * i, arTypes[i], 1000 + nRound * 10 + i, nRand);
+        TraceRingWrite(vDrain.data(), nRing, s.data(), (int)s.size());
+        for (int i = 0; i < 3; i++) pRedo->WritePass(st, &stCrit);
+    }
+    delete pRedo;  // a hard stop: the open log stays unsealed
+    for (int g = 0; g < 3; g++) {
+        std::string strGroup = ReadFile(strDir + "Redo" + std::to_string(g) + ".log");
+        if (strGroup.empty()) continue;
+        MF_REDOLOGFILEHEAD h;
+        memcpy(&h, strGroup.data(), sizeof(h));
+        WriteSeed("RedoGroupFile", "written" + std::to_string(g),
+                  Sparse(strGroup, (uint32_t)strGroup.size(), (uint8_t)g, (uint8_t)g));
+    }
+}
+
+// The channel: each command record the engine may leave, with the storage
+// command byte; and a file list row whose command asks for work.
+void ChannelSeeds()
+{
+    const BYTE arCommands[] = {0, 1, 10, 11, 12, 16, 17, 18, 19, 40, 41, 46, 47, 250};
+    for (BYTE bCommand : arCommands) {
+        std::string s(1 + sizeof(TALVORCOMMAND), '\0');
+        s[0] = (char)(bCommand % 8);
+        TALVORCOMMAND stCmd;
+        memset(&stCmd, 0, sizeof(stCmd));
+        stCmd.m_bCommandType = bCommand;
+        stCmd.m_bForbidSaveFlag = bCommand == 10 ? 1 : 0;
+        memcpy(&s[1], &stCmd, sizeof(stCmd));
+        WriteSeed("ChannelCommand", "command" + std::to_string(bCommand), s);
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 3) {
+        fprintf(stderr, "usage: %s CORPUSDIR WORKDIR\n", argv[0]);
+        return 2;
+    }
+    g_strOut = argv[1];
+    std::string strWork = argv[2];
+    mkdir(g_strOut.c_str(), 0755);
+    IniSeeds();
+    TextSeeds();
+    DatabaseSeeds(strWork);
+    RollbackSeeds();
+    RedoSeeds(strWork);
+    ChannelSeeds();
+    return 0;
+}
