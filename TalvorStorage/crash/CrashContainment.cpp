@@ -22,6 +22,8 @@
 #include <dlfcn.h>
 #include <elf.h>
 #include <execinfo.h>
+#include <semaphore.h>
+#include <time.h>
 #include <link.h>
 #include <new>
 #include <unistd.h>
@@ -297,6 +299,43 @@ void CrashRemoveThreadData()
     }
 }
 
+namespace {
+
+// Posted when there is work for the main thread; made before main runs, so
+// that a handler never meets it unmade.
+struct MainWake {
+    sem_t m_sem;
+    bool m_bMade;
+    MainWake() { m_bMade = sem_init(&m_sem, 0, 0) == 0; }
+} g_stMainWake;
+
+} // namespace
+
+void CrashWakeMainThread()
+{
+    if (g_stMainWake.m_bMade) sem_post(&g_stMainWake.m_sem);
+}
+
+BOOL CrashWaitForMainWork(UINT nMs)
+{
+    if (!g_stMainWake.m_bMade) {
+        usleep(nMs * 1000);
+        return FALSE;
+    }
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    long long nNanos = (long long)ts.tv_nsec + (long long)(nMs % 1000) * 1000000LL;
+    ts.tv_sec += (time_t)(nMs / 1000) + (time_t)(nNanos / 1000000000LL);
+    ts.tv_nsec = (long)(nNanos % 1000000000LL);
+    while (sem_timedwait(&g_stMainWake.m_sem, &ts) != 0) {
+        if (errno != EINTR) return FALSE;
+    }
+    // Posts banked meanwhile are covered by the look that follows.
+    while (sem_trywait(&g_stMainWake.m_sem) == 0) {
+    }
+    return TRUE;
+}
+
 int CrashAppendCrashedThread(HTHREADTYPE* threadHandle, LPTALVORTHREADENTRY threadEntrance, void* threadArg)
 {
     CListLock guard(&g_critCrashedThreads);
@@ -315,6 +354,7 @@ int CrashAppendCrashedThread(HTHREADTYPE* threadHandle, LPTALVORTHREADENTRY thre
     // CrashHasCrashedThreads looks without the lock: the head is published
     // whole, after the record it points to.
     __atomic_store_n(&g_pCrashedThreads, pRecord, __ATOMIC_RELEASE);
+    CrashWakeMainThread();
     return 0;
 }
 

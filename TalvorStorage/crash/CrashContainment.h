@@ -70,6 +70,12 @@ int CrashAppendCrashedThread(HTHREADTYPE* pThreadHandle, LPTALVORTHREADENTRY pEn
 [[noreturn]] void CrashExceptionHandling();
 // TRUE while a crashed thread waits for its restart.
 BOOL CrashHasCrashedThreads();
+// Main thread: waits up to nMs for a crashed thread to be filed or for
+// CrashWakeMainThread. TRUE when woken before the time ran out.
+BOOL CrashWaitForMainWork(UINT nMs);
+// Any thread, or a signal handler (async-signal-safe): ends the main
+// thread's wait at once, e.g. for a stop.
+void CrashWakeMainThread();
 // Main thread: starts every crashed thread again (a failed start stays filed).
 void CrashAutoRecoverCrashedThreads();
 // At the end of the process, when no contained thread runs any more.

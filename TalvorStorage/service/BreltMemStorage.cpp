@@ -25,8 +25,10 @@ CBreltMemStorageModule _AtlModule;
 namespace {
 
 const int WORK_BUFFER_SIZE = 0x100000;
-// Idle turns of the main loop at 1 ms before it naps longer.
+// Idle turns of the main loop at 1 ms before it only waits to be woken.
 const int IDLE_QUIET_LOOPS = 1000;
+// The longest quiet wait: a stop and a crashed thread wake it at once.
+const UINT IDLE_WAKE_WAIT_MS = 1000;
 // How long the stop waits for standby threads to let go of their slots.
 const int STANDBY_SLOT_WAITS = 30000;
 // How long the stop waits for the storage thread to finish what it runs. A
@@ -226,8 +228,9 @@ HRESULT CBreltMemStorageModule::StartStorageThread()
 }
 
 // The main thread's life while serving: restart crashed threads, else sleep.
-// After a quiet second the naps grow to 10 ms, which keeps an idle daemon
-// well under 1% of a core; a stop or a crash is then seen within 10 ms.
+// After a quiet second it waits to be woken (the TERM handler and the crash
+// registry post), one look a second at most: an idle daemon's main thread
+// then costs next to nothing, and a stop or a crash is still seen at once.
 void CBreltMemStorageModule::IdleUntilStop()
 {
     int nQuietLoops = 0;
@@ -236,8 +239,12 @@ void CBreltMemStorageModule::IdleUntilStop()
             CrashAutoRecoverCrashedThreads();
             nQuietLoops = 0;
         } else {
-            usleep(nQuietLoops < IDLE_QUIET_LOOPS ? 1000 : 10000);
-            if (nQuietLoops < IDLE_QUIET_LOOPS) nQuietLoops++;
+            if (nQuietLoops < IDLE_QUIET_LOOPS) {
+                usleep(1000);
+                nQuietLoops++;
+            } else {
+                CrashWaitForMainWork(IDLE_WAKE_WAIT_MS);
+            }
         }
     }
     LogTermSignalSender();

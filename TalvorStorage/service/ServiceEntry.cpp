@@ -121,6 +121,7 @@ void TermHandler(int sig, siginfo_t* senderinfo, void*)
         rec.m_bPending = 1;
     }
     g_bEixt = 1;
+    CrashWakeMainThread();
     errno = nSavedErrno;
 }
 

@@ -139,6 +139,7 @@ CLogManager::CLogManager()
       m_nDroppedLines(0), m_nLostLines(0), m_bOpenFailureTold(FALSE), m_nNextOpenTryMs(0),
       m_bRingOpenFailureTold(FALSE), m_pWritingChain(nullptr)
 {
+    m_bQueuedSemMade = sem_init(&m_semQueued, 0, 0) == 0;
     m_szServicePath[0] = '\0';
     InitializeCriticalTalvor(&m_critTrace);
     TalvorSetLatchRank(&m_critTrace, LATCHRANK_TRACE);
@@ -272,13 +273,39 @@ BOOL CLogManager::WriteLog(LPCTSTR szFuncationName, LONG dwThreadID, UINT dwLeve
     __atomic_add_fetch(&m_nQueuedBytes, nCost, __ATOMIC_RELAXED);
 
     LockTraceLatch(&m_critTrace);
+    BOOL bWasEmpty = m_pTraceTail == nullptr;
     if (m_pTraceTail != nullptr)
         m_pTraceTail->m_pNext = pRecord;
     else
         __atomic_store_n(&m_pTraceHead, pRecord, __ATOMIC_RELAXED);
     m_pTraceTail = pRecord;
     UnlockTraceLatch(&m_critTrace);
+    // One post a burst: the writer takes the whole queue when it wakes.
+    if (bWasEmpty) WakeTraceWriter();
     return TRUE;
+}
+
+void CLogManager::WakeTraceWriter()
+{
+    if (m_bQueuedSemMade) sem_post(&m_semQueued);
+}
+
+void CLogManager::WaitForTraceWork(UINT nMs)
+{
+    if (!m_bQueuedSemMade) {
+        usleep(nMs * 1000);
+        return;
+    }
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    long long nNanos = (long long)ts.tv_nsec + (long long)(nMs % 1000) * 1000000LL;
+    ts.tv_sec += (time_t)(nMs / 1000) + (time_t)(nNanos / 1000000000LL);
+    ts.tv_nsec = (long)(nNanos % 1000000000LL);
+    while (sem_timedwait(&m_semQueued, &ts) != 0 && errno == EINTR) {
+    }
+    // Posts banked meanwhile are covered by the take that follows.
+    while (sem_trywait(&m_semQueued) == 0) {
+    }
 }
 
 // Takes every queued line at once: one hold of the latch for a burst. What
@@ -388,15 +415,22 @@ void CLogManager::WriteTraceChain(LPTALVORTRACE pChain, int nWriteTraceMaxSize)
 BOOL CLogManager::WriteTrace()
 {
     const int nWriteTraceMaxSize = TraceFileMaxSize();
-    // After a quiet second the writer naps 10 ms instead of 1 ms: an idle
-    // daemon then costs little, and a line waits at most 10 ms for its file.
+    // After a quiet second the writer waits for a line to be queued (or a
+    // stop) instead of looking every millisecond: an idle daemon then costs
+    // next to nothing, and a line still reaches its file at once. The wait
+    // is bounded, so a lost post costs a second at most.
     const int nQuietPollsBeforeNap = 1000;
+    const UINT nQuietWaitMs = 1000;
     int nQuietPolls = 0;
     while (!LoadFlag(&m_bExit)) {
         LPTALVORTRACE pChain = TakeTraceChain();
         if (pChain == nullptr) {
-            usleep(nQuietPolls < nQuietPollsBeforeNap ? 1000 : 10000);
-            if (nQuietPolls < nQuietPollsBeforeNap) nQuietPolls++;
+            if (nQuietPolls < nQuietPollsBeforeNap) {
+                usleep(1000);
+                nQuietPolls++;
+            } else {
+                WaitForTraceWork(nQuietWaitMs);
+            }
             continue;
         }
         nQuietPolls = 0;
@@ -513,6 +547,7 @@ int CLogManager::StartTraceThreads(BOOL bWithRing)
 void CLogManager::StopTraceThreads(UINT nDeadlineSeconds)
 {
     StoreFlag(&m_bExit, TRUE);
+    WakeTraceWriter();
     if (m_hTraceEvent != nullptr) SetEvent(m_hTraceEvent);
     if (m_hWriteTraceThread == 0 && m_hWriteTraceThreadEx == 0 && m_hWriteLogThread == 0 && m_hArchiveLogThread == 0)
         return;

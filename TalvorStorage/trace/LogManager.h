@@ -16,6 +16,8 @@
 #include "TalvorTrace.h"
 #include "TypeDef.h"
 
+#include <semaphore.h>
+
 class CTalvorFlashback;
 class CTalvorRedoLog;
 
@@ -172,6 +174,15 @@ public:
 private:
     CLogManager();
     static CLogManager* m_pSinstance;
+
+    // Posted when a line lands in an empty queue and at a stop, so that a
+    // quiet writer can wait for work instead of napping: any thread, and
+    // async-signal-safe (the crash handler queues lines too).
+    sem_t m_semQueued;
+    bool m_bQueuedSemMade = false;
+    void WakeTraceWriter();
+    // Writer thread: waits up to nMs for a post.
+    void WaitForTraceWork(UINT nMs);
 
     LPTALVORTRACE TakeTraceChain();
     void WriteTraceChain(LPTALVORTRACE pChain, int nWriteTraceMaxSize);
