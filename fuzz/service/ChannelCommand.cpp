@@ -125,7 +125,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* lpData, size_t nSize)
     LayPieces(m.m_lpSystemFileInfo->m_pFileAddr, db.m_nSystemUsed, lpData + 1 + sizeof(TALVORCOMMAND),
               nSize - 1 - sizeof(TALVORCOMMAND));
     Serve(m, &stCrit, lpData[0]);
-    talvorfuzz::ReleaseModule(m);
+    talvortest::ReleaseModuleFiles(m);
     free(m.m_lpBuffer);
     free(m.m_lpHeadBuf);
     return 0;

@@ -24,6 +24,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* lpData, size_t nSize)
     TALVORCRITICALSECTION stCrit;
     InitThreadCritSection(&stCrit);
     if (pModule->InitSysEnvironment(&stCrit, TRUE, FALSE) == S_OK) pModule->LoadFile(&stCrit);
-    talvorfuzz::ReleaseModule(*pModule);
+    talvortest::ReleaseModuleFiles(*pModule);
     return 0;
 }
