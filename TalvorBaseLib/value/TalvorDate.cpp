@@ -596,18 +596,7 @@ int CTalvorDate::Format(CTalvorBufferPool* pPool, DATE& date, const char* lpszFo
     UINT nSize = (UINT)(nFormat * MAX_TOKEN_TEXT + 1);
     char* lpszOut = (char*)pPool->AllocBuffer(nSize);
     if (lpszOut == nullptr) return TALVOR_DATE_NO_MEMORY;
-    char* p = lpszOut;
-    for (const char* f = lpszFormat; *f;) {
-        int nLen = 1;
-        BYTE bType = GetFormatType(f, nLen);
-        if (bType == TOKEN_UNKNOWN) {
-            memcpy(p, f, nLen);
-            p += nLen;
-        } else {
-            p = PutToken(p, bType, s, t);
-        }
-        f += nLen;
-    }
+    char* p = WriteFormat(lpszOut, lpszFormat, [&](char* q, BYTE bType) { return PutToken(q, bType, s, t); });
     return SetTextResult(vResult, lpszOut, p);
 }
 

@@ -8,6 +8,8 @@
 
 #include "TalvorDate.h"
 
+#include <cstring>
+
 namespace talvordate {
 
 const long long MICROS_PER_SECOND = 1000000LL;
@@ -33,6 +35,27 @@ inline int SetTextResult(st_VARDATA& vResult, char* lpszOut, char* p)
     vResult.m_lpszValue = lpszOut;
     vResult.m_nStrLen = (int)(p - lpszOut);
     return 0;
+}
+
+// Writes lpszFormat from p: text that is no token as it stands, each token
+// by fnPut(p, nType), which returns the end of what it wrote or null for a
+// token it cannot write. The end of the text, or null.
+template <typename Put>
+char* WriteFormat(char* p, const char* lpszFormat, Put fnPut)
+{
+    for (const char* f = lpszFormat; *f;) {
+        int nLen = 1;
+        BYTE bType = CTalvorDate::GetFormatType(f, nLen);
+        if (bType == TOKEN_UNKNOWN) {
+            memcpy(p, f, (size_t)nLen);
+            p += nLen;
+        } else {
+            p = fnPut(p, bType);
+            if (p == nullptr) return nullptr;
+        }
+        f += nLen;
+    }
+    return p;
 }
 
 // January to December, Sunday to Saturday.

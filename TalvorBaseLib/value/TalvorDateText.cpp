@@ -167,17 +167,7 @@ int CTalvorDate::TimeFormat(CTalvorBufferPool* pPool, TALVORTIME& stTime, const 
     if (lpszOut == nullptr) return TALVOR_DATE_NO_MEMORY;
     char* p = lpszOut;
     if (bNegative) *p++ = '-';
-    for (const char* f = lpszFormat; *f;) {
-        int nLen = 1;
-        BYTE bType = GetFormatType(f, nLen);
-        if (bType == TOKEN_UNKNOWN) {
-            memcpy(p, f, nLen);
-            p += nLen;
-        } else {
-            p = PutTimeToken(p, bType, nHours, nMinute, nSecond);
-            if (p == nullptr) return TALVOR_DATE_BAD_FORMAT;
-        }
-        f += nLen;
-    }
+    p = WriteFormat(p, lpszFormat, [&](char* q, BYTE bType) { return PutTimeToken(q, bType, nHours, nMinute, nSecond); });
+    if (p == nullptr) return TALVOR_DATE_BAD_FORMAT;
     return SetTextResult(vResult, lpszOut, p);
 }
