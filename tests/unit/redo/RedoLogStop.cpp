@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <condition_variable>
 #include <mutex>
 #include <thread>
 
@@ -34,6 +35,16 @@ size_t CountOf(const std::string& s, const std::string& strWhat)
 
 const long long ARCHIVE_HANG_MS = 11000; // longer than the 10 s a stop used to wait for a group
 
+// The log number an archive copy is written for ("LogN.log" or its temp
+// name ".LogN.log.tmp"), 0 for any other file.
+int ArchivedLogOf(const std::string& strPath)
+{
+    size_t p = strPath.find("/ArchiveLog/");
+    if (p == std::string::npos) return 0;
+    p = strPath.find("Log", p + 12);
+    return p == std::string::npos ? 0 : atoi(strPath.c_str() + p + 3);
+}
+
 } // namespace
 
 TEST_F(RedoFixture, CleanStopWithTheArchiverBehindDrainsTheRingAndTheNextStartArchivesTheRest)
@@ -51,11 +62,23 @@ TEST_F(RedoFixture, CleanStopWithTheArchiverBehindDrainsTheRingAndTheNextStartAr
         vLogs.push_back(Record(4100, 1, i + 1));
         ASSERT_EQ(4100, TraceRingWrite(m_pRing, m_nRingSize, vLogs.back().data(), 4100));
     }
+    // Logs 1 and 2 must be archived for the writer to find groups for logs 4
+    // and 5 (three groups); the copy of log 1 hangs longer than a stop used to
+    // wait. Logs 3 on are held until the writer has ended, so that a backlog
+    // is left however fast the archiver catches up.
     bool bHung = false;
+    std::mutex mxWriter;
+    std::condition_variable cvWriter;
+    bool bWriterDone = false;
     io.OnCall(FileOp::PWrite, [&](const FileCall& call) {
-        if (bHung || call.m_strPath.find("/ArchiveLog/") == std::string::npos) return;
-        bHung = true;
-        usleep(ARCHIVE_HANG_MS * 1000);
+        int nLog = ArchivedLogOf(call.m_strPath);
+        if (nLog == 1 && !bHung) {
+            bHung = true;
+            usleep(ARCHIVE_HANG_MS * 1000);
+        } else if (nLog >= 3) {
+            std::unique_lock<std::mutex> lock(mxWriter);
+            cvWriter.wait_for(lock, std::chrono::seconds(120), [&] { return bWriterDone; });
+        }
     });
     LPTALVORTRACESINK pOld = TraceInstallSink(KeepLine);
     g_strLines.clear();
@@ -74,6 +97,11 @@ TEST_F(RedoFixture, CleanStopWithTheArchiverBehindDrainsTheRingAndTheNextStartAr
         m_pRedo->ArchiveFile(hFile, hSrc);
     });
     writer.join();
+    {
+        std::lock_guard<std::mutex> lock(mxWriter);
+        bWriterDone = true;
+    }
+    cvWriter.notify_all();
     archiver.join();
     io.OnCall(FileOp::PWrite, nullptr);
     std::string strLines;
