@@ -485,9 +485,52 @@ void CTalvorRedoLog::KeepNumberOfEmptyLog(const MF_REDOLOGFILEHEAD& stHead)
     m_pMemoryFileHead->m_nRedoLogMaxID = nNo;
 }
 
+// The piece a killed writer was consuming runs in the ring from m_nReadPos
+// to the position it announced. If the kill came after the file's size was
+// stored, the piece is the end of the file below m_nLogPos; if before, it
+// was written behind m_nLogPos and nothing is to be done (the writer drains
+// it again over the same bytes). Only the first gives the room back: should
+// the piece match both places (a stretch that repeats itself), the piece is
+// drained again, which may write it twice but never loses it.
+void CTalvorRedoLog::SettlePendingConsume(int nGroup)
+{
+    LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
+    const int nPending = pRing->m_nItemSize;
+    if (nPending >= REDO_ITEMSIZE_UNKNOWN || !RingSizesTrue(pRing)) return;
+    const int nHeader = pRing->m_nFileHeaderSize;
+    const int nTotal = pRing->m_nFileTotalSize;
+    const long long nData = nTotal - nHeader;
+    const int nTo = RedoPendingReadPos(nPending);
+    const int nFrom = pRing->m_nReadPos;
+    const int nWrite = pRing->m_nWritePos;
+    if (nTo < nHeader || nTo >= nTotal || nFrom < nHeader || nFrom >= nTotal || nWrite < nHeader || nWrite >= nTotal)
+        return;
+    const long long nLen = ((long long)nTo - nFrom + nData) % nData;
+    const long long nUnread = ((long long)nWrite - nFrom + nData) % nData;
+    const long long nEnd = pRing->m_nLogPos;
+    if (nLen == 0 || nLen > nUnread || nEnd - nLen < REDOLOGFILE_HEAD_SIZE) return;
+    LPBYTE lpBuf = new (std::nothrow) BYTE[(size_t)nLen * 2];
+    if (lpBuf == nullptr) return;
+    int fd = Talvor_FileDescriptor(m_pRedoLog[nGroup].m_pOnlineFile);
+    ReadRingField(nFrom, pRing, lpBuf, (int)nLen);
+    BYTE* lpFile = lpBuf + nLen;
+    const BOOL bBelow = TalvorReadFull(fd, lpFile, (size_t)nLen, (off_t)(nEnd - nLen)) && memcmp(lpBuf, lpFile, (size_t)nLen) == 0;
+    const BOOL bBehind = bBelow && TalvorReadFull(fd, lpFile, (size_t)nLen, (off_t)nEnd) &&
+                         memcmp(lpBuf, lpFile, (size_t)nLen) == 0;
+    delete[] lpBuf;
+    if (!bBelow || bBehind) return;
+    Trace("SeekCurrentLog", 3, 30002004,
+          TALVOR_TEXT("最后%lld字节已在Redo日志组[%d]的文件中，环形缓冲区中的同一段不再写入",
+                      "The last %lld bytes of redo log group [%d] are in its file already: the same stretch in the ring is not drained again"),
+          nLen, nGroup);
+    pRing->m_nReadPos = nTo;
+}
+
 BOOL CTalvorRedoLog::SettleOpenLog(int nGroup, MF_REDOLOGFILEHEAD& stHead, BOOL bAtStart)
 {
     LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
+    if (pRing != nullptr && bAtStart && pRing->m_bReadException == REDOREAD_OK && RingVouches(nGroup, stHead))
+        SettlePendingConsume(nGroup);
     if (pRing != nullptr) pRing->m_nItemSize = 0;
     if (!RingVouches(nGroup, stHead)) {
         // No ring says where the log ends: only what proves to be its own.

@@ -126,6 +126,22 @@ inline constexpr long long REDO_ARCHIVE_STOP_LIMIT_MS = 40000;
 // FILETIME ticks of now.
 long long RedoNowFileTime();
 
+// The ring's m_nItemSize as the writer leaves it: the bytes of a cut record
+// still to come (0: the read position stands on a record head), or
+// REDO_ITEMSIZE_UNKNOWN (the file's own records tell). While ConsumeRing
+// stores the file's new size and then the read position, the field holds
+// the read position to come, encoded below -1 where no other value lies, so
+// that a start after a kill in between can tell what the file already has.
+inline constexpr int REDO_ITEMSIZE_UNKNOWN = -1;
+inline int RedoConsumePending(int nReadPos) { return -2 - nReadPos; }
+inline int RedoPendingReadPos(int nItemSize) { return -2 - nItemSize; }
+
+// Points inside ConsumeRing at which the kill tests stop a writer; never set
+// in the service.
+enum { REDOPOINT_PENDING = 1, REDOPOINT_LOGPOS = 2, REDOPOINT_READPOS = 3 };
+typedef void (*LPREDOTESTPOINT)(int nPoint);
+extern LPREDOTESTPOINT volatile g_pRedoTestPoint;
+
 class CTalvorRedoLog {
 public:
     CTalvorRedoLog();
@@ -233,6 +249,10 @@ private:
     // TRUE when the ring names the log open in nGroup (m_nLogNo) and how far
     // it was written (m_nLogPos, within the file).
     BOOL RingVouches(int nGroup, const MF_REDOLOGFILEHEAD& stHead);
+    // Start, no latch: a writer killed inside ConsumeRing between the file's
+    // size and the read position left the piece it drained also unread in
+    // the ring; its room is given back here, before the walk of the log.
+    void SettlePendingConsume(int nGroup);
     // An open log found at start (bAtStart) or by a restarted writer: sealed
     // where the ring says it ends, gone on with when a record is cut there,
     // left open (number kept) when it holds nothing. FALSE only when a seal
@@ -269,7 +289,8 @@ private:
                       int nWriteSize);
     BOOL WritePiece(int fd, const BYTE* p, int nLen, int nOffset, REDOWRITERSTATE* pState);
     // Writer thread, no latch: after a piece is in the file, the ring's
-    // m_nLogPos, m_nItemSize and m_nReadPos in that order.
+    // m_nItemSize (the read position to come), m_nLogPos, m_nReadPos and
+    // m_nItemSize again, in that order.
     void ConsumeRing(LPFILE_TRACEMEMFILEHEAD pHead, int nWriteSize, int nItemSize, int nReadPos);
     // Writer thread, no latch: fdatasync of the burst with forceflushlog 1;
     // a failure is traced (the bytes stay in the page cache).

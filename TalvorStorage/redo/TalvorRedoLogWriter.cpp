@@ -18,6 +18,8 @@
 #include <semaphore.h>
 #include <unistd.h>
 
+LPREDOTESTPOINT volatile g_pRedoTestPoint = nullptr;
+
 namespace {
 
 const int RING_HEAD_SIZE = (int)sizeof(FILE_TRACEMEMFILEHEAD);
@@ -35,6 +37,12 @@ inline long long WrapPos(long long p, int nHeader, int nTotal)
     long long q = p >= nTotal ? p - nTotal + nHeader : p;
     assert(q >= nHeader && q < nTotal);
     return q;
+}
+
+inline void TestPoint(int nPoint)
+{
+    LPREDOTESTPOINT pPoint = g_pRedoTestPoint;
+    if (pPoint != nullptr) pPoint(nPoint);
 }
 
 // Clears a request only if it still holds the value served.
@@ -773,19 +781,26 @@ void CTalvorRedoLog::WriteLogFile(LPTALVORCRITICALSECTION, LPFILE_TRACEMEMFILEHE
     }
 }
 
-// The three fields a start after a kill reads are stored in this order: the
-// file's size first (its bytes are written), then what is missing of a cut
-// record (-1: not known here, the file's records tell), then the read
-// position that gives the room back to the engine. A kill between any two
-// of them leaves bytes that are both in the file and in the ring, never
-// bytes that are in neither.
+// The fields a start after a kill reads are stored in this order: the read
+// position to come (in m_nItemSize, see RedoConsumePending), the file's size
+// (its bytes are written), the read position that gives the room back to
+// the engine, then what is missing of a cut record (-1: not known here, the
+// file's records tell). A kill between the size and the read position
+// leaves the piece both in the file and in the ring; the start finds it by
+// the position announced first (SettlePendingConsume) and drains it once.
 void CTalvorRedoLog::ConsumeRing(LPFILE_TRACEMEMFILEHEAD pHead, int nWriteSize, int nItemSize, int nReadPos)
 {
     TalvorFlushCPU4Write();
-    pHead->m_nLogPos = nWriteSize;
-    pHead->m_nItemSize = nItemSize;
+    pHead->m_nItemSize = RedoConsumePending(nReadPos);
     TalvorFlushCPU4Write();
+    TestPoint(REDOPOINT_PENDING);
+    pHead->m_nLogPos = nWriteSize;
+    TalvorFlushCPU4Write();
+    TestPoint(REDOPOINT_LOGPOS);
     pHead->m_nReadPos = nReadPos;
+    TalvorFlushCPU4Write();
+    TestPoint(REDOPOINT_READPOS);
+    pHead->m_nItemSize = nItemSize;
     if (m_hLogEmptyEvent != nullptr) SetEvent(m_hLogEmptyEvent);
 }
 

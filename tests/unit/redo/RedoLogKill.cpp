@@ -28,7 +28,18 @@ struct SharedState {
     volatile long long m_nProduced; // bytes of the stream the engine put into the ring
 };
 
-enum class KillAt { BeforeWrite, AfterWrite };
+enum class KillAt { BeforeWrite, AfterWrite, InsideConsume };
+
+// The kill inside the writer's hand-over of a piece: the nth time it passes
+// the chosen point between the stores of the ring's fields.
+int g_nKillPoint = 0;
+long long g_nKillAt = 0;
+long long g_nPointsSeen = 0;
+
+void KillAtPoint(int nPoint)
+{
+    if (nPoint == g_nKillPoint && ++g_nPointsSeen == g_nKillAt) kill(getpid(), SIGKILL);
+}
 
 class RedoKill : public RedoFixture {
 protected:
@@ -192,10 +203,17 @@ protected:
     // One run: a child process writes the stream and is killed at the
     // nth write to a group file; the parent starts a new writer on what is
     // left and finishes. FALSE once n is past the last write.
-    bool RunKilledAt(long long nWrite, KillAt eAt, const std::string& strStream, const std::vector<size_t>& vBoundaries)
+    bool RunKilledAt(long long nWrite, KillAt eAt, const std::string& strStream, const std::vector<size_t>& vBoundaries,
+                     int nPoint = 0)
     {
         pid_t pid = fork();
         if (pid == 0) {
+            if (eAt == KillAt::InsideConsume) {
+                g_nKillPoint = nPoint;
+                g_nKillAt = nWrite;
+                g_nPointsSeen = 0;
+                g_pRedoTestPoint = KillAtPoint;
+            }
             FaultFileIO io;
             ScopedFileIO scoped(&io);
             long long nSeen = 0;
@@ -205,7 +223,7 @@ protected:
             };
             if (eAt == KillAt::BeforeWrite)
                 io.OnCall(FileOp::PWrite, fnKill);
-            else
+            else if (eAt == KillAt::AfterWrite)
                 io.AfterCall(FileOp::PWrite, fnKill);
             if (!InitRedo()) _exit(1);
             m_pRedo->StartWriter(m_st);
@@ -237,35 +255,60 @@ protected:
 
 } // namespace
 
+namespace {
+
+struct KillCase {
+    KillAt m_eAt;
+    int m_nPoint;
+    const char* m_szName;
+};
+
+} // namespace
+
+// Kills at each case's nth moment for every n the stream reaches; each
+// joined stream must be the engine's, byte for byte.
+#define RUN_KILL_CASES(arCases)                                                                                       \
+    std::string strStream;                                                                                            \
+    std::vector<size_t> vBoundaries;                                                                                  \
+    MakeStream(strStream, vBoundaries);                                                                               \
+    int nRuns = 0;                                                                                                    \
+    std::vector<std::string> vFailed;                                                                                 \
+    for (const KillCase& kc : arCases) {                                                                              \
+        for (long long n = 1;; n++) {                                                                                 \
+            const std::string strCase = std::string(kc.m_szName) + " " + std::to_string(n);                           \
+            StartOver(std::to_string((int)kc.m_eAt) + "-" + std::to_string(kc.m_nPoint) + "-" + std::to_string(n));   \
+            if (HasFatalFailure()) return;                                                                            \
+            m_bStalled = false;                                                                                       \
+            if (!RunKilledAt(n, kc.m_eAt, strStream, vBoundaries, kc.m_nPoint)) break;                                \
+            nRuns++;                                                                                                  \
+            std::string strError;                                                                                     \
+            std::string strLogs = Joined(strError);                                                                   \
+            if (m_bStalled) strError += "the writer stopped draining the ring; ";                                    \
+            if (strLogs.size() < strStream.size()) strError += "bytes lost; ";                                        \
+            if (strLogs.size() > strStream.size()) strError += "bytes twice; ";                                       \
+            if (strError.empty() && strLogs != strStream) strError += "bytes differ; ";                               \
+            if (!strError.empty()) vFailed.push_back(strCase + ": " + strError);                                      \
+        }                                                                                                             \
+    }                                                                                                                 \
+    EXPECT_GT(nRuns, 100) << "the stream must take many writes";                                                      \
+    std::string strFailed;                                                                                            \
+    for (size_t i = 0; i < vFailed.size() && i < 12; i++) strFailed += vFailed[i] + "\n";                             \
+    EXPECT_TRUE(vFailed.empty()) << vFailed.size() << " of " << nRuns << " kills broke the stream, first ones:\n"      \
+                                 << strFailed
+
 TEST_F(RedoKill, KilledBeforeOrAfterAnyWriteLosesNoRecordAndRevivesNone)
 {
-    std::string strStream;
-    std::vector<size_t> vBoundaries;
-    MakeStream(strStream, vBoundaries);
-    int nRuns = 0;
-    std::vector<std::string> vFailed;
-    for (KillAt eAt : {KillAt::BeforeWrite, KillAt::AfterWrite}) {
-        for (long long n = 1;; n++) {
-            const std::string strCase = std::string(eAt == KillAt::BeforeWrite ? "before" : "after") + " write " +
-                                        std::to_string(n);
-            StartOver((eAt == KillAt::BeforeWrite ? "b" : "a") + std::to_string(n));
-            if (HasFatalFailure()) return;
-            m_bStalled = false;
-            bool bKilled = RunKilledAt(n, eAt, strStream, vBoundaries);
-            if (!bKilled) break;
-            nRuns++;
-            std::string strError;
-            std::string strLogs = Joined(strError);
-            if (m_bStalled) strError += "the writer stopped draining the ring; ";
-            if (strLogs.size() < strStream.size()) strError += "bytes lost; ";
-            if (strLogs.size() > strStream.size()) strError += "bytes twice; ";
-            if (strError.empty() && strLogs != strStream) strError += "bytes differ; ";
-            if (!strError.empty()) vFailed.push_back(strCase + ": " + strError);
-        }
-    }
-    EXPECT_GT(nRuns, 100) << "the stream must take many writes";
-    std::string strFailed;
-    for (size_t i = 0; i < vFailed.size() && i < 12; i++) strFailed += vFailed[i] + "\n";
-    EXPECT_TRUE(vFailed.empty()) << vFailed.size() << " of " << nRuns << " kills broke the stream, first ones:\n"
-                                 << strFailed;
+    const KillCase arCases[] = {{KillAt::BeforeWrite, 0, "before write"}, {KillAt::AfterWrite, 0, "after write"}};
+    RUN_KILL_CASES(arCases);
+}
+
+// Between the stores that hand a drained piece back to the engine: the
+// file's size stored and the read position not yet is the moment that used
+// to drain the piece a second time (a record's middle twice).
+TEST_F(RedoKill, KilledWhileHandingBackAPieceDrainsItOnce)
+{
+    const KillCase arCases[] = {{KillAt::InsideConsume, REDOPOINT_PENDING, "read position announced"},
+                                {KillAt::InsideConsume, REDOPOINT_LOGPOS, "file size stored"},
+                                {KillAt::InsideConsume, REDOPOINT_READPOS, "read position stored"}};
+    RUN_KILL_CASES(arCases);
 }
