@@ -401,7 +401,7 @@ int CTalvorRedoLog::WalkUnsealedLog(int nGroup, const MF_REDOLOGFILEHEAD& stHead
     return (int)nProven;
 }
 
-REDOWALK CTalvorRedoLog::WalkLogTo(int nGroup, int nSize, BOOL bRingHasRest)
+REDOWALK CTalvorRedoLog::WalkLogTo(int nGroup, int nSize, BOOL bRingHasRest, long long nMinTimestamp)
 {
     REDOWALK w;
     memset(&w, 0, sizeof(w));
@@ -428,7 +428,8 @@ REDOWALK CTalvorRedoLog::WalkLogTo(int nGroup, int nSize, BOOL bRingHasRest)
             }
             ReadRingField(pRing->m_nReadPos, pRing, (BYTE*)&stRec + nHead, (int)(sizeof(stRec) - nHead));
         }
-        if (stRec.m_nDataFlag != EXECUTEPLAN_DATAFLAG || stRec.m_nTotalDataSize < EXECUTEPLANHEAD_SIZE) {
+        if (stRec.m_nDataFlag != EXECUTEPLAN_DATAFLAG || stRec.m_nTotalDataSize < EXECUTEPLANHEAD_SIZE ||
+            (stRec.m_nTimestamp != 0 && stRec.m_nTimestamp < nMinTimestamp)) {
             w.m_bBroken = TRUE;
             break;
         }
@@ -449,10 +450,13 @@ void CTalvorRedoLog::CheckSealedLog(int nGroup)
     LPTALVORREDOGROUP pGroup = &m_pRedoLog[nGroup];
     const int nSize = pGroup->m_nEffectiveSize;
     if (nSize < REDOLOGFILE_HEAD_SIZE) return;
-    REDOWALK w = WalkLogTo(nGroup, nSize, FALSE);
-    if (!w.m_bBroken && w.m_nCutMissing == 0 && w.m_nWholeEnd == nSize) return;
     MF_REDOLOGFILEHEAD stHead;
     if (!ReadGroupHead(nGroup, &stHead)) return;
+    // A page the power loss took back may hold the group's previous log,
+    // whose records can run on to the sealed size: older than this log's
+    // begin, they end the walk.
+    REDOWALK w = WalkLogTo(nGroup, nSize, FALSE, stHead.m_nBeginTimestamp);
+    if (!w.m_bBroken && w.m_nCutMissing == 0 && w.m_nWholeEnd == nSize) return;
     Trace("LogInit", 1, 30001014,
           TALVOR_TEXT("已封存的Redo日志组[%d、%d]的记录在%d处中断(大小%d)：掉电丢失了未写回的字节，该日志在最后一条完整记录后重新封存",
                       "The records of sealed redo log group [%d, %d] break off at %d (size %d): a power loss took bytes "
@@ -542,7 +546,7 @@ BOOL CTalvorRedoLog::SettleOpenLog(int nGroup, MF_REDOLOGFILEHEAD& stHead, BOOL 
         return TRUE;
     }
     const int nSize = pRing->m_nLogPos;
-    REDOWALK w = WalkLogTo(nGroup, nSize, TRUE);
+    REDOWALK w = WalkLogTo(nGroup, nSize, TRUE, 0);
     // A ring that the engine resets (after a writer's crash, or when the
     // writer gave up on it) brings no rest of a cut record: the log ends at
     // its last whole record.

@@ -240,8 +240,9 @@ private:
     // The records of the log in nGroup from offset 50 up to nSize, bytes
     // the writer itself said it wrote: no guessing is needed below nSize.
     // bRingHasRest: a head cut by nSize is completed from the ring's read
-    // position (an open log); otherwise it is no record.
-    REDOWALK WalkLogTo(int nGroup, int nSize, BOOL bRingHasRest);
+    // position (an open log); otherwise it is no record. A record with a
+    // timestamp below nMinTimestamp (0: any) is no record of this log.
+    REDOWALK WalkLogTo(int nGroup, int nSize, BOOL bRingHasRest, long long nMinTimestamp);
     // A sealed, not archived log whose records do not reach its size (a
     // power loss took bytes the page cache had not written back) is sealed
     // again behind its last whole record.

@@ -324,6 +324,41 @@ TEST_F(RedoPowerLoss, CutAtAnyCallOfASealLeavesNoTornLog)
     EXPECT_TRUE(vFailed.empty()) << vFailed.size() << " of " << nCuts << " cuts:\n" << strFailed;
 }
 
+// A power loss can leave a page of a sealed log with what the group held
+// before: the records of its previous log, which may run on exactly to the
+// sealed size. Older than the log's begin, they are not its own, and the
+// start cuts the log behind its last own record.
+TEST_F(RedoPowerLoss, SealedLogWhosePageHoldsThePreviousLogIsCutBehindItsOwnRecords)
+{
+    StartOver("stale");
+    m_pHead->m_nEndTimestamp = 10;
+    ASSERT_TRUE(InitRedo());
+    m_pRedo->StartWriter(m_st);
+    const std::string strOwn = Record(700, 1, 11);
+    for (const std::string& s : {strOwn, Record(800, 1, 12)}) {
+        ASSERT_EQ((int)s.size(), TraceRingWrite(m_pRing, m_nRingSize, s.data(), (int)s.size()));
+        m_pRedo->WritePass(m_st, &m_stCrit);
+    }
+    Ring()->m_bFlushFlag = REDOFLUSH_SEAL;
+    m_pRedo->WritePass(m_st, &m_stCrit);
+    ASSERT_EQ(REDOGROUP_SEALED, m_pRedo->GetGroup(0)->m_bState);
+    ASSERT_EQ(50 + 1500, m_pRedo->GetGroup(0)->m_nEffectiveSize);
+    delete m_pRedo;
+    m_pRedo = nullptr;
+    ASSERT_TRUE(WriteFileAt(m_strDir + "Redo0.log", 50 + 700, Record(800, 1, 5)));
+
+    std::vector<BYTE> vRing((size_t)m_nRingSize);
+    TraceRingInitHead(vRing.data(), m_nRingSize, TRACEMEM_FILETYPE_REDO);
+    CTalvorRedoLog* pRedo = StartOn(m_strDir, m_pHead, vRing.data(), m_nRingSize);
+    EXPECT_EQ(REDOGROUP_SEALED, pRedo->GetGroup(0)->m_bState);
+    EXPECT_EQ(50 + 700, +pRedo->GetGroup(0)->m_nEffectiveSize);
+    std::string strGroup = ReadWholeFile(m_strDir + "Redo0.log");
+    MF_REDOLOGFILEHEAD h = HeadOf(strGroup);
+    EXPECT_EQ(50u + 700u, +h.m_nEffectiveSize);
+    EXPECT_TRUE(strGroup.substr(50, 700) == strOwn);
+    delete pRedo;
+}
+
 namespace {
 
 std::mutex g_mxLines;
