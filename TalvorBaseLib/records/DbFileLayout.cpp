@@ -131,6 +131,70 @@ int DbCacheExtendedHeadCount(BYTE bFileType, int nMaxObjectNum)
     return (nMaxObjectNum - nFirst + nPerPage - 1) / nPerPage;
 }
 
+namespace {
+
+// The fields both kinds of extended page share, in the same places.
+template <typename EX>
+void FillExtendedPage(EX* lpPage, int nDataFlag, BYTE bFileNo, BYTE bFileType, int nPage, int nPerPage,
+                      long long nNextOffset)
+{
+    lpPage->m_nDataFlag = nDataFlag;
+    lpPage->m_bFileNo = bFileNo;
+    lpPage->m_bFileType = bFileType;
+    lpPage->m_bExHeadNo = (BYTE)nPage;
+    lpPage->m_nExHeadMaxObjectNum = (USHORT)nPerPage;
+    lpPage->m_nNextFileHeadOffset = nNextOffset;
+}
+
+} // namespace
+
+long long DbBuildCacheFileHead(BYTE bFileType, BYTE bFileNo, USHORT usDatabaseGuid, int nMaxObjectNum,
+                               long long nFileSize, long long nTimestamp, LPBYTE lpBuf, long long nBufSize)
+{
+    const int nExtended = DbCacheExtendedHeadCount(bFileType, nMaxObjectNum);
+    if (nExtended < 0 || nExtended > 255 || nFileSize < DB_CACHEFILE_MIN_SIZE) return -1;
+    const long long nMapOffset = DbCacheBlockMapStartOffset(nExtended);
+    const long long nArea = DbCacheBlockStartOffset(nExtended);
+    if (nArea > nFileSize || nBufSize < nArea || lpBuf == nullptr) return -1;
+    memset(lpBuf, 0, (size_t)nArea);
+    const bool bTable = bFileType == FILETYPE_TABLE;
+    // Both heads begin with the same fields: fill them through the table head.
+    static_assert(sizeof(TABLEFILEHEAD) == CACHE_PAGE_SIZE && sizeof(INDEXFILEHEAD) == CACHE_PAGE_SIZE);
+    LPTABLEFILEHEAD lpHead = (LPTABLEFILEHEAD)lpBuf;
+    lpHead->m_nDataFlag = bTable ? TABLEFILE_DATAFLAG : INDEXFILE_DATAFLAG;
+    lpHead->m_nTimestamp = nTimestamp;
+    lpHead->m_bFileNo = bFileNo;
+    lpHead->m_bFileType = bFileType;
+    lpHead->m_usDatabaseGuid = usDatabaseGuid;
+    lpHead->m_nMaxObjectNum = (UINT)nMaxObjectNum;
+    lpHead->m_nFileTotalSize = nFileSize;
+    lpHead->m_nInnerMaxNo = 1;
+    lpHead->m_nFileHeaderSize = CACHE_PAGE_SIZE;
+    lpHead->m_nBlockMapSize = CACHE_PAGE_SIZE;
+    lpHead->m_nBlockMapStructSize = (int)sizeof(BASEFILEBLOCKMAP_CACHE);
+    lpHead->m_nBlockMapStartOffset = (int)nMapOffset;
+    lpHead->m_nBlockStartOffset = nArea;
+    lpHead->m_nFileFreeMemoryOffset = nArea;
+    lpHead->m_nMaxBlockMapNum = CACHE_MAX_BLOCKMAP_NUM;
+    lpHead->m_nHeadMaxObjectNum = (USHORT)(bTable ? TABLEFILEHEAD_OBJECT_NUM : INDEXFILEHEAD_OBJECT_NUM);
+    lpHead->m_nNextFileHeadOffset = nExtended > 0 ? CACHE_PAGE_SIZE : 0;
+    for (int k = 1; k <= nExtended; k++) {
+        LPBYTE lpPage = lpBuf + (long long)k * CACHE_PAGE_SIZE;
+        const long long nNext = k < nExtended ? (long long)(k + 1) * CACHE_PAGE_SIZE : 0;
+        if (bTable)
+            FillExtendedPage((LPTABLEFILEHEADEX)lpPage, TABLEFILEEX_DATAFLAG, bFileNo, bFileType, k,
+                             TABLEFILEHEADEX_OBJECT_NUM, nNext);
+        else
+            FillExtendedPage((LPINDEXFILEHEADEX)lpPage, INDEXFILEEX_DATAFLAG, bFileNo, bFileType, k,
+                             INDEXFILEHEADEX_OBJECT_NUM, nNext);
+    }
+    LPBASEFILEBLOCKMAPHEAD_CACHE lpMap = (LPBASEFILEBLOCKMAPHEAD_CACHE)(lpBuf + nMapOffset);
+    lpMap->m_nDataFlag = BLOCKMAP_CACHE_DATAFLAG;
+    lpMap->m_nMapNo = 1;
+    lpMap->m_nTimestamp = nTimestamp;
+    return nArea;
+}
+
 int DbDefaultBlockSize(BYTE bFileType)
 {
     switch (bFileType) {

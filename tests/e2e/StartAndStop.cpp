@@ -47,25 +47,20 @@ TEST(StartRefusals, CacheModeFilesAreRefusedBeforeAnythingLoads)
     ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
-    MakeSmallDb(box);
-    // File 4 becomes an index file of the cache mode in the list.
-    std::string strSystem = ReadWholeFile(box.DataDir() + "System.dbf");
-    LPFILE_MEMDBFILEINFO lpRow = DbFindFileListRow((LPBYTE)&strSystem[0], (long long)strSystem.size(), 4);
-    ASSERT_NE(nullptr, lpRow);
-    lpRow->m_bFileType = FILETYPE_INDEX;
-    ASSERT_TRUE(WriteWholeFile(box.DataDir() + "System.dbf", strSystem));
+    ASSERT_EQ(0, MakeDb(box, box.DataDir(), {"--data-file", "8", "--table-file", "4", "--index-file", "4"}));
+    const std::vector<std::string> vFiles = {"System.dbf", "Data2.dbf", "Table3.dbf", "Index4.dbf"};
     WriteDbIni(box, box.DataDir(), "buffercachesize=1024\r\n");
-    std::map<std::string, std::string> mapBefore = Snapshot(box.DataDir(), DB_FILES);
+    std::map<std::string, std::string> mapBefore = Snapshot(box.DataDir(), vFiles);
 
     std::string strTrace = RefusedStarts(box, 2);
     EXPECT_EQ(2u, Count(strTrace, "   10040002 LoadFile The database has a cache-mode file, which this service cannot "
                                   "serve yet, so the start was refused, file number: 4, file type: 11, path: " +
-                                      box.DataDir() + "KV4.dbf"))
+                                      box.DataDir() + "Index4.dbf"))
         << strTrace;
     EXPECT_EQ(2u, Count(strTrace, "Talvor storage service closed!"));
     // Nothing written, and no image left behind.
-    std::map<std::string, std::string> mapAfter = Snapshot(box.DataDir(), DB_FILES);
-    for (const std::string& strName : DB_FILES) EXPECT_TRUE(mapBefore[strName] == mapAfter[strName]) << strName;
+    std::map<std::string, std::string> mapAfter = Snapshot(box.DataDir(), vFiles);
+    for (const std::string& strName : vFiles) EXPECT_TRUE(mapBefore[strName] == mapAfter[strName]) << strName;
     Inspection st = Inspect(box, box.DataDir());
     EXPECT_FALSE(st.m_bSystemImage) << st.m_strText;
     for (int n = 2; n <= 4; n++) EXPECT_FALSE(st.m_mapFiles[n].m_bImage) << n;

@@ -1,6 +1,6 @@
-// MakeDatabase.cpp — writes the system file and every memory-mode file of a
-// new database. The layout comes from DbFileLayout, the same one the daemon
-// reads by.
+// MakeDatabase.cpp — writes the system file and every memory-mode and
+// cache-mode file of a new database. The layout comes from DbFileLayout, the
+// same one the daemon reads by.
 //
 // Nothing is overwritten: every path is tested before the first byte is
 // written, files are created exclusively, and a failure removes what this
@@ -41,6 +41,8 @@ const char* KindName(BYTE bFileType)
     case FILETYPE_DATA: return "data";
     case FILETYPE_BTREEINDEX: return "b-tree index";
     case FILETYPE_KVINDEX: return "KV index";
+    case FILETYPE_TABLE: return "table";
+    case FILETYPE_INDEX: return "index";
     default: return "?";
     }
 }
@@ -50,6 +52,8 @@ const char* FileStem(BYTE bFileType)
     switch (bFileType) {
     case FILETYPE_DATA: return "Data";
     case FILETYPE_BTREEINDEX: return "BTree";
+    case FILETYPE_TABLE: return "Table";
+    case FILETYPE_INDEX: return "Index";
     default: return "KV";
     }
 }
@@ -144,6 +148,23 @@ bool MakeMemoryFile(const PlannedFile& stFile, USHORT usGuid)
     return bDone;
 }
 
+// A cache-mode file: its head area (head, extended heads, first map) and
+// zeros; the engine takes its blocks from the free part as it needs them.
+bool MakeCacheFile(const PlannedFile& stFile, USHORT usGuid)
+{
+    const int nExtended = DbCacheExtendedHeadCount(stFile.m_bFileType, DB_MEMFILE_DEFAULT_OBJECTS);
+    const long long nArea = DbCacheBlockStartOffset(nExtended);
+    LPBYTE lpBuf = (LPBYTE)get_aligned_buffer((size_t)nArea);
+    bool bDone = lpBuf != nullptr && DbBuildCacheFileHead(stFile.m_bFileType, stFile.m_bFileNo, usGuid,
+                                                          DB_MEMFILE_DEFAULT_OBJECTS, stFile.m_nSize, 0, lpBuf,
+                                                          nArea) == nArea;
+    if (lpBuf != nullptr && !bDone)
+        fprintf(stderr, "talvor-mkdb: %s is too small for its head area\n", stFile.m_strPath.c_str());
+    bDone = bDone && WriteNewFile(stFile, lpBuf, nArea);
+    free(lpBuf);
+    return bDone;
+}
+
 bool MakeSystemFile(const PlannedFile& stSystem, const std::vector<FILE_MEMDBFILEINFO>& vRows, USHORT usGuid,
                     const MakeRequest& stRequest, const std::string& strDir)
 {
@@ -203,7 +224,7 @@ int MakeDatabase(const MakeRequest& stRequest)
     std::vector<std::string> vMade;
     bool bDone = true;
     for (const PlannedFile& stFile : vFiles) {
-        bDone = MakeMemoryFile(stFile, usGuid);
+        bDone = IsCacheFileType(stFile.m_bFileType) ? MakeCacheFile(stFile, usGuid) : MakeMemoryFile(stFile, usGuid);
         if (!bDone) break;
         vMade.push_back(stFile.m_strPath);
     }

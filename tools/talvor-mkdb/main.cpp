@@ -2,7 +2,10 @@
 // installer would, and looks into the images of a running daemon.
 //
 //   talvor-mkdb --dir DIR [--name NAME] [--data-file MIB]... [--btree-file MIB]...
-//               [--kv-file MIB]... [--redo-groups N] [--redo-size MIB]
+//               [--kv-file MIB]... [--table-file MIB]... [--index-file MIB]...
+//               [--redo-groups N] [--redo-size MIB]
+//
+// --table-file and --index-file make cache-mode files (at least 4 MiB).
 //   talvor-mkdb --inspect DIR
 //   talvor-mkdb --dump-image FILENO OUT
 #include "DbFileLayout.h"
@@ -21,7 +24,8 @@ void Usage()
 {
     fprintf(stderr,
             "usage: talvor-mkdb --dir DIR [--name NAME] [--data-file MIB]... [--btree-file MIB]...\n"
-            "                   [--kv-file MIB]... [--redo-groups N] [--redo-size MIB]\n"
+            "                   [--kv-file MIB]... [--table-file MIB]... [--index-file MIB]...\n"
+            "                   [--redo-groups N] [--redo-size MIB]\n"
             "       talvor-mkdb --inspect DIR\n"
             "       talvor-mkdb --dump-image FILENO OUT\n");
 }
@@ -54,6 +58,9 @@ int ParseMake(int argc, char** argv, MakeRequest* pRequest)
             BYTE bType = strArg == "--data-file" ? FILETYPE_DATA
                          : strArg == "--btree-file" ? FILETYPE_BTREEINDEX : FILETYPE_KVINDEX;
             pRequest->m_vFiles.push_back({bType, n});
+        } else if ((strArg == "--table-file" || strArg == "--index-file") &&
+                   ParseNumber(lpValue, DB_CACHEFILE_MIN_SIZE / DB_MIB, MAX_FILE_MIB, &n)) {
+            pRequest->m_vFiles.push_back({strArg == "--table-file" ? FILETYPE_TABLE : FILETYPE_INDEX, n});
         } else if (strArg == "--redo-groups" && ParseNumber(lpValue, REDOGROUP_MIN, REDOGROUP_MAX, &n)) {
             pRequest->m_nRedoGroups = (int)n;
         } else if (strArg == "--redo-size" && ParseNumber(lpValue, 1, 2047, &n)) {
