@@ -54,7 +54,9 @@ TEST(CrashConsistency, EveryFailedCallLeavesATrueCommitAndTheNextPassFinishes)
             {
                 ScopedFileIO scope(&io);
                 int nPass = pDb->Pass();
-                if (eOp == FileOp::PWrite) EXPECT_NE(CBreltMemStorageModule::SAVEPASS_DONE, nPass) << "k=" << k;
+                if (eOp == FileOp::PWrite) {
+                    EXPECT_NE(CBreltMemStorageModule::SAVEPASS_DONE, nPass) << "k=" << k;
+                }
             }
             long long nCommitted = pDb->CommittedOnDisk();
             talvorpeer::PeerCheckResult r = pDb->CheckDisk(nCommitted);
