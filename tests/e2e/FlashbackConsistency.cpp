@@ -1,13 +1,15 @@
 // End-to-end: the engine stand-in keeps changing rows of every file type
 // while the passes it asks for run, keeping old row versions in the daemon's
 // rollback area, its tables spread over several objects and map blocks; it
-// answers some head requests "nothing to save" and holds the daemon off now
-// and then.
+// answers some head requests "nothing to save", holds the daemon off now
+// and then, and asks it to resize a file (a command it refuses).
 // After every pass that commits, the data files on disk hold each row
 // exactly as it was at the committed timestamp (rows changed later show
 // their older value, rows born later are absent), and every index row holds
 // its committed change or a later one. Bounded in time.
 #include "DatabaseLoadKit.h"
+#include "DbFileLayout.h"
+#include "PackedValue.h"
 
 #include <csignal>
 #include <gtest/gtest.h>
@@ -39,7 +41,7 @@ TEST(FlashbackConsistency, EveryCommitOnDiskIsTheImageAsOfItsTimestamp)
     int rc = box.Run({PeerPath(), "data", "--journal", strJournal, "--live", "--check-exact", strSystem, "--count",
                       "100000000", "--seconds", std::to_string(RUN_SECONDS), "--pause-us", "200", "--pass-every", "40",
                       "--blocks", "8", "--slots", "24", "--objects", "3", "--map-blocks", "3", "--nothing-to-save", "25",
-                      "--forbid-every", "3000", "--forbid-ms", "400"},
+                      "--forbid-every", "3000", "--forbid-ms", "400", "--file-command-every", "1500"},
                      (RUN_SECONDS + 60) * 1000, &strOut);
     printf("%s", strOut.c_str());
     EXPECT_EQ(0, rc) << strOut << box.ReadDaemonTrace();
@@ -52,6 +54,8 @@ TEST(FlashbackConsistency, EveryCommitOnDiskIsTheImageAsOfItsTimestamp)
     EXPECT_GT(NumberAfter(strOut, "all rows checked "), NumberAfter(strOut, "rows checked ")) << strOut;
     EXPECT_GT(NumberAfter(strOut, "answered nothing to save "), 0) << strOut;
     EXPECT_GT(NumberAfter(strOut, "held off "), 0) << strOut;
+    EXPECT_GT(NumberAfter(strOut, "file commands asked "), 0) << strOut;
+    EXPECT_EQ(NumberAfter(strOut, "file commands asked "), NumberAfter(strOut, ", refused ")) << strOut;
     long long nLast = NumberAfter(strOut, "last timestamp ");
     ASSERT_GT(nLast, 0) << strOut;
 
@@ -65,4 +69,18 @@ TEST(FlashbackConsistency, EveryCommitOnDiskIsTheImageAsOfItsTimestamp)
         << strVerify;
     EXPECT_NE(std::string::npos, strVerify.find("exact: rows checked")) << strVerify;
     EXPECT_EQ(0, NumberAfter(strVerify, "behind the newest ")) << strVerify;
+    // The file list on disk carries no request and the sizes the maker gave.
+    std::string strList = ReadWholeFile(strSystem);
+    int nRows = 0;
+    EXPECT_EQ(DBCHAIN_OK, DbForEachFileListRow((LPBYTE)&strList[0], (long long)strList.size(),
+                                               [&](LPSYSTEMBLOCKHEAD, LPFILE_MEMDBFILEINFO lpRow) {
+                                                   nRows++;
+                                                   EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD)) << nRows;
+                                                   if (lpRow->m_bFileNo >= 2)
+                                                       EXPECT_EQ(lpRow->m_bFileNo <= 3 ? 8 * DB_MIB : 4 * DB_MIB,
+                                                                 Val(lpRow->m_nFileSize))
+                                                           << (int)lpRow->m_bFileNo;
+                                                   return true;
+                                               }));
+    EXPECT_EQ(5, nRows);
 }

@@ -22,6 +22,7 @@
 // while it keeps changing rows during the passes.
 #include "PeerArgs.h"
 #include "PeerData.h"
+#include "PeerFileCommand.h"
 #include "PeerJobs.h"
 #include "PeerRollback.h"
 
@@ -62,6 +63,8 @@ const std::vector<OptionSpec> g_vDataOptions = {
     {"nothing-to-save", true, "percent of the daemon's head requests answered \"nothing to save\" (-2) (default 0)"},
     {"forbid-every", true, "hold the daemon off (head m_bForbidSaveFlag 1) every N transactions (default 0: never)"},
     {"forbid-ms", true, "how long each hold lasts, rows changing meanwhile (default 300)"},
+    {"file-command-every", true, "ask the daemon to resize the first database file every N transactions, the "
+                                 "refusal expected and the request taken back (default 0: never)"},
     {"quiet", false, "no summary line"},
 };
 
@@ -456,6 +459,7 @@ int RunDataJob(const std::vector<std::string>& args)
     CPeerArgs opts;
     long long nCount, nSeconds, nPauseUs, nBlocks, nSlots, nPassEvery, nSeed, nWaitMs, nObjects, nNothingPct, nMapBlocks;
     ForbidWindows forbid;
+    FileCommandAsker files;
     if (!opts.Parse(args, g_vDataOptions) || !opts.Has("journal") || !opts.GetInt("count", 1000, 0, 1LL << 40, nCount) ||
         !opts.GetInt("seconds", 60, 1, 86400, nSeconds) || !opts.GetInt("pause-us", 1000, 0, 10000000, nPauseUs) ||
         !opts.GetInt("blocks", 16, 1, 3000, nBlocks) || !opts.GetInt("slots", 8, 1, PEER_MAX_SLOTS, nSlots) ||
@@ -464,7 +468,8 @@ int RunDataJob(const std::vector<std::string>& args)
         !opts.GetInt("map-blocks", 1, 1, 16, nMapBlocks) ||
         !opts.GetInt("nothing-to-save", 0, 0, 100, nNothingPct) ||
         !opts.GetInt("forbid-every", 0, 0, 1LL << 40, forbid.m_nEvery) ||
-        !opts.GetInt("forbid-ms", 300, 1, 600000, forbid.m_nMs)) {
+        !opts.GetInt("forbid-ms", 300, 1, 600000, forbid.m_nMs) ||
+        !opts.GetInt("file-command-every", 0, 0, 1LL << 40, files.m_nEvery)) {
         fprintf(stderr, "talvor-peer data: %s\n%s", opts.Error().c_str(), DataJobUsage().c_str());
         return PEER_USAGE;
     }
@@ -560,6 +565,12 @@ int RunDataJob(const std::vector<std::string>& args)
             checker.m_nAskedAt = lpHead->m_nEndTimestamp;
             checker.m_bAsked = true;
         }
+        if (!files.Step(engine, nDone, bLive, !forbid.m_bHeld && !checker.m_bAsked)) {
+            fprintf(stderr, "talvor-peer data: file command %lld was answered %d, not refused\n", files.m_nAsked,
+                    files.m_nLastAnswer);
+            close(fdJournal);
+            return PEER_VIOLATION;
+        }
         if (forbid.m_bHeld) {
             // No pass is asked while the daemon is held off.
         } else if (bExact) {
@@ -608,6 +619,7 @@ int RunDataJob(const std::vector<std::string>& args)
         printf("committed %lld transactions, last timestamp %lld, passes asked %lld, channel answers %lld\n", nDone,
                (long long)lpHead->m_nEndTimestamp, nPasses, engine.m_nAnswers);
     if (nNothingPct > 0) printf("answered nothing to save %lld times\n", engine.m_nNothingToSave);
+    if (files.m_nEvery > 0) printf("file commands asked %lld, refused %lld\n", files.m_nAsked, files.m_nRefused);
     if (forbid.m_nEvery > 0) {
         printf("held off %lld times, commits while held off %lld, passes answered while held off %lld\n",
                forbid.m_nWindows, forbid.m_nCommitsHeld, forbid.m_nAnsweredHeld);
