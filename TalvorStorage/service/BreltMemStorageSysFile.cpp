@@ -425,9 +425,13 @@ HRESULT CBreltMemStorageModule::LoadFile(LPTALVORCRITICALSECTION lpCritSection)
     long long nBeginTimestamp = m_pMemoryFileHead != nullptr ? m_pMemoryFileHead->m_nBeginTimestamp : 0;
     BYTE bOpenFileUseBuffer = m_pMemoryFileHead != nullptr ? m_pMemoryFileHead->m_bOpenFileUseBuffer : 0;
     // The shared block cache is not built yet. Serving a database that has
-    // cache-mode files would let the engine write blocks of them into a
-    // cache that nothing loads or flushes: accepted changes that never reach
-    // the disk. Such a database is refused before any file is loaded.
+    // cache-mode files with a cache asked for would let the engine write
+    // blocks of them into a cache that nothing loads or flushes: accepted
+    // changes that never reach the disk. Such a database is refused before
+    // any file is loaded. With no cache asked for ("buffercachesize" 0) the
+    // engine is told there is none, and those files stay unserved: each is
+    // named once, so that an operator sees why its tables are not there.
+    const BOOL bNoCache = m_pMemoryFileHead != nullptr && m_pMemoryFileHead->m_nTalvorBufferCacheSize == 0;
     for (stu_FILEINFO* p = m_pStorageInfo; p != nullptr; p = p->m_pNext) {
         // A type no pass saves (5 among them) would be covered by every
         // commit without ever reaching its disk file.
@@ -439,6 +443,13 @@ HRESULT CBreltMemStorageModule::LoadFile(LPTALVORCRITICALSECTION lpCritSection)
             return E_FAIL;
         }
         if (!IsCacheFileType((BYTE)p->m_bFileType)) continue;
+        if (bNoCache) {
+            Trace("LoadFile", 2, 10040004,
+                  TALVOR_TEXT("缓存大小(buffercachesize)为0,缓存模式的文件不提供服务,文件号:%d,文件类型:%d,路径:%s",
+                              "The cache size (buffercachesize) is 0, so this cache-mode file is not served, file number: %d, file type: %d, path: %s"),
+                  (int)p->m_bFileNo, (int)p->m_bFileType, p->m_lpszFilePath);
+            continue;
+        }
         Trace("LoadFile", 2, 10040002,
               TALVOR_TEXT("数据库含有缓存模式的文件,本服务尚不能提供缓存,拒绝启动,文件号:%d,文件类型:%d,路径:%s",
                           "The database has a cache-mode file, which this service cannot serve yet, so the start was refused, file number: %d, file type: %d, path: %s"),
@@ -446,6 +457,7 @@ HRESULT CBreltMemStorageModule::LoadFile(LPTALVORCRITICALSECTION lpCritSection)
         return E_FAIL;
     }
     for (stu_FILEINFO* p = m_pStorageInfo; p != nullptr; p = p->m_pNext) {
+        if (IsCacheFileType((BYTE)p->m_bFileType)) continue;  // for the cache, when there is one
         CTalvorMemoryStorage* pStorage = new (std::nothrow) CTalvorMemoryStorage();
         if (pStorage == nullptr) {
             Trace("LoadFile", 1, 10040001,

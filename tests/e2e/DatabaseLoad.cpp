@@ -111,3 +111,52 @@ TEST(DatabaseLoad, MakerRefusesAnExistingDatabaseAndWritesNothing)
     EXPECT_EQ(mapBefore, Snapshot(box.DataDir(), {"System.dbf", "Data2.dbf"}));
     EXPECT_TRUE(ListFiles(box.DataDir(), "KV").empty());
 }
+
+// With no cache asked for, the cache-mode files stay unserved: the engine is
+// told the cache size is 0, each such file is named once in the trace, the
+// memory-mode files are served and saved as ever, and the cache-mode files
+// are not touched.
+TEST(DatabaseLoad, WithNoCacheTheCacheModeFilesAreNamedAndLeftAlone)
+{
+    ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
+    DaemonSandbox box;
+    ASSERT_TRUE(box.Ok());
+    ASSERT_EQ(0, MakeDb(box, box.DataDir(), {"--data-file", "8", "--table-file", "4", "--index-file", "4"}));
+    const std::vector<std::string> vCacheFiles = {"Table3.dbf", "Index4.dbf"};
+    std::map<std::string, std::string> mapBefore = Snapshot(box.DataDir(), vCacheFiles);
+    WriteDbIni(box, box.DataDir());
+
+    pid_t pid = box.StartDaemon();
+    ASSERT_GT(pid, 0);
+    ASSERT_TRUE(WaitReady(box)) << box.ReadDaemonTrace();
+    std::string strTrace = box.ReadDaemonTrace();
+    for (int nFileNo : {3, 4})
+        EXPECT_NE(std::string::npos,
+                  strTrace.find("10040004 LoadFile The cache size (buffercachesize) is 0, so this cache-mode file is not "
+                                "served, file number: " + std::to_string(nFileNo) + ", file type: " +
+                                std::to_string(nFileNo == 3 ? 10 : 11) + ", path: " + box.DataDir() +
+                                vCacheFiles[(size_t)nFileNo - 3]))
+            << strTrace;
+    EXPECT_EQ(0, Val(((LPSYSTEMFILEHEAD)DumpImage(box, 1).data())->m_nTalvorBufferCacheSize));
+    Inspection st = Inspect(box, box.DataDir());
+    EXPECT_TRUE(st.m_mapFiles[2].m_bImage) << st.m_strText;
+    EXPECT_FALSE(st.m_mapFiles[3].m_bImage) << st.m_strText;
+    EXPECT_FALSE(st.m_mapFiles[4].m_bImage) << st.m_strText;
+
+    // Passes over a list with cache-mode rows commit what the engine wrote.
+    const std::string strJournal = box.Root() + "/journal";
+    std::string strOut;
+    ASSERT_EQ(0, box.Run({PeerPath(), "data", "--journal", strJournal, "--live", "--count", "300", "--pause-us", "500",
+                          "--pass-every", "100", "--seed", "5"},
+                         120000, &strOut))
+        << strOut << box.ReadDaemonTrace();
+    long long nLast = NumberAfter(strOut, "last timestamp ");
+    box.Signal(pid, SIGTERM);
+    EXPECT_EQ(0, box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS));
+    std::string strVerify;
+    EXPECT_EQ(0, box.Run({PeerPath(), "verify", "--journal", strJournal, "--system", box.DataDir() + "System.dbf",
+                          "--at-least", std::to_string(nLast)},
+                         60000, &strVerify))
+        << strVerify << box.ReadDaemonTrace();
+    EXPECT_EQ(mapBefore, Snapshot(box.DataDir(), vCacheFiles));
+}
