@@ -50,9 +50,13 @@ TEST_F(FileBuffers, ReadAfterWriteSeesTheWriteOnEveryPath)
     EXPECT_TRUE(ReadsBack(3 * FS_SPAN + 2 * FS_PART, FS_PART));
     EXPECT_TRUE(ReadsBack(3 * FS_SPAN, FS_SPAN));
     ASSERT_EQ(0, Write(5 * FS_SPAN + 4 * FS_PART, FS_PART));
-    // A read across the boundary of a span with a buffered change.
     EXPECT_TRUE(ReadsBack(5 * FS_SPAN + 3 * FS_PART, 3 * FS_PART));
-    EXPECT_TRUE(ReadsBack(6 * FS_SPAN - FS_PART, 2 * FS_PART));
+    // Reads across the boundary of a span with a buffered change, starting
+    // in a held span and in one not held.
+    ASSERT_EQ(0, Write(6 * FS_SPAN - FS_PART, FS_PART));
+    EXPECT_TRUE(ReadsBack(6 * FS_SPAN - 2 * FS_PART, 3 * FS_PART));
+    ASSERT_EQ(0, Write(8 * FS_SPAN, FS_PART));
+    EXPECT_TRUE(ReadsBack(8 * FS_SPAN - FS_PART, 2 * FS_PART));
     EXPECT_TRUE(DrainedFileMatches());
 }
 
