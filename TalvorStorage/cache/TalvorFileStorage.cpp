@@ -129,8 +129,6 @@ int CTalvorFileStorage::ChangeFilePath(LPTALVORCRITICALSECTION, LPFILEINFO, char
     return 1;
 }
 
-void CTalvorFileStorage::TestSpeed(LPTALVORCRITICALSECTION, LPBYTE, int, int) {}
-
 long long CTalvorFileStorage::GetFreeMemoryOffset(LPFILEINFO pFileInfo)
 {
     LPTABLEFILEHEAD lpHead = CachedHead(m_pTalvorCacheStorage, pFileInfo);

@@ -40,7 +40,8 @@
 // Split by concern: TalvorFileStorage.cpp (life, open, small operations),
 // TalvorFileStorageBuffers.cpp (lookup, eviction, write-out, FlushBuffer),
 // TalvorFileStorageIO.cpp (ReadBlock, WriteBlock, LoadBlock),
-// TalvorFileStorageFlush.cpp (FlushBlock).
+// TalvorFileStorageFlush.cpp (FlushBlock), TalvorFileStorageSpeed.cpp
+// (TestSpeed).
 //
 // Threads and latch: m_crit (rank LATCHRANK_FILESTORE) guards the buffers.
 // ReadBlock, WriteBlock and FlushBuffer take it themselves; the caller holds
@@ -163,7 +164,13 @@ public:
     // else straight to m_hFile. 0 (in a buffer, or on disk); 1 after 3
     // failed tries, traced (80004002). Takes m_crit for the whole call.
     int WriteBlock(LPTALVORCRITICALSECTION lpCritSection, long long llPos, LPBYTE lpBuf, int nSize);
-    // Not built yet: reads nothing.
+    // Reads 4 GiB of the file in pattern nType (1 to 9, or 100 with reads
+    // of nBufferSize rounded down to 1 KiB into a buffer of its own) through
+    // m_hFile, around the buffers, and traces the time (80010000); a failed
+    // read ends it with its code (80010001 to 80010005). lpBuffer holds at
+    // least 262144 bytes. Another nType reads nothing and reports 0 reads;
+    // so does a file too small for the pattern. The random pattern keeps
+    // its places inside the file. Storage thread; takes m_crit throughout.
     void TestSpeed(LPTALVORCRITICALSECTION lpCritSection, LPBYTE lpBuffer, int nType, int nBufferSize) override;
     // 1 when a buffer has status 2 or 4. Reads status words only, no latch:
     // a stale answer costs one pass of the flush loop.

@@ -367,4 +367,48 @@ TEST_F(FileBuffers, FailedEvictionLeavesTheBufferAndWritesStraight)
     EXPECT_TRUE(DrainedFileMatches());
 }
 
+// --- The read speed test ------------------------------------------------------
+
+TEST_F(FileBuffers, SpeedTestReadsItsPatternAndWraps)
+{
+    Make(TRUE);
+    AlignedBytes buf(FS_SPAN);
+    m_pStorage->TestSpeed(nullptr, buf.m_p, 9, 0);
+    EXPECT_TRUE(Traced(80010000, "read times: 16384"));
+    Calls r = Reads();
+    ASSERT_EQ(16384u, r.size());
+    EXPECT_EQ(0, r[0].first);
+    EXPECT_EQ(FS_SPAN, r[1].first);
+    EXPECT_EQ(FS_SPAN, r[0].second);
+    // 80 spans: the read that would end at the end of the file wraps to 0.
+    EXPECT_EQ(78LL * FS_SPAN, r[78].first);
+    EXPECT_EQ(0, r[79].first);
+    // Read one, skip two: after the wrap it starts at the second part.
+    ClearCalls();
+    m_pStorage->TestSpeed(nullptr, buf.m_p, 3, 0);
+    r = Reads();
+    ASSERT_EQ(262144u, r.size());
+    EXPECT_EQ(3 * FS_PART, r[1].first);
+    long long nFirstWrap = (FS_FILE_SIZE - FS_PART) / (3 * FS_PART) + ((FS_FILE_SIZE - FS_PART) % (3 * FS_PART) ? 1 : 0);
+    EXPECT_EQ(FS_PART, r[(size_t)nFirstWrap].first);
+    for (const auto& c : r) ASSERT_LT(c.first + FS_PART, FS_FILE_SIZE);
+    // No write came of it, and the buffers were not touched.
+    EXPECT_TRUE(Writes().empty());
+    EXPECT_EQ(nullptr, Holder(0));
+}
+
+TEST_F(FileBuffers, SpeedTestStopsAtFailedReadAndIgnoresUnknownPattern)
+{
+    Make(FALSE);
+    AlignedBytes buf(FS_SPAN);
+    m_io.FailCall(FileOp::PRead, 10, EIO, 3);
+    m_pStorage->TestSpeed(nullptr, buf.m_p, 9, 0);
+    EXPECT_TRUE(Traced(80010004, "read location: 2359296, read size: 262144"));
+    EXPECT_FALSE(Traced(80010000, "Physical file reading test"));
+    EXPECT_EQ(12, m_io.Calls(FileOp::PRead));
+    m_pStorage->TestSpeed(nullptr, buf.m_p, 42, 0);
+    EXPECT_TRUE(Traced(80010000, "read times: 0,"));
+    EXPECT_EQ(12, m_io.Calls(FileOp::PRead));
+}
+
 }  // namespace
