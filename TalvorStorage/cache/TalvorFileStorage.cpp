@@ -10,8 +10,14 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <sys/statfs.h>
+
+LPFILESPACESINK g_pfnFileSpaceSink = nullptr;
 
 namespace {
+
+const size_t FILESTORE_MAX_DIR_PATH = 254;  // longer paths get no directories
+const size_t MAX_PATH_COPY = 256;
 
 // A file with less than this free in its head asks for growth.
 const long long FILESTORE_SPACE_RESERVE = 134217728;
@@ -97,12 +103,6 @@ int CTalvorFileStorage::Fd2() const
     return m_pFileInfo != nullptr ? Talvor_FileDescriptor(m_pFileInfo->m_hFile2) : -1;
 }
 
-int CTalvorFileStorage::Initialize(LPTALVORCRITICALSECTION, LPFILEINFO, long long, CTalvorFlashback*,
-                                   LPTALVORPROGRESS, long long, BYTE)
-{
-    return 1;
-}
-
 int CTalvorFileStorage::SaveChange2File(LPTALVORCRITICALSECTION, LPFILEINFO, long long, long long, LPBYTE, LPBYTE,
                                         BOOL, BOOL&)
 {
@@ -175,12 +175,9 @@ int CTalvorFileStorage::OpenFile(LPTALVORCRITICALSECTION, LPFILEINFO pFileInfo, 
               (int)pFileInfo->m_bFileType);
         return 1;
     }
-    int nDirect = bOpenFileUseBuffer == 0 ? (O_DIRECT | O_SYNC) : 0;
-    int fd = OpenWithMode(pFileInfo->m_lpszFilePath, O_RDWR | nDirect);
-    int fd2 = fd >= 0 ? OpenWithMode(pFileInfo->m_lpszFilePath, O_RDONLY | nDirect) : -1;
-    if (fd < 0 || fd2 < 0) {
-        int nErr = errno;
-        if (fd >= 0) CTalvorFileIO::Current()->Close(fd);
+    int fd = -1, fd2 = -1;
+    int nErr = OpenDescriptors(bOpenFileUseBuffer, fd, fd2);
+    if (nErr != 0) {
         Trace("OpenFile", 0, 80009002,
               TALVOR_TEXT("打开文件失败,错误:%s(%d),路径:%s", "Failed to open file, error: %s(%d), path: %s"),
               strerror(nErr), nErr, pFileInfo->m_lpszFilePath);
@@ -198,17 +195,68 @@ int CTalvorFileStorage::OpenFile(LPTALVORCRITICALSECTION, LPFILEINFO pFileInfo, 
         nCode = 80009004;
         Trace0("OpenFile", 1, nCode, TALVOR_TEXT("缓存指针为空", "The cache pointer is empty"));
     }
-    void* hFile = nCode == 0 ? Talvor_MakeFileHandle(fd) : nullptr;
-    void* hFile2 = hFile != nullptr ? Talvor_MakeFileHandle(fd2) : nullptr;
-    if (hFile2 == nullptr) {
-        if (hFile != nullptr) free(hFile);
+    if (nCode != 0) {
         CTalvorFileIO::Current()->Close(fd);
         CTalvorFileIO::Current()->Close(fd2);
         return 1;
     }
-    Talvor_CloseFile(pFileInfo->m_hFile);
-    Talvor_CloseFile(pFileInfo->m_hFile2);
-    pFileInfo->m_hFile = hFile;
-    pFileInfo->m_hFile2 = hFile2;
+    return TakeDescriptors(fd, fd2) == 0 ? 0 : 1;
+}
+
+int CTalvorFileStorage::OpenDescriptors(BYTE bOpenFileUseBuffer, int& fd, int& fd2)
+{
+    int nDirect = bOpenFileUseBuffer == 0 ? (O_DIRECT | O_SYNC) : 0;
+    fd = OpenWithMode(m_pFileInfo->m_lpszFilePath, O_RDWR | nDirect);
+    fd2 = fd >= 0 ? OpenWithMode(m_pFileInfo->m_lpszFilePath, O_RDONLY | nDirect) : -1;
+    if (fd >= 0 && fd2 >= 0) return 0;
+    int nErr = errno;
+    if (fd >= 0) CTalvorFileIO::Current()->Close(fd);
+    fd = fd2 = -1;
+    return nErr != 0 ? nErr : EIO;
+}
+
+int CTalvorFileStorage::TakeDescriptors(int fd, int fd2)
+{
+    void* hFile = Talvor_MakeFileHandle(fd);
+    void* hFile2 = hFile != nullptr ? Talvor_MakeFileHandle(fd2) : nullptr;
+    if (hFile2 == nullptr) {
+        free(hFile);
+        CTalvorFileIO::Current()->Close(fd);
+        CTalvorFileIO::Current()->Close(fd2);
+        return ENOMEM;
+    }
+    Talvor_CloseFile(m_pFileInfo->m_hFile);
+    Talvor_CloseFile(m_pFileInfo->m_hFile2);
+    m_pFileInfo->m_hFile = hFile;
+    m_pFileInfo->m_hFile2 = hFile2;
     return 0;
+}
+
+int CTalvorFileStorage::OpenHandles(BYTE bOpenFileUseBuffer)
+{
+    int fd = -1, fd2 = -1;
+    int nErr = OpenDescriptors(bOpenFileUseBuffer, fd, fd2);
+    return nErr != 0 ? nErr : TakeDescriptors(fd, fd2);
+}
+
+BOOL CTalvorFileStorage::MakeDir(char* lpszFilePath)
+{
+    if (lpszFilePath == nullptr || lpszFilePath[0] == '\0') return FALSE;
+    if (TalvorPathExists(lpszFilePath)) return TRUE;
+    if (strlen(lpszFilePath) > FILESTORE_MAX_DIR_PATH) return TRUE;
+    MakeDirs(lpszFilePath, MAX_PATH_COPY, FALSE);
+    return TRUE;
+}
+
+void CTalvorFileStorage::ChechDiskFree(LPFILEINFO pFileInfo)
+{
+    if (pFileInfo == nullptr || g_pfnFileSpaceSink == nullptr || m_pTalvorCacheStorage == nullptr) return;
+    char szDir[MAX_PATH_COPY];
+    snprintf(szDir, sizeof(szDir), "%s", pFileInfo->m_lpszFilePath);
+    char* lpSlash = strrchr(szDir, '/');
+    if (lpSlash != nullptr) lpSlash[1] = '\0';
+    struct statfs stFs;
+    if (statfs(szDir, &stFs) != 0) return;
+    long long nFreeMiB = (long long)stFs.f_bsize * (long long)stFs.f_bfree / 1048576;
+    g_pfnFileSpaceSink(m_pTalvorCacheStorage->m_pStorage, (BYTE)pFileInfo->m_bFileType, nFreeMiB);
 }

@@ -41,7 +41,7 @@
 // TalvorFileStorageBuffers.cpp (lookup, eviction, write-out, FlushBuffer),
 // TalvorFileStorageIO.cpp (ReadBlock, WriteBlock, LoadBlock),
 // TalvorFileStorageFlush.cpp (FlushBlock), TalvorFileStorageSpeed.cpp
-// (TestSpeed).
+// (TestSpeed), TalvorFileStorageInit.cpp (Initialize).
 //
 // Threads and latch: m_crit (rank LATCHRANK_FILESTORE) guards the buffers.
 // ReadBlock, WriteBlock and FlushBuffer take it themselves; the caller holds
@@ -55,6 +55,13 @@
 #include "TypeDef.h"
 
 class CTalvorCacheStorage;
+class CBreltMemStorageModule;
+
+// Where ChechDiskFree tells the free space (MiB) of a file's disk: the
+// module's warning. Set once by the module before any file opens; null
+// (the default) drops the reports. The cache's library cannot reach up.
+typedef void (*LPFILESPACESINK)(CBreltMemStorageModule* pModule, BYTE bFileType, long long nFreeMiB);
+extern LPFILESPACESINK g_pfnFileSpaceSink;
 
 // Sizes of the write buffers.
 inline constexpr int FILESTORE_BUFFER_NUM = 64;
@@ -109,7 +116,16 @@ public:
 
     // Deletes the object; 0.
     int Release() override;
-    // Not built yet (file creation and start of cache-mode files): 1.
+    // Brings the file into the cache at start: opens both handles (failure
+    // 80001002), accepts a measured size other than m_liFileSize if the
+    // first 8192 bytes read, then loads the head page, its extended pages
+    // and its map blocks into the file's chain of the cache, linking each
+    // page's cache offset from the page before (80001005 to 80001013,
+    // 80001107 to 80001110). A cache taken over whole (m_bExists) must hold
+    // the file's head already (80001012) and nothing is read. Keeps
+    // *m_pLoadSize up to date. 0; 1 traced; or what the cache's
+    // InitFileLoadThreadAndEvent gave. A flush thread; takes m_crit, and
+    // the cache's m_csCache inside it.
     int Initialize(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, long long nTimestamp,
                    CTalvorFlashback* pFlashback, LPTALVORPROGRESS lpTalvorProgress, long long nTotalProgress,
                    BYTE bOpenFileUseBuffer) override;
@@ -194,6 +210,15 @@ public:
     // m_crit.
     int AllocCacheBuffer(long long llPos, int nSize, stu_Cache_Buffer*& pCacheBuffer, int& nBufPos);
 
+    // Makes the directories of a file's path. 0 for a null or empty path;
+    // otherwise 1, also when the path exists or is longer than 254
+    // characters (then nothing is made): creating the file tells. Any
+    // thread, no latch.
+    BOOL MakeDir(char* lpszFilePath);
+    // Tells g_pfnFileSpaceSink the free MiB of the disk of the file's
+    // directory, with the file type. No latch held.
+    void ChechDiskFree(LPFILEINFO pFileInfo);
+
     // For tests and the flush threads: the buffer array, and whether the
     // object has buffers at all.
     const stu_Cache_Buffer* Buffer(int i) const { return &m_arCacheBuffer[i]; }
@@ -253,6 +278,23 @@ private:
     int ReadFromParts(stu_Cache_Buffer* p, int nBufPos, LPBYTE lpBuf, int nSize);
     int ReadMissIntoBuffer(long long llPos, LPBYTE lpBuf, int nSize, BOOL& bServed);
     const char* Path() const;
+    // Opens both descriptors by the open modes; 0 or errno, none left open.
+    int OpenDescriptors(BYTE bOpenFileUseBuffer, int& fd, int& fd2);
+    // Makes them the descriptor's handles, closing what it held; 0 or errno.
+    int TakeDescriptors(int fd, int fd2);
+    int OpenHandles(BYTE bOpenFileUseBuffer);
+
+    // Start (TalvorFileStorageInit.cpp); m_crit held.
+    BOOL IsPageOffset(long long llOffset) const;
+    int SettleMeasuredSize();
+    // Takes a cache block for the file, zeroes it and reads the page at
+    // llFileOffset into it. 0; a cache result, or 1 for a failed read.
+    int LoadPage(LPTALVORCRITICALSECTION lpCritSection, long long llFileOffset, long long& llCacheOffset,
+                 LPBYTE& lpPage);
+    int LoadHeadPage(LPTALVORCRITICALSECTION lpCritSection, LPTABLEFILEHEAD& lpHead);
+    int LoadExtendedHeads(LPTALVORCRITICALSECTION lpCritSection, LPTABLEFILEHEAD lpHead,
+                          volatile long long*& pLastLink);
+    int LoadMapBlocks(LPTALVORCRITICALSECTION lpCritSection, LPTABLEFILEHEAD lpHead, volatile long long* pLastLink);
 
     // Flush requests (TalvorFileStorageFlush.cpp).
     LPBYTE CacheAddress(long long llOffset, int nSize) const;
