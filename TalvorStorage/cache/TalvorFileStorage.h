@@ -292,9 +292,10 @@ private:
     int LoadPage(LPTALVORCRITICALSECTION lpCritSection, long long llFileOffset, long long& llCacheOffset,
                  LPBYTE& lpPage);
     int LoadHeadPage(LPTALVORCRITICALSECTION lpCritSection, LPTABLEFILEHEAD& lpHead);
-    int LoadExtendedHeads(LPTALVORCRITICALSECTION lpCritSection, LPTABLEFILEHEAD lpHead,
-                          volatile long long*& pLastLink);
-    int LoadMapBlocks(LPTALVORCRITICALSECTION lpCritSection, LPTABLEFILEHEAD lpHead, volatile long long* pLastLink);
+    // lpLastLink: where the cache offset of the next page goes (a packed
+    // field, on any byte).
+    int LoadExtendedHeads(LPTALVORCRITICALSECTION lpCritSection, LPTABLEFILEHEAD lpHead, LPBYTE& lpLastLink);
+    int LoadMapBlocks(LPTALVORCRITICALSECTION lpCritSection, LPTABLEFILEHEAD lpHead, LPBYTE lpLastLink);
 
     // Flush requests (TalvorFileStorageFlush.cpp).
     LPBYTE CacheAddress(long long llOffset, int nSize) const;

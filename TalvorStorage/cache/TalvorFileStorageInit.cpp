@@ -13,6 +13,7 @@
 #include "TalvorTrace.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
@@ -21,6 +22,10 @@ namespace {
 // Bytes read to prove that a file of another size than recorded is usable.
 const int INIT_PROBE_SIZE = 8192;
 const int INIT_MAX_EXHEADS = 255;  // m_bExHeadNo is one byte
+
+// Links lie packed inside the pages, on any byte: stored without assuming
+// alignment.
+void StoreLink(LPBYTE lpLink, long long llCacheOffset) { memcpy(lpLink, &llCacheOffset, sizeof(llCacheOffset)); }
 
 void SetLoadSize(LPFILEINFO pFileInfo, long long nValue)
 {
@@ -94,10 +99,10 @@ int CTalvorFileStorage::LoadHeadPage(LPTALVORCRITICALSECTION lpCritSection, LPTA
 }
 
 int CTalvorFileStorage::LoadExtendedHeads(LPTALVORCRITICALSECTION lpCritSection, LPTABLEFILEHEAD lpHead,
-                                          volatile long long*& pLastLink)
+                                          LPBYTE& lpLastLink)
 {
     BOOL bTable = (BYTE)m_pFileInfo->m_bFileType == FILETYPE_TABLE;
-    pLastLink = &lpHead->m_nCacheStartOffset;
+    lpLastLink = (LPBYTE)lpHead + offsetof(TABLEFILEHEAD, m_nCacheStartOffset);
     long long llOffset = lpHead->m_nNextFileHeadOffset;
     for (int nPages = 0; llOffset != 0; nPages++) {
         long long llCacheOffset = 0;
@@ -119,15 +124,15 @@ int CTalvorFileStorage::LoadExtendedHeads(LPTALVORCRITICALSECTION lpCritSection,
                   (int)lpEx->m_bFileType, Path());
             return 1;
         }
-        *pLastLink = llCacheOffset;
-        pLastLink = (volatile long long*)&lpEx->m_nNextFileHeadCacheOffset;
+        StoreLink(lpLastLink, llCacheOffset);
+        lpLastLink = lpPage + offsetof(TABLEFILEHEADEX, m_nNextFileHeadCacheOffset);
         llOffset = lpEx->m_nNextFileHeadOffset;
     }
     return 0;
 }
 
 int CTalvorFileStorage::LoadMapBlocks(LPTALVORCRITICALSECTION lpCritSection, LPTABLEFILEHEAD lpHead,
-                                      volatile long long* pLastLink)
+                                      LPBYTE lpLastLink)
 {
     BOOL bTable = (BYTE)m_pFileInfo->m_bFileType == FILETYPE_TABLE;
     long long llOffset = lpHead->m_nBlockMapStartOffset;
@@ -151,8 +156,8 @@ int CTalvorFileStorage::LoadMapBlocks(LPTALVORCRITICALSECTION lpCritSection, LPT
                   TALVOR_TEXT("文件MAP信息不正确,路径:%s", "Incorrect file MAP information, path: %s"), Path());
             return 1;
         }
-        *pLastLink = llCacheOffset;
-        pLastLink = &lpMap->m_nNextBlockMapOffset_Cache;
+        StoreLink(lpLastLink, llCacheOffset);
+        lpLastLink = lpPage + offsetof(BASEFILEBLOCKMAPHEAD_CACHE, m_nNextBlockMapOffset_Cache);
         llOffset = lpMap->m_nNextBlockMapOffset;
     }
     return 0;
@@ -196,10 +201,10 @@ int CTalvorFileStorage::Initialize(LPTALVORCRITICALSECTION lpCritSection, LPFILE
         }
     } else {
         LPTABLEFILEHEAD lpHead = nullptr;
-        volatile long long* pLastLink = nullptr;
+        LPBYTE lpLastLink = nullptr;
         if (LoadHeadPage(lpCritSection, lpHead) != 0) return 1;
-        if (LoadExtendedHeads(lpCritSection, lpHead, pLastLink) != 0) return 1;
-        if (LoadMapBlocks(lpCritSection, lpHead, pLastLink) != 0) return 1;
+        if (LoadExtendedHeads(lpCritSection, lpHead, lpLastLink) != 0) return 1;
+        if (LoadMapBlocks(lpCritSection, lpHead, lpLastLink) != 0) return 1;
     }
     int nResult = pCache->InitFileLoadThreadAndEvent(pFileInfo->m_bFileNo);
     if (nResult != 0) return nResult;
