@@ -4,6 +4,9 @@
 // file kept apart from the code under test.
 #include "FileStorageFixture.h"
 
+#include <atomic>
+#include <thread>
+
 using namespace cachetest;
 using talvortest::FileOp;
 
@@ -285,6 +288,7 @@ TEST_F(FileBuffers, DirectWriteIsTriedThreeTimesThenReported)
     EXPECT_EQ(6, m_io.Calls(FileOp::PWrite));
     EXPECT_TRUE(Traced(80004002, "Failed to write from cache to physical file"));
     EXPECT_EQ(-1, FirstDiff(FileBytes(), before));
+    EXPECT_TRUE(LatchFree());
 }
 
 TEST_F(FileBuffers, ShortWriteIsNeverTakenForDone)
@@ -300,6 +304,7 @@ TEST_F(FileBuffers, ShortWriteIsNeverTakenForDone)
     memset(buf.m_p, 0xCD, FS_PART);
     EXPECT_EQ(1, m_pStorage->WriteBlock(nullptr, 5 * FS_PART, buf.m_p, FS_PART));
     EXPECT_TRUE(Traced(80004002, "write size: 16384"));
+    EXPECT_TRUE(LatchFree());
 }
 
 TEST_F(FileBuffers, FailedFlushBufferKeepsDataAndStatus)
@@ -323,6 +328,7 @@ TEST_F(FileBuffers, FailedFlushBufferKeepsDataAndStatus)
     ASSERT_TRUE(ReadsBack(5 * FS_SPAN, FS_PART));
     ASSERT_EQ(0, Write(5 * FS_SPAN + FS_PART, FS_PART));
     EXPECT_TRUE(DrainedFileMatches());
+    EXPECT_TRUE(LatchFree());
 }
 
 TEST_F(FileBuffers, FailedStatusTwoFlushIsReportedWithItsRange)
@@ -340,6 +346,7 @@ TEST_F(FileBuffers, FailedStatusTwoFlushIsReportedWithItsRange)
     EXPECT_EQ(FS_PART, b->m_nWriteBegin);
     EXPECT_EQ(2 * FS_PART, b->m_nWriteEnd);
     EXPECT_TRUE(DrainedFileMatches());
+    EXPECT_TRUE(LatchFree());
 }
 
 TEST_F(FileBuffers, FailedEvictionLeavesTheBufferAndWritesStraight)
@@ -364,6 +371,66 @@ TEST_F(FileBuffers, FailedEvictionLeavesTheBufferAndWritesStraight)
     EXPECT_EQ(0, memcmp(file.data() + FS_PART, m_vDisk.data() + FS_PART, FS_PART));
     EXPECT_EQ(0, memcmp(file.data() + 70LL * FS_SPAN, m_vLogical.data() + 70LL * FS_SPAN, FS_PART));
     EXPECT_TRUE(ReadsBack(FS_PART, FS_PART));
+    EXPECT_TRUE(DrainedFileMatches());
+    EXPECT_TRUE(LatchFree());
+}
+
+// --- Threads ----------------------------------------------------------------------
+
+TEST_F(FileBuffers, ThreadsOnTheirOwnBlocksAndAFlusherLoseNothing)
+{
+    Make(TRUE);
+    const int nThreads = 4;
+    const int nRounds = 300;
+    // Thread t owns every part p with p % nThreads == t; the model is written
+    // before the thread starts, so no two threads touch one byte of it.
+    std::vector<std::vector<BYTE>> vData(nThreads);
+    std::vector<std::vector<long long>> vPos(nThreads);
+    for (int t = 0; t < nThreads; t++) {
+        for (int r = 0; r < nRounds; r++) {
+            long long llPart = (long long)(m_rng() % (FS_FILE_SIZE / FS_PART / nThreads)) * nThreads + t;
+            vPos[t].push_back(llPart * FS_PART);
+        }
+        vData[t].resize((size_t)nRounds * FS_PART);
+        for (BYTE& b : vData[t]) b = (BYTE)m_rng();
+        for (int r = 0; r < nRounds; r++)
+            memcpy(m_vLogical.data() + vPos[t][r], vData[t].data() + (size_t)r * FS_PART, FS_PART);
+    }
+    std::atomic<bool> bStop{false};
+    std::atomic<int> nBad{0};
+    std::thread flusher([&] {
+        TALVORCRITICALSECTION stCrit;
+        InitThreadCritSection(&stCrit);
+        while (!bStop) {
+            if (m_pStorage->FlushBuffer(&stCrit) == 1) nBad++;
+            std::this_thread::yield();
+        }
+    });
+    std::vector<std::thread> vThreads;
+    for (int t = 0; t < nThreads; t++) {
+        vThreads.emplace_back([&, t] {
+            TALVORCRITICALSECTION stCrit;
+            InitThreadCritSection(&stCrit);
+            AlignedBytes buf(FS_PART), back(2 * FS_PART);
+            for (int r = 0; r < nRounds; r++) {
+                memcpy(buf.m_p, vData[t].data() + (size_t)r * FS_PART, FS_PART);
+                if (m_pStorage->WriteBlock(&stCrit, vPos[t][r], buf.m_p, FS_PART) != 0) nBad++;
+                // The last write of this part so far must come back.
+                if (m_pStorage->ReadBlock(&stCrit, vPos[t][r], back.m_p, FS_PART) != 0 ||
+                    memcmp(back.m_p, buf.m_p, FS_PART) != 0)
+                    nBad++;
+            }
+        });
+    }
+    for (std::thread& th : vThreads) th.join();
+    bStop = true;
+    flusher.join();
+    EXPECT_EQ(0, nBad.load());
+    EXPECT_TRUE(LatchFree());
+    // Later writes of a part overwrite earlier ones in the model as on disk.
+    for (int t = 0; t < nThreads; t++)
+        for (int r = 0; r < nRounds; r++)
+            memcpy(m_vLogical.data() + vPos[t][r], vData[t].data() + (size_t)r * FS_PART, FS_PART);
     EXPECT_TRUE(DrainedFileMatches());
 }
 
@@ -409,6 +476,7 @@ TEST_F(FileBuffers, SpeedTestStopsAtFailedReadAndIgnoresUnknownPattern)
     m_pStorage->TestSpeed(nullptr, buf.m_p, 42, 0);
     EXPECT_TRUE(Traced(80010000, "read times: 0,"));
     EXPECT_EQ(12, m_io.Calls(FileOp::PRead));
+    EXPECT_TRUE(LatchFree());
 }
 
 }  // namespace

@@ -116,6 +116,12 @@ protected:
         if (d >= 0) return ::testing::AssertionFailure() << "file differs at " << d;
         return ::testing::AssertionSuccess();
     }
+    // No call leaves the buffers' latch taken, whatever failed.
+    ::testing::AssertionResult LatchFree() const
+    {
+        if (m_pStorage->m_crit.m_nLockFlag == 0) return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure() << "the buffers' latch is still taken";
+    }
     // The buffer holding llPos with a status other than 0, or null.
     const CTalvorFileStorage::stu_Cache_Buffer* Holder(long long llPos) const
     {
