@@ -221,6 +221,13 @@ TEST_F(FileFlush, NewerBlockOrCancelDuringWriteKeepsFlags)
     EXPECT_EQ(0, Flush());
     EXPECT_EQ(1u, Writes().size());
     EXPECT_EQ(1, Val(Live()->m_bFlushFlag));
+    // Changed after the request as its transaction stamp tells, with the live
+    // block still at that stamp: the flag stays in a table file...
+    PostDataBlock();
+    m_req.m_llTransTimestamp = BLOCK_TS + 1;
+    Live()->m_nTimestamp = BLOCK_TS + 1;
+    EXPECT_EQ(0, Flush());
+    EXPECT_EQ(1, Val(Live()->m_bFlushFlag));
     // Cancelled while being written: a failure is returned as it is and the
     // flags stay.
     PostDataBlock();
@@ -229,6 +236,18 @@ TEST_F(FileFlush, NewerBlockOrCancelDuringWriteKeepsFlags)
     EXPECT_EQ(1, Flush());
     m_io.OnCall(FileOp::PWrite, nullptr);
     EXPECT_EQ(1, Val(Live()->m_bFlushFlag));
+    EXPECT_EQ(1, Val(Live()->m_bSaveFlag));
+}
+
+TEST_F(FileFlush, IndexBlockIsNeverHeldNewer)
+{
+    // ...while an index file clears it.
+    MakeFlush(FILETYPE_INDEX);
+    PostDataBlock();
+    m_req.m_llTransTimestamp = BLOCK_TS + 1;
+    Live()->m_nTimestamp = BLOCK_TS + 1;
+    EXPECT_EQ(0, Flush());
+    EXPECT_EQ(0, Val(Live()->m_bFlushFlag));
     EXPECT_EQ(1, Val(Live()->m_bSaveFlag));
 }
 
