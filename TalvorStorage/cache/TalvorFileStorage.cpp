@@ -115,12 +115,6 @@ int CTalvorFileStorage::ChangeFileSize(LPTALVORCRITICALSECTION, LPFILEINFO, long
     return 1;
 }
 
-int CTalvorFileStorage::NewFile(LPTALVORCRITICALSECTION, LPFILEINFO, LPBYTE&, int&, USHORT, CTalvorFlashback*,
-                                LPTALVORPROGRESS, BYTE)
-{
-    return 1;
-}
-
 int CTalvorFileStorage::Save2File(LPFILEINFO, BOOL, LPTALVORPROGRESS) { return 0; }
 
 int CTalvorFileStorage::ChangeFilePath(LPTALVORCRITICALSECTION, LPFILEINFO, char*, LPBYTE, int, LPTALVORPROGRESS,

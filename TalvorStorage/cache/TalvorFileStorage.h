@@ -41,7 +41,8 @@
 // TalvorFileStorageBuffers.cpp (lookup, eviction, write-out, FlushBuffer),
 // TalvorFileStorageIO.cpp (ReadBlock, WriteBlock, LoadBlock),
 // TalvorFileStorageFlush.cpp (FlushBlock), TalvorFileStorageSpeed.cpp
-// (TestSpeed), TalvorFileStorageInit.cpp (Initialize).
+// (TestSpeed), TalvorFileStorageInit.cpp (Initialize), TalvorFileStorageNew.cpp
+// (NewFile).
 //
 // Threads and latch: m_crit (rank LATCHRANK_FILESTORE) guards the buffers.
 // ReadBlock, WriteBlock and FlushBuffer take it themselves; the caller holds
@@ -137,7 +138,16 @@ public:
     int ChangeFileSize(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, long long nTimestamp,
                        long long nLastSaveTimestamp, LPBYTE lpBuffer, LPBYTE lpHeadBuf, long long nFileSize,
                        int nBufferSize, LPTALVORPROGRESS lpTalvorProgress) override;
-    // Not built yet: 1.
+    // Makes the file at m_liFileSize (at least 4 MiB; 80006001), which must
+    // not exist (80006002): its head area (CacheFileHeadArea.h) and zeros
+    // behind it, written in pieces of nInPutBufSize with *m_pLoadSize and
+    // the progress following (80006003 to 80006005, 10111052). lpBuffer is
+    // replaced by an aligned one of the area's size when it is smaller.
+    // Then opens both handles (80006010) and puts the area's pages into the
+    // chain the cache holds for the file (NewFile2Cache; the blocks must be
+    // there). 0; 1 traced, or the cache's result. A partial file stays.
+    // Until the flush threads take open requests, the open happens on the
+    // caller's thread. Storage thread; no latch of this object.
     int NewFile(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, LPBYTE& lpBuffer, int& nInPutBufSize,
                 USHORT usDatabaseGuid, CTalvorFlashback* pFlashback, LPTALVORPROGRESS lpTalvorProgress,
                 BYTE bOpenFileUseBuffer) override;
@@ -283,6 +293,11 @@ private:
     // Makes them the descriptor's handles, closing what it held; 0 or errno.
     int TakeDescriptors(int fd, int fd2);
     int OpenHandles(BYTE bOpenFileUseBuffer);
+
+    // New file (TalvorFileStorageNew.cpp).
+    int WriteNewFileBody(int fd, LPBYTE lpBuffer, int nBufSize, long long llFrom, LPTALVORPROGRESS lpTalvorProgress);
+    int CreateNewFile(LPBYTE lpBuffer, long long nArea, int nBufSize, LPTALVORPROGRESS lpTalvorProgress);
+    int OpenThroughFlushThread(LPTALVORCRITICALSECTION lpCritSection, BYTE bOpenFileUseBuffer);
 
     // Start (TalvorFileStorageInit.cpp); m_crit held.
     BOOL IsPageOffset(long long llOffset) const;
