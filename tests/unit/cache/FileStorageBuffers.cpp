@@ -42,6 +42,27 @@ TEST_F(FileBuffers, RandomBlocksComeBackAndReachTheDiskWithAndWithoutBuffers)
     }
 }
 
+TEST_F(FileBuffers, DirectAndSynchronousOpenTakesEveryTransfer)
+{
+    // Opened O_DIRECT | O_SYNC: a transfer of a bad length or offset would
+    // fail with EINVAL, so every path must stay on 512-byte bounds, also the
+    // changed range of a whole span written at odd places.
+    Make(TRUE, FILETYPE_TABLE, 0);
+    ASSERT_TRUE(ReadsBack(0, FS_PART));
+    ASSERT_EQ(0, Write(100, 1000));
+    ASSERT_EQ(0, Write(FS_PART + 7, 3));
+    ASSERT_TRUE(ReadsBack(0, 2 * FS_PART));
+    ASSERT_EQ(0, Write(3 * FS_SPAN + FS_PART, 2 * FS_PART));
+    ASSERT_TRUE(ReadsBack(3 * FS_SPAN, FS_PART));
+    ASSERT_TRUE(ReadsBack(3 * FS_SPAN - FS_PART, 4 * FS_PART));
+    ASSERT_EQ(0, Write(5 * FS_SPAN - FS_PART, FS_SPAN));
+    EXPECT_TRUE(DrainedFileMatches());
+    for (const auto& c : Writes()) {
+        EXPECT_EQ(0, c.first % 512) << c.first;
+        EXPECT_EQ(0, c.second % 512) << c.second;
+    }
+}
+
 TEST_F(FileBuffers, ReadAfterWriteSeesTheWriteOnEveryPath)
 {
     Make(TRUE);

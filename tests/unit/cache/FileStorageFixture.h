@@ -47,7 +47,7 @@ protected:
 
     // A cache (file buffers on or off), a file of random bytes and its
     // backend opened on it. The fault layer is put in force afterwards.
-    void Make(BOOL bFileCache, BYTE bFileType = FILETYPE_TABLE)
+    void Make(BOOL bFileCache, BYTE bFileType = FILETYPE_TABLE, BYTE bOpenFileUseBuffer = 1)
     {
         ASSERT_EQ(0, Open(32, 80, bFileCache));
         m_vDisk.resize((size_t)FS_FILE_SIZE);
@@ -63,7 +63,7 @@ protected:
         m_info.m_bFileType = (char)bFileType;
         m_info.m_liFileSize = FS_FILE_SIZE;
         m_pStorage = new CTalvorFileStorage(m_pCache.get());
-        ASSERT_EQ(0, m_pStorage->OpenFile(nullptr, &m_info, 1));
+        ASSERT_EQ(0, m_pStorage->OpenFile(nullptr, &m_info, bOpenFileUseBuffer));
         m_info.m_pStorageFile = m_pStorage;
         m_vLogical = m_vDisk;
         m_pScoped.reset(new talvortest::ScopedFileIO(&m_io));
