@@ -117,12 +117,6 @@ int CTalvorFileStorage::ChangeFileSize(LPTALVORCRITICALSECTION, LPFILEINFO, long
 
 int CTalvorFileStorage::Save2File(LPFILEINFO, BOOL, LPTALVORPROGRESS) { return 0; }
 
-int CTalvorFileStorage::ChangeFilePath(LPTALVORCRITICALSECTION, LPFILEINFO, char*, LPBYTE, int, LPTALVORPROGRESS,
-                                       BYTE)
-{
-    return 1;
-}
-
 long long CTalvorFileStorage::GetFreeMemoryOffset(LPFILEINFO pFileInfo)
 {
     LPTABLEFILEHEAD lpHead = CachedHead(m_pTalvorCacheStorage, pFileInfo);

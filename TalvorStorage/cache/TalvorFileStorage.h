@@ -42,7 +42,7 @@
 // TalvorFileStorageIO.cpp (ReadBlock, WriteBlock, LoadBlock),
 // TalvorFileStorageFlush.cpp (FlushBlock), TalvorFileStorageSpeed.cpp
 // (TestSpeed), TalvorFileStorageInit.cpp (Initialize), TalvorFileStorageNew.cpp
-// (NewFile).
+// (NewFile), TalvorFileStorageMove.cpp (ChangeFilePath).
 //
 // Threads and latch: m_crit (rank LATCHRANK_FILESTORE) guards the buffers.
 // ReadBlock, WriteBlock and FlushBuffer take it themselves; the caller holds
@@ -164,7 +164,15 @@ public:
     // or failed, traced. A flush thread; takes m_crit inside WriteBlock
     // only, never a lock on the live block.
     int FlushBlock(LPTALVORCRITICALSECTION lpCritSection, stu_CacheFlush* pCacheFlush, LPBYTE lpBuffer) override;
-    // Not built yet: 1.
+    // Moves the file to lpszFilePath, which must not exist (80008001): makes
+    // it (80008002), writes out every buffer, copies the file through
+    // lpBuffer in pieces of nBufferSize with *m_pLoadSize following
+    // (80008004 to 80008007), closes both handles, removes the old file (a
+    // failure is only traced, 80008009), and reopens at the new path
+    // (80008010). 0 (80008011); 1 traced; a failed copy leaves the old file
+    // open and the partial new one behind. Until the flush threads take
+    // open requests the reopen happens here. Storage thread, with the file
+    // paused in the cache; takes m_crit throughout.
     int ChangeFilePath(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, char* lpszFilePath,
                        LPBYTE lpBuffer, int nBufferSize, LPTALVORPROGRESS lpTalvorProgress,
                        BYTE bOpenFileUseBuffer) override;
@@ -298,6 +306,10 @@ private:
     int WriteNewFileBody(int fd, LPBYTE lpBuffer, int nBufSize, long long llFrom, LPTALVORPROGRESS lpTalvorProgress);
     int CreateNewFile(LPBYTE lpBuffer, long long nArea, int nBufSize, LPTALVORPROGRESS lpTalvorProgress);
     int OpenThroughFlushThread(LPTALVORCRITICALSECTION lpCritSection, BYTE bOpenFileUseBuffer);
+
+    // Move (TalvorFileStorageMove.cpp); m_crit held.
+    int WriteOutAllBuffers();
+    int CopyFileTo(int fdTo, const char* lpszTo, LPBYTE lpBuffer, int nBufferSize);
 
     // Start (TalvorFileStorageInit.cpp); m_crit held.
     BOOL IsPageOffset(long long llOffset) const;

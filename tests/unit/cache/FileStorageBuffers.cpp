@@ -455,6 +455,59 @@ TEST_F(FileBuffers, ThreadsOnTheirOwnBlocksAndAFlusherLoseNothing)
     EXPECT_TRUE(DrainedFileMatches());
 }
 
+// --- Moving the file ------------------------------------------------------------
+
+TEST_F(FileBuffers, MovedFileTakesItsBufferedChangesAlong)
+{
+    Make(TRUE);
+    ASSERT_EQ(0, Write(FS_PART, FS_PART));
+    ASSERT_TRUE(ReadsBack(4 * FS_SPAN, FS_PART));
+    ASSERT_EQ(0, Write(4 * FS_SPAN + 512, 512));
+    long long nLoadSize = -1;
+    m_info.m_pLoadSize = &nLoadSize;
+    std::string strOld = m_strPath;
+    std::string strNew = m_tree.Path("moved/deeper/Table7.dbf");
+    std::vector<char> vNew(strNew.begin(), strNew.end());
+    vNew.push_back('\0');
+    AlignedBytes buf(1048576);
+    ASSERT_EQ(0, m_pStorage->ChangeFilePath(nullptr, &m_info, vNew.data(), buf.m_p, 1048576, nullptr, 1));
+    EXPECT_TRUE(Traced(80008011, "Successfully modified file path"));
+    EXPECT_FALSE(TalvorPathExists(strOld.c_str()));
+    EXPECT_STREQ(strNew.c_str(), m_info.m_lpszFilePath);
+    EXPECT_EQ(FS_FILE_SIZE, nLoadSize);
+    m_strPath = strNew;
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
+    // The file goes on at its new place, through the same buffers.
+    ASSERT_EQ(0, Write(9 * FS_PART, FS_PART));
+    EXPECT_TRUE(ReadsBack(0, 2 * FS_SPAN));
+    EXPECT_TRUE(DrainedFileMatches());
+    EXPECT_TRUE(LatchFree());
+}
+
+TEST_F(FileBuffers, MoveIsRefusedOverAFileAndStopsAtAFailedCopy)
+{
+    Make(TRUE);
+    ASSERT_EQ(0, Write(FS_PART, FS_PART));
+    AlignedBytes buf(1048576);
+    std::string strThere = m_tree.File("There.dbf", "x");
+    std::vector<char> vThere(strThere.begin(), strThere.end());
+    vThere.push_back('\0');
+    EXPECT_EQ(1, m_pStorage->ChangeFilePath(nullptr, &m_info, vThere.data(), buf.m_p, 1048576, nullptr, 1));
+    EXPECT_TRUE(Traced(80008001, "already exists"));
+    std::string strNew = m_tree.Path("Moved.dbf");
+    std::vector<char> vNew(strNew.begin(), strNew.end());
+    vNew.push_back('\0');
+    // The buffered part goes out (one write), then the third piece fails.
+    m_io.FailCall(FileOp::PWrite, m_io.Calls(FileOp::PWrite) + 4, EIO, 3);
+    EXPECT_EQ(1, m_pStorage->ChangeFilePath(nullptr, &m_info, vNew.data(), buf.m_p, 1048576, nullptr, 1));
+    EXPECT_TRUE(Traced(80008005, "write location: 2097152, write size: 1048576"));
+    // The old file stays open and whole.
+    EXPECT_STREQ(m_strPath.c_str(), m_info.m_lpszFilePath);
+    EXPECT_TRUE(ReadsBack(0, 2 * FS_PART));
+    EXPECT_TRUE(DrainedFileMatches());
+    EXPECT_TRUE(LatchFree());
+}
+
 // --- The read speed test ------------------------------------------------------
 
 TEST_F(FileBuffers, SpeedTestReadsItsPatternAndWraps)
