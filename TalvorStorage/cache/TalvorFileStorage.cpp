@@ -34,10 +34,11 @@ int OpenWithMode(const char* lpszPath, int nFlags)
     return fd;
 }
 
-// The file's head page in the cache, or null when the cache holds none for
-// it or the recorded block lies outside the block area.
-LPTABLEFILEHEAD CachedHead(CTalvorCacheStorage* pCache, LPFILEINFO pFileInfo)
+} // namespace
+
+LPTABLEFILEHEAD CTalvorFileStorage::CachedHead(LPFILEINFO pFileInfo) const
 {
+    CTalvorCacheStorage* pCache = m_pTalvorCacheStorage;
     if (pCache == nullptr || pFileInfo == nullptr || pCache->m_pCacheBufferHead == nullptr) return nullptr;
     LPCacheBufferHead lpHead = pCache->m_pCacheBufferHead;
     UINT nBlock = lpHead->m_nFileInfoNo[pFileInfo->m_bFileNo];
@@ -47,8 +48,6 @@ LPTABLEFILEHEAD CachedHead(CTalvorCacheStorage* pCache, LPFILEINFO pFileInfo)
     if (llOffset + CACHE_BLOCK_SIZE > pCache->m_llCacheBufferSize) return nullptr;
     return (LPTABLEFILEHEAD)(pCache->m_pCacheBufferAddr + llOffset);
 }
-
-} // namespace
 
 CTalvorFileStorage::CTalvorFileStorage(CTalvorCacheStorage* pTalvorCacheStorage)
     : m_nFlushCount(0), m_pFileInfo(nullptr), m_pFlashback(nullptr), m_pTalvorCacheStorage(pTalvorCacheStorage),
@@ -109,35 +108,29 @@ int CTalvorFileStorage::SaveChange2File(LPTALVORCRITICALSECTION, LPFILEINFO, lon
     return 0;
 }
 
-int CTalvorFileStorage::ChangeFileSize(LPTALVORCRITICALSECTION, LPFILEINFO, long long, long long, LPBYTE, LPBYTE,
-                                       long long, int, LPTALVORPROGRESS)
-{
-    return 1;
-}
-
 int CTalvorFileStorage::Save2File(LPFILEINFO, BOOL, LPTALVORPROGRESS) { return 0; }
 
 long long CTalvorFileStorage::GetFreeMemoryOffset(LPFILEINFO pFileInfo)
 {
-    LPTABLEFILEHEAD lpHead = CachedHead(m_pTalvorCacheStorage, pFileInfo);
+    LPTABLEFILEHEAD lpHead = CachedHead(pFileInfo);
     return lpHead != nullptr ? (long long)lpHead->m_nFileFreeMemoryOffset : 0;
 }
 
 int CTalvorFileStorage::GetHeadSize(LPFILEINFO pFileInfo)
 {
-    LPTABLEFILEHEAD lpHead = CachedHead(m_pTalvorCacheStorage, pFileInfo);
+    LPTABLEFILEHEAD lpHead = CachedHead(pFileInfo);
     return lpHead != nullptr ? lpHead->m_nFileHeaderSize : 0;
 }
 
 long long CTalvorFileStorage::GetFileTimestamp(LPFILEINFO pFileInfo)
 {
-    LPTABLEFILEHEAD lpHead = CachedHead(m_pTalvorCacheStorage, pFileInfo);
+    LPTABLEFILEHEAD lpHead = CachedHead(pFileInfo);
     return lpHead != nullptr ? (long long)lpHead->m_nTimestamp : 0;
 }
 
 BOOL CTalvorFileStorage::CheckSpace(LPFILEINFO pFileInfo)
 {
-    LPTABLEFILEHEAD lpHead = CachedHead(m_pTalvorCacheStorage, pFileInfo);
+    LPTABLEFILEHEAD lpHead = CachedHead(pFileInfo);
     if (lpHead == nullptr) return TRUE;
     return (long long)lpHead->m_nFileTotalSize - (long long)lpHead->m_nFileFreeMemoryOffset > FILESTORE_SPACE_RESERVE
                ? TRUE

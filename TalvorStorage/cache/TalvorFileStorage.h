@@ -42,7 +42,8 @@
 // TalvorFileStorageIO.cpp (ReadBlock, WriteBlock, LoadBlock),
 // TalvorFileStorageFlush.cpp (FlushBlock), TalvorFileStorageSpeed.cpp
 // (TestSpeed), TalvorFileStorageInit.cpp (Initialize), TalvorFileStorageNew.cpp
-// (NewFile), TalvorFileStorageMove.cpp (ChangeFilePath).
+// (NewFile), TalvorFileStorageMove.cpp (ChangeFilePath),
+// TalvorFileStorageGrow.cpp (ChangeFileSize).
 //
 // Threads and latch: m_crit (rank LATCHRANK_FILESTORE) guards the buffers.
 // ReadBlock, WriteBlock and FlushBuffer take it themselves; the caller holds
@@ -63,6 +64,11 @@ class CBreltMemStorageModule;
 // (the default) drops the reports. The cache's library cannot reach up.
 typedef void (*LPFILESPACESINK)(CBreltMemStorageModule* pModule, BYTE bFileType, long long nFreeMiB);
 extern LPFILESPACESINK g_pfnFileSpaceSink;
+// Where ChangeFileSize finds the system head, to mark the file list to be
+// saved. Set once by the module; null (the default) leaves ChangeFileSize
+// without a system head, and it then does nothing.
+typedef LPSYSTEMFILEHEAD (*LPSYSTEMHEADSOURCE)(CBreltMemStorageModule* pModule);
+extern LPSYSTEMHEADSOURCE g_pfnSystemHeadOf;
 
 // Sizes of the write buffers.
 inline constexpr int FILESTORE_BUFFER_NUM = 64;
@@ -134,7 +140,17 @@ public:
     int SaveChange2File(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, long long nTimestamp,
                         long long nLastSaveTimestamp, LPBYTE lpBuffer, LPBYTE lpHeadBuf, BOOL bForce,
                         BOOL& bFlashbackFlag) override;
-    // Not built yet: 1.
+    // Grows the file to nFileSize by appending zeros in pieces of
+    // nBufferSize (80007002, 80007003): whole pieces, so that the file may
+    // end past nFileSize (80007004), unless nFileSize is below one piece.
+    // The size reached goes to m_liFileSize, *m_pLoadSize, the cached head
+    // and the file's row, with the save flags of the row, of the file list
+    // and of the system head set; the cached head is then written straight
+    // to offset 0 (80007005) and into any buffer holding it. A file already
+    // as large writes nothing (80007001) but lets the head learn the
+    // measured size. 0; 1 traced; 0 with nothing done without a cache
+    // head or a system head. Storage thread; takes m_crit, left before the
+    // disk space is told.
     int ChangeFileSize(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, long long nTimestamp,
                        long long nLastSaveTimestamp, LPBYTE lpBuffer, LPBYTE lpHeadBuf, long long nFileSize,
                        int nBufferSize, LPTALVORPROGRESS lpTalvorProgress) override;
@@ -306,6 +322,16 @@ private:
     int WriteNewFileBody(int fd, LPBYTE lpBuffer, int nBufSize, long long llFrom, LPTALVORPROGRESS lpTalvorProgress);
     int CreateNewFile(LPBYTE lpBuffer, long long nArea, int nBufSize, LPTALVORPROGRESS lpTalvorProgress);
     int OpenThroughFlushThread(LPTALVORCRITICALSECTION lpCritSection, BYTE bOpenFileUseBuffer);
+
+    // The file's head page in the cache, or null when the cache holds none
+    // for it or the recorded block lies outside the block area.
+    LPTABLEFILEHEAD CachedHead(LPFILEINFO pFileInfo) const;
+
+    // Growth (TalvorFileStorageGrow.cpp); m_crit held.
+    LPSYSTEMFILEHEAD SystemHead() const;
+    void RecordFileSize(LPSYSTEMFILEHEAD lpSystemHead, LPTABLEFILEHEAD lpHead, long long llSize);
+    int AppendZeros(LPBYTE lpBuffer, int nBufferSize, long long llFrom, long long nFileSize);
+    int WriteHeadToDisk(LPTABLEFILEHEAD lpHead);
 
     // Move (TalvorFileStorageMove.cpp); m_crit held.
     int WriteOutAllBuffers();

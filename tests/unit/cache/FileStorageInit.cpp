@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace cachetest;
@@ -243,6 +244,128 @@ TEST_F(FileInit, CacheKeptFromBeforeReadsNothingButMustHoldTheFile)
     ASSERT_EQ(0, Init());
     EXPECT_EQ(0, io.Calls(FileOp::PRead));
     EXPECT_EQ(1u, Chain(Head()->m_nFileInfoNo[FILE_NO]).size());
+}
+
+// --- Growing the file ------------------------------------------------------------
+
+SYSTEMFILEHEAD g_stSystemHead;
+LPSYSTEMFILEHEAD SystemHeadOf(CBreltMemStorageModule*) { return &g_stSystemHead; }
+
+class FileGrow : public FileInit {
+protected:
+    void SetUp() override
+    {
+        FileInit::SetUp();
+        memset(&g_stSystemHead, 0, sizeof(g_stSystemHead));
+        g_pfnSystemHeadOf = &SystemHeadOf;
+        memset(&m_row, 0, sizeof(m_row));
+        m_bRowSave = 0;
+        ASSERT_EQ(0, Open(32));
+        MakeFile(FILETYPE_TABLE, 10, false);
+        m_info.m_lpFileInfo = &m_row;
+        m_info.m_pSaveFlag = &m_bRowSave;
+        ASSERT_EQ(0, Init());
+        m_lpHead = (LPTABLEFILEHEAD)(Base() + At(Head()->m_nFileInfoNo[FILE_NO]));
+        m_lpBuf = (LPBYTE)get_aligned_buffer(8 * 1048576);
+    }
+    void TearDown() override
+    {
+        g_pfnSystemHeadOf = nullptr;
+        free(m_lpBuf);
+        FileInit::TearDown();
+    }
+    long long DiskSize() const
+    {
+        struct stat st;
+        return stat(m_strPath.c_str(), &st) == 0 ? (long long)st.st_size : -1;
+    }
+    int Grow(long long nSize, int nBuf)
+    {
+        return m_pStorage->ChangeFileSize(nullptr, &m_info, 0, 0, m_lpBuf, nullptr, nSize, nBuf, nullptr);
+    }
+    // Size everywhere it is recorded, and the disk head as the cached one.
+    void ExpectSize(long long nSize)
+    {
+        EXPECT_EQ(nSize, DiskSize());
+        EXPECT_EQ(nSize, m_info.m_liFileSize);
+        EXPECT_EQ(nSize, m_nLoadSize);
+        EXPECT_EQ(nSize, Val(m_lpHead->m_nFileTotalSize));
+        EXPECT_EQ(nSize, Val(m_row.m_nFileSize));
+        EXPECT_EQ(1, m_bRowSave);
+        EXPECT_EQ(1, g_stSystemHead.m_bSaveFlag);
+        EXPECT_EQ(1, g_stSystemHead.m_stFileObject[1].m_bSaveFlag);
+        std::vector<BYTE> v(CACHE_PAGE_SIZE);
+        int fd = open(m_strPath.c_str(), O_RDONLY);
+        ASSERT_EQ((ssize_t)v.size(), pread(fd, v.data(), v.size(), 0));
+        close(fd);
+        EXPECT_EQ(0, memcmp(v.data(), m_lpHead, CACHE_PAGE_SIZE));
+    }
+
+    FILE_MEMDBFILEINFO m_row;
+    volatile BYTE m_bRowSave = 0;
+    LPTABLEFILEHEAD m_lpHead = nullptr;
+    LPBYTE m_lpBuf = nullptr;
+};
+
+TEST_F(FileGrow, GrowsByWholePiecesAndRecordsTheSizeReached)
+{
+    ASSERT_EQ(0, Grow(FILE_SIZE + 2 * 1048576, 1048576));
+    ExpectSize(FILE_SIZE + 2 * 1048576);
+    EXPECT_TRUE(Traced(80007006, "Successfully modified file size"));
+    // Not a whole number of pieces: the file ends past the size asked.
+    ASSERT_EQ(0, Grow(FILE_SIZE + 2 * 1048576 + 4096, 1048576));
+    ExpectSize(FILE_SIZE + 3 * 1048576);
+    EXPECT_TRUE(Traced(80007004, "File size needs to grow to: 6295552, but the actual size of the obtained file: 7340032"));
+    // The zeros are zeros, and what was there is untouched.
+    std::vector<BYTE> v((size_t)DiskSize());
+    int fd = open(m_strPath.c_str(), O_RDONLY);
+    ASSERT_EQ((ssize_t)v.size(), pread(fd, v.data(), v.size(), 0));
+    close(fd);
+    EXPECT_EQ(0, memcmp(v.data() + CACHE_PAGE_SIZE, m_vFile.data() + CACHE_PAGE_SIZE, (size_t)FILE_SIZE - CACHE_PAGE_SIZE));
+    std::vector<BYTE> vZero(v.size() - (size_t)FILE_SIZE, 0);
+    EXPECT_EQ(0, memcmp(v.data() + FILE_SIZE, vZero.data(), vZero.size()));
+}
+
+TEST_F(FileGrow, SizeBelowOnePieceIsMetExactly)
+{
+    ASSERT_EQ(0, Grow(FILE_SIZE + 16384, 8 * 1048576));
+    ExpectSize(FILE_SIZE + 16384);
+    EXPECT_FALSE(Traced(80007004, ""));
+}
+
+TEST_F(FileGrow, FileAlreadyLargeEnoughWritesNothing)
+{
+    talvortest::FaultFileIO io;
+    talvortest::ScopedFileIO scoped(&io);
+    ASSERT_EQ(0, Grow(FILE_SIZE, 1048576));
+    EXPECT_TRUE(Traced(80007001, "File size does not need to be modified"));
+    EXPECT_EQ(0, io.Calls(FileOp::PWrite));
+    EXPECT_EQ(0, m_bRowSave);
+    // A head that records less than the disk holds learns the disk's size.
+    m_lpHead->m_nFileTotalSize = FILE_SIZE / 2;
+    ASSERT_EQ(0, Grow(FILE_SIZE / 2, 1048576));
+    EXPECT_EQ(FILE_SIZE, Val(m_lpHead->m_nFileTotalSize));
+    EXPECT_EQ(FILE_SIZE, Val(m_row.m_nFileSize));
+    EXPECT_EQ(1, m_bRowSave);
+    EXPECT_EQ(0, io.Calls(FileOp::PWrite));
+}
+
+TEST_F(FileGrow, FailedAppendIsReportedAndWithoutSystemHeadNothingHappens)
+{
+    {
+        talvortest::FaultFileIO io;
+        talvortest::ScopedFileIO scoped(&io);
+        io.FailCall(FileOp::PWrite, 2, ENOSPC, 3);
+        EXPECT_EQ(1, Grow(FILE_SIZE + 4 * 1048576, 1048576));
+        EXPECT_TRUE(Traced(80007002, "write location: 5242880, write size: 1048576"));
+        EXPECT_EQ(FILE_SIZE, Val(m_lpHead->m_nFileTotalSize));
+        EXPECT_EQ(0, m_bRowSave);
+    }
+    g_pfnSystemHeadOf = nullptr;
+    long long nBefore = DiskSize();
+    EXPECT_EQ(0, Grow(nBefore + 1048576, 1048576));
+    EXPECT_EQ(nBefore, DiskSize());
+    EXPECT_EQ(0, m_pStorage->m_crit.m_nLockFlag);
 }
 
 }  // namespace
