@@ -36,6 +36,15 @@
 //    512-byte read of a part never read gives the file's bytes.
 //  * A status 2 range grows to cover every write into it, and goes out
 //    widened to 512-byte bounds so that direct I/O takes it.
+//  * A flush request is bounded before use: its cache block must lie in
+//    the block area of the segment (80005021) and its file place inside
+//    the file (80005022); a data block never goes over the head page, an
+//    extended head never to offset 0.
+//  * A move writes the buffers out before it copies the file, and a growth
+//    lets the cached head learn the measured size, never a smaller one.
+//
+// Until the flush threads take open requests, NewFile and ChangeFilePath
+// open the file on their own thread, with OpenFile's checks.
 //
 // Split by concern: TalvorFileStorage.cpp (life, open, small operations),
 // TalvorFileStorageBuffers.cpp (lookup, eviction, write-out, FlushBuffer),
