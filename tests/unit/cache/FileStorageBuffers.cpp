@@ -292,6 +292,31 @@ TEST_F(FileBuffers, AllocCacheBufferRefusesSpanCrossingAndEvictsTheTail)
     EXPECT_TRUE(DrainedFileMatches());
 }
 
+TEST_F(FileBuffers, ReleaseDrainsTheBuffersAndEndsWhenTheDiskKeepsFailing)
+{
+    Make(TRUE);
+    ASSERT_EQ(0, Write(FS_PART, FS_PART));
+    ASSERT_EQ(0, Write(9 * FS_SPAN, FS_PART));
+    m_pStorage->Release();
+    m_pStorage = nullptr;
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
+    EXPECT_EQ(nullptr, m_info.m_pStorageFile);
+    EXPECT_EQ(nullptr, m_info.m_hFile);
+    // Again with a disk that fails every write: the release still ends.
+    TearDown();
+    SetUp();
+    Make(TRUE);
+    ASSERT_EQ(0, Write(FS_PART, FS_PART));
+    ASSERT_EQ(0, Write(9 * FS_SPAN, FS_PART));
+    long long nBefore = m_io.Calls(FileOp::PWrite);
+    m_io.FailCall(FileOp::PWrite, nBefore + 1, EIO, talvortest::FAULT_ALWAYS);
+    m_pStorage->Release();
+    m_pStorage = nullptr;
+    // The first buffer is tried three times; the drain stops there.
+    EXPECT_EQ(nBefore + 3, m_io.Calls(FileOp::PWrite));
+    EXPECT_TRUE(Traced(80012010, "buffers: 2"));
+}
+
 // --- Faults -----------------------------------------------------------------
 
 TEST_F(FileBuffers, DirectWriteIsTriedThreeTimesThenReported)
