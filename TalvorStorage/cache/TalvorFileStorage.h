@@ -38,8 +38,8 @@
 //    widened to 512-byte bounds so that direct I/O takes it.
 //  * A flush request is bounded before use: its cache block must lie in
 //    the block area of the segment (80005021) and its file place inside
-//    the file (80005022); a data block never goes over the head page, an
-//    extended head never to offset 0.
+//    the file (80005022 for a block, 80005023 for a page); a data block
+//    never goes over the head page, an extended head never to offset 0.
 //  * A move writes the buffers out before it copies the file, and a growth
 //    lets the cached head learn the measured size, never a smaller one.
 //
@@ -190,10 +190,10 @@ public:
     // only, never a lock on the live block.
     int FlushBlock(LPTALVORCRITICALSECTION lpCritSection, stu_CacheFlush* pCacheFlush, LPBYTE lpBuffer) override;
     // Moves the file to lpszFilePath, which must not exist (80008001): makes
-    // it (80008002), writes out every buffer, copies the file through
-    // lpBuffer in pieces of nBufferSize with *m_pLoadSize following
-    // (80008004 to 80008007), closes both handles, removes the old file (a
-    // failure is only traced, 80008009), and reopens at the new path
+    // it (80008002), writes out every buffer (80008012, 80008013), copies
+    // the file through lpBuffer in pieces of nBufferSize with *m_pLoadSize
+    // following (80008004 to 80008007), closes both handles, removes the old
+    // file (a failure is only traced, 80008009), and reopens at the new path
     // (80008010). 0 (80008011); 1 traced; a failed copy leaves the old file
     // open and the partial new one behind. Until the flush threads take
     // open requests the reopen happens here. Storage thread, with the file
@@ -299,7 +299,8 @@ private:
     // disk. 0, or 1 traced with nRunCode.
     int WriteChangedRuns(stu_Cache_Buffer* p, int nFrom, int nTo, const char* lpszFunc, LONG nRunCode);
     // Writes out the changes of every buffer that shares a byte with
-    // [llPos, llPos + nSize). 0, or 1 traced.
+    // [llPos, llPos + nSize). 0, or 1 traced (80003003 a range, 80003004 a
+    // run of parts).
     int WriteOutOverlapping(long long llPos, int nSize, const char* lpszFunc);
     // After a direct write: copies its bytes into every buffer that holds
     // part of the range, so that none keeps older bytes than the disk.

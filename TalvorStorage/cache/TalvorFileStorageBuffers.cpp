@@ -178,7 +178,7 @@ int CTalvorFileStorage::FlushBuffer(LPTALVORCRITICALSECTION lpCritSection)
 
 int CTalvorFileStorage::WriteOutOverlapping(long long llPos, int nSize, const char* lpszFunc)
 {
-    const WriteOutCodes codes = {lpszFunc, 80003003, 80003001};
+    const WriteOutCodes codes = {lpszFunc, 80003003, 80003004};
     for (stu_Cache_Buffer& b : m_arCacheBuffer) {
         if (b.m_nStatus == FILEBUF_EMPTY || b.m_nFileEndPos <= llPos || b.m_nFileBeginPos >= llPos + nSize) continue;
         if (WriteOutBuffer(&b, codes) != 0) return 1;

@@ -157,7 +157,7 @@ int CTalvorFileStorage::FlushHeadOrMap(LPTALVORCRITICALSECTION lpCritSection, st
     long long llTarget = 0;
     if (!HeadCopyPasses(p, lpBuffer, llTarget)) return 1;
     if (!InsideFile(llTarget, nSize)) {
-        Trace("FlushBlock", 1, 80005022,
+        Trace("FlushBlock", 1, 80005023,
               TALVOR_TEXT("刷新请求的文件位置超出文件,拒绝写入磁盘,路径:%s,文件位置:%lld,大小:%d,文件大小:%lld",
                           "The file location of a flush request lies outside the file, write to disk refused, path: %s, file location: %lld, size: %d, file size: %lld"),
               Path(), llTarget, nSize, m_pFileInfo->m_liFileSize);

@@ -26,7 +26,7 @@ int CreateTarget(const char* lpszPath)
 
 int CTalvorFileStorage::WriteOutAllBuffers()
 {
-    static const WriteOutCodes codes = {"ChangeFilePath", 80012002, 80012003};
+    static const WriteOutCodes codes = {"ChangeFilePath", 80008012, 80008013};
     for (stu_Cache_Buffer& b : m_arCacheBuffer)
         if (WriteOutBuffer(&b, codes) != 0) return 1;
     return 0;
