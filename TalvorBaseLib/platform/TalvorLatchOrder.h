@@ -12,10 +12,12 @@
 //                        engine over the channel at a time
 //   LATCHRANK_REDO       redo m_crit: group table and group       module, flashback
 //                        files of the redo service
-//   LATCHRANK_CACHEOPEN  cache m_crit: one request to a flush     module, flashback, redo
-//                        thread to open a file
+//   LATCHRANK_FILESTORE  file storage m_crit: the write buffers   module, flashback, redo
+//                        of one cache-mode file
+//   LATCHRANK_CACHEOPEN  cache m_crit: one request to a flush     module, flashback, redo,
+//                        thread to open a file                    file storage
 //   LATCHRANK_CACHECHAIN cache m_csCache: the free chain, file    module, flashback, redo,
-//                        chains and load groups of the cache      cache open
+//                        chains and load groups of the cache      file storage, cache open
 //   LATCHRANK_CONFIG     configuration: the ini and its cache     module, flashback, redo
 //   LATCHRANK_TRACEWRITE trace m_critWrite: one writer of the     any of the above
 //                        open trace file
@@ -36,6 +38,7 @@ enum : int {
     LATCHRANK_MODULE = 100,
     LATCHRANK_FLASHBACK = 200,
     LATCHRANK_REDO = 300,
+    LATCHRANK_FILESTORE = 350,
     LATCHRANK_CACHEOPEN = 400,
     LATCHRANK_CACHECHAIN = 450,
     LATCHRANK_CONFIG = 500,

@@ -65,10 +65,10 @@ protected:
         return reinterpret_cast<CBreltMemStorageModule*>(&cModule);
     }
     // A new cache object on the segment; the result of Initialize.
-    int Open(int nMB, int nLRU = 80)
+    int Open(int nMB, int nLRU = 80, BOOL bFileCache = FALSE)
     {
         m_pCache.reset(new CTalvorCacheStorage);
-        return m_pCache->Initialize(SHMNAME_CACHEBUFFER, nMB, nLRU, Module(), FALSE);
+        return m_pCache->Initialize(SHMNAME_CACHEBUFFER, nMB, nLRU, Module(), bFileCache);
     }
     // The daemon dies: it lets go of the segment without removing it.
     void Abandon()

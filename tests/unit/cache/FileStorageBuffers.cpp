@@ -1,0 +1,581 @@
+// The write buffers of a cache-mode file: bytes written come back and reach
+// the disk, whichever way they went; the statuses and part flags follow the
+// table of transitions; what is on disk is checked against a model of the
+// file kept apart from the code under test.
+#include "FileStorageFixture.h"
+
+#include <atomic>
+#include <thread>
+
+using namespace cachetest;
+using talvortest::FileOp;
+
+namespace {
+
+const std::vector<int> NoFlags(FILESTORE_PART_NUM, 0);
+
+class FileBuffers : public FileStorageFixture {};
+
+// --- Round trips ----------------------------------------------------------
+
+TEST_F(FileBuffers, RandomBlocksComeBackAndReachTheDiskWithAndWithoutBuffers)
+{
+    for (BOOL bFileCache : {TRUE, FALSE}) {
+        SCOPED_TRACE(bFileCache ? "with buffers" : "without buffers");
+        TearDown();
+        SetUp();
+        Make(bFileCache);
+        EXPECT_EQ(bFileCache, m_pStorage->HasBuffers());
+        std::uniform_int_distribution<long long> part(0, FS_FILE_SIZE / FS_PART - 4);
+        for (int i = 0; i < 400; i++) {
+            long long llPos = part(m_rng) * FS_PART;
+            int nSize = FS_PART * (1 + (int)(m_rng() % 3));
+            if (m_rng() % 2 == 0) {
+                ASSERT_EQ(0, Write(llPos, nSize)) << i;
+            } else {
+                ASSERT_TRUE(ReadsBack(llPos, nSize)) << i;
+            }
+        }
+        EXPECT_TRUE(DrainedFileMatches());
+        EXPECT_EQ(-1, m_pStorage->FlushBuffer(nullptr));
+        EXPECT_FALSE(m_pStorage->CheckFlush());
+    }
+}
+
+TEST_F(FileBuffers, DirectAndSynchronousOpenTakesEveryTransfer)
+{
+    // Opened O_DIRECT | O_SYNC: a transfer of a bad length or offset would
+    // fail with EINVAL, so every path must stay on 512-byte bounds, also the
+    // changed range of a whole span written at odd places.
+    Make(TRUE, FILETYPE_TABLE, 0);
+    ASSERT_TRUE(ReadsBack(0, FS_PART));
+    ASSERT_EQ(0, Write(100, 1000));
+    ASSERT_EQ(0, Write(FS_PART + 7, 3));
+    ASSERT_TRUE(ReadsBack(0, 2 * FS_PART));
+    ASSERT_EQ(0, Write(3 * FS_SPAN + FS_PART, 2 * FS_PART));
+    ASSERT_TRUE(ReadsBack(3 * FS_SPAN, FS_PART));
+    ASSERT_TRUE(ReadsBack(3 * FS_SPAN - FS_PART, 4 * FS_PART));
+    ASSERT_EQ(0, Write(5 * FS_SPAN - FS_PART, FS_SPAN));
+    EXPECT_TRUE(DrainedFileMatches());
+    for (const auto& c : Writes()) {
+        EXPECT_EQ(0, c.first % 512) << c.first;
+        EXPECT_EQ(0, c.second % 512) << c.second;
+    }
+}
+
+TEST_F(FileBuffers, ReadAfterWriteSeesTheWriteOnEveryPath)
+{
+    Make(TRUE);
+    // Into a held span, into a fresh span, across two spans, and a whole span.
+    ASSERT_TRUE(ReadsBack(0, FS_PART));
+    ASSERT_EQ(0, Write(FS_PART, FS_PART));
+    EXPECT_TRUE(ReadsBack(FS_PART, FS_PART));
+    ASSERT_EQ(0, Write(3 * FS_SPAN + 2 * FS_PART, FS_PART));
+    EXPECT_TRUE(ReadsBack(3 * FS_SPAN + 2 * FS_PART, FS_PART));
+    EXPECT_TRUE(ReadsBack(3 * FS_SPAN, FS_SPAN));
+    ASSERT_EQ(0, Write(5 * FS_SPAN + 4 * FS_PART, FS_PART));
+    EXPECT_TRUE(ReadsBack(5 * FS_SPAN + 3 * FS_PART, 3 * FS_PART));
+    // Reads across the boundary of a span with a buffered change, starting
+    // in a held span and in one not held.
+    ASSERT_EQ(0, Write(6 * FS_SPAN - FS_PART, FS_PART));
+    EXPECT_TRUE(ReadsBack(6 * FS_SPAN - 2 * FS_PART, 3 * FS_PART));
+    ASSERT_EQ(0, Write(8 * FS_SPAN, FS_PART));
+    EXPECT_TRUE(ReadsBack(8 * FS_SPAN - FS_PART, 2 * FS_PART));
+    EXPECT_TRUE(DrainedFileMatches());
+}
+
+TEST_F(FileBuffers, DirectWriteOverBufferedSpanLeavesNoStaleCopy)
+{
+    Make(TRUE);
+    // Span 2 held whole (status 1); span 3 held by one changed part.
+    ASSERT_TRUE(ReadsBack(2 * FS_SPAN, FS_PART));
+    ASSERT_EQ(FILEBUF_WHOLE, Holder(2 * FS_SPAN)->m_nStatus);
+    ASSERT_EQ(0, Write(3 * FS_SPAN, FS_PART));
+    // Across both spans: too long for either buffer, it goes to the file.
+    ClearCalls();
+    ASSERT_EQ(0, Write(3 * FS_SPAN - 2 * FS_PART, 4 * FS_PART));
+    Calls w = Writes();
+    ASSERT_EQ(1u, w.size());
+    EXPECT_EQ(3 * FS_SPAN - 2 * FS_PART, w[0].first);
+    // Both buffers answer with the new bytes, and the disk ends right.
+    EXPECT_TRUE(ReadsBack(3 * FS_SPAN - 2 * FS_PART, FS_PART));
+    EXPECT_TRUE(ReadsBack(3 * FS_SPAN, FS_PART));
+    EXPECT_TRUE(ReadsBack(3 * FS_SPAN + FS_PART, FS_PART));
+    // A whole span written straight over a span held whole.
+    ASSERT_TRUE(ReadsBack(6 * FS_SPAN, FS_PART));
+    ASSERT_EQ(0, Write(6 * FS_SPAN - FS_PART, FS_SPAN));
+    EXPECT_TRUE(ReadsBack(6 * FS_SPAN, FS_PART));
+    EXPECT_TRUE(DrainedFileMatches());
+}
+
+// --- The transitions of the statuses ---------------------------------------
+
+TEST_F(FileBuffers, WriteToUnheldSpanReadsNothingAndFlagsOnePart)
+{
+    Make(TRUE);
+    ClearCalls();
+    ASSERT_EQ(0, Write(FS_SPAN + 5 * FS_PART, FS_PART));
+    EXPECT_TRUE(Reads().empty());
+    EXPECT_TRUE(Writes().empty());
+    const CTalvorFileStorage::stu_Cache_Buffer* b = Holder(FS_SPAN);
+    ASSERT_NE(nullptr, b);
+    EXPECT_EQ(FILEBUF_PARTS_CHANGED, b->m_nStatus);
+    std::vector<int> want = NoFlags;
+    want[5] = FILEPART_CHANGED;
+    EXPECT_EQ(want, Flags(b));
+    EXPECT_TRUE(m_pStorage->CheckFlush());
+    // That part is served from the buffer.
+    EXPECT_TRUE(ReadsBack(FS_SPAN + 5 * FS_PART, FS_PART));
+    EXPECT_TRUE(Reads().empty());
+    // Its neighbour above: one read from there to the end of the span, the
+    // changed part left alone.
+    ASSERT_TRUE(ReadsBack(FS_SPAN + 6 * FS_PART, FS_PART));
+    Calls r = Reads();
+    ASSERT_EQ(1u, r.size());
+    EXPECT_EQ(FS_SPAN + 6 * FS_PART, r[0].first);
+    EXPECT_EQ(10 * FS_PART, r[0].second);
+    EXPECT_TRUE(Writes().empty());
+    EXPECT_EQ(FILEBUF_PARTS_CHANGED, b->m_nStatus);
+    for (int i = 6; i < 16; i++) want[i] = FILEPART_ONDISK;
+    EXPECT_EQ(want, Flags(b));
+    // The change is not on disk yet.
+    EXPECT_EQ(0, memcmp(FileBytes().data() + FS_SPAN + 5 * FS_PART, m_vDisk.data() + FS_SPAN + 5 * FS_PART, FS_PART));
+    EXPECT_TRUE(DrainedFileMatches());
+}
+
+TEST_F(FileBuffers, ReadAcrossChangedAndUnreadPartWritesTheChangeFirst)
+{
+    Make(TRUE);
+    ASSERT_EQ(0, Write(5 * FS_PART, FS_PART));
+    ClearCalls();
+    std::vector<std::string> order;
+    m_io.OnCall(FileOp::PWrite, [&order](const talvortest::FileCall&) { order.push_back("w"); });
+    m_io.OnCall(FileOp::PRead, [&order](const talvortest::FileCall&) { order.push_back("r"); });
+    ASSERT_TRUE(ReadsBack(4 * FS_PART, 2 * FS_PART));
+    m_io.OnCall(FileOp::PWrite, nullptr);
+    m_io.OnCall(FileOp::PRead, nullptr);
+    EXPECT_EQ((std::vector<std::string>{"w", "r"}), order);
+    // The changed part is on disk now, exactly there.
+    std::vector<BYTE> file = FileBytes();
+    EXPECT_EQ(0, memcmp(file.data() + 5 * FS_PART, m_vLogical.data() + 5 * FS_PART, FS_PART));
+    // Parts 0 to 4 were read, 5 written, 6 to 15 still unread.
+    const CTalvorFileStorage::stu_Cache_Buffer* b = Holder(0);
+    ASSERT_NE(nullptr, b);
+    EXPECT_EQ(FILEBUF_PARTS, b->m_nStatus);
+    std::vector<int> want(FILESTORE_PART_NUM, FILEPART_UNREAD);
+    for (int i = 0; i <= 5; i++) want[i] = FILEPART_ONDISK;
+    EXPECT_EQ(want, Flags(b));
+    EXPECT_FALSE(m_pStorage->CheckFlush());
+    EXPECT_TRUE(DrainedFileMatches());
+}
+
+TEST_F(FileBuffers, AllPartsValidTurnsIntoWholeSpanStatus)
+{
+    Make(TRUE);
+    ASSERT_EQ(0, Write(3 * FS_PART, FS_PART));
+    ASSERT_TRUE(ReadsBack(0, FS_PART));      // reads parts 0 to 2
+    ASSERT_TRUE(ReadsBack(4 * FS_PART, FS_PART));  // reads parts 4 to 15
+    const CTalvorFileStorage::stu_Cache_Buffer* b = Holder(0);
+    ASSERT_NE(nullptr, b);
+    EXPECT_EQ(FILEBUF_WHOLE_CHANGED, b->m_nStatus);
+    EXPECT_EQ(3 * FS_PART, b->m_nWriteBegin);
+    EXPECT_EQ(4 * FS_PART, b->m_nWriteEnd);
+    EXPECT_EQ(NoFlags, Flags(b));
+    // Without a change: status 1.
+    ASSERT_TRUE(ReadsBack(FS_SPAN + FS_PART, FS_PART));
+    ASSERT_EQ(FILEBUF_WHOLE, Holder(FS_SPAN)->m_nStatus);
+    // Flushing status 2 writes only its range and leaves status 1.
+    ClearCalls();
+    EXPECT_EQ(0, m_pStorage->FlushBuffer(nullptr));
+    Calls w = Writes();
+    ASSERT_EQ(1u, w.size());
+    EXPECT_EQ(3 * FS_PART, w[0].first);
+    EXPECT_EQ(FS_PART, w[0].second);
+    EXPECT_EQ(FILEBUF_WHOLE, b->m_nStatus);
+    EXPECT_TRUE(DrainedFileMatches());
+}
+
+TEST_F(FileBuffers, WholeSpanWritesAndReadsAreNotBuffered)
+{
+    Make(TRUE);
+    ClearCalls();
+    ASSERT_EQ(0, Write(4 * FS_SPAN, FS_SPAN));
+    EXPECT_EQ(nullptr, Holder(4 * FS_SPAN));
+    Calls w = Writes();
+    ASSERT_EQ(1u, w.size());
+    EXPECT_EQ(FS_SPAN, w[0].second);
+    ASSERT_TRUE(ReadsBack(7 * FS_SPAN, FS_SPAN));
+    EXPECT_EQ(nullptr, Holder(7 * FS_SPAN));
+    EXPECT_EQ(0, FirstDiff(FileBytes(), m_vLogical) == -1 ? 0 : 1);
+}
+
+TEST_F(FileBuffers, ShortReadOfUnreadPartGivesTheFileBytes)
+{
+    Make(TRUE);
+    ASSERT_EQ(0, Write(2 * FS_PART, FS_PART));
+    // 512 bytes of part 7, never read, then of the changed part 2.
+    EXPECT_TRUE(ReadsBack(7 * FS_PART + 1024, 512));
+    EXPECT_TRUE(ReadsBack(2 * FS_PART + 512, 512));
+    // A read straddling two parts, the second unread.
+    EXPECT_TRUE(ReadsBack(9 * FS_PART - 512, 1024));
+    EXPECT_TRUE(DrainedFileMatches());
+}
+
+TEST_F(FileBuffers, PartialWriteOverUnreadPartKeepsTheDiskBytesAround)
+{
+    Make(TRUE);
+    ASSERT_EQ(0, Write(2 * FS_PART, FS_PART));
+    // 512 bytes into part 6, which was never read: the rest of that part on
+    // disk must survive the write-out.
+    ASSERT_EQ(0, Write(6 * FS_PART + 512, 512));
+    // And into the buffer where the part is valid.
+    ASSERT_EQ(0, Write(2 * FS_PART + 4096, 512));
+    EXPECT_TRUE(ReadsBack(6 * FS_PART, FS_PART));
+    EXPECT_TRUE(ReadsBack(2 * FS_PART, FS_PART));
+    EXPECT_TRUE(DrainedFileMatches());
+}
+
+// --- FlushBuffer and the use list ------------------------------------------
+
+TEST_F(FileBuffers, FlushBufferWritesLeastRecentlyUsedChangeFirst)
+{
+    Make(TRUE);
+    EXPECT_EQ(-1, m_pStorage->FlushBuffer(nullptr));
+    ASSERT_EQ(0, Write(10 * FS_SPAN, FS_PART));
+    ASSERT_EQ(0, Write(20 * FS_SPAN + FS_PART, 2 * FS_PART));
+    ASSERT_TRUE(ReadsBack(30 * FS_SPAN, FS_PART));  // unchanged, most recent
+    ClearCalls();
+    ASSERT_EQ(0, m_pStorage->FlushBuffer(nullptr));
+    ASSERT_EQ(0, m_pStorage->FlushBuffer(nullptr));
+    EXPECT_EQ(-1, m_pStorage->FlushBuffer(nullptr));
+    Calls w = Writes();
+    ASSERT_EQ(2u, w.size());
+    EXPECT_EQ(10 * FS_SPAN, w[0].first);
+    EXPECT_EQ(FS_PART, w[0].second);
+    EXPECT_EQ(20 * FS_SPAN + FS_PART, w[1].first);
+    EXPECT_EQ(2 * FS_PART, w[1].second);
+    EXPECT_EQ(FILEBUF_PARTS, Holder(10 * FS_SPAN)->m_nStatus);
+    EXPECT_EQ(0, FirstDiff(FileBytes(), m_vLogical) == -1 ? 0 : 1);
+}
+
+TEST_F(FileBuffers, WithoutFileCacheNothingIsHeld)
+{
+    Make(FALSE);
+    EXPECT_EQ(-1, m_pStorage->FlushBuffer(nullptr));
+    ASSERT_EQ(0, Write(FS_PART, FS_PART));
+    EXPECT_FALSE(m_pStorage->CheckFlush());
+    EXPECT_EQ(-1, m_pStorage->FlushBuffer(nullptr));
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
+}
+
+TEST_F(FileBuffers, AllocCacheBufferRefusesSpanCrossingAndEvictsTheTail)
+{
+    Make(TRUE);
+    CTalvorFileStorage::stu_Cache_Buffer* p = nullptr;
+    int nBufPos = -1;
+    EXPECT_EQ(-1, m_pStorage->AllocCacheBuffer(FS_SPAN - FS_PART, 2 * FS_PART, p, nBufPos));
+    EXPECT_EQ(nullptr, p);
+    // One changed part in each of 64 spans: every buffer in use, span 0 the
+    // least recently used.
+    for (int i = 0; i < FILESTORE_BUFFER_NUM; i++) ASSERT_EQ(0, Write((long long)i * FS_SPAN + FS_PART, FS_PART)) << i;
+    EXPECT_TRUE(Writes().empty());
+    ClearCalls();
+    ASSERT_EQ(0, Write(70LL * FS_SPAN, FS_PART));
+    Calls w = Writes();
+    ASSERT_EQ(1u, w.size());
+    EXPECT_EQ(FS_PART, w[0].first);
+    EXPECT_EQ(FS_PART, w[0].second);
+    EXPECT_EQ(nullptr, Holder(0));
+    ASSERT_NE(nullptr, Holder(70LL * FS_SPAN));
+    EXPECT_EQ(FILEBUF_PARTS_CHANGED, Holder(70LL * FS_SPAN)->m_nStatus);
+    EXPECT_EQ(0, memcmp(FileBytes().data() + FS_PART, m_vLogical.data() + FS_PART, FS_PART));
+    EXPECT_TRUE(DrainedFileMatches());
+}
+
+TEST_F(FileBuffers, ReleaseDrainsTheBuffersAndEndsWhenTheDiskKeepsFailing)
+{
+    Make(TRUE);
+    ASSERT_EQ(0, Write(FS_PART, FS_PART));
+    ASSERT_EQ(0, Write(9 * FS_SPAN, FS_PART));
+    m_pStorage->Release();
+    m_pStorage = nullptr;
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
+    EXPECT_EQ(nullptr, m_info.m_pStorageFile);
+    EXPECT_EQ(nullptr, m_info.m_hFile);
+    // Again with a disk that fails every write: the release still ends.
+    TearDown();
+    SetUp();
+    Make(TRUE);
+    ASSERT_EQ(0, Write(FS_PART, FS_PART));
+    ASSERT_EQ(0, Write(9 * FS_SPAN, FS_PART));
+    long long nBefore = m_io.Calls(FileOp::PWrite);
+    m_io.FailCall(FileOp::PWrite, nBefore + 1, EIO, talvortest::FAULT_ALWAYS);
+    m_pStorage->Release();
+    m_pStorage = nullptr;
+    // The first buffer is tried three times; the drain stops there.
+    EXPECT_EQ(nBefore + 3, m_io.Calls(FileOp::PWrite));
+    EXPECT_TRUE(Traced(80012010, "buffers: 2"));
+}
+
+// --- Faults -----------------------------------------------------------------
+
+TEST_F(FileBuffers, DirectWriteIsTriedThreeTimesThenReported)
+{
+    Make(FALSE);
+    m_io.FailNext(FileOp::PWrite, EIO, 2);
+    ASSERT_EQ(0, Write(3 * FS_PART, FS_PART));
+    EXPECT_EQ(3, m_io.Calls(FileOp::PWrite));
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
+    m_io.FailNext(FileOp::PWrite, EIO, 3);
+    std::vector<BYTE> before = FileBytes();
+    AlignedBytes buf(FS_PART);
+    memset(buf.m_p, 0xAB, FS_PART);
+    EXPECT_EQ(1, m_pStorage->WriteBlock(nullptr, 4 * FS_PART, buf.m_p, FS_PART));
+    EXPECT_EQ(6, m_io.Calls(FileOp::PWrite));
+    EXPECT_TRUE(Traced(80004002, "Failed to write from cache to physical file"));
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), before));
+    EXPECT_TRUE(LatchFree());
+}
+
+TEST_F(FileBuffers, ShortWriteIsNeverTakenForDone)
+{
+    Make(FALSE);
+    m_io.CutTransfer(FileOp::PWrite, 1, 4096);
+    ASSERT_EQ(0, Write(3 * FS_PART, FS_PART));
+    EXPECT_EQ(2, m_io.Calls(FileOp::PWrite));
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
+    // Three short writes in a row: reported.
+    for (int n = 3; n <= 5; n++) m_io.CutTransfer(FileOp::PWrite, n, 512);
+    AlignedBytes buf(FS_PART);
+    memset(buf.m_p, 0xCD, FS_PART);
+    EXPECT_EQ(1, m_pStorage->WriteBlock(nullptr, 5 * FS_PART, buf.m_p, FS_PART));
+    EXPECT_TRUE(Traced(80004002, "write size: 16384"));
+    EXPECT_TRUE(LatchFree());
+}
+
+TEST_F(FileBuffers, FailedFlushBufferKeepsDataAndStatus)
+{
+    Make(TRUE);
+    ASSERT_EQ(0, Write(2 * FS_SPAN + 3 * FS_PART, 2 * FS_PART));
+    ASSERT_EQ(0, Write(2 * FS_SPAN + 9 * FS_PART, FS_PART));
+    const CTalvorFileStorage::stu_Cache_Buffer* b = Holder(2 * FS_SPAN);
+    std::vector<int> flags = Flags(b);
+    std::vector<BYTE> before = FileBytes();
+    m_io.FailNext(FileOp::PWrite, EIO, 3);
+    long long nCalls = m_io.Calls(FileOp::PWrite);
+    EXPECT_EQ(1, m_pStorage->FlushBuffer(nullptr));
+    EXPECT_EQ(nCalls + 3, m_io.Calls(FileOp::PWrite));
+    EXPECT_TRUE(Traced(80012003, "Failed to write new data into disk"));
+    EXPECT_EQ(FILEBUF_PARTS_CHANGED, b->m_nStatus);
+    EXPECT_EQ(flags, Flags(b));
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), before));
+    EXPECT_TRUE(ReadsBack(2 * FS_SPAN + 3 * FS_PART, 2 * FS_PART));
+    // A short write of a status 2 range: tried again, then done.
+    ASSERT_TRUE(ReadsBack(5 * FS_SPAN, FS_PART));
+    ASSERT_EQ(0, Write(5 * FS_SPAN + FS_PART, FS_PART));
+    EXPECT_TRUE(DrainedFileMatches());
+    EXPECT_TRUE(LatchFree());
+}
+
+TEST_F(FileBuffers, FailedStatusTwoFlushIsReportedWithItsRange)
+{
+    Make(TRUE);
+    ASSERT_TRUE(ReadsBack(5 * FS_SPAN, FS_PART));
+    ASSERT_EQ(0, Write(5 * FS_SPAN + FS_PART, FS_PART));
+    const CTalvorFileStorage::stu_Cache_Buffer* b = Holder(5 * FS_SPAN);
+    ASSERT_EQ(FILEBUF_WHOLE_CHANGED, b->m_nStatus);
+    m_io.CutTransfer(FileOp::PWrite, m_io.Calls(FileOp::PWrite) + 1, 512);
+    m_io.FailCall(FileOp::PWrite, m_io.Calls(FileOp::PWrite) + 2, EIO, 2);
+    EXPECT_EQ(1, m_pStorage->FlushBuffer(nullptr));
+    EXPECT_TRUE(Traced(80012002, "write size: 16384"));
+    EXPECT_EQ(FILEBUF_WHOLE_CHANGED, b->m_nStatus);
+    EXPECT_EQ(FS_PART, b->m_nWriteBegin);
+    EXPECT_EQ(2 * FS_PART, b->m_nWriteEnd);
+    EXPECT_TRUE(DrainedFileMatches());
+    EXPECT_TRUE(LatchFree());
+}
+
+TEST_F(FileBuffers, FailedEvictionLeavesTheBufferAndWritesStraight)
+{
+    Make(TRUE);
+    for (int i = 0; i < FILESTORE_BUFFER_NUM; i++) ASSERT_EQ(0, Write((long long)i * FS_SPAN + FS_PART, FS_PART)) << i;
+    m_io.FailNext(FileOp::PWrite, EIO, 3);
+    ClearCalls();
+    ASSERT_EQ(0, Write(70LL * FS_SPAN, FS_PART));
+    EXPECT_TRUE(Traced(80011003, "Failed to write new data into disk"));
+    // Three tries at the evicted part, then the new block straight to disk.
+    Calls w = Writes();
+    ASSERT_EQ(4u, w.size());
+    for (int i = 0; i < 3; i++) EXPECT_EQ(FS_PART, w[i].first);
+    EXPECT_EQ(70LL * FS_SPAN, w[3].first);
+    const CTalvorFileStorage::stu_Cache_Buffer* b = Holder(0);
+    ASSERT_NE(nullptr, b);
+    EXPECT_EQ(FILEBUF_PARTS_CHANGED, b->m_nStatus);
+    EXPECT_EQ(FILEPART_CHANGED, b->m_bDataFlag[1]);
+    EXPECT_EQ(nullptr, Holder(70LL * FS_SPAN));
+    std::vector<BYTE> file = FileBytes();
+    EXPECT_EQ(0, memcmp(file.data() + FS_PART, m_vDisk.data() + FS_PART, FS_PART));
+    EXPECT_EQ(0, memcmp(file.data() + 70LL * FS_SPAN, m_vLogical.data() + 70LL * FS_SPAN, FS_PART));
+    EXPECT_TRUE(ReadsBack(FS_PART, FS_PART));
+    EXPECT_TRUE(DrainedFileMatches());
+    EXPECT_TRUE(LatchFree());
+}
+
+// --- Threads ----------------------------------------------------------------------
+
+TEST_F(FileBuffers, ThreadsOnTheirOwnBlocksAndAFlusherLoseNothing)
+{
+    Make(TRUE);
+    const int nThreads = 4;
+    const int nRounds = 300;
+    // Thread t owns every part p with p % nThreads == t; the model is written
+    // before the thread starts, so no two threads touch one byte of it.
+    std::vector<std::vector<BYTE>> vData(nThreads);
+    std::vector<std::vector<long long>> vPos(nThreads);
+    for (int t = 0; t < nThreads; t++) {
+        for (int r = 0; r < nRounds; r++) {
+            long long llPart = (long long)(m_rng() % (FS_FILE_SIZE / FS_PART / nThreads)) * nThreads + t;
+            vPos[t].push_back(llPart * FS_PART);
+        }
+        vData[t].resize((size_t)nRounds * FS_PART);
+        for (BYTE& b : vData[t]) b = (BYTE)m_rng();
+        for (int r = 0; r < nRounds; r++)
+            memcpy(m_vLogical.data() + vPos[t][r], vData[t].data() + (size_t)r * FS_PART, FS_PART);
+    }
+    std::atomic<bool> bStop{false};
+    std::atomic<int> nBad{0};
+    std::thread flusher([&] {
+        TALVORCRITICALSECTION stCrit;
+        InitThreadCritSection(&stCrit);
+        while (!bStop) {
+            if (m_pStorage->FlushBuffer(&stCrit) == 1) nBad++;
+            std::this_thread::yield();
+        }
+    });
+    std::vector<std::thread> vThreads;
+    for (int t = 0; t < nThreads; t++) {
+        vThreads.emplace_back([&, t] {
+            TALVORCRITICALSECTION stCrit;
+            InitThreadCritSection(&stCrit);
+            AlignedBytes buf(FS_PART), back(2 * FS_PART);
+            for (int r = 0; r < nRounds; r++) {
+                memcpy(buf.m_p, vData[t].data() + (size_t)r * FS_PART, FS_PART);
+                if (m_pStorage->WriteBlock(&stCrit, vPos[t][r], buf.m_p, FS_PART) != 0) nBad++;
+                // The last write of this part so far must come back.
+                if (m_pStorage->ReadBlock(&stCrit, vPos[t][r], back.m_p, FS_PART) != 0 ||
+                    memcmp(back.m_p, buf.m_p, FS_PART) != 0)
+                    nBad++;
+            }
+        });
+    }
+    for (std::thread& th : vThreads) th.join();
+    bStop = true;
+    flusher.join();
+    EXPECT_EQ(0, nBad.load());
+    EXPECT_TRUE(LatchFree());
+    // Later writes of a part overwrite earlier ones in the model as on disk.
+    for (int t = 0; t < nThreads; t++)
+        for (int r = 0; r < nRounds; r++)
+            memcpy(m_vLogical.data() + vPos[t][r], vData[t].data() + (size_t)r * FS_PART, FS_PART);
+    EXPECT_TRUE(DrainedFileMatches());
+}
+
+// --- Moving the file ------------------------------------------------------------
+
+TEST_F(FileBuffers, MovedFileTakesItsBufferedChangesAlong)
+{
+    Make(TRUE);
+    ASSERT_EQ(0, Write(FS_PART, FS_PART));
+    ASSERT_TRUE(ReadsBack(4 * FS_SPAN, FS_PART));
+    ASSERT_EQ(0, Write(4 * FS_SPAN + 512, 512));
+    long long nLoadSize = -1;
+    m_info.m_pLoadSize = &nLoadSize;
+    std::string strOld = m_strPath;
+    std::string strNew = m_tree.Path("moved/deeper/Table7.dbf");
+    std::vector<char> vNew(strNew.begin(), strNew.end());
+    vNew.push_back('\0');
+    AlignedBytes buf(1048576);
+    ASSERT_EQ(0, m_pStorage->ChangeFilePath(nullptr, &m_info, vNew.data(), buf.m_p, 1048576, nullptr, 1));
+    EXPECT_TRUE(Traced(80008011, "Successfully modified file path"));
+    EXPECT_FALSE(TalvorPathExists(strOld.c_str()));
+    EXPECT_STREQ(strNew.c_str(), m_info.m_lpszFilePath);
+    EXPECT_EQ(FS_FILE_SIZE, nLoadSize);
+    m_strPath = strNew;
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
+    // The file goes on at its new place, through the same buffers.
+    ASSERT_EQ(0, Write(9 * FS_PART, FS_PART));
+    EXPECT_TRUE(ReadsBack(0, 2 * FS_SPAN));
+    EXPECT_TRUE(DrainedFileMatches());
+    EXPECT_TRUE(LatchFree());
+}
+
+TEST_F(FileBuffers, MoveIsRefusedOverAFileAndStopsAtAFailedCopy)
+{
+    Make(TRUE);
+    ASSERT_EQ(0, Write(FS_PART, FS_PART));
+    AlignedBytes buf(1048576);
+    std::string strThere = m_tree.File("There.dbf", "x");
+    std::vector<char> vThere(strThere.begin(), strThere.end());
+    vThere.push_back('\0');
+    EXPECT_EQ(1, m_pStorage->ChangeFilePath(nullptr, &m_info, vThere.data(), buf.m_p, 1048576, nullptr, 1));
+    EXPECT_TRUE(Traced(80008001, "already exists"));
+    std::string strNew = m_tree.Path("Moved.dbf");
+    std::vector<char> vNew(strNew.begin(), strNew.end());
+    vNew.push_back('\0');
+    // The buffered part goes out (one write), then the third piece fails.
+    m_io.FailCall(FileOp::PWrite, m_io.Calls(FileOp::PWrite) + 4, EIO, 3);
+    EXPECT_EQ(1, m_pStorage->ChangeFilePath(nullptr, &m_info, vNew.data(), buf.m_p, 1048576, nullptr, 1));
+    EXPECT_TRUE(Traced(80008005, "write location: 2097152, write size: 1048576"));
+    // The old file stays open and whole.
+    EXPECT_STREQ(m_strPath.c_str(), m_info.m_lpszFilePath);
+    EXPECT_TRUE(ReadsBack(0, 2 * FS_PART));
+    EXPECT_TRUE(DrainedFileMatches());
+    EXPECT_TRUE(LatchFree());
+}
+
+// --- The read speed test ------------------------------------------------------
+
+TEST_F(FileBuffers, SpeedTestReadsItsPatternAndWraps)
+{
+    Make(TRUE);
+    AlignedBytes buf(FS_SPAN);
+    m_pStorage->TestSpeed(nullptr, buf.m_p, 9, 0);
+    EXPECT_TRUE(Traced(80010000, "read times: 16384"));
+    Calls r = Reads();
+    ASSERT_EQ(16384u, r.size());
+    EXPECT_EQ(0, r[0].first);
+    EXPECT_EQ(FS_SPAN, r[1].first);
+    EXPECT_EQ(FS_SPAN, r[0].second);
+    // 80 spans: the read that would end at the end of the file wraps to 0.
+    EXPECT_EQ(78LL * FS_SPAN, r[78].first);
+    EXPECT_EQ(0, r[79].first);
+    // Read one, skip two: after the wrap it starts at the second part.
+    ClearCalls();
+    m_pStorage->TestSpeed(nullptr, buf.m_p, 3, 0);
+    r = Reads();
+    ASSERT_EQ(262144u, r.size());
+    EXPECT_EQ(3 * FS_PART, r[1].first);
+    long long nFirstWrap = (FS_FILE_SIZE - FS_PART) / (3 * FS_PART) + ((FS_FILE_SIZE - FS_PART) % (3 * FS_PART) ? 1 : 0);
+    EXPECT_EQ(FS_PART, r[(size_t)nFirstWrap].first);
+    for (const auto& c : r) ASSERT_LT(c.first + FS_PART, FS_FILE_SIZE);
+    // No write came of it, and the buffers were not touched.
+    EXPECT_TRUE(Writes().empty());
+    EXPECT_EQ(nullptr, Holder(0));
+}
+
+TEST_F(FileBuffers, SpeedTestStopsAtFailedReadAndIgnoresUnknownPattern)
+{
+    Make(FALSE);
+    AlignedBytes buf(FS_SPAN);
+    m_io.FailCall(FileOp::PRead, 10, EIO, 3);
+    m_pStorage->TestSpeed(nullptr, buf.m_p, 9, 0);
+    EXPECT_TRUE(Traced(80010004, "read location: 2359296, read size: 262144"));
+    EXPECT_FALSE(Traced(80010000, "Physical file reading test"));
+    EXPECT_EQ(12, m_io.Calls(FileOp::PRead));
+    m_pStorage->TestSpeed(nullptr, buf.m_p, 42, 0);
+    EXPECT_TRUE(Traced(80010000, "read times: 0,"));
+    EXPECT_EQ(12, m_io.Calls(FileOp::PRead));
+    EXPECT_TRUE(LatchFree());
+}
+
+}  // namespace

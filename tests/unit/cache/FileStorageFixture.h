@@ -1,0 +1,182 @@
+// FileStorageFixture.h — a cache-mode file on disk with its backend on a
+// small cache segment, the fault layer in force, and an independent model
+// of what the file's bytes must be: a plain vector written alongside.
+#pragma once
+
+#include "CacheFixture.h"
+#include "FaultFileIO.h"
+#include "TalvorFileIO.h"
+#include "TalvorFileStorage.h"
+#include "TempTree.h"
+
+#include <fcntl.h>
+#include <random>
+#include <unistd.h>
+
+namespace cachetest {
+
+inline constexpr long long FS_FILE_SIZE = 20LL * 1048576;  // 80 spans
+inline constexpr int FS_SPAN = FILESTORE_BUFFER_SIZE;
+inline constexpr int FS_PART = FILESTORE_PART_SIZE;
+inline constexpr BYTE FS_FILE_NO = 7;
+
+// Aligned bytes for the transfers.
+struct AlignedBytes {
+    explicit AlignedBytes(size_t n) : m_n(n), m_p((LPBYTE)get_aligned_buffer(n)) {}
+    ~AlignedBytes() { free(m_p); }
+    AlignedBytes(const AlignedBytes&) = delete;
+    AlignedBytes& operator=(const AlignedBytes&) = delete;
+    size_t m_n;
+    LPBYTE m_p;
+};
+
+class FileStorageFixture : public CacheFixture {
+protected:
+    void SetUp() override
+    {
+        CacheFixture::SetUp();
+        m_rng.seed(20261126);
+    }
+    void TearDown() override
+    {
+        if (m_pStorage != nullptr) m_pStorage->Release();
+        m_pStorage = nullptr;
+        m_pScoped.reset();
+        CacheFixture::TearDown();
+    }
+
+    // A cache (file buffers on or off), a file of random bytes and its
+    // backend opened on it. The fault layer is put in force afterwards.
+    void Make(BOOL bFileCache, BYTE bFileType = FILETYPE_TABLE, BYTE bOpenFileUseBuffer = 1)
+    {
+        ASSERT_EQ(0, Open(32, 80, bFileCache));
+        m_vDisk.resize((size_t)FS_FILE_SIZE);
+        for (BYTE& b : m_vDisk) b = (BYTE)m_rng();
+        m_strPath = m_tree.Path("Table7.dbf");
+        int fd = open(m_strPath.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0666);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ((ssize_t)m_vDisk.size(), pwrite(fd, m_vDisk.data(), m_vDisk.size(), 0));
+        close(fd);
+        memset(&m_info, 0, sizeof(m_info));
+        snprintf(m_info.m_lpszFilePath, sizeof(m_info.m_lpszFilePath), "%s", m_strPath.c_str());
+        m_info.m_bFileNo = FS_FILE_NO;
+        m_info.m_bFileType = (char)bFileType;
+        m_info.m_liFileSize = FS_FILE_SIZE;
+        m_pStorage = new CTalvorFileStorage(m_pCache.get());
+        ASSERT_EQ(0, m_pStorage->OpenFile(nullptr, &m_info, bOpenFileUseBuffer));
+        m_info.m_pStorageFile = m_pStorage;
+        m_vLogical = m_vDisk;
+        m_pScoped.reset(new talvortest::ScopedFileIO(&m_io));
+        RecordCalls();
+    }
+
+    // The file's bytes as the disk holds them, read past every layer.
+    std::vector<BYTE> FileBytes() const
+    {
+        std::vector<BYTE> v((size_t)FS_FILE_SIZE);
+        int fd = open(m_strPath.c_str(), O_RDONLY);
+        if (fd < 0) return {};
+        ssize_t n = pread(fd, v.data(), v.size(), 0);
+        close(fd);
+        if (n != (ssize_t)v.size()) return {};
+        return v;
+    }
+    // Random bytes for a write of nSize at llPos; the logical model takes them.
+    void Fill(AlignedBytes& buf, long long llPos, int nSize)
+    {
+        for (int i = 0; i < nSize; i++) buf.m_p[i] = (BYTE)m_rng();
+        memcpy(m_vLogical.data() + llPos, buf.m_p, (size_t)nSize);
+    }
+    int Write(long long llPos, int nSize)
+    {
+        AlignedBytes buf((size_t)nSize);
+        Fill(buf, llPos, nSize);
+        return m_pStorage->WriteBlock(nullptr, llPos, buf.m_p, nSize);
+    }
+    // Reads through the backend and compares with the logical model.
+    ::testing::AssertionResult ReadsBack(long long llPos, int nSize)
+    {
+        AlignedBytes buf((size_t)nSize);
+        int nRet = m_pStorage->ReadBlock(nullptr, llPos, buf.m_p, nSize);
+        if (nRet != 0) return ::testing::AssertionFailure() << "ReadBlock gave " << nRet;
+        for (int i = 0; i < nSize; i++)
+            if (buf.m_p[i] != m_vLogical[(size_t)(llPos + i)])
+                return ::testing::AssertionFailure() << "byte " << (llPos + i) << " differs";
+        return ::testing::AssertionSuccess();
+    }
+    // Every buffer written out; then the disk must hold the logical model.
+    ::testing::AssertionResult DrainedFileMatches()
+    {
+        for (int i = 0; i < 2 * FILESTORE_BUFFER_NUM; i++) {
+            int n = m_pStorage->FlushBuffer(nullptr);
+            if (n == -1) break;
+            if (n != 0) return ::testing::AssertionFailure() << "FlushBuffer gave " << n;
+        }
+        long long d = FirstDiff(FileBytes(), m_vLogical);
+        if (d >= 0) return ::testing::AssertionFailure() << "file differs at " << d;
+        return ::testing::AssertionSuccess();
+    }
+    // No call leaves the buffers' latch taken, whatever failed.
+    ::testing::AssertionResult LatchFree() const
+    {
+        if (m_pStorage->m_crit.m_nLockFlag == 0) return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure() << "the buffers' latch is still taken";
+    }
+    // The buffer holding llPos with a status other than 0, or null.
+    const CTalvorFileStorage::stu_Cache_Buffer* Holder(long long llPos) const
+    {
+        for (int i = 0; i < FILESTORE_BUFFER_NUM; i++) {
+            const CTalvorFileStorage::stu_Cache_Buffer* b = m_pStorage->Buffer(i);
+            if (b->m_nStatus != FILEBUF_EMPTY && b->m_nFileBeginPos <= llPos && b->m_nFileEndPos > llPos) return b;
+        }
+        return nullptr;
+    }
+    std::vector<int> Flags(const CTalvorFileStorage::stu_Cache_Buffer* b) const
+    {
+        return std::vector<int>(b->m_bDataFlag, b->m_bDataFlag + FILESTORE_PART_NUM);
+    }
+    // Transfers that reached the layer since the last ClearCalls, as
+    // (offset, size).
+    typedef std::vector<std::pair<long long, long long>> Calls;
+    void ClearCalls()
+    {
+        std::lock_guard<std::mutex> g(m_callLock);
+        m_vReads.clear();
+        m_vWrites.clear();
+    }
+    Calls Reads()
+    {
+        std::lock_guard<std::mutex> g(m_callLock);
+        return m_vReads;
+    }
+    Calls Writes()
+    {
+        std::lock_guard<std::mutex> g(m_callLock);
+        return m_vWrites;
+    }
+    void RecordCalls()
+    {
+        m_io.OnCall(talvortest::FileOp::PRead, [this](const talvortest::FileCall& c) {
+            std::lock_guard<std::mutex> g(m_callLock);
+            m_vReads.push_back({c.m_nOffset, c.m_nSize});
+        });
+        m_io.OnCall(talvortest::FileOp::PWrite, [this](const talvortest::FileCall& c) {
+            std::lock_guard<std::mutex> g(m_callLock);
+            m_vWrites.push_back({c.m_nOffset, c.m_nSize});
+        });
+    }
+
+    talvortest::TempTree m_tree{"fs"};
+    talvortest::FaultFileIO m_io;
+    std::unique_ptr<talvortest::ScopedFileIO> m_pScoped;
+    std::string m_strPath;
+    FILEINFO m_info;
+    CTalvorFileStorage* m_pStorage = nullptr;
+    std::vector<BYTE> m_vDisk;     // the file as written at the start
+    std::vector<BYTE> m_vLogical;  // what every read must give
+    std::mt19937 m_rng;
+    std::mutex m_callLock;
+    Calls m_vReads, m_vWrites;
+};
+
+} // namespace cachetest

@@ -1,0 +1,376 @@
+// Flush requests of the peer carried out by a cache-mode file's backend:
+// what reaches the file (checked against a model of the file), what is
+// refused, which requests lapse, and the flags left on the live block.
+#include "FileStorageFixture.h"
+
+using namespace cachetest;
+using talvortest::FileOp;
+
+namespace {
+
+const UINT BLOCK_NO = 77;
+const long long BLOCK_TS = 5000;
+const BYTE FLUSH_CODE = 5;
+const long long BLOCK_FILE_OFFSET = 40LL * FS_PART;
+
+class FileFlush : public FileStorageFixture {
+protected:
+    // A cache (no write buffers: writes reach the file at once), the file,
+    // and one cache block of the file's chain for the live block.
+    void MakeFlush(BYTE bFileType = FILETYPE_TABLE)
+    {
+        Make(FALSE, bFileType);
+        long long llHead = 0;
+        ASSERT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FS_FILE_NO, llHead));
+        ASSERT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FS_FILE_NO, m_llCacheOffset));
+        m_lpLive = Base() + m_llCacheOffset;
+        m_pCopy.reset(new AlignedBytes(FS_PART));
+        ClearCalls();
+    }
+    LPBLOCKHEAD Live() { return (LPBLOCKHEAD)m_lpLive; }
+    // A dirty data block in the cache and the request that names it.
+    void PostDataBlock()
+    {
+        for (int i = 0; i < FS_PART; i++) m_lpLive[i] = (BYTE)m_rng();
+        LPBLOCKHEAD h = Live();
+        h->m_nDataFlag = BLOCK_DATAFLAG;
+        h->m_nBlockNo = BLOCK_NO;
+        h->m_nTimestamp = BLOCK_TS;
+        h->m_nLockTimestamp = 99;
+        h->m_nBlockSize = FS_PART;
+        h->m_bStatus = 3;
+        h->m_bFileNo = FS_FILE_NO;
+        h->m_bSaveFlag = 1;
+        h->m_bThreadNum = 2;
+        h->m_bFlushCode = FLUSH_CODE;
+        h->m_bFlushFlag = 1;
+        memset(&m_req, 0, sizeof(m_req));
+        m_req.m_bStatus = 1;
+        m_req.m_bBlockType = CACHEFLUSH_DATA;
+        m_req.m_bFileNo = FS_FILE_NO;
+        m_req.m_bFlushCode = FLUSH_CODE;
+        m_req.m_nBlockNo = BLOCK_NO;
+        m_req.m_nBlockSize = FS_PART;
+        m_req.m_llTimestamp = BLOCK_TS;
+        m_req.m_llTransTimestamp = BLOCK_TS;
+        m_req.m_llCacheBlockOffset = m_llCacheOffset;
+        m_req.m_llFileBlockOffset = BLOCK_FILE_OFFSET;
+    }
+    // A page (head, extended head or map) in the cache and its request.
+    void PostPage(BYTE bType, int nMark, long long llFileOffset, UINT nNo = 1)
+    {
+        for (int i = 0; i < FS_PART; i++) m_lpLive[i] = (BYTE)m_rng();
+        memcpy(m_lpLive, &nMark, sizeof(nMark));
+        if (bType == CACHEFLUSH_HEAD) {
+            LPTABLEFILEHEAD h = (LPTABLEFILEHEAD)m_lpLive;
+            h->m_bFileType = (BYTE)m_info.m_bFileType;
+            h->m_bFileNo = FS_FILE_NO;
+        }
+        if (bType == CACHEFLUSH_MAP) ((LPBASEFILEBLOCKMAPHEAD_CACHE)m_lpLive)->m_nMapNo = (int)nNo;
+        memset(&m_req, 0, sizeof(m_req));
+        m_req.m_bBlockType = bType;
+        m_req.m_bFileNo = FS_FILE_NO;
+        m_req.m_nBlockNo = nNo;
+        m_req.m_nBlockSize = FS_PART;
+        m_req.m_llCacheBlockOffset = m_llCacheOffset;
+        m_req.m_llFileBlockOffset = llFileOffset;
+    }
+    int Flush() { return m_pStorage->FlushBlock(nullptr, &m_req, m_pCopy->m_p); }
+    // The model takes the live block as it must reach the disk.
+    void ExpectBlockOnDisk(long long llOffset, bool bData)
+    {
+        std::vector<BYTE> v(m_lpLive, m_lpLive + FS_PART);
+        if (bData) {
+            LPBLOCKHEAD h = (LPBLOCKHEAD)v.data();
+            h->m_bSaveFlag = 0;
+            h->m_bFlushFlag = 0;
+            h->m_nLockTimestamp = 0;
+            h->m_bStatus = 0;
+            h->m_bThreadNum = 0;
+        }
+        memcpy(m_vLogical.data() + llOffset, v.data(), v.size());
+        EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
+    }
+    void ExpectNothingWritten()
+    {
+        EXPECT_TRUE(Writes().empty());
+        EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vDisk));
+    }
+
+    long long m_llCacheOffset = 0;
+    LPBYTE m_lpLive = nullptr;
+    std::unique_ptr<AlignedBytes> m_pCopy;
+    stu_CacheFlush m_req;
+};
+
+// --- Data blocks --------------------------------------------------------------
+
+TEST_F(FileFlush, DataBlockReachesItsPlaceCleanAndFlushFlagClears)
+{
+    MakeFlush();
+    PostDataBlock();
+    ASSERT_EQ(0, Flush());
+    Calls w = Writes();
+    ASSERT_EQ(1u, w.size());
+    EXPECT_EQ(BLOCK_FILE_OFFSET, w[0].first);
+    ExpectBlockOnDisk(BLOCK_FILE_OFFSET, true);
+    EXPECT_EQ(0, Val(Live()->m_bFlushFlag));
+    EXPECT_EQ(1, Val(Live()->m_bSaveFlag));
+    EXPECT_EQ(2, Val(Live()->m_bThreadNum));
+}
+
+TEST_F(FileFlush, LapsedRequestsWriteNothing)
+{
+    MakeFlush();
+    struct Case {
+        const char* lpName;
+        std::function<void()> fnSpoil;
+    } cases[] = {
+        {"cancelled", [this]() { m_req.m_llTimestamp = 0; }},
+        {"cache block reused", [this]() { Live()->m_nBlockNo = BLOCK_NO + 1; }},
+        {"other file", [this]() { Live()->m_bFileNo = FS_FILE_NO + 1; }},
+        {"mark gone", [this]() { Live()->m_nDataFlag = 0; }},
+        {"flags clear",
+         [this]() {
+             Live()->m_bSaveFlag = 0;
+             Live()->m_bFlushFlag = 0;
+         }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.lpName);
+        PostDataBlock();
+        c.fnSpoil();
+        BYTE bSave = Live()->m_bSaveFlag, bFlush = Live()->m_bFlushFlag;
+        EXPECT_EQ(0, Flush());
+        ExpectNothingWritten();
+        EXPECT_EQ(bSave, Val(Live()->m_bSaveFlag));
+        EXPECT_EQ(bFlush, Val(Live()->m_bFlushFlag));
+    }
+}
+
+TEST_F(FileFlush, TornCopyIsRefusedInBothKindsOfFile)
+{
+    for (BYTE bType : {FILETYPE_TABLE, FILETYPE_INDEX}) {
+        SCOPED_TRACE((int)bType);
+        TearDown();
+        SetUp();
+        MakeFlush(bType);
+        PostDataBlock();
+        // The block in the cache is no longer of the size the request saw.
+        Live()->m_nBlockSize = FS_PART / 2;
+        EXPECT_EQ(1, Flush());
+        ExpectNothingWritten();
+        if (bType == FILETYPE_TABLE)
+            EXPECT_TRUE(Traced(80005010, "Data is incorrect data and was refused to be written"));
+        else
+            EXPECT_TRUE(Traced(80005011, "Data is incorrect and was refused to be written"));
+        EXPECT_EQ(1, Val(Live()->m_bFlushFlag));
+    }
+}
+
+TEST_F(FileFlush, FailedWriteLeavesBlockToBeWrittenAgain)
+{
+    MakeFlush();
+    PostDataBlock();
+    Live()->m_bSaveFlag = 0;  // flushed for a flush mark alone
+    m_io.FailNext(FileOp::PWrite, EIO, 3);
+    EXPECT_EQ(1, Flush());
+    EXPECT_EQ(3u, Writes().size());
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vDisk));
+    EXPECT_EQ(1, Val(Live()->m_bSaveFlag));
+    EXPECT_EQ(0, Val(Live()->m_bFlushFlag));
+    EXPECT_TRUE(Traced(80004002, "Failed to write from cache to physical file"));
+    // The next try goes through.
+    ClearCalls();
+    ASSERT_EQ(0, Flush());
+    ExpectBlockOnDisk(BLOCK_FILE_OFFSET, true);
+}
+
+TEST_F(FileFlush, FailedWriteOfReusedBlockIsLogged)
+{
+    for (BYTE bType : {FILETYPE_TABLE, FILETYPE_INDEX}) {
+        SCOPED_TRACE((int)bType);
+        TearDown();
+        SetUp();
+        MakeFlush(bType);
+        PostDataBlock();
+        // While the write is tried, the peer gives the cache block away.
+        m_io.OnCall(FileOp::PWrite, [this](const talvortest::FileCall&) {
+            Live()->m_nBlockNo = BLOCK_NO + 9;
+            Live()->m_bSaveFlag = 0;
+            Live()->m_bFlushFlag = 0;
+        });
+        m_io.FailNext(FileOp::PWrite, EIO, 3);
+        EXPECT_EQ(1, Flush());
+        m_io.OnCall(FileOp::PWrite, nullptr);
+        if (bType == FILETYPE_TABLE)
+            EXPECT_TRUE(Traced(80005008, "the original data block has been overwritten"));
+        else
+            EXPECT_TRUE(Traced(80005012, "Failed to write index block"));
+        // The flags belong to the other block now and are left alone.
+        EXPECT_EQ(0, Val(Live()->m_bSaveFlag));
+        EXPECT_EQ(0, Val(Live()->m_bFlushFlag));
+    }
+}
+
+TEST_F(FileFlush, NewerBlockOrCancelDuringWriteKeepsFlags)
+{
+    MakeFlush();
+    PostDataBlock();
+    Live()->m_nTimestamp = BLOCK_TS + 1;  // changed after the request was made
+    EXPECT_EQ(0, Flush());
+    EXPECT_EQ(1u, Writes().size());
+    EXPECT_EQ(1, Val(Live()->m_bFlushFlag));
+    // Changed after the request as its transaction stamp tells, with the live
+    // block still at that stamp: the flag stays in a table file...
+    PostDataBlock();
+    m_req.m_llTransTimestamp = BLOCK_TS + 1;
+    Live()->m_nTimestamp = BLOCK_TS + 1;
+    EXPECT_EQ(0, Flush());
+    EXPECT_EQ(1, Val(Live()->m_bFlushFlag));
+    // Cancelled while being written: a failure is returned as it is and the
+    // flags stay.
+    PostDataBlock();
+    m_io.OnCall(FileOp::PWrite, [this](const talvortest::FileCall&) { m_req.m_llTimestamp = 0; });
+    m_io.FailNext(FileOp::PWrite, EIO, 3);
+    EXPECT_EQ(1, Flush());
+    m_io.OnCall(FileOp::PWrite, nullptr);
+    EXPECT_EQ(1, Val(Live()->m_bFlushFlag));
+    EXPECT_EQ(1, Val(Live()->m_bSaveFlag));
+}
+
+TEST_F(FileFlush, IndexBlockIsNeverHeldNewer)
+{
+    // ...while an index file clears it.
+    MakeFlush(FILETYPE_INDEX);
+    PostDataBlock();
+    m_req.m_llTransTimestamp = BLOCK_TS + 1;
+    Live()->m_nTimestamp = BLOCK_TS + 1;
+    EXPECT_EQ(0, Flush());
+    EXPECT_EQ(0, Val(Live()->m_bFlushFlag));
+    EXPECT_EQ(1, Val(Live()->m_bSaveFlag));
+}
+
+TEST_F(FileFlush, FlushCodeChangedMeanwhileKeepsFlushFlag)
+{
+    MakeFlush();
+    PostDataBlock();
+    m_io.OnCall(FileOp::PWrite, [this](const talvortest::FileCall&) { Live()->m_bFlushCode = FLUSH_CODE + 1; });
+    EXPECT_EQ(0, Flush());
+    m_io.OnCall(FileOp::PWrite, nullptr);
+    EXPECT_EQ(1, Val(Live()->m_bFlushFlag));
+}
+
+TEST_F(FileFlush, WriteBlockLogNamesTableForIndexBlocksToo)
+{
+    MakeFlush(FILETYPE_INDEX);
+    int nOld = g_nWriteBlockLog;
+    g_nWriteBlockLog = 1;
+    PostDataBlock();
+    EXPECT_EQ(0, Flush());
+    g_nWriteBlockLog = nOld;
+    EXPECT_TRUE(Traced(0, "Write table block(Ret:0), FileNo:7(7), BlockNo:77(77)"));
+    ExpectBlockOnDisk(BLOCK_FILE_OFFSET, true);
+}
+
+// --- Heads and maps ---------------------------------------------------------------
+
+TEST_F(FileFlush, HeadGoesToOffsetZeroAndExtendedHeadToItsOwnPlace)
+{
+    MakeFlush();
+    PostPage(CACHEFLUSH_HEAD, TABLEFILE_DATAFLAG, 5 * FS_PART);
+    ASSERT_EQ(0, Flush());
+    ExpectBlockOnDisk(0, false);
+    ClearCalls();
+    PostPage(CACHEFLUSH_EXHEAD, TABLEFILEEX_DATAFLAG, 2 * FS_PART);
+    ASSERT_EQ(0, Flush());
+    Calls w = Writes();
+    ASSERT_EQ(1u, w.size());
+    EXPECT_EQ(2 * FS_PART, w[0].first);
+    ExpectBlockOnDisk(2 * FS_PART, false);
+    PostPage(CACHEFLUSH_MAP, BLOCKMAP_CACHE_DATAFLAG, 3 * FS_PART, 1);
+    ASSERT_EQ(0, Flush());
+    ExpectBlockOnDisk(3 * FS_PART, false);
+}
+
+TEST_F(FileFlush, BadPagesAreRefusedWithNothingWritten)
+{
+    struct Case {
+        BYTE bFileType;
+        BYTE bType;
+        int nMark;
+        long long llOffset;
+        UINT nNo;
+        long nCode;
+    } cases[] = {
+        {FILETYPE_TABLE, CACHEFLUSH_HEAD, INDEXFILE_DATAFLAG, 0, 1, 80005002},
+        {FILETYPE_INDEX, CACHEFLUSH_HEAD, TABLEFILE_DATAFLAG, 0, 1, 80005003},
+        {FILETYPE_TABLE, CACHEFLUSH_EXHEAD, TABLEFILE_DATAFLAG, FS_PART, 1, 80005102},
+        {FILETYPE_INDEX, CACHEFLUSH_EXHEAD, TABLEFILEEX_DATAFLAG, FS_PART, 1, 80005103},
+        {FILETYPE_TABLE, CACHEFLUSH_MAP, BLOCK_DATAFLAG, FS_PART, 1, 80005004},
+        {FILETYPE_TABLE, CACHEFLUSH_MAP, BLOCKMAP_CACHE_DATAFLAG, FS_PART, 2, 80005007},
+        {FILETYPE_TABLE, CACHEFLUSH_MAP, BLOCKMAP_CACHE_DATAFLAG, FS_FILE_SIZE - FS_PART / 2, 1, 80005005},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.nCode);
+        TearDown();
+        SetUp();
+        MakeFlush(c.bFileType);
+        PostPage(c.bType, c.nMark, c.llOffset, 1);
+        if (c.nCode == 80005007) m_req.m_nBlockNo = c.nNo;
+        EXPECT_EQ(1, Flush());
+        EXPECT_TRUE(Traced(c.nCode, "denied") || Traced(c.nCode, "Failed to flush block"));
+        ExpectNothingWritten();
+    }
+}
+
+TEST_F(FileFlush, RequestsOutsideTheCacheOrFileAreRefused)
+{
+    MakeFlush();
+    PostDataBlock();
+    m_req.m_bFileNo = FS_FILE_NO + 1;
+    EXPECT_EQ(1, Flush());
+    EXPECT_TRUE(Traced(80005001, "Incorrect file number"));
+    PostDataBlock();
+    m_req.m_nBlockNo = 0;
+    EXPECT_EQ(1, Flush());
+    EXPECT_TRUE(Traced(80005006, "block number 0"));
+    PostDataBlock();
+    m_req.m_llCacheBlockOffset = m_pCache->m_llCacheBufferSize - FS_PART / 2;
+    EXPECT_EQ(1, Flush());
+    EXPECT_TRUE(Traced(80005021, "outside the cache"));
+    PostDataBlock();
+    m_req.m_llFileBlockOffset = FS_FILE_SIZE;
+    EXPECT_EQ(1, Flush());
+    EXPECT_TRUE(Traced(80005022, "outside the file"));
+    PostDataBlock();
+    m_req.m_llFileBlockOffset = 0;  // a data block never lies over the head
+    EXPECT_EQ(1, Flush());
+    ExpectNothingWritten();
+    PostDataBlock();
+    m_req.m_bBlockType = CACHEFLUSH_TIMESTAMPS;
+    EXPECT_EQ(0, Flush());
+    ExpectNothingWritten();
+}
+
+// --- Loading a block ----------------------------------------------------------------
+
+TEST_F(FileFlush, LoadBlockChecksNumberMarkAndFile)
+{
+    MakeFlush();
+    PostDataBlock();
+    ASSERT_EQ(0, Flush());
+    ExpectBlockOnDisk(BLOCK_FILE_OFFSET, true);
+    AlignedBytes buf(FS_PART);
+    long long llOffset = BLOCK_FILE_OFFSET;
+    ASSERT_EQ(0, m_pStorage->LoadBlock(nullptr, FS_FILE_NO, BLOCK_NO, llOffset, FS_PART, buf.m_p));
+    EXPECT_EQ(0, memcmp(buf.m_p, m_vLogical.data() + BLOCK_FILE_OFFSET, FS_PART));
+    EXPECT_EQ(1, m_pStorage->LoadBlock(nullptr, FS_FILE_NO, BLOCK_NO + 1, llOffset, FS_PART, buf.m_p));
+    EXPECT_TRUE(Traced(80002002, "Failed to read Block(Ret:0"));
+    EXPECT_EQ(1, m_pStorage->LoadBlock(nullptr, FS_FILE_NO + 1, BLOCK_NO, llOffset, FS_PART, buf.m_p));
+    EXPECT_TRUE(Traced(80002001, "File number is incorrect"));
+    llOffset = 0;
+    EXPECT_EQ(1, m_pStorage->LoadBlock(nullptr, FS_FILE_NO, BLOCK_NO, llOffset, FS_PART, buf.m_p));
+}
+
+}  // namespace

@@ -1,0 +1,371 @@
+// A cache-mode file brought into the cache at start: its pages hang in the
+// file's chain in file order, each page links the next by cache offset, and
+// a damaged or foreign file is refused with its message.
+#include "CacheFileHeadArea.h"
+#include "CacheFixture.h"
+#include "FaultFileIO.h"
+#include "TalvorFileStorage.h"
+#include "TempTree.h"
+
+#include <cstddef>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace cachetest;
+using talvortest::FileOp;
+
+namespace {
+
+const long long FILE_SIZE = 4194304;
+const BYTE FILE_NO = 33;
+
+BYTE g_bSinkType = 0;
+long long g_nSinkFree = -1;
+void Sink(CBreltMemStorageModule*, BYTE bFileType, long long nFreeMiB)
+{
+    g_bSinkType = bFileType;
+    g_nSinkFree = nFreeMiB;
+}
+
+class FileInit : public CacheFixture {
+protected:
+    void SetUp() override
+    {
+        CacheFixture::SetUp();
+        g_pfnFileSpaceSink = &Sink;
+        g_bSinkType = 0;
+        g_nSinkFree = -1;
+    }
+    void TearDown() override
+    {
+        if (m_pStorage != nullptr) m_pStorage->Release();
+        m_pStorage = nullptr;
+        g_pfnFileSpaceSink = nullptr;
+        CacheFixture::TearDown();
+    }
+    // A new file of nObjects objects with its head area and, with
+    // bSecondMap, a second map block right behind the area.
+    void MakeFile(BYTE bType, int nObjects, bool bSecondMap)
+    {
+        m_vFile.assign((size_t)FILE_SIZE, 0);
+        CACHEHEADAREADEF d = {FILE_NO, bType, 7, nObjects, FILE_SIZE, 42};
+        ASSERT_TRUE(CacheBuildHeadArea(d, m_vFile.data(), FILE_SIZE, &m_nEx));
+        m_llMap1 = (long long)(m_nEx + 1) * CACHE_PAGE_SIZE;
+        LPBASEFILEBLOCKMAPHEAD_CACHE lpMap = Map(m_llMap1);
+        // Cache offsets of an earlier cache, to be forgotten.
+        lpMap->m_nNextBlockMapOffset_Cache = 999 * CACHE_PAGE_SIZE;
+        ((LPTABLEFILEHEAD)m_vFile.data())->m_nCacheStartOffset = 777 * CACHE_PAGE_SIZE;
+        if (bSecondMap) {
+            m_llMap2 = m_llMap1 + CACHE_PAGE_SIZE;
+            lpMap->m_nNextBlockMapOffset = m_llMap2;
+            LPBASEFILEBLOCKMAPHEAD_CACHE lpMap2 = Map(m_llMap2);
+            lpMap2->m_nDataFlag = BLOCKMAP_CACHE_DATAFLAG;
+            lpMap2->m_nMapNo = 2;
+            lpMap2->m_nNextBlockMapOffset_Cache = 888 * CACHE_PAGE_SIZE;
+        }
+        WriteFile();
+        memset(&m_info, 0, sizeof(m_info));
+        snprintf(m_info.m_lpszFilePath, sizeof(m_info.m_lpszFilePath), "%s", m_strPath.c_str());
+        m_info.m_bFileNo = FILE_NO;
+        m_info.m_bFileType = (char)bType;
+        m_info.m_liFileSize = FILE_SIZE;
+        m_info.m_pLoadSize = &m_nLoadSize;
+        m_nLoadSize = -1;
+    }
+    LPBASEFILEBLOCKMAPHEAD_CACHE Map(long long llOffset)
+    {
+        return (LPBASEFILEBLOCKMAPHEAD_CACHE)(m_vFile.data() + llOffset);
+    }
+    void WriteFile()
+    {
+        m_strPath = m_tree.Path("Table33.dbf");
+        int fd = open(m_strPath.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0666);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ((ssize_t)m_vFile.size(), pwrite(fd, m_vFile.data(), m_vFile.size(), 0));
+        close(fd);
+    }
+    int Init()
+    {
+        m_pStorage = new CTalvorFileStorage(m_pCache.get());
+        m_info.m_pStorageFile = m_pStorage;
+        return m_pStorage->Initialize(nullptr, &m_info, 0, nullptr, nullptr, 0, 1);
+    }
+    long long At(UINT nBlock) const { return (long long)nBlock * CACHE_PAGE_SIZE; }
+
+    talvortest::TempTree m_tree{"fsinit"};
+    std::string m_strPath;
+    std::vector<BYTE> m_vFile;
+    int m_nEx = 0;
+    long long m_llMap1 = 0, m_llMap2 = 0;
+    long long m_nLoadSize = -1;
+    FILEINFO m_info;
+    CTalvorFileStorage* m_pStorage = nullptr;
+};
+
+TEST_F(FileInit, PagesHangInFileOrderAndLinkEachOther)
+{
+    ASSERT_EQ(0, Open(32));
+    MakeFile(FILETYPE_TABLE, 1018, true);
+    ASSERT_EQ(2, m_nEx);
+    ASSERT_EQ(0, Init());
+    std::vector<UINT> v = Chain(Head()->m_nFileInfoNo[FILE_NO]);
+    ASSERT_EQ(5u, v.size());
+    // Page for page the file's bytes, but for the links of this cache.
+    LPTABLEFILEHEAD lpHead = (LPTABLEFILEHEAD)(Base() + At(v[0]));
+    EXPECT_EQ(0, memcmp(lpHead, m_vFile.data(), offsetof(TABLEFILEHEAD, m_nCacheStartOffset)));
+    EXPECT_EQ(At(v[1]), Val(lpHead->m_nCacheStartOffset));
+    for (int k = 1; k <= 2; k++) {
+        LPTABLEFILEHEADEX lpEx = (LPTABLEFILEHEADEX)(Base() + At(v[k]));
+        EXPECT_EQ(0, memcmp(lpEx, m_vFile.data() + k * CACHE_PAGE_SIZE, offsetof(TABLEFILEHEADEX, m_nNextFileHeadCacheOffset)));
+        EXPECT_EQ(At(v[k + 1]), Val(lpEx->m_nNextFileHeadCacheOffset));
+    }
+    LPBASEFILEBLOCKMAPHEAD_CACHE lpMap1 = (LPBASEFILEBLOCKMAPHEAD_CACHE)(Base() + At(v[3]));
+    LPBASEFILEBLOCKMAPHEAD_CACHE lpMap2 = (LPBASEFILEBLOCKMAPHEAD_CACHE)(Base() + At(v[4]));
+    EXPECT_EQ(1, Val(lpMap1->m_nMapNo));
+    EXPECT_EQ(2, Val(lpMap2->m_nMapNo));
+    EXPECT_EQ(At(v[4]), Val(lpMap1->m_nNextBlockMapOffset_Cache));
+    EXPECT_EQ(0, Val(lpMap2->m_nNextBlockMapOffset_Cache));
+    long long llMap = 0;
+    ASSERT_EQ(0, m_pCache->GetFirstTableMapCacheAddr(lpHead, Base(), llMap));
+    EXPECT_EQ(At(v[3]), llMap);
+    EXPECT_EQ(FILE_SIZE, m_nLoadSize);
+    EXPECT_NE(nullptr, m_info.m_hFile);
+    EXPECT_NE(nullptr, m_info.m_hFile2);
+    EXPECT_EQ(FILETYPE_TABLE, g_bSinkType);
+    EXPECT_GT(g_nSinkFree, 0);
+}
+
+TEST_F(FileInit, IndexFileWithoutExtendedPagesLinksItsMapFromTheHead)
+{
+    ASSERT_EQ(0, Open(32));
+    MakeFile(FILETYPE_INDEX, 10, false);
+    ((LPINDEXFILEHEAD)m_vFile.data())->m_nHeadMaxObjectNum = 0;
+    WriteFile();
+    ASSERT_EQ(0, Init());
+    std::vector<UINT> v = Chain(Head()->m_nFileInfoNo[FILE_NO]);
+    ASSERT_EQ(2u, v.size());
+    LPINDEXFILEHEAD lpHead = (LPINDEXFILEHEAD)(Base() + At(v[0]));
+    EXPECT_EQ(At(v[1]), Val(lpHead->m_nCacheStartOffset));
+    EXPECT_EQ(677, Val(lpHead->m_nHeadMaxObjectNum));
+    EXPECT_EQ(0, Val(((LPBASEFILEBLOCKMAPHEAD_CACHE)(Base() + At(v[1])))->m_nNextBlockMapOffset_Cache));
+    // An index file's progress goes on in the preload.
+    EXPECT_EQ(0, m_nLoadSize);
+}
+
+TEST_F(FileInit, DamagedOrForeignFilesAreRefused)
+{
+    struct Case {
+        const char* lpName;
+        std::function<void()> fnSpoil;
+        long nCode;
+    } cases[] = {
+        {"head of another type", [this]() { m_info.m_bFileType = FILETYPE_INDEX; }, 80001006},
+        {"map with a bad mark",
+         [this]() {
+             Map(m_llMap2)->m_nDataFlag = BLOCK_DATAFLAG;
+             WriteFile();
+         },
+         80001013},
+        {"map chain leaving the file",
+         [this]() {
+             Map(m_llMap2)->m_nNextBlockMapOffset = FILE_SIZE;
+             WriteFile();
+         },
+         80001011},
+        {"map chain looping",
+         [this]() {
+             Map(m_llMap2)->m_nNextBlockMapOffset = m_llMap1;
+             WriteFile();
+         },
+         80001011},
+        {"extended head off a page boundary",
+         [this]() {
+             ((LPTABLEFILEHEADEX)(m_vFile.data() + CACHE_PAGE_SIZE))->m_nNextFileHeadOffset = 3 * CACHE_PAGE_SIZE + 512;
+             WriteFile();
+         },
+         80001107},
+        {"extended head of another type",
+         [this]() {
+             ((LPTABLEFILEHEADEX)(m_vFile.data() + 2 * CACHE_PAGE_SIZE))->m_bFileType = FILETYPE_INDEX;
+             WriteFile();
+         },
+         80001108},
+        {"not a cache-mode file", [this]() { m_info.m_bFileType = FILETYPE_DATA; }, 80001001},
+        {"no file", [this]() { unlink(m_strPath.c_str()); }, 80001002},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.lpName);
+        TearDown();
+        SetUp();
+        ASSERT_EQ(0, Open(32));
+        MakeFile(FILETYPE_TABLE, 1018, true);
+        c.fnSpoil();
+        EXPECT_EQ(1, Init());
+        EXPECT_TRUE(Traced(c.nCode, "")) << c.nCode;
+    }
+}
+
+TEST_F(FileInit, FailedHeadReadIsReportedAfterThreeTries)
+{
+    ASSERT_EQ(0, Open(32));
+    MakeFile(FILETYPE_TABLE, 10, false);
+    talvortest::FaultFileIO io;
+    talvortest::ScopedFileIO scoped(&io);
+    io.FailNext(FileOp::PRead, EIO, 3);
+    EXPECT_EQ(1, Init());
+    EXPECT_EQ(3, io.Calls(FileOp::PRead));
+    EXPECT_TRUE(Traced(80001005, "Failed to load file header"));
+}
+
+TEST_F(FileInit, OtherMeasuredSizeIsTakenWhenTheFileReads)
+{
+    ASSERT_EQ(0, Open(32));
+    MakeFile(FILETYPE_TABLE, 10, false);
+    m_info.m_liFileSize = FILE_SIZE / 2;
+    ASSERT_EQ(0, Init());
+    EXPECT_EQ(FILE_SIZE, m_info.m_liFileSize);
+    EXPECT_EQ(FILE_SIZE, m_nLoadSize);
+}
+
+TEST_F(FileInit, CacheKeptFromBeforeReadsNothingButMustHoldTheFile)
+{
+    ASSERT_EQ(0, Open(32));
+    MakeFile(FILETYPE_TABLE, 10, false);
+    m_pCache->m_bExists = TRUE;
+    talvortest::FaultFileIO io;
+    talvortest::ScopedFileIO scoped(&io);
+    EXPECT_EQ(1, Init());
+    EXPECT_TRUE(Traced(80001012, "Found loaded file (33)"));
+    m_pStorage->Release();
+    m_pStorage = nullptr;
+    long long llOffset = 0;
+    ASSERT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FILE_NO, llOffset));
+    ASSERT_EQ(0, Init());
+    EXPECT_EQ(0, io.Calls(FileOp::PRead));
+    EXPECT_EQ(1u, Chain(Head()->m_nFileInfoNo[FILE_NO]).size());
+}
+
+// --- Growing the file ------------------------------------------------------------
+
+SYSTEMFILEHEAD g_stSystemHead;
+LPSYSTEMFILEHEAD SystemHeadOf(CBreltMemStorageModule*) { return &g_stSystemHead; }
+
+class FileGrow : public FileInit {
+protected:
+    void SetUp() override
+    {
+        FileInit::SetUp();
+        memset(&g_stSystemHead, 0, sizeof(g_stSystemHead));
+        g_pfnSystemHeadOf = &SystemHeadOf;
+        memset(&m_row, 0, sizeof(m_row));
+        m_bRowSave = 0;
+        ASSERT_EQ(0, Open(32));
+        MakeFile(FILETYPE_TABLE, 10, false);
+        m_info.m_lpFileInfo = &m_row;
+        m_info.m_pSaveFlag = &m_bRowSave;
+        ASSERT_EQ(0, Init());
+        m_lpHead = (LPTABLEFILEHEAD)(Base() + At(Head()->m_nFileInfoNo[FILE_NO]));
+        m_lpBuf = (LPBYTE)get_aligned_buffer(8 * 1048576);
+    }
+    void TearDown() override
+    {
+        g_pfnSystemHeadOf = nullptr;
+        free(m_lpBuf);
+        FileInit::TearDown();
+    }
+    long long DiskSize() const
+    {
+        struct stat st;
+        return stat(m_strPath.c_str(), &st) == 0 ? (long long)st.st_size : -1;
+    }
+    int Grow(long long nSize, int nBuf)
+    {
+        return m_pStorage->ChangeFileSize(nullptr, &m_info, 0, 0, m_lpBuf, nullptr, nSize, nBuf, nullptr);
+    }
+    // Size everywhere it is recorded, and the disk head as the cached one.
+    void ExpectSize(long long nSize)
+    {
+        EXPECT_EQ(nSize, DiskSize());
+        EXPECT_EQ(nSize, m_info.m_liFileSize);
+        EXPECT_EQ(nSize, m_nLoadSize);
+        EXPECT_EQ(nSize, Val(m_lpHead->m_nFileTotalSize));
+        EXPECT_EQ(nSize, Val(m_row.m_nFileSize));
+        EXPECT_EQ(1, m_bRowSave);
+        EXPECT_EQ(1, g_stSystemHead.m_bSaveFlag);
+        EXPECT_EQ(1, g_stSystemHead.m_stFileObject[1].m_bSaveFlag);
+        std::vector<BYTE> v(CACHE_PAGE_SIZE);
+        int fd = open(m_strPath.c_str(), O_RDONLY);
+        ASSERT_EQ((ssize_t)v.size(), pread(fd, v.data(), v.size(), 0));
+        close(fd);
+        EXPECT_EQ(0, memcmp(v.data(), m_lpHead, CACHE_PAGE_SIZE));
+    }
+
+    FILE_MEMDBFILEINFO m_row;
+    volatile BYTE m_bRowSave = 0;
+    LPTABLEFILEHEAD m_lpHead = nullptr;
+    LPBYTE m_lpBuf = nullptr;
+};
+
+TEST_F(FileGrow, GrowsByWholePiecesAndRecordsTheSizeReached)
+{
+    ASSERT_EQ(0, Grow(FILE_SIZE + 2 * 1048576, 1048576));
+    ExpectSize(FILE_SIZE + 2 * 1048576);
+    EXPECT_TRUE(Traced(80007006, "Successfully modified file size"));
+    // Not a whole number of pieces: the file ends past the size asked.
+    ASSERT_EQ(0, Grow(FILE_SIZE + 2 * 1048576 + 4096, 1048576));
+    ExpectSize(FILE_SIZE + 3 * 1048576);
+    EXPECT_TRUE(Traced(80007004, "File size needs to grow to: 6295552, but the actual size of the obtained file: 7340032"));
+    // The zeros are zeros, and what was there is untouched.
+    std::vector<BYTE> v((size_t)DiskSize());
+    int fd = open(m_strPath.c_str(), O_RDONLY);
+    ASSERT_EQ((ssize_t)v.size(), pread(fd, v.data(), v.size(), 0));
+    close(fd);
+    EXPECT_EQ(0, memcmp(v.data() + CACHE_PAGE_SIZE, m_vFile.data() + CACHE_PAGE_SIZE, (size_t)FILE_SIZE - CACHE_PAGE_SIZE));
+    std::vector<BYTE> vZero(v.size() - (size_t)FILE_SIZE, 0);
+    EXPECT_EQ(0, memcmp(v.data() + FILE_SIZE, vZero.data(), vZero.size()));
+}
+
+TEST_F(FileGrow, SizeBelowOnePieceIsMetExactly)
+{
+    ASSERT_EQ(0, Grow(FILE_SIZE + 16384, 8 * 1048576));
+    ExpectSize(FILE_SIZE + 16384);
+    EXPECT_FALSE(Traced(80007004, ""));
+}
+
+TEST_F(FileGrow, FileAlreadyLargeEnoughWritesNothing)
+{
+    talvortest::FaultFileIO io;
+    talvortest::ScopedFileIO scoped(&io);
+    ASSERT_EQ(0, Grow(FILE_SIZE, 1048576));
+    EXPECT_TRUE(Traced(80007001, "File size does not need to be modified"));
+    EXPECT_EQ(0, io.Calls(FileOp::PWrite));
+    EXPECT_EQ(0, m_bRowSave);
+    // A head that records less than the disk holds learns the disk's size.
+    m_lpHead->m_nFileTotalSize = FILE_SIZE / 2;
+    ASSERT_EQ(0, Grow(FILE_SIZE / 2, 1048576));
+    EXPECT_EQ(FILE_SIZE, Val(m_lpHead->m_nFileTotalSize));
+    EXPECT_EQ(FILE_SIZE, Val(m_row.m_nFileSize));
+    EXPECT_EQ(1, m_bRowSave);
+    EXPECT_EQ(0, io.Calls(FileOp::PWrite));
+}
+
+TEST_F(FileGrow, FailedAppendIsReportedAndWithoutSystemHeadNothingHappens)
+{
+    {
+        talvortest::FaultFileIO io;
+        talvortest::ScopedFileIO scoped(&io);
+        io.FailCall(FileOp::PWrite, 2, ENOSPC, 3);
+        EXPECT_EQ(1, Grow(FILE_SIZE + 4 * 1048576, 1048576));
+        EXPECT_TRUE(Traced(80007002, "write location: 5242880, write size: 1048576"));
+        EXPECT_EQ(FILE_SIZE, Val(m_lpHead->m_nFileTotalSize));
+        EXPECT_EQ(0, m_bRowSave);
+    }
+    g_pfnSystemHeadOf = nullptr;
+    long long nBefore = DiskSize();
+    EXPECT_EQ(0, Grow(nBefore + 1048576, 1048576));
+    EXPECT_EQ(nBefore, DiskSize());
+    EXPECT_EQ(0, m_pStorage->m_crit.m_nLockFlag);
+}
+
+}  // namespace
