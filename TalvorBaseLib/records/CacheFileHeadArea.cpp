@@ -28,7 +28,7 @@ void BuildHead(const CACHEHEADAREADEF& stDef, int nExHeads, LPBYTE lpBuf)
     lpHead->m_nBlockMapStartOffset = (int)DbCacheBlockMapStartOffset(nExHeads);
     lpHead->m_nBlockStartOffset = DbCacheBlockStartOffset(nExHeads);
     lpHead->m_nFileFreeMemoryOffset = DbCacheBlockStartOffset(nExHeads);
-    lpHead->m_nMaxBlockMapNum = CACHEHEAD_MAX_BLOCKMAP_NUM;
+    lpHead->m_nMaxBlockMapNum = CACHE_MAX_BLOCKMAP_NUM;
     lpHead->m_nHeadMaxObjectNum = (USHORT)(bTable ? TABLEFILEHEAD_OBJECT_NUM : INDEXFILEHEAD_OBJECT_NUM);
     lpHead->m_nNextFileHeadOffset = nExHeads > 0 ? CACHE_PAGE_SIZE : 0;
 }

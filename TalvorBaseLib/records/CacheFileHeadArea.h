@@ -23,9 +23,6 @@ typedef struct _CACHEHEADAREADEF {
     long long m_nTimestamp;    // of the head and the first map block
 } CACHEHEADAREADEF, *LPCACHEHEADAREADEF;
 
-// m_nMaxBlockMapNum a new head records.
-inline constexpr int CACHEHEAD_MAX_BLOCKMAP_NUM = 680;
-
 // T, the bytes of the head area; 0 for a type other than 10 and 11 or a
 // negative object count. Any thread.
 long long CacheHeadAreaSize(BYTE bFileType, int nMaxObjectNum);

@@ -181,16 +181,8 @@ bool DbCacheMapLocation(UINT nBlockNo, int nMaxBlockMapNum, int* pnMapNo, int* p
 int DbCacheExtendedHeadCount(BYTE bFileType, int nMaxObjectNum);
 inline long long DbCacheBlockMapStartOffset(int nExtendedHeads) { return (long long)(nExtendedHeads + 1) * CACHE_PAGE_SIZE; }
 inline long long DbCacheBlockStartOffset(int nExtendedHeads) { return (long long)(nExtendedHeads + 2) * CACHE_PAGE_SIZE; }
-// The smallest cache-mode file.
+// The smallest cache-mode file. Its head area: CacheFileHeadArea.h.
 inline constexpr long long DB_CACHEFILE_MIN_SIZE = 4 * DB_MIB;
-// Builds the head area of a new cache-mode file into lpBuf: the head page,
-// its extended pages chained from it, and the first map block (number 1)
-// behind them, every other byte zero. nTimestamp goes into the head and the
-// map block. Result: the size of the area, which is where the blocks begin;
-// -1 when the type is not 10 or 11, the file is below DB_CACHEFILE_MIN_SIZE
-// or too small for the area, or nBufSize is below the area. Any thread.
-long long DbBuildCacheFileHead(BYTE bFileType, BYTE bFileNo, USHORT usDatabaseGuid, int nMaxObjectNum,
-                               long long nFileSize, long long nTimestamp, LPBYTE lpBuf, long long nBufSize);
 
 // ---------------------------------------------------------------------------
 // Making a new database. These are this system's choices; every size and

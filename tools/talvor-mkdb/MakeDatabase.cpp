@@ -6,6 +6,7 @@
 // written, files are created exclusively, and a failure removes what this
 // run created. The system file is written last, so a database that is not
 // complete has none.
+#include "CacheFileHeadArea.h"
 #include "DbFileLayout.h"
 #include "LinuxCommonAPI.h"
 #include "MkdbTool.h"
@@ -152,14 +153,19 @@ bool MakeMemoryFile(const PlannedFile& stFile, USHORT usGuid)
 // zeros; the engine takes its blocks from the free part as it needs them.
 bool MakeCacheFile(const PlannedFile& stFile, USHORT usGuid)
 {
-    const int nExtended = DbCacheExtendedHeadCount(stFile.m_bFileType, DB_MEMFILE_DEFAULT_OBJECTS);
-    const long long nArea = DbCacheBlockStartOffset(nExtended);
-    LPBYTE lpBuf = (LPBYTE)get_aligned_buffer((size_t)nArea);
-    bool bDone = lpBuf != nullptr && DbBuildCacheFileHead(stFile.m_bFileType, stFile.m_bFileNo, usGuid,
-                                                          DB_MEMFILE_DEFAULT_OBJECTS, stFile.m_nSize, 0, lpBuf,
-                                                          nArea) == nArea;
+    CACHEHEADAREADEF stDef;
+    stDef.m_bFileNo = stFile.m_bFileNo;
+    stDef.m_bFileType = stFile.m_bFileType;
+    stDef.m_usDatabaseGuid = usGuid;
+    stDef.m_nMaxObjectNum = DB_MEMFILE_DEFAULT_OBJECTS;
+    stDef.m_nFileSize = stFile.m_nSize;
+    stDef.m_nTimestamp = 0;
+    const long long nArea = CacheHeadAreaSize(stDef.m_bFileType, stDef.m_nMaxObjectNum);
+    LPBYTE lpBuf = nArea > 0 ? (LPBYTE)get_aligned_buffer((size_t)nArea) : nullptr;
+    bool bDone = lpBuf != nullptr && stFile.m_nSize >= DB_CACHEFILE_MIN_SIZE &&
+                 CacheBuildHeadArea(stDef, lpBuf, nArea, nullptr);
     if (lpBuf != nullptr && !bDone)
-        fprintf(stderr, "talvor-mkdb: %s is too small for its head area\n", stFile.m_strPath.c_str());
+        fprintf(stderr, "talvor-mkdb: %s is too small for a cache-mode file\n", stFile.m_strPath.c_str());
     bDone = bDone && WriteNewFile(stFile, lpBuf, nArea);
     free(lpBuf);
     return bDone;

@@ -2,6 +2,7 @@
 // object accessors count from 0, cache maps are found by division, a chain
 // from a file is never followed outside the image or round a loop, and a
 // new file's parts lie where its head says, on 512-byte steps.
+#include "CacheFileHeadArea.h"
 #include "DbFileLayout.h"
 
 #include <gtest/gtest.h>
@@ -125,6 +126,19 @@ T ValueAt(const std::vector<BYTE>& v, long long nOffset)
     return t;
 }
 
+long long BuildArea(BYTE bFileType, BYTE bFileNo, USHORT usGuid, int nObjects, long long nSize, long long nTs,
+                    std::vector<BYTE>& v)
+{
+    CACHEHEADAREADEF d;
+    d.m_bFileNo = bFileNo;
+    d.m_bFileType = bFileType;
+    d.m_usDatabaseGuid = usGuid;
+    d.m_nMaxObjectNum = nObjects;
+    d.m_nFileSize = nSize;
+    d.m_nTimestamp = nTs;
+    return CacheBuildHeadArea(d, v.data(), (long long)v.size(), nullptr) ? CacheHeadAreaSize(bFileType, nObjects) : -1;
+}
+
 } // namespace
 
 // The head area of a new cache-mode file, read back at the byte offsets the
@@ -132,7 +146,7 @@ T ValueAt(const std::vector<BYTE>& v, long long nOffset)
 TEST(DbFileLayoutMaps, NewCacheFileHeadAreaHoldsHeadExtendedPagesAndFirstMap)
 {
     std::vector<BYTE> v(65536, 0xEE);
-    ASSERT_EQ(65536, DbBuildCacheFileHead(FILETYPE_TABLE, 7, 0x1234, 1018, 8 * DB_MIB, 99, v.data(), (long long)v.size()));
+    ASSERT_EQ(65536, BuildArea(FILETYPE_TABLE, 7, 0x1234, 1018, 8 * DB_MIB, 99, v));
     EXPECT_EQ(0x46444243, ValueAt<int>(v, 0));
     EXPECT_EQ(99, ValueAt<long long>(v, 4));
     EXPECT_EQ(7, v[12]);
@@ -169,19 +183,15 @@ TEST(DbFileLayoutMaps, NewCacheFileHeadAreaHoldsHeadExtendedPagesAndFirstMap)
     EXPECT_LT(nNonZero, 120u);
 
     // An index file with room in its head: no extended page.
-    ASSERT_EQ(32768, DbBuildCacheFileHead(FILETYPE_INDEX, 3, 1, 677, DB_CACHEFILE_MIN_SIZE, 5, v.data(), (long long)v.size()));
+    ASSERT_EQ(32768, BuildArea(FILETYPE_INDEX, 3, 1, 677, DB_CACHEFILE_MIN_SIZE, 5, v));
     EXPECT_EQ(0x46424243, ValueAt<int>(v, 0));
     EXPECT_EQ(0, ValueAt<long long>(v, 90));
     EXPECT_EQ(677, ValueAt<USHORT>(v, 98));
     EXPECT_EQ(0x4D444E51, ValueAt<int>(v, 16384));
-    ASSERT_EQ(49152, DbBuildCacheFileHead(FILETYPE_INDEX, 3, 1, 678, DB_CACHEFILE_MIN_SIZE, 5, v.data(), (long long)v.size()));
+    ASSERT_EQ(49152, BuildArea(FILETYPE_INDEX, 3, 1, 678, DB_CACHEFILE_MIN_SIZE, 5, v));
     EXPECT_EQ(0x45424243, ValueAt<int>(v, 16384));
     EXPECT_EQ(681, ValueAt<USHORT>(v, 16384 + 8));
 
-    // Refused: below 4 MiB, a memory-mode type, a buffer shorter than the area.
-    EXPECT_EQ(-1, DbBuildCacheFileHead(FILETYPE_TABLE, 7, 1, 10, DB_CACHEFILE_MIN_SIZE - 1, 0, v.data(), (long long)v.size()));
-    EXPECT_EQ(-1, DbBuildCacheFileHead(FILETYPE_DATA, 7, 1, 10, 8 * DB_MIB, 0, v.data(), (long long)v.size()));
-    EXPECT_EQ(-1, DbBuildCacheFileHead(FILETYPE_TABLE, 7, 1, 1018, 8 * DB_MIB, 0, v.data(), 65535));
 }
 
 TEST(DbFileLayoutChains, GoodChainIsWalkedInOrder)
