@@ -8,6 +8,7 @@
 // Run by hand: it makes a 256 MiB file under $TALVOR_BENCH_DIR (default
 // /var/tmp), which must take O_DIRECT (tmpfs does not), and removes it at
 // the end. No shared segment is made.
+#include "BenchDir.h"
 #include "LinuxCommonAPI.h"
 #include "TalvorCacheStorage.h"
 #include "TalvorFileIO.h"
@@ -52,12 +53,7 @@ Tally g_rawRead, g_ourRead, g_rawWrite, g_ourWrite;
 
 bool MakeBenchFile()
 {
-    const char* lpBase = getenv("TALVOR_BENCH_DIR");
-    std::string strTemplate = std::string(lpBase != nullptr ? lpBase : "/var/tmp") + "/talvor-bench-XXXXXX";
-    std::vector<char> vTemplate(strTemplate.begin(), strTemplate.end());
-    vTemplate.push_back('\0');
-    if (mkdtemp(vTemplate.data()) == nullptr) return false;
-    g_strDir = vTemplate.data();
+    if (!MakeBenchDir(&g_strDir)) return false;
     g_strPath = g_strDir + "/Table9.dbf";
     LPBYTE lpBuf = (LPBYTE)get_aligned_buffer(PIECE);
     if (lpBuf == nullptr) return false;

@@ -6,6 +6,7 @@
 // (default /var/tmp) and removes it at the end. It re-runs itself in a
 // private IPC namespace, so that the fixed image keys never meet a daemon
 // on this host.
+#include "BenchDir.h"
 #include "DbFileLayout.h"
 #include "LinuxCommonAPI.h"
 #include "TalvorFileIO.h"
@@ -44,12 +45,7 @@ double Rate(std::chrono::steady_clock::time_point tStart)
 // A data file whose every byte is in use, so that the load reads it all.
 bool MakeBenchFile()
 {
-    const char* lpBase = getenv("TALVOR_BENCH_DIR");
-    std::string strTemplate = std::string(lpBase != nullptr ? lpBase : "/var/tmp") + "/talvor-bench-XXXXXX";
-    std::vector<char> vTemplate(strTemplate.begin(), strTemplate.end());
-    vTemplate.push_back('\0');
-    if (mkdtemp(vTemplate.data()) == nullptr) return false;
-    g_strDir = vTemplate.data();
+    if (!MakeBenchDir(&g_strDir)) return false;
     g_strPath = g_strDir + "/Data2.dbf";
     DBMEMFILEPLAN stPlan;
     if (!DbPlanMemoryFile(FILETYPE_DATA, FILE_SIZE, DB_MEMFILE_DEFAULT_OBJECTS, 65536, &stPlan)) return false;

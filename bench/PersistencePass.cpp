@@ -8,6 +8,7 @@
 // at the end; it re-runs itself in a private IPC namespace, so that the
 // image key never meets a daemon on this host. The pass includes what a real
 // one writes besides the blocks: the head, every map block and the sync.
+#include "BenchDir.h"
 #include "DbFileLayout.h"
 #include "LinuxCommonAPI.h"
 #include "TalvorFileIO.h"
@@ -44,12 +45,7 @@ double Seconds(std::chrono::steady_clock::time_point t)
 // block, and the blocks, all filled.
 bool MakeBenchFile()
 {
-    const char* lpBase = getenv("TALVOR_BENCH_DIR");
-    std::string strTemplate = std::string(lpBase != nullptr ? lpBase : "/var/tmp") + "/talvor-bench-XXXXXX";
-    std::vector<char> v(strTemplate.begin(), strTemplate.end());
-    v.push_back('\0');
-    if (mkdtemp(v.data()) == nullptr) return false;
-    g_strDir = v.data();
+    if (!MakeBenchDir(&g_strDir)) return false;
     g_strPath = g_strDir + "/Index3.dbf";
     int nPerMap = DbMaxBlockMapNum(MAP_SIZE);
     long long nGuess = g_nFileSize / BLOCK_SIZE;
