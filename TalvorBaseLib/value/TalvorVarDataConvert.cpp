@@ -195,6 +195,18 @@ long long st_VARDATA::GetCompatibleBigInt() const
     if (!IsTextType(m_vt)) return 0;
     st_VARDATA v;
     TextNumber(*this, false, v);
+    if (v.m_vt == TALVOR_VT_DOUBLE && !IsHexText(*this)) {
+        // A fraction in text rounds as the decimal it spells, not as the
+        // nearest double: 2.5 is 3 and 0.49999999999999999 is 0.
+        int nLen = 0;
+        const char* p = TextOf(*this, nLen);
+        char sz[kParseBytes];
+        TrimmedCopy(p, nLen, sz);
+        st_VARDATA d;
+        if (IsNumber(sz) == TALVOR_NUMBER_POINT && CTalvorDecimal::Convert2Decimal(sz, &d) == 0 &&
+            d.m_vt == TALVOR_VT_DECIMAL)
+            return CTalvorDecimal::Convert2Int64(&d, TRUE);
+    }
     return v.m_vt == TALVOR_VT_BIGINT || v.m_vt == TALVOR_VT_DECIMAL ? v.GetCompatibleBigInt() : SaturateDouble(v.m_dblValue);
 }
 
