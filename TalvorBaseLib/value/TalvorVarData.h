@@ -222,9 +222,12 @@ struct st_VARDATA {
     bool operator<=(const st_VARDATA& b) const;
     bool operator>(const st_VARDATA& b) const;
     bool operator>=(const st_VARDATA& b) const;
-    // Result: -1, 0 or 1, a total order for sorting: NULL and markers first,
-    // then every number, date and text by value (text that is no number
-    // against a number: the number's text form against the text).
+    // Result: -1, 0 or 1 by the rules of the operators, with NULL and the
+    // markers first, and text that is no number or date after the numbers
+    // and dates it cannot be compared with. A total order among NULLs,
+    // numbers and dates of every type, and among texts; no order can be
+    // total over text and numbers together while text that looks like a
+    // number compares as one ("9" < 9.5 < "10" < "9").
     int Compare(const st_VARDATA& b) const;
     // Result: 1 equal, 0 not, 2 unknown (either side NULL); bCase compares
     // text with letter case.

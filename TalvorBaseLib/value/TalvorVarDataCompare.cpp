@@ -79,14 +79,12 @@ bool TextToNumber(const st_VARDATA& v, st_VARDATA& n)
     int nLen = 0;
     const char* p = TextOf(v, nLen);
     char sz[kParseBytes];
-    while (nLen > 0 && *p == ' ') ++p, --nLen;
-    while (nLen > 0 && p[nLen - 1] == ' ') --nLen;
-    CopyForParse(p, nLen, sz);
-    if (nLen == 0 || IsNumber(sz) == TALVOR_NUMBER_NONE) return false;
+    TrimmedCopy(p, nLen, sz);
+    if (sz[0] == 0 || TextNumberKind(sz) == TALVOR_NUMBER_NONE) return false;
     memset(&n, 0, sizeof(n));
     n.m_vt = TALVOR_VT_TEXT;
     n.m_lpszValue = sz;
-    n.m_nStrLen = nLen;
+    n.m_nStrLen = (int)strlen(sz);
     // Read as a number outright, even where the text would also be a date.
     double d = n.GetCompatibleDouble();
     if (IsNumber(sz) == TALVOR_NUMBER_INTEGER && CTalvorDecimal::Convert2Decimal(sz, &n) == 0 &&
@@ -95,6 +93,20 @@ bool TextToNumber(const st_VARDATA& v, st_VARDATA& n)
     memset(&n, 0, sizeof(n));
     n.m_vt = TALVOR_VT_DOUBLE;
     n.m_dblValue = d;
+    return true;
+}
+
+// One side of a compare against a date, as a day number. Result: false for
+// text that is no date.
+bool DateSide(const st_VARDATA& v, double& dDays)
+{
+    if (IsPlainText(v)) {
+        int nLen = 0;
+        const char* p = TextOf(v, nLen);
+        return TextAsDate(p, nLen, dDays);
+    }
+    if (IsDateType(v.m_vt)) return DaysOf(v, dDays);
+    dDays = v.GetCompatibleDouble();
     return true;
 }
 
@@ -107,11 +119,7 @@ int Order(const st_VARDATA& a, const st_VARDATA& b, BOOL bCase)
     if (bTextA && bTextB) return TextOrder(a, b, bCase);
     if (IsDateType(a.m_vt) || IsDateType(b.m_vt)) {
         if (a.m_vt == b.m_vt && a.m_vt == TALVOR_VT_DATE) return Sign((long long)a.m_uValue - (long long)b.m_uValue);
-        bool bOkA = bTextA ? TextAsDate(TextOf(a, n.m_nStrLen), n.m_nStrLen, dA)
-                           : IsDateType(a.m_vt) ? DaysOf(a, dA) : (dA = a.GetCompatibleDouble(), true);
-        bool bOkB = bTextB ? TextAsDate(TextOf(b, n.m_nStrLen), n.m_nStrLen, dB)
-                           : IsDateType(b.m_vt) ? DaysOf(b, dB) : (dB = b.GetCompatibleDouble(), true);
-        if (!bOkA || !bOkB) return ORDER_NONE;
+        if (!DateSide(a, dA) || !DateSide(b, dB)) return ORDER_NONE;
         return DoubleOrder(dA, dB);
     }
     if (bTextA) {
@@ -150,20 +158,6 @@ bool Test(const st_VARDATA& a, const st_VARDATA& b, BYTE bOp, BOOL bCase)
     case TALVOR_OP_LESS: return n < 0;
     default: return n <= 0;
     }
-}
-
-// The text of a number or date, for ordering it against text that is none.
-int TextFormOrder(const st_VARDATA& a, const st_VARDATA& b)
-{
-    st_VARDATA x, y;
-    x.Init();
-    y.Init();
-    a.GetCompatibleStringValue(nullptr, x);
-    b.GetCompatibleStringValue(nullptr, y);
-    int nOrder = x.m_vt == TALVOR_VT_NULL || y.m_vt == TALVOR_VT_NULL ? 0 : TextOrder(x, y, FALSE);
-    x.Free();
-    y.Free();
-    return nOrder == ORDER_NONE ? 0 : nOrder;
 }
 
 // Hash input of text: digits by 10, letters by 37 (either case alike, as
@@ -228,7 +222,10 @@ int st_VARDATA::Compare(const st_VARDATA& b) const
         return TextOrder(x, y, FALSE);
     }
     int n = Order(*this, b, FALSE);
-    return n == ORDER_NONE ? TextFormOrder(*this, b) : n;
+    if (n != ORDER_NONE) return n;
+    // Text that is no number or date against a number or date: numbers and
+    // dates first.
+    return IsPlainText(*this) ? 1 : -1;
 }
 
 int st_VARDATA::IsEqual(const st_VARDATA& b, BOOL bCase) const

@@ -36,14 +36,6 @@ int SaturateInt(long long ll)
 
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
-// The text with blanks at both ends taken off, NUL-ended, into szOut.
-void TrimmedCopy(const char* p, int nLen, char* szOut)
-{
-    while (nLen > 0 && IsBlank(*p)) ++p, --nLen;
-    while (nLen > 0 && IsBlank(p[nLen - 1])) --nLen;
-    CopyForParse(p, nLen, szOut);
-}
-
 bool EndsWithSizeSuffix(const char* sz)
 {
     size_t n = strlen(sz);
@@ -52,6 +44,30 @@ bool EndsWithSizeSuffix(const char* sz)
     char c = sz[n - 1];
     return c == 'K' || c == 'k' || c == 'M' || c == 'm' || c == 'G' || c == 'g' || c == 'T' || c == 't';
 }
+
+} // namespace
+
+int talvorvar::TextNumberKind(const char* sz)
+{
+    int nKind = IsNumber(sz);
+    if (nKind != TALVOR_NUMBER_HEX_OR_SIZE) return nKind;
+    const char* q = *sz == '-' ? sz + 1 : sz;
+    if (q[0] == '0' && (q[1] == 'x' || q[1] == 'X')) return nKind;
+    // IsNumber takes "abc" for hexadecimal digits; without a "0x" in front
+    // it is a number only when a decimal one starts it.
+    char* pEnd = nullptr;
+    strtod(sz, &pEnd);
+    return pEnd == sz ? TALVOR_NUMBER_NONE : nKind;
+}
+
+void talvorvar::TrimmedCopy(const char* p, int nLen, char* szOut)
+{
+    while (nLen > 0 && IsBlank(*p)) ++p, --nLen;
+    while (nLen > 0 && IsBlank(p[nLen - 1])) --nLen;
+    CopyForParse(p, nLen, szOut);
+}
+
+namespace {
 
 // "0x..." after an optional "-": a 64-bit integer while it stays below
 // 0x7FFFFFFF, a decimal above (the digits may pass a signed 64-bit range).
@@ -99,7 +115,7 @@ void TextNumber(const st_VARDATA& v, bool bDateIsNull, st_VARDATA& vOut)
     }
     char sz[kParseBytes];
     TrimmedCopy(p, nLen, sz);
-    switch (IsNumber(sz)) {
+    switch (TextNumberKind(sz)) {
     case TALVOR_NUMBER_INTEGER:
         MakeNull(vOut);
         if (CTalvorDecimal::Convert2Decimal(sz, &vOut) != 0 || vOut.m_vt != TALVOR_VT_DECIMAL) MakeBigInt(vOut, 0);
@@ -108,7 +124,8 @@ void TextNumber(const st_VARDATA& v, bool bDateIsNull, st_VARDATA& vOut)
         const char* q = *sz == '-' ? sz + 1 : sz;
         if (q[0] == '0' && (q[1] == 'x' || q[1] == 'X')) HexNumber(sz, vOut);
         else if (EndsWithSizeSuffix(sz)) MakeBigInt(vOut, ToNumber(sz, (int)strlen(sz)));
-        // Bare hexadecimal digits ("1e5", "12ab"): the number they begin with.
+        // Bare hexadecimal digits that begin with a number ("1e5", "12ab"):
+        // that number.
         else MakeDouble(vOut, strtod(sz, nullptr));
         return;
     }
@@ -293,8 +310,15 @@ int st_VARDATA::ChangeTypeCore(CTalvorBufferPool* pPool, BYTE nType)
     }
     case TALVOR_VT_DOUBLE: SetData(GetCompatibleDouble()); return 0;
     case TALVOR_VT_DECIMAL:
-        if (IsTextType(m_vt) && !IsHexText(*this)) TextNumber(*this, false, v);
-        else GetCompatibleNumberValue(v);
+        if (IsTextType(m_vt) && !IsHexText(*this)) {
+            // Digits as they stand: the decimal parser keeps the scale.
+            int nLen = 0;
+            const char* p = TextOf(*this, nLen);
+            char sz[kParseBytes];
+            TrimmedCopy(p, nLen, sz);
+            MakeNull(v);
+            if (CTalvorDecimal::Convert2Decimal(sz, &v) != 0) MakeNull(v);
+        } else GetCompatibleNumberValue(v);
         if (v.m_vt == TALVOR_VT_BIGINT) {
             MakeNull(v);
             CTalvorDecimal::Convert2Decimal(GetCompatibleBigInt(), &v);

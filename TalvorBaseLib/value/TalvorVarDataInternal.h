@@ -44,6 +44,12 @@ bool DaysOf(const st_VARDATA& v, double& dDays);
 bool TextAsDate(const char* p, int nLen, double& dDays);
 // A copy of up to kParseBytes - 1 bytes with a NUL, for the parsers.
 void CopyForParse(const char* p, int nLen, char* szOut);
+// IsNumber's kind of a NUL-ended text, with bare hexadecimal digits that
+// start with no decimal number ("abc") counted as no number.
+int TextNumberKind(const char* sz);
+// The text with blanks at both ends taken off, NUL-ended, into szOut of
+// kParseBytes.
+void TrimmedCopy(const char* p, int nLen, char* szOut);
 // A day number as a stored time, whole days floored into m_nDay. Result:
 // false when the days leave a signed byte.
 bool TimeOfDays(double dDays, TALVORTIME& stTime);

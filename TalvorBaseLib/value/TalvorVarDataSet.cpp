@@ -269,7 +269,8 @@ int st_VARDATA::SetData(CTalvorBufferPool* pPool, const st_VARDATA& src)
     memcpy(this, &src, sizeof(*this));
     m_bAutoRelease = 0;
     m_lpszValue = nullptr;
-    int nLen = src.m_lpszValue == nullptr ? 0 : src.m_nStrLen;
+    // A negative length reads as empty everywhere, so it copies as empty.
+    int nLen = src.m_lpszValue == nullptr || src.m_nStrLen < 0 ? 0 : src.m_nStrLen;
     int nResult = 0;
     if (!LengthFits(nLen)) nResult = TALVOR_VARDATA_NO_MEMORY;
     else if (pPool != nullptr && src.m_vt != TALVOR_VT_HEX) {
