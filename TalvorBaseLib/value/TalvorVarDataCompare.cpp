@@ -176,11 +176,37 @@ unsigned long long TextHash(const st_VARDATA& v, unsigned long long h)
     return h;
 }
 
+// The decimal a double converts to, when the double is a short binary
+// fraction (at most 20 fraction bits, at most 15 digits in all): then its
+// decimal digits are exact and Convert2Decimal would give the same number,
+// without its search for 18 significant digits. Result: false otherwise.
+bool ShortDoubleAsDecimal(double d, st_VARDATA& dec)
+{
+    const int MAX_FRACTION_BITS = 20;
+    const double MAX_EXACT = 1e15;
+    if (!std::isfinite(d)) return false;
+    int nScale = 0;
+    while (nScale <= MAX_FRACTION_BITS && std::ldexp(d, nScale) != std::trunc(std::ldexp(d, nScale))) ++nScale;
+    if (nScale > MAX_FRACTION_BITS) return false;
+    // d x 2^s is an integer, so d x 10^s is one too and, below 2^53, exact.
+    double m = d * std::pow(10.0, nScale);
+    if (!(std::fabs(m) < MAX_EXACT)) return false;
+    memset(&dec, 0, sizeof(dec));
+    CTalvorDecimal::Convert2Decimal((long long)m, &dec);
+    dec.m_bScale = (signed char)nScale;
+    return true;
+}
+
 unsigned long long HashAdd(const st_VARDATA& v, unsigned long long h)
 {
     const double SECONDS_PER_DAY = 24.0 * 3600.0;
     double dDays = 0;
     st_VARDATA n;
+    // The types of most key columns first, without a copy.
+    if (v.m_vt == TALVOR_VT_BIGINT || v.m_vt == TALVOR_VT_INT || v.m_vt == TALVOR_VT_DECIMAL)
+        return h + (unsigned long long)CTalvorDecimalBin::CalcHashFactor(&v);
+    if (v.m_vt == TALVOR_VT_DOUBLE && ShortDoubleAsDecimal(v.m_dblValue, n))
+        return h + (unsigned long long)CTalvorDecimalBin::CalcHashFactor(&n);
     if (IsVoid(v.m_vt)) return h;
     if (IsTextType(v.m_vt)) return TextHash(v, h);
     if (v.m_vt == TALVOR_VT_TIME)
@@ -208,6 +234,12 @@ bool st_VARDATA::operator>=(const st_VARDATA& b) const { return Test(*this, b, T
 
 int st_VARDATA::Compare(const st_VARDATA& b) const
 {
+    // Rows of one column meet values of one type: those go straight.
+    if (m_vt == b.m_vt) {
+        if (m_vt == TALVOR_VT_BIGINT) return m_llValue < b.m_llValue ? -1 : m_llValue > b.m_llValue ? 1 : 0;
+        if (m_vt == TALVOR_VT_INT) return m_nValue < b.m_nValue ? -1 : m_nValue > b.m_nValue ? 1 : 0;
+        if (m_vt == TALVOR_VT_DOUBLE) return DoubleOrder(m_dblValue, b.m_dblValue);
+    }
     bool bVoidA = IsVoid(m_vt), bVoidB = IsVoid(b.m_vt);
     if (bVoidA || bVoidB) {
         if (bVoidA && bVoidB) return Sign((int)m_vt - (int)b.m_vt);

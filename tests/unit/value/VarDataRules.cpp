@@ -231,6 +231,16 @@ TEST(VarDataCompare, AcrossTypesAndText)
     Dec("1.0").CalcHashFactor(h1);
     Int(1).CalcHashFactor(h2);
     EXPECT_EQ(h1, h2) << "1.0 and 1 hash alike";
+    // Doubles hash as the decimal they convert to, short binary fractions
+    // and long ones alike.
+    for (double d : {2.75, -0.0009765625, 0.1, 1e300, -123456.5}) {
+        st_VARDATA dec;
+        CTalvorDecimal::Convert2Decimal(d, &dec);
+        long long hd = 3, hm = 3;
+        Dbl(d).CalcHashFactor(hd);
+        dec.CalcHashFactor(hm);
+        EXPECT_EQ(hd, hm) << d;
+    }
     EXPECT_TRUE(Dbl(0.1) == Dbl(0.1 + 1e-9)) << "doubles within 1e-8 are equal";
     EXPECT_FALSE(Dbl(0.1) == Dbl(0.1 + 1e-7));
     EXPECT_TRUE(Txt("ABC") == Txt("abc")) << "text compares without letter case";
