@@ -17,6 +17,7 @@
 #define TALVOR_VARDATA_TYPE_ERROR 516
 #define TALVOR_VARDATA_NO_MEMORY 3
 #define TALVOR_VARDATA_BAD_OPERATOR 1503
+#define TALVOR_VARDATA_BAD_TYPE 1501
 
 // Longest text a value copies: a length from a value or a caller is checked
 // against it before any allocation.
@@ -40,3 +41,28 @@
 // or 0, or 2 when a side is NULL (19, NULL-safe equality, never gives 2).
 // Result: 0, or 1503 with nResult untouched for another operator.
 int CompareData(const VARDATA& a, const VARDATA& b, BYTE bOperator, int& nResult);
+
+// ---- Field buffers: the stored form of one field value, a first byte (the
+// null flag, the caller's to read) and the value behind it: integers, doubles,
+// dates and times at offset 1; text a length byte and the text, or 255, a
+// 32-bit length and the text at offset 6 when longer than 249 bytes.
+
+// Longest text a field buffer holds behind a one-byte length.
+#define TALVOR_FIELD_SHORT_TEXT 249
+// The length byte that says a 32-bit length follows.
+#define TALVOR_FIELD_LONG_TEXT 255
+
+// Bytes of the field buffer of a value of bType: text of nLen bytes, a
+// decimal of precision bCharLen. Result: 0 with nBufferLen set; 1501 for a
+// type without a field form or a negative nLen (nBufferLen untouched).
+int GetFieldBufferLen(BYTE bType, BYTE bCharLen, int nLen, int& nBufferLen);
+
+// Reads a field buffer of bType into v, after v gives back text it owned.
+// 80 and 81 come back as 1; 5, 6, 7 as 6 pointing into the buffer, not
+// owned (the buffer must outlive v); 8 as an owned copy; 10 as NULL. Types
+// 0, 30 and above 81 leave v as it is. Result: 0, or 3 when the copy of
+// type 8 finds no memory or a length past TALVOR_VARDATA_MAX_TEXT.
+int GetValueFromFieldBuffer(BYTE bType, const BYTE* lpBuffer, VARDATA& v);
+// The same for a buffer of nBufferLen bytes from outside: a value or a
+// length that would pass its end is refused with 1501 and v left NULL.
+int GetValueFromFieldBuffer(BYTE bType, const BYTE* lpBuffer, int nBufferLen, VARDATA& v);
