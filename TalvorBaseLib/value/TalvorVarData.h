@@ -203,6 +203,34 @@ struct st_VARDATA {
     void Ceil();
     void Floor();
 
+    // this = this to the power of b, the square root, this cut to nDigits
+    // places (negative: digits left of the point become 0), and this (a sum)
+    // divided by m_nDataCount. A result that is not a finite number, a
+    // negative root or a count of 0 is NULL. Doubles come out of Sqrt and
+    // Power; Trunc keeps the type; Avg divides as operator/ does.
+    void Power(const st_VARDATA& b);
+    void Sqrt();
+    void Trunc(int nDigits);
+    void Avg();
+
+    // ---- Text, by UTF-8 characters; a value that is not text is taken by
+    // its text form. The result replaces this value, in the pool (owned
+    // without one); NULL stays NULL. Result: 0, or 3 when memory is short or
+    // the result would pass TALVOR_VARDATA_MAX_TEXT (then the value is NULL).
+    int Upper(CTalvorBufferPool* pPool);
+    int Lower(CTalvorBufferPool* pPool);
+    // this followed by b; NULL on either side gives NULL.
+    int Link(CTalvorBufferPool* pPool, const st_VARDATA& b);
+    // nCount characters from character nStart (1 the first; a negative one
+    // counts from the end; 0, or before the start, gives the empty text).
+    int SubString(CTalvorBufferPool* pPool, int nStart, int nCount);
+    // The last nCount characters, and the first nCount (CharTrunc); a
+    // count of 0 or less gives the empty text.
+    int Right(CTalvorBufferPool* pPool, int nCount);
+    int CharTrunc(CTalvorBufferPool* pPool, int nCount);
+    // The characters in reverse order, each kept whole.
+    int Reverse(CTalvorBufferPool* pPool);
+
     // ---- Bits: both sides through GetCompatibleBigInt, result 2; NULL
     // and markers spread as in arithmetic; shifts of 64 or more give 0.
     st_VARDATA operator&(const st_VARDATA& b) const;
