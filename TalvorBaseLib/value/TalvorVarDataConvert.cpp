@@ -363,6 +363,8 @@ int st_VARDATA::ChangeTypeCore(CTalvorBufferPool* pPool, BYTE nType)
         Free();
         memcpy(this, &v, sizeof(v));
         if (!m_bAutoRelease) m_vt = nType;
+        else if (m_vt == TALVOR_VT_HEX) m_vt = TALVOR_VT_VARTEXT;  // its bytes, now plain text
+        m_bCharset = 0;
         return 0;
     }
     case TALVOR_VT_BINARY:

@@ -418,6 +418,12 @@ TEST(VarDataConvert, ChangeTypeByTarget)
     hex.m_vt = TALVOR_VT_HEX;
     EXPECT_EQ(hex.GetCompatibleBigInt(), 0x0102);
     EXPECT_EQ(Val((hex + Int(1)).m_llValue), 0x0103);
+    // As text it is its bytes, no longer a number.
+    ASSERT_EQ(hex.ChangeType(nullptr, TALVOR_VT_TEXT), 0);
+    EXPECT_EQ(Val(hex.m_vt), TALVOR_VT_VARTEXT);
+    EXPECT_EQ(Text(hex), "\x01\x02");
+    EXPECT_EQ(Val((hex + Int(1)).m_vt), TALVOR_VT_BIGINT);
+    EXPECT_EQ(Val((hex + Int(1)).m_llValue), 1) << "text that is no number counts as 0";
     hex.Free();
 }
 
