@@ -180,6 +180,15 @@ struct st_VARDATA {
     int ChangeTypeCore(CTalvorBufferPool* pPool, BYTE nType);
     // The same into vOut, this value unchanged. vOut must be set.
     int GetCompatibleValue(CTalvorBufferPool* pPool, BYTE nType, st_VARDATA& vOut) const;
+    // This value's text form in place (GetCompatibleStringValue).
+    int Covert2String(CTalvorBufferPool* pPool);
+    // Text in place to nType, as ChangeTypeCore; 516 when this is no text.
+    int CovertString2Data(CTalvorBufferPool* pPool, BYTE nType);
+    // nLen bytes of text, copied, then to nType.
+    int CovertString2Data(CTalvorBufferPool* pPool, const char* lpszText, int nLen, BYTE nType);
+    // Text in place to the number it stands for (GetCompatibleNumberValue).
+    // Result: 0, or 516 when this is no text.
+    int CovertStringToNumber();
     // The number this value stands for in arithmetic: integers as 2,
     // doubles as 3, decimals as 240, dates as days (3), text by its form
     // (decimal digits as 240, hexadecimal as 2 or 240, a fraction as 3, no
@@ -266,6 +275,9 @@ struct st_VARDATA {
     // ---- Logic, three-valued: 0 false, 1 true, 2 unknown.
     int IsTrue() const;
     BOOL IsNull() const;
+    // TRUE for a text made only of "%" and the any-run byte of a LIKE
+    // pattern: it matches every text.
+    BOOL IsAllWildcard() const;
     BOOL IsUnknown() const;
     int operator&&(const st_VARDATA& b) const;
     int operator||(const st_VARDATA& b) const;

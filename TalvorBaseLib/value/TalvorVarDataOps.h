@@ -66,3 +66,19 @@ int GetValueFromFieldBuffer(BYTE bType, const BYTE* lpBuffer, VARDATA& v);
 // The same for a buffer of nBufferLen bytes from outside: a value or a
 // length that would pass its end is refused with 1501 and v left NULL.
 int GetValueFromFieldBuffer(BYTE bType, const BYTE* lpBuffer, int nBufferLen, VARDATA& v);
+
+// ---- Printers.
+
+// Prints v: integers by "%d" or "%lld", doubles by "%f", decimals as they
+// print, dates and times by their fixed forms, text as its bytes, NULL as
+// nothing; a NUL follows. With a null lpszOut only measures. Result: the
+// length, NUL not counted; the buffer must hold it and the NUL.
+int ConvertVarData2String(const VARDATA& v, char* lpszOut);
+// Characters an integer prints to, its sign included.
+int GetIntegerFigure(long long llValue);
+// Characters a double prints to: sign, integer digits, and a point and the
+// fraction digits, counted until the rest is at or below 1e-10 (17 at most).
+int GetDoubleFigure(double dValue);
+// Characters a text takes: nLen, and with bQuote 2 more for the quotes,
+// unless it is an object in braces.
+int GetStringFigure(const char* lpszText, int nLen, BOOL bQuote);

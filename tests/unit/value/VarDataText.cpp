@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -214,6 +215,94 @@ TEST(VarDataNumberFunctions, PowerSqrtTruncAvg)
     v.m_nDataCount = 0;
     v.Avg();
     EXPECT_EQ(Val(v.m_vt), TALVOR_VT_NULL);
+}
+
+const char* g_szPrintReference = R"PY(
+import sys
+from decimal import Decimal
+for line in sys.stdin:
+    op, x = line.split()
+    if op == "f":
+        print("%f" % float(x))
+    elif op == "i":
+        print("%d" % int(x))
+    else:
+        # Characters of the exact decimal value of a short binary fraction.
+        print(len(format(Decimal(float(x)).normalize(), "f")))
+    sys.stdout.flush()
+)PY";
+
+TEST(VarDataPrint, PrintersAndFiguresAgainstPython)
+{
+    std::mt19937_64 rng(8);
+    std::vector<std::string> vLines;
+    std::vector<double> vDoubles;
+    std::vector<long long> vInts;
+    for (int i = 0; i < 400; ++i) {
+        double d = (double)((long long)(rng() % 40000001) - 20000000) / (double)(1 << (rng() % 6));
+        if (i % 40 == 0) d = (double)(long long)(rng() % 1000000);  // integral
+        vDoubles.push_back(d);
+        char sz[64];
+        snprintf(sz, sizeof(sz), "%.17g", d);
+        vLines.push_back(std::string("f ") + sz);
+        vLines.push_back(std::string("g ") + sz);
+        long long ll = (long long)rng() >> (rng() % 64);
+        vInts.push_back(ll);
+        vLines.push_back("i " + std::to_string(ll));
+    }
+    std::vector<std::string> vOut = talvortest::RunPythonReference(g_szPrintReference, vLines);
+    ASSERT_EQ(vOut.size(), vLines.size()) << "the reference did not answer every line";
+    for (size_t i = 0; i < vDoubles.size(); ++i) {
+        st_VARDATA v;
+        v.Init();
+        v.SetData(vDoubles[i]);
+        char sz[512];
+        int nLen = ConvertVarData2String(v, nullptr);
+        ASSERT_LT(nLen, (int)sizeof(sz));
+        EXPECT_EQ(ConvertVarData2String(v, sz), nLen);
+        EXPECT_EQ(std::string(sz), vOut[3 * i]) << vLines[3 * i];
+        EXPECT_EQ(GetDoubleFigure(vDoubles[i]), atoi(vOut[3 * i + 1].c_str())) << vLines[3 * i + 1];
+        v.SetData(vInts[i]);
+        EXPECT_EQ(ConvertVarData2String(v, sz), (int)vOut[3 * i + 2].size());
+        EXPECT_EQ(std::string(sz), vOut[3 * i + 2]);
+        EXPECT_EQ(GetIntegerFigure(vInts[i]), (int)vOut[3 * i + 2].size());
+    }
+    EXPECT_EQ(GetIntegerFigure(LLONG_MIN), 20);
+    EXPECT_EQ(GetStringFigure("abc", 3, TRUE), 5);
+    EXPECT_EQ(GetStringFigure("{\"a\":1}", 7, TRUE), 7) << "an object takes no quotes";
+    EXPECT_EQ(GetStringFigure("abc", 3, FALSE), 3);
+    // NULL prints as nothing; text as its bytes without a trailing NUL.
+    st_VARDATA v;
+    v.Init();
+    v.SetNull();
+    char sz[16] = "x";
+    EXPECT_EQ(ConvertVarData2String(v, sz), 0);
+    EXPECT_STREQ(sz, "");
+    const char szText[] = "ab\0";
+    v.AttachString((char*)szText, 3, TALVOR_VT_TEXT);
+    EXPECT_EQ(ConvertVarData2String(v, sz), 2);
+    EXPECT_STREQ(sz, "ab");
+}
+
+TEST(VarDataPrint, TextConversionsInPlace)
+{
+    CTalvorBufferPool pool;
+    st_VARDATA v;
+    v.Init();
+    ASSERT_EQ(v.CovertString2Data(&pool, "  -17 ", 6, TALVOR_VT_INT), 0);
+    EXPECT_EQ(Val(v.m_vt), TALVOR_VT_INT);
+    EXPECT_EQ(Val(v.m_nValue), -17);
+    EXPECT_EQ(v.CovertString2Data(&pool, TALVOR_VT_INT), TALVOR_VARDATA_TYPE_ERROR) << "no longer text";
+    ASSERT_EQ(v.Covert2String(nullptr), 0);
+    EXPECT_EQ(Bytes(v), "-17");
+    EXPECT_EQ(Val(v.m_bAutoRelease), 1);
+    ASSERT_EQ(v.CovertStringToNumber(), 0);  // gives the owned text back
+    EXPECT_EQ(Val(v.m_vt), TALVOR_VT_DECIMAL);
+    EXPECT_EQ(v.GetCompatibleInt(), -17);
+    v.AttachString((char*)"%%", 2, TALVOR_VT_TEXT);
+    EXPECT_TRUE(v.IsAllWildcard());
+    v.AttachString((char*)"%a%", 3, TALVOR_VT_TEXT);
+    EXPECT_FALSE(v.IsAllWildcard());
 }
 
 } // namespace
