@@ -292,6 +292,15 @@ struct st_VARDATA {
     void Swap(CTalvorBufferPool* pPool, st_VARDATA& other);
 };
 
+// Several values in one slot, as a row value: m_bNum members, declared with
+// one and laid out behind each other. Text members held in a plan buffer
+// keep offsets there until they are resolved to pointers.
+struct st_MULTIVARDATA {
+    BYTE m_bNum;
+    BYTE m_bReserved[3];
+    st_VARDATA m_arrVarData[1];
+};
+
 #pragma pack(pop)
 
 typedef st_VARDATA VARDATA;
@@ -303,3 +312,4 @@ static_assert(offsetof(st_VARDATA, m_bSign) == 4, "number side starts at 4");
 static_assert(offsetof(st_VARDATA, m_arDecimalData) == 8, "limbs start at 8");
 static_assert(offsetof(st_VARDATA, m_lpszValue) == 8, "text pointer at 8");
 static_assert(offsetof(st_VARDATA, m_nDataCount) == 24, "count at 24");
+static_assert(offsetof(st_MULTIVARDATA, m_arrVarData) == 4, "members start at 4");
