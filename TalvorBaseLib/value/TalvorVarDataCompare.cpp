@@ -27,6 +27,53 @@ int DoubleOrder(double a, double b)
     return a < b ? -1 : 1;
 }
 
+// A double that is a short binary fraction (at most 20 fraction bits, at
+// most 15 digits in all) as its exact decimal digits: magnitude and scale.
+// Convert2Decimal works through doubles and may miss the last of 18 digits;
+// these are exact, so compare and hash take short doubles from here.
+// Result: false for any other double.
+bool ShortDoubleDigits(double d, unsigned long long& ullDigits, int& nScale)
+{
+    const int MAX_FRACTION_BITS = 20;
+    const double MAX_EXACT = 1e15;
+    // Powers of ten a double holds exactly.
+    static const double arPowers10[MAX_FRACTION_BITS + 1] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,
+                                                             1e7,  1e8,  1e9,  1e10, 1e11, 1e12, 1e13,
+                                                             1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20};
+    double a = std::fabs(d);
+    if (!(a < MAX_EXACT)) return false;
+    // Doubling is exact: count the fraction bits.
+    double x = a;
+    for (nScale = 0; x != std::trunc(x); ++nScale) {
+        if (nScale == MAX_FRACTION_BITS) return false;
+        x *= 2;
+    }
+    // d x 2^s is an integer, so d x 10^s is one too and, below 2^53, exact.
+    double m = a * arPowers10[nScale];
+    if (!(m < MAX_EXACT)) return false;
+    ullDigits = (unsigned long long)m;
+    return true;
+}
+
+// The fold CTalvorDecimalBin::CalcHashFactor gives the decimal of a short
+// double, in 64-bit arithmetic instead of its 128-bit one.
+bool ShortDoubleHash(double d, unsigned long long& ullHash)
+{
+    const unsigned long long LIMB = 1000000000ULL, MULTIPLIER = 131;
+    unsigned long long u = 0;
+    int nScale = 0;
+    if (!ShortDoubleDigits(d, u, nScale)) return false;
+    if (u == 0) {
+        ullHash = 0;
+        return true;
+    }
+    while (nScale > 0 && u % 10 == 0) u /= 10, --nScale;
+    unsigned long long arLimbs[2] = {u % LIMB, u / LIMB};  // below 10^15: two limbs
+    ullHash = arLimbs[1] != 0 ? arLimbs[0] * MULTIPLIER + arLimbs[1] : arLimbs[0];
+    if (nScale > 0) ullHash = ullHash * MULTIPLIER + (unsigned long long)nScale;
+    return true;
+}
+
 bool IsNumberType(BYTE vt) { return IsIntType(vt) || vt == TALVOR_VT_DOUBLE || vt == TALVOR_VT_DECIMAL; }
 // Text for the compare: hexadecimal literals are numbers there.
 bool IsPlainText(const st_VARDATA& v) { return IsTextType(v.m_vt) && !IsHexText(v); }
@@ -47,7 +94,16 @@ void AsDecimal(const st_VARDATA& n, st_VARDATA& d)
     memset(&d, 0, sizeof(d));
     d.m_vt = TALVOR_VT_NULL;
     if (n.m_vt == TALVOR_VT_DECIMAL) memcpy(&d, &n, sizeof(d));
-    else if (n.m_vt == TALVOR_VT_DOUBLE) CTalvorDecimal::Convert2Decimal(n.m_dblValue, &d);
+    else if (n.m_vt == TALVOR_VT_DOUBLE) {
+        unsigned long long u = 0;
+        int nScale = 0;
+        if (!ShortDoubleDigits(n.m_dblValue, u, nScale)) CTalvorDecimal::Convert2Decimal(n.m_dblValue, &d);
+        else {
+            CTalvorDecimal::Convert2Decimal(u, &d);
+            d.m_bScale = (signed char)nScale;
+            d.m_bSign = n.m_dblValue < 0 ? 1 : 0;
+        }
+    }
     else CTalvorDecimal::Convert2Decimal(IntOf(n), &d);
 }
 
@@ -176,27 +232,6 @@ unsigned long long TextHash(const st_VARDATA& v, unsigned long long h)
     return h;
 }
 
-// The decimal a double converts to, when the double is a short binary
-// fraction (at most 20 fraction bits, at most 15 digits in all): then its
-// decimal digits are exact and Convert2Decimal would give the same number,
-// without its search for 18 significant digits. Result: false otherwise.
-bool ShortDoubleAsDecimal(double d, st_VARDATA& dec)
-{
-    const int MAX_FRACTION_BITS = 20;
-    const double MAX_EXACT = 1e15;
-    if (!std::isfinite(d)) return false;
-    int nScale = 0;
-    while (nScale <= MAX_FRACTION_BITS && std::ldexp(d, nScale) != std::trunc(std::ldexp(d, nScale))) ++nScale;
-    if (nScale > MAX_FRACTION_BITS) return false;
-    // d x 2^s is an integer, so d x 10^s is one too and, below 2^53, exact.
-    double m = d * std::pow(10.0, nScale);
-    if (!(std::fabs(m) < MAX_EXACT)) return false;
-    memset(&dec, 0, sizeof(dec));
-    CTalvorDecimal::Convert2Decimal((long long)m, &dec);
-    dec.m_bScale = (signed char)nScale;
-    return true;
-}
-
 unsigned long long HashAdd(const st_VARDATA& v, unsigned long long h)
 {
     const double SECONDS_PER_DAY = 24.0 * 3600.0;
@@ -205,8 +240,8 @@ unsigned long long HashAdd(const st_VARDATA& v, unsigned long long h)
     // The types of most key columns first, without a copy.
     if (v.m_vt == TALVOR_VT_BIGINT || v.m_vt == TALVOR_VT_INT || v.m_vt == TALVOR_VT_DECIMAL)
         return h + (unsigned long long)CTalvorDecimalBin::CalcHashFactor(&v);
-    if (v.m_vt == TALVOR_VT_DOUBLE && ShortDoubleAsDecimal(v.m_dblValue, n))
-        return h + (unsigned long long)CTalvorDecimalBin::CalcHashFactor(&n);
+    unsigned long long ullShort = 0;
+    if (v.m_vt == TALVOR_VT_DOUBLE && ShortDoubleHash(v.m_dblValue, ullShort)) return h + ullShort;
     if (IsVoid(v.m_vt)) return h;
     if (IsTextType(v.m_vt)) return TextHash(v, h);
     if (v.m_vt == TALVOR_VT_TIME)
