@@ -1,0 +1,477 @@
+// Typed values against Python, on generated operands: integer arithmetic and
+// its move to decimals on overflow (int), doubles (IEEE float), decimals
+// (decimal, exact or 36 digits rounded half up), dates plus days (datetime),
+// the "%f" text of doubles, and the order of numbers across types.
+//
+// Where our rules are our own, the reference applies them too: integer
+// division gives a double, a remainder takes the dividend's sign, a zero
+// divisor or a result past the double range is NULL.
+
+#include "PackedValue.h"
+#include "PythonReference.h"
+#include "TalvorDate.h"
+#include "TalvorDecimal.h"
+#include "TalvorVarDataOps.h"
+
+#include <gtest/gtest.h>
+
+#include <cinttypes>
+#include <climits>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+using talvortest::Val;
+
+namespace {
+
+const char* g_szReference = R"PY(
+import sys, math, datetime
+from decimal import Decimal, Context, ROUND_HALF_UP
+BIG = Context(prec=200, Emax=999999, Emin=-999999)
+C36 = Context(prec=36, Emax=999999, Emin=-999999, rounding=ROUND_HALF_UP)
+I64 = 2**63
+
+def val(t):
+    k, s = t.split(":", 1)
+    if k == "i": return int(s)
+    if k == "d": return float(s)
+    return Decimal(s)
+
+def kind(t):
+    return t.split(":", 1)[0]
+
+def arith(op, a, b, ka, kb):
+    if "d" in (ka, kb):
+        x, y = float(a), float(b)
+        if op in ("div", "mod") and y == 0: return "null"
+        if op == "mod":
+            # The remainder goes through decimals: an integer enters exactly.
+            dx = Decimal(a) if ka == "i" else Decimal(repr(x))
+            dy = Decimal(b) if kb == "i" else Decimal(repr(y))
+            r = float(BIG.remainder(dx, dy))
+        else:
+            try:
+                r = {"add": x + y, "sub": x - y, "mul": x * y, "div": x / y if op == "div" else 0}[op]
+            except OverflowError:
+                return "null"
+        return "null" if math.isinf(r) or math.isnan(r) else "d " + repr(r)
+    if ka == "i" and kb == "i":
+        if op in ("div", "mod") and b == 0: return "null"
+        if op == "div": return "d " + repr(a / b)
+        if op == "mod":
+            r = abs(a) % abs(b)
+            return "i " + str(-r if a < 0 else r)
+        r = {"add": a + b, "sub": a - b, "mul": a * b}[op]
+        if -I64 <= r < I64: return "i " + str(r)
+        return "m " + str(r) if abs(r) < 10**36 else "skip"
+    x, y = Decimal(a), Decimal(b)
+    if op in ("div", "mod") and y == 0: return "null"
+    if op == "div": return "q " + format(C36.divide(x, y), "f")
+    if op == "mod": return "m " + str(BIG.remainder(x, y))
+    r = {"add": BIG.add, "sub": BIG.subtract, "mul": BIG.multiply}[op](x, y)
+    return "m " + str(r)
+
+BASE = datetime.datetime(1899, 12, 30)
+for line in sys.stdin:
+    f = line.split()
+    op = f[0]
+    try:
+        if op == "cmp":
+            a, b = val(f[1]), val(f[2])
+            a = Decimal(a) if isinstance(a, float) else a
+            b = Decimal(b) if isinstance(b, float) else b
+            print((a > b) - (a < b))
+        elif op == "fmt":
+            print(("%f" % float(f[1])).rstrip("0").rstrip("."))
+        elif op == "trunc":
+            x = float(f[1])
+            print(max(-I64, min(I64 - 1, int(x))))
+        elif op == "round":
+            r = int(Decimal(f[1]).quantize(Decimal(1), rounding=ROUND_HALF_UP, context=BIG))
+            print(max(-I64, min(I64 - 1, r)))
+        elif op == "dateadd":
+            d = datetime.date(int(f[1]), int(f[2]), int(f[3])) + datetime.timedelta(days=int(f[4]))
+            print(d.isoformat())
+        elif op == "dtadd":
+            t = datetime.datetime.strptime(f[1] + " " + f[2], "%Y-%m-%d %H:%M:%S")
+            r = t + datetime.timedelta(days=int(f[3]) / 4)
+            print(r.strftime("%Y-%m-%d %H:%M:%S") if 1 <= r.year <= 9999 else "null")
+        elif op == "datesub":
+            a = datetime.date(int(f[1]), int(f[2]), int(f[3]))
+            b = datetime.date(int(f[4]), int(f[5]), int(f[6]))
+            print((a - b).days)
+        else:
+            print(arith(op, val(f[1]), val(f[2]), kind(f[1]), kind(f[2])))
+    except OverflowError:
+        print("null")
+    sys.stdout.flush()
+)PY";
+
+std::vector<std::string> RunReference(const std::vector<std::string>& vLines)
+{
+    std::vector<std::string> vOut = talvortest::RunPythonReference(g_szReference, vLines);
+    EXPECT_EQ(vOut.size(), vLines.size()) << "the reference did not answer every line";
+    vOut.resize(vLines.size());
+    return vOut;
+}
+
+// An operand as the reference reads it ("i:12", "d:0.25", "m:1.5") and as
+// a typed value.
+struct Operand {
+    std::string m_strRef;
+    st_VARDATA m_v;
+};
+
+Operand IntOperand(long long ll)
+{
+    Operand o;
+    o.m_strRef = "i:" + std::to_string(ll);
+    o.m_v.Init();
+    if (ll >= INT_MIN && ll <= INT_MAX && (ll & 1)) o.m_v.SetData((int)ll);  // both widths take part
+    else o.m_v.SetData(ll);
+    return o;
+}
+
+Operand DoubleOperand(double d)
+{
+    char sz[64];
+    snprintf(sz, sizeof(sz), "%.17g", d);
+    Operand o;
+    o.m_strRef = std::string("d:") + sz;
+    o.m_v.Init();
+    o.m_v.SetData(d);
+    return o;
+}
+
+Operand DecimalOperand(const std::string& s)
+{
+    Operand o;
+    o.m_strRef = "m:" + s;
+    o.m_v.Init();
+    EXPECT_EQ(CTalvorDecimal::Convert2Decimal(s.c_str(), &o.m_v), 0) << s;
+    return o;
+}
+
+class Generator {
+public:
+    explicit Generator(unsigned nSeed) : m_rng(nSeed) {}
+    long long Int()
+    {
+        switch (m_rng() % 4) {
+        case 0: return (long long)(m_rng() % 2001) - 1000;
+        case 1: return (long long)m_rng() - (1LL << 31);  // around the 32-bit limits
+        case 2: return (long long)(((unsigned long long)m_rng() << 32) | m_rng());  // anywhere in 64 bits
+        default: return (long long)(m_rng() % (1ULL << 52)) - (1LL << 51);
+        }
+    }
+    // Exact in binary and in short decimal text.
+    double Double() { return ((double)((long long)(m_rng() % 200001) - 100000)) / 8.0 * (m_rng() % 3 == 0 ? 1e6 : 1.0); }
+    std::string Decimal()
+    {
+        char sz[64];
+        long long nInt = (long long)(m_rng() % 10000000000ULL);
+        snprintf(sz, sizeof(sz), "%s%lld.%0*u", m_rng() % 2 ? "-" : "", m_rng() % 3 ? nInt % 100000 : nInt,
+                 (int)(1 + m_rng() % 4), (unsigned)(m_rng() % 10000));
+        return sz;
+    }
+    Operand Any()
+    {
+        switch (m_rng() % 3) {
+        case 0: return IntOperand(Int());
+        case 1: return DoubleOperand(Double());
+        default: return DecimalOperand(Decimal());
+        }
+    }
+    unsigned Next() { return m_rng(); }
+
+private:
+    std::mt19937 m_rng;
+};
+
+std::string DecimalText(const st_VARDATA& v)
+{
+    char sz[TALVOR_DECIMAL_TEXT_BYTES];
+    CTalvorDecimal::PrintDecimal(&v, sz);
+    return sz;
+}
+
+// The digits without trailing zeros of the fraction, nor a point left last.
+std::string TrimZeros(std::string s)
+{
+    if (s.find('.') == std::string::npos) return s;
+    while (s.back() == '0') s.pop_back();
+    if (s.back() == '.') s.pop_back();
+    return s;
+}
+
+// Whether our result is the reference's ("i 5", "d 0.5", "m 1.25",
+// "q <36-digit quotient>", "null").
+void ExpectResult(const st_VARDATA& r, const std::string& strRef, const std::string& strWhat)
+{
+    SCOPED_TRACE(strWhat + " -> reference " + strRef);
+    if (strRef == "skip") return;
+    if (strRef == "null") {
+        EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+        return;
+    }
+    std::string strValue = strRef.substr(2);
+    switch (strRef[0]) {
+    case 'i':
+        ASSERT_EQ(Val(r.m_vt), TALVOR_VT_BIGINT);
+        EXPECT_EQ(Val(r.m_llValue), strtoll(strValue.c_str(), nullptr, 10));
+        break;
+    case 'd':
+        ASSERT_EQ(Val(r.m_vt), TALVOR_VT_DOUBLE);
+        EXPECT_EQ(Val(r.m_dblValue), strtod(strValue.c_str(), nullptr));
+        break;
+    case 'm': {
+        ASSERT_EQ(Val(r.m_vt), TALVOR_VT_DECIMAL);
+        st_VARDATA ref;
+        ASSERT_EQ(CTalvorDecimal::Convert2Decimal(strValue.c_str(), &ref), 0);
+        EXPECT_EQ(CTalvorDecimal::Compare(&r, &ref), 0) << "ours " << DecimalText(r);
+        break;
+    }
+    case 'q': {
+        // A quotient carries 36 digits, rounded half up as the reference's;
+        // compared as text, since the parser keeps fewer fraction digits.
+        ASSERT_EQ(Val(r.m_vt), TALVOR_VT_DECIMAL);
+        st_VARDATA full = r;
+        full.m_bPrecison = 0;
+        EXPECT_EQ(TrimZeros(DecimalText(full)), TrimZeros(strValue));
+        break;
+    }
+    default: ADD_FAILURE() << "unknown answer";
+    }
+}
+
+const char* const g_arOps[] = {"add", "sub", "mul", "div", "mod"};
+
+st_VARDATA Apply(int nOp, const st_VARDATA& a, const st_VARDATA& b)
+{
+    switch (nOp) {
+    case 0: return a + b;
+    case 1: return a - b;
+    case 2: return a * b;
+    case 3: return a / b;
+    default: return a % b;
+    }
+}
+
+TEST(VarDataReference, ArithmeticOfMixedNumbersAgainstPython)
+{
+    Generator gen(20261126);
+    std::vector<std::string> vLines;
+    std::vector<Operand> vA, vB;
+    std::vector<int> vOps;
+    for (int i = 0; i < 3000; ++i) {
+        Operand a = gen.Any(), b = gen.Any();
+        if (i % 10 == 0) b = IntOperand(0);  // zero divisors
+        int nOp = (int)(gen.Next() % 5);
+        // Integer quotients are compared bit for bit: keep both exact doubles.
+        if (nOp == 3 && a.m_strRef[0] == 'i' && b.m_strRef[0] == 'i') {
+            a = IntOperand(a.m_v.GetCompatibleBigInt() % (1LL << 52));
+            b = IntOperand(b.m_v.GetCompatibleBigInt() % (1LL << 52));
+        }
+        vLines.push_back(std::string(g_arOps[nOp]) + " " + a.m_strRef + " " + b.m_strRef);
+        vA.push_back(a);
+        vB.push_back(b);
+        vOps.push_back(nOp);
+    }
+    std::vector<std::string> vOut = RunReference(vLines);
+    for (size_t i = 0; i < vLines.size(); ++i) ExpectResult(Apply(vOps[i], vA[i].m_v, vB[i].m_v), vOut[i], vLines[i]);
+}
+
+TEST(VarDataReference, IntegerOverflowMovesToDecimals)
+{
+    const long long arEdges[] = {LLONG_MAX, LLONG_MIN, LLONG_MAX - 1, LLONG_MIN + 1, 1LL << 32, -(1LL << 32),
+                                 INT_MAX, INT_MIN, 3037000500LL, -3037000500LL, 2, -1, 0};
+    std::vector<std::string> vLines;
+    std::vector<std::pair<long long, long long>> vPairs;
+    std::vector<int> vOps;
+    for (long long a : arEdges)
+        for (long long b : arEdges)
+            for (int nOp : {0, 1, 2, 4}) {
+                vLines.push_back(std::string(g_arOps[nOp]) + " i:" + std::to_string(a) + " i:" + std::to_string(b));
+                vPairs.push_back({a, b});
+                vOps.push_back(nOp);
+            }
+    std::vector<std::string> vOut = RunReference(vLines);
+    for (size_t i = 0; i < vLines.size(); ++i)
+        ExpectResult(Apply(vOps[i], IntOperand(vPairs[i].first).m_v, IntOperand(vPairs[i].second).m_v), vOut[i],
+                     vLines[i]);
+}
+
+TEST(VarDataReference, DoubleTextAndIntegerReadsAgainstPython)
+{
+    Generator gen(77);
+    std::vector<std::string> vLines;
+    std::vector<double> vDoubles;
+    std::vector<std::string> vDecimals;
+    for (int i = 0; i < 500; ++i) {
+        double d = gen.Double() / (1 + gen.Next() % 7) * (i % 50 == 0 ? 1e15 : 1.0);
+        if (i % 100 == 1) d = 1e19 * (i % 200 == 1 ? 1 : -1);  // past the 64-bit range: saturates
+        vDoubles.push_back(d);
+        char sz[64];
+        snprintf(sz, sizeof(sz), "%.17g", d);
+        vLines.push_back(std::string("fmt ") + sz);
+        vLines.push_back(std::string("trunc ") + sz);
+    }
+    for (int i = 0; i < 300; ++i) {
+        std::string s = gen.Decimal();
+        if (i % 3 == 0) s.back() = '5';  // ties round away from zero
+        vDecimals.push_back(s);
+        vLines.push_back("round " + s);
+    }
+    std::vector<std::string> vOut = RunReference(vLines);
+    size_t n = 0;
+    for (double d : vDoubles) {
+        st_VARDATA v, t;
+        v.Init();
+        t.Init();
+        v.SetData(d);
+        ASSERT_EQ(v.GetCompatibleStringValue(nullptr, t), 0);
+        int nLen = 0;
+        const BYTE* p = t.GetBinaryData(nLen);
+        EXPECT_EQ(std::string((const char*)p, (size_t)nLen), vOut[n]) << vLines[n];
+        t.Free();
+        ++n;
+        EXPECT_EQ(v.GetCompatibleBigInt(), strtoll(vOut[n].c_str(), nullptr, 10)) << vLines[n];
+        ++n;
+    }
+    for (const std::string& s : vDecimals) {
+        // The same digits as a decimal value and as text give the same integer.
+        st_VARDATA m, t;
+        m.Init();
+        t.Init();
+        CTalvorDecimal::Convert2Decimal(s.c_str(), &m);
+        ASSERT_EQ(t.SetData(s.c_str(), (int)s.size()), 0);
+        long long llRef = strtoll(vOut[n].c_str(), nullptr, 10);
+        EXPECT_EQ(m.GetCompatibleBigInt(), llRef) << vLines[n];
+        EXPECT_EQ(t.GetCompatibleBigInt(), llRef) << vLines[n];
+        t.Free();
+        ++n;
+    }
+}
+
+TEST(VarDataReference, OrderOfNumbersAcrossTypesAgainstPython)
+{
+    Generator gen(4242);
+    std::vector<Operand> vValues;
+    for (int i = 0; i < 60; ++i) {
+        Operand o = gen.Any();
+        // Keep values apart by more than the double tolerance, and in the
+        // range where a double converts to a decimal exactly.
+        if (o.m_strRef[0] == 'i') o = IntOperand(o.m_v.GetCompatibleBigInt() % 100000000000000LL);
+        vValues.push_back(o);
+    }
+    vValues.push_back(IntOperand(5));
+    vValues.push_back(DoubleOperand(5.0));
+    vValues.push_back(DecimalOperand("5.000"));
+    vValues.push_back(DecimalOperand("-0.125"));
+    vValues.push_back(DoubleOperand(-0.125));
+    std::vector<std::string> vLines;
+    for (const Operand& a : vValues)
+        for (const Operand& b : vValues) vLines.push_back("cmp " + a.m_strRef + " " + b.m_strRef);
+    std::vector<std::string> vOut = RunReference(vLines);
+    size_t n = 0;
+    for (const Operand& a : vValues)
+        for (const Operand& b : vValues) {
+            SCOPED_TRACE(vLines[n]);
+            int nRef = atoi(vOut[n++].c_str());
+            EXPECT_EQ(a.m_v.Compare(b.m_v), nRef);
+            EXPECT_EQ(a.m_v == b.m_v, nRef == 0);
+            EXPECT_EQ(a.m_v != b.m_v, nRef != 0);
+            EXPECT_EQ(a.m_v < b.m_v, nRef < 0);
+            EXPECT_EQ(a.m_v <= b.m_v, nRef <= 0);
+            EXPECT_EQ(a.m_v > b.m_v, nRef > 0);
+            EXPECT_EQ(a.m_v >= b.m_v, nRef >= 0);
+            if (nRef == 0) {
+                long long ha = 7, hb = 7;
+                a.m_v.CalcHashFactor(ha);
+                b.m_v.CalcHashFactor(hb);
+                EXPECT_EQ(ha, hb) << "equal numbers hash alike";
+            }
+        }
+}
+
+TEST(VarDataReference, DatesPlusAndMinusDaysAgainstPython)
+{
+    Generator gen(1899);
+    struct Case {
+        TALVORDATE m_stDate;
+        int m_nDays;
+        std::string m_strDateTime;
+        int m_nQuarters;
+        TALVORDATE m_stOther;
+    };
+    std::vector<Case> vCases;
+    std::vector<std::string> vLines;
+    for (int i = 0; i < 400; ++i) {
+        Case c;
+        c.m_stDate.m_sYear = (USHORT)(1 + gen.Next() % 9999);
+        c.m_stDate.m_bMonth = (BYTE)(1 + gen.Next() % 12);
+        c.m_stDate.m_bDay = (BYTE)(1 + gen.Next() % 28);
+        c.m_stOther.m_sYear = (USHORT)(1 + gen.Next() % 9999);
+        c.m_stOther.m_bMonth = (BYTE)(1 + gen.Next() % 12);
+        c.m_stOther.m_bDay = (BYTE)(1 + gen.Next() % 28);
+        c.m_nDays = (int)(gen.Next() % 200001) - 100000;
+        c.m_nQuarters = (int)(gen.Next() % 40001) - 20000;
+        char sz[64];
+        snprintf(sz, sizeof(sz), "%04u-%02u-%02u %02u:%02u:%02u", 1000 + gen.Next() % 9000, 1 + gen.Next() % 12,
+                 1 + gen.Next() % 28, gen.Next() % 24, gen.Next() % 60, gen.Next() % 60);
+        c.m_strDateTime = sz;
+        vCases.push_back(c);
+        vLines.push_back("dateadd " + std::to_string(c.m_stDate.m_sYear) + " " + std::to_string(c.m_stDate.m_bMonth) +
+                         " " + std::to_string(c.m_stDate.m_bDay) + " " + std::to_string(c.m_nDays));
+        vLines.push_back("dtadd " + c.m_strDateTime + " " + std::to_string(c.m_nQuarters));
+        vLines.push_back("datesub " + std::to_string(c.m_stDate.m_sYear) + " " + std::to_string(c.m_stDate.m_bMonth) +
+                         " " + std::to_string(c.m_stDate.m_bDay) + " " + std::to_string(c.m_stOther.m_sYear) + " " +
+                         std::to_string(c.m_stOther.m_bMonth) + " " + std::to_string(c.m_stOther.m_bDay));
+    }
+    std::vector<std::string> vOut = RunReference(vLines);
+    size_t n = 0;
+    for (const Case& c : vCases) {
+        st_VARDATA d, k, r, t;
+        d.Init();
+        k.Init();
+        t.Init();
+        d.SetData(c.m_stDate);
+        k.SetData(c.m_nDays);
+        r = d + k;
+        if (vOut[n] == "null") EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL) << vLines[n];
+        else {
+            char sz[32];
+            ASSERT_EQ(Val(r.m_vt), TALVOR_VT_DATE) << vLines[n];
+            CTalvorDate::FormatDate(r.m_stDate, sz);
+            EXPECT_EQ(std::string(sz), vOut[n]) << vLines[n];
+        }
+        ++n;
+        // A text that parses as a date makes the sum a date and time.
+        ASSERT_EQ(t.SetData(c.m_strDateTime.c_str(), (int)c.m_strDateTime.size()), 0);
+        k.SetData(c.m_nQuarters / 4.0);
+        r = t + k;
+        if (vOut[n] == "null") EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL) << vLines[n];
+        else {
+            char sz[32];
+            ASSERT_EQ(Val(r.m_vt), TALVOR_VT_DATETIME) << vLines[n];
+            CTalvorDate::FormatDateTime(r.m_dblValue, sz, 0);
+            EXPECT_EQ(std::string(sz), vOut[n]) << vLines[n];
+        }
+        t.Free();
+        ++n;
+        st_VARDATA o;
+        o.Init();
+        o.SetData(c.m_stOther);
+        r = d - o;
+        ASSERT_EQ(Val(r.m_vt), TALVOR_VT_DOUBLE) << vLines[n];
+        EXPECT_EQ(Val(r.m_dblValue), strtod(vOut[n].c_str(), nullptr)) << vLines[n];
+        ++n;
+    }
+}
+
+} // namespace
