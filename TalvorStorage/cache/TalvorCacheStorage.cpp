@@ -39,6 +39,4 @@ CTalvorCacheStorage::~CTalvorCacheStorage()
 
 HRESULT CTalvorCacheStorage::InitCacheHead(LPTALVORCRITICALSECTION) { return E_FAIL; }
 
-int CTalvorCacheStorage::FlushFileBlock(LPTALVORCRITICALSECTION) { return 1; }
-
 int CTalvorCacheStorage::InitFileLoadThreadAndEvent(BYTE) { return 0; }

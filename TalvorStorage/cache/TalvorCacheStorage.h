@@ -12,8 +12,7 @@
 // the two flush pipelines with their threads (TalvorCacheFlush*.cpp; the
 // module is reached through TalvorCacheFlush.h). The load threads and the
 // preload belong to the next piece of work: InitFileLoadThreadAndEvent
-// starts no thread yet and answers success, and InitCacheHead and
-// FlushFileBlock refuse. The daemon still refuses cache-mode files at
+// starts no thread yet and answers success, and InitCacheHead refuses. The daemon still refuses cache-mode files at
 // start, so none of these is reached from a running daemon yet.
 //
 // Threads: Initialize and Free are for the start-up (main) thread alone, with
@@ -103,7 +102,13 @@ public:
     int CreateBackendsFor(LPTALVORCRITICALSECTION lpCritSection, const CacheFlushKind& kind);
     // Waits for the backends and preloads: not built yet, E_FAIL. Main thread.
     HRESULT InitCacheHead(LPTALVORCRITICALSECTION lpCritSection);
-    // Writes everything dirty without the engine: not built yet, 1. Main thread.
+    // At a stop with the engine lost (TalvorCacheFlushLast.cpp): writes
+    // every block marked dirty in the cache to its place in its file (by
+    // the file's map in the cache) and clears its marks whatever the
+    // write gave; then every file's head and the map blocks marked or newer
+    // than the head. 0; 1 without the module or a buffer, or when a file's
+    // chain is broken; 4 when a head names no next page (the other files
+    // are written all the same). Main thread, flush threads ended; no latch.
     int FlushFileBlock(LPTALVORCRITICALSECTION lpCritSection);
     // Asks the cache threads to stop; 0. Any thread.
     int Exit();
@@ -210,6 +215,14 @@ private:
     void GiveBackImage(const stu_CacheFlush* p);
     int CreateBackends(LPTALVORCRITICALSECTION lpCritSection, const CacheFlushKind& kind);
     BYTE OpenFileUseBuffer() const;
+    // The last pass (TalvorCacheFlushLast.cpp); main thread, no latch.
+    LPBYTE CachedPage(long long llOffset) const;
+    LPTABLEFILEHEAD CachedFileHead(BYTE bFileNo) const;
+    int FirstMapOf(LPTABLEFILEHEAD lpHead, long long& llMapOffset);
+    LPBASEFILEBLOCKMAPHEAD_CACHE MapBlockOf(LPTABLEFILEHEAD lpHead, int nMapNo);
+    BOOL LastFlushRequestOf(LPBASEBLOCKHEAD lpBlock, long long llCacheOffset, stu_CacheFlush& stReq);
+    void LastFlushBlocks(LPTALVORCRITICALSECTION lpCritSection, LPBYTE& lpWork, int& nWorkSize);
+    int LastFlushHeadAndMaps(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFile, LPBYTE lpWork);
 
     // Segment (TalvorCacheSegment.cpp).
     int FindOrCreateSegment(LPCTSTR lpszMemFileName, BOOL& bFound);
