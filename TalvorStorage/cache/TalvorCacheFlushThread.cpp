@@ -43,7 +43,7 @@ HEVENTTYPE OpenFlushEvent(const char* lpszName)
 
 } // namespace
 
-int CTalvorCacheStorage::CreateBackends(LPTALVORCRITICALSECTION lpCritSection, const CacheFlushKind& kind)
+int CTalvorCacheStorage::CreateBackendsFor(LPTALVORCRITICALSECTION lpCritSection, const CacheFlushKind& kind)
 {
     CTalvorFlashback* pFlashback = m_pFlushModule->Flashback();
     for (int n = 0; n < MAX_FILE_NUM; n++) {
@@ -85,11 +85,6 @@ void FlushThreadBody(void* lpContext, LPTALVORCRITICALSECTION lpCritSection)
 }
 
 } // namespace
-
-int CTalvorCacheStorage::CreateBackendsFor(LPTALVORCRITICALSECTION lpCritSection, const CacheFlushKind& kind)
-{
-    return CreateBackends(lpCritSection, kind);
-}
 
 void* CTalvorCacheStorage::StorageFlushThread(LPVOID lpParam)
 {

@@ -213,7 +213,6 @@ private:
     LPBYTE SegmentBytes(long long llOffset, long long llSize) const;
     LPFILEINFO FileOfKind(BYTE bFileNo, BYTE bFileType) const;
     void GiveBackImage(const stu_CacheFlush* p);
-    int CreateBackends(LPTALVORCRITICALSECTION lpCritSection, const CacheFlushKind& kind);
     BYTE OpenFileUseBuffer() const;
     // The last pass (TalvorCacheFlushLast.cpp); main thread, no latch.
     LPBYTE CachedPage(long long llOffset) const;
