@@ -17,7 +17,8 @@ CTalvorCacheStorage::CTalvorCacheStorage()
       m_llCacheBufferSize(0), m_pCacheBufferAddr(nullptr), m_pCacheBufferHead(nullptr), m_pCacheFlush(nullptr),
       m_pCacheIndexFlush(nullptr), m_pFlushFile(nullptr), m_pFlushTimestampFile(nullptr), m_nFIFOSize(0),
       m_nCacheFlashBackSize(CACHE_FLASHBACK_SIZE), m_lpOpenFileInfo(nullptr), m_nFreeNo(0), m_bTrunkIndex(0),
-      m_bLeaveIndex(0), m_bPauseFileNo(0), m_bExit(0), m_nTrunkFreeNo(0), m_nMetaFreeNo(0), m_nLeaveFreeNo(0)
+      m_bLeaveIndex(0), m_bPauseFileNo(0), m_bExit(0), m_nTrunkFreeNo(0), m_nMetaFreeNo(0), m_nLeaveFreeNo(0),
+      m_pFlushModule(nullptr)
 {
     memset(m_stFileLoadInfo, 0, sizeof(m_stFileLoadInfo));
     memset(&m_layout, 0, sizeof(m_layout));
@@ -36,22 +37,6 @@ CTalvorCacheStorage::~CTalvorCacheStorage()
     DeleteCriticalTalvor(&m_crit);
 }
 
-int CTalvorCacheStorage::CreateEventAndThread() { return S_OK; }
-
 HRESULT CTalvorCacheStorage::InitCacheHead(LPTALVORCRITICALSECTION) { return E_FAIL; }
 
-int CTalvorCacheStorage::FlushFileBlock(LPTALVORCRITICALSECTION) { return 1; }
-
 int CTalvorCacheStorage::InitFileLoadThreadAndEvent(BYTE) { return 0; }
-
-int CTalvorCacheStorage::Exit()
-{
-    m_bExit = 1;
-    return 0;
-}
-
-int CTalvorCacheStorage::Free()
-{
-    m_bExit = 1;
-    return 0;
-}

@@ -8,12 +8,12 @@
 // the engine's own lookup; the daemon only ever names cache offsets.
 //
 // What is here: the segment (Initialize, Free), the chains (LoadFile2Cache,
-// NewFile2Cache, the walk to a file's first map block) and the load groups.
-// The flush threads, the load threads and the preload belong to the next
-// piece of work: CreateEventAndThread and InitFileLoadThreadAndEvent start
-// no thread yet and answer success, and InitCacheHead and FlushFileBlock
-// refuse. The daemon still refuses cache-mode files at start, so none of
-// these is reached from a running daemon yet.
+// NewFile2Cache, the walk to a file's first map block), the load groups and
+// the two flush pipelines with their threads (TalvorCacheFlush*.cpp; the
+// module is reached through TalvorCacheFlush.h). The load threads and the
+// preload belong to the next piece of work: InitFileLoadThreadAndEvent
+// starts no thread yet and answers success, and InitCacheHead refuses. The daemon still refuses cache-mode files at
+// start, so none of these is reached from a running daemon yet.
 //
 // Threads: Initialize and Free are for the start-up (main) thread alone, with
 // no latch held. The chain functions take m_csCache themselves; the caller
@@ -27,6 +27,9 @@
 #include "TypeDef.h"
 
 class CBreltMemStorageModule;
+class ITalvorCacheFlushModule;
+struct CacheFlushKind;
+struct CacheFlushRun;
 
 // Results of the chain functions besides 0.
 inline constexpr int CACHE_RESULT_NOFREEBLOCK = 9500;   // the free chain is empty
@@ -66,16 +69,51 @@ public:
     int Initialize(LPCTSTR lpszMemFileName, int nCacheBufferSize, int nLRUPercent, CBreltMemStorageModule* pStorage,
                    BOOL bFileCache);
 
-    // Opens the four flush semaphores and starts the two flush threads: not
-    // built yet; starts nothing and returns S_OK. Main thread, at start.
+    // Opens the four flush semaphores and starts the two flush threads
+    // (TalvorCacheFlushThread.cpp). S_OK; E_FAIL traced when a semaphore
+    // cannot be had or a thread cannot start (what did start is stopped by
+    // Free). Needs SetFlushModule first (E_FAIL without it). Main thread, at
+    // start; no latch held.
     int CreateEventAndThread();
+    // What the flush threads reach of the module (TalvorCacheFlush.h); set
+    // before CreateEventAndThread, null until then. Main thread.
+    void SetFlushModule(ITalvorCacheFlushModule* pModule) { m_pFlushModule = pModule; }
+
+    // The two flush loops (TalvorCacheFlush.cpp): serve the ring of their
+    // file type in order, open files on request, grow files short of room
+    // and push the write buffers out when idle, until m_bExit; then finish
+    // what is posted, drain the buffers, and return 0. E_FAIL only when the
+    // work buffer or the module is missing. The flush thread of the kind,
+    // or a test in its place; lpCritSection is that thread's record; no
+    // latch held on entry or return.
+    HRESULT StorageFlush(LPTALVORCRITICALSECTION lpCritSection);
+    HRESULT StorageIndexFlush(LPTALVORCRITICALSECTION lpCritSection);
+    // Thread bodies; lpParam the cache object. Each makes the backends of
+    // its file type, then runs its loop under crash containment.
+    static void* StorageFlushThread(LPVOID lpParam);
+    static void* StorageIndexFlushThread(LPVOID lpParam);
+    // Grows by 64 MiB every file of bFileType with a backend whose cached
+    // head shows no more than 128 MiB unallocated. Nothing without a
+    // flashback object of the module. A flush thread; no latch held.
+    void FileSpaceManage(LPTALVORCRITICALSECTION lpCritSection, BYTE bFileType);
+    // For each file of the kind without a backend: makes one and brings
+    // the file in (Initialize). 0; 1 when one failed (traced, m_bExit set,
+    // the object deleted). The flush thread of the kind, no latch held.
+    int CreateBackendsFor(LPTALVORCRITICALSECTION lpCritSection, const CacheFlushKind& kind);
     // Waits for the backends and preloads: not built yet, E_FAIL. Main thread.
     HRESULT InitCacheHead(LPTALVORCRITICALSECTION lpCritSection);
-    // Writes everything dirty without the engine: not built yet, 1. Main thread.
+    // At a stop with the engine lost (TalvorCacheFlushLast.cpp): writes
+    // every block marked dirty in the cache to its place in its file (by
+    // the file's map in the cache) and clears its marks whatever the
+    // write gave; then every file's head and the map blocks marked or newer
+    // than the head. 0; 1 without the module or a buffer, or when a file's
+    // chain is broken; 4 when a head names no next page (the other files
+    // are written all the same). Main thread, flush threads ended; no latch.
     int FlushFileBlock(LPTALVORCRITICALSECTION lpCritSection);
     // Asks the cache threads to stop; 0. Any thread.
     int Exit();
-    // Asks the cache threads to stop and joins those that run (none yet);
+    // Asks the cache threads to stop, joins the flush threads (up to 400 s
+    // each; they finish what is posted first) and closes the semaphores;
     // the segment stays until the destructor. Main thread, at the end.
     int Free();
 
@@ -155,8 +193,36 @@ public:
     UINT m_nMetaFreeNo;
     UINT m_nLeaveFreeNo;
     stu_FileLoadInfo m_stFileLoadInfo[MAX_FILE_NUM];
+    ITalvorCacheFlushModule* m_pFlushModule;
 
 private:
+    // Flush pipelines (TalvorCacheFlush.cpp, TalvorCacheFlushEntry.cpp);
+    // the flush thread of the kind, no latch held.
+    HRESULT RunFlushLoop(LPTALVORCRITICALSECTION lpCritSection, const CacheFlushKind& kind);
+    void ServeOpenRequest(LPTALVORCRITICALSECTION lpCritSection, const CacheFlushKind& kind);
+    int ServeRing(LPTALVORCRITICALSECTION lpCritSection, CacheFlushRun& run);
+    void PushBuffersOnce(LPTALVORCRITICALSECTION lpCritSection, BYTE bFileType);
+    BOOL DrainBuffers(LPTALVORCRITICALSECTION lpCritSection, BYTE bFileType, BOOL bSync);
+    BOOL EntryFits(const stu_CacheFlush* p, const CacheFlushKind& kind);
+    void WaitForFit(const stu_CacheFlush* p, const CacheFlushKind& kind);
+    int CarryOut(LPTALVORCRITICALSECTION lpCritSection, stu_CacheFlush* p, CacheFlushRun& run, BYTE& bResult);
+    BYTE CarryOutTimestamps(LPTALVORCRITICALSECTION lpCritSection, stu_CacheFlush* p, CacheFlushRun& run);
+    BYTE CarryOutBlock(LPTALVORCRITICALSECTION lpCritSection, stu_CacheFlush* p, LPFILEINFO pFile, CacheFlushRun& run);
+    BOOL EntryInBounds(const stu_CacheFlush* p, const CacheFlushKind& kind, int nPos);
+    BOOL EntryInsideFile(const stu_CacheFlush* p, LPFILEINFO pFile, const CacheFlushKind& kind, int nPos);
+    LPBYTE SegmentBytes(long long llOffset, long long llSize) const;
+    LPFILEINFO FileOfKind(BYTE bFileNo, BYTE bFileType) const;
+    void GiveBackImage(const stu_CacheFlush* p);
+    BYTE OpenFileUseBuffer() const;
+    // The last pass (TalvorCacheFlushLast.cpp); main thread, no latch.
+    LPBYTE CachedPage(long long llOffset) const;
+    LPTABLEFILEHEAD CachedFileHead(BYTE bFileNo) const;
+    int FirstMapOf(LPTABLEFILEHEAD lpHead, long long& llMapOffset);
+    LPBASEFILEBLOCKMAPHEAD_CACHE MapBlockOf(LPTABLEFILEHEAD lpHead, int nMapNo);
+    BOOL LastFlushRequestOf(LPBASEBLOCKHEAD lpBlock, long long llCacheOffset, stu_CacheFlush& stReq);
+    void LastFlushBlocks(LPTALVORCRITICALSECTION lpCritSection, LPBYTE& lpWork, int& nWorkSize);
+    int LastFlushHeadAndMaps(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFile, LPBYTE lpWork);
+
     // Segment (TalvorCacheSegment.cpp).
     int FindOrCreateSegment(LPCTSTR lpszMemFileName, BOOL& bFound);
     int DropForeignSizedSegment(MFID nId, LPCTSTR lpszMemFileName);

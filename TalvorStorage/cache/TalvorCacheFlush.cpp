@@ -1,0 +1,168 @@
+// TalvorCacheFlush.cpp — the loop of the two flush pipelines: the ring of
+// entries the engine posts, open requests, file growth, and the write
+// buffers pushed out when the ring is idle. What one entry does is in
+// TalvorCacheFlushEntry.cpp; the threads in TalvorCacheFlushThread.cpp.
+#include "TalvorCacheFlush.h"
+
+#include "TalvorCacheStorage.h"
+#include "TalvorFileIO.h"
+#include "TalvorFileStorage.h"
+#include "TalvorTrace.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <unistd.h>
+
+const CacheFlushKind g_stTableFlushKind = {
+    FILETYPE_TABLE, FALSE, 1048576, TABLEFILE_DATAFLAG, TABLEFILEEX_DATAFLAG,
+    60006001, 60006002, 60006004, 60006005, 60006011, 60002000, 60002001, 60002002, "StorageFlushThread"};
+const CacheFlushKind g_stIndexFlushKind = {
+    FILETYPE_INDEX, TRUE, 16384, INDEXFILE_DATAFLAG, INDEXFILEEX_DATAFLAG,
+    60005001, 60005002, 60005004, 60005005, 60005011, 6000300, 6000301, 6000302, "StorageIndexFlushThread"};
+
+namespace {
+
+// What ServeRing found when it stopped.
+enum {
+    FLUSHRING_EMPTY = 0,
+    FLUSHRING_PAUSED = 1,
+};
+
+// A drain ends within this many FlushBuffer calls: each good call cleans
+// one of the 64 buffers and nothing else writes into them meanwhile.
+const int FLUSHRING_DRAIN_CALLS = 2 * FILESTORE_BUFFER_NUM + 1;
+
+} // namespace
+
+HRESULT CTalvorCacheStorage::StorageFlush(LPTALVORCRITICALSECTION lpCritSection)
+{
+    return RunFlushLoop(lpCritSection, g_stTableFlushKind);
+}
+
+HRESULT CTalvorCacheStorage::StorageIndexFlush(LPTALVORCRITICALSECTION lpCritSection)
+{
+    return RunFlushLoop(lpCritSection, g_stIndexFlushKind);
+}
+
+BYTE CTalvorCacheStorage::OpenFileUseBuffer() const
+{
+    return m_pFlushModule != nullptr ? m_pFlushModule->OpenFileUseBuffer() : 0;
+}
+
+LPFILEINFO CTalvorCacheStorage::FileOfKind(BYTE bFileNo, BYTE bFileType) const
+{
+    if (m_pFlushModule == nullptr) return nullptr;
+    LPFILEINFO pFile = m_pFlushModule->FileOf(bFileNo);
+    if (pFile == nullptr || (BYTE)pFile->m_bFileType != bFileType) return nullptr;
+    return pFile;
+}
+
+HRESULT CTalvorCacheStorage::RunFlushLoop(LPTALVORCRITICALSECTION lpCritSection, const CacheFlushKind& kind)
+{
+    if (m_pFlushModule == nullptr || m_pCacheBufferHead == nullptr) return E_FAIL;
+    CacheFlushRun run;
+    memset(&run, 0, sizeof(run));
+    run.pKind = &kind;
+    run.lpWork = (LPBYTE)get_aligned_buffer((size_t)kind.nWorkSize);
+    if (run.lpWork == nullptr) return E_FAIL;
+    HEVENTTYPE hWait = kind.bIndex ? m_hCacheIndexFlush : m_hCacheFlush;
+    for (;;) {
+        if (m_bExit) run.bExit = TRUE;
+        ServeOpenRequest(lpCritSection, kind);
+        int nRing = ServeRing(lpCritSection, run);
+        if (nRing == FLUSHRING_PAUSED) {
+            // The entry waits for the pause to end. At a stop it stays
+            // posted for the next daemon instead of holding the stop up.
+            if (run.bExit) break;
+            usleep(1000);
+            continue;
+        }
+        if (run.bExit) break;
+        FileSpaceManage(lpCritSection, kind.bFileType);
+        PushBuffersOnce(lpCritSection, kind.bFileType);
+        if (hWait != nullptr)
+            WaitForSingleObject(hWait, (UINT)m_nWaitTime);
+        else
+            usleep((useconds_t)m_nWaitTime * 1000);
+    }
+    DrainBuffers(lpCritSection, kind.bFileType, FALSE);
+    free(run.lpWork);
+    return S_OK;
+}
+
+void CTalvorCacheStorage::ServeOpenRequest(LPTALVORCRITICALSECTION lpCritSection, const CacheFlushKind& kind)
+{
+    LPFILEINFO pFile = m_lpOpenFileInfo;
+    if (pFile == nullptr || (BYTE)pFile->m_bFileType != kind.bFileType || pFile->m_pStorageFile == nullptr) return;
+    pFile->m_pStorageFile->OpenFile(lpCritSection, pFile, OpenFileUseBuffer());
+    // The waiter learns the outcome from the handles once the request is gone.
+    TalvorFlushCPU4Write();
+    m_lpOpenFileInfo = nullptr;
+}
+
+int CTalvorCacheStorage::ServeRing(LPTALVORCRITICALSECTION lpCritSection, CacheFlushRun& run)
+{
+    const CacheFlushKind& kind = *run.pKind;
+    LPstu_CacheFlush pRing = kind.bIndex ? m_pCacheIndexFlush : m_pCacheFlush;
+    volatile BYTE* pPos =
+        kind.bIndex ? &m_pCacheBufferHead->m_bStorageIndexFlushPos : &m_pCacheBufferHead->m_bStorageFlushPos;
+    HEVENTTYPE hPost = kind.bIndex ? m_hStorageIndexFlush : m_hStorageFlush;
+    if (pRing == nullptr) return FLUSHRING_EMPTY;
+    for (;;) {
+        // A position from a cache that survived is the engine's as much as ours.
+        int nPos = *pPos % CACHE_FLUSH_RING_SIZE;
+        stu_CacheFlush* p = &pRing[nPos];
+        if (p->m_bStatus != 1) return FLUSHRING_EMPTY;
+        TalvorFlushCPU4Read();
+        BYTE bResult = CACHEFLUSH_DONE;
+        if (CarryOut(lpCritSection, p, run, bResult) == FLUSHRING_PAUSED) return FLUSHRING_PAUSED;
+        p->m_bReserved = bResult;
+        TalvorFlushCPU4Write();
+        p->m_bStatus = 0;
+        *pPos = (BYTE)((nPos + 1) % CACHE_FLUSH_RING_SIZE);
+        if (hPost != nullptr) SetEvent(hPost);
+    }
+}
+
+void CTalvorCacheStorage::PushBuffersOnce(LPTALVORCRITICALSECTION lpCritSection, BYTE bFileType)
+{
+    for (int n = 0; n < MAX_FILE_NUM; n++) {
+        LPFILEINFO pFile = FileOfKind((BYTE)n, bFileType);
+        if (pFile == nullptr || pFile->m_pStorageFile == nullptr) continue;
+        if (pFile->m_pStorageFile->CheckFlush()) pFile->m_pStorageFile->FlushBuffer(lpCritSection);
+    }
+}
+
+BOOL CTalvorCacheStorage::DrainBuffers(LPTALVORCRITICALSECTION lpCritSection, BYTE bFileType, BOOL bSync)
+{
+    BOOL bAll = TRUE;
+    for (int n = 0; n < MAX_FILE_NUM; n++) {
+        LPFILEINFO pFile = FileOfKind((BYTE)n, bFileType);
+        if (pFile == nullptr || pFile->m_pStorageFile == nullptr) continue;
+        int nRet = 0;
+        for (int i = 0; i < FLUSHRING_DRAIN_CALLS && nRet == 0; i++) nRet = pFile->m_pStorageFile->FlushBuffer(lpCritSection);
+        if (nRet != -1) bAll = FALSE;
+        if (!bSync) continue;
+        // A file opened for buffered writes holds them in the page cache.
+        int fd = Talvor_FileDescriptor(pFile->m_hFile);
+        if (fd < 0 || CTalvorFileIO::Current()->FSync(fd) != 0) bAll = FALSE;
+    }
+    return bAll;
+}
+
+void CTalvorCacheStorage::FileSpaceManage(LPTALVORCRITICALSECTION lpCritSection, BYTE bFileType)
+{
+    if (m_pFlushModule == nullptr || m_pFlushModule->Flashback() == nullptr) return;
+    LPBYTE lpZeros = nullptr;
+    for (int n = 0; n < MAX_FILE_NUM; n++) {
+        LPFILEINFO pFile = FileOfKind((BYTE)n, bFileType);
+        if (pFile == nullptr || pFile->m_pStorageFile == nullptr || pFile->m_pStorageFile->CheckSpace(pFile)) continue;
+        if (lpZeros == nullptr) lpZeros = (LPBYTE)get_aligned_buffer(CACHEFLUSH_GROW_BUFFER);
+        if (lpZeros == nullptr) return;
+        pFile->m_pStorageFile->ChangeFileSize(lpCritSection, pFile, 0, 0, lpZeros, nullptr,
+                                              pFile->m_liFileSize + CACHEFLUSH_GROW_SIZE, CACHEFLUSH_GROW_BUFFER,
+                                              nullptr);
+    }
+    free(lpZeros);
+}

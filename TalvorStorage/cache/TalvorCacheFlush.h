@@ -1,0 +1,98 @@
+// TalvorCacheFlush.h — what the two flush pipelines of the shared cache need
+// from outside the cache library, and how the two pipelines differ.
+//
+// The pipelines commit how far the files are on disk through the module's
+// two timestamp writers, find files by number and read the system head's
+// open mode. The module lives above this library, so it is reached through
+// ITalvorCacheFlushModule; the service supplies the real one, tests a fake.
+#pragma once
+
+#include "LinuxCommonAPI.h"
+#include "MemDBCommonDef.h"
+#include "TalvorStorageDef.h"
+#include "TypeDef.h"
+
+class CTalvorFlashback;
+
+// Results of m_bReserved of a ring entry once it is handled.
+enum : BYTE {
+    CACHEFLUSH_DONE = 0,
+    CACHEFLUSH_UNUSABLE = 250,   // offset 0, or a place outside the segment, its pool or the file
+    CACHEFLUSH_FAILED = 252,     // the write failed, or a timestamp was not committed
+    CACHEFLUSH_NOBACKEND = 253,  // the file has no backend
+    CACHEFLUSH_NOFILE = 254,     // no file of this pipeline's type with that number
+};
+
+// Bytes of a timestamp array image: what the writers copy from it.
+inline constexpr int CACHEFLUSH_TSIMAGE_SIZE = SYSTEMFILE_TIMESTAMP_NUM * (int)sizeof(long long);
+// A timestamp count that asks to clear the committed array.
+inline constexpr int CACHEFLUSH_TSNUM_CLEAR = 255;
+// The fit test: looks at 1 microsecond, then at 1 ms, then go ahead.
+inline constexpr int CACHEFLUSH_FIT_FAST_LOOKS = 100;
+inline constexpr int CACHEFLUSH_FIT_SLOW_LOOKS = 200;
+// FileSpaceManage every so many entries while the ring is busy.
+inline constexpr int CACHEFLUSH_SPACE_EVERY = 33;
+// Growth of a file short of room, and the zeros buffer that writes it.
+inline constexpr long long CACHEFLUSH_GROW_SIZE = 67108864;
+inline constexpr int CACHEFLUSH_GROW_BUFFER = 4194304;
+// Failed block writes remembered until written again (see the loop).
+inline constexpr int CACHEFLUSH_FAILED_MAX = 256;
+// How long Free waits for each flush thread, in ms.
+inline constexpr UINT CACHEFLUSH_JOIN_MS = 400000;
+
+// The module as the flush pipelines see it. Every method: any flush
+// thread, no latch of the cache held; the writers take the module's own.
+class ITalvorCacheFlushModule {
+public:
+    virtual ~ITalvorCacheFlushModule() {}
+    // The descriptor of file bFileNo (m_arFileInfo), or null.
+    virtual LPFILEINFO FileOf(BYTE bFileNo) = 0;
+    // m_bOpenFileUseBuffer of the system head; 0 without a head.
+    virtual BYTE OpenFileUseBuffer() = 0;
+    // The module's flashback object, or null.
+    virtual CTalvorFlashback* Flashback() = 0;
+    // The module's WriteCacheTableTimestamp / WriteCacheIndexTimestamp:
+    // S_OK once the timestamp (and the array, if given) is in the system
+    // file; a failure otherwise.
+    virtual HRESULT WriteCacheTableTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long llTimestamp,
+                                             LPBYTE lpTimestampBuf, int nTimestampNum) = 0;
+    virtual HRESULT WriteCacheIndexTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long llTimestamp,
+                                             LPBYTE lpTimestampBuf, int nTimestampNum) = 0;
+};
+
+// How the table pipeline and the index pipeline differ.
+struct CacheFlushKind {
+    BYTE bFileType;        // FILETYPE_TABLE or FILETYPE_INDEX
+    BOOL bIndex;
+    int nWorkSize;         // the work buffer
+    int nHeadMark;
+    int nExHeadMark;
+    LONG nNoFileCode;      // 60006001 / 60005001
+    LONG nNoBackendCode;   // 60006002 / 60005002
+    LONG nFailedCode;      // 60006004 / 60005004
+    LONG nNotCommittedCode;
+    LONG nUnusableCode;    // 60006011 / 60005011
+    LONG nThreadCode;      // started, closed
+    LONG nNoObjectCode;    // allocation failed
+    LONG nInitFailCode;    // Initialize failed
+    const char* lpszThread;
+};
+
+extern const CacheFlushKind g_stTableFlushKind;
+extern const CacheFlushKind g_stIndexFlushKind;
+
+// One run of a flush loop: its buffers and what it remembers between
+// entries. Owned by the loop's thread.
+struct CacheFlushRun {
+    const CacheFlushKind* pKind;
+    LPBYTE lpWork;
+    int nEntries;        // handled, for FileSpaceManage every 33rd
+    BOOL bExit;
+    // Blocks whose write failed and that were not written since. While one
+    // is left (or more failed than fit here) no timestamp is committed:
+    // the timestamp would stand for a block that is not on disk.
+    int nFailed;
+    BOOL bFailedOverflow;
+    BYTE arFailedFileNo[CACHEFLUSH_FAILED_MAX];
+    long long arFailedOffset[CACHEFLUSH_FAILED_MAX];
+};

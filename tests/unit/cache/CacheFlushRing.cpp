@@ -1,0 +1,282 @@
+// The table flush pipeline carrying out a ring of entries posted as the
+// engine posts them: in order, with their result codes, refusing entries
+// that name places outside the segment, its pools or the file, and
+// committing a timestamp only once every block posted before it is durable.
+// File bytes are checked against a model kept beside, never read back
+// through the backend.
+#include "FlushRingFixture.h"
+
+using namespace cachetest;
+using talvortest::FileOp;
+
+namespace {
+
+// --- Every type in order ------------------------------------------------------
+
+TEST_F(FlushRing, EveryTypeCarriedOutInOrderAcrossTheRingsEnd)
+{
+    MakeRing();
+    // The ring wraps from 127 to 0 in the middle of the batch.
+    Head()->m_bStorageFlushPos = 125;
+    m_nPos = 125;
+    PostData(10, 40LL * FS_PART);
+    PostPage(CACHEFLUSH_HEAD, 3, 0);
+    PostPage(CACHEFLUSH_EXHEAD, 4, 1LL * FS_PART);
+    PostPage(CACHEFLUSH_MAP, 5, 3LL * FS_PART, 1);
+    stu_CacheFlush* pCancel = PostData(11, 50LL * FS_PART, false);
+    pCancel->m_llTimestamp = 0;  // a cancelled block: dropped, result 0
+    stu_CacheFlush* pOther = Next();
+    pOther->m_bBlockType = 9;
+    pOther->m_bFileNo = FS_FILE_NO;
+    pOther->m_llCacheBlockOffset = m_llImages;
+    pOther->m_llFileBlockOffset = FS_PART;
+    Post(pOther);
+    PostTimestamp(9100, 7, 12);
+    PostTimestamp(9200, -1, CACHEFLUSH_TSNUM_CLEAR);
+    Run();
+
+    EXPECT_EQ(std::vector<int>(8, CACHEFLUSH_DONE), Results());
+    EXPECT_EQ((125 + 8) % CACHE_FLUSH_RING_SIZE, (int)Head()->m_bStorageFlushPos);
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
+    for (int i : {3, 4, 5}) EXPECT_EQ(0, Val(m_pCache->m_pFlushFile[i].m_bStatus)) << "image " << i;
+    EXPECT_EQ(0, Val(m_pCache->m_pFlushTimestampFile[7].m_bStatus));
+    ASSERT_EQ(2u, m_module.m_vCommits.size());
+    const FakeModule::Commit& c = m_module.m_vCommits[0];
+    EXPECT_FALSE(c.bIndex);
+    EXPECT_EQ(9100, c.llTimestamp);
+    EXPECT_EQ(12, c.nNum);
+    ASSERT_TRUE(c.bArray);
+    LPBYTE lpArray = Base() + m_llTsImages + 7LL * CACHEFLUSH_TSIMAGE_SIZE;
+    EXPECT_EQ(0, memcmp(c.vArray.data(), lpArray, CACHEFLUSH_TSIMAGE_SIZE));
+    EXPECT_EQ(9200, m_module.m_vCommits[1].llTimestamp);
+    EXPECT_FALSE(m_module.m_vCommits[1].bArray);
+    EXPECT_EQ(CACHEFLUSH_TSNUM_CLEAR, m_module.m_vCommits[1].nNum);
+    // The data block's flush mark is cleared; the cancelled one keeps its.
+    EXPECT_EQ(0, Val(((LPBLOCKHEAD)m_vLive[0])->m_bFlushFlag));
+    EXPECT_EQ(1, Val(((LPBLOCKHEAD)m_vLive[1])->m_bFlushFlag));
+}
+
+TEST_F(FlushRing, AnEmptyRingReturnsAtTheStopAndWritesNothing)
+{
+    MakeRing();
+    Run();
+    EXPECT_TRUE(Writes().empty());
+    EXPECT_TRUE(m_module.m_vCommits.empty());
+    EXPECT_EQ(0, (int)Head()->m_bStorageFlushPos);
+}
+
+// --- Entries outside what they may name ---------------------------------------
+
+TEST_F(FlushRing, EntriesOutsideSegmentPoolOrFileAreUnusableAndWriteNothing)
+{
+    MakeRing();
+    long long llSeg = m_pCache->m_llCacheBufferSize;
+    // Cache offset 0.
+    stu_CacheFlush* p = PostData(20, 40LL * FS_PART, false);
+    p->m_llCacheBlockOffset = 0;
+    // File offset 0 for a data block.
+    p = PostData(21, 41LL * FS_PART, false);
+    p->m_llFileBlockOffset = 0;
+    // A data block past the segment's end, and one inside the head blocks.
+    p = PostData(22, 42LL * FS_PART, false);
+    p->m_llCacheBlockOffset = llSeg - FS_PART / 2;
+    p = PostData(23, 43LL * FS_PART, false);
+    p->m_llCacheBlockOffset = CACHE_BLOCK_SIZE;
+    // A data block whose size runs past the segment.
+    p = PostData(24, 44LL * FS_PART, false);
+    p->m_nBlockSize = 0x7ffffe00;
+    // A data block past the file's end, and one over the head page.
+    p = PostData(25, FS_FILE_SIZE - FS_PART / 2, false);
+    p = PostData(26, 512, false);
+    // A map image of a pool index past the pool.
+    p = PostPage(CACHEFLUSH_MAP, 6, 3LL * FS_PART);
+    p->m_bReserved = CACHE_FLUSHFILE_NUM;
+    // A head image whose size is not a page.
+    p = PostPage(CACHEFLUSH_HEAD, 8, 0);
+    p->m_nBlockSize = 2 * CACHE_PAGE_SIZE;
+    // A timestamp array running past the segment, and one of a bad index.
+    p = PostTimestamp(9999, 2, 3);
+    p->m_llCacheBlockOffset = llSeg - 100;
+    p = PostTimestamp(9998, 3, 3);
+    p->m_bReserved = CACHE_FLUSHTSFILE_NUM;
+    m_vLogical = m_vDisk;
+    Run();
+
+    EXPECT_EQ(std::vector<int>(11, CACHEFLUSH_UNUSABLE), Results());
+    EXPECT_TRUE(Writes().empty());
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vDisk));
+    EXPECT_TRUE(m_module.m_vCommits.empty());
+    EXPECT_TRUE(Traced(60006011, "nCacheOffset"));
+    // No image is given back for an unusable entry.
+    EXPECT_EQ(1, Val(m_pCache->m_pFlushFile[8].m_bStatus));
+    // Every block stays dirty for the engine to post again.
+    for (LPBYTE lpLive : m_vLive) EXPECT_EQ(1, Val(((LPBLOCKHEAD)lpLive)->m_bSaveFlag));
+}
+
+TEST_F(FlushRing, UnknownFileAndFileWithoutBackendGetTheirCodes)
+{
+    MakeRing();
+    FILEINFO stBare = m_info;
+    stBare.m_bFileNo = 9;
+    stBare.m_pStorageFile = nullptr;
+    m_module.m_arFiles[9] = &stBare;
+    FILEINFO stIndex = m_info;
+    stIndex.m_bFileNo = 11;
+    stIndex.m_bFileType = (char)FILETYPE_INDEX;
+    m_module.m_arFiles[11] = &stIndex;
+
+    stu_CacheFlush* p = PostData(30, 40LL * FS_PART, false);
+    p->m_bFileNo = 9;
+    p = PostPage(CACHEFLUSH_MAP, 2, 3LL * FS_PART);
+    p->m_bFileNo = 9;
+    p = PostData(31, 41LL * FS_PART, false);
+    p->m_bFileNo = 200;
+    p = PostPage(CACHEFLUSH_MAP, 3, 3LL * FS_PART);
+    p->m_bFileNo = 201;
+    // A file of the other pipeline's type is not this pipeline's to write.
+    p = PostData(32, 42LL * FS_PART, false);
+    p->m_bFileNo = 11;
+    m_vLogical = m_vDisk;
+    Run();
+
+    EXPECT_EQ((std::vector<int>{CACHEFLUSH_NOBACKEND, CACHEFLUSH_NOBACKEND, CACHEFLUSH_NOFILE, CACHEFLUSH_NOFILE,
+                                CACHEFLUSH_NOFILE}),
+              Results());
+    EXPECT_TRUE(Writes().empty());
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vDisk));
+    EXPECT_EQ(0, Val(m_pCache->m_pFlushFile[2].m_bStatus));
+    EXPECT_EQ(0, Val(m_pCache->m_pFlushFile[3].m_bStatus));
+    EXPECT_TRUE(Traced(60006001, "file number 200"));
+    EXPECT_TRUE(Traced(60006002, "file number: 9"));
+}
+
+// --- Failed writes and the timestamps behind them ------------------------------
+
+TEST_F(FlushRing, FailedWriteGives252KeepsTheBlockDirtyAndHoldsTheTimestamp)
+{
+    MakeRing();
+    PostData(40, 40LL * FS_PART);
+    // Every try of the second block's write fails.
+    m_io.FailCall(FileOp::PWrite, m_io.Calls(FileOp::PWrite) + 2, EIO, FILESTORE_IO_TRIES);
+    stu_CacheFlush* pFailed = PostData(41, 41LL * FS_PART, false);
+    (void)pFailed;
+    PostTimestamp(8000, -1, 0);
+    Run();
+
+    EXPECT_EQ((std::vector<int>{CACHEFLUSH_DONE, CACHEFLUSH_FAILED, CACHEFLUSH_FAILED}), Results());
+    EXPECT_TRUE(m_module.m_vCommits.empty()) << "a timestamp stood for a block that is not on disk";
+    LPBLOCKHEAD h = (LPBLOCKHEAD)m_vLive[1];
+    EXPECT_EQ(1, Val(h->m_bSaveFlag));
+    EXPECT_TRUE(Traced(60006004, "block number: 41"));
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
+
+    // The engine posts the block again; now it is written, and the next
+    // timestamp is committed.
+    m_vPosted.clear();
+    m_pCache->m_bExit = 0;
+    stu_CacheFlush* p = Next();
+    m_vPosted.back() = (int)(p - m_pCache->m_pCacheFlush);
+    p->m_bBlockType = CACHEFLUSH_DATA;
+    p->m_bFileNo = FS_FILE_NO;
+    p->m_bFlushCode = 3;
+    p->m_nBlockNo = 41;
+    p->m_nBlockSize = FS_PART;
+    p->m_llTimestamp = FR_BLOCK_TS;
+    p->m_llTransTimestamp = FR_BLOCK_TS;
+    p->m_llCacheBlockOffset = m_vLive[1] - Base();
+    p->m_llFileBlockOffset = 41LL * FS_PART;
+    Post(p);
+    std::vector<BYTE> v(m_vLive[1], m_vLive[1] + FS_PART);
+    LPBLOCKHEAD c = (LPBLOCKHEAD)v.data();
+    c->m_bSaveFlag = 0;
+    c->m_bFlushFlag = 0;
+    c->m_nLockTimestamp = 0;
+    c->m_bStatus = 0;
+    c->m_bThreadNum = 0;
+    memcpy(m_vLogical.data() + 41LL * FS_PART, v.data(), v.size());
+    PostTimestamp(8100, -1, 0);
+    Run();
+    EXPECT_EQ((std::vector<int>{CACHEFLUSH_DONE, CACHEFLUSH_DONE}), Results());
+    ASSERT_EQ(1u, m_module.m_vCommits.size());
+    EXPECT_EQ(8100, m_module.m_vCommits[0].llTimestamp);
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
+}
+
+// --- Durability of a committed timestamp under a power cut ---------------------
+
+// Blocks go through the write buffers into a file opened for buffered
+// writes: nothing is durable until synced. The device dies after the Nth
+// write or sync, for every N the batch reaches, and the power goes. Each
+// timestamp the pipeline committed must then find every block posted
+// before it on disk with its bytes.
+class FlushRingPowerCut : public FlushRing, public ::testing::WithParamInterface<int> {
+protected:
+    struct Batch {
+        std::vector<long long> vOffsets;  // blocks in posting order
+        std::vector<size_t> vBefore;      // blocks before each timestamp
+        std::vector<long long> vTs;
+    };
+    void PostBatch(Batch& b)
+    {
+        const int arBlocks[] = {3, 2, 4};
+        UINT nBlockNo = 100;
+        long long llTs = 20000;
+        for (int nGroup : arBlocks) {
+            for (int i = 0; i < nGroup; i++) {
+                // Spread over several spans, some sharing one.
+                long long llOffset = (long long)(8 + nBlockNo % 7 * 21 + nBlockNo % 3) * FS_PART;
+                PostData(nBlockNo++, llOffset);
+                b.vOffsets.push_back(llOffset);
+            }
+            b.vBefore.push_back(b.vOffsets.size());
+            b.vTs.push_back(llTs);
+            PostTimestamp(llTs, -1, 0);
+            llTs += 1000;
+        }
+    }
+};
+
+// Cuts 1 to 40 cover every write and sync of the batch (about 20); the
+// last ones find the batch whole.
+TEST_P(FlushRingPowerCut, ACommittedTimestampFindsEveryEarlierBlockOnDisk)
+{
+    const long long nCut = GetParam();
+    MakeRing(TRUE, 1);
+    Batch b;
+    PostBatch(b);
+    long long nCalls = 0;
+    bool bDead = false;
+    auto fnCount = [&](const talvortest::FileCall&) {
+        if (++nCalls == nCut) {
+            bDead = true;
+            m_io.DieAfter(FileOp::PWrite, 0);
+        }
+    };
+    m_io.AfterCall(FileOp::PWrite, fnCount);
+    m_io.AfterCall(FileOp::FSync, fnCount);
+    Run();
+    m_io.AfterCall(FileOp::PWrite, nullptr);
+    m_io.AfterCall(FileOp::FSync, nullptr);
+    m_io.LosePower();
+    std::vector<BYTE> vFile = FileBytes();
+    ASSERT_EQ((size_t)FS_FILE_SIZE, vFile.size());
+    for (const FakeModule::Commit& c : m_module.m_vCommits) {
+        size_t nGroup = 0;
+        while (nGroup < b.vTs.size() && b.vTs[nGroup] != c.llTimestamp) nGroup++;
+        ASSERT_LT(nGroup, b.vTs.size());
+        for (size_t i = 0; i < b.vBefore[nGroup]; i++) {
+            long long llOff = b.vOffsets[i];
+            EXPECT_EQ(0, memcmp(vFile.data() + llOff, m_vLogical.data() + llOff, FS_PART))
+                << "timestamp " << c.llTimestamp << " committed but block at " << llOff << " is not on disk";
+        }
+    }
+    // Without a cut the whole batch goes through and every timestamp is
+    // committed. Every write and sync belongs to the drain before some
+    // timestamp, so once one failed after the cut that one is withheld.
+    if (!bDead) EXPECT_EQ(b.vTs.size(), m_module.m_vCommits.size());
+    if (nCalls > nCut) EXPECT_LT(m_module.m_vCommits.size(), b.vTs.size());
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryCut, FlushRingPowerCut, ::testing::Range(1, 41));
+
+} // namespace

@@ -1,0 +1,241 @@
+// The flush threads as the daemon runs them, and what the loop does besides
+// carrying out entries: an entry served while the thread waits on its
+// semaphore, the stop with entries still posted, a paused file holding the
+// ring, a file grown on demand so that an entry past its end goes through,
+// open requests, the index twin committing through its own writer, and an
+// entry whose block never becomes valid.
+#include "FlushRingFixture.h"
+#include "TestClock.h"
+
+#include <chrono>
+#include <sys/stat.h>
+#include <thread>
+
+using namespace cachetest;
+using talvortest::FileOp;
+
+namespace {
+
+bool WaitFor(const std::function<bool()>& fnDone, int nMs)
+{
+    for (int i = 0; i < nMs; i++) {
+        if (fnDone()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return fnDone();
+}
+
+class FlushThread : public FlushRing {
+protected:
+    void TearDown() override
+    {
+        if (m_pCache) m_pCache->Free();
+        FlushRing::TearDown();
+    }
+    ::testing::AssertionResult CacheLatchesFree()
+    {
+        if (m_pCache->m_crit.m_nLockFlag != 0) return ::testing::AssertionFailure() << "open latch taken";
+        if (m_pCache->m_csCache.m_nLockFlag != 0) return ::testing::AssertionFailure() << "chain latch taken";
+        return LatchFree();
+    }
+};
+
+TEST_F(FlushThread, ThreadsServeAPostedEntryAndEndPromptlyOnExit)
+{
+    MakeRing();
+    ASSERT_EQ(S_OK, m_pCache->CreateEventAndThread());
+    ASSERT_NE(0u, (unsigned long)m_pCache->m_hStorageFlushThread);
+    ASSERT_NE(0u, (unsigned long)m_pCache->m_hStorageIndexFlushThread);
+    stu_CacheFlush* p = PostData(60, 40LL * FS_PART);
+    SetEvent(m_pCache->m_hCacheFlush);
+    ASSERT_TRUE(WaitFor([&] { return Val(p->m_bStatus) == 0; }, 20000)) << "the posted entry was never served";
+    EXPECT_EQ(CACHEFLUSH_DONE, Val(p->m_bReserved));
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
+
+    // The stop is seen within a wait of the loop, not the 400 s of Free.
+    auto tStart = std::chrono::steady_clock::now();
+    m_pCache->Exit();
+    EXPECT_EQ(0, m_pCache->Free());
+    auto nMs = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - tStart).count();
+    EXPECT_LT(nMs, 30000) << "the flush threads did not see the stop";
+    EXPECT_EQ(0u, (unsigned long)m_pCache->m_hStorageFlushThread);
+    EXPECT_EQ(0u, (unsigned long)m_pCache->m_hStorageIndexFlushThread);
+    EXPECT_EQ(nullptr, m_pCache->m_hCacheFlush);
+    EXPECT_TRUE(CacheLatchesFree());
+    EXPECT_TRUE(Traced(60002000, "StorageFlushThread thread closed!"));
+    EXPECT_TRUE(Traced(6000300, "StorageIndexFlushThread thread closed!"));
+}
+
+TEST_F(FlushThread, EntriesPostedBeforeTheStopAreServedBeforeTheThreadEnds)
+{
+    MakeRing();
+    // The thread is held on its first write while the stop comes.
+    m_io.Hold(FileOp::PWrite);
+    ASSERT_EQ(S_OK, m_pCache->CreateEventAndThread());
+    std::vector<stu_CacheFlush*> v;
+    for (UINT n = 0; n < 5; n++) v.push_back(PostData(70 + n, (long long)(40 + n) * FS_PART));
+    SetEvent(m_pCache->m_hCacheFlush);
+    ASSERT_TRUE(m_io.WaitHeld(20000));
+    m_pCache->Exit();
+    m_io.Release();
+    EXPECT_EQ(0, m_pCache->Free());
+    for (stu_CacheFlush* p : v) {
+        EXPECT_EQ(0, Val(p->m_bStatus));
+        EXPECT_EQ(CACHEFLUSH_DONE, Val(p->m_bReserved));
+    }
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
+    EXPECT_TRUE(CacheLatchesFree());
+}
+
+TEST_F(FlushThread, WithoutTheModuleNoThreadStarts)
+{
+    MakeRing();
+    m_pCache->SetFlushModule(nullptr);
+    EXPECT_EQ(E_FAIL, m_pCache->CreateEventAndThread());
+    EXPECT_EQ(0u, (unsigned long)m_pCache->m_hStorageFlushThread);
+}
+
+// --- The loop besides entries ---------------------------------------------------
+
+TEST_F(FlushRing, APausedFileHoldsTheRingUntilThePauseEnds)
+{
+    MakeRing();
+    stu_CacheFlush* pFirst = PostData(80, 40LL * FS_PART);
+    stu_CacheFlush* pSecond = PostData(81, 41LL * FS_PART);
+    m_pCache->m_bPauseFileNo = FS_FILE_NO;
+    std::thread t([&] { EXPECT_EQ(S_OK, m_pCache->StorageFlush(nullptr)); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    // Nothing passes the paused entry.
+    EXPECT_EQ(1, Val(pFirst->m_bStatus));
+    EXPECT_EQ(1, Val(pSecond->m_bStatus));
+    EXPECT_TRUE(Writes().empty());
+    m_pCache->m_bPauseFileNo = 0;
+    EXPECT_TRUE(WaitFor([&] { return Val(pSecond->m_bStatus) == 0; }, 20000));
+    m_pCache->m_bExit = 1;
+    t.join();
+    EXPECT_EQ((std::vector<int>{CACHEFLUSH_DONE, CACHEFLUSH_DONE}), Results());
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
+}
+
+TEST_F(FlushRing, AtTheStopAPausedEntryStaysPostedForTheNextDaemon)
+{
+    MakeRing();
+    stu_CacheFlush* p = PostData(82, 40LL * FS_PART);
+    m_pCache->m_bPauseFileNo = FS_FILE_NO;
+    Run();
+    EXPECT_EQ(1, Val(p->m_bStatus));
+    EXPECT_EQ(0, (int)Head()->m_bStorageFlushPos);
+    EXPECT_TRUE(Writes().empty());
+}
+
+LPSYSTEMFILEHEAD TestSystemHead(CBreltMemStorageModule*)
+{
+    static SYSTEMFILEHEAD s_stHead;
+    return &s_stHead;
+}
+
+TEST_F(FlushRing, AFileShortOfRoomGrowsAndTheEntryPastItsOldEndGoesThrough)
+{
+    MakeRing();
+    static char s_cFlashback;
+    m_module.m_pFlashback = reinterpret_cast<CTalvorFlashback*>(&s_cFlashback);
+    LPSYSTEMHEADSOURCE pOld = g_pfnSystemHeadOf;
+    g_pfnSystemHeadOf = &TestSystemHead;
+    // The file's cached head: 20 MiB, nearly all of it in use.
+    LPTABLEFILEHEAD lpHead = (LPTABLEFILEHEAD)(Base() + (long long)Head()->m_nFileInfoNo[FS_FILE_NO] * CACHE_BLOCK_SIZE);
+    memset(lpHead, 0, CACHE_PAGE_SIZE);
+    lpHead->m_nDataFlag = TABLEFILE_DATAFLAG;
+    lpHead->m_bFileType = FILETYPE_TABLE;
+    lpHead->m_bFileNo = FS_FILE_NO;
+    lpHead->m_nFileTotalSize = FS_FILE_SIZE;
+    lpHead->m_nFileFreeMemoryOffset = FS_FILE_SIZE - FS_PART;
+    // 32 entries to nothing, so that the 33rd runs the space check first.
+    for (int i = 0; i < CACHEFLUSH_SPACE_EVERY - 1; i++) {
+        stu_CacheFlush* p = Next();
+        p->m_bBlockType = 9;
+        p->m_llCacheBlockOffset = m_llImages;
+        p->m_llFileBlockOffset = FS_PART;
+        Post(p);
+    }
+    long long llPast = FS_FILE_SIZE + 10LL * FS_PART;
+    std::vector<BYTE> vModel = m_vLogical;
+    m_vLogical.resize((size_t)(FS_FILE_SIZE + CACHEFLUSH_GROW_SIZE), 0);
+    stu_CacheFlush* pPast = PostData(90, llPast);
+    Run();
+    g_pfnSystemHeadOf = pOld;
+
+    EXPECT_EQ(CACHEFLUSH_DONE, Val(pPast->m_bReserved));
+    struct stat st;
+    ASSERT_EQ(0, stat(m_strPath.c_str(), &st));
+    EXPECT_GE((long long)st.st_size, FS_FILE_SIZE + CACHEFLUSH_GROW_SIZE);
+    EXPECT_EQ(FS_FILE_SIZE + CACHEFLUSH_GROW_SIZE, Val(lpHead->m_nFileTotalSize));
+    // The block is on disk at its place, read past every layer.
+    std::vector<BYTE> vBlock(FS_PART);
+    int fd = open(m_strPath.c_str(), O_RDONLY);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ((ssize_t)FS_PART, pread(fd, vBlock.data(), FS_PART, llPast));
+    close(fd);
+    EXPECT_EQ(0, memcmp(vBlock.data(), m_vLogical.data() + llPast, FS_PART));
+}
+
+TEST_F(FlushRing, AnOpenRequestOfThisTypeIsServedAndCleared)
+{
+    MakeRing();
+    FILEINFO stOther = m_info;
+    stOther.m_hFile = nullptr;
+    stOther.m_hFile2 = nullptr;
+    CTalvorFileStorage* pOther = new CTalvorFileStorage(m_pCache.get());
+    stOther.m_pStorageFile = pOther;
+    m_pCache->m_lpOpenFileInfo = &stOther;
+    Run();
+    EXPECT_EQ(nullptr, m_pCache->m_lpOpenFileInfo);
+    EXPECT_NE(nullptr, stOther.m_hFile);
+    EXPECT_NE(nullptr, stOther.m_hFile2);
+    pOther->Release();
+    // The index pipeline leaves a table file's request alone.
+    FILEINFO stTable = m_info;
+    stTable.m_hFile = nullptr;
+    m_pCache->m_lpOpenFileInfo = &stTable;
+    m_pCache->m_bExit = 1;
+    EXPECT_EQ(S_OK, m_pCache->StorageIndexFlush(nullptr));
+    EXPECT_EQ(&stTable, m_pCache->m_lpOpenFileInfo);
+    m_pCache->m_lpOpenFileInfo = nullptr;
+}
+
+TEST_F(FlushRing, TheIndexTwinServesItsOwnRingAndWriter)
+{
+    MakeRing();
+    stu_CacheFlush* pTable = PostTimestamp(500, -1, 0);
+    stu_CacheFlush* p = &m_pCache->m_pCacheIndexFlush[0];
+    memset((void*)p, 0, sizeof(*p));
+    p->m_bBlockType = CACHEFLUSH_TIMESTAMPS;
+    p->m_llTimestamp = 600;
+    p->m_nTimestampNum = 4;
+    Post(p);
+    m_pCache->m_bExit = 1;
+    EXPECT_EQ(S_OK, m_pCache->StorageIndexFlush(nullptr));
+    EXPECT_EQ(0, Val(p->m_bStatus));
+    EXPECT_EQ(1, Val(pTable->m_bStatus)) << "the index pipeline took a table entry";
+    EXPECT_EQ(1, (int)Head()->m_bStorageIndexFlushPos);
+    ASSERT_EQ(1u, m_module.m_vCommits.size());
+    EXPECT_TRUE(m_module.m_vCommits[0].bIndex);
+    EXPECT_EQ(600, m_module.m_vCommits[0].llTimestamp);
+    EXPECT_EQ(4, m_module.m_vCommits[0].nNum);
+}
+
+TEST_F(FlushRing, ABlockThatNeverBecomesValidIsHandedOnAndRefused)
+{
+    MakeRing();
+    stu_CacheFlush* p = PostData(95, 40LL * FS_PART, false);
+    // The block in the cache names another block number: the fit test
+    // waits its looks out, then FlushBlock refuses the copy.
+    p->m_nBlockNo = 96;
+    m_vLogical = m_vDisk;
+    Run();
+    EXPECT_EQ(0, Val(p->m_bStatus));
+    EXPECT_EQ(CACHEFLUSH_DONE, Val(p->m_bReserved)) << "a lapsed block is dropped by FlushBlock with 0";
+    EXPECT_TRUE(Writes().empty());
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vDisk));
+}
+
+} // namespace

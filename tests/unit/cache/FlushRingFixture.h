@@ -1,0 +1,201 @@
+// FlushRingFixture.h — a cache-mode file with its backend on a small cache,
+// the table flush ring as the engine fills it (data blocks in the file's
+// cache blocks, pages and timestamp arrays in pool images), a fake of the
+// module that records the timestamps committed, and a model of the file's
+// bytes that each posted entry updates.
+#pragma once
+
+#include "FileStorageFixture.h"
+#include "TalvorCacheFlush.h"
+
+#include <functional>
+
+namespace cachetest {
+
+inline constexpr long long FR_BLOCK_TS = 7000;
+
+// The module as the pipeline sees it: files by number, and a record of the
+// timestamps committed, with the array given.
+class FakeModule : public ITalvorCacheFlushModule {
+public:
+    struct Commit {
+        bool bIndex;
+        long long llTimestamp;
+        bool bArray;
+        std::vector<BYTE> vArray;
+        int nNum;
+    };
+    LPFILEINFO FileOf(BYTE bFileNo) override { return m_arFiles[bFileNo]; }
+    BYTE OpenFileUseBuffer() override { return m_bOpenMode; }
+    CTalvorFlashback* Flashback() override { return m_pFlashback; }
+    HRESULT WriteCacheTableTimestamp(LPTALVORCRITICALSECTION, long long llTs, LPBYTE lpBuf, int nNum) override
+    {
+        return Record(false, llTs, lpBuf, nNum);
+    }
+    HRESULT WriteCacheIndexTimestamp(LPTALVORCRITICALSECTION, long long llTs, LPBYTE lpBuf, int nNum) override
+    {
+        return Record(true, llTs, lpBuf, nNum);
+    }
+    HRESULT Record(bool bIndex, long long llTs, LPBYTE lpBuf, int nNum)
+    {
+        Commit c{bIndex, llTs, lpBuf != nullptr, {}, nNum};
+        if (lpBuf != nullptr) c.vArray.assign(lpBuf, lpBuf + CACHEFLUSH_TSIMAGE_SIZE);
+        if (m_fnOnCommit) m_fnOnCommit(c);
+        m_vCommits.push_back(c);
+        return S_OK;
+    }
+    LPFILEINFO m_arFiles[MAX_FILE_NUM] = {};
+    BYTE m_bOpenMode = 1;
+    CTalvorFlashback* m_pFlashback = nullptr;
+    std::vector<Commit> m_vCommits;
+    std::function<void(const Commit&)> m_fnOnCommit;
+};
+
+class FlushRing : public FileStorageFixture {
+protected:
+    void MakeRing(BOOL bFileCache = FALSE, BYTE bOpenMode = 1)
+    {
+        Make(bFileCache, FILETYPE_TABLE, bOpenMode);
+        m_module.m_bOpenMode = bOpenMode;
+        m_module.m_arFiles[FS_FILE_NO] = &m_info;
+        m_pCache->SetFlushModule(&m_module);
+        long long llHead = 0;
+        ASSERT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FS_FILE_NO, llHead));
+        m_llImages = m_pCache->GetLayout().m_llFlashBackOffset;
+        m_llTsImages = m_llImages + (long long)CACHE_FLUSHFILE_NUM * CACHE_PAGE_SIZE;
+        m_nPos = Head()->m_bStorageFlushPos;
+        ClearCalls();
+    }
+    // The next free entry at the engine's position, zeroed; posted by Post.
+    stu_CacheFlush* Next()
+    {
+        stu_CacheFlush* p = &m_pCache->m_pCacheFlush[m_nPos];
+        memset((void*)p, 0, sizeof(*p));
+        m_vPosted.push_back(m_nPos);
+        m_nPos = (m_nPos + 1) % CACHE_FLUSH_RING_SIZE;
+        return p;
+    }
+    static void Post(stu_CacheFlush* p)
+    {
+        __atomic_thread_fence(__ATOMIC_RELEASE);
+        p->m_bStatus = 1;
+    }
+    // A dirty data block in a cache block of the file's chain; its entry.
+    // The model learns the bytes the disk must get.
+    stu_CacheFlush* PostData(UINT nBlockNo, long long llFileOffset, bool bModel = true)
+    {
+        long long llCache = 0;
+        EXPECT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FS_FILE_NO, llCache));
+        LPBYTE lpLive = Base() + llCache;
+        for (int i = 0; i < FS_PART; i++) lpLive[i] = (BYTE)m_rng();
+        LPBLOCKHEAD h = (LPBLOCKHEAD)lpLive;
+        h->m_nDataFlag = BLOCK_DATAFLAG;
+        h->m_nBlockNo = nBlockNo;
+        h->m_nTimestamp = FR_BLOCK_TS;
+        h->m_nLockTimestamp = 5;
+        h->m_nBlockSize = FS_PART;
+        h->m_bStatus = 2;
+        h->m_bFileNo = FS_FILE_NO;
+        h->m_bSaveFlag = 1;
+        h->m_bThreadNum = 1;
+        h->m_bFlushCode = 3;
+        h->m_bFlushFlag = 1;
+        if (bModel) {
+            std::vector<BYTE> v(lpLive, lpLive + FS_PART);
+            LPBLOCKHEAD c = (LPBLOCKHEAD)v.data();
+            c->m_bSaveFlag = 0;
+            c->m_bFlushFlag = 0;
+            c->m_nLockTimestamp = 0;
+            c->m_bStatus = 0;
+            c->m_bThreadNum = 0;
+            memcpy(m_vLogical.data() + llFileOffset, v.data(), v.size());
+        }
+        stu_CacheFlush* p = Next();
+        p->m_bBlockType = CACHEFLUSH_DATA;
+        p->m_bFileNo = FS_FILE_NO;
+        p->m_bFlushCode = 3;
+        p->m_nBlockNo = nBlockNo;
+        p->m_nBlockSize = FS_PART;
+        p->m_llTimestamp = FR_BLOCK_TS;
+        p->m_llTransTimestamp = FR_BLOCK_TS;
+        p->m_llCacheBlockOffset = llCache;
+        p->m_llFileBlockOffset = llFileOffset;
+        m_vLive.push_back(lpLive);
+        Post(p);
+        return p;
+    }
+    // A head, extended head or map image in pool image bIndex; its entry.
+    stu_CacheFlush* PostPage(BYTE bType, BYTE bIndex, long long llFileOffset, UINT nMapNo = 1)
+    {
+        LPBYTE lpImage = Base() + m_llImages + (long long)bIndex * CACHE_PAGE_SIZE;
+        for (int i = 0; i < CACHE_PAGE_SIZE; i++) lpImage[i] = (BYTE)m_rng();
+        int nMark = bType == CACHEFLUSH_HEAD ? TABLEFILE_DATAFLAG
+                    : bType == CACHEFLUSH_EXHEAD ? TABLEFILEEX_DATAFLAG
+                                                 : BLOCKMAP_CACHE_DATAFLAG;
+        memcpy(lpImage, &nMark, sizeof(nMark));
+        if (bType == CACHEFLUSH_HEAD) {
+            ((LPTABLEFILEHEAD)lpImage)->m_bFileType = FILETYPE_TABLE;
+            ((LPTABLEFILEHEAD)lpImage)->m_bFileNo = FS_FILE_NO;
+        }
+        if (bType == CACHEFLUSH_EXHEAD) ((LPTABLEFILEHEADEX)lpImage)->m_bFileNo = FS_FILE_NO;
+        if (bType == CACHEFLUSH_MAP) ((LPBASEFILEBLOCKMAPHEAD_CACHE)lpImage)->m_nMapNo = (int)nMapNo;
+        long long llPlace = bType == CACHEFLUSH_HEAD ? 0 : llFileOffset;
+        memcpy(m_vLogical.data() + llPlace, lpImage, CACHE_PAGE_SIZE);
+        m_pCache->m_pFlushFile[bIndex].m_bStatus = 1;
+        stu_CacheFlush* p = Next();
+        p->m_bBlockType = bType;
+        p->m_bReserved = bIndex;
+        p->m_bFileNo = FS_FILE_NO;
+        p->m_nBlockNo = nMapNo;
+        p->m_nBlockSize = CACHE_PAGE_SIZE;
+        p->m_llCacheBlockOffset = m_llImages + (long long)bIndex * CACHE_PAGE_SIZE;
+        p->m_llFileBlockOffset = llFileOffset;
+        Post(p);
+        return p;
+    }
+    // A timestamp entry, with an array in timestamp image bIndex or none.
+    stu_CacheFlush* PostTimestamp(long long llTs, int bIndex, int nNum)
+    {
+        stu_CacheFlush* p = Next();
+        p->m_bBlockType = CACHEFLUSH_TIMESTAMPS;
+        p->m_llTimestamp = llTs;
+        p->m_nTimestampNum = nNum;
+        if (bIndex >= 0) {
+            LPBYTE lpArray = Base() + m_llTsImages + (long long)bIndex * CACHEFLUSH_TSIMAGE_SIZE;
+            for (int i = 0; i < CACHEFLUSH_TSIMAGE_SIZE; i++) lpArray[i] = (BYTE)m_rng();
+            m_pCache->m_pFlushTimestampFile[bIndex].m_bStatus = 1;
+            p->m_bReserved = (BYTE)bIndex;
+            p->m_llCacheBlockOffset = m_llTsImages + (long long)bIndex * CACHEFLUSH_TSIMAGE_SIZE;
+        }
+        Post(p);
+        return p;
+    }
+    // The pipeline told to stop: it serves what is posted and returns.
+    void Run()
+    {
+        m_pCache->m_bExit = 1;
+        EXPECT_EQ(S_OK, m_pCache->StorageFlush(nullptr));
+        EXPECT_TRUE(LatchFree());
+    }
+    // Result codes of the posted entries, in posting order; each entry
+    // must be free again.
+    std::vector<int> Results()
+    {
+        std::vector<int> v;
+        for (int n : m_vPosted) {
+            const stu_CacheFlush& e = m_pCache->m_pCacheFlush[n];
+            EXPECT_EQ(0, Val(e.m_bStatus)) << "entry " << n;
+            v.push_back(Val(e.m_bReserved));
+        }
+        return v;
+    }
+
+    FakeModule m_module;
+    long long m_llImages = 0;
+    long long m_llTsImages = 0;
+    int m_nPos = 0;
+    std::vector<int> m_vPosted;
+    std::vector<LPBYTE> m_vLive;
+};
+
+} // namespace cachetest
