@@ -76,10 +76,10 @@ TEST(FlashbackConsistency, EveryCommitOnDiskIsTheImageAsOfItsTimestamp)
                                                [&](LPSYSTEMBLOCKHEAD, LPFILE_MEMDBFILEINFO lpRow) {
                                                    nRows++;
                                                    EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD)) << nRows;
-                                                   if (lpRow->m_bFileNo >= 2)
-                                                       EXPECT_EQ(lpRow->m_bFileNo <= 3 ? 8 * DB_MIB : 4 * DB_MIB,
-                                                                 Val(lpRow->m_nFileSize))
-                                                           << (int)lpRow->m_bFileNo;
+                                                   if (lpRow->m_bFileNo < 2) return true;
+                                                   EXPECT_EQ(lpRow->m_bFileNo <= 3 ? 8 * DB_MIB : 4 * DB_MIB,
+                                                             Val(lpRow->m_nFileSize))
+                                                       << (int)lpRow->m_bFileNo;
                                                    return true;
                                                }));
     EXPECT_EQ(5, nRows);
