@@ -273,8 +273,12 @@ TEST_P(FlushRingPowerCut, ACommittedTimestampFindsEveryEarlierBlockOnDisk)
     // Without a cut the whole batch goes through and every timestamp is
     // committed. Every write and sync belongs to the drain before some
     // timestamp, so once one failed after the cut that one is withheld.
-    if (!bDead) EXPECT_EQ(b.vTs.size(), m_module.m_vCommits.size());
-    if (nCalls > nCut) EXPECT_LT(m_module.m_vCommits.size(), b.vTs.size());
+    if (!bDead) {
+        EXPECT_EQ(b.vTs.size(), m_module.m_vCommits.size());
+    }
+    if (nCalls > nCut) {
+        EXPECT_LT(m_module.m_vCommits.size(), b.vTs.size());
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryCut, FlushRingPowerCut, ::testing::Range(1, 41));
