@@ -3,6 +3,7 @@
 // for a timestamp that does not move, and memory only while saving is held
 // off.
 #include "PersistenceDb.h"
+#include "StorageCacheBridge.h"
 #include "TestFiles.h"
 
 #include <vector>
@@ -79,4 +80,22 @@ TEST_F(CacheTimestamps, IndexStampAlwaysWritesItsArrayAndAHoldKeepsBothInMemory)
         EXPECT_EQ(0, DiskStamp(SYSTEMFILE_CACHETABLETS_OFFSET)) << "flag " << nFlag;
         (nFlag == 0 ? m_db.Head()->m_bForbidSaveFlag : lpCmd->m_bForbidSaveFlag) = 0;
     }
+}
+
+// The flush pipelines reach the module only through the bridge: a stamp
+// handed to it lands in the system file, and a file is found by its number.
+TEST_F(CacheTimestamps, TheFlushPipelinesBridgeReachesTheWritersAndTheFiles)
+{
+    CStorageCacheBridge bridge(&m_db.Module());
+    ITalvorCacheFlushModule& module = bridge;
+    ASSERT_EQ(S_OK, module.WriteCacheTableTimestamp(nullptr, 4321, nullptr, 0));
+    EXPECT_EQ(4321, DiskStamp(SYSTEMFILE_CACHETABLETS_OFFSET));
+    ASSERT_EQ(S_OK, module.WriteCacheIndexTimestamp(nullptr, 8765, nullptr, 0));
+    EXPECT_EQ(8765, DiskStamp(SYSTEMFILE_CACHEINDEXTS_OFFSET));
+    ASSERT_NE(nullptr, module.FileOf(2));
+    EXPECT_EQ(2, Val(module.FileOf(2)->m_bFileNo));
+    EXPECT_EQ(nullptr, module.FileOf(200));
+    EXPECT_EQ(m_db.Module().GetFlashback(), module.Flashback());
+    m_db.Head()->m_bOpenFileUseBuffer = 1;
+    EXPECT_EQ(1, module.OpenFileUseBuffer());
 }

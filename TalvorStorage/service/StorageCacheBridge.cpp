@@ -1,0 +1,24 @@
+// StorageCacheBridge.cpp — see StorageCacheBridge.h.
+#include "StorageCacheBridge.h"
+
+LPFILEINFO CStorageCacheBridge::FileOf(BYTE bFileNo) { return m_pModule->GetFileInfo(bFileNo); }
+
+BYTE CStorageCacheBridge::OpenFileUseBuffer()
+{
+    LPSYSTEMFILEHEAD lpHead = m_pModule->GetSystemFileHead();
+    return lpHead != nullptr ? lpHead->m_bOpenFileUseBuffer : 0;
+}
+
+CTalvorFlashback* CStorageCacheBridge::Flashback() { return m_pModule->GetFlashback(); }
+
+HRESULT CStorageCacheBridge::WriteCacheTableTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long llTimestamp,
+                                                      LPBYTE lpTimestampBuf, int nTimestampNum)
+{
+    return m_pModule->WriteCacheTableTimestamp(lpCritSection, llTimestamp, lpTimestampBuf, nTimestampNum);
+}
+
+HRESULT CStorageCacheBridge::WriteCacheIndexTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long llTimestamp,
+                                                      LPBYTE lpTimestampBuf, int nTimestampNum)
+{
+    return m_pModule->WriteCacheIndexTimestamp(lpCritSection, llTimestamp, lpTimestampBuf, nTimestampNum);
+}
