@@ -42,8 +42,6 @@ HRESULT CTalvorCacheStorage::InitCacheHead(LPTALVORCRITICALSECTION) { return E_F
 
 int CTalvorCacheStorage::FlushFileBlock(LPTALVORCRITICALSECTION) { return 1; }
 
-int CTalvorCacheStorage::InitFileLoadThreadAndEvent(BYTE) { return 0; }
-
 int CTalvorCacheStorage::Exit()
 {
     m_bExit = 1;
@@ -53,5 +51,6 @@ int CTalvorCacheStorage::Exit()
 int CTalvorCacheStorage::Free()
 {
     m_bExit = 1;
+    StopLoadThreads();
     return 0;
 }

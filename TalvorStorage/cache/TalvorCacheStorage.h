@@ -33,7 +33,18 @@ inline constexpr int CACHE_RESULT_NOFREEBLOCK = 9500;   // the free chain is emp
 inline constexpr int CACHE_RESULT_BADCHAIN = 1;         // a chain or a page in it is not what it should be
 inline constexpr int CACHE_RESULT_NOCHAIN = 4;          // a head names no following page in the cache
 
-// Per file: its load thread and semaphores (started by the next piece).
+// ---- Load threads (TalvorCacheLoad.cpp) ----
+// Where a load thread finds the descriptor of the file a slot names: set
+// once by the module before the first file opens; null (the default) or a
+// null answer makes every slot answered CACHELOAD_NOFILE. The cache's
+// library cannot reach up to the module's file table.
+typedef LPFILEINFO (*LPCACHEFILESOURCE)(CBreltMemStorageModule* pModule, BYTE bFileNo);
+extern LPCACHEFILESOURCE g_pfnCacheFileOf;
+// How long Free waits for one load thread to end, in ms.
+inline constexpr UINT CACHE_LOAD_JOIN_MS = 10000;
+// ---- end of the load threads' declarations ----
+
+// Per file: its load thread and semaphores.
 typedef struct _stu_FileLoadInfo {
     HTHREADTYPE m_hStorageLoadThread;
     HEVENTTYPE m_hStorageLoad;
@@ -93,8 +104,10 @@ public:
     // blocks; 1 for a bad argument. Takes m_csCache.
     int NewFile2Cache(LPTALVORCRITICALSECTION lpCritSection, BYTE bFileNo, BYTE bFileType, LPBYTE lpBuf,
                       int nExHeadNum);
-    // Starts the file's load thread and opens its semaphores: not built yet;
-    // 0. Any thread that adds a file.
+    // Opens the file's two load semaphores and starts its load thread
+    // (TalvorCacheLoad.cpp). 0; 1 when it has them already, or traced when
+    // a semaphore or the thread cannot be had (nothing left open). Any
+    // thread that adds a file; no latch held.
     int InitFileLoadThreadAndEvent(BYTE bFileNo);
     // File bFileNo's load group: 0 with its first slot and slot count; 1
     // when it has none, its status refuses it or it lies outside the slot
@@ -156,7 +169,42 @@ public:
     UINT m_nLeaveFreeNo;
     stu_FileLoadInfo m_stFileLoadInfo[MAX_FILE_NUM];
 
+    // ---- Load threads (TalvorCacheLoad.cpp) ----
+    // The thread of one file: serves the file's load slots until m_bExit.
+    // lpParam is a record {file number, this} from new (std::nothrow) that
+    // the thread deletes at its end. Contained (TalvorRunContained).
+    static void* StorageLoadThread(LPVOID lpParam);
+    // The body of the thread: 0 when told to stop; 1 when the file has no
+    // usable load group (60004000). Each posted slot is answered in
+    // m_bSuccess: CACHELOAD_OK with the block copied whole into its cache
+    // block; CACHELOAD_FAILED with the cache block untouched when a slot
+    // field lies outside the block area or the file, or the block read is
+    // not the one asked for (mark, number, file, size) or cannot be read;
+    // CACHELOAD_NOFILE / CACHELOAD_NOBACKEND when the file is unknown. Every
+    // wait is bounded by m_nWaitTime and sees m_bExit. The load thread;
+    // holds no latch of this object; the backend takes its own inside.
+    HRESULT StorageLoad(LPTALVORCRITICALSECTION lpCritSection, BYTE bFileNo);
+    // Joins every load thread (m_bExit must be set) up to CACHE_LOAD_JOIN_MS
+    // each and closes their semaphores. Main thread, at the end.
+    void StopLoadThreads();
+    // ---- end of the load threads' declarations ----
+
 private:
+    // ---- Load threads (TalvorCacheLoad.cpp); no latch held ----
+    int OpenLoadEvents(BYTE bFileNo);
+    void CloseLoadEvents(BYTE bFileNo);
+    BOOL WaitForPostedSlot(LPstu_FileCacheLoadInfo lpInfo, LPCacheBufferBlockOperate lpSlot, BYTE bFileNo);
+    void WaitForVerification(LPCacheBufferBlockOperate lpSlot);
+    BOOL WaitWhilePaused(LPCacheBufferBlockOperate lpSlot);
+    BYTE ServeSlot(LPTALVORCRITICALSECTION lpCritSection, LPCacheBufferBlockOperate lpSlot, LPBYTE& lpPrivate,
+                   int& nPrivateSize);
+    LPBYTE SlotTarget(LPCacheBufferBlockOperate lpSlot, int nSize) const;
+    BYTE ReadAndCheck(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, BYTE bSlotFile, UINT nBlockNo,
+                      long long llFileOffset, int nSize, LPBYTE lpPrivate);
+    void AnswerSlot(LPstu_FileCacheLoadInfo lpInfo, LPCacheBufferBlockOperate lpSlot, BYTE bPos, int nNum,
+                    BYTE bSuccess, BYTE bFileNo);
+    // ---- end of the load threads' declarations ----
+
     // Segment (TalvorCacheSegment.cpp).
     int FindOrCreateSegment(LPCTSTR lpszMemFileName, BOOL& bFound);
     int DropForeignSizedSegment(MFID nId, LPCTSTR lpszMemFileName);
