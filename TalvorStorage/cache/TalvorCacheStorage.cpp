@@ -38,8 +38,6 @@ CTalvorCacheStorage::~CTalvorCacheStorage()
 
 int CTalvorCacheStorage::CreateEventAndThread() { return S_OK; }
 
-HRESULT CTalvorCacheStorage::InitCacheHead(LPTALVORCRITICALSECTION) { return E_FAIL; }
-
 int CTalvorCacheStorage::FlushFileBlock(LPTALVORCRITICALSECTION) { return 1; }
 
 int CTalvorCacheStorage::Exit()

@@ -42,6 +42,15 @@ typedef LPFILEINFO (*LPCACHEFILESOURCE)(CBreltMemStorageModule* pModule, BYTE bF
 extern LPCACHEFILESOURCE g_pfnCacheFileOf;
 // How long Free waits for one load thread to end, in ms.
 inline constexpr UINT CACHE_LOAD_JOIN_MS = 10000;
+// Where the preload finds the module's list of files (m_pStorageInfo,
+// chained by m_pNext): set once by the module; null means no file.
+typedef LPFILEINFO (*LPCACHEFILELIST)(CBreltMemStorageModule* pModule);
+extern LPCACHEFILELIST g_pfnCacheFileListOf;
+// LoadIndexBlock / LoadTableBlock: the object's free cursor reached 0.
+inline constexpr int CACHE_RESULT_CACHEFULL = 9501;
+// Preload: bytes read from a file at a time, and where its blocks begin.
+inline constexpr int CACHE_PRELOAD_PIECE = 8388608;
+inline constexpr long long CACHE_PRELOAD_FROM = 32768;
 // ---- end of the load threads' declarations ----
 
 // Per file: its load thread and semaphores.
@@ -80,7 +89,14 @@ public:
     // Opens the four flush semaphores and starts the two flush threads: not
     // built yet; starts nothing and returns S_OK. Main thread, at start.
     int CreateEventAndThread();
-    // Waits for the backends and preloads: not built yet, E_FAIL. Main thread.
+    // Waits (1 ms at a time, m_bExit ends it with E_FAIL) for every
+    // cache-mode file's backend, then preloads index files and, when the
+    // whole index fits, table files (TalvorCachePreload.cpp). A cache taken
+    // over whole loads nothing. 0 also when the cache fills early; 4 / 1
+    // when an index file's first map block cannot be found in the cache
+    // (head without / with a next page); E_FAIL on a bad head size, a broken
+    // map chain or a failed read. The head's m_bStatus ends 0, or 255 on a
+    // failure. Main thread, no latch held, before the engine runs.
     HRESULT InitCacheHead(LPTALVORCRITICALSECTION lpCritSection);
     // Writes everything dirty without the engine: not built yet, 1. Main thread.
     int FlushFileBlock(LPTALVORCRITICALSECTION lpCritSection);
@@ -187,6 +203,17 @@ public:
     // Joins every load thread (m_bExit must be set) up to CACHE_LOAD_JOIN_MS
     // each and closes their semaphores. Main thread, at the end.
     void StopLoadThreads();
+    // Preload (TalvorCachePreload.cpp). Copy nBlockSize bytes (1 to 16384)
+    // into the cache block at the object's cursor m_nFreeNo and move the
+    // cursor along the free chain; the use count of the copy is cleared.
+    // 0; CACHE_RESULT_CACHEFULL with the cursor 0 when no block is left (or
+    // the chain leaves the block area); 1 for a bad size. Start-up thread,
+    // alone on the cache.
+    int LoadIndexBlock(LPBYTE lpBuf, int nBlockSize);
+    int LoadTableBlock(LPBYTE lpBuf, int nBlockSize);
+    // Where the preload shows its progress (the module's m_TalvorProgress);
+    // null shows nothing.
+    LPTALVORPROGRESS m_pLoadProgress = nullptr;
     // ---- end of the load threads' declarations ----
 
 private:
@@ -203,6 +230,11 @@ private:
                       long long llFileOffset, int nSize, LPBYTE lpPrivate);
     void AnswerSlot(LPstu_FileCacheLoadInfo lpInfo, LPCacheBufferBlockOperate lpSlot, BYTE bPos, int nNum,
                     BYTE bSuccess, BYTE bFileNo);
+    // Preload (TalvorCachePreload.cpp).
+    int CopyToCursor(LPBYTE lpBuf, int nBlockSize);
+    LPTABLEFILEHEAD CachedFileHead(BYTE bFileNo) const;
+    BOOL WaitForBackends();
+    HRESULT FailPreload(LPBYTE lpBuffer, HRESULT hr);
     // ---- end of the load threads' declarations ----
 
     // Segment (TalvorCacheSegment.cpp).
