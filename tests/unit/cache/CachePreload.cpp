@@ -4,6 +4,8 @@
 // are computed here from the file layout the test wrote, and compared with
 // the file's bytes read past every layer.
 #include "CacheFixture.h"
+#include "FaultFileIO.h"
+#include "TalvorFileIO.h"
 #include "TalvorFileStorage.h"
 #include "TempTree.h"
 
@@ -69,7 +71,7 @@ protected:
         f.bFileNo = bFileNo;
         f.bType = bType;
         f.vBlocks = vBlocks;
-        std::vector<BYTE> v((size_t)FILE_SIZE);
+        std::vector<BYTE> v((size_t)m_llFileSize);
         for (BYTE& b : v) b = (BYTE)m_rng();
         long long llAt = 32768;
         LPBYTE lpMapPage = v.data() + CACHE_BLOCK_SIZE;
@@ -99,10 +101,10 @@ protected:
         lpHead->m_bFileNo = bFileNo;
         lpHead->m_bFileType = bType;
         lpHead->m_nBlockNum = (UINT)vBlocks.size();
-        lpHead->m_nFileTotalSize = FILE_SIZE;
+        lpHead->m_nFileTotalSize = m_llFileSize;
         lpHead->m_nFileHeaderSize = CACHE_BLOCK_SIZE;
         lpHead->m_nBlockMapStructSize = BLOCKMAP_STRUCT_SIZE_CACHE;
-        lpHead->m_nMaxBlockMapNum = 600;
+        lpHead->m_nMaxBlockMapNum = m_nMaxMap;
         lpHead->m_nFileFreeMemoryOffset = llAt;
         f.strPath = m_tree.Path("File" + std::to_string(bFileNo) + ".dbf");
         int fd = open(f.strPath.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0666);
@@ -117,7 +119,7 @@ protected:
         snprintf(f.info.m_lpszFilePath, sizeof(f.info.m_lpszFilePath), "%s", f.strPath.c_str());
         f.info.m_bFileNo = bFileNo;
         f.info.m_bFileType = (char)bType;
-        f.info.m_liFileSize = FILE_SIZE;
+        f.info.m_liFileSize = m_llFileSize;
         f.info.m_pLoadSize = &f.llLoadSize;
         f.pStorage = new CTalvorFileStorage(m_pCache.get());
         EXPECT_EQ(0, f.pStorage->OpenFile(nullptr, &f.info, 1));
@@ -178,6 +180,8 @@ protected:
         return ::testing::AssertionSuccess();
     }
 
+    long long m_llFileSize = FILE_SIZE;
+    int m_nMaxMap = 600;
     talvortest::TempTree m_tree{"preload"};
     std::vector<std::unique_ptr<TestFile>> m_vFiles;
     std::mt19937 m_rng;
@@ -307,6 +311,56 @@ TEST_F(CachePreload, ATakenOverCacheLoadsNothingAndBadHeadsFail)
     h->m_nCacheStartOffset = 0;
     EXPECT_EQ(CACHE_RESULT_NOCHAIN, m_pCache->InitCacheHead(nullptr));
     EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
+}
+
+TEST_F(CachePreload, BlocksAcrossThePieceBoundaryKeepTheScanInStep)
+{
+    // One half-size block first puts every later block 8192 bytes off the
+    // pieces, so that one straddles the end of the first 8 MiB piece.
+    m_llFileSize = 12LL * 1048576;
+    std::vector<BlockSpec> v = {{1, H, 1}};
+    for (int i = 0; i < 590; i++) v.push_back({2, P, 1});
+    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, v);
+    EXPECT_EQ(S_OK, m_pCache->InitCacheHead(nullptr));
+    // The page of the straddling block runs over the first piece: the next
+    // piece starts at it and loads it whole. Every block is loaded, in
+    // order, equal to the file.
+    long long llPieceEnd = CACHE_PRELOAD_FROM + CACHE_PRELOAD_PIECE;
+    std::vector<std::pair<TestFile*, int>> vWant;
+    int nStraddling = -1;
+    for (int b = 0; b < (int)v.size(); b++) {
+        long long llAt = idx.vOffsets[(size_t)b];
+        if (llAt < llPieceEnd && llAt + v[(size_t)b].nSize > llPieceEnd) nStraddling = b;
+        vWant.push_back({&idx, b});
+    }
+    ASSERT_GT(nStraddling, 0);
+    EXPECT_TRUE(ChainHolds(vWant));
+    EXPECT_EQ(m_llFileSize, idx.llLoadSize);
+}
+
+TEST_F(CachePreload, AReadErrorOrABrokenMapFailsTheLoad)
+{
+    talvortest::FaultFileIO io;
+    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
+    (void)idx;
+    TALVORPROGRESS stProgress;
+    memset(&stProgress, 0, sizeof(stProgress));
+    m_pCache->m_pLoadProgress = &stProgress;
+    {
+        talvortest::ScopedFileIO scoped(&io);
+        io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);
+        EXPECT_EQ(E_FAIL, m_pCache->InitCacheHead(nullptr));
+    }
+    EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
+    EXPECT_STREQ("Load failed!", stProgress.m_lpTitle);
+    // A full map block whose next map block is missing.
+    TearDown();
+    SetUp();
+    m_nMaxMap = 16;
+    AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
+    EXPECT_EQ(E_FAIL, m_pCache->InitCacheHead(nullptr));
+    EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
+    EXPECT_TRUE(Traced(60010002, "the MAP is lost, the file number is: 11"));
 }
 
 } // namespace
