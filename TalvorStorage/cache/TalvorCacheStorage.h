@@ -8,12 +8,12 @@
 // the engine's own lookup; the daemon only ever names cache offsets.
 //
 // What is here: the segment (Initialize, Free), the chains (LoadFile2Cache,
-// NewFile2Cache, the walk to a file's first map block) and the load groups.
-// The flush threads, the load threads and the preload belong to the next
-// piece of work: CreateEventAndThread and InitFileLoadThreadAndEvent start
-// no thread yet and answer success, and InitCacheHead and FlushFileBlock
-// refuse. The daemon still refuses cache-mode files at start, so none of
-// these is reached from a running daemon yet.
+// NewFile2Cache, the walk to a file's first map block), the load groups,
+// the load threads (TalvorCacheLoad.cpp) and the preload
+// (TalvorCachePreload.cpp). The flush threads belong to the next piece of
+// work: CreateEventAndThread starts no thread yet and answers success, and
+// FlushFileBlock refuses. The daemon still refuses cache-mode files at
+// start, so none of these is reached from a running daemon yet.
 //
 // Threads: Initialize and Free are for the start-up (main) thread alone, with
 // no latch held. The chain functions take m_csCache themselves; the caller
@@ -102,8 +102,9 @@ public:
     int FlushFileBlock(LPTALVORCRITICALSECTION lpCritSection);
     // Asks the cache threads to stop; 0. Any thread.
     int Exit();
-    // Asks the cache threads to stop and joins those that run (none yet);
-    // the segment stays until the destructor. Main thread, at the end.
+    // Asks the cache threads to stop and joins the load threads (see
+    // StopLoadThreads); the segment stays until the destructor. Main
+    // thread, at the end.
     int Free();
 
     // Takes the first block of the free chain and appends it to the chain
