@@ -24,7 +24,7 @@ const BYTE INDEX_NO = 11;
 const BYTE TABLE_NO = 12;
 const long long FILE_SIZE = 4LL * 1048576;
 
-struct BlockSpec {
+struct BlockShape {
     BYTE bNode;  // 1 leaf, 2..5 upper; table blocks 0
     int nSize;
     int nID;
@@ -33,7 +33,7 @@ struct BlockSpec {
 struct TestFile {
     BYTE bFileNo;
     BYTE bType;
-    std::vector<BlockSpec> vBlocks;
+    std::vector<BlockShape> vBlocks;
     std::vector<long long> vOffsets;
     std::string strPath;
     FILEINFO info;
@@ -64,7 +64,7 @@ protected:
 
     // Writes the file (head page, one map page, the blocks from 32768),
     // puts its head and map into the cache and opens its backend.
-    TestFile& AddFile(BYTE bFileNo, BYTE bType, const std::vector<BlockSpec>& vBlocks)
+    TestFile& AddFile(BYTE bFileNo, BYTE bType, const std::vector<BlockShape>& vBlocks)
     {
         m_vFiles.emplace_back(new TestFile);
         TestFile& f = *m_vFiles.back();
@@ -193,7 +193,7 @@ const int H = CACHE_BLOCK_SIZE / 2;
 // A leaf comes first in file order so that "upper nodes first" cannot be
 // satisfied by file order alone; block 4 is free (ID 0); the small leaves
 // count in the index size but not in its 16384-byte part.
-std::vector<BlockSpec> IndexBlocks()
+std::vector<BlockShape> IndexBlocks()
 {
     return {{1, P, 1}, {2, P, 1}, {1, P, 1}, {3, P, 0}, {1, H, 1}, {5, P, 1}, {1, P, 1}, {1, H, 1},
             {4, P, 1}, {1, H, 1}, {1, H, 1}, {1, H, 1}, {1, H, 1}, {1, H, 1}, {1, H, 1}, {2, P, 1}};
@@ -318,7 +318,7 @@ TEST_F(CachePreload, BlocksAcrossThePieceBoundaryKeepTheScanInStep)
     // One half-size block first puts every later block 8192 bytes off the
     // pieces, so that one straddles the end of the first 8 MiB piece.
     m_llFileSize = 12LL * 1048576;
-    std::vector<BlockSpec> v = {{1, H, 1}};
+    std::vector<BlockShape> v = {{1, H, 1}};
     for (int i = 0; i < 590; i++) v.push_back({2, P, 1});
     TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, v);
     EXPECT_EQ(S_OK, m_pCache->InitCacheHead(nullptr));
