@@ -9,6 +9,7 @@
 #include "TalvorCacheStorage.h"
 
 #include "CrashContainment.h"
+#include "TalvorFileIO.h"
 #include "TalvorFileStorage.h"
 #include "TalvorTrace.h"
 
@@ -17,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <sys/stat.h>
 #include <unistd.h>
 
 LPCACHEFILESOURCE g_pfnCacheFileOf = nullptr;
@@ -158,6 +160,22 @@ HRESULT CTalvorCacheStorage::StorageLoad(LPTALVORCRITICALSECTION lpCritSection, 
     return 0;
 }
 
+// A read that meets the end of the file gives zeros for the rest, which
+// would pass every check of the head: a file cut shorter than its recorded
+// size must refuse the blocks it no longer holds whole.
+BOOL CTalvorCacheStorage::OnDisk(LPFILEINFO pFileInfo, long long llFileOffset, int nSize)
+{
+    struct stat st;
+    if (CTalvorFileIO::Current()->Stat(pFileInfo->m_lpszFilePath, &st) == 0 &&
+        llFileOffset <= (long long)st.st_size - nSize)
+        return TRUE;
+    Trace("StorageLoad", 1, 60004005,
+          TALVOR_TEXT("文件比记录的短,拒绝加载,路径:%s,文件位置:%lld,大小:%d",
+                      "The file is shorter than recorded, load refused, path: %s, file location: %lld, size: %d"),
+          pFileInfo->m_lpszFilePath, llFileOffset, nSize);
+    return FALSE;
+}
+
 BOOL CTalvorCacheStorage::WaitForPostedSlot(LPstu_FileCacheLoadInfo, LPCacheBufferBlockOperate lpSlot, BYTE bFileNo)
 {
     if (lpSlot->m_bStatus == CACHELOAD_POSTED) return TRUE;
@@ -238,6 +256,7 @@ BYTE CTalvorCacheStorage::ServeSlot(LPTALVORCRITICALSECTION lpCritSection, LPCac
               (int)bSlotFile, nBlockNo, llFileOffset, nSize, (long long)lpSlot->m_llCacheBlockOffset);
         return CACHELOAD_FAILED;
     }
+    if (!OnDisk(pFileInfo, llFileOffset, nSize)) return CACHELOAD_FAILED;
     if (nSize > nPrivateSize) {
         free(lpPrivate);
         lpPrivate = (LPBYTE)get_aligned_buffer((size_t)nSize);

@@ -227,6 +227,7 @@ private:
     BYTE ServeSlot(LPTALVORCRITICALSECTION lpCritSection, LPCacheBufferBlockOperate lpSlot, LPBYTE& lpPrivate,
                    int& nPrivateSize);
     LPBYTE SlotTarget(LPCacheBufferBlockOperate lpSlot, int nSize) const;
+    static BOOL OnDisk(LPFILEINFO pFileInfo, long long llFileOffset, int nSize);
     BYTE ReadAndCheck(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, BYTE bSlotFile, UINT nBlockNo,
                       long long llFileOffset, int nSize, LPBYTE lpPrivate);
     void AnswerSlot(LPstu_FileCacheLoadInfo lpInfo, LPCacheBufferBlockOperate lpSlot, BYTE bPos, int nNum,

@@ -263,6 +263,15 @@ TEST_F(CacheLoadThread, ReadErrorsAreAnsweredFailedNeverAHalfBlock)
     EXPECT_TRUE(LatchFree());
 }
 
+TEST_F(CacheLoadThread, AFileCutInsideTheBlockGivesNoZeroFilledBlock)
+{
+    // The head of the block is intact, its second half is gone: the read
+    // meets the end of the file and would fill zeros.
+    ASSERT_EQ(0, truncate(m_strPath.c_str(), BLOCK_AT + CACHE_BLOCK_SIZE / 2));
+    EXPECT_EQ(CACHELOAD_FAILED, RequestGood());
+    EXPECT_TRUE(TargetUntouched());
+}
+
 TEST_F(CacheLoadThread, PausedFileWaitsAndStopEndsTheThreadPromptly)
 {
     LPCacheBufferBlockOperate p = &m_lpGroup[Group()->m_bStorageLoadPos];
