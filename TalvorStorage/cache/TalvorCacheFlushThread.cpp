@@ -135,6 +135,7 @@ int CTalvorCacheStorage::Free()
                   TALVOR_TEXT("等待缓存刷新线程结束超时", "Timed out waiting for a cache flush thread to end"));
         *pThread = 0;
     }
+    StopLoadThreads();
     HEVENTTYPE* arEvents[] = {&m_hStorageFlush, &m_hStorageIndexFlush, &m_hCacheFlush, &m_hCacheIndexFlush};
     for (HEVENTTYPE* pEvent : arEvents) CloseEvent(*pEvent);
     return 0;

@@ -37,6 +37,3 @@ CTalvorCacheStorage::~CTalvorCacheStorage()
     DeleteCriticalTalvor(&m_crit);
 }
 
-HRESULT CTalvorCacheStorage::InitCacheHead(LPTALVORCRITICALSECTION) { return E_FAIL; }
-
-int CTalvorCacheStorage::InitFileLoadThreadAndEvent(BYTE) { return 0; }

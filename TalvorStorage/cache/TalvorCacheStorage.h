@@ -8,11 +8,11 @@
 // the engine's own lookup; the daemon only ever names cache offsets.
 //
 // What is here: the segment (Initialize, Free), the chains (LoadFile2Cache,
-// NewFile2Cache, the walk to a file's first map block), the load groups and
+// NewFile2Cache, the walk to a file's first map block), the load groups,
 // the two flush pipelines with their threads (TalvorCacheFlush*.cpp; the
-// module is reached through TalvorCacheFlush.h). The load threads and the
-// preload belong to the next piece of work: InitFileLoadThreadAndEvent
-// starts no thread yet and answers success, and InitCacheHead refuses. The daemon still refuses cache-mode files at
+// module is reached through TalvorCacheFlush.h), the load threads
+// (TalvorCacheLoad.cpp) and the preload (TalvorCachePreload.cpp). The
+// daemon does not start the cache yet: it still refuses cache-mode files at
 // start, so none of these is reached from a running daemon yet.
 //
 // Threads: Initialize and Free are for the start-up (main) thread alone, with
@@ -36,7 +36,27 @@ inline constexpr int CACHE_RESULT_NOFREEBLOCK = 9500;   // the free chain is emp
 inline constexpr int CACHE_RESULT_BADCHAIN = 1;         // a chain or a page in it is not what it should be
 inline constexpr int CACHE_RESULT_NOCHAIN = 4;          // a head names no following page in the cache
 
-// Per file: its load thread and semaphores (started by the next piece).
+// ---- Load threads (TalvorCacheLoad.cpp) ----
+// Where a load thread finds the descriptor of the file a slot names: set
+// once by the module before the first file opens; null (the default) or a
+// null answer makes every slot answered CACHELOAD_NOFILE. The cache's
+// library cannot reach up to the module's file table.
+typedef LPFILEINFO (*LPCACHEFILESOURCE)(CBreltMemStorageModule* pModule, BYTE bFileNo);
+extern LPCACHEFILESOURCE g_pfnCacheFileOf;
+// How long Free waits for one load thread to end, in ms.
+inline constexpr UINT CACHE_LOAD_JOIN_MS = 10000;
+// Where the preload finds the module's list of files (m_pStorageInfo,
+// chained by m_pNext): set once by the module; null means no file.
+typedef LPFILEINFO (*LPCACHEFILELIST)(CBreltMemStorageModule* pModule);
+extern LPCACHEFILELIST g_pfnCacheFileListOf;
+// LoadIndexBlock / LoadTableBlock: the object's free cursor reached 0.
+inline constexpr int CACHE_RESULT_CACHEFULL = 9501;
+// Preload: bytes read from a file at a time, and where its blocks begin.
+inline constexpr int CACHE_PRELOAD_PIECE = 8388608;
+inline constexpr long long CACHE_PRELOAD_FROM = 32768;
+// ---- end of the load threads' declarations ----
+
+// Per file: its load thread and semaphores.
 typedef struct _stu_FileLoadInfo {
     HTHREADTYPE m_hStorageLoadThread;
     HEVENTTYPE m_hStorageLoad;
@@ -100,7 +120,14 @@ public:
     // the file in (Initialize). 0; 1 when one failed (traced, m_bExit set,
     // the object deleted). The flush thread of the kind, no latch held.
     int CreateBackendsFor(LPTALVORCRITICALSECTION lpCritSection, const CacheFlushKind& kind);
-    // Waits for the backends and preloads: not built yet, E_FAIL. Main thread.
+    // Waits (1 ms at a time, m_bExit ends it with E_FAIL) for every
+    // cache-mode file's backend, then preloads index files and, when the
+    // whole index fits, table files (TalvorCachePreload.cpp). A cache taken
+    // over whole loads nothing. 0 also when the cache fills early; 4 / 1
+    // when an index file's first map block cannot be found in the cache
+    // (head without / with a next page); E_FAIL on a bad head size, a broken
+    // map chain or a failed read. The head's m_bStatus ends 0, or 255 on a
+    // failure. Main thread, no latch held, before the engine runs.
     HRESULT InitCacheHead(LPTALVORCRITICALSECTION lpCritSection);
     // At a stop with the engine lost (TalvorCacheFlushLast.cpp): writes
     // every block marked dirty in the cache to its place in its file (by
@@ -113,8 +140,9 @@ public:
     // Asks the cache threads to stop; 0. Any thread.
     int Exit();
     // Asks the cache threads to stop, joins the flush threads (up to 400 s
-    // each; they finish what is posted first) and closes the semaphores;
-    // the segment stays until the destructor. Main thread, at the end.
+    // each; they finish what is posted first) and the load threads (see
+    // StopLoadThreads), and closes the semaphores; the segment stays until
+    // the destructor. Main thread, at the end.
     int Free();
 
     // Takes the first block of the free chain and appends it to the chain
@@ -131,8 +159,10 @@ public:
     // blocks; 1 for a bad argument. Takes m_csCache.
     int NewFile2Cache(LPTALVORCRITICALSECTION lpCritSection, BYTE bFileNo, BYTE bFileType, LPBYTE lpBuf,
                       int nExHeadNum);
-    // Starts the file's load thread and opens its semaphores: not built yet;
-    // 0. Any thread that adds a file.
+    // Opens the file's two load semaphores and starts its load thread
+    // (TalvorCacheLoad.cpp). 0; 1 when it has them already, or traced when
+    // a semaphore or the thread cannot be had (nothing left open). Any
+    // thread that adds a file; no latch held.
     int InitFileLoadThreadAndEvent(BYTE bFileNo);
     // File bFileNo's load group: 0 with its first slot and slot count; 1
     // when it has none, its status refuses it or it lies outside the slot
@@ -195,6 +225,37 @@ public:
     stu_FileLoadInfo m_stFileLoadInfo[MAX_FILE_NUM];
     ITalvorCacheFlushModule* m_pFlushModule;
 
+    // ---- Load threads (TalvorCacheLoad.cpp) ----
+    // The thread of one file: serves the file's load slots until m_bExit.
+    // lpParam is a record {file number, this} from new (std::nothrow) that
+    // the thread deletes at its end. Contained (TalvorRunContained).
+    static void* StorageLoadThread(LPVOID lpParam);
+    // The body of the thread: 0 when told to stop; 1 when the file has no
+    // usable load group (60004000). Each posted slot is answered in
+    // m_bSuccess: CACHELOAD_OK with the block copied whole into its cache
+    // block; CACHELOAD_FAILED with the cache block untouched when a slot
+    // field lies outside the block area or the file, or the block read is
+    // not the one asked for (mark, number, file, size) or cannot be read;
+    // CACHELOAD_NOFILE / CACHELOAD_NOBACKEND when the file is unknown. Every
+    // wait is bounded by m_nWaitTime and sees m_bExit. The load thread;
+    // holds no latch of this object; the backend takes its own inside.
+    HRESULT StorageLoad(LPTALVORCRITICALSECTION lpCritSection, BYTE bFileNo);
+    // Joins every load thread (m_bExit must be set) up to CACHE_LOAD_JOIN_MS
+    // each and closes their semaphores. Main thread, at the end.
+    void StopLoadThreads();
+    // Preload (TalvorCachePreload.cpp). Copy nBlockSize bytes (1 to 16384)
+    // into the cache block at the object's cursor m_nFreeNo and move the
+    // cursor along the free chain; the use count of the copy is cleared.
+    // 0; CACHE_RESULT_CACHEFULL with the cursor 0 when no block is left (or
+    // the chain leaves the block area); 1 for a bad size. Start-up thread,
+    // alone on the cache.
+    int LoadIndexBlock(LPBYTE lpBuf, int nBlockSize);
+    int LoadTableBlock(LPBYTE lpBuf, int nBlockSize);
+    // Where the preload shows its progress (the module's m_TalvorProgress);
+    // null shows nothing.
+    LPTALVORPROGRESS m_pLoadProgress = nullptr;
+    // ---- end of the load threads' declarations ----
+
 private:
     // Flush pipelines (TalvorCacheFlush.cpp, TalvorCacheFlushEntry.cpp);
     // the flush thread of the kind, no latch held.
@@ -216,12 +277,33 @@ private:
     BYTE OpenFileUseBuffer() const;
     // The last pass (TalvorCacheFlushLast.cpp); main thread, no latch.
     LPBYTE CachedPage(long long llOffset) const;
+    // The cached head page of file bFileNo, or null when the cache holds
+    // none with a head mark (also used by the preload).
     LPTABLEFILEHEAD CachedFileHead(BYTE bFileNo) const;
     int FirstMapOf(LPTABLEFILEHEAD lpHead, long long& llMapOffset);
     LPBASEFILEBLOCKMAPHEAD_CACHE MapBlockOf(LPTABLEFILEHEAD lpHead, int nMapNo);
     BOOL LastFlushRequestOf(LPBASEBLOCKHEAD lpBlock, long long llCacheOffset, stu_CacheFlush& stReq);
     void LastFlushBlocks(LPTALVORCRITICALSECTION lpCritSection, LPBYTE& lpWork, int& nWorkSize);
     int LastFlushHeadAndMaps(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFile, LPBYTE lpWork);
+    // ---- Load threads (TalvorCacheLoad.cpp); no latch held ----
+    int OpenLoadEvents(BYTE bFileNo);
+    void CloseLoadEvents(BYTE bFileNo);
+    BOOL WaitForPostedSlot(LPstu_FileCacheLoadInfo lpInfo, LPCacheBufferBlockOperate lpSlot, BYTE bFileNo);
+    void WaitForVerification(LPCacheBufferBlockOperate lpSlot);
+    BOOL WaitWhilePaused(LPCacheBufferBlockOperate lpSlot);
+    BYTE ServeSlot(LPTALVORCRITICALSECTION lpCritSection, LPCacheBufferBlockOperate lpSlot, LPBYTE& lpPrivate,
+                   int& nPrivateSize);
+    LPBYTE SlotTarget(LPCacheBufferBlockOperate lpSlot, int nSize) const;
+    static BOOL OnDisk(LPFILEINFO pFileInfo, long long llFileOffset, int nSize);
+    BYTE ReadAndCheck(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, BYTE bSlotFile, UINT nBlockNo,
+                      long long llFileOffset, int nSize, LPBYTE lpPrivate);
+    void AnswerSlot(LPstu_FileCacheLoadInfo lpInfo, LPCacheBufferBlockOperate lpSlot, BYTE bPos, int nNum,
+                    BYTE bSuccess, BYTE bFileNo);
+    // Preload (TalvorCachePreload.cpp).
+    int CopyToCursor(LPBYTE lpBuf, int nBlockSize);
+    BOOL WaitForBackends();
+    HRESULT FailPreload(LPBYTE lpBuffer, HRESULT hr);
+    // ---- end of the load threads' declarations ----
 
     // Segment (TalvorCacheSegment.cpp).
     int FindOrCreateSegment(LPCTSTR lpszMemFileName, BOOL& bFound);

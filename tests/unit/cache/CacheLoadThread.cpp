@@ -1,0 +1,328 @@
+// The load thread of a cache-mode file, driven as the engine drives it: a
+// slot is filled, its check byte written, the semaphore posted, and the
+// answer awaited. Every loaded block is compared with the file's bytes read
+// past every layer; every refused request must leave its cache block as it
+// was.
+#include "FileStorageFixture.h"
+
+#include <chrono>
+#include <semaphore.h>
+#include <thread>
+
+using namespace cachetest;
+using talvortest::FileOp;
+
+namespace {
+
+LPFILEINFO g_arFiles[MAX_FILE_NUM];
+
+LPFILEINFO FileOf(CBreltMemStorageModule*, BYTE bFileNo) { return g_arFiles[bFileNo]; }
+
+const UINT BLOCK_NO = 42;
+const long long BLOCK_AT = 10LL * CACHE_BLOCK_SIZE;
+const BYTE OTHER_FILE = 8;
+const BYTE FILLER = 0xAB;
+
+class CacheLoadThread : public FileStorageFixture {
+protected:
+    void SetUp() override
+    {
+        FileStorageFixture::SetUp();
+        memset(g_arFiles, 0, sizeof(g_arFiles));
+        g_pfnCacheFileOf = &FileOf;
+        Make(FALSE);
+        ASSERT_FALSE(HasFatalFailure());
+        g_arFiles[FS_FILE_NO] = &m_info;
+        WriteBlockHead(BLOCK_AT, BLOCK_NO, FS_FILE_NO, CACHE_BLOCK_SIZE);
+        m_pCache->m_nWaitTime = 50;
+        long long llHead = 0;
+        ASSERT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FS_FILE_NO, llHead));
+        ASSERT_EQ(0, m_pCache->GetCacheLoadSlot(FS_FILE_NO, m_lpGroup, m_nSlots));
+        ASSERT_GT(m_nSlots, 1);
+        ASSERT_EQ(0, m_pCache->InitFileLoadThreadAndEvent(FS_FILE_NO));
+        char szName[64];
+        snprintf(szName, sizeof(szName), "/%s%02X", SEMNAME_CACHELOADEVENT_PREFIX, (unsigned)FS_FILE_NO);
+        m_hPost = sem_open(szName, 0);
+        ASSERT_NE(SEM_FAILED, m_hPost);
+        m_nTarget = m_pCache->GetLayout().m_nFirstFreeNo + 20;
+        memset(Target(), FILLER, CACHE_BLOCK_SIZE);
+    }
+    void TearDown() override
+    {
+        if (m_pCache) m_pCache->Free();
+        if (m_hPost != SEM_FAILED) sem_close(m_hPost);
+        g_pfnCacheFileOf = nullptr;
+        FileStorageFixture::TearDown();
+    }
+
+    // A block head written straight to the file and to the model of it.
+    void WriteBlockHead(long long llAt, UINT nBlockNo, BYTE bFileNo, int nSize)
+    {
+        BASEBLOCKHEAD h;
+        memset(&h, 0, sizeof(h));
+        h.m_nDataFlag = BLOCK_DATAFLAG;
+        h.m_nBlockNo = nBlockNo;
+        h.m_bFileNo = bFileNo;
+        h.m_nBlockSize = nSize;
+        h.m_bThreadNum = 5;
+        h.m_nTimestamp = 77;
+        int fd = open(m_strPath.c_str(), O_RDWR);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ((ssize_t)sizeof(h), pwrite(fd, &h, sizeof(h), llAt));
+        close(fd);
+    }
+    LPBYTE Target() { return Base() + CacheBlockOffset(m_nTarget); }
+    LPstu_FileCacheLoadInfo Group() { return &Head()->m_stFileCacheLoadInfo[FS_FILE_NO]; }
+
+    // Posts a request in the slot at the reading position as the engine
+    // does, and waits (bounded) for its answer. The slot's m_bSuccess, or
+    // -1 when no answer came.
+    int Request(BYTE bFileNo, UINT nBlockNo, long long llFileOffset, int nSize, long long llCacheOffset,
+                int nVerifyDelta = 0)
+    {
+        LPCacheBufferBlockOperate p = &m_lpGroup[Group()->m_bStorageLoadPos];
+        p->m_bFileNo = bFileNo;
+        p->m_nBlockNo = nBlockNo;
+        p->m_llFileBlockOffset = llFileOffset;
+        p->m_nBlockSize = nSize;
+        p->m_llCacheBlockOffset = llCacheOffset;
+        p->m_bSuccess = 99;
+        p->m_bVerification = (BYTE)((llCacheOffset / CACHE_BLOCK_SIZE) % 255 + 1 + nVerifyDelta);
+        __atomic_thread_fence(__ATOMIC_RELEASE);
+        p->m_bStatus = CACHELOAD_POSTED;
+        sem_post(m_hPost);
+        return Answer(p);
+    }
+    int Answer(LPCacheBufferBlockOperate p)
+    {
+        for (int i = 0; i < 5000 && p->m_bStatus != CACHELOAD_DONE; i++)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        if (p->m_bStatus != CACHELOAD_DONE) return -1;
+        int nSuccess = p->m_bSuccess;
+        p->m_bStatus = CACHELOAD_FREE;  // the engine takes the slot back
+        return nSuccess;
+    }
+    int RequestGood() { return Request(FS_FILE_NO, BLOCK_NO, BLOCK_AT, CACHE_BLOCK_SIZE, CacheBlockOffset(m_nTarget)); }
+
+    // The target holds the file's block, with the use count cleared.
+    ::testing::AssertionResult TargetHoldsBlock(long long llAt)
+    {
+        std::vector<BYTE> vFile = FileBytes();
+        if (vFile.empty()) return ::testing::AssertionFailure() << "file unreadable";
+        std::vector<BYTE> vWant(vFile.begin() + llAt, vFile.begin() + llAt + CACHE_BLOCK_SIZE);
+        vWant[offsetof(BASEBLOCKHEAD, m_bThreadNum)] = 0;
+        for (int i = 0; i < CACHE_BLOCK_SIZE; i++)
+            if (Target()[i] != vWant[(size_t)i]) return ::testing::AssertionFailure() << "byte " << i << " differs";
+        return ::testing::AssertionSuccess();
+    }
+    ::testing::AssertionResult TargetUntouched()
+    {
+        for (int i = 0; i < CACHE_BLOCK_SIZE; i++)
+            if (Target()[i] != FILLER) return ::testing::AssertionFailure() << "byte " << i << " was written";
+        return ::testing::AssertionSuccess();
+    }
+
+    LPCacheBufferBlockOperate m_lpGroup = nullptr;
+    int m_nSlots = 0;
+    sem_t* m_hPost = SEM_FAILED;
+    UINT m_nTarget = 0;
+};
+
+TEST_F(CacheLoadThread, LoadsTheBlockByteForByteAndWrapsAroundTheGroup)
+{
+    // More requests than slots: the reading position must wrap at the end
+    // of the group and every answer stay right.
+    for (int i = 0; i < m_nSlots + 3; i++) {
+        memset(Target(), FILLER, CACHE_BLOCK_SIZE);
+        BYTE bPos = Group()->m_bStorageLoadPos;
+        ASSERT_EQ(CACHELOAD_OK, RequestGood()) << "request " << i;
+        ASSERT_TRUE(TargetHoldsBlock(BLOCK_AT)) << "request " << i;
+        EXPECT_EQ((bPos + 1) % m_nSlots, Val(Group()->m_bStorageLoadPos));
+    }
+    EXPECT_EQ(0, Val(((LPBASEBLOCKHEAD)Target())->m_bThreadNum));
+}
+
+TEST_F(CacheLoadThread, WrongIdentityIsRefusedAndTheCacheBlockIsLeftAlone)
+{
+    // A block of another file stands where the engine thinks ours is.
+    WriteBlockHead(BLOCK_AT + CACHE_BLOCK_SIZE, BLOCK_NO + 1, OTHER_FILE, CACHE_BLOCK_SIZE);
+    // A block whose head says it is half as large as asked.
+    WriteBlockHead(BLOCK_AT + 2 * CACHE_BLOCK_SIZE, BLOCK_NO + 2, FS_FILE_NO, CACHE_BLOCK_SIZE / 2);
+    long long llTarget = CacheBlockOffset(m_nTarget);
+    struct {
+        const char* lpszCase;
+        UINT nBlockNo;
+        long long llAt;
+        int nSize;
+    } arCases[] = {
+        {"wrong number", BLOCK_NO + 7, BLOCK_AT, CACHE_BLOCK_SIZE},
+        {"another file's block", BLOCK_NO + 1, BLOCK_AT + CACHE_BLOCK_SIZE, CACHE_BLOCK_SIZE},
+        {"size not the block's", BLOCK_NO + 2, BLOCK_AT + 2 * CACHE_BLOCK_SIZE, CACHE_BLOCK_SIZE},
+        {"size smaller than asked", BLOCK_NO, BLOCK_AT, CACHE_BLOCK_SIZE / 2},
+        {"no mark (random bytes)", BLOCK_NO, BLOCK_AT + 5 * CACHE_BLOCK_SIZE, CACHE_BLOCK_SIZE},
+        {"block number 0", 0, BLOCK_AT, CACHE_BLOCK_SIZE},
+        {"past the end of the file", BLOCK_NO, FS_FILE_SIZE - CACHE_BLOCK_SIZE / 2, CACHE_BLOCK_SIZE},
+        {"far past the end", BLOCK_NO, 1LL << 40, CACHE_BLOCK_SIZE},
+        {"negative offset", BLOCK_NO, -CACHE_BLOCK_SIZE, CACHE_BLOCK_SIZE},
+        {"over the head page", BLOCK_NO, 0, CACHE_BLOCK_SIZE},
+        {"size 0", BLOCK_NO, BLOCK_AT, 0},
+        {"negative size", BLOCK_NO, BLOCK_AT, -16384},
+        {"size beyond the block area", BLOCK_NO, BLOCK_AT, 0x7FFFF000},
+    };
+    for (const auto& c : arCases) {
+        EXPECT_EQ(CACHELOAD_FAILED, Request(FS_FILE_NO, c.nBlockNo, c.llAt, c.nSize, llTarget)) << c.lpszCase;
+        EXPECT_TRUE(TargetUntouched()) << c.lpszCase;
+    }
+    // And the thread still serves a good request afterwards.
+    EXPECT_EQ(CACHELOAD_OK, RequestGood());
+    EXPECT_TRUE(TargetHoldsBlock(BLOCK_AT));
+}
+
+TEST_F(CacheLoadThread, CacheOffsetsOutsideTheBlockAreaAreRefusedWithoutAWrite)
+{
+    const CACHELAYOUT& l = m_pCache->GetLayout();
+    long long arOffsets[] = {
+        0,                                               // the cache head
+        CACHE_MAP_OFFSET,                                // the cache map
+        CacheBlockOffset(l.m_nFirstFreeNo) - CACHE_BLOCK_SIZE,  // last map block
+        CacheBlockOffset(m_nTarget) + 512,               // not on a block
+        l.m_llFIFOOffset,                                // the FIFO area
+        l.m_llFIFOOffset - CACHE_BLOCK_SIZE / 2,         // runs into it
+        l.m_llTotalSize,                                 // past the segment
+        -CACHE_BLOCK_SIZE,
+    };
+    std::vector<BYTE> vBefore = Snapshot();
+    for (long long llOffset : arOffsets) {
+        EXPECT_EQ(CACHELOAD_FAILED, Request(FS_FILE_NO, BLOCK_NO, BLOCK_AT, CACHE_BLOCK_SIZE, llOffset)) << llOffset;
+    }
+    // Nothing but the slots changed: compare all bytes outside the slot area.
+    std::vector<BYTE> vAfter = Snapshot();
+    ASSERT_EQ(vBefore.size(), vAfter.size());
+    long long llSlots = (LPBYTE)m_lpGroup - Base();
+    long long llSlotsEnd = llSlots + (long long)m_nSlots * (long long)sizeof(CacheBufferBlockOperate);
+    long long llInfo = (LPBYTE)Group() - Base();
+    for (size_t i = 0; i < vAfter.size(); i++) {
+        if ((long long)i >= llSlots && (long long)i < llSlotsEnd) continue;
+        if ((long long)i >= llInfo && (long long)i < llInfo + (long long)sizeof(stu_FileCacheLoadInfo)) continue;
+        ASSERT_EQ(vBefore[i], vAfter[i]) << "segment byte " << i << " written";
+    }
+}
+
+TEST_F(CacheLoadThread, UnknownFileOrMissingBackendAnsweredAndTheThreadGoesOn)
+{
+    FILEINFO stNoBackend;
+    memset(&stNoBackend, 0, sizeof(stNoBackend));
+    stNoBackend.m_bFileNo = OTHER_FILE;
+    long long llTarget = CacheBlockOffset(m_nTarget);
+    EXPECT_EQ(CACHELOAD_NOFILE, Request(9, BLOCK_NO, BLOCK_AT, CACHE_BLOCK_SIZE, llTarget));
+    g_arFiles[OTHER_FILE] = &stNoBackend;
+    EXPECT_EQ(CACHELOAD_NOBACKEND, Request(OTHER_FILE, BLOCK_NO, BLOCK_AT, CACHE_BLOCK_SIZE, llTarget));
+    EXPECT_TRUE(TargetUntouched());
+    EXPECT_TRUE(Traced(60004001, "file number 9"));
+    EXPECT_EQ(CACHELOAD_OK, RequestGood());
+    EXPECT_TRUE(TargetHoldsBlock(BLOCK_AT));
+}
+
+TEST_F(CacheLoadThread, WaitsForTheCheckByteBeforeTakingTheSlot)
+{
+    LPCacheBufferBlockOperate p = &m_lpGroup[Group()->m_bStorageLoadPos];
+    long long llTarget = CacheBlockOffset(m_nTarget);
+    // The engine is still writing: the check byte does not fit yet, and
+    // the block number is not yet the right one.
+    p->m_bFileNo = FS_FILE_NO;
+    p->m_nBlockNo = BLOCK_NO + 9;
+    p->m_llFileBlockOffset = BLOCK_AT;
+    p->m_nBlockSize = CACHE_BLOCK_SIZE;
+    p->m_llCacheBlockOffset = llTarget;
+    p->m_bVerification = (BYTE)((llTarget / CACHE_BLOCK_SIZE) % 255 + 2);
+    p->m_bStatus = CACHELOAD_POSTED;
+    sem_post(m_hPost);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(CACHELOAD_POSTED, Val(p->m_bStatus)) << "a slot whose check byte does not fit was taken at once";
+    p->m_nBlockNo = BLOCK_NO;
+    __atomic_thread_fence(__ATOMIC_RELEASE);
+    p->m_bVerification = (BYTE)((llTarget / CACHE_BLOCK_SIZE) % 255 + 1);
+    EXPECT_EQ(CACHELOAD_OK, Answer(p));
+    EXPECT_TRUE(TargetHoldsBlock(BLOCK_AT));
+}
+
+TEST_F(CacheLoadThread, ReadErrorsAreAnsweredFailedNeverAHalfBlock)
+{
+    long long llTarget = CacheBlockOffset(m_nTarget);
+    // Every try fails outright.
+    m_io.FailNext(FileOp::PRead, EIO, FILESTORE_IO_TRIES);
+    EXPECT_EQ(CACHELOAD_FAILED, Request(FS_FILE_NO, BLOCK_NO, BLOCK_AT, CACHE_BLOCK_SIZE, llTarget));
+    EXPECT_TRUE(TargetUntouched());
+    // Each try moves the first 4 KiB, then the disk fails: a half-read
+    // block must not reach the cache.
+    m_io.ChopTransfers(4096, false);
+    long long nFrom = m_io.Calls(FileOp::PRead) + 2;
+    m_io.FailCall(FileOp::PRead, nFrom, EIO, talvortest::FAULT_ALWAYS);
+    EXPECT_EQ(CACHELOAD_FAILED, Request(FS_FILE_NO, BLOCK_NO, BLOCK_AT, CACHE_BLOCK_SIZE, llTarget));
+    EXPECT_TRUE(TargetUntouched());
+    EXPECT_TRUE(LatchFree());
+}
+
+TEST_F(CacheLoadThread, AFileCutInsideTheBlockGivesNoZeroFilledBlock)
+{
+    // The head of the block is intact, its second half is gone: the read
+    // meets the end of the file and would fill zeros.
+    ASSERT_EQ(0, truncate(m_strPath.c_str(), BLOCK_AT + CACHE_BLOCK_SIZE / 2));
+    EXPECT_EQ(CACHELOAD_FAILED, RequestGood());
+    EXPECT_TRUE(TargetUntouched());
+}
+
+TEST_F(CacheLoadThread, PausedFileWaitsAndStopEndsTheThreadPromptly)
+{
+    LPCacheBufferBlockOperate p = &m_lpGroup[Group()->m_bStorageLoadPos];
+    m_pCache->m_bPauseFileNo = FS_FILE_NO;
+    long long llTarget = CacheBlockOffset(m_nTarget);
+    p->m_bFileNo = FS_FILE_NO;
+    p->m_nBlockNo = BLOCK_NO;
+    p->m_llFileBlockOffset = BLOCK_AT;
+    p->m_nBlockSize = CACHE_BLOCK_SIZE;
+    p->m_llCacheBlockOffset = llTarget;
+    p->m_bVerification = (BYTE)((llTarget / CACHE_BLOCK_SIZE) % 255 + 1);
+    p->m_bStatus = CACHELOAD_POSTED;
+    sem_post(m_hPost);
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_EQ(CACHELOAD_POSTED, Val(p->m_bStatus)) << "a paused file was served";
+    EXPECT_TRUE(TargetUntouched());
+    // Stop while it waits on the pause: it must end well within the join
+    // time, with no latch taken and the request left unanswered.
+    auto t0 = std::chrono::steady_clock::now();
+    m_pCache->Free();
+    auto nMs = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
+    EXPECT_LT(nMs, 2000);
+    EXPECT_EQ(0u, (unsigned long)m_pCache->m_stFileLoadInfo[FS_FILE_NO].m_hStorageLoadThread);
+    EXPECT_TRUE(m_pCache->m_stFileLoadInfo[FS_FILE_NO].m_hCacheLoad == nullptr);
+    EXPECT_EQ(CACHELOAD_POSTED, Val(p->m_bStatus));
+    EXPECT_TRUE(TargetUntouched());
+    EXPECT_TRUE(LatchFree());
+    EXPECT_EQ(0, m_pCache->m_csCache.m_nLockFlag);
+    EXPECT_TRUE(Traced(60001008, "StorageLoadThread thread closed"));
+}
+
+TEST_F(CacheLoadThread, IdleThreadStopsPromptlyAndASecondStartIsRefused)
+{
+    EXPECT_EQ(1, m_pCache->InitFileLoadThreadAndEvent(FS_FILE_NO));
+    auto t0 = std::chrono::steady_clock::now();
+    m_pCache->Free();
+    auto nMs = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
+    EXPECT_LT(nMs, 2000);
+    EXPECT_EQ(0u, (unsigned long)m_pCache->m_stFileLoadInfo[FS_FILE_NO].m_hStorageLoadThread);
+    EXPECT_TRUE(Traced(60001017, "File number: 7, StorageLoadThread thread started"));
+    EXPECT_TRUE(Traced(60001008, "File number: 7, StorageLoadThread thread closed"));
+}
+
+TEST_F(CacheLoadThread, AFileWithoutALoadGroupEndsItsThreadAtOnce)
+{
+    // File 9 has no load group: its thread reports and ends by itself.
+    EXPECT_EQ(0, m_pCache->InitFileLoadThreadAndEvent(9));
+    HTHREADTYPE h = m_pCache->m_stFileLoadInfo[9].m_hStorageLoadThread;
+    EXPECT_EQ(WAIT_OBJECT_0, TalvorWaitForSingleThread(h, 2000));
+    m_pCache->m_stFileLoadInfo[9].m_hStorageLoadThread = 0;
+    EXPECT_TRUE(Traced(60004000, "given file number 9"));
+}
+
+} // namespace

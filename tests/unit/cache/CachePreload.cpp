@@ -1,0 +1,366 @@
+// The preload at start, on real files and a real segment: which blocks it
+// takes under each load type, in which order they land on the free chain,
+// and what it leaves when the cache fills. The blocks expected in the cache
+// are computed here from the file layout the test wrote, and compared with
+// the file's bytes read past every layer.
+#include "CacheFixture.h"
+#include "FaultFileIO.h"
+#include "TalvorFileIO.h"
+#include "TalvorFileStorage.h"
+#include "TempTree.h"
+
+#include <fcntl.h>
+#include <random>
+#include <unistd.h>
+
+using namespace cachetest;
+
+namespace {
+
+LPFILEINFO g_pFileList = nullptr;
+LPFILEINFO FileList(CBreltMemStorageModule*) { return g_pFileList; }
+
+const BYTE INDEX_NO = 11;
+const BYTE TABLE_NO = 12;
+const long long FILE_SIZE = 4LL * 1048576;
+
+struct BlockShape {
+    BYTE bNode;  // 1 leaf, 2..5 upper; table blocks 0
+    int nSize;
+    int nID;
+};
+
+struct TestFile {
+    BYTE bFileNo;
+    BYTE bType;
+    std::vector<BlockShape> vBlocks;
+    std::vector<long long> vOffsets;
+    std::string strPath;
+    FILEINFO info;
+    long long llLoadSize = 0;
+    CTalvorFileStorage* pStorage = nullptr;
+};
+
+class CachePreload : public CacheFixture {
+protected:
+    void SetUp() override
+    {
+        CacheFixture::SetUp();
+        ASSERT_EQ(0, Open(32));
+        g_pfnCacheFileListOf = &FileList;
+        g_pFileList = nullptr;
+        m_rng.seed(1126);
+    }
+    void TearDown() override
+    {
+        if (m_pCache) m_pCache->Free();
+        for (auto& f : m_vFiles)
+            if (f->pStorage != nullptr) f->pStorage->Release();
+        m_vFiles.clear();
+        g_pfnCacheFileListOf = nullptr;
+        g_pFileList = nullptr;
+        CacheFixture::TearDown();
+    }
+
+    // Writes the file (head page, one map page, the blocks from 32768),
+    // puts its head and map into the cache and opens its backend.
+    TestFile& AddFile(BYTE bFileNo, BYTE bType, const std::vector<BlockShape>& vBlocks)
+    {
+        m_vFiles.emplace_back(new TestFile);
+        TestFile& f = *m_vFiles.back();
+        f.bFileNo = bFileNo;
+        f.bType = bType;
+        f.vBlocks = vBlocks;
+        std::vector<BYTE> v((size_t)m_llFileSize);
+        for (BYTE& b : v) b = (BYTE)m_rng();
+        long long llAt = 32768;
+        LPBYTE lpMapPage = v.data() + CACHE_BLOCK_SIZE;
+        memset(lpMapPage, 0, CACHE_BLOCK_SIZE);
+        LPBASEFILEBLOCKMAPHEAD_CACHE lpMap = (LPBASEFILEBLOCKMAPHEAD_CACHE)lpMapPage;
+        lpMap->m_nDataFlag = BLOCKMAP_CACHE_DATAFLAG;
+        lpMap->m_nBlockMapNum = (int)vBlocks.size();
+        lpMap->m_nMapNo = 1;
+        for (size_t i = 0; i < vBlocks.size(); i++) {
+            LPBASEBLOCKHEAD h = (LPBASEBLOCKHEAD)(v.data() + llAt);
+            h->m_nDataFlag = BLOCK_DATAFLAG;
+            h->m_nBlockNo = (UINT)(i + 1);
+            h->m_bFileNo = bFileNo;
+            h->m_nBlockSize = vBlocks[i].nSize;
+            h->m_bNodeType = vBlocks[i].bNode;
+            h->m_bThreadNum = 3;
+            lpMap->m_pBlockMap[i].m_nBlockNo = (UINT)(i + 1);
+            lpMap->m_pBlockMap[i].m_nBlockSize = vBlocks[i].nSize;
+            lpMap->m_pBlockMap[i].m_nID = vBlocks[i].nID;
+            lpMap->m_pBlockMap[i].m_nBlockOffset = llAt;
+            f.vOffsets.push_back(llAt);
+            llAt += vBlocks[i].nSize;
+        }
+        memset(v.data(), 0, CACHE_BLOCK_SIZE);
+        LPTABLEFILEHEAD lpHead = (LPTABLEFILEHEAD)v.data();
+        lpHead->m_nDataFlag = bType == FILETYPE_TABLE ? TABLEFILE_DATAFLAG : INDEXFILE_DATAFLAG;
+        lpHead->m_bFileNo = bFileNo;
+        lpHead->m_bFileType = bType;
+        lpHead->m_nBlockNum = (UINT)vBlocks.size();
+        lpHead->m_nFileTotalSize = m_llFileSize;
+        lpHead->m_nFileHeaderSize = CACHE_BLOCK_SIZE;
+        lpHead->m_nBlockMapStructSize = BLOCKMAP_STRUCT_SIZE_CACHE;
+        lpHead->m_nMaxBlockMapNum = m_nMaxMap;
+        lpHead->m_nFileFreeMemoryOffset = llAt;
+        f.strPath = m_tree.Path("File" + std::to_string(bFileNo) + ".dbf");
+        int fd = open(f.strPath.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0666);
+        EXPECT_GE(fd, 0);
+        EXPECT_EQ((ssize_t)v.size(), pwrite(fd, v.data(), v.size(), 0));
+        close(fd);
+        long long llOffset = 0;
+        EXPECT_EQ(0, m_pCache->LoadFile2Cache(nullptr, bFileNo, llOffset));
+        EXPECT_EQ(0, m_pCache->LoadFile2Cache(nullptr, bFileNo, llOffset));
+        EXPECT_EQ(0, m_pCache->NewFile2Cache(nullptr, bFileNo, bType, v.data(), 0));
+        memset(&f.info, 0, sizeof(f.info));
+        snprintf(f.info.m_lpszFilePath, sizeof(f.info.m_lpszFilePath), "%s", f.strPath.c_str());
+        f.info.m_bFileNo = bFileNo;
+        f.info.m_bFileType = (char)bType;
+        f.info.m_liFileSize = m_llFileSize;
+        f.info.m_pLoadSize = &f.llLoadSize;
+        f.pStorage = new CTalvorFileStorage(m_pCache.get());
+        EXPECT_EQ(0, f.pStorage->OpenFile(nullptr, &f.info, 1));
+        f.info.m_pStorageFile = f.pStorage;
+        // The list in the order the files were added.
+        f.info.m_pNext = nullptr;
+        if (g_pFileList == nullptr) {
+            g_pFileList = &f.info;
+        } else {
+            LPFILEINFO p = g_pFileList;
+            while (p->m_pNext != nullptr) p = p->m_pNext;
+            p->m_pNext = &f.info;
+        }
+        return f;
+    }
+    static std::vector<BYTE> Read(const TestFile& f, long long llAt, int nSize)
+    {
+        std::vector<BYTE> v((size_t)nSize);
+        int fd = open(f.strPath.c_str(), O_RDONLY);
+        if (fd < 0 || pread(fd, v.data(), v.size(), llAt) != nSize) v.clear();
+        if (fd >= 0) close(fd);
+        return v;
+    }
+    // Room so that nRoom - nUsed = llWanted.
+    void SetRoom(long long llWanted)
+    {
+        long long nUsed = (long long)(UINT)Head()->m_nFreeNo * CACHE_BLOCK_SIZE;
+        m_pCache->m_nFIFOSize = m_pCache->m_llCacheBufferSize - m_pCache->m_nCacheFlashBackSize - nUsed - llWanted;
+    }
+    // Leaves only nBlocks on the free chain (its end link cleared).
+    void CutFreeChain(int nBlocks)
+    {
+        std::vector<UINT> v = Chain((UINT)Head()->m_nFreeNo);
+        ASSERT_GT((int)v.size(), nBlocks);
+        *(UINT*)(Base() + CacheLinkOffset(v[(size_t)nBlocks - 1])) = 0;
+    }
+    // The loaded blocks, in the order of the free chain, each equal to the
+    // file's bytes with the use count cleared.
+    ::testing::AssertionResult ChainHolds(const std::vector<std::pair<TestFile*, int>>& vWant)
+    {
+        std::vector<UINT> vChain = Chain((UINT)Head()->m_nFreeNo);
+        if (vChain.size() < vWant.size()) return ::testing::AssertionFailure() << "free chain too short";
+        for (size_t i = 0; i < vWant.size(); i++) {
+            const TestFile& f = *vWant[i].first;
+            int b = vWant[i].second;
+            std::vector<BYTE> vFile = Read(f, f.vOffsets[(size_t)b], f.vBlocks[(size_t)b].nSize);
+            if (vFile.empty()) return ::testing::AssertionFailure() << "file unreadable";
+            vFile[offsetof(BASEBLOCKHEAD, m_bThreadNum)] = 0;
+            if (memcmp(Base() + CacheBlockOffset(vChain[i]), vFile.data(), vFile.size()) != 0)
+                return ::testing::AssertionFailure() << "chain place " << i << " does not hold block " << (b + 1)
+                                                     << " of file " << (int)f.bFileNo;
+        }
+        // Behind the loaded blocks no further block of either file was put.
+        if (vChain.size() > vWant.size()) {
+            LPBASEBLOCKHEAD h = (LPBASEBLOCKHEAD)(Base() + CacheBlockOffset(vChain[vWant.size()]));
+            if (h->m_nDataFlag == BLOCK_DATAFLAG) return ::testing::AssertionFailure() << "more blocks loaded than wanted";
+        }
+        return ::testing::AssertionSuccess();
+    }
+
+    long long m_llFileSize = FILE_SIZE;
+    int m_nMaxMap = 600;
+    talvortest::TempTree m_tree{"preload"};
+    std::vector<std::unique_ptr<TestFile>> m_vFiles;
+    std::mt19937 m_rng;
+};
+
+const int P = CACHE_BLOCK_SIZE;
+const int H = CACHE_BLOCK_SIZE / 2;
+
+// A leaf comes first in file order so that "upper nodes first" cannot be
+// satisfied by file order alone; block 4 is free (ID 0); the small leaves
+// count in the index size but not in its 16384-byte part.
+std::vector<BlockShape> IndexBlocks()
+{
+    return {{1, P, 1}, {2, P, 1}, {1, P, 1}, {3, P, 0}, {1, H, 1}, {5, P, 1}, {1, P, 1}, {1, H, 1},
+            {4, P, 1}, {1, H, 1}, {1, H, 1}, {1, H, 1}, {1, H, 1}, {1, H, 1}, {1, H, 1}, {2, P, 1}};
+}
+// Blocks of 16384 bytes with an ID: 0, 1, 2, 5, 6, 8, 15; of half size
+// with an ID: 4, 7, 9 to 14. Upper nodes with an ID: 1, 5, 8, 15.
+
+std::vector<std::pair<TestFile*, int>> Blocks(TestFile& f, std::initializer_list<int> l)
+{
+    std::vector<std::pair<TestFile*, int>> v;
+    for (int b : l) v.push_back({&f, b});
+    return v;
+}
+
+TEST_F(CachePreload, AllFitsLoadsTheIndexThenTheTableBlocks)
+{
+    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
+    TestFile& tab = AddFile(TABLE_NO, FILETYPE_TABLE, {{0, P, 1}, {0, H, 1}, {0, P, 0}, {0, P, 2}});
+    UINT nHeadFree = (UINT)Head()->m_nFreeNo;
+    EXPECT_EQ(S_OK, m_pCache->InitCacheHead(nullptr));
+    EXPECT_EQ(CACHESTATUS_READY, Val(Head()->m_bStatus));
+    EXPECT_EQ(nHeadFree, (UINT)Head()->m_nFreeNo) << "the preload moved the head's free number";
+    // Every index block with an ID, then the table's 16384-byte blocks with one.
+    auto v = Blocks(idx, {0, 1, 2, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15});
+    v.push_back({&tab, 0});
+    v.push_back({&tab, 3});
+    EXPECT_TRUE(ChainHolds(v));
+    EXPECT_EQ(FILE_SIZE, idx.llLoadSize);
+    EXPECT_EQ(FILE_SIZE, tab.llLoadSize);
+}
+
+TEST_F(CachePreload, TightRoomTakesEveryUpperNodeAndLeavesUpToTheirShare)
+{
+    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
+    AddFile(TABLE_NO, FILETYPE_TABLE, {{0, P, 1}});
+    // 16384-byte blocks with an ID: 0,1,2,5,6,8,15 = 7 of them; leaves of
+    // half size with an ID: 4,7,9..14 = 8.
+    long long llMeta = 7LL * P, llTotal = llMeta + 8LL * H;
+    // Type 1 with a leaf share of 2 x 16384: leaves 0 and 2 (16384 each)
+    // use it up; block 4 (8192) would go over.
+    SetRoom(llMeta + 2LL * P + (llTotal - llMeta) / 100);
+    EXPECT_EQ(S_OK, m_pCache->InitCacheHead(nullptr));
+    EXPECT_TRUE(ChainHolds(Blocks(idx, {0, 1, 2, 5, 8, 15})));
+    EXPECT_EQ(CACHESTATUS_READY, Val(Head()->m_bStatus));
+}
+
+TEST_F(CachePreload, NoRoomForTheNodesTakesUpperNodesOnly)
+{
+    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
+    TestFile& tab = AddFile(TABLE_NO, FILETYPE_TABLE, {{0, P, 1}});
+    SetRoom(7LL * P - 1);
+    EXPECT_EQ(S_OK, m_pCache->InitCacheHead(nullptr));
+    EXPECT_TRUE(ChainHolds(Blocks(idx, {1, 5, 8, 15})));
+    EXPECT_EQ(FILE_SIZE, tab.llLoadSize) << "table files are shown loaded";
+}
+
+TEST_F(CachePreload, AFullCacheEndsTheLoadEarlyUnderEachType)
+{
+    struct {
+        const char* lpszType;
+        long long llRoom;  // relative to the used blocks
+        std::initializer_list<int> lWant;
+    } arCases[] = {
+        {"all", 1LL << 24, {0, 1, 2}},
+        {"some leaves", 7LL * P + 2LL * P + (4LL * P) / 100, {0, 1, 2}},
+        {"upper only", 7LL * P - 1, {1, 5, 8}},
+    };
+    for (const auto& c : arCases) {
+        SCOPED_TRACE(c.lpszType);
+        TearDown();
+        SetUp();
+        TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
+        TestFile& tab = AddFile(TABLE_NO, FILETYPE_TABLE, {{0, P, 1}});
+        SetRoom(c.llRoom);
+        CutFreeChain(3);
+        UINT nHeadFree = (UINT)Head()->m_nFreeNo;
+        std::vector<UINT> vBefore = Chain(nHeadFree);
+        EXPECT_EQ(S_OK, m_pCache->InitCacheHead(nullptr));
+        EXPECT_EQ(CACHESTATUS_READY, Val(Head()->m_bStatus));
+        EXPECT_EQ(0u, m_pCache->m_nFreeNo) << "the cursor must stand at the end of the chain";
+        EXPECT_EQ(nHeadFree, (UINT)Head()->m_nFreeNo);
+        EXPECT_EQ(vBefore, Chain(nHeadFree)) << "the free chain itself changed";
+        EXPECT_TRUE(ChainHolds(Blocks(idx, c.lWant)));
+        EXPECT_EQ(FILE_SIZE, idx.llLoadSize);
+        EXPECT_EQ(FILE_SIZE, tab.llLoadSize);
+    }
+}
+
+TEST_F(CachePreload, ATakenOverCacheLoadsNothingAndBadHeadsFail)
+{
+    AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
+    std::vector<UINT> vChain = Chain((UINT)Head()->m_nFreeNo, 4);
+    std::vector<BYTE> vFirst(Base() + CacheBlockOffset(vChain[0]), Base() + CacheBlockOffset(vChain[0]) + P);
+    m_pCache->m_bExists = TRUE;
+    Head()->m_bStatus = CACHESTATUS_BUILDING;
+    EXPECT_EQ(S_OK, m_pCache->InitCacheHead(nullptr));
+    EXPECT_EQ(CACHESTATUS_READY, Val(Head()->m_bStatus));
+    EXPECT_EQ(0, memcmp(vFirst.data(), Base() + CacheBlockOffset(vChain[0]), P));
+    // A head of another size refuses the start.
+    m_pCache->m_bExists = FALSE;
+    TALVORPROGRESS stProgress;
+    memset(&stProgress, 0, sizeof(stProgress));
+    m_pCache->m_pLoadProgress = &stProgress;
+    LPTABLEFILEHEAD h = (LPTABLEFILEHEAD)(Base() + CacheBlockOffset(Head()->m_nFileInfoNo[INDEX_NO]));
+    h->m_nFileHeaderSize = 8192;
+    EXPECT_EQ(E_FAIL, m_pCache->InitCacheHead(nullptr));
+    EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
+    EXPECT_STREQ("Load failed!", stProgress.m_lpTitle);
+    EXPECT_TRUE(Traced(60010010, "header size (8192)"));
+    // A head whose chain does not lead to a map block.
+    h->m_nFileHeaderSize = P;
+    long long llStart = h->m_nCacheStartOffset;
+    *(int*)(Base() + llStart) = 0x12345678;
+    EXPECT_EQ(1, m_pCache->InitCacheHead(nullptr));
+    h->m_nCacheStartOffset = 0;
+    EXPECT_EQ(CACHE_RESULT_NOCHAIN, m_pCache->InitCacheHead(nullptr));
+    EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
+}
+
+TEST_F(CachePreload, BlocksAcrossThePieceBoundaryKeepTheScanInStep)
+{
+    // One half-size block first puts every later block 8192 bytes off the
+    // pieces, so that one straddles the end of the first 8 MiB piece.
+    m_llFileSize = 12LL * 1048576;
+    std::vector<BlockShape> v = {{1, H, 1}};
+    for (int i = 0; i < 590; i++) v.push_back({2, P, 1});
+    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, v);
+    EXPECT_EQ(S_OK, m_pCache->InitCacheHead(nullptr));
+    // The page of the straddling block runs over the first piece: the next
+    // piece starts at it and loads it whole. Every block is loaded, in
+    // order, equal to the file.
+    long long llPieceEnd = CACHE_PRELOAD_FROM + CACHE_PRELOAD_PIECE;
+    std::vector<std::pair<TestFile*, int>> vWant;
+    int nStraddling = -1;
+    for (int b = 0; b < (int)v.size(); b++) {
+        long long llAt = idx.vOffsets[(size_t)b];
+        if (llAt < llPieceEnd && llAt + v[(size_t)b].nSize > llPieceEnd) nStraddling = b;
+        vWant.push_back({&idx, b});
+    }
+    ASSERT_GT(nStraddling, 0);
+    EXPECT_TRUE(ChainHolds(vWant));
+    EXPECT_EQ(m_llFileSize, idx.llLoadSize);
+}
+
+TEST_F(CachePreload, AReadErrorOrABrokenMapFailsTheLoad)
+{
+    talvortest::FaultFileIO io;
+    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
+    (void)idx;
+    TALVORPROGRESS stProgress;
+    memset(&stProgress, 0, sizeof(stProgress));
+    m_pCache->m_pLoadProgress = &stProgress;
+    {
+        talvortest::ScopedFileIO scoped(&io);
+        io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);
+        EXPECT_EQ(E_FAIL, m_pCache->InitCacheHead(nullptr));
+    }
+    EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
+    EXPECT_STREQ("Load failed!", stProgress.m_lpTitle);
+    // A full map block whose next map block is missing.
+    TearDown();
+    SetUp();
+    m_nMaxMap = 16;
+    AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
+    EXPECT_EQ(E_FAIL, m_pCache->InitCacheHead(nullptr));
+    EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
+    EXPECT_TRUE(Traced(60010002, "the MAP is lost, the file number is: 11"));
+}
+
+} // namespace
