@@ -47,20 +47,20 @@ HRESULT CTalvorCacheStorage::StorageIndexFlush(LPTALVORCRITICALSECTION lpCritSec
 
 BYTE CTalvorCacheStorage::OpenFileUseBuffer() const
 {
-    return m_pFlushModule != nullptr ? m_pFlushModule->OpenFileUseBuffer() : 0;
+    return m_pCacheModule != nullptr ? m_pCacheModule->OpenFileUseBuffer() : 0;
 }
 
 LPFILEINFO CTalvorCacheStorage::FileOfKind(BYTE bFileNo, BYTE bFileType) const
 {
-    if (m_pFlushModule == nullptr) return nullptr;
-    LPFILEINFO pFile = m_pFlushModule->FileOf(bFileNo);
+    if (m_pCacheModule == nullptr) return nullptr;
+    LPFILEINFO pFile = m_pCacheModule->FileOf(bFileNo);
     if (pFile == nullptr || (BYTE)pFile->m_bFileType != bFileType) return nullptr;
     return pFile;
 }
 
 HRESULT CTalvorCacheStorage::RunFlushLoop(LPTALVORCRITICALSECTION lpCritSection, const CacheFlushKind& kind)
 {
-    if (m_pFlushModule == nullptr || m_pCacheBufferHead == nullptr) return E_FAIL;
+    if (m_pCacheModule == nullptr || m_pCacheBufferHead == nullptr) return E_FAIL;
     CacheFlushRun run;
     memset(&run, 0, sizeof(run));
     run.pKind = &kind;
@@ -153,7 +153,7 @@ BOOL CTalvorCacheStorage::DrainBuffers(LPTALVORCRITICALSECTION lpCritSection, BY
 
 void CTalvorCacheStorage::FileSpaceManage(LPTALVORCRITICALSECTION lpCritSection, BYTE bFileType)
 {
-    if (m_pFlushModule == nullptr || m_pFlushModule->Flashback() == nullptr) return;
+    if (m_pCacheModule == nullptr || m_pCacheModule->Flashback() == nullptr) return;
     LPBYTE lpZeros = nullptr;
     for (int n = 0; n < MAX_FILE_NUM; n++) {
         LPFILEINFO pFile = FileOfKind((BYTE)n, bFileType);

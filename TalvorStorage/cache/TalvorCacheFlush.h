@@ -4,7 +4,7 @@
 // The pipelines commit how far the files are on disk through the module's
 // two timestamp writers, find files by number and read the system head's
 // open mode. The module lives above this library, so it is reached through
-// ITalvorCacheFlushModule; the service supplies the real one, tests a fake.
+// ITalvorCacheModule; the service supplies the real one, tests a fake.
 #pragma once
 
 #include "LinuxCommonAPI.h"
@@ -40,17 +40,27 @@ inline constexpr int CACHEFLUSH_FAILED_MAX = 256;
 // How long Free waits for each flush thread, in ms.
 inline constexpr UINT CACHEFLUSH_JOIN_MS = 400000;
 
-// The module as the flush pipelines see it. Every method: any flush
-// thread, no latch of the cache held; the writers take the module's own.
-class ITalvorCacheFlushModule {
+// The module as the cache sees it: its flush pipelines, load threads,
+// preload and the files' backends. The cache's library cannot reach up to
+// the module; the module hands this over once (SetCacheModule) before any
+// file opens. Every method: any cache thread, no latch of the cache held;
+// the writers take the module's own.
+class ITalvorCacheModule {
 public:
-    virtual ~ITalvorCacheFlushModule() {}
+    virtual ~ITalvorCacheModule() {}
     // The descriptor of file bFileNo (m_arFileInfo), or null.
     virtual LPFILEINFO FileOf(BYTE bFileNo) = 0;
     // m_bOpenFileUseBuffer of the system head; 0 without a head.
     virtual BYTE OpenFileUseBuffer() = 0;
     // The module's flashback object, or null.
     virtual CTalvorFlashback* Flashback() = 0;
+    // The module's list of files (m_pStorageInfo, chained by m_pNext), or
+    // null.
+    virtual LPFILEINFO FileList() = 0;
+    // The system head (to mark the file list for saving), or null.
+    virtual LPSYSTEMFILEHEAD SystemHead() = 0;
+    // The free MiB of the disk of a file of bFileType: the module's warning.
+    virtual void OnFileSpaceChange(BYTE bFileType, long long nFreeMiB) = 0;
     // The module's WriteCacheTableTimestamp / WriteCacheIndexTimestamp:
     // S_OK once the timestamp (and the array, if given) is in the system
     // file; a failure otherwise.

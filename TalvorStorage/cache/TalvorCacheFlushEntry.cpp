@@ -259,9 +259,9 @@ BYTE CTalvorCacheStorage::CarryOutTimestamps(LPTALVORCRITICALSECTION lpCritSecti
     HRESULT hr = E_FAIL;
     if (bDurable) {
         if (kind.bIndex)
-            hr = m_pFlushModule->WriteCacheIndexTimestamp(lpCritSection, llTimestamp, lpArray, p->m_nTimestampNum);
+            hr = m_pCacheModule->WriteCacheIndexTimestamp(lpCritSection, llTimestamp, lpArray, p->m_nTimestampNum);
         else
-            hr = m_pFlushModule->WriteCacheTableTimestamp(lpCritSection, llTimestamp, lpArray, p->m_nTimestampNum);
+            hr = m_pCacheModule->WriteCacheTableTimestamp(lpCritSection, llTimestamp, lpArray, p->m_nTimestampNum);
     }
     if (lpArray != nullptr && m_pFlushTimestampFile != nullptr) {
         TalvorFlushCPU4Write();

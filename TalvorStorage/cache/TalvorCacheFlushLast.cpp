@@ -121,7 +121,7 @@ void CTalvorCacheStorage::LastFlushBlocks(LPTALVORCRITICALSECTION lpCritSection,
         if (nSize < (int)sizeof(BASEBLOCKHEAD) || nSize % DB_IO_ALIGN != 0 || llOffset > llAreaEnd - nSize) continue;
         stu_CacheFlush stReq;
         if (!LastFlushRequestOf(lpBlock, llOffset, stReq)) continue;
-        LPFILEINFO pFile = m_pFlushModule->FileOf(stReq.m_bFileNo);
+        LPFILEINFO pFile = m_pCacheModule->FileOf(stReq.m_bFileNo);
         if (!IsCacheModeFile(pFile) || pFile->m_pStorageFile == nullptr) continue;
         LPBYTE lpBuffer = BufferFor(lpWork, nWorkSize, nSize);
         if (lpBuffer != nullptr) pFile->m_pStorageFile->FlushBlock(lpCritSection, &stReq, lpBuffer);
@@ -171,7 +171,7 @@ int CTalvorCacheStorage::LastFlushHeadAndMaps(LPTALVORCRITICALSECTION lpCritSect
 
 int CTalvorCacheStorage::FlushFileBlock(LPTALVORCRITICALSECTION lpCritSection)
 {
-    if (m_pFlushModule == nullptr || m_pCacheBufferHead == nullptr) return 1;
+    if (m_pCacheModule == nullptr || m_pCacheBufferHead == nullptr) return 1;
     int nWorkSize = LASTFLUSH_BUFFER;
     LPBYTE lpWork = (LPBYTE)get_aligned_buffer((size_t)nWorkSize);
     if (lpWork == nullptr) return 1;
@@ -180,7 +180,7 @@ int CTalvorCacheStorage::FlushFileBlock(LPTALVORCRITICALSECTION lpCritSection)
     // maps from their files; the first such result is the pass's.
     int nResult = 0;
     for (int n = 0; n < MAX_FILE_NUM; n++) {
-        LPFILEINFO pFile = m_pFlushModule->FileOf((BYTE)n);
+        LPFILEINFO pFile = m_pCacheModule->FileOf((BYTE)n);
         if (!IsCacheModeFile(pFile) || pFile->m_pStorageFile == nullptr) continue;
         int nRet = LastFlushHeadAndMaps(lpCritSection, pFile, lpWork);
         if (nRet != 0 && nResult == 0) nResult = nRet;

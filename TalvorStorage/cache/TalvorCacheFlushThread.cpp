@@ -45,7 +45,7 @@ HEVENTTYPE OpenFlushEvent(const char* lpszName)
 
 int CTalvorCacheStorage::CreateBackendsFor(LPTALVORCRITICALSECTION lpCritSection, const CacheFlushKind& kind)
 {
-    CTalvorFlashback* pFlashback = m_pFlushModule->Flashback();
+    CTalvorFlashback* pFlashback = m_pCacheModule->Flashback();
     for (int n = 0; n < MAX_FILE_NUM; n++) {
         LPFILEINFO pFile = FileOfKind((BYTE)n, kind.bFileType);
         if (pFile == nullptr || pFile->m_pStorageFile != nullptr) continue;
@@ -75,7 +75,7 @@ void FlushThreadBody(void* lpContext, LPTALVORCRITICALSECTION lpCritSection)
     const CacheFlushKind& kind = *pCtx->pKind;
     CTalvorCacheStorage* pCache = pCtx->pCache;
     Trace(kind.lpszThread, 3, kind.nThreadCode, "%s thread started!", kind.lpszThread);
-    if (pCache->m_pFlushModule == nullptr) return;
+    if (pCache->m_pCacheModule == nullptr) return;
     if (pCache->CreateBackendsFor(lpCritSection, kind) != 0) return;
     if (kind.bIndex)
         pCache->StorageIndexFlush(lpCritSection);
@@ -98,7 +98,7 @@ void* CTalvorCacheStorage::StorageIndexFlushThread(LPVOID lpParam)
 
 int CTalvorCacheStorage::CreateEventAndThread()
 {
-    if (m_pFlushModule == nullptr || m_pCacheBufferHead == nullptr) return E_FAIL;
+    if (m_pCacheModule == nullptr || m_pCacheBufferHead == nullptr) return E_FAIL;
     m_hStorageFlush = OpenFlushEvent(SEMNAME_STORAGEFLUSHEVENT);
     m_hStorageIndexFlush = OpenFlushEvent(SEMNAME_STORAGEINDEXFLUSHEVENT);
     m_hCacheFlush = OpenFlushEvent(SEMNAME_CACHEFLUSHEVENT);

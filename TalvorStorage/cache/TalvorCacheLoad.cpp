@@ -9,6 +9,7 @@
 #include "TalvorCacheStorage.h"
 
 #include "CrashContainment.h"
+#include "TalvorCacheFlush.h"
 #include "TalvorFileIO.h"
 #include "TalvorFileStorage.h"
 #include "TalvorTrace.h"
@@ -21,7 +22,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-LPCACHEFILESOURCE g_pfnCacheFileOf = nullptr;
 
 namespace {
 
@@ -233,7 +233,7 @@ BYTE CTalvorCacheStorage::ServeSlot(LPTALVORCRITICALSECTION lpCritSection, LPCac
     UINT nBlockNo = lpSlot->m_nBlockNo;
     long long llFileOffset = lpSlot->m_llFileBlockOffset;
     int nSize = lpSlot->m_nBlockSize;
-    LPFILEINFO pFileInfo = g_pfnCacheFileOf != nullptr ? g_pfnCacheFileOf(m_pStorage, bSlotFile) : nullptr;
+    LPFILEINFO pFileInfo = m_pCacheModule != nullptr ? m_pCacheModule->FileOf(bSlotFile) : nullptr;
     if (pFileInfo == nullptr) {
         Trace("StorageLoad", 1, 60004001,
               TALVOR_TEXT("找不到给定文件号%d对应的文件名", "Cannot find the corresponding file name for the given file number %d"),

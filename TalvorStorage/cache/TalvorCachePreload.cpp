@@ -11,6 +11,8 @@
 // write outside a cache block.
 #include "TalvorCacheStorage.h"
 
+#include "TalvorCacheFlush.h"
+
 #include "TalvorFileStorage.h"
 #include "TalvorTrace.h"
 
@@ -18,7 +20,6 @@
 #include <cstring>
 #include <unistd.h>
 
-LPCACHEFILELIST g_pfnCacheFileListOf = nullptr;
 
 namespace {
 
@@ -278,7 +279,7 @@ BOOL CTalvorCacheStorage::WaitForBackends()
 {
     for (;;) {
         BOOL bAll = TRUE;
-        LPFILEINFO p = g_pfnCacheFileListOf != nullptr ? g_pfnCacheFileListOf(m_pStorage) : nullptr;
+        LPFILEINFO p = m_pCacheModule != nullptr ? m_pCacheModule->FileList() : nullptr;
         for (int n = 0; p != nullptr && n < MAX_FILE_NUM; p = p->m_pNext, n++)
             if (IsCacheFileType((BYTE)p->m_bFileType) && p->m_pStorageFile == nullptr) bAll = FALSE;
         if (bAll) return TRUE;
@@ -299,10 +300,10 @@ HRESULT CTalvorCacheStorage::FailPreload(LPBYTE lpBuffer, HRESULT hr)
 namespace {
 
 // The files of the list, at most MAX_FILE_NUM of them (a looped list ends).
-int ListFiles(CBreltMemStorageModule* pModule, LPFILEINFO* arFiles)
+int ListFiles(ITalvorCacheModule* pModule, LPFILEINFO* arFiles)
 {
     int n = 0;
-    LPFILEINFO p = g_pfnCacheFileListOf != nullptr ? g_pfnCacheFileListOf(pModule) : nullptr;
+    LPFILEINFO p = pModule != nullptr ? pModule->FileList() : nullptr;
     for (; p != nullptr && n < MAX_FILE_NUM; p = p->m_pNext)
         if (IsCacheFileType((BYTE)p->m_bFileType) && p->m_pStorageFile != nullptr) arFiles[n++] = p;
     return n;
@@ -349,7 +350,7 @@ HRESULT CTalvorCacheStorage::InitCacheHead(LPTALVORCRITICALSECTION lpCritSection
         return S_OK;
     }
     LPFILEINFO arFiles[MAX_FILE_NUM];
-    int nFiles = ListFiles(m_pStorage, arFiles);
+    int nFiles = ListFiles(m_pCacheModule, arFiles);
     long long arMap[MAX_FILE_NUM];
     long long llTotalIndexSize = 0, llMetaSize = 0;
     // Survey: head sizes, first map blocks, and the size of the index.

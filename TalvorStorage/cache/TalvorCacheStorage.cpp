@@ -18,7 +18,7 @@ CTalvorCacheStorage::CTalvorCacheStorage()
       m_pCacheIndexFlush(nullptr), m_pFlushFile(nullptr), m_pFlushTimestampFile(nullptr), m_nFIFOSize(0),
       m_nCacheFlashBackSize(CACHE_FLASHBACK_SIZE), m_lpOpenFileInfo(nullptr), m_nFreeNo(0), m_bTrunkIndex(0),
       m_bLeaveIndex(0), m_bPauseFileNo(0), m_bExit(0), m_nTrunkFreeNo(0), m_nMetaFreeNo(0), m_nLeaveFreeNo(0),
-      m_pFlushModule(nullptr)
+      m_pCacheModule(nullptr)
 {
     memset(m_stFileLoadInfo, 0, sizeof(m_stFileLoadInfo));
     memset(&m_layout, 0, sizeof(m_layout));

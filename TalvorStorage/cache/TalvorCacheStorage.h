@@ -27,7 +27,7 @@
 #include "TypeDef.h"
 
 class CBreltMemStorageModule;
-class ITalvorCacheFlushModule;
+class ITalvorCacheModule;
 struct CacheFlushKind;
 struct CacheFlushRun;
 
@@ -37,18 +37,8 @@ inline constexpr int CACHE_RESULT_BADCHAIN = 1;         // a chain or a page in 
 inline constexpr int CACHE_RESULT_NOCHAIN = 4;          // a head names no following page in the cache
 
 // ---- Load threads (TalvorCacheLoad.cpp) ----
-// Where a load thread finds the descriptor of the file a slot names: set
-// once by the module before the first file opens; null (the default) or a
-// null answer makes every slot answered CACHELOAD_NOFILE. The cache's
-// library cannot reach up to the module's file table.
-typedef LPFILEINFO (*LPCACHEFILESOURCE)(CBreltMemStorageModule* pModule, BYTE bFileNo);
-extern LPCACHEFILESOURCE g_pfnCacheFileOf;
 // How long Free waits for one load thread to end, in ms.
 inline constexpr UINT CACHE_LOAD_JOIN_MS = 10000;
-// Where the preload finds the module's list of files (m_pStorageInfo,
-// chained by m_pNext): set once by the module; null means no file.
-typedef LPFILEINFO (*LPCACHEFILELIST)(CBreltMemStorageModule* pModule);
-extern LPCACHEFILELIST g_pfnCacheFileListOf;
 // LoadIndexBlock / LoadTableBlock: the object's free cursor reached 0.
 inline constexpr int CACHE_RESULT_CACHEFULL = 9501;
 // Preload: bytes read from a file at a time, and where its blocks begin.
@@ -92,12 +82,12 @@ public:
     // Opens the four flush semaphores and starts the two flush threads
     // (TalvorCacheFlushThread.cpp). S_OK; E_FAIL traced when a semaphore
     // cannot be had or a thread cannot start (what did start is stopped by
-    // Free). Needs SetFlushModule first (E_FAIL without it). Main thread, at
+    // Free). Needs SetCacheModule first (E_FAIL without it). Main thread, at
     // start; no latch held.
     int CreateEventAndThread();
     // What the flush threads reach of the module (TalvorCacheFlush.h); set
     // before CreateEventAndThread, null until then. Main thread.
-    void SetFlushModule(ITalvorCacheFlushModule* pModule) { m_pFlushModule = pModule; }
+    void SetCacheModule(ITalvorCacheModule* pModule) { m_pCacheModule = pModule; }
 
     // The two flush loops (TalvorCacheFlush.cpp): serve the ring of their
     // file type in order, open files on request, grow files short of room
@@ -223,7 +213,7 @@ public:
     UINT m_nMetaFreeNo;
     UINT m_nLeaveFreeNo;
     stu_FileLoadInfo m_stFileLoadInfo[MAX_FILE_NUM];
-    ITalvorCacheFlushModule* m_pFlushModule;
+    ITalvorCacheModule* m_pCacheModule;
 
     // ---- Load threads (TalvorCacheLoad.cpp) ----
     // The thread of one file: serves the file's load slots until m_bExit.

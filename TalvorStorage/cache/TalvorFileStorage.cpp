@@ -4,6 +4,7 @@
 #include "TalvorFileStorage.h"
 
 #include "TalvorCacheStorage.h"
+#include "TalvorCacheFlush.h"
 #include "TalvorFileIO.h"
 #include "TalvorTrace.h"
 
@@ -12,7 +13,6 @@
 #include <cstring>
 #include <sys/statfs.h>
 
-LPFILESPACESINK g_pfnFileSpaceSink = nullptr;
 
 namespace {
 
@@ -231,7 +231,8 @@ BOOL CTalvorFileStorage::MakeDir(char* lpszFilePath)
 
 void CTalvorFileStorage::ChechDiskFree(LPFILEINFO pFileInfo)
 {
-    if (pFileInfo == nullptr || g_pfnFileSpaceSink == nullptr || m_pTalvorCacheStorage == nullptr) return;
+    ITalvorCacheModule* pModule = m_pTalvorCacheStorage != nullptr ? m_pTalvorCacheStorage->m_pCacheModule : nullptr;
+    if (pFileInfo == nullptr || pModule == nullptr) return;
     char szDir[MAX_PATH_COPY];
     snprintf(szDir, sizeof(szDir), "%s", pFileInfo->m_lpszFilePath);
     char* lpSlash = strrchr(szDir, '/');
@@ -239,5 +240,5 @@ void CTalvorFileStorage::ChechDiskFree(LPFILEINFO pFileInfo)
     struct statfs stFs;
     if (statfs(szDir, &stFs) != 0) return;
     long long nFreeMiB = (long long)stFs.f_bsize * (long long)stFs.f_bfree / 1048576;
-    g_pfnFileSpaceSink(m_pTalvorCacheStorage->m_pStorage, (BYTE)pFileInfo->m_bFileType, nFreeMiB);
+    pModule->OnFileSpaceChange((BYTE)pFileInfo->m_bFileType, nFreeMiB);
 }

@@ -68,16 +68,6 @@
 class CTalvorCacheStorage;
 class CBreltMemStorageModule;
 
-// Where ChechDiskFree tells the free space (MiB) of a file's disk: the
-// module's warning. Set once by the module before any file opens; null
-// (the default) drops the reports. The cache's library cannot reach up.
-typedef void (*LPFILESPACESINK)(CBreltMemStorageModule* pModule, BYTE bFileType, long long nFreeMiB);
-extern LPFILESPACESINK g_pfnFileSpaceSink;
-// Where ChangeFileSize finds the system head, to mark the file list to be
-// saved. Set once by the module; null (the default) leaves ChangeFileSize
-// without a system head, and it then does nothing.
-typedef LPSYSTEMFILEHEAD (*LPSYSTEMHEADSOURCE)(CBreltMemStorageModule* pModule);
-extern LPSYSTEMHEADSOURCE g_pfnSystemHeadOf;
 
 // Sizes of the write buffers.
 inline constexpr int FILESTORE_BUFFER_NUM = 64;
@@ -258,8 +248,8 @@ public:
     // characters (then nothing is made): creating the file tells. Any
     // thread, no latch.
     BOOL MakeDir(char* lpszFilePath);
-    // Tells g_pfnFileSpaceSink the free MiB of the disk of the file's
-    // directory, with the file type. No latch held.
+    // Tells the cache's module (OnFileSpaceChange) the free MiB of the
+    // disk of the file's directory, with the file type. No latch held.
     void ChechDiskFree(LPFILEINFO pFileInfo);
 
     // For tests and the flush threads: the buffer array, and whether the

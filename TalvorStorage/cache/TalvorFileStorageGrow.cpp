@@ -4,6 +4,7 @@
 #include "TalvorFileStorage.h"
 
 #include "DbFileLayout.h"
+#include "TalvorCacheFlush.h"
 #include "TalvorCacheStorage.h"
 #include "TalvorFileIO.h"
 #include "TalvorTrace.h"
@@ -11,7 +12,6 @@
 #include <cerrno>
 #include <cstring>
 
-LPSYSTEMHEADSOURCE g_pfnSystemHeadOf = nullptr;
 
 namespace {
 
@@ -24,9 +24,8 @@ void SetLoadSizeOf(LPFILEINFO pFileInfo, long long nValue)
 
 LPSYSTEMFILEHEAD CTalvorFileStorage::SystemHead() const
 {
-    if (m_pTalvorCacheStorage == nullptr || m_pTalvorCacheStorage->m_pStorage == nullptr || g_pfnSystemHeadOf == nullptr)
-        return nullptr;
-    return g_pfnSystemHeadOf(m_pTalvorCacheStorage->m_pStorage);
+    ITalvorCacheModule* pModule = m_pTalvorCacheStorage != nullptr ? m_pTalvorCacheStorage->m_pCacheModule : nullptr;
+    return pModule != nullptr ? pModule->SystemHead() : nullptr;
 }
 
 void CTalvorFileStorage::RecordFileSize(LPSYSTEMFILEHEAD lpSystemHead, LPTABLEFILEHEAD lpHead, long long llSize)

@@ -11,6 +11,15 @@ BYTE CStorageCacheBridge::OpenFileUseBuffer()
 
 CTalvorFlashback* CStorageCacheBridge::Flashback() { return m_pModule->GetFlashback(); }
 
+LPFILEINFO CStorageCacheBridge::FileList() { return m_pModule->GetFileInfo(); }
+
+LPSYSTEMFILEHEAD CStorageCacheBridge::SystemHead() { return m_pModule->GetSystemFileHead(); }
+
+void CStorageCacheBridge::OnFileSpaceChange(BYTE bFileType, long long nFreeMiB)
+{
+    m_pModule->OnFileSpaceChange(bFileType, nFreeMiB);
+}
+
 HRESULT CStorageCacheBridge::WriteCacheTableTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long llTimestamp,
                                                       LPBYTE lpTimestampBuf, int nTimestampNum)
 {

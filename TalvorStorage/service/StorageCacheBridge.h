@@ -1,13 +1,14 @@
-// StorageCacheBridge.h — what the cache's flush pipelines need of the
-// storage module, handed to them without the cache library depending on the
-// module: the file descriptors, the open mode, the flashback object and the
-// two writers of the flushed-up-to timestamps.
+// StorageCacheBridge.h — what the shared cache needs of the storage
+// module, handed to it without the cache library depending on the module:
+// the file descriptors, the open mode, the flashback object, the system
+// head, the disk-space warning and the two writers of the flushed-up-to
+// timestamps.
 #pragma once
 
 #include "BreltMemStorage.h"
 #include "TalvorCacheFlush.h"
 
-class CStorageCacheBridge : public ITalvorCacheFlushModule {
+class CStorageCacheBridge : public ITalvorCacheModule {
 public:
     explicit CStorageCacheBridge(CBreltMemStorageModule* pModule) : m_pModule(pModule) {}
 
@@ -16,6 +17,10 @@ public:
     LPFILEINFO FileOf(BYTE bFileNo) override;
     BYTE OpenFileUseBuffer() override;
     CTalvorFlashback* Flashback() override;
+    LPFILEINFO FileList() override;
+    LPSYSTEMFILEHEAD SystemHead() override;
+    // The storage thread's disk-space warning, as for memory-mode files.
+    void OnFileSpaceChange(BYTE bFileType, long long nFreeMiB) override;
     // A flush thread; the module's writers take their own latches.
     HRESULT WriteCacheTableTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long llTimestamp,
                                      LPBYTE lpTimestampBuf, int nTimestampNum) override;

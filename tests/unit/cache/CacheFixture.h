@@ -5,6 +5,7 @@
 #pragma once
 
 #include "CacheLayout.h"
+#include "FakeCacheModule.h"
 #include "TalvorCacheStorage.h"
 #include "TalvorTrace.h"
 
@@ -68,6 +69,7 @@ protected:
     int Open(int nMB, int nLRU = 80, BOOL bFileCache = FALSE)
     {
         m_pCache.reset(new CTalvorCacheStorage);
+        m_pCache->SetCacheModule(&m_module);
         return m_pCache->Initialize(SHMNAME_CACHEBUFFER, nMB, nLRU, Module(), bFileCache);
     }
     // The daemon dies: it lets go of the segment without removing it.
@@ -127,6 +129,8 @@ protected:
         return v;
     }
 
+    // What the cache reaches of the module; outlives the cache object.
+    FakeCacheModule m_module;
     std::unique_ptr<CTalvorCacheStorage> m_pCache;
     LPTALVORTRACESINK m_pOldSink = nullptr;
     int m_nOldLanguage = 1;

@@ -41,7 +41,7 @@ TEST_F(FlushRing, EveryTypeCarriedOutInOrderAcrossTheRingsEnd)
     for (int i : {3, 4, 5}) EXPECT_EQ(0, Val(m_pCache->m_pFlushFile[i].m_bStatus)) << "image " << i;
     EXPECT_EQ(0, Val(m_pCache->m_pFlushTimestampFile[7].m_bStatus));
     ASSERT_EQ(2u, m_module.m_vCommits.size());
-    const FakeModule::Commit& c = m_module.m_vCommits[0];
+    const FakeCacheModule::Commit& c = m_module.m_vCommits[0];
     EXPECT_FALSE(c.bIndex);
     EXPECT_EQ(9100, c.llTimestamp);
     EXPECT_EQ(12, c.nNum);
@@ -260,7 +260,7 @@ TEST_P(FlushRingPowerCut, ACommittedTimestampFindsEveryEarlierBlockOnDisk)
     m_io.LosePower();
     std::vector<BYTE> vFile = FileBytes();
     ASSERT_EQ((size_t)FS_FILE_SIZE, vFile.size());
-    for (const FakeModule::Commit& c : m_module.m_vCommits) {
+    for (const FakeCacheModule::Commit& c : m_module.m_vCommits) {
         size_t nGroup = 0;
         while (nGroup < b.vTs.size() && b.vTs[nGroup] != c.llTimestamp) nGroup++;
         ASSERT_LT(nGroup, b.vTs.size());

@@ -90,7 +90,7 @@ TEST_F(FlushThread, EntriesPostedBeforeTheStopAreServedBeforeTheThreadEnds)
 TEST_F(FlushThread, WithoutTheModuleNoThreadStarts)
 {
     MakeRing();
-    m_pCache->SetFlushModule(nullptr);
+    m_pCache->SetCacheModule(nullptr);
     EXPECT_EQ(E_FAIL, m_pCache->CreateEventAndThread());
     EXPECT_EQ(0u, (unsigned long)m_pCache->m_hStorageFlushThread);
 }
@@ -128,19 +128,15 @@ TEST_F(FlushRing, AtTheStopAPausedEntryStaysPostedForTheNextDaemon)
     EXPECT_TRUE(Writes().empty());
 }
 
-LPSYSTEMFILEHEAD TestSystemHead(CBreltMemStorageModule*)
-{
-    static SYSTEMFILEHEAD s_stHead;
-    return &s_stHead;
-}
+
 
 TEST_F(FlushRing, AFileShortOfRoomGrowsAndTheEntryPastItsOldEndGoesThrough)
 {
     MakeRing();
     static char s_cFlashback;
     m_module.m_pFlashback = reinterpret_cast<CTalvorFlashback*>(&s_cFlashback);
-    LPSYSTEMHEADSOURCE pOld = g_pfnSystemHeadOf;
-    g_pfnSystemHeadOf = &TestSystemHead;
+    static SYSTEMFILEHEAD s_stHead;
+    m_module.m_pSystemHead = &s_stHead;
     // The file's cached head: 20 MiB, nearly all of it in use.
     LPTABLEFILEHEAD lpHead = (LPTABLEFILEHEAD)(Base() + (long long)Head()->m_nFileInfoNo[FS_FILE_NO] * CACHE_BLOCK_SIZE);
     memset(lpHead, 0, CACHE_PAGE_SIZE);
@@ -162,7 +158,6 @@ TEST_F(FlushRing, AFileShortOfRoomGrowsAndTheEntryPastItsOldEndGoesThrough)
     m_vLogical.resize((size_t)(FS_FILE_SIZE + CACHEFLUSH_GROW_SIZE), 0);
     stu_CacheFlush* pPast = PostData(90, llPast);
     Run();
-    g_pfnSystemHeadOf = pOld;
 
     EXPECT_EQ(CACHEFLUSH_DONE, Val(pPast->m_bReserved));
     struct stat st;

@@ -14,9 +14,7 @@ using talvortest::FileOp;
 
 namespace {
 
-LPFILEINFO g_arFiles[MAX_FILE_NUM];
 
-LPFILEINFO FileOf(CBreltMemStorageModule*, BYTE bFileNo) { return g_arFiles[bFileNo]; }
 
 const UINT BLOCK_NO = 42;
 const long long BLOCK_AT = 10LL * CACHE_BLOCK_SIZE;
@@ -28,11 +26,9 @@ protected:
     void SetUp() override
     {
         FileStorageFixture::SetUp();
-        memset(g_arFiles, 0, sizeof(g_arFiles));
-        g_pfnCacheFileOf = &FileOf;
         Make(FALSE);
         ASSERT_FALSE(HasFatalFailure());
-        g_arFiles[FS_FILE_NO] = &m_info;
+        m_module.m_arFiles[FS_FILE_NO] = &m_info;
         WriteBlockHead(BLOCK_AT, BLOCK_NO, FS_FILE_NO, CACHE_BLOCK_SIZE);
         m_pCache->m_nWaitTime = 50;
         long long llHead = 0;
@@ -51,7 +47,6 @@ protected:
     {
         if (m_pCache) m_pCache->Free();
         if (m_hPost != SEM_FAILED) sem_close(m_hPost);
-        g_pfnCacheFileOf = nullptr;
         FileStorageFixture::TearDown();
     }
 
@@ -215,7 +210,7 @@ TEST_F(CacheLoadThread, UnknownFileOrMissingBackendAnsweredAndTheThreadGoesOn)
     stNoBackend.m_bFileNo = OTHER_FILE;
     long long llTarget = CacheBlockOffset(m_nTarget);
     EXPECT_EQ(CACHELOAD_NOFILE, Request(9, BLOCK_NO, BLOCK_AT, CACHE_BLOCK_SIZE, llTarget));
-    g_arFiles[OTHER_FILE] = &stNoBackend;
+    m_module.m_arFiles[OTHER_FILE] = &stNoBackend;
     EXPECT_EQ(CACHELOAD_NOBACKEND, Request(OTHER_FILE, BLOCK_NO, BLOCK_AT, CACHE_BLOCK_SIZE, llTarget));
     EXPECT_TRUE(TargetUntouched());
     EXPECT_TRUE(Traced(60004001, "file number 9"));

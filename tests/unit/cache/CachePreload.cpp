@@ -17,8 +17,6 @@ using namespace cachetest;
 
 namespace {
 
-LPFILEINFO g_pFileList = nullptr;
-LPFILEINFO FileList(CBreltMemStorageModule*) { return g_pFileList; }
 
 const BYTE INDEX_NO = 11;
 const BYTE TABLE_NO = 12;
@@ -47,8 +45,6 @@ protected:
     {
         CacheFixture::SetUp();
         ASSERT_EQ(0, Open(32));
-        g_pfnCacheFileListOf = &FileList;
-        g_pFileList = nullptr;
         m_rng.seed(1126);
     }
     void TearDown() override
@@ -57,8 +53,7 @@ protected:
         for (auto& f : m_vFiles)
             if (f->pStorage != nullptr) f->pStorage->Release();
         m_vFiles.clear();
-        g_pfnCacheFileListOf = nullptr;
-        g_pFileList = nullptr;
+        m_module.m_pFileList = nullptr;
         CacheFixture::TearDown();
     }
 
@@ -126,10 +121,10 @@ protected:
         f.info.m_pStorageFile = f.pStorage;
         // The list in the order the files were added.
         f.info.m_pNext = nullptr;
-        if (g_pFileList == nullptr) {
-            g_pFileList = &f.info;
+        if (m_module.m_pFileList == nullptr) {
+            m_module.m_pFileList = &f.info;
         } else {
-            LPFILEINFO p = g_pFileList;
+            LPFILEINFO p = m_module.m_pFileList;
             while (p->m_pNext != nullptr) p = p->m_pNext;
             p->m_pNext = &f.info;
         }

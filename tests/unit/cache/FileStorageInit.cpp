@@ -20,28 +20,16 @@ namespace {
 const long long FILE_SIZE = 4194304;
 const BYTE FILE_NO = 33;
 
-BYTE g_bSinkType = 0;
-long long g_nSinkFree = -1;
-void Sink(CBreltMemStorageModule*, BYTE bFileType, long long nFreeMiB)
-{
-    g_bSinkType = bFileType;
-    g_nSinkFree = nFreeMiB;
-}
-
 class FileInit : public CacheFixture {
 protected:
     void SetUp() override
     {
         CacheFixture::SetUp();
-        g_pfnFileSpaceSink = &Sink;
-        g_bSinkType = 0;
-        g_nSinkFree = -1;
     }
     void TearDown() override
     {
         if (m_pStorage != nullptr) m_pStorage->Release();
         m_pStorage = nullptr;
-        g_pfnFileSpaceSink = nullptr;
         CacheFixture::TearDown();
     }
     // A new file of nObjects objects with its head area and, with
@@ -132,8 +120,8 @@ TEST_F(FileInit, PagesHangInFileOrderAndLinkEachOther)
     EXPECT_EQ(FILE_SIZE, m_nLoadSize);
     EXPECT_NE(nullptr, m_info.m_hFile);
     EXPECT_NE(nullptr, m_info.m_hFile2);
-    EXPECT_EQ(FILETYPE_TABLE, g_bSinkType);
-    EXPECT_GT(g_nSinkFree, 0);
+    EXPECT_EQ(FILETYPE_TABLE, m_module.m_bSpaceType);
+    EXPECT_GT(m_module.m_nSpaceFree, 0);
 }
 
 TEST_F(FileInit, IndexFileWithoutExtendedPagesLinksItsMapFromTheHead)
@@ -249,7 +237,6 @@ TEST_F(FileInit, CacheKeptFromBeforeReadsNothingButMustHoldTheFile)
 // --- Growing the file ------------------------------------------------------------
 
 SYSTEMFILEHEAD g_stSystemHead;
-LPSYSTEMFILEHEAD SystemHeadOf(CBreltMemStorageModule*) { return &g_stSystemHead; }
 
 class FileGrow : public FileInit {
 protected:
@@ -257,7 +244,7 @@ protected:
     {
         FileInit::SetUp();
         memset(&g_stSystemHead, 0, sizeof(g_stSystemHead));
-        g_pfnSystemHeadOf = &SystemHeadOf;
+        m_module.m_pSystemHead = &g_stSystemHead;
         memset(&m_row, 0, sizeof(m_row));
         m_bRowSave = 0;
         ASSERT_EQ(0, Open(32));
@@ -270,7 +257,6 @@ protected:
     }
     void TearDown() override
     {
-        g_pfnSystemHeadOf = nullptr;
         free(m_lpBuf);
         FileInit::TearDown();
     }
@@ -361,7 +347,7 @@ TEST_F(FileGrow, FailedAppendIsReportedAndWithoutSystemHeadNothingHappens)
         EXPECT_EQ(FILE_SIZE, Val(m_lpHead->m_nFileTotalSize));
         EXPECT_EQ(0, m_bRowSave);
     }
-    g_pfnSystemHeadOf = nullptr;
+    m_module.m_pSystemHead = nullptr;
     long long nBefore = DiskSize();
     EXPECT_EQ(0, Grow(nBefore + 1048576, 1048576));
     EXPECT_EQ(nBefore, DiskSize());

@@ -6,50 +6,12 @@
 #pragma once
 
 #include "FileStorageFixture.h"
-#include "TalvorCacheFlush.h"
 
 #include <functional>
 
 namespace cachetest {
 
 inline constexpr long long FR_BLOCK_TS = 7000;
-
-// The module as the pipeline sees it: files by number, and a record of the
-// timestamps committed, with the array given.
-class FakeModule : public ITalvorCacheFlushModule {
-public:
-    struct Commit {
-        bool bIndex;
-        long long llTimestamp;
-        bool bArray;
-        std::vector<BYTE> vArray;
-        int nNum;
-    };
-    LPFILEINFO FileOf(BYTE bFileNo) override { return m_arFiles[bFileNo]; }
-    BYTE OpenFileUseBuffer() override { return m_bOpenMode; }
-    CTalvorFlashback* Flashback() override { return m_pFlashback; }
-    HRESULT WriteCacheTableTimestamp(LPTALVORCRITICALSECTION, long long llTs, LPBYTE lpBuf, int nNum) override
-    {
-        return Record(false, llTs, lpBuf, nNum);
-    }
-    HRESULT WriteCacheIndexTimestamp(LPTALVORCRITICALSECTION, long long llTs, LPBYTE lpBuf, int nNum) override
-    {
-        return Record(true, llTs, lpBuf, nNum);
-    }
-    HRESULT Record(bool bIndex, long long llTs, LPBYTE lpBuf, int nNum)
-    {
-        Commit c{bIndex, llTs, lpBuf != nullptr, {}, nNum};
-        if (lpBuf != nullptr) c.vArray.assign(lpBuf, lpBuf + CACHEFLUSH_TSIMAGE_SIZE);
-        if (m_fnOnCommit) m_fnOnCommit(c);
-        m_vCommits.push_back(c);
-        return S_OK;
-    }
-    LPFILEINFO m_arFiles[MAX_FILE_NUM] = {};
-    BYTE m_bOpenMode = 1;
-    CTalvorFlashback* m_pFlashback = nullptr;
-    std::vector<Commit> m_vCommits;
-    std::function<void(const Commit&)> m_fnOnCommit;
-};
 
 class FlushRing : public FileStorageFixture {
 protected:
@@ -58,7 +20,7 @@ protected:
         Make(bFileCache, FILETYPE_TABLE, bOpenMode);
         m_module.m_bOpenMode = bOpenMode;
         m_module.m_arFiles[FS_FILE_NO] = &m_info;
-        m_pCache->SetFlushModule(&m_module);
+        m_pCache->SetCacheModule(&m_module);
         long long llHead = 0;
         ASSERT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FS_FILE_NO, llHead));
         m_llImages = m_pCache->GetLayout().m_llFlashBackOffset;
@@ -190,7 +152,6 @@ protected:
         return v;
     }
 
-    FakeModule m_module;
     long long m_llImages = 0;
     long long m_llTsImages = 0;
     int m_nPos = 0;

@@ -87,7 +87,7 @@ TEST_F(CacheTimestamps, IndexStampAlwaysWritesItsArrayAndAHoldKeepsBothInMemory)
 TEST_F(CacheTimestamps, TheFlushPipelinesBridgeReachesTheWritersAndTheFiles)
 {
     CStorageCacheBridge bridge(&m_db.Module());
-    ITalvorCacheFlushModule& module = bridge;
+    ITalvorCacheModule& module = bridge;
     ASSERT_EQ(S_OK, module.WriteCacheTableTimestamp(nullptr, 4321, nullptr, 0));
     EXPECT_EQ(4321, DiskStamp(SYSTEMFILE_CACHETABLETS_OFFSET));
     ASSERT_EQ(S_OK, module.WriteCacheIndexTimestamp(nullptr, 8765, nullptr, 0));

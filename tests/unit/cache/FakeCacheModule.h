@@ -1,0 +1,61 @@
+// FakeCacheModule.h — the storage module as the shared cache reaches it
+// (ITalvorCacheModule), played by the cache's tests.
+#pragma once
+
+#include "TalvorCacheFlush.h"
+
+#include <functional>
+#include <vector>
+
+namespace cachetest {
+
+// The module as the cache sees it: files by number and as a list, the
+// system head, the last disk-space report, and a record of the timestamps
+// committed, with the array given.
+class FakeCacheModule : public ITalvorCacheModule {
+public:
+    struct Commit {
+        bool bIndex;
+        long long llTimestamp;
+        bool bArray;
+        std::vector<BYTE> vArray;
+        int nNum;
+    };
+    LPFILEINFO FileOf(BYTE bFileNo) override { return m_arFiles[bFileNo]; }
+    BYTE OpenFileUseBuffer() override { return m_bOpenMode; }
+    CTalvorFlashback* Flashback() override { return m_pFlashback; }
+    LPFILEINFO FileList() override { return m_pFileList; }
+    LPSYSTEMFILEHEAD SystemHead() override { return m_pSystemHead; }
+    void OnFileSpaceChange(BYTE bFileType, long long nFreeMiB) override
+    {
+        m_bSpaceType = bFileType;
+        m_nSpaceFree = nFreeMiB;
+    }
+    HRESULT WriteCacheTableTimestamp(LPTALVORCRITICALSECTION, long long llTs, LPBYTE lpBuf, int nNum) override
+    {
+        return Record(false, llTs, lpBuf, nNum);
+    }
+    HRESULT WriteCacheIndexTimestamp(LPTALVORCRITICALSECTION, long long llTs, LPBYTE lpBuf, int nNum) override
+    {
+        return Record(true, llTs, lpBuf, nNum);
+    }
+    HRESULT Record(bool bIndex, long long llTs, LPBYTE lpBuf, int nNum)
+    {
+        Commit c{bIndex, llTs, lpBuf != nullptr, {}, nNum};
+        if (lpBuf != nullptr) c.vArray.assign(lpBuf, lpBuf + CACHEFLUSH_TSIMAGE_SIZE);
+        if (m_fnOnCommit) m_fnOnCommit(c);
+        m_vCommits.push_back(c);
+        return S_OK;
+    }
+    LPFILEINFO m_arFiles[MAX_FILE_NUM] = {};
+    BYTE m_bOpenMode = 1;
+    CTalvorFlashback* m_pFlashback = nullptr;
+    LPFILEINFO m_pFileList = nullptr;
+    LPSYSTEMFILEHEAD m_pSystemHead = nullptr;
+    BYTE m_bSpaceType = 0;
+    long long m_nSpaceFree = -1;
+    std::vector<Commit> m_vCommits;
+    std::function<void(const Commit&)> m_fnOnCommit;
+};
+
+} // namespace cachetest
