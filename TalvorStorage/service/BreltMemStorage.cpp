@@ -103,7 +103,7 @@ HRESULT CBreltMemStorageModule::PreMessageLoop(int)
 
     Trace0("TalvorStorage", 3, 10000000,
            TALVOR_TEXT("Talvor专业存储服务启动......", "Talvor Professional Storage Service Start......"));
-    g_bEixt = 0;
+    TalvorStoreShared(&g_bEixt, 0);
     m_hEvent = CreateEventSem(nullptr, SEMNAME_SERVICE);
     if (m_hEvent == nullptr) {
         Trace("TalvorStorage", 2, 10000010,
@@ -234,7 +234,7 @@ HRESULT CBreltMemStorageModule::StartStorageThread()
 void CBreltMemStorageModule::IdleUntilStop()
 {
     int nQuietLoops = 0;
-    while (g_bEixt == 0) {
+    while (TalvorLoadShared(&g_bEixt) == 0) {
         if (CrashHasCrashedThreads()) {
             CrashAutoRecoverCrashedThreads();
             nQuietLoops = 0;

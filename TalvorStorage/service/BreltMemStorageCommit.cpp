@@ -64,9 +64,10 @@ int CBreltMemStorageModule::RunSavePass(LPTALVORCRITICALSECTION lpCritSection, B
                TALVOR_TEXT("上一次持久化仍在进行,本次持久化未执行", "The previous persistence pass is still running; this pass was not run"));
         return SAVEPASS_FAILED;
     }
-    if (nTimestamp == 0) nTimestamp = lpHead->m_nEndTimestamp;
+    // The engine's end stamp is published after its changes: taken first.
+    if (nTimestamp == 0) nTimestamp = TalvorLoadShared(&lpHead->m_nEndTimestamp);
     int nResult = 0;
-    if (nTimestamp > lpHead->m_nBeginTimestamp || lpHead->m_bSaveFlag == 1 || bForce) {
+    if (nTimestamp > lpHead->m_nBeginTimestamp || TalvorLoadShared(&lpHead->m_bSaveFlag) == 1 || bForce) {
         stu_FILEINFO* pSystem = m_lpSystemFileInfo;
         if (pSystem != nullptr && pSystem->m_pStorageFile != nullptr) {
             CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
@@ -82,7 +83,7 @@ int CBreltMemStorageModule::RunSavePass(LPTALVORCRITICALSECTION lpCritSection, B
                                                            m_lpBuffer, m_lpHeadBuf, bForce, bFlashbackFlag);
             // A refusal outweighs a file that only waits for a later pass.
             if (nFile != 0 && (nResult == 0 || nResult == SAVECHANGE_PENDING)) nResult = nFile;
-            if (nFile != 0 || bFlashbackFlag) lpHead->m_bSaveFlag = 1;
+            if (nFile != 0 || bFlashbackFlag) TalvorStoreShared(&lpHead->m_bSaveFlag, 1);
         }
         if (nResult != 0) {
             LeaveSavePass();
@@ -102,11 +103,11 @@ HRESULT CBreltMemStorageModule::CommitTimestamp(LPTALVORCRITICALSECTION lpCritSe
     CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
     long long nOld = lpHead->m_nBeginTimestamp;
     UINT nRedoLogID = lpHead->m_nRedoLogMaxID;
-    lpHead->m_nBeginTimestamp = nTimestamp;
+    TalvorStoreShared(&lpHead->m_nBeginTimestamp, nTimestamp);
     const char* lpszPath = m_lpSystemFileInfo != nullptr ? m_lpSystemFileInfo->m_lpszFilePath : "";
     int fd = m_lpSystemFileInfo != nullptr ? Talvor_FileDescriptor(m_lpSystemFileInfo->m_hFile) : -1;
     if (fd < 0) {
-        lpHead->m_nBeginTimestamp = nOld;
+        TalvorStoreShared(&lpHead->m_nBeginTimestamp, nOld);
         Trace("SaveChange2File", 1, 10110001,
               TALVOR_TEXT("设置物理文件位置失败,错误码:%d,路径:%s,位置:%lld",
                           "Failed to set physical file location, error code: %d, path: %s, location: %lld"),
@@ -120,7 +121,7 @@ HRESULT CBreltMemStorageModule::CommitTimestamp(LPTALVORCRITICALSECTION lpCritSe
     if (!TalvorWriteFull(fd, arDynamic, sizeof(arDynamic), SYSTEMFILE_DYNAMIC_OFFSET) ||
         CTalvorFileIO::Current()->FSync(fd) != 0) {
         int nErr = errno != 0 ? errno : EIO;
-        lpHead->m_nBeginTimestamp = nOld;
+        TalvorStoreShared(&lpHead->m_nBeginTimestamp, nOld);
         Trace("SaveChange2File", 1, 10110003,
               TALVOR_TEXT("从内存写入物理文件失败,错误码:%d,路径:%s,写入位置:%lld,写入大小:%d",
                           "Failed to write from memory to physical file, error code: %d, path: %s, write location: %lld, write size: %d"),

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <mutex>
 #include <thread>
 
@@ -51,10 +52,10 @@ TEST_F(RedoFixture, CleanStopWithTheArchiverBehindDrainsTheRingAndTheNextStartAr
         vLogs.push_back(Record(4100, 1, i + 1));
         ASSERT_EQ(4100, TraceRingWrite(m_pRing, m_nRingSize, vLogs.back().data(), 4100));
     }
-    bool bHung = false;
+    // The writer's and the archiver's writes both come through here.
+    std::atomic<bool> bHung{false};
     io.OnCall(FileOp::PWrite, [&](const FileCall& call) {
-        if (bHung || call.m_strPath.find("/ArchiveLog/") == std::string::npos) return;
-        bHung = true;
+        if (call.m_strPath.find("/ArchiveLog/") == std::string::npos || bHung.exchange(true)) return;
         usleep(ARCHIVE_HANG_MS * 1000);
     });
     LPTALVORTRACESINK pOld = TraceInstallSink(KeepLine);
@@ -106,7 +107,7 @@ TEST_F(RedoFixture, CleanStopWithTheArchiverBehindDrainsTheRingAndTheNextStartAr
     }
     ASSERT_GT(nOldestSealed, 0);
     EXPECT_EQ(nOldestSealed - 1, +Ring()->m_nLogArchiveNo) << "a sealed log was called archived";
-    m_pRedo->m_bArchiveExit = TRUE;
+    TalvorStoreShared(&m_pRedo->m_bArchiveExit, TRUE);
     SetEvent(m_pRedo->m_hArchiveEvent);
     void* hFile = nullptr;
     void* hSrc = nullptr;
