@@ -88,6 +88,12 @@ int CTalvorRedoLog::PrepareDestinations(char* lpPaths, char** arDes)
     return nDes;
 }
 
+BOOL CTalvorRedoLog::HeadIsArchivable(const MF_REDOLOGFILEHEAD& stHead, UINT nLogNo)
+{
+    return stHead.m_nSequenceNO == nLogNo && stHead.m_bState == REDOGROUP_SEALED &&
+           stHead.m_nEffectiveSize >= (UINT)REDOLOGFILE_HEAD_SIZE;
+}
+
 int CTalvorRedoLog::OldestSealedGroup()
 {
     int nFound = -1;
@@ -230,8 +236,7 @@ BOOL CTalvorRedoLog::ArchiveGroup(int nGroup, char** arDes, int nDesCount, LPBYT
     MF_REDOLOGFILEHEAD stHead;
     // A head of another log (or a torn one, or one whose seal never reached
     // the file) must never go out as this log's, nor be called archived.
-    if (!ReadGroupHead(nGroup, &stHead) || stHead.m_nSequenceNO != TalvorLoadShared(&pGroup->m_nSequenceNO) ||
-        stHead.m_bState != REDOGROUP_SEALED || stHead.m_nEffectiveSize < (UINT)REDOLOGFILE_HEAD_SIZE) {
+    if (!ReadGroupHead(nGroup, &stHead) || !HeadIsArchivable(stHead, TalvorLoadShared(&pGroup->m_nSequenceNO))) {
         int nErr = errno;
         if (HeadReadFailed(nGroup))
             Trace("ArchiveFile", 1, 30004013,
