@@ -53,6 +53,7 @@ public:
     ~CFuzzRedo() { delete m_pRedo; }
 
     SYSTEMFILEHEAD& Head() { return m_stHead; }
+    CTalvorRedoLog* Redo() { return m_pRedo; }
 
     bool Init(LPBYTE lpRing, int nRingSize)
     {
