@@ -329,7 +329,8 @@ BOOL CTalvorRedoLog::Init(LPSYSTEMFILEHEAD pMemoryFileHead, int nClusterNodeType
 
 int CTalvorRedoLog::ArchivedUpTo()
 {
-    long long nUpTo = m_pMemoryFileHead != nullptr ? (long long)m_pMemoryFileHead->m_nRedoLogMaxID - 1 : 0;
+    long long nUpTo =
+        m_pMemoryFileHead != nullptr ? (long long)TalvorLoadShared(&m_pMemoryFileHead->m_nRedoLogMaxID) - 1 : 0;
     for (int i = 0; i < m_nWriteRedoOnlineGroups; i++)
         if ((long long)TalvorLoadShared(&m_pRedoLog[i].m_nSequenceNO) > nUpTo)
             nUpTo = TalvorLoadShared(&m_pRedoLog[i].m_nSequenceNO);
@@ -609,7 +610,7 @@ int CTalvorRedoLog::GetWritePos(UINT nRedoLogNo, int& nRedoGroup, BYTE& bCurLog,
 {
     if (nRedoLogNo == 0 || m_pMemoryFileHead == nullptr) return -1;
     CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
-    const UINT nLast = m_pMemoryFileHead->m_nRedoLogMaxID - 1;
+    const UINT nLast = TalvorLoadShared(&m_pMemoryFileHead->m_nRedoLogMaxID) - 1;
     if (nRedoGroup >= 0 && nRedoGroup < m_nWriteRedoOnlineGroups) {
         LPTALVORREDOGROUP pGroup = &m_pRedoLog[nRedoGroup];
         if (TalvorLoadShared(&pGroup->m_nSequenceNO) == nRedoLogNo) {

@@ -124,7 +124,7 @@ int CTalvorRedoLog::WriteLog(TALVORCRITICALSECTION& stCritSection)
     if (nDelay <= 0 || nDelay > 60000) nDelay = 1000;
     for (;;) {
         // A stop drains what is left without waiting between passes.
-        UINT nWait = (m_pExit != nullptr && *m_pExit) ? 1 : (UINT)nDelay;
+        UINT nWait = (m_pExit != nullptr && TalvorLoadShared(m_pExit)) ? 1 : (UINT)nDelay;
         if (m_hLogEvent != nullptr) {
             WaitForSingleObject(m_hLogEvent, nWait);
             // Posts banked while the ring was drained are covered by the
@@ -367,7 +367,7 @@ BOOL CTalvorRedoLog::OpenNewGroup(REDOWRITERSTATE& st, long long nPassBegin, LPT
     if (!WritePiece(fd, (const BYTE*)&h, (int)sizeof(h), 0, &st)) return FALSE;
     // The number is taken only once a file holds it: a kill before this
     // point leaves the number free for the next start, none is skipped.
-    m_pMemoryFileHead->m_nRedoLogMaxID = nLogNo + 1;
+    TalvorStoreShared(&m_pMemoryFileHead->m_nRedoLogMaxID, nLogNo + 1);
     st.m_nWriteSize = REDOLOGFILE_HEAD_SIZE;
     Trace("WriteLog", 3, 30003006,
           TALVOR_TEXT("写入新的日志组[%d，%d]，开始时间戳：%lld", "Write new log group [%d, %d], start timestamp: %lld"),
@@ -530,7 +530,7 @@ BOOL CTalvorRedoLog::StopWithCutRecord(REDOWRITERSTATE& st)
 BOOL CTalvorRedoLog::WritePass(REDOWRITERSTATE& st, LPTALVORCRITICALSECTION lpCritSection)
 {
     LPFILE_TRACEMEMFILEHEAD pHead = RingHead();
-    const BOOL bStop = m_pExit != nullptr && *m_pExit;
+    const BOOL bStop = m_pExit != nullptr && TalvorLoadShared(m_pExit);
     m_stStats.m_nPasses++;
     if (st.m_bEnded) return TRUE;
     if (st.m_bReadException) {

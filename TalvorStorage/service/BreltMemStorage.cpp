@@ -267,7 +267,7 @@ BOOL CBreltMemStorageModule::WaitStorageThreadEnd(UINT nWaitMs)
 HRESULT CBreltMemStorageModule::StopService(LPTALVORCRITICALSECTION lpCritSection, UINT nRedoLogMaxID)
 {
     m_bExit = TRUE;
-    if (m_pMemoryFileHead != nullptr) m_pMemoryFileHead->m_bForbidSaveFlag = 0;
+    if (m_pMemoryFileHead != nullptr) TalvorStoreShared(&m_pMemoryFileHead->m_bForbidSaveFlag, 0);
     int nService = m_pFlashback->WaitServiceStop(lpCritSection);
     if (m_pTalvorCacheStorage != nullptr && nService == 2) m_pTalvorCacheStorage->FlushFileBlock(lpCritSection);
     // The storage thread sees the stop flag on its own and ends after the

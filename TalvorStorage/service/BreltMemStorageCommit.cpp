@@ -99,10 +99,12 @@ HRESULT CBreltMemStorageModule::CommitTimestamp(LPTALVORCRITICALSECTION lpCritSe
                                                 UINT& nRedoLogMaxID)
 {
     LPSYSTEMFILEHEAD lpHead = m_pMemoryFileHead;
-    if (lpHead->m_nBeginTimestamp == nTimestamp && lpHead->m_nRedoLogMaxID == nRedoLogMaxID) return S_OK;
+    // The redo writer raises the log number while the pass runs.
+    if (lpHead->m_nBeginTimestamp == nTimestamp && TalvorLoadShared(&lpHead->m_nRedoLogMaxID) == nRedoLogMaxID)
+        return S_OK;
     CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
     long long nOld = lpHead->m_nBeginTimestamp;
-    UINT nRedoLogID = lpHead->m_nRedoLogMaxID;
+    UINT nRedoLogID = TalvorLoadShared(&lpHead->m_nRedoLogMaxID);
     TalvorStoreShared(&lpHead->m_nBeginTimestamp, nTimestamp);
     const char* lpszPath = m_lpSystemFileInfo != nullptr ? m_lpSystemFileInfo->m_lpszFilePath : "";
     int fd = m_lpSystemFileInfo != nullptr ? Talvor_FileDescriptor(m_lpSystemFileInfo->m_hFile) : -1;

@@ -117,7 +117,7 @@ void CBreltMemStorageModule::ServeStorageCommands(LPTALVORCRITICALSECTION lpCrit
     }
     LPTALVORCOMMAND lpClusterCmd = m_pFlashback != nullptr ? m_pFlashback->GetClusterCommand() : nullptr;
     LPTALVORPROGRESS lpProgress = m_pFlashback != nullptr ? m_pFlashback->GetTalvorProgress() : nullptr;
-    UINT nRedoLogMaxID = lpHead->m_nRedoLogMaxID;
+    UINT nRedoLogMaxID = TalvorLoadShared(&lpHead->m_nRedoLogMaxID);
     long long liStart = NowMicros();
     long long liInterval = (long long)TalvorPersistenceIntervalSeconds(lpHead->m_nPersistenceIntervals) * 1000000LL;
     int nQuickRetries = 0;
