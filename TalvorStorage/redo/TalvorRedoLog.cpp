@@ -360,13 +360,13 @@ void CTalvorRedoLog::FollowNewestLog()
                       "The current log group is %d instead of %d: it holds the newest log %u"),
           nNewest, (int)m_bCurrentRedoGroup, (UINT)TalvorLoadShared(&m_pRedoLog[nNewest].m_nSequenceNO));
     m_bCurrentRedoGroup = (BYTE)nNewest;
-    m_pMemoryFileHead->m_bCurrentRedoGroup = m_bCurrentRedoGroup;
+    TalvorStoreShared(&m_pMemoryFileHead->m_bCurrentRedoGroup, m_bCurrentRedoGroup);
 }
 
 void CTalvorRedoLog::MoveToNextGroup()
 {
     m_bCurrentRedoGroup = (BYTE)((m_bCurrentRedoGroup + 1) % m_nWriteRedoOnlineGroups);
-    m_pMemoryFileHead->m_bCurrentRedoGroup = m_bCurrentRedoGroup;
+    TalvorStoreShared(&m_pMemoryFileHead->m_bCurrentRedoGroup, m_bCurrentRedoGroup);
 }
 
 // Walks the records of an unsealed log that no ring vouches for (the ring

@@ -351,7 +351,7 @@ BOOL CTalvorRedoLog::OpenNewGroup(REDOWRITERSTATE& st, long long nPassBegin, LPT
     pHead->m_nLogPos = REDOLOGFILE_HEAD_SIZE;
     TalvorFlushCPU4Write();
     pHead->m_nLogNo = (int)nLogNo;
-    m_pMemoryFileHead->m_bCurrentRedoGroup = m_bCurrentRedoGroup;
+    TalvorStoreShared(&m_pMemoryFileHead->m_bCurrentRedoGroup, m_bCurrentRedoGroup);
 
     MF_REDOLOGFILEHEAD& h = st.m_stHead;
     memset(&h, 0, sizeof(h));

@@ -179,7 +179,7 @@ HRESULT CBreltMemStorageModule::PostMessageLoop()
 
     // Ready: from here the engine may work.
     m_pMemoryFileHead->m_bStatus = 0;
-    UINT nRedoLogMaxID = m_pMemoryFileHead->m_nRedoLogMaxID;
+    UINT nRedoLogMaxID = TalvorLoadShared(&m_pMemoryFileHead->m_nRedoLogMaxID);
     m_pFlashback->GetStorageMemHead()->m_TalvorProgress.m_nStatus = 2;
     m_bServing = TRUE;
     Trace0("PostMessageLoop", 3, 10010000, TALVOR_TEXT("Talvor存储服务已启动!", "Talvor storage service started!"));

@@ -14,6 +14,7 @@
 #include "TalvorMemoryStorage.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <unistd.h>
 
@@ -25,6 +26,35 @@ volatile UINT g_nSavePassOwner = 0;
 // at stop waits for the storage thread's): 1 ms steps.
 const int SAVEPASS_GATE_WAITS = 120000;
 const long long DISK_WARNING_DEFAULT_MIB = 512;
+
+template <class T>
+void PutField(BYTE* lpPart, size_t nFieldOffset, T v)
+{
+    memcpy(lpPart + nFieldOffset - SYSTEMFILE_DYNAMIC_OFFSET, &v, sizeof(v));
+}
+
+// The dynamic part of the system head as written at a commit. The engine
+// and the redo writer go on writing some of its fields (the command byte,
+// the current group, the next log number, the end stamp): each of those is
+// read whole, so that no torn number reaches the disk; the other bytes are
+// this thread's own.
+void SnapshotDynamicPart(const SYSTEMFILEHEAD* lpHead, BYTE* lpPart)
+{
+    const size_t nLiveFirst = offsetof(SYSTEMFILEHEAD, m_bStorageCMD);
+    const size_t nLiveEnd = offsetof(SYSTEMFILEHEAD, m_nFreeBlockOffset);
+    static_assert(
+        offsetof(SYSTEMFILEHEAD, m_nEndTimestamp) + sizeof(long long) == offsetof(SYSTEMFILEHEAD, m_nFreeBlockOffset),
+        "the written fields lie together");
+    const BYTE* lpSrc = (const BYTE*)lpHead;
+    memcpy(lpPart, lpSrc + SYSTEMFILE_DYNAMIC_OFFSET, nLiveFirst - SYSTEMFILE_DYNAMIC_OFFSET);
+    PutField(lpPart, offsetof(SYSTEMFILEHEAD, m_bStorageCMD), TalvorLoadShared(&lpHead->m_bStorageCMD));
+    PutField(lpPart, offsetof(SYSTEMFILEHEAD, m_bCurrentRedoGroup), TalvorLoadShared(&lpHead->m_bCurrentRedoGroup));
+    PutField(lpPart, offsetof(SYSTEMFILEHEAD, m_nRedoLogMaxID), TalvorLoadShared(&lpHead->m_nRedoLogMaxID));
+    PutField(lpPart, offsetof(SYSTEMFILEHEAD, m_nBeginTimestamp), TalvorLoadShared(&lpHead->m_nBeginTimestamp));
+    PutField(lpPart, offsetof(SYSTEMFILEHEAD, m_nEndTimestamp), TalvorLoadShared(&lpHead->m_nEndTimestamp));
+    memcpy(lpPart + nLiveEnd - SYSTEMFILE_DYNAMIC_OFFSET, lpSrc + nLiveEnd,
+           SYSTEMFILE_DYNAMIC_OFFSET + SYSTEMFILE_DYNAMIC_SIZE - nLiveEnd);
+}
 
 BOOL EnterSavePass()
 {
@@ -118,7 +148,7 @@ HRESULT CBreltMemStorageModule::CommitTimestamp(LPTALVORCRITICALSECTION lpCritSe
     }
     // A private copy: the engine goes on writing its fields of these bytes.
     BYTE arDynamic[SYSTEMFILE_DYNAMIC_SIZE];
-    memcpy(arDynamic, (const BYTE*)lpHead + SYSTEMFILE_DYNAMIC_OFFSET, sizeof(arDynamic));
+    SnapshotDynamicPart(lpHead, arDynamic);
     errno = 0;
     if (!TalvorWriteFull(fd, arDynamic, sizeof(arDynamic), SYSTEMFILE_DYNAMIC_OFFSET) ||
         CTalvorFileIO::Current()->FSync(fd) != 0) {
