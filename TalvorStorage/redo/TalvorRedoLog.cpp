@@ -695,12 +695,12 @@ int CTalvorRedoLog::GetWriteSize(int nRedoGroup, BOOL bForce, EVENTTYPE&)
     if (TalvorLoadShared(&pGroup->m_bState) != REDOGROUP_WRITING) return TalvorLoadShared(&pGroup->m_nWriteSize);
     LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
     if (pRing == nullptr) return TalvorLoadShared(&pGroup->m_nWriteSize);
-    if (!bForce && pRing->m_nReadPos != pRing->m_nWritePos) return 0;
+    if (!bForce && TalvorLoadShared(&pRing->m_nReadPos) != TalvorLoadShared(&pRing->m_nWritePos)) return 0;
     // With the engine's seal request standing, the size comes with the seal:
     // the writer clears that flag before it seals, so the state is waited for.
-    const BOOL bSealAsked = !AskToPublish(pRing) && pRing->m_bFlushFlag == REDOFLUSH_SEAL;
+    const BOOL bSealAsked = !AskToPublish(pRing) && TalvorLoadShared(&pRing->m_bFlushFlag) == REDOFLUSH_SEAL;
     // Bounded: a writer that is gone must not hold the reader forever.
-    for (int i = 0; i < 5000 && (pRing->m_bFlushFlag != 0 || bSealAsked) &&
+    for (int i = 0; i < 5000 && (TalvorLoadShared(&pRing->m_bFlushFlag) != 0 || bSealAsked) &&
                     TalvorLoadShared(&pGroup->m_bState) != REDOGROUP_SEALED;
          i++)
         usleep(1000);
@@ -717,7 +717,7 @@ void CTalvorRedoLog::FlushLogFile(int nRedoGroup)
     LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
     if (nRedoGroup < 0 || nRedoGroup >= m_nWriteRedoOnlineGroups || pRing == nullptr) return;
     AskToPublish(pRing);
-    for (int i = 0; i < 5000 && pRing->m_bFlushFlag != 0; i++) usleep(1000);
+    for (int i = 0; i < 5000 && TalvorLoadShared(&pRing->m_bFlushFlag) != 0; i++) usleep(1000);
 }
 
 BOOL CTalvorRedoLog::GroupIsFree(int nGroup)

@@ -458,7 +458,7 @@ void CTalvorRedoLog::SealGroup(REDOWRITERSTATE& st, BOOL bShutdown, BOOL bAfterD
         return;
     }
     if (bDurable) SyncGroup(nGroup, 30003035);
-    if (st.m_bFlushFlag || pHead->m_bFlushFlag == REDOFLUSH_PUBLISH) {
+    if (st.m_bFlushFlag || TalvorLoadShared(&pHead->m_bFlushFlag) == REDOFLUSH_PUBLISH) {
         st.m_bFlushFlag = FALSE;
         ClearFlushFlag(pHead, REDOFLUSH_PUBLISH);
     }
@@ -500,7 +500,7 @@ void CTalvorRedoLog::SealGroup(REDOWRITERSTATE& st, BOOL bShutdown, BOOL bAfterD
 void CTalvorRedoLog::IdlePass(REDOWRITERSTATE& st)
 {
     LPFILE_TRACEMEMFILEHEAD pHead = RingHead();
-    BYTE bFlush = pHead->m_bFlushFlag;
+    BYTE bFlush = TalvorLoadShared(&pHead->m_bFlushFlag);
     if (bFlush == REDOFLUSH_SEAL && st.m_nItemSize == 0) {
         ClearFlushFlag(pHead, REDOFLUSH_SEAL);
         if (st.m_nSwitchLog != REDOSWITCH_CLOSED) SealGroup(st, FALSE, FALSE);
@@ -539,7 +539,7 @@ BOOL CTalvorRedoLog::WritePass(REDOWRITERSTATE& st, LPTALVORCRITICALSECTION lpCr
             st.m_bReadException = FALSE;
             st.m_nExceptionCount = 0;
         }
-        if (pHead->m_bFlushFlag == REDOFLUSH_PUBLISH) {
+        if (TalvorLoadShared(&pHead->m_bFlushFlag) == REDOFLUSH_PUBLISH) {
             Publish(st);
             ClearFlushFlag(pHead, REDOFLUSH_PUBLISH);
         }
@@ -601,7 +601,7 @@ BOOL CTalvorRedoLog::WritePass(REDOWRITERSTATE& st, LPTALVORCRITICALSECTION lpCr
                 st.m_bEnded = TRUE;
                 return TRUE;
             }
-        } else if (pHead->m_bFlushFlag == REDOFLUSH_SEAL && st.m_nItemSize == 0) {
+        } else if (TalvorLoadShared(&pHead->m_bFlushFlag) == REDOFLUSH_SEAL && st.m_nItemSize == 0) {
             ClearFlushFlag(pHead, REDOFLUSH_SEAL);
             st.m_nSwitchLog = REDOSWITCH_SEALDUE;
         }
@@ -614,7 +614,7 @@ BOOL CTalvorRedoLog::WritePass(REDOWRITERSTATE& st, LPTALVORCRITICALSECTION lpCr
         if (st.m_bEnded) return TRUE;
         st.m_nExceptionCount = 0;
         m_stStats.m_nWakeups++;
-    } else if (pHead->m_bFlushFlag == REDOFLUSH_SEAL && st.m_nItemSize == 0) {
+    } else if (TalvorLoadShared(&pHead->m_bFlushFlag) == REDOFLUSH_SEAL && st.m_nItemSize == 0) {
         ClearFlushFlag(pHead, REDOFLUSH_SEAL);
         if (st.m_nSwitchLog == REDOSWITCH_OPEN) {
             st.m_bFlushFlag = TRUE;
@@ -623,7 +623,7 @@ BOOL CTalvorRedoLog::WritePass(REDOWRITERSTATE& st, LPTALVORCRITICALSECTION lpCr
     }
     if (st.m_nSwitchLog == REDOSWITCH_SEALDUE) {
         SealGroup(st, FALSE, TRUE);
-    } else if (pHead->m_bFlushFlag == REDOFLUSH_PUBLISH) {
+    } else if (TalvorLoadShared(&pHead->m_bFlushFlag) == REDOFLUSH_PUBLISH) {
         Publish(st);
         ClearFlushFlag(pHead, REDOFLUSH_PUBLISH);
     } else if (pHead->m_bWriting == 0 && st.m_bFlushFlag) {
