@@ -21,7 +21,9 @@ inline constexpr USHORT FUZZ_REDO_GUID = 0x77;
 inline std::string RedoDir()
 {
     static std::string s_strDir = [] {
-        std::string strDir = FuzzDir() + "redo/";
+        // Group files and archive copies are synced at every seal and copy
+        // and never opened for direct I/O: tmpfs keeps the runs quick.
+        std::string strDir = RamDir() + "redo/";
         std::string strCmd = "mkdir -p " + strDir;
         if (system(strCmd.c_str()) != 0) abort();
         return strDir;
@@ -53,6 +55,7 @@ public:
     ~CFuzzRedo() { delete m_pRedo; }
 
     SYSTEMFILEHEAD& Head() { return m_stHead; }
+    CTalvorRedoLog* Redo() { return m_pRedo; }
 
     bool Init(LPBYTE lpRing, int nRingSize)
     {

@@ -3,8 +3,10 @@
 // its data file with blocks and rows (the stand-in's image helpers), a
 // block taken through updates with its rollback area (the stand-in's rows),
 // a redo ring of the stand-in's records and the group files the daemon's
-// writer makes of it. Run by fuzz/make-corpus; argv[1] is fuzz/corpus.
+// writer makes of it, sealed by its stop for the archiver, and the engine's
+// answers to channel command 3 over the maker's files. Run by fuzz/make-corpus; argv[1] is fuzz/corpus.
 #include "DbFileLayout.h"
+#include "FuzzDatabase.h"
 #include "LogManager.h"
 #include "MkdbTool.h"
 #include "PeerImage.h"
@@ -267,6 +269,105 @@ void RedoSeeds(const std::string& strWork)
     }
 }
 
+// The stand-in's records drained by the writer, and the stop sealing the
+// open log: group files the archiver takes (tag B bit 1 set: archiving off,
+// the group only marked).
+void ArchiveSeeds(const std::string& strWork)
+{
+    std::string strDir = strWork + "/archive/";
+    mkdir(strDir.c_str(), 0755);
+    const int nRing = (int)sizeof(FILE_TRACEMEMFILEHEAD) + 2048;
+    std::vector<BYTE> vRing((size_t)nRing);
+    TraceRingInitHead(vRing.data(), nRing, TRACEMEM_FILETYPE_REDO);
+    SYSTEMFILEHEAD stHead;
+    memset(&stHead, 0, sizeof(stHead));
+    stHead.m_usDatabaseGuid = 0x77;
+    stHead.m_nWriteRedoOnlineGroups = 3;
+    stHead.m_nWriteRedoMaxSize = 4096;
+    stHead.m_nWriteUndoDelayTime = 1;
+    stHead.m_nRedoLogMaxID = 1;
+    BOOL bExit = FALSE;
+    TALVORCRITICALSECTION stCrit;
+    InitThreadCritSection(&stCrit);
+    CTalvorRedoLog* pRedo = new CTalvorRedoLog();
+    pRedo->SetRingSize(nRing);
+    if (!pRedo->Init(&stHead, 0, &bExit, (char*)strDir.c_str(), (char*)vRing.data(), nullptr, nullptr, FALSE, nullptr)) {
+        fprintf(stderr, "the redo writer did not start in %s\n", strDir.c_str());
+        exit(1);
+    }
+    REDOWRITERSTATE st;
+    memset(&st, 0, sizeof(st));
+    pRedo->StartWriter(st);
+    unsigned nRand = 11;
+    const BYTE arTypes[] = {1, 2, 12, 3};
+    // Enough for two full groups; the stop seals the third.
+    for (int i = 0; i < 12; i++) {
+        std::string r = RedoRecord(560 + 20 * i, arTypes[i % 4], 2000 + i, nRand);
+        TraceRingWrite(vRing.data(), nRing, r.data(), (int)r.size());
+        pRedo->WritePass(st, &stCrit);
+    }
+    bExit = TRUE;
+    for (int i = 0; i < 16; i++)
+        if (pRedo->WritePass(st, &stCrit)) break;
+    delete pRedo;
+    int nSealed = 0;
+    for (int g = 0; g < 3; g++) {
+        std::string strGroup = ReadFile(strDir + "Redo" + std::to_string(g) + ".log");
+        MF_REDOLOGFILEHEAD h;
+        if (strGroup.size() < sizeof(h)) continue;
+        memcpy(&h, strGroup.data(), sizeof(h));
+        if (h.m_bState != REDOGROUP_SEALED) continue;
+        nSealed++;
+        std::string strImage = Sparse(strGroup, (uint32_t)strGroup.size(), (uint8_t)g, 0);
+        WriteSeed("RedoArchiveFile", "sealed" + std::to_string(g), strImage);
+        strImage[5] = 2;
+        WriteSeed("RedoArchiveFile", "sealed" + std::to_string(g) + "-marked", strImage);
+    }
+    if (nSealed == 0) {
+        fprintf(stderr, "the stop sealed no group in %s\n", strDir.c_str());
+        exit(1);
+    }
+}
+
+// The engine's answers to channel command 3 for the database of
+// fuzz/service/ChannelHeadAnswer.cpp: the heads of the maker's files, as
+// made and after the stand-in wrote rows, a "nothing to save", and an
+// answer that also restates the channel's geometry, late.
+void ChannelAnswerSeeds(const std::string& strWork)
+{
+    talvorfuzz::MadeFiles db = talvorfuzz::BuildMadeFiles(strWork + "/");
+    if (!db.m_bOk) {
+        fprintf(stderr, "the maker's builders failed for the channel seeds\n");
+        exit(1);
+    }
+    auto answer = [](BYTE bFileNo, BYTE bFlags, int nResult, const BYTE* lpHead, size_t nHead) {
+        std::string s;
+        s.push_back((char)bFileNo);
+        s.push_back((char)bFlags);
+        Put32(s, (uint32_t)nResult);
+        Put32(s, (uint32_t)sizeof(STORAGEMEMHEAD));
+        Put32(s, (uint32_t)STORAGEMEM_SEGMENT_SIZE);
+        s.append((const char*)lpHead, nHead);
+        return s;
+    };
+    LPBASEFILEHEAD lpData = (LPBASEFILEHEAD)db.m_vData.data();
+    LPBASEFILEHEAD lpSystem = (LPBASEFILEHEAD)db.m_vSystem.data();
+    size_t nDataHead = (size_t)lpData->m_nFileHeaderSize;
+    size_t nSystemHead = (size_t)lpSystem->m_nFileHeaderSize;
+    WriteSeed("ChannelHeadAnswer", "data-made", answer(2, 4, 0, db.m_vData.data(), nDataHead));
+    WriteSeed("ChannelHeadAnswer", "system-made", answer(1, 6, 0, db.m_vSystem.data(), nSystemHead));
+    WriteSeed("ChannelHeadAnswer", "nothing-to-save", answer(2, 6, PEERRESULT_NOTHINGTOSAVE, db.m_vData.data(), 0));
+    WriteSeed("ChannelHeadAnswer", "data-late", answer(2, 4 | 8 | 1, 0, db.m_vData.data(), nDataHead));
+    LPBYTE lpImage = db.m_vData.data();
+    long long nSize = (long long)db.m_vData.size();
+    if (talvorpeer::PeerPrepareFile(lpImage, nSize, 4, 2500)) {
+        std::vector<long long> vBlocks = talvorpeer::PeerFileBlocks(lpImage, nSize);
+        for (size_t i = 0; i < vBlocks.size(); i++)
+            talvorpeer::PeerChangeRow(lpImage, nSize, 2, vBlocks[i], (int)i, 300 + (long long)i, 2600);
+        WriteSeed("ChannelHeadAnswer", "data-rows", answer(2, 4 | 16, 0, lpImage, (size_t)lpData->m_nFileHeaderSize));
+    }
+}
+
 // The channel: each command record the engine may leave, with the storage
 // command byte; and a file list row whose command asks for work.
 void ChannelSeeds()
@@ -301,5 +402,7 @@ int main(int argc, char** argv)
     RollbackSeeds();
     RedoSeeds(strWork);
     ChannelSeeds();
+    ArchiveSeeds(strWork);
+    ChannelAnswerSeeds(strWork);
     return 0;
 }

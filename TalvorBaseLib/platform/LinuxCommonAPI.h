@@ -157,6 +157,22 @@ int MakeDirs(const char* lpszFilePath, size_t nCopySize, BOOL bBackslashToo);
 inline void TalvorFlushCPU4Read() { __atomic_thread_fence(__ATOMIC_ACQUIRE); }
 inline void TalvorFlushCPU4Write() { __atomic_thread_fence(__ATOMIC_RELEASE); }
 
+// A flag or stamp of memory shared with the engine (or set by a signal
+// handler) that another thread polls: read and written whole, and ordered
+// so that whoever sees the value also sees what was written before it. The
+// fences above give the engine that order for plain accesses; these give
+// it in the memory model's own terms, which ThreadSanitizer can check.
+template <class T>
+inline T TalvorLoadShared(const volatile T* p)
+{
+    return __atomic_load_n(p, __ATOMIC_ACQUIRE);
+}
+template <class T, class V>
+inline void TalvorStoreShared(volatile T* p, V v)
+{
+    __atomic_store_n(p, (T)v, __ATOMIC_RELEASE);
+}
+
 // A 512-aligned buffer for direct transfers; free() releases it.
 void* get_aligned_buffer(size_t nSize);
 

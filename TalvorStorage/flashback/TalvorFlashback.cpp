@@ -159,18 +159,17 @@ BOOL CTalvorFlashback::CheckServiceAlive(LPTALVORCRITICALSECTION lpCritSection)
     LPSTORAGEMEMHEAD lpHead = m_pStorageMemFileHead;
     CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
     lpHead->m_nResult = 0;
-    TalvorFlushCPU4Write();
-    lpHead->m_bCommandType = 32;
+    TalvorStoreShared(&lpHead->m_bCommandType, PEERCMD_HEARTBEAT);
     SetEvent(m_hFlashBackEvent);
     // The semaphore may hold stale posts: the command byte decides.
     for (int i = 0; i < SERVICE_ANSWER_WAITS; i++) {
-        if (lpHead->m_bCommandType == 0) return TRUE;
+        if (TalvorLoadShared(&lpHead->m_bCommandType) == PEERCMD_NONE) return TRUE;
         WaitForSingleObject(m_hFlashBackFinishedEvent, 1);
     }
-    if (lpHead->m_bCommandType == 0) return TRUE;
+    if (TalvorLoadShared(&lpHead->m_bCommandType) == PEERCMD_NONE) return TRUE;
     lpHead->m_nResult = 1610;
-    lpHead->m_bCommandType = 0;
-    lpHead->m_bService = 2;
+    TalvorStoreShared(&lpHead->m_bCommandType, PEERCMD_NONE);
+    TalvorStoreShared(&lpHead->m_bService, SERVICESTATE_LOST);
     return FALSE;
 }
 
@@ -178,9 +177,9 @@ int CTalvorFlashback::WaitServiceStop(LPTALVORCRITICALSECTION lpCritSection)
 {
     LPSTORAGEMEMHEAD lpHead = m_pStorageMemFileHead;
     if (lpHead == nullptr) return 0;
-    for (unsigned nPoll = 0; lpHead->m_bService == 1; nPoll++) {
+    for (unsigned nPoll = 0; TalvorLoadShared(&lpHead->m_bService) == SERVICESTATE_RUNNING; nPoll++) {
         if (nPoll % SERVICE_POLLS_PER_PING == SERVICE_POLLS_PER_PING - 1 && !CheckServiceAlive(lpCritSection)) return 2;
         usleep(1000);
     }
-    return lpHead->m_bService;
+    return TalvorLoadShared(&lpHead->m_bService);
 }

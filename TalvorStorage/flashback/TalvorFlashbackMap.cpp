@@ -35,20 +35,19 @@ int CTalvorFlashback::RequestFileHead(LPTALVORCRITICALSECTION, BYTE bFileNo, lon
     lpHead->m_nResult = 0;
     lpHead->m_bFileNo = bFileNo;
     lpHead->m_nTimestamp = nTimestamp;
-    TalvorFlushCPU4Write();
-    lpHead->m_bCommandType = 3;
+    // The command byte last: the engine reads the request once it sees it.
+    TalvorStoreShared(&lpHead->m_bCommandType, PEERCMD_FLASHBACKHEAD);
     SetEvent(m_hFlashBackEvent);
     // A wait may end on a stale post: the command byte alone tells.
     int nCycle = lpHead->m_nCycleTime > 0 ? lpHead->m_nCycleTime : STORAGEMEM_CYCLETIME_MS;
-    for (int i = 0; i < FILEHEAD_ANSWER_WAITS && lpHead->m_bCommandType != 0; i++)
+    for (int i = 0; i < FILEHEAD_ANSWER_WAITS && TalvorLoadShared(&lpHead->m_bCommandType) != PEERCMD_NONE; i++)
         WaitForSingleObject(m_hFlashBackFinishedEvent, (UINT)nCycle);
-    if (lpHead->m_bCommandType == 0) {
-        __atomic_thread_fence(__ATOMIC_ACQUIRE);
-        return lpHead->m_nResult;
-    }
+    // The engine writes its result and copy before it clears the byte.
+    if (TalvorLoadShared(&lpHead->m_bCommandType) == PEERCMD_NONE) return lpHead->m_nResult;
     lpHead->m_nResult = PEERRESULT_TIMEOUT;
-    lpHead->m_bCommandType = 0;
-    if (lpHead->m_bService == 1) lpHead->m_bService = 2;
+    TalvorStoreShared(&lpHead->m_bCommandType, PEERCMD_NONE);
+    if (TalvorLoadShared(&lpHead->m_bService) == SERVICESTATE_RUNNING)
+        TalvorStoreShared(&lpHead->m_bService, SERVICESTATE_LOST);
     return PEERRESULT_TIMEOUT;
 }
 
@@ -57,7 +56,7 @@ void CTalvorFlashback::MapDataFromImage(LPFILEINFO pFileInfo, LPBYTE lpHeadBuf, 
     LPBYTE lpImage = pFileInfo->m_pFileAddr;
     long long nImageSize = pFileInfo->m_liFileSize;
     LPBASEFILEHEAD lpLive = (LPBASEFILEHEAD)lpImage;
-    lpLive->m_bSaveFlag = 0;
+    TalvorStoreShared(&lpLive->m_bSaveFlag, 0);
     TalvorFlushCPU4Write();
     // The head size comes from the image: the copy is held to both buffers.
     long long nHeadSize = lpLive->m_nFileHeaderSize;
@@ -92,7 +91,7 @@ int CTalvorFlashback::FlashbackMapData(LPTALVORCRITICALSECTION lpCritSection, LP
     if (pFileInfo == nullptr || pFileInfo->m_pFileAddr == nullptr || lpHeadBuf == nullptr) return 0;
     CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
     LPSTORAGEMEMHEAD lpHead = m_pStorageMemFileHead;
-    if (lpHead != nullptr && lpHead->m_bService == 1) {
+    if (lpHead != nullptr && TalvorLoadShared(&lpHead->m_bService) == SERVICESTATE_RUNNING) {
         int nResult = RequestFileHead(lpCritSection, pFileInfo->m_bFileNo, nTimestamp);
         if (nResult == PEERRESULT_OK) {
             // The engine's copy is untrusted: its length must fit the data

@@ -225,11 +225,11 @@ BOOL RollBackCopy(SaveContext& c, LPBASEBLOCKHEAD lpLive, int nBlockSize)
 int WriteBlockOut(SaveContext& c, LPBASEBLOCKHEAD lpLive, LPBASEBLOCKHEAD lpSrc, long long nBlockOffset,
                   int nBlockSize, int nWriteCode)
 {
-    lpSrc->m_bSaveFlag = 0;
+    TalvorStoreShared(&lpSrc->m_bSaveFlag, 0);
     FullFence();
     if (WriteAt(c, (const void*)lpSrc, nBlockSize, nBlockOffset)) return STEP_OK;
     int nErr = ErrnoOr(EIO);
-    lpLive->m_bSaveFlag = 1;
+    TalvorStoreShared(&lpLive->m_bSaveFlag, 1);
     Trace("SaveChange2File", 1, nWriteCode,
           TALVOR_TEXT("从内存写入物理文件失败,错误:%s(%d),路径:%s,写入位置:%lld,写入大小:%d",
                       "Failed to write from memory to physical file, error: %s(%d), path: %s, write location: %lld, write size: %d"),
@@ -247,14 +247,14 @@ int WriteIndexBlock(SaveContext& c, LPBASEBLOCKHEAD lpLive, long long nBlockOffs
     assert(nBlockOffset >= 0 && nBlockSize >= (int)sizeof(BLOCKHEAD) && nBlockOffset + nBlockSize <= c.m_nImageSize);
     LPBASEBLOCKHEAD lpSrc = lpLive;
     if (!c.m_bForce && nBlockSize <= SAVE_COPY_LIMIT) {
-        lpLive->m_bSaveFlag = 0;
+        TalvorStoreShared(&lpLive->m_bSaveFlag, 0);
         FullFence();
         memcpy(c.m_lpBuffer, (const void*)lpLive, (size_t)nBlockSize);
         lpSrc = (LPBASEBLOCKHEAD)c.m_lpBuffer;
-        if (lpSrc->m_nTimestamp > c.m_nTimestamp) bFlashFlag = TRUE;
+        if (TalvorLoadShared(&lpSrc->m_nTimestamp) > c.m_nTimestamp) bFlashFlag = TRUE;
     }
     if (lpSrc->m_nDataFlag != BLOCK_DATAFLAG) {
-        lpLive->m_bSaveFlag = 1;
+        TalvorStoreShared(&lpLive->m_bSaveFlag, 1);
         Trace("SaveChange2File", 1, 40002043,
               TALVOR_TEXT("发现块头信息已损坏,校验数据:%d[%d],路径:%s,块号:%d(%d),块偏移位置:%lld",
                           "It is found the header information of the block was damaged, check the data: %d [%d], path: %s, block number: %d(%d), block offset position: %lld"),
@@ -278,12 +278,12 @@ int WriteBlock(SaveContext& c, LPBASEBLOCKHEAD lpLive, long long nBlockOffset, i
     LPBASEBLOCKHEAD lpSrc = lpLive;
     if (!bLive) {
         memcpy(c.m_lpBuffer, (const void*)lpLive, (size_t)nBlockSize);
-        lpLive->m_bSaveFlag = 0;
+        TalvorStoreShared(&lpLive->m_bSaveFlag, 0);
         FullFence();
-        if (lpLive->m_nTimestamp > c.m_nTimestamp) {
+        if (TalvorLoadShared(&lpLive->m_nTimestamp) > c.m_nTimestamp) {
             // Changed past the save point: the live block stays marked for
             // the next pass whatever becomes of the copy.
-            lpLive->m_bSaveFlag = 1;
+            TalvorStoreShared(&lpLive->m_bSaveFlag, 1);
             if (!bRollback || !RollBackCopy(c, lpLive, nBlockSize)) {
                 // A change may have been under way during the copy: write
                 // the block at a later pass.
@@ -296,7 +296,7 @@ int WriteBlock(SaveContext& c, LPBASEBLOCKHEAD lpLive, long long nBlockOffset, i
         lpSrc = (LPBASEBLOCKHEAD)c.m_lpBuffer;
     }
     if (lpSrc->m_nDataFlag != BLOCK_DATAFLAG) {
-        if (!bLive) lpLive->m_bSaveFlag = 1;
+        if (!bLive) TalvorStoreShared(&lpLive->m_bSaveFlag, 1);
         Trace("SaveChange2File", 1, nMarkCode,
               TALVOR_TEXT("发现块头信息已损坏,校验数据:%d[%d],路径:%s,块号:%d,块偏移位置:%lld",
                           "It is found the header information of the block was damaged, check the data: %d [%d], path: %s, block number: %d, block offset position: %lld"),
@@ -304,8 +304,8 @@ int WriteBlock(SaveContext& c, LPBASEBLOCKHEAD lpLive, long long nBlockOffset, i
         return STEP_FAIL;
     }
     if (WriteBlockOut(c, lpLive, lpSrc, nBlockOffset, nBlockSize, nWriteCode) != STEP_OK) return STEP_FAIL;
-    if (bLive && !c.m_bForce && lpLive->m_nTimestamp > c.m_nTimestamp) {
-        lpLive->m_bSaveFlag = 1;
+    if (bLive && !c.m_bForce && TalvorLoadShared(&lpLive->m_nTimestamp) > c.m_nTimestamp) {
+        TalvorStoreShared(&lpLive->m_bSaveFlag, 1);
         bPendingBlock = TRUE;
         c.m_bPending = TRUE;
     }
@@ -373,7 +373,7 @@ int SaveChainEntry(SaveContext& c, LPBASEFILEBLOCKMAP lpEntry, BOOL& bFlashFlag)
               nBlockOffset, (long long)((LPBYTE)lpEntry - c.m_lpImage));
         return STEP_FAIL;
     }
-    if (lpBlock->m_bSaveFlag == 0) return STEP_OK;
+    if (TalvorLoadShared(&lpBlock->m_bSaveFlag) == 0) return STEP_OK;
     if (FileListBlockUnsettled(c, lpBlock, nBlockSize)) return STEP_OK;
     BOOL bPendingBlock = FALSE;
     BOOL bRollback = c.m_lpBase->m_nDataFlag == DATAFILE_DATAFLAG;
@@ -448,26 +448,27 @@ int SaveChain(SaveContext& c, long long nFirst, BOOL& bFlashFlag)
 void SettleObject(SaveContext& c, LPBASEFILEOBJECTDEF lpBase, LPBASEFILEOBJECTDEF lpLive, BOOL bFlashFlag,
                   BOOL& bFlashbackFlag)
 {
-    long long nFinished = lpBase->m_nFinishedTimestamp;
+    long long nFinished = TalvorLoadShared(&lpBase->m_nFinishedTimestamp);
     if (c.m_nTimestamp < nFinished) {
-        lpLive->m_bSaveFlag = 1;
+        TalvorStoreShared(&lpLive->m_bSaveFlag, 1);
         lpLive->m_nPersistentTimestamp = c.m_nTimestamp;
         bFlashbackFlag = TRUE;
         return;
     }
     if (bFlashFlag) {
-        lpLive->m_bSaveFlag = 1;
-    } else if (lpLive->m_bSaveFlag == 1 && lpBase != lpLive) {
+        TalvorStoreShared(&lpLive->m_bSaveFlag, 1);
+    } else if (TalvorLoadShared(&lpLive->m_bSaveFlag) == 1 && lpBase != lpLive) {
         // The flag was cleared only in the snapshot: clear the live one too,
         // or every later pass would find the object marked and write head
         // and maps again forever. A change that lands meanwhile shows in the
         // finished timestamp (the engine raises it before the flag).
-        lpLive->m_bSaveFlag = 0;
+        TalvorStoreShared(&lpLive->m_bSaveFlag, 0);
         FullFence();
-        if (lpLive->m_nFinishedTimestamp > c.m_nTimestamp) lpLive->m_bSaveFlag = 1;
+        if (TalvorLoadShared(&lpLive->m_nFinishedTimestamp) > c.m_nTimestamp)
+            TalvorStoreShared(&lpLive->m_bSaveFlag, 1);
     }
     lpLive->m_nPersistentTimestamp = nFinished;
-    if (lpLive->m_bSaveFlag != 0) bFlashbackFlag = TRUE;
+    if (TalvorLoadShared(&lpLive->m_bSaveFlag) != 0) bFlashbackFlag = TRUE;
 }
 
 // Where the object table of a head lies, and how many objects it holds: the
@@ -490,9 +491,10 @@ int WalkByObjects(SaveContext& c, BOOL& bFlashbackFlag)
         LPBASEFILEOBJECTDEF lpBase = (LPBASEFILEOBJECTDEF)((LPBYTE)c.m_lpBase + nAt);
         LPBASEFILEOBJECTDEF lpLive = (LPBASEFILEOBJECTDEF)(c.m_lpImage + nAt);
         if (lpBase->m_nID == 0) continue;
-        if (lpBase->m_nFinishedTimestamp == lpBase->m_nPersistentTimestamp && lpBase->m_bSaveFlag != 1 && !c.m_bForce)
+        if (TalvorLoadShared(&lpBase->m_nFinishedTimestamp) == lpBase->m_nPersistentTimestamp &&
+            TalvorLoadShared(&lpBase->m_bSaveFlag) != 1 && !c.m_bForce)
             continue;
-        lpBase->m_bSaveFlag = 0;
+        TalvorStoreShared(&lpBase->m_bSaveFlag, 0);
         BOOL bFlashFlag = FALSE;
         if (SaveChain(c, lpBase->m_nFullBlockMapOffset, bFlashFlag) != STEP_OK) return STEP_FAIL;
         if (SaveChain(c, lpBase->m_nFreeBlockMapOffset, bFlashFlag) != STEP_OK) return STEP_FAIL;
@@ -528,7 +530,7 @@ int SaveMapEntry(SaveContext& c, const BASEFILEBLOCKMAP& stEntry, int n, BOOL& b
               (int)lpBlock->m_nDataFlag, BLOCK_DATAFLAG, PathOf(c), (int)lpBlock->m_nBlockNo, n, nBlockOffset);
         return STEP_FAIL;
     }
-    if (lpBlock->m_bSaveFlag == 0 && !c.m_bForce) return STEP_OK;
+    if (TalvorLoadShared(&lpBlock->m_bSaveFlag) == 0 && !c.m_bForce) return STEP_OK;
     BOOL bFlashFlag = FALSE;
     int nResult = WriteIndexBlock(c, lpBlock, nBlockOffset, nBlockSize, bFlashFlag);
     if (bFlashFlag) bFlashbackFlag = TRUE;
@@ -679,7 +681,7 @@ void MarkBlockAt(SaveContext& c, long long nBlockOffset)
 {
     if (nBlockOffset <= 0 || nBlockOffset > c.m_nImageSize - (long long)sizeof(BLOCKHEAD)) return;
     LPBASEBLOCKHEAD lpBlock = (LPBASEBLOCKHEAD)(c.m_lpImage + nBlockOffset);
-    if (lpBlock->m_nDataFlag == BLOCK_DATAFLAG) lpBlock->m_bSaveFlag = 1;
+    if (lpBlock->m_nDataFlag == BLOCK_DATAFLAG) TalvorStoreShared(&lpBlock->m_bSaveFlag, 1);
 }
 
 // After a failed sync the kernel may have dropped the pages of every write
@@ -690,7 +692,7 @@ void MarkBlockAt(SaveContext& c, long long nBlockOffset)
 void MarkWholeFileAgain(SaveContext& c)
 {
     LPBASEFILEHEAD lpLive = c.m_lpLive;
-    lpLive->m_bSaveFlag = 1;
+    TalvorStoreShared(&lpLive->m_bSaveFlag, 1);
     int nMark = lpLive->m_nDataFlag;
     if (nMark == KVINDEXFILE_DATAFLAG || nMark == BTREEINDEXFILE_DATAFLAG) {
         VisitMapBlocks(c, lpLive, 0, [&](long long nMap, LPBASEFILEBLOCKMAPHEAD lpMap) {
@@ -708,7 +710,7 @@ void MarkWholeFileAgain(SaveContext& c)
         if (nAt < 0 || nAt + (long long)sizeof(BASEFILEOBJECTDEF) > c.m_nImageSize) break;
         LPBASEFILEOBJECTDEF lpObject = (LPBASEFILEOBJECTDEF)(c.m_lpImage + nAt);
         if (lpObject->m_nID == 0) continue;
-        lpObject->m_bSaveFlag = 1;
+        TalvorStoreShared(&lpObject->m_bSaveFlag, 1);
         for (long long nFirst : {(long long)lpObject->m_nFullBlockMapOffset, (long long)lpObject->m_nFreeBlockMapOffset})
             DbWalkMapChain(c.m_lpImage, c.m_nImageSize, nFirst, 0, nullptr, [&](long long, LPBASEFILEBLOCKMAP lpEntry) {
                 MarkBlockAt(c, lpEntry->m_nBlockOffset);
@@ -727,7 +729,9 @@ int CheckBeforeSave(LPFILEINFO pFileInfo, BOOL bForce)
         TraceHeadMark(bFileType, lpLive->m_nDataFlag, nExpected, pFileInfo->m_lpszFilePath);
         return 1;
     }
-    if (pFileInfo->m_nTimestamp >= lpLive->m_nTimestamp && lpLive->m_bSaveFlag == 0 && !bForce) return -1;
+    if (pFileInfo->m_nTimestamp >= TalvorLoadShared(&lpLive->m_nTimestamp) &&
+        TalvorLoadShared(&lpLive->m_bSaveFlag) == 0 && !bForce)
+        return -1;
     if (lpLive->m_nBlockMapStructSize != BLOCKMAP_STRUCT_SIZE_MEMORY) {
         Trace("SaveChange2File", 1, 40002006,
               TALVOR_TEXT("m_nBlockMapStructSize值不正确,文件路径:%s,实际记录值:%d,正确值:%d",
@@ -804,7 +808,7 @@ int CTalvorMemoryStorage::SaveChange2File(LPTALVORCRITICALSECTION lpCritSection,
 
     // Phase 2: the view.
     if (bForce || m_pFlashback == nullptr) {
-        c.m_lpLive->m_bSaveFlag = 0;
+        TalvorStoreShared(&c.m_lpLive->m_bSaveFlag, 0);
         c.m_lpBase = c.m_lpLive;
     } else {
         // A head left in the buffer by an earlier file or pass must never
@@ -831,10 +835,10 @@ int CTalvorMemoryStorage::SaveChange2File(LPTALVORCRITICALSECTION lpCritSection,
     if (nWritten == WRITTEN_SYNCFAILED) MarkWholeFileAgain(c);
     if (nWritten != WRITTEN_DURABLE) {
         m_stMapOnDisk.Forget();
-        c.m_lpLive->m_bSaveFlag = 1;
+        TalvorStoreShared(&c.m_lpLive->m_bSaveFlag, 1);
         return 1;
     }
-    if (bFlashbackFlag || c.m_bPending || c.m_bDamaged) c.m_lpLive->m_bSaveFlag = 1;
+    if (bFlashbackFlag || c.m_bPending || c.m_bDamaged) TalvorStoreShared(&c.m_lpLive->m_bSaveFlag, 1);
     if (c.m_bDamaged) return 1;
     if (c.m_bPending) return SAVECHANGE_PENDING;
     pFileInfo->m_nTimestamp = nTimestamp;

@@ -181,10 +181,10 @@ BOOL CTalvorRedoLog::MakeGroupFile(int nGroup, LPBYTE lpZero, LONG nFailCode)
         return FALSE;
     }
     LPTALVORREDOGROUP pGroup = &m_pRedoLog[nGroup];
-    pGroup->m_bState = REDOGROUP_EMPTY;
-    pGroup->m_nSequenceNO = 0;
-    pGroup->m_nWriteSize = 0;
-    pGroup->m_nEffectiveSize = 0;
+    TalvorStoreShared(&pGroup->m_bState, REDOGROUP_EMPTY);
+    TalvorStoreShared(&pGroup->m_nSequenceNO, 0);
+    TalvorStoreShared(&pGroup->m_nWriteSize, 0);
+    TalvorStoreShared(&pGroup->m_nEffectiveSize, 0);
     pGroup->m_bStandbyRef = 0;
     return TRUE;
 }
@@ -223,7 +223,8 @@ void CTalvorRedoLog::RaiseLogNumbers()
 {
     UINT nHighest = HighestArchivedNumber();
     for (int i = 0; i < m_nWriteRedoOnlineGroups; i++)
-        if (m_pRedoLog[i].m_nSequenceNO > nHighest) nHighest = m_pRedoLog[i].m_nSequenceNO;
+        if (TalvorLoadShared(&m_pRedoLog[i].m_nSequenceNO) > nHighest)
+            nHighest = TalvorLoadShared(&m_pRedoLog[i].m_nSequenceNO);
     UINT nNext = m_pMemoryFileHead->m_nRedoLogMaxID;
     if (nNext > nHighest && nNext != 0) return;
     UINT nRaised = nHighest + 1;
@@ -247,7 +248,7 @@ BOOL CTalvorRedoLog::Init(LPSYSTEMFILEHEAD pMemoryFileHead, int nClusterNodeType
     m_hLogEvent = hLogEvent;
     m_hLogEmptyEvent = hLogEmptyEvent;
     m_pFlashback = pFlashback;
-    m_bArchiveExit = FALSE;
+    TalvorStoreShared(&m_bArchiveExit, FALSE);
     m_nForceFlushLog = g_nForceFlushLog;
     memset(&m_stResume, 0, sizeof(m_stResume));
     if (m_pMemoryFileHead == nullptr) return FALSE;
@@ -286,12 +287,13 @@ BOOL CTalvorRedoLog::Init(LPSYSTEMFILEHEAD pMemoryFileHead, int nClusterNodeType
                      stHead.m_nVersion == REDOLOGFILE_VERSION;
         if (bGood) {
             LPTALVORREDOGROUP pGroup = &m_pRedoLog[i];
-            pGroup->m_bState = stHead.m_bState <= REDOGROUP_ARCHIVED ? stHead.m_bState : (BYTE)REDOGROUP_EMPTY;
-            pGroup->m_nSequenceNO = stHead.m_nSequenceNO;
-            pGroup->m_nEffectiveSize = (int)stHead.m_nEffectiveSize;
-            pGroup->m_nWriteSize = (int)stHead.m_nEffectiveSize;
+            TalvorStoreShared(&pGroup->m_bState,
+                              stHead.m_bState <= REDOGROUP_ARCHIVED ? stHead.m_bState : (BYTE)REDOGROUP_EMPTY);
+            TalvorStoreShared(&pGroup->m_nSequenceNO, stHead.m_nSequenceNO);
+            TalvorStoreShared(&pGroup->m_nEffectiveSize, (int)stHead.m_nEffectiveSize);
+            TalvorStoreShared(&pGroup->m_nWriteSize, (int)stHead.m_nEffectiveSize);
             pGroup->m_bStandbyRef = 0;
-            if (pGroup->m_bState == REDOGROUP_SEALED) CheckSealedLog(i);
+            if (TalvorLoadShared(&pGroup->m_bState) == REDOGROUP_SEALED) CheckSealedLog(i);
             continue;
         }
         if (m_pRedoLog[i].m_pOnlineFile != nullptr) {
@@ -327,13 +329,15 @@ BOOL CTalvorRedoLog::Init(LPSYSTEMFILEHEAD pMemoryFileHead, int nClusterNodeType
 
 int CTalvorRedoLog::ArchivedUpTo()
 {
-    long long nUpTo = m_pMemoryFileHead != nullptr ? (long long)m_pMemoryFileHead->m_nRedoLogMaxID - 1 : 0;
+    long long nUpTo =
+        m_pMemoryFileHead != nullptr ? (long long)TalvorLoadShared(&m_pMemoryFileHead->m_nRedoLogMaxID) - 1 : 0;
     for (int i = 0; i < m_nWriteRedoOnlineGroups; i++)
-        if ((long long)m_pRedoLog[i].m_nSequenceNO > nUpTo) nUpTo = m_pRedoLog[i].m_nSequenceNO;
+        if ((long long)TalvorLoadShared(&m_pRedoLog[i].m_nSequenceNO) > nUpTo)
+            nUpTo = TalvorLoadShared(&m_pRedoLog[i].m_nSequenceNO);
     for (int i = 0; i < m_nWriteRedoOnlineGroups; i++) {
         LPTALVORREDOGROUP pGroup = &m_pRedoLog[i];
-        BYTE bState = pGroup->m_bState;
-        long long nNo = pGroup->m_nSequenceNO;
+        BYTE bState = TalvorLoadShared(&pGroup->m_bState);
+        long long nNo = TalvorLoadShared(&pGroup->m_nSequenceNO);
         if (nNo == 0) continue;
         if ((bState == REDOGROUP_SEALED || bState == REDOGROUP_WRITING) && nNo - 1 < nUpTo) nUpTo = nNo - 1;
     }
@@ -346,22 +350,23 @@ void CTalvorRedoLog::FollowNewestLog()
 {
     int nNewest = m_bCurrentRedoGroup;
     for (int i = 0; i < m_nWriteRedoOnlineGroups; i++) {
-        if (m_pRedoLog[i].m_bState != REDOGROUP_EMPTY && m_pRedoLog[i].m_nSequenceNO > m_pRedoLog[nNewest].m_nSequenceNO)
+        if (TalvorLoadShared(&m_pRedoLog[i].m_bState) != REDOGROUP_EMPTY &&
+            TalvorLoadShared(&m_pRedoLog[i].m_nSequenceNO) > TalvorLoadShared(&m_pRedoLog[nNewest].m_nSequenceNO))
             nNewest = i;
     }
     if (nNewest == m_bCurrentRedoGroup) return;
     Trace("LogInit", 3, 30001013,
           TALVOR_TEXT("当前日志组由%d改为%d：它保存着最新的日志%u",
                       "The current log group is %d instead of %d: it holds the newest log %u"),
-          nNewest, (int)m_bCurrentRedoGroup, (UINT)m_pRedoLog[nNewest].m_nSequenceNO);
+          nNewest, (int)m_bCurrentRedoGroup, (UINT)TalvorLoadShared(&m_pRedoLog[nNewest].m_nSequenceNO));
     m_bCurrentRedoGroup = (BYTE)nNewest;
-    m_pMemoryFileHead->m_bCurrentRedoGroup = m_bCurrentRedoGroup;
+    TalvorStoreShared(&m_pMemoryFileHead->m_bCurrentRedoGroup, m_bCurrentRedoGroup);
 }
 
 void CTalvorRedoLog::MoveToNextGroup()
 {
     m_bCurrentRedoGroup = (BYTE)((m_bCurrentRedoGroup + 1) % m_nWriteRedoOnlineGroups);
-    m_pMemoryFileHead->m_bCurrentRedoGroup = m_bCurrentRedoGroup;
+    TalvorStoreShared(&m_pMemoryFileHead->m_bCurrentRedoGroup, m_bCurrentRedoGroup);
 }
 
 // Walks the records of an unsealed log that no ring vouches for (the ring
@@ -448,7 +453,7 @@ REDOWALK CTalvorRedoLog::WalkLogTo(int nGroup, int nSize, BOOL bRingHasRest, lon
 void CTalvorRedoLog::CheckSealedLog(int nGroup)
 {
     LPTALVORREDOGROUP pGroup = &m_pRedoLog[nGroup];
-    const int nSize = pGroup->m_nEffectiveSize;
+    const int nSize = TalvorLoadShared(&pGroup->m_nEffectiveSize);
     if (nSize < REDOLOGFILE_HEAD_SIZE) return;
     MF_REDOLOGFILEHEAD stHead;
     if (!ReadGroupHead(nGroup, &stHead)) return;
@@ -465,8 +470,8 @@ void CTalvorRedoLog::CheckSealedLog(int nGroup)
     stHead.m_nEffectiveSize = (UINT)w.m_nWholeEnd;
     stHead.m_nEndTimestamp = w.m_nEndTimestamp;
     if (!WriteGroupHead(nGroup, &stHead)) return;
-    pGroup->m_nEffectiveSize = w.m_nWholeEnd;
-    pGroup->m_nWriteSize = w.m_nWholeEnd;
+    TalvorStoreShared(&pGroup->m_nEffectiveSize, w.m_nWholeEnd);
+    TalvorStoreShared(&pGroup->m_nWriteSize, w.m_nWholeEnd);
 }
 
 BOOL CTalvorRedoLog::RingVouches(int nGroup, const MF_REDOLOGFILEHEAD& stHead)
@@ -484,7 +489,7 @@ void CTalvorRedoLog::KeepNumberOfEmptyLog(const MF_REDOLOGFILEHEAD& stHead)
     UINT nNo = stHead.m_nSequenceNO;
     if (nNo == 0 || m_pMemoryFileHead->m_nRedoLogMaxID != nNo + 1) return;
     for (int i = 0; i < m_nWriteRedoOnlineGroups; i++)
-        if (i != m_bCurrentRedoGroup && m_pRedoLog[i].m_nSequenceNO >= nNo) return;
+        if (i != m_bCurrentRedoGroup && TalvorLoadShared(&m_pRedoLog[i].m_nSequenceNO) >= nNo) return;
     if (HighestArchivedNumber() >= nNo) return;
     m_pMemoryFileHead->m_nRedoLogMaxID = nNo;
 }
@@ -563,7 +568,7 @@ BOOL CTalvorRedoLog::SettleOpenLog(int nGroup, MF_REDOLOGFILEHEAD& stHead, BOOL 
         m_stResume.m_nItemSize = w.m_nCutMissing;
         m_stResume.m_nTimestampEnd = w.m_nEndTimestamp;
         pRing->m_nItemSize = m_stResume.m_nItemSize;
-        m_pRedoLog[nGroup].m_nWriteSize = m_stResume.m_nWriteSize;
+        TalvorStoreShared(&m_pRedoLog[nGroup].m_nWriteSize, m_stResume.m_nWriteSize);
         Trace("SeekCurrentLog", 3, 30002003,
               TALVOR_TEXT("Redo日志组[%d、%d]停在一条记录中间(位置%d，还差%d字节)，继续写入该日志",
                           "Redo log group [%d, %d] stopped inside a record (at %d, %d bytes to come): the log goes on"),
@@ -589,10 +594,10 @@ BOOL CTalvorRedoLog::SealFoundLog(int nGroup, MF_REDOLOGFILEHEAD& stHead, int nS
     stHead.m_bState = REDOGROUP_SEALED;
     if (pRing != nullptr && pRing->m_nTimestamp == 0) pRing->m_nTimestamp = nEndTimestamp;
     if (!WriteGroupHead(nGroup, &stHead)) return FALSE;
-    pGroup->m_nEffectiveSize = nSize;
-    pGroup->m_nWriteSize = nSize;
+    TalvorStoreShared(&pGroup->m_nEffectiveSize, nSize);
+    TalvorStoreShared(&pGroup->m_nWriteSize, nSize);
     TalvorFlushCPU4Write();
-    pGroup->m_bState = REDOGROUP_SEALED;
+    TalvorStoreShared(&pGroup->m_bState, REDOGROUP_SEALED);
     Trace("SeekCurrentLog", 3, 30002002,
           TALVOR_TEXT("Redo日志组[%d、%d]已修复封存，大小：%d，开始时间戳：%lld，结束时间戳：%lld",
                       "Redo log group [%d, %d] has fixed the sealing, size: %d, start timestamp: %lld, end timestamp: "
@@ -615,10 +620,10 @@ BOOL CTalvorRedoLog::SeekCurrentLog()
     if (!ReadGroupHead(nGroup, &stHead)) return FALSE;
     if (stHead.m_nEffectiveSize != 0) {
         // Sealed: the normal restart after a clean stop.
-        pGroup->m_nEffectiveSize = (int)stHead.m_nEffectiveSize;
-        pGroup->m_bState = stHead.m_bState;
+        TalvorStoreShared(&pGroup->m_nEffectiveSize, (int)stHead.m_nEffectiveSize);
+        TalvorStoreShared(&pGroup->m_bState, stHead.m_bState);
         if (pRing != nullptr && pRing->m_nTimestamp == 0) pRing->m_nTimestamp = stHead.m_nEndTimestamp;
-        if (pRing != nullptr) pRing->m_nLogArchiveNo = (int)pGroup->m_nSequenceNO;
+        if (pRing != nullptr) pRing->m_nLogArchiveNo = (int)TalvorLoadShared(&pGroup->m_nSequenceNO);
         MoveToNextGroup();
         if (pRing != nullptr) pRing->m_nLogNo = (int)m_pMemoryFileHead->m_nRedoLogMaxID;
         return TRUE;
@@ -652,12 +657,13 @@ int CTalvorRedoLog::GetWritePos(UINT nRedoLogNo, int& nRedoGroup, BYTE& bCurLog,
 {
     if (nRedoLogNo == 0 || m_pMemoryFileHead == nullptr) return -1;
     CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
-    const UINT nLast = m_pMemoryFileHead->m_nRedoLogMaxID - 1;
+    const UINT nLast = TalvorLoadShared(&m_pMemoryFileHead->m_nRedoLogMaxID) - 1;
     if (nRedoGroup >= 0 && nRedoGroup < m_nWriteRedoOnlineGroups) {
         LPTALVORREDOGROUP pGroup = &m_pRedoLog[nRedoGroup];
-        if (pGroup->m_nSequenceNO == nRedoLogNo) {
+        if (TalvorLoadShared(&pGroup->m_nSequenceNO) == nRedoLogNo) {
             GroupPath(nRedoGroup, lpFilePath, MAX_PATH);
-            return nRedoLogNo >= nLast ? pGroup->m_nWriteSize : pGroup->m_nEffectiveSize;
+            return nRedoLogNo >= nLast ? TalvorLoadShared(&pGroup->m_nWriteSize)
+                                       : TalvorLoadShared(&pGroup->m_nEffectiveSize);
         }
         // The group was reused meanwhile: the hold is stale. A count that is
         // already 0 stays there (a wrapped count would stall the writer).
@@ -675,12 +681,14 @@ int CTalvorRedoLog::GetWritePos(UINT nRedoLogNo, int& nRedoGroup, BYTE& bCurLog,
         }
         for (int i = 0; i < m_nWriteRedoOnlineGroups; i++) {
             LPTALVORREDOGROUP pGroup = &m_pRedoLog[i];
-            if (pGroup->m_nSequenceNO != nRedoLogNo || pGroup->m_bState == REDOGROUP_EMPTY) continue;
+            if (TalvorLoadShared(&pGroup->m_nSequenceNO) != nRedoLogNo ||
+                TalvorLoadShared(&pGroup->m_bState) == REDOGROUP_EMPTY)
+                continue;
             if (pGroup->m_bStandbyRef == 0xFF) return -1; // every hold taken: ask again later
             pGroup->m_bStandbyRef++;
             nRedoGroup = i;
             GroupPath(i, lpFilePath, MAX_PATH);
-            return pGroup->m_nEffectiveSize;
+            return TalvorLoadShared(&pGroup->m_nEffectiveSize);
         }
         return -2;
     }
@@ -693,12 +701,14 @@ int CTalvorRedoLog::GetWritePos(UINT nRedoLogNo, int& nRedoGroup, BYTE& bCurLog,
     for (int i = 0; i < m_nWriteRedoOnlineGroups; i++) arOrder[nOrder++] = i;
     for (int k = 0; k < nOrder; k++) {
         LPTALVORREDOGROUP pGroup = &m_pRedoLog[arOrder[k]];
-        if (pGroup->m_nSequenceNO != nRedoLogNo || pGroup->m_bState == REDOGROUP_EMPTY) continue;
+        if (TalvorLoadShared(&pGroup->m_nSequenceNO) != nRedoLogNo ||
+            TalvorLoadShared(&pGroup->m_bState) == REDOGROUP_EMPTY)
+            continue;
         if (pGroup->m_bStandbyRef == 0xFF) return -1;
         pGroup->m_bStandbyRef++;
         nRedoGroup = arOrder[k];
         GroupPath(nRedoGroup, lpFilePath, MAX_PATH);
-        return pGroup->m_nWriteSize;
+        return TalvorLoadShared(&pGroup->m_nWriteSize);
     }
     return -1;
 }
@@ -729,21 +739,24 @@ int CTalvorRedoLog::GetWriteSize(int nRedoGroup, BOOL bForce, EVENTTYPE&)
 {
     if (nRedoGroup < 0 || nRedoGroup >= m_nWriteRedoOnlineGroups) return 0;
     LPTALVORREDOGROUP pGroup = &m_pRedoLog[nRedoGroup];
-    if (pGroup->m_bState != REDOGROUP_WRITING) return pGroup->m_nWriteSize;
+    if (TalvorLoadShared(&pGroup->m_bState) != REDOGROUP_WRITING) return TalvorLoadShared(&pGroup->m_nWriteSize);
     LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
-    if (pRing == nullptr) return pGroup->m_nWriteSize;
-    if (!bForce && pRing->m_nReadPos != pRing->m_nWritePos) return 0;
+    if (pRing == nullptr) return TalvorLoadShared(&pGroup->m_nWriteSize);
+    if (!bForce && TalvorLoadShared(&pRing->m_nReadPos) != TalvorLoadShared(&pRing->m_nWritePos)) return 0;
     // With the engine's seal request standing, the size comes with the seal:
     // the writer clears that flag before it seals, so the state is waited for.
-    const BOOL bSealAsked = !AskToPublish(pRing) && pRing->m_bFlushFlag == REDOFLUSH_SEAL;
+    const BOOL bSealAsked = !AskToPublish(pRing) && TalvorLoadShared(&pRing->m_bFlushFlag) == REDOFLUSH_SEAL;
     // Bounded: a writer that is gone must not hold the reader forever.
-    for (int i = 0; i < 5000 && (pRing->m_bFlushFlag != 0 || bSealAsked) && pGroup->m_bState != REDOGROUP_SEALED; i++)
+    for (int i = 0; i < 5000 && (TalvorLoadShared(&pRing->m_bFlushFlag) != 0 || bSealAsked) &&
+                    TalvorLoadShared(&pGroup->m_bState) != REDOGROUP_SEALED;
+         i++)
         usleep(1000);
-    int nSize = pGroup->m_nWriteSize;
-    if ((nSize >= 0 && nSize < m_nWriteRedoMaxSize) || nSize == pGroup->m_nEffectiveSize) return nSize;
+    int nSize = TalvorLoadShared(&pGroup->m_nWriteSize);
+    if ((nSize >= 0 && nSize < m_nWriteRedoMaxSize) || nSize == TalvorLoadShared(&pGroup->m_nEffectiveSize))
+        return nSize;
     if (!bForce) return 0;
     usleep(1000);
-    return pGroup->m_nWriteSize;
+    return TalvorLoadShared(&pGroup->m_nWriteSize);
 }
 
 void CTalvorRedoLog::FlushLogFile(int nRedoGroup)
@@ -751,13 +764,13 @@ void CTalvorRedoLog::FlushLogFile(int nRedoGroup)
     LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
     if (nRedoGroup < 0 || nRedoGroup >= m_nWriteRedoOnlineGroups || pRing == nullptr) return;
     AskToPublish(pRing);
-    for (int i = 0; i < 5000 && pRing->m_bFlushFlag != 0; i++) usleep(1000);
+    for (int i = 0; i < 5000 && TalvorLoadShared(&pRing->m_bFlushFlag) != 0; i++) usleep(1000);
 }
 
 BOOL CTalvorRedoLog::GroupIsFree(int nGroup)
 {
     LPTALVORREDOGROUP pGroup = &m_pRedoLog[nGroup];
-    BYTE bState = pGroup->m_bState;
+    BYTE bState = TalvorLoadShared(&pGroup->m_bState);
     return bState == REDOGROUP_EMPTY || bState == REDOGROUP_WRITING ||
            (bState == REDOGROUP_ARCHIVED && pGroup->m_bStandbyRef == 0);
 }
@@ -767,7 +780,7 @@ int CTalvorRedoLog::SwitchNewLog(BYTE bRedoGroup, UINT nSequenceNO, LPTALVORCRIT
     if (bRedoGroup >= m_nWriteRedoOnlineGroups) return -3;
     CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
     if (GroupIsFree(bRedoGroup)) {
-        m_pRedoLog[bRedoGroup].m_nSequenceNO = nSequenceNO;
+        TalvorStoreShared(&m_pRedoLog[bRedoGroup].m_nSequenceNO, nSequenceNO);
         m_bLogWaitting = FALSE;
         return 0;
     }

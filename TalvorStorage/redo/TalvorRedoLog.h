@@ -185,6 +185,17 @@ public:
     // bytes): a "/" behind every path, split at ";" into at most 6 (the
     // sixth keeps the rest), empty ones dropped, each "ArchiveLog/" made.
     static int PrepareDestinations(char* lpPaths, char** arDes);
+    // TRUE when a head read from a group file may go out as log nLogNo: that
+    // log's, sealed, and at least its head long. Any thread, no latch.
+    static BOOL HeadIsArchivable(const MF_REDOLOGFILEHEAD& stHead, UINT nLogNo);
+    // Archiver thread, no latch: the sealed group with the oldest log that
+    // is not set aside, or -1.
+    int OldestSealedGroup();
+    // Archiver thread, no latch: the log in nGroup copied to the nDesCount
+    // destinations (lpBuffer: REDO_ARCHIVE_BUFFER_SIZE aligned bytes, hFile
+    // the handle a crash leaves to close) and the group marked archived.
+    // TRUE once it is; FALSE leaves the group sealed.
+    BOOL ArchiveGroup(int nGroup, char** arDes, int nDesCount, LPBYTE lpBuffer, void*& hFile);
 
     // The bytes of the attachment: bounds every position the head claims.
     void SetRingSize(int nRingSize) { m_nRingSize = nRingSize; }
@@ -310,9 +321,6 @@ private:
     // The copy under its temporary name made durable and moved to its
     // final name, the directory synced: FALSE (traced) on any failure.
     BOOL PublishCopy(const char* lpTemp, const char* lpPath, int fd);
-    BOOL ArchiveGroup(int nGroup, char** arDes, int nDesCount, LPBYTE lpBuffer, void*& hFile);
-    // The sealed group with the oldest log that is not set aside, or -1.
-    int OldestSealedGroup();
     // A sealed group whose head cannot be read is tried REDO_HEAD_READ_TRIES
     // times, then set aside for the rest of this run (the next start tries
     // it again): the logs behind it are archived, and a stop is not held.

@@ -88,12 +88,20 @@ int CTalvorRedoLog::PrepareDestinations(char* lpPaths, char** arDes)
     return nDes;
 }
 
+BOOL CTalvorRedoLog::HeadIsArchivable(const MF_REDOLOGFILEHEAD& stHead, UINT nLogNo)
+{
+    return stHead.m_nSequenceNO == nLogNo && stHead.m_bState == REDOGROUP_SEALED &&
+           stHead.m_nEffectiveSize >= (UINT)REDOLOGFILE_HEAD_SIZE;
+}
+
 int CTalvorRedoLog::OldestSealedGroup()
 {
     int nFound = -1;
     for (int i = 0; i < m_nWriteRedoOnlineGroups; i++) {
-        if (m_pRedoLog[i].m_bState != REDOGROUP_SEALED || SetAside(i)) continue;
-        if (nFound < 0 || m_pRedoLog[i].m_nSequenceNO < m_pRedoLog[nFound].m_nSequenceNO) nFound = i;
+        if (TalvorLoadShared(&m_pRedoLog[i].m_bState) != REDOGROUP_SEALED || SetAside(i)) continue;
+        if (nFound < 0 ||
+            TalvorLoadShared(&m_pRedoLog[i].m_nSequenceNO) < TalvorLoadShared(&m_pRedoLog[nFound].m_nSequenceNO))
+            nFound = i;
     }
     return nFound;
 }
@@ -189,7 +197,7 @@ BOOL CTalvorRedoLog::CopyLogTo(const char* lpDes, int nGroup, const MF_REDOLOGFI
 // last allowed failure sets the group aside, with a line of its own.
 BOOL CTalvorRedoLog::HeadReadFailed(int nGroup)
 {
-    UINT nLogNo = m_pRedoLog[nGroup].m_nSequenceNO;
+    UINT nLogNo = TalvorLoadShared(&m_pRedoLog[nGroup].m_nSequenceNO);
     if (m_arFailedLogNo[nGroup] != nLogNo) {
         m_arFailedLogNo[nGroup] = nLogNo;
         m_arHeadFailures[nGroup] = 0;
@@ -204,7 +212,7 @@ BOOL CTalvorRedoLog::HeadReadFailed(int nGroup)
 
 void CTalvorRedoLog::SetAsideForThisRun(int nGroup)
 {
-    m_arFailedLogNo[nGroup] = m_pRedoLog[nGroup].m_nSequenceNO;
+    m_arFailedLogNo[nGroup] = TalvorLoadShared(&m_pRedoLog[nGroup].m_nSequenceNO);
     m_arHeadFailures[nGroup] = REDO_HEAD_READ_TRIES;
 }
 
@@ -217,18 +225,18 @@ BOOL CTalvorRedoLog::StopLimitPassed()
 
 BOOL CTalvorRedoLog::SetAside(int nGroup) const
 {
-    return m_arFailedLogNo[nGroup] == m_pRedoLog[nGroup].m_nSequenceNO && m_arHeadFailures[nGroup] >= REDO_HEAD_READ_TRIES;
+    return m_arFailedLogNo[nGroup] == TalvorLoadShared(&m_pRedoLog[nGroup].m_nSequenceNO) &&
+           m_arHeadFailures[nGroup] >= REDO_HEAD_READ_TRIES;
 }
 
 BOOL CTalvorRedoLog::ArchiveGroup(int nGroup, char** arDes, int nDesCount, LPBYTE lpBuffer, void*& hFile)
 {
     LPTALVORREDOGROUP pGroup = &m_pRedoLog[nGroup];
-    const int nLogNo = (int)pGroup->m_nSequenceNO;
+    const int nLogNo = (int)TalvorLoadShared(&pGroup->m_nSequenceNO);
     MF_REDOLOGFILEHEAD stHead;
     // A head of another log (or a torn one, or one whose seal never reached
     // the file) must never go out as this log's, nor be called archived.
-    if (!ReadGroupHead(nGroup, &stHead) || stHead.m_nSequenceNO != pGroup->m_nSequenceNO ||
-        stHead.m_bState != REDOGROUP_SEALED || stHead.m_nEffectiveSize < (UINT)REDOLOGFILE_HEAD_SIZE) {
+    if (!ReadGroupHead(nGroup, &stHead) || !HeadIsArchivable(stHead, TalvorLoadShared(&pGroup->m_nSequenceNO))) {
         int nErr = errno;
         if (HeadReadFailed(nGroup))
             Trace("ArchiveFile", 1, 30004013,
@@ -261,7 +269,7 @@ BOOL CTalvorRedoLog::ArchiveGroup(int nGroup, char** arDes, int nDesCount, LPBYT
                   nLogNo, nSuccess);
             break;
         }
-        if (m_bArchiveExit && StopLimitPassed()) {
+        if (TalvorLoadShared(&m_bArchiveExit) && StopLimitPassed()) {
             // No copy is complete: the log is not called archived. It stays
             // sealed, and the next start archives it.
             Trace("ArchiveFile", 1, 30004063,
@@ -284,7 +292,7 @@ BOOL CTalvorRedoLog::ArchiveGroup(int nGroup, char** arDes, int nDesCount, LPBYT
               nGroup, nLogNo, errno);
         return FALSE;
     }
-    pGroup->m_bState = REDOGROUP_ARCHIVED;
+    TalvorStoreShared(&pGroup->m_bState, REDOGROUP_ARCHIVED);
     LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
     // A log set aside below this one keeps the number from passing it.
     if (pRing != nullptr) pRing->m_nLogArchiveNo = ArchivedUpTo();
@@ -380,18 +388,18 @@ int CTalvorRedoLog::ArchiveFile(void*& hFile, void*& hSrcFile)
         bWait = TRUE;
         if (nDesCount > 0) CopyBackup(arDes, nDesCount, lpBuffer, hFile, hSrcFile);
         int nGroup = OldestSealedGroup();
-        if (nGroup >= 0 && m_bArchiveExit && StopLimitPassed()) break;
+        if (nGroup >= 0 && TalvorLoadShared(&m_bArchiveExit) && StopLimitPassed()) break;
         if (nGroup >= 0) {
             bWait = !ArchiveGroup(nGroup, arDes, nDesCount, lpBuffer, hFile);
             continue;
         }
-        if (!m_bArchiveExit) continue;
+        if (!TalvorLoadShared(&m_bArchiveExit)) continue;
         usleep(1000);
         if (OldestSealedGroup() < 0) break;
     }
     int nLeft = 0;
     for (int i = 0; i < m_nWriteRedoOnlineGroups; i++)
-        if (m_pRedoLog[i].m_bState == REDOGROUP_SEALED) nLeft++;
+        if (TalvorLoadShared(&m_pRedoLog[i].m_bState) == REDOGROUP_SEALED) nLeft++;
     if (nLeft > 0)
         Trace("ArchiveFile", 3, 30004064,
               TALVOR_TEXT("归档线程结束时仍有%d个日志组未归档，它们保持封存状态，下次启动时归档",

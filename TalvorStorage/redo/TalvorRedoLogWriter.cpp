@@ -90,22 +90,25 @@ void CTalvorRedoLog::StartWriter(REDOWRITERSTATE& st)
         // The start found this log open with a record cut at its end: the
         // rest of the record is still in the ring, and it joins its head
         // in the same log.
-        if (ReadGroupHead(m_bCurrentRedoGroup, &st.m_stHead) && st.m_stHead.m_nSequenceNO == pGroup->m_nSequenceNO) {
+        if (ReadGroupHead(m_bCurrentRedoGroup, &st.m_stHead) &&
+            st.m_stHead.m_nSequenceNO == TalvorLoadShared(&pGroup->m_nSequenceNO)) {
             st.m_nSwitchLog = REDOSWITCH_OPEN;
             st.m_nWriteSize = m_stResume.m_nWriteSize;
             st.m_nItemSize = m_stResume.m_nItemSize;
             st.m_nTimestampEnd = m_stResume.m_nTimestampEnd;
-            pGroup->m_nWriteSize = st.m_nWriteSize;
-            pGroup->m_bState = REDOGROUP_WRITING;
-            pHead->m_nLogNo = (int)pGroup->m_nSequenceNO;
+            TalvorStoreShared(&pGroup->m_nWriteSize, st.m_nWriteSize);
+            TalvorStoreShared(&pGroup->m_bState, REDOGROUP_WRITING);
+            pHead->m_nLogNo = (int)TalvorLoadShared(&pGroup->m_nSequenceNO);
             pHead->m_nLogPos = st.m_nWriteSize;
         }
         m_stResume.m_bResume = FALSE;
-    } else if (pGroup->m_bState == REDOGROUP_WRITING && pGroup->m_nSequenceNO != 0) {
+    } else if (TalvorLoadShared(&pGroup->m_bState) == REDOGROUP_WRITING &&
+               TalvorLoadShared(&pGroup->m_nSequenceNO) != 0) {
         // A writer restarted after a crash: the engine resets the ring, so
         // the log it was writing is sealed behind its last whole record.
         MF_REDOLOGFILEHEAD stHead;
-        if (ReadGroupHead(m_bCurrentRedoGroup, &stHead) && stHead.m_nSequenceNO == pGroup->m_nSequenceNO)
+        if (ReadGroupHead(m_bCurrentRedoGroup, &stHead) &&
+            stHead.m_nSequenceNO == TalvorLoadShared(&pGroup->m_nSequenceNO))
             SettleOpenLog(m_bCurrentRedoGroup, stHead, FALSE);
         st.m_nItemSize = 0;
         st.m_bNextRedoGroup = (BYTE)((m_bCurrentRedoGroup + 1) % m_nWriteRedoOnlineGroups);
@@ -129,7 +132,7 @@ int CTalvorRedoLog::WriteLog(TALVORCRITICALSECTION& stCritSection)
     if (nDelay <= 0 || nDelay > 60000) nDelay = 1000;
     for (;;) {
         // A stop drains what is left without waiting between passes.
-        UINT nWait = (m_pExit != nullptr && *m_pExit) ? 1 : (UINT)nDelay;
+        UINT nWait = (m_pExit != nullptr && TalvorLoadShared(m_pExit)) ? 1 : (UINT)nDelay;
         if (m_hLogEvent != nullptr) {
             WaitForSingleObject(m_hLogEvent, nWait);
             // Posts banked while the ring was drained are covered by the
@@ -148,14 +151,14 @@ int CTalvorRedoLog::WriteLog(TALVORCRITICALSECTION& stCritSection)
           (long long)m_stStats.m_nSeals);
     Trace0("WriteLog", 3, 30003000, TALVOR_TEXT("Redo日志写入线程已结束！", "Redo log Writer thread ended!"));
     // The archiver finishes what is sealed, then ends.
-    m_bArchiveExit = TRUE;
+    TalvorStoreShared(&m_bArchiveExit, TRUE);
     return 0;
 }
 
 void CTalvorRedoLog::Publish(REDOWRITERSTATE& st)
 {
     if (st.m_nSwitchLog != REDOSWITCH_OPEN) return;
-    m_pRedoLog[m_bCurrentRedoGroup].m_nWriteSize = st.m_nWriteSize;
+    TalvorStoreShared(&m_pRedoLog[m_bCurrentRedoGroup].m_nWriteSize, st.m_nWriteSize);
 }
 
 void CTalvorRedoLog::ReportStatus(REDOWRITERSTATE& st)
@@ -314,7 +317,7 @@ BOOL CTalvorRedoLog::OpenNewGroup(REDOWRITERSTATE& st, long long nPassBegin, LPT
         {
             CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
             LPTALVORREDOGROUP pGroup = &m_pRedoLog[m_bCurrentRedoGroup];
-            bState = pGroup->m_bState;
+            bState = TalvorLoadShared(&pGroup->m_bState);
             nRef = pGroup->m_bStandbyRef;
             // A reader's hold on a group reopened in state 0 or 1 stays
             // counted: it is given back through the stale-hold path, and a
@@ -322,10 +325,10 @@ BOOL CTalvorRedoLog::OpenNewGroup(REDOWRITERSTATE& st, long long nPassBegin, LPT
             if (GroupIsFree(m_bCurrentRedoGroup)) {
                 // Number, sizes and state change together under the latch:
                 // a reader never sees the new number with the old log's size.
-                pGroup->m_nSequenceNO = nLogNo;
-                pGroup->m_nEffectiveSize = 0;
-                pGroup->m_nWriteSize = 0;
-                pGroup->m_bState = REDOGROUP_WRITING;
+                TalvorStoreShared(&pGroup->m_nSequenceNO, nLogNo);
+                TalvorStoreShared(&pGroup->m_nEffectiveSize, 0);
+                TalvorStoreShared(&pGroup->m_nWriteSize, 0);
+                TalvorStoreShared(&pGroup->m_bState, REDOGROUP_WRITING);
                 m_bLogWaitting = FALSE;
                 break;
             }
@@ -356,7 +359,7 @@ BOOL CTalvorRedoLog::OpenNewGroup(REDOWRITERSTATE& st, long long nPassBegin, LPT
     pHead->m_nLogPos = REDOLOGFILE_HEAD_SIZE;
     TalvorFlushCPU4Write();
     pHead->m_nLogNo = (int)nLogNo;
-    m_pMemoryFileHead->m_bCurrentRedoGroup = m_bCurrentRedoGroup;
+    TalvorStoreShared(&m_pMemoryFileHead->m_bCurrentRedoGroup, m_bCurrentRedoGroup);
 
     MF_REDOLOGFILEHEAD& h = st.m_stHead;
     memset(&h, 0, sizeof(h));
@@ -372,7 +375,7 @@ BOOL CTalvorRedoLog::OpenNewGroup(REDOWRITERSTATE& st, long long nPassBegin, LPT
     if (!WritePiece(fd, (const BYTE*)&h, (int)sizeof(h), 0, &st)) return FALSE;
     // The number is taken only once a file holds it: a kill before this
     // point leaves the number free for the next start, none is skipped.
-    m_pMemoryFileHead->m_nRedoLogMaxID = nLogNo + 1;
+    TalvorStoreShared(&m_pMemoryFileHead->m_nRedoLogMaxID, nLogNo + 1);
     st.m_nWriteSize = REDOLOGFILE_HEAD_SIZE;
     Trace("WriteLog", 3, 30003006,
           TALVOR_TEXT("写入新的日志组[%d，%d]，开始时间戳：%lld", "Write new log group [%d, %d], start timestamp: %lld"),
@@ -405,7 +408,7 @@ void CTalvorRedoLog::SyncGroup(int nGroup, LONG nCode)
 BOOL CTalvorRedoLog::TakeHeadToSeal(REDOWRITERSTATE& st, int nGroup, BOOL bShutdown)
 {
     MF_REDOLOGFILEHEAD& h = st.m_stHead;
-    const UINT nLogNo = m_pRedoLog[nGroup].m_nSequenceNO;
+    const UINT nLogNo = TalvorLoadShared(&m_pRedoLog[nGroup].m_nSequenceNO);
     const BOOL bMine = h.m_usDatabaseGuid == m_pMemoryFileHead->m_usDatabaseGuid && h.m_nSequenceNO == nLogNo;
     if (!bShutdown && bMine) return TRUE;
     MF_REDOLOGFILEHEAD stRead;
@@ -463,22 +466,22 @@ void CTalvorRedoLog::SealGroup(REDOWRITERSTATE& st, BOOL bShutdown, BOOL bAfterD
         return;
     }
     if (bDurable) SyncGroup(nGroup, 30003035);
-    if (st.m_bFlushFlag || pHead->m_bFlushFlag == REDOFLUSH_PUBLISH) {
+    if (st.m_bFlushFlag || TalvorLoadShared(&pHead->m_bFlushFlag) == REDOFLUSH_PUBLISH) {
         st.m_bFlushFlag = FALSE;
         ClearFlushFlag(pHead, REDOFLUSH_PUBLISH);
     }
-    pGroup->m_nEffectiveSize = st.m_nWriteSize;
-    pGroup->m_nWriteSize = st.m_nWriteSize;
+    TalvorStoreShared(&pGroup->m_nEffectiveSize, st.m_nWriteSize);
+    TalvorStoreShared(&pGroup->m_nWriteSize, st.m_nWriteSize);
     int nSec = (int)((RedoNowFileTime() - pHead->m_nStartTime) / 10000000LL);
     if (!bShutdown) {
         if (pHead->m_nWiteLogMinDuration == 0 || pHead->m_nWiteLogMinDuration > nSec) pHead->m_nWiteLogMinDuration = nSec;
         if (pHead->m_nWiteLogMaxDuration < nSec) pHead->m_nWiteLogMaxDuration = nSec;
-        pGroup->m_nWriteTime = nSec;
+        TalvorStoreShared(&pGroup->m_nWriteTime, nSec);
     } else {
-        pGroup->m_nWriteTime = 0;
+        TalvorStoreShared(&pGroup->m_nWriteTime, 0);
     }
     TalvorFlushCPU4Write();
-    pGroup->m_bState = REDOGROUP_SEALED;
+    TalvorStoreShared(&pGroup->m_bState, REDOGROUP_SEALED);
     if (!bShutdown)
         Trace("WriteLog", 3, 30003007,
               TALVOR_TEXT("Redo日志组[%d，%d]已满，用时：%d秒，大小：%d，开始时间戳：%lld，结束时间戳：%lld",
@@ -505,7 +508,7 @@ void CTalvorRedoLog::SealGroup(REDOWRITERSTATE& st, BOOL bShutdown, BOOL bAfterD
 void CTalvorRedoLog::IdlePass(REDOWRITERSTATE& st)
 {
     LPFILE_TRACEMEMFILEHEAD pHead = RingHead();
-    BYTE bFlush = pHead->m_bFlushFlag;
+    BYTE bFlush = TalvorLoadShared(&pHead->m_bFlushFlag);
     if (bFlush == REDOFLUSH_SEAL && st.m_nItemSize == 0) {
         ClearFlushFlag(pHead, REDOFLUSH_SEAL);
         if (st.m_nSwitchLog != REDOSWITCH_CLOSED) SealGroup(st, FALSE, FALSE);
@@ -513,7 +516,7 @@ void CTalvorRedoLog::IdlePass(REDOWRITERSTATE& st)
         Publish(st);
         ClearFlushFlag(pHead, REDOFLUSH_PUBLISH);
     } else if (st.m_nItemSize == 0 && st.m_nSwitchLog == REDOSWITCH_OPEN &&
-               m_pRedoLog[m_bCurrentRedoGroup].m_nWriteSize < st.m_nWriteSize) {
+               TalvorLoadShared(&m_pRedoLog[m_bCurrentRedoGroup].m_nWriteSize) < st.m_nWriteSize) {
         if (++st.m_nIdleCount >= IDLE_PUBLISH_PASSES) Publish(st);
     }
     ReportStatus(st);
@@ -535,7 +538,7 @@ BOOL CTalvorRedoLog::StopWithCutRecord(REDOWRITERSTATE& st)
 BOOL CTalvorRedoLog::WritePass(REDOWRITERSTATE& st, LPTALVORCRITICALSECTION lpCritSection)
 {
     LPFILE_TRACEMEMFILEHEAD pHead = RingHead();
-    const BOOL bStop = m_pExit != nullptr && *m_pExit;
+    const BOOL bStop = m_pExit != nullptr && TalvorLoadShared(m_pExit);
     m_stStats.m_nPasses++;
     if (st.m_bEnded) return TRUE;
     if (st.m_bReadException) {
@@ -544,7 +547,7 @@ BOOL CTalvorRedoLog::WritePass(REDOWRITERSTATE& st, LPTALVORCRITICALSECTION lpCr
             st.m_bReadException = FALSE;
             st.m_nExceptionCount = 0;
         }
-        if (pHead->m_bFlushFlag == REDOFLUSH_PUBLISH) {
+        if (TalvorLoadShared(&pHead->m_bFlushFlag) == REDOFLUSH_PUBLISH) {
             Publish(st);
             ClearFlushFlag(pHead, REDOFLUSH_PUBLISH);
         }
@@ -606,7 +609,7 @@ BOOL CTalvorRedoLog::WritePass(REDOWRITERSTATE& st, LPTALVORCRITICALSECTION lpCr
                 st.m_bEnded = TRUE;
                 return TRUE;
             }
-        } else if (pHead->m_bFlushFlag == REDOFLUSH_SEAL && st.m_nItemSize == 0) {
+        } else if (TalvorLoadShared(&pHead->m_bFlushFlag) == REDOFLUSH_SEAL && st.m_nItemSize == 0) {
             ClearFlushFlag(pHead, REDOFLUSH_SEAL);
             st.m_nSwitchLog = REDOSWITCH_SEALDUE;
         }
@@ -619,7 +622,7 @@ BOOL CTalvorRedoLog::WritePass(REDOWRITERSTATE& st, LPTALVORCRITICALSECTION lpCr
         if (st.m_bEnded) return TRUE;
         st.m_nExceptionCount = 0;
         m_stStats.m_nWakeups++;
-    } else if (pHead->m_bFlushFlag == REDOFLUSH_SEAL && st.m_nItemSize == 0) {
+    } else if (TalvorLoadShared(&pHead->m_bFlushFlag) == REDOFLUSH_SEAL && st.m_nItemSize == 0) {
         ClearFlushFlag(pHead, REDOFLUSH_SEAL);
         if (st.m_nSwitchLog == REDOSWITCH_OPEN) {
             st.m_bFlushFlag = TRUE;
@@ -628,7 +631,7 @@ BOOL CTalvorRedoLog::WritePass(REDOWRITERSTATE& st, LPTALVORCRITICALSECTION lpCr
     }
     if (st.m_nSwitchLog == REDOSWITCH_SEALDUE) {
         SealGroup(st, FALSE, TRUE);
-    } else if (pHead->m_bFlushFlag == REDOFLUSH_PUBLISH) {
+    } else if (TalvorLoadShared(&pHead->m_bFlushFlag) == REDOFLUSH_PUBLISH) {
         Publish(st);
         ClearFlushFlag(pHead, REDOFLUSH_PUBLISH);
     } else if (pHead->m_bWriting == 0 && st.m_bFlushFlag) {
@@ -687,7 +690,7 @@ void CTalvorRedoLog::FeedStandbys(LPFILE_TRACEMEMFILEHEAD pHead, int nBegin, int
                                   int nWriteSize)
 {
     const int nSize = nFirst + nSecond;
-    const UINT nLogNo = m_pRedoLog[m_bCurrentRedoGroup].m_nSequenceNO;
+    const UINT nLogNo = TalvorLoadShared(&m_pRedoLog[m_bCurrentRedoGroup].m_nSequenceNO);
     const BYTE* lpRing = (const BYTE*)pHead;
     for (LPTALVORREDOLOGSTANDBYCACHE pFeed = m_pStandbyCache; pFeed != nullptr; pFeed = pFeed->m_pNext) {
         EnterCriticalTalvor(&pFeed->m_stCrit, GetCurrentThreadId());

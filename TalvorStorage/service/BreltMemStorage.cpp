@@ -103,7 +103,7 @@ HRESULT CBreltMemStorageModule::PreMessageLoop(int)
 
     Trace0("TalvorStorage", 3, 10000000,
            TALVOR_TEXT("Talvor专业存储服务启动......", "Talvor Professional Storage Service Start......"));
-    g_bEixt = 0;
+    TalvorStoreShared(&g_bEixt, 0);
     m_hEvent = CreateEventSem(nullptr, SEMNAME_SERVICE);
     if (m_hEvent == nullptr) {
         Trace("TalvorStorage", 2, 10000010,
@@ -179,7 +179,7 @@ HRESULT CBreltMemStorageModule::PostMessageLoop()
 
     // Ready: from here the engine may work.
     m_pMemoryFileHead->m_bStatus = 0;
-    UINT nRedoLogMaxID = m_pMemoryFileHead->m_nRedoLogMaxID;
+    UINT nRedoLogMaxID = TalvorLoadShared(&m_pMemoryFileHead->m_nRedoLogMaxID);
     m_pFlashback->GetStorageMemHead()->m_TalvorProgress.m_nStatus = 2;
     m_bServing = TRUE;
     Trace0("PostMessageLoop", 3, 10010000, TALVOR_TEXT("Talvor存储服务已启动!", "Talvor storage service started!"));
@@ -234,7 +234,7 @@ HRESULT CBreltMemStorageModule::StartStorageThread()
 void CBreltMemStorageModule::IdleUntilStop()
 {
     int nQuietLoops = 0;
-    while (g_bEixt == 0) {
+    while (TalvorLoadShared(&g_bEixt) == 0) {
         if (CrashHasCrashedThreads()) {
             CrashAutoRecoverCrashedThreads();
             nQuietLoops = 0;
@@ -267,7 +267,7 @@ BOOL CBreltMemStorageModule::WaitStorageThreadEnd(UINT nWaitMs)
 HRESULT CBreltMemStorageModule::StopService(LPTALVORCRITICALSECTION lpCritSection, UINT nRedoLogMaxID)
 {
     m_bExit = TRUE;
-    if (m_pMemoryFileHead != nullptr) m_pMemoryFileHead->m_bForbidSaveFlag = 0;
+    if (m_pMemoryFileHead != nullptr) TalvorStoreShared(&m_pMemoryFileHead->m_bForbidSaveFlag, 0);
     int nService = m_pFlashback->WaitServiceStop(lpCritSection);
     if (m_pTalvorCacheStorage != nullptr && nService == 2) m_pTalvorCacheStorage->FlushFileBlock(lpCritSection);
     // The storage thread sees the stop flag on its own and ends after the

@@ -14,6 +14,7 @@
 #include "TalvorMemoryStorage.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <unistd.h>
 
@@ -25,6 +26,35 @@ volatile UINT g_nSavePassOwner = 0;
 // at stop waits for the storage thread's): 1 ms steps.
 const int SAVEPASS_GATE_WAITS = 120000;
 const long long DISK_WARNING_DEFAULT_MIB = 512;
+
+template <class T>
+void PutField(BYTE* lpPart, size_t nFieldOffset, T v)
+{
+    memcpy(lpPart + nFieldOffset - SYSTEMFILE_DYNAMIC_OFFSET, &v, sizeof(v));
+}
+
+// The dynamic part of the system head as written at a commit. The engine
+// and the redo writer go on writing some of its fields (the command byte,
+// the current group, the next log number, the end stamp): each of those is
+// read whole, so that no torn number reaches the disk; the other bytes are
+// this thread's own.
+void SnapshotDynamicPart(const SYSTEMFILEHEAD* lpHead, BYTE* lpPart)
+{
+    const size_t nLiveFirst = offsetof(SYSTEMFILEHEAD, m_bStorageCMD);
+    const size_t nLiveEnd = offsetof(SYSTEMFILEHEAD, m_nFreeBlockOffset);
+    static_assert(
+        offsetof(SYSTEMFILEHEAD, m_nEndTimestamp) + sizeof(long long) == offsetof(SYSTEMFILEHEAD, m_nFreeBlockOffset),
+        "the written fields lie together");
+    const BYTE* lpSrc = (const BYTE*)lpHead;
+    memcpy(lpPart, lpSrc + SYSTEMFILE_DYNAMIC_OFFSET, nLiveFirst - SYSTEMFILE_DYNAMIC_OFFSET);
+    PutField(lpPart, offsetof(SYSTEMFILEHEAD, m_bStorageCMD), TalvorLoadShared(&lpHead->m_bStorageCMD));
+    PutField(lpPart, offsetof(SYSTEMFILEHEAD, m_bCurrentRedoGroup), TalvorLoadShared(&lpHead->m_bCurrentRedoGroup));
+    PutField(lpPart, offsetof(SYSTEMFILEHEAD, m_nRedoLogMaxID), TalvorLoadShared(&lpHead->m_nRedoLogMaxID));
+    PutField(lpPart, offsetof(SYSTEMFILEHEAD, m_nBeginTimestamp), TalvorLoadShared(&lpHead->m_nBeginTimestamp));
+    PutField(lpPart, offsetof(SYSTEMFILEHEAD, m_nEndTimestamp), TalvorLoadShared(&lpHead->m_nEndTimestamp));
+    memcpy(lpPart + nLiveEnd - SYSTEMFILE_DYNAMIC_OFFSET, lpSrc + nLiveEnd,
+           SYSTEMFILE_DYNAMIC_OFFSET + SYSTEMFILE_DYNAMIC_SIZE - nLiveEnd);
+}
 
 BOOL EnterSavePass()
 {
@@ -64,9 +94,10 @@ int CBreltMemStorageModule::RunSavePass(LPTALVORCRITICALSECTION lpCritSection, B
                TALVOR_TEXT("上一次持久化仍在进行,本次持久化未执行", "The previous persistence pass is still running; this pass was not run"));
         return SAVEPASS_FAILED;
     }
-    if (nTimestamp == 0) nTimestamp = lpHead->m_nEndTimestamp;
+    // The engine's end stamp is published after its changes: taken first.
+    if (nTimestamp == 0) nTimestamp = TalvorLoadShared(&lpHead->m_nEndTimestamp);
     int nResult = 0;
-    if (nTimestamp > lpHead->m_nBeginTimestamp || lpHead->m_bSaveFlag == 1 || bForce) {
+    if (nTimestamp > lpHead->m_nBeginTimestamp || TalvorLoadShared(&lpHead->m_bSaveFlag) == 1 || bForce) {
         stu_FILEINFO* pSystem = m_lpSystemFileInfo;
         if (pSystem != nullptr && pSystem->m_pStorageFile != nullptr) {
             CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
@@ -82,7 +113,7 @@ int CBreltMemStorageModule::RunSavePass(LPTALVORCRITICALSECTION lpCritSection, B
                                                            m_lpBuffer, m_lpHeadBuf, bForce, bFlashbackFlag);
             // A refusal outweighs a file that only waits for a later pass.
             if (nFile != 0 && (nResult == 0 || nResult == SAVECHANGE_PENDING)) nResult = nFile;
-            if (nFile != 0 || bFlashbackFlag) lpHead->m_bSaveFlag = 1;
+            if (nFile != 0 || bFlashbackFlag) TalvorStoreShared(&lpHead->m_bSaveFlag, 1);
         }
         if (nResult != 0) {
             LeaveSavePass();
@@ -98,15 +129,17 @@ HRESULT CBreltMemStorageModule::CommitTimestamp(LPTALVORCRITICALSECTION lpCritSe
                                                 UINT& nRedoLogMaxID)
 {
     LPSYSTEMFILEHEAD lpHead = m_pMemoryFileHead;
-    if (lpHead->m_nBeginTimestamp == nTimestamp && lpHead->m_nRedoLogMaxID == nRedoLogMaxID) return S_OK;
+    // The redo writer raises the log number while the pass runs.
+    if (lpHead->m_nBeginTimestamp == nTimestamp && TalvorLoadShared(&lpHead->m_nRedoLogMaxID) == nRedoLogMaxID)
+        return S_OK;
     CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
     long long nOld = lpHead->m_nBeginTimestamp;
-    UINT nRedoLogID = lpHead->m_nRedoLogMaxID;
-    lpHead->m_nBeginTimestamp = nTimestamp;
+    UINT nRedoLogID = TalvorLoadShared(&lpHead->m_nRedoLogMaxID);
+    TalvorStoreShared(&lpHead->m_nBeginTimestamp, nTimestamp);
     const char* lpszPath = m_lpSystemFileInfo != nullptr ? m_lpSystemFileInfo->m_lpszFilePath : "";
     int fd = m_lpSystemFileInfo != nullptr ? Talvor_FileDescriptor(m_lpSystemFileInfo->m_hFile) : -1;
     if (fd < 0) {
-        lpHead->m_nBeginTimestamp = nOld;
+        TalvorStoreShared(&lpHead->m_nBeginTimestamp, nOld);
         Trace("SaveChange2File", 1, 10110001,
               TALVOR_TEXT("设置物理文件位置失败,错误码:%d,路径:%s,位置:%lld",
                           "Failed to set physical file location, error code: %d, path: %s, location: %lld"),
@@ -115,12 +148,12 @@ HRESULT CBreltMemStorageModule::CommitTimestamp(LPTALVORCRITICALSECTION lpCritSe
     }
     // A private copy: the engine goes on writing its fields of these bytes.
     BYTE arDynamic[SYSTEMFILE_DYNAMIC_SIZE];
-    memcpy(arDynamic, (const BYTE*)lpHead + SYSTEMFILE_DYNAMIC_OFFSET, sizeof(arDynamic));
+    SnapshotDynamicPart(lpHead, arDynamic);
     errno = 0;
     if (!TalvorWriteFull(fd, arDynamic, sizeof(arDynamic), SYSTEMFILE_DYNAMIC_OFFSET) ||
         CTalvorFileIO::Current()->FSync(fd) != 0) {
         int nErr = errno != 0 ? errno : EIO;
-        lpHead->m_nBeginTimestamp = nOld;
+        TalvorStoreShared(&lpHead->m_nBeginTimestamp, nOld);
         Trace("SaveChange2File", 1, 10110003,
               TALVOR_TEXT("从内存写入物理文件失败,错误码:%d,路径:%s,写入位置:%lld,写入大小:%d",
                           "Failed to write from memory to physical file, error code: %d, path: %s, write location: %lld, write size: %d"),

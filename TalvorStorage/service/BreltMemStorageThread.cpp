@@ -112,32 +112,32 @@ void CBreltMemStorageModule::ServeStorageCommands(LPTALVORCRITICALSECTION lpCrit
 {
     LPSYSTEMFILEHEAD lpHead = m_pMemoryFileHead;
     if (lpHead == nullptr) {
-        while (g_bEixt == 0) usleep(1000);
+        while (TalvorLoadShared(&g_bEixt) == 0) usleep(1000);
         return;
     }
     LPTALVORCOMMAND lpClusterCmd = m_pFlashback != nullptr ? m_pFlashback->GetClusterCommand() : nullptr;
     LPTALVORPROGRESS lpProgress = m_pFlashback != nullptr ? m_pFlashback->GetTalvorProgress() : nullptr;
-    UINT nRedoLogMaxID = lpHead->m_nRedoLogMaxID;
+    UINT nRedoLogMaxID = TalvorLoadShared(&lpHead->m_nRedoLogMaxID);
     long long liStart = NowMicros();
     long long liInterval = (long long)TalvorPersistenceIntervalSeconds(lpHead->m_nPersistenceIntervals) * 1000000LL;
     int nQuickRetries = 0;
     BOOL bPending = FALSE;
     int nIdlePolls = 0;
 
-    while (g_bEixt == 0) {
+    while (TalvorLoadShared(&g_bEixt) == 0) {
         if (lpClusterCmd != nullptr) {
-            if (lpClusterCmd->m_bCommandType != 0)
+            if (TalvorLoadShared(&lpClusterCmd->m_bCommandType) != 0)
                 ClusterCommand(lpCritSection, lpClusterCmd, lpProgress, nRedoLogMaxID);
-            if (lpClusterCmd->m_bForbidSaveFlag == 1) {
+            if (TalvorLoadShared(&lpClusterCmd->m_bForbidSaveFlag) == 1) {
                 WaitForSingleObject(m_hStorageEvent, POLL_WAIT_MS);
                 continue;
             }
         }
-        if (lpHead->m_bForbidSaveFlag == 1) {
+        if (TalvorLoadShared(&lpHead->m_bForbidSaveFlag) == 1) {
             WaitForSingleObject(m_hStorageEvent, POLL_WAIT_MS);
             continue;
         }
-        BYTE bCommand = lpHead->m_bStorageCMD;
+        BYTE bCommand = TalvorLoadShared(&lpHead->m_bStorageCMD);
         if (bCommand == STORAGECMD_FILECMD || bCommand == STORAGECMD_SAVE || bCommand == STORAGECMD_FLUSHCACHE)
             nIdlePolls = 0;
         if (bCommand == 2) {
@@ -148,22 +148,19 @@ void CBreltMemStorageModule::ServeStorageCommands(LPTALVORCRITICALSECTION lpCrit
                                   "Talvor storage service failed to save memory modification to file!"));
             bPending = nPass == SAVEPASS_PENDING;
             liStart = NowMicros();
-            TalvorFlushCPU4Write();
-            lpHead->m_bStorageCMD = 32;
+            TalvorStoreShared(&lpHead->m_bStorageCMD, STORAGECMD_FINISHED);
             continue;
         }
         if (bCommand == 3) {
             FlushCacheFile(lpCritSection);
-            TalvorFlushCPU4Write();
-            lpHead->m_bStorageCMD = 32;
+            TalvorStoreShared(&lpHead->m_bStorageCMD, STORAGECMD_FINISHED);
             continue;
         }
         if (bCommand == 1) {
             if (FAILED(FileCMD(lpCritSection)))
                 Trace0("TalvorStorageThread", 1, 1001302,
                        TALVOR_TEXT("Talvor存储服务执行文件命令失败!", "Talvor storage service failed to execute file command!"));
-            TalvorFlushCPU4Write();
-            lpHead->m_bStorageCMD = 32;
+            TalvorStoreShared(&lpHead->m_bStorageCMD, STORAGECMD_FINISHED);
             if (RunSavePass(lpCritSection, FALSE, 0, nRedoLogMaxID) == SAVEPASS_FAILED)
                 Trace0("TalvorStorageThread", 1, 1001303,
                        TALVOR_TEXT("Talvor存储服务将内存修改保存到文件失败!",
@@ -190,7 +187,7 @@ void CBreltMemStorageModule::ServeStorageCommands(LPTALVORCRITICALSECTION lpCrit
         } else if (WaitStorageEventMicros(m_hStorageEvent, IDLE_POLL_WAIT_US)) {
             nIdlePolls = 0;
         }
-        if (lpClusterCmd != nullptr && lpClusterCmd->m_bCommandType != 0) nIdlePolls = 0;
+        if (lpClusterCmd != nullptr && TalvorLoadShared(&lpClusterCmd->m_bCommandType) != 0) nIdlePolls = 0;
     }
 }
 
@@ -313,13 +310,13 @@ void TraceClusterRefusal(BYTE bCommand, const char* lpszAnswerZh, const char* lp
 HRESULT CBreltMemStorageModule::ClusterCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd,
                                                LPTALVORPROGRESS, const UINT&)
 {
-    BYTE bCommand = lpClusterCmd->m_bCommandType;
+    BYTE bCommand = TalvorLoadShared(&lpClusterCmd->m_bCommandType);
     if (bCommand != g_bClusterRefusalTraced) g_bClusterRefusalTraced = 0;
     BOOL bClearForbid = FALSE;
     BYTE bFinal = CLUSTERCMD_NONE;
     switch (bCommand) {
     case CLUSTERCMD_ADDNODE_FROMLOG:
-        if (lpClusterCmd->m_bForbidSaveFlag == 1) {
+        if (TalvorLoadShared(&lpClusterCmd->m_bForbidSaveFlag) == 1) {
             // The code stays 10 and is asked again at every turn until the
             // engine clears the flag: one line for the whole stretch.
             if (g_bClusterRefusalTraced != bCommand)
@@ -375,10 +372,9 @@ HRESULT CBreltMemStorageModule::ClusterCommand(LPTALVORCRITICALSECTION lpCritSec
         return S_OK;
     }
     if (bClearForbid) {
-        if (m_pMemoryFileHead != nullptr) m_pMemoryFileHead->m_bForbidSaveFlag = 0;
-        lpClusterCmd->m_bForbidSaveFlag = 0;
+        if (m_pMemoryFileHead != nullptr) TalvorStoreShared(&m_pMemoryFileHead->m_bForbidSaveFlag, 0);
+        TalvorStoreShared(&lpClusterCmd->m_bForbidSaveFlag, 0);
     }
-    TalvorFlushCPU4Write();
-    lpClusterCmd->m_bCommandType = bFinal;
+    TalvorStoreShared(&lpClusterCmd->m_bCommandType, bFinal);
     return S_OK;
 }

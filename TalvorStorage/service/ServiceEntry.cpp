@@ -120,7 +120,7 @@ void TermHandler(int sig, siginfo_t* senderinfo, void*)
         rec.m_szCmdLine[rec.m_nCmdLen] = '\0';
         rec.m_bPending = 1;
     }
-    g_bEixt = 1;
+    TalvorStoreShared(&g_bEixt, 1);
     CrashWakeMainThread();
     errno = nSavedErrno;
 }

@@ -484,7 +484,9 @@ BOOL CLogManager::CheckLogFile()
 // descriptor is closed. Otherwise the file goes on.
 void CLogManager::AbandonFilesAfterCrash(BOOL bService)
 {
-    if (m_critWrite.m_nThreadID == CachedThreadId()) LeaveCriticalTalvor(&m_critWrite);
+    // The owner is written by whichever thread takes the latch.
+    if (__atomic_load_n(&m_critWrite.m_nThreadID, __ATOMIC_RELAXED) == CachedThreadId())
+        LeaveCriticalTalvor(&m_critWrite);
     if (!bService && LoadFlag(&m_bInFileWrite)) {
         CTalvorAppendFile::Abandon(m_pFile);
         m_pFile = nullptr;

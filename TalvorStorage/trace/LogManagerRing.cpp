@@ -123,8 +123,8 @@ void TraceRingInitHead(LPBYTE lpRing, int nTotalSize, BYTE bFileType)
     lpHead->m_nFileTotalSize = nTotalSize;
     lpHead->m_nFileHeaderSize = RING_HEAD_SIZE;
     lpHead->m_bFileType = bFileType;
-    lpHead->m_nWritePos = RING_HEAD_SIZE;
-    lpHead->m_nReadPos = RING_HEAD_SIZE;
+    TalvorStoreShared(&lpHead->m_nWritePos, RING_HEAD_SIZE);
+    TalvorStoreShared(&lpHead->m_nReadPos, RING_HEAD_SIZE);
     TalvorFlushCPU4Write();
 }
 
@@ -133,8 +133,8 @@ int TraceRingFreeSpace(LPBYTE lpRing, int nRingSize)
     LPFILE_TRACEMEMFILEHEAD lpHead = (LPFILE_TRACEMEMFILEHEAD)lpRing;
     const int nEnd = RingEnd(lpHead, nRingSize);
     const int nData = nEnd - RING_HEAD_SIZE;
-    int w = lpHead->m_nWritePos;
-    int r = lpHead->m_nReadPos;
+    int w = TalvorLoadShared(&lpHead->m_nWritePos);
+    int r = TalvorLoadShared(&lpHead->m_nReadPos);
     TalvorFlushCPU4Read();
     if (w < RING_HEAD_SIZE || w > nEnd || r < RING_HEAD_SIZE || r > nEnd) return 0;
     // The end itself stands for the start of the area.
@@ -151,7 +151,7 @@ int TraceRingWrite(LPBYTE lpRing, int nRingSize, const void* pData, int nLen)
     int n = nLen < nFree ? nLen : nFree;
     if (n <= 0) return 0;
     const int nEnd = RingEnd(lpHead, nRingSize);
-    int w = lpHead->m_nWritePos;
+    int w = TalvorLoadShared(&lpHead->m_nWritePos);
     if (w == nEnd) w = RING_HEAD_SIZE;
     const BYTE* p = (const BYTE*)pData;
     // Up to the last byte of the area, then on from its start.
@@ -164,7 +164,7 @@ int TraceRingWrite(LPBYTE lpRing, int nRingSize, const void* pData, int nLen)
         w = RING_HEAD_SIZE + (n - nFirst);
     }
     TalvorFlushCPU4Write();
-    lpHead->m_nWritePos = w;
+    TalvorStoreShared(&lpHead->m_nWritePos, w);
     return n;
 }
 
@@ -274,26 +274,26 @@ BOOL CLogManager::CopyTraceRing()
         if (m_pServiceFile != nullptr) m_pServiceFile->AppendFormat("\r\n\r\nService processid:%d\r\n", nProcessID);
         m_nServiceProcessID = nProcessID;
     }
-    if (lpHead->m_nReadPos == lpHead->m_nWritePos) return TRUE;
+    if (TalvorLoadShared(&lpHead->m_nReadPos) == TalvorLoadShared(&lpHead->m_nWritePos)) return TRUE;
     RepairRingHead(lpHead);
     const int nHeader = lpHead->m_nFileHeaderSize;
     const int nTotal = lpHead->m_nFileTotalSize;
-    int w = lpHead->m_nWritePos;
-    int r = lpHead->m_nReadPos;
+    int w = TalvorLoadShared(&lpHead->m_nWritePos);
+    int r = TalvorLoadShared(&lpHead->m_nReadPos);
     if (w < nHeader || w > nTotal || r < nHeader || r > nTotal) {
         Trace("WriteTraceThread", 1, 20010002,
               TALVOR_TEXT("日志线程检测到内存数据异常，nWritePos：%d、nReadPos：%d、nFileHeaderSize：%d、nFileTotalSize：%d",
                           "Log thread detected memory data exceptions, nWritePos：%d、nReadPos：%d、nFileHeaderSize：%d、nFileTotalSize：%d"),
               w, r, nHeader, nTotal);
-        if (w < nHeader || w > nTotal) lpHead->m_nWritePos = nHeader;
-        if (r < nHeader || r > nTotal) lpHead->m_nReadPos = nHeader;
+        if (w < nHeader || w > nTotal) TalvorStoreShared(&lpHead->m_nWritePos, nHeader);
+        if (r < nHeader || r > nTotal) TalvorStoreShared(&lpHead->m_nReadPos, nHeader);
         TalvorFlushCPU4Write();
     }
     if (m_pServiceFile == nullptr && !OpenServiceFile(lpHead->m_nProcessID)) return FALSE;
 
-    w = lpHead->m_nWritePos;
+    w = TalvorLoadShared(&lpHead->m_nWritePos);
     TalvorFlushCPU4Read();
-    r = lpHead->m_nReadPos;
+    r = TalvorLoadShared(&lpHead->m_nReadPos);
     // The engine may have moved since the check: bound the copy once more.
     if (w < nHeader || w > nTotal) return TRUE;
     long long nWritten = 0;
@@ -313,7 +313,7 @@ BOOL CLogManager::CopyTraceRing()
     StoreFlag(&m_bInServiceWrite, FALSE);
     // The bytes are in the file before the engine may reuse their room.
     TalvorFlushCPU4Write();
-    lpHead->m_nReadPos = w;
+    TalvorStoreShared(&lpHead->m_nReadPos, w);
     m_nServiceWriteSize += nWritten;
     // Only a pass over the wrap switches the file.
     if (w < r && m_nServiceWriteSize > TraceFileMaxSize()) {

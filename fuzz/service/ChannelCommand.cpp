@@ -7,7 +7,7 @@
 // Input: byte 0 the storage command, then the command record, then pieces
 // (u32 offset, u16 length, bytes) laid on the system image at offset modulo
 // the used part of the image.
-#include "DbFileLayout.h"
+#include "FuzzDatabase.h"
 #include "FuzzModule.h"
 #include "TalvorCacheStorage.h"
 
@@ -17,65 +17,6 @@
 #include <vector>
 
 namespace {
-
-const long long DATA_FILE_SIZE = 1048576;
-
-struct Database {
-    std::vector<BYTE> m_vSystem;
-    std::vector<BYTE> m_vData;
-    long long m_nSystemUsed = 0;
-    long long m_nDataUsed = 0;
-    bool m_bOk = false;
-};
-
-FILE_MEMDBFILEINFO Row(BYTE bFileNo, const std::string& strPath, long long nSize)
-{
-    FILE_MEMDBFILEINFO stRow;
-    memset(&stRow, 0, sizeof(stRow));
-    stRow.m_bFileNo = bFileNo;
-    stRow.m_bFileType = bFileNo;  // 1 system, 2 data
-    snprintf(stRow.m_lpszFilePath, sizeof(stRow.m_lpszFilePath), "%s", strPath.c_str());
-    snprintf(stRow.m_lpszTablespaceName, sizeof(stRow.m_lpszTablespaceName), "F%d", bFileNo);
-    stRow.m_nFileSize = nSize;
-    stRow.m_nMaxObjectNum = 64;
-    return stRow;
-}
-
-const Database& MadeDatabase()
-{
-    static Database s_db = [] {
-        Database db;
-        std::string strDir = talvorfuzz::FuzzDir();
-        FILE_MEMDBFILEINFO arRows[2] = {Row(1, talvorfuzz::SystemFilePath(), DB_SYSTEMFILE_SIZE),
-                                        Row(2, strDir + "F2.dbf", DATA_FILE_SIZE)};
-        DBSYSFILEPLAN stSys;
-        DBMEMFILEPLAN stData;
-        db.m_vSystem.assign((size_t)DB_SYSTEMFILE_SIZE, 0);
-        db.m_vData.assign((size_t)DATA_FILE_SIZE, 0);
-        db.m_bOk = DbPlanSystemFile(2, DB_SYSTEMFILE_LISTBLOCK_SIZE, DB_SYSTEMFILE_SIZE, &stSys) &&
-                   DbBuildSystemFile(stSys, arRows, 0x77, "Fuzz", strDir.c_str(), db.m_vSystem.data(),
-                                     DB_SYSTEMFILE_SIZE) &&
-                   DbPlanMemoryFile(FILETYPE_DATA, DATA_FILE_SIZE, 64, DbDefaultBlockSize(FILETYPE_DATA), &stData) &&
-                   DbBuildMemoryFile(stData, 2, 0x77, db.m_vData.data(), DATA_FILE_SIZE);
-        db.m_nSystemUsed = stSys.m_nFreeOffset;
-        db.m_nDataUsed = stData.m_nFreeOffset;
-        return db;
-    }();
-    return s_db;
-}
-
-// The used part of each file, and zeros (a hole) to its size: the bytes of
-// the made files, written in a fraction of the time.
-bool WriteUsed(const std::string& strPath, const std::vector<BYTE>& v, long long nUsed)
-{
-    return talvorfuzz::WriteFileBytes(strPath, v.data(), (size_t)nUsed) && truncate(strPath.c_str(), (off_t)v.size()) == 0;
-}
-
-bool WriteDatabase(const Database& db)
-{
-    return WriteUsed(talvorfuzz::SystemFilePath(), db.m_vSystem, db.m_nSystemUsed) &&
-           WriteUsed(talvorfuzz::FuzzDir() + "F2.dbf", db.m_vData, db.m_nDataUsed);
-}
 
 void LayPieces(LPBYTE lpImage, long long nUsed, const uint8_t* p, size_t n)
 {
@@ -107,9 +48,9 @@ void Serve(CBreltMemStorageModule& m, LPTALVORCRITICALSECTION lpCrit, BYTE bStor
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* lpData, size_t nSize)
 {
     if (!talvorfuzz::ModuleIni()) abort();
-    const Database& db = MadeDatabase();
+    const talvorfuzz::MadeFiles& db = talvorfuzz::MadeDatabase();
     if (!db.m_bOk) abort();
-    if (nSize < 1 + sizeof(TALVORCOMMAND) || !WriteDatabase(db)) return 0;
+    if (nSize < 1 + sizeof(TALVORCOMMAND) || !talvorfuzz::WriteMadeDatabase(db)) return 0;
     std::unique_ptr<CBreltMemStorageModule> pModule(new CBreltMemStorageModule());
     CBreltMemStorageModule& m = *pModule;
     TALVORCRITICALSECTION stCrit;

@@ -105,11 +105,7 @@ public:
 
     // --- The engine.
     long long BeginTransaction() { return Head()->m_nEndTimestamp + 1; }
-    void EndTransaction(long long nTimestamp)
-    {
-        talvorpeer::PeerFence();
-        Head()->m_nEndTimestamp = nTimestamp;
-    }
+    void EndTransaction(long long nTimestamp) { TalvorStoreShared(&Head()->m_nEndTimestamp, nTimestamp); }
     // Blocks in every database file, as one transaction.
     void PrepareFiles()
     {

@@ -79,14 +79,13 @@ bool CPeerEngine::Attach(int nWaitMs)
 void CPeerEngine::SetLive(bool bLive)
 {
     if (m_lpChannel == nullptr) return;
-    m_lpChannel->m_bService = bLive ? 1 : 0;
+    TalvorStoreShared(&m_lpChannel->m_bService, bLive ? SERVICESTATE_RUNNING : SERVICESTATE_STOPPED);
 }
 
 void CPeerEngine::Answer(int nResult)
 {
     m_lpChannel->m_nResult = nResult;
-    PeerFence();
-    m_lpChannel->m_bCommandType = 0;
+    TalvorStoreShared(&m_lpChannel->m_bCommandType, PEERCMD_NONE);
     SetEvent(m_hDone);
     m_nAnswers++;
 }
@@ -94,13 +93,12 @@ void CPeerEngine::Answer(int nResult)
 void CPeerEngine::ServeChannel()
 {
     if (m_lpChannel == nullptr) return;
-    BYTE bCommand = m_lpChannel->m_bCommandType;
-    if (bCommand == 32) {
+    BYTE bCommand = TalvorLoadShared(&m_lpChannel->m_bCommandType);
+    if (bCommand == PEERCMD_HEARTBEAT) {
         Answer(0);
         return;
     }
-    if (bCommand != 3) return;
-    PeerFence();
+    if (bCommand != PEERCMD_FLASHBACKHEAD) return;
     if (m_nNothingToSavePct > 0) {
         m_nRandom = m_nRandom * 6364136223846793005ULL + 1442695040888963407ULL;
         if ((int)((m_nRandom >> 33) % 100) < m_nNothingToSavePct) {

@@ -280,9 +280,8 @@ inline void PeerChangeRow(LPBYTE lpImage, long long nSize, int nFileNo, long lon
 {
     LPBASEFILEHEAD lpHead = (LPBASEFILEHEAD)lpImage;
     LPBLOCKHEAD lpBlock = (LPBLOCKHEAD)(lpImage + nBlockOffset);
-    lpBlock->m_nTimestamp = nTimestamp;
-    PeerFence();
-    lpBlock->m_bSaveFlag = 1;
+    TalvorStoreShared(&lpBlock->m_nTimestamp, nTimestamp);
+    TalvorStoreShared(&lpBlock->m_bSaveFlag, 1);
     PeerFence();
     LPPEERROW lpRow = (LPPEERROW)(lpImage + PeerRowOffset(nBlockOffset, nSlot));
     long long nKey = PeerRowKey(nFileNo, nBlockOffset, nSlot);
@@ -294,13 +293,11 @@ inline void PeerChangeRow(LPBYTE lpImage, long long nSize, int nFileNo, long lon
     if (lpHead->m_bFileType == FILETYPE_DATA) {
         LPBASEFILEOBJECTDEF lpObject = DbMemoryFileObject(lpImage, nSize, 0);
         if (lpObject != nullptr) {
-            lpObject->m_nFinishedTimestamp = nTimestamp;
-            PeerFence();
-            lpObject->m_bSaveFlag = 1;
+            TalvorStoreShared(&lpObject->m_nFinishedTimestamp, nTimestamp);
+            TalvorStoreShared(&lpObject->m_bSaveFlag, 1);
         }
     }
-    PeerFence();
-    lpHead->m_nTimestamp = nTimestamp;
+    TalvorStoreShared(&lpHead->m_nTimestamp, nTimestamp);
 }
 
 // What a row holds: 1 whole and matching (ts, value), 0 never written,

@@ -29,14 +29,13 @@ protected:
     void StartEngine(std::function<void(LPSTORAGEMEMHEAD)> fnAnswer)
     {
         LPSTORAGEMEMHEAD lpChannel = m_db.Module().m_pFlashback->GetStorageMemHead();
-        lpChannel->m_bService = 1;
+        TalvorStoreShared(&lpChannel->m_bService, SERVICESTATE_RUNNING);
         m_bEngineStop = false;
         m_engine = std::thread([this, lpChannel, fnAnswer]() {
             while (!m_bEngineStop) {
-                if (lpChannel->m_bCommandType == 3) {
+                if (TalvorLoadShared(&lpChannel->m_bCommandType) == PEERCMD_FLASHBACKHEAD) {
                     fnAnswer(lpChannel);
-                    talvorpeer::PeerFence();
-                    lpChannel->m_bCommandType = 0;
+                    TalvorStoreShared(&lpChannel->m_bCommandType, PEERCMD_NONE);
                     SetEvent(m_db.Module().m_pFlashback->m_hFlashBackFinishedEvent);
                     m_nAnswers++;
                 }

@@ -34,7 +34,7 @@ protected:
 
     void RunArchiver()
     {
-        m_pRedo->m_bArchiveExit = TRUE;
+        TalvorStoreShared(&m_pRedo->m_bArchiveExit, TRUE);
         void* hFile = nullptr;
         void* hSrc = nullptr;
         EXPECT_EQ(0, m_pRedo->ArchiveFile(hFile, hSrc));

@@ -106,7 +106,7 @@ protected:
 
     void RunArchiver(CTalvorRedoLog* pRedo)
     {
-        pRedo->m_bArchiveExit = TRUE;
+        TalvorStoreShared(&pRedo->m_bArchiveExit, TRUE);
         pRedo->m_nArchiveStopLimitMs = 2000;
         // The sealed groups are there from the start: no wait for a seal.
         SetEvent(pRedo->m_hArchiveEvent);

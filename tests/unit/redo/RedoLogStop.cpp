@@ -134,7 +134,7 @@ TEST_F(RedoFixture, CleanStopWithTheArchiverBehindDrainsTheRingAndTheNextStartAr
     }
     ASSERT_GT(nOldestSealed, 0);
     EXPECT_EQ(nOldestSealed - 1, +Ring()->m_nLogArchiveNo) << "a sealed log was called archived";
-    m_pRedo->m_bArchiveExit = TRUE;
+    TalvorStoreShared(&m_pRedo->m_bArchiveExit, TRUE);
     SetEvent(m_pRedo->m_hArchiveEvent);
     void* hFile = nullptr;
     void* hSrc = nullptr;

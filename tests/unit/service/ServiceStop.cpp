@@ -30,10 +30,10 @@ protected:
     }
     void TearDown() override
     {
-        g_bEixt = 1;
+        TalvorStoreShared(&g_bEixt, 1);
         m_io.Release();
         if (m_bStarted) pthread_join(m_hThread, nullptr);
-        g_bEixt = 0;
+        TalvorStoreShared(&g_bEixt, 0);
         TalvorSetStorageClock(nullptr);
         CloseEvent(m_db.Module().m_hStorageEvent);
         m_db.Module().m_hStorageEvent = nullptr;
@@ -41,7 +41,7 @@ protected:
     void StartThread(int nIntervals)
     {
         m_db.Head()->m_nPersistenceIntervals = nIntervals;
-        g_bEixt = 0;
+        TalvorStoreShared(&g_bEixt, 0);
         ASSERT_EQ(0, pthread_create(&m_db.Module().m_hTalvorStorageThread, nullptr,
                                     CBreltMemStorageModule::TalvorStorageThread, &m_db.Module()));
         m_hThread = m_db.Module().m_hTalvorStorageThread;
@@ -59,7 +59,7 @@ protected:
         StartThread(300);
         Change(2, 11);
         m_io.Hold(FileOp::PWrite);
-        m_db.Head()->m_bStorageCMD = STORAGECMD_SAVE;
+        TalvorStoreShared(&m_db.Head()->m_bStorageCMD, STORAGECMD_SAVE);
         ASSERT_TRUE(m_io.WaitHeld(5000));
     }
     // The thread on a fake clock at nStart with a 300 s interval; a
@@ -75,8 +75,9 @@ protected:
         Change(2, 40);
         ts = m_db.BeginTransaction();
         m_db.ChangeRow(2, 1, 0, 41, ts);
-        m_db.Head()->m_bStorageCMD = STORAGECMD_SAVE;
-        ASSERT_TRUE(WaitUntil([&] { return m_db.Head()->m_bStorageCMD == STORAGECMD_FINISHED; }, 5000));
+        TalvorStoreShared(&m_db.Head()->m_bStorageCMD, STORAGECMD_SAVE);
+        ASSERT_TRUE(
+            WaitUntil([&] { return TalvorLoadShared(&m_db.Head()->m_bStorageCMD) == STORAGECMD_FINISHED; }, 5000));
     }
     PersistenceDb m_db;
     // Writes to the database hang once held, until released: a pass that
@@ -94,7 +95,7 @@ TEST_F(ServiceStop, AThreadThatDoesNotEndKeepsWhatItHolds)
     HangThreadInAPass();
     CBreltMemStorageModule& m = m_db.Module();
     m.m_nStorageStopWaitMs = 300;
-    g_bEixt = 1;
+    TalvorStoreShared(&g_bEixt, 1);
     long long nStart = NowMs();
     EXPECT_EQ(S_OK, m.StopService(&m_db.m_stCrit, m_db.m_nRedoLogMaxID));
     long long nMs = NowMs() - nStart;
@@ -114,7 +115,7 @@ TEST_F(ServiceStop, AThreadThatDoesNotEndKeepsWhatItHolds)
     m_io.Release();
     ASSERT_EQ(0, pthread_join(m_hThread, nullptr));
     m_bStarted = false;
-    EXPECT_EQ(32, Val(m_db.Head()->m_bStorageCMD));
+    EXPECT_EQ(32, TalvorLoadShared(&m_db.Head()->m_bStorageCMD));
     EXPECT_EQ(+m_db.Head()->m_nEndTimestamp, m_db.CommittedOnDisk());
 }
 
@@ -123,7 +124,7 @@ TEST_F(ServiceStop, TheLastPassAndTheReleaseWaitForTheThread)
     HangThreadInAPass();
     CBreltMemStorageModule& m = m_db.Module();
     m.m_nStorageStopWaitMs = 20000;
-    g_bEixt = 1;
+    TalvorStoreShared(&g_bEixt, 1);
     std::atomic<bool> bStopped{false};
     std::thread stopper([&] {
         m.StopService(&m_db.m_stCrit, m_db.m_nRedoLogMaxID);

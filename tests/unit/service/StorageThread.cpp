@@ -23,16 +23,16 @@ protected:
     void StartThread(int nIntervals)
     {
         m_db.Head()->m_nPersistenceIntervals = nIntervals;
-        g_bEixt = 0;
+        TalvorStoreShared(&g_bEixt, 0);
         ASSERT_EQ(0, pthread_create(&m_db.Module().m_hTalvorStorageThread, nullptr,
                                     CBreltMemStorageModule::TalvorStorageThread, &m_db.Module()));
         m_bStarted = true;
     }
     void TearDown() override
     {
-        g_bEixt = 1;
+        TalvorStoreShared(&g_bEixt, 1);
         if (m_bStarted) pthread_join(m_db.Module().m_hTalvorStorageThread, nullptr);
-        g_bEixt = 0;
+        TalvorStoreShared(&g_bEixt, 0);
         CloseEvent(m_db.Module().m_hStorageEvent);
         m_db.Module().m_hStorageEvent = nullptr;
     }
@@ -66,9 +66,9 @@ TEST_F(StorageThread, PassOnCommandTwoIsAnsweredWith32AfterTheCommit)
     StartThread(300);
     Change(5);
     long long ts = m_db.Head()->m_nEndTimestamp;
-    m_db.Head()->m_bStorageCMD = 2;
-    ASSERT_TRUE(WaitUntil([&] { return m_db.Head()->m_bStorageCMD == 32; }, 5000));
-    EXPECT_EQ(ts, Val(m_db.Head()->m_nBeginTimestamp));
+    TalvorStoreShared(&m_db.Head()->m_bStorageCMD, 2);
+    ASSERT_TRUE(WaitUntil([&] { return TalvorLoadShared(&m_db.Head()->m_bStorageCMD) == 32; }, 5000));
+    EXPECT_EQ(ts, TalvorLoadShared(&m_db.Head()->m_nBeginTimestamp));
     EXPECT_EQ(ts, m_db.CommittedOnDisk());
 }
 
@@ -80,11 +80,12 @@ TEST_F(StorageThread, FileCommandIsAnsweredWith32BeforeThePassThatFollows)
     LPSYSTEMFILEHEAD lpHead = m_db.Head();
     std::atomic<int>* pFirst = &m_nFirstWriteCommand;
     m_io.OnCall(FileOp::PWrite, [lpHead, pFirst](const FileCall& call) {
-        if (call.m_nNth == 1) *pFirst = lpHead->m_bStorageCMD;
+        if (call.m_nNth == 1) *pFirst = TalvorLoadShared(&lpHead->m_bStorageCMD);
     });
     ScopedFileIO scope(&m_io);
-    m_db.Head()->m_bStorageCMD = 1;
-    ASSERT_TRUE(WaitUntil([&] { return m_db.Head()->m_nBeginTimestamp == m_db.Head()->m_nEndTimestamp; }, 5000));
+    TalvorStoreShared(&m_db.Head()->m_bStorageCMD, 1);
+    ASSERT_TRUE(WaitUntil(
+        [&] { return TalvorLoadShared(&m_db.Head()->m_nBeginTimestamp) == m_db.Head()->m_nEndTimestamp; }, 5000));
     EXPECT_EQ(32, m_nFirstWriteCommand.load());
 }
 
@@ -92,25 +93,25 @@ TEST_F(StorageThread, ForbidFlagsHoldEverythingOffButAClusterCommand)
 {
     StartThread(1);
     Change(7);
-    m_db.Head()->m_bForbidSaveFlag = 1;
-    m_db.Head()->m_bStorageCMD = 2;
+    TalvorStoreShared(&m_db.Head()->m_bForbidSaveFlag, 1);
+    TalvorStoreShared(&m_db.Head()->m_bStorageCMD, 2);
     usleep(1500000);  // longer than the interval
-    EXPECT_EQ(2, Val(m_db.Head()->m_bStorageCMD));
-    EXPECT_NE(+m_db.Head()->m_nEndTimestamp, Val(m_db.Head()->m_nBeginTimestamp));
+    EXPECT_EQ(2, TalvorLoadShared(&m_db.Head()->m_bStorageCMD));
+    EXPECT_NE(+m_db.Head()->m_nEndTimestamp, TalvorLoadShared(&m_db.Head()->m_nBeginTimestamp));
 
     // The same through the command record; a cluster command still runs,
     // and its end clears both flags.
     LPTALVORCOMMAND lpCmd = m_db.Module().m_pFlashback->GetClusterCommand();
-    m_db.Head()->m_bForbidSaveFlag = 0;
-    lpCmd->m_bForbidSaveFlag = 1;
+    TalvorStoreShared(&m_db.Head()->m_bForbidSaveFlag, 0);
+    TalvorStoreShared(&lpCmd->m_bForbidSaveFlag, 1);
     usleep(100000);
-    EXPECT_EQ(2, Val(m_db.Head()->m_bStorageCMD));
-    lpCmd->m_bCommandType = 40;
-    ASSERT_TRUE(WaitUntil([&] { return lpCmd->m_bCommandType == 1; }, 2000));
-    EXPECT_EQ(1, Val(lpCmd->m_bResult));
-    EXPECT_EQ(0, Val(lpCmd->m_bForbidSaveFlag));
-    ASSERT_TRUE(WaitUntil([&] { return m_db.Head()->m_bStorageCMD == 32; }, 5000));
-    EXPECT_EQ(+m_db.Head()->m_nEndTimestamp, Val(m_db.Head()->m_nBeginTimestamp));
+    EXPECT_EQ(2, TalvorLoadShared(&m_db.Head()->m_bStorageCMD));
+    TalvorStoreShared(&lpCmd->m_bCommandType, 40);
+    ASSERT_TRUE(WaitUntil([&] { return TalvorLoadShared(&lpCmd->m_bCommandType) == 1; }, 2000));
+    EXPECT_EQ(1, TalvorLoadShared(&lpCmd->m_bResult));
+    EXPECT_EQ(0, TalvorLoadShared(&lpCmd->m_bForbidSaveFlag));
+    ASSERT_TRUE(WaitUntil([&] { return TalvorLoadShared(&m_db.Head()->m_bStorageCMD) == 32; }, 5000));
+    EXPECT_EQ(+m_db.Head()->m_nEndTimestamp, TalvorLoadShared(&m_db.Head()->m_nBeginTimestamp));
 }
 
 TEST_F(StorageThread, IntervalPassCommitsWithoutACommand)
@@ -118,6 +119,6 @@ TEST_F(StorageThread, IntervalPassCommitsWithoutACommand)
     StartThread(1);
     Change(8);
     long long ts = m_db.Head()->m_nEndTimestamp;
-    ASSERT_TRUE(WaitUntil([&] { return m_db.Head()->m_nBeginTimestamp == ts; }, 3000));
+    ASSERT_TRUE(WaitUntil([&] { return TalvorLoadShared(&m_db.Head()->m_nBeginTimestamp) == ts; }, 3000));
     EXPECT_EQ(ts, m_db.CommittedOnDisk());
 }

@@ -135,7 +135,8 @@ TEST_F(TraceLogRing, StreamAcrossWrapsEqualsTheFileBody)
     ASSERT_EQ(0, m_pLog->StartTraceThreads(TRUE));
     std::string strData = RandomBytes(3 * 1024 * 1024 + 12345, 7);
     Produce(strData, false);
-    ASSERT_TRUE(WaitUntil([&] { return Ring()->m_nReadPos == Ring()->m_nWritePos; }, 20000));
+    ASSERT_TRUE(WaitUntil(
+        [&] { return TalvorLoadShared(&Ring()->m_nReadPos) == TalvorLoadShared(&Ring()->m_nWritePos); }, 20000));
     m_pLog->StopTraceThreads(30);
     std::vector<std::string> files = Series("TalvorService");
     ASSERT_EQ(1u, files.size());
