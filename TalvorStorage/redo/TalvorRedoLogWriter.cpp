@@ -793,17 +793,14 @@ void CTalvorRedoLog::WriteLogFile(LPTALVORCRITICALSECTION, LPFILE_TRACEMEMFILEHE
 // the position announced first (SettlePendingConsume) and drains it once.
 void CTalvorRedoLog::ConsumeRing(LPFILE_TRACEMEMFILEHEAD pHead, int nWriteSize, int nItemSize, int nReadPos)
 {
-    TalvorFlushCPU4Write();
-    pHead->m_nItemSize = RedoConsumePending(nReadPos);
-    TalvorFlushCPU4Write();
+    // Release stores: each is seen only after everything before it.
+    TalvorStoreShared(&pHead->m_nItemSize, RedoConsumePending(nReadPos));
     TestPoint(REDOPOINT_PENDING);
-    pHead->m_nLogPos = nWriteSize;
-    TalvorFlushCPU4Write();
+    TalvorStoreShared(&pHead->m_nLogPos, nWriteSize);
     TestPoint(REDOPOINT_LOGPOS);
-    pHead->m_nReadPos = nReadPos;
-    TalvorFlushCPU4Write();
+    TalvorStoreShared(&pHead->m_nReadPos, nReadPos);
     TestPoint(REDOPOINT_READPOS);
-    pHead->m_nItemSize = nItemSize;
+    TalvorStoreShared(&pHead->m_nItemSize, nItemSize);
     if (m_hLogEmptyEvent != nullptr) SetEvent(m_hLogEmptyEvent);
 }
 
