@@ -195,9 +195,11 @@ int ScanPiece(Sweep& s, MapCursor& c, long long llFrom, int nLen, long long& llN
         if (nMark == BLOCK_DATAFLAG) {
             LPBASEBLOCKHEAD h = (LPBASEBLOCKHEAD)lpPage;
             UINT nNo = h->m_nBlockNo;
-            int nOwn = h->m_nBlockSize > 0 ? h->m_nBlockSize : CACHE_BLOCK_SIZE;
+            const int nHeadSize = h->m_nBlockSize;  // packed fields, read once
+            int nOwn = nHeadSize > 0 ? nHeadSize : CACHE_BLOCK_SIZE;
             if (nNo == e->m_nBlockNo) {
-                int nSize = e->m_nBlockSize > 0 ? e->m_nBlockSize : CACHE_BLOCK_SIZE;
+                const int nEntrySize = e->m_nBlockSize;
+                int nSize = nEntrySize > 0 ? nEntrySize : CACHE_BLOCK_SIZE;
                 if (p + nSize > llEnd) {
                     // Runs over the piece: the next piece starts at it.
                     Advance(c, nBlockNum);
@@ -331,7 +333,8 @@ MapCursor StartCursor(CTalvorCacheStorage* pCache, LPFILEINFO p, LPTABLEFILEHEAD
     c.m_pCache = pCache;
     c.m_lpMap = (LPBASEFILEBLOCKMAPHEAD_CACHE)(pCache->m_pCacheBufferAddr + llMap);
     c.m_nEntry = 0;
-    c.m_nMax = h->m_nMaxBlockMapNum > 0 && h->m_nMaxBlockMapNum < MAP_CAPACITY ? h->m_nMaxBlockMapNum : MAP_CAPACITY;
+    const int nMax = h->m_nMaxBlockMapNum;  // a packed field, read once
+    c.m_nMax = nMax > 0 && nMax < MAP_CAPACITY ? nMax : MAP_CAPACITY;
     c.m_bFileNo = p->m_bFileNo;
     c.m_bTable = p->m_bFileType == (char)FILETYPE_TABLE;
     c.m_bEnd = FALSE;
