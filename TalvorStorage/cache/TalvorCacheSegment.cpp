@@ -18,8 +18,6 @@
 
 namespace {
 
-const long long CACHE_MB = 1048576LL;
-
 // Processes attached to segment nId; -1 when it cannot be asked.
 long long AttachedCount(MFID nId)
 {
