@@ -31,4 +31,25 @@ inline bool ModuleIni()
 
 inline std::string SystemFilePath() { return FuzzDir() + "System.dbf"; }
 
+// A module on the made database, up as the start brings it, with the save
+// pass's buffers; a made database that does not come up is a fault.
+inline void BringUpMadeModule(CBreltMemStorageModule& m, TALVORCRITICALSECTION& stCrit)
+{
+    InitThreadCritSection(&stCrit);
+    HRESULT hr = m.InitSysEnvironment(&stCrit, TRUE, FALSE);
+    if (hr == S_OK) hr = m.LoadFile(&stCrit);
+    if (hr != S_OK) abort();
+    m.m_nBufferSize = 0x100000;
+    m.m_lpBuffer = (LPBYTE)get_aligned_buffer(0x100000);
+    m.m_lpHeadBuf = (LPBYTE)get_aligned_buffer(0x100000);
+}
+
+// Gives back what BringUpMadeModule took.
+inline void ReleaseMadeModule(CBreltMemStorageModule& m)
+{
+    talvortest::ReleaseModuleFiles(m);
+    free(m.m_lpBuffer);
+    free(m.m_lpHeadBuf);
+}
+
 } // namespace talvorfuzz

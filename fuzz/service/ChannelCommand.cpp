@@ -9,7 +9,6 @@
 // the used part of the image.
 #include "FuzzDatabase.h"
 #include "FuzzModule.h"
-#include "TalvorCacheStorage.h"
 
 #include <cstdint>
 #include <cstring>
@@ -54,20 +53,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* lpData, size_t nSize)
     std::unique_ptr<CBreltMemStorageModule> pModule(new CBreltMemStorageModule());
     CBreltMemStorageModule& m = *pModule;
     TALVORCRITICALSECTION stCrit;
-    InitThreadCritSection(&stCrit);
-    HRESULT hr = m.InitSysEnvironment(&stCrit, TRUE, FALSE);
-    if (hr == S_OK) hr = m.LoadFile(&stCrit);
-    if (hr != S_OK) abort();  // the made database must always come up
-    m.m_nBufferSize = 0x100000;
-    m.m_lpBuffer = (LPBYTE)CTalvorCacheStorage::get_aligned_buffer(0x100000);
-    m.m_lpHeadBuf = (LPBYTE)CTalvorCacheStorage::get_aligned_buffer(0x100000);
+    talvorfuzz::BringUpMadeModule(m, stCrit);
     LPTALVORCOMMAND lpCmd = m.m_pFlashback->GetClusterCommand();
     if (lpCmd != nullptr) memcpy((void*)lpCmd, lpData + 1, sizeof(TALVORCOMMAND));
     LayPieces(m.m_lpSystemFileInfo->m_pFileAddr, db.m_nSystemUsed, lpData + 1 + sizeof(TALVORCOMMAND),
               nSize - 1 - sizeof(TALVORCOMMAND));
     Serve(m, &stCrit, lpData[0]);
-    talvortest::ReleaseModuleFiles(m);
-    free(m.m_lpBuffer);
-    free(m.m_lpHeadBuf);
+    talvorfuzz::ReleaseMadeModule(m);
     return 0;
 }

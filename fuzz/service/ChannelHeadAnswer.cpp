@@ -18,7 +18,6 @@
 #include "FuzzDatabase.h"
 #include "FuzzModule.h"
 #include "PeerImage.h"
-#include "TalvorCacheStorage.h"
 
 #include <atomic>
 #include <cstdint>
@@ -166,16 +165,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* lpData, size_t nSize)
     std::unique_ptr<CBreltMemStorageModule> pModule(new CBreltMemStorageModule());
     CBreltMemStorageModule& m = *pModule;
     TALVORCRITICALSECTION stCrit;
-    InitThreadCritSection(&stCrit);
-    HRESULT hr = m.InitSysEnvironment(&stCrit, TRUE, FALSE);
-    if (hr == S_OK) hr = m.LoadFile(&stCrit);
-    if (hr != S_OK) abort();  // the made database must always come up
-    m.m_nBufferSize = 0x100000;
-    m.m_lpBuffer = (LPBYTE)CTalvorCacheStorage::get_aligned_buffer(0x100000);
-    m.m_lpHeadBuf = (LPBYTE)CTalvorCacheStorage::get_aligned_buffer(0x100000);
+    talvorfuzz::BringUpMadeModule(m, stCrit);
     Pass(m, stCrit, a);
-    talvortest::ReleaseModuleFiles(m);
-    free(m.m_lpBuffer);
-    free(m.m_lpHeadBuf);
+    talvorfuzz::ReleaseMadeModule(m);
     return 0;
 }
