@@ -210,6 +210,33 @@ std::string RedoRecord(long long nSize, BYTE bType, long long nTimestamp, unsign
 
 // The stand-in's records in a ring; then the daemon's writer drains them into
 // group files, which become the group seeds (one left unsealed).
+// The system head the seeds' redo writers run under: three groups of 4 KiB.
+void SeedSystemHead(SYSTEMFILEHEAD& stHead)
+{
+    memset(&stHead, 0, sizeof(stHead));
+    stHead.m_usDatabaseGuid = 0x77;
+    stHead.m_nWriteRedoOnlineGroups = 3;
+    stHead.m_nWriteRedoMaxSize = 4096;
+    stHead.m_nWriteUndoDelayTime = 1;
+    stHead.m_nRedoLogMaxID = 1;
+}
+
+// A redo writer on the ring vRing with its groups in strDir, started; the
+// seeds cannot be made without it.
+CTalvorRedoLog* StartSeedWriter(const std::string& strDir, LPSYSTEMFILEHEAD lpHead, BOOL* pbExit,
+                                std::vector<BYTE>& vRing, REDOWRITERSTATE& st)
+{
+    CTalvorRedoLog* pRedo = new CTalvorRedoLog();
+    pRedo->SetRingSize((int)vRing.size());
+    if (!pRedo->Init(lpHead, 0, pbExit, (char*)strDir.c_str(), (char*)vRing.data(), nullptr, nullptr, FALSE, nullptr)) {
+        fprintf(stderr, "the redo writer did not start in %s\n", strDir.c_str());
+        exit(1);
+    }
+    memset(&st, 0, sizeof(st));
+    pRedo->StartWriter(st);
+    return pRedo;
+}
+
 void RedoSeeds(const std::string& strWork)
 {
     const int nRing = (int)sizeof(FILE_TRACEMEMFILEHEAD) + 2048;
@@ -232,26 +259,14 @@ void RedoSeeds(const std::string& strWork)
     std::string strDir = strWork + "/redo/";
     mkdir(strDir.c_str(), 0755);
     SYSTEMFILEHEAD stHead;
-    memset(&stHead, 0, sizeof(stHead));
-    stHead.m_usDatabaseGuid = 0x77;
-    stHead.m_nWriteRedoOnlineGroups = 3;
-    stHead.m_nWriteRedoMaxSize = 4096;
-    stHead.m_nWriteUndoDelayTime = 1;
-    stHead.m_nRedoLogMaxID = 1;
+    SeedSystemHead(stHead);
     BOOL bExit = FALSE;
     TALVORCRITICALSECTION stCrit;
     InitThreadCritSection(&stCrit);
     std::vector<BYTE> vDrain((size_t)nRing);
     TraceRingInitHead(vDrain.data(), nRing, TRACEMEM_FILETYPE_REDO);
-    CTalvorRedoLog* pRedo = new CTalvorRedoLog();
-    pRedo->SetRingSize(nRing);
-    if (!pRedo->Init(&stHead, 0, &bExit, (char*)strDir.c_str(), (char*)vDrain.data(), nullptr, nullptr, FALSE, nullptr)) {
-        fprintf(stderr, "the redo writer did not start in %s\n", strDir.c_str());
-        exit(1);
-    }
     REDOWRITERSTATE st;
-    memset(&st, 0, sizeof(st));
-    pRedo->StartWriter(st);
+    CTalvorRedoLog* pRedo = StartSeedWriter(strDir, &stHead, &bExit, vDrain, st);
     for (int nRound = 0; nRound < 3; nRound++) {
         std::string s;
         for (int i = 0; i < 4; i++) s += RedoRecord(200 + 50 * i, arTypes[i], 1000 + nRound * 10 + i, nRand);
@@ -280,24 +295,12 @@ void ArchiveSeeds(const std::string& strWork)
     std::vector<BYTE> vRing((size_t)nRing);
     TraceRingInitHead(vRing.data(), nRing, TRACEMEM_FILETYPE_REDO);
     SYSTEMFILEHEAD stHead;
-    memset(&stHead, 0, sizeof(stHead));
-    stHead.m_usDatabaseGuid = 0x77;
-    stHead.m_nWriteRedoOnlineGroups = 3;
-    stHead.m_nWriteRedoMaxSize = 4096;
-    stHead.m_nWriteUndoDelayTime = 1;
-    stHead.m_nRedoLogMaxID = 1;
+    SeedSystemHead(stHead);
     BOOL bExit = FALSE;
     TALVORCRITICALSECTION stCrit;
     InitThreadCritSection(&stCrit);
-    CTalvorRedoLog* pRedo = new CTalvorRedoLog();
-    pRedo->SetRingSize(nRing);
-    if (!pRedo->Init(&stHead, 0, &bExit, (char*)strDir.c_str(), (char*)vRing.data(), nullptr, nullptr, FALSE, nullptr)) {
-        fprintf(stderr, "the redo writer did not start in %s\n", strDir.c_str());
-        exit(1);
-    }
     REDOWRITERSTATE st;
-    memset(&st, 0, sizeof(st));
-    pRedo->StartWriter(st);
+    CTalvorRedoLog* pRedo = StartSeedWriter(strDir, &stHead, &bExit, vRing, st);
     unsigned nRand = 11;
     const BYTE arTypes[] = {1, 2, 12, 3};
     // Enough for two full groups; the stop seals the third.
