@@ -174,6 +174,26 @@ protected:
     CTalvorFileStorage* m_pStorage = nullptr;
     std::vector<BYTE> m_vDisk;     // the file as written at the start
     std::vector<BYTE> m_vLogical;  // what every read must give
+    // A dirty data block of this file at lpLive in the cache: random bytes
+    // under a head with the engine's marks set (save, flush, lock stamp,
+    // status, use count), which no copy on disk may carry.
+    void MakeDirtyBlock(LPBYTE lpLive, UINT nBlockNo, long long llTimestamp, BYTE bFlushCode)
+    {
+        for (int i = 0; i < FS_PART; i++) lpLive[i] = (BYTE)m_rng();
+        LPBLOCKHEAD h = (LPBLOCKHEAD)lpLive;
+        h->m_nDataFlag = BLOCK_DATAFLAG;
+        h->m_nBlockNo = nBlockNo;
+        h->m_nTimestamp = llTimestamp;
+        h->m_nLockTimestamp = 99;
+        h->m_nBlockSize = FS_PART;
+        h->m_bStatus = 3;
+        h->m_bFileNo = FS_FILE_NO;
+        h->m_bSaveFlag = 1;
+        h->m_bThreadNum = 2;
+        h->m_bFlushCode = bFlushCode;
+        h->m_bFlushFlag = 1;
+    }
+
     std::mt19937 m_rng;
     std::mutex m_callLock;
     Calls m_vReads, m_vWrites;

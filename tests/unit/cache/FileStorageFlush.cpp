@@ -31,19 +31,7 @@ protected:
     // A dirty data block in the cache and the request that names it.
     void PostDataBlock()
     {
-        for (int i = 0; i < FS_PART; i++) m_lpLive[i] = (BYTE)m_rng();
-        LPBLOCKHEAD h = Live();
-        h->m_nDataFlag = BLOCK_DATAFLAG;
-        h->m_nBlockNo = BLOCK_NO;
-        h->m_nTimestamp = BLOCK_TS;
-        h->m_nLockTimestamp = 99;
-        h->m_nBlockSize = FS_PART;
-        h->m_bStatus = 3;
-        h->m_bFileNo = FS_FILE_NO;
-        h->m_bSaveFlag = 1;
-        h->m_bThreadNum = 2;
-        h->m_bFlushCode = FLUSH_CODE;
-        h->m_bFlushFlag = 1;
+        MakeDirtyBlock(m_lpLive, BLOCK_NO, BLOCK_TS, FLUSH_CODE);
         memset(&m_req, 0, sizeof(m_req));
         m_req.m_bStatus = 1;
         m_req.m_bBlockType = CACHEFLUSH_DATA;

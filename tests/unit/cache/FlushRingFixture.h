@@ -49,19 +49,7 @@ protected:
         long long llCache = 0;
         EXPECT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FS_FILE_NO, llCache));
         LPBYTE lpLive = Base() + llCache;
-        for (int i = 0; i < FS_PART; i++) lpLive[i] = (BYTE)m_rng();
-        LPBLOCKHEAD h = (LPBLOCKHEAD)lpLive;
-        h->m_nDataFlag = BLOCK_DATAFLAG;
-        h->m_nBlockNo = nBlockNo;
-        h->m_nTimestamp = FR_BLOCK_TS;
-        h->m_nLockTimestamp = 5;
-        h->m_nBlockSize = FS_PART;
-        h->m_bStatus = 2;
-        h->m_bFileNo = FS_FILE_NO;
-        h->m_bSaveFlag = 1;
-        h->m_bThreadNum = 1;
-        h->m_bFlushCode = 3;
-        h->m_bFlushFlag = 1;
+        MakeDirtyBlock(lpLive, nBlockNo, FR_BLOCK_TS, 3);
         if (bModel) {
             std::vector<BYTE> v(lpLive, lpLive + FS_PART);
             LPBLOCKHEAD c = (LPBLOCKHEAD)v.data();
