@@ -12,8 +12,7 @@
 // the two flush pipelines with their threads (TalvorCacheFlush*.cpp; the
 // module is reached through TalvorCacheFlush.h), the load threads
 // (TalvorCacheLoad.cpp) and the preload (TalvorCachePreload.cpp). The
-// daemon does not start the cache yet: it still refuses cache-mode files at
-// start, so none of these is reached from a running daemon yet.
+// module makes the object at start when "buffercachesize" asks for a cache.
 //
 // Threads: Initialize and Free are for the start-up (main) thread alone, with
 // no latch held. The chain functions take m_csCache themselves; the caller
@@ -127,6 +126,10 @@ public:
     // chain is broken; 4 when a head names no next page (the other files
     // are written all the same). Main thread, flush threads ended; no latch.
     int FlushFileBlock(LPTALVORCRITICALSECTION lpCritSection);
+    // Lets the destructor detach the segment without removing it: a start
+    // that failed after taking over a whole cache hands it on as it found
+    // it. Main thread, after Free.
+    void KeepSegmentOnRelease() { LetGoOfSurvivor(); }
     // Asks the cache threads to stop; 0. Any thread.
     int Exit();
     // Asks the cache threads to stop, joins the flush threads (up to 400 s

@@ -61,6 +61,7 @@ void CBreltMemStorageModule::ResetFields()
     m_bAutoStartService = TRUE;
     m_ulLocalIP = 0;
     m_pTalvorCacheStorage = nullptr;
+    m_pCacheBridge = nullptr;
     m_hTalvorStorageThread = 0;
     memset(m_arTalvorStandby, 0, sizeof(m_arTalvorStandby));
     m_bExit = FALSE;
@@ -269,7 +270,13 @@ HRESULT CBreltMemStorageModule::StopService(LPTALVORCRITICALSECTION lpCritSectio
     m_bExit = TRUE;
     if (m_pMemoryFileHead != nullptr) TalvorStoreShared(&m_pMemoryFileHead->m_bForbidSaveFlag, 0);
     int nService = m_pFlashback->WaitServiceStop(lpCritSection);
-    if (m_pTalvorCacheStorage != nullptr && nService == 2) m_pTalvorCacheStorage->FlushFileBlock(lpCritSection);
+    // With the engine lost, the last pass writes its dirty blocks itself.
+    // The flush threads are ended first: two writers of one file's blocks
+    // and buffers at once could leave an older copy last on disk.
+    if (m_pTalvorCacheStorage != nullptr && nService == 2) {
+        m_pTalvorCacheStorage->Free();
+        m_pTalvorCacheStorage->FlushFileBlock(lpCritSection);
+    }
     // The storage thread sees the stop flag on its own and ends after the
     // command it runs. Until it has, its images, buffers and latch are in
     // use: the last pass and the release wait for it. A thread that does not
@@ -360,12 +367,7 @@ HRESULT CBreltMemStorageModule::FreeData(LPTALVORCRITICALSECTION lpCritSection)
     LPSYSTEMFILEHEAD lpHead = m_pMemoryFileHead;
     if (lpHead != nullptr && lpHead->m_nDataFlag == SYSTEMFILE_DATAFLAG)
         WriteSysConfigParam(lpCritSection, lpHead, FALSE, TRUE);
-    if (m_pTalvorCacheStorage != nullptr) {
-        m_pTalvorCacheStorage->Free();
-        usleep(1000);
-        delete m_pTalvorCacheStorage;
-        m_pTalvorCacheStorage = nullptr;
-    }
+    ReleaseCache();
     // What a storage thread that would not end still holds is never freed
     // under it: the file list and its images, the system file, the work
     // buffers, the channel, the latch, its wake-up and its crash record.

@@ -17,6 +17,7 @@
 class CTalvorFlashback;
 class CTalvorCacheStorage;
 class CTalvorStandby;
+class CStorageCacheBridge;
 
 // The stop flag. Written from the SIGTERM handler, so it is a sig_atomic_t.
 extern volatile sig_atomic_t g_bEixt;
@@ -114,6 +115,9 @@ public:
     BOOL m_bAutoStartService;
     UINT m_ulLocalIP;
     CTalvorCacheStorage* m_pTalvorCacheStorage;
+    // What the cache's threads reach of this module; lives as long as the
+    // cache.
+    CStorageCacheBridge* m_pCacheBridge;
     HTHREADTYPE m_hTalvorStorageThread;
     CTalvorStandby* m_arTalvorStandby[256];
     BOOL m_bExit;
@@ -148,6 +152,15 @@ private:
     BOOL CheckFileListBlock(LPSYSTEMBLOCKHEAD lpSystemBlockHead, LONG nCodeBase);
     void RefreshSystemFileRow(LPSYSTEMBLOCKHEAD lpSystemBlockHead, LPFILE_MEMDBFILEINFO lpRow);
     void SetLoadProgressTotal(LPTALVORPROGRESS lpTalvorProgress);
+    // The shared block cache of cache-mode files, when "buffercachesize"
+    // asks for one and none exists yet: made or taken over, with the
+    // module's bridge and the load progress. S_OK also when none is asked;
+    // E_FAIL when it cannot be had (the cache traced why). Main thread, at
+    // start; no latch held.
+    HRESULT CreateCache(LPSYSTEMFILEHEAD lpHead, LPTALVORPROGRESS lpTalvorProgress);
+    // Stops the cache's threads and destroys it; a cache this failed start
+    // took over whole is left for the next start. Main thread, at the end.
+    void ReleaseCache();
 
     // The commit: m_nBeginTimestamp and the 80 dynamic bytes, synced.
     HRESULT CommitTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long nTimestamp, UINT& nRedoLogMaxID);

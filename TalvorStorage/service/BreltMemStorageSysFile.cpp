@@ -156,9 +156,7 @@ HRESULT CBreltMemStorageModule::InitSysEnvironment(LPTALVORCRITICALSECTION lpCri
         WriteSysConfigParam(lpCritSection, lpHead, bRecover, FALSE);
     if (lpHead->m_nLockWaitTimeout <= 0) lpHead->m_nLockWaitTimeout = 180;
 
-    // The shared block cache is not built yet: a database of memory-mode
-    // files runs without it, whatever "buffercachesize" says; one with
-    // cache-mode files is refused by LoadFile.
+    if (CreateCache(lpHead, lpTalvorProgress) != S_OK) return E_FAIL;
 
     if (nInstall == 1 && CorrectMovedDatabase(lpHead, szDirPath) != S_OK) return E_FAIL;
     if (WalkFileList(lpHead, FALSE, nullptr, nullptr) != S_OK) return E_FAIL;
@@ -424,13 +422,11 @@ HRESULT CBreltMemStorageModule::LoadFile(LPTALVORCRITICALSECTION lpCritSection)
     long long nTotalProgress = lpTalvorProgress != nullptr ? (long long)lpTalvorProgress->m_nPos * DB_MIB : 0;
     long long nBeginTimestamp = m_pMemoryFileHead != nullptr ? m_pMemoryFileHead->m_nBeginTimestamp : 0;
     BYTE bOpenFileUseBuffer = m_pMemoryFileHead != nullptr ? m_pMemoryFileHead->m_bOpenFileUseBuffer : 0;
-    // The shared block cache is not built yet. Serving a database that has
-    // cache-mode files with a cache asked for would let the engine write
-    // blocks of them into a cache that nothing loads or flushes: accepted
-    // changes that never reach the disk. Such a database is refused before
-    // any file is loaded. With no cache asked for ("buffercachesize" 0) the
-    // engine is told there is none, and those files stay unserved: each is
-    // named once, so that an operator sees why its tables are not there.
+    // With no cache asked for ("buffercachesize" 0) the engine is told
+    // there is none, and cache-mode files stay unserved: each is named once,
+    // so that an operator sees why its tables are not there. With a cache
+    // they are left to it: the flush threads give them their backends and
+    // InitCacheHead loads them.
     const BOOL bNoCache = m_pMemoryFileHead != nullptr && m_pMemoryFileHead->m_nTalvorBufferCacheSize == 0;
     for (stu_FILEINFO* p = m_pStorageInfo; p != nullptr; p = p->m_pNext) {
         // A type no pass saves (5 among them) would be covered by every
@@ -448,16 +444,10 @@ HRESULT CBreltMemStorageModule::LoadFile(LPTALVORCRITICALSECTION lpCritSection)
                   TALVOR_TEXT("缓存大小(buffercachesize)为0,缓存模式的文件不提供服务,文件号:%d,文件类型:%d,路径:%s",
                               "The cache size (buffercachesize) is 0, so this cache-mode file is not served, file number: %d, file type: %d, path: %s"),
                   (int)p->m_bFileNo, (int)p->m_bFileType, p->m_lpszFilePath);
-            continue;
         }
-        Trace("LoadFile", 2, 10040002,
-              TALVOR_TEXT("数据库含有缓存模式的文件,本服务尚不能提供缓存,拒绝启动,文件号:%d,文件类型:%d,路径:%s",
-                          "The database has a cache-mode file, which this service cannot serve yet, so the start was refused, file number: %d, file type: %d, path: %s"),
-              (int)p->m_bFileNo, (int)p->m_bFileType, p->m_lpszFilePath);
-        return E_FAIL;
     }
     for (stu_FILEINFO* p = m_pStorageInfo; p != nullptr; p = p->m_pNext) {
-        if (IsCacheFileType((BYTE)p->m_bFileType)) continue;  // for the cache, when there is one
+        if (IsCacheFileType((BYTE)p->m_bFileType)) continue;
         CTalvorMemoryStorage* pStorage = new (std::nothrow) CTalvorMemoryStorage();
         if (pStorage == nullptr) {
             Trace("LoadFile", 1, 10040001,

@@ -42,32 +42,6 @@ std::string RefusedStarts(DaemonSandbox& box, int nStarts)
 
 } // namespace
 
-TEST(StartRefusals, CacheModeFilesAreRefusedBeforeAnythingLoads)
-{
-    ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
-    DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
-    ASSERT_EQ(0, MakeDb(box, box.DataDir(), {"--data-file", "8", "--table-file", "4", "--index-file", "4"}));
-    const std::vector<std::string> vFiles = {"System.dbf", "Data2.dbf", "Table3.dbf", "Index4.dbf"};
-    // A cache asked for: one the daemon cannot give yet.
-    box.WriteIni("[System]\r\ndatabasepath=" + box.DataDir() + "\r\nLanguage=0\r\nbuffercachesize=1024\r\n"
-                 "undoareasize=16\r\npersistenceintervals=3\r\n");
-    std::map<std::string, std::string> mapBefore = Snapshot(box.DataDir(), vFiles);
-
-    std::string strTrace = RefusedStarts(box, 2);
-    EXPECT_EQ(2u, Count(strTrace, "   10040002 LoadFile The database has a cache-mode file, which this service cannot "
-                                  "serve yet, so the start was refused, file number: 4, file type: 11, path: " +
-                                      box.DataDir() + "Index4.dbf"))
-        << strTrace;
-    EXPECT_EQ(2u, Count(strTrace, "Talvor storage service closed!"));
-    // Nothing written, and no image left behind.
-    std::map<std::string, std::string> mapAfter = Snapshot(box.DataDir(), vFiles);
-    for (const std::string& strName : vFiles) EXPECT_TRUE(mapBefore[strName] == mapAfter[strName]) << strName;
-    Inspection st = Inspect(box, box.DataDir());
-    EXPECT_FALSE(st.m_bSystemImage) << st.m_strText;
-    for (int n = 2; n <= 4; n++) EXPECT_FALSE(st.m_mapFiles[n].m_bImage) << n;
-}
-
 TEST(StartRefusals, AFileOfATypeNoPassSavesIsRefusedByNameAndType)
 {
     ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";

@@ -158,6 +158,24 @@ int InspectDatabase(const std::string& strDir)
     return 0;
 }
 
+namespace {
+
+// The first nBytes of a segment (all of it for a negative nBytes) into strOut.
+int DumpSegment(const ImageView& stImage, const std::string& strOut, long long nBytes)
+{
+    long long nSize = nBytes < 0 || nBytes > stImage.m_nSize ? stImage.m_nSize : nBytes;
+    FILE* f = fopen(strOut.c_str(), "wb");
+    if (f == nullptr) {
+        fprintf(stderr, "talvor-mkdb: cannot write %s: %s\n", strOut.c_str(), strerror(errno));
+        return 1;
+    }
+    bool bDone = fwrite(stImage.m_lpAddr, 1, (size_t)nSize, f) == (size_t)nSize;
+    bDone = fclose(f) == 0 && bDone;
+    return bDone ? 0 : 1;
+}
+
+} // namespace
+
 int DumpImage(int nFileNo, const std::string& strOut)
 {
     ImageView stImage;
@@ -165,14 +183,18 @@ int DumpImage(int nFileNo, const std::string& strOut)
         fprintf(stderr, "talvor-mkdb: no image of file %d\n", nFileNo);
         return 2;
     }
-    FILE* f = fopen(strOut.c_str(), "wb");
-    if (f == nullptr) {
-        fprintf(stderr, "talvor-mkdb: cannot write %s: %s\n", strOut.c_str(), strerror(errno));
-        return 1;
+    return DumpSegment(stImage, strOut, -1);
+}
+
+int DumpCache(const std::string& strOut, long long nBytes)
+{
+    ImageView stImage;
+    if (!stImage.Attach(SHMKEY_CACHEBUFFER)) {
+        fprintf(stderr, "talvor-mkdb: no shared cache\n");
+        return 2;
     }
-    bool bDone = fwrite(stImage.m_lpAddr, 1, (size_t)stImage.m_nSize, f) == (size_t)stImage.m_nSize;
-    bDone = fclose(f) == 0 && bDone;
-    return bDone ? 0 : 1;
+    printf("cache size %lld\n", stImage.m_nSize);
+    return DumpSegment(stImage, strOut, nBytes);
 }
 
 } // namespace talvormkdb

@@ -35,5 +35,8 @@ int InspectDatabase(const std::string& strDir);
 
 // Copies the image of file bFileNo to strOut; 0, or 2 when there is none.
 int DumpImage(int nFileNo, const std::string& strOut);
+// The shared cache's first nBytes (all for a negative nBytes) into strOut;
+// prints "cache size N". 2 when there is no cache.
+int DumpCache(const std::string& strOut, long long nBytes);
 
 } // namespace talvormkdb

@@ -8,6 +8,7 @@
 // --table-file and --index-file make cache-mode files (at least 4 MiB).
 //   talvor-mkdb --inspect DIR
 //   talvor-mkdb --dump-image FILENO OUT
+//   talvor-mkdb --dump-cache OUT [BYTES]
 #include "DbFileLayout.h"
 #include "MkdbTool.h"
 
@@ -27,7 +28,8 @@ void Usage()
             "                   [--kv-file MIB]... [--table-file MIB]... [--index-file MIB]...\n"
             "                   [--redo-groups N] [--redo-size MIB]\n"
             "       talvor-mkdb --inspect DIR\n"
-            "       talvor-mkdb --dump-image FILENO OUT\n");
+            "       talvor-mkdb --dump-image FILENO OUT\n"
+            "       talvor-mkdb --dump-cache OUT [BYTES]\n");
 }
 
 bool ParseNumber(const char* lpText, long long nMin, long long nMax, long long* pnValue)
@@ -104,6 +106,14 @@ int main(int argc, char** argv)
             return 2;
         }
         return DumpImage((int)nFileNo, argv[3]);
+    }
+    if (argc >= 2 && strcmp(argv[1], "--dump-cache") == 0) {
+        long long nBytes = -1;
+        if ((argc != 3 && argc != 4) || (argc == 4 && !ParseNumber(argv[3], 0, 1LL << 40, &nBytes))) {
+            Usage();
+            return 2;
+        }
+        return DumpCache(argv[2], nBytes);
     }
     MakeRequest stRequest;
     int nResult = ParseMake(argc, argv, &stRequest);
