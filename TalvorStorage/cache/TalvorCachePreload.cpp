@@ -231,10 +231,7 @@ int ScanPiece(Sweep& s, MapCursor& c, long long llFrom, int nLen, long long& llN
     return SWEEP_DONE;
 }
 
-void ShowLoad(LPFILEINFO pFileInfo, long long llSize)
-{
-    if (pFileInfo->m_pLoadSize != nullptr) *pFileInfo->m_pLoadSize = llSize;
-}
+void ShowLoad(LPFILEINFO pFileInfo, long long llSize) { TalvorSetLoadSize(pFileInfo, llSize); }
 
 // One file from 32768 up to its free offset (bounded by its size).
 int SweepFile(LPTALVORCRITICALSECTION lpCritSection, Sweep& s, MapCursor& c)

@@ -15,10 +15,6 @@
 
 namespace {
 
-void SetLoadSizeOf(LPFILEINFO pFileInfo, long long nValue)
-{
-    if (pFileInfo->m_pLoadSize != nullptr) memcpy((void*)pFileInfo->m_pLoadSize, &nValue, sizeof(nValue));
-}
 
 } // namespace
 
@@ -55,7 +51,7 @@ int CTalvorFileStorage::AppendZeros(LPBYTE lpBuffer, int nBufferSize, long long 
             return 1;
         }
         llPos += nPiece;
-        SetLoadSizeOf(m_pFileInfo, llPos);
+        TalvorSetLoadSize(m_pFileInfo, llPos);
     }
     return 0;
 }
@@ -107,7 +103,7 @@ int CTalvorFileStorage::ChangeFileSize(LPTALVORCRITICALSECTION lpCritSection, LP
               TALVOR_TEXT("文件大小异常,文件大小需要增长到:%lld,但获取的文件实际大小:%lld,文件路径:%s",
                           "File size exception, File size needs to grow to: %lld, but the actual size of the obtained file: %lld, file path: %s"),
               nFileSize, llSize, Path());
-    SetLoadSizeOf(pFileInfo, llSize);
+    TalvorSetLoadSize(pFileInfo, llSize);
     RecordFileSize(lpSystemHead, lpHead, llSize);
     if (WriteHeadToDisk(lpHead) != 0) return 1;
     lock.UnLock();

@@ -27,12 +27,6 @@ const int INIT_MAX_EXHEADS = 255;  // m_bExHeadNo is one byte
 // alignment.
 void StoreLink(LPBYTE lpLink, long long llCacheOffset) { memcpy(lpLink, &llCacheOffset, sizeof(llCacheOffset)); }
 
-void SetLoadSize(LPFILEINFO pFileInfo, long long nValue)
-{
-    // The row is byte-packed: the value may lie on any byte.
-    if (pFileInfo->m_pLoadSize != nullptr) memcpy((void*)pFileInfo->m_pLoadSize, &nValue, sizeof(nValue));
-}
-
 } // namespace
 
 BOOL CTalvorFileStorage::IsPageOffset(long long llOffset) const
@@ -138,7 +132,7 @@ int CTalvorFileStorage::LoadMapBlocks(LPTALVORCRITICALSECTION lpCritSection, LPT
     long long llOffset = lpHead->m_nBlockMapStartOffset;
     long long nMaxMaps = m_pFileInfo->m_liFileSize / CACHE_PAGE_SIZE;
     for (long long nMaps = 0; llOffset != 0; nMaps++) {
-        if (bTable) SetLoadSize(m_pFileInfo, llOffset);
+        if (bTable) TalvorSetLoadSize(m_pFileInfo, llOffset);
         long long llCacheOffset = 0;
         LPBYTE lpPage = nullptr;
         int nResult = nMaps < nMaxMaps && IsPageOffset(llOffset) ? LoadPage(lpCritSection, llOffset, llCacheOffset, lpPage)
@@ -189,7 +183,7 @@ int CTalvorFileStorage::Initialize(LPTALVORCRITICALSECTION lpCritSection, LPFILE
         Trace0("Initialize", 1, 80001004, TALVOR_TEXT("缓存指针为空", "The cache pointer is empty"));
         return 1;
     }
-    SetLoadSize(pFileInfo, 0);
+    TalvorSetLoadSize(pFileInfo, 0);
     if (pCache->m_bExists) {
         UINT nHeadNo = pCache->m_pCacheBufferHead->m_nFileInfoNo[pFileInfo->m_bFileNo];
         if (nHeadNo == 0 || nHeadNo > pCache->m_pCacheBufferHead->m_nBlockBufNum) {
@@ -208,7 +202,7 @@ int CTalvorFileStorage::Initialize(LPTALVORCRITICALSECTION lpCritSection, LPFILE
     }
     int nResult = pCache->InitFileLoadThreadAndEvent(pFileInfo->m_bFileNo);
     if (nResult != 0) return nResult;
-    if (bFileType == FILETYPE_TABLE) SetLoadSize(pFileInfo, pFileInfo->m_liFileSize);
+    if (bFileType == FILETYPE_TABLE) TalvorSetLoadSize(pFileInfo, pFileInfo->m_liFileSize);
     lock.UnLock();
     ChechDiskFree(pFileInfo);
     return 0;

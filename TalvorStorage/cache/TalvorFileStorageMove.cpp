@@ -55,7 +55,7 @@ int CTalvorFileStorage::CopyFileTo(int fdTo, const char* lpszTo, LPBYTE lpBuffer
             return 1;
         }
         llPos += nPiece;
-        if (m_pFileInfo->m_pLoadSize != nullptr) memcpy((void*)m_pFileInfo->m_pLoadSize, &llPos, sizeof(llPos));
+        TalvorSetLoadSize(m_pFileInfo, llPos);
     }
     return 0;
 }

@@ -34,7 +34,7 @@ void StartProgress(LPTALVORPROGRESS lpProgress, LPFILEINFO pFileInfo)
 
 void SetProgress(LPTALVORPROGRESS lpProgress, LPFILEINFO pFileInfo, long long llDone)
 {
-    if (pFileInfo->m_pLoadSize != nullptr) memcpy((void*)pFileInfo->m_pLoadSize, &llDone, sizeof(llDone));
+    TalvorSetLoadSize(pFileInfo, llDone);
     if (lpProgress != nullptr) lpProgress->m_nPos = (int)(llDone / DB_MIB);
 }
 

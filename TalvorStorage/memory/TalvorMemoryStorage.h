@@ -22,13 +22,6 @@
 
 #include <cstring>
 
-// m_pLoadSize points into a byte-packed row of the system file, so the value
-// may lie on any byte: it is stored without assuming alignment.
-inline void TalvorSetLoadSize(LPFILEINFO pFileInfo, long long nValue)
-{
-    if (pFileInfo->m_pLoadSize != nullptr) memcpy((void*)pFileInfo->m_pLoadSize, &nValue, sizeof(nValue));
-}
-
 class CTalvorMemoryStorage : public IVirtualStorageFile {
 public:
     CTalvorMemoryStorage();

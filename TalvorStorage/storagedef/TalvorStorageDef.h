@@ -7,6 +7,8 @@
 #include "MemDBCommonDef.h"
 #include "TypeDef.h"
 
+#include <cstring>
+
 // Settings read from the ini at start, read by every subsystem afterwards.
 extern int g_nWriteBlockLog;
 extern int g_nForceFlushLog;
@@ -37,6 +39,13 @@ typedef struct stu_FILEINFO {
     IVirtualStorageFile* m_pStorageFile;
     stu_FILEINFO* m_pNext;
 } FILEINFO, *LPFILEINFO;
+
+// m_pLoadSize points into a byte-packed row of the system file, so the value
+// may lie on any byte: it is stored without assuming alignment.
+inline void TalvorSetLoadSize(LPFILEINFO pFileInfo, long long nValue)
+{
+    if (pFileInfo->m_pLoadSize != nullptr) memcpy((void*)pFileInfo->m_pLoadSize, &nValue, sizeof(nValue));
+}
 
 // What SaveChange2File returns besides 0 and a failure: the pass wrote what
 // it could, but a block changed past nTimestamp while it ran, so the file is
