@@ -33,34 +33,39 @@ inline constexpr int BLOCK = CACHE_BLOCK_SIZE;
 inline constexpr long long WRITE_PIECE = 8388608;
 inline constexpr int LRU_PERCENT = 80;
 
-// Rates of one side over its timed runs (units per second).
+// What one side moved and how long it took, over all its timed runs. The
+// two sides of a benchmark take turns in small rounds, so that a disk or a
+// machine whose speed drifts (the machine is shared) weighs on both alike.
 struct Tally {
-    std::vector<double> vRates;
-    void Add(double dUnits, std::chrono::steady_clock::time_point tStart)
+    double dUnits = 0;
+    double dSeconds = 0;
+    int nRounds = 0;
+    void Add(double dMoved, std::chrono::steady_clock::time_point tStart)
     {
-        double dSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - tStart).count();
-        vRates.push_back(dUnits / dSeconds);
+        dSeconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - tStart).count();
+        dUnits += dMoved;
+        nRounds++;
     }
-    double Mean() const
-    {
-        double d = 0;
-        for (double r : vRates) d += r;
-        return vRates.empty() ? 0 : d / (double)vRates.size();
-    }
+    double Rate() const { return dSeconds > 0 ? dUnits / dSeconds : 0; }
 };
 
 // Prints "what: ours / reference unit, ratio r (goal >= g)"; a goal of 0
 // prints no goal. The ratio is ours over the reference: 1.0 is as fast.
 inline void Report(const char* lpszWhat, const Tally& ours, const Tally& ref, const char* lpszUnit, double dGoal)
 {
-    if (ours.vRates.empty() || ref.vRates.empty()) {
+    if (ours.nRounds == 0 || ref.nRounds == 0) {
         printf("%s: no complete run\n", lpszWhat);
         return;
     }
-    double dRatio = ours.Mean() / ref.Mean();
-    printf("%s: %.1f / %.1f %s, ratio %.2f", lpszWhat, ours.Mean(), ref.Mean(), lpszUnit, dRatio);
+    double dRatio = ours.Rate() / ref.Rate();
+    printf("%s: %.1f / %.1f %s, ratio %.2f", lpszWhat, ours.Rate(), ref.Rate(), lpszUnit, dRatio);
     if (dGoal > 0) printf(" (goal >= %.2f%s)", dGoal, dRatio >= dGoal ? "" : ", MISSED");
     printf("\n");
+    // A ratio taken while the two cores were busy elsewhere says little.
+    char szLoad[64] = "";
+    FILE* f = fopen("/proc/loadavg", "r");
+    if (f != nullptr && fgets(szLoad, sizeof(szLoad), f) != nullptr) printf("  load average: %s", szLoad);
+    if (f != nullptr) fclose(f);
 }
 
 // Errors of the cache reach stderr; the chatter of threads starting does not.
