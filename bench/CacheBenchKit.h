@@ -50,7 +50,7 @@ struct Tally {
 };
 
 // Prints "what: ours / reference unit, ratio r (goal >= g)"; a goal of 0
-// prints no goal. The ratio is ours over the reference: 1.0 is as fast.
+// says that none is set. The ratio is ours over the reference: 1.0 is as fast.
 inline void Report(const char* lpszWhat, const Tally& ours, const Tally& ref, const char* lpszUnit, double dGoal)
 {
     if (ours.nRounds == 0 || ref.nRounds == 0) {
@@ -59,7 +59,10 @@ inline void Report(const char* lpszWhat, const Tally& ours, const Tally& ref, co
     }
     double dRatio = ours.Rate() / ref.Rate();
     printf("%s: %.1f / %.1f %s, ratio %.2f", lpszWhat, ours.Rate(), ref.Rate(), lpszUnit, dRatio);
-    if (dGoal > 0) printf(" (goal >= %.2f%s)", dGoal, dRatio >= dGoal ? "" : ", MISSED");
+    if (dGoal > 0)
+        printf(" (goal >= %.2f%s)", dGoal, dRatio >= dGoal ? "" : ", MISSED");
+    else
+        printf(" (no goal set)");
     printf("\n");
     // A ratio taken while the two cores were busy elsewhere says little.
     char szLoad[64] = "";
