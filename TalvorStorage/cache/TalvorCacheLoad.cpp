@@ -176,6 +176,15 @@ BOOL CTalvorCacheStorage::OnDisk(LPFILEINFO pFileInfo, long long llFileOffset, i
     return FALSE;
 }
 
+// Bytes past the end of the file come back as zeros, so a block whose last
+// byte is not zero was read whole from the file, and asking the file's size
+// (a path lookup per request) is needed only for a block that ends in zero.
+BOOL CTalvorCacheStorage::ReadWhole(LPFILEINFO pFileInfo, long long llFileOffset, int nSize, const BYTE* lpRead)
+{
+    if (lpRead[nSize - 1] != 0) return TRUE;
+    return OnDisk(pFileInfo, llFileOffset, nSize);
+}
+
 BOOL CTalvorCacheStorage::WaitForPostedSlot(LPstu_FileCacheLoadInfo, LPCacheBufferBlockOperate lpSlot, BYTE bFileNo)
 {
     if (lpSlot->m_bStatus == CACHELOAD_POSTED) return TRUE;
@@ -256,7 +265,6 @@ BYTE CTalvorCacheStorage::ServeSlot(LPTALVORCRITICALSECTION lpCritSection, LPCac
               (int)bSlotFile, nBlockNo, llFileOffset, nSize, (long long)lpSlot->m_llCacheBlockOffset);
         return CACHELOAD_FAILED;
     }
-    if (!OnDisk(pFileInfo, llFileOffset, nSize)) return CACHELOAD_FAILED;
     if (nSize > nPrivateSize) {
         free(lpPrivate);
         lpPrivate = (LPBYTE)get_aligned_buffer((size_t)nSize);
@@ -264,6 +272,7 @@ BYTE CTalvorCacheStorage::ServeSlot(LPTALVORCRITICALSECTION lpCritSection, LPCac
         if (lpPrivate == nullptr) return CACHELOAD_FAILED;
     }
     BYTE bResult = ReadAndCheck(lpCritSection, pFileInfo, bSlotFile, nBlockNo, llFileOffset, nSize, lpPrivate);
+    if (bResult == CACHELOAD_OK && !ReadWhole(pFileInfo, llFileOffset, nSize, lpPrivate)) bResult = CACHELOAD_FAILED;
     if (bResult == CACHELOAD_OK) {
         memcpy(lpTarget, lpPrivate, (size_t)nSize);
         __atomic_thread_fence(__ATOMIC_RELEASE);

@@ -287,7 +287,12 @@ private:
     BYTE ServeSlot(LPTALVORCRITICALSECTION lpCritSection, LPCacheBufferBlockOperate lpSlot, LPBYTE& lpPrivate,
                    int& nPrivateSize);
     LPBYTE SlotTarget(LPCacheBufferBlockOperate lpSlot, int nSize) const;
+    // TRUE when the file holds [llFileOffset, + nSize) whole (one stat).
     static BOOL OnDisk(LPFILEINFO pFileInfo, long long llFileOffset, int nSize);
+    // TRUE when the nSize bytes at lpRead, read at llFileOffset, came whole
+    // from the file rather than partly from past its end; stats the file
+    // only when the last byte is zero.
+    static BOOL ReadWhole(LPFILEINFO pFileInfo, long long llFileOffset, int nSize, const BYTE* lpRead);
     BYTE ReadAndCheck(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, BYTE bSlotFile, UINT nBlockNo,
                       long long llFileOffset, int nSize, LPBYTE lpPrivate);
     void AnswerSlot(LPstu_FileCacheLoadInfo lpInfo, LPCacheBufferBlockOperate lpSlot, BYTE bPos, int nNum,

@@ -260,11 +260,26 @@ TEST_F(CacheLoadThread, ReadErrorsAreAnsweredFailedNeverAHalfBlock)
 
 TEST_F(CacheLoadThread, AFileCutInsideTheBlockGivesNoZeroFilledBlock)
 {
-    // The head of the block is intact, its second half is gone: the read
-    // meets the end of the file and would fill zeros.
-    ASSERT_EQ(0, truncate(m_strPath.c_str(), BLOCK_AT + CACHE_BLOCK_SIZE / 2));
-    EXPECT_EQ(CACHELOAD_FAILED, RequestGood());
-    EXPECT_TRUE(TargetUntouched());
+    // The head of the block is intact, its tail is gone: the read meets the
+    // end of the file and would fill zeros. From one byte short to half.
+    for (long long llCut : {1LL, 512LL, 4096LL, (long long)CACHE_BLOCK_SIZE / 2}) {
+        ASSERT_EQ(0, truncate(m_strPath.c_str(), BLOCK_AT + CACHE_BLOCK_SIZE - llCut));
+        EXPECT_EQ(CACHELOAD_FAILED, RequestGood()) << "cut " << llCut << " bytes short";
+        EXPECT_TRUE(TargetUntouched()) << "cut " << llCut << " bytes short";
+    }
+}
+
+TEST_F(CacheLoadThread, ABlockEndingInZerosOfAWholeFileLoads)
+{
+    // Zeros at the end of a block look like what a read past the end of
+    // the file gives; in a file that holds the block whole they are data.
+    std::vector<BYTE> vZeros(4096, 0);
+    int fd = open(m_strPath.c_str(), O_RDWR);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ((ssize_t)vZeros.size(), pwrite(fd, vZeros.data(), vZeros.size(), BLOCK_AT + CACHE_BLOCK_SIZE - 4096));
+    close(fd);
+    EXPECT_EQ(CACHELOAD_OK, RequestGood());
+    EXPECT_TRUE(TargetHoldsBlock(BLOCK_AT));
 }
 
 TEST_F(CacheLoadThread, PausedFileWaitsAndStopEndsTheThreadPromptly)
