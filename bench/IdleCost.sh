@@ -2,7 +2,9 @@
 # The cost of an idle daemon and how soon it answers, in one run of the real
 # daemon in a private tree and a private IPC and mount namespace:
 #  1. idle: CPU seconds (user + system, from /proc/<pid>/stat) used with no
-#     work. Goal: under 1% of one core.
+#     work, first with no engine running, then beside an idle live engine
+#     (the stand-in with m_bService 1, answering the channel, sending
+#     nothing). Goal: under 1% of one core.
 #  2. commands the engine writes into m_bStorageCMD without posting the
 #     storage event, answered by the poll alone (talvor-peer command), against
 #     the same commands posted, which wake the thread at once (the reference,
@@ -46,12 +48,19 @@ unshare --ipc --mount --propagation private sh -c '
   echo "per thread (tid, CPU ticks in the window; threads in order of creation, the storage thread last):"
   join /tmp/idle-$$-a /tmp/idle-$$-b | sort -n | awk "{printf \"  %s %d\n\", \$1, \$3 - \$2}"
   rm -f /tmp/idle-$$-a /tmp/idle-$$-b
-  unposted=$("$1/bin/talvor-peer" command --count "$3" --code 3 --gap-us 3000)
-  posted=$("$1/bin/talvor-peer" command --count "$3" --code 3 --gap-us 3000 --post)
+  "$1/bin/talvor-peer" command --live --hold-ms $(( ($2 + 3) * 1000 )) --count 1 --code 3 >/dev/null & peer=$!
+  sleep 2
+  l0=$(ticks); sleep "$2"; l1=$(ticks)
+  wait $peer || true
+  unposted=$("$1/bin/talvor-peer" command --live --count "$3" --code 3 --gap-us 3000)
+  posted=$("$1/bin/talvor-peer" command --live --count "$3" --code 3 --gap-us 3000 --post)
   kill -TERM $pid; wait $pid || true
   awk -v a="$t0" -v b="$t1" -v hz="$hz" -v w="$2" "BEGIN {
     s = (b - a) / hz;
-    printf \"idle daemon: %.2f CPU seconds in %d s = %.3f CPU s per minute = %.3f%% of one core (goal < 1%%)\n\", s, w, s * 60 / w, s * 100 / w }"
+    printf \"idle daemon, no engine: %.2f CPU seconds in %d s = %.3f CPU s per minute = %.3f%% of one core (goal < 1%%)\n\", s, w, s * 60 / w, s * 100 / w }"
+  awk -v a="$l0" -v b="$l1" -v hz="$hz" -v w="$2" "BEGIN {
+    s = (b - a) / hz;
+    printf \"idle daemon beside an idle live engine: %.2f CPU seconds in %d s = %.3f%% of one core (goal < 1%%)\n\", s, w, s * 100 / w }"
   echo "unposted commands: $unposted"
   echo "posted commands (reference): $posted"
   echo "$unposted $posted" | awk "{

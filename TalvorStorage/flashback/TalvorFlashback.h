@@ -55,7 +55,7 @@ public:
     {
         if (m_pStorageMemFileHead) m_pStorageMemFileHead->m_nBackupTimestamp = nTimestamp;
     }
-    BYTE GetServiceState() { return m_pStorageMemFileHead ? m_pStorageMemFileHead->m_bService : 0; }
+    BYTE GetServiceState() { return m_pStorageMemFileHead ? TalvorLoadShared(&m_pStorageMemFileHead->m_bService) : 0; }
     // One standby thread more (TRUE) or less (FALSE); never below 0.
     void ChangeStandbyThread(BOOL bAdd);
 

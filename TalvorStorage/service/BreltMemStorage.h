@@ -94,6 +94,8 @@ public:
     LPSYSTEMFILEHEAD GetSystemFileHead() { return m_pMemoryFileHead; }
     CTalvorFlashback* GetFlashback() { return m_pFlashback; }
     BOOL GetExitFlag() { return m_bExit; }
+    // The engine says it runs (m_bService of the channel is 1). Any thread.
+    BOOL EngineRuns();
     const char* GetConfigPath() const { return m_cConfigPath; }
 
     // --- Fields, in the order the module has always kept them.

@@ -38,6 +38,11 @@ const int PENDING_QUICK_RETRIES = 50;
 const UINT POLL_WAIT_MS = 1;
 const long IDLE_POLL_WAIT_US = 1800;
 const int IDLE_POLLS_BEFORE_SLOWER = 1000;
+// With no engine running nobody writes a command without posting the event
+// (the engine writes them only while it runs, and a post still wakes the
+// thread at once): the idle poll may then be ten times slower. An idle
+// daemon between two runs of the engine costs next to nothing that way.
+const long ENGINE_ABSENT_POLL_WAIT_US = 20000;
 
 // A wait of nMicros on the storage event; TRUE when it was posted.
 BOOL WaitStorageEventMicros(HEVENTTYPE hEvent, long nMicros)
@@ -106,6 +111,11 @@ void* CBreltMemStorageModule::TalvorStorageThread(void* lpParam)
     TalvorRunContained(TalvorStorageThread, lpParam, &pModule->m_hTalvorStorageThread, StorageThreadBody,
                        StorageThreadCleanup, pModule);
     return nullptr;
+}
+
+BOOL CBreltMemStorageModule::EngineRuns()
+{
+    return m_pFlashback != nullptr && m_pFlashback->GetServiceState() == SERVICESTATE_RUNNING;
 }
 
 void CBreltMemStorageModule::ServeStorageCommands(LPTALVORCRITICALSECTION lpCritSection)
@@ -184,7 +194,7 @@ void CBreltMemStorageModule::ServeStorageCommands(LPTALVORCRITICALSECTION lpCrit
         if (nIdlePolls < IDLE_POLLS_BEFORE_SLOWER || bPending) {
             if (WaitForSingleObject(m_hStorageEvent, POLL_WAIT_MS) != WAIT_OBJECT_0) nIdlePolls++;
             else nIdlePolls = 0;
-        } else if (WaitStorageEventMicros(m_hStorageEvent, IDLE_POLL_WAIT_US)) {
+        } else if (WaitStorageEventMicros(m_hStorageEvent, EngineRuns() ? IDLE_POLL_WAIT_US : ENGINE_ABSENT_POLL_WAIT_US)) {
             nIdlePolls = 0;
         }
         if (lpClusterCmd != nullptr && TalvorLoadShared(&lpClusterCmd->m_bCommandType) != 0) nIdlePolls = 0;

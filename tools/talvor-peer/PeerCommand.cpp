@@ -26,6 +26,8 @@ const std::vector<OptionSpec> g_vCommandOptions = {
     {"gap-us", true, "longest random pause before a command, in microseconds (default 3000)"},
     {"timeout-ms", true, "how long one answer may take (default 2000)"},
     {"wait-ready-ms", true, "how long to wait for the daemon's readiness (default 30000)"},
+    {"live", false, "run as a live engine: m_bService 1 and the channel answered while the job runs"},
+    {"hold-ms", true, "before the commands, stay (live or not) this long doing nothing else (default 0)"},
 };
 
 // How often the engine looks for the answer: short against the latencies
@@ -66,11 +68,12 @@ std::string CommandJobUsage()
 int RunCommandJob(const std::vector<std::string>& args)
 {
     CPeerArgs opts;
-    long long nCount = 0, nCode = 0, nGapUs = 0, nTimeoutMs = 0, nWaitReady = 0;
+    long long nCount = 0, nCode = 0, nGapUs = 0, nTimeoutMs = 0, nWaitReady = 0, nHoldMs = 0;
     if (!opts.Parse(args, g_vCommandOptions) || !opts.GetInt("count", 1000, 1, 10000000, nCount) ||
         !opts.GetInt("code", 3, 2, 3, nCode) || !opts.GetInt("gap-us", 3000, 0, 10000000, nGapUs) ||
         !opts.GetInt("timeout-ms", 2000, 1, 600000, nTimeoutMs) ||
-        !opts.GetInt("wait-ready-ms", 30000, 0, 600000, nWaitReady)) {
+        !opts.GetInt("wait-ready-ms", 30000, 0, 600000, nWaitReady) ||
+        !opts.GetInt("hold-ms", 0, 0, 3600000, nHoldMs)) {
         fprintf(stderr, "talvor-peer command: %s\n%s", opts.Error().empty() ? "bad value" : opts.Error().c_str(),
                 CommandJobUsage().c_str());
         return PEER_USAGE;
@@ -81,18 +84,30 @@ int RunCommandJob(const std::vector<std::string>& args)
         return PEER_IPC;
     }
     bool bPost = opts.Has("post");
+    bool bLive = opts.Has("live");
+    if (bLive) engine.SetLive(true);
+    // A live engine answers the daemon's channel in every pause.
+    auto Pause = [&](long long nNanos) {
+        long long nEnd = NowNanos() + nNanos;
+        do {
+            if (bLive) engine.ServeChannel();
+            long long nLeft = nEnd - NowNanos();
+            SleepNanos(nLeft < POLL_NANOS ? (nLeft > 0 ? nLeft : 0) : POLL_NANOS);
+        } while (NowNanos() < nEnd);
+    };
+    if (nHoldMs > 0) Pause(nHoldMs * 1000000LL);
     std::mt19937 rng((unsigned)getpid());
     std::vector<long long> vMicros;
     vMicros.reserve((size_t)nCount);
     LPSYSTEMFILEHEAD lpHead = engine.Head();
     for (long long i = 0; i < nCount; i++) {
-        if (nGapUs > 0) SleepNanos((long long)(rng() % (unsigned)(nGapUs + 1)) * 1000LL);
+        if (nGapUs > 0) Pause((long long)(rng() % (unsigned)(nGapUs + 1)) * 1000LL);
         long long nStart = NowNanos();
         PeerFence();
         lpHead->m_bStorageCMD = (BYTE)nCode;
         if (bPost) SetEvent(engine.m_hStorage);
         long long nDeadline = nStart + nTimeoutMs * 1000000LL;
-        while (lpHead->m_bStorageCMD != STORAGECMD_FINISHED && NowNanos() < nDeadline) SleepNanos(POLL_NANOS);
+        while (lpHead->m_bStorageCMD != STORAGECMD_FINISHED && NowNanos() < nDeadline) Pause(POLL_NANOS);
         long long nEnd = NowNanos();
         if (lpHead->m_bStorageCMD != STORAGECMD_FINISHED) {
             fprintf(stderr, "talvor-peer command: no answer within %lld ms\n", nTimeoutMs);
@@ -104,6 +119,7 @@ int RunCommandJob(const std::vector<std::string>& args)
     long long nP50 = Percentile(vMicros, 0.50);
     long long nP99 = Percentile(vMicros, 0.99);
     long long nMax = vMicros.empty() ? 0 : vMicros.back();
+    if (bLive) engine.SetLive(false);
     printf("commands=%lld answered=%zu p50_us=%lld p99_us=%lld max_us=%lld\n", nCount, nAnswered, nP50, nP99, nMax);
     return (long long)nAnswered == nCount ? PEER_OK : PEER_TIMEOUT;
 }
