@@ -5,6 +5,7 @@
 // the file's bytes read past every layer.
 #include "CacheFixture.h"
 #include "FaultFileIO.h"
+#include "TalvorCachePreloadReader.h"
 #include "TalvorFileIO.h"
 #include "TalvorFileStorage.h"
 #include "TempTree.h"
@@ -568,6 +569,88 @@ TEST_F(CachePreload, ManyPiecesOfBothKindsLandWholeAndInTheOrderOfTheFiles)
     EXPECT_TRUE(ChainHolds(vWant));
     EXPECT_EQ(m_llFileSize, idx.llLoadSize);
     EXPECT_EQ(m_llFileSize, tab.llLoadSize);
+}
+
+// The reader on its own: what it read and traced reaches the caller only
+// through Wait and Surface, a forgotten read leaves no line, and a reader
+// that ended on the daemon's stop leaves its reads to the caller.
+TEST_F(CachePreload, TheReaderHandsOverItsLinesOnlyWhenTheReadIsTaken)
+{
+    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
+    int nThreads = ThreadCount();
+    volatile BYTE bExit = 0;
+    CPreloadReader* r = CPreloadReader::Start(idx.pStorage, &bExit);
+    ASSERT_NE(nullptr, r);
+    LPBYTE lpBuf = (LPBYTE)CTalvorCacheStorage::get_aligned_buffer((size_t)P);
+    ASSERT_NE(nullptr, lpBuf);
+    pid_t nMe = (pid_t)syscall(SYS_gettid);
+    talvortest::FaultFileIO io;
+    {
+        WatchLines watch(m_pCache.get());
+        talvortest::ScopedFileIO scoped(&io);
+        io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);
+        ASSERT_TRUE(r->Ask(idx.vOffsets[1], lpBuf, P));
+        EXPECT_FALSE(r->Ask(idx.vOffsets[2], lpBuf, P)) << "a second read was taken while one is in hand";
+        EXPECT_EQ(1, r->Wait(nullptr));
+        EXPECT_TRUE(watch.Of(READ_FAILED_CODE).empty()) << "the reader wrote its line itself";
+        r->Surface();
+        std::vector<FailureLine> v = watch.Of(READ_FAILED_CODE);
+        ASSERT_EQ(1u, v.size());
+        EXPECT_EQ(nMe, v[0].nThread);
+        // A failed read forgotten leaves nothing.
+        io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);
+        ASSERT_TRUE(r->Ask(idx.vOffsets[1], lpBuf, P));
+        r->Forget();
+        EXPECT_EQ(1u, watch.Of(READ_FAILED_CODE).size());
+        EXPECT_EQ(PRELOADREAD_NONE, r->State());
+        // And a good read gives the file's bytes.
+        ASSERT_TRUE(r->Ask(idx.vOffsets[1], lpBuf, P));
+        EXPECT_EQ(0, r->Wait(nullptr));
+        r->Surface();
+        EXPECT_EQ(0, memcmp(Read(idx, idx.vOffsets[1], P).data(), lpBuf, (size_t)P));
+        // Stopped with a read in hand: the read ends first, without a line.
+        io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);
+        ASSERT_TRUE(r->Ask(idx.vOffsets[1], lpBuf, P));
+        EXPECT_TRUE(CPreloadReader::Stop(r));
+        EXPECT_EQ(1u, watch.Of(READ_FAILED_CODE).size());
+    }
+    EXPECT_EQ(nThreads, ThreadCount());
+    free(lpBuf);
+}
+
+TEST_F(CachePreload, AReaderEndedByTheStopLeavesItsReadsToTheCaller)
+{
+    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
+    int nThreads = ThreadCount();
+    volatile BYTE bExit = 0;
+    CPreloadReader* r = CPreloadReader::Start(idx.pStorage, &bExit);
+    ASSERT_NE(nullptr, r);
+    bExit = 1;
+    // The idle reader sees the stop within a slice and ends on its own.
+    for (int i = 0; i < 50 && ThreadCount() != nThreads; i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(PRELOAD_READER_SLICE_MS));
+    EXPECT_EQ(nThreads, ThreadCount());
+    LPBYTE lpBuf = (LPBYTE)CTalvorCacheStorage::get_aligned_buffer((size_t)P);
+    ASSERT_NE(nullptr, lpBuf);
+    talvortest::FaultFileIO io;
+    {
+        WatchLines watch(m_pCache.get());
+        talvortest::ScopedFileIO scoped(&io);
+        ASSERT_TRUE(r->Ask(idx.vOffsets[2], lpBuf, P));
+        EXPECT_EQ(0, r->Wait(nullptr));
+        r->Surface();
+        EXPECT_EQ(0, memcmp(Read(idx, idx.vOffsets[2], P).data(), lpBuf, (size_t)P));
+        EXPECT_EQ(1, io.Calls(talvortest::FileOp::PRead)) << "the read was made twice, or not at all";
+        // Its failure is the caller's too, with its line at the Surface.
+        io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);
+        ASSERT_TRUE(r->Ask(idx.vOffsets[2], lpBuf, P));
+        EXPECT_EQ(1, r->Wait(nullptr));
+        EXPECT_TRUE(watch.Of(READ_FAILED_CODE).empty());
+        r->Surface();
+        EXPECT_EQ(1u, watch.Of(READ_FAILED_CODE).size());
+    }
+    EXPECT_TRUE(CPreloadReader::Stop(r));
+    free(lpBuf);
 }
 
 } // namespace
