@@ -353,7 +353,8 @@ int SweepFileAhead(LPTALVORCRITICALSECTION lpCritSection, Sweep& s, MapCursor& c
         long long llEnd = llPos + nLen;
         if (llEnd < llStop) {
             long long llAhead = llStop - llEnd;
-            a.m_pReader->Ask(llEnd, a.m_arBuf[1 - a.m_nCur], llAhead < CACHE_PRELOAD_PIECE ? (int)llAhead : CACHE_PRELOAD_PIECE);
+            int nAhead = llAhead < CACHE_PRELOAD_PIECE ? (int)llAhead : CACHE_PRELOAD_PIECE;
+            a.m_pReader->Ask(llEnd, a.m_arBuf[1 - a.m_nCur], nAhead);
         }
         s.m_lpBuffer = lpPiece;
         long long llNext = llPos;

@@ -18,6 +18,8 @@
 
 // How long one wait of either side lasts before it looks again, in ms.
 inline constexpr UINT PRELOAD_READER_SLICE_MS = 100;
+// How long Stop waits for the thread to end once it holds no read, in ms.
+inline constexpr UINT PRELOAD_READER_JOIN_MS = 10000;
 // Lines one read may hold back; any beyond pass straight on to the sink.
 inline constexpr int PRELOAD_HELD_LINES = 4;
 inline constexpr int PRELOAD_HELD_FUNC = 64;
@@ -98,7 +100,3 @@ private:
     int m_nHeld = 0;
     PreloadHeldLine m_arHeld[PRELOAD_HELD_LINES];
 };
-
-// How long Stop waits for the reader to end, in ms: the read in hand of a
-// very slow device may need this long.
-inline constexpr UINT PRELOAD_READER_JOIN_MS = 600000;
