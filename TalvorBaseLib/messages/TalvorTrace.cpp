@@ -11,6 +11,8 @@ int g_nLanguage_Chinese = 1;
 namespace {
 
 LPTALVORTRACESINK g_pTraceSink = nullptr;
+thread_local LPTALVORTRACEHOLD t_pTraceHold = nullptr;
+thread_local void* t_pTraceHoldContext = nullptr;
 
 // Without a log service a line still reaches a person: one write per line,
 // so lines of different threads do not interleave.
@@ -37,8 +39,18 @@ void Trace(LPCTSTR szFuncationName, LONG lLogLevel, LONG lLogErrorCode, const ch
     Trace0(szFuncationName, lLogLevel, lLogErrorCode, szText);
 }
 
+void TraceHoldThisThread(LPTALVORTRACEHOLD pHold, void* pContext)
+{
+    t_pTraceHold = pHold;
+    t_pTraceHoldContext = pContext;
+}
+
 void Trace0(LPCTSTR szFuncationName, LONG lLogLevel, LONG lLogErrorCode, LPCTSTR szLog)
 {
+    if (t_pTraceHold != nullptr) {
+        t_pTraceHold(t_pTraceHoldContext, szFuncationName, lLogLevel, lLogErrorCode, szLog);
+        return;
+    }
     LPTALVORTRACESINK pSink = __atomic_load_n(&g_pTraceSink, __ATOMIC_ACQUIRE);
     if (pSink == nullptr) pSink = StandardErrorSink;
     pSink(szFuncationName, lLogLevel, lLogErrorCode, szLog);

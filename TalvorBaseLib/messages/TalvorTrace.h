@@ -36,3 +36,14 @@ typedef void (*LPTALVORTRACESINK)(LPCTSTR szFuncationName, LONG lLogLevel, LONG 
 // that was in force. Any thread; a line being written meanwhile reaches one
 // of the two.
 LPTALVORTRACESINK TraceInstallSink(LPTALVORTRACESINK pSink);
+
+// Where the lines of one thread are held instead of written: a thread that
+// reads ahead for another hands its lines over with what it read, so that
+// they appear on the other's side when, and only if, that result is used.
+typedef void (*LPTALVORTRACEHOLD)(void* pContext, LPCTSTR szFuncationName, LONG lLogLevel, LONG lLogErrorCode,
+                                  LPCTSTR szLog);
+
+// From now on the calling thread's lines go to pHold with pContext instead
+// of the sink in force; a null pHold ends the hold. Calling thread only; it
+// does not touch the lines of any other thread.
+void TraceHoldThisThread(LPTALVORTRACEHOLD pHold, void* pContext);

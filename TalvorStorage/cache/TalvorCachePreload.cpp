@@ -4,6 +4,11 @@
 // walked alongside. Blocks land on the free chain at the object's cursor;
 // the head's own free number is left alone, so the engine finds them there.
 //
+// With a second buffer the next piece is read by a reader thread while the
+// blocks of the current one are copied (TalvorCachePreloadReader.h); the
+// pieces, the blocks taken, their order, the progress and the failures are
+// those of the sweep on its own, which is what runs without that buffer.
+//
 // The map and the file are another process's work and may be damaged:
 // every map block is bounded to the block area and checked for its mark,
 // every entry count to the map's capacity, every size to a cache block,
@@ -12,6 +17,7 @@
 #include "TalvorCacheStorage.h"
 
 #include "TalvorCacheFlush.h"
+#include "TalvorCachePreloadReader.h"
 
 #include "TalvorFileStorage.h"
 #include "TalvorTrace.h"
@@ -31,6 +37,11 @@ const BYTE NODE_UPPER_LAST = 5;
 const BYTE NODE_LIMIT = 6;
 const int FULL_INDEX_DIVISOR = 100;
 const char LOAD_FAILED_TITLE[] = "Load failed!";
+// Room in front of each read buffer: the part of a page that ran over the
+// end of a piece is carried there, before the next piece read ahead. Such a
+// part is shorter than a page (a larger block would run over a cache block).
+const int PIECE_SLACK = CACHE_BLOCK_SIZE;
+const long long DIRECT_ALIGN = 512;
 
 enum : int { LOADTYPE_UPPER = 0, LOADTYPE_SOME_LEAVES = 1, LOADTYPE_ALL = 2 };
 // Results of one file's sweep.
@@ -233,8 +244,9 @@ int ScanPiece(Sweep& s, MapCursor& c, long long llFrom, int nLen, long long& llN
 
 void ShowLoad(LPFILEINFO pFileInfo, long long llSize) { TalvorSetLoadSize(pFileInfo, llSize); }
 
-// One file from 32768 up to its free offset (bounded by its size).
-int SweepFile(LPTALVORCRITICALSECTION lpCritSection, Sweep& s, MapCursor& c)
+// One file from 32768 up to its free offset (bounded by its size), each
+// piece read on this thread.
+int SweepFileAlone(LPTALVORCRITICALSECTION lpCritSection, Sweep& s, MapCursor& c)
 {
     long long llStop = s.m_lpHead->m_nFileFreeMemoryOffset;
     if (llStop > s.m_pFileInfo->m_liFileSize) llStop = s.m_pFileInfo->m_liFileSize;
@@ -251,6 +263,124 @@ int SweepFile(LPTALVORCRITICALSECTION lpCritSection, Sweep& s, MapCursor& c)
         ShowLoad(s.m_pFileInfo, llPos);
     }
     return c.m_bBroken ? SWEEP_FAILED : SWEEP_DONE;
+}
+
+// The two buffers of a sweep with a reader: the piece being scanned lies in
+// one of them, the read ahead goes into the other. Each pointer stands
+// PIECE_SLACK bytes into its allocation.
+struct Ahead {
+    CPreloadReader* m_pReader;
+    LPBYTE m_arBuf[2];
+    int m_nCur;  // the buffer of the piece being scanned
+};
+
+// The piece just scanned, whose last bytes the next piece may start with.
+struct Previous {
+    LPBYTE m_lpPiece;
+    long long m_llFrom;
+    long long m_llEnd;
+};
+
+// The read ahead began where the previous piece ended; the next piece
+// starts a little before that, in bytes the previous piece holds. The read
+// is used with those bytes put in front of it when nothing about its place
+// can make it differ from the read of the whole piece: the carried part
+// fits the room in front and keeps the 512-byte grid a direct read needs.
+BOOL CanCarry(const CPreloadReader* r, const Previous& prev, long long llPos, int nLen)
+{
+    long long llTail = r->AskedPos() - llPos;
+    return prev.m_lpPiece != nullptr && r->AskedPos() == prev.m_llEnd && llTail > 0 && llTail <= PIECE_SLACK &&
+                   llTail % DIRECT_ALIGN == 0 && llPos >= prev.m_llFrom &&
+                   r->AskedPos() + r->AskedLen() >= llPos + nLen
+               ? TRUE
+               : FALSE;
+}
+
+// Brings the piece [llPos, llPos + nLen) into a buffer: the read ahead when
+// it is this very read, or carries on from the previous piece; else the
+// read of the whole piece, made now. 0 with lpPiece; 1 when the read failed,
+// its lines written here, where the sweep alone would have written them.
+int TakePiece(LPTALVORCRITICALSECTION lpCritSection, Ahead& a, const Previous& prev, long long llPos, int nLen,
+              LPBYTE& lpPiece)
+{
+    CPreloadReader* r = a.m_pReader;
+    int nFree = 1 - a.m_nCur;
+    a.m_nCur = nFree;
+    if (r->State() != PRELOADREAD_NONE) {
+        if (r->AskedPos() == llPos && r->AskedLen() == nLen) {
+            int nResult = r->Wait(lpCritSection);
+            r->Surface();
+            lpPiece = a.m_arBuf[nFree];
+            return nResult;
+        }
+        if (CanCarry(r, prev, llPos, nLen)) {
+            // The read covers every byte of the piece past the carried part,
+            // which the previous read brought whole: its failure is the
+            // failure the read of the whole piece would have met.
+            int nTail = (int)(r->AskedPos() - llPos);
+            int nResult = r->Wait(lpCritSection);
+            r->Surface();
+            if (nResult != 0) return nResult;
+            lpPiece = a.m_arBuf[nFree] - nTail;
+            memcpy(lpPiece, prev.m_lpPiece + (llPos - prev.m_llFrom), (size_t)nTail);
+            return 0;
+        }
+        // Not the read the piece needs: forgotten with its lines.
+        r->Forget();
+    }
+    r->Ask(llPos, a.m_arBuf[nFree], nLen);
+    int nResult = r->Wait(lpCritSection);
+    r->Surface();
+    lpPiece = a.m_arBuf[nFree];
+    return nResult;
+}
+
+// The same sweep as SweepFileAlone, the next piece read while this one is
+// scanned. The read ahead is not waited for on any way out; the caller
+// stops the reader, which forgets it.
+int SweepFileAhead(LPTALVORCRITICALSECTION lpCritSection, Sweep& s, MapCursor& c, Ahead& a)
+{
+    long long llStop = s.m_lpHead->m_nFileFreeMemoryOffset;
+    if (llStop > s.m_pFileInfo->m_liFileSize) llStop = s.m_pFileInfo->m_liFileSize;
+    long long llPos = CACHE_PRELOAD_FROM;
+    Previous prev = {nullptr, 0, 0};
+    Settle(c, s.m_lpHead->m_nBlockNum);
+    while (llPos < llStop && !c.m_bEnd && !c.m_bBroken) {
+        long long llLeft = llStop - llPos;
+        int nLen = llLeft < CACHE_PRELOAD_PIECE ? (int)llLeft : CACHE_PRELOAD_PIECE;
+        LPBYTE lpPiece = nullptr;
+        if (TakePiece(lpCritSection, a, prev, llPos, nLen, lpPiece) != 0) return SWEEP_FAILED;
+        long long llEnd = llPos + nLen;
+        if (llEnd < llStop) {
+            long long llAhead = llStop - llEnd;
+            int nAhead = llAhead < CACHE_PRELOAD_PIECE ? (int)llAhead : CACHE_PRELOAD_PIECE;
+            a.m_pReader->Ask(llEnd, a.m_arBuf[1 - a.m_nCur], nAhead);
+        }
+        s.m_lpBuffer = lpPiece;
+        long long llNext = llPos;
+        if (ScanPiece(s, c, llPos, nLen, llNext) == SWEEP_FULL) return SWEEP_FULL;
+        prev = {lpPiece, llPos, llEnd};
+        llPos = llNext;
+        ShowLoad(s.m_pFileInfo, llPos);
+    }
+    return c.m_bBroken ? SWEEP_FAILED : SWEEP_DONE;
+}
+
+// One file's sweep: with a reader when there is a second buffer and the
+// reader starts, else alone. The reader ends and is joined before this
+// returns, whatever the sweep gave.
+int SweepFile(LPTALVORCRITICALSECTION lpCritSection, Sweep& s, MapCursor& c, LPBYTE lpSecond,
+              volatile BYTE* pExit)
+{
+    LPBYTE lpFirst = s.m_lpBuffer;
+    CPreloadReader* pReader =
+        lpSecond != nullptr ? CPreloadReader::Start(s.m_pFileInfo->m_pStorageFile, pExit) : nullptr;
+    if (pReader == nullptr) return SweepFileAlone(lpCritSection, s, c);
+    Ahead a = {pReader, {lpFirst, lpSecond + PIECE_SLACK}, 1};
+    int nResult = SweepFileAhead(lpCritSection, s, c, a);
+    CPreloadReader::Stop(pReader);
+    s.m_lpBuffer = lpFirst;
+    return nResult;
 }
 
 } // namespace
@@ -389,8 +519,10 @@ HRESULT CTalvorCacheStorage::InitCacheHead(LPTALVORCRITICALSECTION lpCritSection
         nLoadType = LOADTYPE_SOME_LEAVES;
     long long llLeaves = nRoom - llMetaSize - nUsed - (llTotalIndexSize - llMetaSize) / FULL_INDEX_DIVISOR;
     m_nFreeNo = (UINT)m_pCacheBufferHead->m_nFreeNo;
-    LPBYTE lpBuffer = (LPBYTE)get_aligned_buffer((size_t)CACHE_PRELOAD_PIECE + 4);
+    LPBYTE lpBuffer = (LPBYTE)get_aligned_buffer((size_t)PIECE_SLACK + CACHE_PRELOAD_PIECE + 4);
     if (lpBuffer == nullptr) return FailPreload(nullptr, E_FAIL);
+    // The reader's buffer; without it every piece is read on this thread.
+    LPBYTE lpSecond = (LPBYTE)get_aligned_buffer((size_t)PIECE_SLACK + CACHE_PRELOAD_PIECE + 4);
     for (int i = 0; i < nFiles; i++)
         if (arFiles[i]->m_bFileType == (char)FILETYPE_TABLE) ShowLoad(arFiles[i], arFiles[i]->m_liFileSize);
     BOOL bFull = FALSE;
@@ -401,16 +533,20 @@ HRESULT CTalvorCacheStorage::InitCacheHead(LPTALVORCRITICALSECTION lpCritSection
             LPFILEINFO p = arFiles[i];
             if ((p->m_bFileType == (char)FILETYPE_TABLE) != bTable) continue;
             LPTABLEFILEHEAD h = CachedFileHead(p->m_bFileNo);
-            Sweep s = {this, p, h, lpBuffer, bTable, nLoadType, llLeaves, 0, FALSE};
+            Sweep s = {this, p, h, lpBuffer + PIECE_SLACK, bTable, nLoadType, llLeaves, 0, FALSE};
             MapCursor c = StartCursor(this, p, h, arMap[i]);
-            int nResult = SweepFile(lpCritSection, s, c);
-            if (nResult == SWEEP_FAILED) return FailPreload(lpBuffer, E_FAIL);
+            int nResult = SweepFile(lpCritSection, s, c, lpSecond, &m_bExit);
+            if (nResult == SWEEP_FAILED) {
+                free(lpSecond);
+                return FailPreload(lpBuffer, E_FAIL);
+            }
             bFull = nResult == SWEEP_FULL;
             ShowLoad(p, p->m_liFileSize);
         }
     }
     // A full cache shows every index file as loaded: nothing more comes.
     for (int i = 0; i < nFiles && bFull; i++) ShowLoad(arFiles[i], arFiles[i]->m_liFileSize);
+    free(lpSecond);
     free(lpBuffer);
     m_pCacheBufferHead->m_bStatus = CACHESTATUS_READY;
     return S_OK;

@@ -116,7 +116,11 @@ public:
     // when an index file's first map block cannot be found in the cache
     // (head without / with a next page); E_FAIL on a bad head size, a broken
     // map chain or a failed read. The head's m_bStatus ends 0, or 255 on a
-    // failure. Main thread, no latch held, before the engine runs.
+    // failure. Each file's next piece is read by a reader thread of the
+    // sweep while the current one is copied (TalvorCachePreloadReader.h);
+    // the reader never touches the cache and is joined before the sweep
+    // ends, and without its buffer or thread the sweep reads on its own.
+    // Main thread, no latch held, before the engine runs.
     HRESULT InitCacheHead(LPTALVORCRITICALSECTION lpCritSection);
     // At a stop with the engine lost (TalvorCacheFlushLast.cpp): writes
     // every block marked dirty in the cache to its place in its file (by

@@ -5,12 +5,19 @@
 // the file's bytes read past every layer.
 #include "CacheFixture.h"
 #include "FaultFileIO.h"
+#include "TalvorCachePreloadReader.h"
 #include "TalvorFileIO.h"
 #include "TalvorFileStorage.h"
 #include "TempTree.h"
 
+#include <atomic>
+#include <chrono>
+#include <dirent.h>
 #include <fcntl.h>
+#include <future>
 #include <random>
+#include <sys/syscall.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace cachetest;
@@ -356,6 +363,294 @@ TEST_F(CachePreload, AReadErrorOrABrokenMapFailsTheLoad)
     EXPECT_EQ(E_FAIL, m_pCache->InitCacheHead(nullptr));
     EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
     EXPECT_TRUE(Traced(60010002, "the MAP is lost, the file number is: 11"));
+}
+
+// ---- The read ahead: the next piece is read on a reader thread while the
+// blocks of the current one are copied. Whatever it does, the cache, the
+// result, the lines and the progress are those of a sweep that reads each
+// piece only when it gets to it.
+
+// Threads of this process now.
+int ThreadCount()
+{
+    int n = 0;
+    DIR* d = opendir("/proc/self/task");
+    if (d == nullptr) return -1;
+    while (struct dirent* e = readdir(d))
+        if (e->d_name[0] != '.') n++;
+    closedir(d);
+    return n;
+}
+
+// A read-failure line as the sink saw it: on which thread, and how many
+// blocks the preload had copied by then.
+struct FailureLine {
+    long nCode;
+    pid_t nThread;
+    UINT nCursor;
+};
+std::mutex g_failLock;
+std::vector<FailureLine> g_vFailLines;
+CTalvorCacheStorage* g_pWatched = nullptr;
+
+void WatchingSink(LPCTSTR, LONG, LONG lCode, LPCTSTR)
+{
+    std::lock_guard<std::mutex> g(g_failLock);
+    g_vFailLines.push_back({lCode, (pid_t)syscall(SYS_gettid), g_pWatched != nullptr ? g_pWatched->m_nFreeNo : 0});
+}
+
+// Installs WatchingSink for one scope.
+struct WatchLines {
+    explicit WatchLines(CTalvorCacheStorage* pCache)
+    {
+        g_vFailLines.clear();
+        g_pWatched = pCache;
+        m_pOld = TraceInstallSink(&WatchingSink);
+    }
+    ~WatchLines()
+    {
+        TraceInstallSink(m_pOld);
+        g_pWatched = nullptr;
+    }
+    std::vector<FailureLine> Of(long nCode)
+    {
+        std::lock_guard<std::mutex> g(g_failLock);
+        std::vector<FailureLine> v;
+        for (const FailureLine& l : g_vFailLines)
+            if (l.nCode == nCode) v.push_back(l);
+        return v;
+    }
+    LPTALVORTRACESINK m_pOld;
+};
+
+const long READ_FAILED_CODE = 80003010;
+const long long PIECE_END = CACHE_PRELOAD_FROM + CACHE_PRELOAD_PIECE;
+
+// nBlocks blocks of 16384 bytes (fewer than the map holds: a full map
+// block would need a next one) of node bNode; with bShifted a half-size
+// block first, so that a page runs over the end of the first piece and the
+// next piece starts with its part carried from the first.
+std::vector<BlockShape> TwoPieces(int nBlocks, BYTE bNode, bool bShifted)
+{
+    std::vector<BlockShape> v;
+    if (bShifted) v.push_back({bNode, H, 1});
+    for (int i = 0; i < nBlocks; i++) v.push_back({bNode, P, 1});
+    return v;
+}
+
+// Blocks that lie whole inside the first piece.
+int BlocksInFirstPiece(const TestFile& f)
+{
+    int n = 0;
+    while (n < (int)f.vOffsets.size() && f.vOffsets[(size_t)n] + f.vBlocks[(size_t)n].nSize <= PIECE_END) n++;
+    return n;
+}
+
+TEST_F(CachePreload, AFailedReadOfTheSecondPieceSurfacesAfterTheFirstIsCopiedAndNothingFollows)
+{
+    for (bool bShifted : {false, true}) {
+        SCOPED_TRACE(bShifted ? "the second piece starts with a carried part" : "pieces on block bounds");
+        TearDown();
+        SetUp();
+        m_llFileSize = 12LL * 1048576;
+        TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, TwoPieces(590, 2, bShifted));
+        TALVORPROGRESS stProgress;
+        memset(&stProgress, 0, sizeof(stProgress));
+        m_pCache->m_pLoadProgress = &stProgress;
+        std::vector<UINT> vChain = Chain((UINT)Head()->m_nFreeNo);
+        int nFirst = BlocksInFirstPiece(idx);
+        ASSERT_GT((int)vChain.size(), (int)idx.vBlocks.size());
+        talvortest::FaultFileIO io;
+        HRESULT hr;
+        std::vector<FailureLine> vLines;
+        pid_t nMe = (pid_t)syscall(SYS_gettid);
+        {
+            WatchLines watch(m_pCache.get());
+            talvortest::ScopedFileIO scoped(&io);
+            // Every try of the second piece's read fails.
+            io.FailCall(talvortest::FileOp::PRead, 2, EIO, FILESTORE_IO_TRIES);
+            hr = m_pCache->InitCacheHead(nullptr);
+            vLines = watch.Of(READ_FAILED_CODE);
+        }
+        EXPECT_EQ(E_FAIL, hr);
+        EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
+        EXPECT_STREQ("Load failed!", stProgress.m_lpTitle);
+        // Exactly the blocks of the first piece, in order, and not one more.
+        std::vector<std::pair<TestFile*, int>> vWant;
+        for (int b = 0; b < nFirst; b++) vWant.push_back({&idx, b});
+        EXPECT_TRUE(ChainHolds(vWant));
+        // One line, written by the start-up thread once every block of the
+        // first piece was in the cache: where the sweep alone reports it.
+        ASSERT_EQ(1u, vLines.size());
+        EXPECT_EQ(nMe, vLines[0].nThread) << "the failure was written by the reader, not where the load reads";
+        EXPECT_EQ(vChain[(size_t)nFirst], vLines[0].nCursor) << "the failure was written before the first piece was copied";
+        // Progress stands at the second piece's start, as it was shown last.
+        EXPECT_LT(idx.llLoadSize, PIECE_END + 1);
+        EXPECT_GT(idx.llLoadSize, PIECE_END - P);
+    }
+}
+
+TEST_F(CachePreload, ACacheFullInTheFirstPieceEndsTheReaderWithItsReadAndWithoutItsLines)
+{
+    for (bool bFails : {false, true}) {
+        SCOPED_TRACE(bFails ? "the read ahead fails" : "the read ahead goes well");
+        TearDown();
+        SetUp();
+        m_llFileSize = 12LL * 1048576;
+        TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, TwoPieces(590, 2, false));
+        TestFile& tab = AddFile(TABLE_NO, FILETYPE_TABLE, {{0, P, 1}});
+        CutFreeChain(10);
+        int nThreads = ThreadCount();
+        talvortest::FaultFileIO io;
+        // The read of the second piece is slow: the cache fills while it
+        // runs, and the stop must wait for it rather than leave it behind.
+        std::atomic<bool> bSecondEnded{false};
+        io.OnCall(talvortest::FileOp::PRead, [](const talvortest::FileCall& c) {
+            if (c.m_nOffset >= PIECE_END) std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        });
+        io.AfterCall(talvortest::FileOp::PRead, [&](const talvortest::FileCall& c) {
+            if (c.m_nOffset >= PIECE_END) bSecondEnded = true;
+        });
+        if (bFails) io.FailCall(talvortest::FileOp::PRead, 2, EIO, FILESTORE_IO_TRIES);
+        HRESULT hr;
+        std::vector<FailureLine> vLines;
+        {
+            WatchLines watch(m_pCache.get());
+            talvortest::ScopedFileIO scoped(&io);
+            hr = m_pCache->InitCacheHead(nullptr);
+            vLines = watch.Of(READ_FAILED_CODE);
+            // The reader is joined before the preload returns: its read
+            // ended and no thread of it is left.
+            EXPECT_TRUE(!bSecondEnded == (io.Calls(talvortest::FileOp::PRead) < 2))
+                << "a read ahead was still running when the preload returned";
+            io.OnCall(talvortest::FileOp::PRead, nullptr);
+            io.AfterCall(talvortest::FileOp::PRead, nullptr);
+        }
+        EXPECT_EQ(nThreads, ThreadCount()) << "a reader thread outlived the preload";
+        EXPECT_EQ(S_OK, hr);
+        EXPECT_EQ(CACHESTATUS_READY, Val(Head()->m_bStatus));
+        EXPECT_EQ(0u, m_pCache->m_nFreeNo);
+        EXPECT_TRUE(vLines.empty()) << "a read the load never needed was reported";
+        EXPECT_TRUE(ChainHolds(Blocks(idx, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9})));
+        EXPECT_EQ(m_llFileSize, idx.llLoadSize);
+        EXPECT_EQ(m_llFileSize, tab.llLoadSize);
+        // No latch of the backend was left taken: a read from another
+        // thread goes through it at once.
+        std::vector<BYTE> vRead((size_t)P);
+        auto fut = std::async(std::launch::async, [&] {
+            TALVORCRITICALSECTION stCrit;
+            InitThreadCritSection(&stCrit);
+            return idx.pStorage->ReadBlock(&stCrit, PIECE_END, vRead.data(), P);
+        });
+        ASSERT_EQ(std::future_status::ready, fut.wait_for(std::chrono::seconds(5))) << "the backend's latch is held";
+        EXPECT_EQ(0, fut.get());
+        EXPECT_TRUE(Read(idx, PIECE_END, P) == vRead);
+    }
+}
+
+TEST_F(CachePreload, ManyPiecesOfBothKindsLandWholeAndInTheOrderOfTheFiles)
+{
+    // Both files span two pieces; the half-size first blocks shift every
+    // later one, so each second piece starts with a part carried over. The
+    // table's half-size block is not loaded.
+    m_llFileSize = 12LL * 1048576;
+    std::vector<BlockShape> vIndex = {{1, H, 1}};
+    for (int i = 0; i < 580; i++) vIndex.push_back({(BYTE)(i % 4 == 0 ? 2 : 1), i % 7 == 0 ? H : P, 1});
+    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, vIndex);
+    TestFile& tab = AddFile(TABLE_NO, FILETYPE_TABLE, TwoPieces(580, 0, true));
+    ASSERT_GT(idx.vOffsets.back(), PIECE_END);
+    ASSERT_GT(tab.vOffsets.back(), PIECE_END);
+    int nThreads = ThreadCount();
+    EXPECT_EQ(S_OK, m_pCache->InitCacheHead(nullptr));
+    EXPECT_EQ(nThreads, ThreadCount());
+    std::vector<std::pair<TestFile*, int>> vWant;
+    for (int b = 0; b < (int)vIndex.size(); b++) vWant.push_back({&idx, b});
+    for (int b = 1; b < (int)tab.vBlocks.size(); b++) vWant.push_back({&tab, b});
+    EXPECT_TRUE(ChainHolds(vWant));
+    EXPECT_EQ(m_llFileSize, idx.llLoadSize);
+    EXPECT_EQ(m_llFileSize, tab.llLoadSize);
+}
+
+// The reader on its own: what it read and traced reaches the caller only
+// through Wait and Surface, a forgotten read leaves no line, and a reader
+// that ended on the daemon's stop leaves its reads to the caller.
+TEST_F(CachePreload, TheReaderHandsOverItsLinesOnlyWhenTheReadIsTaken)
+{
+    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
+    int nThreads = ThreadCount();
+    volatile BYTE bExit = 0;
+    CPreloadReader* r = CPreloadReader::Start(idx.pStorage, &bExit);
+    ASSERT_NE(nullptr, r);
+    LPBYTE lpBuf = (LPBYTE)CTalvorCacheStorage::get_aligned_buffer((size_t)P);
+    ASSERT_NE(nullptr, lpBuf);
+    pid_t nMe = (pid_t)syscall(SYS_gettid);
+    talvortest::FaultFileIO io;
+    {
+        WatchLines watch(m_pCache.get());
+        talvortest::ScopedFileIO scoped(&io);
+        io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);
+        ASSERT_TRUE(r->Ask(idx.vOffsets[1], lpBuf, P));
+        EXPECT_FALSE(r->Ask(idx.vOffsets[2], lpBuf, P)) << "a second read was taken while one is in hand";
+        EXPECT_EQ(1, r->Wait(nullptr));
+        EXPECT_TRUE(watch.Of(READ_FAILED_CODE).empty()) << "the reader wrote its line itself";
+        r->Surface();
+        std::vector<FailureLine> v = watch.Of(READ_FAILED_CODE);
+        ASSERT_EQ(1u, v.size());
+        EXPECT_EQ(nMe, v[0].nThread);
+        // A failed read forgotten leaves nothing.
+        io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);
+        ASSERT_TRUE(r->Ask(idx.vOffsets[1], lpBuf, P));
+        r->Forget();
+        EXPECT_EQ(1u, watch.Of(READ_FAILED_CODE).size());
+        EXPECT_EQ(PRELOADREAD_NONE, r->State());
+        // And a good read gives the file's bytes.
+        ASSERT_TRUE(r->Ask(idx.vOffsets[1], lpBuf, P));
+        EXPECT_EQ(0, r->Wait(nullptr));
+        r->Surface();
+        EXPECT_EQ(0, memcmp(Read(idx, idx.vOffsets[1], P).data(), lpBuf, (size_t)P));
+        // Stopped with a read in hand: the read ends first, without a line.
+        io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);
+        ASSERT_TRUE(r->Ask(idx.vOffsets[1], lpBuf, P));
+        EXPECT_TRUE(CPreloadReader::Stop(r));
+        EXPECT_EQ(1u, watch.Of(READ_FAILED_CODE).size());
+    }
+    EXPECT_EQ(nThreads, ThreadCount());
+    free(lpBuf);
+}
+
+TEST_F(CachePreload, AReaderEndedByTheStopLeavesItsReadsToTheCaller)
+{
+    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
+    int nThreads = ThreadCount();
+    volatile BYTE bExit = 0;
+    CPreloadReader* r = CPreloadReader::Start(idx.pStorage, &bExit);
+    ASSERT_NE(nullptr, r);
+    bExit = 1;
+    // The idle reader sees the stop within a slice and ends on its own.
+    for (int i = 0; i < 50 && ThreadCount() != nThreads; i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(PRELOAD_READER_SLICE_MS));
+    EXPECT_EQ(nThreads, ThreadCount());
+    LPBYTE lpBuf = (LPBYTE)CTalvorCacheStorage::get_aligned_buffer((size_t)P);
+    ASSERT_NE(nullptr, lpBuf);
+    talvortest::FaultFileIO io;
+    {
+        WatchLines watch(m_pCache.get());
+        talvortest::ScopedFileIO scoped(&io);
+        ASSERT_TRUE(r->Ask(idx.vOffsets[2], lpBuf, P));
+        EXPECT_EQ(0, r->Wait(nullptr));
+        r->Surface();
+        EXPECT_EQ(0, memcmp(Read(idx, idx.vOffsets[2], P).data(), lpBuf, (size_t)P));
+        EXPECT_EQ(1, io.Calls(talvortest::FileOp::PRead)) << "the read was made twice, or not at all";
+        // Its failure is the caller's too, with its line at the Surface.
+        io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);
+        ASSERT_TRUE(r->Ask(idx.vOffsets[2], lpBuf, P));
+        EXPECT_EQ(1, r->Wait(nullptr));
+        EXPECT_TRUE(watch.Of(READ_FAILED_CODE).empty());
+        r->Surface();
+        EXPECT_EQ(1u, watch.Of(READ_FAILED_CODE).size());
+    }
+    EXPECT_TRUE(CPreloadReader::Stop(r));
+    free(lpBuf);
 }
 
 } // namespace
