@@ -298,6 +298,7 @@ int PostFault(CacheJob& job, PeerCacheFile& file)
         return PEER_TIMEOUT;
     int nResult = job.cache.WaitEntry(post, (int)job.nWaitMs, ServeIdle, &job);
     LPBLOCKHEAD lpBlock = (LPBLOCKHEAD)job.cache.BlockAt(file.m_mapBlocks[1]);
+    if (lpBlock == nullptr) return PEER_IPC;
     Line("fault %s file %d block 1 ts %lld result %s flags %d %d", m.c_str(), file.m_bFileNo,
          (long long)lpBlock->m_nTimestamp, ResultText(nResult).c_str(), (int)lpBlock->m_bSaveFlag,
          (int)lpBlock->m_bFlushFlag);
