@@ -36,9 +36,12 @@ void PeerCacheMakeBlock(LPBYTE lpBlock, BYTE bFileNo, BYTE bFileType, UINT nBloc
     memset(lpBlock, 0, sizeof(BLOCKHEAD));
     unsigned long long nSeed = Mix(((unsigned long long)bFileNo << 56) ^ ((unsigned long long)nBlockNo << 24) ^
                                    (unsigned long long)llTs);
+    // The head is not a multiple of 8 bytes: the last piece is cut short,
+    // never written past the block.
     for (int i = (int)sizeof(BLOCKHEAD); i < PEERCACHE_BLOCK_SIZE; i += 8) {
         nSeed = Mix(nSeed + 0x9E3779B97F4A7C15ULL);
-        memcpy(lpBlock + i, &nSeed, 8);
+        int nPiece = PEERCACHE_BLOCK_SIZE - i < 8 ? PEERCACHE_BLOCK_SIZE - i : 8;
+        memcpy(lpBlock + i, &nSeed, (size_t)nPiece);
     }
     LPBLOCKHEAD lpHead = (LPBLOCKHEAD)lpBlock;
     lpHead->m_nBlockNo = nBlockNo;

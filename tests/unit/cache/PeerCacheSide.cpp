@@ -202,6 +202,24 @@ TEST_F(PeerCacheSide, LoadsGiveTheFileBlockAndWrongRequestsLeaveTheCacheBlockAlo
     EXPECT_TRUE(Untouched(llCache));
 }
 
+// A version is made in its own block: the bytes on both sides stay.
+TEST(PeerCacheBlock, AVersionFillsItsBlockAndNotOneByteMore)
+{
+    const size_t nGuard = 64;
+    std::vector<BYTE> v((size_t)PEERCACHE_BLOCK_SIZE + 2 * nGuard, 0x5A);
+    PeerCacheMakeBlock(v.data() + nGuard, 9, FILETYPE_TABLE, 77, 123456789);
+    for (size_t i = 0; i < nGuard; i++) {
+        EXPECT_EQ(0x5A, v[i]) << "before the block, byte " << i;
+        EXPECT_EQ(0x5A, v[nGuard + PEERCACHE_BLOCK_SIZE + i]) << "past the block, byte " << i;
+    }
+    EXPECT_NE(0x5A, v[nGuard + PEERCACHE_BLOCK_SIZE - 1]) << "the payload reaches the block's last byte";
+    LPBLOCKHEAD lpHead = (LPBLOCKHEAD)(v.data() + nGuard);
+    EXPECT_EQ(BLOCK_DATAFLAG, Val(lpHead->m_nDataFlag));
+    EXPECT_EQ(77u, Val(lpHead->m_nBlockNo));
+    EXPECT_EQ(123456789LL, Val(lpHead->m_nTimestamp));
+    EXPECT_EQ(PEERCACHE_BLOCK_SIZE, Val(lpHead->m_nBlockSize));
+}
+
 TEST_F(PeerCacheSide, DamagedPlacesInTheSegmentAreNotFollowed)
 {
     PeerCacheFile file;
