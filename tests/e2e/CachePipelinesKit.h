@@ -19,11 +19,16 @@ namespace talvortest {
 const char CACHE_FILE_MIB[] = "130";
 const int PEER_RUN_TIMEOUT_MS = 120000;
 
-// An ini that runs the database with a 64 MiB cache.
-inline void WriteCacheIni(DaemonSandbox& box, const std::string& strExtra = "")
+// A cache small enough for the tests, without the files' write buffers,
+// and one large enough that every cache-mode file keeps them.
+const int SMALL_CACHE_MIB = 64;
+const int BUFFERED_CACHE_MIB = 300;
+
+// An ini that runs the database with a cache of nCacheMiB.
+inline void WriteCacheIni(DaemonSandbox& box, int nCacheMiB = SMALL_CACHE_MIB)
 {
-    box.WriteIni("[System]\r\ndatabasepath=" + box.DataDir() + "\r\nLanguage=0\r\nbuffercachesize=64\r\n"
-                 "undoareasize=16\r\npersistenceintervals=3\r\n" + strExtra);
+    box.WriteIni("[System]\r\ndatabasepath=" + box.DataDir() + "\r\nLanguage=0\r\nbuffercachesize=" +
+                 std::to_string(nCacheMiB) + "\r\nundoareasize=16\r\npersistenceintervals=3\r\n");
 }
 
 // The stand-in's lines, by kind.
@@ -125,7 +130,8 @@ inline PeerRun RunCachePeer(DaemonSandbox& box, const std::vector<std::string>& 
 }
 
 // A database of cache-mode files (and nothing else) under a running daemon.
-inline pid_t StartCacheDb(DaemonSandbox& box, const std::vector<std::string>& vFiles)
+inline pid_t StartCacheDb(DaemonSandbox& box, const std::vector<std::string>& vFiles,
+                          int nCacheMiB = SMALL_CACHE_MIB)
 {
     std::vector<std::string> vArgs = {"--name", "CACHE"};
     for (const std::string& s : vFiles) {
@@ -137,7 +143,7 @@ inline pid_t StartCacheDb(DaemonSandbox& box, const std::vector<std::string>& vF
         ADD_FAILURE() << strOut;
         return -1;
     }
-    WriteCacheIni(box);
+    WriteCacheIni(box, nCacheMiB);
     pid_t pid = box.StartDaemon();
     if (pid <= 0 || !WaitReady(box)) {
         ADD_FAILURE() << box.ReadDaemonTrace();
