@@ -11,7 +11,7 @@
 //   flush file F block N ts T result R flags S L     (R: a code or "timeout")
 //   page file F type P result R
 //   timestamp kind table|index ts T result R
-//   fault MODE file F block N ts T result R flags S L
+//   fault MODE file F block N ts T result R flags S L  (garbage: one a posted entry)
 //   load file F block N result R untouched U
 //   loadfault MODE file F block N result R untouched U
 //   dirty file F block N ts T
@@ -24,6 +24,7 @@
 
 #include <chrono>
 #include <cstdarg>
+#include <random>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -47,7 +48,8 @@ const std::vector<OptionSpec> g_vCacheOptions = {
     {"timestamp", false, "after each round also post the map block, the head and a committed timestamp"},
     {"ts-array", true, "timestamps in the array image of each timestamp entry (default 0: none)"},
     {"fault", true, "after the rounds post one wrong entry for block 1: generation, number, file, size, "
-                    "offset0 or timestamp0"},
+                    "offset0 or timestamp0; or garbage: entries of random fields"},
+    {"garbage-count", true, "entries of random fields each file gets with --fault garbage (default 32)"},
     {"load", false, "after the rounds load blocks 1..N through the load slots into fresh cache blocks"},
     {"load-fault", true, "after the rounds load block 1 with a wrong request: late, number, file or size"},
     {"dirty-only", false, "change the blocks in the cache, post nothing"},
@@ -64,6 +66,7 @@ struct CacheJob {
     std::vector<PeerCacheFile> vFiles;
     long long llTs = 0;
     long long nBlocks = 4, nRounds = 1, nSeconds = 60, nArray = 0, nHoldMs = 0, nWaitMs = 10000, nReadyMs = 30000;
+    long long nGarbage = 32;
     bool bLive = false, bTimestamp = false, bDirtyOnly = false, bLoad = false;
     std::string strFault, strLoadFault, strDump, strFiles;
 };
@@ -273,9 +276,55 @@ BYTE OtherFile(const CacheJob& job, const PeerCacheFile& file)
     return NO_SUCH_FILE;
 }
 
+// Entries of random bytes, as an engine that died while writing them may
+// leave: every field drawn, offsets mostly inside the segment and the file
+// but never on a page's start, block numbers no block has, and no
+// timestamp entry (one would be committed as it stands).
+void FillGarbage(std::mt19937_64& rng, const CacheJob& job, const PeerCacheFile& file, stu_CacheFlush& e)
+{
+    static const BYTE arTypes[] = {0, CACHEFLUSH_HEAD, CACHEFLUSH_MAP, CACHEFLUSH_DATA, CACHEFLUSH_EXHEAD, 6, 200};
+    static const int arSizes[] = {PEERCACHE_BLOCK_SIZE, PEERCACHE_BLOCK_SIZE / 2, 512, 0, -PEERCACHE_BLOCK_SIZE,
+                                  1 << 30, 3 * PEERCACHE_BLOCK_SIZE};
+    long long llSegment = job.cache.Layout().m_llTotalSize;
+    long long llFile = file.m_lpHead->m_nFileTotalSize;
+    e.m_bBlockType = arTypes[rng() % sizeof(arTypes)];
+    e.m_bReserved = (BYTE)(rng() % 40);
+    e.m_bFileNo = rng() % 2 ? file.m_bFileNo : (BYTE)rng();
+    e.m_bFlushCode = (BYTE)rng();
+    e.m_nBlockNo = (UINT)(1000 + rng() % 100000);
+    e.m_nBlockSize = arSizes[rng() % 7] + (rng() % 4 == 0 ? (int)(rng() % 512) : 0);
+    e.m_llTimestamp = rng() % 2 ? 0 : (long long)(rng() >> 2);
+    e.m_llTransTimestamp = (long long)(rng() >> 2);
+    long long arCache[] = {0, (long long)(rng() % (unsigned long long)(llSegment / CACHE_BLOCK_SIZE)) * CACHE_BLOCK_SIZE +
+                                  512 * (long long)(1 + rng() % 31),
+                           llSegment + 512, -(long long)CACHE_BLOCK_SIZE, (long long)(rng() >> 1)};
+    e.m_llCacheBlockOffset = arCache[rng() % 5];
+    long long arFile[] = {0, (long long)(rng() % (unsigned long long)(llFile / CACHE_PAGE_SIZE)) * CACHE_PAGE_SIZE,
+                          llFile, -(long long)CACHE_PAGE_SIZE, (long long)(rng() >> 1)};
+    e.m_llFileBlockOffset = arFile[rng() % 5];
+}
+
+int PostGarbage(CacheJob& job, PeerCacheFile& file)
+{
+    std::mt19937_64 rng((unsigned long long)job.llTs * 2654435761ULL + file.m_bFileNo);
+    for (long long i = 0; i < job.nGarbage; i++) {
+        PeerFlushPost post;
+        memset(&post.m_stEntry, 0, sizeof(post.m_stEntry));
+        post.m_bIndex = file.m_bFileType == FILETYPE_INDEX;
+        FillGarbage(rng, job, file, post.m_stEntry);
+        if (!job.cache.PostEntry(post, (int)job.nWaitMs)) return PEER_TIMEOUT;
+        int nResult = job.cache.WaitEntry(post, (int)job.nWaitMs, ServeIdle, &job);
+        Line("fault garbage file %d block %u ts %lld result %s flags 0 0", file.m_bFileNo,
+             (UINT)post.m_stEntry.m_nBlockNo, (long long)post.m_stEntry.m_llTimestamp, ResultText(nResult).c_str());
+        if (nResult == PEERCACHE_TIMEOUT) return PEER_TIMEOUT;
+    }
+    return PEER_OK;
+}
+
 int PostFault(CacheJob& job, PeerCacheFile& file)
 {
     const std::string& m = job.strFault;
+    if (m == "garbage") return PostGarbage(job, file);
     long long llTs = ++job.llTs;
     job.cache.ChangeBlock(file, 1, llTs);
     PeerFlushPost post = job.cache.DataEntry(file, 1, llTs);
@@ -364,7 +413,8 @@ bool ParseCacheArgs(const std::vector<std::string>& args, CacheJob& job)
         !opts.GetInt("rounds", 1, 0, 1LL << 40, job.nRounds) || !opts.GetInt("seconds", 60, 1, 86400, job.nSeconds) ||
         !opts.GetInt("ts-array", 0, 0, SYSTEMFILE_TIMESTAMP_NUM, job.nArray) ||
         !opts.GetInt("hold-ms", 0, 0, 3600000, job.nHoldMs) || !opts.GetInt("wait-ms", 10000, 1, 600000, job.nWaitMs) ||
-        !opts.GetInt("wait-ready-ms", 30000, 0, 600000, job.nReadyMs)) {
+        !opts.GetInt("wait-ready-ms", 30000, 0, 600000, job.nReadyMs) ||
+        !opts.GetInt("garbage-count", 32, 1, 100000, job.nGarbage)) {
         fprintf(stderr, "talvor-peer cache: %s\n%s", opts.Error().c_str(), CacheJobUsage().c_str());
         return false;
     }
