@@ -139,12 +139,14 @@ TEST(CacheCrash, WithWriteBuffersToo)
     KillWhileFlushing(BUFFERED_CACHE_MIB);
 }
 
-TEST(CacheCrash, TheEngineLostAtStopHasEveryDirtyBlockWrittenByTheLastPass)
+namespace {
+
+void LoseTheEngineBeforeTheStop(int nCacheMiB)
 {
     ASSERT_TRUE(MkdbBuilt() && PeerBuilt()) << "build talvor-mkdb and talvor-peer first";
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
-    pid_t pid = StartCacheDb(box, {"--table-file", "--index-file"});
+    pid_t pid = StartCacheDb(box, {"--table-file", "--index-file"}, nCacheMiB);
     ASSERT_GT(pid, 0);
     PeerRun made = RunCachePeer(box, {"--blocks", "6", "--timestamp"});
     ASSERT_EQ(0, made.nExit) << made.strOut;
@@ -186,4 +188,16 @@ TEST(CacheCrash, TheEngineLostAtStopHasEveryDirtyBlockWrittenByTheLastPass)
         EXPECT_EQ(llNewest, Val(lpHead->m_nTimestamp)) << "the head of the last change is on disk";
         EXPECT_EQ(0, Val(lpHead->m_bSaveFlag));
     }
+}
+
+} // namespace
+
+TEST(CacheCrash, TheEngineLostAtStopHasEveryDirtyBlockWrittenByTheLastPass)
+{
+    LoseTheEngineBeforeTheStop(SMALL_CACHE_MIB);
+}
+
+TEST(CacheCrash, TheEngineLostAtStopWithWriteBuffers)
+{
+    LoseTheEngineBeforeTheStop(BUFFERED_CACHE_MIB);
 }
