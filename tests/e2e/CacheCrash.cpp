@@ -88,7 +88,7 @@ void KillWhileFlushing(int nCacheMiB)
     pid_t pid = StartCacheDb(box, {"--table-file", "--index-file"}, nCacheMiB);
     ASSERT_GT(pid, 0);
     pid_t peer = box.Spawn({PeerPath(), "cache", "--blocks", std::to_string(CRASH_BLOCKS), "--rounds", "1000000",
-                            "--seconds", "120", "--timestamp", "--wait-ms", "3000"},
+                            "--seconds", "120", "--timestamp", "--wait-ms", "5000"},
                            "peer1");
     ASSERT_GT(peer, 0);
     // Past the first rounds (the maps are on disk), at a moment of its own.

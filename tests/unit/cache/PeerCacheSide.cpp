@@ -130,8 +130,8 @@ TEST_F(PeerCacheSide, NewBlocksPagesAndATimestampReachTheFileAsTheCacheHeldThem)
     for (PeerFlushPost* p : {&map, &head, &stamp}) EXPECT_EQ(CACHEFLUSH_DONE, m_peer.WaitEntry(*p, WAIT_MS));
     EXPECT_EQ(vMap, FileRange(CACHE_PAGE_SIZE, CACHE_PAGE_SIZE));
     EXPECT_EQ(vHead, FileRange(0, CACHE_PAGE_SIZE));
-    EXPECT_EQ((UINT)BLOCKS, ((LPTABLEFILEHEAD)vHead.data())->m_nBlockNum + 0);
-    EXPECT_EQ(BLOCKS, ((LPBASEFILEBLOCKMAPHEAD_CACHE)vMap.data())->m_nBlockMapNum + 0);
+    EXPECT_EQ((UINT)BLOCKS, Val(((LPTABLEFILEHEAD)vHead.data())->m_nBlockNum));
+    EXPECT_EQ(BLOCKS, Val(((LPBASEFILEBLOCKMAPHEAD_CACHE)vMap.data())->m_nBlockMapNum));
     ASSERT_EQ(1u, m_module.m_vCommits.size());
     EXPECT_EQ(FIRST_TS + BLOCKS, m_module.m_vCommits[0].llTimestamp);
     ASSERT_TRUE(m_module.m_vCommits[0].bArray);
