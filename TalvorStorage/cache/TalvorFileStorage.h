@@ -175,9 +175,10 @@ public:
     int LoadBlock(LPTALVORCRITICALSECTION lpCritSection, BYTE bFileNo, UINT nBlockNo, long long& llFileBlockOffset,
                   int nBlockSize, LPBYTE lpBuf) override;
     // Carries out one flush request from a private copy in lpBuffer (room
-    // for m_nBlockSize bytes, 512-aligned). 0 written or lapsed; 1 refused
-    // or failed, traced. A flush thread; takes m_crit inside WriteBlock
-    // only, never a lock on the live block.
+    // for m_nBlockSize bytes, 512-aligned). 0 written (on disk, not only in
+    // a write buffer) or lapsed; 1 refused or failed, traced. A flush
+    // thread; takes m_crit inside the write only, never a lock on the live
+    // block.
     int FlushBlock(LPTALVORCRITICALSECTION lpCritSection, stu_CacheFlush* pCacheFlush, LPBYTE lpBuffer) override;
     // Moves the file to lpszFilePath, which must not exist (80008001): makes
     // it (80008002), writes out every buffer (80008012, 80008013), copies
@@ -360,4 +361,7 @@ private:
     BOOL DataCopyPasses(const stu_CacheFlush* p, LPBASEBLOCKHEAD lpCopy, LPBASEBLOCKHEAD lpLive, int nSize);
     int AfterDataWrite(const stu_CacheFlush* p, LPBASEBLOCKHEAD lpLive, int nRet, BOOL bNewer);
     BOOL InsideFile(long long llOffset, int nSize) const;
+    // WriteBlock, then the buffers holding the range written out: 0 once
+    // the bytes are on disk; 1 traced. Takes m_crit twice.
+    int WriteThrough(LPTALVORCRITICALSECTION lpCritSection, long long llPos, LPBYTE lpBuf, int nSize);
 };

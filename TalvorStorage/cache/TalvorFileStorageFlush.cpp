@@ -2,6 +2,12 @@
 // a head, an extended head, a map block or a data block, written from a
 // private copy that has passed every test, never from the live block.
 //
+// A request is answered done, and the live block's marks cleared, only
+// once the copy is on disk: held in a write buffer it would die with the
+// daemon, while the engine took the block for clean and a later committed
+// timestamp would stand for it. So a request's write goes through the
+// buffers, which stay right for the readers, and straight out of them.
+//
 // The peer keeps changing the live block, or gives its cache block to
 // another block, while the request waits. So the live block is read only
 // through volatile fields, fenced around the copy, and the request counts
@@ -36,6 +42,15 @@ LPBYTE CTalvorFileStorage::CacheAddress(long long llOffset, int nSize) const
     if (llOffset < (long long)CACHE_HEAD_BLOCKS * CACHE_BLOCK_SIZE || llOffset > pCache->m_llCacheBufferSize - nSize)
         return nullptr;
     return pCache->m_pCacheBufferAddr + llOffset;
+}
+
+int CTalvorFileStorage::WriteThrough(LPTALVORCRITICALSECTION lpCritSection, long long llPos, LPBYTE lpBuf,
+                                     int nSize)
+{
+    int nRet = WriteBlock(lpCritSection, llPos, lpBuf, nSize);
+    if (nRet != 0 || !HasBuffers()) return nRet;
+    CTalvorCriticalSectionPtr lock(&m_crit, lpCritSection);
+    return WriteOutOverlapping(llPos, nSize, "FlushBlock");
 }
 
 BOOL CTalvorFileStorage::InsideFile(long long llOffset, int nSize) const
@@ -163,7 +178,7 @@ int CTalvorFileStorage::FlushHeadOrMap(LPTALVORCRITICALSECTION lpCritSection, st
               Path(), llTarget, nSize, m_pFileInfo->m_liFileSize);
         return 1;
     }
-    return WriteBlock(lpCritSection, llTarget, lpBuffer, nSize);
+    return WriteThrough(lpCritSection, llTarget, lpBuffer, nSize);
 }
 
 BOOL CTalvorFileStorage::DataCopyPasses(const stu_CacheFlush* p, LPBASEBLOCKHEAD lpCopy, LPBASEBLOCKHEAD lpLive,
@@ -229,7 +244,7 @@ int CTalvorFileStorage::FlushDataBlock(LPTALVORCRITICALSECTION lpCritSection, st
     lpCopy->m_nLockTimestamp = 0;
     lpCopy->m_bStatus = 0;
     lpCopy->m_bThreadNum = 0;
-    int nRet = WriteBlock(lpCritSection, llTarget, lpBuffer, nSize);
+    int nRet = WriteThrough(lpCritSection, llTarget, lpBuffer, nSize);
     if (g_nWriteBlockLog)
         Trace("FlushBlock", 1, 0, "Write table block(Ret:%d), FileNo:%d(%d), BlockNo:%d(%d), DataFlag:%d, File offset:%lld",
               nRet, (int)p->m_bFileNo, (int)lpCopy->m_bFileNo, (int)p->m_nBlockNo, (int)lpCopy->m_nBlockNo,

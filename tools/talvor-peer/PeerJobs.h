@@ -32,4 +32,8 @@ std::string TraceJobUsage();
 int RunCommandJob(const std::vector<std::string>& args);
 std::string CommandJobUsage();
 
+// cache: the engine's side of the shared block cache (PeerCacheJob.cpp).
+int RunCacheJob(const std::vector<std::string>& args);
+std::string CacheJobUsage();
+
 } // namespace talvorpeer

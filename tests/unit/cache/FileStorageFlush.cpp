@@ -17,9 +17,9 @@ class FileFlush : public FileStorageFixture {
 protected:
     // A cache (no write buffers: writes reach the file at once), the file,
     // and one cache block of the file's chain for the live block.
-    void MakeFlush(BYTE bFileType = FILETYPE_TABLE)
+    void MakeFlush(BYTE bFileType = FILETYPE_TABLE, BOOL bFileCache = FALSE)
     {
-        Make(FALSE, bFileType);
+        Make(bFileCache, bFileType);
         long long llHead = 0;
         ASSERT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FS_FILE_NO, llHead));
         ASSERT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FS_FILE_NO, m_llCacheOffset));
@@ -105,6 +105,27 @@ TEST_F(FileFlush, DataBlockReachesItsPlaceCleanAndFlushFlagClears)
     EXPECT_EQ(0, Val(Live()->m_bFlushFlag));
     EXPECT_EQ(1, Val(Live()->m_bSaveFlag));
     EXPECT_EQ(2, Val(Live()->m_bThreadNum));
+}
+
+// With write buffers the answer to a request still means the disk: a
+// daemon that dies after it loses nothing the engine now takes for clean.
+TEST_F(FileFlush, WithWriteBuffersWhatFlushBlockWroteIsOnDiskWhenItReturns)
+{
+    MakeFlush(FILETYPE_TABLE, TRUE);
+    // The span is held in a buffer first, as a load would leave it.
+    ASSERT_TRUE(ReadsBack(BLOCK_FILE_OFFSET - FS_PART, FS_PART));
+    ASSERT_NE(nullptr, Holder(BLOCK_FILE_OFFSET));
+    PostDataBlock();
+    ASSERT_EQ(0, Flush());
+    ExpectBlockOnDisk(BLOCK_FILE_OFFSET, true);
+    EXPECT_EQ(0, Val(Live()->m_bFlushFlag));
+    EXPECT_FALSE(m_pStorage->CheckFlush()) << "no change is left in a buffer";
+    EXPECT_TRUE(ReadsBack(BLOCK_FILE_OFFSET, FS_PART)) << "the buffer holds the block written";
+    PostPage(CACHEFLUSH_MAP, BLOCKMAP_CACHE_DATAFLAG, 3 * FS_PART, 1);
+    ASSERT_EQ(0, Flush());
+    ExpectBlockOnDisk(3 * FS_PART, false);
+    EXPECT_FALSE(m_pStorage->CheckFlush());
+    EXPECT_TRUE(LatchFree());
 }
 
 TEST_F(FileFlush, LapsedRequestsWriteNothing)

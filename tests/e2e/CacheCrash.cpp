@@ -1,0 +1,203 @@
+// End-to-end: the shared cache when a process dies. The daemon is killed
+// (SIGKILL) while the engine stand-in flushes in rounds: every block whose
+// flush was answered done is on disk whole, no committed cache timestamp
+// on disk is ahead of the blocks it stands for, and a new daemon takes the
+// surviving cache over and serves what was left posted. The engine is lost
+// (killed without answering) before a stop: the daemon's last pass writes
+// every block left dirty in the cache.
+#include "CachePipelinesKit.h"
+
+#include <csignal>
+#include <random>
+
+using namespace talvortest;
+
+namespace {
+
+const int TABLE_NO = 2;
+const int INDEX_NO = 3;
+const UINT CRASH_BLOCKS = 20;
+const UINT SECOND_BLOCKS = 5;
+const int OUTPUT_WAIT_MS = 60000;
+
+// Lines of a spawned stand-in so far.
+PeerRun PeerSoFar(DaemonSandbox& box, const std::string& strName, int nExit = -99)
+{
+    return ParsePeer(ReadWholeFile(box.Root() + "/" + strName + ".out"), nExit);
+}
+
+template <class F>
+bool WaitForPeer(DaemonSandbox& box, const std::string& strName, F fnEnough)
+{
+    for (int nWaited = 0; nWaited < OUTPUT_WAIT_MS; nWaited += TRACE_POLL_MS) {
+        if (fnEnough(PeerSoFar(box, strName))) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(TRACE_POLL_MS));
+    }
+    return false;
+}
+
+// What the stand-in's runs posted and were told, joined.
+struct Posted {
+    std::map<std::pair<int, UINT>, std::set<long long>> mapVersions;  // every version posted
+    std::map<std::pair<int, UINT>, long long> mapDone;                // newest answered done
+    void Add(const PeerRun& run)
+    {
+        for (const PeerFlushLine& p : run.vPosts) mapVersions[{p.nFile, p.nBlock}].insert(p.llTs);
+        for (const PeerFlushLine& f : run.vFlushes)
+            if (f.nResult == 0 && f.llTs > mapDone[{f.nFile, f.nBlock}]) mapDone[{f.nFile, f.nBlock}] = f.llTs;
+    }
+};
+
+// The disk after a crash: each block a whole version that was posted, none
+// older than its last answered flush, none older than what the committed
+// timestamp of its kind stands for.
+void ExpectDiskConsistent(DaemonSandbox& box, const Posted& posted, int nFileNo, bool bIndex)
+{
+    std::string strFile = ReadWholeFile(FileOf(box, nFileNo, bIndex));
+    long long llCommitted = SystemTimestamp(box, bIndex);
+    for (UINT n = 1; n <= CRASH_BLOCKS; n++) {
+        std::pair<int, UINT> key(nFileNo, n);
+        std::string strDisk = DiskBlock(strFile, n);
+        ASSERT_EQ((size_t)talvorpeer::PEERCACHE_BLOCK_SIZE, strDisk.size()) << "file " << nFileNo << " block " << n;
+        long long llDisk = TimestampOfBlock(strDisk);
+        auto itDone = posted.mapDone.find(key);
+        long long llDone = itDone == posted.mapDone.end() ? 0 : itDone->second;
+        EXPECT_GE(llDisk, llDone) << "an answered flush is not on disk: file " << nFileNo << " block " << n;
+        const std::set<long long>& setVersions = posted.mapVersions.at(key);
+        long long llOwed = 0;
+        for (long long v : setVersions)
+            if (v <= llCommitted) llOwed = v;
+        EXPECT_GE(llDisk, llOwed) << "the committed timestamp " << llCommitted << " runs ahead of file " << nFileNo
+                                  << " block " << n;
+        if (llDisk == 0) continue;
+        EXPECT_EQ(1u, setVersions.count(llDisk)) << "file " << nFileNo << " block " << n << " ts " << llDisk;
+        EXPECT_TRUE(strDisk == VersionOnDisk(nFileNo, bIndex, n, llDisk)) << "torn: file " << nFileNo << " block " << n;
+    }
+}
+
+// The daemon is killed while the stand-in flushes in rounds; checked on
+// the disk as it left it, and again after a new daemon took the cache over
+// and the stand-in carried one more round through, over a few blocks only:
+// the timestamp it commits stands for the others too, as the killed daemon
+// left them.
+void KillWhileFlushing(int nCacheMiB)
+{
+    ASSERT_TRUE(MkdbBuilt() && PeerBuilt()) << "build talvor-mkdb and talvor-peer first";
+    DaemonSandbox box;
+    ASSERT_TRUE(box.Ok());
+    pid_t pid = StartCacheDb(box, {"--table-file", "--index-file"}, nCacheMiB);
+    ASSERT_GT(pid, 0);
+    pid_t peer = box.Spawn({PeerPath(), "cache", "--blocks", std::to_string(CRASH_BLOCKS), "--rounds", "1000000",
+                            "--seconds", "120", "--timestamp", "--wait-ms", "5000"},
+                           "peer1");
+    ASSERT_GT(peer, 0);
+    // Past the first rounds (the maps are on disk), at a moment of its own.
+    ASSERT_TRUE(WaitForPeer(box, "peer1", [](const PeerRun& r) { return r.vStamps.size() >= 6; }))
+        << PeerSoFar(box, "peer1").strOut;
+    std::mt19937 rng((unsigned)getpid());
+    std::this_thread::sleep_for(std::chrono::milliseconds(rng() % 200));
+    box.Signal(pid, SIGKILL);
+    box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS);
+    int nPeerExit = box.WaitExit(peer, 60000);
+    PeerRun first = PeerSoFar(box, "peer1", nPeerExit);
+    EXPECT_EQ(3, first.nExit) << "the stand-in stops waiting on a dead daemon: " << first.strOut;
+    Posted posted;
+    posted.Add(first);
+    ExpectDiskConsistent(box, posted, TABLE_NO, false);
+    ExpectDiskConsistent(box, posted, INDEX_NO, true);
+
+    // A new daemon takes the cache over as it stands and serves what was
+    // left posted before anything new.
+    std::string strTrace;
+    pid = RestartDaemon(box, &strTrace);
+    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
+    EXPECT_NE(std::string::npos, strTrace.find("Cache data was found in memory")) << strTrace;
+    PeerRun second = RunCachePeer(box, {"--blocks", std::to_string(SECOND_BLOCKS), "--timestamp"});
+    EXPECT_EQ(0, second.nExit) << second.strOut;
+    EXPECT_EQ(2 * SECOND_BLOCKS, second.vFlushes.size()) << second.strOut;
+    for (const PeerFlushLine& f : second.vFlushes) EXPECT_EQ(0, f.nResult) << second.strOut;
+    for (const PeerTsLine& t : second.vStamps) EXPECT_EQ(0, t.nResult) << second.strOut;
+    EXPECT_TRUE(second.vLoads.empty()) << "the blocks were found in the cache kept: " << second.strOut;
+    ASSERT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
+    posted.Add(second);
+    ExpectDiskConsistent(box, posted, TABLE_NO, false);
+    ExpectDiskConsistent(box, posted, INDEX_NO, true);
+    for (const PeerTsLine& t : second.vStamps) EXPECT_EQ(t.llTs, SystemTimestamp(box, t.bIndex));
+}
+
+} // namespace
+
+TEST(CacheCrash, SigkillWhileTheEngineFlushesLosesNoAnsweredBlockAndNoTimestampRunsAhead)
+{
+    KillWhileFlushing(SMALL_CACHE_MIB);
+}
+
+// The same where every file keeps write buffers: an answer must still mean
+// the disk, not a buffer that dies with the daemon.
+TEST(CacheCrash, WithWriteBuffersToo)
+{
+    KillWhileFlushing(BUFFERED_CACHE_MIB);
+}
+
+namespace {
+
+void LoseTheEngineBeforeTheStop(int nCacheMiB)
+{
+    ASSERT_TRUE(MkdbBuilt() && PeerBuilt()) << "build talvor-mkdb and talvor-peer first";
+    DaemonSandbox box;
+    ASSERT_TRUE(box.Ok());
+    pid_t pid = StartCacheDb(box, {"--table-file", "--index-file"}, nCacheMiB);
+    ASSERT_GT(pid, 0);
+    PeerRun made = RunCachePeer(box, {"--blocks", "6", "--timestamp"});
+    ASSERT_EQ(0, made.nExit) << made.strOut;
+
+    // A live engine leaves blocks dirty, two of them new, and dies without
+    // a word: neither an entry nor an answer to the daemon's sign of life.
+    pid_t peer = box.Spawn({PeerPath(), "cache", "--live", "--dirty-only", "--blocks", "8", "--rounds", "2",
+                            "--hold-ms", "600000"},
+                           "peer2");
+    ASSERT_GT(peer, 0);
+    ASSERT_TRUE(WaitForPeer(box, "peer2", [](const PeerRun& r) { return r.vDirty.size() >= 2 * 8 * 2; }))
+        << PeerSoFar(box, "peer2").strOut;
+    box.Signal(peer, SIGKILL);
+    box.WaitExit(peer, 10000);
+    PeerRun dirty = PeerSoFar(box, "peer2");
+    std::map<std::string, std::string> mapBefore = Snapshot(box.DataDir(), {"Table2.dbf", "Index3.dbf"});
+    ASSERT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
+
+    for (bool bIndex : {false, true}) {
+        int nFileNo = bIndex ? INDEX_NO : TABLE_NO;
+        std::string strFile = ReadWholeFile(FileOf(box, nFileNo, bIndex));
+        EXPECT_FALSE(strFile == mapBefore[bIndex ? "Index3.dbf" : "Table2.dbf"]) << "nothing was written at the stop";
+        std::map<UINT, long long> mapLast;
+        long long llNewest = 0;
+        for (const PeerFlushLine& d : dirty.vDirty)
+            if (d.nFile == nFileNo) {
+                mapLast[d.nBlock] = d.llTs;
+                if (d.llTs > llNewest) llNewest = d.llTs;
+            }
+        ASSERT_EQ(8u, mapLast.size()) << dirty.strOut;
+        for (UINT n = 1; n <= 8; n++) {
+            std::string strDisk = DiskBlock(strFile, n);
+            ASSERT_FALSE(strDisk.empty()) << "the map on disk lacks block " << n << " of file " << nFileNo;
+            EXPECT_TRUE(strDisk == VersionOnDisk(nFileNo, bIndex, n, mapLast[n]))
+                << "file " << nFileNo << " block " << n << " is not its last version";
+        }
+        const TABLEFILEHEAD* lpHead = (const TABLEFILEHEAD*)strFile.data();
+        EXPECT_EQ(8u, Val(lpHead->m_nBlockNum));
+        EXPECT_EQ(llNewest, Val(lpHead->m_nTimestamp)) << "the head of the last change is on disk";
+        EXPECT_EQ(0, Val(lpHead->m_bSaveFlag));
+    }
+}
+
+} // namespace
+
+TEST(CacheCrash, TheEngineLostAtStopHasEveryDirtyBlockWrittenByTheLastPass)
+{
+    LoseTheEngineBeforeTheStop(SMALL_CACHE_MIB);
+}
+
+TEST(CacheCrash, TheEngineLostAtStopWithWriteBuffers)
+{
+    LoseTheEngineBeforeTheStop(BUFFERED_CACHE_MIB);
+}

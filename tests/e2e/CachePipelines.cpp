@@ -1,0 +1,288 @@
+// End-to-end: the engine stand-in works on cache-mode files in a running
+// daemon's shared cache (talvor-peer cache). Blocks changed in the cache
+// reach their files as the cache held them, with the engine's in-memory
+// marks cleared; the committed timestamps reach the system file; blocks are
+// loaded on request as the file holds them; and entries or load requests
+// that are torn, cancelled or wrong are refused and write nothing.
+#include "CachePipelinesKit.h"
+
+#include <csignal>
+#include <sys/stat.h>
+
+using namespace talvortest;
+
+namespace {
+
+const int TABLE_NO = 2;
+const int INDEX_NO = 3;
+
+std::string DumpDir(DaemonSandbox& box)
+{
+    std::string strDir = box.Root() + "/dump";
+    mkdir(strDir.c_str(), 0777);
+    return strDir;
+}
+
+std::string Dumped(const std::string& strDir, const char* lpszKind, int nFileNo, UINT nBlockNo)
+{
+    return ReadWholeFile(strDir + "/" + lpszKind + "_" + std::to_string(nFileNo) + "_" + std::to_string(nBlockNo) +
+                         ".bin");
+}
+
+// The last timestamp the run gave each block of a file.
+std::map<UINT, long long> LastPosted(const PeerRun& run, int nFileNo)
+{
+    std::map<UINT, long long> m;
+    for (const PeerFlushLine& p : run.vPosts)
+        if (p.nFile == nFileNo && p.llTs > m[p.nBlock]) m[p.nBlock] = p.llTs;
+    return m;
+}
+
+long long LastStamp(const PeerRun& run, bool bIndex)
+{
+    long long llTs = -1;
+    for (const PeerTsLine& t : run.vStamps)
+        if (t.bIndex == bIndex) llTs = t.llTs;
+    return llTs;
+}
+
+template <class T>
+T At(const std::string& s, size_t nAt)
+{
+    T v{};
+    if (s.size() >= nAt + sizeof(T)) memcpy(&v, s.data() + nAt, sizeof(T));
+    return v;
+}
+
+// Every block of the file equals the stand-in's last version of it, as the
+// stand-in dumped it from the cache and as it makes it again.
+void ExpectBlocksAsPosted(DaemonSandbox& box, const PeerRun& run, const std::string& strDump, int nFileNo,
+                          bool bIndex, UINT nBlocks)
+{
+    std::string strFile = ReadWholeFile(FileOf(box, nFileNo, bIndex));
+    std::map<UINT, long long> mapLast = LastPosted(run, nFileNo);
+    ASSERT_EQ((size_t)nBlocks, mapLast.size()) << run.strOut;
+    for (UINT n = 1; n <= nBlocks; n++) {
+        std::string strDisk = DiskBlock(strFile, n);
+        ASSERT_EQ((size_t)talvorpeer::PEERCACHE_BLOCK_SIZE, strDisk.size()) << "file " << nFileNo << " block " << n;
+        EXPECT_TRUE(strDisk == AsOnDisk(Dumped(strDump, "post", nFileNo, n))) << "file " << nFileNo << " block " << n;
+        EXPECT_TRUE(strDisk == VersionOnDisk(nFileNo, bIndex, n, mapLast[n])) << "file " << nFileNo << " block " << n;
+    }
+    const TABLEFILEHEAD* lpHead = (const TABLEFILEHEAD*)strFile.data();
+    EXPECT_EQ(nBlocks, Val(lpHead->m_nBlockNum));
+    EXPECT_EQ(0, Val(lpHead->m_bSaveFlag));
+}
+
+// The runs ends well: every block, page and timestamp answered done.
+void ExpectAllDone(const PeerRun& run, size_t nFlushes, size_t nPages, size_t nStamps)
+{
+    EXPECT_EQ(0, run.nExit) << run.strOut;
+    EXPECT_TRUE(run.bDone) << run.strOut;
+    EXPECT_EQ(nFlushes, run.vFlushes.size()) << run.strOut;
+    for (const PeerFlushLine& f : run.vFlushes) {
+        EXPECT_EQ(0, f.nResult) << "file " << f.nFile << " block " << f.nBlock;
+        EXPECT_EQ(0, f.nSave) << "file " << f.nFile << " block " << f.nBlock;
+        EXPECT_EQ(0, f.nFlush) << "an unchanged block written is clean: file " << f.nFile << " block " << f.nBlock
+                               << "\n" << run.strOut;
+    }
+    EXPECT_EQ(nPages, run.vPageResults.size()) << run.strOut;
+    for (int r : run.vPageResults) EXPECT_EQ(0, r) << run.strOut;
+    EXPECT_EQ(nStamps, run.vStamps.size()) << run.strOut;
+    for (const PeerTsLine& t : run.vStamps) EXPECT_EQ(0, t.nResult) << run.strOut;
+}
+
+} // namespace
+
+TEST(CachePipelines, FlushRoundTripPutsCacheBlocksPagesAndTimestampsOnDisk)
+{
+    ASSERT_TRUE(MkdbBuilt() && PeerBuilt()) << "build talvor-mkdb and talvor-peer first";
+    DaemonSandbox box;
+    ASSERT_TRUE(box.Ok());
+    pid_t pid = StartCacheDb(box, {"--table-file", "--index-file"});
+    ASSERT_GT(pid, 0);
+    std::string strDump = DumpDir(box);
+    PeerRun run = RunCachePeer(box, {"--blocks", "5", "--rounds", "2", "--timestamp", "--ts-array", "3",
+                                     "--dump-dir", strDump});
+    ExpectAllDone(run, 2 * 5 * 2, 2 * 2 * 2, 2 * 2);
+    ExpectBlocksAsPosted(box, run, strDump, TABLE_NO, false, 5);
+    ExpectBlocksAsPosted(box, run, strDump, INDEX_NO, true, 5);
+
+    // The committed timestamps and their arrays, each in its own place.
+    std::string strSystem = ReadWholeFile(box.DataDir() + "System.dbf");
+    for (bool bIndex : {false, true}) {
+        long long llTs = LastStamp(run, bIndex);
+        ASSERT_GT(llTs, 0) << run.strOut;
+        EXPECT_EQ(llTs, At<long long>(strSystem, bIndex ? SYSTEMFILE_CACHEINDEXTS_OFFSET : SYSTEMFILE_CACHETABLETS_OFFSET));
+        size_t nArray = SYSTEMFILE_TABLETSARRAY_OFFSET + (bIndex ? 4100 : 0);
+        EXPECT_EQ(3, At<unsigned short>(strSystem, nArray)) << "index " << bIndex;
+        for (int i = 0; i < 3; i++) EXPECT_EQ(llTs - i, At<long long>(strSystem, nArray + 4 + 8 * (size_t)i));
+        EXPECT_EQ(0, At<long long>(strSystem, nArray + 4 + 8 * 3)) << "the rest of the array is zero";
+    }
+    // No block outruns the timestamp that stands for it.
+    for (const PeerFlushLine& p : run.vPosts)
+        EXPECT_LE(p.llTs, LastStamp(run, p.nFile == INDEX_NO)) << "file " << p.nFile << " block " << p.nBlock;
+    EXPECT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
+}
+
+TEST(CachePipelines, LoadSlotsGiveTheFileBlockAndRefuseWrongRequests)
+{
+    ASSERT_TRUE(MkdbBuilt() && PeerBuilt()) << "build talvor-mkdb and talvor-peer first";
+    DaemonSandbox box;
+    ASSERT_TRUE(box.Ok());
+    pid_t pid = StartCacheDb(box, {"--table-file", "--index-file"});
+    ASSERT_GT(pid, 0);
+    std::string strDump = DumpDir(box);
+    PeerRun made = RunCachePeer(box, {"--blocks", "4", "--timestamp"});
+    ExpectAllDone(made, 4 * 2, 2 * 2, 2);
+
+    PeerRun loads = RunCachePeer(box, {"--blocks", "4", "--rounds", "0", "--load", "--dump-dir", strDump});
+    EXPECT_EQ(0, loads.nExit) << loads.strOut;
+    ASSERT_EQ(8u, loads.vLoads.size()) << loads.strOut;
+    for (const PeerLoadLine& l : loads.vLoads) {
+        EXPECT_EQ(CACHELOAD_OK, l.nResult) << "file " << l.nFile << " block " << l.nBlock;
+        std::string strDisk = DiskBlock(ReadWholeFile(FileOf(box, l.nFile, l.nFile == INDEX_NO)), l.nBlock);
+        ASSERT_FALSE(strDisk.empty());
+        EXPECT_TRUE(strDisk == Dumped(strDump, "load", l.nFile, l.nBlock)) << "file " << l.nFile << " block " << l.nBlock;
+    }
+
+    // A request still half written when posted is waited for; one that
+    // names another block, size or no file is refused, its block untouched.
+    struct Case {
+        const char* lpszFault;
+        int nResult;
+    } arCases[] = {{"late", CACHELOAD_OK}, {"number", CACHELOAD_FAILED}, {"size", CACHELOAD_FAILED},
+                   {"file", CACHELOAD_NOFILE}};
+    for (const Case& c : arCases) {
+        PeerRun run = RunCachePeer(box, {"--blocks", "4", "--rounds", "0", "--load-fault", c.lpszFault, "--dump-dir",
+                                         strDump});
+        EXPECT_EQ(0, run.nExit) << run.strOut;
+        ASSERT_EQ(2u, run.vLoads.size()) << run.strOut;
+        for (const PeerLoadLine& l : run.vLoads) {
+            EXPECT_EQ(c.nResult, l.nResult) << c.lpszFault << " file " << l.nFile;
+            std::string strDisk = DiskBlock(ReadWholeFile(FileOf(box, l.nFile, l.nFile == INDEX_NO)), 1);
+            if (c.nResult == CACHELOAD_OK)
+                EXPECT_TRUE(strDisk == Dumped(strDump, "load", l.nFile, 1)) << c.lpszFault << " file " << l.nFile;
+            else
+                EXPECT_TRUE(l.bUntouched) << c.lpszFault << " file " << l.nFile;
+        }
+    }
+
+    // A new daemon builds a new cache: the engine finds its blocks only in
+    // the files, loads them on request and carries its changes on.
+    ASSERT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
+    std::string strTrace;
+    pid = RestartDaemon(box, &strTrace);
+    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
+    PeerRun again = RunCachePeer(box, {"--blocks", "4", "--timestamp", "--dump-dir", strDump});
+    ExpectAllDone(again, 4 * 2, 2 * 2, 2);
+    EXPECT_EQ(8u, again.vLoads.size()) << again.strOut;
+    for (const PeerLoadLine& l : again.vLoads) EXPECT_EQ(CACHELOAD_OK, l.nResult) << again.strOut;
+    ExpectBlocksAsPosted(box, again, strDump, TABLE_NO, false, 4);
+    ExpectBlocksAsPosted(box, again, strDump, INDEX_NO, true, 4);
+    EXPECT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
+}
+
+TEST(CachePipelines, TornCancelledAndWrongEntriesAreRefusedAndWriteNothing)
+{
+    ASSERT_TRUE(MkdbBuilt() && PeerBuilt()) << "build talvor-mkdb and talvor-peer first";
+    DaemonSandbox box;
+    ASSERT_TRUE(box.Ok());
+    // Two table files, so that an entry can name the other one.
+    pid_t pid = StartCacheDb(box, {"--table-file", "--table-file", "--index-file"});
+    ASSERT_GT(pid, 0);
+    const std::vector<std::string> vNames = {"Table2.dbf", "Table3.dbf", "Index4.dbf"};
+    PeerRun made = RunCachePeer(box, {"--blocks", "3", "--timestamp"});
+    ExpectAllDone(made, 3 * 3, 3 * 2, 2);
+
+    // Result codes for a table file and for the index file (no other file
+    // of its kind: a wrong file names none).
+    struct Case {
+        const char* lpszFault;
+        int nTable, nIndex;
+    } arCases[] = {
+        {"timestamp0", CACHEFLUSH_DONE, CACHEFLUSH_DONE},   // cancelled: dropped
+        {"number", CACHEFLUSH_DONE, CACHEFLUSH_DONE},       // the cache block holds another block: lapsed
+        {"file", CACHEFLUSH_DONE, CACHEFLUSH_NOFILE},       // another table file's entry for this block: lapsed
+        {"size", CACHEFLUSH_FAILED, CACHEFLUSH_FAILED},     // the copy is not the block named: torn
+        {"offset0", CACHEFLUSH_UNUSABLE, CACHEFLUSH_UNUSABLE},
+    };
+    for (const Case& c : arCases) {
+        std::map<std::string, std::string> mapBefore = Snapshot(box.DataDir(), vNames);
+        PeerRun run = RunCachePeer(box, {"--blocks", "3", "--rounds", "0", "--fault", c.lpszFault});
+        EXPECT_EQ(0, run.nExit) << run.strOut;
+        ASSERT_EQ(3u, run.vFaults.size()) << run.strOut;
+        for (const auto& f : run.vFaults) {
+            EXPECT_EQ(c.lpszFault, f.first);
+            EXPECT_EQ(f.second.nFile == 4 ? c.nIndex : c.nTable, f.second.nResult) << c.lpszFault << " file "
+                                                                                  << f.second.nFile;
+            EXPECT_TRUE(f.second.nSave == 1 || f.second.nFlush == 1) << "the change is still owed: " << c.lpszFault;
+        }
+        EXPECT_TRUE(mapBefore == Snapshot(box.DataDir(), vNames)) << c.lpszFault << " wrote to a file";
+    }
+
+    // The generation moved on between the entry and its posting: the newer
+    // version is written whole, and the block stays marked for it.
+    std::map<std::string, std::string> mapBefore = Snapshot(box.DataDir(), vNames);
+    PeerRun moved = RunCachePeer(box, {"--blocks", "3", "--rounds", "0", "--fault", "generation", "--files", "2,4"});
+    EXPECT_EQ(0, moved.nExit) << moved.strOut;
+    ASSERT_EQ(2u, moved.vFaults.size()) << moved.strOut;
+    for (const auto& f : moved.vFaults) {
+        bool bIndex = f.second.nFile == 4;
+        EXPECT_EQ(CACHEFLUSH_DONE, f.second.nResult);
+        EXPECT_TRUE(bIndex ? f.second.nFlush == 1 : f.second.nSave == 1) << "file " << f.second.nFile;
+        std::string strName = bIndex ? "Index4.dbf" : "Table2.dbf";
+        std::string strFile = ReadWholeFile(box.DataDir() + strName);
+        EXPECT_TRUE(DiskBlock(strFile, 1) == VersionOnDisk(f.second.nFile, bIndex, 1, f.second.llTs)) << strName;
+        // Nothing else of the file moved.
+        std::string strWant = mapBefore[strName];
+        long long llAt = DiskBlockOffset(strFile, 1);
+        ASSERT_GT(llAt, 0) << strName;
+        strWant.replace((size_t)llAt, (size_t)talvorpeer::PEERCACHE_BLOCK_SIZE, DiskBlock(strFile, 1));
+        EXPECT_EQ(-1, FirstDiffAt(strWant, strFile)) << strName << " block 1 at " << llAt;
+    }
+    EXPECT_TRUE(mapBefore["Table3.dbf"] == ReadWholeFile(box.DataDir() + "Table3.dbf"));
+    // The rings go on: a plain round afterwards is served in full.
+    PeerRun after = RunCachePeer(box, {"--blocks", "3", "--timestamp"});
+    ExpectAllDone(after, 3 * 3, 3 * 2, 2);
+    EXPECT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
+}
+
+// Entries of random fields, as an engine that died while writing them may
+// leave: each is answered with a code and none writes, the daemon stays
+// up, and after it is killed a new one takes the cache over and serves the
+// engine as before.
+TEST(CachePipelines, EntriesOfRandomFieldsWriteNothingAndOutliveARestart)
+{
+    ASSERT_TRUE(MkdbBuilt() && PeerBuilt()) << "build talvor-mkdb and talvor-peer first";
+    DaemonSandbox box;
+    ASSERT_TRUE(box.Ok());
+    pid_t pid = StartCacheDb(box, {"--table-file", "--index-file"});
+    ASSERT_GT(pid, 0);
+    const std::vector<std::string> vNames = {"Table2.dbf", "Index3.dbf"};
+    PeerRun made = RunCachePeer(box, {"--blocks", "3", "--timestamp"});
+    ExpectAllDone(made, 3 * 2, 2 * 2, 2);
+    std::map<std::string, std::string> mapBefore = Snapshot(box.DataDir(), vNames);
+    PeerRun garbage = RunCachePeer(box, {"--blocks", "3", "--rounds", "0", "--fault", "garbage", "--garbage-count", "64"});
+    EXPECT_EQ(0, garbage.nExit) << garbage.strOut;
+    ASSERT_EQ(2u * 64, garbage.vFaults.size()) << garbage.strOut;
+    std::set<int> setCodes = {CACHEFLUSH_DONE, CACHEFLUSH_UNUSABLE, CACHEFLUSH_FAILED, CACHEFLUSH_NOBACKEND,
+                              CACHEFLUSH_NOFILE};
+    std::map<int, int> mapSeen;
+    for (const auto& f : garbage.vFaults) {
+        EXPECT_EQ(1u, setCodes.count(f.second.nResult)) << f.second.nResult;
+        mapSeen[f.second.nResult]++;
+    }
+    EXPECT_GE(mapSeen.size(), 3u) << "the entries reach more than one refusal";
+    EXPECT_TRUE(mapBefore == Snapshot(box.DataDir(), vNames)) << "an entry of random fields wrote to a file";
+    EXPECT_TRUE(box.IsRunning(pid));
+
+    box.Signal(pid, SIGKILL);
+    box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS);
+    std::string strTrace;
+    pid = RestartDaemon(box, &strTrace);
+    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
+    EXPECT_NE(std::string::npos, strTrace.find("Cache data was found in memory")) << strTrace;
+    PeerRun after = RunCachePeer(box, {"--blocks", "3", "--timestamp"});
+    ExpectAllDone(after, 3 * 2, 2 * 2, 2);
+    EXPECT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
+}

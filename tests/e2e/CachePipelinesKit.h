@@ -1,0 +1,256 @@
+// CachePipelinesKit.h — what the end-to-end tests of the shared cache share:
+// a database with cache-mode files and a small cache in the sandbox, the
+// engine stand-in's cache job (talvor-peer cache) and its output lines, and
+// the files' blocks read from disk through the maps the disk holds.
+#pragma once
+
+#include "DatabaseLoadKit.h"
+#include "PeerCache.h"
+#include "TalvorCacheFlush.h"
+
+#include <fstream>
+#include <set>
+#include <thread>
+
+namespace talvortest {
+
+// Big enough that the daemon never grows them while a test runs: a file is
+// grown when no more than 128 MiB of it are unallocated.
+const char CACHE_FILE_MIB[] = "130";
+const int PEER_RUN_TIMEOUT_MS = 120000;
+
+// A cache small enough for the tests, without the files' write buffers,
+// and one large enough that every cache-mode file keeps them.
+const int SMALL_CACHE_MIB = 64;
+const int BUFFERED_CACHE_MIB = 300;
+
+// An ini that runs the database with a cache of nCacheMiB.
+inline void WriteCacheIni(DaemonSandbox& box, int nCacheMiB = SMALL_CACHE_MIB)
+{
+    box.WriteIni("[System]\r\ndatabasepath=" + box.DataDir() + "\r\nLanguage=0\r\nbuffercachesize=" +
+                 std::to_string(nCacheMiB) + "\r\nundoareasize=16\r\npersistenceintervals=3\r\n");
+}
+
+// The stand-in's lines, by kind.
+struct PeerFlushLine {
+    int nFile = 0;
+    UINT nBlock = 0;
+    long long llTs = 0;
+    int nResult = -1;  // -1: timeout
+    int nSave = -1, nFlush = -1;
+};
+struct PeerTsLine {
+    bool bIndex = false;
+    long long llTs = 0;
+    int nResult = -1;
+};
+struct PeerLoadLine {
+    std::string strFault;  // empty for a plain load
+    int nFile = 0;
+    UINT nBlock = 0;
+    int nResult = -1;
+    bool bUntouched = false;
+};
+struct PeerRun {
+    int nExit = -99;
+    std::string strOut;
+    std::vector<PeerFlushLine> vPosts, vFlushes, vDirty;
+    std::vector<std::pair<std::string, PeerFlushLine>> vFaults;
+    std::vector<PeerTsLine> vStamps;
+    std::vector<int> vPageResults;
+    std::vector<PeerLoadLine> vLoads;
+    bool bDone = false;
+};
+
+inline int ResultOf(const std::string& strLine)
+{
+    size_t n = strLine.find(" result ");
+    if (n == std::string::npos) return -2;
+    std::string strValue = strLine.substr(n + 8);
+    return strValue.rfind("timeout", 0) == 0 ? -1 : atoi(strValue.c_str());
+}
+
+inline PeerFlushLine FlushOf(const std::string& strLine)
+{
+    PeerFlushLine f;
+    f.nFile = (int)NumberAfter(strLine, "file ");
+    f.nBlock = (UINT)NumberAfter(strLine, " block ");
+    f.llTs = NumberAfter(strLine, " ts ");
+    f.nResult = ResultOf(strLine);
+    size_t n = strLine.find(" flags ");
+    if (n != std::string::npos) sscanf(strLine.c_str() + n, " flags %d %d", &f.nSave, &f.nFlush);
+    return f;
+}
+
+inline PeerRun ParsePeer(const std::string& strOut, int nExit)
+{
+    PeerRun run;
+    run.nExit = nExit;
+    run.strOut = strOut;
+    std::istringstream in(strOut);
+    std::string l;
+    while (std::getline(in, l)) {
+        if (l.rfind("post ", 0) == 0) run.vPosts.push_back(FlushOf(l));
+        if (l.rfind("flush ", 0) == 0) run.vFlushes.push_back(FlushOf(l));
+        if (l.rfind("dirty ", 0) == 0) run.vDirty.push_back(FlushOf(l));
+        if (l.rfind("fault ", 0) == 0) {
+            // The mode stands before the fields and may itself read "file".
+            std::string strMode = l.substr(6, l.find(' ', 6) - 6);
+            run.vFaults.push_back({strMode, FlushOf(l.substr(6 + strMode.size()))});
+        }
+        if (l.rfind("page ", 0) == 0) run.vPageResults.push_back(ResultOf(l));
+        if (l.rfind("timestamp ", 0) == 0)
+            run.vStamps.push_back({l.find("kind index") != std::string::npos, NumberAfter(l, " ts "), ResultOf(l)});
+        if (l.rfind("load", 0) == 0) {
+            PeerLoadLine x;
+            std::string strFields = l;
+            if (l.rfind("loadfault ", 0) == 0) {
+                x.strFault = l.substr(10, l.find(' ', 10) - 10);
+                strFields = l.substr(10 + x.strFault.size());
+            }
+            x.nFile = (int)NumberAfter(strFields, "file ");
+            x.nBlock = (UINT)NumberAfter(strFields, " block ");
+            x.nResult = ResultOf(l);
+            x.bUntouched = l.find("untouched 1") != std::string::npos;
+            run.vLoads.push_back(x);
+        }
+        if (l == "done") run.bDone = true;
+    }
+    return run;
+}
+
+// Runs the stand-in's cache job to its end.
+inline PeerRun RunCachePeer(DaemonSandbox& box, const std::vector<std::string>& vArgs)
+{
+    std::vector<std::string> vCmd = {PeerPath(), "cache"};
+    vCmd.insert(vCmd.end(), vArgs.begin(), vArgs.end());
+    std::string strOut;
+    int nExit = box.Run(vCmd, PEER_RUN_TIMEOUT_MS, &strOut);
+    return ParsePeer(strOut, nExit);
+}
+
+// A database of cache-mode files (and nothing else) under a running daemon.
+inline pid_t StartCacheDb(DaemonSandbox& box, const std::vector<std::string>& vFiles,
+                          int nCacheMiB = SMALL_CACHE_MIB)
+{
+    std::vector<std::string> vArgs = {"--name", "CACHE"};
+    for (const std::string& s : vFiles) {
+        vArgs.push_back(s);
+        vArgs.push_back(CACHE_FILE_MIB);
+    }
+    std::string strOut;
+    if (MakeDb(box, box.DataDir(), vArgs, &strOut) != 0) {
+        ADD_FAILURE() << strOut;
+        return -1;
+    }
+    WriteCacheIni(box, nCacheMiB);
+    pid_t pid = box.StartDaemon();
+    if (pid <= 0 || !WaitReady(box)) {
+        ADD_FAILURE() << box.ReadDaemonTrace();
+        return -1;
+    }
+    return pid;
+}
+
+// Offset of the first byte where two files differ, or -1.
+inline long long FirstDiffAt(const std::string& a, const std::string& b)
+{
+    size_t n = a.size() < b.size() ? a.size() : b.size();
+    for (size_t i = 0; i < n; i++)
+        if (a[i] != b[i]) return (long long)i;
+    return a.size() == b.size() ? -1 : (long long)n;
+}
+
+inline std::string FileOf(DaemonSandbox& box, int nFileNo, bool bIndex)
+{
+    return box.DataDir() + (bIndex ? "Index" : "Table") + std::to_string(nFileNo) + ".dbf";
+}
+
+// The file offset of a block as the map on disk places it; -1 when the map
+// does not name it or places it outside the file.
+inline long long DiskBlockOffset(const std::string& strFile, UINT nBlockNo)
+{
+    if (strFile.size() < 2 * (size_t)CACHE_PAGE_SIZE) return -1;
+    const TABLEFILEHEAD* lpHead = (const TABLEFILEHEAD*)strFile.data();
+    long long llMap = lpHead->m_nBlockMapStartOffset;
+    int nMax = lpHead->m_nMaxBlockMapNum;
+    if (llMap <= 0 || llMap + CACHE_PAGE_SIZE > (long long)strFile.size() || nBlockNo == 0 || (int)nBlockNo > nMax)
+        return -1;
+    const BASEFILEBLOCKMAPHEAD_CACHE* lpMap = (const BASEFILEBLOCKMAPHEAD_CACHE*)(strFile.data() + llMap);
+    if (lpMap->m_nDataFlag != BLOCKMAP_CACHE_DATAFLAG || (int)nBlockNo > lpMap->m_nBlockMapNum) return -1;
+    long long llAt = lpMap->m_pBlockMap[nBlockNo - 1].m_nBlockOffset;
+    if (lpMap->m_pBlockMap[nBlockNo - 1].m_nBlockNo != nBlockNo || llAt <= 0 ||
+        llAt + talvorpeer::PEERCACHE_BLOCK_SIZE > (long long)strFile.size())
+        return -1;
+    return llAt;
+}
+
+// A block on disk where the map on disk places it: empty when it does not.
+inline std::string DiskBlock(const std::string& strFile, UINT nBlockNo)
+{
+    long long llAt = DiskBlockOffset(strFile, nBlockNo);
+    if (llAt < 0) return std::string();
+    return strFile.substr((size_t)llAt, (size_t)talvorpeer::PEERCACHE_BLOCK_SIZE);
+}
+
+// A cache block as its copy on disk must be: the engine's in-memory marks
+// zeroed, found by their offsets in the block head.
+inline std::string AsOnDisk(std::string strBlock)
+{
+    for (size_t n : {offsetof(BASEBLOCKHEAD, m_bSaveFlag), offsetof(BASEBLOCKHEAD, m_bFlushFlag),
+                     offsetof(BASEBLOCKHEAD, m_bStatus), offsetof(BASEBLOCKHEAD, m_bThreadNum)})
+        strBlock[n] = 0;
+    for (size_t i = 0; i < 8; i++) strBlock[offsetof(BASEBLOCKHEAD, m_nLockTimestamp) + i] = 0;
+    return strBlock;
+}
+
+// The version the stand-in makes of a block at llTs, as the disk must hold it.
+inline std::string VersionOnDisk(int nFileNo, bool bIndex, UINT nBlockNo, long long llTs)
+{
+    std::string s((size_t)talvorpeer::PEERCACHE_BLOCK_SIZE, '\0');
+    talvorpeer::PeerCacheMakeBlock((LPBYTE)&s[0], (BYTE)nFileNo, bIndex ? FILETYPE_INDEX : FILETYPE_TABLE, nBlockNo,
+                                   llTs);
+    return AsOnDisk(s);
+}
+
+inline long long TimestampOfBlock(const std::string& strBlock)
+{
+    if (strBlock.size() < sizeof(BASEBLOCKHEAD)) return -1;
+    return ((const BASEBLOCKHEAD*)strBlock.data())->m_nTimestamp;
+}
+
+inline long long SystemTimestamp(DaemonSandbox& box, bool bIndex)
+{
+    std::string s = ReadWholeFile(box.DataDir() + "System.dbf");
+    long long llTs = -1;
+    size_t nAt = bIndex ? SYSTEMFILE_CACHEINDEXTS_OFFSET : SYSTEMFILE_CACHETABLETS_OFFSET;
+    if (s.size() >= nAt + 8) memcpy(&llTs, s.data() + nAt, 8);
+    return llTs;
+}
+
+// Starts the daemon again and waits for the readiness of this start: the
+// trace still holds that of the last one. Its pid, or -1; the trace of this
+// start alone in *pTrace.
+inline pid_t RestartDaemon(DaemonSandbox& box, std::string* pTrace)
+{
+    size_t nBefore = box.ReadDaemonTrace().size();
+    pid_t pid = box.StartDaemon();
+    if (pid <= 0) return -1;
+    bool bReady = WaitUntil(
+        [&] {
+            std::string s = box.ReadDaemonTrace();
+            return s.size() > nBefore && s.find("Talvor storage service started!", nBefore) != std::string::npos;
+        },
+        DAEMON_START_TIMEOUT_MS, TRACE_POLL_MS);
+    std::string strAll = box.ReadDaemonTrace();
+    if (pTrace != nullptr) *pTrace = strAll.size() > nBefore ? strAll.substr(nBefore) : std::string();
+    return bReady ? pid : -1;
+}
+
+inline bool StopDaemon(DaemonSandbox& box, pid_t pid)
+{
+    box.Signal(pid, SIGTERM);
+    return box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS) == 0;
+}
+
+} // namespace talvortest
