@@ -170,19 +170,7 @@ inline std::string FileOf(DaemonSandbox& box, int nFileNo, bool bIndex)
 // does not name it or places it outside the file.
 inline long long DiskBlockOffset(const std::string& strFile, UINT nBlockNo)
 {
-    if (strFile.size() < 2 * (size_t)CACHE_PAGE_SIZE) return -1;
-    const TABLEFILEHEAD* lpHead = (const TABLEFILEHEAD*)strFile.data();
-    long long llMap = lpHead->m_nBlockMapStartOffset;
-    int nMax = lpHead->m_nMaxBlockMapNum;
-    if (llMap <= 0 || llMap + CACHE_PAGE_SIZE > (long long)strFile.size() || nBlockNo == 0 || (int)nBlockNo > nMax)
-        return -1;
-    const BASEFILEBLOCKMAPHEAD_CACHE* lpMap = (const BASEFILEBLOCKMAPHEAD_CACHE*)(strFile.data() + llMap);
-    if (lpMap->m_nDataFlag != BLOCKMAP_CACHE_DATAFLAG || (int)nBlockNo > lpMap->m_nBlockMapNum) return -1;
-    long long llAt = lpMap->m_pBlockMap[nBlockNo - 1].m_nBlockOffset;
-    if (lpMap->m_pBlockMap[nBlockNo - 1].m_nBlockNo != nBlockNo || llAt <= 0 ||
-        llAt + talvorpeer::PEERCACHE_BLOCK_SIZE > (long long)strFile.size())
-        return -1;
-    return llAt;
+    return talvorpeer::PeerCacheDiskBlockOffset(strFile, nBlockNo);
 }
 
 // A block on disk where the map on disk places it: empty when it does not.
@@ -197,10 +185,7 @@ inline std::string DiskBlock(const std::string& strFile, UINT nBlockNo)
 // zeroed, found by their offsets in the block head.
 inline std::string AsOnDisk(std::string strBlock)
 {
-    for (size_t n : {offsetof(BASEBLOCKHEAD, m_bSaveFlag), offsetof(BASEBLOCKHEAD, m_bFlushFlag),
-                     offsetof(BASEBLOCKHEAD, m_bStatus), offsetof(BASEBLOCKHEAD, m_bThreadNum)})
-        strBlock[n] = 0;
-    for (size_t i = 0; i < 8; i++) strBlock[offsetof(BASEBLOCKHEAD, m_nLockTimestamp) + i] = 0;
+    if (strBlock.size() >= (size_t)talvorpeer::PEERCACHE_BLOCK_SIZE) talvorpeer::PeerCacheDiskImage((LPBYTE)&strBlock[0]);
     return strBlock;
 }
 

@@ -34,6 +34,10 @@ void PeerCacheMakeBlock(LPBYTE lpBlock, BYTE bFileNo, BYTE bFileType, UINT nBloc
 // The same block as the daemon must write it: the save and flush marks,
 // the lock stamp, the state and the use count zeroed. Any thread.
 void PeerCacheDiskImage(LPBYTE lpBlock);
+// Where the first map block of a cache-mode file (its bytes in strFile)
+// places block nBlockNo; -1 when it names no such block or places it
+// outside the file. Any thread.
+long long PeerCacheDiskBlockOffset(const std::string& strFile, UINT nBlockNo);
 // The generation (m_bFlushCode) of the version made at llTs.
 inline BYTE PeerCacheFlushCode(long long llTs) { return (BYTE)(llTs * 7 + 1); }
 

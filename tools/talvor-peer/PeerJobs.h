@@ -32,6 +32,10 @@ std::string TraceJobUsage();
 int RunCommandJob(const std::vector<std::string>& args);
 std::string CommandJobUsage();
 
+// cache-check: the blocks the cache job posted against the files on disk.
+int RunCacheCheckJob(const std::vector<std::string>& args);
+std::string CacheCheckJobUsage();
+
 // cache: the engine's side of the shared block cache (PeerCacheJob.cpp).
 int RunCacheJob(const std::vector<std::string>& args);
 std::string CacheJobUsage();

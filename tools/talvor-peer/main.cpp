@@ -16,6 +16,8 @@ const PeerJob g_arJobs[] = {
     {"redo", "commit redo records into the redo ring as the engine does", RunRedoJob, RedoJobUsage},
     {"data", "change rows of the memory-mode files and commit them, with a journal", RunDataJob, DataJobUsage},
     {"verify", "check the files on disk against the journal of the data job", RunVerifyJob, VerifyJobUsage},
+    {"cache-check", "compare the blocks the cache job posted with the files on disk", RunCacheCheckJob,
+     CacheCheckJobUsage},
     {"cache", "work on the cache-mode files in the shared cache: blocks, loads, flush entries", RunCacheJob,
      CacheJobUsage},
     {"command", "ask the storage thread through m_bStorageCMD and time its answers", RunCommandJob, CommandJobUsage},
