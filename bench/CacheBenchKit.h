@@ -17,7 +17,10 @@
 #include "TalvorFileStorage.h"
 #include "TalvorTrace.h"
 
+#include <benchmark/benchmark.h>
+#include <cerrno>
 #include <chrono>
+#include <functional>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -191,5 +194,34 @@ inline HEVENTTYPE EngineSemaphore(const char* lpszName) { return CreateEventSem(
 
 // Waits on h for up to nMs.
 inline void WaitMs(HEVENTTYPE h, UINT nMs) { WaitForSingleObject(h, nMs); }
+
+
+// One round of the measured code and one of its reference, in turn first,
+// so that neither always meets the disk's or the machine's warm state. False
+// when either failed.
+inline bool AlternateRound(int nRound, const std::function<bool()>& fnRaw, const std::function<bool()>& fnOurs)
+{
+    return nRound % 2 == 0 ? fnRaw() && fnOurs() : fnOurs() && fnRaw();
+}
+
+// The whole life of a cache bench: set up (a file and a segment of its
+// own), run the registered benchmarks, clean up, then print the reports.
+inline int RunCacheBench(int argc, char** argv, bool (*pSetup)(), void (*pRemove)(), const std::string& strDir,
+                         const std::function<void()>& fnReport)
+{
+    benchmark::Initialize(&argc, argv);
+    TraceInstallSink(&ErrorsToStderr);
+    if (!pSetup()) {
+        fprintf(stderr, "cannot set up under %s: %s\n", strDir.c_str(), strerror(errno));
+        pRemove();
+        return 1;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    pRemove();
+    printf("\n");
+    fnReport();
+    return 0;
+}
 
 } // namespace cachebench

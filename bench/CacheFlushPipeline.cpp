@@ -179,9 +179,8 @@ void BM_FlushPipelineAgainstPwrite(benchmark::State& state)
     for (auto _ : state) {
         bool bGood = true;
         for (int nFrom = 0; nFrom + ROUND <= OPS && bGood; nFrom += ROUND, nRound++) {
-            bool bRawFirst = nRound % 2 == 0;
-            bGood = bRawFirst ? RawRound(fd, lpBuf, nFrom) && PipelineRound(nFrom)
-                              : PipelineRound(nFrom) && RawRound(fd, lpBuf, nFrom);
+            bGood = AlternateRound(nRound, [&] { return RawRound(fd, lpBuf, nFrom); },
+                                   [&] { return PipelineRound(nFrom); });
         }
         if (!bGood) {
             state.SkipWithError("a write failed or an entry was not answered done");
@@ -199,18 +198,8 @@ BENCHMARK(BM_FlushPipelineAgainstPwrite)->Iterations(2)->Unit(benchmark::kMillis
 
 int main(int argc, char** argv)
 {
-    benchmark::Initialize(&argc, argv);
-    TraceInstallSink(&ErrorsToStderr);
-    if (!MakeSetup()) {
-        fprintf(stderr, "cannot set up under %s: %s\n", g_strDir.c_str(), strerror(errno));
-        RemoveSetup();
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    RemoveSetup();
-    printf("\n");
-    Report("Flush pipeline / raw pwrite (O_DIRECT|O_SYNC), type-3 entries of 16 KiB, random offsets", g_ours, g_raw,
-           "blocks/s", 0.8);
-    return 0;
+    return RunCacheBench(argc, argv, MakeSetup, RemoveSetup, g_strDir, [] {
+        Report("Flush pipeline / raw pwrite (O_DIRECT|O_SYNC), type-3 entries of 16 KiB, random offsets", g_ours, g_raw,
+               "blocks/s", 0.8);
+    });
 }

@@ -147,9 +147,7 @@ void BM_LoadSlotsAgainstPread(benchmark::State& state)
     for (auto _ : state) {
         bool bGood = true;
         for (int nFrom = 0; nFrom + ROUND <= OPS && bGood; nFrom += ROUND, nRound++) {
-            bool bRawFirst = nRound % 2 == 0;
-            bGood = bRawFirst ? RawRound(fd, lpBuf, nFrom) && SlotRound(nFrom)
-                              : SlotRound(nFrom) && RawRound(fd, lpBuf, nFrom);
+            bGood = AlternateRound(nRound, [&] { return RawRound(fd, lpBuf, nFrom); }, [&] { return SlotRound(nFrom); });
         }
         if (!bGood) {
             state.SkipWithError("a read failed or a block was not answered loaded");
@@ -167,17 +165,8 @@ BENCHMARK(BM_LoadSlotsAgainstPread)->Iterations(3)->Unit(benchmark::kMillisecond
 
 int main(int argc, char** argv)
 {
-    benchmark::Initialize(&argc, argv);
-    TraceInstallSink(&ErrorsToStderr);
-    if (!MakeSetup()) {
-        fprintf(stderr, "cannot set up under %s: %s\n", g_strDir.c_str(), strerror(errno));
-        RemoveSetup();
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    RemoveSetup();
-    printf("\n");
-    Report("Load-slot round trip / raw pread (O_DIRECT|O_SYNC), 16 KiB random, depth 1", g_ours, g_raw, "blocks/s", 0.7);
-    return 0;
+    return RunCacheBench(argc, argv, MakeSetup, RemoveSetup, g_strDir, [] {
+        Report("Load-slot round trip / raw pread (O_DIRECT|O_SYNC), 16 KiB random, depth 1", g_ours, g_raw, "blocks/s",
+               0.7);
+    });
 }

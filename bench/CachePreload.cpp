@@ -224,9 +224,7 @@ void BM_PreloadAgainstDirectReads(benchmark::State& state)
     if (bFirst && !AllLoaded()) state.SkipWithError("the preload left blocks out");
     int nRound = 0;
     for (auto _ : state) {
-        bool bRawFirst = nRound++ % 2 == 0;
-        bool bGood = bRawFirst ? RawRound(lpBuf, g_raw) && PreloadRound(g_ours)
-                               : PreloadRound(g_ours) && RawRound(lpBuf, g_raw);
+        bool bGood = AlternateRound(nRound++, [&] { return RawRound(lpBuf, g_raw); }, [&] { return PreloadRound(g_ours); });
         if (!bGood) {
             state.SkipWithError("a preload or a read failed");
             break;
@@ -242,18 +240,9 @@ BENCHMARK(BM_PreloadAgainstDirectReads)->Iterations(8)->Unit(benchmark::kMillise
 
 int main(int argc, char** argv)
 {
-    benchmark::Initialize(&argc, argv);
-    TraceInstallSink(&ErrorsToStderr);
-    if (!MakeSetup()) {
-        fprintf(stderr, "cannot set up under %s: %s\n", g_strDir.c_str(), strerror(errno));
-        RemoveSetup();
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    RemoveSetup();
-    printf("\n");
-    Report("Preload / O_DIRECT|O_SYNC sequential reads, first run (segment pages new)", g_first, g_firstRaw, "MiB/s", 0);
-    Report("Preload / O_DIRECT|O_SYNC sequential reads, later runs", g_ours, g_raw, "MiB/s", 0.8);
-    return 0;
+    return RunCacheBench(argc, argv, MakeSetup, RemoveSetup, g_strDir, [] {
+        Report("Preload / O_DIRECT|O_SYNC sequential reads, first run (segment pages new)", g_first, g_firstRaw, "MiB/s",
+               0);
+        Report("Preload / O_DIRECT|O_SYNC sequential reads, later runs", g_ours, g_raw, "MiB/s", 0.8);
+    });
 }
