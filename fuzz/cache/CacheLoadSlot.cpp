@@ -66,15 +66,13 @@ struct Loader {
         m_noBackend.m_bFileType = FILETYPE_TABLE;
         m_noBackend.m_liFileSize = FUZZCACHE_FILE_SIZE;
         m_module.m_arFiles[FUZZCACHE_NOBACKEND_NO] = &m_noBackend;
-        LPBYTE lpBase = m_pCache->m_pCacheBufferAddr;
-        m_vHead.assign(lpBase, lpBase + FUZZCACHE_HEAD_AREA);
     }
     CountingModule m_module;
     CBoundedFileIO m_io;
     CTalvorCacheStorage* m_pCache = nullptr;
     CacheFile m_files[2];
     FILEINFO m_noBackend;
-    std::vector<BYTE> m_vHead;  // head blocks and map as set up
+    std::vector<BYTE> m_vHead;  // head blocks and map as an input posted its slots
 };
 
 BYTE Filler(long long llBlock) { return (BYTE)(0xC5 ^ llBlock); }
