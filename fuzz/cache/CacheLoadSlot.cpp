@@ -15,6 +15,7 @@
 // real one, in 8192-byte steps (signed); then slots of 32 bytes.
 #include "FuzzCache.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -77,6 +78,22 @@ struct Loader {
 
 BYTE Filler(long long llBlock) { return (BYTE)(0xC5 ^ llBlock); }
 
+// The first byte of [llFrom, llTo) in the segment that no longer holds its
+// block's filler, or -1. A whole compare, not a loop the fuzzer's
+// coverage hooks would count byte by byte.
+long long FirstChanged(const CTalvorCacheStorage* pCache, long long llFrom, long long llTo)
+{
+    static std::vector<BYTE> s_vFill((size_t)CACHE_BLOCK_SIZE);
+    for (long long o = llFrom; o < llTo;) {
+        long long llBlock = o / CACHE_BLOCK_SIZE;
+        long long llEnd = (llBlock + 1) * CACHE_BLOCK_SIZE < llTo ? (llBlock + 1) * CACHE_BLOCK_SIZE : llTo;
+        memset(s_vFill.data(), Filler(llBlock), (size_t)(llEnd - o));
+        if (memcmp(pCache->m_pCacheBufferAddr + o, s_vFill.data(), (size_t)(llEnd - o)) != 0) return o;
+        o = llEnd;
+    }
+    return -1;
+}
+
 // The cache blocks around each place a slot names, filled with a pattern
 // of their own to show any write that lands there.
 std::set<long long> WatchBlocks(CTalvorCacheStorage* pCache, LPCacheBufferBlockOperate* arSlot, int nSlots)
@@ -109,8 +126,8 @@ void CheckLoaded(Loader& l, const CacheBufferBlockOperate& s, long long llBlock)
     LPBYTE lpGot = l.m_pCache->m_pCacheBufferAddr + s.m_llCacheBlockOffset;
     if (memcmp(lpGot, vWant.data(), (size_t)nSize) != 0) Fail("loaded bytes differ from the file", llAt);
     long long llEnd = (llBlock + (nSize + CACHE_BLOCK_SIZE - 1) / CACHE_BLOCK_SIZE) * CACHE_BLOCK_SIZE;
-    for (long long o = s.m_llCacheBlockOffset + nSize; o < llEnd; o++)
-        if (l.m_pCache->m_pCacheBufferAddr[o] != Filler(o / CACHE_BLOCK_SIZE)) Fail("written past the block", o);
+    long long llChanged = FirstChanged(l.m_pCache, s.m_llCacheBlockOffset + nSize, llEnd);
+    if (llChanged >= 0) Fail("written past the block", llChanged);
 }
 
 void CheckBlocks(Loader& l, const std::set<long long>& watched, LPCacheBufferBlockOperate* arSlot, int nSlots)
@@ -133,9 +150,8 @@ void CheckBlocks(Loader& l, const std::set<long long>& watched, LPCacheBufferBlo
             if (it.first < b && it.first * CACHE_BLOCK_SIZE + arSlot[it.second]->m_nBlockSize > b * CACHE_BLOCK_SIZE)
                 bCovered = true;
         if (bCovered) continue;
-        LPBYTE lpBlock = l.m_pCache->m_pCacheBufferAddr + b * CACHE_BLOCK_SIZE;
-        for (int i = 0; i < CACHE_BLOCK_SIZE; i++)
-            if (lpBlock[i] != Filler(b)) Fail("a block no slot loaded was written", b * CACHE_BLOCK_SIZE + i);
+        long long llChanged = FirstChanged(l.m_pCache, b * CACHE_BLOCK_SIZE, (b + 1) * CACHE_BLOCK_SIZE);
+        if (llChanged >= 0) Fail("a block no slot loaded was written", llChanged);
     }
 }
 
@@ -147,10 +163,13 @@ void CheckHeadArea(Loader& l, LPCacheBufferBlockOperate lpGroup, int nNum, BYTE 
     long long llSlotsFrom = (LPBYTE)lpGroup - lpBase;
     long long llSlotsTo = llSlotsFrom + (long long)nNum * (long long)SLOT_BYTES;
     long long llPos = (LPBYTE)&l.m_pCache->m_pCacheBufferHead->m_stFileCacheLoadInfo[bFileNo].m_bStorageLoadPos - lpBase;
-    for (long long o = 0; o < (long long)FUZZCACHE_HEAD_AREA; o++) {
-        if ((o >= llSlotsFrom && o < llSlotsTo) || o == llPos) continue;
-        if (lpBase[o] != l.m_vHead[(size_t)o]) Fail("head area written outside the group", o);
-    }
+    // The reading position lies in the head, before every slot.
+    const long long llArea = (long long)FUZZCACHE_HEAD_AREA;
+    const long long arFrom[] = {0, llPos + 1, std::min(llSlotsTo, llArea)};
+    const long long arTo[] = {llPos, std::min(llSlotsFrom, llArea), llArea};
+    for (int i = 0; i < 3; i++)
+        if (arTo[i] > arFrom[i] && memcmp(lpBase + arFrom[i], l.m_vHead.data() + arFrom[i], (size_t)(arTo[i] - arFrom[i])) != 0)
+            Fail("head area written outside the group", arFrom[i]);
 }
 
 } // namespace
