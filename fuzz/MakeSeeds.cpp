@@ -4,8 +4,12 @@
 // block taken through updates with its rollback area (the stand-in's rows),
 // a redo ring of the stand-in's records and the group files the daemon's
 // writer makes of it, sealed by its stop for the archiver, and the engine's
-// answers to channel command 3 over the maker's files. Run by fuzz/make-corpus; argv[1] is fuzz/corpus.
+// answers to channel command 3 over the maker's files; for the shared
+// cache, the head area of a used cache as the daemon's own cache object
+// leaves it (fuzz/FuzzCache.h) and ring entries and load slots as the
+// engine fills them. Run by fuzz/make-corpus; argv[1] is fuzz/corpus.
 #include "DbFileLayout.h"
+#include "FuzzCache.h"
 #include "FuzzDatabase.h"
 #include "LogManager.h"
 #include "MkdbTool.h"
@@ -388,6 +392,206 @@ void ChannelSeeds()
     }
 }
 
+// ---- The shared cache ----
+
+std::string Bytes(const void* p, size_t n) { return std::string((const char*)p, n); }
+
+// The survivor's head area: as the used cache leaves it, cut to its head,
+// half built, made at another LRU share, damaged under an attached engine,
+// with a free chain that loops and with a load group outside the cache.
+void CacheSurvivorSeeds()
+{
+    std::vector<BYTE> v = talvorfuzz::MakeUsedCacheHead(talvorfuzz::FUZZCACHE_LRU);
+    if (v.empty()) exit(1);
+    const std::string strUsed = Bytes(v.data(), v.size());
+    WriteSeed("CacheSurvivor", "ready-used", strUsed);
+    WriteSeed("CacheSurvivor", "ready-head", strUsed.substr(0, sizeof(CacheBufferHead)));
+    std::string s = strUsed;
+    ((LPCacheBufferHead)&s[0])->m_bStatus = CACHESTATUS_BUILDING;
+    WriteSeed("CacheSurvivor", "building", s.substr(0, sizeof(CacheBufferHead)));
+    s = strUsed;
+    ((LPCacheBufferHead)&s[0])->m_nDataFlag = 0;
+    WriteSeed("CacheSurvivor", "bad-mark-attached", s + std::string(1, '\x01'));
+    s = strUsed;
+    UINT nFree = (UINT)((LPCacheBufferHead)&s[0])->m_nFreeNo;
+    memcpy(&s[(size_t)CacheLinkOffset(nFree)], &nFree, sizeof(nFree));
+    WriteSeed("CacheSurvivor", "free-loop", s);
+    s = strUsed;
+    ((LPCacheBufferHead)&s[0])->m_stFileCacheLoadInfo[3].m_nCacheLoadHeadOffset = 32LL * 1048576 - 64;
+    WriteSeed("CacheSurvivor", "group-outside", s.substr(0, sizeof(CacheBufferHead)));
+    std::vector<BYTE> vOther = talvorfuzz::MakeUsedCacheHead(70);
+    if (vOther.empty()) exit(1);
+    WriteSeed("CacheSurvivor", "ready-lru70", Bytes(vOther.data(), vOther.size()));
+    int nId = shmget(SHMKEY_CACHEBUFFER, 0, 0);
+    if (nId >= 0) shmctl(nId, IPC_RMID, nullptr);
+}
+
+// One ring record of CacheFlushEntry: the entry and the first bytes of the
+// place it names.
+std::string FlushRecord(const stu_CacheFlush& e, const void* lpPlace, size_t nPlace)
+{
+    std::string s = Bytes(&e, sizeof(e));
+    std::string strPlace(256, '\0');
+    memcpy(&strPlace[0], lpPlace, nPlace < 256 ? nPlace : 256);
+    return s + strPlace;
+}
+
+std::string DataRecord(BYTE bFileNo, UINT nBlockNo, long long llCache, long long llFile)
+{
+    stu_CacheFlush e;
+    memset((void*)&e, 0, sizeof(e));
+    e.m_bBlockType = CACHEFLUSH_DATA;
+    e.m_bFileNo = bFileNo;
+    e.m_bFlushCode = 3;
+    e.m_nBlockNo = nBlockNo;
+    e.m_nBlockSize = CACHE_BLOCK_SIZE;
+    e.m_llTimestamp = e.m_llTransTimestamp = 7000;
+    e.m_llCacheBlockOffset = llCache;
+    e.m_llFileBlockOffset = llFile;
+    BLOCKHEAD h;
+    memset(&h, 0, sizeof(h));
+    h.m_nDataFlag = BLOCK_DATAFLAG;
+    h.m_nBlockNo = nBlockNo;
+    h.m_nTimestamp = 7000;
+    h.m_nLockTimestamp = 99;
+    h.m_nBlockSize = CACHE_BLOCK_SIZE;
+    h.m_bStatus = 3;
+    h.m_bFileNo = bFileNo;
+    h.m_bSaveFlag = 1;
+    h.m_bThreadNum = 2;
+    h.m_bFlushCode = 3;
+    h.m_bFlushFlag = 1;
+    return FlushRecord(e, &h, sizeof(h));
+}
+
+std::string PageRecord(BYTE bType, BYTE bFileNo, BYTE bFileType, BYTE bImage, long long llImages, long long llFile,
+                       UINT nMapNo)
+{
+    stu_CacheFlush e;
+    memset((void*)&e, 0, sizeof(e));
+    e.m_bBlockType = bType;
+    e.m_bReserved = bImage;
+    e.m_bFileNo = bFileNo;
+    e.m_nBlockNo = nMapNo;
+    e.m_nBlockSize = CACHE_PAGE_SIZE;
+    e.m_llCacheBlockOffset = llImages + (long long)bImage * CACHE_PAGE_SIZE;
+    e.m_llFileBlockOffset = llFile;
+    std::string strPage(256, '\0');
+    bool bIndex = bFileType == FILETYPE_INDEX;
+    int nMark = bType == CACHEFLUSH_HEAD    ? (bIndex ? INDEXFILE_DATAFLAG : TABLEFILE_DATAFLAG)
+                : bType == CACHEFLUSH_EXHEAD ? (bIndex ? INDEXFILEEX_DATAFLAG : TABLEFILEEX_DATAFLAG)
+                                             : BLOCKMAP_CACHE_DATAFLAG;
+    memcpy(&strPage[0], &nMark, sizeof(nMark));
+    if (bType == CACHEFLUSH_HEAD) {
+        ((LPTABLEFILEHEAD)&strPage[0])->m_bFileType = bFileType;
+        ((LPTABLEFILEHEAD)&strPage[0])->m_bFileNo = bFileNo;
+    }
+    if (bType == CACHEFLUSH_EXHEAD) ((LPTABLEFILEHEADEX)&strPage[0])->m_bFileNo = bFileNo;
+    if (bType == CACHEFLUSH_MAP) ((LPBASEFILEBLOCKMAPHEAD_CACHE)&strPage[0])->m_nMapNo = (int)nMapNo;
+    return FlushRecord(e, strPage.data(), strPage.size());
+}
+
+std::string TimestampRecord(long long llTs, int nImage, long long llTsImages, int nNum)
+{
+    stu_CacheFlush e;
+    memset((void*)&e, 0, sizeof(e));
+    e.m_bBlockType = CACHEFLUSH_TIMESTAMPS;
+    e.m_llTimestamp = llTs;
+    e.m_nTimestampNum = nNum;
+    std::string strArray(256, '\0');
+    if (nImage >= 0) {
+        e.m_bReserved = (BYTE)nImage;
+        e.m_llCacheBlockOffset = llTsImages + (long long)nImage * CACHEFLUSH_TSIMAGE_SIZE;
+        for (int i = 0; i < 8; i++) {
+            long long llValue = llTs - i;
+            memcpy(&strArray[(size_t)i * 8], &llValue, 8);
+        }
+    }
+    return FlushRecord(e, strArray.data(), strArray.size());
+}
+
+// Ring entries of either pipeline: data blocks of each file, heads, maps
+// and extended heads from the pool, timestamps with and without an array,
+// and entries the pipeline must refuse.
+void CacheFlushSeeds()
+{
+    using namespace talvorfuzz;
+    CACHELAYOUT l;
+    if (!CacheComputeLayoutMB(FUZZCACHE_MB, FUZZCACHE_LRU, l)) exit(1);
+    long long llBlock = CacheBlockOffset(l.m_nFirstFreeNo + 20);
+    long long llImages = l.m_llFlashBackOffset;
+    long long llTsImages = llImages + (long long)CACHE_FLUSHFILE_NUM * CACHE_PAGE_SIZE;
+    std::string strHead("\x00\x03", 2);
+    WriteSeed("CacheFlushEntry", "table-data",
+              strHead + DataRecord(FUZZCACHE_DIRECT_NO, 5, llBlock, 5LL * CACHE_BLOCK_SIZE) +
+                  DataRecord(FUZZCACHE_BUFFERED_NO, 9, llBlock + CACHE_BLOCK_SIZE, 9LL * CACHE_BLOCK_SIZE) +
+                  TimestampRecord(7000, 0, llTsImages, 8) + TimestampRecord(7001, -1, llTsImages, 0));
+    WriteSeed("CacheFlushEntry", "table-pages",
+              std::string("\x00\x7f", 2) +
+                  PageRecord(CACHEFLUSH_HEAD, FUZZCACHE_DIRECT_NO, FILETYPE_TABLE, 0, llImages, 0, 0) +
+                  PageRecord(CACHEFLUSH_MAP, FUZZCACHE_DIRECT_NO, FILETYPE_TABLE, 1, llImages, 2LL * CACHE_PAGE_SIZE, 1) +
+                  PageRecord(CACHEFLUSH_EXHEAD, FUZZCACHE_BUFFERED_NO, FILETYPE_TABLE, 2, llImages, CACHE_PAGE_SIZE, 0) +
+                  TimestampRecord(7002, 1, llTsImages, CACHEFLUSH_TSNUM_CLEAR));
+    WriteSeed("CacheFlushEntry", "index",
+              std::string("\x01\x09", 2) + DataRecord(FUZZCACHE_INDEX_NO, 12, llBlock, 12LL * CACHE_BLOCK_SIZE) +
+                  PageRecord(CACHEFLUSH_HEAD, FUZZCACHE_INDEX_NO, FILETYPE_INDEX, 3, llImages, 0, 0) +
+                  PageRecord(CACHEFLUSH_MAP, FUZZCACHE_INDEX_NO, FILETYPE_INDEX, 4, llImages, 3LL * CACHE_PAGE_SIZE, 2) +
+                  TimestampRecord(7003, 2, llTsImages, 4));
+    WriteSeed("CacheFlushEntry", "refused",
+              strHead + DataRecord(FUZZCACHE_DIRECT_NO, 5, CACHE_BLOCK_SIZE, 5LL * CACHE_BLOCK_SIZE) +
+                  DataRecord(FUZZCACHE_DIRECT_NO, 6, llBlock, FUZZCACHE_FILE_SIZE) +
+                  DataRecord(FUZZCACHE_DIRECT_NO, 7, llBlock, 0) + DataRecord(30, 7, llBlock, 7LL * CACHE_BLOCK_SIZE) +
+                  DataRecord(FUZZCACHE_NOBACKEND_NO, 7, llBlock, 7LL * CACHE_BLOCK_SIZE) +
+                  PageRecord(CACHEFLUSH_MAP, FUZZCACHE_DIRECT_NO, FILETYPE_TABLE, 200, llImages, 2LL * CACHE_PAGE_SIZE, 1) +
+                  PageRecord(CACHEFLUSH_EXHEAD, FUZZCACHE_DIRECT_NO, FILETYPE_TABLE, 5, llImages, 0, 0));
+}
+
+std::string LoadSlot(BYTE bFileNo, UINT nBlockNo, long long llCache, long long llFile, int nSize, int nVerifyDelta = 0)
+{
+    CacheBufferBlockOperate s;
+    memset((void*)&s, 0, sizeof(s));
+    s.m_bFileNo = bFileNo;
+    s.m_nBlockNo = nBlockNo;
+    s.m_llCacheBlockOffset = llCache;
+    s.m_llFileBlockOffset = llFile;
+    s.m_nBlockSize = nSize;
+    s.m_bVerification = (BYTE)((llCache / CACHE_BLOCK_SIZE) % 255 + 1 + nVerifyDelta);
+    return Bytes(&s, sizeof(s));
+}
+
+// Load slots: blocks of each file (one ending in a zero byte), a file
+// recorded longer and one shorter than it is, and requests to refuse.
+void CacheLoadSeeds()
+{
+    using namespace talvorfuzz;
+    CACHELAYOUT l;
+    if (!CacheComputeLayoutMB(FUZZCACHE_MB, FUZZCACHE_LRU, l)) exit(1);
+    long long llBlock = CacheBlockOffset(l.m_nFirstFreeNo + 20);
+    const long long B = CACHE_BLOCK_SIZE;
+    WriteSeed("CacheLoadSlot", "direct",
+              std::string("\x00\x00\x00", 3) + LoadSlot(FUZZCACHE_DIRECT_NO, 5, llBlock, 5 * B, CACHE_BLOCK_SIZE) +
+                  LoadSlot(FUZZCACHE_DIRECT_NO, 6, llBlock + B, 6 * B, CACHE_BLOCK_SIZE));
+    WriteSeed("CacheLoadSlot", "buffered",
+              std::string("\x01\x3e\x00", 3) + LoadSlot(FUZZCACHE_BUFFERED_NO, 7, llBlock, 7 * B, CACHE_BLOCK_SIZE) +
+                  LoadSlot(FUZZCACHE_BUFFERED_NO, 8, llBlock + 2 * B, 8 * B, CACHE_BLOCK_SIZE) +
+                  LoadSlot(FUZZCACHE_BUFFERED_NO, 9, llBlock + 4 * B, 9 * B, CACHE_BLOCK_SIZE, 1));
+    WriteSeed("CacheLoadSlot", "recorded-longer",
+              std::string("\x00\x00\x40", 3) +
+                  LoadSlot(FUZZCACHE_DIRECT_NO, 257, llBlock, FUZZCACHE_FILE_SIZE + B, CACHE_BLOCK_SIZE));
+    WriteSeed("CacheLoadSlot", "recorded-shorter",
+              std::string("\x00\x00\xf0", 3) +
+                  LoadSlot(FUZZCACHE_DIRECT_NO, 250, llBlock, 250 * B, CACHE_BLOCK_SIZE));
+    WriteSeed("CacheLoadSlot", "refused",
+              std::string("\x00\x05\x00", 3) + LoadSlot(30, 5, llBlock, 5 * B, CACHE_BLOCK_SIZE) +
+                  LoadSlot(FUZZCACHE_NOBACKEND_NO, 5, llBlock, 5 * B, CACHE_BLOCK_SIZE) +
+                  LoadSlot(FUZZCACHE_DIRECT_NO, 5, B, 5 * B, CACHE_BLOCK_SIZE) +
+                  LoadSlot(FUZZCACHE_DIRECT_NO, 5, llBlock, 5 * B, 2 * CACHE_BLOCK_SIZE) +
+                  LoadSlot(FUZZCACHE_DIRECT_NO, 6, llBlock, 5 * B, CACHE_BLOCK_SIZE) +
+                  LoadSlot(FUZZCACHE_DIRECT_NO, 5, llBlock + 100, 5 * B, CACHE_BLOCK_SIZE) +
+                  LoadSlot(FUZZCACHE_DIRECT_NO, 5, l.m_llFIFOOffset, 5 * B, CACHE_BLOCK_SIZE) +
+                  LoadSlot(FUZZCACHE_DIRECT_NO, 5, llBlock, 0, CACHE_BLOCK_SIZE));
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -407,5 +611,8 @@ int main(int argc, char** argv)
     ChannelSeeds();
     ArchiveSeeds(strWork);
     ChannelAnswerSeeds(strWork);
+    CacheSurvivorSeeds();
+    CacheFlushSeeds();
+    CacheLoadSeeds();
     return 0;
 }

@@ -28,8 +28,17 @@ inline constexpr int CACHEFLUSH_TSIMAGE_SIZE = SYSTEMFILE_TIMESTAMP_NUM * (int)s
 // A timestamp count that asks to clear the committed array.
 inline constexpr int CACHEFLUSH_TSNUM_CLEAR = 255;
 // The fit test: looks at 1 microsecond, then at 1 ms, then go ahead.
+// The fuzz build (TALVOR_FUZZ, which defines TALVOR_FUZZ_SHORT_WAITS) looks
+// twice of each: its inputs name targets that never fit, and the full
+// schedule (0.1 s an entry) would turn a ring of them into a hang. What an
+// entry does after the looks is the same either way.
+#ifdef TALVOR_FUZZ_SHORT_WAITS
+inline constexpr int CACHEFLUSH_FIT_FAST_LOOKS = 2;
+inline constexpr int CACHEFLUSH_FIT_SLOW_LOOKS = 4;
+#else
 inline constexpr int CACHEFLUSH_FIT_FAST_LOOKS = 100;
 inline constexpr int CACHEFLUSH_FIT_SLOW_LOOKS = 200;
+#endif
 // FileSpaceManage every so many entries while the ring is busy.
 inline constexpr int CACHEFLUSH_SPACE_EVERY = 33;
 // Growth of a file short of room, and the zeros buffer that writes it.

@@ -222,16 +222,21 @@ BYTE CTalvorCacheStorage::CarryOutBlock(LPTALVORCRITICALSECTION lpCritSection, s
 {
     const CacheFlushKind& kind = *run.pKind;
     int nSize = p->m_nBlockSize;
+    BYTE bType = p->m_bBlockType;
     LPBYTE lpBuffer = run.lpWork;
     LPBYTE lpLarge = nullptr;
-    if (nSize > kind.nWorkSize) {
+    // Only a type FlushBlock writes fills the buffer, and EntryInBounds has
+    // held its size to the segment. Any other type FlushBlock passes over:
+    // its size is whatever the engine left there and must not have this
+    // thread ask for up to 2 GiB, nor fail (and withhold the timestamps
+    // behind it) when that cannot be had.
+    if (nSize > kind.nWorkSize && (bType == CACHEFLUSH_DATA || IsPageType(bType))) {
         lpLarge = (LPBYTE)get_aligned_buffer((size_t)nSize);
         lpBuffer = lpLarge;
     }
     int nRet = lpBuffer != nullptr ? pFile->m_pStorageFile->FlushBlock(lpCritSection, p, lpBuffer) : 1;
     free(lpLarge);
     GiveBackImage(p);
-    BYTE bType = p->m_bBlockType;
     long long llPlace = FilePlace(p);
     if (nRet == 0) {
         ForgetFailed(run, p->m_bFileNo, llPlace);

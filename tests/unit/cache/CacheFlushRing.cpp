@@ -6,6 +6,10 @@
 // through the backend.
 #include "FlushRingFixture.h"
 
+#include <cstdio>
+#include <sys/resource.h>
+#include <unistd.h>
+
 using namespace cachetest;
 using talvortest::FileOp;
 
@@ -148,6 +152,58 @@ TEST_F(FlushRing, UnknownFileAndFileWithoutBackendGetTheirCodes)
     EXPECT_EQ(0, Val(m_pCache->m_pFlushFile[3].m_bStatus));
     EXPECT_TRUE(Traced(60006001, "file number 200"));
     EXPECT_TRUE(Traced(60006002, "file number: 9"));
+}
+
+// The limit on this process's address space: set to what it uses now and
+// llMore bytes more, given back at the end of the scope.
+class AddressSpaceLimit {
+public:
+    explicit AddressSpaceLimit(long long llMore)
+    {
+        m_bSet = getrlimit(RLIMIT_AS, &m_old) == 0;
+        long long llPages = 0;
+        FILE* f = fopen("/proc/self/statm", "r");
+        if (f != nullptr) {
+            if (fscanf(f, "%lld", &llPages) != 1) llPages = 0;
+            fclose(f);
+        }
+        struct rlimit r = m_old;
+        r.rlim_cur = (rlim_t)(llPages * sysconf(_SC_PAGESIZE) + llMore);
+        m_bSet = m_bSet && llPages > 0 && setrlimit(RLIMIT_AS, &r) == 0;
+    }
+    ~AddressSpaceLimit()
+    {
+        if (m_bSet) setrlimit(RLIMIT_AS, &m_old);
+    }
+    bool Set() const { return m_bSet; }
+
+private:
+    struct rlimit m_old;
+    bool m_bSet = false;
+};
+
+// Found by the CacheFlushEntry fuzz target (regress-unknown-type-huge-size):
+// an entry of a type FlushBlock passes over still had a buffer of its
+// m_nBlockSize made for it, up to 2 GiB a time. Where that cannot be had the
+// entry failed, and a failed entry withholds every later timestamp.
+TEST_F(FlushRing, AnUnknownTypeOfAnySizeIsPassedOverWithoutABufferOfThatSize)
+{
+    MakeRing();
+    stu_CacheFlush* p = PostData(30, 40LL * FS_PART, false);
+    p->m_bBlockType = 68;
+    p->m_nBlockSize = 0x7FFFFE00;
+    PostTimestamp(9000, -1, 0);
+    m_vLogical = m_vDisk;
+    {
+        AddressSpaceLimit limit(512LL * 1048576);
+        ASSERT_TRUE(limit.Set());
+        Run();
+    }
+    EXPECT_EQ((std::vector<int>{CACHEFLUSH_DONE, CACHEFLUSH_DONE}), Results());
+    ASSERT_EQ(1u, m_module.m_vCommits.size());
+    EXPECT_EQ(9000, m_module.m_vCommits[0].llTimestamp);
+    EXPECT_TRUE(Writes().empty());
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vDisk));
 }
 
 // --- Failed writes and the timestamps behind them ------------------------------
