@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <string>
 
@@ -33,6 +34,18 @@ inline void PrintRatio(const char* lpszWhat, const char* lpszReference, const ch
     double dRef = NsPerOp()[lpszReference], dOurs = NsPerOp()[lpszOurs];
     if (dRef <= 0 || dOurs <= 0) return;
     printf("%-34s %7.2f ns vs %7.2f ns  ratio %5.2f (goal >= %.1f)\n", lpszWhat, dOurs, dRef, dRef / dOurs, dGoal);
+}
+
+// The whole of a value bench: run the registered benchmarks, then print
+// the ratios fnReport asks for.
+inline int RunRatioBench(int argc, char** argv, const std::function<void()>& fnReport)
+{
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    printf("\n");
+    fnReport();
+    return 0;
 }
 
 } // namespace talvorbench

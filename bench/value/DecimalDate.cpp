@@ -27,6 +27,7 @@
 typedef float _Decimal128 __attribute__((mode(TD)));
 
 using talvorbench::PrintRatio;
+using talvorbench::RunRatioBench;
 using talvorbench::Record;
 
 namespace {
@@ -272,16 +273,13 @@ BENCHMARK(BM_StrftimeFormat);
 
 int main(int argc, char** argv)
 {
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    printf("\n");
-    PrintRatio("decimal add / _Decimal128", "d128_add", "add", 1.0);
-    PrintRatio("decimal multiply / _Decimal128", "d128_mul", "mul", 1.0);
-    PrintRatio("decimal divide / _Decimal128", "d128_div", "div", 1.0);
-    PrintRatio("decimal parse / strtod", "strtod", "parse", 1.0);
-    PrintRatio("date parse / strptime+timegm", "strptime", "date_parse", 1.0);
-    PrintRatio("date format / gmtime_r+strftime", "strftime", "date_format", 1.0);
-    PrintRatio("fixed date form / gmtime_r+strftime", "strftime", "date_fixed", 1.0);
-    return 0;
+    return RunRatioBench(argc, argv, [] {
+        PrintRatio("decimal add / _Decimal128", "d128_add", "add", 1.0);
+        PrintRatio("decimal multiply / _Decimal128", "d128_mul", "mul", 1.0);
+        PrintRatio("decimal divide / _Decimal128", "d128_div", "div", 1.0);
+        PrintRatio("decimal parse / strtod", "strtod", "parse", 1.0);
+        PrintRatio("date parse / strptime+timegm", "strptime", "date_parse", 1.0);
+        PrintRatio("date format / gmtime_r+strftime", "strftime", "date_format", 1.0);
+        PrintRatio("fixed date form / gmtime_r+strftime", "strftime", "date_fixed", 1.0);
+    });
 }

@@ -15,6 +15,7 @@
 #include <vector>
 
 using talvorbench::PrintRatio;
+using talvorbench::RunRatioBench;
 using talvorbench::Record;
 
 namespace {
@@ -127,15 +128,12 @@ BENCHMARK(BM_TypedDoubleHashOnly);
 
 int main(int argc, char** argv)
 {
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    printf("\n");
-    PrintRatio("typed int64 compare+hash / plain", "plain_int64", "typed_int64", 0.3);
-    PrintRatio("typed double compare+hash / plain", "plain_double", "typed_double", 0.3);
-    PrintRatio("  typed int64 compare alone", "plain_int64", "typed_int64_compare", 0.3);
-    PrintRatio("  typed int64 hash alone", "plain_int64", "typed_int64_hash", 0.3);
-    PrintRatio("  typed double compare alone", "plain_double", "typed_double_compare", 0.3);
-    PrintRatio("  typed double hash alone", "plain_double", "typed_double_hash", 0.3);
-    return 0;
+    return RunRatioBench(argc, argv, [] {
+        PrintRatio("typed int64 compare+hash / plain", "plain_int64", "typed_int64", 0.3);
+        PrintRatio("typed double compare+hash / plain", "plain_double", "typed_double", 0.3);
+        PrintRatio("  typed int64 compare alone", "plain_int64", "typed_int64_compare", 0.3);
+        PrintRatio("  typed int64 hash alone", "plain_int64", "typed_int64_hash", 0.3);
+        PrintRatio("  typed double compare alone", "plain_double", "typed_double_compare", 0.3);
+        PrintRatio("  typed double hash alone", "plain_double", "typed_double_hash", 0.3);
+    });
 }

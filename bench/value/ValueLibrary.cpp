@@ -23,6 +23,7 @@
 #include <vector>
 
 using talvorbench::PrintRatio;
+using talvorbench::RunRatioBench;
 using talvorbench::Record;
 
 namespace {
@@ -193,12 +194,9 @@ BENCHMARK(BM_SizeClassPool);
 
 int main(int argc, char** argv)
 {
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    printf("\n");
-    PrintRatio("keyword lookup / unordered_map", "unordered_map", "keyword", 1.0);
-    PrintRatio("page pool / malloc+free", "malloc_small", "page_pool", 2.0);
-    PrintRatio("size-class pool / malloc+free", "malloc_buffers", "size_class_pool", 2.0);
-    return 0;
+    return RunRatioBench(argc, argv, [] {
+        PrintRatio("keyword lookup / unordered_map", "unordered_map", "keyword", 1.0);
+        PrintRatio("page pool / malloc+free", "malloc_small", "page_pool", 2.0);
+        PrintRatio("size-class pool / malloc+free", "malloc_buffers", "size_class_pool", 2.0);
+    });
 }
