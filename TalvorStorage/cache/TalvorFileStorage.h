@@ -361,7 +361,7 @@ private:
     BOOL DataCopyPasses(const stu_CacheFlush* p, LPBASEBLOCKHEAD lpCopy, LPBASEBLOCKHEAD lpLive, int nSize);
     int AfterDataWrite(const stu_CacheFlush* p, LPBASEBLOCKHEAD lpLive, int nRet, BOOL bNewer);
     BOOL InsideFile(long long llOffset, int nSize) const;
-    // WriteBlock, then the buffers holding the range written out: 0 once
-    // the bytes are on disk; 1 traced. Takes m_crit twice.
+    // The bytes straight to the file, and into every buffer holding the
+    // range: 0 once they are on disk; 1 traced. Takes m_crit.
     int WriteThrough(LPTALVORCRITICALSECTION lpCritSection, long long llPos, LPBYTE lpBuf, int nSize);
 };

@@ -5,8 +5,9 @@
 // A request is answered done, and the live block's marks cleared, only
 // once the copy is on disk: held in a write buffer it would die with the
 // daemon, while the engine took the block for clean and a later committed
-// timestamp would stand for it. So a request's write goes through the
-// buffers, which stay right for the readers, and straight out of them.
+// timestamp would stand for it. So a request's bytes go straight to the
+// file, and into every buffer holding the range, which so stays right for
+// the readers; a buffer is never written out whole for one block.
 //
 // The peer keeps changing the live block, or gives its cache block to
 // another block, while the request waits. So the live block is read only
@@ -47,10 +48,9 @@ LPBYTE CTalvorFileStorage::CacheAddress(long long llOffset, int nSize) const
 int CTalvorFileStorage::WriteThrough(LPTALVORCRITICALSECTION lpCritSection, long long llPos, LPBYTE lpBuf,
                                      int nSize)
 {
-    int nRet = WriteBlock(lpCritSection, llPos, lpBuf, nSize);
-    if (nRet != 0 || !HasBuffers()) return nRet;
+    if (nSize < 1 || lpBuf == nullptr || llPos < 0) return 1;
     CTalvorCriticalSectionPtr lock(&m_crit, lpCritSection);
-    return WriteOutOverlapping(llPos, nSize, "FlushBlock");
+    return WriteDirect(llPos, lpBuf, nSize);
 }
 
 BOOL CTalvorFileStorage::InsideFile(long long llOffset, int nSize) const
