@@ -107,6 +107,17 @@ void ExpectFileInCache(const std::string& strCache, const std::string& strFile, 
         << "first map block of file " << nFileNo;
 }
 
+const long long GROWN = 4 * E2E_MIB + 2 * 64 * E2E_MIB;
+
+// The file has grown to its reserve, and its head on disk, written after
+// the zeros, says so.
+bool GrownOnDisk(const std::string& strPath)
+{
+    if (FileSizeOf(strPath) != GROWN) return false;
+    std::string strHead = ReadFileAt(strPath, 0, sizeof(TABLEFILEHEAD));
+    return strHead.size() == sizeof(TABLEFILEHEAD) && Val(((const TABLEFILEHEAD*)strHead.data())->m_nFileTotalSize) == GROWN;
+}
+
 // Waits until the daemon's trace holds strWhat nTimes.
 bool WaitForCount(DaemonSandbox& box, const std::string& strWhat, size_t nTimes)
 {
@@ -131,10 +142,10 @@ TEST(CacheStart, CacheModeFilesHangInTheCacheAndGrowToTheirReserve)
 
     // A file with no more than 128 MiB unused grows by 64 MiB at a time in
     // the flush threads' idle moments, its head on disk following.
-    const long long llGrown = 4 * E2E_MIB + 2 * 64 * E2E_MIB;
+    const long long llGrown = GROWN;
     for (const char* lpName : {"Table3.dbf", "Index4.dbf"}) {
         std::string strPath = box.DataDir() + lpName;
-        EXPECT_TRUE(WaitUntil([&] { return FileSizeOf(strPath) == llGrown; }, 60000))
+        EXPECT_TRUE(WaitUntil([&] { return GrownOnDisk(strPath); }, 60000, 20))
             << lpName << " has " << FileSizeOf(strPath) << " bytes\n" << box.ReadDaemonTrace();
     }
     std::string strCache = DumpCache(box, 4 * E2E_MIB);
@@ -187,9 +198,8 @@ TEST(CacheStart, ACacheAKilledDaemonLeftIsTakenOverWholeAndKeptByAFailedStart)
     pid_t pid = box.StartDaemon();
     ASSERT_GT(pid, 0);
     ASSERT_TRUE(WaitReady(box)) << box.ReadDaemonTrace();
-    const long long llGrown = 4 * E2E_MIB + 2 * 64 * E2E_MIB;
-    ASSERT_TRUE(WaitUntil([&] { return FileSizeOf(box.DataDir() + "Index4.dbf") == llGrown; }, 60000));
-    ASSERT_TRUE(WaitUntil([&] { return FileSizeOf(box.DataDir() + "Table3.dbf") == llGrown; }, 60000));
+    ASSERT_TRUE(WaitUntil([&] { return GrownOnDisk(box.DataDir() + "Index4.dbf"); }, 60000, 20));
+    ASSERT_TRUE(WaitUntil([&] { return GrownOnDisk(box.DataDir() + "Table3.dbf"); }, 60000, 20));
     box.Signal(pid, SIGKILL);
     ASSERT_NE(-1, box.WaitExit(pid, 10000));
     const long long llHeadArea = 2 * PAGE;

@@ -62,6 +62,27 @@ bool WriteFileAt(const std::string& strPath, long long nOffset, const std::strin
     return WriteWith(strPath, O_WRONLY, nOffset, strData);
 }
 
+std::string ReadFileAt(const std::string& strPath, long long nOffset, long long nSize)
+{
+    std::string strData;
+    int fd = open(strPath.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0 || nSize <= 0) {
+        if (fd >= 0) close(fd);
+        return strData;
+    }
+    strData.resize((size_t)nSize);
+    long long nDone = 0;
+    while (nDone < nSize) {
+        ssize_t n = pread(fd, &strData[(size_t)nDone], (size_t)(nSize - nDone), (off_t)(nOffset + nDone));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        nDone += n;
+    }
+    close(fd);
+    strData.resize((size_t)nDone);
+    return strData;
+}
+
 long long FileSizeOf(const std::string& strPath)
 {
     struct stat st;

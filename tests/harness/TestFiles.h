@@ -15,6 +15,9 @@ std::string ReadWholeFile(const std::string& strPath);
 bool WriteWholeFile(const std::string& strPath, const std::string& strData);
 // Writes strData over the file's bytes from nOffset on, in place.
 bool WriteFileAt(const std::string& strPath, long long nOffset, const std::string& strData);
+// Up to nSize bytes of the file from nOffset on; fewer at its end, empty
+// when it cannot be read.
+std::string ReadFileAt(const std::string& strPath, long long nOffset, long long nSize);
 // Size in bytes, or -1 when the path names nothing.
 long long FileSizeOf(const std::string& strPath);
 bool PathExists(const std::string& strPath);

@@ -3,6 +3,7 @@
 // and what it leaves when the cache fills. The blocks expected in the cache
 // are computed here from the file layout the test wrote, and compared with
 // the file's bytes read past every layer.
+#include "TestClock.h"
 #include "CacheFixture.h"
 #include "FaultFileIO.h"
 #include "TalvorCachePreloadReader.h"
@@ -382,6 +383,13 @@ int ThreadCount()
     return n;
 }
 
+// The process is back to n threads. A joined thread's task may stay in
+// /proc for a moment after the join returns; a leaked one stays for good.
+bool ThreadsSettleAt(int n)
+{
+    return talvortest::WaitUntil([n] { return ThreadCount() == n; }, 2000);
+}
+
 // A read-failure line as the sink saw it: on which thread, and how many
 // blocks the preload had copied by then.
 struct FailureLine {
@@ -526,7 +534,7 @@ TEST_F(CachePreload, ACacheFullInTheFirstPieceEndsTheReaderWithItsReadAndWithout
             io.OnCall(talvortest::FileOp::PRead, nullptr);
             io.AfterCall(talvortest::FileOp::PRead, nullptr);
         }
-        EXPECT_EQ(nThreads, ThreadCount()) << "a reader thread outlived the preload";
+        EXPECT_TRUE(ThreadsSettleAt(nThreads)) << "a reader thread outlived the preload";
         EXPECT_EQ(S_OK, hr);
         EXPECT_EQ(CACHESTATUS_READY, Val(Head()->m_bStatus));
         EXPECT_EQ(0u, m_pCache->m_nFreeNo);
@@ -562,7 +570,7 @@ TEST_F(CachePreload, ManyPiecesOfBothKindsLandWholeAndInTheOrderOfTheFiles)
     ASSERT_GT(tab.vOffsets.back(), PIECE_END);
     int nThreads = ThreadCount();
     EXPECT_EQ(S_OK, m_pCache->InitCacheHead(nullptr));
-    EXPECT_EQ(nThreads, ThreadCount());
+    EXPECT_TRUE(ThreadsSettleAt(nThreads));
     std::vector<std::pair<TestFile*, int>> vWant;
     for (int b = 0; b < (int)vIndex.size(); b++) vWant.push_back({&idx, b});
     for (int b = 1; b < (int)tab.vBlocks.size(); b++) vWant.push_back({&tab, b});
@@ -614,7 +622,7 @@ TEST_F(CachePreload, TheReaderHandsOverItsLinesOnlyWhenTheReadIsTaken)
         EXPECT_TRUE(CPreloadReader::Stop(r));
         EXPECT_EQ(1u, watch.Of(READ_FAILED_CODE).size());
     }
-    EXPECT_EQ(nThreads, ThreadCount());
+    EXPECT_TRUE(ThreadsSettleAt(nThreads));
     free(lpBuf);
 }
 
@@ -627,9 +635,7 @@ TEST_F(CachePreload, AReaderEndedByTheStopLeavesItsReadsToTheCaller)
     ASSERT_NE(nullptr, r);
     bExit = 1;
     // The idle reader sees the stop within a slice and ends on its own.
-    for (int i = 0; i < 50 && ThreadCount() != nThreads; i++)
-        std::this_thread::sleep_for(std::chrono::milliseconds(PRELOAD_READER_SLICE_MS));
-    EXPECT_EQ(nThreads, ThreadCount());
+    EXPECT_TRUE(ThreadsSettleAt(nThreads));
     LPBYTE lpBuf = (LPBYTE)CTalvorCacheStorage::get_aligned_buffer((size_t)P);
     ASSERT_NE(nullptr, lpBuf);
     talvortest::FaultFileIO io;
