@@ -1,0 +1,58 @@
+// TalvorBackupFile.cpp — the backup name rule and the backup time stamp.
+#include "TalvorBackupFile.h"
+
+#include <cstdio>
+#include <cstring>
+#include <sys/time.h>
+
+namespace {
+
+// Seconds from 1601-01-01 to 1970-01-01.
+const long long FILETIME_UNIX_EPOCH_SECONDS = 11644473600LL;
+
+} // namespace
+
+int TalvorBackupDirectory(const char* lpArchiveDesPath, int nPathSize, char* lpDir)
+{
+    lpDir[0] = '\0';
+    if (lpArchiveDesPath == nullptr || nPathSize <= 0) return BACKUPDIR_EMPTY;
+    int nLen = 0;
+    while (nLen < nPathSize && lpArchiveDesPath[nLen] != '\0' && lpArchiveDesPath[nLen] != ';') nLen++;
+    if (nLen == 0) return BACKUPDIR_EMPTY;
+    // A cut element would name a directory the operator never gave.
+    if (nLen > BACKUP_DIR_MAX) return BACKUPDIR_TOOLONG;
+    // A relative one would land under whatever directory the daemon runs in.
+    if (lpArchiveDesPath[0] != '/') return BACKUPDIR_RELATIVE;
+    const char* lpSep = lpArchiveDesPath[nLen - 1] == '/' ? "" : "/";
+    snprintf(lpDir, BACKUP_PATH_MAX, "%.*s%sBackup/", nLen, lpArchiveDesPath, lpSep);
+    return BACKUPDIR_OK;
+}
+
+int TalvorBackupFilePath(const char* lpArchiveDesPath, int nPathSize, long long nTimestamp, char* lpPath)
+{
+    char szDir[BACKUP_PATH_MAX];
+    int nDir = TalvorBackupDirectory(lpArchiveDesPath, nPathSize, szDir);
+    if (nDir != BACKUPDIR_OK) {
+        lpPath[0] = '\0';
+        return nDir;
+    }
+    snprintf(lpPath, BACKUP_PATH_MAX, "%sTalvorBackup%lld.fbk", szDir, nTimestamp);
+    return BACKUPDIR_OK;
+}
+
+FILETIME TalvorBackupFileTime(long long nSeconds, long long nMicros)
+{
+    unsigned long long nTicks =
+        ((unsigned long long)(nSeconds + FILETIME_UNIX_EPOCH_SECONDS) * 1000000ULL + (unsigned long long)nMicros) * 10ULL;
+    FILETIME ft;
+    ft.dwLowDateTime = (DWORD)(nTicks & 0xFFFFFFFFULL);
+    ft.dwHighDateTime = (DWORD)(nTicks >> 32);
+    return ft;
+}
+
+FILETIME TalvorBackupTimeNow()
+{
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    return TalvorBackupFileTime((long long)tv.tv_sec, (long long)tv.tv_usec);
+}
