@@ -36,7 +36,7 @@ int TalvorBackupFilePath(const char* lpArchiveDesPath, int nPathSize, long long 
         lpPath[0] = '\0';
         return nDir;
     }
-    snprintf(lpPath, BACKUP_PATH_MAX, "%sTalvorBackup%lld.fbk", szDir, nTimestamp);
+    snprintf(lpPath, BACKUP_PATH_MAX, "%.230sTalvorBackup%lld.fbk", szDir, nTimestamp);
     return BACKUPDIR_OK;
 }
 
