@@ -97,8 +97,9 @@ public:
 
     // --- Backups (BreltMemStorageBackup.cpp). Storage thread; no latch held.
     // The backup file of nTimestamp under the first archive destination:
-    // opened read-only, or made anew (an older one of that name removed).
-    // A handle for CloseBackupFile, or null (traced).
+    // opened read-only, or made anew (an older one of that name removed),
+    // for direct, synchronous I/O. A handle — a CTalvorDirectFile — for
+    // CloseBackupFile, or null (traced).
     void* OpenBackupFullFile(char* lpArchiveDesPath, int nPathSize, long long nTimestamp, BOOL bReadOnly);
     void CloseBackupFile(void* hFile);
     // Removes the backup file of nTimestamp; a failure is ignored.
@@ -115,10 +116,45 @@ public:
     BOOL BackupFullCore(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress, void* hFile,
                         LPBYTE lpBuffer, int nBufSize, const LPBYTE& lpFileHeadBuf, long long nTimestamp, int nLogNo,
                         int nLogPos, UINT ulLocalIP, const volatile BYTE& bAbort);
+    // The incremental backup of level bLevel at nTimestamp: what changed at
+    // or after nRefTimestamp (BreltMemStorageBackupIncrement.cpp). TRUE when
+    // the whole file is on the medium (the archiver is then told); FALSE on
+    // failure or abort, with no file left behind.
     BOOL BackupIncremental(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress,
                            char* lpArchiveDesPath, int nPathSize, BYTE bLevel, long long nTimestamp,
                            long long nRefTimestamp, int nLogNo, int nLogPos, UINT ulLocalIP,
                            const volatile BYTE& bAbort);
+    // Its body on an open backup file. Allocates the five buffers, which
+    // the caller frees.
+    BOOL BackupIncrementalCore(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress,
+                               void* hBkUpFile, BYTE bLevel, long long nTimestamp, long long nRefTimestamp,
+                               int nLogNo, int nLogPos, UINT ulLocalIP, const LPBYTE& lpHeadBuf,
+                               const LPBYTE& lpIncrementHeadBuf, const LPBYTE& lpFileHeadBuf,
+                               const LPBYTE& lpBlockMapBuf, const LPBYTE& lpBlockBuf, const volatile BYTE& bAbort);
+    // Writes the page at nIncrementHeadPos with nItemIndex items; without
+    // bEnd it points at nWritePos and starts the next page there.
+    BOOL WriteIncrementHeadData(void* hBkUpFile, LPBYTE lpIncrementHeadBuf, int nIncrementHeadSize,
+                                const int& nItemIndex, const long long& nIncrementHeadPos, const long long& nWritePos,
+                                BOOL bEnd);
+
+    // --- Restore (BreltMemStorageRestore.cpp). Storage thread, or a tool;
+    // no latch held; touches no shared memory but the progress record.
+    // Rebuilds the files of the chain that ends in the backup of nTimestamp:
+    // its level 0 backup, then each incremental in rising level. FALSE on
+    // the first failure (traced).
+    BOOL RecoverIncrement(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress,
+                          char* lpArchiveDesPath, int nPathSize, long long nTimestamp);
+    // Restores one level 0 backup.
+    BOOL Recover(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress, char* lpArchiveDesPath,
+                 int nPathSize, long long nTimestamp);
+    BOOL RecoverCore(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress, void* hFile,
+                     LPBYTE lpBuffer, int nBufSize, const LPBYTE& lpFileHeadBuf, long long nTimestamp);
+    // Applies one incremental backup of level nLevel. The handles and
+    // buffers are filled by it; the caller closes and frees what is set.
+    BOOL RecoverIncrementCore(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress,
+                              char* lpArchiveDesPath, int nPathSize, long long nTimestamp, int nLevel,
+                              const void*& hDestFile, const void*& hBkUpFile, const LPBYTE& lpFileHeadBuf,
+                              const LPBYTE& lpIncrementHeadBuf, const LPBYTE& lpBlockBuf);
     HRESULT WriteCacheTableTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long nTimestamp,
                                      LPBYTE lpTableTimestamp, int nTimestampNum);
     HRESULT WriteCacheIndexTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long nTimestamp,

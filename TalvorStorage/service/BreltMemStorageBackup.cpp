@@ -12,6 +12,7 @@
 #include "BreltMemStorage.h"
 
 #include "TalvorBackupFile.h"
+#include "TalvorDirectFile.h"
 #include "TalvorCacheStorage.h"
 #include "TalvorFileIO.h"
 #include "TalvorFlashback.h"
@@ -49,7 +50,7 @@ struct BackupWriter {
     long long nFlushed;
 };
 
-int WriterFd(void* hFile) { return hFile != nullptr ? *(int*)hFile : -1; }
+int WriterFd(void* hFile) { return hFile != nullptr ? ((CTalvorDirectFile*)hFile)->Fd() : -1; }
 
 BOOL WriteAt(int fd, const void* lpBuf, long long nSize, long long nPos, LONG nCode)
 {
@@ -218,46 +219,33 @@ void* CBreltMemStorageModule::OpenBackupFullFile(char* lpArchiveDesPath, int nPa
         return nullptr;
     }
     CTalvorFileIO* pIO = CTalvorFileIO::Current();
-    int fd = -1;
-    if (bReadOnly) {
-        fd = TalvorPathExists(szPath) ? pIO->Open(szPath, O_RDONLY | O_DIRECT | O_SYNC | O_CLOEXEC, 0) : -1;
-        if (fd < 0) {
-            TraceBackupOpenFailure(nCode, szPath, TalvorPathExists(szPath) ? errno : ENOENT);
-            return nullptr;
-        }
-    } else {
-        MakeDir(szPath);
-        if (TalvorPathExists(szPath) && pIO->Unlink(szPath) != 0) {
-            TraceBackupOpenFailure(nCode, szPath, errno);
-            return nullptr;
-        }
-        fd = pIO->Open(szPath, O_RDWR | O_CREAT | O_EXCL | O_DIRECT | O_SYNC | O_CLOEXEC, 0666);
-        if (fd < 0) {
-            TraceBackupOpenFailure(nCode, szPath, errno);
-            return nullptr;
-        }
-        // The name must survive a power loss together with what the file
-        // will hold.
-        TalvorSyncParentDirectory(szPath);
-    }
-    pIO->FChmod(fd, 0666);
-    int* pHandle = (int*)malloc(sizeof(int));
-    if (pHandle == nullptr) {
-        pIO->Close(fd);
-        if (!bReadOnly) pIO->Unlink(szPath);
+    CTalvorDirectFile* pFile = new (std::nothrow) CTalvorDirectFile();
+    if (pFile == nullptr) {
         TraceBackupOpenFailure(nCode, szPath, ENOMEM);
         return nullptr;
     }
-    *pHandle = fd;
-    return pHandle;
+    if (bReadOnly) {
+        if (!TalvorPathExists(szPath) || !pFile->Open(szPath, O_RDONLY)) {
+            TraceBackupOpenFailure(nCode, szPath, TalvorPathExists(szPath) ? errno : ENOENT);
+            delete pFile;
+            return nullptr;
+        }
+        return pFile;
+    }
+    MakeDir(szPath);
+    if ((TalvorPathExists(szPath) && pIO->Unlink(szPath) != 0) || !pFile->Open(szPath, O_RDWR | O_CREAT | O_EXCL)) {
+        TraceBackupOpenFailure(nCode, szPath, errno);
+        delete pFile;
+        return nullptr;
+    }
+    pIO->FChmod(pFile->Fd(), 0666);
+    // The name must survive a power loss together with what the file will
+    // hold.
+    TalvorSyncParentDirectory(szPath);
+    return pFile;
 }
 
-void CBreltMemStorageModule::CloseBackupFile(void* hFile)
-{
-    if (hFile == nullptr) return;
-    CTalvorFileIO::Current()->Close(*(int*)hFile);
-    free(hFile);
-}
+void CBreltMemStorageModule::CloseBackupFile(void* hFile) { delete (CTalvorDirectFile*)hFile; }
 
 void CBreltMemStorageModule::DeleteBackupFile(char* lpArchiveDesPath, int nPathSize, long long nTimestamp)
 {
