@@ -185,19 +185,6 @@ void CBreltMemStorageModule::RunBackupCommand(LPTALVORCRITICALSECTION lpCritSect
     TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_FINISHED);
 }
 
-// An incremental backup is not served by this build: the command fails as
-// a failed backup does, and no file is left behind.
-BOOL CBreltMemStorageModule::BackupIncremental(LPTALVORCRITICALSECTION, LPTALVORPROGRESS, char*, int, BYTE bLevel,
-                                               long long nTimestamp, long long nRefTimestamp, int, int, UINT,
-                                               const volatile BYTE&)
-{
-    Trace("BackupIncremental", 1, 10016001,
-          TALVOR_TEXT("本服务尚不能执行增量备份,级别:%d,时间戳:%lld,参考时间戳:%lld",
-                      "Incremental backups cannot be served yet, level: %d, timestamp: %lld, reference timestamp: %lld"),
-          (int)bLevel, nTimestamp, nRefTimestamp);
-    return FALSE;
-}
-
 // A rebuild over a database that is up would load every file a second
 // time: it is refused, and the database goes on as it is.
 void CBreltMemStorageModule::RebuildCommand(LPTALVORCRITICALSECTION lpCritSection, UINT nMaxID)
