@@ -40,4 +40,9 @@ std::string CacheCheckJobUsage();
 int RunCacheJob(const std::vector<std::string>& args);
 std::string CacheJobUsage();
 
+// standby-node: a standby node's listener that takes shipped log records
+// (PeerStandbyNode.cpp).
+int RunStandbyNodeJob(const std::vector<std::string>& args);
+std::string StandbyNodeJobUsage();
+
 } // namespace talvorpeer

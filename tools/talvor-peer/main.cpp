@@ -21,6 +21,8 @@ const PeerJob g_arJobs[] = {
     {"cache", "work on the cache-mode files in the shared cache: blocks, loads, flush entries", RunCacheJob,
      CacheJobUsage},
     {"command", "ask the storage thread through m_bStorageCMD and time its answers", RunCommandJob, CommandJobUsage},
+    {"standby-node", "a standby node's listener: take shipped log records into copies of the logs", RunStandbyNodeJob,
+     StandbyNodeJobUsage},
 };
 
 void PrintUsage(FILE* pOut)
