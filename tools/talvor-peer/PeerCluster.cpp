@@ -104,9 +104,11 @@ void Report(CPeerClusterLink& link, BYTE bCode, const char* lpOutcome, bool bRun
 }
 
 // A code the daemon does not know: the whole wait, then whether anything
-// in the record moved. The engine takes its own unknown code back.
-int RunUnknown(CPeerClusterLink& link, BYTE bCode, int nWaitMs, bool bKeep, long long nStart)
+// in the record moved. The engine takes its own unknown code back, and the
+// flags it raised with it.
+int RunUnknown(CPeerClusterLink& link, const ClusterArgs& args, int nWaitMs, bool bKeep, long long nStart)
 {
+    BYTE bCode = args.m_bCode;
     bool bMoved = false;
     auto Moved = [&] {
         LPTALVORCOMMAND lpCmd = link.Command();
@@ -117,7 +119,10 @@ int RunUnknown(CPeerClusterLink& link, BYTE bCode, int nWaitMs, bool bKeep, long
     link.WaitUntil(Moved, nWaitMs);
     Moved();
     Report(link, bCode, bMoved ? "changed" : "unchanged", false, nStart);
-    if (!bKeep) link.TakeAnswer();
+    if (bKeep) return bMoved ? PEER_NOT_SERVED : PEER_OK;
+    link.TakeAnswer();
+    if (args.m_bForbid) TalvorStoreShared(&link.Command()->m_bForbidSaveFlag, 0);
+    if (args.m_bHeadForbid) link.WithHead([](LPSYSTEMFILEHEAD lpHead) { TalvorStoreShared(&lpHead->m_bForbidSaveFlag, 0); });
     return bMoved ? PEER_NOT_SERVED : PEER_OK;
 }
 
@@ -149,6 +154,7 @@ int RunKnown(CPeerClusterLink& link, const CPeerArgs& opts, BYTE bCode, BYTE bFi
 std::string ClusterJobUsage()
 {
     return "usage: talvor-peer cluster CODE [options]\n"
+           "       talvor-peer cluster look    (the state line, nothing sent)\n"
            "Writes the arguments of a cluster command, then CODE, and waits for its final value\n"
            "(1 for 18, 19, 40, 41, 46; 0 for 10, 11, 16, 17, 47, 250; other codes are left alone by\n"
            "the daemon: the whole wait, then the code is taken back). m_bResult is 238 before the\n"
@@ -157,9 +163,24 @@ std::string ClusterJobUsage()
            DescribeOptions(g_vClusterOptions);
 }
 
+// "cluster look": the state line only, nothing sent.
+int RunLook(const std::vector<std::string>& args)
+{
+    CPeerArgs opts;
+    long long nAttachMs = 0;
+    if (!opts.Parse(std::vector<std::string>(args.begin() + 1, args.end()), g_vClusterOptions) ||
+        !opts.GetInt("wait-attach-ms", DEFAULT_ATTACH_MS, 0, 600000, nAttachMs))
+        return PEER_USAGE;
+    CPeerClusterLink link;
+    if (!link.Attach((int)nAttachMs)) return PEER_IPC;
+    printf("look %s\n", DescribeClusterState(link.Look()).c_str());
+    return PEER_OK;
+}
+
 int RunClusterJob(const std::vector<std::string>& args)
 {
     BYTE bCode = 0;
+    if (!args.empty() && args[0] == "look") return RunLook(args);
     if (args.empty() || !ParseCode(args[0], bCode)) {
         fprintf(stderr, "talvor-peer cluster: CODE (0 to 255) first\n%s", ClusterJobUsage().c_str());
         return PEER_USAGE;
@@ -189,7 +210,7 @@ int RunClusterJob(const std::vector<std::string>& args)
     long long nStart = NowMillis();
     link.Send(stArgs);
     int nFinal = ClusterFinalOf(bCode);
-    if (nFinal == CLUSTER_NO_FINAL) return RunUnknown(link, bCode, (int)nWaitMs, opts.Has("keep"), nStart);
+    if (nFinal == CLUSTER_NO_FINAL) return RunUnknown(link, stArgs, (int)nWaitMs, opts.Has("keep"), nStart);
     return RunKnown(link, opts, bCode, (BYTE)nFinal, (int)nWaitMs, nStart);
 }
 
