@@ -19,11 +19,11 @@ protected:
 
     // The daemon still runs its storage thread: a pass asked through
     // m_bStorageCMD is answered.
-    void ExpectServing(bool bAfterRebuild = false)
+    void ExpectServing(bool bHeadReady = false)
     {
         std::vector<std::string> vCmd = {PeerPath(), "command", "--count", "3", "--code", "2", "--gap-us", "0",
                                          "--wait-ready-ms", "5000"};
-        if (bAfterRebuild) vCmd.push_back("--after-rebuild");
+        if (bHeadReady) vCmd.push_back("--head-ready");
         std::string strOut;
         EXPECT_EQ(0, m_box.Run(vCmd, 60000, &strOut)) << strOut << m_box.ReadDaemonTrace();
         EXPECT_NE(std::string::npos, strOut.find("answered=3")) << strOut;
@@ -31,11 +31,11 @@ protected:
 
     // Commits nCount changes through the stand-in and waits until a pass
     // has committed the last on disk; the journal then verifies.
-    void ExpectCommitsReachDisk(bool bAfterRebuild, const std::string& strJournal)
+    void ExpectCommitsReachDisk(bool bHeadReady, const std::string& strJournal)
     {
         std::vector<std::string> vCmd = {PeerPath(), "data", "--journal", strJournal, "--live", "--count", "60",
                                          "--pause-us", "2000", "--blocks", "4", "--seed", "11"};
-        if (bAfterRebuild) vCmd.push_back("--after-rebuild");
+        if (bHeadReady) vCmd.push_back("--head-ready");
         std::string strOut;
         ASSERT_EQ(0, m_box.Run(vCmd, 120000, &strOut)) << strOut << m_box.ReadDaemonTrace();
         long long nLast = NumberAfter(strOut, "last timestamp ");

@@ -77,7 +77,7 @@ bool CPeerEngine::Attach(int nWaitMs)
 bool CPeerEngine::StatusReady()
 {
     int nStatus = TalvorLoadShared(&m_lpChannel->m_TalvorProgress.m_nStatus);
-    return nStatus == 2 || (m_bAfterRebuild && Head()->m_bStatus == 0);
+    return nStatus == 2 || (m_bHeadReady && Head()->m_bStatus == 0);
 }
 
 void CPeerEngine::SetLive(bool bLive)
