@@ -98,7 +98,9 @@ void ShowProgress(CPeerClusterLink& link, BackupJob& job)
 {
     LPTALVORPROGRESS lpProgress = link.Progress();
     char szTitle[sizeof(job.m_szTitle)] = {0};
-    memcpy(szTitle, lpProgress->m_lpTitle, sizeof(lpProgress->m_lpTitle));
+    // The daemon writes the title while the backup runs: byte by byte, as
+    // every field shared with it.
+    for (size_t i = 0; i < sizeof(lpProgress->m_lpTitle); i++) szTitle[i] = TalvorLoadShared(&lpProgress->m_lpTitle[i]);
     int nPos = TalvorLoadShared(&lpProgress->m_nPos);
     int nTotal = TalvorLoadShared(&lpProgress->m_nTotal);
     if (nPos == job.m_nPos && nTotal == job.m_nTotal && strcmp(szTitle, job.m_szTitle) == 0) return;
