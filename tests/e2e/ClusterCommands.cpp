@@ -204,6 +204,32 @@ TEST_F(ClusterCommands, ClearThenRebuildServesTheNewFilesAndTracesEachRemoval)
     ExpectCommitsReachDisk(true, m_box.Root() + "/journal");
 }
 
+// A rebuild with no database on disk fails: no head comes up, the command
+// still ends at 0, and the flag of the head that is gone is not touched
+// (the command's stays up with it). New files and a second 17 then work.
+TEST_F(ClusterCommands, AFailedRebuildLeavesNoHeadAndASecondOneOnNewFilesWorks)
+{
+    ClusterLine st = Cluster(m_box, "16");
+    ASSERT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+    st = Cluster(m_box, "17");
+    EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+    EXPECT_EQ(0, st.m_nFinal);
+    EXPECT_EQ(CLUSTER_NO_HEAD_SEEN, st.m_nHeadForbid) << "a head came up from no files";
+    EXPECT_EQ(1, st.m_nCmdForbid) << "the flags are cleared only with a head";
+    EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("10013001")) << m_box.ReadDaemonTrace();
+    ASSERT_TRUE(m_box.IsRunning(m_pid));
+    ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), SMALL_DB));
+    st = Cluster(m_box, "17");
+    EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+    EXPECT_EQ(0, st.m_nFinal);
+    EXPECT_EQ(0, st.m_nCmdForbid);
+    EXPECT_EQ(0, st.m_nHeadForbid);
+    Inspection ins = Inspect(m_box, m_box.DataDir());
+    EXPECT_TRUE(ins.m_bSystemImage) << ins.m_strText;
+    EXPECT_EQ(0, ins.m_nSystemStatus);
+    ExpectCommitsReachDisk(true, m_box.Root() + "/journal");
+}
+
 TEST_F(ClusterCommands, RebuildWithoutClearKeepsOneDescriptorPerFileAndStillCommits)
 {
     std::map<std::string, int> mapBefore = OpenFilesUnder(m_pid, m_box.DataDir());

@@ -20,6 +20,8 @@ const int CLUSTER_WAIT_MS = 60000;
 // The stand-in's mark in m_bResult before a command: a result the daemon
 // did not write shows as this.
 const int RESULT_UNSET = 238;
+// head_forbid of a report when there is no system image.
+const int CLUSTER_NO_HEAD_SEEN = -1;
 const std::vector<std::string> CLUSTER_DB_FILES = {"System.dbf", "Data2.dbf", "BTree3.dbf", "KV4.dbf"};
 
 // One line of the cluster or backup job, its fields read.
