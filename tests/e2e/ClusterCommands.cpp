@@ -6,6 +6,8 @@
 // never on two descriptors of one file.
 #include "ClusterKit.h"
 
+#include <memory>
+
 using namespace talvortest;
 
 namespace {
@@ -166,6 +168,30 @@ TEST_F(ClusterCommands, StandbySlotsHoldOnlyWhatConnects)
     EXPECT_TRUE(WaitUntil([&] { return Look(m_box).m_nStandby == 0; }, 30000, 100)) << m_box.ReadDaemonTrace();
     EXPECT_EQ(0, st.m_nCmdForbid);
     EXPECT_EQ(0, st.m_nHeadForbid);
+    ExpectServing();
+}
+
+// 256 slots, each held by a connection of its own; the next address finds
+// none free. (The counter is one byte: it is checked up to 255 only.)
+TEST_F(ClusterCommands, AllSlotsBusyReportsTen)
+{
+    const int SLOTS = 256;
+    std::vector<std::unique_ptr<Listener>> vListeners;
+    for (int i = 0; i <= SLOTS; i++) {
+        vListeners.emplace_back(new Listener());
+        ASSERT_GT(vListeners.back()->Port(), 0);
+    }
+    for (int i = 0; i < SLOTS; i++) {
+        ClusterLine st = Cluster(m_box, "18", {"--ip", "127.0.0.1", "--port", std::to_string(vListeners[i]->Port())});
+        ASSERT_EQ(0, st.m_nResult) << "slot " << i << "\n" << st.m_strText << m_box.ReadDaemonTrace();
+        if (i < 255) ASSERT_EQ(i + 1, st.m_nStandby);
+    }
+    ClusterLine st = Cluster(m_box, "18", {"--ip", "127.0.0.1", "--port", std::to_string(vListeners[SLOTS]->Port())});
+    EXPECT_EQ(1, st.m_nFinal);
+    EXPECT_EQ(10, st.m_nResult) << st.m_strText;
+    // A held address still resets its own slot when all are busy.
+    st = Cluster(m_box, "18", {"--ip", "127.0.0.1", "--port", std::to_string(vListeners[7]->Port())});
+    EXPECT_EQ(0, st.m_nResult) << st.m_strText;
     ExpectServing();
 }
 
