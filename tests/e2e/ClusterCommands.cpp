@@ -184,7 +184,9 @@ TEST_F(ClusterCommands, AllSlotsBusyReportsTen)
     for (int i = 0; i < SLOTS; i++) {
         ClusterLine st = Cluster(m_box, "18", {"--ip", "127.0.0.1", "--port", std::to_string(vListeners[i]->Port())});
         ASSERT_EQ(0, st.m_nResult) << "slot " << i << "\n" << st.m_strText << m_box.ReadDaemonTrace();
-        if (i < 255) ASSERT_EQ(i + 1, st.m_nStandby);
+        if (i < 255) {
+            ASSERT_EQ(i + 1, st.m_nStandby);
+        }
     }
     ClusterLine st = Cluster(m_box, "18", {"--ip", "127.0.0.1", "--port", std::to_string(vListeners[SLOTS]->Port())});
     EXPECT_EQ(1, st.m_nFinal);
