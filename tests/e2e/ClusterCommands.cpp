@@ -243,7 +243,7 @@ TEST_F(ClusterCommands, AFailedRebuildLeavesNoHeadAndASecondOneOnNewFilesWorks)
     EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
     EXPECT_EQ(0, st.m_nFinal);
     EXPECT_EQ(CLUSTER_NO_HEAD_SEEN, st.m_nHeadForbid) << "a head came up from no files";
-    EXPECT_EQ(1, st.m_nCmdForbid) << "the flags are cleared only with a head";
+    EXPECT_EQ(1, st.m_nCmdForbid) << "the flags are cleared only with a head\n" << st.m_strText << m_box.ReadDaemonTrace();
     EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("10013001")) << m_box.ReadDaemonTrace();
     ASSERT_TRUE(m_box.IsRunning(m_pid));
     ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), SMALL_DB));
@@ -272,6 +272,21 @@ TEST_F(ClusterCommands, RebuildWithoutClearKeepsOneDescriptorPerFileAndStillComm
         EXPECT_EQ(mapBefore[Path(strName)], mapAfter[Path(strName)]) << strName;
     for (const auto& kv : mapAfter) EXPECT_GE(1, kv.second) << kv.first << " open more than once";
     ExpectCommitsReachDisk(true, m_box.Root() + "/journal");
+}
+
+// A restore is not served yet: it ends finished with no result written,
+// clears both flags of the head that stays, and touches no file.
+TEST_F(ClusterCommands, RestoreEndsFinishedWithoutAResultAndTouchesNoFile)
+{
+    std::map<std::string, std::string> mapBefore = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
+    ClusterLine st = Cluster(m_box, "46", {"--forbid", "--head-forbid", "--ts", "5"});
+    EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+    EXPECT_EQ(1, st.m_nFinal);
+    EXPECT_EQ(RESULT_UNSET, st.m_nResult) << "46 writes no result";
+    EXPECT_EQ(0, st.m_nCmdForbid);
+    EXPECT_EQ(0, st.m_nHeadForbid);
+    EXPECT_TRUE(mapBefore == Snapshot(m_box.DataDir(), CLUSTER_DB_FILES)) << "a file changed";
+    ExpectServing();
 }
 
 TEST_F(ClusterCommands, UndoCacheSpeedTestAndIncrementalEndWithTheirValues)

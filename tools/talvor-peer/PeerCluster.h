@@ -65,8 +65,9 @@ public:
     // Runs fnLook on the system head (attached for the call only). False,
     // fnLook not called, when there is no system image.
     bool WithHead(const std::function<void(LPSYSTEMFILEHEAD)>& fnLook);
-    // Writes the arguments, the result mark and the flags, then the command
-    // byte last, and posts the storage event.
+    // Writes the arguments, the result mark and the flags asked for (a flag
+    // not asked for is left as it stands), then the command byte last, and
+    // posts the storage event.
     void Send(const ClusterArgs& args);
     // Polls fnDone every millisecond until it gives true (then true) or
     // nWaitMs have passed (then false).

@@ -82,7 +82,9 @@ void CPeerClusterLink::Send(const ClusterArgs& args)
     lpCmd->m_bAbort = 0;
     lpCmd->m_bResult = CLUSTER_RESULT_UNSET;
     if (args.m_bHeadForbid) WithHead([](LPSYSTEMFILEHEAD lpHead) { TalvorStoreShared(&lpHead->m_bForbidSaveFlag, 1); });
-    TalvorStoreShared(&lpCmd->m_bForbidSaveFlag, args.m_bForbid ? 1 : 0);
+    // The flag is the engine's to raise; a command sent without it leaves
+    // the flag as it stands (after 16 it is up until the rebuild clears it).
+    if (args.m_bForbid) TalvorStoreShared(&lpCmd->m_bForbidSaveFlag, 1);
     // The arguments are in before the daemon can see the code.
     TalvorStoreShared(&lpCmd->m_bCommandType, args.m_bCode);
     if (m_hStorage != nullptr) SetEvent(m_hStorage);
