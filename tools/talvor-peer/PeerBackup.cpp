@@ -50,6 +50,12 @@ struct BackupJob {
     // when it moves.
     char m_szTitle[sizeof(((TALVORPROGRESS*)nullptr)->m_lpTitle) + 1] = {0};
     int m_nPos = -1, m_nTotal = -1;
+    // The record as the command found it: what an earlier operation (the
+    // load at start-up, an earlier backup) left there. The backup's own
+    // progress begins once the title or a smaller position shows.
+    char m_szSentTitle[sizeof(m_szTitle)] = {0};
+    int m_nSentPos = -1;
+    bool m_bOwnProgress = false;
     long long m_nRunningSince = 0;
     bool m_bAborted = false;
 };
@@ -94,15 +100,33 @@ bool ReadHead(CPeerClusterLink& link, BackupJob& job)
     });
 }
 
+void ReadTitle(CPeerClusterLink& link, char* lpTitle)
+{
+    LPTALVORPROGRESS lpProgress = link.Progress();
+    // The daemon writes the title while the backup runs: byte by byte, as
+    // every field shared with it.
+    for (size_t i = 0; i < sizeof(lpProgress->m_lpTitle); i++) lpTitle[i] = TalvorLoadShared(&lpProgress->m_lpTitle[i]);
+}
+
+// What the progress record holds before the command is sent.
+void NoteSentProgress(CPeerClusterLink& link, BackupJob& job)
+{
+    ReadTitle(link, job.m_szSentTitle);
+    job.m_nSentPos = TalvorLoadShared(&link.Progress()->m_nPos);
+}
+
 void ShowProgress(CPeerClusterLink& link, BackupJob& job)
 {
     LPTALVORPROGRESS lpProgress = link.Progress();
     char szTitle[sizeof(job.m_szTitle)] = {0};
-    // The daemon writes the title while the backup runs: byte by byte, as
-    // every field shared with it.
-    for (size_t i = 0; i < sizeof(lpProgress->m_lpTitle); i++) szTitle[i] = TalvorLoadShared(&lpProgress->m_lpTitle[i]);
+    ReadTitle(link, szTitle);
     int nPos = TalvorLoadShared(&lpProgress->m_nPos);
     int nTotal = TalvorLoadShared(&lpProgress->m_nTotal);
+    if (!job.m_bOwnProgress) {
+        bool bMoved = strcmp(szTitle, job.m_szSentTitle) != 0 || nPos < job.m_nSentPos;
+        job.m_bOwnProgress = bMoved && TalvorLoadShared(&lpProgress->m_nStatus) == PROGRESS_RUNNING;
+        if (!job.m_bOwnProgress) return;
+    }
     if (nPos == job.m_nPos && nTotal == job.m_nTotal && strcmp(szTitle, job.m_szTitle) == 0) return;
     job.m_nPos = nPos;
     job.m_nTotal = nTotal;
@@ -115,7 +139,7 @@ void AbortIfDue(CPeerClusterLink& link, BackupJob& job)
 {
     if (job.m_bAborted || job.m_nRunningSince == 0) return;
     bool bDue = job.m_nAbortAfterMs != NO_ABORT && NowMillis() - job.m_nRunningSince >= job.m_nAbortAfterMs;
-    bDue = bDue || (job.m_nAbortAtMib != NO_ABORT && job.m_nPos >= job.m_nAbortAtMib);
+    bDue = bDue || (job.m_nAbortAtMib != NO_ABORT && job.m_bOwnProgress && job.m_nPos >= job.m_nAbortAtMib);
     if (!bDue) return;
     TalvorStoreShared(&link.Command()->m_bAbort, 1);
     job.m_bAborted = true;
@@ -190,6 +214,7 @@ int RunBackupJob(const std::vector<std::string>& args)
                 (int)TalvorLoadShared(&link.Command()->m_bCommandType));
         return PEER_NOT_SERVED;
     }
+    NoteSentProgress(link, job);
     link.Send(job.m_args);
     printf("backup sent ts=%lld path=%s\n", job.m_args.m_nTimestamp, PathText(job));
     fflush(stdout);
