@@ -22,7 +22,7 @@ trap 'rm -rf "$root"' EXIT
 mkdir -p "$root/bin" "$root/Data/Talvor" "$root/Arch" "$root/cp"
 cp "$bin/TalvorStorage" "$root/bin/"
 "$bin/talvor-mkdb" --dir "$root/Data/Talvor" --name Bench --data-file $((mib + 8)) --btree-file 4 --kv-file 4 \
-  --redo-groups 2 --redo-size 4 >/dev/null
+  --redo-groups 3 --redo-size 4 >/dev/null
 # The used part of the data file: random bytes up to MIB MiB, and the head's
 # free offset (byte 78 of the file head) moved there.
 python3 - "$root/Data/Talvor/Data2.dbf" "$mib" <<'PY'
@@ -61,13 +61,17 @@ unshare --ipc --mount --propagation private bash -c '
     grep -qs "service started" "$root"/Data/Talvor/Log/TalvorStorage*.log && break
     sleep 0.05
   done
+  # Both sides read the files from the disk: the backup reads with direct
+  # I/O, so the page cache of each database file is dropped before each
+  # side (for these files only).
+  uncache() { for f in "$root"/Data/Talvor/*.dbf; do dd if="$f" iflag=nocache count=0 status=none; done; }
   # One round: cp of the database files (synced), then the backup.
   round() {
-    rm -f "$root"/cp/*; sync
+    rm -f "$root"/cp/*; sync; uncache
     start=$(now); cp "$root"/Data/Talvor/*.dbf "$root/cp/"; sync; end=$(now)
     cpbytes=$(cat "$root"/cp/*.dbf | wc -c)
     echo "$1 cpbytes=$cpbytes cpseconds=$(echo "$end - $start" | bc -l)" >> "$root/rounds.out"
-    rm -f "$root"/cp/*; sync
+    rm -f "$root"/cp/*; sync; uncache
     start=$(now); "$bin/talvor-peer" backup --full ${2:+--ts $2} --wait > "$root/backup-$1.out"; end=$(now)
     file=$(sed -n "s/^backup ts=.* path=\([^ ]*\).*/\1/p" "$root/backup-$1.out")
     echo "$1 backupbytes=$(stat -c %s "$file") backupseconds=$(echo "$end - $start" | bc -l)" >> "$root/rounds.out"
