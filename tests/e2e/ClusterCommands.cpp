@@ -6,7 +6,6 @@
 // never on two descriptors of one file.
 #include "ClusterKit.h"
 
-
 using namespace talvortest;
 
 namespace {
@@ -30,8 +29,8 @@ protected:
         EXPECT_NE(std::string::npos, strOut.find("answered=3")) << strOut;
     }
 
-    // Commits nCount changes through the stand-in and waits until a pass
-    // has committed the last on disk; the journal then verifies.
+    // Commits 60 changes through the stand-in and waits until a pass has
+    // committed the last on disk; the journal then verifies.
     void ExpectCommitsReachDisk(bool bHeadReady, const std::string& strJournal)
     {
         std::vector<std::string> vCmd = {PeerPath(), "data", "--journal", strJournal, "--live", "--count", "60",
@@ -81,8 +80,8 @@ TEST_F(ClusterCommands, UnknownCodesChangeNothingAndTheDaemonGoesOn)
 
 // The engine's view of a refused 10: the first report line (after the
 // whole wait) says refused with the code and both flags still up; the
-// stand-in then clears the command's flag and the node is added (and fails,
-// nothing listens): the code ends at 0 and both flags are down.
+// stand-in then clears the command's flag and the add runs (it ends as a
+// failed join): the code ends at 0 and both flags are down.
 TEST_F(ClusterCommands, TenIsRefusedWhileItsFlagStandsAndRunsOnceCleared)
 {
     std::string strPort = std::to_string(ClosedPort());
