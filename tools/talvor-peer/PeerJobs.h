@@ -49,4 +49,9 @@ std::string ClusterJobUsage();
 int RunBackupJob(const std::vector<std::string>& args);
 std::string BackupJobUsage();
 
+// standby-node: a standby node's listener that takes shipped log records
+// (PeerStandbyNode.cpp).
+int RunStandbyNodeJob(const std::vector<std::string>& args);
+std::string StandbyNodeJobUsage();
+
 } // namespace talvorpeer

@@ -24,6 +24,8 @@ const PeerJob g_arJobs[] = {
      ClusterJobUsage},
     {"backup", "take a full backup by cluster command 40, with a progress line", RunBackupJob, BackupJobUsage},
     {"command", "ask the storage thread through m_bStorageCMD and time its answers", RunCommandJob, CommandJobUsage},
+    {"standby-node", "a standby node's listener: take shipped log records into copies of the logs", RunStandbyNodeJob,
+     StandbyNodeJobUsage},
 };
 
 void PrintUsage(FILE* pOut)
