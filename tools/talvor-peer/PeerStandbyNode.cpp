@@ -97,7 +97,7 @@ struct NodeState {
     // Takes a run of records if it continues the copy; false otherwise.
     bool Apply(UINT nLog, long long nStart, const std::vector<char>& vData)
     {
-        bool bContinues = (nLog == nLogNo && (nEnd == 0 || nStart == nEnd)) ||
+        bool bContinues = (nLog == nLogNo && nStart == (nEnd != 0 ? nEnd : REDOLOGFILE_HEAD_SIZE)) ||
                           (nLog == nLogNo + 1 && nStart == REDOLOGFILE_HEAD_SIZE);
         if (!bContinues || nStart < REDOLOGFILE_HEAD_SIZE) return false;
         int fd = open(LogPath(nLog).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
@@ -159,7 +159,9 @@ void Serve(int sk, NodeState& st, long long nDeadlineMs)
             memset(&stAt, 0, sizeof(stAt));
             stAt.m_nTimestamp = st.nTimestamp;
             stAt.m_nLogNo = st.nLogNo;
-            stAt.m_nReadPos = (UINT)st.nEnd;
+            // A standby that holds nothing asks for its first log from the
+            // first record on (a position of 0 would skip records stamped 0).
+            stAt.m_nReadPos = (UINT)(st.nEnd != 0 ? st.nEnd : REDOLOGFILE_HEAD_SIZE);
             memcpy(stReply.m_lpszParam, &stAt, sizeof(stAt));
             if (!SendAll(sk, &stReply, sizeof(stReply))) return;
             continue;
