@@ -121,10 +121,10 @@ struct NodeState {
         return true;
     }
 
-    // The misbehaviour due now, or empty.
+    // The misbehaviour due at the shipment now in hand, or empty.
     std::string Due()
     {
-        if (strMisbehave.empty() || nDone >= nTimes || nShipments < nAfter * (nDone + 1)) return "";
+        if (strMisbehave.empty() || nDone >= nTimes || nShipments + 1 < nAfter * (nDone + 1)) return "";
         nDone++;
         return strMisbehave;
     }
@@ -176,8 +176,13 @@ void Serve(int sk, NodeState& st, long long nDeadlineMs)
         MF_STANDBY_TCP_COMMAND stParam;
         memcpy(&stParam, stAsk.m_lpszParam, sizeof(stParam));
         long long nStart = (long long)stParam.m_nReadPos - (long long)vData.size();
-        bool bTaken = st.Apply(stParam.m_nLogNo, nStart, vData);
-        std::string strDue = bTaken ? st.Due() : "";
+        std::string strDue = st.Due();
+        // A shipment answered with a failure is not taken.
+        bool bTaken = strDue != "fail" && strDue != "leave" && st.Apply(stParam.m_nLogNo, nStart, vData);
+        if (!bTaken && strDue != "fail" && strDue != "leave" && !strDue.empty()) {
+            st.nDone--;
+            strDue.clear();
+        }
         if (strDue == "close") return;
         if (strDue == "stall") {
             usleep(STALL_MS * 1000);
