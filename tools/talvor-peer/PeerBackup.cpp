@@ -1,5 +1,5 @@
 // PeerBackup.cpp — the job "backup": an operator's front over cluster
-// command 40, the full backup. It sends the command as the engine does,
+// commands 40 and 41, the full and the incremental backup. It sends the command as the engine does,
 // shows the daemon's progress record while the backup runs, sets m_bAbort
 // on request, and names the backup file at the end. Lines:
 //   backup sent ts=T path=P
@@ -27,7 +27,10 @@ const int DEFAULT_ATTACH_MS = 30000;
 const int NO_ABORT = -1;
 
 const std::vector<OptionSpec> g_vBackupOptions = {
-    {"full", false, "a full backup (command 40); the only kind served here"},
+    {"full", false, "a full backup (command 40)"},
+    {"incremental", false, "an incremental backup (command 41): what changed since --ref"},
+    {"level", true, "level of the incremental backup, 1 or more (m_bLevel)"},
+    {"ref", true, "timestamp of the backup below the incremental one (m_nTimestamp2)"},
     {"ts", true, "the backup's timestamp (default: m_nEndTimestamp of the system head)"},
     {"wait", false, "wait for the end, showing the progress"},
     {"abort-after-ms", true, "set m_bAbort this long after the daemon shows the backup running (implies --wait)"},
@@ -69,8 +72,12 @@ long long NowMillis()
 
 bool ReadBackupArgs(const CPeerArgs& opts, BackupJob& job)
 {
-    long long nTs = 0, nLogNo = 0, nLogPos = 0;
-    if (!opts.Has("full")) return false;
+    long long nTs = 0, nLogNo = 0, nLogPos = 0, nLevel = 0, nRef = 0;
+    if (opts.Has("full") == opts.Has("incremental")) return false;
+    if (opts.Has("incremental") &&
+        (!opts.GetInt("level", 0, 1, 255, nLevel) || !opts.GetInt("ref", 0, 1, 0x7FFFFFFFFFFFFFFFLL, nRef) ||
+         !opts.Has("level") || !opts.Has("ref")))
+        return false;
     if (!opts.GetInt("ts", 0, 1, 0x7FFFFFFFFFFFFFFFLL, nTs) || !opts.GetInt("log-no", 0, 0, 0xFFFFFFFFLL, nLogNo) ||
         !opts.GetInt("log-pos", 0, 0, 0xFFFFFFFFLL, nLogPos) ||
         !opts.GetInt("abort-after-ms", NO_ABORT, 0, 3600000, job.m_nAbortAfterMs) ||
@@ -79,7 +86,9 @@ bool ReadBackupArgs(const CPeerArgs& opts, BackupJob& job)
         !opts.GetInt("wait-attach-ms", DEFAULT_ATTACH_MS, 0, 600000, job.m_nAttachMs))
         return false;
     if (opts.Has("local-ip") && !ParseHostOrderIP(opts.GetString("local-ip", ""), job.m_args.m_ulLocalIP)) return false;
-    job.m_args.m_bCode = CLUSTERCMD_FULLBACKUP;
+    job.m_args.m_bCode = opts.Has("incremental") ? CLUSTERCMD_INCREMENTBACKUP : CLUSTERCMD_FULLBACKUP;
+    job.m_args.m_bLevel = (BYTE)nLevel;
+    job.m_args.m_nTimestamp2 = nRef;
     job.m_args.m_nTimestamp = nTs;
     job.m_args.m_nLogNo = (UINT)nLogNo;
     job.m_args.m_nLogPos = (UINT)nLogPos;
@@ -184,7 +193,8 @@ int WaitForBackup(CPeerClusterLink& link, BackupJob& job)
 std::string BackupJobUsage()
 {
     return "usage: talvor-peer backup --full [options]\n"
-           "Sends cluster command 40 as the engine does. With --wait (or an abort) shows the progress\n"
+           "       talvor-peer backup --incremental --level L --ref TS [options]\n"
+           "Sends cluster command 40 (41) as the engine does. With --wait (or an abort) shows the progress\n"
            "record while the backup runs and ends with the result and the backup file's path, built\n"
            "from m_lpArchiveDesPath of the system head. Exit 0 backed up (or sent, without --wait),\n"
            "3 no end in time, 5 the backup failed or was aborted, or a command was in the record.\n\n" +

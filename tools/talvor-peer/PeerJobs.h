@@ -49,6 +49,10 @@ std::string ClusterJobUsage();
 int RunBackupJob(const std::vector<std::string>& args);
 std::string BackupJobUsage();
 
+// restore: a restore by command 46, with its progress (PeerRestore.cpp).
+int RunRestoreJob(const std::vector<std::string>& args);
+std::string RestoreJobUsage();
+
 // standby-node: a standby node's listener that takes shipped log records
 // (PeerStandbyNode.cpp).
 int RunStandbyNodeJob(const std::vector<std::string>& args);

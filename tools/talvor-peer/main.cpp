@@ -24,6 +24,8 @@ const PeerJob g_arJobs[] = {
      ClusterJobUsage},
     {"backup", "take a full backup by cluster command 40, with a progress line", RunBackupJob, BackupJobUsage},
     {"command", "ask the storage thread through m_bStorageCMD and time its answers", RunCommandJob, CommandJobUsage},
+    {"restore", "restore the database from a backup chain by cluster command 46, with a progress line",
+     RunRestoreJob, RestoreJobUsage},
     {"standby-node", "a standby node's listener: take shipped log records into copies of the logs", RunStandbyNodeJob,
      StandbyNodeJobUsage},
 };
