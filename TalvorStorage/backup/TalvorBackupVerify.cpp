@@ -71,7 +71,7 @@ int OpenBackup(const char* lpszPath, int* pfd, LPBACKUPVERIFYREPORT pReport)
 
 void KeepHeadFacts(const BACKUPFILEHEAD& stHead, LPBACKUPVERIFYREPORT pReport)
 {
-    pReport->m_bHeadRead = TRUE;
+    pReport->m_bHeadKnown = TRUE;
     pReport->m_nTimestamp = stHead.m_nTimestamp;
     pReport->m_nReferTimestamp = stHead.m_nReferTimestamp;
     pReport->m_nLevel = stHead.m_bLevel;
@@ -82,8 +82,8 @@ void KeepHeadFacts(const BACKUPFILEHEAD& stHead, LPBACKUPVERIFYREPORT pReport)
     pReport->m_ftBackupTime = stHead.m_ftBackupTime;
 }
 
-// The marks and sizes of the fixed part, which every later bound rests on.
-int CheckFixedHead(const BACKUPFILEHEAD& stHead, LPBACKUPVERIFYREPORT pReport)
+// The marks of the fixed part: is this a backup file at all?
+int CheckHeadMarks(const BACKUPFILEHEAD& stHead, LPBACKUPVERIFYREPORT pReport)
 {
     if (stHead.m_nVersion != BACKUP_VERSION)
         return Refuse(pReport, BACKUPVERIFY_BADHEAD, "version is 0x%X, not 0x%X", (unsigned)stHead.m_nVersion,
@@ -93,6 +93,12 @@ int CheckFixedHead(const BACKUPFILEHEAD& stHead, LPBACKUPVERIFYREPORT pReport)
                       (unsigned)stHead.m_nFileFlag, (unsigned)BACKUP_FILEFLAG);
     if (memcmp(stHead.m_pDataFlag, BACKUP_DATAFLAG, sizeof(stHead.m_pDataFlag)) != 0)
         return Refuse(pReport, BACKUPVERIFY_BADHEAD, "data flag is not \"%s\"", BACKUP_DATAFLAG);
+    return BACKUPVERIFY_WHOLE;
+}
+
+// The sizes and level of the fixed part, which every later bound rests on.
+int CheckHeadSizes(const BACKUPFILEHEAD& stHead, LPBACKUPVERIFYREPORT pReport)
+{
     if (stHead.m_nFileNum < 1 || stHead.m_nFileNum > MAX_FILE_NUM)
         return Refuse(pReport, BACKUPVERIFY_BADHEAD, "file count %d is outside 1..%d", stHead.m_nFileNum,
                       MAX_FILE_NUM);
@@ -284,8 +290,9 @@ int VerifyOpenBackup(int fd, LPBACKUPVERIFYREPORT pReport)
     memset(&stHead, 0, sizeof(stHead));
     if (ReadExact(fd, &stHead, BACKUP_FIXED_HEAD_SIZE, 0, "the fixed head", pReport) != BACKUPVERIFY_WHOLE)
         return pReport->m_nStatus;
+    if (CheckHeadMarks(stHead, pReport) != BACKUPVERIFY_WHOLE) return pReport->m_nStatus;
     KeepHeadFacts(stHead, pReport);
-    if (CheckFixedHead(stHead, pReport) != BACKUPVERIFY_WHOLE) return pReport->m_nStatus;
+    if (CheckHeadSizes(stHead, pReport) != BACKUPVERIFY_WHOLE) return pReport->m_nStatus;
     return VerifyHeadArea(fd, stHead.m_nFileNum, stHead.m_nHeadSize, pReport);
 }
 

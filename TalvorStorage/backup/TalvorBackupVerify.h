@@ -51,8 +51,9 @@ typedef struct _BACKUPVERIFYREPORT {
     int m_nStatus;                                   // BACKUPVERIFY_*
     char m_szFinding[BACKUPVERIFY_FINDING_MAX];      // the first finding; "" when whole
     long long m_nBackupFileSize;                     // length of the backup file; -1 unknown
-    // From the fixed head, valid once it was read (m_bHeadRead).
-    BOOL m_bHeadRead;
+    // From the fixed head, valid once it carried the marks of a backup head
+    // (m_bHeadKnown); its sizes may still be refused.
+    BOOL m_bHeadKnown;
     long long m_nTimestamp;
     long long m_nReferTimestamp;
     int m_nLevel;
