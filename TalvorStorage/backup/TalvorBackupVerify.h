@@ -27,8 +27,8 @@ enum {
     BACKUPVERIFY_BADHEAD = 3,      // fixed part of the head is not a backup head
     BACKUPVERIFY_UNFINISHED = 4,   // a record is still zero: place-holder or torn head
     BACKUPVERIFY_BADRECORD = 5,    // a record out of bounds or at odds with another
-    BACKUPVERIFY_BADMARK = 6,      // a copied file's head does not match its record
-    BACKUPVERIFY_NOTSUPPORTED = 7, // an incremental backup
+    BACKUPVERIFY_BADMARK = 6,      // a copied head, map or block is not what its record or item says
+    BACKUPVERIFY_BADPAGE = 7,      // an incremental backup's page or item out of place
     BACKUPVERIFY_NOMEMORY = 8,     // the head area could not be allocated
 };
 
@@ -41,7 +41,8 @@ typedef struct _BACKUPRESTOREITEM {
     BYTE m_bFileNo;
     BYTE m_bFileType;
     long long m_nFileSize;       // size the restored file gets (zero past the copy)
-    long long m_nCopiedSize;     // bytes taken from the backup
+    long long m_nCopiedSize;     // bytes taken from the backup into the file
+    int m_nPieceNum;             // pieces written: 1 for a full copy, the items of an increment
     long long m_nHeadTimestamp;  // m_nTimestamp of the copied head; 0 with no copy
 } BACKUPRESTOREITEM, *LPBACKUPRESTOREITEM;
 
@@ -70,8 +71,11 @@ typedef struct _BACKUPVERIFYREPORT {
 
 // Checks the backup file lpszPath and fills *pReport (every field reset
 // first). Returns pReport->m_nStatus: BACKUPVERIFY_WHOLE only for a whole
-// full backup. Reads the head area whole and one head per copied file,
-// nothing else; never writes. Any thread, no latch held or taken.
+// backup — a full one, or an incremental one whose pages and pieces all
+// hold together (whether the backups below it exist is not looked at). Reads
+// the head area whole, one head per full copy, and of an incremental backup
+// each page and the first bytes of each piece; never writes. Any thread,
+// no latch held or taken.
 int TalvorVerifyBackup(const char* lpszPath, LPBACKUPVERIFYREPORT pReport);
 
 // The name of a status for messages ("whole", "truncated", ...).

@@ -67,9 +67,9 @@ void PrintItems(const BACKUPVERIFYREPORT& stReport, FILE* pOut)
 {
     for (int i = 0; i < stReport.m_nItemNum; i++) {
         const BACKUPRESTOREITEM& stItem = stReport.m_arItem[i];
-        fprintf(pOut, "  file %d (%s) %s: size %lld, %lld bytes from the backup, head timestamp %lld\n",
+        fprintf(pOut, "  file %d (%s) %s: size %lld, %lld bytes from the backup in %d pieces, head timestamp %lld\n",
                 (int)stItem.m_bFileNo, FileTypeName(stItem.m_bFileType), stItem.m_lpszFilePath, stItem.m_nFileSize,
-                stItem.m_nCopiedSize, stItem.m_nHeadTimestamp);
+                stItem.m_nCopiedSize, stItem.m_nPieceNum, stItem.m_nHeadTimestamp);
     }
 }
 
@@ -79,7 +79,11 @@ void PrintReport(const char* lpszPath, const BACKUPVERIFYREPORT& stReport, FILE*
     PrintHead(stReport, pOut);
     if (stReport.m_nStatus == BACKUPVERIFY_WHOLE) {
         fprintf(pOut, "result: whole\n");
-        fprintf(pOut, "a restore would write %d files:\n", stReport.m_nItemNum);
+        if (stReport.m_nLevel == BACKUPLEVEL_FULL)
+            fprintf(pOut, "a restore would write %d files:\n", stReport.m_nItemNum);
+        else
+            fprintf(pOut, "a restore would apply it over the backup of timestamp %lld (not looked at) to %d files:\n",
+                    stReport.m_nReferTimestamp, stReport.m_nItemNum);
     } else {
         fprintf(pOut, "result: refused (%s): %s\n", TalvorBackupVerifyStatusName(stReport.m_nStatus),
                 stReport.m_szFinding);
