@@ -188,9 +188,13 @@ TEST_F(BackupVerifyTest, FixedHeadFaultsAreRefused)
     EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_nReferTimestamp = 5; }));
     // One more: record 7 is zero.
     EXPECT_EQ(BACKUPVERIFY_UNFINISHED, StatusAfter([&](std::string& s) { Head(s)->m_nFileNum += 1; }));
-    std::string strFinding;
-    EXPECT_EQ(BACKUPVERIFY_NOTSUPPORTED, StatusAfter([&](std::string& s) { Head(s)->m_bLevel = 1; }, &strFinding));
-    EXPECT_NE(std::string::npos, strFinding.find("incremental backups are not verified yet")) << strFinding;
+    // A level above 0 must name the older backup it goes on top of; and
+    // then the copies of a full backup do not read as its pages.
+    EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_bLevel = 1; }));
+    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) {
+                  Head(s)->m_bLevel = 1;
+                  Head(s)->m_nReferTimestamp = BACKUP_TIMESTAMP - 1;
+              }));
 }
 
 TEST_F(BackupVerifyTest, RecordOutOfBoundsIsRefused)
