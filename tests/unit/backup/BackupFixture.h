@@ -198,3 +198,34 @@ private:
 };
 
 } // namespace backuptest
+
+namespace backuptest {
+
+// The whole full backup of files already on disk (vPaths, system file
+// first), each record taken from the file's own head and size, as the
+// daemon takes them from its descriptors.
+inline std::string WholeBackupOfFiles(const std::vector<std::string>& vPaths)
+{
+    std::string strHead = PlaceholderHead((int)vPaths.size());
+    std::string strData;
+    long long nPos = (long long)strHead.size();
+    for (size_t i = 0; i < vPaths.size(); i++) {
+        std::string strFile = talvortest::ReadWholeFile(vPaths[i]);
+        BASEFILEHEAD stHead;
+        memcpy(&stHead, strFile.data(), sizeof(stHead));
+        LPSTRUCT_BACKUP_FILEINFO p = Record(strHead, (int)i);
+        p->m_bFileType = stHead.m_bFileType;
+        p->m_bFileNo = stHead.m_bFileNo;
+        p->m_nFileSize = (long long)strFile.size();
+        p->m_nFileHeaderSize = stHead.m_nFileHeaderSize;
+        p->m_nFileFreeMemoryOffset = stHead.m_nFileFreeMemoryOffset;
+        snprintf(p->m_lpszFilePath, sizeof(p->m_lpszFilePath), "%s", vPaths[i].c_str());
+        p->m_nDataStartOffset = nPos;
+        strData += strFile.substr(0, (size_t)stHead.m_nFileFreeMemoryOffset);
+        nPos += stHead.m_nFileFreeMemoryOffset;
+        p->m_nDataEndOffset = nPos;
+    }
+    return strHead + strData;
+}
+
+} // namespace backuptest
