@@ -287,17 +287,24 @@ int CTalvorMemoryStorage::ReadBlock(LPTALVORCRITICALSECTION, long long llPos, LP
     }
     int fd = p != nullptr ? Talvor_FileDescriptor(p->m_hFile) : -1;
     int nErr = 0;
-    ssize_t nActual = 0;
+    long long nDone = 0;
     bool bFailed = false;
-    for (int i = 0; i < READBLOCK_TRIES; i++) {
-        ssize_t n = CTalvorFileIO::Current()->PRead(fd, lpBuf, (size_t)nSize, (off_t)llPos);
-        if (n > 0) return 0;
+    // A caller copies what it asked for (a backup takes the file piece by
+    // piece): a short read is read on, never taken for the whole.
+    for (int i = 0; i < READBLOCK_TRIES && nDone < nSize;) {
+        ssize_t n = CTalvorFileIO::Current()->PRead(fd, lpBuf + nDone, (size_t)(nSize - nDone), (off_t)(llPos + nDone));
+        if (n > 0) {
+            nDone += n;
+            continue;
+        }
         if (n < 0) {
             nErr = errno;
             bFailed = true;
         }
-        nActual = n;
+        i++;
     }
+    if (nDone == nSize) return 0;
+    ssize_t nActual = (ssize_t)nDone;
     Trace("ReadBlock", 1, 40006001,
           TALVOR_TEXT("读取的文件数据块大小不正确,错误:%s(%d),路径:%s,读取大小:%d,实际返回大小:%d,文件偏移:%lld",
                       "The file data block size read is incorrect, error: %s(%d), path: %s, read size: %d, actual return size: %d, file offset: %lld"),

@@ -69,6 +69,7 @@ void CBreltMemStorageModule::ResetFields()
     m_nClusterNodeType = 0;
     m_nStorageStopWaitMs = STORAGE_THREAD_STOP_WAIT_MS;
     m_bStorageThreadLive = FALSE;
+    m_nClearedRedoLogMaxID = 0;
 }
 
 // The ini file lies beside the executable.

@@ -9,6 +9,8 @@
 
 #include "LinuxCommonAPI.h"
 #include "MemDBCommonDef.h"
+#include "MemDBBackupDef.h"
+#include "TalvorStandby.h"
 #include "TalvorStorageDef.h"
 #include "TypeDef.h"
 
@@ -16,13 +18,12 @@
 
 class CTalvorFlashback;
 class CTalvorCacheStorage;
-class CTalvorStandby;
 class CStorageCacheBridge;
 
 // The stop flag. Written from the SIGTERM handler, so it is a sig_atomic_t.
 extern volatile sig_atomic_t g_bEixt;
 
-class CBreltMemStorageModule {
+class CBreltMemStorageModule : public ITalvorStandbyOwner {
 public:
     CBreltMemStorageModule();
 
@@ -72,6 +73,88 @@ public:
     // Storage thread; no latch held.
     HRESULT ClusterCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd,
                            LPTALVORPROGRESS lpTalvorProgress, const UINT& nRedoLogMaxID);
+
+    // --- Taking the database apart and building it again
+    // (BreltMemStorageCluster.cpp). Storage thread; no latch held.
+    // Stops the cache, releases every file and removes it from the disk
+    // (each removal traced), stops the redo service, waits for the standby
+    // slots, releases and removes the system file, and lets the rollback
+    // area go. nLogMaxID and usDBGuid receive the head's values (unchanged
+    // when no head existed). Afterwards no head exists.
+    void ClearResource(LPTALVORCRITICALSECTION lpCritSection, UINT& nLogMaxID, USHORT& usDBGuid);
+    // Brings the database up again from the system file the configuration
+    // names: environment, redo service, rollback area, files, cache. TRUE
+    // when serving; FALSE when a step failed (traced), after which nothing
+    // is held and no head exists — the files stay on disk.
+    BOOL RecoverResource(LPTALVORCRITICALSECTION lpCritSection, BOOL bRecover, UINT nLogMaxID, USHORT usDBGuid);
+    // Called by a standby thread that ends, on that thread: frees its slot
+    // and destroys the object.
+    void ReleaseStandby(CTalvorStandby* pStandby) override;
+    // Joins a node (copying the database to it). Negative on failure.
+    // Storage thread.
+    int ClusterAddNewNode(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress, UINT ulLocalIP,
+                          UINT ulIP, USHORT usPort, long long nTimestamp, BOOL bStandby, UINT nLogNo, UINT nLogPos);
+
+    // --- Backups (BreltMemStorageBackup.cpp). Storage thread; no latch held.
+    // The backup file of nTimestamp under the first archive destination:
+    // opened read-only, or made anew (an older one of that name removed),
+    // for direct, synchronous I/O. A handle — a CTalvorDirectFile — for
+    // CloseBackupFile, or null (traced).
+    void* OpenBackupFullFile(char* lpArchiveDesPath, int nPathSize, long long nTimestamp, BOOL bReadOnly);
+    void CloseBackupFile(void* hFile);
+    // Removes the backup file of nTimestamp; a failure is ignored.
+    void DeleteBackupFile(char* lpArchiveDesPath, int nPathSize, long long nTimestamp);
+    // The full backup of nTimestamp. TRUE when the whole file is on the
+    // medium (the archiver is then told); FALSE on failure or abort, with
+    // no file left behind.
+    BOOL BackupFull(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress, char* lpArchiveDesPath,
+                    int nPathSize, long long nTimestamp, int nLogNo, int nLogPos, UINT ulLocalIP,
+                    const volatile BYTE& bAbort);
+    // Writes the backup into hFile with lpBuffer (nBufSize bytes, aligned)
+    // as work buffer. Allocates the head area into lpFileHeadBuf, which the
+    // caller frees. TRUE when every byte and the final head were written.
+    BOOL BackupFullCore(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress, void* hFile,
+                        LPBYTE lpBuffer, int nBufSize, const LPBYTE& lpFileHeadBuf, long long nTimestamp, int nLogNo,
+                        int nLogPos, UINT ulLocalIP, const volatile BYTE& bAbort);
+    // The incremental backup of level bLevel at nTimestamp: what changed at
+    // or after nRefTimestamp (BreltMemStorageBackupIncrement.cpp). TRUE when
+    // the whole file is on the medium (the archiver is then told); FALSE on
+    // failure or abort, with no file left behind.
+    BOOL BackupIncremental(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress,
+                           char* lpArchiveDesPath, int nPathSize, BYTE bLevel, long long nTimestamp,
+                           long long nRefTimestamp, int nLogNo, int nLogPos, UINT ulLocalIP,
+                           const volatile BYTE& bAbort);
+    // Its body on an open backup file. Allocates the five buffers, which
+    // the caller frees.
+    BOOL BackupIncrementalCore(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress,
+                               void* hBkUpFile, BYTE bLevel, long long nTimestamp, long long nRefTimestamp,
+                               int nLogNo, int nLogPos, UINT ulLocalIP, const LPBYTE& lpHeadBuf,
+                               const LPBYTE& lpIncrementHeadBuf, const LPBYTE& lpFileHeadBuf,
+                               const LPBYTE& lpBlockMapBuf, const LPBYTE& lpBlockBuf, const volatile BYTE& bAbort);
+    // Writes the page at nIncrementHeadPos with nItemIndex items; without
+    // bEnd it points at nWritePos and starts the next page there.
+    BOOL WriteIncrementHeadData(void* hBkUpFile, LPBYTE lpIncrementHeadBuf, int nIncrementHeadSize,
+                                const int& nItemIndex, const long long& nIncrementHeadPos, const long long& nWritePos,
+                                BOOL bEnd);
+
+    // --- Restore (BreltMemStorageRestore.cpp). Storage thread, or a tool;
+    // no latch held; touches no shared memory but the progress record.
+    // Rebuilds the files of the chain that ends in the backup of nTimestamp:
+    // its level 0 backup, then each incremental in rising level. FALSE on
+    // the first failure (traced).
+    BOOL RecoverIncrement(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress,
+                          char* lpArchiveDesPath, int nPathSize, long long nTimestamp);
+    // Restores one level 0 backup.
+    BOOL Recover(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress, char* lpArchiveDesPath,
+                 int nPathSize, long long nTimestamp);
+    BOOL RecoverCore(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress, void* hFile,
+                     LPBYTE lpBuffer, int nBufSize, const LPBYTE& lpFileHeadBuf, long long nTimestamp);
+    // Applies one incremental backup of level nLevel. The handles and
+    // buffers are filled by it; the caller closes and frees what is set.
+    BOOL RecoverIncrementCore(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress,
+                              char* lpArchiveDesPath, int nPathSize, long long nTimestamp, int nLevel,
+                              const void*& hDestFile, const void*& hBkUpFile, const LPBYTE& lpFileHeadBuf,
+                              const LPBYTE& lpIncrementHeadBuf, const LPBYTE& lpBlockBuf);
     HRESULT WriteCacheTableTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long nTimestamp,
                                      LPBYTE lpTableTimestamp, int nTimestampNum);
     HRESULT WriteCacheIndexTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long nTimestamp,
@@ -93,7 +176,7 @@ public:
     USHORT GetDatabaseGuid() { return m_pMemoryFileHead ? m_pMemoryFileHead->m_usDatabaseGuid : 0; }
     LPSYSTEMFILEHEAD GetSystemFileHead() { return m_pMemoryFileHead; }
     CTalvorFlashback* GetFlashback() { return m_pFlashback; }
-    BOOL GetExitFlag() { return m_bExit; }
+    BOOL GetExitFlag() override { return m_bExit; }
     // The engine says it runs (m_bService of the channel is 1). Any thread.
     BOOL EngineRuns();
     const char* GetConfigPath() const { return m_cConfigPath; }
@@ -134,6 +217,9 @@ public:
     // Set by the stop when the storage thread did not end: FreeData then
     // leaves in place what the thread holds.
     BOOL m_bStorageThreadLive;
+    // The head's redo number when the database was last taken apart: a
+    // rebuild never numbers below it.
+    UINT m_nClearedRedoLogMaxID;
 
     // Main thread, after g_bEixt: waits for the peer process (bounded by its
     // own rules), then at most m_nStorageStopWaitMs for the storage thread;
@@ -177,6 +263,25 @@ private:
     void KeepTakenOverImages();
     void ReleaseSystemFile();
     void WaitForStandbySlots();
+
+    // --- Cluster commands (BreltMemStorageCluster.cpp).
+    // A pass before a command; a failure is traced with nCode.
+    void SaveForCommand(LPTALVORCRITICALSECTION lpCritSection, long long nTimestamp, UINT& nRedoLogMaxID, LONG nCode);
+    void ClearForbidFlags(LPTALVORCOMMAND lpClusterCmd);
+    void AddNode(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd, LPTALVORPROGRESS lpTalvorProgress,
+                 UINT& nMaxID, BOOL bStandby);
+    void RunBackupCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd,
+                          LPTALVORPROGRESS lpTalvorProgress, UINT& nMaxID, BYTE bCommand);
+    void RebuildCommand(LPTALVORCRITICALSECTION lpCritSection, UINT nMaxID);
+    void RestoreCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd);
+    void TestSpeedCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd);
+    // The result of command 18 (CLUSTERRESULT_*).
+    BYTE AddStandby(LPTALVORCOMMAND lpClusterCmd);
+    void RemoveStandby(UINT ulIP, USHORT usPort);
+    void RemoveDatabaseFile(const char* lpszPath);
+    BOOL AbandonRebuild();
+    // The database files of a backup, in file number order; their count.
+    int CollectBackupFiles(stu_FILEINFO** arFiles, long long& nTotal);
 };
 
 extern CBreltMemStorageModule _AtlModule;

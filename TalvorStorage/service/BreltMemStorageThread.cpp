@@ -120,16 +120,16 @@ BOOL CBreltMemStorageModule::EngineRuns()
 
 void CBreltMemStorageModule::ServeStorageCommands(LPTALVORCRITICALSECTION lpCritSection)
 {
-    LPSYSTEMFILEHEAD lpHead = m_pMemoryFileHead;
-    if (lpHead == nullptr) {
+    LPTALVORCOMMAND lpClusterCmd = m_pFlashback != nullptr ? m_pFlashback->GetClusterCommand() : nullptr;
+    LPTALVORPROGRESS lpProgress = m_pFlashback != nullptr ? m_pFlashback->GetTalvorProgress() : nullptr;
+    if (m_pMemoryFileHead == nullptr && lpClusterCmd == nullptr) {
         while (TalvorLoadShared(&g_bEixt) == 0) usleep(1000);
         return;
     }
-    LPTALVORCOMMAND lpClusterCmd = m_pFlashback != nullptr ? m_pFlashback->GetClusterCommand() : nullptr;
-    LPTALVORPROGRESS lpProgress = m_pFlashback != nullptr ? m_pFlashback->GetTalvorProgress() : nullptr;
-    UINT nRedoLogMaxID = TalvorLoadShared(&lpHead->m_nRedoLogMaxID);
+    LPSYSTEMFILEHEAD lpHead = nullptr;
+    UINT nRedoLogMaxID = 0;
     long long liStart = NowMicros();
-    long long liInterval = (long long)TalvorPersistenceIntervalSeconds(lpHead->m_nPersistenceIntervals) * 1000000LL;
+    long long liInterval = 0;
     int nQuickRetries = 0;
     BOOL bPending = FALSE;
     int nIdlePolls = 0;
@@ -142,6 +142,22 @@ void CBreltMemStorageModule::ServeStorageCommands(LPTALVORCRITICALSECTION lpCrit
                 WaitForSingleObject(m_hStorageEvent, POLL_WAIT_MS);
                 continue;
             }
+        }
+        // A cluster command may take the database apart and build it again:
+        // the head is the module's of this turn, and none means nothing to
+        // save.
+        if (m_pMemoryFileHead != lpHead) {
+            lpHead = m_pMemoryFileHead;
+            if (lpHead != nullptr) {
+                nRedoLogMaxID = TalvorLoadShared(&lpHead->m_nRedoLogMaxID);
+                liInterval = (long long)TalvorPersistenceIntervalSeconds(lpHead->m_nPersistenceIntervals) * 1000000LL;
+                liStart = NowMicros();
+                bPending = FALSE;
+            }
+        }
+        if (lpHead == nullptr) {
+            WaitForSingleObject(m_hStorageEvent, POLL_WAIT_MS);
+            continue;
         }
         if (TalvorLoadShared(&lpHead->m_bForbidSaveFlag) == 1) {
             WaitForSingleObject(m_hStorageEvent, POLL_WAIT_MS);
@@ -293,98 +309,5 @@ HRESULT CBreltMemStorageModule::FlushCacheFile(LPTALVORCRITICALSECTION lpCritSec
         for (int i = 0; i < 1000000 && p->m_pStorageFile->FlushBuffer(lpCritSection) != -1; i++) {
         }
     }
-    return S_OK;
-}
-
-namespace {
-
-// A refusal that leaves its command in place is traced once for as long as
-// the same command stays (the thread meets it again at every turn).
-volatile BYTE g_bClusterRefusalTraced = 0;
-
-void TraceClusterRefusal(BYTE bCommand, const char* lpszAnswerZh, const char* lpszAnswerEn)
-{
-    Trace("ClusterCommand", 1, 10012030,
-          TALVOR_TEXT("本服务尚不能执行集群命令%d,%s", "Cluster command %d cannot be served by this service yet: %s"),
-          (int)bCommand, TALVOR_TEXT(lpszAnswerZh, lpszAnswerEn));
-}
-
-} // namespace
-
-// Adding nodes and standby connections, backups, restore, taking the
-// database apart and the speed test are not served yet. Each such command
-// gets the answer its own failure would give, and only the flags that its
-// own end clears are cleared. A command whose service has no failure answer
-// (16, 17, 250) is left as a code the daemon does not know: answering it
-// would claim that the database was taken apart, rebuilt or measured.
-HRESULT CBreltMemStorageModule::ClusterCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd,
-                                               LPTALVORPROGRESS, const UINT&)
-{
-    BYTE bCommand = TalvorLoadShared(&lpClusterCmd->m_bCommandType);
-    if (bCommand != g_bClusterRefusalTraced) g_bClusterRefusalTraced = 0;
-    BOOL bClearForbid = FALSE;
-    BYTE bFinal = CLUSTERCMD_NONE;
-    switch (bCommand) {
-    case CLUSTERCMD_ADDNODE_FROMLOG:
-        if (TalvorLoadShared(&lpClusterCmd->m_bForbidSaveFlag) == 1) {
-            // The code stays 10 and is asked again at every turn until the
-            // engine clears the flag: one line for the whole stretch.
-            if (g_bClusterRefusalTraced != bCommand)
-                Trace0("ClusterCommand", 1, 10012010,
-                       TALVOR_TEXT("Talvor存储服务当前状态不允许添加备用处理服务!",
-                                   "Current status of talvor storage service does not allow adding standby processing service!"));
-            g_bClusterRefusalTraced = bCommand;
-            return E_FAIL;
-        }
-        TraceClusterRefusal(bCommand, "添加节点失败", "adding the node failed");
-        bClearForbid = TRUE;
-        break;
-    case CLUSTERCMD_ADDNODE:
-        TraceClusterRefusal(bCommand, "添加节点失败", "adding the node failed");
-        bClearForbid = TRUE;
-        break;
-    case CLUSTERCMD_ADDSTANDBY:
-        TraceClusterRefusal(bCommand, "备用连接建立失败(11)", "the standby connection could not be set up (11)");
-        lpClusterCmd->m_bResult = CLUSTERRESULT_STANDBYSETUPFAILED;
-        bFinal = CLUSTERCMD_FINISHED;
-        break;
-    case CLUSTERCMD_REMOVESTANDBY:
-        // Served: no standby connection exists to remove.
-        lpClusterCmd->m_bResult = CLUSTERRESULT_OK;
-        bFinal = CLUSTERCMD_FINISHED;
-        break;
-    case CLUSTERCMD_FULLBACKUP:
-    case CLUSTERCMD_INCREMENTBACKUP:
-        TraceClusterRefusal(bCommand, "备份失败(1)", "the backup failed (1)");
-        lpClusterCmd->m_bResult = CLUSTERRESULT_FAILED;
-        bClearForbid = TRUE;
-        bFinal = CLUSTERCMD_FINISHED;
-        break;
-    case CLUSTERCMD_RESTORE:
-        TraceClusterRefusal(bCommand, "没有恢复任何备份", "no backup was restored");
-        bClearForbid = m_pMemoryFileHead != nullptr;
-        bFinal = CLUSTERCMD_FINISHED;
-        break;
-    case CLUSTERCMD_WRITEUNDOCACHE:
-        if (m_pFlashback != nullptr) m_pFlashback->StartWriteUndoCache(lpCritSection, FALSE);
-        lpClusterCmd->m_bResult = CLUSTERRESULT_OK;
-        break;
-    case CLUSTERCMD_CLEARRESOURCE:
-    case CLUSTERCMD_REBUILDRESOURCE:
-    case CLUSTERCMD_TESTSPEED:
-        if (g_bClusterRefusalTraced != bCommand)
-            TraceClusterRefusal(bCommand, "命令保持不变", "the command is left as it is");
-        g_bClusterRefusalTraced = bCommand;
-        return S_OK;
-    default:
-        // 0, the daemon's own 1 and 12, and codes it does not know: left
-        // for the engine to clear.
-        return S_OK;
-    }
-    if (bClearForbid) {
-        if (m_pMemoryFileHead != nullptr) TalvorStoreShared(&m_pMemoryFileHead->m_bForbidSaveFlag, 0);
-        TalvorStoreShared(&lpClusterCmd->m_bForbidSaveFlag, 0);
-    }
-    TalvorStoreShared(&lpClusterCmd->m_bCommandType, bFinal);
     return S_OK;
 }

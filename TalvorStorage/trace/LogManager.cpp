@@ -341,7 +341,8 @@ void CLogManager::ReleaseRecord(LPTALVORTRACE pRecord)
 int CLogManager::TraceFileMaxSize()
 {
     int nMax = TRACE_FILE_DEFAULT_MAX_SIZE;
-    if (m_pMemoryFileHead != nullptr) nMax = m_pMemoryFileHead->m_nWriteTraceMaxSize;
+    LPSYSTEMFILEHEAD lpHead = __atomic_load_n(&m_pMemoryFileHead, __ATOMIC_ACQUIRE);
+    if (lpHead != nullptr) nMax = lpHead->m_nWriteTraceMaxSize;
     // A head that gives no size would open a new file for every line.
     return nMax > 0 ? nMax : TRACE_FILE_DEFAULT_MAX_SIZE;
 }

@@ -246,6 +246,9 @@ void CLogManager::ClearTalvorLog()
     m_hWriteLogThread = 0;
     m_hArchiveLogThread = 0;
     ReleaseRedoService();
+    // The database goes away after this: the trace writer stops reading
+    // its head (the rollover size) before the image is released.
+    __atomic_store_n(&m_pMemoryFileHead, (LPSYSTEMFILEHEAD) nullptr, __ATOMIC_RELEASE);
     Trace0("ClearTalvorLog", 3, 20020000, TALVOR_TEXT("Redo日志线程已关闭！", "Redo Log Thread Closed!"));
 }
 

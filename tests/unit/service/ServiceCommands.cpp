@@ -1,8 +1,6 @@
-// Commands the daemon cannot serve yet, over a loaded database: a file
-// command is refused in its row, the file list on disk stays the one the
-// next start opens; each cluster command gets its own failure answer, and
-// only the flags its own end clears are cleared; a command left in place is
-// traced once, not at every turn.
+// File commands the daemon cannot serve yet, over a loaded database: a file
+// command is refused in its row, and the file list on disk stays the one the
+// next start opens.
 #include "DbFileLayout.h"
 #include "PersistenceDb.h"
 #include "TestClock.h"
@@ -35,7 +33,6 @@ protected:
         ASSERT_EQ(S_OK, m_db.Start());
         m_db.PrepareFiles();
         ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-        m_lpCmd = m_db.Module().m_pFlashback->GetClusterCommand();
     }
     LPFILE_MEMDBFILEINFO Row(BYTE bFileNo)
     {
@@ -62,18 +59,7 @@ protected:
         m_db.Head()->m_nTimestamp = ts;
         m_db.EndTransaction(ts);
     }
-    std::string Cluster(BYTE bCommand, BYTE bForbid, HRESULT* pHr = nullptr)
-    {
-        m_lpCmd->m_bResult = 0x5A;  // a result the daemon did not write
-        m_lpCmd->m_bForbidSaveFlag = bForbid;
-        m_db.Head()->m_bForbidSaveFlag = bForbid;
-        m_lpCmd->m_bCommandType = bCommand;
-        HRESULT hr = m_db.Module().ClusterCommand(&m_db.m_stCrit, m_lpCmd, nullptr, m_db.m_nRedoLogMaxID);
-        if (pHr != nullptr) *pHr = hr;
-        return m_db.m_tree.Trace();
-    }
     PersistenceDb m_db;
-    LPTALVORCOMMAND m_lpCmd = nullptr;
 };
 
 } // namespace
@@ -172,93 +158,4 @@ TEST_F(ServiceCommands, AFileListBlockOfAnotherKindStopsTheWalk)
                                                "system value: 348, recorded value: 352"))
         << strTrace;
     EXPECT_NE(std::string::npos, strTrace.find("Failed to load memory file data in system file")) << strTrace;
-}
-
-TEST_F(ServiceCommands, ClusterCommandsGetTheirOwnFailureAnswer)
-{
-    struct Case {
-        BYTE m_bCommand;
-        BYTE m_bFinal;
-        BYTE m_bResult;      // 0x5A: not written
-        bool m_bFlagsCleared;
-    };
-    const Case arCases[] = {
-        {CLUSTERCMD_ADDNODE, CLUSTERCMD_NONE, 0x5A, true},
-        {CLUSTERCMD_ADDSTANDBY, CLUSTERCMD_FINISHED, CLUSTERRESULT_STANDBYSETUPFAILED, false},
-        {CLUSTERCMD_FULLBACKUP, CLUSTERCMD_FINISHED, CLUSTERRESULT_FAILED, true},
-        {CLUSTERCMD_INCREMENTBACKUP, CLUSTERCMD_FINISHED, CLUSTERRESULT_FAILED, true},
-        {CLUSTERCMD_RESTORE, CLUSTERCMD_FINISHED, 0x5A, true},
-    };
-    for (const Case& c : arCases) {
-        std::string strTrace = Cluster(c.m_bCommand, 1);
-        SCOPED_TRACE((int)c.m_bCommand);
-        EXPECT_EQ(c.m_bFinal, Val(m_lpCmd->m_bCommandType));
-        EXPECT_EQ(c.m_bResult, Val(m_lpCmd->m_bResult));
-        EXPECT_EQ(c.m_bFlagsCleared ? 0 : 1, Val(m_lpCmd->m_bForbidSaveFlag));
-        EXPECT_EQ(c.m_bFlagsCleared ? 0 : 1, Val(m_db.Head()->m_bForbidSaveFlag));
-        EXPECT_EQ(1u, Count(strTrace, "10012030 ClusterCommand Cluster command " + std::to_string(c.m_bCommand) +
-                                          " cannot be served by this service yet"))
-            << strTrace;
-    }
-    // Command 10 without its forbid flag fails as an add of a node does.
-    m_lpCmd->m_bForbidSaveFlag = 0;
-    m_db.Head()->m_bForbidSaveFlag = 1;
-    m_lpCmd->m_bCommandType = CLUSTERCMD_ADDNODE_FROMLOG;
-    EXPECT_EQ(S_OK, m_db.Module().ClusterCommand(&m_db.m_stCrit, m_lpCmd, nullptr, m_db.m_nRedoLogMaxID));
-    EXPECT_EQ(CLUSTERCMD_NONE, Val(m_lpCmd->m_bCommandType));
-    EXPECT_EQ(0, Val(m_db.Head()->m_bForbidSaveFlag));
-    // Removing a standby connection that does not exist is served.
-    Cluster(CLUSTERCMD_REMOVESTANDBY, 1);
-    EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
-    EXPECT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult));
-    EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
-    EXPECT_EQ(0u, Count(m_db.m_tree.Trace(), "Cluster command 19"));
-}
-
-TEST_F(ServiceCommands, CommandsWithoutAFailureAnswerStayAndAreTracedOnce)
-{
-    for (BYTE bCommand : {CLUSTERCMD_CLEARRESOURCE, CLUSTERCMD_REBUILDRESOURCE, CLUSTERCMD_TESTSPEED}) {
-        SCOPED_TRACE((int)bCommand);
-        std::string strTrace;
-        for (int nTurn = 0; nTurn < 3; nTurn++) strTrace = Cluster(bCommand, 1);
-        // Nothing released, nothing resumed: saving stays held off.
-        EXPECT_EQ(bCommand, Val(m_lpCmd->m_bCommandType));
-        EXPECT_EQ(0x5A, Val(m_lpCmd->m_bResult));
-        EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
-        EXPECT_EQ(1, Val(m_db.Head()->m_bForbidSaveFlag));
-        EXPECT_NE(nullptr, m_db.File(2));
-        EXPECT_EQ(1u, Count(strTrace, "Cluster command " + std::to_string(bCommand) + " cannot be served")) << strTrace;
-    }
-    // Codes the daemon does not know, and its own, are left and not told.
-    for (BYTE bCommand : {(BYTE)CLUSTERCMD_FINISHED, (BYTE)CLUSTERCMD_RUNNING, (BYTE)99}) {
-        std::string strTrace = Cluster(bCommand, 1);
-        EXPECT_EQ(bCommand, Val(m_lpCmd->m_bCommandType));
-        EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
-        EXPECT_EQ(0u, Count(strTrace, "Cluster command " + std::to_string(bCommand) + " ")) << strTrace;
-    }
-}
-
-TEST_F(ServiceCommands, AnAddOfANodeHeldOffIsRefusedOnceForTheWholeStretch)
-{
-    HRESULT hr = S_OK;
-    std::string strTrace;
-    for (int nTurn = 0; nTurn < 5; nTurn++) strTrace = Cluster(CLUSTERCMD_ADDNODE_FROMLOG, 1, &hr);
-    EXPECT_EQ(E_FAIL, hr);
-    EXPECT_EQ(CLUSTERCMD_ADDNODE_FROMLOG, Val(m_lpCmd->m_bCommandType));
-    EXPECT_EQ(1u, Count(strTrace, "Current status of talvor storage service does not allow adding standby processing "
-                                  "service!"))
-        << strTrace;
-    // A new stretch is told again.
-    m_lpCmd->m_bCommandType = CLUSTERCMD_NONE;
-    EXPECT_EQ(S_OK, m_db.Module().ClusterCommand(&m_db.m_stCrit, m_lpCmd, nullptr, m_db.m_nRedoLogMaxID));
-    strTrace = Cluster(CLUSTERCMD_ADDNODE_FROMLOG, 1, &hr);
-    EXPECT_EQ(2u, Count(strTrace, "does not allow adding standby processing service!"));
-}
-
-TEST_F(ServiceCommands, StartingTheUndoCacheIsServed)
-{
-    std::string strTrace = Cluster(CLUSTERCMD_WRITEUNDOCACHE, 0);
-    EXPECT_EQ(CLUSTERCMD_NONE, Val(m_lpCmd->m_bCommandType));
-    EXPECT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult));
-    EXPECT_EQ(0u, Count(strTrace, "Cluster command 47"));
 }

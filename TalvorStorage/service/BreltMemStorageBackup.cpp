@@ -1,0 +1,357 @@
+// BreltMemStorageBackup.cpp — the full backup: every file of the database,
+// the system file included, copied into one file named by its timestamp.
+//
+// The backup file is written with direct, synchronous I/O, so every write
+// lies on 512-byte boundaries: the files' bytes are packed into an output
+// buffer and written in whole sectors, the last one padded and the file cut
+// to its true length before the head is written. The head area goes first
+// as a placeholder whose records are all zero, and is rewritten with the
+// records only after every byte of data is on the medium: a backup cut
+// anywhere before its end carries zero records, which no reader takes for a
+// whole backup.
+#include "BreltMemStorage.h"
+
+#include "TalvorBackupFile.h"
+#include "TalvorDirectFile.h"
+#include "TalvorCacheStorage.h"
+#include "TalvorFileIO.h"
+#include "TalvorFlashback.h"
+#include "TalvorTrace.h"
+
+#include <cassert>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+const int BACKUP_WORK_BUFFER_SIZE = 0x800000;
+const int BACKUP_SECTOR = 512;
+const int PROGRESS_TOTAL_CAP = 0x40000000;
+const long long BACKUP_MIB = 1LL << 20;
+// A title of this length or more shows its last BACKUP_TITLE_TAIL characters.
+const int BACKUP_TITLE_LONG = 125;
+const int BACKUP_TITLE_TAIL = 120;
+
+long long RoundUpSector(long long n) { return (n + BACKUP_SECTOR - 1) / BACKUP_SECTOR * BACKUP_SECTOR; }
+
+// The open backup file and where its output stands. Data is packed into
+// lpOut; only whole sectors leave it, at nFlushed, which stays a multiple of
+// the sector.
+struct BackupWriter {
+    int fd;
+    LPBYTE lpOut;
+    int nOutSize;
+    int nOutUsed;
+    long long nFlushed;
+};
+
+int WriterFd(void* hFile) { return hFile != nullptr ? ((CTalvorDirectFile*)hFile)->Fd() : -1; }
+
+BOOL WriteAt(int fd, const void* lpBuf, long long nSize, long long nPos, LONG nCode)
+{
+    assert(nPos % BACKUP_SECTOR == 0 && nSize % BACKUP_SECTOR == 0);
+    if (TalvorWriteFull(fd, lpBuf, (size_t)nSize, (off_t)nPos)) return TRUE;
+    int nErr = errno;
+    if (nCode == 10014012)
+        Trace("BackupFullCore", 1, nCode,
+              TALVOR_TEXT("写入备份文件失败[位置:%lld,大小:%d/%d],错误码:%d!",
+                          "Failed to write to backup file [Pos: %lld, Size: %d/%d], error code: %d!"),
+              nPos, (int)nSize, (int)nSize, nErr);
+    else
+        Trace("BackupFullCore", 1, nCode,
+              TALVOR_TEXT("写入备份文件失败[位置:%d,大小:%d/%d],错误码:%d!",
+                          "Failed to write to backup file [Pos: %d, Size: %d/%d], error code: %d!"),
+              (int)nPos, (int)nSize, (int)nSize, nErr);
+    return FALSE;
+}
+
+// Writes the whole sectors of the output and keeps the rest at its front.
+BOOL FlushWholeSectors(BackupWriter& w)
+{
+    int nWhole = w.nOutUsed / BACKUP_SECTOR * BACKUP_SECTOR;
+    if (nWhole == 0) return TRUE;
+    if (!WriteAt(w.fd, w.lpOut, nWhole, w.nFlushed, 10014012)) return FALSE;
+    w.nFlushed += nWhole;
+    int nRest = w.nOutUsed - nWhole;
+    if (nRest > 0) memmove(w.lpOut, w.lpOut + nWhole, (size_t)nRest);
+    w.nOutUsed = nRest;
+    return TRUE;
+}
+
+// The last partial sector, padded with zeros, and the file cut to nEnd.
+BOOL FinishData(BackupWriter& w, long long nEnd)
+{
+    if (w.nOutUsed > 0) {
+        int nPadded = (int)RoundUpSector(w.nOutUsed);
+        memset(w.lpOut + w.nOutUsed, 0, (size_t)(nPadded - w.nOutUsed));
+        if (!WriteAt(w.fd, w.lpOut, nPadded, w.nFlushed, 10014012)) return FALSE;
+        w.nFlushed += nPadded;
+        w.nOutUsed = 0;
+    }
+    if (w.nFlushed != nEnd && CTalvorFileIO::Current()->FTruncate(w.fd, (off_t)nEnd) != 0) {
+        Trace("BackupFullCore", 1, 10014013,
+              TALVOR_TEXT("截断备份文件失败,位置:%lld,错误码:%d", "Failed to cut the backup file to its length, position: %lld, error code: %d"),
+              nEnd, errno);
+        return FALSE;
+    }
+    // The cut and the size reach the medium before the head says the
+    // backup is whole.
+    if (CTalvorFileIO::Current()->FSync(w.fd) != 0) {
+        Trace("BackupFullCore", 1, 10014014,
+              TALVOR_TEXT("同步备份文件失败,错误码:%d", "Failed to sync the backup file, error code: %d"), errno);
+        return FALSE;
+    }
+    return TRUE;
+}
+
+void SetProgressTitle(LPTALVORPROGRESS lpProgress, const char* lpszPath)
+{
+    if (lpProgress == nullptr) return;
+    memset(lpProgress->m_lpTitle, 0, sizeof(lpProgress->m_lpTitle));
+    size_t nLen = strnlen(lpszPath, MAX_PATH);
+    const char* lpShown = nLen >= (size_t)BACKUP_TITLE_LONG ? lpszPath + nLen - BACKUP_TITLE_TAIL : lpszPath;
+    memcpy(lpProgress->m_lpTitle, lpShown, strnlen(lpShown, sizeof(lpProgress->m_lpTitle) - 1));
+}
+
+void SetProgressPos(LPTALVORPROGRESS lpProgress, long long nBytes)
+{
+    if (lpProgress == nullptr) return;
+    long long nMiB = nBytes / BACKUP_MIB;
+    lpProgress->m_nPos = (int)(nMiB > PROGRESS_TOTAL_CAP ? PROGRESS_TOTAL_CAP : nMiB);
+}
+
+void TraceBackupOpenFailure(LONG nCode, const char* lpszPath, int nErr)
+{
+    Trace("OpenBackupFullFile", 1, nCode,
+          TALVOR_TEXT("生成数据备份文件[%s]失败,错误码:%d!", "Failed to generate data backup file [%s], error code: %d!"),
+          lpszPath, nErr);
+}
+
+void FillBackupHead(LPBACKUPFILEHEAD lpHead, int nHeadSize, int nFileNum, long long nTimestamp, int nLogNo, int nLogPos,
+                    UINT ulLocalIP, USHORT usGuid)
+{
+    lpHead->m_nVersion = BACKUP_VERSION;
+    lpHead->m_nFileFlag = BACKUP_FILEFLAG;
+    lpHead->m_nHeadSize = nHeadSize;
+    memcpy(lpHead->m_pDataFlag, BACKUP_DATAFLAG, sizeof(lpHead->m_pDataFlag));
+    lpHead->m_nTimestamp = nTimestamp;
+    lpHead->m_nLogNo = nLogNo;
+    lpHead->m_nLogPos = nLogPos;
+    lpHead->m_usDataBaseGuid = usGuid;
+    lpHead->m_ulHostIP = ulLocalIP;
+    lpHead->m_nFileNum = nFileNum;
+    FILETIME ft = TalvorBackupTimeNow();
+    memcpy(&lpHead->m_ftBackupTime, &ft, sizeof(ft));
+}
+
+void FillBackupRecord(LPSTRUCT_BACKUP_FILEINFO lpRecord, stu_FILEINFO* p, long long nUsed, long long nPosition)
+{
+    lpRecord->m_bFileType = (BYTE)p->m_bFileType;
+    lpRecord->m_bFileNo = p->m_bFileNo;
+    lpRecord->m_nFileSize = p->m_liFileSize;
+    lpRecord->m_nFileHeaderSize = p->m_pStorageFile->GetHeadSize(p);
+    lpRecord->m_nFileFreeMemoryOffset = nUsed;
+    memset(lpRecord->m_lpszFilePath, 0, sizeof(lpRecord->m_lpszFilePath));
+    memcpy(lpRecord->m_lpszFilePath, p->m_lpszFilePath, strnlen(p->m_lpszFilePath, sizeof(lpRecord->m_lpszFilePath) - 1));
+    lpRecord->m_nDataStartOffset = nPosition;
+    lpRecord->m_nDataEndOffset = 0;
+}
+
+// The used part of one file, piece by piece, into the output; nCopied
+// tells how many bytes it took.
+BOOL CopyFileIntoBackup(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress, stu_FILEINFO* p,
+                        long long nUsed, LPBYTE lpRead, int nPiece, BackupWriter& w, long long nFinished,
+                        long long& nCopied, const volatile BYTE& bAbort)
+{
+    nCopied = 0;
+    // The used part never reaches past the file: a head that claims more is
+    // read no further than the file goes.
+    if (nUsed > p->m_liFileSize) nUsed = p->m_liFileSize;
+    for (long long nReadPos = 0; nReadPos < nUsed;) {
+        if (TalvorLoadShared(&bAbort)) return FALSE;
+        int nWant = (int)(nUsed - nReadPos < nPiece ? nUsed - nReadPos : nPiece);
+        // Direct reads take whole sectors; the bytes past the used part are
+        // read and dropped.
+        long long nAligned = RoundUpSector(nWant);
+        if (nReadPos + nAligned > p->m_liFileSize) nAligned = p->m_liFileSize - nReadPos;
+        int nRet = p->m_pStorageFile->ReadBlock(lpCritSection, nReadPos, lpRead, (int)nAligned);
+        if (nRet != 0) {
+            Trace("BackupFullCore", 1, 10014011,
+                  TALVOR_TEXT("读取数据库文件失败[%s,位置:%lld,大小:%d],返回值:%d!",
+                              "Failed to read database file [%s, Pos: %lld, Size: %d], return value: %d!"),
+                  p->m_lpszFilePath, nReadPos, nWant, nRet);
+            return FALSE;
+        }
+        SetProgressPos(lpTalvorProgress, nFinished + nReadPos);
+        for (int nTaken = 0; nTaken < nWant;) {
+            int nRoom = w.nOutSize - w.nOutUsed;
+            int nMove = nWant - nTaken < nRoom ? nWant - nTaken : nRoom;
+            memcpy(w.lpOut + w.nOutUsed, lpRead + nTaken, (size_t)nMove);
+            w.nOutUsed += nMove;
+            nTaken += nMove;
+            if (w.nOutUsed == w.nOutSize && !FlushWholeSectors(w)) return FALSE;
+        }
+        nReadPos += nWant;
+        nCopied += nWant;
+    }
+    return TRUE;
+}
+
+} // namespace
+
+void* CBreltMemStorageModule::OpenBackupFullFile(char* lpArchiveDesPath, int nPathSize, long long nTimestamp,
+                                                 BOOL bReadOnly)
+{
+    char szPath[BACKUP_PATH_MAX];
+    int nRule = TalvorBackupFilePath(lpArchiveDesPath, nPathSize, nTimestamp, szPath);
+    LONG nCode = bReadOnly ? 10015001 : 10015002;
+    if (nRule != BACKUPDIR_OK) {
+        // No directory the operator named: nothing is written anywhere.
+        Trace("OpenBackupFullFile", 1, 10015003,
+              TALVOR_TEXT("归档路径的第一项不能作为备份目录(%d):须为不超过%d个字符的绝对路径",
+                          "The first archive destination cannot hold backups (%d): it must be an absolute path of at most %d characters"),
+              nRule, BACKUP_DIR_MAX);
+        return nullptr;
+    }
+    CTalvorFileIO* pIO = CTalvorFileIO::Current();
+    CTalvorDirectFile* pFile = new (std::nothrow) CTalvorDirectFile();
+    if (pFile == nullptr) {
+        TraceBackupOpenFailure(nCode, szPath, ENOMEM);
+        return nullptr;
+    }
+    if (bReadOnly) {
+        if (!TalvorPathExists(szPath) || !pFile->Open(szPath, O_RDONLY)) {
+            TraceBackupOpenFailure(nCode, szPath, TalvorPathExists(szPath) ? errno : ENOENT);
+            delete pFile;
+            return nullptr;
+        }
+        return pFile;
+    }
+    MakeDir(szPath);
+    if ((TalvorPathExists(szPath) && pIO->Unlink(szPath) != 0) || !pFile->Open(szPath, O_RDWR | O_CREAT | O_EXCL)) {
+        TraceBackupOpenFailure(nCode, szPath, errno);
+        delete pFile;
+        return nullptr;
+    }
+    pIO->FChmod(pFile->Fd(), 0666);
+    // The name must survive a power loss together with what the file will
+    // hold.
+    TalvorSyncParentDirectory(szPath);
+    return pFile;
+}
+
+void CBreltMemStorageModule::CloseBackupFile(void* hFile) { delete (CTalvorDirectFile*)hFile; }
+
+void CBreltMemStorageModule::DeleteBackupFile(char* lpArchiveDesPath, int nPathSize, long long nTimestamp)
+{
+    char szPath[BACKUP_PATH_MAX];
+    if (TalvorBackupFilePath(lpArchiveDesPath, nPathSize, nTimestamp, szPath) != BACKUPDIR_OK) return;
+    if (CTalvorFileIO::Current()->Unlink(szPath) == 0) TalvorSyncParentDirectory(szPath);
+}
+
+BOOL CBreltMemStorageModule::BackupFull(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress,
+                                        char* lpArchiveDesPath, int nPathSize, long long nTimestamp, int nLogNo,
+                                        int nLogPos, UINT ulLocalIP, const volatile BYTE& bAbort)
+{
+    void* hFile = OpenBackupFullFile(lpArchiveDesPath, nPathSize, nTimestamp, FALSE);
+    if (hFile == nullptr) return FALSE;
+    LPBYTE lpBuffer = (LPBYTE)CTalvorCacheStorage::get_aligned_buffer(BACKUP_WORK_BUFFER_SIZE);
+    if (lpTalvorProgress != nullptr) lpTalvorProgress->m_nStatus = PROGRESS_RUNNING;
+    LPBYTE lpFileHeadBuf = nullptr;
+    BOOL bDone = lpBuffer != nullptr && BackupFullCore(lpCritSection, lpTalvorProgress, hFile, lpBuffer,
+                                                       BACKUP_WORK_BUFFER_SIZE, lpFileHeadBuf, nTimestamp, nLogNo,
+                                                       nLogPos, ulLocalIP, bAbort);
+    if (lpBuffer == nullptr)
+        Trace("BackupFull", 1, 10014003,
+              TALVOR_TEXT("分配备份工作缓冲区失败(%d字节)", "Failed to allocate the backup work buffer (%d bytes)"),
+              BACKUP_WORK_BUFFER_SIZE);
+    CloseBackupFile(hFile);
+    free(lpBuffer);
+    free(lpFileHeadBuf);
+    if (bDone) {
+        if (m_pFlashback != nullptr) m_pFlashback->SetBackupTimestamp(nTimestamp);
+    } else {
+        // No partial backup stays on disk.
+        DeleteBackupFile(lpArchiveDesPath, nPathSize, nTimestamp);
+    }
+    if (lpTalvorProgress != nullptr) lpTalvorProgress->m_nStatus = PROGRESS_IDLE;
+    return bDone;
+}
+
+int CBreltMemStorageModule::CollectBackupFiles(stu_FILEINFO** arFiles, long long& nTotal)
+{
+    int nFileNum = 0;
+    nTotal = 0;
+    for (int i = 0; i < 256; i++) {
+        if (m_arFileInfo[i] == nullptr || m_arFileInfo[i]->m_pStorageFile == nullptr) continue;
+        arFiles[nFileNum++] = m_arFileInfo[i];
+        nTotal += m_arFileInfo[i]->m_liFileSize;
+    }
+    return nFileNum;
+}
+
+BOOL CBreltMemStorageModule::BackupFullCore(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress,
+                                            void* hFile, LPBYTE lpBuffer, int nBufSize, const LPBYTE& lpFileHeadBuf,
+                                            long long nTimestamp, int nLogNo, int nLogPos, UINT ulLocalIP,
+                                            const volatile BYTE& bAbort)
+{
+    stu_FILEINFO* arFiles[256];
+    long long nTotal = 0;
+    int nFileNum = CollectBackupFiles(arFiles, nTotal);
+    if (lpTalvorProgress != nullptr) {
+        lpTalvorProgress->m_nPos = 0;
+        long long nTotalMiB = nTotal / BACKUP_MIB;
+        lpTalvorProgress->m_nTotal = (int)(nTotalMiB > PROGRESS_TOTAL_CAP ? PROGRESS_TOTAL_CAP : nTotalMiB);
+    }
+    // The buffer of the head area belongs to the caller, who frees it.
+    const int nHeadSize = BackupHeadSize(nFileNum);
+    LPBYTE& lpHeadArea = const_cast<LPBYTE&>(lpFileHeadBuf);
+    lpHeadArea = (LPBYTE)CTalvorCacheStorage::get_aligned_buffer(nHeadSize);
+    // Half the work buffer reads, half packs the output.
+    const int nPiece = nBufSize / 2 / BACKUP_SECTOR * BACKUP_SECTOR;
+    if (lpHeadArea == nullptr || nFileNum == 0 || nPiece < BACKUP_SECTOR) {
+        Trace("BackupFullCore", 1, 10014004,
+              TALVOR_TEXT("无法开始备份:文件数:%d,头区大小:%d", "The backup cannot start: files: %d, head area size: %d"),
+              nFileNum, nHeadSize);
+        return FALSE;
+    }
+    memset(lpHeadArea, 0, (size_t)nHeadSize);
+    FillBackupHead((LPBACKUPFILEHEAD)lpHeadArea, nHeadSize, nFileNum, nTimestamp, nLogNo, nLogPos, ulLocalIP,
+                   GetDatabaseGuid());
+    int fd = WriterFd(hFile);
+    if (!WriteAt(fd, lpHeadArea, nHeadSize, 0, 10014002)) return FALSE;
+
+    // The output half is a whole number of sectors, so a full one is
+    // written whole and the padded last sector always fits.
+    BackupWriter w = {fd, lpBuffer + nPiece, nPiece, 0, nHeadSize};
+    long long nPosition = nHeadSize;
+    long long nFinished = 0;
+    LPBACKUPFILEHEAD lpHead = (LPBACKUPFILEHEAD)lpHeadArea;
+    for (int nIndex = 0; nIndex < nFileNum; nIndex++) {
+        if (TalvorLoadShared(&bAbort)) return FALSE;
+        stu_FILEINFO* p = arFiles[nIndex];
+        SetProgressTitle(lpTalvorProgress, p->m_lpszFilePath);
+        LPSTRUCT_BACKUP_FILEINFO lpRecord = &lpHead->m_stBackupFileInfo[nIndex];
+        long long nUsed = p->m_pStorageFile->GetFreeMemoryOffset(p);
+        FillBackupRecord(lpRecord, p, nUsed, nPosition);
+        long long nCopied = 0;
+        if (!CopyFileIntoBackup(lpCritSection, lpTalvorProgress, p, nUsed, lpBuffer, nPiece, w, nFinished, nCopied,
+                                bAbort))
+            return FALSE;
+        nPosition += nCopied;
+        lpRecord->m_nDataEndOffset = nPosition;
+        nFinished += p->m_liFileSize;
+        SetProgressPos(lpTalvorProgress, nFinished);
+    }
+    if (!FinishData(w, nPosition)) return FALSE;
+    // Until the head is written the backup is not whole: an abort that
+    // came during the last piece still counts.
+    if (TalvorLoadShared(&bAbort)) return FALSE;
+    return WriteAt(fd, lpHeadArea, nHeadSize, 0, 10014022);
+}
+

@@ -1,0 +1,386 @@
+// BreltMemStorageCluster.cpp — the cluster commands the engine writes into
+// the command record: adding nodes and standby connections, backups, and
+// the two halves of taking the database apart and building it again.
+//
+// All of it runs on the storage thread, which serves nothing else while a
+// command runs. Every command but a refused 10 ends with its final code, so
+// the engine never waits on one that failed.
+#include "BreltMemStorage.h"
+
+#include "LogManager.h"
+#include "StorageCacheBridge.h"
+#include "TalvorCacheStorage.h"
+#include "TalvorFlashback.h"
+#include "TalvorStandby.h"
+#include "TalvorTrace.h"
+#include "ConfigHelper.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <unistd.h>
+
+namespace {
+
+const int STANDBY_SLOTS = 256;
+// The cache's threads let go of the files before they are removed.
+const useconds_t CACHE_FREE_WAIT_US = 100000;
+const useconds_t RELEASE_STANDBY_WAIT_US = 1000000;
+
+// A refused command 10 stays and is met again at every turn: one line for
+// the whole stretch.
+volatile BYTE g_bForbidRefusalTraced = 0;
+
+void TraceSaveFailure(LONG nCode)
+{
+    Trace0("ClusterCommand", 1, nCode,
+           TALVOR_TEXT("Talvor存储服务将内存修改保存到文件失败!",
+                       "Talvor storage service failed to save memory modification to file!"));
+}
+
+} // namespace
+
+void CBreltMemStorageModule::SaveForCommand(LPTALVORCRITICALSECTION lpCritSection, long long nTimestamp,
+                                            UINT& nRedoLogMaxID, LONG nCode)
+{
+    if (m_pMemoryFileHead == nullptr) return;
+    if (FAILED(SaveChange2File(lpCritSection, FALSE, nTimestamp, nRedoLogMaxID))) TraceSaveFailure(nCode);
+}
+
+void CBreltMemStorageModule::ClearForbidFlags(LPTALVORCOMMAND lpClusterCmd)
+{
+    if (m_pMemoryFileHead != nullptr) TalvorStoreShared(&m_pMemoryFileHead->m_bForbidSaveFlag, 0);
+    TalvorStoreShared(&lpClusterCmd->m_bForbidSaveFlag, 0);
+}
+
+HRESULT CBreltMemStorageModule::ClusterCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd,
+                                               LPTALVORPROGRESS lpTalvorProgress, const UINT& nRedoLogMaxID)
+{
+    BYTE bCommand = TalvorLoadShared(&lpClusterCmd->m_bCommandType);
+    if (bCommand != CLUSTERCMD_ADDNODE_FROMLOG) g_bForbidRefusalTraced = 0;
+    UINT nMaxID = nRedoLogMaxID;
+    switch (bCommand) {
+    case CLUSTERCMD_ADDNODE_FROMLOG:
+        if (TalvorLoadShared(&lpClusterCmd->m_bForbidSaveFlag) == 1) {
+            if (!g_bForbidRefusalTraced)
+                Trace0("ClusterCommand", 1, 10012010,
+                       TALVOR_TEXT("Talvor存储服务当前状态不允许添加备用处理服务!",
+                                   "Current status of talvor storage service does not allow adding standby processing service!"));
+            g_bForbidRefusalTraced = 1;
+            return E_FAIL;
+        }
+        g_bForbidRefusalTraced = 0;
+        AddNode(lpCritSection, lpClusterCmd, lpTalvorProgress, nMaxID, TRUE);
+        return S_OK;
+    case CLUSTERCMD_ADDNODE:
+        AddNode(lpCritSection, lpClusterCmd, lpTalvorProgress, nMaxID, FALSE);
+        return S_OK;
+    case CLUSTERCMD_FULLBACKUP:
+    case CLUSTERCMD_INCREMENTBACKUP:
+        RunBackupCommand(lpCritSection, lpClusterCmd, lpTalvorProgress, nMaxID, bCommand);
+        return S_OK;
+    case CLUSTERCMD_CLEARRESOURCE: {
+        if (lpTalvorProgress != nullptr) lpTalvorProgress->m_nStatus = PROGRESS_RUNNING;
+        TalvorStoreShared(&lpClusterCmd->m_bForbidSaveFlag, 1);
+        usleep(1000);
+        UINT nLogMaxID = nMaxID;
+        USHORT usGuid = 0;
+        ClearResource(lpCritSection, nLogMaxID, usGuid);
+        m_nClearedRedoLogMaxID = nLogMaxID;
+        usleep(1000);
+        // The flag stays up: nothing released is touched until a rebuild.
+        TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_NONE);
+        return S_OK;
+    }
+    case CLUSTERCMD_REBUILDRESOURCE:
+        RebuildCommand(lpCritSection, nMaxID);
+        // A failed rebuild leaves no head, and no flag of a head that is
+        // gone is cleared: the command's own stays up with it.
+        if (m_pMemoryFileHead != nullptr) ClearForbidFlags(lpClusterCmd);
+        TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_NONE);
+        return S_OK;
+    case CLUSTERCMD_RESTORE:
+        RestoreCommand(lpCritSection, lpClusterCmd);
+        return S_OK;
+    case CLUSTERCMD_ADDSTANDBY:
+        lpClusterCmd->m_bResult = AddStandby(lpClusterCmd);
+        TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_FINISHED);
+        return S_OK;
+    case CLUSTERCMD_REMOVESTANDBY:
+        RemoveStandby(lpClusterCmd->m_ulIP, lpClusterCmd->m_usPort);
+        lpClusterCmd->m_bResult = CLUSTERRESULT_OK;
+        TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_FINISHED);
+        return S_OK;
+    case CLUSTERCMD_WRITEUNDOCACHE:
+        if (m_pFlashback != nullptr && m_pMemoryFileHead != nullptr) m_pFlashback->StartWriteUndoCache(lpCritSection, FALSE);
+        lpClusterCmd->m_bResult = CLUSTERRESULT_OK;
+        TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_NONE);
+        return S_OK;
+    case CLUSTERCMD_TESTSPEED:
+        TestSpeedCommand(lpCritSection, lpClusterCmd);
+        lpClusterCmd->m_bResult = CLUSTERRESULT_OK;
+        TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_NONE);
+        return S_OK;
+    default:
+        // 0, the daemon's own 1 and 12, and codes it does not know: left
+        // for the engine to clear.
+        return S_OK;
+    }
+}
+
+void CBreltMemStorageModule::AddNode(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd,
+                                     LPTALVORPROGRESS lpTalvorProgress, UINT& nMaxID, BOOL bStandby)
+{
+    SaveForCommand(lpCritSection, lpClusterCmd->m_nTimestamp, nMaxID, bStandby ? 10012011 : 10012001);
+    TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_RUNNING);
+    FlushCacheFile(lpCritSection);
+    int nAdded = ClusterAddNewNode(lpCritSection, lpTalvorProgress, lpClusterCmd->m_ulLocalIP, lpClusterCmd->m_ulIP,
+                                   lpClusterCmd->m_usPort, lpClusterCmd->m_nTimestamp, bStandby, lpClusterCmd->m_nLogNo,
+                                   bStandby ? lpClusterCmd->m_nLogPos : 0);
+    if (nAdded < 0 && !bStandby) TraceSaveFailure(10012002);
+    ClearForbidFlags(lpClusterCmd);
+    TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_NONE);
+    SaveForCommand(lpCritSection, 0, nMaxID, bStandby ? 10012013 : 10012003);
+}
+
+// Copying the database to a joining node is not served by this build: the
+// node is not added, and the command ends as a failed join does.
+int CBreltMemStorageModule::ClusterAddNewNode(LPTALVORCRITICALSECTION, LPTALVORPROGRESS, UINT, UINT ulIP, USHORT usPort,
+                                              long long, BOOL bStandby, UINT, UINT)
+{
+    Trace("ClusterAddNewNode", 1, 10012031,
+          TALVOR_TEXT("本服务尚不能向新节点复制数据库,节点未加入,地址:%u.%u.%u.%u,端口:%d,备用:%d",
+                      "Copying the database to a joining node cannot be served yet: the node was not added, address: %u.%u.%u.%u, port: %d, standby: %d"),
+          ulIP >> 24, (ulIP >> 16) & 0xFF, (ulIP >> 8) & 0xFF, ulIP & 0xFF, (int)usPort, (int)bStandby);
+    return -1;
+}
+
+void CBreltMemStorageModule::RunBackupCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd,
+                                              LPTALVORPROGRESS lpTalvorProgress, UINT& nMaxID, BYTE bCommand)
+{
+    BOOL bFull = bCommand == CLUSTERCMD_FULLBACKUP;
+    BOOL bDone = FALSE;
+    // With the database taken apart there is nothing to back up.
+    if (m_pMemoryFileHead != nullptr) {
+        SaveForCommand(lpCritSection, lpClusterCmd->m_nTimestamp, nMaxID, bFull ? 10012014 : 10012015);
+        TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_RUNNING);
+        FlushCacheFile(lpCritSection);
+        char* lpPath = m_pMemoryFileHead->m_lpArchiveDesPath;
+        int nPathSize = (int)sizeof(m_pMemoryFileHead->m_lpArchiveDesPath);
+        if (bFull)
+            bDone = BackupFull(lpCritSection, lpTalvorProgress, lpPath, nPathSize, lpClusterCmd->m_nTimestamp,
+                               (int)lpClusterCmd->m_nLogNo, (int)lpClusterCmd->m_nLogPos, lpClusterCmd->m_ulLocalIP,
+                               lpClusterCmd->m_bAbort);
+        else
+            bDone = BackupIncremental(lpCritSection, lpTalvorProgress, lpPath, nPathSize, lpClusterCmd->m_bLevel,
+                                      lpClusterCmd->m_nTimestamp, lpClusterCmd->m_nTimestamp2,
+                                      (int)lpClusterCmd->m_nLogNo, (int)lpClusterCmd->m_nLogPos,
+                                      lpClusterCmd->m_ulLocalIP, lpClusterCmd->m_bAbort);
+    } else {
+        Trace0("ClusterCommand", 1, 10012032,
+               TALVOR_TEXT("数据库已被拆除,无法备份", "The database has been taken apart: there is nothing to back up"));
+    }
+    lpClusterCmd->m_bResult = bDone ? CLUSTERRESULT_OK : CLUSTERRESULT_FAILED;
+    ClearForbidFlags(lpClusterCmd);
+    TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_FINISHED);
+}
+
+// A rebuild over a database that is up would load every file a second
+// time: it is refused, and the database goes on as it is.
+void CBreltMemStorageModule::RebuildCommand(LPTALVORCRITICALSECTION lpCritSection, UINT nMaxID)
+{
+    if (m_pMemoryFileHead != nullptr) {
+        Trace0("ClusterCommand", 2, 10013005,
+               TALVOR_TEXT("数据库正在运行,未拆除,无需重建", "The database is up and was not taken apart: nothing is rebuilt"));
+        return;
+    }
+    RecoverResource(lpCritSection, FALSE, nMaxID > m_nClearedRedoLogMaxID ? nMaxID : m_nClearedRedoLogMaxID, 0);
+}
+
+// A restore begins by removing the database: it is refused before a byte is
+// touched until restoring from a backup chain is served.
+void CBreltMemStorageModule::RestoreCommand(LPTALVORCRITICALSECTION, LPTALVORCOMMAND lpClusterCmd)
+{
+    Trace("ClusterCommand", 1, 10012033,
+          TALVOR_TEXT("本服务尚不能从备份恢复,数据库保持不变,时间戳:%lld",
+                      "Restoring from a backup cannot be served yet: the database is left as it is, timestamp: %lld"),
+          (long long)lpClusterCmd->m_nTimestamp);
+    if (m_pMemoryFileHead != nullptr) ClearForbidFlags(lpClusterCmd);
+    TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_FINISHED);
+}
+
+void CBreltMemStorageModule::TestSpeedCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd)
+{
+    stu_FILEINFO* p = m_arFileInfo[lpClusterCmd->m_bFileNo];
+    if (p == nullptr || p->m_pStorageFile == nullptr) return;
+    p->m_pStorageFile->TestSpeed(lpCritSection, m_lpBuffer, (int)lpClusterCmd->m_nMethod,
+                                 (int)lpClusterCmd->m_nBufferSize);
+}
+
+// --- Standby slots.
+
+BYTE CBreltMemStorageModule::AddStandby(LPTALVORCOMMAND lpClusterCmd)
+{
+    UINT ulIP = lpClusterCmd->m_ulIP;
+    USHORT usPort = lpClusterCmd->m_usPort;
+    int nFree = -1;
+    for (int i = 0; i < STANDBY_SLOTS; i++) {
+        CTalvorStandby* pStandby = __atomic_load_n(&m_arTalvorStandby[i], __ATOMIC_ACQUIRE);
+        if (pStandby == nullptr) {
+            if (nFree < 0) nFree = i;
+            continue;
+        }
+        UINT ulSlotIP = 0;
+        USHORT usSlotPort = 0;
+        pStandby->GetServerInfo(ulSlotIP, usSlotPort);
+        if (ulSlotIP == ulIP && usSlotPort == usPort && pStandby->Reset() == 0) return CLUSTERRESULT_OK;
+    }
+    if (nFree < 0) return CLUSTERRESULT_NOSTANDBYSLOT;
+    CTalvorStandby* pStandby = new (std::nothrow) CTalvorStandby();
+    if (pStandby == nullptr) return CLUSTERRESULT_OUTOFMEMORY;
+    if (pStandby->Initialize(this, m_pMemoryFileHead, ulIP, usPort, lpClusterCmd->m_ulLocalIP,
+                             lpClusterCmd->m_nLogNo) != STANDBYINIT_OK) {
+        delete pStandby;
+        return CLUSTERRESULT_STANDBYSETUPFAILED;
+    }
+    LPSTORAGEMEMHEAD lpChannel = m_pFlashback != nullptr ? m_pFlashback->GetStorageMemHead() : nullptr;
+    if (lpChannel != nullptr) __atomic_add_fetch(&lpChannel->m_bStandbyThreads, 1, __ATOMIC_ACQ_REL);
+    __atomic_store_n(&m_arTalvorStandby[nFree], pStandby, __ATOMIC_RELEASE);
+    pStandby->Publish();
+    return CLUSTERRESULT_OK;
+}
+
+void CBreltMemStorageModule::RemoveStandby(UINT ulIP, USHORT usPort)
+{
+    for (int i = 0; i < STANDBY_SLOTS; i++) {
+        CTalvorStandby* pStandby = __atomic_load_n(&m_arTalvorStandby[i], __ATOMIC_ACQUIRE);
+        if (pStandby == nullptr) continue;
+        UINT ulSlotIP = 0;
+        USHORT usSlotPort = 0;
+        pStandby->GetServerInfo(ulSlotIP, usSlotPort);
+        if (ulSlotIP == ulIP && usSlotPort == usPort) pStandby->Uninitialize();
+    }
+}
+
+void CBreltMemStorageModule::ReleaseStandby(CTalvorStandby* pStandby)
+{
+    for (int i = 0; i < STANDBY_SLOTS; i++) {
+        CTalvorStandby* pExpected = pStandby;
+        if (!__atomic_compare_exchange_n(&m_arTalvorStandby[i], &pExpected, (CTalvorStandby*)nullptr, false,
+                                         __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
+            continue;
+        LPSTORAGEMEMHEAD lpChannel = m_pFlashback != nullptr ? m_pFlashback->GetStorageMemHead() : nullptr;
+        if (lpChannel != nullptr) __atomic_sub_fetch(&lpChannel->m_bStandbyThreads, 1, __ATOMIC_ACQ_REL);
+        // The storage thread may still be looking at the object it found
+        // in the slot.
+        usleep(RELEASE_STANDBY_WAIT_US);
+        break;
+    }
+    delete pStandby;
+}
+
+// --- Taking the database apart and building it again.
+
+void CBreltMemStorageModule::ClearResource(LPTALVORCRITICALSECTION, UINT& nLogMaxID, USHORT& usDBGuid)
+{
+    memset(m_arFileInfo, 0, sizeof(m_arFileInfo));
+    if (m_pTalvorCacheStorage != nullptr) {
+        m_pTalvorCacheStorage->Free();
+        usleep(CACHE_FREE_WAIT_US);
+        delete m_pTalvorCacheStorage;
+        m_pTalvorCacheStorage = nullptr;
+        delete m_pCacheBridge;
+        m_pCacheBridge = nullptr;
+    }
+    stu_FILEINFO* pInfo = m_pStorageInfo;
+    m_pStorageInfo = nullptr;
+    while (pInfo != nullptr) {
+        stu_FILEINFO* pNext = pInfo->m_pNext;
+        if (pInfo->m_pStorageFile != nullptr) pInfo->m_pStorageFile->Release();
+        RemoveDatabaseFile(pInfo->m_lpszFilePath);
+        free(pInfo);
+        pInfo = pNext;
+    }
+    SysClearTalvorLog();
+    WaitForStandbySlots();
+    LPSYSTEMFILEHEAD lpHead = m_pMemoryFileHead;
+    if (lpHead != nullptr) {
+        nLogMaxID = lpHead->m_nRedoLogMaxID;
+        usDBGuid = lpHead->m_usDatabaseGuid;
+    }
+    m_pMemoryFileHead = nullptr;
+    usleep(1000);
+    if (m_lpSystemFileInfo != nullptr) {
+        char szSystemFile[sizeof(m_lpSystemFileInfo->m_lpszFilePath)];
+        memcpy(szSystemFile, m_lpSystemFileInfo->m_lpszFilePath, sizeof(szSystemFile));
+        ReleaseSystemFile();
+        RemoveDatabaseFile(szSystemFile);
+    }
+    if (m_pFlashback != nullptr) m_pFlashback->UnInitRollback(1);
+}
+
+void CBreltMemStorageModule::RemoveDatabaseFile(const char* lpszPath)
+{
+    BOOL bRemoved = DeleteFile(lpszPath);
+    Trace("ClearResource", bRemoved ? 3 : 1, bRemoved ? 10013010 : 10013011,
+          bRemoved ? TALVOR_TEXT("已删除数据库文件:%s", "Removed the database file: %s")
+                   : TALVOR_TEXT("删除数据库文件失败:%s", "Failed to remove the database file: %s"),
+          lpszPath);
+}
+
+BOOL CBreltMemStorageModule::RecoverResource(LPTALVORCRITICALSECTION lpCritSection, BOOL bRecover, UINT nLogMaxID,
+                                             USHORT usDBGuid)
+{
+    TalvorConfigInit(m_cConfigPath);
+    if (FAILED(InitSysEnvironment(lpCritSection, FALSE, bRecover))) {
+        Trace0("RecoverResource", 1, 10013001,
+               TALVOR_TEXT("Talvor存储服务加载配置环境失败!", "Talvor storage service failed to load configuration environment!"));
+        return AbandonRebuild();
+    }
+    LPSYSTEMFILEHEAD lpHead = m_pMemoryFileHead;
+    if (!bRecover) {
+        if (nLogMaxID > lpHead->m_nRedoLogMaxID) lpHead->m_nRedoLogMaxID = nLogMaxID;
+    } else if (lpHead->m_usDatabaseGuid == usDBGuid) {
+        // A restored database of another identity keeps its own number.
+        lpHead->m_nRedoLogMaxID = nLogMaxID;
+    }
+    if (!SysStartTalvorLog(lpHead, m_nClusterNodeType, bRecover, m_pFlashback)) return AbandonRebuild();
+    if (!m_pFlashback->InitRollback(lpCritSection, lpHead->m_nMemoryUndoSize)) return AbandonRebuild();
+    if (FAILED(LoadFile(lpCritSection))) {
+        Trace0("RecoverResource", 1, 10013002,
+               TALVOR_TEXT("Talvor存储服务加载文件到内存失败!", "Talvor storage service failed to load the file into memory!"));
+        return AbandonRebuild();
+    }
+    if (m_pTalvorCacheStorage != nullptr) {
+        if (FAILED(m_pTalvorCacheStorage->CreateEventAndThread())) {
+            Trace0("RecoverResource", 1, 10013003,
+                   TALVOR_TEXT("Talvor存储服务创建命名事件和线程失败!",
+                               "Talvor storage service failed to create named events and threads!"));
+            return AbandonRebuild();
+        }
+        if (FAILED(m_pTalvorCacheStorage->InitCacheHead(lpCritSection))) {
+            Trace0("RecoverResource", 1, 10013004,
+                   TALVOR_TEXT("Talvor存储服务数据初始化失败!", "Talvor storage service data initialization failed!"));
+            return AbandonRebuild();
+        }
+    }
+    lpHead->m_bStatus = 0;
+    Trace0("RecoverResource", 3, 10013000, TALVOR_TEXT("Talvor存储服务已重建!", "Talvor storage service rebuilt!"));
+    return TRUE;
+}
+
+// A rebuild that failed half-way is let go again, files kept: the node is
+// back where the clear left it, with no head, and a later rebuild starts
+// from nothing.
+BOOL CBreltMemStorageModule::AbandonRebuild()
+{
+    ReleaseCache();
+    memset(m_arFileInfo, 0, sizeof(m_arFileInfo));
+    ReleaseFileList();
+    SysClearTalvorLog();
+    ReleaseSystemFile();
+    if (m_pFlashback != nullptr) m_pFlashback->UnInitRollback(0);
+    Trace0("RecoverResource", 1, 10013006,
+           TALVOR_TEXT("重建失败:数据库未打开,文件保留在磁盘上", "The rebuild failed: no database is open, and its files are left on disk"));
+    return FALSE;
+}

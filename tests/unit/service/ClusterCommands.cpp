@@ -1,0 +1,440 @@
+// Cluster commands over a loaded database, run as the storage thread runs
+// them: the final code, the result and both forbid flags of every code; the
+// standby slots against real sockets; the full backup checked byte for byte
+// against the files on disk, its abort, and its refusal of a directory the
+// operator did not name; taking the database apart and a rebuild that fails.
+#include "FaultFileIO.h"
+#include "MemDBBackupDef.h"
+#include "PersistenceDb.h"
+#include "TalvorBackupFile.h"
+#include "TestFiles.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace talvortest;
+
+namespace {
+
+const BYTE NOT_WRITTEN = 0x5A;
+const UINT LOOPBACK = 0x7F000001;
+
+size_t Count(const std::string& strText, const std::string& strWhat)
+{
+    size_t n = 0;
+    for (size_t at = strText.find(strWhat); at != std::string::npos; at = strText.find(strWhat, at + 1)) n++;
+    return n;
+}
+
+bool FileExists(const std::string& strPath)
+{
+    struct stat st;
+    return stat(strPath.c_str(), &st) == 0;
+}
+
+// A listener on 0.0.0.0 at a port of the kernel's choice: every address of
+// 127/8 reaches it, so one listener stands for many standby nodes.
+class Listener {
+public:
+    Listener()
+    {
+        m_sk = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        struct sockaddr_in stAddr = {};
+        stAddr.sin_family = AF_INET;
+        stAddr.sin_addr.s_addr = htonl(INADDR_ANY);
+        socklen_t nLen = sizeof(stAddr);
+        if (m_sk < 0 || bind(m_sk, (struct sockaddr*)&stAddr, sizeof(stAddr)) != 0 || listen(m_sk, 512) != 0 ||
+            getsockname(m_sk, (struct sockaddr*)&stAddr, &nLen) != 0)
+            return;
+        m_usPort = ntohs(stAddr.sin_port);
+    }
+    ~Listener()
+    {
+        for (int sk : m_vAccepted) close(sk);
+        if (m_sk >= 0) close(m_sk);
+    }
+    // Takes every pending connection; how many there were.
+    int AcceptAll()
+    {
+        int n = 0;
+        for (;;) {
+            int sk = accept4(m_sk, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+            if (sk < 0) break;
+            m_vAccepted.push_back(sk);
+            n++;
+        }
+        return n;
+    }
+    void CloseAccepted()
+    {
+        for (int sk : m_vAccepted) close(sk);
+        m_vAccepted.clear();
+    }
+    USHORT Port() const { return m_usPort; }
+
+private:
+    int m_sk = -1;
+    USHORT m_usPort = 0;
+    std::vector<int> m_vAccepted;
+};
+
+class ClusterCommands : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        m_db.MakeStartAndSave();
+        m_lpCmd = m_db.Module().m_pFlashback->GetClusterCommand();
+        m_lpChannel = m_db.Module().m_pFlashback->GetStorageMemHead();
+        m_strArchive = m_db.m_tree.Dir() + "Archive";
+        SetArchivePath(m_strArchive);
+    }
+    void TearDown() override { WaitForNoStandby(5000); }
+    void SetArchivePath(const std::string& strPath)
+    {
+        LPSYSTEMFILEHEAD lpHead = m_db.Head();
+        memset(lpHead->m_lpArchiveDesPath, 0, sizeof(lpHead->m_lpArchiveDesPath));
+        memcpy(lpHead->m_lpArchiveDesPath, strPath.data(), std::min(strPath.size(), sizeof(lpHead->m_lpArchiveDesPath)));
+    }
+    std::string BackupPath(long long nTimestamp) const
+    {
+        return m_strArchive + "/Backup/TalvorBackup" + std::to_string(nTimestamp) + ".fbk";
+    }
+    // Writes the command as the engine does (arguments, then the code) and
+    // runs one turn of the storage thread.
+    HRESULT Run(BYTE bCommand, BYTE bForbid = 1)
+    {
+        m_lpCmd->m_bResult = NOT_WRITTEN;
+        m_lpCmd->m_bForbidSaveFlag = bForbid;
+        if (m_db.Head() != nullptr) m_db.Head()->m_bForbidSaveFlag = bForbid;
+        m_lpCmd->m_bCommandType = bCommand;
+        return m_db.Module().ClusterCommand(&m_db.m_stCrit, m_lpCmd, m_db.Module().m_pFlashback->GetProgress(),
+                                            m_db.m_nRedoLogMaxID);
+    }
+    HRESULT Standby(BYTE bCommand, UINT ulIP, USHORT usPort)
+    {
+        m_lpCmd->m_ulIP = ulIP;
+        m_lpCmd->m_usPort = usPort;
+        return Run(bCommand, 0);
+    }
+    int SlotsTaken()
+    {
+        int n = 0;
+        for (CTalvorStandby* p : m_db.Module().m_arTalvorStandby) n += p != nullptr;
+        return n;
+    }
+    bool WaitForNoStandby(int nTimeoutMs)
+    {
+        for (int i = 0; i < nTimeoutMs / 10; i++) {
+            if (SlotsTaken() == 0 && m_lpChannel->m_bStandbyThreads == 0) return true;
+            for (CTalvorStandby* p : m_db.Module().m_arTalvorStandby)
+                if (p != nullptr) p->Uninitialize();
+            usleep(10000);
+        }
+        return false;
+    }
+    PersistenceDb m_db;
+    LPTALVORCOMMAND m_lpCmd = nullptr;
+    LPSTORAGEMEMHEAD m_lpChannel = nullptr;
+    std::string m_strArchive;
+};
+
+} // namespace
+
+TEST_F(ClusterCommands, EveryCodeEndsWithItsFinalCodeAndClearsOnlyItsOwnFlags)
+{
+    struct Case {
+        BYTE m_bCommand;
+        BYTE m_bFinal;
+        BYTE m_bResult;
+        bool m_bFlagsCleared;
+        const char* m_lpTraced;
+    };
+    const Case arCases[] = {
+        // No node can be copied to yet: the join fails as a failed join ends.
+        {CLUSTERCMD_ADDNODE, CLUSTERCMD_NONE, NOT_WRITTEN, true, "Copying the database to a joining node cannot be served yet"},
+        // Refused before a byte is touched: the database stays.
+        {CLUSTERCMD_RESTORE, CLUSTERCMD_FINISHED, NOT_WRITTEN, true, "Restoring from a backup cannot be served yet"},
+        {CLUSTERCMD_REMOVESTANDBY, CLUSTERCMD_FINISHED, CLUSTERRESULT_OK, false, nullptr},
+        {CLUSTERCMD_WRITEUNDOCACHE, CLUSTERCMD_NONE, CLUSTERRESULT_OK, false, nullptr},
+        {CLUSTERCMD_TESTSPEED, CLUSTERCMD_NONE, CLUSTERRESULT_OK, false, nullptr},
+        {CLUSTERCMD_REBUILDRESOURCE, CLUSTERCMD_NONE, NOT_WRITTEN, true, "nothing is rebuilt"},
+    };
+    for (const Case& c : arCases) {
+        SCOPED_TRACE((int)c.m_bCommand);
+        EXPECT_EQ(S_OK, Run(c.m_bCommand));
+        std::string strTrace = m_db.m_tree.Trace();
+        EXPECT_EQ(c.m_bFinal, Val(m_lpCmd->m_bCommandType));
+        EXPECT_EQ(c.m_bResult, Val(m_lpCmd->m_bResult));
+        EXPECT_EQ(c.m_bFlagsCleared ? 0 : 1, Val(m_lpCmd->m_bForbidSaveFlag));
+        EXPECT_EQ(c.m_bFlagsCleared ? 0 : 1, Val(m_db.Head()->m_bForbidSaveFlag));
+        if (c.m_lpTraced != nullptr) {
+            EXPECT_EQ(1u, Count(strTrace, c.m_lpTraced)) << strTrace;
+        }
+        // Every file is still served and on disk.
+        for (int n = 1; n <= 4; n++) {
+            EXPECT_NE(nullptr, m_db.File(n));
+            EXPECT_TRUE(FileExists(m_db.PathOf(n)));
+        }
+    }
+    // Codes the daemon does not know, and its own, are left untouched.
+    for (BYTE bCommand : {(BYTE)CLUSTERCMD_FINISHED, (BYTE)CLUSTERCMD_RUNNING, (BYTE)99}) {
+        SCOPED_TRACE((int)bCommand);
+        EXPECT_EQ(S_OK, Run(bCommand));
+        EXPECT_EQ(bCommand, Val(m_lpCmd->m_bCommandType));
+        EXPECT_EQ(NOT_WRITTEN, Val(m_lpCmd->m_bResult));
+        EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
+        EXPECT_EQ(1, Val(m_db.Head()->m_bForbidSaveFlag));
+    }
+}
+
+TEST_F(ClusterCommands, AnAddOfANodeHeldOffIsRefusedUntilTheFlagFallsAndToldOncePerStretch)
+{
+    for (int nTurn = 0; nTurn < 5; nTurn++) EXPECT_EQ(E_FAIL, Run(CLUSTERCMD_ADDNODE_FROMLOG, 1));
+    EXPECT_EQ(CLUSTERCMD_ADDNODE_FROMLOG, Val(m_lpCmd->m_bCommandType));
+    EXPECT_EQ(1, Val(m_db.Head()->m_bForbidSaveFlag));
+    std::string strTrace = m_db.m_tree.Trace();
+    EXPECT_EQ(1u, Count(strTrace, "does not allow adding standby processing service!")) << strTrace;
+    // The engine clears the flag: the add runs and ends as a failed join.
+    EXPECT_EQ(S_OK, Run(CLUSTERCMD_ADDNODE_FROMLOG, 0));
+    EXPECT_EQ(CLUSTERCMD_NONE, Val(m_lpCmd->m_bCommandType));
+    EXPECT_EQ(0, Val(m_db.Head()->m_bForbidSaveFlag));
+    // A new stretch is told again.
+    EXPECT_EQ(E_FAIL, Run(CLUSTERCMD_ADDNODE_FROMLOG, 1));
+    EXPECT_EQ(2u, Count(m_db.m_tree.Trace(), "does not allow adding standby processing service!"));
+}
+
+TEST_F(ClusterCommands, AStandbySlotIsTakenOnlyByALiveConnectionAndOncePerAddress)
+{
+    Listener listener;
+    ASSERT_NE(0, listener.Port());
+    // Nothing listens on the port after ours closed: no slot.
+    USHORT usDead = 0;
+    {
+        Listener closed;
+        usDead = closed.Port();
+    }
+    EXPECT_EQ(S_OK, Standby(CLUSTERCMD_ADDSTANDBY, LOOPBACK, usDead));
+    EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
+    EXPECT_EQ(CLUSTERRESULT_STANDBYSETUPFAILED, Val(m_lpCmd->m_bResult));
+    EXPECT_EQ(0, SlotsTaken());
+    EXPECT_EQ(0, Val(m_lpChannel->m_bStandbyThreads));
+
+    // The same address twice: the live connection takes the second.
+    for (int i = 0; i < 2; i++) {
+        EXPECT_EQ(S_OK, Standby(CLUSTERCMD_ADDSTANDBY, LOOPBACK, listener.Port()));
+        EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
+        EXPECT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult));
+    }
+    EXPECT_EQ(1, SlotsTaken());
+    EXPECT_EQ(1, Val(m_lpChannel->m_bStandbyThreads));
+    usleep(50000);
+    EXPECT_EQ(1, listener.AcceptAll());
+
+    // Removing an address nobody holds changes nothing.
+    EXPECT_EQ(S_OK, Standby(CLUSTERCMD_REMOVESTANDBY, LOOPBACK + 1, listener.Port()));
+    EXPECT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult));
+    EXPECT_EQ(1, SlotsTaken());
+    // Removing ours frees the slot once the thread has ended.
+    EXPECT_EQ(S_OK, Standby(CLUSTERCMD_REMOVESTANDBY, LOOPBACK, listener.Port()));
+    EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
+    EXPECT_TRUE(WaitForNoStandby(5000));
+
+    // A standby node that hangs up frees its slot on its own.
+    EXPECT_EQ(S_OK, Standby(CLUSTERCMD_ADDSTANDBY, LOOPBACK, listener.Port()));
+    EXPECT_EQ(1, SlotsTaken());
+    usleep(50000);
+    listener.AcceptAll();
+    listener.CloseAccepted();
+    for (int i = 0; i < 500 && SlotsTaken() != 0; i++) usleep(10000);
+    EXPECT_EQ(0, SlotsTaken());
+    EXPECT_EQ(0, Val(m_lpChannel->m_bStandbyThreads));
+}
+
+TEST_F(ClusterCommands, WithEverySlotBusyAnAddReportsNoSlot)
+{
+    Listener listener;
+    ASSERT_NE(0, listener.Port());
+    for (UINT i = 0; i < 256; i++) {
+        ASSERT_EQ(S_OK, Standby(CLUSTERCMD_ADDSTANDBY, LOOPBACK + i, listener.Port()));
+        ASSERT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult)) << i;
+        if (i % 64 == 63) listener.AcceptAll();
+    }
+    EXPECT_EQ(256, SlotsTaken());
+    EXPECT_EQ(S_OK, Standby(CLUSTERCMD_ADDSTANDBY, LOOPBACK + 256, listener.Port()));
+    EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
+    EXPECT_EQ(CLUSTERRESULT_NOSTANDBYSLOT, Val(m_lpCmd->m_bResult));
+    // An address that holds a slot is still served.
+    EXPECT_EQ(S_OK, Standby(CLUSTERCMD_ADDSTANDBY, LOOPBACK + 7, listener.Port()));
+    EXPECT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult));
+    EXPECT_EQ(256, SlotsTaken());
+    EXPECT_TRUE(WaitForNoStandby(10000));
+}
+
+TEST_F(ClusterCommands, AFullBackupHoldsEveryFileAsItStandsOnDisk)
+{
+    std::mt19937 rng(11);
+    m_db.RandomChanges(200, rng);
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    // Changes the pass before the backup takes in.
+    m_db.RandomChanges(50, rng);
+    const long long nTimestamp = m_db.Head()->m_nEndTimestamp;
+    m_lpCmd->m_nTimestamp = nTimestamp;
+    m_lpCmd->m_nLogNo = 7;
+    m_lpCmd->m_nLogPos = 4242;
+    m_lpCmd->m_ulLocalIP = 0x0A000001;
+    m_lpCmd->m_bAbort = 0;
+    ASSERT_EQ(S_OK, Run(CLUSTERCMD_FULLBACKUP));
+    EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
+    EXPECT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult));
+    EXPECT_EQ(0, Val(m_lpCmd->m_bForbidSaveFlag));
+    EXPECT_EQ(0, Val(m_db.Head()->m_bForbidSaveFlag));
+    EXPECT_EQ(nTimestamp, Val(m_lpChannel->m_nBackupTimestamp));
+    EXPECT_EQ(PROGRESS_IDLE, Val(m_lpChannel->m_TalvorProgress.m_nStatus));
+    EXPECT_EQ(nTimestamp, m_db.CommittedOnDisk());
+
+    std::string strBackup = ReadWholeFile(BackupPath(nTimestamp));
+    ASSERT_GE(strBackup.size(), (size_t)BACKUP_HEAD_ALIGN);
+    const BACKUPFILEHEAD* lpHead = (const BACKUPFILEHEAD*)strBackup.data();
+    EXPECT_EQ(BACKUP_VERSION, Val(lpHead->m_nVersion));
+    EXPECT_EQ(0, memcmp(strBackup.data() + 4, "BKDA", 4));
+    EXPECT_EQ(BackupHeadSize(4), Val(lpHead->m_nHeadSize));
+    EXPECT_STREQ("Talvor", lpHead->m_pDataFlag);
+    EXPECT_EQ(nTimestamp, Val(lpHead->m_nTimestamp));
+    EXPECT_EQ(0, Val(lpHead->m_nReferTimestamp));
+    EXPECT_EQ(7, Val(lpHead->m_nLogNo));
+    EXPECT_EQ(4242, Val(lpHead->m_nLogPos));
+    EXPECT_EQ(Val(m_db.Head()->m_usDatabaseGuid), Val(lpHead->m_usDataBaseGuid));
+    EXPECT_EQ(BACKUPLEVEL_FULL, Val(lpHead->m_bLevel));
+    EXPECT_EQ(0x0A000001u, Val(lpHead->m_ulHostIP));
+    EXPECT_EQ(4, Val(lpHead->m_nFileNum));
+    // The time of the backup is now, in 100 ns units since 1601.
+    unsigned long long nTicks = ((unsigned long long)Val(lpHead->m_ftBackupTime.dwHighDateTime) << 32) |
+                                Val(lpHead->m_ftBackupTime.dwLowDateTime);
+    long long nSeconds = (long long)(nTicks / 10000000ULL) - 11644473600LL;
+    EXPECT_LE(std::llabs(nSeconds - (long long)time(nullptr)), 5);
+
+    long long nPosition = BackupHeadSize(4);
+    for (int i = 0; i < 4; i++) {
+        SCOPED_TRACE(i);
+        const STRUCT_BACKUP_FILEINFO& r = lpHead->m_stBackupFileInfo[i];
+        int nFileNo = i + 1;
+        std::string strFile = ReadWholeFile(m_db.PathOf(nFileNo));
+        // The system head keeps the end of its used part where a file head
+        // does.
+        long long nUsed = Val(m_db.FileHead(nFileNo)->m_nFileFreeMemoryOffset);
+        EXPECT_EQ(nFileNo, Val(r.m_bFileNo));
+        EXPECT_EQ(nFileNo, Val(r.m_bFileType));
+        EXPECT_EQ((long long)strFile.size(), Val(r.m_nFileSize));
+        EXPECT_EQ(nUsed, Val(r.m_nFileFreeMemoryOffset));
+        EXPECT_STREQ(m_db.PathOf(nFileNo).c_str(), r.m_lpszFilePath);
+        EXPECT_EQ(nPosition, Val(r.m_nDataStartOffset));
+        EXPECT_EQ(nPosition + nUsed, Val(r.m_nDataEndOffset));
+        ASSERT_LE((size_t)(nPosition + nUsed), strBackup.size());
+        EXPECT_TRUE(strBackup.compare((size_t)nPosition, (size_t)nUsed, strFile, 0, (size_t)nUsed) == 0)
+            << "file " << nFileNo << " differs from its copy";
+        nPosition += nUsed;
+    }
+    // No padding after the last file: the backup ends where its data ends.
+    EXPECT_EQ((size_t)nPosition, strBackup.size());
+}
+
+TEST_F(ClusterCommands, AnAbortedBackupLeavesNoFileAndTheArchiverIsNotTold)
+{
+    // An abort before the first piece, after the placeholder head, and
+    // after the last piece of data.
+    for (int nAbortAfter : {0, 1, 2}) {
+        SCOPED_TRACE(nAbortAfter);
+        m_lpChannel->m_nBackupTimestamp = 0;
+        FaultFileIO io;
+        ScopedFileIO scoped(&io);
+        int nWrites = 0;
+        io.OnCall(FileOp::PWrite, [&](const FileCall& call) {
+            if (call.m_strPath.find("TalvorBackup") != std::string::npos && ++nWrites == nAbortAfter)
+                m_lpCmd->m_bAbort = 1;
+        });
+        m_lpCmd->m_nTimestamp = 5000 + nAbortAfter;
+        m_lpCmd->m_bAbort = nAbortAfter == 0 ? 1 : 0;
+        ASSERT_EQ(S_OK, Run(CLUSTERCMD_FULLBACKUP));
+        EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
+        EXPECT_EQ(CLUSTERRESULT_FAILED, Val(m_lpCmd->m_bResult));
+        EXPECT_EQ(0, Val(m_lpCmd->m_bForbidSaveFlag));
+        EXPECT_FALSE(FileExists(BackupPath(5000 + nAbortAfter)));
+        EXPECT_EQ(0, Val(m_lpChannel->m_nBackupTimestamp));
+        EXPECT_EQ(PROGRESS_IDLE, Val(m_lpChannel->m_TalvorProgress.m_nStatus));
+        m_lpCmd->m_bAbort = 0;
+    }
+}
+
+TEST_F(ClusterCommands, ABackupIsWrittenOnlyUnderAnAbsoluteFirstDestinationOfItsLength)
+{
+    const std::string strRoot = m_db.m_tree.Dir();
+    const std::string arRefused[] = {
+        "",                                      // no destination
+        ";" + strRoot + "Second",                // an empty first element
+        "relative/Archive",                      // under whatever the daemon's directory is
+        strRoot + std::string(230, 'd'),         // longer than a backup directory may be
+    };
+    for (const std::string& strPath : arRefused) {
+        SCOPED_TRACE(strPath);
+        SetArchivePath(strPath);
+        m_lpCmd->m_nTimestamp = 6000;
+        ASSERT_EQ(S_OK, Run(CLUSTERCMD_FULLBACKUP));
+        EXPECT_EQ(CLUSTERRESULT_FAILED, Val(m_lpCmd->m_bResult));
+        EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
+        EXPECT_FALSE(FileExists("relative"));
+        EXPECT_FALSE(FileExists("Backup"));
+        EXPECT_FALSE(FileExists(strRoot + "Second"));
+    }
+    EXPECT_NE(std::string::npos, m_db.m_tree.Trace().find("The first archive destination cannot hold backups"));
+    // Two destinations: the first, with its "/" added, holds the backup;
+    // an older one of the same name is replaced.
+    SetArchivePath(m_strArchive + ";" + strRoot + "Second");
+    MakeDir(BackupPath(6001).c_str());
+    ASSERT_TRUE(WriteWholeFile(BackupPath(6001), std::string(100, 'x')));
+    m_lpCmd->m_nTimestamp = 6001;
+    ASSERT_EQ(S_OK, Run(CLUSTERCMD_FULLBACKUP));
+    EXPECT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult));
+    std::string strBackup = ReadWholeFile(BackupPath(6001));
+    ASSERT_GE(strBackup.size(), sizeof(BACKUPFILEHEAD));
+    EXPECT_EQ(6001, Val(((const BACKUPFILEHEAD*)strBackup.data())->m_nTimestamp));
+    EXPECT_FALSE(FileExists(strRoot + "Second/Backup"));
+}
+
+TEST_F(ClusterCommands, ClearingRemovesEveryFileAndAFailedRebuildLeavesNoHeadAndItsFlagUp)
+{
+    snprintf(m_db.Module().m_cConfigPath, sizeof(m_db.Module().m_cConfigPath), "%s", m_db.m_tree.IniPath().c_str());
+    ASSERT_EQ(S_OK, Run(CLUSTERCMD_CLEARRESOURCE, 0));
+    EXPECT_EQ(CLUSTERCMD_NONE, Val(m_lpCmd->m_bCommandType));
+    // Held off from here: nothing released may be touched.
+    EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
+    EXPECT_EQ(PROGRESS_RUNNING, Val(m_lpChannel->m_TalvorProgress.m_nStatus));
+    EXPECT_EQ(nullptr, m_db.Head());
+    std::string strTrace = m_db.m_tree.Trace();
+    for (int n = 1; n <= 4; n++) {
+        SCOPED_TRACE(n);
+        EXPECT_FALSE(FileExists(m_db.PathOf(n)));
+        EXPECT_EQ(nullptr, m_db.Module().m_arFileInfo[n]);
+        EXPECT_EQ(1u, Count(strTrace, "Removed the database file: " + m_db.PathOf(n))) << strTrace;
+    }
+    EXPECT_EQ(nullptr, m_db.Module().m_pStorageInfo);
+    // Nothing to back up, and a backup says so.
+    m_lpCmd->m_nTimestamp = 7000;
+    ASSERT_EQ(S_OK, Run(CLUSTERCMD_FULLBACKUP, 1));
+    EXPECT_EQ(CLUSTERRESULT_FAILED, Val(m_lpCmd->m_bResult));
+    EXPECT_FALSE(FileExists(BackupPath(7000)));
+    // A rebuild with no system file on disk fails: no head, and the flag
+    // of the command stays up.
+    ASSERT_EQ(S_OK, Run(CLUSTERCMD_REBUILDRESOURCE, 1));
+    EXPECT_EQ(CLUSTERCMD_NONE, Val(m_lpCmd->m_bCommandType));
+    EXPECT_EQ(nullptr, m_db.Head());
+    EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
+    EXPECT_EQ(nullptr, m_db.Module().m_lpSystemFileInfo);
+    EXPECT_NE(std::string::npos, m_db.m_tree.Trace().find("The rebuild failed: no database is open"));
+    // Clearing again with nothing up is harmless.
+    ASSERT_EQ(S_OK, Run(CLUSTERCMD_CLEARRESOURCE, 1));
+    EXPECT_EQ(CLUSTERCMD_NONE, Val(m_lpCmd->m_bCommandType));
+    EXPECT_EQ(nullptr, m_db.Head());
+}
