@@ -5,6 +5,7 @@
 // reads little and writes nothing while it decides.
 #include "BackupFixture.h"
 #include "FaultFileIO.h"
+#include "PackedValue.h"
 
 #include <gtest/gtest.h>
 
@@ -16,12 +17,6 @@ using namespace backuptest;
 using namespace talvortest;
 
 namespace {
-
-template <class T>
-T Val(T v)
-{
-    return v;
-}
 
 class BackupVerifyTest : public ::testing::Test {
 protected:

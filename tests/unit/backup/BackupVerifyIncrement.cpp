@@ -5,6 +5,7 @@
 // lost at any write leaves nothing the verifier takes for a whole backup.
 #include "BackupIncrementFixture.h"
 #include "FaultFileIO.h"
+#include "PackedValue.h"
 
 #include <gtest/gtest.h>
 
@@ -14,11 +15,6 @@ using namespace backuptest;
 using namespace talvortest;
 
 namespace {
-
-template <class T> T Val(T v)
-{
-    return v;
-}
 
 class BackupIncrementTest : public ::testing::Test {
 protected:
