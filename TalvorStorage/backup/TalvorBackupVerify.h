@@ -1,18 +1,20 @@
 // TalvorBackupVerify.h — the offline check of a backup file: is it whole,
 // and what would a restore from it write?
 //
-// A full backup is written head area first as a place-holder (records all
-// zero), then the copied files, then the head area again with the records
-// filled in. A file cut anywhere in that course, or a head torn while it was
-// rewritten, must never pass for a backup: a restore from it would write
-// files that look like a database and are not one. The verifier therefore
-// accepts a file only when the head, every record and the head of every
-// copied file agree with one another and with the length of the file.
+// A backup is written head area first as a place-holder (records all
+// zero), then the copied files (a full backup) or the chained pages and
+// pieces of the changed files (an incremental one), then the head area again
+// with the records filled in. A file cut anywhere in that course, or a head
+// torn while it was rewritten, must never pass for a backup: a restore from
+// it would write files that look like a database and are not one. The
+// verifier therefore accepts a file only when the head, every record, every
+// page and the marks of what was copied agree with one another and with the
+// length of the file.
 //
 // It reads through CTalvorFileIO only and writes nothing, holds no latch,
 // keeps no state between calls and may run on any thread, the daemon's
-// included. Memory use is bounded by the largest head area (256 records),
-// whatever the size of the backup.
+// included. Memory use is bounded by the largest head area (256 records)
+// and one page, whatever the size of the backup.
 #pragma once
 
 #include "MemDBBackupDef.h"
@@ -21,7 +23,7 @@
 
 // What the verifier found; the first finding decides.
 enum {
-    BACKUPVERIFY_WHOLE = 0,        // a whole full backup
+    BACKUPVERIFY_WHOLE = 0,        // a whole backup
     BACKUPVERIFY_UNREADABLE = 1,   // cannot be opened or read
     BACKUPVERIFY_TRUNCATED = 2,    // shorter than its head or its records say
     BACKUPVERIFY_BADHEAD = 3,      // fixed part of the head is not a backup head
