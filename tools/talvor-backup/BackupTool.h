@@ -8,7 +8,7 @@
 namespace talvorbackup {
 
 // Exit statuses of the tool.
-inline constexpr int BACKUPTOOL_WHOLE = 0;    // a whole full backup
+inline constexpr int BACKUPTOOL_WHOLE = 0;    // a whole backup
 inline constexpr int BACKUPTOOL_REFUSED = 1;  // not a backup a restore may use
 inline constexpr int BACKUPTOOL_USAGE = 2;    // bad command line
 

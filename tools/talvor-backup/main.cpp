@@ -2,8 +2,9 @@
 //
 //   talvor-backup verify FILE
 //
-// Exit status 0 only for a whole full backup; 1 for any other file; 2 for a
-// bad command line.
+// Exit status 0 only for a whole backup (full, or incremental with its own
+// pages whole: the backups below it are not looked at); 1 for any other
+// file; 2 for a bad command line.
 #include "BackupTool.h"
 
 #include <cstdio>
