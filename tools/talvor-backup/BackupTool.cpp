@@ -67,9 +67,13 @@ void PrintItems(const BACKUPVERIFYREPORT& stReport, FILE* pOut)
 {
     for (int i = 0; i < stReport.m_nItemNum; i++) {
         const BACKUPRESTOREITEM& stItem = stReport.m_arItem[i];
-        fprintf(pOut, "  file %d (%s) %s: size %lld, %lld bytes from the backup in %d pieces, head timestamp %lld\n",
-                (int)stItem.m_bFileNo, FileTypeName(stItem.m_bFileType), stItem.m_lpszFilePath, stItem.m_nFileSize,
-                stItem.m_nCopiedSize, stItem.m_nPieceNum, stItem.m_nHeadTimestamp);
+        fprintf(pOut, "  file %d (%s) %s: size %lld, ", (int)stItem.m_bFileNo, FileTypeName(stItem.m_bFileType),
+                stItem.m_lpszFilePath, stItem.m_nFileSize);
+        if (stReport.m_nLevel != BACKUPLEVEL_FULL && stItem.m_nPieceNum == 0)
+            fprintf(pOut, "unchanged, nothing to apply\n");
+        else
+            fprintf(pOut, "%lld bytes from the backup in %d piece%s, head timestamp %lld\n", stItem.m_nCopiedSize,
+                    stItem.m_nPieceNum, stItem.m_nPieceNum == 1 ? "" : "s", stItem.m_nHeadTimestamp);
     }
 }
 

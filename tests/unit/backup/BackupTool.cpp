@@ -1,7 +1,7 @@
 // talvor-backup verify: exit status 0 only for a whole backup, the findings
 // and the files a restore would write in its output, and the backup file
 // untouched whatever it holds.
-#include "BackupFixture.h"
+#include "BackupIncrementFixture.h"
 #include "BackupTool.h"
 
 #include <gtest/gtest.h>
@@ -67,6 +67,25 @@ TEST(BackupTool, WholeBackupExitsZeroAndListsTheFiles)
     }
     EXPECT_NE(std::string::npos, r.m_strOut.find("timestamp: 880044")) << r.m_strOut;
     EXPECT_EQ(strWhole, ReadWholeFile(strPath));
+}
+
+TEST(BackupTool, WholeIncrementExitsZeroAndTellsWhatIsApplied)
+{
+    TempTree tree("bverify");
+    std::vector<IncFile> vFiles = SampleIncrement(tree);
+    std::string strPath = tree.Path("TalvorBackup990077.fbk");
+    ASSERT_TRUE(WriteWholeFile(strPath, IncrementImage(vFiles)));
+    ToolRun r = RunTool({"verify", strPath});
+    EXPECT_EQ(talvorbackup::BACKUPTOOL_WHOLE, r.m_nExit) << r.m_strOut;
+    EXPECT_NE(std::string::npos, r.m_strOut.find("level: 1  refers to: 880044")) << r.m_strOut;
+    EXPECT_NE(std::string::npos, r.m_strOut.find("over the backup of timestamp 880044")) << r.m_strOut;
+    // The system file: its head, one map and three blocks.
+    EXPECT_NE(std::string::npos, r.m_strOut.find(vFiles[0].m_stFile.m_strPath + ": size 1048576, " +
+                                                 std::to_string(15718 + 4096 + 3 * 2048) +
+                                                 " bytes from the backup in 5 pieces"))
+        << r.m_strOut;
+    EXPECT_NE(std::string::npos, r.m_strOut.find(vFiles[2].m_stFile.m_strPath + ": size 131072, unchanged"))
+        << r.m_strOut;
 }
 
 TEST(BackupTool, RefusedBackupExitsOneWithTheFinding)
