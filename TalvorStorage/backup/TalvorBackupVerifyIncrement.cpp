@@ -25,9 +25,6 @@ struct IncrementWalk {
     int m_nItemNum;   // items checked so far, over all pages
 };
 
-// The fixed part of a map block, the same in both modes as far as read here.
-const int MAP_HEAD_READ = 24;
-
 // A page that is no page, or one that holds no item or more than fit.
 int CheckPageHead(const BACKUPINCREMENTHEAD& stPage, const STRUCT_BACKUP_FILEINFO& stRecord, long long nPagePos,
                   LPBACKUPVERIFYREPORT pReport)
@@ -83,20 +80,21 @@ int CheckItemPlace(const BACKUPINCREMENTITEM& stItem, const STRUCT_BACKUP_FILEIN
 int CheckMapPiece(int fd, const BACKUPINCREMENTITEM& stItem, const STRUCT_BACKUP_FILEINFO& stRecord,
                   LPBACKUPVERIFYREPORT pReport)
 {
-    BYTE arHead[MAP_HEAD_READ];
-    if (stItem.m_nBlockSize < MAP_HEAD_READ)
+    // The mark and the number lie at the same places in both modes; the
+    // head of the memory mode is the shorter one.
+    BASEFILEBLOCKMAPHEAD stMap;
+    if (stItem.m_nBlockSize < (int)sizeof(stMap))
         return BackupVerifyRefuse(pReport, BACKUPVERIFY_BADPAGE, "file %d: a map block of %d bytes",
                                   (int)stRecord.m_bFileNo, stItem.m_nBlockSize);
-    if (BackupVerifyRead(fd, arHead, MAP_HEAD_READ, stItem.m_nBlockDataPos, "a map block", pReport) !=
+    if (BackupVerifyRead(fd, &stMap, sizeof(stMap), stItem.m_nBlockDataPos, "a map block", pReport) !=
         BACKUPVERIFY_WHOLE)
         return pReport->m_nStatus;
-    const BASEFILEBLOCKMAPHEAD* lpMap = (const BASEFILEBLOCKMAPHEAD*)arHead;
     int nMark = IsCacheFileType(stRecord.m_bFileType) ? BLOCKMAP_CACHE_DATAFLAG : BLOCKMAP_DATAFLAG;
-    if (lpMap->m_nDataFlag != nMark || lpMap->m_nMapNo != stItem.m_nBlockNo)
+    if (stMap.m_nDataFlag != nMark || stMap.m_nMapNo != stItem.m_nBlockNo)
         return BackupVerifyRefuse(pReport, BACKUPVERIFY_BADMARK,
                                   "file %d: map block %d at %lld has mark 0x%08X and number %d",
                                   (int)stRecord.m_bFileNo, stItem.m_nBlockNo, stItem.m_nBlockDataPos,
-                                  (unsigned)lpMap->m_nDataFlag, lpMap->m_nMapNo);
+                                  (unsigned)stMap.m_nDataFlag, stMap.m_nMapNo);
     return BACKUPVERIFY_WHOLE;
 }
 
