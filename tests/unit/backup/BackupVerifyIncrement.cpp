@@ -182,6 +182,9 @@ TEST_F(BackupIncrementTest, ItemFaultsAreRefused)
     // says, or the block's own size differs.
     EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockSize += 512; }));
     EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockSize = 0; }));
+    // Pieces too short to hold a map block's or a block's head.
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 1)->m_nBlockSize = 24; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockSize = 40; }));
     EXPECT_EQ(BACKUPVERIFY_BADPAGE,
               StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockFilePos = 1048576 - 1024; }));
     EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockFilePos = -2048; }));
