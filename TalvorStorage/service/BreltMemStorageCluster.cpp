@@ -25,7 +25,9 @@ namespace {
 const int STANDBY_SLOTS = 256;
 // The cache's threads let go of the files before they are removed.
 const useconds_t CACHE_FREE_WAIT_US = 100000;
-const useconds_t RELEASE_STANDBY_WAIT_US = 1000000;
+// The storage thread may be inside a Reset of the object it found in the
+// slot (3.2 s at most): the object outlives that.
+const useconds_t RELEASE_STANDBY_WAIT_US = 4000000;
 
 // A refused command 10 stays and is met again at every turn: one line for
 // the whole stretch.
@@ -262,6 +264,15 @@ void CBreltMemStorageModule::RemoveStandby(UINT ulIP, USHORT usPort)
     }
 }
 
+void CBreltMemStorageModule::StopStandbys()
+{
+    for (int i = 0; i < STANDBY_SLOTS; i++) {
+        CTalvorStandby* pStandby = __atomic_load_n(&m_arTalvorStandby[i], __ATOMIC_ACQUIRE);
+        if (pStandby != nullptr) pStandby->Uninitialize();
+    }
+    WaitForStandbySlots();
+}
+
 void CBreltMemStorageModule::ReleaseStandby(CTalvorStandby* pStandby)
 {
     for (int i = 0; i < STANDBY_SLOTS; i++) {
@@ -271,8 +282,6 @@ void CBreltMemStorageModule::ReleaseStandby(CTalvorStandby* pStandby)
             continue;
         LPSTORAGEMEMHEAD lpChannel = m_pFlashback != nullptr ? m_pFlashback->GetStorageMemHead() : nullptr;
         if (lpChannel != nullptr) __atomic_sub_fetch(&lpChannel->m_bStandbyThreads, 1, __ATOMIC_ACQ_REL);
-        // The storage thread may still be looking at the object it found
-        // in the slot.
         usleep(RELEASE_STANDBY_WAIT_US);
         break;
     }
@@ -301,6 +310,8 @@ void CBreltMemStorageModule::ClearResource(LPTALVORCRITICALSECTION, UINT& nLogMa
         free(pInfo);
         pInfo = pNext;
     }
+    // The standby threads read the redo service: they end before it goes.
+    StopStandbys();
     SysClearTalvorLog();
     WaitForStandbySlots();
     LPSYSTEMFILEHEAD lpHead = m_pMemoryFileHead;
