@@ -7,7 +7,10 @@
 // answers to channel command 3 over the maker's files; for the shared
 // cache, the head area of a used cache as the daemon's own cache object
 // leaves it (fuzz/FuzzCache.h) and ring entries and load slots as the
-// engine fills them. Run by fuzz/make-corpus; argv[1] is fuzz/corpus.
+// engine fills them; whole full and incremental backup files and a
+// place-holder, as the backup tests make them. Run by fuzz/make-corpus;
+// argv[1] is fuzz/corpus.
+#include "BackupIncrementFixture.h"
 #include "DbFileLayout.h"
 #include "FuzzCache.h"
 #include "FuzzDatabase.h"
@@ -592,6 +595,31 @@ void CacheLoadSeeds()
                   LoadSlot(FUZZCACHE_DIRECT_NO, 5, llBlock, 0, CACHE_BLOCK_SIZE));
 }
 
+// Backups of a few small files of every type (each used part a few KiB,
+// so that the seeds stay small): whole, incremental over two pages of
+// items, and a head never finished.
+void BackupSeeds()
+{
+    using namespace backuptest;
+    std::vector<DbFile> vFiles = {
+        {FILETYPE_SYSTEM, 1, 65536, 4096 + 200, 1024, 11, "/db/System.dbf"},
+        {FILETYPE_DATA, 2, 65536, 3000, 512, 12, "/db/F2.dbf"},
+        {FILETYPE_BTREEINDEX, 3, 65536, 0, 512, 0, "/db/F3.dbf"},
+        {FILETYPE_TABLE, 10, 262144, 1536, 1024, 14, "/db/F10.dbf"},
+    };
+    std::string strFull = WholeBackup(vFiles);
+    WriteSeed("BackupVerify", "full", Sparse(strFull, (uint32_t)strFull.size(), 0, 0));
+    std::string strUnfinished = strFull;
+    std::string strPlaceholder = PlaceholderHead((int)vFiles.size());
+    strUnfinished.replace(0, strPlaceholder.size(), strPlaceholder);
+    WriteSeed("BackupVerify", "placeholder", Sparse(strUnfinished, (uint32_t)strUnfinished.size(), 0, 0));
+    std::vector<IncFile> vInc = {{vFiles[0], ChangedPieces(vFiles[0], 1, 512, 300, 64)},
+                                 {vFiles[2], {}},
+                                 {vFiles[3], ChangedPieces(vFiles[3], 1, 1024, 2, 512)}};
+    std::string strInc = IncrementImage(vInc);
+    WriteSeed("BackupVerify", "increment", Sparse(strInc, (uint32_t)strInc.size(), 0, 0));
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -614,5 +642,6 @@ int main(int argc, char** argv)
     CacheSurvivorSeeds();
     CacheFlushSeeds();
     CacheLoadSeeds();
+    BackupSeeds();
     return 0;
 }

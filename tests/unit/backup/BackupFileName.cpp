@@ -1,0 +1,132 @@
+// Where a backup lands: "Backup/" under the first element of the archive
+// destination list, never anywhere else — an element that is empty,
+// relative or longer than 220 characters is refused rather than cut or
+// taken relative to the daemon's directory — and how large the head area
+// of a number of files is.
+#include "TalvorBackupFile.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+namespace {
+
+struct DirResult {
+    int m_nResult;
+    std::string m_strDir;
+};
+
+DirResult Directory(const std::string& strList, int nPathSize = -1)
+{
+    char szDir[BACKUP_PATH_MAX];
+    memset(szDir, 'x', sizeof(szDir));
+    int n = TalvorBackupDirectory(strList.data(), nPathSize < 0 ? (int)strList.size() + 1 : nPathSize, szDir);
+    return {n, szDir};
+}
+
+} // namespace
+
+TEST(BackupDirectory, FirstElementOfTheListOnly)
+{
+    DirResult r = Directory("/data/archive/;/mnt/second/");
+    EXPECT_EQ(BACKUPDIR_OK, r.m_nResult);
+    EXPECT_EQ("/data/archive/Backup/", r.m_strDir);
+    r = Directory("/data/archive;/mnt/second/;/third");
+    EXPECT_EQ(BACKUPDIR_OK, r.m_nResult);
+    EXPECT_EQ("/data/archive/Backup/", r.m_strDir);
+}
+
+TEST(BackupDirectory, MissingSlashIsAddedOnce)
+{
+    EXPECT_EQ("/data/archive/Backup/", Directory("/data/archive").m_strDir);
+    EXPECT_EQ("/data/archive/Backup/", Directory("/data/archive/").m_strDir);
+    EXPECT_EQ("/Backup/", Directory("/").m_strDir);
+}
+
+// The list need not be terminated: nPathSize bounds it, and an element
+// that reaches the bound still gets its "/" — without one the name would
+// run on into a sibling directory ("/data/arcBackup/").
+TEST(BackupDirectory, ListBoundedByItsSize)
+{
+    std::string strList = "/data/archive/more";
+    DirResult r = Directory(strList, 8);
+    EXPECT_EQ(BACKUPDIR_OK, r.m_nResult);
+    EXPECT_EQ("/data/ar/Backup/", r.m_strDir);
+}
+
+TEST(BackupDirectory, EmptyRelativeOrTooLongIsRefused)
+{
+    for (const char* lpList : {"", ";/data/archive/", ";"}) {
+        DirResult r = Directory(lpList);
+        EXPECT_EQ(BACKUPDIR_EMPTY, r.m_nResult) << "'" << lpList << "'";
+        EXPECT_EQ("", r.m_strDir);
+    }
+    EXPECT_EQ(BACKUPDIR_EMPTY, Directory("/data", 0).m_nResult);
+    for (const char* lpList : {"data/archive", "./archive/", "archive;/data/"}) {
+        DirResult r = Directory(lpList);
+        EXPECT_EQ(BACKUPDIR_RELATIVE, r.m_nResult) << lpList;
+        EXPECT_EQ("", r.m_strDir);
+    }
+    // 220 characters are the most a first element may have.
+    std::string str220 = "/" + std::string(218, 'a') + "/";
+    ASSERT_EQ(220u, str220.size());
+    DirResult r = Directory(str220 + ";/other/");
+    EXPECT_EQ(BACKUPDIR_OK, r.m_nResult);
+    EXPECT_EQ(str220 + "Backup/", r.m_strDir);
+    std::string str220NoSlash = "/" + std::string(219, 'b');
+    r = Directory(str220NoSlash);
+    EXPECT_EQ(BACKUPDIR_OK, r.m_nResult);
+    EXPECT_EQ(str220NoSlash + "/Backup/", r.m_strDir);
+    // One more is refused, not cut to a directory nobody named.
+    r = Directory(str220 + "c;/other/");
+    EXPECT_EQ(BACKUPDIR_TOOLONG, r.m_nResult);
+    EXPECT_EQ("", r.m_strDir);
+    EXPECT_EQ(BACKUPDIR_TOOLONG, Directory("/" + std::string(400, 'd')).m_nResult);
+}
+
+TEST(BackupFilePath, NamedByTheTimestamp)
+{
+    char szPath[BACKUP_PATH_MAX];
+    std::string strList = "/data/archive;/mnt/x";
+    ASSERT_EQ(BACKUPDIR_OK, TalvorBackupFilePath(strList.c_str(), (int)strList.size() + 1, 1234567890123LL, szPath));
+    EXPECT_STREQ("/data/archive/Backup/TalvorBackup1234567890123.fbk", szPath);
+    // The longest directory still leaves room for the largest timestamp.
+    std::string str220 = "/" + std::string(219, 'e');
+    ASSERT_EQ(BACKUPDIR_OK, TalvorBackupFilePath(str220.c_str(), (int)str220.size() + 1, 9223372036854775807LL, szPath));
+    EXPECT_EQ(str220 + "/Backup/TalvorBackup9223372036854775807.fbk", std::string(szPath));
+    // A refused directory gives no path at all.
+    memset(szPath, 'x', sizeof(szPath));
+    EXPECT_EQ(BACKUPDIR_RELATIVE, TalvorBackupFilePath("rel", 4, 5, szPath));
+    EXPECT_STREQ("", szPath);
+}
+
+// 132 bytes of fixed head and 296 per record, in steps of 8192: 27 records
+// (8124 bytes) fit one step, 28 (8420) take two; 54 (16116) two, 55
+// (16412) three; 256 (75908) ten.
+TEST(BackupHeadArea, SizeRoundsUpTo8192)
+{
+    EXPECT_EQ(8192, BackupHeadSize(1));
+    EXPECT_EQ(8192, BackupHeadSize(27));
+    EXPECT_EQ(16384, BackupHeadSize(28));
+    EXPECT_EQ(16384, BackupHeadSize(54));
+    EXPECT_EQ(24576, BackupHeadSize(55));
+    EXPECT_EQ(81920, BackupHeadSize(256));
+    for (int n = 1; n <= 256; n++) {
+        int nSize = BackupHeadSize(n);
+        EXPECT_EQ(0, nSize % 8192) << n;
+        EXPECT_GE(nSize, 132 + 296 * n) << n;
+        EXPECT_LT(nSize - 8192, 132 + 296 * n) << n;
+    }
+}
+
+TEST(BackupTime, FileTimeCountsFrom1601)
+{
+    // 1970-01-01 00:00:00 is 11644473600 s after 1601-01-01.
+    FILETIME ft = TalvorBackupFileTime(0, 0);
+    unsigned long long n = ((unsigned long long)ft.dwHighDateTime << 32) | ft.dwLowDateTime;
+    EXPECT_EQ(116444736000000000ULL, n);
+    ft = TalvorBackupFileTime(1, 250000);
+    n = ((unsigned long long)ft.dwHighDateTime << 32) | ft.dwLowDateTime;
+    EXPECT_EQ(116444736000000000ULL + 12500000ULL, n);
+}

@@ -1,0 +1,231 @@
+// BackupFixture.h — small database files and full backups of them, made
+// here and not by the daemon, so that the verifier is tested against the
+// file format and not against the writer it is meant to check. The writer
+// keeps the daemon's order (place-holder head area, the copied files in
+// pieces, the finished head area) and goes through the file layer, so that
+// a fault layer sees every write.
+#pragma once
+
+#include "MemDBBackupDef.h"
+#include "MemDBCommonDef.h"
+#include "TalvorBackupVerify.h"
+#include "TalvorFileIO.h"
+#include "TempTree.h"
+#include "TestFiles.h"
+
+#include <cstring>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace backuptest {
+
+// One database file to back up.
+struct DbFile {
+    BYTE m_bFileType;
+    BYTE m_bFileNo;
+    long long m_nFileSize;
+    long long m_nFree;      // used part; what a full backup copies
+    int m_nHeadSize;        // m_nFileHeaderSize
+    long long m_nTimestamp; // m_nTimestamp of its head
+    std::string m_strPath;
+};
+
+const long long BACKUP_TIMESTAMP = 880044;
+const int BACKUP_LOGNO = 17;
+const int BACKUP_LOGPOS = 4150;
+
+// The bytes of a database file: a head that names it, a pattern that
+// differs from file to file and from offset to offset up to the used part,
+// zero from there to its size.
+inline std::string DbFileBytes(const DbFile& f)
+{
+    std::string strData((size_t)f.m_nFileSize, '\0');
+    for (long long i = 0; i < f.m_nFree; i++)
+        strData[(size_t)i] = (char)(((i * 131) >> 3) ^ (i >> 11) ^ (f.m_bFileNo * 29));
+    if (f.m_nFree >= (long long)sizeof(BASEFILEHEAD)) {
+        BASEFILEHEAD stHead;
+        memset(&stHead, 0, sizeof(stHead));
+        stHead.m_nDataFlag = FileHeadDataFlag(f.m_bFileType);
+        stHead.m_nTimestamp = f.m_nTimestamp;
+        stHead.m_bFileNo = f.m_bFileNo;
+        stHead.m_bFileType = f.m_bFileType;
+        stHead.m_nFileTotalSize = f.m_nFileSize;
+        stHead.m_nFileHeaderSize = f.m_nHeadSize;
+        stHead.m_nFileFreeMemoryOffset = f.m_nFree;
+        memcpy(&strData[0], &stHead, sizeof(stHead));
+    }
+    return strData;
+}
+
+// A database of every file type, of odd sizes: a system file, a data file
+// whose used part is not a multiple of 512, an index file with nothing used
+// (a record whose copy is empty), a B-tree and a KV file, a table and an
+// index file of the cache mode.
+inline std::vector<DbFile> SampleFiles(const talvortest::TempTree& tree)
+{
+    std::vector<DbFile> v = {
+        {FILETYPE_SYSTEM, 1, 1048576, 300032, 15718, 9001, ""},
+        {FILETYPE_DATA, 2, 262144, 70001, 4096, 9002, ""},
+        {FILETYPE_BTREEINDEX, 3, 131072, 0, 4096, 0, ""},
+        {FILETYPE_KVINDEX, 5, 131072, 40960, 4096, 9005, ""},
+        {FILETYPE_TABLE, 7, 524288, 49152, 16384, 9007, ""},
+        {FILETYPE_INDEX, 9, 393216, 32768 + 16384, 16384, 9009, ""},
+    };
+    for (DbFile& f : v) f.m_strPath = tree.Path("File" + std::to_string(f.m_bFileNo) + ".dbf");
+    return v;
+}
+
+// nCount files: the system file and nCount - 1 small data files.
+inline std::vector<DbFile> ManyFiles(const talvortest::TempTree& tree, int nCount)
+{
+    std::vector<DbFile> v;
+    v.push_back({FILETYPE_SYSTEM, 1, 65536, 16384, 15718, 1, tree.Path("System.dbf")});
+    for (int i = 2; i <= nCount; i++)
+        v.push_back({FILETYPE_DATA, (BYTE)i, 8192, 1024 + i, 512, i, tree.Path("Data" + std::to_string(i) + ".dbf")});
+    return v;
+}
+
+inline bool WriteDbFiles(const std::vector<DbFile>& vFiles)
+{
+    for (const DbFile& f : vFiles)
+        if (!talvortest::WriteWholeFile(f.m_strPath, DbFileBytes(f))) return false;
+    return true;
+}
+
+// The head area as it is first written: the fixed part filled in, the
+// records zero.
+inline std::string PlaceholderHead(int nFileNum)
+{
+    std::string strHead((size_t)BackupHeadSize(nFileNum), '\0');
+    LPBACKUPFILEHEAD lpHead = (LPBACKUPFILEHEAD)&strHead[0];
+    lpHead->m_nVersion = BACKUP_VERSION;
+    lpHead->m_nFileFlag = BACKUP_FILEFLAG;
+    lpHead->m_nHeadSize = BackupHeadSize(nFileNum);
+    memcpy(lpHead->m_pDataFlag, BACKUP_DATAFLAG, sizeof(lpHead->m_pDataFlag));
+    lpHead->m_nTimestamp = BACKUP_TIMESTAMP;
+    lpHead->m_nLogNo = BACKUP_LOGNO;
+    lpHead->m_nLogPos = BACKUP_LOGPOS;
+    lpHead->m_usDataBaseGuid = 0x5A5A;
+    lpHead->m_ulHostIP = 0x0100007F;
+    lpHead->m_nFileNum = nFileNum;
+    lpHead->m_ftBackupTime.dwLowDateTime = 0x12345678;
+    lpHead->m_ftBackupTime.dwHighDateTime = 0x01DB0000;
+    return strHead;
+}
+
+inline LPSTRUCT_BACKUP_FILEINFO Record(std::string& strBackup, int nIndex)
+{
+    return (LPSTRUCT_BACKUP_FILEINFO)&strBackup[BACKUP_FIXED_HEAD_SIZE + (size_t)nIndex * sizeof(STRUCT_BACKUP_FILEINFO)];
+}
+
+// The finished head area of a backup of vFiles, copies laid out back to
+// back behind it.
+inline std::string FinishedHead(const std::vector<DbFile>& vFiles)
+{
+    std::string strHead = PlaceholderHead((int)vFiles.size());
+    long long nPos = (long long)strHead.size();
+    for (size_t i = 0; i < vFiles.size(); i++) {
+        const DbFile& f = vFiles[i];
+        LPSTRUCT_BACKUP_FILEINFO p = Record(strHead, (int)i);
+        p->m_bFileType = f.m_bFileType;
+        p->m_bFileNo = f.m_bFileNo;
+        p->m_nFileSize = f.m_nFileSize;
+        p->m_nFileHeaderSize = f.m_nHeadSize;
+        p->m_nFileFreeMemoryOffset = f.m_nFree;
+        snprintf(p->m_lpszFilePath, sizeof(p->m_lpszFilePath), "%s", f.m_strPath.c_str());
+        p->m_nDataStartOffset = nPos;
+        nPos += f.m_nFree;
+        p->m_nDataEndOffset = nPos;
+    }
+    return strHead;
+}
+
+// The whole backup of vFiles, in memory.
+inline std::string WholeBackup(const std::vector<DbFile>& vFiles)
+{
+    std::string strBackup = FinishedHead(vFiles);
+    for (const DbFile& f : vFiles) strBackup += DbFileBytes(f).substr(0, (size_t)f.m_nFree);
+    return strBackup;
+}
+
+// The backup of vFiles written to strPath in the daemon's order through the
+// file layer in force, the file opened for synchronous writes, the copies
+// in pieces of at most nPiece bytes. On a failed write the file is removed,
+// as the daemon removes a backup it could not finish. True when every
+// write went through.
+inline bool WriteBackupInOrder(const std::string& strPath, const std::vector<DbFile>& vFiles, long long nPiece)
+{
+    CTalvorFileIO* pIO = CTalvorFileIO::Current();
+    pIO->Unlink(strPath.c_str());
+    int fd = pIO->Open(strPath.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_SYNC, 0666);
+    if (fd < 0) return false;
+    std::string strPlaceholder = PlaceholderHead((int)vFiles.size());
+    bool bOk = TalvorWriteFull(fd, strPlaceholder.data(), strPlaceholder.size(), 0) == TRUE;
+    long long nPos = (long long)strPlaceholder.size();
+    for (size_t i = 0; bOk && i < vFiles.size(); i++) {
+        std::string strData = DbFileBytes(vFiles[i]);
+        for (long long nRead = 0; bOk && nRead < vFiles[i].m_nFree; nRead += nPiece) {
+            long long nSize = vFiles[i].m_nFree - nRead < nPiece ? vFiles[i].m_nFree - nRead : nPiece;
+            bOk = TalvorWriteFull(fd, strData.data() + nRead, (size_t)nSize, (off_t)nPos) == TRUE;
+            nPos += nSize;
+        }
+    }
+    std::string strFinished = FinishedHead(vFiles);
+    if (bOk) bOk = TalvorWriteFull(fd, strFinished.data(), strFinished.size(), 0) == TRUE;
+    pIO->Close(fd);
+    if (!bOk) pIO->Unlink(strPath.c_str());
+    return bOk;
+}
+
+// Verifies strPath; the report lives as long as the object.
+class Verified {
+public:
+    explicit Verified(const std::string& strPath) : m_pReport(new BACKUPVERIFYREPORT)
+    {
+        TalvorVerifyBackup(strPath.c_str(), m_pReport);
+    }
+    ~Verified() { delete m_pReport; }
+    Verified(const Verified&) = delete;
+    Verified& operator=(const Verified&) = delete;
+
+    int Status() const { return m_pReport->m_nStatus; }
+    const BACKUPVERIFYREPORT& Report() const { return *m_pReport; }
+    std::string Finding() const { return m_pReport->m_szFinding; }
+
+private:
+    LPBACKUPVERIFYREPORT m_pReport;
+};
+
+} // namespace backuptest
+
+namespace backuptest {
+
+// The whole full backup of files already on disk (vPaths, system file
+// first), each record taken from the file's own head and size, as the
+// daemon takes them from its descriptors.
+inline std::string WholeBackupOfFiles(const std::vector<std::string>& vPaths)
+{
+    std::string strHead = PlaceholderHead((int)vPaths.size());
+    std::string strData;
+    long long nPos = (long long)strHead.size();
+    for (size_t i = 0; i < vPaths.size(); i++) {
+        std::string strFile = talvortest::ReadWholeFile(vPaths[i]);
+        BASEFILEHEAD stHead;
+        memcpy(&stHead, strFile.data(), sizeof(stHead));
+        LPSTRUCT_BACKUP_FILEINFO p = Record(strHead, (int)i);
+        p->m_bFileType = stHead.m_bFileType;
+        p->m_bFileNo = stHead.m_bFileNo;
+        p->m_nFileSize = (long long)strFile.size();
+        p->m_nFileHeaderSize = stHead.m_nFileHeaderSize;
+        p->m_nFileFreeMemoryOffset = stHead.m_nFileFreeMemoryOffset;
+        snprintf(p->m_lpszFilePath, sizeof(p->m_lpszFilePath), "%s", vPaths[i].c_str());
+        p->m_nDataStartOffset = nPos;
+        strData += strFile.substr(0, (size_t)stHead.m_nFileFreeMemoryOffset);
+        nPos += stHead.m_nFileFreeMemoryOffset;
+        p->m_nDataEndOffset = nPos;
+    }
+    return strHead + strData;
+}
+
+} // namespace backuptest

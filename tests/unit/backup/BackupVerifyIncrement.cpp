@@ -1,0 +1,263 @@
+// The verifier on incremental backups: a whole one passes and tells what a
+// restore would apply to each file; a cut, a page that was never rewritten,
+// a chain that skips, loops or stops early, an item out of its place and a
+// piece that is not the map or block its item names are refused; and power
+// lost at any write leaves nothing the verifier takes for a whole backup.
+#include "BackupIncrementFixture.h"
+#include "FaultFileIO.h"
+#include "PackedValue.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+
+using namespace backuptest;
+using namespace talvortest;
+
+namespace {
+
+class BackupIncrementTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_tree.Ok());
+        m_vFiles = SampleIncrement(m_tree);
+        m_strWhole = IncrementImage(m_vFiles);
+        m_strPath = m_tree.Path("TalvorBackup990077.fbk");
+    }
+
+    int StatusAfter(const std::function<void(std::string&)>& fnChange)
+    {
+        std::string strBackup = m_strWhole;
+        fnChange(strBackup);
+        EXPECT_TRUE(WriteWholeFile(m_strPath, strBackup));
+        Verified v(m_strPath);
+        EXPECT_EQ(v.Status() == BACKUPVERIFY_WHOLE, v.Finding().empty()) << v.Finding();
+        return v.Status();
+    }
+
+    // The page at nPos of a backup image, and item nItem of it.
+    static LPBACKUPINCREMENTHEAD Page(std::string& s, long long nPos)
+    {
+        return (LPBACKUPINCREMENTHEAD)&s[(size_t)nPos];
+    }
+    static LPBACKUPINCREMENTITEM Item(std::string& s, long long nPage, int nItem)
+    {
+        return &Page(s, nPage)->m_pBlockItem[nItem];
+    }
+    long long FirstPage(int nFile) { return Val(Record(m_strWhole, nFile)->m_nDataStartOffset); }
+    long long SecondPage(int nFile) { return Val(Page(m_strWhole, FirstPage(nFile))->m_nNextPos); }
+
+    TempTree m_tree{"bverify"};
+    std::vector<IncFile> m_vFiles;
+    std::string m_strWhole;
+    std::string m_strPath;
+};
+
+} // namespace
+
+TEST_F(BackupIncrementTest, WholeIncrementPassesAndListsWhatARestoreApplies)
+{
+    ASSERT_TRUE(WriteWholeFile(m_strPath, m_strWhole));
+    Verified v(m_strPath);
+    ASSERT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
+    const BACKUPVERIFYREPORT& r = v.Report();
+    EXPECT_EQ(1, r.m_nLevel);
+    EXPECT_EQ(INCREMENT_TIMESTAMP, r.m_nTimestamp);
+    EXPECT_EQ(INCREMENT_REFER, r.m_nReferTimestamp);
+    ASSERT_EQ((int)m_vFiles.size(), r.m_nItemNum);
+    for (size_t i = 0; i < m_vFiles.size(); i++) {
+        const BACKUPRESTOREITEM& it = r.m_arItem[i];
+        long long nBytes = 0;
+        for (const Piece& p : m_vFiles[i].m_vPieces)
+            nBytes += p.m_nSize;
+        EXPECT_STREQ(m_vFiles[i].m_stFile.m_strPath.c_str(), it.m_lpszFilePath);
+        EXPECT_EQ((int)m_vFiles[i].m_vPieces.size(), it.m_nPieceNum) << i;
+        EXPECT_EQ(nBytes, it.m_nCopiedSize) << i;
+        EXPECT_EQ(m_vFiles[i].m_vPieces.empty() ? 0 : m_vFiles[i].m_stFile.m_nTimestamp, it.m_nHeadTimestamp) << i;
+    }
+    // The data file's 334 items take two pages, the first one full.
+    EXPECT_EQ(BACKUP_INCREMENT_MAX_ITEMS, Val(Page(m_strWhole, FirstPage(1))->m_nIncrementBlockNum));
+    EXPECT_NE(0, SecondPage(1));
+    EXPECT_EQ(334 - BACKUP_INCREMENT_MAX_ITEMS, Val(Page(m_strWhole, SecondPage(1))->m_nIncrementBlockNum));
+    // The unchanged file has a record and no data.
+    EXPECT_EQ(0, Val(Record(m_strWhole, 2)->m_nDataStartOffset));
+}
+
+TEST_F(BackupIncrementTest, WrittenInOrderThroughTheLayerIsTheSame)
+{
+    ASSERT_TRUE(WriteIncrementFile(m_strPath, m_vFiles));
+    EXPECT_EQ(m_strWhole, ReadWholeFile(m_strPath));
+    Verified v(m_strPath);
+    EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
+}
+
+TEST_F(BackupIncrementTest, EveryCutIsRefused)
+{
+    const long long nWhole = (long long)m_strWhole.size();
+    std::set<long long> setCuts = {0, 131, 8191, 8192, nWhole - 1};
+    for (int i : {0, 1, 3}) {
+        setCuts.insert(FirstPage(i));
+        setCuts.insert(FirstPage(i) + 20);
+        setCuts.insert(FirstPage(i) + 8191);
+        setCuts.insert(FirstPage(i) + 8192 + 10);
+        setCuts.insert(Val(Record(m_strWhole, i)->m_nDataEndOffset) - 1);
+    }
+    setCuts.insert(SecondPage(1));
+    setCuts.insert(SecondPage(1) + 4000);
+    for (long long n = 0; n < nWhole; n += 1999)
+        setCuts.insert(n);
+    for (long long nCut : setCuts) {
+        ASSERT_TRUE(WriteWholeFile(m_strPath, m_strWhole.substr(0, (size_t)nCut)));
+        Verified v(m_strPath);
+        EXPECT_EQ(BACKUPVERIFY_TRUNCATED, v.Status()) << "cut at " << nCut << ": " << v.Finding();
+    }
+}
+
+TEST_F(BackupIncrementTest, HeadFaultsAreRefused)
+{
+    auto Head = [](std::string& s) { return (LPBACKUPFILEHEAD)&s[0]; };
+    EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_nReferTimestamp = 0; }));
+    EXPECT_EQ(BACKUPVERIFY_BADHEAD,
+              StatusAfter([&](std::string& s) { Head(s)->m_nReferTimestamp = INCREMENT_TIMESTAMP; }));
+    EXPECT_EQ(BACKUPVERIFY_UNFINISHED, StatusAfter([&](std::string& s) {
+                  std::string strPlaceholder = PlaceholderHead((int)m_vFiles.size());
+                  s.replace(0, strPlaceholder.size(), strPlaceholder);
+              }));
+    // A full backup's copies read as pages are no pages.
+    EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) {
+                  std::vector<DbFile> vFull = SampleFiles(m_tree);
+                  s = WholeBackup(vFull);
+                  Head(s)->m_bLevel = 1;
+                  Head(s)->m_nReferTimestamp = 5;
+              }));
+}
+
+TEST_F(BackupIncrementTest, PageFaultsAreRefused)
+{
+    // A page never rewritten: a place-holder holds no item.
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) {
+                  std::string strEmpty;
+                  NewPage(strEmpty);
+                  s.replace((size_t)FirstPage(3), strEmpty.size(), strEmpty);
+              }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
+              StatusAfter([&](std::string& s) { Page(s, FirstPage(0))->m_nDataFlag = BLOCK_DATAFLAG; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Page(s, FirstPage(0))->m_nBlockSize = 4096; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
+              StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nIncrementBlockNum = 291; }));
+    // More items than a page holds would have the walk read past the page.
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
+              StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nIncrementBlockNum = 100000; }));
+    // The full first page cut back: its last items seem to be missing, the
+    // next page is where the run does not expect it.
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
+              StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nIncrementBlockNum = 289; }));
+    // A chain that stops after the first page, skips or loops.
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nNextPos = 0; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
+              StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nNextPos = SecondPage(1) + 512; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
+              StatusAfter([&](std::string& s) { Page(s, SecondPage(1))->m_nNextPos = FirstPage(1); }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
+              StatusAfter([&](std::string& s) { Page(s, SecondPage(1))->m_nNextPos = SecondPage(1); }));
+    // A record whose data ends before or after its pages.
+    EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Record(s, 3)->m_nDataEndOffset -= 512; }));
+    EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Record(s, 0)->m_nDataEndOffset -= 1; }));
+    EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Record(s, 0)->m_nDataEndOffset += 1; }));
+    // A changed file's data must follow the changed one before it.
+    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 3)->m_nDataStartOffset += 8192; }));
+    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 2)->m_nDataEndOffset = 8192; }));
+}
+
+TEST_F(BackupIncrementTest, ItemFaultsAreRefused)
+{
+    long long nPage = FirstPage(0);
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 1)->m_nBlockType = 4; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 0)->m_nBlockType = 3; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockType = 1; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 0)->m_nBlockFilePos = 512; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockDataPos += 1; }));
+    // Longer than the block it names: the next item's data is not where it
+    // says, or the block's own size differs.
+    EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockSize += 512; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockSize = 0; }));
+    // Pieces too short to hold a map block's or a block's head.
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 1)->m_nBlockSize = 24; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockSize = 40; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
+              StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockFilePos = 1048576 - 1024; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockFilePos = -2048; }));
+}
+
+TEST_F(BackupIncrementTest, PieceThatIsNotWhatItsItemNamesIsRefused)
+{
+    long long nPage = FirstPage(0);
+    auto At = [&](std::string& s, int nItem) {
+        return &s[(size_t)Val(Item(m_strWhole, nPage, nItem)->m_nBlockDataPos)];
+    };
+    // The copied head.
+    EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) { ((LPBASEFILEHEAD)At(s, 0))->m_bFileNo = 3; }));
+    // A map block: mark, number; a memory-mode file with the cache mode's mark.
+    EXPECT_EQ(BACKUPVERIFY_BADMARK,
+              StatusAfter([&](std::string& s) { ((LPBASEFILEBLOCKMAPHEAD)At(s, 1))->m_nMapNo = 2; }));
+    EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) {
+                  ((LPBASEFILEBLOCKMAPHEAD)At(s, 1))->m_nDataFlag = BLOCKMAP_CACHE_DATAFLAG;
+              }));
+    // A block: mark, number, size.
+    EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) { ((LPBASEBLOCKHEAD)At(s, 2))->m_nDataFlag = 0; }));
+    EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) { ((LPBASEBLOCKHEAD)At(s, 3))->m_nBlockNo = 1; }));
+    EXPECT_EQ(BACKUPVERIFY_BADMARK,
+              StatusAfter([&](std::string& s) { ((LPBASEBLOCKHEAD)At(s, 3))->m_nBlockSize = 4096; }));
+    // Item and piece agree on another number: the piece is that block.
+    EXPECT_EQ(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) {
+                  Item(s, nPage, 3)->m_nBlockNo = 77;
+                  ((LPBASEBLOCKHEAD)At(s, 3))->m_nBlockNo = 77;
+              }));
+}
+
+// Power lost at every write of an incremental backup: nothing but the
+// whole backup passes, and the whole one does. A small backup (each write is
+// synchronous): a changed system file, an unchanged file, a changed table
+// file.
+TEST_F(BackupIncrementTest, PowerLossAtAnyWriteLeavesNothingAccepted)
+{
+    std::vector<DbFile> v = SampleFiles(m_tree);
+    m_vFiles = {
+        {v[0], ChangedPieces(v[0], 1, 4096, 3, 2048)}, {v[2], {}}, {v[4], ChangedPieces(v[4], 1, 16384, 1, 16384)}};
+    m_strWhole = IncrementImage(m_vFiles);
+    long long nWrites = 0;
+    {
+        FaultFileIO io;
+        ScopedFileIO scoped(&io);
+        ASSERT_TRUE(WriteIncrementFile(m_strPath, m_vFiles));
+        nWrites = io.Calls(FileOp::PWrite);
+    }
+    ASSERT_GE(nWrites, 10);
+    int nAccepted = 0;
+    for (long long k = 1; k <= nWrites; k++) {
+        for (long long nTorn : {-1LL, 0LL, 100LL, 4096LL}) {
+            unlink(m_strPath.c_str());
+            bool bOk = false;
+            {
+                FaultFileIO io;
+                ScopedFileIO scoped(&io);
+                io.DieAfter(FileOp::PWrite, nTorn < 0 ? k - 1 : k);
+                if (nTorn > 0) io.CutTransfer(FileOp::PWrite, k, (size_t)nTorn);
+                bOk = WriteIncrementFile(m_strPath, m_vFiles);
+                io.LosePower(NameLoss::Keep);
+            }
+            Verified v(m_strPath);
+            bool bWhole = ReadWholeFile(m_strPath) == m_strWhole;
+            if (v.Status() == BACKUPVERIFY_WHOLE) {
+                nAccepted++;
+                EXPECT_TRUE(bWhole) << "write " << k << " of " << nWrites << ", torn " << nTorn;
+            }
+            if (k == nWrites && nTorn == 0) {
+                EXPECT_TRUE(bOk);
+                EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
+            }
+        }
+    }
+    EXPECT_GE(nAccepted, 1);
+}

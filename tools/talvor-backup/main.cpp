@@ -1,0 +1,15 @@
+// talvor-backup — looks into backup files without touching them.
+//
+//   talvor-backup verify FILE
+//
+// Exit status 0 only for a whole backup (full, or incremental with its own
+// pages whole: the backups below it are not looked at); 1 for any other
+// file; 2 for a bad command line.
+#include "BackupTool.h"
+
+#include <cstdio>
+
+int main(int argc, char** argv)
+{
+    return talvorbackup::RunBackupTool(argc, argv, stdout, stderr);
+}
