@@ -144,6 +144,12 @@ public:
     // the first failure (traced).
     BOOL RecoverIncrement(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress,
                           char* lpArchiveDesPath, int nPathSize, long long nTimestamp);
+    // Reads and checks every link of the chain that ends in the backup of
+    // nTimestamp before any of it is used: each link present, its head and
+    // every record, page and item inside its file, levels falling by one
+    // down to 0, references and database identity matching. TRUE with the
+    // timestamp of each level in lpChain; FALSE traced. Writes nothing.
+    BOOL CheckBackupChain(char* lpArchiveDesPath, int nPathSize, long long nTimestamp, struct _BACKUPCHAIN* lpChain);
     // Restores one level 0 backup.
     BOOL Recover(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress, char* lpArchiveDesPath,
                  int nPathSize, long long nTimestamp);
@@ -273,7 +279,11 @@ private:
     void RunBackupCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd,
                           LPTALVORPROGRESS lpTalvorProgress, UINT& nMaxID, BYTE bCommand);
     void RebuildCommand(LPTALVORCRITICALSECTION lpCritSection, UINT nMaxID);
+    // Command 46. Refused, with nothing removed, when the chain is unusable.
     void RestoreCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd);
+    // TRUE when the chain of nTimestamp under lpArchiveDesPath (512 bytes)
+    // passes CheckBackupChain; else traced.
+    BOOL RestoreChainUsable(char* lpArchiveDesPath, long long nTimestamp);
     void TestSpeedCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd);
     // The result of command 18 (CLUSTERRESULT_*).
     BYTE AddStandby(LPTALVORCOMMAND lpClusterCmd);

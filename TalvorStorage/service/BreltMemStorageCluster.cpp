@@ -7,6 +7,7 @@
 // the engine never waits on one that failed.
 #include "BreltMemStorage.h"
 
+#include "BackupChainCheck.h"
 #include "LogManager.h"
 #include "StorageCacheBridge.h"
 #include "TalvorCacheStorage.h"
@@ -26,6 +27,9 @@ const int STANDBY_SLOTS = 256;
 // The cache's threads let go of the files before they are removed.
 const useconds_t CACHE_FREE_WAIT_US = 100000;
 const useconds_t RELEASE_STANDBY_WAIT_US = 1000000;
+// The archive destination list a restore reads its chain from.
+const int RESTORE_PATH_SIZE = 512;
+static_assert(sizeof(((LPSYSTEMFILEHEAD)nullptr)->m_lpArchiveDesPath) == RESTORE_PATH_SIZE, "archive path size");
 
 // A refused command 10 stays and is met again at every turn: one line for
 // the whole stretch.
@@ -210,14 +214,48 @@ void CBreltMemStorageModule::RebuildCommand(LPTALVORCRITICALSECTION lpCritSectio
     RecoverResource(lpCritSection, FALSE, nMaxID > m_nClearedRedoLogMaxID ? nMaxID : m_nClearedRedoLogMaxID, 0);
 }
 
-// A restore begins by removing the database: it is refused before a byte is
-// touched until restoring from a backup chain is served.
-void CBreltMemStorageModule::RestoreCommand(LPTALVORCRITICALSECTION, LPTALVORCOMMAND lpClusterCmd)
+// The chain a restore would rebuild from, checked whole while the running
+// database still stands: the restore removes that database first, and a
+// chain found unusable afterwards would leave the node with nothing.
+BOOL CBreltMemStorageModule::RestoreChainUsable(char* lpArchiveDesPath, long long nTimestamp)
 {
+    BACKUPCHAIN stChain;
+    if (CheckBackupChain(lpArchiveDesPath, RESTORE_PATH_SIZE, nTimestamp, &stChain)) return TRUE;
     Trace("ClusterCommand", 1, 10012033,
-          TALVOR_TEXT("本服务尚不能从备份恢复,数据库保持不变,时间戳:%lld",
-                      "Restoring from a backup cannot be served yet: the database is left as it is, timestamp: %lld"),
-          (long long)lpClusterCmd->m_nTimestamp);
+          TALVOR_TEXT("备份链[%lld]不可用,拒绝恢复,数据库保持不变",
+                      "The backup chain [%lld] cannot be used: the restore is refused and the database is left as it is"),
+          nTimestamp);
+    return FALSE;
+}
+
+void CBreltMemStorageModule::RestoreCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd)
+{
+    long long nTimestamp = lpClusterCmd->m_nTimestamp;
+    // With the database taken apart there is no archive path to read.
+    char* lpPath = m_pMemoryFileHead != nullptr ? (char*)malloc(RESTORE_PATH_SIZE) : nullptr;
+    if (lpPath != nullptr) memcpy(lpPath, m_pMemoryFileHead->m_lpArchiveDesPath, RESTORE_PATH_SIZE);
+    if (lpPath == nullptr || !RestoreChainUsable(lpPath, nTimestamp)) {
+        if (lpPath == nullptr)
+            Trace("ClusterCommand", 1, 10012034,
+                  TALVOR_TEXT("没有打开的数据库或内存不足,拒绝恢复,时间戳:%lld",
+                              "No database is open or no memory is left: the restore is refused, timestamp: %lld"),
+                  nTimestamp);
+        free(lpPath);
+        if (m_pMemoryFileHead != nullptr) ClearForbidFlags(lpClusterCmd);
+        TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_FINISHED);
+        return;
+    }
+    LPTALVORPROGRESS lpProgress = m_pFlashback != nullptr ? m_pFlashback->GetProgress() : nullptr;
+    if (lpProgress != nullptr) lpProgress->m_nStatus = PROGRESS_RUNNING;
+    TalvorStoreShared(&lpClusterCmd->m_bForbidSaveFlag, 1);
+    usleep(1000);
+    UINT nLogMaxID = 0;
+    USHORT usDBGuid = 0;
+    ClearResource(lpCritSection, nLogMaxID, usDBGuid);
+    usleep(1000);
+    RecoverIncrement(lpCritSection, lpProgress, lpPath, RESTORE_PATH_SIZE, nTimestamp);
+    RecoverResource(lpCritSection, TRUE, nLogMaxID, usDBGuid);
+    free(lpPath);
     if (m_pMemoryFileHead != nullptr) ClearForbidFlags(lpClusterCmd);
     TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_FINISHED);
 }
