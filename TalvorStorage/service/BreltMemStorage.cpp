@@ -369,6 +369,9 @@ HRESULT CBreltMemStorageModule::FreeData(LPTALVORCRITICALSECTION lpCritSection)
     if (lpHead != nullptr && lpHead->m_nDataFlag == SYSTEMFILE_DATAFLAG)
         WriteSysConfigParam(lpCritSection, lpHead, FALSE, TRUE);
     ReleaseCache();
+    // Standby threads read the redo service and the head: they end first
+    // (they see m_bExit).
+    WaitForStandbySlots();
     // What a storage thread that would not end still holds is never freed
     // under it: the file list and its images, the system file, the work
     // buffers, the channel, the latch, its wake-up and its crash record.

@@ -288,6 +288,8 @@ private:
     // The result of command 18 (CLUSTERRESULT_*).
     BYTE AddStandby(LPTALVORCOMMAND lpClusterCmd);
     void RemoveStandby(UINT ulIP, USHORT usPort);
+    // Asks every standby thread to end and waits (bounded) for the slots.
+    void StopStandbys();
     void RemoveDatabaseFile(const char* lpszPath);
     BOOL AbandonRebuild();
     // The database files of a backup, in file number order; their count.

@@ -26,7 +26,9 @@ namespace {
 const int STANDBY_SLOTS = 256;
 // The cache's threads let go of the files before they are removed.
 const useconds_t CACHE_FREE_WAIT_US = 100000;
-const useconds_t RELEASE_STANDBY_WAIT_US = 1000000;
+// The storage thread may be inside a Reset of the object it found in the
+// slot (3.2 s at most): the object outlives that.
+const useconds_t RELEASE_STANDBY_WAIT_US = 4000000;
 // The archive destination list a restore reads its chain from.
 const int RESTORE_PATH_SIZE = 512;
 static_assert(sizeof(((LPSYSTEMFILEHEAD)nullptr)->m_lpArchiveDesPath) == RESTORE_PATH_SIZE, "archive path size");
@@ -189,19 +191,6 @@ void CBreltMemStorageModule::RunBackupCommand(LPTALVORCRITICALSECTION lpCritSect
     TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_FINISHED);
 }
 
-// An incremental backup is not served by this build: the command fails as
-// a failed backup does, and no file is left behind.
-BOOL CBreltMemStorageModule::BackupIncremental(LPTALVORCRITICALSECTION, LPTALVORPROGRESS, char*, int, BYTE bLevel,
-                                               long long nTimestamp, long long nRefTimestamp, int, int, UINT,
-                                               const volatile BYTE&)
-{
-    Trace("BackupIncremental", 1, 10016001,
-          TALVOR_TEXT("本服务尚不能执行增量备份,级别:%d,时间戳:%lld,参考时间戳:%lld",
-                      "Incremental backups cannot be served yet, level: %d, timestamp: %lld, reference timestamp: %lld"),
-          (int)bLevel, nTimestamp, nRefTimestamp);
-    return FALSE;
-}
-
 // A rebuild over a database that is up would load every file a second
 // time: it is refused, and the database goes on as it is.
 void CBreltMemStorageModule::RebuildCommand(LPTALVORCRITICALSECTION lpCritSection, UINT nMaxID)
@@ -313,6 +302,15 @@ void CBreltMemStorageModule::RemoveStandby(UINT ulIP, USHORT usPort)
     }
 }
 
+void CBreltMemStorageModule::StopStandbys()
+{
+    for (int i = 0; i < STANDBY_SLOTS; i++) {
+        CTalvorStandby* pStandby = __atomic_load_n(&m_arTalvorStandby[i], __ATOMIC_ACQUIRE);
+        if (pStandby != nullptr) pStandby->Uninitialize();
+    }
+    WaitForStandbySlots();
+}
+
 void CBreltMemStorageModule::ReleaseStandby(CTalvorStandby* pStandby)
 {
     for (int i = 0; i < STANDBY_SLOTS; i++) {
@@ -322,8 +320,6 @@ void CBreltMemStorageModule::ReleaseStandby(CTalvorStandby* pStandby)
             continue;
         LPSTORAGEMEMHEAD lpChannel = m_pFlashback != nullptr ? m_pFlashback->GetStorageMemHead() : nullptr;
         if (lpChannel != nullptr) __atomic_sub_fetch(&lpChannel->m_bStandbyThreads, 1, __ATOMIC_ACQ_REL);
-        // The storage thread may still be looking at the object it found
-        // in the slot.
         usleep(RELEASE_STANDBY_WAIT_US);
         break;
     }
@@ -352,6 +348,8 @@ void CBreltMemStorageModule::ClearResource(LPTALVORCRITICALSECTION, UINT& nLogMa
         free(pInfo);
         pInfo = pNext;
     }
+    // The standby threads read the redo service: they end before it goes.
+    StopStandbys();
     SysClearTalvorLog();
     WaitForStandbySlots();
     LPSYSTEMFILEHEAD lpHead = m_pMemoryFileHead;

@@ -12,6 +12,7 @@
 #include "TalvorFileIO.h"
 #include "TalvorFlashback.h"
 #include "TalvorMemoryStorage.h"
+#include "TalvorRestoreMark.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -124,6 +125,14 @@ HRESULT CBreltMemStorageModule::InitSysEnvironment(LPTALVORCRITICALSECTION lpCri
     m_lpSystemFileInfo->m_bFileType = FILETYPE_SYSTEM;
     m_lpSystemFileInfo->m_bFileNo = SYSTEMFILE_FILENO;
     m_lpSystemFileInfo->m_pLoadSize = &m_nSysFileLoadSize;
+    // Files a restore left half rewritten are no database to start on.
+    if (TalvorRestoreMarkPresent(m_lpSystemFileInfo->m_lpszFilePath)) {
+        Trace("InitSysEnvironment", 1, 10020040,
+              TALVOR_TEXT("数据库的恢复未完成,文件可能新旧混杂,请重新执行恢复,系统文件:%s",
+                          "A restore into this database did not finish, so its files may be a mixture of old and restored ones: run the restore again, system file: %s"),
+              m_lpSystemFileInfo->m_lpszFilePath);
+        return E_FAIL;
+    }
 
     CTalvorMemoryStorage* pStorage = new (std::nothrow) CTalvorMemoryStorage();
     if (pStorage == nullptr) {

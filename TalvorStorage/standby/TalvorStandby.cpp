@@ -1,67 +1,233 @@
-// TalvorStandby.cpp — a standby connection and the thread that holds it.
+// TalvorStandby.cpp — the wire of a standby connection: connect and hello,
+// whole receives with their time-outs, the reply that carries a token, and
+// the calls the storage thread makes from outside.
 #include "TalvorStandby.h"
 
 #include "TalvorTrace.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
+#include <uuid/uuid.h>
 
 namespace {
 
-// How often the thread looks at its stop flags while the connection is
-// quiet.
-const int STANDBY_POLL_MS = 100;
-// Reset waits this long for the thread to take note.
 const int RESET_POLLS = 200;
 const int RESET_POLL_US = 16000;
 const int PUBLISH_WAITS = 10000;
+const int SEND_TIMEOUT_S = 180;
+const int RECV_TIMEOUT_S = 1;
+const int OTHER_ERRORS_BEFORE_GIVING_UP = 4;
+
+long long NowMicros()
+{
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    return (long long)tv.tv_sec * 1000000LL + tv.tv_usec;
+}
+
+bool ConnectionLost(int nErr) { return nErr == ECONNRESET || nErr == EPIPE || nErr == ENOTCONN || nErr == ENOTSOCK; }
 
 } // namespace
 
 CTalvorStandby::CTalvorStandby()
-    : m_pMemoryFileHead(nullptr), m_skSocket(-1), m_ulIP(0), m_ulLocalIP(0), m_nRedoLogNo(0), m_nResetRedoLogNo(1),
-      m_usPort(0), m_bRandomFactor(0), m_bExit(FALSE), m_bPublished(FALSE), m_hWorkThread(0), m_pStorageModule(nullptr)
+    : m_pMemoryFileHead(nullptr), m_pTalvorRedoLog(nullptr), m_skSocket(-1), m_ulIP(0), m_ulLocalIP(0),
+      m_nRedoLogNo(0), m_nResetRedoLogNo(1), m_usPort(0), m_bRandomFactor(0), m_bExit(FALSE), m_hWorkThread(0),
+      m_pStorageModule(nullptr), m_bPublished(FALSE)
 {
 }
 
-CTalvorStandby::~CTalvorStandby()
+CTalvorStandby::~CTalvorStandby() { CloseSocket(); }
+
+void CTalvorStandby::CloseSocket()
 {
-    if (m_skSocket >= 0) close(m_skSocket);
-    m_skSocket = -1;
+    int sk = __atomic_exchange_n(&m_skSocket, -1, __ATOMIC_ACQ_REL);
+    if (sk >= 0) close(sk);
+}
+
+BOOL CTalvorStandby::StopAsked()
+{
+    return TalvorLoadShared(&m_bExit) || (m_pStorageModule != nullptr && m_pStorageModule->GetExitFlag());
+}
+
+BYTE CTalvorStandby::CreateRandomFactor()
+{
+    BYTE bToken = 0;
+    do {
+        uuid_t id;
+        uuid_generate(id);
+        bToken = id[0];
+    } while (bToken == 0 || bToken == m_bRandomFactor);
+    m_bRandomFactor = bToken;
+    return bToken;
 }
 
 int CTalvorStandby::ConnectNode(UINT ulIP, USHORT usPort, int nTimeOut)
 {
+    if (TalvorLoadShared(&m_bExit)) return -1;
     int sk = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (sk < 0) return -1;
+    if (sk < 0) {
+        Trace("ConnectNode", 4, 70002002,
+              TALVOR_TEXT("创建Socket连接[%d.%d.%d.%d:%u]失败,错误码:%d", "Failed to create socket connection [%d.%d.%d.%d:%u], error code: %d"),
+              STANDBY_ADDR(this), errno);
+        return -1;
+    }
     struct sockaddr_in stAddr = {};
     stAddr.sin_family = AF_INET;
     stAddr.sin_port = htons(usPort);
     stAddr.sin_addr.s_addr = htonl(ulIP);
-    int nFlags = fcntl(sk, F_GETFL, 0);
-    fcntl(sk, F_SETFL, nFlags | O_NONBLOCK);
-    int rc = connect(sk, (struct sockaddr*)&stAddr, sizeof(stAddr));
-    if (rc != 0 && errno == EINPROGRESS) {
-        struct pollfd stPoll = {sk, POLLOUT, 0};
-        rc = poll(&stPoll, 1, nTimeOut * 1000) == 1 ? 0 : -1;
-        int nError = 0;
-        socklen_t nLen = sizeof(nError);
-        if (rc == 0 && (getsockopt(sk, SOL_SOCKET, SO_ERROR, &nError, &nLen) != 0 || nError != 0)) rc = -1;
+    int rc = -1;
+    if (nTimeOut > 0) {
+        int nFlags = fcntl(sk, F_GETFL, 0);
+        fcntl(sk, F_SETFL, nFlags | O_NONBLOCK);
+        rc = connect(sk, (struct sockaddr*)&stAddr, sizeof(stAddr));
+        if (rc != 0 && errno == EINPROGRESS) {
+            struct pollfd stPoll = {sk, POLLOUT, 0};
+            rc = poll(&stPoll, 1, nTimeOut * 1000) == 1 ? 0 : -1;
+            int nError = 0;
+            socklen_t nLen = sizeof(nError);
+            if (rc == 0 && (getsockopt(sk, SOL_SOCKET, SO_ERROR, &nError, &nLen) != 0 || nError != 0)) rc = -1;
+        }
+        fcntl(sk, F_SETFL, nFlags);
+    } else {
+        rc = connect(sk, (struct sockaddr*)&stAddr, sizeof(stAddr));
     }
     if (rc != 0) {
         close(sk);
         return -1;
     }
-    fcntl(sk, F_SETFL, nFlags);
     int nOn = 1;
     setsockopt(sk, IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof(nOn));
+    struct timeval tvSend = {SEND_TIMEOUT_S, 0}, tvRecv = {RECV_TIMEOUT_S, 0};
+    setsockopt(sk, SOL_SOCKET, SO_SNDTIMEO, &tvSend, sizeof(tvSend));
+    setsockopt(sk, SOL_SOCKET, SO_RCVTIMEO, &tvRecv, sizeof(tvRecv));
+    // The connecting side speaks first: who it is, and where its own
+    // listener is.
+    MF_SERVICE_TCP_COMMAND stHello;
+    memset(&stHello, 0, sizeof(stHello));
+    stHello.m_bVersion = NODEMSG_VERSION;
+    stHello.m_bType = NODEMSG_HELLO;
+    stHello.m_lDigitalData = m_pMemoryFileHead != nullptr ? (int)m_pMemoryFileHead->m_usDatabaseGuid : 0;
+    MF_CLIENTINFO stInfo;
+    memset(&stInfo, 0, sizeof(stInfo));
+    stInfo.m_bCmdType = CLIENTINFO_STANDBY;
+    char szExe[MAX_PATH] = {0};
+    ssize_t nExe = readlink("/proc/self/exe", szExe, sizeof(szExe) - 1);
+    if (nExe > 0) {
+        const char* lpName = strrchr(szExe, '/');
+        lpName = lpName != nullptr ? lpName + 1 : szExe;
+        memcpy(stInfo.m_lpszProgramName, lpName, strnlen(lpName, sizeof(stInfo.m_lpszProgramName) - 1));
+    }
+    stInfo.m_dwProcessID = (UINT)getpid();
+    stInfo.m_dwThreadID = (UINT)syscall(SYS_gettid);
+    stInfo.m_ulIP = m_ulLocalIP;
+    stInfo.m_usPort = m_pMemoryFileHead != nullptr ? (USHORT)(m_pMemoryFileHead->m_nTCPListenPort & 0xFFFF) : 0;
+    memcpy(stHello.m_lpszParam, &stInfo, sizeof(stInfo));
+    if (send(sk, &stHello, sizeof(stHello), MSG_NOSIGNAL) != (ssize_t)sizeof(stHello)) {
+        close(sk);
+        return -1;
+    }
     return sk;
+}
+
+int CTalvorStandby::ReceiveBuffer(char* pBuffer, int nSize, int& nErrorNo, long long nStartTime, int nTimeout)
+{
+    memset(pBuffer, 0, (size_t)nSize);
+    int nGot = 0;
+    int nOtherErrors = 0;
+    while (nGot < nSize) {
+        ssize_t n = recv(m_skSocket, pBuffer + nGot, (size_t)(nSize - nGot), 0);
+        if (n > 0) {
+            nGot += (int)n;
+            continue;
+        }
+        if (n == 0) {
+            nErrorNo = ECONNRESET;
+            return 0;
+        }
+        if (StopAsked()) return 0;
+        nErrorNo = errno;
+        if (nErrorNo == EINTR || nErrorNo == EALREADY || nErrorNo == EINPROGRESS) continue;
+        if (nGot == 0) return -1;
+        if (nErrorNo == EAGAIN || nErrorNo == EWOULDBLOCK) {
+            if (nStartTime == 0) return -1;
+            long long nNow = NowMicros();
+            // A start time that cannot be true is taken as now.
+            if (nNow < nStartTime || nStartTime < nNow / 2) nStartTime = nNow;
+            if (nNow - nStartTime > (long long)nTimeout * 1000000LL) return -1;
+            continue;
+        }
+        if (ConnectionLost(nErrorNo) || ++nOtherErrors >= OTHER_ERRORS_BEFORE_GIVING_UP) return -1;
+    }
+    return nSize;
+}
+
+int CTalvorStandby::RecvTcpCmd(MF_SERVICE_TCP_COMMAND& stTcpCmd, BYTE bToken, long long nStartTime, int nTimeout)
+{
+    memset(&stTcpCmd, 0, sizeof(stTcpCmd));
+    long long nStart = nStartTime != 0 ? nStartTime : NowMicros();
+    int nQueued = -1;
+    for (;;) {
+        int nErr = 0;
+        int n = ReceiveBuffer((char*)&stTcpCmd, (int)sizeof(stTcpCmd), nErr, nStart, nTimeout);
+        if (n == (int)sizeof(stTcpCmd)) {
+            if (stTcpCmd.m_bType == NODEMSG_FAILURE && stTcpCmd.m_lDigitalData == NODEMSG_LEAVING) {
+                TalvorStoreShared(&m_bExit, TRUE);
+                return TCPCMD_OK;
+            }
+            if (stTcpCmd.m_bToken != bToken) continue;  // an old reply
+            if (stTcpCmd.m_bType != NODEMSG_KEEPALIVE) return TCPCMD_OK;
+            nStart = NowMicros();
+            continue;
+        }
+        if (n == 0) {
+            Trace("RecvTcpCmd", 4, 70003001,
+                  TALVOR_TEXT("接收节点[%d.%d.%d.%d:%u]数据发现Socket已断开(%d,%d)!",
+                              "The data of the receiving node [%d.%d.%d.%d:%u] found that the Socket was disconnected (%d, %d)!"),
+                  STANDBY_ADDR(this), n, nErr);
+            return TCPCMD_GONE;
+        }
+        if (nErr != EAGAIN && nErr != EWOULDBLOCK) {
+            if (nErr == ECONNRESET || nErr == EPIPE || nErr == ENOTCONN || nErr == EBADF || nErr == ENOTSOCK) {
+                Trace("RecvTcpCmd", 4, 70003003,
+                      TALVOR_TEXT("接收节点[%d.%d.%d.%d:%u]数据发现Socket已断开(%d,%d)!",
+                                  "The data of the receiving node [%d.%d.%d.%d:%u] found that the Socket was disconnected (%d, %d)!"),
+                      STANDBY_ADDR(this), n, nErr);
+                return TCPCMD_GONE;
+            }
+            Trace("RecvTcpCmd", 4, 70003004,
+                  TALVOR_TEXT("接收节点[%d.%d.%d.%d:%u]数据失败(%d,%d)!", "Failed to receive Data from node [%d.%d.%d.%d:%u] (%d, %d)!"),
+                  STANDBY_ADDR(this), n, nErr);
+            return TCPCMD_ERROR;
+        }
+        if (StopAsked()) return TCPCMD_TIMEOUT;
+        if (NowMicros() - nStart < (long long)nTimeout * 1000000LL) continue;
+        // Silence past the time-out: bytes of ours that do not leave the
+        // send queue mean a stuck connection, not a slow node.
+        int nOutQ = 0;
+        if (ioctl(m_skSocket, SIOCOUTQ, &nOutQ) != 0) nOutQ = 0;
+        if (nQueued < 0) {
+            if (nOutQ == 0) return TCPCMD_TIMEOUT;
+            nQueued = nOutQ;
+            nStart = NowMicros();
+            continue;
+        }
+        if (nOutQ != nQueued) return TCPCMD_TIMEOUT;
+        Trace("RecvTcpCmd", 4, 70003002,
+              TALVOR_TEXT("接收节点[%d.%d.%d.%d:%u]数据发现Socket阻塞(%d,%d,%d)!", "Receive node [%d.%d.%d.%d:%u] data found Socket block (%d, %d, %d)!"),
+              STANDBY_ADDR(this), n, nErr, nOutQ);
+        return TCPCMD_GONE;
+    }
 }
 
 int CTalvorStandby::Initialize(ITalvorStandbyOwner* pOwner, LPSYSTEMFILEHEAD pMemoryFileHead, UINT ulIP,
@@ -72,22 +238,19 @@ int CTalvorStandby::Initialize(ITalvorStandbyOwner* pOwner, LPSYSTEMFILEHEAD pMe
     m_ulIP = ulIP;
     m_usPort = usPort;
     m_ulLocalIP = ulLocalIP;
-    m_skSocket = ConnectNode(ulIP, usPort, STANDBY_CONNECT_TIMEOUT_S);
-    if (m_skSocket < 0) {
-        Trace("Initialize", 1, 70001001,
-              TALVOR_TEXT("连接备用节点失败,地址:%u.%u.%u.%u,端口:%d", "Failed to connect to the standby node, address: %u.%u.%u.%u, port: %d"),
-              ulIP >> 24, (ulIP >> 16) & 0xFF, (ulIP >> 8) & 0xFF, ulIP & 0xFF, (int)usPort);
-        return STANDBYINIT_CONNECTFAILED;
-    }
     // Detached: the thread destroys the object itself, through its owner.
     pthread_attr_t attr;
-    if (pthread_attr_init(&attr) != 0) return STANDBYINIT_THREADFAILED;
-    pthread_attr_setstacksize(&attr, (size_t)g_nThreadStackSize);
-    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    int rc = pthread_create(&m_hWorkThread, &attr, WorkThread, this);
-    pthread_attr_destroy(&attr);
+    int rc = pthread_attr_init(&attr);
+    if (rc == 0) {
+        pthread_attr_setstacksize(&attr, (size_t)g_nThreadStackSize);
+        pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+        rc = pthread_create(&m_hWorkThread, &attr, WorkThread, this);
+        pthread_attr_destroy(&attr);
+    }
     if (rc != 0) {
         m_hWorkThread = 0;
+        printf("Initialize, the standby thread of %u.%u.%u.%u:%u could not be started (%d)\n", ulIP >> 24,
+               (ulIP >> 16) & 0xFF, (ulIP >> 8) & 0xFF, ulIP & 0xFF, (unsigned)usPort, rc);
         return STANDBYINIT_THREADFAILED;
     }
     return STANDBYINIT_OK;
@@ -103,13 +266,26 @@ int CTalvorStandby::Uninitialize()
 
 int CTalvorStandby::Reset()
 {
-    if (TalvorLoadShared(&m_bExit)) return 1;
+    Trace("Reset", 4, 70007001,
+          TALVOR_TEXT("收到备用节点[%d.%d.%d.%d:%u]同步请求,重置日志同步数据!",
+                      "Standby node [%d.%d.%d.%d:%u] synchronization request was received,and log synchronization data was reset!"),
+          STANDBY_ADDR(this));
+    TalvorStoreShared(&m_bExit, FALSE);
     TalvorStoreShared(&m_nResetRedoLogNo, 0U);
     for (int i = 0; i < RESET_POLLS; i++) {
-        if (TalvorLoadShared(&m_nResetRedoLogNo) != 0) return 0;
         usleep(RESET_POLL_US);
+        if (TalvorLoadShared(&m_nResetRedoLogNo) != 0) {
+            Trace("Reset", 4, 70007002,
+                  TALVOR_TEXT("备用节点[%d.%d.%d.%d:%u]的同步线程工作正常!", "The synchronization thread of the standby node [%d.%d.%d.%d:%u] worked properly!"),
+                  STANDBY_ADDR(this));
+            return 0;
+        }
     }
+    Trace("Reset", 4, 70007003,
+          TALVOR_TEXT("备用节点[%d.%d.%d.%d:%u]的同步线程没有工作!", "The synchronization thread of the standby node [%d.%d.%d.%d:%u] is not working!"),
+          STANDBY_ADDR(this));
     TalvorStoreShared(&m_bExit, TRUE);
+    // The thread's own socket is closed by the thread as it ends.
     return 1;
 }
 
@@ -120,35 +296,15 @@ int CTalvorStandby::GetServerInfo(UINT& ulIP, USHORT& usPort)
     return 0;
 }
 
-BOOL CTalvorStandby::StopAsked()
-{
-    return TalvorLoadShared(&m_bExit) || (m_pStorageModule != nullptr && m_pStorageModule->GetExitFlag());
-}
-
-void CTalvorStandby::Work()
-{
-    char szDiscard[4096];
-    // The owner publishes right after a successful Initialize; the bound
-    // only keeps a lost publication from holding the thread for ever.
-    for (int i = 0; i < PUBLISH_WAITS && !TalvorLoadShared(&m_bPublished); i++) usleep(1000);
-    while (!StopAsked()) {
-        // A reset finds a live connection: take note.
-        if (TalvorLoadShared(&m_nResetRedoLogNo) == 0) TalvorStoreShared(&m_nResetRedoLogNo, 1U);
-        struct pollfd stPoll = {m_skSocket, POLLIN, 0};
-        int rc = poll(&stPoll, 1, STANDBY_POLL_MS);
-        if (rc < 0 && errno != EINTR) break;
-        if (rc <= 0) continue;
-        ssize_t nRead = recv(m_skSocket, szDiscard, sizeof(szDiscard), MSG_DONTWAIT);
-        if (nRead == 0 || (nRead < 0 && errno != EAGAIN && errno != EINTR)) break;
-    }
-    close(m_skSocket);
-    m_skSocket = -1;
-}
-
 void* CTalvorStandby::WorkThread(void* lpParam)
 {
     CTalvorStandby* pStandby = (CTalvorStandby*)lpParam;
-    pStandby->Work();
+    // The owner publishes right after a successful Initialize; the bound
+    // only keeps a lost publication from holding the thread for ever.
+    for (int i = 0; i < PUBLISH_WAITS && !TalvorLoadShared(&pStandby->m_bPublished); i++) usleep(1000);
+    BOOL bRelease = FALSE;
+    pStandby->Work(bRelease);
+    pStandby->CloseSocket();
     ITalvorStandbyOwner* pOwner = pStandby->m_pStorageModule;
     if (pOwner != nullptr)
         pOwner->ReleaseStandby(pStandby);

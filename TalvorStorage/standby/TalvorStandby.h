@@ -1,16 +1,24 @@
-// TalvorStandby.h — one standby connection of this node, and its thread.
+// TalvorStandby.h — one standby node of this node, and the thread that
+// keeps it fed with the redo log.
 //
-// A standby slot is taken only by a live connection: Initialize connects to
-// the standby node's listener (at most STANDBY_CONNECT_TIMEOUT_S seconds) and
-// starts the thread that holds the connection. Shipping the redo log over it
-// comes with log shipping; until then the thread keeps the connection open
-// and ends when the standby node closes it or when it is asked to. A thread
-// that ends hands its object back to its owner, which frees the slot and
-// destroys the object.
+// The thread connects to the standby's listener, asks it where it stands,
+// and sends it the log from there: from archive files and sealed groups,
+// then from the file of the current log, then, once it has caught up,
+// straight from the writer's live feed. Every shipment waits for the reply
+// that carries its token. A lost connection always ends in a new position
+// exchange, so whatever was in flight is sent again from the standby's own
+// position.
+//
+// The storage thread calls Initialize, Reset, Uninitialize and
+// GetServerInfo; the thread reads m_bExit and m_nResetRedoLogNo without a
+// latch. A thread that ends hands its object to its owner, which frees the
+// slot and destroys it.
 #pragma once
 
 #include "LinuxCommonAPI.h"
 #include "MemDBCommonDef.h"
+#include "MemDBNodeDef.h"
+#include "TalvorRedoLog.h"
 #include "TypeDef.h"
 
 class CTalvorStandby;
@@ -27,24 +35,24 @@ public:
 };
 
 inline constexpr int STANDBY_CONNECT_TIMEOUT_S = 3;
-
 // Results of Initialize.
-enum {
-    STANDBYINIT_OK = 0,
-    STANDBYINIT_CONNECTFAILED = 1,
-    STANDBYINIT_THREADFAILED = 2,
-};
+enum { STANDBYINIT_OK = 0, STANDBYINIT_THREADFAILED = 1 };
+// Results of RecvTcpCmd.
+enum { TCPCMD_OK = 0, TCPCMD_GONE = 73, TCPCMD_TIMEOUT = 74, TCPCMD_ERROR = 5013 };
+// Sizes of the thread's buffers: a shipment of at most 4 MiB behind room
+// for the head, and the live feed.
+inline constexpr int STANDBY_SEND_CAPACITY = 0x400000;
+inline constexpr int STANDBY_FEED_SIZE = 0x1000000;
 
 class CTalvorStandby {
 public:
     CTalvorStandby();
-    // Closes the socket. The thread must have ended (it destroys the object
+    // Closes the socket. The thread has ended (it destroys the object
     // through its owner), or never started.
     ~CTalvorStandby();
 
-    // Connects to ulIP:usPort (host order) and starts the thread. 0 on
-    // success; otherwise nothing runs and the object may be destroyed.
-    // nLogNo is not kept: the standby says where it stands. Storage thread.
+    // Stores the values and starts the thread. 0 on success. nLogNo is not
+    // kept: the standby tells its own position. Storage thread.
     int Initialize(ITalvorStandbyOwner* pOwner, LPSYSTEMFILEHEAD pMemoryFileHead, UINT ulIP, USHORT usPort,
                    UINT ulLocalIP, UINT nLogNo);
     // The owner has put the object in its slot: from here on the thread may
@@ -52,17 +60,34 @@ public:
     void Publish();
     // Asks the thread to end. Any thread. 0.
     int Uninitialize();
-    // Asks a running thread to start over with the standby: 0 when its
-    // connection is live and took the request, 1 otherwise (the thread is
-    // then asked to end). Storage thread.
+    // Asks a running thread for a fresh position exchange: 0 when it took
+    // the request within 3.2 s, 1 when it did not (it is then asked to end
+    // and its socket closed). Storage thread.
     int Reset();
-    // The standby node's address and port. Any thread. 0.
+    // The standby node's address and port (host order). Any thread. 0.
     int GetServerInfo(UINT& ulIP, USHORT& usPort);
 
     static void* WorkThread(void* lpParam);
 
+    // --- The wire (TalvorStandby.cpp). The thread's own.
+    // A fresh token: neither 0 nor the last one.
+    BYTE CreateRandomFactor();
+    // A connection to ulIP:usPort that has said hello, or -1.
+    int ConnectNode(UINT ulIP, USHORT usPort, int nTimeOut);
+    // nSize bytes, or 0 when the peer closed (nErrorNo 104) or a stop is
+    // asked, or -1 on an error or a time-out (nErrorNo says which).
+    int ReceiveBuffer(char* pBuffer, int nSize, int& nErrorNo, long long nStartTime, int nTimeout);
+    // The reply that carries bToken: TCPCMD_OK with it in stTcpCmd, or
+    // TCPCMD_GONE, TCPCMD_TIMEOUT (the connection is intact), TCPCMD_ERROR.
+    int RecvTcpCmd(MF_SERVICE_TCP_COMMAND& stTcpCmd, BYTE bToken, long long nStartTime, int nTimeout);
+    void CloseSocket();
+
+    // --- The state machine (TalvorStandbyWork.cpp). The thread's own.
+    void Work(BOOL& bRelease);
+
     LPSYSTEMFILEHEAD m_pMemoryFileHead;
-    int m_skSocket;
+    CTalvorRedoLog* m_pTalvorRedoLog;
+    volatile int m_skSocket;
     UINT m_ulIP;
     UINT m_ulLocalIP;
     UINT m_nRedoLogNo;
@@ -70,16 +95,17 @@ public:
     USHORT m_usPort;
     BYTE m_bRandomFactor;
     volatile BOOL m_bExit;
+    HTHREADTYPE m_hWorkThread;
+    ITalvorStandbyOwner* m_pStorageModule;
     // Set by Publish: a thread that ended before its object reached a slot
     // would have it destroyed while the owner still stores it.
     volatile BOOL m_bPublished;
-    HTHREADTYPE m_hWorkThread;
-    ITalvorStandbyOwner* m_pStorageModule;
 
-private:
-    // Holds the connection until the standby closes it or a stop is asked.
-    void Work();
     BOOL StopAsked();
-    // A TCP connection to ulIP:usPort within nTimeOut seconds, or -1.
-    static int ConnectNode(UINT ulIP, USHORT usPort, int nTimeOut);
 };
+
+// The standby's address and port as the traces give them: four octets and
+// the port.
+#define STANDBY_ADDR(p)                                                                                   \
+    (int)((p)->m_ulIP >> 24), (int)(((p)->m_ulIP >> 16) & 0xFF), (int)(((p)->m_ulIP >> 8) & 0xFF),       \
+        (int)((p)->m_ulIP & 0xFF), (unsigned)(p)->m_usPort

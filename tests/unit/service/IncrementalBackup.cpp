@@ -1,0 +1,250 @@
+// The incremental backup over a loaded database, run through its cluster
+// command: only files and blocks stamped at or after the reference go in,
+// every piece's bytes equal the file's on disk at the place its item names,
+// pages chain after 290 items, and a block that is not what its map entry
+// says, or a map that points outside its file, stops the backup with no
+// file left behind.
+#include "MemDBBackupDef.h"
+#include "PersistenceDb.h"
+#include "TestFiles.h"
+
+#include <set>
+#include <sys/stat.h>
+
+using namespace talvortest;
+
+namespace {
+
+bool FileExists(const std::string& strPath)
+{
+    struct stat st;
+    return stat(strPath.c_str(), &st) == 0;
+}
+
+template <class T>
+T At(const std::string& s, long long nOffset)
+{
+    T v;
+    memset(&v, 0, sizeof(v));
+    if (nOffset >= 0 && nOffset + (long long)sizeof(T) <= (long long)s.size()) memcpy(&v, &s[(size_t)nOffset], sizeof(T));
+    return v;
+}
+
+struct Item {
+    BYTE m_bType;
+    int m_nBlockNo;
+    long long m_nFilePos;
+    int m_nSize;
+    long long m_nDataPos;
+};
+
+class IncrementalBackup : public ::testing::Test {
+protected:
+    IncrementalBackup() : m_db(24 * 1048576LL, 320) {}
+    void SetUp() override
+    {
+        m_db.MakeStartAndSave();
+        m_lpCmd = m_db.Module().m_pFlashback->GetClusterCommand();
+        m_strArchive = m_db.m_tree.Dir() + "Archive/";
+        LPSYSTEMFILEHEAD lpHead = m_db.Head();
+        memset(lpHead->m_lpArchiveDesPath, 0, sizeof(lpHead->m_lpArchiveDesPath));
+        memcpy(lpHead->m_lpArchiveDesPath, m_strArchive.data(), m_strArchive.size());
+    }
+    std::string BackupPath(long long nTimestamp) const
+    {
+        return m_strArchive + "Backup/TalvorBackup" + std::to_string(nTimestamp) + ".fbk";
+    }
+    // Command 40 or 41 as the engine writes it; the result byte.
+    BYTE Backup(BYTE bCommand, long long nTimestamp, BYTE bLevel = 0, long long nRef = 0)
+    {
+        m_lpCmd->m_nTimestamp = nTimestamp;
+        m_lpCmd->m_nTimestamp2 = nRef;
+        m_lpCmd->m_bLevel = bLevel;
+        m_lpCmd->m_bAbort = 0;
+        m_lpCmd->m_bResult = 0x5A;
+        m_lpCmd->m_bForbidSaveFlag = 1;
+        m_lpCmd->m_bCommandType = bCommand;
+        m_db.Module().ClusterCommand(&m_db.m_stCrit, m_lpCmd, m_db.Module().m_pFlashback->GetProgress(),
+                                     m_db.m_nRedoLogMaxID);
+        EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
+        return m_lpCmd->m_bResult;
+    }
+    // The items of one file's page chain, pages checked on the way.
+    std::vector<Item> Items(const std::string& strBackup, const STRUCT_BACKUP_FILEINFO& r, int* pPages)
+    {
+        std::vector<Item> v;
+        long long nPage = r.m_nDataStartOffset;
+        *pPages = 0;
+        while (nPage != 0) {
+            EXPECT_LE(nPage + BACKUP_INCREMENT_PAGE_SIZE, (long long)strBackup.size());
+            BACKUPINCREMENTHEAD stPage = At<BACKUPINCREMENTHEAD>(strBackup, nPage);
+            EXPECT_EQ(BACKUP_INCREMENT_FLAG, Val(stPage.m_nDataFlag));
+            EXPECT_EQ(BACKUP_INCREMENT_PAGE_SIZE, Val(stPage.m_nBlockSize));
+            int nCount = stPage.m_nIncrementBlockNum;
+            EXPECT_LE(nCount, BACKUP_INCREMENT_MAX_ITEMS);
+            if (nCount < 0 || nCount > BACKUP_INCREMENT_MAX_ITEMS || ++*pPages > 100) break;
+            for (int i = 0; i < nCount; i++) {
+                BACKUPINCREMENTITEM it = At<BACKUPINCREMENTITEM>(strBackup, nPage + 20 + 28LL * i);
+                v.push_back({it.m_nBlockType, it.m_nBlockNo, it.m_nBlockFilePos, it.m_nBlockSize, it.m_nBlockDataPos});
+            }
+            long long nNext = stPage.m_nNextPos;
+            // A full page points at the next; only the last may hold fewer.
+            if (nNext != 0) {
+                EXPECT_EQ(BACKUP_INCREMENT_MAX_ITEMS, nCount);
+            }
+            nPage = nNext;
+        }
+        return v;
+    }
+    PersistenceDb m_db;
+    LPTALVORCOMMAND m_lpCmd = nullptr;
+    std::string m_strArchive;
+};
+
+} // namespace
+
+TEST_F(IncrementalBackup, OnlyWhatChangedSinceTheReferenceGoesInAsItStandsOnDisk)
+{
+    const long long nFull = m_db.Head()->m_nEndTimestamp;
+    ASSERT_EQ(CLUSTERRESULT_OK, Backup(CLUSTERCMD_FULLBACKUP, nFull));
+    // After the full backup: rows of some blocks of the data file only.
+    std::set<long long> setChanged;
+    long long nFirstChange = 0;
+    for (int nBlock : {3, 17, 18, 200, 319}) {
+        long long ts = m_db.BeginTransaction();
+        if (nFirstChange == 0) nFirstChange = ts;
+        m_db.ChangeRow(2, nBlock, 1, ts * 3, ts);
+        m_db.EndTransaction(ts);
+        setChanged.insert(m_db.BlockOffset(2, nBlock));
+    }
+    const long long nLevel1 = m_db.Head()->m_nEndTimestamp;
+    // The reference is the first change itself: a block stamped exactly
+    // at it goes in.
+    ASSERT_EQ(CLUSTERRESULT_OK, Backup(CLUSTERCMD_INCREMENTBACKUP, nLevel1, 1, nFirstChange));
+    std::string strBackup = ReadWholeFile(BackupPath(nLevel1));
+    ASSERT_GE(strBackup.size(), (size_t)BACKUP_HEAD_ALIGN);
+    BACKUPFILEHEAD stHead = At<BACKUPFILEHEAD>(strBackup, 0);
+    EXPECT_EQ(BACKUP_FILEFLAG, Val(stHead.m_nFileFlag));
+    EXPECT_EQ(1, Val(stHead.m_bLevel));
+    EXPECT_EQ(nFirstChange, Val(stHead.m_nReferTimestamp));
+    EXPECT_EQ(nLevel1, Val(stHead.m_nTimestamp));
+    ASSERT_EQ(4, Val(stHead.m_nFileNum));
+    for (int i = 0; i < 4; i++) {
+        SCOPED_TRACE(i);
+        const STRUCT_BACKUP_FILEINFO r = At<STRUCT_BACKUP_FILEINFO>(strBackup, BACKUP_FIXED_HEAD_SIZE + 296LL * i);
+        int nFileNo = i + 1;
+        EXPECT_EQ(nFileNo, Val(r.m_bFileNo));
+        EXPECT_STREQ(m_db.PathOf(nFileNo).c_str(), r.m_lpszFilePath);
+        if (nFileNo != 2) {
+            // Unchanged since the reference (the system head too: no
+            // transaction stamps it): a record and no data.
+            EXPECT_EQ(0, Val(r.m_nDataStartOffset));
+            EXPECT_EQ(0, Val(r.m_nDataEndOffset));
+            continue;
+        }
+        ASSERT_GE(Val(r.m_nDataStartOffset), BackupHeadSize(4));
+        int nPages = 0;
+        std::vector<Item> vItems = Items(strBackup, r, &nPages);
+        std::string strFile = ReadWholeFile(m_db.PathOf(nFileNo));
+        ASSERT_FALSE(vItems.empty());
+        EXPECT_EQ(BACKUPITEM_FILEHEAD, vItems[0].m_bType);
+        EXPECT_EQ(0, vItems[0].m_nFilePos);
+        std::set<long long> setBlocks;
+        for (const Item& it : vItems) {
+            ASSERT_LE(it.m_nDataPos + it.m_nSize, Val(r.m_nDataEndOffset));
+            ASSERT_LE(it.m_nFilePos + it.m_nSize, (long long)strFile.size());
+            EXPECT_TRUE(strBackup.compare((size_t)it.m_nDataPos, (size_t)it.m_nSize, strFile, (size_t)it.m_nFilePos,
+                                          (size_t)it.m_nSize) == 0)
+                << "item of type " << (int)it.m_bType << " at file offset " << it.m_nFilePos;
+            if (it.m_bType == BACKUPITEM_DATABLOCK) setBlocks.insert(it.m_nFilePos);
+        }
+        // The data file: exactly the changed blocks, every map block.
+        if (nFileNo == 2) {
+            EXPECT_EQ(setChanged, setBlocks);
+            EXPECT_EQ(1u, std::count_if(vItems.begin(), vItems.end(),
+                                        [](const Item& it) { return it.m_bType == BACKUPITEM_MAPBLOCK; }));
+        }
+    }
+    EXPECT_EQ(nLevel1, Val(m_db.Module().m_pFlashback->GetStorageMemHead()->m_nBackupTimestamp));
+}
+
+TEST_F(IncrementalBackup, ThePageAfter290ItemsChainsOn)
+{
+    long long nRef = m_db.BeginTransaction();
+    for (int nBlock = 0; nBlock < 320; nBlock++) {
+        long long ts = m_db.BeginTransaction();
+        m_db.ChangeRow(2, nBlock, 0, ts, ts);
+        m_db.EndTransaction(ts);
+    }
+    const long long nTs = m_db.Head()->m_nEndTimestamp;
+    ASSERT_EQ(CLUSTERRESULT_OK, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nRef));
+    std::string strBackup = ReadWholeFile(BackupPath(nTs));
+    const STRUCT_BACKUP_FILEINFO r = At<STRUCT_BACKUP_FILEINFO>(strBackup, BACKUP_FIXED_HEAD_SIZE + 296LL);
+    ASSERT_EQ(2, Val(r.m_bFileNo));
+    int nPages = 0;
+    std::vector<Item> vItems = Items(strBackup, r, &nPages);
+    // The head, one map block, 320 blocks: two pages.
+    EXPECT_EQ(322u, vItems.size());
+    EXPECT_EQ(2, nPages);
+    std::string strFile = ReadWholeFile(m_db.PathOf(2));
+    for (const Item& it : vItems)
+        ASSERT_TRUE(strBackup.compare((size_t)it.m_nDataPos, (size_t)it.m_nSize, strFile, (size_t)it.m_nFilePos,
+                                      (size_t)it.m_nSize) == 0);
+    // No two pieces or pages overlap.
+    std::vector<std::pair<long long, long long>> vRanges;
+    for (const Item& it : vItems) vRanges.push_back({it.m_nDataPos, it.m_nDataPos + it.m_nSize});
+    long long nPage = r.m_nDataStartOffset;
+    while (nPage != 0) {
+        vRanges.push_back({nPage, nPage + BACKUP_INCREMENT_PAGE_SIZE});
+        nPage = At<BACKUPINCREMENTHEAD>(strBackup, nPage).m_nNextPos;
+    }
+    std::sort(vRanges.begin(), vRanges.end());
+    for (size_t i = 1; i < vRanges.size(); i++) EXPECT_LE(vRanges[i - 1].second, vRanges[i].first) << i;
+}
+
+TEST_F(IncrementalBackup, ABlockThatIsNotWhatItsEntrySaysStopsTheBackup)
+{
+    long long nRef = m_db.BeginTransaction();
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 5, 0, ts, ts);
+    m_db.EndTransaction(ts);
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    // On disk, block 6's head names another number.
+    const long long nAt = m_db.BlockOffset(2, 5);
+    std::string strFile = ReadWholeFile(m_db.PathOf(2));
+    UINT nWrong = 999;
+    memcpy(&strFile[(size_t)nAt + offsetof(BASEBLOCKHEAD, m_nBlockNo)], &nWrong, sizeof(nWrong));
+    ASSERT_TRUE(WriteWholeFile(m_db.PathOf(2), strFile));
+    const long long nTs = m_db.Head()->m_nEndTimestamp;
+    EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nRef));
+    EXPECT_FALSE(FileExists(BackupPath(nTs)));
+    EXPECT_TRUE(m_db.m_tree.Traced("read from database file"));
+}
+
+TEST_F(IncrementalBackup, AMapPointingOutsideItsFileStopsTheBackup)
+{
+    long long nRef = m_db.BeginTransaction();
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(3, 2, 0, ts, ts);
+    m_db.EndTransaction(ts);
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    // The map of file 3 on disk names a next map far past the end, and its
+    // entry count claims more than the block holds: either alone stops it.
+    std::string strFile = ReadWholeFile(m_db.PathOf(3));
+    BASEFILEHEAD stHead = At<BASEFILEHEAD>(strFile, 0);
+    long long nMap = stHead.m_nBlockMapStartOffset;
+    long long nFar = 1LL << 40;
+    memcpy(&strFile[(size_t)nMap + offsetof(BASEFILEBLOCKMAPHEAD, m_nNextBlockMapOffset)], &nFar, sizeof(nFar));
+    ASSERT_TRUE(WriteWholeFile(m_db.PathOf(3), strFile));
+    const long long nTs = m_db.Head()->m_nEndTimestamp;
+    EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nRef));
+    EXPECT_FALSE(FileExists(BackupPath(nTs)));
+
+    int nHuge = 1 << 30;
+    memset(&strFile[(size_t)nMap + offsetof(BASEFILEBLOCKMAPHEAD, m_nNextBlockMapOffset)], 0, 8);
+    memcpy(&strFile[(size_t)nMap + offsetof(BASEFILEBLOCKMAPHEAD, m_nBlockMapNum)], &nHuge, sizeof(nHuge));
+    ASSERT_TRUE(WriteWholeFile(m_db.PathOf(3), strFile));
+    EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nRef));
+    EXPECT_FALSE(FileExists(BackupPath(nTs)));
+    EXPECT_TRUE(m_db.m_tree.Traced("Map block id is incorrect"));
+}
