@@ -24,11 +24,13 @@ inline constexpr long long BACKUP_RESTORE_FILE_MAX = 1LL << 40;
 // A backup lists at most one record per file number.
 inline constexpr int BACKUP_RECORDS_MAX = 256;
 
-// A chain that passed TalvorCheckBackupLink link by link: m_arTimestamp[i] is
-// the backup of level i, up to m_nTopLevel.
+// A chain checked link by link: m_arTimestamp[i] is the backup of level i,
+// up to m_nTopLevel; m_szSystemFile the path of the system file its full
+// backup restores (its first record), where the restore mark goes.
 typedef struct _BACKUPCHAIN {
     int m_nTopLevel;
     long long m_arTimestamp[BACKUP_CHAIN_LEVELS];
+    char m_szSystemFile[sizeof(((STRUCT_BACKUP_FILEINFO*)nullptr)->m_lpszFilePath)];
 } BACKUPCHAIN, *LPBACKUPCHAIN;
 
 // Reads the head area of pFile into a new aligned buffer (lpHeadArea, which

@@ -140,8 +140,11 @@ public:
     // --- Restore (BreltMemStorageRestore.cpp). Storage thread, or a tool;
     // no latch held; touches no shared memory but the progress record.
     // Rebuilds the files of the chain that ends in the backup of nTimestamp:
-    // its level 0 backup, then each incremental in rising level. FALSE on
-    // the first failure (traced).
+    // its level 0 backup, then each incremental in rising level, once the
+    // whole chain passed CheckBackupChain. The restore mark beside the
+    // system file stands from before the first byte written until the last
+    // level is on the medium. FALSE on the first failure (traced); after a
+    // failure past the check, the mark stays.
     BOOL RecoverIncrement(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress,
                           char* lpArchiveDesPath, int nPathSize, long long nTimestamp);
     // Reads and checks every link of the chain that ends in the backup of

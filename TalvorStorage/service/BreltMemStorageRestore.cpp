@@ -11,6 +11,7 @@
 #include "BackupChainCheck.h"
 #include "TalvorDirectFile.h"
 #include "TalvorFileIO.h"
+#include "TalvorRestoreMark.h"
 #include "TalvorTrace.h"
 
 #include <cerrno>
@@ -259,6 +260,12 @@ BOOL CBreltMemStorageModule::CheckBackupChain(char* lpArchiveDesPath, int nPathS
         lpUpper = lpLower;
         lpChain->m_arTimestamp[nLevel - 1] = nRefer;
     }
+    // The link in hand is now the full backup, whose first record was
+    // checked to be the system file.
+    if (bGood) {
+        const char* lpSystem = ((const BACKUPFILEHEAD*)lpUpper)->m_stBackupFileInfo[0].m_lpszFilePath;
+        memcpy(lpChain->m_szSystemFile, lpSystem, sizeof(lpChain->m_szSystemFile));
+    }
     free(lpUpper);
     return bGood;
 }
@@ -271,6 +278,16 @@ BOOL CBreltMemStorageModule::RecoverIncrement(LPTALVORCRITICALSECTION lpCritSect
     // The whole chain is read before the first byte of a file is written.
     BACKUPCHAIN stChain;
     if (!CheckBackupChain(lpArchiveDesPath, nPathSize, nTimestamp, &stChain)) return FALSE;
+    // From the first byte written until the last level is on the medium the
+    // files are a mixture: the mark keeps a start off them, and only a
+    // restore run to its end removes it.
+    if (!TalvorSetRestoreMark(stChain.m_szSystemFile)) {
+        Trace("RecoverIncrement", 1, 10023007,
+              TALVOR_TEXT("无法设置恢复标记,未写入任何文件,系统文件:%s,错误码:%d",
+                          "The restore mark cannot be set, so no file was written, system file: %s, error code: %d"),
+              stChain.m_szSystemFile, errno);
+        return FALSE;
+    }
     if (!Recover(lpCritSection, lpTalvorProgress, lpArchiveDesPath, nPathSize, stChain.m_arTimestamp[0]))
         return FALSE;
     for (int nLevel = 1; nLevel <= stChain.m_nTopLevel; nLevel++) {
@@ -288,6 +305,13 @@ BOOL CBreltMemStorageModule::RecoverIncrement(LPTALVORCRITICALSECTION lpCritSect
         free(lpIncrementHeadBuf);
         free(lpBlockBuf);
         if (!bDone) return FALSE;
+    }
+    if (!TalvorClearRestoreMark(stChain.m_szSystemFile)) {
+        Trace("RecoverIncrement", 1, 10023008,
+              TALVOR_TEXT("恢复已完成,但无法删除恢复标记,系统文件:%s,错误码:%d",
+                          "The restore finished but its mark cannot be removed, system file: %s, error code: %d"),
+              stChain.m_szSystemFile, errno);
+        return FALSE;
     }
     if (lpTalvorProgress != nullptr) lpTalvorProgress->m_nStatus = PROGRESS_IDLE;
     return TRUE;

@@ -8,8 +8,10 @@
 #include "MemDBBackupDef.h"
 #include "PersistenceDb.h"
 #include "TalvorBackupFile.h"
+#include "TalvorRestoreMark.h"
 #include "TestFiles.h"
 
+#include <cstddef>
 #include <fcntl.h>
 #include <functional>
 #include <sys/stat.h>
@@ -133,6 +135,23 @@ BACKUPINCREMENTITEM* ItemAt(std::string& strBackup, long long nPagePos, int i)
     return (BACKUPINCREMENTITEM*)&strBackup[(size_t)nPagePos + 20 + (size_t)i * sizeof(BACKUPINCREMENTITEM)];
 }
 
+// The byte ranges where two strings of one length differ, as "[from, to)"
+// pieces (the first few); empty when they are equal.
+std::string DiffRanges(const std::string& strA, const std::string& strB)
+{
+    std::string strOut;
+    int nShown = 0;
+    for (size_t i = 0; i < strA.size() && nShown < 8; i++) {
+        if (strA[i] == strB[i]) continue;
+        size_t j = i;
+        while (j < strA.size() && strA[j] != strB[j]) j++;
+        strOut += "[" + std::to_string(i) + ", " + std::to_string(j) + ") ";
+        nShown++;
+        i = j;
+    }
+    return strOut;
+}
+
 struct FileMark {
     std::string m_strBytes;
     long long m_nMtimeNs;
@@ -183,6 +202,20 @@ protected:
         vCopy = CopyFiles();
         return nTimestamp;
     }
+    // An incremental backup by command 41 at the engine's last timestamp,
+    // over the backup of nRefer; the files as they then stand on disk.
+    long long IncrementalBackup(BYTE bLevel, long long nRefer, std::vector<std::string>& vCopy)
+    {
+        long long nTimestamp = m_db.Head()->m_nEndTimestamp;
+        m_lpCmd->m_nTimestamp = nTimestamp;
+        m_lpCmd->m_nTimestamp2 = nRefer;
+        m_lpCmd->m_bLevel = bLevel;
+        m_lpCmd->m_bAbort = 0;
+        EXPECT_EQ(S_OK, Run(CLUSTERCMD_INCREMENTBACKUP));
+        EXPECT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult)) << m_db.m_tree.Trace();
+        vCopy = CopyFiles();
+        return nTimestamp;
+    }
     std::vector<std::string> CopyFiles() const
     {
         std::vector<std::string> v;
@@ -208,7 +241,7 @@ protected:
             SCOPED_TRACE(m_db.PathOf(n));
             std::string strNow = ReadWholeFile(m_db.PathOf(n));
             ASSERT_EQ(vExpected[(size_t)n - 1].size(), strNow.size());
-            EXPECT_TRUE(strNow == vExpected[(size_t)n - 1]) << "file " << n << " differs from its copy";
+            EXPECT_EQ("", DiffRanges(vExpected[(size_t)n - 1], strNow)) << "file " << n << " differs from its copy";
         }
     }
     // The record of file nFileNo as an incremental lists it.
@@ -340,6 +373,110 @@ TEST_F(Restore, IncrementsApplyInRisingLevelOverTheFullBackupAndCreateMissingFil
     // File 4 changed in no increment and keeps the bytes of level 0.
     ExpectFiles(vLevel2);
     EXPECT_TRUE(ReadWholeFile(m_strNewFile) == strNew);
+}
+
+TEST_F(Restore, EachPointOfAChainOfRealBackupsComesBackByteForByte)
+{
+    std::mt19937 rng(13);
+    m_db.RandomChanges(120, rng);
+    std::vector<std::string> vFull, vLevel1, vLevel2;
+    const long long nFull = FullBackup(vFull);
+    m_db.RandomChanges(60, rng);
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    const long long nLevel1 = IncrementalBackup(1, nFull, vLevel1);
+    m_db.RandomChanges(60, rng);
+    const long long nLevel2 = IncrementalBackup(2, nLevel1, vLevel2);
+    ASSERT_FALSE(vFull == vLevel1);
+    ASSERT_FALSE(vLevel1 == vLevel2);
+    m_db.Stop();
+    const std::pair<long long, const std::vector<std::string>*> arPoints[] = {
+        {nFull, &vFull}, {nLevel1, &vLevel1}, {nLevel2, &vLevel2}};
+    // The system file's committed timestamps are in no incremental: an
+    // incremental passes over a file by its own timestamp, which a commit
+    // does not raise in the system file. They come back from the full
+    // backup, never ahead of the point restored; every other byte is exact.
+    const size_t nCommitAt = offsetof(SYSTEMFILEHEAD, m_nBeginTimestamp);
+    const size_t nCommitLen = 2 * sizeof(long long);
+    static_assert(offsetof(SYSTEMFILEHEAD, m_nEndTimestamp) == offsetof(SYSTEMFILEHEAD, m_nBeginTimestamp) + 8,
+                  "the two committed timestamps lie side by side");
+    for (const auto& point : arPoints) {
+        SCOPED_TRACE(point.first);
+        RemoveDatabaseFiles();
+        ASSERT_TRUE(RestoreTo(point.first)) << m_db.m_tree.Trace();
+        std::vector<std::string> vExpected = *point.second;
+        std::string strSystem = ReadWholeFile(m_db.PathOf(1));
+        ASSERT_EQ(vExpected[0].size(), strSystem.size());
+        const SYSTEMFILEHEAD* lpRestored = (const SYSTEMFILEHEAD*)strSystem.data();
+        EXPECT_GE(Val(lpRestored->m_nBeginTimestamp), nFull);
+        EXPECT_LE(Val(lpRestored->m_nBeginTimestamp), point.first);
+        EXPECT_LE(Val(lpRestored->m_nBeginTimestamp), Val(lpRestored->m_nEndTimestamp));
+        EXPECT_LE(Val(lpRestored->m_nEndTimestamp), point.first);
+        vExpected[0].replace(nCommitAt, nCommitLen, strSystem, nCommitAt, nCommitLen);
+        ExpectFiles(vExpected);
+    }
+    // The level 2 torn at every kind of place: the files restored above stay
+    // as they are, untouched.
+    const std::string strLevel2 = ReadWholeFile(BackupPath(nLevel2));
+    std::vector<FileMark> vBefore;
+    for (int n = 1; n <= DB_FILES; n++) vBefore.push_back(MarkOf(m_db.PathOf(n)));
+    std::vector<size_t> vCuts = {0, 100, (size_t)BACKUP_HEAD_ALIGN - 1, (size_t)BACKUP_HEAD_ALIGN + 20,
+                                 (size_t)BACKUP_HEAD_ALIGN + BACKUP_INCREMENT_PAGE_SIZE + 1, strLevel2.size() / 2,
+                                 strLevel2.size() - 1};
+    for (size_t nCut : vCuts) {
+        SCOPED_TRACE(nCut);
+        ASSERT_LT(nCut, strLevel2.size());
+        ASSERT_TRUE(WriteWholeFile(BackupPath(nLevel2), strLevel2.substr(0, nCut)));
+        EXPECT_FALSE(RestoreTo(nLevel2));
+        for (int n = 1; n <= DB_FILES; n++) {
+            FileMark now = MarkOf(m_db.PathOf(n));
+            EXPECT_EQ(vBefore[(size_t)n - 1].m_nMtimeNs, now.m_nMtimeNs) << n;
+            EXPECT_TRUE(vBefore[(size_t)n - 1].m_strBytes == now.m_strBytes) << n;
+        }
+    }
+}
+
+TEST_F(Restore, TheRestoreMarkStandsFromTheFirstByteWrittenUntilTheLastLevelIsOnTheMedium)
+{
+    std::mt19937 rng(17);
+    MakeChain(rng);
+    m_db.Stop();
+    WriteChain(m_arChain);
+    const std::string strSystem = m_db.SystemPath();
+    const std::string strBackupDir = m_strArchive + "/Backup/";
+    long long nFirstLevel1Write = 0;
+    {
+        FaultFileIO io;
+        io.PassThrough(m_db.m_tree.LogDir());
+        ScopedFileIO scoped(&io);
+        long long nDatabaseWrites = 0, nUnmarked = 0;
+        io.OnCall(FileOp::PWrite, [&](const FileCall& call) {
+            if (call.m_strPath.compare(0, strBackupDir.size(), strBackupDir) == 0) return;
+            if (call.m_strPath.find(".restoring") != std::string::npos) return;
+            nDatabaseWrites++;
+            if (!TalvorRestoreMarkPresent(strSystem.c_str())) nUnmarked++;
+            // Only the level 1 writes the file the full backup lacks.
+            if (call.m_strPath == m_strNewFile && nFirstLevel1Write == 0) nFirstLevel1Write = call.m_nNth;
+        });
+        ASSERT_TRUE(RestoreTo(m_nLevel2));
+        EXPECT_GT(nDatabaseWrites, 0);
+        EXPECT_EQ(0, nUnmarked);
+    }
+    EXPECT_FALSE(TalvorRestoreMarkPresent(strSystem.c_str()));
+    ASSERT_GT(nFirstLevel1Write, 0);
+    // A restore that fails in the level 1, after the full backup's files
+    // were written, leaves the mark: a start refuses the mixture.
+    {
+        FaultFileIO io;
+        io.PassThrough(m_db.m_tree.LogDir());
+        ScopedFileIO scoped(&io);
+        io.FailCall(FileOp::PWrite, nFirstLevel1Write, EIO);
+        EXPECT_FALSE(RestoreTo(m_nLevel2));
+    }
+    EXPECT_TRUE(m_db.m_tree.Traced("Failed to write data file")) << m_db.m_tree.Trace();
+    EXPECT_TRUE(TalvorRestoreMarkPresent(strSystem.c_str()));
+    // Run again to its end, the restore removes it.
+    ASSERT_TRUE(RestoreTo(m_nLevel2));
+    EXPECT_FALSE(TalvorRestoreMarkPresent(strSystem.c_str()));
 }
 
 TEST_F(Restore, ATornForeignOrDamagedChainIsRefusedBeforeAByteOfAnyDatabaseFileIsWritten)
