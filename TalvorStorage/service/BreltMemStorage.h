@@ -285,7 +285,8 @@ private:
     // Command 46. Refused, with nothing removed, when the chain is unusable.
     void RestoreCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd);
     // TRUE when the chain of nTimestamp under lpArchiveDesPath (512 bytes)
-    // passes CheckBackupChain; else traced.
+    // passes CheckBackupChain and restores this node's own system file;
+    // else traced.
     BOOL RestoreChainUsable(char* lpArchiveDesPath, long long nTimestamp);
     void TestSpeedCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd);
     // The result of command 18 (CLUSTERRESULT_*).

@@ -209,12 +209,24 @@ void CBreltMemStorageModule::RebuildCommand(LPTALVORCRITICALSECTION lpCritSectio
 BOOL CBreltMemStorageModule::RestoreChainUsable(char* lpArchiveDesPath, long long nTimestamp)
 {
     BACKUPCHAIN stChain;
-    if (CheckBackupChain(lpArchiveDesPath, RESTORE_PATH_SIZE, nTimestamp, &stChain)) return TRUE;
-    Trace("ClusterCommand", 1, 10012033,
-          TALVOR_TEXT("备份链[%lld]不可用,拒绝恢复,数据库保持不变",
-                      "The backup chain [%lld] cannot be used: the restore is refused and the database is left as it is"),
-          nTimestamp);
-    return FALSE;
+    if (!CheckBackupChain(lpArchiveDesPath, RESTORE_PATH_SIZE, nTimestamp, &stChain)) {
+        Trace("ClusterCommand", 1, 10012033,
+              TALVOR_TEXT("备份链[%lld]不可用,拒绝恢复,数据库保持不变",
+                          "The backup chain [%lld] cannot be used: the restore is refused and the database is left as it is"),
+              nTimestamp);
+        return FALSE;
+    }
+    // The rebuild opens the system file this node is configured with: a
+    // chain that restores another would leave it with none.
+    const char* lpOwn = m_lpSystemFileInfo != nullptr ? m_lpSystemFileInfo->m_lpszFilePath : "";
+    if (strncmp(stChain.m_szSystemFile, lpOwn, sizeof(stChain.m_szSystemFile)) != 0) {
+        Trace("ClusterCommand", 1, 10012035,
+              TALVOR_TEXT("备份链[%lld]恢复的系统文件[%s]不是本数据库的[%s],拒绝恢复,数据库保持不变",
+                          "The backup chain [%lld] restores the system file [%s], not this database's [%s]: the restore is refused and the database is left as it is"),
+              nTimestamp, stChain.m_szSystemFile, lpOwn);
+        return FALSE;
+    }
+    return TRUE;
 }
 
 void CBreltMemStorageModule::RestoreCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd)

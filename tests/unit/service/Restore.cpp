@@ -599,10 +599,16 @@ TEST_F(Restore, CommandWithAnUnusableChainRefusesAndLeavesTheDatabaseUp)
 {
     std::vector<std::string> vCopy;
     long long nTimestamp = FullBackup(vCopy);
-    // A full backup cut inside its data, and a timestamp with no backup.
+    // A full backup cut inside its data, a timestamp with no backup, and a
+    // whole backup of a database whose system file lies elsewhere.
     std::string strBackup = ReadWholeFile(BackupPath(nTimestamp));
     ASSERT_TRUE(WriteWholeFile(BackupPath(nTimestamp), strBackup.substr(0, strBackup.size() - 1)));
-    for (long long nAsked : {nTimestamp, nTimestamp + 1}) {
+    std::string strForeign = strBackup;
+    const std::string strOtherSystem = m_db.m_tree.Dir() + "Other/System.dbf";
+    snprintf(RecordOf(strForeign, 0).m_lpszFilePath, 256, "%s", strOtherSystem.c_str());
+    HeadOf(strForeign)->m_nTimestamp = nTimestamp + 2;
+    ASSERT_TRUE(WriteWholeFile(BackupPath(nTimestamp + 2), strForeign));
+    for (long long nAsked : {nTimestamp, nTimestamp + 1, nTimestamp + 2}) {
         SCOPED_TRACE(nAsked);
         m_lpCmd->m_nTimestamp = nAsked;
         m_lpCmd->m_bResult = 0x5A;
@@ -615,7 +621,10 @@ TEST_F(Restore, CommandWithAnUnusableChainRefusesAndLeavesTheDatabaseUp)
         for (int n = 1; n <= DB_FILES; n++) EXPECT_NE(nullptr, m_db.File(n));
         ExpectFiles(vCopy);
     }
-    EXPECT_TRUE(m_db.m_tree.Traced("the restore is refused and the database is left as it is"));
+    EXPECT_TRUE(m_db.m_tree.Traced("The backup chain [" + std::to_string(nTimestamp) + "] cannot be used"));
+    EXPECT_TRUE(m_db.m_tree.Traced("The backup chain [" + std::to_string(nTimestamp + 1) + "] cannot be used"));
+    EXPECT_TRUE(m_db.m_tree.Traced("restores the system file [" + strOtherSystem + "], not this database's"));
+    EXPECT_FALSE(PathExists(strOtherSystem));
     // The database still saves.
     std::mt19937 rng(1);
     m_db.RandomChanges(10, rng);
