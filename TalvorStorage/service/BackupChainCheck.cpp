@@ -270,10 +270,7 @@ BOOL TalvorCheckBackupLinkOrder(const BACKUPFILEHEAD* lpUpper, const BACKUPFILEH
 {
     int nExpectedLevel = (int)lpUpper->m_bLevel - 1;
     if ((int)lpLower->m_bLevel != nExpectedLevel) {
-        Trace("RecoverIncrement", 1, 10023001,
-              TALVOR_TEXT("错误!备份文件[%d, %lld]的实际级别为[%d]!",
-                          "Incorrect! The actual level of backup files [%d, %lld] is [%d]!"),
-              nExpectedLevel, (long long)lpLower->m_nTimestamp, (int)lpLower->m_bLevel);
+        TalvorTraceBackupLevel("RecoverIncrement", nExpectedLevel, lpLower->m_nTimestamp, lpLower->m_bLevel);
         return FALSE;
     }
     if (lpLower->m_nTimestamp != lpUpper->m_nReferTimestamp || lpLower->m_usDataBaseGuid != lpUpper->m_usDataBaseGuid) {
@@ -284,4 +281,11 @@ BOOL TalvorCheckBackupLinkOrder(const BACKUPFILEHEAD* lpUpper, const BACKUPFILEH
         return FALSE;
     }
     return TRUE;
+}
+
+void TalvorTraceBackupLevel(const char* lpFunction, int nExpected, long long nTimestamp, int nActual)
+{
+    Trace(lpFunction, 1, 10023001,
+          TALVOR_TEXT("错误!备份文件[%d, %lld]的实际级别为[%d]!", "Incorrect! The actual level of backup files [%d, %lld] is [%d]!"),
+          nExpected, nTimestamp, nActual);
 }

@@ -57,3 +57,7 @@ BOOL TalvorCheckIncrementPage(const BACKUPFILEHEAD* lpHead, int nRecord, long lo
 // of the level just below, carries that timestamp and the same database
 // identity. TRUE when it fits (traced otherwise). Any thread; pure.
 BOOL TalvorCheckBackupLinkOrder(const BACKUPFILEHEAD* lpUpper, const BACKUPFILEHEAD* lpLower);
+
+// Traces that the backup nTimestamp, expected at nExpected, is of level
+// nActual. Any thread.
+void TalvorTraceBackupLevel(const char* lpFunction, int nExpected, long long nTimestamp, int nActual);

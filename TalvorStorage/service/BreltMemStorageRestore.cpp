@@ -347,10 +347,7 @@ BOOL CBreltMemStorageModule::RecoverCore(LPTALVORCRITICALSECTION, LPTALVORPROGRE
     if (!LoadCheckedHead(pBackup, nTimestamp, lpHeadArea)) return FALSE;
     const BACKUPFILEHEAD* lpHead = (const BACKUPFILEHEAD*)lpHeadArea;
     if (lpHead->m_bLevel != BACKUPLEVEL_FULL) {
-        Trace("Recover", 1, 10023001,
-              TALVOR_TEXT("错误!备份文件[%d, %lld]的实际级别为[%d]!",
-                          "Incorrect! The actual level of backup files [%d, %lld] is [%d]!"),
-              (int)BACKUPLEVEL_FULL, nTimestamp, (int)lpHead->m_bLevel);
+        TalvorTraceBackupLevel("Recover", BACKUPLEVEL_FULL, nTimestamp, lpHead->m_bLevel);
         return FALSE;
     }
     long long nTotal = 0;
@@ -389,10 +386,7 @@ BOOL CBreltMemStorageModule::RecoverIncrementCore(LPTALVORCRITICALSECTION, LPTAL
     if (!TalvorReadBackupHead(pBackup, nTimestamp, lpHeadArea)) return FALSE;
     const BACKUPFILEHEAD* lpHead = (const BACKUPFILEHEAD*)lpHeadArea;
     if (nLevel < 1 || lpHead->m_bLevel != nLevel) {
-        Trace("RecoverIncrementCore", 1, 10023001,
-              TALVOR_TEXT("错误!备份文件[%d, %lld]的实际级别为[%d]!",
-                          "Incorrect! The actual level of backup files [%d, %lld] is [%d]!"),
-              nLevel, nTimestamp, (int)lpHead->m_bLevel);
+        TalvorTraceBackupLevel("RecoverIncrementCore", nLevel, nTimestamp, lpHead->m_bLevel);
         return FALSE;
     }
     if (!TalvorCheckBackupRecords(pBackup, lpHead, lpPage)) return FALSE;

@@ -595,6 +595,54 @@ TEST_F(Restore, ATornForeignOrDamagedChainIsRefusedBeforeAByteOfAnyDatabaseFileI
     EXPECT_TRUE(PathExists(m_strNewFile));
 }
 
+TEST_F(Restore, EachStepCalledAloneChecksItsOwnBackupBeforeItWrites)
+{
+    std::mt19937 rng(19);
+    MakeChain(rng);
+    m_db.Stop();
+    std::string arChain[3] = {m_arChain[0], m_arChain[1], m_arChain[2]};
+    // The full cut inside its third file's data; a level 1 piece aimed past
+    // the end of its file.
+    arChain[0].resize((size_t)Val(RecordOf(arChain[0], 2).m_nDataStartOffset) + 1000);
+    const long long nFile2 = Val(RecordOf(arChain[1], 1).m_nDataStartOffset);
+    ItemAt(arChain[1], nFile2, 3)->m_nBlockFilePos = Val(RecordOf(arChain[1], 1).m_nFileSize) + 4096;
+    WriteChain(arChain);
+    std::vector<FileMark> vBefore;
+    for (int n = 1; n <= DB_FILES; n++) vBefore.push_back(MarkOf(m_db.PathOf(n)));
+    FaultFileIO io;
+    io.PassThrough(m_db.m_tree.LogDir());
+    ScopedFileIO scoped(&io);
+    CBreltMemStorageModule module;
+    TALVORPROGRESS stProgress = {};
+    EXPECT_FALSE(module.Recover(&m_db.m_stCrit, &stProgress, m_szArchive, PATH_FIELD, m_nFull));
+    EXPECT_TRUE(m_db.m_tree.Traced("lies past the backup's end"));
+    // A damaged level, and a sound one asked for at a level it is not.
+    const std::pair<long long, int> arCalls[] = {{m_nLevel1, 1}, {m_nLevel2, 1}};
+    for (const auto& call : arCalls) {
+        SCOPED_TRACE(call.first);
+        const void* hDestFile = nullptr;
+        const void* hBkUpFile = nullptr;
+        LPBYTE lpFileHeadBuf = nullptr, lpIncrementHeadBuf = nullptr, lpBlockBuf = nullptr;
+        EXPECT_FALSE(module.RecoverIncrementCore(&m_db.m_stCrit, &stProgress, m_szArchive, PATH_FIELD, call.first,
+                                                 call.second, hDestFile, hBkUpFile, lpFileHeadBuf, lpIncrementHeadBuf,
+                                                 lpBlockBuf));
+        EXPECT_EQ(nullptr, hDestFile);
+        if (hBkUpFile != nullptr) module.CloseBackupFile(const_cast<void*>(hBkUpFile));
+        free(lpFileHeadBuf);
+        free(lpIncrementHeadBuf);
+        free(lpBlockBuf);
+    }
+    EXPECT_TRUE(m_db.m_tree.Traced("outside the database file's size"));
+    EXPECT_TRUE(m_db.m_tree.Traced("The actual level of backup files [1, " + std::to_string(m_nLevel2) + "] is [2]"));
+    for (const FileWrite& w : io.Writes()) ADD_FAILURE() << "written: " << w.m_strPath;
+    for (int n = 1; n <= DB_FILES; n++) {
+        FileMark now = MarkOf(m_db.PathOf(n));
+        EXPECT_EQ(vBefore[(size_t)n - 1].m_nMtimeNs, now.m_nMtimeNs) << n;
+        EXPECT_TRUE(vBefore[(size_t)n - 1].m_strBytes == now.m_strBytes) << n;
+    }
+    EXPECT_FALSE(PathExists(m_strNewFile));
+}
+
 TEST_F(Restore, CommandWithAnUnusableChainRefusesAndLeavesTheDatabaseUp)
 {
     std::vector<std::string> vCopy;
