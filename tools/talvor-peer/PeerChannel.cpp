@@ -51,12 +51,10 @@ bool CPeerEngine::Attach(int nWaitMs)
     for (int i = 0; i <= nWaitMs; i += 10) {
         if (m_lpChannel == nullptr) m_lpChannel = (LPSTORAGEMEMHEAD)AttachKey(SHMKEY_STORAGEMEM, nullptr);
         if (m_lpSystem == nullptr) m_lpSystem = AttachKey(FileImageShmKey(SYSTEMFILE_FILENO), &m_nSystemSize);
-        if (m_lpChannel != nullptr && m_lpSystem != nullptr && m_lpChannel->m_TalvorProgress.m_nStatus == 2 &&
-            Head()->m_bStatus == 0)
-            break;
+        if (m_lpChannel != nullptr && m_lpSystem != nullptr && StatusReady() && Head()->m_bStatus == 0) break;
         usleep(10000);
     }
-    if (m_lpChannel == nullptr || m_lpSystem == nullptr || m_lpChannel->m_TalvorProgress.m_nStatus != 2) return false;
+    if (m_lpChannel == nullptr || m_lpSystem == nullptr || !StatusReady()) return false;
     m_hRequest = CreateEventSem(nullptr, SEMNAME_FLASHBACKEVENT);
     m_hDone = CreateEventSem(nullptr, SEMNAME_FLASHBACKEND);
     m_hStorage = CreateEventSem(nullptr, SEMNAME_STORAGEEVENT);
@@ -74,6 +72,12 @@ bool CPeerEngine::Attach(int nWaitMs)
         return true;
     });
     return true;
+}
+
+bool CPeerEngine::StatusReady()
+{
+    int nStatus = TalvorLoadShared(&m_lpChannel->m_TalvorProgress.m_nStatus);
+    return nStatus == 2 || (m_bHeadReady && Head()->m_bStatus == 0);
 }
 
 void CPeerEngine::SetLive(bool bLive)

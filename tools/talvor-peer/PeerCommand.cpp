@@ -26,6 +26,7 @@ const std::vector<OptionSpec> g_vCommandOptions = {
     {"gap-us", true, "longest random pause before a command, in microseconds (default 3000)"},
     {"timeout-ms", true, "how long one answer may take (default 2000)"},
     {"wait-ready-ms", true, "how long to wait for the daemon's readiness (default 30000)"},
+    {"head-ready", false, "ready once the head says m_bStatus 0, whatever m_nStatus says (a rebuild leaves it at 1, a backup at 0)"},
     {"live", false, "run as a live engine: m_bService 1 and the channel answered while the job runs"},
     {"hold-ms", true, "before the commands, stay (live or not) this long doing nothing else (default 0)"},
 };
@@ -79,6 +80,7 @@ int RunCommandJob(const std::vector<std::string>& args)
         return PEER_USAGE;
     }
     CPeerEngine engine;
+    engine.m_bHeadReady = opts.Has("head-ready");
     if (!engine.Attach((int)nWaitReady)) {
         fprintf(stderr, "talvor-peer command: the daemon is not ready\n");
         return PEER_IPC;

@@ -55,6 +55,7 @@ const std::vector<OptionSpec> g_vDataOptions = {
     {"pass-every", true, "ask for a pass (m_bStorageCMD 2) every N transactions (default 0: never)"},
     {"seed", true, "random seed (default: the pid)"},
     {"wait-ready-ms", true, "how long to wait for the daemon's readiness (default 30000)"},
+    {"head-ready", false, "ready once the head says m_bStatus 0, whatever m_nStatus says (a rebuild leaves it at 1, a backup at 0)"},
     {"live", false, "run as a live engine: m_bService 1, answer channel commands"},
     {"check-exact", true, "System.dbf path: ask passes without waiting, keep changing rows meanwhile, and after each "
                           "commit check the data files on disk exactly (needs --pass-every)"},
@@ -482,6 +483,7 @@ int RunDataJob(const std::vector<std::string>& args)
         return PEER_USAGE;
     }
     CPeerEngine engine;
+    engine.m_bHeadReady = opts.Has("head-ready");
     if (!engine.Attach((int)nWaitMs)) {
         fprintf(stderr, "talvor-peer data: the daemon's segments are not there or not ready\n");
         return PEER_IPC;

@@ -16,6 +16,10 @@ public:
     // Attaches the channel and the system image and waits (bounded) for the
     // daemon's readiness; then attaches every memory-mode database file.
     bool Attach(int nWaitMs);
+    // Ready: m_nStatus 2, or with m_bHeadReady a head whose m_bStatus is 0
+    // (m_nStatus leaves 2 for good once a rebuild or a backup has run).
+    bool StatusReady();
+    bool m_bHeadReady = false;
     void SetLive(bool bLive);
     // Answers a waiting channel command 3 or 32, if any.
     void ServeChannel();

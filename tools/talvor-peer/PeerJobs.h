@@ -15,6 +15,7 @@ enum PeerExit {
     PEER_IPC = 2,        // a segment or semaphore could not be had
     PEER_TIMEOUT = 3,    // the daemon did not take what was given in time
     PEER_INPUT = 4,      // an input file could not be read
+    PEER_NOT_SERVED = 5, // the daemon refused a command, or it was not the stand-in's turn
 };
 
 struct PeerJob {
@@ -39,5 +40,18 @@ std::string CacheCheckJobUsage();
 // cache: the engine's side of the shared block cache (PeerCacheJob.cpp).
 int RunCacheJob(const std::vector<std::string>& args);
 std::string CacheJobUsage();
+
+// cluster: one cluster command through m_ClusterCommand (PeerCluster.cpp).
+int RunClusterJob(const std::vector<std::string>& args);
+std::string ClusterJobUsage();
+
+// backup: a full backup by command 40, with its progress (PeerBackup.cpp).
+int RunBackupJob(const std::vector<std::string>& args);
+std::string BackupJobUsage();
+
+// standby-node: a standby node's listener that takes shipped log records
+// (PeerStandbyNode.cpp).
+int RunStandbyNodeJob(const std::vector<std::string>& args);
+std::string StandbyNodeJobUsage();
 
 } // namespace talvorpeer

@@ -20,7 +20,12 @@ const PeerJob g_arJobs[] = {
      CacheCheckJobUsage},
     {"cache", "work on the cache-mode files in the shared cache: blocks, loads, flush entries", RunCacheJob,
      CacheJobUsage},
+    {"cluster", "send one cluster command through m_ClusterCommand and wait for its final value", RunClusterJob,
+     ClusterJobUsage},
+    {"backup", "take a full backup by cluster command 40, with a progress line", RunBackupJob, BackupJobUsage},
     {"command", "ask the storage thread through m_bStorageCMD and time its answers", RunCommandJob, CommandJobUsage},
+    {"standby-node", "a standby node's listener: take shipped log records into copies of the logs", RunStandbyNodeJob,
+     StandbyNodeJobUsage},
 };
 
 void PrintUsage(FILE* pOut)

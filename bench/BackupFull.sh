@@ -1,0 +1,102 @@
+#!/usr/bin/env bash
+# BackupFull — full backup MB/s through the daemon (cluster command 40, asked
+# by the engine stand-in) against cp of the same database files on the same
+# disk, in the same run.
+#
+# The data file's used part is filled to MIB MiB, so the backup copies about
+# that much. The backup writes with O_DIRECT|O_SYNC: its bytes are on the
+# disk when it ends. cp is therefore timed with a sync behind it, so that
+# both sides count bytes that reached the disk. Each rate is the bytes moved
+# over the wall time of the whole request (the backup's save pass and the
+# drain included). Two rounds: the stand-in idle, and the stand-in
+# committing rows as a live engine while the backup runs.
+#
+#   bench/BackupFull.sh [BUILD_DIR] [MIB]   (defaults: build, 256)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${1:-build}
+mib=${2:-256}
+bin=$(cd "$build/bin" && pwd)
+root=$(mktemp -d "${TALVOR_BENCH_DIR:-/tmp}/talvor-backup-bench-XXXXXX")
+trap 'rm -rf "$root"' EXIT
+mkdir -p "$root/bin" "$root/Data/Talvor" "$root/Arch" "$root/cp"
+cp "$bin/TalvorStorage" "$root/bin/"
+"$bin/talvor-mkdb" --dir "$root/Data/Talvor" --name Bench --data-file $((mib + 8)) --btree-file 4 --kv-file 4 \
+  --redo-groups 3 --redo-size 4 >/dev/null
+# The used part of the data file: random bytes up to MIB MiB, and the head's
+# free offset (byte 78 of the file head) moved there.
+python3 - "$root/Data/Talvor/Data2.dbf" "$mib" <<'PY'
+import os, struct, sys
+path, mib = sys.argv[1], int(sys.argv[2])
+with open(path, "r+b") as f:
+    head = f.read(86)
+    used = struct.unpack_from("<q", head, 78)[0]
+    end = mib * 1048576
+    f.seek(used)
+    while used < end:
+        n = min(1 << 22, end - used)
+        f.write(os.urandom(n))
+        used += n
+    f.seek(78)
+    f.write(struct.pack("<q", end))
+PY
+cat > "$root/bin/TalvorConfig.ini" <<INI
+[System]
+databasepath=$root/Data/Talvor/
+Language=0
+persistenceintervals=300
+buffercachesize=0
+undoareasize=16
+archivetype=1
+archivedespath=$root/Arch/
+INI
+
+unshare --ipc --mount --propagation private bash -c '
+  set -e
+  mount -t tmpfs tmpfs /dev/shm && mount -t tmpfs tmpfs /var/run
+  root=$1; bin=$2
+  now() { date +%s.%N; }
+  "$root/bin/TalvorStorage" & pid=$!
+  for i in $(seq 1 600); do
+    grep -qs "service started" "$root"/Data/Talvor/Log/TalvorStorage*.log && break
+    sleep 0.05
+  done
+  # Both sides read the files from the disk: the backup reads with direct
+  # I/O, so the page cache of each database file is dropped before each
+  # side (for these files only).
+  uncache() { for f in "$root"/Data/Talvor/*.dbf; do dd if="$f" iflag=nocache count=0 status=none; done; }
+  # One round: cp of the database files (synced), then the backup.
+  round() {
+    rm -f "$root"/cp/*; sync; uncache
+    start=$(now); cp "$root"/Data/Talvor/*.dbf "$root/cp/"; sync; end=$(now)
+    cpbytes=$(cat "$root"/cp/*.dbf | wc -c)
+    echo "$1 cpbytes=$cpbytes cpseconds=$(echo "$end - $start" | bc -l)" >> "$root/rounds.out"
+    rm -f "$root"/cp/*; sync; uncache
+    start=$(now); "$bin/talvor-peer" backup --full ${2:+--ts $2} --wait > "$root/backup-$1.out"; end=$(now)
+    file=$(sed -n "s/^backup ts=.* path=\([^ ]*\).*/\1/p" "$root/backup-$1.out")
+    echo "$1 backupbytes=$(stat -c %s "$file") backupseconds=$(echo "$end - $start" | bc -l)" >> "$root/rounds.out"
+    rm -f "$file"
+  }
+  round idle 100
+  # A backup leaves m_nStatus at 0: the stand-in takes the head for ready.
+  "$bin/talvor-peer" data --journal "$root/journal" --live --head-ready --count 100000000 --seconds 20 \
+    --pause-us 200 --seed 1 > "$root/peer.out" & peer=$!
+  sleep 1
+  round committing
+  wait $peer || true
+  kill -TERM $pid; wait $pid || true
+' bench "$root" "$bin" || true
+
+field() { sed -n "s/^$1 .*$2=\([^ ]*\).*/\1/p" "$root/rounds.out"; }
+report() {
+  local cpb cps bb bs cprate rate
+  cpb=$(field "$1" cpbytes); cps=$(field "$1" cpseconds)
+  bb=$(field "$1" backupbytes); bs=$(field "$1" backupseconds)
+  if [ -z "$bb" ] || [ -z "$cpb" ]; then echo "$1: no measurement (see $root)"; return; fi
+  cprate=$(echo "$cpb / 1048576 / $cps" | bc -l)
+  rate=$(echo "$bb / 1048576 / $bs" | bc -l)
+  printf "%-11s backup %.1f MB/s (%d bytes in %.2f s), cp+sync %.1f MB/s, ratio %.2f (goal: at least 0.80)\n" \
+    "$1:" "$rate" "$bb" "$bs" "$cprate" "$(echo "$rate / $cprate" | bc -l)"
+}
+report idle
+report committing

@@ -1,0 +1,254 @@
+// End-to-end: the full backup (cluster command 40) of a running daemon,
+// asked by the stand-in as the engine does. The backup file's head and
+// records are checked field by field and every file's copied bytes against
+// the database file as it stood during the backup; the files restored by
+// hand from it hold exactly the point in time of its timestamp while the
+// stand-in went on committing; an abort in the middle leaves nothing; with
+// two archive destinations the archiver copies the backup byte for byte.
+#include "ClusterKit.h"
+
+#include "MemDBBackupDef.h"
+
+#include <sys/time.h>
+
+using namespace talvortest;
+
+namespace {
+
+const long long FILETIME_UNIX_EPOCH_SECONDS = 11644473600LL;
+const long long FILETIME_TICKS_PER_SECOND = 10000000LL;
+const int ARCHIVER_TIMEOUT_MS = 60000;
+// The stand-in's host address in the head: 10.1.2.3, host order.
+const UINT HOST_IP = 0x0A010203;
+
+long long FileTimeNow()
+{
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    return ((long long)tv.tv_sec + FILETIME_UNIX_EPOCH_SECONDS) * FILETIME_TICKS_PER_SECOND + tv.tv_usec * 10LL;
+}
+
+// Data in Data2.dbf from its used end to nUsedMib MiB, the free offset moved
+// there: the copy then spans several work buffers. The bytes depend on the
+// offset and are never 0, so a shifted or missing piece shows.
+void FillDataFile(const std::string& strPath, long long nUsedMib)
+{
+    std::string strFile = ReadWholeFile(strPath);
+    ASSERT_GT((long long)strFile.size(), nUsedMib * E2E_MIB);
+    LPBASEFILEHEAD lpHead = (LPBASEFILEHEAD)&strFile[0];
+    for (long long i = lpHead->m_nFileFreeMemoryOffset; i < nUsedMib * E2E_MIB; i++)
+        strFile[(size_t)i] = (char)((((i * 131) >> 9) + (i >> 17) + 3) | 1);
+    lpHead->m_nFileFreeMemoryOffset = nUsedMib * E2E_MIB;
+    ASSERT_TRUE(WriteWholeFile(strPath, strFile));
+}
+
+class BackupFull : public RunningDaemon {
+protected:
+    std::string Des(const std::string& strName) const { return m_box.Root() + "/" + strName + "/"; }
+    std::string BackupPath(const std::string& strDes, long long nTs) const
+    {
+        return strDes + "Backup/TalvorBackup" + std::to_string(nTs) + ".fbk";
+    }
+    void StartWith(long long nDataMib, long long nUsedMib, const std::string& strDestinations)
+    {
+        ASSERT_TRUE(m_box.Ok());
+        ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(),
+                            {"--data-file", std::to_string(nDataMib), "--btree-file", "4", "--kv-file", "4"}));
+        FillDataFile(Path("Data2.dbf"), nUsedMib);
+        // No periodic pass during the test: what the stand-in commits after
+        // the backup's own pass stays off the disk until the stop.
+        WriteDbIni(m_box, m_box.DataDir(),
+                   "persistenceintervals=300\r\narchivetype=1\r\narchivedespath=" + strDestinations + "\r\n");
+        m_pid = m_box.StartDaemon();
+        ASSERT_GT(m_pid, 0);
+        ASSERT_TRUE(WaitReady(m_box)) << m_box.ReadDaemonTrace();
+    }
+};
+
+// The head area and records of a backup file against the database files
+// as they stood (mapDisk, by name, in file number order of vNames).
+void CheckBackupFile(const std::string& strBackup, const std::map<std::string, std::string>& mapDisk,
+                     const std::vector<std::string>& vNames, const std::string& strDir, long long nTs,
+                     long long nTimeFrom, long long nTimeTo)
+{
+    ASSERT_GE(strBackup.size(), (size_t)BACKUP_HEAD_ALIGN);
+    const BACKUPFILEHEAD* lpHead = (const BACKUPFILEHEAD*)strBackup.data();
+    const SYSTEMFILEHEAD* lpSystem = (const SYSTEMFILEHEAD*)mapDisk.at("System.dbf").data();
+    EXPECT_EQ(BACKUP_VERSION, lpHead->m_nVersion);
+    EXPECT_EQ(BACKUP_FILEFLAG, lpHead->m_nFileFlag);
+    EXPECT_EQ(0, memcmp(strBackup.data() + 4, "BKDA", 4));
+    EXPECT_EQ(BackupHeadSize((int)vNames.size()), lpHead->m_nHeadSize);
+    EXPECT_EQ(0, memcmp(lpHead->m_pDataFlag, "Talvor\0\0", 8));
+    EXPECT_EQ(nTs, lpHead->m_nTimestamp);
+    EXPECT_EQ(0, lpHead->m_nReferTimestamp);
+    EXPECT_EQ(7, lpHead->m_nLogNo);
+    EXPECT_EQ(50, lpHead->m_nLogPos);
+    EXPECT_EQ(lpSystem->m_usDatabaseGuid, lpHead->m_usDataBaseGuid);
+    EXPECT_EQ(BACKUPLEVEL_FULL, lpHead->m_bLevel);
+    EXPECT_EQ(0, lpHead->m_bReserved);
+    long long nTime = 0;
+    memcpy(&nTime, &lpHead->m_ftBackupTime, sizeof(nTime));
+    EXPECT_LE(nTimeFrom, nTime);
+    EXPECT_GE(nTimeTo, nTime);
+    EXPECT_EQ(HOST_IP, lpHead->m_ulHostIP);
+    EXPECT_EQ(std::string(56, '\0'), std::string(strBackup.data() + 56, 56)) << "machine and user names stay zero";
+    ASSERT_EQ((int)vNames.size(), lpHead->m_nFileNum);
+    EXPECT_EQ(std::string(12, '\0'), std::string(strBackup.data() + 120, 12));
+    long long nAreaEnd = BACKUP_FIXED_HEAD_SIZE + (long long)vNames.size() * sizeof(STRUCT_BACKUP_FILEINFO);
+    EXPECT_EQ(std::string((size_t)(lpHead->m_nHeadSize - nAreaEnd), '\0'),
+              strBackup.substr((size_t)nAreaEnd, (size_t)(lpHead->m_nHeadSize - nAreaEnd)))
+        << "the head area is zero behind the records";
+    long long nPos = lpHead->m_nHeadSize;
+    for (size_t i = 0; i < vNames.size(); i++) {
+        SCOPED_TRACE(vNames[i]);
+        const STRUCT_BACKUP_FILEINFO& rec = lpHead->m_stBackupFileInfo[i];
+        const std::string& strDisk = mapDisk.at(vNames[i]);
+        const BASEFILEHEAD* lpFile = (const BASEFILEHEAD*)strDisk.data();
+        EXPECT_EQ(lpFile->m_bFileType, rec.m_bFileType);
+        EXPECT_EQ(lpFile->m_bFileNo, rec.m_bFileNo);
+        EXPECT_EQ(0, rec.m_bReserved[0] | rec.m_bReserved[1]);
+        EXPECT_EQ((long long)strDisk.size(), rec.m_nFileSize);
+        EXPECT_EQ(lpFile->m_nFileHeaderSize, rec.m_nFileHeaderSize);
+        EXPECT_EQ(lpFile->m_nFileFreeMemoryOffset, rec.m_nFileFreeMemoryOffset);
+        EXPECT_EQ(strDir + vNames[i], std::string(rec.m_lpszFilePath, strnlen(rec.m_lpszFilePath, 256)));
+        EXPECT_EQ(nPos, rec.m_nDataStartOffset);
+        EXPECT_EQ(rec.m_nDataStartOffset + rec.m_nFileFreeMemoryOffset, rec.m_nDataEndOffset);
+        long long nUsed = rec.m_nFileFreeMemoryOffset;
+        ASSERT_LE(nUsed, (long long)strDisk.size());
+        ASSERT_LE(rec.m_nDataEndOffset, (long long)strBackup.size());
+        EXPECT_TRUE(strBackup.compare((size_t)rec.m_nDataStartOffset, (size_t)nUsed, strDisk, 0, (size_t)nUsed) == 0)
+            << "copied bytes differ from the file";
+        nPos = rec.m_nDataEndOffset;
+    }
+    EXPECT_EQ(nPos, (long long)strBackup.size()) << "no bytes behind the last file";
+    // The backup's point in time is committed in its copy of the system file.
+    const SYSTEMFILEHEAD* lpCopy = (const SYSTEMFILEHEAD*)(strBackup.data() + lpHead->m_stBackupFileInfo[0].m_nDataStartOffset);
+    EXPECT_EQ(nTs, lpCopy->m_nBeginTimestamp);
+}
+
+// Writes every file of the backup back to its path, zero behind its used
+// part up to its size.
+void RestoreByHand(const std::string& strBackup)
+{
+    const BACKUPFILEHEAD* lpHead = (const BACKUPFILEHEAD*)strBackup.data();
+    for (int i = 0; i < lpHead->m_nFileNum; i++) {
+        const STRUCT_BACKUP_FILEINFO& rec = lpHead->m_stBackupFileInfo[i];
+        std::string strFile = strBackup.substr((size_t)rec.m_nDataStartOffset,
+                                               (size_t)(rec.m_nDataEndOffset - rec.m_nDataStartOffset));
+        strFile.resize((size_t)rec.m_nFileSize, '\0');
+        ASSERT_TRUE(WriteWholeFile(rec.m_lpszFilePath, strFile)) << rec.m_lpszFilePath;
+    }
+}
+
+} // namespace
+
+TEST_F(BackupFull, TakenWhileTheEngineCommitsHoldsTheFilesAsTheyStoodAndRestoresToItsPointInTime)
+{
+    StartWith(32, 20, Des("ArchA"));
+    std::string strJournal = m_box.Root() + "/journal";
+    pid_t peer = m_box.Spawn({PeerPath(), "data", "--journal", strJournal, "--live", "--count", "3000", "--pause-us",
+                              "1000", "--blocks", "8", "--seed", "5", "--seconds", "120"},
+                             "peer");
+    ASSERT_GT(peer, 0);
+    ASSERT_TRUE(WaitUntil(
+        [&] {
+            std::string strLines = ReadWholeFile(strJournal);
+            return std::count(strLines.begin(), strLines.end(), '\n') >= 200;
+        },
+        60000, 20));
+    long long nTimeFrom = FileTimeNow();
+    ClusterLine st = Backup(m_box, {"--wait", "--local-ip", "10.1.2.3", "--log-no", "7", "--log-pos", "50"});
+    long long nTimeTo = FileTimeNow();
+    // No pass has run since the backup's own: the files as they stood.
+    std::map<std::string, std::string> mapDisk = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
+    ASSERT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+    EXPECT_EQ("finished", st.m_strOutcome);
+    EXPECT_EQ(0, st.m_nResult);
+    EXPECT_EQ("yes", st.m_strFile);
+    EXPECT_EQ(0, st.m_nCmdForbid);
+    EXPECT_EQ(0, st.m_nHeadForbid);
+    EXPECT_EQ(0, st.m_nStatus) << "a finished backup leaves the status at 0";
+    EXPECT_NE(std::string::npos, st.m_strText.find("progress title=" + Path("Data2.dbf"))) << st.m_strText;
+    long long nTotal = 0;
+    for (const auto& kv : mapDisk) nTotal += (long long)kv.second.size();
+    EXPECT_NE(std::string::npos, st.m_strText.find(" total=" + std::to_string(nTotal / E2E_MIB) + "\n")) << st.m_strText;
+    long long nTs = st.m_nTs;
+    ASSERT_GT(nTs, 0);
+    ASSERT_EQ(BackupPath(Des("ArchA"), nTs), st.m_strPath);
+    std::string strBackup = ReadWholeFile(st.m_strPath);
+    CheckBackupFile(strBackup, mapDisk, CLUSTER_DB_FILES, m_box.DataDir(), nTs, nTimeFrom, nTimeTo);
+    // One destination: the archiver takes the mailbox and copies nothing.
+    EXPECT_TRUE(WaitUntil([&] { return Look(m_box).m_nBackupTs == 0; }, ARCHIVER_TIMEOUT_MS, 100));
+    // The stand-in went on committing past the backup.
+    ASSERT_EQ(0, m_box.WaitExit(peer, 120000));
+    std::string strPeer = ReadWholeFile(m_box.Root() + "/peer.out");
+    EXPECT_GT(NumberAfter(strPeer, "last timestamp "), nTs) << strPeer;
+    m_box.Signal(m_pid, SIGTERM);
+    ASSERT_EQ(0, m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS));
+    std::string strVerify;
+    EXPECT_EQ(0, m_box.Run({PeerPath(), "verify", "--journal", strJournal, "--system", Path("System.dbf")}, 60000,
+                           &strVerify))
+        << strVerify;
+    RestoreByHand(strBackup);
+    EXPECT_EQ(nTs, CommittedOnDisk(Path("System.dbf")));
+    EXPECT_EQ(0, m_box.Run({PeerPath(), "verify", "--journal", strJournal, "--system", Path("System.dbf"),
+                            "--at-least", std::to_string(nTs), "--exact"},
+                           60000, &strVerify))
+        << strVerify;
+    EXPECT_NE(std::string::npos, strVerify.find("violations: 0")) << strVerify;
+}
+
+TEST_F(BackupFull, AnAbortInTheMiddleLeavesNoFileAndTheMailboxAsItWas)
+{
+    StartWith(160, 150, Des("ArchA") + ";" + Des("ArchB"));
+    long long nBefore = Look(m_box).m_nBackupTs;
+    ClusterLine st = Backup(m_box, {"--ts", "77", "--abort-at-mib", "16"});
+    EXPECT_EQ(5, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+    EXPECT_EQ("finished", st.m_strOutcome) << st.m_strText;
+    EXPECT_NE(std::string::npos, st.m_strText.find("\nabort pos=")) << st.m_strText;
+    EXPECT_EQ(1, st.m_nResult);
+    EXPECT_EQ("no", st.m_strFile);
+    EXPECT_EQ(nBefore, st.m_nBackupTs);
+    EXPECT_EQ(0, st.m_nCmdForbid);
+    EXPECT_EQ(0, st.m_nHeadForbid);
+    EXPECT_EQ(0, st.m_nStatus);
+    // The abort came during the copy, not after it.
+    long long nAbortPos = NumberAfter(st.m_strText, "\nabort pos=");
+    EXPECT_LE(16, nAbortPos) << st.m_strText;
+    EXPECT_GT(150, nAbortPos) << st.m_strText;
+    EXPECT_NE(std::string::npos, st.m_strText.find("progress title=" + Path("Data2.dbf"))) << st.m_strText;
+    EXPECT_TRUE(ListFiles(Des("ArchA") + "Backup/").empty());
+    usleep(2000000);
+    EXPECT_TRUE(ListFiles(Des("ArchB") + "Backup/").empty()) << "the archiver copied an aborted backup";
+    EXPECT_EQ(nBefore, Look(m_box).m_nBackupTs);
+    // The next backup, not aborted, is whole.
+    st = Backup(m_box, {"--ts", "78", "--wait"});
+    EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+    EXPECT_EQ(0, st.m_nResult);
+    const BACKUPFILEHEAD* lpHead = nullptr;
+    std::string strBackup = ReadWholeFile(BackupPath(Des("ArchA"), 78));
+    ASSERT_GE(strBackup.size(), (size_t)BACKUP_HEAD_ALIGN);
+    lpHead = (const BACKUPFILEHEAD*)strBackup.data();
+    ASSERT_EQ(4, lpHead->m_nFileNum);
+    EXPECT_EQ((long long)strBackup.size(), lpHead->m_stBackupFileInfo[3].m_nDataEndOffset);
+}
+
+TEST_F(BackupFull, TheArchiverCopiesTheFinishedBackupToTheSecondDestination)
+{
+    StartWith(32, 24, Des("ArchA") + ";" + Des("ArchB"));
+    ClusterLine st = Backup(m_box, {"--ts", "1234", "--wait", "--local-ip", "10.1.2.3", "--log-no", "7", "--log-pos", "50"});
+    ASSERT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+    std::string strFirst = ReadWholeFile(BackupPath(Des("ArchA"), 1234));
+    ASSERT_GT(strFirst.size(), (size_t)(24 * E2E_MIB));
+    std::string strSecond;
+    EXPECT_TRUE(WaitUntil(
+        [&] {
+            strSecond = ReadWholeFile(BackupPath(Des("ArchB"), 1234));
+            return strSecond == strFirst;
+        },
+        ARCHIVER_TIMEOUT_MS, 200))
+        << "second copy " << strSecond.size() << " bytes of " << strFirst.size() << "\n" << m_box.ReadDaemonTrace();
+    EXPECT_TRUE(WaitUntil([&] { return Look(m_box).m_nBackupTs == 0; }, ARCHIVER_TIMEOUT_MS, 100));
+    // Only the backup's own directory in the second destination.
+    EXPECT_EQ(1u, ListFiles(Des("ArchB") + "Backup/").size());
+}

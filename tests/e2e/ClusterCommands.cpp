@@ -1,0 +1,318 @@
+// End-to-end: the cluster commands of the channel's command record, sent by
+// the engine stand-in as the engine does. Each code ends with its final
+// value, its result and the forbid flags it must leave; codes the daemon
+// does not know change nothing; the standby slots count what they hold;
+// taking the database apart and building it again works on new files and
+// never on two descriptors of one file.
+#include "ClusterKit.h"
+
+#include <memory>
+
+using namespace talvortest;
+
+namespace {
+
+const std::vector<std::string> SMALL_DB = {"--data-file", "8", "--btree-file", "4", "--kv-file", "4"};
+const int SHORT_WAIT_MS = 1500;
+
+class ClusterCommands : public RunningDaemon {
+protected:
+    void SetUp() override { Start(SMALL_DB, "persistenceintervals=1\r\n"); }
+
+    // The daemon still runs its storage thread: a pass asked through
+    // m_bStorageCMD is answered.
+    void ExpectServing(bool bHeadReady = false)
+    {
+        std::vector<std::string> vCmd = {PeerPath(), "command", "--count", "3", "--code", "2", "--gap-us", "0",
+                                         "--wait-ready-ms", "5000"};
+        if (bHeadReady) vCmd.push_back("--head-ready");
+        std::string strOut;
+        EXPECT_EQ(0, m_box.Run(vCmd, 60000, &strOut)) << strOut << m_box.ReadDaemonTrace();
+        EXPECT_NE(std::string::npos, strOut.find("answered=3")) << strOut;
+    }
+
+    // Commits nCount changes through the stand-in and waits until a pass
+    // has committed the last on disk; the journal then verifies.
+    void ExpectCommitsReachDisk(bool bHeadReady, const std::string& strJournal)
+    {
+        std::vector<std::string> vCmd = {PeerPath(), "data", "--journal", strJournal, "--live", "--count", "60",
+                                         "--pause-us", "2000", "--blocks", "4", "--seed", "11"};
+        if (bHeadReady) vCmd.push_back("--head-ready");
+        std::string strOut;
+        ASSERT_EQ(0, m_box.Run(vCmd, 120000, &strOut)) << strOut << m_box.ReadDaemonTrace();
+        long long nLast = NumberAfter(strOut, "last timestamp ");
+        ASSERT_GT(nLast, 0) << strOut;
+        EXPECT_TRUE(WaitUntil([&] { return CommittedOnDisk(Path("System.dbf")) >= nLast; }, 30000, 50))
+            << "committed " << CommittedOnDisk(Path("System.dbf")) << " of " << nLast << "\n" << m_box.ReadDaemonTrace();
+        std::string strVerify;
+        EXPECT_EQ(0, m_box.Run({PeerPath(), "verify", "--journal", strJournal, "--system", Path("System.dbf"),
+                                "--at-least", std::to_string(nLast)},
+                               60000, &strVerify))
+            << strVerify;
+        EXPECT_NE(std::string::npos, strVerify.find("violations: 0")) << strVerify;
+    }
+};
+
+} // namespace
+
+TEST_F(ClusterCommands, UnknownCodesChangeNothingAndTheDaemonGoesOn)
+{
+    for (const char* lpCode : {"1", "12", "99"}) {
+        SCOPED_TRACE(lpCode);
+        ClusterLine st = Cluster(m_box, lpCode, {"--wait-ms", std::to_string(SHORT_WAIT_MS)});
+        EXPECT_EQ(0, st.m_nExit) << st.m_strText;
+        EXPECT_EQ("unchanged", st.m_strOutcome) << st.m_strText;
+        EXPECT_EQ(atoi(lpCode), st.m_nFinal);
+        EXPECT_EQ(RESULT_UNSET, st.m_nResult);
+        EXPECT_EQ(0, st.m_nCmdForbid);
+        EXPECT_EQ(0, st.m_nHeadForbid);
+        EXPECT_EQ(2, st.m_nStatus);
+        EXPECT_EQ(0, st.m_nStandby);
+    }
+    // Flags raised with an unknown code are not cleared by the daemon.
+    ClusterLine st = Cluster(m_box, "99", {"--forbid", "--head-forbid", "--wait-ms", std::to_string(SHORT_WAIT_MS)});
+    EXPECT_EQ("unchanged", st.m_strOutcome) << st.m_strText;
+    EXPECT_EQ(1, st.m_nCmdForbid);
+    EXPECT_EQ(1, st.m_nHeadForbid);
+    ClusterLine after = Look(m_box);
+    EXPECT_EQ(0, after.m_nFinal) << "the stand-in took its code back";
+    EXPECT_EQ(0, after.m_nCmdForbid);
+    ExpectServing();
+}
+
+// The engine's view of a refused 10: the first report line (after the
+// whole wait) says refused with the code and both flags still up; the
+// stand-in then clears the command's flag and the node is added (and fails,
+// nothing listens): the code ends at 0 and both flags are down.
+TEST_F(ClusterCommands, TenIsRefusedWhileItsFlagStandsAndRunsOnceCleared)
+{
+    std::string strPort = std::to_string(ClosedPort());
+    ClusterLine st = Cluster(m_box, "10", {"--forbid", "--head-forbid", "--clear-forbid", "--ip", "127.0.0.1", "--port",
+                                          strPort, "--local-ip", "127.0.0.1", "--wait-ms", "2000"});
+    size_t nFinished = st.m_strText.rfind('\n', st.m_strText.find("outcome=finished"));
+    ClusterLine refused = ReadClusterLine(st.m_strText.substr(0, nFinished + 1), "cluster ", 0);
+    EXPECT_EQ("refused", refused.m_strOutcome) << st.m_strText;
+    EXPECT_EQ(10, refused.m_nFinal);
+    EXPECT_EQ(1, refused.m_nCmdForbid);
+    EXPECT_EQ(1, refused.m_nHeadForbid);
+    EXPECT_EQ(RESULT_UNSET, refused.m_nResult);
+    EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("10012010")) << m_box.ReadDaemonTrace();
+    EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+    EXPECT_EQ("finished", st.m_strOutcome) << st.m_strText;
+    EXPECT_EQ(0, st.m_nFinal);
+    EXPECT_EQ(0, st.m_nCmdForbid);
+    EXPECT_EQ(0, st.m_nHeadForbid);
+    ExpectServing();
+}
+
+// Left refused, the command stays in the record: the next command of the
+// engine must wait for it, and the daemon keeps refusing.
+TEST_F(ClusterCommands, ARefusedTenStaysInTheRecord)
+{
+    std::string strPort = std::to_string(ClosedPort());
+    ClusterLine st = Cluster(m_box, "10", {"--forbid", "--ip", "127.0.0.1", "--port", strPort, "--wait-ms", "1000"});
+    EXPECT_EQ(5, st.m_nExit) << st.m_strText;
+    EXPECT_EQ("refused", st.m_strOutcome) << st.m_strText;
+    usleep(500000);
+    ClusterLine still = Look(m_box);
+    EXPECT_EQ(10, still.m_nFinal);
+    EXPECT_EQ(1, still.m_nCmdForbid);
+    EXPECT_EQ(RESULT_UNSET, still.m_nResult);
+    ClusterLine next = Cluster(m_box, "47", {"--wait-ms", "1000"});
+    EXPECT_EQ(5, next.m_nExit) << "the stand-in wrote over a waiting command\n" << next.m_strText;
+    EXPECT_EQ(10, Look(m_box).m_nFinal);
+}
+
+TEST_F(ClusterCommands, ElevenEndsAtZeroAndClearsBothFlags)
+{
+    std::string strPort = std::to_string(ClosedPort());
+    ClusterLine st = Cluster(m_box, "11", {"--forbid", "--head-forbid", "--ip", "127.0.0.1", "--port", strPort});
+    EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+    EXPECT_EQ("finished", st.m_strOutcome);
+    EXPECT_EQ(0, st.m_nFinal);
+    EXPECT_EQ(0, st.m_nCmdForbid);
+    EXPECT_EQ(0, st.m_nHeadForbid);
+    ExpectServing();
+}
+
+TEST_F(ClusterCommands, StandbySlotsHoldOnlyWhatConnects)
+{
+    std::string strClosed = std::to_string(ClosedPort());
+    // Nothing listens: set-up failed, no slot.
+    ClusterLine st = Cluster(m_box, "18", {"--ip", "127.0.0.1", "--port", strClosed});
+    EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+    EXPECT_EQ(1, st.m_nFinal);
+    EXPECT_EQ(11, st.m_nResult);
+    EXPECT_EQ(0, st.m_nStandby);
+    // A listener: one slot, and the same address again takes no second.
+    Listener listener;
+    ASSERT_GT(listener.Port(), 0);
+    std::string strOpen = std::to_string(listener.Port());
+    for (int i = 0; i < 2; i++) {
+        SCOPED_TRACE(i);
+        st = Cluster(m_box, "18", {"--ip", "127.0.0.1", "--port", strOpen, "--local-ip", "127.0.0.1"});
+        EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+        EXPECT_EQ(1, st.m_nFinal);
+        EXPECT_EQ(0, st.m_nResult);
+        EXPECT_EQ(1, st.m_nStandby);
+    }
+    // An address no slot holds: 0, and the slot stays.
+    st = Cluster(m_box, "19", {"--ip", "127.0.0.1", "--port", strClosed});
+    EXPECT_EQ(1, st.m_nFinal);
+    EXPECT_EQ(0, st.m_nResult);
+    EXPECT_EQ(1, Look(m_box).m_nStandby);
+    // The address that holds it: the slot is given back when its thread ends.
+    st = Cluster(m_box, "19", {"--ip", "127.0.0.1", "--port", strOpen});
+    EXPECT_EQ(1, st.m_nFinal);
+    EXPECT_EQ(0, st.m_nResult);
+    EXPECT_TRUE(WaitUntil([&] { return Look(m_box).m_nStandby == 0; }, 30000, 100)) << m_box.ReadDaemonTrace();
+    EXPECT_EQ(0, st.m_nCmdForbid);
+    EXPECT_EQ(0, st.m_nHeadForbid);
+    ExpectServing();
+}
+
+// 256 slots, each held by a connection of its own; the next address finds
+// none free. (The counter is one byte: it is checked up to 255 only.)
+TEST_F(ClusterCommands, AllSlotsBusyReportsTen)
+{
+    const int SLOTS = 256;
+    std::vector<std::unique_ptr<Listener>> vListeners;
+    for (int i = 0; i <= SLOTS; i++) {
+        vListeners.emplace_back(new Listener());
+        ASSERT_GT(vListeners.back()->Port(), 0);
+    }
+    for (int i = 0; i < SLOTS; i++) {
+        ClusterLine st = Cluster(m_box, "18", {"--ip", "127.0.0.1", "--port", std::to_string(vListeners[i]->Port())});
+        ASSERT_EQ(0, st.m_nResult) << "slot " << i << "\n" << st.m_strText << m_box.ReadDaemonTrace();
+        if (i < 255) {
+            ASSERT_EQ(i + 1, st.m_nStandby);
+        }
+    }
+    ClusterLine st = Cluster(m_box, "18", {"--ip", "127.0.0.1", "--port", std::to_string(vListeners[SLOTS]->Port())});
+    EXPECT_EQ(1, st.m_nFinal);
+    EXPECT_EQ(10, st.m_nResult) << st.m_strText;
+    // A held address still resets its own slot when all are busy.
+    st = Cluster(m_box, "18", {"--ip", "127.0.0.1", "--port", std::to_string(vListeners[7]->Port())});
+    EXPECT_EQ(0, st.m_nResult) << st.m_strText;
+    ExpectServing();
+}
+
+TEST_F(ClusterCommands, ClearThenRebuildServesTheNewFilesAndTracesEachRemoval)
+{
+    std::string strTraceBefore = m_box.ReadDaemonTrace();
+    ClusterLine st = Cluster(m_box, "16");
+    EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+    EXPECT_EQ("finished", st.m_strOutcome);
+    EXPECT_EQ(0, st.m_nFinal);
+    EXPECT_EQ(1, st.m_nCmdForbid) << "the flag stays up until the rebuild";
+    EXPECT_EQ(1, st.m_nStatus);
+    ASSERT_TRUE(m_box.IsRunning(m_pid));
+    std::string strTrace = m_box.ReadDaemonTrace().substr(strTraceBefore.size());
+    for (const std::string& strName : CLUSTER_DB_FILES) {
+        EXPECT_FALSE(PathExists(Path(strName))) << strName;
+        EXPECT_NE(std::string::npos, strTrace.find(Path(strName))) << strName << " not named\n" << strTrace;
+    }
+    // New files, of other sizes, in the same paths.
+    ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), {"--data-file", "12", "--btree-file", "6", "--kv-file", "4"}));
+    st = Cluster(m_box, "17");
+    EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+    EXPECT_EQ("finished", st.m_strOutcome);
+    EXPECT_EQ(0, st.m_nFinal);
+    EXPECT_EQ(0, st.m_nCmdForbid);
+    EXPECT_EQ(0, st.m_nHeadForbid);
+    EXPECT_EQ(1, st.m_nStatus) << "a rebuild leaves the status at 1";
+    Inspection ins = Inspect(m_box, m_box.DataDir());
+    ASSERT_TRUE(ins.m_bRan) << ins.m_strText;
+    EXPECT_TRUE(ins.m_bSystemImage);
+    EXPECT_EQ(0, ins.m_nSystemStatus);
+    EXPECT_EQ(12 * E2E_MIB, ins.m_mapFiles[2].m_nImageSize) << ins.m_strText;
+    EXPECT_EQ(6 * E2E_MIB, ins.m_mapFiles[3].m_nImageSize) << ins.m_strText;
+    std::map<std::string, int> mapOpen = OpenFilesUnder(m_pid, m_box.DataDir());
+    for (const std::string& strName : CLUSTER_DB_FILES) EXPECT_GE(1, mapOpen[Path(strName)]) << strName;
+    ExpectCommitsReachDisk(true, m_box.Root() + "/journal");
+}
+
+// A rebuild with no database on disk fails: no head comes up, the command
+// still ends at 0, and the flag of the head that is gone is not touched
+// (the command's stays up with it). New files and a second 17 then work.
+TEST_F(ClusterCommands, AFailedRebuildLeavesNoHeadAndASecondOneOnNewFilesWorks)
+{
+    ClusterLine st = Cluster(m_box, "16");
+    ASSERT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+    st = Cluster(m_box, "17");
+    EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+    EXPECT_EQ(0, st.m_nFinal);
+    EXPECT_EQ(CLUSTER_NO_HEAD_SEEN, st.m_nHeadForbid) << "a head came up from no files";
+    EXPECT_EQ(1, st.m_nCmdForbid) << "the flags are cleared only with a head\n" << st.m_strText << m_box.ReadDaemonTrace();
+    EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("10013001")) << m_box.ReadDaemonTrace();
+    ASSERT_TRUE(m_box.IsRunning(m_pid));
+    ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), SMALL_DB));
+    st = Cluster(m_box, "17");
+    EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+    EXPECT_EQ(0, st.m_nFinal);
+    EXPECT_EQ(0, st.m_nCmdForbid);
+    EXPECT_EQ(0, st.m_nHeadForbid);
+    Inspection ins = Inspect(m_box, m_box.DataDir());
+    EXPECT_TRUE(ins.m_bSystemImage) << ins.m_strText;
+    EXPECT_EQ(0, ins.m_nSystemStatus);
+    ExpectCommitsReachDisk(true, m_box.Root() + "/journal");
+}
+
+TEST_F(ClusterCommands, RebuildWithoutClearKeepsOneDescriptorPerFileAndStillCommits)
+{
+    std::map<std::string, int> mapBefore = OpenFilesUnder(m_pid, m_box.DataDir());
+    ClusterLine st = Cluster(m_box, "17", {"--forbid", "--head-forbid"});
+    EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+    EXPECT_EQ(0, st.m_nFinal);
+    EXPECT_EQ(0, st.m_nCmdForbid);
+    EXPECT_EQ(0, st.m_nHeadForbid);
+    ASSERT_TRUE(m_box.IsRunning(m_pid));
+    std::map<std::string, int> mapAfter = OpenFilesUnder(m_pid, m_box.DataDir());
+    for (const std::string& strName : CLUSTER_DB_FILES)
+        EXPECT_EQ(mapBefore[Path(strName)], mapAfter[Path(strName)]) << strName;
+    for (const auto& kv : mapAfter) EXPECT_GE(1, kv.second) << kv.first << " open more than once";
+    ExpectCommitsReachDisk(true, m_box.Root() + "/journal");
+}
+
+// A restore is not served yet: it ends finished with no result written,
+// clears both flags of the head that stays, and touches no file.
+TEST_F(ClusterCommands, RestoreEndsFinishedWithoutAResultAndTouchesNoFile)
+{
+    std::map<std::string, std::string> mapBefore = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
+    ClusterLine st = Cluster(m_box, "46", {"--forbid", "--head-forbid", "--ts", "5"});
+    EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+    EXPECT_EQ(1, st.m_nFinal);
+    EXPECT_EQ(RESULT_UNSET, st.m_nResult) << "46 writes no result";
+    EXPECT_EQ(0, st.m_nCmdForbid);
+    EXPECT_EQ(0, st.m_nHeadForbid);
+    EXPECT_TRUE(mapBefore == Snapshot(m_box.DataDir(), CLUSTER_DB_FILES)) << "a file changed";
+    ExpectServing();
+}
+
+TEST_F(ClusterCommands, UndoCacheSpeedTestAndIncrementalEndWithTheirValues)
+{
+    ClusterLine st = Cluster(m_box, "47");
+    EXPECT_EQ(0, st.m_nExit) << st.m_strText;
+    EXPECT_EQ(0, st.m_nFinal);
+    EXPECT_EQ(0, st.m_nResult);
+    // The speed test on a file, on no file, and with a buffer size no
+    // allocation could give: each ends at 0 with 0.
+    for (const std::vector<std::string>& vArgs :
+         {std::vector<std::string>{"--file-no", "2", "--method", "1", "--buffer-size", "65536"},
+          std::vector<std::string>{"--file-no", "200", "--method", "1", "--buffer-size", "65536"},
+          std::vector<std::string>{"--file-no", "2", "--method", "1", "--buffer-size", "4294967295"}}) {
+        st = Cluster(m_box, "250", vArgs);
+        EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+        EXPECT_EQ(0, st.m_nFinal);
+        EXPECT_EQ(0, st.m_nResult);
+    }
+    // The incremental backup is not built: answered as failed, flags down.
+    st = Cluster(m_box, "41", {"--forbid", "--head-forbid", "--ts", "1", "--level", "1"});
+    EXPECT_EQ(0, st.m_nExit) << st.m_strText;
+    EXPECT_EQ(1, st.m_nFinal);
+    EXPECT_EQ(1, st.m_nResult);
+    EXPECT_EQ(0, st.m_nCmdForbid);
+    EXPECT_EQ(0, st.m_nHeadForbid);
+    EXPECT_TRUE(m_box.IsRunning(m_pid));
+    ExpectServing();
+}

@@ -1,0 +1,192 @@
+// ClusterKit.h — what the end-to-end tests of cluster commands and backups
+// share: a running daemon on a small database, the stand-in's cluster and
+// backup jobs run and their lines read back, TCP ports with and without a
+// listener, and the daemon's open database files.
+#pragma once
+
+#include "DatabaseLoadKit.h"
+
+#include <arpa/inet.h>
+#include <csignal>
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace talvortest {
+
+const int CLUSTER_WAIT_MS = 60000;
+// The stand-in's mark in m_bResult before a command: a result the daemon
+// did not write shows as this.
+const int RESULT_UNSET = 238;
+// head_forbid of a report when there is no system image.
+const int CLUSTER_NO_HEAD_SEEN = -1;
+const std::vector<std::string> CLUSTER_DB_FILES = {"System.dbf", "Data2.dbf", "BTree3.dbf", "KV4.dbf"};
+
+// One line of the cluster or backup job, its fields read.
+struct ClusterLine {
+    int m_nExit = -2;
+    std::string m_strOutcome;
+    long long m_nFinal = -3, m_nResult = -3, m_nCmdForbid = -3, m_nHeadForbid = -3, m_nStatus = -3, m_nStandby = -3,
+              m_nBackupTs = -3, m_nRunningSeen = -3, m_nTs = -3;
+    std::string m_strPath, m_strFile;
+    std::string m_strText;  // the whole output
+};
+
+inline std::string WordAfter(const std::string& strLine, const std::string& strKey)
+{
+    size_t n = strLine.find(" " + strKey + "=");
+    if (n == std::string::npos) return std::string();
+    size_t nStart = n + strKey.size() + 2;
+    return strLine.substr(nStart, strLine.find(' ', nStart) - nStart);
+}
+
+// The last line of the output that begins with strPrefix, read.
+inline ClusterLine ReadClusterLine(const std::string& strOut, const std::string& strPrefix, int nExit)
+{
+    ClusterLine st;
+    st.m_nExit = nExit;
+    st.m_strText = strOut;
+    size_t nAt = std::string::npos;
+    for (size_t p = strOut.find(strPrefix); p != std::string::npos; p = strOut.find(strPrefix, p + 1))
+        if (p == 0 || strOut[p - 1] == '\n') nAt = p;
+    if (nAt == std::string::npos) return st;
+    std::string strLine = strOut.substr(nAt, strOut.find('\n', nAt) - nAt);
+    st.m_strOutcome = WordAfter(strLine, "outcome");
+    st.m_nFinal = FieldOf(strLine, "final");
+    st.m_nResult = FieldOf(strLine, "result");
+    st.m_nCmdForbid = FieldOf(strLine, "cmd_forbid");
+    st.m_nHeadForbid = FieldOf(strLine, "head_forbid");
+    st.m_nStatus = FieldOf(strLine, "status");
+    st.m_nStandby = FieldOf(strLine, "standby");
+    st.m_nBackupTs = FieldOf(strLine, "backup_ts");
+    st.m_nRunningSeen = FieldOf(strLine, "running_seen");
+    st.m_nTs = FieldOf(strLine, "ts");
+    st.m_strPath = WordAfter(strLine, "path");
+    st.m_strFile = WordAfter(strLine, "file");
+    return st;
+}
+
+// talvor-peer cluster CODE ARGS...; the report line read.
+inline ClusterLine Cluster(DaemonSandbox& box, const std::string& strCode, const std::vector<std::string>& vArgs = {},
+                           int nTimeoutMs = CLUSTER_WAIT_MS + 30000)
+{
+    std::vector<std::string> vCmd = {PeerPath(), "cluster", strCode};
+    vCmd.insert(vCmd.end(), vArgs.begin(), vArgs.end());
+    std::string strOut;
+    int nExit = box.Run(vCmd, nTimeoutMs, &strOut);
+    return ReadClusterLine(strOut, strCode == "look" ? "look " : "cluster ", nExit);
+}
+
+inline ClusterLine Look(DaemonSandbox& box) { return Cluster(box, "look"); }
+
+// talvor-peer backup --full ARGS...; the closing line read.
+inline ClusterLine Backup(DaemonSandbox& box, const std::vector<std::string>& vArgs)
+{
+    std::vector<std::string> vCmd = {PeerPath(), "backup", "--full"};
+    vCmd.insert(vCmd.end(), vArgs.begin(), vArgs.end());
+    std::string strOut;
+    int nExit = box.Run(vCmd, 600000, &strOut);
+    return ReadClusterLine(strOut, "backup ts=", nExit);
+}
+
+// A TCP port of 127.0.0.1 with nothing listening on it (taken from the
+// kernel and given back at once).
+inline int ClosedPort()
+{
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_in sa = {};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t nLen = sizeof(sa);
+    int nPort = -1;
+    if (fd >= 0 && bind(fd, (struct sockaddr*)&sa, sizeof(sa)) == 0 && getsockname(fd, (struct sockaddr*)&sa, &nLen) == 0)
+        nPort = ntohs(sa.sin_port);
+    if (fd >= 0) close(fd);
+    return nPort;
+}
+
+// A listener on 127.0.0.1 that takes connections into its backlog and
+// never answers: a connect to it succeeds.
+class Listener {
+public:
+    Listener()
+    {
+        m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        struct sockaddr_in sa = {};
+        sa.sin_family = AF_INET;
+        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t nLen = sizeof(sa);
+        if (m_fd >= 0 && bind(m_fd, (struct sockaddr*)&sa, sizeof(sa)) == 0 && listen(m_fd, 16) == 0 &&
+            getsockname(m_fd, (struct sockaddr*)&sa, &nLen) == 0)
+            m_nPort = ntohs(sa.sin_port);
+    }
+    ~Listener()
+    {
+        if (m_fd >= 0) close(m_fd);
+    }
+    Listener(const Listener&) = delete;
+    Listener& operator=(const Listener&) = delete;
+    int Port() const { return m_nPort; }
+
+private:
+    int m_fd = -1;
+    int m_nPort = -1;
+};
+
+// The targets of the process's open descriptors that lie under strDir,
+// each with how often it is open.
+inline std::map<std::string, int> OpenFilesUnder(pid_t pid, const std::string& strDir)
+{
+    std::map<std::string, int> mapOpen;
+    std::string strFd = "/proc/" + std::to_string(pid) + "/fd/";
+    DIR* pDir = opendir(strFd.c_str());
+    if (pDir == nullptr) return mapOpen;
+    while (struct dirent* pEntry = readdir(pDir)) {
+        char szTarget[4096];
+        ssize_t n = readlink((strFd + pEntry->d_name).c_str(), szTarget, sizeof(szTarget) - 1);
+        if (n <= 0) continue;
+        szTarget[n] = '\0';
+        if (strncmp(szTarget, strDir.c_str(), strDir.size()) == 0) mapOpen[szTarget]++;
+    }
+    closedir(pDir);
+    return mapOpen;
+}
+
+// m_nBeginTimestamp of a system file on disk, or -1.
+inline long long CommittedOnDisk(const std::string& strSystem)
+{
+    std::string strHead = ReadFileAt(strSystem, 0, sizeof(SYSTEMFILEHEAD));
+    if (strHead.size() < sizeof(SYSTEMFILEHEAD)) return -1;
+    return ((const SYSTEMFILEHEAD*)strHead.data())->m_nBeginTimestamp;
+}
+
+// A daemon on a database made by talvor-mkdb (strMkdbArgs), ini extras
+// strIni; started and ready in SetUp, stopped in TearDown.
+class RunningDaemon : public ::testing::Test {
+protected:
+    void Start(const std::vector<std::string>& vMkdb, const std::string& strIni)
+    {
+        ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
+        ASSERT_TRUE(PeerBuilt()) << "build talvor-peer first";
+        ASSERT_TRUE(m_box.Ok());
+        ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), vMkdb));
+        WriteDbIni(m_box, m_box.DataDir(), strIni);
+        m_pid = m_box.StartDaemon();
+        ASSERT_GT(m_pid, 0);
+        ASSERT_TRUE(WaitReady(m_box)) << m_box.ReadDaemonTrace();
+    }
+    void TearDown() override
+    {
+        if (m_pid <= 0 || !m_box.IsRunning(m_pid)) return;
+        m_box.Signal(m_pid, SIGTERM);
+        EXPECT_EQ(0, m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS)) << m_box.ReadDaemonTrace();
+    }
+    std::string Path(const std::string& strName) const { return m_box.DataDir() + strName; }
+
+    DaemonSandbox m_box;
+    pid_t m_pid = -1;
+};
+
+} // namespace talvortest

@@ -1,0 +1,218 @@
+// End-to-end: a standby node follows the primary. The real daemon ships its
+// redo log to the stand-in's standby listener: a standby that starts behind
+// catches up from the archive, the sealed groups and the current log, then
+// follows the writer's live feed; across connections the stand-in drops,
+// its copy of every log equals the primary's byte for byte. A standby that
+// asks for a log the primary no longer has ends its thread.
+#include "ClusterKit.h"
+
+#include <map>
+
+using namespace talvortest;
+
+namespace {
+
+const int SHIP_WAIT_MS = 60000;
+
+// The port the standby listener printed, or 0.
+int ListenerPort(DaemonSandbox& box, const std::string& strName)
+{
+    for (int i = 0; i < 500; i++) {
+        std::string strOut = ReadWholeFile(box.Root() + "/" + strName + ".out");
+        size_t n = strOut.find("listening on port ");
+        if (n != std::string::npos) return atoi(strOut.c_str() + n + 18);
+        usleep(10000);
+    }
+    return 0;
+}
+
+// Log number to bytes of every file "LogN.log" in strDir.
+std::map<int, std::string> LogsIn(const std::string& strDir)
+{
+    std::map<int, std::string> mapLogs;
+    for (const std::string& strPath : ListFiles(strDir, "Log")) {
+        size_t n = strPath.rfind("/Log");
+        if (n == std::string::npos) continue;
+        mapLogs[atoi(strPath.c_str() + n + 4)] = ReadWholeFile(strPath);
+    }
+    return mapLogs;
+}
+
+class StandbyShipping : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(MkdbBuilt() && PeerBuilt());
+        ASSERT_TRUE(m_box.Ok());
+        m_strArchive = m_box.Root() + "/Archive/";
+        m_strCopies = m_box.Root() + "/Standby/";
+    }
+    void TearDown() override
+    {
+        if (m_nNode > 0) {
+            m_box.Signal(m_nNode, SIGTERM);
+            m_box.WaitExit(m_nNode, 10000);
+        }
+        if (m_pid > 0) {
+            m_box.Signal(m_pid, SIGTERM);
+            m_box.WaitExit(m_pid, 120000);
+        }
+    }
+    void StartPrimary(bool bArchive)
+    {
+        ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), {"--name", "SHIP", "--redo-groups", "3"}));
+        WriteDbIni(m_box, m_box.DataDir(),
+                   bArchive ? "archivetype=1\r\narchivedespath=" + m_strArchive + "\r\n" : "archivetype=0\r\n");
+        m_pid = m_box.StartDaemon();
+        ASSERT_GT(m_pid, 0);
+        ASSERT_TRUE(WaitReady(m_box)) << m_box.ReadDaemonTrace();
+    }
+    // The stand-in commits records; its report line.
+    std::string Redo(int nRecords, int nSeed, const std::string& strSeals)
+    {
+        std::vector<std::string> vCmd = {PeerPath(), "redo", "--records", std::to_string(nRecords), "--seed",
+                                         std::to_string(nSeed), "--max-size", "200000"};
+        if (!strSeals.empty()) {
+            vCmd.push_back("--seal-at");
+            vCmd.push_back(strSeals);
+        }
+        std::string strOut;
+        EXPECT_EQ(0, m_box.Run(vCmd, 240000, &strOut)) << strOut;
+        return strOut;
+    }
+    void StartNode(const std::vector<std::string>& vExtra)
+    {
+        std::vector<std::string> vCmd = {PeerPath(), "standby-node", "--port", "0", "--dir", m_strCopies, "--seconds", "600"};
+        vCmd.insert(vCmd.end(), vExtra.begin(), vExtra.end());
+        m_nNode = m_box.Spawn(vCmd, "node");
+        ASSERT_GT(m_nNode, 0);
+        m_nPort = ListenerPort(m_box, "node");
+        ASSERT_GT(m_nPort, 0);
+    }
+    ClusterLine AddStandby()
+    {
+        return Cluster(m_box, "18", {"--ip", "127.0.0.1", "--port", std::to_string(m_nPort), "--local-ip", "127.0.0.1"});
+    }
+    // Waits until the copy of log nLogNo reaches nPos (the writer's place
+    // the stand-in last reported).
+    bool WaitForCopy(long long nLogNo, long long nPos)
+    {
+        std::string strPath = m_strCopies + "Log" + std::to_string(nLogNo) + ".log";
+        for (int i = 0; i < SHIP_WAIT_MS / 50; i++) {
+            struct stat st;
+            if (stat(strPath.c_str(), &st) == 0 && st.st_size >= nPos) return true;
+            usleep(50000);
+        }
+        return false;
+    }
+    // The primary's bytes of log n: its archive copy, or the group that
+    // holds it.
+    std::string PrimaryLog(int nLogNo)
+    {
+        std::string strArchived = ReadWholeFile(m_strArchive + "ArchiveLog/Log" + std::to_string(nLogNo) + ".log");
+        if (!strArchived.empty()) return strArchived;
+        for (int g = 0; g < 3; g++) {
+            std::string strFile = ReadWholeFile(m_box.DataDir() + "Redo/Redo" + std::to_string(g) + ".log");
+            MF_REDOLOGFILEHEAD stHead;
+            memset(&stHead, 0, sizeof(stHead));
+            if (strFile.size() >= sizeof(stHead)) memcpy(&stHead, strFile.data(), sizeof(stHead));
+            if ((int)stHead.m_nSequenceNO == nLogNo) return strFile;
+        }
+        return std::string();
+    }
+    // Every copied log equals the primary's from its head on, and the
+    // copies run from log 1 without a gap.
+    void ExpectCopiesEqual(long long nLastLog)
+    {
+        std::map<int, std::string> mapCopies = LogsIn(m_strCopies);
+        ASSERT_FALSE(mapCopies.empty());
+        EXPECT_EQ(1, mapCopies.begin()->first);
+        EXPECT_EQ(nLastLog, mapCopies.rbegin()->first);
+        int nExpect = 1;
+        for (const auto& kv : mapCopies) {
+            SCOPED_TRACE(kv.first);
+            EXPECT_EQ(nExpect++, kv.first);
+            std::string strPrimary = PrimaryLog(kv.first);
+            ASSERT_GE(strPrimary.size(), kv.second.size());
+            ASSERT_GT(kv.second.size(), (size_t)REDOLOGFILE_HEAD_SIZE);
+            EXPECT_TRUE(kv.second.compare(REDOLOGFILE_HEAD_SIZE, std::string::npos, strPrimary, REDOLOGFILE_HEAD_SIZE,
+                                          kv.second.size() - REDOLOGFILE_HEAD_SIZE) == 0);
+            // A log before the last is copied whole.
+            if (kv.first < nLastLog) {
+                MF_REDOLOGFILEHEAD stHead;
+                memcpy(&stHead, strPrimary.data(), sizeof(stHead));
+                EXPECT_EQ((size_t)stHead.m_nEffectiveSize, kv.second.size());
+            }
+        }
+    }
+    DaemonSandbox m_box;
+    pid_t m_pid = -1;
+    pid_t m_nNode = -1;
+    int m_nPort = 0;
+    std::string m_strArchive, m_strCopies;
+};
+
+} // namespace
+
+TEST_F(StandbyShipping, AStandbyBehindCatchesUpAndFollowsTheLiveFeed)
+{
+    StartPrimary(true);
+    // Logs before the standby exists: archived, sealed, current.
+    std::string strBefore = Redo(600, 3, "150,300,450");
+    ASSERT_GT(NumberAfter(strBefore, "logno="), 3);
+    StartNode({});
+    ClusterLine stAdd = AddStandby();
+    ASSERT_EQ(1, stAdd.m_nFinal) << stAdd.m_strText;
+    ASSERT_EQ(0, stAdd.m_nResult) << stAdd.m_strText;
+    ASSERT_TRUE(WaitForCopy(NumberAfter(strBefore, "logno="), NumberAfter(strBefore, "logpos=")))
+        << m_box.ReadDaemonTrace();
+    // Caught up: what comes now goes out as it is drained.
+    std::string strAfter = Redo(300, 4, "");
+    long long nLastLog = NumberAfter(strAfter, "logno=");
+    ASSERT_TRUE(WaitForCopy(nLastLog, NumberAfter(strAfter, "logpos="))) << m_box.ReadDaemonTrace();
+    ExpectCopiesEqual(nLastLog);
+    std::string strTrace = m_box.ReadDaemonTrace();
+    EXPECT_NE(std::string::npos, strTrace.find("synchronization thread started"));
+}
+
+TEST_F(StandbyShipping, DroppedConnectionsResumeFromTheStandbysOwnPosition)
+{
+    StartPrimary(true);
+    std::string strBefore = Redo(300, 5, "100,200");
+    // The listener hangs up after every 7th shipment, four times.
+    StartNode({"--misbehave", "close", "--after", "7", "--times", "4"});
+    ClusterLine stAdd = AddStandby();
+    ASSERT_EQ(0, stAdd.m_nResult) << stAdd.m_strText;
+    std::string strAfter = Redo(400, 6, "150");
+    long long nLastLog = NumberAfter(strAfter, "logno=");
+    ASSERT_TRUE(WaitForCopy(nLastLog, NumberAfter(strAfter, "logpos="))) << m_box.ReadDaemonTrace();
+    ExpectCopiesEqual(nLastLog);
+    m_box.Signal(m_nNode, SIGTERM);
+    ASSERT_EQ(0, m_box.WaitExit(m_nNode, 10000));
+    m_nNode = -1;
+    std::string strNode = ReadWholeFile(m_box.Root() + "/node.out");
+    EXPECT_EQ(4, NumberAfter(strNode, "misbehaved ")) << strNode;
+    EXPECT_GE(NumberAfter(strNode, "connections "), 5) << strNode;
+}
+
+TEST_F(StandbyShipping, AStandbyAskingForALogThePrimaryNoLongerHasEndsItsThread)
+{
+    // Without archiving the groups are reused: log 1 is gone after a few
+    // seals.
+    StartPrimary(false);
+    Redo(300, 7, "50,100,150,200,250");
+    StartNode({"--start-log", "1"});
+    ClusterLine stAdd = AddStandby();
+    ASSERT_EQ(0, stAdd.m_nResult) << stAdd.m_strText;
+    EXPECT_TRUE(m_box.WaitForTrace("there was no archive file and redo file was lost", SHIP_WAIT_MS))
+        << m_box.ReadDaemonTrace();
+    EXPECT_TRUE(m_box.WaitForTrace("synchronization thread ended", SHIP_WAIT_MS));
+    // The slot is free again: the channel counts no standby.
+    bool bFreed = false;
+    for (int i = 0; i < 200 && !bFreed; i++) {
+        bFreed = Cluster(m_box, "look").m_nStandby == 0;
+        if (!bFreed) usleep(50000);
+    }
+    EXPECT_TRUE(bFreed);
+    EXPECT_TRUE(LogsIn(m_strCopies).empty());
+}

@@ -1,0 +1,260 @@
+// PeerStandbyNode.cpp — the receiving side of log shipping, as a standby
+// node's listener meets it: it answers a position request with where its
+// copy of the log stands, takes each run of records that continues that
+// copy exactly, and answers every request with the request's token. On
+// command it misbehaves: it closes the connection, stalls, answers with a
+// wrong token, answers failure, or says it is leaving.
+//
+// The copy of log N is DIR/LogN.log with the records at the offsets they
+// have in the sender's file (the 50 bytes of the sender's head stay zero):
+// a test compares it byte for byte with the sender's group or archive file.
+#include "PeerArgs.h"
+#include "PeerJobs.h"
+
+#include "MemDBCommonDef.h"
+#include "MemDBNodeDef.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+#include <vector>
+
+namespace talvorpeer {
+
+namespace {
+
+const std::vector<OptionSpec> g_vNodeOptions = {
+    {"port", true, "port to listen on at 127.0.0.1 (0: any; the port is printed)"},
+    {"dir", true, "directory of the copies of the logs (default: the working directory)"},
+    {"seconds", true, "how long to serve (default 60)"},
+    {"start-log", true, "log an empty standby asks for (default 1)"},
+    {"misbehave", true, "close | stall | wrong-token | fail | leave"},
+    {"after", true, "misbehave after this many accepted shipments (default 1)"},
+    {"times", true, "misbehave this many times, at every --after shipments (default 1)"},
+};
+const UINT MAX_PAYLOAD = 64u << 20;
+const int STALL_MS = 8000;
+
+volatile sig_atomic_t g_bStop = 0;
+void OnTerm(int) { g_bStop = 1; }
+
+long long NowMs()
+{
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    return (long long)tv.tv_sec * 1000 + tv.tv_usec / 1000;
+}
+
+// Whole reads with a deadline; false when the peer closed or time ran out.
+bool RecvAll(int sk, void* lpBuf, size_t nSize, long long nDeadlineMs)
+{
+    size_t nGot = 0;
+    while (nGot < nSize) {
+        if (g_bStop || NowMs() > nDeadlineMs) return false;
+        struct pollfd stPoll = {sk, POLLIN, 0};
+        int rc = poll(&stPoll, 1, 100);
+        if (rc < 0 && errno == EINTR) continue;
+        if (rc <= 0) continue;
+        ssize_t n = recv(sk, (char*)lpBuf + nGot, nSize - nGot, 0);
+        if (n <= 0) {
+            if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+            return false;
+        }
+        nGot += (size_t)n;
+    }
+    return true;
+}
+
+bool SendAll(int sk, const void* lpBuf, size_t nSize)
+{
+    return send(sk, lpBuf, nSize, MSG_NOSIGNAL) == (ssize_t)nSize;
+}
+
+struct NodeState {
+    std::string strDir;
+    UINT nLogNo;
+    long long nEnd;        // end of the copy of nLogNo; 0: nothing yet
+    long long nTimestamp;  // of the last record held
+    long long nShipments;
+    long long nBytes;
+    std::string strMisbehave;
+    long long nAfter;
+    long long nTimes;
+    long long nDone;
+
+    std::string LogPath(UINT n) const { return strDir + "/Log" + std::to_string(n) + ".log"; }
+
+    // Takes a run of records if it continues the copy; false otherwise.
+    bool Apply(UINT nLog, long long nStart, const std::vector<char>& vData)
+    {
+        bool bContinues = (nLog == nLogNo && (nEnd == 0 || nStart == nEnd)) ||
+                          (nLog == nLogNo + 1 && nStart == REDOLOGFILE_HEAD_SIZE);
+        if (!bContinues || nStart < REDOLOGFILE_HEAD_SIZE) return false;
+        int fd = open(LogPath(nLog).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        if (fd < 0) return false;
+        bool bOk = pwrite(fd, vData.data(), vData.size(), (off_t)nStart) == (ssize_t)vData.size();
+        close(fd);
+        if (!bOk) return false;
+        nLogNo = nLog;
+        nEnd = nStart + (long long)vData.size();
+        // The last record's timestamp: walk the run.
+        size_t nAt = 0;
+        while (nAt + EXECUTEPLANHEAD_SIZE <= vData.size()) {
+            BASEEXECUTEPLANHEAD stHead;
+            memcpy(&stHead, vData.data() + nAt, sizeof(stHead));
+            if (stHead.m_nTotalDataSize < (UINT)EXECUTEPLANHEAD_SIZE) break;
+            nTimestamp = stHead.m_nTimestamp;
+            nAt += stHead.m_nTotalDataSize;
+        }
+        nShipments++;
+        nBytes += (long long)vData.size();
+        return true;
+    }
+
+    // The misbehaviour due now, or empty.
+    std::string Due()
+    {
+        if (strMisbehave.empty() || nDone >= nTimes || nShipments < nAfter * (nDone + 1)) return "";
+        nDone++;
+        return strMisbehave;
+    }
+};
+
+MF_SERVICE_TCP_COMMAND Reply(const MF_SERVICE_TCP_COMMAND& stAsk, BYTE bType, int nCode)
+{
+    MF_SERVICE_TCP_COMMAND stReply;
+    memset(&stReply, 0, sizeof(stReply));
+    stReply.m_bVersion = NODEMSG_VERSION;
+    stReply.m_bType = bType;
+    stReply.m_bToken = stAsk.m_bToken;
+    stReply.m_lDigitalData = nCode;
+    return stReply;
+}
+
+// One connection until it closes, the node closes it, or time runs out.
+void Serve(int sk, NodeState& st, long long nDeadlineMs)
+{
+    for (;;) {
+        MF_SERVICE_TCP_COMMAND stAsk;
+        if (!RecvAll(sk, &stAsk, sizeof(stAsk), nDeadlineMs)) return;
+        if (stAsk.m_bType == NODEMSG_HELLO) continue;
+        if (stAsk.m_bType == NODEMSG_KEEPALIVE) {
+            MF_SERVICE_TCP_COMMAND stReply = Reply(stAsk, NODEMSG_KEEPALIVE, 0);
+            if (!SendAll(sk, &stReply, sizeof(stReply))) return;
+            continue;
+        }
+        if (stAsk.m_bType == NODEMSG_POSITION) {
+            MF_SERVICE_TCP_COMMAND stReply = Reply(stAsk, NODEMSG_SUCCESS, 0);
+            MF_STANDBY_TCP_COMMAND stAt;
+            memset(&stAt, 0, sizeof(stAt));
+            stAt.m_nTimestamp = st.nTimestamp;
+            stAt.m_nLogNo = st.nLogNo;
+            stAt.m_nReadPos = (UINT)st.nEnd;
+            memcpy(stReply.m_lpszParam, &stAt, sizeof(stAt));
+            if (!SendAll(sk, &stReply, sizeof(stReply))) return;
+            continue;
+        }
+        if (stAsk.m_bType != NODEMSG_LOG || stAsk.m_lDataLength > MAX_PAYLOAD) {
+            MF_SERVICE_TCP_COMMAND stReply = Reply(stAsk, NODEMSG_FAILURE, 1);
+            SendAll(sk, &stReply, sizeof(stReply));
+            return;
+        }
+        std::vector<char> vData(stAsk.m_lDataLength);
+        if (!vData.empty() && !RecvAll(sk, vData.data(), vData.size(), nDeadlineMs)) return;
+        MF_STANDBY_TCP_COMMAND stParam;
+        memcpy(&stParam, stAsk.m_lpszParam, sizeof(stParam));
+        long long nStart = (long long)stParam.m_nReadPos - (long long)vData.size();
+        bool bTaken = st.Apply(stParam.m_nLogNo, nStart, vData);
+        std::string strDue = bTaken ? st.Due() : "";
+        if (strDue == "close") return;
+        if (strDue == "stall") {
+            usleep(STALL_MS * 1000);
+            return;
+        }
+        MF_SERVICE_TCP_COMMAND stReply = Reply(stAsk, bTaken ? NODEMSG_SUCCESS : NODEMSG_FAILURE, bTaken ? 0 : 2);
+        if (strDue == "wrong-token") stReply.m_bToken = (BYTE)(stAsk.m_bToken + 1);
+        if (strDue == "fail") {
+            stReply.m_bType = NODEMSG_FAILURE;
+            stReply.m_lDigitalData = 7;
+        }
+        if (strDue == "leave") {
+            stReply.m_bType = NODEMSG_FAILURE;
+            stReply.m_lDigitalData = NODEMSG_LEAVING;
+        }
+        if (!SendAll(sk, &stReply, sizeof(stReply))) return;
+    }
+}
+
+} // namespace
+
+std::string StandbyNodeJobUsage()
+{
+    return "usage: talvor-peer standby-node [options]\n"
+           "A standby node's listener: answers position requests and takes shipped log records into\n"
+           "copies of the logs; prints \"listening on port P\" once it listens and a summary at the end.\n" +
+           DescribeOptions(g_vNodeOptions);
+}
+
+int RunStandbyNodeJob(const std::vector<std::string>& args)
+{
+    CPeerArgs opts;
+    long long nPort = 0, nSeconds = 0, nStartLog = 0, nAfter = 0, nTimes = 0;
+    bool bOk = opts.Parse(args, g_vNodeOptions) && opts.GetInt("port", 0, 0, 65535, nPort) &&
+               opts.GetInt("seconds", 60, 1, 24 * 3600, nSeconds) && opts.GetInt("start-log", 1, 1, 0xFFFFFFFFLL, nStartLog) &&
+               opts.GetInt("after", 1, 1, 1LL << 40, nAfter) && opts.GetInt("times", 1, 1, 1LL << 40, nTimes);
+    std::string strMisbehave = opts.GetString("misbehave", "");
+    if (bOk && !strMisbehave.empty() && strMisbehave != "close" && strMisbehave != "stall" &&
+        strMisbehave != "wrong-token" && strMisbehave != "fail" && strMisbehave != "leave")
+        bOk = false;
+    if (!bOk) {
+        fprintf(stderr, "talvor-peer standby-node: %s\n%s", opts.Error().empty() ? "bad value" : opts.Error().c_str(),
+                StandbyNodeJobUsage().c_str());
+        return PEER_USAGE;
+    }
+    NodeState st = {opts.GetString("dir", "."), (UINT)nStartLog, 0, 0, 0, 0, strMisbehave, nAfter, nTimes, 0};
+    mkdir(st.strDir.c_str(), 0755);
+    signal(SIGTERM, OnTerm);
+    signal(SIGINT, OnTerm);
+    int skListen = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int nOn = 1;
+    setsockopt(skListen, SOL_SOCKET, SO_REUSEADDR, &nOn, sizeof(nOn));
+    struct sockaddr_in stAddr = {};
+    stAddr.sin_family = AF_INET;
+    stAddr.sin_port = htons((USHORT)nPort);
+    stAddr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t nLen = sizeof(stAddr);
+    if (skListen < 0 || bind(skListen, (struct sockaddr*)&stAddr, sizeof(stAddr)) != 0 || listen(skListen, 16) != 0 ||
+        getsockname(skListen, (struct sockaddr*)&stAddr, &nLen) != 0) {
+        fprintf(stderr, "talvor-peer standby-node: cannot listen on port %lld: %s\n", nPort, strerror(errno));
+        return PEER_IPC;
+    }
+    printf("listening on port %u\n", (unsigned)ntohs(stAddr.sin_port));
+    fflush(stdout);
+    long long nDeadline = NowMs() + nSeconds * 1000;
+    long long nConnections = 0;
+    while (!g_bStop && NowMs() < nDeadline) {
+        struct pollfd stPoll = {skListen, POLLIN, 0};
+        if (poll(&stPoll, 1, 100) != 1) continue;
+        int sk = accept4(skListen, nullptr, nullptr, SOCK_CLOEXEC);
+        if (sk < 0) continue;
+        nConnections++;
+        Serve(sk, st, nDeadline);
+        close(sk);
+    }
+    close(skListen);
+    printf("standby: log %u end %lld timestamp %lld shipments %lld bytes %lld connections %lld misbehaved %lld\n",
+           st.nLogNo, st.nEnd, st.nTimestamp, st.nShipments, st.nBytes, nConnections, st.nDone);
+    return PEER_OK;
+}
+
+} // namespace talvorpeer
