@@ -274,8 +274,9 @@ TEST_F(ClusterCommands, RebuildWithoutClearKeepsOneDescriptorPerFileAndStillComm
     ExpectCommitsReachDisk(true, m_box.Root() + "/journal");
 }
 
-// A restore is not served yet: it ends finished with no result written,
-// clears both flags of the head that stays, and touches no file.
+// A restore with no backup of its timestamp is refused before anything is
+// removed: it ends finished with no result written, clears both flags of
+// the head that stays, and touches no file.
 TEST_F(ClusterCommands, RestoreEndsFinishedWithoutAResultAndTouchesNoFile)
 {
     std::map<std::string, std::string> mapBefore = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
