@@ -9,7 +9,9 @@
 # both sides count bytes that reached the disk. Each rate is the bytes moved
 # over the wall time of the whole request (the backup's save pass and the
 # drain included). Two rounds: the stand-in idle, and the stand-in
-# committing rows as a live engine while the backup runs.
+# committing rows as a live engine while the backup runs. A third line per
+# round gives dd copying the same files in the backup's own pattern, to
+# tell the cost of the pattern from the daemon's own.
 #
 #   bench/BackupFull.sh [BUILD_DIR] [MIB]   (defaults: build, 256)
 set -euo pipefail
@@ -76,6 +78,15 @@ unshare --ipc --mount --propagation private bash -c '
     file=$(sed -n "s/^backup ts=.* path=\([^ ]*\).*/\1/p" "$root/backup-$1.out")
     echo "$1 backupbytes=$(stat -c %s "$file") backupseconds=$(echo "$end - $start" | bc -l)" >> "$root/rounds.out"
     rm -f "$file"
+    # The I/O pattern of the backup without the daemon: 8 MiB direct reads,
+    # each followed by its direct synchronous write, one after the other.
+    start=$(now)
+    for f in "$root"/Data/Talvor/*.dbf; do
+      dd if="$f" of="$root/cp/$(basename "$f")" bs=8M iflag=direct oflag=direct,sync status=none
+    done
+    end=$(now)
+    echo "$1 ddbytes=$cpbytes ddseconds=$(echo "$end - $start" | bc -l)" >> "$root/rounds.out"
+    rm -f "$root"/cp/*
   }
   round idle 100
   # A backup leaves m_nStatus at 0: the stand-in takes the head for ready.
@@ -97,6 +108,12 @@ report() {
   rate=$(echo "$bb / 1048576 / $bs" | bc -l)
   printf "%-11s backup %.1f MB/s (%d bytes in %.2f s), cp+sync %.1f MB/s, ratio %.2f (goal: at least 0.80)\n" \
     "$1:" "$rate" "$bb" "$bs" "$cprate" "$(echo "$rate / $cprate" | bc -l)"
+  local db ds
+  db=$(field "$1" ddbytes); ds=$(field "$1" ddseconds)
+  [ -n "$db" ] && printf "%-11s the same pattern by dd (8 MiB direct read, then direct sync write): %.1f MB/s\n" \
+    "" "$(echo "$db / 1048576 / $ds" | bc -l)"
+  return 0
 }
 report idle
 report committing
+printf "stand-in while committing: %s\n" "$(head -1 "$root/peer.out" 2>/dev/null || echo "no summary")"

@@ -432,7 +432,10 @@ int StandbyRun::SendFromFeed()
     {
         EnterCriticalTalvor(&stFeed.m_stCrit, GetCurrentThreadId());
         if (stFeed.m_nLogDataSize == 0) {
-            int nResult = 0;
+            // An empty feed means "nothing new" only to a standby at the
+            // current log; one still behind goes on from the files, or an
+            // idle writer would leave it behind for ever.
+            int nResult = bCurLog ? 0 : -3;
             if (stFeed.m_bNewDataFlag) {
                 stFeed.m_bNewDataFlag = FALSE;
                 nResult = -3;

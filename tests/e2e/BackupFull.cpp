@@ -4,7 +4,8 @@
 // the database file as it stood during the backup; the files restored by
 // hand from it hold exactly the point in time of its timestamp while the
 // stand-in went on committing; an abort in the middle leaves nothing; with
-// two archive destinations the archiver copies the backup byte for byte.
+// two archive destinations the archiver copies the backup byte for byte,
+// and a backup of the same timestamp replaces it in both.
 #include "ClusterKit.h"
 
 #include "MemDBBackupDef.h"
@@ -233,7 +234,7 @@ TEST_F(BackupFull, AnAbortInTheMiddleLeavesNoFileAndTheMailboxAsItWas)
     EXPECT_EQ((long long)strBackup.size(), lpHead->m_stBackupFileInfo[3].m_nDataEndOffset);
 }
 
-TEST_F(BackupFull, TheArchiverCopiesTheFinishedBackupToTheSecondDestination)
+TEST_F(BackupFull, TheArchiverCopiesEachFinishedBackupToTheSecondDestinationAndTheSameTimestampReplaces)
 {
     StartWith(32, 24, Des("ArchA") + ";" + Des("ArchB"));
     ClusterLine st = Backup(m_box, {"--ts", "1234", "--wait", "--local-ip", "10.1.2.3", "--log-no", "7", "--log-pos", "50"});
@@ -251,4 +252,16 @@ TEST_F(BackupFull, TheArchiverCopiesTheFinishedBackupToTheSecondDestination)
     EXPECT_TRUE(WaitUntil([&] { return Look(m_box).m_nBackupTs == 0; }, ARCHIVER_TIMEOUT_MS, 100));
     // Only the backup's own directory in the second destination.
     EXPECT_EQ(1u, ListFiles(Des("ArchB") + "Backup/").size());
+    // The same timestamp again replaces the file in both destinations: the
+    // new one differs in its time of backup.
+    usleep(20000);
+    st = Backup(m_box, {"--ts", "1234", "--wait", "--local-ip", "10.1.2.3", "--log-no", "7", "--log-pos", "50"});
+    ASSERT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+    std::string strAgain = ReadWholeFile(BackupPath(Des("ArchA"), 1234));
+    ASSERT_EQ(strFirst.size(), strAgain.size());
+    EXPECT_NE(0, memcmp(strFirst.data() + 44, strAgain.data() + 44, 8)) << "the file was not written again";
+    EXPECT_EQ(0, memcmp(strFirst.data() + 52, strAgain.data() + 52, strFirst.size() - 52));
+    EXPECT_TRUE(WaitUntil([&] { return ReadWholeFile(BackupPath(Des("ArchB"), 1234)) == strAgain; }, ARCHIVER_TIMEOUT_MS,
+                          200))
+        << m_box.ReadDaemonTrace();
 }

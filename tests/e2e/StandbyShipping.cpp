@@ -95,15 +95,18 @@ protected:
     }
     // Waits until the copy of log nLogNo reaches nPos (the writer's place
     // the stand-in last reported).
-    bool WaitForCopy(long long nLogNo, long long nPos)
+    ::testing::AssertionResult WaitForCopy(long long nLogNo, long long nPos)
     {
         std::string strPath = m_strCopies + "Log" + std::to_string(nLogNo) + ".log";
         for (int i = 0; i < SHIP_WAIT_MS / 50; i++) {
             struct stat st;
-            if (stat(strPath.c_str(), &st) == 0 && st.st_size >= nPos) return true;
+            if (stat(strPath.c_str(), &st) == 0 && st.st_size >= nPos) return ::testing::AssertionSuccess();
             usleep(50000);
         }
-        return false;
+        std::string strHeld;
+        for (const auto& kv : LogsIn(m_strCopies))
+            strHeld += " " + std::to_string(kv.first) + ":" + std::to_string(kv.second.size());
+        return ::testing::AssertionFailure() << "log " << nLogNo << " not copied up to " << nPos << "; copies:" << strHeld;
     }
     // The primary's bytes of log n: its archive copy, or the group that
     // holds it.
@@ -179,8 +182,8 @@ TEST_F(StandbyShipping, DroppedConnectionsResumeFromTheStandbysOwnPosition)
 {
     StartPrimary(true);
     std::string strBefore = Redo(300, 5, "100,200");
-    // The listener hangs up after every 7th shipment, four times.
-    StartNode({"--misbehave", "close", "--after", "7", "--times", "4"});
+    // The listener hangs up after each of its first four shipments.
+    StartNode({"--misbehave", "close", "--after", "1", "--times", "4"});
     ClusterLine stAdd = AddStandby();
     ASSERT_EQ(0, stAdd.m_nResult) << stAdd.m_strText;
     std::string strAfter = Redo(400, 6, "150");
