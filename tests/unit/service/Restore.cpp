@@ -479,6 +479,69 @@ TEST_F(Restore, TheRestoreMarkStandsFromTheFirstByteWrittenUntilTheLastLevelIsOn
     EXPECT_FALSE(TalvorRestoreMarkPresent(strSystem.c_str()));
 }
 
+TEST_F(Restore, APowerLossAtAnyWriteLeavesEitherAWholeDatabaseOrAStartThatRefuses)
+{
+    std::mt19937 rng(23);
+    MakeChain(rng);
+    const std::vector<std::string> vOriginal = CopyFiles();
+    m_db.Stop();
+    WriteChain(m_arChain);
+    // The point the chain restores, and the database put back as it was.
+    std::vector<std::string> vRestored;
+    {
+        RemoveDatabaseFiles();
+        ASSERT_TRUE(RestoreTo(m_nLevel2));
+        vRestored = CopyFiles();
+        for (int n = 1; n <= DB_FILES; n++) ASSERT_TRUE(WriteWholeFile(m_db.PathOf(n), vOriginal[(size_t)n - 1]));
+        unlink(m_strNewFile.c_str());
+    }
+    long long nWrites = 0;
+    {
+        FaultFileIO io;
+        io.PassThrough(m_db.m_tree.LogDir());
+        ScopedFileIO scoped(&io);
+        ASSERT_TRUE(RestoreTo(m_nLevel2));
+        nWrites = io.Calls(FileOp::PWrite);
+    }
+    ASSERT_GT(nWrites, 10);
+    int nRefused = 0;
+    for (long long nDieAt : {1LL, 2LL, 3LL, nWrites / 4, nWrites / 2, nWrites - 2, nWrites - 1, nWrites}) {
+        SCOPED_TRACE(nDieAt);
+        for (int n = 1; n <= DB_FILES; n++) ASSERT_TRUE(WriteWholeFile(m_db.PathOf(n), vOriginal[(size_t)n - 1]));
+        unlink(m_strNewFile.c_str());
+        ASSERT_TRUE(TalvorClearRestoreMark(m_db.SystemPath().c_str()));
+        {
+            FaultFileIO io;
+            io.PassThrough(m_db.m_tree.LogDir());
+            ScopedFileIO scoped(&io);
+            io.DieAfter(FileOp::PWrite, nDieAt);
+            EXPECT_FALSE(RestoreTo(m_nLevel2));
+            io.LosePower();
+        }
+        // The backups themselves are never written.
+        const long long arTimestamps[3] = {m_nFull, m_nLevel1, m_nLevel2};
+        for (int i = 0; i < 3; i++) EXPECT_TRUE(ReadWholeFile(BackupPath(arTimestamps[i])) == m_arChain[i]);
+        const size_t nTraceBefore = m_db.m_tree.Trace().size();
+        HRESULT hr = m_db.Start();
+        std::vector<std::string> vNow = CopyFiles();
+        m_db.Stop();
+        if (hr == S_OK) {
+            // Started: on the database as it was before, whole.
+            EXPECT_TRUE(vNow == vOriginal) << "a start on a mixture of old and restored files";
+        } else {
+            nRefused++;
+            EXPECT_NE(std::string::npos,
+                      m_db.m_tree.Trace().substr(nTraceBefore).find("A restore into this database did not finish"));
+        }
+    }
+    // Once a database file was written, only a refusal is right.
+    EXPECT_GE(nRefused, 6);
+    // Run again to its end, the restore gives the chain's point and a start.
+    ASSERT_TRUE(RestoreTo(m_nLevel2));
+    EXPECT_TRUE(CopyFiles() == vRestored);
+    EXPECT_EQ(S_OK, m_db.Start());
+}
+
 TEST_F(Restore, ATornForeignOrDamagedChainIsRefusedBeforeAByteOfAnyDatabaseFileIsWritten)
 {
     std::mt19937 rng(9);
