@@ -152,6 +152,25 @@ std::string DiffRanges(const std::string& strA, const std::string& strB)
     return strOut;
 }
 
+// The pieces a backup lists for the record of strPath, read page by page
+// by the test's own walk; none when the file did not change.
+std::vector<Piece> PiecesOf(std::string& strBackup, const std::string& strPath)
+{
+    std::vector<Piece> vPieces;
+    for (int i = 0; i < Val(HeadOf(strBackup)->m_nFileNum); i++) {
+        STRUCT_BACKUP_FILEINFO& r = RecordOf(strBackup, i);
+        if (strPath != r.m_lpszFilePath) continue;
+        for (long long nPage = Val(r.m_nDataStartOffset); nPage != 0; nPage = Val(PageAt(strBackup, nPage)->m_nNextPos)) {
+            for (int n = 0; n < Val(PageAt(strBackup, nPage)->m_nIncrementBlockNum); n++) {
+                const BACKUPINCREMENTITEM* lpItem = ItemAt(strBackup, nPage, n);
+                vPieces.push_back({Val(lpItem->m_nBlockType), Val(lpItem->m_nBlockFilePos),
+                                   strBackup.substr((size_t)Val(lpItem->m_nBlockDataPos), (size_t)Val(lpItem->m_nBlockSize))});
+            }
+        }
+    }
+    return vPieces;
+}
+
 struct FileMark {
     std::string m_strBytes;
     long long m_nMtimeNs;
@@ -433,6 +452,35 @@ TEST_F(Restore, EachPointOfAChainOfRealBackupsComesBackByteForByte)
             EXPECT_TRUE(vBefore[(size_t)n - 1].m_strBytes == now.m_strBytes) << n;
         }
     }
+    // A file the level 1 lists but the disk lacks: made with only the
+    // pieces of its pages, where they belong, and nothing else.
+    ASSERT_TRUE(WriteWholeFile(BackupPath(nLevel2), strLevel2));
+    std::string strLevel1 = ReadWholeFile(BackupPath(nLevel1));
+    std::vector<Piece> vPieces = PiecesOf(strLevel1, m_db.PathOf(3));
+    ASSERT_FALSE(vPieces.empty());
+    std::string strExpected;
+    ApplyPieces(strExpected, vPieces);
+    ASSERT_LT(strExpected.size(), vLevel1[2].size()) << "the file's last block changed: nothing to tell apart";
+    RemoveDatabaseFiles();
+    CBreltMemStorageModule module;
+    TALVORPROGRESS stProgress = {};
+    ASSERT_TRUE(module.Recover(&m_db.m_stCrit, &stProgress, m_szArchive, PATH_FIELD, nFull));
+    ASSERT_EQ(0, unlink(m_db.PathOf(3).c_str()));
+    const void* hDestFile = nullptr;
+    const void* hBkUpFile = nullptr;
+    LPBYTE lpFileHeadBuf = nullptr, lpIncrementHeadBuf = nullptr, lpBlockBuf = nullptr;
+    EXPECT_TRUE(module.RecoverIncrementCore(&m_db.m_stCrit, &stProgress, m_szArchive, PATH_FIELD, nLevel1, 1,
+                                            hDestFile, hBkUpFile, lpFileHeadBuf, lpIncrementHeadBuf, lpBlockBuf));
+    EXPECT_EQ(nullptr, hDestFile);
+    EXPECT_EQ(nullptr, hBkUpFile);
+    free(lpFileHeadBuf);
+    free(lpIncrementHeadBuf);
+    free(lpBlockBuf);
+    EXPECT_EQ("", DiffRanges(strExpected, ReadWholeFile(m_db.PathOf(3))));
+    EXPECT_EQ((long long)strExpected.size(), FileSizeOf(m_db.PathOf(3)));
+    // The other files are those of the level 1 point.
+    EXPECT_TRUE(ReadWholeFile(m_db.PathOf(2)) == vLevel1[1]);
+    EXPECT_TRUE(ReadWholeFile(m_db.PathOf(4)) == vLevel1[3]);
 }
 
 TEST_F(Restore, TheRestoreMarkStandsFromTheFirstByteWrittenUntilTheLastLevelIsOnTheMedium)
