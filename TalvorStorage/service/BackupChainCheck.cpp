@@ -119,8 +119,10 @@ BOOL CheckFullRecord(const BACKUPFILEHEAD* lpHead, int nRecord, long long nBacku
     long long nUsed = r.m_nFileFreeMemoryOffset;
     if (nUsed < 0) nUsed = 0;
     if (nUsed > r.m_nFileSize) nUsed = r.m_nFileSize;
-    if (r.m_nDataStartOffset != nExpectedStart || r.m_nDataEndOffset - r.m_nDataStartOffset != nUsed ||
-        r.m_nDataEndOffset > nBackupSize) {
+    // Bounds first, so that the length is taken only of a range inside the
+    // backup.
+    if (r.m_nDataStartOffset != nExpectedStart || r.m_nDataEndOffset < r.m_nDataStartOffset ||
+        r.m_nDataEndOffset > nBackupSize || r.m_nDataEndOffset - r.m_nDataStartOffset != nUsed) {
         TraceRecord(nTimestamp, nRecord, "数据范围与已用大小不符或超出备份文件",
                     "its data range does not fit its used size or lies past the backup's end");
         return FALSE;
@@ -137,7 +139,8 @@ BOOL CheckIncrementRange(const BACKUPFILEHEAD* lpHead, int nRecord, long long nB
     long long nStart = r.m_nDataStartOffset;
     long long nEnd = r.m_nDataEndOffset;
     if (nStart == 0 && nEnd == 0) return TRUE;
-    if (nStart < nExpectedStart || nEnd < nStart + BACKUP_INCREMENT_PAGE_SIZE || nEnd > nBackupSize) {
+    if (nStart < nExpectedStart || nStart > nBackupSize || nEnd < nStart || nEnd > nBackupSize ||
+        nEnd - nStart < BACKUP_INCREMENT_PAGE_SIZE) {
         TraceRecord(lpHead->m_nTimestamp, nRecord, "增量数据范围错误或超出备份文件",
                     "its increment range is wrong or lies past the backup's end");
         return FALSE;

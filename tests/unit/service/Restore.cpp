@@ -706,6 +706,58 @@ TEST_F(Restore, ATornForeignOrDamagedChainIsRefusedBeforeAByteOfAnyDatabaseFileI
     EXPECT_TRUE(PathExists(m_strNewFile));
 }
 
+// Random bytes of the heads, records, pages and items of the incremental
+// links changed one at a time: each restore is refused or, where the byte
+// was one no bound depends on, runs; either way it writes only the files
+// the records name, and only inside the sizes they give.
+TEST_F(Restore, AnyByteOfTheHeadsAndPagesChangedNeverLeadsAWriteOutsideItsFile)
+{
+    std::mt19937 rng(29);
+    MakeChain(rng);
+    m_db.Stop();
+    std::map<std::string, long long> mapSizes;
+    for (int n = 1; n <= DB_FILES; n++) mapSizes[m_db.PathOf(n)] = m_vSizes[(size_t)n - 1];
+    mapSizes[m_strNewFile] = m_vLevel1[4].m_nFileSize;
+    mapSizes[m_db.SystemPath() + ".restoring"] = 4096;
+    // Where the structure lies in each incremental: the fixed head and its
+    // records, and every page with its items.
+    std::vector<std::pair<int, long long>> vPlaces;
+    for (int nLink = 1; nLink <= 2; nLink++) {
+        std::string& strLink = m_arChain[nLink];
+        long long nRecordsEnd = BACKUP_FIXED_HEAD_SIZE + Val(HeadOf(strLink)->m_nFileNum) * 296LL;
+        for (long long n = 0; n < nRecordsEnd; n++) vPlaces.push_back({nLink, n});
+        for (int i = 0; i < Val(HeadOf(strLink)->m_nFileNum); i++)
+            for (long long nPage = Val(RecordOf(strLink, i).m_nDataStartOffset); nPage != 0;
+                 nPage = Val(PageAt(strLink, nPage)->m_nNextPos))
+                for (long long n = 0; n < 20 + 28LL * Val(PageAt(strLink, nPage)->m_nIncrementBlockNum); n++)
+                    vPlaces.push_back({nLink, nPage + n});
+    }
+    int nRefused = 0;
+    const int TRIES = 40;
+    for (int nTry = 0; nTry < TRIES; nTry++) {
+        std::string arChain[3] = {m_arChain[0], m_arChain[1], m_arChain[2]};
+        const std::pair<int, long long>& place = vPlaces[rng() % vPlaces.size()];
+        // A high bit as often as a low one: offsets then point far off.
+        arChain[place.first][(size_t)place.second] ^= (char)(1 << (rng() % 8));
+        SCOPED_TRACE(std::to_string(place.first) + ":" + std::to_string(place.second));
+        WriteChain(arChain);
+        FaultFileIO io;
+        io.PassThrough(m_db.m_tree.LogDir());
+        io.PassThrough(m_strArchive);
+        ScopedFileIO scoped(&io);
+        if (!RestoreTo(m_nLevel2)) nRefused++;
+        for (const FileWrite& w : io.Writes()) {
+            auto it = mapSizes.find(w.m_strPath);
+            if (it == mapSizes.end()) {
+                ADD_FAILURE() << "written: " << w.m_strPath;
+                continue;
+            }
+            EXPECT_LE(w.m_nOffset + w.m_nSize, (it->second + 511) / 512 * 512) << w.m_strPath;
+        }
+    }
+    EXPECT_GT(nRefused, TRIES / 4);
+}
+
 TEST_F(Restore, EachStepCalledAloneChecksItsOwnBackupBeforeItWrites)
 {
     std::mt19937 rng(19);
