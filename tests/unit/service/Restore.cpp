@@ -1,9 +1,11 @@
-// Restore from a backup chain over a real database: a full backup taken by
-// command 40 and incremental backups laid out here by a writer of the
-// test's own (independent of the daemon's), restored into an empty tree and
-// compared byte for byte with copies of the files kept at each backup; torn,
-// foreign and damaged chains refused before a byte of any database file is
-// written; and command 46 as the engine sends it.
+// Restore from a backup chain over a real database: chains of real backups
+// (commands 40 and 41) and of incremental backups laid out here by a writer
+// of the test's own (independent of the daemon's), restored into an empty
+// tree and compared byte for byte with copies of the files kept at each
+// backup; torn, foreign and damaged chains refused before a byte of any
+// database file is written, and random damage never leading a write outside
+// a file; the restore mark against a power loss at any write; and command
+// 46 as the engine sends it.
 #include "FaultFileIO.h"
 #include "MemDBBackupDef.h"
 #include "PersistenceDb.h"
