@@ -29,7 +29,7 @@ CTalvorDirectFile::~CTalvorDirectFile()
     free(m_lpWindow);
 }
 
-BOOL CTalvorDirectFile::Open(const char* lpPath, int nFlags)
+BOOL CTalvorDirectFile::Open(const char* lpPath, int nFlags, BOOL bSync)
 {
     Close();
     if (m_lpWindow == nullptr) m_lpWindow = (LPBYTE)get_aligned_buffer(WINDOW_SIZE);
@@ -38,7 +38,7 @@ BOOL CTalvorDirectFile::Open(const char* lpPath, int nFlags)
         return FALSE;
     }
     CTalvorFileIO* pIO = CTalvorFileIO::Current();
-    m_fd = pIO->Open(lpPath, nFlags | O_DIRECT | O_SYNC | O_CLOEXEC, 0666);
+    m_fd = pIO->Open(lpPath, nFlags | O_DIRECT | O_CLOEXEC | (bSync ? O_SYNC : 0), 0666);
     if (m_fd < 0) return FALSE;
     struct stat st;
     if (pIO->FStat(m_fd, &st) != 0) {

@@ -25,10 +25,11 @@ public:
     CTalvorDirectFile(const CTalvorDirectFile&) = delete;
     CTalvorDirectFile& operator=(const CTalvorDirectFile&) = delete;
 
-    // Opens lpPath with nFlags plus O_DIRECT | O_SYNC | O_CLOEXEC (mode 0666
-    // when created). FALSE with errno set when it cannot be opened or the
-    // window buffer cannot be had.
-    BOOL Open(const char* lpPath, int nFlags);
+    // Opens lpPath with nFlags plus O_DIRECT | O_CLOEXEC, and O_SYNC with
+    // bSync (mode 0666 when created). FALSE with errno set when it cannot be
+    // opened or the window buffer cannot be had. Without bSync the writer
+    // syncs where its order needs it (Finish).
+    BOOL Open(const char* lpPath, int nFlags, BOOL bSync = TRUE);
     // Closes (after cutting the file back to its logical end when it was
     // written); TRUE when that cut succeeded. Safe when not open.
     BOOL Close();

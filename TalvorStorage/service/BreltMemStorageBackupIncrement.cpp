@@ -17,6 +17,7 @@
 #include "TalvorBackupFile.h"
 #include "TalvorCacheStorage.h"
 #include "TalvorDirectFile.h"
+#include "TalvorFileIO.h"
 #include "TalvorFlashback.h"
 #include "TalvorTrace.h"
 
@@ -511,7 +512,9 @@ BOOL CBreltMemStorageModule::BackupIncrementalCore(LPTALVORCRITICALSECTION lpCri
         TraceWriteFailure(10019042, nHeadSize, errno);
         return FALSE;
     }
-    if (!pFile->WriteAt(0, lpHeadArea, nHeadSize)) {
+    // The head after the data is on the medium, and on it before the backup
+    // is called done.
+    if (!pFile->WriteAt(0, lpHeadArea, nHeadSize) || CTalvorFileIO::Current()->FSync(pFile->Fd()) != 0) {
         TraceWriteFailure(10019042, nHeadSize, errno);
         return FALSE;
     }

@@ -31,6 +31,8 @@ const long long KEEPALIVE_AFTER_US = 60LL * 1000000LL;
 const long long DOWN_REPORT_US = 30LL * 60LL * 1000000LL;
 const int OPEN_TRIES = 5;
 const int TORN_TAIL_RETRIES = 2;
+// Time-outs of SHIP_TIMEOUT_S in a row before a reply is given up: a minute.
+const int REPLY_WAITS = 20;
 
 // What a shipment from a file came to.
 enum { SHIP_DONE = 0, SHIP_PASS_ENDED = 1, SHIP_CONNECTION_LOST = 2, SHIP_STOP = 3 };
@@ -370,7 +372,15 @@ int StandbyRun::SendFromFile(BOOL bWrite)
         }
         MF_SERVICE_TCP_COMMAND stReply;
         int nRet = p->RecvTcpCmd(stReply, bToken, 0, SHIP_TIMEOUT_S);
-        while (nRet == TCPCMD_TIMEOUT) {
+        for (int nWaits = 1; nRet == TCPCMD_TIMEOUT; nWaits++) {
+            // A reply that never comes (the standby lost the request, or
+            // answered it with another token) would hold an idle primary's
+            // thread for good: past the bound the connection is dropped, and
+            // the new exchange resends from the standby's own position.
+            if (nWaits >= REPLY_WAITS) {
+                p->CloseSocket();
+                break;
+            }
             // A standby thread must not sit on a group the writer needs.
             if (nRedoGroup >= 0 &&
                 (bWrite ? p->m_nRedoLogNo + 2 < p->m_pMemoryFileHead->m_nRedoLogMaxID
@@ -485,8 +495,12 @@ int StandbyRun::SendFromFeed()
     }
     MF_SERVICE_TCP_COMMAND stReply;
     int nRet = p->RecvTcpCmd(stReply, bToken, 0, SHIP_TIMEOUT_S);
-    while (nRet == TCPCMD_TIMEOUT) {
+    for (int nWaits = 1; nRet == TCPCMD_TIMEOUT; nWaits++) {
         if (p->StopAsked() || TalvorLoadShared(&p->m_nResetRedoLogNo) == 0) return 0;
+        if (nWaits >= REPLY_WAITS) {
+            p->CloseSocket();
+            return 1;
+        }
         nRet = p->RecvTcpCmd(stReply, bToken, 0, SHIP_TIMEOUT_S);
     }
     if (nRet != TCPCMD_OK) {

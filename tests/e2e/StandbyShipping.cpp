@@ -80,13 +80,13 @@ protected:
         EXPECT_EQ(0, m_box.Run(vCmd, 240000, &strOut)) << strOut;
         return strOut;
     }
-    void StartNode(const std::vector<std::string>& vExtra)
+    void StartNode(const std::vector<std::string>& vExtra, const std::string& strName = "node")
     {
         std::vector<std::string> vCmd = {PeerPath(), "standby-node", "--port", "0", "--dir", m_strCopies, "--seconds", "600"};
         vCmd.insert(vCmd.end(), vExtra.begin(), vExtra.end());
-        m_nNode = m_box.Spawn(vCmd, "node");
+        m_nNode = m_box.Spawn(vCmd, strName);
         ASSERT_GT(m_nNode, 0);
-        m_nPort = ListenerPort(m_box, "node");
+        m_nPort = ListenerPort(m_box, strName);
         ASSERT_GT(m_nPort, 0);
     }
     ClusterLine AddStandby()
@@ -218,4 +218,37 @@ TEST_F(StandbyShipping, AStandbyAskingForALogThePrimaryNoLongerHasEndsItsThread)
     }
     EXPECT_TRUE(bFreed);
     EXPECT_TRUE(LogsIn(m_strCopies).empty());
+}
+
+TEST_F(StandbyShipping, AShipmentAnsweredWithAFailureIsSentAgainAndALeavingNodeEndsTheThread)
+{
+    StartPrimary(true);
+    Redo(200, 8, "100");
+    // The first three shipments are refused: each is sent again.
+    StartNode({"--misbehave", "fail", "--after", "1", "--times", "3"});
+    ASSERT_EQ(0, AddStandby().m_nResult);
+    std::string strAfter = Redo(200, 9, "");
+    long long nLastLog = NumberAfter(strAfter, "logno=");
+    ASSERT_TRUE(WaitForCopy(nLastLog, NumberAfter(strAfter, "logpos="))) << m_box.ReadDaemonTrace();
+    ExpectCopiesEqual(nLastLog);
+    EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("execution result failed (7)"));
+    m_box.Signal(m_nNode, SIGTERM);
+    ASSERT_EQ(0, m_box.WaitExit(m_nNode, 10000));
+    m_nNode = -1;
+    EXPECT_EQ(3, NumberAfter(ReadWholeFile(m_box.Root() + "/node.out"), "misbehaved ")) << m_box.ReadDaemonTrace();
+
+    // A node that says it leaves (250) ends its thread and frees its slot;
+    // the first node's slot goes with command 19.
+    ClusterLine stRemove = Cluster(m_box, "19", {"--ip", "127.0.0.1", "--port", std::to_string(m_nPort)});
+    ASSERT_EQ(0, stRemove.m_nResult) << stRemove.m_strText;
+    StartNode({"--misbehave", "leave", "--after", "1"}, "leaving");
+    ASSERT_EQ(0, AddStandby().m_nResult);
+    Redo(50, 10, "");
+    EXPECT_TRUE(m_box.WaitForTrace("exit!", SHIP_WAIT_MS)) << m_box.ReadDaemonTrace();
+    bool bFreed = false;
+    for (int i = 0; i < 200 && !bFreed; i++) {
+        bFreed = Cluster(m_box, "look").m_nStandby == 0;
+        if (!bFreed) usleep(50000);
+    }
+    EXPECT_TRUE(bFreed);
 }

@@ -97,7 +97,7 @@ struct NodeState {
     // Takes a run of records if it continues the copy; false otherwise.
     bool Apply(UINT nLog, long long nStart, const std::vector<char>& vData)
     {
-        bool bContinues = (nLog == nLogNo && (nEnd == 0 || nStart == nEnd)) ||
+        bool bContinues = (nLog == nLogNo && nStart == (nEnd != 0 ? nEnd : REDOLOGFILE_HEAD_SIZE)) ||
                           (nLog == nLogNo + 1 && nStart == REDOLOGFILE_HEAD_SIZE);
         if (!bContinues || nStart < REDOLOGFILE_HEAD_SIZE) return false;
         int fd = open(LogPath(nLog).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
@@ -121,10 +121,10 @@ struct NodeState {
         return true;
     }
 
-    // The misbehaviour due now, or empty.
+    // The misbehaviour due at the shipment now in hand, or empty.
     std::string Due()
     {
-        if (strMisbehave.empty() || nDone >= nTimes || nShipments < nAfter * (nDone + 1)) return "";
+        if (strMisbehave.empty() || nDone >= nTimes || nShipments + 1 < nAfter * (nDone + 1)) return "";
         nDone++;
         return strMisbehave;
     }
@@ -159,7 +159,9 @@ void Serve(int sk, NodeState& st, long long nDeadlineMs)
             memset(&stAt, 0, sizeof(stAt));
             stAt.m_nTimestamp = st.nTimestamp;
             stAt.m_nLogNo = st.nLogNo;
-            stAt.m_nReadPos = (UINT)st.nEnd;
+            // A standby that holds nothing asks for its first log from the
+            // first record on (a position of 0 would skip records stamped 0).
+            stAt.m_nReadPos = (UINT)(st.nEnd != 0 ? st.nEnd : REDOLOGFILE_HEAD_SIZE);
             memcpy(stReply.m_lpszParam, &stAt, sizeof(stAt));
             if (!SendAll(sk, &stReply, sizeof(stReply))) return;
             continue;
@@ -174,8 +176,13 @@ void Serve(int sk, NodeState& st, long long nDeadlineMs)
         MF_STANDBY_TCP_COMMAND stParam;
         memcpy(&stParam, stAsk.m_lpszParam, sizeof(stParam));
         long long nStart = (long long)stParam.m_nReadPos - (long long)vData.size();
-        bool bTaken = st.Apply(stParam.m_nLogNo, nStart, vData);
-        std::string strDue = bTaken ? st.Due() : "";
+        std::string strDue = st.Due();
+        // A shipment answered with a failure is not taken.
+        bool bTaken = strDue != "fail" && strDue != "leave" && st.Apply(stParam.m_nLogNo, nStart, vData);
+        if (!bTaken && strDue != "fail" && strDue != "leave" && !strDue.empty()) {
+            st.nDone--;
+            strDue.clear();
+        }
         if (strDue == "close") return;
         if (strDue == "stall") {
             usleep(STALL_MS * 1000);

@@ -411,3 +411,39 @@ TEST_F(ClusterCommands, ClearingRemovesEveryFileAndAFailedRebuildLeavesNoHeadAnd
     EXPECT_EQ(CLUSTERCMD_NONE, Val(m_lpCmd->m_bCommandType));
     EXPECT_EQ(nullptr, m_db.Head());
 }
+
+TEST_F(ClusterCommands, AWriteThatFailsAnywhereInABackupLeavesNoFile)
+{
+    // A dry run counts the writes of a backup (the pass before it included).
+    long long nWrites = 0;
+    {
+        FaultFileIO io;
+        ScopedFileIO scoped(&io);
+        m_lpCmd->m_nTimestamp = 8000;
+        ASSERT_EQ(S_OK, Run(CLUSTERCMD_FULLBACKUP));
+        ASSERT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult));
+        nWrites = io.Calls(FileOp::PWrite);
+    }
+    ASSERT_GE(nWrites, 3);  // the placeholder, the data, the head
+    for (long long nFail = 1; nFail <= nWrites; nFail++) {
+        SCOPED_TRACE(nFail);
+        FaultFileIO io;
+        ScopedFileIO scoped(&io);
+        io.FailCall(FileOp::PWrite, nFail, EIO);
+        m_lpCmd->m_nTimestamp = 8100 + nFail;
+        m_lpChannel->m_nBackupTimestamp = 0;
+        ASSERT_EQ(S_OK, Run(CLUSTERCMD_FULLBACKUP));
+        EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
+        std::string strPath = BackupPath(8100 + nFail);
+        if (Val(m_lpCmd->m_bResult) == CLUSTERRESULT_OK) {
+            // The failed write was the pass's, which retried it: the backup
+            // itself is whole.
+            EXPECT_TRUE(FileExists(strPath));
+            continue;
+        }
+        EXPECT_EQ(CLUSTERRESULT_FAILED, Val(m_lpCmd->m_bResult));
+        EXPECT_FALSE(FileExists(strPath));
+        EXPECT_EQ(0, Val(m_lpChannel->m_nBackupTimestamp));
+    }
+    EXPECT_TRUE(m_db.m_tree.Traced("Failed to write to backup file"));
+}
