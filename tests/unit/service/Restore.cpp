@@ -879,3 +879,33 @@ TEST_F(Restore, CommandWithAUsableChainRebuildsTheFilesAndHandsThemToTheRebuild)
     for (int n = 2; n <= DB_FILES; n++)
         EXPECT_EQ(0, memcmp(m_db.Image(n), vCopy[(size_t)n - 1].data(), vCopy[(size_t)n - 1].size()));
 }
+
+TEST_F(Restore, CommandWhoseRestoreFailsPartWayLeavesTheMarkAndNoStartOnTheMixture)
+{
+    snprintf(m_db.Module().m_cConfigPath, sizeof(m_db.Module().m_cConfigPath), "%s", m_db.m_tree.IniPath().c_str());
+    std::vector<std::string> vCopy;
+    long long nTimestamp = FullBackup(vCopy);
+    m_lpCmd->m_nTimestamp = nTimestamp;
+    {
+        // The device fills after 1 MiB of the restore: the check passed, the
+        // running files are gone, and the restore cannot finish.
+        FaultFileIO io;
+        io.PassThrough(m_db.m_tree.LogDir());
+        io.PassThrough(m_strArchive);
+        ScopedFileIO scoped(&io);
+        io.FillAfter(1 << 20, ENOSPC);
+        ASSERT_EQ(S_OK, Run(CLUSTERCMD_RESTORE));
+    }
+    EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
+    std::string strTrace = m_db.m_tree.Trace();
+    EXPECT_NE(std::string::npos, strTrace.find("Failed to write database file")) << strTrace;
+    EXPECT_TRUE(TalvorRestoreMarkPresent(m_db.SystemPath().c_str()));
+    // The rebuild refuses the mixture: no head, and the command's flag stays.
+    EXPECT_NE(std::string::npos, strTrace.find("A restore into this database did not finish")) << strTrace;
+    EXPECT_EQ(nullptr, m_db.Head());
+    EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
+    // The restore run again to its end gives the backup's files.
+    ASSERT_TRUE(RestoreTo(nTimestamp));
+    EXPECT_FALSE(TalvorRestoreMarkPresent(m_db.SystemPath().c_str()));
+    ExpectFiles(vCopy);
+}
