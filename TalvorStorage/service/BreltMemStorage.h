@@ -140,10 +140,19 @@ public:
     // --- Restore (BreltMemStorageRestore.cpp). Storage thread, or a tool;
     // no latch held; touches no shared memory but the progress record.
     // Rebuilds the files of the chain that ends in the backup of nTimestamp:
-    // its level 0 backup, then each incremental in rising level. FALSE on
-    // the first failure (traced).
+    // its level 0 backup, then each incremental in rising level, once the
+    // whole chain passed CheckBackupChain. The restore mark beside the
+    // system file stands from before the first byte written until the last
+    // level is on the medium. FALSE on the first failure (traced); after a
+    // failure past the check, the mark stays.
     BOOL RecoverIncrement(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress,
                           char* lpArchiveDesPath, int nPathSize, long long nTimestamp);
+    // Reads and checks every link of the chain that ends in the backup of
+    // nTimestamp before any of it is used: each link present, its head and
+    // every record, page and item inside its file, levels falling by one
+    // down to 0, references and database identity matching. TRUE with the
+    // timestamp of each level in lpChain; FALSE traced. Writes nothing.
+    BOOL CheckBackupChain(char* lpArchiveDesPath, int nPathSize, long long nTimestamp, struct _BACKUPCHAIN* lpChain);
     // Restores one level 0 backup.
     BOOL Recover(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress, char* lpArchiveDesPath,
                  int nPathSize, long long nTimestamp);
@@ -273,7 +282,12 @@ private:
     void RunBackupCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd,
                           LPTALVORPROGRESS lpTalvorProgress, UINT& nMaxID, BYTE bCommand);
     void RebuildCommand(LPTALVORCRITICALSECTION lpCritSection, UINT nMaxID);
+    // Command 46. Refused, with nothing removed, when the chain is unusable.
     void RestoreCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd);
+    // TRUE when the chain of nTimestamp under lpArchiveDesPath (512 bytes)
+    // passes CheckBackupChain and restores this node's own system file;
+    // else traced.
+    BOOL RestoreChainUsable(char* lpArchiveDesPath, long long nTimestamp);
     void TestSpeedCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd);
     // The result of command 18 (CLUSTERRESULT_*).
     BYTE AddStandby(LPTALVORCOMMAND lpClusterCmd);

@@ -7,6 +7,7 @@
 // the engine never waits on one that failed.
 #include "BreltMemStorage.h"
 
+#include "BackupChainCheck.h"
 #include "LogManager.h"
 #include "StorageCacheBridge.h"
 #include "TalvorCacheStorage.h"
@@ -28,6 +29,9 @@ const useconds_t CACHE_FREE_WAIT_US = 100000;
 // The storage thread may be inside a Reset of the object it found in the
 // slot (3.2 s at most): the object outlives that.
 const useconds_t RELEASE_STANDBY_WAIT_US = 4000000;
+// The archive destination list a restore reads its chain from.
+const int RESTORE_PATH_SIZE = 512;
+static_assert(sizeof(((LPSYSTEMFILEHEAD)nullptr)->m_lpArchiveDesPath) == RESTORE_PATH_SIZE, "archive path size");
 
 // A refused command 10 stays and is met again at every turn: one line for
 // the whole stretch.
@@ -199,14 +203,60 @@ void CBreltMemStorageModule::RebuildCommand(LPTALVORCRITICALSECTION lpCritSectio
     RecoverResource(lpCritSection, FALSE, nMaxID > m_nClearedRedoLogMaxID ? nMaxID : m_nClearedRedoLogMaxID, 0);
 }
 
-// A restore begins by removing the database: it is refused before a byte is
-// touched until restoring from a backup chain is served.
-void CBreltMemStorageModule::RestoreCommand(LPTALVORCRITICALSECTION, LPTALVORCOMMAND lpClusterCmd)
+// The chain a restore would rebuild from, checked whole while the running
+// database still stands: the restore removes that database first, and a
+// chain found unusable afterwards would leave the node with nothing.
+BOOL CBreltMemStorageModule::RestoreChainUsable(char* lpArchiveDesPath, long long nTimestamp)
 {
-    Trace("ClusterCommand", 1, 10012033,
-          TALVOR_TEXT("本服务尚不能从备份恢复,数据库保持不变,时间戳:%lld",
-                      "Restoring from a backup cannot be served yet: the database is left as it is, timestamp: %lld"),
-          (long long)lpClusterCmd->m_nTimestamp);
+    BACKUPCHAIN stChain;
+    if (!CheckBackupChain(lpArchiveDesPath, RESTORE_PATH_SIZE, nTimestamp, &stChain)) {
+        Trace("ClusterCommand", 1, 10012033,
+              TALVOR_TEXT("备份链[%lld]不可用,拒绝恢复,数据库保持不变",
+                          "The backup chain [%lld] cannot be used: the restore is refused and the database is left as it is"),
+              nTimestamp);
+        return FALSE;
+    }
+    // The rebuild opens the system file this node is configured with: a
+    // chain that restores another would leave it with none.
+    const char* lpOwn = m_lpSystemFileInfo != nullptr ? m_lpSystemFileInfo->m_lpszFilePath : "";
+    if (strncmp(stChain.m_szSystemFile, lpOwn, sizeof(stChain.m_szSystemFile)) != 0) {
+        Trace("ClusterCommand", 1, 10012035,
+              TALVOR_TEXT("备份链[%lld]恢复的系统文件[%s]不是本数据库的[%s],拒绝恢复,数据库保持不变",
+                          "The backup chain [%lld] restores the system file [%s], not this database's [%s]: the restore is refused and the database is left as it is"),
+              nTimestamp, stChain.m_szSystemFile, lpOwn);
+        return FALSE;
+    }
+    return TRUE;
+}
+
+void CBreltMemStorageModule::RestoreCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd)
+{
+    long long nTimestamp = lpClusterCmd->m_nTimestamp;
+    // With the database taken apart there is no archive path to read.
+    char* lpPath = m_pMemoryFileHead != nullptr ? (char*)malloc(RESTORE_PATH_SIZE) : nullptr;
+    if (lpPath != nullptr) memcpy(lpPath, m_pMemoryFileHead->m_lpArchiveDesPath, RESTORE_PATH_SIZE);
+    if (lpPath == nullptr || !RestoreChainUsable(lpPath, nTimestamp)) {
+        if (lpPath == nullptr)
+            Trace("ClusterCommand", 1, 10012034,
+                  TALVOR_TEXT("没有打开的数据库或内存不足,拒绝恢复,时间戳:%lld",
+                              "No database is open or no memory is left: the restore is refused, timestamp: %lld"),
+                  nTimestamp);
+        free(lpPath);
+        if (m_pMemoryFileHead != nullptr) ClearForbidFlags(lpClusterCmd);
+        TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_FINISHED);
+        return;
+    }
+    LPTALVORPROGRESS lpProgress = m_pFlashback != nullptr ? m_pFlashback->GetProgress() : nullptr;
+    if (lpProgress != nullptr) lpProgress->m_nStatus = PROGRESS_RUNNING;
+    TalvorStoreShared(&lpClusterCmd->m_bForbidSaveFlag, 1);
+    usleep(1000);
+    UINT nLogMaxID = 0;
+    USHORT usDBGuid = 0;
+    ClearResource(lpCritSection, nLogMaxID, usDBGuid);
+    usleep(1000);
+    RecoverIncrement(lpCritSection, lpProgress, lpPath, RESTORE_PATH_SIZE, nTimestamp);
+    RecoverResource(lpCritSection, TRUE, nLogMaxID, usDBGuid);
+    free(lpPath);
     if (m_pMemoryFileHead != nullptr) ClearForbidFlags(lpClusterCmd);
     TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_FINISHED);
 }

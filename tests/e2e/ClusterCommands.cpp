@@ -3,7 +3,8 @@
 // value, its result and the forbid flags it must leave; codes the daemon
 // does not know change nothing; the standby slots count what they hold;
 // taking the database apart and building it again works on new files and
-// never on two descriptors of one file.
+// never on two descriptors of one file; a restore from a real backup brings
+// its point back and the daemon serves it.
 #include "ClusterKit.h"
 
 using namespace talvortest;
@@ -283,8 +284,9 @@ TEST_F(ClusterCommands, RebuildWithoutClearKeepsOneDescriptorPerFileAndStillComm
     ExpectCommitsReachDisk(true, m_box.Root() + "/journal");
 }
 
-// A restore is not served yet: it ends finished with no result written,
-// clears both flags of the head that stays, and touches no file.
+// A restore with no backup of its timestamp is refused before anything is
+// removed: it ends finished with no result written, clears both flags of
+// the head that stays, and touches no file.
 TEST_F(ClusterCommands, RestoreEndsFinishedWithoutAResultAndTouchesNoFile)
 {
     std::map<std::string, std::string> mapBefore = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
@@ -324,4 +326,54 @@ TEST_F(ClusterCommands, UndoCacheSpeedTestAndIncrementalEndWithTheirValues)
     EXPECT_EQ(0, st.m_nHeadForbid);
     EXPECT_TRUE(m_box.IsRunning(m_pid));
     ExpectServing();
+}
+
+namespace {
+
+// The same daemon with a backup destination, for command 46 over a real
+// backup.
+class ClusterRestore : public ClusterCommands {
+protected:
+    void SetUp() override
+    {
+        Start(SMALL_DB, "persistenceintervals=1\r\narchivetype=1\r\narchivedespath=" + m_box.Root() + "/Arch/\r\n");
+    }
+};
+
+} // namespace
+
+// A restore over the running database: the files come back as they stood
+// at the backup, the daemon is brought back on them, and it serves and
+// commits again.
+TEST_F(ClusterRestore, ARestoreBringsTheBackupsPointBackAndTheDaemonServesItAgain)
+{
+    ExpectCommitsReachDisk(false, m_box.Root() + "/journal1");
+    ClusterLine st = Backup(m_box, {"--wait"});
+    ASSERT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+    ASSERT_EQ(0, st.m_nResult) << st.m_strText << m_box.ReadDaemonTrace();
+    const long long nTs = st.m_nTs;
+    ASSERT_GT(nTs, 0);
+    std::map<std::string, std::string> mapAtBackup = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
+    // A finished backup leaves the progress status at 0: the stand-in then
+    // goes by the head.
+    ExpectCommitsReachDisk(true, m_box.Root() + "/journal2");
+    ASSERT_FALSE(mapAtBackup == Snapshot(m_box.DataDir(), CLUSTER_DB_FILES));
+
+    st = Cluster(m_box, "46", {"--forbid", "--head-forbid", "--ts", std::to_string(nTs)});
+    EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
+    EXPECT_EQ(1, st.m_nFinal);
+    EXPECT_EQ(RESULT_UNSET, st.m_nResult) << "46 writes no result";
+    EXPECT_EQ(0, st.m_nCmdForbid) << m_box.ReadDaemonTrace();
+    EXPECT_EQ(0, st.m_nHeadForbid);
+    ASSERT_TRUE(m_box.IsRunning(m_pid));
+    std::map<std::string, std::string> mapRestored = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
+    for (const std::string& strName : CLUSTER_DB_FILES) {
+        if (strName == "System.dbf") continue;
+        EXPECT_TRUE(mapAtBackup[strName] == mapRestored[strName]) << strName << " is not as it stood at the backup";
+    }
+    EXPECT_EQ(nTs, CommittedOnDisk(Path("System.dbf")));
+    EXPECT_FALSE(PathExists(Path("System.dbf") + ".restoring"));
+    EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("Talvor storage service rebuilt!"));
+    ExpectServing(true);
+    ExpectCommitsReachDisk(true, m_box.Root() + "/journal3");
 }

@@ -137,8 +137,9 @@ TEST_F(ClusterCommands, EveryCodeEndsWithItsFinalCodeAndClearsOnlyItsOwnFlags)
     const Case arCases[] = {
         // No node can be copied to yet: the join fails as a failed join ends.
         {CLUSTERCMD_ADDNODE, CLUSTERCMD_NONE, NOT_WRITTEN, true, "Copying the database to a joining node cannot be served yet"},
-        // Refused before a byte is touched: the database stays.
-        {CLUSTERCMD_RESTORE, CLUSTERCMD_FINISHED, NOT_WRITTEN, true, "Restoring from a backup cannot be served yet"},
+        // No backup of that timestamp: refused before a byte is touched, and
+        // the database stays.
+        {CLUSTERCMD_RESTORE, CLUSTERCMD_FINISHED, NOT_WRITTEN, true, "the restore is refused and the database is left as it is"},
         {CLUSTERCMD_REMOVESTANDBY, CLUSTERCMD_FINISHED, CLUSTERRESULT_OK, false, nullptr},
         {CLUSTERCMD_WRITEUNDOCACHE, CLUSTERCMD_NONE, CLUSTERRESULT_OK, false, nullptr},
         {CLUSTERCMD_TESTSPEED, CLUSTERCMD_NONE, CLUSTERRESULT_OK, false, nullptr},

@@ -1,0 +1,911 @@
+// Restore from a backup chain over a real database: chains of real backups
+// (commands 40 and 41) and of incremental backups laid out here by a writer
+// of the test's own (independent of the daemon's), restored into an empty
+// tree and compared byte for byte with copies of the files kept at each
+// backup; torn, foreign and damaged chains refused before a byte of any
+// database file is written, and random damage never leading a write outside
+// a file; the restore mark against a power loss at any write; and command
+// 46 as the engine sends it.
+#include "FaultFileIO.h"
+#include "MemDBBackupDef.h"
+#include "PersistenceDb.h"
+#include "TalvorBackupFile.h"
+#include "TalvorRestoreMark.h"
+#include "TestFiles.h"
+
+#include <cstddef>
+#include <fcntl.h>
+#include <functional>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace talvortest;
+
+namespace {
+
+const int DB_FILES = 4;
+const int PATH_FIELD = 512;
+
+// One piece of an incremental backup: where it belongs and its bytes.
+struct Piece {
+    BYTE m_bType;
+    long long m_nFilePos;
+    std::string m_strBytes;
+};
+
+// One record of an incremental backup; no pieces means the file did not
+// change.
+struct IncFile {
+    BYTE m_bType;
+    BYTE m_bNo;
+    long long m_nFileSize;
+    std::string m_strPath;
+    std::vector<Piece> m_vPieces;
+};
+
+void PutPage(std::string& strOut, long long nPagePos, int nCount, long long nNext)
+{
+    BACKUPINCREMENTHEAD* lpPage = (BACKUPINCREMENTHEAD*)&strOut[(size_t)nPagePos];
+    lpPage->m_nDataFlag = BACKUP_INCREMENT_FLAG;
+    lpPage->m_nBlockSize = BACKUP_INCREMENT_PAGE_SIZE;
+    lpPage->m_nIncrementBlockNum = nCount;
+    lpPage->m_nNextPos = nNext;
+}
+
+// The pages and pieces of one changed file appended to strOut; its data
+// range into the record.
+void AppendIncrementData(std::string& strOut, const IncFile& f, STRUCT_BACKUP_FILEINFO& r)
+{
+    long long nPagePos = (long long)strOut.size();
+    r.m_nDataStartOffset = nPagePos;
+    strOut.append(BACKUP_INCREMENT_PAGE_SIZE, '\0');
+    int nItem = 0;
+    for (const Piece& piece : f.m_vPieces) {
+        if (nItem == BACKUP_INCREMENT_MAX_ITEMS) {
+            PutPage(strOut, nPagePos, nItem, (long long)strOut.size());
+            nPagePos = (long long)strOut.size();
+            strOut.append(BACKUP_INCREMENT_PAGE_SIZE, '\0');
+            nItem = 0;
+        }
+        BACKUPINCREMENTITEM item = {};
+        item.m_nBlockSize = (int)piece.m_strBytes.size();
+        item.m_nBlockType = piece.m_bType;
+        item.m_nBlockDataPos = (long long)strOut.size();
+        item.m_nBlockFilePos = piece.m_nFilePos;
+        memcpy(&strOut[(size_t)nPagePos + 20 + (size_t)nItem * sizeof(item)], &item, sizeof(item));
+        strOut += piece.m_strBytes;
+        nItem++;
+    }
+    PutPage(strOut, nPagePos, nItem, 0);
+    r.m_nDataEndOffset = (long long)strOut.size();
+}
+
+std::string BuildIncrement(long long nTimestamp, long long nRefer, BYTE bLevel, USHORT usGuid,
+                           const std::vector<IncFile>& vFiles)
+{
+    int nHeadSize = BackupHeadSize((int)vFiles.size());
+    std::string strOut((size_t)nHeadSize, '\0');
+    std::vector<STRUCT_BACKUP_FILEINFO> vRecords(vFiles.size());
+    for (size_t i = 0; i < vFiles.size(); i++) {
+        STRUCT_BACKUP_FILEINFO& r = vRecords[i];
+        memset(&r, 0, sizeof(r));
+        r.m_bFileType = vFiles[i].m_bType;
+        r.m_bFileNo = vFiles[i].m_bNo;
+        r.m_nFileSize = vFiles[i].m_nFileSize;
+        snprintf(r.m_lpszFilePath, sizeof(r.m_lpszFilePath), "%s", vFiles[i].m_strPath.c_str());
+        if (!vFiles[i].m_vPieces.empty()) AppendIncrementData(strOut, vFiles[i], r);
+    }
+    BACKUPFILEHEAD* lpHead = (BACKUPFILEHEAD*)&strOut[0];
+    lpHead->m_nVersion = BACKUP_VERSION;
+    lpHead->m_nFileFlag = BACKUP_FILEFLAG;
+    lpHead->m_nHeadSize = nHeadSize;
+    memcpy(lpHead->m_pDataFlag, BACKUP_DATAFLAG, sizeof(lpHead->m_pDataFlag));
+    lpHead->m_nTimestamp = nTimestamp;
+    lpHead->m_nReferTimestamp = nRefer;
+    lpHead->m_usDataBaseGuid = usGuid;
+    lpHead->m_bLevel = bLevel;
+    lpHead->m_nFileNum = (int)vFiles.size();
+    memcpy(&strOut[BACKUP_FIXED_HEAD_SIZE], vRecords.data(), vRecords.size() * sizeof(STRUCT_BACKUP_FILEINFO));
+    return strOut;
+}
+
+// What a file holds once the pieces of an incremental are written into it.
+void ApplyPieces(std::string& strFile, const std::vector<Piece>& vPieces)
+{
+    for (const Piece& piece : vPieces) {
+        size_t nEnd = (size_t)piece.m_nFilePos + piece.m_strBytes.size();
+        if (strFile.size() < nEnd) strFile.resize(nEnd, '\0');
+        strFile.replace((size_t)piece.m_nFilePos, piece.m_strBytes.size(), piece.m_strBytes);
+    }
+}
+
+std::string RandomBytes(size_t nSize, std::mt19937& rng)
+{
+    std::string s(nSize, '\0');
+    for (char& c : s) c = (char)(rng() & 0xFF);
+    return s;
+}
+
+BACKUPFILEHEAD* HeadOf(std::string& strBackup) { return (BACKUPFILEHEAD*)&strBackup[0]; }
+STRUCT_BACKUP_FILEINFO& RecordOf(std::string& strBackup, int i) { return HeadOf(strBackup)->m_stBackupFileInfo[i]; }
+BACKUPINCREMENTHEAD* PageAt(std::string& strBackup, long long nPos)
+{
+    return (BACKUPINCREMENTHEAD*)&strBackup[(size_t)nPos];
+}
+BACKUPINCREMENTITEM* ItemAt(std::string& strBackup, long long nPagePos, int i)
+{
+    return (BACKUPINCREMENTITEM*)&strBackup[(size_t)nPagePos + 20 + (size_t)i * sizeof(BACKUPINCREMENTITEM)];
+}
+
+// The byte ranges where two strings of one length differ, as "[from, to)"
+// pieces (the first few); empty when they are equal.
+std::string DiffRanges(const std::string& strA, const std::string& strB)
+{
+    std::string strOut;
+    int nShown = 0;
+    for (size_t i = 0; i < strA.size() && nShown < 8; i++) {
+        if (strA[i] == strB[i]) continue;
+        size_t j = i;
+        while (j < strA.size() && strA[j] != strB[j]) j++;
+        strOut += "[" + std::to_string(i) + ", " + std::to_string(j) + ") ";
+        nShown++;
+        i = j;
+    }
+    return strOut;
+}
+
+// The pieces a backup lists for the record of strPath, read page by page
+// by the test's own walk; none when the file did not change.
+std::vector<Piece> PiecesOf(std::string& strBackup, const std::string& strPath)
+{
+    std::vector<Piece> vPieces;
+    for (int i = 0; i < Val(HeadOf(strBackup)->m_nFileNum); i++) {
+        STRUCT_BACKUP_FILEINFO& r = RecordOf(strBackup, i);
+        if (strPath != r.m_lpszFilePath) continue;
+        for (long long nPage = Val(r.m_nDataStartOffset); nPage != 0; nPage = Val(PageAt(strBackup, nPage)->m_nNextPos)) {
+            for (int n = 0; n < Val(PageAt(strBackup, nPage)->m_nIncrementBlockNum); n++) {
+                const BACKUPINCREMENTITEM* lpItem = ItemAt(strBackup, nPage, n);
+                vPieces.push_back({Val(lpItem->m_nBlockType), Val(lpItem->m_nBlockFilePos),
+                                   strBackup.substr((size_t)Val(lpItem->m_nBlockDataPos), (size_t)Val(lpItem->m_nBlockSize))});
+            }
+        }
+    }
+    return vPieces;
+}
+
+struct FileMark {
+    std::string m_strBytes;
+    long long m_nMtimeNs;
+};
+
+FileMark MarkOf(const std::string& strPath)
+{
+    struct stat st = {};
+    if (stat(strPath.c_str(), &st) != 0) return {std::string(), -1};
+    return {ReadWholeFile(strPath), (long long)st.st_mtim.tv_sec * 1000000000LL + st.st_mtim.tv_nsec};
+}
+
+class Restore : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        m_db.MakeStartAndSave();
+        m_lpCmd = m_db.Module().m_pFlashback->GetClusterCommand();
+        m_strArchive = m_db.m_tree.Dir() + "Archive";
+        LPSYSTEMFILEHEAD lpHead = m_db.Head();
+        memset(lpHead->m_lpArchiveDesPath, 0, sizeof(lpHead->m_lpArchiveDesPath));
+        memcpy(lpHead->m_lpArchiveDesPath, m_strArchive.data(), m_strArchive.size());
+        memset(m_szArchive, 0, sizeof(m_szArchive));
+        memcpy(m_szArchive, m_strArchive.data(), m_strArchive.size());
+        m_strNewFile = m_db.m_tree.Dir() + "Sub/F5.dbf";
+    }
+    std::string BackupPath(long long nTimestamp) const
+    {
+        return m_strArchive + "/Backup/TalvorBackup" + std::to_string(nTimestamp) + ".fbk";
+    }
+    HRESULT Run(BYTE bCommand)
+    {
+        m_lpCmd->m_bForbidSaveFlag = 1;
+        m_db.Head()->m_bForbidSaveFlag = 1;
+        m_lpCmd->m_bCommandType = bCommand;
+        return m_db.Module().ClusterCommand(&m_db.m_stCrit, m_lpCmd, m_db.Module().m_pFlashback->GetProgress(),
+                                            m_db.m_nRedoLogMaxID);
+    }
+    // A full backup by command 40 at the engine's last timestamp; the files
+    // as they stand on disk after it (the pass it runs first is done).
+    long long FullBackup(std::vector<std::string>& vCopy)
+    {
+        long long nTimestamp = m_db.Head()->m_nEndTimestamp;
+        m_lpCmd->m_nTimestamp = nTimestamp;
+        m_lpCmd->m_bAbort = 0;
+        EXPECT_EQ(S_OK, Run(CLUSTERCMD_FULLBACKUP));
+        EXPECT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult));
+        vCopy = CopyFiles();
+        return nTimestamp;
+    }
+    // An incremental backup by command 41 at the engine's last timestamp,
+    // over the backup of nRefer; the files as they then stand on disk.
+    long long IncrementalBackup(BYTE bLevel, long long nRefer, std::vector<std::string>& vCopy)
+    {
+        long long nTimestamp = m_db.Head()->m_nEndTimestamp;
+        m_lpCmd->m_nTimestamp = nTimestamp;
+        m_lpCmd->m_nTimestamp2 = nRefer;
+        m_lpCmd->m_bLevel = bLevel;
+        m_lpCmd->m_bAbort = 0;
+        EXPECT_EQ(S_OK, Run(CLUSTERCMD_INCREMENTBACKUP));
+        EXPECT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult)) << m_db.m_tree.Trace();
+        vCopy = CopyFiles();
+        return nTimestamp;
+    }
+    std::vector<std::string> CopyFiles() const
+    {
+        std::vector<std::string> v;
+        for (int n = 1; n <= DB_FILES; n++) v.push_back(ReadWholeFile(m_db.PathOf(n)));
+        return v;
+    }
+    void RemoveDatabaseFiles()
+    {
+        for (int n = 1; n <= DB_FILES; n++) unlink(m_db.PathOf(n).c_str());
+        unlink(m_strNewFile.c_str());
+    }
+    BOOL RestoreTo(long long nTimestamp)
+    {
+        CBreltMemStorageModule restorer;
+        TALVORPROGRESS stProgress = {};
+        BOOL bDone = restorer.RecoverIncrement(&m_db.m_stCrit, &stProgress, m_szArchive, PATH_FIELD, nTimestamp);
+        m_nProgressStatus = stProgress.m_nStatus;
+        return bDone;
+    }
+    void ExpectFiles(const std::vector<std::string>& vExpected)
+    {
+        for (int n = 1; n <= DB_FILES; n++) {
+            SCOPED_TRACE(m_db.PathOf(n));
+            std::string strNow = ReadWholeFile(m_db.PathOf(n));
+            ASSERT_EQ(vExpected[(size_t)n - 1].size(), strNow.size());
+            EXPECT_EQ("", DiffRanges(vExpected[(size_t)n - 1], strNow)) << "file " << n << " differs from its copy";
+        }
+    }
+    // The record of file nFileNo as an incremental lists it.
+    IncFile Unchanged(int nFileNo) const
+    {
+        return {(BYTE)nFileNo, (BYTE)nFileNo, (long long)m_vSizes[(size_t)nFileNo - 1], m_db.PathOf(nFileNo), {}};
+    }
+
+    // The chain of the refusal tests: the full backup, a level 1 that
+    // changes file 2 over two pages and creates a file, a level 2 that
+    // changes file 3.
+    void MakeChain(std::mt19937& rng)
+    {
+        std::vector<std::string> vFull;
+        m_nFull = FullBackup(vFull);
+        for (const std::string& s : vFull) m_vSizes.push_back((long long)s.size());
+        m_usGuid = Val(m_db.Head()->m_usDatabaseGuid);
+        m_nLevel1 = m_nFull + 10;
+        m_nLevel2 = m_nFull + 20;
+        std::vector<IncFile> v1 = {Unchanged(1), Unchanged(2), Unchanged(3), Unchanged(4)};
+        for (int i = 0; i < 300; i++)
+            v1[1].m_vPieces.push_back({BACKUPITEM_DATABLOCK, (long long)(rng() % (m_vSizes[1] - 700)),
+                                       RandomBytes(1 + rng() % 700, rng)});
+        v1.push_back({2, 5, 1 << 20, m_strNewFile, {{BACKUPITEM_FILEHEAD, 0, RandomBytes(512, rng)}}});
+        m_vLevel1 = v1;
+        std::vector<IncFile> v2 = {Unchanged(1), Unchanged(2), Unchanged(3), Unchanged(4)};
+        v2[2].m_vPieces.push_back({BACKUPITEM_DATABLOCK, 16384, RandomBytes(4096, rng)});
+        m_vLevel2 = v2;
+        m_arChain[0] = ReadWholeFile(BackupPath(m_nFull));
+        m_arChain[1] = BuildIncrement(m_nLevel1, m_nFull, 1, m_usGuid, v1);
+        m_arChain[2] = BuildIncrement(m_nLevel2, m_nLevel1, 2, m_usGuid, v2);
+    }
+    void WriteChain(const std::string* arChain)
+    {
+        const long long arTimestamps[3] = {m_nFull, m_nLevel1, m_nLevel2};
+        for (int i = 0; i < 3; i++) {
+            if (arChain[i].empty())
+                unlink(BackupPath(arTimestamps[i]).c_str());
+            else
+                ASSERT_TRUE(WriteWholeFile(BackupPath(arTimestamps[i]), arChain[i]));
+        }
+    }
+
+    PersistenceDb m_db;
+    LPTALVORCOMMAND m_lpCmd = nullptr;
+    std::string m_strArchive;
+    char m_szArchive[PATH_FIELD];
+    std::string m_strNewFile;
+    int m_nProgressStatus = -1;
+    long long m_nFull = 0, m_nLevel1 = 0, m_nLevel2 = 0;
+    USHORT m_usGuid = 0;
+    std::vector<long long> m_vSizes;
+    std::vector<IncFile> m_vLevel1, m_vLevel2;
+    std::string m_arChain[3];
+};
+
+} // namespace
+
+TEST_F(Restore, AFullBackupComesBackByteForByteAtFullSizeIntoAnEmptyTree)
+{
+    std::mt19937 rng(3);
+    m_db.RandomChanges(150, rng);
+    std::vector<std::string> vCopy;
+    long long nTimestamp = FullBackup(vCopy);
+    // The point of the test: files whose used part is shorter than their
+    // size, so the restore must fill the rest with zeros.
+    std::string strBackup = ReadWholeFile(BackupPath(nTimestamp));
+    ASSERT_GE(strBackup.size(), (size_t)BACKUP_HEAD_ALIGN);
+    int nShort = 0;
+    for (int i = 0; i < DB_FILES; i++) {
+        const STRUCT_BACKUP_FILEINFO& r = RecordOf(strBackup, i);
+        if (Val(r.m_nFileFreeMemoryOffset) < Val(r.m_nFileSize)) {
+            nShort++;
+            // The copy's tail past the used part is zero on disk too.
+            EXPECT_EQ(std::string((size_t)(Val(r.m_nFileSize) - Val(r.m_nFileFreeMemoryOffset)), '\0'),
+                      vCopy[(size_t)i].substr((size_t)Val(r.m_nFileFreeMemoryOffset)));
+        }
+    }
+    ASSERT_GT(nShort, 0);
+    // Later changes reach the files, and the restore must take them back.
+    m_db.RandomChanges(80, rng);
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    ASSERT_FALSE(CopyFiles() == vCopy);
+    m_db.Stop();
+    RemoveDatabaseFiles();
+    ASSERT_TRUE(RestoreTo(nTimestamp));
+    EXPECT_EQ(PROGRESS_IDLE, m_nProgressStatus);
+    ExpectFiles(vCopy);
+    EXPECT_TRUE(m_db.m_tree.Traced("Successfully restored data file [" + m_db.PathOf(4) + "]!"));
+    // Over files that stand (of another size, even), each is replaced whole.
+    ASSERT_TRUE(WriteWholeFile(m_db.PathOf(2), std::string(100, 'x')));
+    ASSERT_TRUE(RestoreTo(nTimestamp));
+    ExpectFiles(vCopy);
+}
+
+TEST_F(Restore, IncrementsApplyInRisingLevelOverTheFullBackupAndCreateMissingFilesWithOnlyTheirPieces)
+{
+    std::mt19937 rng(5);
+    m_db.RandomChanges(60, rng);
+    MakeChain(rng);
+    std::vector<std::string> vFull = CopyFiles();
+    // Two pages for file 2: the 291st piece starts the second.
+    ASSERT_GT(m_vLevel1[1].m_vPieces.size(), (size_t)BACKUP_INCREMENT_MAX_ITEMS);
+    m_db.Stop();
+    WriteChain(m_arChain);
+
+    std::vector<std::string> vLevel1 = vFull;
+    ApplyPieces(vLevel1[1], m_vLevel1[1].m_vPieces);
+    std::vector<std::string> vLevel2 = vLevel1;
+    ApplyPieces(vLevel2[2], m_vLevel2[2].m_vPieces);
+    std::string strNew;
+    ApplyPieces(strNew, m_vLevel1[4].m_vPieces);
+
+    RemoveDatabaseFiles();
+    ASSERT_TRUE(RestoreTo(m_nFull));
+    ExpectFiles(vFull);
+    EXPECT_FALSE(PathExists(m_strNewFile));
+
+    RemoveDatabaseFiles();
+    ASSERT_TRUE(RestoreTo(m_nLevel1));
+    ExpectFiles(vLevel1);
+    // Not in the full backup: made with only the piece the level 1 lists,
+    // not zero-filled to the size its record names.
+    EXPECT_TRUE(ReadWholeFile(m_strNewFile) == strNew);
+
+    RemoveDatabaseFiles();
+    ASSERT_TRUE(RestoreTo(m_nLevel2));
+    EXPECT_EQ(PROGRESS_IDLE, m_nProgressStatus);
+    // File 4 changed in no increment and keeps the bytes of level 0.
+    ExpectFiles(vLevel2);
+    EXPECT_TRUE(ReadWholeFile(m_strNewFile) == strNew);
+}
+
+TEST_F(Restore, EachPointOfAChainOfRealBackupsComesBackByteForByte)
+{
+    std::mt19937 rng(13);
+    m_db.RandomChanges(120, rng);
+    std::vector<std::string> vFull, vLevel1, vLevel2;
+    const long long nFull = FullBackup(vFull);
+    m_db.RandomChanges(60, rng);
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    const long long nLevel1 = IncrementalBackup(1, nFull, vLevel1);
+    m_db.RandomChanges(60, rng);
+    const long long nLevel2 = IncrementalBackup(2, nLevel1, vLevel2);
+    ASSERT_FALSE(vFull == vLevel1);
+    ASSERT_FALSE(vLevel1 == vLevel2);
+    m_db.Stop();
+    const std::pair<long long, const std::vector<std::string>*> arPoints[] = {
+        {nFull, &vFull}, {nLevel1, &vLevel1}, {nLevel2, &vLevel2}};
+    // The system file's committed timestamps are in no incremental: an
+    // incremental passes over a file by its own timestamp, which a commit
+    // does not raise in the system file. They come back from the full
+    // backup, never ahead of the point restored; every other byte is exact.
+    const size_t nCommitAt = offsetof(SYSTEMFILEHEAD, m_nBeginTimestamp);
+    const size_t nCommitLen = 2 * sizeof(long long);
+    static_assert(offsetof(SYSTEMFILEHEAD, m_nEndTimestamp) == offsetof(SYSTEMFILEHEAD, m_nBeginTimestamp) + 8,
+                  "the two committed timestamps lie side by side");
+    for (const auto& point : arPoints) {
+        SCOPED_TRACE(point.first);
+        RemoveDatabaseFiles();
+        ASSERT_TRUE(RestoreTo(point.first)) << m_db.m_tree.Trace();
+        std::vector<std::string> vExpected = *point.second;
+        std::string strSystem = ReadWholeFile(m_db.PathOf(1));
+        ASSERT_EQ(vExpected[0].size(), strSystem.size());
+        const SYSTEMFILEHEAD* lpRestored = (const SYSTEMFILEHEAD*)strSystem.data();
+        EXPECT_GE(Val(lpRestored->m_nBeginTimestamp), nFull);
+        EXPECT_LE(Val(lpRestored->m_nBeginTimestamp), point.first);
+        EXPECT_LE(Val(lpRestored->m_nBeginTimestamp), Val(lpRestored->m_nEndTimestamp));
+        EXPECT_LE(Val(lpRestored->m_nEndTimestamp), point.first);
+        vExpected[0].replace(nCommitAt, nCommitLen, strSystem, nCommitAt, nCommitLen);
+        ExpectFiles(vExpected);
+    }
+    // The level 2 torn at every kind of place: the files restored above stay
+    // as they are, untouched.
+    const std::string strLevel2 = ReadWholeFile(BackupPath(nLevel2));
+    std::vector<FileMark> vBefore;
+    for (int n = 1; n <= DB_FILES; n++) vBefore.push_back(MarkOf(m_db.PathOf(n)));
+    std::vector<size_t> vCuts = {0, 100, (size_t)BACKUP_HEAD_ALIGN - 1, (size_t)BACKUP_HEAD_ALIGN + 20,
+                                 (size_t)BACKUP_HEAD_ALIGN + BACKUP_INCREMENT_PAGE_SIZE + 1, strLevel2.size() / 2,
+                                 strLevel2.size() - 1};
+    for (size_t nCut : vCuts) {
+        SCOPED_TRACE(nCut);
+        ASSERT_LT(nCut, strLevel2.size());
+        ASSERT_TRUE(WriteWholeFile(BackupPath(nLevel2), strLevel2.substr(0, nCut)));
+        EXPECT_FALSE(RestoreTo(nLevel2));
+        for (int n = 1; n <= DB_FILES; n++) {
+            FileMark now = MarkOf(m_db.PathOf(n));
+            EXPECT_EQ(vBefore[(size_t)n - 1].m_nMtimeNs, now.m_nMtimeNs) << n;
+            EXPECT_TRUE(vBefore[(size_t)n - 1].m_strBytes == now.m_strBytes) << n;
+        }
+    }
+    // A file the level 1 lists but the disk lacks: made with only the
+    // pieces of its pages, where they belong, and nothing else.
+    ASSERT_TRUE(WriteWholeFile(BackupPath(nLevel2), strLevel2));
+    std::string strLevel1 = ReadWholeFile(BackupPath(nLevel1));
+    std::vector<Piece> vPieces = PiecesOf(strLevel1, m_db.PathOf(3));
+    ASSERT_FALSE(vPieces.empty());
+    std::string strExpected;
+    ApplyPieces(strExpected, vPieces);
+    ASSERT_LT(strExpected.size(), vLevel1[2].size()) << "the file's last block changed: nothing to tell apart";
+    RemoveDatabaseFiles();
+    CBreltMemStorageModule module;
+    TALVORPROGRESS stProgress = {};
+    ASSERT_TRUE(module.Recover(&m_db.m_stCrit, &stProgress, m_szArchive, PATH_FIELD, nFull));
+    ASSERT_EQ(0, unlink(m_db.PathOf(3).c_str()));
+    const void* hDestFile = nullptr;
+    const void* hBkUpFile = nullptr;
+    LPBYTE lpFileHeadBuf = nullptr, lpIncrementHeadBuf = nullptr, lpBlockBuf = nullptr;
+    EXPECT_TRUE(module.RecoverIncrementCore(&m_db.m_stCrit, &stProgress, m_szArchive, PATH_FIELD, nLevel1, 1,
+                                            hDestFile, hBkUpFile, lpFileHeadBuf, lpIncrementHeadBuf, lpBlockBuf));
+    EXPECT_EQ(nullptr, hDestFile);
+    EXPECT_EQ(nullptr, hBkUpFile);
+    free(lpFileHeadBuf);
+    free(lpIncrementHeadBuf);
+    free(lpBlockBuf);
+    EXPECT_EQ("", DiffRanges(strExpected, ReadWholeFile(m_db.PathOf(3))));
+    EXPECT_EQ((long long)strExpected.size(), FileSizeOf(m_db.PathOf(3)));
+    // The other files are those of the level 1 point.
+    EXPECT_TRUE(ReadWholeFile(m_db.PathOf(2)) == vLevel1[1]);
+    EXPECT_TRUE(ReadWholeFile(m_db.PathOf(4)) == vLevel1[3]);
+}
+
+TEST_F(Restore, TheRestoreMarkStandsFromTheFirstByteWrittenUntilTheLastLevelIsOnTheMedium)
+{
+    std::mt19937 rng(17);
+    MakeChain(rng);
+    m_db.Stop();
+    WriteChain(m_arChain);
+    const std::string strSystem = m_db.SystemPath();
+    const std::string strBackupDir = m_strArchive + "/Backup/";
+    long long nFirstLevel1Write = 0;
+    {
+        FaultFileIO io;
+        io.PassThrough(m_db.m_tree.LogDir());
+        ScopedFileIO scoped(&io);
+        long long nDatabaseWrites = 0, nUnmarked = 0;
+        io.OnCall(FileOp::PWrite, [&](const FileCall& call) {
+            if (call.m_strPath.compare(0, strBackupDir.size(), strBackupDir) == 0) return;
+            if (call.m_strPath.find(".restoring") != std::string::npos) return;
+            nDatabaseWrites++;
+            if (!TalvorRestoreMarkPresent(strSystem.c_str())) nUnmarked++;
+            // Only the level 1 writes the file the full backup lacks.
+            if (call.m_strPath == m_strNewFile && nFirstLevel1Write == 0) nFirstLevel1Write = call.m_nNth;
+        });
+        ASSERT_TRUE(RestoreTo(m_nLevel2));
+        EXPECT_GT(nDatabaseWrites, 0);
+        EXPECT_EQ(0, nUnmarked);
+    }
+    EXPECT_FALSE(TalvorRestoreMarkPresent(strSystem.c_str()));
+    ASSERT_GT(nFirstLevel1Write, 0);
+    // A restore that fails in the level 1, after the full backup's files
+    // were written, leaves the mark: a start refuses the mixture.
+    {
+        FaultFileIO io;
+        io.PassThrough(m_db.m_tree.LogDir());
+        ScopedFileIO scoped(&io);
+        io.FailCall(FileOp::PWrite, nFirstLevel1Write, EIO);
+        EXPECT_FALSE(RestoreTo(m_nLevel2));
+    }
+    EXPECT_TRUE(m_db.m_tree.Traced("Failed to write data file")) << m_db.m_tree.Trace();
+    EXPECT_TRUE(TalvorRestoreMarkPresent(strSystem.c_str()));
+    // Run again to its end, the restore removes it.
+    ASSERT_TRUE(RestoreTo(m_nLevel2));
+    EXPECT_FALSE(TalvorRestoreMarkPresent(strSystem.c_str()));
+}
+
+TEST_F(Restore, APowerLossAtAnyWriteLeavesEitherAWholeDatabaseOrAStartThatRefuses)
+{
+    std::mt19937 rng(23);
+    MakeChain(rng);
+    const std::vector<std::string> vOriginal = CopyFiles();
+    m_db.Stop();
+    WriteChain(m_arChain);
+    // The point the chain restores, and the database put back as it was.
+    std::vector<std::string> vRestored;
+    {
+        RemoveDatabaseFiles();
+        ASSERT_TRUE(RestoreTo(m_nLevel2));
+        vRestored = CopyFiles();
+        for (int n = 1; n <= DB_FILES; n++) ASSERT_TRUE(WriteWholeFile(m_db.PathOf(n), vOriginal[(size_t)n - 1]));
+        unlink(m_strNewFile.c_str());
+    }
+    long long nWrites = 0;
+    {
+        FaultFileIO io;
+        io.PassThrough(m_db.m_tree.LogDir());
+        ScopedFileIO scoped(&io);
+        ASSERT_TRUE(RestoreTo(m_nLevel2));
+        nWrites = io.Calls(FileOp::PWrite);
+    }
+    ASSERT_GT(nWrites, 10);
+    int nRefused = 0;
+    for (long long nDieAt : {1LL, 2LL, 3LL, nWrites / 4, nWrites / 2, nWrites - 2, nWrites - 1, nWrites}) {
+        SCOPED_TRACE(nDieAt);
+        for (int n = 1; n <= DB_FILES; n++) ASSERT_TRUE(WriteWholeFile(m_db.PathOf(n), vOriginal[(size_t)n - 1]));
+        unlink(m_strNewFile.c_str());
+        ASSERT_TRUE(TalvorClearRestoreMark(m_db.SystemPath().c_str()));
+        {
+            FaultFileIO io;
+            io.PassThrough(m_db.m_tree.LogDir());
+            ScopedFileIO scoped(&io);
+            io.DieAfter(FileOp::PWrite, nDieAt);
+            EXPECT_FALSE(RestoreTo(m_nLevel2));
+            io.LosePower();
+        }
+        // The backups themselves are never written.
+        const long long arTimestamps[3] = {m_nFull, m_nLevel1, m_nLevel2};
+        for (int i = 0; i < 3; i++) EXPECT_TRUE(ReadWholeFile(BackupPath(arTimestamps[i])) == m_arChain[i]);
+        const size_t nTraceBefore = m_db.m_tree.Trace().size();
+        HRESULT hr = m_db.Start();
+        std::vector<std::string> vNow = CopyFiles();
+        m_db.Stop();
+        if (hr == S_OK) {
+            // Started: on the database as it was before, whole.
+            EXPECT_TRUE(vNow == vOriginal) << "a start on a mixture of old and restored files";
+        } else {
+            nRefused++;
+            EXPECT_NE(std::string::npos,
+                      m_db.m_tree.Trace().substr(nTraceBefore).find("A restore into this database did not finish"));
+        }
+    }
+    // Once a database file was written, only a refusal is right.
+    EXPECT_GE(nRefused, 6);
+    // Run again to its end, the restore gives the chain's point and a start.
+    ASSERT_TRUE(RestoreTo(m_nLevel2));
+    EXPECT_TRUE(CopyFiles() == vRestored);
+    EXPECT_EQ(S_OK, m_db.Start());
+}
+
+TEST_F(Restore, ATornForeignOrDamagedChainIsRefusedBeforeAByteOfAnyDatabaseFileIsWritten)
+{
+    std::mt19937 rng(9);
+    MakeChain(rng);
+    m_db.Stop();
+    struct Case {
+        const char* m_lpName;
+        std::function<void(std::string* arChain)> m_fnDamage;
+        long long m_nTop;  // 0: the level 2
+        const char* m_lpTraced;
+    };
+    // Positions inside the chain as it stands.
+    std::string& strL1 = m_arChain[1];
+    const long long nL1File2 = Val(RecordOf(strL1, 1).m_nDataStartOffset);
+    const long long nL1Page2 = Val(PageAt(strL1, nL1File2)->m_nNextPos);
+    const long long nL1Item = Val(ItemAt(strL1, nL1File2, 5)->m_nBlockDataPos);
+    const int nL1ItemSize = Val(ItemAt(strL1, nL1File2, 5)->m_nBlockSize);
+    const long long nL0File2End = Val(RecordOf(m_arChain[0], 1).m_nDataEndOffset);
+    const long long nL0File3Start = Val(RecordOf(m_arChain[0], 2).m_nDataStartOffset);
+    ASSERT_NE(0, nL1Page2);
+    const long long nLevel2b = m_nLevel2 + 5;
+    const std::vector<Case> vCases = {
+        {"level 2 cut inside the head", [](std::string* c) { c[2].resize(100); }, 0, "not whole or not a backup"},
+        {"level 2 cut at the end of its head area", [](std::string* c) { c[2].resize(8191); }, 0, "not whole"},
+        {"full cut between its head records", [](std::string* c) { c[0].resize(428); }, 0, "not whole"},
+        {"full cut between two files' data", [=](std::string* c) { c[0].resize((size_t)nL0File2End); }, 0,
+         "lies past the backup's end"},
+        {"full cut inside a file's data", [=](std::string* c) { c[0].resize((size_t)nL0File3Start + 1000); }, 0,
+         "lies past the backup's end"},
+        {"level 1 cut inside its first page", [=](std::string* c) { c[1].resize((size_t)nL1File2 + 100); }, 0,
+         "increment range is wrong"},
+        {"level 1 cut inside its second page", [=](std::string* c) { c[1].resize((size_t)nL1Page2 + 20); }, 0,
+         "increment range is wrong"},
+        {"level 1 cut inside a block piece",
+         [=](std::string* c) { c[1].resize((size_t)(nL1Item + nL1ItemSize / 2)); }, 0, "increment range is wrong"},
+        {"missing middle link", [](std::string* c) { c[1].clear(); }, 0, "backup file!"},
+        {"wrong version of the full", [](std::string* c) { HeadOf(c[0])->m_nVersion = 0x5000001; }, 0,
+         "wrong version or mark"},
+        {"wrong file mark of level 1", [](std::string* c) { c[1][4] = 'X'; }, 0, "wrong version or mark"},
+        {"wrong data mark of level 2", [](std::string* c) { c[2][17] = 'q'; }, 0, "wrong version or mark"},
+        {"wrong page mark", [=](std::string* c) { PageAt(c[1], nL1Page2)->m_nDataFlag = 0x48464E4A; }, 0,
+         "wrong mark, size or count"},
+        {"a page of 291 items", [=](std::string* c) { PageAt(c[1], nL1Page2)->m_nIncrementBlockNum = 291; }, 0,
+         "wrong mark, size or count"},
+        {"a page chain that loops", [=](std::string* c) { PageAt(c[1], nL1Page2)->m_nNextPos = nL1File2; }, 0,
+         "next page is not further on"},
+        {"a piece past its file's size",
+         [=](std::string* c) { ItemAt(c[1], nL1File2, 7)->m_nBlockFilePos = Val(RecordOf(c[1], 1).m_nFileSize); },
+         0, "outside the database file's size"},
+        {"a piece outside its file's data",
+         [=](std::string* c) { ItemAt(c[1], nL1File2, 7)->m_nBlockDataPos = 0; }, 0, "outside the file's data"},
+        {"a negative piece length", [=](std::string* c) { ItemAt(c[1], nL1File2, 0)->m_nBlockSize = -8; }, 0,
+         "wrong type or length"},
+        {"a relative path", [](std::string* c) { strcpy(RecordOf(c[2], 3).m_lpszFilePath, "F4.dbf"); }, 0,
+         "not a whole absolute file path"},
+        {"a path that steps up",
+         [](std::string* c) { strcpy(RecordOf(c[0], 3).m_lpszFilePath, "/tmp/x/../F4.dbf"); }, 0, "steps up"},
+        {"a head area of the wrong size", [](std::string* c) { HeadOf(c[0])->m_nHeadSize = 16384; }, 0,
+         "head area size"},
+        {"a full backup of no file", [](std::string* c) { HeadOf(c[0])->m_nFileNum = 0; }, 0, "count of files"},
+        {"a full record that claims more than its used part",
+         [](std::string* c) { RecordOf(c[0], 1).m_nFileFreeMemoryOffset -= 512; }, 0, "does not fit its used size"},
+        {"a level 2 of another database",
+         [this](std::string* c) { HeadOf(c[2])->m_usDataBaseGuid = (USHORT)(m_usGuid + 1); }, 0,
+         "database identity differ"},
+        {"a level 2 that points at a level 2",
+         [&](std::string* c) {
+             ASSERT_TRUE(WriteWholeFile(BackupPath(nLevel2b),
+                                        BuildIncrement(nLevel2b, m_nLevel2, 2, m_usGuid, m_vLevel2)));
+             (void)c;
+         },
+         nLevel2b, "The actual level of backup files [1, "},
+        {"a level 1 that names itself as its full",
+         [this](std::string* c) { HeadOf(c[1])->m_nReferTimestamp = m_nLevel1; }, 0,
+         "reference timestamp does not fit"},
+    };
+    std::vector<std::string> vPaths;
+    for (int n = 1; n <= DB_FILES; n++) vPaths.push_back(m_db.PathOf(n));
+    std::vector<FileMark> vBefore;
+    for (const std::string& strPath : vPaths) vBefore.push_back(MarkOf(strPath));
+    const std::string strBackupDir = m_strArchive + "/Backup/";
+    for (const Case& c : vCases) {
+        SCOPED_TRACE(c.m_lpName);
+        std::string arChain[3] = {m_arChain[0], m_arChain[1], m_arChain[2]};
+        c.m_fnDamage(arChain);
+        WriteChain(arChain);
+        FaultFileIO io;
+        io.PassThrough(m_db.m_tree.LogDir());
+        ScopedFileIO scoped(&io);
+        std::vector<std::string> vTouched;
+        io.OnCall(FileOp::Open, [&](const FileCall& call) {
+            if ((call.m_nFlags & (O_WRONLY | O_RDWR | O_CREAT)) != 0) vTouched.push_back("open " + call.m_strPath);
+        });
+        io.OnCall(FileOp::Unlink, [&](const FileCall& call) { vTouched.push_back("unlink " + call.m_strPath); });
+        io.OnCall(FileOp::MkDir, [&](const FileCall& call) { vTouched.push_back("mkdir " + call.m_strPath); });
+        const size_t nTraceBefore = m_db.m_tree.Trace().size();
+        EXPECT_FALSE(RestoreTo(c.m_nTop != 0 ? c.m_nTop : m_nLevel2));
+        // Told by this refusal, not by an earlier one.
+        std::string strTold = m_db.m_tree.Trace().substr(nTraceBefore);
+        EXPECT_NE(std::string::npos, strTold.find(c.m_lpTraced)) << strTold;
+        for (const std::string& strTouched : vTouched) ADD_FAILURE() << strTouched;
+        for (const FileWrite& w : io.Writes()) ADD_FAILURE() << "written: " << w.m_strPath;
+        for (size_t i = 0; i < vPaths.size(); i++) {
+            FileMark now = MarkOf(vPaths[i]);
+            EXPECT_EQ(vBefore[i].m_nMtimeNs, now.m_nMtimeNs) << vPaths[i];
+            EXPECT_TRUE(vBefore[i].m_strBytes == now.m_strBytes) << vPaths[i];
+        }
+        EXPECT_FALSE(PathExists(m_strNewFile));
+        unlink(BackupPath(nLevel2b).c_str());
+    }
+    // The same chain undamaged restores: the refusals came from the damage.
+    WriteChain(m_arChain);
+    EXPECT_TRUE(RestoreTo(m_nLevel2));
+    EXPECT_TRUE(PathExists(m_strNewFile));
+}
+
+// Random bytes of the heads, records, pages and items of the incremental
+// links changed one at a time: each restore is refused or, where the byte
+// was one no bound depends on, runs; either way it writes only the files
+// the records name, and only inside the sizes they give.
+TEST_F(Restore, AnyByteOfTheHeadsAndPagesChangedNeverLeadsAWriteOutsideItsFile)
+{
+    std::mt19937 rng(29);
+    MakeChain(rng);
+    m_db.Stop();
+    std::map<std::string, long long> mapSizes;
+    for (int n = 1; n <= DB_FILES; n++) mapSizes[m_db.PathOf(n)] = m_vSizes[(size_t)n - 1];
+    mapSizes[m_strNewFile] = m_vLevel1[4].m_nFileSize;
+    mapSizes[m_db.SystemPath() + ".restoring"] = 4096;
+    // Where the structure lies in each incremental: the fixed head and its
+    // records, and every page with its items.
+    std::vector<std::pair<int, long long>> vPlaces;
+    for (int nLink = 1; nLink <= 2; nLink++) {
+        std::string& strLink = m_arChain[nLink];
+        long long nRecordsEnd = BACKUP_FIXED_HEAD_SIZE + Val(HeadOf(strLink)->m_nFileNum) * 296LL;
+        for (long long n = 0; n < nRecordsEnd; n++) vPlaces.push_back({nLink, n});
+        for (int i = 0; i < Val(HeadOf(strLink)->m_nFileNum); i++)
+            for (long long nPage = Val(RecordOf(strLink, i).m_nDataStartOffset); nPage != 0;
+                 nPage = Val(PageAt(strLink, nPage)->m_nNextPos))
+                for (long long n = 0; n < 20 + 28LL * Val(PageAt(strLink, nPage)->m_nIncrementBlockNum); n++)
+                    vPlaces.push_back({nLink, nPage + n});
+    }
+    int nRefused = 0;
+    const int TRIES = 40;
+    for (int nTry = 0; nTry < TRIES; nTry++) {
+        std::string arChain[3] = {m_arChain[0], m_arChain[1], m_arChain[2]};
+        const std::pair<int, long long>& place = vPlaces[rng() % vPlaces.size()];
+        // A high bit as often as a low one: offsets then point far off.
+        arChain[place.first][(size_t)place.second] ^= (char)(1 << (rng() % 8));
+        SCOPED_TRACE(std::to_string(place.first) + ":" + std::to_string(place.second));
+        WriteChain(arChain);
+        FaultFileIO io;
+        io.PassThrough(m_db.m_tree.LogDir());
+        io.PassThrough(m_strArchive);
+        ScopedFileIO scoped(&io);
+        if (!RestoreTo(m_nLevel2)) nRefused++;
+        for (const FileWrite& w : io.Writes()) {
+            auto it = mapSizes.find(w.m_strPath);
+            if (it == mapSizes.end()) {
+                ADD_FAILURE() << "written: " << w.m_strPath;
+                continue;
+            }
+            EXPECT_LE(w.m_nOffset + w.m_nSize, (it->second + 511) / 512 * 512) << w.m_strPath;
+        }
+    }
+    EXPECT_GT(nRefused, TRIES / 4);
+}
+
+TEST_F(Restore, EachStepCalledAloneChecksItsOwnBackupBeforeItWrites)
+{
+    std::mt19937 rng(19);
+    MakeChain(rng);
+    m_db.Stop();
+    std::string arChain[3] = {m_arChain[0], m_arChain[1], m_arChain[2]};
+    // The full cut inside its third file's data; a level 1 piece aimed past
+    // the end of its file.
+    arChain[0].resize((size_t)Val(RecordOf(arChain[0], 2).m_nDataStartOffset) + 1000);
+    const long long nFile2 = Val(RecordOf(arChain[1], 1).m_nDataStartOffset);
+    ItemAt(arChain[1], nFile2, 3)->m_nBlockFilePos = Val(RecordOf(arChain[1], 1).m_nFileSize) + 4096;
+    WriteChain(arChain);
+    std::vector<FileMark> vBefore;
+    for (int n = 1; n <= DB_FILES; n++) vBefore.push_back(MarkOf(m_db.PathOf(n)));
+    FaultFileIO io;
+    io.PassThrough(m_db.m_tree.LogDir());
+    ScopedFileIO scoped(&io);
+    CBreltMemStorageModule module;
+    TALVORPROGRESS stProgress = {};
+    EXPECT_FALSE(module.Recover(&m_db.m_stCrit, &stProgress, m_szArchive, PATH_FIELD, m_nFull));
+    EXPECT_TRUE(m_db.m_tree.Traced("lies past the backup's end"));
+    // A damaged level, and a sound one asked for at a level it is not.
+    const std::pair<long long, int> arCalls[] = {{m_nLevel1, 1}, {m_nLevel2, 1}};
+    for (const auto& call : arCalls) {
+        SCOPED_TRACE(call.first);
+        const void* hDestFile = nullptr;
+        const void* hBkUpFile = nullptr;
+        LPBYTE lpFileHeadBuf = nullptr, lpIncrementHeadBuf = nullptr, lpBlockBuf = nullptr;
+        EXPECT_FALSE(module.RecoverIncrementCore(&m_db.m_stCrit, &stProgress, m_szArchive, PATH_FIELD, call.first,
+                                                 call.second, hDestFile, hBkUpFile, lpFileHeadBuf, lpIncrementHeadBuf,
+                                                 lpBlockBuf));
+        EXPECT_EQ(nullptr, hDestFile);
+        if (hBkUpFile != nullptr) module.CloseBackupFile(const_cast<void*>(hBkUpFile));
+        free(lpFileHeadBuf);
+        free(lpIncrementHeadBuf);
+        free(lpBlockBuf);
+    }
+    EXPECT_TRUE(m_db.m_tree.Traced("outside the database file's size"));
+    EXPECT_TRUE(m_db.m_tree.Traced("The actual level of backup files [1, " + std::to_string(m_nLevel2) + "] is [2]"));
+    for (const FileWrite& w : io.Writes()) ADD_FAILURE() << "written: " << w.m_strPath;
+    for (int n = 1; n <= DB_FILES; n++) {
+        FileMark now = MarkOf(m_db.PathOf(n));
+        EXPECT_EQ(vBefore[(size_t)n - 1].m_nMtimeNs, now.m_nMtimeNs) << n;
+        EXPECT_TRUE(vBefore[(size_t)n - 1].m_strBytes == now.m_strBytes) << n;
+    }
+    EXPECT_FALSE(PathExists(m_strNewFile));
+}
+
+TEST_F(Restore, CommandWithAnUnusableChainRefusesAndLeavesTheDatabaseUp)
+{
+    std::vector<std::string> vCopy;
+    long long nTimestamp = FullBackup(vCopy);
+    // A full backup cut inside its data, a timestamp with no backup, and a
+    // whole backup of a database whose system file lies elsewhere.
+    std::string strBackup = ReadWholeFile(BackupPath(nTimestamp));
+    ASSERT_TRUE(WriteWholeFile(BackupPath(nTimestamp), strBackup.substr(0, strBackup.size() - 1)));
+    std::string strForeign = strBackup;
+    const std::string strOtherSystem = m_db.m_tree.Dir() + "Other/System.dbf";
+    snprintf(RecordOf(strForeign, 0).m_lpszFilePath, 256, "%s", strOtherSystem.c_str());
+    HeadOf(strForeign)->m_nTimestamp = nTimestamp + 2;
+    ASSERT_TRUE(WriteWholeFile(BackupPath(nTimestamp + 2), strForeign));
+    for (long long nAsked : {nTimestamp, nTimestamp + 1, nTimestamp + 2}) {
+        SCOPED_TRACE(nAsked);
+        m_lpCmd->m_nTimestamp = nAsked;
+        m_lpCmd->m_bResult = 0x5A;
+        ASSERT_EQ(S_OK, Run(CLUSTERCMD_RESTORE));
+        EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
+        EXPECT_EQ(0x5A, Val(m_lpCmd->m_bResult));
+        ASSERT_NE(nullptr, m_db.Head());
+        EXPECT_EQ(0, Val(m_lpCmd->m_bForbidSaveFlag));
+        EXPECT_EQ(0, Val(m_db.Head()->m_bForbidSaveFlag));
+        for (int n = 1; n <= DB_FILES; n++) EXPECT_NE(nullptr, m_db.File(n));
+        ExpectFiles(vCopy);
+    }
+    EXPECT_TRUE(m_db.m_tree.Traced("The backup chain [" + std::to_string(nTimestamp) + "] cannot be used"));
+    EXPECT_TRUE(m_db.m_tree.Traced("The backup chain [" + std::to_string(nTimestamp + 1) + "] cannot be used"));
+    EXPECT_TRUE(m_db.m_tree.Traced("restores the system file [" + strOtherSystem + "], not this database's"));
+    EXPECT_FALSE(PathExists(strOtherSystem));
+    // The database still saves.
+    std::mt19937 rng(1);
+    m_db.RandomChanges(10, rng);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+}
+
+TEST_F(Restore, CommandWithAUsableChainRebuildsTheFilesAndHandsThemToTheRebuild)
+{
+    snprintf(m_db.Module().m_cConfigPath, sizeof(m_db.Module().m_cConfigPath), "%s", m_db.m_tree.IniPath().c_str());
+    std::mt19937 rng(7);
+    m_db.RandomChanges(40, rng);
+    std::vector<std::string> vCopy;
+    long long nTimestamp = FullBackup(vCopy);
+    m_db.RandomChanges(40, rng);
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    ASSERT_FALSE(CopyFiles() == vCopy);
+    m_lpCmd->m_nTimestamp = nTimestamp;
+    ASSERT_EQ(S_OK, Run(CLUSTERCMD_RESTORE));
+    EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
+    std::string strTrace = m_db.m_tree.Trace();
+    // The running files went first, then the chain was written in their place.
+    EXPECT_NE(std::string::npos, strTrace.find("Removed the database file: " + m_db.PathOf(2)));
+    for (int n = 2; n <= DB_FILES; n++) {
+        SCOPED_TRACE(n);
+        EXPECT_TRUE(ReadWholeFile(m_db.PathOf(n)) == vCopy[(size_t)n - 1]);
+    }
+    // The rebuild ran on them. This harness starts no redo log, so the
+    // rebuild here ends without a head, whose flags are then not cleared;
+    // where it comes up, it serves the restored bytes.
+    ASSERT_TRUE(strTrace.find("Talvor storage service rebuilt!") != std::string::npos ||
+                strTrace.find("The rebuild failed") != std::string::npos)
+        << strTrace;
+    if (m_db.Head() == nullptr) {
+        EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
+        return;
+    }
+    EXPECT_EQ(0, Val(m_lpCmd->m_bForbidSaveFlag));
+    EXPECT_EQ(0, Val(m_db.Head()->m_bForbidSaveFlag));
+    for (int n = 2; n <= DB_FILES; n++)
+        EXPECT_EQ(0, memcmp(m_db.Image(n), vCopy[(size_t)n - 1].data(), vCopy[(size_t)n - 1].size()));
+}
+
+TEST_F(Restore, CommandWhoseRestoreFailsPartWayLeavesTheMarkAndNoStartOnTheMixture)
+{
+    snprintf(m_db.Module().m_cConfigPath, sizeof(m_db.Module().m_cConfigPath), "%s", m_db.m_tree.IniPath().c_str());
+    std::vector<std::string> vCopy;
+    long long nTimestamp = FullBackup(vCopy);
+    m_lpCmd->m_nTimestamp = nTimestamp;
+    {
+        // The device fills after 1 MiB of the restore: the check passed, the
+        // running files are gone, and the restore cannot finish.
+        FaultFileIO io;
+        io.PassThrough(m_db.m_tree.LogDir());
+        io.PassThrough(m_strArchive);
+        ScopedFileIO scoped(&io);
+        io.FillAfter(1 << 20, ENOSPC);
+        ASSERT_EQ(S_OK, Run(CLUSTERCMD_RESTORE));
+    }
+    EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
+    std::string strTrace = m_db.m_tree.Trace();
+    EXPECT_NE(std::string::npos, strTrace.find("Failed to write database file")) << strTrace;
+    EXPECT_TRUE(TalvorRestoreMarkPresent(m_db.SystemPath().c_str()));
+    // The rebuild refuses the mixture: no head, and the command's flag stays.
+    EXPECT_NE(std::string::npos, strTrace.find("A restore into this database did not finish")) << strTrace;
+    EXPECT_EQ(nullptr, m_db.Head());
+    EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
+    // The restore run again to its end gives the backup's files.
+    ASSERT_TRUE(RestoreTo(nTimestamp));
+    EXPECT_FALSE(TalvorRestoreMarkPresent(m_db.SystemPath().c_str()));
+    ExpectFiles(vCopy);
+}
