@@ -357,7 +357,11 @@ BOOL BackupOneFile(IncrementRun& run, LPTALVORPROGRESS lpTalvorProgress, stu_FIL
     memcpy(lpRecord->m_lpszFilePath, p->m_lpszFilePath, strnlen(p->m_lpszFilePath, sizeof(lpRecord->m_lpszFilePath) - 1));
     lpRecord->m_nDataStartOffset = 0;
     lpRecord->m_nDataEndOffset = 0;
-    if (pStorage->GetFileTimestamp(p) < run.nRefTimestamp) return TRUE;
+    // The system file goes in whatever its head's stamp says: commits move
+    // its persisted-up-to timestamps, not that stamp, and a restore to this
+    // level must not come back with the older commit of the level below.
+    const BOOL bSystem = (BYTE)p->m_bFileType == FILETYPE_SYSTEM;
+    if (!bSystem && pStorage->GetFileTimestamp(p) < run.nRefTimestamp) return TRUE;
 
     run.src.p = p;
     if (nFileHeadSize < (int)sizeof(BASEFILEHEAD) || nFileHeadSize > p->m_liFileSize) {
@@ -377,7 +381,7 @@ BOOL BackupOneFile(IncrementRun& run, LPTALVORPROGRESS lpTalvorProgress, stu_FIL
     }
     BASEFILEHEAD stHead;
     memcpy(&stHead, lpFileHead, sizeof(stHead));
-    if (stHead.m_nTimestamp < run.nRefTimestamp) return TRUE;
+    if (!bSystem && stHead.m_nTimestamp < run.nRefTimestamp) return TRUE;
     SetTitle(lpTalvorProgress, p->m_lpszFilePath);
 
     StartPage(run.lpPage);
