@@ -662,6 +662,9 @@ int CTalvorRedoLog::GetWritePos(UINT nRedoLogNo, int& nRedoGroup, BYTE& bCurLog,
         LPTALVORREDOGROUP pGroup = &m_pRedoLog[nRedoGroup];
         if (TalvorLoadShared(&pGroup->m_nSequenceNO) == nRedoLogNo) {
             GroupPath(nRedoGroup, lpFilePath, MAX_PATH);
+            // A held group of the current log is still the current log: the
+            // reader must not take its size for the end of the log.
+            bCurLog = nRedoLogNo >= nLast ? 1 : 0;
             return nRedoLogNo >= nLast ? TalvorLoadShared(&pGroup->m_nWriteSize)
                                        : TalvorLoadShared(&pGroup->m_nEffectiveSize);
         }

@@ -181,6 +181,17 @@ int CTalvorStandby::RecvTcpCmd(MF_SERVICE_TCP_COMMAND& stTcpCmd, BYTE bToken, lo
         int nErr = 0;
         int n = ReceiveBuffer((char*)&stTcpCmd, (int)sizeof(stTcpCmd), nErr, nStart, nTimeout);
         if (n == (int)sizeof(stTcpCmd)) {
+            // A reply carries no payload and speaks this version: anything
+            // else would leave bytes that the next head is read from. The
+            // connection goes, and a new exchange starts clean.
+            if (stTcpCmd.m_bVersion != NODEMSG_VERSION || stTcpCmd.m_lDataLength != 0 ||
+                stTcpCmd.m_bType > NODEMSG_FAILURE) {
+                Trace("RecvTcpCmd", 4, 70003005,
+                      TALVOR_TEXT("节点[%d.%d.%d.%d:%u]的应答格式不正确(版本:%d,类型:%d,长度:%u),断开连接",
+                                  "The reply of node [%d.%d.%d.%d:%u] is malformed (version: %d, type: %d, length: %u): the connection is dropped"),
+                      STANDBY_ADDR(this), (int)stTcpCmd.m_bVersion, (int)stTcpCmd.m_bType, stTcpCmd.m_lDataLength);
+                return TCPCMD_GONE;
+            }
             if (stTcpCmd.m_bType == NODEMSG_FAILURE && stTcpCmd.m_lDigitalData == NODEMSG_LEAVING) {
                 TalvorStoreShared(&m_bExit, TRUE);
                 return TCPCMD_OK;

@@ -161,6 +161,9 @@ int StandbyRun::PositionExchange()
         if (p->m_skSocket >= 0 && send(p->m_skSocket, &stAsk, sizeof(stAsk), MSG_NOSIGNAL) == (ssize_t)sizeof(stAsk)) {
             MF_SERVICE_TCP_COMMAND stReply;
             int nRet = p->RecvTcpCmd(stReply, bToken, 0, POSITION_TIMEOUT_S);
+            // A connection that is gone, or whose stream can no longer be
+            // trusted, is not asked again.
+            if (nRet == TCPCMD_GONE || nRet == TCPCMD_ERROR) p->CloseSocket();
             if (nRet != TCPCMD_OK) {
                 Trace("OpenCurrentLogFile", 4, 70005003,
                       TALVOR_TEXT("获取备用节点[%d.%d.%d.%d:%u]的恢复信息失败(%d)!", "Failed to get recovery information of standby node [%d.%d.%d.%d:%u] (%d)!"),
@@ -454,6 +457,13 @@ int StandbyRun::SendFromFeed()
             return nResult;
         }
         if (stFeed.m_nLogDataPos != nReadPos || stFeed.m_nRedoLogNo != p->m_nRedoLogNo) {
+            // A feed that does not start where the standby stands is of no
+            // use, and the writer only ever appends to it: emptied, it takes
+            // the writer's next stretch, which meets the standby once the
+            // files have brought it up to the writer.
+            stFeed.m_nLogDataPos = 0;
+            stFeed.m_nLogDataSize = 0;
+            stFeed.m_bNewDataFlag = FALSE;
             LeaveCriticalTalvor(&stFeed.m_stCrit);
             return -3;
         }
@@ -462,12 +472,18 @@ int StandbyRun::SendFromFeed()
         while (nPos < nHeld) {
             long long nRecord = RecordAt(stFeed.m_lpBuffer + nPos, nHeld - nPos);
             if (nRecord < 0) bBad = TRUE;
-            if (nRecord <= 0) break;
+            // One shipment at most: the rest stays in the feed for the next.
+            if (nRecord <= 0 || nPos + nRecord > STANDBY_SEND_CAPACITY) break;
             nPos += nRecord;
         }
-        if (bBad || nPos == 0 || nPos > STANDBY_SEND_CAPACITY) {
+        if (bBad || nPos == 0) {
+            // Not whole, or more than one shipment: the files take over, and
+            // the feed starts afresh behind them.
+            stFeed.m_nLogDataPos = 0;
+            stFeed.m_nLogDataSize = 0;
+            stFeed.m_bNewDataFlag = FALSE;
             LeaveCriticalTalvor(&stFeed.m_stCrit);
-            if (nPos == 0 || bBad)
+            if (bBad)
                 Trace("SendStandbyLog2", 4, 70008001,
                       TALVOR_TEXT("日志(%d)的执行计划标识不正确[%d,%d]", "Incorrect execution plan id for log (%d) [%d, %d]"),
                       (int)p->m_nRedoLogNo, (int)nReadPos, (int)nHeld);
@@ -551,6 +567,12 @@ BOOL StandbyRun::KeepAlive()
     MF_SERVICE_TCP_COMMAND stReply;
     int nErr = 0;
     int n = p->ReceiveBuffer((char*)&stReply, HEAD, nErr, 0, SHIP_TIMEOUT_S);
+    if (n == HEAD && (stReply.m_bVersion != NODEMSG_VERSION || stReply.m_lDataLength != 0)) {
+        // Bytes the next head would be read from: the connection goes.
+        p->CloseSocket();
+        ResetPosition();
+        return TRUE;
+    }
     if (n == HEAD) {
         if (stReply.m_bType == NODEMSG_FAILURE && stReply.m_lDigitalData == NODEMSG_LEAVING) {
             TalvorStoreShared(&p->m_bExit, TRUE);

@@ -252,3 +252,25 @@ TEST_F(StandbyShipping, AShipmentAnsweredWithAFailureIsSentAgainAndALeavingNodeE
     }
     EXPECT_TRUE(bFreed);
 }
+
+TEST_F(StandbyShipping, MalformedRepliesDropTheConnectionAndNeverShiftTheStream)
+{
+    StartPrimary(true);
+    Redo(200, 11, "100");
+    for (const char* lpMode : {"payload", "bad-version"}) {
+        SCOPED_TRACE(lpMode);
+        // Each node starts empty and is sent every log again, over the
+        // copies the one before left.
+        StartNode({"--misbehave", lpMode, "--after", "2", "--times", "2"}, std::string("node-") + lpMode);
+        ASSERT_EQ(0, AddStandby().m_nResult);
+        std::string strAfter = Redo(150, 12 + (int)strlen(lpMode), "");
+        long long nLastLog = NumberAfter(strAfter, "logno=");
+        ASSERT_TRUE(WaitForCopy(nLastLog, NumberAfter(strAfter, "logpos="))) << m_box.ReadDaemonTrace();
+        ExpectCopiesEqual(nLastLog);
+        Cluster(m_box, "19", {"--ip", "127.0.0.1", "--port", std::to_string(m_nPort)});
+        m_box.Signal(m_nNode, SIGTERM);
+        ASSERT_EQ(0, m_box.WaitExit(m_nNode, 10000));
+        m_nNode = -1;
+    }
+    EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("is malformed"));
+}

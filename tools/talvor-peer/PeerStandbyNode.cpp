@@ -38,7 +38,7 @@ const std::vector<OptionSpec> g_vNodeOptions = {
     {"dir", true, "directory of the copies of the logs (default: the working directory)"},
     {"seconds", true, "how long to serve (default 60)"},
     {"start-log", true, "log an empty standby asks for (default 1)"},
-    {"misbehave", true, "close | stall | wrong-token | fail | leave"},
+    {"misbehave", true, "close | stall | wrong-token | fail | leave | bad-version | payload"},
     {"after", true, "misbehave after this many accepted shipments (default 1)"},
     {"times", true, "misbehave this many times, at every --after shipments (default 1)"},
 };
@@ -198,6 +198,16 @@ void Serve(int sk, NodeState& st, long long nDeadlineMs)
             stReply.m_bType = NODEMSG_FAILURE;
             stReply.m_lDigitalData = NODEMSG_LEAVING;
         }
+        if (strDue == "bad-version") stReply.m_bVersion = NODEMSG_VERSION + 6;
+        if (strDue == "payload") {
+            // A reply with bytes behind it: a sender that read only the head
+            // would take them for the next one.
+            char szJunk[100];
+            memset(szJunk, 0x5A, sizeof(szJunk));
+            stReply.m_lDataLength = sizeof(szJunk);
+            if (!SendAll(sk, &stReply, sizeof(stReply)) || !SendAll(sk, szJunk, sizeof(szJunk))) return;
+            continue;
+        }
         if (!SendAll(sk, &stReply, sizeof(stReply))) return;
     }
 }
@@ -221,7 +231,8 @@ int RunStandbyNodeJob(const std::vector<std::string>& args)
                opts.GetInt("after", 1, 1, 1LL << 40, nAfter) && opts.GetInt("times", 1, 1, 1LL << 40, nTimes);
     std::string strMisbehave = opts.GetString("misbehave", "");
     if (bOk && !strMisbehave.empty() && strMisbehave != "close" && strMisbehave != "stall" &&
-        strMisbehave != "wrong-token" && strMisbehave != "fail" && strMisbehave != "leave")
+        strMisbehave != "wrong-token" && strMisbehave != "fail" && strMisbehave != "leave" &&
+        strMisbehave != "bad-version" && strMisbehave != "payload")
         bOk = false;
     if (!bOk) {
         fprintf(stderr, "talvor-peer standby-node: %s\n%s", opts.Error().empty() ? "bad value" : opts.Error().c_str(),
