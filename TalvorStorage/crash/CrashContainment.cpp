@@ -378,9 +378,14 @@ void CrashExceptionHandling()
         usleep(32000);
         pthread_exit(nullptr);
     }
-    CrashAppendCrashedThread(pFound->m_pThreadHandle, pFound->m_pThread, pFound->m_lpParam);
-    Trace("ExceptionHandling", 3, 10032001, TALVOR_TEXT("线程[%d]已经提交自动恢复", "Thread [%d] has been submitted for automatic recovery"),
-          nThreadID);
+    if (pFound->m_pThread != nullptr) {
+        CrashAppendCrashedThread(pFound->m_pThreadHandle, pFound->m_pThread, pFound->m_lpParam);
+        Trace("ExceptionHandling", 3, 10032001, TALVOR_TEXT("线程[%d]已经提交自动恢复", "Thread [%d] has been submitted for automatic recovery"),
+              nThreadID);
+    } else {
+        Trace("ExceptionHandling", 3, 10032002,
+              TALVOR_TEXT("线程[%d]出错后结束,不自动恢复", "Thread [%d] ends after the fault and is not started again"), nThreadID);
+    }
     // The record stays for the thread itself to remove after the jump.
     longjmp(pFound->m_nJmpPoint, 1);
 }
@@ -475,7 +480,7 @@ LPTALVORTHREAD CrashFindThreadData(int nThreadID)
 void TalvorRunContained(LPTALVORTHREADENTRY pEntry, void* lpParam, HTHREADTYPE* pThreadHandle, LPCONTAINEDBODY pBody,
                         LPCONTAINEDCLEANUP pCleanup, void* lpContext)
 {
-    assert(pEntry != nullptr && pBody != nullptr);
+    assert(pBody != nullptr);
     TALVORCRITICALSECTION stCritSection;
     InitThreadCritSection(&stCritSection);
     CrashSetThreadData(pEntry, lpParam, pThreadHandle);
@@ -496,7 +501,7 @@ void TalvorRunContained(LPTALVORTHREADENTRY pEntry, void* lpParam, HTHREADTYPE* 
 
 namespace {
 
-const char* const g_arTestCrashNames[] = {"storage", "tracewriter", "tracecopier"};
+const char* const g_arTestCrashNames[] = {"storage", "tracewriter", "tracecopier", "standby"};
 int g_nTestCrashFired = 0;
 
 // Bit of a thread the environment names, or -1.

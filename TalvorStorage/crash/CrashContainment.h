@@ -53,7 +53,9 @@ typedef void (*LPCONTAINEDCLEANUP)(void* lpContext);
 // is *pThreadHandle. Returns when the body returns. After a fault it does not
 // return: the latches are released, pCleanup runs, the thread is filed for a
 // restart and ends. Call it from the thread entry itself; lpContext lives in
-// the entry's frame (fields a fault path reads should be volatile).
+// the entry's frame (fields a fault path reads should be volatile). With
+// pEntry null the thread is not started again after a fault: it cleans up
+// and ends.
 void TalvorRunContained(LPTALVORTHREADENTRY pEntry, void* lpParam, HTHREADTYPE* pThreadHandle, LPCONTAINEDBODY pBody,
                         LPCONTAINEDCLEANUP pCleanup, void* lpContext);
 
@@ -108,7 +110,7 @@ void CrashTraceFrame(const char* lpFrame, const char* lpExePath);
 
 // For end-to-end tests only, inert unless the environment asks: a thread
 // named in TALVOR_TEST_CRASH (comma-separated: "storage", "tracewriter",
-// "tracecopier") faults once, the first time it asks.
+// "tracecopier", "standby") faults once, the first time it asks.
 BOOL CrashTestFaultDue(const char* lpThreadName);
 // TRUE while the environment names the thread, fired or not (the restarted
 // thread then shows that what the crash held is free again).

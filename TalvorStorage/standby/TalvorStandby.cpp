@@ -3,6 +3,7 @@
 // the calls the storage thread makes from outside.
 #include "TalvorStandby.h"
 
+#include "CrashContainment.h"
 #include "TalvorTrace.h"
 
 #include <arpa/inet.h>
@@ -43,7 +44,7 @@ bool ConnectionLost(int nErr) { return nErr == ECONNRESET || nErr == EPIPE || nE
 CTalvorStandby::CTalvorStandby()
     : m_pMemoryFileHead(nullptr), m_pTalvorRedoLog(nullptr), m_skSocket(-1), m_ulIP(0), m_ulLocalIP(0),
       m_nRedoLogNo(0), m_nResetRedoLogNo(1), m_usPort(0), m_bRandomFactor(0), m_bExit(FALSE), m_hWorkThread(0),
-      m_pStorageModule(nullptr), m_bPublished(FALSE)
+      m_pStorageModule(nullptr), m_bPublished(FALSE), m_pRun(nullptr)
 {
 }
 
@@ -307,19 +308,45 @@ int CTalvorStandby::GetServerInfo(UINT& ulIP, USHORT& usPort)
     return 0;
 }
 
-void* CTalvorStandby::WorkThread(void* lpParam)
+namespace {
+
+void StandbyBody(void* lpContext, LPTALVORCRITICALSECTION lpCritSection)
 {
-    CTalvorStandby* pStandby = (CTalvorStandby*)lpParam;
+    CTalvorStandby* pStandby = (CTalvorStandby*)lpContext;
     // The owner publishes right after a successful Initialize; the bound
     // only keeps a lost publication from holding the thread for ever.
     for (int i = 0; i < PUBLISH_WAITS && !TalvorLoadShared(&pStandby->m_bPublished); i++) usleep(1000);
     BOOL bRelease = FALSE;
-    pStandby->Work(bRelease);
+    pStandby->Work(bRelease, lpCritSection);
+}
+
+// The end of a thread, after its work or after a fault in it: the object
+// goes back to its owner.
+void HandBack(CTalvorStandby* pStandby)
+{
     pStandby->CloseSocket();
     ITalvorStandbyOwner* pOwner = pStandby->m_pStorageModule;
     if (pOwner != nullptr)
         pOwner->ReleaseStandby(pStandby);
     else
         delete pStandby;
+}
+
+// A fault in a standby thread ends that thread alone: its feed leaves the
+// writer's list and its slot is freed; the engine may add the node again.
+void StandbyAfterFault(void* lpContext)
+{
+    CTalvorStandby* pStandby = (CTalvorStandby*)lpContext;
+    pStandby->AbandonRun();
+    HandBack(pStandby);
+}
+
+} // namespace
+
+void* CTalvorStandby::WorkThread(void* lpParam)
+{
+    CTalvorStandby* pStandby = (CTalvorStandby*)lpParam;
+    TalvorRunContained(nullptr, lpParam, &pStandby->m_hWorkThread, StandbyBody, StandbyAfterFault, pStandby);
+    HandBack(pStandby);
     return nullptr;
 }

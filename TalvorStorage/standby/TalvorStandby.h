@@ -83,7 +83,11 @@ public:
     void CloseSocket();
 
     // --- The state machine (TalvorStandbyWork.cpp). The thread's own.
-    void Work(BOOL& bRelease);
+    void Work(BOOL& bRelease, LPTALVORCRITICALSECTION lpCritSection);
+    // After a fault in Work, on the faulted thread: takes the live feed off
+    // the writer's list (the writer must never fill a dead thread's feed),
+    // closes the file and gives back the group, and frees the run.
+    void AbandonRun();
 
     LPSYSTEMFILEHEAD m_pMemoryFileHead;
     CTalvorRedoLog* m_pTalvorRedoLog;
@@ -100,6 +104,9 @@ public:
     // Set by Publish: a thread that ended before its object reached a slot
     // would have it destroyed while the owner still stores it.
     volatile BOOL m_bPublished;
+    // The run of the thread (its feed, file and buffers), on the heap so
+    // that the fault path finds it whole.
+    void* volatile m_pRun;
 
     BOOL StopAsked();
 };

@@ -5,6 +5,7 @@
 // file and the buffer before it is used.
 #include "TalvorStandby.h"
 
+#include "CrashContainment.h"
 #include "LogManager.h"
 #include "TalvorFileIO.h"
 #include "TalvorTrace.h"
@@ -12,6 +13,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -93,6 +95,7 @@ struct StandbyRun {
     long long nWriteSize;
     LPBYTE lpBuf;
     TALVORREDOLOGSTANDBYCACHE stFeed;
+    BOOL bFeedLinked;
     char szPath[MAX_PATH];
 
     void CloseFile()
@@ -592,9 +595,20 @@ BOOL StandbyRun::KeepAlive()
     return TRUE;
 }
 
+void FreeRun(StandbyRun* pRun)
+{
+    if (pRun->lpBuf != nullptr) munmap(pRun->lpBuf, (size_t)STANDBY_SEND_CAPACITY + HEAD);
+    if (pRun->stFeed.m_lpBuffer != nullptr) {
+        munmap(pRun->stFeed.m_lpBuffer, (size_t)STANDBY_FEED_SIZE + 32);
+        sem_destroy(&pRun->stFeed.m_hEvent);
+        DeleteCriticalTalvor(&pRun->stFeed.m_stCrit);
+    }
+    delete pRun;
+}
+
 } // namespace
 
-void CTalvorStandby::Work(BOOL& bRelease)
+void CTalvorStandby::Work(BOOL& bRelease, LPTALVORCRITICALSECTION lpCritSection)
 {
     bRelease = TRUE;
     // Without a redo service (not started yet, or between the two halves of
@@ -605,20 +619,19 @@ void CTalvorStandby::Work(BOOL& bRelease)
         usleep(FEED_WAIT_MS * 1000);
     }
     if (m_pTalvorRedoLog == nullptr || m_pMemoryFileHead == nullptr) return;
-    StandbyRun run;
-    memset(&run, 0, sizeof(run));
+    StandbyRun* pRun = new (std::nothrow) StandbyRun;
+    if (pRun == nullptr) return;
+    memset((void*)pRun, 0, sizeof(*pRun));
+    StandbyRun& run = *pRun;
     run.p = this;
-    TALVORCRITICALSECTION stCritSection;
-    InitThreadCritSection(&stCritSection);
-    run.lpCrit = &stCritSection;
+    run.lpCrit = lpCritSection;
     run.fd = -1;
     run.nRedoGroup = -1;
     // Mapped, not allocated: pages a standby never fills cost nothing.
     run.lpBuf = MapBuffer((size_t)STANDBY_SEND_CAPACITY + HEAD);
     run.stFeed.m_lpBuffer = MapBuffer((size_t)STANDBY_FEED_SIZE + 32);
     if (run.lpBuf == nullptr || run.stFeed.m_lpBuffer == nullptr) {
-        if (run.lpBuf != nullptr) munmap(run.lpBuf, (size_t)STANDBY_SEND_CAPACITY + HEAD);
-        if (run.stFeed.m_lpBuffer != nullptr) munmap(run.stFeed.m_lpBuffer, (size_t)STANDBY_FEED_SIZE + 32);
+        FreeRun(pRun);
         return;
     }
     run.stFeed.m_nBufferSize = STANDBY_FEED_SIZE;
@@ -626,6 +639,10 @@ void CTalvorStandby::Work(BOOL& bRelease)
     sem_init(&run.stFeed.m_hEvent, 0, 0);
     TalvorStoreShared(&m_nResetRedoLogNo, 0U);
     m_pTalvorRedoLog->AddStandby(&run.stFeed);
+    run.bFeedLinked = TRUE;
+    m_pRun = pRun;
+    // Tests only: a fault with the feed on the writer's list.
+    if (CrashTestFaultDue("standby")) CrashTestFault();
     Trace("Work", 4, 70004001,
           TALVOR_TEXT("备用节点[%d.%d.%d.%d:%u]同步线程启动...", "Standby node [%d.%d.%d.%d:%u] synchronization thread started..."),
           STANDBY_ADDR(this));
@@ -660,14 +677,22 @@ void CTalvorStandby::Work(BOOL& bRelease)
         }
         run.CloseFile();
     }
-    m_pTalvorRedoLog->SubStandby(&run.stFeed);
-    usleep(100000);
-    run.CloseFile();
     Trace("Work", 4, 70004002,
           TALVOR_TEXT("备用节点[%d.%d.%d.%d:%u]同步线程结束", "The standby node [%d.%d.%d.%d:%u] synchronization thread ended"),
           STANDBY_ADDR(this));
-    munmap(run.lpBuf, (size_t)STANDBY_SEND_CAPACITY + HEAD);
-    munmap(run.stFeed.m_lpBuffer, (size_t)STANDBY_FEED_SIZE + 32);
-    sem_destroy(&run.stFeed.m_hEvent);
-    DeleteCriticalTalvor(&run.stFeed.m_stCrit);
+    AbandonRun();
+}
+
+void CTalvorStandby::AbandonRun()
+{
+    StandbyRun* pRun = (StandbyRun*)__atomic_exchange_n(&m_pRun, (void*)nullptr, __ATOMIC_ACQ_REL);
+    if (pRun == nullptr) return;
+    if (pRun->bFeedLinked) {
+        m_pTalvorRedoLog->SubStandby(&pRun->stFeed);
+        // A writer that took the feed just before it left the list is done
+        // with it by now.
+        usleep(100000);
+    }
+    pRun->CloseFile();
+    FreeRun(pRun);
 }

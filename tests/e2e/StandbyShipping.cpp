@@ -58,12 +58,16 @@ protected:
             m_box.WaitExit(m_pid, 120000);
         }
     }
-    void StartPrimary(bool bArchive)
+    void StartPrimary(bool bArchive, const std::string& strTestCrash = "")
     {
         ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), {"--name", "SHIP", "--redo-groups", "3"}));
         WriteDbIni(m_box, m_box.DataDir(),
                    bArchive ? "archivetype=1\r\narchivedespath=" + m_strArchive + "\r\n" : "archivetype=0\r\n");
-        m_pid = m_box.StartDaemon();
+        if (strTestCrash.empty()) {
+            m_pid = m_box.StartDaemon();
+        } else {
+            m_pid = m_box.Spawn({"env", "TALVOR_TEST_CRASH=" + strTestCrash, m_box.BinDir() + "TalvorStorage"}, "daemon");
+        }
         ASSERT_GT(m_pid, 0);
         ASSERT_TRUE(WaitReady(m_box)) << m_box.ReadDaemonTrace();
     }
@@ -273,4 +277,28 @@ TEST_F(StandbyShipping, MalformedRepliesDropTheConnectionAndNeverShiftTheStream)
         m_nNode = -1;
     }
     EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("is malformed"));
+}
+
+TEST_F(StandbyShipping, AStandbyThreadThatFaultsLeavesTheWriterAndItsSlot)
+{
+    StartPrimary(true, "standby");
+    StartNode({});
+    ASSERT_EQ(0, AddStandby().m_nResult);
+    // The thread faults with its feed on the writer's list: the feed leaves
+    // the list, the slot is freed, and the writer goes on draining.
+    EXPECT_TRUE(m_box.WaitForTrace("is not started again", SHIP_WAIT_MS)) << m_box.ReadDaemonTrace();
+    bool bFreed = false;
+    for (int i = 0; i < 200 && !bFreed; i++) {
+        bFreed = Cluster(m_box, "look").m_nStandby == 0;
+        if (!bFreed) usleep(50000);
+    }
+    EXPECT_TRUE(bFreed);
+    Redo(300, 14, "100,200");
+    // Added again, the node is shipped everything.
+    ASSERT_EQ(0, AddStandby().m_nResult);
+    std::string strAfter = Redo(100, 15, "");
+    long long nLastLog = NumberAfter(strAfter, "logno=");
+    ASSERT_TRUE(WaitForCopy(nLastLog, NumberAfter(strAfter, "logpos="))) << m_box.ReadDaemonTrace();
+    ExpectCopiesEqual(nLastLog);
+    EXPECT_TRUE(m_box.IsRunning(m_pid));
 }
