@@ -302,3 +302,38 @@ TEST_F(StandbyShipping, AStandbyThreadThatFaultsLeavesTheWriterAndItsSlot)
     ExpectCopiesEqual(nLastLog);
     EXPECT_TRUE(m_box.IsRunning(m_pid));
 }
+
+TEST_F(StandbyShipping, APrimaryKilledWhileShippingIsFollowedAgainFromTheStandbysPosition)
+{
+    StartPrimary(true);
+    Redo(200, 16, "100");
+    StartNode({});
+    ASSERT_EQ(0, AddStandby().m_nResult);
+    // The stand-in commits while the primary ships, and the primary dies
+    // half-way.
+    pid_t nRedo = m_box.Spawn({PeerPath(), "redo", "--records", "400", "--seed", "17", "--max-size", "200000"}, "redo");
+    ASSERT_GT(nRedo, 0);
+    usleep(300000);
+    m_box.Signal(m_pid, SIGKILL);
+    m_box.WaitExit(m_pid, 30000);
+    m_box.Signal(nRedo, SIGKILL);
+    m_box.WaitExit(nRedo, 30000);
+    // The restart takes the redo ring over; the standby slots are the
+    // engine's to ask for again.
+    m_pid = m_box.StartDaemon();
+    ASSERT_GT(m_pid, 0);
+    bool bServing = false;
+    for (int i = 0; i < 1200 && !bServing; i++) {
+        std::string strTrace = m_box.ReadDaemonTrace();
+        size_t nFirst = strTrace.find("Talvor storage service started!");
+        bServing = nFirst != std::string::npos &&
+                   strTrace.find("Talvor storage service started!", nFirst + 1) != std::string::npos;
+        if (!bServing) usleep(50000);
+    }
+    ASSERT_TRUE(bServing) << m_box.ReadDaemonTrace();
+    ASSERT_EQ(0, AddStandby().m_nResult);
+    std::string strAfter = Redo(200, 18, "");
+    long long nLastLog = NumberAfter(strAfter, "logno=");
+    ASSERT_TRUE(WaitForCopy(nLastLog, NumberAfter(strAfter, "logpos="))) << m_box.ReadDaemonTrace();
+    ExpectCopiesEqual(nLastLog);
+}
