@@ -1,0 +1,89 @@
+#!/usr/bin/env bash
+# StandbyShipping — how fast a standby that starts behind catches up, in one
+# run of the real daemon in a private tree and namespace: the engine
+# stand-in first commits about MIB MiB of redo records with no standby (the
+# logs are sealed and archived), then a standby node (the stand-in's
+# listener on 127.0.0.1) is added by cluster command 18 and the time until
+# its copies hold every byte is taken. The reference, in the same run: the
+# same bytes sent over a loopback TCP connection by a plain sender to a
+# plain receiver that writes them to a file. Goal: shipping at least 0.5 of
+# the raw copy.
+#   bench/StandbyShipping.sh [BUILD_DIR] [MIB]   (defaults: build, 256)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${1:-build}
+mib=${2:-256}
+bin=$(cd "$build/bin" && pwd)
+root=$(mktemp -d "${TALVOR_BENCH_DIR:-/tmp}/talvor-ship-bench-XXXXXX")
+trap 'rm -rf "$root"' EXIT
+mkdir -p "$root/bin" "$root/Data/Talvor" "$root/Arch" "$root/Standby"
+cp "$bin/TalvorStorage" "$root/bin/"
+"$bin/talvor-mkdb" --dir "$root/Data/Talvor" --name Ship --data-file 8 --redo-groups 3 --redo-size 16 >/dev/null
+cat > "$root/bin/TalvorConfig.ini" <<INI
+[System]
+databasepath=$root/Data/Talvor/
+Language=0
+persistenceintervals=300
+buffercachesize=0
+undoareasize=16
+archivetype=1
+archivedespath=$root/Arch/
+INI
+records=$(( mib * 16 ))
+unshare --ipc --mount --propagation private bash -c '
+  set -e
+  mount -t tmpfs tmpfs /dev/shm && mount -t tmpfs tmpfs /var/run
+  root=$1; bin=$2; records=$3
+  "$root/bin/TalvorStorage" & pid=$!
+  for _ in $(seq 200); do grep -qs "service started" "$root"/Data/Talvor/Log/TalvorStorage*.log && break; sleep 0.05; done
+  out=$("$bin/talvor-peer" redo --records "$records" --seed 5 --size 65536 --seal-end)
+  logno=$(sed -n "s/.* logno=\([0-9]*\).*/\1/p" <<< "$out")
+  # Every sealed log archived before the standby comes.
+  for _ in $(seq 600); do [ -e "$root/Arch/ArchiveLog/Log$logno.log" ] && break; sleep 0.1; done
+  sleep 0.5
+  "$bin/talvor-peer" standby-node --port 0 --dir "$root/Standby" --seconds 600 > "$root/node.out" 2>&1 & node=$!
+  for _ in $(seq 100); do port=$(sed -n "s/^listening on port //p" "$root/node.out"); [ -n "$port" ] && break; sleep 0.05; done
+  # Every archived log, as the standby must end up holding it.
+  want=0; for f in "$root"/Arch/ArchiveLog/Log*.log; do want=$(( want + $(stat -c %s "$f") - 50 )); done
+  t0=$(date +%s%N)
+  "$bin/talvor-peer" cluster 18 --ip 127.0.0.1 --port "$port" --local-ip 127.0.0.1 >/dev/null
+  while :; do
+    have=0; for f in "$root"/Standby/Log*.log; do [ -e "$f" ] && have=$(( have + $(stat -c %s "$f") - 50 )); done
+    [ "$have" -ge "$want" ] && break
+    sleep 0.01
+  done
+  t1=$(date +%s%N)
+  kill -TERM $node; wait $node || true
+  kill -TERM $pid; wait $pid || true
+  echo "$want $(( (t1 - t0) / 1000 ))" > "$root/ship.result"
+' bench "$root" "$bin" "$records"
+read -r bytes ship_us < "$root/ship.result"
+cat "$root"/Arch/ArchiveLog/Log*.log > "$root/all.bin"
+raw_us=$(python3 - "$root/all.bin" "$root/raw.out" <<'PY'
+import os, socket, sys, threading, time
+src, dst = sys.argv[1], sys.argv[2]
+srv = socket.socket(); srv.bind(("127.0.0.1", 0)); srv.listen(1)
+def receive():
+    c, _ = srv.accept()
+    with open(dst, "wb") as f:
+        while True:
+            b = c.recv(1 << 20)
+            if not b: break
+            f.write(b)
+        f.flush(); os.fsync(f.fileno())
+t = threading.Thread(target=receive); t.start()
+t0 = time.monotonic()
+s = socket.create_connection(srv.getsockname())
+with open(src, "rb") as f:
+    while True:
+        b = f.read(4 << 20)
+        if not b: break
+        s.sendall(b)
+s.close(); t.join()
+print(int((time.monotonic() - t0) * 1e6))
+PY
+)
+awk -v b="$bytes" -v s="$ship_us" -v r="$raw_us" 'BEGIN {
+  ship = b / s; raw = b / r;
+  printf "standby catch-up: %.1f MB/s (%d bytes in %.2f s); raw loopback copy of the same bytes: %.1f MB/s; ratio %.2f (goal: at least 0.50)\n",
+         ship, b, s / 1e6, raw, ship / raw }'
