@@ -75,28 +75,28 @@ void CheckBackupFile(const std::string& strBackup, const std::map<std::string, s
     ASSERT_GE(strBackup.size(), (size_t)BACKUP_HEAD_ALIGN);
     const BACKUPFILEHEAD* lpHead = (const BACKUPFILEHEAD*)strBackup.data();
     const SYSTEMFILEHEAD* lpSystem = (const SYSTEMFILEHEAD*)mapDisk.at("System.dbf").data();
-    EXPECT_EQ(BACKUP_VERSION, lpHead->m_nVersion);
-    EXPECT_EQ(BACKUP_FILEFLAG, lpHead->m_nFileFlag);
+    EXPECT_EQ(BACKUP_VERSION, Val(lpHead->m_nVersion));
+    EXPECT_EQ(BACKUP_FILEFLAG, Val(lpHead->m_nFileFlag));
     EXPECT_EQ(0, memcmp(strBackup.data() + 4, "BKDA", 4));
-    EXPECT_EQ(BackupHeadSize((int)vNames.size()), lpHead->m_nHeadSize);
+    EXPECT_EQ(BackupHeadSize((int)vNames.size()), Val(lpHead->m_nHeadSize));
     EXPECT_EQ(0, memcmp(lpHead->m_pDataFlag, "Talvor\0\0", 8));
-    EXPECT_EQ(nTs, lpHead->m_nTimestamp);
-    EXPECT_EQ(0, lpHead->m_nReferTimestamp);
-    EXPECT_EQ(7, lpHead->m_nLogNo);
-    EXPECT_EQ(50, lpHead->m_nLogPos);
-    EXPECT_EQ(lpSystem->m_usDatabaseGuid, lpHead->m_usDataBaseGuid);
-    EXPECT_EQ(BACKUPLEVEL_FULL, lpHead->m_bLevel);
+    EXPECT_EQ(nTs, Val(lpHead->m_nTimestamp));
+    EXPECT_EQ(0, Val(lpHead->m_nReferTimestamp));
+    EXPECT_EQ(7, Val(lpHead->m_nLogNo));
+    EXPECT_EQ(50, Val(lpHead->m_nLogPos));
+    EXPECT_EQ(Val(lpSystem->m_usDatabaseGuid), Val(lpHead->m_usDataBaseGuid));
+    EXPECT_EQ(BACKUPLEVEL_FULL, Val(lpHead->m_bLevel));
     EXPECT_EQ(0, lpHead->m_bReserved);
     long long nTime = 0;
     memcpy(&nTime, &lpHead->m_ftBackupTime, sizeof(nTime));
     EXPECT_LE(nTimeFrom, nTime);
     EXPECT_GE(nTimeTo, nTime);
-    EXPECT_EQ(HOST_IP, lpHead->m_ulHostIP);
+    EXPECT_EQ(HOST_IP, Val(lpHead->m_ulHostIP));
     EXPECT_EQ(std::string(56, '\0'), std::string(strBackup.data() + 56, 56)) << "machine and user names stay zero";
-    ASSERT_EQ((int)vNames.size(), lpHead->m_nFileNum);
+    ASSERT_EQ((int)vNames.size(), Val(lpHead->m_nFileNum));
     EXPECT_EQ(std::string(12, '\0'), std::string(strBackup.data() + 120, 12));
     long long nAreaEnd = BACKUP_FIXED_HEAD_SIZE + (long long)vNames.size() * sizeof(STRUCT_BACKUP_FILEINFO);
-    EXPECT_EQ(std::string((size_t)(lpHead->m_nHeadSize - nAreaEnd), '\0'),
+    EXPECT_EQ(std::string((size_t)(Val(lpHead->m_nHeadSize) - nAreaEnd), '\0'),
               strBackup.substr((size_t)nAreaEnd, (size_t)(lpHead->m_nHeadSize - nAreaEnd)))
         << "the head area is zero behind the records";
     long long nPos = lpHead->m_nHeadSize;
@@ -105,18 +105,18 @@ void CheckBackupFile(const std::string& strBackup, const std::map<std::string, s
         const STRUCT_BACKUP_FILEINFO& rec = lpHead->m_stBackupFileInfo[i];
         const std::string& strDisk = mapDisk.at(vNames[i]);
         const BASEFILEHEAD* lpFile = (const BASEFILEHEAD*)strDisk.data();
-        EXPECT_EQ(lpFile->m_bFileType, rec.m_bFileType);
-        EXPECT_EQ(lpFile->m_bFileNo, rec.m_bFileNo);
+        EXPECT_EQ(Val(lpFile->m_bFileType), Val(rec.m_bFileType));
+        EXPECT_EQ(Val(lpFile->m_bFileNo), Val(rec.m_bFileNo));
         EXPECT_EQ(0, rec.m_bReserved[0] | rec.m_bReserved[1]);
-        EXPECT_EQ((long long)strDisk.size(), rec.m_nFileSize);
-        EXPECT_EQ(lpFile->m_nFileHeaderSize, rec.m_nFileHeaderSize);
-        EXPECT_EQ(lpFile->m_nFileFreeMemoryOffset, rec.m_nFileFreeMemoryOffset);
+        EXPECT_EQ((long long)strDisk.size(), Val(rec.m_nFileSize));
+        EXPECT_EQ(Val(lpFile->m_nFileHeaderSize), Val(rec.m_nFileHeaderSize));
+        EXPECT_EQ(Val(lpFile->m_nFileFreeMemoryOffset), Val(rec.m_nFileFreeMemoryOffset));
         EXPECT_EQ(strDir + vNames[i], std::string(rec.m_lpszFilePath, strnlen(rec.m_lpszFilePath, 256)));
-        EXPECT_EQ(nPos, rec.m_nDataStartOffset);
-        EXPECT_EQ(rec.m_nDataStartOffset + rec.m_nFileFreeMemoryOffset, rec.m_nDataEndOffset);
+        EXPECT_EQ(nPos, Val(rec.m_nDataStartOffset));
+        EXPECT_EQ(Val(rec.m_nDataStartOffset) + Val(rec.m_nFileFreeMemoryOffset), Val(rec.m_nDataEndOffset));
         long long nUsed = rec.m_nFileFreeMemoryOffset;
         ASSERT_LE(nUsed, (long long)strDisk.size());
-        ASSERT_LE(rec.m_nDataEndOffset, (long long)strBackup.size());
+        ASSERT_LE(Val(rec.m_nDataEndOffset), (long long)strBackup.size());
         EXPECT_TRUE(strBackup.compare((size_t)rec.m_nDataStartOffset, (size_t)nUsed, strDisk, 0, (size_t)nUsed) == 0)
             << "copied bytes differ from the file";
         nPos = rec.m_nDataEndOffset;
@@ -124,7 +124,7 @@ void CheckBackupFile(const std::string& strBackup, const std::map<std::string, s
     EXPECT_EQ(nPos, (long long)strBackup.size()) << "no bytes behind the last file";
     // The backup's point in time is committed in its copy of the system file.
     const SYSTEMFILEHEAD* lpCopy = (const SYSTEMFILEHEAD*)(strBackup.data() + lpHead->m_stBackupFileInfo[0].m_nDataStartOffset);
-    EXPECT_EQ(nTs, lpCopy->m_nBeginTimestamp);
+    EXPECT_EQ(nTs, Val(lpCopy->m_nBeginTimestamp));
 }
 
 // Writes every file of the backup back to its path, zero behind its used
@@ -230,8 +230,8 @@ TEST_F(BackupFull, AnAbortInTheMiddleLeavesNoFileAndTheMailboxAsItWas)
     std::string strBackup = ReadWholeFile(BackupPath(Des("ArchA"), 78));
     ASSERT_GE(strBackup.size(), (size_t)BACKUP_HEAD_ALIGN);
     lpHead = (const BACKUPFILEHEAD*)strBackup.data();
-    ASSERT_EQ(4, lpHead->m_nFileNum);
-    EXPECT_EQ((long long)strBackup.size(), lpHead->m_stBackupFileInfo[3].m_nDataEndOffset);
+    ASSERT_EQ(4, Val(lpHead->m_nFileNum));
+    EXPECT_EQ((long long)strBackup.size(), Val(lpHead->m_stBackupFileInfo[3].m_nDataEndOffset));
 }
 
 TEST_F(BackupFull, TheArchiverCopiesEachFinishedBackupToTheSecondDestinationAndTheSameTimestampReplaces)
