@@ -9,6 +9,10 @@ namespace {
 
 // Seconds from 1601-01-01 to 1970-01-01.
 const long long FILETIME_UNIX_EPOCH_SECONDS = 11644473600LL;
+const int PROGRESS_TOTAL_CAP = 0x40000000;
+const long long PROGRESS_MIB = 1LL << 20;
+const size_t TITLE_LONG = 125;
+const size_t TITLE_TAIL = 120;
 
 } // namespace
 
@@ -55,4 +59,28 @@ FILETIME TalvorBackupTimeNow()
     struct timeval tv;
     gettimeofday(&tv, nullptr);
     return TalvorBackupFileTime((long long)tv.tv_sec, (long long)tv.tv_usec);
+}
+
+void TalvorBackupShowTitle(LPTALVORPROGRESS lpProgress, const char* lpszPath)
+{
+    if (lpProgress == nullptr) return;
+    memset(lpProgress->m_lpTitle, 0, sizeof(lpProgress->m_lpTitle));
+    size_t nLen = strnlen(lpszPath, MAX_PATH);
+    const char* lpShown = nLen >= TITLE_LONG ? lpszPath + nLen - TITLE_TAIL : lpszPath;
+    memcpy(lpProgress->m_lpTitle, lpShown, strnlen(lpShown, sizeof(lpProgress->m_lpTitle) - 1));
+}
+
+void TalvorBackupShowPos(LPTALVORPROGRESS lpProgress, long long nBytes)
+{
+    if (lpProgress == nullptr) return;
+    long long nMiB = nBytes / PROGRESS_MIB;
+    lpProgress->m_nPos = (int)(nMiB > PROGRESS_TOTAL_CAP ? PROGRESS_TOTAL_CAP : nMiB);
+}
+
+void TalvorBackupShowTotal(LPTALVORPROGRESS lpProgress, long long nBytes)
+{
+    if (lpProgress == nullptr) return;
+    long long nMiB = nBytes / PROGRESS_MIB;
+    lpProgress->m_nPos = 0;
+    lpProgress->m_nTotal = (int)(nMiB > PROGRESS_TOTAL_CAP ? PROGRESS_TOTAL_CAP : nMiB);
 }

@@ -10,6 +10,7 @@
 #pragma once
 
 #include "MemDBBackupDef.h"
+#include "MemDBCommonDef.h"
 #include "TypeDef.h"
 
 // Longest first element of the destination list that names a backup
@@ -41,3 +42,12 @@ int TalvorBackupFilePath(const char* lpArchiveDesPath, int nPathSize, long long 
 FILETIME TalvorBackupTimeNow();
 // The same for a given time of the Unix clock.
 FILETIME TalvorBackupFileTime(long long nSeconds, long long nMicros);
+
+// The progress record of a backup or a restore: the title shows a file's
+// path (a path of 125 characters or more its last 120), the position a
+// number of bytes in MiB (capped as every progress total is). A null record
+// is left alone. Storage thread.
+void TalvorBackupShowTitle(LPTALVORPROGRESS lpProgress, const char* lpszPath);
+void TalvorBackupShowPos(LPTALVORPROGRESS lpProgress, long long nBytes);
+// Position 0 and the total of nBytes, in MiB.
+void TalvorBackupShowTotal(LPTALVORPROGRESS lpProgress, long long nBytes);

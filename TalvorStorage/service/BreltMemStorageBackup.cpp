@@ -33,11 +33,6 @@ namespace {
 
 const int BACKUP_WORK_BUFFER_SIZE = 0x800000;
 const int BACKUP_SECTOR = 512;
-const int PROGRESS_TOTAL_CAP = 0x40000000;
-const long long BACKUP_MIB = 1LL << 20;
-// A title of this length or more shows its last BACKUP_TITLE_TAIL characters.
-const int BACKUP_TITLE_LONG = 125;
-const int BACKUP_TITLE_TAIL = 120;
 
 long long BackupNowMicros()
 {
@@ -75,22 +70,6 @@ void TraceStreamFailure(const CTalvorBackupStream& stream)
           TALVOR_TEXT("写入备份文件失败[位置:%lld,大小:%d/%d],错误码:%d!",
                       "Failed to write to backup file [Pos: %lld, Size: %d/%d], error code: %d!"),
           stream.FailedAt(), 0, 0, stream.FailedErrno());
-}
-
-void SetProgressTitle(LPTALVORPROGRESS lpProgress, const char* lpszPath)
-{
-    if (lpProgress == nullptr) return;
-    memset(lpProgress->m_lpTitle, 0, sizeof(lpProgress->m_lpTitle));
-    size_t nLen = strnlen(lpszPath, MAX_PATH);
-    const char* lpShown = nLen >= (size_t)BACKUP_TITLE_LONG ? lpszPath + nLen - BACKUP_TITLE_TAIL : lpszPath;
-    memcpy(lpProgress->m_lpTitle, lpShown, strnlen(lpShown, sizeof(lpProgress->m_lpTitle) - 1));
-}
-
-void SetProgressPos(LPTALVORPROGRESS lpProgress, long long nBytes)
-{
-    if (lpProgress == nullptr) return;
-    long long nMiB = nBytes / BACKUP_MIB;
-    lpProgress->m_nPos = (int)(nMiB > PROGRESS_TOTAL_CAP ? PROGRESS_TOTAL_CAP : nMiB);
 }
 
 void TraceBackupOpenFailure(LONG nCode, const char* lpszPath, int nErr)
@@ -155,7 +134,7 @@ BOOL CopyFileIntoBackup(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS 
                   p->m_lpszFilePath, nReadPos, nWant, nRet);
             return FALSE;
         }
-        SetProgressPos(lpTalvorProgress, nFinished + nReadPos);
+        TalvorBackupShowPos(lpTalvorProgress, nFinished + nReadPos);
         if (!stream.Append(lpRead, nWant)) {
             TraceStreamFailure(stream);
             return FALSE;
@@ -276,11 +255,7 @@ BOOL CBreltMemStorageModule::BackupFullCore(LPTALVORCRITICALSECTION lpCritSectio
     stu_FILEINFO* arFiles[256];
     long long nTotal = 0;
     int nFileNum = CollectBackupFiles(arFiles, nTotal);
-    if (lpTalvorProgress != nullptr) {
-        lpTalvorProgress->m_nPos = 0;
-        long long nTotalMiB = nTotal / BACKUP_MIB;
-        lpTalvorProgress->m_nTotal = (int)(nTotalMiB > PROGRESS_TOTAL_CAP ? PROGRESS_TOTAL_CAP : nTotalMiB);
-    }
+    TalvorBackupShowTotal(lpTalvorProgress, nTotal);
     // The buffer of the head area belongs to the caller, who frees it.
     const int nHeadSize = BackupHeadSize(nFileNum);
     LPBYTE& lpHeadArea = const_cast<LPBYTE&>(lpFileHeadBuf);
@@ -312,7 +287,7 @@ BOOL CBreltMemStorageModule::BackupFullCore(LPTALVORCRITICALSECTION lpCritSectio
     for (int nIndex = 0; nIndex < nFileNum; nIndex++) {
         if (TalvorLoadShared(&bAbort)) return FALSE;
         stu_FILEINFO* p = arFiles[nIndex];
-        SetProgressTitle(lpTalvorProgress, p->m_lpszFilePath);
+        TalvorBackupShowTitle(lpTalvorProgress, p->m_lpszFilePath);
         LPSTRUCT_BACKUP_FILEINFO lpRecord = &lpHead->m_stBackupFileInfo[nIndex];
         long long nUsed = p->m_pStorageFile->GetFreeMemoryOffset(p);
         FillBackupRecord(lpRecord, p, nUsed, nPosition);
@@ -323,7 +298,7 @@ BOOL CBreltMemStorageModule::BackupFullCore(LPTALVORCRITICALSECTION lpCritSectio
         nPosition += nCopied;
         lpRecord->m_nDataEndOffset = nPosition;
         nFinished += p->m_liFileSize;
-        SetProgressPos(lpTalvorProgress, nFinished);
+        TalvorBackupShowPos(lpTalvorProgress, nFinished);
     }
     if (!stream.Finish(nPosition)) {
         Trace("BackupFullCore", 1, 10014014,

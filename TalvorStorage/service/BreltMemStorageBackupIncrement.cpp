@@ -27,14 +27,10 @@
 
 namespace {
 
-const int PROGRESS_TOTAL_CAP = 0x40000000;
-const long long BACKUP_MIB = 1LL << 20;
 const int SECTOR = 512;
 // Reads from database files go through this window, in whole sectors.
 const int READ_WINDOW = 1 << 20;
 const int BLOCK_PROBE = 512;
-const int TITLE_LONG = 125;
-const int TITLE_TAIL = 120;
 // Map heads and entries of the two modes.
 const int MEMMAP_HEAD = 32;
 const int MEMMAP_ENTRY = 20;
@@ -46,22 +42,6 @@ bool IsIncrementFileType(BYTE bType)
 {
     return (bType >= FILETYPE_SYSTEM && bType <= FILETYPE_KVINDEX) || bType == FILETYPE_TABLE ||
            bType == FILETYPE_INDEX;
-}
-
-void SetTitle(LPTALVORPROGRESS lpProgress, const char* lpszPath)
-{
-    if (lpProgress == nullptr) return;
-    memset(lpProgress->m_lpTitle, 0, sizeof(lpProgress->m_lpTitle));
-    size_t nLen = strnlen(lpszPath, MAX_PATH);
-    const char* lpShown = nLen >= (size_t)TITLE_LONG ? lpszPath + nLen - TITLE_TAIL : lpszPath;
-    memcpy(lpProgress->m_lpTitle, lpShown, strnlen(lpShown, sizeof(lpProgress->m_lpTitle) - 1));
-}
-
-void SetPos(LPTALVORPROGRESS lpProgress, long long nBytes)
-{
-    if (lpProgress == nullptr) return;
-    long long n = nBytes / BACKUP_MIB;
-    lpProgress->m_nPos = (int)(n > PROGRESS_TOTAL_CAP ? PROGRESS_TOTAL_CAP : n);
 }
 
 void TraceAllocFailure(LONG nCode, long long nSize)
@@ -382,7 +362,7 @@ BOOL BackupOneFile(IncrementRun& run, LPTALVORPROGRESS lpTalvorProgress, stu_FIL
     BASEFILEHEAD stHead;
     memcpy(&stHead, lpFileHead, sizeof(stHead));
     if (!bSystem && stHead.m_nTimestamp < run.nRefTimestamp) return TRUE;
-    SetTitle(lpTalvorProgress, p->m_lpszFilePath);
+    TalvorBackupShowTitle(lpTalvorProgress, p->m_lpszFilePath);
 
     StartPage(run.lpPage);
     lpRecord->m_nDataStartOffset = run.nWritePos;
@@ -481,11 +461,7 @@ BOOL CBreltMemStorageModule::BackupIncrementalCore(LPTALVORCRITICALSECTION lpCri
     lpHead->m_nFileNum = nFileNum;
     FILETIME ft = TalvorBackupTimeNow();
     memcpy(&lpHead->m_ftBackupTime, &ft, sizeof(ft));
-    if (lpTalvorProgress != nullptr) {
-        lpTalvorProgress->m_nPos = 0;
-        long long nTotalMiB = nTotal / BACKUP_MIB;
-        lpTalvorProgress->m_nTotal = (int)(nTotalMiB > PROGRESS_TOTAL_CAP ? PROGRESS_TOTAL_CAP : nTotalMiB);
-    }
+    TalvorBackupShowTotal(lpTalvorProgress, nTotal);
     if (!pFile->WriteAt(0, lpHeadArea, nHeadSize)) {
         free(lpWindow);
         Trace("BackupIncrementalCore", 1, 10019002,
@@ -505,7 +481,7 @@ BOOL CBreltMemStorageModule::BackupIncrementalCore(LPTALVORCRITICALSECTION lpCri
         stu_FILEINFO* p = arFiles[nIndex];
         bDone = BackupOneFile(run, lpTalvorProgress, p, &lpHead->m_stBackupFileInfo[nIndex], lpFileHead);
         nFinished += p->m_liFileSize;
-        SetPos(lpTalvorProgress, nFinished);
+        TalvorBackupShowPos(lpTalvorProgress, nFinished);
     }
     // The run owned the map and block buffers: the caller frees the last.
     lpMap = run.lpMap;

@@ -142,6 +142,19 @@ struct StandbyRun {
         return TRUE;
     }
 
+    // How far the writer has published the log being sent: the size of its
+    // online group, or past any position when no group holds it any more.
+    long long PublishedEnd()
+    {
+        CTalvorRedoLog* pRedo = p->m_pTalvorRedoLog;
+        for (int i = 0; i < pRedo->m_nWriteRedoOnlineGroups; i++) {
+            LPTALVORREDOGROUP pGroup = pRedo->GetGroup(i);
+            if (pGroup != nullptr && TalvorLoadShared(&pGroup->m_nSequenceNO) == p->m_nRedoLogNo)
+                return TalvorLoadShared(&pGroup->m_nWriteSize);
+        }
+        return 0x7FFFFFFFFFFFFFFFLL;
+    }
+
     int PositionExchange();
     int OpenCurrentLogFile();
     int SendFromFile(BOOL bWrite);
@@ -448,10 +461,10 @@ int StandbyRun::SendFromFeed()
     {
         EnterCriticalTalvor(&stFeed.m_stCrit, GetCurrentThreadId());
         if (stFeed.m_nLogDataSize == 0) {
-            // An empty feed means "nothing new" only to a standby at the
-            // current log; one still behind goes on from the files, or an
-            // idle writer would leave it behind for ever.
-            int nResult = bCurLog ? 0 : -3;
+            // An empty feed means "nothing new" only to a standby that holds
+            // all the writer has published; one still behind goes on from
+            // the files, or an idle writer would leave it behind for ever.
+            int nResult = bCurLog && PublishedEnd() <= nReadPos ? 0 : -3;
             if (stFeed.m_bNewDataFlag) {
                 stFeed.m_bNewDataFlag = FALSE;
                 nResult = -3;
