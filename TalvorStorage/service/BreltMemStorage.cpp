@@ -40,6 +40,12 @@ const UINT STORAGE_THREAD_STOP_WAIT_MS = 600000;
 
 CBreltMemStorageModule::CBreltMemStorageModule() { ResetFields(); }
 
+CBreltMemStorageModule::~CBreltMemStorageModule()
+{
+    m_bExit = TRUE;
+    StopStandbys();
+}
+
 void CBreltMemStorageModule::ResetFields()
 {
     memset(&m_crit, 0, sizeof(m_crit));

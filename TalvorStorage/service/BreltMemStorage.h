@@ -26,6 +26,9 @@ extern volatile sig_atomic_t g_bEixt;
 class CBreltMemStorageModule : public ITalvorStandbyOwner {
 public:
     CBreltMemStorageModule();
+    // The standby threads reach their owner until they end: they are asked
+    // to end and waited for (bounded) before the module goes.
+    ~CBreltMemStorageModule();
 
     // --- Lifecycle.
     HRESULT PreMessageLoop(int nShowCmd);
@@ -90,6 +93,9 @@ public:
     // Called by a standby thread that ends, on that thread: frees its slot
     // and destroys the object.
     void ReleaseStandby(CTalvorStandby* pStandby) override;
+    // Asks every standby thread to end and waits (bounded) for the slots.
+    // Any thread but a standby's.
+    void StopStandbys();
     // Joins a node (copying the database to it). Negative on failure.
     // Storage thread.
     int ClusterAddNewNode(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress, UINT ulLocalIP,
@@ -292,8 +298,6 @@ private:
     // The result of command 18 (CLUSTERRESULT_*).
     BYTE AddStandby(LPTALVORCOMMAND lpClusterCmd);
     void RemoveStandby(UINT ulIP, USHORT usPort);
-    // Asks every standby thread to end and waits (bounded) for the slots.
-    void StopStandbys();
     void RemoveDatabaseFile(const char* lpszPath);
     BOOL AbandonRebuild();
     // The database files of a backup, in file number order; their count.

@@ -326,12 +326,12 @@ void CBreltMemStorageModule::StopStandbys()
 void CBreltMemStorageModule::ReleaseStandby(CTalvorStandby* pStandby)
 {
     for (int i = 0; i < STANDBY_SLOTS; i++) {
-        CTalvorStandby* pExpected = pStandby;
-        if (!__atomic_compare_exchange_n(&m_arTalvorStandby[i], &pExpected, (CTalvorStandby*)nullptr, false,
-                                         __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
-            continue;
+        if (__atomic_load_n(&m_arTalvorStandby[i], __ATOMIC_ACQUIRE) != pStandby) continue;
         LPSTORAGEMEMHEAD lpChannel = m_pFlashback != nullptr ? m_pFlashback->GetStorageMemHead() : nullptr;
         if (lpChannel != nullptr) __atomic_sub_fetch(&lpChannel->m_bStandbyThreads, 1, __ATOMIC_ACQ_REL);
+        // The slot is freed last: an owner waiting for its slots to empty
+        // may go away at once, and nothing of it is touched after this.
+        __atomic_store_n(&m_arTalvorStandby[i], (CTalvorStandby*)nullptr, __ATOMIC_RELEASE);
         usleep(RELEASE_STANDBY_WAIT_US);
         break;
     }

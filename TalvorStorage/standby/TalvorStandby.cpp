@@ -29,6 +29,7 @@ const int PUBLISH_WAITS = 10000;
 const int SEND_TIMEOUT_S = 180;
 const int RECV_TIMEOUT_S = 1;
 const int OTHER_ERRORS_BEFORE_GIVING_UP = 4;
+const int CONNECT_SLICE_MS = 100;
 
 long long NowMicros()
 {
@@ -93,8 +94,15 @@ int CTalvorStandby::ConnectNode(UINT ulIP, USHORT usPort, int nTimeOut)
         fcntl(sk, F_SETFL, nFlags | O_NONBLOCK);
         rc = connect(sk, (struct sockaddr*)&stAddr, sizeof(stAddr));
         if (rc != 0 && errno == EINPROGRESS) {
-            struct pollfd stPoll = {sk, POLLOUT, 0};
-            rc = poll(&stPoll, 1, nTimeOut * 1000) == 1 ? 0 : -1;
+            // In slices, so that a stop asked meanwhile is seen.
+            rc = -1;
+            for (int nWaited = 0; nWaited < nTimeOut * 1000 && !StopAsked(); nWaited += CONNECT_SLICE_MS) {
+                struct pollfd stPoll = {sk, POLLOUT, 0};
+                int nReady = poll(&stPoll, 1, CONNECT_SLICE_MS);
+                if (nReady == 0) continue;
+                rc = nReady == 1 ? 0 : -1;
+                break;
+            }
             int nError = 0;
             socklen_t nLen = sizeof(nError);
             if (rc == 0 && (getsockopt(sk, SOL_SOCKET, SO_ERROR, &nError, &nLen) != 0 || nError != 0)) rc = -1;

@@ -8,6 +8,8 @@ namespace talvortest {
 
 void ReleaseModuleFiles(CBreltMemStorageModule& m)
 {
+    // Standby threads read the module's channel until they end.
+    m.StopStandbys();
     while (m.m_pStorageInfo != nullptr) {
         stu_FILEINFO* p = m.m_pStorageInfo;
         m.m_pStorageInfo = p->m_pNext;
