@@ -5,7 +5,7 @@
 // Lines:
 //   restore sent ts=T
 //   progress title=... pos=N total=N          (each time it moves)
-//   restore ts=T outcome=finished|timeout database=open|none final=.. ...
+//   restore ts=T outcome=finished|timeout database=open|none restored=yes|no committed=C final=.. ...
 #include "PeerArgs.h"
 #include "PeerCluster.h"
 #include "PeerJobs.h"
@@ -55,8 +55,8 @@ std::string RestoreJobUsage()
            "Sends cluster command 46 as the engine does: the daemon checks the chain of backups that\n"
            "ends in the backup of TIMESTAMP (under the first archive destination), and only then takes\n"
            "the database apart, restores it and brings it up again. Shows the progress and ends with\n"
-           "whether a database is open. Exit 0 restored and open, 3 no end in time, 5 refused, failed\n"
-           "or no database open, 1 bad arguments.\n\n" +
+           "whether a database is open at the point restored. Exit 0 restored and open at TIMESTAMP, 3 no\n"
+           "end in time, 5 refused, failed or no database open, 1 bad arguments.\n\n" +
            DescribeOptions(g_vRestoreOptions);
 }
 
@@ -91,14 +91,18 @@ int RunRestoreJob(const std::vector<std::string>& args)
     fflush(stdout);
     bool bDone = link.WaitFor(CLUSTERCMD_FINISHED, (int)nWaitMs, [&] { ShowProgress(link, seen); });
     if (bDone) ShowProgress(link, seen);
-    bool bOpen = link.WithHead([](LPSYSTEMFILEHEAD) {});
+    // Command 46 writes no result: a refused restore leaves the database
+    // up at its own point, a done one brings it up at the point restored.
+    long long nCommitted = -1;
+    bool bOpen = link.WithHead([&](LPSYSTEMFILEHEAD lpHead) { nCommitted = lpHead->m_nBeginTimestamp; });
+    bool bRestored = bDone && bOpen && nCommitted == nTs;
     ClusterState st = link.Look();
-    printf("restore ts=%lld outcome=%s database=%s %s\n", nTs, bDone ? "finished" : "timeout", bOpen ? "open" : "none",
-           DescribeClusterState(st).c_str());
+    printf("restore ts=%lld outcome=%s database=%s restored=%s committed=%lld %s\n", nTs, bDone ? "finished" : "timeout",
+           bOpen ? "open" : "none", bRestored ? "yes" : "no", nCommitted, DescribeClusterState(st).c_str());
     fflush(stdout);
     if (!bDone) return PEER_TIMEOUT;
     link.TakeAnswer();
-    return bOpen ? PEER_OK : PEER_NOT_SERVED;
+    return bRestored ? PEER_OK : PEER_NOT_SERVED;
 }
 
 } // namespace talvorpeer
