@@ -118,9 +118,9 @@ protected:
         EXPECT_TRUE(WaitUntil([&] { return CommittedOnDisk(Path("System.dbf")) >= nLast; }, 30000, 50));
         return nLast;
     }
-    void ExpectCopiesEqualPrimary()
+    void ExpectCopiesEqualPrimary(const std::vector<std::string>& vNames = CLUSTER_DB_FILES)
     {
-        for (const std::string& strName : CLUSTER_DB_FILES) {
+        for (const std::string& strName : vNames) {
             SCOPED_TRACE(strName);
             std::string strPrimary = ReadWholeFile(Path(strName));
             std::string strCopy = ReadWholeFile(Copy(strName));
@@ -229,7 +229,7 @@ TEST_F(NodeJoin, AJoinWhileTheStandInCommitsHoldsAWholeCommit)
     std::string strJournal = m_box.Root() + "/journal";
     Commit(strJournal, 100, 22);
     pid_t nData = m_box.Spawn({PeerPath(), "data", "--journal", strJournal, "--live", "--count", "100000", "--seconds",
-                               "40", "--pause-us", "500", "--blocks", "24", "--seed", "23"},
+                               "8", "--pause-us", "500", "--blocks", "24", "--seed", "23"},
                               "data");
     ASSERT_GT(nData, 0);
     usleep(1500000);
@@ -239,8 +239,8 @@ TEST_F(NodeJoin, AJoinWhileTheStandInCommitsHoldsAWholeCommit)
     ASSERT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
     EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("90001030"));
     // The engine went on committing through the join.
-    m_box.Signal(nData, SIGTERM);
-    EXPECT_EQ(0, m_box.WaitExit(nData, 60000));
+    EXPECT_EQ(0, m_box.WaitExit(nData, 60000)) << ReadWholeFile(m_box.Root() + "/data.out");
+    EXPECT_GT(NumberAfter(ReadWholeFile(m_box.Root() + "/data.out"), "last timestamp "), nBefore);
     long long nCopied = CommittedOnDisk(Copy("System.dbf"));
     EXPECT_GE(nCopied, nBefore);
     StartSecondDaemonOnCopy();
@@ -273,7 +273,8 @@ TEST_F(NodeJoin, AJoinedStandbyIsShippedTheLogFromItsPosition)
     std::string strAfter = ReadWholeFile(m_box.Root() + "/redo.out");
     long long nLastLog = NumberAfter(strAfter, "logno="), nLastPos = NumberAfter(strAfter, "logpos=");
     ASSERT_GT(nLastLog, nLogNo);
-    ExpectCopiesEqualPrimary();
+    // The log moved the system head on since; the other files stand still.
+    ExpectCopiesEqualPrimary({"Data2.dbf", "BTree3.dbf", "KV4.dbf"});
     // Shipping goes on from the position the join gave.
     ClusterLine stAdd = Cluster(m_box, "18", {"--ip", "127.0.0.1", "--port", std::to_string(m_nPort), "--local-ip",
                                               "127.0.0.1"});
@@ -357,7 +358,7 @@ TEST_F(NodeJoin, MisbehavingReceiversEndTheJoinWithATraceAndTheDaemonServes)
             EXPECT_NE(std::string::npos, strTrace.find(c.m_lpCode)) << strTrace;
         }
         std::string strNode = StopNode();
-        EXPECT_EQ(c.m_lpCode == nullptr ? 1 : 0, NumberAfter(strNode, "joined ")) << strNode;
+        EXPECT_EQ(c.m_lpCode == nullptr, strNode.find("joined slave: files 4 ") != std::string::npos) << strNode;
         ExpectServing();
     }
     EXPECT_EQ(1u, CountOf(m_box.ReadDaemonTrace(), "90001030"));
