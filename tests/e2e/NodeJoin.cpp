@@ -378,6 +378,27 @@ TEST_F(NodeJoin, ASilentReceiverEndsTheJoinInBoundedTime)
     ExpectServing();
 }
 
+// A stop asked while a join waits on a node that said nothing is seen at
+// the join's next slice: the daemon ends well inside the reply's time-out.
+TEST_F(NodeJoin, AStopDuringAJoinEndsItAndTheDaemonExitsInTime)
+{
+    StartPrimary();
+    Commit(m_box.Root() + "/journal", 50, 27);
+    StartNode({"--misbehave", "silent"});
+    pid_t nCluster = m_box.Spawn({PeerPath(), "cluster", "11", "--ip", "127.0.0.1", "--port", std::to_string(m_nPort),
+                                  "--local-ip", "127.0.0.1", "--wait-ms", "60000"},
+                                 "cluster");
+    ASSERT_GT(nCluster, 0);
+    ASSERT_TRUE(m_box.WaitForTrace("90001001", 20000)) << m_box.ReadDaemonTrace();
+    usleep(1000000);
+    long long nStart = NowMs();
+    m_box.Signal(m_pid, SIGTERM);
+    EXPECT_EQ(0, m_box.WaitExit(m_pid, 20000)) << m_box.ReadDaemonTrace();
+    EXPECT_LT(NowMs() - nStart, (long long)JOIN_REPLY_WAIT_S * 1000);
+    m_pid = -1;
+    m_box.WaitExit(nCluster, 70000);
+}
+
 namespace {
 
 // The sending side of a join, as a hostile or an honest node would speak
