@@ -315,10 +315,14 @@ TEST_F(JoinSender, AJoinOfNoFilesTotalsOneHundredAndItsStepsStandAtSixtyAndSeven
     EXPECT_EQ(100, m_stProgress.m_nPos);
     EXPECT_STREQ("Slave node has been restored...", m_stProgress.m_lpTitle);
     std::vector<Taken> v = node.Messages();
+    // Each message that waits for its reply holds the sender at its step;
+    // the hello waits for none, so where the progress stood as it came is
+    // not fixed.
+    ASSERT_FALSE(v.empty());
+    EXPECT_EQ(NODEMSG_HELLO, v[0].m_stHead.m_bType);
     std::vector<std::pair<int, int>> vSteps;
-    for (const Taken& t : v) vSteps.push_back({t.m_stHead.m_bType, t.m_nPos});
-    EXPECT_EQ((std::vector<std::pair<int, int>>{{NODEMSG_HELLO, 0},
-                                                 {NODEMSG_SLAVE_CLEAR, 10},
+    for (size_t i = 1; i < v.size(); i++) vSteps.push_back({v[i].m_stHead.m_bType, v[i].m_nPos});
+    EXPECT_EQ((std::vector<std::pair<int, int>>{{NODEMSG_SLAVE_CLEAR, 10},
                                                  {NODEMSG_SLAVE_RELOAD, 60},
                                                  {NODEMSG_SLAVE_RESTORE, 70}}),
               vSteps);
