@@ -130,8 +130,9 @@ TEST_F(ClusterCommands, EveryCodeEndsWithItsFinalCodeAndClearsOnlyItsOwnFlags)
         const char* m_lpTraced;
     };
     const Case arCases[] = {
-        // No node can be copied to yet: the join fails as a failed join ends.
-        {CLUSTERCMD_ADDNODE, CLUSTERCMD_NONE, NOT_WRITTEN, true, "Copying the database to a joining node cannot be served yet"},
+        // No node listens at the command's address: the join fails, and the
+        // command ends as a failed join does.
+        {CLUSTERCMD_ADDNODE, CLUSTERCMD_NONE, NOT_WRITTEN, true, " 10012002 "},
         // No backup of that timestamp: refused before a byte is touched, and
         // the database stays.
         {CLUSTERCMD_RESTORE, CLUSTERCMD_FINISHED, NOT_WRITTEN, true, "the restore is refused and the database is left as it is"},
