@@ -438,9 +438,10 @@ TEST_F(ClusterRestore, AChainOfThreeBackupsIsWholeOfflineAndTheOperatorsRestoreB
         std::map<std::string, std::string> mapRestored = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
         // The rebuilt daemon writes its own head into the system file at
         // once; its committed point is what must have come back.
-        for (const std::string& strName : CLUSTER_DB_FILES)
-            if (strName != "System.dbf")
-                EXPECT_TRUE((*point.second)[strName] == mapRestored[strName]) << strName << " is not as it stood";
+        for (const std::string& strName : CLUSTER_DB_FILES) {
+            if (strName == "System.dbf") continue;
+            EXPECT_TRUE((*point.second)[strName] == mapRestored[strName]) << strName << " is not as it stood";
+        }
         EXPECT_EQ(point.first, CommittedOnDisk(Path("System.dbf")));
     }
 

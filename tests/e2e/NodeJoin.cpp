@@ -24,13 +24,6 @@ const std::vector<std::string> JOIN_DB = {"--data-file", "16", "--btree-file", "
 const int GROWN_BLOCKS = 80;
 const int NODE_WAIT_MS = 90000;
 
-size_t CountOf(const std::string& strText, const std::string& strWhat)
-{
-    size_t nCount = 0;
-    for (size_t n = strText.find(strWhat); n != std::string::npos; n = strText.find(strWhat, n + 1)) nCount++;
-    return nCount;
-}
-
 // The system file's bytes with the paths that name its directory (the
 // head's database path and every row's file path) blanked: the joining node
 // makes its copy name its own directory, and nothing else may differ.
