@@ -1,0 +1,100 @@
+// InspectTool.cpp — the command line and the report in words.
+#include "InspectTool.h"
+
+#include "DbFileCheck.h"
+#include "DbFileLayout.h"
+#include "InspectReport.h"
+
+#include <cstring>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace talvorinspect {
+
+namespace {
+
+void Usage(FILE* pErr)
+{
+    fprintf(pErr,
+            "usage: talvor-inspect [--check] [--json] DIR\n"
+            "  DIR is the database directory (the one holding System.dbf) or the system file itself.\n"
+            "  --check  walk every mark, chain and bound of every file; exit 1 on any damage\n"
+            "  --json   one JSON object for scripts instead of words\n");
+}
+
+std::string SystemPathOf(const char* lpszDir)
+{
+    struct stat st;
+    if (stat(lpszDir, &st) == 0 && S_ISREG(st.st_mode)) return lpszDir;
+    std::string s = lpszDir;
+    if (s.empty() || s.back() != '/') s += "/";
+    return s + DB_SYSTEMFILE_NAME;
+}
+
+void CollectFinding(void* pContext, const DBFINDING* pFinding)
+{
+    ((InspectResult*)pContext)->m_vFindings.push_back(*pFinding);
+}
+
+// A line that rewrites itself on the terminal; the last one ends it.
+void ShowProgress(void* pContext, int nIndex, int nCount, const char* lpszPath)
+{
+    InspectResult* p = (InspectResult*)pContext;
+    if (p->m_pProgress == nullptr) return;
+    if (nIndex >= nCount) {
+        fprintf(p->m_pProgress, "\rchecked %d file%s%40s\n", nCount, nCount == 1 ? "" : "s", "");
+    } else {
+        fprintf(p->m_pProgress, "\rchecking file %d of %d: %s", nIndex + 1, nCount, lpszPath);
+        fprintf(p->m_pProgress, "\033[K");
+    }
+    fflush(p->m_pProgress);
+}
+
+} // namespace
+
+int InspectDatabaseDir(const InspectOptions& stOptions, FILE* pOut, FILE* pErr)
+{
+    InspectResult stResult;
+    stResult.m_bCheck = stOptions.m_bCheck;
+    stResult.m_pProgress = stOptions.m_bProgress ? pErr : nullptr;
+    stResult.m_strSystemPath = SystemPathOf(stOptions.m_lpszDir);
+    CDbChecker checker(CollectFinding, stOptions.m_bCheck ? ShowProgress : nullptr, &stResult);
+    stResult.m_pChecker = &checker;
+    stResult.m_bLoaded = checker.Load(stResult.m_strSystemPath.c_str());
+    if (stResult.m_bLoaded) checker.Run(stOptions.m_bCheck ? TRUE : FALSE);
+    if (stOptions.m_bJson)
+        PrintJson(stResult, pOut);
+    else
+        PrintWords(stResult, pOut);
+    if (!stResult.m_bLoaded) return INSPECT_DAMAGE;
+    return stOptions.m_bCheck && !stResult.m_vFindings.empty() ? INSPECT_DAMAGE : INSPECT_CLEAN;
+}
+
+int RunInspectTool(int argc, char** argv, FILE* pOut, FILE* pErr)
+{
+    InspectOptions st;
+    for (int i = 1; i < argc; i++) {
+        if (strcmp(argv[i], "--check") == 0) {
+            st.m_bCheck = true;
+        } else if (strcmp(argv[i], "--json") == 0) {
+            st.m_bJson = true;
+        } else if (strcmp(argv[i], "--help") == 0) {
+            Usage(pOut);
+            return INSPECT_CLEAN;
+        } else if (argv[i][0] == '-' || st.m_lpszDir != nullptr) {
+            Usage(pErr);
+            return INSPECT_USAGE;
+        } else {
+            st.m_lpszDir = argv[i];
+        }
+    }
+    if (st.m_lpszDir == nullptr) {
+        Usage(pErr);
+        return INSPECT_USAGE;
+    }
+    st.m_bProgress = isatty(fileno(pErr)) == 1;
+    return InspectDatabaseDir(st, pOut, pErr);
+}
+
+} // namespace talvorinspect
