@@ -88,7 +88,7 @@ inline ClusterLine Look(DaemonSandbox& box) { return Cluster(box, "look"); }
 // talvor-peer backup --full ARGS...; the closing line read.
 inline ClusterLine Backup(DaemonSandbox& box, const std::vector<std::string>& vArgs)
 {
-    std::vector<std::string> vCmd = {PeerPath(), "backup", "--full"};
+    std::vector<std::string> vCmd = {PeerPath(), "backup", "--full", "--progress-lines"};
     vCmd.insert(vCmd.end(), vArgs.begin(), vArgs.end());
     std::string strOut;
     int nExit = box.Run(vCmd, 600000, &strOut);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "DbFileCheck.h"
+#include "TerminalProgress.h"
 
 #include <cstdio>
 #include <string>
@@ -15,7 +16,7 @@ struct InspectResult {
     bool m_bLoaded = false;
     CDbChecker* m_pChecker = nullptr;
     std::vector<DBFINDING> m_vFindings;
-    FILE* m_pProgress = nullptr;   // the terminal, or null
+    CTalvorTerminalProgress* m_pProgress = nullptr;  // drawn only on a terminal
 };
 
 // Any thread; holds no latch.

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <string>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace talvorinspect {
 
@@ -37,18 +36,13 @@ void CollectFinding(void* pContext, const DBFINDING* pFinding)
     ((InspectResult*)pContext)->m_vFindings.push_back(*pFinding);
 }
 
-// A line that rewrites itself on the terminal; the last one ends it.
+// The walk's progress, file by file; nothing unless stderr is a terminal.
 void ShowProgress(void* pContext, int nIndex, int nCount, const char* lpszPath)
 {
     InspectResult* p = (InspectResult*)pContext;
     if (p->m_pProgress == nullptr) return;
-    if (nIndex >= nCount) {
-        fprintf(p->m_pProgress, "\rchecked %d file%s%40s\n", nCount, nCount == 1 ? "" : "s", "");
-    } else {
-        fprintf(p->m_pProgress, "\rchecking file %d of %d: %s", nIndex + 1, nCount, lpszPath);
-        fprintf(p->m_pProgress, "\033[K");
-    }
-    fflush(p->m_pProgress);
+    p->m_pProgress->Show(lpszPath, nIndex, nCount, "files");
+    if (nIndex >= nCount) p->m_pProgress->End();
 }
 
 } // namespace
@@ -57,7 +51,8 @@ int InspectDatabaseDir(const InspectOptions& stOptions, FILE* pOut, FILE* pErr)
 {
     InspectResult stResult;
     stResult.m_bCheck = stOptions.m_bCheck;
-    stResult.m_pProgress = stOptions.m_bProgress ? pErr : nullptr;
+    CTalvorTerminalProgress progress(stOptions.m_bProgress ? pErr : nullptr);
+    stResult.m_pProgress = &progress;
     stResult.m_strSystemPath = SystemPathOf(stOptions.m_lpszDir);
     CDbChecker checker(CollectFinding, stOptions.m_bCheck ? ShowProgress : nullptr, &stResult);
     stResult.m_pChecker = &checker;
@@ -93,7 +88,7 @@ int RunInspectTool(int argc, char** argv, FILE* pOut, FILE* pErr)
         Usage(pErr);
         return INSPECT_USAGE;
     }
-    st.m_bProgress = isatty(fileno(pErr)) == 1;
+    st.m_bProgress = true;
     return InspectDatabaseDir(st, pOut, pErr);
 }
 

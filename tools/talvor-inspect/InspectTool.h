@@ -17,7 +17,7 @@ struct InspectOptions {
     const char* m_lpszDir = nullptr;   // the database directory, or a system file
     bool m_bCheck = false;
     bool m_bJson = false;
-    bool m_bProgress = false;          // progress lines on pErr
+    bool m_bProgress = false;          // progress on pErr when it is a terminal
 };
 
 // "talvor-inspect [--check] [--json] DIR": the exit status. The report goes
