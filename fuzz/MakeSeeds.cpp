@@ -138,6 +138,7 @@ void DatabaseSeeds(const std::string& strWork)
     std::string strSystem = ReadFile(r.m_strDir + DB_SYSTEMFILE_NAME);
     WriteSeed("SystemFile", "made", Sparse(strSystem, (uint32_t)strSystem.size(), 0, 0));
     WriteSeed("FileLayout", "system", Sparse(strSystem, 512 * 1024, 0, 0));
+    WriteSeed("DatabaseCheck", "system", Sparse(strSystem, 512 * 1024, 0, 0));
     std::vector<std::string> vFiles;
     DbForEachFileListRow((LPBYTE)&strSystem[0], (long long)strSystem.size(), [&](LPSYSTEMBLOCKHEAD, LPFILE_MEMDBFILEINFO p) {
         if (p->m_bFileNo > 1 && p->m_bDropFlag == 0) vFiles.push_back(p->m_lpszFilePath);
@@ -161,6 +162,7 @@ void DatabaseSeeds(const std::string& strWork)
         WriteSeed("DatabaseFile", strName + "-rows", Sparse(strFile, (uint32_t)strFile.size(), bTag, bNo));
         WriteSeed("DatabaseFile", strName + "-forced", Sparse(strFile, (uint32_t)strFile.size(), bTag | 0x80, bNo));
         if (bType == FILETYPE_DATA) WriteSeed("FileLayout", "data", Sparse(strFile, 512 * 1024, 1, 0));
+        if (bType == FILETYPE_DATA) WriteSeed("DatabaseCheck", "data", Sparse(strFile, 512 * 1024, 1, 0));
     }
     for (int g = 0; g < 2; g++) {
         std::string strGroup = ReadFile(r.m_strDir + "Redo" + std::to_string(g) + ".log");

@@ -118,7 +118,7 @@ void WalkExtendedHeads(CacheWalk& w)
 
 void CheckCacheBlock(CacheWalk& w, UINT nBlockNo, const BASEFILEBLOCKMAP_CACHE& e, long long nEntryOffset)
 {
-    if (e.m_nBlockSize <= 0 || e.m_nBlockOffset < w.m_stHead.m_nBlockStartOffset ||
+    if (e.m_nBlockSize <= 0 || e.m_nBlockOffset <= 0 || e.m_nBlockOffset < w.m_stHead.m_nBlockStartOffset ||
         e.m_nBlockOffset > w.m_nSize - e.m_nBlockSize) {
         w.m_pChecker->Report(DBCHECK_BOUND, w.m_pFile, nEntryOffset,
                              "the map entry of block %u points at %lld (%d bytes), outside the block area [%lld, %lld)",

@@ -28,7 +28,8 @@ void CheckBlock(MemoryWalk& w, long long nEntryOffset, const BASEFILEBLOCKMAP& s
 {
     long long nAt = stEntry.m_nBlockOffset;
     if (stEntry.m_nBlockNo == 0 && nAt == 0) return;
-    if (nAt < w.Head()->m_nBlockStartOffset || nAt > w.m_nSize - (long long)sizeof(BASEBLOCKHEAD)) {
+    // A head's block start may itself be damage: the file's bounds come first.
+    if (nAt <= 0 || nAt < w.Head()->m_nBlockStartOffset || nAt > w.m_nSize - (long long)sizeof(BASEBLOCKHEAD)) {
         w.m_pChecker->Report(DBCHECK_BOUND, w.m_pFile, nEntryOffset,
                              "the map entry of block %u points at %lld, outside the block area [%lld, %lld)",
                              stEntry.m_nBlockNo, nAt, (long long)w.Head()->m_nBlockStartOffset, w.m_nSize);

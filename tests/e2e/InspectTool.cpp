@@ -138,6 +138,18 @@ TEST_F(InspectTool, ABlockOffsetPastTheFileIsOutOfBounds)
     EXPECT_TRUE(Names(strLine, "bound", 3, nEntry)) << strLine;
 }
 
+// A damaged head may give a block area that starts before the file: a
+// negative block offset must still be refused by the file's own bounds.
+TEST_F(InspectTool, ANegativeOffsetIsOutOfBoundsWhateverTheHeadSays)
+{
+    std::string strData = Path("Data2.dbf");
+    long long nEntry = FirstEntryOffset(strData);
+    ASSERT_TRUE(WriteValue<long long>(strData, offsetof(BASEFILEHEAD, m_nBlockStartOffset), -(1LL << 40)));
+    ASSERT_TRUE(WriteValue<long long>(strData, nEntry + offsetof(BASEFILEBLOCKMAP, m_nBlockOffset), -4096));
+    std::string strLine = OnlyFinding();
+    EXPECT_TRUE(Names(strLine, "bound", 2, nEntry)) << strLine;
+}
+
 // The 80 bytes of a commit, cut after 60 by a power loss: the persisted-up-to
 // timestamp got its new low half, the newest committed one kept its old value.
 TEST_F(InspectTool, ATornCommitIsFoundInTheSystemHead)
