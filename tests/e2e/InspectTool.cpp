@@ -221,6 +221,25 @@ TEST_F(InspectTool, EveryDamageHasItsOwnLineAndJsonCountsThem)
     EXPECT_EQ(3u, nKinds) << strJson;
 }
 
+// A backup cut short is told with the verifier's reason; it is no damage of
+// the database, so the check still passes.
+TEST_F(InspectTool, ABackupThatIsNotWholeIsToldButIsNoDamage)
+{
+    std::string strArchive = m_box.Root() + "/arch/";
+    ASSERT_EQ(0, mkdir(strArchive.c_str(), 0777));
+    ASSERT_EQ(0, mkdir((strArchive + "Backup").c_str(), 0777));
+    std::string strBackup = strArchive + "Backup/TalvorBackup77.fbk";
+    ASSERT_TRUE(WriteWholeFile(strBackup, std::string(4096, '\0')));
+    ASSERT_TRUE(WriteFileAt(Path("System.dbf"), offsetof(SYSTEMFILEHEAD, m_lpArchiveDesPath), strArchive + std::string(1, '\0')));
+    std::string strOut;
+    EXPECT_EQ(0, Check(&strOut)) << strOut;
+    EXPECT_NE(std::string::npos, strOut.find("backup: " + strBackup + ": refused (")) << strOut;
+    EXPECT_TRUE(DamageLines(strOut).empty()) << strOut;
+    // Without --check the backup is only listed.
+    EXPECT_EQ(0, Check(&strOut, "--json"));
+    EXPECT_NE(std::string::npos, strOut.find("\"verified\":false")) << strOut;
+}
+
 TEST_F(InspectTool, WithoutCheckTheHeadsAreReadAndAMissingFileIsSaid)
 {
     ASSERT_EQ(0, unlink(Path("BTree3.dbf").c_str()));
@@ -241,7 +260,8 @@ TEST_F(InspectTool, WithoutCheckTheHeadsAreReadAndAMissingFileIsSaid)
 TEST_F(InspectTool, ReadsWhatARealDaemonWrote)
 {
     ASSERT_TRUE(PeerBuilt());
-    WriteDbIni(m_box, m_box.DataDir(), "persistenceintervals=1\r\n");
+    std::string strArchive = m_box.Root() + "/arch/";
+    WriteDbIni(m_box, m_box.DataDir(), "persistenceintervals=1\r\narchivedespath=" + strArchive + "\r\n");
     pid_t pid = m_box.StartDaemon();
     ASSERT_GT(pid, 0);
     ASSERT_TRUE(m_box.WaitForTrace("Talvor storage service started!", DAEMON_START_TIMEOUT_MS)) << m_box.ReadDaemonTrace();
@@ -250,10 +270,14 @@ TEST_F(InspectTool, ReadsWhatARealDaemonWrote)
                             "--pause-us", "500", "--pass-every", "100", "--blocks", "8", "--seed", "5"},
                            120000, &strOut))
         << strOut;
+    ASSERT_EQ(0, m_box.Run({PeerPath(), "backup", "--full", "--wait"}, 120000, &strOut)) << strOut;
     m_box.Signal(pid, SIGTERM);
     ASSERT_EQ(0, m_box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS));
 
     EXPECT_EQ(0, Check(&strOut)) << strOut;
+    // The backup the daemon took is found and verified whole.
+    EXPECT_NE(std::string::npos, strOut.find("backup: " + strArchive + "Backup/TalvorBackup")) << strOut;
+    EXPECT_NE(std::string::npos, strOut.find(".fbk: whole, level 0, timestamp ")) << strOut;
     EXPECT_TRUE(DamageLines(strOut).empty()) << strOut;
     EXPECT_GT(NumberAfter(strOut, "persisted up to timestamp: "), 0) << strOut;
     // The engine grew the data file to 8 blocks; the walk saw them all.

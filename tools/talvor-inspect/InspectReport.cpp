@@ -92,7 +92,7 @@ void PrintControlData(const SYSTEMFILEHEAD* h, FILE* pOut)
     fprintf(pOut, "standby position: log %d, offset %d, timestamp %lld\n", h->m_nStandbyLogNo, h->m_nStandbyLogOffset,
             (long long)h->m_nStandbyTimestamp);
     fprintf(pOut, "listen address: %s\n", Dotted((UINT)h->m_nTCPListenIP).c_str());
-    fprintf(pOut, "parameters:");
+    fprintf(pOut, "parameters recorded in the system file (the ini's values replace them at every start):");
     for (const Parameter& p : Parameters(h)) fprintf(pOut, " %s=%d", p.m_lpKey, p.m_nValue);
     fprintf(pOut, "\n");
 }
@@ -201,12 +201,16 @@ void PrintWords(const InspectResult& st, FILE* pOut)
         fprintf(pOut, "files: %d listed\n", st.m_pChecker->FileCount());
         for (int i = 0; i < st.m_pChecker->FileCount(); i++) PrintFileWords(st.m_pChecker->File(i), st.m_bCheck, pOut);
     }
+    if (st.m_bLoaded)
+        fprintf(pOut, "backups looked for under: \"%s\" (%s)\n", st.m_strArchivePath.c_str(),
+                st.m_strIniPath.empty() ? "as the system file records it" : ("from " + st.m_strIniPath).c_str());
+    PrintBackupWords(st.m_vBackups, pOut);
     for (const DBFINDING& f : st.m_vFindings) fprintf(pOut, "%s\n", FindingLine(f).c_str());
     if (!st.m_bLoaded)
         fprintf(pOut, "result: the system file cannot be read\n");
     else if (st.m_bCheck)
         fprintf(pOut, "result: %s\n", st.m_vFindings.empty() ? "clean"
-                                                              : (std::to_string(st.m_vFindings.size()) + " findings").c_str());
+                                                              : (std::to_string(st.m_vFindings.size()) + (st.m_vFindings.size() == 1 ? " finding" : " findings")).c_str());
 }
 
 void PrintJson(const InspectResult& st, FILE* pOut)
@@ -223,6 +227,17 @@ void PrintJson(const InspectResult& st, FILE* pOut)
     for (int i = 0; st.m_bLoaded && i < st.m_pChecker->FileCount(); i++) {
         if (i > 0) fprintf(pOut, ",");
         JsonFile(st.m_pChecker->File(i), pOut);
+    }
+    fprintf(pOut, "],\"backups\":[");
+    for (size_t i = 0; i < st.m_vBackups.size(); i++) {
+        const InspectedBackup& b = st.m_vBackups[i];
+        fprintf(pOut, "%s{\"path\":", i > 0 ? "," : "");
+        JsonString(b.m_strPath.c_str(), pOut);
+        fprintf(pOut, ",\"verified\":%s,\"status\":", b.m_bVerified ? "true" : "false");
+        JsonString(b.m_strStatus.c_str(), pOut);
+        fprintf(pOut, ",\"finding\":");
+        JsonString(b.m_strFinding.c_str(), pOut);
+        fprintf(pOut, ",\"level\":%d,\"timestamp\":%lld}", b.m_nLevel, b.m_nTimestamp);
     }
     fprintf(pOut, "],\"findings\":[");
     for (size_t i = 0; i < st.m_vFindings.size(); i++) {

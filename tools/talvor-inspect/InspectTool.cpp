@@ -16,10 +16,11 @@ namespace {
 void Usage(FILE* pErr)
 {
     fprintf(pErr,
-            "usage: talvor-inspect [--check] [--json] DIR\n"
+            "usage: talvor-inspect [--check] [--json] [--ini FILE] DIR\n"
             "  DIR is the database directory (the one holding System.dbf) or the system file itself.\n"
             "  --check  walk every mark, chain and bound of every file; exit 1 on any damage\n"
-            "  --json   one JSON object for scripts instead of words\n");
+            "  --json   one JSON object for scripts instead of words\n"
+            "  --ini    the daemon's TalvorConfig.ini, for the backup directory (default: ../../bin/ of DIR)\n");
 }
 
 std::string SystemPathOf(const char* lpszDir)
@@ -45,6 +46,22 @@ void ShowProgress(void* pContext, int nIndex, int nCount, const char* lpszPath)
     if (nIndex >= nCount) p->m_pProgress->End();
 }
 
+// The running daemon takes the archive destinations from the ini; the
+// system file keeps what an older write-back left.
+void FindArchivePath(const InspectOptions& stOptions, const SYSTEMFILEHEAD* h, InspectResult* pResult)
+{
+    const std::string& strSystem = pResult->m_strSystemPath;
+    std::string strDir = strSystem.substr(0, strSystem.rfind('/') + 1);
+    std::string strIni = stOptions.m_lpszIni != nullptr ? stOptions.m_lpszIni : DefaultIniPath(strDir.empty() ? "." : strDir);
+    std::string strValue;
+    if (!strIni.empty() && ReadIniValue(strIni, "System", "archivedespath", &strValue) && !strValue.empty()) {
+        pResult->m_strIniPath = strIni;
+        pResult->m_strArchivePath = strValue;
+        return;
+    }
+    pResult->m_strArchivePath.assign(h->m_lpArchiveDesPath, strnlen(h->m_lpArchiveDesPath, sizeof(h->m_lpArchiveDesPath)));
+}
+
 } // namespace
 
 int InspectDatabaseDir(const InspectOptions& stOptions, FILE* pOut, FILE* pErr)
@@ -57,7 +74,12 @@ int InspectDatabaseDir(const InspectOptions& stOptions, FILE* pOut, FILE* pErr)
     CDbChecker checker(CollectFinding, stOptions.m_bCheck ? ShowProgress : nullptr, &stResult);
     stResult.m_pChecker = &checker;
     stResult.m_bLoaded = checker.Load(stResult.m_strSystemPath.c_str());
-    if (stResult.m_bLoaded) checker.Run(stOptions.m_bCheck ? TRUE : FALSE);
+    if (stResult.m_bLoaded) {
+        checker.Run(stOptions.m_bCheck ? TRUE : FALSE);
+        FindArchivePath(stOptions, checker.SystemHead(), &stResult);
+        stResult.m_vBackups = FindBackups(stResult.m_strArchivePath.c_str(), (int)stResult.m_strArchivePath.size(),
+                                          stOptions.m_bCheck);
+    }
     if (stOptions.m_bJson)
         PrintJson(stResult, pOut);
     else
@@ -72,6 +94,8 @@ int RunInspectTool(int argc, char** argv, FILE* pOut, FILE* pErr)
     for (int i = 1; i < argc; i++) {
         if (strcmp(argv[i], "--check") == 0) {
             st.m_bCheck = true;
+        } else if (strcmp(argv[i], "--ini") == 0 && i + 1 < argc) {
+            st.m_lpszIni = argv[++i];
         } else if (strcmp(argv[i], "--json") == 0) {
             st.m_bJson = true;
         } else if (strcmp(argv[i], "--help") == 0) {

@@ -15,12 +15,13 @@ inline constexpr int INSPECT_USAGE = 2;
 
 struct InspectOptions {
     const char* m_lpszDir = nullptr;   // the database directory, or a system file
+    const char* m_lpszIni = nullptr;   // the daemon's ini, or null for the installation's place
     bool m_bCheck = false;
     bool m_bJson = false;
     bool m_bProgress = false;          // progress on pErr when it is a terminal
 };
 
-// "talvor-inspect [--check] [--json] DIR": the exit status. The report goes
+// "talvor-inspect [--check] [--json] [--ini FILE] DIR": the exit status. The report goes
 // to pOut, usage errors and progress to pErr; progress only when pErr is a
 // terminal. Any thread; holds no latch.
 int RunInspectTool(int argc, char** argv, FILE* pOut, FILE* pErr);
