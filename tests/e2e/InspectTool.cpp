@@ -275,6 +275,9 @@ TEST_F(InspectTool, ReadsWhatARealDaemonWrote)
     ASSERT_EQ(0, m_box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS));
 
     EXPECT_EQ(0, Check(&strOut)) << strOut;
+    // The groups the daemon made are read, each a redo head of this database.
+    EXPECT_NE(std::string::npos, strOut.find("redo group 0: log ")) << strOut;
+    EXPECT_EQ(std::string::npos, strOut.find("(made anew at the next start)")) << strOut;
     // The backup the daemon took is found and verified whole.
     EXPECT_NE(std::string::npos, strOut.find("backup: " + strArchive + "Backup/TalvorBackup")) << strOut;
     EXPECT_NE(std::string::npos, strOut.find(".fbk: whole, level 0, timestamp ")) << strOut;

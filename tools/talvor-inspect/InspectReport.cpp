@@ -201,6 +201,7 @@ void PrintWords(const InspectResult& st, FILE* pOut)
         fprintf(pOut, "files: %d listed\n", st.m_pChecker->FileCount());
         for (int i = 0; i < st.m_pChecker->FileCount(); i++) PrintFileWords(st.m_pChecker->File(i), st.m_bCheck, pOut);
     }
+    PrintRedoGroupWords(st.m_vGroups, pOut);
     if (st.m_bLoaded)
         fprintf(pOut, "backups looked for under: \"%s\" (%s)\n", st.m_strArchivePath.c_str(),
                 st.m_strIniPath.empty() ? "as the system file records it" : ("from " + st.m_strIniPath).c_str());
@@ -227,6 +228,15 @@ void PrintJson(const InspectResult& st, FILE* pOut)
     for (int i = 0; st.m_bLoaded && i < st.m_pChecker->FileCount(); i++) {
         if (i > 0) fprintf(pOut, ",");
         JsonFile(st.m_pChecker->File(i), pOut);
+    }
+    fprintf(pOut, "],\"redo_groups\":[");
+    for (size_t i = 0; i < st.m_vGroups.size(); i++) {
+        const InspectedGroup& g = st.m_vGroups[i];
+        fprintf(pOut, "%s{\"group\":%d,\"path\":", i > 0 ? "," : "", g.m_nGroup);
+        JsonString(g.m_strPath.c_str(), pOut);
+        fprintf(pOut, ",\"problem\":");
+        JsonString(g.m_strProblem.c_str(), pOut);
+        fprintf(pOut, ",\"log\":%u,\"state\":%d,\"effective_size\":%u}", g.m_nLogNo, g.m_bState, g.m_nEffectiveSize);
     }
     fprintf(pOut, "],\"backups\":[");
     for (size_t i = 0; i < st.m_vBackups.size(); i++) {

@@ -21,6 +21,16 @@ struct InspectedBackup {
     int m_nLevel = -1;
 };
 
+// The head of one online redo group.
+struct InspectedGroup {
+    int m_nGroup = 0;
+    std::string m_strPath;
+    std::string m_strProblem;    // "" when the head is a redo head of this database
+    UINT m_nLogNo = 0;
+    BYTE m_bState = 0;
+    UINT m_nEffectiveSize = 0;
+};
+
 struct InspectResult {
     std::string m_strSystemPath;
     std::string m_strIniPath;      // the ini read for the archive destinations, or ""
@@ -30,6 +40,7 @@ struct InspectResult {
     CDbChecker* m_pChecker = nullptr;
     std::vector<DBFINDING> m_vFindings;
     std::vector<InspectedBackup> m_vBackups;
+    std::vector<InspectedGroup> m_vGroups;
     CTalvorTerminalProgress* m_pProgress = nullptr;  // drawn only on a terminal
 };
 
@@ -42,6 +53,10 @@ void PrintJson(const InspectResult& st, FILE* pOut);
 // lpArchiveDesPath: the destination list (the ini's, else the head's).
 std::vector<InspectedBackup> FindBackups(const char* lpArchiveDesPath, int nSize, bool bVerify);
 void PrintBackupWords(const std::vector<InspectedBackup>& v, FILE* pOut);
+
+// The heads of the redo groups of the database directory (with "/").
+std::vector<InspectedGroup> ReadRedoGroups(const std::string& strDatabaseDir, const SYSTEMFILEHEAD* h);
+void PrintRedoGroupWords(const std::vector<InspectedGroup>& v, FILE* pOut);
 
 // The ini an installation keeps for the database directory, or "".
 std::string DefaultIniPath(const std::string& strDatabaseDir);

@@ -77,6 +77,8 @@ int InspectDatabaseDir(const InspectOptions& stOptions, FILE* pOut, FILE* pErr)
     if (stResult.m_bLoaded) {
         checker.Run(stOptions.m_bCheck ? TRUE : FALSE);
         FindArchivePath(stOptions, checker.SystemHead(), &stResult);
+        const std::string& strSystem = stResult.m_strSystemPath;
+        stResult.m_vGroups = ReadRedoGroups(strSystem.substr(0, strSystem.rfind('/') + 1), checker.SystemHead());
         stResult.m_vBackups = FindBackups(stResult.m_strArchivePath.c_str(), (int)stResult.m_strArchivePath.size(),
                                           stOptions.m_bCheck);
     }
