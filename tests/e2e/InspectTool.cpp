@@ -195,6 +195,35 @@ TEST_F(InspectTool, CacheModeDamagesAreFoundPageByPage)
     EXPECT_TRUE(Names(v[1], "mark", 5, hi.m_nBlockMapStartOffset)) << v[1];
 }
 
+// Cache-mode chains run by block number through the map entries: three
+// blocks whose chain comes back to its first block.
+TEST_F(InspectTool, ACacheModeChainThatComesBackIsALoop)
+{
+    std::string strTable = Path("Table4.dbf");
+    TABLEFILEHEAD h = ReadRecord<TABLEFILEHEAD>(strTable, 0);
+    long long nMap = h.m_nBlockMapStartOffset;
+    ASSERT_TRUE(WriteValue<int>(strTable, nMap + offsetof(BASEFILEBLOCKMAPHEAD_CACHE, m_nBlockMapNum), 3));
+    for (UINT n = 1; n <= 3; n++) {
+        BASEFILEBLOCKMAP_CACHE e;
+        memset(&e, 0, sizeof(e));
+        e.m_nBlockNo = n;
+        e.m_nBlockSize = CACHE_PAGE_SIZE;
+        e.m_nNextBlockNo = n == 3 ? 1 : n + 1;
+        e.m_nID = 5;
+        e.m_nBlockOffset = h.m_nBlockStartOffset + (long long)(n - 1) * CACHE_PAGE_SIZE;
+        ASSERT_TRUE(WriteFileAt(strTable, nMap + (long long)sizeof(BASEFILEBLOCKMAPHEAD_CACHE) + (n - 1) * sizeof(e),
+                                std::string((const char*)&e, sizeof(e))));
+    }
+    CACHEFILETABLEDEF o;
+    memset(&o, 0, sizeof(o));
+    o.m_nID = 5;
+    o.m_nFullBlockNo = 2;
+    ASSERT_TRUE(WriteFileAt(strTable, offsetof(TABLEFILEHEAD, m_stFileObject), std::string((const char*)&o, sizeof(o))));
+    std::string strLine = OnlyFinding();
+    EXPECT_TRUE(Names(strLine, "loop", 4, -1)) << strLine;
+    EXPECT_NE(std::string::npos, strLine.find("starts at block 2 comes back to block 2")) << strLine;
+}
+
 TEST_F(InspectTool, EveryDamageHasItsOwnLineAndJsonCountsThem)
 {
     std::string strData = Path("Data2.dbf");
