@@ -17,6 +17,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <vector>
 
 namespace talvorredodump {
 
@@ -134,6 +135,20 @@ void PrintStats(const RedoStats& s, FILE* pOut)
     fprintf(pOut, "\n");
 }
 
+struct HeldRecord {
+    long long m_nPos;
+    long long m_nSize;
+    BASEEXECUTEPLANHEAD m_stHead;
+};
+
+void PrintRecord(const HeldRecord& r, const MF_REDOLOGFILEHEAD& h, bool bStats, RedoStats* pStats, FILE* pOut)
+{
+    if (!bStats)
+        fprintf(pOut, "  log %u at %lld: size %lld, type %d, timestamp %lld, transaction %u\n", h.m_nSequenceNO, r.m_nPos,
+                r.m_nSize, r.m_stHead.m_nType, (long long)r.m_stHead.m_nTimestamp, (UINT)r.m_stHead.m_usTransactionNo);
+    pStats->Add(r.m_stHead);
+}
+
 int Refuse(const char* lpszPath, long long nOffset, const char* lpText, FILE* pOut)
 {
     fprintf(pOut, "refused: %s at offset %lld: %s\n", lpszPath, nOffset, lpText);
@@ -147,6 +162,7 @@ int WalkRecords(RedoReader& r, const char* lpszPath, const MF_REDOLOGFILEHEAD& h
     const bool bSealed = h.m_nEffectiveSize != 0;
     const long long nEnd = bSealed ? (long long)h.m_nEffectiveSize : r.m_nFileSize;
     RedoStats s;
+    std::vector<HeldRecord> vHeld;
     long long nPos = REDOLOGFILE_HEAD_SIZE;
     char szText[160];
     while (nPos < nEnd) {
@@ -182,12 +198,19 @@ int WalkRecords(RedoReader& r, const char* lpszPath, const MF_REDOLOGFILEHEAD& h
                          (UINT)st.m_nDataFlag, (UINT)st.m_nTotalDataSize);
             return Refuse(lpszPath, nPos, szText, pOut);
         }
-        if (!bStats)
-            fprintf(pOut, "  log %u at %lld: size %lld, type %d, timestamp %lld, transaction %u\n", h.m_nSequenceNO, nPos,
-                    nRecord, st.m_nType, (long long)st.m_nTimestamp, (UINT)st.m_usTransactionNo);
-        s.Add(st);
+        // In an open log a record without timestamp proves nothing (a stale
+        // one of the group's previous log looks the same): such records are
+        // held back until a record with a timestamp of this log follows.
+        vHeld.push_back({nPos, nRecord, st});
+        if (bSealed || st.m_nTimestamp != 0) {
+            for (const HeldRecord& r : vHeld) PrintRecord(r, h, bStats, &s, pOut);
+            vHeld.clear();
+        }
         nPos += nRecord;
     }
+    if (!vHeld.empty())
+        fprintf(pOut, "  %zu record%s without timestamp from %lld on not shown: nothing proves %s this log's\n",
+                vHeld.size(), vHeld.size() == 1 ? "" : "s", vHeld[0].m_nPos, vHeld.size() == 1 ? "it" : "them");
     if (bStats) PrintStats(s, pOut);
     fprintf(pOut, "  end: %lld records, %lld bytes\n", s.m_nRecords, s.m_nBytes);
     return REDODUMP_WHOLE;
