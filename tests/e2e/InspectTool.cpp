@@ -107,7 +107,7 @@ TEST_F(InspectTool, ABadBlockMarkIsFoundAtTheBlock)
 {
     std::string strData = Path("Data2.dbf");
     BASEFILEBLOCKMAP e = ReadRecord<BASEFILEBLOCKMAP>(strData, FirstEntryOffset(strData));
-    ASSERT_GT(e.m_nBlockOffset, 0);
+    ASSERT_GT((long long)e.m_nBlockOffset, 0);
     ASSERT_TRUE(WriteValue<int>(strData, e.m_nBlockOffset, 0x58585858));
     std::string strLine = OnlyFinding();
     EXPECT_TRUE(Names(strLine, "mark", 2, e.m_nBlockOffset)) << strLine;
@@ -119,7 +119,7 @@ TEST_F(InspectTool, AChainThatComesBackOnItselfIsALoop)
     std::string strData = Path("Data2.dbf");
     BASEFILEHEAD h = ReadRecord<BASEFILEHEAD>(strData, 0);
     BASEFILEOBJECTDEF o = ReadRecord<BASEFILEOBJECTDEF>(strData, h.m_nObjectInfoOffset);
-    ASSERT_NE(0, o.m_nID);
+    ASSERT_NE(0, (int)o.m_nID);
     long long nFirst = o.m_nFreeBlockMapOffset != 0 ? o.m_nFreeBlockMapOffset : o.m_nFullBlockMapOffset;
     ASSERT_GT(nFirst, 0);
     // The entry's next is itself: the save pass would run for ever.
@@ -170,7 +170,7 @@ TEST_F(InspectTool, CacheModeDamagesAreFoundPageByPage)
 {
     std::string strTable = Path("Table4.dbf");
     TABLEFILEHEAD h = ReadRecord<TABLEFILEHEAD>(strTable, 0);
-    ASSERT_GT(h.m_nBlockMapStartOffset, 0);
+    ASSERT_GT((int)h.m_nBlockMapStartOffset, 0);
     // A map entry in use whose block lies past the end of the file.
     long long nMap = h.m_nBlockMapStartOffset;
     ASSERT_TRUE(WriteValue<int>(strTable, nMap + offsetof(BASEFILEBLOCKMAPHEAD_CACHE, m_nBlockMapNum), 1));
