@@ -94,7 +94,7 @@ inline std::string BackupToolPath() { return std::string(TALVOR_BIN_DIR) + "/tal
 // talvor-peer backup ARGS...; the closing line read.
 inline ClusterLine BackupJob(DaemonSandbox& box, const std::vector<std::string>& vArgs)
 {
-    std::vector<std::string> vCmd = {PeerPath(), "backup"};
+    std::vector<std::string> vCmd = {PeerPath(), "backup", "--progress-lines"};
     vCmd.insert(vCmd.end(), vArgs.begin(), vArgs.end());
     std::string strOut;
     int nExit = box.Run(vCmd, 600000, &strOut);
