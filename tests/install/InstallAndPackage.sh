@@ -38,7 +38,7 @@ UNIT="$TREE/lib/systemd/system/talvor-storage.service"
 grep -qx 'ExecStart=/opt/talvor/bin/TalvorStorage' "$UNIT" || fail "the unit does not start the installed program"
 grep -qx 'ConditionPathExists=/opt/talvor/Data/Talvor/System.dbf' "$UNIT" || fail "the unit does not wait for a database"
 grep -qx 'KillSignal=SIGTERM' "$UNIT" || fail "the unit does not stop with SIGTERM"
-grep -qx 'Restart=on-failure' "$UNIT" || fail "the unit does not restart on failure"
+grep -qx 'Restart=always' "$UNIT" || fail "the unit does not restart a daemon that ended by itself"
 
 step "a second install keeps the operator's ini"
 echo "# the operator's own line" >> "$INI"
