@@ -263,25 +263,6 @@ void ServeJoin(int sk, JoinNode& node, long long nDeadlineMs)
     node.DropFileInHand();
 }
 
-int ListenLoopback(long long nPort, int& nBound)
-{
-    int skListen = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int nOn = 1;
-    setsockopt(skListen, SOL_SOCKET, SO_REUSEADDR, &nOn, sizeof(nOn));
-    struct sockaddr_in stAddr = {};
-    stAddr.sin_family = AF_INET;
-    stAddr.sin_port = htons((USHORT)nPort);
-    stAddr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t nLen = sizeof(stAddr);
-    if (skListen < 0 || bind(skListen, (struct sockaddr*)&stAddr, sizeof(stAddr)) != 0 || listen(skListen, 16) != 0 ||
-        getsockname(skListen, (struct sockaddr*)&stAddr, &nLen) != 0) {
-        if (skListen >= 0) close(skListen);
-        return -1;
-    }
-    nBound = ntohs(stAddr.sin_port);
-    return skListen;
-}
-
 } // namespace
 
 std::string JoinNodeJobUsage()
@@ -321,7 +302,7 @@ int RunJoinNodeJob(const std::vector<std::string>& args)
     signal(SIGTERM, OnNodeTerm);
     signal(SIGINT, OnNodeTerm);
     int nBound = 0;
-    int skListen = ListenLoopback(nPort, nBound);
+    int skListen = PeerListenLoopback(nPort, nBound);
     if (skListen < 0) {
         fprintf(stderr, "talvor-peer join-node: cannot listen on port %lld: %s\n", nPort, strerror(errno));
         return PEER_IPC;

@@ -24,6 +24,9 @@ long long NowMs();
 // nSize bytes; false when the peer closed, a stop came or time ran out.
 bool RecvAll(int sk, void* lpBuf, size_t nSize, long long nDeadlineMs);
 bool SendAll(int sk, const void* lpBuf, size_t nSize);
+// A listening socket on 127.0.0.1 at nPort (0: any free port), its port in
+// nBound; -1 with errno set when it cannot be had.
+int PeerListenLoopback(long long nPort, int& nBound);
 // A reply of bType to stAsk, with its token and nCode in m_lDigitalData.
 MF_SERVICE_TCP_COMMAND Reply(const MF_SERVICE_TCP_COMMAND& stAsk, BYTE bType, int nCode);
 

@@ -83,6 +83,25 @@ bool SendAll(int sk, const void* lpBuf, size_t nSize)
     return send(sk, lpBuf, nSize, MSG_NOSIGNAL) == (ssize_t)nSize;
 }
 
+int PeerListenLoopback(long long nPort, int& nBound)
+{
+    int skListen = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int nOn = 1;
+    setsockopt(skListen, SOL_SOCKET, SO_REUSEADDR, &nOn, sizeof(nOn));
+    struct sockaddr_in stAddr = {};
+    stAddr.sin_family = AF_INET;
+    stAddr.sin_port = htons((USHORT)nPort);
+    stAddr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t nLen = sizeof(stAddr);
+    if (skListen < 0 || bind(skListen, (struct sockaddr*)&stAddr, sizeof(stAddr)) != 0 || listen(skListen, 16) != 0 ||
+        getsockname(skListen, (struct sockaddr*)&stAddr, &nLen) != 0) {
+        if (skListen >= 0) close(skListen);
+        return -1;
+    }
+    nBound = ntohs(stAddr.sin_port);
+    return skListen;
+}
+
 MF_SERVICE_TCP_COMMAND Reply(const MF_SERVICE_TCP_COMMAND& stAsk, BYTE bType, int nCode)
 {
     MF_SERVICE_TCP_COMMAND stReply;
@@ -203,20 +222,13 @@ int RunStandbyNodeJob(const std::vector<std::string>& args)
     mkdir(st.strDir.c_str(), 0755);
     signal(SIGTERM, OnNodeTerm);
     signal(SIGINT, OnNodeTerm);
-    int skListen = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int nOn = 1;
-    setsockopt(skListen, SOL_SOCKET, SO_REUSEADDR, &nOn, sizeof(nOn));
-    struct sockaddr_in stAddr = {};
-    stAddr.sin_family = AF_INET;
-    stAddr.sin_port = htons((USHORT)nPort);
-    stAddr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t nLen = sizeof(stAddr);
-    if (skListen < 0 || bind(skListen, (struct sockaddr*)&stAddr, sizeof(stAddr)) != 0 || listen(skListen, 16) != 0 ||
-        getsockname(skListen, (struct sockaddr*)&stAddr, &nLen) != 0) {
+    int nBound = 0;
+    int skListen = PeerListenLoopback(nPort, nBound);
+    if (skListen < 0) {
         fprintf(stderr, "talvor-peer standby-node: cannot listen on port %lld: %s\n", nPort, strerror(errno));
         return PEER_IPC;
     }
-    printf("listening on port %u\n", (unsigned)ntohs(stAddr.sin_port));
+    printf("listening on port %d\n", nBound);
     fflush(stdout);
     long long nDeadline = NowMs() + nSeconds * 1000;
     long long nConnections = 0;
