@@ -1,6 +1,7 @@
 // BackupTool.cpp — the verify verb: the verifier's report in words.
 #include "BackupTool.h"
 
+#include "DbFileCheck.h"
 #include "MemDBCommonDef.h"
 #include "TalvorBackupChain.h"
 #include "TalvorBackupVerify.h"
@@ -21,19 +22,6 @@ void Usage(FILE* pErr)
 {
     fprintf(pErr, "usage: talvor-backup verify FILE\n"
                   "       talvor-backup verify --chain FILE   (FILE and every backup below it, down to the full one)\n");
-}
-
-const char* FileTypeName(BYTE bFileType)
-{
-    switch (bFileType) {
-    case FILETYPE_SYSTEM: return "system";
-    case FILETYPE_DATA: return "data";
-    case FILETYPE_BTREEINDEX: return "btree-index";
-    case FILETYPE_KVINDEX: return "kv-index";
-    case FILETYPE_TABLE: return "table";
-    case FILETYPE_INDEX: return "index";
-    default: return "unknown";
-    }
 }
 
 // The backup time as UTC text; the raw value when it lies outside the
@@ -69,7 +57,7 @@ void PrintItems(const BACKUPVERIFYREPORT& stReport, FILE* pOut)
 {
     for (int i = 0; i < stReport.m_nItemNum; i++) {
         const BACKUPRESTOREITEM& stItem = stReport.m_arItem[i];
-        fprintf(pOut, "  file %d (%s) %s: size %lld, ", (int)stItem.m_bFileNo, FileTypeName(stItem.m_bFileType),
+        fprintf(pOut, "  file %d (%s) %s: size %lld, ", (int)stItem.m_bFileNo, DbFileTypeName(stItem.m_bFileType),
                 stItem.m_lpszFilePath, stItem.m_nFileSize);
         if (stReport.m_nLevel != BACKUPLEVEL_FULL && stItem.m_nPieceNum == 0)
             fprintf(pOut, "unchanged, nothing to apply\n");
