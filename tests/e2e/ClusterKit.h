@@ -189,6 +189,19 @@ private:
     std::thread m_thread;
 };
 
+// The port a node listener of the stand-in, started by box.Spawn under
+// strName, printed ("listening on port N"); 0 when none came within 5 s.
+inline int ListenerPort(DaemonSandbox& box, const std::string& strName)
+{
+    for (int i = 0; i < 500; i++) {
+        std::string strOut = ReadWholeFile(box.Root() + "/" + strName + ".out");
+        size_t n = strOut.find("listening on port ");
+        if (n != std::string::npos) return atoi(strOut.c_str() + n + 18);
+        usleep(10000);
+    }
+    return 0;
+}
+
 // The targets of the process's open descriptors that lie under strDir,
 // each with how often it is open.
 inline std::map<std::string, int> OpenFilesUnder(pid_t pid, const std::string& strDir)

@@ -40,18 +40,6 @@ std::string WithoutPaths(std::string strFile)
     return nResult == DBCHAIN_OK ? strFile : std::string();
 }
 
-// The port a listener printed, or 0.
-int PrintedPort(DaemonSandbox& box, const std::string& strName)
-{
-    for (int i = 0; i < 500; i++) {
-        std::string strOut = ReadWholeFile(box.Root() + "/" + strName + ".out");
-        size_t n = strOut.find("listening on port ");
-        if (n != std::string::npos) return atoi(strOut.c_str() + n + 18);
-        usleep(10000);
-    }
-    return 0;
-}
-
 class NodeJoin : public RunningDaemon {
 protected:
     void SetUp() override { ASSERT_TRUE(m_node.Ok()); }
@@ -78,7 +66,7 @@ protected:
         m_nNode = m_node.Spawn(vCmd, strName);
         ASSERT_GT(m_nNode, 0);
         m_strNodeName = strName;
-        m_nPort = PrintedPort(m_node, strName);
+        m_nPort = ListenerPort(m_node, strName);
         ASSERT_GT(m_nPort, 0);
     }
     // Stops the listener; its output.

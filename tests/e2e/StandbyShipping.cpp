@@ -14,18 +14,6 @@ namespace {
 
 const int SHIP_WAIT_MS = 60000;
 
-// The port the standby listener printed, or 0.
-int ListenerPort(DaemonSandbox& box, const std::string& strName)
-{
-    for (int i = 0; i < 500; i++) {
-        std::string strOut = ReadWholeFile(box.Root() + "/" + strName + ".out");
-        size_t n = strOut.find("listening on port ");
-        if (n != std::string::npos) return atoi(strOut.c_str() + n + 18);
-        usleep(10000);
-    }
-    return 0;
-}
-
 // Log number to bytes of every file "LogN.log" in strDir.
 std::map<int, std::string> LogsIn(const std::string& strDir)
 {
