@@ -20,22 +20,12 @@ cd "$(dirname "$0")/.."
 build=${1:-build}
 blocks=${2:-600}
 bin=$(cd "$build/bin" && pwd)
-root=$(mktemp -d "${TALVOR_BENCH_DIR:-/tmp}/talvor-chain-bench-XXXXXX")
-trap 'rm -rf "$root"' EXIT
-mkdir -p "$root/bin" "$root/Data/Talvor" "$root/Arch" "$root/cp"
-cp "$bin/TalvorStorage" "$root/bin/"
+. bench/BenchKit.sh
+bench_root chain "$bin"
+mkdir -p "$root/Arch" "$root/cp"
 "$bin/talvor-mkdb" --dir "$root/Data/Talvor" --name Chain --data-file 512 --btree-file 64 --kv-file 64 \
   --redo-groups 3 --redo-size 16 >/dev/null
-cat > "$root/bin/TalvorConfig.ini" <<INI
-[System]
-databasepath=$root/Data/Talvor/
-Language=0
-persistenceintervals=1
-buffercachesize=0
-undoareasize=16
-archivetype=1
-archivedespath=$root/Arch/
-INI
+bench_ini "$root" persistenceintervals=1 archivetype=1 "archivedespath=$root/Arch/"
 
 unshare --ipc --mount --propagation private bash -c '
   set -e
@@ -44,7 +34,7 @@ unshare --ipc --mount --propagation private bash -c '
   now() { date +%s%N; }
   db="$root/Data/Talvor"
   "$root/bin/TalvorStorage" & pid=$!
-  for _ in $(seq 600); do grep -qs "service started" "$db"/Log/TalvorStorage*.log && break; sleep 0.05; done
+  bench_wait_started "$root"
   # Commits COUNT transactions over BLOCKS blocks per map block and waits
   # until a pass has the last one on disk.
   commit() {

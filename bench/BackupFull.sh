@@ -19,10 +19,9 @@ cd "$(dirname "$0")/.."
 build=${1:-build}
 mib=${2:-256}
 bin=$(cd "$build/bin" && pwd)
-root=$(mktemp -d "${TALVOR_BENCH_DIR:-/tmp}/talvor-backup-bench-XXXXXX")
-trap 'rm -rf "$root"' EXIT
-mkdir -p "$root/bin" "$root/Data/Talvor" "$root/Arch" "$root/cp"
-cp "$bin/TalvorStorage" "$root/bin/"
+. bench/BenchKit.sh
+bench_root backup "$bin"
+mkdir -p "$root/Arch" "$root/cp"
 "$bin/talvor-mkdb" --dir "$root/Data/Talvor" --name Bench --data-file $((mib + 8)) --btree-file 4 --kv-file 4 \
   --redo-groups 3 --redo-size 4 >/dev/null
 # The used part of the data file: random bytes up to MIB MiB, and the head's
@@ -42,16 +41,7 @@ with open(path, "r+b") as f:
     f.seek(78)
     f.write(struct.pack("<q", end))
 PY
-cat > "$root/bin/TalvorConfig.ini" <<INI
-[System]
-databasepath=$root/Data/Talvor/
-Language=0
-persistenceintervals=300
-buffercachesize=0
-undoareasize=16
-archivetype=1
-archivedespath=$root/Arch/
-INI
+bench_ini "$root" persistenceintervals=300 archivetype=1 "archivedespath=$root/Arch/"
 
 unshare --ipc --mount --propagation private bash -c '
   set -e
@@ -59,10 +49,7 @@ unshare --ipc --mount --propagation private bash -c '
   root=$1; bin=$2
   now() { date +%s.%N; }
   "$root/bin/TalvorStorage" & pid=$!
-  for i in $(seq 1 600); do
-    grep -qs "service started" "$root"/Data/Talvor/Log/TalvorStorage*.log && break
-    sleep 0.05
-  done
+  bench_wait_started "$root"
   # Both sides read the files from the disk: the backup reads with direct
   # I/O, so the page cache of each database file is dropped before each
   # side (for these files only).

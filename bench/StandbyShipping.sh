@@ -14,28 +14,18 @@ cd "$(dirname "$0")/.."
 build=${1:-build}
 mib=${2:-256}
 bin=$(cd "$build/bin" && pwd)
-root=$(mktemp -d "${TALVOR_BENCH_DIR:-/tmp}/talvor-ship-bench-XXXXXX")
-trap 'rm -rf "$root"' EXIT
-mkdir -p "$root/bin" "$root/Data/Talvor" "$root/Arch" "$root/Standby"
-cp "$bin/TalvorStorage" "$root/bin/"
+. bench/BenchKit.sh
+bench_root ship "$bin"
+mkdir -p "$root/Arch" "$root/Standby"
 "$bin/talvor-mkdb" --dir "$root/Data/Talvor" --name Ship --data-file 8 --redo-groups 3 --redo-size 16 >/dev/null
-cat > "$root/bin/TalvorConfig.ini" <<INI
-[System]
-databasepath=$root/Data/Talvor/
-Language=0
-persistenceintervals=300
-buffercachesize=0
-undoareasize=16
-archivetype=1
-archivedespath=$root/Arch/
-INI
+bench_ini "$root" persistenceintervals=300 archivetype=1 "archivedespath=$root/Arch/"
 records=$(( mib * 16 ))
 unshare --ipc --mount --propagation private bash -c '
   set -e
   mount -t tmpfs tmpfs /dev/shm && mount -t tmpfs tmpfs /var/run
   root=$1; bin=$2; records=$3
   "$root/bin/TalvorStorage" & pid=$!
-  for _ in $(seq 200); do grep -qs "service started" "$root"/Data/Talvor/Log/TalvorStorage*.log && break; sleep 0.05; done
+  bench_wait_started "$root"
   out=$("$bin/talvor-peer" redo --records "$records" --seed 5 --size 65536 --seal-end)
   logno=$(sed -n "s/.* logno=\([0-9]*\).*/\1/p" <<< "$out")
   # Every sealed log archived before the standby comes.
@@ -59,30 +49,7 @@ unshare --ipc --mount --propagation private bash -c '
 ' bench "$root" "$bin" "$records"
 read -r bytes ship_us < "$root/ship.result"
 cat "$root"/Arch/ArchiveLog/Log*.log > "$root/all.bin"
-raw_us=$(python3 - "$root/all.bin" "$root/raw.out" <<'PY'
-import os, socket, sys, threading, time
-src, dst = sys.argv[1], sys.argv[2]
-srv = socket.socket(); srv.bind(("127.0.0.1", 0)); srv.listen(1)
-def receive():
-    c, _ = srv.accept()
-    with open(dst, "wb") as f:
-        while True:
-            b = c.recv(1 << 20)
-            if not b: break
-            f.write(b)
-        f.flush(); os.fsync(f.fileno())
-t = threading.Thread(target=receive); t.start()
-t0 = time.monotonic()
-s = socket.create_connection(srv.getsockname())
-with open(src, "rb") as f:
-    while True:
-        b = f.read(4 << 20)
-        if not b: break
-        s.sendall(b)
-s.close(); t.join()
-print(int((time.monotonic() - t0) * 1e6))
-PY
-)
+raw_us=$(bench_raw_tcp_us "$root/raw.out" "$(stat -c %s "$root/all.bin")" "$root/all.bin")
 awk -v b="$bytes" -v s="$ship_us" -v r="$raw_us" 'BEGIN {
   ship = b / s; raw = b / r;
   printf "standby catch-up: %.1f MB/s (%d bytes in %.2f s); raw loopback copy of the same bytes: %.1f MB/s; ratio %.2f (goal: at least 0.50)\n",
