@@ -619,7 +619,7 @@ int MakeDirs(const char* lpszFilePath, size_t nCopySize, BOOL bBackslashToo)
 
 int MakeDir(const char* lpszFilePath) { return MakeDirs(lpszFilePath, MAX_PATH, FALSE); }
 
-void* get_aligned_buffer(size_t nSize) { return memalign(512, nSize); }
+void* get_aligned_buffer(size_t nSize) { return memalign(ALIGNED_BUFFER_ALIGNMENT, nSize); }
 
 void* Talvor_MakeFileHandle(int fd)
 {
