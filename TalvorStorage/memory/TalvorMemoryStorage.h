@@ -73,6 +73,9 @@ public:
 private:
     BOOL m_bTookOver = FALSE;
     BOOL m_bKeepSegment = FALSE;
+    // The file's size on disk at start; the system file's image may be
+    // smaller (grown on command, taken over at its old size).
+    long long m_nDiskFileSize = 0;
     // The map blocks the save pass last wrote and synced; forgotten by every
     // other writer of the file.
     CMemoryMapOnDisk m_stMapOnDisk;
