@@ -126,6 +126,17 @@ BOOL CTalvorMemoryStorage::SettleFileSize()
     return TRUE;
 }
 
+long long CTalvorMemoryStorage::DiskHeadSize()
+{
+    int fd = Talvor_FileDescriptor(m_pFileInfo->m_hFile);
+    LPBYTE lpProbe = (LPBYTE)get_aligned_buffer(SIZE_PROBE_BYTES);
+    long long nSize = -1;
+    if (lpProbe != nullptr && TalvorReadFull(fd, lpProbe, SIZE_PROBE_BYTES, 0))
+        nSize = ((LPBASEFILEHEAD)lpProbe)->m_nFileTotalSize;
+    free(lpProbe);
+    return nSize;
+}
+
 int CTalvorMemoryStorage::AttachSegment(BOOL& bExists)
 {
     LPFILEINFO p = m_pFileInfo;
@@ -151,6 +162,19 @@ int CTalvorMemoryStorage::AttachSegment(BOOL& bExists)
         // The system file grows on command while its image keeps its size
         // until a start makes it anew: an image of the size before the
         // growth is the engine's, and is taken over at that size.
+        // Any other file: a growth that the process did not live to finish
+        // leaves the file longer than its head says and its image at the
+        // old size; the head on disk tells, and the image is taken over at
+        // its size (the tail is zeros nobody uses yet).
+        if (p->m_bFileType != FILETYPE_SYSTEM && nSegSize < p->m_liFileSize &&
+            nSegSize >= MinimumFileSize((BYTE)p->m_bFileType) && DiskHeadSize() <= nSegSize &&
+            DiskHeadSize() > 0) {
+            Trace("Initialize", 3, 40001019,
+                  TALVOR_TEXT("文件的增长未完成,保留下来的内存文件按其大小接管,内存文件:%s,内存大小:%lld,文件大小:%lld",
+                              "The file's growth did not finish, and the memory file that survived is taken over at its size, memory file: %s, memory size: %lld, file size: %lld"),
+                  p->m_lpszTablespaceName, nSegSize, p->m_liFileSize);
+            p->m_liFileSize = nSegSize;
+        }
         if (p->m_bFileType == FILETYPE_SYSTEM && nSegSize < p->m_liFileSize &&
             nSegSize >= MinimumFileSize(FILETYPE_SYSTEM)) {
             Trace("Initialize", 3, 40001018,

@@ -86,6 +86,8 @@ private:
     int OpenExistingFile();
     BOOL SettleFileSize();
     int AttachSegment(BOOL& bExists);
+    // The size the head on disk gives the file; -1 when it cannot be read.
+    long long DiskHeadSize();
     int LoadImage(LPTALVORPROGRESS lpTalvorProgress, long long nTotalProgress);
     int CheckImageHead();
     // Creates and attaches a segment of nSize bytes under the file's key,

@@ -49,6 +49,10 @@ public:
                              BOOL bExit);
     // One block of the file list: a descriptor for every live row.
     BOOL LoadMemDBFileData(LPSYSTEMBLOCKHEAD lpSystemBlockHead);
+    // The row at lpRow's place in the list on disk into lpSettled: TRUE when
+    // it is a live row of the same file with no command (traced either
+    // way). Main thread, at start.
+    BOOL SettledRowOnDisk(LPFILE_MEMDBFILEINFO lpRow, LPFILE_MEMDBFILEINFO lpSettled);
     // One block of the file list of a moved database: rows under lpszSrcPath
     // move under lpszDirPath, and the block is written to the system file.
     BOOL CorrectDBFileData(LPSYSTEMBLOCKHEAD lpSystemBlockHead, char* lpszDirPath, char* lpszSrcPath);

@@ -46,9 +46,9 @@ struct RowSpec {
     long long m_nFileSize;
 };
 
-class FileCommands : public ::testing::Test {
-protected:
-    void SetUp() override { m_db.MakeStartAndSave(); }
+// The engine's side of the file list over a database of its own.
+class ListEngine {
+public:
 
     LPFILE_MEMDBFILEINFO Row(BYTE bFileNo)
     {
@@ -103,7 +103,7 @@ protected:
     // The storage thread's turn: the walk, then the pass.
     void Serve()
     {
-        ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+        EXPECT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
         m_db.Pass();
     }
     // The live row of bFileNo in the list on disk, or an empty row.
@@ -145,6 +145,11 @@ protected:
     std::string NewPath(const std::string& strName) { return m_db.m_tree.Dir() + strName; }
 
     PersistenceDb m_db;
+};
+
+class FileCommands : public ::testing::Test, public ListEngine {
+protected:
+    void SetUp() override { m_db.MakeStartAndSave(); }
 };
 
 } // namespace
@@ -512,4 +517,93 @@ TEST_F(FileCommands, ADeleteDropsTheRowOnDiskBeforeTheFileGoes)
     ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
     EXPECT_EQ(nullptr, m_db.File(2));
     EXPECT_NE(nullptr, m_db.File(3));
+}
+
+namespace {
+
+// One command of the engine, asked of a fresh database.
+struct CrashCommand {
+    const char* m_lpName;
+    std::function<void(ListEngine&)> m_fnAsk;
+};
+
+const CrashCommand g_arCrashCommands[] = {
+    {"add", [](ListEngine& e) { e.Ask({FILECMD_ADD, 6, FILETYPE_DATA, e.NewPath("sub/Add6.dbf"), "Add6", 4 * DB_MIB}); }},
+    {"move", [](ListEngine& e) { e.Ask({FILECMD_MOVE, 3, 0, e.NewPath("sub/Moved3.dbf"), "", 0}); }},
+    {"resize", [](ListEngine& e) { e.Ask({FILECMD_RESIZE, 4, 0, "", "", 8 * DB_MIB}); }},
+    {"delete", [](ListEngine& e) { e.Ask({FILECMD_DELETE, 2, 0, "", "", 0}); }},
+    {"system resize", [](ListEngine& e) {
+         e.Ask({FILECMD_RESIZE, 1, 0, "", "", e.m_db.File(1)->m_liFileSize + 4 * DB_MIB});
+     }},
+};
+
+const FileOp g_arCrashOps[] = {FileOp::PWrite, FileOp::FSync, FileOp::SyncDirectory, FileOp::Unlink, FileOp::MkDir,
+                               FileOp::FTruncate};
+
+enum CrashKind { CRASH_KILL, CRASH_POWER };
+
+// The command and the pass after it, with the device dying once nCalls
+// calls of eOp were made (-1: never); the calls of eOp it made.
+long long RunUnderCrash(ListEngine& e, const CrashCommand& command, FileOp eOp, long long nCalls, CrashKind eKind)
+{
+    command.m_fnAsk(e);
+    FaultFileIO io;
+    if (nCalls >= 0) io.DieAfter(eOp, nCalls);
+    {
+        ScopedFileIO scope(&io);
+        e.m_db.Module().FileCMD(&e.m_db.m_stCrit);
+        e.m_db.Pass();
+        if (eKind == CRASH_POWER) io.LosePower(NameLoss::Undo);
+    }
+    return io.Calls(eOp);
+}
+
+// After the crash: the process is gone (its images stay, or go with the
+// power); the next start must load what the disk and the images hold.
+void RestartAfterCrash(ListEngine& e, CrashKind eKind, const std::string& strWhere)
+{
+    if (eKind == CRASH_KILL) {
+        e.KillStop();
+    } else {
+        e.m_db.Stop();
+        RemoveImageSegments();
+    }
+    EXPECT_EQ("", e.ListAgreesWithFiles()) << strWhere;
+    EXPECT_EQ(S_OK, e.m_db.Start()) << strWhere << "\n" << e.m_db.m_tree.Trace();
+    e.m_db.Stop();
+    RemoveImageSegments();
+}
+
+} // namespace
+
+// The device dies after every call that changes it, of every kind, in turn
+// — then the process is killed, or the power goes: each command leaves a
+// list and files that the next start loads.
+TEST(FileCommandCrashes, EveryStepOfEveryCommandLeavesADatabaseThatStarts)
+{
+    RemoveImageSegments();
+    for (const CrashCommand& command : g_arCrashCommands) {
+        for (FileOp eOp : g_arCrashOps) {
+            long long nCalls = 0;
+            {
+                ListEngine e;
+                e.m_db.MakeStartAndSave();
+                nCalls = RunUnderCrash(e, command, eOp, -1, CRASH_KILL);
+                e.m_db.Stop();
+                RemoveImageSegments();
+            }
+            for (long long k = 0; k <= nCalls; k++) {
+                for (CrashKind eKind : {CRASH_KILL, CRASH_POWER}) {
+                    std::string strWhere = std::string(command.m_lpName) + ": device dead after call " +
+                                           std::to_string(k) + " of kind " + std::to_string((int)eOp) +
+                                           (eKind == CRASH_KILL ? ", killed" : ", power lost");
+                    ListEngine e;
+                    e.m_db.MakeStartAndSave();
+                    RunUnderCrash(e, command, eOp, k, eKind);
+                    RestartAfterCrash(e, eKind, strWhere);
+                    if (HasFailure()) return;
+                }
+            }
+        }
+    }
 }
