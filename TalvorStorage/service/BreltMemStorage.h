@@ -296,6 +296,11 @@ private:
     // The new descriptor of an add, filled from the row; null when out of
     // memory.
     stu_FILEINFO* NewDescriptorFromRow(LPSYSTEMBLOCKHEAD lpBlock, LPFILE_MEMDBFILEINFO lpRow);
+    // A new cache-mode file's head pages need blocks of the cache hung on
+    // its number: when the engine has hung none, they are taken as a start
+    // takes them for a file it loads. 0, or non-zero when the cache has
+    // none to give.
+    int TakeCachePages(LPTALVORCRITICALSECTION lpCritSection, stu_FILEINFO* p);
     // Undoes a failed add: the object released, the file removed when this
     // add made it, the descriptor freed and its table entry cleared.
     void AbandonAdd(stu_FILEINFO* p, BOOL bRemoveFile);

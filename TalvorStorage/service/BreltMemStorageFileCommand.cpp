@@ -15,6 +15,7 @@
 // to the database's directories before anything is made or removed there.
 #include "BreltMemStorage.h"
 
+#include "CacheFileHeadArea.h"
 #include "DbFileLayout.h"
 #include "TalvorCacheStorage.h"
 #include "TalvorFileIO.h"
@@ -388,6 +389,14 @@ BYTE CBreltMemStorageModule::FileCmdAdd(LPTALVORCRITICALSECTION lpCritSection, L
     // Set before the file is made, so that a cache thread that looks for
     // files without a backend does not make a second one.
     p->m_pStorageFile = pStorage;
+    if (IsCacheFileType(bFileType) && TakeCachePages(lpCritSection, p) != 0) {
+        Trace("MemFileCMD", 1, 10060016,
+              TALVOR_TEXT("系统收到创建新内存文件的命令,但执行创建新内存文件失败,文件号:%d,文件路径:%s,内存文件名:%s",
+                          "The system received command to create new memory files but failed to execute new memory files, file number: %d, file path: %s, memory file name: %s"),
+              (int)bFileNo, row.m_szPath, row.m_szName);
+        AbandonAdd(p, FALSE);
+        return FILECMD_ADD_FAILED;
+    }
     const BOOL bExisted = TalvorPathExists(p->m_lpszFilePath);
     LPTALVORPROGRESS lpProgress = m_pFlashback != nullptr ? m_pFlashback->GetTalvorProgress() : nullptr;
     int nResult = 0;
@@ -419,6 +428,21 @@ BYTE CBreltMemStorageModule::FileCmdAdd(LPTALVORCRITICALSECTION lpCritSection, L
     p->m_pNext = m_pStorageInfo;
     m_pStorageInfo = p;
     return FILECMD_NONE;
+}
+
+int CBreltMemStorageModule::TakeCachePages(LPTALVORCRITICALSECTION lpCritSection, stu_FILEINFO* p)
+{
+    CTalvorCacheStorage* pCache = m_pTalvorCacheStorage;
+    if (pCache == nullptr || pCache->m_pCacheBufferHead == nullptr) return 1;
+    // Pages the engine already hung for the file are used as they are.
+    if (pCache->m_pCacheBufferHead->m_nFileInfoNo[p->m_bFileNo] != 0) return 0;
+    long long nArea = CacheHeadAreaSize((BYTE)p->m_bFileType, p->m_nMaxObjectNum);
+    if (nArea <= 0) return 1;
+    for (long long n = 0; n < nArea / CACHE_PAGE_SIZE; n++) {
+        long long llCacheOffset = 0;
+        if (pCache->LoadFile2Cache(lpCritSection, p->m_bFileNo, llCacheOffset) != 0) return 1;
+    }
+    return 0;
 }
 
 // ------------------------------------------------------- the list on disk

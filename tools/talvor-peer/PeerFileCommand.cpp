@@ -8,7 +8,9 @@
 
 #include <cstdio>
 #include <cstring>
+#include <sys/shm.h>
 #include <unistd.h>
+#include <vector>
 
 namespace talvorpeer {
 
@@ -106,6 +108,51 @@ bool RunFileCommands(CPeerEngine& engine, bool bLive, long long nTimeoutMs)
     return lpHead->m_bStorageCMD == STORAGECMD_FINISHED;
 }
 
+// The engine completes the head of a memory-mode file the daemon made: the
+// head, its objects, the maps and the first block, as a new file is laid
+// out, all of it marked to be saved at nTimestamp. False when the image
+// cannot be had or the layout does not fit.
+bool FormatNewMemoryFile(CPeerEngine& engine, const PeerFileRequest& request, long long nTimestamp)
+{
+    int nId = shmget(FileImageShmKey(request.m_bFileNo), 0, 0);
+    struct shmid_ds ds;
+    if (nId < 0 || shmctl(nId, IPC_STAT, &ds) != 0) return false;
+    long long nSize = (long long)ds.shm_segsz;
+    DBMEMFILEPLAN stPlan;
+    if (!DbPlanMemoryFile(request.m_bFileType, nSize, request.m_nMaxObjectNum, DbDefaultBlockSize(request.m_bFileType),
+                          &stPlan))
+        return false;
+    std::vector<BYTE> vLayout((size_t)stPlan.m_nFreeOffset);
+    if (!DbBuildMemoryFile(stPlan, request.m_bFileNo, engine.Head()->m_usDatabaseGuid, vLayout.data(),
+                           stPlan.m_nFreeOffset))
+        return false;
+    void* p = shmat(nId, nullptr, 0);
+    if (p == (void*)-1) return false;
+    LPBYTE lpImage = (LPBYTE)p;
+    // The body first, the head that points into it last.
+    memcpy(lpImage + stPlan.m_nHeaderSize, vLayout.data() + stPlan.m_nHeaderSize,
+           (size_t)(stPlan.m_nFreeOffset - stPlan.m_nHeaderSize));
+    PeerForEachMapEntry(vLayout.data(), stPlan.m_nFreeOffset, [&](int, const BASEFILEBLOCKMAP* lpEntry) {
+        LPBLOCKHEAD lpBlock = (LPBLOCKHEAD)(lpImage + lpEntry->m_nBlockOffset);
+        lpBlock->m_nTimestamp = nTimestamp;
+        lpBlock->m_bSaveFlag = 1;
+    });
+    PeerFence();
+    memcpy(lpImage, vLayout.data(), (size_t)stPlan.m_nHeaderSize);
+    LPBASEFILEHEAD lpHead = (LPBASEFILEHEAD)lpImage;
+    for (int i = 0; i < lpHead->m_nMaxObjectNum; i++) {
+        LPBASEFILEOBJECTDEF lpObject = DbMemoryFileObject(lpImage, nSize, i);
+        if (lpObject == nullptr || lpObject->m_nID == 0) continue;
+        lpObject->m_nFinishedTimestamp = nTimestamp;
+        lpObject->m_bSaveFlag = 1;
+    }
+    lpHead->m_nTimestamp = nTimestamp;
+    lpHead->m_bSaveFlag = 1;
+    PeerFence();
+    shmdt(p);
+    return true;
+}
+
 } // namespace
 
 int PeerAskFileCommand(CPeerEngine& engine, const PeerFileRequest& request, bool bLive, long long nTimeoutMs)
@@ -153,6 +200,9 @@ int PeerAskFileCommand(CPeerEngine& engine, const PeerFileRequest& request, bool
         lpRow->m_bFileCMD = FILECMD_NONE;
     } else if (request.m_bCommand == FILECMD_DELETE) {
         lpRow->m_bDropFlag = 1;
+    } else if (bAdd && IsMemoryFileType(request.m_bFileType) &&
+               !FormatNewMemoryFile(engine, request, engine.Head()->m_nEndTimestamp + 1)) {
+        nResult = PEERFILE_NOT_FORMATTED;
     }
     MarkListChanged(engine, at.m_lpBlock);
     return nResult;
@@ -257,6 +307,10 @@ int RunFileJob(const std::vector<std::string>& args)
         fprintf(stderr, "talvor-peer file: no row of file %lld%s\n", nNo,
                 bCommand == FILECMD_ADD ? " can be made: the list is full" : "");
         return PEER_INPUT;
+    }
+    if (nResult == PEERFILE_NOT_FORMATTED) {
+        fprintf(stderr, "talvor-peer file: file %lld was added, but its image could not be laid out\n", nNo);
+        return PEER_IPC;
     }
     if (nResult == PEERFILE_UNANSWERED) {
         fprintf(stderr, "talvor-peer file: no answer within %lld ms\n", nTimeoutMs);

@@ -3,7 +3,9 @@
 // image, writes the command into the row's m_bFileCMD, marks the list
 // changed, writes m_bStorageCMD = 1 and waits (bounded) for 32; the result
 // stands in the row. The engine then settles the row: a success stays, a
-// refused add is dropped, a refused move or resize takes the old value back.
+// refused add is dropped, a refused move or resize takes the old value back;
+// a new memory-mode file's image is laid out as a new file is, as the engine
+// completes what the daemon made.
 //
 // Two users: the data job asks a resize of the system file now and then in
 // the middle of its transactions, and the job "file" is an operator's front
@@ -32,6 +34,7 @@ struct PeerFileRequest {
 enum {
     PEERFILE_NO_ROW = -1,      // no live row of that number (or, for an add, no room in the list)
     PEERFILE_UNANSWERED = -2,  // no 32 within the time given
+    PEERFILE_NOT_FORMATTED = -3, // added, but the new image could not be laid out
 };
 
 // Carries out one request on the daemon and settles the row. nTimeoutMs
