@@ -681,6 +681,18 @@ BYTE CBreltMemStorageModule::FileCmdDelete(LPTALVORCRITICALSECTION lpCritSection
               (int)bFileNo, row.m_szPath, row.m_szName);
         return FILECMD_NO_SUCH_FILE;
     }
+    // The cache's threads are held off the file and a flush already under
+    // way is waited out (it holds the backend's latch), before the backend
+    // and its handles go: a descriptor closed under a flush could be reused
+    // by another file.
+    const BOOL bCache = IsCacheFileType((BYTE)p->m_bFileType) && m_pTalvorCacheStorage != nullptr;
+    if (bCache) {
+        m_pTalvorCacheStorage->m_bPauseFileNo = bFileNo;
+        usleep(CACHE_PAUSE_SETTLE_US);
+        if (p->m_pStorageFile != nullptr) {
+            CTalvorCriticalSectionPtr wait(&static_cast<CTalvorFileStorage*>(p->m_pStorageFile)->m_crit, lpCritSection);
+        }
+    }
     UnlinkStorageInfo(p);
     m_arFileInfo[bFileNo] = nullptr;
     if (p->m_pStorageFile != nullptr) p->m_pStorageFile->Release();
@@ -706,5 +718,6 @@ BYTE CBreltMemStorageModule::FileCmdDelete(LPTALVORCRITICALSECTION lpCritSection
               bAllowed ? errno : EPERM, (int)bFileNo, p->m_lpszFilePath, p->m_lpszTablespaceName);
     }
     free(p);
+    if (bCache) m_pTalvorCacheStorage->m_bPauseFileNo = 0;
     return FILECMD_NONE;
 }
