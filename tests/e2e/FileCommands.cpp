@@ -2,8 +2,8 @@
 // of both modes through the file list while the daemon runs ("talvor-peer
 // file"), and the daemon is stopped and started again after every step: the
 // list on disk and the files agree each time, and the start loads them. A
-// daemon killed in the middle of an add starts again on a list that agrees
-// with the files.
+// daemon killed in the middle of an add, a move or a drop starts again on a
+// list that agrees with the files.
 #include "DatabaseLoadKit.h"
 
 #include <csignal>
@@ -83,7 +83,9 @@ protected:
         std::string strTrace = m_box.ReadDaemonTrace();
         EXPECT_EQ(nExpect, nResult) << "rc " << rc << ": " << strOut << "\n"
                                     << strTrace.substr(strTrace.size() > 2000 ? strTrace.size() - 2000 : 0);
-        if (nResult >= 0) EXPECT_EQ(nResult == 0 ? 0 : 5, rc) << strOut;
+        if (nResult >= 0) {
+            EXPECT_EQ(nResult == 0 ? 0 : 5, rc) << strOut;
+        }
         return nResult;
     }
     // Empty when every live row of the list on disk names a file that is
@@ -244,5 +246,45 @@ TEST_F(FileCommandsE2E, ADaemonKilledDuringAnAddStartsAgain)
         EXPECT_EQ("", ListAgreesWithFiles()) << nDelayMs << " ms";
         Start();
         bNo++;
+    }
+}
+
+// The daemon killed at moments spread over the move of a large file, then
+// over its drop: each start loads a list that agrees with the files, and the
+// file is where the list on disk says.
+TEST_F(FileCommandsE2E, ADaemonKilledDuringAMoveOrADropStartsAgain)
+{
+    MakeDatabase(CACHE_MIB);
+    Start();
+    ASSERT_EQ(0, File({"add", "--no", "9", "--type", "2", "--path", Path("Large9.dbf"), "--size-mib", "192"}));
+    ASSERT_EQ(0, File({"add", "--no", "10", "--type", "10", "--path", Path("Table10.dbf"), "--size-mib", "64"}));
+    Restart("adds");
+    int nStep = 0;
+    for (int nDelayMs : {20, 150, 500}) {
+        for (const char* lpNo : {"9", "10"}) {
+            std::string strTo = Path("moved" + std::to_string(nStep++) + "/File" + lpNo + ".dbf");
+            pid_t peer = m_box.Spawn({PeerPath(), "file", "move", "--no", lpNo, "--path", strTo, "--timeout-ms", "2000"},
+                                     "peer-move" + std::to_string(nStep));
+            ASSERT_GT(peer, 0);
+            usleep((useconds_t)nDelayMs * 1000);
+            m_box.Signal(m_pid, SIGKILL);
+            m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS);
+            m_pid = -1;
+            m_box.WaitExit(peer, 30000);
+            EXPECT_EQ("", ListAgreesWithFiles()) << "move of " << lpNo << " killed after " << nDelayMs << " ms";
+            Start();
+        }
+    }
+    for (const char* lpNo : {"9", "10"}) {
+        pid_t peer = m_box.Spawn({PeerPath(), "file", "drop", "--no", lpNo, "--timeout-ms", "2000"},
+                                 std::string("peer-drop") + lpNo);
+        ASSERT_GT(peer, 0);
+        usleep(60000);
+        m_box.Signal(m_pid, SIGKILL);
+        m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS);
+        m_pid = -1;
+        m_box.WaitExit(peer, 30000);
+        EXPECT_EQ("", ListAgreesWithFiles()) << "drop of " << lpNo;
+        Start();
     }
 }
