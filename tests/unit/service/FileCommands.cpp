@@ -607,3 +607,19 @@ TEST(FileCommandCrashes, EveryStepOfEveryCommandLeavesADatabaseThatStarts)
         }
     }
 }
+
+// A delete whose disk file is already gone still counts as a delete: it is
+// named in the trace, and the row says 0.
+TEST_F(FileCommands, ADeleteOfAFileGoneFromTheDiskStillSucceeds)
+{
+    ASSERT_EQ(0, unlink(m_db.PathOf(4).c_str()));
+    LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_DELETE, 4, 0, "", "", 0});
+    Serve();
+    EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
+    EXPECT_EQ(nullptr, m_db.File(4));
+    EXPECT_TRUE(m_db.m_tree.Traced("10060042 MemFileCMD The system received the command to delete the physical file "
+                                   "path but failed to delete the disk file, error code: 2, original file number: 4"));
+    m_db.Stop();
+    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    EXPECT_EQ(nullptr, m_db.File(4));
+}
