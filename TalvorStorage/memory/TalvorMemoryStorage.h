@@ -60,6 +60,11 @@ public:
     // Makes the directories of a file's path. 0 for an empty path, else 1
     // whatever happened: the creation of the file tells.
     BOOL MakeDir(char* lpszFilePath);
+    // Takes the file back to lpszPath, a whole copy of it that the list on
+    // disk still names: opened there, the present handle closed, the path
+    // the descriptor's. 0, or 1 with the present file kept (traced).
+    // Storage thread (a move that could not be finished).
+    int SwitchBackTo(const char* lpszPath);
 
     // TRUE when Initialize took over a segment that outlived an earlier run
     // of the daemon: it may hold the engine's work not yet on disk.

@@ -311,6 +311,11 @@ private:
     // and holds the new file on success, the old one on failure. 0 or the
     // backend's failure.
     int MoveFileData(LPTALVORCRITICALSECTION lpCritSection, stu_FILEINFO* p, const char* lpszNewPath);
+    // A move whose copy is whole but which could not be finished (the list
+    // on disk could not be made to name the copy): the file is opened again
+    // at lpszOldPath. 0, or 1 when the old file cannot be had and the copy
+    // stays in use (traced).
+    int TakeMoveBack(LPTALVORCRITICALSECTION lpCritSection, stu_FILEINFO* p, const char* lpszOldPath);
     BYTE FileCmdResize(LPTALVORCRITICALSECTION lpCritSection, LPFILE_MEMDBFILEINFO lpRow);
     // The system file's resize; takes m_crit.
     BYTE FileCmdResizeSystem(LPTALVORCRITICALSECTION lpCritSection, LPFILE_MEMDBFILEINFO lpRow);
@@ -319,9 +324,11 @@ private:
     // Writes lpRow, as the list on disk is to hold it once its command is
     // done (bResult in its command byte), into the block on disk, and syncs
     // the system file. The other rows of that block on disk stay as they
-    // are. Takes m_crit. TRUE when on the medium; else traced.
+    // are. Takes m_crit. TRUE when on the medium; else traced, and with
+    // pbUndone the row the disk had is written back: *pbUndone is TRUE only
+    // when that reached the medium (else the disk may name either).
     BOOL CommitFileListRow(LPTALVORCRITICALSECTION lpCritSection, LPSYSTEMBLOCKHEAD lpBlock,
-                           LPFILE_MEMDBFILEINFO lpRow, BYTE bResult);
+                           LPFILE_MEMDBFILEINFO lpRow, BYTE bResult, BOOL* pbUndone = nullptr);
     // TRUE when lpszPath (bounded, NUL-terminated) is a plain absolute path
     // inside the database's directories: the system file's and those of the
     // files in the list. Else traced with nCode.

@@ -448,8 +448,9 @@ int CBreltMemStorageModule::TakeCachePages(LPTALVORCRITICALSECTION lpCritSection
 // ------------------------------------------------------- the list on disk
 
 BOOL CBreltMemStorageModule::CommitFileListRow(LPTALVORCRITICALSECTION lpCritSection, LPSYSTEMBLOCKHEAD lpBlock,
-                                               LPFILE_MEMDBFILEINFO lpRow, BYTE bResult)
+                                               LPFILE_MEMDBFILEINFO lpRow, BYTE bResult, BOOL* pbUndone)
 {
+    if (pbUndone != nullptr) *pbUndone = FALSE;
     LPBYTE lpImage = m_lpSystemFileInfo->m_pFileAddr;
     long long nBlockOffset = (LPBYTE)lpBlock - lpImage;
     long long nRowOffset = (LPBYTE)lpRow - lpImage;
@@ -460,15 +461,23 @@ BOOL CBreltMemStorageModule::CommitFileListRow(LPTALVORCRITICALSECTION lpCritSec
     FILE_MEMDBFILEINFO stRow;
     memcpy(&stRow, (const void*)lpRow, sizeof(stRow));
     stRow.m_bFileCMD = bResult;
+    FILE_MEMDBFILEINFO stBefore;
     BOOL bDone = FALSE;
     int nErr = 0;
     {
         CTalvorCriticalSectionPtr lock(&m_crit, lpCritSection);
-        bDone = fd >= 0 && nBlockSize >= (int)sizeof(SYSTEMBLOCKHEAD) &&
-                nRowOffset + (long long)sizeof(stRow) <= nBlockOffset + nBlockSize &&
-                TalvorWriteFull(fd, &stRow, sizeof(stRow), (off_t)nRowOffset) &&
+        BOOL bRead = fd >= 0 && nBlockSize >= (int)sizeof(SYSTEMBLOCKHEAD) &&
+                     nRowOffset + (long long)sizeof(stRow) <= nBlockOffset + nBlockSize &&
+                     TalvorReadFull(fd, &stBefore, sizeof(stBefore), (off_t)nRowOffset);
+        bDone = bRead && TalvorWriteFull(fd, &stRow, sizeof(stRow), (off_t)nRowOffset) &&
                 CTalvorFileIO::Current()->FSync(fd) == 0;
         nErr = bDone ? 0 : (errno != 0 ? errno : EINVAL);
+        // Whether the row reached the medium is not known after a failed
+        // sync: the row the disk had goes back, and only a sync of that
+        // tells the caller the disk names what it named before.
+        if (!bDone && bRead && pbUndone != nullptr)
+            *pbUndone = TalvorWriteFull(fd, &stBefore, sizeof(stBefore), (off_t)nRowOffset) &&
+                        CTalvorFileIO::Current()->FSync(fd) == 0;
     }
     if (bDone) return TRUE;
     Trace("MemFileCMD", 1, 10060044,
@@ -489,12 +498,8 @@ int CBreltMemStorageModule::MoveFileData(LPTALVORCRITICALSECTION lpCritSection, 
         char szNewPath[ROW_PATH_SIZE];
         snprintf(szNewPath, sizeof(szNewPath), "%s", lpszNewPath);
         WorkBuffer work(m_lpBuffer, m_nBufferSize);
-        m_pTalvorCacheStorage->m_bPauseFileNo = p->m_bFileNo;
-        usleep(CACHE_PAUSE_SETTLE_US);
-        int nResult = p->m_pStorageFile->ChangeFilePath(lpCritSection, p, szNewPath, work.Buffer(), work.Size(),
-                                                        lpProgress, m_pMemoryFileHead->m_bOpenFileUseBuffer);
-        m_pTalvorCacheStorage->m_bPauseFileNo = 0;
-        return nResult;
+        return p->m_pStorageFile->ChangeFilePath(lpCritSection, p, szNewPath, work.Buffer(), work.Size(), lpProgress,
+                                                 m_pMemoryFileHead->m_bOpenFileUseBuffer);
     }
     char szOldPath[sizeof(p->m_lpszFilePath)];
     memcpy(szOldPath, p->m_lpszFilePath, sizeof(szOldPath));
@@ -545,23 +550,42 @@ BYTE CBreltMemStorageModule::FileCmdMove(LPTALVORCRITICALSECTION lpCritSection, 
     const BOOL bExisted = TalvorPathExists(row.m_szPath);
     char szRoot[PATH_MAX];
     DirectoryOf(m_lpSystemFileInfo->m_lpszFilePath, szRoot, sizeof(szRoot));
+    // A cache-mode file is held off the cache's threads from the copy until
+    // the list names the copy: nothing is written to either file meanwhile,
+    // so that the move can still be taken back whole.
+    const BOOL bCache = IsCacheFileType((BYTE)p->m_bFileType) && m_pTalvorCacheStorage != nullptr;
+    if (bCache) {
+        m_pTalvorCacheStorage->m_bPauseFileNo = p->m_bFileNo;
+        usleep(CACHE_PAUSE_SETTLE_US);
+    }
     int nResult = MoveFileData(lpCritSection, p, row.m_szPath);
+    BOOL bCopied = nResult == 0;
     // The new file's name on the medium, then the list naming it, and only
     // then the old file may go.
+    BOOL bListUnknown = FALSE;
     if (nResult == 0 && SyncDirectoriesUpTo(p->m_lpszFilePath, szRoot) != 0) nResult = 1;
-    if (nResult == 0 && !CommitFileListRow(lpCritSection, lpBlock, lpRow, FILECMD_NONE)) nResult = 1;
+    if (nResult == 0) {
+        BOOL bUndone = FALSE;
+        if (!CommitFileListRow(lpCritSection, lpBlock, lpRow, FILECMD_NONE, &bUndone)) {
+            nResult = 1;
+            bListUnknown = !bUndone;
+        }
+    }
+    // The list on disk still names the old file, which is whole: the file
+    // goes back there, or later passes would leave it behind.
+    if (nResult != 0 && bCopied && TakeMoveBack(lpCritSection, p, szOldPath) != 0) {
+        if (bCache) m_pTalvorCacheStorage->m_bPauseFileNo = 0;
+        return FILECMD_MOVE_FAILED;
+    }
+    if (bCache) m_pTalvorCacheStorage->m_bPauseFileNo = 0;
     if (nResult != 0) {
         Trace("MemFileCMD", 1, 10060023,
               TALVOR_TEXT("系统收到修改物理文件路径的命令,但写入新文件失败,文件路径:%s,内存文件名:%s",
                           "The system received command to modify the physical file path but failed to write to the new file, file path: %s, memory file name: %s"),
               row.m_szPath, row.m_szName);
-        if (strcmp(p->m_lpszFilePath, szOldPath) != 0) {
-            // The copy is whole and open, but the list on disk still names
-            // the old file, which is still there: the copy stays in use
-            // until the engine settles the row; the old file is left alone.
-            return FILECMD_MOVE_FAILED;
-        }
-        if (!bExisted && CTalvorFileIO::Current()->Unlink(row.m_szPath) == 0) TalvorSyncParentDirectory(row.m_szPath);
+        // A copy the list on disk may name stays where it is.
+        if (!bExisted && !bListUnknown && CTalvorFileIO::Current()->Unlink(row.m_szPath) == 0)
+            TalvorSyncParentDirectory(row.m_szPath);
         return FILECMD_MOVE_FAILED;
     }
     if (CTalvorFileIO::Current()->Unlink(szOldPath) != 0 || TalvorSyncParentDirectory(szOldPath) != 0) {
@@ -571,6 +595,35 @@ BYTE CBreltMemStorageModule::FileCmdMove(LPTALVORCRITICALSECTION lpCritSection, 
               errno, szOldPath, p->m_lpszFilePath);
     }
     return FILECMD_NONE;
+}
+
+int CBreltMemStorageModule::TakeMoveBack(LPTALVORCRITICALSECTION lpCritSection, stu_FILEINFO* p, const char* lpszOldPath)
+{
+    int nResult = 1;
+    if (IsCacheFileType((BYTE)p->m_bFileType)) {
+        char szNewPath[sizeof(p->m_lpszFilePath)];
+        memcpy(szNewPath, p->m_lpszFilePath, sizeof(szNewPath));
+        Talvor_CloseFile(p->m_hFile);
+        Talvor_CloseFile(p->m_hFile2);
+        snprintf(p->m_lpszFilePath, sizeof(p->m_lpszFilePath), "%s", lpszOldPath);
+        nResult = p->m_pStorageFile->OpenFile(lpCritSection, p, m_pMemoryFileHead->m_bOpenFileUseBuffer);
+        if (nResult != 0 || p->m_hFile == nullptr) {
+            // The old file cannot be had: the copy, whole, stays in use.
+            Talvor_CloseFile(p->m_hFile);
+            Talvor_CloseFile(p->m_hFile2);
+            memcpy(p->m_lpszFilePath, szNewPath, sizeof(szNewPath));
+            p->m_pStorageFile->OpenFile(lpCritSection, p, m_pMemoryFileHead->m_bOpenFileUseBuffer);
+            nResult = 1;
+        }
+    } else {
+        nResult = static_cast<CTalvorMemoryStorage*>(p->m_pStorageFile)->SwitchBackTo(lpszOldPath);
+    }
+    if (nResult == 0) return 0;
+    Trace("MemFileCMD", 1, 10060030,
+          TALVOR_TEXT("文件移动未完成且无法回到原文件,新文件继续使用,原文件路径:%s,新文件路径:%s",
+                      "The move did not finish and the file could not go back to its old place, so the copy stays in use, old file path: %s, new file path: %s"),
+          lpszOldPath, p->m_lpszFilePath);
+    return 1;
 }
 
 // ---------------------------------------------------------------- resize

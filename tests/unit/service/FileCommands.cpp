@@ -623,3 +623,42 @@ TEST_F(FileCommands, ADeleteOfAFileGoneFromTheDiskStillSucceeds)
     ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
     EXPECT_EQ(nullptr, m_db.File(4));
 }
+
+// A move whose copy is whole but whose row cannot reach the list on disk
+// goes back to the old file, which the list on disk names again: the copy
+// goes when the old row is back on the medium, and stays when even that is
+// not known; the passes that follow write where the next start will read.
+TEST(FileCommandMoveBack, AMoveTheListCannotRecordGoesBackToTheOldFile)
+{
+    for (long long nFailures : {1LL, FAULT_ALWAYS}) {
+        ListEngine e;
+        e.m_db.MakeStartAndSave();
+        std::mt19937 rng(17);
+        const std::string strNew = e.NewPath("Unrecorded3.dbf");
+        LPFILE_MEMDBFILEINFO lpRow = e.Ask({FILECMD_MOVE, 3, 0, strNew, "", 0});
+        {
+            FaultFileIO io;
+            // Only the list's own write is synced by a call: the copy is
+            // written through a synchronous descriptor.
+            io.FailCall(FileOp::FSync, 1, EIO, nFailures);
+            ScopedFileIO scope(&io);
+            ASSERT_EQ(S_OK, e.m_db.Module().FileCMD(&e.m_db.m_stCrit));
+            EXPECT_GE(io.Calls(FileOp::FSync), 1);
+        }
+        EXPECT_EQ(FILECMD_MOVE_FAILED, Val(lpRow->m_bFileCMD));
+        EXPECT_STREQ(e.m_db.PathOf(3).c_str(), e.m_db.File(3)->m_lpszFilePath);
+        EXPECT_EQ(nFailures == 1, !FileExists(strNew)) << nFailures;
+        EXPECT_TRUE(FileExists(e.m_db.PathOf(3)));
+        EXPECT_STREQ(e.m_db.PathOf(3).c_str(), e.DiskRow(3).m_lpszFilePath);
+        // The engine takes the request back; the file keeps taking passes.
+        snprintf(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath), "%s", e.m_db.PathOf(3).c_str());
+        lpRow->m_bFileCMD = 0;
+        e.MarkListChanged();
+        e.m_db.RandomChanges(100, rng);
+        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, e.m_db.Pass());
+        long long nCommitted = e.m_db.CommittedOnDisk();
+        talvorpeer::PeerCheckResult r = e.m_db.CheckDisk(nCommitted);
+        EXPECT_EQ(0, r.m_nViolations) << r.m_strFirst;
+        EXPECT_GT(r.m_nRequired, 0);
+    }
+}
