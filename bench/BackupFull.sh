@@ -4,8 +4,8 @@
 # disk, in the same run.
 #
 # The data file's used part is filled to MIB MiB, so the backup copies about
-# that much. The backup writes with O_DIRECT|O_SYNC: its bytes are on the
-# disk when it ends. cp is therefore timed with a sync behind it, so that
+# that much. The backup writes with direct I/O and syncs the file before it
+# ends: its bytes are on the disk. cp is therefore timed with a sync behind it, so that
 # both sides count bytes that reached the disk. Each rate is the bytes moved
 # over the wall time of the whole request (the backup's save pass and the
 # drain included). Two rounds: the stand-in idle, and the stand-in

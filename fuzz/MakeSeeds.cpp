@@ -11,6 +11,7 @@
 // place-holder, as the backup tests make them. Run by fuzz/make-corpus;
 // argv[1] is fuzz/corpus.
 #include "BackupIncrementFixture.h"
+#include "CacheFileHeadArea.h"
 #include "DbFileLayout.h"
 #include "FuzzCache.h"
 #include "FuzzDatabase.h"
@@ -138,6 +139,7 @@ void DatabaseSeeds(const std::string& strWork)
     std::string strSystem = ReadFile(r.m_strDir + DB_SYSTEMFILE_NAME);
     WriteSeed("SystemFile", "made", Sparse(strSystem, (uint32_t)strSystem.size(), 0, 0));
     WriteSeed("FileLayout", "system", Sparse(strSystem, 512 * 1024, 0, 0));
+    WriteSeed("DatabaseCheck", "system", Sparse(strSystem, 512 * 1024, 0, 0));
     std::vector<std::string> vFiles;
     DbForEachFileListRow((LPBYTE)&strSystem[0], (long long)strSystem.size(), [&](LPSYSTEMBLOCKHEAD, LPFILE_MEMDBFILEINFO p) {
         if (p->m_bFileNo > 1 && p->m_bDropFlag == 0) vFiles.push_back(p->m_lpszFilePath);
@@ -161,6 +163,15 @@ void DatabaseSeeds(const std::string& strWork)
         WriteSeed("DatabaseFile", strName + "-rows", Sparse(strFile, (uint32_t)strFile.size(), bTag, bNo));
         WriteSeed("DatabaseFile", strName + "-forced", Sparse(strFile, (uint32_t)strFile.size(), bTag | 0x80, bNo));
         if (bType == FILETYPE_DATA) WriteSeed("FileLayout", "data", Sparse(strFile, 512 * 1024, 1, 0));
+        if (bType == FILETYPE_DATA) WriteSeed("DatabaseCheck", "data", Sparse(strFile, 512 * 1024, 1, 0));
+    }
+    // The head area of a new table and index file, as the maker writes it.
+    for (BYTE bType : {FILETYPE_TABLE, FILETYPE_INDEX}) {
+        CACHEHEADAREADEF stDef = {3, bType, 77, DB_MEMFILE_DEFAULT_OBJECTS, 512 * 1024, 0};
+        std::string strFile((size_t)CacheHeadAreaSize(bType, stDef.m_nMaxObjectNum), '\0');
+        if (!CacheBuildHeadArea(stDef, (LPBYTE)&strFile[0], (long long)strFile.size(), nullptr)) continue;
+        WriteSeed("DatabaseCheck", bType == FILETYPE_TABLE ? "table" : "index",
+                  Sparse(strFile, 512 * 1024, bType == FILETYPE_TABLE ? 2 : 3, 0));
     }
     for (int g = 0; g < 2; g++) {
         std::string strGroup = ReadFile(r.m_strDir + "Redo" + std::to_string(g) + ".log");

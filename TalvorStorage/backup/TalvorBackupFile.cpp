@@ -84,3 +84,20 @@ void TalvorBackupShowTotal(LPTALVORPROGRESS lpProgress, long long nBytes)
     lpProgress->m_nPos = 0;
     lpProgress->m_nTotal = (int)(nMiB > PROGRESS_TOTAL_CAP ? PROGRESS_TOTAL_CAP : nMiB);
 }
+
+void TalvorFillBackupHead(LPBACKUPFILEHEAD lpHead, int nHeadSize, int nFileNum, long long nTimestamp, int nLogNo,
+                          int nLogPos, UINT ulLocalIP, USHORT usGuid)
+{
+    lpHead->m_nVersion = BACKUP_VERSION;
+    lpHead->m_nFileFlag = BACKUP_FILEFLAG;
+    lpHead->m_nHeadSize = nHeadSize;
+    memcpy(lpHead->m_pDataFlag, BACKUP_DATAFLAG, sizeof(lpHead->m_pDataFlag));
+    lpHead->m_nTimestamp = nTimestamp;
+    lpHead->m_nLogNo = nLogNo;
+    lpHead->m_nLogPos = nLogPos;
+    lpHead->m_usDataBaseGuid = usGuid;
+    lpHead->m_ulHostIP = ulLocalIP;
+    lpHead->m_nFileNum = nFileNum;
+    FILETIME ft = TalvorBackupTimeNow();
+    memcpy(&lpHead->m_ftBackupTime, &ft, sizeof(ft));
+}

@@ -38,6 +38,13 @@ int TalvorBackupDirectory(const char* lpArchiveDesPath, int nPathSize, char* lpD
 // BACKUP_PATH_MAX bytes). BACKUPDIR_OK, or the refusal of the directory.
 int TalvorBackupFilePath(const char* lpArchiveDesPath, int nPathSize, long long nTimestamp, char* lpPath);
 
+// The fixed part of a backup head as both writers start it: marks, sizes,
+// the point and origin of the backup and the time now; a full backup's
+// level and reference (both zero) are left as the caller cleared them.
+// Any thread; pure but for the clock.
+void TalvorFillBackupHead(LPBACKUPFILEHEAD lpHead, int nHeadSize, int nFileNum, long long nTimestamp, int nLogNo,
+                          int nLogPos, UINT ulLocalIP, USHORT usGuid);
+
 // Now as a FILETIME: 100-nanosecond units since 1601.
 FILETIME TalvorBackupTimeNow();
 // The same for a given time of the Unix clock.

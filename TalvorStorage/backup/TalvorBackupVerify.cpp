@@ -26,8 +26,11 @@ int OpenBackup(const char* lpszPath, int* pfd, LPBACKUPVERIFYREPORT pReport)
 {
     CTalvorFileIO* pIO = CTalvorFileIO::Current();
     int fd = pIO->Open(lpszPath, O_RDONLY, 0);
-    if (fd < 0)
-        return BackupVerifyRefuse(pReport, BACKUPVERIFY_UNREADABLE, "cannot open %s: %s", lpszPath, strerror(errno));
+    if (fd < 0) {
+        pReport->m_nOpenErrno = errno;
+        return BackupVerifyRefuse(pReport, BACKUPVERIFY_UNREADABLE, "cannot open %s: %s", lpszPath,
+                                  strerror(pReport->m_nOpenErrno));
+    }
     struct stat st;
     if (pIO->FStat(fd, &st) != 0) {
         int nErr = errno;
@@ -53,6 +56,7 @@ void KeepHeadFacts(const BACKUPFILEHEAD& stHead, LPBACKUPVERIFYREPORT pReport)
     pReport->m_nLogPos = stHead.m_nLogPos;
     pReport->m_nFileNum = stHead.m_nFileNum;
     pReport->m_nHeadSize = stHead.m_nHeadSize;
+    pReport->m_usDataBaseGuid = stHead.m_usDataBaseGuid;
     pReport->m_ftBackupTime = stHead.m_ftBackupTime;
 }
 
@@ -365,6 +369,8 @@ const char* TalvorBackupVerifyStatusName(int nStatus)
     case BACKUPVERIFY_BADMARK: return "bad mark";
     case BACKUPVERIFY_BADPAGE: return "bad page";
     case BACKUPVERIFY_NOMEMORY: return "no memory";
+    case BACKUPVERIFY_MISSINGLINK: return "missing link";
+    case BACKUPVERIFY_BADLINK: return "bad link";
     default: return "unknown";
     }
 }

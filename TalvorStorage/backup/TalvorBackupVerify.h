@@ -32,6 +32,9 @@ enum {
     BACKUPVERIFY_BADMARK = 6,      // a copied head, map or block is not what its record or item says
     BACKUPVERIFY_BADPAGE = 7,      // an incremental backup's page or item out of place
     BACKUPVERIFY_NOMEMORY = 8,     // the head area could not be allocated
+    // Of a chain only (TalvorBackupChain.h):
+    BACKUPVERIFY_MISSINGLINK = 9,  // the backup a link refers to is not there
+    BACKUPVERIFY_BADLINK = 10,     // a link of another level, timestamp or database
 };
 
 // Longest finding text, terminator included.
@@ -54,6 +57,7 @@ typedef struct _BACKUPVERIFYREPORT {
     int m_nStatus;                                   // BACKUPVERIFY_*
     char m_szFinding[BACKUPVERIFY_FINDING_MAX];      // the first finding; "" when whole
     long long m_nBackupFileSize;                     // length of the backup file; -1 unknown
+    int m_nOpenErrno;                                // errno of a failed open; 0 once open
     // From the fixed head, valid once it carried the marks of a backup head
     // (m_bHeadKnown); its sizes may still be refused.
     BOOL m_bHeadKnown;
@@ -64,6 +68,7 @@ typedef struct _BACKUPVERIFYREPORT {
     int m_nLogPos;
     int m_nFileNum;
     int m_nHeadSize;
+    USHORT m_usDataBaseGuid;
     FILETIME m_ftBackupTime;
     // Files a restore would write, in record order. With a refusal, the
     // records checked before the finding.

@@ -94,9 +94,33 @@ BOOL CTalvorDirectFile::WriteWindow(long long nStart, int nLen)
     return TalvorWriteFull(m_fd, m_lpWindow, (size_t)nLen, (off_t)nStart);
 }
 
+// Whole sectors straight into an aligned buffer: no window, no copy.
+BOOL CTalvorDirectFile::ReadDirect(long long nPos, LPBYTE lpDst, long long nSize)
+{
+    assert(nPos % DIRECTFILE_SECTOR == 0 && nSize % DIRECTFILE_SECTOR == 0 && Aligned(lpDst));
+    long long nDone = 0;
+    while (nDone < nSize) {
+        ssize_t n = CTalvorFileIO::Current()->PRead(m_fd, lpDst + nDone, (size_t)(nSize - nDone), (off_t)(nPos + nDone));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return FALSE;
+        if (n == 0) break;
+        nDone += n;
+        if (nDone % DIRECTFILE_SECTOR != 0) break;
+    }
+    memset(lpDst + nDone, 0, (size_t)(nSize - nDone));
+    return TRUE;
+}
+
 BOOL CTalvorDirectFile::ReadAt(long long nPos, void* lpOut, long long nSize)
 {
     LPBYTE lpDst = (LPBYTE)lpOut;
+    if (nPos % DIRECTFILE_SECTOR == 0 && Aligned(lpDst) && nSize >= DIRECTFILE_SECTOR) {
+        long long nWhole = SectorFloor(nSize);
+        if (!ReadDirect(nPos, lpDst, nWhole)) return FALSE;
+        lpDst += nWhole;
+        nPos += nWhole;
+        nSize -= nWhole;
+    }
     while (nSize > 0) {
         long long nStart = SectorFloor(nPos);
         long long nEnd = SectorCeil(nPos + nSize);

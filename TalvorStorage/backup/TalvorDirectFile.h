@@ -47,6 +47,7 @@ public:
     BOOL Finish();
 
 private:
+    BOOL ReadDirect(long long nPos, LPBYTE lpDst, long long nSize);
     BOOL ReadWindow(long long nStart, int nLen);
     BOOL WriteWindow(long long nStart, int nLen);
 

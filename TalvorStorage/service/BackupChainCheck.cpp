@@ -9,6 +9,7 @@
 
 #include "LinuxCommonAPI.h"
 #include "MemDBCommonDef.h"
+#include "TalvorBackupChain.h"
 #include "TalvorDirectFile.h"
 #include "TalvorTrace.h"
 
@@ -271,12 +272,12 @@ BOOL TalvorCheckIncrementPage(const BACKUPFILEHEAD* lpHead, int nRecord, long lo
 
 BOOL TalvorCheckBackupLinkOrder(const BACKUPFILEHEAD* lpUpper, const BACKUPFILEHEAD* lpLower)
 {
-    int nExpectedLevel = (int)lpUpper->m_bLevel - 1;
-    if ((int)lpLower->m_bLevel != nExpectedLevel) {
-        TalvorTraceBackupLevel("RecoverIncrement", nExpectedLevel, lpLower->m_nTimestamp, lpLower->m_bLevel);
+    int nFault = TalvorBackupLinkFault(TalvorBackupLinkFactsOf(lpUpper), TalvorBackupLinkFactsOf(lpLower));
+    if (nFault == BACKUPLINK_LEVEL) {
+        TalvorTraceBackupLevel("RecoverIncrement", (int)lpUpper->m_bLevel - 1, lpLower->m_nTimestamp, lpLower->m_bLevel);
         return FALSE;
     }
-    if (lpLower->m_nTimestamp != lpUpper->m_nReferTimestamp || lpLower->m_usDataBaseGuid != lpUpper->m_usDataBaseGuid) {
+    if (nFault != BACKUPLINK_FITS) {
         Trace("RecoverIncrement", 1, 10023006,
               TALVOR_TEXT("备份文件[%lld]不是备份文件[%lld]的下一级:时间戳或数据库标识不符",
                           "The backup file [%lld] does not lie below the backup file [%lld]: timestamp or database identity differ"),

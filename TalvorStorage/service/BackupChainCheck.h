@@ -12,12 +12,13 @@
 #pragma once
 
 #include "MemDBBackupDef.h"
+#include "TalvorBackupChain.h"
 #include "TypeDef.h"
 
 class CTalvorDirectFile;
 
 // The levels of a chain have one byte.
-inline constexpr int BACKUP_CHAIN_LEVELS = 256;
+inline constexpr int BACKUP_CHAIN_LEVELS = BACKUP_CHAIN_LINKS_MAX;
 // A database file larger than this is taken for a damaged size: a restore
 // would otherwise fill terabytes of zeros.
 inline constexpr long long BACKUP_RESTORE_FILE_MAX = 1LL << 40;

@@ -10,6 +10,7 @@
 #include "LinuxCommonAPI.h"
 #include "MemDBCommonDef.h"
 #include "MemDBBackupDef.h"
+#include "TalvorClusterFiletransfer.h"
 #include "TalvorStandby.h"
 #include "TalvorStorageDef.h"
 #include "TypeDef.h"
@@ -23,7 +24,7 @@ class CStorageCacheBridge;
 // The stop flag. Written from the SIGTERM handler, so it is a sig_atomic_t.
 extern volatile sig_atomic_t g_bEixt;
 
-class CBreltMemStorageModule : public ITalvorStandbyOwner {
+class CBreltMemStorageModule : public ITalvorStandbyOwner, public ITalvorJoinSource {
 public:
     CBreltMemStorageModule();
     // The standby threads reach their owner until they end: they are asked
@@ -103,8 +104,8 @@ public:
     // Asks every standby thread to end and waits (bounded) for the slots.
     // Any thread but a standby's.
     void StopStandbys();
-    // Joins a node (copying the database to it). Negative on failure.
-    // Storage thread.
+    // Joins a node (copying the database to it): 0, or negative on failure
+    // (traced). Storage thread; blocks it, bounded, for the copy.
     int ClusterAddNewNode(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress, UINT ulLocalIP,
                           UINT ulIP, USHORT usPort, long long nTimestamp, BOOL bStandby, UINT nLogNo, UINT nLogPos);
 
@@ -199,6 +200,11 @@ public:
     LPSYSTEMFILEHEAD GetSystemFileHead() { return m_pMemoryFileHead; }
     CTalvorFlashback* GetFlashback() { return m_pFlashback; }
     BOOL GetExitFlag() override { return m_bExit; }
+    // What a join reads: the descriptor of a file number, the guid, and
+    // whether the daemon stops. Storage thread (the last: any thread).
+    LPFILEINFO JoinFileInfo(int nFileNo) override { return nFileNo >= 0 && nFileNo < 256 ? m_arFileInfo[nFileNo] : nullptr; }
+    USHORT JoinDatabaseGuid() override { return GetDatabaseGuid(); }
+    BOOL JoinStopAsked() override { return g_bEixt || m_bExit; }
     // The engine says it runs (m_bService of the channel is 1). Any thread.
     BOOL EngineRuns();
     const char* GetConfigPath() const { return m_cConfigPath; }

@@ -79,23 +79,6 @@ void TraceBackupOpenFailure(LONG nCode, const char* lpszPath, int nErr)
           lpszPath, nErr);
 }
 
-void FillBackupHead(LPBACKUPFILEHEAD lpHead, int nHeadSize, int nFileNum, long long nTimestamp, int nLogNo, int nLogPos,
-                    UINT ulLocalIP, USHORT usGuid)
-{
-    lpHead->m_nVersion = BACKUP_VERSION;
-    lpHead->m_nFileFlag = BACKUP_FILEFLAG;
-    lpHead->m_nHeadSize = nHeadSize;
-    memcpy(lpHead->m_pDataFlag, BACKUP_DATAFLAG, sizeof(lpHead->m_pDataFlag));
-    lpHead->m_nTimestamp = nTimestamp;
-    lpHead->m_nLogNo = nLogNo;
-    lpHead->m_nLogPos = nLogPos;
-    lpHead->m_usDataBaseGuid = usGuid;
-    lpHead->m_ulHostIP = ulLocalIP;
-    lpHead->m_nFileNum = nFileNum;
-    FILETIME ft = TalvorBackupTimeNow();
-    memcpy(&lpHead->m_ftBackupTime, &ft, sizeof(ft));
-}
-
 void FillBackupRecord(LPSTRUCT_BACKUP_FILEINFO lpRecord, stu_FILEINFO* p, long long nUsed, long long nPosition)
 {
     lpRecord->m_bFileType = (BYTE)p->m_bFileType;
@@ -269,7 +252,7 @@ BOOL CBreltMemStorageModule::BackupFullCore(LPTALVORCRITICALSECTION lpCritSectio
         return FALSE;
     }
     memset(lpHeadArea, 0, (size_t)nHeadSize);
-    FillBackupHead((LPBACKUPFILEHEAD)lpHeadArea, nHeadSize, nFileNum, nTimestamp, nLogNo, nLogPos, ulLocalIP,
+    TalvorFillBackupHead((LPBACKUPFILEHEAD)lpHeadArea, nHeadSize, nFileNum, nTimestamp, nLogNo, nLogPos, ulLocalIP,
                    GetDatabaseGuid());
     int fd = WriterFd(hFile);
     if (!WriteAt(fd, lpHeadArea, nHeadSize, 0, 10014002)) return FALSE;

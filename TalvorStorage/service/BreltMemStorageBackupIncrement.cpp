@@ -447,20 +447,9 @@ BOOL CBreltMemStorageModule::BackupIncrementalCore(LPTALVORCRITICALSECTION lpCri
     }
     memset(lpHeadArea, 0, (size_t)nHeadSize);
     LPBACKUPFILEHEAD lpHead = (LPBACKUPFILEHEAD)lpHeadArea;
-    lpHead->m_nVersion = BACKUP_VERSION;
-    lpHead->m_nFileFlag = BACKUP_FILEFLAG;
-    lpHead->m_nHeadSize = nHeadSize;
-    memcpy(lpHead->m_pDataFlag, BACKUP_DATAFLAG, sizeof(lpHead->m_pDataFlag));
-    lpHead->m_nTimestamp = nTimestamp;
+    TalvorFillBackupHead(lpHead, nHeadSize, nFileNum, nTimestamp, nLogNo, nLogPos, ulLocalIP, GetDatabaseGuid());
     lpHead->m_nReferTimestamp = nRefTimestamp;
-    lpHead->m_nLogNo = nLogNo;
-    lpHead->m_nLogPos = nLogPos;
-    lpHead->m_usDataBaseGuid = GetDatabaseGuid();
     lpHead->m_bLevel = bLevel;
-    lpHead->m_ulHostIP = ulLocalIP;
-    lpHead->m_nFileNum = nFileNum;
-    FILETIME ft = TalvorBackupTimeNow();
-    memcpy(&lpHead->m_ftBackupTime, &ft, sizeof(ft));
     TalvorBackupShowTotal(lpTalvorProgress, nTotal);
     if (!pFile->WriteAt(0, lpHeadArea, nHeadSize)) {
         free(lpWindow);

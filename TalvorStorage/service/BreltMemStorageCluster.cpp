@@ -149,16 +149,19 @@ void CBreltMemStorageModule::AddNode(LPTALVORCRITICALSECTION lpCritSection, LPTA
     SaveForCommand(lpCritSection, 0, nMaxID, bStandby ? 10012013 : 10012003);
 }
 
-// Copying the database to a joining node is not served by this build: the
-// node is not added, and the command ends as a failed join does.
-int CBreltMemStorageModule::ClusterAddNewNode(LPTALVORCRITICALSECTION, LPTALVORPROGRESS, UINT, UINT ulIP, USHORT usPort,
-                                              long long, BOOL bStandby, UINT, UINT)
+int CBreltMemStorageModule::ClusterAddNewNode(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress,
+                                              UINT ulLocalIP, UINT ulIP, USHORT usPort, long long nTimestamp,
+                                              BOOL bStandby, UINT nLogNo, UINT nLogPos)
 {
-    Trace("ClusterAddNewNode", 1, 10012031,
-          TALVOR_TEXT("本服务尚不能向新节点复制数据库,节点未加入,地址:%u.%u.%u.%u,端口:%d,备用:%d",
-                      "Copying the database to a joining node cannot be served yet: the node was not added, address: %u.%u.%u.%u, port: %d, standby: %d"),
-          ulIP >> 24, (ulIP >> 16) & 0xFF, (ulIP >> 8) & 0xFF, ulIP & 0xFF, (int)usPort, (int)bStandby);
-    return -1;
+    // With the database taken apart there is nothing to copy.
+    if (m_pMemoryFileHead == nullptr) {
+        Trace0("ClusterAddNewNode", 1, 10012036,
+               TALVOR_TEXT("数据库已被拆除,无法向新节点复制", "The database has been taken apart: there is nothing to copy to a joining node"));
+        return -1;
+    }
+    int nResult = CTalvorClusterFiletransfer::ClusterAddNewNode(lpCritSection, this, lpTalvorProgress, ulLocalIP, ulIP,
+                                                                usPort, nTimestamp, bStandby, nLogNo, nLogPos);
+    return nResult == 0 ? 0 : -1;
 }
 
 void CBreltMemStorageModule::RunBackupCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd,

@@ -81,7 +81,7 @@ BOOL CreateTarget(CTalvorDirectFile& target, const char* lpszPath)
     MakeDir(lpszPath);
     CTalvorFileIO* pIO = CTalvorFileIO::Current();
     if ((TalvorPathExists(lpszPath) && pIO->Unlink(lpszPath) != 0) ||
-        !target.Open(lpszPath, O_RDWR | O_CREAT | O_EXCL)) {
+        !target.Open(lpszPath, O_RDWR | O_CREAT | O_EXCL, FALSE)) {
         Trace("Recover", 1, 10016001,
               TALVOR_TEXT("打开数据库文件[%s]失败,错误码:%d!", "Failed to open database file [%s], error code: %d!"), lpszPath,
               errno);
@@ -136,7 +136,9 @@ BOOL ZeroFillToSize(CTalvorDirectFile& target, const STRUCT_BACKUP_FILEINFO& r, 
     return TRUE;
 }
 
-// The file's length and name reach the medium before it counts as restored.
+// The file's length and name reach the medium before it counts as restored:
+// its writes go unsynced (the restore mark covers them until then) and are
+// all synced here at once.
 BOOL FinishTarget(CTalvorDirectFile& target, const char* lpszPath, LONG nCode)
 {
     if (!target.Finish()) {
@@ -402,7 +404,7 @@ BOOL CBreltMemStorageModule::RecoverIncrementCore(LPTALVORCRITICALSECTION, LPTAL
         CTalvorDirectFile* pDest = new (std::nothrow) CTalvorDirectFile();
         hDestFile = pDest;
         MakeDir(r.m_lpszFilePath);
-        if (pDest == nullptr || !pDest->Open(r.m_lpszFilePath, O_RDWR | O_CREAT)) {
+        if (pDest == nullptr || !pDest->Open(r.m_lpszFilePath, O_RDWR | O_CREAT, FALSE)) {
             Trace("RecoverIncrementCore", 1, 10022006,
                   TALVOR_TEXT("打开文件[%s]失败,错误码:%d!", "Failed to open file [%s], error code: %d!"), r.m_lpszFilePath,
                   pDest == nullptr ? ENOMEM : errno);

@@ -3,6 +3,8 @@
 // the calls the storage thread makes from outside.
 #include "TalvorStandby.h"
 
+#include "TalvorNodeLink.h"
+
 #include "CrashContainment.h"
 #include "TalvorTrace.h"
 
@@ -29,7 +31,6 @@ const int PUBLISH_WAITS = 10000;
 const int SEND_TIMEOUT_S = 180;
 const int RECV_TIMEOUT_S = 1;
 const int OTHER_ERRORS_BEFORE_GIVING_UP = 4;
-const int CONNECT_SLICE_MS = 100;
 
 long long NowMicros()
 {
@@ -38,7 +39,6 @@ long long NowMicros()
     return (long long)tv.tv_sec * 1000000LL + tv.tv_usec;
 }
 
-bool ConnectionLost(int nErr) { return nErr == ECONNRESET || nErr == EPIPE || nErr == ENOTCONN || nErr == ENOTSOCK; }
 
 } // namespace
 
@@ -64,84 +64,34 @@ BOOL CTalvorStandby::StopAsked()
 
 BYTE CTalvorStandby::CreateRandomFactor()
 {
-    BYTE bToken = 0;
-    do {
-        uuid_t id;
-        uuid_generate(id);
-        bToken = id[0];
-    } while (bToken == 0 || bToken == m_bRandomFactor);
-    m_bRandomFactor = bToken;
-    return bToken;
+    m_bRandomFactor = NodeNewToken(m_bRandomFactor);
+    return m_bRandomFactor;
 }
+
+namespace {
+
+BOOL StandbyStopAsked(void* lpContext) { return ((CTalvorStandby*)lpContext)->StopAsked(); }
+
+} // namespace
 
 int CTalvorStandby::ConnectNode(UINT ulIP, USHORT usPort, int nTimeOut)
 {
     if (TalvorLoadShared(&m_bExit)) return -1;
-    int sk = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (sk < 0) {
+    int sk = NodeConnect(ulIP, usPort, nTimeOut > 0 ? nTimeOut * 1000 : 0x7FFFFFFF, StandbyStopAsked, this);
+    if (sk == NODECONNECT_NOSOCKET)
         Trace("ConnectNode", 4, 70002002,
               TALVOR_TEXT("创建Socket连接[%d.%d.%d.%d:%u]失败,错误码:%d", "Failed to create socket connection [%d.%d.%d.%d:%u], error code: %d"),
               STANDBY_ADDR(this), errno);
-        return -1;
-    }
-    struct sockaddr_in stAddr = {};
-    stAddr.sin_family = AF_INET;
-    stAddr.sin_port = htons(usPort);
-    stAddr.sin_addr.s_addr = htonl(ulIP);
-    int rc = -1;
-    if (nTimeOut > 0) {
-        int nFlags = fcntl(sk, F_GETFL, 0);
-        fcntl(sk, F_SETFL, nFlags | O_NONBLOCK);
-        rc = connect(sk, (struct sockaddr*)&stAddr, sizeof(stAddr));
-        if (rc != 0 && errno == EINPROGRESS) {
-            // In slices, so that a stop asked meanwhile is seen.
-            rc = -1;
-            for (int nWaited = 0; nWaited < nTimeOut * 1000 && !StopAsked(); nWaited += CONNECT_SLICE_MS) {
-                struct pollfd stPoll = {sk, POLLOUT, 0};
-                int nReady = poll(&stPoll, 1, CONNECT_SLICE_MS);
-                if (nReady == 0) continue;
-                rc = nReady == 1 ? 0 : -1;
-                break;
-            }
-            int nError = 0;
-            socklen_t nLen = sizeof(nError);
-            if (rc == 0 && (getsockopt(sk, SOL_SOCKET, SO_ERROR, &nError, &nLen) != 0 || nError != 0)) rc = -1;
-        }
-        fcntl(sk, F_SETFL, nFlags);
-    } else {
-        rc = connect(sk, (struct sockaddr*)&stAddr, sizeof(stAddr));
-    }
-    if (rc != 0) {
-        close(sk);
-        return -1;
-    }
-    int nOn = 1;
-    setsockopt(sk, IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof(nOn));
+    if (sk < 0) return -1;
     struct timeval tvSend = {SEND_TIMEOUT_S, 0}, tvRecv = {RECV_TIMEOUT_S, 0};
     setsockopt(sk, SOL_SOCKET, SO_SNDTIMEO, &tvSend, sizeof(tvSend));
     setsockopt(sk, SOL_SOCKET, SO_RCVTIMEO, &tvRecv, sizeof(tvRecv));
     // The connecting side speaks first: who it is, and where its own
     // listener is.
     MF_SERVICE_TCP_COMMAND stHello;
-    memset(&stHello, 0, sizeof(stHello));
-    stHello.m_bVersion = NODEMSG_VERSION;
-    stHello.m_bType = NODEMSG_HELLO;
-    stHello.m_lDigitalData = m_pMemoryFileHead != nullptr ? (int)m_pMemoryFileHead->m_usDatabaseGuid : 0;
-    MF_CLIENTINFO stInfo;
-    memset(&stInfo, 0, sizeof(stInfo));
-    stInfo.m_bCmdType = CLIENTINFO_STANDBY;
-    char szExe[MAX_PATH] = {0};
-    ssize_t nExe = readlink("/proc/self/exe", szExe, sizeof(szExe) - 1);
-    if (nExe > 0) {
-        const char* lpName = strrchr(szExe, '/');
-        lpName = lpName != nullptr ? lpName + 1 : szExe;
-        memcpy(stInfo.m_lpszProgramName, lpName, strnlen(lpName, sizeof(stInfo.m_lpszProgramName) - 1));
-    }
-    stInfo.m_dwProcessID = (UINT)getpid();
-    stInfo.m_dwThreadID = (UINT)syscall(SYS_gettid);
-    stInfo.m_ulIP = m_ulLocalIP;
-    stInfo.m_usPort = m_pMemoryFileHead != nullptr ? (USHORT)(m_pMemoryFileHead->m_nTCPListenPort & 0xFFFF) : 0;
-    memcpy(stHello.m_lpszParam, &stInfo, sizeof(stInfo));
+    NodeBuildHello(stHello, CLIENTINFO_STANDBY,
+                   m_pMemoryFileHead != nullptr ? m_pMemoryFileHead->m_usDatabaseGuid : 0, m_ulLocalIP,
+                   m_pMemoryFileHead != nullptr ? (USHORT)(m_pMemoryFileHead->m_nTCPListenPort & 0xFFFF) : 0);
     if (send(sk, &stHello, sizeof(stHello), MSG_NOSIGNAL) != (ssize_t)sizeof(stHello)) {
         close(sk);
         return -1;
@@ -176,7 +126,7 @@ int CTalvorStandby::ReceiveBuffer(char* pBuffer, int nSize, int& nErrorNo, long 
             if (nNow - nStartTime > (long long)nTimeout * 1000000LL) return -1;
             continue;
         }
-        if (ConnectionLost(nErrorNo) || ++nOtherErrors >= OTHER_ERRORS_BEFORE_GIVING_UP) return -1;
+        if (NodeConnectionLost(nErrorNo) || ++nOtherErrors >= OTHER_ERRORS_BEFORE_GIVING_UP) return -1;
     }
     return nSize;
 }

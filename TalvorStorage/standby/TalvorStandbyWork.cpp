@@ -7,6 +7,7 @@
 
 #include "CrashContainment.h"
 #include "LogManager.h"
+#include "RedoLogFormat.h"
 #include "TalvorFileIO.h"
 #include "TalvorTrace.h"
 
@@ -65,21 +66,7 @@ BOOL ReadFull(int fd, LPBYTE lpBuf, int nSize, long long nPos)
 
 // The record at lpAt with nLeft bytes behind it: its size when it is whole
 // and sound, 0 when it is not whole yet, -1 when it is no record.
-long long RecordAt(const BYTE* lpAt, long long nLeft)
-{
-    if (nLeft < RECORD_HEAD) return 0;
-    BASEEXECUTEPLANHEAD stHead;
-    memcpy(&stHead, lpAt, sizeof(stHead));
-    if (stHead.m_nDataFlag != EXECUTEPLAN_DATAFLAG || stHead.m_nTotalDataSize < (UINT)RECORD_HEAD) return -1;
-    long long nSize = stHead.m_nTotalDataSize;
-    if (nSize > nLeft) return 0;
-    if (RedoRecordHasTrailer(stHead.m_nType)) {
-        UINT nTrailer = 0;
-        memcpy(&nTrailer, lpAt + nSize - 4, 4);
-        if (nTrailer != REDORECORD_TRAILER) return -1;
-    }
-    return nSize;
-}
+long long RecordAt(const BYTE* lpAt, long long nLeft) { return RedoRecordAt(lpAt, nLeft); }
 
 // Everything of one standby thread's run that outlives a single pass.
 struct StandbyRun {

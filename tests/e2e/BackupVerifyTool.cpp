@@ -12,8 +12,6 @@ using namespace talvortest;
 
 namespace {
 
-std::string BackupToolPath() { return std::string(TALVOR_BIN_DIR) + "/talvor-backup"; }
-
 class BackupVerifyTool : public RunningDaemon {
 protected:
     // The tool's exit status on strPath, its output in *pstrOut; the file

@@ -4,8 +4,13 @@
 // does not know change nothing; the standby slots count what they hold;
 // taking the database apart and building it again works on new files and
 // never on two descriptors of one file; a restore from a real backup brings
-// its point back and the daemon serves it.
+// its point back and the daemon serves it, and the operator's offline check
+// and restore do the same over a chain of three backups.
 #include "ClusterKit.h"
+
+#include "MemDBBackupDef.h"
+
+#include <cstddef>
 
 using namespace talvortest;
 
@@ -376,4 +381,90 @@ TEST_F(ClusterRestore, ARestoreBringsTheBackupsPointBackAndTheDaemonServesItAgai
     EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("Talvor storage service rebuilt!"));
     ExpectServing(true);
     ExpectCommitsReachDisk(true, m_box.Root() + "/journal3");
+}
+
+namespace {
+
+// talvor-backup verify --chain on strTop: its exit status, its output in
+// *pstrOut.
+int VerifyChain(DaemonSandbox& box, const std::string& strTop, std::string* pstrOut)
+{
+    return box.Run({BackupToolPath(), "verify", "--chain", strTop}, 60000, pstrOut);
+}
+
+// talvor-peer restore --to nTs: its exit status, its output in *pstrOut.
+int RestoreTo(DaemonSandbox& box, long long nTs, std::string* pstrOut)
+{
+    return box.Run({PeerPath(), "restore", "--to", std::to_string(nTs), "--wait-ms", "120000"}, 180000, pstrOut);
+}
+
+} // namespace
+
+// The operator's round trip over a chain the daemon took while the
+// stand-in committed between the backups: the offline check calls the chain
+// whole; the operator's restore brings back each of the three points, every
+// file as it stood at that backup; a link of another database and a missing
+// link are found offline and refused by the restore with no file touched.
+TEST_F(ClusterRestore, AChainOfThreeBackupsIsWholeOfflineAndTheOperatorsRestoreBringsBackEachPoint)
+{
+    ExpectCommitsReachDisk(false, m_box.Root() + "/journal1");
+    ClusterLine stFull = Backup(m_box, {"--wait"});
+    ASSERT_EQ(0, stFull.m_nResult) << stFull.m_strText << m_box.ReadDaemonTrace();
+    std::map<std::string, std::string> mapFull = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
+    ExpectCommitsReachDisk(true, m_box.Root() + "/journal2");
+    ClusterLine stLevel1 = IncrementalBackup(m_box, 1, stFull.m_nTs);
+    ASSERT_EQ(0, stLevel1.m_nResult) << stLevel1.m_strText << m_box.ReadDaemonTrace();
+    std::map<std::string, std::string> mapLevel1 = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
+    ExpectCommitsReachDisk(true, m_box.Root() + "/journal3");
+    ClusterLine stLevel2 = IncrementalBackup(m_box, 2, stLevel1.m_nTs);
+    ASSERT_EQ(0, stLevel2.m_nResult) << stLevel2.m_strText << m_box.ReadDaemonTrace();
+    std::map<std::string, std::string> mapLevel2 = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
+    ASSERT_LT(stFull.m_nTs, stLevel1.m_nTs);
+    ASSERT_LT(stLevel1.m_nTs, stLevel2.m_nTs);
+    ASSERT_FALSE(mapFull["Data2.dbf"] == mapLevel1["Data2.dbf"]) << "nothing changed between the backups";
+    ASSERT_FALSE(mapLevel1["Data2.dbf"] == mapLevel2["Data2.dbf"]) << "nothing changed between the backups";
+
+    std::string strOut;
+    EXPECT_EQ(0, VerifyChain(m_box, stLevel2.m_strPath, &strOut)) << strOut;
+    EXPECT_NE(std::string::npos, strOut.find("a restore to " + std::to_string(stLevel2.m_nTs) + " would apply 3 backups"))
+        << strOut;
+
+    const std::pair<long long, std::map<std::string, std::string>*> arPoints[] = {
+        {stLevel1.m_nTs, &mapLevel1}, {stLevel2.m_nTs, &mapLevel2}, {stFull.m_nTs, &mapFull}};
+    for (const auto& point : arPoints) {
+        SCOPED_TRACE(point.first);
+        EXPECT_EQ(0, RestoreTo(m_box, point.first, &strOut)) << strOut << m_box.ReadDaemonTrace();
+        EXPECT_NE(std::string::npos, strOut.find("outcome=finished database=open restored=yes")) << strOut;
+        std::map<std::string, std::string> mapRestored = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
+        // The rebuilt daemon writes its own head into the system file at
+        // once; its committed point is what must have come back.
+        for (const std::string& strName : CLUSTER_DB_FILES) {
+            if (strName == "System.dbf") continue;
+            EXPECT_TRUE((*point.second)[strName] == mapRestored[strName]) << strName << " is not as it stood";
+        }
+        EXPECT_EQ(point.first, CommittedOnDisk(Path("System.dbf")));
+    }
+
+    // Level 1 of another database: whole on its own, refused as a link; the
+    // database stays at the full backup's point.
+    const std::string strLevel1 = ReadWholeFile(stLevel1.m_strPath);
+    std::string strForeign = strLevel1;
+    strForeign[offsetof(BACKUPFILEHEAD, m_usDataBaseGuid)] ^= 0x5A;
+    ASSERT_TRUE(WriteWholeFile(stLevel1.m_strPath, strForeign));
+    EXPECT_EQ(1, VerifyChain(m_box, stLevel2.m_strPath, &strOut)) << strOut;
+    EXPECT_NE(std::string::npos, strOut.find("refused (bad link)")) << strOut;
+    EXPECT_NE(std::string::npos, strOut.find("another database")) << strOut;
+    std::map<std::string, std::string> mapBefore = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
+    EXPECT_EQ(PEER_EXIT_NOT_SERVED, RestoreTo(m_box, stLevel2.m_nTs, &strOut)) << strOut;
+    EXPECT_NE(std::string::npos, strOut.find("database=open restored=no")) << strOut;
+    EXPECT_TRUE(mapBefore == Snapshot(m_box.DataDir(), CLUSTER_DB_FILES)) << "a refused restore touched a file";
+
+    // Level 1 gone.
+    ASSERT_EQ(0, unlink(stLevel1.m_strPath.c_str()));
+    EXPECT_EQ(1, VerifyChain(m_box, stLevel2.m_strPath, &strOut)) << strOut;
+    EXPECT_NE(std::string::npos, strOut.find("refused (missing link)")) << strOut;
+    EXPECT_EQ(PEER_EXIT_NOT_SERVED, RestoreTo(m_box, stLevel2.m_nTs, &strOut)) << strOut;
+    EXPECT_TRUE(mapBefore == Snapshot(m_box.DataDir(), CLUSTER_DB_FILES)) << "a refused restore touched a file";
+    EXPECT_FALSE(PathExists(Path("System.dbf") + ".restoring"));
+    ExpectServing(true);
 }

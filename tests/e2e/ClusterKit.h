@@ -24,6 +24,9 @@ const int CLUSTER_WAIT_MS = 60000;
 // The stand-in's mark in m_bResult before a command: a result the daemon
 // did not write shows as this.
 const int RESULT_UNSET = 238;
+// talvor-peer's exit status for a command refused, failed or not served,
+// as its usage text gives it.
+const int PEER_EXIT_NOT_SERVED = 5;
 // head_forbid of a report when there is no system image.
 const int CLUSTER_NO_HEAD_SEEN = -1;
 const std::vector<std::string> CLUSTER_DB_FILES = {"System.dbf", "Data2.dbf", "BTree3.dbf", "KV4.dbf"};
@@ -85,14 +88,31 @@ inline ClusterLine Cluster(DaemonSandbox& box, const std::string& strCode, const
 
 inline ClusterLine Look(DaemonSandbox& box) { return Cluster(box, "look"); }
 
-// talvor-peer backup --full ARGS...; the closing line read.
-inline ClusterLine Backup(DaemonSandbox& box, const std::vector<std::string>& vArgs)
+// The operator's backup tool.
+inline std::string BackupToolPath() { return std::string(TALVOR_BIN_DIR) + "/talvor-backup"; }
+
+// talvor-peer backup ARGS...; the closing line read.
+inline ClusterLine BackupJob(DaemonSandbox& box, const std::vector<std::string>& vArgs)
 {
-    std::vector<std::string> vCmd = {PeerPath(), "backup", "--full"};
+    std::vector<std::string> vCmd = {PeerPath(), "backup", "--progress-lines"};
     vCmd.insert(vCmd.end(), vArgs.begin(), vArgs.end());
     std::string strOut;
     int nExit = box.Run(vCmd, 600000, &strOut);
     return ReadClusterLine(strOut, "backup ts=", nExit);
+}
+
+// talvor-peer backup --full ARGS...
+inline ClusterLine Backup(DaemonSandbox& box, std::vector<std::string> vArgs)
+{
+    vArgs.insert(vArgs.begin(), "--full");
+    return BackupJob(box, vArgs);
+}
+
+// talvor-peer backup --incremental of nLevel over the backup nRefer, waited
+// for; the closing line read.
+inline ClusterLine IncrementalBackup(DaemonSandbox& box, int nLevel, long long nRefer)
+{
+    return BackupJob(box, {"--incremental", "--level", std::to_string(nLevel), "--ref", std::to_string(nRefer), "--wait"});
 }
 
 // A TCP port of 127.0.0.1 with nothing listening on it (taken from the

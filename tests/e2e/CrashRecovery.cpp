@@ -34,12 +34,6 @@ std::set<int> TaskIds(pid_t pid)
     return tasks;
 }
 
-size_t CountOf(const std::string& strText, const std::string& strWhat)
-{
-    size_t n = 0;
-    for (size_t nPos = strText.find(strWhat); nPos != std::string::npos; nPos = strText.find(strWhat, nPos + 1)) n++;
-    return n;
-}
 
 // The thread id in the title of the first line that ends in strText.
 int ThreadOfLine(const std::string& strTrace, long nCode, const std::string& strFunction, const std::string& strText)

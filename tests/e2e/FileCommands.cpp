@@ -9,19 +9,12 @@
 #include <csignal>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 using namespace talvortest;
 
 namespace {
 
 const int CACHE_MIB = 64;
-
-long long SizeOf(const std::string& strPath)
-{
-    struct stat st;
-    return stat(strPath.c_str(), &st) == 0 ? (long long)st.st_size : -1;
-}
 
 class FileCommandsE2E : public ::testing::Test {
 protected:
@@ -165,36 +158,36 @@ TEST_F(FileCommandsE2E, MemoryModeFilesAreAddedGrownMovedAndDroppedAcrossRestart
     MakeDatabase(0);
     Start();
     ASSERT_EQ(0, File({"add", "--no", "5", "--type", "2", "--path", Path("Added5.dbf"), "--size-mib", "4"}));
-    EXPECT_EQ(4 * DB_MIB, SizeOf(Path("Added5.dbf")));
+    EXPECT_EQ(4 * DB_MIB, FileSizeOf(Path("Added5.dbf")));
     Restart("add");
     EXPECT_STREQ(Path("Added5.dbf").c_str(), DiskRow(5).m_lpszFilePath);
 
     ASSERT_EQ(0, File({"resize", "--no", "5", "--size-mib", "8"}));
-    EXPECT_EQ(8 * DB_MIB, SizeOf(Path("Added5.dbf")));
+    EXPECT_EQ(8 * DB_MIB, FileSizeOf(Path("Added5.dbf")));
     Restart("grow");
     EXPECT_EQ(8 * DB_MIB, Val(DiskRow(5).m_nFileSize));
     File({"resize", "--no", "5", "--size-mib", "4"}, FILECMD_RESIZE_FAILED);
-    EXPECT_EQ(8 * DB_MIB, SizeOf(Path("Added5.dbf")));
+    EXPECT_EQ(8 * DB_MIB, FileSizeOf(Path("Added5.dbf")));
 
     ASSERT_EQ(0, File({"move", "--no", "5", "--path", Path("moved/Moved5.dbf")}));
-    EXPECT_EQ(-1, SizeOf(Path("Added5.dbf")));
-    EXPECT_EQ(8 * DB_MIB, SizeOf(Path("moved/Moved5.dbf")));
+    EXPECT_EQ(-1, FileSizeOf(Path("Added5.dbf")));
+    EXPECT_EQ(8 * DB_MIB, FileSizeOf(Path("moved/Moved5.dbf")));
     Restart("move");
     EXPECT_STREQ(Path("moved/Moved5.dbf").c_str(), DiskRow(5).m_lpszFilePath);
 
     // The system file grows twice, each time to the size asked.
-    long long nSystem = SizeOf(Path("System.dbf"));
+    long long nSystem = FileSizeOf(Path("System.dbf"));
     ASSERT_EQ(0, File({"resize", "--no", "1", "--size", std::to_string(nSystem + 4 * DB_MIB)}));
     ASSERT_EQ(0, File({"resize", "--no", "1", "--size", std::to_string(nSystem + 12 * DB_MIB)}));
-    EXPECT_EQ(nSystem + 12 * DB_MIB, SizeOf(Path("System.dbf")));
+    EXPECT_EQ(nSystem + 12 * DB_MIB, FileSizeOf(Path("System.dbf")));
     Restart("system grow");
 
     // A hostile path is refused and makes nothing.
     File({"add", "--no", "6", "--type", "2", "--path", Path("../Escaped.dbf"), "--size-mib", "4"}, FILECMD_ADD_FAILED);
-    EXPECT_EQ(-1, SizeOf(m_box.Root() + "/Escaped.dbf"));
+    EXPECT_EQ(-1, FileSizeOf(m_box.Root() + "/Escaped.dbf"));
 
     ASSERT_EQ(0, File({"drop", "--no", "5"}));
-    EXPECT_EQ(-1, SizeOf(Path("moved/Moved5.dbf")));
+    EXPECT_EQ(-1, FileSizeOf(Path("moved/Moved5.dbf")));
     Restart("drop");
     EXPECT_EQ(0, DiskRow(5).m_bFileNo);
     EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("10060043 MemFileCMD Deleted disk file successfully"));
@@ -212,22 +205,22 @@ TEST_F(FileCommandsE2E, CacheModeFilesAreAddedGrownMovedAndDroppedAcrossRestarts
 
     // The cache grew the file ahead of its row: a size below what it has is
     // refused, a larger one reached.
-    long long nSize = SizeOf(Path("Table7.dbf"));
+    long long nSize = FileSizeOf(Path("Table7.dbf"));
     ASSERT_GE(nSize, 4 * DB_MIB);
     File({"resize", "--no", "7", "--size", std::to_string(nSize - 4 * DB_MIB)}, FILECMD_RESIZE_FAILED);
-    EXPECT_EQ(nSize, SizeOf(Path("Table7.dbf")));
+    EXPECT_EQ(nSize, FileSizeOf(Path("Table7.dbf")));
     ASSERT_EQ(0, File({"resize", "--no", "7", "--size", std::to_string(nSize + 8 * DB_MIB)}));
-    EXPECT_EQ(nSize + 8 * DB_MIB, SizeOf(Path("Table7.dbf")));
+    EXPECT_EQ(nSize + 8 * DB_MIB, FileSizeOf(Path("Table7.dbf")));
     Restart("grow");
     EXPECT_GE(Val(DiskRow(7).m_nFileSize), nSize + 8 * DB_MIB);
 
     ASSERT_EQ(0, File({"move", "--no", "8", "--path", Path("moved/Index8.dbf")}));
-    EXPECT_EQ(-1, SizeOf(Path("Index8.dbf")));
+    EXPECT_EQ(-1, FileSizeOf(Path("Index8.dbf")));
     Restart("move");
     EXPECT_STREQ(Path("moved/Index8.dbf").c_str(), DiskRow(8).m_lpszFilePath);
 
     ASSERT_EQ(0, File({"drop", "--no", "7"}));
-    EXPECT_EQ(-1, SizeOf(Path("Table7.dbf")));
+    EXPECT_EQ(-1, FileSizeOf(Path("Table7.dbf")));
     Restart("drop");
     EXPECT_EQ(0, DiskRow(7).m_bFileNo);
 }
@@ -237,7 +230,7 @@ TEST_F(FileCommandsE2E, ACacheModeAddWithoutACacheIsRefused)
     MakeDatabase(0);
     Start();
     File({"add", "--no", "7", "--type", "10", "--path", Path("Table7.dbf"), "--size-mib", "4"}, FILECMD_ADD_FAILED);
-    EXPECT_EQ(-1, SizeOf(Path("Table7.dbf")));
+    EXPECT_EQ(-1, FileSizeOf(Path("Table7.dbf")));
     EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("10060015 MemFileCMD")) << m_box.ReadDaemonTrace();
     Restart("refused add");
     EXPECT_EQ(0, DiskRow(7).m_bFileNo);

@@ -108,12 +108,6 @@ protected:
         ASSERT_TRUE(bReady) << "the daemon did not come up\n" << m_box.ReadDaemonTrace();
     }
 
-    static size_t CountOf(const std::string& strText, const std::string& strWhat)
-    {
-        size_t n = 0;
-        for (size_t p = strText.find(strWhat); p != std::string::npos; p = strText.find(strWhat, p + 1)) n++;
-        return n;
-    }
 
     // The archiver works behind the writer: waits until nCount logs are in.
     std::map<int, std::string> WaitForArchive(const std::string& strDes, size_t nCount)

@@ -91,6 +91,13 @@ long long FileSizeOf(const std::string& strPath)
 
 bool PathExists(const std::string& strPath) { return access(strPath.c_str(), F_OK) == 0; }
 
+size_t CountOf(const std::string& strText, const std::string& strWhat)
+{
+    size_t n = 0;
+    for (size_t p = strText.find(strWhat); p != std::string::npos; p = strText.find(strWhat, p + 1)) n++;
+    return n;
+}
+
 std::vector<std::string> ListFiles(const std::string& strDir, const std::string& strPrefix)
 {
     std::vector<std::string> vFiles;

@@ -4,6 +4,7 @@
 // counts nor fails them.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -24,5 +25,8 @@ bool PathExists(const std::string& strPath);
 // strDir + name of every entry whose name begins with strPrefix ("." and
 // ".." aside), in name order.
 std::vector<std::string> ListFiles(const std::string& strDir, const std::string& strPrefix = "");
+// How often strWhat occurs in strText (a trace or a tool's output read
+// back), overlapping occurrences counted.
+size_t CountOf(const std::string& strText, const std::string& strWhat);
 
 } // namespace talvortest

@@ -2,6 +2,7 @@
 #include "BackupTool.h"
 
 #include "MemDBCommonDef.h"
+#include "TalvorBackupChain.h"
 #include "TalvorBackupVerify.h"
 
 #include <cstring>
@@ -18,7 +19,8 @@ const long long FILETIME_TICKS_PER_SECOND = 10000000LL;
 
 void Usage(FILE* pErr)
 {
-    fprintf(pErr, "usage: talvor-backup verify FILE\n");
+    fprintf(pErr, "usage: talvor-backup verify FILE\n"
+                  "       talvor-backup verify --chain FILE   (FILE and every backup below it, down to the full one)\n");
 }
 
 const char* FileTypeName(BYTE bFileType)
@@ -111,13 +113,39 @@ int VerifyBackupFile(const char* lpszPath, FILE* pOut)
     return nStatus == BACKUPVERIFY_WHOLE ? BACKUPTOOL_WHOLE : BACKUPTOOL_REFUSED;
 }
 
+int VerifyBackupChain(const char* lpszTopPath, FILE* pOut)
+{
+    LPBACKUPCHAINREPORT pReport = new (std::nothrow) BACKUPCHAINREPORT;
+    if (pReport == nullptr) {
+        fprintf(pOut, "chain: %s\nresult: refused: no memory for the report\n", lpszTopPath);
+        return BACKUPTOOL_REFUSED;
+    }
+    int nStatus = TalvorVerifyBackupChain(lpszTopPath, pReport);
+    fprintf(pOut, "chain: %s\n", lpszTopPath);
+    for (int i = 0; i < pReport->m_nLinkNum; i++) {
+        const BACKUPCHAINLINK& stLink = pReport->m_arLink[i];
+        fprintf(pOut, "  link %d: %s", i, stLink.m_szPath);
+        if (stLink.m_nStatus == BACKUPVERIFY_WHOLE || stLink.m_nStatus == BACKUPVERIFY_BADLINK)
+            fprintf(pOut, " timestamp %lld level %d refers to %lld", stLink.m_nTimestamp, stLink.m_nLevel,
+                    stLink.m_nReferTimestamp);
+        fprintf(pOut, ": %s\n", TalvorBackupVerifyStatusName(stLink.m_nStatus));
+    }
+    if (nStatus == BACKUPVERIFY_WHOLE)
+        fprintf(pOut, "result: whole; a restore to %lld would apply %d backup%s\n", pReport->m_arLink[0].m_nTimestamp,
+                pReport->m_nLinkNum, pReport->m_nLinkNum == 1 ? "" : "s");
+    else
+        fprintf(pOut, "result: refused (%s): %s\n", TalvorBackupVerifyStatusName(nStatus), pReport->m_szFinding);
+    delete pReport;
+    return nStatus == BACKUPVERIFY_WHOLE ? BACKUPTOOL_WHOLE : BACKUPTOOL_REFUSED;
+}
+
 int RunBackupTool(int argc, char** argv, FILE* pOut, FILE* pErr)
 {
-    if (argc != 3 || strcmp(argv[1], "verify") != 0) {
-        Usage(pErr);
-        return BACKUPTOOL_USAGE;
-    }
-    return VerifyBackupFile(argv[2], pOut);
+    if (argc == 3 && strcmp(argv[1], "verify") == 0) return VerifyBackupFile(argv[2], pOut);
+    if (argc == 4 && strcmp(argv[1], "verify") == 0 && strcmp(argv[2], "--chain") == 0)
+        return VerifyBackupChain(argv[3], pOut);
+    Usage(pErr);
+    return BACKUPTOOL_USAGE;
 }
 
 } // namespace talvorbackup

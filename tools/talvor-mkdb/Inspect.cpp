@@ -1,6 +1,7 @@
 // Inspect.cpp — looks into the shared images of a running daemon, read
 // only, and compares each with its file. Run it in the daemon's IPC
 // namespace.
+#include "DbFileCheck.h"
 #include "DbFileLayout.h"
 #include "MkdbTool.h"
 #include "TalvorFileIO.h"
@@ -9,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -42,14 +44,18 @@ struct ImageView {
     }
 };
 
+// The system file from disk, read-only, by the reader the offline inspector
+// uses.
 bool ReadFileBytes(const char* lpszPath, std::string* pstrData)
 {
-    FILE* f = fopen(lpszPath, "rb");
-    if (f == nullptr) return false;
-    char szBuf[65536];
-    size_t n;
-    while ((n = fread(szBuf, 1, sizeof(szBuf), f)) > 0) pstrData->append(szBuf, n);
-    fclose(f);
+    int fd = CTalvorFileIO::Current()->Open(lpszPath, O_RDONLY | O_CLOEXEC, 0);
+    if (fd < 0) return false;
+    long long nSize = 0;
+    LPBYTE lpData = DbReadWholeFile(fd, &nSize);
+    CTalvorFileIO::Current()->Close(fd);
+    if (lpData == nullptr) return false;
+    pstrData->assign((const char*)lpData, (size_t)nSize);
+    free(lpData);
     return true;
 }
 

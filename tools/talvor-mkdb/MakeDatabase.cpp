@@ -11,6 +11,7 @@
 #include "LinuxCommonAPI.h"
 #include "MkdbTool.h"
 #include "TalvorFileIO.h"
+#include "TerminalProgress.h"
 
 #include <cerrno>
 #include <climits>
@@ -26,6 +27,8 @@ namespace talvormkdb {
 namespace {
 
 const int ZERO_PIECE_SIZE = 1048576;
+// Files at least this large show their writing on a terminal.
+const long long PROGRESS_MIN_SIZE = 64 * DB_MIB;
 
 struct PlannedFile {
     BYTE m_bFileNo;
@@ -118,11 +121,14 @@ bool WriteNewFile(const PlannedFile& stFile, const BYTE* lpUsed, long long nUsed
     LPBYTE lpZero = (LPBYTE)get_aligned_buffer(ZERO_PIECE_SIZE);
     bool bDone = lpZero != nullptr && TalvorWriteFull(fd, lpUsed, (size_t)nUsed, 0);
     if (lpZero != nullptr) memset(lpZero, 0, ZERO_PIECE_SIZE);
+    CTalvorTerminalProgress progress(stFile.m_nSize >= PROGRESS_MIN_SIZE ? stderr : nullptr);
     for (long long nPos = nUsed; bDone && nPos < stFile.m_nSize;) {
         long long nPiece = stFile.m_nSize - nPos < ZERO_PIECE_SIZE ? stFile.m_nSize - nPos : ZERO_PIECE_SIZE;
         bDone = TalvorWriteFull(fd, lpZero, (size_t)nPiece, (off_t)nPos);
         nPos += nPiece;
+        progress.Show(stFile.m_strPath.c_str(), nPos / DB_MIB, stFile.m_nSize / DB_MIB, "MiB");
     }
+    progress.End();
     bDone = bDone && CTalvorFileIO::Current()->FSync(fd) == 0;
     int nErr = errno;
     free(lpZero);

@@ -9,6 +9,7 @@
 //   backup ts=T outcome=finished|timeout result=R file=yes|no aborted=0|1 path=P final=.. ...
 #include "PeerArgs.h"
 #include "PeerCluster.h"
+#include "PeerProgress.h"
 #include "PeerJobs.h"
 
 #include "TalvorBackupFile.h"
@@ -41,6 +42,8 @@ const std::vector<OptionSpec> g_vBackupOptions = {
     {"keep", false, "leave the final value in the record instead of taking it back"},
     {"wait-ms", true, "how long to wait for the end (default 600000)"},
     {"wait-attach-ms", true, "how long to wait for the channel area to exist (default 30000)"},
+    {"progress-lines", false, "a line \"progress title= pos= total=\" at each change (default: a rewriting line on a "
+                              "terminal, nothing otherwise)"},
 };
 
 struct BackupJob {
@@ -61,6 +64,7 @@ struct BackupJob {
     bool m_bOwnProgress = false;
     long long m_nRunningSince = 0;
     bool m_bAborted = false;
+    int m_nProgressOut = PROGRESSOUT_QUIET;
 };
 
 long long NowMillis()
@@ -140,8 +144,7 @@ void ShowProgress(CPeerClusterLink& link, BackupJob& job)
     job.m_nPos = nPos;
     job.m_nTotal = nTotal;
     memcpy(job.m_szTitle, szTitle, sizeof(szTitle));
-    printf("progress title=%s pos=%d total=%d\n", szTitle, nPos, nTotal);
-    fflush(stdout);
+    ShowProgressChange(job.m_nProgressOut, szTitle, nPos, nTotal);
 }
 
 void AbortIfDue(CPeerClusterLink& link, BackupJob& job)
@@ -175,6 +178,7 @@ int WaitForBackup(CPeerClusterLink& link, BackupJob& job)
 {
     bool bDone = link.WaitFor(CLUSTERCMD_FINISHED, (int)job.m_nWaitMs, [&] { Tick(link, job); });
     if (bDone) ShowProgress(link, job);
+    EndProgressOutput(job.m_nProgressOut);
     // The engine takes its abort back once the command has ended.
     if (bDone) TalvorStoreShared(&link.Command()->m_bAbort, 0);
     ClusterState st = link.Look();
@@ -225,6 +229,7 @@ int RunBackupJob(const std::vector<std::string>& args)
         return PEER_NOT_SERVED;
     }
     NoteSentProgress(link, job);
+    job.m_nProgressOut = ChooseProgressOutput(opts.Has("progress-lines"));
     link.Send(job.m_args);
     printf("backup sent ts=%lld path=%s\n", job.m_args.m_nTimestamp, PathText(job));
     fflush(stdout);

@@ -11,6 +11,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 
 namespace talvorpeer {
@@ -96,10 +97,37 @@ bool ReadClusterArgs(const CPeerArgs& opts, ClusterArgs& args)
     return true;
 }
 
-void Report(CPeerClusterLink& link, BYTE bCode, const char* lpOutcome, bool bRunningSeen, long long nStart)
+// What the engine saw of the progress while a command ran: the highest
+// position, the total, and how many times the title changed.
+struct ProgressSeen {
+    int m_nPosMax = -1;
+    int m_nTotal = -1;
+    int m_nTitles = 0;
+    std::string m_strTitle;
+
+    void Sample(LPTALVORPROGRESS lpProgress)
+    {
+        char szTitle[sizeof(lpProgress->m_lpTitle) + 1] = {0};
+        memcpy(szTitle, lpProgress->m_lpTitle, sizeof(lpProgress->m_lpTitle));
+        if (m_strTitle != szTitle) {
+            m_strTitle = szTitle;
+            m_nTitles++;
+        }
+        int nPos = lpProgress->m_nPos;
+        if (nPos > m_nPosMax) m_nPosMax = nPos;
+        m_nTotal = lpProgress->m_nTotal;
+    }
+};
+
+void Report(CPeerClusterLink& link, BYTE bCode, const char* lpOutcome, bool bRunningSeen, long long nStart,
+            const ProgressSeen* pSeen = nullptr)
 {
-    printf("cluster code=%d outcome=%s %s running_seen=%d elapsed_ms=%lld\n", (int)bCode, lpOutcome,
-           DescribeClusterState(link.Look()).c_str(), bRunningSeen ? 1 : 0, NowMillis() - nStart);
+    std::string strSeen;
+    if (pSeen != nullptr)
+        strSeen = " progress_max=" + std::to_string(pSeen->m_nPosMax) + " progress_total=" +
+                  std::to_string(pSeen->m_nTotal) + " titles_seen=" + std::to_string(pSeen->m_nTitles);
+    printf("cluster code=%d outcome=%s %s running_seen=%d elapsed_ms=%lld%s\n", (int)bCode, lpOutcome,
+           DescribeClusterState(link.Look()).c_str(), bRunningSeen ? 1 : 0, NowMillis() - nStart, strSeen.c_str());
     fflush(stdout);
 }
 
@@ -129,9 +157,14 @@ int RunUnknown(CPeerClusterLink& link, const ClusterArgs& args, int nWaitMs, boo
 int RunKnown(CPeerClusterLink& link, const CPeerArgs& opts, BYTE bCode, BYTE bFinal, int nWaitMs, long long nStart)
 {
     bool bRunning = false;
-    auto Tick = [&] { bRunning = bRunning || TalvorLoadShared(&link.Command()->m_bCommandType) == CLUSTERCMD_RUNNING; };
+    ProgressSeen stSeen;
+    auto Tick = [&] {
+        bRunning = bRunning || TalvorLoadShared(&link.Command()->m_bCommandType) == CLUSTERCMD_RUNNING;
+        stSeen.Sample(link.Progress());
+    };
     if (link.WaitFor(bFinal, nWaitMs, Tick)) {
-        Report(link, bCode, "finished", bRunning, nStart);
+        stSeen.Sample(link.Progress());
+        Report(link, bCode, "finished", bRunning, nStart, &stSeen);
         if (bFinal == CLUSTERCMD_FINISHED && !opts.Has("keep")) link.TakeAnswer();
         return PEER_OK;
     }
@@ -142,7 +175,8 @@ int RunKnown(CPeerClusterLink& link, const CPeerArgs& opts, BYTE bCode, BYTE bFi
     if (!opts.Has("clear-forbid")) return PEER_NOT_SERVED;
     TalvorStoreShared(&link.Command()->m_bForbidSaveFlag, 0);
     if (link.WaitFor(bFinal, nWaitMs, Tick)) {
-        Report(link, bCode, "finished", bRunning, nStart);
+        stSeen.Sample(link.Progress());
+        Report(link, bCode, "finished", bRunning, nStart, &stSeen);
         return PEER_OK;
     }
     Report(link, bCode, "timeout", bRunning, nStart);

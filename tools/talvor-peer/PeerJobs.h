@@ -58,4 +58,9 @@ std::string RestoreJobUsage();
 int RunStandbyNodeJob(const std::vector<std::string>& args);
 std::string StandbyNodeJobUsage();
 
+// join-node: a joining node's listener that takes the copied database
+// files (PeerJoinNode.cpp).
+int RunJoinNodeJob(const std::vector<std::string>& args);
+std::string JoinNodeJobUsage();
+
 } // namespace talvorpeer

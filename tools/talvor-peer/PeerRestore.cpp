@@ -4,10 +4,13 @@
 // while it runs, and tells at the end whether a database is open again.
 // Lines:
 //   restore sent ts=T
-//   progress title=... pos=N total=N          (each time it moves)
-//   restore ts=T outcome=finished|timeout database=open|none final=.. ...
+//   progress title=... pos=N total=N          (each time it moves, with
+//                                             --progress-lines; a rewriting
+//                                             line on a terminal)
+//   restore ts=T outcome=finished|timeout database=open|none restored=yes|no committed=C final=.. ...
 #include "PeerArgs.h"
 #include "PeerCluster.h"
+#include "PeerProgress.h"
 #include "PeerJobs.h"
 
 #include <cstdio>
@@ -24,12 +27,15 @@ const std::vector<OptionSpec> g_vRestoreOptions = {
     {"to", true, "timestamp of the newest backup of the chain to restore (m_nTimestamp)"},
     {"wait-ms", true, "how long to wait for the end (default 600000)"},
     {"wait-attach-ms", true, "how long to wait for the channel area to exist (default 30000)"},
+    {"progress-lines", false, "a line \"progress title= pos= total=\" at each change (default: a rewriting line on a "
+                              "terminal, nothing otherwise)"},
 };
 
 struct ProgressSeen {
     char m_szTitle[sizeof(((TALVORPROGRESS*)nullptr)->m_lpTitle) + 1] = {0};
     int m_nPos = -1;
     int m_nTotal = -1;
+    int m_nOut = PROGRESSOUT_QUIET;
 };
 
 void ShowProgress(CPeerClusterLink& link, ProgressSeen& seen)
@@ -43,8 +49,7 @@ void ShowProgress(CPeerClusterLink& link, ProgressSeen& seen)
     seen.m_nPos = nPos;
     seen.m_nTotal = nTotal;
     memcpy(seen.m_szTitle, szTitle, sizeof(szTitle));
-    printf("progress title=%s pos=%d total=%d\n", szTitle, nPos, nTotal);
-    fflush(stdout);
+    ShowProgressChange(seen.m_nOut, szTitle, nPos, nTotal);
 }
 
 } // namespace
@@ -55,8 +60,8 @@ std::string RestoreJobUsage()
            "Sends cluster command 46 as the engine does: the daemon checks the chain of backups that\n"
            "ends in the backup of TIMESTAMP (under the first archive destination), and only then takes\n"
            "the database apart, restores it and brings it up again. Shows the progress and ends with\n"
-           "whether a database is open. Exit 0 restored and open, 3 no end in time, 5 refused, failed\n"
-           "or no database open, 1 bad arguments.\n\n" +
+           "whether a database is open at the point restored. Exit 0 restored and open at TIMESTAMP, 3 no\n"
+           "end in time, 5 refused, failed or no database open, 1 bad arguments.\n\n" +
            DescribeOptions(g_vRestoreOptions);
 }
 
@@ -86,19 +91,25 @@ int RunRestoreJob(const std::vector<std::string>& args)
     stArgs.m_bCode = CLUSTERCMD_RESTORE;
     stArgs.m_nTimestamp = nTs;
     ProgressSeen seen;
+    seen.m_nOut = ChooseProgressOutput(opts.Has("progress-lines"));
     link.Send(stArgs);
     printf("restore sent ts=%lld\n", nTs);
     fflush(stdout);
     bool bDone = link.WaitFor(CLUSTERCMD_FINISHED, (int)nWaitMs, [&] { ShowProgress(link, seen); });
     if (bDone) ShowProgress(link, seen);
-    bool bOpen = link.WithHead([](LPSYSTEMFILEHEAD) {});
+    EndProgressOutput(seen.m_nOut);
+    // Command 46 writes no result: a refused restore leaves the database
+    // up at its own point, a done one brings it up at the point restored.
+    long long nCommitted = -1;
+    bool bOpen = link.WithHead([&](LPSYSTEMFILEHEAD lpHead) { nCommitted = lpHead->m_nBeginTimestamp; });
+    bool bRestored = bDone && bOpen && nCommitted == nTs;
     ClusterState st = link.Look();
-    printf("restore ts=%lld outcome=%s database=%s %s\n", nTs, bDone ? "finished" : "timeout", bOpen ? "open" : "none",
-           DescribeClusterState(st).c_str());
+    printf("restore ts=%lld outcome=%s database=%s restored=%s committed=%lld %s\n", nTs, bDone ? "finished" : "timeout",
+           bOpen ? "open" : "none", bRestored ? "yes" : "no", nCommitted, DescribeClusterState(st).c_str());
     fflush(stdout);
     if (!bDone) return PEER_TIMEOUT;
     link.TakeAnswer();
-    return bOpen ? PEER_OK : PEER_NOT_SERVED;
+    return bRestored ? PEER_OK : PEER_NOT_SERVED;
 }
 
 } // namespace talvorpeer

@@ -10,6 +10,7 @@
 // a test compares it byte for byte with the sender's group or archive file.
 #include "PeerArgs.h"
 #include "PeerJobs.h"
+#include "PeerNode.h"
 
 #include "MemDBCommonDef.h"
 #include "MemDBNodeDef.h"
@@ -45,8 +46,10 @@ const std::vector<OptionSpec> g_vNodeOptions = {
 const UINT MAX_PAYLOAD = 64u << 20;
 const int STALL_MS = 8000;
 
+} // namespace
+
 volatile sig_atomic_t g_bStop = 0;
-void OnTerm(int) { g_bStop = 1; }
+void OnNodeTerm(int) { g_bStop = 1; }
 
 long long NowMs()
 {
@@ -80,56 +83,6 @@ bool SendAll(int sk, const void* lpBuf, size_t nSize)
     return send(sk, lpBuf, nSize, MSG_NOSIGNAL) == (ssize_t)nSize;
 }
 
-struct NodeState {
-    std::string strDir;
-    UINT nLogNo;
-    long long nEnd;        // end of the copy of nLogNo; 0: nothing yet
-    long long nTimestamp;  // of the last record held
-    long long nShipments;
-    long long nBytes;
-    std::string strMisbehave;
-    long long nAfter;
-    long long nTimes;
-    long long nDone;
-
-    std::string LogPath(UINT n) const { return strDir + "/Log" + std::to_string(n) + ".log"; }
-
-    // Takes a run of records if it continues the copy; false otherwise.
-    bool Apply(UINT nLog, long long nStart, const std::vector<char>& vData)
-    {
-        bool bContinues = (nLog == nLogNo && nStart == (nEnd != 0 ? nEnd : REDOLOGFILE_HEAD_SIZE)) ||
-                          (nLog == nLogNo + 1 && nStart == REDOLOGFILE_HEAD_SIZE);
-        if (!bContinues || nStart < REDOLOGFILE_HEAD_SIZE) return false;
-        int fd = open(LogPath(nLog).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-        if (fd < 0) return false;
-        bool bOk = pwrite(fd, vData.data(), vData.size(), (off_t)nStart) == (ssize_t)vData.size();
-        close(fd);
-        if (!bOk) return false;
-        nLogNo = nLog;
-        nEnd = nStart + (long long)vData.size();
-        // The last record's timestamp: walk the run.
-        size_t nAt = 0;
-        while (nAt + EXECUTEPLANHEAD_SIZE <= vData.size()) {
-            BASEEXECUTEPLANHEAD stHead;
-            memcpy(&stHead, vData.data() + nAt, sizeof(stHead));
-            if (stHead.m_nTotalDataSize < (UINT)EXECUTEPLANHEAD_SIZE) break;
-            nTimestamp = stHead.m_nTimestamp;
-            nAt += stHead.m_nTotalDataSize;
-        }
-        nShipments++;
-        nBytes += (long long)vData.size();
-        return true;
-    }
-
-    // The misbehaviour due at the shipment now in hand, or empty.
-    std::string Due()
-    {
-        if (strMisbehave.empty() || nDone >= nTimes || nShipments + 1 < nAfter * (nDone + 1)) return "";
-        nDone++;
-        return strMisbehave;
-    }
-};
-
 MF_SERVICE_TCP_COMMAND Reply(const MF_SERVICE_TCP_COMMAND& stAsk, BYTE bType, int nCode)
 {
     MF_SERVICE_TCP_COMMAND stReply;
@@ -141,74 +94,81 @@ MF_SERVICE_TCP_COMMAND Reply(const MF_SERVICE_TCP_COMMAND& stAsk, BYTE bType, in
     return stReply;
 }
 
+bool ServeStandbyMessage(int sk, NodeState& st, const MF_SERVICE_TCP_COMMAND& stAsk, long long nDeadlineMs)
+{
+    if (stAsk.m_bType == NODEMSG_HELLO) return true;
+    if (stAsk.m_bType == NODEMSG_KEEPALIVE) {
+        MF_SERVICE_TCP_COMMAND stReply = Reply(stAsk, NODEMSG_KEEPALIVE, 0);
+        if (!SendAll(sk, &stReply, sizeof(stReply))) return false;
+        return true;
+    }
+    if (stAsk.m_bType == NODEMSG_POSITION) {
+        MF_SERVICE_TCP_COMMAND stReply = Reply(stAsk, NODEMSG_SUCCESS, 0);
+        MF_STANDBY_TCP_COMMAND stAt;
+        memset(&stAt, 0, sizeof(stAt));
+        stAt.m_nTimestamp = st.nTimestamp;
+        stAt.m_nLogNo = st.nLogNo;
+        // A standby that holds nothing asks for its first log from the
+        // first record on (a position of 0 would skip records stamped 0).
+        stAt.m_nReadPos = (UINT)(st.nEnd != 0 ? st.nEnd : REDOLOGFILE_HEAD_SIZE);
+        memcpy(stReply.m_lpszParam, &stAt, sizeof(stAt));
+        if (!SendAll(sk, &stReply, sizeof(stReply))) return false;
+        return true;
+    }
+    if (stAsk.m_bType != NODEMSG_LOG || stAsk.m_lDataLength > MAX_PAYLOAD) {
+        MF_SERVICE_TCP_COMMAND stReply = Reply(stAsk, NODEMSG_FAILURE, 1);
+        SendAll(sk, &stReply, sizeof(stReply));
+        return false;
+    }
+    std::vector<char> vData(stAsk.m_lDataLength);
+    if (!vData.empty() && !RecvAll(sk, vData.data(), vData.size(), nDeadlineMs)) return false;
+    MF_STANDBY_TCP_COMMAND stParam;
+    memcpy(&stParam, stAsk.m_lpszParam, sizeof(stParam));
+    long long nStart = (long long)stParam.m_nReadPos - (long long)vData.size();
+    std::string strDue = st.Due();
+    // A shipment answered with a failure is not taken.
+    bool bTaken = strDue != "fail" && strDue != "leave" && st.Apply(stParam.m_nLogNo, nStart, vData);
+    if (!bTaken && strDue != "fail" && strDue != "leave" && !strDue.empty()) {
+        st.nDone--;
+        strDue.clear();
+    }
+    if (strDue == "close") return false;
+    if (strDue == "stall") {
+        usleep(STALL_MS * 1000);
+        return false;
+    }
+    MF_SERVICE_TCP_COMMAND stReply = Reply(stAsk, bTaken ? NODEMSG_SUCCESS : NODEMSG_FAILURE, bTaken ? 0 : 2);
+    if (strDue == "wrong-token") stReply.m_bToken = (BYTE)(stAsk.m_bToken + 1);
+    if (strDue == "fail") {
+        stReply.m_bType = NODEMSG_FAILURE;
+        stReply.m_lDigitalData = 7;
+    }
+    if (strDue == "leave") {
+        stReply.m_bType = NODEMSG_FAILURE;
+        stReply.m_lDigitalData = NODEMSG_LEAVING;
+    }
+    if (strDue == "bad-version") stReply.m_bVersion = NODEMSG_VERSION + 6;
+    if (strDue == "payload") {
+        // A reply with bytes behind it: a sender that read only the head
+        // would take them for the next one.
+        char szJunk[100];
+        memset(szJunk, 0x5A, sizeof(szJunk));
+        stReply.m_lDataLength = sizeof(szJunk);
+        if (!SendAll(sk, &stReply, sizeof(stReply)) || !SendAll(sk, szJunk, sizeof(szJunk))) return false;
+        return true;
+    }
+    if (!SendAll(sk, &stReply, sizeof(stReply))) return false;
+    return true;
+}
+
+namespace {
+
 // One connection until it closes, the node closes it, or time runs out.
 void Serve(int sk, NodeState& st, long long nDeadlineMs)
 {
     for (;;) {
         MF_SERVICE_TCP_COMMAND stAsk;
-        if (!RecvAll(sk, &stAsk, sizeof(stAsk), nDeadlineMs)) return;
-        if (stAsk.m_bType == NODEMSG_HELLO) continue;
-        if (stAsk.m_bType == NODEMSG_KEEPALIVE) {
-            MF_SERVICE_TCP_COMMAND stReply = Reply(stAsk, NODEMSG_KEEPALIVE, 0);
-            if (!SendAll(sk, &stReply, sizeof(stReply))) return;
-            continue;
-        }
-        if (stAsk.m_bType == NODEMSG_POSITION) {
-            MF_SERVICE_TCP_COMMAND stReply = Reply(stAsk, NODEMSG_SUCCESS, 0);
-            MF_STANDBY_TCP_COMMAND stAt;
-            memset(&stAt, 0, sizeof(stAt));
-            stAt.m_nTimestamp = st.nTimestamp;
-            stAt.m_nLogNo = st.nLogNo;
-            // A standby that holds nothing asks for its first log from the
-            // first record on (a position of 0 would skip records stamped 0).
-            stAt.m_nReadPos = (UINT)(st.nEnd != 0 ? st.nEnd : REDOLOGFILE_HEAD_SIZE);
-            memcpy(stReply.m_lpszParam, &stAt, sizeof(stAt));
-            if (!SendAll(sk, &stReply, sizeof(stReply))) return;
-            continue;
-        }
-        if (stAsk.m_bType != NODEMSG_LOG || stAsk.m_lDataLength > MAX_PAYLOAD) {
-            MF_SERVICE_TCP_COMMAND stReply = Reply(stAsk, NODEMSG_FAILURE, 1);
-            SendAll(sk, &stReply, sizeof(stReply));
-            return;
-        }
-        std::vector<char> vData(stAsk.m_lDataLength);
-        if (!vData.empty() && !RecvAll(sk, vData.data(), vData.size(), nDeadlineMs)) return;
-        MF_STANDBY_TCP_COMMAND stParam;
-        memcpy(&stParam, stAsk.m_lpszParam, sizeof(stParam));
-        long long nStart = (long long)stParam.m_nReadPos - (long long)vData.size();
-        std::string strDue = st.Due();
-        // A shipment answered with a failure is not taken.
-        bool bTaken = strDue != "fail" && strDue != "leave" && st.Apply(stParam.m_nLogNo, nStart, vData);
-        if (!bTaken && strDue != "fail" && strDue != "leave" && !strDue.empty()) {
-            st.nDone--;
-            strDue.clear();
-        }
-        if (strDue == "close") return;
-        if (strDue == "stall") {
-            usleep(STALL_MS * 1000);
-            return;
-        }
-        MF_SERVICE_TCP_COMMAND stReply = Reply(stAsk, bTaken ? NODEMSG_SUCCESS : NODEMSG_FAILURE, bTaken ? 0 : 2);
-        if (strDue == "wrong-token") stReply.m_bToken = (BYTE)(stAsk.m_bToken + 1);
-        if (strDue == "fail") {
-            stReply.m_bType = NODEMSG_FAILURE;
-            stReply.m_lDigitalData = 7;
-        }
-        if (strDue == "leave") {
-            stReply.m_bType = NODEMSG_FAILURE;
-            stReply.m_lDigitalData = NODEMSG_LEAVING;
-        }
-        if (strDue == "bad-version") stReply.m_bVersion = NODEMSG_VERSION + 6;
-        if (strDue == "payload") {
-            // A reply with bytes behind it: a sender that read only the head
-            // would take them for the next one.
-            char szJunk[100];
-            memset(szJunk, 0x5A, sizeof(szJunk));
-            stReply.m_lDataLength = sizeof(szJunk);
-            if (!SendAll(sk, &stReply, sizeof(stReply)) || !SendAll(sk, szJunk, sizeof(szJunk))) return;
-            continue;
-        }
-        if (!SendAll(sk, &stReply, sizeof(stReply))) return;
+        if (!RecvAll(sk, &stAsk, sizeof(stAsk), nDeadlineMs) || !ServeStandbyMessage(sk, st, stAsk, nDeadlineMs)) return;
     }
 }
 
@@ -241,8 +201,8 @@ int RunStandbyNodeJob(const std::vector<std::string>& args)
     }
     NodeState st = {opts.GetString("dir", "."), (UINT)nStartLog, 0, 0, 0, 0, strMisbehave, nAfter, nTimes, 0};
     mkdir(st.strDir.c_str(), 0755);
-    signal(SIGTERM, OnTerm);
-    signal(SIGINT, OnTerm);
+    signal(SIGTERM, OnNodeTerm);
+    signal(SIGINT, OnNodeTerm);
     int skListen = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int nOn = 1;
     setsockopt(skListen, SOL_SOCKET, SO_REUSEADDR, &nOn, sizeof(nOn));

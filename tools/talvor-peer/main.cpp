@@ -31,6 +31,8 @@ const PeerJob g_arJobs[] = {
      RunRestoreJob, RestoreJobUsage},
     {"standby-node", "a standby node's listener: take shipped log records into copies of the logs", RunStandbyNodeJob,
      StandbyNodeJobUsage},
+    {"join-node", "a joining node's listener: take the copied database files into its own directory",
+     RunJoinNodeJob, JoinNodeJobUsage},
 };
 
 void PrintUsage(FILE* pOut)

@@ -3,12 +3,17 @@
 // a chain that skips, loops or stops early, an item out of its place and a
 // piece that is not the map or block its item names are refused; and power
 // lost at any write leaves nothing the verifier takes for a whole backup.
+// A chain is whole only with every link there, whole, and of the level,
+// timestamp and database the link above names.
 #include "BackupIncrementFixture.h"
 #include "FaultFileIO.h"
 #include "PackedValue.h"
+#include "TalvorBackupChain.h"
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <memory>
 #include <set>
 
 using namespace backuptest;
@@ -260,4 +265,86 @@ TEST_F(BackupIncrementTest, PowerLossAtAnyWriteLeavesNothingAccepted)
         }
     }
     EXPECT_GE(nAccepted, 1);
+}
+
+namespace {
+
+struct ChainVerdict {
+    int m_nStatus;
+    int m_nLinkNum;
+    std::string m_strFinding;
+    std::vector<int> m_vLinkStatus;
+};
+
+ChainVerdict VerifyChainAt(const std::string& strTop)
+{
+    std::unique_ptr<BACKUPCHAINREPORT> pReport(new BACKUPCHAINREPORT);
+    ChainVerdict v;
+    v.m_nStatus = TalvorVerifyBackupChain(strTop.c_str(), pReport.get());
+    v.m_nLinkNum = pReport->m_nLinkNum;
+    v.m_strFinding = pReport->m_szFinding;
+    for (int i = 0; i < pReport->m_nLinkNum; i++) v.m_vLinkStatus.push_back(pReport->m_arLink[i].m_nStatus);
+    return v;
+}
+
+} // namespace
+
+TEST_F(BackupIncrementTest, AChainIsWholeOnlyWithEveryLinkThereWholeAndOfTheLevelTimestampAndDatabaseNamed)
+{
+    std::vector<DbFile> vFull;
+    for (const IncFile& f : m_vFiles) vFull.push_back(f.m_stFile);
+    const std::string strFull = WholeBackup(vFull);
+    const std::string strFullPath = m_tree.Path("TalvorBackup" + std::to_string(INCREMENT_REFER) + ".fbk");
+    ASSERT_TRUE(WriteWholeFile(strFullPath, strFull));
+    ASSERT_TRUE(WriteWholeFile(m_strPath, m_strWhole));
+
+    ChainVerdict v = VerifyChainAt(m_strPath);
+    EXPECT_EQ(BACKUPVERIFY_WHOLE, v.m_nStatus) << v.m_strFinding;
+    EXPECT_EQ(2, v.m_nLinkNum);
+    v = VerifyChainAt(strFullPath);
+    EXPECT_EQ(BACKUPVERIFY_WHOLE, v.m_nStatus) << v.m_strFinding;
+    EXPECT_EQ(1, v.m_nLinkNum);
+
+    // A level 2 that names the full backup as the one below it.
+    std::string strLevel2 = m_strWhole;
+    LPBACKUPFILEHEAD lpHead = (LPBACKUPFILEHEAD)&strLevel2[0];
+    lpHead->m_bLevel = 2;
+    lpHead->m_nTimestamp = INCREMENT_TIMESTAMP + 5;
+    const std::string strLevel2Path = m_tree.Path("TalvorBackup" + std::to_string(INCREMENT_TIMESTAMP + 5) + ".fbk");
+    ASSERT_TRUE(WriteWholeFile(strLevel2Path, strLevel2));
+    v = VerifyChainAt(strLevel2Path);
+    EXPECT_EQ(BACKUPVERIFY_BADLINK, v.m_nStatus);
+    EXPECT_NE(std::string::npos, v.m_strFinding.find("not of the level just below")) << v.m_strFinding;
+    EXPECT_EQ((std::vector<int>{BACKUPVERIFY_WHOLE, BACKUPVERIFY_BADLINK}), v.m_vLinkStatus);
+
+    // The full backup under the name the level 1 refers to carries another
+    // timestamp, or another database's identity: each alone a whole backup.
+    const std::pair<size_t, const char*> arFaults[] = {
+        {offsetof(BACKUPFILEHEAD, m_nTimestamp), "timestamp the backup above refers to"},
+        {offsetof(BACKUPFILEHEAD, m_usDataBaseGuid), "another database"}};
+    for (const auto& fault : arFaults) {
+        SCOPED_TRACE(fault.second);
+        std::string strOther = strFull;
+        strOther[fault.first] ^= 0x01;
+        ASSERT_TRUE(WriteWholeFile(strFullPath, strOther));
+        ASSERT_EQ(BACKUPVERIFY_WHOLE, Verified(strFullPath).Status());
+        v = VerifyChainAt(m_strPath);
+        EXPECT_EQ(BACKUPVERIFY_BADLINK, v.m_nStatus);
+        EXPECT_NE(std::string::npos, v.m_strFinding.find(fault.second)) << v.m_strFinding;
+    }
+
+    // The full backup cut: the link's own finding, named as link 1.
+    ASSERT_TRUE(WriteWholeFile(strFullPath, strFull.substr(0, strFull.size() - 1)));
+    v = VerifyChainAt(m_strPath);
+    EXPECT_EQ(BACKUPVERIFY_TRUNCATED, v.m_nStatus);
+    EXPECT_EQ(0u, v.m_strFinding.find("link 1: " + strFullPath)) << v.m_strFinding;
+
+    // Gone: a missing link; a top that is not there is only unreadable.
+    ASSERT_EQ(0, unlink(strFullPath.c_str()));
+    v = VerifyChainAt(m_strPath);
+    EXPECT_EQ(BACKUPVERIFY_MISSINGLINK, v.m_nStatus) << v.m_strFinding;
+    EXPECT_EQ(BACKUPVERIFY_UNREADABLE, VerifyChainAt(strFullPath).m_nStatus);
+
+    // A top path the report has no room for is refused, not cut.
+    EXPECT_EQ(BACKUPVERIFY_UNREADABLE, VerifyChainAt("/" + std::string(BACKUP_CHAIN_PATH_MAX, 'a')).m_nStatus);
 }

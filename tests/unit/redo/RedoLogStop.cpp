@@ -6,6 +6,7 @@
 // archives it.
 #include "FaultFileIO.h"
 #include "RedoLogFixture.h"
+#include "TestFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -26,12 +27,6 @@ void KeepLine(LPCTSTR szFunction, LONG nLevel, LONG nCode, LPCTSTR szText)
     g_strLines += std::to_string(nLevel) + " " + std::to_string(nCode) + " " + szFunction + " " + szText + "\n";
 }
 
-size_t CountOf(const std::string& s, const std::string& strWhat)
-{
-    size_t n = 0;
-    for (size_t p = s.find(strWhat); p != std::string::npos; p = s.find(strWhat, p + 1)) n++;
-    return n;
-}
 
 const long long ARCHIVE_HANG_MS = 11000; // longer than the 10 s a stop used to wait for a group
 

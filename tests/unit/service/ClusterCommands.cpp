@@ -29,11 +29,6 @@ size_t Count(const std::string& strText, const std::string& strWhat)
     return n;
 }
 
-bool FileExists(const std::string& strPath)
-{
-    struct stat st;
-    return stat(strPath.c_str(), &st) == 0;
-}
 
 // A listener on 0.0.0.0 at a port of the kernel's choice: every address of
 // 127/8 reaches it, so one listener stands for many standby nodes; closed,
@@ -135,8 +130,9 @@ TEST_F(ClusterCommands, EveryCodeEndsWithItsFinalCodeAndClearsOnlyItsOwnFlags)
         const char* m_lpTraced;
     };
     const Case arCases[] = {
-        // No node can be copied to yet: the join fails as a failed join ends.
-        {CLUSTERCMD_ADDNODE, CLUSTERCMD_NONE, NOT_WRITTEN, true, "Copying the database to a joining node cannot be served yet"},
+        // No node listens at the command's address: the join fails, and the
+        // command ends as a failed join does.
+        {CLUSTERCMD_ADDNODE, CLUSTERCMD_NONE, NOT_WRITTEN, true, " 10012002 "},
         // No backup of that timestamp: refused before a byte is touched, and
         // the database stays.
         {CLUSTERCMD_RESTORE, CLUSTERCMD_FINISHED, NOT_WRITTEN, true, "the restore is refused and the database is left as it is"},
@@ -159,7 +155,7 @@ TEST_F(ClusterCommands, EveryCodeEndsWithItsFinalCodeAndClearsOnlyItsOwnFlags)
         // Every file is still served and on disk.
         for (int n = 1; n <= 4; n++) {
             EXPECT_NE(nullptr, m_db.File(n));
-            EXPECT_TRUE(FileExists(m_db.PathOf(n)));
+            EXPECT_TRUE(PathExists(m_db.PathOf(n)));
         }
     }
     // Codes the daemon does not know, and its own, are left untouched.
@@ -334,7 +330,7 @@ TEST_F(ClusterCommands, AnAbortedBackupLeavesNoFileAndTheArchiverIsNotTold)
         EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
         EXPECT_EQ(CLUSTERRESULT_FAILED, Val(m_lpCmd->m_bResult));
         EXPECT_EQ(0, Val(m_lpCmd->m_bForbidSaveFlag));
-        EXPECT_FALSE(FileExists(BackupPath(5000 + nAbortAfter)));
+        EXPECT_FALSE(PathExists(BackupPath(5000 + nAbortAfter)));
         EXPECT_EQ(0, Val(m_lpChannel->m_nBackupTimestamp));
         EXPECT_EQ(PROGRESS_IDLE, Val(m_lpChannel->m_TalvorProgress.m_nStatus));
         m_lpCmd->m_bAbort = 0;
@@ -357,9 +353,9 @@ TEST_F(ClusterCommands, ABackupIsWrittenOnlyUnderAnAbsoluteFirstDestinationOfIts
         ASSERT_EQ(S_OK, Run(CLUSTERCMD_FULLBACKUP));
         EXPECT_EQ(CLUSTERRESULT_FAILED, Val(m_lpCmd->m_bResult));
         EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
-        EXPECT_FALSE(FileExists("relative"));
-        EXPECT_FALSE(FileExists("Backup"));
-        EXPECT_FALSE(FileExists(strRoot + "Second"));
+        EXPECT_FALSE(PathExists("relative"));
+        EXPECT_FALSE(PathExists("Backup"));
+        EXPECT_FALSE(PathExists(strRoot + "Second"));
     }
     EXPECT_NE(std::string::npos, m_db.m_tree.Trace().find("The first archive destination cannot hold backups"));
     // Two destinations: the first, with its "/" added, holds the backup;
@@ -373,7 +369,7 @@ TEST_F(ClusterCommands, ABackupIsWrittenOnlyUnderAnAbsoluteFirstDestinationOfIts
     std::string strBackup = ReadWholeFile(BackupPath(6001));
     ASSERT_GE(strBackup.size(), sizeof(BACKUPFILEHEAD));
     EXPECT_EQ(6001, Val(((const BACKUPFILEHEAD*)strBackup.data())->m_nTimestamp));
-    EXPECT_FALSE(FileExists(strRoot + "Second/Backup"));
+    EXPECT_FALSE(PathExists(strRoot + "Second/Backup"));
 }
 
 TEST_F(ClusterCommands, ClearingRemovesEveryFileAndAFailedRebuildLeavesNoHeadAndItsFlagUp)
@@ -388,7 +384,7 @@ TEST_F(ClusterCommands, ClearingRemovesEveryFileAndAFailedRebuildLeavesNoHeadAnd
     std::string strTrace = m_db.m_tree.Trace();
     for (int n = 1; n <= 4; n++) {
         SCOPED_TRACE(n);
-        EXPECT_FALSE(FileExists(m_db.PathOf(n)));
+        EXPECT_FALSE(PathExists(m_db.PathOf(n)));
         EXPECT_EQ(nullptr, m_db.Module().m_arFileInfo[n]);
         EXPECT_EQ(1u, Count(strTrace, "Removed the database file: " + m_db.PathOf(n))) << strTrace;
     }
@@ -397,7 +393,7 @@ TEST_F(ClusterCommands, ClearingRemovesEveryFileAndAFailedRebuildLeavesNoHeadAnd
     m_lpCmd->m_nTimestamp = 7000;
     ASSERT_EQ(S_OK, Run(CLUSTERCMD_FULLBACKUP, 1));
     EXPECT_EQ(CLUSTERRESULT_FAILED, Val(m_lpCmd->m_bResult));
-    EXPECT_FALSE(FileExists(BackupPath(7000)));
+    EXPECT_FALSE(PathExists(BackupPath(7000)));
     // A rebuild with no system file on disk fails: no head, and the flag
     // of the command stays up.
     ASSERT_EQ(S_OK, Run(CLUSTERCMD_REBUILDRESOURCE, 1));
@@ -438,11 +434,11 @@ TEST_F(ClusterCommands, AWriteThatFailsAnywhereInABackupLeavesNoFile)
         if (Val(m_lpCmd->m_bResult) == CLUSTERRESULT_OK) {
             // The failed write was the pass's, which retried it: the backup
             // itself is whole.
-            EXPECT_TRUE(FileExists(strPath));
+            EXPECT_TRUE(PathExists(strPath));
             continue;
         }
         EXPECT_EQ(CLUSTERRESULT_FAILED, Val(m_lpCmd->m_bResult));
-        EXPECT_FALSE(FileExists(strPath));
+        EXPECT_FALSE(PathExists(strPath));
         EXPECT_EQ(0, Val(m_lpChannel->m_nBackupTimestamp));
     }
     EXPECT_TRUE(m_db.m_tree.Traced("Failed to write to backup file"));

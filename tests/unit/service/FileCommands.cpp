@@ -15,18 +15,6 @@ using namespace talvortest;
 
 namespace {
 
-bool FileExists(const std::string& strPath)
-{
-    struct stat st;
-    return stat(strPath.c_str(), &st) == 0;
-}
-
-long long FileSize(const std::string& strPath)
-{
-    struct stat st;
-    return stat(strPath.c_str(), &st) == 0 ? (long long)st.st_size : -1;
-}
-
 int OpenDescriptors()
 {
     int n = 0;
@@ -126,9 +114,9 @@ public:
             if (lpRow->m_bDropFlag == 1 || lpRow->m_bFileNo == 1) return true;
             std::string strPath(lpRow->m_lpszFilePath, strnlen(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath)));
             if (lpRow->m_bFileCMD != 0) strWhy += "row " + std::to_string(lpRow->m_bFileNo) + " carries a command; ";
-            if (FileSize(strPath) < Val(lpRow->m_nFileSize))
+            if (FileSizeOf(strPath) < Val(lpRow->m_nFileSize))
                 strWhy += "row " + std::to_string(lpRow->m_bFileNo) + " names " + strPath + " of size " +
-                          std::to_string(FileSize(strPath)) + "; ";
+                          std::to_string(FileSizeOf(strPath)) + "; ";
             return true;
         });
         if (nResult != DBCHAIN_OK) strWhy += "list damaged";
@@ -167,7 +155,7 @@ TEST_F(FileCommands, AnAddOfEachMemoryTypeIsLoadedByTheNextStart)
         BYTE bNo = (BYTE)(bType + 4);
         EXPECT_EQ(FILECMD_NONE, Val(arRows[bType - 2]->m_bFileCMD)) << (int)bType;
         ASSERT_NE(nullptr, m_db.File(bNo)) << (int)bType;
-        EXPECT_EQ(4 * DB_MIB, FileSize(NewPath("Add" + std::to_string(bType) + ".dbf")));
+        EXPECT_EQ(4 * DB_MIB, FileSizeOf(NewPath("Add" + std::to_string(bType) + ".dbf")));
         EXPECT_EQ(FileHeadDataFlag(bType), m_db.FileHead(bNo)->m_nDataFlag);
         EXPECT_EQ(bNo, Val(m_db.FileHead(bNo)->m_bFileNo));
         EXPECT_STREQ(NewPath("Add" + std::to_string(bType) + ".dbf").c_str(), DiskRow(bNo).m_lpszFilePath);
@@ -202,7 +190,7 @@ TEST_F(FileCommands, RefusedAddsAnswerTheirCodesAndMakeNothing)
     EXPECT_EQ(FILECMD_ADD, Val(lpAfter->m_bFileCMD));
     for (BYTE bNo : {9, 10, 11, 12, 13}) EXPECT_EQ(nullptr, m_db.File(bNo)) << (int)bNo;
     for (const char* lpName : {"N.dbf", "Name.dbf", "T.dbf", "S.dbf", "After.dbf"})
-        EXPECT_FALSE(FileExists(NewPath(lpName))) << lpName;
+        EXPECT_FALSE(PathExists(NewPath(lpName))) << lpName;
     std::string strTrace = m_db.m_tree.Trace();
     EXPECT_NE(std::string::npos, strTrace.find("10060015 MemFileCMD")) << strTrace;
     EXPECT_NE(std::string::npos, strTrace.find("10060014 MemFileCMD")) << strTrace;
@@ -237,10 +225,10 @@ TEST_F(FileCommands, HostilePathsAreRefused)
     LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_MOVE, 3, 0, m_db.m_tree.Dir() + "link/moved.dbf", "", 0});
     ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
     EXPECT_EQ(FILECMD_MOVE_FAILED, Val(lpRow->m_bFileCMD));
-    EXPECT_FALSE(FileExists(strOutside + "/evil.dbf"));
-    EXPECT_FALSE(FileExists(strOutside + "/moved.dbf"));
-    EXPECT_FALSE(FileExists(m_db.m_tree.Root() + "/escape.dbf"));
-    EXPECT_TRUE(FileExists(m_db.PathOf(3)));
+    EXPECT_FALSE(PathExists(strOutside + "/evil.dbf"));
+    EXPECT_FALSE(PathExists(strOutside + "/moved.dbf"));
+    EXPECT_FALSE(PathExists(m_db.m_tree.Root() + "/escape.dbf"));
+    EXPECT_TRUE(PathExists(m_db.PathOf(3)));
     // A path that fills its field with no terminator is refused, not cut.
     LPFILE_MEMDBFILEINFO lpLong = Ask({FILECMD_ADD, 30, FILETYPE_DATA, "", "Long", 4 * DB_MIB});
     std::string strLong = m_db.m_tree.Dir() + std::string(300, 'x');
@@ -275,7 +263,7 @@ TEST_F(FileCommands, AFailedAddLeavesNothingBehind)
             ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
         }
         EXPECT_EQ(FILECMD_ADD_FAILED, Val(lpRow->m_bFileCMD)) << fault.m_lpWhat;
-        EXPECT_FALSE(FileExists(strPath)) << fault.m_lpWhat;
+        EXPECT_FALSE(PathExists(strPath)) << fault.m_lpWhat;
         EXPECT_EQ(nullptr, m_db.Module().m_arFileInfo[bNo]) << fault.m_lpWhat;
         for (stu_FILEINFO* p = m_db.Module().m_pStorageInfo; p != nullptr; p = p->m_pNext)
             EXPECT_NE(bNo, p->m_bFileNo) << fault.m_lpWhat;
@@ -329,8 +317,8 @@ TEST_F(FileCommands, AMoveRemovesTheOldFileOnlyOnceTheListNamesTheCopy)
     }
     EXPECT_EQ(1, nOldUnlinks);
     EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
-    EXPECT_FALSE(FileExists(strOld));
-    EXPECT_EQ(4 * DB_MIB, FileSize(strNew));
+    EXPECT_FALSE(PathExists(strOld));
+    EXPECT_EQ(4 * DB_MIB, FileSizeOf(strNew));
     EXPECT_EQ("", ListAgreesWithFiles());
     // The moved file takes the passes that follow.
     m_db.RandomChanges(100, rng);
@@ -358,12 +346,12 @@ TEST_F(FileCommands, RefusedMovesLeaveTheFileWhereItIs)
     lpTaken->m_bFileCMD = FILECMD_MOVE;
     ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
     EXPECT_EQ(FILECMD_NONE, Val(lpTaken->m_bFileCMD));
-    EXPECT_TRUE(FileExists(m_db.PathOf(3)));
+    EXPECT_TRUE(PathExists(m_db.PathOf(3)));
     LPFILE_MEMDBFILEINFO lpNone = Ask({FILECMD_ADD, 50, FILETYPE_DATA, m_db.PathOf(4), "Ghost", 4 * DB_MIB});
     lpNone->m_bFileCMD = FILECMD_MOVE;
     ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
     EXPECT_EQ(FILECMD_NO_SUCH_FILE, Val(lpNone->m_bFileCMD));
-    EXPECT_TRUE(FileExists(m_db.PathOf(4)));
+    EXPECT_TRUE(PathExists(m_db.PathOf(4)));
 }
 
 // A move whose copy fails (the device fills) removes the half copy and
@@ -379,8 +367,8 @@ TEST_F(FileCommands, AFailedMoveRemovesTheHalfCopy)
         ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
     }
     EXPECT_EQ(FILECMD_MOVE_FAILED, Val(lpRow->m_bFileCMD));
-    EXPECT_FALSE(FileExists(strNew));
-    EXPECT_TRUE(FileExists(m_db.PathOf(2)));
+    EXPECT_FALSE(PathExists(strNew));
+    EXPECT_TRUE(PathExists(m_db.PathOf(2)));
     EXPECT_STREQ(m_db.PathOf(2).c_str(), m_db.File(2)->m_lpszFilePath);
     // The engine takes the request back; the file keeps taking passes.
     snprintf(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath), "%s", m_db.PathOf(2).c_str());
@@ -402,7 +390,7 @@ TEST_F(FileCommands, AResizeGrowsAndASmallerSizeIsRefused)
     LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_RESIZE, 4, 0, "", "", 8 * DB_MIB});
     Serve();
     EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
-    EXPECT_EQ(8 * DB_MIB, FileSize(m_db.PathOf(4)));
+    EXPECT_EQ(8 * DB_MIB, FileSizeOf(m_db.PathOf(4)));
     EXPECT_EQ(8 * DB_MIB, Val(m_db.File(4)->m_liFileSize));
     EXPECT_EQ(8 * DB_MIB, Val(m_db.FileHead(4)->m_nFileTotalSize));
     EXPECT_EQ(8 * DB_MIB, Val(DiskRow(4).m_nFileSize));
@@ -442,7 +430,7 @@ TEST_F(FileCommands, AFailedGrowthLeavesTheFileAsItWas)
         ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
     }
     EXPECT_EQ(FILECMD_RESIZE_FAILED, Val(lpRow->m_bFileCMD));
-    EXPECT_EQ(4 * DB_MIB, FileSize(m_db.PathOf(2)));
+    EXPECT_EQ(4 * DB_MIB, FileSizeOf(m_db.PathOf(2)));
     EXPECT_EQ(4 * DB_MIB, Val(m_db.FileHead(2)->m_nFileTotalSize));
     EXPECT_EQ(4 * DB_MIB, Val(m_db.File(2)->m_liFileSize));
     lpRow->m_nFileSize = 4 * DB_MIB;
@@ -458,21 +446,21 @@ TEST_F(FileCommands, AFailedGrowthLeavesTheFileAsItWas)
 // that takes over that image after a kill is not refused.
 TEST_F(FileCommands, TwoSystemFileResizesReachExactlyTheSizeAsked)
 {
-    const long long nStart = FileSize(m_db.SystemPath());
+    const long long nStart = FileSizeOf(m_db.SystemPath());
     LPFILE_MEMDBFILEINFO lpRow = Row(1);
     ASSERT_NE(nullptr, lpRow);
     for (long long nGrow : {4 * DB_MIB, 12 * DB_MIB}) {
         Ask({FILECMD_RESIZE, 1, 0, "", "", nStart + nGrow});
         Serve();
         EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
-        EXPECT_EQ(nStart + nGrow, FileSize(m_db.SystemPath()));
+        EXPECT_EQ(nStart + nGrow, FileSizeOf(m_db.SystemPath()));
         EXPECT_EQ(nStart + nGrow, Val(m_db.Head()->m_nFileTotalSize));
         EXPECT_EQ(nStart, Val(m_db.File(1)->m_liFileSize));
     }
     Ask({FILECMD_RESIZE, 1, 0, "", "", nStart + 8 * DB_MIB});
     ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
     EXPECT_EQ(FILECMD_RESIZE_FAILED, Val(lpRow->m_bFileCMD));
-    EXPECT_EQ(nStart + 12 * DB_MIB, FileSize(m_db.SystemPath()));
+    EXPECT_EQ(nStart + 12 * DB_MIB, FileSizeOf(m_db.SystemPath()));
     lpRow->m_nFileSize = nStart + 12 * DB_MIB;
     lpRow->m_bFileCMD = 0;
     MarkListChanged();
@@ -507,7 +495,7 @@ TEST_F(FileCommands, ADeleteDropsTheRowOnDiskBeforeTheFileGoes)
     }
     EXPECT_EQ(1, nUnlinks);
     EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
-    EXPECT_FALSE(FileExists(strPath));
+    EXPECT_FALSE(PathExists(strPath));
     EXPECT_EQ(nullptr, m_db.File(2));
     EXPECT_EQ("", ListAgreesWithFiles());
     // A delete of a number nobody holds.
@@ -647,8 +635,8 @@ TEST(FileCommandMoveBack, AMoveTheListCannotRecordGoesBackToTheOldFile)
         }
         EXPECT_EQ(FILECMD_MOVE_FAILED, Val(lpRow->m_bFileCMD));
         EXPECT_STREQ(e.m_db.PathOf(3).c_str(), e.m_db.File(3)->m_lpszFilePath);
-        EXPECT_EQ(nFailures == 1, !FileExists(strNew)) << nFailures;
-        EXPECT_TRUE(FileExists(e.m_db.PathOf(3)));
+        EXPECT_EQ(nFailures == 1, !PathExists(strNew)) << nFailures;
+        EXPECT_TRUE(PathExists(e.m_db.PathOf(3)));
         EXPECT_STREQ(e.m_db.PathOf(3).c_str(), e.DiskRow(3).m_lpszFilePath);
         // The engine takes the request back; the file keeps taking passes.
         snprintf(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath), "%s", e.m_db.PathOf(3).c_str());

@@ -15,11 +15,6 @@ using namespace talvortest;
 
 namespace {
 
-bool FileExists(const std::string& strPath)
-{
-    struct stat st;
-    return stat(strPath.c_str(), &st) == 0;
-}
 
 template <class T>
 T At(const std::string& s, long long nOffset)
@@ -222,7 +217,7 @@ TEST_F(IncrementalBackup, ABlockThatIsNotWhatItsEntrySaysStopsTheBackup)
     ASSERT_TRUE(WriteWholeFile(m_db.PathOf(2), strFile));
     const long long nTs = m_db.Head()->m_nEndTimestamp;
     EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nRef));
-    EXPECT_FALSE(FileExists(BackupPath(nTs)));
+    EXPECT_FALSE(PathExists(BackupPath(nTs)));
     EXPECT_TRUE(m_db.m_tree.Traced("read from database file"));
 }
 
@@ -243,13 +238,13 @@ TEST_F(IncrementalBackup, AMapPointingOutsideItsFileStopsTheBackup)
     ASSERT_TRUE(WriteWholeFile(m_db.PathOf(3), strFile));
     const long long nTs = m_db.Head()->m_nEndTimestamp;
     EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nRef));
-    EXPECT_FALSE(FileExists(BackupPath(nTs)));
+    EXPECT_FALSE(PathExists(BackupPath(nTs)));
 
     int nHuge = 1 << 30;
     memset(&strFile[(size_t)nMap + offsetof(BASEFILEBLOCKMAPHEAD, m_nNextBlockMapOffset)], 0, 8);
     memcpy(&strFile[(size_t)nMap + offsetof(BASEFILEBLOCKMAPHEAD, m_nBlockMapNum)], &nHuge, sizeof(nHuge));
     ASSERT_TRUE(WriteWholeFile(m_db.PathOf(3), strFile));
     EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nRef));
-    EXPECT_FALSE(FileExists(BackupPath(nTs)));
+    EXPECT_FALSE(PathExists(BackupPath(nTs)));
     EXPECT_TRUE(m_db.m_tree.Traced("Map block id is incorrect"));
 }

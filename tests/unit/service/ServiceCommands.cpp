@@ -5,17 +5,9 @@
 #include "TestClock.h"
 #include "TestFiles.h"
 
-#include <sys/stat.h>
-
 using namespace talvortest;
 
 namespace {
-
-bool FileExists(const std::string& strPath)
-{
-    struct stat st;
-    return stat(strPath.c_str(), &st) == 0;
-}
 
 class ServiceCommands : public ::testing::Test {
 protected:
@@ -91,9 +83,9 @@ TEST_F(ServiceCommands, RefusedFileCommandsLeaveTheListOnDiskAsItWas)
     EXPECT_EQ(FILECMD_RESIZE_FAILED, Val(Row(4)->m_bFileCMD));
     EXPECT_EQ(FILECMD_NO_SUCH_FILE, Val(lpGhost->m_bFileCMD));
     // Nothing was done: no file made, moved or deleted, no descriptor changed.
-    EXPECT_FALSE(FileExists(m_db.m_tree.Dir() + "New9.dbf"));
-    EXPECT_TRUE(FileExists(m_db.PathOf(2)));
-    EXPECT_TRUE(FileExists(m_db.PathOf(3)));
+    EXPECT_FALSE(PathExists(m_db.m_tree.Dir() + "New9.dbf"));
+    EXPECT_TRUE(PathExists(m_db.PathOf(2)));
+    EXPECT_TRUE(PathExists(m_db.PathOf(3)));
     EXPECT_EQ(nullptr, m_db.File(9));
     EXPECT_STREQ(m_db.PathOf(3).c_str(), m_db.File(3)->m_lpszFilePath);
     EXPECT_EQ(4 * DB_MIB, Val(m_db.File(4)->m_liFileSize));

@@ -1,0 +1,101 @@
+#!/usr/bin/env bash
+# BackupChain — an incremental backup after about 1% of the blocks changed,
+# against the full backup of the same database; and the restore of that
+# chain against cp of the same database files. One run of the real daemon in
+# a private tree and namespace, driven by the engine stand-in.
+#
+# The stand-in grows every file to BLOCKS blocks in each of 16 map blocks
+# (the data file's 512 MiB hold 16 x 600 of its blocks) and commits until a
+# pass has them on disk; then a full backup; then one transaction for each
+# 1% of the data file's blocks, each changing one block; then a level 1
+# incremental. Goal:
+# the incremental under 5% of the full backup's time and of its size. Then
+# the chain is restored (full, then the incremental) over the database, and
+# the bytes of the restored files over the wall time of the restore are
+# set against cp+sync of the same files on the same disk. Goal: at least 0.8.
+#
+#   bench/BackupChain.sh [BUILD_DIR] [BLOCKS]   (defaults: build, 600)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${1:-build}
+blocks=${2:-600}
+bin=$(cd "$build/bin" && pwd)
+root=$(mktemp -d "${TALVOR_BENCH_DIR:-/tmp}/talvor-chain-bench-XXXXXX")
+trap 'rm -rf "$root"' EXIT
+mkdir -p "$root/bin" "$root/Data/Talvor" "$root/Arch" "$root/cp"
+cp "$bin/TalvorStorage" "$root/bin/"
+"$bin/talvor-mkdb" --dir "$root/Data/Talvor" --name Chain --data-file 512 --btree-file 64 --kv-file 64 \
+  --redo-groups 3 --redo-size 16 >/dev/null
+cat > "$root/bin/TalvorConfig.ini" <<INI
+[System]
+databasepath=$root/Data/Talvor/
+Language=0
+persistenceintervals=1
+buffercachesize=0
+undoareasize=16
+archivetype=1
+archivedespath=$root/Arch/
+INI
+
+unshare --ipc --mount --propagation private bash -c '
+  set -e
+  mount -t tmpfs tmpfs /dev/shm && mount -t tmpfs tmpfs /var/run
+  root=$1; bin=$2; blocks=$3
+  now() { date +%s%N; }
+  db="$root/Data/Talvor"
+  "$root/bin/TalvorStorage" & pid=$!
+  for _ in $(seq 600); do grep -qs "service started" "$db"/Log/TalvorStorage*.log && break; sleep 0.05; done
+  # Commits COUNT transactions over BLOCKS blocks per map block and waits
+  # until a pass has the last one on disk.
+  commit() {
+    out=$("$bin/talvor-peer" data --journal "$root/journal$1" --live --head-ready --blocks "$blocks" --map-blocks 16 \
+      --count "$2" --pause-us 0 --seed "$1" --seconds 600 2>>"$root/peer.err")
+    last=$(sed -n "s/.*last timestamp \([0-9]*\).*/\1/p" <<< "$out")
+    for _ in $(seq 600); do
+      "$bin/talvor-peer" verify --journal "$root/journal$1" --system "$db/System.dbf" --at-least "$last" \
+        >/dev/null 2>&1 && return 0
+      sleep 0.1
+    done
+    echo "the commits of round $1 never reached the disk" >&2; return 1
+  }
+  uncache() { for f in "$db"/*.dbf; do dd if="$f" iflag=nocache count=0 status=none; done; }
+  timed() { local t0; t0=$(now); "$@" > "$root/last.out"; echo $(( ($(now) - t0) / 1000 )); }
+  backup_path() { sed -n "s/^backup ts=.* path=\([^ ]*\).*/\1/p" "$root/last.out"; }
+  backup_ts() { sed -n "s/^backup ts=\([0-9]*\) .*/\1/p" "$root/last.out"; }
+
+  commit 1 200
+  total=$(( blocks * 16 ))
+  sync; uncache
+  full_us=$(timed "$bin/talvor-peer" backup --full --wait); full=$(backup_path); full_ts=$(backup_ts)
+  commit 2 $(( total / 100 ))
+  sync; uncache
+  inc_us=$(timed "$bin/talvor-peer" backup --incremental --level 1 --ref "$full_ts" --wait)
+  inc=$(backup_path); inc_ts=$(backup_ts)
+  "$bin/talvor-backup" verify "$inc" > "$root/inc.verify" || true
+  echo "full $(stat -c %s "$full") $full_us" > "$root/chain.result"
+  echo "incremental $(stat -c %s "$inc") $inc_us" >> "$root/chain.result"
+  # The restore rewrites every database file; cp+sync copies the same files.
+  files_bytes=$(cat "$db"/*.dbf | wc -c)
+  sync; uncache
+  cp_us=$(timed bash -c "cp \"$db\"/*.dbf \"$root/cp/\" && sync")
+  rm -f "$root"/cp/*; sync; uncache
+  restore_us=$(timed "$bin/talvor-peer" restore --to "$inc_ts" --wait-ms 600000)
+  grep -q "database=open" "$root/last.out" || { cat "$root/last.out" >&2; exit 1; }
+  echo "restore $files_bytes $restore_us $cp_us" >> "$root/chain.result"
+  kill -TERM $pid; wait $pid || true
+' bench "$root" "$bin" "$blocks" || { echo "no measurement (see the daemon trace under $root)"; exit 0; }
+
+read -r _ full_bytes full_us < <(grep "^full " "$root/chain.result")
+read -r _ inc_bytes inc_us < <(grep "^incremental " "$root/chain.result")
+read -r _ files_bytes restore_us cp_us < <(grep "^restore " "$root/chain.result")
+pieces=$(sed -n "s/.* in \([0-9]*\) pieces\{0,1\},.*/\1/p" "$root/inc.verify" | paste -sd+ | bc)
+grep -q "no room" "$root/peer.err" && echo "note: $(grep -m1 "no room" "$root/peer.err")"
+printf "data file blocks %d, changed about %d\n" $((blocks * 16)) $((blocks * 16 / 100))
+printf "full backup %d bytes in %.2f s; incremental (%s pieces) %d bytes in %.2f s\n" \
+  "$full_bytes" "$(echo "$full_us / 1000000" | bc -l)" "${pieces:-?}" "$inc_bytes" "$(echo "$inc_us / 1000000" | bc -l)"
+printf "incremental against full: time %.3f, size %.3f (goal: each under 0.05)\n" \
+  "$(echo "$inc_us / $full_us" | bc -l)" "$(echo "$inc_bytes / $full_bytes" | bc -l)"
+restore_rate=$(echo "$files_bytes / 1048576 / ($restore_us / 1000000)" | bc -l)
+cp_rate=$(echo "$files_bytes / 1048576 / ($cp_us / 1000000)" | bc -l)
+printf "restore %.1f MB/s, cp+sync %.1f MB/s of the same %d bytes, ratio %.2f (goal: at least 0.80)\n" \
+  "$restore_rate" "$cp_rate" "$files_bytes" "$(echo "$restore_rate / $cp_rate" | bc -l)"

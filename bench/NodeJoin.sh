@@ -1,0 +1,81 @@
+#!/usr/bin/env bash
+# NodeJoin — how fast the database is copied to a joining node, in one run
+# of the real daemon in a private tree and namespace: the engine stand-in
+# grows the data and key-value files to about MIB MiB of used bytes each,
+# then cluster command 11 copies every file to a joining node (the
+# stand-in's join listener on 127.0.0.1, which writes and syncs each file),
+# timed from the command to its end as the engine sees it. The reference,
+# in the same run: the same number of bytes of the same files sent over a
+# loopback TCP connection by a plain sender to a plain receiver that writes
+# and syncs them. Goal: the join at least 0.5 of the raw copy.
+#   bench/NodeJoin.sh [BUILD_DIR] [MIB]   (defaults: build, 64)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${1:-build}
+mib=${2:-64}
+bin=$(cd "$build/bin" && pwd)
+root=$(mktemp -d "${TALVOR_BENCH_DIR:-/tmp}/talvor-join-bench-XXXXXX")
+trap 'rm -rf "$root"' EXIT
+mkdir -p "$root/bin" "$root/Data/Talvor" "$root/Joined"
+cp "$bin/TalvorStorage" "$root/bin/"
+"$bin/talvor-mkdb" --dir "$root/Data/Talvor" --name Join --data-file $(( mib * 2 )) --btree-file 4 \
+  --kv-file $(( mib * 2 )) --redo-groups 3 --redo-size 16 >/dev/null
+cat > "$root/bin/TalvorConfig.ini" <<INI
+[System]
+databasepath=$root/Data/Talvor/
+Language=0
+persistenceintervals=1
+buffercachesize=0
+undoareasize=16
+INI
+# About 14 blocks of the stand-in's rows make a MiB of used bytes.
+blocks=$(( mib * 14 ))
+unshare --ipc --mount --propagation private bash -c '
+  set -e
+  mount -t tmpfs tmpfs /dev/shm && mount -t tmpfs tmpfs /var/run
+  root=$1; bin=$2; blocks=$3
+  "$root/bin/TalvorStorage" & pid=$!
+  for _ in $(seq 200); do grep -qs "service started" "$root"/Data/Talvor/Log/TalvorStorage*.log && break; sleep 0.05; done
+  "$bin/talvor-peer" data --journal "$root/journal" --live --count 200 --pause-us 0 --blocks "$blocks" --seed 9 >/dev/null 2>&1
+  sleep 2
+  "$bin/talvor-peer" join-node --port 0 --dir "$root/Joined" --seconds 600 --exit-after-join > "$root/node.out" 2>&1 & node=$!
+  for _ in $(seq 100); do port=$(sed -n "s/^listening on port //p" "$root/node.out"); [ -n "$port" ] && break; sleep 0.05; done
+  out=$("$bin/talvor-peer" cluster 11 --ip 127.0.0.1 --port "$port" --local-ip 127.0.0.1 --wait-ms 600000)
+  wait $node || true
+  kill -TERM $pid; wait $pid || true
+  bytes=$(sed -n "s/^join: files [0-9]* bytes \([0-9]*\).*/\1/p" "$root/node.out")
+  ms=$(sed -n "s/.* elapsed_ms=\([0-9]*\).*/\1/p" <<< "$out")
+  echo "$bytes $ms" > "$root/join.result"
+' bench "$root" "$bin" "$blocks"
+read -r bytes join_ms < "$root/join.result"
+raw_us=$(python3 - "$root/Data/Talvor" "$root/raw.out" "$bytes" <<'PY'
+import os, socket, sys, threading, time
+src, dst, want = sys.argv[1], sys.argv[2], int(sys.argv[3])
+files = [os.path.join(src, n) for n in ("System.dbf", "Data2.dbf", "BTree3.dbf", "KV4.dbf")]
+srv = socket.socket(); srv.bind(("127.0.0.1", 0)); srv.listen(1)
+def receive():
+    c, _ = srv.accept()
+    with open(dst, "wb") as f:
+        while True:
+            b = c.recv(1 << 20)
+            if not b: break
+            f.write(b)
+        f.flush(); os.fsync(f.fileno())
+t = threading.Thread(target=receive); t.start()
+t0 = time.monotonic()
+s = socket.create_connection(srv.getsockname())
+left = want
+for path in files:
+    with open(path, "rb") as f:
+        while left > 0:
+            b = f.read(min(4 << 20, left))
+            if not b: break
+            s.sendall(b); left -= len(b)
+s.close(); t.join()
+print(int((time.monotonic() - t0) * 1e6))
+PY
+)
+awk -v b="$bytes" -v j="$join_ms" -v r="$raw_us" 'BEGIN {
+  join = b / (j * 1000); raw = b / r;
+  printf "node join: %.1f MB/s (%d bytes in %.2f s); raw loopback copy of the same bytes: %.1f MB/s; ratio %.2f (goal: at least 0.50)\n",
+         join, b, j / 1000, raw, join / raw }'
