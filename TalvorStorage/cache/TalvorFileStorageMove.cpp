@@ -1,5 +1,6 @@
 // TalvorFileStorageMove.cpp — moving a cache-mode file to another path on a
-// file command: copy, drop the old file, reopen at the new place. The file
+// file command: copy, sync, reopen at the new place; the old file is the
+// caller's to remove once the file list names the new one. The file
 // command holds the file paused in the cache meanwhile, so the peer asks
 // for no block of it.
 #include "TalvorFileStorage.h"
@@ -92,17 +93,22 @@ int CTalvorFileStorage::ChangeFilePath(LPTALVORCRITICALSECTION lpCritSection, LP
         CTalvorFileIO::Current()->Close(fdTo);
         return 1;
     }
-    Talvor_CloseFile(pFileInfo->m_hFile);
-    Talvor_CloseFile(pFileInfo->m_hFile2);
-    if (CTalvorFileIO::Current()->Unlink(pFileInfo->m_lpszFilePath) != 0) {
+    // The copy must be on the medium before anything names it.
+    if (CTalvorFileIO::Current()->FSync(fdTo) != 0) {
         int nErr = errno;
-        Trace("ChangeFilePath", 1, 80008009,
-              TALVOR_TEXT("系统收到删除物理文件路径的命令,但删除磁盘文件失败,错误:%s(%d),原文件号:%d,文件路径:%s,内存文件名:%s",
-                          "The system received the command to delete the physical file path, but faield to delete the disk file, error: %s(%d), original file number: %d, file path: %s, memory file name: %s"),
-              strerror(nErr), nErr, (int)pFileInfo->m_bFileNo, pFileInfo->m_lpszFilePath,
-              pFileInfo->m_lpszTablespaceName);
+        Trace("ChangeFilePath", 1, 80008014,
+              TALVOR_TEXT("新文件同步到磁盘失败,错误:%s(%d),路径:%s", "Failed to sync the new file to disk, error: %s(%d), path: %s"),
+              strerror(nErr), nErr, lpszFilePath);
+        CTalvorFileIO::Current()->Close(fdTo);
+        return 1;
     }
     CTalvorFileIO::Current()->Close(fdTo);
+    // The old file stays on disk: the list on disk still names it, and the
+    // caller removes it once the list names the new one.
+    char szOldPath[sizeof(pFileInfo->m_lpszFilePath)];
+    memcpy(szOldPath, pFileInfo->m_lpszFilePath, sizeof(szOldPath));
+    Talvor_CloseFile(pFileInfo->m_hFile);
+    Talvor_CloseFile(pFileInfo->m_hFile2);
     snprintf(pFileInfo->m_lpszFilePath, sizeof(pFileInfo->m_lpszFilePath), "%s", lpszFilePath);
     if (OpenFile(lpCritSection, pFileInfo, bOpenFileUseBuffer) != 0 || pFileInfo->m_hFile == nullptr) {
         int nErr = errno;
@@ -110,6 +116,11 @@ int CTalvorFileStorage::ChangeFilePath(LPTALVORCRITICALSECTION lpCritSection, LP
               TALVOR_TEXT("加载文件信息到缓存失败,错误:%s(%d),文件路径:%s",
                           "Failed to load file information into cache, error: %s(%d), file path: %s"),
               strerror(nErr), nErr, lpszFilePath);
+        // Back on the old file, which is whole.
+        Talvor_CloseFile(pFileInfo->m_hFile);
+        Talvor_CloseFile(pFileInfo->m_hFile2);
+        memcpy(pFileInfo->m_lpszFilePath, szOldPath, sizeof(szOldPath));
+        OpenFile(lpCritSection, pFileInfo, bOpenFileUseBuffer);
         return 1;
     }
     Trace("ChangeFilePath", 1, 80008011,

@@ -116,6 +116,7 @@ BOOL CTalvorMemoryStorage::SettleFileSize()
         }
     }
     p->m_liFileSize = nTrueSize;
+    m_nDiskFileSize = nTrueSize;
     if (nTrueSize < MinimumFileSize((BYTE)p->m_bFileType)) {
         Trace("Initialize", 1, 40001011,
               TALVOR_TEXT("文件太小,容不下文件头,路径:%s,文件大小:%lld", "The file is too small to hold a file head, path: %s, file size: %lld"),
@@ -125,11 +126,26 @@ BOOL CTalvorMemoryStorage::SettleFileSize()
     return TRUE;
 }
 
+long long CTalvorMemoryStorage::DiskHeadSize()
+{
+    int fd = Talvor_FileDescriptor(m_pFileInfo->m_hFile);
+    LPBYTE lpProbe = (LPBYTE)get_aligned_buffer(SIZE_PROBE_BYTES);
+    long long nSize = -1;
+    if (lpProbe != nullptr && TalvorReadFull(fd, lpProbe, SIZE_PROBE_BYTES, 0))
+        nSize = ((LPBASEFILEHEAD)lpProbe)->m_nFileTotalSize;
+    free(lpProbe);
+    return nSize;
+}
+
 int CTalvorMemoryStorage::AttachSegment(BOOL& bExists)
 {
     LPFILEINFO p = m_pFileInfo;
     bExists = FALSE;
     MFID nShmId = CShareMemory::CreateShareMemory(FileImageShmKey(p->m_bFileNo), (size_t)p->m_liFileSize, nullptr, bExists);
+    // A segment smaller than the file is not handed out at the file's size;
+    // it is taken at its own and judged below.
+    if (nShmId == 0 && bExists)
+        nShmId = CShareMemory::CreateShareMemory(FileImageShmKey(p->m_bFileNo), 0, nullptr, bExists);
     if (nShmId == 0) {
         int nErr = errno;
         Trace("Initialize", 1, 40001007,
@@ -143,6 +159,30 @@ int CTalvorMemoryStorage::AttachSegment(BOOL& bExists)
     // it may hold the engine's unsaved work.
     if (bExists) {
         long long nSegSize = (long long)CShareMemory::ShareMemorySize(nShmId);
+        // The system file grows on command while its image keeps its size
+        // until a start makes it anew: an image of the size before the
+        // growth is the engine's, and is taken over at that size.
+        // Any other file: a growth that the process did not live to finish
+        // leaves the file longer than its head says and its image at the
+        // old size; the head on disk tells, and the image is taken over at
+        // its size (the tail is zeros nobody uses yet).
+        if (p->m_bFileType != FILETYPE_SYSTEM && nSegSize < p->m_liFileSize &&
+            nSegSize >= MinimumFileSize((BYTE)p->m_bFileType) && DiskHeadSize() <= nSegSize &&
+            DiskHeadSize() > 0) {
+            Trace("Initialize", 3, 40001019,
+                  TALVOR_TEXT("文件的增长未完成,保留下来的内存文件按其大小接管,内存文件:%s,内存大小:%lld,文件大小:%lld",
+                              "The file's growth did not finish, and the memory file that survived is taken over at its size, memory file: %s, memory size: %lld, file size: %lld"),
+                  p->m_lpszTablespaceName, nSegSize, p->m_liFileSize);
+            p->m_liFileSize = nSegSize;
+        }
+        if (p->m_bFileType == FILETYPE_SYSTEM && nSegSize < p->m_liFileSize &&
+            nSegSize >= MinimumFileSize(FILETYPE_SYSTEM)) {
+            Trace("Initialize", 3, 40001018,
+                  TALVOR_TEXT("保留下来的系统内存文件小于已增长的系统文件,按其大小接管,内存文件:%s,内存大小:%lld,文件大小:%lld",
+                              "The system memory file that survived is smaller than the grown system file and is taken over at its size, memory file: %s, memory size: %lld, file size: %lld"),
+                  p->m_lpszTablespaceName, nSegSize, p->m_liFileSize);
+            p->m_liFileSize = nSegSize;
+        }
         if (nSegSize != p->m_liFileSize) {
             Trace("Initialize", 1, 40001009,
                   TALVOR_TEXT("保留下来的内存文件与文件大小不同,内存文件:%s,内存大小:%lld,文件大小:%lld",
@@ -217,7 +257,10 @@ int CTalvorMemoryStorage::CheckImageHead()
     // The engine takes the file's extent from its head: an image shorter
     // than that would be overrun at the first access past its end.
     long long nHeadSize = lpHead->m_nFileTotalSize;
-    if (nHeadSize > p->m_liFileSize) {
+    // A grown system file's head tells the size on disk, which its image
+    // reaches at the next start that makes it anew.
+    long long nLimit = bFileType == FILETYPE_SYSTEM && m_bTookOver ? m_nDiskFileSize : p->m_liFileSize;
+    if (nHeadSize > nLimit) {
         Trace("Initialize", 1, 40001017,
               TALVOR_TEXT("文件比其头信息记录的短,路径:%s,文件大小:%lld,头信息记录大小:%lld",
                           "The file is shorter than its head says, path: %s, file size: %lld, size in the head: %lld"),

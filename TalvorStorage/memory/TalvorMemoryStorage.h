@@ -60,6 +60,11 @@ public:
     // Makes the directories of a file's path. 0 for an empty path, else 1
     // whatever happened: the creation of the file tells.
     BOOL MakeDir(char* lpszFilePath);
+    // Takes the file back to lpszPath, a whole copy of it that the list on
+    // disk still names: opened there, the present handle closed, the path
+    // the descriptor's. 0, or 1 with the present file kept (traced).
+    // Storage thread (a move that could not be finished).
+    int SwitchBackTo(const char* lpszPath);
 
     // TRUE when Initialize took over a segment that outlived an earlier run
     // of the daemon: it may hold the engine's work not yet on disk.
@@ -73,6 +78,9 @@ public:
 private:
     BOOL m_bTookOver = FALSE;
     BOOL m_bKeepSegment = FALSE;
+    // The file's size on disk at start; the system file's image may be
+    // smaller (grown on command, taken over at its old size).
+    long long m_nDiskFileSize = 0;
     // The map blocks the save pass last wrote and synced; forgotten by every
     // other writer of the file.
     CMemoryMapOnDisk m_stMapOnDisk;
@@ -83,6 +91,8 @@ private:
     int OpenExistingFile();
     BOOL SettleFileSize();
     int AttachSegment(BOOL& bExists);
+    // The size the head on disk gives the file; -1 when it cannot be read.
+    long long DiskHeadSize();
     int LoadImage(LPTALVORPROGRESS lpTalvorProgress, long long nTotalProgress);
     int CheckImageHead();
     // Creates and attaches a segment of nSize bytes under the file's key,

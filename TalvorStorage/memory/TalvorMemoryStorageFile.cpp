@@ -247,3 +247,24 @@ int CTalvorMemoryStorage::Save2File(LPFILEINFO pFileInfo, BOOL bNewFile, LPTALVO
           p->m_lpszFilePath, nSize);
     return 0;
 }
+
+int CTalvorMemoryStorage::SwitchBackTo(const char* lpszPath)
+{
+    m_stMapOnDisk.Forget();
+    LPFILEINFO p = m_pFileInfo;
+    if (p == nullptr) return 1;
+    int fd = CTalvorFileIO::Current()->Open(lpszPath, OpenFlags((BYTE)p->m_bFileType, FALSE), 0666);
+    void* hFile = fd >= 0 ? Talvor_MakeFileHandle(fd) : nullptr;
+    if (hFile == nullptr) {
+        int nErr = fd < 0 ? errno : ENOMEM;
+        if (fd >= 0) CTalvorFileIO::Current()->Close(fd);
+        Trace("Save2File", 1, 40005007,
+              TALVOR_TEXT("无法回到原文件,错误:%s(%d),路径:%s", "Could not take the file back to its old place, error: %s(%d), path: %s"),
+              strerror(nErr), nErr, lpszPath);
+        return 1;
+    }
+    Talvor_CloseFile(p->m_hFile);
+    p->m_hFile = hFile;
+    snprintf(p->m_lpszFilePath, sizeof(p->m_lpszFilePath), "%s", lpszPath);
+    return 0;
+}

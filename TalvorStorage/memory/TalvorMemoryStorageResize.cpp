@@ -48,6 +48,16 @@ int CTalvorMemoryStorage::ChangeFileSize(LPTALVORCRITICALSECTION lpCritSection, 
         return 1;
     }
 
+    // A smaller file would cut blocks the engine holds, and a size off the
+    // sector grid cannot be written through the direct descriptor.
+    if (nFileSize < p->m_liFileSize || nFileSize % DB_IO_ALIGN != 0) {
+        Trace("ChangeFileSize", 1, 40003008,
+              TALVOR_TEXT("文件不能缩小,且大小须为512的倍数,文件路径:%s,现有大小:%lld,要求大小:%lld",
+                          "A file cannot shrink, and its size must be a multiple of 512, file path: %s, present size: %lld, size asked: %lld"),
+              p->m_lpszFilePath, p->m_liFileSize, nFileSize);
+        return 1;
+    }
+
     // The image goes to disk in full first: it is about to be rebuilt from
     // the file.
     BOOL bFlashbackFlag = FALSE;
@@ -56,7 +66,7 @@ int CTalvorMemoryStorage::ChangeFileSize(LPTALVORCRITICALSECTION lpCritSection, 
     if (nResult != 0) return nResult;
 
     LPBASEFILEHEAD lpHead = (LPBASEFILEHEAD)p->m_pFileAddr;
-    lpHead->m_nFileTotalSize = nFileSize;
+    const long long nOldSize = p->m_liFileSize;
     int fd = Talvor_FileDescriptor(p->m_hFile);
     struct stat st;
     if (fd < 0 || CTalvorFileIO::Current()->FStat(fd, &st) != 0) {
@@ -68,6 +78,8 @@ int CTalvorMemoryStorage::ChangeFileSize(LPTALVORCRITICALSECTION lpCritSection, 
         return 1;
     }
 
+    // The image's head keeps the old size until the file has grown: a
+    // failure leaves the file, the image and the head as they were.
     memset(lpBuffer, 0, (size_t)nBufferSize);
     for (long long nPos = p->m_liFileSize; nPos < nFileSize;) {
         int nPiece = (int)(nFileSize - nPos < nBufferSize ? nFileSize - nPos : nBufferSize);
@@ -78,6 +90,8 @@ int CTalvorMemoryStorage::ChangeFileSize(LPTALVORCRITICALSECTION lpCritSection, 
                   TALVOR_TEXT("执行添加文件命令时,创建新文件后写入数据失败,错误:%s(%d),路径:%s,写入位置:%lld,写入大小:%d",
                               "When executing add file command, data writing after creating a new file failed, error: %s(%d), path: %s, write location: %lld, write size: %d"),
                   strerror(nErr), nErr, p->m_lpszFilePath, nPos, nPiece);
+            CTalvorFileIO::Current()->FTruncate(fd, (off_t)nOldSize);
+            TalvorSetLoadSize(p, nOldSize);
             return 1;
         }
         nPos += nPiece;
@@ -89,12 +103,17 @@ int CTalvorMemoryStorage::ChangeFileSize(LPTALVORCRITICALSECTION lpCritSection, 
               TALVOR_TEXT("文件大小异常,文件需要增长到:%lld,实际获得的文件大小为:%lld,文件路径:%s",
                           "File size exception, the file size needs to grow to: %lld, and the actual size of the obtained file is: %lld, file path: %s"),
               nFileSize, nActual, p->m_lpszFilePath);
+        CTalvorFileIO::Current()->FTruncate(fd, (off_t)nOldSize);
+        TalvorSetLoadSize(p, nOldSize);
         return 1;
     }
 
-    // The head, which now carries the new size, reaches the disk before the
-    // segment is remade from it. Its size comes from the image, so it is
-    // held to the image.
+    // The old segment's name goes before the head that announces the new
+    // size reaches the disk: a process that dies from here on leaves no
+    // segment of the old size behind for the next start to take over
+    // against a larger file. The image stays attached until the head is out.
+    CShareMemory::DestoryShareMemory(p->m_nShmId);
+    lpHead->m_nFileTotalSize = nFileSize;
     int nHeadSize = lpHead->m_nFileHeaderSize;
     BOOL bWritten = nHeadSize > 0 && nHeadSize <= p->m_liFileSize;
     if (!bWritten) errno = EINVAL;
@@ -105,13 +124,16 @@ int CTalvorMemoryStorage::ChangeFileSize(LPTALVORCRITICALSECTION lpCritSection, 
               TALVOR_TEXT("从内存写入物理文件失败,错误:%s(%d),路径:%s,写入位置:0,写入大小:%d",
                           "Failed to write from memory to physical file, error: %s(%d), path: %s, write location: 0, write size: %d"),
               strerror(nErr), nErr, p->m_lpszFilePath, nHeadSize);
-        return 1;
+        // The file keeps its old head: it goes back to the old size, and the
+        // image (whose name is gone) is made again from it below.
+        lpHead->m_nFileTotalSize = nOldSize;
+        CTalvorFileIO::Current()->FTruncate(fd, (off_t)nOldSize);
+        nFileSize = nOldSize;
+        nResult = 1;
     }
     p->m_liFileSize = nFileSize;
 
     CShareMemory::ShMemDetach(p->m_pFileAddr);
-    usleep(1000);
-    CShareMemory::DestoryShareMemory(p->m_nShmId);
     p->m_pFileAddr = nullptr;
     p->m_nShmId = 0;
     usleep(SEGMENT_REMAKE_PAUSE_US);
@@ -135,6 +157,7 @@ int CTalvorMemoryStorage::ChangeFileSize(LPTALVORCRITICALSECTION lpCritSection, 
         nPos += nPiece;
     }
     TalvorSetLoadSize(p, nFileSize);
+    if (nResult != 0) return nResult;
     Trace("ChangeFileSize", 3, 40003098,
           TALVOR_TEXT("成功修改文件大小,文件路径:%s,文件大小:%lld", "Successfully modified the file size, file path: %s, file size: %lld"),
           p->m_lpszFilePath, nFileSize);

@@ -50,6 +50,10 @@ public:
                              BOOL bExit);
     // One block of the file list: a descriptor for every live row.
     BOOL LoadMemDBFileData(LPSYSTEMBLOCKHEAD lpSystemBlockHead);
+    // The row at lpRow's place in the list on disk into lpSettled: TRUE when
+    // it is a live row of the same file with no command (traced either
+    // way). Main thread, at start.
+    BOOL SettledRowOnDisk(LPFILE_MEMDBFILEINFO lpRow, LPFILE_MEMDBFILEINFO lpSettled);
     // One block of the file list of a moved database: rows under lpszSrcPath
     // move under lpszDirPath, and the block is written to the system file.
     BOOL CorrectDBFileData(LPSYSTEMBLOCKHEAD lpSystemBlockHead, char* lpszDirPath, char* lpszSrcPath);
@@ -66,9 +70,12 @@ public:
     // block through MemFileCMD. Storage thread; no latch held. 0, or the
     // failure of the block that stopped the walk (traced).
     HRESULT FileCMD(LPTALVORCRITICALSECTION lpCritSection);
-    // Every row of one file list block: its command's result goes into its
-    // m_bFileCMD. 0 when the block was worked through; 0x80004005 for a
-    // block of another object or record size (traced). Storage thread.
+    // Every row of one file list block: the command in its m_bFileCMD is
+    // carried out (add, move, resize, delete) and its result written back
+    // there. 0 when the block was worked through, whatever the rows' results;
+    // 0x80004005 for a block of another object or record size (traced).
+    // Storage thread; no latch held (the system file's resize takes m_crit)
+    // (BreltMemStorageFileCommand.cpp).
     HRESULT MemFileCMD(LPTALVORCRITICALSECTION lpCritSection, LPSYSTEMBLOCKHEAD lpSystemBlockHead);
     // Drains the cache buffers of every table and index file; returns 0.
     HRESULT FlushCacheFile(LPTALVORCRITICALSECTION lpCritSection);
@@ -284,6 +291,57 @@ private:
     void KeepTakenOverImages();
     void ReleaseSystemFile();
     void WaitForStandbySlots();
+
+    // --- File commands (BreltMemStorageFileCommand.cpp). Storage thread; no
+    // latch held unless said. Each returns the row's result (FILECMD_*).
+    // Add: the file is made complete and synced before the row says 0; a
+    // failure leaves no descriptor, no table entry and no file it made.
+    // bStop is set when the rest of the block must wait (248, 247).
+    BYTE FileCmdAdd(LPTALVORCRITICALSECTION lpCritSection, LPSYSTEMBLOCKHEAD lpBlock, LPFILE_MEMDBFILEINFO lpRow,
+                    BOOL& bStop);
+    // The new descriptor of an add, filled from the row; null when out of
+    // memory.
+    stu_FILEINFO* NewDescriptorFromRow(LPSYSTEMBLOCKHEAD lpBlock, LPFILE_MEMDBFILEINFO lpRow);
+    // A new cache-mode file's head pages need blocks of the cache hung on
+    // its number: when the engine has hung none, they are taken as a start
+    // takes them for a file it loads. 0, or non-zero when the cache has
+    // none to give.
+    int TakeCachePages(LPTALVORCRITICALSECTION lpCritSection, stu_FILEINFO* p);
+    // Undoes a failed add: the object released, the file removed when this
+    // add made it, the descriptor freed and its table entry cleared.
+    void AbandonAdd(stu_FILEINFO* p, BOOL bRemoveFile);
+    // Move: the new file complete, synced and reopened, the list on disk
+    // naming it, and only then the old file removed.
+    BYTE FileCmdMove(LPTALVORCRITICALSECTION lpCritSection, LPSYSTEMBLOCKHEAD lpBlock, LPFILE_MEMDBFILEINFO lpRow);
+    // Copies a file to lpszNewPath through its backend; the descriptor names
+    // and holds the new file on success, the old one on failure. 0 or the
+    // backend's failure.
+    int MoveFileData(LPTALVORCRITICALSECTION lpCritSection, stu_FILEINFO* p, const char* lpszNewPath);
+    // A move whose copy is whole but which could not be finished (the list
+    // on disk could not be made to name the copy): the file is opened again
+    // at lpszOldPath. 0, or 1 when the old file cannot be had and the copy
+    // stays in use (traced).
+    int TakeMoveBack(LPTALVORCRITICALSECTION lpCritSection, stu_FILEINFO* p, const char* lpszOldPath);
+    BYTE FileCmdResize(LPTALVORCRITICALSECTION lpCritSection, LPFILE_MEMDBFILEINFO lpRow);
+    // The system file's resize; takes m_crit.
+    BYTE FileCmdResizeSystem(LPTALVORCRITICALSECTION lpCritSection, LPFILE_MEMDBFILEINFO lpRow);
+    // Delete: the list on disk stops naming the file before it is removed.
+    BYTE FileCmdDelete(LPTALVORCRITICALSECTION lpCritSection, LPSYSTEMBLOCKHEAD lpBlock, LPFILE_MEMDBFILEINFO lpRow);
+    // Writes lpRow, as the list on disk is to hold it once its command is
+    // done (bResult in its command byte), into the block on disk, and syncs
+    // the system file. The other rows of that block on disk stay as they
+    // are. Takes m_crit. TRUE when on the medium; else traced, and with
+    // pbUndone the row the disk had is written back: *pbUndone is TRUE only
+    // when that reached the medium (else the disk may name either).
+    BOOL CommitFileListRow(LPTALVORCRITICALSECTION lpCritSection, LPSYSTEMBLOCKHEAD lpBlock,
+                           LPFILE_MEMDBFILEINFO lpRow, BYTE bResult, BOOL* pbUndone = nullptr);
+    // TRUE when lpszPath (bounded, NUL-terminated) is a plain absolute path
+    // inside the database's directories: the system file's and those of the
+    // files in the list. Else traced with nCode.
+    BOOL FilePathAllowed(const char* lpszPath, LONG nCode);
+    // The descriptor of file number bFileNo in m_pStorageInfo, or null.
+    stu_FILEINFO* FindStorageInfo(BYTE bFileNo);
+    void UnlinkStorageInfo(stu_FILEINFO* p);
 
     // --- Cluster commands (BreltMemStorageCluster.cpp).
     // A pass before a command; a failure is traced with nCode.

@@ -330,12 +330,24 @@ BOOL CBreltMemStorageModule::LoadMemDBFileData(LPSYSTEMBLOCKHEAD lpBlock)
     if (!CheckFileListBlock(lpBlock, 10030003)) return FALSE;
     LPFILE_MEMDBFILEINFO lpRows = (LPFILE_MEMDBFILEINFO)((LPBYTE)lpBlock + lpBlock->m_nBlockHeadSize);
     int nRows = lpBlock->m_nDataNum;
+    CTalvorMemoryStorage* pSystem = static_cast<CTalvorMemoryStorage*>(m_lpSystemFileInfo->m_pStorageFile);
+    const BOOL bTakenOver = pSystem != nullptr && pSystem->TookOverSegment();
     for (int i = 0; i < nRows; i++) {
         LPFILE_MEMDBFILEINFO lpRow = &lpRows[i];
         BYTE bFileNo = lpRow->m_bFileNo;
         if (bFileNo == SYSTEMFILE_FILENO) {
             RefreshSystemFileRow(lpBlock, lpRow);
             continue;
+        }
+        // A row whose command was under way when the process died speaks
+        // of a file that may not be there yet (an add), or no longer there
+        // (a move): the row as the list on disk has it tells the truth.
+        // A list read from the disk carries no such row: the save pass
+        // keeps them off it.
+        FILE_MEMDBFILEINFO stSettled;
+        if (lpRow->m_bFileCMD != FILECMD_NONE && bTakenOver) {
+            if (!SettledRowOnDisk(lpRow, &stSettled)) continue;
+            lpRow = &stSettled;
         }
         if (lpRow->m_bDropFlag == 1) continue;
         // Two live rows with one number would share one segment key: the
@@ -363,9 +375,9 @@ BOOL CBreltMemStorageModule::LoadMemDBFileData(LPSYSTEMBLOCKHEAD lpBlock)
         p->m_liFileSize = lpRow->m_nFileSize;
         p->m_nMaxObjectNum = lpRow->m_nMaxObjectNum;
         p->m_pSaveFlag = &lpBlock->m_bSaveFlag;
-        p->m_pLoadSize = &lpRow->m_nLoadSize;
-        p->m_lpFileInfo = lpRow;
-        lpRow->m_nLoadSize = 0;
+        p->m_pLoadSize = &lpRows[i].m_nLoadSize;
+        p->m_lpFileInfo = &lpRows[i];
+        lpRows[i].m_nLoadSize = 0;
         p->m_pStorageFile = nullptr;
         p->m_pNext = m_pStorageInfo;
         m_pStorageInfo = p;
@@ -375,6 +387,22 @@ BOOL CBreltMemStorageModule::LoadMemDBFileData(LPSYSTEMBLOCKHEAD lpBlock)
               p->m_lpszFilePath, p->m_liFileSize);
     }
     return TRUE;
+}
+
+BOOL CBreltMemStorageModule::SettledRowOnDisk(LPFILE_MEMDBFILEINFO lpRow, LPFILE_MEMDBFILEINFO lpSettled)
+{
+    long long nOffset = (LPBYTE)lpRow - m_lpSystemFileInfo->m_pFileAddr;
+    int fd = Talvor_FileDescriptor(m_lpSystemFileInfo->m_hFile);
+    BOOL bRead = fd >= 0 && TalvorReadFull(fd, lpSettled, sizeof(*lpSettled), (off_t)nOffset);
+    BOOL bSame = bRead && lpSettled->m_bFileNo == lpRow->m_bFileNo && lpSettled->m_bFileCMD == FILECMD_NONE &&
+                 lpSettled->m_bDropFlag != 1;
+    char szPath[sizeof(lpRow->m_lpszFilePath) + 1];
+    CopyField(szPath, sizeof(szPath), lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath));
+    Trace("LoadMemDBFileData", 3, 10030011,
+          TALVOR_TEXT("文件列表的记录带有未完成的文件命令,按磁盘上的记录加载,文件号:%d,命令:%d,路径:%s,磁盘上的记录:%s",
+                      "A row of the file list carries a file command that did not finish, and is loaded as the list on disk has it, file number: %d, command: %d, path: %s, row on disk: %s"),
+          (int)lpRow->m_bFileNo, (int)lpRow->m_bFileCMD, szPath, bSame ? "loaded" : "none");
+    return bSame;
 }
 
 BOOL CBreltMemStorageModule::CorrectDBFileData(LPSYSTEMBLOCKHEAD lpBlock, char* lpszDirPath, char* lpszSrcPath)

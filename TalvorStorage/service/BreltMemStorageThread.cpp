@@ -248,57 +248,7 @@ HRESULT CBreltMemStorageModule::FileCMD(LPTALVORCRITICALSECTION lpCritSection)
     return S_OK;
 }
 
-// Adding, moving, resizing and deleting files are not served yet. Each
-// command is answered with its command's failure, so that the engine reads a
-// refusal where it wrote the command and nothing is taken as done: no file
-// is made, moved, resized or deleted, the descriptors stay as they are, and
-// the save pass keeps a row that carries a command or an unread answer out
-// of the file list on disk (the next start reads the list it had).
-HRESULT CBreltMemStorageModule::MemFileCMD(LPTALVORCRITICALSECTION, LPSYSTEMBLOCKHEAD lpSystemBlockHead)
-{
-    if (lpSystemBlockHead->m_nObjectID != SYSTEMFILE_FILELIST_OBJECTID) {
-        Trace("MemFileCMD", 1, 10060001,
-              TALVOR_TEXT("数据块的对象标识不正确,要求值:%d,实际值:%d",
-                          "The object representation of the data block is incorrect, required value: %d, actual value: %d"),
-              SYSTEMFILE_FILELIST_OBJECTID, (int)lpSystemBlockHead->m_nObjectID);
-        return E_FAIL;
-    }
-    if (lpSystemBlockHead->m_nBlockDataStructSize != (int)sizeof(FILE_MEMDBFILEINFO)) {
-        Trace("MemFileCMD", 1, 10060002,
-              TALVOR_TEXT("数据块的结构大小已改变,当前系统值:%d,记录值:%d",
-                          "The structure size of data block has changed, current system value: %d, recorded value: %d"),
-              (int)sizeof(FILE_MEMDBFILEINFO), (int)lpSystemBlockHead->m_nBlockDataStructSize);
-        return E_FAIL;
-    }
-    LPBYTE lpBlock = (LPBYTE)lpSystemBlockHead;
-    long long nBlockSize = lpSystemBlockHead->m_nBlockSize;
-    long long nAt = lpSystemBlockHead->m_nBlockHeadSize;
-    // m_nDataNum is read again after each row (the engine may append), and
-    // held to the block, whose size the caller checked.
-    for (int i = 0; i < lpSystemBlockHead->m_nDataNum; i++, nAt += (long long)sizeof(FILE_MEMDBFILEINFO)) {
-        if (nAt < (long long)sizeof(SYSTEMBLOCKHEAD) || nAt + (long long)sizeof(FILE_MEMDBFILEINFO) > nBlockSize) break;
-        LPFILE_MEMDBFILEINFO lpRow = (LPFILE_MEMDBFILEINFO)(lpBlock + nAt);
-        BYTE bCommand = lpRow->m_bFileCMD;
-        BYTE bResult = 0;
-        switch (bCommand) {
-        case FILECMD_ADD: bResult = FILECMD_ADD_FAILED; break;
-        case FILECMD_MOVE: bResult = FILECMD_MOVE_FAILED; break;
-        case FILECMD_RESIZE: bResult = FILECMD_RESIZE_FAILED; break;
-        // A delete has no failure of its own: the refusal it can carry.
-        case FILECMD_DELETE: bResult = FILECMD_NO_SUCH_FILE; break;
-        default: continue;  // no command, or a result the engine has not read
-        }
-        char szPath[sizeof(lpRow->m_lpszFilePath) + 1] = {0};
-        memcpy(szPath, lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath));
-        Trace("MemFileCMD", 1, 10060050,
-              TALVOR_TEXT("本服务尚不能执行文件命令,拒绝执行,命令:%d,文件号:%d,文件路径:%s,结果:%d",
-                          "File commands cannot be served by this service yet, so the command was refused, command: %d, file number: %d, file path: %s, result: %d"),
-              (int)bCommand, (int)lpRow->m_bFileNo, szPath, (int)bResult);
-        TalvorFlushCPU4Write();
-        lpRow->m_bFileCMD = bResult;
-    }
-    return S_OK;
-}
+// MemFileCMD and the file commands live in BreltMemStorageFileCommand.cpp.
 
 HRESULT CBreltMemStorageModule::FlushCacheFile(LPTALVORCRITICALSECTION lpCritSection)
 {

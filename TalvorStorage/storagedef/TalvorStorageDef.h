@@ -113,8 +113,9 @@ public:
     // Cache mode: carries out one flush request. Memory mode: 0. The cache's
     // flush threads.
     virtual int FlushBlock(LPTALVORCRITICALSECTION lpCritSection, stu_CacheFlush* pCacheFlush, LPBYTE lpBuffer) = 0;
-    // Cache mode: copies the file to lpszFilePath, removes the old one and
-    // reopens. Memory mode: nothing to do, 0 (a move goes through Save2File).
+    // Cache mode: copies the file to lpszFilePath, syncs the copy and
+    // reopens there; the old file stays on disk for the caller to remove
+    // (on failure the file stays open at its old path). Memory mode: nothing to do, 0 (a move goes through Save2File).
     // Storage thread (a file command).
     virtual int ChangeFilePath(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, char* lpszFilePath,
                                LPBYTE lpBuffer, int nBufferSize, LPTALVORPROGRESS lpTalvorProgress,

@@ -64,8 +64,8 @@ const std::vector<OptionSpec> g_vDataOptions = {
     {"nothing-to-save", true, "percent of the daemon's head requests answered \"nothing to save\" (-2) (default 0)"},
     {"forbid-every", true, "hold the daemon off (head m_bForbidSaveFlag 1) every N transactions (default 0: never)"},
     {"forbid-ms", true, "how long each hold lasts, rows changing meanwhile (default 300)"},
-    {"file-command-every", true, "ask the daemon to resize the first database file every N transactions, the "
-                                 "refusal expected and the request taken back (default 0: never)"},
+    {"file-command-every", true, "ask the daemon to grow the system file by 4 MiB every N transactions, "
+                                 "success expected (default 0: never)"},
     {"quiet", false, "no summary line"},
 };
 
@@ -568,7 +568,7 @@ int RunDataJob(const std::vector<std::string>& args)
             checker.m_bAsked = true;
         }
         if (!files.Step(engine, nDone, bLive, !forbid.m_bHeld && !checker.m_bAsked)) {
-            fprintf(stderr, "talvor-peer data: file command %lld was answered %d, not refused\n", files.m_nAsked,
+            fprintf(stderr, "talvor-peer data: file command %lld was answered %d, not done\n", files.m_nAsked,
                     files.m_nLastAnswer);
             close(fdJournal);
             return PEER_VIOLATION;
@@ -621,7 +621,7 @@ int RunDataJob(const std::vector<std::string>& args)
         printf("committed %lld transactions, last timestamp %lld, passes asked %lld, channel answers %lld\n", nDone,
                (long long)lpHead->m_nEndTimestamp, nPasses, engine.m_nAnswers);
     if (nNothingPct > 0) printf("answered nothing to save %lld times\n", engine.m_nNothingToSave);
-    if (files.m_nEvery > 0) printf("file commands asked %lld, refused %lld\n", files.m_nAsked, files.m_nRefused);
+    if (files.m_nEvery > 0) printf("file commands asked %lld, done %lld\n", files.m_nAsked, files.m_nDone);
     if (forbid.m_nEvery > 0) {
         printf("held off %lld times, commits while held off %lld, passes answered while held off %lld\n",
                forbid.m_nWindows, forbid.m_nCommitsHeld, forbid.m_nAnsweredHeld);

@@ -1,6 +1,7 @@
 // main.cpp — talvor-peer, the stand-in for the engine (TalvorService) in
 // tests and demonstrations: "talvor-peer JOB [options]".
 #include "PeerData.h"
+#include "PeerFileCommand.h"
 #include "PeerJobs.h"
 #include "PeerRedo.h"
 
@@ -23,6 +24,8 @@ const PeerJob g_arJobs[] = {
     {"cluster", "send one cluster command through m_ClusterCommand and wait for its final value", RunClusterJob,
      ClusterJobUsage},
     {"backup", "take a full backup by cluster command 40, with a progress line", RunBackupJob, BackupJobUsage},
+    {"file", "add, move, resize or drop a database file through the file list, as the engine does", RunFileJob,
+     FileJobUsage},
     {"command", "ask the storage thread through m_bStorageCMD and time its answers", RunCommandJob, CommandJobUsage},
     {"restore", "restore the database from a backup chain by cluster command 46, with a progress line",
      RunRestoreJob, RestoreJobUsage},

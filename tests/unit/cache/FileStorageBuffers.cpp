@@ -497,7 +497,9 @@ TEST_F(FileBuffers, MovedFileTakesItsBufferedChangesAlong)
     AlignedBytes buf(1048576);
     ASSERT_EQ(0, m_pStorage->ChangeFilePath(nullptr, &m_info, vNew.data(), buf.m_p, 1048576, nullptr, 1));
     EXPECT_TRUE(Traced(80008011, "Successfully modified file path"));
-    EXPECT_FALSE(TalvorPathExists(strOld.c_str()));
+    // The old file stays until the file list names the new one: removing it
+    // is the file command's, after that.
+    EXPECT_TRUE(TalvorPathExists(strOld.c_str()));
     EXPECT_STREQ(strNew.c_str(), m_info.m_lpszFilePath);
     EXPECT_EQ(FS_FILE_SIZE, nLoadSize);
     m_strPath = strNew;

@@ -195,17 +195,24 @@ TEST_F(MemoryStorageFile, GrowingToTheSameSizeWritesNoBlockAndStillRemakes)
     EXPECT_EQ(0, memcmp(p->m_pFileAddr, m_strFile.data(), m_strFile.size()));
 }
 
-TEST_F(MemoryStorageFile, ShrinkingIsRefusedAfterTheHeadSaysTheNewSize)
+// A smaller size is refused before anything is written: the head keeps the
+// size of the file, so that the next start does not find a file that its
+// own head calls too short or too long.
+TEST_F(MemoryStorageFile, ShrinkingIsRefusedAndTheHeadKeepsItsSize)
 {
     LPFILEINFO p = OpenPatterned(2, 2 * MIB);
     int nOldId = p->m_nShmId;
     EXPECT_EQ(1, Grow(p, 1 * MIB));
-    EXPECT_EQ(1 * MIB, Val(((LPBASEFILEHEAD)p->m_pFileAddr)->m_nFileTotalSize));
+    EXPECT_EQ(2 * MIB, Val(((LPBASEFILEHEAD)p->m_pFileAddr)->m_nFileTotalSize));
     EXPECT_EQ(2 * MIB, FileSizeOf(p->m_lpszFilePath));
     EXPECT_EQ(nOldId, p->m_nShmId);  // the segment stays as it was
-    EXPECT_TRUE(m_tree.Traced("40003005 ChangeFileSize File size exception, the file size needs to grow to: "
-                              "1048576, and the actual size of the obtained file is: 2097152, file path: " +
-                              std::string(p->m_lpszFilePath)));
+    EXPECT_TRUE(m_tree.Traced("40003008 ChangeFileSize A file cannot shrink, and its size must be a multiple of 512, "
+                              "file path: " + std::string(p->m_lpszFilePath) +
+                              ", present size: 2097152, size asked: 1048576"));
+    // Off the sector grid, likewise.
+    EXPECT_EQ(1, Grow(p, 2 * MIB + 100));
+    EXPECT_EQ(2 * MIB, FileSizeOf(p->m_lpszFilePath));
+    EXPECT_EQ(2 * MIB, Val(((LPBASEFILEHEAD)p->m_pFileAddr)->m_nFileTotalSize));
 }
 
 TEST_F(MemoryStorageFile, GrowingWithoutAnImageOrABufferIsRefused)

@@ -138,6 +138,22 @@ TEST_F(MemoryStorageLoad, SurvivingSegmentOfAnotherSizeIsLeftAlone)
     EXPECT_EQ(nId, shmget(FileImageShmKey(4), 0, 0));  // not removed
 }
 
+// A segment smaller than the data file (a file grown while the process
+// died) is named for what it is and left alone as well.
+TEST_F(MemoryStorageLoad, SurvivingSmallerSegmentIsNamedAndLeftAlone)
+{
+    std::string strFile = MakeFileBytes(FILETYPE_DATA, 4, 2 * MIB, 1 * MIB);
+    LPFILEINFO p = Describe("Data4.dbf", 4, FILETYPE_DATA, 2 * MIB);
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
+    int nId = shmget(FileImageShmKey(4), 1 * MIB, IPC_CREAT | IPC_EXCL | 0666);
+    ASSERT_GT(nId, 0);
+    EXPECT_EQ(1, Open(p));
+    EXPECT_TRUE(m_tree.Traced("40001009 Initialize The memory file that survived has another size than the file"));
+    p->m_pStorageFile->Release();
+    EXPECT_EQ(nId, shmget(FileImageShmKey(4), 0, 0));
+    shmctl(nId, IPC_RMID, nullptr);
+}
+
 TEST_F(MemoryStorageLoad, HeadMarkIsCheckedByFileType)
 {
     struct Case {

@@ -1,24 +1,13 @@
-// File commands the daemon cannot serve yet, over a loaded database: a file
-// command is refused in its row, and the file list on disk stays the one the
-// next start opens.
+// File commands refused over a loaded database: the refusal stands in the
+// row, and the file list on disk stays the one the next start opens.
 #include "DbFileLayout.h"
 #include "PersistenceDb.h"
 #include "TestClock.h"
 #include "TestFiles.h"
 
-#include <sys/stat.h>
-
 using namespace talvortest;
 
 namespace {
-
-size_t Count(const std::string& strText, const std::string& strWhat)
-{
-    size_t n = 0;
-    for (size_t at = strText.find(strWhat); at != std::string::npos; at = strText.find(strWhat, at + 1)) n++;
-    return n;
-}
-
 
 class ServiceCommands : public ::testing::Test {
 protected:
@@ -59,49 +48,56 @@ protected:
 
 } // namespace
 
-TEST_F(ServiceCommands, FileCommandsAreRefusedInTheirRowsAndTheListOnDiskStays)
+TEST_F(ServiceCommands, RefusedFileCommandsLeaveTheListOnDiskAsItWas)
 {
     const std::string strListBefore = ReadWholeFile(m_db.SystemPath());
     LPSYSTEMBLOCKHEAD lpBlock = ListBlockWithRoom();
     const int nRowsBefore = lpBlock->m_nDataNum;
 
-    // Add file 9, move file 3, resize file 4, delete file 2.
+    // An add of a number that is taken, a move onto another file's path, a
+    // resize to a smaller size, a delete of a number nobody holds.
     LPFILE_MEMDBFILEINFO lpNew =
         (LPFILE_MEMDBFILEINFO)((LPBYTE)lpBlock + lpBlock->m_nBlockHeadSize + nRowsBefore * sizeof(FILE_MEMDBFILEINFO));
     memset(lpNew, 0, sizeof(*lpNew));
-    lpNew->m_bFileNo = 9;
+    lpNew->m_bFileNo = 2;
     lpNew->m_bFileType = FILETYPE_DATA;
     snprintf(lpNew->m_lpszFilePath, sizeof(lpNew->m_lpszFilePath), "%sNew9.dbf", m_db.m_tree.Dir().c_str());
     snprintf(lpNew->m_lpszTablespaceName, sizeof(lpNew->m_lpszTablespaceName), "New9");
     lpNew->m_nFileSize = 4 * DB_MIB;
-    lpBlock->m_nDataNum = nRowsBefore + 1;
-    snprintf(Row(3)->m_lpszFilePath, sizeof(Row(3)->m_lpszFilePath), "%sMoved3.dbf", m_db.m_tree.Dir().c_str());
-    Row(4)->m_nFileSize = 8 * DB_MIB;
+    LPFILE_MEMDBFILEINFO lpGhost = lpNew + 1;
+    memcpy(lpGhost, lpNew, sizeof(*lpGhost));
+    lpGhost->m_bFileNo = 9;
+    lpBlock->m_nDataNum = nRowsBefore + 2;
+    snprintf(Row(3)->m_lpszFilePath, sizeof(Row(3)->m_lpszFilePath), "%s", m_db.PathOf(4).c_str());
+    Row(4)->m_nFileSize = 2 * DB_MIB;
     talvorpeer::PeerFence();
     lpNew->m_bFileCMD = FILECMD_ADD;
     Row(3)->m_bFileCMD = FILECMD_MOVE;
     Row(4)->m_bFileCMD = FILECMD_RESIZE;
-    Row(2)->m_bFileCMD = FILECMD_DELETE;
+    lpGhost->m_bFileCMD = FILECMD_DELETE;
     MarkListChanged(lpBlock);
 
     ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
-    EXPECT_EQ(FILECMD_ADD_FAILED, Val(lpNew->m_bFileCMD));
-    EXPECT_EQ(FILECMD_MOVE_FAILED, Val(Row(3)->m_bFileCMD));
+    EXPECT_EQ(FILECMD_ADD_NUMBERTAKEN, Val(lpNew->m_bFileCMD));
+    EXPECT_EQ(FILECMD_PATHTAKEN, Val(Row(3)->m_bFileCMD));
     EXPECT_EQ(FILECMD_RESIZE_FAILED, Val(Row(4)->m_bFileCMD));
-    EXPECT_EQ(FILECMD_NO_SUCH_FILE, Val(Row(2)->m_bFileCMD));
+    EXPECT_EQ(FILECMD_NO_SUCH_FILE, Val(lpGhost->m_bFileCMD));
     // Nothing was done: no file made, moved or deleted, no descriptor changed.
     EXPECT_FALSE(PathExists(m_db.m_tree.Dir() + "New9.dbf"));
-    EXPECT_FALSE(PathExists(m_db.m_tree.Dir() + "Moved3.dbf"));
     EXPECT_TRUE(PathExists(m_db.PathOf(2)));
+    EXPECT_TRUE(PathExists(m_db.PathOf(3)));
     EXPECT_EQ(nullptr, m_db.File(9));
     EXPECT_STREQ(m_db.PathOf(3).c_str(), m_db.File(3)->m_lpszFilePath);
     EXPECT_EQ(4 * DB_MIB, Val(m_db.File(4)->m_liFileSize));
     std::string strTrace = m_db.m_tree.Trace();
-    EXPECT_NE(std::string::npos, strTrace.find("10060050 MemFileCMD File commands cannot be served by this service yet, "
-                                               "so the command was refused, command: 1, file number: 9, file path: " +
-                                               m_db.m_tree.Dir() + "New9.dbf, result: 252"))
+    EXPECT_NE(std::string::npos, strTrace.find("10060011 MemFileCMD The system received command to create new memory "
+                                               "files, but the file number duplicated, so the system refused to "
+                                               "execute, file number: 2, original file path: " +
+                                               m_db.PathOf(2) + ", new file path: " + m_db.m_tree.Dir() + "New9.dbf"))
         << strTrace;
-    EXPECT_EQ(4u, Count(strTrace, "File commands cannot be served by this service yet"));
+    EXPECT_NE(std::string::npos, strTrace.find("10060021 MemFileCMD")) << strTrace;
+    EXPECT_NE(std::string::npos, strTrace.find("10060033 MemFileCMD")) << strTrace;
+    EXPECT_NE(std::string::npos, strTrace.find("10060041 MemFileCMD")) << strTrace;
 
     // The pass commits the engine's timestamp, but not the refused list.
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
@@ -112,10 +108,11 @@ TEST_F(ServiceCommands, FileCommandsAreRefusedInTheirRowsAndTheListOnDiskStays)
     EXPECT_TRUE(0 == memcmp(&strListBefore[(size_t)nBlockAt], &strListAfter[(size_t)nBlockAt], (size_t)lpBlock->m_nBlockSize))
         << "the file list block on disk changed";
 
-    // A second walk leaves the answers and says nothing more.
+    // A second walk leaves the answers: only 1 to 4 are commands.
+    size_t nLines = strTrace.size();
     ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
-    EXPECT_EQ(FILECMD_ADD_FAILED, Val(lpNew->m_bFileCMD));
-    EXPECT_EQ(4u, Count(m_db.m_tree.Trace(), "File commands cannot be served by this service yet"));
+    EXPECT_EQ(FILECMD_ADD_NUMBERTAKEN, Val(lpNew->m_bFileCMD));
+    EXPECT_EQ(nLines, m_db.m_tree.Trace().size());
 
     // The next start reads the list it had and opens every file.
     m_db.Stop();
@@ -129,11 +126,14 @@ TEST_F(ServiceCommands, FileCommandsAreRefusedInTheirRowsAndTheListOnDiskStays)
 TEST_F(ServiceCommands, ASettledListReachesTheDiskAgain)
 {
     LPSYSTEMBLOCKHEAD lpBlock = ListBlockWithRoom();
-    Row(4)->m_bFileCMD = FILECMD_DELETE;
+    Row(4)->m_nFileSize = 2 * DB_MIB;
+    Row(4)->m_bFileCMD = FILECMD_RESIZE;
     MarkListChanged(lpBlock);
     ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    ASSERT_EQ(FILECMD_RESIZE_FAILED, Val(Row(4)->m_bFileCMD));
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
     // The engine takes the answer back and renames the memory file.
+    Row(4)->m_nFileSize = 4 * DB_MIB;
     Row(4)->m_bFileCMD = FILECMD_NONE;
     snprintf(Row(4)->m_lpszTablespaceName, sizeof(Row(4)->m_lpszTablespaceName), "Renamed4");
     MarkListChanged(lpBlock);

@@ -1,0 +1,343 @@
+// End-to-end: the engine stand-in adds, grows, moves and drops database files
+// of both modes through the file list while the daemon runs ("talvor-peer
+// file"), and the daemon is stopped and started again after every step: the
+// list on disk and the files agree each time, and the start loads them. A
+// daemon killed in the middle of an add, a move or a drop starts again on a
+// list that agrees with the files.
+#include "DatabaseLoadKit.h"
+
+#include <csignal>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <sstream>
+
+using namespace talvortest;
+
+namespace {
+
+const int CACHE_MIB = 64;
+
+class FileCommandsE2E : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(MkdbBuilt());
+        ASSERT_TRUE(PeerBuilt());
+        ASSERT_TRUE(m_box.Ok());
+    }
+    void TearDown() override
+    {
+        if (m_pid > 0) {
+            m_box.Signal(m_pid, SIGTERM);
+            m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS);
+        }
+    }
+    void MakeDatabase(int nCacheMib)
+    {
+        ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), {"--data-file", "4", "--table-file", "4"}));
+        WriteDbIni(m_box, m_box.DataDir());
+        if (nCacheMib == 0) return;
+        std::string strIni = ReadWholeFile(m_box.IniPath());
+        size_t n = strIni.find("buffercachesize=0");
+        ASSERT_NE(std::string::npos, n);
+        strIni.replace(n, strlen("buffercachesize=0"), "buffercachesize=" + std::to_string(nCacheMib));
+        m_box.WriteIni(strIni);
+    }
+    // Starts the daemon and waits for a new "started" line.
+    void Start()
+    {
+        size_t nBefore = m_box.ReadDaemonTrace().size();
+        m_pid = m_box.StartDaemon();
+        ASSERT_GT(m_pid, 0);
+        bool bUp = WaitUntil(
+            [&] {
+                std::string s = m_box.ReadDaemonTrace();
+                size_t n = s.rfind("Talvor storage service started!");
+                return n != std::string::npos && n >= nBefore;
+            },
+            DAEMON_START_TIMEOUT_MS, TRACE_POLL_MS);
+        ASSERT_TRUE(bUp) << m_box.ReadDaemonTrace().substr(nBefore);
+    }
+    void Stop()
+    {
+        m_box.Signal(m_pid, SIGTERM);
+        EXPECT_EQ(0, m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS));
+        m_pid = -1;
+    }
+    // One "talvor-peer file" request, expected to be answered nExpect (the
+    // row's result); the answer.
+    int File(const std::vector<std::string>& vArgs, int nExpect = FILECMD_NONE)
+    {
+        std::vector<std::string> v = {PeerPath(), "file"};
+        v.insert(v.end(), vArgs.begin(), vArgs.end());
+        std::string strOut;
+        int rc = m_box.Run(v, 120000, &strOut);
+        size_t n = strOut.find("result=");
+        int nResult = n == std::string::npos ? -1 : atoi(strOut.c_str() + n + 7);
+        std::string strTrace = m_box.ReadDaemonTrace();
+        EXPECT_EQ(nExpect, nResult) << "rc " << rc << ": " << strOut << "\n"
+                                    << strTrace.substr(strTrace.size() > 2000 ? strTrace.size() - 2000 : 0);
+        if (nResult >= 0) {
+            EXPECT_EQ(nResult == 0 ? 0 : 5, rc) << strOut;
+        }
+        return nResult;
+    }
+    // Empty when every live row of the list on disk names a file that is
+    // there, of the row's size, whose head carries the right mark and
+    // number, and no row carries a command.
+    std::string ListAgreesWithFiles()
+    {
+        std::string s = ReadWholeFile(m_box.DataDir() + "System.dbf");
+        std::string strWhy;
+        if (s.empty()) return "no system file";
+        int nResult = DbForEachFileListRow((LPBYTE)&s[0], (long long)s.size(), [&](LPSYSTEMBLOCKHEAD, LPFILE_MEMDBFILEINFO lpRow) {
+            if (lpRow->m_bFileCMD != 0) strWhy += "row " + std::to_string(lpRow->m_bFileNo) + " carries a command; ";
+            if (lpRow->m_bDropFlag == 1 || lpRow->m_bFileNo == 1) return true;
+            std::string strPath(lpRow->m_lpszFilePath, strnlen(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath)));
+            std::string strFile = ReadWholeFile(strPath);
+            // A cache-mode file grows by itself, ahead of its row.
+            bool bCache = IsCacheFileType(lpRow->m_bFileType);
+            if (bCache ? (long long)strFile.size() < Val(lpRow->m_nFileSize)
+                       : (long long)strFile.size() != Val(lpRow->m_nFileSize)) {
+                strWhy += strPath + " is " + std::to_string(strFile.size()) + " bytes, its row says " +
+                          std::to_string(Val(lpRow->m_nFileSize)) + "; ";
+                return true;
+            }
+            int nMark = 0;
+            memcpy(&nMark, strFile.data(), sizeof(nMark));
+            if (nMark != FileHeadDataFlag(lpRow->m_bFileType)) strWhy += strPath + ": head mark; ";
+            return true;
+        });
+        if (nResult != DBCHAIN_OK) strWhy += "list damaged";
+        return strWhy;
+    }
+    // The live row of bFileNo in the list on disk (zeros when none).
+    FILE_MEMDBFILEINFO DiskRow(BYTE bFileNo)
+    {
+        std::string s = ReadWholeFile(m_box.DataDir() + "System.dbf");
+        FILE_MEMDBFILEINFO st;
+        memset(&st, 0, sizeof(st));
+        LPFILE_MEMDBFILEINFO lpRow = s.empty() ? nullptr : DbFindFileListRow((LPBYTE)&s[0], (long long)s.size(), bFileNo);
+        if (lpRow != nullptr) memcpy(&st, lpRow, sizeof(st));
+        return st;
+    }
+    // The damage the offline check finds in the stopped database, one line
+    // each. A cache-mode file longer than its row or its head on disk is
+    // none of it: the cache grows such a file to its reserve by itself,
+    // ahead of both, and a start takes the size on disk.
+    std::string OfflineFindings()
+    {
+        std::string strCheck;
+        int rc = m_box.Run({std::string(TALVOR_BIN_DIR) + "/talvor-inspect", "--check", m_box.DataDir()}, 60000,
+                           &strCheck);
+        if (rc != 0 && rc != 1) return "talvor-inspect failed: " + strCheck;
+        std::string s = ReadWholeFile(m_box.DataDir() + "System.dbf");
+        std::string strFindings;
+        std::istringstream in(strCheck);
+        std::string strLine;
+        while (std::getline(in, strLine)) {
+            if (strLine.rfind("damage:", 0) != 0) continue;
+            size_t nFile = strLine.find(" file ");
+            int nFileNo = nFile == std::string::npos ? 0 : atoi(strLine.c_str() + nFile + 6);
+            LPFILE_MEMDBFILEINFO lpRow =
+                s.empty() || nFileNo <= 0 ? nullptr : DbFindFileListRow((LPBYTE)&s[0], (long long)s.size(), (BYTE)nFileNo);
+            // "the file list gives A bytes, the file has B" or "the head
+            // gives a size of A bytes, the file has B", with B > A.
+            size_t nGives = strLine.find("the file list gives ");
+            size_t nSkip = 20;
+            if (nGives == std::string::npos) {
+                nGives = strLine.find("the head gives a size of ");
+                nSkip = 25;
+            }
+            size_t nHas = strLine.find(" bytes, the file has ");
+            bool bGrownCache = lpRow != nullptr && IsCacheFileType(lpRow->m_bFileType) && nGives != std::string::npos &&
+                               nHas != std::string::npos &&
+                               atoll(strLine.c_str() + nHas + 21) > atoll(strLine.c_str() + nGives + nSkip);
+            if (!bGrownCache) strFindings += strLine + "\n";
+        }
+        if (rc == 1 && strCheck.find("damage:") == std::string::npos) strFindings += strCheck;
+        return strFindings;
+    }
+    // Stop, check, start again: what every step must survive. After the
+    // start the maker's inspection finds every memory-mode file of the list
+    // loaded as its file is.
+    void Restart(const std::string& strStep)
+    {
+        Stop();
+        EXPECT_EQ("", ListAgreesWithFiles()) << strStep;
+        EXPECT_EQ("", OfflineFindings()) << strStep;
+        Start();
+        Inspection ins = Inspect(m_box, m_box.DataDir());
+        ASSERT_TRUE(ins.m_bRan) << ins.m_strText;
+        std::string s = ReadWholeFile(m_box.DataDir() + "System.dbf");
+        ASSERT_FALSE(s.empty());
+        DbForEachFileListRow((LPBYTE)&s[0], (long long)s.size(), [&](LPSYSTEMBLOCKHEAD, LPFILE_MEMDBFILEINFO lpRow) {
+            // The system file's image is refreshed by the start itself.
+            if (lpRow->m_bDropFlag == 1 || lpRow->m_bFileNo == SYSTEMFILE_FILENO ||
+                !IsMemoryFileType(lpRow->m_bFileType))
+                return true;
+            const InspectedFile& f = ins.m_mapFiles[lpRow->m_bFileNo];
+            EXPECT_TRUE(f.m_bImage) << strStep << ": file " << (int)lpRow->m_bFileNo << "\n" << ins.m_strText;
+            EXPECT_EQ(f.m_nSize, f.m_nImageSize) << strStep << ": file " << (int)lpRow->m_bFileNo;
+            EXPECT_EQ(-1, f.m_nFirstDiff) << strStep << ": file " << (int)lpRow->m_bFileNo;
+            EXPECT_EQ(-1, f.m_nFirstNonZero) << strStep << ": file " << (int)lpRow->m_bFileNo;
+            return true;
+        });
+    }
+    std::string Path(const std::string& strName) { return m_box.DataDir() + strName; }
+
+    DaemonSandbox m_box;
+    pid_t m_pid = -1;
+};
+
+} // namespace
+
+TEST_F(FileCommandsE2E, MemoryModeFilesAreAddedGrownMovedAndDroppedAcrossRestarts)
+{
+    MakeDatabase(0);
+    Start();
+    ASSERT_EQ(0, File({"add", "--no", "5", "--type", "2", "--path", Path("Added5.dbf"), "--size-mib", "4"}));
+    EXPECT_EQ(4 * DB_MIB, FileSizeOf(Path("Added5.dbf")));
+    Restart("add");
+    EXPECT_STREQ(Path("Added5.dbf").c_str(), DiskRow(5).m_lpszFilePath);
+
+    ASSERT_EQ(0, File({"resize", "--no", "5", "--size-mib", "8"}));
+    EXPECT_EQ(8 * DB_MIB, FileSizeOf(Path("Added5.dbf")));
+    Restart("grow");
+    EXPECT_EQ(8 * DB_MIB, Val(DiskRow(5).m_nFileSize));
+    File({"resize", "--no", "5", "--size-mib", "4"}, FILECMD_RESIZE_FAILED);
+    EXPECT_EQ(8 * DB_MIB, FileSizeOf(Path("Added5.dbf")));
+
+    ASSERT_EQ(0, File({"move", "--no", "5", "--path", Path("moved/Moved5.dbf")}));
+    EXPECT_EQ(-1, FileSizeOf(Path("Added5.dbf")));
+    EXPECT_EQ(8 * DB_MIB, FileSizeOf(Path("moved/Moved5.dbf")));
+    Restart("move");
+    EXPECT_STREQ(Path("moved/Moved5.dbf").c_str(), DiskRow(5).m_lpszFilePath);
+
+    // The system file grows twice, each time to the size asked.
+    long long nSystem = FileSizeOf(Path("System.dbf"));
+    ASSERT_EQ(0, File({"resize", "--no", "1", "--size", std::to_string(nSystem + 4 * DB_MIB)}));
+    ASSERT_EQ(0, File({"resize", "--no", "1", "--size", std::to_string(nSystem + 12 * DB_MIB)}));
+    EXPECT_EQ(nSystem + 12 * DB_MIB, FileSizeOf(Path("System.dbf")));
+    Restart("system grow");
+
+    // A hostile path is refused and makes nothing.
+    File({"add", "--no", "6", "--type", "2", "--path", Path("../Escaped.dbf"), "--size-mib", "4"}, FILECMD_ADD_FAILED);
+    EXPECT_EQ(-1, FileSizeOf(m_box.Root() + "/Escaped.dbf"));
+
+    ASSERT_EQ(0, File({"drop", "--no", "5"}));
+    EXPECT_EQ(-1, FileSizeOf(Path("moved/Moved5.dbf")));
+    Restart("drop");
+    EXPECT_EQ(0, DiskRow(5).m_bFileNo);
+    EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("10060043 MemFileCMD Deleted disk file successfully"));
+}
+
+TEST_F(FileCommandsE2E, CacheModeFilesAreAddedGrownMovedAndDroppedAcrossRestarts)
+{
+    MakeDatabase(CACHE_MIB);
+    Start();
+    ASSERT_EQ(0, File({"add", "--no", "7", "--type", "10", "--path", Path("Table7.dbf"), "--size-mib", "4"}));
+    ASSERT_EQ(0, File({"add", "--no", "8", "--type", "11", "--path", Path("Index8.dbf"), "--size-mib", "4"}));
+    Restart("add");
+    EXPECT_STREQ(Path("Table7.dbf").c_str(), DiskRow(7).m_lpszFilePath);
+    EXPECT_STREQ(Path("Index8.dbf").c_str(), DiskRow(8).m_lpszFilePath);
+
+    // The cache grew the file ahead of its row: a size below what it has is
+    // refused, a larger one reached.
+    long long nSize = FileSizeOf(Path("Table7.dbf"));
+    ASSERT_GE(nSize, 4 * DB_MIB);
+    File({"resize", "--no", "7", "--size", std::to_string(nSize - 4 * DB_MIB)}, FILECMD_RESIZE_FAILED);
+    EXPECT_EQ(nSize, FileSizeOf(Path("Table7.dbf")));
+    ASSERT_EQ(0, File({"resize", "--no", "7", "--size", std::to_string(nSize + 8 * DB_MIB)}));
+    EXPECT_EQ(nSize + 8 * DB_MIB, FileSizeOf(Path("Table7.dbf")));
+    Restart("grow");
+    EXPECT_GE(Val(DiskRow(7).m_nFileSize), nSize + 8 * DB_MIB);
+
+    ASSERT_EQ(0, File({"move", "--no", "8", "--path", Path("moved/Index8.dbf")}));
+    EXPECT_EQ(-1, FileSizeOf(Path("Index8.dbf")));
+    Restart("move");
+    EXPECT_STREQ(Path("moved/Index8.dbf").c_str(), DiskRow(8).m_lpszFilePath);
+
+    ASSERT_EQ(0, File({"drop", "--no", "7"}));
+    EXPECT_EQ(-1, FileSizeOf(Path("Table7.dbf")));
+    Restart("drop");
+    EXPECT_EQ(0, DiskRow(7).m_bFileNo);
+}
+
+TEST_F(FileCommandsE2E, ACacheModeAddWithoutACacheIsRefused)
+{
+    MakeDatabase(0);
+    Start();
+    File({"add", "--no", "7", "--type", "10", "--path", Path("Table7.dbf"), "--size-mib", "4"}, FILECMD_ADD_FAILED);
+    EXPECT_EQ(-1, FileSizeOf(Path("Table7.dbf")));
+    EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("10060015 MemFileCMD")) << m_box.ReadDaemonTrace();
+    Restart("refused add");
+    EXPECT_EQ(0, DiskRow(7).m_bFileNo);
+}
+
+// The daemon killed at moments spread over a long add: the next start loads
+// a list that agrees with the files, whether the add got through or not.
+TEST_F(FileCommandsE2E, ADaemonKilledDuringAnAddStartsAgain)
+{
+    MakeDatabase(0);
+    Start();
+    BYTE bNo = 10;
+    for (int nDelayMs : {5, 40, 150, 400, 1200}) {
+        std::string strPath = Path("Big" + std::to_string(bNo) + ".dbf");
+        pid_t peer = m_box.Spawn({PeerPath(), "file", "add", "--no", std::to_string(bNo), "--type", "2", "--path", strPath,
+                                  "--size-mib", "256", "--timeout-ms", "2000"},
+                                 "peer" + std::to_string(bNo));
+        ASSERT_GT(peer, 0);
+        usleep((useconds_t)nDelayMs * 1000);
+        m_box.Signal(m_pid, SIGKILL);
+        m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS);
+        m_pid = -1;
+        m_box.WaitExit(peer, 30000);
+        EXPECT_EQ("", ListAgreesWithFiles()) << nDelayMs << " ms";
+        EXPECT_EQ("", OfflineFindings()) << nDelayMs << " ms";
+        Start();
+        bNo++;
+    }
+}
+
+// The daemon killed at moments spread over the move of a large file, then
+// over its drop: each start loads a list that agrees with the files, and the
+// file is where the list on disk says.
+TEST_F(FileCommandsE2E, ADaemonKilledDuringAMoveOrADropStartsAgain)
+{
+    MakeDatabase(CACHE_MIB);
+    Start();
+    ASSERT_EQ(0, File({"add", "--no", "9", "--type", "2", "--path", Path("Large9.dbf"), "--size-mib", "192"}));
+    ASSERT_EQ(0, File({"add", "--no", "10", "--type", "10", "--path", Path("Table10.dbf"), "--size-mib", "64"}));
+    Restart("adds");
+    int nStep = 0;
+    for (int nDelayMs : {20, 150, 500}) {
+        for (const char* lpNo : {"9", "10"}) {
+            std::string strTo = Path("moved" + std::to_string(nStep++) + "/File" + lpNo + ".dbf");
+            pid_t peer = m_box.Spawn({PeerPath(), "file", "move", "--no", lpNo, "--path", strTo, "--timeout-ms", "2000"},
+                                     "peer-move" + std::to_string(nStep));
+            ASSERT_GT(peer, 0);
+            usleep((useconds_t)nDelayMs * 1000);
+            m_box.Signal(m_pid, SIGKILL);
+            m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS);
+            m_pid = -1;
+            m_box.WaitExit(peer, 30000);
+            EXPECT_EQ("", ListAgreesWithFiles()) << "move of " << lpNo << " killed after " << nDelayMs << " ms";
+            EXPECT_EQ("", OfflineFindings()) << "move of " << lpNo << " killed after " << nDelayMs << " ms";
+            Start();
+        }
+    }
+    for (const char* lpNo : {"9", "10"}) {
+        pid_t peer = m_box.Spawn({PeerPath(), "file", "drop", "--no", lpNo, "--timeout-ms", "2000"},
+                                 std::string("peer-drop") + lpNo);
+        ASSERT_GT(peer, 0);
+        usleep(60000);
+        m_box.Signal(m_pid, SIGKILL);
+        m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS);
+        m_pid = -1;
+        m_box.WaitExit(peer, 30000);
+        EXPECT_EQ("", ListAgreesWithFiles()) << "drop of " << lpNo;
+        EXPECT_EQ("", OfflineFindings()) << "drop of " << lpNo;
+        Start();
+    }
+}

@@ -1,0 +1,652 @@
+// File commands over a loaded database: the engine writes a command into a
+// file's row, the storage thread's walk carries it out and answers in the
+// row, and the list on disk and the files agree after every step — also when
+// the device dies or the power goes in the middle of a command.
+#include "DbFileLayout.h"
+#include "FaultFileIO.h"
+#include "PersistenceDb.h"
+#include "TalvorMemoryStorage.h"
+#include "TestFiles.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+using namespace talvortest;
+
+namespace {
+
+int OpenDescriptors()
+{
+    int n = 0;
+    DIR* pDir = opendir("/proc/self/fd");
+    if (pDir == nullptr) return -1;
+    while (readdir(pDir) != nullptr) n++;
+    closedir(pDir);
+    return n;
+}
+
+struct RowSpec {
+    BYTE m_bCommand;
+    BYTE m_bFileNo;
+    BYTE m_bFileType;
+    std::string m_strPath;
+    std::string m_strName;
+    long long m_nFileSize;
+};
+
+// The engine's side of the file list over a database of its own.
+class ListEngine {
+public:
+
+    LPFILE_MEMDBFILEINFO Row(BYTE bFileNo)
+    {
+        return DbFindFileListRow(m_db.Image(1), m_db.File(1)->m_liFileSize, bFileNo);
+    }
+    // The list block with room, as the engine appends to it.
+    LPSYSTEMBLOCKHEAD ListBlock()
+    {
+        LPBASEFILEOBJECTDEF lpObject = DbFileListObject(m_db.Head());
+        LPBASEFILEBLOCKMAP lpEntry = (LPBASEFILEBLOCKMAP)(m_db.Image(1) + lpObject->m_nFreeBlockMapOffset);
+        return (LPSYSTEMBLOCKHEAD)(m_db.Image(1) + lpEntry->m_nBlockOffset);
+    }
+    // The engine's edit of the list: the row, then the command byte, then
+    // the flags that make the pass look, then the timestamp.
+    void MarkListChanged()
+    {
+        LPSYSTEMBLOCKHEAD lpBlock = ListBlock();
+        long long ts = m_db.BeginTransaction();
+        lpBlock->m_nTimestamp = ts;
+        lpBlock->m_bSaveFlag = 1;
+        LPBASEFILEOBJECTDEF lpObject = DbFileListObject(m_db.Head());
+        lpObject->m_nFinishedTimestamp = ts;
+        lpObject->m_bSaveFlag = 1;
+        talvorpeer::PeerFence();
+        m_db.Head()->m_nTimestamp = ts;
+        m_db.EndTransaction(ts);
+    }
+    // Writes a command into a row, as the engine: an add appends a row.
+    LPFILE_MEMDBFILEINFO Ask(const RowSpec& spec)
+    {
+        LPFILE_MEMDBFILEINFO lpRow = spec.m_bCommand == FILECMD_ADD ? nullptr : Row(spec.m_bFileNo);
+        if (lpRow == nullptr) {
+            LPSYSTEMBLOCKHEAD lpBlock = ListBlock();
+            lpRow = (LPFILE_MEMDBFILEINFO)((LPBYTE)lpBlock + lpBlock->m_nBlockHeadSize +
+                                           lpBlock->m_nDataNum * sizeof(FILE_MEMDBFILEINFO));
+            memset(lpRow, 0, sizeof(*lpRow));
+            lpRow->m_bFileNo = spec.m_bFileNo;
+            lpRow->m_bFileType = spec.m_bFileType;
+            lpRow->m_nMaxObjectNum = 64;
+            snprintf(lpRow->m_lpszTablespaceName, sizeof(lpRow->m_lpszTablespaceName), "%s", spec.m_strName.c_str());
+            talvorpeer::PeerFence();
+            lpBlock->m_nDataNum = lpBlock->m_nDataNum + 1;
+        }
+        if (!spec.m_strPath.empty())
+            snprintf(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath), "%s", spec.m_strPath.c_str());
+        if (spec.m_nFileSize > 0) lpRow->m_nFileSize = spec.m_nFileSize;
+        talvorpeer::PeerFence();
+        lpRow->m_bFileCMD = spec.m_bCommand;
+        MarkListChanged();
+        return lpRow;
+    }
+    // The storage thread's turn: the walk, then the pass.
+    void Serve()
+    {
+        EXPECT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+        m_db.Pass();
+    }
+    // The live row of bFileNo in the list on disk, or an empty row.
+    FILE_MEMDBFILEINFO DiskRow(BYTE bFileNo)
+    {
+        std::string s = ReadWholeFile(m_db.SystemPath());
+        FILE_MEMDBFILEINFO st;
+        memset(&st, 0, sizeof(st));
+        LPFILE_MEMDBFILEINFO lpRow = s.empty() ? nullptr : DbFindFileListRow((LPBYTE)&s[0], (long long)s.size(), bFileNo);
+        if (lpRow != nullptr) memcpy(&st, lpRow, sizeof(st));
+        return st;
+    }
+    // Empty when every live row of the list on disk names a file that is
+    // there, of at least the row's size (the system file's row aside).
+    std::string ListAgreesWithFiles()
+    {
+        std::string s = ReadWholeFile(m_db.SystemPath());
+        std::string strWhy;
+        int nResult = DbForEachFileListRow((LPBYTE)&s[0], (long long)s.size(), [&](LPSYSTEMBLOCKHEAD, LPFILE_MEMDBFILEINFO lpRow) {
+            if (lpRow->m_bDropFlag == 1 || lpRow->m_bFileNo == 1) return true;
+            std::string strPath(lpRow->m_lpszFilePath, strnlen(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath)));
+            if (lpRow->m_bFileCMD != 0) strWhy += "row " + std::to_string(lpRow->m_bFileNo) + " carries a command; ";
+            if (FileSizeOf(strPath) < Val(lpRow->m_nFileSize))
+                strWhy += "row " + std::to_string(lpRow->m_bFileNo) + " names " + strPath + " of size " +
+                          std::to_string(FileSizeOf(strPath)) + "; ";
+            return true;
+        });
+        if (nResult != DBCHAIN_OK) strWhy += "list damaged";
+        return strWhy;
+    }
+    // A stop as a kill leaves it: the images stay for the next start.
+    void KillStop()
+    {
+        for (stu_FILEINFO* p = m_db.Module().m_pStorageInfo; p != nullptr; p = p->m_pNext)
+            if (p->m_pStorageFile != nullptr) static_cast<CTalvorMemoryStorage*>(p->m_pStorageFile)->KeepSegmentOnRelease();
+        static_cast<CTalvorMemoryStorage*>(m_db.Module().m_lpSystemFileInfo->m_pStorageFile)->KeepSegmentOnRelease();
+        m_db.Stop();
+    }
+    std::string NewPath(const std::string& strName) { return m_db.m_tree.Dir() + strName; }
+
+    PersistenceDb m_db;
+};
+
+class FileCommands : public ::testing::Test, public ListEngine {
+protected:
+    void SetUp() override { m_db.MakeStartAndSave(); }
+};
+
+} // namespace
+
+// A new file of each memory-mode type is made whole, named by the list on
+// disk after the pass, and loaded by the next start.
+TEST_F(FileCommands, AnAddOfEachMemoryTypeIsLoadedByTheNextStart)
+{
+    LPFILE_MEMDBFILEINFO arRows[3];
+    for (BYTE bType = FILETYPE_DATA; bType <= FILETYPE_KVINDEX; bType++)
+        arRows[bType - 2] = Ask({FILECMD_ADD, (BYTE)(bType + 4), bType, NewPath("Add" + std::to_string(bType) + ".dbf"),
+                                 "Add" + std::to_string(bType), 4 * DB_MIB});
+    Serve();
+    for (BYTE bType = FILETYPE_DATA; bType <= FILETYPE_KVINDEX; bType++) {
+        BYTE bNo = (BYTE)(bType + 4);
+        EXPECT_EQ(FILECMD_NONE, Val(arRows[bType - 2]->m_bFileCMD)) << (int)bType;
+        ASSERT_NE(nullptr, m_db.File(bNo)) << (int)bType;
+        EXPECT_EQ(4 * DB_MIB, FileSizeOf(NewPath("Add" + std::to_string(bType) + ".dbf")));
+        EXPECT_EQ(FileHeadDataFlag(bType), m_db.FileHead(bNo)->m_nDataFlag);
+        EXPECT_EQ(bNo, Val(m_db.FileHead(bNo)->m_bFileNo));
+        EXPECT_STREQ(NewPath("Add" + std::to_string(bType) + ".dbf").c_str(), DiskRow(bNo).m_lpszFilePath);
+    }
+    EXPECT_EQ("", ListAgreesWithFiles());
+    m_db.Stop();
+    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    for (BYTE bNo = 6; bNo <= 8; bNo++) {
+        ASSERT_NE(nullptr, m_db.File(bNo));
+        EXPECT_EQ(4 * DB_MIB, Val(m_db.File(bNo)->m_liFileSize));
+    }
+}
+
+// The walk answers every refusal of an add in its row, in the order of the
+// tests, and makes nothing; a second system file stops the block's walk.
+TEST_F(FileCommands, RefusedAddsAnswerTheirCodesAndMakeNothing)
+{
+    LPFILE_MEMDBFILEINFO lpNumber = Ask({FILECMD_ADD, 2, FILETYPE_DATA, NewPath("N.dbf"), "N", 4 * DB_MIB});
+    // Paths and names compare without regard to case.
+    LPFILE_MEMDBFILEINFO lpPath = Ask({FILECMD_ADD, 9, FILETYPE_DATA, m_db.m_tree.Dir() + "f3.DBF", "P", 4 * DB_MIB});
+    LPFILE_MEMDBFILEINFO lpName = Ask({FILECMD_ADD, 10, FILETYPE_DATA, NewPath("Name.dbf"), "f4", 4 * DB_MIB});
+    LPFILE_MEMDBFILEINFO lpCache = Ask({FILECMD_ADD, 11, FILETYPE_TABLE, NewPath("T.dbf"), "T", 4 * DB_MIB});
+    LPFILE_MEMDBFILEINFO lpSystem = Ask({FILECMD_ADD, 12, FILETYPE_SYSTEM, NewPath("S.dbf"), "S", 4 * DB_MIB});
+    LPFILE_MEMDBFILEINFO lpAfter = Ask({FILECMD_ADD, 13, FILETYPE_DATA, NewPath("After.dbf"), "After", 4 * DB_MIB});
+    Serve();
+    EXPECT_EQ(FILECMD_ADD_NUMBERTAKEN, Val(lpNumber->m_bFileCMD));
+    EXPECT_EQ(FILECMD_PATHTAKEN, Val(lpPath->m_bFileCMD));
+    EXPECT_EQ(FILECMD_ADD_NAMETAKEN, Val(lpName->m_bFileCMD));
+    // "buffercachesize" = 0: no cache, so no cache-mode file.
+    EXPECT_EQ(FILECMD_ADD_FAILED, Val(lpCache->m_bFileCMD));
+    EXPECT_EQ(FILECMD_ADD_SYSTEMFILE, Val(lpSystem->m_bFileCMD));
+    EXPECT_EQ(FILECMD_ADD, Val(lpAfter->m_bFileCMD));
+    for (BYTE bNo : {9, 10, 11, 12, 13}) EXPECT_EQ(nullptr, m_db.File(bNo)) << (int)bNo;
+    for (const char* lpName : {"N.dbf", "Name.dbf", "T.dbf", "S.dbf", "After.dbf"})
+        EXPECT_FALSE(PathExists(NewPath(lpName))) << lpName;
+    std::string strTrace = m_db.m_tree.Trace();
+    EXPECT_NE(std::string::npos, strTrace.find("10060015 MemFileCMD")) << strTrace;
+    EXPECT_NE(std::string::npos, strTrace.find("10060014 MemFileCMD")) << strTrace;
+    // The unsettled block stays off the disk; the next start reads the list
+    // it had.
+    EXPECT_EQ("", ListAgreesWithFiles());
+    m_db.Stop();
+    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    EXPECT_EQ(nullptr, m_db.File(13));
+}
+
+// A path that leaves the database's directories is refused before anything
+// is made there or removed from there.
+TEST_F(FileCommands, HostilePathsAreRefused)
+{
+    std::string strOutside = m_db.m_tree.Root() + "-outside";
+    mkdir(strOutside.c_str(), 0777);
+    const std::string arPaths[] = {m_db.m_tree.Dir() + "../escape.dbf", strOutside + "/evil.dbf", "relative.dbf",
+                                   m_db.m_tree.Dir() + "./dot.dbf", "/etc/talvor-evil.dbf"};
+    BYTE bNo = 20;
+    for (const std::string& strPath : arPaths) {
+        LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_ADD, bNo, FILETYPE_DATA, strPath, "E" + std::to_string(bNo), 4 * DB_MIB});
+        ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+        EXPECT_EQ(FILECMD_ADD_FAILED, Val(lpRow->m_bFileCMD)) << strPath;
+        EXPECT_EQ(nullptr, m_db.File(bNo)) << strPath;
+        lpRow->m_bDropFlag = 1;
+        lpRow->m_bFileCMD = 0;
+        bNo++;
+    }
+    // A link inside the database that leads out is no way out either.
+    ASSERT_EQ(0, symlink(strOutside.c_str(), (m_db.m_tree.Dir() + "link").c_str()));
+    LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_MOVE, 3, 0, m_db.m_tree.Dir() + "link/moved.dbf", "", 0});
+    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    EXPECT_EQ(FILECMD_MOVE_FAILED, Val(lpRow->m_bFileCMD));
+    EXPECT_FALSE(PathExists(strOutside + "/evil.dbf"));
+    EXPECT_FALSE(PathExists(strOutside + "/moved.dbf"));
+    EXPECT_FALSE(PathExists(m_db.m_tree.Root() + "/escape.dbf"));
+    EXPECT_TRUE(PathExists(m_db.PathOf(3)));
+    // A path that fills its field with no terminator is refused, not cut.
+    LPFILE_MEMDBFILEINFO lpLong = Ask({FILECMD_ADD, 30, FILETYPE_DATA, "", "Long", 4 * DB_MIB});
+    std::string strLong = m_db.m_tree.Dir() + std::string(300, 'x');
+    memcpy(lpLong->m_lpszFilePath, strLong.data(), sizeof(lpLong->m_lpszFilePath));
+    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    EXPECT_EQ(FILECMD_ADD_FAILED, Val(lpLong->m_bFileCMD));
+    rmdir(strOutside.c_str());
+}
+
+// A failed add — the device full, the directory refused — leaves no file,
+// no descriptor, no table entry, and says so in its row.
+TEST_F(FileCommands, AFailedAddLeavesNothingBehind)
+{
+    struct Fault {
+        const char* m_lpWhat;
+        std::function<void(FaultFileIO&)> m_fnArm;
+    };
+    const Fault arFaults[] = {
+        {"no room", [](FaultFileIO& io) { io.FillAfter(DB_MIB + 4096, ENOSPC); }},
+        {"unwritable directory", [](FaultFileIO& io) { io.FailCall(FileOp::Open, 1, EACCES, FAULT_ALWAYS); }},
+        {"directory sync", [](FaultFileIO& io) { io.FailNext(FileOp::SyncDirectory, EIO); }},
+    };
+    BYTE bNo = 40;
+    for (const Fault& fault : arFaults) {
+        int nFds = OpenDescriptors();
+        std::string strPath = NewPath("Failed" + std::to_string(bNo) + ".dbf");
+        LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_ADD, bNo, FILETYPE_DATA, strPath, "Failed" + std::to_string(bNo), 4 * DB_MIB});
+        {
+            FaultFileIO io;
+            fault.m_fnArm(io);
+            ScopedFileIO scope(&io);
+            ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+        }
+        EXPECT_EQ(FILECMD_ADD_FAILED, Val(lpRow->m_bFileCMD)) << fault.m_lpWhat;
+        EXPECT_FALSE(PathExists(strPath)) << fault.m_lpWhat;
+        EXPECT_EQ(nullptr, m_db.Module().m_arFileInfo[bNo]) << fault.m_lpWhat;
+        for (stu_FILEINFO* p = m_db.Module().m_pStorageInfo; p != nullptr; p = p->m_pNext)
+            EXPECT_NE(bNo, p->m_bFileNo) << fault.m_lpWhat;
+        EXPECT_EQ(nFds, OpenDescriptors()) << fault.m_lpWhat;
+        // The engine drops the refused row.
+        lpRow->m_bDropFlag = 1;
+        lpRow->m_bFileCMD = 0;
+        MarkListChanged();
+        m_db.Pass();
+        bNo++;
+    }
+    EXPECT_NE(std::string::npos, m_db.m_tree.Trace().find("10060016 MemFileCMD")) << m_db.m_tree.Trace();
+    // The same add once the device has room again.
+    LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_ADD, 40, FILETYPE_DATA, NewPath("Failed40.dbf"), "Again", 4 * DB_MIB});
+    Serve();
+    EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
+    m_db.Stop();
+    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    EXPECT_NE(nullptr, m_db.File(40));
+}
+
+// A move: the copy is whole, synced and open, and the list on disk names
+// it, before the old file goes; the next start loads the moved file.
+TEST_F(FileCommands, AMoveRemovesTheOldFileOnlyOnceTheListNamesTheCopy)
+{
+    std::mt19937 rng(5);
+    m_db.RandomChanges(200, rng);
+    m_db.Pass();
+    const std::string strOld = m_db.PathOf(3);
+    const std::string strNew = NewPath("sub/dir/Moved3.dbf");
+    LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_MOVE, 3, 0, strNew, "", 0});
+    FaultFileIO io;
+    int nOldUnlinks = 0;
+    io.OnCall(FileOp::Unlink, [&](const FileCall& call) {
+        if (call.m_strPath != strOld) return;
+        nOldUnlinks++;
+        // Nothing the move made waits for a sync, the copy is whole and
+        // held open, and the list on disk names it.
+        for (const UnsyncedChange& c : io.Unsynced()) ADD_FAILURE() << "unsynced at the removal: " << c.m_strPath;
+        std::string strCopy = ReadWholeFile(strNew);
+        ASSERT_EQ(4 * DB_MIB, (long long)strCopy.size());
+        EXPECT_TRUE(0 == memcmp(strCopy.data(), m_db.Image(3), strCopy.size())) << "the copy is not the image";
+        EXPECT_NE(nullptr, m_db.File(3)->m_hFile);
+        EXPECT_STREQ(strNew.c_str(), m_db.File(3)->m_lpszFilePath);
+        EXPECT_STREQ(strNew.c_str(), DiskRow(3).m_lpszFilePath);
+        EXPECT_EQ(FILECMD_NONE, Val(DiskRow(3).m_bFileCMD));
+    });
+    {
+        ScopedFileIO scope(&io);
+        Serve();
+    }
+    EXPECT_EQ(1, nOldUnlinks);
+    EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
+    EXPECT_FALSE(PathExists(strOld));
+    EXPECT_EQ(4 * DB_MIB, FileSizeOf(strNew));
+    EXPECT_EQ("", ListAgreesWithFiles());
+    // The moved file takes the passes that follow.
+    m_db.RandomChanges(100, rng);
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    long long nCommitted = m_db.CommittedOnDisk();
+    m_db.Stop();
+    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    EXPECT_STREQ(strNew.c_str(), m_db.File(3)->m_lpszFilePath);
+    // The journal's rows of file 3 are read where the file now is.
+    std::string strSaved = ReadWholeFile(strNew);
+    WriteWholeFile(strOld, strSaved);
+    EXPECT_EQ(0, m_db.CheckDisk(nCommitted).m_nViolations);
+    unlink(strOld.c_str());
+}
+
+// A move refused: the path of another file (also in other letter case), a
+// number that does not exist (251 wins over 254); the own path is no move.
+TEST_F(FileCommands, RefusedMovesLeaveTheFileWhereItIs)
+{
+    LPFILE_MEMDBFILEINFO lpTaken = Ask({FILECMD_MOVE, 3, 0, m_db.m_tree.Dir() + "F4.DBF", "", 0});
+    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    EXPECT_EQ(FILECMD_PATHTAKEN, Val(lpTaken->m_bFileCMD));
+    EXPECT_STREQ(m_db.PathOf(3).c_str(), m_db.File(3)->m_lpszFilePath);
+    snprintf(lpTaken->m_lpszFilePath, sizeof(lpTaken->m_lpszFilePath), "%s", m_db.PathOf(3).c_str());
+    lpTaken->m_bFileCMD = FILECMD_MOVE;
+    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    EXPECT_EQ(FILECMD_NONE, Val(lpTaken->m_bFileCMD));
+    EXPECT_TRUE(PathExists(m_db.PathOf(3)));
+    LPFILE_MEMDBFILEINFO lpNone = Ask({FILECMD_ADD, 50, FILETYPE_DATA, m_db.PathOf(4), "Ghost", 4 * DB_MIB});
+    lpNone->m_bFileCMD = FILECMD_MOVE;
+    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    EXPECT_EQ(FILECMD_NO_SUCH_FILE, Val(lpNone->m_bFileCMD));
+    EXPECT_TRUE(PathExists(m_db.PathOf(4)));
+}
+
+// A move whose copy fails (the device fills) removes the half copy and
+// keeps the file open where it was.
+TEST_F(FileCommands, AFailedMoveRemovesTheHalfCopy)
+{
+    const std::string strNew = NewPath("Half.dbf");
+    LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_MOVE, 2, 0, strNew, "", 0});
+    {
+        FaultFileIO io;
+        io.FillAfter(DB_MIB, ENOSPC);
+        ScopedFileIO scope(&io);
+        ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    }
+    EXPECT_EQ(FILECMD_MOVE_FAILED, Val(lpRow->m_bFileCMD));
+    EXPECT_FALSE(PathExists(strNew));
+    EXPECT_TRUE(PathExists(m_db.PathOf(2)));
+    EXPECT_STREQ(m_db.PathOf(2).c_str(), m_db.File(2)->m_lpszFilePath);
+    // The engine takes the request back; the file keeps taking passes.
+    snprintf(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath), "%s", m_db.PathOf(2).c_str());
+    lpRow->m_bFileCMD = 0;
+    MarkListChanged();
+    std::mt19937 rng(9);
+    m_db.RandomChanges(50, rng);
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(0, m_db.CheckDisk(m_db.CommittedOnDisk()).m_nViolations);
+}
+
+// A resize grows the file and its image; a smaller size is refused and
+// changes nothing; a segment that outlived the process after a resize
+// does not fail the next start.
+TEST_F(FileCommands, AResizeGrowsAndASmallerSizeIsRefused)
+{
+    std::mt19937 rng(3);
+    m_db.RandomChanges(100, rng);
+    LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_RESIZE, 4, 0, "", "", 8 * DB_MIB});
+    Serve();
+    EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
+    EXPECT_EQ(8 * DB_MIB, FileSizeOf(m_db.PathOf(4)));
+    EXPECT_EQ(8 * DB_MIB, Val(m_db.File(4)->m_liFileSize));
+    EXPECT_EQ(8 * DB_MIB, Val(m_db.FileHead(4)->m_nFileTotalSize));
+    EXPECT_EQ(8 * DB_MIB, Val(DiskRow(4).m_nFileSize));
+
+    const std::string strBefore = ReadWholeFile(m_db.PathOf(4));
+    const long long nHeadSize = m_db.FileHead(4)->m_nFileTotalSize;
+    lpRow = Ask({FILECMD_RESIZE, 4, 0, "", "", 6 * DB_MIB});
+    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    EXPECT_EQ(FILECMD_RESIZE_FAILED, Val(lpRow->m_bFileCMD));
+    EXPECT_EQ(strBefore, ReadWholeFile(m_db.PathOf(4)));
+    EXPECT_EQ(nHeadSize, Val(m_db.FileHead(4)->m_nFileTotalSize));
+    EXPECT_EQ(8 * DB_MIB, Val(m_db.File(4)->m_liFileSize));
+    lpRow->m_nFileSize = 8 * DB_MIB;
+    lpRow->m_bFileCMD = 0;
+    MarkListChanged();
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    long long nCommitted = m_db.CommittedOnDisk();
+    EXPECT_EQ(0, m_db.CheckDisk(nCommitted).m_nViolations);
+
+    // The process dies: the grown images stay behind for the next start.
+    KillStop();
+    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    EXPECT_EQ(8 * DB_MIB, Val(m_db.File(4)->m_liFileSize));
+}
+
+// A resize whose growth fails leaves the file, its head and its image as
+// they were.
+TEST_F(FileCommands, AFailedGrowthLeavesTheFileAsItWas)
+{
+    const std::string strBefore = ReadWholeFile(m_db.PathOf(2));
+    LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_RESIZE, 2, 0, "", "", 12 * DB_MIB});
+    m_db.Pass();
+    {
+        FaultFileIO io;
+        io.FillAfter(2 * DB_MIB, ENOSPC);
+        ScopedFileIO scope(&io);
+        ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    }
+    EXPECT_EQ(FILECMD_RESIZE_FAILED, Val(lpRow->m_bFileCMD));
+    EXPECT_EQ(4 * DB_MIB, FileSizeOf(m_db.PathOf(2)));
+    EXPECT_EQ(4 * DB_MIB, Val(m_db.FileHead(2)->m_nFileTotalSize));
+    EXPECT_EQ(4 * DB_MIB, Val(m_db.File(2)->m_liFileSize));
+    lpRow->m_nFileSize = 4 * DB_MIB;
+    lpRow->m_bFileCMD = 0;
+    MarkListChanged();
+    m_db.Pass();
+    m_db.Stop();
+    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+}
+
+// Two resizes of the system file in a row: each grows the file to exactly
+// the size asked, although its image keeps the size of the start; a start
+// that takes over that image after a kill is not refused.
+TEST_F(FileCommands, TwoSystemFileResizesReachExactlyTheSizeAsked)
+{
+    const long long nStart = FileSizeOf(m_db.SystemPath());
+    LPFILE_MEMDBFILEINFO lpRow = Row(1);
+    ASSERT_NE(nullptr, lpRow);
+    for (long long nGrow : {4 * DB_MIB, 12 * DB_MIB}) {
+        Ask({FILECMD_RESIZE, 1, 0, "", "", nStart + nGrow});
+        Serve();
+        EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
+        EXPECT_EQ(nStart + nGrow, FileSizeOf(m_db.SystemPath()));
+        EXPECT_EQ(nStart + nGrow, Val(m_db.Head()->m_nFileTotalSize));
+        EXPECT_EQ(nStart, Val(m_db.File(1)->m_liFileSize));
+    }
+    Ask({FILECMD_RESIZE, 1, 0, "", "", nStart + 8 * DB_MIB});
+    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    EXPECT_EQ(FILECMD_RESIZE_FAILED, Val(lpRow->m_bFileCMD));
+    EXPECT_EQ(nStart + 12 * DB_MIB, FileSizeOf(m_db.SystemPath()));
+    lpRow->m_nFileSize = nStart + 12 * DB_MIB;
+    lpRow->m_bFileCMD = 0;
+    MarkListChanged();
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+
+    KillStop();
+    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    EXPECT_EQ(nStart, Val(m_db.File(1)->m_liFileSize));
+    m_db.Stop();
+    // A start that makes the image anew takes the whole grown file.
+    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    EXPECT_EQ(nStart + 12 * DB_MIB, Val(m_db.File(1)->m_liFileSize));
+}
+
+// A delete: the row goes dropped to the disk before the file is removed;
+// the next start loads the database without it.
+TEST_F(FileCommands, ADeleteDropsTheRowOnDiskBeforeTheFileGoes)
+{
+    const std::string strPath = m_db.PathOf(2);
+    LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_DELETE, 2, 0, "", "", 0});
+    FaultFileIO io;
+    int nUnlinks = 0;
+    io.OnCall(FileOp::Unlink, [&](const FileCall& call) {
+        if (call.m_strPath != strPath) return;
+        nUnlinks++;
+        EXPECT_EQ(0, DiskRow(2).m_bFileNo) << "the list on disk still names the file";
+        for (const UnsyncedChange& c : io.Unsynced()) ADD_FAILURE() << "unsynced at the removal: " << c.m_strPath;
+    });
+    {
+        ScopedFileIO scope(&io);
+        Serve();
+    }
+    EXPECT_EQ(1, nUnlinks);
+    EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
+    EXPECT_FALSE(PathExists(strPath));
+    EXPECT_EQ(nullptr, m_db.File(2));
+    EXPECT_EQ("", ListAgreesWithFiles());
+    // A delete of a number nobody holds.
+    Ask({FILECMD_ADD, 60, FILETYPE_DATA, NewPath("Sixty.dbf"), "Sixty", 4 * DB_MIB})->m_bFileCMD = FILECMD_DELETE;
+    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    m_db.Stop();
+    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    EXPECT_EQ(nullptr, m_db.File(2));
+    EXPECT_NE(nullptr, m_db.File(3));
+}
+
+namespace {
+
+// One command of the engine, asked of a fresh database.
+struct CrashCommand {
+    const char* m_lpName;
+    std::function<void(ListEngine&)> m_fnAsk;
+};
+
+const CrashCommand g_arCrashCommands[] = {
+    {"add", [](ListEngine& e) { e.Ask({FILECMD_ADD, 6, FILETYPE_DATA, e.NewPath("sub/Add6.dbf"), "Add6", 4 * DB_MIB}); }},
+    {"move", [](ListEngine& e) { e.Ask({FILECMD_MOVE, 3, 0, e.NewPath("sub/Moved3.dbf"), "", 0}); }},
+    {"resize", [](ListEngine& e) { e.Ask({FILECMD_RESIZE, 4, 0, "", "", 8 * DB_MIB}); }},
+    {"delete", [](ListEngine& e) { e.Ask({FILECMD_DELETE, 2, 0, "", "", 0}); }},
+    {"system resize", [](ListEngine& e) {
+         e.Ask({FILECMD_RESIZE, 1, 0, "", "", e.m_db.File(1)->m_liFileSize + 4 * DB_MIB});
+     }},
+};
+
+const FileOp g_arCrashOps[] = {FileOp::PWrite, FileOp::FSync, FileOp::SyncDirectory, FileOp::Unlink, FileOp::MkDir,
+                               FileOp::FTruncate};
+
+enum CrashKind { CRASH_KILL, CRASH_POWER };
+
+// The command and the pass after it, with the device dying once nCalls
+// calls of eOp were made (-1: never); the calls of eOp it made.
+long long RunUnderCrash(ListEngine& e, const CrashCommand& command, FileOp eOp, long long nCalls, CrashKind eKind)
+{
+    command.m_fnAsk(e);
+    FaultFileIO io;
+    if (nCalls >= 0) io.DieAfter(eOp, nCalls);
+    {
+        ScopedFileIO scope(&io);
+        e.m_db.Module().FileCMD(&e.m_db.m_stCrit);
+        e.m_db.Pass();
+        if (eKind == CRASH_POWER) io.LosePower(NameLoss::Undo);
+    }
+    return io.Calls(eOp);
+}
+
+// After the crash: the process is gone (its images stay, or go with the
+// power); the next start must load what the disk and the images hold.
+void RestartAfterCrash(ListEngine& e, CrashKind eKind, const std::string& strWhere)
+{
+    if (eKind == CRASH_KILL) {
+        e.KillStop();
+    } else {
+        e.m_db.Stop();
+        RemoveImageSegments();
+    }
+    EXPECT_EQ("", e.ListAgreesWithFiles()) << strWhere;
+    EXPECT_EQ(S_OK, e.m_db.Start()) << strWhere << "\n" << e.m_db.m_tree.Trace();
+    e.m_db.Stop();
+    RemoveImageSegments();
+}
+
+} // namespace
+
+// The device dies after every call that changes it, of every kind, in turn
+// — then the process is killed, or the power goes: each command leaves a
+// list and files that the next start loads.
+TEST(FileCommandCrashes, EveryStepOfEveryCommandLeavesADatabaseThatStarts)
+{
+    RemoveImageSegments();
+    for (const CrashCommand& command : g_arCrashCommands) {
+        for (FileOp eOp : g_arCrashOps) {
+            long long nCalls = 0;
+            {
+                ListEngine e;
+                e.m_db.MakeStartAndSave();
+                nCalls = RunUnderCrash(e, command, eOp, -1, CRASH_KILL);
+                e.m_db.Stop();
+                RemoveImageSegments();
+            }
+            for (long long k = 0; k <= nCalls; k++) {
+                for (CrashKind eKind : {CRASH_KILL, CRASH_POWER}) {
+                    std::string strWhere = std::string(command.m_lpName) + ": device dead after call " +
+                                           std::to_string(k) + " of kind " + std::to_string((int)eOp) +
+                                           (eKind == CRASH_KILL ? ", killed" : ", power lost");
+                    ListEngine e;
+                    e.m_db.MakeStartAndSave();
+                    RunUnderCrash(e, command, eOp, k, eKind);
+                    RestartAfterCrash(e, eKind, strWhere);
+                    if (HasFailure()) return;
+                }
+            }
+        }
+    }
+}
+
+// A delete whose disk file is already gone still counts as a delete: it is
+// named in the trace, and the row says 0.
+TEST_F(FileCommands, ADeleteOfAFileGoneFromTheDiskStillSucceeds)
+{
+    ASSERT_EQ(0, unlink(m_db.PathOf(4).c_str()));
+    LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_DELETE, 4, 0, "", "", 0});
+    Serve();
+    EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
+    EXPECT_EQ(nullptr, m_db.File(4));
+    EXPECT_TRUE(m_db.m_tree.Traced("10060042 MemFileCMD The system received the command to delete the physical file "
+                                   "path but failed to delete the disk file, error code: 2, original file number: 4"));
+    m_db.Stop();
+    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    EXPECT_EQ(nullptr, m_db.File(4));
+}
+
+// A move whose copy is whole but whose row cannot reach the list on disk
+// goes back to the old file, which the list on disk names again: the copy
+// goes when the old row is back on the medium, and stays when even that is
+// not known; the passes that follow write where the next start will read.
+TEST(FileCommandMoveBack, AMoveTheListCannotRecordGoesBackToTheOldFile)
+{
+    for (long long nFailures : {1LL, FAULT_ALWAYS}) {
+        ListEngine e;
+        e.m_db.MakeStartAndSave();
+        std::mt19937 rng(17);
+        const std::string strNew = e.NewPath("Unrecorded3.dbf");
+        LPFILE_MEMDBFILEINFO lpRow = e.Ask({FILECMD_MOVE, 3, 0, strNew, "", 0});
+        {
+            FaultFileIO io;
+            // Only the list's own write is synced by a call: the copy is
+            // written through a synchronous descriptor.
+            io.FailCall(FileOp::FSync, 1, EIO, nFailures);
+            ScopedFileIO scope(&io);
+            ASSERT_EQ(S_OK, e.m_db.Module().FileCMD(&e.m_db.m_stCrit));
+            EXPECT_GE(io.Calls(FileOp::FSync), 1);
+        }
+        EXPECT_EQ(FILECMD_MOVE_FAILED, Val(lpRow->m_bFileCMD));
+        EXPECT_STREQ(e.m_db.PathOf(3).c_str(), e.m_db.File(3)->m_lpszFilePath);
+        EXPECT_EQ(nFailures == 1, !PathExists(strNew)) << nFailures;
+        EXPECT_TRUE(PathExists(e.m_db.PathOf(3)));
+        EXPECT_STREQ(e.m_db.PathOf(3).c_str(), e.DiskRow(3).m_lpszFilePath);
+        // The engine takes the request back; the file keeps taking passes.
+        snprintf(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath), "%s", e.m_db.PathOf(3).c_str());
+        lpRow->m_bFileCMD = 0;
+        e.MarkListChanged();
+        e.m_db.RandomChanges(100, rng);
+        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, e.m_db.Pass());
+        long long nCommitted = e.m_db.CommittedOnDisk();
+        talvorpeer::PeerCheckResult r = e.m_db.CheckDisk(nCommitted);
+        EXPECT_EQ(0, r.m_nViolations) << r.m_strFirst;
+        EXPECT_GT(r.m_nRequired, 0);
+    }
+}
