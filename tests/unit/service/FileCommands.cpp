@@ -65,26 +65,26 @@ public:
         m_db.EndTransaction(ts);
     }
     // Writes a command into a row, as the engine: an add appends a row.
-    LPFILE_MEMDBFILEINFO Ask(const RowSpec& spec)
+    LPFILE_MEMDBFILEINFO Ask(const RowSpec& stAsk)
     {
-        LPFILE_MEMDBFILEINFO lpRow = spec.m_bCommand == FILECMD_ADD ? nullptr : Row(spec.m_bFileNo);
+        LPFILE_MEMDBFILEINFO lpRow = stAsk.m_bCommand == FILECMD_ADD ? nullptr : Row(stAsk.m_bFileNo);
         if (lpRow == nullptr) {
             LPSYSTEMBLOCKHEAD lpBlock = ListBlock();
             lpRow = (LPFILE_MEMDBFILEINFO)((LPBYTE)lpBlock + lpBlock->m_nBlockHeadSize +
                                            lpBlock->m_nDataNum * sizeof(FILE_MEMDBFILEINFO));
             memset(lpRow, 0, sizeof(*lpRow));
-            lpRow->m_bFileNo = spec.m_bFileNo;
-            lpRow->m_bFileType = spec.m_bFileType;
+            lpRow->m_bFileNo = stAsk.m_bFileNo;
+            lpRow->m_bFileType = stAsk.m_bFileType;
             lpRow->m_nMaxObjectNum = 64;
-            snprintf(lpRow->m_lpszTablespaceName, sizeof(lpRow->m_lpszTablespaceName), "%s", spec.m_strName.c_str());
+            snprintf(lpRow->m_lpszTablespaceName, sizeof(lpRow->m_lpszTablespaceName), "%s", stAsk.m_strName.c_str());
             talvorpeer::PeerFence();
             lpBlock->m_nDataNum = lpBlock->m_nDataNum + 1;
         }
-        if (!spec.m_strPath.empty())
-            snprintf(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath), "%s", spec.m_strPath.c_str());
-        if (spec.m_nFileSize > 0) lpRow->m_nFileSize = spec.m_nFileSize;
+        if (!stAsk.m_strPath.empty())
+            snprintf(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath), "%s", stAsk.m_strPath.c_str());
+        if (stAsk.m_nFileSize > 0) lpRow->m_nFileSize = stAsk.m_nFileSize;
         talvorpeer::PeerFence();
-        lpRow->m_bFileCMD = spec.m_bCommand;
+        lpRow->m_bFileCMD = stAsk.m_bCommand;
         MarkListChanged();
         return lpRow;
     }
