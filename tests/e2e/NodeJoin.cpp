@@ -278,6 +278,13 @@ TEST_F(NodeJoin, AJoinedStandbyIsShippedTheLogFromItsPosition)
         }
         std::string strCopy = ReadWholeFile(strLogs + "Log" + std::to_string(n) + ".log");
         size_t nFrom = n == nLogNo ? (size_t)nLogPos : (size_t)REDOLOGFILE_HEAD_SIZE;
+        // The join may seal the log it names before the stand-in's next
+        // record reaches it: then that log, archived whole, ends at the
+        // position and there is nothing of it to ship.
+        if (n == nLogNo && strPrimary.size() == nFrom) {
+            EXPECT_LE(strCopy.size(), nFrom);
+            continue;
+        }
         ASSERT_GT(strCopy.size(), nFrom);
         ASSERT_GE(strPrimary.size(), strCopy.size());
         EXPECT_TRUE(strCopy.compare(nFrom, std::string::npos, strPrimary, nFrom, strCopy.size() - nFrom) == 0);
