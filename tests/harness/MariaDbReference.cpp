@@ -1,0 +1,193 @@
+// MariaDbReference.cpp — the server as a child process, the client in batch
+// mode with one row per expression: its index, the NULL test and the value
+// in hexadecimal, so tabs and newlines inside a value cannot shift the rows.
+#include "MariaDbReference.h"
+
+#include "TestFiles.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace talvortest {
+
+namespace {
+
+const int SERVER_START_TENTHS = 300;
+const int SERVER_STOP_TENTHS = 100;
+
+void NapTenth()
+{
+    struct timespec ts = {0, 100 * 1000 * 1000};
+    nanosleep(&ts, nullptr);
+}
+
+bool IsSocket(const std::string& strPath)
+{
+    struct stat st;
+    return stat(strPath.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
+}
+
+int HexDigit(char c)
+{
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    return -1;
+}
+
+bool FromHex(const std::string& strHex, std::string& strOut)
+{
+    if (strHex.size() % 2 != 0) return false;
+    strOut.clear();
+    for (size_t i = 0; i < strHex.size(); i += 2) {
+        int nHigh = HexDigit(strHex[i]), nLow = HexDigit(strHex[i + 1]);
+        if (nHigh < 0 || nLow < 0) return false;
+        strOut += static_cast<char>(nHigh * 16 + nLow);
+    }
+    return true;
+}
+
+// One row "index\tisnull\thex" of the batch output into its answer.
+void ReadRow(const std::string& strLine, std::vector<SqlAnswer>& vOut)
+{
+    size_t nTab1 = strLine.find('\t');
+    size_t nTab2 = nTab1 == std::string::npos ? nTab1 : strLine.find('\t', nTab1 + 1);
+    if (nTab2 == std::string::npos) return;
+    char* pEnd = nullptr;
+    unsigned long nIndex = strtoul(strLine.c_str(), &pEnd, 10);
+    if (pEnd != strLine.c_str() + nTab1 || nIndex >= vOut.size()) return;
+    SqlAnswer& answer = vOut[nIndex];
+    std::string strNull = strLine.substr(nTab1 + 1, nTab2 - nTab1 - 1);
+    std::string strHex = strLine.substr(nTab2 + 1);
+    answer.bNull = strNull == "1";
+    if (answer.bNull) {
+        answer.bError = false;
+        return;
+    }
+    answer.bError = !FromHex(strHex, answer.strText);
+}
+
+} // namespace
+
+std::string SqlHexLiteral(const std::string& strBytes)
+{
+    static const char* HEX = "0123456789ABCDEF";
+    std::string strOut = "X'";
+    for (unsigned char c : strBytes) {
+        strOut += HEX[c >> 4];
+        strOut += HEX[c & 15];
+    }
+    return strOut + "'";
+}
+
+MariaDbReference::~MariaDbReference()
+{
+    Stop();
+}
+
+bool MariaDbReference::Start()
+{
+    if (!m_tree.Ok()) {
+        m_strError = "no temporary tree";
+        return false;
+    }
+    if (access("/usr/sbin/mariadbd", X_OK) != 0 || access("/usr/bin/mariadb", X_OK) != 0) {
+        m_strError = "mariadbd or mariadb is not installed (scripts/install-deps installs them)";
+        return false;
+    }
+    std::string strData = m_tree.Path("data");
+    m_strSocket = m_tree.Path("sock");
+    std::string strInstall = "mariadb-install-db --no-defaults --user=root --skip-test-db --datadir='" + strData +
+                             "' >'" + m_tree.Path("install.log") + "' 2>&1";
+    if (system(strInstall.c_str()) != 0) {
+        m_strError = "mariadb-install-db failed: " + ReadWholeFile(m_tree.Path("install.log"));
+        return false;
+    }
+    std::string strDataArg = "--datadir=" + strData;
+    std::string strSocketArg = "--socket=" + m_strSocket;
+    std::string strLogArg = "--log-error=" + m_tree.Path("error.log");
+    std::string strPidArg = "--pid-file=" + m_tree.Path("pid");
+    pid_t nPid = fork();
+    if (nPid < 0) {
+        m_strError = "fork failed";
+        return false;
+    }
+    if (nPid == 0) {
+        execl("/usr/sbin/mariadbd", "mariadbd", "--no-defaults", strDataArg.c_str(), strSocketArg.c_str(),
+              "--skip-networking", "--user=root", "--skip-grant-tables", "--innodb-buffer-pool-size=8M",
+              "--character-set-server=utf8mb4", "--collation-server=utf8mb4_bin", strLogArg.c_str(),
+              strPidArg.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    m_nServerPid = nPid;
+    for (int i = 0; i < SERVER_START_TENTHS; i++) {
+        if (IsSocket(m_strSocket)) return true;
+        if (waitpid(m_nServerPid, nullptr, WNOHANG) == m_nServerPid) {
+            m_nServerPid = -1;
+            break;
+        }
+        NapTenth();
+    }
+    m_strError = "mariadbd did not come up: " + ReadWholeFile(m_tree.Path("error.log"));
+    Stop();
+    return false;
+}
+
+void MariaDbReference::Stop()
+{
+    if (m_nServerPid <= 0) return;
+    kill(m_nServerPid, SIGTERM);
+    for (int i = 0; i < SERVER_STOP_TENTHS; i++) {
+        if (waitpid(m_nServerPid, nullptr, WNOHANG) == m_nServerPid) {
+            m_nServerPid = -1;
+            return;
+        }
+        NapTenth();
+    }
+    kill(m_nServerPid, SIGKILL);
+    waitpid(m_nServerPid, nullptr, 0);
+    m_nServerPid = -1;
+}
+
+bool MariaDbReference::Eval(const std::vector<std::string>& vExprs, std::vector<SqlAnswer>& vOut)
+{
+    vOut.assign(vExprs.size(), SqlAnswer());
+    if (m_nServerPid <= 0) return false;
+    std::string strSql = m_strSessionSql + "\n";
+    for (size_t i = 0; i < vExprs.size(); i++) {
+        const std::string& e = vExprs[i];
+        strSql += "SELECT " + std::to_string(i) + ", (" + e + ") IS NULL, HEX(CONCAT((" + e + ")));\n";
+    }
+    std::string strInput = m_tree.File("input.sql", strSql);
+    // --force goes on after a failing statement; its row is simply missing.
+    std::string strCommand = "mariadb --no-defaults --force --batch --raw --skip-column-names -u root -S '" +
+                             m_strSocket + "' < '" + strInput + "' 2>'" + m_tree.Path("client.log") + "'";
+    FILE* pPipe = popen(strCommand.c_str(), "r");
+    if (pPipe == nullptr) return false;
+    std::string strLine;
+    char szPiece[4096];
+    while (fgets(szPiece, sizeof(szPiece), pPipe) != nullptr) {
+        strLine += szPiece;
+        if (strLine.back() != '\n') continue;
+        strLine.pop_back();
+        ReadRow(strLine, vOut);
+        strLine.clear();
+    }
+    pclose(pPipe);
+    return true;
+}
+
+SqlAnswer MariaDbReference::Eval(const std::string& strExpr)
+{
+    std::vector<SqlAnswer> vOut;
+    Eval(std::vector<std::string>{strExpr}, vOut);
+    return vOut.empty() ? SqlAnswer() : vOut[0];
+}
+
+} // namespace talvortest
