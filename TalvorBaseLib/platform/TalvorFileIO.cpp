@@ -41,6 +41,7 @@ int CTalvorFileIO::FSync(int fd) { return fsync(fd); }
 int CTalvorFileIO::FDataSync(int fd) { return fdatasync(fd); }
 
 int CTalvorFileIO::FTruncate(int fd, off_t nSize) { return ftruncate(fd, nSize); }
+int CTalvorFileIO::Fallocate(int fd, off_t nOffset, off_t nLength) { return fallocate(fd, 0, nOffset, nLength); }
 
 int CTalvorFileIO::Close(int fd) { return close(fd); }
 

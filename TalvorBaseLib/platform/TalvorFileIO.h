@@ -30,6 +30,10 @@ public:
     virtual int FSync(int fd);
     virtual int FDataSync(int fd);
     virtual int FTruncate(int fd, off_t nSize);
+    // fallocate(2), mode 0: the range reserved on the medium and reading as
+    // zero, the file grown to cover it. 0, or -1 with errno (EOPNOTSUPP where
+    // the file system cannot: the caller writes the zeros itself).
+    virtual int Fallocate(int fd, off_t nOffset, off_t nLength);
     virtual int Close(int fd);
     // flock(2): an advisory lock on the whole file, held by this open file
     // description until it is unlocked or closed. 0 or -1 with errno.

@@ -63,6 +63,16 @@ BOOL CTalvorDirectFile::Close()
     return bCut;
 }
 
+BOOL CTalvorDirectFile::ExtendZeroed(long long nSize)
+{
+    if (nSize <= m_nLogicalEnd) return TRUE;
+    if (CTalvorFileIO::Current()->Fallocate(m_fd, (off_t)m_nLogicalEnd, (off_t)(nSize - m_nLogicalEnd)) != 0)
+        return FALSE;
+    m_nLogicalEnd = nSize;
+    m_bWritten = TRUE;
+    return TRUE;
+}
+
 BOOL CTalvorDirectFile::Finish()
 {
     CTalvorFileIO* pIO = CTalvorFileIO::Current();

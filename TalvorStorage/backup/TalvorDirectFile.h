@@ -43,6 +43,10 @@ public:
     BOOL ReadAt(long long nPos, void* lpOut, long long nSize);
     // nSize bytes of lpData at nPos. FALSE on an I/O error (errno set).
     BOOL WriteAt(long long nPos, const void* lpData, long long nSize);
+    // Grows the file to nSize with the new range reserved on the medium and
+    // reading as zero, without writing it. FALSE with errno set; EOPNOTSUPP
+    // where the file system cannot reserve (the caller writes zeros).
+    BOOL ExtendZeroed(long long nSize);
     // The file cut to its logical end, and synced. FALSE with errno set.
     BOOL Finish();
 

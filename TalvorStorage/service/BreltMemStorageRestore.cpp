@@ -11,9 +11,11 @@
 #include "BackupChainCheck.h"
 #include "TalvorDirectFile.h"
 #include "TalvorFileIO.h"
+#include "TalvorOverlapCopy.h"
 #include "TalvorRestoreMark.h"
 #include "TalvorTrace.h"
 
+#include <cassert>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -91,36 +93,57 @@ BOOL CreateTarget(CTalvorDirectFile& target, const char* lpszPath)
     return TRUE;
 }
 
-// The used part from the backup, at the start of the file.
+struct RESTOREPROGRESS {
+    LPTALVORPROGRESS m_lpProgress;
+    long long m_nFinished;
+};
+
+void OnPieceRestored(void* lpContext, long long nCopied)
+{
+    const RESTOREPROGRESS* pCtx = (const RESTOREPROGRESS*)lpContext;
+    SetProgressPos(pCtx->m_lpProgress, pCtx->m_nFinished + nCopied);
+}
+
+// The used part from the backup, at the start of the file. The work buffer
+// is used as two halves, so that the next piece is read while one is written.
 BOOL CopyUsedPart(CTalvorDirectFile* pBackup, CTalvorDirectFile& target, const STRUCT_BACKUP_FILEINFO& r,
                   LPBYTE lpBuffer, int nBufSize, LPTALVORPROGRESS lpProgress, long long nFinished)
 {
-    long long nLength = r.m_nDataEndOffset - r.m_nDataStartOffset;
-    for (long long nPos = 0; nPos < nLength;) {
-        int nPiece = (int)(nLength - nPos < nBufSize ? nLength - nPos : nBufSize);
-        if (!pBackup->ReadAt(r.m_nDataStartOffset + nPos, lpBuffer, nPiece)) {
-            Trace("Recover", 1, 10016002,
-                  TALVOR_TEXT("读取备份文件失败[位置:%lld,大小:%d/%d],错误码:%d!",
-                              "Failed to read the backup file [Pos: %lld, Size: %d/%d], error code: %d!"),
-                  r.m_nDataStartOffset + nPos, nPiece, nPiece, errno);
-            return FALSE;
-        }
-        if (!target.WriteAt(nPos, lpBuffer, nPiece)) {
-            Trace("Recover", 1, 10016003,
-                  TALVOR_TEXT("写入数据库文件失败[%s,位置:%lld,大小:%d/%d],错误码:%d!",
-                              "Failed to write database file [%s, Pos: %lld, Size: %d/%d], error code: %d!"),
-                  r.m_lpszFilePath, nPos, nPiece, nPiece, errno);
-            return FALSE;
-        }
-        nPos += nPiece;
-        SetProgressPos(lpProgress, nFinished + nPos);
-    }
-    return TRUE;
+    const int nHalf = nBufSize / 2;
+    assert(nHalf > 0 && nHalf % DIRECTFILE_SECTOR == 0);
+    LPBYTE arHalves[2] = {lpBuffer, lpBuffer + nHalf};
+    RESTOREPROGRESS stCtx = {lpProgress, nFinished};
+    OVERLAPCOPYFAULT stFault;
+    if (TalvorOverlapCopy(pBackup, r.m_nDataStartOffset, &target, 0, r.m_nDataEndOffset - r.m_nDataStartOffset,
+                          arHalves, nHalf, OnPieceRestored, &stCtx, &stFault))
+        return TRUE;
+    errno = stFault.m_nErrno;
+    if (stFault.m_eStage == OVERLAPCOPY_READ)
+        Trace("Recover", 1, 10016002,
+              TALVOR_TEXT("读取备份文件失败[位置:%lld,大小:%d/%d],错误码:%d!",
+                          "Failed to read the backup file [Pos: %lld, Size: %d/%d], error code: %d!"),
+              stFault.m_nPos, stFault.m_nSize, stFault.m_nSize, stFault.m_nErrno);
+    else
+        Trace("Recover", 1, 10016003,
+              TALVOR_TEXT("写入数据库文件失败[%s,位置:%lld,大小:%d/%d],错误码:%d!",
+                          "Failed to write database file [%s, Pos: %lld, Size: %d/%d], error code: %d!"),
+              r.m_lpszFilePath, stFault.m_nPos, stFault.m_nSize, stFault.m_nSize, stFault.m_nErrno);
+    return FALSE;
 }
 
-// Zeros from the end of the used part up to the file's full size.
+// Zeros from the end of the used part up to the file's full size. Most of
+// a database file is often that tail: it is reserved on the medium, which
+// reads as zero, instead of written, where the file system can do that.
 BOOL ZeroFillToSize(CTalvorDirectFile& target, const STRUCT_BACKUP_FILEINFO& r, LPBYTE lpBuffer, int nBufSize)
 {
+    if (target.ExtendZeroed(r.m_nFileSize)) return TRUE;
+    if (errno != EOPNOTSUPP && errno != ENOSYS) {
+        Trace("Recover", 1, 10016010,
+              TALVOR_TEXT("写入数据库文件失败[%s,位置:%lld,大小:%d/%d],错误码:%d!",
+                          "Failed to write database file [%s, Pos: %lld, Size: %d/%d], error code: %d!"),
+              r.m_lpszFilePath, target.Size(), 0, 0, errno);
+        return FALSE;
+    }
     memset(lpBuffer, 0, (size_t)nBufSize);
     for (long long nPos = r.m_nDataEndOffset - r.m_nDataStartOffset; nPos < r.m_nFileSize;) {
         int nPiece = (int)(r.m_nFileSize - nPos < nBufSize ? r.m_nFileSize - nPos : nBufSize);

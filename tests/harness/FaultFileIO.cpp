@@ -35,6 +35,7 @@ bool ChangesMedium(FileOp eOp)
     case FileOp::FSync:
     case FileOp::FDataSync:
     case FileOp::FTruncate:
+    case FileOp::Fallocate:
     case FileOp::Rename:
     case FileOp::Unlink:
     case FileOp::MkDir:
@@ -655,6 +656,36 @@ int FaultFileIO::FTruncate(int fd, off_t nSize)
         }
     }
     int rc = CTalvorFileIO::FTruncate(fd, nSize);
+    int nErr = errno;
+    if (rc == 0 && bTrack) m_vChanges.push_back(std::move(c));
+    lock.unlock();
+    errno = nErr;
+    return (int)Finish(call, rc);
+}
+
+int FaultFileIO::Fallocate(int fd, off_t nOffset, off_t nLength)
+{
+    FileCall call = MakeCall(FileOp::Fallocate, PathOfFd(fd), (long long)nOffset, (long long)nLength);
+    if (Passes(call.m_strPath)) return CTalvorFileIO::Fallocate(fd, nOffset, nLength);
+    Verdict v = Judge(call);
+    if (v.m_bFail) return (int)Finish(call, FailWith(v.m_nErrno));
+    std::unique_lock<std::mutex> lock(m_mutex);
+    Change c;
+    bool bTrack = false;
+    struct stat st;
+    if (fstat(fd, &st) == 0) {
+        c.m_eKind = CHANGE_TRUNCATE;
+        c.m_key = std::make_pair(st.st_dev, st.st_ino);
+        c.m_strPath = call.m_strPath;
+        c.m_nOffset = std::max((long long)st.st_size, (long long)(nOffset + nLength));
+        c.m_nOldSize = (long long)st.st_size;
+        int fdUndo = UndoFdLocked(c.m_key, fd);
+        if (fdUndo >= 0) {
+            if (c.m_nOldSize > c.m_nOffset) c.m_strOld = ReadRange(fdUndo, c.m_nOffset, c.m_nOldSize - c.m_nOffset);
+            bTrack = true;
+        }
+    }
+    int rc = CTalvorFileIO::Fallocate(fd, nOffset, nLength);
     int nErr = errno;
     if (rc == 0 && bTrack) m_vChanges.push_back(std::move(c));
     lock.unlock();

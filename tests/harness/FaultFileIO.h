@@ -52,8 +52,9 @@ enum class FileOp {
     FChmod,
     OpenDir,
     CloseDir,
+    Fallocate,
 };
-inline constexpr int FILE_OP_COUNT = (int)FileOp::CloseDir + 1;
+inline constexpr int FILE_OP_COUNT = (int)FileOp::Fallocate + 1;
 
 // nTimes of FailCall: the Nth call and every one after it.
 inline constexpr long long FAULT_ALWAYS = -1;
@@ -160,6 +161,9 @@ public:
     int FSync(int fd) override;
     int FDataSync(int fd) override;
     int FTruncate(int fd, off_t nSize) override;
+    // Tracked as a truncation to the grown size: a power loss before the
+    // file's fsync takes the growth back.
+    int Fallocate(int fd, off_t nOffset, off_t nLength) override;
     int Close(int fd) override;
     int Flock(int fd, int nOperation) override;
     int Rename(const char* lpFrom, const char* lpTo) override;
