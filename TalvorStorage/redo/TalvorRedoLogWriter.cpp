@@ -150,8 +150,10 @@ int CTalvorRedoLog::WriteLog(TALVORCRITICALSECTION& stCritSection)
           (long long)m_stStats.m_nWakeups, (long long)m_stStats.m_nPasses, (long long)m_stStats.m_nBytes,
           (long long)m_stStats.m_nSeals);
     Trace0("WriteLog", 3, 30003000, TALVOR_TEXT("Redo日志写入线程已结束！", "Redo log Writer thread ended!"));
-    // The archiver finishes what is sealed, then ends.
+    // The archiver finishes what is sealed, then ends; woken, so that a stop
+    // does not wait out its idle delay.
     TalvorStoreShared(&m_bArchiveExit, TRUE);
+    SetEvent(m_hArchiveEvent);
     return 0;
 }
 

@@ -235,6 +235,9 @@ BOOL CLogManager::StartTalvorLog(LPSYSTEMFILEHEAD lpMemoryFileHead, int nCluster
 void CLogManager::ClearTalvorLog()
 {
     __atomic_store_n(&m_bLogExit, TRUE, __ATOMIC_RELEASE);
+    // The writer may sleep a whole delay (a second by default) before it
+    // sees the stop; woken, it drains the ring and ends at once.
+    if (m_hLogEvent != nullptr && m_hWriteLogThread != 0) SetEvent(m_hLogEvent);
     usleep(100000);
     if (m_hWriteLogThread != 0) {
         struct timespec ts;
