@@ -1,0 +1,94 @@
+// What a standby thread makes of the replies on its connection: a reply
+// with another token is an old one and is read past, never taken for the
+// shipment in flight and never shifting the stream; a keep-alive with the
+// token restarts the wait; a reply of another version, with a payload, or
+// of an unknown type drops the connection; a node that says it leaves ends
+// the thread whatever token it uses; silence is a time-out, not a failure.
+#include "TalvorStandby.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+namespace {
+
+const int TIMEOUT_S = 1;
+
+MF_SERVICE_TCP_COMMAND Reply(BYTE bType, BYTE bToken, int nCode = 0)
+{
+    MF_SERVICE_TCP_COMMAND st;
+    memset(&st, 0, sizeof(st));
+    st.m_bVersion = NODEMSG_VERSION;
+    st.m_bType = bType;
+    st.m_bToken = bToken;
+    st.m_lDigitalData = nCode;
+    return st;
+}
+
+class StandbyReplies : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        int arSk[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, arSk));
+        struct timeval tv = {0, 100000};
+        setsockopt(arSk[0], SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+        m_standby.m_skSocket = arSk[0];
+        m_nNode = arSk[1];
+    }
+    void TearDown() override
+    {
+        if (m_nNode >= 0) close(m_nNode);
+    }
+    void Send(const MF_SERVICE_TCP_COMMAND& st) { ASSERT_EQ((ssize_t)sizeof(st), write(m_nNode, &st, sizeof(st))); }
+    int Receive(BYTE bToken, MF_SERVICE_TCP_COMMAND& st) { return m_standby.RecvTcpCmd(st, bToken, 0, TIMEOUT_S); }
+
+    CTalvorStandby m_standby;
+    int m_nNode = -1;
+};
+
+} // namespace
+
+TEST_F(StandbyReplies, OldTokensAndKeepAlivesAreReadPastWithoutShiftingTheStream)
+{
+    Send(Reply(NODEMSG_SUCCESS, 5));
+    Send(Reply(NODEMSG_KEEPALIVE, 7));
+    Send(Reply(NODEMSG_FAILURE, 9, 2));
+    Send(Reply(NODEMSG_SUCCESS, 7));
+    Send(Reply(NODEMSG_FAILURE, 8, 7));
+    MF_SERVICE_TCP_COMMAND st;
+    ASSERT_EQ(TCPCMD_OK, Receive(7, st));
+    EXPECT_EQ(NODEMSG_SUCCESS, st.m_bType);
+    ASSERT_EQ(TCPCMD_OK, Receive(8, st));
+    EXPECT_EQ(NODEMSG_FAILURE, st.m_bType);
+    EXPECT_EQ(7, (int)st.m_lDigitalData);
+    // Only old replies, then silence: a time-out with the connection kept.
+    Send(Reply(NODEMSG_SUCCESS, 8));
+    EXPECT_EQ(TCPCMD_TIMEOUT, Receive(9, st));
+    EXPECT_FALSE(m_standby.m_bExit);
+}
+
+TEST_F(StandbyReplies, MalformedRepliesDropTheConnectionAndALeavingNodeEndsTheThread)
+{
+    MF_SERVICE_TCP_COMMAND stBadVersion = Reply(NODEMSG_SUCCESS, 3);
+    stBadVersion.m_bVersion = NODEMSG_VERSION + 1;
+    MF_SERVICE_TCP_COMMAND stPayload = Reply(NODEMSG_SUCCESS, 3);
+    stPayload.m_lDataLength = 100;
+    MF_SERVICE_TCP_COMMAND stUnknown = Reply(NODEMSG_FAILURE + 1, 3);
+    for (const MF_SERVICE_TCP_COMMAND& stBad : {stBadVersion, stPayload, stUnknown}) {
+        Send(stBad);
+        MF_SERVICE_TCP_COMMAND st;
+        EXPECT_EQ(TCPCMD_GONE, Receive(3, st));
+    }
+    Send(Reply(NODEMSG_FAILURE, 200, NODEMSG_LEAVING));
+    MF_SERVICE_TCP_COMMAND st;
+    EXPECT_EQ(TCPCMD_OK, Receive(3, st));
+    EXPECT_TRUE(m_standby.m_bExit);
+    close(m_nNode);
+    m_nNode = -1;
+    m_standby.m_bExit = FALSE;
+    EXPECT_EQ(TCPCMD_GONE, Receive(3, st));
+}
