@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <pthread.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -68,6 +69,40 @@ BOOL ReadFull(int fd, LPBYTE lpBuf, int nSize, long long nPos)
 // and sound, 0 when it is not whole yet, -1 when it is no record.
 long long RecordAt(const BYTE* lpAt, long long nLeft) { return RedoRecordAt(lpAt, nLeft); }
 
+// A read of the next piece on a thread of its own. Its buffer belongs to
+// that thread from StartAhead until JoinAhead.
+struct AHEADREAD {
+    int m_fd;
+    LPBYTE m_lpData;
+    long long m_nPos;
+    int m_nSize;
+    BOOL m_bGood;
+    BOOL m_bRunning;
+    HTHREADTYPE m_hThread;
+};
+
+void* AheadThread(void* lpParam)
+{
+    AHEADREAD* pAhead = (AHEADREAD*)lpParam;
+    pAhead->m_bGood = ReadFull(pAhead->m_fd, pAhead->m_lpData, pAhead->m_nSize, pAhead->m_nPos);
+    return nullptr;
+}
+
+void StartAhead(AHEADREAD& stAhead, int fd, LPBYTE lpData, long long nPos, int nSize)
+{
+    stAhead = AHEADREAD{fd, lpData, nPos, nSize, FALSE, FALSE, 0};
+    stAhead.m_bRunning = CreateJoinableThread(&stAhead.m_hThread, AheadThread, &stAhead) == 0;
+}
+
+// Waits for the read (if one runs). TRUE when it read nSize bytes at nPos.
+BOOL JoinAhead(AHEADREAD& stAhead)
+{
+    if (!stAhead.m_bRunning) return FALSE;
+    pthread_join(stAhead.m_hThread, nullptr);
+    stAhead.m_bRunning = FALSE;
+    return stAhead.m_bGood;
+}
+
 // Everything of one standby thread's run that outlives a single pass.
 struct StandbyRun {
     CTalvorStandby* p;
@@ -81,6 +116,10 @@ struct StandbyRun {
     long long nReadPos;
     long long nWriteSize;
     LPBYTE lpBuf;
+    // The next piece of the file, read while a shipment awaits its reply
+    // (null when it could not be mapped: then every piece is read in turn).
+    LPBYTE lpAhead;
+    AHEADREAD stAhead;
     TALVORREDOLOGSTANDBYCACHE stFeed;
     BOOL bFeedLinked;
     char szPath[MAX_PATH];
@@ -312,11 +351,14 @@ int StandbyRun::SendFromFile(BOOL bWrite)
     long long nCapacity = STANDBY_SEND_CAPACITY;
     LPBYTE lpLarge = nullptr;
     int nResult = SHIP_DONE;
+    BOOL bAheadGood = FALSE;
     for (;;) {
         long long nRemain = nWriteSize - nReadPos;
         if (nRemain < RECORD_HEAD) break;
         long long nRead = nRemain < nCapacity ? nRemain : nCapacity;
-        if (!ReadFull(fd, lpFrame + HEAD, (int)nRead, nReadPos)) {
+        BOOL bHave = bAheadGood && stAhead.m_nPos == nReadPos && stAhead.m_nSize == (int)nRead;
+        bAheadGood = FALSE;
+        if (!bHave && !ReadFull(fd, lpFrame + HEAD, (int)nRead, nReadPos)) {
             nResult = SHIP_PASS_ENDED;
             break;
         }
@@ -376,6 +418,13 @@ int StandbyRun::SendFromFile(BOOL bWrite)
             nResult = SHIP_CONNECTION_LOST;
             break;
         }
+        // The next piece is read while the standby takes this one: from a
+        // log not in the page cache the read costs as much as the shipment.
+        long long nNextPos = nReadPos + nPos;
+        long long nNextRead = nWriteSize - nNextPos < STANDBY_SEND_CAPACITY ? nWriteSize - nNextPos
+                                                                            : STANDBY_SEND_CAPACITY;
+        if (lpAhead != nullptr && lpFrame == lpBuf && nNextRead >= RECORD_HEAD)
+            StartAhead(stAhead, fd, lpAhead + HEAD, nNextPos, (int)nNextRead);
         MF_SERVICE_TCP_COMMAND stReply;
         int nRet = p->RecvTcpCmd(stReply, bToken, 0, SHIP_TIMEOUT_S);
         for (int nWaits = 1; nRet == TCPCMD_TIMEOUT; nWaits++) {
@@ -400,6 +449,14 @@ int StandbyRun::SendFromFile(BOOL bWrite)
             }
             if (p->StopAsked() || TalvorLoadShared(&p->m_nResetRedoLogNo) == 0) break;
             nRet = p->RecvTcpCmd(stReply, bToken, 0, SHIP_TIMEOUT_S);
+        }
+        if (JoinAhead(stAhead) && nRet == TCPCMD_OK && stReply.m_bType == NODEMSG_SUCCESS) {
+            // The piece read ahead becomes the frame of the next shipment.
+            LPBYTE lpSwap = lpBuf;
+            lpBuf = lpAhead;
+            lpAhead = lpSwap;
+            lpFrame = lpBuf;
+            bAheadGood = TRUE;
         }
         if (nRet == TCPCMD_TIMEOUT) {
             nResult = p->m_skSocket < 0 ? SHIP_CONNECTION_LOST : SHIP_STOP;
@@ -597,7 +654,10 @@ BOOL StandbyRun::KeepAlive()
 
 void FreeRun(StandbyRun* pRun)
 {
+    // A fault can leave a read ahead running into the buffer: it ends first.
+    JoinAhead(pRun->stAhead);
     if (pRun->lpBuf != nullptr) munmap(pRun->lpBuf, (size_t)STANDBY_SEND_CAPACITY + HEAD);
+    if (pRun->lpAhead != nullptr) munmap(pRun->lpAhead, (size_t)STANDBY_SEND_CAPACITY + HEAD);
     if (pRun->stFeed.m_lpBuffer != nullptr) {
         munmap(pRun->stFeed.m_lpBuffer, (size_t)STANDBY_FEED_SIZE + 32);
         sem_destroy(&pRun->stFeed.m_hEvent);
@@ -629,6 +689,7 @@ void CTalvorStandby::Work(BOOL& bRelease, LPTALVORCRITICALSECTION lpCritSection)
     run.nRedoGroup = -1;
     // Mapped, not allocated: pages a standby never fills cost nothing.
     run.lpBuf = MapBuffer((size_t)STANDBY_SEND_CAPACITY + HEAD);
+    run.lpAhead = MapBuffer((size_t)STANDBY_SEND_CAPACITY + HEAD);
     run.stFeed.m_lpBuffer = MapBuffer((size_t)STANDBY_FEED_SIZE + 32);
     if (run.lpBuf == nullptr || run.stFeed.m_lpBuffer == nullptr) {
         FreeRun(pRun);
