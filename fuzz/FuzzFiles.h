@@ -38,12 +38,24 @@ inline std::string MakeProcessDir(const char* lpRoot)
     return std::string(szDir);
 }
 
-// "/tmp/talvor-fuzz-<pid>/", made on first use and left at exit (a run
-// is a throw-away process). On disk: the data files are opened for direct
-// I/O, which a memory file system may refuse.
+// True when a file in lpDir can be opened for direct I/O (tmpfs can since
+// Linux 6.6).
+inline bool DirectIoWorksIn(const char* lpDir)
+{
+    std::string strProbe = std::string(lpDir) + "/talvor-fuzz-direct-" + std::to_string((int)getpid());
+    int fd = open(strProbe.c_str(), O_RDWR | O_CREAT | O_DIRECT, 0644);
+    if (fd >= 0) close(fd);
+    unlink(strProbe.c_str());
+    return fd >= 0;
+}
+
+// "<root>/talvor-fuzz-<pid>/", made on first use and left at exit (a run
+// is a throw-away process). The data files are opened for direct I/O: in
+// /dev/shm where it allows that, every load is a copy in memory; otherwise
+// on disk in /tmp, where every load is a read of the device.
 inline const std::string& FuzzDir()
 {
-    static std::string s_strDir = MakeProcessDir("/tmp");
+    static std::string s_strDir = MakeProcessDir(DirectIoWorksIn("/dev/shm") ? "/dev/shm" : "/tmp");
     return s_strDir;
 }
 
