@@ -218,10 +218,23 @@ int CBaseBson::TakeTempBuffer(BOOL bLent)
     return BSON_OK;
 }
 
+// A plan that lends to this one must not borrow from it: the requests
+// would go round for ever.
+BOOL CBaseBson::LendsBack(const CBaseBson* pMemory) const
+{
+    for (int i = 0; pMemory != nullptr && i < BSON_MAX_CHAIN; i++) {
+        if (pMemory == this) return TRUE;
+        pMemory = pMemory->m_pMemoryBson;
+    }
+    return pMemory != nullptr;
+}
+
 int CBaseBson::AllocBsonBuffer(CBaseBson* pMemory, UINT nSize)
 {
+    if (pMemory == this) pMemory = nullptr;
+    if (LendsBack(pMemory)) return BSON_BAD_PARAMETER;
     ReleaseAreas();
-    m_pMemoryBson = pMemory == this ? nullptr : pMemory;
+    m_pMemoryBson = pMemory;
     int nResult = TakeMainBuffer(nSize);
     if (nResult != BSON_OK) return nResult;
     nResult = TakeTempBuffer(m_pMemoryBson != nullptr);

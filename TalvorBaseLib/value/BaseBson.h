@@ -62,6 +62,8 @@
 #define BSON_POOL_PAGE 16384
 #define BSON_TEMP_OWN 0x20000u
 #define BSON_TEMP_LENT 16384u
+// Chains of masters or of lenders longer than this are taken for loops.
+#define BSON_MAX_CHAIN 1024
 
 // Kinds of buffer section.
 #define BSON_SECTION_DATA 1
@@ -244,7 +246,10 @@ public:
     // ---- The virtual table, in the engine's order.
 
     // Back to the state after construction: owned buffers given back, both
-    // pools emptied, the arena down to its inline space, all counters 0.
+    // pools emptied, the arena down to its inline space, all counters 0,
+    // m_nDefaultBufferSectionSize 0x10000. The settings the owner made
+    // (m_pMasterBson, m_pMemoryBson, m_bAllowBsonSection,
+    // m_bNoneExecutePlan, m_nBsonStartOffset) stay.
     virtual void Free();
     // Result: 0, the main buffer now in an owned block of the size rule
     // for nSize with the plan copied over (a size that would not make the
@@ -281,7 +286,9 @@ public:
 
     // Gives back owned buffers and sections, empties the pools, then takes
     // a main buffer for nSize bytes (zeroed) and a temporary buffer from
-    // pMemory's memory, or this plan's with pMemory null. Result: 0 or 3.
+    // pMemory's memory, or this plan's with pMemory null. pMemory must
+    // outlive what it lends. Result: 0; 3; 48, with nothing given back,
+    // when pMemory draws its memory from this plan.
     int AllocBsonBuffer(CBaseBson* pMemory, UINT nSize);
     // nSize zeroed bytes at addr/ptr: in the main buffer, else (when
     // m_bAllowBsonSection) in an overflow section. A non-null ptr in the
@@ -431,6 +438,7 @@ private:
     void ForgetOrigin();
     int TakeMainBuffer(UINT nSize);
     int TakeTempBuffer(BOOL bLent);
+    BOOL LendsBack(const CBaseBson* pMemory) const;
     void GiveBack(LPBYTE& lpBlock, void*& pCookie);
     UINT MainIdRoom(UINT nSize) const;
     int AllocFromOverflow(UINT nSize, LPBYTE& ptr, volatile UINT& addr);

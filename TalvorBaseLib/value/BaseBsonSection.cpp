@@ -7,9 +7,6 @@
 
 namespace {
 
-// A chain of masters longer than this is a loop; its last plan serves.
-const int g_nMaxMasterDepth = 1024;
-
 RECORDSECTIONHEAD* ChainOf(LPBUFFERSECTIONHEAD lpHead)
 {
     return reinterpret_cast<RECORDSECTIONHEAD*>(lpHead + 1);
@@ -25,7 +22,8 @@ UINT MakeSectionAddr(UINT nSectionNo, UINT nOffset)
 CBaseBson* CBaseBson::GetRootBson()
 {
     CBaseBson* pRoot = this;
-    for (int i = 0; i < g_nMaxMasterDepth && pRoot->m_pMasterBson != nullptr && pRoot->m_pMasterBson != pRoot; i++)
+    // A loop of masters ends where the walk gives up; that plan serves.
+    for (int i = 0; i < BSON_MAX_CHAIN && pRoot->m_pMasterBson != nullptr && pRoot->m_pMasterBson != pRoot; i++)
         pRoot = pRoot->m_pMasterBson;
     return pRoot;
 }

@@ -148,6 +148,7 @@ int CPlanStreamView::CheckHead() const
         UINT nOffset = ReadAt<UINT>(m_lpData, (UINT)nField);
         if (nOffset >= m_nMainSize) return BSON_DAMAGED_PLAN;
     }
+    if (m_lpData[offsetof(EXECUTEPLANBSON, m_nSqlOffset)] >= m_nMainSize) return BSON_DAMAGED_PLAN;
     if (!IdIsSound(ReadAt<UINT>(m_lpData, offsetof(EXECUTEPLANBSON, m_nFreeSectionAddrID)))) return BSON_DAMAGED_PLAN;
     if (!IdIsSound(ReadAt<UINT>(m_lpData, offsetof(EXECUTEPLANBSON, m_nNextPlanAddrID)))) return BSON_DAMAGED_PLAN;
     return BSON_OK;

@@ -218,6 +218,8 @@ TEST(PlanPoolPages, PagesComeFromTheLenderAndGoBackToIt)
         EXPECT_EQ(BSON_TEMP_LENT, borrower.m_nTempBufferSize);
         work(borrower);
         EXPECT_EQ(0, borrower.m_stMemoryPool.GetTotalSize()) << "nothing of its own";
+        EXPECT_EQ(BSON_BAD_PARAMETER, lender.AllocBsonBuffer(&borrower, 100)) << "lending in a circle";
+        EXPECT_NE(nullptr, lender.m_lpBuffer) << "a refused call gives nothing back";
         borrower.Free();
         const long long nAfterOne = lender.m_stMemoryPool.GetTotalSize();
         ASSERT_EQ(0, borrower.AllocBsonBuffer(&lender, 100));
