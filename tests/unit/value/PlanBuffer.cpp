@@ -197,6 +197,50 @@ TEST(PlanBufferLayout, MainBufferSizesAndEmptyRequests)
     EXPECT_EQ(BSON_PAST_END, bson.AllocFromBsonBuffer(8, nAddr, pOutside));
 }
 
+TEST(PlanBufferLayout, AlignedBlocksAndScratchMemoryKeepTheirBoundaries)
+{
+    CBaseBson bson;
+    ASSERT_EQ(0, bson.AllocBsonBuffer(nullptr, 100));
+    volatile UINT nAddr = 0;
+    LPBYTE p = nullptr;
+    ASSERT_EQ(0, bson.AllocFromBsonBuffer(5, nAddr, p));
+    UINT nEx = 0;
+    LPBYTE pEx = nullptr;
+    ASSERT_EQ(0, bson.AllocFromBsonBufferEx(6, nEx, pEx));
+    EXPECT_EQ(8u, nEx);
+    EXPECT_EQ(bson.m_lpBuffer + 8, pEx);
+    EXPECT_EQ(14u, bson.m_nBsonDataSize);
+    EXPECT_EQ(14u, bson.GetExecutePlanDataSize());
+
+    LPBYTE pA = nullptr, pB = nullptr;
+    ASSERT_EQ(0, bson.AllocFromBufferPool(5, pA, TRUE));
+    ASSERT_EQ(0, bson.AllocFromBufferPool(5, pB, TRUE));
+    EXPECT_EQ(pA + 8, pB) << "the temporary buffer moves on by whole words";
+    EXPECT_EQ(bson.m_lpTempBuffer, pA);
+}
+
+// A buffer the plan was given is the caller's: growth copies it and leaves
+// it alone, and neither Free nor the destructor gives it back (ASan would
+// see a free of memory that the pool never handed out).
+TEST(PlanBufferLayout, AForeignBufferIsCopiedOnGrowthAndNeverGivenBack)
+{
+    std::vector<BYTE> mine(1000, 0x5A);
+    {
+        CBaseBson bson;
+        ASSERT_EQ(0, bson.SetBuffer(mine.data(), 1000, 100));
+        EXPECT_EQ(BSON_BUFFER_FOREIGN, bson.m_nAutoRelease);
+        EXPECT_EQ(BSON_BAD_PARAMETER, bson.SetBuffer(mine.data(), 100, 101));
+        ASSERT_EQ(0, bson.ReAllocBsonBuffer(5000));
+        EXPECT_EQ(BSON_BUFFER_OWNED, bson.m_nAutoRelease);
+        EXPECT_EQ(0x5A, bson.m_lpBuffer[999]);
+        EXPECT_EQ(100u, bson.m_nBsonDataSize);
+        memset(bson.m_lpBuffer, 0, 1000);
+        EXPECT_EQ(0x5A, mine[0]) << "the old buffer is not written";
+        ASSERT_EQ(0, bson.SetBuffer(mine.data(), 1000, 0));
+    }
+    EXPECT_EQ(0x5A, mine[500]);
+}
+
 TEST(PlanBufferLayout, FullMainBufferRefusesOrOverflowsWithTheTopBit)
 {
     CBaseBson bson;
