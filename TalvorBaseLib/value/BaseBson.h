@@ -290,11 +290,13 @@ public:
     // outlive what it lends. Result: 0; 3; 48, with nothing given back,
     // when pMemory draws its memory from this plan.
     int AllocBsonBuffer(CBaseBson* pMemory, UINT nSize);
-    // nSize zeroed bytes at addr/ptr: in the main buffer, else (when
+    // nSize zeroed bytes at addr/ptr: in the main buffer while the block
+    // fits and starts below BSON_ID_OFFSET_LIMIT, else (when
     // m_bAllowBsonSection) in an overflow section. A non-null ptr in the
-    // main buffer extends the block that starts there to nSize bytes.
-    // Result: 0; 3 when there is no room; 25 for an extension past the
-    // buffer's end or a ptr outside it. nSize 0 gives addr 0 and 0.
+    // main buffer extends the block that starts there to nSize bytes, its
+    // bytes kept; the end of the data never moves back. Result: 0; 3 when
+    // there is no room; 25 for an extension past the buffer's end or a ptr
+    // outside it. nSize 0 gives addr 0 and 0 and takes no buffer.
     int AllocFromBsonBuffer(UINT nSize, volatile UINT& addr, LPBYTE& ptr);
     // nSize bytes, not zeroed, on a 4-byte boundary of the main buffer only.
     // Result: 0 or 3.
