@@ -8,9 +8,11 @@
 // cache, the head area of a used cache as the daemon's own cache object
 // leaves it (fuzz/FuzzCache.h) and ring entries and load slots as the
 // engine fills them; whole full and incremental backup files and a
-// place-holder, as the backup tests make them. Run by fuzz/make-corpus;
+// place-holder, as the backup tests make them; the byte streams of plans
+// that the plan buffer builds. Run by fuzz/make-corpus;
 // argv[1] is fuzz/corpus.
 #include "BackupIncrementFixture.h"
+#include "BaseBson.h"
 #include "CacheFileHeadArea.h"
 #include "DbFileLayout.h"
 #include "FuzzCache.h"
@@ -101,6 +103,15 @@ std::string Sparse(const std::string& strImage, uint32_t nImageSize, uint8_t bTa
     return s;
 }
 
+void WritePlanSeed(const std::string& strName, const std::string& strBytes)
+{
+    if (strBytes.empty()) {
+        fprintf(stderr, "no plan stream for %s\n", strName.c_str());
+        exit(1);
+    }
+    WriteSeed("PlanBuffer", strName, strBytes);
+}
+
 void IniSeeds()
 {
     WriteSeed("IniFile", "daemon.ini",
@@ -121,6 +132,55 @@ void TextSeeds()
     WriteSeed("JsonText", "object", "{\"a\": [1, 2.5e3, true, null], \"b\": {\"c\": \"\\u00e9\\n\"}}");
     WriteSeed("JsonText", "string", "  \"esc\\\"aped \\ud83d\\ude00\"  ");
     WriteSeed("JsonText", "array", "[[[], {}], \"x\", -0.0]");
+}
+
+// Plans as the plan buffer lays them out: a bare head; a head with fields,
+// data, records and steps whose ids point into the plan; and the same with
+// small sections, so that records and steps spill over chained sections.
+std::string PlanStream(UINT nSectionSize, int nItems)
+{
+    CBaseBson bson;
+    bson.m_nDefaultBufferSectionSize = nSectionSize;
+    volatile UINT nAddr = 0;
+    LPBYTE p = nullptr;
+    bson.AllocFromBsonBuffer(sizeof(EXECUTEPLANBSON), nAddr, p);
+    std::vector<UINT> ids;
+    for (int i = 0; i < nItems; i++) {
+        st_VARDATA v;
+        v.Init();
+        v.AttachString(const_cast<char*>("talvor"), 6, 7);
+        bson.WriteFieldData(7, (BYTE)i, v, nullptr);
+        v.SetData((long long)i * 1000003);
+        bson.WriteFieldData(2, (BYTE)i, v, nullptr);
+        UINT nData = 0;
+        bson.AllocFromBufferSection(40 + i, nData, p);
+        memset(p, 'a' + i % 26, 40 + i);
+        ids.push_back(nData);
+    }
+    for (int i = 0; i < nItems; i++) {
+        LPRECORDHEAD lpRecord = nullptr;
+        UINT nRecord = 0;
+        bson.AllocRecord(lpRecord, nRecord);
+        lpRecord->m_nFieldDataAddrID = ids[(size_t)i];
+        lpRecord->m_nDataID = i;
+        LPEXECUTESTEP lpStep = nullptr;
+        UINT nStep = 0;
+        bson.AllocStep(lpStep, nStep);
+        lpStep->m_nRecordAddrID = nRecord;
+    }
+    UINT nCondition = 0;
+    for (int i = 0; i < nItems; i++) AddCondition(&bson, (BYTE)(i + 1), ids[(size_t)i], 1, nCondition);
+    std::string s(bson.GetExecutePlanDataSize() + 16, '\0');
+    UINT n = bson.CopyExecutePlan(reinterpret_cast<LPBYTE>(&s[0]), (UINT)s.size());
+    s.resize(n);
+    return s;
+}
+
+void PlanSeeds()
+{
+    WritePlanSeed("head-only", PlanStream(BSON_DEFAULT_SECTION_SIZE, 0));
+    WritePlanSeed("sections", PlanStream(BSON_DEFAULT_SECTION_SIZE, 12));
+    WritePlanSeed("chained", PlanStream(512, 30));
 }
 
 // The maker's database, its data file filled by the stand-in.
@@ -644,6 +704,7 @@ int main(int argc, char** argv)
     mkdir(g_strOut.c_str(), 0755);
     IniSeeds();
     TextSeeds();
+    PlanSeeds();
     DatabaseSeeds(strWork);
     RollbackSeeds();
     RedoSeeds(strWork);

@@ -18,6 +18,8 @@
 
 #include <cstddef>
 
+class CBaseBson;
+
 // Every request is rounded up to this, and every page's payload starts on it,
 // so each result can hold a long long, a double or a pointer without an
 // unaligned access.
@@ -134,6 +136,9 @@ public:
     // Pages come from pSource from now on, or from malloc when null. Set it
     // while the pool holds no page: a page goes back where it came from.
     void SetBson(ITalvorPageSource* pSource) { m_pBson = pSource; }
+    // Pages from the plan's AllocMemoryBufferPool (BaseBson.h), or from
+    // malloc when null; the same rule on when to set it.
+    void SetBson(CBaseBson* pBson);
 
 protected:
     LPBUFFERPOOL TakePage(UINT nSize) override;
@@ -153,6 +158,7 @@ public:
 
     // See CTalvorBufferPoolEx::SetBson.
     void SetBson(ITalvorPageSource* pSource) { m_pBson = pSource; }
+    void SetBson(CBaseBson* pBson);
 
 protected:
     LPBUFFERPOOL TakePage(UINT nSize) override;

@@ -14,6 +14,7 @@
 #include "TypeDef.h"
 
 class CTalvorBufferPool;
+class CBaseBson;
 
 // Type codes of m_vt that the numeric code meets.
 #define TALVOR_VT_EMPTY 0
@@ -299,6 +300,13 @@ struct st_MULTIVARDATA {
     BYTE m_bNum;
     BYTE m_bReserved[3];
     st_VARDATA m_arrVarData[1];
+
+    // Points every borrowed text member (5, 6, 7, 8, 30) at its bytes in
+    // the main buffer of pBson, from the offset in m_nStringDataOffset; the
+    // record must hold m_bNum members. Result: 0; 70 when a text's offset
+    // and length don't lie inside the plan's data (that member becomes
+    // NULL, the others are still resolved); 48 for a null plan.
+    int GetMultiStringData(CBaseBson* pBson);
 };
 
 #pragma pack(pop)
