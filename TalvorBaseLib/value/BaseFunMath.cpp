@@ -27,7 +27,6 @@ const int KEYWORD_LN = 516, KEYWORD_LOG = 517, KEYWORD_LOG2 = 604, KEYWORD_LOG10
 const double ASIN_LIMIT = 1.000001;
 // Rounding counts beyond these change nothing in a double or a decimal.
 const int MAX_ROUND_DIGITS = 127;
-const int MAX_INT_DIGITS = 19;
 
 const char* const DEFAULT_DATE_UNIT = "DD";
 
@@ -64,13 +63,6 @@ int OnNumber(VARDATA& vArg, VARDATA& vResult, Op fnOp)
     return SetNumber(vResult, n);
 }
 
-long long PowerOf10(int n)
-{
-    long long p = 1;
-    for (int i = 0; i < n; ++i) p *= 10;
-    return p;
-}
-
 int DigitCount(unsigned long long u)
 {
     int n = 1;
@@ -81,26 +73,37 @@ int DigitCount(unsigned long long u)
     return n;
 }
 
+// A magnitude and a sign as a 64-bit integer, or as a decimal past its range.
+int SetSignedMagnitude(VARDATA& vResult, unsigned long long u, bool bNegative)
+{
+    const unsigned long long MAX_MAGNITUDE = (unsigned long long)LLONG_MAX;
+    if (u <= MAX_MAGNITUDE) return SetBigInt(vResult, bNegative ? -(long long)u : (long long)u);
+    Reset(vResult, TALVOR_VT_DECIMAL);
+    CTalvorDecimal::Convert2Decimal(u, &vResult);
+    vResult.m_bSign = bNegative ? 1 : 0;
+    return 0;
+}
+
 // An integer to nDigits places: a positive count keeps it; a negative one
 // is cut to the number's digits, and the remainder against half of the
-// power of ten decides (bRound), or is dropped.
+// power of ten decides (bRound), or is dropped. A result past the 64-bit
+// range becomes a decimal.
 int IntegerRound(long long llValue, int nDigits, VARDATA& vResult, bool bRound)
 {
     if (nDigits >= 0) return SetBigInt(vResult, llValue);
-    unsigned long long u = llValue < 0 ? 0ULL - (unsigned long long)llValue : (unsigned long long)llValue;
+    bool bNegative = llValue < 0;
+    unsigned long long u = bNegative ? 0ULL - (unsigned long long)llValue : (unsigned long long)llValue;
     int n = -nDigits;
     int nHave = DigitCount(u);
     if (n > nHave) n = nHave;
-    if (n > MAX_INT_DIGITS - 1) n = MAX_INT_DIGITS - 1;
-    unsigned long long p = (unsigned long long)PowerOf10(n);
+    unsigned long long p = 1;
+    for (int i = 0; i < n; ++i) p *= 10;
     unsigned long long r = u % p;
     unsigned long long q = u - r;
-    if (bRound && r >= p / 2) {
-        if (q > (unsigned long long)LLONG_MAX - p) return SetNullResult(vResult);
-        q += p;
-    }
-    if (q > (unsigned long long)LLONG_MAX) return SetNullResult(vResult);
-    return SetBigInt(vResult, llValue < 0 ? -(long long)q : (long long)q);
+    // q + p stays below 2^64: q is at most 9.3e18 and p at most 1e19 only
+    // when q is 0.
+    if (bRound && r >= p / 2) q += p;
+    return SetSignedMagnitude(vResult, q, bNegative && q != 0);
 }
 
 // The reference server's rounding of doubles: rint on the value scaled by
