@@ -193,6 +193,12 @@ bool NumberPart(const TALVORDATEPARTS& s, DATE date, int nFunction, long long& v
     }
 }
 
+bool IsNumberArg(const VARDATA& v)
+{
+    return v.m_vt == TALVOR_VT_INT || v.m_vt == TALVOR_VT_BIGINT || v.m_vt == TALVOR_VT_DOUBLE ||
+           v.m_vt == TALVOR_VT_DECIMAL || v.m_vt == TALVOR_VT_TINY || v.m_vt == TALVOR_VT_SMALL;
+}
+
 bool IsClockPart(int nFunction)
 {
     return nFunction == KW_HOUR || nFunction == KW_MINUTE || nFunction == KW_SECOND || nFunction == KW_MICROSECOND;
@@ -348,17 +354,15 @@ int CBaseFunManager::time(CTalvorBufferPool* pPool, const VARDATA& vArg, TALVORT
 {
     long long llSeconds = 0;
     bool bOk = TimeSecondsOf(pPool, vArg, llSeconds);
-    if (!bOk && (vArg.m_vt == TALVOR_VT_INT || vArg.m_vt == TALVOR_VT_BIGINT || vArg.m_vt == TALVOR_VT_DOUBLE ||
-                 vArg.m_vt == TALVOR_VT_DECIMAL || vArg.m_vt == TALVOR_VT_TINY || vArg.m_vt == TALVOR_VT_SMALL)) {
+    if (!bOk && IsNumberArg(vArg)) {
         long long n = vArg.GetCompatibleBigInt();
-        // A number as long as a date and time is one; shorter ones are HHMMSS.
-        const long long FIRST_DATE_TIME = 10000101000000LL;
+        // Eight digits and more are a date (and time); shorter ones HHMMSS.
+        const long long FIRST_DATE_NUMBER = 10000000LL;
         DATE d;
-        if (n >= FIRST_DATE_TIME && DateOfNumber(n, 0, d)) {
-            bOk = true;
-            TALVORDATEPARTS s;
-            CTalvorDate::ConvertDateTime(d, s);
-            llSeconds = s.m_nHour * 3600LL + s.m_nMinute * 60 + s.m_nSecond;
+        TALVORDATEPARTS s;
+        if (n >= FIRST_DATE_NUMBER) {
+            bOk = DateOfNumber(n, 0, d) && CTalvorDate::ConvertDateTime(d, s) == 0;
+            if (bOk) llSeconds = s.m_nHour * 3600LL + s.m_nMinute * 60 + s.m_nSecond;
         } else {
             bOk = TimeSecondsOfNumber(n, llSeconds);
         }
@@ -482,9 +486,9 @@ int CBaseFunManager::ConvertToDateTime(CTalvorBufferPool* pPool, VARDATA& vArg, 
 
 int CBaseFunManager::DateFuntion(CTalvorBufferPool* pPool, VARDATA& vArg, VARDATA& vResult, int nFunction)
 {
-    // A time has hours past 23, which no date has.
+    // A time has hours past 23, which no date has; a short number is a time.
     long long llSeconds;
-    if (IsClockPart(nFunction) && TimeSecondsOf(pPool, vArg, llSeconds))
+    if (IsClockPart(nFunction) && (IsNumberArg(vArg) || TimeSecondsOf(pPool, vArg, llSeconds)))
         return TimeFuntion(pPool, vArg, vResult, nFunction);
     int nType = 0;
     switch (nFunction) {
