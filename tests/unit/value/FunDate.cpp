@@ -22,50 +22,11 @@
 #include "FunReferenceKit.h"
 #include "PythonReference.h"
 
-#include <random>
 
 using namespace funkit;
 using talvortest::Val;
 
 namespace {
-
-typedef std::function<int(CTalvorBufferPool*, VARDATA*, VARDATA&)> Fn;
-
-Case Call(CTalvorBufferPool& pool, const std::string& strSql, const Fn& fn, std::vector<VARDATA> vArgs)
-{
-    Case c{strSql, Null(), 0, SAME_TEXT};
-    c.m_nResult = fn(&pool, vArgs.data(), c.m_vOurs);
-    return c;
-}
-
-std::string Quote(const std::string& s) { return "'" + s + "'"; }
-
-std::string Two(int n)
-{
-    char sz[8];
-    snprintf(sz, sizeof(sz), "%02d", n);
-    return sz;
-}
-
-// Dates and times of years 1 to 9999, thick around leap days, year ends
-// and the present; every fourth without a time of day.
-std::vector<std::string> Dates(int nCount, unsigned nSeed)
-{
-    std::vector<std::string> v = {"2000-02-29 12:00:00", "1900-02-28 23:59:59", "2100-03-01 00:00:00",
-        "1999-12-31 23:59:59", "2021-01-01 00:00:00", "2020-12-31", "2024-01-07", "2018-12-31 00:00:01",
-        "0001-01-01 00:00:00", "9999-12-31 23:59:59", "1970-01-01 00:00:00", "2038-01-19 03:14:07"};
-    std::mt19937 rng(nSeed);
-    for (int i = 0; i < nCount; ++i) {
-        int y = i % 5 == 0 ? 1001 + (int)(rng() % 8998) : 1901 + (int)(rng() % 199);
-        int m = 1 + (int)(rng() % 12);
-        int nLast = CTalvorDate::DaysInMonth(y, m);
-        int d = i % 3 == 0 ? nLast - (int)(rng() % 2) : 1 + (int)(rng() % nLast);
-        std::string s = std::to_string(y) + "-" + Two(m) + "-" + Two(d);
-        if (i % 4 != 0) s += " " + Two((int)(rng() % 24)) + ":" + Two((int)(rng() % 60)) + ":" + Two((int)(rng() % 60));
-        v.push_back(s);
-    }
-    return v;
-}
 
 Fn Part(int nFunction)
 {
