@@ -191,7 +191,7 @@ TEST(FunDate, ClockReadingsLieBetweenTwoReadingsOfTheSystemClock)
     ASSERT_EQ(Val(vClock.m_vt), TALVOR_VT_TIME);
     EXPECT_GE(Val(vUnix.m_llValue), (long long)tBefore);
     EXPECT_LE(Val(vUnix.m_llValue), (long long)tAfter);
-    // The process runs in UTC (the kit sets it): every reading agrees.
+    // The process runs in UTC: every reading agrees.
     EXPECT_EQ(Show(vZone), "+00:00");
     VARDATA vSeconds = Null();
     ASSERT_EQ(CBaseFunManager::Unix_TimeStamp(&pool, vUtc, vSeconds), 0);

@@ -227,7 +227,7 @@ TEST(FunMath, SeededRandDrawsTheServersSequenceAndUnseededStaysInItsRange)
     EXPECT_TRUE(bDiffer) << "64 unseeded values were all " << dFirst;
 }
 
-// The library's own forms: the Part's integer rounding past the digits,
+// The library's own forms: its integer rounding past the digits,
 // Oracle's rounding of dates by a unit, and its function numbers and codes.
 TEST(FunMath, OwnRulesRoundDatesByUnitAndRefuseWhatTheyMust)
 {
