@@ -140,7 +140,9 @@ public:
     // HOUR, MINUTE, SECOND, MICROSECOND, QUARTER, WEEK (mode 0), WEEKOFYEAR
     // (mode 3), DAYOFYEAR, DAYOFWEEK (1 Sunday), WEEKDAY (0 Monday) and
     // TO_DAYS as integers, MONTHNAME and DAYNAME as text; an INTERVAL_TYPE
-    // number (1 to 21) goes to GetCombinedData. Result: 0, or
+    // number (1 to 21) goes to GetCombinedData. HOUR, MINUTE, SECOND and
+    // MICROSECOND of a time, of text that reads as one, or of a number
+    // (HHMMSS below eight digits) go to TimeFuntion. Result: 0, or
     // TALVOR_FUN_BAD_FUNCTION.
     static int DateFuntion(CTalvorBufferPool* pPool, VARDATA& vArg, VARDATA& vResult, int nFunction);
     // The date as text by a format (DATE_FORMAT).

@@ -67,10 +67,10 @@ TEST(FunDate, PartsWeeksAndFormatsOfGeneratedDatesMatchTheServer)
     std::vector<Case> v;
     for (const std::string& s : Dates(160, 11)) {
         bool bFull = s.size() > 10;
-        for (int nForm = 0; nForm < 2; ++nForm) {
-            // As text, and as a typed date and time.
-            VARDATA a = nForm ? DateTime(pool, bFull ? s : s + " 00:00:00") : Text(pool, s);
-            std::string strArg = nForm ? "TIMESTAMP" + Quote(bFull ? s : s + " 00:00:00") : Quote(s);
+        for (int nForm = 0; nForm < (bFull ? 2 : 3); ++nForm) {
+            // As text, as a typed date and time, and a date alone as a stored date.
+            VARDATA a = nForm == 2 ? StoredDate(pool, s) : nForm ? DateTime(pool, bFull ? s : s + " 00:00:00") : Text(pool, s);
+            std::string strArg = nForm == 2 ? "DATE" + Quote(s) : nForm ? "TIMESTAMP" + Quote(bFull ? s : s + " 00:00:00") : Quote(s);
             for (const Named& n : vParts)
                 if (bFull || nForm || !IsClock(n)) v.push_back(Call(pool, std::string(n.m_lpszSql) + "(" + strArg + ")", n.m_fn, {a}));
             for (int m = 0; m < 8; ++m)
@@ -120,6 +120,8 @@ TEST(FunDate, TimesAndFormatsOfTimesMatchTheServer)
         CBaseFunManager::Sec_To_Time(&pool, *std::vector<VARDATA>{Int(n)}.data(), t);
         std::string strTime = Show(t);
         v.push_back(Call(pool, "TIME_TO_SEC(" + Quote(strTime) + ")", fnToSec, {Text(pool, strTime)}));
+        v.push_back(Call(pool, "TIME_TO_SEC(TIME" + Quote(strTime) + ")", fnToSec, {t}));
+        v.push_back(Call(pool, "SECOND(TIME" + Quote(strTime) + ")", Part(417), {t}));
         v.push_back(Call(pool, "HOUR(" + Quote(strTime) + ")", Part(419), {Text(pool, strTime)}));
         v.push_back(Call(pool, "MINUTE(" + Quote(strTime) + ")", Part(418), {Text(pool, strTime)}));
         if (n >= 0 && n < 86400)

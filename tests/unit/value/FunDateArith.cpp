@@ -157,6 +157,7 @@ TEST(FunDateArith, TimesSecondsPeriodsAndDayCountsMatchTheServer)
     Fn fnSubTime = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::AddSubTime(p, x[0], x[1], r, FALSE); };
     Fn fnTimeDiff = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::TimeDiff(p, x[0], x[1], r); };
     Fn fnStamp = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::TalvorTimeStamp(p, x[0], x[1], r); };
+    Fn fnAdd = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::AddSubDate(p, x[0], x[1], r, TRUE); };
     for (std::string s : Dates(80, 67)) {
         if (s.size() == 10) s += " 00:00:00";
         std::string t = TimeOfDay(rng, 300), t2 = TimeOfDay(rng, 300);
@@ -167,6 +168,22 @@ TEST(FunDateArith, TimesSecondsPeriodsAndDayCountsMatchTheServer)
         v.push_back(Call(pool, "SUBTIME(" + Quote(t) + "," + Quote(t2) + ")", fnSubTime, {vt, vt2}));
         v.push_back(Call(pool, "TIMEDIFF(" + Quote(t) + "," + Quote(t2) + ")", fnTimeDiff, {vt, vt2}));
         v.push_back(Call(pool, "TIMESTAMP(" + Quote(s) + "," + Quote(t) + ")", fnStamp, {a, vt}));
+        // Stored times keep their kind; a stored date stays a date for whole days.
+        VARDATA st = StoredTime(pool, t), st2 = StoredTime(pool, t2), sd = StoredDate(pool, s.substr(0, 10));
+        v.push_back(Call(pool, "ADDTIME(TIME" + Quote(t) + ",TIME" + Quote(t2) + ")", fnAddTime, {st, st2}));
+        v.push_back(Call(pool, "TIMEDIFF(TIME" + Quote(t) + ",TIME" + Quote(t2) + ")", fnTimeDiff, {st, st2}));
+        for (const char* i : {"7 HOUR", "-75 MINUTE", "'1:30' HOUR_MINUTE"}) {
+            std::string strAmount = i;
+            size_t nSpace = strAmount.find(' ');
+            int nType = strAmount.find("MINUTE") == std::string::npos ? 5 : strAmount.find("HOUR_") == std::string::npos ? 4 : 16;
+            VARDATA vInterval = Null(), vAmount = AmountValue(pool, strAmount.substr(0, nSpace));
+            ASSERT_EQ(CBaseFunManager::Interval2(&pool, vAmount, nType, vInterval), 0);
+            v.push_back(Call(pool, "DATE_ADD(TIME" + Quote(t) + ", INTERVAL " + i + ")", fnAdd, {st, vInterval}));
+            v.push_back(Call(pool, "DATE_ADD(DATE" + Quote(s.substr(0, 10)) + ", INTERVAL " + i + ")", fnAdd, {sd, vInterval}));
+        }
+        VARDATA vWeek = Null(), vTwo = Int(2);
+        ASSERT_EQ(CBaseFunManager::Interval2(&pool, vTwo, 7, vWeek), 0);
+        v.push_back(Call(pool, "DATE_ADD(DATE" + Quote(s.substr(0, 10)) + ", INTERVAL 2 WEEK)", fnAdd, {sd, vWeek}));
         // Two dates a few days apart, within the range of a time.
         VARDATA vLater = Null(), vHours = Int((long long)(rng() % 1400) - 700);
         ASSERT_EQ(CBaseFunManager::TimeStampAdd(&pool, 5, vHours, a, vLater), 0);

@@ -110,6 +110,20 @@ inline VARDATA DateTime(CTalvorBufferPool& pool, const std::string& str)
     return v;
 }
 
+// A stored date (12) from "YYYY-MM-DD", and a stored time (11) from
+// "[-]h:mm:ss"; NULL for text that is neither.
+inline VARDATA StoredDate(CTalvorBufferPool& pool, const std::string& str)
+{
+    VARDATA v = Null(), t = Text(pool, str);
+    return CBaseFunManager::Date(&pool, t, v) == 0 ? v : Null();
+}
+
+inline VARDATA StoredTime(CTalvorBufferPool& pool, const std::string& str)
+{
+    VARDATA v = Null(), t = Text(pool, str);
+    return CBaseFunManager::Time(&pool, t, v) == 0 ? v : Null();
+}
+
 // What a result shows as, the way the server's client shows it: dates by
 // their fixed forms, integers in decimal, text as its bytes.
 inline std::string Show(const VARDATA& v)
