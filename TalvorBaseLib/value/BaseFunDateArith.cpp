@@ -27,6 +27,7 @@ const BYTE INTERVAL_MARK = 1;
 // Longest amount of an interval value, as text.
 const int MAX_AMOUNT_TEXT = 64;
 const double MAX_UNIX_SECONDS = 253402300800.0;  // 10000-01-01
+const int MAX_INTERVAL_TEXT = 3 + MAX_AMOUNT_TEXT;
 
 bool DayTimeOfArg(CTalvorBufferPool* pPool, const VARDATA& v, DayTime& t)
 {
@@ -160,6 +161,34 @@ int AddDays(CTalvorBufferPool* pPool, VARDATA& vDate, const VARDATA& vDays, VARD
     long long llDays = vDays.GetCompatibleBigInt();
     if (!AddUnits(t, INTERVAL_DAY, bAdd ? llDays : -llDays)) return SetNullResult(vResult);
     return SetArithResult(pPool, vDate, t, false, vResult);
+}
+
+// A date, a stored date or a stored time with an interval value whose text
+// ends within its length.
+int AddInterval(CTalvorBufferPool* pPool, VARDATA& vDate, const VARDATA& vInterval, VARDATA& vResult, BOOL bAdd)
+{
+    int nResult;
+    if (vDate.m_vt == TALVOR_VT_TIME) {
+        nResult = CTalvorDate::DateAddSubInterval(pPool, vDate.m_stTime, vInterval, vResult, bAdd);
+    } else if (vDate.m_vt == TALVOR_VT_DATE || IsDateOnlyText(pPool, vDate)) {
+        DATE d;
+        TALVORDATE stDate;
+        if (CBaseFunManager::date(pPool, vDate, d) != 0 || CTalvorDate::ConvertDate(d, stDate) != 0)
+            return SetNullResult(vResult);
+        nResult = CTalvorDate::DateAddSubInterval(pPool, stDate, vInterval, vResult, bAdd);
+    } else {
+        DATE d;
+        if (CBaseFunManager::date(pPool, vDate, d) != 0) return SetNullResult(vResult);
+        nResult = CTalvorDate::DateAddSubInterval(pPool, d, vInterval, vResult, bAdd);
+    }
+    if (nResult == TALVOR_DATE_BAD_INTERVAL || nResult == TALVOR_DATE_BAD_PARAMETER) {
+        SetNullResult(vResult);
+        return nResult;
+    }
+    if (nResult != 0) return SetNullResult(vResult);
+    // The library's result may pass year 9999 only as NULL; a date and time
+    // is checked once more so that no caller meets one out of range.
+    return vResult.m_vt == TALVOR_VT_DATETIME ? SetDateTime(vResult, vResult.m_dblValue) : 0;
 }
 
 }  // namespace
@@ -338,27 +367,12 @@ int CBaseFunManager::AddSubDate(CTalvorBufferPool* pPool, VARDATA& vDate, VARDAT
     bool bInterval = IsTextArg(vInterval) && vInterval.m_lpszValue != nullptr && vInterval.m_nStrLen > 0 &&
                      (BYTE)vInterval.m_lpszValue[0] == INTERVAL_MARK;
     if (!bInterval) return AddDays(pPool, vDate, vInterval, vResult, bAdd);
-    int nResult;
-    if (vDate.m_vt == TALVOR_VT_TIME) {
-        nResult = CTalvorDate::DateAddSubInterval(pPool, vDate.m_stTime, vInterval, vResult, bAdd);
-    } else if (vDate.m_vt == TALVOR_VT_DATE || IsDateOnlyText(pPool, vDate)) {
-        DATE d;
-        TALVORDATE stDate;
-        if (date(pPool, vDate, d) != 0 || CTalvorDate::ConvertDate(d, stDate) != 0) return SetNullResult(vResult);
-        nResult = CTalvorDate::DateAddSubInterval(pPool, stDate, vInterval, vResult, bAdd);
-    } else {
-        DATE d;
-        if (date(pPool, vDate, d) != 0) return SetNullResult(vResult);
-        nResult = CTalvorDate::DateAddSubInterval(pPool, d, vInterval, vResult, bAdd);
-    }
-    if (nResult == TALVOR_DATE_BAD_INTERVAL || nResult == TALVOR_DATE_BAD_PARAMETER) {
-        SetNullResult(vResult);
-        return nResult;
-    }
-    if (nResult != 0) return SetNullResult(vResult);
-    // The library's result may pass year 9999 only as NULL; a date and time
-    // is checked once more so that no caller meets one out of range.
-    return vResult.m_vt == TALVOR_VT_DATETIME ? SetDateTime(vResult, vResult.m_dblValue) : 0;
+    // The date library reads an interval up to its NUL: one within the
+    // value's own length, so a text from outside is never read past its end.
+    VARDATA vBounded = vInterval;
+    vBounded.m_lpszValue = (char*)TextOf(pPool, vInterval, MAX_INTERVAL_TEXT);
+    if (vBounded.m_lpszValue == nullptr) return SetNullResult(vResult);
+    return AddInterval(pPool, vDate, vBounded, vResult, bAdd);
 }
 
 int CBaseFunManager::TimeStampAdd(CTalvorBufferPool* pPool, int nUnit, VARDATA& vAmount, VARDATA& vDate,

@@ -259,4 +259,12 @@ TEST(FunDateArith, KeywordIdsOfUnitsNameTheIntervalTypes)
     ASSERT_EQ(CBaseFunManager::Interval2(&pool, vBad, 16, vInterval), 0);
     EXPECT_EQ(CBaseFunManager::AddSubDate(&pool, a, vInterval, r, TRUE), TALVOR_DATE_BAD_PARAMETER);
     EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+    // An interval is read within its length, whatever stands behind it.
+    char arLonger[] = {1, 6, 7, '5', '0', '0'};
+    VARDATA vShort = Null(), vDay = Text(pool, "2021-03-15");
+    vShort.m_vt = TALVOR_VT_TEXT;
+    vShort.m_lpszValue = arLonger;
+    vShort.m_nStrLen = 4;
+    ASSERT_EQ(CBaseFunManager::AddSubDate(&pool, vDay, vShort, r, TRUE), 0);
+    EXPECT_EQ(Show(r), "2021-03-20");
 }
