@@ -41,8 +41,9 @@ const long long MILLION = 1000000;
 
 bool DateOfParts(int y, int m, int d, long long llSecondOfDay, long long llMicros, DATE& date)
 {
-    TALVORDATEPARTS s = {y, m, d, (int)(llSecondOfDay / 3600), (int)(llSecondOfDay / 60 % 60),
-                         (int)(llSecondOfDay % 60), (int)llMicros, 0, 0};
+    TALVORDATEPARTS s = {
+        y, m, d, (int)(llSecondOfDay / 3600), (int)(llSecondOfDay / 60 % 60), (int)(llSecondOfDay % 60), (int)llMicros,
+        0, 0};
     return CTalvorDate::ConvertParts(date, s) == 0;
 }
 
@@ -115,6 +116,31 @@ bool TimeSecondsOfNumber(long long n, long long& llSeconds)
     return true;
 }
 
+// Where the fraction of a time text begins (its point), or nLen for none:
+// a point with one to nine digits behind it, and nothing else.
+int FractionAt(const char* p, int nLen)
+{
+    const int MAX_FRACTION_DIGITS = 9;
+    int nPoint = nLen - 1;
+    while (nPoint >= 0 && p[nPoint] >= '0' && p[nPoint] <= '9') --nPoint;
+    int nDigits = nLen - 1 - nPoint;
+    if (nPoint < 1 || p[nPoint] != '.' || nDigits == 0 || nDigits > MAX_FRACTION_DIGITS) return nLen;
+    return nPoint;
+}
+
+// Microseconds of the fraction of a time text, 0 without one.
+long long FractionMicros(const VARDATA& v)
+{
+    if (!IsTextArg(v) || v.m_lpszValue == nullptr || v.m_nStrLen > MAX_DATE_TEXT) return 0;
+    int nPoint = FractionAt(v.m_lpszValue, v.m_nStrLen);
+    long long llMicros = 0;
+    for (int i = 1; i <= 6; ++i) {
+        int k = nPoint + i;
+        llMicros = llMicros * 10 + (k < v.m_nStrLen ? v.m_lpszValue[k] - '0' : 0);
+    }
+    return llMicros;
+}
+
 // Today's date in the database's zone, whole days.
 DATE Today() { return std::floor(CTalvorDate::GetCurrentDateTime()); }
 
@@ -123,8 +149,8 @@ DATE NowShifted(double dZoneDays)
 {
     struct timeval tv;
     gettimeofday(&tv, nullptr);
-    talvordate::DayTime t = {TALVOR_DATE_UNIX_EPOCH,
-                             (long long)tv.tv_sec * MICROS_PER_SECOND + std::llround(dZoneDays * 86400.0) * MICROS_PER_SECOND};
+    talvordate::DayTime t = {TALVOR_DATE_UNIX_EPOCH, (long long)tv.tv_sec * MICROS_PER_SECOND +
+                                                         std::llround(dZoneDays * 86400.0) * MICROS_PER_SECOND};
     talvordate::Normalize(t);
     return talvordate::JoinDate(t);
 }
@@ -298,11 +324,12 @@ bool TimeSecondsOf(CTalvorBufferPool* /*pPool*/, const VARDATA& v, long long& ll
         return true;
     }
     if (!IsTextArg(v) || v.m_lpszValue == nullptr || v.m_nStrLen > MAX_DATE_TEXT) return false;
-    TALVORTIME t;
-    if (CTalvorDate::ParseTime(t, v.m_lpszValue, v.m_nStrLen) != 0) return false;
-    // One bare number is HHMMSS, as a number would be.
+    // A fraction of a second is read apart (FractionMicros).
     const char* p = v.m_lpszValue;
-    int n = v.m_nStrLen;
+    int n = FractionAt(p, v.m_nStrLen);
+    TALVORTIME t;
+    if (CTalvorDate::ParseTime(t, p, n) != 0) return false;
+    // One bare number is HHMMSS, as a number would be.
     bool bNegative = n > 0 && *p == '-';
     if (AllDigits(p + (bNegative ? 1 : 0), n - (bNegative ? 1 : 0))) {
         long long x = 0;
@@ -333,7 +360,11 @@ int CBaseFunManager::date(CTalvorBufferPool* /*pPool*/, const VARDATA& vArg, dou
         bOk = CTalvorDate::ConvertVariantTime(d, vArg.m_stTime) == 0;
         d += Today();
         break;
-    case TALVOR_VT_INT: case TALVOR_VT_BIGINT: case TALVOR_VT_DOUBLE: case TALVOR_VT_DECIMAL: case TALVOR_VT_TINY:
+    case TALVOR_VT_INT:
+    case TALVOR_VT_BIGINT:
+    case TALVOR_VT_DOUBLE:
+    case TALVOR_VT_DECIMAL:
+    case TALVOR_VT_TINY:
     case TALVOR_VT_SMALL: {
         VARDATA n;
         vArg.GetCompatibleNumberValue(n);
@@ -384,8 +415,9 @@ int CBaseFunManager::time(CTalvorBufferPool* pPool, const VARDATA& vArg, TALVORT
 
 int CBaseFunManager::SysDate(CTalvorBufferPool* /*pPool*/, VARDATA& vResult, int nFunction)
 {
-    int nKind = nFunction == KW_CURDATE || nFunction == KW_CURRENT_DATE ? KW_DATE
-              : nFunction == KW_CURTIME || nFunction == KW_CURRENT_TIME ? KW_TIME : KW_DATETIME;
+    int nKind = nFunction == KW_CURDATE || nFunction == KW_CURRENT_DATE   ? KW_DATE
+                : nFunction == KW_CURTIME || nFunction == KW_CURRENT_TIME ? KW_TIME
+                                                                          : KW_DATETIME;
     return SetNow(vResult, NowShifted(DbTimeZoneValue() / 24.0), nKind);
 }
 
@@ -435,8 +467,9 @@ int CBaseFunManager::ToChar(CTalvorBufferPool* pPool, VARDATA& vValue, VARDATA& 
     DATE d;
     if (vValue.m_vt == TALVOR_VT_DATETIME || vValue.m_vt == TALVOR_VT_DATE) {
         if (date(pPool, vValue, d) != 0) return SetNullResult(vResult);
-        const char* lpszUse = *lpszFormat ? lpszFormat
-                            : vValue.m_vt == TALVOR_VT_DATE ? "YYYY-MM-DD" : "YYYY-MM-DD HH24:MI:SS";
+        const char* lpszUse = *lpszFormat                     ? lpszFormat
+                              : vValue.m_vt == TALVOR_VT_DATE ? "YYYY-MM-DD"
+                                                              : "YYYY-MM-DD HH24:MI:SS";
         return FormatResult(CTalvorDate::Format(pPool, d, lpszUse, vResult), vResult);
     }
     if (vValue.m_vt == TALVOR_VT_TIME) {
@@ -493,7 +526,12 @@ int CBaseFunManager::DateFuntion(CTalvorBufferPool* pPool, VARDATA& vArg, VARDAT
     int nType = 0;
     switch (nFunction) {
     case KW_DAYOFMONTH: nType = INTERVAL_DAY; break;
-    case KW_DAYOFYEAR: case KW_DAYOFWEEK: case KW_WEEKDAY: case KW_WEEKOFYEAR: case KW_TO_DAYS: case KW_MONTHNAME:
+    case KW_DAYOFYEAR:
+    case KW_DAYOFWEEK:
+    case KW_WEEKDAY:
+    case KW_WEEKOFYEAR:
+    case KW_TO_DAYS:
+    case KW_MONTHNAME:
     case KW_DAYNAME: break;
     default:
         nType = nFunction <= INTERVAL_YEAR_MONTH || (nFunction >= KW_MICROSECOND && nFunction <= KW_QUARTER) ||
@@ -543,8 +581,16 @@ int CBaseFunManager::TimeFuntion(CTalvorBufferPool* pPool, VARDATA& vArg, VARDAT
     case KW_HOUR: return SetBigInt(vResult, llSeconds / 3600);
     case KW_MINUTE: return SetBigInt(vResult, llSeconds / 60 % 60);
     case KW_SECOND: return SetBigInt(vResult, llSeconds % 60);
-    default: return SetBigInt(vResult, 0);
+    default: break;
     }
+    // A stored time has no fraction; a date and time, or a text, may.
+    long long llIgnored;
+    if (TimeSecondsOf(pPool, vArg, llIgnored)) return SetBigInt(vResult, FractionMicros(vArg));
+    DATE d;
+    TALVORDATEPARTS s;
+    if (date(pPool, vArg, d) == 0 && CTalvorDate::ConvertDateTime(d, s) == 0)
+        return SetBigInt(vResult, s.m_nMicrosecond);
+    return SetBigInt(vResult, 0);
 }
 
 int CBaseFunManager::Extract(CTalvorBufferPool* pPool, int nUnit, VARDATA& vArg, VARDATA& vResult)
@@ -571,10 +617,8 @@ int CBaseFunManager::Get_Format(CTalvorBufferPool* pPool, int nType, VARDATA& vL
         const char* m_lpszTime;
     };
     static const LocaleFormats arFormats[] = {
-        {"USA", "%m.%d.%Y", "%Y-%m-%d %H.%i.%s", "%h:%i:%s %p"},
-        {"JIS", "%Y-%m-%d", "%Y-%m-%d %H:%i:%s", "%H:%i:%s"},
-        {"ISO", "%Y-%m-%d", "%Y-%m-%d %H:%i:%s", "%H:%i:%s"},
-        {"EUR", "%d.%m.%Y", "%Y-%m-%d %H.%i.%s", "%H.%i.%s"},
+        {"USA", "%m.%d.%Y", "%Y-%m-%d %H.%i.%s", "%h:%i:%s %p"}, {"JIS", "%Y-%m-%d", "%Y-%m-%d %H:%i:%s", "%H:%i:%s"},
+        {"ISO", "%Y-%m-%d", "%Y-%m-%d %H:%i:%s", "%H:%i:%s"},    {"EUR", "%d.%m.%Y", "%Y-%m-%d %H.%i.%s", "%H.%i.%s"},
         {"INTERNAL", "%Y%m%d", "%Y%m%d%H%i%s", "%H%i%s"},
     };
     if (nType != KW_DATE && nType != KW_TIME && nType != KW_DATETIME && nType != KW_TIMESTAMP) {

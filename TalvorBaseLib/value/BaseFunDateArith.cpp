@@ -202,8 +202,8 @@ int CBaseFunManager::From_UnixTime(CTalvorBufferPool* /*pPool*/, VARDATA& vSecon
     if (!(d >= 0 && d < MAX_UNIX_SECONDS)) return SetNullResult(vResult);
     long long llWhole = (long long)d;
     long long llMicros = std::llround((d - (double)llWhole) * MICROS_PER_SECOND);
-    DayTime t = {TALVOR_DATE_UNIX_EPOCH, llWhole * MICROS_PER_SECOND + llMicros +
-                                             std::llround(DbTimeZoneValue() * 3600) * MICROS_PER_SECOND};
+    DayTime t = {TALVOR_DATE_UNIX_EPOCH,
+                 llWhole * MICROS_PER_SECOND + llMicros + std::llround(DbTimeZoneValue() * 3600) * MICROS_PER_SECOND};
     talvordate::Normalize(t);
     if (!talvordate::InRange(t)) return SetNullResult(vResult);
     return SetDateTime(vResult, talvordate::JoinDate(t));
@@ -428,8 +428,10 @@ int CBaseFunManager::Interval2(CTalvorBufferPool* pPool, VARDATA& vAmount, int n
         vAmount.GetCompatibleNumberValue(n);
         if (IsNullArg(n)) return SetNullResult(vResult);
         sz[2] = (char)n.m_vt;
-        if (n.m_vt == TALVOR_VT_DOUBLE) nLen = snprintf(sz + 3, MAX_AMOUNT_TEXT, "%.6f", n.m_dblValue);
-        else nLen = ConvertVarData2String(n, nullptr) <= MAX_AMOUNT_TEXT ? ConvertVarData2String(n, sz + 3) : -1;
+        if (n.m_vt == TALVOR_VT_DOUBLE)
+            nLen = snprintf(sz + 3, MAX_AMOUNT_TEXT, "%.6f", n.m_dblValue);
+        else
+            nLen = ConvertVarData2String(n, nullptr) <= MAX_AMOUNT_TEXT ? ConvertVarData2String(n, sz + 3) : -1;
         if (nLen < 0 || nLen >= MAX_AMOUNT_TEXT) return SetNullResult(vResult);
     }
     return SetText(pPool, vResult, sz, nLen + 3);

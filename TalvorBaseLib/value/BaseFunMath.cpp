@@ -18,8 +18,8 @@ namespace {
 
 // Function numbers of MathFuntion, and where the keyword ids of the same
 // names (SIN .. DEGREES, in the same order) begin.
-const int MATH_SIN = 20, MATH_ASIN = 21, MATH_COS = 22, MATH_ACOS = 23, MATH_TAN = 24, MATH_COT = 25,
-          MATH_RADIANS = 26, MATH_DEGREES = 27;
+const int MATH_SIN = 20, MATH_ASIN = 21, MATH_COS = 22, MATH_ACOS = 23, MATH_TAN = 24, MATH_COT = 25, MATH_RADIANS = 26,
+          MATH_DEGREES = 27;
 const int KEYWORD_SIN = 594, KEYWORD_DEGREES = 601;
 const int KEYWORD_LN = 516, KEYWORD_LOG = 517, KEYWORD_LOG2 = 604, KEYWORD_LOG10 = 605;
 // Asin and acos forgive this much past 1, for values that are 1 but for
@@ -195,8 +195,7 @@ int RoundAny(CTalvorBufferPool* pPool, VARDATA& vArg, const VARDATA* pDigits, VA
     return NumberRound(n, nDigits, vResult, bRound);
 }
 
-int RoundText(CTalvorBufferPool* pPool, const char* lpszText, int nLen, VARDATA& vDigits, VARDATA& vResult,
-              bool bRound)
+int RoundText(CTalvorBufferPool* pPool, const char* lpszText, int nLen, VARDATA& vDigits, VARDATA& vResult, bool bRound)
 {
     if (lpszText == nullptr || IsNullArg(vDigits)) return SetNullResult(vResult);
     VARDATA vText;
@@ -244,9 +243,12 @@ int CBaseFunManager::Sign(CTalvorBufferPool* /*pPool*/, VARDATA& vArg, VARDATA& 
     VARDATA n;
     if (!NumberOf(vArg, n)) return SetNullResult(vResult);
     int nSign = 0;
-    if (n.m_vt == TALVOR_VT_BIGINT) nSign = n.m_llValue > 0 ? 1 : n.m_llValue < 0 ? -1 : 0;
-    else if (n.m_vt == TALVOR_VT_DOUBLE) nSign = n.m_dblValue > 0 ? 1 : n.m_dblValue < 0 ? -1 : 0;
-    else if (n.m_vt == TALVOR_VT_DECIMAL && !CTalvorDecimal::IsZero(&n)) nSign = n.m_bSign ? -1 : 1;
+    if (n.m_vt == TALVOR_VT_BIGINT)
+        nSign = n.m_llValue > 0 ? 1 : n.m_llValue < 0 ? -1 : 0;
+    else if (n.m_vt == TALVOR_VT_DOUBLE)
+        nSign = n.m_dblValue > 0 ? 1 : n.m_dblValue < 0 ? -1 : 0;
+    else if (n.m_vt == TALVOR_VT_DECIMAL && !CTalvorDecimal::IsZero(&n))
+        nSign = n.m_bSign ? -1 : 1;
     return SetBigInt(vResult, nSign);
 }
 
@@ -270,8 +272,7 @@ int CBaseFunManager::Round(CTalvorBufferPool* pPool, VARDATA& vArg, VARDATA& vDi
     return RoundAny(pPool, vArg, &vDigits, vResult, true);
 }
 
-int CBaseFunManager::Round(CTalvorBufferPool* pPool, const char* lpszText, int nLen, VARDATA& vDigits,
-                           VARDATA& vResult)
+int CBaseFunManager::Round(CTalvorBufferPool* pPool, const char* lpszText, int nLen, VARDATA& vDigits, VARDATA& vResult)
 {
     return RoundText(pPool, lpszText, nLen, vDigits, vResult, true);
 }
@@ -301,8 +302,7 @@ int CBaseFunManager::Trunc(CTalvorBufferPool* pPool, VARDATA& vArg, VARDATA& vDi
     return RoundAny(pPool, vArg, &vDigits, vResult, false);
 }
 
-int CBaseFunManager::Trunc(CTalvorBufferPool* pPool, const char* lpszText, int nLen, VARDATA& vDigits,
-                           VARDATA& vResult)
+int CBaseFunManager::Trunc(CTalvorBufferPool* pPool, const char* lpszText, int nLen, VARDATA& vDigits, VARDATA& vResult)
 {
     return RoundText(pPool, lpszText, nLen, vDigits, vResult, false);
 }

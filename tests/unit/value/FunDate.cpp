@@ -22,7 +22,6 @@
 #include "FunReferenceKit.h"
 #include "PythonReference.h"
 
-
 using namespace funkit;
 using talvortest::Val;
 
@@ -46,57 +45,106 @@ TEST(FunDate, PartsWeeksAndFormatsOfGeneratedDatesMatchTheServer)
     };
     // Time functions on a date without a time read it differently by design (above).
     auto IsClock = [](const Named& n) {
-        return strstr("HOUR MINUTE SECOND TIME TIME_TO_SEC", n.m_lpszSql) != nullptr && strcmp(n.m_lpszSql, "TIMESTAMP") != 0;
+        return strstr("HOUR MINUTE SECOND TIME TIME_TO_SEC", n.m_lpszSql) != nullptr &&
+               strcmp(n.m_lpszSql, "TIMESTAMP") != 0;
     };
-    const std::vector<Named> vParts = {{"YEAR", Part(146)}, {"MONTH", Part(422)}, {"DAY", Part(420)},
-        {"DAYOFMONTH", Part(540)}, {"HOUR", Part(419)}, {"MINUTE", Part(418)}, {"SECOND", Part(417)},
-        {"QUARTER", Part(423)}, {"WEEK", Part(421)}, {"WEEKOFYEAR", Part(628)}, {"DAYOFYEAR", Part(539)},
-        {"DAYOFWEEK", Part(541)}, {"WEEKDAY", Part(627)}, {"MONTHNAME", Part(537)}, {"DAYNAME", Part(538)},
-        {"TO_DAYS", Part(623)}, {"TO_SECONDS", [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return CBaseFunManager::To_Seconds(p, a[0], r); }},
+    const std::vector<Named> vParts = {
+        {"YEAR", Part(146)},
+        {"MONTH", Part(422)},
+        {"DAY", Part(420)},
+        {"DAYOFMONTH", Part(540)},
+        {"HOUR", Part(419)},
+        {"MINUTE", Part(418)},
+        {"SECOND", Part(417)},
+        {"QUARTER", Part(423)},
+        {"WEEK", Part(421)},
+        {"WEEKOFYEAR", Part(628)},
+        {"DAYOFYEAR", Part(539)},
+        {"DAYOFWEEK", Part(541)},
+        {"WEEKDAY", Part(627)},
+        {"MONTHNAME", Part(537)},
+        {"DAYNAME", Part(538)},
+        {"TO_DAYS", Part(623)},
+        {"TO_SECONDS",
+         [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return CBaseFunManager::To_Seconds(p, a[0], r); }},
         {"DATE", [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return CBaseFunManager::Date(p, a[0], r); }},
         {"TIME", [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return CBaseFunManager::Time(p, a[0], r); }},
-        {"LAST_DAY", [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return CBaseFunManager::Last_Day(p, a[0], r); }},
-        {"TIMESTAMP", [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return CBaseFunManager::TalvorTimeStamp(p, a[0], r); }},
-        {"TIME_TO_SEC", [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return CBaseFunManager::Time_To_Sec(p, a[0], r); }}};
-    const char* arUnits[] = {"MICROSECOND", "SECOND", "MINUTE", "HOUR", "DAY", "WEEK", "MONTH", "QUARTER", "YEAR",
-        "SECOND_MICROSECOND", "MINUTE_MICROSECOND", "MINUTE_SECOND", "HOUR_MICROSECOND", "HOUR_SECOND",
-        "HOUR_MINUTE", "DAY_MICROSECOND", "DAY_SECOND", "DAY_MINUTE", "DAY_HOUR", "YEAR_MONTH"};
+        {"LAST_DAY",
+         [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return CBaseFunManager::Last_Day(p, a[0], r); }},
+        {"TIMESTAMP",
+         [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return CBaseFunManager::TalvorTimeStamp(p, a[0], r); }},
+        {"TIME_TO_SEC",
+         [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return CBaseFunManager::Time_To_Sec(p, a[0], r); }}};
+    const char* arUnits[] = {"MICROSECOND",
+                             "SECOND",
+                             "MINUTE",
+                             "HOUR",
+                             "DAY",
+                             "WEEK",
+                             "MONTH",
+                             "QUARTER",
+                             "YEAR",
+                             "SECOND_MICROSECOND",
+                             "MINUTE_MICROSECOND",
+                             "MINUTE_SECOND",
+                             "HOUR_MICROSECOND",
+                             "HOUR_SECOND",
+                             "HOUR_MINUTE",
+                             "DAY_MICROSECOND",
+                             "DAY_SECOND",
+                             "DAY_MINUTE",
+                             "DAY_HOUR",
+                             "YEAR_MONTH"};
     const int arUnitTypes[] = {1, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21};
     const char* arFormats[] = {"%Y-%m-%d %H:%i:%s", "%a %b %e %D %j %c %k", "%W %M %y %p %I %h %S %f",
-        "%r %T %U %u %V %v %X %x %w %%"};
+                               "%r %T %U %u %V %v %X %x %w %%"};
     std::vector<Case> v;
     for (const std::string& s : Dates(160, 11)) {
         bool bFull = s.size() > 10;
         for (int nForm = 0; nForm < (bFull ? 2 : 3); ++nForm) {
             // As text, as a typed date and time, and a date alone as a stored date.
-            VARDATA a = nForm == 2 ? StoredDate(pool, s) : nForm ? DateTime(pool, bFull ? s : s + " 00:00:00") : Text(pool, s);
-            std::string strArg = nForm == 2 ? "DATE" + Quote(s) : nForm ? "TIMESTAMP" + Quote(bFull ? s : s + " 00:00:00") : Quote(s);
+            VARDATA a = nForm == 2 ? StoredDate(pool, s)
+                        : nForm    ? DateTime(pool, bFull ? s : s + " 00:00:00")
+                                   : Text(pool, s);
+            std::string strArg = nForm == 2 ? "DATE" + Quote(s)
+                                 : nForm    ? "TIMESTAMP" + Quote(bFull ? s : s + " 00:00:00")
+                                            : Quote(s);
             for (const Named& n : vParts)
-                if (bFull || nForm || !IsClock(n)) v.push_back(Call(pool, std::string(n.m_lpszSql) + "(" + strArg + ")", n.m_fn, {a}));
+                if (bFull || nForm || !IsClock(n))
+                    v.push_back(Call(pool, std::string(n.m_lpszSql) + "(" + strArg + ")", n.m_fn, {a}));
             for (int m = 0; m < 8; ++m)
                 v.push_back(Call(pool, "YEARWEEK(" + strArg + "," + std::to_string(m) + ")",
-                                [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::YearWeek(p, x[0], x[1], r); },
-                                {a, Int(m)}));
+                                 [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+                                     return CBaseFunManager::YearWeek(p, x[0], x[1], r);
+                                 },
+                                 {a, Int(m)}));
             for (size_t u = 0; u < sizeof(arUnits) / sizeof(arUnits[0]); ++u) {
                 int nType = arUnitTypes[u];
                 v.push_back(Call(pool, "EXTRACT(" + std::string(arUnits[u]) + " FROM " + strArg + ")",
-                                [nType](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::Extract(p, nType, x[0], r); },
-                                {a}));
+                                 [nType](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+                                     return CBaseFunManager::Extract(p, nType, x[0], r);
+                                 },
+                                 {a}));
             }
             for (const char* f : arFormats)
                 v.push_back(Call(pool, "DATE_FORMAT(" + strArg + "," + Quote(f) + ")",
-                                [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::DateFuntion(p, x[0], x[1], r); },
-                                {a, Text(pool, f)}));
+                                 [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+                                     return CBaseFunManager::DateFuntion(p, x[0], x[1], r);
+                                 },
+                                 {a, Text(pool, f)}));
             if (s >= "1970-01-02" && s < "2038")
                 v.push_back(Call(pool, "UNIX_TIMESTAMP(" + strArg + ")",
-                                [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::Unix_TimeStamp(p, x[0], r); },
-                                {a}));
+                                 [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+                                     return CBaseFunManager::Unix_TimeStamp(p, x[0], r);
+                                 },
+                                 {a}));
         }
     }
     // Numbers stand for dates as YYYYMMDD, YYMMDD and YYYYMMDDhhmmss.
     for (long long n : {20210315LL, 210315LL, 991231LL, 20210315103000LL, 19991231235959LL, 20210230LL, 5LL})
         for (const Named& p : vParts)
-            if (n != 20210230LL || !IsClock(p)) v.push_back(Call(pool, std::string(p.m_lpszSql) + "(" + std::to_string(n) + ")", p.m_fn, {Int(n)}));
+            if (n != 20210230LL || !IsClock(p))
+                v.push_back(Call(pool, std::string(p.m_lpszSql) + "(" + std::to_string(n) + ")", p.m_fn, {Int(n)}));
     CompareWithServer(v);
 }
 
@@ -105,15 +153,22 @@ TEST(FunDate, TimesAndFormatsOfTimesMatchTheServer)
     CTalvorBufferPool pool;
     std::mt19937 rng(23);
     std::vector<Case> v;
-    Fn fnMake = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::MakeTime(p, x[0], x[1], x[2], r); };
-    Fn fnSecToTime = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::Sec_To_Time(p, x[0], r); };
+    Fn fnMake = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+        return CBaseFunManager::MakeTime(p, x[0], x[1], x[2], r);
+    };
+    Fn fnSecToTime = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+        return CBaseFunManager::Sec_To_Time(p, x[0], r);
+    };
     Fn fnToSec = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::Time_To_Sec(p, x[0], r); };
-    Fn fnFormat = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::Time_Format(p, x[0], x[1], r); };
+    Fn fnFormat = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+        return CBaseFunManager::Time_Format(p, x[0], x[1], r);
+    };
     for (int i = 0; i < 200; ++i) {
         long long h = (long long)(rng() % 1600) - 800, m = rng() % 62, s = rng() % 62;
         if (i % 3 == 0) h %= 24;
-        v.push_back(Call(pool, "MAKETIME(" + std::to_string(h) + "," + std::to_string(m) + "," + std::to_string(s) + ")",
-                        fnMake, {Int(h), Int(m), Int(s)}));
+        v.push_back(Call(pool,
+                         "MAKETIME(" + std::to_string(h) + "," + std::to_string(m) + "," + std::to_string(s) + ")",
+                         fnMake, {Int(h), Int(m), Int(s)}));
         long long n = (long long)(rng() % 5760000) - 2880000;
         v.push_back(Call(pool, "SEC_TO_TIME(" + std::to_string(n) + ")", fnSecToTime, {Int(n)}));
         VARDATA t = Null();
@@ -126,21 +181,34 @@ TEST(FunDate, TimesAndFormatsOfTimesMatchTheServer)
         v.push_back(Call(pool, "MINUTE(" + Quote(strTime) + ")", Part(418), {Text(pool, strTime)}));
         if (n >= 0 && n < 86400)
             v.push_back(Call(pool, "TIME_FORMAT(" + Quote(strTime) + ",'%H %k %h %I %i %S %s %p %r %T %%')", fnFormat,
-                            {Text(pool, strTime), Text(pool, "%H %k %h %I %i %S %s %p %r %T %%")}));
+                             {Text(pool, strTime), Text(pool, "%H %k %h %I %i %S %s %p %r %T %%")}));
         else
             v.push_back(Call(pool, "TIME_FORMAT(" + Quote(strTime) + ",'%H:%i:%s')", fnFormat,
-                            {Text(pool, strTime), Text(pool, "%H:%i:%s")}));
+                             {Text(pool, strTime), Text(pool, "%H:%i:%s")}));
     }
     for (long long n : {0LL, 1230LL, 101010LL, 1000000LL, -235959LL, 126000LL})
         v.push_back(Call(pool, "TIME_TO_SEC(" + std::to_string(n) + ")", fnToSec, {Int(n)}));
+    // Fractions of a second are read apart from the time they follow.
+    for (const char* t :
+         {"100:20:30.25", "-12:00:00.000001", "12:00:00.5", "10.5", "2021-03-15 10:20:30.123456", "00:00:01.1234567"})
+        for (int nId : {419, 418, 417, 416})
+            v.push_back(Call(pool,
+                             std::string(nId == 419   ? "HOUR"
+                                         : nId == 418 ? "MINUTE"
+                                         : nId == 417 ? "SECOND"
+                                                      : "MICROSECOND") +
+                                 "(" + Quote(t) + ")",
+                             Part(nId), {Text(pool, t)}));
     const char* arLocales[] = {"USA", "JIS", "ISO", "EUR", "INTERNAL", "XYZ"};
     const char* arKinds[] = {"DATE", "TIME", "DATETIME", "TIMESTAMP"};
     for (int k = 0; k < 4; ++k)
         for (const char* l : arLocales) {
             int nType = 139 + k;
             v.push_back(Call(pool, "GET_FORMAT(" + std::string(arKinds[k]) + "," + Quote(l) + ")",
-                            [nType](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::Get_Format(p, nType, x[0], r); },
-                            {Text(pool, l)}));
+                             [nType](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+                                 return CBaseFunManager::Get_Format(p, nType, x[0], r);
+                             },
+                             {Text(pool, l)}));
         }
     CompareWithServer(v);
 }
@@ -152,12 +220,12 @@ TEST(FunDate, DayOrdinalsAndIsoWeeksMatchPythonsCalendar)
     std::vector<std::string> vDates = Dates(400, 31);
     std::vector<std::string> vLines;
     for (const std::string& s : vDates) vLines.push_back(s.substr(0, 10));
-    std::vector<std::string> vRef = talvortest::RunPythonReference(
-        "import sys, datetime\n"
-        "for line in sys.stdin:\n"
-        "    d = datetime.date.fromisoformat(line.strip())\n"
-        "    print(d.toordinal() + 365, d.isocalendar()[1], d.isoweekday() % 7 + 1)\n",
-        vLines);
+    std::vector<std::string> vRef =
+        talvortest::RunPythonReference("import sys, datetime\n"
+                                       "for line in sys.stdin:\n"
+                                       "    d = datetime.date.fromisoformat(line.strip())\n"
+                                       "    print(d.toordinal() + 365, d.isocalendar()[1], d.isoweekday() % 7 + 1)\n",
+                                       vLines);
     ASSERT_EQ(vRef.size(), vDates.size());
     for (size_t i = 0; i < vDates.size(); ++i) {
         long long nDays;
@@ -240,15 +308,24 @@ TEST(FunDate, NullInGivesNullOut)
     CTalvorBufferPool pool;
     typedef int (*Unary)(CTalvorBufferPool*, VARDATA&, VARDATA&);
     typedef int (*Binary)(CTalvorBufferPool*, VARDATA&, VARDATA&, VARDATA&);
-    const Unary arUnary[] = {CBaseFunManager::Date, CBaseFunManager::Time, CBaseFunManager::From_UnixTime,
-        CBaseFunManager::Unix_TimeStamp, CBaseFunManager::From_Days, CBaseFunManager::To_Days,
-        CBaseFunManager::To_Seconds, CBaseFunManager::Last_Day, CBaseFunManager::Sec_To_Time,
-        CBaseFunManager::Time_To_Sec, CBaseFunManager::TalvorTimeStamp, CBaseFunManager::YearWeek,
-        CBaseFunManager::ConvertToDateTime};
-    const Binary arBinary[] = {CBaseFunManager::ToDate, CBaseFunManager::DateFuntion, CBaseFunManager::From_UnixTime,
-        CBaseFunManager::DateDiff, CBaseFunManager::MakeDate, CBaseFunManager::TimeDiff,
+    const Unary arUnary[] = {CBaseFunManager::Date,
+                             CBaseFunManager::Time,
+                             CBaseFunManager::From_UnixTime,
+                             CBaseFunManager::Unix_TimeStamp,
+                             CBaseFunManager::From_Days,
+                             CBaseFunManager::To_Days,
+                             CBaseFunManager::To_Seconds,
+                             CBaseFunManager::Last_Day,
+                             CBaseFunManager::Sec_To_Time,
+                             CBaseFunManager::Time_To_Sec,
+                             CBaseFunManager::TalvorTimeStamp,
+                             CBaseFunManager::YearWeek,
+                             CBaseFunManager::ConvertToDateTime};
+    const Binary arBinary[] = {
+        CBaseFunManager::ToDate,          CBaseFunManager::DateFuntion, CBaseFunManager::From_UnixTime,
+        CBaseFunManager::DateDiff,        CBaseFunManager::MakeDate,    CBaseFunManager::TimeDiff,
         CBaseFunManager::TalvorTimeStamp, CBaseFunManager::Period_Diff, CBaseFunManager::PeriodAdd,
-        CBaseFunManager::YearWeek, CBaseFunManager::Time_Format};
+        CBaseFunManager::YearWeek,        CBaseFunManager::Time_Format};
     for (size_t i = 0; i < sizeof(arUnary) / sizeof(arUnary[0]); ++i) {
         VARDATA a = Null(), r = Int(7);
         EXPECT_EQ(arUnary[i](&pool, a, r), 0) << i;

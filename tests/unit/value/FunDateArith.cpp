@@ -20,9 +20,26 @@ using talvortest::Val;
 
 namespace {
 
-const char* const g_arUnits[] = {"MICROSECOND", "SECOND", "MINUTE", "HOUR", "DAY", "WEEK", "MONTH", "QUARTER", "YEAR",
-    "SECOND_MICROSECOND", "MINUTE_MICROSECOND", "MINUTE_SECOND", "HOUR_MICROSECOND", "HOUR_SECOND", "HOUR_MINUTE",
-    "DAY_MICROSECOND", "DAY_SECOND", "DAY_MINUTE", "DAY_HOUR", "YEAR_MONTH"};
+const char* const g_arUnits[] = {"MICROSECOND",
+                                 "SECOND",
+                                 "MINUTE",
+                                 "HOUR",
+                                 "DAY",
+                                 "WEEK",
+                                 "MONTH",
+                                 "QUARTER",
+                                 "YEAR",
+                                 "SECOND_MICROSECOND",
+                                 "MINUTE_MICROSECOND",
+                                 "MINUTE_SECOND",
+                                 "HOUR_MICROSECOND",
+                                 "HOUR_SECOND",
+                                 "HOUR_MINUTE",
+                                 "DAY_MICROSECOND",
+                                 "DAY_SECOND",
+                                 "DAY_MINUTE",
+                                 "DAY_HOUR",
+                                 "YEAR_MONTH"};
 const int g_arTypes[] = {1, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21};
 
 // An amount of nType: a number for a simple unit, text for a compound one.
@@ -34,9 +51,13 @@ std::string Amount(int nType, std::mt19937& rng)
     std::string strMicros = std::to_string(100001 + rng() % 899998);
     switch (nType) {
     case 1: return strSign + std::to_string(1 + rng() % 99999998 * 10 + 1);
-    case 3: case 4: case 5: return strSign + n(100000);
-    case 6: case 7: return strSign + n(3000);
-    case 8: case 9: return strSign + n(400);
+    case 3:
+    case 4:
+    case 5: return strSign + n(100000);
+    case 6:
+    case 7: return strSign + n(3000);
+    case 8:
+    case 9: return strSign + n(400);
     case 10: return strSign + n(60);
     case 11: return "'" + strSign + n(100) + "." + strMicros + "'";
     case 12: return "'" + strSign + n(100) + ":" + n(60) + "." + strMicros + "'";
@@ -71,8 +92,12 @@ TEST(FunDateArith, IntervalsOfEveryUnitAddAndSubtractAsTheServerDoes)
     CTalvorBufferPool pool;
     std::mt19937 rng(47);
     std::vector<Case> v;
-    Fn fnAdd = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::AddSubDate(p, x[0], x[1], r, TRUE); };
-    Fn fnSub = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::AddSubDate(p, x[0], x[1], r, FALSE); };
+    Fn fnAdd = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+        return CBaseFunManager::AddSubDate(p, x[0], x[1], r, TRUE);
+    };
+    Fn fnSub = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+        return CBaseFunManager::AddSubDate(p, x[0], x[1], r, FALSE);
+    };
     for (const std::string& s : Dates(60, 53)) {
         VARDATA a = Text(pool, s);
         // Microseconds are exact only where the double keeps them (above).
@@ -97,7 +122,9 @@ TEST(FunDateArith, IntervalsOfEveryUnitAddAndSubtractAsTheServerDoes)
             int nType = g_arTypes[u];
             std::string strAmount = Amount(nType, rng);
             v.push_back(Call(pool, "TIMESTAMPADD(" + std::string(g_arUnits[u]) + "," + strAmount + "," + Quote(s) + ")",
-                             [nType](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::TimeStampAdd(p, nType, x[0], x[1], r); },
+                             [nType](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+                                 return CBaseFunManager::TimeStampAdd(p, nType, x[0], x[1], r);
+                             },
                              {Int(atoll(strAmount.c_str())), a}));
         }
     }
@@ -125,9 +152,13 @@ TEST(FunDateArith, DistancesInWholeUnitsMatchTheServer)
     std::vector<std::pair<std::string, std::string>> vPairs;
     for (size_t i = 0; i + 1 < vDates.size(); ++i) vPairs.push_back({vDates[i], vDates[i + 1]});
     // A month is complete only when the day and then the time come round.
-    const char* arEdges[][2] = {{"2021-01-31 10:00:00", "2021-02-28 10:00:00"}, {"2021-03-15 10:00:00", "2021-04-15 09:59:59"},
-        {"2021-03-15 10:00:00", "2021-04-15 10:00:00"}, {"2020-02-29", "2021-02-28"}, {"2020-02-29", "2024-02-29"},
-        {"2021-04-15 10:00:00", "2021-03-15 10:00:01"}, {"2021-12-31 23:59:59", "2022-01-01 00:00:00"}};
+    const char* arEdges[][2] = {{"2021-01-31 10:00:00", "2021-02-28 10:00:00"},
+                                {"2021-03-15 10:00:00", "2021-04-15 09:59:59"},
+                                {"2021-03-15 10:00:00", "2021-04-15 10:00:00"},
+                                {"2020-02-29", "2021-02-28"},
+                                {"2020-02-29", "2024-02-29"},
+                                {"2021-04-15 10:00:00", "2021-03-15 10:00:01"},
+                                {"2021-12-31 23:59:59", "2022-01-01 00:00:00"}};
     for (auto& e : arEdges) vPairs.push_back({e[0], e[1]});
     const char* arUnits[] = {"MICROSECOND", "SECOND", "MINUTE", "HOUR", "DAY", "WEEK", "MONTH", "QUARTER", "YEAR"};
     const int arTypes[] = {1, 3, 4, 5, 6, 7, 8, 9, 10};
@@ -138,12 +169,15 @@ TEST(FunDateArith, DistancesInWholeUnitsMatchTheServer)
         for (int u = 0; u < 9; ++u) {
             int nType = arTypes[u];
             v.push_back(Call(pool, "TIMESTAMPDIFF(" + std::string(arUnits[u]) + "," + strArgs + ")",
-                             [nType](CTalvorBufferPool* pp, VARDATA* x, VARDATA& r) { return CBaseFunManager::TimeStampDiff(pp, nType, x[0], x[1], r); },
+                             [nType](CTalvorBufferPool* pp, VARDATA* x, VARDATA& r) {
+                                 return CBaseFunManager::TimeStampDiff(pp, nType, x[0], x[1], r);
+                             },
                              {a, b}));
         }
-        v.push_back(Call(pool, "DATEDIFF(" + strArgs + ")",
-                         [](CTalvorBufferPool* pp, VARDATA* x, VARDATA& r) { return CBaseFunManager::DateDiff(pp, x[0], x[1], r); },
-                         {a, b}));
+        v.push_back(Call(
+            pool, "DATEDIFF(" + strArgs + ")",
+            [](CTalvorBufferPool* pp, VARDATA* x, VARDATA& r) { return CBaseFunManager::DateDiff(pp, x[0], x[1], r); },
+            {a, b}));
     }
     CompareWithServer(v);
 }
@@ -153,11 +187,21 @@ TEST(FunDateArith, TimesSecondsPeriodsAndDayCountsMatchTheServer)
     CTalvorBufferPool pool;
     std::mt19937 rng(61);
     std::vector<Case> v;
-    Fn fnAddTime = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::AddSubTime(p, x[0], x[1], r, TRUE); };
-    Fn fnSubTime = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::AddSubTime(p, x[0], x[1], r, FALSE); };
-    Fn fnTimeDiff = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::TimeDiff(p, x[0], x[1], r); };
-    Fn fnStamp = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::TalvorTimeStamp(p, x[0], x[1], r); };
-    Fn fnAdd = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::AddSubDate(p, x[0], x[1], r, TRUE); };
+    Fn fnAddTime = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+        return CBaseFunManager::AddSubTime(p, x[0], x[1], r, TRUE);
+    };
+    Fn fnSubTime = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+        return CBaseFunManager::AddSubTime(p, x[0], x[1], r, FALSE);
+    };
+    Fn fnTimeDiff = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+        return CBaseFunManager::TimeDiff(p, x[0], x[1], r);
+    };
+    Fn fnStamp = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+        return CBaseFunManager::TalvorTimeStamp(p, x[0], x[1], r);
+    };
+    Fn fnAdd = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+        return CBaseFunManager::AddSubDate(p, x[0], x[1], r, TRUE);
+    };
     for (std::string s : Dates(80, 67)) {
         if (s.size() == 10) s += " 00:00:00";
         std::string t = TimeOfDay(rng, 300), t2 = TimeOfDay(rng, 300);
@@ -175,11 +219,14 @@ TEST(FunDateArith, TimesSecondsPeriodsAndDayCountsMatchTheServer)
         for (const char* i : {"7 HOUR", "-75 MINUTE", "'1:30' HOUR_MINUTE"}) {
             std::string strAmount = i;
             size_t nSpace = strAmount.find(' ');
-            int nType = strAmount.find("MINUTE") == std::string::npos ? 5 : strAmount.find("HOUR_") == std::string::npos ? 4 : 16;
+            int nType = strAmount.find("MINUTE") == std::string::npos  ? 5
+                        : strAmount.find("HOUR_") == std::string::npos ? 4
+                                                                       : 16;
             VARDATA vInterval = Null(), vAmount = AmountValue(pool, strAmount.substr(0, nSpace));
             ASSERT_EQ(CBaseFunManager::Interval2(&pool, vAmount, nType, vInterval), 0);
             v.push_back(Call(pool, "DATE_ADD(TIME" + Quote(t) + ", INTERVAL " + i + ")", fnAdd, {st, vInterval}));
-            v.push_back(Call(pool, "DATE_ADD(DATE" + Quote(s.substr(0, 10)) + ", INTERVAL " + i + ")", fnAdd, {sd, vInterval}));
+            v.push_back(
+                Call(pool, "DATE_ADD(DATE" + Quote(s.substr(0, 10)) + ", INTERVAL " + i + ")", fnAdd, {sd, vInterval}));
         }
         VARDATA vWeek = Null(), vTwo = Int(2);
         ASSERT_EQ(CBaseFunManager::Interval2(&pool, vTwo, 7, vWeek), 0);
@@ -189,33 +236,41 @@ TEST(FunDateArith, TimesSecondsPeriodsAndDayCountsMatchTheServer)
         ASSERT_EQ(CBaseFunManager::TimeStampAdd(&pool, 5, vHours, a, vLater), 0);
         if (Val(vLater.m_vt) == TALVOR_VT_NULL) continue;
         std::string strLater = Show(vLater);
-        v.push_back(Call(pool, "TIMEDIFF(" + Quote(strLater) + "," + Quote(s.size() > 10 ? s : s + " 00:00:00") + ")", fnTimeDiff,
-                         {Text(pool, strLater), Text(pool, s.size() > 10 ? s : s + " 00:00:00")}));
+        v.push_back(Call(pool, "TIMEDIFF(" + Quote(strLater) + "," + Quote(s.size() > 10 ? s : s + " 00:00:00") + ")",
+                         fnTimeDiff, {Text(pool, strLater), Text(pool, s.size() > 10 ? s : s + " 00:00:00")}));
     }
     for (int i = 0; i < 100; ++i) {
         long long n = i < 3 ? i : (long long)(rng() % 2147483647u);
         std::string sn = std::to_string(n);
-        v.push_back(Call(pool, "FROM_UNIXTIME(" + sn + ")",
-                         [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::From_UnixTime(p, x[0], r); }, {Int(n)}));
+        v.push_back(Call(
+            pool, "FROM_UNIXTIME(" + sn + ")",
+            [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::From_UnixTime(p, x[0], r); },
+            {Int(n)}));
         v.push_back(Call(pool, "FROM_UNIXTIME(" + sn + ",'%d.%m.%Y %T')",
-                         [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::From_UnixTime(p, x[0], x[1], r); },
+                         [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+                             return CBaseFunManager::From_UnixTime(p, x[0], x[1], r);
+                         },
                          {Int(n), Text(pool, "%d.%m.%Y %T")}));
         long long p1 = (1 + rng() % 9998) * 100 + 1 + rng() % 12, p2 = (rng() % 100) * 100 + 1 + rng() % 12;
         long long nMonths = (long long)(rng() % 2000) - 1000;
-        v.push_back(Call(pool, "PERIOD_DIFF(" + std::to_string(p1) + "," + std::to_string(p2) + ")",
-                         [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::Period_Diff(p, x[0], x[1], r); },
-                         {Int(p1), Int(p2)}));
-        v.push_back(Call(pool, "PERIOD_ADD(" + std::to_string(p2) + "," + std::to_string(nMonths) + ")",
-                         [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::PeriodAdd(p, x[0], x[1], r); },
-                         {Int(p2), Int(nMonths)}));
+        v.push_back(Call(
+            pool, "PERIOD_DIFF(" + std::to_string(p1) + "," + std::to_string(p2) + ")",
+            [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::Period_Diff(p, x[0], x[1], r); },
+            {Int(p1), Int(p2)}));
+        v.push_back(Call(
+            pool, "PERIOD_ADD(" + std::to_string(p2) + "," + std::to_string(nMonths) + ")",
+            [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::PeriodAdd(p, x[0], x[1], r); },
+            {Int(p2), Int(nMonths)}));
         long long y = i < 10 ? i * 11 : 1000 + rng() % 9000, d = (long long)(rng() % 800) - 10;
-        v.push_back(Call(pool, "MAKEDATE(" + std::to_string(y) + "," + std::to_string(d) + ")",
-                         [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::MakeDate(p, x[0], x[1], r); },
-                         {Int(y), Int(d)}));
+        v.push_back(Call(
+            pool, "MAKEDATE(" + std::to_string(y) + "," + std::to_string(d) + ")",
+            [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::MakeDate(p, x[0], x[1], r); },
+            {Int(y), Int(d)}));
         long long nDays = 366 + rng() % 3652059;
-        v.push_back(Call(pool, "FROM_DAYS(" + std::to_string(nDays) + ")",
-                         [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::From_Days(p, x[0], r); },
-                         {Int(nDays)}));
+        v.push_back(
+            Call(pool, "FROM_DAYS(" + std::to_string(nDays) + ")",
+                 [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::From_Days(p, x[0], r); },
+                 {Int(nDays)}));
     }
     const char* arZones[] = {"+00:00", "+08:00", "-05:30", "+13:00", "-12:00", "+14:00", "08:00"};
     // Inside the server's range of converted values (above).
@@ -224,12 +279,17 @@ TEST(FunDateArith, TimesSecondsPeriodsAndDayCountsMatchTheServer)
             const char* f = arZones[rng() % 7];
             const char* t = arZones[rng() % 7];
             v.push_back(Call(pool, "CONVERT_TZ(" + Quote(s) + "," + Quote(f) + "," + Quote(t) + ")",
-                             [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::Convert_TZ(p, x[0], x[1], x[2], r); },
+                             [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+                                 return CBaseFunManager::Convert_TZ(p, x[0], x[1], x[2], r);
+                             },
                              {Text(pool, s), Text(pool, f), Text(pool, t)}));
         }
-    Fn fnInterval = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::TalvorInterval(p, 5, x, r); };
+    Fn fnInterval = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+        return CBaseFunManager::TalvorInterval(p, 5, x, r);
+    };
     for (long long n : {-5LL, 0LL, 1LL, 3LL, 10LL, 100LL})
-        v.push_back(Call(pool, "INTERVAL(" + std::to_string(n) + ",1,3,5,10)", fnInterval, {Int(n), Int(1), Int(3), Int(5), Int(10)}));
+        v.push_back(Call(pool, "INTERVAL(" + std::to_string(n) + ",1,3,5,10)", fnInterval,
+                         {Int(n), Int(1), Int(3), Int(5), Int(10)}));
     v.push_back(Call(pool, "INTERVAL(NULL,1,3,5,10)", fnInterval, {Null(), Int(1), Int(3), Int(5), Int(10)}));
     CompareWithServer(v);
 }
@@ -239,7 +299,8 @@ TEST(FunDateArith, TimesSecondsPeriodsAndDayCountsMatchTheServer)
 TEST(FunDateArith, KeywordIdsOfUnitsNameTheIntervalTypes)
 {
     CTalvorBufferPool pool;
-    const int arIds[] = {416, 417, 418, 419, 420, 421, 422, 423, 146, 424, 425, 426, 427, 428, 429, 430, 431, 432, 433, 434};
+    const int arIds[] = {416, 417, 418, 419, 420, 421, 422, 423, 146, 424,
+                         425, 426, 427, 428, 429, 430, 431, 432, 433, 434};
     VARDATA a = Text(pool, "2021-03-15 10:20:30.123456"), b = Text(pool, "2023-07-01 01:02:03");
     for (size_t u = 0; u < 20; ++u) {
         VARDATA r1 = Null(), r2 = Null();

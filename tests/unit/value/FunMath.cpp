@@ -158,8 +158,8 @@ TEST(FunMath, RemaindersPowersLogarithmsAndAnglesMatchTheServer)
         const char* m_lpszName;
         int m_nNumber;
     };
-    const Named arAngles[] = {{"SIN", 20}, {"ASIN", 21}, {"COS", 22}, {"ACOS", 23}, {"TAN", 24}, {"COT", 25},
-        {"RADIANS", 26}, {"DEGREES", 27}};
+    const Named arAngles[] = {{"SIN", 20}, {"ASIN", 21}, {"COS", 22},     {"ACOS", 23},
+                              {"TAN", 24}, {"COT", 25},  {"RADIANS", 26}, {"DEGREES", 27}};
     std::vector<double> vArgs = n.m_vDoubles;
     for (double d : {1.0, -1.0, 0.999, -0.3, 0.7, 4.0, 0.25, 1e-5}) vArgs.push_back(d);
     for (double x : vArgs) {
@@ -206,7 +206,8 @@ TEST(FunMath, SeededRandDrawsTheServersSequenceAndUnseededStaysInItsRange)
     CTalvorBufferPool pool;
     std::vector<Case> v;
     std::vector<long long> vSeeds = {0, 1, 2, 3, 17, 255, 65536, 123456789, 4294967295LL, 4294967296LL, -1, -100};
-    for (long long x : vSeeds) v.push_back(Run1(pool, "RAND(" + std::to_string(x) + ")", CBaseFunManager::Rand, Int(x)));
+    for (long long x : vSeeds)
+        v.push_back(Run1(pool, "RAND(" + std::to_string(x) + ")", CBaseFunManager::Rand, Int(x)));
     v.push_back(Run1(pool, "RAND(NULL)", CBaseFunManager::Rand, Null()));
     CompareWithServer(v);
 
@@ -221,8 +222,10 @@ TEST(FunMath, SeededRandDrawsTheServersSequenceAndUnseededStaysInItsRange)
         double d = Val(r.m_dblValue);
         EXPECT_GE(d, 0.0);
         EXPECT_LE(d, 1.0);
-        if (i == 0) dFirst = d;
-        else if (d != dFirst) bDiffer = true;
+        if (i == 0)
+            dFirst = d;
+        else if (d != dFirst)
+            bDiffer = true;
     }
     EXPECT_TRUE(bDiffer) << "64 unseeded values were all " << dFirst;
 }
@@ -313,11 +316,12 @@ TEST(FunMath, OwnRulesRoundDatesByUnitAndRefuseWhatTheyMust)
 TEST(FunMath, NullInGivesNullOut)
 {
     CTalvorBufferPool pool;
-    const Unary arUnary[] = {CBaseFunManager::Abs, CBaseFunManager::Sign, CBaseFunManager::Ceil, CBaseFunManager::Floor,
-        CBaseFunManager::Round, CBaseFunManager::Trunc, CBaseFunManager::Sqrt, CBaseFunManager::Exp,
-        CBaseFunManager::Log, CBaseFunManager::ATan, CBaseFunManager::Bit_Count};
+    const Unary arUnary[] = {CBaseFunManager::Abs,   CBaseFunManager::Sign,     CBaseFunManager::Ceil,
+                             CBaseFunManager::Floor, CBaseFunManager::Round,    CBaseFunManager::Trunc,
+                             CBaseFunManager::Sqrt,  CBaseFunManager::Exp,      CBaseFunManager::Log,
+                             CBaseFunManager::ATan,  CBaseFunManager::Bit_Count};
     const Binary arBinary[] = {CBaseFunManager::Round, CBaseFunManager::Trunc, CBaseFunManager::Mod,
-        CBaseFunManager::Power, CBaseFunManager::Log, CBaseFunManager::ATan};
+                               CBaseFunManager::Power, CBaseFunManager::Log,   CBaseFunManager::ATan};
     for (size_t i = 0; i < sizeof(arUnary) / sizeof(arUnary[0]); ++i) {
         VARDATA a = Null(), r = Int(7);
         EXPECT_EQ(arUnary[i](&pool, a, r), 0) << i;
