@@ -3,7 +3,7 @@
 // of a date, text by a format and back. The arithmetic members are in
 // BaseFunDateArith.cpp.
 //
-// Numbers stand for dates the way the reference server reads them
+// Numbers stand for dates the way MySQL reads them
 // (YYYYMMDD, YYMMDD, YYYYMMDDhhmmss, times HHMMSS), not as day numbers: a
 // function argument is what a user typed, and that is how users type dates.
 

@@ -36,7 +36,7 @@ bool DayTimeOfArg(CTalvorBufferPool* pPool, const VARDATA& v, DayTime& t)
 }
 
 // A text argument that is a date without a time of day, which the
-// reference server keeps a date after whole days are added.
+// SQL layer keeps a date after whole days are added, as MySQL does.
 bool IsDateOnlyText(CTalvorBufferPool* pPool, const VARDATA& v)
 {
     if (!IsTextArg(v) || v.m_lpszValue == nullptr) return false;

@@ -53,10 +53,10 @@ public:
     // x to 0 places, or to vDigits places (negative: left of the point).
     // Integers with a negative count round by the remainder against half of
     // the power of ten; decimals half away from zero; doubles half to even
-    // (rint), as the reference server does. A date (4, 12, or text that
-    // parses as one) with a text vDigits is a unit (CC, YYYY, Q, MM, WW, DD,
-    // HH, MI, SS, IW): the date is rounded by it, "DD" when the count is
-    // absent. Result: 0, 25 for a date with an unknown unit.
+    // (rint), as MySQL does. A date (4, 12, or text that parses as one) with
+    // a text vDigits that is a unit (CC, YYYY, Q, MM, WW, DD, HH, MI, SS, IW)
+    // is rounded by it, by "DD" when the count is absent; any other vDigits
+    // is a count. Result: 0.
     static int Round(CTalvorBufferPool* pPool, VARDATA& vArg, VARDATA& vResult);
     static int Round(CTalvorBufferPool* pPool, VARDATA& vArg, VARDATA& vDigits, VARDATA& vResult);
     // The typed forms the above dispatch to. Text: a date with a unit goes
@@ -88,8 +88,9 @@ public:
     static int Pi(CTalvorBufferPool* pPool, VARDATA& vResult);
     // No argument (m_vt TALVOR_FUN_NO_ARGUMENT): the first 32 bits of a
     // fresh UUID over 4294967295. A seed: the first value of the sequence it
-    // seeds, the reference server's generator, so equal seeds give equal
-    // values. Result in [0, 1].
+    // seeds in MySQL's generator; each call starts the sequence afresh, since
+    // a member without state cannot know where a statement begins, so equal
+    // seeds give equal values. Result in [0, 1].
     static int Rand(CTalvorBufferPool* pPool, VARDATA& vSeed, VARDATA& vResult);
     // 20 sin, 21 asin, 22 cos, 23 acos, 24 tan, 25 cot, 26 radians, 27
     // degrees; the keyword ids SIN to DEGREES name the same. Asin and acos of

@@ -106,7 +106,7 @@ int IntegerRound(long long llValue, int nDigits, VARDATA& vResult, bool bRound)
     return SetSignedMagnitude(vResult, q, bNegative && q != 0);
 }
 
-// The reference server's rounding of doubles: rint on the value scaled by
+// MySQL's rounding of doubles: rint on the value scaled by
 // the power of ten (half to even), or floor/ceil towards zero.
 double DoubleRound(double d, int nDigits, bool bRound)
 {
@@ -211,7 +211,7 @@ int RoundText(CTalvorBufferPool* pPool, const char* lpszText, int nLen, VARDATA&
     return NumberRound(n, vDigits.GetCompatibleInt(), vResult, bRound);
 }
 
-// The reference server's generator: two seeds below 2^30 - 1.
+// MySQL's generator: two seeds below 2^30 - 1.
 struct RandSequence {
     unsigned long m_ulSeed1;
     unsigned long m_ulSeed2;
@@ -391,7 +391,7 @@ int CBaseFunManager::Rand(CTalvorBufferPool* /*pPool*/, VARDATA& vSeed, VARDATA&
                          ((unsigned int)arBytes[2] << 8) | arBytes[3];
         return SetDouble(vResult, u / MAX_UINT32);
     }
-    // A NULL seed seeds as 0, as the reference server does.
+    // A NULL seed seeds as 0, as MySQL does.
     unsigned int uSeed = IsNullArg(vSeed) ? 0U : (unsigned int)vSeed.GetCompatibleBigInt();
     RandSequence r;
     SeedSequence(r, uSeed);
