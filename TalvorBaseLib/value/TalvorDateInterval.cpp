@@ -248,11 +248,17 @@ int CTalvorDate::ConvertTZ(CTalvorBufferPool* /*pPool*/, DATE date, const char* 
                            VARDATA& vResult)
 {
     double dFrom, dTo;
-    if (TZToValue(lpszFrom, dFrom) != 0 || TZToValue(lpszTo, dTo) != 0) {
+    DayTime t;
+    if (TZToValue(lpszFrom, dFrom) != 0 || TZToValue(lpszTo, dTo) != 0 || !SplitDate(date, t)) {
         SetNullResult(vResult);
         return 0;
     }
-    SetDateResult(vResult, date - dFrom + dTo);
+    // Offsets are whole minutes; moving by them in the double would leave
+    // a second one microsecond short.
+    const double MINUTES_PER_DAY = 1440.0;
+    t.m_nMicros += std::llround((dTo - dFrom) * MINUTES_PER_DAY) * MICROS_PER_MINUTE;
+    Normalize(t);
+    SetDateResult(vResult, JoinDate(t));
     return 0;
 }
 

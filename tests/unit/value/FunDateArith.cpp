@@ -1,0 +1,331 @@
+// Date arithmetic against Debian's MariaDB on generated dates and amounts:
+// intervals of every unit added and taken away, distances in whole units
+// (months by the calendar, cut towards zero), times added to dates and to
+// times, seconds since 1970, periods and day counts. A month that does not
+// clamp, a carry lost across midnight or a year, a distance rounded instead
+// of cut, or a date that turns into a date and time shows up here.
+//
+// Deliberate differences from the reference server (more in FunDate.cpp):
+//
+// | Expression                            | Server                    | Here                        | Why                                          |
+// |---------------------------------------|---------------------------|-----------------------------|----------------------------------------------|
+// | DATE_ADD('0001-01-01', INTERVAL -1 MONTH) | 0000-12-01            | NULL                        | dates are years 1 to 9999                    |
+// | DATE_ADD(d, INTERVAL 5 MICROSECOND), d before 1720 or after 2079 | exact | within 10 or 100 us  | a date is a double of days                   |
+// | CONVERT_TZ(d, ...), d outside 1970..2038 UTC | d unchanged        | d moved by the offsets      | the offsets alone decide                     |
+// | ADDTIME('2020-12-31', t)              | the date read as a time   | the date's midnight plus t  | a date without a time is at midnight         |
+#include "FunReferenceKit.h"
+
+using namespace funkit;
+using talvortest::Val;
+
+namespace {
+
+const char* const g_arUnits[] = {"MICROSECOND",
+                                 "SECOND",
+                                 "MINUTE",
+                                 "HOUR",
+                                 "DAY",
+                                 "WEEK",
+                                 "MONTH",
+                                 "QUARTER",
+                                 "YEAR",
+                                 "SECOND_MICROSECOND",
+                                 "MINUTE_MICROSECOND",
+                                 "MINUTE_SECOND",
+                                 "HOUR_MICROSECOND",
+                                 "HOUR_SECOND",
+                                 "HOUR_MINUTE",
+                                 "DAY_MICROSECOND",
+                                 "DAY_SECOND",
+                                 "DAY_MINUTE",
+                                 "DAY_HOUR",
+                                 "YEAR_MONTH"};
+const int g_arTypes[] = {1, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21};
+
+// An amount of nType: a number for a simple unit, text for a compound one.
+// Fractions of a second are never whole, so that both sides show one.
+std::string Amount(int nType, std::mt19937& rng)
+{
+    auto n = [&](int nMax) { return std::to_string((long long)(rng() % (unsigned)nMax)); };
+    std::string strSign = rng() % 3 == 0 ? "-" : "";
+    std::string strMicros = std::to_string(100001 + rng() % 899998);
+    switch (nType) {
+    case 1: return strSign + std::to_string(1 + rng() % 99999998 * 10 + 1);
+    case 3:
+    case 4:
+    case 5: return strSign + n(100000);
+    case 6:
+    case 7: return strSign + n(3000);
+    case 8:
+    case 9: return strSign + n(400);
+    case 10: return strSign + n(60);
+    case 11: return "'" + strSign + n(100) + "." + strMicros + "'";
+    case 12: return "'" + strSign + n(100) + ":" + n(60) + "." + strMicros + "'";
+    case 13: return "'" + strSign + n(100) + ":" + n(60) + "'";
+    case 14: return "'" + strSign + n(100) + ":" + n(60) + ":" + n(60) + "." + strMicros + "'";
+    case 15: return "'" + strSign + n(100) + ":" + n(60) + ":" + n(60) + "'";
+    case 16: return "'" + strSign + n(100) + ":" + n(60) + "'";
+    case 17: return "'" + strSign + n(100) + " " + n(24) + ":" + n(60) + ":" + n(60) + "." + strMicros + "'";
+    case 18: return "'" + strSign + n(100) + " " + n(24) + ":" + n(60) + ":" + n(60) + "'";
+    case 19: return "'" + strSign + n(100) + " " + n(24) + ":" + n(60) + "'";
+    case 20: return "'" + strSign + n(100) + " " + n(24) + "'";
+    default: return "'" + strSign + n(30) + "-" + n(12) + "'";
+    }
+}
+
+// A value of the amount as the SQL text gives it: quoted text, or a number.
+VARDATA AmountValue(CTalvorBufferPool& pool, const std::string& s)
+{
+    if (s[0] == '\'') return Text(pool, s.substr(1, s.size() - 2));
+    return Int(atoll(s.c_str()));
+}
+
+std::string TimeOfDay(std::mt19937& rng, int nMaxHours)
+{
+    return std::to_string(rng() % (unsigned)nMaxHours) + ":" + Two((int)(rng() % 60)) + ":" + Two((int)(rng() % 60));
+}
+
+}  // namespace
+
+TEST(FunDateArith, IntervalsOfEveryUnitAddAndSubtractAsTheServerDoes)
+{
+    CTalvorBufferPool pool;
+    std::mt19937 rng(47);
+    std::vector<Case> v;
+    Fn fnAdd = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+        return CBaseFunManager::AddSubDate(p, x[0], x[1], r, TRUE);
+    };
+    Fn fnSub = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+        return CBaseFunManager::AddSubDate(p, x[0], x[1], r, FALSE);
+    };
+    for (const std::string& s : Dates(60, 53)) {
+        VARDATA a = Text(pool, s);
+        // Microseconds are exact only where the double keeps them (above).
+        bool bMicros = s >= "1721" && s < "2079";
+        for (size_t u = 0; u < sizeof(g_arTypes) / sizeof(g_arTypes[0]); ++u) {
+            int t = g_arTypes[u];
+            if (!bMicros && (t == 1 || t == 11 || t == 12 || t == 14 || t == 17)) continue;
+            std::string strAmount = Amount(g_arTypes[u], rng);
+            VARDATA vInterval = Null();
+            VARDATA vAmount = AmountValue(pool, strAmount);
+            ASSERT_EQ(CBaseFunManager::Interval2(&pool, vAmount, g_arTypes[u], vInterval), 0);
+            std::string strInterval = "INTERVAL " + strAmount + " " + g_arUnits[u];
+            bool bAdd = rng() % 2 == 0;
+            v.push_back(Call(pool, std::string(bAdd ? "DATE_ADD(" : "DATE_SUB(") + Quote(s) + ", " + strInterval + ")",
+                             bAdd ? fnAdd : fnSub, {a, vInterval}));
+        }
+        long long nDays = (long long)(rng() % 20000) - 10000;
+        v.push_back(Call(pool, "ADDDATE(" + Quote(s) + "," + std::to_string(nDays) + ")", fnAdd, {a, Int(nDays)}));
+        v.push_back(Call(pool, "SUBDATE(" + Quote(s) + "," + std::to_string(nDays) + ")", fnSub, {a, Int(nDays)}));
+        // TIMESTAMPADD takes the simple units only.
+        for (size_t u = bMicros ? 0 : 1; u < 9; ++u) {
+            int nType = g_arTypes[u];
+            std::string strAmount = Amount(nType, rng);
+            v.push_back(Call(pool, "TIMESTAMPADD(" + std::string(g_arUnits[u]) + "," + strAmount + "," + Quote(s) + ")",
+                             [nType](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+                                 return CBaseFunManager::TimeStampAdd(p, nType, x[0], x[1], r);
+                             },
+                             {Int(atoll(strAmount.c_str())), a}));
+        }
+    }
+    // Month ends clamp, and a month taken back from March 31 lands on the 28th or 29th.
+    for (const char* s : {"2021-01-31", "2020-01-31", "2021-03-31 10:00:00", "2020-02-29", "9999-12-31", "0001-01-01"})
+        for (const char* i : {"1 MONTH", "-1 MONTH", "13 MONTH", "1 YEAR", "-1 QUARTER", "'1-1' YEAR_MONTH"}) {
+            VARDATA vInterval = Null(), a = Text(pool, s);
+            std::string strAmount = i;
+            size_t nSpace = strAmount.rfind(' ');
+            std::string strUnit = strAmount.substr(nSpace + 1);
+            int nType = 0;
+            for (size_t u = 0; u < 20; ++u)
+                if (strUnit == g_arUnits[u]) nType = g_arTypes[u];
+            VARDATA vAmount = AmountValue(pool, strAmount.substr(0, nSpace));
+            ASSERT_EQ(CBaseFunManager::Interval2(&pool, vAmount, nType, vInterval), 0);
+            v.push_back(Call(pool, "DATE_ADD(" + Quote(s) + ", INTERVAL " + i + ")", fnAdd, {a, vInterval}));
+        }
+    CompareWithServer(v);
+}
+
+TEST(FunDateArith, DistancesInWholeUnitsMatchTheServer)
+{
+    CTalvorBufferPool pool;
+    std::vector<std::string> vDates = Dates(120, 59);
+    std::vector<std::pair<std::string, std::string>> vPairs;
+    for (size_t i = 0; i + 1 < vDates.size(); ++i) vPairs.push_back({vDates[i], vDates[i + 1]});
+    // A month is complete only when the day and then the time come round.
+    const char* arEdges[][2] = {{"2021-01-31 10:00:00", "2021-02-28 10:00:00"},
+                                {"2021-03-15 10:00:00", "2021-04-15 09:59:59"},
+                                {"2021-03-15 10:00:00", "2021-04-15 10:00:00"},
+                                {"2020-02-29", "2021-02-28"},
+                                {"2020-02-29", "2024-02-29"},
+                                {"2021-04-15 10:00:00", "2021-03-15 10:00:01"},
+                                {"2021-12-31 23:59:59", "2022-01-01 00:00:00"}};
+    for (auto& e : arEdges) vPairs.push_back({e[0], e[1]});
+    const char* arUnits[] = {"MICROSECOND", "SECOND", "MINUTE", "HOUR", "DAY", "WEEK", "MONTH", "QUARTER", "YEAR"};
+    const int arTypes[] = {1, 3, 4, 5, 6, 7, 8, 9, 10};
+    std::vector<Case> v;
+    for (const auto& p : vPairs) {
+        VARDATA a = Text(pool, p.first), b = Text(pool, p.second);
+        std::string strArgs = Quote(p.first) + "," + Quote(p.second);
+        for (int u = 0; u < 9; ++u) {
+            int nType = arTypes[u];
+            v.push_back(Call(pool, "TIMESTAMPDIFF(" + std::string(arUnits[u]) + "," + strArgs + ")",
+                             [nType](CTalvorBufferPool* pp, VARDATA* x, VARDATA& r) {
+                                 return CBaseFunManager::TimeStampDiff(pp, nType, x[0], x[1], r);
+                             },
+                             {a, b}));
+        }
+        v.push_back(Call(
+            pool, "DATEDIFF(" + strArgs + ")",
+            [](CTalvorBufferPool* pp, VARDATA* x, VARDATA& r) { return CBaseFunManager::DateDiff(pp, x[0], x[1], r); },
+            {a, b}));
+    }
+    CompareWithServer(v);
+}
+
+TEST(FunDateArith, TimesSecondsPeriodsAndDayCountsMatchTheServer)
+{
+    CTalvorBufferPool pool;
+    std::mt19937 rng(61);
+    std::vector<Case> v;
+    Fn fnAddTime = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+        return CBaseFunManager::AddSubTime(p, x[0], x[1], r, TRUE);
+    };
+    Fn fnSubTime = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+        return CBaseFunManager::AddSubTime(p, x[0], x[1], r, FALSE);
+    };
+    Fn fnTimeDiff = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+        return CBaseFunManager::TimeDiff(p, x[0], x[1], r);
+    };
+    Fn fnStamp = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+        return CBaseFunManager::TalvorTimeStamp(p, x[0], x[1], r);
+    };
+    Fn fnAdd = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+        return CBaseFunManager::AddSubDate(p, x[0], x[1], r, TRUE);
+    };
+    for (std::string s : Dates(80, 67)) {
+        if (s.size() == 10) s += " 00:00:00";
+        std::string t = TimeOfDay(rng, 300), t2 = TimeOfDay(rng, 300);
+        VARDATA a = Text(pool, s), vt = Text(pool, t), vt2 = Text(pool, t2);
+        v.push_back(Call(pool, "ADDTIME(" + Quote(s) + "," + Quote(t) + ")", fnAddTime, {a, vt}));
+        v.push_back(Call(pool, "SUBTIME(" + Quote(s) + "," + Quote(t) + ")", fnSubTime, {a, vt}));
+        v.push_back(Call(pool, "ADDTIME(" + Quote(t) + "," + Quote(t2) + ")", fnAddTime, {vt, vt2}));
+        v.push_back(Call(pool, "SUBTIME(" + Quote(t) + "," + Quote(t2) + ")", fnSubTime, {vt, vt2}));
+        v.push_back(Call(pool, "TIMEDIFF(" + Quote(t) + "," + Quote(t2) + ")", fnTimeDiff, {vt, vt2}));
+        v.push_back(Call(pool, "TIMESTAMP(" + Quote(s) + "," + Quote(t) + ")", fnStamp, {a, vt}));
+        // Stored times keep their kind; a stored date stays a date for whole days.
+        VARDATA st = StoredTime(pool, t), st2 = StoredTime(pool, t2), sd = StoredDate(pool, s.substr(0, 10));
+        v.push_back(Call(pool, "ADDTIME(TIME" + Quote(t) + ",TIME" + Quote(t2) + ")", fnAddTime, {st, st2}));
+        v.push_back(Call(pool, "TIMEDIFF(TIME" + Quote(t) + ",TIME" + Quote(t2) + ")", fnTimeDiff, {st, st2}));
+        for (const char* i : {"7 HOUR", "-75 MINUTE", "'1:30' HOUR_MINUTE"}) {
+            std::string strAmount = i;
+            size_t nSpace = strAmount.find(' ');
+            int nType = strAmount.find("MINUTE") == std::string::npos  ? 5
+                        : strAmount.find("HOUR_") == std::string::npos ? 4
+                                                                       : 16;
+            VARDATA vInterval = Null(), vAmount = AmountValue(pool, strAmount.substr(0, nSpace));
+            ASSERT_EQ(CBaseFunManager::Interval2(&pool, vAmount, nType, vInterval), 0);
+            v.push_back(Call(pool, "DATE_ADD(TIME" + Quote(t) + ", INTERVAL " + i + ")", fnAdd, {st, vInterval}));
+            v.push_back(
+                Call(pool, "DATE_ADD(DATE" + Quote(s.substr(0, 10)) + ", INTERVAL " + i + ")", fnAdd, {sd, vInterval}));
+        }
+        VARDATA vWeek = Null(), vTwo = Int(2);
+        ASSERT_EQ(CBaseFunManager::Interval2(&pool, vTwo, 7, vWeek), 0);
+        v.push_back(Call(pool, "DATE_ADD(DATE" + Quote(s.substr(0, 10)) + ", INTERVAL 2 WEEK)", fnAdd, {sd, vWeek}));
+        // Two dates a few days apart, within the range of a time.
+        VARDATA vLater = Null(), vHours = Int((long long)(rng() % 1400) - 700);
+        ASSERT_EQ(CBaseFunManager::TimeStampAdd(&pool, 5, vHours, a, vLater), 0);
+        if (Val(vLater.m_vt) == TALVOR_VT_NULL) continue;
+        std::string strLater = Show(vLater);
+        v.push_back(Call(pool, "TIMEDIFF(" + Quote(strLater) + "," + Quote(s.size() > 10 ? s : s + " 00:00:00") + ")",
+                         fnTimeDiff, {Text(pool, strLater), Text(pool, s.size() > 10 ? s : s + " 00:00:00")}));
+    }
+    for (int i = 0; i < 100; ++i) {
+        long long n = i < 3 ? i : (long long)(rng() % 2147483647u);
+        std::string sn = std::to_string(n);
+        v.push_back(Call(
+            pool, "FROM_UNIXTIME(" + sn + ")",
+            [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::From_UnixTime(p, x[0], r); },
+            {Int(n)}));
+        v.push_back(Call(pool, "FROM_UNIXTIME(" + sn + ",'%d.%m.%Y %T')",
+                         [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+                             return CBaseFunManager::From_UnixTime(p, x[0], x[1], r);
+                         },
+                         {Int(n), Text(pool, "%d.%m.%Y %T")}));
+        long long p1 = (1 + rng() % 9998) * 100 + 1 + rng() % 12, p2 = (rng() % 100) * 100 + 1 + rng() % 12;
+        long long nMonths = (long long)(rng() % 2000) - 1000;
+        v.push_back(Call(
+            pool, "PERIOD_DIFF(" + std::to_string(p1) + "," + std::to_string(p2) + ")",
+            [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::Period_Diff(p, x[0], x[1], r); },
+            {Int(p1), Int(p2)}));
+        v.push_back(Call(
+            pool, "PERIOD_ADD(" + std::to_string(p2) + "," + std::to_string(nMonths) + ")",
+            [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::PeriodAdd(p, x[0], x[1], r); },
+            {Int(p2), Int(nMonths)}));
+        long long y = i < 10 ? i * 11 : 1000 + rng() % 9000, d = (long long)(rng() % 800) - 10;
+        v.push_back(Call(
+            pool, "MAKEDATE(" + std::to_string(y) + "," + std::to_string(d) + ")",
+            [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::MakeDate(p, x[0], x[1], r); },
+            {Int(y), Int(d)}));
+        long long nDays = 366 + rng() % 3652059;
+        v.push_back(
+            Call(pool, "FROM_DAYS(" + std::to_string(nDays) + ")",
+                 [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::From_Days(p, x[0], r); },
+                 {Int(nDays)}));
+    }
+    const char* arZones[] = {"+00:00", "+08:00", "-05:30", "+13:00", "-12:00", "+14:00", "08:00"};
+    // Inside the server's range of converted values (above).
+    for (const std::string& s : Dates(40, 71))
+        for (int i = 0; i < 3 && s > "1970-01-02" && s < "2038"; ++i) {
+            const char* f = arZones[rng() % 7];
+            const char* t = arZones[rng() % 7];
+            v.push_back(Call(pool, "CONVERT_TZ(" + Quote(s) + "," + Quote(f) + "," + Quote(t) + ")",
+                             [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+                                 return CBaseFunManager::Convert_TZ(p, x[0], x[1], x[2], r);
+                             },
+                             {Text(pool, s), Text(pool, f), Text(pool, t)}));
+        }
+    Fn fnInterval = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
+        return CBaseFunManager::TalvorInterval(p, 5, x, r);
+    };
+    for (long long n : {-5LL, 0LL, 1LL, 3LL, 10LL, 100LL})
+        v.push_back(Call(pool, "INTERVAL(" + std::to_string(n) + ",1,3,5,10)", fnInterval,
+                         {Int(n), Int(1), Int(3), Int(5), Int(10)}));
+    v.push_back(Call(pool, "INTERVAL(NULL,1,3,5,10)", fnInterval, {Null(), Int(1), Int(3), Int(5), Int(10)}));
+    CompareWithServer(v);
+}
+
+// The units of Extract, TimeStampAdd and TimeStampDiff are the interval
+// types or the keyword ids of their names; both give the same answers.
+TEST(FunDateArith, KeywordIdsOfUnitsNameTheIntervalTypes)
+{
+    CTalvorBufferPool pool;
+    const int arIds[] = {416, 417, 418, 419, 420, 421, 422, 423, 146, 424,
+                         425, 426, 427, 428, 429, 430, 431, 432, 433, 434};
+    VARDATA a = Text(pool, "2021-03-15 10:20:30.123456"), b = Text(pool, "2023-07-01 01:02:03");
+    for (size_t u = 0; u < 20; ++u) {
+        VARDATA r1 = Null(), r2 = Null();
+        ASSERT_EQ(CBaseFunManager::Extract(&pool, g_arTypes[u], a, r1), 0);
+        ASSERT_EQ(CBaseFunManager::Extract(&pool, arIds[u], a, r2), 0);
+        EXPECT_EQ(Show(r1), Show(r2)) << g_arUnits[u];
+        if (u >= 9) continue;
+        ASSERT_EQ(CBaseFunManager::TimeStampDiff(&pool, arIds[u], a, b, r2), 0);
+        ASSERT_EQ(CBaseFunManager::TimeStampDiff(&pool, g_arTypes[u], a, b, r1), 0);
+        EXPECT_EQ(Show(r1), Show(r2)) << g_arUnits[u];
+    }
+    VARDATA r = Null(), vOne = Int(1);
+    EXPECT_EQ(CBaseFunManager::TimeStampAdd(&pool, 431, vOne, a, r), TALVOR_DATE_BAD_INTERVAL);
+    EXPECT_EQ(CBaseFunManager::Interval2(&pool, vOne, 0, r), TALVOR_DATE_BAD_INTERVAL);
+    // A bad amount of an interval is the date library's code, not a guess.
+    VARDATA vBad = Text(pool, "x:y"), vInterval = Null();
+    ASSERT_EQ(CBaseFunManager::Interval2(&pool, vBad, 16, vInterval), 0);
+    EXPECT_EQ(CBaseFunManager::AddSubDate(&pool, a, vInterval, r, TRUE), TALVOR_DATE_BAD_PARAMETER);
+    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+    // An interval is read within its length, whatever stands behind it.
+    char arLonger[] = {1, 6, 7, '5', '0', '0'};
+    VARDATA vShort = Null(), vDay = Text(pool, "2021-03-15");
+    vShort.m_vt = TALVOR_VT_TEXT;
+    vShort.m_lpszValue = arLonger;
+    vShort.m_nStrLen = 4;
+    ASSERT_EQ(CBaseFunManager::AddSubDate(&pool, vDay, vShort, r, TRUE), 0);
+    EXPECT_EQ(Show(r), "2021-03-20");
+}

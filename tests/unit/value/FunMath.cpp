@@ -1,0 +1,344 @@
+// The math family against Debian's MariaDB on generated arguments: a wrong
+// rounding direction, a lost digit of a decimal, a bad sign of a remainder,
+// a logarithm of a bad base that gives a number instead of NULL, or a seeded
+// Rand that draws another sequence shows up here as a differing row.
+//
+// Deliberate differences from the reference server (the function library's
+// own rules decide):
+//
+// | Expression                     | Server             | Here                      | Why                                                     |
+// |--------------------------------|--------------------|---------------------------|---------------------------------------------------------|
+// | ROUND(5678, -5)                | 0                  | 10000                     | the count is cut to the number's digits first           |
+// | TRUNCATE(-9223372036854775807, -19) | -8446744073709551616 | 0                | the server wraps past 2^64; the cut of all digits is 0  |
+// | ROUND(1.5, 3)                  | 1.500              | 1.5                       | a decimal is not widened by a longer count              |
+// | ASIN(1.0000005)                | NULL               | pi/2                      | asin and acos forgive 1e-6 past 1                       |
+// | COT(0)                         | error              | NULL and 1800             | the error is the range code of the library              |
+// | ROUND(date, 'MM'), TRUNC(...)  | no such form       | the date by the unit      | Oracle's form beside MySQL's                            |
+// | RAND()                         | its own generator  | 32 bits of a UUID / 2^32-1 | an unseeded value comes from libuuid                   |
+#include "FunReferenceKit.h"
+
+#include <climits>
+#include <random>
+
+using namespace funkit;
+using talvortest::Val;
+
+namespace {
+
+typedef int (*Unary)(CTalvorBufferPool*, VARDATA&, VARDATA&);
+typedef int (*Binary)(CTalvorBufferPool*, VARDATA&, VARDATA&, VARDATA&);
+
+Case Run1(CTalvorBufferPool& pool, const std::string& strSql, Unary fn, VARDATA a, CompareKind eKind = SAME_NUMBER)
+{
+    Case c{strSql, Null(), 0, eKind};
+    c.m_nResult = fn(&pool, a, c.m_vOurs);
+    return c;
+}
+
+Case Run2(CTalvorBufferPool& pool, const std::string& strSql, Binary fn, VARDATA a, VARDATA b,
+          CompareKind eKind = SAME_NUMBER)
+{
+    Case c{strSql, Null(), 0, eKind};
+    c.m_nResult = fn(&pool, a, b, c.m_vOurs);
+    return c;
+}
+
+// A double literal the server reads as a double.
+std::string DoubleSql(double d)
+{
+    char sz[40];
+    snprintf(sz, sizeof(sz), "%.17e", d);
+    return sz;
+}
+
+int Digits(long long n)
+{
+    unsigned long long u = n < 0 ? 0ULL - (unsigned long long)n : (unsigned long long)n;
+    int k = 1;
+    while (u >= 10) {
+        u /= 10;
+        ++k;
+    }
+    return k;
+}
+
+struct Numbers {
+    std::vector<long long> m_vInts;
+    std::vector<std::string> m_vDecimals;
+    std::vector<double> m_vDoubles;
+};
+
+Numbers Generate()
+{
+    std::mt19937_64 rng(1009);
+    Numbers n;
+    n.m_vInts = {0, 1, -1, 5, -5, 15, 1234, -1234, 5678, 1500, -1500, 2500, 999999, LLONG_MAX, LLONG_MIN + 1};
+    for (int i = 0; i < 40; ++i) {
+        long long x = (long long)(rng() % 2000000000000ULL) - 1000000000000LL;
+        n.m_vInts.push_back(i % 2 ? x : x / 1000003);
+    }
+    n.m_vDecimals = {"0.5", "-0.5", "1.5", "2.5", "-2.5", "0.0049", "123.455", "-123.455", "99.995", "0.000001"};
+    for (int i = 0; i < 40; ++i) {
+        long long nWhole = (long long)(rng() % 10000000) - 5000000;
+        char sz[64];
+        snprintf(sz, sizeof(sz), "%lld.%06llu", nWhole, (unsigned long long)(rng() % 1000000));
+        n.m_vDecimals.push_back(sz);
+    }
+    n.m_vDoubles = {0.0, 0.5, -0.5, 1.5, 2.5, -2.5, 0.1, 1e-300, 1e300, -7.25, 3.0, 123456.789};
+    std::uniform_real_distribution<double> dist(-1000.0, 1000.0);
+    for (int i = 0; i < 40; ++i) n.m_vDoubles.push_back(i % 4 ? dist(rng) : dist(rng) * 1e9);
+    return n;
+}
+
+}  // namespace
+
+TEST(FunMath, RoundingAndSignsOfIntegersDecimalsAndDoublesMatchTheServer)
+{
+    CTalvorBufferPool pool;
+    Numbers n = Generate();
+    std::vector<Case> v;
+    for (long long x : n.m_vInts) {
+        std::string s = std::to_string(x);
+        v.push_back(Run1(pool, "ABS(" + s + ")", CBaseFunManager::Abs, Int(x)));
+        v.push_back(Run1(pool, "SIGN(" + s + ")", CBaseFunManager::Sign, Int(x)));
+        v.push_back(Run1(pool, "CEIL(" + s + ")", CBaseFunManager::Ceil, Int(x)));
+        v.push_back(Run1(pool, "BIT_COUNT(" + s + ")", CBaseFunManager::Bit_Count, Int(x)));
+        // Counts past the number's digits round differently by design (above).
+        for (int d = -Digits(x); d <= 2; ++d) {
+            std::string sd = std::to_string(d);
+            v.push_back(Run2(pool, "ROUND(" + s + "," + sd + ")", CBaseFunManager::Round, Int(x), Int(d)));
+            if (d == -19) continue;  // the server wraps there (above)
+            v.push_back(Run2(pool, "TRUNCATE(" + s + "," + sd + ")", CBaseFunManager::Trunc, Int(x), Int(d)));
+        }
+    }
+    for (const std::string& s : n.m_vDecimals) {
+        v.push_back(Run1(pool, "ABS(" + s + ")", CBaseFunManager::Abs, Dec(s.c_str())));
+        v.push_back(Run1(pool, "SIGN(" + s + ")", CBaseFunManager::Sign, Dec(s.c_str())));
+        v.push_back(Run1(pool, "CEIL(" + s + ")", CBaseFunManager::Ceil, Dec(s.c_str())));
+        v.push_back(Run1(pool, "FLOOR(" + s + ")", CBaseFunManager::Floor, Dec(s.c_str())));
+        v.push_back(Run1(pool, "ROUND(" + s + ")", CBaseFunManager::Round, Dec(s.c_str())));
+        for (int d = -3; d <= 6; ++d) {
+            std::string sd = std::to_string(d);
+            // Text with a point stands for a double on both sides.
+            v.push_back(Run2(pool, "ROUND('" + s + "'," + sd + ")", CBaseFunManager::Round, Text(pool, s), Int(d)));
+            v.push_back(Run2(pool, "ROUND(" + s + "," + sd + ")", CBaseFunManager::Round, Dec(s.c_str()), Int(d)));
+            v.push_back(Run2(pool, "TRUNCATE(" + s + "," + sd + ")", CBaseFunManager::Trunc, Dec(s.c_str()), Int(d)));
+        }
+    }
+    for (double x : n.m_vDoubles) {
+        std::string s = DoubleSql(x);
+        v.push_back(Run1(pool, "ABS(" + s + ")", CBaseFunManager::Abs, Dbl(x)));
+        v.push_back(Run1(pool, "SIGN(" + s + ")", CBaseFunManager::Sign, Dbl(x)));
+        v.push_back(Run1(pool, "CEIL(" + s + ")", CBaseFunManager::Ceil, Dbl(x)));
+        v.push_back(Run1(pool, "FLOOR(" + s + ")", CBaseFunManager::Floor, Dbl(x)));
+        for (int d = -4; d <= 4; ++d) {
+            std::string sd = std::to_string(d);
+            v.push_back(Run2(pool, "ROUND(" + s + "," + sd + ")", CBaseFunManager::Round, Dbl(x), Int(d)));
+            v.push_back(Run2(pool, "TRUNCATE(" + s + "," + sd + ")", CBaseFunManager::Trunc, Dbl(x), Int(d)));
+        }
+    }
+    CompareWithServer(v);
+}
+
+TEST(FunMath, RemaindersPowersLogarithmsAndAnglesMatchTheServer)
+{
+    CTalvorBufferPool pool;
+    Numbers n = Generate();
+    std::vector<Case> v;
+    std::vector<long long> vDivisors = {0, 1, -1, 3, -7, 1000};
+    for (long long x : n.m_vInts)
+        for (long long y : vDivisors)
+            v.push_back(Run2(pool, "MOD(" + std::to_string(x) + "," + std::to_string(y) + ")", CBaseFunManager::Mod,
+                             Int(x), Int(y)));
+    for (const std::string& s : n.m_vDecimals) {
+        v.push_back(Run2(pool, "MOD(" + s + ",0.7)", CBaseFunManager::Mod, Dec(s.c_str()), Dec("0.7")));
+        v.push_back(Run2(pool, "MOD(" + s + ",0)", CBaseFunManager::Mod, Dec(s.c_str()), Int(0)));
+    }
+    struct Named {
+        const char* m_lpszName;
+        int m_nNumber;
+    };
+    const Named arAngles[] = {{"SIN", 20}, {"ASIN", 21}, {"COS", 22},     {"ACOS", 23},
+                              {"TAN", 24}, {"COT", 25},  {"RADIANS", 26}, {"DEGREES", 27}};
+    std::vector<double> vArgs = n.m_vDoubles;
+    for (double d : {1.0, -1.0, 0.999, -0.3, 0.7, 4.0, 0.25, 1e-5}) vArgs.push_back(d);
+    for (double x : vArgs) {
+        std::string s = DoubleSql(x);
+        for (const Named& a : arAngles) {
+            // Past 1 asin and acos forgive a little by design (above).
+            if ((a.m_nNumber == 21 || a.m_nNumber == 23) && std::fabs(x) > 1 && std::fabs(x) <= 1.000001) continue;
+            Case c{std::string(a.m_lpszName) + "(" + s + ")", Null(), 0, SAME_NUMBER};
+            VARDATA vArg = Dbl(x);
+            c.m_nResult = CBaseFunManager::MathFuntion(&pool, vArg, c.m_vOurs, a.m_nNumber);
+            v.push_back(c);
+        }
+        v.push_back(Run1(pool, "SQRT(" + s + ")", CBaseFunManager::Sqrt, Dbl(x)));
+        v.push_back(Run1(pool, "EXP(" + s + ")", CBaseFunManager::Exp, Dbl(std::fabs(x) > 700 ? 1 / x : x)));
+        v.back().m_strSql = "EXP(" + DoubleSql(std::fabs(x) > 700 ? 1 / x : x) + ")";
+        v.push_back(Run1(pool, "LN(" + s + ")", CBaseFunManager::Log, Dbl(x)));
+        v.push_back(Run1(pool, "ATAN(" + s + ")", CBaseFunManager::ATan, Dbl(x)));
+        v.push_back(Run2(pool, "ATAN2(" + s + ",-2e0)", CBaseFunManager::ATan, Dbl(x), Dbl(-2)));
+        v.push_back(Run2(pool, "POW(" + s + ",3e0)", CBaseFunManager::Power, Dbl(x), Dbl(3)));
+        v.push_back(Run2(pool, "POW(" + s + ",0.5e0)", CBaseFunManager::Power, Dbl(x), Dbl(0.5)));
+        for (double b : {2.0, 10.0, 0.5, 1.0, -2.0, 0.0})
+            v.push_back(Run2(pool, "LOG(" + DoubleSql(b) + "," + s + ")", CBaseFunManager::Log, Dbl(b), Dbl(x)));
+        struct Special {
+            const char* m_lpszName;
+            int m_nId;
+        };
+        for (Special sp : {Special{"LOG2", 604}, Special{"LOG10", 605}, Special{"LN", 516}}) {
+            Case c{std::string(sp.m_lpszName) + "(" + s + ")", Null(), 0, SAME_NUMBER};
+            VARDATA vArg = Dbl(x);
+            c.m_nResult = CBaseFunManager::SpecialLog(&pool, vArg, c.m_vOurs, sp.m_nId);
+            v.push_back(c);
+        }
+    }
+    Case c{"PI()", Null(), 0, SAME_NUMBER};
+    c.m_nResult = CBaseFunManager::Pi(&pool, c.m_vOurs);
+    // The server shows six places of pi; the value is the double.
+    c.m_strSql = "PI() + 0e0";
+    v.push_back(c);
+    CompareWithServer(v);
+}
+
+TEST(FunMath, SeededRandDrawsTheServersSequenceAndUnseededStaysInItsRange)
+{
+    CTalvorBufferPool pool;
+    std::vector<Case> v;
+    std::vector<long long> vSeeds = {0, 1, 2, 3, 17, 255, 65536, 123456789, 4294967295LL, 4294967296LL, -1, -100};
+    for (long long x : vSeeds)
+        v.push_back(Run1(pool, "RAND(" + std::to_string(x) + ")", CBaseFunManager::Rand, Int(x)));
+    v.push_back(Run1(pool, "RAND(NULL)", CBaseFunManager::Rand, Null()));
+    CompareWithServer(v);
+
+    VARDATA vNone = Null();
+    vNone.m_vt = TALVOR_FUN_NO_ARGUMENT;
+    double dFirst = -1;
+    bool bDiffer = false;
+    for (int i = 0; i < 64; ++i) {
+        VARDATA r = Null();
+        ASSERT_EQ(CBaseFunManager::Rand(&pool, vNone, r), 0);
+        ASSERT_EQ(Val(r.m_vt), TALVOR_VT_DOUBLE);
+        double d = Val(r.m_dblValue);
+        EXPECT_GE(d, 0.0);
+        EXPECT_LE(d, 1.0);
+        if (i == 0)
+            dFirst = d;
+        else if (d != dFirst)
+            bDiffer = true;
+    }
+    EXPECT_TRUE(bDiffer) << "64 unseeded values were all " << dFirst;
+}
+
+// The library's own forms: its integer rounding past the digits,
+// Oracle's rounding of dates by a unit, and its function numbers and codes.
+TEST(FunMath, OwnRulesRoundDatesByUnitAndRefuseWhatTheyMust)
+{
+    CTalvorBufferPool pool;
+    VARDATA r = Null();
+    EXPECT_EQ(CBaseFunManager::Round(1234LL, -2, r), 0);
+    EXPECT_EQ(Show(r), "1200");
+    EXPECT_EQ(CBaseFunManager::Round(1234LL, -5, r), 0);
+    EXPECT_EQ(Show(r), "0");
+    EXPECT_EQ(CBaseFunManager::Round(5678, -5, r), 0);
+    EXPECT_EQ(Show(r), "10000");
+    EXPECT_EQ(CBaseFunManager::Round(-5678LL, -2, r), 0);
+    EXPECT_EQ(Show(r), "-5700");
+    EXPECT_EQ(CBaseFunManager::Trunc(-5678LL, -2, r), 0);
+    EXPECT_EQ(Show(r), "-5600");
+    EXPECT_EQ(CBaseFunManager::Round(1234LL, 3, r), 0);
+    EXPECT_EQ(Show(r), "1234");
+    // A round up past the largest integer goes on in a decimal, never a wrap.
+    EXPECT_EQ(CBaseFunManager::Round(LLONG_MAX, -1, r), 0);
+    EXPECT_EQ(Show(r), "9223372036854775810");
+    EXPECT_EQ(CBaseFunManager::Round(LLONG_MIN, -19, r), 0);
+    EXPECT_EQ(Show(r), "-10000000000000000000");
+
+    struct DateCase {
+        const char* m_lpszDate;
+        const char* m_lpszUnit;
+        const char* m_lpszRound;
+        const char* m_lpszTrunc;
+    };
+    const DateCase arDates[] = {
+        {"2021-03-16 10:00:00", "MM", "2021-04-01 00:00:00", "2021-03-01 00:00:00"},
+        {"2021-03-15 23:59:59", "MONTH", "2021-03-01 00:00:00", "2021-03-01 00:00:00"},
+        {"2021-07-01 00:00:00", "YYYY", "2022-01-01 00:00:00", "2021-01-01 00:00:00"},
+        {"2021-06-30 23:59:59", "YEAR", "2021-01-01 00:00:00", "2021-01-01 00:00:00"},
+        {"2021-12-31 12:00:00", "DD", "2022-01-01 00:00:00", "2021-12-31 00:00:00"},
+        {"2021-03-15 10:29:30", "HH", "2021-03-15 10:00:00", "2021-03-15 10:00:00"},
+        {"2021-03-15 23:30:00", "HH24", "2021-03-16 00:00:00", "2021-03-15 23:00:00"},
+        {"2021-03-15 10:29:30", "MI", "2021-03-15 10:30:00", "2021-03-15 10:29:00"},
+    };
+    for (const DateCase& c : arDates) {
+        VARDATA vUnit = Text(pool, c.m_lpszUnit);
+        VARDATA vDate = DateTime(pool, c.m_lpszDate);
+        VARDATA vText = Text(pool, c.m_lpszDate);
+        EXPECT_EQ(CBaseFunManager::Round(&pool, vDate, vUnit, r), 0);
+        EXPECT_EQ(Show(r), c.m_lpszRound) << c.m_lpszDate << " " << c.m_lpszUnit;
+        EXPECT_EQ(CBaseFunManager::Round(&pool, vText, vUnit, r), 0);
+        EXPECT_EQ(Show(r), c.m_lpszRound) << "text " << c.m_lpszDate << " " << c.m_lpszUnit;
+        EXPECT_EQ(CBaseFunManager::Trunc(&pool, vDate, vUnit, r), 0);
+        EXPECT_EQ(Show(r), c.m_lpszTrunc) << c.m_lpszDate << " " << c.m_lpszUnit;
+    }
+    // Without a unit a date rounds to its day.
+    VARDATA vNoon = DateTime(pool, "2021-03-15 12:00:00");
+    EXPECT_EQ(CBaseFunManager::Round(&pool, vNoon, r), 0);
+    EXPECT_EQ(Show(r), "2021-03-16 00:00:00");
+    // Text that is no date, or a count that is no unit, is rounded as a
+    // number: a decimal text half away from zero.
+    VARDATA vNumberText = Text(pool, "15"), vNoUnit = Text(pool, "-1");
+    EXPECT_EQ(CBaseFunManager::Round(&pool, vNumberText, vNoUnit, r), 0);
+    EXPECT_EQ(Show(r), "20");
+    VARDATA vDateText = Text(pool, "2021-03-16"), vBadUnit = Text(pool, "XX");
+    EXPECT_EQ(CBaseFunManager::Round(&pool, vDateText, vBadUnit, r), 0);
+    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+
+    VARDATA vZero = Int(0), vOne = Dbl(1.0000005), vTooFar = Dbl(1.00001);
+    EXPECT_EQ(CBaseFunManager::MathFuntion(&pool, vZero, r, 25), TALVOR_FUN_OUT_OF_RANGE);
+    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+    EXPECT_EQ(CBaseFunManager::MathFuntion(&pool, vOne, r, 21), 0);
+    EXPECT_DOUBLE_EQ(Val(r.m_dblValue), M_PI / 2);
+    EXPECT_EQ(CBaseFunManager::MathFuntion(&pool, vTooFar, r, 23), 0);
+    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+    // The keyword ids of SIN .. DEGREES name the same functions.
+    VARDATA vHalf = Dbl(0.5), r2 = Null();
+    for (int i = 0; i < 8; ++i) {
+        if (i == 5) continue;
+        ASSERT_EQ(CBaseFunManager::MathFuntion(&pool, vHalf, r, 20 + i), 0);
+        ASSERT_EQ(CBaseFunManager::MathFuntion(&pool, vHalf, r2, 594 + i), 0);
+        EXPECT_EQ(Val(r.m_dblValue), Val(r2.m_dblValue)) << i;
+    }
+    EXPECT_EQ(CBaseFunManager::MathFuntion(&pool, vHalf, r, 28), TALVOR_FUN_BAD_FUNCTION);
+    EXPECT_EQ(CBaseFunManager::SpecialLog(&pool, vHalf, r, 100), TALVOR_FUN_BAD_FUNCTION);
+}
+
+TEST(FunMath, NullInGivesNullOut)
+{
+    CTalvorBufferPool pool;
+    const Unary arUnary[] = {CBaseFunManager::Abs,   CBaseFunManager::Sign,     CBaseFunManager::Ceil,
+                             CBaseFunManager::Floor, CBaseFunManager::Round,    CBaseFunManager::Trunc,
+                             CBaseFunManager::Sqrt,  CBaseFunManager::Exp,      CBaseFunManager::Log,
+                             CBaseFunManager::ATan,  CBaseFunManager::Bit_Count};
+    const Binary arBinary[] = {CBaseFunManager::Round, CBaseFunManager::Trunc, CBaseFunManager::Mod,
+                               CBaseFunManager::Power, CBaseFunManager::Log,   CBaseFunManager::ATan};
+    for (size_t i = 0; i < sizeof(arUnary) / sizeof(arUnary[0]); ++i) {
+        VARDATA a = Null(), r = Int(7);
+        EXPECT_EQ(arUnary[i](&pool, a, r), 0) << i;
+        EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL) << i;
+    }
+    for (size_t i = 0; i < sizeof(arBinary) / sizeof(arBinary[0]); ++i) {
+        for (int nSide = 0; nSide < 2; ++nSide) {
+            VARDATA a = nSide ? Int(2) : Null(), b = nSide ? Null() : Int(2), r = Int(7);
+            EXPECT_EQ(arBinary[i](&pool, a, b, r), 0) << i;
+            EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL) << i << " side " << nSide;
+        }
+    }
+    VARDATA a = Null(), r = Int(7);
+    for (int n = 20; n <= 27; ++n) {
+        EXPECT_EQ(CBaseFunManager::MathFuntion(&pool, a, r, n), 0);
+        EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL) << n;
+    }
+    EXPECT_EQ(CBaseFunManager::SpecialLog(&pool, a, r, 605), 0);
+    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+}
