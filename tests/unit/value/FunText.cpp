@@ -1,0 +1,284 @@
+// The text functions against MariaDB on generated arguments: ASCII and UTF-8
+// texts with separators, counts that are zero, negative, past the text and
+// at the 32- and 64-bit edges, and NULLs. A wrong character offset, a lost
+// byte at a seam, or a NULL that does not spread shows up as a differing row.
+//
+// Deliberate differences from MariaDB (the function library decides):
+// | Case                                   | Ours        | MariaDB             | Why                                   |
+// |----------------------------------------|-------------|---------------------|---------------------------------------|
+// | a result above 0x100000 bytes          | NULL        | the text (to 16 MiB)| every growing result is bounded first |
+// | compares and searches (STRCMP, INSTR,  | ASCII folded| the collation's     | the engine's text order folds ASCII   |
+// | LOCATE, FIELD, FIND_IN_SET)            | bytes after | weights (ß = s)     | only; the cases fold the server side  |
+// |                                        |             |                     | with LOWER and compare it binary      |
+// | SUBSTRING_INDEX count outside 32 bits  | taken whole | wrapped to 32 bits  | MySQL reads it as 64 bits             |
+// | REPLACE(s, '', NULL)                   | NULL        | s                   | NULL in gives NULL out                |
+// | LOCATE('', s, pos) for pos > 1         | the char    | a byte offset + 1,  | positions count characters            |
+// |                                        | position    | or 0                |                                       |
+#include "FunReference.h"
+#include "PackedValue.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+using namespace talvortest;
+
+namespace {
+
+CBaseFunManager g_fun;
+
+// The server's side of a compare: letters folded, then compared binary,
+// the order our compares use for the texts generated here.
+#define FOLD "LOWER(?) COLLATE utf8mb4_bin"
+
+// Cases where MariaDB answers otherwise by design (the table above).
+bool Deliberate(const std::string& strSql)
+{
+    auto has = [&](const char* lpsz) { return strSql.find(lpsz) != std::string::npos; };
+    if (strSql.rfind("SUBSTRING_INDEX(", 0) == 0)
+        return has("4294967296") || has("922337203685477580");
+    if (strSql.rfind("REPLACE(", 0) == 0) return has("X'' USING utf8mb4), NULL");
+    if (strSql.rfind("LOCATE(LOWER(CONVERT(X'' ", 0) == 0) return std::count(strSql.begin(), strSql.end(), ',') >= 2;
+    return false;
+}
+
+// The pieces of separators that SUBSTRING_INDEX, REPLACE and LOCATE look for.
+FunArg RandomNeedle(std::mt19937& rng)
+{
+    static const char* kNeedles[] = {",", ".", "a", "ab", "b", " ", "", "\xe4\xb8\xad", ",,", "Z", "zz"};
+    if (rng() % 15 == 0) return ArgNull();
+    return ArgText(kNeedles[rng() % (sizeof(kNeedles) / sizeof(kNeedles[0]))]);
+}
+
+} // namespace
+
+TEST(FunText, CutsAndSlicesCountCharactersLikeTheReference)
+{
+    std::mt19937 rng(22);
+    FunBatch batch;
+    for (int i = 0; i < 250; ++i) {
+        FunArg s = RandomTextArg(rng), p = RandomCountArg(rng), n = RandomCountArg(rng);
+        batch.Add("SUBSTRING(?, ?)", {s, p}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& a, VARDATA& r) {
+            return g_fun.SubString(pool, a[0], a[1], r);
+        });
+        batch.Add("SUBSTRING(?, ?, ?)", {s, p, n}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& a, VARDATA& r) {
+            return g_fun.SubString(pool, a[0], a[1], a[2], r);
+        });
+        batch.Add("LEFT(?, ?)", {s, n}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& a, VARDATA& r) {
+            return g_fun.Left(pool, a[0], a[1], r);
+        });
+        batch.Add("RIGHT(?, ?)", {s, n}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& a, VARDATA& r) {
+            return g_fun.Right(pool, a[0], a[1], r);
+        });
+        batch.Add("SUBSTRING_INDEX(?, ?, ?)", {s, RandomNeedle(rng), n},
+                  [](CTalvorBufferPool* pool, std::vector<VARDATA>& a, VARDATA& r) {
+                      return g_fun.SubString_Index(pool, a[0], a[1], a[2], r);
+                  });
+        batch.Add("INSERT(?, ?, ?, ?)", {s, p, n, RandomTextArg(rng)},
+                  [](CTalvorBufferPool* pool, std::vector<VARDATA>& a, VARDATA& r) {
+                      return g_fun.Insert(pool, a[0], a[1], a[2], a[3], r);
+                  });
+        batch.Add("REVERSE(?)", {s}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& a, VARDATA& r) {
+            return g_fun.Reverse(pool, a[0], r);
+        });
+    }
+    batch.Check(Deliberate);
+}
+
+TEST(FunText, JoinsRepeatsAndPadsKeepEveryByte)
+{
+    std::mt19937 rng(23);
+    FunBatch batch;
+    for (int i = 0; i < 200; ++i) {
+        FunArg a = RandomTextArg(rng), b = RandomTextArg(rng), c = RandomTextArg(rng);
+        FunArg n = rng() % 2 ? ArgInt((long long)(rng() % 30) - 3) : RandomCountArg(rng);
+        batch.Add("CONCAT(?, ?, ?)", {a, b, c}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.Concat(pool, (int)v.size(), v.data(), r);
+        });
+        batch.Add("CONCAT_WS(?, ?, ?, ?)", {RandomNeedle(rng), a, b, c},
+                  [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+                      return g_fun.Concat_WS(pool, (int)v.size(), v.data(), r);
+                  });
+        batch.Add("REPLACE(?, ?, ?)", {a, RandomNeedle(rng), b},
+                  [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+                      return g_fun.Replace(pool, v[0], v[1], v[2], r);
+                  });
+        // Counts stay below MariaDB's packet limit, where both must agree.
+        FunArg k = rng() % 2 ? ArgInt((long long)(rng() % 7) - 2) : ArgNull();
+        batch.Add("REPEAT(?, ?)", {a, k}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.Repeat(pool, v[0], v[1], r);
+        });
+        batch.Add("SPACE(?)", {k}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.Space(pool, v[0], r);
+        });
+        batch.Add("LPAD(?, ?, ?)", {a, n, b}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.LRPad(pool, v[0], v[1], v[2], TRUE, r);
+        });
+        batch.Add("RPAD(?, ?, ?)", {a, n, b}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.LRPad(pool, v[0], v[1], v[2], FALSE, r);
+        });
+        batch.Add("LTRIM(?)", {a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.LTrim(pool, v[0], r);
+        });
+        batch.Add("RTRIM(?)", {a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.RTrim(pool, v[0], r);
+        });
+        batch.Add("TRIM(?)", {a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.Trim(pool, v[0], r);
+        });
+        FunArg rem = RandomNeedle(rng);
+        batch.Add("TRIM(LEADING ? FROM ?)", {rem, a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.Trim(pool, v[1], v[0], TALVOR_FUN_TRIM_LEADING, r);
+        });
+        batch.Add("TRIM(TRAILING ? FROM ?)", {rem, a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.Trim(pool, v[1], v[0], TALVOR_FUN_TRIM_TRAILING, r);
+        });
+        batch.Add("TRIM(BOTH ? FROM ?)", {rem, a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.Trim(pool, v[1], v[0], TALVOR_FUN_TRIM_BOTH, r);
+        });
+        batch.Add("QUOTE(?)", {a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.Quote(pool, v[0], r);
+        });
+    }
+    batch.Check(Deliberate);
+}
+
+TEST(FunText, MeasuresAndSearchesAgreeOnCharactersAndPositions)
+{
+    std::mt19937 rng(24);
+    FunBatch batch;
+    for (int i = 0; i < 200; ++i) {
+        FunArg a = RandomTextArg(rng), needle = RandomNeedle(rng), p = RandomCountArg(rng);
+        batch.Add("LENGTH(?)", {a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.Length(pool, v[0], r);
+        });
+        batch.Add("CHAR_LENGTH(?)", {a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.CharLength(pool, v[0], r);
+        });
+        batch.Add("BIT_LENGTH(?)", {a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.Bit_Length(pool, v[0], r);
+        });
+        batch.Add("ASCII(?)", {a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.AsciiOrd(pool, v[0], FALSE, r);
+        });
+        batch.Add("ORD(?)", {a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.AsciiOrd(pool, v[0], TRUE, r);
+        });
+        batch.Add("INSTR(" FOLD ", " FOLD ")", {a, needle}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.InStr(pool, v[0], v[1], r);
+        });
+        batch.Add("LOCATE(" FOLD ", " FOLD ")", {needle, a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.Locate(pool, v[0], v[1], r);
+        });
+        batch.Add("LOCATE(" FOLD ", " FOLD ", ?)", {needle, a, p}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.Locate(pool, v[0], v[1], v[2], r);
+        });
+        batch.Add("POSITION(" FOLD " IN " FOLD ")", {needle, a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.Position(pool, v[0], v[1], r);
+        });
+        batch.Add("STRCMP(" FOLD ", " FOLD ")", {a, RandomTextArg(rng)}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v,
+                                                            VARDATA& r) { return g_fun.TalvorStrCmp(pool, v[0], v[1], r); });
+        batch.Add("FIND_IN_SET(" FOLD ", " FOLD ")", {needle, a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.Find_In_Set(pool, v[0], v[1], r);
+        });
+    }
+    batch.Check(Deliberate);
+}
+
+TEST(FunText, ListsAndSetsPickTheMembersTheBitsName)
+{
+    std::mt19937 rng(25);
+    FunBatch batch;
+    auto variadic = [](int (CBaseFunManager::*pfn)(CTalvorBufferPool*, int, st_VARDATA*, VARDATA&)) {
+        return [pfn](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return (g_fun.*pfn)(pool, (int)v.size(), v.data(), r);
+        };
+    };
+    for (int i = 0; i < 200; ++i) {
+        FunArg bits = rng() % 10 == 0 ? ArgNull() : ArgInt(rng() % 3 == 0 ? -(long long)(rng() % 9) : rng() % 300);
+        FunArg a = RandomTextArg(rng), b = RandomTextArg(rng), c = RandomTextArg(rng);
+        batch.Add("MAKE_SET(?, ?, ?, ?)", {bits, a, b, c}, variadic(&CBaseFunManager::Make_Set));
+        batch.Add("EXPORT_SET(?, ?, ?)", {bits, a, b}, variadic(&CBaseFunManager::Export_Set));
+        batch.Add("EXPORT_SET(?, ?, ?, ?, ?)", {bits, a, b, RandomNeedle(rng), RandomCountArg(rng)},
+                  variadic(&CBaseFunManager::Export_Set));
+        batch.Add("ELT(?, ?, ?, ?)", {RandomCountArg(rng), a, b, c}, variadic(&CBaseFunManager::Elt));
+        FunArg key = rng() % 2 ? a : (rng() % 2 ? b : RandomTextArg(rng));
+        batch.Add("FIELD(" FOLD ", " FOLD ", " FOLD ", " FOLD ")", {key, a, b, c}, variadic(&CBaseFunManager::TalvorField));
+        FunArg n1 = ArgInt(rng() % 5), n2 = ArgInt(rng() % 5);
+        batch.Add("FIELD(?, ?, ?)", {n1, n2, ArgInt(rng() % 5)}, variadic(&CBaseFunManager::TalvorField));
+        batch.Add("HEX(CHAR(?, ?))", {RandomCountArg(rng), ArgInt((long long)(rng() % 70000))},
+                  [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+                      VARDATA c;
+                      c.Init();
+                      int n = g_fun.TalvorChar(pool, 2, v.data(), c);
+                      return n != 0 ? n : g_fun.Hex(pool, c, r);
+                  });
+    }
+    batch.Check(Deliberate);
+}
+
+TEST(FunText, ExtractValueTakesTheDirectTextOfEveryMatch)
+{
+    FunBatch batch;
+    const std::string doc = "<a>x<b>b1</b>y<c><b>b2</b></c><b>b3<d>no</d></b></a>";
+    for (const char* path : {"/a", "/a/b", "//b", "/a/c/b", "/a/*", "/a/b/text()", "/z", "//d", "/a/c"}) {
+        batch.Add("EXTRACTVALUE(?, ?)", {ArgText(doc), ArgText(path)},
+                  [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+                      return g_fun.Xml_Extract(pool, v[0], v[1], r);
+                  });
+    }
+    batch.Add("EXTRACTVALUE(?, ?)", {ArgNull(), ArgText("/a")},
+              [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+                  return g_fun.Xml_Extract(pool, v[0], v[1], r);
+              });
+    batch.Check(Deliberate);
+}
+
+// Growing results are bounded before anything is allocated: one byte past
+// the bound is NULL, the bound itself is the text.
+TEST(FunText, GrowingResultsAboveTheBoundAreNullNotAllocated)
+{
+    CTalvorBufferPool pool;
+    VARDATA n, s, r;
+    n.Init();
+    s.Init();
+    r.Init();
+    n.SetData((long long)TALVOR_FUN_MAX_RESULT);
+    ASSERT_EQ(g_fun.Space(&pool, n, r), 0);
+    ASSERT_EQ(Val(r.m_vt), TALVOR_VT_TEXT);
+    EXPECT_EQ(Val(r.m_nStrLen), TALVOR_FUN_MAX_RESULT);
+    EXPECT_EQ(r.m_lpszValue[TALVOR_FUN_MAX_RESULT - 1], ' ');
+    n.SetData((long long)TALVOR_FUN_MAX_RESULT + 1);
+    ASSERT_EQ(g_fun.Space(&pool, n, r), 0);
+    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+    n.SetData(9223372036854775807LL);
+    ASSERT_EQ(g_fun.Space(&pool, n, r), 0);
+    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+
+    char ab[] = "ab";
+    s.AttachString(ab, 2, TALVOR_VT_TEXT);
+    n.SetData((long long)TALVOR_FUN_MAX_RESULT / 2);
+    ASSERT_EQ(g_fun.Repeat(&pool, s, n, r), 0);
+    EXPECT_EQ(Val(r.m_nStrLen), TALVOR_FUN_MAX_RESULT);
+    n.SetData((long long)TALVOR_FUN_MAX_RESULT / 2 + 1);
+    ASSERT_EQ(g_fun.Repeat(&pool, s, n, r), 0);
+    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+    n.SetData(4611686018427387904LL);  // times 2 bytes wraps 64 bits
+    ASSERT_EQ(g_fun.Repeat(&pool, s, n, r), 0);
+    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+    n.SetData(2147483647LL);
+    ASSERT_EQ(g_fun.LRPad(&pool, s, n, s, TRUE, r), 0);
+    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+}
+
+// A pool that gives nothing is reported, never written through.
+TEST(FunText, NoMemoryIsReportedAndLeavesNull)
+{
+    VARDATA a, r;
+    a.Init();
+    r.Init();
+    char sz[] = "abc";
+    a.AttachString(sz, 3, TALVOR_VT_TEXT);
+    EXPECT_EQ(g_fun.Reverse(nullptr, a, r), TALVOR_VARDATA_NO_MEMORY);
+    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+}
