@@ -9,8 +9,14 @@ using namespace talvorfun;
 
 namespace {
 
-// Whether a condition counts as true: NULL and false alike do not.
-bool IsTrueArg(const VARDATA& v) { return v.IsTrue() == TALVOR_TRUE; }
+// Whether a condition counts as true: NULL and false alike do not. Text
+// counts by the number it stands for, as the SQL condition reads it ('abc'
+// is 0), not by its length.
+bool IsTrueArg(const VARDATA& v)
+{
+    if (talvorvar::IsTextType(v.m_vt)) return v.GetCompatibleDouble() != 0;
+    return v.IsTrue() == TALVOR_TRUE;
+}
 
 // The text order of the compare functions.
 int CompareAsText(const VARDATA& a, const VARDATA& b)
@@ -63,7 +69,7 @@ int PickExtreme(CTalvorBufferPool* pool, int nCount, st_VARDATA* args, int nSign
         if (nRet != 0) return nRet;
         if (n * nSign > 0) nBest = i;
     }
-    if (args[nBest].m_vt == bType || talvorvar::IsTextType(bType) == talvorvar::IsTextType(args[nBest].m_vt))
+    if (args[nBest].m_vt == bType || (talvorvar::IsTextType(bType) && talvorvar::IsTextType(args[nBest].m_vt)))
         return CopyResult(pool, args[nBest], result);
     int nRet = args[nBest].GetCompatibleValue(pool, bType, result);
     if (nRet != 0) result.SetNull();

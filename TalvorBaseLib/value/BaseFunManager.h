@@ -185,7 +185,8 @@ public:
     int IsNull(CTalvorBufferPool* pool, VARDATA& a, VARDATA& result);
     // The first argument that is not NULL; all NULL gives NULL.
     int Coalesce(CTalvorBufferPool* pool, int nCount, st_VARDATA* args, VARDATA& result);
-    // a when cond is true, else b (false and NULL alike).
+    // a when cond is true, else b (false and NULL alike); a text condition
+    // is true when the number it stands for is not 0.
     int If(CTalvorBufferPool* pool, VARDATA& cond, VARDATA& a, VARDATA& b, VARDATA& result);
     // CASE: with bHasValue, args[0] is compared with each WHEN; then pairs
     // WHEN, THEN; an odd one left at the end is the ELSE. No match and no

@@ -21,7 +21,7 @@ namespace talvortest {
 
 // One argument, as SQL text and as a typed value.
 struct FunArg {
-    enum Kind { kNull, kInt, kText, kDecimal, kBinary };
+    enum Kind { kNull, kInt, kText, kDecimal, kBinary, kTextBin };
     Kind nKind = kNull;
     long long ll = 0;
     std::string str;  // text bytes, or the decimal's digits
@@ -33,6 +33,7 @@ struct FunArg {
         case kInt: return std::to_string(ll);
         case kDecimal: return str;
         case kBinary: return "BINARY " + SqlHexLiteral(str);
+        case kTextBin: return "(_utf8mb4 " + SqlHexLiteral(str) + " COLLATE utf8mb4_bin)";
         default:
             // A hexadecimal literal is binary to the server: convert it so
             // that the text functions count characters, not bytes.
@@ -57,6 +58,8 @@ inline FunArg ArgNull() { return FunArg{}; }
 inline FunArg ArgInt(long long ll) { FunArg a; a.nKind = FunArg::kInt; a.ll = ll; return a; }
 inline FunArg ArgText(const std::string& s) { FunArg a; a.nKind = FunArg::kText; a.str = s; return a; }
 inline FunArg ArgDec(const std::string& s) { FunArg a; a.nKind = FunArg::kDecimal; a.str = s; return a; }
+// Text the server compares by its bytes (binary collation).
+inline FunArg ArgTextBin(const std::string& s) { FunArg a; a.nKind = FunArg::kTextBin; a.str = s; return a; }
 inline FunArg ArgBin(const std::string& s) { FunArg a; a.nKind = FunArg::kBinary; a.str = s; return a; }
 
 // The text the client shows for a result value; bNull for SQL NULL.
