@@ -282,3 +282,71 @@ TEST(FunText, NoMemoryIsReportedAndLeavesNull)
     EXPECT_EQ(g_fun.Reverse(nullptr, a, r), TALVOR_VARDATA_NO_MEMORY);
     EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
 }
+
+// NULL in gives NULL out: a NULL at any one place, every other argument a
+// plain value. The members about NULL (QUOTE, the list members that skip
+// NULLs, FIELD, CHAR) are left to the generated cases above.
+TEST(FunText, ANullAtAnyPlaceGivesNull)
+{
+    using Fn = std::function<int(CTalvorBufferPool*, VARDATA*, VARDATA&)>;
+    struct Member {
+        const char* lpszName;
+        int nArgs;
+        Fn fn;
+    };
+    const std::vector<Member> members = {
+        {"CONCAT", 3, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Concat(p, 3, a, r); }},
+        {"SUBSTRING", 3, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.SubString(p, a[0], a[1], a[2], r); }},
+        {"SUBSTRING2", 2, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.SubString(p, a[0], a[1], r); }},
+        {"SUBSTRING_INDEX", 3, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.SubString_Index(p, a[0], a[1], a[2], r); }},
+        {"LEFT", 2, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Left(p, a[0], a[1], r); }},
+        {"RIGHT", 2, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Right(p, a[0], a[1], r); }},
+        {"REPLACE", 3, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Replace(p, a[0], a[1], a[2], r); }},
+        {"INSERT", 4, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Insert(p, a[0], a[1], a[2], a[3], r); }},
+        {"REVERSE", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Reverse(p, a[0], r); }},
+        {"REPEAT", 2, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Repeat(p, a[0], a[1], r); }},
+        {"SPACE", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Space(p, a[0], r); }},
+        {"LTRIM", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.LTrim(p, a[0], r); }},
+        {"RTRIM", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.RTrim(p, a[0], r); }},
+        {"TRIM", 2, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Trim(p, a[0], a[1], TALVOR_FUN_TRIM_BOTH, r); }},
+        {"LPAD", 3, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.LRPad(p, a[0], a[1], a[2], TRUE, r); }},
+        {"LENGTH", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Length(p, a[0], r); }},
+        {"CHAR_LENGTH", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.CharLength(p, a[0], r); }},
+        {"BIT_LENGTH", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Bit_Length(p, a[0], r); }},
+        {"ORD", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.AsciiOrd(p, a[0], TRUE, r); }},
+        {"STRCMP", 2, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.TalvorStrCmp(p, a[0], a[1], r); }},
+        {"FIND_IN_SET", 2, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Find_In_Set(p, a[0], a[1], r); }},
+        {"EXPORT_SET", 5, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Export_Set(p, 5, a, r); }},
+        {"INSTR", 2, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.InStr(p, a[0], a[1], r); }},
+        {"LOCATE", 3, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Locate(p, a[0], a[1], a[2], r); }},
+        {"EXTRACTVALUE", 2, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Xml_Extract(p, a[0], a[1], r); }},
+        {"BIN", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Bin(p, a[0], r); }},
+        {"OCT", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Oct(p, a[0], r); }},
+        {"HEX", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Hex(p, a[0], r); }},
+        {"UNHEX", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.UnHex(p, a[0], r); }},
+        {"CONV", 3, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Conv(p, a[0], a[1], a[2], r); }},
+        {"FORMAT", 2, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Format(p, a[0], a[1], r); }},
+        {"MD5", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Md5(p, a[0], r); }},
+        {"CRC32", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.CRC32(p, a[0], r); }},
+        {"INET_ATON", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Inet_aton(p, a[0], r); }},
+        {"INET_NTOA", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Inet_ntoa(p, a[0], r); }},
+        {"GREATEST", 3, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Greatest(p, 3, a, r); }},
+        {"CONVERT", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.ConvertOrCast(p, a[0], TALVOR_VT_BIGINT, nullptr, r); }},
+    };
+    CTalvorBufferPool pool;
+    char szText[] = "10";  // a number, a count and a text all at once
+    for (const Member& m : members) {
+        for (int nNull = 0; nNull < m.nArgs; ++nNull) {
+            VARDATA args[5], r;
+            for (int i = 0; i < m.nArgs; ++i) {
+                args[i].Init();
+                if (i == nNull) args[i].SetNull();
+                else args[i].AttachString(szText, 2, TALVOR_VT_TEXT);
+            }
+            r.Init();
+            r.SetData(7);
+            EXPECT_EQ(m.fn(&pool, args, r), 0) << m.lpszName;
+            EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL) << m.lpszName << " with NULL at " << nNull;
+        }
+    }
+}
