@@ -85,7 +85,7 @@ int CBaseFunManager::Nvl(CTalvorBufferPool* pool, VARDATA& a, VARDATA& b, VARDAT
 
 int CBaseFunManager::IfNull(CTalvorBufferPool* pool, VARDATA& a, VARDATA& b, VARDATA& result)
 {
-    return Nvl(pool, a, b, result);
+    return CopyResult(pool, IsNullArg(a) ? b : a, result);
 }
 
 int CBaseFunManager::Nvl2(CTalvorBufferPool* pool, VARDATA& a, VARDATA& b, VARDATA& c, VARDATA& result)

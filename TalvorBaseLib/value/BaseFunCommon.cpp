@@ -9,7 +9,7 @@ namespace talvorfun {
 
 using namespace talvorvar;
 
-void ReadText(const VARDATA& v, TextView& t)
+void ReadOtherText(const VARDATA& v, TextView& t)
 {
     t.p = "";
     t.n = 0;
@@ -34,13 +34,15 @@ void ReadText(const VARDATA& v, TextView& t)
 int NewText(CTalvorBufferPool* pool, long long nLen, VARDATA& result, char*& lpOut, BYTE bType)
 {
     lpOut = nullptr;
-    result.SetNull();
+    ResetResult(result, TALVOR_VT_NULL);
     if (nLen < 0 || nLen > TALVOR_FUN_MAX_RESULT) return 0;
     LPBYTE p = pool == nullptr ? nullptr : pool->AllocBuffer((UINT)nLen + 1);
     if (p == nullptr) return TALVOR_VARDATA_NO_MEMORY;
     p[nLen] = 0;
     lpOut = (char*)p;
-    result.AttachString(lpOut, (int)nLen, bType);
+    result.m_vt = bType;
+    result.m_lpszValue = lpOut;
+    result.m_nStrLen = (int)nLen;
     return 0;
 }
 
@@ -52,40 +54,12 @@ int SetText(CTalvorBufferPool* pool, const char* p, long long nLen, VARDATA& res
     return nRet;
 }
 
-int SetInt(VARDATA& result, long long ll)
+int CopyText(CTalvorBufferPool* pool, const VARDATA& src, VARDATA& result)
 {
-    result.SetData(ll);
-    return 0;
-}
-
-int SetNullResult(VARDATA& result)
-{
-    result.SetNull();
-    return 0;
-}
-
-int CopyResult(CTalvorBufferPool* pool, const VARDATA& src, VARDATA& result)
-{
-    if (&src == &result) return 0;
-    if (IsVoid(src.m_vt)) {
-        result.SetNull();
-        return 0;
-    }
-    if (IsTextType(src.m_vt)) {
-        // A copy keeps binary bytes whole and never owns its text.
-        TextView t;
-        ReadText(src, t);
-        BYTE bType = src.m_vt == TALVOR_VT_BINARY || src.m_vt == TALVOR_VT_HEX ? TALVOR_VT_BINARY : TALVOR_VT_TEXT;
-        return SetText(pool, t.p, t.n, result, bType);
-    }
-    return result.SetData(pool, src);
-}
-
-int CharCount(const char* p, int nLen)
-{
-    int nChars = 0;
-    for (int i = 0; i < nLen; i += CharBytes((unsigned char)p[i])) ++nChars;
-    return nChars;
+    TextView t;
+    ReadText(src, t);
+    BYTE bType = src.m_vt == TALVOR_VT_BINARY || src.m_vt == TALVOR_VT_HEX ? TALVOR_VT_BINARY : TALVOR_VT_TEXT;
+    return SetText(pool, t.p, t.n, result, bType);
 }
 
 int CharOffset(const char* p, int nLen, long long nChars)
@@ -133,11 +107,41 @@ int CompareText(const TextView& a, const TextView& b, bool bPadSpace)
     return 0;
 }
 
+namespace {
+
+// Below this many bytes a candidate is looked for byte by byte.
+const int kShortScan = 64;
+
+// The first byte at or after p of nLen that is ch or, for a letter, its
+// other case: memchr for each, the second bounded by the first's find.
+const char* FindFirstByte(const char* p, int nLen, unsigned char ch)
+{
+    if (nLen < kShortScan) {
+        // Short texts, the common case: one pass beats two library calls.
+        unsigned char bFold = ch >= 'a' && ch <= 'z' ? 0x20 : 0;
+        for (int i = 0; i < nLen; ++i)
+            if (((unsigned char)p[i] | bFold) == ch) return p + i;
+        return nullptr;
+    }
+    const char* q = (const char*)memchr(p, ch, (size_t)nLen);
+    if (ch < 'a' || ch > 'z') return q;
+    int nUpTo = q == nullptr ? nLen : (int)(q - p);
+    const char* r = (const char*)memchr(p, ch - ('a' - 'A'), (size_t)nUpTo);
+    return r != nullptr ? r : q;
+}
+
+} // namespace
+
 int FindNoCase(const char* p, int nLen, const char* lpSub, int nSubLen, int nFrom)
 {
     if (nSubLen == 0) return nFrom <= nLen ? nFrom : -1;
-    for (int i = nFrom; i + nSubLen <= nLen; i += CharBytes((unsigned char)p[i])) {
-        int k = 0;
+    unsigned char bFirst = Folded(lpSub[0]);
+    for (int i = nFrom; i + nSubLen <= nLen; ++i) {
+        const char* q = FindFirstByte(p + i, nLen - nSubLen + 1 - i, bFirst);
+        if (q == nullptr) return -1;
+        i = (int)(q - p);
+        if (((unsigned char)p[i] & 0xC0) == 0x80) continue;
+        int k = 1;
         while (k < nSubLen && Folded(p[i + k]) == Folded(lpSub[k])) ++k;
         if (k == nSubLen) return i;
     }

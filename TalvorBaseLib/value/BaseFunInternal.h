@@ -5,25 +5,58 @@
 #include "BaseFunManager.h"
 #include "TalvorVarDataInternal.h"
 
+#include <cstddef>
+#include <cstring>
+
 namespace talvorfun {
 
 // Room for the text form of any number or date (see kNumberTextBytes).
 constexpr int kScratchBytes = talvorvar::kNumberTextBytes;
 
 // A value read as text: straight from a text value, or printed into sz.
+// Left unset until ReadText fills it: arrays of them cost nothing to make.
 struct TextView {
-    const char* p = "";
-    int n = 0;
+    const char* p;
+    int n;
     char sz[kScratchBytes];
 };
 
 // NULL, a marker or an unset value: the function answers NULL.
 inline bool IsNullArg(const VARDATA& v) { return talvorvar::IsVoid(v.m_vt); }
 
+// The text form of v into t for a value that is no plain text.
+void ReadOtherText(const VARDATA& v, TextView& t);
+
 // The text form of v into t: text (trailing NUL bytes of a record form cut)
 // and binary as they are, numbers and dates printed, doubles without
-// trailing zeros. NULL reads as the empty text.
-void ReadText(const VARDATA& v, TextView& t);
+// trailing zeros. NULL reads as the empty text. Inline: every text member
+// reads its arguments through it, once per row.
+inline void ReadText(const VARDATA& v, TextView& t)
+{
+    if (v.m_vt == TALVOR_VT_TEXT || v.m_vt == TALVOR_VT_VARTEXT) {
+        int n = v.m_nStrLen;
+        const char* p = v.m_lpszValue;
+        if (p == nullptr || n <= 0) {
+            t.p = "";
+            t.n = 0;
+            return;
+        }
+        while (n > 0 && p[n - 1] == 0) --n;
+        t.p = p;
+        t.n = n;
+        return;
+    }
+    ReadOtherText(v, t);
+}
+
+// Makes result a value of bType with its union cleared, after owned text
+// (which a result should never hold) is given back.
+inline void ResetResult(VARDATA& result, BYTE bType)
+{
+    if (result.m_bAutoRelease != 0 && talvorvar::MayOwn(result.m_vt)) result.Free();
+    memset(&result.m_bSign, 0, sizeof(st_VARDATA) - offsetof(st_VARDATA, m_bSign) - sizeof(int));
+    result.m_vt = bType;
+}
 
 // Room for a text result of nLen bytes and a NUL in the pool, attached to
 // result as type bType, not owned. Result: 0 with lpOut set; 0 with lpOut
@@ -35,10 +68,41 @@ int NewText(CTalvorBufferPool* pool, long long nLen, VARDATA& result, char*& lpO
 int SetText(CTalvorBufferPool* pool, const char* p, long long nLen, VARDATA& result,
             BYTE bType = TALVOR_VT_TEXT);
 // result as 64-bit integer / NULL. Result: 0.
-int SetInt(VARDATA& result, long long ll);
-int SetNullResult(VARDATA& result);
-// A deep copy of src into result, text into the pool.
-int CopyResult(CTalvorBufferPool* pool, const VARDATA& src, VARDATA& result);
+inline int SetInt(VARDATA& result, long long ll)
+{
+    ResetResult(result, TALVOR_VT_BIGINT);
+    result.m_llValue = ll;
+    return 0;
+}
+inline int SetNullResult(VARDATA& result)
+{
+    ResetResult(result, TALVOR_VT_NULL);
+    return 0;
+}
+// A copy of the text or binary src into result, in the pool.
+int CopyText(CTalvorBufferPool* pool, const VARDATA& src, VARDATA& result);
+
+// A deep copy of src into result, text into the pool, never owned.
+inline int CopyResult(CTalvorBufferPool* pool, const VARDATA& src, VARDATA& result)
+{
+    if (&src == &result) return 0;
+    if (talvorvar::IsVoid(src.m_vt)) {
+        ResetResult(result, TALVOR_VT_NULL);
+        return 0;
+    }
+    if (talvorvar::IsTextType(src.m_vt)) return CopyText(pool, src, result);
+    // Numbers and dates own nothing: their bytes are the copy, moved in the
+    // widths the fields are read with.
+    if (result.m_bAutoRelease != 0 && talvorvar::MayOwn(result.m_vt)) result.Free();
+    char* lpTo = (char*)&result;
+    const char* lpFrom = (const char*)&src;
+    const size_t nValue = offsetof(st_VARDATA, m_arDecimalData);
+    result.m_vt = src.m_vt;
+    memcpy(lpTo + offsetof(st_VARDATA, m_bSign), lpFrom + offsetof(st_VARDATA, m_bSign), nValue - 4);
+    memcpy(lpTo + nValue, lpFrom + nValue, 8);
+    memcpy(lpTo + nValue + 8, lpFrom + nValue + 8, 8);
+    return 0;
+}
 
 // Bytes of the UTF-8 character that starts with lead byte b (1 for a stray
 // continuation byte, so that every byte belongs to one character).
@@ -49,8 +113,13 @@ inline int CharBytes(unsigned char b)
     if (b < 0xF0) return 3;
     return 4;
 }
-// Characters of nLen bytes.
-int CharCount(const char* p, int nLen);
+// Characters of nLen bytes: the bytes that are no continuation byte.
+inline int CharCount(const char* p, int nLen)
+{
+    int nChars = 0;
+    for (int i = 0; i < nLen; ++i) nChars += ((unsigned char)p[i] & 0xC0) != 0x80;
+    return nChars;
+}
 // Byte offset of the character nChars characters in (nLen at most).
 int CharOffset(const char* p, int nLen, long long nChars);
 // Byte offset of the first occurrence of sub at or after nFrom, or -1.

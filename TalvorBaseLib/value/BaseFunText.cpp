@@ -9,6 +9,9 @@ using namespace talvorfun;
 
 namespace {
 
+// Arguments of CONCAT kept read between its two passes.
+const int kConcatViews = 4;
+
 // A count from a value, kept within what a result could ever hold so that
 // later arithmetic on it cannot overflow.
 long long CountOf(const VARDATA& v)
@@ -88,19 +91,24 @@ bool AnyNull(int nCount, const st_VARDATA* args)
 int CBaseFunManager::Concat(CTalvorBufferPool* pool, int nCount, st_VARDATA* args, VARDATA& result)
 {
     if (nCount < 1 || args == nullptr || AnyNull(nCount, args)) return SetNullResult(result);
+    // The common few arguments are read once; more are read twice.
+    TextView views[kConcatViews];
     long long nTotal = 0;
-    TextView t;
     for (int i = 0; i < nCount; ++i) {
-        ReadText(args[i], t);
-        nTotal += t.n;
+        TextView t;
+        TextView& v = i < kConcatViews ? views[i] : t;
+        ReadText(args[i], v);
+        nTotal += v.n;
         if (nTotal > TALVOR_FUN_MAX_RESULT) return SetNullResult(result);
     }
     char* lpOut = nullptr;
     int nRet = NewText(pool, nTotal, result, lpOut);
     for (int i = 0; lpOut != nullptr && i < nCount; ++i) {
-        ReadText(args[i], t);
-        memcpy(lpOut, t.p, (size_t)t.n);
-        lpOut += t.n;
+        TextView t;
+        if (i >= kConcatViews) ReadText(args[i], t);
+        const TextView& v = i < kConcatViews ? views[i] : t;
+        memcpy(lpOut, v.p, (size_t)v.n);
+        lpOut += v.n;
     }
     return nRet;
 }

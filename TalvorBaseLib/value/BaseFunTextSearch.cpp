@@ -26,7 +26,7 @@ int LocateCore(VARDATA& sub, VARDATA& str, long long nPos, VARDATA& result)
     TextView t, s;
     ReadText(str, t);
     ReadText(sub, s);
-    if (nPos - 1 > CharCount(t.p, t.n)) return SetInt(result, 0);
+    if (nPos > 1 && nPos - 1 > CharCount(t.p, t.n)) return SetInt(result, 0);
     return SetInt(result, LocateFrom(t, s, nPos - 1));
 }
 
