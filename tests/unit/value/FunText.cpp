@@ -14,6 +14,8 @@
 // | REPLACE(s, '', NULL)                   | NULL        | s                   | NULL in gives NULL out                |
 // | LOCATE('', s, pos) for pos > 1         | the char    | a byte offset + 1,  | positions count characters            |
 // |                                        | position    | or 0                |                                       |
+// | a double as text (CONCAT(1e20))        | "%f" form,  | shortest form, with | the typed value's text form; numbers  |
+// |                                        | zeros cut   | an exponent         | below are integers and decimals       |
 #include "FunReference.h"
 #include "PackedValue.h"
 
@@ -92,7 +94,9 @@ TEST(FunText, JoinsRepeatsAndPadsKeepEveryByte)
     for (int i = 0; i < 200; ++i) {
         FunArg a = RandomTextArg(rng), b = RandomTextArg(rng), c = RandomTextArg(rng);
         FunArg n = rng() % 2 ? ArgInt((long long)(rng() % 30) - 3) : RandomCountArg(rng);
-        batch.Add("CONCAT(?, ?, ?)", {a, b, c}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        static const char* kDecimals[] = {"1.50", "-0.001", "123456789012.000000001", "0.0"};
+        FunArg d = rng() % 3 == 0 ? ArgDec(kDecimals[rng() % 4]) : ArgInt(RandomCount(rng));
+        batch.Add("CONCAT(?, ?, ?)", {a, d, c}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
             return g_fun.Concat(pool, (int)v.size(), v.data(), r);
         });
         batch.Add("CONCAT_WS(?, ?, ?, ?)", {RandomNeedle(rng), a, b, c},
