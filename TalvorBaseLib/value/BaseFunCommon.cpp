@@ -13,6 +13,7 @@ void ReadOtherText(const VARDATA& v, TextView& t)
 {
     t.p = "";
     t.n = 0;
+    t.bBytes = v.m_vt == TALVOR_VT_BINARY || v.m_vt == TALVOR_VT_HEX;
     if (IsVoid(v.m_vt)) return;
     if (v.m_vt == TALVOR_VT_BINARY || v.m_vt == TALVOR_VT_HEX) {
         // Binary bytes may end in NUL bytes that are data, not a terminator.

@@ -18,6 +18,7 @@ constexpr int kScratchBytes = talvorvar::kNumberTextBytes;
 struct TextView {
     const char* p;
     int n;
+    bool bBytes;  // binary: a character is a byte, and letters do not fold
     char sz[kScratchBytes];
 };
 
@@ -36,6 +37,7 @@ inline void ReadText(const VARDATA& v, TextView& t)
     if (v.m_vt == TALVOR_VT_TEXT || v.m_vt == TALVOR_VT_VARTEXT) {
         int n = v.m_nStrLen;
         const char* p = v.m_lpszValue;
+        t.bBytes = false;
         if (p == nullptr || n <= 0) {
             t.p = "";
             t.n = 0;
@@ -122,6 +124,21 @@ inline int CharCount(const char* p, int nLen)
 }
 // Byte offset of the character nChars characters in (nLen at most).
 int CharOffset(const char* p, int nLen, long long nChars);
+// The same on a text read by ReadText, binary text by bytes.
+inline int Chars(const TextView& t) { return t.bBytes ? t.n : CharCount(t.p, t.n); }
+// Characters in the first nByte bytes.
+inline int CharsBefore(const TextView& t, int nByte) { return t.bBytes ? nByte : CharCount(t.p, nByte); }
+// Byte offset nChars characters on from byte nFrom (t.n at most).
+inline int OffsetAfter(const TextView& t, int nFrom, long long nChars)
+{
+    if (t.bBytes) return nChars >= t.n - nFrom ? t.n : nFrom + (int)nChars;
+    return nFrom + CharOffset(t.p + nFrom, t.n - nFrom, nChars);
+}
+// The type of a result cut from t: binary stays binary.
+inline BYTE ResultTypeOf(const TextView& t) { return t.bBytes ? TALVOR_VT_BINARY : TALVOR_VT_TEXT; }
+// Bytes of the character at byte i.
+inline int CharAt(const TextView& t, int i) { return t.bBytes ? 1 : CharBytes((unsigned char)t.p[i]); }
+
 // Byte offset of the first occurrence of sub at or after nFrom, or -1.
 int FindBytes(const char* p, int nLen, const char* lpSub, int nSubLen, int nFrom);
 

@@ -26,9 +26,9 @@ long long CountOf(const VARDATA& v)
 // The characters [nFromChar, nFromChar + nChars) of t as the result.
 int CharSlice(CTalvorBufferPool* pool, const TextView& t, long long nFromChar, long long nChars, VARDATA& result)
 {
-    int nStart = CharOffset(t.p, t.n, nFromChar);
-    int nEnd = nStart + CharOffset(t.p + nStart, t.n - nStart, nChars);
-    return SetText(pool, t.p + nStart, nEnd - nStart, result);
+    int nStart = OffsetAfter(t, 0, nFromChar);
+    int nEnd = OffsetAfter(t, nStart, nChars);
+    return SetText(pool, t.p + nStart, nEnd - nStart, result, ResultTypeOf(t));
 }
 
 // SUBSTRING's start: a zero-based character index, or -1 for none.
@@ -36,7 +36,7 @@ long long SubStart(const TextView& t, long long nPos)
 {
     if (nPos == 0) return -1;
     if (nPos > 0) return nPos - 1;
-    long long nChars = CharCount(t.p, t.n);
+    long long nChars = Chars(t);
     return nChars + nPos >= 0 ? nChars + nPos : -1;
 }
 
@@ -52,9 +52,9 @@ int SubStringCore(CTalvorBufferPool* pool, VARDATA& str, long long nPos, long lo
 // Bytes of the pad result of nChars characters made of pad repeated.
 long long PadBytes(const TextView& pad, long long nChars)
 {
-    int nPadChars = CharCount(pad.p, pad.n);
+    int nPadChars = Chars(pad);
     long long nWhole = nChars / nPadChars;
-    return nWhole * pad.n + CharOffset(pad.p, pad.n, nChars % nPadChars);
+    return nWhole * pad.n + OffsetAfter(pad, 0, nChars % nPadChars);
 }
 
 char* FillPad(char* lpOut, const TextView& pad, long long nBytes)
@@ -197,7 +197,7 @@ int CBaseFunManager::Right(CTalvorBufferPool* pool, VARDATA& str, VARDATA& n, VA
     if (IsNullArg(str) || IsNullArg(n)) return SetNullResult(result);
     TextView t;
     ReadText(str, t);
-    long long nChars = CountOf(n), nHave = CharCount(t.p, t.n);
+    long long nChars = CountOf(n), nHave = Chars(t);
     if (nChars <= 0) return SetText(pool, "", 0, result);
     return CharSlice(pool, t, nChars >= nHave ? 0 : nHave - nChars, nChars, result);
 }
@@ -251,10 +251,10 @@ int CBaseFunManager::Insert(CTalvorBufferPool* pool, VARDATA& str, VARDATA& pos,
     TextView t, r;
     ReadText(str, t);
     ReadText(newstr, r);
-    long long nPos = CountOf(pos), nLen = CountOf(len), nChars = CharCount(t.p, t.n);
+    long long nPos = CountOf(pos), nLen = CountOf(len), nChars = Chars(t);
     if (nPos < 1 || nPos > nChars) return SetText(pool, t.p, t.n, result);
-    int nByte = CharOffset(t.p, t.n, nPos - 1);
-    int nCut = nLen < 0 ? t.n - nByte : CharOffset(t.p + nByte, t.n - nByte, nLen);
+    int nByte = OffsetAfter(t, 0, nPos - 1);
+    int nCut = nLen < 0 ? t.n - nByte : OffsetAfter(t, nByte, nLen) - nByte;
     return string_insert(pool, t.p, t.n, nByte, nCut, r.p, r.n, result);
 }
 
@@ -264,9 +264,9 @@ int CBaseFunManager::Reverse(CTalvorBufferPool* pool, VARDATA& str, VARDATA& res
     TextView t;
     ReadText(str, t);
     char* lpOut = nullptr;
-    int nRet = NewText(pool, t.n, result, lpOut);
+    int nRet = NewText(pool, t.n, result, lpOut, ResultTypeOf(t));
     for (int i = 0; lpOut != nullptr && i < t.n;) {
-        int nChar = CharBytes((unsigned char)t.p[i]);
+        int nChar = CharAt(t, i);
         if (nChar > t.n - i) nChar = t.n - i;
         memcpy(lpOut + t.n - i - nChar, t.p + i, (size_t)nChar);
         i += nChar;
@@ -339,7 +339,7 @@ int CBaseFunManager::LRPad(CTalvorBufferPool* pool, VARDATA& str, VARDATA& len, 
     TextView t, p;
     ReadText(str, t);
     ReadText(pad, p);
-    long long nWant = len.GetCompatibleBigInt(), nHave = CharCount(t.p, t.n);
+    long long nWant = len.GetCompatibleBigInt(), nHave = Chars(t);
     if (nWant < 0) return SetNullResult(result);
     if (nWant <= nHave) return CharSlice(pool, t, 0, nWant, result);
     // A character takes a byte at least: more characters than the bound can
@@ -411,7 +411,7 @@ int CBaseFunManager::CharLength(CTalvorBufferPool*, VARDATA& str, VARDATA& resul
     if (IsNullArg(str)) return SetNullResult(result);
     TextView t;
     ReadText(str, t);
-    return SetInt(result, CharCount(t.p, t.n));
+    return SetInt(result, Chars(t));
 }
 
 int CBaseFunManager::Bit_Length(CTalvorBufferPool*, VARDATA& str, VARDATA& result)
@@ -428,7 +428,7 @@ int CBaseFunManager::AsciiOrd(CTalvorBufferPool*, VARDATA& str, BOOL bOrd, VARDA
     TextView t;
     ReadText(str, t);
     if (t.n == 0) return SetInt(result, 0);
-    int nBytes = bOrd ? CharBytes((unsigned char)t.p[0]) : 1;
+    int nBytes = bOrd ? CharAt(t, 0) : 1;
     if (nBytes > t.n) nBytes = 1;
     long long ll = 0;
     for (int i = 0; i < nBytes; ++i) ll = ll * 256 + (unsigned char)t.p[i];

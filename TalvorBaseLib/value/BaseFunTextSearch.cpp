@@ -15,9 +15,9 @@ const int kSetBits = 64;
 // (zero-based, at most the character count), 0 when absent.
 long long LocateFrom(const TextView& t, const TextView& sub, long long nFrom)
 {
-    int nByte = CharOffset(t.p, t.n, nFrom);
-    int nAt = FindNoCase(t.p, t.n, sub.p, sub.n, nByte);
-    return nAt < 0 ? 0 : CharCount(t.p, nAt) + 1;
+    int nByte = OffsetAfter(t, 0, nFrom);
+    int nAt = t.bBytes ? FindBytes(t.p, t.n, sub.p, sub.n, nByte) : FindNoCase(t.p, t.n, sub.p, sub.n, nByte);
+    return nAt < 0 ? 0 : CharsBefore(t, nAt) + 1;
 }
 
 int LocateCore(VARDATA& sub, VARDATA& str, long long nPos, VARDATA& result)
@@ -26,7 +26,9 @@ int LocateCore(VARDATA& sub, VARDATA& str, long long nPos, VARDATA& result)
     TextView t, s;
     ReadText(str, t);
     ReadText(sub, s);
-    if (nPos > 1 && nPos - 1 > CharCount(t.p, t.n)) return SetInt(result, 0);
+    // Binary on either side makes the search one of bytes.
+    t.bBytes = t.bBytes || s.bBytes;
+    if (nPos > 1 && nPos - 1 > Chars(t)) return SetInt(result, 0);
     return SetInt(result, LocateFrom(t, s, nPos - 1));
 }
 

@@ -221,6 +221,39 @@ TEST(FunText, ListsAndSetsPickTheMembersTheBitsName)
     batch.Check(Deliberate);
 }
 
+// Binary text counts bytes, not characters, and searches it without
+// folding letters: a UTF-8 character cut in two is the right answer here.
+TEST(FunText, BinaryTextCountsBytes)
+{
+    std::mt19937 rng(26);
+    FunBatch batch;
+    for (int i = 0; i < 150; ++i) {
+        FunArg b = rng() % 12 == 0 ? ArgNull() : ArgBin(RandomText(rng));
+        FunArg n = RandomCountArg(rng);
+        batch.Add("CHAR_LENGTH(?)", {b}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.CharLength(pool, v[0], r);
+        });
+        batch.Add("REVERSE(?)", {b}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.Reverse(pool, v[0], r);
+        });
+        batch.Add("SUBSTRING(?, ?, ?)", {b, RandomCountArg(rng), n},
+                  [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+                      return g_fun.SubString(pool, v[0], v[1], v[2], r);
+                  });
+        batch.Add("RIGHT(?, ?)", {b, n}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.Right(pool, v[0], v[1], r);
+        });
+        batch.Add("ORD(?)", {b}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            return g_fun.AsciiOrd(pool, v[0], TRUE, r);
+        });
+        batch.Add("LOCATE(?, ?)", {ArgBin(rng() % 2 ? "b" : "\xa9"), b},
+                  [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+                      return g_fun.Locate(pool, v[0], v[1], r);
+                  });
+    }
+    batch.Check(Deliberate);
+}
+
 TEST(FunText, ExtractValueTakesTheDirectTextOfEveryMatch)
 {
     FunBatch batch;
