@@ -223,7 +223,9 @@ public:
     int TalvorSleep(CTalvorBufferPool* pool, VARDATA& seconds, VARDATA& result);
     // The MD5 digest as 32 lower-case hexadecimal digits.
     int Md5(CTalvorBufferPool* pool, VARDATA& str, VARDATA& result);
-    // CRC-32 of the text with trailing NUL bytes cut; integer (2).
+    // CRC-32 of the text with trailing NUL bytes cut; integer (2). The first
+    // call may build the keyword singleton, which takes no lock: the process
+    // makes it at start (CTalvorKeywordParse::instance) before threads run.
     int CRC32(CTalvorBufferPool* pool, VARDATA& str, VARDATA& result);
     // Dotted IPv4 text to its number (short forms as a.b, a.b.c) and back;
     // anything else gives NULL.
