@@ -75,15 +75,19 @@ inline std::string ShownText(const VARDATA& v, bool& bNull)
     return std::string(buf.data(), (size_t)n);
 }
 
-// The server, started once per test binary and kept to its end.
+// The server, started once per test binary; the static's destructor stops
+// it and removes its tree when the binary exits.
 inline MariaDbReference& SharedMariaDb()
 {
-    static MariaDbReference* s_pDb = [] {
-        auto* p = new MariaDbReference();
-        if (!p->Start()) fprintf(stderr, "MariaDB reference: %s\n", p->Error().c_str());
-        return p;
-    }();
-    return *s_pDb;
+    struct Started {
+        MariaDbReference db;
+        Started()
+        {
+            if (!db.Start()) fprintf(stderr, "MariaDB reference: %s\n", db.Error().c_str());
+        }
+    };
+    static Started s_started;
+    return s_started.db;
 }
 
 // Our member on typed arguments: pool, arguments, result; returns its code.
