@@ -91,7 +91,9 @@ inline MariaDbReference& SharedMariaDb()
 }
 
 // Our member on typed arguments: pool, arguments, result; returns its code.
-using FunCall = std::function<int(CTalvorBufferPool*, std::vector<VARDATA>&, VARDATA&)>;
+using Pool = CTalvorBufferPool;
+using Args = std::vector<VARDATA>;
+using FunCall = std::function<int(Pool*, Args&, VARDATA&)>;
 
 // Cases gathered, then compared against the server in one batch.
 class FunBatch {

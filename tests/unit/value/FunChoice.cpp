@@ -57,7 +57,7 @@ FunArg RandomCondition(std::mt19937& rng)
 
 FunCall Variadic(int (CBaseFunManager::*pfn)(CTalvorBufferPool*, int, st_VARDATA*, VARDATA&))
 {
-    return [pfn](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+    return [pfn](Pool* pool, Args& v, VARDATA& r) {
         return (g_fun.*pfn)(pool, (int)v.size(), v.data(), r);
     };
 }
@@ -71,20 +71,20 @@ TEST(FunChoice, NullChoicesPickTheRightArgument)
     for (int i = 0; i < 300; ++i) {
         Kind k = (Kind)(rng() % 3);
         FunArg a = RandomOf(rng, k), b = RandomOf(rng, k), c = RandomOf(rng, k);
-        batch.Add("IFNULL(?, ?)", {a, b}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("IFNULL(?, ?)", {a, b}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.IfNull(pool, v[0], v[1], r);
         });
-        batch.Add("NVL(?, ?)", {a, b}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("NVL(?, ?)", {a, b}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Nvl(pool, v[0], v[1], r);
         });
-        batch.Add("NVL2(?, ?, ?)", {a, b, c}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("NVL2(?, ?, ?)", {a, b, c}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Nvl2(pool, v[0], v[1], v[2], r);
         });
         batch.Add("NULLIF(?, ?)", {a, b},
-                  [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+                  [](Pool* pool, Args& v, VARDATA& r) {
                       return g_fun.NullIf(pool, v[0], v[1], r);
                   });
-        batch.Add("ISNULL(?)", {a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("ISNULL(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.IsNull(pool, v[0], r);
         });
         batch.Add("COALESCE(?, ?, ?)", {a, b, c}, Variadic(&CBaseFunManager::Coalesce));
@@ -100,21 +100,21 @@ TEST(FunChoice, ConditionsAndCaseBranchesAgree)
         Kind k = (Kind)(rng() % 3);
         FunArg a = RandomOf(rng, k), b = RandomOf(rng, k), c = RandomOf(rng, k);
         FunArg cond = RandomCondition(rng);
-        batch.Add("IF(?, ?, ?)", {cond, a, b}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("IF(?, ?, ?)", {cond, a, b}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.If(pool, v[0], v[1], v[2], r);
         });
         batch.Add("CASE WHEN ? THEN ? WHEN ? THEN ? END", {cond, a, RandomCondition(rng), b},
-                  [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+                  [](Pool* pool, Args& v, VARDATA& r) {
                       return g_fun.CaseWhen(pool, (int)v.size(), v.data(), FALSE, r);
                   });
         batch.Add("CASE WHEN ? THEN ? ELSE ? END", {cond, a, b},
-                  [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+                  [](Pool* pool, Args& v, VARDATA& r) {
                       return g_fun.CaseWhen(pool, (int)v.size(), v.data(), FALSE, r);
                   });
         Kind kKey = k == kTexts ? kTexts : kInts;
         FunArg key = RandomOf(rng, kKey), w1 = RandomOf(rng, kKey), w2 = RandomOf(rng, kKey);
         batch.Add("CASE ? WHEN ? THEN ? WHEN ? THEN ? ELSE ? END",
-                  {key, w1, a, w2, b, c}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+                  {key, w1, a, w2, b, c}, [](Pool* pool, Args& v, VARDATA& r) {
                       return g_fun.CaseWhen(pool, (int)v.size(), v.data(), TRUE, r);
                   });
     }

@@ -62,23 +62,23 @@ TEST(FunNumberText, BasesKeepTheSignBitAndEveryDigit)
     FunBatch batch;
     for (int i = 0; i < 300; ++i) {
         FunArg n = RandomNumberArg(rng);
-        batch.Add("BIN(?)", {n}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("BIN(?)", {n}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Bin(pool, v[0], r);
         });
-        batch.Add("OCT(?)", {n}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("OCT(?)", {n}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Oct(pool, v[0], r);
         });
         // HEX of text is its bytes; of a number, the number.
-        batch.Add("HEX(?)", {n}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("HEX(?)", {n}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Hex(pool, v[0], r);
         });
         static const int kBases[] = {2, 8, 10, 16, 36, -2, -10, -16, -36, 1, 37, 0};
         FunArg from = ArgInt(kBases[rng() % 12]), to = ArgInt(kBases[rng() % 12]);
         FunArg digits = rng() % 10 == 0 ? ArgNull() : ArgText(rng() % 2 ? "-1aZ" : (rng() % 2 ? "ff" : "777"));
-        batch.Add("CONV(?, ?, ?)", {digits, from, to}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("CONV(?, ?, ?)", {digits, from, to}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Conv(pool, v[0], v[1], v[2], r);
         });
-        batch.Add("CONV(?, 10, ?)", {n, to}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("CONV(?, 10, ?)", {n, to}, [](Pool* pool, Args& v, VARDATA& r) {
             VARDATA ten;
             ten.Init();
             ten.SetData(10);
@@ -97,7 +97,7 @@ TEST(FunNumberText, UnhexTakesPairsAndRefusesOtherCharacters)
         std::string s;
         for (int k = (int)(rng() % 7); k > 0; --k) s += kDigits[rng() % 11];
         FunArg a = rng() % 12 == 0 ? ArgNull() : ArgText(s);
-        batch.Add("HEX(UNHEX(?))", {a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("HEX(UNHEX(?))", {a}, [](Pool* pool, Args& v, VARDATA& r) {
             VARDATA b;
             b.Init();
             int n = g_fun.UnHex(pool, v[0], b);
@@ -115,7 +115,7 @@ TEST(FunNumberText, FormatRoundsHalfAwayAndGroupsByThree)
         FunArg x = rng() % 2 ? ArgDec(RandomDecimal(rng)) : ArgInt(RandomNumber(rng));
         if (rng() % 12 == 0) x = ArgNull();
         FunArg d = rng() % 12 == 0 ? ArgNull() : ArgInt((long long)(rng() % 14) - 2);
-        batch.Add("FORMAT(?, ?)", {x, d}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("FORMAT(?, ?)", {x, d}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Format(pool, v[0], v[1], r);
         });
     }
@@ -135,7 +135,7 @@ TEST(FunNumberText, NumberToCharTakesItsPlacesFromTheFormat)
         FunArg x = ArgDec(RandomDecimal(rng));
         std::string strExpr = "REPLACE(FORMAT(?, " + std::to_string(kPlaces[k]) + "), ',', '')";
         const char* lpszFormat = kFormats[k];
-        batch.Add(strExpr, {x}, [lpszFormat](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add(strExpr, {x}, [lpszFormat](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.NumberToChar(pool, v[0], lpszFormat, r);
         });
     }

@@ -62,27 +62,27 @@ TEST(FunText, CutsAndSlicesCountCharactersLikeTheReference)
         // Now and then a number, which the functions take by its text form.
         FunArg s = rng() % 6 == 0 ? ArgInt(RandomCount(rng)) : RandomTextArg(rng);
         FunArg p = RandomCountArg(rng), n = RandomCountArg(rng);
-        batch.Add("SUBSTRING(?, ?)", {s, p}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& a, VARDATA& r) {
+        batch.Add("SUBSTRING(?, ?)", {s, p}, [](Pool* pool, Args& a, VARDATA& r) {
             return g_fun.SubString(pool, a[0], a[1], r);
         });
-        batch.Add("SUBSTRING(?, ?, ?)", {s, p, n}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& a, VARDATA& r) {
+        batch.Add("SUBSTRING(?, ?, ?)", {s, p, n}, [](Pool* pool, Args& a, VARDATA& r) {
             return g_fun.SubString(pool, a[0], a[1], a[2], r);
         });
-        batch.Add("LEFT(?, ?)", {s, n}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& a, VARDATA& r) {
+        batch.Add("LEFT(?, ?)", {s, n}, [](Pool* pool, Args& a, VARDATA& r) {
             return g_fun.Left(pool, a[0], a[1], r);
         });
-        batch.Add("RIGHT(?, ?)", {s, n}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& a, VARDATA& r) {
+        batch.Add("RIGHT(?, ?)", {s, n}, [](Pool* pool, Args& a, VARDATA& r) {
             return g_fun.Right(pool, a[0], a[1], r);
         });
         batch.Add("SUBSTRING_INDEX(?, ?, ?)", {s, RandomNeedle(rng), n},
-                  [](CTalvorBufferPool* pool, std::vector<VARDATA>& a, VARDATA& r) {
+                  [](Pool* pool, Args& a, VARDATA& r) {
                       return g_fun.SubString_Index(pool, a[0], a[1], a[2], r);
                   });
         batch.Add("INSERT(?, ?, ?, ?)", {s, p, n, RandomTextArg(rng)},
-                  [](CTalvorBufferPool* pool, std::vector<VARDATA>& a, VARDATA& r) {
+                  [](Pool* pool, Args& a, VARDATA& r) {
                       return g_fun.Insert(pool, a[0], a[1], a[2], a[3], r);
                   });
-        batch.Add("REVERSE(?)", {s}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& a, VARDATA& r) {
+        batch.Add("REVERSE(?)", {s}, [](Pool* pool, Args& a, VARDATA& r) {
             return g_fun.Reverse(pool, a[0], r);
         });
     }
@@ -98,51 +98,51 @@ TEST(FunText, JoinsRepeatsAndPadsKeepEveryByte)
         FunArg n = rng() % 2 ? ArgInt((long long)(rng() % 30) - 3) : RandomCountArg(rng);
         static const char* kDecimals[] = {"1.50", "-0.001", "123456789012.000000001", "0.0"};
         FunArg d = rng() % 3 == 0 ? ArgDec(kDecimals[rng() % 4]) : ArgInt(RandomCount(rng));
-        batch.Add("CONCAT(?, ?, ?)", {a, d, c}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("CONCAT(?, ?, ?)", {a, d, c}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Concat(pool, (int)v.size(), v.data(), r);
         });
         batch.Add("CONCAT_WS(?, ?, ?, ?)", {RandomNeedle(rng), a, b, c},
-                  [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+                  [](Pool* pool, Args& v, VARDATA& r) {
                       return g_fun.Concat_WS(pool, (int)v.size(), v.data(), r);
                   });
         batch.Add("REPLACE(?, ?, ?)", {a, RandomNeedle(rng), b},
-                  [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+                  [](Pool* pool, Args& v, VARDATA& r) {
                       return g_fun.Replace(pool, v[0], v[1], v[2], r);
                   });
         // Counts stay below MariaDB's packet limit, where both must agree.
         FunArg k = rng() % 2 ? ArgInt((long long)(rng() % 7) - 2) : ArgNull();
-        batch.Add("REPEAT(?, ?)", {a, k}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("REPEAT(?, ?)", {a, k}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Repeat(pool, v[0], v[1], r);
         });
-        batch.Add("SPACE(?)", {k}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("SPACE(?)", {k}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Space(pool, v[0], r);
         });
-        batch.Add("LPAD(?, ?, ?)", {a, n, b}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("LPAD(?, ?, ?)", {a, n, b}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.LRPad(pool, v[0], v[1], v[2], TRUE, r);
         });
-        batch.Add("RPAD(?, ?, ?)", {a, n, b}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("RPAD(?, ?, ?)", {a, n, b}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.LRPad(pool, v[0], v[1], v[2], FALSE, r);
         });
-        batch.Add("LTRIM(?)", {a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("LTRIM(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.LTrim(pool, v[0], r);
         });
-        batch.Add("RTRIM(?)", {a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("RTRIM(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.RTrim(pool, v[0], r);
         });
-        batch.Add("TRIM(?)", {a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("TRIM(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Trim(pool, v[0], r);
         });
         FunArg rem = RandomNeedle(rng);
-        batch.Add("TRIM(LEADING ? FROM ?)", {rem, a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("TRIM(LEADING ? FROM ?)", {rem, a}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Trim(pool, v[1], v[0], TALVOR_FUN_TRIM_LEADING, r);
         });
-        batch.Add("TRIM(TRAILING ? FROM ?)", {rem, a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("TRIM(TRAILING ? FROM ?)", {rem, a}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Trim(pool, v[1], v[0], TALVOR_FUN_TRIM_TRAILING, r);
         });
-        batch.Add("TRIM(BOTH ? FROM ?)", {rem, a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("TRIM(BOTH ? FROM ?)", {rem, a}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Trim(pool, v[1], v[0], TALVOR_FUN_TRIM_BOTH, r);
         });
-        batch.Add("QUOTE(?)", {a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("QUOTE(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Quote(pool, v[0], r);
         });
     }
@@ -155,36 +155,37 @@ TEST(FunText, MeasuresAndSearchesAgreeOnCharactersAndPositions)
     FunBatch batch;
     for (int i = 0; i < 200; ++i) {
         FunArg a = RandomTextArg(rng), needle = RandomNeedle(rng), p = RandomCountArg(rng);
-        batch.Add("LENGTH(?)", {a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("LENGTH(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Length(pool, v[0], r);
         });
-        batch.Add("CHAR_LENGTH(?)", {a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("CHAR_LENGTH(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.CharLength(pool, v[0], r);
         });
-        batch.Add("BIT_LENGTH(?)", {a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("BIT_LENGTH(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Bit_Length(pool, v[0], r);
         });
-        batch.Add("ASCII(?)", {a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("ASCII(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.AsciiOrd(pool, v[0], FALSE, r);
         });
-        batch.Add("ORD(?)", {a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("ORD(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.AsciiOrd(pool, v[0], TRUE, r);
         });
-        batch.Add("INSTR(" FOLD ", " FOLD ")", {a, needle}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("INSTR(" FOLD ", " FOLD ")", {a, needle}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.InStr(pool, v[0], v[1], r);
         });
-        batch.Add("LOCATE(" FOLD ", " FOLD ")", {needle, a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("LOCATE(" FOLD ", " FOLD ")", {needle, a}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Locate(pool, v[0], v[1], r);
         });
-        batch.Add("LOCATE(" FOLD ", " FOLD ", ?)", {needle, a, p}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("LOCATE(" FOLD ", " FOLD ", ?)", {needle, a, p}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Locate(pool, v[0], v[1], v[2], r);
         });
-        batch.Add("POSITION(" FOLD " IN " FOLD ")", {needle, a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("POSITION(" FOLD " IN " FOLD ")", {needle, a}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Position(pool, v[0], v[1], r);
         });
-        batch.Add("STRCMP(" FOLD ", " FOLD ")", {a, RandomTextArg(rng)}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v,
-                                                            VARDATA& r) { return g_fun.TalvorStrCmp(pool, v[0], v[1], r); });
-        batch.Add("FIND_IN_SET(" FOLD ", " FOLD ")", {needle, a}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("STRCMP(" FOLD ", " FOLD ")", {a, RandomTextArg(rng)}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.TalvorStrCmp(pool, v[0], v[1], r);
+        });
+        batch.Add("FIND_IN_SET(" FOLD ", " FOLD ")", {needle, a}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Find_In_Set(pool, v[0], v[1], r);
         });
     }
@@ -196,7 +197,7 @@ TEST(FunText, ListsAndSetsPickTheMembersTheBitsName)
     std::mt19937 rng(25);
     FunBatch batch;
     auto variadic = [](int (CBaseFunManager::*pfn)(CTalvorBufferPool*, int, st_VARDATA*, VARDATA&)) {
-        return [pfn](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        return [pfn](Pool* pool, Args& v, VARDATA& r) {
             return (g_fun.*pfn)(pool, (int)v.size(), v.data(), r);
         };
     };
@@ -209,11 +210,12 @@ TEST(FunText, ListsAndSetsPickTheMembersTheBitsName)
                   variadic(&CBaseFunManager::Export_Set));
         batch.Add("ELT(?, ?, ?, ?)", {RandomCountArg(rng), a, b, c}, variadic(&CBaseFunManager::Elt));
         FunArg key = rng() % 2 ? a : (rng() % 2 ? b : RandomTextArg(rng));
-        batch.Add("FIELD(" FOLD ", " FOLD ", " FOLD ", " FOLD ")", {key, a, b, c}, variadic(&CBaseFunManager::TalvorField));
+        batch.Add("FIELD(" FOLD ", " FOLD ", " FOLD ", " FOLD ")", {key, a, b, c},
+                  variadic(&CBaseFunManager::TalvorField));
         FunArg n1 = ArgInt(rng() % 5), n2 = ArgInt(rng() % 5);
         batch.Add("FIELD(?, ?, ?)", {n1, n2, ArgInt(rng() % 5)}, variadic(&CBaseFunManager::TalvorField));
         batch.Add("HEX(CHAR(?, ?))", {RandomCountArg(rng), ArgInt((long long)(rng() % 70000))},
-                  [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+                  [](Pool* pool, Args& v, VARDATA& r) {
                       VARDATA c;
                       c.Init();
                       int n = g_fun.TalvorChar(pool, 2, v.data(), c);
@@ -232,24 +234,24 @@ TEST(FunText, BinaryTextCountsBytes)
     for (int i = 0; i < 150; ++i) {
         FunArg b = rng() % 12 == 0 ? ArgNull() : ArgBin(RandomText(rng));
         FunArg n = RandomCountArg(rng);
-        batch.Add("CHAR_LENGTH(?)", {b}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("CHAR_LENGTH(?)", {b}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.CharLength(pool, v[0], r);
         });
-        batch.Add("REVERSE(?)", {b}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("REVERSE(?)", {b}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Reverse(pool, v[0], r);
         });
         batch.Add("SUBSTRING(?, ?, ?)", {b, RandomCountArg(rng), n},
-                  [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+                  [](Pool* pool, Args& v, VARDATA& r) {
                       return g_fun.SubString(pool, v[0], v[1], v[2], r);
                   });
-        batch.Add("RIGHT(?, ?)", {b, n}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("RIGHT(?, ?)", {b, n}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Right(pool, v[0], v[1], r);
         });
-        batch.Add("ORD(?)", {b}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("ORD(?)", {b}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.AsciiOrd(pool, v[0], TRUE, r);
         });
         batch.Add("LOCATE(?, ?)", {ArgBin(rng() % 2 ? "b" : "\xa9"), b},
-                  [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+                  [](Pool* pool, Args& v, VARDATA& r) {
                       return g_fun.Locate(pool, v[0], v[1], r);
                   });
     }
@@ -262,12 +264,12 @@ TEST(FunText, ExtractValueTakesTheDirectTextOfEveryMatch)
     const std::string doc = "<a>x<b>b1</b>y<c><b>b2</b></c><b>b3<d>no</d></b></a>";
     for (const char* path : {"/a", "/a/b", "//b", "/a/c/b", "/a/*", "/a/b/text()", "/z", "//d", "/a/c"}) {
         batch.Add("EXTRACTVALUE(?, ?)", {ArgText(doc), ArgText(path)},
-                  [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+                  [](Pool* pool, Args& v, VARDATA& r) {
                       return g_fun.Xml_Extract(pool, v[0], v[1], r);
                   });
     }
     batch.Add("EXTRACTVALUE(?, ?)", {ArgNull(), ArgText("/a")},
-              [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+              [](Pool* pool, Args& v, VARDATA& r) {
                   return g_fun.Xml_Extract(pool, v[0], v[1], r);
               });
     batch.Check(Deliberate);
@@ -327,50 +329,53 @@ TEST(FunText, NoMemoryIsReportedAndLeavesNull)
 // NULLs, FIELD, CHAR) are left to the generated cases above.
 TEST(FunText, ANullAtAnyPlaceGivesNull)
 {
-    using Fn = std::function<int(CTalvorBufferPool*, VARDATA*, VARDATA&)>;
+    using P = CTalvorBufferPool*;
+    using Fn = std::function<int(P, VARDATA*, VARDATA&)>;
     struct Member {
         const char* lpszName;
         int nArgs;
         Fn fn;
     };
     const std::vector<Member> members = {
-        {"CONCAT", 3, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Concat(p, 3, a, r); }},
-        {"SUBSTRING", 3, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.SubString(p, a[0], a[1], a[2], r); }},
-        {"SUBSTRING2", 2, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.SubString(p, a[0], a[1], r); }},
-        {"SUBSTRING_INDEX", 3, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.SubString_Index(p, a[0], a[1], a[2], r); }},
-        {"LEFT", 2, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Left(p, a[0], a[1], r); }},
-        {"RIGHT", 2, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Right(p, a[0], a[1], r); }},
-        {"REPLACE", 3, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Replace(p, a[0], a[1], a[2], r); }},
-        {"INSERT", 4, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Insert(p, a[0], a[1], a[2], a[3], r); }},
-        {"REVERSE", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Reverse(p, a[0], r); }},
-        {"REPEAT", 2, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Repeat(p, a[0], a[1], r); }},
-        {"SPACE", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Space(p, a[0], r); }},
-        {"LTRIM", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.LTrim(p, a[0], r); }},
-        {"RTRIM", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.RTrim(p, a[0], r); }},
-        {"TRIM", 2, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Trim(p, a[0], a[1], TALVOR_FUN_TRIM_BOTH, r); }},
-        {"LPAD", 3, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.LRPad(p, a[0], a[1], a[2], TRUE, r); }},
-        {"LENGTH", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Length(p, a[0], r); }},
-        {"CHAR_LENGTH", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.CharLength(p, a[0], r); }},
-        {"BIT_LENGTH", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Bit_Length(p, a[0], r); }},
-        {"ORD", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.AsciiOrd(p, a[0], TRUE, r); }},
-        {"STRCMP", 2, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.TalvorStrCmp(p, a[0], a[1], r); }},
-        {"FIND_IN_SET", 2, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Find_In_Set(p, a[0], a[1], r); }},
-        {"EXPORT_SET", 5, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Export_Set(p, 5, a, r); }},
-        {"INSTR", 2, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.InStr(p, a[0], a[1], r); }},
-        {"LOCATE", 3, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Locate(p, a[0], a[1], a[2], r); }},
-        {"EXTRACTVALUE", 2, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Xml_Extract(p, a[0], a[1], r); }},
-        {"BIN", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Bin(p, a[0], r); }},
-        {"OCT", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Oct(p, a[0], r); }},
-        {"HEX", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Hex(p, a[0], r); }},
-        {"UNHEX", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.UnHex(p, a[0], r); }},
-        {"CONV", 3, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Conv(p, a[0], a[1], a[2], r); }},
-        {"FORMAT", 2, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Format(p, a[0], a[1], r); }},
-        {"MD5", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Md5(p, a[0], r); }},
-        {"CRC32", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.CRC32(p, a[0], r); }},
-        {"INET_ATON", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Inet_aton(p, a[0], r); }},
-        {"INET_NTOA", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Inet_ntoa(p, a[0], r); }},
-        {"GREATEST", 3, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.Greatest(p, 3, a, r); }},
-        {"CONVERT", 1, [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return g_fun.ConvertOrCast(p, a[0], TALVOR_VT_BIGINT, nullptr, r); }},
+        {"CONCAT", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Concat(p, 3, a, r); }},
+        {"SUBSTRING", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.SubString(p, a[0], a[1], a[2], r); }},
+        {"SUBSTRING2", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.SubString(p, a[0], a[1], r); }},
+        {"SUBSTRING_INDEX", 3,
+         [](P p, VARDATA* a, VARDATA& r) { return g_fun.SubString_Index(p, a[0], a[1], a[2], r); }},
+        {"LEFT", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Left(p, a[0], a[1], r); }},
+        {"RIGHT", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Right(p, a[0], a[1], r); }},
+        {"REPLACE", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Replace(p, a[0], a[1], a[2], r); }},
+        {"INSERT", 4, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Insert(p, a[0], a[1], a[2], a[3], r); }},
+        {"REVERSE", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Reverse(p, a[0], r); }},
+        {"REPEAT", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Repeat(p, a[0], a[1], r); }},
+        {"SPACE", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Space(p, a[0], r); }},
+        {"LTRIM", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.LTrim(p, a[0], r); }},
+        {"RTRIM", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.RTrim(p, a[0], r); }},
+        {"TRIM", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Trim(p, a[0], a[1], TALVOR_FUN_TRIM_BOTH, r); }},
+        {"LPAD", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.LRPad(p, a[0], a[1], a[2], TRUE, r); }},
+        {"LENGTH", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Length(p, a[0], r); }},
+        {"CHAR_LENGTH", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.CharLength(p, a[0], r); }},
+        {"BIT_LENGTH", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Bit_Length(p, a[0], r); }},
+        {"ORD", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.AsciiOrd(p, a[0], TRUE, r); }},
+        {"STRCMP", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.TalvorStrCmp(p, a[0], a[1], r); }},
+        {"FIND_IN_SET", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Find_In_Set(p, a[0], a[1], r); }},
+        {"EXPORT_SET", 5, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Export_Set(p, 5, a, r); }},
+        {"INSTR", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.InStr(p, a[0], a[1], r); }},
+        {"LOCATE", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Locate(p, a[0], a[1], a[2], r); }},
+        {"EXTRACTVALUE", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Xml_Extract(p, a[0], a[1], r); }},
+        {"BIN", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Bin(p, a[0], r); }},
+        {"OCT", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Oct(p, a[0], r); }},
+        {"HEX", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Hex(p, a[0], r); }},
+        {"UNHEX", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.UnHex(p, a[0], r); }},
+        {"CONV", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Conv(p, a[0], a[1], a[2], r); }},
+        {"FORMAT", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Format(p, a[0], a[1], r); }},
+        {"MD5", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Md5(p, a[0], r); }},
+        {"CRC32", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.CRC32(p, a[0], r); }},
+        {"INET_ATON", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Inet_aton(p, a[0], r); }},
+        {"INET_NTOA", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Inet_ntoa(p, a[0], r); }},
+        {"GREATEST", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Greatest(p, 3, a, r); }},
+        {"CONVERT", 1,
+         [](P p, VARDATA* a, VARDATA& r) { return g_fun.ConvertOrCast(p, a[0], TALVOR_VT_BIGINT, nullptr, r); }},
     };
     CTalvorBufferPool pool;
     char szText[] = "10";  // a number, a count and a text all at once

@@ -49,29 +49,29 @@ TEST(FunTypesSystem, DigestsAndAddressesMatchTheReference)
     FunBatch batch;
     for (int i = 0; i < 250; ++i) {
         FunArg t = RandomTextArg(rng);
-        batch.Add("MD5(?)", {t}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("MD5(?)", {t}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Md5(pool, v[0], r);
         });
-        batch.Add("CRC32(?)", {t}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("CRC32(?)", {t}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.CRC32(pool, v[0], r);
         });
         std::string strBytes;
         for (int k = (int)(rng() % 40); k > 0; --k) strBytes += (char)(rng() % 256);
         if (!strBytes.empty() && strBytes.back() == 0) strBytes.back() = 1;
-        batch.Add("MD5(?)", {ArgBin(strBytes)}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("MD5(?)", {ArgBin(strBytes)}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Md5(pool, v[0], r);
         });
-        batch.Add("CRC32(?)", {ArgBin(strBytes)}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("CRC32(?)", {ArgBin(strBytes)}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.CRC32(pool, v[0], r);
         });
         FunArg ip = rng() % 12 == 0 ? ArgNull() : ArgText(RandomDotted(rng));
-        batch.Add("INET_ATON(?)", {ip}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("INET_ATON(?)", {ip}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Inet_aton(pool, v[0], r);
         });
         static const long long kNumbers[] = {0, 1, 255, 256, 2130706433LL, 4294967295LL, 4294967296LL, -1};
         FunArg n = rng() % 12 == 0 ? ArgNull()
                                    : ArgInt(rng() % 2 ? kNumbers[rng() % 8] : (long long)(rng() % 4294967296ULL));
-        batch.Add("INET_NTOA(?)", {n}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+        batch.Add("INET_NTOA(?)", {n}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Inet_ntoa(pool, v[0], r);
         });
     }
@@ -84,7 +84,7 @@ TEST(FunTypesSystem, ConvertToACharacterSetGivesTheServersBytes)
     for (const char* lpsz : {"", "abc", "caf\xc3\xa9", "stra\xc3\x9f" "e", "\xc3\xa9\xc3\xa8,x"}) {
         for (const char* lpszSet : {"latin1", "utf16"}) {
             std::string strExpr = std::string("HEX(CONVERT(? USING ") + lpszSet + "))";
-            batch.Add(strExpr, {ArgText(lpsz)}, [lpszSet](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+            batch.Add(strExpr, {ArgText(lpsz)}, [lpszSet](Pool* pool, Args& v, VARDATA& r) {
                 VARDATA c;
                 c.Init();
                 const char* lpszIconv = strcmp(lpszSet, "utf16") == 0 ? "UTF-16BE" : "LATIN1";
@@ -93,13 +93,13 @@ TEST(FunTypesSystem, ConvertToACharacterSetGivesTheServersBytes)
             });
         }
     }
-    batch.Add("CAST(? AS SIGNED)", {ArgDec("-1.50")}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+    batch.Add("CAST(? AS SIGNED)", {ArgDec("-1.50")}, [](Pool* pool, Args& v, VARDATA& r) {
         return g_fun.ConvertOrCast(pool, v[0], TALVOR_VT_BIGINT, nullptr, r);
     });
-    batch.Add("CAST(? AS SIGNED)", {ArgText("42")}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+    batch.Add("CAST(? AS SIGNED)", {ArgText("42")}, [](Pool* pool, Args& v, VARDATA& r) {
         return g_fun.ConvertOrCast(pool, v[0], TALVOR_VT_BIGINT, nullptr, r);
     });
-    batch.Add("CAST(? AS DATE)", {ArgText("2024-02-29")}, [](CTalvorBufferPool* pool, std::vector<VARDATA>& v, VARDATA& r) {
+    batch.Add("CAST(? AS DATE)", {ArgText("2024-02-29")}, [](Pool* pool, Args& v, VARDATA& r) {
         return g_fun.ConvertOrCast(pool, v[0], TALVOR_VT_DATE, nullptr, r);
     });
     batch.Check();
