@@ -45,14 +45,18 @@ int BaseText(CTalvorBufferPool* pool, VARDATA& value, int nBase, VARDATA& result
     return SetText(pool, sz, n, result);
 }
 
-// The exact decimal digits of v, sign first, into sz. Doubles are printed
-// to nPlaces places (the C library rounds their binary value exactly).
-int ExactDigits(const VARDATA& v, int nPlaces, char* sz)
+// The exact decimal digits of v, sign first, into sz. Doubles print to
+// nPlaces places, with bScaleRound rounded first as FORMAT rounds them.
+int ExactDigits(const VARDATA& v, int nPlaces, bool bScaleRound, char* sz)
 {
     if (talvorvar::IsIntType(v.m_vt)) return snprintf(sz, kScratchBytes, "%lld", v.GetCompatibleBigInt());
     if (v.m_vt == TALVOR_VT_DECIMAL) return CTalvorDecimal::PrintDecimal(&v, sz);
     double d = v.GetCompatibleDouble();
     if (!std::isfinite(d) || fabs(d) > 1e300) return -1;
+    // A double is rounded as the SQL functions round one: scaled, then to
+    // the nearest integer with ties to even, then printed.
+    double dScaled = d * pow(10.0, nPlaces);
+    if (bScaleRound && std::isfinite(dScaled)) d = rint(dScaled) / pow(10.0, nPlaces);
     return snprintf(sz, kScratchBytes, "%.*f", nPlaces, d);
 }
 
@@ -89,12 +93,13 @@ bool RoundDigits(const char* sz, int nPlaces, char* lpInt, int& nInt, char* lpFr
     return bNeg && !bZero;
 }
 
-// The number rounded to nPlaces, with commas when bGroup. Result: the
-// length, or -1 when it is no finite number.
+// The number rounded to nPlaces, with commas when bGroup (FORMAT, which
+// also rounds a double scaled). Result: the length, or -1 when it is no
+// finite number.
 int FormatNumber(const VARDATA& v, int nPlaces, bool bGroup, char* lpOut)
 {
     char sz[kScratchBytes], szInt[kScratchBytes + 4], szFrac[kMaxFormatPlaces + 1];
-    if (ExactDigits(v, nPlaces, sz) < 0) return -1;
+    if (ExactDigits(v, nPlaces, bGroup, sz) < 0) return -1;
     int nInt = 0;
     bool bNeg = RoundDigits(sz, nPlaces, szInt, nInt, szFrac);
     int n = 0;

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <random>
 #include <string>
@@ -21,10 +22,10 @@ namespace talvortest {
 
 // One argument, as SQL text and as a typed value.
 struct FunArg {
-    enum Kind { kNull, kInt, kText, kDecimal, kBinary, kTextBin };
+    enum Kind { kNull, kInt, kText, kDecimal, kBinary, kTextBin, kDouble };
     Kind nKind = kNull;
     long long ll = 0;
-    std::string str;  // text bytes, or the decimal's digits
+    std::string str;  // text bytes, or the digits of a decimal or a double
 
     std::string Sql() const
     {
@@ -34,6 +35,7 @@ struct FunArg {
         case kDecimal: return str;
         case kBinary: return "BINARY " + SqlHexLiteral(str);
         case kTextBin: return "(_utf8mb4 " + SqlHexLiteral(str) + " COLLATE utf8mb4_bin)";
+        case kDouble: return str + "e0";  // an exponent makes the literal a double
         default:
             // A hexadecimal literal is binary to the server: convert it so
             // that the text functions count characters, not bytes.
@@ -48,6 +50,7 @@ struct FunArg {
         case kNull: v.SetNull(); break;
         case kInt: v.SetData(ll); break;
         case kDecimal: CTalvorDecimal::Convert2Decimal(str.c_str(), &v); break;
+        case kDouble: v.SetData(strtod(str.c_str(), nullptr)); break;
         case kBinary: v.AttachBinaryData((void*)str.data(), (int)str.size(), FALSE); break;
         default: v.AttachString((char*)str.data(), (int)str.size(), TALVOR_VT_TEXT); break;
         }
@@ -58,6 +61,8 @@ inline FunArg ArgNull() { return FunArg{}; }
 inline FunArg ArgInt(long long ll) { FunArg a; a.nKind = FunArg::kInt; a.ll = ll; return a; }
 inline FunArg ArgText(const std::string& s) { FunArg a; a.nKind = FunArg::kText; a.str = s; return a; }
 inline FunArg ArgDec(const std::string& s) { FunArg a; a.nKind = FunArg::kDecimal; a.str = s; return a; }
+// A double written as digits with a point ("2.5"): exact in both places.
+inline FunArg ArgDouble(const std::string& s) { FunArg a; a.nKind = FunArg::kDouble; a.str = s; return a; }
 // Text the server compares by its bytes (binary collation).
 inline FunArg ArgTextBin(const std::string& s) { FunArg a; a.nKind = FunArg::kTextBin; a.str = s; return a; }
 inline FunArg ArgBin(const std::string& s) { FunArg a; a.nKind = FunArg::kBinary; a.str = s; return a; }

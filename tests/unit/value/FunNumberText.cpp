@@ -122,6 +122,25 @@ TEST(FunNumberText, FormatRoundsHalfAwayAndGroupsByThree)
     batch.Check();
 }
 
+// Doubles: FORMAT scales the binary value and rounds ties to even (as the
+// SQL functions round a double); HEX rounds to an integer, BIN and OCT cut.
+TEST(FunNumberText, DoublesRoundScaledWithTiesToEven)
+{
+    std::mt19937 rng(35);
+    FunBatch batch;
+    for (int i = 0; i < 200; ++i) {
+        std::string s = std::to_string((long long)(rng() % 2000000) - 1000000) + "." + std::to_string(rng() % 1000);
+        FunArg x = ArgDouble(s), d = ArgInt((long long)(rng() % 8));
+        batch.Add("FORMAT(?, ?)", {x, d}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.Format(pool, v[0], v[1], r);
+        });
+        batch.Add("HEX(?)", {x}, [](Pool* pool, Args& v, VARDATA& r) { return g_fun.Hex(pool, v[0], r); });
+        batch.Add("BIN(?)", {x}, [](Pool* pool, Args& v, VARDATA& r) { return g_fun.Bin(pool, v[0], r); });
+        batch.Add("OCT(?)", {x}, [](Pool* pool, Args& v, VARDATA& r) { return g_fun.Oct(pool, v[0], r); });
+    }
+    batch.Check();
+}
+
 // TO_CHAR's number form: places by the format, no groups; the reference
 // is FORMAT with its commas taken out.
 TEST(FunNumberText, NumberToCharTakesItsPlacesFromTheFormat)
