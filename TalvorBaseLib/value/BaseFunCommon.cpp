@@ -3,6 +3,8 @@
 #include "BaseFunInternal.h"
 #include "TalvorNumberText.h"
 
+#include <climits>
+#include <cmath>
 #include <cstring>
 
 namespace talvorfun {
@@ -30,6 +32,15 @@ void ReadOtherText(const VARDATA& v, TextView& t)
     t.n = ConvertVarData2String(v, t.sz);
     if (v.m_vt == TALVOR_VT_DOUBLE && memchr(t.sz, '.', t.n) != nullptr) t.n = TrimTailZero(t.sz, TRUE);
     t.p = t.sz;
+}
+
+long long IntArg(const VARDATA& v)
+{
+    if (v.m_vt != TALVOR_VT_DOUBLE) return v.GetCompatibleBigInt();
+    double d = rint(v.m_dblValue);
+    if (!(d > -9223372036854775808.0)) return LLONG_MIN;
+    if (d >= 9223372036854775808.0) return LLONG_MAX;
+    return (long long)d;
 }
 
 int NewText(CTalvorBufferPool* pool, long long nLen, VARDATA& result, char*& lpOut, BYTE bType)

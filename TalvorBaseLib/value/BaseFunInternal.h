@@ -60,6 +60,12 @@ inline void ResetResult(VARDATA& result, BYTE bType)
     result.m_vt = bType;
 }
 
+// The integer an argument stands for where a function wants a count, a
+// position or bits: a double rounds to the nearest (ties to even), as SQL
+// reads a double as an integer, saturating at the 64-bit range; anything
+// else through GetCompatibleBigInt.
+long long IntArg(const VARDATA& v);
+
 // Room for a text result of nLen bytes and a NUL in the pool, attached to
 // result as type bType, not owned. Result: 0 with lpOut set; 0 with lpOut
 // null and result NULL when nLen is past TALVOR_FUN_MAX_RESULT or below 0;

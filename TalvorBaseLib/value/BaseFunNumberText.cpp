@@ -24,7 +24,8 @@ const int kMaxBase = 36;
 const int kDigitsBytes = 72;
 
 // The 64-bit integer a number function works on: text read as decimal
-// digits (its longest head), anything else through GetCompatibleBigInt.
+// digits (its longest head), anything else through GetCompatibleBigInt,
+// which cuts a double as reading its text form's digits would.
 unsigned long long UnsignedOf(const VARDATA& v)
 {
     if (!talvorvar::IsTextType(v.m_vt)) return (unsigned long long)v.GetCompatibleBigInt();
@@ -205,7 +206,7 @@ int CBaseFunManager::UnHex(CTalvorBufferPool* pool, VARDATA& value, VARDATA& res
 int CBaseFunManager::Conv(CTalvorBufferPool* pool, VARDATA& value, VARDATA& from, VARDATA& to, VARDATA& result)
 {
     if (IsNullArg(value) || IsNullArg(from) || IsNullArg(to)) return SetNullResult(result);
-    long long nFrom = from.GetCompatibleBigInt(), nTo = to.GetCompatibleBigInt();
+    long long nFrom = IntArg(from), nTo = IntArg(to);
     if (llabs(nFrom) < kMinBase || llabs(nFrom) > kMaxBase || llabs(nTo) < kMinBase || llabs(nTo) > kMaxBase)
         return SetNullResult(result);
     long long ll = 0;
@@ -225,7 +226,7 @@ int CBaseFunManager::Conv(CTalvorBufferPool* pool, VARDATA& value, VARDATA& from
 int CBaseFunManager::Format(CTalvorBufferPool* pool, VARDATA& value, VARDATA& digits, VARDATA& result)
 {
     if (IsNullArg(value) || IsNullArg(digits)) return SetNullResult(result);
-    long long nPlaces = digits.GetCompatibleBigInt();
+    long long nPlaces = IntArg(digits);
     if (nPlaces < 0) nPlaces = 0;
     if (nPlaces > kMaxFormatPlaces) nPlaces = kMaxFormatPlaces;
     char sz[kFormatBytes + kScratchBytes / 3];

@@ -124,7 +124,7 @@ int CBaseFunManager::Inet_aton(CTalvorBufferPool*, VARDATA& str, VARDATA& result
 int CBaseFunManager::Inet_ntoa(CTalvorBufferPool* pool, VARDATA& n, VARDATA& result)
 {
     if (IsNullArg(n)) return SetNullResult(result);
-    long long ll = n.GetCompatibleBigInt();
+    long long ll = IntArg(n);
     if (ll < 0 || ll > kMaxIpv4) return SetNullResult(result);
     char sz[16];
     int nLen = snprintf(sz, sizeof(sz), "%d.%d.%d.%d", (int)(ll >> 24) & 255, (int)(ll >> 16) & 255,

@@ -16,7 +16,7 @@ const int kConcatViews = 4;
 // later arithmetic on it cannot overflow.
 long long CountOf(const VARDATA& v)
 {
-    long long ll = v.GetCompatibleBigInt();
+    long long ll = IntArg(v);
     const long long llLimit = (long long)TALVOR_FUN_MAX_RESULT * 8;
     if (ll > llLimit) return llLimit;
     if (ll < -llLimit) return -llLimit;
@@ -339,7 +339,7 @@ int CBaseFunManager::LRPad(CTalvorBufferPool* pool, VARDATA& str, VARDATA& len, 
     TextView t, p;
     ReadText(str, t);
     ReadText(pad, p);
-    long long nWant = len.GetCompatibleBigInt(), nHave = Chars(t);
+    long long nWant = IntArg(len), nHave = Chars(t);
     if (nWant < 0) return SetNullResult(result);
     if (nWant <= nHave) return CharSlice(pool, t, 0, nWant, result);
     // A character takes a byte at least: more characters than the bound can

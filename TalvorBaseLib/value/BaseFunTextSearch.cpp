@@ -71,7 +71,7 @@ int CBaseFunManager::TalvorChar(CTalvorBufferPool* pool, int nCount, st_VARDATA*
     int n = 0;
     for (int i = 0; i < nCount; ++i) {
         if (IsNullArg(args[i])) continue;
-        UINT u = (UINT)(unsigned long long)args[i].GetCompatibleBigInt();
+        UINT u = (UINT)(unsigned long long)IntArg(args[i]);
         bool bStarted = false;
         for (int nShift = 24; nShift >= 0; nShift -= 8) {
             BYTE b = (BYTE)(u >> nShift);
@@ -117,7 +117,7 @@ int CBaseFunManager::Find_In_Set(CTalvorBufferPool*, VARDATA& str, VARDATA& list
 int CBaseFunManager::Make_Set(CTalvorBufferPool* pool, int nCount, st_VARDATA* args, VARDATA& result)
 {
     if (nCount < 1 || args == nullptr || IsNullArg(args[0])) return SetNullResult(result);
-    unsigned long long ullBits = (unsigned long long)args[0].GetCompatibleBigInt();
+    unsigned long long ullBits = (unsigned long long)IntArg(args[0]);
     TextView sep, t;
     sep.p = ",";
     sep.n = 1;
@@ -145,7 +145,7 @@ int CBaseFunManager::Export_Set(CTalvorBufferPool* pool, int nCount, st_VARDATA*
     if (nCount < 3 || nCount > 5 || args == nullptr) return TALVOR_FUN_BAD_TYPE;
     for (int i = 0; i < nCount; ++i)
         if (IsNullArg(args[i])) return SetNullResult(result);
-    unsigned long long ullBits = (unsigned long long)args[0].GetCompatibleBigInt();
+    unsigned long long ullBits = (unsigned long long)IntArg(args[0]);
     TextView on, off, sep;
     ReadText(args[1], on);
     ReadText(args[2], off);
@@ -153,7 +153,7 @@ int CBaseFunManager::Export_Set(CTalvorBufferPool* pool, int nCount, st_VARDATA*
     sep.n = 1;
     if (nCount > 3) ReadText(args[3], sep);
     // The count is read as 32 bits unsigned, so a negative one asks for all.
-    long long nBits = nCount > 4 ? (UINT)args[4].GetCompatibleBigInt() : kSetBits;
+    long long nBits = nCount > 4 ? (UINT)IntArg(args[4]) : kSetBits;
     if (nBits > kSetBits) nBits = kSetBits;
     long long nTotal = 0;
     for (long long i = 0; i < nBits; ++i) nTotal += ((ullBits >> i) & 1 ? on.n : off.n) + (i > 0 ? sep.n : 0);
@@ -168,7 +168,7 @@ int CBaseFunManager::Export_Set(CTalvorBufferPool* pool, int nCount, st_VARDATA*
 int CBaseFunManager::Elt(CTalvorBufferPool* pool, int nCount, st_VARDATA* args, VARDATA& result)
 {
     if (nCount < 1 || args == nullptr || IsNullArg(args[0])) return SetNullResult(result);
-    long long n = args[0].GetCompatibleBigInt();
+    long long n = IntArg(args[0]);
     if (n < 1 || n >= nCount) return SetNullResult(result);
     if (IsNullArg(args[n])) return SetNullResult(result);
     TextView t;
@@ -206,7 +206,7 @@ int CBaseFunManager::Locate(CTalvorBufferPool*, VARDATA& sub, VARDATA& str, VARD
 int CBaseFunManager::Locate(CTalvorBufferPool*, VARDATA& sub, VARDATA& str, VARDATA& pos, VARDATA& result)
 {
     if (IsNullArg(str) || IsNullArg(sub) || IsNullArg(pos)) return SetNullResult(result);
-    return LocateCore(sub, str, pos.GetCompatibleBigInt(), result);
+    return LocateCore(sub, str, IntArg(pos), result);
 }
 
 int CBaseFunManager::Position(CTalvorBufferPool* pool, VARDATA& sub, VARDATA& str, VARDATA& result)
