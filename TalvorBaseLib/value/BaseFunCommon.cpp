@@ -34,8 +34,35 @@ void ReadOtherText(const VARDATA& v, TextView& t)
     t.p = t.sz;
 }
 
+namespace {
+
+// The integer at the head of a text, after blanks and a sign: what SQL
+// reads from '2x' or '2.7' (2); no digits read as 0; saturating.
+long long IntegerHead(const char* p, int nLen)
+{
+    int i = 0;
+    while (i < nLen && (p[i] == ' ' || p[i] == '\t' || p[i] == '\n' || p[i] == '\r')) ++i;
+    bool bNeg = i < nLen && p[i] == '-';
+    if (i < nLen && (p[i] == '-' || p[i] == '+')) ++i;
+    unsigned long long ull = 0;
+    const unsigned long long ullLimit = bNeg ? (unsigned long long)LLONG_MAX + 1 : (unsigned long long)LLONG_MAX;
+    for (; i < nLen && p[i] >= '0' && p[i] <= '9'; ++i) {
+        unsigned nDigit = (unsigned)(p[i] - '0');
+        if (ull > (ullLimit - nDigit) / 10) return bNeg ? LLONG_MIN : LLONG_MAX;
+        ull = ull * 10 + nDigit;
+    }
+    return bNeg ? (long long)(0 - ull) : (long long)ull;
+}
+
+} // namespace
+
 long long IntArg(const VARDATA& v)
 {
+    if (IsTextType(v.m_vt) && !IsHexText(v)) {
+        TextView t;
+        ReadText(v, t);
+        return IntegerHead(t.p, t.n);
+    }
     if (v.m_vt != TALVOR_VT_DOUBLE) return v.GetCompatibleBigInt();
     double d = rint(v.m_dblValue);
     if (!(d > -9223372036854775808.0)) return LLONG_MIN;

@@ -61,9 +61,9 @@ inline void ResetResult(VARDATA& result, BYTE bType)
 }
 
 // The integer an argument stands for where a function wants a count, a
-// position or bits: a double rounds to the nearest (ties to even), as SQL
-// reads a double as an integer, saturating at the 64-bit range; anything
-// else through GetCompatibleBigInt.
+// position or bits, as SQL reads one: a double rounds to the nearest (ties
+// to even), text gives the integer at its head ('2.7' and '2x' are 2), both
+// saturating at the 64-bit range; anything else through GetCompatibleBigInt.
 long long IntArg(const VARDATA& v);
 
 // Room for a text result of nLen bytes and a NUL in the pool, attached to

@@ -65,6 +65,9 @@ TEST(FunText, CutsAndSlicesCountCharactersLikeTheReference)
         // A double count rounds, ties to even.
         static const char* kHalves[] = {"1.5", "2.5", "-1.5", "0.4", "2.6"};
         if (rng() % 6 == 0) n = ArgDouble(kHalves[rng() % 5]);
+        // A text count reads the number at its head.
+        static const char* kTextCounts[] = {"2x", "2.7", " 3", "-1.5", "1e1", "abc", "0x3", "2.5"};
+        if (rng() % 6 == 0) n = ArgText(kTextCounts[rng() % 8]);
         batch.Add("SUBSTRING(?, ?)", {s, p}, [](Pool* pool, Args& a, VARDATA& r) {
             return g_fun.SubString(pool, a[0], a[1], r);
         });
