@@ -151,6 +151,11 @@ TEST(FunText, JoinsRepeatsAndPadsKeepEveryByte)
         batch.Add("QUOTE(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Quote(pool, v[0], r);
         });
+        // NUL and Ctrl-Z are escaped; binary keeps them as data.
+        std::string strRaw = RandomText(rng, 3) + std::string(1, "\0\032'\\"[rng() % 4]) + RandomText(rng, 2);
+        batch.Add("QUOTE(?)", {ArgBin(strRaw)}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.Quote(pool, v[0], r);
+        });
     }
     batch.Check(Deliberate);
 }
