@@ -36,7 +36,10 @@ public:
     // Characters are UTF-8 characters, positions count from 1; a value that
     // is no text is taken by its text form. Searches and compares fold ASCII
     // letters (the engine's text order) and go by bytes otherwise; REPLACE,
-    // SUBSTRING_INDEX and TRIM match bytes exactly.
+    // SUBSTRING_INDEX and TRIM match bytes exactly. Binary text (8) counts
+    // bytes and matches exactly, and what is cut from it stays binary.
+    // Counts and positions are read as SQL reads an integer: a double
+    // rounds (ties to even), text gives the integer at its head.
     // Results are text (7) in the pool unless a line says otherwise.
 
     // The arguments one after the other; any NULL gives NULL.

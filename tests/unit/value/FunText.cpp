@@ -10,7 +10,7 @@
 // | compares and searches (STRCMP, INSTR,  | ASCII folded| the collation's     | the engine's text order folds ASCII   |
 // | LOCATE, FIELD, FIND_IN_SET)            | bytes after | weights (ß = s)     | only; the cases fold the server side  |
 // |                                        |             |                     | with LOWER and compare it binary      |
-// | SUBSTRING_INDEX count outside 32 bits  | taken whole | wrapped to 32 bits  | MySQL reads it as 64 bits             |
+// | SUBSTRING_INDEX count outside 32 bits  | taken whole | wrapped to 32 bits  | a count is 64 bits everywhere else    |
 // | REPLACE(s, '', NULL)                   | NULL        | s                   | NULL in gives NULL out                |
 // | LOCATE('', s, pos) for pos > 1         | the char    | a byte offset + 1,  | positions count characters            |
 // |                                        | position    | or 0                |                                       |
