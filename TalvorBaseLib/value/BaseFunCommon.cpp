@@ -104,8 +104,8 @@ int CopyText(CTalvorBufferPool* pool, const VARDATA& src, VARDATA& result)
 int CharOffset(const char* p, int nLen, long long nChars)
 {
     int i = 0;
-    for (; i < nLen && nChars > 0; --nChars) i += CharBytes((unsigned char)p[i]);
-    return i < nLen ? i : nLen;
+    for (; i < nLen && nChars > 0; --nChars) i = NextChar(p, nLen, i);
+    return i;
 }
 
 int FindBytes(const char* p, int nLen, const char* lpSub, int nSubLen, int nFrom)
@@ -179,7 +179,7 @@ int FindNoCase(const char* p, int nLen, const char* lpSub, int nSubLen, int nFro
         const char* q = FindFirstByte(p + i, nLen - nSubLen + 1 - i, bFirst);
         if (q == nullptr) return -1;
         i = (int)(q - p);
-        if (((unsigned char)p[i] & 0xC0) == 0x80) continue;
+        if (i != nFrom && IsContinuation((unsigned char)p[i])) continue;
         int k = 1;
         while (k < nSubLen && Folded(p[i + k]) == Folded(lpSub[k])) ++k;
         if (k == nSubLen) return i;

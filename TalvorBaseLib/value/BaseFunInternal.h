@@ -112,20 +112,21 @@ inline int CopyResult(CTalvorBufferPool* pool, const VARDATA& src, VARDATA& resu
     return 0;
 }
 
-// Bytes of the UTF-8 character that starts with lead byte b (1 for a stray
-// continuation byte, so that every byte belongs to one character).
-inline int CharBytes(unsigned char b)
+// A character starts at every byte that is no UTF-8 continuation byte, and
+// at the first byte of a text: counting and stepping agree on any bytes,
+// valid UTF-8 or not, so no count can lead an offset past the text.
+inline bool IsContinuation(unsigned char b) { return (b & 0xC0) == 0x80; }
+// Byte where the character after the one at byte i starts (nLen at most).
+inline int NextChar(const char* p, int nLen, int i)
 {
-    if (b < 0xC0) return 1;
-    if (b < 0xE0) return 2;
-    if (b < 0xF0) return 3;
-    return 4;
+    for (++i; i < nLen && IsContinuation((unsigned char)p[i]);) ++i;
+    return i;
 }
-// Characters of nLen bytes: the bytes that are no continuation byte.
+// Characters of nLen bytes.
 inline int CharCount(const char* p, int nLen)
 {
-    int nChars = 0;
-    for (int i = 0; i < nLen; ++i) nChars += ((unsigned char)p[i] & 0xC0) != 0x80;
+    int nChars = nLen > 0 && IsContinuation((unsigned char)p[0]) ? 1 : 0;
+    for (int i = 0; i < nLen; ++i) nChars += !IsContinuation((unsigned char)p[i]);
     return nChars;
 }
 // Byte offset of the character nChars characters in (nLen at most).
@@ -143,7 +144,7 @@ inline int OffsetAfter(const TextView& t, int nFrom, long long nChars)
 // The type of a result cut from t: binary stays binary.
 inline BYTE ResultTypeOf(const TextView& t) { return t.bBytes ? TALVOR_VT_BINARY : TALVOR_VT_TEXT; }
 // Bytes of the character at byte i.
-inline int CharAt(const TextView& t, int i) { return t.bBytes ? 1 : CharBytes((unsigned char)t.p[i]); }
+inline int CharAt(const TextView& t, int i) { return t.bBytes ? 1 : NextChar(t.p, t.n, i) - i; }
 
 // Byte offset of the first occurrence of sub at or after nFrom, or -1.
 int FindBytes(const char* p, int nLen, const char* lpSub, int nSubLen, int nFrom);

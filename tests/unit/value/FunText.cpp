@@ -405,3 +405,46 @@ TEST(FunText, ANullAtAnyPlaceGivesNull)
         }
     }
 }
+
+// Any bytes, valid UTF-8 or not (a lead byte without its continuation, a
+// continuation without a lead, a text that starts inside a character): the
+// pieces the cutting members give join back to the text, and no offset runs
+// past it (AddressSanitizer watches the pool's pages).
+TEST(FunText, ArbitraryBytesCutIntoPiecesThatJoinBackWhole)
+{
+    std::mt19937 rng(27);
+    CTalvorBufferPool pool;
+    static const unsigned char kBytes[] = {'a', ' ', ',', 0x80, 0xBF, 0xC3, 0xA9, 0xE4, 0xF0, 0x9F, 0xFF, 0};
+    for (int nCase = 0; nCase < 2000; ++nCase) {
+        std::string s;
+        for (int k = (int)(rng() % 12); k > 0; --k) s += (char)kBytes[rng() % sizeof(kBytes)];
+        if (!s.empty() && s.back() == 0) s.back() = 'z';  // a trailing NUL is a record terminator
+        VARDATA v, n, r, left, rest, pos;
+        for (VARDATA* p : {&v, &n, &r, &left, &rest, &pos}) p->Init();
+        v.AttachString((char*)s.data(), (int)s.size(), TALVOR_VT_TEXT);
+        ASSERT_EQ(g_fun.CharLength(&pool, v, r), 0);
+        long long nChars = Val(r.m_llValue);
+        ASSERT_LE(nChars, (long long)s.size());
+        for (long long k = 0; k <= nChars + 1; ++k) {
+            n.SetData(k);
+            pos.SetData(k + 1);
+            ASSERT_EQ(g_fun.Left(&pool, v, n, left), 0);
+            ASSERT_EQ(g_fun.SubString(&pool, v, pos, rest), 0);
+            std::string strJoined = std::string(left.m_lpszValue, (size_t)Val(left.m_nStrLen)) +
+                                    std::string(rest.m_lpszValue, (size_t)Val(rest.m_nStrLen));
+            ASSERT_EQ(strJoined, s) << "cut after " << k << " characters";
+        }
+        // Reversed, the same bytes in as many characters (a stray
+        // continuation byte may join another character, so twice reversed
+        // need not be the text again).
+        ASSERT_EQ(g_fun.Reverse(&pool, v, r), 0);
+        std::string strReversed(r.m_lpszValue, (size_t)Val(r.m_nStrLen)), strSorted = s;
+        std::sort(strReversed.begin(), strReversed.end());
+        std::sort(strSorted.begin(), strSorted.end());
+        ASSERT_EQ(strReversed, strSorted);
+        n.SetData(nChars + 3);
+        ASSERT_EQ(g_fun.LRPad(&pool, v, n, v, TRUE, r), 0);
+        if (!s.empty()) EXPECT_EQ(Val(r.m_vt), TALVOR_VT_TEXT);
+        pool.ResetBuffer();
+    }
+}
