@@ -172,6 +172,10 @@ TEST(FunText, MeasuresAndSearchesAgreeOnCharactersAndPositions)
         batch.Add("CHAR_LENGTH(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.CharLength(pool, v[0], r);
         });
+        FunArg any = rng() % 3 == 0 ? ArgInt(RandomCount(rng)) : (rng() % 2 ? ArgBin(RandomText(rng)) : a);
+        batch.Add("CHARSET(?)", {any}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.CharSet(pool, v[0], r);
+        });
         batch.Add("BIT_LENGTH(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
             return g_fun.Bit_Length(pool, v[0], r);
         });
