@@ -283,6 +283,20 @@ TEST(FunText, ExtractValueTakesTheDirectTextOfEveryMatch)
                       return g_fun.Xml_Extract(pool, v[0], v[1], r);
                   });
     }
+    // Generated documents: nested a, b and c with text between the tags.
+    std::mt19937 rng(28);
+    std::function<std::string(int)> element = [&](int nDepth) {
+        static const char* kNames[] = {"a", "b", "c"};
+        static const char* kTexts[] = {"", "x", "y1", "\xc3\xa9", "p q"};
+        std::string strName = kNames[rng() % 3], s = "<" + strName + ">" + kTexts[rng() % 5];
+        for (int k = nDepth < 3 ? (int)(rng() % 3) : 0; k > 0; --k) s += element(nDepth + 1) + kTexts[rng() % 5];
+        return s + "</" + strName + ">";
+    };
+    for (int i = 0; i < 150; ++i) {
+        static const char* kPaths[] = {"/a", "/b", "//a", "//b", "//c", "/a/b", "/a/*", "//b/c", "/*/*", "//a/text()"};
+        batch.Add("EXTRACTVALUE(?, ?)", {ArgText(element(0)), ArgText(kPaths[rng() % 10])},
+                  [](Pool* pool, Args& v, VARDATA& r) { return g_fun.Xml_Extract(pool, v[0], v[1], r); });
+    }
     batch.Add("EXTRACTVALUE(?, ?)", {ArgNull(), ArgText("/a")},
               [](Pool* pool, Args& v, VARDATA& r) {
                   return g_fun.Xml_Extract(pool, v[0], v[1], r);
