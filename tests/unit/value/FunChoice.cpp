@@ -55,10 +55,10 @@ FunArg RandomCondition(std::mt19937& rng)
     }
 }
 
-FunCall Variadic(int (CBaseFunManager::*pfn)(CTalvorBufferPool*, int, st_VARDATA*, VARDATA&))
+FunCall Variadic(int (*pfn)(CTalvorBufferPool*, int, st_VARDATA*, VARDATA&))
 {
     return [pfn](Pool* pool, Args& v, VARDATA& r) {
-        return (g_fun.*pfn)(pool, (int)v.size(), v.data(), r);
+        return pfn(pool, (int)v.size(), v.data(), r);
     };
 }
 

@@ -211,9 +211,9 @@ TEST(FunText, ListsAndSetsPickTheMembersTheBitsName)
 {
     std::mt19937 rng(25);
     FunBatch batch;
-    auto variadic = [](int (CBaseFunManager::*pfn)(CTalvorBufferPool*, int, st_VARDATA*, VARDATA&)) {
+    auto variadic = [](int (*pfn)(CTalvorBufferPool*, int, st_VARDATA*, VARDATA&)) {
         return [pfn](Pool* pool, Args& v, VARDATA& r) {
-            return (g_fun.*pfn)(pool, (int)v.size(), v.data(), r);
+            return pfn(pool, (int)v.size(), v.data(), r);
         };
     };
     for (int i = 0; i < 200; ++i) {
