@@ -462,7 +462,9 @@ TEST(FunText, ArbitraryBytesCutIntoPiecesThatJoinBackWhole)
         ASSERT_EQ(strReversed, strSorted);
         n.SetData(nChars + 3);
         ASSERT_EQ(g_fun.LRPad(&pool, v, n, v, TRUE, r), 0);
-        if (!s.empty()) EXPECT_EQ(Val(r.m_vt), TALVOR_VT_TEXT);
+        if (!s.empty()) {
+            EXPECT_EQ(Val(r.m_vt), TALVOR_VT_TEXT) << "a pad of any bytes pads";
+        }
         pool.ResetBuffer();
     }
 }
