@@ -1,0 +1,470 @@
+// The text functions against MariaDB on generated arguments: ASCII and UTF-8
+// texts with separators, counts that are zero, negative, past the text and
+// at the 32- and 64-bit edges, and NULLs. A wrong character offset, a lost
+// byte at a seam, or a NULL that does not spread shows up as a differing row.
+//
+// Deliberate differences from MariaDB (the function library decides):
+// | Case                                   | Ours        | MariaDB             | Why                                   |
+// |----------------------------------------|-------------|---------------------|---------------------------------------|
+// | a result above 0x100000 bytes          | NULL        | the text (to 16 MiB)| every growing result is bounded first |
+// | compares and searches (STRCMP, INSTR,  | ASCII folded| the collation's     | the engine's text order folds ASCII   |
+// | LOCATE, FIELD, FIND_IN_SET)            | bytes after | weights (ß = s)     | only; the cases fold the server side  |
+// |                                        |             |                     | with LOWER and compare it binary      |
+// | SUBSTRING_INDEX count outside 32 bits  | taken whole | wrapped to 32 bits  | a count is 64 bits everywhere else    |
+// | REPLACE(s, '', NULL)                   | NULL        | s                   | NULL in gives NULL out                |
+// | LOCATE('', s, pos) for pos > 1         | the char    | a byte offset + 1,  | positions count characters            |
+// |                                        | position    | or 0                |                                       |
+// | a double as text (CONCAT(1e20))        | "%f" form,  | shortest form, with | the typed value's text form; numbers  |
+// |                                        | zeros cut   | an exponent         | below are integers and decimals       |
+#include "FunReference.h"
+#include "PackedValue.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+using namespace talvortest;
+
+namespace {
+
+CBaseFunManager g_fun;
+
+// The server's side of a compare: letters folded, then compared binary,
+// the order our compares use for the texts generated here.
+#define FOLD "LOWER(?) COLLATE utf8mb4_bin"
+
+// Cases where MariaDB answers otherwise by design (the table above).
+bool Deliberate(const std::string& strSql)
+{
+    auto has = [&](const char* lpsz) { return strSql.find(lpsz) != std::string::npos; };
+    if (strSql.rfind("SUBSTRING_INDEX(", 0) == 0)
+        return has("4294967296") || has("922337203685477580");
+    if (strSql.rfind("REPLACE(", 0) == 0) return has("X'' USING utf8mb4), NULL");
+    if (strSql.rfind("LOCATE(LOWER(CONVERT(X'' ", 0) == 0) return std::count(strSql.begin(), strSql.end(), ',') >= 2;
+    return false;
+}
+
+// The pieces of separators that SUBSTRING_INDEX, REPLACE and LOCATE look for.
+FunArg RandomNeedle(std::mt19937& rng)
+{
+    static const char* kNeedles[] = {",", ".", "a", "ab", "b", " ", "", "\xe4\xb8\xad", ",,", "Z", "zz"};
+    if (rng() % 15 == 0) return ArgNull();
+    return ArgText(kNeedles[rng() % (sizeof(kNeedles) / sizeof(kNeedles[0]))]);
+}
+
+} // namespace
+
+TEST(FunText, CutsAndSlicesCountCharactersLikeTheReference)
+{
+    std::mt19937 rng(22);
+    FunBatch batch;
+    for (int i = 0; i < 250; ++i) {
+        // Now and then a number, which the functions take by its text form.
+        FunArg s = rng() % 6 == 0 ? ArgInt(RandomCount(rng)) : RandomTextArg(rng);
+        FunArg p = RandomCountArg(rng), n = RandomCountArg(rng);
+        // A double count rounds, ties to even.
+        static const char* kHalves[] = {"1.5", "2.5", "-1.5", "0.4", "2.6"};
+        if (rng() % 6 == 0) n = ArgDouble(kHalves[rng() % 5]);
+        // A text count reads the number at its head.
+        static const char* kTextCounts[] = {"2x", "2.7", " 3", "-1.5", "1e1", "abc", "0x3", "2.5"};
+        if (rng() % 6 == 0) n = ArgText(kTextCounts[rng() % 8]);
+        batch.Add("SUBSTRING(?, ?)", {s, p}, [](Pool* pool, Args& a, VARDATA& r) {
+            return g_fun.SubString(pool, a[0], a[1], r);
+        });
+        batch.Add("SUBSTRING(?, ?, ?)", {s, p, n}, [](Pool* pool, Args& a, VARDATA& r) {
+            return g_fun.SubString(pool, a[0], a[1], a[2], r);
+        });
+        batch.Add("LEFT(?, ?)", {s, n}, [](Pool* pool, Args& a, VARDATA& r) {
+            return g_fun.Left(pool, a[0], a[1], r);
+        });
+        batch.Add("RIGHT(?, ?)", {s, n}, [](Pool* pool, Args& a, VARDATA& r) {
+            return g_fun.Right(pool, a[0], a[1], r);
+        });
+        batch.Add("SUBSTRING_INDEX(?, ?, ?)", {s, RandomNeedle(rng), n},
+                  [](Pool* pool, Args& a, VARDATA& r) {
+                      return g_fun.SubString_Index(pool, a[0], a[1], a[2], r);
+                  });
+        batch.Add("INSERT(?, ?, ?, ?)", {s, p, n, RandomTextArg(rng)},
+                  [](Pool* pool, Args& a, VARDATA& r) {
+                      return g_fun.Insert(pool, a[0], a[1], a[2], a[3], r);
+                  });
+        batch.Add("REVERSE(?)", {s}, [](Pool* pool, Args& a, VARDATA& r) {
+            return g_fun.Reverse(pool, a[0], r);
+        });
+    }
+    batch.Check(Deliberate);
+}
+
+TEST(FunText, JoinsRepeatsAndPadsKeepEveryByte)
+{
+    std::mt19937 rng(23);
+    FunBatch batch;
+    for (int i = 0; i < 200; ++i) {
+        FunArg a = RandomTextArg(rng), b = RandomTextArg(rng), c = RandomTextArg(rng);
+        FunArg n = rng() % 2 ? ArgInt((long long)(rng() % 30) - 3) : RandomCountArg(rng);
+        static const char* kDecimals[] = {"1.50", "-0.001", "123456789012.000000001", "0.0"};
+        FunArg d = rng() % 3 == 0 ? ArgDec(kDecimals[rng() % 4]) : ArgInt(RandomCount(rng));
+        batch.Add("CONCAT(?, ?, ?)", {a, d, c}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.Concat(pool, (int)v.size(), v.data(), r);
+        });
+        batch.Add("CONCAT_WS(?, ?, ?, ?)", {RandomNeedle(rng), a, b, c},
+                  [](Pool* pool, Args& v, VARDATA& r) {
+                      return g_fun.Concat_WS(pool, (int)v.size(), v.data(), r);
+                  });
+        batch.Add("REPLACE(?, ?, ?)", {a, RandomNeedle(rng), b},
+                  [](Pool* pool, Args& v, VARDATA& r) {
+                      return g_fun.Replace(pool, v[0], v[1], v[2], r);
+                  });
+        // Counts stay below MariaDB's packet limit, where both must agree.
+        FunArg k = rng() % 2 ? ArgInt((long long)(rng() % 7) - 2) : ArgNull();
+        batch.Add("REPEAT(?, ?)", {a, k}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.Repeat(pool, v[0], v[1], r);
+        });
+        batch.Add("SPACE(?)", {k}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.Space(pool, v[0], r);
+        });
+        batch.Add("LPAD(?, ?, ?)", {a, n, b}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.LRPad(pool, v[0], v[1], v[2], TRUE, r);
+        });
+        batch.Add("RPAD(?, ?, ?)", {a, n, b}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.LRPad(pool, v[0], v[1], v[2], FALSE, r);
+        });
+        batch.Add("LTRIM(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.LTrim(pool, v[0], r);
+        });
+        batch.Add("RTRIM(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.RTrim(pool, v[0], r);
+        });
+        batch.Add("TRIM(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.Trim(pool, v[0], r);
+        });
+        FunArg rem = RandomNeedle(rng);
+        batch.Add("TRIM(LEADING ? FROM ?)", {rem, a}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.Trim(pool, v[1], v[0], TALVOR_FUN_TRIM_LEADING, r);
+        });
+        batch.Add("TRIM(TRAILING ? FROM ?)", {rem, a}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.Trim(pool, v[1], v[0], TALVOR_FUN_TRIM_TRAILING, r);
+        });
+        batch.Add("TRIM(BOTH ? FROM ?)", {rem, a}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.Trim(pool, v[1], v[0], TALVOR_FUN_TRIM_BOTH, r);
+        });
+        batch.Add("QUOTE(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.Quote(pool, v[0], r);
+        });
+        // NUL and Ctrl-Z are escaped; binary keeps them as data.
+        std::string strRaw = RandomText(rng, 3) + std::string(1, "\0\032'\\"[rng() % 4]) + RandomText(rng, 2);
+        batch.Add("QUOTE(?)", {ArgBin(strRaw)}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.Quote(pool, v[0], r);
+        });
+    }
+    batch.Check(Deliberate);
+}
+
+TEST(FunText, MeasuresAndSearchesAgreeOnCharactersAndPositions)
+{
+    std::mt19937 rng(24);
+    FunBatch batch;
+    for (int i = 0; i < 200; ++i) {
+        FunArg a = RandomTextArg(rng), needle = RandomNeedle(rng), p = RandomCountArg(rng);
+        batch.Add("LENGTH(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.Length(pool, v[0], r);
+        });
+        batch.Add("CHAR_LENGTH(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.CharLength(pool, v[0], r);
+        });
+        FunArg any = rng() % 3 == 0 ? ArgInt(RandomCount(rng)) : (rng() % 2 ? ArgBin(RandomText(rng)) : a);
+        batch.Add("CHARSET(?)", {any}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.CharSet(pool, v[0], r);
+        });
+        batch.Add("BIT_LENGTH(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.Bit_Length(pool, v[0], r);
+        });
+        batch.Add("ASCII(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.AsciiOrd(pool, v[0], FALSE, r);
+        });
+        batch.Add("ORD(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.AsciiOrd(pool, v[0], TRUE, r);
+        });
+        batch.Add("INSTR(" FOLD ", " FOLD ")", {a, needle}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.InStr(pool, v[0], v[1], r);
+        });
+        batch.Add("LOCATE(" FOLD ", " FOLD ")", {needle, a}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.Locate(pool, v[0], v[1], r);
+        });
+        batch.Add("LOCATE(" FOLD ", " FOLD ", ?)", {needle, a, p}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.Locate(pool, v[0], v[1], v[2], r);
+        });
+        batch.Add("POSITION(" FOLD " IN " FOLD ")", {needle, a}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.Position(pool, v[0], v[1], r);
+        });
+        batch.Add("STRCMP(" FOLD ", " FOLD ")", {a, RandomTextArg(rng)}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.TalvorStrCmp(pool, v[0], v[1], r);
+        });
+        batch.Add("FIND_IN_SET(" FOLD ", " FOLD ")", {needle, a}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.Find_In_Set(pool, v[0], v[1], r);
+        });
+    }
+    batch.Check(Deliberate);
+}
+
+TEST(FunText, ListsAndSetsPickTheMembersTheBitsName)
+{
+    std::mt19937 rng(25);
+    FunBatch batch;
+    auto variadic = [](int (*pfn)(CTalvorBufferPool*, int, st_VARDATA*, VARDATA&)) {
+        return [pfn](Pool* pool, Args& v, VARDATA& r) {
+            return pfn(pool, (int)v.size(), v.data(), r);
+        };
+    };
+    for (int i = 0; i < 200; ++i) {
+        FunArg bits = rng() % 10 == 0 ? ArgNull() : ArgInt(rng() % 3 == 0 ? -(long long)(rng() % 9) : rng() % 300);
+        FunArg a = RandomTextArg(rng), b = RandomTextArg(rng), c = RandomTextArg(rng);
+        batch.Add("MAKE_SET(?, ?, ?, ?)", {bits, a, b, c}, variadic(&CBaseFunManager::Make_Set));
+        batch.Add("EXPORT_SET(?, ?, ?)", {bits, a, b}, variadic(&CBaseFunManager::Export_Set));
+        batch.Add("EXPORT_SET(?, ?, ?, ?, ?)", {bits, a, b, RandomNeedle(rng), RandomCountArg(rng)},
+                  variadic(&CBaseFunManager::Export_Set));
+        batch.Add("ELT(?, ?, ?, ?)", {RandomCountArg(rng), a, b, c}, variadic(&CBaseFunManager::Elt));
+        FunArg key = rng() % 2 ? a : (rng() % 2 ? b : RandomTextArg(rng));
+        batch.Add("FIELD(" FOLD ", " FOLD ", " FOLD ", " FOLD ")", {key, a, b, c},
+                  variadic(&CBaseFunManager::TalvorField));
+        FunArg n1 = ArgInt(rng() % 5), n2 = ArgInt(rng() % 5);
+        batch.Add("FIELD(?, ?, ?)", {n1, n2, ArgInt(rng() % 5)}, variadic(&CBaseFunManager::TalvorField));
+        batch.Add("HEX(CHAR(?, ?))", {RandomCountArg(rng), ArgInt((long long)(rng() % 70000))},
+                  [](Pool* pool, Args& v, VARDATA& r) {
+                      VARDATA c;
+                      c.Init();
+                      int n = g_fun.TalvorChar(pool, 2, v.data(), c);
+                      return n != 0 ? n : g_fun.Hex(pool, c, r);
+                  });
+    }
+    batch.Check(Deliberate);
+}
+
+// Binary text counts bytes, not characters, and searches it without
+// folding letters: a UTF-8 character cut in two is the right answer here.
+TEST(FunText, BinaryTextCountsBytes)
+{
+    std::mt19937 rng(26);
+    FunBatch batch;
+    for (int i = 0; i < 150; ++i) {
+        FunArg b = rng() % 12 == 0 ? ArgNull() : ArgBin(RandomText(rng));
+        FunArg n = RandomCountArg(rng);
+        batch.Add("CHAR_LENGTH(?)", {b}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.CharLength(pool, v[0], r);
+        });
+        batch.Add("REVERSE(?)", {b}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.Reverse(pool, v[0], r);
+        });
+        batch.Add("SUBSTRING(?, ?, ?)", {b, RandomCountArg(rng), n},
+                  [](Pool* pool, Args& v, VARDATA& r) {
+                      return g_fun.SubString(pool, v[0], v[1], v[2], r);
+                  });
+        batch.Add("RIGHT(?, ?)", {b, n}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.Right(pool, v[0], v[1], r);
+        });
+        batch.Add("ORD(?)", {b}, [](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.AsciiOrd(pool, v[0], TRUE, r);
+        });
+        batch.Add("LOCATE(?, ?)", {ArgBin(rng() % 2 ? "b" : "\xa9"), b},
+                  [](Pool* pool, Args& v, VARDATA& r) {
+                      return g_fun.Locate(pool, v[0], v[1], r);
+                  });
+    }
+    batch.Check(Deliberate);
+}
+
+TEST(FunText, ExtractValueTakesTheDirectTextOfEveryMatch)
+{
+    FunBatch batch;
+    const std::string doc = "<a>x<b>b1</b>y<c><b>b2</b></c><b>b3<d>no</d></b></a>";
+    for (const char* path : {"/a", "/a/b", "//b", "/a/c/b", "/a/*", "/a/b/text()", "/z", "//d", "/a/c"}) {
+        batch.Add("EXTRACTVALUE(?, ?)", {ArgText(doc), ArgText(path)},
+                  [](Pool* pool, Args& v, VARDATA& r) {
+                      return g_fun.Xml_Extract(pool, v[0], v[1], r);
+                  });
+    }
+    // Generated documents: nested a, b and c with text between the tags.
+    std::mt19937 rng(28);
+    std::function<std::string(int)> element = [&](int nDepth) {
+        static const char* kNames[] = {"a", "b", "c"};
+        static const char* kTexts[] = {"", "x", "y1", "\xc3\xa9", "p q"};
+        std::string strName = kNames[rng() % 3], s = "<" + strName + ">" + kTexts[rng() % 5];
+        for (int k = nDepth < 3 ? (int)(rng() % 3) : 0; k > 0; --k) s += element(nDepth + 1) + kTexts[rng() % 5];
+        return s + "</" + strName + ">";
+    };
+    for (int i = 0; i < 150; ++i) {
+        static const char* kPaths[] = {"/a", "/b", "//a", "//b", "//c", "/a/b", "/a/*", "//b/c", "/*/*", "//a/text()"};
+        batch.Add("EXTRACTVALUE(?, ?)", {ArgText(element(0)), ArgText(kPaths[rng() % 10])},
+                  [](Pool* pool, Args& v, VARDATA& r) { return g_fun.Xml_Extract(pool, v[0], v[1], r); });
+    }
+    batch.Add("EXTRACTVALUE(?, ?)", {ArgNull(), ArgText("/a")},
+              [](Pool* pool, Args& v, VARDATA& r) {
+                  return g_fun.Xml_Extract(pool, v[0], v[1], r);
+              });
+    batch.Check(Deliberate);
+}
+
+// Growing results are bounded before anything is allocated: one byte past
+// the bound is NULL, the bound itself is the text.
+TEST(FunText, GrowingResultsAboveTheBoundAreNullNotAllocated)
+{
+    CTalvorBufferPool pool;
+    VARDATA n, s, r;
+    n.Init();
+    s.Init();
+    r.Init();
+    n.SetData((long long)TALVOR_FUN_MAX_RESULT);
+    ASSERT_EQ(g_fun.Space(&pool, n, r), 0);
+    ASSERT_EQ(Val(r.m_vt), TALVOR_VT_TEXT);
+    EXPECT_EQ(Val(r.m_nStrLen), TALVOR_FUN_MAX_RESULT);
+    EXPECT_EQ(r.m_lpszValue[TALVOR_FUN_MAX_RESULT - 1], ' ');
+    n.SetData((long long)TALVOR_FUN_MAX_RESULT + 1);
+    ASSERT_EQ(g_fun.Space(&pool, n, r), 0);
+    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+    n.SetData(9223372036854775807LL);
+    ASSERT_EQ(g_fun.Space(&pool, n, r), 0);
+    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+
+    char ab[] = "ab";
+    s.AttachString(ab, 2, TALVOR_VT_TEXT);
+    n.SetData((long long)TALVOR_FUN_MAX_RESULT / 2);
+    ASSERT_EQ(g_fun.Repeat(&pool, s, n, r), 0);
+    EXPECT_EQ(Val(r.m_nStrLen), TALVOR_FUN_MAX_RESULT);
+    n.SetData((long long)TALVOR_FUN_MAX_RESULT / 2 + 1);
+    ASSERT_EQ(g_fun.Repeat(&pool, s, n, r), 0);
+    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+    n.SetData(4611686018427387904LL);  // times 2 bytes wraps 64 bits
+    ASSERT_EQ(g_fun.Repeat(&pool, s, n, r), 0);
+    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+    n.SetData(2147483647LL);
+    ASSERT_EQ(g_fun.LRPad(&pool, s, n, s, TRUE, r), 0);
+    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+}
+
+// A pool that gives nothing is reported, never written through.
+TEST(FunText, NoMemoryIsReportedAndLeavesNull)
+{
+    VARDATA a, r;
+    a.Init();
+    r.Init();
+    char sz[] = "abc";
+    a.AttachString(sz, 3, TALVOR_VT_TEXT);
+    EXPECT_EQ(g_fun.Reverse(nullptr, a, r), TALVOR_VARDATA_NO_MEMORY);
+    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+}
+
+// NULL in gives NULL out: a NULL at any one place, every other argument a
+// plain value. The members about NULL (QUOTE, the list members that skip
+// NULLs, FIELD, CHAR) are left to the generated cases above.
+TEST(FunText, ANullAtAnyPlaceGivesNull)
+{
+    using P = CTalvorBufferPool*;
+    using Fn = std::function<int(P, VARDATA*, VARDATA&)>;
+    struct Member {
+        const char* lpszName;
+        int nArgs;
+        Fn fn;
+    };
+    const std::vector<Member> members = {
+        {"CONCAT", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Concat(p, 3, a, r); }},
+        {"SUBSTRING", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.SubString(p, a[0], a[1], a[2], r); }},
+        {"SUBSTRING2", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.SubString(p, a[0], a[1], r); }},
+        {"SUBSTRING_INDEX", 3,
+         [](P p, VARDATA* a, VARDATA& r) { return g_fun.SubString_Index(p, a[0], a[1], a[2], r); }},
+        {"LEFT", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Left(p, a[0], a[1], r); }},
+        {"RIGHT", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Right(p, a[0], a[1], r); }},
+        {"REPLACE", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Replace(p, a[0], a[1], a[2], r); }},
+        {"INSERT", 4, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Insert(p, a[0], a[1], a[2], a[3], r); }},
+        {"REVERSE", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Reverse(p, a[0], r); }},
+        {"REPEAT", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Repeat(p, a[0], a[1], r); }},
+        {"SPACE", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Space(p, a[0], r); }},
+        {"LTRIM", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.LTrim(p, a[0], r); }},
+        {"RTRIM", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.RTrim(p, a[0], r); }},
+        {"TRIM", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Trim(p, a[0], a[1], TALVOR_FUN_TRIM_BOTH, r); }},
+        {"LPAD", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.LRPad(p, a[0], a[1], a[2], TRUE, r); }},
+        {"LENGTH", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Length(p, a[0], r); }},
+        {"CHAR_LENGTH", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.CharLength(p, a[0], r); }},
+        {"BIT_LENGTH", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Bit_Length(p, a[0], r); }},
+        {"ORD", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.AsciiOrd(p, a[0], TRUE, r); }},
+        {"STRCMP", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.TalvorStrCmp(p, a[0], a[1], r); }},
+        {"FIND_IN_SET", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Find_In_Set(p, a[0], a[1], r); }},
+        {"EXPORT_SET", 5, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Export_Set(p, 5, a, r); }},
+        {"INSTR", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.InStr(p, a[0], a[1], r); }},
+        {"LOCATE", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Locate(p, a[0], a[1], a[2], r); }},
+        {"EXTRACTVALUE", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Xml_Extract(p, a[0], a[1], r); }},
+        {"BIN", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Bin(p, a[0], r); }},
+        {"OCT", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Oct(p, a[0], r); }},
+        {"HEX", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Hex(p, a[0], r); }},
+        {"UNHEX", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.UnHex(p, a[0], r); }},
+        {"CONV", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Conv(p, a[0], a[1], a[2], r); }},
+        {"FORMAT", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Format(p, a[0], a[1], r); }},
+        {"MD5", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Md5(p, a[0], r); }},
+        {"CRC32", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.CRC32(p, a[0], r); }},
+        {"INET_ATON", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Inet_aton(p, a[0], r); }},
+        {"INET_NTOA", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Inet_ntoa(p, a[0], r); }},
+        {"GREATEST", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Greatest(p, 3, a, r); }},
+        {"CONVERT", 1,
+         [](P p, VARDATA* a, VARDATA& r) { return g_fun.ConvertOrCast(p, a[0], TALVOR_VT_BIGINT, nullptr, r); }},
+    };
+    CTalvorBufferPool pool;
+    char szText[] = "10";  // a number, a count and a text all at once
+    for (const Member& m : members) {
+        for (int nNull = 0; nNull < m.nArgs; ++nNull) {
+            VARDATA args[5], r;
+            for (int i = 0; i < m.nArgs; ++i) {
+                args[i].Init();
+                if (i == nNull) args[i].SetNull();
+                else args[i].AttachString(szText, 2, TALVOR_VT_TEXT);
+            }
+            r.Init();
+            r.SetData(7);
+            EXPECT_EQ(m.fn(&pool, args, r), 0) << m.lpszName;
+            EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL) << m.lpszName << " with NULL at " << nNull;
+        }
+    }
+}
+
+// Any bytes, valid UTF-8 or not (a lead byte without its continuation, a
+// continuation without a lead, a text that starts inside a character): the
+// pieces the cutting members give join back to the text, and no offset runs
+// past it (AddressSanitizer watches the pool's pages).
+TEST(FunText, ArbitraryBytesCutIntoPiecesThatJoinBackWhole)
+{
+    std::mt19937 rng(27);
+    CTalvorBufferPool pool;
+    static const unsigned char kBytes[] = {'a', ' ', ',', 0x80, 0xBF, 0xC3, 0xA9, 0xE4, 0xF0, 0x9F, 0xFF, 0};
+    for (int nCase = 0; nCase < 2000; ++nCase) {
+        std::string s;
+        for (int k = (int)(rng() % 12); k > 0; --k) s += (char)kBytes[rng() % sizeof(kBytes)];
+        if (!s.empty() && s.back() == 0) s.back() = 'z';  // a trailing NUL is a record terminator
+        VARDATA v, n, r, left, rest, pos;
+        for (VARDATA* p : {&v, &n, &r, &left, &rest, &pos}) p->Init();
+        v.AttachString((char*)s.data(), (int)s.size(), TALVOR_VT_TEXT);
+        ASSERT_EQ(g_fun.CharLength(&pool, v, r), 0);
+        long long nChars = Val(r.m_llValue);
+        ASSERT_LE(nChars, (long long)s.size());
+        for (long long k = 0; k <= nChars + 1; ++k) {
+            n.SetData(k);
+            pos.SetData(k + 1);
+            ASSERT_EQ(g_fun.Left(&pool, v, n, left), 0);
+            ASSERT_EQ(g_fun.SubString(&pool, v, pos, rest), 0);
+            std::string strJoined = std::string(left.m_lpszValue, (size_t)Val(left.m_nStrLen)) +
+                                    std::string(rest.m_lpszValue, (size_t)Val(rest.m_nStrLen));
+            ASSERT_EQ(strJoined, s) << "cut after " << k << " characters";
+        }
+        // Reversed, the same bytes in as many characters (a stray
+        // continuation byte may join another character, so twice reversed
+        // need not be the text again).
+        ASSERT_EQ(g_fun.Reverse(&pool, v, r), 0);
+        std::string strReversed(r.m_lpszValue, (size_t)Val(r.m_nStrLen)), strSorted = s;
+        std::sort(strReversed.begin(), strReversed.end());
+        std::sort(strSorted.begin(), strSorted.end());
+        ASSERT_EQ(strReversed, strSorted);
+        n.SetData(nChars + 3);
+        ASSERT_EQ(g_fun.LRPad(&pool, v, n, v, TRUE, r), 0);
+        if (!s.empty()) {
+            EXPECT_EQ(Val(r.m_vt), TALVOR_VT_TEXT) << "a pad of any bytes pads";
+        }
+        pool.ResetBuffer();
+    }
+}
