@@ -633,10 +633,12 @@ int FaultFileIO::SyncFile(FileOp eOp, int fd)
     return (int)Finish(call, rc);
 }
 
-int FaultFileIO::FTruncate(int fd, off_t nSize)
+// A change of a file's size (a truncation, or a growth by fallocate) as a
+// power loss can take it back: the old size, and the bytes a shrink cuts.
+// fnCall makes the change; its result is the call's.
+int FaultFileIO::SizeChange(FileCall& call, int fd, const std::function<long long(long long)>& fnNewSize,
+                            const std::function<int()>& fnCall)
 {
-    FileCall call = MakeCall(FileOp::FTruncate, PathOfFd(fd), (long long)nSize);
-    if (Passes(call.m_strPath)) return CTalvorFileIO::FTruncate(fd, nSize);
     Verdict v = Judge(call);
     if (v.m_bFail) return (int)Finish(call, FailWith(v.m_nErrno));
     std::unique_lock<std::mutex> lock(m_mutex);
@@ -647,7 +649,7 @@ int FaultFileIO::FTruncate(int fd, off_t nSize)
         c.m_eKind = CHANGE_TRUNCATE;
         c.m_key = std::make_pair(st.st_dev, st.st_ino);
         c.m_strPath = call.m_strPath;
-        c.m_nOffset = (long long)nSize;
+        c.m_nOffset = fnNewSize((long long)st.st_size);
         c.m_nOldSize = (long long)st.st_size;
         int fdUndo = UndoFdLocked(c.m_key, fd);
         if (fdUndo >= 0) {
@@ -655,7 +657,7 @@ int FaultFileIO::FTruncate(int fd, off_t nSize)
             bTrack = true;
         }
     }
-    int rc = CTalvorFileIO::FTruncate(fd, nSize);
+    int rc = fnCall();
     int nErr = errno;
     if (rc == 0 && bTrack) m_vChanges.push_back(std::move(c));
     lock.unlock();
@@ -663,34 +665,21 @@ int FaultFileIO::FTruncate(int fd, off_t nSize)
     return (int)Finish(call, rc);
 }
 
+int FaultFileIO::FTruncate(int fd, off_t nSize)
+{
+    FileCall call = MakeCall(FileOp::FTruncate, PathOfFd(fd), (long long)nSize);
+    if (Passes(call.m_strPath)) return CTalvorFileIO::FTruncate(fd, nSize);
+    return SizeChange(
+        call, fd, [&](long long) { return (long long)nSize; }, [&] { return CTalvorFileIO::FTruncate(fd, nSize); });
+}
+
 int FaultFileIO::Fallocate(int fd, off_t nOffset, off_t nLength)
 {
     FileCall call = MakeCall(FileOp::Fallocate, PathOfFd(fd), (long long)nOffset, (long long)nLength);
     if (Passes(call.m_strPath)) return CTalvorFileIO::Fallocate(fd, nOffset, nLength);
-    Verdict v = Judge(call);
-    if (v.m_bFail) return (int)Finish(call, FailWith(v.m_nErrno));
-    std::unique_lock<std::mutex> lock(m_mutex);
-    Change c;
-    bool bTrack = false;
-    struct stat st;
-    if (fstat(fd, &st) == 0) {
-        c.m_eKind = CHANGE_TRUNCATE;
-        c.m_key = std::make_pair(st.st_dev, st.st_ino);
-        c.m_strPath = call.m_strPath;
-        c.m_nOffset = std::max((long long)st.st_size, (long long)(nOffset + nLength));
-        c.m_nOldSize = (long long)st.st_size;
-        int fdUndo = UndoFdLocked(c.m_key, fd);
-        if (fdUndo >= 0) {
-            if (c.m_nOldSize > c.m_nOffset) c.m_strOld = ReadRange(fdUndo, c.m_nOffset, c.m_nOldSize - c.m_nOffset);
-            bTrack = true;
-        }
-    }
-    int rc = CTalvorFileIO::Fallocate(fd, nOffset, nLength);
-    int nErr = errno;
-    if (rc == 0 && bTrack) m_vChanges.push_back(std::move(c));
-    lock.unlock();
-    errno = nErr;
-    return (int)Finish(call, rc);
+    return SizeChange(
+        call, fd, [&](long long nOld) { return std::max(nOld, (long long)(nOffset + nLength)); },
+        [&] { return CTalvorFileIO::Fallocate(fd, nOffset, nLength); });
 }
 
 int FaultFileIO::Close(int fd)

@@ -214,6 +214,8 @@ private:
     Verdict Judge(FileCall& call);
     // Runs the after-hook of the call with nResult (errno kept); nResult.
     long long Finish(FileCall& call, long long nResult);
+    int SizeChange(FileCall& call, int fd, const std::function<long long(long long)>& fnNewSize,
+                   const std::function<int()>& fnCall);
     int SyncFile(FileOp eOp, int fd);
     int UndoFdLocked(const FileKey& key, int fd);
     void SyncedLocked(const FileKey& key, bool bDirectory);

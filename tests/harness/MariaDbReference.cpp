@@ -3,6 +3,7 @@
 // in hexadecimal, so tabs and newlines inside a value cannot shift the rows.
 #include "MariaDbReference.h"
 
+#include "PythonReference.h"
 #include "TestFiles.h"
 
 #include <cerrno>
@@ -181,18 +182,7 @@ bool MariaDbReference::Eval(const std::vector<std::string>& vExprs, std::vector<
     // --force goes on after a failing statement; its row is simply missing.
     std::string strCommand = "mariadb --no-defaults --force --batch --raw --skip-column-names -u root -S '" +
                              m_strSocket + "' < '" + strInput + "' 2>'" + m_tree.Path("client.log") + "'";
-    FILE* pPipe = popen(strCommand.c_str(), "r");
-    if (pPipe == nullptr) return false;
-    std::string strLine;
-    char szPiece[4096];
-    while (fgets(szPiece, sizeof(szPiece), pPipe) != nullptr) {
-        strLine += szPiece;
-        if (strLine.back() != '\n') continue;
-        strLine.pop_back();
-        ReadRow(strLine, vOut);
-        strLine.clear();
-    }
-    pclose(pPipe);
+    for (const std::string& strLine : RunForLines(strCommand)) ReadRow(strLine, vOut);
     return true;
 }
 

@@ -9,16 +9,9 @@
 
 namespace talvortest {
 
-std::vector<std::string> RunPythonReference(const std::string& strScript, const std::vector<std::string>& vLines)
+std::vector<std::string> RunForLines(const std::string& strCommand)
 {
     std::vector<std::string> vOut;
-    TempTree tree("reference");
-    if (!tree.Ok()) return vOut;
-    std::string strInput;
-    for (const std::string& s : vLines) strInput += s + "\n";
-    std::string strScriptPath = tree.File("reference.py", strScript);
-    std::string strInputPath = tree.File("input", strInput);
-    std::string strCommand = "python3 '" + strScriptPath + "' < '" + strInputPath + "'";
     FILE* pPipe = popen(strCommand.c_str(), "r");
     if (pPipe == nullptr) return vOut;
     std::string strLine;
@@ -34,6 +27,17 @@ std::vector<std::string> RunPythonReference(const std::string& strScript, const 
     if (!strLine.empty()) vOut.push_back(strLine);
     pclose(pPipe);
     return vOut;
+}
+
+std::vector<std::string> RunPythonReference(const std::string& strScript, const std::vector<std::string>& vLines)
+{
+    TempTree tree("reference");
+    if (!tree.Ok()) return {};
+    std::string strInput;
+    for (const std::string& s : vLines) strInput += s + "\n";
+    std::string strScriptPath = tree.File("reference.py", strScript);
+    std::string strInputPath = tree.File("input", strInput);
+    return RunForLines("python3 '" + strScriptPath + "' < '" + strInputPath + "'");
 }
 
 } // namespace talvortest

@@ -8,6 +8,10 @@
 
 namespace talvortest {
 
+// Runs strCommand through the shell and gives back its output lines,
+// newlines taken off (none when it cannot run).
+std::vector<std::string> RunForLines(const std::string& strCommand);
+
 // Runs python3 on strScript with vLines (each ended by a newline) on its
 // standard input and gives back its output lines, newlines taken off.
 // Fewer lines than asked (none when python3 cannot run) is the caller's to
