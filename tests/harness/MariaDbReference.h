@@ -31,6 +31,8 @@ public:
     // time zone +00:00 unless SetSessionSql changes that.
     bool Start();
     const std::string& Error() const { return m_strError; }
+    // True once Start has brought the server up.
+    bool Started() const { return m_nServerPid > 0; }
 
     // SQL run at the start of every Eval's session, e.g. "SET NAMES latin1".
     void SetSessionSql(const std::string& strSql) { m_strSessionSql = strSql; }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "BaseFunManager.h"
+#include "FunReference.h"
 #include "MariaDbReference.h"
 #include "PackedValue.h"
 #include "TalvorDate.h"
@@ -35,22 +36,13 @@ inline void UseUtc()
 // Before any test runs, so no reading is cached in another zone.
 inline const bool g_bUseUtc = (UseUtc(), true);
 
-// The server for every test of this binary; null (and a failure) when it
-// did not start. Static objects, not heap ones: their destructors at exit
-// stop the server and remove its tree.
+// The server for every test of this binary (the kit's, started once); null
+// (and a failure) when it did not start.
 inline MariaDbReference* Server()
 {
-    static MariaDbReference* s_pServer = nullptr;
-    static bool s_bTried = false;
-    if (s_bTried) return s_pServer;
-    s_bTried = true;
-    // The server's installer now and then fails on a loaded machine; a
-    // second tree of its own is tried before the tests give up.
-    static MariaDbReference s_first;
-    if (s_first.Start()) return s_pServer = &s_first;
-    static MariaDbReference s_second;
-    if (s_second.Start()) return s_pServer = &s_second;
-    ADD_FAILURE() << "reference server: " << s_first.Error() << " / " << s_second.Error();
+    MariaDbReference& db = talvortest::SharedMariaDb();
+    if (db.Started()) return &db;
+    ADD_FAILURE() << "reference server: " << db.Error();
     return nullptr;
 }
 
