@@ -32,6 +32,19 @@ bench_wait_started() {
 }
 export -f bench_wait_started
 
+# bench_node_port OUT: the port a stand-in node listener printed into OUT
+# (5 s at the most; OUT may not exist yet), or nothing. Exported, as above.
+bench_node_port() {
+  local port=
+  for _ in $(seq 100); do
+    port=$(sed -n "s/^listening on port //p" "$1" 2>/dev/null || true)
+    [ -n "$port" ] && break
+    sleep 0.05
+  done
+  echo "$port"
+}
+export -f bench_node_port
+
 # bench_raw_tcp_us DST BYTES FILE...: microseconds a plain sender takes to
 # send the first BYTES bytes of FILE... (in order) over a loopback TCP
 # connection to a plain receiver that writes them to DST and syncs it.

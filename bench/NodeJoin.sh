@@ -31,7 +31,7 @@ unshare --ipc --mount --propagation private bash -c '
   "$bin/talvor-peer" data --journal "$root/journal" --live --count 200 --pause-us 0 --blocks "$blocks" --seed 9 >/dev/null 2>&1
   sleep 2
   "$bin/talvor-peer" join-node --port 0 --dir "$root/Joined" --seconds 600 --exit-after-join > "$root/node.out" 2>&1 & node=$!
-  for _ in $(seq 100); do port=$(sed -n "s/^listening on port //p" "$root/node.out"); [ -n "$port" ] && break; sleep 0.05; done
+  port=$(bench_node_port "$root/node.out")
   out=$("$bin/talvor-peer" cluster 11 --ip 127.0.0.1 --port "$port" --local-ip 127.0.0.1 --wait-ms 600000)
   wait $node || true
   kill -TERM $pid; wait $pid || true

@@ -32,7 +32,7 @@ unshare --ipc --mount --propagation private bash -c '
   for _ in $(seq 600); do [ -e "$root/Arch/ArchiveLog/Log$logno.log" ] && break; sleep 0.1; done
   sleep 0.5
   "$bin/talvor-peer" standby-node --port 0 --dir "$root/Standby" --seconds 600 > "$root/node.out" 2>&1 & node=$!
-  for _ in $(seq 100); do port=$(sed -n "s/^listening on port //p" "$root/node.out"); [ -n "$port" ] && break; sleep 0.05; done
+  port=$(bench_node_port "$root/node.out")
   # Every archived log, as the standby must end up holding it.
   want=0; for f in "$root"/Arch/ArchiveLog/Log*.log; do want=$(( want + $(stat -c %s "$f") - 50 )); done
   t0=$(date +%s%N)

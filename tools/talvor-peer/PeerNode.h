@@ -9,6 +9,7 @@
 #include "MemDBNodeDef.h"
 
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <string>
@@ -41,6 +42,9 @@ struct NodeState {
     long long nAfter;
     long long nTimes;
     long long nDone;
+    // "timestamp microseconds" (wall clock) of the last record of every
+    // shipment taken, when set.
+    FILE* pTimes = nullptr;
 
     std::string LogPath(UINT n) const { return strDir + "/Log" + std::to_string(n) + ".log"; }
 

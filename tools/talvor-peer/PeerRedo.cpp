@@ -41,6 +41,8 @@ const std::vector<OptionSpec> g_vRedoOptions = {
     {"out", true, "write the exact stream of records to this file"},
     {"timeout", true, "milliseconds to wait for room or for the drain (default 60000)"},
     {"no-drain", false, "do not wait until the daemon has drained the ring"},
+    {"rate", true, "commit at most this many records a second, evenly (default: as fast as the ring takes them)"},
+    {"commit-times", true, "write \"timestamp microseconds\" (wall clock) of every record as it is committed to this file"},
 };
 
 const int RING_HEAD_SIZE = (int)sizeof(FILE_TRACEMEMFILEHEAD);
@@ -68,6 +70,8 @@ struct RedoSession {
     long long m_nTimestamp = 0;
     unsigned long long m_nRand = 1;
     FILE* m_pOut = nullptr;
+    FILE* m_pTimes = nullptr;
+    long long m_nRate = 0;
 
     LPFILE_TRACEMEMFILEHEAD Head() const { return (LPFILE_TRACEMEMFILEHEAD)m_pRing; }
     int DataSize() const { return m_nRingSize - RING_HEAD_SIZE; }
@@ -262,12 +266,31 @@ std::vector<long long> ParseList(const std::string& strList)
     return v;
 }
 
+long long WallMicros()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    return ts.tv_sec * 1000000LL + ts.tv_nsec / 1000;
+}
+
+// With a rate, record i is due i / rate seconds after the first: a steady
+// load that does not speed up to catch up after a slow moment beyond that.
+void WaitForTurn(const RedoSession& s, long long nFirstUs, long long i)
+{
+    if (s.m_nRate <= 0) return;
+    long long nDue = nFirstUs + (i - 1) * 1000000LL / s.m_nRate;
+    long long nNow = WallMicros();
+    if (nDue > nNow) usleep((useconds_t)(nDue - nNow));
+}
+
 int Commit(RedoSession& s, long long nRecords, long long nFixed, long long nMax, long long nBurst,
            const std::vector<long long>& vSealAt)
 {
     std::vector<BYTE> vRecord;
     int rc = PEER_OK;
+    const long long nFirstUs = WallMicros();
     for (long long i = 1; rc == PEER_OK && i <= nRecords; i++) {
+        WaitForTurn(s, nFirstUs, i);
         BYTE bType = (BYTE)(s.Next() % 21);
         BuildRecord(s, vRecord, NextSize(s, nFixed, nMax, bType), bType);
         // The commit is visible before its redo.
@@ -282,6 +305,7 @@ int Commit(RedoSession& s, long long nRecords, long long nFixed, long long nMax,
             return PEER_INPUT;
         }
         if (i % nBurst == 0) s.Post();
+        if (s.m_pTimes != nullptr) fprintf(s.m_pTimes, "%lld %lld\n", (long long)pHead->m_nTimestamp, WallMicros());
         for (long long nAt : vSealAt)
             if (nAt == i) rc = ForceSeal(s);
     }
@@ -302,17 +326,18 @@ std::string RedoJobUsage()
 int RunRedoJob(const std::vector<std::string>& args)
 {
     CPeerArgs opts;
+    RedoSession s;
     long long nRecords = 0, nSize = 0, nMaxSize = 0, nSeed = 0, nBurst = 0, nTimeout = 0;
     bool bOk = opts.Parse(args, g_vRedoOptions) && opts.GetInt("records", 1000, 0, 1LL << 40, nRecords) &&
                opts.GetInt("size", 0, 0, 0x7FFFFFFF, nSize) && opts.GetInt("max-size", 0, 0, 0x7FFFFFFF, nMaxSize) &&
                opts.GetInt("seed", 1, 1, 0x7FFFFFFFFFFFFFFFLL, nSeed) && opts.GetInt("burst", 16, 1, 1 << 30, nBurst) &&
-               opts.GetInt("timeout", 60000, 1, 24LL * 3600 * 1000, nTimeout);
+               opts.GetInt("timeout", 60000, 1, 24LL * 3600 * 1000, nTimeout) &&
+               opts.GetInt("rate", 0, 0, 1000000, s.m_nRate);
     if (!bOk) {
         fprintf(stderr, "talvor-peer redo: %s\n%s", opts.Error().empty() ? "bad value" : opts.Error().c_str(),
                 RedoJobUsage().c_str());
         return PEER_USAGE;
     }
-    RedoSession s;
     s.m_nTimeoutMs = nTimeout;
     s.m_nRand = (unsigned long long)nSeed * 0x9E3779B97F4A7C15ULL | 1;
     int rc = OpenSession(s);
@@ -327,11 +352,19 @@ int RunRedoJob(const std::vector<std::string>& args)
             return PEER_INPUT;
         }
     }
+    if (opts.Has("commit-times")) {
+        s.m_pTimes = fopen(opts.GetString("commit-times", "").c_str(), "w");
+        if (s.m_pTimes == nullptr) {
+            fprintf(stderr, "talvor-peer: cannot open the times file: %s\n", strerror(errno));
+            return PEER_INPUT;
+        }
+    }
     long long nStart = NowMs();
     rc = Commit(s, nRecords, nSize, nMaxSize, nBurst, vSealAt);
     if (rc == PEER_OK && !opts.Has("no-drain")) rc = WaitForDrain(s);
     long long nMs = NowMs() - nStart;
     if (s.m_pOut != nullptr && fclose(s.m_pOut) != 0) rc = PEER_INPUT;
+    if (s.m_pTimes != nullptr && fclose(s.m_pTimes) != 0) rc = PEER_INPUT;
     printf("redo: records=%lld bytes=%lld ms=%lld posts=%lld roomwaits=%lld resets=%lld lastts=%lld write=%d read=%d "
            "logno=%d logpos=%d exception=%d\n",
            nRecords, s.m_nBytes, nMs, s.m_nPosts, s.m_nRoomWaits, s.m_nResets, s.m_nTimestamp,

@@ -42,6 +42,7 @@ const std::vector<OptionSpec> g_vNodeOptions = {
     {"misbehave", true, "close | stall | wrong-token | fail | leave | bad-version | payload"},
     {"after", true, "misbehave after this many accepted shipments (default 1)"},
     {"times", true, "misbehave this many times, at every --after shipments (default 1)"},
+    {"receive-times", true, "write \"timestamp microseconds\" (wall clock) of the last record of every shipment taken"},
 };
 const UINT MAX_PAYLOAD = 64u << 20;
 const int STALL_MS = 8000;
@@ -147,6 +148,11 @@ bool ServeStandbyMessage(int sk, NodeState& st, const MF_SERVICE_TCP_COMMAND& st
     std::string strDue = st.Due();
     // A shipment answered with a failure is not taken.
     bool bTaken = strDue != "fail" && strDue != "leave" && st.Apply(stParam.m_nLogNo, nStart, vData);
+    if (bTaken && st.pTimes != nullptr) {
+        struct timespec ts;
+        clock_gettime(CLOCK_REALTIME, &ts);
+        fprintf(st.pTimes, "%lld %lld\n", st.nTimestamp, ts.tv_sec * 1000000LL + ts.tv_nsec / 1000);
+    }
     if (!bTaken && strDue != "fail" && strDue != "leave" && !strDue.empty()) {
         st.nDone--;
         strDue.clear();
@@ -220,6 +226,14 @@ int RunStandbyNodeJob(const std::vector<std::string>& args)
     }
     NodeState st = {opts.GetString("dir", "."), (UINT)nStartLog, 0, 0, 0, 0, strMisbehave, nAfter, nTimes, 0};
     mkdir(st.strDir.c_str(), 0755);
+    if (opts.Has("receive-times")) {
+        st.pTimes = fopen(opts.GetString("receive-times", "").c_str(), "w");
+        if (st.pTimes == nullptr) {
+            fprintf(stderr, "talvor-peer standby-node: cannot open the times file: %s\n", strerror(errno));
+            return PEER_INPUT;
+        }
+        setvbuf(st.pTimes, nullptr, _IOLBF, 0);
+    }
     signal(SIGTERM, OnNodeTerm);
     signal(SIGINT, OnNodeTerm);
     int nBound = 0;
@@ -242,6 +256,7 @@ int RunStandbyNodeJob(const std::vector<std::string>& args)
         close(sk);
     }
     close(skListen);
+    if (st.pTimes != nullptr) fclose(st.pTimes);
     printf("standby: log %u end %lld timestamp %lld shipments %lld bytes %lld connections %lld misbehaved %lld\n",
            st.nLogNo, st.nEnd, st.nTimestamp, st.nShipments, st.nBytes, nConnections, st.nDone);
     return PEER_OK;
