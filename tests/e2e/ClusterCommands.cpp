@@ -127,18 +127,6 @@ TEST_F(ClusterCommands, ARefusedTenStaysInTheRecord)
     EXPECT_EQ(10, Look(m_box).m_nFinal);
 }
 
-TEST_F(ClusterCommands, ElevenEndsAtZeroAndClearsBothFlags)
-{
-    std::string strPort = std::to_string(ClosedPort());
-    ClusterLine st = Cluster(m_box, "11", {"--forbid", "--head-forbid", "--ip", "127.0.0.1", "--port", strPort});
-    EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
-    EXPECT_EQ("finished", st.m_strOutcome);
-    EXPECT_EQ(0, st.m_nFinal);
-    EXPECT_EQ(0, st.m_nCmdForbid);
-    EXPECT_EQ(0, st.m_nHeadForbid);
-    ExpectServing();
-}
-
 TEST_F(ClusterCommands, ClearThenRebuildServesTheNewFilesAndTracesEachRemoval)
 {
     std::string strTraceBefore = m_box.ReadDaemonTrace();
