@@ -1,9 +1,9 @@
 // End-to-end: the full backup (cluster command 40) of a running daemon,
 // asked by the stand-in as the engine does. The backup file's head and
 // records are checked field by field and every file's copied bytes against
-// the database file as it stood during the backup; the files restored by
-// hand from it hold exactly the point in time of its timestamp while the
-// stand-in went on committing; an abort in the middle leaves nothing; with
+// the database file as it stood during the backup while the stand-in went
+// on committing (the restore of a backup is the cluster restore's round
+// trip); an abort in the middle leaves nothing; with
 // two archive destinations the archiver copies the backup byte for byte,
 // and a backup of the same timestamp replaces it in both.
 #include "ClusterKit.h"
@@ -127,23 +127,9 @@ void CheckBackupFile(const std::string& strBackup, const std::map<std::string, s
     EXPECT_EQ(nTs, Val(lpCopy->m_nBeginTimestamp));
 }
 
-// Writes every file of the backup back to its path, zero behind its used
-// part up to its size.
-void RestoreByHand(const std::string& strBackup)
-{
-    const BACKUPFILEHEAD* lpHead = (const BACKUPFILEHEAD*)strBackup.data();
-    for (int i = 0; i < lpHead->m_nFileNum; i++) {
-        const STRUCT_BACKUP_FILEINFO& rec = lpHead->m_stBackupFileInfo[i];
-        std::string strFile = strBackup.substr((size_t)rec.m_nDataStartOffset,
-                                               (size_t)(rec.m_nDataEndOffset - rec.m_nDataStartOffset));
-        strFile.resize((size_t)rec.m_nFileSize, '\0');
-        ASSERT_TRUE(WriteWholeFile(rec.m_lpszFilePath, strFile)) << rec.m_lpszFilePath;
-    }
-}
-
 } // namespace
 
-TEST_F(BackupFull, TakenWhileTheEngineCommitsHoldsTheFilesAsTheyStoodAndRestoresToItsPointInTime)
+TEST_F(BackupFull, TakenWhileTheEngineCommitsHoldsTheFilesAsTheyStood)
 {
     StartWith(32, 20, Des("ArchA"));
     std::string strJournal = m_box.Root() + "/journal";
@@ -190,13 +176,6 @@ TEST_F(BackupFull, TakenWhileTheEngineCommitsHoldsTheFilesAsTheyStoodAndRestores
     EXPECT_EQ(0, m_box.Run({PeerPath(), "verify", "--journal", strJournal, "--system", Path("System.dbf")}, 60000,
                            &strVerify))
         << strVerify;
-    RestoreByHand(strBackup);
-    EXPECT_EQ(nTs, CommittedOnDisk(Path("System.dbf")));
-    EXPECT_EQ(0, m_box.Run({PeerPath(), "verify", "--journal", strJournal, "--system", Path("System.dbf"),
-                            "--at-least", std::to_string(nTs), "--exact"},
-                           60000, &strVerify))
-        << strVerify;
-    EXPECT_NE(std::string::npos, strVerify.find("violations: 0")) << strVerify;
 }
 
 TEST_F(BackupFull, AnAbortInTheMiddleLeavesNoFileAndTheMailboxAsItWas)

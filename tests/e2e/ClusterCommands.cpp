@@ -127,91 +127,6 @@ TEST_F(ClusterCommands, ARefusedTenStaysInTheRecord)
     EXPECT_EQ(10, Look(m_box).m_nFinal);
 }
 
-TEST_F(ClusterCommands, ElevenEndsAtZeroAndClearsBothFlags)
-{
-    std::string strPort = std::to_string(ClosedPort());
-    ClusterLine st = Cluster(m_box, "11", {"--forbid", "--head-forbid", "--ip", "127.0.0.1", "--port", strPort});
-    EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
-    EXPECT_EQ("finished", st.m_strOutcome);
-    EXPECT_EQ(0, st.m_nFinal);
-    EXPECT_EQ(0, st.m_nCmdForbid);
-    EXPECT_EQ(0, st.m_nHeadForbid);
-    ExpectServing();
-}
-
-// A slot holds a standby thread, whether its node answers or not: the
-// thread keeps trying to reach it (and says so in the trace). The same
-// address again resets the thread it has and takes no second slot; 19
-// hands the slot back when the thread ends, and an address no slot holds
-// changes nothing.
-TEST_F(ClusterCommands, StandbySlotsTakeOneSlotPerAddress)
-{
-    int nClosed = ClosedPort();
-    ASSERT_GT(nClosed, 0);
-    std::string strClosed = std::to_string(nClosed);
-    Listener listener;
-    ASSERT_GT(listener.Port(), 0);
-    std::string strOpen = std::to_string(listener.Port());
-    for (int i = 0; i < 2; i++) {
-        SCOPED_TRACE(i);
-        ClusterLine st = Cluster(m_box, "18", {"--ip", "127.0.0.1", "--port", strClosed, "--local-ip", "127.0.0.1"});
-        EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
-        EXPECT_EQ(1, st.m_nFinal);
-        EXPECT_EQ(0, st.m_nResult);
-        EXPECT_EQ(1, st.m_nStandby);
-    }
-    EXPECT_TRUE(m_box.WaitForTrace("Failed to connect to standby node [127.0.0.1:" + strClosed + "]", 10000))
-        << m_box.ReadDaemonTrace();
-    for (int i = 0; i < 2; i++) {
-        SCOPED_TRACE(i);
-        ClusterLine st = Cluster(m_box, "18", {"--ip", "127.0.0.1", "--port", strOpen, "--local-ip", "127.0.0.1"});
-        EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
-        EXPECT_EQ(1, st.m_nFinal);
-        EXPECT_EQ(0, st.m_nResult);
-        EXPECT_EQ(2, st.m_nStandby);
-    }
-    EXPECT_TRUE(WaitUntil([&] { return listener.Taken() > 0; }, 10000, 20)) << "the standby thread never connected";
-    // An address no slot holds: 0, and the slots stay.
-    ClusterLine st = Cluster(m_box, "19", {"--ip", "127.0.0.1", "--port", std::to_string(ClosedPort())});
-    EXPECT_EQ(1, st.m_nFinal);
-    EXPECT_EQ(0, st.m_nResult);
-    EXPECT_EQ(2, st.m_nStandby);
-    // The addresses that hold them: each slot is given back when its thread
-    // ends.
-    for (const std::string& strPort : {strClosed, strOpen}) {
-        st = Cluster(m_box, "19", {"--ip", "127.0.0.1", "--port", strPort});
-        EXPECT_EQ(1, st.m_nFinal);
-        EXPECT_EQ(0, st.m_nResult);
-        EXPECT_EQ(0, st.m_nCmdForbid);
-        EXPECT_EQ(0, st.m_nHeadForbid);
-    }
-    EXPECT_TRUE(WaitUntil([&] { return Look(m_box).m_nStandby == 0; }, 30000, 100)) << m_box.ReadDaemonTrace();
-    ExpectServing();
-}
-
-// 256 slots, each held by a thread of its own address; the next address
-// finds none free. (The counter is one byte: it is checked up to 255.)
-TEST_F(ClusterCommands, AllSlotsBusyReportsTen)
-{
-    const size_t SLOTS = 256;
-    std::vector<int> vPorts = ClosedPorts(SLOTS + 1);
-    ASSERT_EQ(SLOTS + 1, vPorts.size());
-    for (size_t i = 0; i < SLOTS; i++) {
-        ClusterLine st = Cluster(m_box, "18", {"--ip", "127.0.0.1", "--port", std::to_string(vPorts[i])});
-        ASSERT_EQ(0, st.m_nResult) << "slot " << i << "\n" << st.m_strText << m_box.ReadDaemonTrace();
-        if (i < 255) {
-            ASSERT_EQ((long long)i + 1, st.m_nStandby);
-        }
-    }
-    ClusterLine st = Cluster(m_box, "18", {"--ip", "127.0.0.1", "--port", std::to_string(vPorts[SLOTS])});
-    EXPECT_EQ(1, st.m_nFinal);
-    EXPECT_EQ(10, st.m_nResult) << st.m_strText;
-    // A held address still resets its own thread when all are busy.
-    st = Cluster(m_box, "18", {"--ip", "127.0.0.1", "--port", std::to_string(vPorts[7])});
-    EXPECT_EQ(0, st.m_nResult) << st.m_strText;
-    ExpectServing();
-}
-
 TEST_F(ClusterCommands, ClearThenRebuildServesTheNewFilesAndTracesEachRemoval)
 {
     std::string strTraceBefore = m_box.ReadDaemonTrace();
@@ -444,6 +359,13 @@ TEST_F(ClusterRestore, AChainOfThreeBackupsIsWholeOfflineAndTheOperatorsRestoreB
         }
         EXPECT_EQ(point.first, CommittedOnDisk(Path("System.dbf")));
     }
+    // Back at the full backup, every row holds exactly the change of its
+    // point in time: nothing committed after it came back with it.
+    EXPECT_EQ(0, m_box.Run({PeerPath(), "verify", "--journal", m_box.Root() + "/journal1", "--system",
+                            Path("System.dbf"), "--at-least", std::to_string(stFull.m_nTs), "--exact"},
+                           60000, &strOut))
+        << strOut;
+    EXPECT_NE(std::string::npos, strOut.find("violations: 0")) << strOut;
 
     // Level 1 of another database: whole on its own, refused as a link; the
     // database stays at the full backup's point.

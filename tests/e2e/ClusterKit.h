@@ -131,64 +131,6 @@ inline int ClosedPort()
     return nPort;
 }
 
-// nCount distinct ports that nothing listens on.
-inline std::vector<int> ClosedPorts(size_t nCount)
-{
-    std::set<int> setPorts;
-    for (size_t nTries = 0; setPorts.size() < nCount && nTries < nCount * 4; nTries++) {
-        int nPort = ClosedPort();
-        if (nPort > 0) setPorts.insert(nPort);
-    }
-    return std::vector<int>(setPorts.begin(), setPorts.end());
-}
-
-// A listener on 127.0.0.1 that takes each connection and closes it at
-// once: a connect to it succeeds, and whatever the connecting side waits
-// for ends at once instead of at its time-out.
-class Listener {
-public:
-    Listener()
-    {
-        m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        struct sockaddr_in sa = {};
-        sa.sin_family = AF_INET;
-        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t nLen = sizeof(sa);
-        if (m_fd >= 0 && bind(m_fd, (struct sockaddr*)&sa, sizeof(sa)) == 0 && listen(m_fd, 64) == 0 &&
-            getsockname(m_fd, (struct sockaddr*)&sa, &nLen) == 0)
-            m_nPort = ntohs(sa.sin_port);
-        if (m_nPort > 0) m_thread = std::thread([this] { TakeAndClose(); });
-    }
-    ~Listener()
-    {
-        m_bStop = true;
-        if (m_thread.joinable()) m_thread.join();
-        if (m_fd >= 0) close(m_fd);
-    }
-    Listener(const Listener&) = delete;
-    Listener& operator=(const Listener&) = delete;
-    int Port() const { return m_nPort; }
-    int Taken() const { return m_nTaken; }
-
-private:
-    void TakeAndClose()
-    {
-        while (!m_bStop) {
-            struct pollfd stPoll = {m_fd, POLLIN, 0};
-            if (poll(&stPoll, 1, 50) != 1) continue;
-            int fd = accept4(m_fd, nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd < 0) continue;
-            m_nTaken++;
-            close(fd);
-        }
-    }
-    int m_fd = -1;
-    int m_nPort = -1;
-    std::atomic<bool> m_bStop{false};
-    std::atomic<int> m_nTaken{0};
-    std::thread m_thread;
-};
-
 // The port a node listener of the stand-in, started by box.Spawn under
 // strName, printed ("listening on port N"); 0 when none came within 5 s.
 inline int ListenerPort(DaemonSandbox& box, const std::string& strName)

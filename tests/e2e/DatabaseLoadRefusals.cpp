@@ -41,64 +41,58 @@ void Patch(const std::string& strPath, const std::function<void(std::string&)>& 
     ASSERT_TRUE(WriteWholeFile(strPath, strFile));
 }
 
+// Each damage and the lines that must name it (the database directory
+// stands for "@"), and one a refused start must not reach.
+struct Damage {
+    const char* m_lpWhat;
+    const char* m_lpFile;
+    std::function<void(std::string&)> m_fnPatch;
+    std::vector<std::string> m_vLines;
+    const char* m_lpNever;
+};
+
+std::string InDir(std::string strLine, const std::string& strDir)
+{
+    size_t n = strLine.find('@');
+    return n == std::string::npos ? strLine : strLine.replace(n, 1, strDir);
+}
+
 } // namespace
 
-TEST(DatabaseLoadRefusals, WrongHeadMark)
+TEST(DatabaseLoadRefusals, EachDamageIsRefusedByTheLineThatNamesIt)
 {
     ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
-    DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
-    std::string strTrace = RefusedStart(box, [](const std::string& strDir) {
-        Patch(strDir + "BTree3.dbf", [](std::string& s) { ((LPBASEFILEHEAD)&s[0])->m_nDataFlag = 0x12345678; });
-    });
-    EXPECT_NE(std::string::npos,
-              strTrace.find("40001014 Initialize Header information in data content read from b-tree index file is "
-                            "incorrect, file check code: 305419896[1178750545], path: " + box.DataDir() + "BTree3.dbf"))
-        << strTrace;
-    EXPECT_NE(std::string::npos, strTrace.find("Talvor storage service failed to load files into memory!"));
-}
-
-TEST(DatabaseLoadRefusals, FileNumberThatDoesNotMatchItsRow)
-{
-    ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
-    DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
-    std::string strTrace = RefusedStart(box, [](const std::string& strDir) {
-        Patch(strDir + "KV4.dbf", [](std::string& s) { ((LPBASEFILEHEAD)&s[0])->m_bFileNo = 9; });
-    });
-    EXPECT_NE(std::string::npos,
-              strTrace.find("40001016 Initialize The file number recorded in the file header information is "
-                            "inconsistent with that in the system file, file number: 9[4], path: " + box.DataDir() +
-                            "KV4.dbf"))
-        << strTrace;
-}
-
-TEST(DatabaseLoadRefusals, FileShorterThanItsRow)
-{
-    ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
-    DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
-    std::string strTrace = RefusedStart(box, [](const std::string& strDir) {
-        Patch(strDir + "Data2.dbf", [](std::string& s) { s.resize((size_t)(4 * E2E_MIB)); });
-    });
-    EXPECT_NE(std::string::npos, strTrace.find("40001017 Initialize The file is shorter than its head says, path: " +
-                                               box.DataDir() + "Data2.dbf, file size: 4194304, size in the head: 8388608"))
-        << strTrace;
-}
-
-TEST(DatabaseLoadRefusals, FileListRecordOfAnotherSize)
-{
-    ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
-    DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
-    std::string strTrace = RefusedStart(box, [](const std::string& strDir) {
-        Patch(strDir + "System.dbf", [](std::string& s) {
-            LPSYSTEMFILEHEAD h = (LPSYSTEMFILEHEAD)&s[0];
-            ((LPSYSTEMBLOCKHEAD)&s[(size_t)h->m_nBlockStartOffset])->m_nBlockDataStructSize = 352;
-        });
-    });
-    EXPECT_NE(std::string::npos, strTrace.find("The structure size of data block has changed.  current system value: "
-                                               "348, recorded value: 352"))
-        << strTrace;
-    EXPECT_EQ(std::string::npos, strTrace.find("Read the data file")) << strTrace;
+    const Damage arDamages[] = {
+        {"wrong head mark", "BTree3.dbf", [](std::string& s) { ((LPBASEFILEHEAD)&s[0])->m_nDataFlag = 0x12345678; },
+         {"40001014 Initialize Header information in data content read from b-tree index file is incorrect, file "
+          "check code: 305419896[1178750545], path: @BTree3.dbf",
+          "Talvor storage service failed to load files into memory!"},
+         nullptr},
+        {"file number of another row", "KV4.dbf", [](std::string& s) { ((LPBASEFILEHEAD)&s[0])->m_bFileNo = 9; },
+         {"40001016 Initialize The file number recorded in the file header information is inconsistent with that in "
+          "the system file, file number: 9[4], path: @KV4.dbf"},
+         nullptr},
+        {"file shorter than its row", "Data2.dbf", [](std::string& s) { s.resize((size_t)(4 * E2E_MIB)); },
+         {"40001017 Initialize The file is shorter than its head says, path: @Data2.dbf, file size: 4194304, size in "
+          "the head: 8388608"},
+         nullptr},
+        {"file list record of another size", "System.dbf",
+         [](std::string& s) {
+             LPSYSTEMFILEHEAD h = (LPSYSTEMFILEHEAD)&s[0];
+             ((LPSYSTEMBLOCKHEAD)&s[(size_t)h->m_nBlockStartOffset])->m_nBlockDataStructSize = 352;
+         },
+         {"The structure size of data block has changed.  current system value: 348, recorded value: 352"},
+         "Read the data file"},
+    };
+    for (const Damage& d : arDamages) {
+        SCOPED_TRACE(d.m_lpWhat);
+        DaemonSandbox box;
+        ASSERT_TRUE(box.Ok());
+        std::string strTrace = RefusedStart(box, [&](const std::string& strDir) { Patch(strDir + d.m_lpFile, d.m_fnPatch); });
+        for (const std::string& strLine : d.m_vLines)
+            EXPECT_NE(std::string::npos, strTrace.find(InDir(strLine, box.DataDir()))) << strLine << "\n" << strTrace;
+        if (d.m_lpNever != nullptr) {
+            EXPECT_EQ(std::string::npos, strTrace.find(d.m_lpNever)) << strTrace;
+        }
+    }
 }

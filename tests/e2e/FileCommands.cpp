@@ -264,17 +264,6 @@ TEST_F(FileCommandsE2E, CacheModeFilesAreAddedGrownMovedAndDroppedAcrossRestarts
     EXPECT_EQ(0, DiskRow(7).m_bFileNo);
 }
 
-TEST_F(FileCommandsE2E, ACacheModeAddWithoutACacheIsRefused)
-{
-    MakeDatabase(0);
-    Start();
-    File({"add", "--no", "7", "--type", "10", "--path", Path("Table7.dbf"), "--size-mib", "4"}, FILECMD_ADD_FAILED);
-    EXPECT_EQ(-1, FileSizeOf(Path("Table7.dbf")));
-    EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("10060015 MemFileCMD")) << m_box.ReadDaemonTrace();
-    Restart("refused add");
-    EXPECT_EQ(0, DiskRow(7).m_bFileNo);
-}
-
 // The daemon killed at moments spread over a long add: the next start loads
 // a list that agrees with the files, whether the add got through or not.
 TEST_F(FileCommandsE2E, ADaemonKilledDuringAnAddStartsAgain)

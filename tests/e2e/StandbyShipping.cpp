@@ -140,6 +140,19 @@ protected:
             }
         }
     }
+    // Whether the channel counts no standby within 10 s.
+    bool WaitSlotFreed()
+    {
+        return WaitUntil([&] { return Cluster(m_box, "look").m_nStandby == 0; }, 10000, 50);
+    }
+    // Stops the listener; its output.
+    std::string StopNode(const std::string& strName)
+    {
+        m_box.Signal(m_nNode, SIGTERM);
+        EXPECT_EQ(0, m_box.WaitExit(m_nNode, 10000));
+        m_nNode = -1;
+        return ReadWholeFile(m_box.Root() + "/" + strName + ".out");
+    }
     DaemonSandbox m_box;
     pid_t m_pid = -1;
     pid_t m_nNode = -1;
@@ -170,26 +183,6 @@ TEST_F(StandbyShipping, AStandbyBehindCatchesUpAndFollowsTheLiveFeed)
     EXPECT_NE(std::string::npos, strTrace.find("synchronization thread started"));
 }
 
-TEST_F(StandbyShipping, DroppedConnectionsResumeFromTheStandbysOwnPosition)
-{
-    StartPrimary(true);
-    std::string strBefore = Redo(300, 5, "100,200");
-    // The listener hangs up after each of its first four shipments.
-    StartNode({"--misbehave", "close", "--after", "1", "--times", "4"});
-    ClusterLine stAdd = AddStandby();
-    ASSERT_EQ(0, stAdd.m_nResult) << stAdd.m_strText;
-    std::string strAfter = Redo(400, 6, "150");
-    long long nLastLog = NumberAfter(strAfter, "logno=");
-    ASSERT_TRUE(WaitForCopy(nLastLog, NumberAfter(strAfter, "logpos="))) << m_box.ReadDaemonTrace();
-    ExpectCopiesEqual(nLastLog);
-    m_box.Signal(m_nNode, SIGTERM);
-    ASSERT_EQ(0, m_box.WaitExit(m_nNode, 10000));
-    m_nNode = -1;
-    std::string strNode = ReadWholeFile(m_box.Root() + "/node.out");
-    EXPECT_EQ(4, NumberAfter(strNode, "misbehaved ")) << strNode;
-    EXPECT_GE(NumberAfter(strNode, "connections "), 5) << strNode;
-}
-
 TEST_F(StandbyShipping, AStandbyAskingForALogThePrimaryNoLongerHasEndsItsThread)
 {
     // Without archiving the groups are reused: log 1 is gone after a few
@@ -203,68 +196,57 @@ TEST_F(StandbyShipping, AStandbyAskingForALogThePrimaryNoLongerHasEndsItsThread)
         << m_box.ReadDaemonTrace();
     EXPECT_TRUE(m_box.WaitForTrace("synchronization thread ended", SHIP_WAIT_MS));
     // The slot is free again: the channel counts no standby.
-    bool bFreed = false;
-    for (int i = 0; i < 200 && !bFreed; i++) {
-        bFreed = Cluster(m_box, "look").m_nStandby == 0;
-        if (!bFreed) usleep(50000);
-    }
-    EXPECT_TRUE(bFreed);
+    EXPECT_TRUE(WaitSlotFreed());
     EXPECT_TRUE(LogsIn(m_strCopies).empty());
 }
 
-TEST_F(StandbyShipping, AShipmentAnsweredWithAFailureIsSentAgainAndALeavingNodeEndsTheThread)
+// A listener that misbehaves for its first shipments: each case differs
+// only by the misbehaviour and the trace it leaves. Every node is shipped
+// every log again (over the copies the one before left), from its own
+// position after each drop, and the stream never shifts.
+TEST_F(StandbyShipping, MisbehavingStandbysAreShippedAgainAndALeavingNodeEndsTheThread)
 {
+    struct Case {
+        const char* m_lpMode;
+        const char* m_lpAfter;
+        int m_nTimes;
+        long long m_nConnections;  // at least, by the node's count
+        const char* m_lpTrace;     // in the daemon's trace; null: none asked
+    };
+    // close: hangs up after its shipment; fail: refuses it (sent again);
+    // payload, bad-version: malformed replies (the connection dropped).
+    const Case arCases[] = {{"close", "1", 4, 5, nullptr},
+                            {"fail", "1", 3, 1, "execution result failed (7)"},
+                            {"payload", "2", 2, 3, "is malformed"},
+                            {"bad-version", "2", 2, 3, "is malformed"}};
     StartPrimary(true);
-    Redo(200, 8, "100");
-    // The first three shipments are refused: each is sent again.
-    StartNode({"--misbehave", "fail", "--after", "1", "--times", "3"});
-    ASSERT_EQ(0, AddStandby().m_nResult);
-    std::string strAfter = Redo(200, 9, "");
-    long long nLastLog = NumberAfter(strAfter, "logno=");
-    ASSERT_TRUE(WaitForCopy(nLastLog, NumberAfter(strAfter, "logpos="))) << m_box.ReadDaemonTrace();
-    ExpectCopiesEqual(nLastLog);
-    EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("execution result failed (7)"));
-    m_box.Signal(m_nNode, SIGTERM);
-    ASSERT_EQ(0, m_box.WaitExit(m_nNode, 10000));
-    m_nNode = -1;
-    EXPECT_EQ(3, NumberAfter(ReadWholeFile(m_box.Root() + "/node.out"), "misbehaved ")) << m_box.ReadDaemonTrace();
-
-    // A node that says it leaves (250) ends its thread and frees its slot;
-    // the first node's slot goes with command 19.
-    ClusterLine stRemove = Cluster(m_box, "19", {"--ip", "127.0.0.1", "--port", std::to_string(m_nPort)});
-    ASSERT_EQ(0, stRemove.m_nResult) << stRemove.m_strText;
-    StartNode({"--misbehave", "leave", "--after", "1"}, "leaving");
-    ASSERT_EQ(0, AddStandby().m_nResult);
-    Redo(50, 10, "");
-    EXPECT_TRUE(m_box.WaitForTrace("exit!", SHIP_WAIT_MS)) << m_box.ReadDaemonTrace();
-    bool bFreed = false;
-    for (int i = 0; i < 200 && !bFreed; i++) {
-        bFreed = Cluster(m_box, "look").m_nStandby == 0;
-        if (!bFreed) usleep(50000);
-    }
-    EXPECT_TRUE(bFreed);
-}
-
-TEST_F(StandbyShipping, MalformedRepliesDropTheConnectionAndNeverShiftTheStream)
-{
-    StartPrimary(true);
-    Redo(200, 11, "100");
-    for (const char* lpMode : {"payload", "bad-version"}) {
-        SCOPED_TRACE(lpMode);
-        // Each node starts empty and is sent every log again, over the
-        // copies the one before left.
-        StartNode({"--misbehave", lpMode, "--after", "2", "--times", "2"}, std::string("node-") + lpMode);
-        ASSERT_EQ(0, AddStandby().m_nResult);
-        std::string strAfter = Redo(150, 12 + (int)strlen(lpMode), "");
+    Redo(300, 5, "100,200");
+    int nSeed = 6;
+    for (const Case& c : arCases) {
+        SCOPED_TRACE(c.m_lpMode);
+        const std::string strName = std::string("node-") + c.m_lpMode;
+        StartNode({"--misbehave", c.m_lpMode, "--after", c.m_lpAfter, "--times", std::to_string(c.m_nTimes)}, strName);
+        ClusterLine stAdd = AddStandby();
+        ASSERT_EQ(0, stAdd.m_nResult) << stAdd.m_strText;
+        std::string strAfter = Redo(200, nSeed++, "100");
         long long nLastLog = NumberAfter(strAfter, "logno=");
         ASSERT_TRUE(WaitForCopy(nLastLog, NumberAfter(strAfter, "logpos="))) << m_box.ReadDaemonTrace();
         ExpectCopiesEqual(nLastLog);
-        Cluster(m_box, "19", {"--ip", "127.0.0.1", "--port", std::to_string(m_nPort)});
-        m_box.Signal(m_nNode, SIGTERM);
-        ASSERT_EQ(0, m_box.WaitExit(m_nNode, 10000));
-        m_nNode = -1;
+        if (c.m_lpTrace != nullptr) {
+            EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find(c.m_lpTrace)) << m_box.ReadDaemonTrace();
+        }
+        ClusterLine stRemove = Cluster(m_box, "19", {"--ip", "127.0.0.1", "--port", std::to_string(m_nPort)});
+        ASSERT_EQ(0, stRemove.m_nResult) << stRemove.m_strText;
+        std::string strNode = StopNode(strName);
+        EXPECT_EQ(c.m_nTimes, NumberAfter(strNode, "misbehaved ")) << strNode;
+        EXPECT_GE(NumberAfter(strNode, "connections "), c.m_nConnections) << strNode;
     }
-    EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("is malformed"));
+    // A node that says it leaves (250) ends its thread and frees its slot.
+    StartNode({"--misbehave", "leave", "--after", "1"}, "leaving");
+    ASSERT_EQ(0, AddStandby().m_nResult);
+    Redo(50, nSeed, "");
+    EXPECT_TRUE(m_box.WaitForTrace("exit!", SHIP_WAIT_MS)) << m_box.ReadDaemonTrace();
+    EXPECT_TRUE(WaitSlotFreed());
 }
 
 TEST_F(StandbyShipping, AStandbyThreadThatFaultsLeavesTheWriterAndItsSlot)
@@ -275,12 +257,7 @@ TEST_F(StandbyShipping, AStandbyThreadThatFaultsLeavesTheWriterAndItsSlot)
     // The thread faults with its feed on the writer's list: the feed leaves
     // the list, the slot is freed, and the writer goes on draining.
     EXPECT_TRUE(m_box.WaitForTrace("is not started again", SHIP_WAIT_MS)) << m_box.ReadDaemonTrace();
-    bool bFreed = false;
-    for (int i = 0; i < 200 && !bFreed; i++) {
-        bFreed = Cluster(m_box, "look").m_nStandby == 0;
-        if (!bFreed) usleep(50000);
-    }
-    EXPECT_TRUE(bFreed);
+    EXPECT_TRUE(WaitSlotFreed());
     Redo(300, 14, "100,200");
     // Added again, the node is shipped everything.
     ASSERT_EQ(0, AddStandby().m_nResult);

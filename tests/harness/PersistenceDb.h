@@ -6,6 +6,7 @@
 
 #include "BreltMemStorage.h"
 #include "DatabaseKit.h"
+#include "DbFileLayout.h"
 #include "ModuleTestKit.h"
 #include "PeerJournal.h"
 #include "TalvorFlashback.h"
@@ -132,6 +133,32 @@ public:
         }
     }
     long long BlockOffset(int nFileNo, int nBlock) { return m_mapBlocks[nFileNo][(size_t)nBlock]; }
+
+    // --- The file list in the system image, as the engine edits it.
+    LPFILE_MEMDBFILEINFO Row(BYTE bFileNo) { return DbFindFileListRow(Image(1), File(1)->m_liFileSize, bFileNo); }
+    // The list block with room, where the engine appends a row.
+    LPSYSTEMBLOCKHEAD ListBlock()
+    {
+        LPBASEFILEOBJECTDEF lpObject = DbFileListObject(Head());
+        LPBASEFILEBLOCKMAP lpEntry = (LPBASEFILEBLOCKMAP)(Image(1) + lpObject->m_nFreeBlockMapOffset);
+        return (LPSYSTEMBLOCKHEAD)(Image(1) + lpEntry->m_nBlockOffset);
+    }
+    // The engine's edit of the list, in its order: row, then the command
+    // byte (both done by the caller), then the flags that make the pass
+    // look, then the timestamp.
+    void MarkListChanged()
+    {
+        LPSYSTEMBLOCKHEAD lpBlock = ListBlock();
+        long long ts = BeginTransaction();
+        lpBlock->m_nTimestamp = ts;
+        lpBlock->m_bSaveFlag = 1;
+        LPBASEFILEOBJECTDEF lpObject = DbFileListObject(Head());
+        lpObject->m_nFinishedTimestamp = ts;
+        lpObject->m_bSaveFlag = 1;
+        talvorpeer::PeerFence();
+        Head()->m_nTimestamp = ts;
+        EndTransaction(ts);
+    }
 
     // --- The disk.
     long long CommittedOnDisk() const

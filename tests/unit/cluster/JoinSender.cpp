@@ -120,7 +120,7 @@ public:
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_vTaken;
     }
-    int m_nRepliesSent = 0;
+    std::atomic<int> m_nRepliesSent{0};
 
 private:
     bool RecvAll(int sk, void* p, size_t n)
@@ -229,6 +229,31 @@ protected:
         char c;
         return recv(sk, &c, 1, MSG_DONTWAIT) < 0 && errno == EAGAIN;
     }
+    // Sends one file of nSize bytes (nUsed used) to a node that answers as
+    // a node must (bForeign: with a foreign reply before each); the
+    // messages the node took, the file's bytes in *pstrData.
+    std::vector<Taken> SendFile(BYTE bFileNo, long long nSize, long long nUsed, const char* lpPath, bool bForeign,
+                                std::string* pstrData = nullptr)
+    {
+        FakeNode node(&m_stProgress, bForeign);
+        FakeFile file(nSize, nUsed);
+        stu_FILEINFO st = MakeInfo(bFileNo, &file, nSize, lpPath);
+        int sk = Connect(node);
+        EXPECT_GE(sk, 0);
+        if (sk < 0) return {};
+        m_nTotal = 0;
+        EXPECT_EQ(JOINFILE_DONE, m_xfer.SendFileDataToNewNode(nullptr, &m_stProgress, &st, m_vBuffer.data(),
+                                                              JOIN_BUFFER_SIZE, sk, 0x7F000001, node.Port(),
+                                                              0x7F000001, m_nTotal));
+        EXPECT_TRUE(NothingLeft(sk)) << "a reply was left unread";
+        // Read after the pause: the node counts a reply once it is sent.
+        m_nRepliesSent = node.m_nRepliesSent;
+        close(sk);
+        if (pstrData != nullptr) *pstrData = file.m_strData;
+        return node.Messages();
+    }
+    long long m_nTotal = 0;
+    int m_nRepliesSent = 0;
     FakeSource m_source;
     CTalvorClusterFiletransfer m_xfer;
     TALVORPROGRESS m_stProgress = {};
@@ -239,20 +264,9 @@ protected:
 
 TEST_F(JoinSender, AFileWithNoUsedBytesSendsOnlyItsInformationAndWaitsForBothReplies)
 {
-    FakeNode node(&m_stProgress);
-    FakeFile file(MIB, 0);
-    stu_FILEINFO st = MakeInfo(2, &file, MIB, "/db/Empty.dbf");
-    int sk = Connect(node);
-    ASSERT_GE(sk, 0);
-    long long nTotal = 0;
-    EXPECT_EQ(JOINFILE_DONE, m_xfer.SendFileDataToNewNode(nullptr, &m_stProgress, &st, m_vBuffer.data(),
-                                                          JOIN_BUFFER_SIZE, sk, 0x7F000001, node.Port(), 0x7F000001,
-                                                          nTotal));
-    EXPECT_EQ(2, node.m_nRepliesSent);
-    EXPECT_TRUE(NothingLeft(sk));
-    EXPECT_EQ(MIB, nTotal);
-    close(sk);
-    std::vector<Taken> v = node.Messages();
+    std::vector<Taken> v = SendFile(2, MIB, 0, "/db/Empty.dbf", false);
+    EXPECT_EQ(2, m_nRepliesSent);
+    EXPECT_EQ(MIB, m_nTotal);
     ASSERT_EQ(2u, v.size());  // the hello and the information
     EXPECT_EQ(NODEMSG_FILETRANSFER, v[1].m_stHead.m_bType);
     EXPECT_EQ(FILETRANSFER_INFO, v[1].m_stParam.m_bDataType);
@@ -262,21 +276,11 @@ TEST_F(JoinSender, AFileWithNoUsedBytesSendsOnlyItsInformationAndWaitsForBothRep
 
 TEST_F(JoinSender, AFileOfAnExactMultipleOfTheBufferEndsWithAFullLastPieceAndArrivesWhole)
 {
-    FakeNode node(&m_stProgress);
     const long long nUsed = 2LL * JOIN_BUFFER_SIZE;
-    FakeFile file(nUsed + MIB, nUsed);
-    stu_FILEINFO st = MakeInfo(3, &file, nUsed + MIB, "/db/Data3.dbf");
-    int sk = Connect(node);
-    ASSERT_GE(sk, 0);
-    long long nTotal = 0;
-    EXPECT_EQ(JOINFILE_DONE, m_xfer.SendFileDataToNewNode(nullptr, &m_stProgress, &st, m_vBuffer.data(),
-                                                          JOIN_BUFFER_SIZE, sk, 0x7F000001, node.Port(), 0x7F000001,
-                                                          nTotal));
-    EXPECT_TRUE(NothingLeft(sk));
-    close(sk);
-    EXPECT_EQ(nUsed + MIB, nTotal);
+    std::string strData;
+    std::vector<Taken> v = SendFile(3, nUsed + MIB, nUsed, "/db/Data3.dbf", false, &strData);
+    EXPECT_EQ(nUsed + MIB, m_nTotal);
     EXPECT_EQ((int)((nUsed + MIB) >> 20), m_stProgress.m_nPos);
-    std::vector<Taken> v = node.Messages();
     ASSERT_EQ(4u, v.size());
     MF_MASTERSLAVE_FILEINFO stInfo;
     memcpy(&stInfo, v[1].m_strPayload.data(), sizeof(stInfo));
@@ -291,27 +295,17 @@ TEST_F(JoinSender, AFileOfAnExactMultipleOfTheBufferEndsWithAFullLastPieceAndArr
     // Every piece carries the file's token, and the bytes are the file's.
     EXPECT_EQ(v[1].m_stHead.m_bToken, v[2].m_stHead.m_bToken);
     EXPECT_EQ(v[1].m_stHead.m_bToken, v[3].m_stHead.m_bToken);
-    EXPECT_TRUE(v[2].m_strPayload + v[3].m_strPayload == file.m_strData.substr(0, (size_t)nUsed));
+    EXPECT_TRUE(v[2].m_strPayload + v[3].m_strPayload == strData.substr(0, (size_t)nUsed));
 }
 
 TEST_F(JoinSender, ForeignRepliesWithPayloadsAreReadOffAndTheWaitGoesOn)
 {
-    FakeNode node(&m_stProgress, true);
-    FakeFile file(MIB, 5000);
-    stu_FILEINFO st = MakeInfo(4, &file, MIB, "/db/KV4.dbf");
-    int sk = Connect(node);
-    ASSERT_GE(sk, 0);
-    long long nTotal = 0;
-    EXPECT_EQ(JOINFILE_DONE, m_xfer.SendFileDataToNewNode(nullptr, &m_stProgress, &st, m_vBuffer.data(),
-                                                          JOIN_BUFFER_SIZE, sk, 0x7F000001, node.Port(), 0x7F000001,
-                                                          nTotal));
-    EXPECT_TRUE(NothingLeft(sk));
-    close(sk);
-    std::vector<Taken> v = node.Messages();
+    std::string strData;
+    std::vector<Taken> v = SendFile(4, MIB, 5000, "/db/KV4.dbf", true, &strData);
     ASSERT_EQ(3u, v.size());
     // A last piece that is not a whole sector is still read and sent whole.
     EXPECT_EQ(5000u, v[2].m_strPayload.size());
-    EXPECT_TRUE(v[2].m_strPayload == file.m_strData.substr(0, 5000));
+    EXPECT_TRUE(v[2].m_strPayload == strData.substr(0, 5000));
 }
 
 TEST_F(JoinSender, AJoinOfNoFilesTotalsOneHundredAndItsStepsStandAtSixtyAndSeventy)

@@ -203,14 +203,6 @@ TEST_F(ConfigTest, MalformedFilesFailToLoad)
     EXPECT_FALSE(TalvorConfigInit(m_dir.c_str())); // a directory cannot be opened rb+
 }
 
-TEST_F(ConfigTest, LinesEndAtCrOrLfWhicheverComesFirst)
-{
-    ASSERT_TRUE(Load("\xEF\xBB\xBF[S]\ra=1\rb=2\r\n[T]\r\nc=3"));
-    EXPECT_EQ(Get("S", "a"), "1");
-    EXPECT_EQ(Get("S", "b"), "2");
-    EXPECT_EQ(Get("T", "c"), "3");
-}
-
 TEST_F(ConfigTest, EightSectionsLoadSevenAndOnlyOneMoreFitsInMemory)
 {
     std::string text;
@@ -702,19 +694,6 @@ TEST_F(ProfileTest, NullNamesListSectionsAndKeys)
     EXPECT_EQ(std::string(buf, n), std::string("One\0Two\0", 8));
     EXPECT_EQ(buf[8], 0);
     EXPECT_EQ(buf[9], 'z');
-}
-
-TEST_F(ProfileTest, CrLfAndLoneCrEndLinesAsLfDoes)
-{
-    // As in the tree: a lone CR ends a line even while an LF lies ahead.
-    ASSERT_TRUE(WriteWholeFile(m_path, "[S]\na=1\r\nb=2\rc=3"));
-    EXPECT_EQ(Read("S", "a"), "1");
-    EXPECT_EQ(Read("S", "b"), "2");
-    EXPECT_EQ(Read("S", "c"), "3");
-    ASSERT_TRUE(WriteWholeFile(m_path, "[S]\nb=2\rc=3\nd=4\n"));
-    EXPECT_EQ(Read("S", "b"), "2");
-    EXPECT_EQ(Read("S", "c"), "3");
-    EXPECT_EQ(Read("S", "d"), "4");
 }
 
 TEST_F(ProfileTest, IntegersParseSignDigitsAndTruncatedFraction)

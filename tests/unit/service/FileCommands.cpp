@@ -9,6 +9,7 @@
 #include "TestFiles.h"
 
 #include <dirent.h>
+#include <map>
 #include <sys/stat.h>
 
 using namespace talvortest;
@@ -37,33 +38,10 @@ struct RowSpec {
 // The engine's side of the file list over a database of its own.
 class ListEngine {
 public:
-
-    LPFILE_MEMDBFILEINFO Row(BYTE bFileNo)
-    {
-        return DbFindFileListRow(m_db.Image(1), m_db.File(1)->m_liFileSize, bFileNo);
-    }
-    // The list block with room, as the engine appends to it.
-    LPSYSTEMBLOCKHEAD ListBlock()
-    {
-        LPBASEFILEOBJECTDEF lpObject = DbFileListObject(m_db.Head());
-        LPBASEFILEBLOCKMAP lpEntry = (LPBASEFILEBLOCKMAP)(m_db.Image(1) + lpObject->m_nFreeBlockMapOffset);
-        return (LPSYSTEMBLOCKHEAD)(m_db.Image(1) + lpEntry->m_nBlockOffset);
-    }
-    // The engine's edit of the list: the row, then the command byte, then
-    // the flags that make the pass look, then the timestamp.
-    void MarkListChanged()
-    {
-        LPSYSTEMBLOCKHEAD lpBlock = ListBlock();
-        long long ts = m_db.BeginTransaction();
-        lpBlock->m_nTimestamp = ts;
-        lpBlock->m_bSaveFlag = 1;
-        LPBASEFILEOBJECTDEF lpObject = DbFileListObject(m_db.Head());
-        lpObject->m_nFinishedTimestamp = ts;
-        lpObject->m_bSaveFlag = 1;
-        talvorpeer::PeerFence();
-        m_db.Head()->m_nTimestamp = ts;
-        m_db.EndTransaction(ts);
-    }
+    explicit ListEngine(long long nFileSize = 4 * DB_MIB, int nBlocks = 16) : m_db(nFileSize, nBlocks) {}
+    LPFILE_MEMDBFILEINFO Row(BYTE bFileNo) { return m_db.Row(bFileNo); }
+    LPSYSTEMBLOCKHEAD ListBlock() { return m_db.ListBlock(); }
+    void MarkListChanged() { m_db.MarkListChanged(); }
     // Writes a command into a row, as the engine: an add appends a row.
     LPFILE_MEMDBFILEINFO Ask(const RowSpec& stAsk)
     {
@@ -515,35 +493,83 @@ struct CrashCommand {
     std::function<void(ListEngine&)> m_fnAsk;
 };
 
+// Files of the least size the commands take: the set-up of every crash is
+// a database made anew.
+const long long CRASH_FILE_SIZE = DB_MIB;
+const int CRASH_BLOCKS = 4;
+
 const CrashCommand g_arCrashCommands[] = {
-    {"add", [](ListEngine& e) { e.Ask({FILECMD_ADD, 6, FILETYPE_DATA, e.NewPath("sub/Add6.dbf"), "Add6", 4 * DB_MIB}); }},
+    {"add", [](ListEngine& e) { e.Ask({FILECMD_ADD, 6, FILETYPE_DATA, e.NewPath("sub/Add6.dbf"), "Add6", CRASH_FILE_SIZE}); }},
     {"move", [](ListEngine& e) { e.Ask({FILECMD_MOVE, 3, 0, e.NewPath("sub/Moved3.dbf"), "", 0}); }},
-    {"resize", [](ListEngine& e) { e.Ask({FILECMD_RESIZE, 4, 0, "", "", 8 * DB_MIB}); }},
+    {"resize", [](ListEngine& e) { e.Ask({FILECMD_RESIZE, 4, 0, "", "", 2 * CRASH_FILE_SIZE}); }},
     {"delete", [](ListEngine& e) { e.Ask({FILECMD_DELETE, 2, 0, "", "", 0}); }},
     {"system resize", [](ListEngine& e) {
-         e.Ask({FILECMD_RESIZE, 1, 0, "", "", e.m_db.File(1)->m_liFileSize + 4 * DB_MIB});
+         e.Ask({FILECMD_RESIZE, 1, 0, "", "", e.m_db.File(1)->m_liFileSize + CRASH_FILE_SIZE});
      }},
 };
 
-const FileOp g_arCrashOps[] = {FileOp::PWrite, FileOp::FSync, FileOp::SyncDirectory, FileOp::Unlink, FileOp::MkDir,
-                               FileOp::FTruncate};
+// The calls that change the medium, each a place where the device may die.
+const FileOp g_arCrashOps[] = {FileOp::PWrite,  FileOp::FSync, FileOp::FDataSync, FileOp::SyncDirectory,
+                               FileOp::Unlink,  FileOp::MkDir, FileOp::FTruncate, FileOp::Rename,
+                               FileOp::Fallocate};
 
 enum CrashKind { CRASH_KILL, CRASH_POWER };
 
-// The command and the pass after it, with the device dying once nCalls
-// calls of eOp were made (-1: never); the calls of eOp it made.
-long long RunUnderCrash(ListEngine& e, const CrashCommand& command, FileOp eOp, long long nCalls, CrashKind eKind)
+// Where the device dies: once m_nNth calls of m_eOp were made, m_nAt
+// calls that change the medium in all.
+struct CrashPoint {
+    FileOp m_eOp;
+    long long m_nNth;
+    size_t m_nAt;
+};
+
+// A run of calls of one kind in a row (the chunks of a copy, the pages of
+// a growth) repeats one step: its first and last calls stand where the
+// steps meet, and a call in CRASH_RUN_STRIDE for its middle.
+const long long CRASH_RUN_EDGE = 2;
+const long long CRASH_RUN_STRIDE = 6;
+
+// The places of death in a run of the command that changes the medium by
+// vSequence (the kinds, in order): before the first call, and after each
+// call but the middle of a long run of one kind. Two places never stand
+// for the same moment: deaths "after the k-th write" and "before the next
+// sync" are one place.
+std::vector<CrashPoint> CrashPoints(const std::vector<FileOp>& vSequence)
+{
+    std::vector<CrashPoint> vPoints = {{vSequence.empty() ? FileOp::PWrite : vSequence[0], 0, 0}};
+    std::map<FileOp, long long> mapNth;
+    size_t nRunStart = 0;
+    for (size_t i = 0; i < vSequence.size(); i++) {
+        if (vSequence[i] != vSequence[nRunStart]) nRunStart = i;
+        size_t nRunEnd = nRunStart;
+        while (nRunEnd + 1 < vSequence.size() && vSequence[nRunEnd + 1] == vSequence[i]) nRunEnd++;
+        long long nInRun = (long long)(i - nRunStart), nToEnd = (long long)(nRunEnd - i);
+        long long nNth = ++mapNth[vSequence[i]];
+        if (nInRun < CRASH_RUN_EDGE || nToEnd < CRASH_RUN_EDGE || nInRun % CRASH_RUN_STRIDE == 0)
+            vPoints.push_back({vSequence[i], nNth, i + 1});
+    }
+    return vPoints;
+}
+
+// The command and the pass after it under io (fnBeforePass between them);
+// the power lost after them when asked.
+void RunUnderCrash(ListEngine& e, const CrashCommand& command, FaultFileIO& io, CrashKind eKind,
+                   const std::function<void()>& fnBeforePass = nullptr)
 {
     command.m_fnAsk(e);
-    FaultFileIO io;
-    if (nCalls >= 0) io.DieAfter(eOp, nCalls);
-    {
-        ScopedFileIO scope(&io);
-        e.m_db.Module().FileCMD(&e.m_db.m_stCrit);
-        e.m_db.Pass();
-        if (eKind == CRASH_POWER) io.LosePower(NameLoss::Undo);
-    }
-    return io.Calls(eOp);
+    ScopedFileIO scope(&io);
+    e.m_db.Module().FileCMD(&e.m_db.m_stCrit);
+    if (fnBeforePass) fnBeforePass();
+    e.m_db.Pass();
+    if (eKind == CRASH_POWER) io.LosePower(NameLoss::Undo);
+}
+
+// The pass after a command commits the list block the command left, the
+// same steps whatever the command was: each of its places is taken by one
+// command in turn (nCommand of nCommands), the pass's start by every one.
+bool CrashPointTaken(const CrashPoint& point, size_t nPassStart, size_t nCommand, size_t nCommands)
+{
+    return point.m_nAt <= nPassStart || (point.m_nAt - nPassStart) % nCommands == nCommand;
 }
 
 // After the crash: the process is gone (its images stay, or go with the
@@ -565,32 +591,41 @@ void RestartAfterCrash(ListEngine& e, CrashKind eKind, const std::string& strWhe
 } // namespace
 
 // The device dies after every call that changes it, of every kind, in turn
-// — then the process is killed, or the power goes: each command leaves a
-// list and files that the next start loads.
+// (a sample of the middle of a run of one kind) — then the process is
+// killed, or the power goes: each command leaves a list and files that the
+// next start loads.
 TEST(FileCommandCrashes, EveryStepOfEveryCommandLeavesADatabaseThatStarts)
 {
     RemoveImageSegments();
-    for (const CrashCommand& command : g_arCrashCommands) {
-        for (FileOp eOp : g_arCrashOps) {
-            long long nCalls = 0;
-            {
-                ListEngine e;
+    const size_t nCommands = sizeof(g_arCrashCommands) / sizeof(g_arCrashCommands[0]);
+    for (size_t nCommand = 0; nCommand < nCommands; nCommand++) {
+        const CrashCommand& command = g_arCrashCommands[nCommand];
+        // One clean run gives the order of the calls that change the medium.
+        std::vector<FileOp> vSequence;
+        size_t nPassStart = 0;
+        {
+            ListEngine e(CRASH_FILE_SIZE, CRASH_BLOCKS);
+            e.m_db.MakeStartAndSave();
+            FaultFileIO io;
+            for (FileOp eOp : g_arCrashOps) io.OnCall(eOp, [&](const FileCall& call) { vSequence.push_back(call.m_eOp); });
+            RunUnderCrash(e, command, io, CRASH_KILL, [&] { nPassStart = vSequence.size(); });
+            e.m_db.Stop();
+            RemoveImageSegments();
+        }
+        ASSERT_FALSE(vSequence.empty()) << command.m_lpName;
+        for (const CrashPoint& point : CrashPoints(vSequence)) {
+            if (!CrashPointTaken(point, nPassStart, nCommand, nCommands)) continue;
+            for (CrashKind eKind : {CRASH_KILL, CRASH_POWER}) {
+                std::string strWhere = std::string(command.m_lpName) + ": device dead after call " +
+                                       std::to_string(point.m_nNth) + " of kind " + std::to_string((int)point.m_eOp) +
+                                       (eKind == CRASH_KILL ? ", killed" : ", power lost");
+                ListEngine e(CRASH_FILE_SIZE, CRASH_BLOCKS);
                 e.m_db.MakeStartAndSave();
-                nCalls = RunUnderCrash(e, command, eOp, -1, CRASH_KILL);
-                e.m_db.Stop();
-                RemoveImageSegments();
-            }
-            for (long long k = 0; k <= nCalls; k++) {
-                for (CrashKind eKind : {CRASH_KILL, CRASH_POWER}) {
-                    std::string strWhere = std::string(command.m_lpName) + ": device dead after call " +
-                                           std::to_string(k) + " of kind " + std::to_string((int)eOp) +
-                                           (eKind == CRASH_KILL ? ", killed" : ", power lost");
-                    ListEngine e;
-                    e.m_db.MakeStartAndSave();
-                    RunUnderCrash(e, command, eOp, k, eKind);
-                    RestartAfterCrash(e, eKind, strWhere);
-                    if (HasFailure()) return;
-                }
+                FaultFileIO io;
+                io.DieAfter(point.m_eOp, point.m_nNth);
+                RunUnderCrash(e, command, io, eKind);
+                RestartAfterCrash(e, eKind, strWhere);
+                if (HasFailure()) return;
             }
         }
     }

@@ -11,38 +11,8 @@ namespace {
 
 class ServiceCommands : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(m_db.MakeDatabase());
-        ASSERT_EQ(S_OK, m_db.Start());
-        m_db.PrepareFiles();
-        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    }
-    LPFILE_MEMDBFILEINFO Row(BYTE bFileNo)
-    {
-        return DbFindFileListRow(m_db.Image(1), m_db.File(1)->m_liFileSize, bFileNo);
-    }
-    // The file list block with room, as the engine appends to it.
-    LPSYSTEMBLOCKHEAD ListBlockWithRoom()
-    {
-        LPBASEFILEOBJECTDEF lpObject = DbFileListObject(m_db.Head());
-        LPBASEFILEBLOCKMAP lpEntry = (LPBASEFILEBLOCKMAP)(m_db.Image(1) + lpObject->m_nFreeBlockMapOffset);
-        return (LPSYSTEMBLOCKHEAD)(m_db.Image(1) + lpEntry->m_nBlockOffset);
-    }
-    // The engine's edit of the list, in its order: row, then the command
-    // byte, then the flags that make the pass look, then the timestamp.
-    void MarkListChanged(LPSYSTEMBLOCKHEAD lpBlock)
-    {
-        long long ts = m_db.BeginTransaction();
-        lpBlock->m_nTimestamp = ts;
-        lpBlock->m_bSaveFlag = 1;
-        LPBASEFILEOBJECTDEF lpObject = DbFileListObject(m_db.Head());
-        lpObject->m_nFinishedTimestamp = ts;
-        lpObject->m_bSaveFlag = 1;
-        talvorpeer::PeerFence();
-        m_db.Head()->m_nTimestamp = ts;
-        m_db.EndTransaction(ts);
-    }
+    void SetUp() override { m_db.MakeStartAndSave(); }
+    LPFILE_MEMDBFILEINFO Row(BYTE bFileNo) { return m_db.Row(bFileNo); }
     PersistenceDb m_db;
 };
 
@@ -51,7 +21,7 @@ protected:
 TEST_F(ServiceCommands, RefusedFileCommandsLeaveTheListOnDiskAsItWas)
 {
     const std::string strListBefore = ReadWholeFile(m_db.SystemPath());
-    LPSYSTEMBLOCKHEAD lpBlock = ListBlockWithRoom();
+    LPSYSTEMBLOCKHEAD lpBlock = m_db.ListBlock();
     const int nRowsBefore = lpBlock->m_nDataNum;
 
     // An add of a number that is taken, a move onto another file's path, a
@@ -75,7 +45,7 @@ TEST_F(ServiceCommands, RefusedFileCommandsLeaveTheListOnDiskAsItWas)
     Row(3)->m_bFileCMD = FILECMD_MOVE;
     Row(4)->m_bFileCMD = FILECMD_RESIZE;
     lpGhost->m_bFileCMD = FILECMD_DELETE;
-    MarkListChanged(lpBlock);
+    m_db.MarkListChanged();
 
     ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
     EXPECT_EQ(FILECMD_ADD_NUMBERTAKEN, Val(lpNew->m_bFileCMD));
@@ -125,10 +95,10 @@ TEST_F(ServiceCommands, RefusedFileCommandsLeaveTheListOnDiskAsItWas)
 
 TEST_F(ServiceCommands, ASettledListReachesTheDiskAgain)
 {
-    LPSYSTEMBLOCKHEAD lpBlock = ListBlockWithRoom();
+    LPSYSTEMBLOCKHEAD lpBlock = m_db.ListBlock();
     Row(4)->m_nFileSize = 2 * DB_MIB;
     Row(4)->m_bFileCMD = FILECMD_RESIZE;
-    MarkListChanged(lpBlock);
+    m_db.MarkListChanged();
     ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
     ASSERT_EQ(FILECMD_RESIZE_FAILED, Val(Row(4)->m_bFileCMD));
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
@@ -136,7 +106,7 @@ TEST_F(ServiceCommands, ASettledListReachesTheDiskAgain)
     Row(4)->m_nFileSize = 4 * DB_MIB;
     Row(4)->m_bFileCMD = FILECMD_NONE;
     snprintf(Row(4)->m_lpszTablespaceName, sizeof(Row(4)->m_lpszTablespaceName), "Renamed4");
-    MarkListChanged(lpBlock);
+    m_db.MarkListChanged();
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
     std::string strDisk = ReadWholeFile(m_db.SystemPath());
     EXPECT_NE(std::string::npos, strDisk.find("Renamed4"));
@@ -144,7 +114,7 @@ TEST_F(ServiceCommands, ASettledListReachesTheDiskAgain)
 
 TEST_F(ServiceCommands, AFileListBlockOfAnotherKindStopsTheWalk)
 {
-    LPSYSTEMBLOCKHEAD lpBlock = ListBlockWithRoom();
+    LPSYSTEMBLOCKHEAD lpBlock = m_db.ListBlock();
     lpBlock->m_nBlockDataStructSize = 352;
     EXPECT_EQ(E_FAIL, m_db.Module().FileCMD(&m_db.m_stCrit));
     lpBlock->m_nBlockDataStructSize = (int)sizeof(FILE_MEMDBFILEINFO);
