@@ -297,6 +297,14 @@ int StandbyRun::OpenCurrentLogFile()
     } else {
         EVENTTYPE hIgnored;
         nWriteSize = nSize >= 1 ? nSize : p->m_pTalvorRedoLog->GetWriteSize(nRedoGroup, TRUE, hIgnored);
+        // Under a steady load the writer publishes the size of the current
+        // log only when asked (or at the seal): a standby whose feed has
+        // lost step would find nothing new below the published size until
+        // the log is full, minutes behind. It asks, as any reader may.
+        if (bCurLog && nReadPos != 0 && nWriteSize - nReadPos < RECORD_HEAD + 1) {
+            int nFresh = p->m_pTalvorRedoLog->GetWriteSize(nRedoGroup, TRUE, hIgnored);
+            if (nFresh > nWriteSize) nWriteSize = nFresh;
+        }
     }
     if (nReadPos != 0) {
         if (nWriteSize - nReadPos < RECORD_HEAD + 1) return fd;
