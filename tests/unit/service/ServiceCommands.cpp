@@ -95,7 +95,6 @@ TEST_F(ServiceCommands, RefusedFileCommandsLeaveTheListOnDiskAsItWas)
 
 TEST_F(ServiceCommands, ASettledListReachesTheDiskAgain)
 {
-    LPSYSTEMBLOCKHEAD lpBlock = m_db.ListBlock();
     Row(4)->m_nFileSize = 2 * DB_MIB;
     Row(4)->m_bFileCMD = FILECMD_RESIZE;
     m_db.MarkListChanged();
