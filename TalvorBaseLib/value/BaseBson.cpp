@@ -177,14 +177,13 @@ void CBaseBson::FreeMemoryBufferPool(LPBYTE lpBuffer, void* pCookie)
     if (lpBuffer != nullptr && pCookie == nullptr) m_stMemoryPool.Free(lpBuffer);
 }
 
-// A main buffer for nSize bytes, zeroed, owned; the plan is empty.
-int CBaseBson::TakeMainBuffer(UINT nSize)
+// A zeroed block of nBlock bytes from the plan's source of memory, with its
+// cookie; BSON_OK, or the source's failure (nothing kept).
+int CBaseBson::TakeZeroedBlock(UINT nBlock, LPBYTE& lpBlock, void*& pCookie)
 {
-    UINT nBlock = MainBlockSize(nSize);
-    if (nBlock == 0) return BSON_NO_MEMORY;
     UINT nGiven = nBlock;
-    LPBYTE lpBlock = nullptr;
-    void* pCookie = nullptr;
+    lpBlock = nullptr;
+    pCookie = nullptr;
     int nResult = AllocMemoryBufferPool(lpBlock, nGiven, pCookie, FALSE);
     if (nResult != BSON_OK) return nResult;
     if (lpBlock == nullptr || nGiven < nBlock) {
@@ -192,13 +191,32 @@ int CBaseBson::TakeMainBuffer(UINT nSize)
         return BSON_NO_MEMORY;
     }
     memset(lpBlock, 0, nBlock);
+    return BSON_OK;
+}
+
+// lpBlock of nBlock bytes becomes the owned main buffer; the plan's data
+// size is kept.
+void CBaseBson::UseMainBlock(LPBYTE lpBlock, void* pCookie, UINT nBlock)
+{
     m_lpBuf = lpBlock;
     m_lpBufPtr = pCookie;
     m_lpBuffer = lpBlock + BSON_FRONT_ROOM;
     m_nBsonBufferSize = nBlock - BSON_FRONT_ROOM;
-    m_nBsonDataSize = 0;
-    m_nFreeBufferSize = m_nBsonBufferSize;
+    m_nFreeBufferSize = m_nBsonBufferSize - m_nBsonDataSize;
     m_nAutoRelease = BSON_BUFFER_OWNED;
+}
+
+// A main buffer for nSize bytes, zeroed, owned; the plan is empty.
+int CBaseBson::TakeMainBuffer(UINT nSize)
+{
+    UINT nBlock = MainBlockSize(nSize);
+    if (nBlock == 0) return BSON_NO_MEMORY;
+    LPBYTE lpBlock = nullptr;
+    void* pCookie = nullptr;
+    int nResult = TakeZeroedBlock(nBlock, lpBlock, pCookie);
+    if (nResult != BSON_OK) return nResult;
+    m_nBsonDataSize = 0;
+    UseMainBlock(lpBlock, pCookie, nBlock);
     return BSON_OK;
 }
 
@@ -252,24 +270,13 @@ int CBaseBson::ReAllocBsonBuffer(UINT nSize)
     if (nBlock == 0) return BSON_NO_MEMORY;
     // A smaller block could not take the plan that is there.
     if (nBlock - BSON_FRONT_ROOM <= m_nBsonBufferSize) return BSON_OK;
-    UINT nGiven = nBlock;
     LPBYTE lpBlock = nullptr;
     void* pCookie = nullptr;
-    int nResult = AllocMemoryBufferPool(lpBlock, nGiven, pCookie, FALSE);
+    int nResult = TakeZeroedBlock(nBlock, lpBlock, pCookie);
     if (nResult != BSON_OK) return nResult;
-    if (lpBlock == nullptr || nGiven < nBlock) {
-        FreeMemoryBufferPool(lpBlock, pCookie);
-        return BSON_NO_MEMORY;
-    }
-    memset(lpBlock, 0, nBlock);
     memcpy(lpBlock + BSON_FRONT_ROOM, m_lpBuffer, m_nBsonBufferSize);
     if (m_nAutoRelease == BSON_BUFFER_OWNED) GiveBack(m_lpBuf, m_lpBufPtr);
-    m_lpBuf = lpBlock;
-    m_lpBufPtr = pCookie;
-    m_lpBuffer = lpBlock + BSON_FRONT_ROOM;
-    m_nBsonBufferSize = nBlock - BSON_FRONT_ROOM;
-    m_nFreeBufferSize = m_nBsonBufferSize - m_nBsonDataSize;
-    m_nAutoRelease = BSON_BUFFER_OWNED;
+    UseMainBlock(lpBlock, pCookie, nBlock);
     return BSON_OK;
 }
 

@@ -438,6 +438,8 @@ private:
     void ReleaseAreas();
     void ReleaseMeta();
     void ForgetOrigin();
+    int TakeZeroedBlock(UINT nBlock, LPBYTE& lpBlock, void*& pCookie);
+    void UseMainBlock(LPBYTE lpBlock, void* pCookie, UINT nBlock);
     int TakeMainBuffer(UINT nSize);
     int TakeTempBuffer(BOOL bLent);
     BOOL LendsBack(const CBaseBson* pMemory) const;
