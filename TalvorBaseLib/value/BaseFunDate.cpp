@@ -184,25 +184,6 @@ int FormatResult(int nResult, VARDATA& vResult)
     return nResult == TALVOR_DATE_NO_MEMORY ? TALVOR_VARDATA_NO_MEMORY : 0;
 }
 
-// Number formats of ToChar: 0, 9, "." and D. Result: digits after the
-// point, -1 for no number format.
-int NumberFormatPlaces(const char* lpszFormat)
-{
-    int nPlaces = -1, nDigits = 0;
-    for (const char* p = lpszFormat; *p; ++p) {
-        if (*p == '.' || *p == 'D' || *p == 'd') {
-            if (nPlaces >= 0) return -2;
-            nPlaces = 0;
-        } else if (*p == '0' || *p == '9') {
-            ++nDigits;
-            if (nPlaces >= 0) ++nPlaces;
-        } else {
-            return -1;
-        }
-    }
-    if (nDigits == 0) return -1;
-    return nPlaces < 0 ? 0 : nPlaces;
-}
 
 // The part of a date named by a keyword id, as an integer. Result: false
 // for a number that is none of them.
@@ -484,14 +465,8 @@ int CBaseFunManager::ToChar(CTalvorBufferPool* pPool, VARDATA& vValue, VARDATA& 
     }
     if (bText && date(pPool, vValue, d) == 0)
         return FormatResult(CTalvorDate::Format(pPool, d, lpszFormat, vResult), vResult);
-    // Numbers: only the plain picture of digits and one point.
-    int nPlaces = NumberFormatPlaces(lpszFormat);
-    if (nPlaces < 0) return SetNullResult(vResult);
-    double dValue = vValue.GetCompatibleDouble();
-    char sz[400];
-    int n = snprintf(sz, sizeof(sz), "%.*f", nPlaces, dValue);
-    if (n < 0 || n >= (int)sizeof(sz)) return SetNullResult(vResult);
-    return SetText(pPool, vResult, sz, n);
+    // Numbers: a picture of digits and one point, by the number printer.
+    return NumberToChar(pPool, vValue, lpszFormat, vResult);
 }
 
 int CBaseFunManager::Date(CTalvorBufferPool* pPool, VARDATA& vArg, VARDATA& vResult)
