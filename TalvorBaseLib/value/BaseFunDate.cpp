@@ -22,8 +22,10 @@ namespace {
 // Keyword ids of the functions and units this file tells apart.
 const int KW_DATE = 139, KW_TIME = 140, KW_DATETIME = 141, KW_TIMESTAMP = 142, KW_YEAR = 146;
 const int KW_CURRENT_DATE = 343, KW_CURDATE = 479, KW_CURRENT_TIME = 484, KW_CURTIME = 485;
-const int KW_MICROSECOND = 416, KW_SECOND = 417, KW_MINUTE = 418, KW_HOUR = 419, KW_DAY = 420, KW_WEEK = 421,
-          KW_MONTH = 422, KW_QUARTER = 423, KW_YEAR_MONTH = 434;
+// The units from SECOND to QUARTER (417 to 423: second, minute, hour, day,
+// week, month, quarter) run in the order of the interval types.
+const int KW_MICROSECOND = 416, KW_SECOND = 417, KW_MINUTE = 418, KW_HOUR = 419, KW_QUARTER = 423,
+          KW_YEAR_MONTH = 434;
 const int KW_MONTHNAME = 537, KW_DAYNAME = 538, KW_DAYOFYEAR = 539, KW_DAYOFMONTH = 540, KW_DAYOFWEEK = 541;
 const int KW_TO_DAYS = 623, KW_UTC_DATE = 624, KW_UTC_TIME = 625, KW_WEEKDAY = 627, KW_WEEKOFYEAR = 628;
 const int KW_FRAC_SECOND = 679;
