@@ -18,11 +18,11 @@
 //   done
 #include "PeerArgs.h"
 #include "PeerCache.h"
+#include "PeerClock.h"
 #include "PeerData.h"
 #include "PeerImage.h"
 #include "PeerJobs.h"
 
-#include <chrono>
 #include <cstdarg>
 #include <random>
 #include <cstdio>
@@ -427,12 +427,6 @@ bool ParseCacheArgs(const std::vector<std::string>& args, CacheJob& job)
     job.strDump = opts.GetString("dump-dir", "");
     job.strFiles = opts.GetString("files", "");
     return true;
-}
-
-long long NowMs()
-{
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
 }
 
 int RunWork(CacheJob& job)

@@ -21,13 +21,13 @@
 // runs that exact check itself after each pass it asked for (--check-exact),
 // while it keeps changing rows during the passes.
 #include "PeerArgs.h"
+#include "PeerClock.h"
 #include "PeerData.h"
 #include "PeerFileCommand.h"
 #include "PeerJobs.h"
 #include "PeerRollback.h"
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -309,12 +309,6 @@ ExactResult CheckExact(const std::vector<PeerChange>& vJournal, const DiskImage&
         r.m_nViolations++;
     }
     return r;
-}
-
-long long NowMs()
-{
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
 }
 
 bool AppendJournal(int fd, const std::string& strLine)

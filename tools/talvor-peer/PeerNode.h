@@ -7,6 +7,7 @@
 
 #include "MemDBCommonDef.h"
 #include "MemDBNodeDef.h"
+#include "PeerClock.h"
 
 #include <csignal>
 #include <cstdio>
@@ -21,7 +22,6 @@ namespace talvorpeer {
 // Set by SIGTERM and SIGINT once OnNodeTerm is their handler.
 extern volatile sig_atomic_t g_bStop;
 void OnNodeTerm(int);
-long long NowMs();
 // nSize bytes; false when the peer closed, a stop came or time ran out.
 bool RecvAll(int sk, void* lpBuf, size_t nSize, long long nDeadlineMs);
 bool SendAll(int sk, const void* lpBuf, size_t nSize);

@@ -10,6 +10,7 @@
 // be forced with m_bFlushFlag 2. The exact stream can be written to a file,
 // so that a test can compare it with the logs and their archives.
 #include "PeerArgs.h"
+#include "PeerClock.h"
 #include "PeerJobs.h"
 #include "PeerRedo.h"
 
@@ -47,13 +48,6 @@ const std::vector<OptionSpec> g_vRedoOptions = {
 
 const int RING_HEAD_SIZE = (int)sizeof(FILE_TRACEMEMFILEHEAD);
 const UINT ROOM_WAIT_MS = 10;
-
-long long NowMs()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
-}
 
 struct RedoSession {
     LPBYTE m_pRing = nullptr;
@@ -266,13 +260,6 @@ std::vector<long long> ParseList(const std::string& strList)
     return v;
 }
 
-long long WallMicros()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
-    return ts.tv_sec * 1000000LL + ts.tv_nsec / 1000;
-}
-
 // With a rate, record i is due i / rate seconds after the first: a steady
 // load that does not speed up to catch up after a slow moment beyond that.
 void WaitForTurn(const RedoSession& s, long long nFirstUs, long long i)
@@ -305,7 +292,7 @@ int Commit(RedoSession& s, long long nRecords, long long nFixed, long long nMax,
             return PEER_INPUT;
         }
         if (i % nBurst == 0) s.Post();
-        if (s.m_pTimes != nullptr) fprintf(s.m_pTimes, "%lld %lld\n", (long long)pHead->m_nTimestamp, WallMicros());
+        if (s.m_pTimes != nullptr) WriteTimeLine(s.m_pTimes, (long long)pHead->m_nTimestamp);
         for (long long nAt : vSealAt)
             if (nAt == i) rc = ForceSeal(s);
     }

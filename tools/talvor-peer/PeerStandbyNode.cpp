@@ -26,7 +26,6 @@
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 #include <vector>
 
@@ -51,13 +50,6 @@ const int STALL_MS = 8000;
 
 volatile sig_atomic_t g_bStop = 0;
 void OnNodeTerm(int) { g_bStop = 1; }
-
-long long NowMs()
-{
-    struct timeval tv;
-    gettimeofday(&tv, nullptr);
-    return (long long)tv.tv_sec * 1000 + tv.tv_usec / 1000;
-}
 
 // Whole reads with a deadline; false when the peer closed or time ran out.
 bool RecvAll(int sk, void* lpBuf, size_t nSize, long long nDeadlineMs)
@@ -148,11 +140,7 @@ bool ServeStandbyMessage(int sk, NodeState& st, const MF_SERVICE_TCP_COMMAND& st
     std::string strDue = st.Due();
     // A shipment answered with a failure is not taken.
     bool bTaken = strDue != "fail" && strDue != "leave" && st.Apply(stParam.m_nLogNo, nStart, vData);
-    if (bTaken && st.pTimes != nullptr) {
-        struct timespec ts;
-        clock_gettime(CLOCK_REALTIME, &ts);
-        fprintf(st.pTimes, "%lld %lld\n", st.nTimestamp, ts.tv_sec * 1000000LL + ts.tv_nsec / 1000);
-    }
+    if (bTaken && st.pTimes != nullptr) WriteTimeLine(st.pTimes, st.nTimestamp);
     if (!bTaken && strDue != "fail" && strDue != "leave" && !strDue.empty()) {
         st.nDone--;
         strDue.clear();

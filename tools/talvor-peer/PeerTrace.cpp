@@ -7,6 +7,7 @@
 // the ring and writes its head. The ring is never overrun: when it is full
 // the job waits for the daemon, within a deadline.
 #include "PeerArgs.h"
+#include "PeerClock.h"
 #include "PeerJobs.h"
 
 #include "LinuxCommonAPI.h"
@@ -35,13 +36,6 @@ const std::vector<OptionSpec> g_vTraceOptions = {
     {"timeout", true, "milliseconds to wait for room or for the daemon (default 30000)"},
     {"no-drain", false, "do not wait until the daemon has read everything"},
 };
-
-long long NowMs()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
-}
 
 struct TraceRingSession {
     LPBYTE m_pRing = nullptr;
