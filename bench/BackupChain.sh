@@ -27,14 +27,10 @@ mkdir -p "$root/Arch" "$root/cp"
   --redo-groups 3 --redo-size 16 >/dev/null
 bench_ini "$root" persistenceintervals=1 archivetype=1 "archivedespath=$root/Arch/"
 
-unshare --ipc --mount --propagation private bash -c '
-  set -e
-  mount -t tmpfs tmpfs /dev/shm && mount -t tmpfs tmpfs /var/run
-  root=$1; bin=$2; blocks=$3
+bench_primary "$root" "$bin" '
+  blocks=$1
   now() { date +%s%N; }
   db="$root/Data/Talvor"
-  "$root/bin/TalvorStorage" & pid=$!
-  bench_wait_started "$root"
   # Commits COUNT transactions over BLOCKS blocks per map block and waits
   # until a pass has the last one on disk.
   commit() {
@@ -72,8 +68,7 @@ unshare --ipc --mount --propagation private bash -c '
   restore_us=$(timed "$bin/talvor-peer" restore --to "$inc_ts" --wait-ms 600000)
   grep -q "database=open" "$root/last.out" || { cat "$root/last.out" >&2; exit 1; }
   echo "restore $files_bytes $restore_us $cp_us" >> "$root/chain.result"
-  kill -TERM $pid; wait $pid || true
-' bench "$root" "$bin" "$blocks" || { echo "no measurement (see the daemon trace under $root)"; exit 0; }
+' "$blocks" || { echo "no measurement (see the daemon trace under $root)"; exit 0; }
 
 read -r _ full_bytes full_us < <(grep "^full " "$root/chain.result")
 read -r _ inc_bytes inc_us < <(grep "^incremental " "$root/chain.result")

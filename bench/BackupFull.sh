@@ -43,13 +43,8 @@ with open(path, "r+b") as f:
 PY
 bench_ini "$root" persistenceintervals=300 archivetype=1 "archivedespath=$root/Arch/"
 
-unshare --ipc --mount --propagation private bash -c '
-  set -e
-  mount -t tmpfs tmpfs /dev/shm && mount -t tmpfs tmpfs /var/run
-  root=$1; bin=$2
+bench_primary "$root" "$bin" '
   now() { date +%s.%N; }
-  "$root/bin/TalvorStorage" & pid=$!
-  bench_wait_started "$root"
   # Both sides read the files from the disk: the backup reads with direct
   # I/O, so the page cache of each database file is dropped before each
   # side (for these files only).
@@ -82,8 +77,7 @@ unshare --ipc --mount --propagation private bash -c '
   sleep 1
   round committing
   wait $peer || true
-  kill -TERM $pid; wait $pid || true
-' bench "$root" "$bin" || true
+' || true
 
 field() { sed -n "s/^$1 .*$2=\([^ ]*\).*/\1/p" "$root/rounds.out"; }
 report() {

@@ -32,6 +32,25 @@ bench_wait_started() {
 }
 export -f bench_wait_started
 
+# bench_primary ROOT BIN BODY [ARG...]: runs the shell code BODY in a private
+# IPC and mount namespace (its own tmpfs on /dev/shm and /var/run) beside
+# the daemon of ROOT, started and waited for. BODY sees root, bin, pid (the
+# daemon's) and its own arguments as $1...; a node it starts goes into node.
+# Whatever ends BODY, the daemon and the node are stopped with it.
+bench_primary() {
+  local dir=$1 b=$2 body=$3
+  shift 3
+  unshare --ipc --mount --propagation private bash -c '
+    set -e
+    mount -t tmpfs tmpfs /dev/shm && mount -t tmpfs tmpfs /var/run
+    root=$1; bin=$2; shift 2
+    "$root/bin/TalvorStorage" & pid=$!
+    node=
+    trap "kill -TERM \$node \$pid 2>/dev/null || true; wait \$node \$pid 2>/dev/null || true" EXIT
+    bench_wait_started "$root"
+  '"$body" bench "$dir" "$b" "$@"
+}
+
 # bench_node_port OUT: the port a stand-in node listener printed into OUT
 # (5 s at the most; OUT may not exist yet), or nothing. Exported, as above.
 bench_node_port() {

@@ -22,23 +22,19 @@ mkdir -p "$root/Joined"
 bench_ini "$root" persistenceintervals=1
 # About 14 blocks of the stand-in's rows make a MiB of used bytes.
 blocks=$(( mib * 14 ))
-unshare --ipc --mount --propagation private bash -c '
-  set -e
-  mount -t tmpfs tmpfs /dev/shm && mount -t tmpfs tmpfs /var/run
-  root=$1; bin=$2; blocks=$3
-  "$root/bin/TalvorStorage" & pid=$!
-  bench_wait_started "$root"
+bench_primary "$root" "$bin" '
+  blocks=$1
   "$bin/talvor-peer" data --journal "$root/journal" --live --count 200 --pause-us 0 --blocks "$blocks" --seed 9 >/dev/null 2>&1
   sleep 2
   "$bin/talvor-peer" join-node --port 0 --dir "$root/Joined" --seconds 600 --exit-after-join > "$root/node.out" 2>&1 & node=$!
   port=$(bench_node_port "$root/node.out")
   out=$("$bin/talvor-peer" cluster 11 --ip 127.0.0.1 --port "$port" --local-ip 127.0.0.1 --wait-ms 600000)
   wait $node || true
-  kill -TERM $pid; wait $pid || true
+  node=
   bytes=$(sed -n "s/^join: files [0-9]* bytes \([0-9]*\).*/\1/p" "$root/node.out")
   ms=$(sed -n "s/.* elapsed_ms=\([0-9]*\).*/\1/p" <<< "$out")
   echo "$bytes $ms" > "$root/join.result"
-' bench "$root" "$bin" "$blocks"
+' "$blocks"
 read -r bytes join_ms < "$root/join.result"
 d="$root/Data/Talvor"
 raw_us=$(bench_raw_tcp_us "$root/raw.out" "$bytes" "$d/System.dbf" "$d/Data2.dbf" "$d/BTree3.dbf" "$d/KV4.dbf")

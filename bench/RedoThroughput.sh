@@ -22,32 +22,14 @@ build=${1:-build}
 mib=${2:-256}
 forceflush=${3:-1}
 bin=$(cd "$build/bin" && pwd)
-root=$(mktemp -d "${TALVOR_BENCH_DIR:-/tmp}/talvor-redo-bench-XXXXXX")
-trap 'rm -rf "$root"' EXIT
-mkdir -p "$root/bin" "$root/Data/Talvor"
-cp "$bin/TalvorStorage" "$root/bin/"
+. bench/BenchKit.sh
+bench_root redo "$bin"
 "$bin/talvor-mkdb" --dir "$root/Data/Talvor" --name Bench --redo-groups 4 --redo-size 64 >/dev/null
-cat > "$root/bin/TalvorConfig.ini" <<INI
-[System]
-databasepath=$root/Data/Talvor/
-Language=0
-persistenceintervals=3
-buffercachesize=0
-undoareasize=16
-archivetype=0
-forceflushlog=$forceflush
-INI
+bench_ini "$root" persistenceintervals=3 archivetype=0 "forceflushlog=$forceflush"
 records=$((mib * 256))
 
-unshare --ipc --mount --propagation private bash -c '
-  set -e
-  mount -t tmpfs tmpfs /dev/shm && mount -t tmpfs tmpfs /var/run
-  root=$1; bin=$2; records=$3
-  "$root/bin/TalvorStorage" & pid=$!
-  for i in $(seq 1 200); do
-    grep -qs "service started" "$root"/Data/Talvor/Log/TalvorStorage*.log && break
-    sleep 0.05
-  done
+bench_primary "$root" "$bin" '
+  records=$1
   "$bin/talvor-peer" redo --records "$records" --size 4096 --burst 64 --timeout 120000 \
     --out "$root/stream.bin" > "$root/peer.out"
   kill -TERM $pid; wait $pid || true
@@ -62,7 +44,7 @@ unshare --ipc --mount --propagation private bash -c '
   dd if="$root/stream.bin" of="$root/Data/Talvor/Redo/durable.bin" bs=4096 conv=fdatasync status=none
   end=$(date +%s.%N)
   echo "durableseconds=$(echo "$end - $start" | bc -l)" >> "$root/raw.out"
-' bench "$root" "$bin" "$records"
+' "$records"
 
 peer=$(cat "$root/peer.out")
 field() { echo "$peer" | tr ' ' '\n' | sed -n "s/^$1=//p"; }

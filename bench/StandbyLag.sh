@@ -20,15 +20,8 @@ bench_root lag "$bin"
 mkdir -p "$root/Arch" "$root/Standby"
 "$bin/talvor-mkdb" --dir "$root/Data/Talvor" --name Lag --data-file 8 --redo-groups 3 --redo-size 16 >/dev/null
 bench_ini "$root" persistenceintervals=300 archivetype=1 "archivedespath=$root/Arch/"
-unshare --ipc --mount --propagation private bash -c '
-  set -e
-  mount -t tmpfs tmpfs /dev/shm && mount -t tmpfs tmpfs /var/run
-  root=$1; bin=$2; rate=$3; records=$4
-  "$root/bin/TalvorStorage" & pid=$!
-  node=
-  # Whatever ends this shell, the daemon and the node end with it.
-  trap "kill -TERM \$pid \$node 2>/dev/null || true" EXIT
-  bench_wait_started "$root"
+bench_primary "$root" "$bin" '
+  rate=$1; records=$2
   "$bin/talvor-peer" standby-node --port 0 --dir "$root/Standby" --seconds 600 \
     --receive-times "$root/received" > "$root/node.out" 2>&1 & node=$!
   port=$(bench_node_port "$root/node.out")
@@ -44,9 +37,7 @@ unshare --ipc --mount --propagation private bash -c '
     [ -s "$root/received" ] && [ "$(tail -1 "$root/received" | cut -d" " -f1)" -ge "$last" ] && break
     sleep 0.1
   done
-  kill -TERM $node; wait $node || true
-  kill -TERM $pid; wait $pid || true
-' bench "$root" "$bin" "$rate" "$records" || { echo "no measurement (see the daemon trace under $root)"; exit 0; }
+' "$rate" "$records" || { echo "no measurement (see the daemon trace under $root)"; exit 0; }
 python3 - "$root/committed" "$root/received" "$rate" <<'PY'
 import bisect, sys
 committed = [tuple(map(int, l.split())) for l in open(sys.argv[1]) if l.strip()]

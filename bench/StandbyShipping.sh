@@ -20,12 +20,8 @@ mkdir -p "$root/Arch" "$root/Standby"
 "$bin/talvor-mkdb" --dir "$root/Data/Talvor" --name Ship --data-file 8 --redo-groups 3 --redo-size 16 >/dev/null
 bench_ini "$root" persistenceintervals=300 archivetype=1 "archivedespath=$root/Arch/"
 records=$(( mib * 16 ))
-unshare --ipc --mount --propagation private bash -c '
-  set -e
-  mount -t tmpfs tmpfs /dev/shm && mount -t tmpfs tmpfs /var/run
-  root=$1; bin=$2; records=$3
-  "$root/bin/TalvorStorage" & pid=$!
-  bench_wait_started "$root"
+bench_primary "$root" "$bin" '
+  records=$1
   out=$("$bin/talvor-peer" redo --records "$records" --seed 5 --size 65536 --seal-end)
   logno=$(sed -n "s/.* logno=\([0-9]*\).*/\1/p" <<< "$out")
   # Every sealed log archived before the standby comes.
@@ -45,10 +41,8 @@ unshare --ipc --mount --propagation private bash -c '
     sleep 0.01
   done
   t1=$(date +%s%N)
-  kill -TERM $node; wait $node || true
-  kill -TERM $pid; wait $pid || true
   echo "$want $(( (t1 - t0) / 1000 ))" > "$root/ship.result"
-' bench "$root" "$bin" "$records"
+' "$records"
 read -r bytes ship_us < "$root/ship.result"
 cat "$root"/Arch/ArchiveLog/Log*.log > "$root/all.bin"
 raw_us=$(bench_raw_tcp_us "$root/raw.out" "$(stat -c %s "$root/all.bin")" "$root/all.bin")
