@@ -716,8 +716,13 @@ void CTalvorStandby::Work(BOOL& bRelease, LPTALVORCRITICALSECTION lpCritSection)
           TALVOR_TEXT("备用节点[%d.%d.%d.%d:%u]同步线程启动...", "Standby node [%d.%d.%d.%d:%u] synchronization thread started..."),
           STANDBY_ADDR(this));
     run.nSendTime = NowMicros();
+    BOOL bBehind = FALSE;
     while (!StopAsked()) {
-        WaitForSingleObject(&run.stFeed.m_hEvent, FEED_WAIT_MS);
+        // A standby that just took a whole finished log from the files is
+        // behind: its next log is there already, and a wait for the writer
+        // here would idle it once per log all the way up.
+        if (!bBehind) WaitForSingleObject(&run.stFeed.m_hEvent, FEED_WAIT_MS);
+        bBehind = FALSE;
         long long nNow = NowMicros();
         if (nNow < run.nSendTime) {
             run.nSendTime = nNow;
@@ -740,6 +745,7 @@ void CTalvorStandby::Work(BOOL& bRelease, LPTALVORCRITICALSECTION lpCritSection)
             if (run.SendFromFile(FALSE) == SHIP_DONE && run.nReadPos >= run.nWriteSize) {
                 run.nReadPos = REDOLOGFILE_HEAD_SIZE;
                 m_nRedoLogNo++;
+                bBehind = TRUE;
             }
         } else {
             run.SendFromFile(TRUE);
