@@ -19,10 +19,10 @@
 // | HOUR('2020-12-31'), TIME(...)      | 00:20:20 (MMSS of 2020) | 00:00:00, its midnight   | a date without a time is at midnight           |
 // | TIME(20210230), impossible dates   | 00:00:00                | NULL                     | a number of 8 digits is a date or nothing      |
 // | YEAR(0), MONTH(0) ...              | 0 (the zero date)       | NULL                     | there is no zero date here                     |
-#include "FunReferenceKit.h"
+#include "FunReference.h"
 #include "PythonReference.h"
 
-using namespace funkit;
+using namespace talvortest;
 using talvortest::Val;
 
 namespace {
@@ -75,30 +75,9 @@ TEST(FunDate, PartsWeeksAndFormatsOfGeneratedDatesMatchTheServer)
          [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return CBaseFunManager::TalvorTimeStamp(p, a[0], r); }},
         {"TIME_TO_SEC",
          [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return CBaseFunManager::Time_To_Sec(p, a[0], r); }}};
-    const char* arUnits[] = {"MICROSECOND",
-                             "SECOND",
-                             "MINUTE",
-                             "HOUR",
-                             "DAY",
-                             "WEEK",
-                             "MONTH",
-                             "QUARTER",
-                             "YEAR",
-                             "SECOND_MICROSECOND",
-                             "MINUTE_MICROSECOND",
-                             "MINUTE_SECOND",
-                             "HOUR_MICROSECOND",
-                             "HOUR_SECOND",
-                             "HOUR_MINUTE",
-                             "DAY_MICROSECOND",
-                             "DAY_SECOND",
-                             "DAY_MINUTE",
-                             "DAY_HOUR",
-                             "YEAR_MONTH"};
-    const int arUnitTypes[] = {1, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21};
     const char* arFormats[] = {"%Y-%m-%d %H:%i:%s", "%a %b %e %D %j %c %k", "%W %M %y %p %I %h %S %f",
                                "%r %T %U %u %V %v %X %x %w %%"};
-    std::vector<Case> v;
+    std::vector<FunCase> v;
     for (const std::string& s : Dates(160, 11)) {
         bool bFull = s.size() > 10;
         for (int nForm = 0; nForm < (bFull ? 2 : 3); ++nForm) {
@@ -118,9 +97,9 @@ TEST(FunDate, PartsWeeksAndFormatsOfGeneratedDatesMatchTheServer)
                                      return CBaseFunManager::YearWeek(p, x[0], x[1], r);
                                  },
                                  {a, Int(m)}));
-            for (size_t u = 0; u < sizeof(arUnits) / sizeof(arUnits[0]); ++u) {
-                int nType = arUnitTypes[u];
-                v.push_back(Call(pool, "EXTRACT(" + std::string(arUnits[u]) + " FROM " + strArg + ")",
+            for (const IntervalUnit& unit : kIntervalUnits) {
+                int nType = unit.nType;
+                v.push_back(Call(pool, "EXTRACT(" + std::string(unit.lpszName) + " FROM " + strArg + ")",
                                  [nType](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
                                      return CBaseFunManager::Extract(p, nType, x[0], r);
                                  },
@@ -152,7 +131,7 @@ TEST(FunDate, TimesAndFormatsOfTimesMatchTheServer)
 {
     CTalvorBufferPool pool;
     std::mt19937 rng(23);
-    std::vector<Case> v;
+    std::vector<FunCase> v;
     Fn fnMake = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
         return CBaseFunManager::MakeTime(p, x[0], x[1], x[2], r);
     };
