@@ -287,6 +287,22 @@ using Args = std::vector<VARDATA>;
 using FunCall = std::function<int(Pool*, Args&, VARDATA&)>;
 using Fn = std::function<int(Pool*, VARDATA*, VARDATA&)>;
 
+// A static member as a call on the batch's arguments, by its count of
+// arguments (named, as members of one name take different counts).
+using Fun1 = int (*)(Pool*, VARDATA&, VARDATA&);
+using Fun2 = int (*)(Pool*, VARDATA&, VARDATA&, VARDATA&);
+using Fun3 = int (*)(Pool*, VARDATA&, VARDATA&, VARDATA&, VARDATA&);
+using Fun4 = int (*)(Pool*, VARDATA&, VARDATA&, VARDATA&, VARDATA&, VARDATA&);
+using FunN = int (*)(Pool*, int, st_VARDATA*, VARDATA&);
+inline FunCall Of1(Fun1 pfn) { return [pfn](Pool* p, Args& a, VARDATA& r) { return pfn(p, a[0], r); }; }
+inline FunCall Of2(Fun2 pfn) { return [pfn](Pool* p, Args& a, VARDATA& r) { return pfn(p, a[0], a[1], r); }; }
+inline FunCall Of3(Fun3 pfn) { return [pfn](Pool* p, Args& a, VARDATA& r) { return pfn(p, a[0], a[1], a[2], r); }; }
+inline FunCall Of4(Fun4 pfn)
+{
+    return [pfn](Pool* p, Args& a, VARDATA& r) { return pfn(p, a[0], a[1], a[2], a[3], r); };
+}
+inline FunCall OfN(FunN pfn) { return [pfn](Pool* p, Args& a, VARDATA& r) { return pfn(p, (int)a.size(), a.data(), r); }; }
+
 // A member run on VARDATA arguments, as a case for the batch.
 inline FunCase Call(Pool& pool, const std::string& strSql, const Fn& fn, std::vector<VARDATA> vArgs,
                     CompareKind eKind = SAME_TEXT)
@@ -370,6 +386,25 @@ inline FunArg RandomTextArg(std::mt19937& rng)
 inline FunArg RandomCountArg(std::mt19937& rng)
 {
     return rng() % 12 == 0 ? ArgNull() : ArgInt(RandomCount(rng));
+}
+
+// One row of a function table: the expression, the letters of its
+// arguments (the test's generator gives the value of each letter) and our
+// member.
+struct FunRow {
+    const char* lpszExpr;
+    const char* lpszArgs;
+    FunCall fn;
+};
+
+// Every row once, on the arguments fnArg gives for its letters.
+inline void AddRows(FunBatch& batch, const std::vector<FunRow>& vRows, const std::function<FunArg(char)>& fnArg)
+{
+    for (const FunRow& row : vRows) {
+        std::vector<FunArg> v;
+        for (const char* p = row.lpszArgs; *p; ++p) v.push_back(fnArg(*p));
+        batch.Add(row.lpszExpr, v, row.fn);
+    }
 }
 
 // ---- Generated dates and the units of intervals.
