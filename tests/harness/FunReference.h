@@ -21,6 +21,7 @@
 #include <functional>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace talvortest {
@@ -275,7 +276,8 @@ inline void CompareWithServer(const std::vector<FunCase>& vCases,
                                                (c.eKind == SAME_NUMBER && SameNumber(c.strOurs, a.strText)));
             if (c.bOursNull && !a.bNull && a.strText.compare(0, 5, "0000-") == 0) bSame = true;
         }
-        EXPECT_TRUE(bSame) << c.strSql << "\n  server: " << (a.bError ? "error" : a.bNull ? "NULL" : "'" + a.strText + "'")
+        std::string strServer = a.bError ? "error" : a.bNull ? "NULL" : "'" + a.strText + "'";
+        EXPECT_TRUE(bSame) << c.strSql << "\n  server: " << strServer
                            << "\n  ours:   " << strOurs << " (code " << c.nRet << ")";
         if (!bSame) ++nFailed;
     }
@@ -287,21 +289,34 @@ using Args = std::vector<VARDATA>;
 using FunCall = std::function<int(Pool*, Args&, VARDATA&)>;
 using Fn = std::function<int(Pool*, VARDATA*, VARDATA&)>;
 
-// A static member as a call on the batch's arguments, by its count of
-// arguments (named, as members of one name take different counts).
+// A static member as a call on the arguments, of the batch or of a case,
+// by its count of arguments (named, as members of one name take different
+// counts): the first N arguments, then the result.
 using Fun1 = int (*)(Pool*, VARDATA&, VARDATA&);
 using Fun2 = int (*)(Pool*, VARDATA&, VARDATA&, VARDATA&);
 using Fun3 = int (*)(Pool*, VARDATA&, VARDATA&, VARDATA&, VARDATA&);
 using Fun4 = int (*)(Pool*, VARDATA&, VARDATA&, VARDATA&, VARDATA&, VARDATA&);
+template <size_t N, class F>
+struct MemberOf {
+    F pfn;
+    int operator()(Pool* p, VARDATA* a, VARDATA& r) const { return Go(p, a, r, std::make_index_sequence<N>()); }
+    int operator()(Pool* p, Args& a, VARDATA& r) const { return Go(p, a.data(), r, std::make_index_sequence<N>()); }
+    template <size_t... I>
+    int Go(Pool* p, VARDATA* a, VARDATA& r, std::index_sequence<I...>) const
+    {
+        return pfn(p, a[I]..., r);
+    }
+};
+inline MemberOf<1, Fun1> Of1(Fun1 pfn) { return {pfn}; }
+inline MemberOf<2, Fun2> Of2(Fun2 pfn) { return {pfn}; }
+inline MemberOf<3, Fun3> Of3(Fun3 pfn) { return {pfn}; }
+inline MemberOf<4, Fun4> Of4(Fun4 pfn) { return {pfn}; }
+// A member that takes its arguments as a count and an array.
 using FunN = int (*)(Pool*, int, st_VARDATA*, VARDATA&);
-inline FunCall Of1(Fun1 pfn) { return [pfn](Pool* p, Args& a, VARDATA& r) { return pfn(p, a[0], r); }; }
-inline FunCall Of2(Fun2 pfn) { return [pfn](Pool* p, Args& a, VARDATA& r) { return pfn(p, a[0], a[1], r); }; }
-inline FunCall Of3(Fun3 pfn) { return [pfn](Pool* p, Args& a, VARDATA& r) { return pfn(p, a[0], a[1], a[2], r); }; }
-inline FunCall Of4(Fun4 pfn)
+inline FunCall OfN(FunN pfn)
 {
-    return [pfn](Pool* p, Args& a, VARDATA& r) { return pfn(p, a[0], a[1], a[2], a[3], r); };
+    return [pfn](Pool* p, Args& a, VARDATA& r) { return pfn(p, (int)a.size(), a.data(), r); };
 }
-inline FunCall OfN(FunN pfn) { return [pfn](Pool* p, Args& a, VARDATA& r) { return pfn(p, (int)a.size(), a.data(), r); }; }
 
 // A member run on VARDATA arguments, as a case for the batch.
 inline FunCase Call(Pool& pool, const std::string& strSql, const Fn& fn, std::vector<VARDATA> vArgs,

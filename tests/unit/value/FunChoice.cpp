@@ -57,7 +57,9 @@ FunArg RandomCondition(std::mt19937& rng)
 
 FunCall CaseOf(BOOL bValue)
 {
-    return [bValue](Pool* pool, Args& v, VARDATA& r) { return g_fun.CaseWhen(pool, (int)v.size(), v.data(), bValue, r); };
+    return [bValue](Pool* pool, Args& v, VARDATA& r) {
+        return g_fun.CaseWhen(pool, (int)v.size(), v.data(), bValue, r);
+    };
 }
 
 } // namespace

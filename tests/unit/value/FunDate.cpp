@@ -49,32 +49,15 @@ TEST(FunDate, PartsWeeksAndFormatsOfGeneratedDatesMatchTheServer)
                strcmp(n.m_lpszSql, "TIMESTAMP") != 0;
     };
     const std::vector<Named> vParts = {
-        {"YEAR", Part(146)},
-        {"MONTH", Part(422)},
-        {"DAY", Part(420)},
-        {"DAYOFMONTH", Part(540)},
-        {"HOUR", Part(419)},
-        {"MINUTE", Part(418)},
-        {"SECOND", Part(417)},
-        {"QUARTER", Part(423)},
-        {"WEEK", Part(421)},
-        {"WEEKOFYEAR", Part(628)},
-        {"DAYOFYEAR", Part(539)},
-        {"DAYOFWEEK", Part(541)},
-        {"WEEKDAY", Part(627)},
-        {"MONTHNAME", Part(537)},
-        {"DAYNAME", Part(538)},
-        {"TO_DAYS", Part(623)},
-        {"TO_SECONDS",
-         [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return CBaseFunManager::To_Seconds(p, a[0], r); }},
-        {"DATE", [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return CBaseFunManager::Date(p, a[0], r); }},
-        {"TIME", [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return CBaseFunManager::Time(p, a[0], r); }},
-        {"LAST_DAY",
-         [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return CBaseFunManager::Last_Day(p, a[0], r); }},
-        {"TIMESTAMP",
-         [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return CBaseFunManager::TalvorTimeStamp(p, a[0], r); }},
-        {"TIME_TO_SEC",
-         [](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) { return CBaseFunManager::Time_To_Sec(p, a[0], r); }}};
+        {"YEAR", Part(146)},         {"MONTH", Part(422)},       {"DAY", Part(420)},
+        {"DAYOFMONTH", Part(540)},   {"HOUR", Part(419)},        {"MINUTE", Part(418)},
+        {"SECOND", Part(417)},       {"QUARTER", Part(423)},     {"WEEK", Part(421)},
+        {"WEEKOFYEAR", Part(628)},   {"DAYOFYEAR", Part(539)},   {"DAYOFWEEK", Part(541)},
+        {"WEEKDAY", Part(627)},      {"MONTHNAME", Part(537)},   {"DAYNAME", Part(538)},
+        {"TO_DAYS", Part(623)},      {"TO_SECONDS", Of1(&CBaseFunManager::To_Seconds)},
+        {"DATE", Of1(&CBaseFunManager::Date)},        {"TIME", Of1(&CBaseFunManager::Time)},
+        {"LAST_DAY", Of1(&CBaseFunManager::Last_Day)}, {"TIMESTAMP", Of1(&CBaseFunManager::TalvorTimeStamp)},
+        {"TIME_TO_SEC", Of1(&CBaseFunManager::Time_To_Sec)}};
     const char* arFormats[] = {"%Y-%m-%d %H:%i:%s", "%a %b %e %D %j %c %k", "%W %M %y %p %I %h %S %f",
                                "%r %T %U %u %V %v %X %x %w %%"};
     std::vector<FunCase> v;
@@ -93,9 +76,7 @@ TEST(FunDate, PartsWeeksAndFormatsOfGeneratedDatesMatchTheServer)
                     v.push_back(Call(pool, std::string(n.m_lpszSql) + "(" + strArg + ")", n.m_fn, {a}));
             for (int m = 0; m < 8; ++m)
                 v.push_back(Call(pool, "YEARWEEK(" + strArg + "," + std::to_string(m) + ")",
-                                 [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-                                     return CBaseFunManager::YearWeek(p, x[0], x[1], r);
-                                 },
+                                 Of2(&CBaseFunManager::YearWeek),
                                  {a, Int(m)}));
             for (const IntervalUnit& unit : kIntervalUnits) {
                 int nType = unit.nType;
@@ -107,16 +88,10 @@ TEST(FunDate, PartsWeeksAndFormatsOfGeneratedDatesMatchTheServer)
             }
             for (const char* f : arFormats)
                 v.push_back(Call(pool, "DATE_FORMAT(" + strArg + "," + Quote(f) + ")",
-                                 [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-                                     return CBaseFunManager::DateFuntion(p, x[0], x[1], r);
-                                 },
+                                 Of2(&CBaseFunManager::DateFuntion),
                                  {a, Text(pool, f)}));
             if (s >= "1970-01-02" && s < "2038")
-                v.push_back(Call(pool, "UNIX_TIMESTAMP(" + strArg + ")",
-                                 [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-                                     return CBaseFunManager::Unix_TimeStamp(p, x[0], r);
-                                 },
-                                 {a}));
+                v.push_back(Call(pool, "UNIX_TIMESTAMP(" + strArg + ")", Of1(&CBaseFunManager::Unix_TimeStamp), {a}));
         }
     }
     // Numbers stand for dates as YYYYMMDD, YYMMDD and YYYYMMDDhhmmss.
@@ -132,16 +107,10 @@ TEST(FunDate, TimesAndFormatsOfTimesMatchTheServer)
     CTalvorBufferPool pool;
     std::mt19937 rng(23);
     std::vector<FunCase> v;
-    Fn fnMake = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-        return CBaseFunManager::MakeTime(p, x[0], x[1], x[2], r);
-    };
-    Fn fnSecToTime = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-        return CBaseFunManager::Sec_To_Time(p, x[0], r);
-    };
-    Fn fnToSec = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::Time_To_Sec(p, x[0], r); };
-    Fn fnFormat = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-        return CBaseFunManager::Time_Format(p, x[0], x[1], r);
-    };
+    auto fnMake = Of3(&CBaseFunManager::MakeTime);
+    auto fnSecToTime = Of1(&CBaseFunManager::Sec_To_Time);
+    auto fnToSec = Of1(&CBaseFunManager::Time_To_Sec);
+    auto fnFormat = Of2(&CBaseFunManager::Time_Format);
     for (int i = 0; i < 200; ++i) {
         long long h = (long long)(rng() % 1600) - 800, m = rng() % 62, s = rng() % 62;
         if (i % 3 == 0) h %= 24;

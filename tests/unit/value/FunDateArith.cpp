@@ -99,7 +99,8 @@ TEST(FunDateArith, IntervalsOfEveryUnitAddAndSubtractAsTheServerDoes)
         for (int u = bMicros ? 0 : 1; u < kSimpleUnits; ++u) {
             int nType = kIntervalUnits[u].nType;
             std::string strAmount = Amount(nType, rng);
-            v.push_back(Call(pool, "TIMESTAMPADD(" + std::string(kIntervalUnits[u].lpszName) + "," + strAmount + "," + Quote(s) + ")",
+            std::string strUnit = kIntervalUnits[u].lpszName;
+            v.push_back(Call(pool, "TIMESTAMPADD(" + strUnit + "," + strAmount + "," + Quote(s) + ")",
                              [nType](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
                                  return CBaseFunManager::TimeStampAdd(p, nType, x[0], x[1], r);
                              },
@@ -150,10 +151,7 @@ TEST(FunDateArith, DistancesInWholeUnitsMatchTheServer)
                              },
                              {a, b}));
         }
-        v.push_back(Call(
-            pool, "DATEDIFF(" + strArgs + ")",
-            [](CTalvorBufferPool* pp, VARDATA* x, VARDATA& r) { return CBaseFunManager::DateDiff(pp, x[0], x[1], r); },
-            {a, b}));
+        v.push_back(Call(pool, "DATEDIFF(" + strArgs + ")", Of2(&CBaseFunManager::DateDiff), {a, b}));
     }
     CompareWithServer(v);
 }
@@ -169,12 +167,8 @@ TEST(FunDateArith, TimesSecondsPeriodsAndDayCountsMatchTheServer)
     Fn fnSubTime = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
         return CBaseFunManager::AddSubTime(p, x[0], x[1], r, FALSE);
     };
-    Fn fnTimeDiff = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-        return CBaseFunManager::TimeDiff(p, x[0], x[1], r);
-    };
-    Fn fnStamp = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-        return CBaseFunManager::TalvorTimeStamp(p, x[0], x[1], r);
-    };
+    auto fnTimeDiff = Of2(&CBaseFunManager::TimeDiff);
+    auto fnStamp = Of2(&CBaseFunManager::TalvorTimeStamp);
     Fn fnAdd = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
         return CBaseFunManager::AddSubDate(p, x[0], x[1], r, TRUE);
     };
@@ -218,34 +212,29 @@ TEST(FunDateArith, TimesSecondsPeriodsAndDayCountsMatchTheServer)
     for (int i = 0; i < 100; ++i) {
         long long n = i < 3 ? i : (long long)(rng() % 2147483647u);
         std::string sn = std::to_string(n);
-        v.push_back(Call(
-            pool, "FROM_UNIXTIME(" + sn + ")",
-            [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::From_UnixTime(p, x[0], r); },
-            {Int(n)}));
+        v.push_back(Call(pool, "FROM_UNIXTIME(" + sn + ")", Of1(&CBaseFunManager::From_UnixTime), {Int(n)}));
         v.push_back(Call(pool, "FROM_UNIXTIME(" + sn + ",'%d.%m.%Y %T')",
-                         [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-                             return CBaseFunManager::From_UnixTime(p, x[0], x[1], r);
-                         },
+                         Of2(&CBaseFunManager::From_UnixTime),
                          {Int(n), Text(pool, "%d.%m.%Y %T")}));
         long long p1 = (1 + rng() % 9998) * 100 + 1 + rng() % 12, p2 = (rng() % 100) * 100 + 1 + rng() % 12;
         long long nMonths = (long long)(rng() % 2000) - 1000;
         v.push_back(Call(
             pool, "PERIOD_DIFF(" + std::to_string(p1) + "," + std::to_string(p2) + ")",
-            [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::Period_Diff(p, x[0], x[1], r); },
+            Of2(&CBaseFunManager::Period_Diff),
             {Int(p1), Int(p2)}));
         v.push_back(Call(
             pool, "PERIOD_ADD(" + std::to_string(p2) + "," + std::to_string(nMonths) + ")",
-            [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::PeriodAdd(p, x[0], x[1], r); },
+            Of2(&CBaseFunManager::PeriodAdd),
             {Int(p2), Int(nMonths)}));
         long long y = i < 10 ? i * 11 : 1000 + rng() % 9000, d = (long long)(rng() % 800) - 10;
         v.push_back(Call(
             pool, "MAKEDATE(" + std::to_string(y) + "," + std::to_string(d) + ")",
-            [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::MakeDate(p, x[0], x[1], r); },
+            Of2(&CBaseFunManager::MakeDate),
             {Int(y), Int(d)}));
         long long nDays = 366 + rng() % 3652059;
         v.push_back(
             Call(pool, "FROM_DAYS(" + std::to_string(nDays) + ")",
-                 [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::From_Days(p, x[0], r); },
+                 Of1(&CBaseFunManager::From_Days),
                  {Int(nDays)}));
     }
     const char* arZones[] = {"+00:00", "+08:00", "-05:30", "+13:00", "-12:00", "+14:00", "08:00"};
@@ -255,9 +244,7 @@ TEST(FunDateArith, TimesSecondsPeriodsAndDayCountsMatchTheServer)
             const char* f = arZones[rng() % 7];
             const char* t = arZones[rng() % 7];
             v.push_back(Call(pool, "CONVERT_TZ(" + Quote(s) + "," + Quote(f) + "," + Quote(t) + ")",
-                             [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-                                 return CBaseFunManager::Convert_TZ(p, x[0], x[1], x[2], r);
-                             },
+                             Of3(&CBaseFunManager::Convert_TZ),
                              {Text(pool, s), Text(pool, f), Text(pool, t)}));
         }
     Fn fnInterval = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {

@@ -187,7 +187,9 @@ TEST(FunMath, RemaindersPowersLogarithmsAndAnglesMatchTheServer)
         for (Special sp : {Special{"LOG2", 604}, Special{"LOG10", 605}, Special{"LN", 516}}) {
             int nId = sp.m_nId;
             v.push_back(Call(pool, std::string(sp.m_lpszName) + "(" + s + ")",
-                             [nId](Pool* p, VARDATA* y, VARDATA& r) { return CBaseFunManager::SpecialLog(p, y[0], r, nId); },
+                             [nId](Pool* p, VARDATA* y, VARDATA& r) {
+                                 return CBaseFunManager::SpecialLog(p, y[0], r, nId);
+                             },
                              {Dbl(x)}, SAME_NUMBER));
         }
     }
