@@ -501,12 +501,11 @@ TEST(DateReference, IntervalsAgainstTimedelta)
 
 TEST(DateRules, MonthIntervalsTimesAndZones)
 {
+    // Month ends by MONTH, YEAR and YEAR_MONTH are held against the server
+    // in the function tests; a month taken away and a quarter stay here.
     int nResult;
-    EXPECT_EQ(Text(AddInterval(Make(2021, 1, 31), Interval(INTERVAL_MONTH, 1, "1"), TRUE, nResult)), "2021-02-28 00:00:00");
     EXPECT_EQ(Text(AddInterval(Make(2021, 1, 15), Interval(INTERVAL_MONTH, 1, "13"), FALSE, nResult)), "2019-12-15 00:00:00");
-    EXPECT_EQ(Text(AddInterval(Make(2020, 2, 29), Interval(INTERVAL_YEAR, 1, "1"), TRUE, nResult)), "2021-02-28 00:00:00");
     EXPECT_EQ(Text(AddInterval(Make(2020, 11, 30), Interval(INTERVAL_QUARTER, 1, "1"), TRUE, nResult)), "2021-02-28 00:00:00");
-    EXPECT_EQ(Text(AddInterval(Make(2020, 1, 31), Interval(INTERVAL_YEAR_MONTH, 7, "1-1"), TRUE, nResult)), "2021-02-28 00:00:00");
     EXPECT_EQ(Text(AddInterval(Make(2020, 1, 1), Interval(INTERVAL_DAY, 3, "1.5"), TRUE, nResult)), "2020-01-03 00:00:00");
     EXPECT_EQ(Text(AddInterval(Make(2020, 1, 1), Interval(INTERVAL_DAY, 240, "-1.5"), TRUE, nResult)), "2019-12-30 00:00:00");
     EXPECT_EQ(Text(AddInterval(Make(2020, 1, 1), Interval(INTERVAL_HOUR_MINUTE, 7, "5"), TRUE, nResult)), "2020-01-01 00:05:00");
