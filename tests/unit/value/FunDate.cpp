@@ -1,5 +1,5 @@
-// The date and time family against Debian's MariaDB on generated dates, and
-// day ordinals and ISO weeks against Python's datetime. A part read from
+// The date and time family against Debian's MariaDB on generated dates
+// (day numbers and ISO weeks among the parts). A part read from
 // the wrong field, a week counted by the wrong mode, a month that does not
 // clamp, a day lost across a leap year, or a distance rounded instead of
 // cut shows up as a differing row.
@@ -20,7 +20,6 @@
 // | TIME(20210230), impossible dates   | 00:00:00                | NULL                     | a number of 8 digits is a date or nothing      |
 // | YEAR(0), MONTH(0) ...              | 0 (the zero date)       | NULL                     | there is no zero date here                     |
 #include "FunReference.h"
-#include "PythonReference.h"
 
 using namespace talvortest;
 using talvortest::Val;
@@ -159,36 +158,6 @@ TEST(FunDate, TimesAndFormatsOfTimesMatchTheServer)
                              {Text(pool, l)}));
         }
     CompareWithServer(v);
-}
-
-// Day ordinals and ISO weeks against a second reference: Python's calendar.
-TEST(FunDate, DayOrdinalsAndIsoWeeksMatchPythonsCalendar)
-{
-    CTalvorBufferPool pool;
-    std::vector<std::string> vDates = Dates(400, 31);
-    std::vector<std::string> vLines;
-    for (const std::string& s : vDates) vLines.push_back(s.substr(0, 10));
-    std::vector<std::string> vRef =
-        talvortest::RunPythonReference("import sys, datetime\n"
-                                       "for line in sys.stdin:\n"
-                                       "    d = datetime.date.fromisoformat(line.strip())\n"
-                                       "    print(d.toordinal() + 365, d.isocalendar()[1], d.isoweekday() % 7 + 1)\n",
-                                       vLines);
-    ASSERT_EQ(vRef.size(), vDates.size());
-    for (size_t i = 0; i < vDates.size(); ++i) {
-        long long nDays;
-        int nWeek, nWeekday;
-        ASSERT_EQ(sscanf(vRef[i].c_str(), "%lld %d %d", &nDays, &nWeek, &nWeekday), 3);
-        VARDATA a = Text(pool, vDates[i]), r = Null(), vBack = Null();
-        ASSERT_EQ(CBaseFunManager::To_Days(&pool, a, r), 0);
-        EXPECT_EQ(Val(r.m_llValue), nDays) << vDates[i];
-        ASSERT_EQ(CBaseFunManager::From_Days(&pool, r, vBack), 0);
-        EXPECT_EQ(Show(vBack), vLines[i]);
-        ASSERT_EQ(CBaseFunManager::DateFuntion(&pool, a, r, 628), 0);
-        EXPECT_EQ(Val(r.m_llValue), nWeek) << vDates[i];
-        ASSERT_EQ(CBaseFunManager::DateFuntion(&pool, a, r, 541), 0);
-        EXPECT_EQ(Val(r.m_llValue), nWeekday) << vDates[i];
-    }
 }
 
 // The clock is only bounded: the value itself moves.
