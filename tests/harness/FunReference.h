@@ -1,21 +1,27 @@
 // FunReference.h — SQL functions of the value library checked against the
 // MariaDB reference: each case is an expression with its arguments, run
-// through our member and collected; one Eval per batch asks the server for
-// all of them. Header-only: each function test binary links it alone.
+// through our member and collected with the text its result shows as; one
+// Eval per batch asks the server for all of them and one loop compares.
+// Header-only: each function test binary links it alone.
 #pragma once
 
 #include "MariaDbReference.h"
 
 #include "BaseFunManager.h"
+#include "PackedValue.h"
+#include "TalvorDate.h"
 #include "TalvorDecimal.h"
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace talvortest {
@@ -67,17 +73,117 @@ inline FunArg ArgDouble(const std::string& s) { FunArg a; a.nKind = FunArg::kDou
 inline FunArg ArgTextBin(const std::string& s) { FunArg a; a.nKind = FunArg::kTextBin; a.str = s; return a; }
 inline FunArg ArgBin(const std::string& s) { FunArg a; a.nKind = FunArg::kBinary; a.str = s; return a; }
 
-// The text the client shows for a result value; bNull for SQL NULL.
+// ---- Typed values for the members that take VARDATA directly.
+
+inline VARDATA Null()
+{
+    VARDATA v;
+    memset(&v, 0, sizeof(v));
+    v.m_vt = TALVOR_VT_NULL;
+    return v;
+}
+
+inline VARDATA Int(long long n)
+{
+    VARDATA v = Null();
+    v.m_vt = TALVOR_VT_BIGINT;
+    v.m_llValue = n;
+    return v;
+}
+
+inline VARDATA Dbl(double d)
+{
+    VARDATA v = Null();
+    v.m_vt = TALVOR_VT_DOUBLE;
+    v.m_dblValue = d;
+    return v;
+}
+
+inline VARDATA Dec(const char* lpszText)
+{
+    VARDATA v = Null();
+    CTalvorDecimal::Convert2Decimal(lpszText, &v);
+    return v;
+}
+
+// Text of the pool (type 7); the pool keeps the bytes alive.
+inline VARDATA Text(CTalvorBufferPool& pool, const std::string& str)
+{
+    VARDATA v = Null();
+    char* p = (char*)pool.AllocBuffer((UINT)str.size() + 1);
+    memcpy(p, str.data(), str.size());
+    p[str.size()] = 0;
+    v.m_vt = TALVOR_VT_TEXT;
+    v.m_lpszValue = p;
+    v.m_nStrLen = (int)str.size();
+    return v;
+}
+
+// A date and time (4) from "YYYY-MM-DD hh:mm:ss"; NULL for other text.
+inline VARDATA DateTime(CTalvorBufferPool& pool, const std::string& str)
+{
+    VARDATA v = Null();
+    VARDATA t = Text(pool, str);
+    DATE d;
+    if (CBaseFunManager::date(&pool, t, d) != 0) return v;
+    v.m_vt = TALVOR_VT_DATETIME;
+    v.m_dblValue = d;
+    return v;
+}
+
+// A stored date (12) from "YYYY-MM-DD", and a stored time (11) from
+// "[-]h:mm:ss"; NULL for text that is neither.
+inline VARDATA StoredDate(CTalvorBufferPool& pool, const std::string& str)
+{
+    VARDATA v = Null(), t = Text(pool, str);
+    return CBaseFunManager::Date(&pool, t, v) == 0 ? v : Null();
+}
+
+inline VARDATA StoredTime(CTalvorBufferPool& pool, const std::string& str)
+{
+    VARDATA v = Null(), t = Text(pool, str);
+    return CBaseFunManager::Time(&pool, t, v) == 0 ? v : Null();
+}
+
+// The text the server's client shows for a result value; bNull for SQL
+// NULL. A date and time shows its fraction when it has one, as the server
+// shows a result that took microseconds; a double shows every digit.
 inline std::string ShownText(const VARDATA& v, bool& bNull)
 {
     bNull = v.m_vt == TALVOR_VT_NULL || v.m_vt == TALVOR_VT_EMPTY;
     if (bNull) return "";
-    if (v.m_vt == TALVOR_VT_TEXT || v.m_vt == TALVOR_VT_VARTEXT || v.m_vt == TALVOR_VT_BINARY ||
-        v.m_vt == TALVOR_VT_FIXTEXT)
-        return std::string(v.m_lpszValue, (size_t)v.m_nStrLen);
+    char sz[64];
+    switch (v.m_vt) {
+    case TALVOR_VT_TEXT:
+    case TALVOR_VT_VARTEXT:
+    case TALVOR_VT_BINARY:
+    case TALVOR_VT_FIXTEXT: return std::string(v.m_lpszValue, (size_t)v.m_nStrLen);
+    case TALVOR_VT_DATETIME: {
+        TALVORDATEPARTS s;
+        double d = v.m_dblValue;
+        bool bFraction = CTalvorDate::ConvertDateTime(d, s) == 0 && s.m_nMicrosecond != 0;
+        CTalvorDate::FormatDateTime(d, sz, bFraction ? 6 : 0);
+        return sz;
+    }
+    case TALVOR_VT_TIME: {
+        TALVORTIME t = v.m_stTime;
+        CTalvorDate::FormatTime(t, sz);
+        return sz;
+    }
+    case TALVOR_VT_DOUBLE: snprintf(sz, sizeof(sz), "%.17g", Val(v.m_dblValue)); return sz;
+    default: break;
+    }
     std::vector<char> buf((size_t)ConvertVarData2String(v, nullptr) + 1);
     int n = ConvertVarData2String(v, buf.data());
     return std::string(buf.data(), (size_t)n);
+}
+
+// The same, with SQL NULL shown as "NULL".
+inline std::string Show(const VARDATA& v)
+{
+    bool bNull = false;
+    std::string s = ShownText(v, bNull);
+    return bNull ? "NULL" : s;
 }
 
 // The server, started once per test binary; the static's destructor stops
@@ -95,10 +201,131 @@ inline MariaDbReference& SharedMariaDb()
     return s_started.db;
 }
 
+// The library reads the machine's zone, the server session is UTC: both
+// must mean the same hours, set before the library caches its first
+// reading, so before any test runs.
+inline const bool g_bUseUtc = (setenv("TZ", "UTC", 1), tzset(), true);
+
+// How a result is held against the server's text: bytes, or a number
+// within 1e-12 relative (doubles computed by two libm paths).
+enum CompareKind { SAME_TEXT, SAME_NUMBER };
+
+// One expression and what our member gave for it.
+struct FunCase {
+    std::string strSql;
+    int nRet = 0;
+    bool bOursNull = false;
+    bool bOwns = false;  // the result owns its text: a leak in a plan
+    std::string strOurs;
+    CompareKind eKind = SAME_TEXT;
+};
+
+inline FunCase Finish(std::string strSql, int nRet, VARDATA& r, CompareKind eKind)
+{
+    FunCase c;
+    c.strSql = std::move(strSql);
+    c.nRet = nRet;
+    c.strOurs = ShownText(r, c.bOursNull);
+    c.bOwns = r.m_bAutoRelease != 0 && r.m_vt != TALVOR_VT_DECIMAL;
+    c.eKind = eKind;
+    r.Free();
+    return c;
+}
+
+inline bool SameNumber(const std::string& a, const std::string& b)
+{
+    char* pa = nullptr;
+    char* pb = nullptr;
+    long double x = strtold(a.c_str(), &pa), y = strtold(b.c_str(), &pb);
+    if (*pa != 0 || *pb != 0 || a.empty() || b.empty()) return a == b;
+    long double scale = std::fabs(x) > std::fabs(y) ? std::fabs(x) : std::fabs(y);
+    return std::fabs(x - y) <= 1e-12L * (scale > 1 ? scale : 1);
+}
+
+// Every case against the server in one session. A statement the server
+// refuses must be refused here or give NULL; otherwise our code is 0 and
+// the NULL-ness and text (or number) are the server's. fnDeliberate names
+// the cases of the caller's table of differences. The server goes on into
+// year 0; here dates end at 0001-01-01, so NULL answers such a date.
+inline void CompareWithServer(const std::vector<FunCase>& vCases,
+                              const std::function<bool(const std::string&)>& fnDeliberate = nullptr)
+{
+    MariaDbReference& db = SharedMariaDb();
+    ASSERT_TRUE(db.Started()) << db.Error();
+    std::vector<std::string> vSql;
+    for (const FunCase& c : vCases) vSql.push_back(c.strSql);
+    std::vector<SqlAnswer> vAns;
+    ASSERT_TRUE(db.Eval(vSql, vAns)) << db.Error();
+    ASSERT_EQ(vAns.size(), vCases.size());
+    int nFailed = 0;
+    for (size_t i = 0; i < vCases.size() && nFailed < 20; ++i) {
+        const FunCase& c = vCases[i];
+        const SqlAnswer& a = vAns[i];
+        std::string strOurs = c.bOursNull ? "NULL" : "'" + c.strOurs + "'";
+        EXPECT_FALSE(c.bOwns) << "a result must never own its text: " << c.strSql;
+        if (fnDeliberate && fnDeliberate(c.strSql)) {
+            EXPECT_EQ(c.nRet, 0) << c.strSql;
+            continue;
+        }
+        bool bSame;
+        if (a.bError) {
+            bSame = c.nRet != 0 || c.bOursNull;
+        } else {
+            EXPECT_EQ(c.nRet, 0) << c.strSql;
+            bSame = a.bNull == c.bOursNull && (a.bNull || a.strText == c.strOurs ||
+                                               (c.eKind == SAME_NUMBER && SameNumber(c.strOurs, a.strText)));
+            if (c.bOursNull && !a.bNull && a.strText.compare(0, 5, "0000-") == 0) bSame = true;
+        }
+        std::string strServer = a.bError ? "error" : a.bNull ? "NULL" : "'" + a.strText + "'";
+        EXPECT_TRUE(bSame) << c.strSql << "\n  server: " << strServer
+                           << "\n  ours:   " << strOurs << " (code " << c.nRet << ")";
+        if (!bSame) ++nFailed;
+    }
+}
+
 // Our member on typed arguments: pool, arguments, result; returns its code.
 using Pool = CTalvorBufferPool;
 using Args = std::vector<VARDATA>;
 using FunCall = std::function<int(Pool*, Args&, VARDATA&)>;
+using Fn = std::function<int(Pool*, VARDATA*, VARDATA&)>;
+
+// A static member as a call on the arguments, of the batch or of a case,
+// by its count of arguments (named, as members of one name take different
+// counts): the first N arguments, then the result.
+using Fun1 = int (*)(Pool*, VARDATA&, VARDATA&);
+using Fun2 = int (*)(Pool*, VARDATA&, VARDATA&, VARDATA&);
+using Fun3 = int (*)(Pool*, VARDATA&, VARDATA&, VARDATA&, VARDATA&);
+using Fun4 = int (*)(Pool*, VARDATA&, VARDATA&, VARDATA&, VARDATA&, VARDATA&);
+template <size_t N, class F>
+struct MemberOf {
+    F pfn;
+    int operator()(Pool* p, VARDATA* a, VARDATA& r) const { return Go(p, a, r, std::make_index_sequence<N>()); }
+    int operator()(Pool* p, Args& a, VARDATA& r) const { return Go(p, a.data(), r, std::make_index_sequence<N>()); }
+    template <size_t... I>
+    int Go(Pool* p, VARDATA* a, VARDATA& r, std::index_sequence<I...>) const
+    {
+        return pfn(p, a[I]..., r);
+    }
+};
+inline MemberOf<1, Fun1> Of1(Fun1 pfn) { return {pfn}; }
+inline MemberOf<2, Fun2> Of2(Fun2 pfn) { return {pfn}; }
+inline MemberOf<3, Fun3> Of3(Fun3 pfn) { return {pfn}; }
+inline MemberOf<4, Fun4> Of4(Fun4 pfn) { return {pfn}; }
+// A member that takes its arguments as a count and an array.
+using FunN = int (*)(Pool*, int, st_VARDATA*, VARDATA&);
+inline FunCall OfN(FunN pfn)
+{
+    return [pfn](Pool* p, Args& a, VARDATA& r) { return pfn(p, (int)a.size(), a.data(), r); };
+}
+
+// A member run on VARDATA arguments, as a case for the batch.
+inline FunCase Call(Pool& pool, const std::string& strSql, const Fn& fn, std::vector<VARDATA> vArgs,
+                    CompareKind eKind = SAME_TEXT)
+{
+    VARDATA r = Null();
+    int nRet = fn(&pool, vArgs.data(), r);
+    return Finish(strSql, nRet, r, eKind);
+}
 
 // Cases gathered, then compared against the server in one batch.
 class FunBatch {
@@ -107,55 +334,25 @@ public:
     // against fn on the same arguments.
     void Add(const std::string& strExpr, const std::vector<FunArg>& vArgs, const FunCall& fn)
     {
-        Case c;
-        c.strSql = Fill(strExpr, vArgs);
         std::vector<VARDATA> v(vArgs.size());
         for (size_t i = 0; i < vArgs.size(); ++i) vArgs[i].ToVar(v[i]);
         VARDATA r;
         r.Init();
-        c.nRet = fn(&m_pool, v, r);
-        c.strOurs = ShownText(r, c.bOursNull);
-        c.bOwns = r.m_bAutoRelease != 0 && r.m_vt != TALVOR_VT_DECIMAL;
-        r.Free();
-        m_vCases.push_back(c);
+        int nRet = fn(&m_pool, v, r);
+        m_vCases.push_back(Finish(Fill(strExpr, vArgs), nRet, r, SAME_TEXT));
     }
+    void Add(const FunCase& c) { m_vCases.push_back(c); }
     size_t Size() const { return m_vCases.size(); }
 
-    // Asks the server and checks every case; bSkip says which cases the
-    // server may answer differently (the caller's table of differences).
+    // Asks the server and checks every case but those fnDeliberate names.
     void Check(const std::function<bool(const std::string& strSql)>& fnDeliberate = nullptr)
     {
-        MariaDbReference& db = SharedMariaDb();
-        std::vector<std::string> vSql;
-        for (auto& c : m_vCases) vSql.push_back(c.strSql);
-        std::vector<SqlAnswer> vAns;
-        ASSERT_TRUE(db.Eval(vSql, vAns)) << db.Error();
-        ASSERT_EQ(vAns.size(), m_vCases.size());
-        int nFailed = 0;
-        for (size_t i = 0; i < m_vCases.size() && nFailed < 20; ++i) {
-            const Case& c = m_vCases[i];
-            EXPECT_EQ(c.nRet, 0) << c.strSql;
-            EXPECT_FALSE(c.bOwns) << "a result must never own its text: " << c.strSql;
-            if (fnDeliberate && fnDeliberate(c.strSql)) continue;
-            const SqlAnswer& a = vAns[i];
-            EXPECT_FALSE(a.bError) << c.strSql;
-            bool bSame = a.bNull == c.bOursNull && (a.bNull || a.strText == c.strOurs);
-            EXPECT_TRUE(bSame) << c.strSql << "\n  server: " << (a.bNull ? "NULL" : "'" + a.strText + "'")
-                               << "\n  ours:   " << (c.bOursNull ? "NULL" : "'" + c.strOurs + "'");
-            if (!bSame || a.bError) ++nFailed;
-        }
+        CompareWithServer(m_vCases, fnDeliberate);
         m_vCases.clear();
         m_pool.ResetBuffer();
     }
 
 private:
-    struct Case {
-        std::string strSql;
-        int nRet = 0;
-        bool bOursNull = false;
-        bool bOwns = false;
-        std::string strOurs;
-    };
     static std::string Fill(const std::string& strExpr, const std::vector<FunArg>& vArgs)
     {
         std::string s;
@@ -166,7 +363,7 @@ private:
         }
         return s;
     }
-    std::vector<Case> m_vCases;
+    std::vector<FunCase> m_vCases;
     CTalvorBufferPool m_pool;
 };
 
@@ -205,5 +402,75 @@ inline FunArg RandomCountArg(std::mt19937& rng)
 {
     return rng() % 12 == 0 ? ArgNull() : ArgInt(RandomCount(rng));
 }
+
+// One row of a function table: the expression, the letters of its
+// arguments (the test's generator gives the value of each letter) and our
+// member.
+struct FunRow {
+    const char* lpszExpr;
+    const char* lpszArgs;
+    FunCall fn;
+};
+
+// Every row once, on the arguments fnArg gives for its letters.
+inline void AddRows(FunBatch& batch, const std::vector<FunRow>& vRows, const std::function<FunArg(char)>& fnArg)
+{
+    for (const FunRow& row : vRows) {
+        std::vector<FunArg> v;
+        for (const char* p = row.lpszArgs; *p; ++p) v.push_back(fnArg(*p));
+        batch.Add(row.lpszExpr, v, row.fn);
+    }
+}
+
+// ---- Generated dates and the units of intervals.
+
+inline std::string Quote(const std::string& s) { return "'" + s + "'"; }
+
+inline std::string Two(int n)
+{
+    char sz[8];
+    snprintf(sz, sizeof(sz), "%02d", n);
+    return sz;
+}
+
+// Dates and times of years 1 to 9999, thick around leap days, year ends
+// and the present; every fourth without a time of day.
+inline std::vector<std::string> Dates(int nCount, unsigned nSeed)
+{
+    std::vector<std::string> v = {"2000-02-29 12:00:00", "1900-02-28 23:59:59", "2100-03-01 00:00:00",
+                                  "1999-12-31 23:59:59", "2021-01-01 00:00:00", "2020-12-31",
+                                  "2024-01-07",          "2018-12-31 00:00:01", "0001-01-01 00:00:00",
+                                  "9999-12-31 23:59:59", "1970-01-01 00:00:00", "2038-01-19 03:14:07"};
+    std::mt19937 rng(nSeed);
+    for (int i = 0; i < nCount; ++i) {
+        int y = i % 5 == 0 ? 1001 + (int)(rng() % 8998) : 1901 + (int)(rng() % 199);
+        int m = 1 + (int)(rng() % 12);
+        int nLast = CTalvorDate::DaysInMonth(y, m);
+        int d = i % 3 == 0 ? nLast - (int)(rng() % 2) : 1 + (int)(rng() % nLast);
+        std::string s = std::to_string(y) + "-" + Two(m) + "-" + Two(d);
+        if (i % 4 != 0) s += " " + Two((int)(rng() % 24)) + ":" + Two((int)(rng() % 60)) + ":" + Two((int)(rng() % 60));
+        v.push_back(s);
+    }
+    return v;
+}
+
+// The units of an interval: the server's name, the library's interval
+// type and the keyword id that names the same unit. The first nine are
+// the simple units TIMESTAMPADD and TIMESTAMPDIFF take.
+struct IntervalUnit {
+    const char* lpszName;
+    int nType;
+    int nKeywordId;
+};
+inline const IntervalUnit kIntervalUnits[] = {
+    {"MICROSECOND", 1, 416},         {"SECOND", 3, 417},           {"MINUTE", 4, 418},
+    {"HOUR", 5, 419},                {"DAY", 6, 420},              {"WEEK", 7, 421},
+    {"MONTH", 8, 422},               {"QUARTER", 9, 423},          {"YEAR", 10, 146},
+    {"SECOND_MICROSECOND", 11, 424}, {"MINUTE_MICROSECOND", 12, 425}, {"MINUTE_SECOND", 13, 426},
+    {"HOUR_MICROSECOND", 14, 427},   {"HOUR_SECOND", 15, 428},     {"HOUR_MINUTE", 16, 429},
+    {"DAY_MICROSECOND", 17, 430},    {"DAY_SECOND", 18, 431},      {"DAY_MINUTE", 19, 432},
+    {"DAY_HOUR", 20, 433},           {"YEAR_MONTH", 21, 434}};
+const int kSimpleUnits = 9;
+const int kIntervalUnitCount = (int)(sizeof(kIntervalUnits) / sizeof(kIntervalUnits[0]));
 
 } // namespace talvortest

@@ -20,7 +20,8 @@ namespace {
 const int BAD = TALVOR_DATE_INVALID_DATA;
 
 // Parts around every edge (month 0 and 13, day 0 to 32, hour 24, minute and
-// second 60, a fraction of a million, century years) against datetime; the
+// second 60, a fraction of a million, leap days of century years, years 0
+// and 10000) against datetime; the conversion to a day number, the
 // free-form and the format parser refuse what the check refuses.
 TEST(DateChecks, CheckValidDateTimeAndBothParsersAgainstPythonDatetime)
 {
@@ -33,12 +34,14 @@ for line in sys.stdin:
         print(49)
 )PY";
     std::mt19937_64 rng(2100);
-    const int arYears[] = {1, 100, 1600, 1900, 2000, 2024, 2100, 9999};
+    const int arYears[] = {0, 1, 100, 1600, 1700, 1900, 2000, 2004, 2024, 2100, 9999, 10000};
     std::vector<TALVORDATEPARTS> vParts;
     std::vector<std::string> vLines;
     for (int i = 0; i < 5000; ++i) {
-        TALVORDATEPARTS p = {i % 3 ? 1 + (int)(rng() % 9999) : arYears[rng() % 8], (int)(rng() % 14),
-            (int)(rng() % 33), (int)(rng() % 25), (int)(rng() % 61), (int)(rng() % 61),
+        // Every tenth a leap day, in a year that has one or not.
+        bool bLeapDay = i % 10 == 0;
+        TALVORDATEPARTS p = {i % 3 ? 1 + (int)(rng() % 9999) : arYears[rng() % 12], bLeapDay ? 2 : (int)(rng() % 14),
+            bLeapDay ? 29 : (int)(rng() % 33), (int)(rng() % 25), (int)(rng() % 61), (int)(rng() % 61),
             i % 8 ? (int)(rng() % 1000000) : 1000000, 0, 0};
         char sz[96];
         snprintf(sz, sizeof(sz), "%d %d %d %d %d %d %d", p.m_nYear, p.m_nMonth, p.m_nDay, p.m_nHour, p.m_nMinute,
@@ -51,8 +54,15 @@ for line in sys.stdin:
     for (size_t i = 0; i < vParts.size(); ++i) {
         const TALVORDATEPARTS& p = vParts[i];
         int nExpected = std::stoi(vRef[i]);
-        ASSERT_EQ(CTalvorDate::CheckValidDateTime(p, false), nExpected) << vLines[i];
+        // The check leaves the years to the day number, which ends at 1 and 9999.
+        bool bInYears = p.m_nYear >= 1 && p.m_nYear <= 9999;
+        if (bInYears) {
+            ASSERT_EQ(CTalvorDate::CheckValidDateTime(p, false), nExpected) << vLines[i];
+        }
         if (p.m_nMicrosecond > 999999) continue;  // six digits of text can't say it
+        DATE date;
+        EXPECT_EQ(CTalvorDate::ConvertParts(date, p), nExpected) << vLines[i];
+        if (!bInYears) continue;
         char sz[64];
         snprintf(sz, sizeof(sz), "%04d-%02d-%02d %02d:%02d:%02d.%06d", p.m_nYear, p.m_nMonth, p.m_nDay, p.m_nHour,
                  p.m_nMinute, p.m_nSecond, p.m_nMicrosecond);
@@ -61,6 +71,8 @@ for line in sys.stdin:
         EXPECT_EQ(parser.ParseDate(sz, (int)strlen(sz), r), nExpected) << sz;
         EXPECT_EQ(CTalvorDate::ParseDate(sz, "%Y-%m-%d %H:%i:%s.%f", r), nExpected) << sz;
     }
+    EXPECT_EQ(CTalvorDate::CheckValidDay(2, 29, true), 0);
+    EXPECT_EQ(CTalvorDate::CheckValidDay(2, 29, false), BAD);
 }
 
 TEST(DateChecks, TimeChecksAndTimeOnlyText)

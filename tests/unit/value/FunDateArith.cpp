@@ -13,34 +13,12 @@
 // | DATE_ADD(d, INTERVAL 5 MICROSECOND), d before 1720 or after 2079 | exact | within 10 or 100 us  | a date is a double of days                   |
 // | CONVERT_TZ(d, ...), d outside 1970..2038 UTC | d unchanged        | d moved by the offsets      | the offsets alone decide                     |
 // | ADDTIME('2020-12-31', t)              | the date read as a time   | the date's midnight plus t  | a date without a time is at midnight         |
-#include "FunReferenceKit.h"
+#include "FunReference.h"
 
-using namespace funkit;
+using namespace talvortest;
 using talvortest::Val;
 
 namespace {
-
-const char* const g_arUnits[] = {"MICROSECOND",
-                                 "SECOND",
-                                 "MINUTE",
-                                 "HOUR",
-                                 "DAY",
-                                 "WEEK",
-                                 "MONTH",
-                                 "QUARTER",
-                                 "YEAR",
-                                 "SECOND_MICROSECOND",
-                                 "MINUTE_MICROSECOND",
-                                 "MINUTE_SECOND",
-                                 "HOUR_MICROSECOND",
-                                 "HOUR_SECOND",
-                                 "HOUR_MINUTE",
-                                 "DAY_MICROSECOND",
-                                 "DAY_SECOND",
-                                 "DAY_MINUTE",
-                                 "DAY_HOUR",
-                                 "YEAR_MONTH"};
-const int g_arTypes[] = {1, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21};
 
 // An amount of nType: a number for a simple unit, text for a compound one.
 // Fractions of a second are never whole, so that both sides show one.
@@ -91,7 +69,7 @@ TEST(FunDateArith, IntervalsOfEveryUnitAddAndSubtractAsTheServerDoes)
 {
     CTalvorBufferPool pool;
     std::mt19937 rng(47);
-    std::vector<Case> v;
+    std::vector<FunCase> v;
     Fn fnAdd = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
         return CBaseFunManager::AddSubDate(p, x[0], x[1], r, TRUE);
     };
@@ -102,14 +80,14 @@ TEST(FunDateArith, IntervalsOfEveryUnitAddAndSubtractAsTheServerDoes)
         VARDATA a = Text(pool, s);
         // Microseconds are exact only where the double keeps them (above).
         bool bMicros = s >= "1721" && s < "2079";
-        for (size_t u = 0; u < sizeof(g_arTypes) / sizeof(g_arTypes[0]); ++u) {
-            int t = g_arTypes[u];
+        for (const IntervalUnit& unit : kIntervalUnits) {
+            int t = unit.nType;
             if (!bMicros && (t == 1 || t == 11 || t == 12 || t == 14 || t == 17)) continue;
-            std::string strAmount = Amount(g_arTypes[u], rng);
+            std::string strAmount = Amount(t, rng);
             VARDATA vInterval = Null();
             VARDATA vAmount = AmountValue(pool, strAmount);
-            ASSERT_EQ(CBaseFunManager::Interval2(&pool, vAmount, g_arTypes[u], vInterval), 0);
-            std::string strInterval = "INTERVAL " + strAmount + " " + g_arUnits[u];
+            ASSERT_EQ(CBaseFunManager::Interval2(&pool, vAmount, t, vInterval), 0);
+            std::string strInterval = "INTERVAL " + strAmount + " " + unit.lpszName;
             bool bAdd = rng() % 2 == 0;
             v.push_back(Call(pool, std::string(bAdd ? "DATE_ADD(" : "DATE_SUB(") + Quote(s) + ", " + strInterval + ")",
                              bAdd ? fnAdd : fnSub, {a, vInterval}));
@@ -118,10 +96,11 @@ TEST(FunDateArith, IntervalsOfEveryUnitAddAndSubtractAsTheServerDoes)
         v.push_back(Call(pool, "ADDDATE(" + Quote(s) + "," + std::to_string(nDays) + ")", fnAdd, {a, Int(nDays)}));
         v.push_back(Call(pool, "SUBDATE(" + Quote(s) + "," + std::to_string(nDays) + ")", fnSub, {a, Int(nDays)}));
         // TIMESTAMPADD takes the simple units only.
-        for (size_t u = bMicros ? 0 : 1; u < 9; ++u) {
-            int nType = g_arTypes[u];
+        for (int u = bMicros ? 0 : 1; u < kSimpleUnits; ++u) {
+            int nType = kIntervalUnits[u].nType;
             std::string strAmount = Amount(nType, rng);
-            v.push_back(Call(pool, "TIMESTAMPADD(" + std::string(g_arUnits[u]) + "," + strAmount + "," + Quote(s) + ")",
+            std::string strUnit = kIntervalUnits[u].lpszName;
+            v.push_back(Call(pool, "TIMESTAMPADD(" + strUnit + "," + strAmount + "," + Quote(s) + ")",
                              [nType](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
                                  return CBaseFunManager::TimeStampAdd(p, nType, x[0], x[1], r);
                              },
@@ -136,8 +115,8 @@ TEST(FunDateArith, IntervalsOfEveryUnitAddAndSubtractAsTheServerDoes)
             size_t nSpace = strAmount.rfind(' ');
             std::string strUnit = strAmount.substr(nSpace + 1);
             int nType = 0;
-            for (size_t u = 0; u < 20; ++u)
-                if (strUnit == g_arUnits[u]) nType = g_arTypes[u];
+            for (const IntervalUnit& unit : kIntervalUnits)
+                if (strUnit == unit.lpszName) nType = unit.nType;
             VARDATA vAmount = AmountValue(pool, strAmount.substr(0, nSpace));
             ASSERT_EQ(CBaseFunManager::Interval2(&pool, vAmount, nType, vInterval), 0);
             v.push_back(Call(pool, "DATE_ADD(" + Quote(s) + ", INTERVAL " + i + ")", fnAdd, {a, vInterval}));
@@ -160,24 +139,19 @@ TEST(FunDateArith, DistancesInWholeUnitsMatchTheServer)
                                 {"2021-04-15 10:00:00", "2021-03-15 10:00:01"},
                                 {"2021-12-31 23:59:59", "2022-01-01 00:00:00"}};
     for (auto& e : arEdges) vPairs.push_back({e[0], e[1]});
-    const char* arUnits[] = {"MICROSECOND", "SECOND", "MINUTE", "HOUR", "DAY", "WEEK", "MONTH", "QUARTER", "YEAR"};
-    const int arTypes[] = {1, 3, 4, 5, 6, 7, 8, 9, 10};
-    std::vector<Case> v;
+    std::vector<FunCase> v;
     for (const auto& p : vPairs) {
         VARDATA a = Text(pool, p.first), b = Text(pool, p.second);
         std::string strArgs = Quote(p.first) + "," + Quote(p.second);
-        for (int u = 0; u < 9; ++u) {
-            int nType = arTypes[u];
-            v.push_back(Call(pool, "TIMESTAMPDIFF(" + std::string(arUnits[u]) + "," + strArgs + ")",
+        for (int u = 0; u < kSimpleUnits; ++u) {
+            int nType = kIntervalUnits[u].nType;
+            v.push_back(Call(pool, "TIMESTAMPDIFF(" + std::string(kIntervalUnits[u].lpszName) + "," + strArgs + ")",
                              [nType](CTalvorBufferPool* pp, VARDATA* x, VARDATA& r) {
                                  return CBaseFunManager::TimeStampDiff(pp, nType, x[0], x[1], r);
                              },
                              {a, b}));
         }
-        v.push_back(Call(
-            pool, "DATEDIFF(" + strArgs + ")",
-            [](CTalvorBufferPool* pp, VARDATA* x, VARDATA& r) { return CBaseFunManager::DateDiff(pp, x[0], x[1], r); },
-            {a, b}));
+        v.push_back(Call(pool, "DATEDIFF(" + strArgs + ")", Of2(&CBaseFunManager::DateDiff), {a, b}));
     }
     CompareWithServer(v);
 }
@@ -186,19 +160,15 @@ TEST(FunDateArith, TimesSecondsPeriodsAndDayCountsMatchTheServer)
 {
     CTalvorBufferPool pool;
     std::mt19937 rng(61);
-    std::vector<Case> v;
+    std::vector<FunCase> v;
     Fn fnAddTime = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
         return CBaseFunManager::AddSubTime(p, x[0], x[1], r, TRUE);
     };
     Fn fnSubTime = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
         return CBaseFunManager::AddSubTime(p, x[0], x[1], r, FALSE);
     };
-    Fn fnTimeDiff = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-        return CBaseFunManager::TimeDiff(p, x[0], x[1], r);
-    };
-    Fn fnStamp = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-        return CBaseFunManager::TalvorTimeStamp(p, x[0], x[1], r);
-    };
+    auto fnTimeDiff = Of2(&CBaseFunManager::TimeDiff);
+    auto fnStamp = Of2(&CBaseFunManager::TalvorTimeStamp);
     Fn fnAdd = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
         return CBaseFunManager::AddSubDate(p, x[0], x[1], r, TRUE);
     };
@@ -242,34 +212,29 @@ TEST(FunDateArith, TimesSecondsPeriodsAndDayCountsMatchTheServer)
     for (int i = 0; i < 100; ++i) {
         long long n = i < 3 ? i : (long long)(rng() % 2147483647u);
         std::string sn = std::to_string(n);
-        v.push_back(Call(
-            pool, "FROM_UNIXTIME(" + sn + ")",
-            [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::From_UnixTime(p, x[0], r); },
-            {Int(n)}));
+        v.push_back(Call(pool, "FROM_UNIXTIME(" + sn + ")", Of1(&CBaseFunManager::From_UnixTime), {Int(n)}));
         v.push_back(Call(pool, "FROM_UNIXTIME(" + sn + ",'%d.%m.%Y %T')",
-                         [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-                             return CBaseFunManager::From_UnixTime(p, x[0], x[1], r);
-                         },
+                         Of2(&CBaseFunManager::From_UnixTime),
                          {Int(n), Text(pool, "%d.%m.%Y %T")}));
         long long p1 = (1 + rng() % 9998) * 100 + 1 + rng() % 12, p2 = (rng() % 100) * 100 + 1 + rng() % 12;
         long long nMonths = (long long)(rng() % 2000) - 1000;
         v.push_back(Call(
             pool, "PERIOD_DIFF(" + std::to_string(p1) + "," + std::to_string(p2) + ")",
-            [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::Period_Diff(p, x[0], x[1], r); },
+            Of2(&CBaseFunManager::Period_Diff),
             {Int(p1), Int(p2)}));
         v.push_back(Call(
             pool, "PERIOD_ADD(" + std::to_string(p2) + "," + std::to_string(nMonths) + ")",
-            [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::PeriodAdd(p, x[0], x[1], r); },
+            Of2(&CBaseFunManager::PeriodAdd),
             {Int(p2), Int(nMonths)}));
         long long y = i < 10 ? i * 11 : 1000 + rng() % 9000, d = (long long)(rng() % 800) - 10;
         v.push_back(Call(
             pool, "MAKEDATE(" + std::to_string(y) + "," + std::to_string(d) + ")",
-            [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::MakeDate(p, x[0], x[1], r); },
+            Of2(&CBaseFunManager::MakeDate),
             {Int(y), Int(d)}));
         long long nDays = 366 + rng() % 3652059;
         v.push_back(
             Call(pool, "FROM_DAYS(" + std::to_string(nDays) + ")",
-                 [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return CBaseFunManager::From_Days(p, x[0], r); },
+                 Of1(&CBaseFunManager::From_Days),
                  {Int(nDays)}));
     }
     const char* arZones[] = {"+00:00", "+08:00", "-05:30", "+13:00", "-12:00", "+14:00", "08:00"};
@@ -279,9 +244,7 @@ TEST(FunDateArith, TimesSecondsPeriodsAndDayCountsMatchTheServer)
             const char* f = arZones[rng() % 7];
             const char* t = arZones[rng() % 7];
             v.push_back(Call(pool, "CONVERT_TZ(" + Quote(s) + "," + Quote(f) + "," + Quote(t) + ")",
-                             [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-                                 return CBaseFunManager::Convert_TZ(p, x[0], x[1], x[2], r);
-                             },
+                             Of3(&CBaseFunManager::Convert_TZ),
                              {Text(pool, s), Text(pool, f), Text(pool, t)}));
         }
     Fn fnInterval = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
@@ -299,18 +262,17 @@ TEST(FunDateArith, TimesSecondsPeriodsAndDayCountsMatchTheServer)
 TEST(FunDateArith, KeywordIdsOfUnitsNameTheIntervalTypes)
 {
     CTalvorBufferPool pool;
-    const int arIds[] = {416, 417, 418, 419, 420, 421, 422, 423, 146, 424,
-                         425, 426, 427, 428, 429, 430, 431, 432, 433, 434};
     VARDATA a = Text(pool, "2021-03-15 10:20:30.123456"), b = Text(pool, "2023-07-01 01:02:03");
-    for (size_t u = 0; u < 20; ++u) {
+    for (int u = 0; u < kIntervalUnitCount; ++u) {
+        const IntervalUnit& unit = kIntervalUnits[u];
         VARDATA r1 = Null(), r2 = Null();
-        ASSERT_EQ(CBaseFunManager::Extract(&pool, g_arTypes[u], a, r1), 0);
-        ASSERT_EQ(CBaseFunManager::Extract(&pool, arIds[u], a, r2), 0);
-        EXPECT_EQ(Show(r1), Show(r2)) << g_arUnits[u];
-        if (u >= 9) continue;
-        ASSERT_EQ(CBaseFunManager::TimeStampDiff(&pool, arIds[u], a, b, r2), 0);
-        ASSERT_EQ(CBaseFunManager::TimeStampDiff(&pool, g_arTypes[u], a, b, r1), 0);
-        EXPECT_EQ(Show(r1), Show(r2)) << g_arUnits[u];
+        ASSERT_EQ(CBaseFunManager::Extract(&pool, unit.nType, a, r1), 0);
+        ASSERT_EQ(CBaseFunManager::Extract(&pool, unit.nKeywordId, a, r2), 0);
+        EXPECT_EQ(Show(r1), Show(r2)) << unit.lpszName;
+        if (u >= kSimpleUnits) continue;
+        ASSERT_EQ(CBaseFunManager::TimeStampDiff(&pool, unit.nKeywordId, a, b, r2), 0);
+        ASSERT_EQ(CBaseFunManager::TimeStampDiff(&pool, unit.nType, a, b, r1), 0);
+        EXPECT_EQ(Show(r1), Show(r2)) << unit.lpszName;
     }
     VARDATA r = Null(), vOne = Int(1);
     EXPECT_EQ(CBaseFunManager::TimeStampAdd(&pool, 431, vOne, a, r), TALVOR_DATE_BAD_INTERVAL);

@@ -56,33 +56,26 @@ FunArg RandomNumberArg(std::mt19937& rng)
 
 } // namespace
 
+// Letters: n a number (or text with one at its head), d digits as text,
+// f and t bases.
 TEST(FunNumberText, BasesKeepTheSignBitAndEveryDigit)
 {
+    const std::vector<FunRow> vRows = {
+        {"BIN(?)", "n", Of1(&CBaseFunManager::Bin)},
+        {"OCT(?)", "n", Of1(&CBaseFunManager::Oct)},
+        // HEX of text is its bytes; of a number, the number.
+        {"HEX(?)", "n", Of1(&CBaseFunManager::Hex)},
+        {"CONV(?, ?, ?)", "dft", Of3(&CBaseFunManager::Conv)},
+        {"CONV(?, ?, ?)", "nTt", Of3(&CBaseFunManager::Conv)}};
     std::mt19937 rng(31);
     FunBatch batch;
     for (int i = 0; i < 300; ++i) {
         FunArg n = RandomNumberArg(rng);
-        batch.Add("BIN(?)", {n}, [](Pool* pool, Args& v, VARDATA& r) {
-            return g_fun.Bin(pool, v[0], r);
-        });
-        batch.Add("OCT(?)", {n}, [](Pool* pool, Args& v, VARDATA& r) {
-            return g_fun.Oct(pool, v[0], r);
-        });
-        // HEX of text is its bytes; of a number, the number.
-        batch.Add("HEX(?)", {n}, [](Pool* pool, Args& v, VARDATA& r) {
-            return g_fun.Hex(pool, v[0], r);
-        });
         static const int kBases[] = {2, 8, 10, 16, 36, -2, -10, -16, -36, 1, 37, 0};
         FunArg from = ArgInt(kBases[rng() % 12]), to = ArgInt(kBases[rng() % 12]);
         FunArg digits = rng() % 10 == 0 ? ArgNull() : ArgText(rng() % 2 ? "-1aZ" : (rng() % 2 ? "ff" : "777"));
-        batch.Add("CONV(?, ?, ?)", {digits, from, to}, [](Pool* pool, Args& v, VARDATA& r) {
-            return g_fun.Conv(pool, v[0], v[1], v[2], r);
-        });
-        batch.Add("CONV(?, 10, ?)", {n, to}, [](Pool* pool, Args& v, VARDATA& r) {
-            VARDATA ten;
-            ten.Init();
-            ten.SetData(10);
-            return g_fun.Conv(pool, v[0], ten, v[1], r);
+        AddRows(batch, vRows, [&](char c) {
+            return c == 'n' ? n : c == 'd' ? digits : c == 'f' ? from : c == 't' ? to : ArgInt(10);
         });
     }
     batch.Check();
@@ -115,9 +108,7 @@ TEST(FunNumberText, FormatRoundsHalfAwayAndGroupsByThree)
         FunArg x = rng() % 2 ? ArgDec(RandomDecimal(rng)) : ArgInt(RandomNumber(rng));
         if (rng() % 12 == 0) x = ArgNull();
         FunArg d = rng() % 12 == 0 ? ArgNull() : ArgInt((long long)(rng() % 14) - 2);
-        batch.Add("FORMAT(?, ?)", {x, d}, [](Pool* pool, Args& v, VARDATA& r) {
-            return g_fun.Format(pool, v[0], v[1], r);
-        });
+        batch.Add("FORMAT(?, ?)", {x, d}, Of2(&CBaseFunManager::Format));
     }
     batch.Check();
 }
@@ -131,12 +122,10 @@ TEST(FunNumberText, DoublesRoundScaledWithTiesToEven)
     for (int i = 0; i < 200; ++i) {
         std::string s = std::to_string((long long)(rng() % 2000000) - 1000000) + "." + std::to_string(rng() % 1000);
         FunArg x = ArgDouble(s), d = ArgInt((long long)(rng() % 8));
-        batch.Add("FORMAT(?, ?)", {x, d}, [](Pool* pool, Args& v, VARDATA& r) {
-            return g_fun.Format(pool, v[0], v[1], r);
-        });
-        batch.Add("HEX(?)", {x}, [](Pool* pool, Args& v, VARDATA& r) { return g_fun.Hex(pool, v[0], r); });
-        batch.Add("BIN(?)", {x}, [](Pool* pool, Args& v, VARDATA& r) { return g_fun.Bin(pool, v[0], r); });
-        batch.Add("OCT(?)", {x}, [](Pool* pool, Args& v, VARDATA& r) { return g_fun.Oct(pool, v[0], r); });
+        batch.Add("FORMAT(?, ?)", {x, d}, Of2(&CBaseFunManager::Format));
+        batch.Add("HEX(?)", {x}, Of1(&CBaseFunManager::Hex));
+        batch.Add("BIN(?)", {x}, Of1(&CBaseFunManager::Bin));
+        batch.Add("OCT(?)", {x}, Of1(&CBaseFunManager::Oct));
     }
     batch.Check();
 }

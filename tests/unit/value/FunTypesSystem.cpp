@@ -41,6 +41,11 @@ std::string RandomDotted(std::mt19937& rng)
     return s;
 }
 
+FunCall CastTo(int nType)
+{
+    return [nType](Pool* pool, Args& v, VARDATA& r) { return g_fun.ConvertOrCast(pool, v[0], nType, nullptr, r); };
+}
+
 } // namespace
 
 TEST(FunTypesSystem, DigestsAndAddressesMatchTheReference)
@@ -49,31 +54,19 @@ TEST(FunTypesSystem, DigestsAndAddressesMatchTheReference)
     FunBatch batch;
     for (int i = 0; i < 250; ++i) {
         FunArg t = RandomTextArg(rng);
-        batch.Add("MD5(?)", {t}, [](Pool* pool, Args& v, VARDATA& r) {
-            return g_fun.Md5(pool, v[0], r);
-        });
-        batch.Add("CRC32(?)", {t}, [](Pool* pool, Args& v, VARDATA& r) {
-            return g_fun.CRC32(pool, v[0], r);
-        });
+        batch.Add("MD5(?)", {t}, Of1(&CBaseFunManager::Md5));
+        batch.Add("CRC32(?)", {t}, Of1(&CBaseFunManager::CRC32));
         std::string strBytes;
         for (int k = (int)(rng() % 40); k > 0; --k) strBytes += (char)(rng() % 256);
         if (!strBytes.empty() && strBytes.back() == 0) strBytes.back() = 1;
-        batch.Add("MD5(?)", {ArgBin(strBytes)}, [](Pool* pool, Args& v, VARDATA& r) {
-            return g_fun.Md5(pool, v[0], r);
-        });
-        batch.Add("CRC32(?)", {ArgBin(strBytes)}, [](Pool* pool, Args& v, VARDATA& r) {
-            return g_fun.CRC32(pool, v[0], r);
-        });
+        batch.Add("MD5(?)", {ArgBin(strBytes)}, Of1(&CBaseFunManager::Md5));
+        batch.Add("CRC32(?)", {ArgBin(strBytes)}, Of1(&CBaseFunManager::CRC32));
         FunArg ip = rng() % 12 == 0 ? ArgNull() : ArgText(RandomDotted(rng));
-        batch.Add("INET_ATON(?)", {ip}, [](Pool* pool, Args& v, VARDATA& r) {
-            return g_fun.Inet_aton(pool, v[0], r);
-        });
+        batch.Add("INET_ATON(?)", {ip}, Of1(&CBaseFunManager::Inet_aton));
         static const long long kNumbers[] = {0, 1, 255, 256, 2130706433LL, 4294967295LL, 4294967296LL, -1};
         FunArg n = rng() % 12 == 0 ? ArgNull()
                                    : ArgInt(rng() % 2 ? kNumbers[rng() % 8] : (long long)(rng() % 4294967296ULL));
-        batch.Add("INET_NTOA(?)", {n}, [](Pool* pool, Args& v, VARDATA& r) {
-            return g_fun.Inet_ntoa(pool, v[0], r);
-        });
+        batch.Add("INET_NTOA(?)", {n}, Of1(&CBaseFunManager::Inet_ntoa));
     }
     batch.Check();
 }
@@ -93,15 +86,9 @@ TEST(FunTypesSystem, ConvertToACharacterSetGivesTheServersBytes)
             });
         }
     }
-    batch.Add("CAST(? AS SIGNED)", {ArgDec("-1.50")}, [](Pool* pool, Args& v, VARDATA& r) {
-        return g_fun.ConvertOrCast(pool, v[0], TALVOR_VT_BIGINT, nullptr, r);
-    });
-    batch.Add("CAST(? AS SIGNED)", {ArgText("42")}, [](Pool* pool, Args& v, VARDATA& r) {
-        return g_fun.ConvertOrCast(pool, v[0], TALVOR_VT_BIGINT, nullptr, r);
-    });
-    batch.Add("CAST(? AS DATE)", {ArgText("2024-02-29")}, [](Pool* pool, Args& v, VARDATA& r) {
-        return g_fun.ConvertOrCast(pool, v[0], TALVOR_VT_DATE, nullptr, r);
-    });
+    batch.Add("CAST(? AS SIGNED)", {ArgDec("-1.50")}, CastTo(TALVOR_VT_BIGINT));
+    batch.Add("CAST(? AS SIGNED)", {ArgText("42")}, CastTo(TALVOR_VT_BIGINT));
+    batch.Add("CAST(? AS DATE)", {ArgText("2024-02-29")}, CastTo(TALVOR_VT_DATE));
     batch.Check();
 
     CTalvorBufferPool pool;

@@ -420,6 +420,17 @@ TEST(PlanBufferStream, OffsetsPastTheBytesAreRefused)
     v = good;
     at(v, nRecordAt + 16, 0x80010010u);
     refused(v, "record data in an overflow section, which never travels");
+    // A section's last used byte is its own; the byte behind it belongs to
+    // the next section, however much stream follows.
+    UINT nFirstUsed = 0;
+    memcpy(&nFirstUsed, good.data() + nMain + 4, 4);
+    ASSERT_LT(nFirstUsed, 0x10000u);
+    v = good;
+    at(v, nRecordAt + 16, 1u << 16 | (nFirstUsed - 1));
+    CPlanStreamView edge;
+    EXPECT_EQ(0, edge.Attach(v.data(), (UINT)v.size())) << "record data on the last byte of its section";
+    at(v, nRecordAt + 16, 1u << 16 | nFirstUsed);
+    refused(v, "record data just past the bytes of its section");
 }
 
 TEST(PlanBufferReset, ABuildAfterResetGivesTheSameIdsWithoutNewMemory)
