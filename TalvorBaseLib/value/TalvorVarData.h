@@ -5,8 +5,9 @@
 // bytes and copy it with memcpy, so it has no constructor, no destructor and
 // no copy of its own. A bitwise copy never owns: only the value that set
 // m_bAutoRelease gives its text back, through Free. The operations are
-// declared here and defined in TalvorVarData*.cpp; TalvorVarDataOps.h is the
-// header to include for them.
+// declared here and defined in TalvorVarData*.cpp, but for the fixed-width
+// paths of Compare and CalcHashFactor, inline at the end of this file;
+// TalvorVarDataOps.h is the header to include for them.
 //
 // Thread safety: a value belongs to one statement; no member takes a latch.
 #pragma once
