@@ -219,43 +219,46 @@ bool IsClockPart(int nFunction)
 
 namespace basefun {
 
+// The one shape of every value setter: a value that converts is stored by
+// fnStore into v of type bType; one that does not makes v NULL. Result: 0.
+template <class Store> int SetConverted(VARDATA& v, bool bConverts, BYTE bType, Store fnStore)
+{
+    if (!bConverts) return SetNullResult(v);
+    Reset(v, bType);
+    fnStore(v);
+    return 0;
+}
+
 int SetDouble(VARDATA& v, double dValue)
 {
-    if (!std::isfinite(dValue)) return SetNullResult(v);
-    Reset(v, TALVOR_VT_DOUBLE);
-    v.m_dblValue = dValue;
-    return 0;
+    return SetConverted(v, std::isfinite(dValue), TALVOR_VT_DOUBLE, [&](VARDATA& r) { r.m_dblValue = dValue; });
 }
 
 int SetDateTime(VARDATA& v, DATE date)
 {
     TALVORDATEPARTS s;
-    if (CTalvorDate::ConvertDateTime(date, s) != 0) return SetNullResult(v);
-    Reset(v, TALVOR_VT_DATETIME);
-    v.m_dblValue = date;
-    return 0;
+    bool bConverts = CTalvorDate::ConvertDateTime(date, s) == 0;
+    return SetConverted(v, bConverts, TALVOR_VT_DATETIME, [&](VARDATA& r) { r.m_dblValue = date; });
 }
 
 int SetDateOnly(VARDATA& v, DATE date)
 {
     TALVORDATE d;
-    if (CTalvorDate::ConvertDate(date, d) != 0) return SetNullResult(v);
-    Reset(v, TALVOR_VT_DATE);
-    v.m_stDate = d;
-    return 0;
+    bool bConverts = CTalvorDate::ConvertDate(date, d) == 0;
+    return SetConverted(v, bConverts, TALVOR_VT_DATE, [&](VARDATA& r) { r.m_stDate = d; });
 }
 
 int SetTimeSeconds(VARDATA& v, long long llSeconds)
 {
-    if (llSeconds < MIN_TIME_SECONDS || llSeconds > MAX_TIME_SECONDS) return SetNullResult(v);
-    long long nDay = talvordate::FloorDiv(llSeconds, SECONDS_PER_DAY);
-    long long nRest = llSeconds - nDay * SECONDS_PER_DAY;
-    Reset(v, TALVOR_VT_TIME);
-    v.m_stTime.m_nDay = (signed char)nDay;
-    v.m_stTime.m_bHour = (BYTE)(nRest / 3600);
-    v.m_stTime.m_bMintue = (BYTE)(nRest / 60 % 60);
-    v.m_stTime.m_bSecond = (BYTE)(nRest % 60);
-    return 0;
+    bool bConverts = llSeconds >= MIN_TIME_SECONDS && llSeconds <= MAX_TIME_SECONDS;
+    return SetConverted(v, bConverts, TALVOR_VT_TIME, [&](VARDATA& r) {
+        long long nDay = talvordate::FloorDiv(llSeconds, SECONDS_PER_DAY);
+        long long nRest = llSeconds - nDay * SECONDS_PER_DAY;
+        r.m_stTime.m_nDay = (signed char)nDay;
+        r.m_stTime.m_bHour = (BYTE)(nRest / 3600);
+        r.m_stTime.m_bMintue = (BYTE)(nRest / 60 % 60);
+        r.m_stTime.m_bSecond = (BYTE)(nRest % 60);
+    });
 }
 
 int SetText(CTalvorBufferPool* pPool, VARDATA& v, const char* lpszText, int nLen)

@@ -122,21 +122,30 @@ unsigned long long FoldLimbs(const unsigned long long* arLimbs, int nLimbs)
     return h;
 }
 
-long long HashOfInteger(unsigned long long ullMagnitude)
+// The whole number m x 10^nExponent when it fits 64 bits. Result: false
+// when it does not.
+bool WholeIn64Bits(u128 m, int nExponent, unsigned long long& ullWhole)
 {
-    unsigned long long arLimbs[3] = {ullMagnitude % LIMB, ullMagnitude / LIMB % LIMB, ullMagnitude / TWO_LIMBS};
-    return (long long)FoldLimbs(arLimbs, 3);
+    const u128 MAX_64 = ~0ULL;
+    for (int i = 0; i < nExponent && m <= MAX_64; ++i) m *= 10;
+    if (m > MAX_64) return false;
+    ullWhole = (unsigned long long)m;
+    return true;
 }
 
 long long HashOfDecimal(const st_VARDATA* v)
 {
     u128 m = Magnitude(v);
     int nScale = v->m_bScale;
-    if (m == 0) return 0;
+    if (m == 0) return (long long)talvorfixed::HashOfMagnitude(0);
     while (nScale > 0 && m % 10 == 0) {
         m /= 10;
         --nScale;
     }
+    // What an integer or a double can equal hashes as they do.
+    unsigned long long ullSmall = 0;
+    if (nScale > 0 && m <= (u128)~0ULL) return (long long)talvorfixed::HashOfDigits((unsigned long long)m, nScale);
+    if (nScale <= 0 && WholeIn64Bits(m, -nScale, ullSmall)) return (long long)talvorfixed::HashOfMagnitude(ullSmall);
     unsigned long long arLimbs[MAX_WIDE_LIMBS] = {0};
     // Trailing zeros of a negative scale become whole zero limbs and one
     // power of ten, so the limbs are those of the integer multiplied out.
@@ -281,13 +290,12 @@ int CTalvorDecimalBin::VerificationData(st_VARDATA* lpValue, BYTE nPrecision, ch
 long long CTalvorDecimalBin::CalcHashFactor(const st_VARDATA* lpValue)
 {
     switch (lpValue->m_vt) {
-    case TALVOR_VT_INT:
-        return HashOfInteger(lpValue->m_nValue < 0 ? 0ULL - (unsigned long long)(long long)lpValue->m_nValue
-                                                   : (unsigned long long)lpValue->m_nValue);
-    case TALVOR_VT_BIGINT:
-        return HashOfInteger(lpValue->m_llValue < 0 ? 0ULL - (unsigned long long)lpValue->m_llValue
-                                                    : (unsigned long long)lpValue->m_llValue);
+    case TALVOR_VT_INT: return (long long)talvorfixed::HashOfMagnitude(talvorfixed::MagnitudeOf(lpValue->m_nValue));
+    case TALVOR_VT_BIGINT: return (long long)talvorfixed::HashOfMagnitude(talvorfixed::MagnitudeOf(lpValue->m_llValue));
     case TALVOR_VT_DOUBLE: {
+        // The digits the compare takes for a short double, else the converter's.
+        unsigned long long ullShort = 0;
+        if (talvorfixed::ShortDoubleHash(lpValue->m_dblValue, ullShort)) return (long long)ullShort;
         st_VARDATA d;
         CTalvorDecimal::Convert2Decimal(lpValue->m_dblValue, &d);
         return d.m_vt == TALVOR_VT_DECIMAL ? HashOfDecimal(&d) : 0;

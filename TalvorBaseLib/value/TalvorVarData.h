@@ -5,12 +5,14 @@
 // bytes and copy it with memcpy, so it has no constructor, no destructor and
 // no copy of its own. A bitwise copy never owns: only the value that set
 // m_bAutoRelease gives its text back, through Free. The operations are
-// declared here and defined in TalvorVarData*.cpp; TalvorVarDataOps.h is the
-// header to include for them.
+// declared here and defined in TalvorVarData*.cpp, but for the fixed-width
+// paths of Compare and CalcHashFactor, inline at the end of this file;
+// TalvorVarDataOps.h is the header to include for them.
 //
 // Thread safety: a value belongs to one statement; no member takes a latch.
 #pragma once
 
+#include "TalvorVarDataFixed.h"
 #include "TypeDef.h"
 
 class CTalvorBufferPool;
@@ -266,7 +268,11 @@ struct st_VARDATA {
     // numbers and dates of every type, and among texts; no order can be
     // total over text and numbers together while text that looks like a
     // number compares as one ("9" < 9.5 < "10" < "9").
+    // Inline for two values of one fixed-width type (int, long long,
+    // double), out of line through CompareOther, which gives the same
+    // result for any pair, for every other pair.
     int Compare(const st_VARDATA& b) const;
+    int CompareOther(const st_VARDATA& b) const;
     // Result: 1 equal, 0 not, 2 unknown (either side NULL); bCase compares
     // text with letter case.
     int IsEqual(const st_VARDATA& b, BOOL bCase) const;
@@ -285,9 +291,12 @@ struct st_VARDATA {
     int operator!() const;
 
     // ---- Hash: adds this value's share to h, equal numbers of any type
-    // alike, text without regard to letter case.
+    // alike, text without regard to letter case. Inline for int, long long
+    // and short doubles (talvorfixed); HashOther for every other value.
     void CalcHashFactor(long long& h) const;
     void CalcHashFactorEx(unsigned long long& h) const;
+    // Result: h with this value's share added, for any value.
+    unsigned long long HashOther(unsigned long long h) const;
 
     // ---- Moving: exchanges the two values, ownership included.
     void Swap(CTalvorBufferPool* pPool, st_VARDATA& other);
@@ -312,6 +321,36 @@ struct st_MULTIVARDATA {
 #pragma pack(pop)
 
 typedef st_VARDATA VARDATA;
+
+// The fixed-width paths below are forced inline: a caller's loop over rows
+// is where they pay, and the compiler's size limit would keep them out.
+
+__attribute__((always_inline)) inline int st_VARDATA::Compare(const st_VARDATA& b) const
+{
+    // Rows of one column meet values of one type: those go straight.
+    if (m_vt == b.m_vt) {
+        if (m_vt == TALVOR_VT_BIGINT) return talvorfixed::IntegerOrder(m_llValue, b.m_llValue);
+        if (m_vt == TALVOR_VT_INT) return talvorfixed::IntegerOrder(m_nValue, b.m_nValue);
+        if (m_vt == TALVOR_VT_DOUBLE) return talvorfixed::DoubleOrder(m_dblValue, b.m_dblValue);
+    }
+    return CompareOther(b);
+}
+
+__attribute__((always_inline)) inline void st_VARDATA::CalcHashFactorEx(unsigned long long& h) const
+{
+    unsigned long long ullShare = 0;
+    if (m_vt == TALVOR_VT_BIGINT) h += talvorfixed::HashOfMagnitude(talvorfixed::MagnitudeOf(m_llValue));
+    else if (m_vt == TALVOR_VT_INT) h += talvorfixed::HashOfMagnitude(talvorfixed::MagnitudeOf(m_nValue));
+    else if (m_vt == TALVOR_VT_DOUBLE && talvorfixed::ShortDoubleHash(m_dblValue, ullShare)) h += ullShare;
+    else h = HashOther(h);
+}
+
+__attribute__((always_inline)) inline void st_VARDATA::CalcHashFactor(long long& h) const
+{
+    unsigned long long u = (unsigned long long)h;
+    CalcHashFactorEx(u);
+    h = (long long)u;
+}
 
 static_assert(sizeof(TALVORDATE) == 4, "TALVORDATE is 4 bytes");
 static_assert(sizeof(TALVORTIME) == 4, "TALVORTIME is 4 bytes");

@@ -20,59 +20,9 @@ const int ORDER_NONE = 2;
 
 int Sign(long long d) { return d < 0 ? -1 : d > 0 ? 1 : 0; }
 
-int DoubleOrder(double a, double b)
-{
-    double d = a - b;
-    if (d >= -kDoubleEpsilon && d <= kDoubleEpsilon) return 0;
-    return a < b ? -1 : 1;
-}
-
-// A double that is a short binary fraction (at most 20 fraction bits, at
-// most 15 digits in all) as its exact decimal digits: magnitude and scale.
-// Convert2Decimal works through doubles and may miss the last of 18 digits;
-// these are exact, so compare and hash take short doubles from here.
-// Result: false for any other double.
-bool ShortDoubleDigits(double d, unsigned long long& ullDigits, int& nScale)
-{
-    const int MAX_FRACTION_BITS = 20;
-    const double MAX_EXACT = 1e15;
-    // Powers of ten a double holds exactly.
-    static const double arPowers10[MAX_FRACTION_BITS + 1] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,
-                                                             1e7,  1e8,  1e9,  1e10, 1e11, 1e12, 1e13,
-                                                             1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20};
-    double a = std::fabs(d);
-    if (!(a < MAX_EXACT)) return false;
-    // Doubling is exact: count the fraction bits.
-    double x = a;
-    for (nScale = 0; x != std::trunc(x); ++nScale) {
-        if (nScale == MAX_FRACTION_BITS) return false;
-        x *= 2;
-    }
-    // d x 2^s is an integer, so d x 10^s is one too and, below 2^53, exact.
-    double m = a * arPowers10[nScale];
-    if (!(m < MAX_EXACT)) return false;
-    ullDigits = (unsigned long long)m;
-    return true;
-}
-
-// The fold CTalvorDecimalBin::CalcHashFactor gives the decimal of a short
-// double, in 64-bit arithmetic instead of its 128-bit one.
-bool ShortDoubleHash(double d, unsigned long long& ullHash)
-{
-    const unsigned long long LIMB = 1000000000ULL, MULTIPLIER = 131;
-    unsigned long long u = 0;
-    int nScale = 0;
-    if (!ShortDoubleDigits(d, u, nScale)) return false;
-    if (u == 0) {
-        ullHash = 0;
-        return true;
-    }
-    while (nScale > 0 && u % 10 == 0) u /= 10, --nScale;
-    unsigned long long arLimbs[2] = {u % LIMB, u / LIMB};  // below 10^15: two limbs
-    ullHash = arLimbs[1] != 0 ? arLimbs[0] * MULTIPLIER + arLimbs[1] : arLimbs[0];
-    if (nScale > 0) ullHash = ullHash * MULTIPLIER + (unsigned long long)nScale;
-    return true;
-}
+using talvorfixed::DoubleOrder;
+using talvorfixed::ShortDoubleDigits;
+using talvorfixed::ShortDoubleHash;
 
 bool IsNumberType(BYTE vt) { return IsIntType(vt) || vt == TALVOR_VT_DOUBLE || vt == TALVOR_VT_DECIMAL; }
 // Text for the compare: hexadecimal literals are numbers there.
@@ -232,16 +182,17 @@ unsigned long long TextHash(const st_VARDATA& v, unsigned long long h)
     return h;
 }
 
+// The share of any value; the fixed-width types repeat what the inline
+// path of CalcHashFactor gives them.
 unsigned long long HashAdd(const st_VARDATA& v, unsigned long long h)
 {
     const double SECONDS_PER_DAY = 24.0 * 3600.0;
     double dDays = 0;
-    st_VARDATA n;
-    // The types of most key columns first, without a copy.
-    if (v.m_vt == TALVOR_VT_BIGINT || v.m_vt == TALVOR_VT_INT || v.m_vt == TALVOR_VT_DECIMAL)
-        return h + (unsigned long long)CTalvorDecimalBin::CalcHashFactor(&v);
     unsigned long long ullShort = 0;
+    if (IsIntType(v.m_vt))
+        return h + talvorfixed::HashOfMagnitude(talvorfixed::MagnitudeOf(IntOf(v)));
     if (v.m_vt == TALVOR_VT_DOUBLE && ShortDoubleHash(v.m_dblValue, ullShort)) return h + ullShort;
+    if (v.m_vt == TALVOR_VT_DECIMAL) return h + (unsigned long long)CTalvorDecimalBin::CalcHashFactor(&v);
     if (IsVoid(v.m_vt)) return h;
     if (IsTextType(v.m_vt)) return TextHash(v, h);
     if (v.m_vt == TALVOR_VT_TIME)
@@ -250,10 +201,6 @@ unsigned long long HashAdd(const st_VARDATA& v, unsigned long long h)
     if (IsDateType(v.m_vt)) {
         if (!DaysOf(v, dDays) || !std::isfinite(dDays)) return h;
         return h + (unsigned long long)(long long)(dDays * SECONDS_PER_DAY + 0.5);
-    }
-    if (IsIntType(v.m_vt)) {
-        MakeBigInt(n, IntOf(v));
-        return h + (unsigned long long)CTalvorDecimalBin::CalcHashFactor(&n);
     }
     return h + (unsigned long long)CTalvorDecimalBin::CalcHashFactor(&v);
 }
@@ -267,32 +214,27 @@ bool st_VARDATA::operator<=(const st_VARDATA& b) const { return Test(*this, b, T
 bool st_VARDATA::operator>(const st_VARDATA& b) const { return Test(*this, b, TALVOR_OP_GREATER, FALSE); }
 bool st_VARDATA::operator>=(const st_VARDATA& b) const { return Test(*this, b, TALVOR_OP_GREATER_EQUAL, FALSE); }
 
-int st_VARDATA::Compare(const st_VARDATA& b) const
+int st_VARDATA::CompareOther(const st_VARDATA& b) const
 {
-    // Rows of one column meet values of one type: those go straight.
-    if (m_vt == b.m_vt) {
-        if (m_vt == TALVOR_VT_BIGINT) return m_llValue < b.m_llValue ? -1 : m_llValue > b.m_llValue ? 1 : 0;
-        if (m_vt == TALVOR_VT_INT) return m_nValue < b.m_nValue ? -1 : m_nValue > b.m_nValue ? 1 : 0;
-        if (m_vt == TALVOR_VT_DOUBLE) return DoubleOrder(m_dblValue, b.m_dblValue);
-    }
-    bool bVoidA = IsVoid(m_vt), bVoidB = IsVoid(b.m_vt);
+    const st_VARDATA& a = *this;
+    bool bVoidA = IsVoid(a.m_vt), bVoidB = IsVoid(b.m_vt);
     if (bVoidA || bVoidB) {
-        if (bVoidA && bVoidB) return Sign((int)m_vt - (int)b.m_vt);
+        if (bVoidA && bVoidB) return Sign((int)a.m_vt - (int)b.m_vt);
         return bVoidA ? -1 : 1;
     }
-    if (IsPlainText(*this) && IsPlainText(b)) {
+    if (IsPlainText(a) && IsPlainText(b)) {
         // A null text sorts as the empty one.
         st_VARDATA x, y;
-        memcpy(&x, this, sizeof(x));
+        memcpy(&x, &a, sizeof(x));
         memcpy(&y, &b, sizeof(y));
         if (y.m_lpszValue == nullptr) y.m_lpszValue = (char*)"", y.m_nStrLen = 0;
         return TextOrder(x, y, FALSE);
     }
-    int n = Order(*this, b, FALSE);
+    int n = Order(a, b, FALSE);
     if (n != ORDER_NONE) return n;
     // Text that is no number or date against a number or date: numbers and
     // dates first.
-    return IsPlainText(*this) ? 1 : -1;
+    return IsPlainText(a) ? 1 : -1;
 }
 
 int st_VARDATA::IsEqual(const st_VARDATA& b, BOOL bCase) const
@@ -345,8 +287,7 @@ int st_VARDATA::operator!() const
     return x == TALVOR_UNKNOWN ? TALVOR_UNKNOWN : x == TALVOR_TRUE ? TALVOR_FALSE : TALVOR_TRUE;
 }
 
-void st_VARDATA::CalcHashFactor(long long& h) const { h = (long long)HashAdd(*this, (unsigned long long)h); }
-void st_VARDATA::CalcHashFactorEx(unsigned long long& h) const { h = HashAdd(*this, h); }
+unsigned long long st_VARDATA::HashOther(unsigned long long h) const { return HashAdd(*this, h); }
 
 int CompareData(const VARDATA& a, const VARDATA& b, BYTE bOperator, int& nResult)
 {

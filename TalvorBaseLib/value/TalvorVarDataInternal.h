@@ -13,7 +13,7 @@ constexpr int kNumberTextBytes = 400;
 // parser and no date text is longer.
 constexpr int kParseBytes = 400;
 // Doubles and day numbers equal within this.
-constexpr double kDoubleEpsilon = 1e-8;
+constexpr double kDoubleEpsilon = talvorfixed::kDoubleEpsilon;
 
 inline bool IsMarker(BYTE vt) { return vt == TALVOR_VT_MARK_UNKNOWN || vt == TALVOR_VT_MARK_TRUE; }
 // NULL, a marker, or a value never set: nothing to compute on.

@@ -315,6 +315,107 @@ void ExpectTotalOrder(const std::vector<st_VARDATA>& v)
     }
 }
 
+// Whole numbers hash inline for int and long long columns and through the
+// 128-bit decimal path for decimals (any scale, negative ones multiplied
+// out) and long doubles: every form of one number must land on one hash.
+TEST(VarDataCompare, EqualNumbersHashAlikeInEveryType)
+{
+    std::vector<long long> vWhole = {0, 1, -1, 127, -128, 32767, -32768, INT_MAX, INT_MIN, 999999999, 1000000000,
+                                     1000000001, 999999999999999LL, 1000000000000000LL, 1LL << 53, (1LL << 53) + 1,
+                                     999999999999999999LL, 1000000000000000000LL, LLONG_MAX, LLONG_MIN};
+    std::mt19937_64 rng(22);
+    for (int i = 0; i < 4000; ++i) {
+        long long ll = (long long)(rng() >> (rng() % 64));
+        vWhole.push_back(i % 2 ? ll : (long long)(0ULL - (unsigned long long)ll));
+    }
+    for (long long ll : vWhole) {
+        char sz[64];
+        std::vector<st_VARDATA> vForms = {Int(ll)};
+        snprintf(sz, sizeof(sz), "%lld", ll);
+        vForms.push_back(Dec(sz));
+        snprintf(sz, sizeof(sz), "%lld.000", ll);
+        vForms.push_back(Dec(sz));
+        // Trailing zeros as an exponent: a decimal of negative scale.
+        long long llStripped = ll;
+        int nZeros = 0;
+        while (llStripped != 0 && llStripped % 10 == 0) llStripped /= 10, ++nZeros;
+        snprintf(sz, sizeof(sz), "%lldE%d", llStripped, nZeros);
+        vForms.push_back(Dec(sz));
+        if (ll >= INT_MIN && ll <= INT_MAX) {
+            st_VARDATA n;
+            n.Init();
+            n.SetData((int)ll);
+            vForms.push_back(n);
+        }
+        if (ll >= SHRT_MIN && ll <= SHRT_MAX) {
+            st_VARDATA n;
+            n.Init();
+            n.SetData((short)ll);
+            vForms.push_back(n);
+        }
+        double d = (double)ll;
+        if (d == std::trunc(d) && std::fabs(d) < 9.2e18 && (long long)d == ll) vForms.push_back(Dbl(d));
+        for (size_t a = 0; a < vForms.size(); ++a) {
+            ASSERT_TRUE(vForms[a] == vForms[0]) << ll << " form " << a;
+            long long h0 = 5, h = 5;
+            vForms[0].CalcHashFactor(h0);
+            vForms[a].CalcHashFactor(h);
+            EXPECT_EQ(h, h0) << ll << " form " << a;
+            unsigned long long u0 = 9, u = 9;
+            vForms[0].CalcHashFactorEx(u0);
+            vForms[a].CalcHashFactorEx(u);
+            EXPECT_EQ(u, u0) << ll << " form " << a;
+            EXPECT_EQ(u - 9, (unsigned long long)(h - 5)) << "both entries add one share";
+        }
+    }
+    // Doubles at the edges of the short form (20 binary places, 15 digits)
+    // against the decimal of their exact digits, which glibc prints.
+    std::vector<double> vEdges = {std::ldexp(1.0, -20), std::ldexp(1.0, -21), std::ldexp(3.0, -20),
+                                  999999999999999.5, 99999999999999.75, 1e15 - 1, 1e15, 4503599627370495.5,
+                                  9007199254740992.0, 18446744073709551616.0, 0.5e-5, 123.0625};
+    for (int i = 0; i < 2000; ++i)
+        vEdges.push_back(std::ldexp((double)(rng() % (1ULL << (1 + rng() % 52))), -(int)(rng() % 24)));
+    for (double dPlain : vEdges)
+        for (double d : {dPlain, -dPlain}) {
+            char sz[512];
+            snprintf(sz, sizeof(sz), "%.80f", d);
+            st_VARDATA dec = Dec(sz);
+            if (!(Dbl(d) == dec)) continue;
+            long long hd = 0, hm = 0;
+            Dbl(d).CalcHashFactor(hd);
+            dec.CalcHashFactor(hm);
+            EXPECT_EQ(hd, hm) << sz;
+        }
+}
+
+// The inline order of two values of one fixed-width type is the order the
+// general path gives the same pair: near-equal doubles, infinities and NaN
+// included.
+TEST(VarDataCompare, InlineOrderOfOneTypeMatchesTheGeneralOne)
+{
+    std::mt19937_64 rng(23);
+    std::vector<st_VARDATA> vValues;
+    for (long long ll : {0LL, 1LL, -1LL, LLONG_MAX, LLONG_MIN, 42LL}) vValues.push_back(Int(ll));
+    for (int n : {0, 1, -1, INT_MAX, INT_MIN}) {
+        st_VARDATA v;
+        v.Init();
+        v.SetData(n);
+        vValues.push_back(v);
+    }
+    for (double d : {0.0, -0.0, 1.0, 1.0 + 5e-9, 1.0 - 2e-8, 1e300, -1e300, HUGE_VAL, -HUGE_VAL, std::nan(""), 5e-324})
+        vValues.push_back(Dbl(d));
+    for (int i = 0; i < 300; ++i) {
+        vValues.push_back(Int((long long)(rng() % 2001) - 1000));
+        vValues.push_back(Dbl((double)((long long)(rng() % 2001) - 1000) * 1e-9));
+    }
+    for (const st_VARDATA& a : vValues)
+        for (const st_VARDATA& b : vValues) {
+            if (a.m_vt != b.m_vt) continue;
+            EXPECT_EQ(a.Compare(b), a.CompareOther(b))
+                << (int)a.m_vt << " " << a.GetCompatibleDouble() << " vs " << b.GetCompatibleDouble();
+        }
+}
+
 TEST(VarDataCompare, SortOfMixedValuesIsATotalOrder)
 {
     TALVORDATE stDate = {1, 1, 2000};
