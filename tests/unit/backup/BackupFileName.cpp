@@ -27,32 +27,28 @@ DirResult Directory(const std::string& strList, int nPathSize = -1)
 
 } // namespace
 
-TEST(BackupDirectory, FirstElementOfTheListOnly)
+// Only the first element counts, its "/" is added once, and a list that
+// is not terminated is bounded by its size: an element that reaches the
+// bound still gets its "/" — without one the name would run on into a
+// sibling directory ("/data/arcBackup/").
+TEST(BackupDirectory, FirstElementWithOneSlashWithinTheListsSize)
 {
-    DirResult r = Directory("/data/archive/;/mnt/second/");
-    EXPECT_EQ(BACKUPDIR_OK, r.m_nResult);
-    EXPECT_EQ("/data/archive/Backup/", r.m_strDir);
-    r = Directory("/data/archive;/mnt/second/;/third");
-    EXPECT_EQ(BACKUPDIR_OK, r.m_nResult);
-    EXPECT_EQ("/data/archive/Backup/", r.m_strDir);
-}
-
-TEST(BackupDirectory, MissingSlashIsAddedOnce)
-{
-    EXPECT_EQ("/data/archive/Backup/", Directory("/data/archive").m_strDir);
-    EXPECT_EQ("/data/archive/Backup/", Directory("/data/archive/").m_strDir);
-    EXPECT_EQ("/Backup/", Directory("/").m_strDir);
-}
-
-// The list need not be terminated: nPathSize bounds it, and an element
-// that reaches the bound still gets its "/" — without one the name would
-// run on into a sibling directory ("/data/arcBackup/").
-TEST(BackupDirectory, ListBoundedByItsSize)
-{
-    std::string strList = "/data/archive/more";
-    DirResult r = Directory(strList, 8);
-    EXPECT_EQ(BACKUPDIR_OK, r.m_nResult);
-    EXPECT_EQ("/data/ar/Backup/", r.m_strDir);
+    const struct {
+        const char* lpList;
+        int nPathSize;
+        const char* lpDir;
+    } arCases[] = {
+        {"/data/archive/;/mnt/second/", -1, "/data/archive/Backup/"},
+        {"/data/archive;/mnt/second/;/third", -1, "/data/archive/Backup/"},
+        {"/data/archive", -1, "/data/archive/Backup/"},
+        {"/", -1, "/Backup/"},
+        {"/data/archive/more", 8, "/data/ar/Backup/"},
+    };
+    for (const auto& c : arCases) {
+        DirResult r = Directory(c.lpList, c.nPathSize);
+        EXPECT_EQ(BACKUPDIR_OK, r.m_nResult) << c.lpList;
+        EXPECT_EQ(c.lpDir, r.m_strDir) << c.lpList;
+    }
 }
 
 TEST(BackupDirectory, EmptyRelativeOrTooLongIsRefused)

@@ -149,35 +149,6 @@ inline std::string WholeBackup(const std::vector<DbFile>& vFiles)
     return strBackup;
 }
 
-// The backup of vFiles written to strPath in the daemon's order through the
-// file layer in force, the file opened for synchronous writes, the copies
-// in pieces of at most nPiece bytes. On a failed write the file is removed,
-// as the daemon removes a backup it could not finish. True when every
-// write went through.
-inline bool WriteBackupInOrder(const std::string& strPath, const std::vector<DbFile>& vFiles, long long nPiece)
-{
-    CTalvorFileIO* pIO = CTalvorFileIO::Current();
-    pIO->Unlink(strPath.c_str());
-    int fd = pIO->Open(strPath.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_SYNC, 0666);
-    if (fd < 0) return false;
-    std::string strPlaceholder = PlaceholderHead((int)vFiles.size());
-    bool bOk = TalvorWriteFull(fd, strPlaceholder.data(), strPlaceholder.size(), 0) == TRUE;
-    long long nPos = (long long)strPlaceholder.size();
-    for (size_t i = 0; bOk && i < vFiles.size(); i++) {
-        std::string strData = DbFileBytes(vFiles[i]);
-        for (long long nRead = 0; bOk && nRead < vFiles[i].m_nFree; nRead += nPiece) {
-            long long nSize = vFiles[i].m_nFree - nRead < nPiece ? vFiles[i].m_nFree - nRead : nPiece;
-            bOk = TalvorWriteFull(fd, strData.data() + nRead, (size_t)nSize, (off_t)nPos) == TRUE;
-            nPos += nSize;
-        }
-    }
-    std::string strFinished = FinishedHead(vFiles);
-    if (bOk) bOk = TalvorWriteFull(fd, strFinished.data(), strFinished.size(), 0) == TRUE;
-    pIO->Close(fd);
-    if (!bOk) pIO->Unlink(strPath.c_str());
-    return bOk;
-}
-
 // Verifies strPath; the report lives as long as the object.
 class Verified {
 public:
@@ -196,36 +167,5 @@ public:
 private:
     LPBACKUPVERIFYREPORT m_pReport;
 };
-
-} // namespace backuptest
-
-namespace backuptest {
-
-// The whole full backup of files already on disk (vPaths, system file
-// first), each record taken from the file's own head and size, as the
-// daemon takes them from its descriptors.
-inline std::string WholeBackupOfFiles(const std::vector<std::string>& vPaths)
-{
-    std::string strHead = PlaceholderHead((int)vPaths.size());
-    std::string strData;
-    long long nPos = (long long)strHead.size();
-    for (size_t i = 0; i < vPaths.size(); i++) {
-        std::string strFile = talvortest::ReadWholeFile(vPaths[i]);
-        BASEFILEHEAD stHead;
-        memcpy(&stHead, strFile.data(), sizeof(stHead));
-        LPSTRUCT_BACKUP_FILEINFO p = Record(strHead, (int)i);
-        p->m_bFileType = stHead.m_bFileType;
-        p->m_bFileNo = stHead.m_bFileNo;
-        p->m_nFileSize = (long long)strFile.size();
-        p->m_nFileHeaderSize = stHead.m_nFileHeaderSize;
-        p->m_nFileFreeMemoryOffset = stHead.m_nFileFreeMemoryOffset;
-        snprintf(p->m_lpszFilePath, sizeof(p->m_lpszFilePath), "%s", vPaths[i].c_str());
-        p->m_nDataStartOffset = nPos;
-        strData += strFile.substr(0, (size_t)stHead.m_nFileFreeMemoryOffset);
-        nPos += stHead.m_nFileFreeMemoryOffset;
-        p->m_nDataEndOffset = nPos;
-    }
-    return strHead + strData;
-}
 
 } // namespace backuptest

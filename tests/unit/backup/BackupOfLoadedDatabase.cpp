@@ -1,8 +1,6 @@
-// The daemon's full and incremental backups of a loaded database, rows
-// changed by the engine's stand-in between them, against the offline
-// verifier: each passes and says what a restore would write or apply; and
-// power lost at any write of an incremental backup leaves nothing the
-// verifier takes for a whole one.
+// The daemon's incremental backup of a loaded database against the offline
+// verifier: power lost at any write of it leaves nothing the verifier takes
+// for a whole one. Whole chains the daemon took are checked end to end.
 #include "BackupFixture.h"
 #include "PersistenceDb.h"
 
@@ -77,49 +75,6 @@ bool SameBackup(std::string strA, const std::string& strB)
 }
 
 } // namespace
-
-TEST_F(BackupOfLoadedDatabase, FullAndTwoLevelsAbovePass)
-{
-    const long long nFull = m_db.Head()->m_nEndTimestamp;
-    ASSERT_TRUE(Full(nFull));
-    {
-        Verified v(BackupPath(nFull));
-        ASSERT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
-        ASSERT_EQ(4, v.Report().m_nItemNum);
-        for (int i = 0; i < 4; i++) {
-            EXPECT_STREQ(m_db.PathOf(i + 1).c_str(), v.Report().m_arItem[i].m_lpszFilePath);
-            EXPECT_EQ(Val(m_db.File(i + 1)->m_pStorageFile->GetFreeMemoryOffset(m_db.File(i + 1))),
-                      v.Report().m_arItem[i].m_nCopiedSize);
-        }
-    }
-    // 300 blocks changed: with the maps more than 290 items, two pages.
-    long long nRef1 = ChangeAndSave(1, 300);
-    const long long nLevel1 = m_db.Head()->m_nEndTimestamp;
-    ASSERT_TRUE(Incremental(1, nLevel1, nRef1));
-    {
-        Verified v(BackupPath(nLevel1));
-        ASSERT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
-        const BACKUPVERIFYREPORT& r = v.Report();
-        EXPECT_EQ(1, r.m_nLevel);
-        EXPECT_EQ(nRef1, r.m_nReferTimestamp);
-        ASSERT_EQ(4, r.m_nItemNum);
-        // The data file: its head, its maps and the 300 blocks.
-        EXPECT_GE(r.m_arItem[1].m_nPieceNum, 301);
-        EXPECT_GT(r.m_arItem[1].m_nPieceNum, BACKUP_INCREMENT_MAX_ITEMS);
-        EXPECT_EQ(m_db.FileHead(2)->m_nTimestamp, r.m_arItem[1].m_nHeadTimestamp);
-        // The index files saw no change: a record and nothing to apply.
-        EXPECT_EQ(0, r.m_arItem[2].m_nPieceNum);
-        EXPECT_EQ(0, r.m_arItem[3].m_nPieceNum);
-    }
-    long long nRef2 = ChangeAndSave(310, 3);
-    const long long nLevel2 = m_db.Head()->m_nEndTimestamp;
-    ASSERT_TRUE(Incremental(2, nLevel2, nRef2));
-    Verified v(BackupPath(nLevel2));
-    ASSERT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
-    EXPECT_EQ(2, v.Report().m_nLevel);
-    EXPECT_LT(v.Report().m_arItem[1].m_nPieceNum, BACKUP_INCREMENT_MAX_ITEMS);
-    EXPECT_GE(v.Report().m_arItem[1].m_nPieceNum, 4);
-}
 
 TEST_F(BackupOfLoadedDatabase, PowerLossAtAnyWriteOfAnIncrementalBackup)
 {

@@ -1,6 +1,6 @@
-// talvor-backup verify: exit status 0 only for a whole backup, the findings
-// and the files a restore would write in its output, and the backup file
-// untouched whatever it holds.
+// talvor-backup verify on an incremental backup: exit status 0 for a whole
+// one and what a restore would apply over which backup in its output. The
+// full backup, its refusals and the command line run end to end.
 #include "BackupIncrementFixture.h"
 #include "BackupTool.h"
 
@@ -49,26 +49,6 @@ ToolRun RunTool(std::vector<std::string> vArgs)
 
 } // namespace
 
-TEST(BackupTool, WholeBackupExitsZeroAndListsTheFiles)
-{
-    TempTree tree("bverify");
-    std::vector<DbFile> vFiles = SampleFiles(tree);
-    std::string strPath = tree.Path("TalvorBackup880044.fbk");
-    std::string strWhole = WholeBackup(vFiles);
-    ASSERT_TRUE(WriteWholeFile(strPath, strWhole));
-    ToolRun r = RunTool({"verify", strPath});
-    EXPECT_EQ(talvorbackup::BACKUPTOOL_WHOLE, r.m_nExit) << r.m_strOut;
-    EXPECT_NE(std::string::npos, r.m_strOut.find("result: whole")) << r.m_strOut;
-    EXPECT_NE(std::string::npos, r.m_strOut.find("a restore would write 6 files")) << r.m_strOut;
-    for (const DbFile& f : vFiles) {
-        std::string strLine = f.m_strPath + ": size " + std::to_string(f.m_nFileSize) + ", " +
-                              std::to_string(f.m_nFree) + " bytes from the backup";
-        EXPECT_NE(std::string::npos, r.m_strOut.find(strLine)) << strLine << "\n" << r.m_strOut;
-    }
-    EXPECT_NE(std::string::npos, r.m_strOut.find("timestamp: 880044")) << r.m_strOut;
-    EXPECT_EQ(strWhole, ReadWholeFile(strPath));
-}
-
 TEST(BackupTool, WholeIncrementExitsZeroAndTellsWhatIsApplied)
 {
     TempTree tree("bverify");
@@ -86,42 +66,4 @@ TEST(BackupTool, WholeIncrementExitsZeroAndTellsWhatIsApplied)
         << r.m_strOut;
     EXPECT_NE(std::string::npos, r.m_strOut.find(vFiles[2].m_stFile.m_strPath + ": size 131072, unchanged"))
         << r.m_strOut;
-}
-
-TEST(BackupTool, RefusedBackupExitsOneWithTheFinding)
-{
-    TempTree tree("bverify");
-    std::vector<DbFile> vFiles = SampleFiles(tree);
-    std::string strPath = tree.Path("TalvorBackup880044.fbk");
-    std::string strCut = WholeBackup(vFiles);
-    strCut.resize(strCut.size() - 1);
-    ASSERT_TRUE(WriteWholeFile(strPath, strCut));
-    ToolRun r = RunTool({"verify", strPath});
-    EXPECT_EQ(talvorbackup::BACKUPTOOL_REFUSED, r.m_nExit);
-    EXPECT_NE(std::string::npos, r.m_strOut.find("result: refused (truncated)")) << r.m_strOut;
-    EXPECT_EQ(std::string::npos, r.m_strOut.find("a restore would write")) << r.m_strOut;
-    EXPECT_EQ(strCut, ReadWholeFile(strPath));
-
-    std::string strPlaceholder = PlaceholderHead((int)vFiles.size());
-    std::string strUnfinished = WholeBackup(vFiles);
-    strUnfinished.replace(0, strPlaceholder.size(), strPlaceholder);
-    ASSERT_TRUE(WriteWholeFile(strPath, strUnfinished));
-    r = RunTool({"verify", strPath});
-    EXPECT_EQ(talvorbackup::BACKUPTOOL_REFUSED, r.m_nExit);
-    EXPECT_NE(std::string::npos, r.m_strOut.find("refused (unfinished)")) << r.m_strOut;
-
-    r = RunTool({"verify", tree.Path("missing.fbk")});
-    EXPECT_EQ(talvorbackup::BACKUPTOOL_REFUSED, r.m_nExit);
-    EXPECT_FALSE(PathExists(tree.Path("missing.fbk")));
-}
-
-TEST(BackupTool, BadCommandLineExitsTwo)
-{
-    for (const std::vector<std::string>& v : std::vector<std::vector<std::string>>{
-             {}, {"verify"}, {"check", "/x"}, {"verify", "/x", "/y"}}) {
-        ToolRun r = RunTool(v);
-        EXPECT_EQ(talvorbackup::BACKUPTOOL_USAGE, r.m_nExit);
-        EXPECT_NE(std::string::npos, r.m_strErr.find("usage:"));
-        EXPECT_EQ("", r.m_strOut);
-    }
 }

@@ -77,14 +77,6 @@ TEST_F(BackupVerifyTest, WholeBackupPassesAndListsWhatARestoreWrites)
     }
 }
 
-TEST_F(BackupVerifyTest, WholeBackupWrittenInPiecesPasses)
-{
-    ASSERT_TRUE(WriteBackupInOrder(m_strPath, m_vFiles, 65536));
-    EXPECT_EQ(m_strWhole, ReadWholeFile(m_strPath));
-    Verified v(m_strPath);
-    EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
-}
-
 TEST_F(BackupVerifyTest, MoreThan27FilesTakeALargerHeadArea)
 {
     std::vector<DbFile> vMany = ManyFiles(m_tree, 30);
@@ -123,18 +115,6 @@ TEST_F(BackupVerifyTest, EveryCutIsRefused)
         Verified v(m_strPath);
         EXPECT_EQ(BACKUPVERIFY_TRUNCATED, v.Status()) << "cut at " << nCut << ": " << v.Finding();
     }
-}
-
-TEST_F(BackupVerifyTest, PlaceholderHeadIsRefused)
-{
-    std::string strFinding;
-    EXPECT_EQ(BACKUPVERIFY_UNFINISHED, StatusAfter(
-                                           [&](std::string& s) {
-                                               std::string strPlaceholder = PlaceholderHead((int)m_vFiles.size());
-                                               s.replace(0, strPlaceholder.size(), strPlaceholder);
-                                           },
-                                           &strFinding));
-    EXPECT_NE(std::string::npos, strFinding.find("record 1")) << strFinding;
 }
 
 // The finished head torn at any byte over the place-holder: refused unless

@@ -89,14 +89,6 @@ TEST_F(BackupIncrementTest, WholeIncrementPassesAndListsWhatARestoreApplies)
     EXPECT_EQ(0, Val(Record(m_strWhole, 2)->m_nDataStartOffset));
 }
 
-TEST_F(BackupIncrementTest, WrittenInOrderThroughTheLayerIsTheSame)
-{
-    ASSERT_TRUE(WriteIncrementFile(m_strPath, m_vFiles));
-    EXPECT_EQ(m_strWhole, ReadWholeFile(m_strPath));
-    Verified v(m_strPath);
-    EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
-}
-
 TEST_F(BackupIncrementTest, EveryCutIsRefused)
 {
     const long long nWhole = (long long)m_strWhole.size();

@@ -1,6 +1,6 @@
 // The head area of a new cache-mode file: where each page lies for a given
-// object count, what the pages record, and that the cache takes the area
-// as the pages of a new file and walks from its head to its first map.
+// object count and what the pages record. That the cache takes it as a new
+// file's pages is the new file's test (FileStorageNew).
 #include "CacheFileHeadArea.h"
 #include "CacheFixture.h"
 
@@ -105,38 +105,6 @@ TEST(CacheFileHeadArea, IndexFileWithoutExtendedPagesAndRefusals)
     EXPECT_FALSE(CacheBuildHeadArea(d, w.data(), 65536, nullptr));
     EXPECT_FALSE(CacheBuildHeadArea(Def(FILETYPE_TABLE, 1018), nullptr, 65536, nullptr));
     EXPECT_TRUE(w == before);
-}
-
-class CacheFileHeadAreaInCache : public CacheFixture {};
-
-TEST_F(CacheFileHeadAreaInCache, TheCacheWalksFromTheHeadToTheFirstMap)
-{
-    ASSERT_EQ(0, Open(32));
-    for (BYTE bType : {FILETYPE_TABLE, FILETYPE_INDEX}) {
-        for (int nObjects : {100, 1018, 2000}) {
-            SCOPED_TRACE(testing::Message() << (int)bType << " " << nObjects);
-            BYTE bFileNo = (BYTE)(20 + nObjects % 7 + 10 * (bType == FILETYPE_INDEX));
-            CACHEHEADAREADEF d = Def(bType, nObjects);
-            d.m_bFileNo = bFileNo;
-            long long nArea = CacheHeadAreaSize(bType, nObjects);
-            std::vector<BYTE> v((size_t)nArea);
-            int nEx = 0;
-            ASSERT_TRUE(CacheBuildHeadArea(d, v.data(), nArea, &nEx));
-            std::vector<long long> vOffsets;
-            for (int i = 0; i < nEx + 2; i++) {
-                long long llOffset = 0;
-                ASSERT_EQ(0, m_pCache->LoadFile2Cache(nullptr, bFileNo, llOffset));
-                vOffsets.push_back(llOffset);
-            }
-            ASSERT_EQ(0, m_pCache->NewFile2Cache(nullptr, bFileNo, bType, v.data(), nEx));
-            long long llMap = 0;
-            int nResult = bType == FILETYPE_TABLE
-                              ? m_pCache->GetFirstTableMapCacheAddr((LPTABLEFILEHEAD)(Base() + vOffsets[0]), Base(), llMap)
-                              : m_pCache->GetFirstIndexMapCacheAddr((LPINDEXFILEHEAD)(Base() + vOffsets[0]), Base(), llMap);
-            EXPECT_EQ(0, nResult);
-            EXPECT_EQ(vOffsets.back(), llMap);
-        }
-    }
 }
 
 }  // namespace

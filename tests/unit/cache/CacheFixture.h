@@ -6,6 +6,7 @@
 
 #include "CacheLayout.h"
 #include "FakeCacheModule.h"
+#include "PackedValue.h"
 #include "TalvorCacheStorage.h"
 #include "TalvorTrace.h"
 
@@ -20,12 +21,7 @@
 
 namespace cachetest {
 
-// Fields of packed records are read by value.
-template <class T>
-T Val(T v)
-{
-    return v;
-}
+using talvortest::Val;
 
 struct TraceLine {
     long nCode;

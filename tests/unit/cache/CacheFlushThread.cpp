@@ -2,8 +2,8 @@
 // carrying out entries: an entry served while the thread waits on its
 // semaphore, the stop with entries still posted, a paused file holding the
 // ring, a file grown on demand so that an entry past its end goes through,
-// open requests, the index twin committing through its own writer, and an
-// entry whose block never becomes valid.
+// and open requests. The index twin's commits and an entry whose block
+// is another's run end to end (the cache pipelines).
 #include "FlushRingFixture.h"
 #include "TestClock.h"
 
@@ -128,8 +128,6 @@ TEST_F(FlushRing, AtTheStopAPausedEntryStaysPostedForTheNextDaemon)
     EXPECT_TRUE(Writes().empty());
 }
 
-
-
 TEST_F(FlushRing, AFileShortOfRoomGrowsAndTheEntryPastItsOldEndGoesThrough)
 {
     MakeRing();
@@ -195,42 +193,6 @@ TEST_F(FlushRing, AnOpenRequestOfThisTypeIsServedAndCleared)
     EXPECT_EQ(S_OK, m_pCache->StorageIndexFlush(nullptr));
     EXPECT_EQ(&stTable, m_pCache->m_lpOpenFileInfo);
     m_pCache->m_lpOpenFileInfo = nullptr;
-}
-
-TEST_F(FlushRing, TheIndexTwinServesItsOwnRingAndWriter)
-{
-    MakeRing();
-    stu_CacheFlush* pTable = PostTimestamp(500, -1, 0);
-    stu_CacheFlush* p = &m_pCache->m_pCacheIndexFlush[0];
-    memset((void*)p, 0, sizeof(*p));
-    p->m_bBlockType = CACHEFLUSH_TIMESTAMPS;
-    p->m_llTimestamp = 600;
-    p->m_nTimestampNum = 4;
-    Post(p);
-    m_pCache->m_bExit = 1;
-    EXPECT_EQ(S_OK, m_pCache->StorageIndexFlush(nullptr));
-    EXPECT_EQ(0, Val(p->m_bStatus));
-    EXPECT_EQ(1, Val(pTable->m_bStatus)) << "the index pipeline took a table entry";
-    EXPECT_EQ(1, (int)Head()->m_bStorageIndexFlushPos);
-    ASSERT_EQ(1u, m_module.m_vCommits.size());
-    EXPECT_TRUE(m_module.m_vCommits[0].bIndex);
-    EXPECT_EQ(600, m_module.m_vCommits[0].llTimestamp);
-    EXPECT_EQ(4, m_module.m_vCommits[0].nNum);
-}
-
-TEST_F(FlushRing, ABlockThatNeverBecomesValidIsHandedOnAndRefused)
-{
-    MakeRing();
-    stu_CacheFlush* p = PostData(95, 40LL * FS_PART, false);
-    // The block in the cache names another block number: the fit test
-    // waits its looks out, then FlushBlock refuses the copy.
-    p->m_nBlockNo = 96;
-    m_vLogical = m_vDisk;
-    Run();
-    EXPECT_EQ(0, Val(p->m_bStatus));
-    EXPECT_EQ(CACHEFLUSH_DONE, Val(p->m_bReserved)) << "a lapsed block is dropped by FlushBlock with 0";
-    EXPECT_TRUE(Writes().empty());
-    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vDisk));
 }
 
 } // namespace

@@ -218,29 +218,6 @@ TEST_F(CacheLoadThread, UnknownFileOrMissingBackendAnsweredAndTheThreadGoesOn)
     EXPECT_TRUE(TargetHoldsBlock(BLOCK_AT));
 }
 
-TEST_F(CacheLoadThread, WaitsForTheCheckByteBeforeTakingTheSlot)
-{
-    LPCacheBufferBlockOperate p = &m_lpGroup[Group()->m_bStorageLoadPos];
-    long long llTarget = CacheBlockOffset(m_nTarget);
-    // The engine is still writing: the check byte does not fit yet, and
-    // the block number is not yet the right one.
-    p->m_bFileNo = FS_FILE_NO;
-    p->m_nBlockNo = BLOCK_NO + 9;
-    p->m_llFileBlockOffset = BLOCK_AT;
-    p->m_nBlockSize = CACHE_BLOCK_SIZE;
-    p->m_llCacheBlockOffset = llTarget;
-    p->m_bVerification = (BYTE)((llTarget / CACHE_BLOCK_SIZE) % 255 + 2);
-    p->m_bStatus = CACHELOAD_POSTED;
-    sem_post(m_hPost);
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(CACHELOAD_POSTED, Val(p->m_bStatus)) << "a slot whose check byte does not fit was taken at once";
-    p->m_nBlockNo = BLOCK_NO;
-    __atomic_thread_fence(__ATOMIC_RELEASE);
-    p->m_bVerification = (BYTE)((llTarget / CACHE_BLOCK_SIZE) % 255 + 1);
-    EXPECT_EQ(CACHELOAD_OK, Answer(p));
-    EXPECT_TRUE(TargetHoldsBlock(BLOCK_AT));
-}
-
 TEST_F(CacheLoadThread, ReadErrorsAreAnsweredFailedNeverAHalfBlock)
 {
     long long llTarget = CacheBlockOffset(m_nTarget);

@@ -243,16 +243,6 @@ TEST_F(CachePreload, TightRoomTakesEveryUpperNodeAndLeavesUpToTheirShare)
     EXPECT_EQ(CACHESTATUS_READY, Val(Head()->m_bStatus));
 }
 
-TEST_F(CachePreload, NoRoomForTheNodesTakesUpperNodesOnly)
-{
-    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
-    TestFile& tab = AddFile(TABLE_NO, FILETYPE_TABLE, {{0, P, 1}});
-    SetRoom(7LL * P - 1);
-    EXPECT_EQ(S_OK, m_pCache->InitCacheHead(nullptr));
-    EXPECT_TRUE(ChainHolds(Blocks(idx, {1, 5, 8, 15})));
-    EXPECT_EQ(FILE_SIZE, tab.llLoadSize) << "table files are shown loaded";
-}
-
 TEST_F(CachePreload, AFullCacheEndsTheLoadEarlyUnderEachType)
 {
     struct {
@@ -314,31 +304,6 @@ TEST_F(CachePreload, ATakenOverCacheLoadsNothingAndBadHeadsFail)
     h->m_nCacheStartOffset = 0;
     EXPECT_EQ(CACHE_RESULT_NOCHAIN, m_pCache->InitCacheHead(nullptr));
     EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
-}
-
-TEST_F(CachePreload, BlocksAcrossThePieceBoundaryKeepTheScanInStep)
-{
-    // One half-size block first puts every later block 8192 bytes off the
-    // pieces, so that one straddles the end of the first 8 MiB piece.
-    m_llFileSize = 12LL * 1048576;
-    std::vector<BlockShape> v = {{1, H, 1}};
-    for (int i = 0; i < 590; i++) v.push_back({2, P, 1});
-    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, v);
-    EXPECT_EQ(S_OK, m_pCache->InitCacheHead(nullptr));
-    // The page of the straddling block runs over the first piece: the next
-    // piece starts at it and loads it whole. Every block is loaded, in
-    // order, equal to the file.
-    long long llPieceEnd = CACHE_PRELOAD_FROM + CACHE_PRELOAD_PIECE;
-    std::vector<std::pair<TestFile*, int>> vWant;
-    int nStraddling = -1;
-    for (int b = 0; b < (int)v.size(); b++) {
-        long long llAt = idx.vOffsets[(size_t)b];
-        if (llAt < llPieceEnd && llAt + v[(size_t)b].nSize > llPieceEnd) nStraddling = b;
-        vWant.push_back({&idx, b});
-    }
-    ASSERT_GT(nStraddling, 0);
-    EXPECT_TRUE(ChainHolds(vWant));
-    EXPECT_EQ(m_llFileSize, idx.llLoadSize);
 }
 
 TEST_F(CachePreload, AReadErrorOrABrokenMapFailsTheLoad)

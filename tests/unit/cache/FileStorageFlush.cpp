@@ -107,27 +107,6 @@ TEST_F(FileFlush, DataBlockReachesItsPlaceCleanAndFlushFlagClears)
     EXPECT_EQ(2, Val(Live()->m_bThreadNum));
 }
 
-// With write buffers the answer to a request still means the disk: a
-// daemon that dies after it loses nothing the engine now takes for clean.
-TEST_F(FileFlush, WithWriteBuffersWhatFlushBlockWroteIsOnDiskWhenItReturns)
-{
-    MakeFlush(FILETYPE_TABLE, TRUE);
-    // The span is held in a buffer first, as a load would leave it.
-    ASSERT_TRUE(ReadsBack(BLOCK_FILE_OFFSET - FS_PART, FS_PART));
-    ASSERT_NE(nullptr, Holder(BLOCK_FILE_OFFSET));
-    PostDataBlock();
-    ASSERT_EQ(0, Flush());
-    ExpectBlockOnDisk(BLOCK_FILE_OFFSET, true);
-    EXPECT_EQ(0, Val(Live()->m_bFlushFlag));
-    EXPECT_FALSE(m_pStorage->CheckFlush()) << "no change is left in a buffer";
-    EXPECT_TRUE(ReadsBack(BLOCK_FILE_OFFSET, FS_PART)) << "the buffer holds the block written";
-    PostPage(CACHEFLUSH_MAP, BLOCKMAP_CACHE_DATAFLAG, 3 * FS_PART, 1);
-    ASSERT_EQ(0, Flush());
-    ExpectBlockOnDisk(3 * FS_PART, false);
-    EXPECT_FALSE(m_pStorage->CheckFlush());
-    EXPECT_TRUE(LatchFree());
-}
-
 TEST_F(FileFlush, LapsedRequestsWriteNothing)
 {
     MakeFlush();
@@ -154,26 +133,6 @@ TEST_F(FileFlush, LapsedRequestsWriteNothing)
         ExpectNothingWritten();
         EXPECT_EQ(bSave, Val(Live()->m_bSaveFlag));
         EXPECT_EQ(bFlush, Val(Live()->m_bFlushFlag));
-    }
-}
-
-TEST_F(FileFlush, TornCopyIsRefusedInBothKindsOfFile)
-{
-    for (BYTE bType : {FILETYPE_TABLE, FILETYPE_INDEX}) {
-        SCOPED_TRACE((int)bType);
-        TearDown();
-        SetUp();
-        MakeFlush(bType);
-        PostDataBlock();
-        // The block in the cache is no longer of the size the request saw.
-        Live()->m_nBlockSize = FS_PART / 2;
-        EXPECT_EQ(1, Flush());
-        ExpectNothingWritten();
-        if (bType == FILETYPE_TABLE)
-            EXPECT_TRUE(Traced(80005010, "Data is incorrect data and was refused to be written"));
-        else
-            EXPECT_TRUE(Traced(80005011, "Data is incorrect and was refused to be written"));
-        EXPECT_EQ(1, Val(Live()->m_bFlushFlag));
     }
 }
 

@@ -4,6 +4,7 @@
 // used bytes), that every expected reply is waited for and none is left
 // unread, that a foreign reply with a payload is read off and the wait goes
 // on, and where the progress stands at each step of a whole join.
+#include "PackedValue.h"
 #include "TalvorClusterFiletransfer.h"
 
 #include <gtest/gtest.h>
@@ -24,13 +25,7 @@ namespace {
 
 const long long MIB = 1048576;
 
-// A field of a byte-packed record, by value: a reference to it may lie on
-// any byte.
-template <class T>
-T Val(T v)
-{
-    return v;
-}
+using talvortest::Val;
 
 // A file whose bytes live in a string; only what a join reads is served.
 class FakeFile : public IVirtualStorageFile {

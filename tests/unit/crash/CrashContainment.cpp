@@ -196,20 +196,6 @@ TEST_F(CrashContainment, FaultUnwindsTheThreadGivesItsLatchBackAndItIsRestarted)
     EXPECT_GE(nFrames, 3u);
 }
 
-TEST_F(CrashContainment, SignalSentFromOutsideIsHandledLikeAFault)
-{
-    Worker& w = Start(HOLD_UNTIL_SIGNAL, 1);
-    ASSERT_TRUE(WaitUntil([&] { return w.m_bWaiting.load(); }, 5000));
-    EXPECT_FALSE(LatchFree(w));
-    ASSERT_EQ(0, pthread_kill(w.m_hThread, SIGSEGV));
-    ASSERT_TRUE(WaitCrashed());
-    EXPECT_TRUE(WaitUntil([&] { return LatchFree(w); }, 5000));
-    CrashAutoRecoverCrashedThreads();
-    ASSERT_TRUE(WaitUntil([&] { return w.m_nDone.load() == 1; }, 5000));
-    std::vector<TraceLine> lines = DaemonLines();
-    EXPECT_EQ(1, CountText(lines, 10002001, "error info: the signal may send by other process.]"));
-}
-
 TEST_F(CrashContainment, FloatingPointAndAbortSignalsAreContainedToo)
 {
     Worker& w = Start(HOLD_UNTIL_SIGNAL, 2);

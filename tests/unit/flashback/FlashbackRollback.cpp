@@ -221,24 +221,39 @@ TEST_F(FlashbackRows, VersionContentRunningPastTheAreaIsTakenAsOverwritten)
     EXPECT_EQ("new", m_block.RowValue(nRow));
 }
 
-TEST_F(FlashbackRows, RecordAtTheVeryEndOfTheAreaIsNotReadPastIt)
+// Where the area ends: a version whose last byte is the area's last byte is
+// read; one that runs a byte further, by its value or by its head, lies
+// partly outside and is taken as overwritten, so the row keeps its newest
+// value. The bytes behind the area hold the rest of the version, as memory
+// past a segment may, so a walk that reads past the end finds it whole.
+TEST_F(FlashbackRows, VersionEndingOnTheAreasLastByteIsReadAndOneBytePastIsNot)
 {
-    // The area's last bytes hold a record head whose image can't fit.
-    int nRow = History(3, {{10, "old"}});
-    UINT nAt = AREA_SIZE - (UINT)sizeof(ROLLBACKBLOCKVARDATASTRUCT) - 4;
-    LPROLLBACKBLOCKVARDATASTRUCT lpRec = (LPROLLBACKBLOCKVARDATASTRUCT)(m_vArea.data() + nAt);
-    lpRec->m_nDataFlag = VARDATA_DATAFLAG;
-    lpRec->m_sDataToken = 3;
-    lpRec->m_nTimestamp = 5;
-    lpRec->m_nActualLength = 20;
-    m_block.Row(nRow)->m_nNextDataID = nAt;
-    m_block.Row(nRow)->m_nTimestamp = 30;
-    EXPECT_EQ(0, Back(20));
-    EXPECT_EQ("old", m_block.RowValue(nRow));
-    // And one whose head itself would run past the end.
-    m_block.Row(nRow)->m_nNextDataID = AREA_SIZE - 10;
-    EXPECT_EQ(0, Back(20));
-    EXPECT_EQ("old", m_block.RowValue(nRow));
+    int nRow = History(3, {{10, "old"}, {30, "new"}});
+    const BYTE* lpSource = (const BYTE*)m_area.Record(m_block.Row(nRow)->m_nNextDataID);
+    const UINT nHead = (UINT)sizeof(ROLLBACKBLOCKVARDATASTRUCT);
+    const UINT nLength = nHead + (UINT)sizeof(BLOCKVARDATASTRUCT) +
+                         (UINT)Val(((const BLOCKVARDATASTRUCT*)(lpSource + nHead))->m_nActualLength);
+    const std::vector<BYTE> vNewest = m_vBlock;
+    const struct {
+        UINT nAt;
+        const char* lpWant;
+    } arCases[] = {
+        {AREA_SIZE - nLength, "old"},
+        {AREA_SIZE - nLength + 1, "new"},
+        {AREA_SIZE - nHead + 1, "new"},
+    };
+    for (const auto& c : arCases) {
+        SCOPED_TRACE(testing::Message() << "version at " << c.nAt << ", " << nLength << " bytes");
+        std::vector<BYTE> vArea(m_vArea);
+        vArea.resize((size_t)AREA_SIZE + nLength, 0);
+        memcpy(vArea.data() + c.nAt, lpSource, nLength);
+        m_flashback.SetRollbackArea(vArea.data(), AREA_SIZE);
+        m_vBlock = vNewest;
+        m_block.Row(nRow)->m_nNextDataID = c.nAt;
+        EXPECT_EQ(0, Back(20));
+        EXPECT_EQ(c.lpWant, m_block.RowValue(nRow));
+        m_flashback.SetRollbackArea(m_vArea.data(), AREA_SIZE);
+    }
 }
 
 TEST_F(FlashbackRows, LoopingChainEndsAndLeavesTheRow)

@@ -149,28 +149,6 @@ TEST_F(MemoryStorageFile, LongPathShowsItsLastCharactersInTheProgressTitle)
     EXPECT_EQ(strShort, std::string(m_stProgress.m_lpTitle));
 }
 
-TEST_F(MemoryStorageFile, GrowingRemakesTheSegmentWithTheFileBehindIt)
-{
-    LPFILEINFO p = OpenPatterned(2, 1 * MIB);
-    int nOldId = p->m_nShmId;
-    ASSERT_EQ(0, Grow(p, 3 * MIB));
-    EXPECT_EQ(3 * MIB, FileSizeOf(p->m_lpszFilePath));
-    EXPECT_EQ(3 * MIB, p->m_liFileSize);
-    EXPECT_NE(nOldId, p->m_nShmId);
-    EXPECT_EQ(3 * MIB, (long long)CShareMemory::ShareMemorySize(p->m_nShmId));
-    std::string strDisk = ReadWholeFile(p->m_lpszFilePath);
-    EXPECT_EQ(3 * MIB, Val(((LPBASEFILEHEAD)strDisk.data())->m_nFileTotalSize));
-    EXPECT_EQ(3 * MIB, Val(((LPBASEFILEHEAD)p->m_pFileAddr)->m_nFileTotalSize));
-    // The image is the file again, grown part included.
-    EXPECT_EQ(0, memcmp(p->m_pFileAddr, strDisk.data(), strDisk.size()));
-    int nHead = ((LPBASEFILEHEAD)strDisk.data())->m_nFileHeaderSize;
-    EXPECT_EQ(0, memcmp(strDisk.data() + nHead, m_strFile.data() + nHead, 1 * MIB - nHead));
-    EXPECT_EQ(std::string::npos, strDisk.find_first_not_of('\0', 1 * MIB));
-    EXPECT_EQ(3 * MIB, m_nLoadSize);
-    EXPECT_TRUE(m_tree.Traced("40003098 ChangeFileSize Successfully modified the file size, file path: " +
-                              std::string(p->m_lpszFilePath) + ", file size: 3145728"));
-}
-
 // Growing saves the image first with a forced pass (head and maps, no clean
 // block), adds no zeros, and writes the head with the new size once more.
 TEST_F(MemoryStorageFile, GrowingToTheSameSizeWritesNoBlockAndStillRemakes)

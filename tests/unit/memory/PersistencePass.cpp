@@ -244,37 +244,6 @@ TEST_F(PersistencePass, IndexMapWithTooManyEntriesOrABadBlockMarkIsRefused)
     EXPECT_EQ(ts, m_db.CommittedOnDisk());
 }
 
-TEST_F(PersistencePass, BlockNewerThanTheSavePointStaysMarkedAndHoldsTheCommit)
-{
-    long long ts = m_db.BeginTransaction();
-    m_db.ChangeRow(2, 4, 0, 41, ts);
-    m_db.ChangeRow(3, 4, 0, 42, ts);
-    m_db.EndTransaction(ts);
-    // The next transaction is under way in the same blocks: not committed.
-    m_db.ChangeRow(2, 4, 1, 43, ts + 1);
-    m_db.ChangeRow(3, 4, 1, 44, ts + 1);
-    long long nCommitted = m_db.CommittedOnDisk();
-    std::string strBefore = ReadWholeFile(m_db.PathOf(2));
-    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_PENDING, m_db.Pass());
-    EXPECT_EQ(nCommitted, m_db.CommittedOnDisk());
-    long long nBlock = m_db.BlockOffset(2, 4);
-    EXPECT_TRUE(Slice(strBefore, nBlock, 4096) == Slice(ReadWholeFile(m_db.PathOf(2)), nBlock, 4096));
-    EXPECT_EQ(1, Val(((LPBLOCKHEAD)(m_db.Image(2) + nBlock))->m_bSaveFlag));
-    // The index block went out as it stood; its file asks for another pass.
-    long long nIndexBlock = m_db.BlockOffset(3, 4);
-    int nIndexSize = ((LPBLOCKHEAD)(m_db.Image(3) + nIndexBlock))->m_nBlockSize;
-    EXPECT_EQ(0, Val(((LPBLOCKHEAD)(m_db.Image(3) + nIndexBlock))->m_bSaveFlag));
-    EXPECT_TRUE(Slice(ReadWholeFile(m_db.PathOf(3)), nIndexBlock, nIndexSize) ==
-                std::string((const char*)m_db.Image(3) + nIndexBlock, (size_t)nIndexSize));
-    EXPECT_EQ(1, Val(m_db.FileHead(3)->m_bSaveFlag));
-    EXPECT_EQ(1, Val(m_db.Head()->m_bSaveFlag));
-    // Once it commits, the next pass writes it whole.
-    m_db.EndTransaction(ts + 1);
-    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    EXPECT_EQ(ts + 1, m_db.CommittedOnDisk());
-    EXPECT_EQ(0, m_db.CheckDisk(ts + 1).m_nViolations);
-}
-
 TEST_F(PersistencePass, EngineSnapshotIsUsedAndNothingToSaveStillSavesTheMarkedBlocks)
 {
     // "Nothing to save" for every file while a block is marked: the pass
@@ -308,23 +277,6 @@ TEST_F(PersistencePass, EngineSnapshotIsUsedAndNothingToSaveStillSavesTheMarkedB
     EXPECT_TRUE(m_db.m_tree.Traced("40002050"));
 }
 
-TEST_F(PersistencePass, LostEngineIsMarkedAndTheImageIsSavedDirectly)
-{
-    LPSTORAGEMEMHEAD lpChannel = m_db.Module().m_pFlashback->GetStorageMemHead();
-    lpChannel->m_bService = 1;  // says it runs, never answers
-    lpChannel->m_nCycleTime = 1;
-    long long ts = m_db.BeginTransaction();
-    m_db.ChangeRow(2, 2, 0, 12, ts);
-    m_db.EndTransaction(ts);
-    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    EXPECT_EQ(2, Val(lpChannel->m_bService));
-    EXPECT_EQ(PEERRESULT_TIMEOUT, Val(lpChannel->m_nResult));
-    EXPECT_EQ(0, Val(lpChannel->m_bCommandType));
-    EXPECT_TRUE(m_db.m_tree.Traced("50002001"));
-    EXPECT_EQ(ts, m_db.CommittedOnDisk());
-    EXPECT_EQ(0, m_db.CheckDisk(ts).m_nViolations);
-}
-
 // An engine that answers with an error code: the failure is traced and the
 // pass saves from the image, so the commit still covers the change.
 TEST_F(PersistencePass, EngineErrorAnswerIsTracedAndTheImageIsSaved)
@@ -342,9 +294,10 @@ TEST_F(PersistencePass, EngineErrorAnswerIsTracedAndTheImageIsSaved)
     EXPECT_EQ(0, m_db.CheckDisk(ts).m_nViolations);
 }
 
-// Once the engine is declared lost, later passes do not ask it again, so
-// they do not wait out the answer time a second time.
-TEST_F(PersistencePass, LostEngineIsNotAskedAgain)
+// An engine that says it runs and never answers is declared lost and the
+// image saved directly; later passes do not ask it again, so they do not
+// wait out the answer time a second time.
+TEST_F(PersistencePass, LostEngineIsMarkedSavedAroundAndNotAskedAgain)
 {
     LPSTORAGEMEMHEAD lpChannel = m_db.Module().m_pFlashback->GetStorageMemHead();
     lpChannel->m_bService = 1;
@@ -354,6 +307,11 @@ TEST_F(PersistencePass, LostEngineIsNotAskedAgain)
     m_db.EndTransaction(ts);
     EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
     ASSERT_EQ(2, Val(lpChannel->m_bService));
+    EXPECT_EQ(PEERRESULT_TIMEOUT, Val(lpChannel->m_nResult));
+    EXPECT_EQ(0, Val(lpChannel->m_bCommandType));
+    EXPECT_TRUE(m_db.m_tree.Traced("50002001"));
+    EXPECT_EQ(ts, m_db.CommittedOnDisk());
+    EXPECT_EQ(0, m_db.CheckDisk(ts).m_nViolations);
     lpChannel->m_nResult = 0;
     long long ts2 = m_db.BeginTransaction();
     m_db.ChangeRow(2, 2, 1, 13, ts2);

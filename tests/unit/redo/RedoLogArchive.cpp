@@ -55,37 +55,6 @@ MF_REDOLOGFILEHEAD HeadOf(const std::string& s)
 
 } // namespace
 
-TEST_F(RedoArchive, EveryLogReachesTheWritableDestinationWhenTheOtherFails)
-{
-    MakeRing(8192);
-    ASSERT_TRUE(WriteWholeFile(m_strDir + "blocker", "x\n"));
-    m_pHead->m_nTalvorArchiveType = 1;
-    snprintf(m_pHead->m_lpArchiveDesPath, sizeof(m_pHead->m_lpArchiveDesPath), "%sA;%sblocker/B", m_strDir.c_str(),
-             m_strDir.c_str());
-    ASSERT_TRUE(InitRedo());
-    SealThreeLogs();
-    RunArchiver();
-    std::string strJoined;
-    for (int nLog = 1; nLog <= 3; nLog++) {
-        std::string strCopy = ReadWholeFile(m_strDir + "A/ArchiveLog/Log" + std::to_string(nLog) + ".log");
-        MF_REDOLOGFILEHEAD h = HeadOf(strCopy);
-        EXPECT_EQ((UINT)nLog, +h.m_nSequenceNO);
-        EXPECT_EQ(REDOGROUP_ARCHIVED, +h.m_bState) << "the copy carries the archived mark";
-        ASSERT_EQ((size_t)+h.m_nEffectiveSize, strCopy.size());
-        // Byte for byte the group's log behind the head.
-        std::string strGroup = GroupFile(nLog - 1);
-        EXPECT_TRUE(strCopy.substr(REDOLOGFILE_HEAD_SIZE) ==
-                    strGroup.substr(REDOLOGFILE_HEAD_SIZE, h.m_nEffectiveSize - REDOLOGFILE_HEAD_SIZE));
-        EXPECT_EQ(REDOGROUP_ARCHIVED, HeadOf(strGroup).m_bState);
-        EXPECT_EQ(REDOGROUP_ARCHIVED, m_pRedo->GetGroup(nLog - 1)->m_bState);
-        strJoined += strCopy.substr(REDOLOGFILE_HEAD_SIZE);
-    }
-    EXPECT_TRUE(strJoined == m_strStream);
-    EXPECT_EQ(3, +Ring()->m_nLogArchiveNo);
-    struct stat st;
-    EXPECT_NE(0, stat((m_strDir + "blocker/B/ArchiveLog/Log1.log").c_str(), &st));
-}
-
 TEST_F(RedoArchive, NoCopyWhenArchivingIsOffOrOnNodeTypeThree)
 {
     for (int nCase = 0; nCase < 2; nCase++) {

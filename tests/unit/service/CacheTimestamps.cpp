@@ -81,21 +81,3 @@ TEST_F(CacheTimestamps, IndexStampAlwaysWritesItsArrayAndAHoldKeepsBothInMemory)
         (nFlag == 0 ? m_db.Head()->m_bForbidSaveFlag : lpCmd->m_bForbidSaveFlag) = 0;
     }
 }
-
-// The flush pipelines reach the module only through the bridge: a stamp
-// handed to it lands in the system file, and a file is found by its number.
-TEST_F(CacheTimestamps, TheFlushPipelinesBridgeReachesTheWritersAndTheFiles)
-{
-    CStorageCacheBridge bridge(&m_db.Module());
-    ITalvorCacheModule& module = bridge;
-    ASSERT_EQ(S_OK, module.WriteCacheTableTimestamp(nullptr, 4321, nullptr, 0));
-    EXPECT_EQ(4321, DiskStamp(SYSTEMFILE_CACHETABLETS_OFFSET));
-    ASSERT_EQ(S_OK, module.WriteCacheIndexTimestamp(nullptr, 8765, nullptr, 0));
-    EXPECT_EQ(8765, DiskStamp(SYSTEMFILE_CACHEINDEXTS_OFFSET));
-    ASSERT_NE(nullptr, module.FileOf(2));
-    EXPECT_EQ(2, Val(module.FileOf(2)->m_bFileNo));
-    EXPECT_EQ(nullptr, module.FileOf(200));
-    EXPECT_EQ(m_db.Module().GetFlashback(), module.Flashback());
-    m_db.Head()->m_bOpenFileUseBuffer = 1;
-    EXPECT_EQ(1, module.OpenFileUseBuffer());
-}

@@ -242,74 +242,6 @@ TEST_F(ClusterCommands, WithEverySlotBusyAnAddReportsNoSlot)
     EXPECT_TRUE(WaitForNoStandby(10000));
 }
 
-TEST_F(ClusterCommands, AFullBackupHoldsEveryFileAsItStandsOnDisk)
-{
-    std::mt19937 rng(11);
-    m_db.RandomChanges(200, rng);
-    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    // Changes the pass before the backup takes in.
-    m_db.RandomChanges(50, rng);
-    const long long nTimestamp = m_db.Head()->m_nEndTimestamp;
-    m_lpCmd->m_nTimestamp = nTimestamp;
-    m_lpCmd->m_nLogNo = 7;
-    m_lpCmd->m_nLogPos = 4242;
-    m_lpCmd->m_ulLocalIP = 0x0A000001;
-    m_lpCmd->m_bAbort = 0;
-    ASSERT_EQ(S_OK, Run(CLUSTERCMD_FULLBACKUP));
-    EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
-    EXPECT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult));
-    EXPECT_EQ(0, Val(m_lpCmd->m_bForbidSaveFlag));
-    EXPECT_EQ(0, Val(m_db.Head()->m_bForbidSaveFlag));
-    EXPECT_EQ(nTimestamp, Val(m_lpChannel->m_nBackupTimestamp));
-    EXPECT_EQ(PROGRESS_IDLE, Val(m_lpChannel->m_TalvorProgress.m_nStatus));
-    EXPECT_EQ(nTimestamp, m_db.CommittedOnDisk());
-
-    std::string strBackup = ReadWholeFile(BackupPath(nTimestamp));
-    ASSERT_GE(strBackup.size(), (size_t)BACKUP_HEAD_ALIGN);
-    const BACKUPFILEHEAD* lpHead = (const BACKUPFILEHEAD*)strBackup.data();
-    EXPECT_EQ(BACKUP_VERSION, Val(lpHead->m_nVersion));
-    EXPECT_EQ(0, memcmp(strBackup.data() + 4, "BKDA", 4));
-    EXPECT_EQ(BackupHeadSize(4), Val(lpHead->m_nHeadSize));
-    EXPECT_STREQ("Talvor", lpHead->m_pDataFlag);
-    EXPECT_EQ(nTimestamp, Val(lpHead->m_nTimestamp));
-    EXPECT_EQ(0, Val(lpHead->m_nReferTimestamp));
-    EXPECT_EQ(7, Val(lpHead->m_nLogNo));
-    EXPECT_EQ(4242, Val(lpHead->m_nLogPos));
-    EXPECT_EQ(Val(m_db.Head()->m_usDatabaseGuid), Val(lpHead->m_usDataBaseGuid));
-    EXPECT_EQ(BACKUPLEVEL_FULL, Val(lpHead->m_bLevel));
-    EXPECT_EQ(0x0A000001u, Val(lpHead->m_ulHostIP));
-    EXPECT_EQ(4, Val(lpHead->m_nFileNum));
-    // The time of the backup is now, in 100 ns units since 1601.
-    unsigned long long nTicks = ((unsigned long long)Val(lpHead->m_ftBackupTime.dwHighDateTime) << 32) |
-                                Val(lpHead->m_ftBackupTime.dwLowDateTime);
-    long long nSeconds = (long long)(nTicks / 10000000ULL) - 11644473600LL;
-    EXPECT_LE(std::llabs(nSeconds - (long long)time(nullptr)), 5);
-
-    long long nPosition = BackupHeadSize(4);
-    for (int i = 0; i < 4; i++) {
-        SCOPED_TRACE(i);
-        const STRUCT_BACKUP_FILEINFO& r = lpHead->m_stBackupFileInfo[i];
-        int nFileNo = i + 1;
-        std::string strFile = ReadWholeFile(m_db.PathOf(nFileNo));
-        // The system head keeps the end of its used part where a file head
-        // does.
-        long long nUsed = Val(m_db.FileHead(nFileNo)->m_nFileFreeMemoryOffset);
-        EXPECT_EQ(nFileNo, Val(r.m_bFileNo));
-        EXPECT_EQ(nFileNo, Val(r.m_bFileType));
-        EXPECT_EQ((long long)strFile.size(), Val(r.m_nFileSize));
-        EXPECT_EQ(nUsed, Val(r.m_nFileFreeMemoryOffset));
-        EXPECT_STREQ(m_db.PathOf(nFileNo).c_str(), r.m_lpszFilePath);
-        EXPECT_EQ(nPosition, Val(r.m_nDataStartOffset));
-        EXPECT_EQ(nPosition + nUsed, Val(r.m_nDataEndOffset));
-        ASSERT_LE((size_t)(nPosition + nUsed), strBackup.size());
-        EXPECT_TRUE(strBackup.compare((size_t)nPosition, (size_t)nUsed, strFile, 0, (size_t)nUsed) == 0)
-            << "file " << nFileNo << " differs from its copy";
-        nPosition += nUsed;
-    }
-    // No padding after the last file: the backup ends where its data ends.
-    EXPECT_EQ((size_t)nPosition, strBackup.size());
-}
-
 TEST_F(ClusterCommands, AnAbortedBackupLeavesNoFileAndTheArchiverIsNotTold)
 {
     // An abort before the first piece, after the placeholder head, and
@@ -337,7 +269,9 @@ TEST_F(ClusterCommands, AnAbortedBackupLeavesNoFileAndTheArchiverIsNotTold)
     }
 }
 
-TEST_F(ClusterCommands, ABackupIsWrittenOnlyUnderAnAbsoluteFirstDestinationOfItsLength)
+// Where a backup goes with two destinations, and the replacement of one of
+// the same timestamp, run end to end (BackupFull).
+TEST_F(ClusterCommands, ABackupIsRefusedWithoutAnAbsoluteFirstDestinationOfItsLength)
 {
     const std::string strRoot = m_db.m_tree.Dir();
     const std::string arRefused[] = {
@@ -358,54 +292,6 @@ TEST_F(ClusterCommands, ABackupIsWrittenOnlyUnderAnAbsoluteFirstDestinationOfIts
         EXPECT_FALSE(PathExists(strRoot + "Second"));
     }
     EXPECT_NE(std::string::npos, m_db.m_tree.Trace().find("The first archive destination cannot hold backups"));
-    // Two destinations: the first, with its "/" added, holds the backup;
-    // an older one of the same name is replaced.
-    SetArchivePath(m_strArchive + ";" + strRoot + "Second");
-    MakeDir(BackupPath(6001).c_str());
-    ASSERT_TRUE(WriteWholeFile(BackupPath(6001), std::string(100, 'x')));
-    m_lpCmd->m_nTimestamp = 6001;
-    ASSERT_EQ(S_OK, Run(CLUSTERCMD_FULLBACKUP));
-    EXPECT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult));
-    std::string strBackup = ReadWholeFile(BackupPath(6001));
-    ASSERT_GE(strBackup.size(), sizeof(BACKUPFILEHEAD));
-    EXPECT_EQ(6001, Val(((const BACKUPFILEHEAD*)strBackup.data())->m_nTimestamp));
-    EXPECT_FALSE(PathExists(strRoot + "Second/Backup"));
-}
-
-TEST_F(ClusterCommands, ClearingRemovesEveryFileAndAFailedRebuildLeavesNoHeadAndItsFlagUp)
-{
-    snprintf(m_db.Module().m_cConfigPath, sizeof(m_db.Module().m_cConfigPath), "%s", m_db.m_tree.IniPath().c_str());
-    ASSERT_EQ(S_OK, Run(CLUSTERCMD_CLEARRESOURCE, 0));
-    EXPECT_EQ(CLUSTERCMD_NONE, Val(m_lpCmd->m_bCommandType));
-    // Held off from here: nothing released may be touched.
-    EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
-    EXPECT_EQ(PROGRESS_RUNNING, Val(m_lpChannel->m_TalvorProgress.m_nStatus));
-    EXPECT_EQ(nullptr, m_db.Head());
-    std::string strTrace = m_db.m_tree.Trace();
-    for (int n = 1; n <= 4; n++) {
-        SCOPED_TRACE(n);
-        EXPECT_FALSE(PathExists(m_db.PathOf(n)));
-        EXPECT_EQ(nullptr, m_db.Module().m_arFileInfo[n]);
-        EXPECT_EQ(1u, Count(strTrace, "Removed the database file: " + m_db.PathOf(n))) << strTrace;
-    }
-    EXPECT_EQ(nullptr, m_db.Module().m_pStorageInfo);
-    // Nothing to back up, and a backup says so.
-    m_lpCmd->m_nTimestamp = 7000;
-    ASSERT_EQ(S_OK, Run(CLUSTERCMD_FULLBACKUP, 1));
-    EXPECT_EQ(CLUSTERRESULT_FAILED, Val(m_lpCmd->m_bResult));
-    EXPECT_FALSE(PathExists(BackupPath(7000)));
-    // A rebuild with no system file on disk fails: no head, and the flag
-    // of the command stays up.
-    ASSERT_EQ(S_OK, Run(CLUSTERCMD_REBUILDRESOURCE, 1));
-    EXPECT_EQ(CLUSTERCMD_NONE, Val(m_lpCmd->m_bCommandType));
-    EXPECT_EQ(nullptr, m_db.Head());
-    EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
-    EXPECT_EQ(nullptr, m_db.Module().m_lpSystemFileInfo);
-    EXPECT_NE(std::string::npos, m_db.m_tree.Trace().find("The rebuild failed: no database is open"));
-    // Clearing again with nothing up is harmless.
-    ASSERT_EQ(S_OK, Run(CLUSTERCMD_CLEARRESOURCE, 1));
-    EXPECT_EQ(CLUSTERCMD_NONE, Val(m_lpCmd->m_bCommandType));
-    EXPECT_EQ(nullptr, m_db.Head());
 }
 
 TEST_F(ClusterCommands, AWriteThatFailsAnywhereInABackupLeavesNoFile)

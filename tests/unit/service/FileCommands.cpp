@@ -320,6 +320,9 @@ TEST_F(FileCommands, RefusedMovesLeaveTheFileWhereItIs)
     ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
     EXPECT_EQ(FILECMD_PATHTAKEN, Val(lpTaken->m_bFileCMD));
     EXPECT_STREQ(m_db.PathOf(3).c_str(), m_db.File(3)->m_lpszFilePath);
+    // A second walk leaves the answer: only 1 to 4 are commands.
+    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    EXPECT_EQ(FILECMD_PATHTAKEN, Val(lpTaken->m_bFileCMD));
     snprintf(lpTaken->m_lpszFilePath, sizeof(lpTaken->m_lpszFilePath), "%s", m_db.PathOf(3).c_str());
     lpTaken->m_bFileCMD = FILECMD_MOVE;
     ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
@@ -356,42 +359,6 @@ TEST_F(FileCommands, AFailedMoveRemovesTheHalfCopy)
     m_db.RandomChanges(50, rng);
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
     EXPECT_EQ(0, m_db.CheckDisk(m_db.CommittedOnDisk()).m_nViolations);
-}
-
-// A resize grows the file and its image; a smaller size is refused and
-// changes nothing; a segment that outlived the process after a resize
-// does not fail the next start.
-TEST_F(FileCommands, AResizeGrowsAndASmallerSizeIsRefused)
-{
-    std::mt19937 rng(3);
-    m_db.RandomChanges(100, rng);
-    LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_RESIZE, 4, 0, "", "", 8 * DB_MIB});
-    Serve();
-    EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
-    EXPECT_EQ(8 * DB_MIB, FileSizeOf(m_db.PathOf(4)));
-    EXPECT_EQ(8 * DB_MIB, Val(m_db.File(4)->m_liFileSize));
-    EXPECT_EQ(8 * DB_MIB, Val(m_db.FileHead(4)->m_nFileTotalSize));
-    EXPECT_EQ(8 * DB_MIB, Val(DiskRow(4).m_nFileSize));
-
-    const std::string strBefore = ReadWholeFile(m_db.PathOf(4));
-    const long long nHeadSize = m_db.FileHead(4)->m_nFileTotalSize;
-    lpRow = Ask({FILECMD_RESIZE, 4, 0, "", "", 6 * DB_MIB});
-    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
-    EXPECT_EQ(FILECMD_RESIZE_FAILED, Val(lpRow->m_bFileCMD));
-    EXPECT_EQ(strBefore, ReadWholeFile(m_db.PathOf(4)));
-    EXPECT_EQ(nHeadSize, Val(m_db.FileHead(4)->m_nFileTotalSize));
-    EXPECT_EQ(8 * DB_MIB, Val(m_db.File(4)->m_liFileSize));
-    lpRow->m_nFileSize = 8 * DB_MIB;
-    lpRow->m_bFileCMD = 0;
-    MarkListChanged();
-    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    long long nCommitted = m_db.CommittedOnDisk();
-    EXPECT_EQ(0, m_db.CheckDisk(nCommitted).m_nViolations);
-
-    // The process dies: the grown images stay behind for the next start.
-    KillStop();
-    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
-    EXPECT_EQ(8 * DB_MIB, Val(m_db.File(4)->m_liFileSize));
 }
 
 // A resize whose growth fails leaves the file, its head and its image as

@@ -3,7 +3,9 @@
 // one that does not end keeps its images, buffers and channel; two passes
 // never run together; a clock that jumps back does not hold the pass up,
 // and a pass that found a block ahead of its timestamp is tried again soon,
-// fifty times at most.
+// fifty times at most; a file command is answered before the pass after
+// it, and the forbid flags hold all off but a cluster command. Passes on
+// command and at the interval run end to end (the persistence test).
 #include "PersistenceDb.h"
 #include "TestClock.h"
 #include "TestFiles.h"
@@ -233,4 +235,60 @@ TEST_F(ServiceStop, QuickRetriesOfAHeldBackPassStopAfterFifty)
     EXPECT_TRUE(WaitUntil([&] { return nPasses.load() > nBefore; }, 5000)) << "the interval's pass did not run";
     m_io.AfterCall(FileOp::FDataSync, nullptr);
     EXPECT_NE(ts, m_db.CommittedOnDisk());
+}
+
+TEST(StorageThreadInterval, OutOfRangeGivesThreeSeconds)
+{
+    EXPECT_EQ(3, TalvorPersistenceIntervalSeconds(0));
+    EXPECT_EQ(3, TalvorPersistenceIntervalSeconds(301));
+    EXPECT_EQ(3, TalvorPersistenceIntervalSeconds(-5));
+    EXPECT_EQ(300, TalvorPersistenceIntervalSeconds(300));
+    EXPECT_EQ(1, TalvorPersistenceIntervalSeconds(1));
+}
+
+TEST_F(ServiceStop, AFileCommandIsAnsweredWith32BeforeThePassThatFollows)
+{
+    StartThread(300);
+    Change(2, 6);
+    // What m_bStorageCMD says at the first write of the pass to a file of
+    // the database. Static: the storage thread may still be in the layer's
+    // call when the test ends.
+    static std::atomic<int> s_nFirst;
+    s_nFirst = -1;
+    LPSYSTEMFILEHEAD lpHead = m_db.Head();
+    m_io.OnCall(FileOp::PWrite, [lpHead](const FileCall& call) {
+        int nUnseen = -1;
+        if (call.m_strPath.find(".dbf") != std::string::npos)
+            s_nFirst.compare_exchange_strong(nUnseen, TalvorLoadShared(&lpHead->m_bStorageCMD));
+    });
+    TalvorStoreShared(&m_db.Head()->m_bStorageCMD, 1);
+    ASSERT_TRUE(WaitUntil(
+        [&] { return TalvorLoadShared(&m_db.Head()->m_nBeginTimestamp) == m_db.Head()->m_nEndTimestamp; }, 5000));
+    m_io.OnCall(FileOp::PWrite, nullptr);
+    EXPECT_EQ(32, s_nFirst.load());
+}
+
+TEST_F(ServiceStop, ForbidFlagsHoldEverythingOffButAClusterCommand)
+{
+    StartThread(1);
+    Change(2, 7);
+    TalvorStoreShared(&m_db.Head()->m_bForbidSaveFlag, 1);
+    TalvorStoreShared(&m_db.Head()->m_bStorageCMD, 2);
+    usleep(1500000);  // longer than the interval
+    EXPECT_EQ(2, TalvorLoadShared(&m_db.Head()->m_bStorageCMD));
+    EXPECT_NE(+m_db.Head()->m_nEndTimestamp, TalvorLoadShared(&m_db.Head()->m_nBeginTimestamp));
+
+    // The same through the command record; a cluster command still runs,
+    // and its end clears both flags.
+    LPTALVORCOMMAND lpCmd = m_db.Module().m_pFlashback->GetClusterCommand();
+    TalvorStoreShared(&m_db.Head()->m_bForbidSaveFlag, 0);
+    TalvorStoreShared(&lpCmd->m_bForbidSaveFlag, 1);
+    usleep(100000);
+    EXPECT_EQ(2, TalvorLoadShared(&m_db.Head()->m_bStorageCMD));
+    TalvorStoreShared(&lpCmd->m_bCommandType, 40);
+    ASSERT_TRUE(WaitUntil([&] { return TalvorLoadShared(&lpCmd->m_bCommandType) == 1; }, 2000));
+    EXPECT_EQ(1, TalvorLoadShared(&lpCmd->m_bResult));
+    EXPECT_EQ(0, TalvorLoadShared(&lpCmd->m_bForbidSaveFlag));
+    ASSERT_TRUE(WaitUntil([&] { return TalvorLoadShared(&m_db.Head()->m_bStorageCMD) == 32; }, 5000));
+    EXPECT_EQ(+m_db.Head()->m_nEndTimestamp, TalvorLoadShared(&m_db.Head()->m_nBeginTimestamp));
 }

@@ -176,21 +176,6 @@ TEST_F(SystemFileList, RowsPastOneBlockAreAllRead)
     for (BYTE n = 2; n <= 7; n++) EXPECT_TRUE(SegmentExists(n)) << int(n);
 }
 
-TEST_F(SystemFileList, RecordSizeOtherThan348StopsTheStartBeforeAnyLoad)
-{
-    std::vector<RowPlan> vPlans = {{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE}};
-    for (BYTE n = 2; n <= 5; n++) vPlans.push_back({n, FILETYPE_DATA, 1 * MIB});
-    std::string strSystem = MakeDatabase(vPlans, 1024);
-    BlockOf(strSystem, 2)->m_nBlockDataStructSize = 340;  // the free chain's block
-    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
-    EXPECT_EQ(E_FAIL, Start());
-    for (BYTE n = 2; n <= 5; n++) EXPECT_FALSE(SegmentExists(n));
-    std::string strTrace = m_tree.Trace();
-    EXPECT_NE(std::string::npos, strTrace.find("10030002 LoadMemDBFileData The structure size of data block has "
-                                               "changed.  current system value: 348, recorded value: 340"));
-    EXPECT_NE(std::string::npos, strTrace.find("10020021 InitSysEnvironment Failed to load memory file data in system file"));
-}
-
 TEST_F(SystemFileList, BlockOfAnotherObjectStopsTheStart)
 {
     std::string strSystem = MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE}, {2, FILETYPE_DATA, 1 * MIB}},
