@@ -29,20 +29,6 @@ long long FileTimeNow()
     return ((long long)tv.tv_sec + FILETIME_UNIX_EPOCH_SECONDS) * FILETIME_TICKS_PER_SECOND + tv.tv_usec * 10LL;
 }
 
-// Data in Data2.dbf from its used end to nUsedMib MiB, the free offset moved
-// there: the copy then spans several work buffers. The bytes depend on the
-// offset and are never 0, so a shifted or missing piece shows.
-void FillDataFile(const std::string& strPath, long long nUsedMib)
-{
-    std::string strFile = ReadWholeFile(strPath);
-    ASSERT_GT((long long)strFile.size(), nUsedMib * E2E_MIB);
-    LPBASEFILEHEAD lpHead = (LPBASEFILEHEAD)&strFile[0];
-    for (long long i = lpHead->m_nFileFreeMemoryOffset; i < nUsedMib * E2E_MIB; i++)
-        strFile[(size_t)i] = (char)((((i * 131) >> 9) + (i >> 17) + 3) | 1);
-    lpHead->m_nFileFreeMemoryOffset = nUsedMib * E2E_MIB;
-    ASSERT_TRUE(WriteWholeFile(strPath, strFile));
-}
-
 class BackupFull : public RunningDaemon {
 protected:
     std::string Des(const std::string& strName) const { return m_box.Root() + "/" + strName + "/"; }
@@ -55,14 +41,13 @@ protected:
         ASSERT_TRUE(m_box.Ok());
         ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(),
                             {"--data-file", std::to_string(nDataMib), "--btree-file", "4", "--kv-file", "4"}));
-        FillDataFile(Path("Data2.dbf"), nUsedMib);
+        FillDataFile(Path("Data2.dbf"), nUsedMib * E2E_MIB);
         // No periodic pass during the test: what the stand-in commits after
         // the backup's own pass stays off the disk until the stop.
         WriteDbIni(m_box, m_box.DataDir(),
                    "persistenceintervals=300\r\narchivetype=1\r\narchivedespath=" + strDestinations + "\r\n");
-        m_pid = m_box.StartDaemon();
-        ASSERT_GT(m_pid, 0);
-        ASSERT_TRUE(WaitReady(m_box)) << m_box.ReadDaemonTrace();
+        m_pid = m_box.StartServing();
+        ASSERT_GT(m_pid, 0) << m_box.ReadDaemonTrace();
     }
 };
 

@@ -24,13 +24,6 @@ const int PEER_RUN_TIMEOUT_MS = 120000;
 const int SMALL_CACHE_MIB = 64;
 const int BUFFERED_CACHE_MIB = 300;
 
-// An ini that runs the database with a cache of nCacheMiB.
-inline void WriteCacheIni(DaemonSandbox& box, int nCacheMiB = SMALL_CACHE_MIB)
-{
-    box.WriteIni("[System]\r\ndatabasepath=" + box.DataDir() + "\r\nLanguage=0\r\nbuffercachesize=" +
-                 std::to_string(nCacheMiB) + "\r\nundoareasize=16\r\npersistenceintervals=3\r\n");
-}
-
 // The stand-in's lines, by kind.
 struct PeerFlushLine {
     int nFile = 0;
@@ -143,12 +136,9 @@ inline pid_t StartCacheDb(DaemonSandbox& box, const std::vector<std::string>& vF
         ADD_FAILURE() << strOut;
         return -1;
     }
-    WriteCacheIni(box, nCacheMiB);
-    pid_t pid = box.StartDaemon();
-    if (pid <= 0 || !WaitReady(box)) {
-        ADD_FAILURE() << box.ReadDaemonTrace();
-        return -1;
-    }
+    WriteDbIni(box, box.DataDir(), "", nCacheMiB);
+    pid_t pid = box.StartServing();
+    if (pid <= 0) ADD_FAILURE() << box.ReadDaemonTrace();
     return pid;
 }
 
@@ -219,17 +209,10 @@ inline long long SystemTimestamp(DaemonSandbox& box, bool bIndex)
 inline pid_t RestartDaemon(DaemonSandbox& box, std::string* pTrace)
 {
     size_t nBefore = box.ReadDaemonTrace().size();
-    pid_t pid = box.StartDaemon();
-    if (pid <= 0) return -1;
-    bool bReady = WaitUntil(
-        [&] {
-            std::string s = box.ReadDaemonTrace();
-            return s.size() > nBefore && s.find("Talvor storage service started!", nBefore) != std::string::npos;
-        },
-        DAEMON_START_TIMEOUT_MS, TRACE_POLL_MS);
+    pid_t pid = box.StartServing();
     std::string strAll = box.ReadDaemonTrace();
     if (pTrace != nullptr) *pTrace = strAll.size() > nBefore ? strAll.substr(nBefore) : std::string();
-    return bReady ? pid : -1;
+    return pid;
 }
 
 inline bool StopDaemon(DaemonSandbox& box, pid_t pid)

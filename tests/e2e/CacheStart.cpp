@@ -21,13 +21,7 @@ const std::vector<std::string> DB_FILES = {"System.dbf", "Data2.dbf", "Table3.db
 void MakeCacheDb(DaemonSandbox& box)
 {
     ASSERT_EQ(0, MakeDb(box, box.DataDir(), {"--data-file", "8", "--table-file", "4", "--index-file", "4"}));
-    WriteDbIni(box, box.DataDir());
-    // The kit's ini asks for no cache; this one asks for a small one.
-    std::string strIni = ReadWholeFile(box.IniPath());
-    size_t n = strIni.find("buffercachesize=0");
-    ASSERT_NE(std::string::npos, n);
-    strIni.replace(n, strlen("buffercachesize=0"), "buffercachesize=" + std::to_string(CACHE_MIB));
-    box.WriteIni(strIni);
+    WriteDbIni(box, box.DataDir(), "", CACHE_MIB);
 }
 
 // The first nBytes of the daemon's cache; empty when there is none.
@@ -39,13 +33,6 @@ std::string DumpCache(DaemonSandbox& box, long long nBytes)
     std::string strData = ReadWholeFile(strOut);
     unlink(strOut.c_str());
     return strData;
-}
-
-size_t Count(const std::string& strText, const std::string& strWhat)
-{
-    size_t n = 0;
-    for (size_t at = strText.find(strWhat); at != std::string::npos; at = strText.find(strWhat, at + 1)) n++;
-    return n;
 }
 
 // strPage with the 8 bytes at nOffset cleared: the cache-only link of a page.
@@ -118,12 +105,6 @@ bool GrownOnDisk(const std::string& strPath)
     return strHead.size() == sizeof(TABLEFILEHEAD) && Val(((const TABLEFILEHEAD*)strHead.data())->m_nFileTotalSize) == GROWN;
 }
 
-// Waits until the daemon's trace holds strWhat nTimes.
-bool WaitForCount(DaemonSandbox& box, const std::string& strWhat, size_t nTimes)
-{
-    return WaitUntil([&] { return Count(box.ReadDaemonTrace(), strWhat) >= nTimes; }, DAEMON_START_TIMEOUT_MS, 20);
-}
-
 } // namespace
 
 TEST(CacheStart, CacheModeFilesHangInTheCacheAndGrowToTheirReserve)
@@ -132,9 +113,8 @@ TEST(CacheStart, CacheModeFilesHangInTheCacheAndGrowToTheirReserve)
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
     MakeCacheDb(box);
-    pid_t pid = box.StartDaemon();
-    ASSERT_GT(pid, 0);
-    ASSERT_TRUE(WaitReady(box)) << box.ReadDaemonTrace();
+    pid_t pid = box.StartServing();
+    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
 
     std::string strSystem = DumpImage(box, 1);
     ASSERT_GE(strSystem.size(), sizeof(SYSTEMFILEHEAD));
@@ -164,8 +144,8 @@ TEST(CacheStart, CacheModeFilesHangInTheCacheAndGrowToTheirReserve)
     box.Signal(pid, SIGTERM);
     EXPECT_EQ(0, box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS));
     std::string strTrace = box.ReadDaemonTrace();
-    EXPECT_EQ(1u, Count(strTrace, "StorageFlushThread thread closed!")) << strTrace;
-    EXPECT_EQ(1u, Count(strTrace, "StorageIndexFlushThread thread closed!")) << strTrace;
+    EXPECT_EQ(1u, CountOf(strTrace, "StorageFlushThread thread closed!")) << strTrace;
+    EXPECT_EQ(1u, CountOf(strTrace, "StorageIndexFlushThread thread closed!")) << strTrace;
     EXPECT_TRUE(DumpCache(box, PAGE).empty()) << "a normal end leaves no cache";
 }
 
@@ -178,13 +158,11 @@ TEST(CacheStart, AKernelLimitBelowTheCacheRefusesTheStartByName)
     // The limit belongs to the sandbox's IPC namespace alone.
     ASSERT_EQ(0, box.Run({"sh", "-c", "echo 33554432 > /proc/sys/kernel/shmmax"}, 10000));
     std::map<std::string, std::string> mapBefore = Snapshot(box.DataDir(), DB_FILES);
-    pid_t pid = box.StartDaemon();
-    ASSERT_GT(pid, 0);
-    EXPECT_EQ(0, box.WaitExit(pid, DAEMON_START_TIMEOUT_MS));
+    EXPECT_EQ(0, box.RunDaemon());
     std::string strTrace = box.ReadDaemonTrace();
     EXPECT_EQ(std::string::npos, strTrace.find("Talvor storage service started!")) << strTrace;
-    EXPECT_EQ(1u, Count(strTrace, "60001005 Initialize Open memory file failed, error: ")) << strTrace;
-    EXPECT_EQ(1u, Count(strTrace, "file size: " + std::to_string(CACHE_MIB * E2E_MIB))) << strTrace;
+    EXPECT_EQ(1u, CountOf(strTrace, "60001005 Initialize Open memory file failed, error: ")) << strTrace;
+    EXPECT_EQ(1u, CountOf(strTrace, "file size: " + std::to_string(CACHE_MIB * E2E_MIB))) << strTrace;
     EXPECT_TRUE(mapBefore == Snapshot(box.DataDir(), DB_FILES)) << "a refused start writes nothing";
     EXPECT_TRUE(DumpCache(box, PAGE).empty());
 }
@@ -195,9 +173,8 @@ TEST(CacheStart, ACacheAKilledDaemonLeftIsTakenOverWholeAndKeptByAFailedStart)
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
     MakeCacheDb(box);
-    pid_t pid = box.StartDaemon();
-    ASSERT_GT(pid, 0);
-    ASSERT_TRUE(WaitReady(box)) << box.ReadDaemonTrace();
+    pid_t pid = box.StartServing();
+    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
     ASSERT_TRUE(WaitUntil([&] { return GrownOnDisk(box.DataDir() + "Index4.dbf"); }, 60000, 20));
     ASSERT_TRUE(WaitUntil([&] { return GrownOnDisk(box.DataDir() + "Table3.dbf"); }, 60000, 20));
     box.Signal(pid, SIGKILL);
@@ -207,11 +184,10 @@ TEST(CacheStart, ACacheAKilledDaemonLeftIsTakenOverWholeAndKeptByAFailedStart)
     ASSERT_EQ((size_t)(4 * E2E_MIB), strLeft.size());
 
     // Taken over as it stands: no preload, the same chains and load groups.
-    pid = box.StartDaemon();
-    ASSERT_GT(pid, 0);
-    ASSERT_TRUE(WaitForCount(box, "Talvor storage service started!", 2)) << box.ReadDaemonTrace();
+    pid = box.StartServing();
+    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
     std::string strTrace = box.ReadDaemonTrace();
-    EXPECT_EQ(1u, Count(strTrace, "Cache data was found in memory, system automatically skip data loading process!"))
+    EXPECT_EQ(1u, CountOf(strTrace, "Cache data was found in memory, system automatically skip data loading process!"))
         << strTrace;
     std::string strTaken = DumpCache(box, 4 * E2E_MIB);
     EXPECT_TRUE(strLeft.substr(0, (size_t)llHeadArea) == strTaken.substr(0, (size_t)llHeadArea));
@@ -232,12 +208,10 @@ TEST(CacheStart, ACacheAKilledDaemonLeftIsTakenOverWholeAndKeptByAFailedStart)
     memset(&strData[0], 0, 16);
     ASSERT_TRUE(WriteWholeFile(box.DataDir() + "Data2.dbf", strData));
     std::string strBefore = DumpCache(box, 4 * E2E_MIB);
-    pid = box.StartDaemon();
-    ASSERT_GT(pid, 0);
-    EXPECT_EQ(0, box.WaitExit(pid, DAEMON_START_TIMEOUT_MS));
+    EXPECT_EQ(0, box.RunDaemon());
     strTrace = box.ReadDaemonTrace();
-    EXPECT_EQ(2u, Count(strTrace, "Talvor storage service started!")) << "the third start failed\n" << strTrace;
-    EXPECT_EQ(1u, Count(strTrace, "10010008 FreeData The start failed: the shared cache an earlier run left is kept "
+    EXPECT_EQ(2u, CountOf(strTrace, "Talvor storage service started!")) << "the third start failed\n" << strTrace;
+    EXPECT_EQ(1u, CountOf(strTrace, "10010008 FreeData The start failed: the shared cache an earlier run left is kept "
                                   "for the next start"))
         << strTrace;
     std::string strKept = DumpCache(box, 4 * E2E_MIB);

@@ -23,18 +23,6 @@ class ClusterCommands : public RunningDaemon {
 protected:
     void SetUp() override { Start(SMALL_DB, "persistenceintervals=1\r\n"); }
 
-    // The daemon still runs its storage thread: a pass asked through
-    // m_bStorageCMD is answered.
-    void ExpectServing(bool bHeadReady = false)
-    {
-        std::vector<std::string> vCmd = {PeerPath(), "command", "--count", "3", "--code", "2", "--gap-us", "0",
-                                         "--wait-ready-ms", "5000"};
-        if (bHeadReady) vCmd.push_back("--head-ready");
-        std::string strOut;
-        EXPECT_EQ(0, m_box.Run(vCmd, 60000, &strOut)) << strOut << m_box.ReadDaemonTrace();
-        EXPECT_NE(std::string::npos, strOut.find("answered=3")) << strOut;
-    }
-
     // Commits 60 changes through the stand-in and waits until a pass has
     // committed the last on disk; the journal then verifies.
     void ExpectCommitsReachDisk(bool bHeadReady, const std::string& strJournal)

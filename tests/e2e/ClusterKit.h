@@ -171,6 +171,20 @@ inline long long CommittedOnDisk(const std::string& strSystem)
     return ((const SYSTEMFILEHEAD*)strHead.data())->m_nBeginTimestamp;
 }
 
+// The primary's bytes of redo log nLogNo: its copy in the archive
+// strArchive, or else the one of the nGroups groups in strDataDir that
+// holds it; empty when neither does.
+inline std::string PrimaryLog(const std::string& strArchive, const std::string& strDataDir, int nGroups, long long nLogNo)
+{
+    std::string strArchived = ReadWholeFile(strArchive + "ArchiveLog/Log" + std::to_string(nLogNo) + ".log");
+    if (!strArchived.empty()) return strArchived;
+    for (int g = 0; g < nGroups; g++) {
+        std::string strFile = ReadWholeFile(strDataDir + "Redo/Redo" + std::to_string(g) + ".log");
+        if ((long long)RedoHeadOf(strFile).m_nSequenceNO == nLogNo) return strFile;
+    }
+    return std::string();
+}
+
 // A daemon on a database made by talvor-mkdb (strMkdbArgs), ini extras
 // strIni; started and ready in SetUp, stopped in TearDown.
 class RunningDaemon : public ::testing::Test {
@@ -182,9 +196,8 @@ protected:
         ASSERT_TRUE(m_box.Ok());
         ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), vMkdb));
         WriteDbIni(m_box, m_box.DataDir(), strIni);
-        m_pid = m_box.StartDaemon();
-        ASSERT_GT(m_pid, 0);
-        ASSERT_TRUE(WaitReady(m_box)) << m_box.ReadDaemonTrace();
+        m_pid = m_box.StartServing();
+        ASSERT_GT(m_pid, 0) << m_box.ReadDaemonTrace();
     }
     void TearDown() override
     {
@@ -193,6 +206,18 @@ protected:
         EXPECT_EQ(0, m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS)) << m_box.ReadDaemonTrace();
     }
     std::string Path(const std::string& strName) const { return m_box.DataDir() + strName; }
+
+    // The daemon still runs its storage thread: a pass asked through
+    // m_bStorageCMD is answered.
+    void ExpectServing(bool bHeadReady = false)
+    {
+        std::vector<std::string> vCmd = {PeerPath(), "command", "--count", "3", "--code", "2", "--gap-us", "0",
+                                         "--wait-ready-ms", "5000"};
+        if (bHeadReady) vCmd.push_back("--head-ready");
+        std::string strOut;
+        EXPECT_EQ(0, m_box.Run(vCmd, 60000, &strOut)) << strOut << m_box.ReadDaemonTrace();
+        EXPECT_NE(std::string::npos, strOut.find("answered=3")) << strOut;
+    }
 
     DaemonSandbox m_box;
     pid_t m_pid = -1;

@@ -58,12 +58,8 @@ protected:
     // serves.
     pid_t StartServing(const std::string& strTestCrash)
     {
-        std::vector<std::string> args;
-        if (!strTestCrash.empty()) args = {"env", "TALVOR_TEST_CRASH=" + strTestCrash};
-        args.push_back(m_box.BinDir() + "TalvorStorage");
-        pid_t pid = m_box.Spawn(args, "daemon");
-        EXPECT_GT(pid, 0);
-        EXPECT_TRUE(m_box.WaitForTrace("Talvor storage service started!", START_TIMEOUT_MS)) << m_box.ReadDaemonTrace();
+        pid_t pid = m_box.StartServing(strTestCrash);
+        EXPECT_GT(pid, 0) << m_box.ReadDaemonTrace();
         return pid;
     }
 

@@ -10,25 +10,6 @@
 
 using namespace talvortest;
 
-namespace {
-
-// Moves Data2.dbf's free offset to 12 MiB with data below it, and puts
-// bytes from 16 MiB on that a load must never read: the piece at 8 MiB
-// begins below the free offset and is read whole, the one at 16 MiB is not.
-void FillDataFile(const std::string& strPath)
-{
-    std::string strFile = ReadWholeFile(strPath);
-    ASSERT_EQ((size_t)(20 * E2E_MIB), strFile.size());
-    LPBASEFILEHEAD lpHead = (LPBASEFILEHEAD)&strFile[0];
-    long long nUsed = lpHead->m_nFileFreeMemoryOffset;
-    for (long long i = nUsed; i < 12 * E2E_MIB; i++) strFile[(size_t)i] = (char)((i * 7 >> 8) | 1);
-    for (long long i = 16 * E2E_MIB; i < 20 * E2E_MIB; i++) strFile[(size_t)i] = (char)0xA5;
-    lpHead->m_nFileFreeMemoryOffset = 12 * E2E_MIB;
-    ASSERT_TRUE(WriteWholeFile(strPath, strFile));
-}
-
-} // namespace
-
 TEST(DatabaseLoad, MadeDatabaseLoadsEveryImageAsItsFileAndStopsClean)
 {
     ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
@@ -38,12 +19,15 @@ TEST(DatabaseLoad, MadeDatabaseLoadsEveryImageAsItsFileAndStopsClean)
     ASSERT_EQ(0, MakeDb(box, box.DataDir(), {"--name", "E2E", "--data-file", "20", "--btree-file", "4", "--kv-file", "8"},
                         &strMade));
     EXPECT_NE(std::string::npos, strMade.find("Data2.dbf")) << strMade;
-    FillDataFile(box.DataDir() + "Data2.dbf");
+    // Data below 12 MiB, and from 16 MiB on bytes no load may read: the
+    // piece at 8 MiB begins below the free offset and is read whole, the one
+    // at 16 MiB is not.
+    ASSERT_EQ((long long)(20 * E2E_MIB), FileSizeOf(box.DataDir() + "Data2.dbf"));
+    FillDataFile(box.DataDir() + "Data2.dbf", 12 * E2E_MIB, 16 * E2E_MIB);
     WriteDbIni(box, box.DataDir());
 
-    pid_t pid = box.StartDaemon();
-    ASSERT_GT(pid, 0);
-    ASSERT_TRUE(WaitReady(box)) << box.ReadDaemonTrace();
+    pid_t pid = box.StartServing();
+    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
 
     struct Expect {
         int nFileNo;
@@ -126,9 +110,8 @@ TEST(DatabaseLoad, WithNoCacheTheCacheModeFilesAreNamedAndLeftAlone)
     std::map<std::string, std::string> mapBefore = Snapshot(box.DataDir(), vCacheFiles);
     WriteDbIni(box, box.DataDir());
 
-    pid_t pid = box.StartDaemon();
-    ASSERT_GT(pid, 0);
-    ASSERT_TRUE(WaitReady(box)) << box.ReadDaemonTrace();
+    pid_t pid = box.StartServing();
+    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
     std::string strTrace = box.ReadDaemonTrace();
     for (int nFileNo : {3, 4})
         EXPECT_NE(std::string::npos,

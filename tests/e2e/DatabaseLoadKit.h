@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <sstream>
@@ -22,8 +23,6 @@
 
 namespace talvortest {
 
-const int DAEMON_START_TIMEOUT_MS = 30000;
-const int DAEMON_STOP_TIMEOUT_MS = 30000;
 // A look at the daemon's trace files costs a read of each.
 const int TRACE_POLL_MS = 20;
 const long long E2E_MIB = 1048576;
@@ -51,12 +50,13 @@ inline int MakeDb(DaemonSandbox& box, const std::string& strDir, const std::vect
     return box.Run(vCmd, 60000, pOutput);
 }
 
-// An ini that runs a memory-mode database without the shared cache and with
-// a small undo area; strExtra goes into [System].
-inline void WriteDbIni(DaemonSandbox& box, const std::string& strDatabasePath, const std::string& strExtra = "")
+// An ini that runs a database with a shared cache of nCacheMiB (none by
+// default) and a small undo area; strExtra goes into [System].
+inline void WriteDbIni(DaemonSandbox& box, const std::string& strDatabasePath, const std::string& strExtra = "",
+                       int nCacheMiB = 0)
 {
-    box.WriteIni("[System]\r\ndatabasepath=" + strDatabasePath + "\r\nLanguage=0\r\nbuffercachesize=0\r\n"
-                 "undoareasize=16\r\npersistenceintervals=3\r\n" + strExtra);
+    box.WriteIni("[System]\r\ndatabasepath=" + strDatabasePath + "\r\nLanguage=0\r\nbuffercachesize=" +
+                 std::to_string(nCacheMiB) + "\r\nundoareasize=16\r\npersistenceintervals=3\r\n" + strExtra);
 }
 
 struct InspectedFile {
@@ -130,6 +130,44 @@ inline std::string DumpImage(DaemonSandbox& box, int nFileNo)
     return strData;
 }
 
+// Data in a memory-mode file from its used end to nUsedTo, the free offset
+// moved there, and from nJunkFrom on (when above 0) bytes a load must never
+// read. The bytes depend on the offset and are never 0, so a shifted or
+// missing piece shows.
+inline void FillDataFile(const std::string& strPath, long long nUsedTo, long long nJunkFrom = 0)
+{
+    std::string strFile = ReadWholeFile(strPath);
+    ASSERT_GT((long long)strFile.size(), std::max(nUsedTo, nJunkFrom));
+    LPBASEFILEHEAD lpHead = (LPBASEFILEHEAD)&strFile[0];
+    for (long long i = lpHead->m_nFileFreeMemoryOffset; i < nUsedTo; i++)
+        strFile[(size_t)i] = (char)((((i * 131) >> 9) + (i >> 17) + 3) | 1);
+    for (long long i = nJunkFrom > 0 ? nJunkFrom : (long long)strFile.size(); i < (long long)strFile.size(); i++)
+        strFile[(size_t)i] = (char)0xA5;
+    lpHead->m_nFileFreeMemoryOffset = nUsedTo;
+    ASSERT_TRUE(WriteWholeFile(strPath, strFile));
+}
+
+// The head of a redo log file's bytes (zero when it is too short to hold one).
+inline MF_REDOLOGFILEHEAD RedoHeadOf(const std::string& strFile)
+{
+    MF_REDOLOGFILEHEAD stHead;
+    memset(&stHead, 0, sizeof(stHead));
+    if (strFile.size() >= sizeof(stHead)) memcpy(&stHead, strFile.data(), sizeof(stHead));
+    return stHead;
+}
+
+// Log number to bytes of every file "LogN.log" in strDir (an archive's
+// ArchiveLog/, a standby's copies).
+inline std::map<int, std::string> LogsIn(const std::string& strDir)
+{
+    std::map<int, std::string> mapLogs;
+    for (const std::string& strPath : ListFiles(strDir, "Log")) {
+        size_t n = strPath.rfind("/Log");
+        if (n != std::string::npos) mapLogs[atoi(strPath.c_str() + n + 4)] = ReadWholeFile(strPath);
+    }
+    return mapLogs;
+}
+
 // Every file of a directory by name, with its bytes.
 inline std::map<std::string, std::string> Snapshot(const std::string& strDir, const std::vector<std::string>& vNames)
 {
@@ -137,8 +175,6 @@ inline std::map<std::string, std::string> Snapshot(const std::string& strDir, co
     for (const std::string& strName : vNames) mapFiles[strName] = ReadWholeFile(strDir + strName);
     return mapFiles;
 }
-
-inline bool WaitReady(DaemonSandbox& box) { return box.WaitForTrace("Talvor storage service started!", DAEMON_START_TIMEOUT_MS); }
 
 // The joined text of the daemon's trace files in strDir, in name order.
 inline std::string DaemonTraceIn(const std::string& strDir)

@@ -20,9 +20,7 @@ std::string RefusedStart(DaemonSandbox& box, const std::function<void(const std:
     fnDamage(box.DataDir());
     WriteDbIni(box, box.DataDir());
     std::map<std::string, std::string> mapBefore = Snapshot(box.DataDir(), DB_FILES);
-    pid_t pid = box.StartDaemon();
-    EXPECT_GT(pid, 0);
-    EXPECT_EQ(0, box.WaitExit(pid, DAEMON_START_TIMEOUT_MS));
+    EXPECT_EQ(0, box.RunDaemon());
     std::map<std::string, std::string> mapAfter = Snapshot(box.DataDir(), DB_FILES);
     for (const std::string& strName : DB_FILES) EXPECT_TRUE(mapBefore[strName] == mapAfter[strName]) << strName;
     Inspection st = Inspect(box, box.DataDir());
@@ -68,6 +66,9 @@ TEST(DatabaseLoadRefusals, EachDamageIsRefusedByTheLineThatNamesIt)
           "check code: 305419896[1178750545], path: @BTree3.dbf",
           "Talvor storage service failed to load files into memory!"},
          nullptr},
+        {"wrong system file mark", "System.dbf", [](std::string& s) { ((LPSYSTEMFILEHEAD)&s[0])->m_nDataFlag = 0x12345678; },
+         {"40001012 Initialize Header data for system file is incorrect, check code: 305419896[1179864657]"},
+         "Read the data file"},
         {"file number of another row", "KV4.dbf", [](std::string& s) { ((LPBASEFILEHEAD)&s[0])->m_bFileNo = 9; },
          {"40001016 Initialize The file number recorded in the file header information is inconsistent with that in "
           "the system file, file number: 9[4], path: @KV4.dbf"},
@@ -84,7 +85,19 @@ TEST(DatabaseLoadRefusals, EachDamageIsRefusedByTheLineThatNamesIt)
          {"The structure size of data block has changed.  current system value: 348, recorded value: 352"},
          "Read the data file"},
     };
-    for (const Damage& d : arDamages) {
+    std::vector<Damage> vDamages(std::begin(arDamages), std::end(arDamages));
+    // A file of a type no pass saves: refused by number, type and path.
+    for (int nType : {5, 77})
+        vDamages.push_back({"file of a type no pass saves", "System.dbf",
+                            [nType](std::string& s) {
+                                LPFILE_MEMDBFILEINFO lpRow = DbFindFileListRow((LPBYTE)&s[0], (long long)s.size(), 3);
+                                ASSERT_NE(nullptr, lpRow);
+                                lpRow->m_bFileType = (BYTE)nType;
+                            },
+                            {"   10040003 LoadFile The database has a file of a type this service cannot save, so the "
+                             "start was refused, file number: 3, file type: " + std::to_string(nType) + ", path: @BTree3.dbf"},
+                            nullptr});
+    for (const Damage& d : vDamages) {
         SCOPED_TRACE(d.m_lpWhat);
         DaemonSandbox box;
         ASSERT_TRUE(box.Ok());

@@ -35,28 +35,13 @@ protected:
     void MakeDatabase(int nCacheMib)
     {
         ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), {"--data-file", "4", "--table-file", "4"}));
-        WriteDbIni(m_box, m_box.DataDir());
-        if (nCacheMib == 0) return;
-        std::string strIni = ReadWholeFile(m_box.IniPath());
-        size_t n = strIni.find("buffercachesize=0");
-        ASSERT_NE(std::string::npos, n);
-        strIni.replace(n, strlen("buffercachesize=0"), "buffercachesize=" + std::to_string(nCacheMib));
-        m_box.WriteIni(strIni);
+        WriteDbIni(m_box, m_box.DataDir(), "", nCacheMib);
     }
     // Starts the daemon and waits for a new "started" line.
     void Start()
     {
-        size_t nBefore = m_box.ReadDaemonTrace().size();
-        m_pid = m_box.StartDaemon();
-        ASSERT_GT(m_pid, 0);
-        bool bUp = WaitUntil(
-            [&] {
-                std::string s = m_box.ReadDaemonTrace();
-                size_t n = s.rfind("Talvor storage service started!");
-                return n != std::string::npos && n >= nBefore;
-            },
-            DAEMON_START_TIMEOUT_MS, TRACE_POLL_MS);
-        ASSERT_TRUE(bUp) << m_box.ReadDaemonTrace().substr(nBefore);
+        m_pid = m_box.StartServing();
+        ASSERT_GT(m_pid, 0) << m_box.ReadDaemonTrace();
     }
     void Stop()
     {

@@ -122,10 +122,8 @@ protected:
     void StartSecondDaemonOnCopy()
     {
         WriteDbIni(m_node, Copy(""), "persistenceintervals=1\r\n");
-        m_nSecond = m_node.StartDaemon();
-        ASSERT_GT(m_nSecond, 0);
-        ASSERT_TRUE(WaitReady(m_node)) << m_node.ReadDaemonTrace() << ReadWholeFile(m_node.Root() + "/daemon.out")
-                                      ;
+        m_nSecond = m_node.StartServing();
+        ASSERT_GT(m_nSecond, 0) << m_node.ReadDaemonTrace() << ReadWholeFile(m_node.Root() + "/daemon.out");
         Inspection st = Inspect(m_node, Copy(""));
         ASSERT_TRUE(st.m_bRan) << st.m_strText;
         EXPECT_TRUE(st.m_bSystemImage) << st.m_strText;
@@ -151,15 +149,6 @@ protected:
                                 60000, &strVerify))
             << strVerify;
         EXPECT_NE(std::string::npos, strVerify.find("violations: 0")) << strVerify;
-    }
-    void ExpectServing()
-    {
-        std::string strOut;
-        EXPECT_EQ(0, m_box.Run({PeerPath(), "command", "--count", "3", "--code", "2", "--gap-us", "0", "--wait-ready-ms",
-                                "5000", "--head-ready"},
-                               60000, &strOut))
-            << strOut << m_box.ReadDaemonTrace();
-        EXPECT_NE(std::string::npos, strOut.find("answered=3")) << strOut;
     }
 
     DaemonSandbox m_node;
@@ -201,7 +190,7 @@ TEST_F(NodeJoin, ASlaveJoinCopiesEveryFileByteForByteAndASecondDaemonComesUpOnIt
               (long long)JOIN_BUFFER_SIZE);
     StartSecondDaemonOnCopy();
     ExpectVerified(strJournal, nLast);
-    ExpectServing();
+    ExpectServing(true);
 }
 
 TEST_F(NodeJoin, AJoinWhileTheStandInCommitsHoldsAWholeCommit)
@@ -226,7 +215,7 @@ TEST_F(NodeJoin, AJoinWhileTheStandInCommitsHoldsAWholeCommit)
     EXPECT_GE(nCopied, nBefore);
     StartSecondDaemonOnCopy();
     ExpectVerified(strJournal, nCopied);
-    ExpectServing();
+    ExpectServing(true);
 }
 
 TEST_F(NodeJoin, AJoinedStandbyIsShippedTheLogFromItsPosition)
@@ -266,16 +255,7 @@ TEST_F(NodeJoin, AJoinedStandbyIsShippedTheLogFromItsPosition)
         << m_box.ReadDaemonTrace();
     for (long long n = nLogNo; n <= nLastLog; n++) {
         SCOPED_TRACE(n);
-        std::string strPrimary = ReadWholeFile(strArchive + "ArchiveLog/Log" + std::to_string(n) + ".log");
-        if (strPrimary.empty()) {
-            for (int g = 0; g < 3 && strPrimary.empty(); g++) {
-                std::string strGroup = ReadWholeFile(Path("Redo/Redo" + std::to_string(g) + ".log"));
-                MF_REDOLOGFILEHEAD stHead;
-                memset(&stHead, 0, sizeof(stHead));
-                if (strGroup.size() >= sizeof(stHead)) memcpy(&stHead, strGroup.data(), sizeof(stHead));
-                if ((long long)stHead.m_nSequenceNO == n) strPrimary = strGroup;
-            }
-        }
+        std::string strPrimary = PrimaryLog(strArchive, m_box.DataDir(), 3, n);
         std::string strCopy = ReadWholeFile(strLogs + "Log" + std::to_string(n) + ".log");
         size_t nFrom = n == nLogNo ? (size_t)nLogPos : (size_t)REDOLOGFILE_HEAD_SIZE;
         // The join may seal the log it names before the stand-in's next
@@ -342,7 +322,7 @@ TEST_F(NodeJoin, MisbehavingReceiversEndTheJoinWithATraceAndTheDaemonServes)
             nJoined++;
             ExpectCopiesEqualPrimary();
         }
-        ExpectServing();
+        ExpectServing(true);
     }
     EXPECT_EQ(nJoined, CountOf(m_box.ReadDaemonTrace(), "90001030"));
 }

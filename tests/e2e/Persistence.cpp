@@ -35,9 +35,8 @@ protected:
 
 TEST_F(Persistence, LiveEngineCommitsReachTheDiskAndTheStopCommitsTheLast)
 {
-    pid_t pid = m_box.StartDaemon();
-    ASSERT_GT(pid, 0);
-    ASSERT_TRUE(m_box.WaitForTrace("Talvor storage service started!", DAEMON_START_TIMEOUT_MS)) << m_box.ReadDaemonTrace();
+    pid_t pid = m_box.StartServing();
+    ASSERT_GT(pid, 0) << m_box.ReadDaemonTrace();
     std::string strOut;
     ASSERT_EQ(0, m_box.Run({PeerPath(), "data", "--journal", m_strJournal, "--live", "--count", "600", "--pause-us",
                             "1500", "--pass-every", "150", "--seed", "3"},
@@ -58,9 +57,8 @@ TEST_F(Persistence, LiveEngineCommitsReachTheDiskAndTheStopCommitsTheLast)
 
 TEST_F(Persistence, KilledEngineIsDeclaredLostAndSavingGoesOn)
 {
-    pid_t pid = m_box.StartDaemon();
-    ASSERT_GT(pid, 0);
-    ASSERT_TRUE(m_box.WaitForTrace("Talvor storage service started!", DAEMON_START_TIMEOUT_MS)) << m_box.ReadDaemonTrace();
+    pid_t pid = m_box.StartServing();
+    ASSERT_GT(pid, 0) << m_box.ReadDaemonTrace();
     pid_t peer = m_box.Spawn({PeerPath(), "data", "--journal", m_strJournal, "--live", "--count", "100000",
                               "--pause-us", "1000", "--seconds", "60"},
                              "peer");

@@ -100,9 +100,8 @@ TEST(RedoDumpTool, TheDumpOfARealDaemonsGroupsAndArchivesListsEveryRecordInOrder
     std::string strArchive = box.Root() + "/arch/";
     ASSERT_EQ(0, MakeDb(box, box.DataDir(), {"--redo-groups", "3"}));
     WriteDbIni(box, box.DataDir(), "archivetype=1\r\narchivedespath=" + strArchive + "\r\n");
-    pid_t pid = box.StartDaemon();
-    ASSERT_GT(pid, 0);
-    ASSERT_TRUE(box.WaitForTrace("Talvor storage service started!", DAEMON_START_TIMEOUT_MS)) << box.ReadDaemonTrace();
+    pid_t pid = box.StartServing();
+    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
     // Seals asked every 200 records make seven logs or more in three groups:
     // the groups wrap, so the early logs live on in the archive only.
     std::string strStream = box.Root() + "/stream.bin";

@@ -14,18 +14,6 @@ namespace {
 
 const int SHIP_WAIT_MS = 60000;
 
-// Log number to bytes of every file "LogN.log" in strDir.
-std::map<int, std::string> LogsIn(const std::string& strDir)
-{
-    std::map<int, std::string> mapLogs;
-    for (const std::string& strPath : ListFiles(strDir, "Log")) {
-        size_t n = strPath.rfind("/Log");
-        if (n == std::string::npos) continue;
-        mapLogs[atoi(strPath.c_str() + n + 4)] = ReadWholeFile(strPath);
-    }
-    return mapLogs;
-}
-
 class StandbyShipping : public ::testing::Test {
 protected:
     void SetUp() override
@@ -51,13 +39,8 @@ protected:
         ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), {"--name", "SHIP", "--redo-groups", "3", "--redo-size", strRedoMiB}));
         WriteDbIni(m_box, m_box.DataDir(),
                    bArchive ? "archivetype=1\r\narchivedespath=" + m_strArchive + "\r\n" : "archivetype=0\r\n");
-        if (strTestCrash.empty()) {
-            m_pid = m_box.StartDaemon();
-        } else {
-            m_pid = m_box.Spawn({"env", "TALVOR_TEST_CRASH=" + strTestCrash, m_box.BinDir() + "TalvorStorage"}, "daemon");
-        }
-        ASSERT_GT(m_pid, 0);
-        ASSERT_TRUE(WaitReady(m_box)) << m_box.ReadDaemonTrace();
+        m_pid = m_box.StartServing(strTestCrash);
+        ASSERT_GT(m_pid, 0) << m_box.ReadDaemonTrace();
     }
     // The stand-in commits records; its report line.
     std::string Redo(int nRecords, int nSeed, const std::string& strSeals)
@@ -100,21 +83,6 @@ protected:
             strHeld += " " + std::to_string(kv.first) + ":" + std::to_string(kv.second.size());
         return ::testing::AssertionFailure() << "log " << nLogNo << " not copied up to " << nPos << "; copies:" << strHeld;
     }
-    // The primary's bytes of log n: its archive copy, or the group that
-    // holds it.
-    std::string PrimaryLog(int nLogNo)
-    {
-        std::string strArchived = ReadWholeFile(m_strArchive + "ArchiveLog/Log" + std::to_string(nLogNo) + ".log");
-        if (!strArchived.empty()) return strArchived;
-        for (int g = 0; g < 3; g++) {
-            std::string strFile = ReadWholeFile(m_box.DataDir() + "Redo/Redo" + std::to_string(g) + ".log");
-            MF_REDOLOGFILEHEAD stHead;
-            memset(&stHead, 0, sizeof(stHead));
-            if (strFile.size() >= sizeof(stHead)) memcpy(&stHead, strFile.data(), sizeof(stHead));
-            if ((int)stHead.m_nSequenceNO == nLogNo) return strFile;
-        }
-        return std::string();
-    }
     // Every copied log equals the primary's from its head on, and the
     // copies run from log 1 without a gap.
     void ExpectCopiesEqual(long long nLastLog)
@@ -127,16 +95,14 @@ protected:
         for (const auto& kv : mapCopies) {
             SCOPED_TRACE(kv.first);
             EXPECT_EQ(nExpect++, kv.first);
-            std::string strPrimary = PrimaryLog(kv.first);
+            std::string strPrimary = PrimaryLog(m_strArchive, m_box.DataDir(), 3, kv.first);
             ASSERT_GE(strPrimary.size(), kv.second.size());
             ASSERT_GT(kv.second.size(), (size_t)REDOLOGFILE_HEAD_SIZE);
             EXPECT_TRUE(kv.second.compare(REDOLOGFILE_HEAD_SIZE, std::string::npos, strPrimary, REDOLOGFILE_HEAD_SIZE,
                                           kv.second.size() - REDOLOGFILE_HEAD_SIZE) == 0);
             // A log before the last is copied whole.
             if (kv.first < nLastLog) {
-                MF_REDOLOGFILEHEAD stHead;
-                memcpy(&stHead, strPrimary.data(), sizeof(stHead));
-                EXPECT_EQ((size_t)stHead.m_nEffectiveSize, kv.second.size());
+                EXPECT_EQ((size_t)RedoHeadOf(strPrimary).m_nEffectiveSize, kv.second.size());
             }
         }
     }
@@ -335,17 +301,8 @@ TEST_F(StandbyShipping, APrimaryKilledWhileShippingIsFollowedAgainFromTheStandby
     m_box.WaitExit(nRedo, 30000);
     // The restart takes the redo ring over; the standby slots are the
     // engine's to ask for again.
-    m_pid = m_box.StartDaemon();
-    ASSERT_GT(m_pid, 0);
-    bool bServing = false;
-    for (int i = 0; i < 1200 && !bServing; i++) {
-        std::string strTrace = m_box.ReadDaemonTrace();
-        size_t nFirst = strTrace.find("Talvor storage service started!");
-        bServing = nFirst != std::string::npos &&
-                   strTrace.find("Talvor storage service started!", nFirst + 1) != std::string::npos;
-        if (!bServing) usleep(50000);
-    }
-    ASSERT_TRUE(bServing) << m_box.ReadDaemonTrace();
+    m_pid = m_box.StartServing();
+    ASSERT_GT(m_pid, 0) << m_box.ReadDaemonTrace();
     ASSERT_EQ(0, AddStandby().m_nResult);
     std::string strAfter = Redo(200, 18, "");
     long long nLastLog = NumberAfter(strAfter, "logno=");

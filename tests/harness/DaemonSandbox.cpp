@@ -132,7 +132,23 @@ int DaemonSandbox::Run(const std::vector<std::string>& args, int nTimeoutMs, std
     return nStatus;
 }
 
-pid_t DaemonSandbox::StartDaemon() { return Spawn({BinDir() + "TalvorStorage"}, "daemon"); }
+pid_t DaemonSandbox::StartDaemon(const std::string& strTestCrash)
+{
+    std::vector<std::string> args;
+    if (!strTestCrash.empty()) args = {"env", "TALVOR_TEST_CRASH=" + strTestCrash};
+    args.push_back(BinDir() + "TalvorStorage");
+    return Spawn(args, "daemon");
+}
+
+pid_t DaemonSandbox::StartServing(const std::string& strTestCrash, int nTimeoutMs)
+{
+    size_t nBefore = ReadDaemonTrace().size();
+    pid_t pid = StartDaemon(strTestCrash);
+    if (pid < 0) return -1;
+    bool bServing = WaitUntil([&] { return ReadDaemonTrace().find(DAEMON_SERVING_LINE, nBefore) != std::string::npos; },
+                              nTimeoutMs, TRACE_POLL_MS);
+    return bServing ? pid : -1;
+}
 
 bool DaemonSandbox::WaitForTrace(const std::string& strText, int nTimeoutMs)
 {

@@ -19,6 +19,12 @@
 
 namespace talvortest {
 
+// Bounds of a daemon's start and stop in a test; the line it writes once
+// it serves.
+const int DAEMON_START_TIMEOUT_MS = 30000;
+const int DAEMON_STOP_TIMEOUT_MS = 30000;
+inline const char* const DAEMON_SERVING_LINE = "Talvor storage service started!";
+
 class DaemonSandbox {
 public:
     DaemonSandbox();
@@ -47,7 +53,15 @@ public:
     // status, or -1 on a time-out (the program is then killed).
     int Run(const std::vector<std::string>& args, int nTimeoutMs, std::string* pOutput = nullptr);
 
-    pid_t StartDaemon();
+    // strTestCrash, when given, goes to the daemon as TALVOR_TEST_CRASH.
+    pid_t StartDaemon(const std::string& strTestCrash = "");
+    // Starts the daemon and waits for a serving line written after this
+    // call (so a restart does not take the last run's). Its pid, or -1 when
+    // it did not serve in time (it is then ended with the sandbox).
+    pid_t StartServing(const std::string& strTestCrash = "", int nTimeoutMs = DAEMON_START_TIMEOUT_MS);
+    // Runs the daemon to its end, as for a start it must refuse: its exit
+    // status, or -1 when it was still running at nTimeoutMs (it is killed).
+    int RunDaemon(int nTimeoutMs = DAEMON_START_TIMEOUT_MS) { return Run({BinDir() + "TalvorStorage"}, nTimeoutMs); }
     // Waits until the trace holds strText or the daemon ended. True if found.
     bool WaitForTrace(const std::string& strText, int nTimeoutMs);
     // Waits for a spawned process to end; its exit status, or -1 on time-out.

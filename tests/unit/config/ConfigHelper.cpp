@@ -141,13 +141,10 @@ TEST_F(ConfigTest, RoundTripThroughMemoryAndFile)
     EXPECT_EQ(Get("System", "databasepath"), "/data/");
 }
 
-TEST_F(ConfigTest, MissingKeysGiveDefaultsAndBadNumbersGiveZero)
+// Integers of both readers are in ConfigIntegers.cpp.
+TEST_F(ConfigTest, MissingKeysGiveDefaultsAndTextsAreCutToTheirBuffer)
 {
     ASSERT_TRUE(Load("[System]\nname=abc\nempty=\nbig=99999999999\n"));
-    EXPECT_EQ(TalvorConfigGetValueInt("System", "name", 5), 0); // not the default
-    EXPECT_EQ(TalvorConfigGetValueInt("System", "missing", 5), 5);
-    EXPECT_EQ(TalvorConfigGetValueInt("Nowhere", "name", 77), 77);
-    EXPECT_EQ(TalvorConfigGetValueInt("System", "big", 0), INT_MAX);
     EXPECT_EQ(Get("System", "missing", "  dflt  "), "dflt");
     EXPECT_EQ(Get("System", "empty", "dflt"), ""); // present but empty is a value
 
@@ -694,21 +691,6 @@ TEST_F(ProfileTest, NullNamesListSectionsAndKeys)
     EXPECT_EQ(std::string(buf, n), std::string("One\0Two\0", 8));
     EXPECT_EQ(buf[8], 0);
     EXPECT_EQ(buf[9], 'z');
-}
-
-TEST_F(ProfileTest, IntegersParseSignDigitsAndTruncatedFraction)
-{
-    ASSERT_TRUE(WriteWholeFile(m_path, "[S]\na=12.7\nb=-3\nc=abc\nd= +42 \ne=12abc\nf=-0.9\ng=99999999999\nh=.\n"));
-    EXPECT_EQ(GetPrivateProfileInt("S", "a", 5, m_path.c_str()), 12);
-    EXPECT_EQ(GetPrivateProfileInt("S", "b", 5, m_path.c_str()), -3);
-    EXPECT_EQ(GetPrivateProfileInt("S", "c", 5, m_path.c_str()), 0);
-    EXPECT_EQ(GetPrivateProfileInt("S", "d", 5, m_path.c_str()), 42);
-    EXPECT_EQ(GetPrivateProfileInt("S", "e", 5, m_path.c_str()), 0);
-    EXPECT_EQ(GetPrivateProfileInt("S", "f", 5, m_path.c_str()), 0);
-    EXPECT_EQ(GetPrivateProfileInt("S", "g", 5, m_path.c_str()), INT_MAX);
-    EXPECT_EQ(GetPrivateProfileInt("S", "h", 5, m_path.c_str()), 0);
-    EXPECT_EQ(GetPrivateProfileInt("S", "missing", -77, m_path.c_str()), -77);
-    EXPECT_EQ(GetPrivateProfileInt("S", "a", 5, (m_dir + "/absent").c_str()), 5);
 }
 
 TEST_F(ProfileTest, WriteFillsNewFilesAndEditsExistingOnes)

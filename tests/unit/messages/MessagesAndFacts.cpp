@@ -94,38 +94,20 @@ TEST_F(LanguageSetting, ZoneDecidesWhenLanguageIsUnsetOnBothRoads)
 {
     const std::string strNoKey = "[System]\ndatabasename=Talvor\n";
     const std::string strUnset = "[System]\nLanguage=77\n";
-    const std::string strEnglish = "[System]\nLanguage=0\n";
-    const std::string strChinese = "[System]\nLanguage=1\n";
-
-    Zone("Asia/Shanghai");
-    EXPECT_TRUE(IsLocalZoneUtcPlus8());
-    FromFile(strNoKey);
-    EXPECT_EQ(g_nLanguage_Chinese, 1);
-    FromFile(strUnset);
-    EXPECT_EQ(g_nLanguage_Chinese, 1);
-    FromFile(strEnglish);
-    EXPECT_EQ(g_nLanguage_Chinese, 0);
-    FromService(strNoKey);
-    EXPECT_EQ(g_nLanguage_Chinese, 1);
-    FromService(strUnset);
-    EXPECT_EQ(g_nLanguage_Chinese, 1);
-    FromService(strEnglish);
-    EXPECT_EQ(g_nLanguage_Chinese, 0);
-
-    Zone("UTC");
-    EXPECT_FALSE(IsLocalZoneUtcPlus8());
-    FromFile(strNoKey);
-    EXPECT_EQ(g_nLanguage_Chinese, 0);
-    FromFile(strUnset);
-    EXPECT_EQ(g_nLanguage_Chinese, 0);
-    FromFile(strChinese);
-    EXPECT_EQ(g_nLanguage_Chinese, 1);
-    FromService(strNoKey);
-    EXPECT_EQ(g_nLanguage_Chinese, 0);
-    FromService(strUnset);
-    EXPECT_EQ(g_nLanguage_Chinese, 0);
-    FromService(strChinese);
-    EXPECT_EQ(g_nLanguage_Chinese, 1);
+    // In +8:00 an unset language is Chinese (1), elsewhere English (0); a
+    // language set is taken, from the file and through the service alike.
+    for (int nZoneLanguage : {1, 0}) {
+        Zone(nZoneLanguage == 1 ? "Asia/Shanghai" : "UTC");
+        EXPECT_EQ(nZoneLanguage == 1, (bool)IsLocalZoneUtcPlus8());
+        const std::string strSet = "[System]\nLanguage=" + std::to_string(1 - nZoneLanguage) + "\n";
+        for (const std::string* pIni : {&strNoKey, &strUnset, &strSet}) {
+            int nWant = pIni == &strSet ? 1 - nZoneLanguage : nZoneLanguage;
+            FromFile(*pIni);
+            EXPECT_EQ(g_nLanguage_Chinese, nWant) << "file: " << *pIni;
+            FromService(*pIni);
+            EXPECT_EQ(g_nLanguage_Chinese, nWant) << "service: " << *pIni;
+        }
+    }
 
     // Only +8:00 counts: not +9:00, and not 8 hours west of UTC.
     Zone("Asia/Tokyo");
@@ -207,80 +189,40 @@ TEST_F(LanguageSetting, ConfigPathIsBesideTheExecutable)
 // /proc readers.
 // ---------------------------------------------------------------------------
 
-TEST(MemInfo, EachValueComesOnlyFromItsOwnLine)
+// Each value comes only from the line in its own position (MemTotal, MemFree,
+// MemAvailable); a line that is missing, misordered, mislabelled, too long
+// for any buffer or binary gives 0 and shifts no other; no file gives zeros.
+TEST(MemInfo, EachValueComesOnlyFromItsOwnLineOfAnyShape)
 {
-    TempTree dir;
-    long long nTotal = -1, nFree = -1, nAvail = -1;
-
-    get_mem_info_from(dir.File("ok", "MemTotal:       16000 kB\nMemFree:  3000 kB\nMemAvailable:   9000 kB\n"
-                                     "Buffers: 5 kB\n")
-                          .c_str(),
-                      nTotal, nFree, nAvail);
-    EXPECT_EQ(nTotal, 16000);
-    EXPECT_EQ(nFree, 3000);
-    EXPECT_EQ(nAvail, 9000);
-
-    // MemFree missing: MemAvailable stands in the second position.
-    get_mem_info_from(dir.File("missing", "MemTotal: 16000 kB\nMemAvailable: 9000 kB\nBuffers: 5 kB\n").c_str(),
-                      nTotal, nFree, nAvail);
-    EXPECT_EQ(nTotal, 16000);
-    EXPECT_EQ(nFree, 0);
-    EXPECT_EQ(nAvail, 0);
-
-    // Misordered lines.
-    get_mem_info_from(dir.File("order", "MemFree: 3000 kB\nMemTotal: 16000 kB\nMemAvailable: 9000 kB\n").c_str(),
-                      nTotal, nFree, nAvail);
-    EXPECT_EQ(nTotal, 0);
-    EXPECT_EQ(nFree, 0);
-    EXPECT_EQ(nAvail, 9000);
-
-    // Labels that only begin like the wanted one, a number that does not fit,
-    // a negative one, a missing one.
-    get_mem_info_from(dir.File("bad", "MemTotalX: 16000 kB\nMemFree: 99999999999999999999999 kB\nMemAvailable:\n")
-                          .c_str(),
-                      nTotal, nFree, nAvail);
-    EXPECT_EQ(nTotal, 0);
-    EXPECT_EQ(nFree, 0);
-    EXPECT_EQ(nAvail, 0);
-    get_mem_info_from(dir.File("neg", "MemTotal: -7 kB\n").c_str(), nTotal, nFree, nAvail);
-    EXPECT_EQ(nTotal, 0);
-}
-
-TEST(MemInfo, OverlongAndBinaryLinesNeitherOverrunNorShiftPositions)
-{
-    TempTree dir;
-    long long nTotal = -1, nFree = -1, nAvail = -1;
-
-    // A first line far longer than any buffer: it counts as one line, and the
-    // next two are still read in their positions.
-    std::string strLong = "MemTotal: " + std::string(100000, '7') + " kB\n";
-    get_mem_info_from(dir.File("long", strLong + "MemFree: 3000 kB\nMemAvailable: 9000 kB\n").c_str(), nTotal, nFree,
-                      nAvail);
-    EXPECT_EQ(nTotal, 0);
-    EXPECT_EQ(nFree, 3000);
-    EXPECT_EQ(nAvail, 9000);
-
-    // A label longer than a token buffer.
-    get_mem_info_from(dir.File("label", std::string(5000, 'M') + ": 1 kB\nMemFree: 3 kB\n").c_str(), nTotal, nFree,
-                      nAvail);
-    EXPECT_EQ(nTotal, 0);
-    EXPECT_EQ(nFree, 3);
-
     static const char kBinary[] = "MemTotal:\0 16000 kB\n\xff\xfe\x00\x01\nMemAvailable: 9 kB";
-    std::string strBinary(kBinary, sizeof kBinary - 1);
-    get_mem_info_from(dir.File("binary", strBinary).c_str(), nTotal, nFree, nAvail);
-    EXPECT_EQ(nTotal, 0);
-    EXPECT_EQ(nFree, 0);
-    EXPECT_EQ(nAvail, 9); // last line without a newline still counts
-
-    nTotal = nFree = nAvail = -1;
-    get_mem_info_from(dir.File("empty", "").c_str(), nTotal, nFree, nAvail);
-    EXPECT_EQ(nTotal + nFree + nAvail, 0);
-    nTotal = nFree = nAvail = -1;
+    const struct {
+        const char* m_lpWhat;
+        std::string m_strText;
+        long long m_nTotal, m_nFree, m_nAvail;
+    } arCases[] = {
+        {"whole", "MemTotal:       16000 kB\nMemFree:  3000 kB\nMemAvailable:   9000 kB\nBuffers: 5 kB\n", 16000, 3000, 9000},
+        {"MemFree missing", "MemTotal: 16000 kB\nMemAvailable: 9000 kB\nBuffers: 5 kB\n", 16000, 0, 0},
+        {"misordered", "MemFree: 3000 kB\nMemTotal: 16000 kB\nMemAvailable: 9000 kB\n", 0, 0, 9000},
+        {"label only begins alike, number too big, none",
+         "MemTotalX: 16000 kB\nMemFree: 99999999999999999999999 kB\nMemAvailable:\n", 0, 0, 0},
+        {"negative", "MemTotal: -7 kB\n", 0, 0, 0},
+        {"overlong first line", "MemTotal: " + std::string(100000, '7') + " kB\nMemFree: 3000 kB\nMemAvailable: 9000 kB\n",
+         0, 3000, 9000},
+        {"overlong label", std::string(5000, 'M') + ": 1 kB\nMemFree: 3 kB\n", 0, 3, 0},
+        {"binary, last line without a newline", std::string(kBinary, sizeof kBinary - 1), 0, 0, 9},
+        {"empty", "", 0, 0, 0},
+    };
+    TempTree dir;
+    for (const auto& c : arCases) {
+        long long nTotal = -1, nFree = -1, nAvail = -1;
+        get_mem_info_from(dir.File("meminfo", c.m_strText).c_str(), nTotal, nFree, nAvail);
+        EXPECT_EQ(c.m_nTotal, nTotal) << c.m_lpWhat;
+        EXPECT_EQ(c.m_nFree, nFree) << c.m_lpWhat;
+        EXPECT_EQ(c.m_nAvail, nAvail) << c.m_lpWhat;
+    }
+    long long nTotal = -1, nFree = -1, nAvail = -1;
     get_mem_info_from((dir.Root() + "/absent").c_str(), nTotal, nFree, nAvail);
-    EXPECT_EQ(nTotal, 0);
-    EXPECT_EQ(nFree, 0);
-    EXPECT_EQ(nAvail, 0);
+    EXPECT_TRUE(nTotal == 0 && nFree == 0 && nAvail == 0) << nTotal << " " << nFree << " " << nAvail;
 }
 
 TEST(MemInfo, RealMachineGivesPlausibleValues)

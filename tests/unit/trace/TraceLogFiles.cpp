@@ -37,59 +37,69 @@ protected:
     bool Exists(const std::string& strName) const { return PathExists(LogDir() + strName); }
 };
 
-TEST_F(TraceLogFiles, CountOverFiftyRemovesTheOldestByChangeTime)
+// Retention over one series: above 50 files or 1000 MiB the oldest by change
+// time go (a name that sorts last may be the oldest); at the limits nothing
+// goes; the other series and directories are not counted; and a total past
+// 4 GiB is not hidden by a 32-bit sum (4.5 GiB would read as 0.5 GiB).
+TEST_F(TraceLogFiles, RetentionByCountAndSizeRemovesTheOldestUntilWithin)
 {
-    // Oldest by ctime, though its name would sort last.
-    MakeFile("TalvorService20991231235959.log", 10);
-    NextTick();
-    for (int i = 0; i < 50; i++) MakeFile(ServiceName(i), 10);
-    for (int i = 0; i < 5; i++) MakeFile("TalvorStorage2020010100000" + std::to_string(i) + ".log", 10);
-    ASSERT_TRUE(CLogManager::instance().LogFileManage("TalvorService*"));
-    EXPECT_EQ(50u, Series("TalvorService").size());
-    EXPECT_FALSE(Exists("TalvorService20991231235959.log"));
-    EXPECT_EQ(5u, Series("TalvorStorage").size()) << "the other series does not count";
-}
-
-TEST_F(TraceLogFiles, FiftyFilesAreWithinTheLimit)
-{
-    for (int i = 0; i < 50; i++) MakeFile(ServiceName(i), 10);
-    ASSERT_TRUE(CLogManager::instance().LogFileManage("TalvorService*"));
-    EXPECT_EQ(50u, Series("TalvorService").size());
-}
-
-TEST_F(TraceLogFiles, TotalOverOneThousandMiBRemovesOldestUntilWithin)
-{
-    MakeFile("TalvorStorage20240101000000.log", 400LL << 20);
-    NextTick();
-    MakeFile("TalvorStorage20240101000001.log", 400LL << 20);
-    NextTick();
-    MakeFile("TalvorStorage20240101000002.log", 400LL << 20);
-    ASSERT_TRUE(CLogManager::instance().LogFileManage("TalvorStorage*"));
-    EXPECT_FALSE(Exists("TalvorStorage20240101000000.log"));
-    EXPECT_TRUE(Exists("TalvorStorage20240101000001.log"));
-    EXPECT_TRUE(Exists("TalvorStorage20240101000002.log"));
-}
-
-TEST_F(TraceLogFiles, ExactlyOneThousandMiBIsWithinTheLimit)
-{
-    MakeFile("TalvorStorage20240101000000.log", 500LL << 20);
-    MakeFile("TalvorStorage20240101000001.log", 500LL << 20);
-    ASSERT_TRUE(CLogManager::instance().LogFileManage("TalvorStorage*"));
-    EXPECT_EQ(2u, Series("TalvorStorage").size());
-}
-
-// A 32-bit sum of 4.5 GiB reads as 0.5 GiB: the overrun must still be seen.
-TEST_F(TraceLogFiles, TotalPastFourGiBIsNotHiddenByAWrappingSum)
-{
-    MakeFile("TalvorService20240101000000.log", 2LL << 30);
-    NextTick();
-    MakeFile("TalvorService20240101000001.log", 2LL << 30);
-    NextTick();
-    MakeFile("TalvorService20240101000002.log", 512LL << 20);
-    ASSERT_TRUE(CLogManager::instance().LogFileManage("TalvorService*"));
-    std::vector<std::string> files = Series("TalvorService");
-    ASSERT_EQ(1u, files.size());
-    EXPECT_TRUE(Exists("TalvorService20240101000002.log"));
+    const long long MIB = 1LL << 20;
+    struct File {
+        std::string m_strName;
+        long long m_nSize;  // -1: a directory of the series' name
+    };
+    struct Case {
+        const char* m_lpWhat;
+        const char* m_lpSeries;
+        std::vector<File> m_vFiles;  // oldest first, a tick apart
+        size_t m_nLeft;
+        std::vector<std::string> m_vGone;
+    };
+    std::vector<File> vFifty;
+    for (int i = 0; i < 50; i++) vFifty.push_back({ServiceName(i), 10});
+    std::vector<File> vOverCount = {{"TalvorService20991231235959.log", 10}};
+    vOverCount.insert(vOverCount.end(), vFifty.begin(), vFifty.end());
+    for (int i = 0; i < 5; i++) vOverCount.push_back({"TalvorStorage2020010100000" + std::to_string(i) + ".log", 10});
+    std::vector<File> vWithDir = {{"TalvorServiceDir", -1}};
+    vWithDir.insert(vWithDir.end(), vFifty.begin(), vFifty.end());
+    const Case arCases[] = {
+        {"count over fifty", "TalvorService", vOverCount, 50, {"TalvorService20991231235959.log"}},
+        {"fifty files", "TalvorService", vFifty, 50, {}},
+        {"a directory", "TalvorService", vWithDir, 51, {}},
+        {"size over 1000 MiB", "TalvorStorage",
+         {{"TalvorStorage20240101000000.log", 400 * MIB},
+          {"TalvorStorage20240101000001.log", 400 * MIB},
+          {"TalvorStorage20240101000002.log", 400 * MIB}},
+         2, {"TalvorStorage20240101000000.log"}},
+        {"exactly 1000 MiB", "TalvorStorage",
+         {{"TalvorStorage20240101000000.log", 500 * MIB}, {"TalvorStorage20240101000001.log", 500 * MIB}}, 2, {}},
+        {"past 4 GiB", "TalvorService",
+         {{"TalvorService20240101000000.log", 2048 * MIB},
+          {"TalvorService20240101000001.log", 2048 * MIB},
+          {"TalvorService20240101000002.log", 512 * MIB}},
+         1, {"TalvorService20240101000000.log", "TalvorService20240101000001.log"}},
+    };
+    for (const Case& c : arCases) {
+        SCOPED_TRACE(c.m_lpWhat);
+        size_t nOther = 0;
+        for (size_t i = 0; i < c.m_vFiles.size(); i++) {
+            const File& f = c.m_vFiles[i];
+            if (f.m_nSize < 0) ASSERT_EQ(0, mkdir((LogDir() + f.m_strName).c_str(), 0755));
+            else MakeFile(f.m_strName, f.m_nSize);
+            if (f.m_strName.rfind(c.m_lpSeries, 0) != 0) nOther++;
+            // Change times of a few files, or of the first, must differ.
+            if (i == 0 || c.m_vFiles.size() <= 3) NextTick();
+        }
+        ASSERT_TRUE(CLogManager::instance().LogFileManage((std::string(c.m_lpSeries) + "*").c_str()));
+        EXPECT_EQ(c.m_nLeft, Series(c.m_lpSeries).size());
+        for (const std::string& strGone : c.m_vGone) EXPECT_FALSE(Exists(strGone)) << strGone;
+        EXPECT_EQ(nOther, ListFiles(LogDir(), "").size() - Series(c.m_lpSeries).size()) << "the other series does not count";
+        for (const File& f : c.m_vFiles) {
+            std::string strPath = LogDir() + f.m_strName;
+            if (f.m_nSize < 0) rmdir(strPath.c_str());
+            else unlink(strPath.c_str());
+        }
+    }
 }
 
 TEST_F(TraceLogFiles, AtMostTenFilesGoAtOneOpening)
@@ -101,14 +111,6 @@ TEST_F(TraceLogFiles, AtMostTenFilesGoAtOneOpening)
     EXPECT_EQ(50u, Series("TalvorService").size());
     // Files of one instant go by name, which holds their time.
     for (int i = 0; i < 11; i++) EXPECT_FALSE(Exists(ServiceName(i))) << ServiceName(i);
-}
-
-TEST_F(TraceLogFiles, DirectoriesOfTheSeriesAreNeitherCountedNorRemoved)
-{
-    ASSERT_EQ(0, mkdir((LogDir() + "TalvorServiceDir").c_str(), 0755));
-    for (int i = 0; i < 50; i++) MakeFile(ServiceName(i), 10);
-    ASSERT_TRUE(CLogManager::instance().LogFileManage("TalvorService*"));
-    EXPECT_EQ(51u, Series("TalvorService").size());
 }
 
 TEST_F(TraceLogFiles, MissingDirectoryIsReportedAndChangesNothing)
