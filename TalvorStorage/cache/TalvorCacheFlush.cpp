@@ -68,7 +68,7 @@ HRESULT CTalvorCacheStorage::RunFlushLoop(LPTALVORCRITICALSECTION lpCritSection,
     if (run.lpWork == nullptr) return E_FAIL;
     HEVENTTYPE hWait = kind.bIndex ? m_hCacheIndexFlush : m_hCacheFlush;
     for (;;) {
-        if (m_bExit) run.bExit = TRUE;
+        if (TalvorLoadShared(&m_bExit)) run.bExit = TRUE;
         ServeOpenRequest(lpCritSection, kind);
         int nRing = ServeRing(lpCritSection, run);
         if (nRing == FLUSHRING_PAUSED) {

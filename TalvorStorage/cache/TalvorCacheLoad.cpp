@@ -148,7 +148,7 @@ HRESULT CTalvorCacheStorage::StorageLoad(LPTALVORCRITICALSECTION lpCritSection, 
     LPstu_FileCacheLoadInfo lpInfo = &m_pCacheBufferHead->m_stFileCacheLoadInfo[bFileNo];
     LPBYTE lpPrivate = nullptr;
     int nPrivateSize = 0;
-    while (!m_bExit) {
+    while (!TalvorLoadShared(&m_bExit)) {
         // The reading position is ours, but it lies in shared memory: a
         // damaged one restarts the group rather than leaving it.
         BYTE bPos = lpInfo->m_bStorageLoadPos;
@@ -207,7 +207,7 @@ BOOL CTalvorCacheStorage::WaitForPostedSlot(LPstu_FileCacheLoadInfo, LPCacheBuff
 // slot may still be half written.
 void CTalvorCacheStorage::WaitForVerification(LPCacheBufferBlockOperate lpSlot)
 {
-    for (int nTry = 0; nTry < VERIFY_ALL_TRIES && !m_bExit; nTry++) {
+    for (int nTry = 0; nTry < VERIFY_ALL_TRIES && !TalvorLoadShared(&m_bExit); nTry++) {
         __atomic_thread_fence(__ATOMIC_ACQUIRE);
         if (lpSlot->m_bVerification == ExpectedVerification(lpSlot->m_llCacheBlockOffset)) return;
         if (nTry < VERIFY_FAST_TRIES)
@@ -221,11 +221,11 @@ void CTalvorCacheStorage::WaitForVerification(LPCacheBufferBlockOperate lpSlot)
 BOOL CTalvorCacheStorage::WaitWhilePaused(LPCacheBufferBlockOperate lpSlot)
 {
     while (lpSlot->m_bFileNo == m_bPauseFileNo && m_bPauseFileNo != 0) {
-        if (m_bExit) return FALSE;
+        if (TalvorLoadShared(&m_bExit)) return FALSE;
         Sleep(PAUSE_SLEEP_MS);
         WaitForVerification(lpSlot);
     }
-    return m_bExit ? FALSE : TRUE;
+    return TalvorLoadShared(&m_bExit) ? FALSE : TRUE;
 }
 
 // The cache block a slot names, when [offset, offset + nSize) lies inside
@@ -321,7 +321,7 @@ void CTalvorCacheStorage::AnswerSlot(LPstu_FileCacheLoadInfo lpInfo, LPCacheBuff
 
 void CTalvorCacheStorage::StopLoadThreads()
 {
-    m_bExit = 1;
+    TalvorStoreShared(&m_bExit, 1);
     for (int i = 0; i < MAX_FILE_NUM; i++) {
         stu_FileLoadInfo& info = m_stFileLoadInfo[i];
         if (info.m_hStorageLoadThread != 0) {

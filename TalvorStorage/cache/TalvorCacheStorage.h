@@ -215,6 +215,8 @@ public:
     volatile BYTE m_bTrunkIndex;
     volatile BYTE m_bLeaveIndex;
     volatile BYTE m_bPauseFileNo;
+    // Polled by the flush, load and preload threads: TalvorLoadShared and
+    // TalvorStoreShared only.
     volatile BYTE m_bExit;
     UINT m_nTrunkFreeNo;
     UINT m_nMetaFreeNo;
