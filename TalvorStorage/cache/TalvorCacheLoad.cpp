@@ -220,7 +220,7 @@ void CTalvorCacheStorage::WaitForVerification(LPCacheBufferBlockOperate lpSlot)
 // FALSE when told to stop while the slot's file is paused.
 BOOL CTalvorCacheStorage::WaitWhilePaused(LPCacheBufferBlockOperate lpSlot)
 {
-    while (lpSlot->m_bFileNo == m_bPauseFileNo && m_bPauseFileNo != 0) {
+    while (lpSlot->m_bFileNo == TalvorLoadShared(&m_bPauseFileNo) && lpSlot->m_bFileNo != 0) {
         if (TalvorLoadShared(&m_bExit)) return FALSE;
         Sleep(PAUSE_SLEEP_MS);
         WaitForVerification(lpSlot);
