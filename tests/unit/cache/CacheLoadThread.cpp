@@ -285,7 +285,7 @@ TEST_F(CacheLoadThread, ABlockEndingInZerosOfAWholeFileLoads)
 TEST_F(CacheLoadThread, PausedFileWaitsAndStopEndsTheThreadPromptly)
 {
     LPCacheBufferBlockOperate p = &m_lpGroup[Group()->m_bStorageLoadPos];
-    m_pCache->m_bPauseFileNo = FS_FILE_NO;
+    TalvorStoreShared(&m_pCache->m_bPauseFileNo, FS_FILE_NO);
     long long llTarget = CacheBlockOffset(m_nTarget);
     p->m_bFileNo = FS_FILE_NO;
     p->m_nBlockNo = BLOCK_NO;

@@ -44,7 +44,7 @@ protected:
     }
     void TearDown() override
     {
-        if (m_pCache) m_pCache->m_bExit = 1;
+        if (m_pCache) TalvorStoreShared(&m_pCache->m_bExit, 1);
         if (m_flusher.joinable()) m_flusher.join();
         if (m_pCache) m_pCache->Free();
         FileStorageFixture::TearDown();
