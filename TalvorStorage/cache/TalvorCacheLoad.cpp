@@ -151,9 +151,9 @@ HRESULT CTalvorCacheStorage::StorageLoad(LPTALVORCRITICALSECTION lpCritSection, 
     while (!TalvorLoadShared(&m_bExit)) {
         // The reading position is ours, but it lies in shared memory: a
         // damaged one restarts the group rather than leaving it.
-        BYTE bPos = lpInfo->m_bStorageLoadPos;
+        BYTE bPos = TalvorLoadShared(&lpInfo->m_bStorageLoadPos);
         if (bPos >= nNum) {
-            lpInfo->m_bStorageLoadPos = 0;
+            TalvorStoreShared(&lpInfo->m_bStorageLoadPos, 0);
             bPos = 0;
         }
         LPCacheBufferBlockOperate lpSlot = &lpGroup[bPos];
@@ -194,7 +194,7 @@ BOOL CTalvorCacheStorage::ReadWhole(LPFILEINFO pFileInfo, long long llFileOffset
 
 BOOL CTalvorCacheStorage::WaitForPostedSlot(LPstu_FileCacheLoadInfo, LPCacheBufferBlockOperate lpSlot, BYTE bFileNo)
 {
-    if (lpSlot->m_bStatus == CACHELOAD_POSTED) return TRUE;
+    if (TalvorLoadShared(&lpSlot->m_bStatus) == CACHELOAD_POSTED) return TRUE;
     HEVENTTYPE hEvent = m_stFileLoadInfo[bFileNo].m_hCacheLoad;
     if (hEvent != nullptr)
         WaitForSingleObject(hEvent, (UINT)(m_nWaitTime > 0 ? m_nWaitTime : 1));
@@ -208,8 +208,7 @@ BOOL CTalvorCacheStorage::WaitForPostedSlot(LPstu_FileCacheLoadInfo, LPCacheBuff
 void CTalvorCacheStorage::WaitForVerification(LPCacheBufferBlockOperate lpSlot)
 {
     for (int nTry = 0; nTry < VERIFY_ALL_TRIES && !TalvorLoadShared(&m_bExit); nTry++) {
-        __atomic_thread_fence(__ATOMIC_ACQUIRE);
-        if (lpSlot->m_bVerification == ExpectedVerification(lpSlot->m_llCacheBlockOffset)) return;
+        if (TalvorLoadShared(&lpSlot->m_bVerification) == ExpectedVerification(lpSlot->m_llCacheBlockOffset)) return;
         if (nTry < VERIFY_FAST_TRIES)
             usleep(1);
         else
@@ -307,14 +306,13 @@ void CTalvorCacheStorage::AnswerSlot(LPstu_FileCacheLoadInfo lpInfo, LPCacheBuff
                                      int nNum, BYTE bSuccess, BYTE bFileNo)
 {
     lpSlot->m_bSuccess = bSuccess;
-    __atomic_thread_fence(__ATOMIC_RELEASE);
-    BYTE bNow = lpInfo->m_bStorageLoadPos;
+    BYTE bNow = TalvorLoadShared(&lpInfo->m_bStorageLoadPos);
     if (bNow == bPos) {
-        lpSlot->m_bStatus = CACHELOAD_DONE;
-        lpInfo->m_bStorageLoadPos = (BYTE)((bPos + 1) % nNum);
+        TalvorStoreShared(&lpSlot->m_bStatus, CACHELOAD_DONE);
+        TalvorStoreShared(&lpInfo->m_bStorageLoadPos, (bPos + 1) % nNum);
     } else if (bNow == 0) {
         // The engine took the group back meanwhile: the slot is free again.
-        lpSlot->m_bStatus = CACHELOAD_FREE;
+        TalvorStoreShared(&lpSlot->m_bStatus, CACHELOAD_FREE);
     }
     SetEvent(m_stFileLoadInfo[bFileNo].m_hStorageLoad);
 }
