@@ -128,6 +128,10 @@ TEST_F(PeerCacheSide, NewBlocksPagesAndATimestampReachTheFileAsTheCacheHeldThem)
     std::vector<BYTE> vHead(m_peer.ImageOf(head), m_peer.ImageOf(head) + CACHE_PAGE_SIZE);
     for (PeerFlushPost* p : {&map, &head, &stamp}) ASSERT_TRUE(m_peer.PostEntry(*p, WAIT_MS));
     for (PeerFlushPost* p : {&map, &head, &stamp}) EXPECT_EQ(CACHEFLUSH_DONE, m_peer.WaitEntry(*p, WAIT_MS));
+    // The peer saw the answer through its own mapping of the segment; read
+    // it once more through the daemon's, the address the flush thread
+    // answered at, so that the thread sanitizer sees the order too.
+    ASSERT_EQ(0, TalvorLoadShared(&m_pCache->m_pCacheFlush[stamp.m_nPos].m_bStatus));
     EXPECT_EQ(vMap, FileRange(CACHE_PAGE_SIZE, CACHE_PAGE_SIZE));
     EXPECT_EQ(vHead, FileRange(0, CACHE_PAGE_SIZE));
     EXPECT_EQ((UINT)BLOCKS, Val(((LPTABLEFILEHEAD)vHead.data())->m_nBlockNum));
