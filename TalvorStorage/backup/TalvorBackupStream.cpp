@@ -126,7 +126,19 @@ BOOL CTalvorBackupStream::Append(const BYTE* lpData, long long nSize)
         nSize -= nTake;
         if (m_nUsed == m_nBufSize && !Submit(m_nBufSize)) return FALSE;
     }
-    return !m_bFailed;
+    return !HasFailed();
+}
+
+BOOL CTalvorBackupStream::HasFailed()
+{
+    if (!m_bThread) return m_bFailed;
+    // The writer sets the failure and where it happened under the mutex;
+    // taking it here also makes FailedAt and FailedErrno safe to read once
+    // this said TRUE, since the writer never writes them again.
+    pthread_mutex_lock(&m_mutex);
+    BOOL bFailed = m_bFailed;
+    pthread_mutex_unlock(&m_mutex);
+    return bFailed;
 }
 
 BOOL CTalvorBackupStream::Finish(long long nEnd)

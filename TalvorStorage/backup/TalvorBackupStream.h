@@ -33,7 +33,9 @@ public:
     // Everything written, the file cut to nEnd and synced. FALSE on a failed
     // write, cut or sync (errno kept in FailedErrno).
     BOOL Finish(long long nEnd);
-    // Where the failed write began, and its errno.
+    // Where the failed write began, and its errno: caller's thread, only
+    // after Append or Finish returned FALSE (which ordered them after the
+    // writer's failure).
     long long FailedAt() const { return m_nFailedAt; }
     int FailedErrno() const { return m_nFailedErrno; }
     // Bytes appended so far.
@@ -44,6 +46,9 @@ private:
     // Hands the buffer in hand to the writer and takes the other one.
     BOOL Submit(int nBytes);
     BOOL WaitIdle();
+    // Whether a write failed so far; caller's thread, takes m_mutex when
+    // there is a writer thread.
+    BOOL HasFailed();
     BOOL WriteNow(const BYTE* lpBuf, int nBytes, long long nPos);
     void Stop();
 

@@ -68,7 +68,7 @@ HRESULT CTalvorCacheStorage::RunFlushLoop(LPTALVORCRITICALSECTION lpCritSection,
     if (run.lpWork == nullptr) return E_FAIL;
     HEVENTTYPE hWait = kind.bIndex ? m_hCacheIndexFlush : m_hCacheFlush;
     for (;;) {
-        if (m_bExit) run.bExit = TRUE;
+        if (TalvorLoadShared(&m_bExit)) run.bExit = TRUE;
         ServeOpenRequest(lpCritSection, kind);
         int nRing = ServeRing(lpCritSection, run);
         if (nRing == FLUSHRING_PAUSED) {
@@ -111,16 +111,16 @@ int CTalvorCacheStorage::ServeRing(LPTALVORCRITICALSECTION lpCritSection, CacheF
     if (pRing == nullptr) return FLUSHRING_EMPTY;
     for (;;) {
         // A position from a cache that survived is the engine's as much as ours.
-        int nPos = *pPos % CACHE_FLUSH_RING_SIZE;
+        int nPos = TalvorLoadShared(pPos) % CACHE_FLUSH_RING_SIZE;
         stu_CacheFlush* p = &pRing[nPos];
-        if (p->m_bStatus != 1) return FLUSHRING_EMPTY;
+        if (TalvorLoadShared(&p->m_bStatus) != 1) return FLUSHRING_EMPTY;
         TalvorFlushCPU4Read();
         BYTE bResult = CACHEFLUSH_DONE;
         if (CarryOut(lpCritSection, p, run, bResult) == FLUSHRING_PAUSED) return FLUSHRING_PAUSED;
         p->m_bReserved = bResult;
         TalvorFlushCPU4Write();
-        p->m_bStatus = 0;
-        *pPos = (BYTE)((nPos + 1) % CACHE_FLUSH_RING_SIZE);
+        TalvorStoreShared(&p->m_bStatus, 0);
+        TalvorStoreShared(pPos, (nPos + 1) % CACHE_FLUSH_RING_SIZE);
         if (hPost != nullptr) SetEvent(hPost);
     }
 }

@@ -208,7 +208,7 @@ int CTalvorCacheStorage::CarryOut(LPTALVORCRITICALSECTION lpCritSection, stu_Cac
         bResult = CACHEFLUSH_NOBACKEND;
         return FLUSHENTRY_HANDLED;
     }
-    if (bFileNo == m_bPauseFileNo && bFileNo != 0) return FLUSHENTRY_PAUSED;
+    if (bFileNo == TalvorLoadShared(&m_bPauseFileNo) && bFileNo != 0) return FLUSHENTRY_PAUSED;
     if (!EntryInsideFile(p, pFile, kind, nPos)) {
         bResult = CACHEFLUSH_UNUSABLE;
         return FLUSHENTRY_HANDLED;

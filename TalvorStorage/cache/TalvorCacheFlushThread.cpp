@@ -61,7 +61,7 @@ int CTalvorCacheStorage::CreateBackendsFor(LPTALVORCRITICALSECTION lpCritSection
               nRet);
         delete pStorage;
         // The start gives up on this.
-        m_bExit = 1;
+        TalvorStoreShared(&m_bExit, 1);
         return 1;
     }
     return 0;
@@ -106,7 +106,7 @@ int CTalvorCacheStorage::CreateEventAndThread()
     if (m_hStorageFlush == nullptr || m_hStorageIndexFlush == nullptr || m_hCacheFlush == nullptr ||
         m_hCacheIndexFlush == nullptr)
         return E_FAIL;
-    m_bExit = 0;
+    TalvorStoreShared(&m_bExit, 0);
     int nRet = CreateJoinableThread(&m_hStorageFlushThread, StorageFlushThread, this);
     if (nRet == 0) nRet = CreateJoinableThread(&m_hStorageIndexFlushThread, StorageIndexFlushThread, this);
     if (nRet == 0) return S_OK;
@@ -117,13 +117,13 @@ int CTalvorCacheStorage::CreateEventAndThread()
 
 int CTalvorCacheStorage::Exit()
 {
-    m_bExit = 1;
+    TalvorStoreShared(&m_bExit, 1);
     return 0;
 }
 
 int CTalvorCacheStorage::Free()
 {
-    m_bExit = 1;
+    TalvorStoreShared(&m_bExit, 1);
     // The semaphores only shorten the threads' waits.
     if (m_hCacheFlush != nullptr) SetEvent(m_hCacheFlush);
     if (m_hCacheIndexFlush != nullptr) SetEvent(m_hCacheIndexFlush);

@@ -148,12 +148,12 @@ HRESULT CTalvorCacheStorage::StorageLoad(LPTALVORCRITICALSECTION lpCritSection, 
     LPstu_FileCacheLoadInfo lpInfo = &m_pCacheBufferHead->m_stFileCacheLoadInfo[bFileNo];
     LPBYTE lpPrivate = nullptr;
     int nPrivateSize = 0;
-    while (!m_bExit) {
+    while (!TalvorLoadShared(&m_bExit)) {
         // The reading position is ours, but it lies in shared memory: a
         // damaged one restarts the group rather than leaving it.
-        BYTE bPos = lpInfo->m_bStorageLoadPos;
+        BYTE bPos = TalvorLoadShared(&lpInfo->m_bStorageLoadPos);
         if (bPos >= nNum) {
-            lpInfo->m_bStorageLoadPos = 0;
+            TalvorStoreShared(&lpInfo->m_bStorageLoadPos, 0);
             bPos = 0;
         }
         LPCacheBufferBlockOperate lpSlot = &lpGroup[bPos];
@@ -194,7 +194,7 @@ BOOL CTalvorCacheStorage::ReadWhole(LPFILEINFO pFileInfo, long long llFileOffset
 
 BOOL CTalvorCacheStorage::WaitForPostedSlot(LPstu_FileCacheLoadInfo, LPCacheBufferBlockOperate lpSlot, BYTE bFileNo)
 {
-    if (lpSlot->m_bStatus == CACHELOAD_POSTED) return TRUE;
+    if (TalvorLoadShared(&lpSlot->m_bStatus) == CACHELOAD_POSTED) return TRUE;
     HEVENTTYPE hEvent = m_stFileLoadInfo[bFileNo].m_hCacheLoad;
     if (hEvent != nullptr)
         WaitForSingleObject(hEvent, (UINT)(m_nWaitTime > 0 ? m_nWaitTime : 1));
@@ -207,9 +207,8 @@ BOOL CTalvorCacheStorage::WaitForPostedSlot(LPstu_FileCacheLoadInfo, LPCacheBuff
 // slot may still be half written.
 void CTalvorCacheStorage::WaitForVerification(LPCacheBufferBlockOperate lpSlot)
 {
-    for (int nTry = 0; nTry < VERIFY_ALL_TRIES && !m_bExit; nTry++) {
-        __atomic_thread_fence(__ATOMIC_ACQUIRE);
-        if (lpSlot->m_bVerification == ExpectedVerification(lpSlot->m_llCacheBlockOffset)) return;
+    for (int nTry = 0; nTry < VERIFY_ALL_TRIES && !TalvorLoadShared(&m_bExit); nTry++) {
+        if (TalvorLoadShared(&lpSlot->m_bVerification) == ExpectedVerification(lpSlot->m_llCacheBlockOffset)) return;
         if (nTry < VERIFY_FAST_TRIES)
             usleep(1);
         else
@@ -220,12 +219,12 @@ void CTalvorCacheStorage::WaitForVerification(LPCacheBufferBlockOperate lpSlot)
 // FALSE when told to stop while the slot's file is paused.
 BOOL CTalvorCacheStorage::WaitWhilePaused(LPCacheBufferBlockOperate lpSlot)
 {
-    while (lpSlot->m_bFileNo == m_bPauseFileNo && m_bPauseFileNo != 0) {
-        if (m_bExit) return FALSE;
+    while (lpSlot->m_bFileNo == TalvorLoadShared(&m_bPauseFileNo) && lpSlot->m_bFileNo != 0) {
+        if (TalvorLoadShared(&m_bExit)) return FALSE;
         Sleep(PAUSE_SLEEP_MS);
         WaitForVerification(lpSlot);
     }
-    return m_bExit ? FALSE : TRUE;
+    return TalvorLoadShared(&m_bExit) ? FALSE : TRUE;
 }
 
 // The cache block a slot names, when [offset, offset + nSize) lies inside
@@ -307,21 +306,20 @@ void CTalvorCacheStorage::AnswerSlot(LPstu_FileCacheLoadInfo lpInfo, LPCacheBuff
                                      int nNum, BYTE bSuccess, BYTE bFileNo)
 {
     lpSlot->m_bSuccess = bSuccess;
-    __atomic_thread_fence(__ATOMIC_RELEASE);
-    BYTE bNow = lpInfo->m_bStorageLoadPos;
+    BYTE bNow = TalvorLoadShared(&lpInfo->m_bStorageLoadPos);
     if (bNow == bPos) {
-        lpSlot->m_bStatus = CACHELOAD_DONE;
-        lpInfo->m_bStorageLoadPos = (BYTE)((bPos + 1) % nNum);
+        TalvorStoreShared(&lpSlot->m_bStatus, CACHELOAD_DONE);
+        TalvorStoreShared(&lpInfo->m_bStorageLoadPos, (bPos + 1) % nNum);
     } else if (bNow == 0) {
         // The engine took the group back meanwhile: the slot is free again.
-        lpSlot->m_bStatus = CACHELOAD_FREE;
+        TalvorStoreShared(&lpSlot->m_bStatus, CACHELOAD_FREE);
     }
     SetEvent(m_stFileLoadInfo[bFileNo].m_hStorageLoad);
 }
 
 void CTalvorCacheStorage::StopLoadThreads()
 {
-    m_bExit = 1;
+    TalvorStoreShared(&m_bExit, 1);
     for (int i = 0; i < MAX_FILE_NUM; i++) {
         stu_FileLoadInfo& info = m_stFileLoadInfo[i];
         if (info.m_hStorageLoadThread != 0) {

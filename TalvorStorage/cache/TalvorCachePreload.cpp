@@ -412,7 +412,7 @@ BOOL CTalvorCacheStorage::WaitForBackends()
         for (int n = 0; p != nullptr && n < MAX_FILE_NUM; p = p->m_pNext, n++)
             if (IsCacheFileType((BYTE)p->m_bFileType) && p->m_pStorageFile == nullptr) bAll = FALSE;
         if (bAll) return TRUE;
-        if (m_bExit) return FALSE;
+        if (TalvorLoadShared(&m_bExit)) return FALSE;
         Sleep(1);
     }
 }

@@ -72,7 +72,7 @@ void CPreloadReader::Run()
         }
         // Idle: a stop of the daemon ends the reader; a read asked after
         // this falls to the start-up thread.
-        if (*m_pExit != 0) break;
+        if (TalvorLoadShared(m_pExit) != 0) break;
     }
     __atomic_store_n(&m_bGone, 1, __ATOMIC_RELEASE);
     SetEvent(m_semDone);

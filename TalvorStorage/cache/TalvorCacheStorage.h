@@ -214,7 +214,11 @@ public:
     UINT m_nFreeNo;
     volatile BYTE m_bTrunkIndex;
     volatile BYTE m_bLeaveIndex;
+    // Set by the command thread, polled by the flush and load threads:
+    // TalvorLoadShared and TalvorStoreShared only.
     volatile BYTE m_bPauseFileNo;
+    // Polled by the flush, load and preload threads: TalvorLoadShared and
+    // TalvorStoreShared only.
     volatile BYTE m_bExit;
     UINT m_nTrunkFreeNo;
     UINT m_nMetaFreeNo;

@@ -51,7 +51,7 @@ LPTABLEFILEHEAD CTalvorFileStorage::CachedHead(LPFILEINFO pFileInfo) const
 
 CTalvorFileStorage::CTalvorFileStorage(CTalvorCacheStorage* pTalvorCacheStorage)
     : m_nFlushCount(0), m_pFileInfo(nullptr), m_pFlashback(nullptr), m_pTalvorCacheStorage(pTalvorCacheStorage),
-      m_pCacheLRUHead(nullptr), m_pCacheLRUTail(nullptr)
+      m_pCacheLRUHead(nullptr), m_pCacheLRUTail(nullptr), m_bBuffered(FALSE)
 {
     memset(m_arCacheBuffer, 0, sizeof(m_arCacheBuffer));
     memset(m_arCacheHash, 0, sizeof(m_arCacheHash));

@@ -276,6 +276,10 @@ private:
     stu_Cache_Buffer* m_arCacheHash[FILESTORE_BUFFER_NUM];
     stu_Cache_Buffer* m_pCacheLRUHead;
     stu_Cache_Buffer* m_pCacheLRUTail;
+    // Whether the buffers are there. Set before the file is shared and
+    // cleared after, so it is read without the latch, unlike the LRU ends
+    // that every buffered access moves.
+    BOOL m_bBuffered;
 
     // Buffers (TalvorFileStorageBuffers.cpp); m_crit held.
     void AllocateBuffers();

@@ -26,6 +26,7 @@ void CTalvorFileStorage::AllocateBuffers()
     }
     m_pCacheLRUHead = &m_arCacheBuffer[0];
     m_pCacheLRUTail = &m_arCacheBuffer[FILESTORE_BUFFER_NUM - 1];
+    m_bBuffered = TRUE;
 }
 
 void CTalvorFileStorage::FreeBuffers()
@@ -38,6 +39,7 @@ void CTalvorFileStorage::FreeBuffers()
     }
     memset(m_arCacheHash, 0, sizeof(m_arCacheHash));
     m_pCacheLRUHead = m_pCacheLRUTail = nullptr;
+    m_bBuffered = FALSE;
 }
 
 int CTalvorFileStorage::Bucket(long long llPos)
@@ -166,7 +168,7 @@ int CTalvorFileStorage::WriteOutBuffer(stu_Cache_Buffer* p, const WriteOutCodes&
 
 int CTalvorFileStorage::FlushBuffer(LPTALVORCRITICALSECTION lpCritSection)
 {
-    if (m_pCacheLRUTail == nullptr) return -1;
+    if (!m_bBuffered) return -1;
     CTalvorCriticalSectionPtr lock(&m_crit, lpCritSection);
     for (stu_Cache_Buffer* p = m_pCacheLRUTail; p != nullptr; p = p->m_pLRUPrev) {
         if (p->m_nStatus != FILEBUF_WHOLE_CHANGED && p->m_nStatus != FILEBUF_PARTS_CHANGED) continue;

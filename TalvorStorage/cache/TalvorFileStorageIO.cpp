@@ -80,7 +80,7 @@ int CTalvorFileStorage::WriteDirect(long long llPos, const BYTE* lpBuf, int nSiz
 
 int CTalvorFileStorage::ReadDirect(LPTALVORCRITICALSECTION lpCritSection, long long llPos, LPBYTE lpBuf, int nSize)
 {
-    if (m_pCacheLRUHead != nullptr) {
+    if (m_bBuffered) {
         // Changes held in a buffer of the range go out first, or the read
         // would give the disk's older bytes.
         CTalvorCriticalSectionPtr lock(&m_crit, lpCritSection);
@@ -200,7 +200,7 @@ int CTalvorFileStorage::ReadMissIntoBuffer(long long llPos, LPBYTE lpBuf, int nS
 int CTalvorFileStorage::ReadBlock(LPTALVORCRITICALSECTION lpCritSection, long long llPos, LPBYTE lpBuf, int nSize)
 {
     if (nSize < 1 || lpBuf == nullptr || llPos < 0) return 1;
-    if (m_pCacheLRUHead == nullptr) return ReadDirect(lpCritSection, llPos, lpBuf, nSize);
+    if (!m_bBuffered) return ReadDirect(lpCritSection, llPos, lpBuf, nSize);
     {
         CTalvorCriticalSectionPtr lock(&m_crit, lpCritSection);
         stu_Cache_Buffer* p = nullptr;

@@ -45,7 +45,9 @@ const JoinKind STANDBY = {TRUE, "Connecting Standby node...", "Standby node syst
 
 void SetPos(LPTALVORPROGRESS lpProgress, long long nPos)
 {
-    if (lpProgress != nullptr) lpProgress->m_nPos = (int)(nPos > JOIN_PROGRESS_CAP ? JOIN_PROGRESS_CAP : nPos);
+    // The engine shows the position while the transfer goes on.
+    if (lpProgress != nullptr)
+        TalvorStoreShared(&lpProgress->m_nPos, nPos > JOIN_PROGRESS_CAP ? JOIN_PROGRESS_CAP : nPos);
 }
 
 void Step(LPTALVORPROGRESS lpProgress, const char* lpTitle, long long nPos)

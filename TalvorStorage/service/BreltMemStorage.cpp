@@ -348,7 +348,7 @@ void CBreltMemStorageModule::WaitForStandbySlots()
 {
     for (int i = 0; i < STANDBY_SLOT_WAITS; i++) {
         bool bAnyLeft = false;
-        for (int j = 0; j < 256 && !bAnyLeft; j++) bAnyLeft = m_arTalvorStandby[j] != nullptr;
+        for (int j = 0; j < 256 && !bAnyLeft; j++) bAnyLeft = __atomic_load_n(&m_arTalvorStandby[j], __ATOMIC_ACQUIRE) != nullptr;
         if (!bAnyLeft) break;
         usleep(1000);
     }

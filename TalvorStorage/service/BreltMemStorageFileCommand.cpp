@@ -555,7 +555,7 @@ BYTE CBreltMemStorageModule::FileCmdMove(LPTALVORCRITICALSECTION lpCritSection, 
     // so that the move can still be taken back whole.
     const BOOL bCache = IsCacheFileType((BYTE)p->m_bFileType) && m_pTalvorCacheStorage != nullptr;
     if (bCache) {
-        m_pTalvorCacheStorage->m_bPauseFileNo = p->m_bFileNo;
+        TalvorStoreShared(&m_pTalvorCacheStorage->m_bPauseFileNo, p->m_bFileNo);
         usleep(CACHE_PAUSE_SETTLE_US);
     }
     int nResult = MoveFileData(lpCritSection, p, row.m_szPath);
@@ -574,10 +574,10 @@ BYTE CBreltMemStorageModule::FileCmdMove(LPTALVORCRITICALSECTION lpCritSection, 
     // The list on disk still names the old file, which is whole: the file
     // goes back there, or later passes would leave it behind.
     if (nResult != 0 && bCopied && TakeMoveBack(lpCritSection, p, szOldPath) != 0) {
-        if (bCache) m_pTalvorCacheStorage->m_bPauseFileNo = 0;
+        if (bCache) TalvorStoreShared(&m_pTalvorCacheStorage->m_bPauseFileNo, 0);
         return FILECMD_MOVE_FAILED;
     }
-    if (bCache) m_pTalvorCacheStorage->m_bPauseFileNo = 0;
+    if (bCache) TalvorStoreShared(&m_pTalvorCacheStorage->m_bPauseFileNo, 0);
     if (nResult != 0) {
         Trace("MemFileCMD", 1, 10060023,
               TALVOR_TEXT("系统收到修改物理文件路径的命令,但写入新文件失败,文件路径:%s,内存文件名:%s",
@@ -740,7 +740,7 @@ BYTE CBreltMemStorageModule::FileCmdDelete(LPTALVORCRITICALSECTION lpCritSection
     // by another file.
     const BOOL bCache = IsCacheFileType((BYTE)p->m_bFileType) && m_pTalvorCacheStorage != nullptr;
     if (bCache) {
-        m_pTalvorCacheStorage->m_bPauseFileNo = bFileNo;
+        TalvorStoreShared(&m_pTalvorCacheStorage->m_bPauseFileNo, bFileNo);
         usleep(CACHE_PAUSE_SETTLE_US);
         if (p->m_pStorageFile != nullptr) {
             CTalvorCriticalSectionPtr wait(&static_cast<CTalvorFileStorage*>(p->m_pStorageFile)->m_crit, lpCritSection);
@@ -771,6 +771,6 @@ BYTE CBreltMemStorageModule::FileCmdDelete(LPTALVORCRITICALSECTION lpCritSection
               bAllowed ? errno : EPERM, (int)bFileNo, p->m_lpszFilePath, p->m_lpszTablespaceName);
     }
     free(p);
-    if (bCache) m_pTalvorCacheStorage->m_bPauseFileNo = 0;
+    if (bCache) TalvorStoreShared(&m_pTalvorCacheStorage->m_bPauseFileNo, 0);
     return FILECMD_NONE;
 }

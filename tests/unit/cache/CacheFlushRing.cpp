@@ -229,7 +229,7 @@ TEST_F(FlushRing, FailedWriteGives252KeepsTheBlockDirtyAndHoldsTheTimestamp)
     // The engine posts the block again; now it is written, and the next
     // timestamp is committed.
     m_vPosted.clear();
-    m_pCache->m_bExit = 0;
+    TalvorStoreShared(&m_pCache->m_bExit, 0);
     stu_CacheFlush* p = Next();
     m_vPosted.back() = (int)(p - m_pCache->m_pCacheFlush);
     p->m_bBlockType = CACHEFLUSH_DATA;

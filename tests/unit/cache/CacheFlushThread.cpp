@@ -48,7 +48,7 @@ TEST_F(FlushThread, ThreadsServeAPostedEntryAndEndPromptlyOnExit)
     ASSERT_NE(0u, (unsigned long)m_pCache->m_hStorageIndexFlushThread);
     stu_CacheFlush* p = PostData(60, 40LL * FS_PART);
     SetEvent(m_pCache->m_hCacheFlush);
-    ASSERT_TRUE(WaitFor([&] { return Val(p->m_bStatus) == 0; }, 20000)) << "the posted entry was never served";
+    ASSERT_TRUE(WaitFor([&] { return TalvorLoadShared(&p->m_bStatus) == 0; }, 20000)) << "the posted entry was never served";
     EXPECT_EQ(CACHEFLUSH_DONE, Val(p->m_bReserved));
     EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
 
@@ -102,16 +102,16 @@ TEST_F(FlushRing, APausedFileHoldsTheRingUntilThePauseEnds)
     MakeRing();
     stu_CacheFlush* pFirst = PostData(80, 40LL * FS_PART);
     stu_CacheFlush* pSecond = PostData(81, 41LL * FS_PART);
-    m_pCache->m_bPauseFileNo = FS_FILE_NO;
+    TalvorStoreShared(&m_pCache->m_bPauseFileNo, FS_FILE_NO);
     std::thread t([&] { EXPECT_EQ(S_OK, m_pCache->StorageFlush(nullptr)); });
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     // Nothing passes the paused entry.
     EXPECT_EQ(1, Val(pFirst->m_bStatus));
     EXPECT_EQ(1, Val(pSecond->m_bStatus));
     EXPECT_TRUE(Writes().empty());
-    m_pCache->m_bPauseFileNo = 0;
-    EXPECT_TRUE(WaitFor([&] { return Val(pSecond->m_bStatus) == 0; }, 20000));
-    m_pCache->m_bExit = 1;
+    TalvorStoreShared(&m_pCache->m_bPauseFileNo, 0);
+    EXPECT_TRUE(WaitFor([&] { return TalvorLoadShared(&pSecond->m_bStatus) == 0; }, 20000));
+    TalvorStoreShared(&m_pCache->m_bExit, 1);
     t.join();
     EXPECT_EQ((std::vector<int>{CACHEFLUSH_DONE, CACHEFLUSH_DONE}), Results());
     EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
@@ -121,7 +121,7 @@ TEST_F(FlushRing, AtTheStopAPausedEntryStaysPostedForTheNextDaemon)
 {
     MakeRing();
     stu_CacheFlush* p = PostData(82, 40LL * FS_PART);
-    m_pCache->m_bPauseFileNo = FS_FILE_NO;
+    TalvorStoreShared(&m_pCache->m_bPauseFileNo, FS_FILE_NO);
     Run();
     EXPECT_EQ(1, Val(p->m_bStatus));
     EXPECT_EQ(0, (int)Head()->m_bStorageFlushPos);
@@ -189,7 +189,7 @@ TEST_F(FlushRing, AnOpenRequestOfThisTypeIsServedAndCleared)
     FILEINFO stTable = m_info;
     stTable.m_hFile = nullptr;
     m_pCache->m_lpOpenFileInfo = &stTable;
-    m_pCache->m_bExit = 1;
+    TalvorStoreShared(&m_pCache->m_bExit, 1);
     EXPECT_EQ(S_OK, m_pCache->StorageIndexFlush(nullptr));
     EXPECT_EQ(&stTable, m_pCache->m_lpOpenFileInfo);
     m_pCache->m_lpOpenFileInfo = nullptr;

@@ -75,7 +75,7 @@ protected:
     int Request(BYTE bFileNo, UINT nBlockNo, long long llFileOffset, int nSize, long long llCacheOffset,
                 int nVerifyDelta = 0)
     {
-        LPCacheBufferBlockOperate p = &m_lpGroup[Group()->m_bStorageLoadPos];
+        LPCacheBufferBlockOperate p = &m_lpGroup[TalvorLoadShared(&Group()->m_bStorageLoadPos)];
         p->m_bFileNo = bFileNo;
         p->m_nBlockNo = nBlockNo;
         p->m_llFileBlockOffset = llFileOffset;
@@ -83,18 +83,17 @@ protected:
         p->m_llCacheBlockOffset = llCacheOffset;
         p->m_bSuccess = 99;
         p->m_bVerification = (BYTE)((llCacheOffset / CACHE_BLOCK_SIZE) % 255 + 1 + nVerifyDelta);
-        __atomic_thread_fence(__ATOMIC_RELEASE);
-        p->m_bStatus = CACHELOAD_POSTED;
+        TalvorStoreShared(&p->m_bStatus, CACHELOAD_POSTED);
         sem_post(m_hPost);
         return Answer(p);
     }
     int Answer(LPCacheBufferBlockOperate p)
     {
-        for (int i = 0; i < 5000 && p->m_bStatus != CACHELOAD_DONE; i++)
+        for (int i = 0; i < 5000 && TalvorLoadShared(&p->m_bStatus) != CACHELOAD_DONE; i++)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        if (p->m_bStatus != CACHELOAD_DONE) return -1;
+        if (TalvorLoadShared(&p->m_bStatus) != CACHELOAD_DONE) return -1;
         int nSuccess = p->m_bSuccess;
-        p->m_bStatus = CACHELOAD_FREE;  // the engine takes the slot back
+        TalvorStoreShared(&p->m_bStatus, CACHELOAD_FREE);  // the engine takes the slot back
         return nSuccess;
     }
     int RequestGood() { return Request(FS_FILE_NO, BLOCK_NO, BLOCK_AT, CACHE_BLOCK_SIZE, CacheBlockOffset(m_nTarget)); }
@@ -129,10 +128,10 @@ TEST_F(CacheLoadThread, LoadsTheBlockByteForByteAndWrapsAroundTheGroup)
     // of the group and every answer stay right.
     for (int i = 0; i < m_nSlots + 3; i++) {
         memset(Target(), FILLER, CACHE_BLOCK_SIZE);
-        BYTE bPos = Group()->m_bStorageLoadPos;
+        BYTE bPos = TalvorLoadShared(&Group()->m_bStorageLoadPos);
         ASSERT_EQ(CACHELOAD_OK, RequestGood()) << "request " << i;
         ASSERT_TRUE(TargetHoldsBlock(BLOCK_AT)) << "request " << i;
-        EXPECT_EQ((bPos + 1) % m_nSlots, Val(Group()->m_bStorageLoadPos));
+        EXPECT_EQ((bPos + 1) % m_nSlots, TalvorLoadShared(&Group()->m_bStorageLoadPos));
     }
     EXPECT_EQ(0, Val(((LPBASEBLOCKHEAD)Target())->m_bThreadNum));
 }
@@ -261,8 +260,8 @@ TEST_F(CacheLoadThread, ABlockEndingInZerosOfAWholeFileLoads)
 
 TEST_F(CacheLoadThread, PausedFileWaitsAndStopEndsTheThreadPromptly)
 {
-    LPCacheBufferBlockOperate p = &m_lpGroup[Group()->m_bStorageLoadPos];
-    m_pCache->m_bPauseFileNo = FS_FILE_NO;
+    LPCacheBufferBlockOperate p = &m_lpGroup[TalvorLoadShared(&Group()->m_bStorageLoadPos)];
+    TalvorStoreShared(&m_pCache->m_bPauseFileNo, FS_FILE_NO);
     long long llTarget = CacheBlockOffset(m_nTarget);
     p->m_bFileNo = FS_FILE_NO;
     p->m_nBlockNo = BLOCK_NO;
@@ -270,10 +269,10 @@ TEST_F(CacheLoadThread, PausedFileWaitsAndStopEndsTheThreadPromptly)
     p->m_nBlockSize = CACHE_BLOCK_SIZE;
     p->m_llCacheBlockOffset = llTarget;
     p->m_bVerification = (BYTE)((llTarget / CACHE_BLOCK_SIZE) % 255 + 1);
-    p->m_bStatus = CACHELOAD_POSTED;
+    TalvorStoreShared(&p->m_bStatus, CACHELOAD_POSTED);
     sem_post(m_hPost);
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    EXPECT_EQ(CACHELOAD_POSTED, Val(p->m_bStatus)) << "a paused file was served";
+    EXPECT_EQ(CACHELOAD_POSTED, TalvorLoadShared(&p->m_bStatus)) << "a paused file was served";
     EXPECT_TRUE(TargetUntouched());
     // Stop while it waits on the pause: it must end well within the join
     // time, with no latch taken and the request left unanswered.
@@ -283,7 +282,7 @@ TEST_F(CacheLoadThread, PausedFileWaitsAndStopEndsTheThreadPromptly)
     EXPECT_LT(nMs, 2000);
     EXPECT_EQ(0u, (unsigned long)m_pCache->m_stFileLoadInfo[FS_FILE_NO].m_hStorageLoadThread);
     EXPECT_TRUE(m_pCache->m_stFileLoadInfo[FS_FILE_NO].m_hCacheLoad == nullptr);
-    EXPECT_EQ(CACHELOAD_POSTED, Val(p->m_bStatus));
+    EXPECT_EQ(CACHELOAD_POSTED, TalvorLoadShared(&p->m_bStatus));
     EXPECT_TRUE(TargetUntouched());
     EXPECT_TRUE(LatchFree());
     EXPECT_EQ(0, m_pCache->m_csCache.m_nLockFlag);

@@ -598,7 +598,7 @@ TEST_F(CachePreload, AReaderEndedByTheStopLeavesItsReadsToTheCaller)
     volatile BYTE bExit = 0;
     CPreloadReader* r = CPreloadReader::Start(idx.pStorage, &bExit);
     ASSERT_NE(nullptr, r);
-    bExit = 1;
+    TalvorStoreShared(&bExit, 1);
     // The idle reader sees the stop within a slice and ends on its own.
     EXPECT_TRUE(ThreadsSettleAt(nThreads));
     LPBYTE lpBuf = (LPBYTE)CTalvorCacheStorage::get_aligned_buffer((size_t)P);

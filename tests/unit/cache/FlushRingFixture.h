@@ -32,15 +32,17 @@ protected:
     stu_CacheFlush* Next()
     {
         stu_CacheFlush* p = &m_pCache->m_pCacheFlush[m_nPos];
-        memset((void*)p, 0, sizeof(*p));
+        // The flush thread polls the status byte: it is left to Post.
+        size_t nStatus = offsetof(stu_CacheFlush, m_bStatus);
+        memset((void*)p, 0, nStatus);
+        memset((LPBYTE)p + nStatus + 1, 0, sizeof(*p) - nStatus - 1);
         m_vPosted.push_back(m_nPos);
         m_nPos = (m_nPos + 1) % CACHE_FLUSH_RING_SIZE;
         return p;
     }
     static void Post(stu_CacheFlush* p)
     {
-        __atomic_thread_fence(__ATOMIC_RELEASE);
-        p->m_bStatus = 1;
+        TalvorStoreShared(&p->m_bStatus, 1);
     }
     // A dirty data block in a cache block of the file's chain; its entry.
     // The model learns the bytes the disk must get.
@@ -123,7 +125,7 @@ protected:
     // The pipeline told to stop: it serves what is posted and returns.
     void Run()
     {
-        m_pCache->m_bExit = 1;
+        TalvorStoreShared(&m_pCache->m_bExit, 1);
         EXPECT_EQ(S_OK, m_pCache->StorageFlush(nullptr));
         EXPECT_TRUE(LatchFree());
     }

@@ -161,7 +161,7 @@ private:
         for (;;) {
             Taken t;
             if (sk < 0 || !RecvAll(sk, &t.m_stHead, sizeof(t.m_stHead))) break;
-            t.m_nPos = m_lpProgress != nullptr ? m_lpProgress->m_nPos : -1;
+            t.m_nPos = m_lpProgress != nullptr ? TalvorLoadShared(&m_lpProgress->m_nPos) : -1;
             memcpy(&t.m_stParam, t.m_stHead.m_lpszParam, sizeof(t.m_stParam));
             t.m_strPayload.resize(t.m_stHead.m_lDataLength);
             if (!t.m_strPayload.empty() && !RecvAll(sk, &t.m_strPayload[0], t.m_strPayload.size())) break;

@@ -99,15 +99,17 @@ protected:
     int SlotsTaken()
     {
         int n = 0;
-        for (CTalvorStandby* p : m_db.Module().m_arTalvorStandby) n += p != nullptr;
+        for (CTalvorStandby*& p : m_db.Module().m_arTalvorStandby) n += __atomic_load_n(&p, __ATOMIC_ACQUIRE) != nullptr;
         return n;
     }
     bool WaitForNoStandby(int nTimeoutMs)
     {
         for (int i = 0; i < nTimeoutMs / 10; i++) {
-            if (SlotsTaken() == 0 && m_lpChannel->m_bStandbyThreads == 0) return true;
-            for (CTalvorStandby* p : m_db.Module().m_arTalvorStandby)
-                if (p != nullptr) p->Uninitialize();
+            if (SlotsTaken() == 0 && TalvorLoadShared(&m_lpChannel->m_bStandbyThreads) == 0) return true;
+            for (CTalvorStandby*& p : m_db.Module().m_arTalvorStandby) {
+                CTalvorStandby* pStandby = __atomic_load_n(&p, __ATOMIC_ACQUIRE);
+                if (pStandby != nullptr) pStandby->Uninitialize();
+            }
             usleep(10000);
         }
         return false;
@@ -198,12 +200,12 @@ TEST_F(ClusterCommands, AStandbyTakesOneSlotPerAddressUntilItsThreadEnds)
     EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
     EXPECT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult));
     EXPECT_EQ(1, SlotsTaken());
-    EXPECT_EQ(1, Val(m_lpChannel->m_bStandbyThreads));
+    EXPECT_EQ(1, TalvorLoadShared(&m_lpChannel->m_bStandbyThreads));
     // The same address again: the live thread takes the reset, no new slot.
     EXPECT_EQ(S_OK, Standby(CLUSTERCMD_ADDSTANDBY, LOOPBACK, usDead));
     EXPECT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult));
     EXPECT_EQ(1, SlotsTaken());
-    EXPECT_EQ(1, Val(m_lpChannel->m_bStandbyThreads));
+    EXPECT_EQ(1, TalvorLoadShared(&m_lpChannel->m_bStandbyThreads));
     EXPECT_TRUE(m_db.m_tree.Traced("worked properly"));
     // Another port of the same address is another standby.
     EXPECT_EQ(S_OK, Standby(CLUSTERCMD_ADDSTANDBY, LOOPBACK, (USHORT)(usDead + 1)));
@@ -219,7 +221,7 @@ TEST_F(ClusterCommands, AStandbyTakesOneSlotPerAddressUntilItsThreadEnds)
     EXPECT_EQ(S_OK, Standby(CLUSTERCMD_REMOVESTANDBY, LOOPBACK, usDead));
     for (int i = 0; i < 300 && SlotsTaken() != 1; i++) usleep(10000);
     EXPECT_EQ(1, SlotsTaken());
-    EXPECT_EQ(1, Val(m_lpChannel->m_bStandbyThreads));
+    EXPECT_EQ(1, TalvorLoadShared(&m_lpChannel->m_bStandbyThreads));
     EXPECT_TRUE(WaitForNoStandby(5000));
 }
 
