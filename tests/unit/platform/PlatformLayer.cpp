@@ -682,22 +682,23 @@ TEST(ThreadWait, TimedJoinWaitsForTheEnd)
 
 TEST(ThreadWait, TimedJoinOfManyUsesOneDeadline)
 {
-    Gate g1, g2;
-    HTHREADTYPE arTh[2] = {0, 0};
-    ASSERT_EQ(CreateJoinableThread(&arTh[0], WaitOnGate, &g1), 0);
-    ASSERT_EQ(CreateJoinableThread(&arTh[1], WaitOnGate, &g2), 0);
-    HTHREADTYPE arKeep[2] = {arTh[0], arTh[1]};
+    // A deadline renewed for each of the four threads would take four times
+    // the time-out: the bound leaves three time-outs of room, so that a
+    // loaded machine cannot fail it by chance and a renewed wait still does.
+    const int N = 4, TIMEOUT_MS = 300;
+    Gate arGate[N];
+    HTHREADTYPE arTh[N] = {};
+    for (int i = 0; i < N; i++) ASSERT_EQ(CreateJoinableThread(&arTh[i], WaitOnGate, &arGate[i]), 0);
+    HTHREADTYPE arKeep[N];
+    memcpy(arKeep, arTh, sizeof(arTh));
     long long t0 = NowMs();
-    EXPECT_EQ(TalvorWaitForMultipleThread(2, arTh, TRUE, 100), WAIT_TIMEOUT);
+    EXPECT_EQ(TalvorWaitForMultipleThread(N, arTh, TRUE, TIMEOUT_MS), WAIT_TIMEOUT);
     long long dt = NowMs() - t0;
-    EXPECT_GE(dt, 90);
-    EXPECT_LT(dt, 180) << "the deadline is shared, not renewed for each thread";
-    sem_post(&g1.m_sem);
-    sem_post(&g2.m_sem);
-    HTHREADTYPE arAgain[2] = {arKeep[0], arKeep[1]};
-    EXPECT_EQ(TalvorWaitForMultipleThread(2, arAgain, TRUE, 5000), WAIT_OBJECT_0);
-    EXPECT_TRUE(g1.m_bEnded.load());
-    EXPECT_TRUE(g2.m_bEnded.load());
+    EXPECT_GE(dt, TIMEOUT_MS - 10);
+    EXPECT_LT(dt, (N - 1) * TIMEOUT_MS) << "the deadline is shared, not renewed for each thread";
+    for (Gate& g : arGate) sem_post(&g.m_sem);
+    EXPECT_EQ(TalvorWaitForMultipleThread(N, arKeep, TRUE, 5000), WAIT_OBJECT_0);
+    for (Gate& g : arGate) EXPECT_TRUE(g.m_bEnded.load());
 }
 
 // --- Named events -------------------------------------------------------
