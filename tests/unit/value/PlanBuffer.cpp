@@ -400,6 +400,21 @@ TEST(PlanBufferStream, OffsetsPastTheBytesAreRefused)
     v = good;
     at(v, 80, (UINT)(nSections + 1) << 16 | 16);
     refused(v, "next plan in a section that isn't there");
+    {
+        // A length that wraps 32 bits lands its end on a forged section in
+        // the main data, which closes the stream as a sound one would; the
+        // first section would then reach gigabytes past the bytes.
+        const UINT nForged = sizeof(EXECUTEPLANBSON) + 8;
+        ASSERT_LE(nForged + sizeof(BUFFERSECTIONHEAD), nMain);
+        v = good;
+        v[nForged] = BSON_SECTION_DATA;
+        at(v, nForged + 4, nTotal - nForged);
+        at(v, nForged + 8, 0);
+        v[nMain] = BSON_SECTION_DATA;
+        at(v, nMain + 4, 0u - (nMain - nForged));
+        at(v, nMain + 8, nForged);
+        refused(v, "a section length that wraps back into the main data");
+    }
     v = good;
     refused(std::vector<BYTE>(good.begin(), good.end() - 1), "stream cut short by a byte");
     refused(std::vector<BYTE>(good.begin(), good.begin() + 40), "stream shorter than a head");
