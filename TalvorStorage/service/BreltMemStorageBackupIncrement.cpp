@@ -22,6 +22,7 @@
 #include "TalvorTrace.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
@@ -197,6 +198,9 @@ struct IncrementRun {
     int nMapSize;
     LPBYTE lpBlock;
     int nBlockBufSize;
+    // The file's image while it may pass over unchanged blocks, else null.
+    const BYTE* lpImage;
+    long long nImageSize;
 
     BOOL Aborted() const { return TalvorLoadShared(pAbort) != 0; }
 
@@ -223,12 +227,31 @@ struct IncrementRun {
         return TRUE;
     }
 
-    // The block an entry names, if it changed since the reference.
+    // TRUE when the image shows the entry's block stamped before the
+    // reference. The engine only moves a block's stamp forward and the pass
+    // wrote the disk from the image, so the disk holds no newer stamp and
+    // the block needs no read. Whatever else the image shows (no mark yet,
+    // another number, a head past its end or not aligned for whole loads)
+    // leaves the decision to the disk.
+    BOOL ImageShowsUnchanged(UINT nEntryBlockNo, long long nBlockOffset) const
+    {
+        if (lpImage == nullptr || nBlockOffset % (long long)alignof(long long) != 0 ||
+            nBlockOffset > nImageSize - (long long)sizeof(BASEBLOCKHEAD))
+            return FALSE;
+        const BASEBLOCKHEAD* lpLive = (const BASEBLOCKHEAD*)(lpImage + nBlockOffset);
+        return TalvorLoadShared(&lpLive->m_nDataFlag) == BLOCK_DATAFLAG &&
+               TalvorLoadShared(&lpLive->m_nBlockNo) == nEntryBlockNo &&
+               TalvorLoadShared(&lpLive->m_nTimestamp) < nRefTimestamp;
+    }
+
+    // The block an entry names, if it changed since the reference: its
+    // mark, number and stamp are those on disk.
     BOOL TakeBlock(UINT nEntryBlockNo, long long nBlockOffset)
     {
         const char* lpszPath = src.p->m_lpszFilePath;
         long long nFileSize = src.p->m_liFileSize;
         if (nBlockOffset <= 0) return TRUE;  // an entry with no block yet
+        if (ImageShowsUnchanged(nEntryBlockNo, nBlockOffset)) return TRUE;
         long long nProbe = nFileSize - nBlockOffset < BLOCK_PROBE ? nFileSize - nBlockOffset : BLOCK_PROBE;
         memset(lpBlock, 0, BLOCK_PROBE);
         int nRet = nProbe < (long long)sizeof(BASEBLOCKHEAD) ? 1 : src.Read(nBlockOffset, lpBlock, nProbe);
@@ -321,6 +344,25 @@ struct IncrementRun {
     }
 };
 
+// The image of a memory-mode file, when it may stand in for the disk to
+// pass over unchanged blocks: not the system file (its image may be shorter
+// than the disk, and it has few blocks), and only when the image's head
+// puts the maps where the disk's head does, so that one offset names the
+// same block in both. Null otherwise, and always when bEnabled is FALSE.
+const BYTE* FilterImage(const stu_FILEINFO* p, const BASEFILEHEAD& stDiskHead, BOOL bEnabled)
+{
+    const BYTE bType = (BYTE)p->m_bFileType;
+    if (!bEnabled || p->m_pFileAddr == nullptr || !IsMemoryFileType(bType) || bType == FILETYPE_SYSTEM ||
+        p->m_liFileSize < (long long)sizeof(BASEFILEHEAD))
+        return nullptr;
+    // Fixed when the file was made; the engine does not write them.
+    int nMapStart = 0, nMapSize = 0;
+    memcpy(&nMapStart, p->m_pFileAddr + offsetof(BASEFILEHEAD, m_nBlockMapStartOffset), sizeof(nMapStart));
+    memcpy(&nMapSize, p->m_pFileAddr + offsetof(BASEFILEHEAD, m_nBlockMapSize), sizeof(nMapSize));
+    if (nMapStart != stDiskHead.m_nBlockMapStartOffset || nMapSize != stDiskHead.m_nBlockMapSize) return nullptr;
+    return p->m_pFileAddr;
+}
+
 // One file into the backup: its record always; its head, maps and changed
 // blocks only when it changed since the reference. lpFileHead is the
 // caller's buffer of the head (grown here; the caller frees the last).
@@ -376,6 +418,8 @@ BOOL BackupOneFile(IncrementRun& run, LPTALVORPROGRESS lpTalvorProgress, stu_FIL
     if (!run.AddItem(BACKUPITEM_FILEHEAD, 0, lpFileHead, nFileHeadSize, 0, 10019012)) return FALSE;
 
     run.bCache = IsCacheFileType((BYTE)p->m_bFileType);
+    run.lpImage = FilterImage(p, stHead, run.pModule->m_bIncrementSkipByImage);
+    run.nImageSize = p->m_liFileSize;
     if (stHead.m_nBlockMapStartOffset != 0) {
         int nMapSize = stHead.m_nBlockMapSize;
         int nMinMap = run.bCache ? CACHEMAP_HEAD + CACHEMAP_ENTRY : MEMMAP_HEAD + MEMMAP_ENTRY;
@@ -459,7 +503,7 @@ BOOL CBreltMemStorageModule::BackupIncrementalCore(LPTALVORCRITICALSECTION lpCri
     }
 
     IncrementRun run = {this, pFile, lpPage, 0, 0, nHeadSize, nRefTimestamp, &bAbort, {lpCritSection, nullptr, lpWindow},
-                        FALSE, nullptr, 0, nullptr, 0};
+                        FALSE, nullptr, 0, nullptr, 0, nullptr, 0};
     long long nFinished = 0;
     BOOL bDone = TRUE;
     for (int nIndex = 0; nIndex < nFileNum && bDone; nIndex++) {
