@@ -280,6 +280,11 @@ protected:
             long long ts = m_db.BeginTransaction();
             if (nFirst == 0) nFirst = ts;
             m_db.ChangeRow(2, nBlock, 2, ts * 7, ts);
+            // Bytes at the far end of the block as well, so that a block
+            // copied only in part does not pass for whole.
+            LPBYTE lpBlock = m_db.Image(2) + m_db.BlockOffset(2, nBlock);
+            int nBlockSize = ((LPBASEBLOCKHEAD)lpBlock)->m_nBlockSize;
+            memset(lpBlock + nBlockSize - 256, (int)(0x40 + ts % 64), 256);
             m_db.EndTransaction(ts);
         }
         return nFirst;
@@ -349,4 +354,30 @@ TEST_F(IncrementalBackupByImage, ABlockTheImageShowsOlderThanTheReferenceIsNotRe
     // changed blocks (the head is read again, whole with the block), and
     // the two changed in the image only are read to find them unchanged.
     EXPECT_LE(nByImage, 2 + 3 * 2 + 2);
+}
+
+TEST_F(IncrementalBackupByImage, PiecesReachTheBackupInFewWrites)
+{
+    FaultFileIO io;
+    long long nWrites = 0;
+    const std::string strBackupPath = BackupPath(m_nTs);
+    io.OnCall(FileOp::PWrite, [&](const FileCall& c) { nWrites += c.m_strPath == strBackupPath ? 1 : 0; });
+    std::string strBackup;
+    {
+        ScopedFileIO scoped(&io);
+        strBackup = BackupNow(TRUE);
+    }
+    int nChangedFiles = 0, nItems = 0;
+    for (int i = 0; i < 4; i++) {
+        const STRUCT_BACKUP_FILEINFO r = At<STRUCT_BACKUP_FILEINFO>(strBackup, BACKUP_FIXED_HEAD_SIZE + 296LL * i);
+        if (r.m_nDataStartOffset == 0) continue;
+        nChangedFiles++;
+        int nPages = 0;
+        nItems += (int)Items(strBackup, r, &nPages).size();
+    }
+    // The system file and the data file, with more pieces than files.
+    ASSERT_EQ(2, nChangedFiles);
+    ASSERT_GT(nItems, 3 * nChangedFiles);
+    // The head area twice; for each file its pieces at once, then its page.
+    EXPECT_LE(nWrites, 2 + 2 * nChangedFiles);
 }
