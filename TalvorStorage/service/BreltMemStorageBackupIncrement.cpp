@@ -6,7 +6,13 @@
 // The file is written in order: the head area as a placeholder, then per
 // file a placeholder page, the pieces, and the page rewritten with its
 // items once it is full or the file ends; the head area with its records
-// comes last. A backup cut anywhere before that carries zero records.
+// comes last. A backup cut anywhere before that carries zero records. The
+// placeholder page and the pieces behind it go out together, gathered in
+// a stage, before their page is rewritten.
+//
+// Most blocks of a memory-mode file are passed over on what its image
+// shows, without a read; every block that goes in is judged on its bytes
+// on disk.
 //
 // Every offset, count and size read from a database file is held to that
 // file before it is used: a map or block that lies outside it, or a map

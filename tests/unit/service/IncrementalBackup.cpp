@@ -381,3 +381,30 @@ TEST_F(IncrementalBackupByImage, PiecesReachTheBackupInFewWrites)
     // The head area twice; for each file its pieces at once, then its page.
     EXPECT_LE(nWrites, 2 + 2 * nChangedFiles);
 }
+
+TEST_F(IncrementalBackupByImage, AnImageWhoseMapsLieElsewhereThanOnDiskIsNotUsed)
+{
+    // The image's head puts the maps one map block further on than the
+    // disk's: its offsets cannot be taken for the file's, so every block's
+    // head is read from the disk, and the backup is the one that reads
+    // every head.
+    std::string strByDisk = BackupNow(FALSE);
+    LPBASEFILEHEAD lpHead = m_db.FileHead(2);
+    const int nMapStart = lpHead->m_nBlockMapStartOffset;
+    lpHead->m_nBlockMapStartOffset = nMapStart + lpHead->m_nBlockMapSize;
+    const std::string strData = m_db.PathOf(2);
+    FaultFileIO io;
+    long long nReads = 0;
+    io.OnCall(FileOp::PRead, [&](const FileCall& c) { nReads += c.m_strPath == strData ? 1 : 0; });
+    std::string strByImage;
+    {
+        ScopedFileIO scoped(&io);
+        strByImage = BackupNow(TRUE);
+    }
+    lpHead->m_nBlockMapStartOffset = nMapStart;
+    EXPECT_GE(nReads, 320);
+    ASSERT_EQ(strByDisk.size(), strByImage.size());
+    const size_t nTimeAt = offsetof(BACKUPFILEHEAD, m_ftBackupTime);
+    for (std::string* s : {&strByImage, &strByDisk}) memset(&(*s)[nTimeAt], 0, sizeof(FILETIME));
+    EXPECT_TRUE(strByDisk == strByImage);
+}
