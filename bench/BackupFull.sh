@@ -8,16 +8,20 @@
 # ends: its bytes are on the disk. cp is therefore timed with a sync behind it, so that
 # both sides count bytes that reached the disk. Each rate is the bytes moved
 # over the wall time of the whole request (the backup's save pass and the
-# drain included). Two rounds: the stand-in idle, and the stand-in
-# committing rows as a live engine while the backup runs. A third line per
-# round gives dd copying the same files in the backup's own pattern, to
+# drain included). Two modes: the stand-in idle, and the stand-in committing
+# rows as a live engine while the backup runs. Each mode runs ROUNDS rounds;
+# the side that goes first alternates from round to round, and every side
+# starts from the same cache state: everything synced and the page cache of
+# the whole machine dropped. Each round is told, then the mean. A last line
+# per mode gives dd copying the same files in the backup's own pattern, to
 # tell the cost of the pattern from the daemon's own.
 #
-#   bench/BackupFull.sh [BUILD_DIR] [MIB]   (defaults: build, 256)
+#   bench/BackupFull.sh [BUILD_DIR] [MIB] [ROUNDS]   (defaults: build, 256, 3)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build}
 mib=${2:-256}
+rounds=${3:-3}
 bin=$(cd "$build/bin" && pwd)
 . bench/BenchKit.sh
 bench_root backup "$bin"
@@ -44,53 +48,79 @@ PY
 bench_ini "$root" persistenceintervals=300 archivetype=1 "archivedespath=$root/Arch/"
 
 bench_primary "$root" "$bin" '
+  rounds=$1
   now() { date +%s.%N; }
-  # Both sides read the files from the disk: the backup reads with direct
-  # I/O, so the page cache of each database file is dropped before each
-  # side (for these files only).
-  uncache() { for f in "$root"/Data/Talvor/*.dbf; do dd if="$f" iflag=nocache count=0 status=none; done; }
-  # One round: cp of the database files (synced), then the backup.
-  round() {
-    rm -f "$root"/cp/*; sync; uncache
+  # The same cache state before each side: dirty pages on the disk and the
+  # page cache dropped (root only). The backup reads with direct I/O and cp
+  # through the cache, so neither may find the files cached by the other.
+  fresh() { rm -f "$root"/cp/*; sync; echo 3 > /proc/sys/vm/drop_caches; }
+  cp_side() {
+    fresh
     start=$(now); cp "$root"/Data/Talvor/*.dbf "$root/cp/"; sync; end=$(now)
     cpbytes=$(cat "$root"/cp/*.dbf | wc -c)
-    echo "$1 cpbytes=$cpbytes cpseconds=$(echo "$end - $start" | bc -l)" >> "$root/rounds.out"
-    rm -f "$root"/cp/*; sync; uncache
-    start=$(now); "$bin/talvor-peer" backup --full ${2:+--ts $2} --wait > "$root/backup-$1.out"; end=$(now)
+    echo "$1 round=$2 cpbytes=$cpbytes cpseconds=$(echo "$end - $start" | bc -l)" >> "$root/rounds.out"
+  }
+  backup_side() {
+    fresh
+    start=$(now); "$bin/talvor-peer" backup --full ${3:+--ts $3} --wait > "$root/backup-$1.out"; end=$(now)
     file=$(sed -n "s/^backup ts=.* path=\([^ ]*\).*/\1/p" "$root/backup-$1.out")
-    echo "$1 backupbytes=$(stat -c %s "$file") backupseconds=$(echo "$end - $start" | bc -l)" >> "$root/rounds.out"
+    echo "$1 round=$2 backupbytes=$(stat -c %s "$file") backupseconds=$(echo "$end - $start" | bc -l)" >> "$root/rounds.out"
     rm -f "$file"
-    # The I/O pattern of the backup without the daemon: 8 MiB direct reads,
-    # each followed by its direct synchronous write, one after the other.
+  }
+  # The I/O pattern of the backup without the daemon: 8 MiB direct reads,
+  # each followed by its direct synchronous write, one after the other.
+  dd_side() {
+    fresh
     start=$(now)
     for f in "$root"/Data/Talvor/*.dbf; do
       dd if="$f" of="$root/cp/$(basename "$f")" bs=8M iflag=direct oflag=direct,sync status=none
     done
     end=$(now)
-    echo "$1 ddbytes=$cpbytes ddseconds=$(echo "$end - $start" | bc -l)" >> "$root/rounds.out"
+    echo "$1 ddbytes=$(cat "$root"/cp/*.dbf | wc -c) ddseconds=$(echo "$end - $start" | bc -l)" >> "$root/rounds.out"
     rm -f "$root"/cp/*
   }
-  round idle 100
-  # A backup leaves m_nStatus at 0: the stand-in takes the head for ready.
-  "$bin/talvor-peer" data --journal "$root/journal" --live --head-ready --count 100000000 --seconds 20 \
-    --pause-us 200 --seed 1 > "$root/peer.out" & peer=$!
+  # MODE TS: the rounds, the side that goes first alternating.
+  mode() {
+    local r
+    for r in $(seq "$rounds"); do
+      if [ $((r % 2)) = 1 ]; then cp_side "$1" "$r"; backup_side "$1" "$r" "$2"
+      else backup_side "$1" "$r" "$2"; cp_side "$1" "$r"; fi
+    done
+    dd_side "$1"
+  }
+  t0=$(date +%s)
+  mode idle 100
+  # The stand-in commits for twice as long as the idle rounds took, so that
+  # it outlasts the committing ones; it then ends by itself and tells its
+  # summary. A backup leaves m_nStatus at 0: it takes the head for ready.
+  "$bin/talvor-peer" data --journal "$root/journal" --live --head-ready --count 100000000 \
+    --seconds $(( 2 * ($(date +%s) - t0) + 10 )) --pause-us 200 --seed 1 > "$root/peer.out" & peer=$!
   sleep 1
-  round committing
+  mode committing
   wait $peer || true
-' || true
+' "$rounds" || true
 
-field() { sed -n "s/^$1 .*$2=\([^ ]*\).*/\1/p" "$root/rounds.out"; }
+field() { sed -n "s/^$1 $2.*$3=\([^ ]*\).*/\1/p" "$root/rounds.out"; }
+# MODE: each round's rates and ratio, then their means.
 report() {
-  local cpb cps bb bs cprate rate
-  cpb=$(field "$1" cpbytes); cps=$(field "$1" cpseconds)
-  bb=$(field "$1" backupbytes); bs=$(field "$1" backupseconds)
-  if [ -z "$bb" ] || [ -z "$cpb" ]; then echo "$1: no measurement (see $root)"; return; fi
-  cprate=$(echo "$cpb / 1048576 / $cps" | bc -l)
-  rate=$(echo "$bb / 1048576 / $bs" | bc -l)
-  printf "%-11s backup %.1f MB/s (%d bytes in %.2f s), cp+sync %.1f MB/s, ratio %.2f (goal: at least 0.80)\n" \
-    "$1:" "$rate" "$bb" "$bs" "$cprate" "$(echo "$rate / $cprate" | bc -l)"
+  local r cpb cps bb bs cprate rate ratio n=0 sumrate=0 sumcp=0 sumratio=0 first
+  for r in $(seq "$rounds"); do
+    cpb=$(field "$1" "round=$r " cpbytes); cps=$(field "$1" "round=$r " cpseconds)
+    bb=$(field "$1" "round=$r " backupbytes); bs=$(field "$1" "round=$r " backupseconds)
+    if [ -z "$bb" ] || [ -z "$cpb" ]; then echo "$1 round $r: no measurement (see $root)"; continue; fi
+    cprate=$(echo "$cpb / 1048576 / $cps" | bc -l)
+    rate=$(echo "$bb / 1048576 / $bs" | bc -l)
+    ratio=$(echo "$rate / $cprate" | bc -l)
+    first=cp; [ $((r % 2)) = 0 ] && first=backup
+    printf "%-11s round %d (%-6s first): backup %.1f MB/s (%d bytes in %.2f s), cp+sync %.1f MB/s, ratio %.2f\n" \
+      "$1:" "$r" "$first" "$rate" "$bb" "$bs" "$cprate" "$ratio"
+    n=$((n + 1)); sumrate=$(echo "$sumrate + $rate" | bc -l); sumcp=$(echo "$sumcp + $cprate" | bc -l)
+    sumratio=$(echo "$sumratio + $ratio" | bc -l)
+  done
+  [ "$n" -gt 0 ] && printf "%-11s mean of %d rounds: backup %.1f MB/s, cp+sync %.1f MB/s, ratio %.2f (goal: at least 0.80)\n" \
+    "$1:" "$n" "$(echo "$sumrate / $n" | bc -l)" "$(echo "$sumcp / $n" | bc -l)" "$(echo "$sumratio / $n" | bc -l)"
   local db ds
-  db=$(field "$1" ddbytes); ds=$(field "$1" ddseconds)
+  db=$(field "$1" "" ddbytes); ds=$(field "$1" "" ddseconds)
   [ -n "$db" ] && printf "%-11s the same pattern by dd (8 MiB direct read, then direct sync write): %.1f MB/s\n" \
     "" "$(echo "$db / 1048576 / $ds" | bc -l)"
   return 0

@@ -138,6 +138,13 @@ public:
                            char* lpArchiveDesPath, int nPathSize, BYTE bLevel, long long nTimestamp,
                            long long nRefTimestamp, int nLogNo, int nLogPos, UINT ulLocalIP,
                            const volatile BYTE& bAbort);
+    // TRUE (the default): an incremental backup passes over a block of a
+    // memory-mode file whose image stamp is older than the reference without
+    // reading it; a block that passes is read and judged from the disk as
+    // any other. FALSE reads every block's head from the disk: what files
+    // with no image always do. Set before a backup, on the thread that runs
+    // it.
+    BOOL m_bIncrementSkipByImage = TRUE;
     // Its body on an open backup file. Allocates the five buffers, which
     // the caller frees.
     BOOL BackupIncrementalCore(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress,

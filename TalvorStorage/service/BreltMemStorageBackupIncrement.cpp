@@ -6,7 +6,13 @@
 // The file is written in order: the head area as a placeholder, then per
 // file a placeholder page, the pieces, and the page rewritten with its
 // items once it is full or the file ends; the head area with its records
-// comes last. A backup cut anywhere before that carries zero records.
+// comes last. A backup cut anywhere before that carries zero records. The
+// placeholder page and the pieces behind it go out together, gathered in
+// a stage, before their page is rewritten.
+//
+// Most blocks of a memory-mode file are passed over on what its image
+// shows, without a read; every block that goes in is judged on its bytes
+// on disk.
 //
 // Every offset, count and size read from a database file is held to that
 // file before it is used: a map or block that lies outside it, or a map
@@ -22,6 +28,7 @@
 #include "TalvorTrace.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
@@ -31,6 +38,8 @@ const int SECTOR = 512;
 // Reads from database files go through this window, in whole sectors.
 const int READ_WINDOW = 1 << 20;
 const int BLOCK_PROBE = 512;
+// Pieces are gathered into one write of up to this many bytes.
+const int STAGE_SIZE = 4 << 20;
 // Map heads and entries of the two modes.
 const int MEMMAP_HEAD = 32;
 const int MEMMAP_ENTRY = 20;
@@ -197,43 +206,125 @@ struct IncrementRun {
     int nMapSize;
     LPBYTE lpBlock;
     int nBlockBufSize;
+    // The file's image while it may pass over unchanged blocks, else null.
+    const BYTE* lpImage;
+    long long nImageSize;
+    // The bytes from nStagePos up to nWritePos wait here (STAGE_SIZE bytes)
+    // to go to the file in one write. Anything written to the file directly
+    // (a page rewritten, the head area) comes after Unstage, so that no
+    // write of the stage lands over it later.
+    LPBYTE lpStage;
+    long long nStagePos;
 
     BOOL Aborted() const { return TalvorLoadShared(pAbort) != 0; }
+
+    // Writes what the stage holds; nWriteCode names a failure.
+    BOOL Unstage(LONG nWriteCode)
+    {
+        long long nHeld = nWritePos - nStagePos;
+        if (nHeld > 0 && !pFile->WriteAt(nStagePos, lpStage, nHeld)) {
+            TraceWriteFailure(nWriteCode, (int)nHeld, errno);
+            return FALSE;
+        }
+        nStagePos = nWritePos;
+        return TRUE;
+    }
+
+    // nSize bytes appended at nWritePos, staged, or written at once when
+    // they are larger than the stage.
+    BOOL Append(const BYTE* lpData, int nSize, LONG nWriteCode)
+    {
+        if (nWritePos - nStagePos + nSize > STAGE_SIZE && !Unstage(nWriteCode)) return FALSE;
+        if (nSize > STAGE_SIZE) {
+            if (!pFile->WriteAt(nWritePos, lpData, nSize)) {
+                TraceWriteFailure(nWriteCode, nSize, errno);
+                return FALSE;
+            }
+            nWritePos += nSize;
+            nStagePos = nWritePos;
+            return TRUE;
+        }
+        memcpy(lpStage + (nWritePos - nStagePos), lpData, (size_t)nSize);
+        nWritePos += nSize;
+        return TRUE;
+    }
+
+    // The page in hand written with its items; with bEnd the file's chain
+    // ends there, else the next page begins at the write position.
+    BOOL EndPage(BOOL bEnd)
+    {
+        if (!Unstage(bEnd ? 10021002 : 10021012)) return FALSE;
+        BOOL bDone = pModule->WriteIncrementHeadData(pFile, lpPage, BACKUP_INCREMENT_PAGE_SIZE, nItemIndex, nPagePos,
+                                                     nWritePos, bEnd);
+        nStagePos = nWritePos;
+        return bDone;
+    }
 
     // One piece into the backup and its item into the page; a full page is
     // written first and the next one begun.
     BOOL AddItem(BYTE bType, int nBlockNo, const BYTE* lpData, int nSize, long long nFilePos, LONG nWriteCode)
     {
-        if (nItemIndex >= BACKUP_INCREMENT_MAX_ITEMS &&
-            !pModule->WriteIncrementHeadData(pFile, lpPage, BACKUP_INCREMENT_PAGE_SIZE, nItemIndex, nPagePos, nWritePos,
-                                             FALSE))
-            return FALSE;
-        if (!pFile->WriteAt(nWritePos, lpData, nSize)) {
-            TraceWriteFailure(nWriteCode, nSize, errno);
-            return FALSE;
-        }
+        if (nItemIndex >= BACKUP_INCREMENT_MAX_ITEMS && !EndPage(FALSE)) return FALSE;
+        const long long nDataPos = nWritePos;
+        if (!Append(lpData, nSize, nWriteCode)) return FALSE;
         LPBACKUPINCREMENTITEM lpItem = &((LPBACKUPINCREMENTHEAD)lpPage)->m_pBlockItem[nItemIndex];
         lpItem->m_nBlockSize = nSize;
         lpItem->m_nBlockNo = nBlockNo;
         lpItem->m_nBlockType = bType;
-        lpItem->m_nBlockDataPos = nWritePos;
+        lpItem->m_nBlockDataPos = nDataPos;
         lpItem->m_nBlockFilePos = nFilePos;
         nItemIndex++;
-        nWritePos += nSize;
         return TRUE;
     }
 
-    // The block an entry names, if it changed since the reference.
+    // TRUE when the image shows the entry's block stamped before the
+    // reference. The engine only moves a block's stamp forward and the pass
+    // wrote the disk from the image, so the disk holds no newer stamp and
+    // the block needs no read. Whatever else the image shows (no mark yet,
+    // another number, a head past its end or not aligned for whole loads)
+    // leaves the decision to the disk.
+    BOOL ImageShowsUnchanged(UINT nEntryBlockNo, long long nBlockOffset) const
+    {
+        if (lpImage == nullptr || nBlockOffset % (long long)alignof(long long) != 0 ||
+            nBlockOffset > nImageSize - (long long)sizeof(BASEBLOCKHEAD))
+            return FALSE;
+        const BASEBLOCKHEAD* lpLive = (const BASEBLOCKHEAD*)(lpImage + nBlockOffset);
+        return TalvorLoadShared(&lpLive->m_nDataFlag) == BLOCK_DATAFLAG &&
+               TalvorLoadShared(&lpLive->m_nBlockNo) == nEntryBlockNo &&
+               TalvorLoadShared(&lpLive->m_nTimestamp) < nRefTimestamp;
+    }
+
+    // How many bytes of the block at nBlockOffset the first read takes:
+    // the whole block as the image sizes it, where that fits the buffer and
+    // the file (a block that passed the image most likely goes in, and one
+    // read then serves both its head and its bytes), else the probe. At
+    // most what the file holds from there.
+    long long FirstRead(long long nBlockOffset) const
+    {
+        long long nLeft = src.p->m_liFileSize - nBlockOffset;
+        long long nWant = BLOCK_PROBE;
+        if (lpImage != nullptr && nBlockOffset <= nImageSize - (long long)sizeof(BASEBLOCKHEAD)) {
+            int nImageBlockSize = 0;  // fixed when the block was made
+            memcpy(&nImageBlockSize, lpImage + nBlockOffset + offsetof(BASEBLOCKHEAD, m_nBlockSize),
+                   sizeof(nImageBlockSize));
+            if (nImageBlockSize > nWant && nImageBlockSize <= nBlockBufSize) nWant = nImageBlockSize;
+        }
+        return nLeft < nWant ? nLeft : nWant;
+    }
+
+    // The block an entry names, if it changed since the reference: its
+    // mark, number, stamp and size are those on disk.
     BOOL TakeBlock(UINT nEntryBlockNo, long long nBlockOffset)
     {
         const char* lpszPath = src.p->m_lpszFilePath;
         long long nFileSize = src.p->m_liFileSize;
         if (nBlockOffset <= 0) return TRUE;  // an entry with no block yet
-        long long nProbe = nFileSize - nBlockOffset < BLOCK_PROBE ? nFileSize - nBlockOffset : BLOCK_PROBE;
+        if (ImageShowsUnchanged(nEntryBlockNo, nBlockOffset)) return TRUE;
+        long long nProbe = FirstRead(nBlockOffset);
         memset(lpBlock, 0, BLOCK_PROBE);
         int nRet = nProbe < (long long)sizeof(BASEBLOCKHEAD) ? 1 : src.Read(nBlockOffset, lpBlock, nProbe);
         if (nRet != 0) {
-            TraceReadFailure(bCache ? 10019033 : 10019023, lpszPath, nBlockOffset, BLOCK_PROBE, nRet);
+            TraceReadFailure(bCache ? 10019033 : 10019023, lpszPath, nBlockOffset, (int)nProbe, nRet);
             return FALSE;
         }
         BASEBLOCKHEAD stHead;
@@ -264,7 +355,8 @@ struct IncrementRun {
             lpBlock = lpLarger;
             nBlockBufSize = nSize;
         }
-        nRet = src.Read(nBlockOffset, lpBlock, nSize);
+        // Past what the first read took, the block is read whole.
+        nRet = nSize <= nProbe ? 0 : src.Read(nBlockOffset, lpBlock, nSize);
         if (nRet != 0) {
             TraceReadFailure(bCache ? 10019036 : 10014025, lpszPath, nBlockOffset, nSize, nRet);
             return FALSE;
@@ -321,6 +413,25 @@ struct IncrementRun {
     }
 };
 
+// The image of a memory-mode file, when it may stand in for the disk to
+// pass over unchanged blocks: not the system file (its image may be shorter
+// than the disk, and it has few blocks), and only when the image's head
+// puts the maps where the disk's head does, so that one offset names the
+// same block in both. Null otherwise, and always when bEnabled is FALSE.
+const BYTE* FilterImage(const stu_FILEINFO* p, const BASEFILEHEAD& stDiskHead, BOOL bEnabled)
+{
+    const BYTE bType = (BYTE)p->m_bFileType;
+    if (!bEnabled || p->m_pFileAddr == nullptr || !IsMemoryFileType(bType) || bType == FILETYPE_SYSTEM ||
+        p->m_liFileSize < (long long)sizeof(BASEFILEHEAD))
+        return nullptr;
+    // Fixed when the file was made; the engine does not write them.
+    int nMapStart = 0, nMapSize = 0;
+    memcpy(&nMapStart, p->m_pFileAddr + offsetof(BASEFILEHEAD, m_nBlockMapStartOffset), sizeof(nMapStart));
+    memcpy(&nMapSize, p->m_pFileAddr + offsetof(BASEFILEHEAD, m_nBlockMapSize), sizeof(nMapSize));
+    if (nMapStart != stDiskHead.m_nBlockMapStartOffset || nMapSize != stDiskHead.m_nBlockMapSize) return nullptr;
+    return p->m_pFileAddr;
+}
+
 // One file into the backup: its record always; its head, maps and changed
 // blocks only when it changed since the reference. lpFileHead is the
 // caller's buffer of the head (grown here; the caller frees the last).
@@ -368,14 +479,12 @@ BOOL BackupOneFile(IncrementRun& run, LPTALVORPROGRESS lpTalvorProgress, stu_FIL
     lpRecord->m_nDataStartOffset = run.nWritePos;
     run.nPagePos = run.nWritePos;
     run.nItemIndex = 0;
-    if (!run.pFile->WriteAt(run.nPagePos, run.lpPage, BACKUP_INCREMENT_PAGE_SIZE)) {
-        TraceWriteFailure(10019011, BACKUP_INCREMENT_PAGE_SIZE, errno);
-        return FALSE;
-    }
-    run.nWritePos += BACKUP_INCREMENT_PAGE_SIZE;
+    if (!run.Append(run.lpPage, BACKUP_INCREMENT_PAGE_SIZE, 10019011)) return FALSE;
     if (!run.AddItem(BACKUPITEM_FILEHEAD, 0, lpFileHead, nFileHeadSize, 0, 10019012)) return FALSE;
 
     run.bCache = IsCacheFileType((BYTE)p->m_bFileType);
+    run.lpImage = FilterImage(p, stHead, run.pModule->m_bIncrementSkipByImage);
+    run.nImageSize = p->m_liFileSize;
     if (stHead.m_nBlockMapStartOffset != 0) {
         int nMapSize = stHead.m_nBlockMapSize;
         int nMinMap = run.bCache ? CACHEMAP_HEAD + CACHEMAP_ENTRY : MEMMAP_HEAD + MEMMAP_ENTRY;
@@ -402,9 +511,7 @@ BOOL BackupOneFile(IncrementRun& run, LPTALVORPROGRESS lpTalvorProgress, stu_FIL
         run.nMapSize = nMapSize;
         if (!run.WalkMaps(stHead.m_nBlockMapStartOffset)) return FALSE;
     }
-    if (!run.pModule->WriteIncrementHeadData(run.pFile, run.lpPage, BACKUP_INCREMENT_PAGE_SIZE, run.nItemIndex,
-                                             run.nPagePos, run.nWritePos, TRUE))
-        return FALSE;
+    if (!run.EndPage(TRUE)) return FALSE;
     lpRecord->m_nDataEndOffset = run.nWritePos;
     return TRUE;
 }
@@ -440,8 +547,10 @@ BOOL CBreltMemStorageModule::BackupIncrementalCore(LPTALVORCRITICALSECTION lpCri
     lpHeadArea = (LPBYTE)get_aligned_buffer((size_t)nHeadSize);
     lpPage = (LPBYTE)get_aligned_buffer(BACKUP_INCREMENT_PAGE_SIZE);
     LPBYTE lpWindow = (LPBYTE)get_aligned_buffer(READ_WINDOW);
-    if (lpHeadArea == nullptr || lpPage == nullptr || lpWindow == nullptr || nFileNum == 0) {
+    LPBYTE lpStage = (LPBYTE)get_aligned_buffer(STAGE_SIZE);
+    if (lpHeadArea == nullptr || lpPage == nullptr || lpWindow == nullptr || lpStage == nullptr || nFileNum == 0) {
         free(lpWindow);
+        free(lpStage);
         TraceAllocFailure(10014015, nHeadSize);
         return FALSE;
     }
@@ -453,13 +562,14 @@ BOOL CBreltMemStorageModule::BackupIncrementalCore(LPTALVORCRITICALSECTION lpCri
     TalvorBackupShowTotal(lpTalvorProgress, nTotal);
     if (!pFile->WriteAt(0, lpHeadArea, nHeadSize)) {
         free(lpWindow);
+        free(lpStage);
         Trace("BackupIncrementalCore", 1, 10019002,
               TALVOR_TEXT("写入备份文件头失败(%d,%d)!", "Failed to write to backup file header (%d, %d)!"), nHeadSize, errno);
         return FALSE;
     }
 
     IncrementRun run = {this, pFile, lpPage, 0, 0, nHeadSize, nRefTimestamp, &bAbort, {lpCritSection, nullptr, lpWindow},
-                        FALSE, nullptr, 0, nullptr, 0};
+                        FALSE, nullptr, 0, nullptr, 0, nullptr, 0, lpStage, nHeadSize};
     long long nFinished = 0;
     BOOL bDone = TRUE;
     for (int nIndex = 0; nIndex < nFileNum && bDone; nIndex++) {
@@ -476,6 +586,7 @@ BOOL CBreltMemStorageModule::BackupIncrementalCore(LPTALVORCRITICALSECTION lpCri
     lpMap = run.lpMap;
     lpBlock = run.lpBlock;
     free(lpWindow);
+    free(lpStage);
     if (!bDone || TalvorLoadShared(&bAbort)) return FALSE;
     if (!pFile->Finish()) {
         TraceWriteFailure(10019042, nHeadSize, errno);

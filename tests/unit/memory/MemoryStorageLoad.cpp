@@ -1,11 +1,14 @@
 // Opening a memory-mode file: what is read and what is not, a segment that
 // survived, the checks of the head, and the refusals, each with its message.
 #include "DatabaseKit.h"
+#include "FaultFileIO.h"
+#include "TestClock.h"
 #include "ShareMemory.h"
 #include "TalvorMemoryStorage.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <sys/shm.h>
@@ -262,4 +265,48 @@ TEST_F(MemoryStorageLoad, ReadBlockCopiesFromTheImageOrRetriesTheFile)
     EXPECT_TRUE(m_tree.Traced("40006001 ReadBlock The file data block size read is incorrect, error: Input/output "
                               "error(5), path: " + PathOf(p) + ", read size: 65536, actual return size: -1, "
                               "file offset: 262144"));
+}
+
+TEST_F(MemoryStorageLoad, APieceIsReadWhileTheOneBeforeItIsInFlight)
+{
+    std::string strFile = MakeFileBytes(FILETYPE_DATA, 2, 24 * MIB, 24 * MIB);
+    LPFILEINFO p = Describe("Data2.dbf", 2, FILETYPE_DATA, 24 * MIB);
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
+    // The reads of the pieces at 8 and 16 MiB each wait (bounded) for the
+    // other to arrive: read one after the other, the first never meets the
+    // second.
+    FaultFileIO io;
+    std::atomic<int> nArrived{0};
+    std::atomic<int> nMet{0};
+    io.OnCall(FileOp::PRead, [&](const FileCall& c) {
+        if (c.m_nOffset != 8 * MIB && c.m_nOffset != 16 * MIB) return;
+        nArrived++;
+        if (WaitUntil([&] { return nArrived.load() >= 2; }, 2000)) nMet++;
+    });
+    {
+        ScopedFileIO scope(&io);
+        ASSERT_EQ(0, Open(p));
+    }
+    EXPECT_EQ(2, nMet.load());
+    EXPECT_EQ(0, memcmp(p->m_pFileAddr, strFile.data(), strFile.size()));
+    EXPECT_EQ(24 * MIB, m_nLoadSize);
+}
+
+TEST_F(MemoryStorageLoad, AFailedReadInFlightIsToldAtTheFirstPieceItSpoilt)
+{
+    // Every read meets the end of the file at 12 MiB: the pieces at 8 and 16
+    // MiB, read together, both fail; the earlier one is told.
+    std::string strFile = MakeFileBytes(FILETYPE_DATA, 2, 24 * MIB, 24 * MIB);
+    LPFILEINFO p = Describe("Data2.dbf", 2, FILETYPE_DATA, 24 * MIB);
+    ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
+    FaultFileIO io;
+    io.ReadsEndAt(12 * MIB);
+    {
+        ScopedFileIO scope(&io);
+        EXPECT_EQ(1, Open(p));
+    }
+    EXPECT_TRUE(m_tree.Traced("path: " + PathOf(p) + ", read location: 8388608, read size: 8388608"));
+    EXPECT_FALSE(m_tree.Traced("read location: 16777216"));
+    // Nothing past the piece before the failure is told as loaded.
+    EXPECT_LE(m_nLoadSize, 8 * MIB);
 }

@@ -4,6 +4,7 @@
 // pages chain after 290 items, and a block that is not what its map entry
 // says, or a map that points outside its file, stops the backup with no
 // file left behind.
+#include "FaultFileIO.h"
 #include "MemDBBackupDef.h"
 #include "PersistenceDb.h"
 #include "TestFiles.h"
@@ -247,4 +248,163 @@ TEST_F(IncrementalBackup, AMapPointingOutsideItsFileStopsTheBackup)
     EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nRef));
     EXPECT_FALSE(PathExists(BackupPath(nTs)));
     EXPECT_TRUE(m_db.m_tree.Traced("Map block id is incorrect"));
+}
+
+namespace {
+
+// A database whose image and disk differ: blocks saved before the reference,
+// one stamped exactly at it, some saved after it, and some changed in the
+// image only after the last pass (one of them also saved after the
+// reference). The data blocks that must go in are the saved ones at or
+// after the reference.
+class IncrementalBackupByImage : public IncrementalBackup {
+protected:
+    void SetUp() override
+    {
+        IncrementalBackup::SetUp();
+        if (HasFatalFailure()) return;
+        Change({3, 40});
+        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+        m_nRef = Change({17});
+        Change({18, 200});
+        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+        Change({5, 18, 250});
+        for (int nBlock : {17, 18, 200}) m_setSaved.insert(m_db.BlockOffset(2, nBlock));
+        m_nTs = m_db.Head()->m_nEndTimestamp;
+    }
+    // One transaction per block of the data file; the first one's stamp.
+    long long Change(std::initializer_list<int> blocks)
+    {
+        long long nFirst = 0;
+        for (int nBlock : blocks) {
+            long long ts = m_db.BeginTransaction();
+            if (nFirst == 0) nFirst = ts;
+            m_db.ChangeRow(2, nBlock, 2, ts * 7, ts);
+            // Bytes at the far end of the block as well, so that a block
+            // copied only in part does not pass for whole.
+            LPBYTE lpBlock = m_db.Image(2) + m_db.BlockOffset(2, nBlock);
+            int nBlockSize = ((LPBASEBLOCKHEAD)lpBlock)->m_nBlockSize;
+            memset(lpBlock + nBlockSize - 256, (int)(0x40 + ts % 64), 256);
+            m_db.EndTransaction(ts);
+        }
+        return nFirst;
+    }
+    // The backup as the module takes it after the command's pass, with or
+    // without the image; its bytes.
+    std::string BackupNow(BOOL bByImage)
+    {
+        CBreltMemStorageModule& m = m_db.Module();
+        m.m_bIncrementSkipByImage = bByImage;
+        BYTE bAbort = 0;
+        EXPECT_TRUE(m.BackupIncremental(&m_db.m_stCrit, m.m_pFlashback->GetProgress(), m_db.Head()->m_lpArchiveDesPath,
+                                        512, 1, m_nTs, m_nRef, 0, 0, 0, bAbort));
+        m.m_bIncrementSkipByImage = TRUE;
+        return ReadWholeFile(BackupPath(m_nTs));
+    }
+    std::set<long long> DataBlocksOfFile2(const std::string& strBackup)
+    {
+        const STRUCT_BACKUP_FILEINFO r = At<STRUCT_BACKUP_FILEINFO>(strBackup, BACKUP_FIXED_HEAD_SIZE + 296LL);
+        EXPECT_EQ(2, Val(r.m_bFileNo));
+        int nPages = 0;
+        std::set<long long> setBlocks;
+        for (const Item& it : Items(strBackup, r, &nPages))
+            if (it.m_bType == BACKUPITEM_DATABLOCK) setBlocks.insert(it.m_nFilePos);
+        return setBlocks;
+    }
+    long long m_nRef = 0;
+    long long m_nTs = 0;
+    std::set<long long> m_setSaved;
+};
+
+} // namespace
+
+TEST_F(IncrementalBackupByImage, PassingOverByTheImageWritesTheSameBytesAsReadingEveryHead)
+{
+    std::string strByImage = BackupNow(TRUE);
+    std::string strByDisk = BackupNow(FALSE);
+    ASSERT_GE(strByImage.size(), (size_t)BACKUP_HEAD_ALIGN);
+    // Not a vacuous match: the blocks saved at or after the reference, and
+    // none that changed in the image only.
+    EXPECT_EQ(m_setSaved, DataBlocksOfFile2(strByImage));
+    EXPECT_EQ(m_setSaved, DataBlocksOfFile2(strByDisk));
+    // Every byte alike but the time the backup was taken.
+    ASSERT_EQ(strByDisk.size(), strByImage.size());
+    const size_t nTimeAt = offsetof(BACKUPFILEHEAD, m_ftBackupTime);
+    for (std::string* s : {&strByImage, &strByDisk}) memset(&(*s)[nTimeAt], 0, sizeof(FILETIME));
+    EXPECT_TRUE(strByDisk == strByImage);
+}
+
+TEST_F(IncrementalBackupByImage, ABlockTheImageShowsOlderThanTheReferenceIsNotRead)
+{
+    // Reads of the data file, with and without the image.
+    const std::string strData = m_db.PathOf(2);
+    auto ReadsOfData = [&](BOOL bByImage) {
+        FaultFileIO io;
+        long long nReads = 0;
+        io.OnCall(FileOp::PRead, [&](const FileCall& c) { nReads += c.m_strPath == strData ? 1 : 0; });
+        ScopedFileIO scoped(&io);
+        BackupNow(bByImage);
+        return nReads;
+    };
+    const long long nByDisk = ReadsOfData(FALSE);
+    const long long nByImage = ReadsOfData(TRUE);
+    // 320 blocks: without the image each costs a read of its head.
+    EXPECT_GE(nByDisk, 320);
+    // With it: the file head, the map, and two reads for each of the three
+    // changed blocks (the head is read again, whole with the block), and
+    // the two changed in the image only are read to find them unchanged.
+    EXPECT_LE(nByImage, 2 + 3 * 2 + 2);
+}
+
+TEST_F(IncrementalBackupByImage, PiecesReachTheBackupInFewWrites)
+{
+    FaultFileIO io;
+    long long nWrites = 0;
+    const std::string strBackupPath = BackupPath(m_nTs);
+    io.OnCall(FileOp::PWrite, [&](const FileCall& c) { nWrites += c.m_strPath == strBackupPath ? 1 : 0; });
+    std::string strBackup;
+    {
+        ScopedFileIO scoped(&io);
+        strBackup = BackupNow(TRUE);
+    }
+    int nChangedFiles = 0, nItems = 0;
+    for (int i = 0; i < 4; i++) {
+        const STRUCT_BACKUP_FILEINFO r = At<STRUCT_BACKUP_FILEINFO>(strBackup, BACKUP_FIXED_HEAD_SIZE + 296LL * i);
+        if (r.m_nDataStartOffset == 0) continue;
+        nChangedFiles++;
+        int nPages = 0;
+        nItems += (int)Items(strBackup, r, &nPages).size();
+    }
+    // The system file and the data file, with more pieces than files.
+    ASSERT_EQ(2, nChangedFiles);
+    ASSERT_GT(nItems, 3 * nChangedFiles);
+    // The head area twice; for each file its pieces at once, then its page.
+    EXPECT_LE(nWrites, 2 + 2 * nChangedFiles);
+}
+
+TEST_F(IncrementalBackupByImage, AnImageWhoseMapsLieElsewhereThanOnDiskIsNotUsed)
+{
+    // The image's head puts the maps one map block further on than the
+    // disk's: its offsets cannot be taken for the file's, so every block's
+    // head is read from the disk, and the backup is the one that reads
+    // every head.
+    std::string strByDisk = BackupNow(FALSE);
+    LPBASEFILEHEAD lpHead = m_db.FileHead(2);
+    const int nMapStart = lpHead->m_nBlockMapStartOffset;
+    lpHead->m_nBlockMapStartOffset = nMapStart + lpHead->m_nBlockMapSize;
+    const std::string strData = m_db.PathOf(2);
+    FaultFileIO io;
+    long long nReads = 0;
+    io.OnCall(FileOp::PRead, [&](const FileCall& c) { nReads += c.m_strPath == strData ? 1 : 0; });
+    std::string strByImage;
+    {
+        ScopedFileIO scoped(&io);
+        strByImage = BackupNow(TRUE);
+    }
+    lpHead->m_nBlockMapStartOffset = nMapStart;
+    EXPECT_GE(nReads, 320);
+    ASSERT_EQ(strByDisk.size(), strByImage.size());
+    const size_t nTimeAt = offsetof(BACKUPFILEHEAD, m_ftBackupTime);
+    for (std::string* s : {&strByImage, &strByDisk}) memset(&(*s)[nTimeAt], 0, sizeof(FILETIME));
+    EXPECT_TRUE(strByDisk == strByImage);
 }
