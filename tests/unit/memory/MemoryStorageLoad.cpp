@@ -117,7 +117,9 @@ TEST_F(MemoryStorageLoad, SurvivingSegmentWithABadHeadOrOfAnotherSizeIsRefused)
         EXPECT_TRUE(m_tree.Traced(c.strTold));
         p->m_pStorageFile->Release();
         p->m_pStorageFile = nullptr;
-        if (c.nSize != 2 * MIB) EXPECT_EQ(nId, shmget(FileImageShmKey(4), 0, 0)) << "someone else's: kept";
+        if (c.nSize != 2 * MIB) {
+            EXPECT_EQ(nId, shmget(FileImageShmKey(4), 0, 0)) << "someone else's: kept";
+        }
         shmctl(nId, IPC_RMID, nullptr);
     }
 }
