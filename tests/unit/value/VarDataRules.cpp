@@ -233,7 +233,7 @@ TEST(VarDataCompare, AcrossTypesAndText)
     Dec("1.0").CalcHashFactor(h1);
     Int(1).CalcHashFactor(h2);
     EXPECT_EQ(h1, h2) << "1.0 and 1 hash alike";
-    // Doubles hash as the decimal they convert to, short binary fractions
+    // A double equal to a decimal hashes as it does, short binary fractions
     // and long ones alike.
     std::vector<double> vDoubles = {2.75, -0.0009765625, 0.1, 1e300, -123456.5, 0.0, -0.0, 999999999.5,
                                     123456789012345.0, 1e15, 1e-20, 5e-324};
@@ -315,9 +315,9 @@ void ExpectTotalOrder(const std::vector<st_VARDATA>& v)
     }
 }
 
-// Whole numbers hash inline for int and long long columns and through the
-// 128-bit decimal path for decimals (any scale, negative ones multiplied
-// out) and long doubles: every form of one number must land on one hash.
+// Whole numbers hash inline for int, long long and double columns and out
+// of line for decimals (any scale, negative ones multiplied out): every
+// form of one number must land on one hash.
 TEST(VarDataCompare, EqualNumbersHashAlikeInEveryType)
 {
     std::vector<long long> vWhole = {0, 1, -1, 127, -128, 32767, -32768, INT_MAX, INT_MIN, 999999999, 1000000000,
@@ -368,8 +368,8 @@ TEST(VarDataCompare, EqualNumbersHashAlikeInEveryType)
             EXPECT_EQ(u - 9, (unsigned long long)(h - 5)) << "both entries add one share";
         }
     }
-    // Doubles at the edges of the short form (20 binary places, 15 digits)
-    // against the decimal of their exact digits, which glibc prints.
+    // Doubles with up to 24 binary places against the decimal of their
+    // exact digits, which glibc prints.
     std::vector<double> vEdges = {std::ldexp(1.0, -20), std::ldexp(1.0, -21), std::ldexp(3.0, -20),
                                   999999999999999.5, 99999999999999.75, 1e15 - 1, 1e15, 4503599627370495.5,
                                   9007199254740992.0, 18446744073709551616.0, 0.5e-5, 123.0625};
