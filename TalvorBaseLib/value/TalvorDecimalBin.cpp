@@ -176,8 +176,9 @@ long long HashOfDecimal(const st_VARDATA* v)
     if (ExactDouble(m, nScale, d)) return (long long)talvorfixed::HashOfDouble(d);
     unsigned long long ullSmall = 0;
     bool bWhole64 = nScale <= 0 && WholeIn64Bits(m, -nScale, ullSmall);
-    if (bWhole64 && ullSmall < talvorfixed::kKeySignBit)
-        return (long long)talvorfixed::HashOfMagnitude(ullSmall | talvorfixed::kKeySignBit);
+    const unsigned long long LONG_LONG_LIMIT = 1ULL << 63;
+    if (bWhole64 && ullSmall < LONG_LONG_LIMIT)
+        return (long long)talvorfixed::HashOfMagnitude(talvorfixed::WideWholeKey(ullSmall));
     if (nScale > 0 && m <= (u128)~0ULL) return (long long)talvorfixed::HashOfDigits((unsigned long long)m, nScale);
     if (bWhole64) return (long long)talvorfixed::HashOfDigits(ullSmall, 0);
     unsigned long long arLimbs[MAX_WIDE_LIMBS] = {0};

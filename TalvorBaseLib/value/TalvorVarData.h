@@ -336,8 +336,8 @@ __attribute__((always_inline)) inline int st_VARDATA::Compare(const st_VARDATA& 
     // Rows of one column meet values of one type: those go straight.
     if (m_vt == b.m_vt) {
         if (m_vt == TALVOR_VT_BIGINT) return talvorfixed::IntegerOrder(m_llValue, b.m_llValue);
-        if (m_vt == TALVOR_VT_INT) return talvorfixed::IntegerOrder(m_nValue, b.m_nValue);
         if (m_vt == TALVOR_VT_DOUBLE) return talvorfixed::DoubleOrder(m_dblValue, b.m_dblValue);
+        if (m_vt == TALVOR_VT_INT) return talvorfixed::IntegerOrder(m_nValue, b.m_nValue);
     }
     return CompareOther(b);
 }

@@ -8,10 +8,10 @@
 // versions.
 //
 // The key of a number, the sign never counting:
-//   - a number a double holds exactly: the bits of that double, sign bit
-//     clear (0 and -0.0 alike) — every int, every long long up to 2^53;
-//   - any other whole number of the long long range: its magnitude with the
-//     top bit set, which no double's bits without sign reach;
+//   - a number a double holds exactly: the bits of that double without the
+//     sign (0 and -0.0 alike) — every int, every long long up to 2^53;
+//   - any other whole number of the long long range: its magnitude, marked
+//     so that no double's key meets it;
 //   - any other number (only a decimal holds one): its digits and scale.
 // Doubles, the type whose digits cost most to find, take their key as they
 // are; integers pay one conversion, exact up to 2^53.
@@ -34,11 +34,10 @@ template <class T> inline int IntegerOrder(T a, T b) { return (a > b) - (a < b);
 inline int DoubleOrder(double a, double b)
 {
     double d = a - b;
-    int n = (d > kDoubleEpsilon) - (d < -kDoubleEpsilon);
     // A difference that is no number (NaN, or infinities of one sign) has
-    // always ordered by a < b alone.
-    if (d != d) n = a < b ? -1 : 1;
-    return n;
+    // always ordered by a < b alone, which is false then: 1. !(d <= eps)
+    // gives that 1 with the order, in one compare.
+    return (int)!(d <= kDoubleEpsilon) - (int)(d < -kDoubleEpsilon);
 }
 
 // Result: |ll| as unsigned, LLONG_MIN included, without a branch.
@@ -59,34 +58,42 @@ inline unsigned long long HashOfMagnitude(unsigned long long ullMagnitude)
     return h ^ (h >> HALF);
 }
 
-// The top bit: the sign of a double, taken off its key; set in the key of a
-// whole number no double holds.
-constexpr unsigned long long kKeySignBit = 1ULL << 63;
-
-// Result: the hash input of any double; the bits without the sign.
-inline unsigned long long HashOfDouble(double d)
+// Result: the key of a double: its bits moved up by one, which drops the
+// sign (0 and -0.0 alike) and leaves the lowest bit clear.
+inline unsigned long long DoubleKey(double d)
 {
     unsigned long long ullBits = 0;
     memcpy(&ullBits, &d, sizeof(ullBits));
-    return HashOfMagnitude(ullBits & ~kKeySignBit);
+    return ullBits << 1;
 }
 
+// Result: the key of a whole number below 2^63 in magnitude that no double
+// holds: the magnitude moved up by one with the lowest bit set, a key no
+// double's reaches.
+inline unsigned long long WideWholeKey(unsigned long long ullMagnitude) { return (ullMagnitude << 1) | 1; }
+
+// Result: the hash input of any double.
+inline unsigned long long HashOfDouble(double d) { return HashOfMagnitude(DoubleKey(d)); }
+
 // Result: the hash input of a whole number past 2^53 in magnitude: that of
-// the double when one holds it exactly, else its magnitude with the top bit.
+// the double when one holds it exactly, else by WideWholeKey.
 inline unsigned long long HashOfWideWhole(long long ll)
 {
     const double TWO_TO_63 = 9223372036854775808.0;
     double d = (double)ll;
     // (double)LLONG_MAX rounds up to 2^63, which no long long reaches back.
     if (d != TWO_TO_63 && (long long)d == ll) return HashOfDouble(d);
-    return HashOfMagnitude(MagnitudeOf(ll) | kKeySignBit);
+    return HashOfMagnitude(WideWholeKey(MagnitudeOf(ll)));
 }
 
 // Result: the hash input of a long long (or an int).
 inline unsigned long long HashOfWhole(long long ll)
 {
+    // [-2^53, 2^53): the double holds it exactly.
     const unsigned long long EXACT = 1ULL << 53;
-    if (__builtin_expect((unsigned long long)ll + EXACT <= 2 * EXACT, 1)) return HashOfDouble((double)ll);
+    const int EXACT_RANGE_BITS = 54;
+    if (__builtin_expect((((unsigned long long)ll + EXACT) >> EXACT_RANGE_BITS) == 0, 1))
+        return HashOfDouble((double)ll);
     return HashOfWideWhole(ll);
 }
 

@@ -416,6 +416,32 @@ TEST(VarDataCompare, InlineOrderOfOneTypeMatchesTheGeneralOne)
         }
 }
 
+// A NaN is equal to nothing, itself included, and infinities order beyond
+// every finite double: a compare that let a NaN be equal would merge it
+// into any group and break a sort.
+TEST(VarDataCompare, NanAndInfinitiesAmongDoubles)
+{
+    std::vector<double> vFinite = {0.0, -0.0, 1.0, -1.0, 1e-9, 5e-324, 1e300, -1e300, 1.7976931348623157e308};
+    const double dNan = std::nan("");
+    for (double d : vFinite) {
+        SCOPED_TRACE(d);
+        EXPECT_NE(Dbl(dNan).Compare(Dbl(d)), 0);
+        EXPECT_NE(Dbl(d).Compare(Dbl(dNan)), 0);
+        EXPECT_FALSE(Dbl(dNan) == Dbl(d));
+        EXPECT_FALSE(Dbl(d) == Dbl(dNan));
+        EXPECT_EQ(Dbl(d).Compare(Dbl(HUGE_VAL)), -1);
+        EXPECT_EQ(Dbl(HUGE_VAL).Compare(Dbl(d)), 1);
+        EXPECT_EQ(Dbl(d).Compare(Dbl(-HUGE_VAL)), 1);
+        EXPECT_EQ(Dbl(-HUGE_VAL).Compare(Dbl(d)), -1);
+        EXPECT_TRUE(Dbl(d) < Dbl(HUGE_VAL));
+        EXPECT_TRUE(Dbl(-HUGE_VAL) < Dbl(d));
+    }
+    EXPECT_NE(Dbl(dNan).Compare(Dbl(dNan)), 0);
+    EXPECT_FALSE(Dbl(dNan) == Dbl(dNan));
+    EXPECT_EQ(Dbl(HUGE_VAL).Compare(Dbl(-HUGE_VAL)), 1);
+    EXPECT_EQ(Dbl(-HUGE_VAL).Compare(Dbl(HUGE_VAL)), -1);
+}
+
 TEST(VarDataCompare, SortOfMixedValuesIsATotalOrder)
 {
     TALVORDATE stDate = {1, 1, 2000};
