@@ -166,19 +166,19 @@ long long HashOfDecimal(const st_VARDATA* v)
 {
     u128 m = Magnitude(v);
     int nScale = v->m_bScale;
-    if (m == 0) return (long long)talvorfixed::HashOfMagnitude(0);
+    if (m == 0) return (long long)talvorfixed::HashOfWhole(0);
     while (nScale > 0 && m % 10 == 0) {
         m /= 10;
         --nScale;
     }
-    // What a double or a long long can equal hashes as they do.
-    double d = 0;
-    if (ExactDouble(m, nScale, d)) return (long long)talvorfixed::HashOfDouble(d);
+    // What a long long or a double can equal hashes as they do.
+    const unsigned long long MAGNITUDE_2_63 = 1ULL << 63;
     unsigned long long ullSmall = 0;
     bool bWhole64 = nScale <= 0 && WholeIn64Bits(m, -nScale, ullSmall);
-    const unsigned long long LONG_LONG_LIMIT = 1ULL << 63;
-    if (bWhole64 && ullSmall < LONG_LONG_LIMIT)
-        return (long long)talvorfixed::HashOfMagnitude(talvorfixed::WideWholeKey(ullSmall));
+    if (bWhole64 && ullSmall <= MAGNITUDE_2_63)
+        return (long long)talvorfixed::HashOfMagnitude(talvorfixed::WholeKey(ullSmall));
+    double d = 0;
+    if (ExactDouble(m, nScale, d)) return (long long)talvorfixed::HashOfDouble(d);
     if (nScale > 0 && m <= (u128)~0ULL) return (long long)talvorfixed::HashOfDigits((unsigned long long)m, nScale);
     if (bWhole64) return (long long)talvorfixed::HashOfDigits(ullSmall, 0);
     unsigned long long arLimbs[MAX_WIDE_LIMBS] = {0};
@@ -325,7 +325,7 @@ int CTalvorDecimalBin::VerificationData(st_VARDATA* lpValue, BYTE nPrecision, ch
 long long CTalvorDecimalBin::CalcHashFactor(const st_VARDATA* lpValue)
 {
     switch (lpValue->m_vt) {
-    case TALVOR_VT_INT: return (long long)talvorfixed::HashOfDouble((double)lpValue->m_nValue);
+    case TALVOR_VT_INT: return (long long)talvorfixed::HashOfWhole(lpValue->m_nValue);
     case TALVOR_VT_BIGINT: return (long long)talvorfixed::HashOfWhole(lpValue->m_llValue);
     case TALVOR_VT_DOUBLE: return (long long)talvorfixed::HashOfDouble(lpValue->m_dblValue);
     case TALVOR_VT_DECIMAL: return HashOfDecimal(lpValue);

@@ -346,7 +346,7 @@ __attribute__((always_inline)) inline void st_VARDATA::CalcHashFactorEx(unsigned
 {
     if (m_vt == TALVOR_VT_BIGINT) h += talvorfixed::HashOfWhole(m_llValue);
     else if (m_vt == TALVOR_VT_DOUBLE) h += talvorfixed::HashOfDouble(m_dblValue);
-    else if (m_vt == TALVOR_VT_INT) h += talvorfixed::HashOfDouble((double)m_nValue);
+    else if (m_vt == TALVOR_VT_INT) h += talvorfixed::HashOfWhole(m_nValue);
     else h = HashOther(h);
 }
 

@@ -8,13 +8,13 @@
 // versions.
 //
 // The key of a number, the sign never counting:
-//   - a number a double holds exactly: the bits of that double without the
-//     sign (0 and -0.0 alike) — every int, every long long up to 2^53;
-//   - any other whole number of the long long range: its magnitude, marked
-//     so that no double's key meets it;
+//   - a whole number of magnitude up to 2^63: the magnitude (WholeKey),
+//     which a double below 2^51 finds with one addition and a subtraction;
+//   - any other number a double holds exactly: from the double's bits
+//     (HashOfDouble);
 //   - any other number (only a decimal holds one): its digits and scale.
-// Doubles, the type whose digits cost most to find, take their key as they
-// are; integers pay one conversion, exact up to 2^53.
+// Integers keep the cost of their magnitude; a double pays a few floating
+// additions, and neither looks for digits.
 //
 // Thread safety: pure functions of their arguments.
 #pragma once
@@ -58,8 +58,20 @@ inline unsigned long long HashOfMagnitude(unsigned long long ullMagnitude)
     return h ^ (h >> HALF);
 }
 
-// Result: the key of a double: its bits moved up by one, which drops the
-// sign (0 and -0.0 alike) and leaves the lowest bit clear.
+// Whole numbers below 2^51 added to this land, exactly, in the low bits of
+// its mantissa: the bits of |d| + kWholeBridge less those of kWholeBridge
+// are |d| as an integer, so a double finds an integer's key with one
+// addition and one subtraction. This wants IEEE arithmetic, rounding to
+// nearest: no -ffast-math where this header is included.
+constexpr double kWholeBridge = 6755399441055744.0;  // 1.5 x 2^52
+constexpr unsigned long long kWholeBridgeBits = 0x4338000000000000ULL;
+
+// Result: the key of a whole number of magnitude at most 2^63: the
+// magnitude itself, so that an integer pays nothing for it.
+inline unsigned long long WholeKey(unsigned long long ullMagnitude) { return ullMagnitude; }
+
+// Result: the key of a double no other rule takes: its bits moved up by
+// one, which drops the sign.
 inline unsigned long long DoubleKey(double d)
 {
     unsigned long long ullBits = 0;
@@ -67,35 +79,44 @@ inline unsigned long long DoubleKey(double d)
     return ullBits << 1;
 }
 
-// Result: the key of a whole number below 2^63 in magnitude that no double
-// holds: the magnitude moved up by one with the lowest bit set, a key no
-// double's reaches.
-inline unsigned long long WideWholeKey(unsigned long long ullMagnitude) { return (ullMagnitude << 1) | 1; }
-
-// Result: the hash input of any double.
-inline unsigned long long HashOfDouble(double d) { return HashOfMagnitude(DoubleKey(d)); }
-
-// Result: the hash input of a whole number past 2^53 in magnitude: that of
-// the double when one holds it exactly, else by WideWholeKey.
-inline unsigned long long HashOfWideWhole(long long ll)
+// Result: the hash input of a double of magnitude 2^51 or more, an
+// infinity or not a number: a whole one of magnitude up to 2^63 as the
+// integer, any other by DoubleKey.
+inline unsigned long long HashOfWideDouble(double d)
 {
     const double TWO_TO_63 = 9223372036854775808.0;
-    double d = (double)ll;
-    // (double)LLONG_MAX rounds up to 2^63, which no long long reaches back.
-    if (d != TWO_TO_63 && (long long)d == ll) return HashOfDouble(d);
-    return HashOfMagnitude(WideWholeKey(MagnitudeOf(ll)));
+    const unsigned long long MAGNITUDE_2_63 = 1ULL << 63;
+    double dAbs = d < 0 ? -d : d;
+    if (dAbs <= TWO_TO_63) {
+        unsigned long long u = dAbs < TWO_TO_63 ? (unsigned long long)dAbs : MAGNITUDE_2_63;
+        if ((double)u == dAbs) return HashOfMagnitude(WholeKey(u));
+    }
+    return HashOfMagnitude(DoubleKey(d));
 }
 
-// Result: the hash input of a long long (or an int).
-inline unsigned long long HashOfWhole(long long ll)
+// Result: the hash input of any double. Below 2^51 in magnitude the nearest
+// whole number through kWholeBridge, and what is left over, both exact: a
+// whole double leaves +0.0 and takes the integer's key; a fraction's
+// remainder joins its key. Magnitudes from 2^51 on are rare and go out of
+// the way.
+inline unsigned long long HashOfDouble(double d)
 {
-    // [-2^53, 2^53): the double holds it exactly.
-    const unsigned long long EXACT = 1ULL << 53;
-    const int EXACT_RANGE_BITS = 54;
-    if (__builtin_expect((((unsigned long long)ll + EXACT) >> EXACT_RANGE_BITS) == 0, 1))
-        return HashOfDouble((double)ll);
-    return HashOfWideWhole(ll);
+    const double TWO_TO_51 = 2251799813685248.0;
+    double dAbs = __builtin_fabs(d);
+    if (__builtin_expect(!(dAbs < TWO_TO_51), 0)) return HashOfWideDouble(d);
+    double dBridged = dAbs + kWholeBridge;
+    double dRest = dAbs - (dBridged - kWholeBridge);
+    unsigned long long ullBridged = 0, ullRest = 0;
+    memcpy(&ullBridged, &dBridged, sizeof(ullBridged));
+    memcpy(&ullRest, &dRest, sizeof(ullRest));
+    // The remainder's bits are multiplied apart first: fractions of nearby
+    // whole numbers often leave remainders that differ in low bits only.
+    const unsigned long long REST_MIX = 0xC2B2AE3D27D4EB4FULL;
+    return HashOfMagnitude(WholeKey(ullBridged - kWholeBridgeBits) ^ (ullRest * REST_MIX));
 }
+
+// Result: the hash input of a long long (or an int): its magnitude's key.
+inline unsigned long long HashOfWhole(long long ll) { return HashOfMagnitude(WholeKey(MagnitudeOf(ll))); }
 
 // Result: the hash input of a number that neither a double nor a long long
 // holds, whose digits (the last not 0 when nScale is above 0) make

@@ -11,10 +11,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstring>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -414,6 +416,29 @@ TEST(VarDataCompare, InlineOrderOfOneTypeMatchesTheGeneralOne)
             EXPECT_EQ(a.Compare(b), a.CompareOther(b))
                 << (int)a.m_vt << " " << a.GetCompatibleDouble() << " vs " << b.GetCompatibleDouble();
         }
+}
+
+// Distinct doubles spread over distinct hashes: fractions near one whole
+// number, and whole numbers past 2^53, must not share a hash by the dozen,
+// or a hash join on a double column degrades to a scan.
+TEST(VarDataCompare, DistinctDoublesHashApart)
+{
+    std::vector<double> vValues;
+    for (int k = 1; k <= 4000; ++k) {
+        vValues.push_back(k / 16.0);
+        vValues.push_back(k * 0.1);
+        vValues.push_back(k * 1e-7);
+        vValues.push_back(std::ldexp(1.0, 53) + 2.0 * k);
+    }
+    std::sort(vValues.begin(), vValues.end());
+    vValues.erase(std::unique(vValues.begin(), vValues.end()), vValues.end());
+    std::set<long long> hashes;
+    for (double d : vValues) {
+        long long h = 0;
+        Dbl(d).CalcHashFactor(h);
+        hashes.insert(h);
+    }
+    EXPECT_GE(hashes.size() * 1000, vValues.size() * 999) << vValues.size() << " doubles";
 }
 
 // A NaN is equal to nothing, itself included, and infinities order beyond
