@@ -3,6 +3,7 @@
 
 #include "TalvorDecimal.h"
 
+#include <cmath>
 #include <cstring>
 
 namespace {
@@ -133,19 +134,53 @@ bool WholeIn64Bits(u128 m, int nExponent, unsigned long long& ullWhole)
     return true;
 }
 
+int TrailingZeroBits(u128 m)
+{
+    const int HALF_BITS = 64;
+    unsigned long long ullLow = (unsigned long long)m;
+    if (ullLow != 0) return __builtin_ctzll(ullLow);
+    return HALF_BITS + __builtin_ctzll((unsigned long long)(m >> HALF_BITS));
+}
+
+// The double that is exactly m x 10^-nScale (m not 0, and without trailing
+// zeros when nScale is above 0). Result: false when no double is.
+bool ExactDouble(u128 m, int nScale, double& d)
+{
+    const u128 DOUBLE_MANTISSA_LIMIT = (u128)1 << 53;
+    // m x 10^k = m x 5^k x 2^k; m / 10^s = (m / 5^s) / 2^s, and only when 5^s
+    // divides m: the odd part that is left must fit a double's 53 bits.
+    int nTwos = -nScale;
+    for (int i = 0; i < nScale; ++i) {
+        if (m % 5 != 0) return false;
+        m /= 5;
+    }
+    int nZeros = TrailingZeroBits(m);
+    m >>= nZeros;
+    for (int i = nScale; i < 0 && m < DOUBLE_MANTISSA_LIMIT; ++i) m *= 5;
+    if (m >= DOUBLE_MANTISSA_LIMIT) return false;
+    d = std::ldexp((double)(unsigned long long)m, nZeros + nTwos);
+    return true;
+}
+
 long long HashOfDecimal(const st_VARDATA* v)
 {
     u128 m = Magnitude(v);
     int nScale = v->m_bScale;
-    if (m == 0) return (long long)talvorfixed::HashOfMagnitude(0);
+    if (m == 0) return (long long)talvorfixed::HashOfWhole(0);
     while (nScale > 0 && m % 10 == 0) {
         m /= 10;
         --nScale;
     }
-    // What an integer or a double can equal hashes as they do.
+    // What a long long or a double can equal hashes as they do.
+    const unsigned long long MAGNITUDE_2_63 = 1ULL << 63;
     unsigned long long ullSmall = 0;
+    bool bWhole64 = nScale <= 0 && WholeIn64Bits(m, -nScale, ullSmall);
+    if (bWhole64 && ullSmall <= MAGNITUDE_2_63)
+        return (long long)talvorfixed::HashOfMagnitude(talvorfixed::WholeKey(ullSmall));
+    double d = 0;
+    if (ExactDouble(m, nScale, d)) return (long long)talvorfixed::HashOfDouble(d);
     if (nScale > 0 && m <= (u128)~0ULL) return (long long)talvorfixed::HashOfDigits((unsigned long long)m, nScale);
-    if (nScale <= 0 && WholeIn64Bits(m, -nScale, ullSmall)) return (long long)talvorfixed::HashOfMagnitude(ullSmall);
+    if (bWhole64) return (long long)talvorfixed::HashOfDigits(ullSmall, 0);
     unsigned long long arLimbs[MAX_WIDE_LIMBS] = {0};
     // Trailing zeros of a negative scale become whole zero limbs and one
     // power of ten, so the limbs are those of the integer multiplied out.
@@ -290,16 +325,9 @@ int CTalvorDecimalBin::VerificationData(st_VARDATA* lpValue, BYTE nPrecision, ch
 long long CTalvorDecimalBin::CalcHashFactor(const st_VARDATA* lpValue)
 {
     switch (lpValue->m_vt) {
-    case TALVOR_VT_INT: return (long long)talvorfixed::HashOfMagnitude(talvorfixed::MagnitudeOf(lpValue->m_nValue));
-    case TALVOR_VT_BIGINT: return (long long)talvorfixed::HashOfMagnitude(talvorfixed::MagnitudeOf(lpValue->m_llValue));
-    case TALVOR_VT_DOUBLE: {
-        // The digits the compare takes for a short double, else the converter's.
-        unsigned long long ullShort = 0;
-        if (talvorfixed::ShortDoubleHash(lpValue->m_dblValue, ullShort)) return (long long)ullShort;
-        st_VARDATA d;
-        CTalvorDecimal::Convert2Decimal(lpValue->m_dblValue, &d);
-        return d.m_vt == TALVOR_VT_DECIMAL ? HashOfDecimal(&d) : 0;
-    }
+    case TALVOR_VT_INT: return (long long)talvorfixed::HashOfWhole(lpValue->m_nValue);
+    case TALVOR_VT_BIGINT: return (long long)talvorfixed::HashOfWhole(lpValue->m_llValue);
+    case TALVOR_VT_DOUBLE: return (long long)talvorfixed::HashOfDouble(lpValue->m_dblValue);
     case TALVOR_VT_DECIMAL: return HashOfDecimal(lpValue);
     default: return 0;
     }

@@ -252,7 +252,11 @@ struct st_VARDATA {
     st_VARDATA operator>>(const st_VARDATA& b) const;
     st_VARDATA operator<<(const st_VARDATA& b) const;
 
-    // ---- Compare. Two NULLs are equal here (grouping relies on it); NULL
+    // ---- Compare. Numbers of two different types compare by their exact
+    // values: a long long against a double or a decimal against a double
+    // is never rounded, so 2^53 + 1 is not the double 2^53, nor 0.1 the
+    // double nearest it; two doubles compare within kDoubleEpsilon.
+    // Two NULLs are equal here (grouping relies on it); NULL
     // against a value of another type is false for every operator; text
     // that cannot become the other side's type is false for every operator.
     // Text against text ignores letter case.
@@ -291,8 +295,10 @@ struct st_VARDATA {
     int operator!() const;
 
     // ---- Hash: adds this value's share to h, equal numbers of any type
-    // alike, text without regard to letter case. Inline for int, long long
-    // and short doubles (talvorfixed); HashOther for every other value.
+    // alike, text without regard to letter case: two values that compare
+    // equal hash alike, but for two doubles (or dates) apart by less than
+    // the compare's tolerance, which no hash can follow. Inline for int,
+    // long long and double (talvorfixed); HashOther for every other value.
     void CalcHashFactor(long long& h) const;
     void CalcHashFactorEx(unsigned long long& h) const;
     // Result: h with this value's share added, for any value.
@@ -330,18 +336,17 @@ __attribute__((always_inline)) inline int st_VARDATA::Compare(const st_VARDATA& 
     // Rows of one column meet values of one type: those go straight.
     if (m_vt == b.m_vt) {
         if (m_vt == TALVOR_VT_BIGINT) return talvorfixed::IntegerOrder(m_llValue, b.m_llValue);
-        if (m_vt == TALVOR_VT_INT) return talvorfixed::IntegerOrder(m_nValue, b.m_nValue);
         if (m_vt == TALVOR_VT_DOUBLE) return talvorfixed::DoubleOrder(m_dblValue, b.m_dblValue);
+        if (m_vt == TALVOR_VT_INT) return talvorfixed::IntegerOrder(m_nValue, b.m_nValue);
     }
     return CompareOther(b);
 }
 
 __attribute__((always_inline)) inline void st_VARDATA::CalcHashFactorEx(unsigned long long& h) const
 {
-    unsigned long long ullShare = 0;
-    if (m_vt == TALVOR_VT_BIGINT) h += talvorfixed::HashOfMagnitude(talvorfixed::MagnitudeOf(m_llValue));
-    else if (m_vt == TALVOR_VT_INT) h += talvorfixed::HashOfMagnitude(talvorfixed::MagnitudeOf(m_nValue));
-    else if (m_vt == TALVOR_VT_DOUBLE && talvorfixed::ShortDoubleHash(m_dblValue, ullShare)) h += ullShare;
+    if (m_vt == TALVOR_VT_BIGINT) h += talvorfixed::HashOfWhole(m_llValue);
+    else if (m_vt == TALVOR_VT_DOUBLE) h += talvorfixed::HashOfDouble(m_dblValue);
+    else if (m_vt == TALVOR_VT_INT) h += talvorfixed::HashOfWhole(m_nValue);
     else h = HashOther(h);
 }
 

@@ -21,8 +21,6 @@ const int ORDER_NONE = 2;
 int Sign(long long d) { return d < 0 ? -1 : d > 0 ? 1 : 0; }
 
 using talvorfixed::DoubleOrder;
-using talvorfixed::ShortDoubleDigits;
-using talvorfixed::ShortDoubleHash;
 
 bool IsNumberType(BYTE vt) { return IsIntType(vt) || vt == TALVOR_VT_DOUBLE || vt == TALVOR_VT_DECIMAL; }
 // Text for the compare: hexadecimal literals are numbers there.
@@ -39,40 +37,136 @@ int TextOrder(const st_VARDATA& a, const st_VARDATA& b, BOOL bCase)
     return Sign(TalvorCompare(pA, nA, pB, nB, bCase));
 }
 
+// An integer or a decimal as a decimal; NULL for anything else.
 void AsDecimal(const st_VARDATA& n, st_VARDATA& d)
 {
     memset(&d, 0, sizeof(d));
     d.m_vt = TALVOR_VT_NULL;
     if (n.m_vt == TALVOR_VT_DECIMAL) memcpy(&d, &n, sizeof(d));
-    else if (n.m_vt == TALVOR_VT_DOUBLE) {
-        unsigned long long u = 0;
-        int nScale = 0;
-        if (!ShortDoubleDigits(n.m_dblValue, u, nScale)) CTalvorDecimal::Convert2Decimal(n.m_dblValue, &d);
-        else {
-            CTalvorDecimal::Convert2Decimal(u, &d);
-            d.m_bScale = (signed char)nScale;
-            d.m_bSign = n.m_dblValue < 0 ? 1 : 0;
-        }
-    }
-    else CTalvorDecimal::Convert2Decimal(IntOf(n), &d);
+    else if (IsIntType(n.m_vt)) CTalvorDecimal::Convert2Decimal(IntOf(n), &d);
 }
 
-// Two numbers of types 1, 2, 3, 80, 81, 240, 247.
+// A natural number, 32 bits to a limb, the lowest first. kBigLimbs holds a
+// decimal's 36 digits times 10^127 times 2^1126 (the lowest binary place of
+// a double as a whole mantissa), and a double's 53 bits times 2^971 times
+// 10^127.
+const int kBigLimbs = 64;
+const int kLimbBits = 32;
+struct BigNatural {
+    UINT m_arLimbs[kBigLimbs];
+    int m_nLimbs;
+};
+
+void BigSet(BigNatural& n, unsigned __int128 u)
+{
+    n.m_nLimbs = 0;
+    for (; u != 0; u >>= kLimbBits) n.m_arLimbs[n.m_nLimbs++] = (UINT)u;
+}
+
+void BigMultiply(BigNatural& n, UINT uFactor)
+{
+    unsigned long long ullCarry = 0;
+    for (int i = 0; i < n.m_nLimbs; ++i) {
+        unsigned long long t = (unsigned long long)n.m_arLimbs[i] * uFactor + ullCarry;
+        n.m_arLimbs[i] = (UINT)t;
+        ullCarry = t >> kLimbBits;
+    }
+    if (ullCarry != 0) n.m_arLimbs[n.m_nLimbs++] = (UINT)ullCarry;
+}
+
+void BigMultiplyPow10(BigNatural& n, int nExponent)
+{
+    const int STEP = 9;
+    const UINT STEP_FACTOR = 1000000000U;
+    for (; nExponent >= STEP; nExponent -= STEP) BigMultiply(n, STEP_FACTOR);
+    UINT uRest = 1;
+    for (int i = 0; i < nExponent; ++i) uRest *= 10;
+    BigMultiply(n, uRest);
+}
+
+void BigShiftLeft(BigNatural& n, int nBits)
+{
+    int nWhole = nBits / kLimbBits, nPart = nBits % kLimbBits;
+    if (n.m_nLimbs == 0) return;
+    BigMultiply(n, 1U << nPart);
+    memmove(n.m_arLimbs + nWhole, n.m_arLimbs, n.m_nLimbs * sizeof(UINT));
+    memset(n.m_arLimbs, 0, nWhole * sizeof(UINT));
+    n.m_nLimbs += nWhole;
+}
+
+int BigOrder(const BigNatural& a, const BigNatural& b)
+{
+    if (a.m_nLimbs != b.m_nLimbs) return a.m_nLimbs < b.m_nLimbs ? -1 : 1;
+    for (int i = a.m_nLimbs - 1; i >= 0; --i)
+        if (a.m_arLimbs[i] != b.m_arLimbs[i]) return a.m_arLimbs[i] < b.m_arLimbs[i] ? -1 : 1;
+    return 0;
+}
+
+int SignOf(double d) { return (d > 0) - (d < 0); }
+
+// The order of a decimal against a double by their exact values: both
+// magnitudes are brought to one whole unit, 10^-s x 2^-b, and compared
+// there.
+int DecimalDoubleOrder(const st_VARDATA& x, double d)
+{
+    const int MANTISSA_BITS = 53;
+    if (d != d) return DoubleOrder(CTalvorDecimal::Convert2Double(&x), d);
+    int nSignX = CTalvorDecimal::IsZero(&x) ? 0 : x.m_bSign ? -1 : 1;
+    if (nSignX != SignOf(d)) return nSignX < SignOf(d) ? -1 : 1;
+    if (nSignX == 0) return 0;
+    if (std::isinf(d)) return d > 0 ? -1 : 1;
+    unsigned __int128 m = 0;
+    for (int i = x.m_bValid - 1; i >= 0; --i) m = m * TALVOR_DECIMAL_LIMB_BASE + (UINT)x.m_arDecimalData[i];
+    int nExp = 0;
+    double dFraction = std::frexp(std::fabs(d), &nExp);
+    unsigned long long ullMantissa = (unsigned long long)std::ldexp(dFraction, MANTISSA_BITS);
+    int nTwos = nExp - MANTISSA_BITS, nScale = x.m_bScale;
+    // |x| = m x 10^-nScale, |d| = mantissa x 2^nTwos.
+    BigNatural bigX, bigD;
+    BigSet(bigX, m);
+    BigSet(bigD, ullMantissa);
+    if (nScale < 0) BigMultiplyPow10(bigX, -nScale);
+    else BigMultiplyPow10(bigD, nScale);
+    if (nTwos < 0) BigShiftLeft(bigX, -nTwos);
+    else BigShiftLeft(bigD, nTwos);
+    int n = BigOrder(bigX, bigD);
+    return nSignX > 0 ? n : -n;
+}
+
+// The order of a whole number against a double by their exact values: the
+// double's whole part decides, then its fraction.
+int WholeDoubleOrder(long long ll, double d)
+{
+    const double TWO_TO_63 = 9223372036854775808.0;
+    if (d != d) return DoubleOrder((double)ll, d);
+    if (d >= TWO_TO_63) return -1;
+    if (d < -TWO_TO_63) return 1;
+    long long llWhole = (long long)d;
+    if (ll != llWhole) return ll < llWhole ? -1 : 1;
+    // d less its whole part is exact.
+    return -SignOf(d - (double)llWhole);
+}
+
+// Two numbers of types 1, 2, 3, 80, 81, 240, 247: of one kind by their
+// own order (doubles within the tolerance), of two kinds by their exact
+// values.
 int NumberOrder(const st_VARDATA& a, const st_VARDATA& b)
 {
+    bool bDoubleA = a.m_vt == TALVOR_VT_DOUBLE, bDoubleB = b.m_vt == TALVOR_VT_DOUBLE;
     if (IsIntType(a.m_vt) && IsIntType(b.m_vt)) {
         long long x = IntOf(a), y = IntOf(b);
         return x < y ? -1 : x > y ? 1 : 0;
     }
-    if (a.m_vt == TALVOR_VT_DECIMAL || b.m_vt == TALVOR_VT_DECIMAL) {
-        st_VARDATA x, y;
-        AsDecimal(a, x);
-        AsDecimal(b, y);
-        if (x.m_vt != TALVOR_VT_DECIMAL || y.m_vt != TALVOR_VT_DECIMAL)
-            return DoubleOrder(a.GetCompatibleDouble(), b.GetCompatibleDouble());
-        return CTalvorDecimal::Compare(&x, &y);
-    }
-    return DoubleOrder(a.GetCompatibleDouble(), b.GetCompatibleDouble());
+    if (bDoubleA && bDoubleB) return DoubleOrder(a.m_dblValue, b.m_dblValue);
+    if (bDoubleB)
+        return a.m_vt == TALVOR_VT_DECIMAL ? DecimalDoubleOrder(a, b.m_dblValue) : WholeDoubleOrder(IntOf(a), b.m_dblValue);
+    if (bDoubleA) return -NumberOrder(b, a);
+    st_VARDATA x, y;
+    AsDecimal(a, x);
+    AsDecimal(b, y);
+    if (x.m_vt != TALVOR_VT_DECIMAL || y.m_vt != TALVOR_VT_DECIMAL)
+        return DoubleOrder(a.GetCompatibleDouble(), b.GetCompatibleDouble());
+    return CTalvorDecimal::Compare(&x, &y);
 }
 
 // The number a text stands for, or false when it is none.
@@ -188,10 +282,8 @@ unsigned long long HashAdd(const st_VARDATA& v, unsigned long long h)
 {
     const double SECONDS_PER_DAY = 24.0 * 3600.0;
     double dDays = 0;
-    unsigned long long ullShort = 0;
-    if (IsIntType(v.m_vt))
-        return h + talvorfixed::HashOfMagnitude(talvorfixed::MagnitudeOf(IntOf(v)));
-    if (v.m_vt == TALVOR_VT_DOUBLE && ShortDoubleHash(v.m_dblValue, ullShort)) return h + ullShort;
+    if (IsIntType(v.m_vt)) return h + talvorfixed::HashOfWhole(IntOf(v));
+    if (v.m_vt == TALVOR_VT_DOUBLE) return h + talvorfixed::HashOfDouble(v.m_dblValue);
     if (v.m_vt == TALVOR_VT_DECIMAL) return h + (unsigned long long)CTalvorDecimalBin::CalcHashFactor(&v);
     if (IsVoid(v.m_vt)) return h;
     if (IsTextType(v.m_vt)) return TextHash(v, h);

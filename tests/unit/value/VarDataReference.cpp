@@ -399,6 +399,117 @@ TEST(VarDataReference, OrderOfNumbersAcrossTypesAgainstPython)
         }
 }
 
+// A decimal whose reference text is what it holds, printed back: the
+// parser keeps at most 36 digits, so a longer text is rounded first.
+Operand HeldDecimalOperand(const std::string& s)
+{
+    Operand o;
+    o.m_v.Init();
+    CTalvorDecimal::Convert2Decimal(s.c_str(), &o.m_v);
+    o.m_strRef = o.m_v.m_vt == TALVOR_VT_DECIMAL ? "m:" + DecimalText(o.m_v) : "";
+    return o;
+}
+
+// The exact digits of a double as glibc prints them, without the zeros
+// behind the last one.
+std::string ExactText(double d)
+{
+    char sz[1500];
+    snprintf(sz, sizeof(sz), "%.1100f", d);
+    std::string s = sz;
+    while (s.back() == '0') s.pop_back();
+    if (s.back() == '.') s.pop_back();
+    return s;
+}
+
+// Every hash entry of a value: inline, out of line, and the decimal class's.
+void ExpectHashesAlike(const st_VARDATA& a, const st_VARDATA& b, const std::string& strWhat)
+{
+    long long ha = 11, hb = 11;
+    a.CalcHashFactor(ha);
+    b.CalcHashFactor(hb);
+    EXPECT_EQ(ha, hb) << strWhat;
+    EXPECT_EQ(a.HashOther(11), b.HashOther(11)) << strWhat;
+    EXPECT_EQ(CTalvorDecimalBin::CalcHashFactor(&a), CTalvorDecimalBin::CalcHashFactor(&b)) << strWhat;
+}
+
+// Long longs, doubles and decimals at the edges of a double's precision
+// (2^53 and around, 2^63, 2^64, -0.0, subnormals, 17 significant digits,
+// fractions no 36 digits hold) against Python's exact order of the same
+// values: no side is rounded to the other's type, and every pair that is
+// equal hashes alike in every hash entry.
+TEST(VarDataReference, ExactOrderAndHashOfWideNumbersAgainstPython)
+{
+    const long long TWO_53 = 1LL << 53;
+    std::vector<long long> vInts = {0, 1, -1, TWO_53 - 1, TWO_53, TWO_53 + 1, -TWO_53 - 1, (1LL << 62) + 1,
+                                    LLONG_MAX, LLONG_MIN, LLONG_MIN + 1, 1234567890123456789LL, 4503599627370497LL};
+    std::mt19937_64 rng(53);
+    for (int i = 0; i < 24; ++i) {
+        long long ll = (long long)(rng() >> (rng() % 12));
+        vInts.push_back(i % 2 ? ll : (long long)(0ULL - (unsigned long long)ll));
+    }
+    std::vector<double> vDoubles = {0.0, -0.0, 1.0, 0.1, 0.5, 1.0 / 3, 0.30000000000000004, 1.0000000000000002,
+                                    123456789.12345679, 9007199254740992.0, 9007199254740994.0, -9007199254740992.0,
+                                    9223372036854775808.0, -9223372036854775808.0, 18446744073709551616.0, 1e20,
+                                    1e300, -1e300, 5e-324, -5e-324, 2.2250738585072014e-308, 1.7976931348623157e308,
+                                    HUGE_VAL, -HUGE_VAL, 4503599627370496.5, 0.1 + 0.2};
+    for (long long ll : vInts) {
+        vDoubles.push_back((double)ll);
+        vDoubles.push_back(std::nextafter((double)ll, HUGE_VAL));
+    }
+    for (int i = 0; i < 40; ++i) {
+        double dMantissa = (double)(rng() >> 11);  // 53 bits
+        int nExp = (int)(rng() % 161) - 100;
+        vDoubles.push_back(std::ldexp(dMantissa, nExp) * (i % 2 ? -1 : 1));
+        vDoubles.push_back(std::ldexp((double)(rng() >> (24 + rng() % 30)), -(int)(rng() % 40)));
+    }
+    std::vector<std::string> vDecimalTexts = {"0", "-0.000", "1.0", "0.1", "0.100000000000000006", "0.3",
+                                              "9007199254740993", "9007199254740992.000", "9223372036854775808",
+                                              "-9223372036854775808", "9223372036854775807", "18446744073709551616",
+                                              "1E20", "-1E300", "0.30000000000000004",
+                                              "0.3000000000000000444089209850062616", "4503599627370496.5"};
+    // The exact digits of every double that 36 digits hold, the others cut.
+    for (double d : vDoubles)
+        if (std::isfinite(d)) vDecimalTexts.push_back(ExactText(d));
+
+    std::vector<Operand> vValues;
+    for (long long ll : vInts) vValues.push_back(IntOperand(ll));
+    for (double d : vDoubles) vValues.push_back(DoubleOperand(d));
+    for (const std::string& s : vDecimalTexts) {
+        Operand o = HeldDecimalOperand(s);
+        if (!o.m_strRef.empty()) vValues.push_back(o);
+    }
+    std::vector<std::string> vLines;
+    for (const Operand& a : vValues)
+        for (const Operand& b : vValues) vLines.push_back("cmp " + a.m_strRef + " " + b.m_strRef);
+    std::vector<std::string> vOut = RunReference(vLines);
+    size_t n = 0;
+    int nEqualAcrossTypes = 0;
+    for (const Operand& a : vValues) {
+        // One value, every entry: the inline hash is the out-of-line one.
+        unsigned long long u = 3;
+        a.m_v.CalcHashFactorEx(u);
+        EXPECT_EQ(u, a.m_v.HashOther(3)) << a.m_strRef;
+        for (const Operand& b : vValues) {
+            const std::string& strLine = vLines[n];
+            int nRef = atoi(vOut[n++].c_str());
+            // Two doubles compare by their difference within a tolerance,
+            // which is no exact order (and no number for two infinities).
+            double dDiff = a.m_v.m_dblValue - b.m_v.m_dblValue;
+            if (a.m_v.m_vt == TALVOR_VT_DOUBLE && b.m_v.m_vt == TALVOR_VT_DOUBLE && !(std::fabs(dDiff) > 1e-8) &&
+                dDiff != 0)
+                continue;
+            EXPECT_EQ(a.m_v.Compare(b.m_v), nRef) << strLine;
+            EXPECT_EQ(a.m_v == b.m_v, nRef == 0) << strLine;
+            EXPECT_EQ(a.m_v < b.m_v, nRef < 0) << strLine;
+            if (nRef != 0) continue;
+            ExpectHashesAlike(a.m_v, b.m_v, strLine);
+            nEqualAcrossTypes += a.m_strRef[0] != b.m_strRef[0];
+        }
+    }
+    EXPECT_GT(nEqualAcrossTypes, 200) << "the edges hold equal values of different types";
+}
+
 TEST(VarDataReference, DatesPlusAndMinusDaysAgainstPython)
 {
     Generator gen(1899);

@@ -11,10 +11,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstring>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -233,7 +235,7 @@ TEST(VarDataCompare, AcrossTypesAndText)
     Dec("1.0").CalcHashFactor(h1);
     Int(1).CalcHashFactor(h2);
     EXPECT_EQ(h1, h2) << "1.0 and 1 hash alike";
-    // Doubles hash as the decimal they convert to, short binary fractions
+    // A double equal to a decimal hashes as it does, short binary fractions
     // and long ones alike.
     std::vector<double> vDoubles = {2.75, -0.0009765625, 0.1, 1e300, -123456.5, 0.0, -0.0, 999999999.5,
                                     123456789012345.0, 1e15, 1e-20, 5e-324};
@@ -315,9 +317,9 @@ void ExpectTotalOrder(const std::vector<st_VARDATA>& v)
     }
 }
 
-// Whole numbers hash inline for int and long long columns and through the
-// 128-bit decimal path for decimals (any scale, negative ones multiplied
-// out) and long doubles: every form of one number must land on one hash.
+// Whole numbers hash inline for int, long long and double columns and out
+// of line for decimals (any scale, negative ones multiplied out): every
+// form of one number must land on one hash.
 TEST(VarDataCompare, EqualNumbersHashAlikeInEveryType)
 {
     std::vector<long long> vWhole = {0, 1, -1, 127, -128, 32767, -32768, INT_MAX, INT_MIN, 999999999, 1000000000,
@@ -368,8 +370,8 @@ TEST(VarDataCompare, EqualNumbersHashAlikeInEveryType)
             EXPECT_EQ(u - 9, (unsigned long long)(h - 5)) << "both entries add one share";
         }
     }
-    // Doubles at the edges of the short form (20 binary places, 15 digits)
-    // against the decimal of their exact digits, which glibc prints.
+    // Doubles with up to 24 binary places against the decimal of their
+    // exact digits, which glibc prints.
     std::vector<double> vEdges = {std::ldexp(1.0, -20), std::ldexp(1.0, -21), std::ldexp(3.0, -20),
                                   999999999999999.5, 99999999999999.75, 1e15 - 1, 1e15, 4503599627370495.5,
                                   9007199254740992.0, 18446744073709551616.0, 0.5e-5, 123.0625};
@@ -414,6 +416,55 @@ TEST(VarDataCompare, InlineOrderOfOneTypeMatchesTheGeneralOne)
             EXPECT_EQ(a.Compare(b), a.CompareOther(b))
                 << (int)a.m_vt << " " << a.GetCompatibleDouble() << " vs " << b.GetCompatibleDouble();
         }
+}
+
+// Distinct doubles spread over distinct hashes: fractions near one whole
+// number, and whole numbers past 2^53, must not share a hash by the dozen,
+// or a hash join on a double column degrades to a scan.
+TEST(VarDataCompare, DistinctDoublesHashApart)
+{
+    std::vector<double> vValues;
+    for (int k = 1; k <= 4000; ++k) {
+        vValues.push_back(k / 16.0);
+        vValues.push_back(k * 0.1);
+        vValues.push_back(k * 1e-7);
+        vValues.push_back(std::ldexp(1.0, 53) + 2.0 * k);
+    }
+    std::sort(vValues.begin(), vValues.end());
+    vValues.erase(std::unique(vValues.begin(), vValues.end()), vValues.end());
+    std::set<long long> hashes;
+    for (double d : vValues) {
+        long long h = 0;
+        Dbl(d).CalcHashFactor(h);
+        hashes.insert(h);
+    }
+    EXPECT_GE(hashes.size() * 1000, vValues.size() * 999) << vValues.size() << " doubles";
+}
+
+// A NaN is equal to nothing, itself included, and infinities order beyond
+// every finite double: a compare that let a NaN be equal would merge it
+// into any group and break a sort.
+TEST(VarDataCompare, NanAndInfinitiesAmongDoubles)
+{
+    std::vector<double> vFinite = {0.0, -0.0, 1.0, -1.0, 1e-9, 5e-324, 1e300, -1e300, 1.7976931348623157e308};
+    const double dNan = std::nan("");
+    for (double d : vFinite) {
+        SCOPED_TRACE(d);
+        EXPECT_NE(Dbl(dNan).Compare(Dbl(d)), 0);
+        EXPECT_NE(Dbl(d).Compare(Dbl(dNan)), 0);
+        EXPECT_FALSE(Dbl(dNan) == Dbl(d));
+        EXPECT_FALSE(Dbl(d) == Dbl(dNan));
+        EXPECT_EQ(Dbl(d).Compare(Dbl(HUGE_VAL)), -1);
+        EXPECT_EQ(Dbl(HUGE_VAL).Compare(Dbl(d)), 1);
+        EXPECT_EQ(Dbl(d).Compare(Dbl(-HUGE_VAL)), 1);
+        EXPECT_EQ(Dbl(-HUGE_VAL).Compare(Dbl(d)), -1);
+        EXPECT_TRUE(Dbl(d) < Dbl(HUGE_VAL));
+        EXPECT_TRUE(Dbl(-HUGE_VAL) < Dbl(d));
+    }
+    EXPECT_NE(Dbl(dNan).Compare(Dbl(dNan)), 0);
+    EXPECT_FALSE(Dbl(dNan) == Dbl(dNan));
+    EXPECT_EQ(Dbl(HUGE_VAL).Compare(Dbl(-HUGE_VAL)), 1);
+    EXPECT_EQ(Dbl(-HUGE_VAL).Compare(Dbl(HUGE_VAL)), -1);
 }
 
 TEST(VarDataCompare, SortOfMixedValuesIsATotalOrder)
