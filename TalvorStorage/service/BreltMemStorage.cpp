@@ -38,12 +38,21 @@ const UINT STORAGE_THREAD_STOP_WAIT_MS = 600000;
 
 } // namespace
 
-CBreltMemStorageModule::CBreltMemStorageModule() { ResetFields(); }
+CBreltMemStorageModule::CBreltMemStorageModule()
+{
+    ResetFields();
+    // Not among the fields a restart resets: a standby thread may hold it.
+    InitializeCriticalTalvor(&m_critStandby);
+    TalvorSetLatchRank(&m_critStandby, LATCHRANK_STANDBYSLOT);
+    m_nStandbysLeaving = 0;
+}
 
 CBreltMemStorageModule::~CBreltMemStorageModule()
 {
     m_bExit = TRUE;
     StopStandbys();
+    // A thread that outlived the bounded wait may still take the latch.
+    if (StandbySlotsTaken() == 0 && TalvorLoadShared(&m_nStandbysLeaving) == 0) DeleteCriticalTalvor(&m_critStandby);
 }
 
 void CBreltMemStorageModule::ResetFields()
@@ -347,9 +356,7 @@ void CBreltMemStorageModule::ReleaseFileList()
 void CBreltMemStorageModule::WaitForStandbySlots()
 {
     for (int i = 0; i < STANDBY_SLOT_WAITS; i++) {
-        bool bAnyLeft = false;
-        for (int j = 0; j < 256 && !bAnyLeft; j++) bAnyLeft = __atomic_load_n(&m_arTalvorStandby[j], __ATOMIC_ACQUIRE) != nullptr;
-        if (!bAnyLeft) break;
+        if (StandbySlotsTaken() == 0 && TalvorLoadShared(&m_nStandbysLeaving) == 0) break;
         usleep(1000);
     }
     usleep(1000);
