@@ -49,7 +49,7 @@ CBreltMemStorageModule::CBreltMemStorageModule()
 
 CBreltMemStorageModule::~CBreltMemStorageModule()
 {
-    m_bExit = TRUE;
+    TalvorStoreShared(&m_bExit, TRUE);
     StopStandbys();
     // A thread that outlived the bounded wait may still take the latch.
     if (StandbySlotsTaken() == 0 && TalvorLoadShared(&m_nStandbysLeaving) == 0) DeleteCriticalTalvor(&m_critStandby);
@@ -283,7 +283,7 @@ BOOL CBreltMemStorageModule::WaitStorageThreadEnd(UINT nWaitMs)
 
 HRESULT CBreltMemStorageModule::StopService(LPTALVORCRITICALSECTION lpCritSection, UINT nRedoLogMaxID)
 {
-    m_bExit = TRUE;
+    TalvorStoreShared(&m_bExit, TRUE);
     if (m_pMemoryFileHead != nullptr) TalvorStoreShared(&m_pMemoryFileHead->m_bForbidSaveFlag, 0);
     int nService = m_pFlashback->WaitServiceStop(lpCritSection);
     // With the engine lost, the last pass writes its dirty blocks itself.
@@ -376,7 +376,7 @@ void CBreltMemStorageModule::ReleaseSystemFile()
 HRESULT CBreltMemStorageModule::FreeData(LPTALVORCRITICALSECTION lpCritSection)
 {
     TalvorConfigInit(m_cConfigPath);
-    m_bExit = TRUE;
+    TalvorStoreShared(&m_bExit, TRUE);
     usleep(1000);
     LPSYSTEMFILEHEAD lpHead = m_pMemoryFileHead;
     if (lpHead != nullptr && lpHead->m_nDataFlag == SYSTEMFILE_DATAFLAG)

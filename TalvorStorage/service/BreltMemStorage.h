@@ -204,12 +204,13 @@ public:
     USHORT GetDatabaseGuid() { return m_pMemoryFileHead ? m_pMemoryFileHead->m_usDatabaseGuid : 0; }
     LPSYSTEMFILEHEAD GetSystemFileHead() { return m_pMemoryFileHead; }
     CTalvorFlashback* GetFlashback() { return m_pFlashback; }
-    BOOL GetExitFlag() override { return m_bExit; }
+    // Read by standby and join threads while the main thread sets it.
+    BOOL GetExitFlag() override { return TalvorLoadShared(&m_bExit); }
     // What a join reads: the descriptor of a file number, the guid, and
     // whether the daemon stops. Storage thread (the last: any thread).
     LPFILEINFO JoinFileInfo(int nFileNo) override { return nFileNo >= 0 && nFileNo < 256 ? m_arFileInfo[nFileNo] : nullptr; }
     USHORT JoinDatabaseGuid() override { return GetDatabaseGuid(); }
-    BOOL JoinStopAsked() override { return g_bEixt || m_bExit; }
+    BOOL JoinStopAsked() override { return TalvorLoadShared(&g_bEixt) || TalvorLoadShared(&m_bExit); }
     // The engine says it runs (m_bService of the channel is 1). Any thread.
     BOOL EngineRuns();
     const char* GetConfigPath() const { return m_cConfigPath; }

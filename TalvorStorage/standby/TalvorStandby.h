@@ -51,8 +51,9 @@ inline constexpr int STANDBY_FEED_SIZE = 0x1000000;
 class CTalvorStandby {
 public:
     CTalvorStandby();
-    // Closes the socket. The thread has ended (it destroys the object
-    // through its owner), or never started.
+    // Closes the socket. The thread has ended (its owner destroys the
+    // object on that thread, or on the thread that held it last), or never
+    // started.
     ~CTalvorStandby();
 
     // Stores the values and starts the thread. 0 on success. nLogNo is not
