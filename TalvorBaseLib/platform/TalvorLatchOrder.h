@@ -19,6 +19,9 @@
 //   LATCHRANK_CACHECHAIN cache m_csCache: the free chain, file    module, flashback, redo,
 //                        chains and load groups of the cache      file storage, cache open
 //   LATCHRANK_CONFIG     configuration: the ini and its cache     module, flashback, redo
+//   LATCHRANK_STANDBYSLOT                                         any of the above; while it
+//                        module m_critStandby: the standby        is held nothing else is
+//                        slots and the holds on their objects     taken, traced or waited for
 //   LATCHRANK_TRACEWRITE trace m_critWrite: one writer of the     any of the above
 //                        open trace file
 //   LATCHRANK_TRACE      trace m_critTrace: the queue of lines    any (a line may be traced anywhere)
@@ -42,6 +45,7 @@ enum : int {
     LATCHRANK_CACHEOPEN = 400,
     LATCHRANK_CACHECHAIN = 450,
     LATCHRANK_CONFIG = 500,
+    LATCHRANK_STANDBYSLOT = 550,
     LATCHRANK_TRACEWRITE = 600,
     LATCHRANK_TRACE = 700,
 };

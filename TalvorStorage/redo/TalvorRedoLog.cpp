@@ -359,13 +359,13 @@ void CTalvorRedoLog::FollowNewestLog()
           TALVOR_TEXT("当前日志组由%d改为%d：它保存着最新的日志%u",
                       "The current log group is %d instead of %d: it holds the newest log %u"),
           nNewest, (int)m_bCurrentRedoGroup, (UINT)TalvorLoadShared(&m_pRedoLog[nNewest].m_nSequenceNO));
-    m_bCurrentRedoGroup = (BYTE)nNewest;
+    __atomic_store_n(&m_bCurrentRedoGroup, (BYTE)nNewest, __ATOMIC_RELEASE);
     TalvorStoreShared(&m_pMemoryFileHead->m_bCurrentRedoGroup, m_bCurrentRedoGroup);
 }
 
 void CTalvorRedoLog::MoveToNextGroup()
 {
-    m_bCurrentRedoGroup = (BYTE)((m_bCurrentRedoGroup + 1) % m_nWriteRedoOnlineGroups);
+    __atomic_store_n(&m_bCurrentRedoGroup, (BYTE)((m_bCurrentRedoGroup + 1) % m_nWriteRedoOnlineGroups), __ATOMIC_RELEASE);
     TalvorStoreShared(&m_pMemoryFileHead->m_bCurrentRedoGroup, m_bCurrentRedoGroup);
 }
 
@@ -678,7 +678,7 @@ int CTalvorRedoLog::GetWritePos(UINT nRedoLogNo, int& nRedoGroup, BYTE& bCurLog,
     LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
     if (nRedoLogNo < nLast) {
         bCurLog = 0;
-        if (pRing != nullptr && (int)nRedoLogNo <= pRing->m_nLogArchiveNo && m_lpArchiveDir != nullptr) {
+        if (pRing != nullptr && (int)nRedoLogNo <= TalvorLoadShared(&pRing->m_nLogArchiveNo) && m_lpArchiveDir != nullptr) {
             snprintf(lpFilePath, MAX_PATH, "%sArchiveLog/Log%d.log", m_lpArchiveDir, (int)nRedoLogNo);
             return 0;
         }
@@ -699,8 +699,9 @@ int CTalvorRedoLog::GetWritePos(UINT nRedoLogNo, int& nRedoGroup, BYTE& bCurLog,
     bCurLog = 1;
     int arOrder[REDOGROUP_MAX + 2];
     int nOrder = 0;
-    arOrder[nOrder++] = m_bCurrentRedoGroup;
-    arOrder[nOrder++] = m_bCurrentRedoGroup == 0 ? m_nWriteRedoOnlineGroups - 1 : m_bCurrentRedoGroup - 1;
+    const int nCurrent = TalvorLoadShared(&m_bCurrentRedoGroup);
+    arOrder[nOrder++] = nCurrent;
+    arOrder[nOrder++] = nCurrent == 0 ? m_nWriteRedoOnlineGroups - 1 : nCurrent - 1;
     for (int i = 0; i < m_nWriteRedoOnlineGroups; i++) arOrder[nOrder++] = i;
     for (int k = 0; k < nOrder; k++) {
         LPTALVORREDOGROUP pGroup = &m_pRedoLog[arOrder[k]];
@@ -802,7 +803,6 @@ void CTalvorRedoLog::AddStandby(LPTALVORREDOLOGSTANDBYCACHE pCache)
     if (pCache == nullptr) return;
     CTalvorCriticalSectionPtr guard(&m_crit, nullptr);
     pCache->m_pNext = m_pStandbyCache;
-    TalvorFlushCPU4Write();
     m_pStandbyCache = pCache;
 }
 

@@ -162,6 +162,9 @@ public:
     static BOOL AskToPublish(LPFILE_TRACEMEMFILEHEAD pRing);
     int SwitchNewLog(BYTE bRedoGroup, UINT nSequenceNO, LPTALVORCRITICALSECTION lpCritSection);
     BOOL GetLogWaitFlag(int nRedoGroup);
+    // Link and unlink a standby thread's live feed; take m_crit, under which
+    // the writer walks the feeds, so an unlinked feed may be freed at once.
+    // The standby's own thread; no latch held.
     void AddStandby(LPTALVORREDOLOGSTANDBYCACHE pCache);
     void SubStandby(LPTALVORREDOLOGSTANDBYCACHE pCache);
 
@@ -204,6 +207,7 @@ public:
     void GroupPath(int nGroup, char* lpPath, size_t nSize) const;
 
     // --- Fields, in the order the redo object has always kept them.
+    // Moved by the writer alone; other threads read it whole.
     BYTE m_bCurrentRedoGroup;
     int m_nWriteRedoOnlineGroups;
     int m_nWriteRedoMaxSize;
@@ -297,8 +301,10 @@ private:
     BOOL WriteSealHead(REDOWRITERSTATE& st, int fd, const MF_REDOLOGFILEHEAD& h);
     void Publish(REDOWRITERSTATE& st);
     void IdlePass(REDOWRITERSTATE& st);
-    void FeedStandbys(LPFILE_TRACEMEMFILEHEAD pHead, int nBegin, int nFirst, int nSecond, BOOL bWhole,
-                      int nWriteSize);
+    // Writer thread; takes m_crit for the walk over the feeds, so that a
+    // feed unlinked under it (SubStandby) is never read afterwards.
+    void FeedStandbys(LPTALVORCRITICALSECTION lpCritSection, LPFILE_TRACEMEMFILEHEAD pHead, int nBegin, int nFirst,
+                      int nSecond, BOOL bWhole, int nWriteSize);
     BOOL WritePiece(int fd, const BYTE* p, int nLen, int nOffset, REDOWRITERSTATE* pState);
     // Writer thread, no latch: after a piece is in the file, the ring's
     // m_nItemSize (the read position to come), m_nLogPos, m_nReadPos and

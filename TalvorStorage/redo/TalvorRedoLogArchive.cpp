@@ -295,7 +295,7 @@ BOOL CTalvorRedoLog::ArchiveGroup(int nGroup, char** arDes, int nDesCount, LPBYT
     TalvorStoreShared(&pGroup->m_bState, REDOGROUP_ARCHIVED);
     LPFILE_TRACEMEMFILEHEAD pRing = RingHead();
     // A log set aside below this one keeps the number from passing it.
-    if (pRing != nullptr) pRing->m_nLogArchiveNo = ArchivedUpTo();
+    if (pRing != nullptr) TalvorStoreShared(&pRing->m_nLogArchiveNo, ArchivedUpTo());
     SetEvent(m_hArchivedEvent);
     return TRUE;
 }
@@ -376,6 +376,8 @@ int CTalvorRedoLog::ArchiveFile(void*& hFile, void*& hSrcFile)
         if (lpBuffer == nullptr) nDesCount = 0;
     }
     if (nDesCount > 0) {
+        // The standby threads read it under m_crit (GetWritePos).
+        CTalvorCriticalSectionPtr guard(&m_crit, nullptr);
         snprintf(m_szArchiveDir, sizeof(m_szArchiveDir), "%s", arDes[0]);
         m_lpArchiveDir = m_szArchiveDir;
     }
@@ -406,7 +408,10 @@ int CTalvorRedoLog::ArchiveFile(void*& hFile, void*& hSrcFile)
                           "The archiver ends with %d log groups not archived: they stay sealed and the next start "
                           "archives them"),
               nLeft);
-    m_lpArchiveDir = nullptr;
+    {
+        CTalvorCriticalSectionPtr guard(&m_crit, nullptr);
+        m_lpArchiveDir = nullptr;
+    }
     usleep(100000);
     free(lpBuffer);
     return 0;

@@ -688,12 +688,16 @@ BOOL CTalvorRedoLog::WritePiece(int fd, const BYTE* p, int nLen, int nOffset, RE
     }
 }
 
-void CTalvorRedoLog::FeedStandbys(LPFILE_TRACEMEMFILEHEAD pHead, int nBegin, int nFirst, int nSecond, BOOL bWhole,
-                                  int nWriteSize)
+void CTalvorRedoLog::FeedStandbys(LPTALVORCRITICALSECTION lpCritSection, LPFILE_TRACEMEMFILEHEAD pHead, int nBegin,
+                                  int nFirst, int nSecond, BOOL bWhole, int nWriteSize)
 {
     const int nSize = nFirst + nSecond;
     const UINT nLogNo = TalvorLoadShared(&m_pRedoLog[m_bCurrentRedoGroup].m_nSequenceNO);
     const BYTE* lpRing = (const BYTE*)pHead;
+    // A standby thread frees its feed once it has unlinked it under m_crit:
+    // the walk holds m_crit, so it never meets a feed that is gone. Only
+    // copies into memory are done under it.
+    CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
     for (LPTALVORREDOLOGSTANDBYCACHE pFeed = m_pStandbyCache; pFeed != nullptr; pFeed = pFeed->m_pNext) {
         EnterCriticalTalvor(&pFeed->m_stCrit, GetCurrentThreadId());
         if (!bWhole) {
@@ -724,7 +728,7 @@ void CTalvorRedoLog::FeedStandbys(LPFILE_TRACEMEMFILEHEAD pHead, int nBegin, int
     }
 }
 
-void CTalvorRedoLog::WriteLogFile(LPTALVORCRITICALSECTION, LPFILE_TRACEMEMFILEHEAD pLogFileHead, BYTE bCurrentRedoGroup,
+void CTalvorRedoLog::WriteLogFile(LPTALVORCRITICALSECTION lpCritSection, LPFILE_TRACEMEMFILEHEAD pLogFileHead, BYTE bCurrentRedoGroup,
                                   char* pLogFileAddr, int nWritePos, int nItemSize, BOOL bHeadFlag, int& nWriteSize,
                                   BOOL& bFlushFlag)
 {
@@ -742,7 +746,7 @@ void CTalvorRedoLog::WriteLogFile(LPTALVORCRITICALSECTION, LPFILE_TRACEMEMFILEHE
         nFirst = nTotal - nBegin;
         nSecond = nWritePos - nHeader;
     }
-    FeedStandbys(pHead, nBegin, nFirst, nSecond, bHeadFlag && nItemSize == 0, nWriteSize);
+    FeedStandbys(lpCritSection, pHead, nBegin, nFirst, nSecond, bHeadFlag && nItemSize == 0, nWriteSize);
 
     const int fd = Talvor_FileDescriptor(m_pRedoLog[bCurrentRedoGroup].m_pOnlineFile);
     const BYTE* lpRing = (const BYTE*)pLogFileAddr;

@@ -38,12 +38,21 @@ const UINT STORAGE_THREAD_STOP_WAIT_MS = 600000;
 
 } // namespace
 
-CBreltMemStorageModule::CBreltMemStorageModule() { ResetFields(); }
+CBreltMemStorageModule::CBreltMemStorageModule()
+{
+    ResetFields();
+    // Not among the fields a restart resets: a standby thread may hold it.
+    InitializeCriticalTalvor(&m_critStandby);
+    TalvorSetLatchRank(&m_critStandby, LATCHRANK_STANDBYSLOT);
+    m_nStandbysLeaving = 0;
+}
 
 CBreltMemStorageModule::~CBreltMemStorageModule()
 {
-    m_bExit = TRUE;
+    TalvorStoreShared(&m_bExit, TRUE);
     StopStandbys();
+    // A thread that outlived the bounded wait may still take the latch.
+    if (StandbySlotsTaken() == 0 && TalvorLoadShared(&m_nStandbysLeaving) == 0) DeleteCriticalTalvor(&m_critStandby);
 }
 
 void CBreltMemStorageModule::ResetFields()
@@ -274,7 +283,7 @@ BOOL CBreltMemStorageModule::WaitStorageThreadEnd(UINT nWaitMs)
 
 HRESULT CBreltMemStorageModule::StopService(LPTALVORCRITICALSECTION lpCritSection, UINT nRedoLogMaxID)
 {
-    m_bExit = TRUE;
+    TalvorStoreShared(&m_bExit, TRUE);
     if (m_pMemoryFileHead != nullptr) TalvorStoreShared(&m_pMemoryFileHead->m_bForbidSaveFlag, 0);
     int nService = m_pFlashback->WaitServiceStop(lpCritSection);
     // With the engine lost, the last pass writes its dirty blocks itself.
@@ -347,9 +356,7 @@ void CBreltMemStorageModule::ReleaseFileList()
 void CBreltMemStorageModule::WaitForStandbySlots()
 {
     for (int i = 0; i < STANDBY_SLOT_WAITS; i++) {
-        bool bAnyLeft = false;
-        for (int j = 0; j < 256 && !bAnyLeft; j++) bAnyLeft = __atomic_load_n(&m_arTalvorStandby[j], __ATOMIC_ACQUIRE) != nullptr;
-        if (!bAnyLeft) break;
+        if (StandbySlotsTaken() == 0 && TalvorLoadShared(&m_nStandbysLeaving) == 0) break;
         usleep(1000);
     }
     usleep(1000);
@@ -369,7 +376,7 @@ void CBreltMemStorageModule::ReleaseSystemFile()
 HRESULT CBreltMemStorageModule::FreeData(LPTALVORCRITICALSECTION lpCritSection)
 {
     TalvorConfigInit(m_cConfigPath);
-    m_bExit = TRUE;
+    TalvorStoreShared(&m_bExit, TRUE);
     usleep(1000);
     LPSYSTEMFILEHEAD lpHead = m_pMemoryFileHead;
     if (lpHead != nullptr && lpHead->m_nDataFlag == SYSTEMFILE_DATAFLAG)

@@ -99,11 +99,16 @@ public:
     // is held and no head exists — the files stay on disk.
     BOOL RecoverResource(LPTALVORCRITICALSECTION lpCritSection, BOOL bRecover, UINT nLogMaxID, USHORT usDBGuid);
     // Called by a standby thread that ends, on that thread: frees its slot
-    // and destroys the object.
+    // and destroys the object, or leaves that to the thread that holds it.
+    // Takes m_critStandby; no latch held.
     void ReleaseStandby(CTalvorStandby* pStandby) override;
     // Asks every standby thread to end and waits (bounded) for the slots.
-    // Any thread but a standby's.
-    void StopStandbys();
+    // Any thread but a standby's; no latch held but what lpCritSection (may
+    // be null) records (takes m_critStandby).
+    void StopStandbys(LPTALVORCRITICALSECTION lpCritSection = nullptr);
+    // The slots that hold a standby. Any thread; takes m_critStandby, so no
+    // latch of a higher rank held.
+    int StandbySlotsTaken();
     // Joins a node (copying the database to it): 0, or negative on failure
     // (traced). Storage thread; blocks it, bounded, for the copy.
     int ClusterAddNewNode(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress, UINT ulLocalIP,
@@ -206,12 +211,13 @@ public:
     USHORT GetDatabaseGuid() { return m_pMemoryFileHead ? m_pMemoryFileHead->m_usDatabaseGuid : 0; }
     LPSYSTEMFILEHEAD GetSystemFileHead() { return m_pMemoryFileHead; }
     CTalvorFlashback* GetFlashback() { return m_pFlashback; }
-    BOOL GetExitFlag() override { return m_bExit; }
+    // Read by standby and join threads while the main thread sets it.
+    BOOL GetExitFlag() override { return TalvorLoadShared(&m_bExit); }
     // What a join reads: the descriptor of a file number, the guid, and
     // whether the daemon stops. Storage thread (the last: any thread).
     LPFILEINFO JoinFileInfo(int nFileNo) override { return nFileNo >= 0 && nFileNo < 256 ? m_arFileInfo[nFileNo] : nullptr; }
     USHORT JoinDatabaseGuid() override { return GetDatabaseGuid(); }
-    BOOL JoinStopAsked() override { return g_bEixt || m_bExit; }
+    BOOL JoinStopAsked() override { return TalvorLoadShared(&g_bEixt) || TalvorLoadShared(&m_bExit); }
     // The engine says it runs (m_bService of the channel is 1). Any thread.
     BOOL EngineRuns();
     const char* GetConfigPath() const { return m_cConfigPath; }
@@ -239,6 +245,7 @@ public:
     // cache.
     CStorageCacheBridge* m_pCacheBridge;
     HTHREADTYPE m_hTalvorStorageThread;
+    // Read and written under m_critStandby only.
     CTalvorStandby* m_arTalvorStandby[256];
     BOOL m_bExit;
     // From the "started" line on: the images are this run's to remove at the
@@ -255,6 +262,14 @@ public:
     // The head's redo number when the database was last taken apart: a
     // rebuild never numbers below it.
     UINT m_nClearedRedoLogMaxID;
+    // The standby slots and the holds on their objects (LATCHRANK_STANDBYSLOT).
+    // Held for a few instructions: never across a trace, a sleep or a wait
+    // on the network. Lives from construction to destruction, across
+    // restarts of the service.
+    TALVOR_SECTION m_critStandby;
+    // Standby threads that have freed their slot but may still touch this
+    // module: its owner waits for 0 before it goes.
+    volatile int m_nStandbysLeaving;
 
     // Main thread, after g_bEixt: waits for the peer process (bounded by its
     // own rules), then at most m_nStorageStopWaitMs for the storage thread;
@@ -366,9 +381,26 @@ private:
     // else traced.
     BOOL RestoreChainUsable(char* lpArchiveDesPath, long long nTimestamp);
     void TestSpeedCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd);
-    // The result of command 18 (CLUSTERRESULT_*).
-    BYTE AddStandby(LPTALVORCOMMAND lpClusterCmd);
-    void RemoveStandby(UINT ulIP, USHORT usPort);
+    // The result of command 18 (CLUSTERRESULT_*). Storage thread; no latch
+    // held (takes m_critStandby, and lets go of it for each Reset).
+    BYTE AddStandby(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd);
+    // Asks the threads of ulIP:usPort to end. Storage thread; no latch held
+    // (takes m_critStandby).
+    void RemoveStandby(LPTALVORCRITICALSECTION lpCritSection, UINT ulIP, USHORT usPort);
+    // The object in slot nSlot with a hold taken on it, so that it outlives
+    // its thread until LetGoStandby; null for an empty slot. The caller
+    // holds m_critStandby.
+    CTalvorStandby* HoldStandby(int nSlot);
+    // Gives back a hold of HoldStandby: TRUE when it was the last one on an
+    // object whose thread has ended, which the caller then destroys once it
+    // has left m_critStandby. The caller holds m_critStandby.
+    BOOL LetGoStandby(CTalvorStandby* pStandby);
+    // A standby for ulIP:usPort whose thread took a fresh position exchange:
+    // TRUE when one did. Storage thread; no latch held.
+    BOOL ResetStandbyOf(LPTALVORCRITICALSECTION lpCritSection, UINT ulIP, USHORT usPort);
+    // The new object into the first free slot: its index, or -1 when every
+    // slot is taken. Storage thread; no latch held.
+    int PutStandbyInSlot(LPTALVORCRITICALSECTION lpCritSection, CTalvorStandby* pStandby);
     void RemoveDatabaseFile(const char* lpszPath);
     BOOL AbandonRebuild();
     // The database files of a backup, in file number order; their count.

@@ -27,9 +27,6 @@ namespace {
 const int STANDBY_SLOTS = 256;
 // The cache's threads let go of the files before they are removed.
 const useconds_t CACHE_FREE_WAIT_US = 100000;
-// The storage thread may be inside a Reset of the object it found in the
-// slot (3.2 s at most): the object outlives that.
-const useconds_t RELEASE_STANDBY_WAIT_US = 4000000;
 // The archive destination list a restore reads its chain from.
 const int RESTORE_PATH_SIZE = 512;
 static_assert(sizeof(((LPSYSTEMFILEHEAD)nullptr)->m_lpArchiveDesPath) == RESTORE_PATH_SIZE, "archive path size");
@@ -110,11 +107,11 @@ HRESULT CBreltMemStorageModule::ClusterCommand(LPTALVORCRITICALSECTION lpCritSec
         RestoreCommand(lpCritSection, lpClusterCmd);
         return S_OK;
     case CLUSTERCMD_ADDSTANDBY:
-        lpClusterCmd->m_bResult = AddStandby(lpClusterCmd);
+        lpClusterCmd->m_bResult = AddStandby(lpCritSection, lpClusterCmd);
         TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_FINISHED);
         return S_OK;
     case CLUSTERCMD_REMOVESTANDBY:
-        RemoveStandby(lpClusterCmd->m_ulIP, lpClusterCmd->m_usPort);
+        RemoveStandby(lpCritSection, lpClusterCmd->m_ulIP, lpClusterCmd->m_usPort);
         lpClusterCmd->m_bResult = CLUSTERRESULT_OK;
         TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_FINISHED);
         return S_OK;
@@ -293,24 +290,84 @@ void CBreltMemStorageModule::TestSpeedCommand(LPTALVORCRITICALSECTION lpCritSect
 }
 
 // --- Standby slots.
+//
+// A standby thread destroys its own object when it ends (ReleaseStandby), so
+// the storage thread reaches a slot's object only under m_critStandby, and
+// across a Reset, which waits for the thread, with a hold that keeps the
+// object alive until it lets go.
 
-BYTE CBreltMemStorageModule::AddStandby(LPTALVORCOMMAND lpClusterCmd)
+namespace {
+
+BOOL SameServer(CTalvorStandby* pStandby, UINT ulIP, USHORT usPort)
+{
+    UINT ulSlotIP = 0;
+    USHORT usSlotPort = 0;
+    pStandby->GetServerInfo(ulSlotIP, usSlotPort);
+    return ulSlotIP == ulIP && usSlotPort == usPort;
+}
+
+} // namespace
+
+CTalvorStandby* CBreltMemStorageModule::HoldStandby(int nSlot)
+{
+    CTalvorStandby* pStandby = m_arTalvorStandby[nSlot];
+    if (pStandby != nullptr) pStandby->m_nSlotHolds++;
+    return pStandby;
+}
+
+BOOL CBreltMemStorageModule::LetGoStandby(CTalvorStandby* pStandby)
+{
+    return --pStandby->m_nSlotHolds == 0 && pStandby->m_bHandedBack;
+}
+
+BOOL CBreltMemStorageModule::ResetStandbyOf(LPTALVORCRITICALSECTION lpCritSection, UINT ulIP, USHORT usPort)
+{
+    for (int i = 0; i < STANDBY_SLOTS; i++) {
+        CTalvorCriticalSectionPtr latch(&m_critStandby, lpCritSection);
+        CTalvorStandby* pStandby = m_arTalvorStandby[i];
+        if (pStandby == nullptr || !SameServer(pStandby, ulIP, usPort)) continue;
+        HoldStandby(i);
+        latch.UnLock();
+        // Up to 3.2 s of waiting for the thread, which may end meanwhile.
+        BOOL bTaken = pStandby->Reset() == 0;
+        CTalvorCriticalSectionPtr relatch(&m_critStandby, lpCritSection);
+        BOOL bDestroy = LetGoStandby(pStandby);
+        relatch.UnLock();
+        if (bDestroy) delete pStandby;
+        if (bTaken) return TRUE;
+    }
+    return FALSE;
+}
+
+int CBreltMemStorageModule::PutStandbyInSlot(LPTALVORCRITICALSECTION lpCritSection, CTalvorStandby* pStandby)
+{
+    CTalvorCriticalSectionPtr latch(&m_critStandby, lpCritSection);
+    for (int i = 0; i < STANDBY_SLOTS; i++) {
+        if (m_arTalvorStandby[i] != nullptr) continue;
+        LPSTORAGEMEMHEAD lpChannel = m_pFlashback != nullptr ? m_pFlashback->GetStorageMemHead() : nullptr;
+        if (lpChannel != nullptr) __atomic_add_fetch(&lpChannel->m_bStandbyThreads, 1, __ATOMIC_ACQ_REL);
+        __atomic_store_n(&m_arTalvorStandby[i], pStandby, __ATOMIC_RELEASE);
+        return i;
+    }
+    return -1;
+}
+
+int CBreltMemStorageModule::StandbySlotsTaken()
+{
+    CTalvorCriticalSectionPtr latch(&m_critStandby, nullptr);
+    int nTaken = 0;
+    for (int i = 0; i < STANDBY_SLOTS; i++) nTaken += m_arTalvorStandby[i] != nullptr;
+    return nTaken;
+}
+
+BYTE CBreltMemStorageModule::AddStandby(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd)
 {
     UINT ulIP = lpClusterCmd->m_ulIP;
     USHORT usPort = lpClusterCmd->m_usPort;
-    int nFree = -1;
-    for (int i = 0; i < STANDBY_SLOTS; i++) {
-        CTalvorStandby* pStandby = __atomic_load_n(&m_arTalvorStandby[i], __ATOMIC_ACQUIRE);
-        if (pStandby == nullptr) {
-            if (nFree < 0) nFree = i;
-            continue;
-        }
-        UINT ulSlotIP = 0;
-        USHORT usSlotPort = 0;
-        pStandby->GetServerInfo(ulSlotIP, usSlotPort);
-        if (ulSlotIP == ulIP && usSlotPort == usPort && pStandby->Reset() == 0) return CLUSTERRESULT_OK;
-    }
-    if (nFree < 0) return CLUSTERRESULT_NOSTANDBYSLOT;
+    if (ResetStandbyOf(lpCritSection, ulIP, usPort)) return CLUSTERRESULT_OK;
+    // Only this thread fills slots: one free now is free when the new
+    // object is put in it.
+    if (StandbySlotsTaken() >= STANDBY_SLOTS) return CLUSTERRESULT_NOSTANDBYSLOT;
     CTalvorStandby* pStandby = new (std::nothrow) CTalvorStandby();
     if (pStandby == nullptr) return CLUSTERRESULT_OUTOFMEMORY;
     if (pStandby->Initialize(this, m_pMemoryFileHead, ulIP, usPort, lpClusterCmd->m_ulLocalIP,
@@ -318,52 +375,62 @@ BYTE CBreltMemStorageModule::AddStandby(LPTALVORCOMMAND lpClusterCmd)
         delete pStandby;
         return CLUSTERRESULT_STANDBYSETUPFAILED;
     }
-    LPSTORAGEMEMHEAD lpChannel = m_pFlashback != nullptr ? m_pFlashback->GetStorageMemHead() : nullptr;
-    if (lpChannel != nullptr) __atomic_add_fetch(&lpChannel->m_bStandbyThreads, 1, __ATOMIC_ACQ_REL);
-    __atomic_store_n(&m_arTalvorStandby[nFree], pStandby, __ATOMIC_RELEASE);
+    BYTE bResult = CLUSTERRESULT_OK;
+    if (PutStandbyInSlot(lpCritSection, pStandby) < 0) {
+        // Not reached while this thread alone fills slots; should it be, the
+        // thread ends at once and, finding no slot, destroys its object.
+        pStandby->Uninitialize();
+        bResult = CLUSTERRESULT_NOSTANDBYSLOT;
+    }
     pStandby->Publish();
-    return CLUSTERRESULT_OK;
+    return bResult;
 }
 
-void CBreltMemStorageModule::RemoveStandby(UINT ulIP, USHORT usPort)
+void CBreltMemStorageModule::RemoveStandby(LPTALVORCRITICALSECTION lpCritSection, UINT ulIP, USHORT usPort)
 {
+    CTalvorCriticalSectionPtr latch(&m_critStandby, lpCritSection);
     for (int i = 0; i < STANDBY_SLOTS; i++) {
-        CTalvorStandby* pStandby = __atomic_load_n(&m_arTalvorStandby[i], __ATOMIC_ACQUIRE);
-        if (pStandby == nullptr) continue;
-        UINT ulSlotIP = 0;
-        USHORT usSlotPort = 0;
-        pStandby->GetServerInfo(ulSlotIP, usSlotPort);
-        if (ulSlotIP == ulIP && usSlotPort == usPort) pStandby->Uninitialize();
+        CTalvorStandby* pStandby = m_arTalvorStandby[i];
+        if (pStandby != nullptr && SameServer(pStandby, ulIP, usPort)) pStandby->Uninitialize();
     }
 }
 
-void CBreltMemStorageModule::StopStandbys()
+void CBreltMemStorageModule::StopStandbys(LPTALVORCRITICALSECTION lpCritSection)
 {
+    CTalvorCriticalSectionPtr latch(&m_critStandby, lpCritSection);
     for (int i = 0; i < STANDBY_SLOTS; i++) {
-        CTalvorStandby* pStandby = __atomic_load_n(&m_arTalvorStandby[i], __ATOMIC_ACQUIRE);
+        CTalvorStandby* pStandby = m_arTalvorStandby[i];
         if (pStandby != nullptr) pStandby->Uninitialize();
     }
+    latch.UnLock();
     WaitForStandbySlots();
 }
 
 void CBreltMemStorageModule::ReleaseStandby(CTalvorStandby* pStandby)
 {
+    // Counted before the slot goes: whoever sees the slots empty and this
+    // at 0 may destroy the module, latch and all.
+    __atomic_add_fetch(&m_nStandbysLeaving, 1, __ATOMIC_ACQ_REL);
+    // The thread's record is gone with the frames that held it.
+    CTalvorCriticalSectionPtr latch(&m_critStandby, nullptr);
     for (int i = 0; i < STANDBY_SLOTS; i++) {
-        if (__atomic_load_n(&m_arTalvorStandby[i], __ATOMIC_ACQUIRE) != pStandby) continue;
+        if (m_arTalvorStandby[i] != pStandby) continue;
         LPSTORAGEMEMHEAD lpChannel = m_pFlashback != nullptr ? m_pFlashback->GetStorageMemHead() : nullptr;
         if (lpChannel != nullptr) __atomic_sub_fetch(&lpChannel->m_bStandbyThreads, 1, __ATOMIC_ACQ_REL);
-        // The slot is freed last: an owner waiting for its slots to empty
-        // may go away at once, and nothing of it is touched after this.
         __atomic_store_n(&m_arTalvorStandby[i], (CTalvorStandby*)nullptr, __ATOMIC_RELEASE);
-        usleep(RELEASE_STANDBY_WAIT_US);
         break;
     }
-    delete pStandby;
+    pStandby->m_bHandedBack = TRUE;
+    BOOL bDestroy = pStandby->m_nSlotHolds == 0;
+    latch.UnLock();
+    if (bDestroy) delete pStandby;
+    // The last touch of the module.
+    __atomic_sub_fetch(&m_nStandbysLeaving, 1, __ATOMIC_ACQ_REL);
 }
 
 // --- Taking the database apart and building it again.
 
-void CBreltMemStorageModule::ClearResource(LPTALVORCRITICALSECTION, UINT& nLogMaxID, USHORT& usDBGuid)
+void CBreltMemStorageModule::ClearResource(LPTALVORCRITICALSECTION lpCritSection, UINT& nLogMaxID, USHORT& usDBGuid)
 {
     memset(m_arFileInfo, 0, sizeof(m_arFileInfo));
     if (m_pTalvorCacheStorage != nullptr) {
@@ -384,7 +451,7 @@ void CBreltMemStorageModule::ClearResource(LPTALVORCRITICALSECTION, UINT& nLogMa
         pInfo = pNext;
     }
     // The standby threads read the redo service: they end before it goes.
-    StopStandbys();
+    StopStandbys(lpCritSection);
     SysClearTalvorLog();
     WaitForStandbySlots();
     LPSYSTEMFILEHEAD lpHead = m_pMemoryFileHead;

@@ -45,7 +45,8 @@ long long NowMicros()
 CTalvorStandby::CTalvorStandby()
     : m_pMemoryFileHead(nullptr), m_pTalvorRedoLog(nullptr), m_skSocket(-1), m_ulIP(0), m_ulLocalIP(0),
       m_nRedoLogNo(0), m_nResetRedoLogNo(1), m_usPort(0), m_bRandomFactor(0), m_bExit(FALSE), m_hWorkThread(0),
-      m_pStorageModule(nullptr), m_bPublished(FALSE), m_pRun(nullptr)
+      m_pStorageModule(nullptr), m_bPublished(FALSE), m_pRun(nullptr), m_nSlotHolds(0),
+      m_bHandedBack(FALSE)
 {
 }
 

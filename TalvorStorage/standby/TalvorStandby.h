@@ -12,7 +12,9 @@
 // The storage thread calls Initialize, Reset, Uninitialize and
 // GetServerInfo; the thread reads m_bExit and m_nResetRedoLogNo without a
 // latch. A thread that ends hands its object to its owner, which frees the
-// slot and destroys it.
+// slot and destroys it once nobody holds it: whoever reaches the object
+// through the owner's slots does so under the owner's slot latch, or holds
+// it (m_nSlotHolds) across what may not be done under that latch.
 #pragma once
 
 #include "LinuxCommonAPI.h"
@@ -27,8 +29,10 @@ class CTalvorStandby;
 class ITalvorStandbyOwner {
 public:
     virtual ~ITalvorStandbyOwner() {}
-    // The thread of pStandby ends: free its slot and destroy the object.
+    // The thread of pStandby ends: free its slot and destroy the object,
+    // at once or, while another thread holds it, when that one lets go.
     // Runs on that thread, which touches nothing of the object afterwards.
+    // No latch held.
     virtual void ReleaseStandby(CTalvorStandby* pStandby) = 0;
     // The owner is stopping: every standby thread ends.
     virtual BOOL GetExitFlag() = 0;
@@ -47,8 +51,9 @@ inline constexpr int STANDBY_FEED_SIZE = 0x1000000;
 class CTalvorStandby {
 public:
     CTalvorStandby();
-    // Closes the socket. The thread has ended (it destroys the object
-    // through its owner), or never started.
+    // Closes the socket. The thread has ended (its owner destroys the
+    // object on that thread, or on the thread that held it last), or never
+    // started.
     ~CTalvorStandby();
 
     // Stores the values and starts the thread. 0 on success. nLogNo is not
@@ -107,6 +112,11 @@ public:
     // The run of the thread (its feed, file and buffers), on the heap so
     // that the fault path finds it whole.
     void* volatile m_pRun;
+    // Under the owner's slot latch only: the threads that reach the object
+    // from its slot outside that latch, and whether its thread has handed
+    // it back. The last of them to let go destroys it.
+    int m_nSlotHolds;
+    BOOL m_bHandedBack;
 
     BOOL StopAsked();
 };

@@ -763,10 +763,9 @@ void CTalvorStandby::AbandonRun()
     StandbyRun* pRun = (StandbyRun*)__atomic_exchange_n(&m_pRun, (void*)nullptr, __ATOMIC_ACQ_REL);
     if (pRun == nullptr) return;
     if (pRun->bFeedLinked) {
+        // The writer walks the feeds under the same latch: once unlinked,
+        // the feed is nobody's but this thread's.
         m_pTalvorRedoLog->SubStandby(&pRun->stFeed);
-        // A writer that took the feed just before it left the list is done
-        // with it by now.
-        usleep(100000);
     }
     pRun->CloseFile();
     FreeRun(pRun);

@@ -45,15 +45,15 @@ void PeerCacheMakeBlock(LPBYTE lpBlock, BYTE bFileNo, BYTE bFileType, UINT nBloc
     }
     LPBLOCKHEAD lpHead = (LPBLOCKHEAD)lpBlock;
     lpHead->m_nBlockNo = nBlockNo;
-    lpHead->m_nTimestamp = llTs;
+    TalvorStoreShared(&lpHead->m_nTimestamp, llTs);
     // In use by the engine: the disk copy must not keep these.
     lpHead->m_nLockTimestamp = llTs;
-    lpHead->m_bStatus = 1;
+    TalvorStoreShared(&lpHead->m_bStatus, 1);
     lpHead->m_bThreadNum = 2;
     lpHead->m_nBlockSize = PEERCACHE_BLOCK_SIZE;
     lpHead->m_nBlockHeadSize = (int)sizeof(BLOCKHEAD);
     lpHead->m_bFileNo = bFileNo;
-    lpHead->m_bSaveFlag = 1;
+    TalvorStoreShared(&lpHead->m_bSaveFlag, 1);
     lpHead->m_bNodeType = bFileType == FILETYPE_INDEX ? (BYTE)(1 + nBlockNo % 2) : 0;
     lpHead->m_bFlushCode = PeerCacheFlushCode(llTs);
     lpHead->m_nObjectID = 1;
@@ -64,8 +64,8 @@ void PeerCacheMakeBlock(LPBYTE lpBlock, BYTE bFileNo, BYTE bFileType, UINT nBloc
 void PeerCacheDiskImage(LPBYTE lpBlock)
 {
     LPBLOCKHEAD lpHead = (LPBLOCKHEAD)lpBlock;
-    lpHead->m_bSaveFlag = 0;
-    lpHead->m_bFlushFlag = 0;
+    TalvorStoreShared(&lpHead->m_bSaveFlag, 0);
+    TalvorStoreShared(&lpHead->m_bFlushFlag, 0);
     lpHead->m_nLockTimestamp = 0;
     lpHead->m_bStatus = 0;
     lpHead->m_bThreadNum = 0;
@@ -217,7 +217,7 @@ void CPeerCache::BuildLookup(PeerCacheFile& file)
             lpBlock->m_nBlockSize != PEERCACHE_BLOCK_SIZE || lpBlock->m_nBlockNo == 0 || lpBlock->m_nBlockNo > nMapped)
             continue;
         UINT nNo = lpBlock->m_nBlockNo;
-        long long llTs = lpBlock->m_nTimestamp;
+        long long llTs = TalvorLoadShared(&lpBlock->m_nTimestamp);
         if (mapTs.count(nNo) != 0 && mapTs[nNo] >= llTs) continue;
         mapTs[nNo] = llTs;
         file.m_mapBlocks[nNo] = CacheBlockOffset(n);
@@ -261,12 +261,12 @@ bool CPeerCache::NewBlock(PeerCacheFile& file, long long llTs, UINT& nBlockNo)
     lpEntry->m_nID = 1;
     PeerFence();
     lpMap->m_nBlockMapNum = nEntry + 1;
-    lpMap->m_nTimestamp = llTs;
-    lpMap->m_bSaveFlag = 1;
+    TalvorStoreShared(&lpMap->m_nTimestamp, llTs);
+    TalvorStoreShared(&lpMap->m_bSaveFlag, 1);
     lpHead->m_nFileFreeMemoryOffset = llPlace + PEERCACHE_BLOCK_SIZE;
     lpHead->m_nBlockNum = nBlockNo;
-    lpHead->m_nTimestamp = llTs;
-    lpHead->m_bSaveFlag = 1;
+    TalvorStoreShared(&lpHead->m_nTimestamp, llTs);
+    TalvorStoreShared(&lpHead->m_bSaveFlag, 1);
     return true;
 }
 
@@ -277,11 +277,11 @@ void CPeerCache::ChangeBlock(PeerCacheFile& file, UINT nBlockNo, long long llTs)
     // The mark is cleared first and set last: a flush in between sees an
     // unfinished block, never a finished one with half a payload.
     LPBLOCKHEAD lpHead = (LPBLOCKHEAD)lpBlock;
-    BYTE bFlushFlag = lpHead->m_bFlushFlag;
+    BYTE bFlushFlag = TalvorLoadShared(&lpHead->m_bFlushFlag);
     PeerCacheMakeBlock(lpBlock, file.m_bFileNo, file.m_bFileType, nBlockNo, llTs);
-    lpHead->m_bFlushFlag = bFlushFlag;
+    TalvorStoreShared(&lpHead->m_bFlushFlag, bFlushFlag);
     PeerFence();
-    file.m_lpHead->m_nTimestamp = llTs;
+    TalvorStoreShared(&file.m_lpHead->m_nTimestamp, llTs);
 }
 
 } // namespace talvorpeer

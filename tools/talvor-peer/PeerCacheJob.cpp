@@ -131,7 +131,7 @@ bool OpenFiles(CacheJob& job)
 void StartTimestamps(CacheJob& job)
 {
     LPSYSTEMFILEHEAD lpSystem = job.engine.Head();
-    long long llTs = lpSystem->m_nEndTimestamp;
+    long long llTs = TalvorLoadShared(&lpSystem->m_nEndTimestamp);
     if (lpSystem->m_nCacheTableTimestamp > llTs) llTs = lpSystem->m_nCacheTableTimestamp;
     if (lpSystem->m_nCacheIndexTimestamp > llTs) llTs = lpSystem->m_nCacheIndexTimestamp;
     for (PeerCacheFile& file : job.vFiles) {
@@ -177,7 +177,9 @@ bool ReportFlush(CacheJob& job, PeerCacheFile& file, const PeerFlushPost& post, 
 {
     int nResult = job.cache.WaitEntry(post, (int)job.nWaitMs, ServeIdle, &job);
     LPBLOCKHEAD lpBlock = (LPBLOCKHEAD)job.cache.BlockAt(file.m_mapBlocks[(UINT)post.m_stEntry.m_nBlockNo]);
-    int nSave = lpBlock != nullptr ? lpBlock->m_bSaveFlag : -1, nFlush = lpBlock != nullptr ? lpBlock->m_bFlushFlag : -1;
+    // The daemon clears the flags as it flushes.
+    int nSave = lpBlock != nullptr ? TalvorLoadShared(&lpBlock->m_bSaveFlag) : -1;
+    int nFlush = lpBlock != nullptr ? TalvorLoadShared(&lpBlock->m_bFlushFlag) : -1;
     Line("%s file %d block %u ts %lld result %s flags %d %d", lpszWhat, file.m_bFileNo, (UINT)post.m_stEntry.m_nBlockNo,
          (long long)post.m_stEntry.m_llTimestamp, ResultText(nResult).c_str(), nSave, nFlush);
     return nResult != PEERCACHE_TIMEOUT;
@@ -349,8 +351,8 @@ int PostFault(CacheJob& job, PeerCacheFile& file)
     LPBLOCKHEAD lpBlock = (LPBLOCKHEAD)job.cache.BlockAt(file.m_mapBlocks[1]);
     if (lpBlock == nullptr) return PEER_IPC;
     Line("fault %s file %d block 1 ts %lld result %s flags %d %d", m.c_str(), file.m_bFileNo,
-         (long long)lpBlock->m_nTimestamp, ResultText(nResult).c_str(), (int)lpBlock->m_bSaveFlag,
-         (int)lpBlock->m_bFlushFlag);
+         (long long)lpBlock->m_nTimestamp, ResultText(nResult).c_str(), (int)TalvorLoadShared(&lpBlock->m_bSaveFlag),
+         (int)TalvorLoadShared(&lpBlock->m_bFlushFlag));
     return nResult == PEERCACHE_TIMEOUT ? PEER_TIMEOUT : PEER_OK;
 }
 

@@ -53,7 +53,7 @@ LPCacheBufferBlockOperate CPeerCache::LoadGroup(BYTE bFileNo, int& nNum)
     bool bInHead = llFirst >= CACHE_LOAD_OFFSET && llEnd <= m_layout.m_llLoadEnd;
     long long llBlock = llFirst - llFirst % CACHE_BLOCK_SIZE;
     bool bInBlock = IsBlockOffset(llBlock) && llEnd <= llBlock + CACHE_BLOCK_SIZE;
-    if (lpInfo->m_bStatus != 0 || nNum <= 0 || nNum > CACHE_LOADGROUP_MAX_SLOTS ||
+    if (TalvorLoadShared(&lpInfo->m_bStatus) != 0 || nNum <= 0 || nNum > CACHE_LOADGROUP_MAX_SLOTS ||
         !(bInHead || bInBlock))
         return nullptr;
     return (LPCacheBufferBlockOperate)(m_lpBase + llFirst);
@@ -74,10 +74,10 @@ int CPeerCache::LoadBlock(PeerCacheFile& file, UINT nBlockNo, long long llCache,
     if (bPos >= nNum) bPos = 0;
     LPCacheBufferBlockOperate lpSlot = &lpGroup[bPos];
     // A slot still posted from before is the daemon's until answered.
-    for (int nWaited = 0; lpSlot->m_bStatus == CACHELOAD_POSTED && nWaited < nWaitMs; nWaited += WAIT_SLICE_MS)
+    for (int nWaited = 0; TalvorLoadShared(&lpSlot->m_bStatus) == CACHELOAD_POSTED && nWaited < nWaitMs; nWaited += WAIT_SLICE_MS)
         usleep(WAIT_SLICE_MS * 1000);
-    if (lpSlot->m_bStatus == CACHELOAD_POSTED) return PEERCACHE_TIMEOUT;
-    lpSlot->m_bStatus = CACHELOAD_FREE;
+    if (TalvorLoadShared(&lpSlot->m_bStatus) == CACHELOAD_POSTED) return PEERCACHE_TIMEOUT;
+    TalvorStoreShared(&lpSlot->m_bStatus, CACHELOAD_FREE);
     UINT nNo = eFault == PEERLOAD_NUMBER ? nBlockNo + 1 : nBlockNo;
     BYTE bFile = eFault == PEERLOAD_FILE ? bFaultFile : file.m_bFileNo;
     int nSize = eFault == PEERLOAD_SIZE ? lpEntry->m_nBlockSize / 2 : lpEntry->m_nBlockSize;
@@ -88,9 +88,9 @@ int CPeerCache::LoadBlock(PeerCacheFile& file, UINT nBlockNo, long long llCache,
         lpSlot->m_nBlockNo = nBlockNo + 1;
         lpSlot->m_llFileBlockOffset = CACHE_PAGE_SIZE;
         lpSlot->m_llCacheBlockOffset = llCache;
-        lpSlot->m_bVerification = (BYTE)(CheckByte(llCache) + 1);
+        TalvorStoreShared(&lpSlot->m_bVerification, (BYTE)(CheckByte(llCache) + 1));
         PeerFence();
-        lpSlot->m_bStatus = CACHELOAD_POSTED;
+        TalvorStoreShared(&lpSlot->m_bStatus, CACHELOAD_POSTED);
         SetEvent(LoadSemaphore(SEMNAME_CACHELOADEVENT_PREFIX, file.m_bFileNo));
         usleep(LATE_COMPLETION_US);
     }
@@ -101,17 +101,17 @@ int CPeerCache::LoadBlock(PeerCacheFile& file, UINT nBlockNo, long long llCache,
     lpSlot->m_llFileBlockOffset = lpEntry->m_nBlockOffset;
     lpSlot->m_nBlockSize = nSize;
     PeerFence();
-    lpSlot->m_bVerification = CheckByte(llCache);
+    TalvorStoreShared(&lpSlot->m_bVerification, CheckByte(llCache));
     PeerFence();
-    lpSlot->m_bStatus = CACHELOAD_POSTED;
-    lpInfo->m_bCacheLoadPos = (BYTE)((bPos + 1) % nNum);
+    TalvorStoreShared(&lpSlot->m_bStatus, CACHELOAD_POSTED);
+    TalvorStoreShared(&lpInfo->m_bCacheLoadPos, (bPos + 1) % nNum);
     SetEvent(LoadSemaphore(SEMNAME_CACHELOADEVENT_PREFIX, file.m_bFileNo));
     HEVENTTYPE hDone = LoadSemaphore(SEMNAME_STORAGELOADEVENT_PREFIX, file.m_bFileNo);
     for (int nWaited = 0; nWaited < nWaitMs; nWaited += WAIT_SLICE_MS) {
         if (TalvorLoadShared(&lpSlot->m_bStatus) == CACHELOAD_DONE) {
             PeerFence();
             int nSuccess = lpSlot->m_bSuccess;
-            lpSlot->m_bStatus = CACHELOAD_FREE;
+            TalvorStoreShared(&lpSlot->m_bStatus, CACHELOAD_FREE);
             return nSuccess;
         }
         if (hDone != nullptr)
@@ -153,9 +153,9 @@ PeerFlushPost CPeerCache::DataEntry(PeerCacheFile& file, UINT nBlockNo, long lon
         e.m_llTransTimestamp = lpBlock->m_nTimestamp;
         // From now on the flush owns the change; a failed write marks the
         // block to be saved again.
-        lpBlock->m_bFlushFlag = 1;
+        TalvorStoreShared(&lpBlock->m_bFlushFlag, 1);
         PeerFence();
-        lpBlock->m_bSaveFlag = 0;
+        TalvorStoreShared(&lpBlock->m_bSaveFlag, 0);
     }
     return post;
 }
@@ -179,7 +179,7 @@ bool CPeerCache::PageEntry(PeerCacheFile& file, BYTE bType, PeerFlushPost& post)
         m_strError = "no free page image";
         return false;
     }
-    lpPool[nImage].m_bStatus = 1;
+    TalvorStoreShared(&lpPool[nImage].m_bStatus, 1);
     long long llImage = m_layout.m_llFlashBackOffset + (long long)nImage * CACHE_PAGE_SIZE;
     stu_CacheFlush& e = post.m_stEntry;
     e.m_bBlockType = bType;
@@ -188,12 +188,12 @@ bool CPeerCache::PageEntry(PeerCacheFile& file, BYTE bType, PeerFlushPost& post)
     e.m_nBlockSize = CACHE_PAGE_SIZE;
     e.m_llCacheBlockOffset = llImage;
     if (bType == CACHEFLUSH_HEAD) {
-        file.m_lpHead->m_bSaveFlag = 0;
+        TalvorStoreShared(&file.m_lpHead->m_bSaveFlag, 0);
         e.m_llTimestamp = file.m_lpHead->m_nTimestamp;
         e.m_llTransTimestamp = e.m_llTimestamp;
         memcpy(m_lpBase + llImage, file.m_lpHead, CACHE_PAGE_SIZE);
     } else {
-        file.m_lpMap->m_bSaveFlag = 0;
+        TalvorStoreShared(&file.m_lpMap->m_bSaveFlag, 0);
         e.m_nBlockNo = (UINT)file.m_lpMap->m_nMapNo;
         e.m_llTimestamp = file.m_lpMap->m_nTimestamp;
         e.m_llTransTimestamp = e.m_llTimestamp;
@@ -220,7 +220,7 @@ bool CPeerCache::TimestampEntry(bool bIndex, long long llTs, int nArrayNum, Peer
         m_strError = "no free timestamp image";
         return false;
     }
-    lpPool[nImage].m_bStatus = 1;
+    TalvorStoreShared(&lpPool[nImage].m_bStatus, 1);
     long long llImage = m_layout.m_llFlashBackOffset + TS_IMAGES_AT + (long long)nImage * TS_IMAGE_SIZE;
     long long* pArray = (long long*)(m_lpBase + llImage);
     memset(pArray, 0, (size_t)TS_IMAGE_SIZE);
@@ -234,7 +234,7 @@ bool CPeerCache::PostEntry(PeerFlushPost& post, int nWaitMs, bool (*fnBeforeStat
                            void* pArg)
 {
     volatile BYTE* pPos = WritePos(post.m_bIndex);
-    int nPos = *pPos % CACHE_FLUSH_RING_SIZE;
+    int nPos = TalvorLoadShared(pPos) % CACHE_FLUSH_RING_SIZE;
     stu_CacheFlush* p = &Ring(post.m_bIndex)[nPos];
     // The ring is full while the entry at the writing position is posted.
     for (int nWaited = 0; TalvorLoadShared(&p->m_bStatus) != 0 && nWaited < nWaitMs; nWaited += WAIT_SLICE_MS)
@@ -247,8 +247,8 @@ bool CPeerCache::PostEntry(PeerFlushPost& post, int nWaitMs, bool (*fnBeforeStat
     post.m_nPos = nPos;
     if (fnBeforeStatus != nullptr && !fnBeforeStatus(post, pArg)) return false;
     PeerFence();
-    p->m_bStatus = 1;
-    *pPos = (BYTE)((nPos + 1) % CACHE_FLUSH_RING_SIZE);
+    TalvorStoreShared(&p->m_bStatus, 1);
+    TalvorStoreShared(pPos, (nPos + 1) % CACHE_FLUSH_RING_SIZE);
     SetEvent(Semaphore(post.m_bIndex ? SEMNAME_CACHEINDEXFLUSHEVENT : SEMNAME_CACHEFLUSHEVENT));
     return true;
 }

@@ -51,7 +51,7 @@ bool CPeerEngine::Attach(int nWaitMs)
     for (int i = 0; i <= nWaitMs; i += 10) {
         if (m_lpChannel == nullptr) m_lpChannel = (LPSTORAGEMEMHEAD)AttachKey(SHMKEY_STORAGEMEM, nullptr);
         if (m_lpSystem == nullptr) m_lpSystem = AttachKey(FileImageShmKey(SYSTEMFILE_FILENO), &m_nSystemSize);
-        if (m_lpChannel != nullptr && m_lpSystem != nullptr && StatusReady() && Head()->m_bStatus == 0) break;
+        if (m_lpChannel != nullptr && m_lpSystem != nullptr && StatusReady() && TalvorLoadShared(&Head()->m_bStatus) == 0) break;
         usleep(10000);
     }
     if (m_lpChannel == nullptr || m_lpSystem == nullptr || !StatusReady()) return false;
@@ -77,7 +77,7 @@ bool CPeerEngine::Attach(int nWaitMs)
 bool CPeerEngine::StatusReady()
 {
     int nStatus = TalvorLoadShared(&m_lpChannel->m_TalvorProgress.m_nStatus);
-    return nStatus == 2 || (m_bHeadReady && Head()->m_bStatus == 0);
+    return nStatus == 2 || (m_bHeadReady && TalvorLoadShared(&Head()->m_bStatus) == 0);
 }
 
 void CPeerEngine::SetLive(bool bLive)
@@ -124,7 +124,7 @@ void CPeerEngine::ServeChannel()
         Answer(6);
         return;
     }
-    lpHead->m_bSaveFlag = 0;
+    TalvorStoreShared(&lpHead->m_bSaveFlag, 0);
     RefreshSlaveMaps(lpImage, m_arSizes[bFileNo], bFileNo == SYSTEMFILE_FILENO);
     LPBYTE lpData = (LPBYTE)m_lpChannel + m_lpChannel->m_nFileDataOffset;
     memcpy(lpData, lpImage, (size_t)nHeadSize);

@@ -106,12 +106,12 @@ int RunCommandJob(const std::vector<std::string>& args)
         if (nGapUs > 0) Pause((long long)(rng() % (unsigned)(nGapUs + 1)) * 1000LL);
         long long nStart = NowNanos();
         PeerFence();
-        lpHead->m_bStorageCMD = (BYTE)nCode;
+        TalvorStoreShared(&lpHead->m_bStorageCMD, (BYTE)nCode);
         if (bPost) SetEvent(engine.m_hStorage);
         long long nDeadline = nStart + nTimeoutMs * 1000000LL;
-        while (lpHead->m_bStorageCMD != STORAGECMD_FINISHED && NowNanos() < nDeadline) Pause(POLL_NANOS);
+        while (TalvorLoadShared(&lpHead->m_bStorageCMD) != STORAGECMD_FINISHED && NowNanos() < nDeadline) Pause(POLL_NANOS);
         long long nEnd = NowNanos();
-        if (lpHead->m_bStorageCMD != STORAGECMD_FINISHED) {
+        if (TalvorLoadShared(&lpHead->m_bStorageCMD) != STORAGECMD_FINISHED) {
             fprintf(stderr, "talvor-peer command: no answer within %lld ms\n", nTimeoutMs);
             break;
         }

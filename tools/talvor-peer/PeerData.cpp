@@ -150,9 +150,9 @@ void ChangeDataRow(CPeerEngine& engine, int nFileNo, long long nBlockOffset, int
 {
     LPBYTE lpImage = engine.m_arImages[nFileNo];
     LPBLOCKHEAD lpBlock = (LPBLOCKHEAD)(lpImage + nBlockOffset);
-    lpBlock->m_nTimestamp = nTimestamp;
+    TalvorStoreShared(&lpBlock->m_nTimestamp, nTimestamp);
     PeerFence();
-    lpBlock->m_bSaveFlag = 1;
+    TalvorStoreShared(&lpBlock->m_bSaveFlag, 1);
     PeerFence();
     if (!IsRowBlock(lpBlock)) MakeRowBlock(lpBlock);
     long long nKey = PeerRowKey(nFileNo, nBlockOffset, nSlot);
@@ -184,12 +184,12 @@ void ChangeDataRow(CPeerEngine& engine, int nFileNo, long long nBlockOffset, int
     PeerFence();
     LPBASEFILEOBJECTDEF lpObject = DbMemoryFileObject(lpImage, engine.m_arSizes[nFileNo], nObject);
     if (lpObject != nullptr) {
-        lpObject->m_nFinishedTimestamp = nTimestamp;
+        TalvorStoreShared(&lpObject->m_nFinishedTimestamp, nTimestamp);
         PeerFence();
-        lpObject->m_bSaveFlag = 1;
+        TalvorStoreShared(&lpObject->m_bSaveFlag, 1);
     }
     PeerFence();
-    ((LPBASEFILEHEAD)lpImage)->m_nTimestamp = nTimestamp;
+    TalvorStoreShared(&((LPBASEFILEHEAD)lpImage)->m_nTimestamp, nTimestamp);
 }
 
 // The rows of a data file's blocks laid out as plain slots, where the
@@ -250,7 +250,7 @@ bool ReadDisk(const std::string& strSystemPath, DiskImage& disk)
     std::string strSystem;
     if (!ReadWhole(strSystemPath, strSystem) || strSystem.size() < sizeof(SYSTEMFILEHEAD)) return false;
     LPBYTE lpSystem = (LPBYTE)&strSystem[0];
-    disk.m_nCommitted = ((LPSYSTEMFILEHEAD)lpSystem)->m_nBeginTimestamp;
+    disk.m_nCommitted = TalvorLoadShared(&((LPSYSTEMFILEHEAD)lpSystem)->m_nBeginTimestamp);
     DbForEachFileListRow(lpSystem, (long long)strSystem.size(), [&](LPSYSTEMBLOCKHEAD, LPFILE_MEMDBFILEINFO lpRow) {
         int n = lpRow->m_bFileNo;
         std::string& strFile = disk.m_vFiles[(size_t)n];
@@ -330,10 +330,10 @@ bool AppendJournal(int fd, const std::string& strLine)
 bool AskForPass(CPeerEngine& engine, bool bLive)
 {
     LPSYSTEMFILEHEAD lpHead = engine.Head();
-    lpHead->m_bStorageCMD = 2;
+    TalvorStoreShared(&lpHead->m_bStorageCMD, 2);
     SetEvent(engine.m_hStorage);
     for (int i = 0; i < 60000; i++) {
-        if (lpHead->m_bStorageCMD == 32) return true;
+        if (TalvorLoadShared(&lpHead->m_bStorageCMD) == 32) return true;
         if (bLive) engine.ServeChannel();
         usleep(500);
     }
@@ -370,30 +370,30 @@ struct ForbidWindows {
     {
         LPSYSTEMFILEHEAD lpHead = engine.Head();
         if (m_bHeld) {
-            long long nBegin = lpHead->m_nBeginTimestamp;
+            long long nBegin = TalvorLoadShared(&lpHead->m_nBeginTimestamp);
             if (nBegin != m_nBegin) m_nCommitsHeld++;
             m_nBegin = nBegin;
-            if (m_bAskedHeld && lpHead->m_bStorageCMD == 32) {
+            if (m_bAskedHeld && TalvorLoadShared(&lpHead->m_bStorageCMD) == 32) {
                 m_nAnsweredHeld++;
                 m_bAskedHeld = false;
             }
             if (nNow < m_nUntil) return false;
             PeerFence();
-            lpHead->m_bForbidSaveFlag = 0;
+            TalvorStoreShared(&lpHead->m_bForbidSaveFlag, 0);
             SetEvent(engine.m_hStorage);
             m_bHeld = false;
             return false;
         }
         if (m_nEvery == 0 || (nDone + 1) % m_nEvery != 0) return false;
-        lpHead->m_bForbidSaveFlag = 1;
+        TalvorStoreShared(&lpHead->m_bForbidSaveFlag, 1);
         PeerFence();
         m_bHeld = true;
         m_nWindows++;
-        m_nBegin = lpHead->m_nBeginTimestamp;
+        m_nBegin = TalvorLoadShared(&lpHead->m_nBeginTimestamp);
         m_nUntil = nNow + m_nMs;
         m_bAskedHeld = !bOutstanding;
         if (m_bAskedHeld) {
-            lpHead->m_bStorageCMD = 2;
+            TalvorStoreShared(&lpHead->m_bStorageCMD, 2);
             SetEvent(engine.m_hStorage);
         }
         return m_bAskedHeld;
@@ -502,7 +502,7 @@ int RunDataJob(const std::vector<std::string>& args)
     LPSYSTEMFILEHEAD lpHead = engine.Head();
 
     // Blocks first, one transaction (a file already grown stays as it is).
-    long long ts = lpHead->m_nEndTimestamp + 1;
+    long long ts = TalvorLoadShared(&lpHead->m_nEndTimestamp) + 1;
     for (int n : engine.m_vFiles) {
         if (!PeerPrepareFile(engine.m_arImages[n], engine.m_arSizes[n], (int)nBlocks, ts))
             fprintf(stderr, "talvor-peer data: file %d has no room for %lld blocks; using what it has\n", n, nBlocks);
@@ -520,7 +520,7 @@ int RunDataJob(const std::vector<std::string>& args)
                 fprintf(stderr, "talvor-peer data: file %d has no room for map block %lld\n", n, k + 1);
     }
     PeerFence();
-    lpHead->m_nEndTimestamp = ts;
+    TalvorStoreShared(&lpHead->m_nEndTimestamp, ts);
     std::vector<std::vector<long long>> vBlocks(256);
     std::map<std::pair<int, long long>, int> mapObjects;  // (file, block) -> object
     for (int n : engine.m_vFiles) {
@@ -543,7 +543,7 @@ int RunDataJob(const std::vector<std::string>& args)
         if (nSlotMax <= 0) continue;
         int nSlot = (int)(rng() % (unsigned long long)(nSlots < nSlotMax ? nSlots : nSlotMax));
         long long nValue = (long long)(rng() >> 1);
-        ts = lpHead->m_nEndTimestamp + 1;
+        ts = TalvorLoadShared(&lpHead->m_nEndTimestamp) + 1;
         if (bRows)
             ChangeDataRow(engine, nFileNo, nBlock, nSlot, nValue, ts, mapObjects[{nFileNo, nBlock}]);
         else
@@ -555,10 +555,10 @@ int RunDataJob(const std::vector<std::string>& args)
             return PEER_INPUT;
         }
         PeerFence();
-        lpHead->m_nEndTimestamp = ts;
+        TalvorStoreShared(&lpHead->m_nEndTimestamp, ts);
         if (bLive) engine.ServeChannel();
         if (forbid.Step(engine, nDone, NowMs(), checker.m_bAsked) && bExact) {
-            checker.m_nAskedAt = lpHead->m_nEndTimestamp;
+            checker.m_nAskedAt = TalvorLoadShared(&lpHead->m_nEndTimestamp);
             checker.m_bAsked = true;
         }
         if (!files.Step(engine, nDone, bLive, !forbid.m_bHeld && !checker.m_bAsked)) {
@@ -570,7 +570,7 @@ int RunDataJob(const std::vector<std::string>& args)
         if (forbid.m_bHeld) {
             // No pass is asked while the daemon is held off.
         } else if (bExact) {
-            if (checker.m_bAsked && lpHead->m_bStorageCMD == 32) {
+            if (checker.m_bAsked && TalvorLoadShared(&lpHead->m_bStorageCMD) == 32) {
                 checker.m_bAsked = false;
                 nPasses++;
                 checker.Check(vJournal);
@@ -578,8 +578,8 @@ int RunDataJob(const std::vector<std::string>& args)
                 checker.m_nDuringPasses++;
             } else if ((nDone + 1) % nPassEvery == 0) {
                 // The rows go on changing while the pass runs.
-                checker.m_nAskedAt = lpHead->m_nEndTimestamp;
-                lpHead->m_bStorageCMD = 2;
+                checker.m_nAskedAt = TalvorLoadShared(&lpHead->m_nEndTimestamp);
+                TalvorStoreShared(&lpHead->m_bStorageCMD, 2);
                 SetEvent(engine.m_hStorage);
                 checker.m_bAsked = true;
             }
@@ -598,14 +598,14 @@ int RunDataJob(const std::vector<std::string>& args)
         }
     }
     close(fdJournal);
-    if (forbid.m_bHeld) lpHead->m_bForbidSaveFlag = 0;
+    if (forbid.m_bHeld) TalvorStoreShared(&lpHead->m_bForbidSaveFlag, 0);
     if (bExact && checker.m_bAsked) {
         // The last pass asked: its commit is checked too.
-        for (int i = 0; i < 60000 && lpHead->m_bStorageCMD != 32; i++) {
+        for (int i = 0; i < 60000 && TalvorLoadShared(&lpHead->m_bStorageCMD) != 32; i++) {
             if (bLive) engine.ServeChannel();
             usleep(500);
         }
-        if (lpHead->m_bStorageCMD == 32) {
+        if (TalvorLoadShared(&lpHead->m_bStorageCMD) == 32) {
             nPasses++;
             checker.Check(vJournal);
         }
@@ -613,7 +613,7 @@ int RunDataJob(const std::vector<std::string>& args)
     if (bLive) engine.SetLive(false);
     if (!opts.Has("quiet"))
         printf("committed %lld transactions, last timestamp %lld, passes asked %lld, channel answers %lld\n", nDone,
-               (long long)lpHead->m_nEndTimestamp, nPasses, engine.m_nAnswers);
+               (long long)TalvorLoadShared(&lpHead->m_nEndTimestamp), nPasses, engine.m_nAnswers);
     if (nNothingPct > 0) printf("answered nothing to save %lld times\n", engine.m_nNothingToSave);
     if (files.m_nEvery > 0) printf("file commands asked %lld, done %lld\n", files.m_nAsked, files.m_nDone);
     if (forbid.m_nEvery > 0) {

@@ -76,15 +76,15 @@ RowAt AppendRow(CPeerEngine& engine)
 void MarkListChanged(CPeerEngine& engine, LPSYSTEMBLOCKHEAD lpBlock)
 {
     LPSYSTEMFILEHEAD lpHead = engine.Head();
-    long long ts = lpHead->m_nEndTimestamp + 1;
-    lpBlock->m_nTimestamp = ts;
-    lpBlock->m_bSaveFlag = 1;
+    long long ts = TalvorLoadShared(&lpHead->m_nEndTimestamp) + 1;
+    TalvorStoreShared(&lpBlock->m_nTimestamp, ts);
+    TalvorStoreShared(&lpBlock->m_bSaveFlag, 1);
     LPBASEFILEOBJECTDEF lpObject = DbFileListObject(lpHead);
-    lpObject->m_nFinishedTimestamp = ts;
-    lpObject->m_bSaveFlag = 1;
+    TalvorStoreShared(&lpObject->m_nFinishedTimestamp, ts);
+    TalvorStoreShared(&lpObject->m_bSaveFlag, 1);
     PeerFence();
-    lpHead->m_nTimestamp = ts;
-    lpHead->m_nEndTimestamp = ts;
+    TalvorStoreShared(&lpHead->m_nTimestamp, ts);
+    TalvorStoreShared(&lpHead->m_nEndTimestamp, ts);
 }
 
 void SetText(char* lpField, size_t nField, const std::string& str)
@@ -98,14 +98,14 @@ bool RunFileCommands(CPeerEngine& engine, bool bLive, long long nTimeoutMs)
 {
     LPSYSTEMFILEHEAD lpHead = engine.Head();
     PeerFence();
-    lpHead->m_bStorageCMD = STORAGECMD_FILECMD;
+    TalvorStoreShared(&lpHead->m_bStorageCMD, STORAGECMD_FILECMD);
     SetEvent(engine.m_hStorage);
     for (long long nWaited = 0; nWaited < nTimeoutMs * 1000; nWaited += POLL_US) {
-        if (lpHead->m_bStorageCMD == STORAGECMD_FINISHED) return true;
+        if (TalvorLoadShared(&lpHead->m_bStorageCMD) == STORAGECMD_FINISHED) return true;
         if (bLive) engine.ServeChannel();
         usleep((useconds_t)POLL_US);
     }
-    return lpHead->m_bStorageCMD == STORAGECMD_FINISHED;
+    return TalvorLoadShared(&lpHead->m_bStorageCMD) == STORAGECMD_FINISHED;
 }
 
 // The engine completes the head of a memory-mode file the daemon made: the
@@ -134,8 +134,8 @@ bool FormatNewMemoryFile(CPeerEngine& engine, const PeerFileRequest& request, lo
            (size_t)(stPlan.m_nFreeOffset - stPlan.m_nHeaderSize));
     PeerForEachMapEntry(vLayout.data(), stPlan.m_nFreeOffset, [&](int, const BASEFILEBLOCKMAP* lpEntry) {
         LPBLOCKHEAD lpBlock = (LPBLOCKHEAD)(lpImage + lpEntry->m_nBlockOffset);
-        lpBlock->m_nTimestamp = nTimestamp;
-        lpBlock->m_bSaveFlag = 1;
+        TalvorStoreShared(&lpBlock->m_nTimestamp, nTimestamp);
+        TalvorStoreShared(&lpBlock->m_bSaveFlag, 1);
     });
     PeerFence();
     memcpy(lpImage, vLayout.data(), (size_t)stPlan.m_nHeaderSize);
@@ -143,11 +143,11 @@ bool FormatNewMemoryFile(CPeerEngine& engine, const PeerFileRequest& request, lo
     for (int i = 0; i < lpHead->m_nMaxObjectNum; i++) {
         LPBASEFILEOBJECTDEF lpObject = DbMemoryFileObject(lpImage, nSize, i);
         if (lpObject == nullptr || lpObject->m_nID == 0) continue;
-        lpObject->m_nFinishedTimestamp = nTimestamp;
-        lpObject->m_bSaveFlag = 1;
+        TalvorStoreShared(&lpObject->m_nFinishedTimestamp, nTimestamp);
+        TalvorStoreShared(&lpObject->m_bSaveFlag, 1);
     }
-    lpHead->m_nTimestamp = nTimestamp;
-    lpHead->m_bSaveFlag = 1;
+    TalvorStoreShared(&lpHead->m_nTimestamp, nTimestamp);
+    TalvorStoreShared(&lpHead->m_bSaveFlag, 1);
     PeerFence();
     shmdt(p);
     return true;
@@ -201,7 +201,7 @@ int PeerAskFileCommand(CPeerEngine& engine, const PeerFileRequest& request, bool
     } else if (request.m_bCommand == FILECMD_DELETE) {
         lpRow->m_bDropFlag = 1;
     } else if (bAdd && IsMemoryFileType(request.m_bFileType) &&
-               !FormatNewMemoryFile(engine, request, engine.Head()->m_nEndTimestamp + 1)) {
+               !FormatNewMemoryFile(engine, request, TalvorLoadShared(&engine.Head()->m_nEndTimestamp) + 1)) {
         nResult = PEERFILE_NOT_FORMATTED;
     }
     MarkListChanged(engine, at.m_lpBlock);

@@ -15,6 +15,7 @@
 #pragma once
 
 #include "DbFileLayout.h"
+#include "LinuxCommonAPI.h"
 #include "MemDBCommonDef.h"
 
 #include <cstring>
@@ -113,8 +114,8 @@ inline bool PeerPrepareFile(LPBYTE lpImage, long long nSize, int nBlocks, long l
         LPBLOCKHEAD lpBlock = (LPBLOCKHEAD)(lpImage + nOffset);
         *lpBlock = stModel;
         lpBlock->m_nBlockNo = (UINT)(i + 1);
-        lpBlock->m_nTimestamp = nTimestamp;
-        lpBlock->m_bSaveFlag = 1;
+        TalvorStoreShared(&lpBlock->m_nTimestamp, nTimestamp);
+        TalvorStoreShared(&lpBlock->m_bSaveFlag, 1);
         LPBASEFILEBLOCKMAP lpEntry = (LPBASEFILEBLOCKMAP)(lpImage + DbMapEntryOffset(nMap, i));
         lpEntry->m_nBlockNo = (UINT)(i + 1);
         lpEntry->m_nBlockOffset = nOffset;
@@ -125,8 +126,8 @@ inline bool PeerPrepareFile(LPBYTE lpImage, long long nSize, int nBlocks, long l
         lpHead->m_nFileFreeMemoryOffset = nOffset + nBlockSize;
     }
     LPBLOCKHEAD lpBlock1 = (LPBLOCKHEAD)(lpImage + lpFirst->m_nBlockOffset);
-    lpBlock1->m_nTimestamp = nTimestamp;
-    lpBlock1->m_bSaveFlag = 1;
+    TalvorStoreShared(&lpBlock1->m_nTimestamp, nTimestamp);
+    TalvorStoreShared(&lpBlock1->m_bSaveFlag, 1);
     if (lpHead->m_bFileType == FILETYPE_DATA) {
         for (int i = 0; i + 1 < lpMap->m_nBlockMapNum; i++)
             ((LPBASEFILEBLOCKMAP)(lpImage + DbMapEntryOffset(nMap, i)))->m_nNextOffset = DbMapEntryOffset(nMap, i + 1);
@@ -135,15 +136,15 @@ inline bool PeerPrepareFile(LPBYTE lpImage, long long nSize, int nBlocks, long l
         lpObject->m_nFullBlockMapOffset = DbMapEntryOffset(nMap, 0);
         // Block 1 came on the free chain; all blocks are on the full one now.
         lpObject->m_nFreeBlockMapOffset = 0;
-        lpObject->m_nFinishedTimestamp = nTimestamp;
+        TalvorStoreShared(&lpObject->m_nFinishedTimestamp, nTimestamp);
         PeerFence();
         lpObject->m_nID = 1;
-        lpObject->m_bSaveFlag = 1;
+        TalvorStoreShared(&lpObject->m_bSaveFlag, 1);
         if (lpHead->m_nCurrentObjectNum < 1) lpHead->m_nCurrentObjectNum = 1;
     }
     PeerFence();
-    lpHead->m_nTimestamp = nTimestamp;
-    lpHead->m_bSaveFlag = 1;
+    TalvorStoreShared(&lpHead->m_nTimestamp, nTimestamp);
+    TalvorStoreShared(&lpHead->m_bSaveFlag, 1);
     return true;
 }
 
@@ -169,15 +170,15 @@ inline bool PeerSpreadObjects(LPBYTE lpImage, long long nSize, int nObjects, lon
         if (lpObject == nullptr) return false;
         lpObject->m_nFullBlockMapOffset = DbMapEntryOffset(nMap, k);
         lpObject->m_nFreeBlockMapOffset = 0;
-        lpObject->m_nFinishedTimestamp = nTimestamp;
+        TalvorStoreShared(&lpObject->m_nFinishedTimestamp, nTimestamp);
         PeerFence();
         lpObject->m_nID = (UINT)(k + 1);
-        lpObject->m_bSaveFlag = 1;
+        TalvorStoreShared(&lpObject->m_bSaveFlag, 1);
     }
     if (lpHead->m_nCurrentObjectNum < nObjects) lpHead->m_nCurrentObjectNum = nObjects;
     PeerFence();
-    lpHead->m_nTimestamp = nTimestamp;
-    lpHead->m_bSaveFlag = 1;
+    TalvorStoreShared(&lpHead->m_nTimestamp, nTimestamp);
+    TalvorStoreShared(&lpHead->m_bSaveFlag, 1);
     return true;
 }
 
@@ -223,8 +224,8 @@ inline bool PeerAddMapBlock(LPBYTE lpImage, long long nSize, int nBlocks, int nO
     memset(lpMap, 0, (size_t)nMapSize);
     lpMap->m_nDataFlag = BLOCKMAP_DATAFLAG;
     lpMap->m_nMapNo = lpLast->m_nMapNo + 1;
-    lpMap->m_nTimestamp = nTimestamp;
-    lpMap->m_bSaveFlag = 1;
+    TalvorStoreShared(&lpMap->m_nTimestamp, nTimestamp);
+    TalvorStoreShared(&lpMap->m_bSaveFlag, 1);
     UINT nBlockNo = lpHead->m_nBlockNum;
     for (int i = 0; i < nBlocks; i++) {
         long long nOffset = nFirstBlock + (long long)i * nBlockSize;
@@ -232,8 +233,8 @@ inline bool PeerAddMapBlock(LPBYTE lpImage, long long nSize, int nBlocks, int nO
         memset(lpBlock, 0, (size_t)nBlockSize);
         *lpBlock = stModel;
         lpBlock->m_nBlockNo = nBlockNo + (UINT)i + 1;
-        lpBlock->m_nTimestamp = nTimestamp;
-        lpBlock->m_bSaveFlag = 1;
+        TalvorStoreShared(&lpBlock->m_nTimestamp, nTimestamp);
+        TalvorStoreShared(&lpBlock->m_bSaveFlag, 1);
         LPBASEFILEBLOCKMAP lpEntry = (LPBASEFILEBLOCKMAP)(lpImage + DbMapEntryOffset(nMapAt, i));
         lpEntry->m_nBlockNo = lpBlock->m_nBlockNo;
         lpEntry->m_nBlockOffset = nOffset;
@@ -258,19 +259,19 @@ inline bool PeerAddMapBlock(LPBYTE lpImage, long long nSize, int nBlocks, int nO
                 ((LPBASEFILEBLOCKMAP)(lpImage + nTail))->m_nNextOffset = nEntry;
             else
                 lpObject->m_nFullBlockMapOffset = nEntry;
-            lpObject->m_nFinishedTimestamp = nTimestamp;
-            lpObject->m_bSaveFlag = 1;
+            TalvorStoreShared(&lpObject->m_nFinishedTimestamp, nTimestamp);
+            TalvorStoreShared(&lpObject->m_bSaveFlag, 1);
         }
     }
     PeerFence();
     lpLast->m_nNextBlockMapOffset = nMapAt;
-    lpLast->m_nTimestamp = nTimestamp;
-    lpLast->m_bSaveFlag = 1;
+    TalvorStoreShared(&lpLast->m_nTimestamp, nTimestamp);
+    TalvorStoreShared(&lpLast->m_bSaveFlag, 1);
     lpHead->m_nBlockNum = nBlockNo + (UINT)nBlocks;
     lpHead->m_nFileFreeMemoryOffset = nFirstBlock + (long long)nBlocks * nBlockSize;
     PeerFence();
-    lpHead->m_nTimestamp = nTimestamp;
-    lpHead->m_bSaveFlag = 1;
+    TalvorStoreShared(&lpHead->m_nTimestamp, nTimestamp);
+    TalvorStoreShared(&lpHead->m_bSaveFlag, 1);
     return true;
 }
 

@@ -116,7 +116,7 @@ int OpenSession(RedoSession& s)
     if (nSys > 0) s.m_pSystemImage = (LPBYTE)CShareMemory::ShMemAttach(nSys, nullptr, 0);
     if (s.m_pSystemImage != nullptr) {
         s.m_pSystemHead = (LPSYSTEMFILEHEAD)s.m_pSystemImage;
-        s.m_nTimestamp = s.m_pSystemHead->m_nEndTimestamp;
+        s.m_nTimestamp = TalvorLoadShared(&s.m_pSystemHead->m_nEndTimestamp);
     } else {
         fprintf(stderr, "talvor-peer: no system file image: m_nEndTimestamp is not raised\n");
     }
@@ -128,11 +128,11 @@ int OpenSession(RedoSession& s)
 void ResetRingIfAsked(RedoSession& s)
 {
     TalvorFlushCPU4Read();
-    if (s.Head()->m_bReadException == REDOREAD_OK) return;
-    s.Head()->m_nWritePos = RING_HEAD_SIZE;
-    s.Head()->m_nReadPos = RING_HEAD_SIZE;
+    if (TalvorLoadShared(&s.Head()->m_bReadException) == REDOREAD_OK) return;
+    TalvorStoreShared(&s.Head()->m_nWritePos, RING_HEAD_SIZE);
+    TalvorStoreShared(&s.Head()->m_nReadPos, RING_HEAD_SIZE);
     TalvorFlushCPU4Write();
-    s.Head()->m_bReadException = REDOREAD_OK;
+    TalvorStoreShared(&s.Head()->m_bReadException, REDOREAD_OK);
     s.m_nResets++;
     fprintf(stderr, "talvor-peer: the daemon stopped trusting the redo ring: it was reset\n");
 }
@@ -151,7 +151,7 @@ int AppendBytes(RedoSession& s, const BYTE* p, long long nLen)
         }
         if (NowMs() > nDeadline) {
             fprintf(stderr, "talvor-peer: the redo ring stayed full for %lld ms (write %d, read %d)\n", s.m_nTimeoutMs,
-                    (int)s.Head()->m_nWritePos, (int)s.Head()->m_nReadPos);
+                    (int)TalvorLoadShared(&s.Head()->m_nWritePos), (int)TalvorLoadShared(&s.Head()->m_nReadPos));
             return PEER_TIMEOUT;
         }
         ResetRingIfAsked(s);
@@ -236,7 +236,7 @@ int WaitForDrain(RedoSession& s)
     long long nDeadline = NowMs() + s.m_nTimeoutMs;
     for (;;) {
         TalvorFlushCPU4Read();
-        if (s.Head()->m_nReadPos == s.Head()->m_nWritePos) return PEER_OK;
+        if (TalvorLoadShared(&s.Head()->m_nReadPos) == TalvorLoadShared(&s.Head()->m_nWritePos)) return PEER_OK;
         if (NowMs() > nDeadline) {
             fprintf(stderr, "talvor-peer: the daemon did not drain the redo ring within %lld ms\n", s.m_nTimeoutMs);
             return PEER_TIMEOUT;
@@ -282,8 +282,8 @@ int Commit(RedoSession& s, long long nRecords, long long nFixed, long long nMax,
         BuildRecord(s, vRecord, NextSize(s, nFixed, nMax, bType), bType);
         // The commit is visible before its redo.
         BASEEXECUTEPLANHEAD* pHead = (BASEEXECUTEPLANHEAD*)vRecord.data();
-        if (s.m_pSystemHead != nullptr && pHead->m_nTimestamp > s.m_pSystemHead->m_nEndTimestamp)
-            s.m_pSystemHead->m_nEndTimestamp = pHead->m_nTimestamp;
+        if (s.m_pSystemHead != nullptr && pHead->m_nTimestamp > TalvorLoadShared(&s.m_pSystemHead->m_nEndTimestamp))
+            TalvorStoreShared(&s.m_pSystemHead->m_nEndTimestamp, pHead->m_nTimestamp);
         ResetRingIfAsked(s);
         rc = AppendBytes(s, vRecord.data(), (long long)vRecord.size());
         if (rc != PEER_OK) break;
@@ -355,8 +355,9 @@ int RunRedoJob(const std::vector<std::string>& args)
     printf("redo: records=%lld bytes=%lld ms=%lld posts=%lld roomwaits=%lld resets=%lld lastts=%lld write=%d read=%d "
            "logno=%d logpos=%d exception=%d\n",
            nRecords, s.m_nBytes, nMs, s.m_nPosts, s.m_nRoomWaits, s.m_nResets, s.m_nTimestamp,
-           (int)s.Head()->m_nWritePos, (int)s.Head()->m_nReadPos, (int)s.Head()->m_nLogNo, (int)s.Head()->m_nLogPos,
-           (int)s.Head()->m_bReadException);
+           (int)TalvorLoadShared(&s.Head()->m_nWritePos), (int)TalvorLoadShared(&s.Head()->m_nReadPos),
+           (int)TalvorLoadShared(&s.Head()->m_nLogNo), (int)TalvorLoadShared(&s.Head()->m_nLogPos),
+           (int)TalvorLoadShared(&s.Head()->m_bReadException));
     if (s.m_pSystemImage != nullptr) CShareMemory::ShMemDetach(s.m_pSystemImage);
     CShareMemory::ShMemDetach(s.m_pRing);
     CloseEvent(s.m_hLogEvent);

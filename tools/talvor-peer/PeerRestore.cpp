@@ -101,7 +101,7 @@ int RunRestoreJob(const std::vector<std::string>& args)
     // Command 46 writes no result: a refused restore leaves the database
     // up at its own point, a done one brings it up at the point restored.
     long long nCommitted = -1;
-    bool bOpen = link.WithHead([&](LPSYSTEMFILEHEAD lpHead) { nCommitted = lpHead->m_nBeginTimestamp; });
+    bool bOpen = link.WithHead([&](LPSYSTEMFILEHEAD lpHead) { nCommitted = TalvorLoadShared(&lpHead->m_nBeginTimestamp); });
     bool bRestored = bDone && bOpen && nCommitted == nTs;
     ClusterState st = link.Look();
     printf("restore ts=%lld outcome=%s database=%s restored=%s committed=%lld %s\n", nTs, bDone ? "finished" : "timeout",

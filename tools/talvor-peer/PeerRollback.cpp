@@ -5,6 +5,8 @@
 // flag sees the rest; the head's positions move only after that.
 #include "PeerRollback.h"
 
+#include "LinuxCommonAPI.h"
+
 #include <cstring>
 
 namespace talvorpeer {
@@ -79,8 +81,8 @@ void CPeerRollbackArea::MarkMirrored() { Head()->m_nUnsafePos = Head()->m_nDataA
 
 void CPeerRollbackArea::NewGeneration(UINT nMark)
 {
-    Head()->m_nPrevTimestamp = Head()->m_nTimestamp;
-    Head()->m_nTimestamp = nMark;
+    Head()->m_nPrevTimestamp = TalvorLoadShared(&Head()->m_nTimestamp);
+    TalvorStoreShared(&Head()->m_nTimestamp, nMark);
 }
 
 void CPeerBlock::Format(UINT nBlockNo, BYTE bFileNo, int nMaxRows)
@@ -162,7 +164,7 @@ int CPeerBlock::AddRow(short sToken, long long nTimestamp, const BYTE* lpValue, 
     lpRow->m_nTimestamp = nTimestamp;
     lpHead->m_nInnerMaxNo = (UINT)(nRow + 2);
     lpHead->m_nDataInsertOffset = nSlotEnd;
-    if (lpHead->m_nTimestamp < nTimestamp) lpHead->m_nTimestamp = nTimestamp;
+    if (TalvorLoadShared(&lpHead->m_nTimestamp) < nTimestamp) TalvorStoreShared(&lpHead->m_nTimestamp, nTimestamp);
     return nRow;
 }
 
@@ -187,7 +189,7 @@ long long CPeerBlock::UpdateRow(CPeerRollbackArea& area, int nRow, long long nTi
     lpRow->m_nNextDataID = nID;
     lpRow->m_nTimestamp = nTimestamp;
     lpRow->m_bDataStatus = 0;
-    if (Head()->m_nTimestamp < nTimestamp) Head()->m_nTimestamp = nTimestamp;
+    if (TalvorLoadShared(&Head()->m_nTimestamp) < nTimestamp) TalvorStoreShared(&Head()->m_nTimestamp, nTimestamp);
     return nID;
 }
 
@@ -199,7 +201,7 @@ long long CPeerBlock::DeleteRow(CPeerRollbackArea& area, int nRow, long long nTi
     lpRow->m_nNextDataID = nID;
     lpRow->m_nTimestamp = nTimestamp;
     lpRow->m_bDataStatus = 2;
-    if (Head()->m_nTimestamp < nTimestamp) Head()->m_nTimestamp = nTimestamp;
+    if (TalvorLoadShared(&Head()->m_nTimestamp) < nTimestamp) TalvorStoreShared(&Head()->m_nTimestamp, nTimestamp);
     return nID;
 }
 

@@ -136,7 +136,7 @@ int WaitForDrain(TraceRingSession& s)
     long long nDeadline = NowMs() + s.m_nTimeoutMs;
     for (;;) {
         TalvorFlushCPU4Read();
-        if (s.Head()->m_nReadPos == s.Head()->m_nWritePos) return PEER_OK;
+        if (TalvorLoadShared(&s.Head()->m_nReadPos) == TalvorLoadShared(&s.Head()->m_nWritePos)) return PEER_OK;
         if (NowMs() > nDeadline) {
             fprintf(stderr, "talvor-peer: the daemon did not read the trace ring within %lld ms\n", s.m_nTimeoutMs);
             return PEER_TIMEOUT;
@@ -186,7 +186,7 @@ int RunTraceJob(const std::vector<std::string>& args)
     SetEvent(s.m_hEvent);
     if (rc == PEER_OK && !opts.Has("no-drain")) rc = WaitForDrain(s);
     printf("trace: wrote %lld bytes as process %d; write position %d, read position %d\n", s.m_nWritten, (int)nPid,
-           (int)s.Head()->m_nWritePos, (int)s.Head()->m_nReadPos);
+           (int)TalvorLoadShared(&s.Head()->m_nWritePos), (int)TalvorLoadShared(&s.Head()->m_nReadPos));
     CShareMemory::ShMemDetach(s.m_pRing);
     CloseEvent(s.m_hEvent);
     return rc;

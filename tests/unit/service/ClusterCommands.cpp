@@ -4,16 +4,23 @@
 // against the files on disk, its abort, and its refusal of a directory the
 // operator did not name; taking the database apart and a rebuild that fails.
 #include "FaultFileIO.h"
+#include "LogManager.h"
 #include "MemDBBackupDef.h"
 #include "PersistenceDb.h"
 #include "TalvorBackupFile.h"
+#include "TestClock.h"
 #include "TestFiles.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
 
 using namespace talvortest;
 
@@ -32,7 +39,8 @@ size_t Count(const std::string& strText, const std::string& strWhat)
 
 // A listener on 0.0.0.0 at a port of the kernel's choice: every address of
 // 127/8 reaches it, so one listener stands for many standby nodes; closed,
-// it leaves a port where nothing listens.
+// it leaves a port where nothing listens. Accept gives the next connection,
+// blocking with a receive time-out, or -1.
 class Listener {
 public:
     Listener()
@@ -52,6 +60,15 @@ public:
         if (m_sk >= 0) close(m_sk);
     }
     USHORT Port() const { return m_usPort; }
+    int Accept(int nTimeoutMs)
+    {
+        struct pollfd stPoll = {m_sk, POLLIN, 0};
+        if (poll(&stPoll, 1, nTimeoutMs) != 1) return -1;
+        int sk = accept4(m_sk, nullptr, nullptr, SOCK_CLOEXEC);
+        struct timeval tv = {5, 0};
+        if (sk >= 0) setsockopt(sk, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+        return sk;
+    }
 
 private:
     int m_sk = -1;
@@ -96,23 +113,14 @@ protected:
         m_lpCmd->m_usPort = usPort;
         return Run(bCommand, 0);
     }
-    int SlotsTaken()
-    {
-        int n = 0;
-        for (CTalvorStandby*& p : m_db.Module().m_arTalvorStandby) n += __atomic_load_n(&p, __ATOMIC_ACQUIRE) != nullptr;
-        return n;
-    }
+    // The slots are read under the module's latch: an object seen in a slot
+    // without it may be gone the next moment.
+    int SlotsTaken() { return m_db.Module().StandbySlotsTaken(); }
     bool WaitForNoStandby(int nTimeoutMs)
     {
-        for (int i = 0; i < nTimeoutMs / 10; i++) {
-            if (SlotsTaken() == 0 && TalvorLoadShared(&m_lpChannel->m_bStandbyThreads) == 0) return true;
-            for (CTalvorStandby*& p : m_db.Module().m_arTalvorStandby) {
-                CTalvorStandby* pStandby = __atomic_load_n(&p, __ATOMIC_ACQUIRE);
-                if (pStandby != nullptr) pStandby->Uninitialize();
-            }
-            usleep(10000);
-        }
-        return false;
+        m_db.Module().StopStandbys();
+        return WaitUntil([&] { return SlotsTaken() == 0 && TalvorLoadShared(&m_lpChannel->m_bStandbyThreads) == 0; },
+                         nTimeoutMs, 10);
     }
     PersistenceDb m_db;
     LPTALVORCOMMAND m_lpCmd = nullptr;
@@ -223,6 +231,77 @@ TEST_F(ClusterCommands, AStandbyTakesOneSlotPerAddressUntilItsThreadEnds)
     EXPECT_EQ(1, SlotsTaken());
     EXPECT_EQ(1, TalvorLoadShared(&m_lpChannel->m_bStandbyThreads));
     EXPECT_TRUE(WaitForNoStandby(5000));
+}
+
+// The storage thread resets a standby whose thread ends meanwhile (its
+// node says it leaves): the object it is resetting must outlive the reset,
+// and the add then gives the address a new standby. Under a sanitizer, an
+// object destroyed under the reset is a use after free.
+TEST_F(ClusterCommands, AStandbyWhoseThreadEndsDuringItsResetOutlivesTheReset)
+{
+    // A standby thread waits for a redo service before it connects; one that
+    // was never started is enough to talk to the node. Its threads end
+    // before it goes (and no trace is read meanwhile: that would take the
+    // log manager, and this object with it, away under them).
+    struct RedoStandIn {
+        explicit RedoStandIn(CBreltMemStorageModule& module) : m_module(module), m_pRedo(new CTalvorRedoLog())
+        {
+            CLogManager::instance().m_pTalvorRedoLog = m_pRedo;
+        }
+        ~RedoStandIn()
+        {
+            m_module.StopStandbys();
+            CLogManager::instance().m_pTalvorRedoLog = nullptr;
+            delete m_pRedo;
+        }
+        CBreltMemStorageModule& m_module;
+        CTalvorRedoLog* m_pRedo;
+    };
+    std::unique_ptr<RedoStandIn> pRedo(new RedoStandIn(m_db.Module()));
+    Listener listener;
+    ASSERT_NE(0, listener.Port());
+    ASSERT_EQ(S_OK, Standby(CLUSTERCMD_ADDSTANDBY, LOOPBACK, listener.Port()));
+    ASSERT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult));
+    // The node takes the connection, the hello and the position request,
+    // and keeps the thread waiting for the answer.
+    int skNode = listener.Accept(10000);
+    ASSERT_GE(skNode, 0);
+    MF_SERVICE_TCP_COMMAND stIn;
+    for (BYTE bType : {NODEMSG_HELLO, NODEMSG_POSITION}) {
+        ASSERT_EQ((ssize_t)sizeof(stIn), recv(skNode, &stIn, sizeof(stIn), MSG_WAITALL));
+        ASSERT_EQ(bType, stIn.m_bType);
+    }
+    // While the storage thread polls for the reset, the node leaves and the
+    // thread ends, well before the reset gives up.
+    std::atomic<bool> bResetting(false);
+    std::thread node([&] {
+        WaitUntil([&] { return bResetting.load(); }, 10000);
+        usleep(300000);
+        MF_SERVICE_TCP_COMMAND stLeave;
+        memset(&stLeave, 0, sizeof(stLeave));
+        stLeave.m_bVersion = NODEMSG_VERSION;
+        stLeave.m_bType = NODEMSG_FAILURE;
+        stLeave.m_lDigitalData = NODEMSG_LEAVING;
+        send(skNode, &stLeave, sizeof(stLeave), MSG_NOSIGNAL);
+    });
+    bResetting = true;
+    long long nStart = NowMs();
+    EXPECT_EQ(S_OK, Standby(CLUSTERCMD_ADDSTANDBY, LOOPBACK, listener.Port()));
+    long long nTook = NowMs() - nStart;
+    node.join();
+    close(skNode);
+    // The reset waited its whole time for a thread that had ended, told it,
+    // and the address got a new standby in the slot the old one left.
+    EXPECT_GE(nTook, 3000);
+    EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
+    EXPECT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult));
+    EXPECT_EQ(1, SlotsTaken());
+    EXPECT_EQ(1, TalvorLoadShared(&m_lpChannel->m_bStandbyThreads));
+    EXPECT_TRUE(WaitForNoStandby(10000));
+    pRedo.reset();
+    std::string strTrace = m_db.m_tree.Trace();
+    EXPECT_EQ(1u, Count(strTrace, "exit!")) << strTrace;
+    EXPECT_EQ(1u, Count(strTrace, "is not working!")) << strTrace;
 }
 
 TEST_F(ClusterCommands, WithEverySlotBusyAnAddReportsNoSlot)

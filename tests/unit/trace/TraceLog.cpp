@@ -4,6 +4,8 @@
 #include "TraceLogFixture.h"
 
 #include <atomic>
+#include <cctype>
+#include <cstring>
 #include <cstdio>
 #include <fcntl.h>
 #include <map>
@@ -257,37 +259,141 @@ TEST_F(TraceLog, TracingAfterTeardownMakesANewLogManager)
     EXPECT_TRUE(HasText(lines, 5, "after the end"));
 }
 
-// Teardown while other threads trace: no line may touch a freed manager.
+// The title of a daemon line, checked by hand: the same shape as
+// ParseLines's pattern, without a regex per line, so that thousands of lines
+// are checked in no time even under a thread sanitizer. The length of the
+// title, or 0 when the line does not start with one.
+size_t TitleLength(const std::string& strLine)
+{
+    static const char szStamp[] = "dddd-dd-dd dd:dd:dd.ddd ";
+    size_t n = 0;
+    for (; szStamp[n] != '\0'; n++) {
+        if (n >= strLine.size()) return 0;
+        if (szStamp[n] == 'd' ? !isdigit((unsigned char)strLine[n]) : strLine[n] != szStamp[n]) return 0;
+    }
+    auto Digits = [&](size_t& i) {
+        size_t nFrom = i;
+        while (i < strLine.size() && isdigit((unsigned char)strLine[i])) i++;
+        return i > nFrom;
+    };
+    auto Literal = [&](size_t& i, const char* lpText) {
+        size_t nLen = strlen(lpText);
+        if (strLine.compare(i, nLen, lpText) != 0) return false;
+        i += nLen;
+        return true;
+    };
+    if (!Digits(n) || !Literal(n, "\t")) return 0;                       // thread
+    if (n >= strLine.size() || (strLine[n] != ' ' && strLine[n] != '-')) return 0;
+    n++;
+    if (!Digits(n) || !Literal(n, "   ")) return 0;                       // level
+    while (n < strLine.size() && strLine[n] == ' ') n++;
+    if (n < strLine.size() && strLine[n] == '-') n++;
+    if (!Digits(n) || !Literal(n, " ")) return 0;                         // code
+    while (n < strLine.size() && !isspace((unsigned char)strLine[n])) n++;  // function
+    if (!Literal(n, " ")) return 0;
+    return n;
+}
+
+// Teardown while other threads trace: no line may touch a freed manager,
+// and every line is written whole once, or counted in a note of the lines
+// the queue dropped or could not write. Each thread traces a few numbered
+// lines in every generation of the manager, so the work stays bounded
+// however slowly the machine runs.
 TEST_F(TraceLog, TeardownWhileOthersTraceIsSafe)
 {
+    const int THREADS = 3;
+    const int CYCLES = 150;
+    const int LINES_PER_CYCLE = 12;
+    std::atomic<int> nCycle{0};
     std::atomic<bool> bStop{false};
     std::atomic<long long> nCalls{0};
     std::vector<std::thread> threads;
-    for (int t = 0; t < 3; t++) {
-        threads.emplace_back([&] {
+    for (int t = 0; t < THREADS; t++) {
+        threads.emplace_back([&, t] {
+            long long nSeq = 0;
+            int nSeen = -1;
             while (!bStop.load()) {
-                Trace("Busy", 3, 1, "line %lld", nCalls.load());
-                // Paced, so that each teardown has a small queue to drain.
-                if (++nCalls % 16 == 0) std::this_thread::sleep_for(std::chrono::microseconds(100));
+                int nNow = nCycle.load();
+                if (nNow == nSeen) {
+                    std::this_thread::sleep_for(std::chrono::microseconds(50));
+                    continue;
+                }
+                nSeen = nNow;
+                // Spread over the generation, so that some lines meet its
+                // teardown.
+                for (int i = 0; i < LINES_PER_CYCLE && !bStop.load(); i++) {
+                    Trace("Busy", 3, 1, "busy %d %lld", t, nSeq++);
+                    nCalls++;
+                    std::this_thread::sleep_for(std::chrono::microseconds(60));
+                }
             }
         });
     }
+    // Every generation leaves a file of its own, and the series keeps only
+    // the last 50: the files are read and removed as they are closed.
+    std::map<std::pair<int, long long>, int> mapSeen;
+    long long nAccounted = 0;
+    size_t nTorn = 0;
+    auto Harvest = [&] {
+        for (const std::string& strFile : Series("TalvorStorage")) {
+            std::string strBody = BodyOf(ReadWholeFile(strFile));
+            unlink(strFile.c_str());
+            for (size_t nPos = 0; nPos < strBody.size();) {
+                size_t nNext = strBody.find("\r\n", nPos + 2);
+                if (strBody.compare(nPos, 2, "\r\n") != 0) {
+                    if (++nTorn < 5) ADD_FAILURE() << "no line start at " << nPos << " of " << strFile;
+                    nPos = nNext == std::string::npos ? strBody.size() : nNext;
+                    continue;
+                }
+                std::string strLine =
+                    strBody.substr(nPos + 2, nNext == std::string::npos ? std::string::npos : nNext - nPos - 2);
+                nPos = nNext == std::string::npos ? strBody.size() : nNext;
+                size_t nTitle = TitleLength(strLine);
+                if (nTitle == 0) {
+                    if (++nTorn < 5) ADD_FAILURE() << "torn line: " << strLine;
+                    continue;
+                }
+                std::string strText = strLine.substr(nTitle);
+                int t = -1;
+                long long nSeq = -1;
+                char cAfter = 0;
+                unsigned nCount = 0;
+                if (sscanf(strText.c_str(), "busy %d %lld%c", &t, &nSeq, &cAfter) == 2) {
+                    mapSeen[{t, nSeq}]++;
+                } else if (sscanf(strText.c_str(), "The trace queue was full (%*d bytes): %u lines were dropped", &nCount) == 1 ||
+                           sscanf(strText.c_str(), "%u trace lines were lost", &nCount) == 1) {
+                    nAccounted += nCount;
+                } else if (strText.compare(0, 5, "busy ") == 0) {
+                    if (++nTorn < 5) ADD_FAILURE() << "torn text: " << strText;
+                }
+            }
+        }
+    };
     long long nStart = NowMs();
-    for (int i = 0; i < 150; i++) {
+    for (int i = 0; i < CYCLES; i++) {
         std::this_thread::sleep_for(std::chrono::microseconds(500));
         ExitLogSystem();
+        Harvest();
         ASSERT_NE(nullptr, CLogManager::GetInstancePtr());
         CLogManager::instance().Init();
+        nCycle++;
     }
     long long nTook = NowMs() - nStart;
     bStop = true;
     for (std::thread& th : threads) th.join();
+    ExitLogSystem();
+    Harvest();
     EXPECT_GT(nCalls.load(), 30);
+    EXPECT_LE(nCalls.load(), (long long)THREADS * LINES_PER_CYCLE * (CYCLES + 1));
     // Each teardown waits only for calls that could see the old manager,
     // never for the stream of calls that keeps coming.
     EXPECT_LT(nTook, 15000);
-    std::vector<TraceLine> lines = DaemonLines();
-    EXPECT_FALSE(lines.empty());
+    EXPECT_EQ(0u, nTorn);
+    for (const auto& seen : mapSeen) {
+        EXPECT_EQ(1, seen.second) << "line " << seen.first.first << " " << seen.first.second << " written more than once";
+        EXPECT_TRUE(seen.first.first >= 0 && seen.first.first < THREADS);
+    }
+    EXPECT_EQ(nCalls.load(), (long long)mapSeen.size() + nAccounted);
 }
 
 } // namespace
