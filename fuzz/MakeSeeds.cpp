@@ -20,6 +20,7 @@
 #include "LogManager.h"
 #include "MkdbTool.h"
 #include "PeerImage.h"
+#include "PeerNode.h"
 #include "PeerRollback.h"
 #include "TalvorRedoLog.h"
 
@@ -693,6 +694,55 @@ void BackupSeeds()
 
 } // namespace
 
+// ---- What another node sends back ----
+
+// A stream of replies as the stand-in's node listeners answer a request of
+// token 0x42: a position, a shipment taken after a keep-alive, a failure,
+// the leaving node, and for the join a foreign reply with bytes behind it
+// and one with a length no reply may have.
+void NodeSeeds()
+{
+    const BYTE TOKEN = 0x42;
+    const BYTE RECEIVER_STANDBY = 0, RECEIVER_JOIN = 1;
+    MF_SERVICE_TCP_COMMAND stAsk;
+    memset(&stAsk, 0, sizeof(stAsk));
+    stAsk.m_bToken = TOKEN;
+    auto reply = [&](BYTE bType, int nCode) { return talvorpeer::Reply(stAsk, bType, nCode); };
+    auto seed = [&](const std::string& strName, BYTE bReceiver, const std::string& strStream) {
+        WriteSeed("NodeReplyStream", strName, std::string(1, (char)bReceiver) + std::string(1, (char)TOKEN) + strStream);
+    };
+    MF_SERVICE_TCP_COMMAND stPosition = reply(NODEMSG_SUCCESS, 0);
+    MF_STANDBY_TCP_COMMAND stAt;
+    memset(&stAt, 0, sizeof(stAt));
+    stAt.m_nTimestamp = 5000;
+    stAt.m_nLogNo = 3;
+    stAt.m_nReadPos = REDOLOGFILE_HEAD_SIZE;
+    memcpy(stPosition.m_lpszParam, &stAt, sizeof(stAt));
+    MF_SERVICE_TCP_COMMAND stKeep = reply(NODEMSG_KEEPALIVE, 0);
+    MF_SERVICE_TCP_COMMAND stDone = reply(NODEMSG_SUCCESS, 0);
+    MF_SERVICE_TCP_COMMAND stFailed = reply(NODEMSG_FAILURE, 5);
+    MF_SERVICE_TCP_COMMAND stLeaving = reply(NODEMSG_FAILURE, NODEMSG_LEAVING);
+    stLeaving.m_bToken = TOKEN + 7;
+    MF_SERVICE_TCP_COMMAND stOld = reply(NODEMSG_SUCCESS, 0);
+    stOld.m_bToken = TOKEN - 1;
+    std::string strShipping = Bytes(&stPosition, sizeof(stPosition)) + Bytes(&stOld, sizeof(stOld)) +
+                              Bytes(&stKeep, sizeof(stKeep)) + Bytes(&stDone, sizeof(stDone)) +
+                              Bytes(&stFailed, sizeof(stFailed)) + Bytes(&stLeaving, sizeof(stLeaving));
+    seed("standby-shipping", RECEIVER_STANDBY, strShipping);
+    seed("standby-torn", RECEIVER_STANDBY, strShipping.substr(0, sizeof(stPosition) + 40));
+    std::string strJunk(300, (char)0x5A);
+    MF_SERVICE_TCP_COMMAND stForeign = reply(NODEMSG_SUCCESS, 0);
+    stForeign.m_bToken = TOKEN + 1;
+    stForeign.m_lDataLength = (UINT)strJunk.size();
+    MF_SERVICE_TCP_COMMAND stHuge = reply(NODEMSG_SUCCESS, 0);
+    stHuge.m_lDataLength = 0x40000000;
+    std::string strJoin = Bytes(&stForeign, sizeof(stForeign)) + strJunk + Bytes(&stDone, sizeof(stDone)) +
+                          Bytes(&stDone, sizeof(stDone)) + Bytes(&stFailed, sizeof(stFailed)) +
+                          Bytes(&stHuge, sizeof(stHuge)) + strJunk;
+    seed("join-copy", RECEIVER_JOIN, strJoin);
+    seed("join-standby-shipping", RECEIVER_JOIN, strShipping);
+}
+
 int main(int argc, char** argv)
 {
     if (argc != 3) {
@@ -715,5 +765,6 @@ int main(int argc, char** argv)
     CacheFlushSeeds();
     CacheLoadSeeds();
     BackupSeeds();
+    NodeSeeds();
     return 0;
 }

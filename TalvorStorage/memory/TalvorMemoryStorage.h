@@ -71,6 +71,10 @@ public:
     BOOL TookOverSegment() const { return m_bTookOver; }
     // Release then detaches the segment and leaves it for the next start.
     void KeepSegmentOnRelease() { m_bKeepSegment = TRUE; }
+    // The file on disk was written by something other than this object (its
+    // bytes laid back from outside): nothing the save pass knows of its map
+    // blocks there holds any more. Storage thread, no latch.
+    void FileWrittenOutside() { m_stMapOnDisk.Forget(); }
 
     LPFILEINFO m_pFileInfo;
     CTalvorFlashback* m_pFlashback;

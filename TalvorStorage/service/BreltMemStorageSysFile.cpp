@@ -15,6 +15,7 @@
 #include "TalvorRestoreMark.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -177,8 +178,11 @@ void CBreltMemStorageModule::SetLoadProgressTotal(LPTALVORPROGRESS lpTalvorProgr
 {
     if (lpTalvorProgress == nullptr || m_pMemoryFileHead == nullptr) return;
     long long nSystemSize = m_pMemoryFileHead->m_nFileTotalSize;
+    // The sizes are the list's, not yet held to any file: a sum past the
+    // largest integer is past the cap as well.
     long long nTotal = nSystemSize;
-    for (stu_FILEINFO* p = m_pStorageInfo; p != nullptr; p = p->m_pNext) nTotal += p->m_liFileSize;
+    for (stu_FILEINFO* p = m_pStorageInfo; p != nullptr && nTotal != LLONG_MAX; p = p->m_pNext)
+        if (__builtin_add_overflow(nTotal, p->m_liFileSize, &nTotal)) nTotal = LLONG_MAX;
     nTotal /= DB_MIB;
     memset(lpTalvorProgress->m_lpTitle, 0, sizeof(lpTalvorProgress->m_lpTitle));
     strcpy(lpTalvorProgress->m_lpTitle, "Loading...");

@@ -7,12 +7,10 @@
 // Input: byte 0 the storage command, then the command record, then pieces
 // (u32 offset, u16 length, bytes) laid on the system image at offset modulo
 // the used part of the image.
-#include "FuzzDatabase.h"
-#include "FuzzModule.h"
+#include "FuzzKeptModule.h"
 
 #include <cstdint>
 #include <cstring>
-#include <memory>
 #include <vector>
 
 namespace {
@@ -46,19 +44,17 @@ void Serve(CBreltMemStorageModule& m, LPTALVORCRITICALSECTION lpCrit, BYTE bStor
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* lpData, size_t nSize)
 {
+    static talvorfuzz::CKeptModule s_module;
     if (!talvorfuzz::ModuleIni()) abort();
     const talvorfuzz::MadeFiles& db = talvorfuzz::MadeDatabase();
     if (!db.m_bOk) abort();
-    if (nSize < 1 + sizeof(TALVORCOMMAND) || !talvorfuzz::WriteMadeDatabase(db)) return 0;
-    std::unique_ptr<CBreltMemStorageModule> pModule(new CBreltMemStorageModule());
-    CBreltMemStorageModule& m = *pModule;
-    TALVORCRITICALSECTION stCrit;
-    talvorfuzz::BringUpMadeModule(m, stCrit);
+    if (nSize < 1 + sizeof(TALVORCOMMAND)) return 0;
+    CBreltMemStorageModule& m = s_module.Ready(db);
     LPTALVORCOMMAND lpCmd = m.m_pFlashback->GetClusterCommand();
     if (lpCmd != nullptr) memcpy((void*)lpCmd, lpData + 1, sizeof(TALVORCOMMAND));
     LayPieces(m.m_lpSystemFileInfo->m_pFileAddr, db.m_nSystemUsed, lpData + 1 + sizeof(TALVORCOMMAND),
               nSize - 1 - sizeof(TALVORCOMMAND));
-    Serve(m, &stCrit, lpData[0]);
-    talvorfuzz::ReleaseMadeModule(m);
+    Serve(m, s_module.Crit(), lpData[0]);
+    s_module.After();
     return 0;
 }

@@ -15,14 +15,12 @@
 // only after the daemon waited a turn, bit 4 the stand-in first writes a
 // row into each of ROW_BLOCKS new blocks of the data file (as the seed
 // "data-rows" was made).
-#include "FuzzDatabase.h"
-#include "FuzzModule.h"
+#include "FuzzKeptModule.h"
 #include "PeerImage.h"
 
 #include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <memory>
 #include <thread>
 #include <vector>
 
@@ -156,17 +154,15 @@ void Pass(CBreltMemStorageModule& m, TALVORCRITICALSECTION& stCrit, const Answer
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* lpData, size_t nSize)
 {
+    static talvorfuzz::CKeptModule s_module;
     if (!talvorfuzz::ModuleIni()) abort();
     const talvorfuzz::MadeFiles& db = talvorfuzz::MadeDatabase();
     if (!db.m_bOk) abort();
-    if (nSize < ANSWER_HEAD || !talvorfuzz::WriteMadeDatabase(db)) return 0;
+    if (nSize < ANSWER_HEAD) return 0;
     Answer a{lpData[0], lpData[1], Le<int32_t>(lpData + 2), Le<int32_t>(lpData + 6), Le<int32_t>(lpData + 10),
              lpData + ANSWER_HEAD, nSize - ANSWER_HEAD};
-    std::unique_ptr<CBreltMemStorageModule> pModule(new CBreltMemStorageModule());
-    CBreltMemStorageModule& m = *pModule;
-    TALVORCRITICALSECTION stCrit;
-    talvorfuzz::BringUpMadeModule(m, stCrit);
-    Pass(m, stCrit, a);
-    talvorfuzz::ReleaseMadeModule(m);
+    CBreltMemStorageModule& m = s_module.Ready(db);
+    Pass(m, *s_module.Crit(), a);
+    s_module.After();
     return 0;
 }

@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -304,4 +306,27 @@ TEST_F(SystemFileList, MovedRowsAreRewrittenAndTheBlockReachesTheDisk)
     EXPECT_EQ(0, memcmp(strDisk.data() + m_nFirstBlock, lpLive, (size_t)lpLive->m_nBlockSize));
     // Outside the block nothing changed on disk.
     EXPECT_EQ(0, memcmp(strDisk.data(), strSystem.data(), (size_t)m_nFirstBlock));
+}
+
+TEST_F(SystemFileList, ListedSizesPastAnyFileStillGiveTheCappedLoadTotal)
+{
+    // The start shows the load's total before any file is checked against
+    // its row: sizes that no file has must give the capped total, not a sum
+    // that ran past the largest integer (a negative total, or a trap).
+    std::string strSystem = MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE},
+                                          {2, FILETYPE_DATA, 2 * MIB},
+                                          {3, FILETYPE_DATA, 2 * MIB}},
+                                         DB_SYSTEMFILE_LISTBLOCK_SIZE);
+    LPSYSTEMBLOCKHEAD lpBlock = BlockOf(strSystem, 0);
+    LPFILE_MEMDBFILEINFO lpRows = (LPFILE_MEMDBFILEINFO)((LPBYTE)lpBlock + lpBlock->m_nBlockHeadSize);
+    const long long arSizes[] = {LLONG_MAX - MIB, LLONG_MAX / 2 + MIB};
+    memcpy((void*)&lpRows[1].m_nFileSize, &arSizes[0], sizeof(arSizes[0]));
+    memcpy((void*)&lpRows[2].m_nFileSize, &arSizes[1], sizeof(arSizes[1]));
+    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
+    m_pModule.reset(new CBreltMemStorageModule());
+    InitThreadCritSection(&m_stCrit);
+    ASSERT_EQ(S_OK, m_pModule->InitSysEnvironment(&m_stCrit, TRUE, FALSE));
+    LPTALVORPROGRESS lpProgress = m_pModule->m_pFlashback->GetProgress();
+    EXPECT_EQ(DB_SYSTEMFILE_SIZE / MIB, Val(lpProgress->m_nPos));
+    EXPECT_EQ(0x40000000, Val(lpProgress->m_nTotal));
 }
