@@ -537,6 +537,8 @@ void GetSystemTimeAsFileTime(FILETIME* pFileTime)
 
 long long FileTimeToInt64(const FILETIME& ft) { return (long long)(((unsigned long long)ft.dwHighDateTime << 32) | ft.dwLowDateTime); }
 
+long long TalvorMonotonicMs() { return NowMs(); }
+
 BOOL QueryPerformanceCounter(LARGE_INTEGER* lpCounter)
 {
     struct timeval tv;

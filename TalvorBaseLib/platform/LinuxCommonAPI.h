@@ -139,6 +139,9 @@ void Sleep(int nMilliseconds);
 void GetSystemTimeAsFileTime(FILETIME* pFileTime);
 long long FileTimeToInt64(const FILETIME& ft);
 BOOL QueryPerformanceCounter(LARGE_INTEGER* lpCounter);
+// Result: milliseconds of the monotonic clock, for deadlines that neither a
+// step of the wall clock nor a pause cut short can move. Any thread.
+long long TalvorMonotonicMs();
 void GetLocalTime(LPSYSTEMTIME lpSystemTime);
 
 // --- Files and paths. What touches a file goes through CTalvorFileIO.

@@ -30,7 +30,7 @@ const int IDLE_QUIET_LOOPS = 1000;
 // The longest quiet wait: a stop and a crashed thread wake it at once.
 const UINT IDLE_WAKE_WAIT_MS = 1000;
 // How long the stop waits for standby threads to let go of their slots.
-const int STANDBY_SLOT_WAITS = 30000;
+const long long STANDBY_SLOT_WAIT_MS = 30000;
 // How long the stop waits for the storage thread to finish what it runs. A
 // file command or a pass over a large database may take minutes; past this
 // the thread is taken to be stuck.
@@ -355,8 +355,11 @@ void CBreltMemStorageModule::ReleaseFileList()
 
 void CBreltMemStorageModule::WaitForStandbySlots()
 {
-    for (int i = 0; i < STANDBY_SLOT_WAITS; i++) {
-        if (StandbySlotsTaken() == 0 && TalvorLoadShared(&m_nStandbysLeaving) == 0) break;
+    // By the clock, not by a count of pauses: a pause may return early, and
+    // a standby still inside its connect must not outlive the module.
+    const long long nDeadline = TalvorMonotonicMs() + STANDBY_SLOT_WAIT_MS;
+    while (StandbySlotsTaken() != 0 || TalvorLoadShared(&m_nStandbysLeaving) != 0) {
+        if (TalvorMonotonicMs() >= nDeadline) break;
         usleep(1000);
     }
     usleep(1000);
