@@ -117,6 +117,16 @@ pid_t DaemonSandbox::Spawn(const std::vector<std::string>& args, const std::stri
     return pid;
 }
 
+void DaemonSandbox::Reaped(pid_t pid)
+{
+    m_vSpawned.erase(std::remove(m_vSpawned.begin(), m_vSpawned.end(), pid), m_vSpawned.end());
+}
+
+bool DaemonSandbox::Owns(pid_t pid) const
+{
+    return pid > 0 && std::find(m_vSpawned.begin(), m_vSpawned.end(), pid) != m_vSpawned.end();
+}
+
 int DaemonSandbox::Run(const std::vector<std::string>& args, int nTimeoutMs, std::string* pOutput)
 {
     static int s_nRun = 0;
@@ -127,6 +137,7 @@ int DaemonSandbox::Run(const std::vector<std::string>& args, int nTimeoutMs, std
     if (nStatus == -1) {
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
+        Reaped(pid);
     }
     if (pOutput != nullptr) *pOutput = ReadWholeFile(m_tree.Root() + "/" + strName + ".out");
     return nStatus;
@@ -167,7 +178,7 @@ int DaemonSandbox::WaitExit(pid_t pid, int nTimeoutMs)
                 nResult = -2;
                 return true;
             }
-            m_vSpawned.erase(std::remove(m_vSpawned.begin(), m_vSpawned.end(), pid), m_vSpawned.end());
+            Reaped(pid);
             nResult = WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : 128 + WTERMSIG(nStatus);
             return true;
         },
@@ -178,10 +189,15 @@ int DaemonSandbox::WaitExit(pid_t pid, int nTimeoutMs)
 bool DaemonSandbox::IsRunning(pid_t pid)
 {
     int nStatus = 0;
-    return waitpid(pid, &nStatus, WNOHANG) == 0;
+    pid_t r = waitpid(pid, &nStatus, WNOHANG);
+    if (r == pid) Reaped(pid);
+    return r == 0;
 }
 
-void DaemonSandbox::Signal(pid_t pid, int nSignal) { kill(pid, nSignal); }
+void DaemonSandbox::Signal(pid_t pid, int nSignal)
+{
+    if (Owns(pid)) kill(pid, nSignal);
+}
 
 std::string DaemonSandbox::ReadDaemonTrace() const
 {

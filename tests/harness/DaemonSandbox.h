@@ -66,7 +66,11 @@ public:
     bool WaitForTrace(const std::string& strText, int nTimeoutMs);
     // Waits for a spawned process to end; its exit status, or -1 on time-out.
     int WaitExit(pid_t pid, int nTimeoutMs);
+    // True while the process runs; an ended one is reaped here.
     bool IsRunning(pid_t pid);
+    // Sends nSignal to a process this sandbox spawned and has not reaped.
+    // A reaped pid may already name someone else's process (pids wrap on a
+    // busy machine): it is never signalled.
     void Signal(pid_t pid, int nSignal);
 
     // All TalvorStorage trace files of the database, joined in name order.
@@ -75,7 +79,10 @@ public:
 private:
     TempTree m_tree;
     pid_t m_nHolderPid = -1;
+    // Spawned and not yet reaped: only these may be signalled.
     std::vector<pid_t> m_vSpawned;
+    void Reaped(pid_t pid);
+    bool Owns(pid_t pid) const;
 };
 
 } // namespace talvortest
