@@ -23,6 +23,8 @@ namespace {
 const std::vector<std::string> JOIN_DB = {"--data-file", "16", "--btree-file", "4", "--kv-file", "16"};
 const int GROWN_BLOCKS = 80;
 const int NODE_WAIT_MS = 90000;
+// A trace line is written by the trace thread, a moment after its event.
+const int TRACE_LINE_WAIT_MS = 10000;
 
 // The system file's bytes with the paths that name its directory (the
 // head's database path and every row's file path) blanked: the joining node
@@ -171,9 +173,10 @@ TEST_F(NodeJoin, ASlaveJoinCopiesEveryFileByteForByteAndASecondDaemonComesUpOnIt
     EXPECT_EQ(0, st.m_nFinal);
     EXPECT_EQ(0, st.m_nCmdForbid);
     EXPECT_EQ(0, st.m_nHeadForbid);
-    std::string strTrace = m_box.ReadDaemonTrace();
-    EXPECT_NE(std::string::npos, strTrace.find("90001030")) << strTrace;
-    EXPECT_EQ(std::string::npos, strTrace.find("10012002")) << strTrace;
+    // The trace is written by its own thread: the line may follow the
+    // command's end.
+    EXPECT_TRUE(m_box.WaitForTrace("90001030", TRACE_LINE_WAIT_MS)) << m_box.ReadDaemonTrace();
+    EXPECT_EQ(std::string::npos, m_box.ReadDaemonTrace().find("10012002")) << m_box.ReadDaemonTrace();
     // The engine saw the copy move and end at its total.
     long long nTotal = FieldOf(st.m_strText, "progress_total");
     EXPECT_GE(nTotal, 100);
@@ -311,8 +314,8 @@ TEST_F(NodeJoin, MisbehavingReceiversEndTheJoinWithATraceAndTheDaemonServes)
         EXPECT_LT(NowMs() - nStart, 80000);
         EXPECT_EQ(0, st.m_nFinal);
         EXPECT_EQ(0, st.m_nCmdForbid);
-        std::string strTrace = m_box.ReadDaemonTrace();
-        for (const char* lpCode : c.m_vCodes) EXPECT_NE(std::string::npos, strTrace.find(lpCode)) << lpCode << strTrace;
+        for (const char* lpCode : c.m_vCodes)
+            EXPECT_TRUE(m_box.WaitForTrace(lpCode, TRACE_LINE_WAIT_MS)) << lpCode << m_box.ReadDaemonTrace();
         std::string strNode = StopNode();
         EXPECT_EQ(c.m_bJoined, strNode.find("joined slave: files 4 ") != std::string::npos) << strNode;
         if (c.m_nMisbehaved >= 0) {
@@ -324,6 +327,7 @@ TEST_F(NodeJoin, MisbehavingReceiversEndTheJoinWithATraceAndTheDaemonServes)
         }
         ExpectServing(true);
     }
+    WaitUntil([&] { return CountOf(m_box.ReadDaemonTrace(), "90001030") >= nJoined; }, TRACE_LINE_WAIT_MS, 20);
     EXPECT_EQ(nJoined, CountOf(m_box.ReadDaemonTrace(), "90001030"));
 }
 
