@@ -510,6 +510,21 @@ int CBreltMemStorageModule::MoveFileData(LPTALVORCRITICALSECTION lpCritSection, 
     return nResult;
 }
 
+namespace {
+
+// A move that did not happen gives the row back the path of the file that
+// holds the data. The row lives in the system file's image, which every
+// pass writes: left naming the requested path, a half copy there (one that
+// was in the way, or one a kill left) would be the file the next start
+// loads, whether or not an engine ever reads the result.
+BYTE MoveNotDone(LPFILE_MEMDBFILEINFO lpRow, const stu_FILEINFO* p, BYTE bResult)
+{
+    snprintf(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath), "%s", p->m_lpszFilePath);
+    return bResult;
+}
+
+} // namespace
+
 BYTE CBreltMemStorageModule::FileCmdMove(LPTALVORCRITICALSECTION lpCritSection, LPSYSTEMBLOCKHEAD lpBlock,
                                          LPFILE_MEMDBFILEINFO lpRow)
 {
@@ -543,7 +558,7 @@ BYTE CBreltMemStorageModule::FileCmdMove(LPTALVORCRITICALSECTION lpCritSection, 
               TALVOR_TEXT("系统收到修改物理文件路径的命令,但写入新文件失败,文件路径:%s,内存文件名:%s",
                           "The system received command to modify the physical file path but failed to write to the new file, file path: %s, memory file name: %s"),
               row.m_szPath, row.m_szName);
-        return FILECMD_MOVE_FAILED;
+        return MoveNotDone(lpRow, p, FILECMD_MOVE_FAILED);
     }
     char szOldPath[sizeof(p->m_lpszFilePath)];
     memcpy(szOldPath, p->m_lpszFilePath, sizeof(szOldPath));
@@ -575,7 +590,7 @@ BYTE CBreltMemStorageModule::FileCmdMove(LPTALVORCRITICALSECTION lpCritSection, 
     // goes back there, or later passes would leave it behind.
     if (nResult != 0 && bCopied && TakeMoveBack(lpCritSection, p, szOldPath) != 0) {
         if (bCache) TalvorStoreShared(&m_pTalvorCacheStorage->m_bPauseFileNo, 0);
-        return FILECMD_MOVE_FAILED;
+        return MoveNotDone(lpRow, p, FILECMD_MOVE_FAILED);
     }
     if (bCache) TalvorStoreShared(&m_pTalvorCacheStorage->m_bPauseFileNo, 0);
     if (nResult != 0) {
@@ -586,7 +601,7 @@ BYTE CBreltMemStorageModule::FileCmdMove(LPTALVORCRITICALSECTION lpCritSection, 
         // A copy the list on disk may name stays where it is.
         if (!bExisted && !bListUnknown && CTalvorFileIO::Current()->Unlink(row.m_szPath) == 0)
             TalvorSyncParentDirectory(row.m_szPath);
-        return FILECMD_MOVE_FAILED;
+        return MoveNotDone(lpRow, p, FILECMD_MOVE_FAILED);
     }
     if (CTalvorFileIO::Current()->Unlink(szOldPath) != 0 || TalvorSyncParentDirectory(szOldPath) != 0) {
         Trace("MemFileCMD", 1, 10060029,

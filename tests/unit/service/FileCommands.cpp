@@ -351,6 +351,9 @@ TEST_F(FileCommands, AFailedMoveRemovesTheHalfCopy)
     EXPECT_FALSE(PathExists(strNew));
     EXPECT_TRUE(PathExists(m_db.PathOf(2)));
     EXPECT_STREQ(m_db.PathOf(2).c_str(), m_db.File(2)->m_lpszFilePath);
+    // The row names the file that holds the data again: a pass writes the
+    // list as the image has it, and the next start loads what it names.
+    EXPECT_STREQ(m_db.PathOf(2).c_str(), lpRow->m_lpszFilePath);
     // The engine takes the request back; the file keeps taking passes.
     snprintf(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath), "%s", m_db.PathOf(2).c_str());
     lpRow->m_bFileCMD = 0;
