@@ -231,7 +231,11 @@ int CTalvorFileStorage::LoadBlock(LPTALVORCRITICALSECTION lpCritSection, BYTE bF
               (int)m_pFileInfo->m_bFileNo, (int)bFileNo);
         return 1;
     }
-    int nRet = nBlockSize >= (int)sizeof(BASEBLOCKHEAD) ? ReadBlock(lpCritSection, llFileBlockOffset, lpBuf, nBlockSize) : 1;
+    // The place and size come from a load slot the engine filled: a block
+    // that does not lie whole inside the file is refused, never read.
+    const BOOL bInside = llFileBlockOffset >= 0 && nBlockSize >= (int)sizeof(BASEBLOCKHEAD) &&
+                         nBlockSize <= m_pFileInfo->m_liFileSize - llFileBlockOffset;
+    int nRet = bInside ? ReadBlock(lpCritSection, llFileBlockOffset, lpBuf, nBlockSize) : 1;
     LPBASEBLOCKHEAD lpBlock = (LPBASEBLOCKHEAD)lpBuf;
     int nDataFlag = nRet == 0 ? (int)lpBlock->m_nDataFlag : 0;
     UINT nReadNo = nRet == 0 ? (UINT)lpBlock->m_nBlockNo : 0;
