@@ -68,13 +68,6 @@ int SemWaitMs(sem_t* sem, UINT nTime)
     return WAIT_FAILED;
 }
 
-long long NowMs()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
-}
-
 } // namespace
 
 int ThreadRegistryState(pthread_t thThread);
@@ -293,17 +286,17 @@ int WaitForSingleObject(const pthread_t& thThread, UINT nTime)
         if (nTime != 0) usleep(1000);
         return WAIT_FAILED;
     }
-    long long start = NowMs();
+    long long start = TalvorMonotonicMs();
     for (;;) {
         if (!IsThreadAlive(thThread)) return WAIT_OBJECT_0;
-        if (NowMs() - start > (long long)nTime) return WAIT_TIMEOUT;
+        if (TalvorMonotonicMs() - start > (long long)nTime) return WAIT_TIMEOUT;
         usleep(1000);
     }
 }
 
 int WaitForMultipleObjects(int nCount, HTHREADTYPE* pThreadHandle, BOOL, UINT dwMilliseconds)
 {
-    long long start = NowMs();
+    long long start = TalvorMonotonicMs();
     for (;;) {
         bool bAllGone = true;
         for (int i = 0; i < nCount; i++) {
@@ -313,7 +306,7 @@ int WaitForMultipleObjects(int nCount, HTHREADTYPE* pThreadHandle, BOOL, UINT dw
                 continue;
             }
             bAllGone = false;
-            if (NowMs() - start > (long long)dwMilliseconds) return WAIT_TIMEOUT;
+            if (TalvorMonotonicMs() - start > (long long)dwMilliseconds) return WAIT_TIMEOUT;
         }
         if (bAllGone) return WAIT_OBJECT_0;
         usleep(1000);
@@ -537,7 +530,14 @@ void GetSystemTimeAsFileTime(FILETIME* pFileTime)
 
 long long FileTimeToInt64(const FILETIME& ft) { return (long long)(((unsigned long long)ft.dwHighDateTime << 32) | ft.dwLowDateTime); }
 
-long long TalvorMonotonicMs() { return NowMs(); }
+long long TalvorMonotonicNs()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec * 1000000000LL + ts.tv_nsec;
+}
+
+long long TalvorMonotonicMs() { return TalvorMonotonicNs() / 1000000; }
 
 BOOL QueryPerformanceCounter(LARGE_INTEGER* lpCounter)
 {

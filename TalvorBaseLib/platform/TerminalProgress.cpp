@@ -1,6 +1,8 @@
 // TerminalProgress.cpp — the rewriting progress line.
 #include "TerminalProgress.h"
 
+#include "LinuxCommonAPI.h"
+
 #include <cstring>
 #include <ctime>
 #include <unistd.h>
@@ -8,13 +10,6 @@
 namespace {
 
 const long long REDRAW_EVERY_MS = 100;
-
-long long NowMs()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (long long)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
-}
 
 } // namespace
 
@@ -30,7 +25,7 @@ void CTalvorTerminalProgress::Show(const char* lpTitle, long long nPos, long lon
 {
     if (m_pOut == nullptr) return;
     if (lpTitle == nullptr) lpTitle = "";
-    long long nNow = NowMs();
+    long long nNow = TalvorMonotonicMs();
     bool bNewTitle = strncmp(lpTitle, m_szTitle, sizeof(m_szTitle) - 1) != 0;
     if (!bNewTitle && nPos < nTotal && m_bDrawn && nNow - m_nLastMs < REDRAW_EVERY_MS) return;
     strncpy(m_szTitle, lpTitle, sizeof(m_szTitle) - 1);

@@ -29,13 +29,6 @@ const int FAST_RETRIES = 100;       // a failing pass is first retried every 1 m
 const int SLOW_RETRY_US = 100000;   // ... then every 100 ms
 const UINT REDO_HEAD_READ_TRIES = 5; // reads of a group head before the group is set aside
 
-long long ArchiveNowMs()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
-}
-
 void CloseArchiveHandle(void*& hFile)
 {
     if (hFile == nullptr) return;
@@ -219,8 +212,8 @@ void CTalvorRedoLog::SetAsideForThisRun(int nGroup)
 // The stop gives the archiver a bounded time for the sealed groups.
 BOOL CTalvorRedoLog::StopLimitPassed()
 {
-    if (m_nArchiveExitSinceMs == 0) m_nArchiveExitSinceMs = ArchiveNowMs();
-    return ArchiveNowMs() - m_nArchiveExitSinceMs > m_nArchiveStopLimitMs;
+    if (m_nArchiveExitSinceMs == 0) m_nArchiveExitSinceMs = TalvorMonotonicMs();
+    return TalvorMonotonicMs() - m_nArchiveExitSinceMs > m_nArchiveStopLimitMs;
 }
 
 BOOL CTalvorRedoLog::SetAside(int nGroup) const

@@ -51,13 +51,6 @@ inline void ClearFlushFlag(LPFILE_TRACEMEMFILEHEAD pHead, BYTE bServed)
     __sync_bool_compare_and_swap(&pHead->m_bFlushFlag, bServed, (BYTE)REDOFLUSH_NONE);
 }
 
-long long NowMs()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
-}
-
 } // namespace
 
 BOOL CTalvorRedoLog::CheckRingHead(LPFILE_TRACEMEMFILEHEAD pHead)
@@ -282,7 +275,7 @@ void CTalvorRedoLog::ContinueCutRecord(REDOWRITERSTATE& st, REDOSTRETCH& sr, LPF
 // then; only past the limit does it give up, saying what it leaves.
 BOOL CTalvorRedoLog::StopMayWait(REDOWRITERSTATE& st)
 {
-    const long long nNow = NowMs();
+    const long long nNow = TalvorMonotonicMs();
     if (st.m_nStopSinceMs == 0) st.m_nStopSinceMs = nNow;
     LPFILE_TRACEMEMFILEHEAD pHead = RingHead();
     int nLeft = pHead->m_nWritePos - pHead->m_nReadPos;
@@ -644,8 +637,8 @@ BOOL CTalvorRedoLog::WritePass(REDOWRITERSTATE& st, LPTALVORCRITICALSECTION lpCr
         // within a bound of passes.
         TalvorFlushCPU4Read();
         if (pHead->m_nReadPos != pHead->m_nWritePos) {
-            if (st.m_nStopSinceMs == 0) st.m_nStopSinceMs = NowMs();
-            if (NowMs() - st.m_nStopSinceMs <= m_nStopDrainLimitMs) return FALSE;
+            if (st.m_nStopSinceMs == 0) st.m_nStopSinceMs = TalvorMonotonicMs();
+            if (TalvorMonotonicMs() - st.m_nStopSinceMs <= m_nStopDrainLimitMs) return FALSE;
             Trace("WriteLog", 1, 30003036,
                   TALVOR_TEXT("停止时Redo环在%lld秒内未能写空，剩余字节将丢失！",
                               "The redo ring was not drained within %lld s of the stop: what is left is lost!"),

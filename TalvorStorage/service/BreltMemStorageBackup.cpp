@@ -34,13 +34,6 @@ namespace {
 const int BACKUP_WORK_BUFFER_SIZE = 0x800000;
 const int BACKUP_SECTOR = 512;
 
-long long BackupNowMicros()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (long long)ts.tv_sec * 1000000LL + ts.tv_nsec / 1000;
-}
-
 long long RoundUpSector(long long n) { return (n + BACKUP_SECTOR - 1) / BACKUP_SECTOR * BACKUP_SECTOR; }
 
 int WriterFd(void* hFile) { return hFile != nullptr ? ((CTalvorDirectFile*)hFile)->Fd() : -1; }
@@ -190,7 +183,7 @@ BOOL CBreltMemStorageModule::BackupFull(LPTALVORCRITICALSECTION lpCritSection, L
 {
     void* hFile = OpenBackupFullFile(lpArchiveDesPath, nPathSize, nTimestamp, FALSE);
     if (hFile == nullptr) return FALSE;
-    const long long nStartUs = BackupNowMicros();
+    const long long nStartUs = (TalvorMonotonicNs() / 1000);
     Trace("BackupFull", 3, 10014000, TALVOR_TEXT("开始全量备份,时间戳:%lld", "Full backup started, timestamp: %lld"), nTimestamp);
     LPBYTE lpBuffer = (LPBYTE)CTalvorCacheStorage::get_aligned_buffer(BACKUP_WORK_BUFFER_SIZE);
     if (lpTalvorProgress != nullptr) lpTalvorProgress->m_nStatus = PROGRESS_RUNNING;
@@ -209,7 +202,7 @@ BOOL CBreltMemStorageModule::BackupFull(LPTALVORCRITICALSECTION lpCritSection, L
         if (m_pFlashback != nullptr) m_pFlashback->SetBackupTimestamp(nTimestamp);
         Trace("BackupFull", 3, 10014090,
               TALVOR_TEXT("全量备份完成,时间戳:%lld,用时:%lld毫秒", "Full backup finished, timestamp: %lld, %lld ms"), nTimestamp,
-              (BackupNowMicros() - nStartUs) / 1000);
+              ((TalvorMonotonicNs() / 1000) - nStartUs) / 1000);
     } else {
         // No partial backup stays on disk.
         DeleteBackupFile(lpArchiveDesPath, nPathSize, nTimestamp);

@@ -232,13 +232,6 @@ BOOL CBreltMemStorageModule::RestoreChainUsable(char* lpArchiveDesPath, long lon
 
 namespace {
 
-long long RestoreNowMs()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (long long)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
-}
-
 } // namespace
 
 void CBreltMemStorageModule::RestoreCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd)
@@ -264,18 +257,18 @@ void CBreltMemStorageModule::RestoreCommand(LPTALVORCRITICALSECTION lpCritSectio
     usleep(1000);
     UINT nLogMaxID = 0;
     USHORT usDBGuid = 0;
-    const long long nStartMs = RestoreNowMs();
+    const long long nStartMs = TalvorMonotonicMs();
     ClearResource(lpCritSection, nLogMaxID, usDBGuid);
     usleep(1000);
-    const long long nClearedMs = RestoreNowMs();
+    const long long nClearedMs = TalvorMonotonicMs();
     BOOL bRestored = RecoverIncrement(lpCritSection, lpProgress, lpPath, RESTORE_PATH_SIZE, nTimestamp);
-    const long long nRestoredMs = RestoreNowMs();
+    const long long nRestoredMs = TalvorMonotonicMs();
     BOOL bBack = RecoverResource(lpCritSection, TRUE, nLogMaxID, usDBGuid);
     // Where an operator's wait went: only the middle stage is the copy.
     Trace("ClusterCommand", 3, 10012037,
           TALVOR_TEXT("恢复到%lld结束(文件:%d,服务:%d):拆除数据库%lld毫秒,恢复文件%lld毫秒,重建服务%lld毫秒",
                       "Restore to %lld ended (files: %d, service: %d): taking the database apart %lld ms, restoring the files %lld ms, bringing it back %lld ms"),
-          nTimestamp, bRestored, bBack, nClearedMs - nStartMs, nRestoredMs - nClearedMs, RestoreNowMs() - nRestoredMs);
+          nTimestamp, bRestored, bBack, nClearedMs - nStartMs, nRestoredMs - nClearedMs, TalvorMonotonicMs() - nRestoredMs);
     free(lpPath);
     if (m_pMemoryFileHead != nullptr) ClearForbidFlags(lpClusterCmd);
     TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_FINISHED);

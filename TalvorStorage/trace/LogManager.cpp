@@ -72,13 +72,6 @@ void UnlockTraceLatch(LPTALVOR_SECTION lp)
     LeaveCriticalTalvor(lp);
 }
 
-long long NowMs()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
-}
-
 void FastLocalTime(SYSTEMTIME* pst)
 {
     struct timeval tv;
@@ -454,7 +447,7 @@ BOOL CLogManager::WriteAllTrace()
 BOOL CLogManager::CheckLogFile()
 {
     if (m_pFile != nullptr) return TRUE;
-    long long nNow = NowMs();
+    long long nNow = TalvorMonotonicMs();
     if (nNow < m_nNextOpenTryMs) return FALSE;
     char szDir[MAX_PATH + 8];
     if (m_lpTraceDir != nullptr)

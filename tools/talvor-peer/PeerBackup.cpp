@@ -67,13 +67,6 @@ struct BackupJob {
     int m_nProgressOut = PROGRESSOUT_QUIET;
 };
 
-long long NowMillis()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (long long)ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
-}
-
 bool ReadBackupArgs(const CPeerArgs& opts, BackupJob& job)
 {
     long long nTs = 0, nLogNo = 0, nLogPos = 0, nLevel = 0, nRef = 0;
@@ -150,7 +143,7 @@ void ShowProgress(CPeerClusterLink& link, BackupJob& job)
 void AbortIfDue(CPeerClusterLink& link, BackupJob& job)
 {
     if (job.m_bAborted || job.m_nRunningSince == 0) return;
-    bool bDue = job.m_nAbortAfterMs != NO_ABORT && NowMillis() - job.m_nRunningSince >= job.m_nAbortAfterMs;
+    bool bDue = job.m_nAbortAfterMs != NO_ABORT && TalvorMonotonicMs() - job.m_nRunningSince >= job.m_nAbortAfterMs;
     bDue = bDue || (job.m_nAbortAtMib != NO_ABORT && job.m_bOwnProgress && job.m_nPos >= job.m_nAbortAtMib);
     if (!bDue) return;
     TalvorStoreShared(&link.Command()->m_bAbort, 1);
@@ -162,7 +155,7 @@ void AbortIfDue(CPeerClusterLink& link, BackupJob& job)
 void Tick(CPeerClusterLink& link, BackupJob& job)
 {
     if (job.m_nRunningSince == 0 && TalvorLoadShared(&link.Command()->m_bCommandType) == CLUSTERCMD_RUNNING) {
-        job.m_nRunningSince = NowMillis();
+        job.m_nRunningSince = TalvorMonotonicMs();
         printf("running\n");
     }
     if (job.m_nRunningSince != 0) ShowProgress(link, job);

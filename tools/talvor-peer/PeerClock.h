@@ -3,17 +3,14 @@
 // for the "timestamp microseconds" lines a bench lines up across processes.
 #pragma once
 
+#include "LinuxCommonAPI.h"
+
 #include <cstdio>
 #include <ctime>
 
 namespace talvorpeer {
 
-inline long long NowMs()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
-}
+inline long long NowMs() { return TalvorMonotonicMs(); }
 
 inline long long WallMicros()
 {

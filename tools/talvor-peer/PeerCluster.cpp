@@ -41,13 +41,6 @@ const std::vector<OptionSpec> g_vClusterOptions = {
     {"wait-attach-ms", true, "how long to wait for the channel area to exist (default 30000)"},
 };
 
-long long NowMillis()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (long long)ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
-}
-
 bool ParseCode(const std::string& strText, BYTE& bCode)
 {
     char* pEnd = nullptr;
@@ -127,7 +120,7 @@ void Report(CPeerClusterLink& link, BYTE bCode, const char* lpOutcome, bool bRun
         strSeen = " progress_max=" + std::to_string(pSeen->m_nPosMax) + " progress_total=" +
                   std::to_string(pSeen->m_nTotal) + " titles_seen=" + std::to_string(pSeen->m_nTitles);
     printf("cluster code=%d outcome=%s %s running_seen=%d elapsed_ms=%lld%s\n", (int)bCode, lpOutcome,
-           DescribeClusterState(link.Look()).c_str(), bRunningSeen ? 1 : 0, NowMillis() - nStart, strSeen.c_str());
+           DescribeClusterState(link.Look()).c_str(), bRunningSeen ? 1 : 0, TalvorMonotonicMs() - nStart, strSeen.c_str());
     fflush(stdout);
 }
 
@@ -241,7 +234,7 @@ int RunClusterJob(const std::vector<std::string>& args)
         return PEER_NOT_SERVED;
     }
     printf("before %s\n", DescribeClusterState(link.Look()).c_str());
-    long long nStart = NowMillis();
+    long long nStart = TalvorMonotonicMs();
     link.Send(stArgs);
     int nFinal = ClusterFinalOf(bCode);
     if (nFinal == CLUSTER_NO_FINAL) return RunUnknown(link, stArgs, (int)nWaitMs, opts.Has("keep"), nStart);

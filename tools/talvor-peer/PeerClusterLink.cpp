@@ -24,13 +24,6 @@ void* AttachSegment(key_t nKey)
     return p == (void*)-1 ? nullptr : p;
 }
 
-long long NowMillis()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (long long)ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
-}
-
 } // namespace
 
 CPeerClusterLink::~CPeerClusterLink()
@@ -40,12 +33,12 @@ CPeerClusterLink::~CPeerClusterLink()
 
 bool CPeerClusterLink::Attach(int nWaitMs)
 {
-    long long nEnd = NowMillis() + nWaitMs;
+    long long nEnd = TalvorMonotonicMs() + nWaitMs;
     do {
         m_lpChannel = (LPSTORAGEMEMHEAD)AttachSegment(SHMKEY_STORAGEMEM);
         if (m_lpChannel != nullptr) break;
         usleep(10000);
-    } while (NowMillis() < nEnd);
+    } while (TalvorMonotonicMs() < nEnd);
     if (m_lpChannel == nullptr) return false;
     HEVENTTYPE hStorage = CreateEventSem(nullptr, SEMNAME_STORAGEEVENT);
     // Without the event the daemon still finds the command at its next poll.
@@ -92,10 +85,10 @@ void CPeerClusterLink::Send(const ClusterArgs& args)
 
 bool CPeerClusterLink::WaitUntil(const std::function<bool()>& fnDone, int nWaitMs)
 {
-    long long nEnd = NowMillis() + nWaitMs;
+    long long nEnd = TalvorMonotonicMs() + nWaitMs;
     for (;;) {
         if (fnDone()) return true;
-        if (NowMillis() >= nEnd) return false;
+        if (TalvorMonotonicMs() >= nEnd) return false;
         usleep(POLL_US);
     }
 }

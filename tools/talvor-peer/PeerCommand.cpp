@@ -35,13 +35,6 @@ const std::vector<OptionSpec> g_vCommandOptions = {
 // measured, long enough to leave the CPU to the daemon.
 const long POLL_NANOS = 20000;
 
-long long NowNanos()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (long long)ts.tv_sec * 1000000000LL + ts.tv_nsec;
-}
-
 void SleepNanos(long long nNanos)
 {
     struct timespec ts = {(time_t)(nNanos / 1000000000LL), (long)(nNanos % 1000000000LL)};
@@ -90,12 +83,12 @@ int RunCommandJob(const std::vector<std::string>& args)
     if (bLive) engine.SetLive(true);
     // A live engine answers the daemon's channel in every pause.
     auto Pause = [&](long long nNanos) {
-        long long nEnd = NowNanos() + nNanos;
+        long long nEnd = TalvorMonotonicNs() + nNanos;
         do {
             if (bLive) engine.ServeChannel();
-            long long nLeft = nEnd - NowNanos();
+            long long nLeft = nEnd - TalvorMonotonicNs();
             SleepNanos(nLeft < POLL_NANOS ? (nLeft > 0 ? nLeft : 0) : POLL_NANOS);
-        } while (NowNanos() < nEnd);
+        } while (TalvorMonotonicNs() < nEnd);
     };
     if (nHoldMs > 0) Pause(nHoldMs * 1000000LL);
     std::mt19937 rng((unsigned)getpid());
@@ -104,13 +97,13 @@ int RunCommandJob(const std::vector<std::string>& args)
     LPSYSTEMFILEHEAD lpHead = engine.Head();
     for (long long i = 0; i < nCount; i++) {
         if (nGapUs > 0) Pause((long long)(rng() % (unsigned)(nGapUs + 1)) * 1000LL);
-        long long nStart = NowNanos();
+        long long nStart = TalvorMonotonicNs();
         PeerFence();
         TalvorStoreShared(&lpHead->m_bStorageCMD, (BYTE)nCode);
         if (bPost) SetEvent(engine.m_hStorage);
         long long nDeadline = nStart + nTimeoutMs * 1000000LL;
-        while (TalvorLoadShared(&lpHead->m_bStorageCMD) != STORAGECMD_FINISHED && NowNanos() < nDeadline) Pause(POLL_NANOS);
-        long long nEnd = NowNanos();
+        while (TalvorLoadShared(&lpHead->m_bStorageCMD) != STORAGECMD_FINISHED && TalvorMonotonicNs() < nDeadline) Pause(POLL_NANOS);
+        long long nEnd = TalvorMonotonicNs();
         if (TalvorLoadShared(&lpHead->m_bStorageCMD) != STORAGECMD_FINISHED) {
             fprintf(stderr, "talvor-peer command: no answer within %lld ms\n", nTimeoutMs);
             break;
