@@ -19,19 +19,6 @@ TEST(TypeMap, MysqlFieldTypeOfEveryByte) {
     }
 }
 
-TEST(TypeMap, SelectivityOfEveryOperator) {
-    const std::set<int> selective = {7, 8, 20, 27, 28, 29, 30, 34};
-    for (int b = 0; b < 256; ++b) {
-        double expected = 1.0 / 3.0;
-        if (selective.count(b)) expected = 0.05;
-        if (b == 35) expected = 0.95;
-        if (b == 36) expected = 1.0;
-        if (b == 37) expected = 0.0;
-        EXPECT_DOUBLE_EQ(GetDefalutSelectivity((BYTE)b, 0), expected) << b;
-        EXPECT_DOUBLE_EQ(GetDefalutSelectivity((BYTE)b, 1), expected) << b;
-    }
-}
-
 namespace {
 
 // The index kind the column table gives, or -1 for "doesn't fit".
