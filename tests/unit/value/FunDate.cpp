@@ -4,21 +4,13 @@
 // clamp, a day lost across a leap year, or a distance rounded instead of
 // cut shows up as a differing row.
 //
-// Deliberate differences from the reference server (the function library's
-// own rules decide):
-//
-// | Expression                         | Server                  | Here                     | Why                                            |
-// |------------------------------------|-------------------------|--------------------------|------------------------------------------------|
-// | DATE_FORMAT(d, '%l')               | hour 1-12, no zero      | 01-12                    | the token table gives %l with %I and %h        |
-// | DATE_FORMAT(d, 'day')              | the letters             | the day's name           | picture tokens are read beside % specifiers    |
-// | SEC_TO_TIME(4000000), MAKETIME(900,0,0) | 838:59:59 (clamped) | NULL past 3071:59:59     | a stored time keeps its days in a signed byte  |
-// | FROM_DAYS(100)                     | 0000-00-00              | NULL                     | no day number exists before 0001-01-01         |
-// | UNIX_TIMESTAMP('1960-01-01')       | 0 / NULL                | NULL                     | no seconds since 1970 before it                |
-// | TIME('12:00:00.5'), times          | keeps the fraction      | whole seconds            | a stored time has no fraction                  |
-// | ROUND(d, 'MM'), TO_CHAR, TO_DATE   | no such forms           | Oracle's forms           | Oracle's names beside MySQL's                  |
-// | HOUR('2020-12-31'), TIME(...)      | 00:20:20 (MMSS of 2020) | 00:00:00, its midnight   | a date without a time is at midnight           |
-// | TIME(20210230), impossible dates   | 00:00:00                | NULL                     | a number of 8 digits is a date or nothing      |
-// | YEAR(0), MONTH(0) ...              | 0 (the zero date)       | NULL                     | there is no zero date here                     |
+// Deliberate differences from the server (ours first, then why):
+// - DATE_FORMAT(d, '%l') is 01-12 as %I and %h; picture tokens ('day') are read too;
+// - SEC_TO_TIME and MAKETIME are NULL past 3071:59:59: a time's days are a signed byte;
+// - FROM_DAYS(100), UNIX_TIMESTAMP('1960-01-01'), YEAR(0) are NULL: dates start at 0001;
+// - a stored time has no fraction; a date without a time is at its midnight;
+// - TIME(20210230) is NULL: a number of 8 digits is a date or nothing;
+// - ROUND(d, 'MM'), TO_CHAR, TO_DATE are Oracle's forms, beside MySQL's.
 #include "FunReference.h"
 
 using namespace talvortest;

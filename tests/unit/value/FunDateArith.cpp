@@ -5,14 +5,11 @@
 // clamp, a carry lost across midnight or a year, a distance rounded instead
 // of cut, or a date that turns into a date and time shows up here.
 //
-// Deliberate differences from the reference server (more in FunDate.cpp):
-//
-// | Expression                            | Server                    | Here                        | Why                                          |
-// |---------------------------------------|---------------------------|-----------------------------|----------------------------------------------|
-// | DATE_ADD('0001-01-01', INTERVAL -1 MONTH) | 0000-12-01            | NULL                        | dates are years 1 to 9999                    |
-// | DATE_ADD(d, INTERVAL 5 MICROSECOND), d before 1720 or after 2079 | exact | within 10 or 100 us  | a date is a double of days                   |
-// | CONVERT_TZ(d, ...), d outside 1970..2038 UTC | d unchanged        | d moved by the offsets      | the offsets alone decide                     |
-// | ADDTIME('2020-12-31', t)              | the date read as a time   | the date's midnight plus t  | a date without a time is at midnight         |
+// Deliberate differences from the server (more in FunDate.cpp):
+// - dates are years 1 to 9999: DATE_ADD('0001-01-01', INTERVAL -1 MONTH) is NULL;
+// - a date is a double of days: microseconds are exact only from 1720 to 2079;
+// - CONVERT_TZ moves any date by the offsets, not only 1970 to 2038;
+// - ADDTIME('2020-12-31', t) adds t to the date's midnight.
 #include "FunReference.h"
 
 using namespace talvortest;

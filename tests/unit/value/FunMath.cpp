@@ -3,18 +3,12 @@
 // a logarithm of a bad base that gives a number instead of NULL, or a seeded
 // Rand that draws another sequence shows up here as a differing row.
 //
-// Deliberate differences from the reference server (the function library's
-// own rules decide):
-//
-// | Expression                     | Server             | Here                      | Why                                                     |
-// |--------------------------------|--------------------|---------------------------|---------------------------------------------------------|
-// | ROUND(5678, -5)                | 0                  | 10000                     | the count is cut to the number's digits first           |
-// | TRUNCATE(-9223372036854775807, -19) | -8446744073709551616 | 0                | the server wraps past 2^64; the cut of all digits is 0  |
-// | ROUND(1.5, 3)                  | 1.500              | 1.5                       | a decimal is not widened by a longer count              |
-// | ASIN(1.0000005)                | NULL               | pi/2                      | asin and acos forgive 1e-6 past 1                       |
-// | COT(0)                         | error              | NULL and 1800             | the error is the range code of the library              |
-// | ROUND(date, 'MM'), TRUNC(...)  | no such form       | the date by the unit      | Oracle's form beside MySQL's                            |
-// | RAND()                         | its own generator  | 32 bits of a UUID / 2^32-1 | an unseeded value comes from libuuid                   |
+// Deliberate differences from the server (ours first, then why):
+// - ROUND(5678, -5) is 10000: the count is cut to the number's digits first;
+// - TRUNCATE(-9223372036854775807, -19) is 0 where the server wraps past 2^64;
+// - ROUND(1.5, 3) is 1.5: a decimal is not widened by a longer count;
+// - ASIN and ACOS forgive 1e-6 past 1; COT(0) is NULL with the range code;
+// - ROUND(date, 'MM') and TRUNC are Oracle's forms; RAND() draws from libuuid.
 #include "FunReference.h"
 
 #include <climits>

@@ -3,19 +3,13 @@
 // at the 32- and 64-bit edges, and NULLs. A wrong character offset, a lost
 // byte at a seam, or a NULL that does not spread shows up as a differing row.
 //
-// Deliberate differences from MariaDB (the function library decides):
-// | Case                                   | Ours        | MariaDB             | Why                                   |
-// |----------------------------------------|-------------|---------------------|---------------------------------------|
-// | a result above 0x100000 bytes          | NULL        | the text (to 16 MiB)| every growing result is bounded first |
-// | compares and searches (STRCMP, INSTR,  | ASCII folded| the collation's     | the engine's text order folds ASCII   |
-// | LOCATE, FIELD, FIND_IN_SET)            | bytes after | weights (ß = s)     | only; the cases fold the server side  |
-// |                                        |             |                     | with LOWER and compare it binary      |
-// | SUBSTRING_INDEX count outside 32 bits  | taken whole | wrapped to 32 bits  | a count is 64 bits everywhere else    |
-// | REPLACE(s, '', NULL)                   | NULL        | s                   | NULL in gives NULL out                |
-// | LOCATE('', s, pos) for pos > 1         | the char    | a byte offset + 1,  | positions count characters            |
-// |                                        | position    | or 0                |                                       |
-// | a double as text (CONCAT(1e20))        | "%f" form,  | shortest form, with | the typed value's text form; numbers  |
-// |                                        | zeros cut   | an exponent         | below are integers and decimals       |
+// Deliberate differences from MariaDB (ours first, then why):
+// - a result above 0x100000 bytes is NULL: every growing result is bounded first;
+// - compares and searches fold ASCII only (the server side is folded by LOWER);
+// - a SUBSTRING_INDEX count outside 32 bits is taken whole, not wrapped;
+// - REPLACE(s, '', NULL) is NULL: NULL in gives NULL out;
+// - LOCATE('', s, pos > 1) gives the character position, not a byte offset;
+// - a double as text has the "%f" form, so the numbers below are no doubles.
 #include "FunReference.h"
 #include "PackedValue.h"
 
