@@ -104,9 +104,11 @@ TEST(FunDateArith, IntervalsOfEveryUnitAddAndSubtractAsTheServerDoes)
                              {Int(atoll(strAmount.c_str())), a}));
         }
     }
-    // Month ends clamp, and a month taken back from March 31 lands on the 28th or 29th.
+    // Month ends clamp, and a month taken back from March 31 lands on the 28th or 29th;
+    // a fraction of fewer than six digits is a fraction, not microseconds.
     for (const char* s : {"2021-01-31", "2020-01-31", "2021-03-31 10:00:00", "2020-02-29", "9999-12-31", "0001-01-01"})
-        for (const char* i : {"1 MONTH", "-1 MONTH", "13 MONTH", "1 YEAR", "-1 QUARTER", "'1-1' YEAR_MONTH"}) {
+        for (const char* i : {"1 MONTH", "-1 MONTH", "13 MONTH", "1 YEAR", "-1 QUARTER", "'1-1' YEAR_MONTH",
+                              "'1.5' SECOND_MICROSECOND", "'-2:3.25' MINUTE_MICROSECOND"}) {
             VARDATA vInterval = Null(), a = Text(pool, s);
             std::string strAmount = i;
             size_t nSpace = strAmount.rfind(' ');
