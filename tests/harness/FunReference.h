@@ -433,6 +433,21 @@ inline std::string Two(int n)
     return sz;
 }
 
+// NAME(arguments) against our member on the same arguments: numbers as they
+// are, texts (which hold no quote) as quoted literals.
+inline FunCase CallOn(Pool& pool, const std::string& strName, const Fn& fn, const std::vector<FunArg>& vArgs)
+{
+    std::string strSql = strName + "(";
+    std::vector<VARDATA> v;
+    for (const FunArg& a : vArgs) {
+        bool bText = a.nKind == FunArg::kText;
+        strSql += (v.empty() ? "" : ",") + (bText ? Quote(a.str) : a.Sql());
+        v.push_back(bText ? Text(pool, a.str) : Null());
+        if (!bText) a.ToVar(v.back());
+    }
+    return Call(pool, strSql + ")", fn, v);
+}
+
 // Dates and times of years 1 to 9999, thick around leap days, year ends
 // and the present; every fourth without a time of day.
 inline std::vector<std::string> Dates(int nCount, unsigned nSeed)

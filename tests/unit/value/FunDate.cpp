@@ -105,39 +105,29 @@ TEST(FunDate, TimesAndFormatsOfTimesMatchTheServer)
     for (int i = 0; i < 200; ++i) {
         long long h = (long long)(rng() % 1600) - 800, m = rng() % 62, s = rng() % 62;
         if (i % 3 == 0) h %= 24;
-        v.push_back(Call(pool,
-                         "MAKETIME(" + std::to_string(h) + "," + std::to_string(m) + "," + std::to_string(s) + ")",
-                         fnMake, {Int(h), Int(m), Int(s)}));
+        v.push_back(CallOn(pool, "MAKETIME", fnMake, {ArgInt(h), ArgInt(m), ArgInt(s)}));
         long long n = (long long)(rng() % 5760000) - 2880000;
-        v.push_back(Call(pool, "SEC_TO_TIME(" + std::to_string(n) + ")", fnSecToTime, {Int(n)}));
+        v.push_back(CallOn(pool, "SEC_TO_TIME", fnSecToTime, {ArgInt(n)}));
         VARDATA t = Null();
         CBaseFunManager::Sec_To_Time(&pool, *std::vector<VARDATA>{Int(n)}.data(), t);
         std::string strTime = Show(t);
-        v.push_back(Call(pool, "TIME_TO_SEC(" + Quote(strTime) + ")", fnToSec, {Text(pool, strTime)}));
+        v.push_back(CallOn(pool, "TIME_TO_SEC", fnToSec, {ArgText(strTime)}));
         v.push_back(Call(pool, "TIME_TO_SEC(TIME" + Quote(strTime) + ")", fnToSec, {t}));
         v.push_back(Call(pool, "SECOND(TIME" + Quote(strTime) + ")", Part(417), {t}));
-        v.push_back(Call(pool, "HOUR(" + Quote(strTime) + ")", Part(419), {Text(pool, strTime)}));
-        v.push_back(Call(pool, "MINUTE(" + Quote(strTime) + ")", Part(418), {Text(pool, strTime)}));
-        if (n >= 0 && n < 86400)
-            v.push_back(Call(pool, "TIME_FORMAT(" + Quote(strTime) + ",'%H %k %h %I %i %S %s %p %r %T %%')", fnFormat,
-                             {Text(pool, strTime), Text(pool, "%H %k %h %I %i %S %s %p %r %T %%")}));
-        else
-            v.push_back(Call(pool, "TIME_FORMAT(" + Quote(strTime) + ",'%H:%i:%s')", fnFormat,
-                             {Text(pool, strTime), Text(pool, "%H:%i:%s")}));
+        v.push_back(CallOn(pool, "HOUR", Part(419), {ArgText(strTime)}));
+        v.push_back(CallOn(pool, "MINUTE", Part(418), {ArgText(strTime)}));
+        const char* lpszFormat = n >= 0 && n < 86400 ? "%H %k %h %I %i %S %s %p %r %T %%" : "%H:%i:%s";
+        v.push_back(CallOn(pool, "TIME_FORMAT", fnFormat, {ArgText(strTime), ArgText(lpszFormat)}));
     }
     for (long long n : {0LL, 1230LL, 101010LL, 1000000LL, -235959LL, 126000LL})
-        v.push_back(Call(pool, "TIME_TO_SEC(" + std::to_string(n) + ")", fnToSec, {Int(n)}));
+        v.push_back(CallOn(pool, "TIME_TO_SEC", fnToSec, {ArgInt(n)}));
     // Fractions of a second are read apart from the time they follow.
     for (const char* t :
          {"100:20:30.25", "-12:00:00.000001", "12:00:00.5", "10.5", "2021-03-15 10:20:30.123456", "00:00:01.1234567"})
-        for (int nId : {419, 418, 417, 416})
-            v.push_back(Call(pool,
-                             std::string(nId == 419   ? "HOUR"
-                                         : nId == 418 ? "MINUTE"
-                                         : nId == 417 ? "SECOND"
-                                                      : "MICROSECOND") +
-                                 "(" + Quote(t) + ")",
-                             Part(nId), {Text(pool, t)}));
+        for (int nId : {419, 418, 417, 416}) {
+            const char* lpszName = nId == 419 ? "HOUR" : nId == 418 ? "MINUTE" : nId == 417 ? "SECOND" : "MICROSECOND";
+            v.push_back(CallOn(pool, lpszName, Part(nId), {ArgText(t)}));
+        }
     const char* arLocales[] = {"USA", "JIS", "ISO", "EUR", "INTERNAL", "XYZ"};
     const char* arKinds[] = {"DATE", "TIME", "DATETIME", "TIMESTAMP"};
     for (int k = 0; k < 4; ++k)
