@@ -476,75 +476,51 @@ TEST(VarDataReference, ExactOrderAndHashOfWideNumbersAgainstPython)
 TEST(VarDataReference, DatesPlusAndMinusDaysAgainstPython)
 {
     Generator gen(1899);
-    struct Case {
-        TALVORDATE m_stDate;
-        int m_nDays;
-        std::string m_strDateTime;
-        int m_nQuarters;
-        TALVORDATE m_stOther;
+    auto date = [&]() {
+        return TALVORDATE{(BYTE)(1 + gen.Next() % 28), (BYTE)(1 + gen.Next() % 12), (USHORT)(1 + gen.Next() % 9999)};
     };
-    std::vector<Case> vCases;
+    auto ymd = [](const TALVORDATE& d) {
+        return std::to_string(d.m_sYear) + " " + std::to_string(d.m_bMonth) + " " + std::to_string(d.m_bDay);
+    };
+    // Per case: a date plus days, a date and time text plus quarter days,
+    // and a date minus a date.
+    std::vector<st_VARDATA> vResults;
     std::vector<std::string> vLines;
     for (int i = 0; i < 400; ++i) {
-        Case c;
-        c.m_stDate.m_sYear = (USHORT)(1 + gen.Next() % 9999);
-        c.m_stDate.m_bMonth = (BYTE)(1 + gen.Next() % 12);
-        c.m_stDate.m_bDay = (BYTE)(1 + gen.Next() % 28);
-        c.m_stOther.m_sYear = (USHORT)(1 + gen.Next() % 9999);
-        c.m_stOther.m_bMonth = (BYTE)(1 + gen.Next() % 12);
-        c.m_stOther.m_bDay = (BYTE)(1 + gen.Next() % 28);
-        c.m_nDays = (int)(gen.Next() % 200001) - 100000;
-        c.m_nQuarters = (int)(gen.Next() % 40001) - 20000;
+        TALVORDATE stDate = date(), stOther = date();
+        int nDays = (int)(gen.Next() % 200001) - 100000, nQuarters = (int)(gen.Next() % 40001) - 20000;
         char sz[64];
         snprintf(sz, sizeof(sz), "%04u-%02u-%02u %02u:%02u:%02u", 1000 + gen.Next() % 9000, 1 + gen.Next() % 12,
                  1 + gen.Next() % 28, gen.Next() % 24, gen.Next() % 60, gen.Next() % 60);
-        c.m_strDateTime = sz;
-        vCases.push_back(c);
-        vLines.push_back("dateadd " + std::to_string(c.m_stDate.m_sYear) + " " + std::to_string(c.m_stDate.m_bMonth) +
-                         " " + std::to_string(c.m_stDate.m_bDay) + " " + std::to_string(c.m_nDays));
-        vLines.push_back("dtadd " + c.m_strDateTime + " " + std::to_string(c.m_nQuarters));
-        vLines.push_back("datesub " + std::to_string(c.m_stDate.m_sYear) + " " + std::to_string(c.m_stDate.m_bMonth) +
-                         " " + std::to_string(c.m_stDate.m_bDay) + " " + std::to_string(c.m_stOther.m_sYear) + " " +
-                         std::to_string(c.m_stOther.m_bMonth) + " " + std::to_string(c.m_stOther.m_bDay));
+        vLines.push_back("dateadd " + ymd(stDate) + " " + std::to_string(nDays));
+        vLines.push_back(std::string("dtadd ") + sz + " " + std::to_string(nQuarters));
+        vLines.push_back("datesub " + ymd(stDate) + " " + ymd(stOther));
+        st_VARDATA d, t, o;
+        for (st_VARDATA* p : {&d, &t, &o}) p->Init();
+        d.SetData(stDate);
+        o.SetData(stOther);
+        // A text that parses as a date makes the sum a date and time.
+        ASSERT_EQ(t.SetData(sz, (int)strlen(sz)), 0);
+        vResults.push_back(d + IntOperand(nDays).m_v);
+        vResults.push_back(t + DoubleOperand(nQuarters / 4.0).m_v);
+        vResults.push_back(d - o);
+        t.Free();
     }
     std::vector<std::string> vOut = RunReference(vLines);
-    size_t n = 0;
-    for (const Case& c : vCases) {
-        st_VARDATA d, k, r, t;
-        d.Init();
-        k.Init();
-        t.Init();
-        d.SetData(c.m_stDate);
-        k.SetData(c.m_nDays);
-        r = d + k;
-        if (vOut[n] == "null") EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL) << vLines[n];
-        else {
-            char sz[32];
-            ASSERT_EQ(Val(r.m_vt), TALVOR_VT_DATE) << vLines[n];
-            CTalvorDate::FormatDate(r.m_stDate, sz);
-            EXPECT_EQ(std::string(sz), vOut[n]) << vLines[n];
+    const BYTE arTypes[3] = {TALVOR_VT_DATE, TALVOR_VT_DATETIME, TALVOR_VT_DOUBLE};
+    for (size_t n = 0; n < vLines.size(); ++n) {
+        SCOPED_TRACE(vLines[n]);
+        const st_VARDATA& r = vResults[n];
+        if (vOut[n] == "null") {
+            EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+            continue;
         }
-        ++n;
-        // A text that parses as a date makes the sum a date and time.
-        ASSERT_EQ(t.SetData(c.m_strDateTime.c_str(), (int)c.m_strDateTime.size()), 0);
-        k.SetData(c.m_nQuarters / 4.0);
-        r = t + k;
-        if (vOut[n] == "null") EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL) << vLines[n];
-        else {
-            char sz[32];
-            ASSERT_EQ(Val(r.m_vt), TALVOR_VT_DATETIME) << vLines[n];
-            CTalvorDate::FormatDateTime(r.m_dblValue, sz, 0);
-            EXPECT_EQ(std::string(sz), vOut[n]) << vLines[n];
-        }
-        t.Free();
-        ++n;
-        st_VARDATA o;
-        o.Init();
-        o.SetData(c.m_stOther);
-        r = d - o;
-        ASSERT_EQ(Val(r.m_vt), TALVOR_VT_DOUBLE) << vLines[n];
-        EXPECT_EQ(Val(r.m_dblValue), strtod(vOut[n].c_str(), nullptr)) << vLines[n];
-        ++n;
+        ASSERT_EQ(Val(r.m_vt), arTypes[n % 3]);
+        char sz[32];
+        if (n % 3 == 0) CTalvorDate::FormatDate(r.m_stDate, sz);
+        if (n % 3 == 1) CTalvorDate::FormatDateTime(r.m_dblValue, sz, 0);
+        if (n % 3 == 2) EXPECT_EQ(Val(r.m_dblValue), strtod(vOut[n].c_str(), nullptr));
+        else EXPECT_EQ(std::string(sz), vOut[n]);
     }
 }
 
