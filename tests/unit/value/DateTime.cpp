@@ -13,7 +13,6 @@
 #include <ctime>
 #include <random>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 namespace {

@@ -15,7 +15,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cinttypes>
 #include <climits>
 #include <cmath>
 #include <cstdio>
