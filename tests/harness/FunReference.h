@@ -342,7 +342,6 @@ public:
         m_vCases.push_back(Finish(Fill(strExpr, vArgs), nRet, r, SAME_TEXT));
     }
     void Add(const FunCase& c) { m_vCases.push_back(c); }
-    size_t Size() const { return m_vCases.size(); }
 
     // Asks the server and checks every case but those fnDeliberate names.
     void Check(const std::function<bool(const std::string& strSql)>& fnDeliberate = nullptr)
