@@ -283,6 +283,15 @@ inline void CompareWithServer(const std::vector<FunCase>& vCases,
     }
 }
 
+// fn on arguments that hold a NULL: code 0 and NULL, written over what the
+// result held before (a plan reuses its result slots).
+inline void ExpectNullResult(const std::function<int(VARDATA&)>& fn, const std::string& strWhat)
+{
+    VARDATA r = Int(7);
+    EXPECT_EQ(fn(r), 0) << strWhat;
+    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL) << strWhat;
+}
+
 // Our member on typed arguments: pool, arguments, result; returns its code.
 using Pool = CTalvorBufferPool;
 using Args = std::vector<VARDATA>;

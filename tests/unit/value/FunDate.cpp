@@ -15,6 +15,7 @@
 
 using namespace talvortest;
 using talvortest::Val;
+using F = CBaseFunManager;
 
 namespace {
 
@@ -236,21 +237,14 @@ TEST(FunDate, NullInGivesNullOut)
             EXPECT_EQ(arBinary[i](&pool, a, b, r), 0) << i;
             EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL) << i << " side " << nSide;
         }
-    VARDATA a = Null(), b = Text(pool, "2021-03-15"), r = Int(7);
-    for (int nId : {146, 422, 420, 419, 537, 538, 539, 541, 627, 628, 623, 6, 21}) {
-        EXPECT_EQ(CBaseFunManager::DateFuntion(&pool, a, r, nId), 0);
-        EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL) << nId;
-    }
-    EXPECT_EQ(CBaseFunManager::Extract(&pool, 10, a, r), 0);
-    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
-    EXPECT_EQ(CBaseFunManager::ToChar(&pool, b, r, a), 0);
-    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
-    EXPECT_EQ(CBaseFunManager::AddSubDate(&pool, a, b, r, TRUE), 0);
-    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
-    EXPECT_EQ(CBaseFunManager::TimeStampDiff(&pool, 8, a, b, r), 0);
-    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
-    EXPECT_EQ(CBaseFunManager::MakeTime(&pool, b, a, b, r), 0);
-    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+    VARDATA a = Null(), b = Text(pool, "2021-03-15"), r = Null();
+    for (int nId : {146, 422, 420, 419, 537, 538, 539, 541, 627, 628, 623, 6, 21})
+        ExpectNullResult([&](VARDATA& x) { return F::DateFuntion(&pool, a, x, nId); }, std::to_string(nId));
+    ExpectNullResult([&](VARDATA& x) { return F::Extract(&pool, 10, a, x); }, "EXTRACT");
+    ExpectNullResult([&](VARDATA& x) { return F::ToChar(&pool, b, x, a); }, "TO_CHAR");
+    ExpectNullResult([&](VARDATA& x) { return F::AddSubDate(&pool, a, b, x, TRUE); }, "DATE_ADD");
+    ExpectNullResult([&](VARDATA& x) { return F::TimeStampDiff(&pool, 8, a, b, x); }, "TIMESTAMPDIFF");
+    ExpectNullResult([&](VARDATA& x) { return F::MakeTime(&pool, b, a, b, x); }, "MAKETIME");
     // Wrong numbers are refused, not guessed.
     EXPECT_EQ(CBaseFunManager::DateFuntion(&pool, b, r, 100), TALVOR_FUN_BAD_FUNCTION);
     EXPECT_EQ(CBaseFunManager::Extract(&pool, 99, b, r), TALVOR_DATE_BAD_INTERVAL);
