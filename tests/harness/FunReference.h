@@ -443,7 +443,8 @@ inline std::string Two(int n)
 
 // NAME(arguments) against our member on the same arguments: numbers as they
 // are, texts (which hold no quote) as quoted literals.
-inline FunCase CallOn(Pool& pool, const std::string& strName, const Fn& fn, const std::vector<FunArg>& vArgs)
+inline FunCase CallOn(Pool& pool, const std::string& strName, const Fn& fn,
+                      const std::vector<FunArg>& vArgs)
 {
     std::string strSql = strName + "(";
     std::vector<VARDATA> v;

@@ -160,8 +160,9 @@ TEST(DateReference, DayNumbersFieldsFormatsAndWeeks)
         int nMode, nWeek, nRefYear, nYear, nModes = 0;
         for (; weeks >> nMode >> nWeek >> nRefYear; ++nModes) {
             if (nRefYear == 0) continue;  // year 1 has no year before it to hold its first days
-            EXPECT_EQ(CTalvorDate::CalcWeek(p, nMode, nYear), nWeek) << "mode " << nMode << " " << strRef;
-            if (nRefYear > 0) EXPECT_EQ(nYear, nRefYear) << "mode " << nMode << " " << strRef;
+            SCOPED_TRACE("mode " + std::to_string(nMode) + " " + strRef);
+            EXPECT_EQ(CTalvorDate::CalcWeek(p, nMode, nYear), nWeek);
+            if (nRefYear > 0) EXPECT_EQ(nYear, nRefYear);
         }
         EXPECT_EQ(nModes, 6);
         char szFixed[40];

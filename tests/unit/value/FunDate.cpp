@@ -126,7 +126,10 @@ TEST(FunDate, TimesAndFormatsOfTimesMatchTheServer)
     for (const char* t :
          {"100:20:30.25", "-12:00:00.000001", "12:00:00.5", "10.5", "2021-03-15 10:20:30.123456", "00:00:01.1234567"})
         for (int nId : {419, 418, 417, 416}) {
-            const char* lpszName = nId == 419 ? "HOUR" : nId == 418 ? "MINUTE" : nId == 417 ? "SECOND" : "MICROSECOND";
+            const char* lpszName = nId == 419   ? "HOUR"
+                                   : nId == 418 ? "MINUTE"
+                                   : nId == 417 ? "SECOND"
+                                                : "MICROSECOND";
             v.push_back(CallOn(pool, lpszName, Part(nId), {ArgText(t)}));
         }
     const char* arLocales[] = {"USA", "JIS", "ISO", "EUR", "INTERNAL", "XYZ"};
@@ -239,7 +242,8 @@ TEST(FunDate, NullInGivesNullOut)
         }
     VARDATA a = Null(), b = Text(pool, "2021-03-15"), r = Null();
     for (int nId : {146, 422, 420, 419, 537, 538, 539, 541, 627, 628, 623, 6, 21})
-        ExpectNullResult([&](VARDATA& x) { return F::DateFuntion(&pool, a, x, nId); }, std::to_string(nId));
+        ExpectNullResult([&](VARDATA& x) { return F::DateFuntion(&pool, a, x, nId); },
+                         "part " + std::to_string(nId));
     ExpectNullResult([&](VARDATA& x) { return F::Extract(&pool, 10, a, x); }, "EXTRACT");
     ExpectNullResult([&](VARDATA& x) { return F::ToChar(&pool, b, x, a); }, "TO_CHAR");
     ExpectNullResult([&](VARDATA& x) { return F::AddSubDate(&pool, a, b, x, TRUE); }, "DATE_ADD");

@@ -210,7 +210,8 @@ TEST(FunDateArith, TimesSecondsPeriodsAndDayCountsMatchTheServer)
     for (int i = 0; i < 100; ++i) {
         long long n = i < 3 ? i : (long long)(rng() % 2147483647u);
         v.push_back(CallOn(pool, "FROM_UNIXTIME", Of1(&F::From_UnixTime), {ArgInt(n)}));
-        v.push_back(CallOn(pool, "FROM_UNIXTIME", Of2(&F::From_UnixTime), {ArgInt(n), ArgText("%d.%m.%Y %T")}));
+        v.push_back(CallOn(pool, "FROM_UNIXTIME", Of2(&F::From_UnixTime),
+                           {ArgInt(n), ArgText("%d.%m.%Y %T")}));
         long long p1 = (1 + rng() % 9998) * 100 + 1 + rng() % 12, p2 = (rng() % 100) * 100 + 1 + rng() % 12;
         long long nMonths = (long long)(rng() % 2000) - 1000;
         v.push_back(CallOn(pool, "PERIOD_DIFF", Of2(&F::Period_Diff), {ArgInt(p1), ArgInt(p2)}));

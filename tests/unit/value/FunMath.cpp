@@ -318,6 +318,7 @@ TEST(FunMath, NullInGivesNullOut)
     }
     VARDATA a = Null();
     for (int n = 20; n <= 27; ++n)
-        ExpectNullResult([&](VARDATA& r) { return CBaseFunManager::MathFuntion(&pool, a, r, n); }, std::to_string(n));
+        ExpectNullResult([&](VARDATA& r) { return CBaseFunManager::MathFuntion(&pool, a, r, n); },
+                         "angle " + std::to_string(n));
     ExpectNullResult([&](VARDATA& r) { return CBaseFunManager::SpecialLog(&pool, a, r, 605); }, "LOG10");
 }

@@ -79,11 +79,12 @@ TEST(TypeMap, MysqlIndexTypeChoosesTheFileAndMapsColumnTypes) {
         int nResult;
         BYTE bFileOut, bKind;
     };
-    const Case arCases[] = {{0, 3 /* LONG */, 3, 0, 4, 1},          {0, 253 /* VAR_STRING */, 2, 0, 11, 25},
-                            {0, 246 /* NEWDECIMAL */, 0, 0, 11, 15}, {0, 1 /* TINY */, 0, 0, 11, 11},
-                            {4, 5 /* DOUBLE */, 0, 318, 4, 0},       {5, 8 /* LONGLONG */, 0, 0, 5, 5},
-                            {0, 6 /* NULL */, 0, 318, 11, 0},        {2, 3, 0, 319, 2, 0},
-                            {9, 3, 0, 320, 9, 0}};
+    const Case arCases[] = {
+        {0, 3 /* LONG */, 3, 0, 4, 1},          {0, 253 /* VAR_STRING */, 2, 0, 11, 25},
+        {0, 246 /* NEWDECIMAL */, 0, 0, 11, 15}, {0, 1 /* TINY */, 0, 0, 11, 11},
+        {4, 5 /* DOUBLE */, 0, 318, 4, 0},       {5, 8 /* LONGLONG */, 0, 0, 5, 5},
+        {0, 6 /* NULL */, 0, 318, 11, 0},        {2, 3, 0, 319, 2, 0},
+        {9, 3, 0, 320, 9, 0}};
     for (const Case& c : arCases) {
         BYTE bFile = c.bFile, bKind = 0;
         EXPECT_EQ(GetMysqlIndexType(bFile, c.bType, c.bUse, bKind), c.nResult) << (int)c.bType;

@@ -476,7 +476,8 @@ TEST(VarDataReference, DatesPlusAndMinusDaysAgainstPython)
 {
     Generator gen(1899);
     auto date = [&]() {
-        return TALVORDATE{(BYTE)(1 + gen.Next() % 28), (BYTE)(1 + gen.Next() % 12), (USHORT)(1 + gen.Next() % 9999)};
+        BYTE bDay = (BYTE)(1 + gen.Next() % 28), bMonth = (BYTE)(1 + gen.Next() % 12);
+        return TALVORDATE{bDay, bMonth, (USHORT)(1 + gen.Next() % 9999)};
     };
     auto ymd = [](const TALVORDATE& d) {
         return std::to_string(d.m_sYear) + " " + std::to_string(d.m_bMonth) + " " + std::to_string(d.m_bDay);
