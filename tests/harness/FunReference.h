@@ -283,6 +283,15 @@ inline void CompareWithServer(const std::vector<FunCase>& vCases,
     }
 }
 
+// fn on arguments that hold a NULL: code 0 and NULL, written over what the
+// result held before (a plan reuses its result slots).
+inline void ExpectNullResult(const std::function<int(VARDATA&)>& fn, const std::string& strWhat)
+{
+    VARDATA r = Int(7);
+    EXPECT_EQ(fn(r), 0) << strWhat;
+    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL) << strWhat;
+}
+
 // Our member on typed arguments: pool, arguments, result; returns its code.
 using Pool = CTalvorBufferPool;
 using Args = std::vector<VARDATA>;
@@ -342,7 +351,6 @@ public:
         m_vCases.push_back(Finish(Fill(strExpr, vArgs), nRet, r, SAME_TEXT));
     }
     void Add(const FunCase& c) { m_vCases.push_back(c); }
-    size_t Size() const { return m_vCases.size(); }
 
     // Asks the server and checks every case but those fnDeliberate names.
     void Check(const std::function<bool(const std::string& strSql)>& fnDeliberate = nullptr)
@@ -431,6 +439,22 @@ inline std::string Two(int n)
     char sz[8];
     snprintf(sz, sizeof(sz), "%02d", n);
     return sz;
+}
+
+// NAME(arguments) against our member on the same arguments: numbers as they
+// are, texts (which hold no quote) as quoted literals.
+inline FunCase CallOn(Pool& pool, const std::string& strName, const Fn& fn,
+                      const std::vector<FunArg>& vArgs)
+{
+    std::string strSql = strName + "(";
+    std::vector<VARDATA> v;
+    for (const FunArg& a : vArgs) {
+        bool bText = a.nKind == FunArg::kText;
+        strSql += (v.empty() ? "" : ",") + (bText ? Quote(a.str) : a.Sql());
+        v.push_back(bText ? Text(pool, a.str) : Null());
+        if (!bText) a.ToVar(v.back());
+    }
+    return Call(pool, strSql + ")", fn, v);
 }
 
 // Dates and times of years 1 to 9999, thick around leap days, year ends

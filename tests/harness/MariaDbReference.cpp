@@ -186,11 +186,4 @@ bool MariaDbReference::Eval(const std::vector<std::string>& vExprs, std::vector<
     return true;
 }
 
-SqlAnswer MariaDbReference::Eval(const std::string& strExpr)
-{
-    std::vector<SqlAnswer> vOut;
-    Eval(std::vector<std::string>{strExpr}, vOut);
-    return vOut.empty() ? SqlAnswer() : vOut[0];
-}
-
 } // namespace talvortest

@@ -28,22 +28,17 @@ public:
     // Makes a data directory and starts mariadbd on it; false (with the
     // reason in Error()) when the server is not installed or does not come
     // up within 30 s. Sessions use utf8mb4 with a binary collation and the
-    // time zone +00:00 unless SetSessionSql changes that.
+    // time zone +00:00.
     bool Start();
     const std::string& Error() const { return m_strError; }
     // True once Start has brought the server up.
     bool Started() const { return m_nServerPid > 0; }
-
-    // SQL run at the start of every Eval's session, e.g. "SET NAMES latin1".
-    void SetSessionSql(const std::string& strSql) { m_strSessionSql = strSql; }
 
     // Evaluates every expression as "SELECT expr" in one client session and
     // gives one answer per expression, in order. The expression is evaluated
     // twice (for its NULL test and its text), so RAND(), UUID() and SLEEP()
     // have no use here. False when the client could not run at all.
     bool Eval(const std::vector<std::string>& vExprs, std::vector<SqlAnswer>& vOut);
-    // One expression; an answer with bError set when anything failed.
-    SqlAnswer Eval(const std::string& strExpr);
 
 private:
     void Stop();
@@ -52,7 +47,7 @@ private:
     pid_t m_nServerPid = -1;
     std::string m_strSocket;
     std::string m_strError;
-    std::string m_strSessionSql = "SET NAMES utf8mb4 COLLATE utf8mb4_bin; SET time_zone='+00:00';";
+    const std::string m_strSessionSql = "SET NAMES utf8mb4 COLLATE utf8mb4_bin; SET time_zone='+00:00';";
 };
 
 // Text of a string as a SQL literal: X'..' so that any byte passes unharmed.

@@ -24,7 +24,6 @@
 #include <cstring>
 #include <random>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -420,31 +419,16 @@ TEST(DecimalRules, ScaleCleanAndSignedZero)
 }
 
 // Where a literal result would be a wrong number the value turns null with
-// 91: products and sums past the largest scale, scales past the limits.
+// 91. Sums, products, quotients and parses past the limits are held against
+// libmpdec above, codes included; these are the limits it never reaches.
 TEST(DecimalRules, OverflowGivesCodesNeverWrongNumbers)
 {
-    st_VARDATA big = Parse(std::string(36, '9') + "E127"), c;
-    EXPECT_EQ(CTalvorDecimal::Add(&big, &big, &c), TALVOR_ERROR_DECIMAL_PRECISION);
-    EXPECT_EQ(c.m_vt, TALVOR_VT_NULL);
-    st_VARDATA e100 = Parse("1E100");
-    EXPECT_EQ(CTalvorDecimal::Mul(&e100, &e100, &c), TALVOR_ERROR_DECIMAL_PRECISION);
-    EXPECT_EQ(c.m_vt, TALVOR_VT_NULL);
-    st_VARDATA one = Parse("1");
+    st_VARDATA big = Parse(std::string(36, '9') + "E127"), one = Parse("1"), c;
     EXPECT_EQ(CTalvorDecimal::Zoom(&one, &c, 36, TRUE), TALVOR_ERROR_DECIMAL_PRECISION);
     EXPECT_EQ(c.m_vt, TALVOR_VT_NULL);
     EXPECT_EQ(CTalvorDecimal::Zoom(&one, &c, 35, TRUE), 0);
     EXPECT_EQ(CTalvorDecimal::Zoom(&one, &c, (char)-128, TRUE), TALVOR_ERROR_DECIMAL_PRECISION);
-    st_VARDATA tiny = Parse("1E-120"), seven = Parse("7");
-    EXPECT_EQ(CTalvorDecimal::Div(&tiny, &seven, &c), TALVOR_ERROR_DECIMAL_PRECISION);
-    EXPECT_EQ(c.m_vt, TALVOR_VT_NULL);
     EXPECT_EQ(CTalvorDecimal::Ceil(&big, &c), TALVOR_ERROR_DECIMAL_PRECISION);
-    EXPECT_EQ(Parse("1E128").m_vt, TALVOR_VT_NULL);
-    EXPECT_EQ(Parse(std::string(164, '1')).m_vt, TALVOR_VT_NULL);
-    EXPECT_EQ(Parse(std::string(163, '1')).m_bScale, -127);
-    // Bringing 1 and 10^-36 to one scale would need 37 digits.
-    st_VARDATA small = Parse("0." + std::string(35, '0') + "1");
-    EXPECT_EQ(CTalvorDecimal::Add(&one, &small, &c), 0);
-    EXPECT_EQ(Print(c), "1." + std::string(35, '0'));
     // A zero divisor has no quotient and no remainder: NULL, not a code.
     st_VARDATA zero = Parse("0");
     EXPECT_EQ(CTalvorDecimal::Div(&one, &zero, &c), 0);

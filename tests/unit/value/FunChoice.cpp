@@ -4,14 +4,10 @@
 // edges, decimals and texts. A value copied from the wrong argument, or a
 // NULL that does not spread through GREATEST, is a differing row.
 //
-// Deliberate differences from MariaDB (the function library decides):
-// | Case                                   | Ours                 | MariaDB              | Why                         |
-// |----------------------------------------|----------------------|----------------------|-----------------------------|
-// | arguments of different kinds, e.g.     | the chosen value as  | every value in the   | the plan gets the type from |
-// | IF(c, 1, 2.50) picking 1               | it is: 1             | common type: 1.00    | GetFunRetValType            |
-// | text against text in GREATEST, NULLIF, | ASCII folded, bytes  | collation weights    | the engine's text order     |
-// | CASE                                   | after                |                      |                             |
-// | GREATEST('10', 9)                      | text order: '9'      | as numbers: 10       | text is the widest type     |
+// Deliberate differences from MariaDB (ours first, then why):
+// - IF(c, 1, 2.50) picking 1 gives 1, not 1.00: the plan types the result;
+// - text against text folds ASCII only, then compares bytes (the engine's order);
+// - GREATEST('10', 9) is '9' by text order: text is the widest type.
 // Cases below keep one kind per call, the kinds the reference agrees on.
 #include "FunReference.h"
 #include "PackedValue.h"

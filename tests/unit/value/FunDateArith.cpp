@@ -5,18 +5,16 @@
 // clamp, a carry lost across midnight or a year, a distance rounded instead
 // of cut, or a date that turns into a date and time shows up here.
 //
-// Deliberate differences from the reference server (more in FunDate.cpp):
-//
-// | Expression                            | Server                    | Here                        | Why                                          |
-// |---------------------------------------|---------------------------|-----------------------------|----------------------------------------------|
-// | DATE_ADD('0001-01-01', INTERVAL -1 MONTH) | 0000-12-01            | NULL                        | dates are years 1 to 9999                    |
-// | DATE_ADD(d, INTERVAL 5 MICROSECOND), d before 1720 or after 2079 | exact | within 10 or 100 us  | a date is a double of days                   |
-// | CONVERT_TZ(d, ...), d outside 1970..2038 UTC | d unchanged        | d moved by the offsets      | the offsets alone decide                     |
-// | ADDTIME('2020-12-31', t)              | the date read as a time   | the date's midnight plus t  | a date without a time is at midnight         |
+// Deliberate differences from the server (more in FunDate.cpp):
+// - dates are years 1 to 9999: DATE_ADD('0001-01-01', INTERVAL -1 MONTH) is NULL;
+// - a date is a double of days: microseconds are exact only from 1720 to 2079;
+// - CONVERT_TZ moves any date by the offsets, not only 1970 to 2038;
+// - ADDTIME('2020-12-31', t) adds t to the date's midnight.
 #include "FunReference.h"
 
 using namespace talvortest;
 using talvortest::Val;
+using F = CBaseFunManager;
 
 namespace {
 
@@ -107,9 +105,11 @@ TEST(FunDateArith, IntervalsOfEveryUnitAddAndSubtractAsTheServerDoes)
                              {Int(atoll(strAmount.c_str())), a}));
         }
     }
-    // Month ends clamp, and a month taken back from March 31 lands on the 28th or 29th.
+    // Month ends clamp, and a month taken back from March 31 lands on the 28th or 29th;
+    // a fraction of fewer than six digits is a fraction, not microseconds.
     for (const char* s : {"2021-01-31", "2020-01-31", "2021-03-31 10:00:00", "2020-02-29", "9999-12-31", "0001-01-01"})
-        for (const char* i : {"1 MONTH", "-1 MONTH", "13 MONTH", "1 YEAR", "-1 QUARTER", "'1-1' YEAR_MONTH"}) {
+        for (const char* i : {"1 MONTH", "-1 MONTH", "13 MONTH", "1 YEAR", "-1 QUARTER", "'1-1' YEAR_MONTH",
+                              "'1.5' SECOND_MICROSECOND", "'-2:3.25' MINUTE_MICROSECOND"}) {
             VARDATA vInterval = Null(), a = Text(pool, s);
             std::string strAmount = i;
             size_t nSpace = strAmount.rfind(' ');
@@ -175,13 +175,13 @@ TEST(FunDateArith, TimesSecondsPeriodsAndDayCountsMatchTheServer)
     for (std::string s : Dates(80, 67)) {
         if (s.size() == 10) s += " 00:00:00";
         std::string t = TimeOfDay(rng, 300), t2 = TimeOfDay(rng, 300);
-        VARDATA a = Text(pool, s), vt = Text(pool, t), vt2 = Text(pool, t2);
-        v.push_back(Call(pool, "ADDTIME(" + Quote(s) + "," + Quote(t) + ")", fnAddTime, {a, vt}));
-        v.push_back(Call(pool, "SUBTIME(" + Quote(s) + "," + Quote(t) + ")", fnSubTime, {a, vt}));
-        v.push_back(Call(pool, "ADDTIME(" + Quote(t) + "," + Quote(t2) + ")", fnAddTime, {vt, vt2}));
-        v.push_back(Call(pool, "SUBTIME(" + Quote(t) + "," + Quote(t2) + ")", fnSubTime, {vt, vt2}));
-        v.push_back(Call(pool, "TIMEDIFF(" + Quote(t) + "," + Quote(t2) + ")", fnTimeDiff, {vt, vt2}));
-        v.push_back(Call(pool, "TIMESTAMP(" + Quote(s) + "," + Quote(t) + ")", fnStamp, {a, vt}));
+        VARDATA a = Text(pool, s);
+        v.push_back(CallOn(pool, "ADDTIME", fnAddTime, {ArgText(s), ArgText(t)}));
+        v.push_back(CallOn(pool, "SUBTIME", fnSubTime, {ArgText(s), ArgText(t)}));
+        v.push_back(CallOn(pool, "ADDTIME", fnAddTime, {ArgText(t), ArgText(t2)}));
+        v.push_back(CallOn(pool, "SUBTIME", fnSubTime, {ArgText(t), ArgText(t2)}));
+        v.push_back(CallOn(pool, "TIMEDIFF", fnTimeDiff, {ArgText(t), ArgText(t2)}));
+        v.push_back(CallOn(pool, "TIMESTAMP", fnStamp, {ArgText(s), ArgText(t)}));
         // Stored times keep their kind; a stored date stays a date for whole days.
         VARDATA st = StoredTime(pool, t), st2 = StoredTime(pool, t2), sd = StoredDate(pool, s.substr(0, 10));
         v.push_back(Call(pool, "ADDTIME(TIME" + Quote(t) + ",TIME" + Quote(t2) + ")", fnAddTime, {st, st2}));
@@ -205,55 +205,33 @@ TEST(FunDateArith, TimesSecondsPeriodsAndDayCountsMatchTheServer)
         VARDATA vLater = Null(), vHours = Int((long long)(rng() % 1400) - 700);
         ASSERT_EQ(CBaseFunManager::TimeStampAdd(&pool, 5, vHours, a, vLater), 0);
         if (Val(vLater.m_vt) == TALVOR_VT_NULL) continue;
-        std::string strLater = Show(vLater);
-        v.push_back(Call(pool, "TIMEDIFF(" + Quote(strLater) + "," + Quote(s.size() > 10 ? s : s + " 00:00:00") + ")",
-                         fnTimeDiff, {Text(pool, strLater), Text(pool, s.size() > 10 ? s : s + " 00:00:00")}));
+        v.push_back(CallOn(pool, "TIMEDIFF", fnTimeDiff, {ArgText(Show(vLater)), ArgText(s)}));
     }
     for (int i = 0; i < 100; ++i) {
         long long n = i < 3 ? i : (long long)(rng() % 2147483647u);
-        std::string sn = std::to_string(n);
-        v.push_back(Call(pool, "FROM_UNIXTIME(" + sn + ")", Of1(&CBaseFunManager::From_UnixTime), {Int(n)}));
-        v.push_back(Call(pool, "FROM_UNIXTIME(" + sn + ",'%d.%m.%Y %T')",
-                         Of2(&CBaseFunManager::From_UnixTime),
-                         {Int(n), Text(pool, "%d.%m.%Y %T")}));
+        v.push_back(CallOn(pool, "FROM_UNIXTIME", Of1(&F::From_UnixTime), {ArgInt(n)}));
+        v.push_back(CallOn(pool, "FROM_UNIXTIME", Of2(&F::From_UnixTime),
+                           {ArgInt(n), ArgText("%d.%m.%Y %T")}));
         long long p1 = (1 + rng() % 9998) * 100 + 1 + rng() % 12, p2 = (rng() % 100) * 100 + 1 + rng() % 12;
         long long nMonths = (long long)(rng() % 2000) - 1000;
-        v.push_back(Call(
-            pool, "PERIOD_DIFF(" + std::to_string(p1) + "," + std::to_string(p2) + ")",
-            Of2(&CBaseFunManager::Period_Diff),
-            {Int(p1), Int(p2)}));
-        v.push_back(Call(
-            pool, "PERIOD_ADD(" + std::to_string(p2) + "," + std::to_string(nMonths) + ")",
-            Of2(&CBaseFunManager::PeriodAdd),
-            {Int(p2), Int(nMonths)}));
+        v.push_back(CallOn(pool, "PERIOD_DIFF", Of2(&F::Period_Diff), {ArgInt(p1), ArgInt(p2)}));
+        v.push_back(CallOn(pool, "PERIOD_ADD", Of2(&F::PeriodAdd), {ArgInt(p2), ArgInt(nMonths)}));
         long long y = i < 10 ? i * 11 : 1000 + rng() % 9000, d = (long long)(rng() % 800) - 10;
-        v.push_back(Call(
-            pool, "MAKEDATE(" + std::to_string(y) + "," + std::to_string(d) + ")",
-            Of2(&CBaseFunManager::MakeDate),
-            {Int(y), Int(d)}));
-        long long nDays = 366 + rng() % 3652059;
-        v.push_back(
-            Call(pool, "FROM_DAYS(" + std::to_string(nDays) + ")",
-                 Of1(&CBaseFunManager::From_Days),
-                 {Int(nDays)}));
+        v.push_back(CallOn(pool, "MAKEDATE", Of2(&F::MakeDate), {ArgInt(y), ArgInt(d)}));
+        v.push_back(CallOn(pool, "FROM_DAYS", Of1(&F::From_Days), {ArgInt(366 + rng() % 3652059)}));
     }
     const char* arZones[] = {"+00:00", "+08:00", "-05:30", "+13:00", "-12:00", "+14:00", "08:00"};
     // Inside the server's range of converted values (above).
     for (const std::string& s : Dates(40, 71))
         for (int i = 0; i < 3 && s > "1970-01-02" && s < "2038"; ++i) {
-            const char* f = arZones[rng() % 7];
-            const char* t = arZones[rng() % 7];
-            v.push_back(Call(pool, "CONVERT_TZ(" + Quote(s) + "," + Quote(f) + "," + Quote(t) + ")",
-                             Of3(&CBaseFunManager::Convert_TZ),
-                             {Text(pool, s), Text(pool, f), Text(pool, t)}));
+            FunArg from = ArgText(arZones[rng() % 7]), to = ArgText(arZones[rng() % 7]);
+            v.push_back(CallOn(pool, "CONVERT_TZ", Of3(&F::Convert_TZ), {ArgText(s), from, to}));
         }
     Fn fnInterval = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
         return CBaseFunManager::TalvorInterval(p, 5, x, r);
     };
-    for (long long n : {-5LL, 0LL, 1LL, 3LL, 10LL, 100LL})
-        v.push_back(Call(pool, "INTERVAL(" + std::to_string(n) + ",1,3,5,10)", fnInterval,
-                         {Int(n), Int(1), Int(3), Int(5), Int(10)}));
-    v.push_back(Call(pool, "INTERVAL(NULL,1,3,5,10)", fnInterval, {Null(), Int(1), Int(3), Int(5), Int(10)}));
+    for (FunArg n : {ArgInt(-5), ArgInt(0), ArgInt(1), ArgInt(3), ArgInt(10), ArgInt(100), ArgNull()})
+        v.push_back(CallOn(pool, "INTERVAL", fnInterval, {n, ArgInt(1), ArgInt(3), ArgInt(5), ArgInt(10)}));
     CompareWithServer(v);
 }
 

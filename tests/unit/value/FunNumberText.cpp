@@ -5,12 +5,9 @@
 // does not ripple through a row of nines, or a comma one place off is a
 // differing row.
 //
-// Deliberate differences from MariaDB (the function library decides):
-// | Case                              | Ours                | MariaDB           | Why                           |
-// |-----------------------------------|---------------------|-------------------|-------------------------------|
-// | FORMAT(x, d) with d above 30      | 30 places           | up to 38          | the decimal holds 36 digits   |
-// | TO_CHAR with a number format      | by the format's     | (no such function)| the Oracle form; checked here |
-// |                                   | places              |                   | against FORMAT without commas |
+// Deliberate differences from MariaDB: FORMAT keeps at most 30 places (a
+// decimal holds 36 digits); TO_CHAR's number form, an Oracle form, is held
+// against FORMAT without commas.
 #include "FunReference.h"
 #include "PackedValue.h"
 

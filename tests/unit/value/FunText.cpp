@@ -3,19 +3,13 @@
 // at the 32- and 64-bit edges, and NULLs. A wrong character offset, a lost
 // byte at a seam, or a NULL that does not spread shows up as a differing row.
 //
-// Deliberate differences from MariaDB (the function library decides):
-// | Case                                   | Ours        | MariaDB             | Why                                   |
-// |----------------------------------------|-------------|---------------------|---------------------------------------|
-// | a result above 0x100000 bytes          | NULL        | the text (to 16 MiB)| every growing result is bounded first |
-// | compares and searches (STRCMP, INSTR,  | ASCII folded| the collation's     | the engine's text order folds ASCII   |
-// | LOCATE, FIELD, FIND_IN_SET)            | bytes after | weights (ß = s)     | only; the cases fold the server side  |
-// |                                        |             |                     | with LOWER and compare it binary      |
-// | SUBSTRING_INDEX count outside 32 bits  | taken whole | wrapped to 32 bits  | a count is 64 bits everywhere else    |
-// | REPLACE(s, '', NULL)                   | NULL        | s                   | NULL in gives NULL out                |
-// | LOCATE('', s, pos) for pos > 1         | the char    | a byte offset + 1,  | positions count characters            |
-// |                                        | position    | or 0                |                                       |
-// | a double as text (CONCAT(1e20))        | "%f" form,  | shortest form, with | the typed value's text form; numbers  |
-// |                                        | zeros cut   | an exponent         | below are integers and decimals       |
+// Deliberate differences from MariaDB (ours first, then why):
+// - a result above 0x100000 bytes is NULL: every growing result is bounded first;
+// - compares and searches fold ASCII only (the server side is folded by LOWER);
+// - a SUBSTRING_INDEX count outside 32 bits is taken whole, not wrapped;
+// - REPLACE(s, '', NULL) is NULL: NULL in gives NULL out;
+// - LOCATE('', s, pos > 1) gives the character position, not a byte offset;
+// - a double as text has the "%f" form, so the numbers below are no doubles.
 #include "FunReference.h"
 #include "PackedValue.h"
 
@@ -312,7 +306,6 @@ TEST(FunText, NoMemoryIsReportedAndLeavesNull)
 TEST(FunText, ANullAtAnyPlaceGivesNull)
 {
     using P = CTalvorBufferPool*;
-    using Fn = std::function<int(P, VARDATA*, VARDATA&)>;
     struct Member {
         const char* lpszName;
         int nArgs;
@@ -320,41 +313,40 @@ TEST(FunText, ANullAtAnyPlaceGivesNull)
     };
     const std::vector<Member> members = {
         {"CONCAT", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Concat(p, 3, a, r); }},
-        {"SUBSTRING", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.SubString(p, a[0], a[1], a[2], r); }},
-        {"SUBSTRING2", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.SubString(p, a[0], a[1], r); }},
-        {"SUBSTRING_INDEX", 3,
-         [](P p, VARDATA* a, VARDATA& r) { return g_fun.SubString_Index(p, a[0], a[1], a[2], r); }},
-        {"LEFT", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Left(p, a[0], a[1], r); }},
-        {"RIGHT", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Right(p, a[0], a[1], r); }},
-        {"REPLACE", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Replace(p, a[0], a[1], a[2], r); }},
-        {"INSERT", 4, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Insert(p, a[0], a[1], a[2], a[3], r); }},
-        {"REVERSE", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Reverse(p, a[0], r); }},
-        {"REPEAT", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Repeat(p, a[0], a[1], r); }},
-        {"SPACE", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Space(p, a[0], r); }},
-        {"LTRIM", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.LTrim(p, a[0], r); }},
-        {"RTRIM", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.RTrim(p, a[0], r); }},
+        {"SUBSTRING", 3, Of3(&CBaseFunManager::SubString)},
+        {"SUBSTRING2", 2, Of2(&CBaseFunManager::SubString)},
+        {"SUBSTRING_INDEX", 3, Of3(&CBaseFunManager::SubString_Index)},
+        {"LEFT", 2, Of2(&CBaseFunManager::Left)},
+        {"RIGHT", 2, Of2(&CBaseFunManager::Right)},
+        {"REPLACE", 3, Of3(&CBaseFunManager::Replace)},
+        {"INSERT", 4, Of4(&CBaseFunManager::Insert)},
+        {"REVERSE", 1, Of1(&CBaseFunManager::Reverse)},
+        {"REPEAT", 2, Of2(&CBaseFunManager::Repeat)},
+        {"SPACE", 1, Of1(&CBaseFunManager::Space)},
+        {"LTRIM", 1, Of1(&CBaseFunManager::LTrim)},
+        {"RTRIM", 1, Of1(&CBaseFunManager::RTrim)},
         {"TRIM", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Trim(p, a[0], a[1], TALVOR_FUN_TRIM_BOTH, r); }},
         {"LPAD", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.LRPad(p, a[0], a[1], a[2], TRUE, r); }},
-        {"LENGTH", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Length(p, a[0], r); }},
-        {"CHAR_LENGTH", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.CharLength(p, a[0], r); }},
-        {"BIT_LENGTH", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Bit_Length(p, a[0], r); }},
+        {"LENGTH", 1, Of1(&CBaseFunManager::Length)},
+        {"CHAR_LENGTH", 1, Of1(&CBaseFunManager::CharLength)},
+        {"BIT_LENGTH", 1, Of1(&CBaseFunManager::Bit_Length)},
         {"ORD", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.AsciiOrd(p, a[0], TRUE, r); }},
-        {"STRCMP", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.TalvorStrCmp(p, a[0], a[1], r); }},
-        {"FIND_IN_SET", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Find_In_Set(p, a[0], a[1], r); }},
+        {"STRCMP", 2, Of2(&CBaseFunManager::TalvorStrCmp)},
+        {"FIND_IN_SET", 2, Of2(&CBaseFunManager::Find_In_Set)},
         {"EXPORT_SET", 5, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Export_Set(p, 5, a, r); }},
-        {"INSTR", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.InStr(p, a[0], a[1], r); }},
-        {"LOCATE", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Locate(p, a[0], a[1], a[2], r); }},
-        {"EXTRACTVALUE", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Xml_Extract(p, a[0], a[1], r); }},
-        {"BIN", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Bin(p, a[0], r); }},
-        {"OCT", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Oct(p, a[0], r); }},
-        {"HEX", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Hex(p, a[0], r); }},
-        {"UNHEX", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.UnHex(p, a[0], r); }},
-        {"CONV", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Conv(p, a[0], a[1], a[2], r); }},
-        {"FORMAT", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Format(p, a[0], a[1], r); }},
-        {"MD5", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Md5(p, a[0], r); }},
-        {"CRC32", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.CRC32(p, a[0], r); }},
-        {"INET_ATON", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Inet_aton(p, a[0], r); }},
-        {"INET_NTOA", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Inet_ntoa(p, a[0], r); }},
+        {"INSTR", 2, Of2(&CBaseFunManager::InStr)},
+        {"LOCATE", 3, Of3(&CBaseFunManager::Locate)},
+        {"EXTRACTVALUE", 2, Of2(&CBaseFunManager::Xml_Extract)},
+        {"BIN", 1, Of1(&CBaseFunManager::Bin)},
+        {"OCT", 1, Of1(&CBaseFunManager::Oct)},
+        {"HEX", 1, Of1(&CBaseFunManager::Hex)},
+        {"UNHEX", 1, Of1(&CBaseFunManager::UnHex)},
+        {"CONV", 3, Of3(&CBaseFunManager::Conv)},
+        {"FORMAT", 2, Of2(&CBaseFunManager::Format)},
+        {"MD5", 1, Of1(&CBaseFunManager::Md5)},
+        {"CRC32", 1, Of1(&CBaseFunManager::CRC32)},
+        {"INET_ATON", 1, Of1(&CBaseFunManager::Inet_aton)},
+        {"INET_NTOA", 1, Of1(&CBaseFunManager::Inet_ntoa)},
         {"GREATEST", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Greatest(p, 3, a, r); }},
         {"CONVERT", 1,
          [](P p, VARDATA* a, VARDATA& r) { return g_fun.ConvertOrCast(p, a[0], TALVOR_VT_BIGINT, nullptr, r); }},

@@ -3,14 +3,10 @@
 // server's bytes; the planner's result types checked against the keyword
 // table they are keyed by; UUID and SLEEP by what they promise, not by value.
 //
-// Deliberate differences from MariaDB (the function library decides):
-// | Case                                | Ours                  | MariaDB                | Why                       |
-// |-------------------------------------|-----------------------|------------------------|---------------------------|
-// | CRC32 of text ending in NUL bytes   | of the text without   | of every byte          | a record's text may carry |
-// |                                     | them                  |                        | its terminator            |
-// | CONVERT(x USING set) with a         | NULL                  | '?' in its place       | a lost character is no    |
-// | character the set lacks             |                       |                        | answer                    |
-// | INET_ATON with more than 3 dots     | NULL                  | a number past 32 bits  | no IPv4 address           |
+// Deliberate differences from MariaDB (ours first, then why):
+// - CRC32 of text ending in NULs leaves them out: a record's text may carry one;
+// - CONVERT(x USING set) is NULL, not '?', for a character the set lacks;
+// - INET_ATON with more than 3 dots is NULL: no IPv4 address.
 #include "FunReference.h"
 #include "PackedValue.h"
 #include "TalvorKeywordParse.h"

@@ -20,11 +20,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <random>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -50,17 +47,19 @@ for line in sys.stdin:
 
 // Runs the reference over the samples, each given in hexadecimal; one
 // answer line per sample.
-std::vector<std::string> AskPython(const std::vector<std::string>& samples) {
+std::string Hex(const std::string& s) {
     static const char* const kHex = "0123456789abcdef";
-    std::vector<std::string> lines;
-    for (const std::string& s : samples) {
-        std::string line;
-        for (unsigned char c : s) {
-            line += kHex[c >> 4];
-            line += kHex[c & 15];
-        }
-        lines.push_back(line);
+    std::string out;
+    for (unsigned char c : s) {
+        out += kHex[c >> 4];
+        out += kHex[c & 15];
     }
+    return out;
+}
+
+std::vector<std::string> AskPython(const std::vector<std::string>& samples) {
+    std::vector<std::string> lines;
+    for (const std::string& s : samples) lines.push_back(Hex(s));
     return talvortest::RunPythonReference(kPythonCheck, lines);
 }
 
@@ -173,16 +172,6 @@ bool Valid(const std::string& s, BOOL bMysql) {
     const int n = TalvorJsonCheckValid(s.data(), (int)s.size(), bMysql);
     EXPECT_TRUE(n == 0 || n == TALVOR_ERROR_JSON_INVALID) << n;
     return n == 0;
-}
-
-std::string Hex(const std::string& s) {
-    static const char* const kHex = "0123456789abcdef";
-    std::string out;
-    for (unsigned char c : s) {
-        out += kHex[c >> 4];
-        out += kHex[c & 15];
-    }
-    return out;
 }
 
 }  // namespace

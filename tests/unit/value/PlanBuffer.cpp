@@ -376,30 +376,26 @@ TEST(PlanBufferStream, OffsetsPastTheBytesAreRefused)
         for (UINT i = 0; i + 1 < nSections; i++) memcpy(&nOff, good.data() + nOff + 8, 4);
         nLastHead = nOff;
     }
-    std::vector<BYTE> v = good;
-    at(v, 0, nTotal + 1);
-    refused(v, "total past the bytes");
-    v = good;
-    at(v, 24, nTotal + 1);
-    refused(v, "main data past the total");
-    v = good;
-    at(v, 36, nMain + 12);
-    refused(v, "first section not behind the main data");
-    v = good;
-    at(v, nMain + 8, nTotal + 100);
-    refused(v, "next section past the end");
-    v = good;
-    at(v, nMain + 8, nMain);
-    refused(v, "a section that links back to itself");
-    v = good;
-    at(v, nLastHead + 4, nTotal - (UINT)nLastHead + 1);
-    refused(v, "last section longer than the stream");
-    v = good;
-    at(v, 84, nMain);
-    refused(v, "command offset past the main data");
-    v = good;
-    at(v, 80, (UINT)(nSections + 1) << 16 | 16);
-    refused(v, "next plan in a section that isn't there");
+    struct Forged {
+        size_t nOffset;
+        UINT nValue;
+        const char* lpWhat;
+    };
+    const Forged arForged[] = {
+        {0, nTotal + 1, "total past the bytes"},
+        {24, nTotal + 1, "main data past the total"},
+        {36, nMain + 12, "first section not behind the main data"},
+        {nMain + 8, nTotal + 100, "next section past the end"},
+        {nMain + 8, nMain, "a section that links back to itself"},
+        {nLastHead + 4, nTotal - (UINT)nLastHead + 1, "last section longer than the stream"},
+        {84, nMain, "command offset past the main data"},
+        {80, (UINT)(nSections + 1) << 16 | 16, "next plan in a section that isn't there"}};
+    std::vector<BYTE> v;
+    for (const Forged& f : arForged) {
+        v = good;
+        at(v, f.nOffset, f.nValue);
+        refused(v, f.lpWhat);
+    }
     {
         // A length that wraps 32 bits lands its end on a forged section in
         // the main data, which closes the stream as a sound one would; the
@@ -415,7 +411,6 @@ TEST(PlanBufferStream, OffsetsPastTheBytesAreRefused)
         at(v, nMain + 8, nForged);
         refused(v, "a section length that wraps back into the main data");
     }
-    v = good;
     refused(std::vector<BYTE>(good.begin(), good.end() - 1), "stream cut short by a byte");
     refused(std::vector<BYTE>(good.begin(), good.begin() + 40), "stream shorter than a head");
 
@@ -426,15 +421,15 @@ TEST(PlanBufferStream, OffsetsPastTheBytesAreRefused)
         for (UINT i = 1; i < (nRecord >> 16); i++) memcpy(&nOff, good.data() + nOff + 8, 4);
         nRecordAt = nOff + (nRecord & 0xFFFF);
     }
-    v = good;
-    at(v, nRecordAt + 16, (UINT)(nSections + 5) << 16);
-    refused(v, "record data in a section that isn't there");
-    v = good;
-    at(v, nRecordAt + 16, nMain + 1);
-    refused(v, "record data past the main data");
-    v = good;
-    at(v, nRecordAt + 16, 0x80010010u);
-    refused(v, "record data in an overflow section, which never travels");
+    const Forged arRecord[] = {
+        {nRecordAt + 16, (UINT)(nSections + 5) << 16, "record data in a section that isn't there"},
+        {nRecordAt + 16, nMain + 1, "record data past the main data"},
+        {nRecordAt + 16, 0x80010010u, "record data in an overflow section, which never travels"}};
+    for (const Forged& f : arRecord) {
+        v = good;
+        at(v, f.nOffset, f.nValue);
+        refused(v, f.lpWhat);
+    }
     // A section's last used byte is its own; the byte behind it belongs to
     // the next section, however much stream follows.
     UINT nFirstUsed = 0;

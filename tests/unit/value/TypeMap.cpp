@@ -19,19 +19,6 @@ TEST(TypeMap, MysqlFieldTypeOfEveryByte) {
     }
 }
 
-TEST(TypeMap, SelectivityOfEveryOperator) {
-    const std::set<int> selective = {7, 8, 20, 27, 28, 29, 30, 34};
-    for (int b = 0; b < 256; ++b) {
-        double expected = 1.0 / 3.0;
-        if (selective.count(b)) expected = 0.05;
-        if (b == 35) expected = 0.95;
-        if (b == 36) expected = 1.0;
-        if (b == 37) expected = 0.0;
-        EXPECT_DOUBLE_EQ(GetDefalutSelectivity((BYTE)b, 0), expected) << b;
-        EXPECT_DOUBLE_EQ(GetDefalutSelectivity((BYTE)b, 1), expected) << b;
-    }
-}
-
 namespace {
 
 // The index kind the column table gives, or -1 for "doesn't fit".
@@ -86,36 +73,29 @@ TEST(TypeMap, IndexKindForEveryFileFieldAndUse) {
 }
 
 TEST(TypeMap, MysqlIndexTypeChoosesTheFileAndMapsColumnTypes) {
-    BYTE bFile = 0, bKind = 0;
-    EXPECT_EQ(GetMysqlIndexType(bFile, 3 /* LONG */, 3, bKind), 0);
-    EXPECT_EQ(bFile, 4);
-    EXPECT_EQ(bKind, 1);
-    bFile = 0;
-    EXPECT_EQ(GetMysqlIndexType(bFile, 253 /* VAR_STRING */, 2, bKind), 0);
-    EXPECT_EQ(bFile, 11);
-    EXPECT_EQ(bKind, 25);
-    bFile = 0;
-    EXPECT_EQ(GetMysqlIndexType(bFile, 246 /* NEWDECIMAL */, 0, bKind), 0);
-    EXPECT_EQ(bKind, 15);
-    bFile = 0;
-    EXPECT_EQ(GetMysqlIndexType(bFile, 1 /* TINY */, 0, bKind), 0);
-    EXPECT_EQ(bKind, 11);
-    bFile = 4;
-    EXPECT_EQ(GetMysqlIndexType(bFile, 5 /* DOUBLE */, 0, bKind), 318);
-    bFile = 5;
-    EXPECT_EQ(GetMysqlIndexType(bFile, 8 /* LONGLONG */, 0, bKind), 0);
-    EXPECT_EQ(bKind, 5);
-    bFile = 0;
-    EXPECT_EQ(GetMysqlIndexType(bFile, 6 /* NULL */, 0, bKind), 318);
-    bFile = 2;
-    EXPECT_EQ(GetMysqlIndexType(bFile, 3, 0, bKind), 319);
-    bFile = 9;
-    EXPECT_EQ(GetMysqlIndexType(bFile, 3, 0, bKind), 320);
+    // File kind asked (0: choose), column type, use; result, file and kind given.
+    struct Case {
+        BYTE bFile, bType, bUse;
+        int nResult;
+        BYTE bFileOut, bKind;
+    };
+    const Case arCases[] = {
+        {0, 3 /* LONG */, 3, 0, 4, 1},          {0, 253 /* VAR_STRING */, 2, 0, 11, 25},
+        {0, 246 /* NEWDECIMAL */, 0, 0, 11, 15}, {0, 1 /* TINY */, 0, 0, 11, 11},
+        {4, 5 /* DOUBLE */, 0, 318, 4, 0},       {5, 8 /* LONGLONG */, 0, 0, 5, 5},
+        {0, 6 /* NULL */, 0, 318, 11, 0},        {2, 3, 0, 319, 2, 0},
+        {9, 3, 0, 320, 9, 0}};
+    for (const Case& c : arCases) {
+        BYTE bFile = c.bFile, bKind = 0;
+        EXPECT_EQ(GetMysqlIndexType(bFile, c.bType, c.bUse, bKind), c.nResult) << (int)c.bType;
+        if (c.nResult != 0) continue;
+        EXPECT_EQ(bFile, c.bFileOut) << (int)c.bType;
+        EXPECT_EQ(bKind, c.bKind) << (int)c.bType;
+    }
     // Every engine type with a column type comes back to an index kind as the
     // engine type itself would.
     for (int nType : {1, 2, 3, 4, 5, 6, 7, 11, 12, 80, 81, 240}) {
-        BYTE bViaMysql = 0, bDirect = 0;
-        bFile = 11;
+        BYTE bViaMysql = 0, bDirect = 0, bFile = 11;
         ASSERT_EQ(GetMysqlIndexType(bFile, GetMysqlFieldType((BYTE)nType), 0, bViaMysql), 0) << nType;
         ASSERT_EQ(GetIndexType(11, (BYTE)nType, 0, bDirect), 0);
         EXPECT_EQ(bViaMysql, bDirect) << nType;
