@@ -1,12 +1,7 @@
-// The verifier on incremental backups: a whole one passes and tells what a
-// restore would apply to each file; a cut, a page that was never rewritten,
-// a chain that skips, loops or stops early, an item out of its place and a
-// piece that is not the map or block its item names are refused; and power
-// lost at any write leaves nothing the verifier takes for a whole backup.
-// A chain is whole only with every link there, whole, and of the level,
-// timestamp and database the link above names.
+// The verifier on incremental backups and on chains of them. Power lost at
+// any write of one is checked against the daemon's own writer
+// (BackupOfLoadedDatabase).
 #include "BackupIncrementFixture.h"
-#include "FaultFileIO.h"
 #include "PackedValue.h"
 #include "TalvorBackupChain.h"
 
@@ -33,19 +28,10 @@ protected:
 
     int StatusAfter(const std::function<void(std::string&)>& fnChange)
     {
-        std::string strBackup = m_strWhole;
-        fnChange(strBackup);
-        EXPECT_TRUE(WriteWholeFile(m_strPath, strBackup));
-        Verified v(m_strPath);
-        EXPECT_EQ(v.Status() == BACKUPVERIFY_WHOLE, v.Finding().empty()) << v.Finding();
-        return v.Status();
+        return StatusAfterChange(m_strPath, m_strWhole, fnChange);
     }
 
-    // The page at nPos of a backup image, and item nItem of it.
-    static LPBACKUPINCREMENTHEAD Page(std::string& s, long long nPos)
-    {
-        return (LPBACKUPINCREMENTHEAD)&s[(size_t)nPos];
-    }
+    static LPBACKUPINCREMENTHEAD Page(std::string& s, long long nPos) { return PageAt(s, nPos); }
     static LPBACKUPINCREMENTITEM Item(std::string& s, long long nPage, int nItem)
     {
         return &Page(s, nPage)->m_pBlockItem[nItem];
@@ -135,7 +121,7 @@ TEST_F(BackupIncrementTest, PageFaultsAreRefused)
     // A page never rewritten: a place-holder holds no item.
     EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) {
                   std::string strEmpty;
-                  NewPage(strEmpty);
+                  AppendPage(strEmpty);
                   s.replace((size_t)FirstPage(3), strEmpty.size(), strEmpty);
               }));
     EXPECT_EQ(BACKUPVERIFY_BADPAGE,
@@ -211,52 +197,6 @@ TEST_F(BackupIncrementTest, PieceThatIsNotWhatItsItemNamesIsRefused)
                   Item(s, nPage, 3)->m_nBlockNo = 77;
                   ((LPBASEBLOCKHEAD)At(s, 3))->m_nBlockNo = 77;
               }));
-}
-
-// Power lost at every write of an incremental backup: nothing but the
-// whole backup passes, and the whole one does. A small backup (each write is
-// synchronous): a changed system file, an unchanged file, a changed table
-// file.
-TEST_F(BackupIncrementTest, PowerLossAtAnyWriteLeavesNothingAccepted)
-{
-    std::vector<DbFile> v = SampleFiles(m_tree);
-    m_vFiles = {
-        {v[0], ChangedPieces(v[0], 1, 4096, 3, 2048)}, {v[2], {}}, {v[4], ChangedPieces(v[4], 1, 16384, 1, 16384)}};
-    m_strWhole = IncrementImage(m_vFiles);
-    long long nWrites = 0;
-    {
-        FaultFileIO io;
-        ScopedFileIO scoped(&io);
-        ASSERT_TRUE(WriteIncrementFile(m_strPath, m_vFiles));
-        nWrites = io.Calls(FileOp::PWrite);
-    }
-    ASSERT_GE(nWrites, 10);
-    int nAccepted = 0;
-    for (long long k = 1; k <= nWrites; k++) {
-        for (long long nTorn : {-1LL, 0LL, 100LL, 4096LL}) {
-            unlink(m_strPath.c_str());
-            bool bOk = false;
-            {
-                FaultFileIO io;
-                ScopedFileIO scoped(&io);
-                io.DieAfter(FileOp::PWrite, nTorn < 0 ? k - 1 : k);
-                if (nTorn > 0) io.CutTransfer(FileOp::PWrite, k, (size_t)nTorn);
-                bOk = WriteIncrementFile(m_strPath, m_vFiles);
-                io.LosePower(NameLoss::Keep);
-            }
-            Verified v(m_strPath);
-            bool bWhole = ReadWholeFile(m_strPath) == m_strWhole;
-            if (v.Status() == BACKUPVERIFY_WHOLE) {
-                nAccepted++;
-                EXPECT_TRUE(bWhole) << "write " << k << " of " << nWrites << ", torn " << nTorn;
-            }
-            if (k == nWrites && nTorn == 0) {
-                EXPECT_TRUE(bOk);
-                EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
-            }
-        }
-    }
-    EXPECT_GE(nAccepted, 1);
 }
 
 namespace {
