@@ -1,26 +1,10 @@
-// The mark of a restore under way: a start over files a restore left half
-// rewritten is refused with a line that says so, until the mark is gone;
-// the mark, once set, survives a power loss, and so does its removal.
+// The mark of a restore under way survives a power loss, and so does its
+// removal. A start refused over the mark is the restore's tests'.
 #include "FaultFileIO.h"
 #include "PersistenceDb.h"
 #include "TalvorRestoreMark.h"
 
 using namespace talvortest;
-
-TEST(RestoreMark, AStartOverAnUnfinishedRestoreIsRefusedWithItsReason)
-{
-    PersistenceDb db;
-    ASSERT_TRUE(db.MakeDatabase());
-    ASSERT_TRUE(TalvorSetRestoreMark(db.SystemPath().c_str()));
-    EXPECT_EQ(E_FAIL, db.Start());
-    EXPECT_EQ(nullptr, db.Head());
-    EXPECT_TRUE(db.m_tree.Traced("A restore into this database did not finish")) << db.m_tree.Trace();
-    EXPECT_TRUE(db.m_tree.Traced(db.SystemPath()));
-    db.Stop();
-    ASSERT_TRUE(TalvorClearRestoreMark(db.SystemPath().c_str()));
-    EXPECT_EQ(S_OK, db.Start());
-    EXPECT_NE(nullptr, db.Head());
-}
 
 TEST(RestoreMark, TheMarkAndItsRemovalSurviveAPowerLoss)
 {
