@@ -1,7 +1,5 @@
-// File commands over a loaded database: the engine writes a command into a
-// file's row, the storage thread's walk carries it out and answers in the
-// row, and the list on disk and the files agree after every step — also when
-// the device dies or the power goes in the middle of a command.
+// File commands over a loaded database, asked in a row of the list as the
+// engine asks them, also with the device dying or the power going midway.
 #include "DbFileLayout.h"
 #include "FaultFileIO.h"
 #include "PersistenceDb.h"
@@ -109,6 +107,11 @@ public:
         m_db.Stop();
     }
     std::string NewPath(const std::string& strName) { return m_db.m_tree.Dir() + strName; }
+    HRESULT Restart()
+    {
+        m_db.Stop();
+        return m_db.Start();
+    }
 
     PersistenceDb m_db;
 };
@@ -139,8 +142,7 @@ TEST_F(FileCommands, AnAddOfEachMemoryTypeIsLoadedByTheNextStart)
         EXPECT_STREQ(NewPath("Add" + std::to_string(bType) + ".dbf").c_str(), DiskRow(bNo).m_lpszFilePath);
     }
     EXPECT_EQ("", ListAgreesWithFiles());
-    m_db.Stop();
-    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
     for (BYTE bNo = 6; bNo <= 8; bNo++) {
         ASSERT_NE(nullptr, m_db.File(bNo));
         EXPECT_EQ(4 * DB_MIB, Val(m_db.File(bNo)->m_liFileSize));
@@ -175,8 +177,7 @@ TEST_F(FileCommands, RefusedAddsAnswerTheirCodesAndMakeNothing)
     // The unsettled block stays off the disk; the next start reads the list
     // it had.
     EXPECT_EQ("", ListAgreesWithFiles());
-    m_db.Stop();
-    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
     EXPECT_EQ(nullptr, m_db.File(13));
 }
 
@@ -258,8 +259,7 @@ TEST_F(FileCommands, AFailedAddLeavesNothingBehind)
     LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_ADD, 40, FILETYPE_DATA, NewPath("Failed40.dbf"), "Again", 4 * DB_MIB});
     Serve();
     EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
-    m_db.Stop();
-    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
     EXPECT_NE(nullptr, m_db.File(40));
 }
 
@@ -302,8 +302,7 @@ TEST_F(FileCommands, AMoveRemovesTheOldFileOnlyOnceTheListNamesTheCopy)
     m_db.RandomChanges(100, rng);
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
     long long nCommitted = m_db.CommittedOnDisk();
-    m_db.Stop();
-    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
     EXPECT_STREQ(strNew.c_str(), m_db.File(3)->m_lpszFilePath);
     // The journal's rows of file 3 are read where the file now is.
     std::string strSaved = ReadWholeFile(strNew);
@@ -385,8 +384,7 @@ TEST_F(FileCommands, AFailedGrowthLeavesTheFileAsItWas)
     lpRow->m_bFileCMD = 0;
     MarkListChanged();
     m_db.Pass();
-    m_db.Stop();
-    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
 }
 
 // Two resizes of the system file in a row: each grows the file to exactly
@@ -449,10 +447,37 @@ TEST_F(FileCommands, ADeleteDropsTheRowOnDiskBeforeTheFileGoes)
     // A delete of a number nobody holds.
     Ask({FILECMD_ADD, 60, FILETYPE_DATA, NewPath("Sixty.dbf"), "Sixty", 4 * DB_MIB})->m_bFileCMD = FILECMD_DELETE;
     ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
-    m_db.Stop();
-    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
     EXPECT_EQ(nullptr, m_db.File(2));
     EXPECT_NE(nullptr, m_db.File(3));
+}
+
+// A list the engine settled again (a refusal taken back, a file renamed)
+// reaches the disk.
+TEST_F(FileCommands, ASettledListReachesTheDiskAgain)
+{
+    Row(4)->m_nFileSize = 2 * DB_MIB;
+    Row(4)->m_bFileCMD = FILECMD_RESIZE;
+    MarkListChanged();
+    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    ASSERT_EQ(FILECMD_RESIZE_FAILED, Val(Row(4)->m_bFileCMD));
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    Row(4)->m_nFileSize = 4 * DB_MIB;
+    Row(4)->m_bFileCMD = FILECMD_NONE;
+    snprintf(Row(4)->m_lpszTablespaceName, sizeof(Row(4)->m_lpszTablespaceName), "Renamed4");
+    MarkListChanged();
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_STREQ("Renamed4", DiskRow(4).m_lpszTablespaceName);
+}
+
+TEST_F(FileCommands, AFileListBlockOfAnotherKindStopsTheWalk)
+{
+    ListBlock()->m_nBlockDataStructSize = 352;
+    EXPECT_EQ(E_FAIL, m_db.Module().FileCMD(&m_db.m_stCrit));
+    ListBlock()->m_nBlockDataStructSize = (int)sizeof(FILE_MEMDBFILEINFO);
+    EXPECT_TRUE(m_db.m_tree.Traced("10060002 MemFileCMD The structure size of data block has changed, "
+                                   "current system value: 348, recorded value: 352"));
+    EXPECT_TRUE(m_db.m_tree.Traced("Failed to load memory file data in system file"));
 }
 
 namespace {
@@ -612,8 +637,7 @@ TEST_F(FileCommands, ADeleteOfAFileGoneFromTheDiskStillSucceeds)
     EXPECT_EQ(nullptr, m_db.File(4));
     EXPECT_TRUE(m_db.m_tree.Traced("10060042 MemFileCMD The system received the command to delete the physical file "
                                    "path but failed to delete the disk file, error code: 2, original file number: 4"));
-    m_db.Stop();
-    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
     EXPECT_EQ(nullptr, m_db.File(4));
 }
 
