@@ -1,8 +1,5 @@
 // Cluster commands over a loaded database, run as the storage thread runs
-// them: the final code, the result and both forbid flags of every code; the
-// standby slots against real sockets; the full backup checked byte for byte
-// against the files on disk, its abort, and its refusal of a directory the
-// operator did not name; taking the database apart and a rebuild that fails.
+// them; the standby slots against real sockets.
 #include "FaultFileIO.h"
 #include "LogManager.h"
 #include "MemDBBackupDef.h"
