@@ -85,9 +85,7 @@ TEST_F(BackupVerifyTest, MoreThan27FilesTakeALargerHeadArea)
     EXPECT_EQ(BACKUPVERIFY_BADHEAD, v.Status());
 }
 
-// Every cut of the file is refused as a cut: inside the fixed head, inside
-// a record, between records, in the rest of the head area, inside and
-// between the copies, one byte short; and a sweep of lengths in between.
+// Cuts at every boundary of the layout, and a sweep of lengths in between.
 TEST_F(BackupVerifyTest, EveryCutIsRefused)
 {
     const long long nWhole = (long long)m_strWhole.size();
@@ -255,8 +253,6 @@ TEST_F(BackupVerifyTest, MissingOrOddFileIsUnreadable)
     EXPECT_EQ(BACKUPVERIFY_UNREADABLE, vDir.Status());
 }
 
-// The verifier writes nothing, opens read-only, and reads the head area
-// and one file head per copy, whatever the size of the copies.
 TEST_F(BackupVerifyTest, ReadsLittleAndWritesNothing)
 {
     std::vector<DbFile> vBig = SampleFiles(m_tree);

@@ -347,8 +347,7 @@ TEST_F(ClusterCommands, AnAbortedBackupLeavesNoFileAndTheArchiverIsNotTold)
     }
 }
 
-// Where a backup goes with two destinations, and the replacement of one of
-// the same timestamp, run end to end (BackupFull).
+// Two destinations and a backup replaced run end to end (BackupFull).
 TEST_F(ClusterCommands, ABackupIsRefusedWithoutAnAbsoluteFirstDestinationOfItsLength)
 {
     const std::string strRoot = m_db.m_tree.Dir();

@@ -123,8 +123,6 @@ protected:
 
 } // namespace
 
-// A new file of each memory-mode type is made whole, named by the list on
-// disk after the pass, and loaded by the next start.
 TEST_F(FileCommands, AnAddOfEachMemoryTypeIsLoadedByTheNextStart)
 {
     LPFILE_MEMDBFILEINFO arRows[3];
@@ -149,8 +147,7 @@ TEST_F(FileCommands, AnAddOfEachMemoryTypeIsLoadedByTheNextStart)
     }
 }
 
-// The walk answers every refusal of an add in its row, in the order of the
-// tests, and makes nothing; a second system file stops the block's walk.
+// A second system file stops the block's walk: the add behind it waits.
 TEST_F(FileCommands, RefusedAddsAnswerTheirCodesAndMakeNothing)
 {
     LPFILE_MEMDBFILEINFO lpNumber = Ask({FILECMD_ADD, 2, FILETYPE_DATA, NewPath("N.dbf"), "N", 4 * DB_MIB});
@@ -181,8 +178,6 @@ TEST_F(FileCommands, RefusedAddsAnswerTheirCodesAndMakeNothing)
     EXPECT_EQ(nullptr, m_db.File(13));
 }
 
-// A path that leaves the database's directories is refused before anything
-// is made there or removed from there.
 TEST_F(FileCommands, HostilePathsAreRefused)
 {
     std::string strOutside = m_db.m_tree.Root() + "-outside";
@@ -217,8 +212,6 @@ TEST_F(FileCommands, HostilePathsAreRefused)
     rmdir(strOutside.c_str());
 }
 
-// A failed add — the device full, the directory refused — leaves no file,
-// no descriptor, no table entry, and says so in its row.
 TEST_F(FileCommands, AFailedAddLeavesNothingBehind)
 {
     struct Fault {
@@ -263,8 +256,6 @@ TEST_F(FileCommands, AFailedAddLeavesNothingBehind)
     EXPECT_NE(nullptr, m_db.File(40));
 }
 
-// A move: the copy is whole, synced and open, and the list on disk names
-// it, before the old file goes; the next start loads the moved file.
 TEST_F(FileCommands, AMoveRemovesTheOldFileOnlyOnceTheListNamesTheCopy)
 {
     std::mt19937 rng(5);
@@ -334,8 +325,6 @@ TEST_F(FileCommands, RefusedMovesLeaveTheFileWhereItIs)
     EXPECT_TRUE(PathExists(m_db.PathOf(4)));
 }
 
-// A move whose copy fails (the device fills) removes the half copy and
-// keeps the file open where it was.
 TEST_F(FileCommands, AFailedMoveRemovesTheHalfCopy)
 {
     const std::string strNew = NewPath("Half.dbf");
@@ -363,8 +352,6 @@ TEST_F(FileCommands, AFailedMoveRemovesTheHalfCopy)
     EXPECT_EQ(0, m_db.CheckDisk(m_db.CommittedOnDisk()).m_nViolations);
 }
 
-// A resize whose growth fails leaves the file, its head and its image as
-// they were.
 TEST_F(FileCommands, AFailedGrowthLeavesTheFileAsItWas)
 {
     const std::string strBefore = ReadWholeFile(m_db.PathOf(2));
@@ -421,8 +408,6 @@ TEST_F(FileCommands, TwoSystemFileResizesReachExactlyTheSizeAsked)
     EXPECT_EQ(nStart + 12 * DB_MIB, Val(m_db.File(1)->m_liFileSize));
 }
 
-// A delete: the row goes dropped to the disk before the file is removed;
-// the next start loads the database without it.
 TEST_F(FileCommands, ADeleteDropsTheRowOnDiskBeforeTheFileGoes)
 {
     const std::string strPath = m_db.PathOf(2);
@@ -452,8 +437,6 @@ TEST_F(FileCommands, ADeleteDropsTheRowOnDiskBeforeTheFileGoes)
     EXPECT_NE(nullptr, m_db.File(3));
 }
 
-// A list the engine settled again (a refusal taken back, a file renamed)
-// reaches the disk.
 TEST_F(FileCommands, ASettledListReachesTheDiskAgain)
 {
     Row(4)->m_nFileSize = 2 * DB_MIB;
@@ -626,8 +609,6 @@ TEST(FileCommandCrashes, EveryStepOfEveryCommandLeavesADatabaseThatStarts)
     }
 }
 
-// A delete whose disk file is already gone still counts as a delete: it is
-// named in the trace, and the row says 0.
 TEST_F(FileCommands, ADeleteOfAFileGoneFromTheDiskStillSucceeds)
 {
     ASSERT_EQ(0, unlink(m_db.PathOf(4).c_str()));

@@ -179,7 +179,6 @@ TEST_F(SystemFileList, RowsPastOneBlockAreAllRead)
     for (BYTE n = 2; n <= 7; n++) EXPECT_TRUE(SegmentExists(n)) << int(n);
 }
 
-// Each damage of the list stops the start, told by the line that names it.
 TEST_F(SystemFileList, DamagedListStopsTheStart)
 {
     struct Case {
