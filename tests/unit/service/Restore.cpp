@@ -623,3 +623,27 @@ TEST_F(Restore, CommandWhoseRestoreFailsPartWayLeavesTheMarkAndNoStartOnTheMixtu
     EXPECT_FALSE(TalvorRestoreMarkPresent(m_db.SystemPath().c_str()));
     ExpectFiles(vCopy);
 }
+
+// The mark, once set, survives a power loss, and so does its removal.
+TEST(RestoreMark, TheMarkAndItsRemovalSurviveAPowerLoss)
+{
+    PersistenceDb db;
+    ASSERT_TRUE(db.MakeDatabase());
+    const std::string strSystem = db.SystemPath();
+    {
+        FaultFileIO io;
+        ScopedFileIO scoped(&io);
+        ASSERT_TRUE(TalvorSetRestoreMark(strSystem.c_str()));
+        io.LosePower();
+    }
+    EXPECT_TRUE(TalvorRestoreMarkPresent(strSystem.c_str()));
+    {
+        FaultFileIO io;
+        ScopedFileIO scoped(&io);
+        ASSERT_TRUE(TalvorClearRestoreMark(strSystem.c_str()));
+        io.LosePower();
+    }
+    EXPECT_FALSE(TalvorRestoreMarkPresent(strSystem.c_str()));
+    // Clearing with no mark is no failure.
+    EXPECT_TRUE(TalvorClearRestoreMark(strSystem.c_str()));
+}
