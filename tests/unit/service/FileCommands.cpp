@@ -64,6 +64,15 @@ public:
         MarkListChanged();
         return lpRow;
     }
+    // The engine takes its request back: the row names strPath and nSize
+    // (when given) and carries no command.
+    void TakeBack(LPFILE_MEMDBFILEINFO lpRow, const std::string& strPath = "", long long nSize = 0)
+    {
+        if (!strPath.empty()) snprintf(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath), "%s", strPath.c_str());
+        if (nSize > 0) lpRow->m_nFileSize = nSize;
+        lpRow->m_bFileCMD = 0;
+        MarkListChanged();
+    }
     // The storage thread's turn: the walk, then the pass.
     void Serve()
     {
@@ -343,9 +352,7 @@ TEST_F(FileCommands, AFailedMoveRemovesTheHalfCopy)
     // list as the image has it, and the next start loads what it names.
     EXPECT_STREQ(m_db.PathOf(2).c_str(), lpRow->m_lpszFilePath);
     // The engine takes the request back; the file keeps taking passes.
-    snprintf(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath), "%s", m_db.PathOf(2).c_str());
-    lpRow->m_bFileCMD = 0;
-    MarkListChanged();
+    TakeBack(lpRow, m_db.PathOf(2));
     std::mt19937 rng(9);
     m_db.RandomChanges(50, rng);
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
@@ -354,7 +361,6 @@ TEST_F(FileCommands, AFailedMoveRemovesTheHalfCopy)
 
 TEST_F(FileCommands, AFailedGrowthLeavesTheFileAsItWas)
 {
-    const std::string strBefore = ReadWholeFile(m_db.PathOf(2));
     LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_RESIZE, 2, 0, "", "", 12 * DB_MIB});
     m_db.Pass();
     {
@@ -367,9 +373,7 @@ TEST_F(FileCommands, AFailedGrowthLeavesTheFileAsItWas)
     EXPECT_EQ(4 * DB_MIB, FileSizeOf(m_db.PathOf(2)));
     EXPECT_EQ(4 * DB_MIB, Val(m_db.FileHead(2)->m_nFileTotalSize));
     EXPECT_EQ(4 * DB_MIB, Val(m_db.File(2)->m_liFileSize));
-    lpRow->m_nFileSize = 4 * DB_MIB;
-    lpRow->m_bFileCMD = 0;
-    MarkListChanged();
+    TakeBack(lpRow, "", 4 * DB_MIB);
     m_db.Pass();
     ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
 }
@@ -394,9 +398,7 @@ TEST_F(FileCommands, TwoSystemFileResizesReachExactlyTheSizeAsked)
     ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
     EXPECT_EQ(FILECMD_RESIZE_FAILED, Val(lpRow->m_bFileCMD));
     EXPECT_EQ(nStart + 12 * DB_MIB, FileSizeOf(m_db.SystemPath()));
-    lpRow->m_nFileSize = nStart + 12 * DB_MIB;
-    lpRow->m_bFileCMD = 0;
-    MarkListChanged();
+    TakeBack(lpRow, "", nStart + 12 * DB_MIB);
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
 
     KillStop();
@@ -649,9 +651,7 @@ TEST(FileCommandMoveBack, AMoveTheListCannotRecordGoesBackToTheOldFile)
         EXPECT_TRUE(PathExists(e.m_db.PathOf(3)));
         EXPECT_STREQ(e.m_db.PathOf(3).c_str(), e.DiskRow(3).m_lpszFilePath);
         // The engine takes the request back; the file keeps taking passes.
-        snprintf(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath), "%s", e.m_db.PathOf(3).c_str());
-        lpRow->m_bFileCMD = 0;
-        e.MarkListChanged();
+        e.TakeBack(lpRow, e.m_db.PathOf(3));
         e.m_db.RandomChanges(100, rng);
         ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, e.m_db.Pass());
         long long nCommitted = e.m_db.CommittedOnDisk();
