@@ -254,50 +254,7 @@ TEST_F(Restore, IncrementsApplyInRisingLevelOverTheFullBackupAndCreateMissingFil
     EXPECT_TRUE(ReadWholeFile(m_strNewFile) == strNew);
 }
 
-TEST_F(Restore, TheRestoreMarkStandsFromTheFirstByteWrittenUntilTheLastLevelIsOnTheMedium)
-{
-    std::mt19937 rng(17);
-    MakeChain(rng);
-    m_db.Stop();
-    WriteChain(m_arChain);
-    const std::string strSystem = m_db.SystemPath();
-    const std::string strBackupDir = m_strArchive + "/Backup/";
-    long long nFirstLevel1Write = 0;
-    {
-        FaultFileIO io;
-        io.PassThrough(m_db.m_tree.LogDir());
-        ScopedFileIO scoped(&io);
-        long long nDatabaseWrites = 0, nUnmarked = 0;
-        io.OnCall(FileOp::PWrite, [&](const FileCall& call) {
-            if (call.m_strPath.compare(0, strBackupDir.size(), strBackupDir) == 0) return;
-            if (call.m_strPath.find(".restoring") != std::string::npos) return;
-            nDatabaseWrites++;
-            if (!TalvorRestoreMarkPresent(strSystem.c_str())) nUnmarked++;
-            // Only the level 1 writes the file the full backup lacks.
-            if (call.m_strPath == m_strNewFile && nFirstLevel1Write == 0) nFirstLevel1Write = call.m_nNth;
-        });
-        ASSERT_TRUE(RestoreTo(m_nLevel2));
-        EXPECT_GT(nDatabaseWrites, 0);
-        EXPECT_EQ(0, nUnmarked);
-    }
-    EXPECT_FALSE(TalvorRestoreMarkPresent(strSystem.c_str()));
-    ASSERT_GT(nFirstLevel1Write, 0);
-    // A write that fails in the level 1 (the device still there to clear
-    // the mark) leaves it; run again to its end, the restore removes it.
-    {
-        FaultFileIO io;
-        io.PassThrough(m_db.m_tree.LogDir());
-        ScopedFileIO scoped(&io);
-        io.FailCall(FileOp::PWrite, nFirstLevel1Write, EIO);
-        EXPECT_FALSE(RestoreTo(m_nLevel2));
-    }
-    EXPECT_TRUE(m_db.m_tree.Traced("Failed to write data file")) << m_db.m_tree.Trace();
-    EXPECT_TRUE(TalvorRestoreMarkPresent(strSystem.c_str()));
-    ASSERT_TRUE(RestoreTo(m_nLevel2));
-    EXPECT_FALSE(TalvorRestoreMarkPresent(strSystem.c_str()));
-}
-
-TEST_F(Restore, APowerLossAtAnyWriteLeavesEitherAWholeDatabaseOrAStartThatRefuses)
+TEST_F(Restore, TheMarkStandsAtEveryWriteAndAPowerLossLeavesAWholeDatabaseOrAStartThatRefuses)
 {
     std::mt19937 rng(23);
     MakeChain(rng);
@@ -313,21 +270,48 @@ TEST_F(Restore, APowerLossAtAnyWriteLeavesEitherAWholeDatabaseOrAStartThatRefuse
         for (int n = 1; n <= DB_FILES; n++) ASSERT_TRUE(WriteWholeFile(m_db.PathOf(n), vOriginal[(size_t)n - 1]));
         unlink(m_strNewFile.c_str());
     }
-    long long nWrites = 0;
+    // A run to its end counts the writes; the mark stands at every write to
+    // a database file, and is gone after the last.
+    const std::string strSystem = m_db.SystemPath();
+    const std::string strBackupDir = m_strArchive + "/Backup/";
+    long long nWrites = 0, nDatabaseWrites = 0, nUnmarked = 0, nFirstLevel1Write = 0;
     {
         FaultFileIO io;
         io.PassThrough(m_db.m_tree.LogDir());
         ScopedFileIO scoped(&io);
+        io.OnCall(FileOp::PWrite, [&](const FileCall& call) {
+            if (call.m_strPath.compare(0, strBackupDir.size(), strBackupDir) == 0) return;
+            if (call.m_strPath.find(".restoring") != std::string::npos) return;
+            nDatabaseWrites++;
+            if (!TalvorRestoreMarkPresent(strSystem.c_str())) nUnmarked++;
+            // Only the level 1 writes the file the full backup lacks.
+            if (call.m_strPath == m_strNewFile && nFirstLevel1Write == 0) nFirstLevel1Write = call.m_nNth;
+        });
         ASSERT_TRUE(RestoreTo(m_nLevel2));
         nWrites = io.Calls(FileOp::PWrite);
     }
     ASSERT_GT(nWrites, 10);
+    EXPECT_GT(nDatabaseWrites, 0);
+    EXPECT_EQ(0, nUnmarked);
+    EXPECT_FALSE(TalvorRestoreMarkPresent(strSystem.c_str()));
+    ASSERT_GT(nFirstLevel1Write, 0);
+    // A write that fails in the level 1 (the device still there to clear
+    // the mark) leaves it.
+    {
+        FaultFileIO io;
+        io.PassThrough(m_db.m_tree.LogDir());
+        ScopedFileIO scoped(&io);
+        io.FailCall(FileOp::PWrite, nFirstLevel1Write, EIO);
+        EXPECT_FALSE(RestoreTo(m_nLevel2));
+    }
+    EXPECT_TRUE(m_db.m_tree.Traced("Failed to write data file")) << m_db.m_tree.Trace();
+    EXPECT_TRUE(TalvorRestoreMarkPresent(strSystem.c_str()));
     int nRefused = 0;
     for (long long nDieAt : {1LL, 2LL, 3LL, nWrites / 4, nWrites / 2, nWrites - 2, nWrites - 1, nWrites}) {
         SCOPED_TRACE(nDieAt);
         for (int n = 1; n <= DB_FILES; n++) ASSERT_TRUE(WriteWholeFile(m_db.PathOf(n), vOriginal[(size_t)n - 1]));
         unlink(m_strNewFile.c_str());
-        ASSERT_TRUE(TalvorClearRestoreMark(m_db.SystemPath().c_str()));
+        ASSERT_TRUE(TalvorClearRestoreMark(strSystem.c_str()));
         {
             FaultFileIO io;
             io.PassThrough(m_db.m_tree.LogDir());
