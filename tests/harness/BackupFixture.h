@@ -91,13 +91,6 @@ inline std::vector<DbFile> ManyFiles(const talvortest::TempTree& tree, int nCoun
     return v;
 }
 
-inline bool WriteDbFiles(const std::vector<DbFile>& vFiles)
-{
-    for (const DbFile& f : vFiles)
-        if (!talvortest::WriteWholeFile(f.m_strPath, DbFileBytes(f))) return false;
-    return true;
-}
-
 // The head area as it is first written: the fixed part filled in, the
 // records zero.
 inline std::string PlaceholderHead(int nFileNum)

@@ -431,12 +431,22 @@ TEST_F(FileCommands, ADeleteDropsTheRowOnDiskBeforeTheFileGoes)
     EXPECT_FALSE(PathExists(strPath));
     EXPECT_EQ(nullptr, m_db.File(2));
     EXPECT_EQ("", ListAgreesWithFiles());
+    // A delete whose file is already gone from the disk still succeeds.
+    ASSERT_EQ(0, unlink(m_db.PathOf(4).c_str()));
+    LPFILE_MEMDBFILEINFO lpGone = Ask({FILECMD_DELETE, 4, 0, "", "", 0});
+    Serve();
+    EXPECT_EQ(FILECMD_NONE, Val(lpGone->m_bFileCMD));
+    EXPECT_EQ(nullptr, m_db.File(4));
+    EXPECT_TRUE(m_db.m_tree.Traced("10060042 MemFileCMD The system received the command to delete the physical "
+                                   "file path but failed to delete the disk file, error code: 2, original file "
+                                   "number: 4"));
     // A delete of a number nobody holds.
     Ask({FILECMD_ADD, 60, FILETYPE_DATA, NewPath("Sixty.dbf"), "Sixty", 4 * DB_MIB})->m_bFileCMD = FILECMD_DELETE;
     ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
     ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
     EXPECT_EQ(nullptr, m_db.File(2));
     EXPECT_NE(nullptr, m_db.File(3));
+    EXPECT_EQ(nullptr, m_db.File(4));
 }
 
 TEST_F(FileCommands, ASettledListReachesTheDiskAgain)
@@ -609,19 +619,6 @@ TEST(FileCommandCrashes, EveryStepOfEveryCommandLeavesADatabaseThatStarts)
             }
         }
     }
-}
-
-TEST_F(FileCommands, ADeleteOfAFileGoneFromTheDiskStillSucceeds)
-{
-    ASSERT_EQ(0, unlink(m_db.PathOf(4).c_str()));
-    LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_DELETE, 4, 0, "", "", 0});
-    Serve();
-    EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
-    EXPECT_EQ(nullptr, m_db.File(4));
-    EXPECT_TRUE(m_db.m_tree.Traced("10060042 MemFileCMD The system received the command to delete the physical file "
-                                   "path but failed to delete the disk file, error code: 2, original file number: 4"));
-    ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
-    EXPECT_EQ(nullptr, m_db.File(4));
 }
 
 // A move whose copy is whole but whose row cannot reach the list on disk
