@@ -68,7 +68,8 @@ public:
     // (when given) and carries no command.
     void TakeBack(LPFILE_MEMDBFILEINFO lpRow, const std::string& strPath = "", long long nSize = 0)
     {
-        if (!strPath.empty()) snprintf(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath), "%s", strPath.c_str());
+        if (!strPath.empty())
+            snprintf(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath), "%s", strPath.c_str());
         if (nSize > 0) lpRow->m_nFileSize = nSize;
         lpRow->m_bFileCMD = 0;
         MarkListChanged();
@@ -437,9 +438,9 @@ TEST_F(FileCommands, ADeleteDropsTheRowOnDiskBeforeTheFileGoes)
     Serve();
     EXPECT_EQ(FILECMD_NONE, Val(lpGone->m_bFileCMD));
     EXPECT_EQ(nullptr, m_db.File(4));
-    EXPECT_TRUE(m_db.m_tree.Traced("10060042 MemFileCMD The system received the command to delete the physical "
-                                   "file path but failed to delete the disk file, error code: 2, original file "
-                                   "number: 4"));
+    EXPECT_TRUE(m_db.m_tree.Traced("10060042 MemFileCMD The system received the command to delete the "
+                                   "physical file path but failed to delete the disk file, error code: 2, "
+                                   "original file number: 4"));
     // A delete of a number nobody holds.
     Ask({FILECMD_ADD, 60, FILETYPE_DATA, NewPath("Sixty.dbf"), "Sixty", 4 * DB_MIB})->m_bFileCMD = FILECMD_DELETE;
     ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
