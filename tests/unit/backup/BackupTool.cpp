@@ -1,6 +1,5 @@
-// talvor-backup verify on an incremental backup: exit status 0 for a whole
-// one and what a restore would apply over which backup in its output. The
-// full backup, its refusals and the command line run end to end.
+// talvor-backup verify on an incremental backup. The full backup, its
+// refusals and the command line run end to end.
 #include "BackupIncrementFixture.h"
 #include "BackupTool.h"
 

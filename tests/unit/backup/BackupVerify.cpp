@@ -1,16 +1,18 @@
-// The offline backup verifier: a whole full backup passes and tells what a
-// restore would write; a file cut anywhere, a head never finished or torn,
-// a record out of bounds or at odds with another, and a copied file whose
-// head is not the one its record names are all refused — and the verifier
-// reads little and writes nothing while it decides.
-#include "BackupFixture.h"
+// The offline backup verifier on full and incremental backups and chains
+// made here (not by the daemon, so that it is checked against the format and
+// not the writer it checks). Power lost at any write is checked against the
+// daemon's own writers (BackupPowerLoss).
+#include "BackupIncrementFixture.h"
 #include "FaultFileIO.h"
 #include "PackedValue.h"
+#include "TalvorBackupChain.h"
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <set>
 
 using namespace backuptest;
@@ -28,16 +30,9 @@ protected:
         m_strPath = m_tree.Path("TalvorBackup880044.fbk");
     }
 
-    // The status of the whole backup after fnChange has spoilt it.
-    int StatusAfter(const std::function<void(std::string&)>& fnChange, std::string* pstrFinding = nullptr)
+    int StatusAfter(const std::function<void(std::string&)>& fnChange)
     {
-        std::string strBackup = m_strWhole;
-        fnChange(strBackup);
-        EXPECT_TRUE(WriteWholeFile(m_strPath, strBackup));
-        Verified v(m_strPath);
-        if (pstrFinding != nullptr) *pstrFinding = v.Finding();
-        EXPECT_EQ(v.Status() == BACKUPVERIFY_WHOLE, v.Finding().empty()) << v.Finding();
-        return v.Status();
+        return StatusAfterChange(m_strPath, m_strWhole, fnChange);
     }
 
     // Where file nIndex's copy starts in the whole backup.
@@ -95,9 +90,7 @@ TEST_F(BackupVerifyTest, MoreThan27FilesTakeALargerHeadArea)
     EXPECT_EQ(BACKUPVERIFY_BADHEAD, v.Status());
 }
 
-// Every cut of the file is refused as a cut: inside the fixed head, inside
-// a record, between records, in the rest of the head area, inside and
-// between the copies, one byte short; and a sweep of lengths in between.
+// Cuts at every boundary of the layout, and a sweep of lengths in between.
 TEST_F(BackupVerifyTest, EveryCutIsRefused)
 {
     const long long nWhole = (long long)m_strWhole.size();
@@ -265,8 +258,6 @@ TEST_F(BackupVerifyTest, MissingOrOddFileIsUnreadable)
     EXPECT_EQ(BACKUPVERIFY_UNREADABLE, vDir.Status());
 }
 
-// The verifier writes nothing, opens read-only, and reads the head area
-// and one file head per copy, whatever the size of the copies.
 TEST_F(BackupVerifyTest, ReadsLittleAndWritesNothing)
 {
     std::vector<DbFile> vBig = SampleFiles(m_tree);
@@ -307,4 +298,272 @@ TEST_F(BackupVerifyTest, ReadFailureIsUnreadableNotWhole)
         else
             EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << "read " << nNth;
     }
+}
+
+// Incremental backups.
+namespace {
+
+class BackupIncrementTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_tree.Ok());
+        m_vFiles = SampleIncrement(m_tree);
+        m_strWhole = IncrementImage(m_vFiles);
+        m_strPath = m_tree.Path("TalvorBackup990077.fbk");
+    }
+
+    int StatusAfter(const std::function<void(std::string&)>& fnChange)
+    {
+        return StatusAfterChange(m_strPath, m_strWhole, fnChange);
+    }
+
+    static LPBACKUPINCREMENTHEAD Page(std::string& s, long long nPos) { return PageAt(s, nPos); }
+    static LPBACKUPINCREMENTITEM Item(std::string& s, long long nPage, int nItem)
+    {
+        return &Page(s, nPage)->m_pBlockItem[nItem];
+    }
+    long long FirstPage(int nFile) { return Val(Record(m_strWhole, nFile)->m_nDataStartOffset); }
+    long long SecondPage(int nFile) { return Val(Page(m_strWhole, FirstPage(nFile))->m_nNextPos); }
+
+    TempTree m_tree{"bverify"};
+    std::vector<IncFile> m_vFiles;
+    std::string m_strWhole;
+    std::string m_strPath;
+};
+
+} // namespace
+
+TEST_F(BackupIncrementTest, WholeIncrementPassesAndListsWhatARestoreApplies)
+{
+    ASSERT_TRUE(WriteWholeFile(m_strPath, m_strWhole));
+    Verified v(m_strPath);
+    ASSERT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
+    const BACKUPVERIFYREPORT& r = v.Report();
+    EXPECT_EQ(1, r.m_nLevel);
+    EXPECT_EQ(INCREMENT_TIMESTAMP, r.m_nTimestamp);
+    EXPECT_EQ(INCREMENT_REFER, r.m_nReferTimestamp);
+    ASSERT_EQ((int)m_vFiles.size(), r.m_nItemNum);
+    for (size_t i = 0; i < m_vFiles.size(); i++) {
+        const BACKUPRESTOREITEM& it = r.m_arItem[i];
+        long long nBytes = 0;
+        for (const Piece& p : m_vFiles[i].m_vPieces)
+            nBytes += p.m_nSize;
+        EXPECT_STREQ(m_vFiles[i].m_stFile.m_strPath.c_str(), it.m_lpszFilePath);
+        EXPECT_EQ((int)m_vFiles[i].m_vPieces.size(), it.m_nPieceNum) << i;
+        EXPECT_EQ(nBytes, it.m_nCopiedSize) << i;
+        EXPECT_EQ(m_vFiles[i].m_vPieces.empty() ? 0 : m_vFiles[i].m_stFile.m_nTimestamp, it.m_nHeadTimestamp) << i;
+    }
+    // The data file's 334 items take two pages, the first one full.
+    EXPECT_EQ(BACKUP_INCREMENT_MAX_ITEMS, Val(Page(m_strWhole, FirstPage(1))->m_nIncrementBlockNum));
+    EXPECT_NE(0, SecondPage(1));
+    EXPECT_EQ(334 - BACKUP_INCREMENT_MAX_ITEMS, Val(Page(m_strWhole, SecondPage(1))->m_nIncrementBlockNum));
+    // The unchanged file has a record and no data.
+    EXPECT_EQ(0, Val(Record(m_strWhole, 2)->m_nDataStartOffset));
+}
+
+TEST_F(BackupIncrementTest, EveryCutIsRefused)
+{
+    const long long nWhole = (long long)m_strWhole.size();
+    std::set<long long> setCuts = {0, 131, 8191, 8192, nWhole - 1};
+    for (int i : {0, 1, 3}) {
+        setCuts.insert(FirstPage(i));
+        setCuts.insert(FirstPage(i) + 20);
+        setCuts.insert(FirstPage(i) + 8191);
+        setCuts.insert(FirstPage(i) + 8192 + 10);
+        setCuts.insert(Val(Record(m_strWhole, i)->m_nDataEndOffset) - 1);
+    }
+    setCuts.insert(SecondPage(1));
+    setCuts.insert(SecondPage(1) + 4000);
+    for (long long n = 0; n < nWhole; n += 1999)
+        setCuts.insert(n);
+    for (long long nCut : setCuts) {
+        ASSERT_TRUE(WriteWholeFile(m_strPath, m_strWhole.substr(0, (size_t)nCut)));
+        Verified v(m_strPath);
+        EXPECT_EQ(BACKUPVERIFY_TRUNCATED, v.Status()) << "cut at " << nCut << ": " << v.Finding();
+    }
+}
+
+TEST_F(BackupIncrementTest, HeadFaultsAreRefused)
+{
+    auto Head = [](std::string& s) { return (LPBACKUPFILEHEAD)&s[0]; };
+    EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_nReferTimestamp = 0; }));
+    EXPECT_EQ(BACKUPVERIFY_BADHEAD,
+              StatusAfter([&](std::string& s) { Head(s)->m_nReferTimestamp = INCREMENT_TIMESTAMP; }));
+    EXPECT_EQ(BACKUPVERIFY_UNFINISHED, StatusAfter([&](std::string& s) {
+                  std::string strPlaceholder = PlaceholderHead((int)m_vFiles.size());
+                  s.replace(0, strPlaceholder.size(), strPlaceholder);
+              }));
+    // A full backup's copies read as pages are no pages.
+    EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) {
+                  std::vector<DbFile> vFull = SampleFiles(m_tree);
+                  s = WholeBackup(vFull);
+                  Head(s)->m_bLevel = 1;
+                  Head(s)->m_nReferTimestamp = 5;
+              }));
+}
+
+TEST_F(BackupIncrementTest, PageFaultsAreRefused)
+{
+    // A page never rewritten: a place-holder holds no item.
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) {
+                  std::string strEmpty;
+                  AppendPage(strEmpty);
+                  s.replace((size_t)FirstPage(3), strEmpty.size(), strEmpty);
+              }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
+              StatusAfter([&](std::string& s) { Page(s, FirstPage(0))->m_nDataFlag = BLOCK_DATAFLAG; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Page(s, FirstPage(0))->m_nBlockSize = 4096; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
+              StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nIncrementBlockNum = 291; }));
+    // More items than a page holds would have the walk read past the page.
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
+              StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nIncrementBlockNum = 100000; }));
+    // The full first page cut back: its last items seem to be missing, the
+    // next page is where the run does not expect it.
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
+              StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nIncrementBlockNum = 289; }));
+    // A chain that stops after the first page, skips or loops.
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nNextPos = 0; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
+              StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nNextPos = SecondPage(1) + 512; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
+              StatusAfter([&](std::string& s) { Page(s, SecondPage(1))->m_nNextPos = FirstPage(1); }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
+              StatusAfter([&](std::string& s) { Page(s, SecondPage(1))->m_nNextPos = SecondPage(1); }));
+    // A record whose data ends before or after its pages.
+    EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Record(s, 3)->m_nDataEndOffset -= 512; }));
+    EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Record(s, 0)->m_nDataEndOffset -= 1; }));
+    EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Record(s, 0)->m_nDataEndOffset += 1; }));
+    // A changed file's data must follow the changed one before it.
+    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 3)->m_nDataStartOffset += 8192; }));
+    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 2)->m_nDataEndOffset = 8192; }));
+}
+
+TEST_F(BackupIncrementTest, ItemFaultsAreRefused)
+{
+    long long nPage = FirstPage(0);
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 1)->m_nBlockType = 4; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 0)->m_nBlockType = 3; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockType = 1; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 0)->m_nBlockFilePos = 512; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockDataPos += 1; }));
+    // Longer than the block it names: the next item's data is not where it
+    // says, or the block's own size differs.
+    EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockSize += 512; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockSize = 0; }));
+    // Pieces too short to hold a map block's or a block's head.
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 1)->m_nBlockSize = 24; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockSize = 40; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
+              StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockFilePos = 1048576 - 1024; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockFilePos = -2048; }));
+}
+
+TEST_F(BackupIncrementTest, PieceThatIsNotWhatItsItemNamesIsRefused)
+{
+    long long nPage = FirstPage(0);
+    auto At = [&](std::string& s, int nItem) {
+        return &s[(size_t)Val(Item(m_strWhole, nPage, nItem)->m_nBlockDataPos)];
+    };
+    // The copied head.
+    EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) { ((LPBASEFILEHEAD)At(s, 0))->m_bFileNo = 3; }));
+    // A map block: mark, number; a memory-mode file with the cache mode's mark.
+    EXPECT_EQ(BACKUPVERIFY_BADMARK,
+              StatusAfter([&](std::string& s) { ((LPBASEFILEBLOCKMAPHEAD)At(s, 1))->m_nMapNo = 2; }));
+    EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) {
+                  ((LPBASEFILEBLOCKMAPHEAD)At(s, 1))->m_nDataFlag = BLOCKMAP_CACHE_DATAFLAG;
+              }));
+    // A block: mark, number, size.
+    EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) { ((LPBASEBLOCKHEAD)At(s, 2))->m_nDataFlag = 0; }));
+    EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) { ((LPBASEBLOCKHEAD)At(s, 3))->m_nBlockNo = 1; }));
+    EXPECT_EQ(BACKUPVERIFY_BADMARK,
+              StatusAfter([&](std::string& s) { ((LPBASEBLOCKHEAD)At(s, 3))->m_nBlockSize = 4096; }));
+    // Item and piece agree on another number: the piece is that block.
+    EXPECT_EQ(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) {
+                  Item(s, nPage, 3)->m_nBlockNo = 77;
+                  ((LPBASEBLOCKHEAD)At(s, 3))->m_nBlockNo = 77;
+              }));
+}
+
+namespace {
+
+struct ChainVerdict {
+    int m_nStatus;
+    int m_nLinkNum;
+    std::string m_strFinding;
+    std::vector<int> m_vLinkStatus;
+};
+
+ChainVerdict VerifyChainAt(const std::string& strTop)
+{
+    std::unique_ptr<BACKUPCHAINREPORT> pReport(new BACKUPCHAINREPORT);
+    ChainVerdict v;
+    v.m_nStatus = TalvorVerifyBackupChain(strTop.c_str(), pReport.get());
+    v.m_nLinkNum = pReport->m_nLinkNum;
+    v.m_strFinding = pReport->m_szFinding;
+    for (int i = 0; i < pReport->m_nLinkNum; i++) v.m_vLinkStatus.push_back(pReport->m_arLink[i].m_nStatus);
+    return v;
+}
+
+} // namespace
+
+TEST_F(BackupIncrementTest, AChainIsWholeOnlyWithEveryLinkThereWholeAndOfTheLevelTimestampAndDatabaseNamed)
+{
+    std::vector<DbFile> vFull;
+    for (const IncFile& f : m_vFiles) vFull.push_back(f.m_stFile);
+    const std::string strFull = WholeBackup(vFull);
+    const std::string strFullPath = m_tree.Path("TalvorBackup" + std::to_string(INCREMENT_REFER) + ".fbk");
+    ASSERT_TRUE(WriteWholeFile(strFullPath, strFull));
+    ASSERT_TRUE(WriteWholeFile(m_strPath, m_strWhole));
+
+    ChainVerdict v = VerifyChainAt(m_strPath);
+    EXPECT_EQ(BACKUPVERIFY_WHOLE, v.m_nStatus) << v.m_strFinding;
+    EXPECT_EQ(2, v.m_nLinkNum);
+    v = VerifyChainAt(strFullPath);
+    EXPECT_EQ(BACKUPVERIFY_WHOLE, v.m_nStatus) << v.m_strFinding;
+    EXPECT_EQ(1, v.m_nLinkNum);
+
+    // A level 2 that names the full backup as the one below it.
+    std::string strLevel2 = m_strWhole;
+    LPBACKUPFILEHEAD lpHead = (LPBACKUPFILEHEAD)&strLevel2[0];
+    lpHead->m_bLevel = 2;
+    lpHead->m_nTimestamp = INCREMENT_TIMESTAMP + 5;
+    const std::string strLevel2Path = m_tree.Path("TalvorBackup" + std::to_string(INCREMENT_TIMESTAMP + 5) + ".fbk");
+    ASSERT_TRUE(WriteWholeFile(strLevel2Path, strLevel2));
+    v = VerifyChainAt(strLevel2Path);
+    EXPECT_EQ(BACKUPVERIFY_BADLINK, v.m_nStatus);
+    EXPECT_NE(std::string::npos, v.m_strFinding.find("not of the level just below")) << v.m_strFinding;
+    EXPECT_EQ((std::vector<int>{BACKUPVERIFY_WHOLE, BACKUPVERIFY_BADLINK}), v.m_vLinkStatus);
+
+    // The full backup under the name the level 1 refers to carries another
+    // timestamp, or another database's identity: each alone a whole backup.
+    const std::pair<size_t, const char*> arFaults[] = {
+        {offsetof(BACKUPFILEHEAD, m_nTimestamp), "timestamp the backup above refers to"},
+        {offsetof(BACKUPFILEHEAD, m_usDataBaseGuid), "another database"}};
+    for (const auto& fault : arFaults) {
+        SCOPED_TRACE(fault.second);
+        std::string strOther = strFull;
+        strOther[fault.first] ^= 0x01;
+        ASSERT_TRUE(WriteWholeFile(strFullPath, strOther));
+        ASSERT_EQ(BACKUPVERIFY_WHOLE, Verified(strFullPath).Status());
+        v = VerifyChainAt(m_strPath);
+        EXPECT_EQ(BACKUPVERIFY_BADLINK, v.m_nStatus);
+        EXPECT_NE(std::string::npos, v.m_strFinding.find(fault.second)) << v.m_strFinding;
+    }
+
+    // The full backup cut: the link's own finding, named as link 1.
+    ASSERT_TRUE(WriteWholeFile(strFullPath, strFull.substr(0, strFull.size() - 1)));
+    v = VerifyChainAt(m_strPath);
+    EXPECT_EQ(BACKUPVERIFY_TRUNCATED, v.m_nStatus);
+    EXPECT_EQ(0u, v.m_strFinding.find("link 1: " + strFullPath)) << v.m_strFinding;
+
+    // Gone: a missing link; a top that is not there is only unreadable.
+    ASSERT_EQ(0, unlink(strFullPath.c_str()));
+    v = VerifyChainAt(m_strPath);
+    EXPECT_EQ(BACKUPVERIFY_MISSINGLINK, v.m_nStatus) << v.m_strFinding;
+    EXPECT_EQ(BACKUPVERIFY_UNREADABLE, VerifyChainAt(strFullPath).m_nStatus);
+
+    // A top path the report has no room for is refused, not cut.
+    EXPECT_EQ(BACKUPVERIFY_UNREADABLE, VerifyChainAt("/" + std::string(BACKUP_CHAIN_PATH_MAX, 'a')).m_nStatus);
 }

@@ -1,7 +1,5 @@
-// The overlapped copy of the restore: every byte lands where it belongs for
-// any length and source offset, and a failed read or write stops the copy at
-// that piece — nothing read after a failed piece is ever written, and the
-// fault names the transfer that failed.
+// The overlapped copy of the restore: nothing read after a failed piece may
+// ever be written.
 #include "FaultFileIO.h"
 #include "TalvorDirectFile.h"
 #include "TalvorOverlapCopy.h"

@@ -1,9 +1,5 @@
 // The sending side of a join against a node played by the test on
-// loopback: which messages a file becomes (its information, then pieces of
-// the buffer, the last one marked last, nothing at all for a file with no
-// used bytes), that every expected reply is waited for and none is left
-// unread, that a foreign reply with a payload is read off and the wait goes
-// on, and where the progress stands at each step of a whole join.
+// loopback.
 #include "PackedValue.h"
 #include "TalvorClusterFiletransfer.h"
 

@@ -1,7 +1,5 @@
 // The two writers of the cache's flushed-up-to timestamps into the system
-// file: the 8 bytes at their place, the arrays of stamps when given, nothing
-// for a timestamp that does not move, and memory only while saving is held
-// off.
+// file.
 #include "PersistenceDb.h"
 #include "StorageCacheBridge.h"
 #include "TestFiles.h"

@@ -1,8 +1,5 @@
 // Cluster commands over a loaded database, run as the storage thread runs
-// them: the final code, the result and both forbid flags of every code; the
-// standby slots against real sockets; the full backup checked byte for byte
-// against the files on disk, its abort, and its refusal of a directory the
-// operator did not name; taking the database apart and a rebuild that fails.
+// them; the standby slots against real sockets.
 #include "FaultFileIO.h"
 #include "LogManager.h"
 #include "MemDBBackupDef.h"
@@ -350,8 +347,7 @@ TEST_F(ClusterCommands, AnAbortedBackupLeavesNoFileAndTheArchiverIsNotTold)
     }
 }
 
-// Where a backup goes with two destinations, and the replacement of one of
-// the same timestamp, run end to end (BackupFull).
+// Two destinations and a backup replaced run end to end (BackupFull).
 TEST_F(ClusterCommands, ABackupIsRefusedWithoutAnAbsoluteFirstDestinationOfItsLength)
 {
     const std::string strRoot = m_db.m_tree.Dir();

@@ -1,7 +1,5 @@
-// File commands over a loaded database: the engine writes a command into a
-// file's row, the storage thread's walk carries it out and answers in the
-// row, and the list on disk and the files agree after every step — also when
-// the device dies or the power goes in the middle of a command.
+// File commands over a loaded database, asked in a row of the list as the
+// engine asks them, also with the device dying or the power going midway.
 #include "DbFileLayout.h"
 #include "FaultFileIO.h"
 #include "PersistenceDb.h"
@@ -66,6 +64,16 @@ public:
         MarkListChanged();
         return lpRow;
     }
+    // The engine takes its request back: the row names strPath and nSize
+    // (when given) and carries no command.
+    void TakeBack(LPFILE_MEMDBFILEINFO lpRow, const std::string& strPath = "", long long nSize = 0)
+    {
+        if (!strPath.empty())
+            snprintf(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath), "%s", strPath.c_str());
+        if (nSize > 0) lpRow->m_nFileSize = nSize;
+        lpRow->m_bFileCMD = 0;
+        MarkListChanged();
+    }
     // The storage thread's turn: the walk, then the pass.
     void Serve()
     {
@@ -109,6 +117,11 @@ public:
         m_db.Stop();
     }
     std::string NewPath(const std::string& strName) { return m_db.m_tree.Dir() + strName; }
+    HRESULT Restart()
+    {
+        m_db.Stop();
+        return m_db.Start();
+    }
 
     PersistenceDb m_db;
 };
@@ -120,8 +133,6 @@ protected:
 
 } // namespace
 
-// A new file of each memory-mode type is made whole, named by the list on
-// disk after the pass, and loaded by the next start.
 TEST_F(FileCommands, AnAddOfEachMemoryTypeIsLoadedByTheNextStart)
 {
     LPFILE_MEMDBFILEINFO arRows[3];
@@ -139,16 +150,14 @@ TEST_F(FileCommands, AnAddOfEachMemoryTypeIsLoadedByTheNextStart)
         EXPECT_STREQ(NewPath("Add" + std::to_string(bType) + ".dbf").c_str(), DiskRow(bNo).m_lpszFilePath);
     }
     EXPECT_EQ("", ListAgreesWithFiles());
-    m_db.Stop();
-    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
     for (BYTE bNo = 6; bNo <= 8; bNo++) {
         ASSERT_NE(nullptr, m_db.File(bNo));
         EXPECT_EQ(4 * DB_MIB, Val(m_db.File(bNo)->m_liFileSize));
     }
 }
 
-// The walk answers every refusal of an add in its row, in the order of the
-// tests, and makes nothing; a second system file stops the block's walk.
+// A second system file stops the block's walk: the add behind it waits.
 TEST_F(FileCommands, RefusedAddsAnswerTheirCodesAndMakeNothing)
 {
     LPFILE_MEMDBFILEINFO lpNumber = Ask({FILECMD_ADD, 2, FILETYPE_DATA, NewPath("N.dbf"), "N", 4 * DB_MIB});
@@ -175,13 +184,10 @@ TEST_F(FileCommands, RefusedAddsAnswerTheirCodesAndMakeNothing)
     // The unsettled block stays off the disk; the next start reads the list
     // it had.
     EXPECT_EQ("", ListAgreesWithFiles());
-    m_db.Stop();
-    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
     EXPECT_EQ(nullptr, m_db.File(13));
 }
 
-// A path that leaves the database's directories is refused before anything
-// is made there or removed from there.
 TEST_F(FileCommands, HostilePathsAreRefused)
 {
     std::string strOutside = m_db.m_tree.Root() + "-outside";
@@ -216,8 +222,6 @@ TEST_F(FileCommands, HostilePathsAreRefused)
     rmdir(strOutside.c_str());
 }
 
-// A failed add — the device full, the directory refused — leaves no file,
-// no descriptor, no table entry, and says so in its row.
 TEST_F(FileCommands, AFailedAddLeavesNothingBehind)
 {
     struct Fault {
@@ -258,13 +262,10 @@ TEST_F(FileCommands, AFailedAddLeavesNothingBehind)
     LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_ADD, 40, FILETYPE_DATA, NewPath("Failed40.dbf"), "Again", 4 * DB_MIB});
     Serve();
     EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
-    m_db.Stop();
-    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
     EXPECT_NE(nullptr, m_db.File(40));
 }
 
-// A move: the copy is whole, synced and open, and the list on disk names
-// it, before the old file goes; the next start loads the moved file.
 TEST_F(FileCommands, AMoveRemovesTheOldFileOnlyOnceTheListNamesTheCopy)
 {
     std::mt19937 rng(5);
@@ -302,8 +303,7 @@ TEST_F(FileCommands, AMoveRemovesTheOldFileOnlyOnceTheListNamesTheCopy)
     m_db.RandomChanges(100, rng);
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
     long long nCommitted = m_db.CommittedOnDisk();
-    m_db.Stop();
-    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
     EXPECT_STREQ(strNew.c_str(), m_db.File(3)->m_lpszFilePath);
     // The journal's rows of file 3 are read where the file now is.
     std::string strSaved = ReadWholeFile(strNew);
@@ -335,8 +335,6 @@ TEST_F(FileCommands, RefusedMovesLeaveTheFileWhereItIs)
     EXPECT_TRUE(PathExists(m_db.PathOf(4)));
 }
 
-// A move whose copy fails (the device fills) removes the half copy and
-// keeps the file open where it was.
 TEST_F(FileCommands, AFailedMoveRemovesTheHalfCopy)
 {
     const std::string strNew = NewPath("Half.dbf");
@@ -355,20 +353,15 @@ TEST_F(FileCommands, AFailedMoveRemovesTheHalfCopy)
     // list as the image has it, and the next start loads what it names.
     EXPECT_STREQ(m_db.PathOf(2).c_str(), lpRow->m_lpszFilePath);
     // The engine takes the request back; the file keeps taking passes.
-    snprintf(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath), "%s", m_db.PathOf(2).c_str());
-    lpRow->m_bFileCMD = 0;
-    MarkListChanged();
+    TakeBack(lpRow, m_db.PathOf(2));
     std::mt19937 rng(9);
     m_db.RandomChanges(50, rng);
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
     EXPECT_EQ(0, m_db.CheckDisk(m_db.CommittedOnDisk()).m_nViolations);
 }
 
-// A resize whose growth fails leaves the file, its head and its image as
-// they were.
 TEST_F(FileCommands, AFailedGrowthLeavesTheFileAsItWas)
 {
-    const std::string strBefore = ReadWholeFile(m_db.PathOf(2));
     LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_RESIZE, 2, 0, "", "", 12 * DB_MIB});
     m_db.Pass();
     {
@@ -381,12 +374,9 @@ TEST_F(FileCommands, AFailedGrowthLeavesTheFileAsItWas)
     EXPECT_EQ(4 * DB_MIB, FileSizeOf(m_db.PathOf(2)));
     EXPECT_EQ(4 * DB_MIB, Val(m_db.FileHead(2)->m_nFileTotalSize));
     EXPECT_EQ(4 * DB_MIB, Val(m_db.File(2)->m_liFileSize));
-    lpRow->m_nFileSize = 4 * DB_MIB;
-    lpRow->m_bFileCMD = 0;
-    MarkListChanged();
+    TakeBack(lpRow, "", 4 * DB_MIB);
     m_db.Pass();
-    m_db.Stop();
-    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
 }
 
 // Two resizes of the system file in a row: each grows the file to exactly
@@ -409,9 +399,7 @@ TEST_F(FileCommands, TwoSystemFileResizesReachExactlyTheSizeAsked)
     ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
     EXPECT_EQ(FILECMD_RESIZE_FAILED, Val(lpRow->m_bFileCMD));
     EXPECT_EQ(nStart + 12 * DB_MIB, FileSizeOf(m_db.SystemPath()));
-    lpRow->m_nFileSize = nStart + 12 * DB_MIB;
-    lpRow->m_bFileCMD = 0;
-    MarkListChanged();
+    TakeBack(lpRow, "", nStart + 12 * DB_MIB);
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
 
     KillStop();
@@ -423,8 +411,6 @@ TEST_F(FileCommands, TwoSystemFileResizesReachExactlyTheSizeAsked)
     EXPECT_EQ(nStart + 12 * DB_MIB, Val(m_db.File(1)->m_liFileSize));
 }
 
-// A delete: the row goes dropped to the disk before the file is removed;
-// the next start loads the database without it.
 TEST_F(FileCommands, ADeleteDropsTheRowOnDiskBeforeTheFileGoes)
 {
     const std::string strPath = m_db.PathOf(2);
@@ -446,13 +432,48 @@ TEST_F(FileCommands, ADeleteDropsTheRowOnDiskBeforeTheFileGoes)
     EXPECT_FALSE(PathExists(strPath));
     EXPECT_EQ(nullptr, m_db.File(2));
     EXPECT_EQ("", ListAgreesWithFiles());
+    // A delete whose file is already gone from the disk still succeeds.
+    ASSERT_EQ(0, unlink(m_db.PathOf(4).c_str()));
+    LPFILE_MEMDBFILEINFO lpGone = Ask({FILECMD_DELETE, 4, 0, "", "", 0});
+    Serve();
+    EXPECT_EQ(FILECMD_NONE, Val(lpGone->m_bFileCMD));
+    EXPECT_EQ(nullptr, m_db.File(4));
+    EXPECT_TRUE(m_db.m_tree.Traced("10060042 MemFileCMD The system received the command to delete the "
+                                   "physical file path but failed to delete the disk file, error code: 2, "
+                                   "original file number: 4"));
     // A delete of a number nobody holds.
     Ask({FILECMD_ADD, 60, FILETYPE_DATA, NewPath("Sixty.dbf"), "Sixty", 4 * DB_MIB})->m_bFileCMD = FILECMD_DELETE;
     ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
-    m_db.Stop();
-    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
     EXPECT_EQ(nullptr, m_db.File(2));
     EXPECT_NE(nullptr, m_db.File(3));
+    EXPECT_EQ(nullptr, m_db.File(4));
+}
+
+TEST_F(FileCommands, ASettledListReachesTheDiskAgain)
+{
+    Row(4)->m_nFileSize = 2 * DB_MIB;
+    Row(4)->m_bFileCMD = FILECMD_RESIZE;
+    MarkListChanged();
+    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    ASSERT_EQ(FILECMD_RESIZE_FAILED, Val(Row(4)->m_bFileCMD));
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    Row(4)->m_nFileSize = 4 * DB_MIB;
+    Row(4)->m_bFileCMD = FILECMD_NONE;
+    snprintf(Row(4)->m_lpszTablespaceName, sizeof(Row(4)->m_lpszTablespaceName), "Renamed4");
+    MarkListChanged();
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_STREQ("Renamed4", DiskRow(4).m_lpszTablespaceName);
+}
+
+TEST_F(FileCommands, AFileListBlockOfAnotherKindStopsTheWalk)
+{
+    ListBlock()->m_nBlockDataStructSize = 352;
+    EXPECT_EQ(E_FAIL, m_db.Module().FileCMD(&m_db.m_stCrit));
+    ListBlock()->m_nBlockDataStructSize = (int)sizeof(FILE_MEMDBFILEINFO);
+    EXPECT_TRUE(m_db.m_tree.Traced("10060002 MemFileCMD The structure size of data block has changed, "
+                                   "current system value: 348, recorded value: 352"));
+    EXPECT_TRUE(m_db.m_tree.Traced("Failed to load memory file data in system file"));
 }
 
 namespace {
@@ -601,22 +622,6 @@ TEST(FileCommandCrashes, EveryStepOfEveryCommandLeavesADatabaseThatStarts)
     }
 }
 
-// A delete whose disk file is already gone still counts as a delete: it is
-// named in the trace, and the row says 0.
-TEST_F(FileCommands, ADeleteOfAFileGoneFromTheDiskStillSucceeds)
-{
-    ASSERT_EQ(0, unlink(m_db.PathOf(4).c_str()));
-    LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_DELETE, 4, 0, "", "", 0});
-    Serve();
-    EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
-    EXPECT_EQ(nullptr, m_db.File(4));
-    EXPECT_TRUE(m_db.m_tree.Traced("10060042 MemFileCMD The system received the command to delete the physical file "
-                                   "path but failed to delete the disk file, error code: 2, original file number: 4"));
-    m_db.Stop();
-    ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
-    EXPECT_EQ(nullptr, m_db.File(4));
-}
-
 // A move whose copy is whole but whose row cannot reach the list on disk
 // goes back to the old file, which the list on disk names again: the copy
 // goes when the old row is back on the medium, and stays when even that is
@@ -644,9 +649,7 @@ TEST(FileCommandMoveBack, AMoveTheListCannotRecordGoesBackToTheOldFile)
         EXPECT_TRUE(PathExists(e.m_db.PathOf(3)));
         EXPECT_STREQ(e.m_db.PathOf(3).c_str(), e.DiskRow(3).m_lpszFilePath);
         // The engine takes the request back; the file keeps taking passes.
-        snprintf(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath), "%s", e.m_db.PathOf(3).c_str());
-        lpRow->m_bFileCMD = 0;
-        e.MarkListChanged();
+        e.TakeBack(lpRow, e.m_db.PathOf(3));
         e.m_db.RandomChanges(100, rng);
         ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, e.m_db.Pass());
         long long nCommitted = e.m_db.CommittedOnDisk();

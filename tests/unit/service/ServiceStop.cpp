@@ -1,11 +1,5 @@
-// The storage thread at the stop and in time: the stop waits (bounded) for
-// a thread that is still in a pass and runs the last pass only after it;
-// one that does not end keeps its images, buffers and channel; two passes
-// never run together; a clock that jumps back does not hold the pass up,
-// and a pass that found a block ahead of its timestamp is tried again soon,
-// fifty times at most; a file command is answered before the pass after
-// it, and the forbid flags hold all off but a cluster command. Passes on
-// command and at the interval run end to end (the persistence test).
+// The storage thread at the stop and in time. Passes on command and at the
+// interval run end to end (the persistence test).
 #include "PersistenceDb.h"
 #include "TestClock.h"
 #include "TestFiles.h"

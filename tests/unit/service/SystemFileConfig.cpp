@@ -1,6 +1,5 @@
 // The parameters of the service: every key of the ini with its default and
-// its limits into the system head (one table, an ini in and a field out),
-// the write-back, and where the system file is looked for.
+// limits, the write-back, and where the system file is looked for.
 #include "BreltMemStorage.h"
 #include "DatabaseKit.h"
 
@@ -112,8 +111,6 @@ std::vector<ConfigCase> Cases()
         {"max_allowed_packet=1024\r\n", "max_allowed_packet", HEAD(m_nMaxPacketSize), 1024},
         {"support_native_json=1\r\n", "support_native_json", HEAD(m_nSupportNativeJson), 1},
         {"skip_name_resolve=0\r\n", "skip_name_resolve", HEAD(m_nSkipNameResolve), 0},
-        {"event_scheduler=on\r\n", "event_scheduler", HEAD(m_nEventScheduler), 1},
-        {"event_scheduler=ON\r\n", "event_scheduler", HEAD(m_nEventScheduler), 1},
         {"event_scheduler=oN\r\n", "event_scheduler", HEAD(m_nEventScheduler), 1},
         {"event_scheduler=1\r\n", "event_scheduler", HEAD(m_nEventScheduler), 1},
         {"event_scheduler=ONE\r\n", "event_scheduler", HEAD(m_nEventScheduler), 0},
@@ -172,6 +169,24 @@ protected:
         ASSERT_TRUE(m_pModule->ReadSysConfigParam(nullptr, Head()));
     }
     LPSYSTEMFILEHEAD Head() { return (LPSYSTEMFILEHEAD)m_vHead.data(); }
+    // A zero head with the mark nDataFlag; the ini holds strIni.
+    LPSYSTEMFILEHEAD ZeroHead(const std::string& strIni, int nDataFlag = SYSTEMFILE_DATAFLAG)
+    {
+        m_tree.WriteIni(strIni);
+        m_vHead.assign(sizeof(SYSTEMFILEHEAD), 0);
+        Head()->m_nDataFlag = nDataFlag;
+        return Head();
+    }
+    // The path GetSystemFilePath gives with the ini strIni.
+    std::string SystemFileWith(const std::string& strIni)
+    {
+        WriteWholeFile(m_tree.IniPath(), strIni);
+        TalvorConfigInit(m_tree.IniPath().c_str());
+        char szPath[MAX_PATH], szName[64];
+        CBreltMemStorageModule().GetSystemFilePath(nullptr, szPath, szName);
+        EXPECT_STREQ("Global\\TalvorSysFile", szName);
+        return szPath;
+    }
     std::string Ini() { return ReadWholeFile(m_tree.IniPath()); }
 
     DatabaseDir m_tree;
@@ -191,11 +206,9 @@ TEST_F(SystemFileConfig, EveryKeyWithItsDefaultAndLimits)
 
 TEST_F(SystemFileConfig, UndoRetentionDefaultsTo30WhenTheHeadHasNone)
 {
-    m_tree.WriteIni("");
-    std::vector<BYTE> vHead(sizeof(SYSTEMFILEHEAD), 0);
-    CBreltMemStorageModule stModule;
-    stModule.ReadSysConfigParam(nullptr, (LPSYSTEMFILEHEAD)vHead.data());
-    EXPECT_EQ(30, Val(((LPSYSTEMFILEHEAD)vHead.data())->m_nUndoRetention));
+    LPSYSTEMFILEHEAD h = ZeroHead("", 0);
+    CBreltMemStorageModule().ReadSysConfigParam(nullptr, h);
+    EXPECT_EQ(30, Val(h->m_nUndoRetention));
 }
 
 TEST_F(SystemFileConfig, TextsAreCutToTheirFields)
@@ -213,10 +226,7 @@ TEST_F(SystemFileConfig, TextsAreCutToTheirFields)
 
 TEST_F(SystemFileConfig, WriteBackAtExitPutsTheHeadIntoTheIni)
 {
-    m_tree.WriteIni("Talvor_Develop_Mode=0\r\n");
-    std::vector<BYTE> vHead(sizeof(SYSTEMFILEHEAD), 0);
-    LPSYSTEMFILEHEAD h = (LPSYSTEMFILEHEAD)vHead.data();
-    h->m_nDataFlag = SYSTEMFILE_DATAFLAG;
+    LPSYSTEMFILEHEAD h = ZeroHead("Talvor_Develop_Mode=0\r\n");
     h->m_bStatus = 1;
     strcpy(h->m_cDatabaseName, "Db7");
     strcpy(h->m_cDatabasePath, "/srv/db7/");
@@ -249,11 +259,9 @@ TEST_F(SystemFileConfig, WriteBackAtExitPutsTheHeadIntoTheIni)
 
 TEST_F(SystemFileConfig, WriteBackOutsideExitReadsTheAddressesAndArchiveBack)
 {
-    m_tree.WriteIni("listenip=10.9.8.7\r\nFileCache=0\r\narchivetype=3\r\narchivedespath=/arch/\r\n"
-                    "Talvor_Develop_Mode=0\r\n[Config]\r\nclusterlocalip=172.16.0.1\r\n");
-    std::vector<BYTE> vHead(sizeof(SYSTEMFILEHEAD), 0);
-    LPSYSTEMFILEHEAD h = (LPSYSTEMFILEHEAD)vHead.data();
-    h->m_nDataFlag = SYSTEMFILE_DATAFLAG;
+    LPSYSTEMFILEHEAD h = ZeroHead("listenip=10.9.8.7\r\nFileCache=0\r\narchivetype=3\r\n"
+                                  "archivedespath=/arch/\r\nTalvor_Develop_Mode=0\r\n"
+                                  "[Config]\r\nclusterlocalip=172.16.0.1\r\n");
     h->m_nTalvorDevelopMode = 1;
     CBreltMemStorageModule stModule;
     stModule.m_nFileCache = 1;
@@ -271,11 +279,8 @@ TEST_F(SystemFileConfig, WriteBackOutsideExitReadsTheAddressesAndArchiveBack)
 
 TEST_F(SystemFileConfig, WriteBackNeedsAHeadWithItsMark)
 {
-    m_tree.WriteIni("");
+    LPSYSTEMFILEHEAD h = ZeroHead("", DATAFILE_DATAFLAG);
     std::string strBefore = Ini();
-    std::vector<BYTE> vHead(sizeof(SYSTEMFILEHEAD), 0);
-    LPSYSTEMFILEHEAD h = (LPSYSTEMFILEHEAD)vHead.data();
-    h->m_nDataFlag = DATAFILE_DATAFLAG;
     h->m_bStatus = 1;
     CBreltMemStorageModule stModule;
     EXPECT_FALSE(stModule.WriteSysConfigParam(nullptr, h, FALSE, TRUE));
@@ -286,33 +291,19 @@ TEST_F(SystemFileConfig, WriteBackNeedsAHeadWithItsMark)
 
 TEST_F(SystemFileConfig, SystemFileIsFoundUnderTheDatabaseDirectory)
 {
-    CBreltMemStorageModule stModule;
-    char szPath[MAX_PATH], szName[64];
-    m_tree.WriteIni("");
-    stModule.GetSystemFilePath(nullptr, szPath, szName);
-    EXPECT_EQ(m_tree.Dir() + "System.dbf", std::string(szPath));
-    EXPECT_STREQ("Global\\TalvorSysFile", szName);
-
-    WriteWholeFile(m_tree.IniPath(), "[System]\r\ndatabasepath=/srv/db\r\nsystemfile=Main.dbf\r\n");
-    TalvorConfigInit(m_tree.IniPath().c_str());
-    stModule.GetSystemFilePath(nullptr, szPath, szName);
-    EXPECT_STREQ("/srv/db/Main.dbf", szPath);  // a "/" is added
-
-    WriteWholeFile(m_tree.IniPath(), "[System]\r\ndatabasepath=/srv/db/\r\nsystemfile=/elsewhere/S.dbf\r\n");
-    TalvorConfigInit(m_tree.IniPath().c_str());
-    stModule.GetSystemFilePath(nullptr, szPath, szName);
-    EXPECT_STREQ("/elsewhere/S.dbf", szPath);
-
+    EXPECT_EQ(m_tree.Dir() + "System.dbf",
+              SystemFileWith("[System]\r\ndatabasepath=" + m_tree.Dir() + "\r\n"));
+    // A "/" is added to the directory; an absolute name stands alone.
+    EXPECT_EQ("/srv/db/Main.dbf",
+              SystemFileWith("[System]\r\ndatabasepath=/srv/db\r\nsystemfile=Main.dbf\r\n"));
+    EXPECT_EQ("/elsewhere/S.dbf",
+              SystemFileWith("[System]\r\ndatabasepath=/srv/db/\r\nsystemfile=/elsewhere/S.dbf\r\n"));
     // With no directory configured: two levels above the program, Data/Talvor/.
-    WriteWholeFile(m_tree.IniPath(), "[System]\r\nLanguage=0\r\n");
-    TalvorConfigInit(m_tree.IniPath().c_str());
     char szExe[MAX_PATH] = {0};
     ASSERT_GT(readlink("/proc/self/exe", szExe, sizeof(szExe) - 1), 0);
-    std::string strExe = szExe;
-    std::string strRoot = strExe.substr(0, strExe.rfind('/'));
+    std::string strRoot = std::string(szExe).substr(0, std::string(szExe).rfind('/'));
     strRoot = strRoot.substr(0, strRoot.rfind('/'));
-    stModule.GetSystemFilePath(nullptr, szPath, szName);
-    EXPECT_EQ(strRoot + "/Data/Talvor/System.dbf", std::string(szPath));
+    EXPECT_EQ(strRoot + "/Data/Talvor/System.dbf", SystemFileWith("[System]\r\nLanguage=0\r\n"));
     m_tree.WriteIni("");
 }
 

@@ -1,6 +1,4 @@
-// The file list of the system file, read at start: a descriptor for every
-// live row, none for a dropped one, rows in several blocks, and a start that
-// stops on a damaged list before any file is loaded. Also the rewrite of the
+// The file list of the system file, read at start, and the rewrite of the
 // rows of a moved database.
 #include "BreltMemStorage.h"
 #include "ModuleTestKit.h"
@@ -10,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <functional>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -76,13 +75,18 @@ protected:
     {
         return (LPSYSTEMBLOCKHEAD)&strSystem[(size_t)(m_nFirstBlock + (long long)nBlock * m_nListBlockSize)];
     }
+    static LPFILE_MEMDBFILEINFO RowsOf(LPSYSTEMBLOCKHEAD lpBlock)
+    {
+        return (LPFILE_MEMDBFILEINFO)((LPBYTE)lpBlock + lpBlock->m_nBlockHeadSize);
+    }
 
-    HRESULT Start()
+    // The system file read (bLoad: and the files loaded) by a new module.
+    HRESULT Start(bool bLoad = true)
     {
         m_pModule.reset(new CBreltMemStorageModule());
         InitThreadCritSection(&m_stCrit);
         HRESULT hr = m_pModule->InitSysEnvironment(&m_stCrit, TRUE, FALSE);
-        if (hr == S_OK) hr = m_pModule->LoadFile(&m_stCrit);
+        if (hr == S_OK && bLoad) hr = m_pModule->LoadFile(&m_stCrit);
         return hr;
     }
     std::vector<int> ListedFileNos()
@@ -91,12 +95,9 @@ protected:
         for (stu_FILEINFO* p = m_pModule->m_pStorageInfo; p != nullptr; p = p->m_pNext) v.push_back(p->m_bFileNo);
         return v;
     }
-    // What FreeData gives back, without its trace and configuration steps.
     void Stop()
     {
-        if (!m_pModule) return;
-        CBreltMemStorageModule& m = *m_pModule;
-        talvortest::ReleaseModuleFiles(m);
+        if (m_pModule) ReleaseModuleFiles(*m_pModule);
         m_pModule.reset();
     }
     void TearDown() override { Stop(); }
@@ -129,7 +130,7 @@ TEST_F(SystemFileList, LiveRowsGetDescriptorsAndImagesDroppedRowsNone)
 
     LPBYTE lpImage = m.m_lpSystemFileInfo->m_pFileAddr;
     LPSYSTEMBLOCKHEAD lpBlock = (LPSYSTEMBLOCKHEAD)(lpImage + m_nFirstBlock);
-    LPFILE_MEMDBFILEINFO lpRows = (LPFILE_MEMDBFILEINFO)((LPBYTE)lpBlock + lpBlock->m_nBlockHeadSize);
+    LPFILE_MEMDBFILEINFO lpRows = RowsOf(lpBlock);
     stu_FILEINFO* p2 = m.m_arFileInfo[2];
     EXPECT_EQ(&lpRows[1], p2->m_lpFileInfo);
     EXPECT_EQ(&lpRows[1].m_nLoadSize, p2->m_pLoadSize);
@@ -178,78 +179,63 @@ TEST_F(SystemFileList, RowsPastOneBlockAreAllRead)
     for (BYTE n = 2; n <= 7; n++) EXPECT_TRUE(SegmentExists(n)) << int(n);
 }
 
-TEST_F(SystemFileList, BlockOfAnotherObjectStopsTheStart)
+TEST_F(SystemFileList, DamagedListStopsTheStart)
 {
-    std::string strSystem = MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE}, {2, FILETYPE_DATA, 1 * MIB}},
-                                         DB_SYSTEMFILE_LISTBLOCK_SIZE);
-    BlockOf(strSystem, 0)->m_nObjectID = 9;
-    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
-    EXPECT_EQ(E_FAIL, Start());
-    EXPECT_TRUE(m_tree.Traced("10030001 LoadMemDBFileData The object representation of the data block is "
-                              "incorrect, required value: 1, actual value: 9"));
-}
-
-TEST_F(SystemFileList, ChainThatLoopsIsRefusedBeforeAnyRowIsRead)
-{
-    std::vector<RowPlan> vPlans = {{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE}};
-    for (BYTE n = 2; n <= 6; n++) vPlans.push_back({n, FILETYPE_DATA, 1 * MIB});
-    std::string strSystem = MakeDatabase(vPlans, 1024);
-    LPSYSTEMFILEHEAD lpHead = (LPSYSTEMFILEHEAD)&strSystem[0];
-    // The full chain is entries 0 -> 1 -> 2; the last one now points back.
-    long long nMap = lpHead->m_nBlockMapStartOffset;
-    ((LPBASEFILEBLOCKMAP)&strSystem[DbMapEntryOffset(nMap, 2)])->m_nNextOffset = DbMapEntryOffset(nMap, 1);
-    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
-    EXPECT_EQ(E_FAIL, Start());
-    EXPECT_EQ(nullptr, m_pModule->m_pStorageInfo);
-    std::string strTrace = m_tree.Trace();
-    EXPECT_NE(std::string::npos, strTrace.find("10020031 InitSysEnvironment The block chain of the file list in the "
-                                               "system file loops, path: " + SystemPath()));
-    EXPECT_NE(std::string::npos, strTrace.find("10020020 InitSysEnvironment Failed to load memory file data"));
-}
-
-TEST_F(SystemFileList, EntryOrBlockOutsideTheFileIsRefused)
-{
-    std::string strSystem = MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE}, {2, FILETYPE_DATA, 1 * MIB}},
-                                         DB_SYSTEMFILE_LISTBLOCK_SIZE);
-    LPBASEFILEOBJECTDEF lpObject = DbFileListObject((LPSYSTEMFILEHEAD)&strSystem[0]);
-    long long nEntry = lpObject->m_nFreeBlockMapOffset;
-    lpObject->m_nFreeBlockMapOffset = DB_SYSTEMFILE_SIZE - 10;
-    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
-    EXPECT_EQ(E_FAIL, Start());
-    EXPECT_TRUE(m_tree.Traced("10020030 InitSysEnvironment A map entry of the file list lies outside the system "
-                              "file, path: " + SystemPath() + ", map entry offset: 4194294, file size: 4194304"));
-    Stop();
-
-    lpObject->m_nFreeBlockMapOffset = nEntry;
-    ((LPBASEFILEBLOCKMAP)&strSystem[nEntry])->m_nBlockOffset = DB_SYSTEMFILE_SIZE - 32;
-    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
-    EXPECT_EQ(E_FAIL, Start());
-    EXPECT_TRUE(m_tree.Traced("10020032 InitSysEnvironment A block of the file list lies outside the system file"));
-}
-
-TEST_F(SystemFileList, RowsThatOverrunTheirBlockAreRefused)
-{
-    std::string strSystem = MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE}, {2, FILETYPE_DATA, 1 * MIB}},
-                                         1024);
-    BlockOf(strSystem, 0)->m_nDataNum = 3;  // 64 + 3 * 348 > 1024
-    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
-    EXPECT_EQ(E_FAIL, Start());
-    EXPECT_EQ(nullptr, m_pModule->m_pStorageInfo);
-    EXPECT_TRUE(m_tree.Traced("10030003 LoadMemDBFileData The records of the data block do not fit in it"));
-}
-
-TEST_F(SystemFileList, FileNumberUsedTwiceIsRefused)
-{
-    std::string strSystem = MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE},
-                                          {2, FILETYPE_DATA, 1 * MIB},
-                                          {3, FILETYPE_DATA, 1 * MIB}},
-                                         DB_SYSTEMFILE_LISTBLOCK_SIZE);
-    LPSYSTEMBLOCKHEAD lpBlock = BlockOf(strSystem, 0);
-    ((LPFILE_MEMDBFILEINFO)((LPBYTE)lpBlock + lpBlock->m_nBlockHeadSize))[2].m_bFileNo = 2;
-    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
-    EXPECT_EQ(E_FAIL, Start());
-    EXPECT_TRUE(m_tree.Traced("10030004 LoadMemDBFileData The file number of a row of the data block is invalid or "
-                              "used twice, file number: 2"));
+    struct Case {
+        int m_nDataRows;
+        int m_nListBlockSize;
+        std::function<void(std::string&)> m_fnDamage;
+        std::vector<std::string> m_vTraced;
+        bool m_bNoneListed;  // refused before any row is read
+    };
+    auto Object = [](std::string& s) { return DbFileListObject((LPSYSTEMFILEHEAD)&s[0]); };
+    const Case arCases[] = {
+        {1, DB_SYSTEMFILE_LISTBLOCK_SIZE, [this](std::string& s) { BlockOf(s, 0)->m_nObjectID = 9; },
+         {"10030001 LoadMemDBFileData The object representation of the data block is incorrect, "
+          "required value: 1, actual value: 9"},
+         false},
+        // The full chain is entries 0 -> 1 -> 2; the last one now points back.
+        {5, 1024,
+         [](std::string& s) {
+             long long nMap = ((LPSYSTEMFILEHEAD)&s[0])->m_nBlockMapStartOffset;
+             ((LPBASEFILEBLOCKMAP)&s[DbMapEntryOffset(nMap, 2)])->m_nNextOffset = DbMapEntryOffset(nMap, 1);
+         },
+         {"10020031 InitSysEnvironment The block chain of the file list in the system file loops, path: " +
+              SystemPath(),
+          "10020020 InitSysEnvironment Failed to load memory file data"},
+         true},
+        {1, DB_SYSTEMFILE_LISTBLOCK_SIZE,
+         [&](std::string& s) { Object(s)->m_nFreeBlockMapOffset = DB_SYSTEMFILE_SIZE - 10; },
+         {"10020030 InitSysEnvironment A map entry of the file list lies outside the system file, path: " +
+          SystemPath() + ", map entry offset: 4194294, file size: 4194304"},
+         true},
+        {1, DB_SYSTEMFILE_LISTBLOCK_SIZE,
+         [&](std::string& s) {
+             long long nEntry = Object(s)->m_nFreeBlockMapOffset;
+             ((LPBASEFILEBLOCKMAP)&s[nEntry])->m_nBlockOffset = DB_SYSTEMFILE_SIZE - 32;
+         },
+         {"10020032 InitSysEnvironment A block of the file list lies outside the system file"}, true},
+        {1, 1024, [this](std::string& s) { BlockOf(s, 0)->m_nDataNum = 3; },  // 64 + 3 * 348 > 1024
+         {"10030003 LoadMemDBFileData The records of the data block do not fit in it"}, true},
+        {2, DB_SYSTEMFILE_LISTBLOCK_SIZE, [this](std::string& s) { RowsOf(BlockOf(s, 0))[2].m_bFileNo = 2; },
+         {"10030004 LoadMemDBFileData The file number of a row of the data block is invalid or used twice, "
+          "file number: 2"},
+         false},
+    };
+    for (const Case& c : arCases) {
+        SCOPED_TRACE(c.m_vTraced[0]);
+        std::vector<RowPlan> vPlans = {{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE}};
+        for (BYTE n = 2; n <= c.m_nDataRows + 1; n++) vPlans.push_back({n, FILETYPE_DATA, 1 * MIB});
+        std::string strSystem = MakeDatabase(vPlans, c.m_nListBlockSize);
+        c.m_fnDamage(strSystem);
+        ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
+        EXPECT_EQ(E_FAIL, Start());
+        if (c.m_bNoneListed) {
+            EXPECT_EQ(nullptr, m_pModule->m_pStorageInfo);
+        }
+        for (const std::string& strLine : c.m_vTraced) EXPECT_TRUE(m_tree.Traced(strLine)) << strLine;
+        Stop();
+    }
 }
 
 TEST_F(SystemFileList, NoFileListObjectMeansNoFiles)
@@ -281,19 +267,15 @@ TEST_F(SystemFileList, MovedRowsAreRewrittenAndTheBlockReachesTheDisk)
                                           {5, FILETYPE_DATA, 1 * MIB, 1, strOld + std::string(240, 'x')}},
                                          DB_SYSTEMFILE_LISTBLOCK_SIZE);
     // Rows 3 to 5 are live; they need no files for the list to be read.
-    LPSYSTEMBLOCKHEAD lpBlock = BlockOf(strSystem, 0);
-    LPFILE_MEMDBFILEINFO lpRows = (LPFILE_MEMDBFILEINFO)((LPBYTE)lpBlock + lpBlock->m_nBlockHeadSize);
-    for (int i = 2; i <= 4; i++) lpRows[i].m_bDropFlag = 0;
+    for (int i = 2; i <= 4; i++) RowsOf(BlockOf(strSystem, 0))[i].m_bDropFlag = 0;
     ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
-    m_pModule.reset(new CBreltMemStorageModule());
-    InitThreadCritSection(&m_stCrit);
-    ASSERT_EQ(S_OK, m_pModule->InitSysEnvironment(&m_stCrit, TRUE, FALSE));
+    ASSERT_EQ(S_OK, Start(false));
 
     LPBYTE lpImage = m_pModule->m_lpSystemFileInfo->m_pFileAddr;
     LPSYSTEMBLOCKHEAD lpLive = (LPSYSTEMBLOCKHEAD)(lpImage + m_nFirstBlock);
     std::string strNew = m_tree.Dir() + "moved/";
     ASSERT_TRUE(m_pModule->CorrectDBFileData(lpLive, &strNew[0], &strOld[0]));
-    LPFILE_MEMDBFILEINFO lpLiveRows = (LPFILE_MEMDBFILEINFO)((LPBYTE)lpLive + lpLive->m_nBlockHeadSize);
+    LPFILE_MEMDBFILEINFO lpLiveRows = RowsOf(lpLive);
     EXPECT_EQ(strOld + "Dropped.dbf", std::string(lpLiveRows[1].m_lpszFilePath));  // dropped: kept
     EXPECT_EQ(strNew + "sub/Data3.dbf", std::string(lpLiveRows[2].m_lpszFilePath));
     EXPECT_EQ("/other/Data4.dbf", std::string(lpLiveRows[3].m_lpszFilePath));     // not under the old one
@@ -317,15 +299,11 @@ TEST_F(SystemFileList, ListedSizesPastAnyFileStillGiveTheCappedLoadTotal)
                                           {2, FILETYPE_DATA, 2 * MIB},
                                           {3, FILETYPE_DATA, 2 * MIB}},
                                          DB_SYSTEMFILE_LISTBLOCK_SIZE);
-    LPSYSTEMBLOCKHEAD lpBlock = BlockOf(strSystem, 0);
-    LPFILE_MEMDBFILEINFO lpRows = (LPFILE_MEMDBFILEINFO)((LPBYTE)lpBlock + lpBlock->m_nBlockHeadSize);
-    const long long arSizes[] = {LLONG_MAX - MIB, LLONG_MAX / 2 + MIB};
-    memcpy((void*)&lpRows[1].m_nFileSize, &arSizes[0], sizeof(arSizes[0]));
-    memcpy((void*)&lpRows[2].m_nFileSize, &arSizes[1], sizeof(arSizes[1]));
+    LPFILE_MEMDBFILEINFO lpRows = RowsOf(BlockOf(strSystem, 0));
+    lpRows[1].m_nFileSize = LLONG_MAX - MIB;
+    lpRows[2].m_nFileSize = LLONG_MAX / 2 + MIB;
     ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
-    m_pModule.reset(new CBreltMemStorageModule());
-    InitThreadCritSection(&m_stCrit);
-    ASSERT_EQ(S_OK, m_pModule->InitSysEnvironment(&m_stCrit, TRUE, FALSE));
+    ASSERT_EQ(S_OK, Start(false));
     LPTALVORPROGRESS lpProgress = m_pModule->m_pFlashback->GetProgress();
     EXPECT_EQ(DB_SYSTEMFILE_SIZE / MIB, Val(lpProgress->m_nPos));
     EXPECT_EQ(0x40000000, Val(lpProgress->m_nTotal));

@@ -1,9 +1,5 @@
-// What a standby thread makes of the replies on its connection: a reply
-// with another token is an old one and is read past, never taken for the
-// shipment in flight and never shifting the stream; a keep-alive with the
-// token restarts the wait; a reply of another version, with a payload, or
-// of an unknown type drops the connection; a node that says it leaves ends
-// the thread whatever token it uses; silence is a time-out, not a failure.
+// What a standby thread makes of the replies on its connection: an old
+// reply must never be taken for the shipment in flight nor shift the stream.
 #include "TalvorStandby.h"
 
 #include <gtest/gtest.h>

@@ -8,12 +8,17 @@
 
 #include "MemDBBackupDef.h"
 #include "MemDBCommonDef.h"
+#include "FaultFileIO.h"
 #include "TalvorBackupVerify.h"
 #include "TalvorFileIO.h"
 #include "TempTree.h"
 #include "TestFiles.h"
 
+#include <gtest/gtest.h>
+
+#include <cstddef>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -84,13 +89,6 @@ inline std::vector<DbFile> ManyFiles(const talvortest::TempTree& tree, int nCoun
     for (int i = 2; i <= nCount; i++)
         v.push_back({FILETYPE_DATA, (BYTE)i, 8192, 1024 + i, 512, i, tree.Path("Data" + std::to_string(i) + ".dbf")});
     return v;
-}
-
-inline bool WriteDbFiles(const std::vector<DbFile>& vFiles)
-{
-    for (const DbFile& f : vFiles)
-        if (!talvortest::WriteWholeFile(f.m_strPath, DbFileBytes(f))) return false;
-    return true;
 }
 
 // The head area as it is first written: the fixed part filled in, the
@@ -167,5 +165,88 @@ public:
 private:
     LPBACKUPVERIFYREPORT m_pReport;
 };
+
+// The verifier's status for strImage once fnChange has spoilt it (written
+// at strPath); a finding exactly when it is not whole.
+inline int StatusAfterChange(const std::string& strPath, std::string strImage,
+                             const std::function<void(std::string&)>& fnChange)
+{
+    fnChange(strImage);
+    EXPECT_TRUE(talvortest::WriteWholeFile(strPath, strImage));
+    Verified v(strPath);
+    EXPECT_EQ(v.Status() == BACKUPVERIFY_WHOLE, v.Finding().empty()) << v.Finding();
+    return v.Status();
+}
+
+// Two backups of the same files differ in the time they were taken only.
+inline bool SameBackup(std::string strA, const std::string& strB)
+{
+    const size_t nTimeAt = offsetof(BACKUPFILEHEAD, m_ftBackupTime);
+    if (strA.size() != strB.size() || strA.size() < BACKUP_FIXED_HEAD_SIZE) return false;
+    strA.replace(nTimeAt, sizeof(FILETIME), strB, nTimeAt, sizeof(FILETIME));
+    return strA == strB;
+}
+
+// How the write the power takes ends: lost, torn at a sector, or whole.
+struct PowerCut {
+    const char* m_lpName;
+    long long m_nDieAfterDelta;
+    size_t m_nTorn;
+};
+
+// fnBackup writes strPath; the power goes at each of its writes in turn, the
+// device taking nothing after it (so the daemon cannot remove its partial
+// file either). The backup is never done, the verifier takes the file for
+// whole only when it is the whole backup, and a done backup survives a loss
+// right after it.
+inline void PowerLossAtEveryWrite(const std::string& strPath, const std::string& strLogDir,
+                                  long long nMinWrites, const std::vector<PowerCut>& vCuts,
+                                  const std::function<BOOL()>& fnBackup)
+{
+    using namespace talvortest;
+    long long nWrites = 0;
+    std::string strWhole;
+    {
+        FaultFileIO io;
+        ScopedFileIO scoped(&io);
+        io.PassThrough(strLogDir);
+        ASSERT_TRUE(fnBackup());
+        nWrites = io.Calls(FileOp::PWrite);
+        strWhole = ReadWholeFile(strPath);
+    }
+    ASSERT_GE(nWrites, nMinWrites);
+    for (long long k = 1; k <= nWrites; k++) {
+        for (const PowerCut& c : vCuts) {
+            unlink(strPath.c_str());
+            BOOL bDone = FALSE;
+            {
+                FaultFileIO io;
+                ScopedFileIO scoped(&io);
+                io.PassThrough(strLogDir);
+                io.DieAfter(FileOp::PWrite, k + c.m_nDieAfterDelta);
+                if (c.m_nTorn > 0) io.CutTransfer(FileOp::PWrite, k, c.m_nTorn);
+                bDone = fnBackup();
+                io.LosePower(NameLoss::Keep);
+            }
+            Verified v(strPath);
+            if (v.Status() == BACKUPVERIFY_WHOLE) {
+                EXPECT_TRUE(SameBackup(ReadWholeFile(strPath), strWhole))
+                    << "write " << k << ", " << c.m_lpName;
+            }
+            // Done only once the head is synced behind the data.
+            EXPECT_FALSE(bDone) << "write " << k << ", " << c.m_lpName;
+        }
+    }
+    {
+        FaultFileIO io;
+        ScopedFileIO scoped(&io);
+        io.PassThrough(strLogDir);
+        ASSERT_TRUE(fnBackup());
+        io.LosePower(NameLoss::Undo);
+    }
+    Verified v(strPath);
+    EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
+    EXPECT_TRUE(SameBackup(ReadWholeFile(strPath), strWhole));
+}
 
 } // namespace backuptest
