@@ -107,10 +107,9 @@ protected:
         for (;;) {
             int nFound = OldestSealed();
             if (nFound < 0) return;
-            std::string strPath = m_strDir + "Redo" + std::to_string(nFound) + ".log";
+            std::string strPath = GroupPath(nFound);
             std::string strFile = ReadWholeFile(strPath);
-            MF_REDOLOGFILEHEAD h;
-            memcpy(&h, strFile.data(), sizeof(h));
+            MF_REDOLOGFILEHEAD h = HeadOf(strFile);
             ASSERT_EQ(REDOGROUP_SEALED, +h.m_bState);
             ASSERT_LE((size_t)h.m_nEffectiveSize, strFile.size());
             ASSERT_TRUE(WriteWholeFile(m_strDir + "collected/" + std::to_string(h.m_nSequenceNO),
@@ -248,6 +247,42 @@ protected:
         return true;
     }
 
+    struct KillCase {
+        KillAt m_eAt;
+        int m_nPoint;
+        const char* m_szName;
+    };
+
+    // Kills at each case's nth moment for every n the stream reaches; each
+    // joined stream must be the engine's, byte for byte.
+    void RunKillCases(const std::vector<KillCase>& vCases)
+    {
+        std::string strStream;
+        std::vector<size_t> vBoundaries;
+        MakeStream(strStream, vBoundaries);
+        int nRuns = 0;
+        std::vector<std::string> vFailed;
+        for (const KillCase& kc : vCases) {
+            for (long long n = 1;; n++) {
+                StartOver(std::to_string((int)kc.m_eAt) + "-" + std::to_string(kc.m_nPoint) + "-" + std::to_string(n));
+                if (HasFatalFailure()) return;
+                m_bStalled = false;
+                if (!RunKilledAt(n, kc.m_eAt, strStream, vBoundaries, kc.m_nPoint)) break;
+                nRuns++;
+                std::string strError;
+                std::string strLogs = Joined(strError);
+                if (m_bStalled) strError += "the writer stopped draining the ring; ";
+                if (strLogs.size() < strStream.size()) strError += "bytes lost; ";
+                if (strLogs.size() > strStream.size()) strError += "bytes twice; ";
+                if (strError.empty() && strLogs != strStream) strError += "bytes differ; ";
+                if (!strError.empty())
+                    vFailed.push_back(std::string(kc.m_szName) + " " + std::to_string(n) + ": " + strError);
+            }
+        }
+        EXPECT_GT(nRuns, 100) << "the stream must take many writes";
+        ExpectNoFailures(vFailed, nRuns);
+    }
+
     SharedState* m_pShared = nullptr;
     SYSTEMFILEHEAD m_stTemplate;
     bool m_bStalled = false;
@@ -255,51 +290,9 @@ protected:
 
 } // namespace
 
-namespace {
-
-struct KillCase {
-    KillAt m_eAt;
-    int m_nPoint;
-    const char* m_szName;
-};
-
-} // namespace
-
-// Kills at each case's nth moment for every n the stream reaches; each
-// joined stream must be the engine's, byte for byte.
-#define RUN_KILL_CASES(arCases)                                                                                       \
-    std::string strStream;                                                                                            \
-    std::vector<size_t> vBoundaries;                                                                                  \
-    MakeStream(strStream, vBoundaries);                                                                               \
-    int nRuns = 0;                                                                                                    \
-    std::vector<std::string> vFailed;                                                                                 \
-    for (const KillCase& kc : arCases) {                                                                              \
-        for (long long n = 1;; n++) {                                                                                 \
-            const std::string strCase = std::string(kc.m_szName) + " " + std::to_string(n);                           \
-            StartOver(std::to_string((int)kc.m_eAt) + "-" + std::to_string(kc.m_nPoint) + "-" + std::to_string(n));   \
-            if (HasFatalFailure()) return;                                                                            \
-            m_bStalled = false;                                                                                       \
-            if (!RunKilledAt(n, kc.m_eAt, strStream, vBoundaries, kc.m_nPoint)) break;                                \
-            nRuns++;                                                                                                  \
-            std::string strError;                                                                                     \
-            std::string strLogs = Joined(strError);                                                                   \
-            if (m_bStalled) strError += "the writer stopped draining the ring; ";                                    \
-            if (strLogs.size() < strStream.size()) strError += "bytes lost; ";                                        \
-            if (strLogs.size() > strStream.size()) strError += "bytes twice; ";                                       \
-            if (strError.empty() && strLogs != strStream) strError += "bytes differ; ";                               \
-            if (!strError.empty()) vFailed.push_back(strCase + ": " + strError);                                      \
-        }                                                                                                             \
-    }                                                                                                                 \
-    EXPECT_GT(nRuns, 100) << "the stream must take many writes";                                                      \
-    std::string strFailed;                                                                                            \
-    for (size_t i = 0; i < vFailed.size() && i < 12; i++) strFailed += vFailed[i] + "\n";                             \
-    EXPECT_TRUE(vFailed.empty()) << vFailed.size() << " of " << nRuns << " kills broke the stream, first ones:\n"      \
-                                 << strFailed
-
 TEST_F(RedoKill, KilledBeforeOrAfterAnyWriteLosesNoRecordAndRevivesNone)
 {
-    const KillCase arCases[] = {{KillAt::BeforeWrite, 0, "before write"}, {KillAt::AfterWrite, 0, "after write"}};
-    RUN_KILL_CASES(arCases);
+    RunKillCases({{KillAt::BeforeWrite, 0, "before write"}, {KillAt::AfterWrite, 0, "after write"}});
 }
 
 // Between the stores that hand a drained piece back to the engine: the
@@ -307,8 +300,7 @@ TEST_F(RedoKill, KilledBeforeOrAfterAnyWriteLosesNoRecordAndRevivesNone)
 // to drain the piece a second time (a record's middle twice).
 TEST_F(RedoKill, KilledWhileHandingBackAPieceDrainsItOnce)
 {
-    const KillCase arCases[] = {{KillAt::InsideConsume, REDOPOINT_PENDING, "read position announced"},
-                                {KillAt::InsideConsume, REDOPOINT_LOGPOS, "file size stored"},
-                                {KillAt::InsideConsume, REDOPOINT_READPOS, "read position stored"}};
-    RUN_KILL_CASES(arCases);
+    RunKillCases({{KillAt::InsideConsume, REDOPOINT_PENDING, "read position announced"},
+                  {KillAt::InsideConsume, REDOPOINT_LOGPOS, "file size stored"},
+                  {KillAt::InsideConsume, REDOPOINT_READPOS, "read position stored"}});
 }
