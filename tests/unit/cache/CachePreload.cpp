@@ -1,8 +1,5 @@
-// The preload at start, on real files and a real segment: which blocks it
-// takes under each load type, in which order they land on the free chain,
-// and what it leaves when the cache fills. The blocks expected in the cache
-// are computed here from the file layout the test wrote, and compared with
-// the file's bytes read past every layer.
+// The preload at start, on real files and a real segment; the blocks
+// expected in the cache are computed from the layout the test wrote.
 #include "TestClock.h"
 #include "CacheFixture.h"
 #include "FaultFileIO.h"
@@ -544,53 +541,9 @@ TEST_F(CachePreload, ManyPiecesOfBothKindsLandWholeAndInTheOrderOfTheFiles)
     EXPECT_EQ(m_llFileSize, tab.llLoadSize);
 }
 
-// The reader on its own: what it read and traced reaches the caller only
-// through Wait and Surface, a forgotten read leaves no line, and a reader
-// that ended on the daemon's stop leaves its reads to the caller.
-TEST_F(CachePreload, TheReaderHandsOverItsLinesOnlyWhenTheReadIsTaken)
-{
-    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
-    int nThreads = ThreadCount();
-    volatile BYTE bExit = 0;
-    CPreloadReader* r = CPreloadReader::Start(idx.pStorage, &bExit);
-    ASSERT_NE(nullptr, r);
-    LPBYTE lpBuf = (LPBYTE)CTalvorCacheStorage::get_aligned_buffer((size_t)P);
-    ASSERT_NE(nullptr, lpBuf);
-    pid_t nMe = (pid_t)syscall(SYS_gettid);
-    talvortest::FaultFileIO io;
-    {
-        WatchLines watch(m_pCache.get());
-        talvortest::ScopedFileIO scoped(&io);
-        io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);
-        ASSERT_TRUE(r->Ask(idx.vOffsets[1], lpBuf, P));
-        EXPECT_FALSE(r->Ask(idx.vOffsets[2], lpBuf, P)) << "a second read was taken while one is in hand";
-        EXPECT_EQ(1, r->Wait(nullptr));
-        EXPECT_TRUE(watch.Of(READ_FAILED_CODE).empty()) << "the reader wrote its line itself";
-        r->Surface();
-        std::vector<FailureLine> v = watch.Of(READ_FAILED_CODE);
-        ASSERT_EQ(1u, v.size());
-        EXPECT_EQ(nMe, v[0].nThread);
-        // A failed read forgotten leaves nothing.
-        io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);
-        ASSERT_TRUE(r->Ask(idx.vOffsets[1], lpBuf, P));
-        r->Forget();
-        EXPECT_EQ(1u, watch.Of(READ_FAILED_CODE).size());
-        EXPECT_EQ(PRELOADREAD_NONE, r->State());
-        // And a good read gives the file's bytes.
-        ASSERT_TRUE(r->Ask(idx.vOffsets[1], lpBuf, P));
-        EXPECT_EQ(0, r->Wait(nullptr));
-        r->Surface();
-        EXPECT_EQ(0, memcmp(Read(idx, idx.vOffsets[1], P).data(), lpBuf, (size_t)P));
-        // Stopped with a read in hand: the read ends first, without a line.
-        io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);
-        ASSERT_TRUE(r->Ask(idx.vOffsets[1], lpBuf, P));
-        EXPECT_TRUE(CPreloadReader::Stop(r));
-        EXPECT_EQ(1u, watch.Of(READ_FAILED_CODE).size());
-    }
-    EXPECT_TRUE(ThreadsSettleAt(nThreads));
-    free(lpBuf);
-}
-
+// The reader on its own, once it ended on the daemon's stop: a read asked
+// of it is made on the caller's thread, once, and its failure is told at
+// the Surface as the sweep tells it.
 TEST_F(CachePreload, AReaderEndedByTheStopLeavesItsReadsToTheCaller)
 {
     TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());

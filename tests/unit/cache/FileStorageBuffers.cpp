@@ -1,6 +1,4 @@
-// The write buffers of a cache-mode file: bytes written come back and reach
-// the disk, whichever way they went; the statuses and part flags follow the
-// table of transitions; what is on disk is checked against a model of the
+// The write buffers of a cache-mode file, checked against a model of the
 // file kept apart from the code under test.
 #include "FileStorageFixture.h"
 
@@ -211,16 +209,6 @@ TEST_F(FileBuffers, FlushBufferWritesLeastRecentlyUsedChangeFirst)
     EXPECT_EQ(2 * FS_PART, w[1].second);
     EXPECT_EQ(FILEBUF_PARTS, Holder(10 * FS_SPAN)->m_nStatus);
     EXPECT_EQ(0, FirstDiff(FileBytes(), m_vLogical) == -1 ? 0 : 1);
-}
-
-TEST_F(FileBuffers, WithoutFileCacheNothingIsHeld)
-{
-    Make(FALSE);
-    EXPECT_EQ(-1, m_pStorage->FlushBuffer(nullptr));
-    ASSERT_EQ(0, Write(FS_PART, FS_PART));
-    EXPECT_FALSE(m_pStorage->CheckFlush());
-    EXPECT_EQ(-1, m_pStorage->FlushBuffer(nullptr));
-    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
 }
 
 TEST_F(FileBuffers, AllocCacheBufferRefusesSpanCrossingAndEvictsTheTail)
@@ -518,21 +506,6 @@ TEST_F(FileBuffers, SpeedTestReadsItsPatternAndWraps)
     // No write came of it, and the buffers were not touched.
     EXPECT_TRUE(Writes().empty());
     EXPECT_EQ(nullptr, Holder(0));
-}
-
-TEST_F(FileBuffers, SpeedTestStopsAtFailedReadAndIgnoresUnknownPattern)
-{
-    Make(FALSE);
-    AlignedBytes buf(FS_SPAN);
-    m_io.FailCall(FileOp::PRead, 10, EIO, 3);
-    m_pStorage->TestSpeed(nullptr, buf.m_p, 9, 0);
-    EXPECT_TRUE(Traced(80010004, "read location: 2359296, read size: 262144"));
-    EXPECT_FALSE(Traced(80010000, "Physical file reading test"));
-    EXPECT_EQ(12, m_io.Calls(FileOp::PRead));
-    m_pStorage->TestSpeed(nullptr, buf.m_p, 42, 0);
-    EXPECT_TRUE(Traced(80010000, "read times: 0,"));
-    EXPECT_EQ(12, m_io.Calls(FileOp::PRead));
-    EXPECT_TRUE(LatchFree());
 }
 
 }  // namespace

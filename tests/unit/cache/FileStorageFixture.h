@@ -1,6 +1,5 @@
-// FileStorageFixture.h — a cache-mode file on disk with its backend on a
-// small cache segment, the fault layer in force, and an independent model
-// of what the file's bytes must be: a plain vector written alongside.
+// FileStorageFixture.h — a cache-mode file with its backend on a small
+// cache, the fault layer in force, and a model of the file's bytes.
 #pragma once
 
 #include "CacheFixture.h"
@@ -192,6 +191,19 @@ protected:
         h->m_bThreadNum = 2;
         h->m_bFlushCode = bFlushCode;
         h->m_bFlushFlag = 1;
+    }
+
+    // The dirty block at lpLive as the disk must get it: the engine's marks cleared.
+    static std::vector<BYTE> OnDiskCopy(LPBYTE lpLive)
+    {
+        std::vector<BYTE> v(lpLive, lpLive + FS_PART);
+        LPBLOCKHEAD c = (LPBLOCKHEAD)v.data();
+        c->m_bSaveFlag = 0;
+        c->m_bFlushFlag = 0;
+        c->m_nLockTimestamp = 0;
+        c->m_bStatus = 0;
+        c->m_bThreadNum = 0;
+        return v;
     }
 
     std::mt19937 m_rng;

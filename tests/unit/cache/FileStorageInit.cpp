@@ -1,11 +1,10 @@
-// A cache-mode file brought into the cache at start: its pages hang in the
-// file's chain in file order, each page links the next by cache offset, and
-// a damaged or foreign file is refused with its message.
+// A cache-mode file brought into the cache at start, or refused.
 #include "CacheFileHeadArea.h"
 #include "CacheFixture.h"
 #include "FaultFileIO.h"
 #include "TalvorFileStorage.h"
 #include "TempTree.h"
+#include "TestFiles.h"
 
 #include <cstddef>
 #include <fcntl.h>
@@ -25,6 +24,7 @@ protected:
     void SetUp() override
     {
         CacheFixture::SetUp();
+        ASSERT_EQ(0, Open(32));
     }
     void TearDown() override
     {
@@ -68,10 +68,7 @@ protected:
     void WriteFile()
     {
         m_strPath = m_tree.Path("Table33.dbf");
-        int fd = open(m_strPath.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0666);
-        ASSERT_GE(fd, 0);
-        ASSERT_EQ((ssize_t)m_vFile.size(), pwrite(fd, m_vFile.data(), m_vFile.size(), 0));
-        close(fd);
+        ASSERT_TRUE(talvortest::WriteWholeFile(m_strPath, std::string(m_vFile.begin(), m_vFile.end())));
     }
     int Init()
     {
@@ -93,7 +90,6 @@ protected:
 
 TEST_F(FileInit, PagesHangInFileOrderAndLinkEachOther)
 {
-    ASSERT_EQ(0, Open(32));
     MakeFile(FILETYPE_TABLE, 1018, true);
     ASSERT_EQ(2, m_nEx);
     ASSERT_EQ(0, Init());
@@ -126,7 +122,6 @@ TEST_F(FileInit, PagesHangInFileOrderAndLinkEachOther)
 
 TEST_F(FileInit, IndexFileWithoutExtendedPagesLinksItsMapFromTheHead)
 {
-    ASSERT_EQ(0, Open(32));
     MakeFile(FILETYPE_INDEX, 10, false);
     ((LPINDEXFILEHEAD)m_vFile.data())->m_nHeadMaxObjectNum = 0;
     WriteFile();
@@ -186,7 +181,6 @@ TEST_F(FileInit, DamagedOrForeignFilesAreRefused)
         SCOPED_TRACE(c.lpName);
         TearDown();
         SetUp();
-        ASSERT_EQ(0, Open(32));
         MakeFile(FILETYPE_TABLE, 1018, true);
         c.fnSpoil();
         EXPECT_EQ(1, Init());
@@ -196,7 +190,6 @@ TEST_F(FileInit, DamagedOrForeignFilesAreRefused)
 
 TEST_F(FileInit, FailedHeadReadIsReportedAfterThreeTries)
 {
-    ASSERT_EQ(0, Open(32));
     MakeFile(FILETYPE_TABLE, 10, false);
     talvortest::FaultFileIO io;
     talvortest::ScopedFileIO scoped(&io);
@@ -208,7 +201,6 @@ TEST_F(FileInit, FailedHeadReadIsReportedAfterThreeTries)
 
 TEST_F(FileInit, OtherMeasuredSizeIsTakenWhenTheFileReads)
 {
-    ASSERT_EQ(0, Open(32));
     MakeFile(FILETYPE_TABLE, 10, false);
     m_info.m_liFileSize = FILE_SIZE / 2;
     ASSERT_EQ(0, Init());
@@ -218,7 +210,6 @@ TEST_F(FileInit, OtherMeasuredSizeIsTakenWhenTheFileReads)
 
 TEST_F(FileInit, CacheKeptFromBeforeReadsNothingButMustHoldTheFile)
 {
-    ASSERT_EQ(0, Open(32));
     MakeFile(FILETYPE_TABLE, 10, false);
     m_pCache->m_bExists = TRUE;
     talvortest::FaultFileIO io;
@@ -247,7 +238,6 @@ protected:
         m_module.m_pSystemHead = &g_stSystemHead;
         memset(&m_row, 0, sizeof(m_row));
         m_bRowSave = 0;
-        ASSERT_EQ(0, Open(32));
         MakeFile(FILETYPE_TABLE, 10, false);
         m_info.m_lpFileInfo = &m_row;
         m_info.m_pSaveFlag = &m_bRowSave;

@@ -1,6 +1,4 @@
-// Adding a cache-mode file: the file is made at its size with its head area
-// and zeros behind it, its pages reach the cache, and what may not be made
-// is refused before anything is written.
+// Adding a cache-mode file; what may not be made is refused unwritten.
 #include "CacheFileHeadArea.h"
 #include "CacheFixture.h"
 #include "FaultFileIO.h"

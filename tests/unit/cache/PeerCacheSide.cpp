@@ -1,8 +1,5 @@
-// The engine stand-in's side of the shared cache (talvor-peer cache) over a
-// real segment: places in the segment that a damaged or foreign head names
-// are never followed, and a block version stays inside its block. The round
-// trips themselves (flushes, loads, bent entries) run against a real daemon
-// in the cache pipeline end-to-end test.
+// The engine stand-in's side of the shared cache over a real segment; its
+// round trips run against a daemon in the cache pipeline end-to-end test.
 #include "CacheFileHeadArea.h"
 #include "FileStorageFixture.h"
 #include "PeerCache.h"
