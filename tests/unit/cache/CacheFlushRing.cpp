@@ -12,7 +12,6 @@ using talvortest::FileOp;
 
 namespace {
 
-// --- Every type in order ------------------------------------------------------
 
 TEST_F(FlushRing, EveryTypeCarriedOutInOrderAcrossTheRingsEnd)
 {
@@ -21,7 +20,7 @@ TEST_F(FlushRing, EveryTypeCarriedOutInOrderAcrossTheRingsEnd)
     Head()->m_bStorageFlushPos = 125;
     m_nPos = 125;
     PostData(10, 40LL * FS_PART);
-    PostPage(CACHEFLUSH_HEAD, 3, 0);
+    PostPage(CACHEFLUSH_HEAD, 3, 5LL * FS_PART); // a head goes to offset 0 whatever its entry says
     PostPage(CACHEFLUSH_EXHEAD, 4, 1LL * FS_PART);
     PostPage(CACHEFLUSH_MAP, 5, 3LL * FS_PART, 1);
     stu_CacheFlush* pCancel = PostData(11, 50LL * FS_PART, false);
@@ -52,12 +51,14 @@ TEST_F(FlushRing, EveryTypeCarriedOutInOrderAcrossTheRingsEnd)
     EXPECT_EQ(9200, m_module.m_vCommits[1].llTimestamp);
     EXPECT_FALSE(m_module.m_vCommits[1].bArray);
     EXPECT_EQ(CACHEFLUSH_TSNUM_CLEAR, m_module.m_vCommits[1].nNum);
-    // The data block's flush mark is cleared; the cancelled one keeps its.
+    // The data block's flush mark is cleared, the rest of the live block
+    // left alone; the cancelled one keeps its mark.
     EXPECT_EQ(0, Val(((LPBLOCKHEAD)m_vLive[0])->m_bFlushFlag));
+    EXPECT_EQ(1, Val(((LPBLOCKHEAD)m_vLive[0])->m_bSaveFlag));
+    EXPECT_EQ(2, Val(((LPBLOCKHEAD)m_vLive[0])->m_bThreadNum));
     EXPECT_EQ(1, Val(((LPBLOCKHEAD)m_vLive[1])->m_bFlushFlag));
 }
 
-// --- Entries outside what they may name ---------------------------------------
 
 TEST_F(FlushRing, EntriesOutsideSegmentPoolOrFileAreUnusableAndWriteNothing)
 {
@@ -194,7 +195,6 @@ TEST_F(FlushRing, AnUnknownTypeOfAnySizeIsPassedOverWithoutABufferOfThatSize)
     EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vDisk));
 }
 
-// --- Failed writes and the timestamps behind them ------------------------------
 
 TEST_F(FlushRing, FailedWriteGives252KeepsTheBlockDirtyAndHoldsTheTimestamp)
 {
@@ -226,7 +226,6 @@ TEST_F(FlushRing, FailedWriteGives252KeepsTheBlockDirtyAndHoldsTheTimestamp)
     EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
 }
 
-// --- Durability of a committed timestamp under a power cut ---------------------
 
 // Blocks go through the write buffers into a file opened for buffered
 // writes: nothing is durable until synced. The device dies after the Nth

@@ -68,7 +68,6 @@ TEST_F(FlushThread, WithoutTheModuleNoThreadStarts)
     EXPECT_EQ(0u, (unsigned long)m_pCache->m_hStorageFlushThread);
 }
 
-// --- The loop besides entries ---------------------------------------------------
 
 TEST_F(FlushRing, APausedFileHoldsTheRingUntilThePauseEnds)
 {

@@ -14,7 +14,6 @@ const std::vector<int> NoFlags(FILESTORE_PART_NUM, 0);
 
 class FileBuffers : public FileStorageFixture {};
 
-// --- Round trips ----------------------------------------------------------
 
 TEST_F(FileBuffers, RandomBlocksComeBackAndReachTheDiskWithAndWithoutBuffers)
 {
@@ -87,7 +86,6 @@ TEST_F(FileBuffers, DirectWriteOverBufferedSpanLeavesNoStaleCopy)
     EXPECT_TRUE(DrainedFileMatches());
 }
 
-// --- The transitions of the statuses ---------------------------------------
 
 TEST_F(FileBuffers, WriteToUnheldSpanReadsNothingAndFlagsOnePart)
 {
@@ -188,7 +186,6 @@ TEST_F(FileBuffers, WholeSpanWritesAndReadsAreNotBuffered)
     EXPECT_EQ(0, FirstDiff(FileBytes(), m_vLogical) == -1 ? 0 : 1);
 }
 
-// --- FlushBuffer and the use list ------------------------------------------
 
 TEST_F(FileBuffers, FlushBufferWritesLeastRecentlyUsedChangeFirst)
 {
@@ -260,7 +257,6 @@ TEST_F(FileBuffers, ReleaseDrainsTheBuffersAndEndsWhenTheDiskKeepsFailing)
     EXPECT_TRUE(Traced(80012010, "buffers: 2"));
 }
 
-// --- Faults -----------------------------------------------------------------
 
 TEST_F(FileBuffers, DirectWriteIsTriedThreeTimesThenReported)
 {
@@ -364,7 +360,6 @@ TEST_F(FileBuffers, FailedEvictionLeavesTheBufferAndWritesStraight)
     EXPECT_TRUE(LatchFree());
 }
 
-// --- Threads ----------------------------------------------------------------------
 
 TEST_F(FileBuffers, ThreadsOnTheirOwnBlocksAndAFlusherLoseNothing)
 {
@@ -423,7 +418,6 @@ TEST_F(FileBuffers, ThreadsOnTheirOwnBlocksAndAFlusherLoseNothing)
     EXPECT_TRUE(DrainedFileMatches());
 }
 
-// --- Moving the file ------------------------------------------------------------
 
 TEST_F(FileBuffers, MovedFileTakesItsBufferedChangesAlong)
 {
@@ -478,7 +472,6 @@ TEST_F(FileBuffers, MoveIsRefusedOverAFileAndStopsAtAFailedCopy)
     EXPECT_TRUE(LatchFree());
 }
 
-// --- The read speed test ------------------------------------------------------
 
 TEST_F(FileBuffers, SpeedTestReadsItsPatternAndWraps)
 {

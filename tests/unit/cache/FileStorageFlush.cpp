@@ -82,21 +82,6 @@ protected:
     stu_CacheFlush m_req;
 };
 
-// --- Data blocks --------------------------------------------------------------
-
-TEST_F(FileFlush, DataBlockReachesItsPlaceCleanAndFlushFlagClears)
-{
-    MakeFlush();
-    PostDataBlock();
-    ASSERT_EQ(0, Flush());
-    Calls w = Writes();
-    ASSERT_EQ(1u, w.size());
-    EXPECT_EQ(BLOCK_FILE_OFFSET, w[0].first);
-    ExpectBlockOnDisk(BLOCK_FILE_OFFSET, true);
-    EXPECT_EQ(0, Val(Live()->m_bFlushFlag));
-    EXPECT_EQ(1, Val(Live()->m_bSaveFlag));
-    EXPECT_EQ(2, Val(Live()->m_bThreadNum));
-}
 
 TEST_F(FileFlush, LapsedRequestsWriteNothing)
 {
@@ -220,25 +205,6 @@ TEST_F(FileFlush, FlushCodeChangedMeanwhileKeepsFlushFlag)
     EXPECT_EQ(1, Val(Live()->m_bFlushFlag));
 }
 
-// --- Heads and maps ---------------------------------------------------------------
-
-TEST_F(FileFlush, HeadGoesToOffsetZeroAndExtendedHeadToItsOwnPlace)
-{
-    MakeFlush();
-    PostPage(CACHEFLUSH_HEAD, TABLEFILE_DATAFLAG, 5 * FS_PART);
-    ASSERT_EQ(0, Flush());
-    ExpectBlockOnDisk(0, false);
-    ClearCalls();
-    PostPage(CACHEFLUSH_EXHEAD, TABLEFILEEX_DATAFLAG, 2 * FS_PART);
-    ASSERT_EQ(0, Flush());
-    Calls w = Writes();
-    ASSERT_EQ(1u, w.size());
-    EXPECT_EQ(2 * FS_PART, w[0].first);
-    ExpectBlockOnDisk(2 * FS_PART, false);
-    PostPage(CACHEFLUSH_MAP, BLOCKMAP_CACHE_DATAFLAG, 3 * FS_PART, 1);
-    ASSERT_EQ(0, Flush());
-    ExpectBlockOnDisk(3 * FS_PART, false);
-}
 
 TEST_F(FileFlush, BadPagesAreRefusedWithNothingWritten)
 {
@@ -298,7 +264,6 @@ TEST_F(FileFlush, RequestsOutsideTheCacheOrFileAreRefused)
     ExpectNothingWritten();
 }
 
-// --- Loading a block ----------------------------------------------------------------
 
 TEST_F(FileFlush, LoadBlockChecksNumberMarkAndFile)
 {

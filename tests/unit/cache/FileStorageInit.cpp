@@ -225,7 +225,6 @@ TEST_F(FileInit, CacheKeptFromBeforeReadsNothingButMustHoldTheFile)
     EXPECT_EQ(1u, Chain(Head()->m_nFileInfoNo[FILE_NO]).size());
 }
 
-// --- Growing the file ------------------------------------------------------------
 
 SYSTEMFILEHEAD g_stSystemHead;
 
