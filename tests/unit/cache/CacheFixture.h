@@ -8,6 +8,7 @@
 #include "FakeCacheModule.h"
 #include "PackedValue.h"
 #include "TalvorCacheStorage.h"
+#include "TestFiles.h"
 #include "TraceCapture.h"
 
 #include <gtest/gtest.h>
@@ -21,6 +22,14 @@
 namespace cachetest {
 
 using talvortest::Val;
+
+// Bytes of a file read past every layer; fewer at its end.
+inline std::vector<BYTE> FileAt(const std::string& strPath, long long nOffset, long long nSize)
+{
+    std::string s = talvortest::ReadFileAt(strPath, nOffset, nSize);
+    return std::vector<BYTE>(s.begin(), s.end());
+}
+inline std::string AsString(const void* p, size_t nSize) { return std::string((const char*)p, nSize); }
 
 class CacheFixture : public ::testing::Test {
 protected:

@@ -57,8 +57,8 @@ static_assert(CACHE_FLUSH_OFFSET == (int)sizeof(CacheBufferHead), "head");
 static_assert(CACHE_INDEXFLUSH_OFFSET == CACHE_FLUSH_OFFSET + CACHE_FLUSH_RING_SIZE * (int)sizeof(stu_CacheFlush), "");
 static_assert(CACHE_FLUSHTSFILE_OFFSET == CACHE_INDEXFLUSH_OFFSET + CACHE_FLUSH_RING_SIZE * (int)sizeof(stu_CacheFlush),
               "index ring");
-static_assert(CACHE_FLUSHFILE_OFFSET == CACHE_FLUSHTSFILE_OFFSET + CACHE_FLUSHTSFILE_NUM * (int)sizeof(stu_CacheFlushFile),
-              "timestamp images");
+static_assert(CACHE_FLUSHFILE_OFFSET ==
+                  CACHE_FLUSHTSFILE_OFFSET + CACHE_FLUSHTSFILE_NUM * (int)sizeof(stu_CacheFlushFile), "");
 static_assert(CACHE_LOAD_OFFSET == CACHE_FLUSHFILE_OFFSET + CACHE_FLUSHFILE_NUM * (int)sizeof(stu_CacheFlushFile), "");
 static_assert(CACHE_FLASHBACK_SIZE == 16 * 16384 + 32 * 4096, "two pools' images: 16 of 16384, 32 of 4096");
 

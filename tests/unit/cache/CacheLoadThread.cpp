@@ -58,10 +58,7 @@ protected:
         h.m_nBlockSize = nSize;
         h.m_bThreadNum = 5;
         h.m_nTimestamp = 77;
-        int fd = open(m_strPath.c_str(), O_RDWR);
-        ASSERT_GE(fd, 0);
-        ASSERT_EQ((ssize_t)sizeof(h), pwrite(fd, &h, sizeof(h), llAt));
-        close(fd);
+        ASSERT_TRUE(talvortest::WriteFileAt(m_strPath, llAt, AsString(&h, sizeof(h))));
     }
     LPBYTE Target() { return Base() + CacheBlockOffset(m_nTarget); }
     LPstu_FileCacheLoadInfo Group() { return &Head()->m_stFileCacheLoadInfo[FS_FILE_NO]; }
@@ -250,11 +247,7 @@ TEST_F(CacheLoadThread, ABlockEndingInZerosOfAWholeFileLoads)
 {
     // Zeros at the end of a block look like what a read past the end of
     // the file gives; in a file that holds the block whole they are data.
-    std::vector<BYTE> vZeros(4096, 0);
-    int fd = open(m_strPath.c_str(), O_RDWR);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ((ssize_t)vZeros.size(), pwrite(fd, vZeros.data(), vZeros.size(), BLOCK_AT + CACHE_BLOCK_SIZE - 4096));
-    close(fd);
+    ASSERT_TRUE(talvortest::WriteFileAt(m_strPath, BLOCK_AT + CACHE_BLOCK_SIZE - 4096, std::string(4096, '\0')));
     EXPECT_EQ(CACHELOAD_OK, RequestGood());
     EXPECT_TRUE(TargetHoldsBlock(BLOCK_AT));
 }

@@ -107,10 +107,7 @@ protected:
         lpHead->m_nMaxBlockMapNum = m_nMaxMap;
         lpHead->m_nFileFreeMemoryOffset = llAt;
         f.strPath = m_tree.Path("File" + std::to_string(bFileNo) + ".dbf");
-        int fd = open(f.strPath.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0666);
-        EXPECT_GE(fd, 0);
-        EXPECT_EQ((ssize_t)v.size(), pwrite(fd, v.data(), v.size(), 0));
-        close(fd);
+        EXPECT_TRUE(talvortest::WriteWholeFile(f.strPath, AsString(v.data(), v.size())));
         long long llOffset = 0;
         EXPECT_EQ(0, m_pCache->LoadFile2Cache(nullptr, bFileNo, llOffset));
         EXPECT_EQ(0, m_pCache->LoadFile2Cache(nullptr, bFileNo, llOffset));
@@ -137,11 +134,7 @@ protected:
     }
     static std::vector<BYTE> Read(const TestFile& f, long long llAt, int nSize)
     {
-        std::vector<BYTE> v((size_t)nSize);
-        int fd = open(f.strPath.c_str(), O_RDONLY);
-        if (fd < 0 || pread(fd, v.data(), v.size(), llAt) != nSize) v.clear();
-        if (fd >= 0) close(fd);
-        return v;
+        return FileAt(f.strPath, llAt, nSize);
     }
     // Room so that nRoom - nUsed = llWanted.
     void SetRoom(long long llWanted)

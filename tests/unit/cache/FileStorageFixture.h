@@ -52,10 +52,7 @@ protected:
         m_vDisk.resize((size_t)FS_FILE_SIZE);
         for (BYTE& b : m_vDisk) b = (BYTE)m_rng();
         m_strPath = m_tree.Path("Table7.dbf");
-        int fd = open(m_strPath.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0666);
-        ASSERT_GE(fd, 0);
-        ASSERT_EQ((ssize_t)m_vDisk.size(), pwrite(fd, m_vDisk.data(), m_vDisk.size(), 0));
-        close(fd);
+        ASSERT_TRUE(talvortest::WriteWholeFile(m_strPath, AsString(m_vDisk.data(), m_vDisk.size())));
         memset(&m_info, 0, sizeof(m_info));
         snprintf(m_info.m_lpszFilePath, sizeof(m_info.m_lpszFilePath), "%s", m_strPath.c_str());
         m_info.m_bFileNo = FS_FILE_NO;
@@ -72,13 +69,8 @@ protected:
     // The file's bytes as the disk holds them, read past every layer.
     std::vector<BYTE> FileBytes() const
     {
-        std::vector<BYTE> v((size_t)FS_FILE_SIZE);
-        int fd = open(m_strPath.c_str(), O_RDONLY);
-        if (fd < 0) return {};
-        ssize_t n = pread(fd, v.data(), v.size(), 0);
-        close(fd);
-        if (n != (ssize_t)v.size()) return {};
-        return v;
+        std::vector<BYTE> v = FileAt(m_strPath, 0, FS_FILE_SIZE);
+        return v.size() == (size_t)FS_FILE_SIZE ? v : std::vector<BYTE>();
     }
     // Random bytes for a write of nSize at llPos; the logical model takes them.
     void Fill(AlignedBytes& buf, long long llPos, int nSize)

@@ -68,7 +68,7 @@ protected:
     void WriteFile()
     {
         m_strPath = m_tree.Path("Table33.dbf");
-        ASSERT_TRUE(talvortest::WriteWholeFile(m_strPath, std::string(m_vFile.begin(), m_vFile.end())));
+        ASSERT_TRUE(talvortest::WriteWholeFile(m_strPath, AsString(m_vFile.data(), m_vFile.size())));
     }
     int Init()
     {
@@ -269,11 +269,8 @@ protected:
         EXPECT_EQ(1, m_bRowSave);
         EXPECT_EQ(1, g_stSystemHead.m_bSaveFlag);
         EXPECT_EQ(1, g_stSystemHead.m_stFileObject[1].m_bSaveFlag);
-        std::vector<BYTE> v(CACHE_PAGE_SIZE);
-        int fd = open(m_strPath.c_str(), O_RDONLY);
-        ASSERT_EQ((ssize_t)v.size(), pread(fd, v.data(), v.size(), 0));
-        close(fd);
-        EXPECT_EQ(0, memcmp(v.data(), m_lpHead, CACHE_PAGE_SIZE));
+        EXPECT_TRUE(FileAt(m_strPath, 0, CACHE_PAGE_SIZE) ==
+                    std::vector<BYTE>((LPBYTE)m_lpHead, (LPBYTE)m_lpHead + CACHE_PAGE_SIZE));
     }
 
     FILE_MEMDBFILEINFO m_row;
@@ -292,10 +289,8 @@ TEST_F(FileGrow, GrowsByWholePiecesAndRecordsTheSizeReached)
     ExpectSize(FILE_SIZE + 3 * 1048576);
     EXPECT_TRUE(Traced(80007004, "File size needs to grow to: 6295552, but the actual size of the obtained file: 7340032"));
     // The zeros are zeros, and what was there is untouched.
-    std::vector<BYTE> v((size_t)DiskSize());
-    int fd = open(m_strPath.c_str(), O_RDONLY);
-    ASSERT_EQ((ssize_t)v.size(), pread(fd, v.data(), v.size(), 0));
-    close(fd);
+    std::vector<BYTE> v = FileAt(m_strPath, 0, DiskSize());
+    ASSERT_EQ((size_t)DiskSize(), v.size());
     EXPECT_EQ(0, memcmp(v.data() + CACHE_PAGE_SIZE, m_vFile.data() + CACHE_PAGE_SIZE, (size_t)FILE_SIZE - CACHE_PAGE_SIZE));
     std::vector<BYTE> vZero(v.size() - (size_t)FILE_SIZE, 0);
     EXPECT_EQ(0, memcmp(v.data() + FILE_SIZE, vZero.data(), vZero.size()));

@@ -63,14 +63,8 @@ protected:
     }
     std::vector<BYTE> FileBytes() const
     {
-        struct stat st;
-        if (stat(m_strPath.c_str(), &st) != 0) return {};
-        std::vector<BYTE> v((size_t)st.st_size);
-        int fd = open(m_strPath.c_str(), O_RDONLY);
-        ssize_t n = pread(fd, v.data(), v.size(), 0);
-        close(fd);
-        if (n != (ssize_t)v.size()) return {};
-        return v;
+        std::string s = talvortest::ReadWholeFile(m_strPath);
+        return std::vector<BYTE>(s.begin(), s.end());
     }
 
     talvortest::TempTree m_tree{"fsnew"};

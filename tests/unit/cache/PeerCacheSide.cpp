@@ -40,10 +40,7 @@ protected:
         int nEx = -1;
         ASSERT_TRUE(CacheBuildHeadArea(stDef, m_area.m_p, (long long)m_area.m_n, &nEx));
         ASSERT_EQ(0, nEx);
-        int fd = open(m_strPath.c_str(), O_RDWR);
-        ASSERT_GE(fd, 0);
-        ASSERT_EQ((ssize_t)m_area.m_n, pwrite(fd, m_area.m_p, m_area.m_n, 0));
-        close(fd);
+        ASSERT_TRUE(talvortest::WriteFileAt(m_strPath, 0, AsString(m_area.m_p, m_area.m_n)));
     }
     AlignedBytes m_area{2 * CACHE_PAGE_SIZE};
     CPeerCache m_peer;
