@@ -45,10 +45,8 @@ TEST(CacheFileHeadArea, TableFileOf1018ObjectsHasTwoExtendedPagesAndMapAt49152)
     LPTABLEFILEHEAD h = (LPTABLEFILEHEAD)v.data();
     EXPECT_EQ(TABLEFILE_DATAFLAG, h->m_nDataFlag);
     EXPECT_EQ(1018u, Val(h->m_nMaxObjectNum));
-    EXPECT_EQ(1u, Val(h->m_nInnerMaxNo));
     EXPECT_EQ(16384, Val(h->m_nFileHeaderSize));
     EXPECT_EQ(16384, Val(h->m_nBlockMapSize));
-    EXPECT_EQ(24, Val(h->m_nBlockMapStructSize));
     EXPECT_EQ(49152, Val(h->m_nBlockMapStartOffset));
     EXPECT_EQ(65536, Val(h->m_nBlockStartOffset));
     EXPECT_EQ(65536, Val(h->m_nFileFreeMemoryOffset));
@@ -60,9 +58,7 @@ TEST(CacheFileHeadArea, TableFileOf1018ObjectsHasTwoExtendedPagesAndMapAt49152)
         LPTABLEFILEHEADEX x = (LPTABLEFILEHEADEX)(v.data() + k * 16384);
         EXPECT_EQ(TABLEFILEEX_DATAFLAG, x->m_nDataFlag);
         EXPECT_EQ(12, x->m_bFileNo);
-        EXPECT_EQ(FILETYPE_TABLE, x->m_bFileType);
         EXPECT_EQ(k, x->m_bExHeadNo);
-        EXPECT_EQ(511, Val(x->m_nExHeadMaxObjectNum));
         EXPECT_EQ(k == 1 ? 32768 : 0, Val(x->m_nNextFileHeadOffset));
     }
     LPBASEFILEBLOCKMAPHEAD_CACHE m = (LPBASEFILEBLOCKMAPHEAD_CACHE)(v.data() + 49152);
