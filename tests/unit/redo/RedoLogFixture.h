@@ -146,6 +146,9 @@ protected:
         return nFound;
     }
 
+    // What the archiver does with a log's body.
+    virtual void Keep(UINT, const std::string& strBody) { m_strLogs += strBody; }
+
     // Plays the archiver: every sealed group, oldest first, is taken out and
     // made reusable.
     void Harvest()
@@ -162,7 +165,7 @@ protected:
             EXPECT_EQ((UINT)+p->m_nEffectiveSize, +h.m_nEffectiveSize);
             EXPECT_GT(+h.m_nSequenceNO, m_nLastLogNo) << "log numbers only grow";
             m_nLastLogNo = h.m_nSequenceNO;
-            m_strLogs += strFile.substr(REDOLOGFILE_HEAD_SIZE, h.m_nEffectiveSize - REDOLOGFILE_HEAD_SIZE);
+            Keep(h.m_nSequenceNO, strFile.substr(REDOLOGFILE_HEAD_SIZE, h.m_nEffectiveSize - REDOLOGFILE_HEAD_SIZE));
             m_nSeals++;
             // Marked in the file too, as the archiver does.
             h.m_bState = REDOGROUP_ARCHIVED;

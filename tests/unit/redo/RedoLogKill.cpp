@@ -80,6 +80,7 @@ protected:
         m_pHead = (LPSYSTEMFILEHEAD)calloc(1, sizeof(SYSTEMFILEHEAD));
         memcpy(m_pHead, &m_stTemplate, sizeof(m_stTemplate));
         m_bExit = FALSE;
+        m_nLastLogNo = 0;
         memset(&m_st, 0, sizeof(m_st));
         MakeSharedRing(4096);
     }
@@ -100,31 +101,11 @@ protected:
         m_pHead = &m_pShared->m_stHead;
     }
 
-    // Plays the archiver, keeping each log's body in a file of its own (plain
-    // I/O, so that no kill lands in it).
-    void Collect()
+    // Each log's body in a file of its own (the kit's plain I/O, so that no
+    // kill lands in it).
+    void Keep(UINT nLogNo, const std::string& strBody) override
     {
-        for (;;) {
-            int nFound = OldestSealed();
-            if (nFound < 0) return;
-            std::string strPath = GroupPath(nFound);
-            std::string strFile = ReadWholeFile(strPath);
-            MF_REDOLOGFILEHEAD h = HeadOf(strFile);
-            ASSERT_EQ(REDOGROUP_SEALED, +h.m_bState);
-            ASSERT_LE((size_t)h.m_nEffectiveSize, strFile.size());
-            ASSERT_TRUE(WriteWholeFile(m_strDir + "collected/" + std::to_string(h.m_nSequenceNO),
-                                       strFile.substr(REDOLOGFILE_HEAD_SIZE, h.m_nEffectiveSize - REDOLOGFILE_HEAD_SIZE)));
-            h.m_bState = REDOGROUP_ARCHIVED;
-            ASSERT_TRUE(WriteFileAt(strPath, 0, std::string((const char*)&h, sizeof(h))));
-            m_pRedo->GetGroup(nFound)->m_bState = REDOGROUP_ARCHIVED;
-        }
-    }
-
-    bool PassAndCollect()
-    {
-        bool bEnded = m_pRedo->WritePass(m_st, &m_stCrit);
-        Collect();
-        return bEnded;
+        ASSERT_TRUE(WriteWholeFile(m_strDir + "collected/" + std::to_string(nLogNo), strBody));
     }
 
     // The engine's work from where the shared count stands: the ring filled,
@@ -139,7 +120,7 @@ protected:
             int n = TraceRingWrite(m_pRing, m_nRingSize, strStream.data() + nDone, (int)(strStream.size() - nDone));
             m_pShared->m_nProduced += n;
             if (n == 0) {
-                PassAndCollect();
+                Pass();
                 // The writer gave up on the ring: the engine would reset it,
                 // and what it held is lost.
                 if (++nStall >= 1000) {
@@ -150,18 +131,10 @@ protected:
             }
             nStall = 0;
             while (nRecord < vBoundaries.size() && vBoundaries[nRecord] <= (size_t)m_pShared->m_nProduced) {
-                if (nRecord % 3 == 0) PassAndCollect();
+                if (nRecord % 3 == 0) Pass();
                 nRecord++;
             }
         }
-    }
-
-    void Finish()
-    {
-        m_bExit = TRUE;
-        for (int i = 0; i < 5000 && !PassAndCollect(); i++) {
-        }
-        Collect();
     }
 
     // The collected logs in number order; "" and a message on a gap.
@@ -227,7 +200,7 @@ protected:
             if (!InitRedo()) _exit(1);
             m_pRedo->StartWriter(m_st);
             ProduceFrom(strStream, vBoundaries);
-            Finish();
+            Stop();
             _exit(CHILD_DONE);
         }
         int nStatus = 0;
@@ -243,7 +216,7 @@ protected:
         EXPECT_TRUE(InitRedo());
         m_pRedo->StartWriter(m_st);
         ProduceFrom(strStream, vBoundaries);
-        Finish();
+        Stop();
         return true;
     }
 
