@@ -51,6 +51,8 @@ protected:
         CacheFixture::SetUp();
         ASSERT_EQ(0, Open(32));
         m_rng.seed(1126);
+        memset(&m_stProgress, 0, sizeof(m_stProgress));
+        m_pCache->m_pLoadProgress = &m_stProgress;
     }
     void TearDown() override
     {
@@ -178,6 +180,7 @@ protected:
     talvortest::TempTree m_tree{"preload"};
     std::vector<std::unique_ptr<TestFile>> m_vFiles;
     std::mt19937 m_rng;
+    TALVORPROGRESS m_stProgress;
 };
 
 const int P = CACHE_BLOCK_SIZE;
@@ -193,7 +196,6 @@ std::vector<BlockShape> IndexBlocks()
 }
 // Blocks of 16384 bytes with an ID: 0, 1, 2, 5, 6, 8, 15; of half size
 // with an ID: 4, 7, 9 to 14. Upper nodes with an ID: 1, 5, 8, 15.
-
 std::vector<std::pair<TestFile*, int>> Blocks(TestFile& f, std::initializer_list<int> l)
 {
     std::vector<std::pair<TestFile*, int>> v;
@@ -277,14 +279,11 @@ TEST_F(CachePreload, ATakenOverCacheLoadsNothingAndBadHeadsFail)
     EXPECT_EQ(0, memcmp(vFirst.data(), Base() + CacheBlockOffset(vChain[0]), P));
     // A head of another size refuses the start.
     m_pCache->m_bExists = FALSE;
-    TALVORPROGRESS stProgress;
-    memset(&stProgress, 0, sizeof(stProgress));
-    m_pCache->m_pLoadProgress = &stProgress;
     LPTABLEFILEHEAD h = (LPTABLEFILEHEAD)(Base() + CacheBlockOffset(Head()->m_nFileInfoNo[INDEX_NO]));
     h->m_nFileHeaderSize = 8192;
     EXPECT_EQ(E_FAIL, m_pCache->InitCacheHead(nullptr));
     EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
-    EXPECT_STREQ("Load failed!", stProgress.m_lpTitle);
+    EXPECT_STREQ("Load failed!", m_stProgress.m_lpTitle);
     EXPECT_TRUE(Traced(60010010, "header size (8192)"));
     // A head whose chain does not lead to a map block.
     h->m_nFileHeaderSize = P;
@@ -299,18 +298,14 @@ TEST_F(CachePreload, ATakenOverCacheLoadsNothingAndBadHeadsFail)
 TEST_F(CachePreload, AReadErrorOrABrokenMapFailsTheLoad)
 {
     talvortest::FaultFileIO io;
-    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
-    (void)idx;
-    TALVORPROGRESS stProgress;
-    memset(&stProgress, 0, sizeof(stProgress));
-    m_pCache->m_pLoadProgress = &stProgress;
+    AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
     {
         talvortest::ScopedFileIO scoped(&io);
         io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);
         EXPECT_EQ(E_FAIL, m_pCache->InitCacheHead(nullptr));
     }
     EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
-    EXPECT_STREQ("Load failed!", stProgress.m_lpTitle);
+    EXPECT_STREQ("Load failed!", m_stProgress.m_lpTitle);
     // A full map block whose next map block is missing.
     TearDown();
     SetUp();
@@ -417,9 +412,6 @@ TEST_F(CachePreload, AFailedReadOfTheSecondPieceSurfacesAfterTheFirstIsCopiedAnd
         SetUp();
         m_llFileSize = 12LL * 1048576;
         TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, TwoPieces(590, 2, bShifted));
-        TALVORPROGRESS stProgress;
-        memset(&stProgress, 0, sizeof(stProgress));
-        m_pCache->m_pLoadProgress = &stProgress;
         std::vector<UINT> vChain = Chain((UINT)Head()->m_nFreeNo);
         int nFirst = BlocksInFirstPiece(idx);
         ASSERT_GT((int)vChain.size(), (int)idx.vBlocks.size());
@@ -437,7 +429,7 @@ TEST_F(CachePreload, AFailedReadOfTheSecondPieceSurfacesAfterTheFirstIsCopiedAnd
         }
         EXPECT_EQ(E_FAIL, hr);
         EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
-        EXPECT_STREQ("Load failed!", stProgress.m_lpTitle);
+        EXPECT_STREQ("Load failed!", m_stProgress.m_lpTitle);
         // Exactly the blocks of the first piece, in order, and not one more.
         std::vector<std::pair<TestFile*, int>> vWant;
         for (int b = 0; b < nFirst; b++) vWant.push_back({&idx, b});
