@@ -72,9 +72,7 @@ TEST_F(FileBuffers, DirectWriteOverBufferedSpanLeavesNoStaleCopy)
     // Across both spans: too long for either buffer, it goes to the file.
     ClearCalls();
     ASSERT_EQ(0, Write(3 * FS_SPAN - 2 * FS_PART, 4 * FS_PART));
-    Calls w = Writes();
-    ASSERT_EQ(1u, w.size());
-    EXPECT_EQ(3 * FS_SPAN - 2 * FS_PART, w[0].first);
+    EXPECT_EQ((Calls{{3 * FS_SPAN - 2 * FS_PART, 4 * FS_PART}}), Writes());
     // Both buffers answer with the new bytes, and the disk ends right.
     EXPECT_TRUE(ReadsBack(3 * FS_SPAN - 2 * FS_PART, FS_PART));
     EXPECT_TRUE(ReadsBack(3 * FS_SPAN, FS_PART));
@@ -107,10 +105,7 @@ TEST_F(FileBuffers, WriteToUnheldSpanReadsNothingAndFlagsOnePart)
     // Its neighbour above: one read from there to the end of the span, the
     // changed part left alone.
     ASSERT_TRUE(ReadsBack(FS_SPAN + 6 * FS_PART, FS_PART));
-    Calls r = Reads();
-    ASSERT_EQ(1u, r.size());
-    EXPECT_EQ(FS_SPAN + 6 * FS_PART, r[0].first);
-    EXPECT_EQ(10 * FS_PART, r[0].second);
+    EXPECT_EQ((Calls{{FS_SPAN + 6 * FS_PART, 10 * FS_PART}}), Reads());
     EXPECT_TRUE(Writes().empty());
     EXPECT_EQ(FILEBUF_PARTS_CHANGED, b->m_nStatus);
     for (int i = 6; i < 16; i++) want[i] = FILEPART_ONDISK;
@@ -164,10 +159,7 @@ TEST_F(FileBuffers, AllPartsValidTurnsIntoWholeSpanStatus)
     // Flushing status 2 writes only its range and leaves status 1.
     ClearCalls();
     EXPECT_EQ(0, m_pStorage->FlushBuffer(nullptr));
-    Calls w = Writes();
-    ASSERT_EQ(1u, w.size());
-    EXPECT_EQ(3 * FS_PART, w[0].first);
-    EXPECT_EQ(FS_PART, w[0].second);
+    EXPECT_EQ((Calls{{3 * FS_PART, FS_PART}}), Writes());
     EXPECT_EQ(FILEBUF_WHOLE, b->m_nStatus);
     EXPECT_TRUE(DrainedFileMatches());
 }
@@ -178,9 +170,7 @@ TEST_F(FileBuffers, WholeSpanWritesAndReadsAreNotBuffered)
     ClearCalls();
     ASSERT_EQ(0, Write(4 * FS_SPAN, FS_SPAN));
     EXPECT_EQ(nullptr, Holder(4 * FS_SPAN));
-    Calls w = Writes();
-    ASSERT_EQ(1u, w.size());
-    EXPECT_EQ(FS_SPAN, w[0].second);
+    EXPECT_EQ((Calls{{4 * FS_SPAN, FS_SPAN}}), Writes());
     ASSERT_TRUE(ReadsBack(7 * FS_SPAN, FS_SPAN));
     EXPECT_EQ(nullptr, Holder(7 * FS_SPAN));
     EXPECT_EQ(0, FirstDiff(FileBytes(), m_vLogical) == -1 ? 0 : 1);
@@ -198,12 +188,7 @@ TEST_F(FileBuffers, FlushBufferWritesLeastRecentlyUsedChangeFirst)
     ASSERT_EQ(0, m_pStorage->FlushBuffer(nullptr));
     ASSERT_EQ(0, m_pStorage->FlushBuffer(nullptr));
     EXPECT_EQ(-1, m_pStorage->FlushBuffer(nullptr));
-    Calls w = Writes();
-    ASSERT_EQ(2u, w.size());
-    EXPECT_EQ(10 * FS_SPAN, w[0].first);
-    EXPECT_EQ(FS_PART, w[0].second);
-    EXPECT_EQ(20 * FS_SPAN + FS_PART, w[1].first);
-    EXPECT_EQ(2 * FS_PART, w[1].second);
+    EXPECT_EQ((Calls{{10 * FS_SPAN, FS_PART}, {20 * FS_SPAN + FS_PART, 2 * FS_PART}}), Writes());
     EXPECT_EQ(FILEBUF_PARTS, Holder(10 * FS_SPAN)->m_nStatus);
     EXPECT_EQ(0, FirstDiff(FileBytes(), m_vLogical) == -1 ? 0 : 1);
 }
@@ -221,10 +206,7 @@ TEST_F(FileBuffers, AllocCacheBufferRefusesSpanCrossingAndEvictsTheTail)
     EXPECT_TRUE(Writes().empty());
     ClearCalls();
     ASSERT_EQ(0, Write(70LL * FS_SPAN, FS_PART));
-    Calls w = Writes();
-    ASSERT_EQ(1u, w.size());
-    EXPECT_EQ(FS_PART, w[0].first);
-    EXPECT_EQ(FS_PART, w[0].second);
+    EXPECT_EQ((Calls{{FS_PART, FS_PART}}), Writes());
     EXPECT_EQ(nullptr, Holder(0));
     ASSERT_NE(nullptr, Holder(70LL * FS_SPAN));
     EXPECT_EQ(FILEBUF_PARTS_CHANGED, Holder(70LL * FS_SPAN)->m_nStatus);
@@ -343,10 +325,7 @@ TEST_F(FileBuffers, FailedEvictionLeavesTheBufferAndWritesStraight)
     ASSERT_EQ(0, Write(70LL * FS_SPAN, FS_PART));
     EXPECT_TRUE(Traced(80011003, "Failed to write new data into disk"));
     // Three tries at the evicted part, then the new block straight to disk.
-    Calls w = Writes();
-    ASSERT_EQ(4u, w.size());
-    for (int i = 0; i < 3; i++) EXPECT_EQ(FS_PART, w[i].first);
-    EXPECT_EQ(70LL * FS_SPAN, w[3].first);
+    EXPECT_EQ((Calls{{FS_PART, FS_PART}, {FS_PART, FS_PART}, {FS_PART, FS_PART}, {70LL * FS_SPAN, FS_PART}}), Writes());
     const CTalvorFileStorage::stu_Cache_Buffer* b = Holder(0);
     ASSERT_NE(nullptr, b);
     EXPECT_EQ(FILEBUF_PARTS_CHANGED, b->m_nStatus);
