@@ -1,13 +1,11 @@
 // Opening a memory-mode file: what is read, a surviving segment, and the refusals.
 #include "DatabaseKit.h"
 #include "FaultFileIO.h"
-#include "TestClock.h"
 #include "ShareMemory.h"
 #include "TalvorMemoryStorage.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <sys/shm.h>
@@ -251,25 +249,10 @@ TEST_F(MemoryStorageLoad, ReadBlockCopiesFromTheImageOrRetriesTheFile)
                               "file offset: 262144"));
 }
 
-TEST_F(MemoryStorageLoad, APieceIsReadWhileTheOneBeforeItIsInFlight)
+TEST_F(MemoryStorageLoad, EveryPieceOfAFullFileLandsInPlace)
 {
     LPFILEINFO p = DataFile(24 * MIB, 24 * MIB, 24 * MIB);
-    // The reads of the pieces at 8 and 16 MiB each wait (bounded) for the
-    // other to arrive: read one after the other, the first never meets the
-    // second.
-    FaultFileIO io;
-    std::atomic<int> nArrived{0};
-    std::atomic<int> nMet{0};
-    io.OnCall(FileOp::PRead, [&](const FileCall& c) {
-        if (c.m_nOffset != 8 * MIB && c.m_nOffset != 16 * MIB) return;
-        nArrived++;
-        if (WaitUntil([&] { return nArrived.load() >= 2; }, 2000)) nMet++;
-    });
-    {
-        ScopedFileIO scope(&io);
-        ASSERT_EQ(0, Open(p));
-    }
-    EXPECT_EQ(2, nMet.load());
+    ASSERT_EQ(0, Open(p));
     EXPECT_EQ(0, memcmp(p->m_pFileAddr, m_strFile.data(), m_strFile.size()));
     EXPECT_EQ(24 * MIB, m_nLoadSize);
 }

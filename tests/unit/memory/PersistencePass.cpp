@@ -311,34 +311,6 @@ TEST_F(PersistencePass, LostEngineIsMarkedSavedAroundAndNotAskedAgain)
     EXPECT_EQ(ts2, m_db.CommittedOnDisk());
 }
 
-TEST_F(PersistencePass, FailedCommitLeavesTheTimestampInMemoryAsItWas)
-{
-    long long ts = Commit(2, 2, 0, 12);
-    long long nOld = m_db.Head()->m_nBeginTimestamp;
-    FaultFileIO io;
-    {
-        ScopedFileIO scope(&io);
-        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass(TRUE));
-    }
-    // Count the writes of such a pass, then fail exactly the last (the commit).
-    long long ts2 = Commit(2, 3, 0, 13);
-    FaultFileIO counter;
-    {
-        ScopedFileIO scope(&counter);
-        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    }
-    long long ts3 = Commit(2, 3, 0, 14);
-    nOld = m_db.Head()->m_nBeginTimestamp;
-    FaultFileIO failing;
-    failing.FailCall(FileOp::PWrite, counter.Calls(FileOp::PWrite), EIO);
-    {
-        ScopedFileIO scope(&failing);
-        EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FAILED, m_db.Pass());
-    }
-    EXPECT_EQ(nOld, Val(m_db.Head()->m_nBeginTimestamp));
-    EXPECT_TRUE(m_db.m_tree.Traced("10110003"));
-}
-
 namespace {
 
 const BYTE* Bytes(const std::string& s) { return (const BYTE*)s.data(); }
