@@ -136,6 +136,11 @@ TEST_F(CacheLoadThread, LoadsTheBlockByteForByteAndWrapsAroundTheGroup)
 
 TEST_F(CacheLoadThread, WrongIdentityIsRefusedAndTheCacheBlockIsLeftAlone)
 {
+    // A file the module knows without a backend.
+    FILEINFO stNoBackend;
+    memset(&stNoBackend, 0, sizeof(stNoBackend));
+    stNoBackend.m_bFileNo = OTHER_FILE;
+    m_module.m_arFiles[OTHER_FILE] = &stNoBackend;
     // A block of another file stands where the engine thinks ours is.
     WriteBlockHead(BLOCK_AT + CACHE_BLOCK_SIZE, BLOCK_NO + 1, OTHER_FILE, CACHE_BLOCK_SIZE);
     // A block whose head says it is half as large as asked.
@@ -146,7 +151,11 @@ TEST_F(CacheLoadThread, WrongIdentityIsRefusedAndTheCacheBlockIsLeftAlone)
         UINT nBlockNo;
         long long llAt;
         int nSize;
+        BYTE bFileNo = FS_FILE_NO;
+        int nAnswer = CACHELOAD_FAILED;
     } arCases[] = {
+        {"unknown file", BLOCK_NO, BLOCK_AT, CACHE_BLOCK_SIZE, 9, CACHELOAD_NOFILE},
+        {"file without a backend", BLOCK_NO, BLOCK_AT, CACHE_BLOCK_SIZE, OTHER_FILE, CACHELOAD_NOBACKEND},
         {"wrong number", BLOCK_NO + 7, BLOCK_AT, CACHE_BLOCK_SIZE},
         {"another file's block", BLOCK_NO + 1, BLOCK_AT + CACHE_BLOCK_SIZE, CACHE_BLOCK_SIZE},
         {"size not the block's", BLOCK_NO + 2, BLOCK_AT + 2 * CACHE_BLOCK_SIZE, CACHE_BLOCK_SIZE},
@@ -162,9 +171,10 @@ TEST_F(CacheLoadThread, WrongIdentityIsRefusedAndTheCacheBlockIsLeftAlone)
         {"size beyond the block area", BLOCK_NO, BLOCK_AT, 0x7FFFF000},
     };
     for (const auto& c : arCases) {
-        EXPECT_EQ(CACHELOAD_FAILED, Request(FS_FILE_NO, c.nBlockNo, c.llAt, c.nSize, llTarget)) << c.lpszCase;
+        EXPECT_EQ(c.nAnswer, Request(c.bFileNo, c.nBlockNo, c.llAt, c.nSize, llTarget)) << c.lpszCase;
         EXPECT_TRUE(TargetUntouched()) << c.lpszCase;
     }
+    EXPECT_TRUE(Traced(60004001, "file number 9"));
     // And the thread still serves a good request afterwards.
     EXPECT_EQ(CACHELOAD_OK, RequestGood());
     EXPECT_TRUE(TargetHoldsBlock(BLOCK_AT));
@@ -198,21 +208,6 @@ TEST_F(CacheLoadThread, CacheOffsetsOutsideTheBlockAreaAreRefusedWithoutAWrite)
         if ((long long)i >= llInfo && (long long)i < llInfo + (long long)sizeof(stu_FileCacheLoadInfo)) continue;
         ASSERT_EQ(vBefore[i], vAfter[i]) << "segment byte " << i << " written";
     }
-}
-
-TEST_F(CacheLoadThread, UnknownFileOrMissingBackendAnsweredAndTheThreadGoesOn)
-{
-    FILEINFO stNoBackend;
-    memset(&stNoBackend, 0, sizeof(stNoBackend));
-    stNoBackend.m_bFileNo = OTHER_FILE;
-    long long llTarget = CacheBlockOffset(m_nTarget);
-    EXPECT_EQ(CACHELOAD_NOFILE, Request(9, BLOCK_NO, BLOCK_AT, CACHE_BLOCK_SIZE, llTarget));
-    m_module.m_arFiles[OTHER_FILE] = &stNoBackend;
-    EXPECT_EQ(CACHELOAD_NOBACKEND, Request(OTHER_FILE, BLOCK_NO, BLOCK_AT, CACHE_BLOCK_SIZE, llTarget));
-    EXPECT_TRUE(TargetUntouched());
-    EXPECT_TRUE(Traced(60004001, "file number 9"));
-    EXPECT_EQ(CACHELOAD_OK, RequestGood());
-    EXPECT_TRUE(TargetHoldsBlock(BLOCK_AT));
 }
 
 TEST_F(CacheLoadThread, ReadErrorsAreAnsweredFailedNeverAHalfBlock)
