@@ -1,9 +1,5 @@
-// The chains of the cache map and the load groups: blocks leave the free
-// chain in order and hang at the end of their file's chain; a file's first
-// block brings it a load group, and the groups tile the head blocks' slot
-// area without overlap and then cache blocks; a new file's pages are linked
-// head to map by cache offset; and a broken chain, a stray offset or an
-// empty free chain is refused without a byte changed.
+// The chains of the cache map and the load groups; a broken chain, a stray
+// offset or an empty free chain is refused without a byte changed.
 #include "CacheFixture.h"
 
 #include <set>
@@ -31,6 +27,15 @@ protected:
         return llOffset;
     }
     stu_FileCacheLoadInfo Group(BYTE bFileNo) { return Head()->m_stFileCacheLoadInfo[bFileNo]; }
+    // A block for bFileNo is refused with nWant, and not a byte changes.
+    void ExpectRefused(BYTE bFileNo, int nWant = CACHE_RESULT_BADCHAIN)
+    {
+        std::vector<BYTE> vBefore = Snapshot();
+        long long llOffset = 77;
+        EXPECT_EQ(nWant, m_pCache->LoadFile2Cache(nullptr, bFileNo, llOffset));
+        EXPECT_EQ(77, llOffset);
+        EXPECT_EQ(-1, FirstDiff(vBefore, Snapshot()));
+    }
     // Pages of a new file: head, nEx extended heads, first map block.
     std::vector<BYTE> NewFilePages(BYTE bFileNo, BYTE bFileType, int nEx)
     {
@@ -81,12 +86,8 @@ TEST_F(CacheChains, AnEmptyFreeChainAnswers9500AndChangesNothing)
     for (UINT i = 0; i < nBlocks; i++) ASSERT_GE(Take(1), 0) << i;
     EXPECT_EQ(0, Val(Head()->m_nFreeNo));
     EXPECT_EQ(nBlocks, Chain(Head()->m_nFileInfoNo[1]).size());
-    std::vector<BYTE> vBefore = Snapshot();
-    long long llOffset = 77;
-    EXPECT_EQ(CACHE_RESULT_NOFREEBLOCK, m_pCache->LoadFile2Cache(nullptr, 1, llOffset));
-    EXPECT_EQ(CACHE_RESULT_NOFREEBLOCK, m_pCache->LoadFile2Cache(nullptr, 2, llOffset));
-    EXPECT_EQ(77, llOffset);
-    EXPECT_EQ(-1, FirstDiff(vBefore, Snapshot()));
+    ExpectRefused(1, CACHE_RESULT_NOFREEBLOCK);
+    ExpectRefused(2, CACHE_RESULT_NOFREEBLOCK);
 }
 
 TEST_F(CacheChains, BrokenChainsAreRefusedWithoutTouchingTheFreeChain)
@@ -99,20 +100,15 @@ TEST_F(CacheChains, BrokenChainsAreRefusedWithoutTouchingTheFreeChain)
     for (UINT nBad : {nFirst, m_l.m_nBlockBufNum + 1}) {
         SCOPED_TRACE(nBad);
         *(UINT*)(Base() + CacheLinkOffset(nSecond)) = nBad;
-        std::vector<BYTE> vBefore = Snapshot();
-        long long llOffset = 0;
-        EXPECT_EQ(CACHE_RESULT_BADCHAIN, m_pCache->LoadFile2Cache(nullptr, 5, llOffset));
-        EXPECT_EQ(-1, FirstDiff(vBefore, Snapshot()));
+        ExpectRefused(5);
     }
     EXPECT_TRUE(Traced(60002002, "A file's chain in the cache is broken"));
     // A free chain whose head or second link leaves the block area.
     *(UINT*)(Base() + CacheLinkOffset(nSecond)) = 0;
     UINT nFree = (UINT)Head()->m_nFreeNo;
     *(UINT*)(Base() + CacheLinkOffset(nFree)) = 1;
-    std::vector<BYTE> vBefore = Snapshot();
+    ExpectRefused(5);
     long long llOffset = 0;
-    EXPECT_EQ(CACHE_RESULT_BADCHAIN, m_pCache->LoadFile2Cache(nullptr, 5, llOffset));
-    EXPECT_EQ(-1, FirstDiff(vBefore, Snapshot()));
     Head()->m_nFreeNo = (int)(m_l.m_nBlockBufNum + 1);
     EXPECT_EQ(CACHE_RESULT_BADCHAIN, m_pCache->LoadFile2Cache(nullptr, 6, llOffset));
     EXPECT_EQ(0u, Head()->m_nFileInfoNo[6]);

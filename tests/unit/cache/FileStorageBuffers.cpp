@@ -1,6 +1,4 @@
-// The write buffers of a cache-mode file: bytes written come back and reach
-// the disk, whichever way they went; the statuses and part flags follow the
-// table of transitions; what is on disk is checked against a model of the
+// The write buffers of a cache-mode file, checked against a model of the
 // file kept apart from the code under test.
 #include "FileStorageFixture.h"
 
@@ -16,7 +14,6 @@ const std::vector<int> NoFlags(FILESTORE_PART_NUM, 0);
 
 class FileBuffers : public FileStorageFixture {};
 
-// --- Round trips ----------------------------------------------------------
 
 TEST_F(FileBuffers, RandomBlocksComeBackAndReachTheDiskWithAndWithoutBuffers)
 {
@@ -75,9 +72,7 @@ TEST_F(FileBuffers, DirectWriteOverBufferedSpanLeavesNoStaleCopy)
     // Across both spans: too long for either buffer, it goes to the file.
     ClearCalls();
     ASSERT_EQ(0, Write(3 * FS_SPAN - 2 * FS_PART, 4 * FS_PART));
-    Calls w = Writes();
-    ASSERT_EQ(1u, w.size());
-    EXPECT_EQ(3 * FS_SPAN - 2 * FS_PART, w[0].first);
+    EXPECT_EQ((Calls{{3 * FS_SPAN - 2 * FS_PART, 4 * FS_PART}}), Writes());
     // Both buffers answer with the new bytes, and the disk ends right.
     EXPECT_TRUE(ReadsBack(3 * FS_SPAN - 2 * FS_PART, FS_PART));
     EXPECT_TRUE(ReadsBack(3 * FS_SPAN, FS_PART));
@@ -89,7 +84,6 @@ TEST_F(FileBuffers, DirectWriteOverBufferedSpanLeavesNoStaleCopy)
     EXPECT_TRUE(DrainedFileMatches());
 }
 
-// --- The transitions of the statuses ---------------------------------------
 
 TEST_F(FileBuffers, WriteToUnheldSpanReadsNothingAndFlagsOnePart)
 {
@@ -111,10 +105,7 @@ TEST_F(FileBuffers, WriteToUnheldSpanReadsNothingAndFlagsOnePart)
     // Its neighbour above: one read from there to the end of the span, the
     // changed part left alone.
     ASSERT_TRUE(ReadsBack(FS_SPAN + 6 * FS_PART, FS_PART));
-    Calls r = Reads();
-    ASSERT_EQ(1u, r.size());
-    EXPECT_EQ(FS_SPAN + 6 * FS_PART, r[0].first);
-    EXPECT_EQ(10 * FS_PART, r[0].second);
+    EXPECT_EQ((Calls{{FS_SPAN + 6 * FS_PART, 10 * FS_PART}}), Reads());
     EXPECT_TRUE(Writes().empty());
     EXPECT_EQ(FILEBUF_PARTS_CHANGED, b->m_nStatus);
     for (int i = 6; i < 16; i++) want[i] = FILEPART_ONDISK;
@@ -168,10 +159,7 @@ TEST_F(FileBuffers, AllPartsValidTurnsIntoWholeSpanStatus)
     // Flushing status 2 writes only its range and leaves status 1.
     ClearCalls();
     EXPECT_EQ(0, m_pStorage->FlushBuffer(nullptr));
-    Calls w = Writes();
-    ASSERT_EQ(1u, w.size());
-    EXPECT_EQ(3 * FS_PART, w[0].first);
-    EXPECT_EQ(FS_PART, w[0].second);
+    EXPECT_EQ((Calls{{3 * FS_PART, FS_PART}}), Writes());
     EXPECT_EQ(FILEBUF_WHOLE, b->m_nStatus);
     EXPECT_TRUE(DrainedFileMatches());
 }
@@ -182,15 +170,12 @@ TEST_F(FileBuffers, WholeSpanWritesAndReadsAreNotBuffered)
     ClearCalls();
     ASSERT_EQ(0, Write(4 * FS_SPAN, FS_SPAN));
     EXPECT_EQ(nullptr, Holder(4 * FS_SPAN));
-    Calls w = Writes();
-    ASSERT_EQ(1u, w.size());
-    EXPECT_EQ(FS_SPAN, w[0].second);
+    EXPECT_EQ((Calls{{4 * FS_SPAN, FS_SPAN}}), Writes());
     ASSERT_TRUE(ReadsBack(7 * FS_SPAN, FS_SPAN));
     EXPECT_EQ(nullptr, Holder(7 * FS_SPAN));
     EXPECT_EQ(0, FirstDiff(FileBytes(), m_vLogical) == -1 ? 0 : 1);
 }
 
-// --- FlushBuffer and the use list ------------------------------------------
 
 TEST_F(FileBuffers, FlushBufferWritesLeastRecentlyUsedChangeFirst)
 {
@@ -203,24 +188,9 @@ TEST_F(FileBuffers, FlushBufferWritesLeastRecentlyUsedChangeFirst)
     ASSERT_EQ(0, m_pStorage->FlushBuffer(nullptr));
     ASSERT_EQ(0, m_pStorage->FlushBuffer(nullptr));
     EXPECT_EQ(-1, m_pStorage->FlushBuffer(nullptr));
-    Calls w = Writes();
-    ASSERT_EQ(2u, w.size());
-    EXPECT_EQ(10 * FS_SPAN, w[0].first);
-    EXPECT_EQ(FS_PART, w[0].second);
-    EXPECT_EQ(20 * FS_SPAN + FS_PART, w[1].first);
-    EXPECT_EQ(2 * FS_PART, w[1].second);
+    EXPECT_EQ((Calls{{10 * FS_SPAN, FS_PART}, {20 * FS_SPAN + FS_PART, 2 * FS_PART}}), Writes());
     EXPECT_EQ(FILEBUF_PARTS, Holder(10 * FS_SPAN)->m_nStatus);
     EXPECT_EQ(0, FirstDiff(FileBytes(), m_vLogical) == -1 ? 0 : 1);
-}
-
-TEST_F(FileBuffers, WithoutFileCacheNothingIsHeld)
-{
-    Make(FALSE);
-    EXPECT_EQ(-1, m_pStorage->FlushBuffer(nullptr));
-    ASSERT_EQ(0, Write(FS_PART, FS_PART));
-    EXPECT_FALSE(m_pStorage->CheckFlush());
-    EXPECT_EQ(-1, m_pStorage->FlushBuffer(nullptr));
-    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
 }
 
 TEST_F(FileBuffers, AllocCacheBufferRefusesSpanCrossingAndEvictsTheTail)
@@ -236,10 +206,7 @@ TEST_F(FileBuffers, AllocCacheBufferRefusesSpanCrossingAndEvictsTheTail)
     EXPECT_TRUE(Writes().empty());
     ClearCalls();
     ASSERT_EQ(0, Write(70LL * FS_SPAN, FS_PART));
-    Calls w = Writes();
-    ASSERT_EQ(1u, w.size());
-    EXPECT_EQ(FS_PART, w[0].first);
-    EXPECT_EQ(FS_PART, w[0].second);
+    EXPECT_EQ((Calls{{FS_PART, FS_PART}}), Writes());
     EXPECT_EQ(nullptr, Holder(0));
     ASSERT_NE(nullptr, Holder(70LL * FS_SPAN));
     EXPECT_EQ(FILEBUF_PARTS_CHANGED, Holder(70LL * FS_SPAN)->m_nStatus);
@@ -272,7 +239,6 @@ TEST_F(FileBuffers, ReleaseDrainsTheBuffersAndEndsWhenTheDiskKeepsFailing)
     EXPECT_TRUE(Traced(80012010, "buffers: 2"));
 }
 
-// --- Faults -----------------------------------------------------------------
 
 TEST_F(FileBuffers, DirectWriteIsTriedThreeTimesThenReported)
 {
@@ -359,10 +325,7 @@ TEST_F(FileBuffers, FailedEvictionLeavesTheBufferAndWritesStraight)
     ASSERT_EQ(0, Write(70LL * FS_SPAN, FS_PART));
     EXPECT_TRUE(Traced(80011003, "Failed to write new data into disk"));
     // Three tries at the evicted part, then the new block straight to disk.
-    Calls w = Writes();
-    ASSERT_EQ(4u, w.size());
-    for (int i = 0; i < 3; i++) EXPECT_EQ(FS_PART, w[i].first);
-    EXPECT_EQ(70LL * FS_SPAN, w[3].first);
+    EXPECT_EQ((Calls{{FS_PART, FS_PART}, {FS_PART, FS_PART}, {FS_PART, FS_PART}, {70LL * FS_SPAN, FS_PART}}), Writes());
     const CTalvorFileStorage::stu_Cache_Buffer* b = Holder(0);
     ASSERT_NE(nullptr, b);
     EXPECT_EQ(FILEBUF_PARTS_CHANGED, b->m_nStatus);
@@ -376,7 +339,6 @@ TEST_F(FileBuffers, FailedEvictionLeavesTheBufferAndWritesStraight)
     EXPECT_TRUE(LatchFree());
 }
 
-// --- Threads ----------------------------------------------------------------------
 
 TEST_F(FileBuffers, ThreadsOnTheirOwnBlocksAndAFlusherLoseNothing)
 {
@@ -435,7 +397,6 @@ TEST_F(FileBuffers, ThreadsOnTheirOwnBlocksAndAFlusherLoseNothing)
     EXPECT_TRUE(DrainedFileMatches());
 }
 
-// --- Moving the file ------------------------------------------------------------
 
 TEST_F(FileBuffers, MovedFileTakesItsBufferedChangesAlong)
 {
@@ -490,7 +451,6 @@ TEST_F(FileBuffers, MoveIsRefusedOverAFileAndStopsAtAFailedCopy)
     EXPECT_TRUE(LatchFree());
 }
 
-// --- The read speed test ------------------------------------------------------
 
 TEST_F(FileBuffers, SpeedTestReadsItsPatternAndWraps)
 {
@@ -518,21 +478,6 @@ TEST_F(FileBuffers, SpeedTestReadsItsPatternAndWraps)
     // No write came of it, and the buffers were not touched.
     EXPECT_TRUE(Writes().empty());
     EXPECT_EQ(nullptr, Holder(0));
-}
-
-TEST_F(FileBuffers, SpeedTestStopsAtFailedReadAndIgnoresUnknownPattern)
-{
-    Make(FALSE);
-    AlignedBytes buf(FS_SPAN);
-    m_io.FailCall(FileOp::PRead, 10, EIO, 3);
-    m_pStorage->TestSpeed(nullptr, buf.m_p, 9, 0);
-    EXPECT_TRUE(Traced(80010004, "read location: 2359296, read size: 262144"));
-    EXPECT_FALSE(Traced(80010000, "Physical file reading test"));
-    EXPECT_EQ(12, m_io.Calls(FileOp::PRead));
-    m_pStorage->TestSpeed(nullptr, buf.m_p, 42, 0);
-    EXPECT_TRUE(Traced(80010000, "read times: 0,"));
-    EXPECT_EQ(12, m_io.Calls(FileOp::PRead));
-    EXPECT_TRUE(LatchFree());
 }
 
 }  // namespace

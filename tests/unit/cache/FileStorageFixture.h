@@ -1,6 +1,5 @@
-// FileStorageFixture.h — a cache-mode file on disk with its backend on a
-// small cache segment, the fault layer in force, and an independent model
-// of what the file's bytes must be: a plain vector written alongside.
+// FileStorageFixture.h — a cache-mode file with its backend on a small
+// cache, the fault layer in force, and a model of the file's bytes.
 #pragma once
 
 #include "CacheFixture.h"
@@ -53,10 +52,7 @@ protected:
         m_vDisk.resize((size_t)FS_FILE_SIZE);
         for (BYTE& b : m_vDisk) b = (BYTE)m_rng();
         m_strPath = m_tree.Path("Table7.dbf");
-        int fd = open(m_strPath.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0666);
-        ASSERT_GE(fd, 0);
-        ASSERT_EQ((ssize_t)m_vDisk.size(), pwrite(fd, m_vDisk.data(), m_vDisk.size(), 0));
-        close(fd);
+        ASSERT_TRUE(talvortest::WriteWholeFile(m_strPath, AsString(m_vDisk.data(), m_vDisk.size())));
         memset(&m_info, 0, sizeof(m_info));
         snprintf(m_info.m_lpszFilePath, sizeof(m_info.m_lpszFilePath), "%s", m_strPath.c_str());
         m_info.m_bFileNo = FS_FILE_NO;
@@ -73,13 +69,8 @@ protected:
     // The file's bytes as the disk holds them, read past every layer.
     std::vector<BYTE> FileBytes() const
     {
-        std::vector<BYTE> v((size_t)FS_FILE_SIZE);
-        int fd = open(m_strPath.c_str(), O_RDONLY);
-        if (fd < 0) return {};
-        ssize_t n = pread(fd, v.data(), v.size(), 0);
-        close(fd);
-        if (n != (ssize_t)v.size()) return {};
-        return v;
+        std::vector<BYTE> v = FileAt(m_strPath, 0, FS_FILE_SIZE);
+        return v.size() == (size_t)FS_FILE_SIZE ? v : std::vector<BYTE>();
     }
     // Random bytes for a write of nSize at llPos; the logical model takes them.
     void Fill(AlignedBytes& buf, long long llPos, int nSize)
@@ -192,6 +183,19 @@ protected:
         h->m_bThreadNum = 2;
         h->m_bFlushCode = bFlushCode;
         h->m_bFlushFlag = 1;
+    }
+
+    // The dirty block at lpLive as the disk must get it: the engine's marks cleared.
+    static std::vector<BYTE> OnDiskCopy(LPBYTE lpLive)
+    {
+        std::vector<BYTE> v(lpLive, lpLive + FS_PART);
+        LPBLOCKHEAD c = (LPBLOCKHEAD)v.data();
+        c->m_bSaveFlag = 0;
+        c->m_bFlushFlag = 0;
+        c->m_nLockTimestamp = 0;
+        c->m_bStatus = 0;
+        c->m_bThreadNum = 0;
+        return v;
     }
 
     std::mt19937 m_rng;

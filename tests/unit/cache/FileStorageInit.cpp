@@ -1,11 +1,10 @@
-// A cache-mode file brought into the cache at start: its pages hang in the
-// file's chain in file order, each page links the next by cache offset, and
-// a damaged or foreign file is refused with its message.
+// A cache-mode file brought into the cache at start, or refused.
 #include "CacheFileHeadArea.h"
 #include "CacheFixture.h"
 #include "FaultFileIO.h"
 #include "TalvorFileStorage.h"
 #include "TempTree.h"
+#include "TestFiles.h"
 
 #include <cstddef>
 #include <fcntl.h>
@@ -25,6 +24,7 @@ protected:
     void SetUp() override
     {
         CacheFixture::SetUp();
+        ASSERT_EQ(0, Open(32));
     }
     void TearDown() override
     {
@@ -68,10 +68,7 @@ protected:
     void WriteFile()
     {
         m_strPath = m_tree.Path("Table33.dbf");
-        int fd = open(m_strPath.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0666);
-        ASSERT_GE(fd, 0);
-        ASSERT_EQ((ssize_t)m_vFile.size(), pwrite(fd, m_vFile.data(), m_vFile.size(), 0));
-        close(fd);
+        ASSERT_TRUE(talvortest::WriteWholeFile(m_strPath, AsString(m_vFile.data(), m_vFile.size())));
     }
     int Init()
     {
@@ -93,7 +90,6 @@ protected:
 
 TEST_F(FileInit, PagesHangInFileOrderAndLinkEachOther)
 {
-    ASSERT_EQ(0, Open(32));
     MakeFile(FILETYPE_TABLE, 1018, true);
     ASSERT_EQ(2, m_nEx);
     ASSERT_EQ(0, Init());
@@ -126,7 +122,6 @@ TEST_F(FileInit, PagesHangInFileOrderAndLinkEachOther)
 
 TEST_F(FileInit, IndexFileWithoutExtendedPagesLinksItsMapFromTheHead)
 {
-    ASSERT_EQ(0, Open(32));
     MakeFile(FILETYPE_INDEX, 10, false);
     ((LPINDEXFILEHEAD)m_vFile.data())->m_nHeadMaxObjectNum = 0;
     WriteFile();
@@ -186,7 +181,6 @@ TEST_F(FileInit, DamagedOrForeignFilesAreRefused)
         SCOPED_TRACE(c.lpName);
         TearDown();
         SetUp();
-        ASSERT_EQ(0, Open(32));
         MakeFile(FILETYPE_TABLE, 1018, true);
         c.fnSpoil();
         EXPECT_EQ(1, Init());
@@ -196,7 +190,6 @@ TEST_F(FileInit, DamagedOrForeignFilesAreRefused)
 
 TEST_F(FileInit, FailedHeadReadIsReportedAfterThreeTries)
 {
-    ASSERT_EQ(0, Open(32));
     MakeFile(FILETYPE_TABLE, 10, false);
     talvortest::FaultFileIO io;
     talvortest::ScopedFileIO scoped(&io);
@@ -208,7 +201,6 @@ TEST_F(FileInit, FailedHeadReadIsReportedAfterThreeTries)
 
 TEST_F(FileInit, OtherMeasuredSizeIsTakenWhenTheFileReads)
 {
-    ASSERT_EQ(0, Open(32));
     MakeFile(FILETYPE_TABLE, 10, false);
     m_info.m_liFileSize = FILE_SIZE / 2;
     ASSERT_EQ(0, Init());
@@ -218,7 +210,6 @@ TEST_F(FileInit, OtherMeasuredSizeIsTakenWhenTheFileReads)
 
 TEST_F(FileInit, CacheKeptFromBeforeReadsNothingButMustHoldTheFile)
 {
-    ASSERT_EQ(0, Open(32));
     MakeFile(FILETYPE_TABLE, 10, false);
     m_pCache->m_bExists = TRUE;
     talvortest::FaultFileIO io;
@@ -234,7 +225,6 @@ TEST_F(FileInit, CacheKeptFromBeforeReadsNothingButMustHoldTheFile)
     EXPECT_EQ(1u, Chain(Head()->m_nFileInfoNo[FILE_NO]).size());
 }
 
-// --- Growing the file ------------------------------------------------------------
 
 SYSTEMFILEHEAD g_stSystemHead;
 
@@ -247,7 +237,6 @@ protected:
         m_module.m_pSystemHead = &g_stSystemHead;
         memset(&m_row, 0, sizeof(m_row));
         m_bRowSave = 0;
-        ASSERT_EQ(0, Open(32));
         MakeFile(FILETYPE_TABLE, 10, false);
         m_info.m_lpFileInfo = &m_row;
         m_info.m_pSaveFlag = &m_bRowSave;
@@ -280,11 +269,8 @@ protected:
         EXPECT_EQ(1, m_bRowSave);
         EXPECT_EQ(1, g_stSystemHead.m_bSaveFlag);
         EXPECT_EQ(1, g_stSystemHead.m_stFileObject[1].m_bSaveFlag);
-        std::vector<BYTE> v(CACHE_PAGE_SIZE);
-        int fd = open(m_strPath.c_str(), O_RDONLY);
-        ASSERT_EQ((ssize_t)v.size(), pread(fd, v.data(), v.size(), 0));
-        close(fd);
-        EXPECT_EQ(0, memcmp(v.data(), m_lpHead, CACHE_PAGE_SIZE));
+        EXPECT_TRUE(FileAt(m_strPath, 0, CACHE_PAGE_SIZE) ==
+                    std::vector<BYTE>((LPBYTE)m_lpHead, (LPBYTE)m_lpHead + CACHE_PAGE_SIZE));
     }
 
     FILE_MEMDBFILEINFO m_row;
@@ -303,10 +289,8 @@ TEST_F(FileGrow, GrowsByWholePiecesAndRecordsTheSizeReached)
     ExpectSize(FILE_SIZE + 3 * 1048576);
     EXPECT_TRUE(Traced(80007004, "File size needs to grow to: 6295552, but the actual size of the obtained file: 7340032"));
     // The zeros are zeros, and what was there is untouched.
-    std::vector<BYTE> v((size_t)DiskSize());
-    int fd = open(m_strPath.c_str(), O_RDONLY);
-    ASSERT_EQ((ssize_t)v.size(), pread(fd, v.data(), v.size(), 0));
-    close(fd);
+    std::vector<BYTE> v = FileAt(m_strPath, 0, DiskSize());
+    ASSERT_EQ((size_t)DiskSize(), v.size());
     EXPECT_EQ(0, memcmp(v.data() + CACHE_PAGE_SIZE, m_vFile.data() + CACHE_PAGE_SIZE, (size_t)FILE_SIZE - CACHE_PAGE_SIZE));
     std::vector<BYTE> vZero(v.size() - (size_t)FILE_SIZE, 0);
     EXPECT_EQ(0, memcmp(v.data() + FILE_SIZE, vZero.data(), vZero.size()));

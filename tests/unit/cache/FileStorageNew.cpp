@@ -1,6 +1,4 @@
-// Adding a cache-mode file: the file is made at its size with its head area
-// and zeros behind it, its pages reach the cache, and what may not be made
-// is refused before anything is written.
+// Adding a cache-mode file; what may not be made is refused unwritten.
 #include "CacheFileHeadArea.h"
 #include "CacheFixture.h"
 #include "FaultFileIO.h"
@@ -65,14 +63,8 @@ protected:
     }
     std::vector<BYTE> FileBytes() const
     {
-        struct stat st;
-        if (stat(m_strPath.c_str(), &st) != 0) return {};
-        std::vector<BYTE> v((size_t)st.st_size);
-        int fd = open(m_strPath.c_str(), O_RDONLY);
-        ssize_t n = pread(fd, v.data(), v.size(), 0);
-        close(fd);
-        if (n != (ssize_t)v.size()) return {};
-        return v;
+        std::string s = talvortest::ReadWholeFile(m_strPath);
+        return std::vector<BYTE>(s.begin(), s.end());
     }
 
     talvortest::TempTree m_tree{"fsnew"};
@@ -150,38 +142,37 @@ TEST_F(FileNew, SmallBufferIsReplacedAndPiecesFollowIt)
     for (size_t i = 1; i < w.size(); i++) EXPECT_EQ(65536, w[i].m_nSize);
 }
 
+// A failed write is told with the piece it was for: a piece inside the
+// file, the first one, and the last one when it is shorter.
 TEST_F(FileNew, FailedWritesAreReportedByPiece)
 {
     TakeBlocks(4);
-    {
-        talvortest::FaultFileIO io;
-        talvortest::ScopedFileIO scoped(&io);
-        io.FailCall(FileOp::PWrite, 2, EIO, 3);
-        EXPECT_EQ(1, New());
-        EXPECT_TRUE(Traced(80006004, "write location: 65536, write size: 1048576"));
+    const struct {
+        long long nSize;
+        long long nCall;
+        int nErrno;
+        long nCode;
+        const char* lpText;
+    } arCases[] = {
+        {MIN_SIZE, 2, EIO, 80006004, "write location: 65536, write size: 1048576"},
+        {MIN_SIZE, 1, ENOSPC, 10111052, "Failed to write the first piece of data"},
+        // The area, 3 full pieces of 1 MiB, then the last one, shorter.
+        {MIN_SIZE + 16384, 5, EIO, 80006005, "write location: 3211264, write size: 999424"},
+    };
+    for (const auto& c : arCases) {
+        SCOPED_TRACE(c.nCode);
+        m_info.m_liFileSize = c.nSize;
+        {
+            talvortest::FaultFileIO io;
+            talvortest::ScopedFileIO scoped(&io);
+            io.FailCall(FileOp::PWrite, c.nCall, c.nErrno, 3);
+            EXPECT_EQ(1, New());
+            EXPECT_TRUE(Traced(c.nCode, c.lpText));
+        }
+        m_pStorage->Release();
+        m_pStorage = nullptr;
+        unlink(m_strPath.c_str());
     }
-    m_pStorage->Release();
-    m_pStorage = nullptr;
-    unlink(m_strPath.c_str());
-    {
-        talvortest::FaultFileIO io;
-        talvortest::ScopedFileIO scoped(&io);
-        io.FailNext(FileOp::PWrite, ENOSPC, 3);
-        EXPECT_EQ(1, New());
-        EXPECT_TRUE(Traced(10111052, "Failed to write the first piece of data"));
-    }
-}
-
-TEST_F(FileNew, LastShortPieceHasItsOwnCode)
-{
-    TakeBlocks(4);
-    m_info.m_liFileSize = MIN_SIZE + 16384;
-    talvortest::FaultFileIO io;
-    talvortest::ScopedFileIO scoped(&io);
-    // The area, 3 full pieces of 1 MiB, then the last one, shorter.
-    io.FailCall(FileOp::PWrite, 5, EIO, 3);
-    EXPECT_EQ(1, New());
-    EXPECT_TRUE(Traced(80006005, "write location: 3211264, write size: 999424"));
 }
 
 TEST_F(FileNew, PagesNeedTheirBlocksInTheCache)

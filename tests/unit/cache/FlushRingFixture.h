@@ -1,8 +1,5 @@
-// FlushRingFixture.h — a cache-mode file with its backend on a small cache,
-// the table flush ring as the engine fills it (data blocks in the file's
-// cache blocks, pages and timestamp arrays in pool images), a fake of the
-// module that records the timestamps committed, and a model of the file's
-// bytes that each posted entry updates.
+// FlushRingFixture.h — the table flush ring as the engine fills it, over a
+// cache-mode file and a model of its bytes that each posted entry updates.
 #pragma once
 
 #include "FileStorageFixture.h"
@@ -44,24 +41,18 @@ protected:
     {
         TalvorStoreShared(&p->m_bStatus, 1);
     }
-    // A dirty data block in a cache block of the file's chain; its entry.
-    // The model learns the bytes the disk must get.
-    stu_CacheFlush* PostData(UINT nBlockNo, long long llFileOffset, bool bModel = true)
+    // A dirty data block in a cache block of the file's chain (a new one, or
+    // lpLive posted again); its entry. The model learns the bytes the disk
+    // must get.
+    stu_CacheFlush* PostData(UINT nBlockNo, long long llFileOffset, bool bModel = true, LPBYTE lpLive = nullptr)
     {
-        long long llCache = 0;
-        EXPECT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FS_FILE_NO, llCache));
-        LPBYTE lpLive = Base() + llCache;
-        MakeDirtyBlock(lpLive, nBlockNo, FR_BLOCK_TS, 3);
-        if (bModel) {
-            std::vector<BYTE> v(lpLive, lpLive + FS_PART);
-            LPBLOCKHEAD c = (LPBLOCKHEAD)v.data();
-            c->m_bSaveFlag = 0;
-            c->m_bFlushFlag = 0;
-            c->m_nLockTimestamp = 0;
-            c->m_bStatus = 0;
-            c->m_bThreadNum = 0;
-            memcpy(m_vLogical.data() + llFileOffset, v.data(), v.size());
+        if (lpLive == nullptr) {
+            long long llCache = 0;
+            EXPECT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FS_FILE_NO, llCache));
+            lpLive = Base() + llCache;
+            MakeDirtyBlock(lpLive, nBlockNo, FR_BLOCK_TS, 3);
         }
+        if (bModel) memcpy(m_vLogical.data() + llFileOffset, OnDiskCopy(lpLive).data(), FS_PART);
         stu_CacheFlush* p = Next();
         p->m_bBlockType = CACHEFLUSH_DATA;
         p->m_bFileNo = FS_FILE_NO;
@@ -70,7 +61,7 @@ protected:
         p->m_nBlockSize = FS_PART;
         p->m_llTimestamp = FR_BLOCK_TS;
         p->m_llTransTimestamp = FR_BLOCK_TS;
-        p->m_llCacheBlockOffset = llCache;
+        p->m_llCacheBlockOffset = lpLive - Base();
         p->m_llFileBlockOffset = llFileOffset;
         m_vLive.push_back(lpLive);
         Post(p);

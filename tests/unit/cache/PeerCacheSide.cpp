@@ -1,8 +1,5 @@
-// The engine stand-in's side of the shared cache (talvor-peer cache) over a
-// real segment: places in the segment that a damaged or foreign head names
-// are never followed, and a block version stays inside its block. The round
-// trips themselves (flushes, loads, bent entries) run against a real daemon
-// in the cache pipeline end-to-end test.
+// The engine stand-in's side of the shared cache over a real segment; its
+// round trips run against a daemon in the cache pipeline end-to-end test.
 #include "CacheFileHeadArea.h"
 #include "FileStorageFixture.h"
 #include "PeerCache.h"
@@ -43,10 +40,7 @@ protected:
         int nEx = -1;
         ASSERT_TRUE(CacheBuildHeadArea(stDef, m_area.m_p, (long long)m_area.m_n, &nEx));
         ASSERT_EQ(0, nEx);
-        int fd = open(m_strPath.c_str(), O_RDWR);
-        ASSERT_GE(fd, 0);
-        ASSERT_EQ((ssize_t)m_area.m_n, pwrite(fd, m_area.m_p, m_area.m_n, 0));
-        close(fd);
+        ASSERT_TRUE(talvortest::WriteFileAt(m_strPath, 0, AsString(m_area.m_p, m_area.m_n)));
     }
     AlignedBytes m_area{2 * CACHE_PAGE_SIZE};
     CPeerCache m_peer;

@@ -1,7 +1,5 @@
-// The undo cache file: its path, the zero file, the size test, the mirror of
-// a published stretch (also one that wraps), the load after a restart and
-// the generations that allow it, and the flush thread's quiet when nothing
-// was published.
+// The undo cache file: the mirror of a published stretch and its load
+// after a restart.
 #include "DatabaseKit.h"
 #include "FaultFileIO.h"
 #include "PeerRollback.h"
@@ -39,9 +37,12 @@ std::vector<std::pair<long long, long long>> WritesOf(const FaultFileIO& io, siz
 
 class FlashbackUndoCache : public ::testing::Test {
 protected:
-    FlashbackUndoCache() : m_vArea(AREA_SIZE), m_area(m_vArea.data(), AREA_SIZE)
+    FlashbackUndoCache()
+        : m_vArea(AREA_SIZE), m_area(m_vArea.data(), AREA_SIZE), m_vBlock(BLOCK_SIZE),
+          m_block(m_vBlock.data(), BLOCK_SIZE)
     {
         m_area.Format();
+        m_block.Format(9, 2, 50);
         m_flashback.SetRollbackArea(m_vArea.data(), AREA_SIZE);
         m_pSystem = (LPSYSTEMFILEHEAD)calloc(1, sizeof(SYSTEMFILEHEAD));
         m_flashback.m_pMemoryFileHead = m_pSystem;
@@ -55,25 +56,38 @@ protected:
     }
     std::string CachePath() { return m_tree.Dir() + "TalvorUndo.cache"; }
     // A few rows changed a few times, each change published.
-    void Changes(CPeerBlock& block, int nRows, int nChanges, long long nFirst)
+    void Changes(int nRows, int nChanges, long long nFirst)
     {
         for (int r = 0; r < nRows; r++) {
             std::string strValue = "row" + std::to_string(r) + "-v0";
-            int nRow = block.AddRow((short)(r + 1), nFirst, Bytes(strValue), (int)strValue.size(), 32);
+            int nRow = m_block.AddRow((short)(r + 1), nFirst, Bytes(strValue), (int)strValue.size(), 32);
             for (int c = 1; c <= nChanges; c++) {
                 std::string strNew = "row" + std::to_string(r) + "-v" + std::to_string(c);
-                ASSERT_NE(0, block.UpdateRow(m_area, nRow, nFirst + c * 10, Bytes(strNew), (int)strNew.size()));
+                ASSERT_NE(0, m_block.UpdateRow(m_area, nRow, nFirst + c * 10, Bytes(strNew), (int)strNew.size()));
             }
         }
         m_area.Publish();
     }
     long long FileSize() { return FileSizeOf(CachePath()); }
+    // A restart: a new area, formatted, loaded from the file; its bytes.
+    std::vector<BYTE>& LoadIntoNewArea()
+    {
+        m_vNew.assign(AREA_SIZE, 0);
+        CPeerRollbackArea(m_vNew.data(), AREA_SIZE).Format();
+        m_flashback.SetRollbackArea(m_vNew.data(), AREA_SIZE);
+        EXPECT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE));
+        return m_vNew;
+    }
+    LPROLLBACKBLOCKHEAD NewHead() { return (LPROLLBACKBLOCKHEAD)m_vNew.data(); }
 
     DatabaseDir m_tree;
     std::vector<BYTE> m_vArea;
     CPeerRollbackArea m_area;
     CTalvorFlashback m_flashback;
+    std::vector<BYTE> m_vBlock;
+    CPeerBlock m_block;
     LPSYSTEMFILEHEAD m_pSystem = nullptr;
+    std::vector<BYTE> m_vNew;
 };
 
 TEST_F(FlashbackUndoCache, PathFollowsTheDatabaseDirectoryOrAWholePath)
@@ -93,32 +107,26 @@ TEST_F(FlashbackUndoCache, PathFollowsTheDatabaseDirectoryOrAWholePath)
     EXPECT_EQ("/var/x/Undo.bin", std::string(szPath));
 }
 
-TEST_F(FlashbackUndoCache, MissingFileBecomesAZeroFileOfTheAreaSize)
+// A file missing, of the wrong size, and the zeros of the right size those
+// leave (a zero head carries generation 0, as does a system head never
+// saved): each ends as a zero file of the area's size, and nothing is loaded.
+TEST_F(FlashbackUndoCache, NoFileWithContentBecomesAZeroFileAndLoadsNothing)
 {
-    EXPECT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE));
-    ASSERT_EQ((long long)AREA_SIZE, FileSize());
-    EXPECT_EQ(std::string(AREA_SIZE, '\0'), ReadWholeFile(CachePath()));
-}
-
-TEST_F(FlashbackUndoCache, FileOfTheWrongSizeIsReplacedAndNothingIsLoaded)
-{
-    std::string strJunk(AREA_SIZE / 2, 'x');
-    ASSERT_TRUE(WriteWholeFile(CachePath(), strJunk));
     std::vector<BYTE> vBefore = m_vArea;
-    EXPECT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE));
-    EXPECT_EQ((long long)AREA_SIZE, FileSize());
-    EXPECT_EQ(std::string(AREA_SIZE, '\0'), ReadWholeFile(CachePath()));
-    EXPECT_EQ(vBefore, m_vArea);
+    for (int nRound = 0; nRound < 3; nRound++) {
+        if (nRound == 1) ASSERT_TRUE(WriteWholeFile(CachePath(), std::string(AREA_SIZE / 2, 'x')));
+        EXPECT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE)) << nRound;
+        m_flashback.StopUndoMirror(1000, 0);
+        EXPECT_EQ(std::string(AREA_SIZE, '\0'), ReadWholeFile(CachePath())) << nRound;
+        EXPECT_EQ(vBefore, m_vArea) << nRound;
+    }
 }
 
 TEST_F(FlashbackUndoCache, PublishedStretchRoundTripsIntoANewArea)
 {
-    std::vector<BYTE> vBlock(BLOCK_SIZE);
-    CPeerBlock block(vBlock.data(), BLOCK_SIZE);
-    block.Format(9, 2, 50);
     m_area.NewGeneration(501);
     ASSERT_EQ(0, m_flashback.LoadUndoCache(nullptr, FALSE));
-    Changes(block, 20, 4, 100);
+    Changes(20, 4, 100);
     ASSERT_EQ(0, m_flashback.FlushUndoStretch());
     EXPECT_EQ(0, Val(m_area.Head()->m_bSaveStatus));
     // Published, nothing mirrored yet: the file has it all from the start.
@@ -129,22 +137,15 @@ TEST_F(FlashbackUndoCache, PublishedStretchRoundTripsIntoANewArea)
 
     // The restart: a new area, the system head naming this generation.
     m_flashback.StopUndoMirror(1000, 0);
-    std::vector<BYTE> vNew(AREA_SIZE);
-    CPeerRollbackArea fresh(vNew.data(), AREA_SIZE);
-    fresh.Format();
-    m_flashback.SetRollbackArea(vNew.data(), AREA_SIZE);
     m_pSystem->m_nUndoTimestamp = 501;
-    ASSERT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE));
-    EXPECT_EQ(nAlloc, Val(fresh.Head()->m_nDataAllocPos));
-    EXPECT_EQ(Val(m_area.Head()->m_nLastAllocPos), Val(fresh.Head()->m_nLastAllocPos));
-    EXPECT_EQ(501u, Val(fresh.Head()->m_nTimestamp));
+    std::vector<BYTE>& vNew = LoadIntoNewArea();
+    EXPECT_EQ(nAlloc, Val(NewHead()->m_nDataAllocPos));
+    EXPECT_EQ(Val(m_area.Head()->m_nLastAllocPos), Val(NewHead()->m_nLastAllocPos));
+    EXPECT_EQ(501u, Val(NewHead()->m_nTimestamp));
     EXPECT_EQ(0, memcmp(vNew.data() + 124, m_vArea.data() + 124, nAlloc - 124));
     // And the loaded versions take a block back as the old ones did.
-    CTalvorFlashback flashback;
-    flashback.SetRollbackArea(vNew.data(), AREA_SIZE);
-    ASSERT_EQ(0, flashback.FlashBack(vBlock.data(), 9, BLOCK_SIZE, 125));
-    EXPECT_EQ("row7-v2", block.RowValue(7));
-    flashback.SetRollbackArea(nullptr, 0);
+    ASSERT_EQ(0, m_flashback.FlashBack(m_vBlock.data(), 9, BLOCK_SIZE, 125));
+    EXPECT_EQ("row7-v2", m_block.RowValue(7));
 }
 
 // A power loss after a mirror round, with any subset of its unsynced writes
@@ -152,14 +153,11 @@ TEST_F(FlashbackUndoCache, PublishedStretchRoundTripsIntoANewArea)
 // restart loads either the whole stretch or none of it.
 TEST_F(FlashbackUndoCache, PowerLossNeverLeavesAHeadNamingBytesThatAreNotOnDisk)
 {
-    std::vector<BYTE> vBlock(BLOCK_SIZE);
-    CPeerBlock block(vBlock.data(), BLOCK_SIZE);
-    block.Format(9, 2, 50);
     m_area.NewGeneration(601);
     m_pSystem->m_nUndoTimestamp = 601;
     ASSERT_EQ(0, m_flashback.LoadUndoCache(nullptr, FALSE));
     std::string strBefore = ReadWholeFile(CachePath());
-    Changes(block, 20, 4, 100);
+    Changes(20, 4, 100);
     UINT nAlloc = m_area.Head()->m_nDataAllocPos;
     int nLoaded = 0;
     for (unsigned nMask = 0;; nMask++) {
@@ -178,12 +176,8 @@ TEST_F(FlashbackUndoCache, PowerLossNeverLeavesAHeadNamingBytesThatAreNotOnDisk)
                 if (nMask & (1u << i)) vKeep.push_back(i);
             io.LosePowerKeeping(vKeep);
         }
-        std::vector<BYTE> vNew(AREA_SIZE);
-        CPeerRollbackArea fresh(vNew.data(), AREA_SIZE);
-        fresh.Format();
-        m_flashback.SetRollbackArea(vNew.data(), AREA_SIZE);
-        ASSERT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE));
-        if (Val(fresh.Head()->m_nDataAllocPos) == nAlloc) {
+        std::vector<BYTE>& vNew = LoadIntoNewArea();
+        if (Val(NewHead()->m_nDataAllocPos) == nAlloc) {
             nLoaded++;
             EXPECT_EQ(0, memcmp(vNew.data() + 124, m_vArea.data() + 124, nAlloc - 124))
                 << "kept writes " << nMask << " of " << nUnsynced << ": the head names undo bytes that are not there";
@@ -225,69 +219,41 @@ TEST_F(FlashbackUndoCache, WrappedStretchGoesOutAndComesBackInTwoPieces)
     EXPECT_EQ(0, memcmp(strFile.data() + 124, m_vArea.data() + 124, nAlloc - 124));
     EXPECT_EQ(std::string(nUnsafe - nAlloc, '\0'), strFile.substr(nAlloc, nUnsafe - nAlloc));
 
-    std::vector<BYTE> vNew(AREA_SIZE);
-    CPeerRollbackArea fresh(vNew.data(), AREA_SIZE);
-    fresh.Format();
-    m_flashback.SetRollbackArea(vNew.data(), AREA_SIZE);
     m_pSystem->m_nUndoTimestamp = 77;
-    ASSERT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE));
+    std::vector<BYTE>& vNew = LoadIntoNewArea();
     EXPECT_EQ(0, memcmp(vNew.data() + nUnsafe, m_vArea.data() + nUnsafe, AREA_SIZE - nUnsafe));
     EXPECT_EQ(0, memcmp(vNew.data() + 124, m_vArea.data() + 124, nAlloc - 124));
     EXPECT_EQ(std::vector<BYTE>(nUnsafe - nAlloc, 0), std::vector<BYTE>(vNew.begin() + nAlloc, vNew.begin() + nUnsafe));
-    EXPECT_EQ(nAlloc, Val(fresh.Head()->m_nDataAllocPos));
+    EXPECT_EQ(nAlloc, Val(NewHead()->m_nDataAllocPos));
 }
 
 TEST_F(FlashbackUndoCache, OnlyAMatchingGenerationIsLoaded)
 {
-    std::vector<BYTE> vBlock(BLOCK_SIZE);
-    CPeerBlock block(vBlock.data(), BLOCK_SIZE);
-    block.Format(9, 2, 50);
     ASSERT_EQ(0, m_flashback.LoadUndoCache(nullptr, FALSE));
     m_area.NewGeneration(10);
     m_area.NewGeneration(11); // current 11, previous 10
-    Changes(block, 5, 2, 100);
+    Changes(5, 2, 100);
     ASSERT_EQ(0, m_flashback.FlushUndoStretch());
     m_flashback.StopUndoMirror(1000, 0);
     struct Case {
         UINT nUndo, nUndoPre;
         bool bLoads;
     } arCases[] = {{11, 0, true}, {0, 11, true}, {10, 0, true}, {0, 10, true}, {12, 13, false}, {9, 12, false}};
+    std::vector<BYTE> vFormatted(AREA_SIZE);
+    CPeerRollbackArea(vFormatted.data(), AREA_SIZE).Format();
     for (const Case& c : arCases) {
-        std::vector<BYTE> vNew(AREA_SIZE);
-        CPeerRollbackArea(vNew.data(), AREA_SIZE).Format();
-        std::vector<BYTE> vBefore = vNew;
-        m_flashback.SetRollbackArea(vNew.data(), AREA_SIZE);
         m_pSystem->m_nUndoTimestamp = c.nUndo;
         m_pSystem->m_nUndoPreTimestamp = c.nUndoPre;
-        EXPECT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE));
-        EXPECT_EQ(c.bLoads, vBefore != vNew) << c.nUndo << "/" << c.nUndoPre;
+        EXPECT_EQ(c.bLoads, vFormatted != LoadIntoNewArea()) << c.nUndo << "/" << c.nUndoPre;
         m_flashback.StopUndoMirror(1000, 0);
     }
     // No system head: nothing is loaded either.
-    std::vector<BYTE> vNew(AREA_SIZE);
-    CPeerRollbackArea(vNew.data(), AREA_SIZE).Format();
-    std::vector<BYTE> vBefore = vNew;
-    m_flashback.SetRollbackArea(vNew.data(), AREA_SIZE);
     m_flashback.m_pMemoryFileHead = nullptr;
-    EXPECT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE));
-    EXPECT_EQ(vBefore, vNew);
-}
-
-TEST_F(FlashbackUndoCache, ZeroFileOfTheRightSizeIsNotTakenForContent)
-{
-    // A zero head carries generation 0, as does a system head never saved.
-    ASSERT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE));
-    m_flashback.StopUndoMirror(1000, 0);
-    std::vector<BYTE> vBefore = m_vArea;
-    EXPECT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE));
-    EXPECT_EQ(vBefore, m_vArea);
+    EXPECT_EQ(vFormatted, LoadIntoNewArea());
 }
 
 TEST_F(FlashbackUndoCache, MirrorIsQuietUntilSomethingIsPublished)
 {
-    std::vector<BYTE> vBlock(BLOCK_SIZE);
-    CPeerBlock block(vBlock.data(), BLOCK_SIZE);
-    block.Format(9, 2, 50);
     FaultFileIO io;
     ScopedFileIO scoped(&io);
     m_flashback.StartWriteUndoCache(nullptr, FALSE);
@@ -296,7 +262,7 @@ TEST_F(FlashbackUndoCache, MirrorIsQuietUntilSomethingIsPublished)
     size_t nMade = io.Writes().size();
     std::this_thread::sleep_for(std::chrono::milliseconds(60));
     EXPECT_TRUE(WritesOf(io, nMade).empty()) << WritesOf(io, nMade).size();
-    Changes(block, 3, 2, 100);
+    Changes(3, 2, 100);
     UINT nAlloc = m_area.Head()->m_nDataAllocPos;
     // The mirror thread clears the flag as the engine's side would see it.
     EXPECT_TRUE(WaitUntil([&] { return __atomic_load_n(&m_area.Head()->m_bSaveStatus, __ATOMIC_ACQUIRE) == 0; }, 5000));
@@ -314,10 +280,7 @@ TEST_F(FlashbackUndoCache, FailedWriteEndsTheMirror)
     FaultFileIO io;
     io.FailCall(FileOp::PWrite, 1, ENOSPC, FAULT_ALWAYS);
     ScopedFileIO scoped(&io);
-    std::vector<BYTE> vBlock(BLOCK_SIZE);
-    CPeerBlock block(vBlock.data(), BLOCK_SIZE);
-    block.Format(9, 2, 50);
-    Changes(block, 2, 1, 100);
+    Changes(2, 1, 100);
     long long nStart = NowMs();
     EXPECT_EQ(1, m_flashback.FlashFlush());
     EXPECT_LT(NowMs() - nStart, 2000);

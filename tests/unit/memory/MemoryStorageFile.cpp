@@ -1,6 +1,4 @@
-// Making and remaking a memory-mode file: creating it with its segment,
-// growing it (which remakes the segment), writing the image out whole or to
-// a new path, and making the directories of a path.
+// Making, growing and writing out a memory-mode file.
 #include "DatabaseKit.h"
 #include "ShareMemory.h"
 #include "TalvorMemoryStorage.h"
@@ -134,21 +132,6 @@ TEST_F(MemoryStorageFile, NewFileRefusesASegmentThatIsThereAlready)
     EXPECT_EQ(nId, shmget(FileImageShmKey(2), 0, 0));  // someone else's: kept
 }
 
-TEST_F(MemoryStorageFile, LongPathShowsItsLastCharactersInTheProgressTitle)
-{
-    std::string strDir = m_tree.Dir();
-    std::string strPath = strDir + std::string(125 - strDir.size() - 4, 'p') + ".dbf";
-    ASSERT_EQ(125u, strPath.size());
-    LPFILEINFO p = Describe(strPath, 2, FILETYPE_DATA, 1 * MIB);
-    ASSERT_EQ(0, NewFile(p));
-    EXPECT_EQ(strPath.substr(5), std::string(m_stProgress.m_lpTitle));
-    // 124 characters still show whole.
-    std::string strShort = strDir + std::string(124 - strDir.size() - 4, 'q') + ".dbf";
-    LPFILEINFO q = Describe(strShort, 3, FILETYPE_DATA, 1 * MIB);
-    ASSERT_EQ(0, NewFile(q));
-    EXPECT_EQ(strShort, std::string(m_stProgress.m_lpTitle));
-}
-
 // Growing saves the image first with a forced pass (head and maps, no clean
 // block), adds no zeros, and writes the head with the new size once more.
 TEST_F(MemoryStorageFile, GrowingToTheSameSizeWritesNoBlockAndStillRemakes)
@@ -254,18 +237,4 @@ TEST_F(MemoryStorageFile, Save2FileRefusesAnExistingTargetAndAMissingHandle)
                                                "failed because the file already exists, path: " + strTarget));
     EXPECT_NE(std::string::npos, strTrace.find("40005003 Save2File When writing memory data to a physical file, "
                                                "the file handle was an invalid value"));
-}
-
-TEST_F(MemoryStorageFile, MakeDirMakesEveryDirectoryOfThePath)
-{
-    CTalvorMemoryStorage stStorage;
-    char szEmpty[] = "";
-    EXPECT_FALSE(stStorage.MakeDir(szEmpty));
-    std::string strPath = m_tree.Dir() + "a/b\\c/file.dbf";
-    EXPECT_TRUE(stStorage.MakeDir(&strPath[0]));
-    struct stat st;
-    EXPECT_EQ(0, stat((m_tree.Dir() + "a/b/c").c_str(), &st));
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
-    EXPECT_NE(0, stat((m_tree.Dir() + "a/b/c/file.dbf").c_str(), &st));  // the file is not made
-    EXPECT_TRUE(stStorage.MakeDir(&strPath[0]));  // an existing path is fine
 }

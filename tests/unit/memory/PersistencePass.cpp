@@ -1,8 +1,5 @@
-// The persistence pass over the memory-mode files and its commit: what
-// reaches the disk and in which place, what a pass with nothing new does
-// (nothing), the refusals that write nothing, chains from the image that
-// loop or leave it, blocks changing under the pass, and the engine's answers
-// over the channel (a snapshot, "nothing to save", none at all).
+// The persistence pass over the memory-mode files and its commit, and the
+// engine's answers over the channel.
 #include "PeerRollback.h"
 #include "PersistenceDb.h"
 #include "TestClock.h"
@@ -49,6 +46,14 @@ protected:
         if (m_engine.joinable()) m_engine.join();
     }
     void TearDown() override { StopEngine(); }
+    // One transaction changing one row; its timestamp.
+    long long Commit(int nFileNo, int nBlock, int nRow, int nValue)
+    {
+        long long ts = m_db.BeginTransaction();
+        m_db.ChangeRow(nFileNo, nBlock, nRow, nValue, ts);
+        m_db.EndTransaction(ts);
+        return ts;
+    }
 
     PersistenceDb m_db;
     std::thread m_engine;
@@ -137,9 +142,7 @@ TEST_F(PersistencePass, RefusalsWriteNothingAndHoldTheCommit)
         long long nCommitted = m_db.CommittedOnDisk();
         LPBASEFILEHEAD lpHead = m_db.FileHead(d.m_nFileNo);
         BASEFILEHEAD stSaved = *lpHead;
-        long long ts = m_db.BeginTransaction();
-        m_db.ChangeRow(d.m_nFileNo, 2, 0, 77, ts);
-        m_db.EndTransaction(ts);
+        long long ts = Commit(d.m_nFileNo, 2, 0, 77);
         d.m_fnDamage(lpHead);
         std::string strBefore = ReadWholeFile(m_db.PathOf(d.m_nFileNo));
         EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FILEFAILED, m_db.Pass()) << d.m_lpName;
@@ -161,19 +164,15 @@ TEST_F(PersistencePass, ChainsThatLoopOrLeaveTheFileAreRefused)
 {
     LPBASEFILEHEAD lpHead = m_db.FileHead(2);
     long long nMap = lpHead->m_nBlockMapStartOffset;
-    long long nSlave = nMap + lpHead->m_nBlockMapSize;
     // Entries 3 -> 4 -> 5 -> 3 in the master; the pass refreshes the slave.
     auto Entry = [&](int i) { return (LPBASEFILEBLOCKMAP)(m_db.Image(2) + DbMapEntryOffset(nMap, i)); };
     long long nOldNext = Entry(5)->m_nNextOffset;
     Entry(5)->m_nNextOffset = DbMapEntryOffset(nMap, 3);
-    long long ts = m_db.BeginTransaction();
-    m_db.ChangeRow(2, 0, 0, 5, ts);
-    m_db.EndTransaction(ts);
+    long long ts = Commit(2, 0, 0, 5);
     long long nCommitted = m_db.CommittedOnDisk();
     EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FILEFAILED, m_db.Pass());
     EXPECT_TRUE(m_db.m_tree.Traced("40002020"));
     EXPECT_EQ(nCommitted, m_db.CommittedOnDisk());
-    (void)nSlave;
 
     // An entry pointing outside the image.
     Entry(5)->m_nNextOffset = m_db.File(2)->m_liFileSize + 4096;
@@ -228,9 +227,7 @@ TEST_F(PersistencePass, IndexMapWithTooManyEntriesOrABadBlockMarkIsRefused)
     LPBASEFILEHEAD lpHead = m_db.FileHead(3);
     LPBASEFILEBLOCKMAPHEAD lpMap = (LPBASEFILEBLOCKMAPHEAD)(m_db.Image(3) + lpHead->m_nBlockMapStartOffset);
     int nNum = lpMap->m_nBlockMapNum;
-    long long ts = m_db.BeginTransaction();
-    m_db.ChangeRow(3, 1, 0, 5, ts);
-    m_db.EndTransaction(ts);
+    long long ts = Commit(3, 1, 0, 5);
     lpMap->m_nBlockMapNum = 1 << 30;
     EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FILEFAILED, m_db.Pass());
     EXPECT_TRUE(m_db.m_tree.Traced("40002046"));
@@ -251,9 +248,7 @@ TEST_F(PersistencePass, EngineSnapshotIsUsedAndNothingToSaveStillSavesTheMarkedB
     // every later pass, and no head left in the buffer by an earlier pass
     // is taken for a snapshot.
     StartEngine([](LPSTORAGEMEMHEAD c) { c->m_nResult = PEERRESULT_NOTHINGTOSAVE; });
-    long long ts = m_db.BeginTransaction();
-    m_db.ChangeRow(2, 1, 0, 9, ts);
-    m_db.EndTransaction(ts);
+    long long ts = Commit(2, 1, 0, 9);
     EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
     EXPECT_GE(m_nAnswers.load(), 1);
     long long nBlock = m_db.BlockOffset(2, 1);
@@ -270,9 +265,7 @@ TEST_F(PersistencePass, EngineSnapshotIsUsedAndNothingToSaveStillSavesTheMarkedB
         if (c->m_bFileNo == 4) ((LPBASEFILEHEAD)lpData)->m_nDataFlag = 0x0BADF00D;
         c->m_nResult = 0;
     });
-    long long ts2 = m_db.BeginTransaction();
-    m_db.ChangeRow(4, 1, 0, 10, ts2);
-    m_db.EndTransaction(ts2);
+    long long ts2 = Commit(4, 1, 0, 10);
     EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FILEFAILED, m_db.Pass());
     EXPECT_TRUE(m_db.m_tree.Traced("40002050"));
 }
@@ -282,9 +275,7 @@ TEST_F(PersistencePass, EngineSnapshotIsUsedAndNothingToSaveStillSavesTheMarkedB
 TEST_F(PersistencePass, EngineErrorAnswerIsTracedAndTheImageIsSaved)
 {
     StartEngine([](LPSTORAGEMEMHEAD lpChannel) { lpChannel->m_nResult = 5; });
-    long long ts = m_db.BeginTransaction();
-    m_db.ChangeRow(2, 2, 0, 12, ts);
-    m_db.EndTransaction(ts);
+    long long ts = Commit(2, 2, 0, 12);
     EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
     StopEngine();
     EXPECT_GT(m_nAnswers.load(), 0);
@@ -302,9 +293,7 @@ TEST_F(PersistencePass, LostEngineIsMarkedSavedAroundAndNotAskedAgain)
     LPSTORAGEMEMHEAD lpChannel = m_db.Module().m_pFlashback->GetStorageMemHead();
     lpChannel->m_bService = 1;
     lpChannel->m_nCycleTime = 10; // 100 waits of 10 ms for the first request
-    long long ts = m_db.BeginTransaction();
-    m_db.ChangeRow(2, 2, 0, 12, ts);
-    m_db.EndTransaction(ts);
+    long long ts = Commit(2, 2, 0, 12);
     EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
     ASSERT_EQ(2, Val(lpChannel->m_bService));
     EXPECT_EQ(PEERRESULT_TIMEOUT, Val(lpChannel->m_nResult));
@@ -313,49 +302,13 @@ TEST_F(PersistencePass, LostEngineIsMarkedSavedAroundAndNotAskedAgain)
     EXPECT_EQ(ts, m_db.CommittedOnDisk());
     EXPECT_EQ(0, m_db.CheckDisk(ts).m_nViolations);
     lpChannel->m_nResult = 0;
-    long long ts2 = m_db.BeginTransaction();
-    m_db.ChangeRow(2, 2, 1, 13, ts2);
-    m_db.EndTransaction(ts2);
+    long long ts2 = Commit(2, 2, 1, 13);
     long long nStart = NowMs();
     EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
     long long nMs = NowMs() - nStart;
     EXPECT_LT(nMs, 500) << "the second pass waited for a lost engine";
     EXPECT_EQ(0, Val(lpChannel->m_nResult)) << "no new request was made";
     EXPECT_EQ(ts2, m_db.CommittedOnDisk());
-}
-
-TEST_F(PersistencePass, FailedCommitLeavesTheTimestampInMemoryAsItWas)
-{
-    long long ts = m_db.BeginTransaction();
-    m_db.ChangeRow(2, 2, 0, 12, ts);
-    m_db.EndTransaction(ts);
-    long long nOld = m_db.Head()->m_nBeginTimestamp;
-    FaultFileIO io;
-    {
-        ScopedFileIO scope(&io);
-        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass(TRUE));
-    }
-    // Count the writes of such a pass, then fail exactly the last (the commit).
-    long long ts2 = m_db.BeginTransaction();
-    m_db.ChangeRow(2, 3, 0, 13, ts2);
-    m_db.EndTransaction(ts2);
-    FaultFileIO counter;
-    {
-        ScopedFileIO scope(&counter);
-        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    }
-    long long ts3 = m_db.BeginTransaction();
-    m_db.ChangeRow(2, 3, 0, 14, ts3);
-    m_db.EndTransaction(ts3);
-    nOld = m_db.Head()->m_nBeginTimestamp;
-    FaultFileIO failing;
-    failing.FailCall(FileOp::PWrite, counter.Calls(FileOp::PWrite), EIO);
-    {
-        ScopedFileIO scope(&failing);
-        EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FAILED, m_db.Pass());
-    }
-    EXPECT_EQ(nOld, Val(m_db.Head()->m_nBeginTimestamp));
-    EXPECT_TRUE(m_db.m_tree.Traced("10110003"));
 }
 
 namespace {
@@ -501,9 +454,7 @@ TEST_F(PersistenceRollback, BlockWhoseOldVersionIsGoneIsNotWrittenAndHoldsTheCom
     long long nCommitted = m_db.CommittedOnDisk();
     std::string strDiskBefore = DiskBlock();
     // A transaction elsewhere commits; the next one is under way in the block.
-    long long ts2 = m_db.BeginTransaction();
-    m_db.ChangeRow(FILE_NO, 1, 0, 7, ts2);
-    m_db.EndTransaction(ts2);
+    long long ts2 = Commit(FILE_NO, 1, 0, 7);
     long long ts3 = ts2 + 1;
     MarkBlock(ts3);
     long long nID = Live().UpdateRow(m_area, 0, ts3, Bytes("alpha-2"), 7);
@@ -549,9 +500,7 @@ TEST_F(PersistenceRollback, IndexBlockChangedPastTheSavePointGoesOutAsItIsAndNev
 {
     // Under a steady load index blocks always carry changes past the save
     // point: were they held back, no commit would ever advance.
-    long long ts0 = m_db.BeginTransaction();
-    m_db.ChangeRow(2, 1, 0, 7, ts0);
-    m_db.EndTransaction(ts0);
+    long long ts0 = Commit(2, 1, 0, 7);
     long long ts = ts0 + 1;
     LPBYTE lpBlock = m_db.Image(3) + m_db.BlockOffset(3, 4);
     int nSize = ((LPBLOCKHEAD)lpBlock)->m_nBlockSize;
@@ -601,9 +550,7 @@ TEST_F(PersistencePass, MapBlocksAreLeftOutOnlyWhenTheFileHoldsTheirBytes)
         return m_db.Pass();
     };
     {
-        long long ts = m_db.BeginTransaction();
-        m_db.ChangeRow(nFileNo, 5, 2, 222, ts);
-        m_db.EndTransaction(ts);
+        long long ts = Commit(nFileNo, 5, 2, 222);
         FaultFileIO io;
         ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, fnPass(io));
         EXPECT_EQ(0, fnMapWrites(io)) << "an unchanged map block was written again";

@@ -20,6 +20,14 @@ namespace talvortest {
 
 const int RING_HEAD = (int)sizeof(FILE_TRACEMEMFILEHEAD);
 
+// The first failures of a sweep of nRuns runs, one a line; none expected.
+inline void ExpectNoFailures(const std::vector<std::string>& vFailed, int nRuns)
+{
+    std::string strFailed;
+    for (size_t i = 0; i < vFailed.size() && i < 10; i++) strFailed += vFailed[i] + "\n";
+    EXPECT_TRUE(vFailed.empty()) << vFailed.size() << " of " << nRuns << " runs failed, first ones:\n" << strFailed;
+}
+
 class RedoFixture : public ::testing::Test {
 protected:
     void SetUp() override
@@ -77,6 +85,54 @@ protected:
         return s;
     }
 
+    static MF_REDOLOGFILEHEAD HeadOf(const std::string& s)
+    {
+        MF_REDOLOGFILEHEAD h;
+        memset(&h, 0, sizeof(h));
+        if (s.size() >= sizeof(h)) memcpy(&h, s.data(), sizeof(h));
+        return h;
+    }
+    std::string GroupPath(int g) { return m_strDir + "Redo" + std::to_string(g) + ".log"; }
+    MF_REDOLOGFILEHEAD GroupHead(int g) { return HeadOf(ReadWholeFile(GroupPath(g))); }
+
+    // One record a log, three logs, the writer stopped (which seals the
+    // last); the bodies kept in m_vLogs and the stream.
+    void WriteThreeLogsAndStop()
+    {
+        for (int i = 0; i < 3; i++) {
+            std::string s = Record(3000, 1, i + 1);
+            ASSERT_EQ(3000, TraceRingWrite(m_pRing, m_nRingSize, s.data(), 3000));
+            m_vLogs.push_back(s);
+            m_strStream += s;
+            m_pRedo->WritePass(m_st, &m_stCrit);
+            m_pRedo->WritePass(m_st, &m_stCrit);
+        }
+        m_bExit = TRUE;
+        for (int i = 0; i < 100 && !m_pRedo->WritePass(m_st, &m_stCrit); i++) {
+        }
+    }
+
+    // Three logs sealed, none archived.
+    void SealThreeLogs()
+    {
+        m_pRedo->StartWriter(m_st);
+        WriteThreeLogsAndStop();
+        ASSERT_TRUE(m_st.m_bEnded);
+        for (int g = 0; g < 3; g++) ASSERT_EQ(REDOGROUP_SEALED, m_pRedo->GetGroup(g)->m_bState) << g;
+    }
+
+    // The archiver to its end condition; the sealed groups are there from
+    // the start, so it waits for no seal. The copy handle it left open.
+    static void* RunArchiver(CTalvorRedoLog* pRedo)
+    {
+        TalvorStoreShared(&pRedo->m_bArchiveExit, TRUE);
+        SetEvent(pRedo->m_hArchiveEvent);
+        void* hFile = nullptr;
+        void* hSrc = nullptr;
+        pRedo->ArchiveFile(hFile, hSrc);
+        return hFile;
+    }
+
     // The sealed group of the lowest log number, or -1.
     int OldestSealed()
     {
@@ -90,6 +146,9 @@ protected:
         return nFound;
     }
 
+    // What the archiver does with a log's body.
+    virtual void Keep(UINT, const std::string& strBody) { m_strLogs += strBody; }
+
     // Plays the archiver: every sealed group, oldest first, is taken out and
     // made reusable.
     void Harvest()
@@ -98,16 +157,15 @@ protected:
             int nFound = OldestSealed();
             if (nFound < 0) return;
             LPTALVORREDOGROUP p = m_pRedo->GetGroup(nFound);
-            std::string strPath = m_strDir + "Redo" + std::to_string(nFound) + ".log";
+            std::string strPath = GroupPath(nFound);
             std::string strFile = ReadWholeFile(strPath);
-            MF_REDOLOGFILEHEAD h;
-            memcpy(&h, strFile.data(), sizeof(h));
+            MF_REDOLOGFILEHEAD h = HeadOf(strFile);
             EXPECT_EQ(+p->m_nSequenceNO, +h.m_nSequenceNO);
             EXPECT_EQ(REDOGROUP_SEALED, +h.m_bState);
             EXPECT_EQ((UINT)+p->m_nEffectiveSize, +h.m_nEffectiveSize);
             EXPECT_GT(+h.m_nSequenceNO, m_nLastLogNo) << "log numbers only grow";
             m_nLastLogNo = h.m_nSequenceNO;
-            m_strLogs += strFile.substr(REDOLOGFILE_HEAD_SIZE, h.m_nEffectiveSize - REDOLOGFILE_HEAD_SIZE);
+            Keep(h.m_nSequenceNO, strFile.substr(REDOLOGFILE_HEAD_SIZE, h.m_nEffectiveSize - REDOLOGFILE_HEAD_SIZE));
             m_nSeals++;
             // Marked in the file too, as the archiver does.
             h.m_bState = REDOGROUP_ARCHIVED;
@@ -161,6 +219,7 @@ protected:
     TALVORCRITICALSECTION m_stCrit{};
     unsigned m_nRand = 7;
     std::string m_strStream, m_strLogs;
+    std::vector<std::string> m_vLogs;
     UINT m_nLastLogNo = 0;
     int m_nSeals = 0;
 };

@@ -6,12 +6,11 @@
 // in the archive, and every sealed log must be whole in its group.
 #include "FaultFileIO.h"
 #include "RedoLogFixture.h"
+#include "TraceCapture.h"
 
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <mutex>
-#include <map>
 #include <set>
 #include <sys/stat.h>
 
@@ -21,14 +20,6 @@ namespace {
 
 const FileOp CHANGING_OPS[] = {FileOp::PWrite, FileOp::FSync, FileOp::FDataSync, FileOp::Rename,
                                FileOp::SyncDirectory, FileOp::Unlink, FileOp::Open};
-
-MF_REDOLOGFILEHEAD HeadOf(const std::string& s)
-{
-    MF_REDOLOGFILEHEAD h;
-    memset(&h, 0, sizeof(h));
-    if (s.size() >= sizeof(h)) memcpy(&h, s.data(), sizeof(h));
-    return h;
-}
 
 // The nth subset of n changes: all dropped, all kept, then each one kept
 // alone, then (for few changes) every other combination.
@@ -78,41 +69,18 @@ protected:
         MakeRing(8192);
     }
 
-    // One record a log, three logs, the writer stopped (which seals the
-    // last); the bodies kept in m_vLogs.
-    void WriteThreeLogsAndStop()
+    static void Archive(CTalvorRedoLog* pRedo)
     {
-        for (int i = 0; i < 3; i++) {
-            std::string s = Record(3000, 1, i + 1);
-            ASSERT_EQ(3000, TraceRingWrite(m_pRing, m_nRingSize, s.data(), 3000));
-            m_vLogs.push_back(s);
-            m_pRedo->WritePass(m_st, &m_stCrit);
-            m_pRedo->WritePass(m_st, &m_stCrit);
-        }
-        m_bExit = TRUE;
-        for (int i = 0; i < 100 && !m_pRedo->WritePass(m_st, &m_stCrit); i++) {
-        }
-    }
-
-    // Three logs of one record each, sealed (the last by the stop), none
-    // archived; their bodies kept by number.
-    void SealThreeLogs()
-    {
-        ASSERT_TRUE(InitRedo());
-        m_pRedo->StartWriter(m_st);
-        WriteThreeLogsAndStop();
-        for (int g = 0; g < 3; g++) ASSERT_EQ(REDOGROUP_SEALED, m_pRedo->GetGroup(g)->m_bState) << g;
-    }
-
-    void RunArchiver(CTalvorRedoLog* pRedo)
-    {
-        TalvorStoreShared(&pRedo->m_bArchiveExit, TRUE);
         pRedo->m_nArchiveStopLimitMs = 2000;
-        // The sealed groups are there from the start: no wait for a seal.
-        SetEvent(pRedo->m_hArchiveEvent);
-        void* hFile = nullptr;
-        void* hSrc = nullptr;
-        pRedo->ArchiveFile(hFile, hSrc);
+        RunArchiver(pRedo);
+    }
+
+    // What came before is on the disk.
+    static void SyncAll(FaultFileIO& io)
+    {
+        std::vector<size_t> v;
+        for (size_t i = 0; i < io.Unsynced().size(); i++) v.push_back(i);
+        io.LosePowerKeeping(v, NameLoss::Keep);
     }
 
     // Cuts the power before the nth changing call of op() (or right after its
@@ -120,11 +88,10 @@ protected:
     // copies the tree to strCopy; fnAtCut sees the live object at that
     // moment. FALSE when op() made fewer calls or the subset does not exist.
     bool CutAt(FaultFileIO& io, long long nCall, int nSubset, const std::string& strCopy, const std::function<void()>& op,
-               const std::function<void()>& fnAtCut, bool& bNoSubset)
+               const std::function<void()>& fnAtCut)
     {
         long long nSeen = 0;
-        bool bCut = false;
-        bNoSubset = false;
+        bool bCut = false, bNoSubset = false;
         auto fnCut = [&] {
             std::vector<size_t> vKeep;
             if (!SubsetOf(io.Unsynced().size(), nSubset, vKeep)) {
@@ -134,8 +101,7 @@ protected:
             bCut = true;
             fnAtCut();
             io.LosePowerKeeping(vKeep, NameLoss::Undo);
-            std::string strCmd = "cp -a '" + m_strDir + "' '" + strCopy + "'";
-            EXPECT_EQ(0, system(strCmd.c_str()));
+            EXPECT_EQ(0, system(("cp -a '" + m_strDir + "' '" + strCopy + "'").c_str()));
         };
         FileHook fnHook = [&](const FileCall& call) {
             if (bCut || bNoSubset) return;
@@ -145,18 +111,41 @@ protected:
         for (FileOp eOp : CHANGING_OPS) io.OnCall(eOp, fnHook);
         op();
         for (FileOp eOp : CHANGING_OPS) io.OnCall(eOp, nullptr);
-        // One cut more: right after the last call.
         if (!bCut && !bNoSubset && nSeen == nCall - 1) fnCut();
         return bCut;
     }
 
-    // A start on the copy, with a new ring (the machine went down).
-    CTalvorRedoLog* StartOn(const std::string& strDir, LPSYSTEMFILEHEAD pHead, LPBYTE pRing, int nRingSize)
+    // fnCase for every cut (call, subset) in a fresh tree strTag...; it
+    // says FALSE when there was no such cut and adds what is wrong to its
+    // last argument. The number of cuts.
+    typedef std::function<bool(long long, int, const std::string&, std::string&)> CutCase;
+    int ForEachCut(const std::string& strTag, std::vector<std::string>& vFailed, const CutCase& fnCase)
     {
+        int nCuts = 0;
+        for (long long nCall = 1;; nCall++) {
+            bool bAny = false;
+            for (int nSubset = 0;; nSubset++) {
+                const std::string strRun = strTag + "c" + std::to_string(nCall) + "s" + std::to_string(nSubset);
+                StartOver(strRun);
+                std::string strError;
+                if (HasFatalFailure() || !fnCase(nCall, nSubset, m_tree.Dir() + strRun + "-cut/", strError)) break;
+                bAny = true;
+                nCuts++;
+                if (!strError.empty()) vFailed.push_back("cut " + strRun + ": " + strError);
+            }
+            if (!bAny || HasFatalFailure()) return nCuts;
+        }
+    }
+
+    // A start on the copy, with a new ring (the machine went down).
+    CTalvorRedoLog* StartOn(const std::string& strDir, LPSYSTEMFILEHEAD pHead, std::vector<BYTE>& vRing)
+    {
+        vRing.assign((size_t)m_nRingSize, 0);
+        TraceRingInitHead(vRing.data(), m_nRingSize, TRACEMEM_FILETYPE_REDO);
         CTalvorRedoLog* pRedo = new CTalvorRedoLog();
-        pRedo->SetRingSize(nRingSize);
-        BOOL bOk = pRedo->Init(pHead, 0, &m_bExit, (char*)strDir.c_str(), (char*)pRing, nullptr, nullptr, FALSE, nullptr);
-        EXPECT_TRUE(bOk);
+        pRedo->SetRingSize(m_nRingSize);
+        EXPECT_TRUE(pRedo->Init(pHead, 0, &m_bExit, (char*)strDir.c_str(), (char*)vRing.data(), nullptr, nullptr,
+                                FALSE, nullptr));
         return pRedo;
     }
 
@@ -173,74 +162,48 @@ protected:
     }
 
     SYSTEMFILEHEAD m_stTemplate;
-    std::vector<std::string> m_vLogs;
 };
 
 } // namespace
 
 TEST_F(RedoPowerLoss, CutAtAnyCallOfTheArchiverLeavesEveryLogCalledArchivedWhole)
 {
-    int nCuts = 0;
     std::vector<std::string> vFailed;
-    for (long long nCall = 1;; nCall++) {
-        bool bAny = false;
-        for (int nSubset = 0;; nSubset++) {
-            const std::string strRun = "c" + std::to_string(nCall) + "s" + std::to_string(nSubset);
-            StartOver(strRun);
-            FaultFileIO io;
-            ScopedFileIO scoped(&io);
-            SealThreeLogs();
-            if (HasFatalFailure()) return;
-            // What came before is on the disk.
-            io.LosePowerKeeping(std::vector<size_t>([&] {
-                std::vector<size_t> v;
-                for (size_t i = 0; i < io.Unsynced().size(); i++) v.push_back(i);
-                return v;
-            }()), NameLoss::Keep);
-            int nCalledArchived = 0;
-            std::set<UINT> setArchived;
-            const std::string strCopy = m_tree.Dir() + strRun + "-cut/";
-            bool bNoSubset = false;
-            bool bCut = CutAt(io, nCall, nSubset, strCopy, [&] { RunArchiver(m_pRedo); },
-                              [&] {
-                                  nCalledArchived = Ring()->m_nLogArchiveNo;
-                                  // The machine is down: this archiver's
-                                  // further work does not count.
-                                  m_pRedo->m_nArchiveStopLimitMs = -1;
-                                  for (int g = 0; g < 3; g++)
-                                      if (m_pRedo->GetGroup(g)->m_bState == REDOGROUP_ARCHIVED)
-                                          setArchived.insert((UINT)m_pRedo->GetGroup(g)->m_nSequenceNO);
-                              },
-                              bNoSubset);
-            if (!bCut) break;
-            bAny = true;
-            nCuts++;
-            std::string strError;
-            for (int n = 1; n <= nCalledArchived; n++) strError += ArchiveProblem(strCopy, (UINT)n);
-            for (UINT n : setArchived) strError += ArchiveProblem(strCopy, n);
-            // The next start archives what is left, whole.
-            SYSTEMFILEHEAD stHead;
-            memcpy(&stHead, m_pHead, sizeof(stHead));
-            snprintf(stHead.m_lpArchiveDesPath, sizeof(stHead.m_lpArchiveDesPath), "%sA", strCopy.c_str());
-            std::vector<BYTE> vRing((size_t)m_nRingSize);
-            TraceRingInitHead(vRing.data(), m_nRingSize, TRACEMEM_FILETYPE_REDO);
-            {
-                ScopedFileIO plain(nullptr);
-                CTalvorRedoLog* pRedo = StartOn(strCopy, &stHead, vRing.data(), m_nRingSize);
-                RunArchiver(pRedo);
-                for (UINT n = 1; n <= 3; n++) strError += ArchiveProblem(strCopy, n);
-                delete pRedo;
-            }
-            if (!strError.empty()) vFailed.push_back("cut before call " + std::to_string(nCall) + ", subset " +
-                                                     std::to_string(nSubset) + ": " + strError);
-        }
-        if (!bAny) break;
-    }
-    printf("cuts: %d\n", nCuts);
+    int nCuts = ForEachCut("", vFailed, [&](long long nCall, int nSubset, const std::string& strCopy,
+                                            std::string& strError) {
+        FaultFileIO io;
+        ScopedFileIO scoped(&io);
+        EXPECT_TRUE(InitRedo());
+        SealThreeLogs();
+        if (HasFatalFailure()) return false;
+        SyncAll(io);
+        int nCalledArchived = 0;
+        std::set<UINT> setArchived;
+        bool bCut = CutAt(io, nCall, nSubset, strCopy, [&] { Archive(m_pRedo); }, [&] {
+            nCalledArchived = Ring()->m_nLogArchiveNo;
+            // The machine is down: this archiver's further work does not count.
+            m_pRedo->m_nArchiveStopLimitMs = -1;
+            for (int g = 0; g < 3; g++)
+                if (m_pRedo->GetGroup(g)->m_bState == REDOGROUP_ARCHIVED)
+                    setArchived.insert((UINT)m_pRedo->GetGroup(g)->m_nSequenceNO);
+        });
+        if (!bCut) return false;
+        for (int n = 1; n <= nCalledArchived; n++) strError += ArchiveProblem(strCopy, (UINT)n);
+        for (UINT n : setArchived) strError += ArchiveProblem(strCopy, n);
+        // The next start archives what is left, whole.
+        SYSTEMFILEHEAD stHead;
+        memcpy(&stHead, m_pHead, sizeof(stHead));
+        snprintf(stHead.m_lpArchiveDesPath, sizeof(stHead.m_lpArchiveDesPath), "%sA", strCopy.c_str());
+        ScopedFileIO plain(nullptr);
+        std::vector<BYTE> vRing;
+        CTalvorRedoLog* pRedo = StartOn(strCopy, &stHead, vRing);
+        Archive(pRedo);
+        for (UINT n = 1; n <= 3; n++) strError += ArchiveProblem(strCopy, n);
+        delete pRedo;
+        return true;
+    });
     EXPECT_GT(nCuts, 20);
-    std::string strFailed;
-    for (size_t i = 0; i < vFailed.size() && i < 10; i++) strFailed += vFailed[i] + "\n";
-    EXPECT_TRUE(vFailed.empty()) << vFailed.size() << " of " << nCuts << " cuts:\n" << strFailed;
+    ExpectNoFailures(vFailed, nCuts);
 }
 
 // With "forceflushlog" 1 a head that says sealed on the disk speaks for
@@ -252,76 +215,52 @@ TEST_F(RedoPowerLoss, CutAtAnyCallOfASealLeavesNoTornLog)
     int nCuts = 0;
     std::vector<std::string> vFailed;
     for (int nForce : {1, 0}) {
-        for (long long nCall = 1;; nCall++) {
-            bool bAny = false;
-            for (int nSubset = 0;; nSubset++) {
-                const std::string strRun =
-                    "f" + std::to_string(nForce) + "c" + std::to_string(nCall) + "s" + std::to_string(nSubset);
-                StartOver(strRun);
-                FaultFileIO io;
-                ScopedFileIO scoped(&io);
-                ASSERT_TRUE(InitRedo());
-                m_pRedo->m_nForceFlushLog = nForce;
-                io.LosePowerKeeping(std::vector<size_t>([&] {
-                    std::vector<size_t> v;
-                    for (size_t i = 0; i < io.Unsynced().size(); i++) v.push_back(i);
-                    return v;
-                }()), NameLoss::Keep);
-                m_pRedo->StartWriter(m_st);
-                std::string strLog;
-                const std::string strCopy = m_tree.Dir() + strRun + "-cut/";
-                bool bNoSubset = false;
-                // Two stretches drained into one log, then the engine's seal.
-                bool bCut = CutAt(io, nCall, nSubset, strCopy,
-                                  [&] {
-                                      for (int i = 0; i < 2; i++) {
-                                          std::string s = Record(700 + 100 * i, 1, i + 1);
-                                          TraceRingWrite(m_pRing, m_nRingSize, s.data(), (int)s.size());
-                                          strLog += s;
-                                          m_pRedo->WritePass(m_st, &m_stCrit);
-                                      }
-                                      Ring()->m_bFlushFlag = REDOFLUSH_SEAL;
-                                      m_pRedo->WritePass(m_st, &m_stCrit);
-                                  },
-                                  [] {}, bNoSubset);
-                if (!bCut) break;
-                bAny = true;
-                nCuts++;
-                std::string strError;
-                std::string strGroup = ReadWholeFile(strCopy + "Redo0.log");
-                MF_REDOLOGFILEHEAD h = HeadOf(strGroup);
-                if (nForce != 0 && h.m_bState == REDOGROUP_SEALED &&
-                    (h.m_nEffectiveSize != 50 + strLog.size() || strGroup.substr(50, strLog.size()) != strLog))
-                    strError += "sealed log torn on the disk; ";
-                SYSTEMFILEHEAD stHead;
-                memcpy(&stHead, m_pHead, sizeof(stHead));
-                std::vector<BYTE> vRing((size_t)m_nRingSize);
-                TraceRingInitHead(vRing.data(), m_nRingSize, TRACEMEM_FILETYPE_REDO);
-                {
-                    ScopedFileIO plain(nullptr);
-                    CTalvorRedoLog* pRedo = StartOn(strCopy, &stHead, vRing.data(), m_nRingSize);
-                    // Whatever the start keeps sealed is whole records of the stream.
-                    LPTALVORREDOGROUP p = pRedo->GetGroup(0);
-                    if (p->m_bState == REDOGROUP_SEALED) {
-                        std::string strAfter = ReadWholeFile(strCopy + "Redo0.log");
-                        std::string strBody = strAfter.substr(50, (size_t)p->m_nEffectiveSize - 50);
-                        if (strBody != strLog.substr(0, strBody.size()) ||
-                            (!strBody.empty() && strBody.size() != 700 && strBody.size() != strLog.size()))
-                            strError += "log sealed after the start torn (" + std::to_string(strBody.size()) + " bytes); ";
-                    }
-                    delete pRedo;
+        nCuts += ForEachCut("f" + std::to_string(nForce), vFailed, [&](long long nCall, int nSubset,
+                                                                       const std::string& strCopy,
+                                                                       std::string& strError) {
+            FaultFileIO io;
+            ScopedFileIO scoped(&io);
+            EXPECT_TRUE(InitRedo());
+            m_pRedo->m_nForceFlushLog = nForce;
+            SyncAll(io);
+            m_pRedo->StartWriter(m_st);
+            std::string strLog;
+            // Two stretches drained into one log, then the engine's seal.
+            bool bCut = CutAt(io, nCall, nSubset, strCopy, [&] {
+                for (int i = 0; i < 2; i++) {
+                    std::string s = Record(700 + 100 * i, 1, i + 1);
+                    TraceRingWrite(m_pRing, m_nRingSize, s.data(), (int)s.size());
+                    strLog += s;
+                    m_pRedo->WritePass(m_st, &m_stCrit);
                 }
-                if (!strError.empty())
-                    vFailed.push_back("forceflushlog " + std::to_string(nForce) + ", cut before call " +
-                                      std::to_string(nCall) + ", subset " + std::to_string(nSubset) + ": " + strError);
+                Ring()->m_bFlushFlag = REDOFLUSH_SEAL;
+                m_pRedo->WritePass(m_st, &m_stCrit);
+            }, [] {});
+            if (!bCut) return false;
+            std::string strGroup = ReadWholeFile(strCopy + "Redo0.log");
+            MF_REDOLOGFILEHEAD h = HeadOf(strGroup);
+            if (nForce != 0 && h.m_bState == REDOGROUP_SEALED &&
+                (h.m_nEffectiveSize != 50 + strLog.size() || strGroup.substr(50, strLog.size()) != strLog))
+                strError += "sealed log torn on the disk; ";
+            SYSTEMFILEHEAD stHead;
+            memcpy(&stHead, m_pHead, sizeof(stHead));
+            ScopedFileIO plain(nullptr);
+            std::vector<BYTE> vRing;
+            CTalvorRedoLog* pRedo = StartOn(strCopy, &stHead, vRing);
+            // Whatever the start keeps sealed is whole records of the stream.
+            LPTALVORREDOGROUP p = pRedo->GetGroup(0);
+            if (p->m_bState == REDOGROUP_SEALED) {
+                std::string strBody = ReadWholeFile(strCopy + "Redo0.log").substr(50, (size_t)p->m_nEffectiveSize - 50);
+                if (strBody != strLog.substr(0, strBody.size()) ||
+                    (!strBody.empty() && strBody.size() != 700 && strBody.size() != strLog.size()))
+                    strError += "log sealed after the start torn (" + std::to_string(strBody.size()) + " bytes); ";
             }
-            if (!bAny) break;
-        }
+            delete pRedo;
+            return true;
+        });
     }
     EXPECT_GT(nCuts, 20);
-    std::string strFailed;
-    for (size_t i = 0; i < vFailed.size() && i < 10; i++) strFailed += vFailed[i] + "\n";
-    EXPECT_TRUE(vFailed.empty()) << vFailed.size() << " of " << nCuts << " cuts:\n" << strFailed;
+    ExpectNoFailures(vFailed, nCuts);
 }
 
 // A power loss can leave a page of a sealed log with what the group held
@@ -347,56 +286,15 @@ TEST_F(RedoPowerLoss, SealedLogWhosePageHoldsThePreviousLogIsCutBehindItsOwnReco
     m_pRedo = nullptr;
     ASSERT_TRUE(WriteFileAt(m_strDir + "Redo0.log", 50 + 700, Record(800, 1, 5)));
 
-    std::vector<BYTE> vRing((size_t)m_nRingSize);
-    TraceRingInitHead(vRing.data(), m_nRingSize, TRACEMEM_FILETYPE_REDO);
-    CTalvorRedoLog* pRedo = StartOn(m_strDir, m_pHead, vRing.data(), m_nRingSize);
+    std::vector<BYTE> vRing;
+    CTalvorRedoLog* pRedo = StartOn(m_strDir, m_pHead, vRing);
     EXPECT_EQ(REDOGROUP_SEALED, pRedo->GetGroup(0)->m_bState);
     EXPECT_EQ(50 + 700, +pRedo->GetGroup(0)->m_nEffectiveSize);
     std::string strGroup = ReadWholeFile(m_strDir + "Redo0.log");
-    MF_REDOLOGFILEHEAD h = HeadOf(strGroup);
-    EXPECT_EQ(50u + 700u, +h.m_nEffectiveSize);
+    EXPECT_EQ(50u + 700u, +HeadOf(strGroup).m_nEffectiveSize);
     EXPECT_TRUE(strGroup.substr(50, 700) == strOwn);
     delete pRedo;
 }
-
-namespace {
-
-std::mutex g_mxLines;
-std::vector<std::string> g_vLines;
-
-void KeepLine(LPCTSTR szFunction, LONG nLevel, LONG nCode, LPCTSTR szText)
-{
-    std::lock_guard<std::mutex> lock(g_mxLines);
-    g_vLines.push_back(std::to_string(nLevel) + " " + std::to_string(nCode) + " " + szFunction + " " + szText);
-}
-
-// A failure line: level 1, and the error of the failed call in it.
-bool FailureTraced()
-{
-    std::lock_guard<std::mutex> lock(g_mxLines);
-    for (const std::string& s : g_vLines)
-        if (s.compare(0, 2, "1 ") == 0 && s.find("(5)") != std::string::npos) return true;
-    return false;
-}
-
-const FileOp FAILING_OPS[] = {FileOp::Open, FileOp::PRead, FileOp::PWrite, FileOp::FSync,
-                              FileOp::FDataSync, FileOp::Rename, FileOp::SyncDirectory};
-
-const char* OpName(FileOp eOp)
-{
-    switch (eOp) {
-    case FileOp::Open: return "open";
-    case FileOp::PRead: return "pread";
-    case FileOp::PWrite: return "pwrite";
-    case FileOp::FSync: return "fsync";
-    case FileOp::FDataSync: return "fdatasync";
-    case FileOp::Rename: return "rename";
-    case FileOp::SyncDirectory: return "directory sync";
-    default: return "?";
-    }
-}
-
-} // namespace
 
 // Every call of a seal and of the archiving that follows fails in turn
 // (EIO): the failure is traced with its error, nothing torn is left under a
@@ -404,13 +302,14 @@ const char* OpName(FileOp eOp)
 // whole.
 TEST_F(RedoPowerLoss, FailingCallOfASealOrAnArchiveIsTracedAndTearsNothing)
 {
-    LPTALVORTRACESINK pOld = TraceInstallSink(KeepLine);
+    TraceCapture trace;
     int nFailures = 0;
     std::vector<std::string> vFailed;
-    for (FileOp eOp : FAILING_OPS) {
+    for (FileOp eOp : {FileOp::Open, FileOp::PRead, FileOp::PWrite, FileOp::FSync, FileOp::FDataSync, FileOp::Rename,
+                       FileOp::SyncDirectory}) {
         for (long long n = 1;; n++) {
-            const std::string strRun = std::string("f") + std::to_string((int)eOp) + "n" + std::to_string(n);
-            StartOver(strRun);
+            const std::string strCase = "op " + std::to_string((int)eOp) + " call " + std::to_string(n);
+            StartOver("f" + std::to_string((int)eOp) + "n" + std::to_string(n));
             long long nCalls = 0;
             {
                 FaultFileIO io;
@@ -421,46 +320,36 @@ TEST_F(RedoPowerLoss, FailingCallOfASealOrAnArchiveIsTracedAndTearsNothing)
                 m_pRedo->StartWriter(m_st);
                 const long long nBase = io.Calls(eOp);
                 io.FailCall(eOp, nBase + n, EIO);
-                {
-                    std::lock_guard<std::mutex> lock(g_mxLines);
-                    g_vLines.clear();
-                }
-                // Three logs, the last sealed by the stop, then the archiver.
+                trace.Clear();
                 WriteThreeLogsAndStop();
-                RunArchiver(m_pRedo);
+                Archive(m_pRedo);
                 nCalls = io.Calls(eOp) - nBase;
                 delete m_pRedo;
                 m_pRedo = nullptr;
             }
             if (nCalls < n) break;
             nFailures++;
-            const std::string strCase = std::string(OpName(eOp)) + " " + std::to_string(n) + ": ";
-            if (!FailureTraced()) vFailed.push_back(strCase + "not traced with its error");
+            // A failure line: level 1, and the error of the failed call in it.
+            bool bTraced = false;
+            for (const CapturedLine& l : trace.Lines())
+                bTraced = bTraced || (l.m_nLevel == 1 && l.m_strText.find("(5)") != std::string::npos);
+            if (!bTraced) vFailed.push_back(strCase + ": not traced with its error");
             // Nothing torn under a log's name.
             std::string strError;
             for (UINT nLog = 1; nLog <= 3; nLog++) {
-                std::string strPath = m_strDir + "A/ArchiveLog/Log" + std::to_string(nLog) + ".log";
-                if (PathExists(strPath)) strError += ArchiveProblem(m_strDir, nLog);
+                if (PathExists(m_strDir + "A/ArchiveLog/Log" + std::to_string(nLog) + ".log"))
+                    strError += ArchiveProblem(m_strDir, nLog);
             }
             // The next start archives every log, whole.
             m_bExit = FALSE;
-            std::vector<BYTE> vRing((size_t)m_nRingSize);
-            TraceRingInitHead(vRing.data(), m_nRingSize, TRACEMEM_FILETYPE_REDO);
-            CTalvorRedoLog* pRedo = StartOn(m_strDir, m_pHead, vRing.data(), m_nRingSize);
-            RunArchiver(pRedo);
+            std::vector<BYTE> vRing;
+            CTalvorRedoLog* pRedo = StartOn(m_strDir, m_pHead, vRing);
+            Archive(pRedo);
             delete pRedo;
             for (UINT nLog = 1; nLog <= 3; nLog++) strError += ArchiveProblem(m_strDir, nLog);
-            if (!strError.empty()) {
-                std::lock_guard<std::mutex> lock(g_mxLines);
-                for (const std::string& strLine : g_vLines) strError += "\n    " + strLine;
-                vFailed.push_back(strCase + strError);
-            }
+            if (!strError.empty()) vFailed.push_back(strCase + ": " + strError + "\n" + trace.Text());
         }
     }
-    TraceInstallSink(pOld);
-    printf("failed calls: %d\n", nFailures);
     EXPECT_GT(nFailures, 30);
-    std::string strFailed;
-    for (size_t i = 0; i < vFailed.size() && i < 10; i++) strFailed += vFailed[i] + "\n";
-    EXPECT_TRUE(vFailed.empty()) << vFailed.size() << " of " << nFailures << " failures:\n" << strFailed;
+    ExpectNoFailures(vFailed, nFailures);
 }

@@ -11,19 +11,6 @@
 
 using namespace talvortest;
 
-namespace {
-
-MF_REDOLOGFILEHEAD HeadOfGroup(const std::string& strDir, int nGroup)
-{
-    MF_REDOLOGFILEHEAD h;
-    memset(&h, 0, sizeof(h));
-    std::string s = ReadWholeFile(strDir + "Redo" + std::to_string(nGroup) + ".log");
-    if (s.size() >= sizeof(h)) memcpy(&h, s.data(), sizeof(h));
-    return h;
-}
-
-} // namespace
-
 // The group of log 1 is reused for log 4. While its new head is being
 // written, a reader asking for log 4 or log 1 must get "not yet" or "gone",
 // never the group with log 1's size under log 4's number.
@@ -116,7 +103,7 @@ TEST_F(RedoFixture, LogOfOneStretchEndsAtItsLargestTimestamp)
     Ring()->m_bFlushFlag = REDOFLUSH_SEAL;
     Pass();
     ASSERT_EQ(1, m_nSeals);
-    MF_REDOLOGFILEHEAD h = HeadOfGroup(m_strDir, 0);
+    MF_REDOLOGFILEHEAD h = GroupHead(0);
     EXPECT_EQ(5, talvortest::Val(h.m_nBeginTimestamp));
     EXPECT_EQ(7, talvortest::Val(h.m_nEndTimestamp));
     // The next log does not inherit the end of this one.
@@ -125,6 +112,6 @@ TEST_F(RedoFixture, LogOfOneStretchEndsAtItsLargestTimestamp)
     Ring()->m_bFlushFlag = REDOFLUSH_SEAL;
     Pass();
     ASSERT_EQ(2, m_nSeals);
-    EXPECT_EQ(3, talvortest::Val(HeadOfGroup(m_strDir, 1).m_nEndTimestamp));
+    EXPECT_EQ(3, talvortest::Val(GroupHead(1).m_nEndTimestamp));
     Stop();
 }

@@ -9,7 +9,6 @@
 
 using namespace talvortest;
 
-// --- Ring fields across the wrap.
 
 TEST_F(RedoFixture, FieldsAreJoinedAtEverySplitPosition)
 {
@@ -30,7 +29,6 @@ TEST_F(RedoFixture, FieldsAreJoinedAtEverySplitPosition)
     EXPECT_EQ(0, CTalvorRedoLog::ReadData(RING_HEAD, Ring()));
 }
 
-// --- The writer over a small ring.
 
 TEST_F(RedoFixture, MixedStreamThroughManyWrapsComesOutWhole)
 {
@@ -186,7 +184,6 @@ TEST_F(RedoFixture, StopWithNoGroupOpenTouchesNoFile)
     EXPECT_TRUE(strBefore == ReadWholeFile(m_strDir + "Redo0.log"));
 }
 
-// --- Start-up of the groups.
 
 TEST_F(RedoFixture, GroupCountIsBoundedAndWrittenBack)
 {
@@ -259,7 +256,6 @@ TEST_F(RedoFixture, StartAfterALostSystemFileFollowsTheNewestLog)
     EXPECT_TRUE(m_strStream == m_strLogs);
 }
 
-// --- Readers.
 
 TEST_F(RedoFixture, ReaderHoldsNeverWrapBelowZero)
 {
@@ -314,7 +310,6 @@ TEST_F(RedoFixture, WriteSizeWithoutForceOnABusyRingAsksNothing)
     Stop();
 }
 
-// --- Archive destinations.
 
 TEST(RedoDestinations, PathsGetASlashEmptyOnesAreDroppedAndSixAtMost)
 {

@@ -6,7 +6,7 @@
 // archives it.
 #include "FaultFileIO.h"
 #include "RedoLogFixture.h"
-#include "TestFiles.h"
+#include "TraceCapture.h"
 
 #include <gtest/gtest.h>
 
@@ -17,16 +17,6 @@
 using namespace talvortest;
 
 namespace {
-
-std::mutex g_mxLines;
-std::string g_strLines;
-
-void KeepLine(LPCTSTR szFunction, LONG nLevel, LONG nCode, LPCTSTR szText)
-{
-    std::lock_guard<std::mutex> lock(g_mxLines);
-    g_strLines += std::to_string(nLevel) + " " + std::to_string(nCode) + " " + szFunction + " " + szText + "\n";
-}
-
 
 const long long ARCHIVE_HANG_MS = 11000; // longer than the 10 s a stop used to wait for a group
 
@@ -75,8 +65,7 @@ TEST_F(RedoFixture, CleanStopWithTheArchiverBehindDrainsTheRingAndTheNextStartAr
             cvWriter.wait_for(lock, std::chrono::seconds(120), [&] { return bWriterDone; });
         }
     });
-    LPTALVORTRACESINK pOld = TraceInstallSink(KeepLine);
-    g_strLines.clear();
+    TraceCapture trace;
     m_bExit = TRUE;
     // What the archiver has not done when its time after the writer's end
     // is up stays sealed.
@@ -99,11 +88,7 @@ TEST_F(RedoFixture, CleanStopWithTheArchiverBehindDrainsTheRingAndTheNextStartAr
     cvWriter.notify_all();
     archiver.join();
     io.OnCall(FileOp::PWrite, nullptr);
-    std::string strLines;
-    {
-        std::lock_guard<std::mutex> lock(g_mxLines);
-        strLines = g_strLines;
-    }
+    std::string strLines = trace.Text();
     EXPECT_TRUE(bHung);
     EXPECT_EQ(+Ring()->m_nReadPos, +Ring()->m_nWritePos) << "the stop left bytes in the ring\n" << strLines;
     EXPECT_GE(CountOf(strLines, "30003033 WriteLog "), 2u) << strLines;
@@ -121,20 +106,10 @@ TEST_F(RedoFixture, CleanStopWithTheArchiverBehindDrainsTheRingAndTheNextStartAr
     TraceRingInitHead(m_pRing, m_nRingSize, TRACEMEM_FILETYPE_REDO);
     m_bExit = FALSE;
     ASSERT_TRUE(InitRedo());
-    int nOldestSealed = 0;
-    for (int g = 0; g < 3; g++) {
-        LPTALVORREDOGROUP p = m_pRedo->GetGroup(g);
-        if (p->m_bState == REDOGROUP_SEALED && (nOldestSealed == 0 || (int)p->m_nSequenceNO < nOldestSealed))
-            nOldestSealed = (int)p->m_nSequenceNO;
-    }
-    ASSERT_GT(nOldestSealed, 0);
-    EXPECT_EQ(nOldestSealed - 1, +Ring()->m_nLogArchiveNo) << "a sealed log was called archived";
-    TalvorStoreShared(&m_pRedo->m_bArchiveExit, TRUE);
-    SetEvent(m_pRedo->m_hArchiveEvent);
-    void* hFile = nullptr;
-    void* hSrc = nullptr;
-    m_pRedo->ArchiveFile(hFile, hSrc);
-    TraceInstallSink(pOld);
+    ASSERT_GE(OldestSealed(), 0);
+    EXPECT_EQ((int)m_pRedo->GetGroup(OldestSealed())->m_nSequenceNO - 1, +Ring()->m_nLogArchiveNo)
+        << "a sealed log was called archived";
+    RunArchiver(m_pRedo);
     for (int g = 0; g < 3; g++) EXPECT_EQ(REDOGROUP_ARCHIVED, m_pRedo->GetGroup(g)->m_bState) << g;
     EXPECT_EQ(5, +Ring()->m_nLogArchiveNo);
     for (int nLog = 1; nLog <= 5; nLog++) {

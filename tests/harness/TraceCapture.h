@@ -1,0 +1,78 @@
+// TraceCapture.h — the trace lines written while a capture is in force,
+// from every thread, for tests that check what the code under test told.
+// One capture at a time; the previous sink comes back with its end.
+#pragma once
+
+#include "TalvorTrace.h"
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace talvortest {
+
+struct CapturedLine {
+    long m_nLevel;
+    long m_nCode;
+    std::string m_strFunction;
+    std::string m_strText;
+    // "level code function text", as the tests match it.
+    std::string Joined() const
+    {
+        return std::to_string(m_nLevel) + " " + std::to_string(m_nCode) + " " + m_strFunction + " " + m_strText;
+    }
+};
+
+class TraceCapture {
+public:
+    TraceCapture() : m_pOld(TraceInstallSink(&Sink)) { Clear(); }
+    ~TraceCapture() { TraceInstallSink(m_pOld); }
+    TraceCapture(const TraceCapture&) = delete;
+    TraceCapture& operator=(const TraceCapture&) = delete;
+
+    // Thread: any.
+    std::vector<CapturedLine> Lines() const
+    {
+        std::lock_guard<std::mutex> g(Lock());
+        return Store();
+    }
+    std::string Text() const
+    {
+        std::string s;
+        for (const CapturedLine& l : Lines()) s += l.Joined() + "\n";
+        return s;
+    }
+    void Clear()
+    {
+        std::lock_guard<std::mutex> g(Lock());
+        Store().clear();
+    }
+    // A line of nCode whose text holds strText.
+    bool Has(long nCode, const std::string& strText) const
+    {
+        for (const CapturedLine& l : Lines())
+            if (l.m_nCode == nCode && l.m_strText.find(strText) != std::string::npos) return true;
+        return false;
+    }
+
+private:
+    static std::mutex& Lock()
+    {
+        static std::mutex s_lock;
+        return s_lock;
+    }
+    static std::vector<CapturedLine>& Store()
+    {
+        static std::vector<CapturedLine> s_vLines;
+        return s_vLines;
+    }
+    static void Sink(LPCTSTR szFunction, LONG nLevel, LONG nCode, LPCTSTR szText)
+    {
+        std::lock_guard<std::mutex> g(Lock());
+        Store().push_back({nLevel, nCode, szFunction != nullptr ? szFunction : "", szText != nullptr ? szText : ""});
+    }
+
+    LPTALVORTRACESINK m_pOld;
+};
+
+} // namespace talvortest
