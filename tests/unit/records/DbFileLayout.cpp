@@ -317,6 +317,14 @@ TEST(DbFileLayoutMake, MemoryFileHeadMapsAndFirstBlockAgree)
         EXPECT_EQ(1u, Val(lpBlock->m_nBlockNo));
         EXPECT_EQ(7, lpBlock->m_bFileNo);
         EXPECT_EQ(Val(stPlan.m_nFreeOffset), lpEntry->m_nBlockOffset + lpBlock->m_nBlockSize);
+        // A data file is saved along its objects' chains: a block on none
+        // would never reach the disk. Index files keep their objects empty.
+        const bool bData = bType == FILETYPE_DATA;
+        LPBASEFILEOBJECTDEF lpFirst = DbMemoryFileObject(vBuf.data(), (long long)vBuf.size(), 0);
+        EXPECT_EQ(bData ? 1 : 0, (int)Val(lpFirst->m_nID));
+        EXPECT_EQ(bData ? DbMapEntryOffset(nMap, 0) : 0, (long long)Val(lpFirst->m_nFreeBlockMapOffset));
+        EXPECT_EQ(0, (long long)Val(lpFirst->m_nFullBlockMapOffset));
+        EXPECT_EQ(bData ? 1 : 0, (int)Val(lpHead->m_nCurrentObjectNum));
     }
 }
 
@@ -355,6 +363,7 @@ TEST(DbFileLayoutMake, SystemFileListSpansBlocksFullChainFirst)
     EXPECT_EQ(0, Val(DbSystemFileObject(lpHead, 0)->m_nID));
     EXPECT_EQ(1, Val(DbFileListObject(lpHead)->m_nID));
     EXPECT_EQ(7, lpHead->m_bFileMaxNo);
+    EXPECT_EQ(1, (int)Val(lpHead->m_nRedoLogMaxID)) << "a first redo log numbered 0 reads as no log";
     EXPECT_EQ(Val(stPlan.m_nFreeOffset), Val(lpHead->m_nFileFreePos));
     EXPECT_STREQ("/d/", lpHead->m_cDatabasePath);
     EXPECT_GT(Val(lpHead->m_nWriteRedoOnlineGroups), 2);
