@@ -3,8 +3,8 @@
 // each command on memory-mode files, and a start after it, is checked at unit
 // level), and the daemon is stopped and started again after every step: the
 // list on disk and the files agree each time, and the start loads them. A
-// daemon killed in the middle of a cache-mode file's move or drop starts
-// again on a list that agrees with the files.
+// daemon killed in the middle of a move or a drop starts again on a list
+// that agrees with the files.
 #include "DatabaseLoadKit.h"
 
 #include <csignal>
@@ -170,28 +170,10 @@ protected:
             return true;
         });
     }
-    // A file request the daemon is killed nDelayMs into; the next start must
-    // find a list that agrees with the files.
-    void KillDuring(std::vector<std::string> vArgs, int nDelayMs, const std::string& strWhat)
-    {
-        vArgs.insert(vArgs.begin(), {PeerPath(), "file"});
-        vArgs.insert(vArgs.end(), {"--timeout-ms", "2000"});
-        pid_t peer = m_box.Spawn(vArgs, "peer" + std::to_string(++m_nKills));
-        ASSERT_GT(peer, 0);
-        usleep((useconds_t)nDelayMs * 1000);
-        m_box.Signal(m_pid, SIGKILL);
-        m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS);
-        m_pid = -1;
-        m_box.WaitExit(peer, 30000);
-        EXPECT_EQ("", ListAgreesWithFiles()) << strWhat;
-        EXPECT_EQ("", OfflineFindings()) << strWhat;
-        Start();
-    }
     std::string Path(const std::string& strName) { return m_box.DataDir() + strName; }
 
     DaemonSandbox m_box;
     pid_t m_pid = -1;
-    int m_nKills = 0;
 };
 
 } // namespace
@@ -228,19 +210,44 @@ TEST_F(FileCommandsE2E, CacheModeFilesAreAddedGrownMovedAndDroppedAcrossRestarts
     EXPECT_EQ(0, DiskRow(7).m_bFileNo);
 }
 
-// The daemon killed at moments spread over the move of a large cache-mode
-// file, then over its drop (memory-mode commands are cut at every call that
-// changes the medium at unit level): each start loads a list that agrees
-// with the files, and the file is where the list on disk says.
-TEST_F(FileCommandsE2E, ADaemonKilledDuringAMoveOrADropOfACacheModeFileStartsAgain)
+// The daemon killed at moments spread over the move of a large file, then
+// over its drop: each start loads a list that agrees with the files, and the
+// file is where the list on disk says.
+TEST_F(FileCommandsE2E, ADaemonKilledDuringAMoveOrADropStartsAgain)
 {
     MakeDatabase();
     Start();
+    ASSERT_EQ(0, File({"add", "--no", "9", "--type", "2", "--path", Path("Large9.dbf"), "--size-mib", "192"}));
     ASSERT_EQ(0, File({"add", "--no", "10", "--type", "10", "--path", Path("Table10.dbf"), "--size-mib", "64"}));
-    Restart("add");
+    Restart("adds");
     int nStep = 0;
-    for (int nDelayMs : {20, 150, 500})
-        KillDuring({"move", "--no", "10", "--path", Path("moved" + std::to_string(nStep++) + "/File10.dbf")}, nDelayMs,
-                   "move killed after " + std::to_string(nDelayMs) + " ms");
-    KillDuring({"drop", "--no", "10"}, 60, "drop");
+    for (int nDelayMs : {20, 150, 500}) {
+        for (const char* lpNo : {"9", "10"}) {
+            std::string strTo = Path("moved" + std::to_string(nStep++) + "/File" + lpNo + ".dbf");
+            pid_t peer = m_box.Spawn({PeerPath(), "file", "move", "--no", lpNo, "--path", strTo, "--timeout-ms", "2000"},
+                                     "peer-move" + std::to_string(nStep));
+            ASSERT_GT(peer, 0);
+            usleep((useconds_t)nDelayMs * 1000);
+            m_box.Signal(m_pid, SIGKILL);
+            m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS);
+            m_pid = -1;
+            m_box.WaitExit(peer, 30000);
+            EXPECT_EQ("", ListAgreesWithFiles()) << "move of " << lpNo << " killed after " << nDelayMs << " ms";
+            EXPECT_EQ("", OfflineFindings()) << "move of " << lpNo << " killed after " << nDelayMs << " ms";
+            Start();
+        }
+    }
+    for (const char* lpNo : {"9", "10"}) {
+        pid_t peer = m_box.Spawn({PeerPath(), "file", "drop", "--no", lpNo, "--timeout-ms", "2000"},
+                                 std::string("peer-drop") + lpNo);
+        ASSERT_GT(peer, 0);
+        usleep(60000);
+        m_box.Signal(m_pid, SIGKILL);
+        m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS);
+        m_pid = -1;
+        m_box.WaitExit(peer, 30000);
+        EXPECT_EQ("", ListAgreesWithFiles()) << "drop of " << lpNo;
+        EXPECT_EQ("", OfflineFindings()) << "drop of " << lpNo;
+        Start();
+    }
 }
