@@ -276,9 +276,9 @@ TEST_F(NodeJoin, AJoinedStandbyIsShippedTheLogFromItsPosition)
 
 // A receiver that misbehaves: each case differs only by the misbehaviour
 // and the trace the join ends with. A connection broken in the middle of a
-// file repeats the file, and too many breaks end the join; a foreign reply
-// is read off; a huge payload, a failure and silence end the join in
-// bounded time. The daemon serves after each.
+// file repeats the file, and too many breaks end the join; a huge payload, a
+// failure and silence end the join in bounded time (a foreign reply read off
+// is JoinSender's at unit level). The daemon serves after each.
 TEST_F(NodeJoin, MisbehavingReceiversEndTheJoinWithATraceAndTheDaemonServes)
 {
     StartPrimary();
@@ -293,7 +293,6 @@ TEST_F(NodeJoin, MisbehavingReceiversEndTheJoinWithATraceAndTheDaemonServes)
     const Case arCases[] = {
         {"close", 2, {"90002031"}, true, 2},
         {"close", 1000, {"90002030", "10012002"}, false, 1 + JOIN_FILE_REPEATS},
-        {"foreign-payload", 0, {}, true, -1},
         {"huge-payload", 0, {"90006001"}, false, -1},
         {"fail", 0, {"90002004"}, false, -1},
         {"silent", 0, {"90002020"}, false, -1},
