@@ -3,9 +3,9 @@
 // records are checked field by field and every file's copied bytes against
 // the database file as it stood during the backup while the stand-in went
 // on committing (the restore of a backup is the cluster restore's round
-// trip); an abort in the middle leaves nothing; with
-// two archive destinations the archiver copies the backup byte for byte,
-// and a backup of the same timestamp replaces it in both.
+// trip, an abort is checked at unit level); with two archive destinations
+// the archiver copies the backup byte for byte, and a backup of the same
+// timestamp replaces it in both.
 #include "ClusterKit.h"
 
 #include "MemDBBackupDef.h"
@@ -161,41 +161,6 @@ TEST_F(BackupFull, TakenWhileTheEngineCommitsHoldsTheFilesAsTheyStood)
     EXPECT_EQ(0, m_box.Run({PeerPath(), "verify", "--journal", strJournal, "--system", Path("System.dbf")}, 60000,
                            &strVerify))
         << strVerify;
-}
-
-TEST_F(BackupFull, AnAbortInTheMiddleLeavesNoFileAndTheMailboxAsItWas)
-{
-    StartWith(160, 150, Des("ArchA") + ";" + Des("ArchB"));
-    long long nBefore = Look(m_box).m_nBackupTs;
-    ClusterLine st = Backup(m_box, {"--ts", "77", "--abort-at-mib", "16"});
-    EXPECT_EQ(5, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
-    EXPECT_EQ("finished", st.m_strOutcome) << st.m_strText;
-    EXPECT_NE(std::string::npos, st.m_strText.find("\nabort pos=")) << st.m_strText;
-    EXPECT_EQ(1, st.m_nResult);
-    EXPECT_EQ("no", st.m_strFile);
-    EXPECT_EQ(nBefore, st.m_nBackupTs);
-    EXPECT_EQ(0, st.m_nCmdForbid);
-    EXPECT_EQ(0, st.m_nHeadForbid);
-    EXPECT_EQ(0, st.m_nStatus);
-    // The abort came during the copy, not after it.
-    long long nAbortPos = NumberAfter(st.m_strText, "\nabort pos=");
-    EXPECT_LE(16, nAbortPos) << st.m_strText;
-    EXPECT_GT(150, nAbortPos) << st.m_strText;
-    EXPECT_NE(std::string::npos, st.m_strText.find("progress title=" + Path("Data2.dbf"))) << st.m_strText;
-    EXPECT_TRUE(ListFiles(Des("ArchA") + "Backup/").empty());
-    usleep(2000000);
-    EXPECT_TRUE(ListFiles(Des("ArchB") + "Backup/").empty()) << "the archiver copied an aborted backup";
-    EXPECT_EQ(nBefore, Look(m_box).m_nBackupTs);
-    // The next backup, not aborted, is whole.
-    st = Backup(m_box, {"--ts", "78", "--wait"});
-    EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
-    EXPECT_EQ(0, st.m_nResult);
-    const BACKUPFILEHEAD* lpHead = nullptr;
-    std::string strBackup = ReadWholeFile(BackupPath(Des("ArchA"), 78));
-    ASSERT_GE(strBackup.size(), (size_t)BACKUP_HEAD_ALIGN);
-    lpHead = (const BACKUPFILEHEAD*)strBackup.data();
-    ASSERT_EQ(4, Val(lpHead->m_nFileNum));
-    EXPECT_EQ((long long)strBackup.size(), Val(lpHead->m_stBackupFileInfo[3].m_nDataEndOffset));
 }
 
 TEST_F(BackupFull, TheArchiverCopiesEachFinishedBackupToTheSecondDestinationAndTheSameTimestampReplaces)

@@ -2,7 +2,8 @@
 // The files' head pages and first map blocks hang in the cache as they stand
 // on disk, the files grow to their reserve, a kernel that will not give the
 // segment refuses the start by name, and a cache that outlived a killed
-// daemon is taken over whole, and kept by a start that fails.
+// daemon is kept by a start that fails (its take-over is checked at unit
+// level and after a kill in the cache crash test).
 #include "DatabaseLoadKit.h"
 #include "MemDBCacheDef.h"
 
@@ -167,7 +168,7 @@ TEST(CacheStart, AKernelLimitBelowTheCacheRefusesTheStartByName)
     EXPECT_TRUE(DumpCache(box, PAGE).empty());
 }
 
-TEST(CacheStart, ACacheAKilledDaemonLeftIsTakenOverWholeAndKeptByAFailedStart)
+TEST(CacheStart, ACacheAKilledDaemonLeftIsKeptByAFailedStart)
 {
     ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
     DaemonSandbox box;
@@ -180,26 +181,6 @@ TEST(CacheStart, ACacheAKilledDaemonLeftIsTakenOverWholeAndKeptByAFailedStart)
     box.Signal(pid, SIGKILL);
     ASSERT_NE(-1, box.WaitExit(pid, 10000));
     const long long llHeadArea = 2 * PAGE;
-    std::string strLeft = DumpCache(box, 4 * E2E_MIB);
-    ASSERT_EQ((size_t)(4 * E2E_MIB), strLeft.size());
-
-    // Taken over as it stands: no preload, the same chains and load groups.
-    pid = box.StartServing();
-    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
-    std::string strTrace = box.ReadDaemonTrace();
-    EXPECT_EQ(1u, CountOf(strTrace, "Cache data was found in memory, system automatically skip data loading process!"))
-        << strTrace;
-    std::string strTaken = DumpCache(box, 4 * E2E_MIB);
-    EXPECT_TRUE(strLeft.substr(0, (size_t)llHeadArea) == strTaken.substr(0, (size_t)llHeadArea));
-    const CacheBufferHead* h = (const CacheBufferHead*)strTaken.data();
-    for (int nFileNo : {3, 4}) {
-        long long llHead = (long long)Val(h->m_nFileInfoNo[nFileNo]) * PAGE;
-        ASSERT_GT(llHead, 0);
-        EXPECT_TRUE(strLeft.substr((size_t)llHead, (size_t)PAGE) == strTaken.substr((size_t)llHead, (size_t)PAGE))
-            << "head page of file " << nFileNo;
-    }
-    box.Signal(pid, SIGKILL);
-    ASSERT_NE(-1, box.WaitExit(pid, 10000));
 
     // A start that fails after taking the cache over leaves it for the next.
     ASSERT_EQ(0, box.Run({"ipcrm", "-M", std::to_string(0x514E4602)}, 10000));
@@ -209,8 +190,8 @@ TEST(CacheStart, ACacheAKilledDaemonLeftIsTakenOverWholeAndKeptByAFailedStart)
     ASSERT_TRUE(WriteWholeFile(box.DataDir() + "Data2.dbf", strData));
     std::string strBefore = DumpCache(box, 4 * E2E_MIB);
     EXPECT_EQ(0, box.RunDaemon());
-    strTrace = box.ReadDaemonTrace();
-    EXPECT_EQ(2u, CountOf(strTrace, "Talvor storage service started!")) << "the third start failed\n" << strTrace;
+    std::string strTrace = box.ReadDaemonTrace();
+    EXPECT_EQ(1u, CountOf(strTrace, "Talvor storage service started!")) << "the second start failed\n" << strTrace;
     EXPECT_EQ(1u, CountOf(strTrace, "10010008 FreeData The start failed: the shared cache an earlier run left is kept "
                                   "for the next start"))
         << strTrace;

@@ -1,7 +1,7 @@
 // ClusterKit.h — what the end-to-end tests of cluster commands and backups
 // share: a running daemon on a small database, the stand-in's cluster and
-// backup jobs run and their lines read back, TCP ports with and without a
-// listener, and the daemon's open database files.
+// backup jobs run and their lines read back, the port a node listener took,
+// and the daemon's open database files.
 #pragma once
 
 #include "DatabaseLoadKit.h"
@@ -21,9 +21,6 @@
 namespace talvortest {
 
 const int CLUSTER_WAIT_MS = 60000;
-// The stand-in's mark in m_bResult before a command: a result the daemon
-// did not write shows as this.
-const int RESULT_UNSET = 238;
 // talvor-peer's exit status for a command refused, failed or not served,
 // as its usage text gives it.
 const int PEER_EXIT_NOT_SERVED = 5;
@@ -36,7 +33,7 @@ struct ClusterLine {
     int m_nExit = -2;
     std::string m_strOutcome;
     long long m_nFinal = -3, m_nResult = -3, m_nCmdForbid = -3, m_nHeadForbid = -3, m_nStatus = -3, m_nStandby = -3,
-              m_nBackupTs = -3, m_nRunningSeen = -3, m_nTs = -3;
+              m_nBackupTs = -3, m_nTs = -3;
     std::string m_strPath, m_strFile;
     std::string m_strText;  // the whole output
 };
@@ -68,7 +65,6 @@ inline ClusterLine ReadClusterLine(const std::string& strOut, const std::string&
     st.m_nStatus = FieldOf(strLine, "status");
     st.m_nStandby = FieldOf(strLine, "standby");
     st.m_nBackupTs = FieldOf(strLine, "backup_ts");
-    st.m_nRunningSeen = FieldOf(strLine, "running_seen");
     st.m_nTs = FieldOf(strLine, "ts");
     st.m_strPath = WordAfter(strLine, "path");
     st.m_strFile = WordAfter(strLine, "file");
@@ -113,22 +109,6 @@ inline ClusterLine Backup(DaemonSandbox& box, std::vector<std::string> vArgs)
 inline ClusterLine IncrementalBackup(DaemonSandbox& box, int nLevel, long long nRefer)
 {
     return BackupJob(box, {"--incremental", "--level", std::to_string(nLevel), "--ref", std::to_string(nRefer), "--wait"});
-}
-
-// A TCP port of 127.0.0.1 with nothing listening on it (taken from the
-// kernel and given back at once): a connect to it is refused at once.
-inline int ClosedPort()
-{
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_in sa = {};
-    sa.sin_family = AF_INET;
-    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t nLen = sizeof(sa);
-    int nPort = -1;
-    if (fd >= 0 && bind(fd, (struct sockaddr*)&sa, sizeof(sa)) == 0 && getsockname(fd, (struct sockaddr*)&sa, &nLen) == 0)
-        nPort = ntohs(sa.sin_port);
-    if (fd >= 0) close(fd);
-    return nPort;
 }
 
 // The port a node listener of the stand-in, started by box.Spawn under

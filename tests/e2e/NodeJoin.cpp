@@ -6,13 +6,9 @@
 // joined standby is shipped the log from the position it was given. A
 // connection that breaks in the middle of a file repeats that file, a
 // bounded number of times; a receiver that misbehaves ends the join with a
-// trace and the daemon keeps serving; a sender that names a path out of the
-// node's directory or a size past its bounds is refused.
+// trace and the daemon keeps serving.
 #include "ClusterKit.h"
 #include "TalvorClusterFiletransfer.h"
-
-#include <fcntl.h>
-#include <map>
 
 using namespace talvortest;
 
@@ -280,9 +276,9 @@ TEST_F(NodeJoin, AJoinedStandbyIsShippedTheLogFromItsPosition)
 
 // A receiver that misbehaves: each case differs only by the misbehaviour
 // and the trace the join ends with. A connection broken in the middle of a
-// file repeats the file, and too many breaks end the join; a foreign reply
-// is read off; a huge payload, a failure and silence end the join in
-// bounded time. The daemon serves after each.
+// file repeats the file, and too many breaks end the join; a huge payload, a
+// failure and silence end the join in bounded time (a foreign reply read off
+// is JoinSender's at unit level). The daemon serves after each.
 TEST_F(NodeJoin, MisbehavingReceiversEndTheJoinWithATraceAndTheDaemonServes)
 {
     StartPrimary();
@@ -297,7 +293,6 @@ TEST_F(NodeJoin, MisbehavingReceiversEndTheJoinWithATraceAndTheDaemonServes)
     const Case arCases[] = {
         {"close", 2, {"90002031"}, true, 2},
         {"close", 1000, {"90002030", "10012002"}, false, 1 + JOIN_FILE_REPEATS},
-        {"foreign-payload", 0, {}, true, -1},
         {"huge-payload", 0, {"90006001"}, false, -1},
         {"fail", 0, {"90002004"}, false, -1},
         {"silent", 0, {"90002020"}, false, -1},
@@ -350,178 +345,4 @@ TEST_F(NodeJoin, AStopDuringAJoinEndsItAndTheDaemonExitsInTime)
     EXPECT_LT(NowMs() - nStart, (long long)JOIN_REPLY_WAIT_S * 1000);
     m_pid = -1;
     m_box.WaitExit(nCluster, 70000);
-}
-
-namespace {
-
-// The sending side of a join, as a hostile or an honest node would speak
-// it: one connection, whole messages, replies read with a deadline.
-class JoinSender {
-public:
-    explicit JoinSender(int nPort)
-    {
-        m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        struct sockaddr_in sa = {};
-        sa.sin_family = AF_INET;
-        sa.sin_port = htons((USHORT)nPort);
-        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (m_fd >= 0 && connect(m_fd, (struct sockaddr*)&sa, sizeof(sa)) != 0) {
-            close(m_fd);
-            m_fd = -1;
-        }
-    }
-    ~JoinSender()
-    {
-        if (m_fd >= 0) close(m_fd);
-    }
-    bool Ok() const { return m_fd >= 0; }
-    bool SendInfo(BYTE bToken, const std::string& strPath, long long nSize, long long nFree, BYTE bFileNo = 2)
-    {
-        MF_MASTERSLAVE_FILEINFO stInfo;
-        memset(&stInfo, 0, sizeof(stInfo));
-        stInfo.m_bFileType = FILETYPE_DATA;
-        stInfo.m_bFileNo = bFileNo;
-        stInfo.m_nFileSize = nSize;
-        stInfo.m_nFileFreeMemoryOffset = nFree;
-        memcpy(stInfo.m_lpszFilePath, strPath.data(), std::min(strPath.size(), sizeof(stInfo.m_lpszFilePath)));
-        return Send(bToken, FILETRANSFER_INFO, bFileNo, 0, std::string((const char*)&stInfo, sizeof(stInfo)));
-    }
-    bool SendPiece(BYTE bToken, BYTE bDataType, long long nOffset, const std::string& strData, BYTE bFileNo = 2)
-    {
-        return Send(bToken, bDataType, bFileNo, nOffset, strData);
-    }
-    // The next reply's type, or -1 when the node closed or said nothing.
-    int Reply(BYTE bToken)
-    {
-        MF_SERVICE_TCP_COMMAND stReply;
-        size_t nGot = 0;
-        while (nGot < sizeof(stReply)) {
-            struct pollfd stPoll = {m_fd, POLLIN, 0};
-            if (poll(&stPoll, 1, 5000) != 1) return -1;
-            ssize_t n = recv(m_fd, (char*)&stReply + nGot, sizeof(stReply) - nGot, 0);
-            if (n <= 0) return -1;
-            nGot += (size_t)n;
-        }
-        return stReply.m_bToken == bToken ? stReply.m_bType : -1;
-    }
-    // Whether the node has closed the connection (within 5 s).
-    bool Closed()
-    {
-        char c;
-        struct pollfd stPoll = {m_fd, POLLIN, 0};
-        return poll(&stPoll, 1, 5000) == 1 && recv(m_fd, &c, 1, 0) <= 0;
-    }
-
-private:
-    bool Send(BYTE bToken, BYTE bDataType, BYTE bFileNo, long long nOffset, const std::string& strPayload)
-    {
-        MF_SERVICE_TCP_COMMAND stHead;
-        memset(&stHead, 0, sizeof(stHead));
-        stHead.m_bVersion = NODEMSG_VERSION;
-        stHead.m_bType = NODEMSG_FILETRANSFER;
-        stHead.m_bToken = bToken;
-        stHead.m_lDataLength = (UINT)strPayload.size();
-        MF_CLUSTER_FILETRANSFER stParam;
-        memset(&stParam, 0, sizeof(stParam));
-        stParam.m_bFileNo = bFileNo;
-        stParam.m_bDataType = bDataType;
-        stParam.m_llFileOffset = nOffset;
-        memcpy(stHead.m_lpszParam, &stParam, sizeof(stParam));
-        std::string strAll = std::string((const char*)&stHead, sizeof(stHead)) + strPayload;
-        return send(m_fd, strAll.data(), strAll.size(), MSG_NOSIGNAL) == (ssize_t)strAll.size();
-    }
-    int m_fd = -1;
-};
-
-const long long HOSTILE_FILE = 1048576;
-
-} // namespace
-
-// Nothing a sender says makes the node write outside its directory or past
-// its bounds: each refusal is a failure reply and a closed connection, and
-// the node goes on serving the next connection.
-TEST_F(NodeJoin, HostileSendersAreRefusedAndNothingLandsOutsideTheNodesDirectory)
-{
-    StartNode({"--max-file-size", "8388608", "--max-piece", "65536"});
-    struct Refusal {
-        const char* m_lpWhat;
-        std::string m_strPath;
-        long long m_nSize, m_nFree;
-    };
-    const std::vector<Refusal> vInfos = {
-        {"climbing path", "../../escape.dbf", HOSTILE_FILE, 0},
-        {"climbing in the middle", "/tmp/x/../../escape.dbf", HOSTILE_FILE, 0},
-        {"name with a newline", "/tmp/esc\nape.dbf", HOSTILE_FILE, 0},
-        {"path without an end", std::string(300, 'a'), HOSTILE_FILE, 0},
-        {"no name", "/tmp/dir/", HOSTILE_FILE, 0},
-        {"size past the bound", "/tmp/escape.dbf", 1LL << 40, 0},
-        {"used bytes past the size", "/tmp/escape.dbf", HOSTILE_FILE, HOSTILE_FILE + 512},
-        {"negative size", "/tmp/escape.dbf", -4096, 0},
-    };
-    for (const Refusal& r : vInfos) {
-        SCOPED_TRACE(r.m_lpWhat);
-        JoinSender sender(m_nPort);
-        ASSERT_TRUE(sender.Ok());
-        ASSERT_TRUE(sender.SendInfo(7, r.m_strPath, r.m_nSize, r.m_nFree));
-        EXPECT_EQ(NODEMSG_FAILURE, sender.Reply(7));
-        EXPECT_TRUE(sender.Closed());
-    }
-    struct BadPiece {
-        const char* m_lpWhat;
-        BYTE m_bType;
-        long long m_nOffset;
-        size_t m_nLength;
-        BYTE m_bFileNo;
-    };
-    const std::vector<BadPiece> vPieces = {
-        {"piece at the wrong offset", FILETRANSFER_LAST, 512, 488, 2},
-        {"piece past the used bytes", FILETRANSFER_LAST, 0, 2000, 2},
-        {"piece past the largest piece", FILETRANSFER_DATA, 0, 65537, 2},
-        {"last piece short of the used bytes", FILETRANSFER_LAST, 0, 500, 2},
-        {"piece of another file", FILETRANSFER_LAST, 0, 1000, 3},
-    };
-    for (const BadPiece& b : vPieces) {
-        SCOPED_TRACE(b.m_lpWhat);
-        JoinSender sender(m_nPort);
-        ASSERT_TRUE(sender.Ok());
-        ASSERT_TRUE(sender.SendInfo(8, "/primary/Data/Good.dbf", HOSTILE_FILE, 1000));
-        ASSERT_EQ(NODEMSG_SUCCESS, sender.Reply(8));
-        sender.SendPiece(8, b.m_bType, b.m_nOffset, std::string(b.m_nLength, 'x'), b.m_bFileNo);
-        EXPECT_EQ(NODEMSG_FAILURE, sender.Reply(8));
-        EXPECT_TRUE(sender.Closed());
-    }
-    // Honest files still go in: one with no used bytes gets both its
-    // replies at once; one with used bytes gets the second after its last
-    // piece, and lies in the node's directory at its full size.
-    {
-        JoinSender sender(m_nPort);
-        ASSERT_TRUE(sender.Ok());
-        ASSERT_TRUE(sender.SendInfo(9, "/primary/Data/Empty.dbf", HOSTILE_FILE, 0, 5));
-        EXPECT_EQ(NODEMSG_SUCCESS, sender.Reply(9));
-        EXPECT_EQ(NODEMSG_SUCCESS, sender.Reply(9));
-        std::string strPattern(1000, '\0');
-        for (size_t i = 0; i < strPattern.size(); i++) strPattern[i] = (char)(i * 131 + 7);
-        ASSERT_TRUE(sender.SendInfo(10, "/primary/Data/Good.dbf", HOSTILE_FILE, 1000));
-        EXPECT_EQ(NODEMSG_SUCCESS, sender.Reply(10));
-        ASSERT_TRUE(sender.SendPiece(10, FILETRANSFER_LAST, 0, strPattern));
-        EXPECT_EQ(NODEMSG_SUCCESS, sender.Reply(10));
-        std::string strGood = ReadWholeFile(Copy("Good.dbf"));
-        ASSERT_EQ((size_t)HOSTILE_FILE, strGood.size());
-        EXPECT_EQ(strPattern, strGood.substr(0, 1000));
-        EXPECT_EQ(std::string(HOSTILE_FILE - 1000, '\0'), strGood.substr(1000));
-        EXPECT_EQ(std::string(HOSTILE_FILE, '\0'), ReadWholeFile(Copy("Empty.dbf")));
-    }
-    std::string strNode = StopNode();
-    EXPECT_EQ((long long)(vInfos.size() + vPieces.size()), NumberAfter(strNode, "refused ")) << strNode;
-    // Nothing named by a refused information exists anywhere near.
-    for (const std::string& strWhere : {m_node.Root() + "/escape.dbf", m_node.Root() + "/Data/escape.dbf",
-                                        Copy("escape.dbf"), std::string("/tmp/escape.dbf"), std::string("/escape.dbf")}) {
-        struct stat st;
-        EXPECT_NE(0, stat(strWhere.c_str(), &st)) << strWhere;
-    }
-    EXPECT_EQ(std::set<std::string>({"Empty.dbf", "Good.dbf", "StandbyLog"}), [&] {
-        std::set<std::string> setNames;
-        for (const std::string& strPath : ListFiles(Copy(""))) setNames.insert(strPath.substr(strPath.rfind('/') + 1));
-        return setNames;
-    }());
 }

@@ -14,8 +14,6 @@ using namespace talvortest;
 namespace {
 
 const long long GROUP_SIZE = E2E_MIB; // MakeDb asks for 1 MiB groups
-// The archiver works behind the writer, at most about a second per log.
-const int ARCHIVE_TIMEOUT_MS = 20000;
 
 // The bodies of the archived logs in number order, then the online groups
 // of higher numbers; every archive must be whole, numbered from 1 on with
@@ -76,19 +74,6 @@ protected:
     {
         m_pid = m_box.StartServing();
         ASSERT_GT(m_pid, 0) << "the daemon did not come up\n" << m_box.ReadDaemonTrace();
-    }
-
-    // The archiver works behind the writer: waits until nCount logs are in.
-    std::map<int, std::string> WaitForArchive(const std::string& strDes, size_t nCount)
-    {
-        std::map<int, std::string> mapLogs;
-        WaitUntil(
-            [&] {
-                mapLogs = LogsIn(strDes + "ArchiveLog/");
-                return mapLogs.size() >= nCount;
-            },
-            ARCHIVE_TIMEOUT_MS, TRACE_POLL_MS);
-        return mapLogs;
     }
 
     void Stop()
@@ -257,36 +242,6 @@ TEST_F(RedoStream, RestartAfterCleanStopGoesOnInTheNextGroup)
         strExpected += ReadWholeFile(m_box.Root() + lpName);
     EXPECT_EQ("", strError);
     EXPECT_TRUE(strLogs == strExpected) << FirstDifference(strLogs, strExpected);
-}
-
-TEST_F(RedoStream, HardKillKeepsNumbersGrowingAndArchivesIntact)
-{
-    MakeAndConfigure(3, Des("Arch"));
-    Start();
-    // Enough for a few sealed and archived logs, then a hard stop with the
-    // current log unsealed.
-    // Each run is drained before the next, so each starts a log of its own.
-    for (int i = 0; i < 3; i++)
-        Commit({"--records", "300", "--seed", std::to_string(5 + i), "--max-size", "60000"},
-               m_box.Root() + "/s1" + std::to_string(i) + ".bin");
-    std::map<int, std::string> mapBefore = WaitForArchive(Des("Arch"), 2);
-    ASSERT_GE(mapBefore.size(), (size_t)2);
-    m_box.Signal(m_pid, SIGKILL);
-    m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS);
-    Start();
-    Commit({"--records", "300", "--seed", "8", "--max-size", "60000"}, m_box.Root() + "/s2.bin");
-    Stop();
-    std::map<int, std::string> mapAfter = LogsIn(Des("Arch") + "ArchiveLog/");
-    for (const auto& kv : mapBefore)
-        EXPECT_TRUE(mapAfter[kv.first] == kv.second) << "archive of log " << kv.first << " was overwritten";
-    EXPECT_GT(mapAfter.size(), mapBefore.size());
-    std::string strError;
-    std::string strLogs = JoinedLogs(m_box, Des("Arch"), 3, &strError);
-    std::string strExpected;
-    for (const char* lpName : {"/s10.bin", "/s11.bin", "/s12.bin", "/s2.bin"}) strExpected += ReadWholeFile(m_box.Root() + lpName);
-    EXPECT_EQ("", strError);
-    EXPECT_TRUE(strLogs == strExpected) << FirstDifference(strLogs, strExpected);
-    EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("has fixed the sealing")) << m_box.ReadDaemonTrace();
 }
 
 TEST_F(RedoStream, WriterCrashIsContainedAndNoDrainedRecordIsLost)

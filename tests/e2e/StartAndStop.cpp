@@ -3,7 +3,7 @@
 // have), exits with 0 and leaves the line that names the cause in the trace
 // log, every time, also where the process ends with its threads running;
 // and the stop waits for a running engine, for as long as it runs or until
-// it is found lost.
+// it is found lost, and its last pass commits the engine's last change.
 #include "DatabaseLoadKit.h"
 
 #include <csignal>
@@ -180,19 +180,31 @@ TEST(StopWithEngine, TheStopWaitsForARunningEngineAndForOneFoundLost)
         std::this_thread::sleep_for(std::chrono::milliseconds(1500));
         EXPECT_TRUE(box.IsRunning(pid)) << "the daemon stopped under a running engine";
         EXPECT_EQ(std::string::npos, box.ReadDaemonTrace().find("Talvor storage service closed!"));
-        if (bKill)
+        long long nLast = 0;
+        if (bKill) {
             box.Signal(peer, SIGKILL);  // dies in the middle: m_bService stays 1
-        else
+        } else {
             EXPECT_EQ(0, box.WaitExit(peer, 30000));
+            std::string strPeerOut = ReadWholeFile(box.Root() + "/peer.out");
+            nLast = NumberAfter(strPeerOut, "last timestamp ");
+            EXPECT_GT(nLast, 0) << strPeerOut;
+            EXPECT_EQ(std::string::npos, strPeerOut.find("channel answers 0")) << strPeerOut;
+        }
         EXPECT_EQ(0, box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS));
         std::string strTrace = box.ReadDaemonTrace();
         EXPECT_NE(std::string::npos, strTrace.find("Talvor storage service closed!")) << strTrace;
         EXPECT_EQ(std::string::npos, strTrace.find("did not end within")) << strTrace;
-        // What the engine committed is on the disk.
+        // A running engine is never declared lost.
+        if (!bKill) {
+            EXPECT_EQ(std::string::npos, strTrace.find("50002001")) << strTrace;
+        }
+        // What the engine committed is on the disk, up to its last change
+        // when it ended before the stop's last pass.
         std::string strOut;
         EXPECT_EQ(0, box.Run({strPeer, "verify", "--journal", box.Root() + "/journal", "--system",
-                              box.DataDir() + "System.dbf"},
+                              box.DataDir() + "System.dbf", "--at-least", std::to_string(nLast)},
                              60000, &strOut))
             << strOut;
+        EXPECT_NE(std::string::npos, strOut.find("violations: 0")) << strOut;
     }
 }

@@ -12,7 +12,6 @@
 #include "MemDBCommonDef.h"
 #include "TalvorFileIO.h"
 #include "TempTree.h"
-#include "TestClock.h"
 #include "TestFiles.h"
 
 #include <gtest/gtest.h>
@@ -80,19 +79,6 @@ protected:
 };
 
 // ------------------------------------------------------------ TString
-
-TEST(ConfigTString, TrimsSpaceCrLfButKeepsTabs)
-{
-    ConfigHelper::TString t(" \r\n\tvalue\t \r\n");
-    EXPECT_STREQ(t.c_str(), "\tvalue\t");
-    EXPECT_EQ(t.length(), 7);
-    ConfigHelper::TString u;
-    ASSERT_TRUE(u.SetValue("  raw  "));
-    EXPECT_STREQ(u.c_str(), "  raw  "); // SetValue does not trim
-    u.trim();
-    EXPECT_STREQ(u.c_str(), "raw");
-    EXPECT_EQ(u.length(), 3);
-}
 
 // A text taken from the string's own buffer must survive the reallocation,
 // and a shorter text must leave nothing of the longer one behind.
@@ -572,22 +558,6 @@ TEST_F(ConfigSharedTest, GarbledEngineListIsReadWithinBounds)
     EXPECT_EQ(Get("S", std::string(49, 'K').c_str()), std::string(99, 'z'));
     EXPECT_EQ(Get("S", "k79"), std::string(99, 'z'));
     EXPECT_EQ(p->m_iLength, 0u);
-    ExpectLatchFree();
-}
-
-TEST_F(ConfigSharedTest, SemaphoreWaitIsBounded)
-{
-    // Through the reader: an engine that died holding the semaphore delays
-    // the read but does not hang it, and the list is left for later.
-    ASSERT_TRUE(Load("[S]\na=1\n"));
-    m_engine.Post({{"S", "a", "2"}});
-    ASSERT_EQ(sem_wait(m_engine.m_pSem), 0);
-    long long t0 = NowMs();
-    EXPECT_EQ(TalvorConfigGetValueInt("S", "a", 0, &m_crit), 1);
-    EXPECT_LT(NowMs() - t0, 10000);
-    EXPECT_EQ(m_engine.m_pList->m_iLength, 1u);
-    ASSERT_EQ(sem_post(m_engine.m_pSem), 0);
-    EXPECT_EQ(TalvorConfigGetValueInt("S", "a", 0, &m_crit), 2);
     ExpectLatchFree();
 }
 
