@@ -50,10 +50,14 @@ public:
     // Accessors over the channel head; each is safe without a channel.
     LPTALVORCOMMAND GetClusterCommand() { return m_pStorageMemFileHead ? &m_pStorageMemFileHead->m_ClusterCommand : nullptr; }
     LPTALVORPROGRESS GetTalvorProgress() { return GetProgress(); }
-    long long GetBackupTimestamp() { return m_pStorageMemFileHead ? m_pStorageMemFileHead->m_nBackupTimestamp : 0; }
+    // The archiver takes the backup timestamp while a backup command sets it.
+    long long GetBackupTimestamp()
+    {
+        return m_pStorageMemFileHead ? TalvorLoadShared(&m_pStorageMemFileHead->m_nBackupTimestamp) : 0;
+    }
     void SetBackupTimestamp(long long nTimestamp)
     {
-        if (m_pStorageMemFileHead) m_pStorageMemFileHead->m_nBackupTimestamp = nTimestamp;
+        if (m_pStorageMemFileHead) TalvorStoreShared(&m_pStorageMemFileHead->m_nBackupTimestamp, nTimestamp);
     }
     BYTE GetServiceState() { return m_pStorageMemFileHead ? TalvorLoadShared(&m_pStorageMemFileHead->m_bService) : 0; }
     // One standby thread more (TRUE) or less (FALSE); never below 0.

@@ -298,7 +298,7 @@ BOOL CTalvorRedoLog::ArchiveGroup(int nGroup, char** arDes, int nDesCount, LPBYT
 void CTalvorRedoLog::CopyBackup(char** arDes, int nDesCount, LPBYTE lpBuffer, void*& hFile, void*& hSrcFile)
 {
     LPSTORAGEMEMHEAD pMem = m_pFlashback != nullptr ? m_pFlashback->GetStorageMemHead() : nullptr;
-    if (pMem == nullptr || pMem->m_nBackupTimestamp == 0) return;
+    if (pMem == nullptr || TalvorLoadShared(&pMem->m_nBackupTimestamp) == 0) return;
     long long nTimestamp = __atomic_exchange_n(&pMem->m_nBackupTimestamp, 0LL, __ATOMIC_ACQ_REL);
     if (nDesCount < 2 || nTimestamp == 0) return;
     char szSrc[MAX_PATH + 64];
