@@ -255,7 +255,9 @@ TEST_F(FileFlush, RequestsOutsideTheCacheOrFileAreRefused)
         PostDataBlock();
         c.fnSpoil();
         EXPECT_EQ(1, Flush());
-        if (c.nCode != 0) EXPECT_TRUE(Traced(c.nCode, ""));
+        if (c.nCode != 0) {
+            EXPECT_TRUE(Traced(c.nCode, ""));
+        }
     }
     ExpectNothingWritten();
     PostDataBlock();
@@ -281,6 +283,19 @@ TEST_F(FileFlush, LoadBlockChecksNumberMarkAndFile)
     EXPECT_TRUE(Traced(80002001, "File number is incorrect"));
     llOffset = 0;
     EXPECT_EQ(1, m_pStorage->LoadBlock(nullptr, FS_FILE_NO, BLOCK_NO, llOffset, FS_PART, buf.m_p));
+    // Place and size come from a slot the engine filled: a block that does
+    // not lie whole inside the file is refused before any read is issued.
+    struct Outside { long long llOffset; int nSize; } arOutside[] = {
+        {FS_FILE_SIZE - FS_PART + 512, FS_PART}, {FS_FILE_SIZE, FS_PART}, {-512, FS_PART},
+        {0, (int)sizeof(BASEBLOCKHEAD) - 1}, {BLOCK_FILE_OFFSET, 0x7FFFFE00}};
+    AlignedBytes whole((size_t)FS_FILE_SIZE);  // room for what a read past the bound would bring
+    const long long nReads = m_io.Calls(talvortest::FileOp::PRead);
+    for (const Outside& o : arOutside) {
+        SCOPED_TRACE(o.llOffset);
+        llOffset = o.llOffset;
+        EXPECT_EQ(1, m_pStorage->LoadBlock(nullptr, FS_FILE_NO, BLOCK_NO, llOffset, o.nSize, whole.m_p));
+    }
+    EXPECT_EQ(nReads, m_io.Calls(talvortest::FileOp::PRead));
 }
 
 }  // namespace
