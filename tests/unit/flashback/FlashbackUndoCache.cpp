@@ -114,7 +114,9 @@ TEST_F(FlashbackUndoCache, NoFileWithContentBecomesAZeroFileAndLoadsNothing)
 {
     std::vector<BYTE> vBefore = m_vArea;
     for (int nRound = 0; nRound < 3; nRound++) {
-        if (nRound == 1) ASSERT_TRUE(WriteWholeFile(CachePath(), std::string(AREA_SIZE / 2, 'x')));
+        if (nRound == 1) {
+            ASSERT_TRUE(WriteWholeFile(CachePath(), std::string(AREA_SIZE / 2, 'x')));
+        }
         EXPECT_EQ(0, m_flashback.LoadUndoCache(nullptr, TRUE)) << nRound;
         m_flashback.StopUndoMirror(1000, 0);
         EXPECT_EQ(std::string(AREA_SIZE, '\0'), ReadWholeFile(CachePath())) << nRound;

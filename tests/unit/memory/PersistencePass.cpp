@@ -265,7 +265,7 @@ TEST_F(PersistencePass, EngineSnapshotIsUsedAndNothingToSaveStillSavesTheMarkedB
         if (c->m_bFileNo == 4) ((LPBASEFILEHEAD)lpData)->m_nDataFlag = 0x0BADF00D;
         c->m_nResult = 0;
     });
-    long long ts2 = Commit(4, 1, 0, 10);
+    Commit(4, 1, 0, 10);
     EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FILEFAILED, m_db.Pass());
     EXPECT_TRUE(m_db.m_tree.Traced("40002050"));
 }
@@ -550,7 +550,7 @@ TEST_F(PersistencePass, MapBlocksAreLeftOutOnlyWhenTheFileHoldsTheirBytes)
         return m_db.Pass();
     };
     {
-        long long ts = Commit(nFileNo, 5, 2, 222);
+        Commit(nFileNo, 5, 2, 222);
         FaultFileIO io;
         ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, fnPass(io));
         EXPECT_EQ(0, fnMapWrites(io)) << "an unchanged map block was written again";

@@ -162,7 +162,9 @@ TEST(DateReference, DayNumbersFieldsFormatsAndWeeks)
             if (nRefYear == 0) continue;  // year 1 has no year before it to hold its first days
             SCOPED_TRACE("mode " + std::to_string(nMode) + " " + strRef);
             EXPECT_EQ(CTalvorDate::CalcWeek(p, nMode, nYear), nWeek);
-            if (nRefYear > 0) EXPECT_EQ(nYear, nRefYear);
+            if (nRefYear > 0) {
+                EXPECT_EQ(nYear, nRefYear);
+            }
         }
         EXPECT_EQ(nModes, 6);
         char szFixed[40];
