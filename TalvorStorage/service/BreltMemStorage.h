@@ -354,9 +354,13 @@ private:
     // the system file. The other rows of that block on disk stay as they
     // are. Takes m_crit. TRUE when on the medium; else traced, and with
     // pbUndone the row the disk had is written back: *pbUndone is TRUE only
-    // when that reached the medium (else the disk may name either).
+    // when that reached the medium (else the disk may name either). With
+    // lpszFilePath the row on disk names that path, not the one lpRow holds
+    // now: the engine may have written another request into the row while
+    // the command ran, and the disk must name where the data is.
     BOOL CommitFileListRow(LPTALVORCRITICALSECTION lpCritSection, LPSYSTEMBLOCKHEAD lpBlock,
-                           LPFILE_MEMDBFILEINFO lpRow, BYTE bResult, BOOL* pbUndone = nullptr);
+                           LPFILE_MEMDBFILEINFO lpRow, BYTE bResult, const char* lpszFilePath = nullptr,
+                           BOOL* pbUndone = nullptr);
     // TRUE when lpszPath (bounded, NUL-terminated) is a plain absolute path
     // inside the database's directories: the system file's and those of the
     // files in the list. Else traced with nCode.

@@ -448,7 +448,8 @@ int CBreltMemStorageModule::TakeCachePages(LPTALVORCRITICALSECTION lpCritSection
 // ------------------------------------------------------- the list on disk
 
 BOOL CBreltMemStorageModule::CommitFileListRow(LPTALVORCRITICALSECTION lpCritSection, LPSYSTEMBLOCKHEAD lpBlock,
-                                               LPFILE_MEMDBFILEINFO lpRow, BYTE bResult, BOOL* pbUndone)
+                                               LPFILE_MEMDBFILEINFO lpRow, BYTE bResult, const char* lpszFilePath,
+                                               BOOL* pbUndone)
 {
     if (pbUndone != nullptr) *pbUndone = FALSE;
     LPBYTE lpImage = m_lpSystemFileInfo->m_pFileAddr;
@@ -461,6 +462,7 @@ BOOL CBreltMemStorageModule::CommitFileListRow(LPTALVORCRITICALSECTION lpCritSec
     FILE_MEMDBFILEINFO stRow;
     memcpy(&stRow, (const void*)lpRow, sizeof(stRow));
     stRow.m_bFileCMD = bResult;
+    if (lpszFilePath != nullptr) snprintf(stRow.m_lpszFilePath, sizeof(stRow.m_lpszFilePath), "%s", lpszFilePath);
     FILE_MEMDBFILEINFO stBefore;
     BOOL bDone = FALSE;
     int nErr = 0;
@@ -512,12 +514,15 @@ int CBreltMemStorageModule::MoveFileData(LPTALVORCRITICALSECTION lpCritSection, 
 
 namespace {
 
-// A move that did not happen gives the row back the path of the file that
-// holds the data. The row lives in the system file's image, which every
-// pass writes: left naming the requested path, a half copy there (one that
-// was in the way, or one a kill left) would be the file the next start
-// loads, whether or not an engine ever reads the result.
-BYTE MoveNotDone(LPFILE_MEMDBFILEINFO lpRow, const stu_FILEINFO* p, BYTE bResult)
+// A move's answer leaves the row naming the file that holds the data. The
+// row lives in the system file's image, which every pass writes once no row
+// of its block carries a command: left naming the requested path after a
+// failure, a half copy there (one that was in the way, or one a kill left)
+// would be the file the next start loads, whether or not an engine ever
+// reads the result; left naming what an engine wrote into it while the
+// copy ran (a second request over one a dead daemon left unanswered), it
+// would name a file that is not there, or not whole.
+BYTE MoveAnswer(LPFILE_MEMDBFILEINFO lpRow, const stu_FILEINFO* p, BYTE bResult)
 {
     snprintf(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath), "%s", p->m_lpszFilePath);
     return bResult;
@@ -558,7 +563,7 @@ BYTE CBreltMemStorageModule::FileCmdMove(LPTALVORCRITICALSECTION lpCritSection, 
               TALVOR_TEXT("系统收到修改物理文件路径的命令,但写入新文件失败,文件路径:%s,内存文件名:%s",
                           "The system received command to modify the physical file path but failed to write to the new file, file path: %s, memory file name: %s"),
               row.m_szPath, row.m_szName);
-        return MoveNotDone(lpRow, p, FILECMD_MOVE_FAILED);
+        return MoveAnswer(lpRow, p, FILECMD_MOVE_FAILED);
     }
     char szOldPath[sizeof(p->m_lpszFilePath)];
     memcpy(szOldPath, p->m_lpszFilePath, sizeof(szOldPath));
@@ -576,12 +581,13 @@ BYTE CBreltMemStorageModule::FileCmdMove(LPTALVORCRITICALSECTION lpCritSection, 
     int nResult = MoveFileData(lpCritSection, p, row.m_szPath);
     BOOL bCopied = nResult == 0;
     // The new file's name on the medium, then the list naming it, and only
-    // then the old file may go.
+    // then the old file may go. The list names the copy just made, not the
+    // path the row holds by now.
     BOOL bListUnknown = FALSE;
     if (nResult == 0 && SyncDirectoriesUpTo(p->m_lpszFilePath, szRoot) != 0) nResult = 1;
     if (nResult == 0) {
         BOOL bUndone = FALSE;
-        if (!CommitFileListRow(lpCritSection, lpBlock, lpRow, FILECMD_NONE, &bUndone)) {
+        if (!CommitFileListRow(lpCritSection, lpBlock, lpRow, FILECMD_NONE, p->m_lpszFilePath, &bUndone)) {
             nResult = 1;
             bListUnknown = !bUndone;
         }
@@ -590,7 +596,7 @@ BYTE CBreltMemStorageModule::FileCmdMove(LPTALVORCRITICALSECTION lpCritSection, 
     // goes back there, or later passes would leave it behind.
     if (nResult != 0 && bCopied && TakeMoveBack(lpCritSection, p, szOldPath) != 0) {
         if (bCache) TalvorStoreShared(&m_pTalvorCacheStorage->m_bPauseFileNo, 0);
-        return MoveNotDone(lpRow, p, FILECMD_MOVE_FAILED);
+        return MoveAnswer(lpRow, p, FILECMD_MOVE_FAILED);
     }
     if (bCache) TalvorStoreShared(&m_pTalvorCacheStorage->m_bPauseFileNo, 0);
     if (nResult != 0) {
@@ -601,7 +607,7 @@ BYTE CBreltMemStorageModule::FileCmdMove(LPTALVORCRITICALSECTION lpCritSection, 
         // A copy the list on disk may name stays where it is.
         if (!bExisted && !bListUnknown && CTalvorFileIO::Current()->Unlink(row.m_szPath) == 0)
             TalvorSyncParentDirectory(row.m_szPath);
-        return MoveNotDone(lpRow, p, FILECMD_MOVE_FAILED);
+        return MoveAnswer(lpRow, p, FILECMD_MOVE_FAILED);
     }
     if (CTalvorFileIO::Current()->Unlink(szOldPath) != 0 || TalvorSyncParentDirectory(szOldPath) != 0) {
         Trace("MemFileCMD", 1, 10060029,
@@ -609,7 +615,7 @@ BYTE CBreltMemStorageModule::FileCmdMove(LPTALVORCRITICALSECTION lpCritSection, 
                           "The file was moved, but the old disk file could not be removed, error code: %d, old file path: %s, new file path: %s"),
               errno, szOldPath, p->m_lpszFilePath);
     }
-    return FILECMD_NONE;
+    return MoveAnswer(lpRow, p, FILECMD_NONE);
 }
 
 int CBreltMemStorageModule::TakeMoveBack(LPTALVORCRITICALSECTION lpCritSection, stu_FILEINFO* p, const char* lpszOldPath)

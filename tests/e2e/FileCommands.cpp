@@ -251,3 +251,30 @@ TEST_F(FileCommandsE2E, ADaemonKilledDuringAMoveOrADropStartsAgain)
         Start();
     }
 }
+
+// The cache-mode file alone, killed at moments spread over its moves: each
+// start resumes the move the kill left unanswered while the next request is
+// being written into the same row, and the list on disk must still name the
+// file the data is in, whole.
+TEST_F(FileCommandsE2E, ADaemonKilledDuringACacheModeMoveStartsAgain)
+{
+    MakeDatabase();
+    Start();
+    ASSERT_EQ(0, File({"add", "--no", "10", "--type", "10", "--path", Path("Table10.dbf"), "--size-mib", "64"}));
+    Restart("add");
+    int nStep = 0;
+    for (int nDelayMs : {5, 20, 50, 150, 300, 500}) {
+        std::string strTo = Path("moved" + std::to_string(nStep++) + "/File10.dbf");
+        pid_t peer = m_box.Spawn({PeerPath(), "file", "move", "--no", "10", "--path", strTo, "--timeout-ms", "2000"},
+                                 "peer-move" + std::to_string(nStep));
+        ASSERT_GT(peer, 0);
+        usleep((useconds_t)nDelayMs * 1000);
+        m_box.Signal(m_pid, SIGKILL);
+        m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS);
+        m_pid = -1;
+        m_box.WaitExit(peer, 30000);
+        EXPECT_EQ("", ListAgreesWithFiles()) << "killed after " << nDelayMs << " ms";
+        EXPECT_EQ("", OfflineFindings()) << "killed after " << nDelayMs << " ms";
+        Start();
+    }
+}

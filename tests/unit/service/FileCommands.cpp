@@ -658,3 +658,63 @@ TEST(FileCommandMoveBack, AMoveTheListCannotRecordGoesBackToTheOldFile)
         EXPECT_GT(r.m_nRequired, 0);
     }
 }
+
+// An engine writes a second request into the row of a move while the copy
+// runs (as one does over a request that a daemon killed earlier left
+// unanswered, and that the next start resumes). The move finishes the copy
+// it began; the list on disk, and the row the passes write, name that copy
+// and never the path the engine wrote meanwhile, where nothing is. The
+// device dies after every call that changes it in turn, then the process
+// is killed or the power goes: each start finds the old file or the whole
+// copy named.
+TEST(FileCommandCrashes, AMoveOverwrittenInItsRowNamesOnlyTheCopyItMade)
+{
+    RemoveImageSegments();
+    bool bAskedAgain = false;
+    auto fnRun = [&bAskedAgain](ListEngine& e, FaultFileIO& io, CrashKind eKind, std::vector<FileOp>* pvSequence) {
+        const std::string strCopy = e.NewPath("sub/Moved3.dbf");
+        LPFILE_MEMDBFILEINFO lpRow = e.Row(3);
+        bAskedAgain = false;
+        for (FileOp eOp : g_arCrashOps)
+            io.OnCall(eOp, [&, eOp](const FileCall& call) {
+                if (pvSequence != nullptr) pvSequence->push_back(eOp);
+                if (eOp != FileOp::PWrite || bAskedAgain || call.m_strPath != strCopy) return;
+                bAskedAgain = true;
+                e.Ask({FILECMD_MOVE, 3, 0, e.NewPath("sub/Second3.dbf"), "", 0});
+            });
+        CrashCommand command = {"move", [&](ListEngine& le) { le.Ask({FILECMD_MOVE, 3, 0, strCopy, "", 0}); }};
+        RunUnderCrash(e, command, io, eKind);
+        return lpRow;
+    };
+    std::vector<FileOp> vSequence;
+    {
+        ListEngine e(CRASH_FILE_SIZE, CRASH_BLOCKS);
+        e.m_db.MakeStartAndSave();
+        FaultFileIO io;
+        LPFILE_MEMDBFILEINFO lpRow = fnRun(e, io, CRASH_KILL, &vSequence);
+        ASSERT_TRUE(bAskedAgain);
+        const std::string strCopy = e.NewPath("sub/Moved3.dbf");
+        EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
+        EXPECT_STREQ(strCopy.c_str(), lpRow->m_lpszFilePath);
+        EXPECT_STREQ(strCopy.c_str(), e.m_db.File(3)->m_lpszFilePath);
+        EXPECT_STREQ(strCopy.c_str(), e.DiskRow(3).m_lpszFilePath);
+        EXPECT_EQ("", e.ListAgreesWithFiles());
+        e.m_db.Stop();
+        RemoveImageSegments();
+    }
+    ASSERT_FALSE(vSequence.empty());
+    for (const CrashPoint& point : CrashPoints(vSequence)) {
+        for (CrashKind eKind : {CRASH_KILL, CRASH_POWER}) {
+            std::string strWhere = "device dead after call " + std::to_string(point.m_nNth) + " of kind " +
+                                   std::to_string((int)point.m_eOp) +
+                                   (eKind == CRASH_KILL ? ", killed" : ", power lost");
+            ListEngine e(CRASH_FILE_SIZE, CRASH_BLOCKS);
+            e.m_db.MakeStartAndSave();
+            FaultFileIO io;
+            io.DieAfter(point.m_eOp, point.m_nNth);
+            fnRun(e, io, eKind, nullptr);
+            RestartAfterCrash(e, eKind, strWhere);
+            if (::testing::Test::HasFailure()) return;
+        }
+    }
+}
