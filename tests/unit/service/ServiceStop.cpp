@@ -12,7 +12,13 @@ using namespace talvortest;
 namespace {
 
 std::atomic<long long> g_nFakeNow{0};
-long long FakeClock() { return g_nFakeNow.load(); }
+std::atomic<long long> g_nClockReads{0};
+long long FakeClock()
+{
+    long long nNow = g_nFakeNow.load();
+    g_nClockReads++;  // after the load: a count seen to rise twice holds a read of the latest value
+    return nNow;
+}
 
 class ServiceStop : public ::testing::Test {
 protected:
@@ -181,7 +187,8 @@ TEST_F(ServiceStop, AClockThatJumpsBackDoesNotHoldThePassUp)
     long long ts = m_db.Head()->m_nEndTimestamp;
     // An hour back; the thread must see it before the clock moves on.
     g_nFakeNow = nStart - 3600LL * 1000000LL;
-    usleep(100000);
+    const long long nReads = g_nClockReads.load();
+    ASSERT_TRUE(WaitUntil([&] { return g_nClockReads.load() >= nReads + 2; }, 10000));
     EXPECT_NE(ts, m_db.CommittedOnDisk());
     g_nFakeNow = nStart - 3600LL * 1000000LL + 1100000LL;  // one interval after the jump
     EXPECT_TRUE(WaitUntil([&] { return m_db.CommittedOnDisk() == ts; }, 3000))
