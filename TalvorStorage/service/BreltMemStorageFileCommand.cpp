@@ -553,10 +553,11 @@ BYTE CBreltMemStorageModule::FileCmdMove(LPTALVORCRITICALSECTION lpCritSection, 
               (int)bFileNo, row.m_szPath, row.m_szName);
         return FILECMD_NO_SUCH_FILE;
     }
-    if (bTaken) return FILECMD_PATHTAKEN;
+    // Left naming another file's path, the row would give two files one path.
+    if (bTaken) return MoveAnswer(lpRow, p, FILECMD_PATHTAKEN);
     // The file's own path is no move: nothing to copy, nothing to remove.
     if (strcmp(p->m_lpszFilePath, row.m_szPath) == 0) return FILECMD_NONE;
-    if (SamePath(m_lpSystemFileInfo->m_lpszFilePath, row.m_szPath)) return FILECMD_PATHTAKEN;
+    if (SamePath(m_lpSystemFileInfo->m_lpszFilePath, row.m_szPath)) return MoveAnswer(lpRow, p, FILECMD_PATHTAKEN);
     if (row.m_bPathCut || p->m_pStorageFile == nullptr || !FilePathAllowed(row.m_szPath, 10060028) ||
         !FilePathAllowed(p->m_lpszFilePath, 10060028)) {
         Trace("MemFileCMD", 1, 10060023,

@@ -188,12 +188,18 @@ int PeerAskFileCommand(CPeerEngine& engine, const PeerFileRequest& request, bool
     if (!RunFileCommands(engine, bLive, nTimeoutMs)) return PEERFILE_UNANSWERED;
     int nResult = lpRow->m_bFileCMD;
     // The engine settles the row: a success stands; a refused add is no
-    // file, a refused move or resize keeps what the file had.
+    // file, a refused move or resize keeps what the file had. A refused move
+    // of a file the daemon holds (failed, path taken) comes back naming the
+    // file's present path, which the row before the request need not: it may
+    // itself be a request a killed daemon never answered.
     if (nResult != FILECMD_NONE) {
         if (bAdd) {
             lpRow->m_bDropFlag = 1;
         } else {
-            memcpy(lpRow->m_lpszFilePath, stBefore.m_lpszFilePath, sizeof(lpRow->m_lpszFilePath));
+            const bool bDaemonNamed = request.m_bCommand == FILECMD_MOVE &&
+                                      (nResult == FILECMD_MOVE_FAILED || nResult == FILECMD_PATHTAKEN);
+            if (!bDaemonNamed)
+                memcpy(lpRow->m_lpszFilePath, stBefore.m_lpszFilePath, sizeof(lpRow->m_lpszFilePath));
             lpRow->m_nFileSize = stBefore.m_nFileSize;
         }
         PeerFence();

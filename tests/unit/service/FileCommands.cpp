@@ -320,6 +320,8 @@ TEST_F(FileCommands, RefusedMovesLeaveTheFileWhereItIs)
     ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
     EXPECT_EQ(FILECMD_PATHTAKEN, Val(lpTaken->m_bFileCMD));
     EXPECT_STREQ(m_db.PathOf(3).c_str(), m_db.File(3)->m_lpszFilePath);
+    // The row no longer names file 4's path: a pass would write two files to one.
+    EXPECT_STREQ(m_db.PathOf(3).c_str(), lpTaken->m_lpszFilePath);
     // A second walk leaves the answer: only 1 to 4 are commands.
     ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
     EXPECT_EQ(FILECMD_PATHTAKEN, Val(lpTaken->m_bFileCMD));
