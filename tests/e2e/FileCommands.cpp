@@ -107,6 +107,27 @@ protected:
         if (lpRow != nullptr) memcpy(&st, lpRow, sizeof(st));
         return st;
     }
+    // A file command of the stand-in, the daemon killed nDelayMs into it:
+    // the list on disk must name whole files the offline check accepts, and
+    // the daemon must start again on them.
+    void KillDuring(const std::vector<std::string>& vCommand, int nDelayMs, const std::string& strWhat)
+    {
+        std::vector<std::string> vArgs = {PeerPath(), "file"};
+        vArgs.insert(vArgs.end(), vCommand.begin(), vCommand.end());
+        vArgs.insert(vArgs.end(), {"--timeout-ms", "2000"});
+        pid_t peer = m_box.Spawn(vArgs, "peer-" + std::to_string(++m_nKills));
+        ASSERT_GT(peer, 0);
+        usleep((useconds_t)nDelayMs * 1000);
+        m_box.Signal(m_pid, SIGKILL);
+        m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS);
+        m_pid = -1;
+        m_box.WaitExit(peer, 30000);
+        EXPECT_EQ("", ListAgreesWithFiles()) << strWhat << " killed after " << nDelayMs << " ms";
+        EXPECT_EQ("", OfflineFindings()) << strWhat << " killed after " << nDelayMs << " ms";
+        Start();
+    }
+    int m_nKills = 0;
+
     // The damage the offline check finds in the stopped database, one line
     // each. A cache-mode file longer than its row or its head on disk is
     // none of it: the cache grows such a file to its reserve by itself,
@@ -222,34 +243,13 @@ TEST_F(FileCommandsE2E, ADaemonKilledDuringAMoveOrADropStartsAgain)
     Restart("adds");
     int nStep = 0;
     for (int nDelayMs : {20, 150, 500}) {
-        for (const char* lpNo : {"9", "10"}) {
-            std::string strTo = Path("moved" + std::to_string(nStep++) + "/File" + lpNo + ".dbf");
-            pid_t peer = m_box.Spawn({PeerPath(), "file", "move", "--no", lpNo, "--path", strTo, "--timeout-ms", "2000"},
-                                     "peer-move" + std::to_string(nStep));
-            ASSERT_GT(peer, 0);
-            usleep((useconds_t)nDelayMs * 1000);
-            m_box.Signal(m_pid, SIGKILL);
-            m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS);
-            m_pid = -1;
-            m_box.WaitExit(peer, 30000);
-            EXPECT_EQ("", ListAgreesWithFiles()) << "move of " << lpNo << " killed after " << nDelayMs << " ms";
-            EXPECT_EQ("", OfflineFindings()) << "move of " << lpNo << " killed after " << nDelayMs << " ms";
-            Start();
+        for (std::string strNo : {"9", "10"}) {
+            std::string strTo = Path("moved" + std::to_string(nStep++) + "/File" + strNo + ".dbf");
+            ASSERT_NO_FATAL_FAILURE(KillDuring({"move", "--no", strNo, "--path", strTo}, nDelayMs, "move of " + strNo));
         }
     }
-    for (const char* lpNo : {"9", "10"}) {
-        pid_t peer = m_box.Spawn({PeerPath(), "file", "drop", "--no", lpNo, "--timeout-ms", "2000"},
-                                 std::string("peer-drop") + lpNo);
-        ASSERT_GT(peer, 0);
-        usleep(60000);
-        m_box.Signal(m_pid, SIGKILL);
-        m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS);
-        m_pid = -1;
-        m_box.WaitExit(peer, 30000);
-        EXPECT_EQ("", ListAgreesWithFiles()) << "drop of " << lpNo;
-        EXPECT_EQ("", OfflineFindings()) << "drop of " << lpNo;
-        Start();
-    }
+    for (std::string strNo : {"9", "10"})
+        ASSERT_NO_FATAL_FAILURE(KillDuring({"drop", "--no", strNo}, 60, "drop of " + strNo));
 }
 
 // The cache-mode file alone, killed at moments spread over its moves: each
@@ -265,16 +265,6 @@ TEST_F(FileCommandsE2E, ADaemonKilledDuringACacheModeMoveStartsAgain)
     int nStep = 0;
     for (int nDelayMs : {5, 20, 50, 150, 300, 500}) {
         std::string strTo = Path("moved" + std::to_string(nStep++) + "/File10.dbf");
-        pid_t peer = m_box.Spawn({PeerPath(), "file", "move", "--no", "10", "--path", strTo, "--timeout-ms", "2000"},
-                                 "peer-move" + std::to_string(nStep));
-        ASSERT_GT(peer, 0);
-        usleep((useconds_t)nDelayMs * 1000);
-        m_box.Signal(m_pid, SIGKILL);
-        m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS);
-        m_pid = -1;
-        m_box.WaitExit(peer, 30000);
-        EXPECT_EQ("", ListAgreesWithFiles()) << "killed after " << nDelayMs << " ms";
-        EXPECT_EQ("", OfflineFindings()) << "killed after " << nDelayMs << " ms";
-        Start();
+        ASSERT_NO_FATAL_FAILURE(KillDuring({"move", "--no", "10", "--path", strTo}, nDelayMs, "move"));
     }
 }
