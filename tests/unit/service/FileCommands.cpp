@@ -516,6 +516,13 @@ struct CrashPoint {
     size_t m_nAt;
 };
 
+// What a crash at a point was, for the failure message.
+std::string CrashWhere(const CrashPoint& point, CrashKind eKind)
+{
+    return "device dead after call " + std::to_string(point.m_nNth) + " of kind " + std::to_string((int)point.m_eOp) +
+           (eKind == CRASH_KILL ? ", killed" : ", power lost");
+}
+
 // A run of calls of one kind in a row (the chunks of a copy, the pages of
 // a growth) repeats one step: its first and last calls stand where the
 // steps meet, and a call in CRASH_RUN_STRIDE for its middle.
@@ -609,9 +616,7 @@ TEST(FileCommandCrashes, EveryStepOfEveryCommandLeavesADatabaseThatStarts)
         for (const CrashPoint& point : CrashPoints(vSequence)) {
             if (!CrashPointTaken(point, nPassStart, nCommand, nCommands)) continue;
             for (CrashKind eKind : {CRASH_KILL, CRASH_POWER}) {
-                std::string strWhere = std::string(command.m_lpName) + ": device dead after call " +
-                                       std::to_string(point.m_nNth) + " of kind " + std::to_string((int)point.m_eOp) +
-                                       (eKind == CRASH_KILL ? ", killed" : ", power lost");
+                std::string strWhere = std::string(command.m_lpName) + ": " + CrashWhere(point, eKind);
                 ListEngine e(CRASH_FILE_SIZE, CRASH_BLOCKS);
                 e.m_db.MakeStartAndSave();
                 FaultFileIO io;
@@ -707,9 +712,7 @@ TEST(FileCommandCrashes, AMoveOverwrittenInItsRowNamesOnlyTheCopyItMade)
     ASSERT_FALSE(vSequence.empty());
     for (const CrashPoint& point : CrashPoints(vSequence)) {
         for (CrashKind eKind : {CRASH_KILL, CRASH_POWER}) {
-            std::string strWhere = "device dead after call " + std::to_string(point.m_nNth) + " of kind " +
-                                   std::to_string((int)point.m_eOp) +
-                                   (eKind == CRASH_KILL ? ", killed" : ", power lost");
+            std::string strWhere = CrashWhere(point, eKind);
             ListEngine e(CRASH_FILE_SIZE, CRASH_BLOCKS);
             e.m_db.MakeStartAndSave();
             FaultFileIO io;
