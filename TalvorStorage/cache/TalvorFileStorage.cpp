@@ -19,8 +19,6 @@ namespace {
 const size_t FILESTORE_MAX_DIR_PATH = 254;  // longer paths get no directories
 const size_t MAX_PATH_COPY = 256;
 
-// A file with less than this free in its head asks for growth.
-const long long FILESTORE_SPACE_RESERVE = 134217728;
 // Drain bound of the destructor: every good FlushBuffer cleans one buffer.
 const int FILESTORE_DRAIN_CALLS = 2 * FILESTORE_BUFFER_NUM;
 

@@ -74,6 +74,9 @@ inline constexpr int FILESTORE_BUFFER_NUM = 64;
 inline constexpr int FILESTORE_BUFFER_SIZE = 262144;
 inline constexpr int FILESTORE_PART_SIZE = 16384;
 inline constexpr int FILESTORE_PART_NUM = FILESTORE_BUFFER_SIZE / FILESTORE_PART_SIZE;
+// A file with less than this free in its head asks for growth, which the
+// flush thread makes in steps until the file has it.
+inline constexpr long long FILESTORE_SPACE_RESERVE = 134217728;
 // Tries of every transfer before a failure is reported.
 inline constexpr int FILESTORE_IO_TRIES = 3;
 

@@ -6,6 +6,7 @@
 // daemon killed in the middle of a move or a drop starts again on a list
 // that agrees with the files.
 #include "DatabaseLoadKit.h"
+#include "TalvorFileStorage.h"
 
 #include <csignal>
 #include <cstring>
@@ -98,6 +99,19 @@ protected:
         return strWhy;
     }
     // The live row of bFileNo in the list on disk (zeros when none).
+    // A new cache-mode file grows in steps, in the background, until its
+    // head has the reserve free; its size means something only after that.
+    bool WaitForReserve(const std::string& strPath)
+    {
+        return WaitUntil([&] {
+            std::string s = ReadFileAt(strPath, 0, sizeof(TABLEFILEHEAD));
+            if (s.size() < sizeof(TABLEFILEHEAD)) return false;
+            const TABLEFILEHEAD* lpHead = (const TABLEFILEHEAD*)s.data();
+            return lpHead->m_nFileTotalSize - lpHead->m_nFileFreeMemoryOffset > FILESTORE_SPACE_RESERVE &&
+                   FileSizeOf(strPath) == lpHead->m_nFileTotalSize;
+        }, 60000, 50);
+    }
+
     FILE_MEMDBFILEINFO DiskRow(BYTE bFileNo)
     {
         std::string s = ReadWholeFile(m_box.DataDir() + "System.dbf");
@@ -211,6 +225,7 @@ TEST_F(FileCommandsE2E, CacheModeFilesAreAddedGrownMovedAndDroppedAcrossRestarts
 
     // The cache grew the file ahead of its row: a size below what it has is
     // refused, a larger one reached.
+    ASSERT_TRUE(WaitForReserve(Path("Table7.dbf")));
     long long nSize = FileSizeOf(Path("Table7.dbf"));
     ASSERT_GE(nSize, 4 * DB_MIB);
     File({"resize", "--no", "7", "--size", std::to_string(nSize - 4 * DB_MIB)}, FILECMD_RESIZE_FAILED);
