@@ -189,7 +189,6 @@ BOOL CTalvorCacheStorage::DrainBuffers(LPTALVORCRITICALSECTION lpCritSection, BY
 void CTalvorCacheStorage::FileSpaceManage(LPTALVORCRITICALSECTION lpCritSection, BYTE bFileType)
 {
     if (m_pCacheModule == nullptr || m_pCacheModule->Flashback() == nullptr) return;
-    if (TalvorLoadShared(&m_bPreloading)) return;
     LPBYTE lpZeros = nullptr;
     for (int n = 0; n < MAX_FILE_NUM; n++) {
         LPFILEINFO pFile = SweptFileOfKind((BYTE)n, bFileType);

@@ -77,6 +77,10 @@ public:
     // it). No latch held by the caller.
     virtual void RecordFileSize(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, long long llSize,
                                 BOOL bLoadSize) = 0;
+    // The preload's progress: the load size of the file's row, under the
+    // module's latch (a growing flush thread writes the row too). No latch
+    // held by the caller.
+    virtual void ShowLoadSize(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, long long llSize) = 0;
     // The module's WriteCacheTableTimestamp / WriteCacheIndexTimestamp:
     // S_OK once the timestamp (and the array, if given) is in the system
     // file; a failure otherwise.

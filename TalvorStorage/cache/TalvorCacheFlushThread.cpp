@@ -109,7 +109,6 @@ int CTalvorCacheStorage::CreateEventAndThread()
         m_hCacheIndexFlush == nullptr)
         return E_FAIL;
     TalvorStoreShared(&m_bExit, 0);
-    TalvorStoreShared(&m_bPreloading, 1);
     int nRet = CreateJoinableThread(&m_hStorageFlushThread, StorageFlushThread, this);
     if (nRet == 0) nRet = CreateJoinableThread(&m_hStorageIndexFlushThread, StorageIndexFlushThread, this);
     if (nRet == 0) return S_OK;

@@ -242,7 +242,16 @@ int ScanPiece(Sweep& s, MapCursor& c, long long llFrom, int nLen, long long& llN
     return SWEEP_DONE;
 }
 
-void ShowLoad(LPFILEINFO pFileInfo, long long llSize) { TalvorSetLoadSize(pFileInfo, llSize); }
+// The load size lives in the file's row of the system image, which a
+// growing flush thread writes too: the module writes it under its latch.
+void ShowLoad(CTalvorCacheStorage* pCache, LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo,
+              long long llSize)
+{
+    if (pCache->m_pCacheModule != nullptr)
+        pCache->m_pCacheModule->ShowLoadSize(lpCritSection, pFileInfo, llSize);
+    else
+        TalvorSetLoadSize(pFileInfo, llSize);
+}
 
 // One file from 32768 up to its free offset (bounded by its size), each
 // piece read on this thread.
@@ -262,7 +271,7 @@ int SweepFileAlone(LPTALVORCRITICALSECTION lpCritSection, Sweep& s, MapCursor& c
         long long llNext = llPos;
         if (ScanPiece(s, c, llPos, nLen, llNext) == SWEEP_FULL) return SWEEP_FULL;
         llPos = llNext;
-        ShowLoad(s.m_pFileInfo, llPos);
+        ShowLoad(s.m_pCache, lpCritSection, s.m_pFileInfo, llPos);
     }
     return c.m_bBroken ? SWEEP_FAILED : SWEEP_DONE;
 }
@@ -365,7 +374,7 @@ int SweepFileAhead(LPTALVORCRITICALSECTION lpCritSection, Sweep& s, MapCursor& c
         if (ScanPiece(s, c, llPos, nLen, llNext) == SWEEP_FULL) return SWEEP_FULL;
         prev = {lpPiece, llPos, llEnd};
         llPos = llNext;
-        ShowLoad(s.m_pFileInfo, llPos);
+        ShowLoad(s.m_pCache, lpCritSection, s.m_pFileInfo, llPos);
     }
     return c.m_bBroken ? SWEEP_FAILED : SWEEP_DONE;
 }
@@ -477,14 +486,6 @@ MapCursor StartCursor(CTalvorCacheStorage* pCache, LPFILEINFO p, LPTABLEFILEHEAD
 
 HRESULT CTalvorCacheStorage::InitCacheHead(LPTALVORCRITICALSECTION lpCritSection)
 {
-    HRESULT hr = PreloadFiles(lpCritSection);
-    // Whatever came of it, the flush loops may grow files from here.
-    TalvorStoreShared(&m_bPreloading, 0);
-    return hr;
-}
-
-HRESULT CTalvorCacheStorage::PreloadFiles(LPTALVORCRITICALSECTION lpCritSection)
-{
     if (m_pCacheBufferHead == nullptr) return E_FAIL;
     if (!WaitForBackends()) return E_FAIL;
     if (m_bExists) {
@@ -536,7 +537,7 @@ HRESULT CTalvorCacheStorage::PreloadFiles(LPTALVORCRITICALSECTION lpCritSection)
     // The reader's buffer; without it every piece is read on this thread.
     LPBYTE lpSecond = (LPBYTE)get_aligned_buffer((size_t)PIECE_SLACK + CACHE_PRELOAD_PIECE + 4);
     for (int i = 0; i < nFiles; i++)
-        if (arFiles[i]->m_bFileType == (char)FILETYPE_TABLE) ShowLoad(arFiles[i], TalvorLoadShared(&arFiles[i]->m_liFileSize));
+        if (arFiles[i]->m_bFileType == (char)FILETYPE_TABLE) ShowLoad(this, lpCritSection, arFiles[i], TalvorLoadShared(&arFiles[i]->m_liFileSize));
     BOOL bFull = FALSE;
     for (int nPass = 0; nPass < 2 && !bFull; nPass++) {
         BOOL bTable = nPass == 1;
@@ -553,11 +554,11 @@ HRESULT CTalvorCacheStorage::PreloadFiles(LPTALVORCRITICALSECTION lpCritSection)
                 return FailPreload(lpBuffer, E_FAIL);
             }
             bFull = nResult == SWEEP_FULL;
-            ShowLoad(p, TalvorLoadShared(&p->m_liFileSize));
+            ShowLoad(this, lpCritSection, p, TalvorLoadShared(&p->m_liFileSize));
         }
     }
     // A full cache shows every index file as loaded: nothing more comes.
-    for (int i = 0; i < nFiles && bFull; i++) ShowLoad(arFiles[i], TalvorLoadShared(&arFiles[i]->m_liFileSize));
+    for (int i = 0; i < nFiles && bFull; i++) ShowLoad(this, lpCritSection, arFiles[i], TalvorLoadShared(&arFiles[i]->m_liFileSize));
     free(lpSecond);
     free(lpBuffer);
     m_pCacheBufferHead->m_bStatus = CACHESTATUS_READY;

@@ -103,8 +103,7 @@ public:
     static void* StorageIndexFlushThread(LPVOID lpParam);
     // Grows by 64 MiB every file of bFileType with a backend whose cached
     // head shows no more than 128 MiB unallocated. Nothing without a
-    // flashback object of the module, nor while the preload runs
-    // (m_bPreloading). A flush thread; no latch held.
+    // flashback object of the module. A flush thread; no latch held.
     void FileSpaceManage(LPTALVORCRITICALSECTION lpCritSection, BYTE bFileType);
     // For each file of the kind without a backend: makes one and brings
     // the file in (Initialize). 0; 1 when one failed (traced, m_bExit set,
@@ -232,11 +231,6 @@ public:
     volatile UINT m_nPauseSeq = 0;
     volatile UINT m_arPauseSeen[2] = {0, 0};
     volatile BYTE m_arFlushLoopUp[2] = {0, 0};
-    // Raised by CreateEventAndThread, lowered when InitCacheHead ends: the
-    // flush loops grow no file meanwhile, since the preload bounds its
-    // sweeps by the files' sizes and shows their load sizes itself.
-    // TalvorLoadShared and TalvorStoreShared only.
-    volatile BYTE m_bPreloading = 0;
     // Polled by the flush, load and preload threads: TalvorLoadShared and
     // TalvorStoreShared only.
     volatile BYTE m_bExit;
@@ -332,7 +326,6 @@ private:
     // Preload (TalvorCachePreload.cpp).
     int CopyToCursor(LPBYTE lpBuf, int nBlockSize);
     BOOL WaitForBackends();
-    HRESULT PreloadFiles(LPTALVORCRITICALSECTION lpCritSection);
     HRESULT FailPreload(LPBYTE lpBuffer, HRESULT hr);
     // ---- end of the load threads' declarations ----
 

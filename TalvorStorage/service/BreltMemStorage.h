@@ -200,6 +200,9 @@ public:
     // are marked for saving. Any thread, no latch held; takes m_crit, under
     // which the save pass copies the image.
     void RecordCacheFileSize(LPTALVORCRITICALSECTION lpCritSection, stu_FILEINFO* p, long long llSize, BOOL bLoadSize);
+    // The cache preload's progress into the file's row, under m_crit. Main
+    // thread, no latch held.
+    void ShowCacheLoadSize(LPTALVORCRITICALSECTION lpCritSection, stu_FILEINFO* p, long long llSize);
     // The storage thread's loop, until g_bEixt (the thread entry runs it
     // under crash containment).
     void ServeStorageCommands(LPTALVORCRITICALSECTION lpCritSection);

@@ -269,6 +269,13 @@ void CBreltMemStorageModule::RecordCacheFileSize(LPTALVORCRITICALSECTION lpCritS
     TalvorStoreShared(&lpHead->m_bSaveFlag, 1);
 }
 
+void CBreltMemStorageModule::ShowCacheLoadSize(LPTALVORCRITICALSECTION lpCritSection, stu_FILEINFO* p, long long llSize)
+{
+    if (p == nullptr) return;
+    CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
+    TalvorSetLoadSize(p, llSize);
+}
+
 void CBreltMemStorageModule::OnFileSpaceChange(BYTE bFileType, long long nFileFreeSize)
 {
     LPSYSTEMFILEHEAD lpHead = m_pMemoryFileHead;

@@ -26,6 +26,11 @@ void CStorageCacheBridge::RecordFileSize(LPTALVORCRITICALSECTION lpCritSection, 
     m_pModule->RecordCacheFileSize(lpCritSection, pFileInfo, llSize, bLoadSize);
 }
 
+void CStorageCacheBridge::ShowLoadSize(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, long long llSize)
+{
+    m_pModule->ShowCacheLoadSize(lpCritSection, pFileInfo, llSize);
+}
+
 HRESULT CStorageCacheBridge::WriteCacheTableTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long llTimestamp,
                                                       LPBYTE lpTimestampBuf, int nTimestampNum)
 {

@@ -125,7 +125,8 @@ TEST_F(FlushRing, APauseIsGrantedOnlyOnceTheLoopIsOffTheFileAndKeepsItOff)
     EXPECT_EQ(FS_FILE_SIZE + CACHEFLUSH_GROW_SIZE, llGrown);
     // Short of room again while paused: the loop's rounds leave it alone.
     lpHead->m_nFileFreeMemoryOffset = llGrown - FS_PART;
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    // Long enough for a growth of the file to end (it shows at its end).
+    std::this_thread::sleep_for(std::chrono::milliseconds(2000));
     EXPECT_EQ(llGrown, Val(lpHead->m_nFileTotalSize)) << "the loop grew a paused file";
     TalvorStoreShared(&m_pCache->m_bPauseFileNo, 0);
     TalvorStoreShared(&m_pCache->m_bExit, 1);

@@ -41,6 +41,7 @@ public:
         TalvorStoreShared(&m_pSystemHead->m_stFileObject[SYSTEMFILE_FILELIST_OBJECTID].m_bSaveFlag, 1);
         TalvorStoreShared(&m_pSystemHead->m_bSaveFlag, 1);
     }
+    void ShowLoadSize(LPTALVORCRITICALSECTION, LPFILEINFO p, long long llSize) override { TalvorSetLoadSize(p, llSize); }
     HRESULT WriteCacheTableTimestamp(LPTALVORCRITICALSECTION, long long llTs, LPBYTE lpBuf, int nNum) override
     {
         return Record(false, llTs, lpBuf, nNum);
