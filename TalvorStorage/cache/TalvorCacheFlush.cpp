@@ -33,6 +33,11 @@ enum {
 // one of the 64 buffers and nothing else writes into them meanwhile.
 const int FLUSHRING_DRAIN_CALLS = 2 * FILESTORE_BUFFER_NUM + 1;
 
+// How often PauseFile looks whether the loops have come round.
+const useconds_t PAUSE_POLL_US = 1000;
+
+int LoopOf(const CacheFlushKind& kind) { return kind.bIndex ? 1 : 0; }
+
 } // namespace
 
 HRESULT CTalvorCacheStorage::StorageFlush(LPTALVORCRITICALSECTION lpCritSection)
@@ -58,6 +63,17 @@ LPFILEINFO CTalvorCacheStorage::FileOfKind(BYTE bFileNo, BYTE bFileType) const
     return pFile;
 }
 
+BOOL CTalvorCacheStorage::IsPausedFile(BYTE bFileNo) const
+{
+    return bFileNo != 0 && bFileNo == TalvorLoadShared(&m_bPauseFileNo);
+}
+
+LPFILEINFO CTalvorCacheStorage::SweptFileOfKind(BYTE bFileNo, BYTE bFileType) const
+{
+    // A paused file is the command thread's until the pause ends.
+    return IsPausedFile(bFileNo) ? nullptr : FileOfKind(bFileNo, bFileType);
+}
+
 HRESULT CTalvorCacheStorage::RunFlushLoop(LPTALVORCRITICALSECTION lpCritSection, const CacheFlushKind& kind)
 {
     if (m_pCacheModule == nullptr || m_pCacheBufferHead == nullptr) return E_FAIL;
@@ -67,7 +83,11 @@ HRESULT CTalvorCacheStorage::RunFlushLoop(LPTALVORCRITICALSECTION lpCritSection,
     run.lpWork = (LPBYTE)get_aligned_buffer((size_t)kind.nWorkSize);
     if (run.lpWork == nullptr) return E_FAIL;
     HEVENTTYPE hWait = kind.bIndex ? m_hCacheIndexFlush : m_hCacheFlush;
+    TalvorStoreShared(&m_arFlushLoopUp[LoopOf(kind)], 1);
     for (;;) {
+        // Whatever the last round did with a file is behind this point: a
+        // pause begun before it is answered here.
+        TalvorStoreShared(&m_arPauseSeen[LoopOf(kind)], TalvorLoadShared(&m_nPauseSeq));
         if (TalvorLoadShared(&m_bExit)) run.bExit = TRUE;
         ServeOpenRequest(lpCritSection, kind);
         int nRing = ServeRing(lpCritSection, run);
@@ -88,7 +108,22 @@ HRESULT CTalvorCacheStorage::RunFlushLoop(LPTALVORCRITICALSECTION lpCritSection,
     }
     DrainBuffers(lpCritSection, kind.bFileType, FALSE);
     free(run.lpWork);
+    TalvorStoreShared(&m_arFlushLoopUp[LoopOf(kind)], 0);
     return S_OK;
+}
+
+void CTalvorCacheStorage::PauseFile(BYTE bFileNo)
+{
+    TalvorStoreShared(&m_bPauseFileNo, bFileNo);
+    // Stored after the number: a loop that sees the count sees the number.
+    const UINT nSeq = TalvorLoadShared(&m_nPauseSeq) + 1;
+    TalvorStoreShared(&m_nPauseSeq, nSeq);
+    // The loops' semaphores only shorten their waits.
+    if (m_hCacheFlush != nullptr) SetEvent(m_hCacheFlush);
+    if (m_hCacheIndexFlush != nullptr) SetEvent(m_hCacheIndexFlush);
+    for (int nLoop = 0; nLoop < 2; nLoop++)
+        while (TalvorLoadShared(&m_arFlushLoopUp[nLoop]) && TalvorLoadShared(&m_arPauseSeen[nLoop]) != nSeq)
+            usleep(PAUSE_POLL_US);
 }
 
 void CTalvorCacheStorage::ServeOpenRequest(LPTALVORCRITICALSECTION lpCritSection, const CacheFlushKind& kind)
@@ -128,7 +163,7 @@ int CTalvorCacheStorage::ServeRing(LPTALVORCRITICALSECTION lpCritSection, CacheF
 void CTalvorCacheStorage::PushBuffersOnce(LPTALVORCRITICALSECTION lpCritSection, BYTE bFileType)
 {
     for (int n = 0; n < MAX_FILE_NUM; n++) {
-        LPFILEINFO pFile = FileOfKind((BYTE)n, bFileType);
+        LPFILEINFO pFile = SweptFileOfKind((BYTE)n, bFileType);
         if (pFile == nullptr || pFile->m_pStorageFile == nullptr) continue;
         if (pFile->m_pStorageFile->CheckFlush()) pFile->m_pStorageFile->FlushBuffer(lpCritSection);
     }
@@ -138,7 +173,7 @@ BOOL CTalvorCacheStorage::DrainBuffers(LPTALVORCRITICALSECTION lpCritSection, BY
 {
     BOOL bAll = TRUE;
     for (int n = 0; n < MAX_FILE_NUM; n++) {
-        LPFILEINFO pFile = FileOfKind((BYTE)n, bFileType);
+        LPFILEINFO pFile = SweptFileOfKind((BYTE)n, bFileType);
         if (pFile == nullptr || pFile->m_pStorageFile == nullptr) continue;
         int nRet = 0;
         for (int i = 0; i < FLUSHRING_DRAIN_CALLS && nRet == 0; i++) nRet = pFile->m_pStorageFile->FlushBuffer(lpCritSection);
@@ -156,7 +191,7 @@ void CTalvorCacheStorage::FileSpaceManage(LPTALVORCRITICALSECTION lpCritSection,
     if (m_pCacheModule == nullptr || m_pCacheModule->Flashback() == nullptr) return;
     LPBYTE lpZeros = nullptr;
     for (int n = 0; n < MAX_FILE_NUM; n++) {
-        LPFILEINFO pFile = FileOfKind((BYTE)n, bFileType);
+        LPFILEINFO pFile = SweptFileOfKind((BYTE)n, bFileType);
         if (pFile == nullptr || pFile->m_pStorageFile == nullptr || pFile->m_pStorageFile->CheckSpace(pFile)) continue;
         if (lpZeros == nullptr) lpZeros = (LPBYTE)get_aligned_buffer(CACHEFLUSH_GROW_BUFFER);
         if (lpZeros == nullptr) return;

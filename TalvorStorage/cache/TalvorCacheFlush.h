@@ -70,6 +70,17 @@ public:
     virtual LPSYSTEMFILEHEAD SystemHead() = 0;
     // The free MiB of the disk of a file of bFileType: the module's warning.
     virtual void OnFileSpaceChange(BYTE bFileType, long long nFreeMiB) = 0;
+    // A file grew to llSize: its row in the system file takes the size
+    // (and with bLoadSize the load size the engine sees), and the row, the
+    // file list and the system head are marked for the next save pass,
+    // under the module's latch (the pass copies the system image under
+    // it). No latch held by the caller.
+    virtual void RecordFileSize(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, long long llSize,
+                                BOOL bLoadSize) = 0;
+    // The preload's progress: the load size of the file's row, under the
+    // module's latch (a growing flush thread writes the row too). No latch
+    // held by the caller.
+    virtual void ShowLoadSize(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, long long llSize) = 0;
     // The module's WriteCacheTableTimestamp / WriteCacheIndexTimestamp:
     // S_OK once the timestamp (and the array, if given) is in the system
     // file; a failure otherwise.

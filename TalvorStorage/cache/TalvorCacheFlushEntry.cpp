@@ -168,8 +168,8 @@ void CTalvorCacheStorage::GiveBackImage(const stu_CacheFlush* p)
 {
     BYTE bIndex = p->m_bReserved;
     if (!IsPageType(p->m_bBlockType) || m_pFlushFile == nullptr || bIndex >= CACHE_FLUSHFILE_NUM) return;
-    TalvorFlushCPU4Write();
-    m_pFlushFile[bIndex].m_bStatus = 0;
+    // The engine polls the slot, and either pipeline may hand it back.
+    TalvorStoreShared(&m_pFlushFile[bIndex].m_bStatus, 0);
 }
 
 int CTalvorCacheStorage::CarryOut(LPTALVORCRITICALSECTION lpCritSection, stu_CacheFlush* p, CacheFlushRun& run,
@@ -183,6 +183,9 @@ int CTalvorCacheStorage::CarryOut(LPTALVORCRITICALSECTION lpCritSection, stu_Cac
         bResult = CACHEFLUSH_UNUSABLE;
         return FLUSHENTRY_HANDLED;
     }
+    // Before the file's descriptor is looked at: once the pause is
+    // granted, the paused file may be freed (PauseFile).
+    if (p->m_bBlockType != CACHEFLUSH_TIMESTAMPS && IsPausedFile(p->m_bFileNo)) return FLUSHENTRY_PAUSED;
     WaitForFit(p, kind);
     if (++run.nEntries % CACHEFLUSH_SPACE_EVERY == 0) FileSpaceManage(lpCritSection, kind.bFileType);
     if (p->m_bBlockType == CACHEFLUSH_TIMESTAMPS) {
@@ -208,7 +211,7 @@ int CTalvorCacheStorage::CarryOut(LPTALVORCRITICALSECTION lpCritSection, stu_Cac
         bResult = CACHEFLUSH_NOBACKEND;
         return FLUSHENTRY_HANDLED;
     }
-    if (bFileNo == TalvorLoadShared(&m_bPauseFileNo) && bFileNo != 0) return FLUSHENTRY_PAUSED;
+    if (IsPausedFile(bFileNo)) return FLUSHENTRY_PAUSED;
     if (!EntryInsideFile(p, pFile, kind, nPos)) {
         bResult = CACHEFLUSH_UNUSABLE;
         return FLUSHENTRY_HANDLED;

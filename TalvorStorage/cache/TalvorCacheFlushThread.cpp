@@ -53,7 +53,9 @@ int CTalvorCacheStorage::CreateBackendsFor(LPTALVORCRITICALSECTION lpCritSection
         int nRet = pStorage == nullptr ? -1 : pStorage->Initialize(lpCritSection, pFile, 0, pFlashback, nullptr, 0,
                                                                      OpenFileUseBuffer());
         if (nRet == 0) {
-            pFile->m_pStorageFile = pStorage;
+            // Published whole: the main thread that sees it reads the heads
+            // and pages Initialize put into the cache.
+            TalvorStoreShared(&pFile->m_pStorageFile, pStorage);
             continue;
         }
         Trace(kind.lpszThread, 1, pStorage == nullptr ? kind.nNoObjectCode : kind.nInitFailCode,

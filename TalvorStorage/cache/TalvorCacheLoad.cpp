@@ -263,7 +263,7 @@ BYTE CTalvorCacheStorage::ServeSlot(LPTALVORCRITICALSECTION lpCritSection, LPCac
     }
     LPBYTE lpTarget = SlotTarget(lpSlot, nSize);
     BOOL bInFile = nSize >= (int)sizeof(BASEBLOCKHEAD) && llFileOffset >= CACHE_BLOCK_SIZE &&
-                   llFileOffset <= pFileInfo->m_liFileSize - nSize;
+                   llFileOffset <= TalvorLoadShared(&pFileInfo->m_liFileSize) - nSize;
     if (lpTarget == nullptr || !bInFile || nBlockNo == 0) {
         Trace("StorageLoad", 1, 60004003,
               TALVOR_TEXT("加载请求超出缓存或文件,拒绝加载,文件号:%d,块号:%u,文件位置:%lld,大小:%d,缓存位置:%lld",

@@ -242,14 +242,25 @@ int ScanPiece(Sweep& s, MapCursor& c, long long llFrom, int nLen, long long& llN
     return SWEEP_DONE;
 }
 
-void ShowLoad(LPFILEINFO pFileInfo, long long llSize) { TalvorSetLoadSize(pFileInfo, llSize); }
+// The load size lives in the file's row of the system image, which a
+// growing flush thread writes too: the module writes it under its latch.
+void ShowLoad(CTalvorCacheStorage* pCache, LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo,
+              long long llSize)
+{
+    if (pCache->m_pCacheModule != nullptr)
+        pCache->m_pCacheModule->ShowLoadSize(lpCritSection, pFileInfo, llSize);
+    else
+        TalvorSetLoadSize(pFileInfo, llSize);
+}
 
 // One file from 32768 up to its free offset (bounded by its size), each
 // piece read on this thread.
 int SweepFileAlone(LPTALVORCRITICALSECTION lpCritSection, Sweep& s, MapCursor& c)
 {
     long long llStop = s.m_lpHead->m_nFileFreeMemoryOffset;
-    if (llStop > s.m_pFileInfo->m_liFileSize) llStop = s.m_pFileInfo->m_liFileSize;
+    // The flush thread may grow the file meanwhile: its size read once.
+    const long long llFileSize = TalvorLoadShared(&s.m_pFileInfo->m_liFileSize);
+    if (llStop > llFileSize) llStop = llFileSize;
     long long llPos = CACHE_PRELOAD_FROM;
     Settle(c, s.m_lpHead->m_nBlockNum);
     while (llPos < llStop && !c.m_bEnd && !c.m_bBroken) {
@@ -260,7 +271,7 @@ int SweepFileAlone(LPTALVORCRITICALSECTION lpCritSection, Sweep& s, MapCursor& c
         long long llNext = llPos;
         if (ScanPiece(s, c, llPos, nLen, llNext) == SWEEP_FULL) return SWEEP_FULL;
         llPos = llNext;
-        ShowLoad(s.m_pFileInfo, llPos);
+        ShowLoad(s.m_pCache, lpCritSection, s.m_pFileInfo, llPos);
     }
     return c.m_bBroken ? SWEEP_FAILED : SWEEP_DONE;
 }
@@ -341,7 +352,9 @@ int TakePiece(LPTALVORCRITICALSECTION lpCritSection, Ahead& a, const Previous& p
 int SweepFileAhead(LPTALVORCRITICALSECTION lpCritSection, Sweep& s, MapCursor& c, Ahead& a)
 {
     long long llStop = s.m_lpHead->m_nFileFreeMemoryOffset;
-    if (llStop > s.m_pFileInfo->m_liFileSize) llStop = s.m_pFileInfo->m_liFileSize;
+    // The flush thread may grow the file meanwhile: its size read once.
+    const long long llFileSize = TalvorLoadShared(&s.m_pFileInfo->m_liFileSize);
+    if (llStop > llFileSize) llStop = llFileSize;
     long long llPos = CACHE_PRELOAD_FROM;
     Previous prev = {nullptr, 0, 0};
     Settle(c, s.m_lpHead->m_nBlockNum);
@@ -361,7 +374,7 @@ int SweepFileAhead(LPTALVORCRITICALSECTION lpCritSection, Sweep& s, MapCursor& c
         if (ScanPiece(s, c, llPos, nLen, llNext) == SWEEP_FULL) return SWEEP_FULL;
         prev = {lpPiece, llPos, llEnd};
         llPos = llNext;
-        ShowLoad(s.m_pFileInfo, llPos);
+        ShowLoad(s.m_pCache, lpCritSection, s.m_pFileInfo, llPos);
     }
     return c.m_bBroken ? SWEEP_FAILED : SWEEP_DONE;
 }
@@ -410,7 +423,7 @@ BOOL CTalvorCacheStorage::WaitForBackends()
         BOOL bAll = TRUE;
         LPFILEINFO p = m_pCacheModule != nullptr ? m_pCacheModule->FileList() : nullptr;
         for (int n = 0; p != nullptr && n < MAX_FILE_NUM; p = p->m_pNext, n++)
-            if (IsCacheFileType((BYTE)p->m_bFileType) && p->m_pStorageFile == nullptr) bAll = FALSE;
+            if (IsCacheFileType((BYTE)p->m_bFileType) && TalvorLoadShared(&p->m_pStorageFile) == nullptr) bAll = FALSE;
         if (bAll) return TRUE;
         if (TalvorLoadShared(&m_bExit)) return FALSE;
         Sleep(1);
@@ -524,7 +537,7 @@ HRESULT CTalvorCacheStorage::InitCacheHead(LPTALVORCRITICALSECTION lpCritSection
     // The reader's buffer; without it every piece is read on this thread.
     LPBYTE lpSecond = (LPBYTE)get_aligned_buffer((size_t)PIECE_SLACK + CACHE_PRELOAD_PIECE + 4);
     for (int i = 0; i < nFiles; i++)
-        if (arFiles[i]->m_bFileType == (char)FILETYPE_TABLE) ShowLoad(arFiles[i], arFiles[i]->m_liFileSize);
+        if (arFiles[i]->m_bFileType == (char)FILETYPE_TABLE) ShowLoad(this, lpCritSection, arFiles[i], TalvorLoadShared(&arFiles[i]->m_liFileSize));
     BOOL bFull = FALSE;
     for (int nPass = 0; nPass < 2 && !bFull; nPass++) {
         BOOL bTable = nPass == 1;
@@ -541,11 +554,11 @@ HRESULT CTalvorCacheStorage::InitCacheHead(LPTALVORCRITICALSECTION lpCritSection
                 return FailPreload(lpBuffer, E_FAIL);
             }
             bFull = nResult == SWEEP_FULL;
-            ShowLoad(p, p->m_liFileSize);
+            ShowLoad(this, lpCritSection, p, TalvorLoadShared(&p->m_liFileSize));
         }
     }
     // A full cache shows every index file as loaded: nothing more comes.
-    for (int i = 0; i < nFiles && bFull; i++) ShowLoad(arFiles[i], arFiles[i]->m_liFileSize);
+    for (int i = 0; i < nFiles && bFull; i++) ShowLoad(this, lpCritSection, arFiles[i], TalvorLoadShared(&arFiles[i]->m_liFileSize));
     free(lpSecond);
     free(lpBuffer);
     m_pCacheBufferHead->m_bStatus = CACHESTATUS_READY;

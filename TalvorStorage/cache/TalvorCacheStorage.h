@@ -109,6 +109,13 @@ public:
     // the file in (Initialize). 0; 1 when one failed (traced, m_bExit set,
     // the object deleted). The flush thread of the kind, no latch held.
     int CreateBackendsFor(LPTALVORCRITICALSECTION lpCritSection, const CacheFlushKind& kind);
+    // Holds the flush loops off file bFileNo (m_bPauseFileNo) and returns
+    // once each running loop has come round to its top since: from then on
+    // neither loop touches the file's descriptor, its backend or its row
+    // until m_bPauseFileNo goes back to 0, so the caller may change or free
+    // them. A ring entry for the file waits meanwhile. The command thread
+    // (one pause at a time), no latch held: it waits for the loops.
+    void PauseFile(BYTE bFileNo);
     // Waits (1 ms at a time, m_bExit ends it with E_FAIL) for every
     // cache-mode file's backend, then preloads index files and, when the
     // whole index fits, table files (TalvorCachePreload.cpp). A cache taken
@@ -217,6 +224,13 @@ public:
     // Set by the command thread, polled by the flush and load threads:
     // TalvorLoadShared and TalvorStoreShared only.
     volatile BYTE m_bPauseFileNo;
+    // PauseFile's count of pauses, and per flush loop (table, index) the
+    // count its loop top last saw and whether the loop runs: the handshake
+    // that tells the command thread a loop no longer holds a paused file.
+    // TalvorLoadShared and TalvorStoreShared only.
+    volatile UINT m_nPauseSeq = 0;
+    volatile UINT m_arPauseSeen[2] = {0, 0};
+    volatile BYTE m_arFlushLoopUp[2] = {0, 0};
     // Polled by the flush, load and preload threads: TalvorLoadShared and
     // TalvorStoreShared only.
     volatile BYTE m_bExit;
@@ -274,6 +288,10 @@ private:
     BOOL EntryInsideFile(const stu_CacheFlush* p, LPFILEINFO pFile, const CacheFlushKind& kind, int nPos);
     LPBYTE SegmentBytes(long long llOffset, long long llSize) const;
     LPFILEINFO FileOfKind(BYTE bFileNo, BYTE bFileType) const;
+    // TRUE for the file PauseFile holds the loops off.
+    BOOL IsPausedFile(BYTE bFileNo) const;
+    // FileOfKind for the loops' sweeps over every file: null for a paused one.
+    LPFILEINFO SweptFileOfKind(BYTE bFileNo, BYTE bFileType) const;
     void GiveBackImage(const stu_CacheFlush* p);
     BYTE OpenFileUseBuffer() const;
     // The last pass (TalvorCacheFlushLast.cpp); main thread, no latch.

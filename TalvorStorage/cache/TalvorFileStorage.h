@@ -335,9 +335,11 @@ private:
     // for it or the recorded block lies outside the block area.
     LPTABLEFILEHEAD CachedHead(LPFILEINFO pFileInfo) const;
 
-    // Growth (TalvorFileStorageGrow.cpp); m_crit held.
+    // Growth (TalvorFileStorageGrow.cpp); m_crit held, except by
+    // RecordFileSize (the module's row of the file, the module's latch),
+    // which is called with no latch held.
     LPSYSTEMFILEHEAD SystemHead() const;
-    void RecordFileSize(LPSYSTEMFILEHEAD lpSystemHead, LPTABLEFILEHEAD lpHead, long long llSize);
+    void RecordFileSize(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, long long llSize, BOOL bLoadSize);
     int AppendZeros(LPBYTE lpBuffer, int nBufferSize, long long llFrom, long long nFileSize);
     int WriteHeadToDisk(LPTABLEFILEHEAD lpHead);
 

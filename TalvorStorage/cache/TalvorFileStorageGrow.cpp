@@ -24,13 +24,13 @@ LPSYSTEMFILEHEAD CTalvorFileStorage::SystemHead() const
     return pModule != nullptr ? pModule->SystemHead() : nullptr;
 }
 
-void CTalvorFileStorage::RecordFileSize(LPSYSTEMFILEHEAD lpSystemHead, LPTABLEFILEHEAD lpHead, long long llSize)
+void CTalvorFileStorage::RecordFileSize(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, long long llSize,
+                                        BOOL bLoadSize)
 {
-    lpHead->m_nFileTotalSize = llSize;
-    if (m_pFileInfo->m_lpFileInfo != nullptr) m_pFileInfo->m_lpFileInfo->m_nFileSize = llSize;
-    if (m_pFileInfo->m_pSaveFlag != nullptr) *m_pFileInfo->m_pSaveFlag = 1;
-    lpSystemHead->m_stFileObject[SYSTEMFILE_FILELIST_OBJECTID].m_bSaveFlag = 1;
-    lpSystemHead->m_bSaveFlag = 1;
+    // The row lives in the system image, which the save pass copies under
+    // the module's latch: the module writes it under that latch.
+    ITalvorCacheModule* pModule = m_pTalvorCacheStorage != nullptr ? m_pTalvorCacheStorage->m_pCacheModule : nullptr;
+    if (pModule != nullptr) pModule->RecordFileSize(lpCritSection, pFileInfo, llSize, bLoadSize);
 }
 
 int CTalvorFileStorage::AppendZeros(LPBYTE lpBuffer, int nBufferSize, long long llFrom, long long nFileSize)
@@ -51,7 +51,6 @@ int CTalvorFileStorage::AppendZeros(LPBYTE lpBuffer, int nBufferSize, long long 
             return 1;
         }
         llPos += nPiece;
-        TalvorSetLoadSize(m_pFileInfo, llPos);
     }
     return 0;
 }
@@ -85,9 +84,12 @@ int CTalvorFileStorage::ChangeFileSize(LPTALVORCRITICALSECTION lpCritSection, LP
     long long llSize = (long long)CTalvorFileIO::Current()->LSeek(Fd(), 0, SEEK_END);
     if (llSize < 0) return 1;
     if (nFileSize <= llSize) {
-        if (pFileInfo->m_liFileSize < llSize) pFileInfo->m_liFileSize = llSize;
+        if (pFileInfo->m_liFileSize < llSize) TalvorStoreShared(&pFileInfo->m_liFileSize, llSize);
         // The head learns the size the disk has, never less.
-        if (lpHead->m_nFileTotalSize < llSize) RecordFileSize(lpSystemHead, lpHead, llSize);
+        const BOOL bLearnt = lpHead->m_nFileTotalSize < llSize;
+        if (bLearnt) lpHead->m_nFileTotalSize = llSize;
+        lock.UnLock();
+        if (bLearnt) RecordFileSize(lpCritSection, pFileInfo, llSize, FALSE);
         Trace("ChangeFileSize", 3, 80007001,
               TALVOR_TEXT("文件大小不需要修改,文件路径:%s,文件大小:%lld(%lld)",
                           "File size does not need to be modified, file path: %s, file size: %lld(%lld)"),
@@ -97,16 +99,21 @@ int CTalvorFileStorage::ChangeFileSize(LPTALVORCRITICALSECTION lpCritSection, LP
     if (lpBuffer == nullptr || nBufferSize <= 0 || nBufferSize % DB_IO_ALIGN != 0) return 1;
     if (AppendZeros(lpBuffer, nBufferSize, llSize, nFileSize) != 0) return 1;
     llSize = (long long)CTalvorFileIO::Current()->LSeek(Fd(), 0, SEEK_END);
-    pFileInfo->m_liFileSize = llSize;
+    // The load threads and the preload bound their reads by the size
+    // without the file's latch.
+    TalvorStoreShared(&pFileInfo->m_liFileSize, llSize);
     if (llSize != nFileSize)
         Trace("ChangeFileSize_Cache", 1, 80007004,
               TALVOR_TEXT("文件大小异常,文件大小需要增长到:%lld,但获取的文件实际大小:%lld,文件路径:%s",
                           "File size exception, File size needs to grow to: %lld, but the actual size of the obtained file: %lld, file path: %s"),
               nFileSize, llSize, Path());
-    TalvorSetLoadSize(pFileInfo, llSize);
-    RecordFileSize(lpSystemHead, lpHead, llSize);
-    if (WriteHeadToDisk(lpHead) != 0) return 1;
+    lpHead->m_nFileTotalSize = llSize;
+    const int nHead = WriteHeadToDisk(lpHead);
+    // The module's latch ranks below this one: taken once it is given back.
     lock.UnLock();
+    // The load size lives in the row too: it moves once the growth is whole.
+    RecordFileSize(lpCritSection, pFileInfo, llSize, TRUE);
+    if (nHead != 0) return 1;
     ChechDiskFree(pFileInfo);
     Trace("ChangeFileSize", 3, 80007006,
           TALVOR_TEXT("修改文件大小成功,文件路径:%s,文件大小:%lld", "Successfully modified file size, file path: %s, file size: %lld"),

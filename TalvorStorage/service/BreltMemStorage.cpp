@@ -284,7 +284,11 @@ BOOL CBreltMemStorageModule::WaitStorageThreadEnd(UINT nWaitMs)
 HRESULT CBreltMemStorageModule::StopService(LPTALVORCRITICALSECTION lpCritSection, UINT nRedoLogMaxID)
 {
     TalvorStoreShared(&m_bExit, TRUE);
-    if (m_pMemoryFileHead != nullptr) TalvorStoreShared(&m_pMemoryFileHead->m_bForbidSaveFlag, 0);
+    if (m_pMemoryFileHead != nullptr) {
+        // A save pass copies the system image under the latch.
+        CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
+        TalvorStoreShared(&m_pMemoryFileHead->m_bForbidSaveFlag, 0);
+    }
     int nService = m_pFlashback->WaitServiceStop(lpCritSection);
     // With the engine lost, the last pass writes its dirty blocks itself.
     // The flush threads are ended first: two writers of one file's blocks

@@ -195,6 +195,14 @@ public:
     HRESULT WriteCacheIndexTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long nTimestamp,
                                      LPBYTE lpIndexTimestamp, int nTimestampNum);
     void OnFileSpaceChange(BYTE bFileType, long long nFileFreeSize);
+    // A cache-mode file grew to llSize: its row takes the size (with
+    // bLoadSize the load size too) and the row, the file list and the head
+    // are marked for saving. Any thread, no latch held; takes m_crit, under
+    // which the save pass copies the image.
+    void RecordCacheFileSize(LPTALVORCRITICALSECTION lpCritSection, stu_FILEINFO* p, long long llSize, BOOL bLoadSize);
+    // The cache preload's progress into the file's row, under m_crit. Main
+    // thread, no latch held.
+    void ShowCacheLoadSize(LPTALVORCRITICALSECTION lpCritSection, stu_FILEINFO* p, long long llSize);
     // The storage thread's loop, until g_bEixt (the thread entry runs it
     // under crash containment).
     void ServeStorageCommands(LPTALVORCRITICALSECTION lpCritSection);
@@ -205,7 +213,8 @@ public:
     int RunSavePass(LPTALVORCRITICALSECTION lpCritSection, BOOL bForce, long long nTimestamp, UINT& nRedoLogMaxID);
 
     // --- Accessors for the other parts of the daemon.
-    stu_FILEINFO* GetFileInfo(BYTE bFileNo) { return m_arFileInfo[bFileNo]; }
+    // Any thread: the storage thread publishes and withdraws a file here.
+    stu_FILEINFO* GetFileInfo(BYTE bFileNo) { return TalvorLoadShared(&m_arFileInfo[bFileNo]); }
     stu_FILEINFO* GetFileInfo() { return m_pStorageInfo; }
     stu_FILEINFO** GetAllFileInfo() { return m_arFileInfo; }
     USHORT GetDatabaseGuid() { return m_pMemoryFileHead ? m_pMemoryFileHead->m_usDatabaseGuid : 0; }

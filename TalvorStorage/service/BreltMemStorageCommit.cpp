@@ -255,6 +255,27 @@ HRESULT CBreltMemStorageModule::WriteCacheIndexTimestamp(LPTALVORCRITICALSECTION
                              SYSTEMFILE_INDEXTSARRAY_OFFSET, 10018003, 10018004, TRUE);
 }
 
+void CBreltMemStorageModule::RecordCacheFileSize(LPTALVORCRITICALSECTION lpCritSection, stu_FILEINFO* p, long long llSize,
+                                                 BOOL bLoadSize)
+{
+    LPSYSTEMFILEHEAD lpHead = m_pMemoryFileHead;
+    if (p == nullptr || lpHead == nullptr) return;
+    CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
+    if (bLoadSize) TalvorSetLoadSize(p, llSize);
+    if (p->m_lpFileInfo != nullptr) p->m_lpFileInfo->m_nFileSize = llSize;
+    // The flags are polled without the latch: raised after the size.
+    if (p->m_pSaveFlag != nullptr) TalvorStoreShared(p->m_pSaveFlag, 1);
+    TalvorStoreShared(&lpHead->m_stFileObject[SYSTEMFILE_FILELIST_OBJECTID].m_bSaveFlag, 1);
+    TalvorStoreShared(&lpHead->m_bSaveFlag, 1);
+}
+
+void CBreltMemStorageModule::ShowCacheLoadSize(LPTALVORCRITICALSECTION lpCritSection, stu_FILEINFO* p, long long llSize)
+{
+    if (p == nullptr) return;
+    CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
+    TalvorSetLoadSize(p, llSize);
+}
+
 void CBreltMemStorageModule::OnFileSpaceChange(BYTE bFileType, long long nFileFreeSize)
 {
     LPSYSTEMFILEHEAD lpHead = m_pMemoryFileHead;

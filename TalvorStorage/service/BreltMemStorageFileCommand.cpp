@@ -35,9 +35,6 @@ namespace {
 
 // The work buffer of add, move and resize.
 const int FILECMD_BUFFER_SIZE = 0x400000;
-// The cache's threads are held off a file being moved; they look at the
-// pause mark between two requests.
-const useconds_t CACHE_PAUSE_SETTLE_US = 1000;
 // A released image may still be touched by the engine for a moment.
 const useconds_t DELETE_RELEASE_PAUSE_US = 100000;
 const size_t ROW_PATH_SIZE = sizeof(((FILE_MEMDBFILEINFO*)nullptr)->m_lpszFilePath);
@@ -366,7 +363,6 @@ BYTE CBreltMemStorageModule::FileCmdAdd(LPTALVORCRITICALSECTION lpCritSection, L
         bStop = TRUE;
         return FILECMD_ADD_OUTOFMEMORY;
     }
-    m_arFileInfo[bFileNo] = p;
     IVirtualStorageFile* pStorage = nullptr;
     if (IsCacheFileType(bFileType)) {
         if (m_pTalvorCacheStorage == nullptr) {
@@ -427,6 +423,9 @@ BYTE CBreltMemStorageModule::FileCmdAdd(LPTALVORCRITICALSECTION lpCritSection, L
     }
     p->m_pNext = m_pStorageInfo;
     m_pStorageInfo = p;
+    // Published whole: the cache's threads find files by number, and one
+    // that found a half-made file would flush into it or free under it.
+    TalvorStoreShared(&m_arFileInfo[bFileNo], p);
     return FILECMD_NONE;
 }
 
@@ -576,8 +575,7 @@ BYTE CBreltMemStorageModule::FileCmdMove(LPTALVORCRITICALSECTION lpCritSection, 
     // so that the move can still be taken back whole.
     const BOOL bCache = IsCacheFileType((BYTE)p->m_bFileType) && m_pTalvorCacheStorage != nullptr;
     if (bCache) {
-        TalvorStoreShared(&m_pTalvorCacheStorage->m_bPauseFileNo, p->m_bFileNo);
-        usleep(CACHE_PAUSE_SETTLE_US);
+        m_pTalvorCacheStorage->PauseFile(p->m_bFileNo);
     }
     int nResult = MoveFileData(lpCritSection, p, row.m_szPath);
     BOOL bCopied = nResult == 0;
@@ -706,7 +704,13 @@ BYTE CBreltMemStorageModule::FileCmdResizeSystem(LPTALVORCRITICALSECTION lpCritS
 BYTE CBreltMemStorageModule::FileCmdResize(LPTALVORCRITICALSECTION lpCritSection, LPFILE_MEMDBFILEINFO lpRow)
 {
     RowText row(lpRow);
-    const long long nTarget = RowFileSize(lpRow);
+    long long nTarget = 0;
+    {
+        // A flush thread that grows the file writes the row's size under
+        // the latch.
+        CTalvorCriticalSectionPtr lock(&m_crit, lpCritSection);
+        nTarget = RowFileSize(lpRow);
+    }
     stu_FILEINFO* p = FindStorageInfo(lpRow->m_bFileNo);
     if (p == nullptr) {
         Trace("MemFileCMD", 1, 10060031,
@@ -715,24 +719,31 @@ BYTE CBreltMemStorageModule::FileCmdResize(LPTALVORCRITICALSECTION lpCritSection
               (int)lpRow->m_bFileNo, row.m_szPath, row.m_szName);
         return FILECMD_NO_SUCH_FILE;
     }
-    if (nTarget == p->m_liFileSize) return FILECMD_NONE;
+    // A flush thread may grow the file meanwhile: its size read once.
+    const long long llSize = TalvorLoadShared(&p->m_liFileSize);
+    if (nTarget == llSize) return FILECMD_NONE;
     // A smaller file would cut blocks the engine holds; a size off the
     // sector grid cannot be written directly.
-    if (nTarget < p->m_liFileSize || nTarget % DB_IO_ALIGN != 0 || p->m_pStorageFile == nullptr) {
+    if (nTarget < llSize || nTarget % DB_IO_ALIGN != 0 || p->m_pStorageFile == nullptr) {
         Trace("MemFileCMD", 1, 10060033,
               TALVOR_TEXT("修改文件大小的命令被拒绝,文件不能缩小,且大小须为512的倍数,文件号:%d,路径:%s,现有大小:%lld,要求大小:%lld",
                           "The command to change the file size was refused: a file cannot shrink, and its size must be a multiple of 512, file number: %d, path: %s, present size: %lld, size asked: %lld"),
-              (int)p->m_bFileNo, p->m_lpszFilePath, p->m_liFileSize, nTarget);
+              (int)p->m_bFileNo, p->m_lpszFilePath, llSize, nTarget);
         return FILECMD_RESIZE_FAILED;
     }
     LPTALVORPROGRESS lpProgress = m_pFlashback != nullptr ? m_pFlashback->GetTalvorProgress() : nullptr;
     int nResult = 0;
+    // The flush thread's own growth reads the cached head without the
+    // file's latch: it is held off the file while the size changes.
+    const BOOL bCache = IsCacheFileType((BYTE)p->m_bFileType) && m_pTalvorCacheStorage != nullptr;
+    if (bCache) m_pTalvorCacheStorage->PauseFile(p->m_bFileNo);
     {
         WorkBuffer work(m_lpBuffer, m_nBufferSize);
         nResult = p->m_pStorageFile->ChangeFileSize(lpCritSection, p, m_pMemoryFileHead->m_nEndTimestamp,
                                                     m_pMemoryFileHead->m_nBeginTimestamp, work.Buffer(), m_lpHeadBuf,
                                                     nTarget, work.Size(), lpProgress);
     }
+    if (bCache) TalvorStoreShared(&m_pTalvorCacheStorage->m_bPauseFileNo, 0);
     if (nResult == 0) return FILECMD_NONE;
     Trace("MemFileCMD", 1, 10060032,
           TALVOR_TEXT("系统收到修改物理文件路径的命令,但写入新文件失败,文件路径:%s,内存文件名:%s",
@@ -761,15 +772,16 @@ BYTE CBreltMemStorageModule::FileCmdDelete(LPTALVORCRITICALSECTION lpCritSection
     // and its handles go: a descriptor closed under a flush could be reused
     // by another file.
     const BOOL bCache = IsCacheFileType((BYTE)p->m_bFileType) && m_pTalvorCacheStorage != nullptr;
+    // The flush loops look at every file by number, whatever its mode.
+    const BOOL bPause = m_pTalvorCacheStorage != nullptr;
+    if (bPause) m_pTalvorCacheStorage->PauseFile(bFileNo);
     if (bCache) {
-        TalvorStoreShared(&m_pTalvorCacheStorage->m_bPauseFileNo, bFileNo);
-        usleep(CACHE_PAUSE_SETTLE_US);
         if (p->m_pStorageFile != nullptr) {
             CTalvorCriticalSectionPtr wait(&static_cast<CTalvorFileStorage*>(p->m_pStorageFile)->m_crit, lpCritSection);
         }
     }
     UnlinkStorageInfo(p);
-    m_arFileInfo[bFileNo] = nullptr;
+    TalvorStoreShared(&m_arFileInfo[bFileNo], nullptr);
     if (p->m_pStorageFile != nullptr) p->m_pStorageFile->Release();
     Talvor_CloseFile(p->m_hFile);
     Talvor_CloseFile(p->m_hFile2);
@@ -793,6 +805,6 @@ BYTE CBreltMemStorageModule::FileCmdDelete(LPTALVORCRITICALSECTION lpCritSection
               bAllowed ? errno : EPERM, (int)bFileNo, p->m_lpszFilePath, p->m_lpszTablespaceName);
     }
     free(p);
-    if (bCache) TalvorStoreShared(&m_pTalvorCacheStorage->m_bPauseFileNo, 0);
+    if (bPause) TalvorStoreShared(&m_pTalvorCacheStorage->m_bPauseFileNo, 0);
     return FILECMD_NONE;
 }

@@ -20,6 +20,17 @@ void CStorageCacheBridge::OnFileSpaceChange(BYTE bFileType, long long nFreeMiB)
     m_pModule->OnFileSpaceChange(bFileType, nFreeMiB);
 }
 
+void CStorageCacheBridge::RecordFileSize(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, long long llSize,
+                                         BOOL bLoadSize)
+{
+    m_pModule->RecordCacheFileSize(lpCritSection, pFileInfo, llSize, bLoadSize);
+}
+
+void CStorageCacheBridge::ShowLoadSize(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, long long llSize)
+{
+    m_pModule->ShowCacheLoadSize(lpCritSection, pFileInfo, llSize);
+}
+
 HRESULT CStorageCacheBridge::WriteCacheTableTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long llTimestamp,
                                                       LPBYTE lpTimestampBuf, int nTimestampNum)
 {

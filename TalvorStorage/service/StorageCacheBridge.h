@@ -21,6 +21,11 @@ public:
     LPSYSTEMFILEHEAD SystemHead() override;
     // The storage thread's disk-space warning, as for memory-mode files.
     void OnFileSpaceChange(BYTE bFileType, long long nFreeMiB) override;
+    // A flush thread or the storage thread (a resize); takes the module's latch.
+    void RecordFileSize(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, long long llSize,
+                        BOOL bLoadSize) override;
+    // The main thread's preload; takes the module's latch.
+    void ShowLoadSize(LPTALVORCRITICALSECTION lpCritSection, LPFILEINFO pFileInfo, long long llSize) override;
     // A flush thread; the module's writers take their own latches.
     HRESULT WriteCacheTableTimestamp(LPTALVORCRITICALSECTION lpCritSection, long long llTimestamp,
                                      LPBYTE lpTimestampBuf, int nTimestampNum) override;

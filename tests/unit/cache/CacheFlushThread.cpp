@@ -3,6 +3,7 @@
 #include "FlushRingFixture.h"
 #include "TestClock.h"
 
+#include <atomic>
 #include <chrono>
 #include <sys/stat.h>
 #include <thread>
@@ -87,6 +88,49 @@ TEST_F(FlushRing, APausedFileHoldsTheRingUntilThePauseEnds)
     t.join();
     EXPECT_EQ((std::vector<int>{CACHEFLUSH_DONE, CACHEFLUSH_DONE}), Results());
     EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
+}
+
+TEST_F(FlushRing, APauseIsGrantedOnlyOnceTheLoopIsOffTheFileAndKeepsItOff)
+{
+    MakeRing();
+    static char s_cFlashback;
+    m_module.m_pFlashback = reinterpret_cast<CTalvorFlashback*>(&s_cFlashback);
+    static SYSTEMFILEHEAD s_stHead;
+    m_module.m_pSystemHead = &s_stHead;
+    // A file short of room, so that the loop's first round grows it.
+    LPTABLEFILEHEAD lpHead = (LPTABLEFILEHEAD)(Base() + (long long)Head()->m_nFileInfoNo[FS_FILE_NO] * CACHE_BLOCK_SIZE);
+    memset(lpHead, 0, CACHE_PAGE_SIZE);
+    lpHead->m_nDataFlag = TABLEFILE_DATAFLAG;
+    lpHead->m_bFileType = FILETYPE_TABLE;
+    lpHead->m_bFileNo = FS_FILE_NO;
+    lpHead->m_nFileTotalSize = FS_FILE_SIZE;
+    lpHead->m_nFileFreeMemoryOffset = FS_FILE_SIZE - FS_PART;
+    // Short rounds, so that the paused file is passed over many times.
+    m_pCache->m_nWaitTime = 20;
+    // The growth hangs on its first write: the loop is inside the file.
+    m_io.Hold(FileOp::PWrite);
+    std::thread tLoop([&] { EXPECT_EQ(S_OK, m_pCache->StorageFlush(nullptr)); });
+    ASSERT_TRUE(m_io.WaitHeld(20000)) << "the loop never grew the file";
+    std::atomic<bool> bGranted{false};
+    std::thread tPause([&] {
+        m_pCache->PauseFile(FS_FILE_NO);
+        bGranted = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_FALSE(bGranted.load()) << "the pause was granted while the loop still grew the file";
+    m_io.Release();
+    EXPECT_TRUE(WaitUntil([&] { return bGranted.load(); }, 20000));
+    tPause.join();
+    const long long llGrown = Val(lpHead->m_nFileTotalSize);
+    EXPECT_EQ(FS_FILE_SIZE + CACHEFLUSH_GROW_SIZE, llGrown);
+    // Short of room again while paused: the loop's rounds leave it alone.
+    lpHead->m_nFileFreeMemoryOffset = llGrown - FS_PART;
+    // Long enough for a growth of the file to end (it shows at its end).
+    std::this_thread::sleep_for(std::chrono::milliseconds(2000));
+    EXPECT_EQ(llGrown, Val(lpHead->m_nFileTotalSize)) << "the loop grew a paused file";
+    TalvorStoreShared(&m_pCache->m_bPauseFileNo, 0);
+    TalvorStoreShared(&m_pCache->m_bExit, 1);
+    tLoop.join();
 }
 
 TEST_F(FlushRing, AtTheStopAPausedEntryStaysPostedForTheNextDaemon)

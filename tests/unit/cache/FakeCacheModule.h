@@ -31,6 +31,17 @@ public:
         m_bSpaceType = bFileType;
         m_nSpaceFree = nFreeMiB;
     }
+    // As the module: the row's size (and load size) and the three save marks.
+    void RecordFileSize(LPTALVORCRITICALSECTION, LPFILEINFO p, long long llSize, BOOL bLoadSize) override
+    {
+        if (p == nullptr || m_pSystemHead == nullptr) return;
+        if (bLoadSize) TalvorSetLoadSize(p, llSize);
+        if (p->m_lpFileInfo != nullptr) p->m_lpFileInfo->m_nFileSize = llSize;
+        if (p->m_pSaveFlag != nullptr) TalvorStoreShared(p->m_pSaveFlag, 1);
+        TalvorStoreShared(&m_pSystemHead->m_stFileObject[SYSTEMFILE_FILELIST_OBJECTID].m_bSaveFlag, 1);
+        TalvorStoreShared(&m_pSystemHead->m_bSaveFlag, 1);
+    }
+    void ShowLoadSize(LPTALVORCRITICALSECTION, LPFILEINFO p, long long llSize) override { TalvorSetLoadSize(p, llSize); }
     HRESULT WriteCacheTableTimestamp(LPTALVORCRITICALSECTION, long long llTs, LPBYTE lpBuf, int nNum) override
     {
         return Record(false, llTs, lpBuf, nNum);
