@@ -272,8 +272,8 @@ BYTE CTalvorCacheStorage::CarryOutTimestamps(LPTALVORCRITICALSECTION lpCritSecti
             hr = m_pCacheModule->WriteCacheTableTimestamp(lpCritSection, llTimestamp, lpArray, p->m_nTimestampNum);
     }
     if (lpArray != nullptr && m_pFlushTimestampFile != nullptr) {
-        TalvorFlushCPU4Write();
-        m_pFlushTimestampFile[p->m_bReserved].m_bStatus = 0;
+        // The engine polls the status, and both flush loops may give back one slot.
+        TalvorStoreShared(&m_pFlushTimestampFile[p->m_bReserved].m_bStatus, 0);
     }
     if (SUCCEEDED(hr)) return CACHEFLUSH_DONE;
     Trace(kind.bIndex ? "StorageIndexFlush" : "StorageFlush", 1, kind.nNotCommittedCode,
