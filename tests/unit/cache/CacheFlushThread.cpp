@@ -93,18 +93,8 @@ TEST_F(FlushRing, APausedFileHoldsTheRingUntilThePauseEnds)
 TEST_F(FlushRing, APauseIsGrantedOnlyOnceTheLoopIsOffTheFileAndKeepsItOff)
 {
     MakeRing();
-    static char s_cFlashback;
-    m_module.m_pFlashback = reinterpret_cast<CTalvorFlashback*>(&s_cFlashback);
-    static SYSTEMFILEHEAD s_stHead;
-    m_module.m_pSystemHead = &s_stHead;
     // A file short of room, so that the loop's first round grows it.
-    LPTABLEFILEHEAD lpHead = (LPTABLEFILEHEAD)(Base() + (long long)Head()->m_nFileInfoNo[FS_FILE_NO] * CACHE_BLOCK_SIZE);
-    memset(lpHead, 0, CACHE_PAGE_SIZE);
-    lpHead->m_nDataFlag = TABLEFILE_DATAFLAG;
-    lpHead->m_bFileType = FILETYPE_TABLE;
-    lpHead->m_bFileNo = FS_FILE_NO;
-    lpHead->m_nFileTotalSize = FS_FILE_SIZE;
-    lpHead->m_nFileFreeMemoryOffset = FS_FILE_SIZE - FS_PART;
+    LPTABLEFILEHEAD lpHead = FileShortOfRoom();
     // Short rounds, so that the paused file is passed over many times.
     m_pCache->m_nWaitTime = 20;
     // The growth hangs on its first write: the loop is inside the file.
@@ -147,18 +137,7 @@ TEST_F(FlushRing, AtTheStopAPausedEntryStaysPostedForTheNextDaemon)
 TEST_F(FlushRing, AFileShortOfRoomGrowsAndTheEntryPastItsOldEndGoesThrough)
 {
     MakeRing();
-    static char s_cFlashback;
-    m_module.m_pFlashback = reinterpret_cast<CTalvorFlashback*>(&s_cFlashback);
-    static SYSTEMFILEHEAD s_stHead;
-    m_module.m_pSystemHead = &s_stHead;
-    // The file's cached head: 20 MiB, nearly all of it in use.
-    LPTABLEFILEHEAD lpHead = (LPTABLEFILEHEAD)(Base() + (long long)Head()->m_nFileInfoNo[FS_FILE_NO] * CACHE_BLOCK_SIZE);
-    memset(lpHead, 0, CACHE_PAGE_SIZE);
-    lpHead->m_nDataFlag = TABLEFILE_DATAFLAG;
-    lpHead->m_bFileType = FILETYPE_TABLE;
-    lpHead->m_bFileNo = FS_FILE_NO;
-    lpHead->m_nFileTotalSize = FS_FILE_SIZE;
-    lpHead->m_nFileFreeMemoryOffset = FS_FILE_SIZE - FS_PART;
+    LPTABLEFILEHEAD lpHead = FileShortOfRoom();
     // 32 entries to nothing, so that the 33rd runs the space check first.
     for (int i = 0; i < CACHEFLUSH_SPACE_EVERY - 1; i++) {
         stu_CacheFlush* p = Next();

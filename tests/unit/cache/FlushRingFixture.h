@@ -133,6 +133,25 @@ protected:
         return v;
     }
 
+    // The file's cached head, 20 MiB nearly all in use, so that the flush
+    // loop's space check grows it; growth needs a flashback and a system head.
+    LPTABLEFILEHEAD FileShortOfRoom()
+    {
+        static char s_cFlashback;
+        m_module.m_pFlashback = reinterpret_cast<CTalvorFlashback*>(&s_cFlashback);
+        static SYSTEMFILEHEAD s_stHead;
+        m_module.m_pSystemHead = &s_stHead;
+        LPTABLEFILEHEAD lpHead =
+            (LPTABLEFILEHEAD)(Base() + (long long)Head()->m_nFileInfoNo[FS_FILE_NO] * CACHE_BLOCK_SIZE);
+        memset(lpHead, 0, CACHE_PAGE_SIZE);
+        lpHead->m_nDataFlag = TABLEFILE_DATAFLAG;
+        lpHead->m_bFileType = FILETYPE_TABLE;
+        lpHead->m_bFileNo = FS_FILE_NO;
+        lpHead->m_nFileTotalSize = FS_FILE_SIZE;
+        lpHead->m_nFileFreeMemoryOffset = FS_FILE_SIZE - FS_PART;
+        return lpHead;
+    }
+
     long long m_llImages = 0;
     long long m_llTsImages = 0;
     int m_nPos = 0;
