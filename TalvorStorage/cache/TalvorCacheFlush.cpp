@@ -9,6 +9,7 @@
 #include "TalvorFileStorage.h"
 #include "TalvorTrace.h"
 
+#include <cassert>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -112,18 +113,49 @@ HRESULT CTalvorCacheStorage::RunFlushLoop(LPTALVORCRITICALSECTION lpCritSection,
     return S_OK;
 }
 
-void CTalvorCacheStorage::PauseFile(BYTE bFileNo)
+BOOL CTalvorCacheStorage::PauseFile(BYTE bFileNo)
 {
-    TalvorStoreShared(&m_bPauseFileNo, bFileNo);
+    assert(bFileNo != 0);  // 0 is "no pause", and every idle load thread's mark
+    // Sequentially consistent, against the load threads' mark (EnterServe).
+    __atomic_store_n(&m_bPauseFileNo, bFileNo, __ATOMIC_SEQ_CST);
     // Stored after the number: a loop that sees the count sees the number.
     const UINT nSeq = TalvorLoadShared(&m_nPauseSeq) + 1;
     TalvorStoreShared(&m_nPauseSeq, nSeq);
     // The loops' semaphores only shorten their waits.
     if (m_hCacheFlush != nullptr) SetEvent(m_hCacheFlush);
     if (m_hCacheIndexFlush != nullptr) SetEvent(m_hCacheIndexFlush);
+    const long long nDeadline = TalvorMonotonicMs() + (long long)m_nPauseDeadlineMs;
+    while (!LoopsSawPause(nSeq) || LoadServing(bFileNo)) {
+        if (TalvorMonotonicMs() >= nDeadline) {
+            ResumeFile();
+            Trace("PauseFile", 1, 60001018,
+                  TALVOR_TEXT("缓存线程未能离开文件%d(等待%u毫秒),该文件的命令被拒绝",
+                              "The cache's threads did not leave file %d within %u ms, the command on the file is refused"),
+                  (int)bFileNo, m_nPauseDeadlineMs);
+            return FALSE;
+        }
+        usleep(PAUSE_POLL_US);
+    }
+    return TRUE;
+}
+
+void CTalvorCacheStorage::ResumeFile()
+{
+    __atomic_store_n(&m_bPauseFileNo, (BYTE)0, __ATOMIC_SEQ_CST);
+}
+
+BOOL CTalvorCacheStorage::LoopsSawPause(UINT nSeq) const
+{
     for (int nLoop = 0; nLoop < 2; nLoop++)
-        while (TalvorLoadShared(&m_arFlushLoopUp[nLoop]) && TalvorLoadShared(&m_arPauseSeen[nLoop]) != nSeq)
-            usleep(PAUSE_POLL_US);
+        if (TalvorLoadShared(&m_arFlushLoopUp[nLoop]) && TalvorLoadShared(&m_arPauseSeen[nLoop]) != nSeq) return FALSE;
+    return TRUE;
+}
+
+BOOL CTalvorCacheStorage::LoadServing(BYTE bFileNo) const
+{
+    for (int i = 0; i < MAX_FILE_NUM; i++)
+        if (__atomic_load_n(&m_arLoadServing[i], __ATOMIC_SEQ_CST) == bFileNo) return TRUE;
+    return FALSE;
 }
 
 void CTalvorCacheStorage::ServeOpenRequest(LPTALVORCRITICALSECTION lpCritSection, const CacheFlushKind& kind)

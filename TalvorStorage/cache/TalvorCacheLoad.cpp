@@ -159,8 +159,10 @@ HRESULT CTalvorCacheStorage::StorageLoad(LPTALVORCRITICALSECTION lpCritSection, 
         LPCacheBufferBlockOperate lpSlot = &lpGroup[bPos];
         if (!WaitForPostedSlot(lpInfo, lpSlot, bFileNo)) continue;
         WaitForVerification(lpSlot);
-        if (!WaitWhilePaused(lpSlot)) break;
-        BYTE bSuccess = ServeSlot(lpCritSection, lpSlot, lpPrivate, nPrivateSize);
+        BYTE bSlotFile = 0;
+        if (!EnterServe(bFileNo, lpSlot, bSlotFile)) break;
+        BYTE bSuccess = ServeSlot(lpCritSection, lpSlot, bSlotFile, lpPrivate, nPrivateSize);
+        LeaveServe(bFileNo);
         AnswerSlot(lpInfo, lpSlot, bPos, nNum, bSuccess, bFileNo);
     }
     free(lpPrivate);
@@ -216,15 +218,25 @@ void CTalvorCacheStorage::WaitForVerification(LPCacheBufferBlockOperate lpSlot)
     }
 }
 
-// FALSE when told to stop while the slot's file is paused.
-BOOL CTalvorCacheStorage::WaitWhilePaused(LPCacheBufferBlockOperate lpSlot)
+BOOL CTalvorCacheStorage::EnterServe(BYTE bThreadFile, LPCacheBufferBlockOperate lpSlot, BYTE& bSlotFile)
 {
-    while (lpSlot->m_bFileNo == TalvorLoadShared(&m_bPauseFileNo) && lpSlot->m_bFileNo != 0) {
-        if (TalvorLoadShared(&m_bExit)) return FALSE;
+    for (;;) {
+        bSlotFile = lpSlot->m_bFileNo;
+        // Marked before the pause is read: see m_arLoadServing.
+        __atomic_store_n(&m_arLoadServing[bThreadFile], bSlotFile, __ATOMIC_SEQ_CST);
+        if (TalvorLoadShared(&m_bExit)) break;
+        if (bSlotFile == 0 || bSlotFile != __atomic_load_n(&m_bPauseFileNo, __ATOMIC_SEQ_CST)) return TRUE;
+        LeaveServe(bThreadFile);
         Sleep(PAUSE_SLEEP_MS);
         WaitForVerification(lpSlot);
     }
-    return TalvorLoadShared(&m_bExit) ? FALSE : TRUE;
+    LeaveServe(bThreadFile);
+    return FALSE;
+}
+
+void CTalvorCacheStorage::LeaveServe(BYTE bThreadFile)
+{
+    __atomic_store_n(&m_arLoadServing[bThreadFile], (BYTE)0, __ATOMIC_SEQ_CST);
 }
 
 // The cache block a slot names, when [offset, offset + nSize) lies inside
@@ -241,10 +253,10 @@ LPBYTE CTalvorCacheStorage::SlotTarget(LPCacheBufferBlockOperate lpSlot, int nSi
 }
 
 BYTE CTalvorCacheStorage::ServeSlot(LPTALVORCRITICALSECTION lpCritSection, LPCacheBufferBlockOperate lpSlot,
-                                    LPBYTE& lpPrivate, int& nPrivateSize)
+                                    BYTE bSlotFile, LPBYTE& lpPrivate, int& nPrivateSize)
 {
-    // One copy of every field: the engine may still write the slot.
-    BYTE bSlotFile = lpSlot->m_bFileNo;
+    // One copy of every field: the engine may still write the slot. The
+    // file is the one the pause was checked against.
     UINT nBlockNo = lpSlot->m_nBlockNo;
     long long llFileOffset = lpSlot->m_llFileBlockOffset;
     int nSize = lpSlot->m_nBlockSize;

@@ -35,6 +35,11 @@ inline constexpr int CACHE_RESULT_NOFREEBLOCK = 9500;   // the free chain is emp
 inline constexpr int CACHE_RESULT_BADCHAIN = 1;         // a chain or a page in it is not what it should be
 inline constexpr int CACHE_RESULT_NOCHAIN = 4;          // a head names no following page in the cache
 
+// How long a file command waits for the cache's threads to leave a file
+// before it is refused, in ms: far past any one write of a healthy disk (a
+// growth writes 64 MiB), so only a hung one reaches it.
+inline constexpr UINT CACHE_PAUSE_DEADLINE_MS = 60000;
+
 // ---- Load threads (TalvorCacheLoad.cpp) ----
 // How long Free waits for one load thread to end, in ms.
 inline constexpr UINT CACHE_LOAD_JOIN_MS = 10000;
@@ -109,13 +114,21 @@ public:
     // the file in (Initialize). 0; 1 when one failed (traced, m_bExit set,
     // the object deleted). The flush thread of the kind, no latch held.
     int CreateBackendsFor(LPTALVORCRITICALSECTION lpCritSection, const CacheFlushKind& kind);
-    // Holds the flush loops off file bFileNo (m_bPauseFileNo) and returns
-    // once each running loop has come round to its top since: from then on
-    // neither loop touches the file's descriptor, its backend or its row
-    // until m_bPauseFileNo goes back to 0, so the caller may change or free
-    // them. A ring entry for the file waits meanwhile. The command thread
-    // (one pause at a time), no latch held: it waits for the loops.
-    void PauseFile(BYTE bFileNo);
+    // Holds the cache's threads off file bFileNo (m_bPauseFileNo). TRUE once
+    // each running flush loop has come round to its top since and no load
+    // thread is serving a slot of the file: from then on none of them
+    // touches the file's descriptor, its backend or its row until
+    // ResumeFile, so the caller may change or free them. A ring entry or a
+    // load slot for the file waits meanwhile. FALSE when that has not
+    // happened within m_nPauseDeadlineMs (a thread hung in a write): the
+    // pause is taken back, 60001018 is traced, and the caller must leave the
+    // file alone. The command thread (one pause at a time), no latch held:
+    // it waits for the other threads.
+    BOOL PauseFile(BYTE bFileNo);
+    // Ends the pause PauseFile granted. The command thread.
+    void ResumeFile();
+    // How long PauseFile waits for the threads; tests shorten it.
+    UINT m_nPauseDeadlineMs = CACHE_PAUSE_DEADLINE_MS;
     // Waits (1 ms at a time, m_bExit ends it with E_FAIL) for every
     // cache-mode file's backend, then preloads index files and, when the
     // whole index fits, table files (TalvorCachePreload.cpp). A cache taken
@@ -231,6 +244,11 @@ public:
     volatile UINT m_nPauseSeq = 0;
     volatile UINT m_arPauseSeen[2] = {0, 0};
     volatile BYTE m_arFlushLoopUp[2] = {0, 0};
+    // Per load thread (by its file number), the file of the slot it is
+    // serving, 0 for none. It and m_bPauseFileNo are each stored before the
+    // other is read, both sequentially consistent (PauseFile, EnterServe):
+    // a load thread either sees the pause or is seen serving.
+    volatile BYTE m_arLoadServing[MAX_FILE_NUM] = {};
     // Polled by the flush, load and preload threads: TalvorLoadShared and
     // TalvorStoreShared only.
     volatile BYTE m_bExit;
@@ -309,9 +327,17 @@ private:
     void CloseLoadEvents(BYTE bFileNo);
     BOOL WaitForPostedSlot(LPstu_FileCacheLoadInfo lpInfo, LPCacheBufferBlockOperate lpSlot, BYTE bFileNo);
     void WaitForVerification(LPCacheBufferBlockOperate lpSlot);
-    BOOL WaitWhilePaused(LPCacheBufferBlockOperate lpSlot);
-    BYTE ServeSlot(LPTALVORCRITICALSECTION lpCritSection, LPCacheBufferBlockOperate lpSlot, LPBYTE& lpPrivate,
-                   int& nPrivateSize);
+    // Marks the thread of bThreadFile as serving the slot's file (bSlotFile,
+    // read once), as soon as that file is not paused: TRUE; FALSE with the
+    // mark cleared when told to stop. LeaveServe clears the mark.
+    BOOL EnterServe(BYTE bThreadFile, LPCacheBufferBlockOperate lpSlot, BYTE& bSlotFile);
+    void LeaveServe(BYTE bThreadFile);
+    // TRUE while a load thread serves a slot of bFileNo.
+    BOOL LoadServing(BYTE bFileNo) const;
+    // TRUE once every running flush loop has seen pause nSeq.
+    BOOL LoopsSawPause(UINT nSeq) const;
+    BYTE ServeSlot(LPTALVORCRITICALSECTION lpCritSection, LPCacheBufferBlockOperate lpSlot, BYTE bSlotFile,
+                   LPBYTE& lpPrivate, int& nPrivateSize);
     LPBYTE SlotTarget(LPCacheBufferBlockOperate lpSlot, int nSize) const;
     // TRUE when the file holds [llFileOffset, + nSize) whole (one stat).
     static BOOL OnDisk(LPFILEINFO pFileInfo, long long llFileOffset, int nSize);

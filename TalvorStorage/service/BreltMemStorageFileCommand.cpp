@@ -574,9 +574,7 @@ BYTE CBreltMemStorageModule::FileCmdMove(LPTALVORCRITICALSECTION lpCritSection, 
     // the list names the copy: nothing is written to either file meanwhile,
     // so that the move can still be taken back whole.
     const BOOL bCache = IsCacheFileType((BYTE)p->m_bFileType) && m_pTalvorCacheStorage != nullptr;
-    if (bCache) {
-        m_pTalvorCacheStorage->PauseFile(p->m_bFileNo);
-    }
+    if (bCache && !m_pTalvorCacheStorage->PauseFile(p->m_bFileNo)) return MoveAnswer(lpRow, p, FILECMD_MOVE_FAILED);
     int nResult = MoveFileData(lpCritSection, p, row.m_szPath);
     BOOL bCopied = nResult == 0;
     // The new file's name on the medium, then the list naming it, and only
@@ -594,10 +592,10 @@ BYTE CBreltMemStorageModule::FileCmdMove(LPTALVORCRITICALSECTION lpCritSection, 
     // The list on disk still names the old file, which is whole: the file
     // goes back there, or later passes would leave it behind.
     if (nResult != 0 && bCopied && TakeMoveBack(lpCritSection, p, szOldPath) != 0) {
-        if (bCache) TalvorStoreShared(&m_pTalvorCacheStorage->m_bPauseFileNo, 0);
+        if (bCache) m_pTalvorCacheStorage->ResumeFile();
         return MoveAnswer(lpRow, p, FILECMD_MOVE_FAILED);
     }
-    if (bCache) TalvorStoreShared(&m_pTalvorCacheStorage->m_bPauseFileNo, 0);
+    if (bCache) m_pTalvorCacheStorage->ResumeFile();
     if (nResult != 0) {
         Trace("MemFileCMD", 1, 10060023,
               TALVOR_TEXT("系统收到修改物理文件路径的命令,但写入新文件失败,文件路径:%s,内存文件名:%s",
@@ -736,14 +734,14 @@ BYTE CBreltMemStorageModule::FileCmdResize(LPTALVORCRITICALSECTION lpCritSection
     // The flush thread's own growth reads the cached head without the
     // file's latch: it is held off the file while the size changes.
     const BOOL bCache = IsCacheFileType((BYTE)p->m_bFileType) && m_pTalvorCacheStorage != nullptr;
-    if (bCache) m_pTalvorCacheStorage->PauseFile(p->m_bFileNo);
+    if (bCache && !m_pTalvorCacheStorage->PauseFile(p->m_bFileNo)) return FILECMD_RESIZE_FAILED;
     {
         WorkBuffer work(m_lpBuffer, m_nBufferSize);
         nResult = p->m_pStorageFile->ChangeFileSize(lpCritSection, p, m_pMemoryFileHead->m_nEndTimestamp,
                                                     m_pMemoryFileHead->m_nBeginTimestamp, work.Buffer(), m_lpHeadBuf,
                                                     nTarget, work.Size(), lpProgress);
     }
-    if (bCache) TalvorStoreShared(&m_pTalvorCacheStorage->m_bPauseFileNo, 0);
+    if (bCache) m_pTalvorCacheStorage->ResumeFile();
     if (nResult == 0) return FILECMD_NONE;
     Trace("MemFileCMD", 1, 10060032,
           TALVOR_TEXT("系统收到修改物理文件路径的命令,但写入新文件失败,文件路径:%s,内存文件名:%s",
@@ -774,7 +772,9 @@ BYTE CBreltMemStorageModule::FileCmdDelete(LPTALVORCRITICALSECTION lpCritSection
     const BOOL bCache = IsCacheFileType((BYTE)p->m_bFileType) && m_pTalvorCacheStorage != nullptr;
     // The flush loops look at every file by number, whatever its mode.
     const BOOL bPause = m_pTalvorCacheStorage != nullptr;
-    if (bPause) m_pTalvorCacheStorage->PauseFile(bFileNo);
+    // A thread that will not leave the file may still use its backend: the
+    // delete waits for the next walk, the command left where it stands.
+    if (bPause && !m_pTalvorCacheStorage->PauseFile(bFileNo)) return FILECMD_DELETE;
     if (bCache) {
         if (p->m_pStorageFile != nullptr) {
             CTalvorCriticalSectionPtr wait(&static_cast<CTalvorFileStorage*>(p->m_pStorageFile)->m_crit, lpCritSection);
@@ -805,6 +805,6 @@ BYTE CBreltMemStorageModule::FileCmdDelete(LPTALVORCRITICALSECTION lpCritSection
               bAllowed ? errno : EPERM, (int)bFileNo, p->m_lpszFilePath, p->m_lpszTablespaceName);
     }
     free(p);
-    if (bPause) TalvorStoreShared(&m_pTalvorCacheStorage->m_bPauseFileNo, 0);
+    if (bPause) m_pTalvorCacheStorage->ResumeFile();
     return FILECMD_NONE;
 }

@@ -101,9 +101,16 @@ TEST_F(FlushRing, APauseIsGrantedOnlyOnceTheLoopIsOffTheFileAndKeepsItOff)
     m_io.Hold(FileOp::PWrite);
     std::thread tLoop([&] { EXPECT_EQ(S_OK, m_pCache->StorageFlush(nullptr)); });
     ASSERT_TRUE(m_io.WaitHeld(20000)) << "the loop never grew the file";
+    // A loop that does not come round within the deadline refuses the
+    // pause, and takes it back: the command must not touch the file.
+    m_pCache->m_nPauseDeadlineMs = 200;
+    EXPECT_FALSE(m_pCache->PauseFile(FS_FILE_NO)) << "a pause granted while the loop is inside the file";
+    EXPECT_EQ(0, TalvorLoadShared(&m_pCache->m_bPauseFileNo));
+    EXPECT_TRUE(Traced(60001018, "did not leave file"));
+    m_pCache->m_nPauseDeadlineMs = CACHE_PAUSE_DEADLINE_MS;
     std::atomic<bool> bGranted{false};
     std::thread tPause([&] {
-        m_pCache->PauseFile(FS_FILE_NO);
+        EXPECT_TRUE(m_pCache->PauseFile(FS_FILE_NO));
         bGranted = true;
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -118,7 +125,7 @@ TEST_F(FlushRing, APauseIsGrantedOnlyOnceTheLoopIsOffTheFileAndKeepsItOff)
     // Long enough for a growth of the file to end (it shows at its end).
     std::this_thread::sleep_for(std::chrono::milliseconds(2000));
     EXPECT_EQ(llGrown, Val(lpHead->m_nFileTotalSize)) << "the loop grew a paused file";
-    TalvorStoreShared(&m_pCache->m_bPauseFileNo, 0);
+    m_pCache->ResumeFile();
     TalvorStoreShared(&m_pCache->m_bExit, 1);
     tLoop.join();
 }
