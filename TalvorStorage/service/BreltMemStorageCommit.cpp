@@ -215,11 +215,13 @@ HRESULT CBreltMemStorageModule::WriteCacheTableTimestamp(LPTALVORCRITICALSECTION
 {
     LPSYSTEMFILEHEAD lpHead = m_pMemoryFileHead;
     if (lpHead == nullptr) return S_OK;
+    // The pass copies the head under the latch: the stamp and its array
+    // change under it too, so that no pass writes one without the other.
+    CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
     if (lpHead->m_nCacheTableTimestamp >= nTimestamp && (lpTableTimestamp == nullptr || nTimestampNum == 0)) return S_OK;
     lpHead->m_nCacheTableTimestamp = nTimestamp;
     if (SavingHeldOff(m_pFlashback, lpHead)) return S_OK;
     WakeRedoWriter();
-    CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
     if (FAILED(WriteSystemFileAt(&nTimestamp, sizeof(nTimestamp), SYSTEMFILE_CACHETABLETS_OFFSET, 10017001, 10017002,
                                  FALSE)))
         return E_FAIL;
@@ -240,11 +242,13 @@ HRESULT CBreltMemStorageModule::WriteCacheIndexTimestamp(LPTALVORCRITICALSECTION
 {
     LPSYSTEMFILEHEAD lpHead = m_pMemoryFileHead;
     if (lpHead == nullptr) return S_OK;
+    // The pass copies the head under the latch: the stamp and its array
+    // change under it too, so that no pass writes one without the other.
+    CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
     if (lpHead->m_nCacheIndexTimestamp >= nTimestamp && (lpIndexTimestamp == nullptr || nTimestampNum == 0)) return S_OK;
     lpHead->m_nCacheIndexTimestamp = nTimestamp;
     if (SavingHeldOff(m_pFlashback, lpHead)) return S_OK;
     WakeRedoWriter();
-    CTalvorCriticalSectionPtr guard(&m_crit, lpCritSection);
     if (FAILED(WriteSystemFileAt(&nTimestamp, sizeof(nTimestamp), SYSTEMFILE_CACHEINDEXTS_OFFSET, 10018001, 10018002,
                                  TRUE)))
         return E_FAIL;
