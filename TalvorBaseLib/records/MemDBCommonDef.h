@@ -1098,6 +1098,12 @@ TALVOR_PIN(m_bStandbyThreads, 36); TALVOR_PIN(m_ClusterCommand, 37); TALVOR_PIN(
 TALVOR_PIN(m_nBackupTimestamp, 219); TALVOR_PIN(m_nStorageID, 227); TALVOR_PIN(m_lpszFilePath, 231);
 #undef TALVOR_PIN
 static_assert(sizeof(STORAGEMEMHEAD) < STORAGEMEM_SEGMENT_SIZE, "channel head fits its segment");
+// The head starts its page-aligned segment, and the backup timestamp, which
+// the archiver takes with one locked exchange, lies unaligned inside it: it
+// must not straddle a cache line, or the exchange becomes a split lock.
+static_assert(offsetof(STORAGEMEMHEAD, m_nBackupTimestamp) / 64 ==
+                  (offsetof(STORAGEMEMHEAD, m_nBackupTimestamp) + sizeof(long long) - 1) / 64,
+              "the backup timestamp lies inside one cache line");
 
 // Rings and redo log.
 TALVOR_PIN_SIZE(FILE_TRACEMEMFILEHEAD, 68);

@@ -17,7 +17,9 @@
 #include "TalvorFileIO.h"
 #include "TalvorFlashback.h"
 
+#include <cassert>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>
@@ -299,7 +301,18 @@ void CTalvorRedoLog::CopyBackup(char** arDes, int nDesCount, LPBYTE lpBuffer, vo
 {
     LPSTORAGEMEMHEAD pMem = m_pFlashback != nullptr ? m_pFlashback->GetStorageMemHead() : nullptr;
     if (pMem == nullptr || TalvorLoadShared(&pMem->m_nBackupTimestamp) == 0) return;
+    // Taken and cleared in one step, so that a backup that ends meanwhile
+    // is not lost. The field is unaligned but inside one cache line (see the
+    // channel head), where a locked exchange is whole.
+    assert(((uintptr_t)&pMem->m_nBackupTimestamp & 63) <= 64 - sizeof(long long));
+#if defined(__clang__)
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Watomic-alignment"
+#endif
     long long nTimestamp = __atomic_exchange_n(&pMem->m_nBackupTimestamp, 0LL, __ATOMIC_ACQ_REL);
+#if defined(__clang__)
+#pragma clang diagnostic pop
+#endif
     if (nDesCount < 2 || nTimestamp == 0) return;
     char szSrc[MAX_PATH + 64];
     snprintf(szSrc, sizeof(szSrc), "%sBackup/TalvorBackup%lld.fbk", arDes[0], nTimestamp);
