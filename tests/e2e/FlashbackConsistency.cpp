@@ -41,7 +41,7 @@ TEST(FlashbackConsistency, EveryCommitOnDiskIsTheImageAsOfItsTimestamp)
     int rc = box.Run({PeerPath(), "data", "--journal", strJournal, "--live", "--check-exact", strSystem, "--count",
                       "100000000", "--seconds", std::to_string(RUN_SECONDS), "--pause-us", "200", "--pass-every", "40",
                       "--blocks", "8", "--slots", "24", "--objects", "3", "--map-blocks", "3", "--nothing-to-save", "25",
-                      "--forbid-every", "3000", "--forbid-ms", "400", "--file-command-every", "1500"},
+                      "--forbid-every-ms", "2500", "--forbid-ms", "400", "--file-command-every", "1500"},
                      (RUN_SECONDS + 60) * 1000, &strOut);
     printf("%s", strOut.c_str());
     EXPECT_EQ(0, rc) << strOut << box.ReadDaemonTrace();

@@ -63,6 +63,7 @@ const std::vector<OptionSpec> g_vDataOptions = {
     {"map-blocks", true, "map blocks each file's blocks are listed in; each further one lists --blocks new blocks (default 1)"},
     {"nothing-to-save", true, "percent of the daemon's head requests answered \"nothing to save\" (-2) (default 0)"},
     {"forbid-every", true, "hold the daemon off (head m_bForbidSaveFlag 1) every N transactions (default 0: never)"},
+    {"forbid-every-ms", true, "hold the daemon off every N ms, however fast transactions go (default 0: never)"},
     {"forbid-ms", true, "how long each hold lasts, rows changing meanwhile (default 300)"},
     {"file-command-every", true, "ask the daemon to grow the system file by 4 MiB every N transactions, "
                                  "success expected (default 0: never)"},
@@ -357,13 +358,26 @@ void AttachRollback(CPeerEngine& engine)
 // while the flag stands the daemon may finish the pass it was in, and must
 // neither commit nor answer anything else.
 struct ForbidWindows {
-    long long m_nEvery = 0, m_nMs = 300;
+    long long m_nEvery = 0, m_nEveryMs = 0, m_nMs = 300;
+    long long m_nNextMs = 0;      // when the next timed hold is due, 0 before the first step
     bool m_bHeld = false;
     bool m_bAskedHeld = false;    // the pass asked at this hold's start
     long long m_nUntil = 0;
     long long m_nBegin = 0;       // the committed timestamp last seen while held
     long long m_nWindows = 0, m_nCommitsHeld = 0, m_nAnsweredHeld = 0;
 
+    bool Enabled() const { return m_nEvery > 0 || m_nEveryMs > 0; }
+    // A hold is due every m_nEvery transactions, or m_nEveryMs after the
+    // last hold ended (after the first step for the first one).
+    bool Due(long long nDone, long long nNow)
+    {
+        if (m_nEvery > 0 && (nDone + 1) % m_nEvery == 0) return true;
+        if (m_nEveryMs == 0) return false;
+        if (m_nNextMs == 0) m_nNextMs = nNow + m_nEveryMs;
+        if (nNow < m_nNextMs) return false;
+        m_nNextMs = nNow + m_nMs + m_nEveryMs;
+        return true;
+    }
     // Called after each transaction nDone (from 0). TRUE when a hold begins
     // and the caller has no pass outstanding: the pass is asked here.
     bool Step(CPeerEngine& engine, long long nDone, long long nNow, bool bOutstanding)
@@ -384,7 +398,7 @@ struct ForbidWindows {
             m_bHeld = false;
             return false;
         }
-        if (m_nEvery == 0 || (nDone + 1) % m_nEvery != 0) return false;
+        if (!Due(nDone, nNow)) return false;
         TalvorStoreShared(&lpHead->m_bForbidSaveFlag, 1);
         PeerFence();
         m_bHeld = true;
@@ -463,6 +477,7 @@ int RunDataJob(const std::vector<std::string>& args)
         !opts.GetInt("map-blocks", 1, 1, 16, nMapBlocks) ||
         !opts.GetInt("nothing-to-save", 0, 0, 100, nNothingPct) ||
         !opts.GetInt("forbid-every", 0, 0, 1LL << 40, forbid.m_nEvery) ||
+        !opts.GetInt("forbid-every-ms", 0, 0, 3600000, forbid.m_nEveryMs) ||
         !opts.GetInt("forbid-ms", 300, 1, 600000, forbid.m_nMs) ||
         !opts.GetInt("file-command-every", 0, 0, 1LL << 40, files.m_nEvery)) {
         fprintf(stderr, "talvor-peer data: %s\n%s", opts.Error().c_str(), DataJobUsage().c_str());
@@ -616,7 +631,7 @@ int RunDataJob(const std::vector<std::string>& args)
                (long long)TalvorLoadShared(&lpHead->m_nEndTimestamp), nPasses, engine.m_nAnswers);
     if (nNothingPct > 0) printf("answered nothing to save %lld times\n", engine.m_nNothingToSave);
     if (files.m_nEvery > 0) printf("file commands asked %lld, done %lld\n", files.m_nAsked, files.m_nDone);
-    if (forbid.m_nEvery > 0) {
+    if (forbid.Enabled()) {
         printf("held off %lld times, commits while held off %lld, passes answered while held off %lld\n",
                forbid.m_nWindows, forbid.m_nCommitsHeld, forbid.m_nAnsweredHeld);
         if (forbid.Broken()) return PEER_VIOLATION;
