@@ -14,6 +14,7 @@
 // TalvorMemoryStorageSave.cpp (the save pass).
 #pragma once
 
+#include "FileListHolder.h"
 #include "LinuxCommonAPI.h"
 #include "MemoryMapOnDisk.h"
 #include "MemDBCommonDef.h"
@@ -75,6 +76,10 @@ public:
     // bytes laid back from outside): nothing the save pass knows of its map
     // blocks there holds any more. Storage thread, no latch.
     void FileWrittenOutside() { m_stMapOnDisk.Forget(); }
+    // The system file's object only: the holder its pass asks about the
+    // rows of the file list (null: rows go as the image has them). Set once,
+    // before the first pass, on the thread that starts the file.
+    void SetFileListHolder(ITalvorFileListHolder* pHolder) { m_pListHolder = pHolder; }
 
     LPFILEINFO m_pFileInfo;
     CTalvorFlashback* m_pFlashback;
@@ -88,6 +93,7 @@ private:
     // The map blocks the save pass last wrote and synced; forgotten by every
     // other writer of the file.
     CMemoryMapOnDisk m_stMapOnDisk;
+    ITalvorFileListHolder* m_pListHolder = nullptr;
 
     // Open flags by type: the system file takes small writes at odd offsets
     // and is opened plain; the others are direct and synchronous.

@@ -57,6 +57,7 @@ struct SaveContext {
     BOOL m_bDamaged;           // a chain was refused: no commit from this file
     long long m_nWrites;       // since the last sync
     CMemoryMapOnDisk* m_pMapOnDisk;
+    ITalvorFileListHolder* m_pListHolder;  // system file only; may be null
 };
 
 const char* PathOf(const SaveContext& c) { return c.m_pFileInfo->m_lpszFilePath; }
@@ -265,6 +266,21 @@ int WriteIndexBlock(SaveContext& c, LPBASEBLOCKHEAD lpLive, long long nBlockOffs
     return WriteBlockOut(c, lpLive, lpSrc, nBlockOffset, nBlockSize, 40002045);
 }
 
+// What is to be written (lpSrc: a copy of lpLive, or lpLive itself) must
+// still bear the block mark; else it is traced with nMarkCode, and a live
+// block whose copy was refused stays marked.
+BOOL BlockMarkHolds(const SaveContext& c, LPBASEBLOCKHEAD lpLive, LPBASEBLOCKHEAD lpSrc, long long nBlockOffset,
+                    int nMarkCode)
+{
+    if (lpSrc->m_nDataFlag == BLOCK_DATAFLAG) return TRUE;
+    if (lpSrc != lpLive) TalvorStoreShared(&lpLive->m_bSaveFlag, 1);
+    Trace("SaveChange2File", 1, nMarkCode,
+          TALVOR_TEXT("发现块头信息已损坏,校验数据:%d[%d],路径:%s,块号:%d,块偏移位置:%lld",
+                      "It is found the header information of the block was damaged, check the data: %d [%d], path: %s, block number: %d, block offset position: %lld"),
+          (int)lpSrc->m_nDataFlag, BLOCK_DATAFLAG, PathOf(c), (int)lpSrc->m_nBlockNo, nBlockOffset);
+    return FALSE;
+}
+
 // Writes one block, either from a private copy or live. nMarkCode and
 // nWriteCode are the messages of the walk that found it; bRollback: a block
 // of a data file, whose copy may be taken back to nTimestamp.
@@ -295,14 +311,7 @@ int WriteBlock(SaveContext& c, LPBASEBLOCKHEAD lpLive, long long nBlockOffset, i
         }
         lpSrc = (LPBASEBLOCKHEAD)c.m_lpBuffer;
     }
-    if (lpSrc->m_nDataFlag != BLOCK_DATAFLAG) {
-        if (!bLive) TalvorStoreShared(&lpLive->m_bSaveFlag, 1);
-        Trace("SaveChange2File", 1, nMarkCode,
-              TALVOR_TEXT("发现块头信息已损坏,校验数据:%d[%d],路径:%s,块号:%d,块偏移位置:%lld",
-                          "It is found the header information of the block was damaged, check the data: %d [%d], path: %s, block number: %d, block offset position: %lld"),
-              (int)lpSrc->m_nDataFlag, BLOCK_DATAFLAG, PathOf(c), (int)lpSrc->m_nBlockNo, nBlockOffset);
-        return STEP_FAIL;
-    }
+    if (!BlockMarkHolds(c, lpLive, lpSrc, nBlockOffset, nMarkCode)) return STEP_FAIL;
     if (WriteBlockOut(c, lpLive, lpSrc, nBlockOffset, nBlockSize, nWriteCode) != STEP_OK) return STEP_FAIL;
     if (bLive && !c.m_bForce && TalvorLoadShared(&lpLive->m_nTimestamp) > c.m_nTimestamp) {
         TalvorStoreShared(&lpLive->m_bSaveFlag, 1);
@@ -312,27 +321,74 @@ int WriteBlock(SaveContext& c, LPBASEBLOCKHEAD lpLive, long long nBlockOffset, i
     return STEP_OK;
 }
 
-// A block of the system file's list whose rows carry a file command, or an
-// answer the engine has not taken back yet, is not the database's list: a
-// refused add names a file that was never made, a refused move a path with
-// nothing there. Such a block stays off the disk, marked, until the engine
-// has settled its rows; the list on disk stays the one the next start can
-// open.
-BOOL FileListBlockUnsettled(const SaveContext& c, LPBASEBLOCKHEAD lpBlock, int nBlockSize)
+BOOL IsFileListBlock(const SaveContext& c, const BASEBLOCKHEAD* lpBlock, int nBlockSize)
 {
     if (!c.m_bSystem || nBlockSize < (int)sizeof(SYSTEMBLOCKHEAD)) return FALSE;
     const SYSTEMBLOCKHEAD* lpList = (const SYSTEMBLOCKHEAD*)lpBlock;
-    if (lpList->m_nObjectID != SYSTEMFILE_FILELIST_OBJECTID ||
-        lpList->m_nBlockDataStructSize != (int)sizeof(FILE_MEMDBFILEINFO))
-        return FALSE;
+    return lpList->m_nObjectID == SYSTEMFILE_FILELIST_OBJECTID &&
+           lpList->m_nBlockDataStructSize == (int)sizeof(FILE_MEMDBFILEINFO);
+}
+
+// The rows of lpCopy, a private copy of the file list block lpLive, as the
+// list on disk is to hold them: FALSE when the block must stay off the disk.
+//
+// A row that carries a file command, or an answer the engine has not taken
+// back yet, is not the database's list: a refused add names a file that was
+// never made, a refused move a path with nothing there. Nor is a row whose
+// fields the engine is still writing, its command byte to come: the holder
+// writes over a file's row what the daemon holds for it (a move's new path
+// is no file until the move has run), and refuses a live row that no file
+// stands behind — an add half written. Such a row is held back whole rather
+// than written dropped: the drop flag is the engine's to set, the add may be
+// carried out a moment later, and the list on disk is already one the next
+// start can open. The block stays marked until its rows have settled.
+BOOL FileListCopySettled(const SaveContext& c, const BYTE* lpLive, LPBYTE lpCopy, int nBlockSize)
+{
+    // Rebuilt by the engine between the look at the image and the copy:
+    // judged again at the next pass.
+    if (!IsFileListBlock(c, (const BASEBLOCKHEAD*)lpCopy, nBlockSize)) return FALSE;
+    const SYSTEMBLOCKHEAD* lpList = (const SYSTEMBLOCKHEAD*)lpCopy;
     long long nAt = lpList->m_nBlockHeadSize;
     int nRows = lpList->m_nDataNum;
     for (int i = 0; i < nRows && nAt >= (long long)sizeof(SYSTEMBLOCKHEAD) &&
                     nAt + (long long)sizeof(FILE_MEMDBFILEINFO) <= nBlockSize;
          i++, nAt += (long long)sizeof(FILE_MEMDBFILEINFO)) {
-        if (((const FILE_MEMDBFILEINFO*)((const BYTE*)lpBlock + nAt))->m_bFileCMD != FILECMD_NONE) return TRUE;
+        LPFILE_MEMDBFILEINFO lpRow = (LPFILE_MEMDBFILEINFO)(lpCopy + nAt);
+        if (lpRow->m_bFileCMD != FILECMD_NONE) return FALSE;
+        if (c.m_pListHolder != nullptr &&
+            !c.m_pListHolder->SettleFileListRow((const FILE_MEMDBFILEINFO*)(lpLive + nAt), lpRow))
+            return FALSE;
     }
-    return FALSE;
+    return TRUE;
+}
+
+// A block of the file list goes to disk from a private copy whose rows were
+// settled, never from the image, whose rows the engine may be half-way
+// through. The flag is cleared before the copy, so that an edit that lands
+// during or after it marks the block again.
+int SaveFileListBlock(SaveContext& c, LPBASEBLOCKHEAD lpLive, long long nBlockOffset, int nBlockSize,
+                      BOOL& bFlashFlag)
+{
+    LPBYTE lpOwn = nBlockSize > SAVE_COPY_LIMIT ? new (std::nothrow) BYTE[nBlockSize] : nullptr;
+    LPBYTE lpCopy = nBlockSize > SAVE_COPY_LIMIT ? lpOwn : c.m_lpBuffer;
+    // No room for the copy: the block stays marked for the next pass.
+    if (lpCopy == nullptr) return STEP_OK;
+    TalvorStoreShared(&lpLive->m_bSaveFlag, 0);
+    FullFence();
+    memcpy(lpCopy, (const void*)lpLive, (size_t)nBlockSize);
+    int nResult = STEP_OK;
+    if (!FileListCopySettled(c, (const BYTE*)lpLive, lpCopy, nBlockSize)) {
+        TalvorStoreShared(&lpLive->m_bSaveFlag, 1);
+    } else if (!BlockMarkHolds(c, lpLive, (LPBASEBLOCKHEAD)lpCopy, nBlockOffset, 40002030) ||
+               WriteBlockOut(c, lpLive, (LPBASEBLOCKHEAD)lpCopy, nBlockOffset, nBlockSize, 40002032) != STEP_OK) {
+        nResult = STEP_FAIL;
+    } else if (!c.m_bForce && TalvorLoadShared(&lpLive->m_nTimestamp) > c.m_nTimestamp) {
+        TalvorStoreShared(&lpLive->m_bSaveFlag, 1);
+        c.m_bPending = TRUE;
+        bFlashFlag = TRUE;
+    }
+    delete[] lpOwn;
+    return nResult;
 }
 
 // Steps 13 to 20 for one entry of an object chain.
@@ -374,7 +430,8 @@ int SaveChainEntry(SaveContext& c, LPBASEFILEBLOCKMAP lpEntry, BOOL& bFlashFlag)
         return STEP_FAIL;
     }
     if (TalvorLoadShared(&lpBlock->m_bSaveFlag) == 0) return STEP_OK;
-    if (FileListBlockUnsettled(c, lpBlock, nBlockSize)) return STEP_OK;
+    if (IsFileListBlock(c, lpBlock, nBlockSize))
+        return SaveFileListBlock(c, lpBlock, nBlockOffset, nBlockSize, bFlashFlag);
     BOOL bPendingBlock = FALSE;
     BOOL bRollback = c.m_lpBase->m_nDataFlag == DATAFILE_DATAFLAG;
     int nResult = WriteBlock(c, lpBlock, nBlockOffset, nBlockSize, 40002030, 40002032, bRollback, bPendingBlock,
@@ -805,6 +862,7 @@ int CTalvorMemoryStorage::SaveChange2File(LPTALVORCRITICALSECTION lpCritSection,
     c.m_bSystem = pFileInfo->m_bFileType == FILETYPE_SYSTEM;
     c.m_lpLive = (LPBASEFILEHEAD)c.m_lpImage;
     c.m_pMapOnDisk = &m_stMapOnDisk;
+    c.m_pListHolder = c.m_bSystem ? m_pListHolder : nullptr;
 
     // Phase 2: the view.
     if (bForce || m_pFlashback == nullptr) {

@@ -7,6 +7,7 @@
 // thread meet at g_bEixt alone.
 #pragma once
 
+#include "FileListHolder.h"
 #include "LinuxCommonAPI.h"
 #include "MemDBCommonDef.h"
 #include "MemDBBackupDef.h"
@@ -24,7 +25,7 @@ class CStorageCacheBridge;
 // The stop flag. Written from the SIGTERM handler, so it is a sig_atomic_t.
 extern volatile sig_atomic_t g_bEixt;
 
-class CBreltMemStorageModule : public ITalvorStandbyOwner, public ITalvorJoinSource {
+class CBreltMemStorageModule : public ITalvorStandbyOwner, public ITalvorJoinSource, public ITalvorFileListHolder {
 public:
     CBreltMemStorageModule();
     // The standby threads reach their owner until they end: they are asked
@@ -54,6 +55,21 @@ public:
     // it is a live row of the same file with no command (traced either
     // way). Main thread, at start.
     BOOL SettledRowOnDisk(LPFILE_MEMDBFILEINFO lpRow, LPFILE_MEMDBFILEINFO lpSettled);
+    // The system file's save pass asks this about each row of a file list
+    // block it is to write (lpRow, its private copy of the row at lpLiveRow).
+    // A row the daemon holds a file for — the descriptor of its number in
+    // m_pStorageInfo, built from this very row — takes the descriptor's path,
+    // type and size: an edit the engine has begun without its command byte
+    // yet never reaches the disk. A dropped row (the drop flag is the
+    // engine's word) and the system file's own (every start rewrites it from
+    // what it finds) go as they are. FALSE for a live row no file stands
+    // behind (an add half written, or a second row for a number held): the
+    // block stays off the disk. Runs on the thread of the pass, with m_crit
+    // held: the storage thread, or the main thread while no storage thread
+    // runs — the only threads that change the descriptor list, which
+    // therefore holds still. Takes no latch; reads a cache-mode file's size,
+    // which its flush thread may raise, whole.
+    BOOL SettleFileListRow(const FILE_MEMDBFILEINFO* lpLiveRow, LPFILE_MEMDBFILEINFO lpRow) override;
     // One block of the file list of a moved database: rows under lpszSrcPath
     // move under lpszDirPath, and the block is written to the system file.
     BOOL CorrectDBFileData(LPSYSTEMBLOCKHEAD lpSystemBlockHead, char* lpszDirPath, char* lpszSrcPath);

@@ -446,6 +446,21 @@ int CBreltMemStorageModule::TakeCachePages(LPTALVORCRITICALSECTION lpCritSection
 
 // ------------------------------------------------------- the list on disk
 
+BOOL CBreltMemStorageModule::SettleFileListRow(const FILE_MEMDBFILEINFO* lpLiveRow, LPFILE_MEMDBFILEINFO lpRow)
+{
+    if (lpRow->m_bDropFlag == 1) return TRUE;
+    const BYTE bFileNo = lpRow->m_bFileNo;
+    if (bFileNo == SYSTEMFILE_FILENO) return TRUE;
+    // Only the row the descriptor was built from, or that its add filled:
+    // another row naming the same number is a request, not the file.
+    const stu_FILEINFO* p = FindStorageInfo(bFileNo);
+    if (p == nullptr || p->m_lpFileInfo != lpLiveRow) return FALSE;
+    CopyRowText(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath), p->m_lpszFilePath, sizeof(p->m_lpszFilePath));
+    lpRow->m_bFileType = (BYTE)p->m_bFileType;
+    lpRow->m_nFileSize = TalvorLoadShared(&p->m_liFileSize);
+    return TRUE;
+}
+
 BOOL CBreltMemStorageModule::CommitFileListRow(LPTALVORCRITICALSECTION lpCritSection, LPSYSTEMBLOCKHEAD lpBlock,
                                                LPFILE_MEMDBFILEINFO lpRow, BYTE bResult, const char* lpszFilePath,
                                                BOOL* pbUndone)

@@ -144,6 +144,7 @@ HRESULT CBreltMemStorageModule::InitSysEnvironment(LPTALVORCRITICALSECTION lpCri
     }
     // Held by the descriptor from here on, so that FreeData releases it.
     m_lpSystemFileInfo->m_pStorageFile = pStorage;
+    pStorage->SetFileListHolder(this);
     if (pStorage->Initialize(lpCritSection, m_lpSystemFileInfo, 0, m_pFlashback, lpTalvorProgress, 0, 0) != 0)
         return E_FAIL;
 

@@ -468,6 +468,138 @@ TEST_F(FileCommands, ASettledListReachesTheDiskAgain)
     EXPECT_STREQ("Renamed4", DiskRow(4).m_lpszTablespaceName);
 }
 
+namespace {
+
+// The live rows of bFileNo in the list on disk.
+int LiveRowsOnDisk(const std::string& strSystem, BYTE bFileNo)
+{
+    std::string s = ReadWholeFile(strSystem);
+    int nRows = 0;
+    if (s.empty()) return 0;
+    DbForEachFileListRow((LPBYTE)&s[0], (long long)s.size(), [&](LPSYSTEMBLOCKHEAD, LPFILE_MEMDBFILEINFO lpRow) {
+        if (lpRow->m_bFileNo == bFileNo && lpRow->m_bDropFlag != 1) nRows++;
+        return true;
+    });
+    return nRows;
+}
+
+// The writes of io that put the whole list block lpBlock of the system
+// image lpImage on disk.
+int ListBlockWrites(const FaultFileIO& io, const std::string& strSystem, LPBYTE lpImage, LPSYSTEMBLOCKHEAD lpBlock)
+{
+    long long nOffset = (LPBYTE)lpBlock - lpImage;
+    int n = 0;
+    for (const FileWrite& w : io.Writes())
+        if (w.m_strPath == strSystem && w.m_nOffset == nOffset && w.m_nSize == lpBlock->m_nBlockSize) n++;
+    return n;
+}
+
+} // namespace
+
+// The engine writes a row's fields before its command byte. A pass between
+// the two finds a move's new path, where no file is yet, and a growth's new
+// size, which the file does not have: the list on disk names the file the
+// daemon holds, of the size it has, while the block's other rows go as the
+// engine left them and the image keeps the edit. Once the commands are
+// carried out, the pass writes the new path and size.
+TEST_F(FileCommands, AnEditBeforeItsCommandByteNamesWhatTheDaemonHolds)
+{
+    const std::string strOld = m_db.PathOf(3);
+    const std::string strNew = NewPath("sub/Moved3.dbf");
+    LPFILE_MEMDBFILEINFO lpMove = Row(3);
+    LPFILE_MEMDBFILEINFO lpGrow = Row(4);
+    snprintf(lpMove->m_lpszFilePath, sizeof(lpMove->m_lpszFilePath), "%s", strNew.c_str());
+    lpGrow->m_nFileSize = 12 * DB_MIB;
+    snprintf(Row(2)->m_lpszTablespaceName, sizeof(Row(2)->m_lpszTablespaceName), "Renamed2");
+    MarkListChanged();
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_STREQ("Renamed2", DiskRow(2).m_lpszTablespaceName);
+    EXPECT_STREQ(strOld.c_str(), DiskRow(3).m_lpszFilePath);
+    EXPECT_EQ(4 * DB_MIB, Val(DiskRow(4).m_nFileSize));
+    EXPECT_EQ("", ListAgreesWithFiles());
+    EXPECT_STREQ(strNew.c_str(), lpMove->m_lpszFilePath);
+    EXPECT_EQ(12 * DB_MIB, Val(lpGrow->m_nFileSize));
+    EXPECT_FALSE(PathExists(strNew));
+
+    lpMove->m_bFileCMD = FILECMD_MOVE;
+    lpGrow->m_bFileCMD = FILECMD_RESIZE;
+    MarkListChanged();
+    FaultFileIO io;
+    {
+        ScopedFileIO scope(&io);
+        Serve();
+    }
+    EXPECT_EQ(FILECMD_NONE, Val(lpMove->m_bFileCMD));
+    EXPECT_EQ(FILECMD_NONE, Val(lpGrow->m_bFileCMD));
+    EXPECT_STREQ(strNew.c_str(), m_db.File(3)->m_lpszFilePath);
+    EXPECT_EQ(12 * DB_MIB, Val(m_db.File(4)->m_liFileSize));
+    // The pass wrote the block, with the row as the daemon now holds it.
+    EXPECT_EQ(1, ListBlockWrites(io, m_db.SystemPath(), m_db.Image(1), ListBlock()));
+    EXPECT_STREQ(strNew.c_str(), DiskRow(3).m_lpszFilePath);
+    EXPECT_EQ(12 * DB_MIB, Val(DiskRow(4).m_nFileSize));
+    EXPECT_EQ("", ListAgreesWithFiles());
+    ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
+    EXPECT_STREQ(strNew.c_str(), m_db.File(3)->m_lpszFilePath);
+    EXPECT_EQ(12 * DB_MIB, Val(m_db.File(4)->m_liFileSize));
+}
+
+// Rows the engine is making for an add, before their command byte: no file
+// stands behind them, whether their number is free or another file's. Their
+// block stays off the disk (a dropped row does not hold it) until the add is
+// answered; then the list on disk names the new file, once.
+TEST_F(FileCommands, AnAddBeforeItsCommandByteStaysOffTheDisk)
+{
+    // A row the engine dropped long ago holds nothing back.
+    LPFILE_MEMDBFILEINFO lpDropped = Ask({FILECMD_ADD, 7, FILETYPE_DATA, NewPath("Gone7.dbf"), "Gone7", 4 * DB_MIB});
+    lpDropped->m_bDropFlag = 1;
+    lpDropped->m_bFileCMD = FILECMD_NONE;
+    snprintf(Row(2)->m_lpszTablespaceName, sizeof(Row(2)->m_lpszTablespaceName), "Renamed2");
+    MarkListChanged();
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_STREQ("Renamed2", DiskRow(2).m_lpszTablespaceName);
+
+    std::string strNameOnDisk = "Renamed2";
+    for (BYTE bFileNo : {(BYTE)6, (BYTE)3}) {
+        const std::string strPath = NewPath("Add" + std::to_string(bFileNo) + ".dbf");
+        LPFILE_MEMDBFILEINFO lpRow =
+            Ask({FILECMD_ADD, bFileNo, FILETYPE_DATA, strPath, "Add" + std::to_string(bFileNo), 4 * DB_MIB});
+        lpRow->m_bFileCMD = FILECMD_NONE;
+        snprintf(Row(2)->m_lpszTablespaceName, sizeof(Row(2)->m_lpszTablespaceName), "Again%d", (int)bFileNo);
+        MarkListChanged();
+        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass()) << (int)bFileNo;
+        EXPECT_EQ(bFileNo == 3 ? 1 : 0, LiveRowsOnDisk(m_db.SystemPath(), bFileNo)) << (int)bFileNo;
+        EXPECT_STREQ(strNameOnDisk.c_str(), DiskRow(2).m_lpszTablespaceName) << (int)bFileNo;
+        EXPECT_EQ("", ListAgreesWithFiles()) << (int)bFileNo;
+        EXPECT_STREQ(strPath.c_str(), lpRow->m_lpszFilePath) << (int)bFileNo;
+        EXPECT_EQ(bFileNo, Val(lpRow->m_bFileNo));
+        // The engine writes the command byte; the daemon answers, and the
+        // engine drops a refused row.
+        lpRow->m_bFileCMD = FILECMD_ADD;
+        MarkListChanged();
+        Serve();
+        if (bFileNo == 3) {
+            EXPECT_EQ(FILECMD_ADD_NUMBERTAKEN, Val(lpRow->m_bFileCMD));
+            lpRow->m_bDropFlag = 1;
+            lpRow->m_bFileCMD = FILECMD_NONE;
+            MarkListChanged();
+            ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+            EXPECT_STREQ(m_db.PathOf(3).c_str(), DiskRow(3).m_lpszFilePath);
+        } else {
+            EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
+            EXPECT_STREQ(strPath.c_str(), DiskRow(bFileNo).m_lpszFilePath);
+        }
+        EXPECT_EQ(1, LiveRowsOnDisk(m_db.SystemPath(), bFileNo)) << (int)bFileNo;
+        strNameOnDisk = "Again" + std::to_string(bFileNo);
+        EXPECT_STREQ(strNameOnDisk.c_str(), DiskRow(2).m_lpszTablespaceName);
+        EXPECT_EQ("", ListAgreesWithFiles()) << (int)bFileNo;
+    }
+    ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
+    ASSERT_NE(nullptr, m_db.File(6));
+    EXPECT_STREQ(NewPath("Add6.dbf").c_str(), m_db.File(6)->m_lpszFilePath);
+    EXPECT_STREQ(m_db.PathOf(3).c_str(), m_db.File(3)->m_lpszFilePath);
+    EXPECT_EQ(nullptr, m_db.File(7));
+}
+
 TEST_F(FileCommands, AFileListBlockOfAnotherKindStopsTheWalk)
 {
     ListBlock()->m_nBlockDataStructSize = 352;
