@@ -340,6 +340,44 @@ TEST(VarDataCompare, EqualNumbersHashAlikeInEveryType)
         }
 }
 
+// Numbers past 64 bits hash from their limbs: the zeros of a negative scale
+// are multiplied in, whole limbs and the power of ten left over alike, so
+// the number written out and written with an exponent hash as one.
+TEST(VarDataCompare, WideNumbersHashAlikeWithTheirZerosAsAnExponent)
+{
+    for (const std::string strDigits : {"12345678901234567890123", "-98765432109876543210987"}) {
+        for (int nZeros = 1; nZeros <= 12; ++nZeros) {
+            SCOPED_TRACE(strDigits + " and " + std::to_string(nZeros) + " zeros");
+            st_VARDATA plain = Dec((strDigits + std::string((size_t)nZeros, '0')).c_str());
+            st_VARDATA exponent = Dec((strDigits + "E" + std::to_string(nZeros)).c_str());
+            ASSERT_TRUE(plain == exponent);
+            long long hPlain = 0, hExponent = 0;
+            plain.CalcHashFactor(hPlain);
+            exponent.CalcHashFactor(hExponent);
+            EXPECT_EQ(hPlain, hExponent);
+        }
+    }
+}
+
+// Two doubles are equal within the tolerance, and the tolerance is one
+// bound both ways: a pair exactly on it orders the same from either side,
+// or a sort would meet a < b and b < a.
+TEST(VarDataCompare, TheToleranceOfDoublesIsTheSameEitherWay)
+{
+    const double EPS = 1e-8;
+    for (double a : {0.0, EPS, -EPS, 3.0}) {
+        // a + EPS is not exact for every a; the pair's own difference is
+        // what DoubleOrder sees, so it is taken as it comes out.
+        for (double b : {a + EPS, std::nextafter(a + EPS, HUGE_VAL), std::nextafter(a + EPS, -HUGE_VAL)}) {
+            SCOPED_TRACE(std::to_string(a) + " against " + std::to_string(b));
+            EXPECT_EQ(Dbl(a).Compare(Dbl(b)), -Dbl(b).Compare(Dbl(a)));
+        }
+    }
+    // Exactly on the bound: 0 and 1e-8 differ by the tolerance itself.
+    EXPECT_EQ(0, Dbl(0.0).Compare(Dbl(EPS)));
+    EXPECT_EQ(0, Dbl(EPS).Compare(Dbl(0.0)));
+}
+
 // The inline order of two values of one fixed-width type is the order the
 // general path gives the same pair: near-equal doubles, infinities and NaN
 // included.
