@@ -101,23 +101,7 @@ TEST_F(FlushRing, APauseIsGrantedOnlyOnceTheLoopIsOffTheFileAndKeepsItOff)
     m_io.Hold(FileOp::PWrite);
     std::thread tLoop([&] { EXPECT_EQ(S_OK, m_pCache->StorageFlush(nullptr)); });
     ASSERT_TRUE(m_io.WaitHeld(20000)) << "the loop never grew the file";
-    // A loop that does not come round within the deadline refuses the
-    // pause, and takes it back: the command must not touch the file.
-    m_pCache->m_nPauseDeadlineMs = 200;
-    EXPECT_FALSE(m_pCache->PauseFile(FS_FILE_NO)) << "a pause granted while the loop is inside the file";
-    EXPECT_EQ(0, TalvorLoadShared(&m_pCache->m_bPauseFileNo));
-    EXPECT_TRUE(Traced(60001018, "did not leave file"));
-    m_pCache->m_nPauseDeadlineMs = CACHE_PAUSE_DEADLINE_MS;
-    std::atomic<bool> bGranted{false};
-    std::thread tPause([&] {
-        EXPECT_TRUE(m_pCache->PauseFile(FS_FILE_NO));
-        bGranted = true;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    EXPECT_FALSE(bGranted.load()) << "the pause was granted while the loop still grew the file";
-    m_io.Release();
-    EXPECT_TRUE(WaitUntil([&] { return bGranted.load(); }, 20000));
-    tPause.join();
+    ExpectPauseWaitsOutTheHold("the loop still grew the file");
     const long long llGrown = Val(lpHead->m_nFileTotalSize);
     EXPECT_EQ(FS_FILE_SIZE + CACHEFLUSH_GROW_SIZE, llGrown);
     // Short of room again while paused: the loop's rounds leave it alone.

@@ -277,20 +277,7 @@ TEST_F(CacheLoadThread, APauseWaitsForTheSlotBeingServedAndIsRefusedWhenItHangs)
     m_io.Hold(FileOp::PRead);
     LPCacheBufferBlockOperate p = Post(FS_FILE_NO, BLOCK_NO, BLOCK_AT, CACHE_BLOCK_SIZE, CacheBlockOffset(m_nTarget));
     ASSERT_TRUE(m_io.WaitHeld(20000)) << "the slot was never served";
-    m_pCache->m_nPauseDeadlineMs = 200;
-    EXPECT_FALSE(m_pCache->PauseFile(FS_FILE_NO)) << "a pause granted while a slot of the file is served";
-    EXPECT_EQ(0, TalvorLoadShared(&m_pCache->m_bPauseFileNo));
-    EXPECT_TRUE(Traced(60001018, "did not leave file"));
-    m_pCache->m_nPauseDeadlineMs = CACHE_PAUSE_DEADLINE_MS;
-    std::atomic<bool> bGranted{false};
-    std::thread tPause([&] {
-        EXPECT_TRUE(m_pCache->PauseFile(FS_FILE_NO));
-        bGranted = true;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    EXPECT_FALSE(bGranted.load()) << "the pause was granted while the slot was still being read";
-    m_io.Release();
-    tPause.join();
+    ExpectPauseWaitsOutTheHold("a slot of the file was still being read");
     // Granted once the slot is answered, and the next one waits for the end.
     EXPECT_EQ(CACHELOAD_OK, Answer(p));
     EXPECT_TRUE(TargetHoldsBlock(BLOCK_AT));

@@ -7,9 +7,13 @@
 #include "TalvorFileIO.h"
 #include "TalvorFileStorage.h"
 #include "TempTree.h"
+#include "TestClock.h"
 
+#include <atomic>
+#include <chrono>
 #include <fcntl.h>
 #include <random>
+#include <thread>
 #include <unistd.h>
 
 namespace cachetest {
@@ -106,6 +110,28 @@ protected:
         long long d = FirstDiff(FileBytes(), m_vLogical);
         if (d >= 0) return ::testing::AssertionFailure() << "file differs at " << d;
         return ::testing::AssertionSuccess();
+    }
+    // With one of the cache's threads held inside the file by m_io: a pause
+    // asked with a short deadline is refused, taken back and traced; one
+    // asked with the full deadline is not granted while the hold lasts, and
+    // is granted once m_io lets the thread go. The pause then stands.
+    void ExpectPauseWaitsOutTheHold(const char* lpszHeld)
+    {
+        m_pCache->m_nPauseDeadlineMs = 200;
+        EXPECT_FALSE(m_pCache->PauseFile(FS_FILE_NO)) << "a pause granted while " << lpszHeld;
+        EXPECT_EQ(0, TalvorLoadShared(&m_pCache->m_bPauseFileNo));
+        EXPECT_TRUE(Traced(60001018, "did not leave file"));
+        m_pCache->m_nPauseDeadlineMs = CACHE_PAUSE_DEADLINE_MS;
+        std::atomic<bool> bGranted{false};
+        std::thread tPause([&] {
+            EXPECT_TRUE(m_pCache->PauseFile(FS_FILE_NO));
+            bGranted = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        EXPECT_FALSE(bGranted.load()) << "the pause was granted while " << lpszHeld;
+        m_io.Release();
+        EXPECT_TRUE(talvortest::WaitUntil([&] { return bGranted.load(); }, 20000));
+        tPause.join();
     }
     // No call leaves the buffers' latch taken, whatever failed.
     ::testing::AssertionResult LatchFree() const
