@@ -84,11 +84,10 @@ HRESULT CTalvorCacheStorage::RunFlushLoop(LPTALVORCRITICALSECTION lpCritSection,
     run.lpWork = (LPBYTE)get_aligned_buffer((size_t)kind.nWorkSize);
     if (run.lpWork == nullptr) return E_FAIL;
     HEVENTTYPE hWait = kind.bIndex ? m_hCacheIndexFlush : m_hCacheFlush;
-    TalvorStoreShared(&m_arFlushLoopUp[LoopOf(kind)], 1);
+    // Marked running before the first look at the pause: see AnswerPause.
+    __atomic_store_n(&m_arFlushLoopUp[LoopOf(kind)], (BYTE)1, __ATOMIC_SEQ_CST);
     for (;;) {
-        // Whatever the last round did with a file is behind this point: a
-        // pause begun before it is answered here.
-        TalvorStoreShared(&m_arPauseSeen[LoopOf(kind)], TalvorLoadShared(&m_nPauseSeq));
+        AnswerPause(kind);
         if (TalvorLoadShared(&m_bExit)) run.bExit = TRUE;
         ServeOpenRequest(lpCritSection, kind);
         int nRing = ServeRing(lpCritSection, run);
@@ -113,6 +112,16 @@ HRESULT CTalvorCacheStorage::RunFlushLoop(LPTALVORCRITICALSECTION lpCritSection,
     return S_OK;
 }
 
+// Whatever the loop did with a file is behind this point: a pause begun
+// before it is answered here. The count is read sequentially consistent
+// after the loop was marked running, and PauseFile stores it before it
+// reads the marks: either PauseFile waits for a loop that has just started,
+// or that loop sees the pause.
+void CTalvorCacheStorage::AnswerPause(const CacheFlushKind& kind)
+{
+    TalvorStoreShared(&m_arPauseSeen[LoopOf(kind)], __atomic_load_n(&m_nPauseSeq, __ATOMIC_SEQ_CST));
+}
+
 BOOL CTalvorCacheStorage::PauseFile(BYTE bFileNo)
 {
     assert(bFileNo != 0);  // 0 is "no pause", and every idle load thread's mark
@@ -120,7 +129,7 @@ BOOL CTalvorCacheStorage::PauseFile(BYTE bFileNo)
     __atomic_store_n(&m_bPauseFileNo, bFileNo, __ATOMIC_SEQ_CST);
     // Stored after the number: a loop that sees the count sees the number.
     const UINT nSeq = TalvorLoadShared(&m_nPauseSeq) + 1;
-    TalvorStoreShared(&m_nPauseSeq, nSeq);
+    __atomic_store_n(&m_nPauseSeq, nSeq, __ATOMIC_SEQ_CST);
     // The loops' semaphores only shorten their waits.
     if (m_hCacheFlush != nullptr) SetEvent(m_hCacheFlush);
     if (m_hCacheIndexFlush != nullptr) SetEvent(m_hCacheIndexFlush);
@@ -147,7 +156,9 @@ void CTalvorCacheStorage::ResumeFile()
 BOOL CTalvorCacheStorage::LoopsSawPause(UINT nSeq) const
 {
     for (int nLoop = 0; nLoop < 2; nLoop++)
-        if (TalvorLoadShared(&m_arFlushLoopUp[nLoop]) && TalvorLoadShared(&m_arPauseSeen[nLoop]) != nSeq) return FALSE;
+        if (__atomic_load_n(&m_arFlushLoopUp[nLoop], __ATOMIC_SEQ_CST) &&
+            TalvorLoadShared(&m_arPauseSeen[nLoop]) != nSeq)
+            return FALSE;
     return TRUE;
 }
 
@@ -181,6 +192,9 @@ int CTalvorCacheStorage::ServeRing(LPTALVORCRITICALSECTION lpCritSection, CacheF
         int nPos = TalvorLoadShared(pPos) % CACHE_FLUSH_RING_SIZE;
         stu_CacheFlush* p = &pRing[nPos];
         if (TalvorLoadShared(&p->m_bStatus) != 1) return FLUSHRING_EMPTY;
+        // An engine that keeps the ring full keeps the loop from its top:
+        // between two entries it holds no file either.
+        AnswerPause(kind);
         TalvorFlushCPU4Read();
         BYTE bResult = CACHEFLUSH_DONE;
         if (CarryOut(lpCritSection, p, run, bResult) == FLUSHRING_PAUSED) return FLUSHRING_PAUSED;

@@ -184,8 +184,12 @@ int CTalvorCacheStorage::CarryOut(LPTALVORCRITICALSECTION lpCritSection, stu_Cac
         return FLUSHENTRY_HANDLED;
     }
     // Before the file's descriptor is looked at: once the pause is
-    // granted, the paused file may be freed (PauseFile).
-    if (p->m_bBlockType != CACHEFLUSH_TIMESTAMPS && IsPausedFile(p->m_bFileNo)) return FLUSHENTRY_PAUSED;
+    // granted, the paused file may be freed (PauseFile). A timestamp waits
+    // for any pause: its commit stands for every block posted before it,
+    // and the paused file's buffered writes cannot be drained meanwhile.
+    const BOOL bPaused = p->m_bBlockType == CACHEFLUSH_TIMESTAMPS ? TalvorLoadShared(&m_bPauseFileNo) != 0
+                                                                  : IsPausedFile(p->m_bFileNo);
+    if (bPaused) return FLUSHENTRY_PAUSED;
     WaitForFit(p, kind);
     if (++run.nEntries % CACHEFLUSH_SPACE_EVERY == 0) FileSpaceManage(lpCritSection, kind.bFileType);
     if (p->m_bBlockType == CACHEFLUSH_TIMESTAMPS) {

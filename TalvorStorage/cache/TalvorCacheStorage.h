@@ -240,7 +240,8 @@ public:
     // PauseFile's count of pauses, and per flush loop (table, index) the
     // count its loop top last saw and whether the loop runs: the handshake
     // that tells the command thread a loop no longer holds a paused file.
-    // TalvorLoadShared and TalvorStoreShared only.
+    // Shared accesses only; the count and the running marks sequentially
+    // consistent (AnswerPause).
     volatile UINT m_nPauseSeq = 0;
     volatile UINT m_arPauseSeen[2] = {0, 0};
     volatile BYTE m_arFlushLoopUp[2] = {0, 0};
@@ -334,6 +335,8 @@ private:
     void LeaveServe(BYTE bThreadFile);
     // TRUE while a load thread serves a slot of bFileNo.
     BOOL LoadServing(BYTE bFileNo) const;
+    // Tells PauseFile that this flush loop holds no file now.
+    void AnswerPause(const CacheFlushKind& kind);
     // TRUE once every running flush loop has seen pause nSeq.
     BOOL LoopsSawPause(UINT nSeq) const;
     BYTE ServeSlot(LPTALVORCRITICALSECTION lpCritSection, LPCacheBufferBlockOperate lpSlot, BYTE bSlotFile,

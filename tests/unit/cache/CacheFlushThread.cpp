@@ -114,6 +114,31 @@ TEST_F(FlushRing, APauseIsGrantedOnlyOnceTheLoopIsOffTheFileAndKeepsItOff)
     tLoop.join();
 }
 
+TEST_F(FlushRing, ATimestampWaitsWhileAFileIsPaused)
+{
+    // File buffers on: a served block may still sit in a buffer, which the
+    // loops leave alone while its file is paused.
+    MakeRing(TRUE);
+    std::atomic<int> nCommits{0};
+    m_module.m_fnOnCommit = [&](const FakeCacheModule::Commit&) { nCommits++; };
+    m_pCache->m_nWaitTime = 20;
+    std::thread tLoop([&] { EXPECT_EQ(S_OK, m_pCache->StorageFlush(nullptr)); });
+    stu_CacheFlush* pData = PostData(80, 40LL * FS_PART);
+    ASSERT_TRUE(WaitUntil([&] { return TalvorLoadShared(&pData->m_bStatus) == 0; }, 20000));
+    ASSERT_TRUE(m_pCache->PauseFile(FS_FILE_NO));
+    stu_CacheFlush* pStamp = PostTimestamp(9100, -1, 0);
+    // Many rounds of the loop.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(0, nCommits.load()) << "a timestamp committed over a paused file's writes";
+    EXPECT_EQ(1, Val(pStamp->m_bStatus));
+    m_pCache->ResumeFile();
+    EXPECT_TRUE(WaitUntil([&] { return nCommits.load() == 1; }, 20000));
+    // The commit came once the file's writes were on disk.
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
+    TalvorStoreShared(&m_pCache->m_bExit, 1);
+    tLoop.join();
+}
+
 TEST_F(FlushRing, AtTheStopAPausedEntryStaysPostedForTheNextDaemon)
 {
     MakeRing();
