@@ -371,14 +371,20 @@ int SaveFileListBlock(SaveContext& c, LPBASEBLOCKHEAD lpLive, long long nBlockOf
 {
     LPBYTE lpOwn = nBlockSize > SAVE_COPY_LIMIT ? new (std::nothrow) BYTE[nBlockSize] : nullptr;
     LPBYTE lpCopy = nBlockSize > SAVE_COPY_LIMIT ? lpOwn : c.m_lpBuffer;
-    // No room for the copy: the block stays marked for the next pass.
-    if (lpCopy == nullptr) return STEP_OK;
+    // No room for the copy: the block stays marked for the next pass. The
+    // object stays marked too, or no later pass would walk to the block
+    // unless something else changed.
+    if (lpCopy == nullptr) {
+        bFlashFlag = TRUE;
+        return STEP_OK;
+    }
     TalvorStoreShared(&lpLive->m_bSaveFlag, 0);
     FullFence();
     memcpy(lpCopy, (const void*)lpLive, (size_t)nBlockSize);
     int nResult = STEP_OK;
     if (!FileListCopySettled(c, (const BYTE*)lpLive, lpCopy, nBlockSize)) {
         TalvorStoreShared(&lpLive->m_bSaveFlag, 1);
+        bFlashFlag = TRUE;
     } else if (!BlockMarkHolds(c, lpLive, (LPBASEBLOCKHEAD)lpCopy, nBlockOffset, 40002030) ||
                WriteBlockOut(c, lpLive, (LPBASEBLOCKHEAD)lpCopy, nBlockOffset, nBlockSize, 40002032) != STEP_OK) {
         nResult = STEP_FAIL;

@@ -450,7 +450,8 @@ BOOL CBreltMemStorageModule::SettleFileListRow(const FILE_MEMDBFILEINFO* lpLiveR
 {
     if (lpRow->m_bDropFlag == 1) return TRUE;
     const BYTE bFileNo = lpRow->m_bFileNo;
-    if (bFileNo == SYSTEMFILE_FILENO) return TRUE;
+    // The system file's own row, not any row that claims its number.
+    if (m_lpSystemFileInfo != nullptr && lpLiveRow == m_lpSystemFileInfo->m_lpFileInfo) return TRUE;
     // Only the row the descriptor was built from, or that its add filled:
     // another row naming the same number is a request, not the file.
     const stu_FILEINFO* p = FindStorageInfo(bFileNo);
