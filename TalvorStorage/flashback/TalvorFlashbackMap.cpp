@@ -78,6 +78,10 @@ void CTalvorFlashback::MapDataFromImage(LPFILEINFO pFileInfo, LPBYTE lpHeadBuf, 
     for (long long nStep = 0; nOffset > 0 && nStep < nMaxSteps; nStep++) {
         long long nDistance = (bSystem && nStep > 0) ? SYSTEMFILE_MAP_COPY : nMapSize;
         if (nOffset + nDistance + nCopy > nImageSize) return;
+        // A system head whose map size is below the fixed copy puts the slave
+        // inside its own master: the copy would write over the live map the
+        // engine works on. Such a head is damaged; its maps stay as they are.
+        if (nDistance < nCopy) return;
         memcpy(lpImage + nOffset + nDistance, lpImage + nOffset, (size_t)nCopy);
         long long nNext = ((LPBASEFILEBLOCKMAPHEAD)(lpImage + nOffset))->m_nNextBlockMapOffset;
         if (!bSystem && nNext < nHeaderSize) return;

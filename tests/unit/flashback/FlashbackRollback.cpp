@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -362,3 +363,53 @@ TEST_F(FlashbackRows, VersionLookupCodes)
 }
 
 } // namespace
+
+namespace {
+
+// A file image with its head at 0 and one master map at MAP_AT, filled with
+// a pattern; the next map offset (the map head's) is 0.
+const long long MAP_AT = 0x10000;
+const int SYSTEM_MAP_COPY = 0x40000;
+std::vector<BYTE> ImageWithOneMap(int nMapSize)
+{
+    std::vector<BYTE> v((size_t)(1 << 20), 0);
+    for (size_t i = MAP_AT; i < v.size(); i++) v[i] = (BYTE)(i * 7 + 3);
+    LPBASEFILEBLOCKMAPHEAD lpMap = (LPBASEFILEBLOCKMAPHEAD)&v[MAP_AT];
+    lpMap->m_nNextBlockMapOffset = 0;
+    LPBASEFILEHEAD lpHead = (LPBASEFILEHEAD)v.data();
+    lpHead->m_nFileHeaderSize = 4096;
+    lpHead->m_nBlockMapSize = nMapSize;
+    lpHead->m_nBlockMapStartOffset = MAP_AT;
+    return v;
+}
+
+} // namespace
+
+// With no engine to ask, the slave maps are refreshed from the image. The
+// system file's copy length is fixed; a head whose map size is below it
+// would put the slave inside its own master, and the copy would write over
+// the live map the engine works on.
+TEST(FlashbackMapFromImage, ASystemHeadWithAShortMapSizeLeavesTheMasterAlone)
+{
+    CTalvorFlashback fb;
+    std::vector<BYTE> vHeadBuf(1 << 20);
+    for (int nMapSize : {SYSTEM_MAP_COPY, 0xFFFF}) {
+        SCOPED_TRACE(nMapSize);
+        std::vector<BYTE> vImage = ImageWithOneMap(nMapSize);
+        const std::vector<BYTE> vBefore = vImage;
+        stu_FILEINFO info;
+        memset(&info, 0, sizeof(info));
+        info.m_bFileNo = SYSTEMFILE_FILENO;
+        info.m_pFileAddr = vImage.data();
+        info.m_liFileSize = (long long)vImage.size();
+        ASSERT_EQ(0, fb.FlashbackMapData(nullptr, &info, 100, vHeadBuf.data(), (int)vHeadBuf.size()));
+        EXPECT_TRUE(std::equal(vImage.begin() + MAP_AT, vImage.begin() + MAP_AT + SYSTEM_MAP_COPY,
+                               vBefore.begin() + MAP_AT))
+            << "the master map was written over";
+        if (nMapSize == SYSTEM_MAP_COPY) {
+            EXPECT_TRUE(std::equal(vImage.begin() + MAP_AT + nMapSize, vImage.begin() + MAP_AT + nMapSize + SYSTEM_MAP_COPY,
+                                   vBefore.begin() + MAP_AT))
+                << "the slave map was not refreshed";
+        }
+    }
+}
