@@ -105,8 +105,14 @@ bool MariaDbReference::Start()
     }
     std::string strData = m_tree.Path("data");
     m_strSocket = m_tree.Path("sock");
-    std::string strInstall = "mariadb-install-db --no-defaults --user=root --skip-test-db --datadir='" + strData +
-                             "' >'" + m_tree.Path("install.log") + "' 2>&1";
+    // A temporary directory of its own: the server names its temporary
+    // tables by its process id, and two of them started in their own pid
+    // namespaces (tests/isolate.sh) can share an id and would take each
+    // other's files out of a common /tmp.
+    std::string strTmp = m_tree.Path("tmp");
+    std::string strTmpArg = "--tmpdir=" + strTmp;
+    std::string strInstall = "mkdir -p '" + strTmp + "' && mariadb-install-db --no-defaults --user=root --skip-test-db --datadir='" +
+                             strData + "' '" + strTmpArg + "' >'" + m_tree.Path("install.log") + "' 2>&1";
     // On a loaded machine the installer has been seen to fail once and
     // succeed on a second try in a fresh directory.
     bool bInstalled = system(strInstall.c_str()) == 0;
@@ -134,7 +140,7 @@ bool MariaDbReference::Start()
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (getppid() != nParent) _exit(127);
         execl("/usr/sbin/mariadbd", "mariadbd", "--no-defaults", strDataArg.c_str(), strSocketArg.c_str(),
-              "--skip-networking", "--user=root", "--skip-grant-tables", "--innodb-buffer-pool-size=8M",
+              strTmpArg.c_str(), "--skip-networking", "--user=root", "--skip-grant-tables", "--innodb-buffer-pool-size=8M",
               "--character-set-server=utf8mb4", "--collation-server=utf8mb4_bin", strLogArg.c_str(),
               strPidArg.c_str(), static_cast<char*>(nullptr));
         _exit(127);
