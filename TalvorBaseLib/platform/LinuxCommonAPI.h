@@ -177,6 +177,18 @@ inline void TalvorStoreShared(volatile T* p, V v)
 {
     __atomic_store_n(p, (T)v, __ATOMIC_RELEASE);
 }
+// The same, sequentially consistent: for two threads that each store one
+// flag and then read the other's, where at least one must see the other.
+template <class T>
+inline T TalvorLoadSharedFull(const volatile T* p)
+{
+    return __atomic_load_n(p, __ATOMIC_SEQ_CST);
+}
+template <class T, class V>
+inline void TalvorStoreSharedFull(volatile T* p, V v)
+{
+    __atomic_store_n(p, (T)v, __ATOMIC_SEQ_CST);
+}
 
 // A buffer for direct transfers, aligned to a page (so also to the 512 bytes
 // every direct transfer needs); free() releases it. A buffer aligned to 512

@@ -85,7 +85,7 @@ HRESULT CTalvorCacheStorage::RunFlushLoop(LPTALVORCRITICALSECTION lpCritSection,
     if (run.lpWork == nullptr) return E_FAIL;
     HEVENTTYPE hWait = kind.bIndex ? m_hCacheIndexFlush : m_hCacheFlush;
     // Marked running before the first look at the pause: see AnswerPause.
-    __atomic_store_n(&m_arFlushLoopUp[LoopOf(kind)], (BYTE)1, __ATOMIC_SEQ_CST);
+    TalvorStoreSharedFull(&m_arFlushLoopUp[LoopOf(kind)], 1);
     for (;;) {
         AnswerPause(kind);
         if (TalvorLoadShared(&m_bExit)) run.bExit = TRUE;
@@ -119,17 +119,17 @@ HRESULT CTalvorCacheStorage::RunFlushLoop(LPTALVORCRITICALSECTION lpCritSection,
 // or that loop sees the pause.
 void CTalvorCacheStorage::AnswerPause(const CacheFlushKind& kind)
 {
-    TalvorStoreShared(&m_arPauseSeen[LoopOf(kind)], __atomic_load_n(&m_nPauseSeq, __ATOMIC_SEQ_CST));
+    TalvorStoreShared(&m_arPauseSeen[LoopOf(kind)], TalvorLoadSharedFull(&m_nPauseSeq));
 }
 
 BOOL CTalvorCacheStorage::PauseFile(BYTE bFileNo)
 {
     assert(bFileNo != 0);  // 0 is "no pause", and every idle load thread's mark
     // Sequentially consistent, against the load threads' mark (EnterServe).
-    __atomic_store_n(&m_bPauseFileNo, bFileNo, __ATOMIC_SEQ_CST);
+    TalvorStoreSharedFull(&m_bPauseFileNo, bFileNo);
     // Stored after the number: a loop that sees the count sees the number.
     const UINT nSeq = TalvorLoadShared(&m_nPauseSeq) + 1;
-    __atomic_store_n(&m_nPauseSeq, nSeq, __ATOMIC_SEQ_CST);
+    TalvorStoreSharedFull(&m_nPauseSeq, nSeq);
     // The loops' semaphores only shorten their waits.
     if (m_hCacheFlush != nullptr) SetEvent(m_hCacheFlush);
     if (m_hCacheIndexFlush != nullptr) SetEvent(m_hCacheIndexFlush);
@@ -150,13 +150,13 @@ BOOL CTalvorCacheStorage::PauseFile(BYTE bFileNo)
 
 void CTalvorCacheStorage::ResumeFile()
 {
-    __atomic_store_n(&m_bPauseFileNo, (BYTE)0, __ATOMIC_SEQ_CST);
+    TalvorStoreSharedFull(&m_bPauseFileNo, 0);
 }
 
 BOOL CTalvorCacheStorage::LoopsSawPause(UINT nSeq) const
 {
     for (int nLoop = 0; nLoop < 2; nLoop++)
-        if (__atomic_load_n(&m_arFlushLoopUp[nLoop], __ATOMIC_SEQ_CST) &&
+        if (TalvorLoadSharedFull(&m_arFlushLoopUp[nLoop]) &&
             TalvorLoadShared(&m_arPauseSeen[nLoop]) != nSeq)
             return FALSE;
     return TRUE;
@@ -165,7 +165,7 @@ BOOL CTalvorCacheStorage::LoopsSawPause(UINT nSeq) const
 BOOL CTalvorCacheStorage::LoadServing(BYTE bFileNo) const
 {
     for (int i = 0; i < MAX_FILE_NUM; i++)
-        if (__atomic_load_n(&m_arLoadServing[i], __ATOMIC_SEQ_CST) == bFileNo) return TRUE;
+        if (TalvorLoadSharedFull(&m_arLoadServing[i]) == bFileNo) return TRUE;
     return FALSE;
 }
 

@@ -223,9 +223,9 @@ BOOL CTalvorCacheStorage::EnterServe(BYTE bThreadFile, LPCacheBufferBlockOperate
     for (;;) {
         bSlotFile = lpSlot->m_bFileNo;
         // Marked before the pause is read: see m_arLoadServing.
-        __atomic_store_n(&m_arLoadServing[bThreadFile], bSlotFile, __ATOMIC_SEQ_CST);
+        TalvorStoreSharedFull(&m_arLoadServing[bThreadFile], bSlotFile);
         if (TalvorLoadShared(&m_bExit)) break;
-        if (bSlotFile == 0 || bSlotFile != __atomic_load_n(&m_bPauseFileNo, __ATOMIC_SEQ_CST)) return TRUE;
+        if (bSlotFile == 0 || bSlotFile != TalvorLoadSharedFull(&m_bPauseFileNo)) return TRUE;
         LeaveServe(bThreadFile);
         Sleep(PAUSE_SLEEP_MS);
         WaitForVerification(lpSlot);
@@ -236,7 +236,7 @@ BOOL CTalvorCacheStorage::EnterServe(BYTE bThreadFile, LPCacheBufferBlockOperate
 
 void CTalvorCacheStorage::LeaveServe(BYTE bThreadFile)
 {
-    __atomic_store_n(&m_arLoadServing[bThreadFile], (BYTE)0, __ATOMIC_SEQ_CST);
+    TalvorStoreSharedFull(&m_arLoadServing[bThreadFile], 0);
 }
 
 // The cache block a slot names, when [offset, offset + nSize) lies inside

@@ -115,8 +115,9 @@ public:
     // the object deleted). The flush thread of the kind, no latch held.
     int CreateBackendsFor(LPTALVORCRITICALSECTION lpCritSection, const CacheFlushKind& kind);
     // Holds the cache's threads off file bFileNo (m_bPauseFileNo). TRUE once
-    // each running flush loop has come round to its top since and no load
-    // thread is serving a slot of the file: from then on none of them
+    // each running flush loop has answered it (at its top or between two
+    // ring entries, AnswerPause) and no load thread is serving a slot of
+    // the file: from then on none of them
     // touches the file's descriptor, its backend or its row until
     // ResumeFile, so the caller may change or free them. A ring entry or a
     // load slot for the file waits meanwhile. FALSE when that has not
