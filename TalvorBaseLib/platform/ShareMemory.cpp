@@ -2,6 +2,9 @@
 #include "ShareMemory.h"
 
 #include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <sys/mman.h>
 #include <sys/shm.h>
 #include <unistd.h>
 
@@ -70,4 +73,19 @@ size_t CShareMemory::ShareMemorySize(MFID nMemId)
     struct shmid_ds ds;
     if (shmctl(nMemId, IPC_STAT, &ds) != 0) return 0;
     return ds.shm_segsz;
+}
+
+void CShareMemory::ZeroShareMemory(LPBYTE lpFrom, size_t nSize)
+{
+    const uintptr_t nPage = (uintptr_t)sysconf(_SC_PAGESIZE);
+    uintptr_t nBegin = (uintptr_t)lpFrom;
+    uintptr_t nEnd = nBegin + nSize;
+    uintptr_t nPagesFrom = (nBegin + nPage - 1) / nPage * nPage;
+    uintptr_t nPagesTo = nEnd / nPage * nPage;
+    if (nPagesFrom >= nPagesTo || madvise((void*)nPagesFrom, nPagesTo - nPagesFrom, MADV_REMOVE) != 0) {
+        memset(lpFrom, 0, nSize);
+        return;
+    }
+    memset(lpFrom, 0, nPagesFrom - nBegin);
+    memset((void*)nPagesTo, 0, nEnd - nPagesTo);
 }

@@ -23,4 +23,10 @@ public:
     static BOOL GetShareMemorySuccess(MFID nMemId) { return nMemId != -1; }
     // Size in bytes of an existing segment, or 0 when it cannot be asked.
     static size_t ShareMemorySize(MFID nMemId);
+    // Sets nSize bytes at lpFrom, inside an attached segment, to zero for
+    // every process that has it attached. Whole pages are handed back to
+    // the system instead of written, so clearing a large segment neither
+    // touches nor keeps its memory; the ragged ends (and every page when
+    // the system refuses) are written. Any thread; the caller owns the range.
+    static void ZeroShareMemory(LPBYTE lpFrom, size_t nSize);
 };

@@ -283,7 +283,7 @@ void CTalvorCacheStorage::BuildHead(BOOL bZeroAll)
     TalvorFlushCPU4Write();
     const size_t nFrom = offsetof(CacheBufferHead, m_bCacheHeadNum);
     size_t nTo = bZeroAll ? (size_t)l.m_llTotalSize : sizeof(CacheBufferHead);
-    memset(m_pCacheBufferAddr + nFrom, 0, nTo - nFrom);
+    CShareMemory::ZeroShareMemory(m_pCacheBufferAddr + nFrom, nTo - nFrom);
     h->m_llCacheTotalSize = l.m_llTotalSize;
     h->m_nCacheFlushOffset = CACHE_FLUSH_OFFSET;
     h->m_nCacheIndexFlushOffset = CACHE_INDEXFLUSH_OFFSET;

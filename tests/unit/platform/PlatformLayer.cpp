@@ -811,6 +811,51 @@ TEST_F(SharedMemoryTest, DestroyRemovesAndZeroesTheId)
     EXPECT_EQ(bExists, FALSE);
 }
 
+// Pages of SysV memory resident in this test's own IPC namespace.
+unsigned long ResidentSharedPages()
+{
+    struct shm_info info;
+    memset(&info, 0, sizeof(info));
+    shmctl(0, SHM_INFO, (struct shmid_ds*)&info);
+    return info.shm_rss;
+}
+
+// Whole pages are given back and the ragged ends written: every byte of
+// the range reads zero through a second attachment, and not one byte
+// outside it changes, whichever way the range meets the page bounds.
+TEST_F(SharedMemoryTest, ZeroingReachesEveryAttachmentAndStopsAtTheRangeBounds)
+{
+    const size_t nPage = (size_t)sysconf(_SC_PAGESIZE);
+    const size_t nSize = 5 * nPage;
+    BOOL bExists = 0;
+    MFID nId = CShareMemory::CreateShareMemory(kKey, nSize, nullptr, bExists);
+    ASSERT_GT(nId, 0);
+    LPBYTE p1 = (LPBYTE)CShareMemory::ShMemAttach(nId, nullptr, 0);
+    LPBYTE p2 = (LPBYTE)CShareMemory::ShMemAttach(nId, nullptr, 0);
+    ASSERT_NE(p1, nullptr);
+    ASSERT_NE(p2, nullptr);
+    struct Range {
+        size_t nFrom, nLen;
+    } ranges[] = {{100, 3 * nPage}, {nPage, 2 * nPage}, {10, 40}, {nPage - 1, 2}, {0, nSize}, {nPage + 1, nPage - 2}};
+    for (const Range& r : ranges) {
+        memset(p1, 0xAB, nSize);
+        CShareMemory::ZeroShareMemory(p1 + r.nFrom, r.nLen);
+        size_t nWrong = 0, nFirst = SIZE_MAX;
+        for (size_t i = 0; i < nSize; i++) {
+            BYTE bWant = i >= r.nFrom && i < r.nFrom + r.nLen ? 0 : 0xAB;
+            if (p2[i] != bWant && nWrong++ == 0) nFirst = i;
+        }
+        EXPECT_EQ(nWrong, 0u) << "range " << r.nFrom << "+" << r.nLen << ", first wrong byte " << nFirst;
+    }
+    // The pages of a cleared segment are given back, not kept written.
+    memset(p1, 0xAB, nSize);
+    unsigned long nResidentBefore = ResidentSharedPages();
+    CShareMemory::ZeroShareMemory(p1, nSize);
+    EXPECT_GE(nResidentBefore, ResidentSharedPages() + 5);
+    CShareMemory::ShMemDetach(p1);
+    CShareMemory::ShMemDetach(p2);
+}
+
 // --- Time shim ----------------------------------------------------------
 
 TEST(TimeShims, FileTimeMatchesWallClock)
