@@ -114,6 +114,47 @@ TEST_F(FlushRing, APauseIsGrantedOnlyOnceTheLoopIsOffTheFileAndKeepsItOff)
     tLoop.join();
 }
 
+// An engine that keeps the ring full never lets the loop back to its top:
+// a pause of another file is answered between two entries, while the
+// ring's own file goes on being written.
+TEST_F(FlushRing, APauseIsAnsweredBetweenEntriesOfARingKeptFull)
+{
+    MakeRing();
+    const BYTE bOtherFile = FS_FILE_NO + 1;
+    stu_CacheFlush* pFirst = PostData(80, 40LL * FS_PART);
+    LPBYTE lpLive = m_vLive.back();
+    for (int i = 1; i < CACHE_FLUSH_RING_SIZE; i++) PostData(80, 40LL * FS_PART, false, lpLive);
+    std::atomic<bool> bFeed{true};
+    std::atomic<long long> nReposted{0};
+    std::thread tFeed([&] {
+        while (bFeed.load()) {
+            if (TalvorLoadShared(&m_pCache->m_pCacheFlush[m_nPos].m_bStatus) != 0) {
+                std::this_thread::yield();
+                continue;
+            }
+            PostData(80, 40LL * FS_PART, false, lpLive);
+            nReposted++;
+        }
+    });
+    // Each write takes a while, so that the feeder stays a ring ahead even
+    // when it loses the processor for a time.
+    m_io.OnCall(FileOp::PWrite, [](const talvortest::FileCall&) { usleep(1000); });
+    std::thread tLoop([&] { EXPECT_EQ(S_OK, m_pCache->StorageFlush(nullptr)); });
+    EXPECT_TRUE(WaitUntil([&] { return nReposted.load() > CACHE_FLUSH_RING_SIZE; }, 20000));
+    m_pCache->m_nPauseDeadlineMs = 5000;
+    EXPECT_TRUE(m_pCache->PauseFile(bOtherFile)) << "a full ring kept the pause from being answered";
+    const long long nAtPause = nReposted.load();
+    EXPECT_TRUE(WaitUntil([&] { return nReposted.load() > nAtPause + CACHE_FLUSH_RING_SIZE; }, 20000))
+        << "the pause of another file held the ring";
+    bFeed = false;
+    tFeed.join();
+    m_pCache->ResumeFile();
+    TalvorStoreShared(&m_pCache->m_bExit, 1);
+    tLoop.join();
+    EXPECT_EQ(CACHEFLUSH_DONE, Val(pFirst->m_bReserved));
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
+}
+
 TEST_F(FlushRing, ATimestampWaitsWhileAFileIsPaused)
 {
     // File buffers on: a served block may still sit in a buffer, which the
