@@ -3,6 +3,7 @@
 #include "DbFileLayout.h"
 #include "FaultFileIO.h"
 #include "PersistenceDb.h"
+#include "TalvorCacheStorage.h"
 #include "TalvorMemoryStorage.h"
 #include "TestFiles.h"
 
@@ -411,6 +412,56 @@ TEST_F(FileCommands, TwoSystemFileResizesReachExactlyTheSizeAsked)
     // A start that makes the image anew takes the whole grown file.
     ASSERT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
     EXPECT_EQ(nStart + 12 * DB_MIB, Val(m_db.File(1)->m_liFileSize));
+}
+
+// A cache thread that will not leave a file (hung in a write): the move
+// and the resize on it are refused with their failure answers and change
+// nothing; the delete, which has no failure answer, is left standing and
+// carried out by a later walk once the threads answer again.
+TEST_F(FileCommands, CommandsOnAFileACacheThreadWillNotLeaveAreRefusedWhole)
+{
+    // A flush loop marked running that never answers a pause.
+    CTalvorCacheStorage hung;
+    TalvorStoreShared(&hung.m_arFlushLoopUp[0], 1);
+    hung.m_nPauseDeadlineMs = 50;
+    m_db.Module().m_pTalvorCacheStorage = &hung;
+    // Files 2 and 3 taken for cache-mode files, the only ones a move or a
+    // resize holds off the cache's threads.
+    const BYTE bType2 = (BYTE)m_db.File(2)->m_bFileType, bType3 = (BYTE)m_db.File(3)->m_bFileType;
+    m_db.File(2)->m_bFileType = FILETYPE_TABLE;
+    m_db.File(3)->m_bFileType = FILETYPE_TABLE;
+    const std::string strNew = NewPath("Moved.dbf");
+    LPFILE_MEMDBFILEINFO lpMove = Ask({FILECMD_MOVE, 2, 0, strNew, "", 0});
+    LPFILE_MEMDBFILEINFO lpResize = Ask({FILECMD_RESIZE, 3, 0, "", "", 12 * DB_MIB});
+    LPFILE_MEMDBFILEINFO lpDelete = Ask({FILECMD_DELETE, 4, 0, "", "", 0});
+    HRESULT hr = m_db.Module().FileCMD(&m_db.m_stCrit);
+    m_db.File(2)->m_bFileType = bType2;
+    m_db.File(3)->m_bFileType = bType3;
+    m_db.Module().m_pTalvorCacheStorage = nullptr;
+    ASSERT_EQ(S_OK, hr);
+    EXPECT_EQ(FILECMD_MOVE_FAILED, Val(lpMove->m_bFileCMD));
+    EXPECT_STREQ(m_db.PathOf(2).c_str(), lpMove->m_lpszFilePath);
+    EXPECT_STREQ(m_db.PathOf(2).c_str(), m_db.File(2)->m_lpszFilePath);
+    EXPECT_FALSE(PathExists(strNew));
+    EXPECT_EQ(FILECMD_RESIZE_FAILED, Val(lpResize->m_bFileCMD));
+    EXPECT_EQ(4 * DB_MIB, FileSizeOf(m_db.PathOf(3)));
+    EXPECT_EQ(4 * DB_MIB, Val(m_db.File(3)->m_liFileSize));
+    EXPECT_EQ(FILECMD_DELETE, Val(lpDelete->m_bFileCMD));
+    EXPECT_NE(nullptr, m_db.File(4));
+    EXPECT_TRUE(PathExists(m_db.PathOf(4)));
+    EXPECT_EQ(0, TalvorLoadShared(&hung.m_bPauseFileNo)) << "a refused pause was left standing";
+    EXPECT_TRUE(m_db.m_tree.Traced("60001018")) << m_db.m_tree.Trace();
+    // The threads answer again: the delete left standing goes through.
+    TakeBack(lpMove, m_db.PathOf(2));
+    TakeBack(lpResize, "", 4 * DB_MIB);
+    Serve();
+    EXPECT_EQ(FILECMD_NONE, Val(lpDelete->m_bFileCMD));
+    EXPECT_EQ(nullptr, m_db.File(4));
+    EXPECT_FALSE(PathExists(m_db.PathOf(4)));
+    EXPECT_EQ("", ListAgreesWithFiles());
+    ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
+    EXPECT_NE(nullptr, m_db.File(2));
+    EXPECT_EQ(nullptr, m_db.File(4));
 }
 
 TEST_F(FileCommands, ADeleteDropsTheRowOnDiskBeforeTheFileGoes)
