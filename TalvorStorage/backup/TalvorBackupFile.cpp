@@ -44,6 +44,13 @@ int TalvorBackupFilePath(const char* lpArchiveDesPath, int nPathSize, long long 
     return BACKUPDIR_OK;
 }
 
+void TalvorBackupPartPath(const char* lpPath, char* lpPart)
+{
+    // Directory (228) and name (35) leave the suffix room in BACKUP_PATH_MAX.
+    static_assert(BACKUP_DIR_MAX + 8 + 35 + sizeof(BACKUP_PART_SUFFIX) <= BACKUP_PATH_MAX, "room for the part name");
+    snprintf(lpPart, BACKUP_PATH_MAX, "%s%s", lpPath, BACKUP_PART_SUFFIX);
+}
+
 FILETIME TalvorBackupFileTime(long long nSeconds, long long nMicros)
 {
     unsigned long long nTicks =

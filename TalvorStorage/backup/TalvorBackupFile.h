@@ -38,6 +38,13 @@ int TalvorBackupDirectory(const char* lpArchiveDesPath, int nPathSize, char* lpD
 // BACKUP_PATH_MAX bytes). BACKUPDIR_OK, or the refusal of the directory.
 int TalvorBackupFilePath(const char* lpArchiveDesPath, int nPathSize, long long nTimestamp, char* lpPath);
 
+// A backup is written under its path plus this until it is whole.
+inline constexpr char BACKUP_PART_SUFFIX[] = ".part";
+// The part name of the backup path lpPath into lpPart (at least
+// BACKUP_PATH_MAX bytes); a path TalvorBackupFilePath made always fits.
+// Any thread; pure.
+void TalvorBackupPartPath(const char* lpPath, char* lpPart);
+
 // The fixed part of a backup head as both writers start it: marks, sizes,
 // the point and origin of the backup and the time now; a full backup's
 // level and reference (both zero) are left as the caller cleared them.

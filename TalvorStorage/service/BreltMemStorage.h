@@ -132,13 +132,26 @@ public:
 
     // --- Backups (BreltMemStorageBackup.cpp). Storage thread; no latch held.
     // The backup file of nTimestamp under the first archive destination:
-    // opened read-only, or made anew (an older one of that name removed),
-    // for direct, synchronous I/O. A handle — a CTalvorDirectFile — for
-    // CloseBackupFile, or null (traced).
+    // opened read-only, or made anew for writing, for direct I/O. A new one
+    // is made under its part name (TalvorBackupPartPath): a backup of that
+    // timestamp already on disk stays whole and readable until
+    // PublishBackupFile puts the new one in its place, so a backup that
+    // fails or is cut never costs the one before it. A handle — a
+    // CTalvorDirectFile — for CloseBackupFile, or null (traced).
     void* OpenBackupFullFile(char* lpArchiveDesPath, int nPathSize, long long nTimestamp, BOOL bReadOnly);
     void CloseBackupFile(void* hFile);
-    // Removes the backup file of nTimestamp; a failure is ignored.
+    // Removes what a backup of nTimestamp that did not finish left: its
+    // part file. A failure is ignored.
     void DeleteBackupFile(char* lpArchiveDesPath, int nPathSize, long long nTimestamp);
+    // Gives the finished part file of nTimestamp, synced and closed, its
+    // name, and makes the name durable. FALSE (traced) when either fails.
+    BOOL PublishBackupFile(char* lpArchiveDesPath, int nPathSize, long long nTimestamp);
+    // TRUE when a backup of level bLevel on nRefTimestamp may take the name
+    // of nTimestamp: no backup holds it, or the one that does is damaged or
+    // sits at the same place in a chain (same level, same reference). Any
+    // other would cut the chains that stand on it. Traced when refused.
+    BOOL BackupMayTakeName(char* lpArchiveDesPath, int nPathSize, long long nTimestamp, BYTE bLevel,
+                           long long nRefTimestamp);
     // The full backup of nTimestamp. TRUE when the whole file is on the
     // medium (the archiver is then told); FALSE on failure or abort, with
     // no file left behind.

@@ -11,6 +11,8 @@
 // whole backup.
 #include "BreltMemStorage.h"
 
+#include "BackupChainCheck.h"
+
 #include "TalvorBackupFile.h"
 #include "TalvorBackupStream.h"
 #include "TalvorDirectFile.h"
@@ -152,35 +154,79 @@ void* CBreltMemStorageModule::OpenBackupFullFile(char* lpArchiveDesPath, int nPa
         return pFile;
     }
     MakeDir(szPath);
+    char szPart[BACKUP_PATH_MAX];
+    TalvorBackupPartPath(szPath, szPart);
     // Written without O_SYNC: the data is synced once before the head, and
     // the head once after, which keeps the order that makes a cut backup
-    // refusable at a fraction of the cost of a sync per write.
-    if ((TalvorPathExists(szPath) && pIO->Unlink(szPath) != 0) ||
-        !pFile->Open(szPath, O_RDWR | O_CREAT | O_EXCL, FALSE)) {
-        TraceBackupOpenFailure(nCode, szPath, errno);
+    // refusable at a fraction of the cost of a sync per write. A part file
+    // left by a backup that never finished is nobody's.
+    if ((TalvorPathExists(szPart) && pIO->Unlink(szPart) != 0) ||
+        !pFile->Open(szPart, O_RDWR | O_CREAT | O_EXCL, FALSE)) {
+        TraceBackupOpenFailure(nCode, szPart, errno);
         delete pFile;
         return nullptr;
     }
     pIO->FChmod(pFile->Fd(), 0666);
-    // The name must survive a power loss together with what the file will
-    // hold.
-    TalvorSyncParentDirectory(szPath);
     return pFile;
+}
+
+BOOL CBreltMemStorageModule::PublishBackupFile(char* lpArchiveDesPath, int nPathSize, long long nTimestamp)
+{
+    char szPath[BACKUP_PATH_MAX], szPart[BACKUP_PATH_MAX];
+    if (TalvorBackupFilePath(lpArchiveDesPath, nPathSize, nTimestamp, szPath) != BACKUPDIR_OK) return FALSE;
+    TalvorBackupPartPath(szPath, szPart);
+    // The archiver is told of the backup by its name: the name must stand on
+    // the medium before that, over whole, synced bytes.
+    if (CTalvorFileIO::Current()->Rename(szPart, szPath) != 0 || TalvorSyncParentDirectory(szPath) != 0) {
+        Trace("PublishBackupFile", 1, 10015004,
+              TALVOR_TEXT("备份文件[%s]已完成,但无法命名,错误码:%d", "The finished backup [%s] cannot take its name, error code: %d"),
+              szPath, errno);
+        return FALSE;
+    }
+    return TRUE;
+}
+
+BOOL CBreltMemStorageModule::BackupMayTakeName(char* lpArchiveDesPath, int nPathSize, long long nTimestamp,
+                                               BYTE bLevel, long long nRefTimestamp)
+{
+    char szPath[BACKUP_PATH_MAX];
+    if (TalvorBackupFilePath(lpArchiveDesPath, nPathSize, nTimestamp, szPath) != BACKUPDIR_OK) return TRUE;
+    if (!TalvorPathExists(szPath)) return TRUE;
+    CTalvorDirectFile file;
+    // A file that cannot be read or does not read as a backup restores
+    // nothing: a new backup may take its place.
+    if (!file.Open(szPath, O_RDONLY)) return TRUE;
+    LPBYTE lpHeadArea = nullptr;
+    BOOL bMay = TRUE;
+    if (TalvorReadBackupHead(&file, nTimestamp, lpHeadArea)) {
+        const BACKUPFILEHEAD* lpHead = (const BACKUPFILEHEAD*)lpHeadArea;
+        bMay = lpHead->m_bLevel == bLevel && lpHead->m_nReferTimestamp == nRefTimestamp;
+        if (!bMay)
+            Trace("BackupMayTakeName", 1, 10015005,
+                  TALVOR_TEXT("已有时间戳%lld的备份[%s](级别%d,参照%lld),级别%d参照%lld的新备份会切断其上的备份链,拒绝备份",
+                              "A backup of timestamp %lld exists already [%s] (level %d on %lld): a new one of level %d on %lld would cut the chains on it and is refused"),
+                  nTimestamp, szPath, (int)lpHead->m_bLevel, lpHead->m_nReferTimestamp, (int)bLevel, nRefTimestamp);
+    }
+    free(lpHeadArea);
+    return bMay;
 }
 
 void CBreltMemStorageModule::CloseBackupFile(void* hFile) { delete (CTalvorDirectFile*)hFile; }
 
 void CBreltMemStorageModule::DeleteBackupFile(char* lpArchiveDesPath, int nPathSize, long long nTimestamp)
 {
-    char szPath[BACKUP_PATH_MAX];
+    char szPath[BACKUP_PATH_MAX], szPart[BACKUP_PATH_MAX];
     if (TalvorBackupFilePath(lpArchiveDesPath, nPathSize, nTimestamp, szPath) != BACKUPDIR_OK) return;
-    if (CTalvorFileIO::Current()->Unlink(szPath) == 0) TalvorSyncParentDirectory(szPath);
+    // The name itself belongs to the last backup that finished.
+    TalvorBackupPartPath(szPath, szPart);
+    if (CTalvorFileIO::Current()->Unlink(szPart) == 0) TalvorSyncParentDirectory(szPart);
 }
 
 BOOL CBreltMemStorageModule::BackupFull(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress,
                                         char* lpArchiveDesPath, int nPathSize, long long nTimestamp, int nLogNo,
                                         int nLogPos, UINT ulLocalIP, const volatile BYTE& bAbort)
 {
+    if (!BackupMayTakeName(lpArchiveDesPath, nPathSize, nTimestamp, 0, 0)) return FALSE;
     void* hFile = OpenBackupFullFile(lpArchiveDesPath, nPathSize, nTimestamp, FALSE);
     if (hFile == nullptr) return FALSE;
     const long long nStartUs = (TalvorMonotonicNs() / 1000);
@@ -198,6 +244,7 @@ BOOL CBreltMemStorageModule::BackupFull(LPTALVORCRITICALSECTION lpCritSection, L
     CloseBackupFile(hFile);
     free(lpBuffer);
     free(lpFileHeadBuf);
+    if (bDone) bDone = PublishBackupFile(lpArchiveDesPath, nPathSize, nTimestamp);
     if (bDone) {
         if (m_pFlashback != nullptr) m_pFlashback->SetBackupTimestamp(nTimestamp);
         Trace("BackupFull", 3, 10014090,

@@ -127,6 +127,18 @@ BOOL CBreltMemStorageModule::BackupIncremental(LPTALVORCRITICALSECTION lpCritSec
                                                long long nRefTimestamp, int nLogNo, int nLogPos, UINT ulLocalIP,
                                                const volatile BYTE& bAbort)
 {
+    // A level below 1 is a full backup's, and a reference not older than
+    // the backup names the backup itself (or one of its own future): either
+    // makes a file no chain can restore, and would take the name of the
+    // backup it should stand on.
+    if (bLevel < 1 || nRefTimestamp >= nTimestamp) {
+        Trace("BackupIncremental", 1, 10021020,
+              TALVOR_TEXT("增量备份级别%d,时间戳%lld,参照%lld不成链,拒绝备份",
+                          "An incremental backup of level %d at %lld on %lld makes no chain and is refused"),
+              (int)bLevel, nTimestamp, nRefTimestamp);
+        return FALSE;
+    }
+    if (!BackupMayTakeName(lpArchiveDesPath, nPathSize, nTimestamp, bLevel, nRefTimestamp)) return FALSE;
     void* hFile = OpenBackupFullFile(lpArchiveDesPath, nPathSize, nTimestamp, FALSE);
     if (hFile == nullptr) return FALSE;
     if (lpTalvorProgress != nullptr) lpTalvorProgress->m_nStatus = PROGRESS_RUNNING;
@@ -141,6 +153,7 @@ BOOL CBreltMemStorageModule::BackupIncremental(LPTALVORCRITICALSECTION lpCritSec
     free(lpFileHeadBuf);
     free(lpBlockMapBuf);
     free(lpBlockBuf);
+    if (bDone) bDone = PublishBackupFile(lpArchiveDesPath, nPathSize, nTimestamp);
     if (bDone) {
         if (m_pFlashback != nullptr) m_pFlashback->SetBackupTimestamp(nTimestamp);
     } else {

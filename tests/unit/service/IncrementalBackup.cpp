@@ -196,6 +196,48 @@ TEST_F(IncrementalBackup, ThePageAfter290ItemsChainsOn)
     for (size_t i = 1; i < vRanges.size(); i++) EXPECT_LE(vRanges[i - 1].second, vRanges[i].first) << i;
 }
 
+// A backup is written under a name of its own until it is whole, and takes
+// the name of an older one only from the same place in a chain: a backup
+// that fails, or one that names itself as its reference, or one of another
+// level, never costs the backup already there.
+TEST_F(IncrementalBackup, ABackupNeverCostsTheBackupWhoseNameItWouldTake)
+{
+    const long long nTs = m_db.Head()->m_nEndTimestamp;
+    ASSERT_EQ(CLUSTERRESULT_OK, Backup(CLUSTERCMD_FULLBACKUP, nTs));
+    const std::string strFull = ReadWholeFile(BackupPath(nTs));
+    ASSERT_FALSE(strFull.empty());
+    auto ExpectFullKept = [&](const char* lpszWhat) {
+        EXPECT_TRUE(ReadWholeFile(BackupPath(nTs)) == strFull) << lpszWhat;
+        EXPECT_FALSE(PathExists(BackupPath(nTs) + ".part")) << lpszWhat;
+        backuptest::Verified v(BackupPath(nTs));
+        EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << lpszWhat << ": " << v.Finding();
+    };
+    // An idle database: the next incremental comes at the same timestamp,
+    // on it.
+    EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nTs));
+    ExpectFullKept("an incremental on itself");
+    EXPECT_TRUE(m_db.m_tree.Traced("10021020"));
+    EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nTs - 1));
+    ExpectFullKept("an incremental in the full backup's place");
+    EXPECT_TRUE(m_db.m_tree.Traced("10015005"));
+    // A full backup of the same timestamp that fails at any write.
+    for (long long nFail : {1, 2, 3}) {
+        FaultFileIO io;
+        ScopedFileIO scoped(&io);
+        // Only the backup's own writes are counted and failed.
+        io.PassThrough(m_db.m_tree.LogDir());
+        for (int nFileNo = 1; nFileNo <= 4; nFileNo++) io.PassThrough(m_db.PathOf(nFileNo));
+        io.FailCall(FileOp::PWrite, nFail, EIO);
+        EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_FULLBACKUP, nTs));
+        ExpectFullKept("a full backup that failed");
+    }
+    // One that finishes takes its place.
+    ASSERT_EQ(CLUSTERRESULT_OK, Backup(CLUSTERCMD_FULLBACKUP, nTs));
+    EXPECT_FALSE(PathExists(BackupPath(nTs) + ".part"));
+    backuptest::Verified v(BackupPath(nTs));
+    EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
+}
+
 TEST_F(IncrementalBackup, ABlockThatIsNotWhatItsEntrySaysStopsTheBackup)
 {
     long long nRef = m_db.BeginTransaction();
@@ -209,7 +251,9 @@ TEST_F(IncrementalBackup, ABlockThatIsNotWhatItsEntrySaysStopsTheBackup)
     UINT nWrong = 999;
     memcpy(&strFile[(size_t)nAt + offsetof(BASEBLOCKHEAD, m_nBlockNo)], &nWrong, sizeof(nWrong));
     ASSERT_TRUE(WriteWholeFile(m_db.PathOf(2), strFile));
-    const long long nTs = m_db.Head()->m_nEndTimestamp;
+    // A point after the change, and so after the reference, which is the
+    // change's own timestamp: a chain a restore would take.
+    const long long nTs = ts + 1;
     EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nRef));
     EXPECT_FALSE(PathExists(BackupPath(nTs)));
     EXPECT_TRUE(m_db.m_tree.Traced("read from database file"));
@@ -230,7 +274,7 @@ TEST_F(IncrementalBackup, AMapPointingOutsideItsFileStopsTheBackup)
     long long nFar = 1LL << 40;
     memcpy(&strFile[(size_t)nMap + offsetof(BASEFILEBLOCKMAPHEAD, m_nNextBlockMapOffset)], &nFar, sizeof(nFar));
     ASSERT_TRUE(WriteWholeFile(m_db.PathOf(3), strFile));
-    const long long nTs = m_db.Head()->m_nEndTimestamp;
+    const long long nTs = ts + 1;
     EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nRef));
     EXPECT_FALSE(PathExists(BackupPath(nTs)));
 
