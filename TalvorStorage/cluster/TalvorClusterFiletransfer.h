@@ -25,6 +25,9 @@ public:
     virtual LPFILEINFO JoinFileInfo(int nFileNo) = 0;
     // m_usDatabaseGuid of the system head. Storage thread.
     virtual USHORT JoinDatabaseGuid() = 0;
+    // The size the joining node's copy of p must have: m_liFileSize unless
+    // the source knows the file grew past its image. Storage thread.
+    virtual long long JoinFileSize(LPFILEINFO p) { return p->m_liFileSize; }
     // TRUE once the daemon stops: the join ends at its next wait. Any thread.
     virtual BOOL JoinStopAsked() = 0;
 };

@@ -89,7 +89,7 @@ int CTalvorClusterFiletransfer::SendFileDataToNewNode(LPTALVORCRITICALSECTION lp
     memset(&stInfo, 0, sizeof(stInfo));
     stInfo.m_bFileType = (BYTE)lpFileInfo->m_bFileType;
     stInfo.m_bFileNo = lpFileInfo->m_bFileNo;
-    stInfo.m_nFileSize = lpFileInfo->m_liFileSize;
+    stInfo.m_nFileSize = m_pStorage != nullptr ? m_pStorage->JoinFileSize(lpFileInfo) : lpFileInfo->m_liFileSize;
     stInfo.m_nFileFreeMemoryOffset = UsedBytes(lpFileInfo);
     memcpy(stInfo.m_lpszTablespaceName, lpFileInfo->m_lpszTablespaceName, sizeof(stInfo.m_lpszTablespaceName) - 1);
     memcpy(stInfo.m_lpszFilePath, lpFileInfo->m_lpszFilePath, sizeof(stInfo.m_lpszFilePath) - 1);

@@ -146,6 +146,11 @@ public:
     // Gives the finished part file of nTimestamp, synced and closed, its
     // name, and makes the name durable. FALSE (traced) when either fails.
     BOOL PublishBackupFile(char* lpArchiveDesPath, int nPathSize, long long nTimestamp);
+    // The size a copy of the file must have to be loaded: m_liFileSize,
+    // but for the system file after a resize its head's total size, since
+    // its image (and so m_liFileSize) keeps the size of the start until
+    // the next one. Storage thread.
+    long long FileSizeOnDisk(const stu_FILEINFO* p) const;
     // TRUE when a backup of level bLevel on nRefTimestamp may take the name
     // of nTimestamp: no backup holds it, or the one that does is damaged or
     // sits at the same place in a chain (same level, same reference). Any
@@ -255,6 +260,7 @@ public:
     // whether the daemon stops. Storage thread (the last: any thread).
     LPFILEINFO JoinFileInfo(int nFileNo) override { return nFileNo >= 0 && nFileNo < 256 ? m_arFileInfo[nFileNo] : nullptr; }
     USHORT JoinDatabaseGuid() override { return GetDatabaseGuid(); }
+    long long JoinFileSize(LPFILEINFO p) override { return FileSizeOnDisk(p); }
     BOOL JoinStopAsked() override { return TalvorLoadShared(&g_bEixt) || TalvorLoadShared(&m_bExit); }
     // The engine says it runs (m_bService of the channel is 1). Any thread.
     BOOL EngineRuns();

@@ -74,11 +74,12 @@ void TraceBackupOpenFailure(LONG nCode, const char* lpszPath, int nErr)
           lpszPath, nErr);
 }
 
-void FillBackupRecord(LPSTRUCT_BACKUP_FILEINFO lpRecord, stu_FILEINFO* p, long long nUsed, long long nPosition)
+void FillBackupRecord(LPSTRUCT_BACKUP_FILEINFO lpRecord, stu_FILEINFO* p, long long nFileSize, long long nUsed,
+                      long long nPosition)
 {
     lpRecord->m_bFileType = (BYTE)p->m_bFileType;
     lpRecord->m_bFileNo = p->m_bFileNo;
-    lpRecord->m_nFileSize = p->m_liFileSize;
+    lpRecord->m_nFileSize = nFileSize;
     lpRecord->m_nFileHeaderSize = p->m_pStorageFile->GetHeadSize(p);
     lpRecord->m_nFileFreeMemoryOffset = nUsed;
     memset(lpRecord->m_lpszFilePath, 0, sizeof(lpRecord->m_lpszFilePath));
@@ -168,6 +169,15 @@ void* CBreltMemStorageModule::OpenBackupFullFile(char* lpArchiveDesPath, int nPa
     }
     pIO->FChmod(pFile->Fd(), 0666);
     return pFile;
+}
+
+long long CBreltMemStorageModule::FileSizeOnDisk(const stu_FILEINFO* p) const
+{
+    long long nSize = p->m_liFileSize;
+    if (p != m_lpSystemFileInfo || m_pMemoryFileHead == nullptr) return nSize;
+    // Only a grown size is taken, and none a restore would refuse to make.
+    const long long nHead = TalvorLoadShared(&m_pMemoryFileHead->m_nFileTotalSize);
+    return nHead > nSize && nHead <= BACKUP_RESTORE_FILE_MAX ? nHead : nSize;
 }
 
 BOOL CBreltMemStorageModule::PublishBackupFile(char* lpArchiveDesPath, int nPathSize, long long nTimestamp)
@@ -313,7 +323,7 @@ BOOL CBreltMemStorageModule::BackupFullCore(LPTALVORCRITICALSECTION lpCritSectio
         TalvorBackupShowTitle(lpTalvorProgress, p->m_lpszFilePath);
         LPSTRUCT_BACKUP_FILEINFO lpRecord = &lpHead->m_stBackupFileInfo[nIndex];
         long long nUsed = p->m_pStorageFile->GetFreeMemoryOffset(p);
-        FillBackupRecord(lpRecord, p, nUsed, nPosition);
+        FillBackupRecord(lpRecord, p, FileSizeOnDisk(p), nUsed, nPosition);
         long long nCopied = 0;
         if (!CopyFileIntoBackup(lpCritSection, lpTalvorProgress, p, nUsed, lpBuffer, nPiece, stream, nFinished,
                                 nCopied, bAbort))

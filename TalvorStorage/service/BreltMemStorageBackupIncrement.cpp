@@ -455,7 +455,7 @@ BOOL BackupOneFile(IncrementRun& run, LPTALVORPROGRESS lpTalvorProgress, stu_FIL
     int nFileHeadSize = pStorage->GetHeadSize(p);
     lpRecord->m_bFileType = (BYTE)p->m_bFileType;
     lpRecord->m_bFileNo = p->m_bFileNo;
-    lpRecord->m_nFileSize = p->m_liFileSize;
+    lpRecord->m_nFileSize = run.pModule->FileSizeOnDisk(p);
     lpRecord->m_nFileHeaderSize = nFileHeadSize;
     lpRecord->m_nFileFreeMemoryOffset = pStorage->GetFreeMemoryOffset(p);
     memcpy(lpRecord->m_lpszFilePath, p->m_lpszFilePath, strnlen(p->m_lpszFilePath, sizeof(lpRecord->m_lpszFilePath) - 1));

@@ -205,6 +205,32 @@ protected:
 
 } // namespace
 
+// A resized system file keeps the image of the start, and with it its
+// size, until the next start; its backup must still give the file its
+// grown size, or the restored database is refused for a file shorter than
+// its head.
+TEST_F(Restore, AFullBackupOfAGrownSystemFileRestoresADatabaseThatStarts)
+{
+    const long long nStart = FileSizeOf(m_db.SystemPath());
+    LPFILE_MEMDBFILEINFO lpRow = m_db.Row(1);
+    lpRow->m_nFileSize = 2 * nStart;
+    talvorpeer::PeerFence();
+    lpRow->m_bFileCMD = FILECMD_RESIZE;
+    m_db.MarkListChanged();
+    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    ASSERT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
+    ASSERT_EQ(2 * nStart, FileSizeOf(m_db.SystemPath()));
+    std::vector<std::string> vCopy;
+    const long long nTimestamp = FullBackup(vCopy);
+    backuptest::Verified v(BackupPath(nTimestamp));
+    EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
+    m_db.Stop();
+    RemoveDatabaseFiles();
+    ASSERT_TRUE(RestoreTo(nTimestamp));
+    ExpectFiles(vCopy);
+    EXPECT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+}
+
 TEST_F(Restore, IncrementsApplyInRisingLevelOverTheFullBackupAndCreateMissingFilesWithOnlyTheirPieces)
 {
     std::mt19937 rng(5);
