@@ -34,7 +34,9 @@ const FilePlan FILE_PLANS[] = {
 
 class BackupFullTest : public ::testing::Test {
 protected:
-    BackupFullTest() : m_tree("buffercachesize=0\r\nundoareasize=8\r\n") {}
+    BackupFullTest() : m_tree("buffercachesize=0\r\nundoareasize=8\r\n"), m_vPlans(std::begin(FILE_PLANS), std::end(FILE_PLANS))
+    {
+    }
 
     void SetUp() override
     {
@@ -55,12 +57,12 @@ protected:
     }
     void MakeDatabase()
     {
-        std::vector<FILE_MEMDBFILEINFO> vRows(1 + sizeof(FILE_PLANS) / sizeof(FILE_PLANS[0]));
+        std::vector<FILE_MEMDBFILEINFO> vRows(1 + m_vPlans.size());
         memset(vRows.data(), 0, vRows.size() * sizeof(FILE_MEMDBFILEINFO));
         for (size_t i = 0; i < vRows.size(); i++) {
             FILE_MEMDBFILEINFO& stRow = vRows[i];
             const FilePlan f =
-                i == 0 ? FilePlan{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE, 0} : FILE_PLANS[i - 1];
+                i == 0 ? FilePlan{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE, 0} : m_vPlans[i - 1];
             stRow.m_bFileNo = f.m_bFileNo;
             stRow.m_bFileType = f.m_bFileType;
             stRow.m_nFileSize = f.m_nSize;
@@ -79,6 +81,7 @@ protected:
     }
 
     DatabaseDir m_tree;
+    std::vector<FilePlan> m_vPlans;
     std::unique_ptr<CBreltMemStorageModule> m_pModule;
     TALVORCRITICALSECTION m_stCrit;
 };
@@ -101,6 +104,73 @@ TEST_F(BackupFullTest, PowerLossAtAnyWriteLeavesNoFileTakenForWhole)
                                                            (int)strList.size() + 1, FULL_TIMESTAMP, 7, 50,
                                                            0x0100007F, bAbort);
                           });
+}
+
+// A database of the system file and one data file: the data file's record
+// is the last, and it straddles the head area's first two sectors, its path
+// in the first and its data range in the second.
+class TwoFileBackupTest : public BackupFullTest {
+protected:
+    TwoFileBackupTest() { m_vPlans.resize(1); }
+};
+
+// The power goes during any write of an incremental backup, and the disk
+// keeps whatever was sent to it, the cut write up to a sector included:
+// nothing under the backup's name is then taken for whole unless it is.
+// Written in place, the final head cut after its first sector showed the
+// data file with its path and without its data range, read as unchanged: a
+// whole backup without the file's changes.
+TEST_F(TwoFileBackupTest, AnIncrementalBackupCutAfterAnySectorIsNeverTakenForWhole)
+{
+    // The data file changed at the reference: its head, on disk and in its
+    // image, carries that stamp, so that the backup copies its head.
+    const long long nChanged = 5;
+    std::string strFile = ReadWholeFile(PathOf(2));
+    ASSERT_GE(strFile.size(), sizeof(BASEFILEHEAD));
+    memcpy(&strFile[offsetof(BASEFILEHEAD, m_nTimestamp)], &nChanged, sizeof(nChanged));
+    ASSERT_TRUE(WriteWholeFile(PathOf(2), strFile));
+    ((LPBASEFILEHEAD)m_pModule->m_arFileInfo[2]->m_pFileAddr)->m_nTimestamp = nChanged;
+    const std::string strArchive = m_tree.Dir() + "Archive/";
+    const std::string strPath = strArchive + "Backup/TalvorBackup" + std::to_string(FULL_TIMESTAMP) + ".fbk";
+    auto Backup = [&] {
+        std::string strList = strArchive;
+        volatile BYTE bAbort = 0;
+        return m_pModule->BackupIncremental(&m_stCrit, nullptr, &strList[0], (int)strList.size() + 1, 1,
+                                            FULL_TIMESTAMP, nChanged, 7, 50, 0x0100007F, bAbort);
+    };
+    long long nWrites = 0;
+    {
+        FaultFileIO io;
+        ScopedFileIO scoped(&io);
+        io.PassThrough(m_tree.LogDir());
+        ASSERT_TRUE(Backup());
+        nWrites = io.Calls(FileOp::PWrite);
+    }
+    const std::string strWhole = ReadWholeFile(strPath);
+    STRUCT_BACKUP_FILEINFO stLast;
+    ASSERT_GE(strWhole.size(), (size_t)BACKUP_FIXED_HEAD_SIZE + 2 * sizeof(stLast));
+    memcpy(&stLast, &strWhole[BACKUP_FIXED_HEAD_SIZE + sizeof(stLast)], sizeof(stLast));
+    ASSERT_EQ(2, Val(stLast.m_bFileNo));
+    ASSERT_NE(0, Val(stLast.m_nDataStartOffset)) << "the data file has no data: the cut cannot show";
+    for (long long k = 1; k <= nWrites; k++) {
+        for (size_t nTorn : {(size_t)512, (size_t)1024, (size_t)4096}) {
+            unlink(strPath.c_str());
+            {
+                FaultFileIO io;
+                ScopedFileIO scoped(&io);
+                io.PassThrough(m_tree.LogDir());
+                io.DieAfter(FileOp::PWrite, k);
+                io.CutTransfer(FileOp::PWrite, k, nTorn);
+                EXPECT_FALSE(Backup()) << "write " << k;
+                std::vector<size_t> vAll(io.Unsynced().size());
+                for (size_t i = 0; i < vAll.size(); i++) vAll[i] = i;
+                io.LosePowerKeeping(vAll, NameLoss::Keep);
+            }
+            Verified v(strPath);
+            if (v.Status() == BACKUPVERIFY_WHOLE)
+                EXPECT_TRUE(SameBackup(ReadWholeFile(strPath), strWhole)) << "write " << k << ", torn at " << nTorn;
+        }
+    }
 }
 
 TEST(BackupOfLoadedDatabase, PowerLossAtAnyWriteOfAnIncrementalBackup)
