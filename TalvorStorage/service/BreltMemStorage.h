@@ -189,6 +189,12 @@ public:
     // failure past the check, the mark stays.
     BOOL RecoverIncrement(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress,
                           char* lpArchiveDesPath, int nPathSize, long long nTimestamp);
+    // As above, with the redo number and identity of the database taken
+    // apart for this restore written into the mark (0 for unknown), so that
+    // a restore run again after a failure rebuilds as this one would have.
+    BOOL RecoverIncrement(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress,
+                          char* lpArchiveDesPath, int nPathSize, long long nTimestamp, UINT nLogMaxID,
+                          USHORT usDBGuid);
     // Reads and checks every link of the chain that ends in the backup of
     // nTimestamp before any of it is used: each link present, its head and
     // every record, page and item inside its file, levels falling by one

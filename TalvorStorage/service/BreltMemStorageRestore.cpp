@@ -299,6 +299,14 @@ BOOL CBreltMemStorageModule::RecoverIncrement(LPTALVORCRITICALSECTION lpCritSect
                                               LPTALVORPROGRESS lpTalvorProgress, char* lpArchiveDesPath,
                                               int nPathSize, long long nTimestamp)
 {
+    return RecoverIncrement(lpCritSection, lpTalvorProgress, lpArchiveDesPath, nPathSize, nTimestamp, 0, 0);
+}
+
+BOOL CBreltMemStorageModule::RecoverIncrement(LPTALVORCRITICALSECTION lpCritSection,
+                                              LPTALVORPROGRESS lpTalvorProgress, char* lpArchiveDesPath,
+                                              int nPathSize, long long nTimestamp, UINT nLogMaxID,
+                                              USHORT usDBGuid)
+{
     if (lpTalvorProgress != nullptr) lpTalvorProgress->m_nStatus = PROGRESS_RUNNING;
     // The whole chain is read before the first byte of a file is written.
     BACKUPCHAIN stChain;
@@ -306,7 +314,16 @@ BOOL CBreltMemStorageModule::RecoverIncrement(LPTALVORCRITICALSECTION lpCritSect
     // From the first byte written until the last level is on the medium the
     // files are a mixture: the mark keeps a start off them, and only a
     // restore run to its end removes it.
-    if (!TalvorSetRestoreMark(stChain.m_szSystemFile)) {
+    // What running this restore again needs, once the head that named the
+    // archive is gone.
+    TALVORRESTOREMARK stMark;
+    memset(&stMark, 0, sizeof(stMark));
+    memcpy(stMark.m_lpArchiveDesPath, lpArchiveDesPath,
+           (size_t)(nPathSize < RESTOREMARK_PATH_SIZE ? nPathSize : RESTOREMARK_PATH_SIZE));
+    stMark.m_nTimestamp = nTimestamp;
+    stMark.m_nRedoLogMaxID = nLogMaxID;
+    stMark.m_usDatabaseGuid = usDBGuid;
+    if (!TalvorSetRestoreMark(stChain.m_szSystemFile, stMark)) {
         Trace("RecoverIncrement", 1, 10023007,
               TALVOR_TEXT("无法设置恢复标记,未写入任何文件,系统文件:%s,错误码:%d",
                           "The restore mark cannot be set, so no file was written, system file: %s, error code: %d"),

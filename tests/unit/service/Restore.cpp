@@ -608,19 +608,35 @@ TEST_F(Restore, CommandWhoseRestoreFailsPartWayLeavesTheMarkAndNoStartOnTheMixtu
     ExpectFiles(vCopy);
 }
 
-// The mark, once set, survives a power loss, and so does its removal.
+// The mark, once set, survives a power loss with what it remembers, and so
+// does its removal.
 TEST(RestoreMark, TheMarkAndItsRemovalSurviveAPowerLoss)
 {
     PersistenceDb db;
     ASSERT_TRUE(db.MakeDatabase());
     const std::string strSystem = db.SystemPath();
+    TALVORRESTOREMARK stSet;
+    memset(&stSet, 0, sizeof(stSet));
+    for (int i = 0; i < RESTOREMARK_PATH_SIZE; i++) stSet.m_lpArchiveDesPath[i] = (char)(i * 7 + 1);
+    stSet.m_nTimestamp = 0x123456789ALL;
+    stSet.m_nRedoLogMaxID = 0xFEDCBA98u;
+    stSet.m_usDatabaseGuid = 0xBEEF;
     {
+        // A longer file of a run before is replaced whole.
+        ASSERT_TRUE(WriteWholeFile(strSystem + ".restoring", std::string(4096, 'z')));
         FaultFileIO io;
         ScopedFileIO scoped(&io);
-        ASSERT_TRUE(TalvorSetRestoreMark(strSystem.c_str()));
+        ASSERT_TRUE(TalvorSetRestoreMark(strSystem.c_str(), stSet));
         io.LosePower();
     }
     EXPECT_TRUE(TalvorRestoreMarkPresent(strSystem.c_str()));
+    TALVORRESTOREMARK stGot;
+    memset(&stGot, 0, sizeof(stGot));
+    ASSERT_EQ(RESTOREMARK_READ, TalvorReadRestoreMark(strSystem.c_str(), stGot));
+    EXPECT_EQ(0, memcmp(stSet.m_lpArchiveDesPath, stGot.m_lpArchiveDesPath, sizeof(stGot.m_lpArchiveDesPath)));
+    EXPECT_EQ(stSet.m_nTimestamp, stGot.m_nTimestamp);
+    EXPECT_EQ(stSet.m_nRedoLogMaxID, stGot.m_nRedoLogMaxID);
+    EXPECT_EQ(stSet.m_usDatabaseGuid, stGot.m_usDatabaseGuid);
     {
         FaultFileIO io;
         ScopedFileIO scoped(&io);
@@ -628,6 +644,7 @@ TEST(RestoreMark, TheMarkAndItsRemovalSurviveAPowerLoss)
         io.LosePower();
     }
     EXPECT_FALSE(TalvorRestoreMarkPresent(strSystem.c_str()));
+    EXPECT_EQ(RESTOREMARK_ABSENT, TalvorReadRestoreMark(strSystem.c_str(), stGot));
     // Clearing with no mark is no failure.
     EXPECT_TRUE(TalvorClearRestoreMark(strSystem.c_str()));
 }
