@@ -13,6 +13,8 @@
 namespace {
 
 const char RESTORE_MARK_SUFFIX[] = ".restoring";
+// A new mark is written beside the old one and put in its place whole.
+const char RESTORE_MARK_NEW_SUFFIX[] = ".new";
 const UINT RESTOREMARK_FLAG = 0x4B4D5254;  // "TRMK"
 const UINT RESTOREMARK_VERSION = 1;
 
@@ -77,15 +79,25 @@ BOOL TalvorSetRestoreMark(const char* lpSystemFile, const TALVORRESTOREMARK& stM
     stFile.m_usDatabaseGuid = stMark.m_usDatabaseGuid;
     memcpy(stFile.m_lpArchiveDesPath, stMark.m_lpArchiveDesPath, sizeof(stFile.m_lpArchiveDesPath));
     stFile.m_nCheckSum = SumOf(stFile);
+    char szNew[sizeof(szMark) + sizeof(RESTORE_MARK_NEW_SUFFIX)];
+    snprintf(szNew, sizeof(szNew), "%s%s", szMark, RESTORE_MARK_NEW_SUFFIX);
     MakeDir(szMark);
     CTalvorFileIO* pIO = CTalvorFileIO::Current();
-    // A mark of a run before is replaced whole: no byte of it is left behind
-    // the new one.
-    int fd = pIO->Open(szMark, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    // The mark of a run before stands until the new one is whole on the
+    // medium: a write that fails (a full disk) never leaves a torn mark,
+    // which no restore could be run again from.
+    int fd = pIO->Open(szNew, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) return FALSE;
     BOOL bDone = TalvorWriteFull(fd, &stFile, sizeof(stFile), 0) && pIO->FSync(fd) == 0;
     pIO->Close(fd);
-    return bDone && TalvorSyncParentDirectory(szMark) == 0 ? TRUE : FALSE;
+    if (bDone) bDone = pIO->Rename(szNew, szMark) == 0;
+    if (!bDone) {
+        int nErr = errno;
+        pIO->Unlink(szNew);
+        errno = nErr;
+        return FALSE;
+    }
+    return TalvorSyncParentDirectory(szMark) == 0 ? TRUE : FALSE;
 }
 
 int TalvorReadRestoreMark(const char* lpSystemFile, TALVORRESTOREMARK& stMark)

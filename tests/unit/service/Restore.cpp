@@ -462,6 +462,7 @@ TEST_F(Restore, AnyByteOfTheHeadsAndPagesChangedNeverLeadsAWriteOutsideItsFile)
     for (int n = 1; n <= DB_FILES; n++) mapSizes[m_db.PathOf(n)] = m_vSizes[(size_t)n - 1];
     mapSizes[m_strNewFile] = m_vLevel1[4].m_stFile.m_nFileSize;
     mapSizes[m_db.SystemPath() + ".restoring"] = 4096;
+    mapSizes[m_db.SystemPath() + ".restoring.new"] = 4096;
     // Where the structure lies in each incremental: the fixed head and its
     // records, and every page with its items.
     std::vector<std::pair<int, long long>> vPlaces;
@@ -637,6 +638,19 @@ TEST(RestoreMark, TheMarkAndItsRemovalSurviveAPowerLoss)
     EXPECT_EQ(stSet.m_nTimestamp, stGot.m_nTimestamp);
     EXPECT_EQ(stSet.m_nRedoLogMaxID, stGot.m_nRedoLogMaxID);
     EXPECT_EQ(stSet.m_usDatabaseGuid, stGot.m_usDatabaseGuid);
+    // A new mark whose write fails (a full disk) leaves the old one whole.
+    {
+        FaultFileIO io;
+        ScopedFileIO scoped(&io);
+        io.FailNext(FileOp::PWrite, ENOSPC);
+        TALVORRESTOREMARK stOther = stSet;
+        stOther.m_nTimestamp++;
+        EXPECT_FALSE(TalvorSetRestoreMark(strSystem.c_str(), stOther));
+    }
+    memset(&stGot, 0, sizeof(stGot));
+    ASSERT_EQ(RESTOREMARK_READ, TalvorReadRestoreMark(strSystem.c_str(), stGot));
+    EXPECT_EQ(stSet.m_nTimestamp, stGot.m_nTimestamp);
+    EXPECT_FALSE(PathExists(strSystem + ".restoring.new"));
     {
         FaultFileIO io;
         ScopedFileIO scoped(&io);
