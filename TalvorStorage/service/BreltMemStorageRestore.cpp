@@ -295,6 +295,40 @@ BOOL CBreltMemStorageModule::CheckBackupChain(char* lpArchiveDesPath, int nPathS
     return bGood;
 }
 
+BOOL CBreltMemStorageModule::RemoveChainFiles(char* lpArchiveDesPath, int nPathSize, long long nTimestamp)
+{
+    BACKUPCHAIN stChain;
+    if (!CheckBackupChain(lpArchiveDesPath, nPathSize, nTimestamp, &stChain)) return FALSE;
+    for (int nLevel = 0; nLevel <= stChain.m_nTopLevel; nLevel++) {
+        if (!RemoveFilesOfBackup(lpArchiveDesPath, nPathSize, stChain.m_arTimestamp[nLevel])) return FALSE;
+    }
+    return TRUE;
+}
+
+BOOL CBreltMemStorageModule::RemoveFilesOfBackup(char* lpArchiveDesPath, int nPathSize, long long nTimestamp)
+{
+    void* hFile = OpenBackupFullFile(lpArchiveDesPath, nPathSize, nTimestamp, TRUE);
+    if (hFile == nullptr) return FALSE;
+    LPBYTE lpHeadArea = nullptr;
+    BOOL bGood = LoadCheckedHead(AsFile(hFile), nTimestamp, lpHeadArea);
+    CloseBackupFile(hFile);
+    const BACKUPFILEHEAD* lpHead = (const BACKUPFILEHEAD*)lpHeadArea;
+    for (int i = 0; bGood && i < lpHead->m_nFileNum; i++) {
+        char szPath[sizeof(lpHead->m_stBackupFileInfo[i].m_lpszFilePath) + 1] = {0};
+        memcpy(szPath, lpHead->m_stBackupFileInfo[i].m_lpszFilePath, sizeof(szPath) - 1);
+        if (!TalvorPathExists(szPath)) continue;
+        if (CTalvorFileIO::Current()->Unlink(szPath) != 0) {
+            Trace("RecoverIncrement", 1, 10023009,
+                  TALVOR_TEXT("无法删除未完成的恢复写入的文件[%s],错误码:%d",
+                              "Failed to remove the file [%s] a restore that did not finish wrote, error code: %d"),
+                  szPath, errno);
+            bGood = FALSE;
+        }
+    }
+    free(lpHeadArea);
+    return bGood;
+}
+
 BOOL CBreltMemStorageModule::RecoverIncrement(LPTALVORCRITICALSECTION lpCritSection,
                                               LPTALVORPROGRESS lpTalvorProgress, char* lpArchiveDesPath,
                                               int nPathSize, long long nTimestamp)
