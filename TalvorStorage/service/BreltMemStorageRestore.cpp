@@ -352,8 +352,9 @@ BOOL CBreltMemStorageModule::RecoverIncrement(LPTALVORCRITICALSECTION lpCritSect
     // archive is gone.
     TALVORRESTOREMARK stMark;
     memset(&stMark, 0, sizeof(stMark));
-    memcpy(stMark.m_lpArchiveDesPath, lpArchiveDesPath,
-           (size_t)(nPathSize < RESTOREMARK_PATH_SIZE ? nPathSize : RESTOREMARK_PATH_SIZE));
+    if (nPathSize > 0)
+        memcpy(stMark.m_lpArchiveDesPath, lpArchiveDesPath,
+               (size_t)(nPathSize < RESTOREMARK_PATH_SIZE ? nPathSize : RESTOREMARK_PATH_SIZE));
     stMark.m_nTimestamp = nTimestamp;
     stMark.m_nRedoLogMaxID = nLogMaxID;
     stMark.m_usDatabaseGuid = usDBGuid;
