@@ -207,12 +207,25 @@ public:
     // failure past the check, the mark stays.
     BOOL RecoverIncrement(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress,
                           char* lpArchiveDesPath, int nPathSize, long long nTimestamp);
+    // As above, with the redo number and identity of the database taken
+    // apart for this restore written into the mark (0 for unknown), so that
+    // a restore run again after a failure rebuilds as this one would have.
+    BOOL RecoverIncrement(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress,
+                          char* lpArchiveDesPath, int nPathSize, long long nTimestamp, UINT nLogMaxID,
+                          USHORT usDBGuid);
     // Reads and checks every link of the chain that ends in the backup of
     // nTimestamp before any of it is used: each link present, its head and
     // every record, page and item inside its file, levels falling by one
     // down to 0, references and database identity matching. TRUE with the
     // timestamp of each level in lpChain; FALSE traced. Writes nothing.
     BOOL CheckBackupChain(char* lpArchiveDesPath, int nPathSize, long long nTimestamp, struct _BACKUPCHAIN* lpChain);
+    // Removes every database file that the chain ending in the backup of
+    // nTimestamp names (each link's records), so that a restore run again
+    // over what a failed one left starts from no files, as after a clear.
+    // The chain is checked first; FALSE (traced) when it cannot be read or a
+    // file cannot be removed. The backups are not touched.
+    BOOL RemoveChainFiles(char* lpArchiveDesPath, int nPathSize, long long nTimestamp);
+    BOOL RemoveFilesOfBackup(char* lpArchiveDesPath, int nPathSize, long long nTimestamp);
     // Restores one level 0 backup.
     BOOL Recover(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress, char* lpArchiveDesPath,
                  int nPathSize, long long nTimestamp);
@@ -423,11 +436,23 @@ private:
                           LPTALVORPROGRESS lpTalvorProgress, UINT& nMaxID, BYTE bCommand);
     void RebuildCommand(LPTALVORCRITICALSECTION lpCritSection, UINT nMaxID);
     // Command 46. Refused, with nothing removed, when the chain is unusable.
+    // With no database open it runs again a restore that failed part-way
+    // (RestoreAgain); ends with the command finished in every case.
     void RestoreCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd);
+    // Command 46 with no head: the archive, redo number and identity come
+    // from the restore mark beside the configured system file, the point
+    // from the command (the mark's when the command names none). Refused,
+    // traced and with nothing written, without a readable mark or a usable
+    // chain. Storage thread; no latch held.
+    void RestoreAgain(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd);
+    // Takes the database apart and restores the chain of nTimestamp, then
+    // brings the service back; the times of each stage are traced.
+    void RunRestore(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd, char* lpPath,
+                    long long nTimestamp);
     // TRUE when the chain of nTimestamp under lpArchiveDesPath (512 bytes)
-    // passes CheckBackupChain and restores this node's own system file;
-    // else traced.
-    BOOL RestoreChainUsable(char* lpArchiveDesPath, long long nTimestamp);
+    // passes CheckBackupChain and restores lpOwnSystemFile, the system file
+    // this node opens; else traced.
+    BOOL RestoreChainUsable(char* lpArchiveDesPath, long long nTimestamp, const char* lpOwnSystemFile);
     void TestSpeedCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd);
     // The result of command 18 (CLUSTERRESULT_*). Storage thread; no latch
     // held (takes m_critStandby, and lets go of it for each Reset).

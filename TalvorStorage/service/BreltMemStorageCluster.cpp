@@ -12,6 +12,7 @@
 #include "StorageCacheBridge.h"
 #include "TalvorCacheStorage.h"
 #include "TalvorFlashback.h"
+#include "TalvorRestoreMark.h"
 #include "TalvorStandby.h"
 #include "TalvorTrace.h"
 #include "ConfigHelper.h"
@@ -207,7 +208,8 @@ void CBreltMemStorageModule::RebuildCommand(LPTALVORCRITICALSECTION lpCritSectio
 // The chain a restore would rebuild from, checked whole while the running
 // database still stands: the restore removes that database first, and a
 // chain found unusable afterwards would leave the node with nothing.
-BOOL CBreltMemStorageModule::RestoreChainUsable(char* lpArchiveDesPath, long long nTimestamp)
+BOOL CBreltMemStorageModule::RestoreChainUsable(char* lpArchiveDesPath, long long nTimestamp,
+                                                const char* lpOwnSystemFile)
 {
     BACKUPCHAIN stChain;
     if (!CheckBackupChain(lpArchiveDesPath, RESTORE_PATH_SIZE, nTimestamp, &stChain)) {
@@ -219,12 +221,11 @@ BOOL CBreltMemStorageModule::RestoreChainUsable(char* lpArchiveDesPath, long lon
     }
     // The rebuild opens the system file this node is configured with: a
     // chain that restores another would leave it with none.
-    const char* lpOwn = m_lpSystemFileInfo != nullptr ? m_lpSystemFileInfo->m_lpszFilePath : "";
-    if (strncmp(stChain.m_szSystemFile, lpOwn, sizeof(stChain.m_szSystemFile)) != 0) {
+    if (strncmp(stChain.m_szSystemFile, lpOwnSystemFile, sizeof(stChain.m_szSystemFile)) != 0) {
         Trace("ClusterCommand", 1, 10012035,
               TALVOR_TEXT("备份链[%lld]恢复的系统文件[%s]不是本数据库的[%s],拒绝恢复,数据库保持不变",
                           "The backup chain [%lld] restores the system file [%s], not this database's [%s]: the restore is refused and the database is left as it is"),
-              nTimestamp, stChain.m_szSystemFile, lpOwn);
+              nTimestamp, stChain.m_szSystemFile, lpOwnSystemFile);
         return FALSE;
     }
     return TRUE;
@@ -232,25 +233,43 @@ BOOL CBreltMemStorageModule::RestoreChainUsable(char* lpArchiveDesPath, long lon
 
 namespace {
 
+const char* RestoreMarkFault(int nRead)
+{
+    switch (nRead) {
+    case RESTOREMARK_UNREADABLE: return TALVOR_TEXT("无法读取", "it cannot be read");
+    case RESTOREMARK_WRONGSIZE: return TALVOR_TEXT("大小不对,可能不完整", "it is not of a mark's size, torn or no mark");
+    default: return TALVOR_TEXT("标志或校验和不对", "its marks or its sum are wrong");
+    }
+}
+
 } // namespace
 
 void CBreltMemStorageModule::RestoreCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd)
 {
-    long long nTimestamp = lpClusterCmd->m_nTimestamp;
-    // With the database taken apart there is no archive path to read.
-    char* lpPath = m_pMemoryFileHead != nullptr ? (char*)malloc(RESTORE_PATH_SIZE) : nullptr;
-    if (lpPath != nullptr) memcpy(lpPath, m_pMemoryFileHead->m_lpArchiveDesPath, RESTORE_PATH_SIZE);
-    if (lpPath == nullptr || !RestoreChainUsable(lpPath, nTimestamp)) {
-        if (lpPath == nullptr)
-            Trace("ClusterCommand", 1, 10012034,
-                  TALVOR_TEXT("没有打开的数据库或内存不足,拒绝恢复,时间戳:%lld",
-                              "No database is open or no memory is left: the restore is refused, timestamp: %lld"),
+    if (m_pMemoryFileHead == nullptr) {
+        RestoreAgain(lpCritSection, lpClusterCmd);
+    } else {
+        long long nTimestamp = lpClusterCmd->m_nTimestamp;
+        char* lpPath = (char*)malloc(RESTORE_PATH_SIZE);
+        if (lpPath == nullptr) {
+            Trace("ClusterCommand", 1, 10012042,
+                  TALVOR_TEXT("内存不足,拒绝恢复,时间戳:%lld", "No memory is left: the restore is refused, timestamp: %lld"),
                   nTimestamp);
-        free(lpPath);
-        if (m_pMemoryFileHead != nullptr) ClearForbidFlags(lpClusterCmd);
-        TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_FINISHED);
-        return;
+        } else {
+            memcpy(lpPath, m_pMemoryFileHead->m_lpArchiveDesPath, RESTORE_PATH_SIZE);
+            const char* lpOwn = m_lpSystemFileInfo != nullptr ? m_lpSystemFileInfo->m_lpszFilePath : "";
+            if (RestoreChainUsable(lpPath, nTimestamp, lpOwn))
+                RunRestore(lpCritSection, lpClusterCmd, lpPath, nTimestamp);
+            free(lpPath);
+        }
     }
+    if (m_pMemoryFileHead != nullptr) ClearForbidFlags(lpClusterCmd);
+    TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_FINISHED);
+}
+
+void CBreltMemStorageModule::RunRestore(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd,
+                                        char* lpPath, long long nTimestamp)
+{
     LPTALVORPROGRESS lpProgress = m_pFlashback != nullptr ? m_pFlashback->GetProgress() : nullptr;
     if (lpProgress != nullptr) lpProgress->m_nStatus = PROGRESS_RUNNING;
     TalvorStoreShared(&lpClusterCmd->m_bForbidSaveFlag, 1);
@@ -261,7 +280,8 @@ void CBreltMemStorageModule::RestoreCommand(LPTALVORCRITICALSECTION lpCritSectio
     ClearResource(lpCritSection, nLogMaxID, usDBGuid);
     usleep(1000);
     const long long nClearedMs = TalvorMonotonicMs();
-    BOOL bRestored = RecoverIncrement(lpCritSection, lpProgress, lpPath, RESTORE_PATH_SIZE, nTimestamp);
+    BOOL bRestored =
+        RecoverIncrement(lpCritSection, lpProgress, lpPath, RESTORE_PATH_SIZE, nTimestamp, nLogMaxID, usDBGuid);
     const long long nRestoredMs = TalvorMonotonicMs();
     BOOL bBack = RecoverResource(lpCritSection, TRUE, nLogMaxID, usDBGuid);
     // Where an operator's wait went: only the middle stage is the copy.
@@ -269,9 +289,66 @@ void CBreltMemStorageModule::RestoreCommand(LPTALVORCRITICALSECTION lpCritSectio
           TALVOR_TEXT("恢复到%lld结束(文件:%d,服务:%d):拆除数据库%lld毫秒,恢复文件%lld毫秒,重建服务%lld毫秒",
                       "Restore to %lld ended (files: %d, service: %d): taking the database apart %lld ms, restoring the files %lld ms, bringing it back %lld ms"),
           nTimestamp, bRestored, bBack, nClearedMs - nStartMs, nRestoredMs - nClearedMs, TalvorMonotonicMs() - nRestoredMs);
-    free(lpPath);
-    if (m_pMemoryFileHead != nullptr) ClearForbidFlags(lpClusterCmd);
-    TalvorStoreShared(&lpClusterCmd->m_bCommandType, CLUSTERCMD_FINISHED);
+}
+
+// The database that named the archive was taken apart by the restore that
+// failed, so the mark it left is the only record of where the chain lies.
+// A mark that cannot be trusted whole is no ground to write on: without it
+// the node stays down rather than start on a mixture.
+void CBreltMemStorageModule::RestoreAgain(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd)
+{
+    long long nTimestamp = lpClusterCmd->m_nTimestamp;
+    // The path the rebuild will open, as it reads it.
+    TalvorConfigInit(m_cConfigPath);
+    char szSystemFile[MAX_PATH] = {0};
+    char szMemName[sizeof(((stu_FILEINFO*)nullptr)->m_lpszTablespaceName)] = {0};
+    GetSystemFilePath(lpCritSection, szSystemFile, szMemName);
+    TALVORRESTOREMARK stMark;
+    int nRead = TalvorReadRestoreMark(szSystemFile, stMark);
+    if (nRead == RESTOREMARK_ABSENT) {
+        Trace("ClusterCommand", 1, 10012034,
+              TALVOR_TEXT("没有打开的数据库,也没有未完成的恢复的标记,拒绝恢复,时间戳:%lld",
+                          "No database is open and no restore that did not finish is marked: the restore is refused, timestamp: %lld"),
+              nTimestamp);
+        return;
+    }
+    if (nRead != RESTOREMARK_READ) {
+        Trace("ClusterCommand", 1, 10012038,
+              TALVOR_TEXT("未完成的恢复留下的标记[%s.restoring]不可用(%s),拒绝恢复,未写入任何文件,时间戳:%lld",
+                          "The mark [%s.restoring] of a restore that did not finish cannot be used (%s): the restore is refused and no file is written, timestamp: %lld"),
+              szSystemFile, RestoreMarkFault(nRead), nTimestamp);
+        return;
+    }
+    // The operator may ask another point than the failed run did (its
+    // backup may be the cause): either way the chain asked now is restored
+    // whole over no files.
+    if (nTimestamp == 0) nTimestamp = stMark.m_nTimestamp;
+    if (!RestoreChainUsable(stMark.m_lpArchiveDesPath, nTimestamp, szSystemFile)) return;
+    Trace("ClusterCommand", 3, 10012039,
+          TALVOR_TEXT("未完成的恢复(到%lld)重新执行,恢复到%lld,备份目录取自恢复标记",
+                      "A restore (to %lld) that did not finish is run again, to %lld, from the archive its mark keeps"),
+          stMark.m_nTimestamp, nTimestamp);
+    // What the failed run wrote may hold pieces of a chain other than this
+    // one: it goes first, so that the restore starts from no files as it
+    // would after a clear.
+    if (!RemoveChainFiles(stMark.m_lpArchiveDesPath, RESTORE_PATH_SIZE, stMark.m_nTimestamp)) {
+        Trace("ClusterCommand", 1, 10012040,
+              TALVOR_TEXT("无法删除未完成的恢复(到%lld)写入的文件,拒绝恢复",
+                          "The files the restore to %lld that did not finish wrote cannot be removed: the restore is refused"),
+              stMark.m_nTimestamp);
+        return;
+    }
+    LPTALVORPROGRESS lpProgress = m_pFlashback != nullptr ? m_pFlashback->GetProgress() : nullptr;
+    if (lpProgress != nullptr) lpProgress->m_nStatus = PROGRESS_RUNNING;
+    const long long nStartMs = TalvorMonotonicMs();
+    BOOL bRestored = RecoverIncrement(lpCritSection, lpProgress, stMark.m_lpArchiveDesPath, RESTORE_PATH_SIZE,
+                                      nTimestamp, stMark.m_nRedoLogMaxID, stMark.m_usDatabaseGuid);
+    const long long nRestoredMs = TalvorMonotonicMs();
+    BOOL bBack = RecoverResource(lpCritSection, TRUE, stMark.m_nRedoLogMaxID, stMark.m_usDatabaseGuid);
+    Trace("ClusterCommand", 3, 10012041,
+          TALVOR_TEXT("重新执行的恢复到%lld结束(文件:%d,服务:%d):恢复文件%lld毫秒,重建服务%lld毫秒",
+                      "The restore run again to %lld ended (files: %d, service: %d): restoring the files %lld ms, bringing it back %lld ms"),
+          nTimestamp, bRestored, bBack, nRestoredMs - nStartMs, TalvorMonotonicMs() - nRestoredMs);
 }
 
 void CBreltMemStorageModule::TestSpeedCommand(LPTALVORCRITICALSECTION lpCritSection, LPTALVORCOMMAND lpClusterCmd)
@@ -484,8 +561,10 @@ BOOL CBreltMemStorageModule::RecoverResource(LPTALVORCRITICALSECTION lpCritSecti
     LPSYSTEMFILEHEAD lpHead = m_pMemoryFileHead;
     if (!bRecover) {
         if (nLogMaxID > lpHead->m_nRedoLogMaxID) lpHead->m_nRedoLogMaxID = nLogMaxID;
-    } else if (lpHead->m_usDatabaseGuid == usDBGuid) {
-        // A restored database of another identity keeps its own number.
+    } else if (lpHead->m_usDatabaseGuid == usDBGuid && nLogMaxID > lpHead->m_nRedoLogMaxID) {
+        // A restored database of another identity keeps its own number; the
+        // same one never goes back below a number its logs already used
+        // (nor to the 0 of a restore that could not tell it).
         lpHead->m_nRedoLogMaxID = nLogMaxID;
     }
     if (!SysStartTalvorLog(lpHead, m_nClusterNodeType, bRecover, m_pFlashback)) return AbandonRebuild();

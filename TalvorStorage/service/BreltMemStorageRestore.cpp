@@ -295,9 +295,51 @@ BOOL CBreltMemStorageModule::CheckBackupChain(char* lpArchiveDesPath, int nPathS
     return bGood;
 }
 
+BOOL CBreltMemStorageModule::RemoveChainFiles(char* lpArchiveDesPath, int nPathSize, long long nTimestamp)
+{
+    BACKUPCHAIN stChain;
+    if (!CheckBackupChain(lpArchiveDesPath, nPathSize, nTimestamp, &stChain)) return FALSE;
+    for (int nLevel = 0; nLevel <= stChain.m_nTopLevel; nLevel++) {
+        if (!RemoveFilesOfBackup(lpArchiveDesPath, nPathSize, stChain.m_arTimestamp[nLevel])) return FALSE;
+    }
+    return TRUE;
+}
+
+BOOL CBreltMemStorageModule::RemoveFilesOfBackup(char* lpArchiveDesPath, int nPathSize, long long nTimestamp)
+{
+    void* hFile = OpenBackupFullFile(lpArchiveDesPath, nPathSize, nTimestamp, TRUE);
+    if (hFile == nullptr) return FALSE;
+    LPBYTE lpHeadArea = nullptr;
+    BOOL bGood = LoadCheckedHead(AsFile(hFile), nTimestamp, lpHeadArea);
+    CloseBackupFile(hFile);
+    const BACKUPFILEHEAD* lpHead = (const BACKUPFILEHEAD*)lpHeadArea;
+    for (int i = 0; bGood && i < lpHead->m_nFileNum; i++) {
+        char szPath[sizeof(lpHead->m_stBackupFileInfo[i].m_lpszFilePath) + 1] = {0};
+        memcpy(szPath, lpHead->m_stBackupFileInfo[i].m_lpszFilePath, sizeof(szPath) - 1);
+        if (!TalvorPathExists(szPath)) continue;
+        if (CTalvorFileIO::Current()->Unlink(szPath) != 0) {
+            Trace("RecoverIncrement", 1, 10023009,
+                  TALVOR_TEXT("无法删除未完成的恢复写入的文件[%s],错误码:%d",
+                              "Failed to remove the file [%s] a restore that did not finish wrote, error code: %d"),
+                  szPath, errno);
+            bGood = FALSE;
+        }
+    }
+    free(lpHeadArea);
+    return bGood;
+}
+
 BOOL CBreltMemStorageModule::RecoverIncrement(LPTALVORCRITICALSECTION lpCritSection,
                                               LPTALVORPROGRESS lpTalvorProgress, char* lpArchiveDesPath,
                                               int nPathSize, long long nTimestamp)
+{
+    return RecoverIncrement(lpCritSection, lpTalvorProgress, lpArchiveDesPath, nPathSize, nTimestamp, 0, 0);
+}
+
+BOOL CBreltMemStorageModule::RecoverIncrement(LPTALVORCRITICALSECTION lpCritSection,
+                                              LPTALVORPROGRESS lpTalvorProgress, char* lpArchiveDesPath,
+                                              int nPathSize, long long nTimestamp, UINT nLogMaxID,
+                                              USHORT usDBGuid)
 {
     if (lpTalvorProgress != nullptr) lpTalvorProgress->m_nStatus = PROGRESS_RUNNING;
     // The whole chain is read before the first byte of a file is written.
@@ -306,7 +348,17 @@ BOOL CBreltMemStorageModule::RecoverIncrement(LPTALVORCRITICALSECTION lpCritSect
     // From the first byte written until the last level is on the medium the
     // files are a mixture: the mark keeps a start off them, and only a
     // restore run to its end removes it.
-    if (!TalvorSetRestoreMark(stChain.m_szSystemFile)) {
+    // What running this restore again needs, once the head that named the
+    // archive is gone.
+    TALVORRESTOREMARK stMark;
+    memset(&stMark, 0, sizeof(stMark));
+    if (nPathSize > 0)
+        memcpy(stMark.m_lpArchiveDesPath, lpArchiveDesPath,
+               (size_t)(nPathSize < RESTOREMARK_PATH_SIZE ? nPathSize : RESTOREMARK_PATH_SIZE));
+    stMark.m_nTimestamp = nTimestamp;
+    stMark.m_nRedoLogMaxID = nLogMaxID;
+    stMark.m_usDatabaseGuid = usDBGuid;
+    if (!TalvorSetRestoreMark(stChain.m_szSystemFile, stMark)) {
         Trace("RecoverIncrement", 1, 10023007,
               TALVOR_TEXT("无法设置恢复标记,未写入任何文件,系统文件:%s,错误码:%d",
                           "The restore mark cannot be set, so no file was written, system file: %s, error code: %d"),

@@ -3,6 +3,7 @@
 // took, and command 46 on a usable chain, run end to end.
 #include "BackupIncrementFixture.h"
 #include "FaultFileIO.h"
+#include "LogManager.h"
 #include "MemDBBackupDef.h"
 #include "PersistenceDb.h"
 #include "TalvorBackupFile.h"
@@ -88,7 +89,8 @@ protected:
     HRESULT Run(BYTE bCommand)
     {
         m_lpCmd->m_bForbidSaveFlag = 1;
-        m_db.Head()->m_bForbidSaveFlag = 1;
+        // With the database taken apart the engine has no head to flag.
+        if (m_db.Head() != nullptr) m_db.Head()->m_bForbidSaveFlag = 1;
         m_lpCmd->m_bCommandType = bCommand;
         return m_db.Module().ClusterCommand(&m_db.m_stCrit, m_lpCmd, m_db.Module().m_pFlashback->GetProgress(),
                                             m_db.m_nRedoLogMaxID);
@@ -188,6 +190,46 @@ protected:
             else
                 ASSERT_TRUE(WriteWholeFile(BackupPath(arTimestamps[i]), arChain[i]));
         }
+    }
+
+    // The redo service over the running head, as the daemon starts it: a
+    // rebuild starts it again and fails without it.
+    void StartRedo()
+    {
+        ASSERT_TRUE(SetLogSystemFileHead(m_db.Head(), m_db.Module().m_nClusterNodeType, m_db.Module().m_pFlashback));
+    }
+    // Stopped before the trace is read: reading it starts the log system
+    // afresh, which a live redo writer does not survive.
+    void StopRedo() { SysClearTalvorLog(); }
+    // Command 46 to nTimestamp with the module's configuration, so that a
+    // rebuild reads the ini as the daemon does.
+    void RunRestoreCommand(long long nTimestamp)
+    {
+        snprintf(m_db.Module().m_cConfigPath, sizeof(m_db.Module().m_cConfigPath), "%s",
+                 m_db.m_tree.IniPath().c_str());
+        m_lpCmd->m_nTimestamp = nTimestamp;
+        ASSERT_EQ(S_OK, Run(CLUSTERCMD_RESTORE));
+        EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
+    }
+    // Command 46 that fills the device after 1 MiB of the restore: the
+    // database is taken apart, the restore stops part-way and the mark stays.
+    void RunRestoreThatFills(long long nTimestamp)
+    {
+        FaultFileIO io;
+        io.PassThrough(m_db.m_tree.LogDir());
+        io.PassThrough(m_strArchive);
+        ScopedFileIO scoped(&io);
+        io.FillAfter(1 << 20, ENOSPC);
+        RunRestoreCommand(nTimestamp);
+    }
+    // The files the chain of level 1 gives (its new file in strNew).
+    std::vector<std::string> Level1Files(const std::vector<std::string>& vFull, std::string& strNew) const
+    {
+        std::vector<std::string> v = vFull;
+        ApplyPieces(v[1], m_vLevel1[1].m_vPieces);
+        strNew.clear();
+        ApplyPieces(strNew, m_vLevel1[4].m_vPieces);
+        return v;
     }
 
     PersistenceDb m_db;
@@ -488,6 +530,7 @@ TEST_F(Restore, AnyByteOfTheHeadsAndPagesChangedNeverLeadsAWriteOutsideItsFile)
     for (int n = 1; n <= DB_FILES; n++) mapSizes[m_db.PathOf(n)] = m_vSizes[(size_t)n - 1];
     mapSizes[m_strNewFile] = m_vLevel1[4].m_stFile.m_nFileSize;
     mapSizes[m_db.SystemPath() + ".restoring"] = 4096;
+    mapSizes[m_db.SystemPath() + ".restoring.new"] = 4096;
     // Where the structure lies in each incremental: the fixed head and its
     // records, and every page with its items.
     std::vector<std::pair<int, long long>> vPlaces;
@@ -634,19 +677,229 @@ TEST_F(Restore, CommandWhoseRestoreFailsPartWayLeavesTheMarkAndNoStartOnTheMixtu
     ExpectFiles(vCopy);
 }
 
-// The mark, once set, survives a power loss, and so does its removal.
+// The head that named the archive is gone after a restore failed part-way:
+// command 46 asked again finds the archive, the redo number and the
+// identity in the mark, and ends with the database of the backup up.
+TEST_F(Restore, CommandAskedAgainAfterARestoreThatFailedPartWayRestoresWholeAndStarts)
+{
+    std::mt19937 rng(31);
+    MakeChain(rng);
+    StartRedo();
+    WriteChain(m_arChain);
+    std::string strNew;
+    const std::vector<std::string> vExpected = Level1Files(CopyFiles(), strNew);
+    // The logs went on past the backup: the restored head's own number is
+    // behind the one the running database had reached.
+    const UINT nRedo = Val(m_db.Head()->m_nRedoLogMaxID) + 7;
+    m_db.Head()->m_nRedoLogMaxID = nRedo;
+    RunRestoreThatFills(m_nLevel1);
+    ASSERT_EQ(nullptr, m_db.Head());
+    ASSERT_TRUE(TalvorRestoreMarkPresent(m_db.SystemPath().c_str()));
+    TALVORRESTOREMARK stMark;
+    ASSERT_EQ(RESTOREMARK_READ, TalvorReadRestoreMark(m_db.SystemPath().c_str(), stMark));
+    EXPECT_EQ(m_strArchive, std::string(stMark.m_lpArchiveDesPath));
+    EXPECT_EQ(m_nLevel1, stMark.m_nTimestamp);
+    EXPECT_EQ(nRedo, stMark.m_nRedoLogMaxID);
+    EXPECT_EQ(m_usGuid, stMark.m_usDatabaseGuid);
+
+    // (The trace is read only once the redo service is stopped again:
+    // reading it starts the log system afresh.)
+    m_lpCmd->m_bResult = 0x5A;
+    RunRestoreCommand(m_nLevel1);
+    StopRedo();
+    EXPECT_TRUE(m_db.m_tree.Traced("is run again, to " + std::to_string(m_nLevel1)));
+    ASSERT_NE(nullptr, m_db.Head()) << m_db.m_tree.Trace();
+    EXPECT_EQ(0x5A, Val(m_lpCmd->m_bResult));
+    EXPECT_EQ(0, Val(m_lpCmd->m_bForbidSaveFlag));
+    EXPECT_EQ(0, Val(m_db.Head()->m_bForbidSaveFlag));
+    EXPECT_FALSE(TalvorRestoreMarkPresent(m_db.SystemPath().c_str()));
+    // The same database: the number its logs reached is not lost.
+    EXPECT_EQ(m_usGuid, Val(m_db.Head()->m_usDatabaseGuid));
+    EXPECT_EQ(nRedo, Val(m_db.Head()->m_nRedoLogMaxID));
+    for (int n = 1; n <= DB_FILES; n++) EXPECT_NE(nullptr, m_db.File(n)) << n;
+    m_db.Stop();
+    ExpectFiles(vExpected);
+    EXPECT_TRUE(ReadWholeFile(m_strNewFile) == strNew);
+    EXPECT_EQ(S_OK, m_db.Start());
+}
+
+// A failed restore to one point that had begun a file only its increment
+// makes, then command 46 to another point: the file comes out as that
+// point's chain makes it, with nothing of the failed run's pieces.
+TEST_F(Restore, CommandAskedAgainForAnotherPointLeavesNothingOfTheFailedRun)
+{
+    std::mt19937 rng(37);
+    MakeChain(rng);
+    StartRedo();
+    WriteChain(m_arChain);
+    std::string strNew;
+    const std::vector<std::string> vExpected = Level1Files(CopyFiles(), strNew);
+    // Another level 1 on the same full backup, which makes the new file with
+    // pieces where the first level 1 has none.
+    const long long nOther = m_nFull + 30;
+    std::vector<IncFile> vOther = {Unchanged(1), Unchanged(2), Unchanged(3), Unchanged(4)};
+    vOther.push_back({{2, 5, 1 << 20, 0, 0, 0, m_strNewFile},
+                      {{BACKUPITEM_DATABLOCK, 0, 0, 8192, RandomBytes(512, rng)},
+                       {BACKUPITEM_DATABLOCK, 0, 0, 16384, RandomBytes(512, rng)}}});
+    ASSERT_TRUE(WriteWholeFile(BackupPath(nOther), BuildIncrement(nOther, m_nFull, 1, m_usGuid, vOther)));
+    snprintf(m_db.Module().m_cConfigPath, sizeof(m_db.Module().m_cConfigPath), "%s", m_db.m_tree.IniPath().c_str());
+    {
+        // The second piece of the new file fails: the first is on disk.
+        FaultFileIO io;
+        io.PassThrough(m_db.m_tree.LogDir());
+        io.PassThrough(m_strArchive);
+        ScopedFileIO scoped(&io);
+        int nNewWrites = 0;
+        io.OnCall(FileOp::PWrite, [&](const FileCall& call) {
+            if (call.m_strPath == m_strNewFile && ++nNewWrites == 2) io.FailCall(FileOp::PWrite, call.m_nNth, EIO);
+        });
+        RunRestoreCommand(nOther);
+        ASSERT_EQ(2, nNewWrites);
+    }
+    ASSERT_EQ(nullptr, m_db.Head());
+    ASSERT_GE(FileSizeOf(m_strNewFile), 8192 + 512);
+    RunRestoreCommand(m_nLevel1);
+    StopRedo();
+    ASSERT_NE(nullptr, m_db.Head()) << m_db.m_tree.Trace();
+    EXPECT_FALSE(TalvorRestoreMarkPresent(m_db.SystemPath().c_str()));
+    m_db.Stop();
+    ExpectFiles(vExpected);
+    EXPECT_TRUE(ReadWholeFile(m_strNewFile) == strNew) << "size " << FileSizeOf(m_strNewFile);
+    EXPECT_EQ(S_OK, m_db.Start());
+}
+
+// With no head, a mark that cannot be trusted whole (or none) is no ground
+// to write on: command 46 is refused, told, and touches no file.
+TEST_F(Restore, CommandWithNoHeadAndADamagedOrMissingMarkIsRefusedAndWritesNothing)
+{
+    std::vector<std::string> vCopy;
+    const long long nTimestamp = FullBackup(vCopy);
+    StartRedo();
+    RunRestoreThatFills(nTimestamp);
+    ASSERT_EQ(nullptr, m_db.Head());
+    const std::string strMark = m_db.SystemPath() + ".restoring";
+    const std::string strGood = ReadWholeFile(strMark);
+    ASSERT_FALSE(strGood.empty());
+    struct Case {
+        const char* m_lpName;
+        std::function<void(std::string&)> m_fnDamage;  // a cleared string: no mark
+        const char* m_lpTraced;
+    };
+    const std::vector<Case> vCases = {
+        {"empty", [](std::string& s) { s = std::string(); (void)s; }, "torn or no mark"},
+        {"cut short", [](std::string& s) { s.resize(s.size() - 1); }, "torn or no mark"},
+        {"one byte long", [](std::string& s) { s.push_back('\n'); }, "torn or no mark"},
+        {"twice over", [](std::string& s) { s += s; }, "torn or no mark"},
+        {"the old text mark", [](std::string& s) { s = "a restore into this database has not finished\n"; },
+         "torn or no mark"},
+        {"a byte of the path", [](std::string& s) { s[s.size() - 100] ^= 0x20; }, "its marks or its sum are wrong"},
+        {"a byte of the timestamp", [](std::string& s) { s[56] ^= 0x01; }, "its marks or its sum are wrong"},
+        {"the mark's flag", [](std::string& s) { s[48] = 'X'; }, "its marks or its sum are wrong"},
+        {"the sum", [](std::string& s) { s[s.size() - 1] ^= 0x80; }, "its marks or its sum are wrong"},
+        {"no mark", nullptr, "No database is open"},
+    };
+    for (const Case& c : vCases) {
+        SCOPED_TRACE(c.m_lpName);
+        std::string strMarkNow = strGood;
+        if (c.m_fnDamage) {
+            c.m_fnDamage(strMarkNow);
+            ASSERT_TRUE(WriteWholeFile(strMark, strMarkNow));
+        } else {
+            ASSERT_EQ(0, unlink(strMark.c_str()));
+        }
+        const std::vector<FileMark> vBefore = Marks();
+        {
+            FaultFileIO io;
+            io.PassThrough(m_db.m_tree.LogDir());
+            ScopedFileIO scoped(&io);
+            std::vector<std::string> vTouched;
+            // The configuration is read as the rebuild reads it (its file
+            // opened for both ways); a write to it would still be seen.
+            const std::string strIni = m_db.m_tree.IniPath();
+            io.OnCall(FileOp::Open, [&](const FileCall& call) {
+                if ((call.m_nFlags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC)) != 0 && call.m_strPath != strIni)
+                    vTouched.push_back("open " + call.m_strPath);
+            });
+            io.OnCall(FileOp::Unlink, [&](const FileCall& call) { vTouched.push_back("unlink " + call.m_strPath); });
+            io.OnCall(FileOp::MkDir, [&](const FileCall& call) { vTouched.push_back("mkdir " + call.m_strPath); });
+            RunRestoreCommand(nTimestamp);
+            for (const std::string& strTouched : vTouched) ADD_FAILURE() << strTouched;
+            for (const FileWrite& w : io.Writes()) ADD_FAILURE() << "written: " << w.m_strPath;
+        }
+        EXPECT_EQ(nullptr, m_db.Head());
+        EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
+        for (int n = 1; n <= DB_FILES; n++)
+            EXPECT_EQ(vBefore[(size_t)n - 1].m_nMtimeNs, MarkOf(m_db.PathOf(n)).m_nMtimeNs) << n;
+        if (c.m_fnDamage) {
+            EXPECT_TRUE(ReadWholeFile(strMark) == strMarkNow);
+        } else {
+            EXPECT_FALSE(PathExists(strMark));
+        }
+    }
+    // The mark put back whole, the same command restores: the refusals came
+    // from the damage.
+    ASSERT_TRUE(WriteWholeFile(strMark, strGood));
+    RunRestoreCommand(nTimestamp);
+    StopRedo();
+    ASSERT_NE(nullptr, m_db.Head()) << m_db.m_tree.Trace();
+    m_db.Stop();
+    ExpectFiles(vCopy);
+    // Each refusal told why (read only now: reading the trace starts the log
+    // system afresh, without the redo ring the rebuild needs).
+    const std::string strTrace = m_db.m_tree.Trace();
+    std::map<std::string, int> mapWanted;
+    for (const Case& c : vCases) mapWanted[c.m_lpTraced]++;
+    for (const auto& wanted : mapWanted) {
+        int nFound = 0;
+        for (size_t n = strTrace.find(wanted.first); n != std::string::npos; n = strTrace.find(wanted.first, n + 1))
+            nFound++;
+        EXPECT_EQ(wanted.second, nFound) << wanted.first;
+    }
+    EXPECT_TRUE(m_db.m_tree.Traced("the restore is refused and no file is written"));
+}
+
+// The mark, once set, survives a power loss with what it remembers, and so
+// does its removal.
 TEST(RestoreMark, TheMarkAndItsRemovalSurviveAPowerLoss)
 {
     PersistenceDb db;
     ASSERT_TRUE(db.MakeDatabase());
     const std::string strSystem = db.SystemPath();
+    TALVORRESTOREMARK stSet;
+    memset(&stSet, 0, sizeof(stSet));
+    for (int i = 0; i < RESTOREMARK_PATH_SIZE; i++) stSet.m_lpArchiveDesPath[i] = (char)(i * 7 + 1);
+    stSet.m_nTimestamp = 0x123456789ALL;
+    stSet.m_nRedoLogMaxID = 0xFEDCBA98u;
+    stSet.m_usDatabaseGuid = 0xBEEF;
     {
+        // A longer file of a run before is replaced whole.
+        ASSERT_TRUE(WriteWholeFile(strSystem + ".restoring", std::string(4096, 'z')));
         FaultFileIO io;
         ScopedFileIO scoped(&io);
-        ASSERT_TRUE(TalvorSetRestoreMark(strSystem.c_str()));
+        ASSERT_TRUE(TalvorSetRestoreMark(strSystem.c_str(), stSet));
         io.LosePower();
     }
     EXPECT_TRUE(TalvorRestoreMarkPresent(strSystem.c_str()));
+    TALVORRESTOREMARK stGot;
+    memset(&stGot, 0, sizeof(stGot));
+    ASSERT_EQ(RESTOREMARK_READ, TalvorReadRestoreMark(strSystem.c_str(), stGot));
+    EXPECT_EQ(0, memcmp(stSet.m_lpArchiveDesPath, stGot.m_lpArchiveDesPath, sizeof(stGot.m_lpArchiveDesPath)));
+    EXPECT_EQ(stSet.m_nTimestamp, stGot.m_nTimestamp);
+    EXPECT_EQ(stSet.m_nRedoLogMaxID, stGot.m_nRedoLogMaxID);
+    EXPECT_EQ(stSet.m_usDatabaseGuid, stGot.m_usDatabaseGuid);
+    // A new mark whose write fails (a full disk) leaves the old one whole.
+    {
+        FaultFileIO io;
+        ScopedFileIO scoped(&io);
+        io.FailNext(FileOp::PWrite, ENOSPC);
+        TALVORRESTOREMARK stOther = stSet;
+        stOther.m_nTimestamp++;
+        EXPECT_FALSE(TalvorSetRestoreMark(strSystem.c_str(), stOther));
+    }
+    memset(&stGot, 0, sizeof(stGot));
+    ASSERT_EQ(RESTOREMARK_READ, TalvorReadRestoreMark(strSystem.c_str(), stGot));
+    EXPECT_EQ(stSet.m_nTimestamp, stGot.m_nTimestamp);
+    EXPECT_FALSE(PathExists(strSystem + ".restoring.new"));
     {
         FaultFileIO io;
         ScopedFileIO scoped(&io);
@@ -654,6 +907,7 @@ TEST(RestoreMark, TheMarkAndItsRemovalSurviveAPowerLoss)
         io.LosePower();
     }
     EXPECT_FALSE(TalvorRestoreMarkPresent(strSystem.c_str()));
+    EXPECT_EQ(RESTOREMARK_ABSENT, TalvorReadRestoreMark(strSystem.c_str(), stGot));
     // Clearing with no mark is no failure.
     EXPECT_TRUE(TalvorClearRestoreMark(strSystem.c_str()));
 }
