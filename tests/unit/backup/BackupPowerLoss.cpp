@@ -167,8 +167,9 @@ TEST_F(TwoFileBackupTest, AnIncrementalBackupCutAfterAnySectorIsNeverTakenForWho
                 io.LosePowerKeeping(vAll, NameLoss::Keep);
             }
             Verified v(strPath);
-            if (v.Status() == BACKUPVERIFY_WHOLE)
+            if (v.Status() == BACKUPVERIFY_WHOLE) {
                 EXPECT_TRUE(SameBackup(ReadWholeFile(strPath), strWhole)) << "write " << k << ", torn at " << nTorn;
+            }
         }
     }
 }
