@@ -117,6 +117,8 @@ bool SyncsItself(int fd)
     return nFlags >= 0 && (nFlags & O_DSYNC) != 0; // O_SYNC includes O_DSYNC
 }
 
+const useconds_t IN_FLIGHT_GRACE_US = 1000;
+
 int FailWith(int nErrno)
 {
     errno = nErrno;
@@ -129,6 +131,13 @@ FaultFileIO::FaultFileIO() {}
 
 FaultFileIO::~FaultFileIO()
 {
+    // A thread of the code under test (a trace writer, say) may be inside a
+    // call of this layer when the test ends its scope: it is let go and
+    // waited out, after a moment for one that took the layer just before it
+    // was taken out to enter.
+    Release();
+    usleep(IN_FLIGHT_GRACE_US);
+    while (m_nInFlight.load() > 0) usleep(IN_FLIGHT_GRACE_US);
     for (Change& c : m_vChanges)
         if (c.m_fdHeld >= 0) close(c.m_fdHeld);
     for (auto& it : m_mapUndoFds) close(it.second);
@@ -508,6 +517,7 @@ void FaultFileIO::TrackNameLocked(ChangeKind eKind, const std::string& strPath, 
 
 int FaultFileIO::Open(const char* lpPath, int nFlags, mode_t nMode)
 {
+    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::Open, lpPath != nullptr ? lpPath : "", 0, 0, nFlags);
     if (Passes(call.m_strPath)) return CTalvorFileIO::Open(lpPath, nFlags, nMode);
     Verdict v = Judge(call);
@@ -548,6 +558,7 @@ int FaultFileIO::Open(const char* lpPath, int nFlags, mode_t nMode)
 
 ssize_t FaultFileIO::PRead(int fd, void* lpBuf, size_t nSize, off_t nOffset)
 {
+    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::PRead, PathOfFd(fd), (long long)nOffset, (long long)nSize);
     if (Passes(call.m_strPath)) return CTalvorFileIO::PRead(fd, lpBuf, nSize, nOffset);
     Verdict v = Judge(call);
@@ -564,6 +575,7 @@ ssize_t FaultFileIO::PRead(int fd, void* lpBuf, size_t nSize, off_t nOffset)
 
 ssize_t FaultFileIO::PWrite(int fd, const void* lpBuf, size_t nSize, off_t nOffset)
 {
+    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::PWrite, PathOfFd(fd), (long long)nOffset, (long long)nSize);
     if (Passes(call.m_strPath)) return CTalvorFileIO::PWrite(fd, lpBuf, nSize, nOffset);
     Verdict v = Judge(call);
@@ -607,10 +619,16 @@ ssize_t FaultFileIO::PWrite(int fd, const void* lpBuf, size_t nSize, off_t nOffs
     return (ssize_t)Finish(call, n);
 }
 
-int FaultFileIO::FSync(int fd) { return SyncFile(FileOp::FSync, fd); }
-
-int FaultFileIO::FDataSync(int fd) { return SyncFile(FileOp::FDataSync, fd); }
-
+int FaultFileIO::FSync(int fd)
+{
+    InFlight guard(m_nInFlight);
+    return SyncFile(FileOp::FSync, fd);
+}
+int FaultFileIO::FDataSync(int fd)
+{
+    InFlight guard(m_nInFlight);
+    return SyncFile(FileOp::FDataSync, fd);
+}
 // Either sync covers every change of the file, whichever descriptor made
 // it; on a directory it makes the names in it durable.
 int FaultFileIO::SyncFile(FileOp eOp, int fd)
@@ -667,6 +685,7 @@ int FaultFileIO::SizeChange(FileCall& call, int fd, const std::function<long lon
 
 int FaultFileIO::FTruncate(int fd, off_t nSize)
 {
+    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::FTruncate, PathOfFd(fd), (long long)nSize);
     if (Passes(call.m_strPath)) return CTalvorFileIO::FTruncate(fd, nSize);
     return SizeChange(
@@ -675,6 +694,7 @@ int FaultFileIO::FTruncate(int fd, off_t nSize)
 
 int FaultFileIO::Fallocate(int fd, off_t nOffset, off_t nLength)
 {
+    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::Fallocate, PathOfFd(fd), (long long)nOffset, (long long)nLength);
     if (Passes(call.m_strPath)) return CTalvorFileIO::Fallocate(fd, nOffset, nLength);
     return SizeChange(
@@ -684,6 +704,7 @@ int FaultFileIO::Fallocate(int fd, off_t nOffset, off_t nLength)
 
 int FaultFileIO::Close(int fd)
 {
+    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::Close, PathOfFd(fd));
     if (Passes(call.m_strPath)) return CTalvorFileIO::Close(fd);
     Verdict v = Judge(call);
@@ -694,6 +715,7 @@ int FaultFileIO::Close(int fd)
 
 int FaultFileIO::Flock(int fd, int nOperation)
 {
+    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::Flock, PathOfFd(fd), 0, 0, nOperation);
     if (Passes(call.m_strPath)) return CTalvorFileIO::Flock(fd, nOperation);
     Verdict v = Judge(call);
@@ -702,6 +724,7 @@ int FaultFileIO::Flock(int fd, int nOperation)
 
 int FaultFileIO::Rename(const char* lpFrom, const char* lpTo)
 {
+    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::Rename, lpFrom);
     if (Passes(call.m_strPath)) return CTalvorFileIO::Rename(lpFrom, lpTo);
     Verdict v = Judge(call);
@@ -722,6 +745,7 @@ int FaultFileIO::Rename(const char* lpFrom, const char* lpTo)
 
 int FaultFileIO::Unlink(const char* lpPath)
 {
+    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::Unlink, lpPath);
     if (Passes(call.m_strPath)) return CTalvorFileIO::Unlink(lpPath);
     Verdict v = Judge(call);
@@ -742,6 +766,7 @@ int FaultFileIO::Unlink(const char* lpPath)
 
 int FaultFileIO::MkDir(const char* lpPath, mode_t nMode)
 {
+    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::MkDir, lpPath);
     if (Passes(call.m_strPath)) return CTalvorFileIO::MkDir(lpPath, nMode);
     Verdict v = Judge(call);
@@ -757,6 +782,7 @@ int FaultFileIO::MkDir(const char* lpPath, mode_t nMode)
 
 int FaultFileIO::SyncDirectory(const char* lpDir)
 {
+    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::SyncDirectory, lpDir);
     if (Passes(call.m_strPath)) return CTalvorFileIO::SyncDirectory(lpDir);
     Verdict v = Judge(call);
@@ -774,6 +800,7 @@ int FaultFileIO::SyncDirectory(const char* lpDir)
 
 int FaultFileIO::Stat(const char* lpPath, struct stat* pStat)
 {
+    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::Stat, lpPath);
     if (Passes(call.m_strPath)) return CTalvorFileIO::Stat(lpPath, pStat);
     Verdict v = Judge(call);
@@ -782,6 +809,7 @@ int FaultFileIO::Stat(const char* lpPath, struct stat* pStat)
 
 int FaultFileIO::FStat(int fd, struct stat* pStat)
 {
+    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::FStat, PathOfFd(fd));
     if (Passes(call.m_strPath)) return CTalvorFileIO::FStat(fd, pStat);
     Verdict v = Judge(call);
@@ -790,6 +818,7 @@ int FaultFileIO::FStat(int fd, struct stat* pStat)
 
 off_t FaultFileIO::LSeek(int fd, off_t nOffset, int nWhence)
 {
+    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::LSeek, PathOfFd(fd), (long long)nOffset, 0, nWhence);
     if (Passes(call.m_strPath)) return CTalvorFileIO::LSeek(fd, nOffset, nWhence);
     Verdict v = Judge(call);
@@ -798,6 +827,7 @@ off_t FaultFileIO::LSeek(int fd, off_t nOffset, int nWhence)
 
 int FaultFileIO::Chmod(const char* lpPath, mode_t nMode)
 {
+    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::Chmod, lpPath);
     if (Passes(call.m_strPath)) return CTalvorFileIO::Chmod(lpPath, nMode);
     Verdict v = Judge(call);
@@ -806,6 +836,7 @@ int FaultFileIO::Chmod(const char* lpPath, mode_t nMode)
 
 int FaultFileIO::FChmod(int fd, mode_t nMode)
 {
+    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::FChmod, PathOfFd(fd));
     if (Passes(call.m_strPath)) return CTalvorFileIO::FChmod(fd, nMode);
     Verdict v = Judge(call);
@@ -814,6 +845,7 @@ int FaultFileIO::FChmod(int fd, mode_t nMode)
 
 DIR* FaultFileIO::OpenDir(const char* lpPath)
 {
+    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::OpenDir, lpPath);
     if (Passes(call.m_strPath)) return CTalvorFileIO::OpenDir(lpPath);
     Verdict v = Judge(call);
@@ -828,6 +860,7 @@ DIR* FaultFileIO::OpenDir(const char* lpPath)
 
 int FaultFileIO::CloseDir(DIR* pDir)
 {
+    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::CloseDir, pDir != nullptr ? PathOfFd(dirfd(pDir)) : std::string());
     if (Passes(call.m_strPath)) return CTalvorFileIO::CloseDir(pDir);
     Verdict v = Judge(call);

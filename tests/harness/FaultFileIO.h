@@ -21,6 +21,7 @@
 
 #include "TalvorFileIO.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <map>
@@ -223,6 +224,13 @@ private:
     void UndoNameLocked(const Change& c);
     void LosePowerLocked(const std::vector<bool>& vKeep, NameLoss eNames);
 
+    // Calls under way on any thread: the layer outlives them.
+    struct InFlight {
+        explicit InFlight(std::atomic<int>& n) : m_n(n) { m_n.fetch_add(1); }
+        ~InFlight() { m_n.fetch_sub(1); }
+        std::atomic<int>& m_n;
+    };
+    std::atomic<int> m_nInFlight{0};
     mutable std::mutex m_mutex;
     long long m_arCalls[FILE_OP_COUNT] = {};
     std::vector<Rule> m_vRules;
