@@ -479,6 +479,7 @@ BOOL CBreltMemStorageModule::RecoverIncrementCore(LPTALVORCRITICALSECTION, LPTAL
         CTalvorDirectFile* pDest = new (std::nothrow) CTalvorDirectFile();
         hDestFile = pDest;
         MakeDir(r.m_lpszFilePath);
+        const BOOL bExisted = TalvorPathExists(r.m_lpszFilePath);
         if (pDest == nullptr || !pDest->Open(r.m_lpszFilePath, O_RDWR | O_CREAT, FALSE)) {
             Trace("RecoverIncrementCore", 1, 10022006,
                   TALVOR_TEXT("打开文件[%s]失败,错误码:%d!", "Failed to open file [%s], error code: %d!"), r.m_lpszFilePath,
@@ -488,6 +489,16 @@ BOOL CBreltMemStorageModule::RecoverIncrementCore(LPTALVORCRITICALSECTION, LPTAL
         CTalvorFileIO::Current()->FChmod(pDest->Fd(), 0666);
         SetRecoverTitle(lpTalvorProgress, nLevel, r.m_lpszFilePath, INCREMENT_TITLE_TAIL, TRUE);
         if (!ApplyPages(pBackup, pDest, lpHead, i, lpPage, lpBlock, nBlockBufSize, lpTalvorProgress)) return FALSE;
+        // A file of the level below that grew since takes the size its
+        // record gives, which is the size its new head names: a start
+        // refuses a file shorter than its head. A file the increment makes
+        // gets only its pieces.
+        if (bExisted && !pDest->ExtendZeroed(r.m_nFileSize)) {
+            Trace("RecoverIncrementCore", 1, 10022026,
+                  TALVOR_TEXT("数据库文件[%s]无法扩展到%lld字节,错误码:%d!", "The database file [%s] cannot be extended to %lld bytes, error code: %d!"),
+                  r.m_lpszFilePath, r.m_nFileSize, errno);
+            return FALSE;
+        }
         if (!FinishTarget(*pDest, r.m_lpszFilePath, 10022025)) return FALSE;
         delete pDest;
         hDestFile = nullptr;

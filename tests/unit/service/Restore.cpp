@@ -273,6 +273,43 @@ TEST_F(Restore, AFullBackupOfAGrownSystemFileRestoresADatabaseThatStarts)
     EXPECT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
 }
 
+// A data file grown after the full backup and changed: the incremental
+// backup over it restores the file at its grown size, and the database
+// starts.
+TEST_F(Restore, AnIncrementalOverAFileGrownSinceTheFullBackupRestoresItsSize)
+{
+    std::vector<std::string> vFull;
+    const long long nFull = FullBackup(vFull);
+    const long long nGrown = 2 * (long long)vFull[1].size();
+    LPFILE_MEMDBFILEINFO lpRow = m_db.Row(2);
+    lpRow->m_nFileSize = nGrown;
+    talvorpeer::PeerFence();
+    lpRow->m_bFileCMD = FILECMD_RESIZE;
+    m_db.MarkListChanged();
+    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    ASSERT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
+    ASSERT_EQ(nGrown, FileSizeOf(m_db.PathOf(2)));
+    long long ts = m_db.BeginTransaction();
+    m_db.ChangeRow(2, 7, 1, ts * 3, ts);
+    m_db.EndTransaction(ts);
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    const long long nLevel1 = m_db.Head()->m_nEndTimestamp;
+    ASSERT_GT(nLevel1, nFull);
+    m_lpCmd->m_nTimestamp = nLevel1;
+    m_lpCmd->m_nTimestamp2 = nFull;
+    m_lpCmd->m_bLevel = 1;
+    m_lpCmd->m_bAbort = 0;
+    ASSERT_EQ(S_OK, Run(CLUSTERCMD_INCREMENTBACKUP));
+    ASSERT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult)) << m_db.m_tree.Trace();
+    const std::vector<std::string> vLevel1 = CopyFiles();
+    m_db.Stop();
+    RemoveDatabaseFiles();
+    ASSERT_TRUE(RestoreTo(nLevel1));
+    EXPECT_EQ(nGrown, FileSizeOf(m_db.PathOf(2)));
+    ExpectFiles(vLevel1);
+    EXPECT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+}
+
 TEST_F(Restore, IncrementsApplyInRisingLevelOverTheFullBackupAndCreateMissingFilesWithOnlyTheirPieces)
 {
     std::mt19937 rng(5);
