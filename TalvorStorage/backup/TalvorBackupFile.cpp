@@ -1,6 +1,9 @@
 // TalvorBackupFile.cpp — the backup name rule and the backup time stamp.
 #include "TalvorBackupFile.h"
 
+#include "TalvorFileIO.h"
+
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <sys/time.h>
@@ -42,6 +45,26 @@ int TalvorBackupFilePath(const char* lpArchiveDesPath, int nPathSize, long long 
     }
     snprintf(lpPath, BACKUP_PATH_MAX, "%.230sTalvorBackup%lld.fbk", szDir, nTimestamp);
     return BACKUPDIR_OK;
+}
+
+namespace {
+
+int WriteAndSync(int fd, const BYTE* lpFrom, int nSize, long long nAt)
+{
+    if (!TalvorWriteFull(fd, lpFrom, (size_t)nSize, (off_t)nAt)) return errno != 0 ? errno : EIO;
+    if (CTalvorFileIO::Current()->FSync(fd) != 0) return errno != 0 ? errno : EIO;
+    return 0;
+}
+
+} // namespace
+
+int TalvorCommitBackupHead(int fd, const BYTE* lpHeadArea, int nHeadSize)
+{
+    if (nHeadSize > BACKUP_HEAD_SECTOR) {
+        int nErr = WriteAndSync(fd, lpHeadArea + BACKUP_HEAD_SECTOR, nHeadSize - BACKUP_HEAD_SECTOR, BACKUP_HEAD_SECTOR);
+        if (nErr != 0) return nErr;
+    }
+    return WriteAndSync(fd, lpHeadArea, nHeadSize < BACKUP_HEAD_SECTOR ? nHeadSize : BACKUP_HEAD_SECTOR, 0);
 }
 
 void TalvorBackupPartPath(const char* lpPath, char* lpPart)

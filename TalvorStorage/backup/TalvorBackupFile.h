@@ -38,12 +38,34 @@ int TalvorBackupDirectory(const char* lpArchiveDesPath, int nPathSize, char* lpD
 // BACKUP_PATH_MAX bytes). BACKUPDIR_OK, or the refusal of the directory.
 int TalvorBackupFilePath(const char* lpArchiveDesPath, int nPathSize, long long nTimestamp, char* lpPath);
 
+// A backup's file name starts with this.
+inline constexpr char BACKUP_FILE_PREFIX[] = "TalvorBackup";
 // A backup is written under its path plus this until it is whole.
 inline constexpr char BACKUP_PART_SUFFIX[] = ".part";
+// How the name of a backup's part file ends.
+inline constexpr char BACKUP_PART_NAME_END[] = ".fbk.part";
 // The part name of the backup path lpPath into lpPart (at least
 // BACKUP_PATH_MAX bytes); a path TalvorBackupFilePath made always fits.
 // Any thread; pure.
 void TalvorBackupPartPath(const char* lpPath, char* lpPart);
+
+// The sector the writers commit a head area by.
+inline constexpr int BACKUP_HEAD_SECTOR = 512;
+static_assert(BACKUP_FIXED_HEAD_SIZE + 2 < BACKUP_HEAD_SECTOR, "the first record starts in the first sector");
+
+// Writes the finished head area of a backup over its place-holder, so that
+// no power loss leaves a head that reads as whole and is not: every sector
+// but the first goes out and is synced, then the first, synced. A sector
+// is written whole or not at all, and the first holds the start of the
+// first record (its type and number), which no finished backup leaves
+// empty: until that sector is on the medium the head reads as the
+// place-holder's, which the verifier and the restore refuse, whatever part
+// of the rest a power loss kept. Written in one piece, a head cut after its
+// first sector could show a later record of an incremental backup with its
+// name and without its data range, read as "unchanged". fd: opened for
+// direct I/O; lpHeadArea aligned, nHeadSize a multiple of the sector. 0, or
+// the errno of the write or sync that failed. Storage thread.
+int TalvorCommitBackupHead(int fd, const BYTE* lpHeadArea, int nHeadSize);
 
 // The fixed part of a backup head as both writers start it: marks, sizes,
 // the point and origin of the backup and the time now; a full backup's

@@ -25,6 +25,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <new>
 #include <sys/stat.h>
@@ -65,6 +66,34 @@ void TraceStreamFailure(const CTalvorBackupStream& stream)
           TALVOR_TEXT("写入备份文件失败[位置:%lld,大小:%d/%d],错误码:%d!",
                       "Failed to write to backup file [Pos: %lld, Size: %d/%d], error code: %d!"),
           stream.FailedAt(), 0, 0, stream.FailedErrno());
+}
+
+// The part files that backups cut short (a kill, a power loss) left in the
+// directory of lpBackupPath: nobody's, and each as large as a backup. Only
+// the storage thread writes backups, one at a time, so none is in use.
+void RemoveStaleBackupParts(const char* lpBackupPath)
+{
+    char szDir[BACKUP_PATH_MAX];
+    snprintf(szDir, sizeof(szDir), "%s", lpBackupPath);
+    char* lpSlash = strrchr(szDir, '/');
+    if (lpSlash == nullptr) return;
+    lpSlash[1] = '\0';
+    CTalvorFileIO* pIO = CTalvorFileIO::Current();
+    DIR* pDir = pIO->OpenDir(szDir);
+    if (pDir == nullptr) return;
+    const size_t nPrefix = strlen(BACKUP_FILE_PREFIX), nSuffix = strlen(BACKUP_PART_NAME_END);
+    BOOL bRemoved = FALSE;
+    while (struct dirent* pEntry = readdir(pDir)) {
+        size_t nLen = strlen(pEntry->d_name);
+        if (nLen <= nPrefix + nSuffix || strncmp(pEntry->d_name, BACKUP_FILE_PREFIX, nPrefix) != 0 ||
+            strcmp(pEntry->d_name + nLen - nSuffix, BACKUP_PART_NAME_END) != 0)
+            continue;
+        char szPart[BACKUP_PATH_MAX];
+        if (snprintf(szPart, sizeof(szPart), "%s%s", szDir, pEntry->d_name) >= (int)sizeof(szPart)) continue;
+        if (pIO->Unlink(szPart) == 0) bRemoved = TRUE;
+    }
+    pIO->CloseDir(pDir);
+    if (bRemoved) pIO->SyncDirectory(szDir);
 }
 
 void TraceBackupOpenFailure(LONG nCode, const char* lpszPath, int nErr)
@@ -155,12 +184,12 @@ void* CBreltMemStorageModule::OpenBackupFullFile(char* lpArchiveDesPath, int nPa
         return pFile;
     }
     MakeDir(szPath);
+    RemoveStaleBackupParts(szPath);
     char szPart[BACKUP_PATH_MAX];
     TalvorBackupPartPath(szPath, szPart);
     // Written without O_SYNC: the data is synced once before the head, and
     // the head once after, which keeps the order that makes a cut backup
-    // refusable at a fraction of the cost of a sync per write. A part file
-    // left by a backup that never finished is nobody's.
+    // refusable at a fraction of the cost of a sync per write.
     if ((TalvorPathExists(szPart) && pIO->Unlink(szPart) != 0) ||
         !pFile->Open(szPart, O_RDWR | O_CREAT | O_EXCL, FALSE)) {
         TraceBackupOpenFailure(nCode, szPart, errno);
@@ -185,14 +214,22 @@ BOOL CBreltMemStorageModule::PublishBackupFile(char* lpArchiveDesPath, int nPath
     char szPath[BACKUP_PATH_MAX], szPart[BACKUP_PATH_MAX];
     if (TalvorBackupFilePath(lpArchiveDesPath, nPathSize, nTimestamp, szPath) != BACKUPDIR_OK) return FALSE;
     TalvorBackupPartPath(szPath, szPart);
-    // The archiver is told of the backup by its name: the name must stand on
-    // the medium before that, over whole, synced bytes.
-    if (CTalvorFileIO::Current()->Rename(szPart, szPath) != 0 || TalvorSyncParentDirectory(szPath) != 0) {
+    // The archiver is told of the backup by its name, over whole, synced
+    // bytes.
+    if (CTalvorFileIO::Current()->Rename(szPart, szPath) != 0) {
         Trace("PublishBackupFile", 1, 10015004,
               TALVOR_TEXT("备份文件[%s]已完成,但无法命名,错误码:%d", "The finished backup [%s] cannot take its name, error code: %d"),
               szPath, errno);
         return FALSE;
     }
+    // Once renamed, the backup under the name is the new one, whole: it is
+    // no failure, and the archiver's copies are what make it safe now. Only
+    // the name's survival of a power loss is in doubt, which is said.
+    if (TalvorSyncParentDirectory(szPath) != 0)
+        Trace("PublishBackupFile", 2, 10015006,
+              TALVOR_TEXT("备份文件[%s]已命名,但目录同步失败,断电后可能失去该名称,错误码:%d",
+                          "The backup [%s] has its name, but its directory could not be synced: a power loss may take the name, error code: %d"),
+              szPath, errno);
     return TRUE;
 }
 
@@ -342,11 +379,12 @@ BOOL CBreltMemStorageModule::BackupFullCore(LPTALVORCRITICALSECTION lpCritSectio
     // Until the head is written the backup is not whole: an abort that
     // came during the last piece still counts.
     if (TalvorLoadShared(&bAbort)) return FALSE;
-    if (!WriteAt(fd, lpHeadArea, nHeadSize, 0, 10014022)) return FALSE;
     // The head on the medium before the backup is called done.
-    if (CTalvorFileIO::Current()->FSync(fd) != 0) {
+    int nErr = TalvorCommitBackupHead(fd, lpHeadArea, nHeadSize);
+    if (nErr != 0) {
         Trace("BackupFullCore", 1, 10014015,
-              TALVOR_TEXT("同步备份文件头失败,错误码:%d", "Failed to sync the head of the backup file, error code: %d"), errno);
+              TALVOR_TEXT("写入或同步备份文件头失败,错误码:%d", "Failed to write or sync the head of the backup file, error code: %d"),
+              nErr);
         return FALSE;
     }
     return TRUE;

@@ -607,8 +607,9 @@ BOOL CBreltMemStorageModule::BackupIncrementalCore(LPTALVORCRITICALSECTION lpCri
     }
     // The head after the data is on the medium, and on it before the backup
     // is called done.
-    if (!pFile->WriteAt(0, lpHeadArea, nHeadSize) || CTalvorFileIO::Current()->FSync(pFile->Fd()) != 0) {
-        TraceWriteFailure(10019042, nHeadSize, errno);
+    int nErr = TalvorCommitBackupHead(pFile->Fd(), lpHeadArea, nHeadSize);
+    if (nErr != 0) {
+        TraceWriteFailure(10019042, nHeadSize, nErr);
         return FALSE;
     }
     return TRUE;

@@ -231,9 +231,29 @@ TEST_F(IncrementalBackup, ABackupNeverCostsTheBackupWhoseNameItWouldTake)
         EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_FULLBACKUP, nTs));
         ExpectFullKept("a full backup that failed");
     }
-    // One that finishes takes its place.
+    // One that finishes takes its place, and clears the part files that
+    // backups of other timestamps, cut short, left behind; a file of
+    // another kind stays.
+    const std::string strStale = BackupPath(nTs + 1000) + ".part";
+    const std::string strOther = m_strArchive + "Backup/notes.part";
+    ASSERT_TRUE(WriteWholeFile(strStale, std::string(4096, 'x')));
+    ASSERT_TRUE(WriteWholeFile(strOther, "kept"));
     ASSERT_EQ(CLUSTERRESULT_OK, Backup(CLUSTERCMD_FULLBACKUP, nTs));
     EXPECT_FALSE(PathExists(BackupPath(nTs) + ".part"));
+    EXPECT_FALSE(PathExists(strStale));
+    EXPECT_TRUE(PathExists(strOther));
+    // Renamed, but its directory cannot be synced: the backup under the name
+    // is the new one, whole, and is answered so (the archiver copies it).
+    {
+        FaultFileIO io;
+        ScopedFileIO scoped(&io);
+        io.PassThrough(m_db.m_tree.LogDir());
+        io.OnCall(FileOp::Rename, [&](const FileCall&) { io.FailNext(FileOp::SyncDirectory, EIO, FAULT_ALWAYS); });
+        EXPECT_EQ(CLUSTERRESULT_OK, Backup(CLUSTERCMD_FULLBACKUP, nTs));
+    }
+    EXPECT_TRUE(m_db.m_tree.Traced("10015006"));
+    backuptest::Verified vAfter(BackupPath(nTs));
+    EXPECT_EQ(BACKUPVERIFY_WHOLE, vAfter.Status()) << vAfter.Finding();
     backuptest::Verified v(BackupPath(nTs));
     EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
 }
