@@ -331,7 +331,13 @@ void CBreltMemStorageModule::RestoreAgain(LPTALVORCRITICALSECTION lpCritSection,
     // What the failed run wrote may hold pieces of a chain other than this
     // one: it goes first, so that the restore starts from no files as it
     // would after a clear.
-    if (!RemoveChainFiles(stMark.m_lpArchiveDesPath, RESTORE_PATH_SIZE, stMark.m_nTimestamp)) {
+    // The failed run's chain may no longer read (its backup may be the very
+    // cause): then the files the chain asked now names go instead, which
+    // are all it writes. A file only the failed chain made stays, named by
+    // no list the restored database has.
+    if (!RemoveChainFiles(stMark.m_lpArchiveDesPath, RESTORE_PATH_SIZE, stMark.m_nTimestamp) &&
+        (nTimestamp == stMark.m_nTimestamp ||
+         !RemoveChainFiles(stMark.m_lpArchiveDesPath, RESTORE_PATH_SIZE, nTimestamp))) {
         Trace("ClusterCommand", 1, 10012040,
               TALVOR_TEXT("无法删除未完成的恢复(到%lld)写入的文件,拒绝恢复",
                           "The files the restore to %lld that did not finish wrote cannot be removed: the restore is refused"),

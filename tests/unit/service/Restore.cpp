@@ -203,6 +203,11 @@ protected:
     void StopRedo() { SysClearTalvorLog(); }
     // Command 46 to nTimestamp with the module's configuration, so that a
     // rebuild reads the ini as the daemon does.
+    // A restore by command to another level 1 on the full backup fails part
+    // way, with pieces of a file only that level 1 makes on disk; the same
+    // command then asked for m_nLevel1 (the failed run's backup removed
+    // first when bFailedChainGone) restores that point whole.
+    void ExpectRerunToLevel1Whole(std::mt19937& rng, bool bFailedChainGone);
     void RunRestoreCommand(long long nTimestamp)
     {
         snprintf(m_db.Module().m_cConfigPath, sizeof(m_db.Module().m_cConfigPath), "%s",
@@ -766,6 +771,19 @@ TEST_F(Restore, CommandAskedAgainAfterARestoreThatFailedPartWayRestoresWholeAndS
 TEST_F(Restore, CommandAskedAgainForAnotherPointLeavesNothingOfTheFailedRun)
 {
     std::mt19937 rng(37);
+    ExpectRerunToLevel1Whole(rng, false);
+}
+
+// The failed run's own backup may be why it failed, and be gone: the point
+// asked now is still restored whole.
+TEST_F(Restore, CommandAskedAgainAfterTheFailedRunsBackupWentRestoresTheOtherPoint)
+{
+    std::mt19937 rng(37);
+    ExpectRerunToLevel1Whole(rng, true);
+}
+
+void Restore::ExpectRerunToLevel1Whole(std::mt19937& rng, bool bFailedChainGone)
+{
     MakeChain(rng);
     StartRedo();
     WriteChain(m_arChain);
@@ -795,6 +813,7 @@ TEST_F(Restore, CommandAskedAgainForAnotherPointLeavesNothingOfTheFailedRun)
     }
     ASSERT_EQ(nullptr, m_db.Head());
     ASSERT_GE(FileSizeOf(m_strNewFile), 8192 + 512);
+    if (bFailedChainGone) ASSERT_EQ(0, unlink(BackupPath(nOther).c_str()));
     RunRestoreCommand(m_nLevel1);
     StopRedo();
     ASSERT_NE(nullptr, m_db.Head()) << m_db.m_tree.Trace();
