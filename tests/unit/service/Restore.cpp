@@ -813,7 +813,9 @@ void Restore::ExpectRerunToLevel1Whole(std::mt19937& rng, bool bFailedChainGone)
     }
     ASSERT_EQ(nullptr, m_db.Head());
     ASSERT_GE(FileSizeOf(m_strNewFile), 8192 + 512);
-    if (bFailedChainGone) ASSERT_EQ(0, unlink(BackupPath(nOther).c_str()));
+    if (bFailedChainGone) {
+        ASSERT_EQ(0, unlink(BackupPath(nOther).c_str()));
+    }
     RunRestoreCommand(m_nLevel1);
     StopRedo();
     ASSERT_NE(nullptr, m_db.Head()) << m_db.m_tree.Trace();
