@@ -79,6 +79,11 @@ inline bool WriteUsed(const std::string& strPath, const std::vector<BYTE>& v, lo
 
 inline bool WriteMadeDatabase(const MadeFiles& db)
 {
+    // A restore an earlier input ran may have left its mark, which keeps
+    // any start off the files: it is no part of the made database.
+    const std::string strMark = FuzzDir() + FUZZ_SYSTEM_FILE + ".restoring";
+    unlink(strMark.c_str());
+    unlink((strMark + ".new").c_str());
     return WriteUsed(FuzzDir() + FUZZ_SYSTEM_FILE, db.m_vSystem, db.m_nSystemUsed) &&
            WriteUsed(DataFilePath(), db.m_vData, db.m_nDataUsed);
 }

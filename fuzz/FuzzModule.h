@@ -8,18 +8,68 @@
 #include "FuzzFiles.h"
 #include "FuzzQuiet.h"
 #include "ModuleTestKit.h"
+#include "TalvorFileIO.h"
 #include "TalvorFlashback.h"
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
 #include <string>
 
 namespace talvorfuzz {
+
+// The product's file calls, held to the process's own directories: a call
+// that would make, change or remove a file anywhere else is refused
+// (EACCES). An input names paths of its own choosing (an archive
+// destination, the new place of a moved file), and the code under test
+// writes there as it would for an operator; a fuzzer must not write where
+// it was given no room. Reads go anywhere.
+class CConfinedFileIO : public CTalvorFileIO {
+public:
+    int Open(const char* lpPath, int nFlags, mode_t nMode) override
+    {
+        const int WRITES = O_WRONLY | O_RDWR | O_CREAT | O_TRUNC | O_APPEND;
+        if ((nFlags & WRITES) != 0 && !Inside(lpPath)) return Refuse();
+        return CTalvorFileIO::Open(lpPath, nFlags, nMode);
+    }
+    int Rename(const char* lpFrom, const char* lpTo) override
+    {
+        return Inside(lpFrom) && Inside(lpTo) ? CTalvorFileIO::Rename(lpFrom, lpTo) : Refuse();
+    }
+    int Unlink(const char* lpPath) override { return Inside(lpPath) ? CTalvorFileIO::Unlink(lpPath) : Refuse(); }
+    int MkDir(const char* lpPath, mode_t nMode) override
+    {
+        return Inside(lpPath) ? CTalvorFileIO::MkDir(lpPath, nMode) : Refuse();
+    }
+    int Chmod(const char* lpPath, mode_t nMode) override
+    {
+        return Inside(lpPath) ? CTalvorFileIO::Chmod(lpPath, nMode) : Refuse();
+    }
+
+private:
+    // Under one of the process's directories, with no step upwards.
+    static bool Inside(const char* lpPath)
+    {
+        if (lpPath == nullptr || strstr(lpPath, "/..") != nullptr) return false;
+        for (const std::string* pDir : {&FuzzDir(), &RamDir()})
+            if (strncmp(lpPath, pDir->c_str(), pDir->size()) == 0) return true;
+        return false;
+    }
+    static int Refuse()
+    {
+        errno = EACCES;
+        return -1;
+    }
+};
 
 // The ini of the fuzz directory: the database lives there, messages in
 // English, no cache. Once per process.
 inline bool ModuleIni()
 {
     static bool s_bOk = [] {
+        static CConfinedFileIO s_confined;
+        CTalvorFileIO::Install(&s_confined);
         QuietTrace();
         std::string strIni = FuzzDir() + "TalvorConfig.ini";
         std::string strText = "[System]\r\ndatabasepath=" + FuzzDir() +
