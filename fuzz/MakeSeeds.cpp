@@ -23,6 +23,7 @@
 #include "PeerNode.h"
 #include "PeerRollback.h"
 #include "TalvorRedoLog.h"
+#include "TalvorRestoreMark.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -743,6 +744,39 @@ void NodeSeeds()
     seed("join-standby-shipping", RECEIVER_JOIN, strShipping);
 }
 
+// Marks as the restore writes them: a whole one, one without a redo
+// number or identity, one with the longest archive list.
+void RestoreMarkSeeds(const std::string& strWork)
+{
+    const std::string strSystem = strWork + "/System.dbf";
+    std::string strMarkPath = strSystem + ".restoring";
+    TALVORRESTOREMARK stMark;
+    struct Seed {
+        const char* lpName;
+        std::string strArchive;
+        long long nTimestamp;
+        UINT nRedo;
+        USHORT usGuid;
+    } arSeeds[] = {
+        {"whole", "/data/archive/;/backup/second/", 880044, 77, 0x1234},
+        {"unknown-redo", "/data/archive/", 5, 0, 0},
+        {"longest-list", std::string(RESTOREMARK_PATH_SIZE - 1, 'a'), 0x7FFFFFFFFFFFFFFFLL, 0xFFFFFFFFU, 0xFFFF},
+    };
+    for (const Seed& seed : arSeeds) {
+        memset(&stMark, 0, sizeof(stMark));
+        memcpy(stMark.m_lpArchiveDesPath, seed.strArchive.data(), seed.strArchive.size());
+        stMark.m_nTimestamp = seed.nTimestamp;
+        stMark.m_nRedoLogMaxID = seed.nRedo;
+        stMark.m_usDatabaseGuid = seed.usGuid;
+        if (!TalvorSetRestoreMark(strSystem.c_str(), stMark)) {
+            fprintf(stderr, "cannot write the mark %s\n", seed.lpName);
+            exit(1);
+        }
+        WriteSeed("RestoreMark", seed.lpName, ReadFile(strMarkPath));
+    }
+    TalvorClearRestoreMark(strSystem.c_str());
+}
+
 int main(int argc, char** argv)
 {
     if (argc != 3) {
@@ -765,6 +799,7 @@ int main(int argc, char** argv)
     CacheFlushSeeds();
     CacheLoadSeeds();
     BackupSeeds();
+    RestoreMarkSeeds(strWork);
     NodeSeeds();
     return 0;
 }
