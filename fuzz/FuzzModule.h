@@ -86,6 +86,10 @@ inline std::string SystemFilePath() { return FuzzDir() + "System.dbf"; }
 inline void BringUpMadeModule(CBreltMemStorageModule& m, TALVORCRITICALSECTION& stCrit)
 {
     InitThreadCritSection(&stCrit);
+    // As the daemon knows its ini: a rebuild (after a restore an input ran)
+    // reads the configuration again from this path, and an empty one would
+    // leave every later bring-up without its database directory.
+    snprintf(m.m_cConfigPath, sizeof(m.m_cConfigPath), "%sTalvorConfig.ini", FuzzDir().c_str());
     HRESULT hr = m.InitSysEnvironment(&stCrit, TRUE, FALSE);
     if (hr == S_OK) hr = m.LoadFile(&stCrit);
     if (hr != S_OK) abort();
