@@ -26,7 +26,9 @@ namespace {
 const BASEFILEBLOCKMAP* EntryAt(const BYTE* lpImage, long long nImageSize, long long nOffset, long long nReadDelta)
 {
     if (nOffset <= 0) return nullptr;
-    long long nAt = nOffset + nReadDelta;
+    // The offset is read from the image and may be near LLONG_MAX.
+    long long nAt;
+    if (__builtin_add_overflow(nOffset, nReadDelta, &nAt)) return nullptr;
     if (nAt < 0 || nAt > nImageSize - (long long)sizeof(BASEFILEBLOCKMAP)) return nullptr;
     return (const BASEFILEBLOCKMAP*)(lpImage + nAt);
 }

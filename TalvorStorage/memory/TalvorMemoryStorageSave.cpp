@@ -623,11 +623,14 @@ int VisitMapBlocks(const SaveContext& c, LPBASEFILEHEAD lpHead, long long nDelta
     }
     long long nMaxSteps = c.m_nImageSize / nMapSize + 1;
     for (long long nStep = 0; nMap != 0; nStep++) {
-        long long nAt = nMap + nDelta;
-        if (nStep >= nMaxSteps || nMap < 0 || nAt + nMapSize > c.m_nImageSize) {
+        // nMap is read from the image and may be near LLONG_MAX: the bound
+        // is checked by subtraction so that it cannot wrap.
+        if (nStep >= nMaxSteps || nMap < 0 || nDelta < 0 || nDelta > c.m_nImageSize ||
+            nMapSize > c.m_nImageSize - nDelta || nMap > c.m_nImageSize - nDelta - nMapSize) {
             TraceMapBlock(c, nMap, 0);
             return STEP_FAIL;
         }
+        long long nAt = nMap + nDelta;
         LPBASEFILEBLOCKMAPHEAD lpMap = (LPBASEFILEBLOCKMAPHEAD)(c.m_lpImage + nAt);
         if (fnVisit(nMap, lpMap) != STEP_OK) return STEP_FAIL;
         nMap = lpMap->m_nNextBlockMapOffset;

@@ -36,7 +36,8 @@ void RefreshSlaveMaps(LPBYTE lpImage, long long nSize, bool bSystem)
     long long nCopy = bSystem ? 0x40000 : nMapSize;
     for (int nStep = 0; nOffset > 0 && nMapSize > 0 && nStep < 4096; nStep++) {
         long long nDistance = (bSystem && nStep > 0) ? 0x40000 : nMapSize;
-        if (nOffset + nDistance + nCopy > nSize) return;
+        // Checked by subtraction: a next offset near LLONG_MAX would wrap a sum.
+        if (nDistance > nSize || nCopy > nSize - nDistance || nOffset > nSize - nDistance - nCopy) return;
         memcpy(lpImage + nOffset + nDistance, lpImage + nOffset, (size_t)nCopy);
         long long nNext = ((LPBASEFILEBLOCKMAPHEAD)(lpImage + nOffset))->m_nNextBlockMapOffset;
         if (!bSystem && nNext < lpHead->m_nFileHeaderSize) return;

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -410,6 +411,31 @@ TEST(FlashbackMapFromImage, ASystemHeadWithAShortMapSizeLeavesTheMasterAlone)
             EXPECT_TRUE(std::equal(vImage.begin() + MAP_AT + nMapSize, vImage.begin() + MAP_AT + nMapSize + SYSTEM_MAP_COPY,
                                    vBefore.begin() + MAP_AT))
                 << "the slave map was not refreshed";
+        }
+    }
+}
+
+// The next map offset is read from the image: one near the top of the range
+// must end the walk, not wrap the bound and send the copy outside the image.
+TEST(FlashbackMapFromImage, AMapChainPointingPastTheImageEndsTheWalk)
+{
+    CTalvorFlashback fb;
+    std::vector<BYTE> vHeadBuf(1 << 20);
+    for (BYTE bFileNo : {(BYTE)SYSTEMFILE_FILENO, (BYTE)(SYSTEMFILE_FILENO + 1)}) {
+        for (long long nNext : {LLONG_MAX, LLONG_MAX - SYSTEM_MAP_COPY, (long long)(1 << 20) - SYSTEM_MAP_COPY + 1}) {
+            SCOPED_TRACE(testing::Message() << "file " << (int)bFileNo << " next " << nNext);
+            std::vector<BYTE> vImage = ImageWithOneMap(SYSTEM_MAP_COPY);
+            ((LPBASEFILEBLOCKMAPHEAD)&vImage[MAP_AT])->m_nNextBlockMapOffset = nNext;
+            const std::vector<BYTE> vBefore = vImage;
+            stu_FILEINFO info;
+            memset(&info, 0, sizeof(info));
+            info.m_bFileNo = bFileNo;
+            info.m_pFileAddr = vImage.data();
+            info.m_liFileSize = (long long)vImage.size();
+            ASSERT_EQ(0, fb.FlashbackMapData(nullptr, &info, 100, vHeadBuf.data(), (int)vHeadBuf.size()));
+            EXPECT_TRUE(std::equal(vImage.begin() + MAP_AT + 2 * SYSTEM_MAP_COPY, vImage.end(),
+                                   vBefore.begin() + MAP_AT + 2 * SYSTEM_MAP_COPY))
+                << "a map was copied past the first slave";
         }
     }
 }
