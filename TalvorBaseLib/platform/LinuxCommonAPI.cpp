@@ -589,8 +589,9 @@ void CreateDirectory(char* lpFilePath, void*) { CTalvorFileIO::Current()->MkDir(
 
 BOOL DeleteFile(LPCTSTR lpFileName) { return CTalvorFileIO::Current()->Unlink(lpFileName) == 0 ? TRUE : FALSE; }
 
-int MakeDirs(const char* lpszFilePath, size_t nCopySize, BOOL bBackslashToo)
+int MakeDirs(const char* lpszFilePath, size_t nCopySize, BOOL bBackslashToo, int* pnSyncErrno)
 {
+    if (pnSyncErrno != nullptr) *pnSyncErrno = 0;
     if (lpszFilePath == nullptr || lpszFilePath[0] == '\0') return 0;
     if (TalvorPathExists(lpszFilePath)) return 1;
     char szPath[MAX_PATH] = {0};
@@ -612,6 +613,11 @@ int MakeDirs(const char* lpszFilePath, size_t nCopySize, BOOL bBackslashToo)
                     usleep(1000);
                     CreateDirectory(szPath, nullptr);
                 }
+                // A file later synced into a directory whose own name never
+                // reached the medium is lost with it at a power loss.
+                if (TalvorPathExists(szPath) && TalvorSyncParentDirectory(szPath) != 0 && pnSyncErrno != nullptr &&
+                    *pnSyncErrno == 0)
+                    *pnSyncErrno = errno;
             }
         }
         szPath[i] = '/';
@@ -619,7 +625,7 @@ int MakeDirs(const char* lpszFilePath, size_t nCopySize, BOOL bBackslashToo)
     return 1;
 }
 
-int MakeDir(const char* lpszFilePath) { return MakeDirs(lpszFilePath, MAX_PATH, FALSE); }
+int MakeDir(const char* lpszFilePath, int* pnSyncErrno) { return MakeDirs(lpszFilePath, MAX_PATH, FALSE, pnSyncErrno); }
 
 void* get_aligned_buffer(size_t nSize) { return memalign(ALIGNED_BUFFER_ALIGNMENT, nSize); }
 

@@ -153,10 +153,15 @@ UINT GetFileSize(FILE* pFile, LPUINT lpFileSizeHigh);
 void CreateDirectory(char* lpFilePath, void* lpParam);
 // Unlinks a file (not a directory): TRUE when it went.
 BOOL DeleteFile(LPCTSTR lpFileName);
-int MakeDir(const char* lpszFilePath);
+// Makes the directories of a path: those followed by a "/". 1 whatever
+// happened (the file's creation then fails if they did not come), 0 for a
+// null or empty path. Each directory made is synced into its parent; with
+// pnSyncErrno, the errno of the first such sync that failed goes there (0
+// when none did), for callers whose files must outlive a power loss.
+int MakeDir(const char* lpszFilePath, int* pnSyncErrno = nullptr);
 // MakeDir's walk over a copy of nCopySize bytes (at most MAX_PATH); with
 // bBackslashToo a backslash separates directories as well.
-int MakeDirs(const char* lpszFilePath, size_t nCopySize, BOOL bBackslashToo);
+int MakeDirs(const char* lpszFilePath, size_t nCopySize, BOOL bBackslashToo, int* pnSyncErrno = nullptr);
 
 // Barriers for readers and writers of rings shared with the engine.
 inline void TalvorFlushCPU4Read() { __atomic_thread_fence(__ATOMIC_ACQUIRE); }

@@ -67,6 +67,13 @@ int TalvorCommitBackupHead(int fd, const BYTE* lpHeadArea, int nHeadSize)
     return WriteAndSync(fd, lpHeadArea, nHeadSize < BACKUP_HEAD_SECTOR ? nHeadSize : BACKUP_HEAD_SECTOR, 0);
 }
 
+bool TalvorIsBackupName(const char* lpName, const char* lpEnd)
+{
+    const size_t nLen = strlen(lpName), nPrefix = strlen(BACKUP_FILE_PREFIX), nEnd = strlen(lpEnd);
+    return nLen > nPrefix + nEnd && strncmp(lpName, BACKUP_FILE_PREFIX, nPrefix) == 0 &&
+           strcmp(lpName + nLen - nEnd, lpEnd) == 0;
+}
+
 void TalvorBackupPartPath(const char* lpPath, char* lpPart)
 {
     // Directory (228) and name (35) leave the suffix room in BACKUP_PATH_MAX.

@@ -44,6 +44,12 @@ inline constexpr char BACKUP_FILE_PREFIX[] = "TalvorBackup";
 inline constexpr char BACKUP_PART_SUFFIX[] = ".part";
 // How the name of a backup's part file ends.
 inline constexpr char BACKUP_PART_NAME_END[] = ".fbk.part";
+// How the name of a finished backup ends.
+inline constexpr char BACKUP_NAME_END[] = ".fbk";
+// True when the file name lpName (no directory) is BACKUP_FILE_PREFIX,
+// something, then lpEnd (BACKUP_NAME_END or BACKUP_PART_NAME_END). Any
+// thread; pure.
+bool TalvorIsBackupName(const char* lpName, const char* lpEnd);
 // The part name of the backup path lpPath into lpPart (at least
 // BACKUP_PATH_MAX bytes); a path TalvorBackupFilePath made always fits.
 // Any thread; pure.

@@ -81,7 +81,12 @@ BOOL TalvorSetRestoreMark(const char* lpSystemFile, const TALVORRESTOREMARK& stM
     stFile.m_nCheckSum = SumOf(stFile);
     char szNew[sizeof(szMark) + sizeof(RESTORE_MARK_NEW_SUFFIX)];
     snprintf(szNew, sizeof(szNew), "%s%s", szMark, RESTORE_MARK_NEW_SUFFIX);
-    MakeDir(szMark);
+    int nDirErr = 0;
+    MakeDir(szMark, &nDirErr);
+    if (nDirErr != 0) {
+        errno = nDirErr;
+        return FALSE;
+    }
     CTalvorFileIO* pIO = CTalvorFileIO::Current();
     // The mark of a run before stands until the new one is whole on the
     // medium: a write that fails (a full disk) never leaves a torn mark,

@@ -188,6 +188,10 @@ public:
     // bytes): a "/" behind every path, split at ";" into at most 6 (the
     // sixth keeps the rest), empty ones dropped, each "ArchiveLog/" made.
     static int PrepareDestinations(char* lpPaths, char** arDes);
+    // MakeDir of lpPath's directories, each synced into its parent; a failed
+    // sync is traced (30004056): what is archived there may not outlive a
+    // power loss. Archiver thread.
+    static void MakeArchiveDir(const char* lpPath);
     // TRUE when a head read from a group file may go out as log nLogNo: that
     // log's, sealed, and at least its head long. Any thread, no latch.
     static BOOL HeadIsArchivable(const MF_REDOLOGFILEHEAD& stHead, UINT nLogNo);

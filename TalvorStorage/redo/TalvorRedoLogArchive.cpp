@@ -52,6 +52,17 @@ int OpenArchiveTarget(const char* lpPath, int nFlags)
 // Every destination gets a trailing "/", the list is split at ";" (the sixth
 // path keeps whatever stands behind it), empty entries are dropped, and each
 // destination's "ArchiveLog/" is made.
+void CTalvorRedoLog::MakeArchiveDir(const char* lpPath)
+{
+    int nErr = 0;
+    MakeDir(lpPath, &nErr);
+    if (nErr == 0) return;
+    Trace("ArchiveFile", 1, 30004056,
+          TALVOR_TEXT("归档目录[%s]已创建,但无法同步到其上级目录,断电后其中归档的文件可能丢失！错误：(%d)%s",
+                      "The archive directory of [%s] was made but could not be synced into its parent: a power loss may take it with what is archived in it! Error: (%d)%s"),
+          lpPath, nErr, strerror(nErr));
+}
+
 int CTalvorRedoLog::PrepareDestinations(char* lpPaths, char** arDes)
 {
     int nLen = (int)strnlen(lpPaths, DES_BUFFER_SIZE - 1);
@@ -77,7 +88,7 @@ int CTalvorRedoLog::PrepareDestinations(char* lpPaths, char** arDes)
         if (arRaw[i][0] == '\0') continue;
         char szDir[MAX_PATH + 32];
         snprintf(szDir, sizeof(szDir), "%sArchiveLog/", arRaw[i]);
-        MakeDir(szDir);
+        MakeArchiveDir(szDir);
         arDes[nDes++] = arRaw[i];
     }
     return nDes;
@@ -141,7 +152,7 @@ BOOL CTalvorRedoLog::CopyLogTo(const char* lpDes, int nGroup, const MF_REDOLOGFI
                   TALVOR_TEXT("创建新的归档日志文件失败！路径：%s，错误：(%d)%s",
                               "Failed to create new archive log file! Path: %s, error: (%d)%s"),
                   szPath, nErr, strerror(nErr));
-        MakeDir(szTemp);
+        MakeArchiveDir(szTemp);
         fd = OpenArchiveTarget(szTemp, O_RDWR | O_CREAT | O_TRUNC);
     }
     if (fd < 0) {
@@ -330,7 +341,7 @@ void CTalvorRedoLog::CopyBackup(char** arDes, int nDesCount, LPBYTE lpBuffer, vo
     for (int i = 1; i < nDesCount; i++) {
         char szDst[MAX_PATH + 64];
         snprintf(szDst, sizeof(szDst), "%sBackup/TalvorBackup%lld.fbk", arDes[i], nTimestamp);
-        MakeDir(szDst);
+        MakeArchiveDir(szDst);
         if (TalvorPathExists(szDst)) CTalvorFileIO::Current()->Unlink(szDst);
         int fd = OpenArchiveTarget(szDst, O_RDWR | O_CREAT | O_DIRECT | O_SYNC);
         if (fd < 0 || (hFile = Talvor_MakeFileHandle(fd)) == nullptr) {

@@ -81,13 +81,9 @@ void RemoveStaleBackupParts(const char* lpBackupPath)
     CTalvorFileIO* pIO = CTalvorFileIO::Current();
     DIR* pDir = pIO->OpenDir(szDir);
     if (pDir == nullptr) return;
-    const size_t nPrefix = strlen(BACKUP_FILE_PREFIX), nSuffix = strlen(BACKUP_PART_NAME_END);
     BOOL bRemoved = FALSE;
     while (struct dirent* pEntry = readdir(pDir)) {
-        size_t nLen = strlen(pEntry->d_name);
-        if (nLen <= nPrefix + nSuffix || strncmp(pEntry->d_name, BACKUP_FILE_PREFIX, nPrefix) != 0 ||
-            strcmp(pEntry->d_name + nLen - nSuffix, BACKUP_PART_NAME_END) != 0)
-            continue;
+        if (!TalvorIsBackupName(pEntry->d_name, BACKUP_PART_NAME_END)) continue;
         char szPart[BACKUP_PATH_MAX];
         if (snprintf(szPart, sizeof(szPart), "%s%s", szDir, pEntry->d_name) >= (int)sizeof(szPart)) continue;
         if (pIO->Unlink(szPart) == 0) bRemoved = TRUE;
@@ -183,15 +179,24 @@ void* CBreltMemStorageModule::OpenBackupFullFile(char* lpArchiveDesPath, int nPa
         }
         return pFile;
     }
-    MakeDir(szPath);
+    // The backup's name is synced into its directory once whole; the
+    // directory's own name must be on the medium as well.
+    int nDirErr = 0;
+    MakeDir(szPath, &nDirErr);
+    if (nDirErr != 0) {
+        TraceBackupOpenFailure(nCode, szPath, nDirErr);
+        delete pFile;
+        return nullptr;
+    }
     RemoveStaleBackupParts(szPath);
     char szPart[BACKUP_PATH_MAX];
     TalvorBackupPartPath(szPath, szPart);
     // Written without O_SYNC: the data is synced once before the head, and
     // the head once after, which keeps the order that makes a cut backup
     // refusable at a fraction of the cost of a sync per write.
-    if ((TalvorPathExists(szPart) && pIO->Unlink(szPart) != 0) ||
-        !pFile->Open(szPart, O_RDWR | O_CREAT | O_EXCL, FALSE)) {
+    // Every part file was removed just above: one still there is not ours
+    // to take, and O_EXCL refuses it.
+    if (!pFile->Open(szPart, O_RDWR | O_CREAT | O_EXCL, FALSE)) {
         TraceBackupOpenFailure(nCode, szPart, errno);
         delete pFile;
         return nullptr;

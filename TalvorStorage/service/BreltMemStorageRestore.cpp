@@ -80,13 +80,16 @@ BOOL LoadCheckedHead(CTalvorDirectFile* pBackup, long long nTimestamp, LPBYTE& l
 // Creates the file of a record anew (an older one removed first).
 BOOL CreateTarget(CTalvorDirectFile& target, const char* lpszPath)
 {
-    MakeDir(lpszPath);
+    // A directory whose name could not be synced would lose the file with
+    // it at a power loss after the restore counts as done.
+    int nDirErr = 0;
+    MakeDir(lpszPath, &nDirErr);
     CTalvorFileIO* pIO = CTalvorFileIO::Current();
-    if ((TalvorPathExists(lpszPath) && pIO->Unlink(lpszPath) != 0) ||
+    if (nDirErr != 0 || (TalvorPathExists(lpszPath) && pIO->Unlink(lpszPath) != 0) ||
         !target.Open(lpszPath, O_RDWR | O_CREAT | O_EXCL, FALSE)) {
         Trace("Recover", 1, 10016001,
               TALVOR_TEXT("打开数据库文件[%s]失败,错误码:%d!", "Failed to open database file [%s], error code: %d!"), lpszPath,
-              errno);
+              nDirErr != 0 ? nDirErr : errno);
         return FALSE;
     }
     pIO->FChmod(target.Fd(), 0666);
@@ -171,7 +174,12 @@ BOOL FinishTarget(CTalvorDirectFile& target, const char* lpszPath, LONG nCode)
         return FALSE;
     }
     target.Close();
-    TalvorSyncParentDirectory(lpszPath);
+    if (TalvorSyncParentDirectory(lpszPath) != 0) {
+        Trace("Recover", 1, nCode,
+              TALVOR_TEXT("同步数据库文件[%s]失败,错误码:%d!", "Failed to sync database file [%s], error code: %d!"),
+              lpszPath, errno);
+        return FALSE;
+    }
     return TRUE;
 }
 
@@ -478,12 +486,13 @@ BOOL CBreltMemStorageModule::RecoverIncrementCore(LPTALVORCRITICALSECTION, LPTAL
         if (r.m_nDataStartOffset == 0) continue;
         CTalvorDirectFile* pDest = new (std::nothrow) CTalvorDirectFile();
         hDestFile = pDest;
-        MakeDir(r.m_lpszFilePath);
+        int nDirErr = 0;
+        MakeDir(r.m_lpszFilePath, &nDirErr);
         const BOOL bExisted = TalvorPathExists(r.m_lpszFilePath);
-        if (pDest == nullptr || !pDest->Open(r.m_lpszFilePath, O_RDWR | O_CREAT, FALSE)) {
+        if (pDest == nullptr || nDirErr != 0 || !pDest->Open(r.m_lpszFilePath, O_RDWR | O_CREAT, FALSE)) {
             Trace("RecoverIncrementCore", 1, 10022006,
                   TALVOR_TEXT("打开文件[%s]失败,错误码:%d!", "Failed to open file [%s], error code: %d!"), r.m_lpszFilePath,
-                  pDest == nullptr ? ENOMEM : errno);
+                  pDest == nullptr ? ENOMEM : nDirErr != 0 ? nDirErr : errno);
             return FALSE;
         }
         CTalvorFileIO::Current()->FChmod(pDest->Fd(), 0666);

@@ -12,6 +12,8 @@
 // descriptor held on it since.
 #include "FaultFileIO.h"
 
+#include "TempTree.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cerrno>
@@ -351,7 +353,9 @@ void FaultFileIO::UndoNameLocked(const Change& c)
         if (!KeyOfPath(c.m_strPath, &key, false)) RecreateFrom(c.m_fdHeld, c.m_strPath);
         break;
     case CHANGE_MKDIR:
-        rmdir(c.m_strPath.c_str());
+        // A directory whose name never reached the medium takes everything
+        // in it along, synced or not.
+        RemoveTree(c.m_strPath);
         break;
     default:
         break;

@@ -11,7 +11,7 @@
 //  * lose power: every write and truncation not yet covered by an fsync of
 //    its file is undone (all of them, or any chosen subset kept), and every
 //    create, rename, unlink and mkdir not followed by a sync of its
-//    directory may be undone as well.
+//    directory may be undone as well (an undone mkdir takes all in it).
 // It counts every call and byte, logs every write, and lets a test act
 // before and after each call of a kind (OnCall, AfterCall). Calls on paths
 // under a pass-through prefix (a trace directory, say) are neither counted

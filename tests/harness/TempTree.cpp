@@ -25,6 +25,11 @@ int RemoveEntry(const char* lpPath, const struct stat*, int, struct FTW*)
 
 } // namespace
 
+void RemoveTree(const std::string& strPath)
+{
+    nftw(strPath.c_str(), RemoveEntry, NFTW_OPEN_DIRS, FTW_DEPTH | FTW_PHYS);
+}
+
 TempTree::TempTree(const char* lpTag)
 {
     std::string strTemplate = std::string(TREE_PREFIX) + lpTag + "-XXXXXX";
@@ -37,7 +42,7 @@ TempTree::~TempTree()
     // Only what we made: a tree under /tmp/talvor-, never a link's target.
     if (m_strRoot.compare(0, strlen(TREE_PREFIX), TREE_PREFIX) != 0) return;
     if (getenv("TALVOR_KEEP_SANDBOX") != nullptr) return;
-    nftw(m_strRoot.c_str(), RemoveEntry, NFTW_OPEN_DIRS, FTW_DEPTH | FTW_PHYS);
+    RemoveTree(m_strRoot);
 }
 
 std::string TempTree::File(const std::string& strName, const std::string& strText) const

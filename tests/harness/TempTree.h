@@ -7,6 +7,10 @@
 
 namespace talvortest {
 
+// Removes strPath with everything under it, going on past what cannot be
+// removed; links are removed, never followed.
+void RemoveTree(const std::string& strPath);
+
 class TempTree {
 public:
     // /tmp/talvor-<lpTag>-XXXXXX

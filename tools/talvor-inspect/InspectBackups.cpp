@@ -17,20 +17,6 @@
 
 namespace talvorinspect {
 
-namespace {
-
-const char BACKUP_PREFIX[] = "TalvorBackup";
-const char BACKUP_SUFFIX[] = ".fbk";
-
-bool IsBackupName(const char* lpName)
-{
-    size_t n = strlen(lpName);
-    return strncmp(lpName, BACKUP_PREFIX, sizeof(BACKUP_PREFIX) - 1) == 0 && n > sizeof(BACKUP_SUFFIX) - 1 &&
-           strcmp(lpName + n - (sizeof(BACKUP_SUFFIX) - 1), BACKUP_SUFFIX) == 0;
-}
-
-} // namespace
-
 std::vector<InspectedBackup> FindBackups(const char* lpArchiveDesPath, int nSize, bool bVerify)
 {
     std::vector<InspectedBackup> v;
@@ -39,7 +25,7 @@ std::vector<InspectedBackup> FindBackups(const char* lpArchiveDesPath, int nSize
     DIR* pDir = CTalvorFileIO::Current()->OpenDir(szDir);
     if (pDir == nullptr) return v;
     while (struct dirent* p = readdir(pDir)) {
-        if (!IsBackupName(p->d_name)) continue;
+        if (!TalvorIsBackupName(p->d_name, BACKUP_NAME_END)) continue;
         InspectedBackup b;
         b.m_strPath = std::string(szDir) + p->d_name;
         v.push_back(b);

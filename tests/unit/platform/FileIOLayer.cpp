@@ -260,6 +260,31 @@ TEST_F(MakeDirTest, MakesEveryDirectoryFollowedBySlash)
     EXPECT_EQ(MakeDir(""), 0);
 }
 
+// A file synced into a directory MakeDir made must outlive a power loss: the
+// directory's own name is synced into its parent, and a failure of that sync
+// is told to the caller who asks.
+TEST_F(MakeDirTest, MadeDirectoriesOutliveAPowerLossAndAFailedSyncIsTold)
+{
+    FaultFileIO io;
+    ScopedFileIO scoped(&io);
+    const std::string strFile = m_strRoot + "/p/q/f";
+    int nErr = -1;
+    EXPECT_EQ(MakeDir(strFile.c_str(), &nErr), 1);
+    EXPECT_EQ(0, nErr);
+    int fd = io.Open(strFile.c_str(), O_RDWR | O_CREAT, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(0, io.FSync(fd));
+    io.Close(fd);
+    ASSERT_EQ(0, TalvorSyncParentDirectory(strFile.c_str()));
+    io.LosePower();
+    EXPECT_TRUE(Exists(strFile)) << "the file went with a directory whose name was never synced";
+
+    io.FailNext(FileOp::SyncDirectory, EIO);
+    EXPECT_EQ(MakeDir((m_strRoot + "/r/s/").c_str(), &nErr), 1);
+    EXPECT_EQ(EIO, nErr);
+    EXPECT_TRUE(IsDir(m_strRoot + "/r/s"));
+}
+
 // The memory backend's paths may carry a backslash as a separator; the
 // directory is made with a "/" in its place.
 TEST_F(MakeDirTest, BackslashSeparatesOnlyWhenAsked)
