@@ -87,8 +87,7 @@ protected:
         ASSERT_TRUE(m_tree.Ok());
         m_path = m_tree.Path("TalvorConfig.ini");
         ASSERT_NE(ConfigHelper::s_pInstance.get(), nullptr);
-        memset(&m_crit, 0, sizeof(m_crit));
-        m_crit.m_nThreadID = (int)GetCurrentThreadId();
+        InitThreadCritSection(&m_crit);
     }
     void TearDown() override
     {
@@ -165,8 +164,7 @@ TEST_P(IniLockTest, WaitsForTheEnginesRewriteAndKeepsItsKey)
         case OP_PROFILE_READ: nResult = GetPrivateProfileInt("S", "e", -1, m_path.c_str()); break;
         case OP_TREE_SET: {
             TALVORCRITICALSECTION crit;
-            memset(&crit, 0, sizeof(crit));
-            crit.m_nThreadID = (int)GetCurrentThreadId();
+            InitThreadCritSection(&crit);
             nResult = TalvorConfigSetValueString("S", "d", "2", &crit) ? 1 : 0;
             break;
         }
@@ -538,8 +536,7 @@ void RunRace(const std::string& path, int nSets, RaceResult& r)
     if (pid == 0) RunEngine(path, pBoard);
 
     TALVORCRITICALSECTION crit;
-    memset(&crit, 0, sizeof(crit));
-    crit.m_nThreadID = (int)GetCurrentThreadId();
+    InitThreadCritSection(&crit);
     int nStatus = 0;
     bool bReaped = false;
     int nSeen = 0;

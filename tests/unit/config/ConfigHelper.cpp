@@ -412,8 +412,7 @@ protected:
         ASSERT_NE(m_engine.m_pList, nullptr) << "update segment not found by its key";
         ASSERT_NE(m_engine.m_pSem, nullptr) << "semaphore CONFIGHELPER missing";
         ASSERT_NE((void*)m_engine.m_pList, (void*)ConfigHelper::s_pInstance->sharedList());
-        memset(&m_crit, 0, sizeof(m_crit));
-        m_crit.m_nThreadID = (int)GetCurrentThreadId();
+        InitThreadCritSection(&m_crit);
     }
     void ExpectLatchFree()
     {
@@ -570,8 +569,7 @@ TEST_F(ConfigSharedTest, ConcurrentThreadSafeSetsLoseNothing)
     for (int t = 0; t < kThreads; t++) {
         threads.emplace_back([t] {
             TALVORCRITICALSECTION crit;
-            memset(&crit, 0, sizeof(crit));
-            crit.m_nThreadID = (int)GetCurrentThreadId();
+            InitThreadCritSection(&crit);
             for (int i = 0; i < kEach; i++) {
                 std::string key = "t" + std::to_string(t) + "k" + std::to_string(i);
                 TalvorConfigSetValueString("S", key.c_str(), std::to_string(i).c_str(), &crit);
