@@ -1,12 +1,7 @@
-// Configuration beside a live engine: the advisory lock on the ini that both
-// processes take, the bounded re-read of a file caught mid-rewrite by a
-// writer without the lock, the watch over an engine that died holding the
-// "CONFIGHELPER" semaphore, and one rule for section heads in every reader.
-//
-// The engine is played by plain system calls (and, in the race, by a second
-// process), doing what README asks of it: open without truncating, lock,
-// make sure the path still names the locked file, then read or rewrite in
-// place.
+// Configuration beside a live engine: the lock on the ini both processes
+// take, the bounded re-read of a file caught mid-rewrite, an engine dead
+// holding "CONFIGHELPER", and one rule for section heads in every reader.
+// The engine is plain system calls (in the race, a second process).
 #include "ConfigHelper.h"
 #include "FaultFileIO.h"
 #include "MemDBCommonDef.h"

@@ -1,12 +1,7 @@
-// Configuration: the ini file as a tree (parsing rules, defaults, duplicate
-// keys, section limits), the one-line splice that rewrites the file byte for
-// byte, the crash-safe replacement of the file, the update list shared with
-// the engine, and the file-direct GetPrivateProfile* / WritePrivateProfile*.
-//
-// The singleton is built before main and attaches the fixed segment, so these
-// tests run in a private IPC namespace (tests/isolate.sh). The engine's side
-// of the list is played by attaching the segment by its key, under the named
-// semaphore, exactly as the engine does.
+// Configuration: the ini as a tree, the splice that rewrites it, its
+// crash-safe replacement, the update list shared with the engine (played by
+// attaching the segment by its key, under the named semaphore), and the
+// file-direct GetPrivateProfile* / WritePrivateProfile*.
 #include "ConfigHelper.h"
 #include "FaultFileIO.h"
 #include "MemDBCommonDef.h"

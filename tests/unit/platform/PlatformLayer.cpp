@@ -1,9 +1,6 @@
 // Platform floor: latches and their per-thread record, guards, waits, events,
-// thread liveness, SysV segments, directory making and the time shims.
-//
-// Every test that could hang on a fault (a lost wake-up, a latch left taken)
-// waits against a deadline and fails instead; where a worker may be stuck in
-// sem_wait the test posts the latch's semaphore to free it before joining.
+// thread liveness, SysV segments and the time shims. A test that could hang
+// on a fault waits against a deadline, and posts a stuck worker free.
 #include "LinuxCommonAPI.h"
 #include "ShareMemory.h"
 #include "TestClock.h"

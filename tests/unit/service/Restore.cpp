@@ -224,13 +224,12 @@ protected:
     // Stopped before the trace is read: reading it starts the log system
     // afresh, which a live redo writer does not survive.
     void StopRedo() { SysClearTalvorLog(); }
-    // Command 46 to nTimestamp with the module's configuration, so that a
-    // rebuild reads the ini as the daemon does.
-    // A restore by command to another level 1 on the full backup fails part
-    // way, with pieces of a file only that level 1 makes on disk; the same
-    // command then asked for m_nLevel1 (the failed run's backup removed
-    // first when bFailedChainGone) restores that point whole.
+    // A restore to another level 1 fails part way, with pieces of a file only
+    // it makes on disk; the command asked for m_nLevel1 (the failed run's
+    // backup gone first when bFailedChainGone) restores that point whole.
     void ExpectRerunToLevel1Whole(std::mt19937& rng, bool bFailedChainGone);
+    // Command 46 with the module's configuration, so that a rebuild reads
+    // the ini as the daemon does.
     void RunRestoreCommand(long long nTimestamp)
     {
         snprintf(m_db.Module().m_cConfigPath, sizeof(m_db.Module().m_cConfigPath), "%s",
