@@ -459,18 +459,19 @@ TEST(SemaphoreWait, TryWaitTimedWaitAndWake)
 
 TEST(TimeArithmetic, TimeraddMSCarriesIntoSeconds)
 {
-    struct timeval tv = {100, 999000};
-    TimeraddMS(&tv, 1);
-    EXPECT_EQ(tv.tv_sec, 101);
-    EXPECT_EQ(tv.tv_usec, 0);
-    tv = {100, 999999};
-    TimeraddMS(&tv, 2500);
-    EXPECT_EQ(tv.tv_sec, 103);
-    EXPECT_EQ(tv.tv_usec, 499999);
-    tv = {5, 0};
-    TimeraddMS(&tv, 4294967);
-    EXPECT_EQ(tv.tv_sec, 5 + 4294);
-    EXPECT_EQ(tv.tv_usec, 967000);
+    const struct {
+        struct timeval m_tvFrom;
+        UINT m_nMs;
+        struct timeval m_tvTo;
+    } arCases[] = {{{100, 999000}, 1, {101, 0}},
+                   {{100, 999999}, 2500, {103, 499999}},
+                   {{5, 0}, 4294967, {5 + 4294, 967000}}};
+    for (const auto& c : arCases) {
+        struct timeval tv = c.m_tvFrom;
+        TimeraddMS(&tv, c.m_nMs);
+        EXPECT_EQ(tv.tv_sec, c.m_tvTo.tv_sec) << c.m_nMs;
+        EXPECT_EQ(tv.tv_usec, c.m_tvTo.tv_usec) << c.m_nMs;
+    }
 }
 
 // --- Thread liveness ----------------------------------------------------
@@ -695,7 +696,7 @@ protected:
     }
 };
 
-TEST_F(SharedMemoryTest, CreateTwiceFindsTheSameSegment)
+TEST_F(SharedMemoryTest, ASegmentIsFoundAgainByItsKeyOutlivesItsIdAndIsRemoved)
 {
     BOOL bExists = 7;
     MFID nId = CShareMemory::CreateShareMemory(kKey, 8192, "Global\\Test", bExists);
@@ -704,41 +705,25 @@ TEST_F(SharedMemoryTest, CreateTwiceFindsTheSameSegment)
     EXPECT_EQ(bExists, FALSE);
     EXPECT_TRUE(CShareMemory::ShareMemoryExsist(nId));
     EXPECT_TRUE(CShareMemory::GetShareMemorySuccess(nId));
-
-    BOOL bExists2 = 7;
-    EXPECT_EQ(CShareMemory::CreateShareMemory(kKey, 8192, "Global\\Test", bExists2), nId);
-    EXPECT_EQ(bExists2, TRUE);
-    bExists2 = 7;
-    EXPECT_EQ(CShareMemory::CreateShareMemory(kKey, 4096, nullptr, bExists2), nId);
-    EXPECT_EQ(bExists2, TRUE);
-
+    for (size_t nSize : {8192, 4096}) {
+        bExists = 7;
+        EXPECT_EQ(CShareMemory::CreateShareMemory(kKey, nSize, nullptr, bExists), nId) << nSize;
+        EXPECT_EQ(bExists, TRUE) << nSize;
+    }
     errno = 0;
-    BOOL bExists3 = 7;
-    EXPECT_EQ(CShareMemory::CreateShareMemory(kKey, 16384, nullptr, bExists3), 0);
+    EXPECT_EQ(CShareMemory::CreateShareMemory(kKey, 16384, nullptr, bExists), 0);
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(CShareMemory::ShareMemorySize(nId), 8192u);
     EXPECT_EQ(CShareMemory::OpenShareMemory(kKey, nullptr), nId);
-}
 
-TEST_F(SharedMemoryTest, AttachDetachAndSurviveClose)
-{
-    BOOL bExists = 0;
-    MFID nId = CShareMemory::CreateShareMemory(kKey, 4096, nullptr, bExists);
-    ASSERT_GT(nId, 0);
     LPBYTE p1 = (LPBYTE)CShareMemory::ShMemAttach(nId, nullptr, 0);
-    LPBYTE p2 = (LPBYTE)CShareMemory::ShMemAttach(nId, nullptr, 0);
     ASSERT_NE(p1, nullptr);
-    ASSERT_NE(p2, nullptr);
-    EXPECT_EQ(p1[4095], 0) << "a new segment is zero-filled";
     memcpy(p1 + 100, "QNSM", 4);
-    EXPECT_EQ(memcmp(p2 + 100, "QNSM", 4), 0);
     EXPECT_TRUE(CShareMemory::ShMemDetach(p1));
     EXPECT_EQ(p1, nullptr);
-    EXPECT_TRUE(CShareMemory::ShMemDetach(p2));
     LPBYTE pBad = nullptr;
     EXPECT_FALSE(CShareMemory::ShMemDetach(pBad));
     EXPECT_EQ(CShareMemory::ShMemAttach(nId + 1000000, nullptr, 0), nullptr);
-
     MFID nCopy = nId;
     EXPECT_TRUE(CShareMemory::CloseShareMemory(nCopy));
     EXPECT_EQ(nCopy, 0);
@@ -749,26 +734,17 @@ TEST_F(SharedMemoryTest, AttachDetachAndSurviveClose)
     ASSERT_NE(p3, nullptr);
     EXPECT_EQ(memcmp(p3 + 100, "QNSM", 4), 0);
     CShareMemory::ShMemDetach(p3);
-}
 
-TEST_F(SharedMemoryTest, DestroyRemovesAndZeroesTheId)
-{
-    BOOL bExists = 0;
-    MFID nId = CShareMemory::CreateShareMemory(kKey, 4096, nullptr, bExists);
-    ASSERT_GT(nId, 0);
     EXPECT_TRUE(CShareMemory::DestoryShareMemory(nId));
     EXPECT_EQ(nId, 0);
     EXPECT_EQ(CShareMemory::OpenShareMemory(kKey, nullptr), -1);
     EXPECT_FALSE(CShareMemory::ShareMemoryExsist(nId));
-
     MFID nBad = 0x7FFF0000;
     EXPECT_FALSE(CShareMemory::DestoryShareMemory(nBad));
     EXPECT_EQ(nBad, 0);
-
     // After removal the key is free again: a new segment, to be initialised.
     bExists = 7;
-    MFID nNew = CShareMemory::CreateShareMemory(kKey, 4096, nullptr, bExists);
-    EXPECT_GT(nNew, 0);
+    EXPECT_GT(CShareMemory::CreateShareMemory(kKey, 4096, nullptr, bExists), 0);
     EXPECT_EQ(bExists, FALSE);
 }
 
