@@ -81,6 +81,7 @@ TEST_F(TraceLog, LongFunctionNameCutsTheTitleNotTheText)
     EXPECT_EQ('f', strBody[126]);
 }
 
+// Also the line traced after a teardown: it makes the manager anew.
 TEST_F(TraceLog, LineBeforeInitKeepsTheTimeOfItsCall)
 {
     ExitLogSystem();
@@ -226,18 +227,6 @@ TEST_F(TraceLog, UnwritableLogDirectoryIsToldOnceAndTracingGoesOn)
     std::vector<TraceLine> lines = DaemonLines();
     EXPECT_TRUE(HasText(lines, 20010012, "200 trace lines were lost")) << SeriesBody("TalvorStorage");
     EXPECT_TRUE(HasText(lines, 1, "back again"));
-}
-
-TEST_F(TraceLog, TracingAfterTeardownMakesANewLogManager)
-{
-    ExitLogSystem();
-    Trace0("Late", 3, 5, "after the end");
-    CLogManager* pLog = CLogManager::GetInstancePtr();
-    ASSERT_NE(nullptr, pLog);
-    EXPECT_GT(pLog->GetQueuedBytes(), 0);
-    ASSERT_TRUE(pLog->Init());
-    std::vector<TraceLine> lines = DaemonLines();
-    EXPECT_TRUE(HasText(lines, 5, "after the end"));
 }
 
 // Teardown while other threads trace: no line may touch a freed manager,
