@@ -104,8 +104,17 @@ protected:
         return false;
     }
 
+    // A system head of which the log manager reads only the file size.
+    void UseFileMaxSize(int nBytes)
+    {
+        m_vHead.assign(sizeof(SYSTEMFILEHEAD), 0);
+        ((LPSYSTEMFILEHEAD)m_vHead.data())->m_nWriteTraceMaxSize = nBytes;
+        CLogManager::instance().m_pMemoryFileHead = (LPSYSTEMFILEHEAD)m_vHead.data();
+    }
+
     DatabaseDir m_dir;
     std::string m_strRoot;
+    std::vector<BYTE> m_vHead;
 };
 
 } // namespace talvortest

@@ -1,12 +1,7 @@
-// Configuration beside a live engine: the advisory lock on the ini that both
-// processes take, the bounded re-read of a file caught mid-rewrite by a
-// writer without the lock, the watch over an engine that died holding the
-// "CONFIGHELPER" semaphore, and one rule for section heads in every reader.
-//
-// The engine is played by plain system calls (and, in the race, by a second
-// process), doing what README asks of it: open without truncating, lock,
-// make sure the path still names the locked file, then read or rewrite in
-// place.
+// Configuration beside a live engine: the lock on the ini both processes
+// take, the bounded re-read of a file caught mid-rewrite, an engine dead
+// holding "CONFIGHELPER", and one rule for section heads in every reader.
+// The engine is plain system calls (in the race, a second process).
 #include "ConfigHelper.h"
 #include "FaultFileIO.h"
 #include "MemDBCommonDef.h"
@@ -87,8 +82,7 @@ protected:
         ASSERT_TRUE(m_tree.Ok());
         m_path = m_tree.Path("TalvorConfig.ini");
         ASSERT_NE(ConfigHelper::s_pInstance.get(), nullptr);
-        memset(&m_crit, 0, sizeof(m_crit));
-        m_crit.m_nThreadID = (int)GetCurrentThreadId();
+        InitThreadCritSection(&m_crit);
     }
     void TearDown() override
     {
@@ -165,8 +159,7 @@ TEST_P(IniLockTest, WaitsForTheEnginesRewriteAndKeepsItsKey)
         case OP_PROFILE_READ: nResult = GetPrivateProfileInt("S", "e", -1, m_path.c_str()); break;
         case OP_TREE_SET: {
             TALVORCRITICALSECTION crit;
-            memset(&crit, 0, sizeof(crit));
-            crit.m_nThreadID = (int)GetCurrentThreadId();
+            InitThreadCritSection(&crit);
             nResult = TalvorConfigSetValueString("S", "d", "2", &crit) ? 1 : 0;
             break;
         }
@@ -538,8 +531,7 @@ void RunRace(const std::string& path, int nSets, RaceResult& r)
     if (pid == 0) RunEngine(path, pBoard);
 
     TALVORCRITICALSECTION crit;
-    memset(&crit, 0, sizeof(crit));
-    crit.m_nThreadID = (int)GetCurrentThreadId();
+    InitThreadCritSection(&crit);
     int nStatus = 0;
     bool bReaped = false;
     int nSeen = 0;

@@ -1,12 +1,7 @@
-// Configuration: the ini file as a tree (parsing rules, defaults, duplicate
-// keys, section limits), the one-line splice that rewrites the file byte for
-// byte, the crash-safe replacement of the file, the update list shared with
-// the engine, and the file-direct GetPrivateProfile* / WritePrivateProfile*.
-//
-// The singleton is built before main and attaches the fixed segment, so these
-// tests run in a private IPC namespace (tests/isolate.sh). The engine's side
-// of the list is played by attaching the segment by its key, under the named
-// semaphore, exactly as the engine does.
+// Configuration: the ini as a tree, the splice that rewrites it, its
+// crash-safe replacement, the update list shared with the engine (played by
+// attaching the segment by its key, under the named semaphore), and the
+// file-direct GetPrivateProfile* / WritePrivateProfile*.
 #include "ConfigHelper.h"
 #include "FaultFileIO.h"
 #include "MemDBCommonDef.h"
@@ -412,8 +407,7 @@ protected:
         ASSERT_NE(m_engine.m_pList, nullptr) << "update segment not found by its key";
         ASSERT_NE(m_engine.m_pSem, nullptr) << "semaphore CONFIGHELPER missing";
         ASSERT_NE((void*)m_engine.m_pList, (void*)ConfigHelper::s_pInstance->sharedList());
-        memset(&m_crit, 0, sizeof(m_crit));
-        m_crit.m_nThreadID = (int)GetCurrentThreadId();
+        InitThreadCritSection(&m_crit);
     }
     void ExpectLatchFree()
     {
@@ -570,8 +564,7 @@ TEST_F(ConfigSharedTest, ConcurrentThreadSafeSetsLoseNothing)
     for (int t = 0; t < kThreads; t++) {
         threads.emplace_back([t] {
             TALVORCRITICALSECTION crit;
-            memset(&crit, 0, sizeof(crit));
-            crit.m_nThreadID = (int)GetCurrentThreadId();
+            InitThreadCritSection(&crit);
             for (int i = 0; i < kEach; i++) {
                 std::string key = "t" + std::to_string(t) + "k" + std::to_string(i);
                 TalvorConfigSetValueString("S", key.c_str(), std::to_string(i).c_str(), &crit);

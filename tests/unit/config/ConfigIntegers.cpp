@@ -1,7 +1,5 @@
-// Configuration integers: the tree (TalvorConfigGetValueInt) and the
-// file-direct reader (GetPrivateProfileInt) read a value as the decimal
-// parser reads SQL text, and agree with each other and with Python's decimal
-// module wherever they read the same text.
+// Configuration integers: the tree and the file-direct reader read a value as
+// the decimal parser reads SQL text, and agree with Python's decimal module.
 #include "ConfigHelper.h"
 #include "PythonReference.h"
 #include "TalvorDecimal.h"

@@ -64,6 +64,14 @@ protected:
                              nullptr);
     }
 
+    // A ring of nDataSize, the redo object on it and its writer started.
+    void StartRedo(int nDataSize)
+    {
+        MakeRing(nDataSize);
+        ASSERT_TRUE(InitRedo());
+        m_pRedo->StartWriter(m_st);
+    }
+
     LPFILE_TRACEMEMFILEHEAD Ring() { return (LPFILE_TRACEMEMFILEHEAD)m_pRing; }
 
     // One record of the engine: head, body, trailer for the types that have one.

@@ -1,10 +1,7 @@
-// Unit: the writer killed (SIGKILL) before and after every write it makes
-// to a group file, and a new writer started on what the kill left: the ring
-// and the system head in shared memory, the group files on disk. Whatever
-// the moment, the logs joined in number order must be the engine's stream,
-// byte for byte, numbered with no gap: no record lost (a record cut in two
-// pieces included), none twice (a stale record of a group's previous log
-// included).
+// Unit: the writer killed before and after every write to a group file, a
+// new one started on what the kill left (ring and head in shared memory, the
+// group files): the logs joined in number order must be the engine's stream,
+// byte for byte, with no gap, no record lost and none twice.
 #include "FaultFileIO.h"
 #include "RedoLogFixture.h"
 

@@ -1,9 +1,7 @@
-// Unit: power loss and failing calls while a group is sealed and while
-// sealed groups are archived. The fault layer cuts the power before each
-// call that changes the disk, dropping the unsynced changes (all of them, or
-// any subset); the tree as the cut leaves it is copied aside, and a new start
-// on the copy must succeed, every log the ring called archived must be whole
-// in the archive, and every sealed log must be whole in its group.
+// Unit: power loss (before each call that changes the disk, any subset of
+// the unsynced changes kept) and failing calls during a seal and an archive:
+// a start on what is left succeeds, and every log called archived or sealed
+// is whole.
 #include "FaultFileIO.h"
 #include "RedoLogFixture.h"
 #include "TraceCapture.h"

@@ -67,9 +67,7 @@ TEST_F(RedoFixture, ReaderNeverSeesThePreviousLogsSizeWhileAGroupOpens)
 // not turn that request into a mere publish.
 TEST_F(RedoFixture, ReadersSizeRequestLeavesTheEnginesSealRequest)
 {
-    MakeRing(8192);
-    ASSERT_TRUE(InitRedo());
-    m_pRedo->StartWriter(m_st);
+    ASSERT_NO_FATAL_FAILURE(StartRedo(8192));
     Produce(Record(700, 1, 1));
     Pass();
     ASSERT_EQ(REDOGROUP_WRITING, m_pRedo->GetGroup(0)->m_bState);
@@ -92,9 +90,7 @@ TEST_F(RedoFixture, ReadersSizeRequestLeavesTheEnginesSealRequest)
 
 TEST_F(RedoFixture, LogOfOneStretchEndsAtItsLargestTimestamp)
 {
-    MakeRing(8192);
-    ASSERT_TRUE(InitRedo());
-    m_pRedo->StartWriter(m_st);
+    ASSERT_NO_FATAL_FAILURE(StartRedo(8192));
     Produce(Record(100, 1, 5));
     Produce(Record(100, 1, 7));
     Produce(Record(100, 12, 0));

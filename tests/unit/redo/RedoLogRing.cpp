@@ -73,9 +73,7 @@ protected:
     void RecordEndingAt(int nShift, bool bEndForStart = false)
     {
         const int nData = 2048, nFirst = 500;
-        MakeRing(nData);
-        ASSERT_TRUE(InitRedo());
-        m_pRedo->StartWriter(m_st);
+        ASSERT_NO_FATAL_FAILURE(StartRedo(nData));
         Produce(Record(nFirst, 1, 1));
         Pass();
         Produce(Record(nData - nFirst + nShift, 1, 2));
@@ -111,9 +109,7 @@ TEST_F(RedoRingEnd, RecordEndingOnTheLastByteWithTheWritePositionAtTheEnd) { Rec
 
 TEST_F(RedoFixture, RecordThatDoesNotFitAHalfFullGroupStartsTheNextLog)
 {
-    MakeRing(8192);
-    ASSERT_TRUE(InitRedo());
-    m_pRedo->StartWriter(m_st);
+    ASSERT_NO_FATAL_FAILURE(StartRedo(8192));
     Produce(Record(3000, 1, 1));
     Pass();
     ASSERT_EQ(+REDOSWITCH_OPEN, +m_st.m_nSwitchLog);
@@ -130,9 +126,7 @@ TEST_F(RedoFixture, RecordThatDoesNotFitAHalfFullGroupStartsTheNextLog)
 
 TEST_F(RedoFixture, BadRecordAtTheReadPositionIsGivenUpOnAfter31Passes)
 {
-    MakeRing(1024);
-    ASSERT_TRUE(InitRedo());
-    m_pRedo->StartWriter(m_st);
+    ASSERT_NO_FATAL_FAILURE(StartRedo(1024));
     std::string strJunk(100, '\x5A');
     ASSERT_EQ(100, TraceRingWrite(m_pRing, m_nRingSize, strJunk.data(), 100));
     for (int i = 0; i < 30; i++) Pass();
@@ -152,9 +146,7 @@ TEST_F(RedoFixture, BadRecordAtTheReadPositionIsGivenUpOnAfter31Passes)
 
 TEST_F(RedoFixture, CorruptPositionsAreRefusedAndReset)
 {
-    MakeRing(1024);
-    ASSERT_TRUE(InitRedo());
-    m_pRedo->StartWriter(m_st);
+    ASSERT_NO_FATAL_FAILURE(StartRedo(1024));
     Ring()->m_nWritePos = m_nRingSize + 4096;
     Ring()->m_nReadPos = -7;
     Pass();
@@ -213,9 +205,7 @@ TEST_F(RedoFixture, NextLogNumberPassesEveryArchivedNumber)
 
 TEST_F(RedoFixture, UnsealedLogOfAHardStopIsSealedBehindItsLastWholeRecord)
 {
-    MakeRing(8192);
-    ASSERT_TRUE(InitRedo());
-    m_pRedo->StartWriter(m_st);
+    ASSERT_NO_FATAL_FAILURE(StartRedo(8192));
     Produce(Record(500, 1, 1));
     Produce(Record(700, 11, 2));
     Pass();
@@ -233,9 +223,7 @@ TEST_F(RedoFixture, UnsealedLogOfAHardStopIsSealedBehindItsLastWholeRecord)
 
 TEST_F(RedoFixture, StartAfterALostSystemFileFollowsTheNewestLog)
 {
-    MakeRing(8192);
-    ASSERT_TRUE(InitRedo());
-    m_pRedo->StartWriter(m_st);
+    ASSERT_NO_FATAL_FAILURE(StartRedo(8192));
     for (int i = 0; i < 3; i++) {
         Produce(Record(3000, 1, i + 1));
         Pass();
@@ -259,9 +247,7 @@ TEST_F(RedoFixture, StartAfterALostSystemFileFollowsTheNewestLog)
 
 TEST_F(RedoFixture, ReaderHoldsNeverWrapBelowZero)
 {
-    MakeRing(8192);
-    ASSERT_TRUE(InitRedo());
-    m_pRedo->StartWriter(m_st);
+    ASSERT_NO_FATAL_FAILURE(StartRedo(8192));
     Produce(Record(3000, 1, 1));
     Pass();
     Produce(Record(3000, 1, 2));
@@ -298,9 +284,7 @@ TEST_F(RedoFixture, ReaderHoldsNeverWrapBelowZero)
 
 TEST_F(RedoFixture, WriteSizeWithoutForceOnABusyRingAsksNothing)
 {
-    MakeRing(8192);
-    ASSERT_TRUE(InitRedo());
-    m_pRedo->StartWriter(m_st);
+    ASSERT_NO_FATAL_FAILURE(StartRedo(8192));
     Produce(Record(100, 1, 1));
     Pass();
     Produce(Record(100, 1, 2)); // not drained yet

@@ -1,9 +1,6 @@
-// Unit: a clean stop while the archiver is behind. The writer and the
-// archiver run as the service runs them, on threads of their own; the copy
-// of the first log hangs longer than a stop used to wait. The stop must
-// drain the ring into the groups all the same, saying how it goes; what the
-// archiver leaves sealed at its end stays sealed, and the next start
-// archives it.
+// Unit: a clean stop while the archiver, on its own thread, hangs on the
+// first log longer than a stop used to wait: the ring is drained into the
+// groups all the same, and what stays sealed is archived by the next start.
 #include "FaultFileIO.h"
 #include "RedoLogFixture.h"
 #include "TraceCapture.h"

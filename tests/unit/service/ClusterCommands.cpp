@@ -26,14 +26,6 @@ namespace {
 const BYTE NOT_WRITTEN = 0x5A;
 const UINT LOOPBACK = 0x7F000001;
 
-size_t Count(const std::string& strText, const std::string& strWhat)
-{
-    size_t n = 0;
-    for (size_t at = strText.find(strWhat); at != std::string::npos; at = strText.find(strWhat, at + 1)) n++;
-    return n;
-}
-
-
 // A listener on 0.0.0.0 at a port of the kernel's choice: every address of
 // 127/8 reaches it, so one listener stands for many standby nodes; closed,
 // it leaves a port where nothing listens. Accept gives the next connection,
@@ -157,7 +149,7 @@ TEST_F(ClusterCommands, EveryCodeEndsWithItsFinalCodeAndClearsOnlyItsOwnFlags)
         EXPECT_EQ(c.m_bFlagsCleared ? 0 : 1, Val(m_lpCmd->m_bForbidSaveFlag));
         EXPECT_EQ(c.m_bFlagsCleared ? 0 : 1, Val(m_db.Head()->m_bForbidSaveFlag));
         if (c.m_lpTraced != nullptr) {
-            EXPECT_EQ(1u, Count(strTrace, c.m_lpTraced)) << strTrace;
+            EXPECT_EQ(1u, CountOf(strTrace, c.m_lpTraced)) << strTrace;
         }
         // Every file is still served and on disk.
         for (int n = 1; n <= 4; n++) {
@@ -182,14 +174,14 @@ TEST_F(ClusterCommands, AnAddOfANodeHeldOffIsRefusedUntilTheFlagFallsAndToldOnce
     EXPECT_EQ(CLUSTERCMD_ADDNODE_FROMLOG, Val(m_lpCmd->m_bCommandType));
     EXPECT_EQ(1, Val(m_db.Head()->m_bForbidSaveFlag));
     std::string strTrace = m_db.m_tree.Trace();
-    EXPECT_EQ(1u, Count(strTrace, "does not allow adding standby processing service!")) << strTrace;
+    EXPECT_EQ(1u, CountOf(strTrace, "does not allow adding standby processing service!")) << strTrace;
     // The engine clears the flag: the add runs and ends as a failed join.
     EXPECT_EQ(S_OK, Run(CLUSTERCMD_ADDNODE_FROMLOG, 0));
     EXPECT_EQ(CLUSTERCMD_NONE, Val(m_lpCmd->m_bCommandType));
     EXPECT_EQ(0, Val(m_db.Head()->m_bForbidSaveFlag));
     // A new stretch is told again.
     EXPECT_EQ(E_FAIL, Run(CLUSTERCMD_ADDNODE_FROMLOG, 1));
-    EXPECT_EQ(2u, Count(m_db.m_tree.Trace(), "does not allow adding standby processing service!"));
+    EXPECT_EQ(2u, CountOf(m_db.m_tree.Trace(), "does not allow adding standby processing service!"));
 }
 
 TEST_F(ClusterCommands, AStandbyTakesOneSlotPerAddressUntilItsThreadEnds)
@@ -297,8 +289,8 @@ TEST_F(ClusterCommands, AStandbyWhoseThreadEndsDuringItsResetOutlivesTheReset)
     EXPECT_TRUE(WaitForNoStandby(10000));
     pRedo.reset();
     std::string strTrace = m_db.m_tree.Trace();
-    EXPECT_EQ(1u, Count(strTrace, "exit!")) << strTrace;
-    EXPECT_EQ(1u, Count(strTrace, "is not working!")) << strTrace;
+    EXPECT_EQ(1u, CountOf(strTrace, "exit!")) << strTrace;
+    EXPECT_EQ(1u, CountOf(strTrace, "is not working!")) << strTrace;
 }
 
 TEST_F(ClusterCommands, WithEverySlotBusyAnAddReportsNoSlot)

@@ -548,11 +548,8 @@ int ListBlockWrites(const FaultFileIO& io, const std::string& strSystem, LPBYTE 
 } // namespace
 
 // The engine writes a row's fields before its command byte. A pass between
-// the two finds a move's new path, where no file is yet, and a growth's new
-// size, which the file does not have: the list on disk names the file the
-// daemon holds, of the size it has, while the block's other rows go as the
-// engine left them and the image keeps the edit. Once the commands are
-// carried out, the pass writes the new path and size.
+// the two must write the path and size the daemon holds (the block's other
+// rows as the engine left them); once the commands are done, the new ones.
 TEST_F(FileCommands, AnEditBeforeItsCommandByteNamesWhatTheDaemonHolds)
 {
     const std::string strOld = m_db.PathOf(3);
@@ -725,11 +722,9 @@ std::string CrashWhere(const CrashPoint& point, CrashKind eKind)
 const long long CRASH_RUN_EDGE = 2;
 const long long CRASH_RUN_STRIDE = 6;
 
-// The places of death in a run of the command that changes the medium by
-// vSequence (the kinds, in order): before the first call, and after each
-// call but the middle of a long run of one kind. Two places never stand
-// for the same moment: deaths "after the k-th write" and "before the next
-// sync" are one place.
+// The places of death in a run whose medium-changing calls are vSequence:
+// before the first call, and after each call but the middle of a long run
+// of one kind ("after the k-th write" and "before the next sync" are one).
 std::vector<CrashPoint> CrashPoints(const std::vector<FileOp>& vSequence)
 {
     std::vector<CrashPoint> vPoints = {{vSequence.empty() ? FileOp::PWrite : vSequence[0], 0, 0}};
@@ -862,14 +857,10 @@ TEST(FileCommandMoveBack, AMoveTheListCannotRecordGoesBackToTheOldFile)
     }
 }
 
-// An engine writes a second request into the row of a move while the copy
-// runs (as one does over a request that a daemon killed earlier left
-// unanswered, and that the next start resumes). The move finishes the copy
-// it began; the list on disk, and the row the passes write, name that copy
-// and never the path the engine wrote meanwhile, where nothing is. The
-// device dies after every call that changes it in turn, then the process
-// is killed or the power goes: each start finds the old file or the whole
-// copy named.
+// An engine writes a second request into a move's row while the copy runs
+// (as over a request a killed daemon left, which the next start resumes):
+// the list names the copy the move made, never the path written meanwhile,
+// whatever call the device dies after, killed or powered off.
 TEST(FileCommandCrashes, AMoveOverwrittenInItsRowNamesOnlyTheCopyItMade)
 {
     RemoveImageSegments();

@@ -49,6 +49,17 @@ std::string RandomBytes(size_t nSize, std::mt19937& rng)
     return s;
 }
 
+// The fault layer in force over the database's files; the trace (and
+// strArchive when given) passes through untouched.
+struct DbFileIO : FaultFileIO {
+    explicit DbFileIO(const std::string& strLog, const std::string& strArchive = std::string())
+    {
+        PassThrough(strLog);
+        if (!strArchive.empty()) PassThrough(strArchive);
+    }
+    ScopedFileIO m_scope{this};
+};
+
 BACKUPFILEHEAD* HeadOf(std::string& strBackup) { return (BACKUPFILEHEAD*)&strBackup[0]; }
 STRUCT_BACKUP_FILEINFO& RecordOf(std::string& strBackup, int i) { return HeadOf(strBackup)->m_stBackupFileInfo[i]; }
 BACKUPINCREMENTITEM* ItemAt(std::string& strBackup, long long nPagePos, int i)
@@ -106,6 +117,18 @@ protected:
         EXPECT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult));
         vCopy = CopyFiles();
         return nTimestamp;
+    }
+    // File nFileNo grown to nSize by the engine's command, as it asks it.
+    void Resize(int nFileNo, long long nSize)
+    {
+        LPFILE_MEMDBFILEINFO lpRow = m_db.Row((BYTE)nFileNo);
+        lpRow->m_nFileSize = nSize;
+        talvorpeer::PeerFence();
+        lpRow->m_bFileCMD = FILECMD_RESIZE;
+        m_db.MarkListChanged();
+        ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+        ASSERT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
+        ASSERT_EQ(nSize, FileSizeOf(m_db.PathOf(nFileNo)));
     }
     std::vector<std::string> CopyFiles() const
     {
@@ -201,13 +224,12 @@ protected:
     // Stopped before the trace is read: reading it starts the log system
     // afresh, which a live redo writer does not survive.
     void StopRedo() { SysClearTalvorLog(); }
-    // Command 46 to nTimestamp with the module's configuration, so that a
-    // rebuild reads the ini as the daemon does.
-    // A restore by command to another level 1 on the full backup fails part
-    // way, with pieces of a file only that level 1 makes on disk; the same
-    // command then asked for m_nLevel1 (the failed run's backup removed
-    // first when bFailedChainGone) restores that point whole.
+    // A restore to another level 1 fails part way, with pieces of a file only
+    // it makes on disk; the command asked for m_nLevel1 (the failed run's
+    // backup gone first when bFailedChainGone) restores that point whole.
     void ExpectRerunToLevel1Whole(std::mt19937& rng, bool bFailedChainGone);
+    // Command 46 with the module's configuration, so that a rebuild reads
+    // the ini as the daemon does.
     void RunRestoreCommand(long long nTimestamp)
     {
         snprintf(m_db.Module().m_cConfigPath, sizeof(m_db.Module().m_cConfigPath), "%s",
@@ -220,10 +242,7 @@ protected:
     // database is taken apart, the restore stops part-way and the mark stays.
     void RunRestoreThatFills(long long nTimestamp)
     {
-        FaultFileIO io;
-        io.PassThrough(m_db.m_tree.LogDir());
-        io.PassThrough(m_strArchive);
-        ScopedFileIO scoped(&io);
+        DbFileIO io(m_db.m_tree.LogDir(), m_strArchive);
         io.FillAfter(1 << 20, ENOSPC);
         RunRestoreCommand(nTimestamp);
     }
@@ -259,14 +278,7 @@ protected:
 TEST_F(Restore, AFullBackupOfAGrownSystemFileRestoresADatabaseThatStarts)
 {
     const long long nStart = FileSizeOf(m_db.SystemPath());
-    LPFILE_MEMDBFILEINFO lpRow = m_db.Row(1);
-    lpRow->m_nFileSize = 2 * nStart;
-    talvorpeer::PeerFence();
-    lpRow->m_bFileCMD = FILECMD_RESIZE;
-    m_db.MarkListChanged();
-    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
-    ASSERT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
-    ASSERT_EQ(2 * nStart, FileSizeOf(m_db.SystemPath()));
+    ASSERT_NO_FATAL_FAILURE(Resize(1, 2 * nStart));
     std::vector<std::string> vCopy;
     const long long nTimestamp = FullBackup(vCopy);
     backuptest::Verified v(BackupPath(nTimestamp));
@@ -286,14 +298,7 @@ TEST_F(Restore, AnIncrementalOverAFileGrownSinceTheFullBackupRestoresItsSize)
     std::vector<std::string> vFull;
     const long long nFull = FullBackup(vFull);
     const long long nGrown = 2 * (long long)vFull[1].size();
-    LPFILE_MEMDBFILEINFO lpRow = m_db.Row(2);
-    lpRow->m_nFileSize = nGrown;
-    talvorpeer::PeerFence();
-    lpRow->m_bFileCMD = FILECMD_RESIZE;
-    m_db.MarkListChanged();
-    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
-    ASSERT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
-    ASSERT_EQ(nGrown, FileSizeOf(m_db.PathOf(2)));
+    ASSERT_NO_FATAL_FAILURE(Resize(2, nGrown));
     long long ts = m_db.BeginTransaction();
     m_db.ChangeRow(2, 7, 1, ts * 3, ts);
     m_db.EndTransaction(ts);
@@ -334,12 +339,10 @@ TEST_F(Restore, IncrementsApplyInRisingLevelOverTheFullBackupAndCreateMissingFil
     m_db.Stop();
     WriteChain(m_arChain);
 
-    std::vector<std::string> vLevel1 = vFull;
-    ApplyPieces(vLevel1[1], m_vLevel1[1].m_vPieces);
+    std::string strNew;
+    const std::vector<std::string> vLevel1 = Level1Files(vFull, strNew);
     std::vector<std::string> vLevel2 = vLevel1;
     ApplyPieces(vLevel2[2], m_vLevel2[2].m_vPieces);
-    std::string strNew;
-    ApplyPieces(strNew, m_vLevel1[4].m_vPieces);
 
     // Into an empty tree but for one file that stands, of another size.
     RemoveDatabaseFiles();
@@ -386,9 +389,7 @@ TEST_F(Restore, TheMarkStandsAtEveryWriteAndAPowerLossLeavesAWholeDatabaseOrASta
     const std::string strBackupDir = m_strArchive + "/Backup/";
     long long nWrites = 0, nDatabaseWrites = 0, nUnmarked = 0, nFirstLevel1Write = 0;
     {
-        FaultFileIO io;
-        io.PassThrough(m_db.m_tree.LogDir());
-        ScopedFileIO scoped(&io);
+        DbFileIO io(m_db.m_tree.LogDir());
         io.OnCall(FileOp::PWrite, [&](const FileCall& call) {
             if (call.m_strPath.compare(0, strBackupDir.size(), strBackupDir) == 0) return;
             if (call.m_strPath.find(".restoring") != std::string::npos) return;
@@ -408,9 +409,7 @@ TEST_F(Restore, TheMarkStandsAtEveryWriteAndAPowerLossLeavesAWholeDatabaseOrASta
     // A write that fails in the level 1 (the device still there to clear
     // the mark) leaves it.
     {
-        FaultFileIO io;
-        io.PassThrough(m_db.m_tree.LogDir());
-        ScopedFileIO scoped(&io);
+        DbFileIO io(m_db.m_tree.LogDir());
         io.FailCall(FileOp::PWrite, nFirstLevel1Write, EIO);
         EXPECT_FALSE(RestoreTo(m_nLevel2));
     }
@@ -423,9 +422,7 @@ TEST_F(Restore, TheMarkStandsAtEveryWriteAndAPowerLossLeavesAWholeDatabaseOrASta
         unlink(m_strNewFile.c_str());
         ASSERT_TRUE(TalvorClearRestoreMark(strSystem.c_str()));
         {
-            FaultFileIO io;
-            io.PassThrough(m_db.m_tree.LogDir());
-            ScopedFileIO scoped(&io);
+            DbFileIO io(m_db.m_tree.LogDir());
             io.DieAfter(FileOp::PWrite, nDieAt);
             EXPECT_FALSE(RestoreTo(m_nLevel2));
             io.LosePower();
@@ -536,9 +533,7 @@ TEST_F(Restore, ATornForeignOrDamagedChainIsRefusedBeforeAByteOfAnyDatabaseFileI
         std::string arChain[3] = {m_arChain[0], m_arChain[1], m_arChain[2]};
         c.m_fnDamage(arChain);
         WriteChain(arChain);
-        FaultFileIO io;
-        io.PassThrough(m_db.m_tree.LogDir());
-        ScopedFileIO scoped(&io);
+        DbFileIO io(m_db.m_tree.LogDir());
         std::vector<std::string> vTouched;
         io.OnCall(FileOp::Open, [&](const FileCall& call) {
             if ((call.m_nFlags & (O_WRONLY | O_RDWR | O_CREAT)) != 0) vTouched.push_back("open " + call.m_strPath);
@@ -595,10 +590,7 @@ TEST_F(Restore, AnyByteOfTheHeadsAndPagesChangedNeverLeadsAWriteOutsideItsFile)
         arChain[place.first][(size_t)place.second] ^= (char)(1 << (rng() % 8));
         SCOPED_TRACE(std::to_string(place.first) + ":" + std::to_string(place.second));
         WriteChain(arChain);
-        FaultFileIO io;
-        io.PassThrough(m_db.m_tree.LogDir());
-        io.PassThrough(m_strArchive);
-        ScopedFileIO scoped(&io);
+        DbFileIO io(m_db.m_tree.LogDir(), m_strArchive);
         if (!RestoreTo(m_nLevel2)) nRefused++;
         for (const FileWrite& w : io.Writes()) {
             auto it = mapSizes.find(w.m_strPath);
@@ -625,9 +617,7 @@ TEST_F(Restore, EachStepCalledAloneChecksItsOwnBackupBeforeItWrites)
     ItemAt(arChain[1], nFile2, 3)->m_nBlockFilePos = Val(RecordOf(arChain[1], 1).m_nFileSize) + 4096;
     WriteChain(arChain);
     const std::vector<FileMark> vBefore = Marks();
-    FaultFileIO io;
-    io.PassThrough(m_db.m_tree.LogDir());
-    ScopedFileIO scoped(&io);
+    DbFileIO io(m_db.m_tree.LogDir());
     CBreltMemStorageModule module;
     TALVORPROGRESS stProgress = {};
     EXPECT_FALSE(module.Recover(&m_db.m_stCrit, &stProgress, m_szArchive, PATH_FIELD, m_nFull));
@@ -691,21 +681,9 @@ TEST_F(Restore, CommandWithAnUnusableChainRefusesAndLeavesTheDatabaseUp)
 
 TEST_F(Restore, CommandWhoseRestoreFailsPartWayLeavesTheMarkAndNoStartOnTheMixture)
 {
-    snprintf(m_db.Module().m_cConfigPath, sizeof(m_db.Module().m_cConfigPath), "%s", m_db.m_tree.IniPath().c_str());
     std::vector<std::string> vCopy;
     long long nTimestamp = FullBackup(vCopy);
-    m_lpCmd->m_nTimestamp = nTimestamp;
-    {
-        // The device fills after 1 MiB of the restore: the check passed, the
-        // running files are gone, and the restore cannot finish.
-        FaultFileIO io;
-        io.PassThrough(m_db.m_tree.LogDir());
-        io.PassThrough(m_strArchive);
-        ScopedFileIO scoped(&io);
-        io.FillAfter(1 << 20, ENOSPC);
-        ASSERT_EQ(S_OK, Run(CLUSTERCMD_RESTORE));
-    }
-    EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
+    RunRestoreThatFills(nTimestamp);
     std::string strTrace = m_db.m_tree.Trace();
     EXPECT_NE(std::string::npos, strTrace.find("Failed to write database file")) << strTrace;
     EXPECT_TRUE(TalvorRestoreMarkPresent(m_db.SystemPath().c_str()));
@@ -797,13 +775,9 @@ void Restore::ExpectRerunToLevel1Whole(std::mt19937& rng, bool bFailedChainGone)
                       {{BACKUPITEM_DATABLOCK, 0, 0, 8192, RandomBytes(512, rng)},
                        {BACKUPITEM_DATABLOCK, 0, 0, 16384, RandomBytes(512, rng)}}});
     ASSERT_TRUE(WriteWholeFile(BackupPath(nOther), BuildIncrement(nOther, m_nFull, 1, m_usGuid, vOther)));
-    snprintf(m_db.Module().m_cConfigPath, sizeof(m_db.Module().m_cConfigPath), "%s", m_db.m_tree.IniPath().c_str());
     {
         // The second piece of the new file fails: the first is on disk.
-        FaultFileIO io;
-        io.PassThrough(m_db.m_tree.LogDir());
-        io.PassThrough(m_strArchive);
-        ScopedFileIO scoped(&io);
+        DbFileIO io(m_db.m_tree.LogDir(), m_strArchive);
         int nNewWrites = 0;
         io.OnCall(FileOp::PWrite, [&](const FileCall& call) {
             if (call.m_strPath == m_strNewFile && ++nNewWrites == 2) io.FailCall(FileOp::PWrite, call.m_nNth, EIO);
@@ -867,9 +841,7 @@ TEST_F(Restore, CommandWithNoHeadAndADamagedOrMissingMarkIsRefusedAndWritesNothi
         }
         const std::vector<FileMark> vBefore = Marks();
         {
-            FaultFileIO io;
-            io.PassThrough(m_db.m_tree.LogDir());
-            ScopedFileIO scoped(&io);
+            DbFileIO io(m_db.m_tree.LogDir());
             std::vector<std::string> vTouched;
             // The configuration is read as the rebuild reads it (its file
             // opened for both ways); a write to it would still be seen.
@@ -907,12 +879,8 @@ TEST_F(Restore, CommandWithNoHeadAndADamagedOrMissingMarkIsRefusedAndWritesNothi
     const std::string strTrace = m_db.m_tree.Trace();
     std::map<std::string, int> mapWanted;
     for (const Case& c : vCases) mapWanted[c.m_lpTraced]++;
-    for (const auto& wanted : mapWanted) {
-        int nFound = 0;
-        for (size_t n = strTrace.find(wanted.first); n != std::string::npos; n = strTrace.find(wanted.first, n + 1))
-            nFound++;
-        EXPECT_EQ(wanted.second, nFound) << wanted.first;
-    }
+    for (const auto& wanted : mapWanted)
+        EXPECT_EQ((size_t)wanted.second, CountOf(strTrace, wanted.first)) << wanted.first;
     EXPECT_TRUE(m_db.m_tree.Traced("the restore is refused and no file is written"));
 }
 

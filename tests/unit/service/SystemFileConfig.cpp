@@ -15,8 +15,18 @@ namespace {
 
 typedef std::function<long long(CBreltMemStorageModule&, LPSYSTEMFILEHEAD)> FieldOf;
 
+// A key of [System]: its field, its value when the ini lacks it, and values
+// written with what is read from them (the limits on either side).
+struct KeyCase {
+    const char* m_lpKey;
+    FieldOf m_fnField;
+    long long m_nDefault;
+    std::vector<std::pair<const char*, long long>> m_vSet;
+};
+
+// Whole ini texts for the keys whose section or neighbours matter.
 struct ConfigCase {
-    const char* m_lpIni;   // lines added to [System], or a whole [Config] section
+    const char* m_lpIni;
     const char* m_lpField;
     FieldOf m_fnField;
     long long m_nExpected;
@@ -37,123 +47,69 @@ void PresetHead(LPSYSTEMFILEHEAD h)
 
 const long long MIB = 1048576;
 
+std::vector<KeyCase> KeyCases()
+{
+    return {
+        {"processes", HEAD(m_nProcesses), 512, {{"64", 64}}},
+        {"listenip", HEAD(m_nTCPListenIP), 0, {{"10.1.2.3", 0x0A010203}, {"bogus", 0}, {"", 0}}},
+        {"clusterlocalip", MODULE(m_ulLocalIP), 0, {{"192.168.0.9", 0xC0A80009}}},
+        {"listenport", HEAD(m_nTCPListenPort), 8000, {{"9000", 9000}}},
+        {"mysqlport", HEAD(m_nMySQLListenPort), 3306, {{"3307", 3307}}},
+        {"AutoStartService", MODULE(m_bAutoStartService), 1, {{"0", 0}}},
+        {"DebugDumpFile", HEAD(m_nDebugDumpFile), 0, {{"1", 1}}},
+        {"charcomparenocase", HEAD(m_nServerCaseSensitive), 0, {{"1", 1}}},
+        {"autocommit", HEAD(m_nAutoCommit), 1, {{"0", 0}}},
+        {"autoincrementstep", HEAD(m_nAutoIncrementIncrement), 1, {{"5", 5}}},
+        {"autoincrementoffset", HEAD(m_nAutoIncrementOffset), 1, {{"3", 3}}},
+        {"waittimeout", HEAD(m_nWaitTimeout), 28800, {{"100", 100}}},
+        {"max_allowed_packet", HEAD(m_nMaxPacketSize), 33554432, {{"1024", 1024}}},
+        {"support_native_json", HEAD(m_nSupportNativeJson), 0, {{"1", 1}}},
+        {"skip_name_resolve", HEAD(m_nSkipNameResolve), 1, {{"0", 0}}},
+        {"event_scheduler", HEAD(m_nEventScheduler), 0, {{"oN", 1}, {"1", 1}, {"ONE", 0}, {"11", 0}}},
+        {"net_read_timeout", HEAD(m_nNetReadTimeout), 300, {{"7", 7}}},
+        {"net_retry_count", HEAD(m_nNetRetryCount), 100, {{"8", 8}}},
+        {"net_write_timeout", HEAD(m_nNetWriteTimeout), 60, {{"9", 9}}},
+        {"interactive_timeout", HEAD(m_nInteractiveTimeout), 28800, {{"10", 10}}},
+        {"innodb_lock_wait_timeout", HEAD(m_nLockWaitTimeout), 180, {{"0", 0}}},
+        {"MaxTransaction", HEAD(m_nObjectTransactionMaxNum), 1000,
+         {{"31", 32}, {"32", 32}, {"1020", 1020}, {"1021", 1020}}},
+        {"LRUPercent", MODULE(m_nLRUPercent), 80, {{"1", 2}, {"2", 2}, {"98", 98}, {"99", 98}}},
+        {"FileCache", MODULE(m_nFileCache), 1, {{"0", 0}}},
+        {"undoareasize", HEAD(m_nMemoryUndoSize), 256, {{"7", 32}, {"8", 8}, {"4095", 4095}, {"4096", 4000}}},
+        {"processprivatearea", HEAD(m_nMemoryProcessSize), 2 * MIB,
+         {{"0", 2 * MIB}, {"1", 1 * MIB}, {"128", 128 * MIB}, {"129", 2 * MIB}}},
+        {"persistenceintervals", HEAD(m_nPersistenceIntervals), 3, {{"10", 10}}},
+        {"buffercachesize", HEAD(m_nTalvorBufferCacheSize), 1024, {{"0", 0}, {"31", 64}, {"32", 32}}},
+        {"archivetype", HEAD(m_nTalvorArchiveType), 0, {{"2", 2}}},
+        {"TableNamesLower", HEAD(m_nTableNamesLower), 5, {{"77", 5}, {"1", 1}}},
+        {"undo_retention", HEAD(m_nUndoRetention), 45, {{"10", 10}}},
+        {"EfficiencyTrace", HEAD(m_nServerEfficiencyTrace), 0, {{"1", 1}}},
+        {"ReadUseBuffer", HEAD(m_bOpenFileUseBuffer), 0, {{"1", 1}}},
+        {"back_log", HEAD(m_nBackLog), 256, {{"50", 50}}},
+        {"pgamaxsize", HEAD(m_nTalvorPGAMaxSize), 0, {{"12", 12}}},
+        {"Talvor_Develop_Mode", HEAD(m_nTalvorDevelopMode), 1, {{"77", 1}, {"0", 0}}},
+        {"writeblocklog", GLOBAL(g_nWriteBlockLog), 0, {{"1", 1}}},
+        {"forceflushlog", GLOBAL(g_nForceFlushLog), 1, {{"0", 0}}},
+        {"cluster", GLOBAL(g_nCluster), 0, {{"1", 1}}},
+        {"clusternode", GLOBAL(g_nNodeIdentity), 0, {{"3", 3}}},
+    };
+}
+
 std::vector<ConfigCase> Cases()
 {
     return {
-        // Defaults, in the order the keys are read.
         {"", "clusternode(Config)", MODULE(m_nClusterNodeType), 0},
-        {"", "processes", HEAD(m_nProcesses), 512},
-        {"", "listenip", HEAD(m_nTCPListenIP), 0},
-        {"", "clusterlocalip", MODULE(m_ulLocalIP), 0},
         {"", "clustervip", HEAD(m_nTalvorVirtualIP), 0},
-        {"", "listenport", HEAD(m_nTCPListenPort), 8000},
         {"", "clustervipport", HEAD(m_nTalvorVirtualPort), 8000},
-        {"", "mysqlport", HEAD(m_nMySQLListenPort), 3306},
-        {"", "AutoStartService", MODULE(m_bAutoStartService), 1},
-        {"", "DebugDumpFile", HEAD(m_nDebugDumpFile), 0},
-        {"", "charcomparenocase", HEAD(m_nServerCaseSensitive), 0},
-        {"", "autocommit", HEAD(m_nAutoCommit), 1},
-        {"", "autoincrementstep", HEAD(m_nAutoIncrementIncrement), 1},
-        {"", "autoincrementoffset", HEAD(m_nAutoIncrementOffset), 1},
-        {"", "waittimeout", HEAD(m_nWaitTimeout), 28800},
-        {"", "max_allowed_packet", HEAD(m_nMaxPacketSize), 33554432},
-        {"", "support_native_json", HEAD(m_nSupportNativeJson), 0},
-        {"", "skip_name_resolve", HEAD(m_nSkipNameResolve), 1},
-        {"", "event_scheduler", HEAD(m_nEventScheduler), 0},
-        {"", "net_read_timeout", HEAD(m_nNetReadTimeout), 300},
-        {"", "net_retry_count", HEAD(m_nNetRetryCount), 100},
-        {"", "net_write_timeout", HEAD(m_nNetWriteTimeout), 60},
-        {"", "interactive_timeout", HEAD(m_nInteractiveTimeout), 28800},
-        {"", "innodb_lock_wait_timeout", HEAD(m_nLockWaitTimeout), 180},
-        {"", "MaxTransaction", HEAD(m_nObjectTransactionMaxNum), 1000},
-        {"", "LRUPercent", MODULE(m_nLRUPercent), 80},
-        {"", "FileCache", MODULE(m_nFileCache), 1},
-        {"", "undoareasize", HEAD(m_nMemoryUndoSize), 256},
-        {"", "processprivatearea", HEAD(m_nMemoryProcessSize), 2 * MIB},
-        {"", "persistenceintervals", HEAD(m_nPersistenceIntervals), 3},
-        {"", "buffercachesize", HEAD(m_nTalvorBufferCacheSize), 1024},
-        {"", "archivetype", HEAD(m_nTalvorArchiveType), 0},
-        {"", "TableNamesLower", HEAD(m_nTableNamesLower), 5},
-        {"", "undo_retention", HEAD(m_nUndoRetention), 45},
-        {"", "EfficiencyTrace", HEAD(m_nServerEfficiencyTrace), 0},
-        {"", "ReadUseBuffer", HEAD(m_bOpenFileUseBuffer), 0},
-        {"", "back_log", HEAD(m_nBackLog), 256},
-        {"", "pgamaxsize", HEAD(m_nTalvorPGAMaxSize), 0},
-        {"", "Talvor_Develop_Mode", HEAD(m_nTalvorDevelopMode), 1},
-        {"", "writeblocklog", GLOBAL(g_nWriteBlockLog), 0},
-        {"", "forceflushlog", GLOBAL(g_nForceFlushLog), 1},
-        {"", "cluster", GLOBAL(g_nCluster), 0},
-        {"", "clusternode", GLOBAL(g_nNodeIdentity), 0},
-        // Set values and limits.
         {"[Config]\r\nclusternode=2\r\n", "clusternode(Config)", MODULE(m_nClusterNodeType), 2},
         {"[Config]\r\nclusternode=2\r\n", "clusternode(System) apart", GLOBAL(g_nNodeIdentity), 0},
-        {"clusternode=3\r\n", "clusternode(System)", GLOBAL(g_nNodeIdentity), 3},
-        {"processes=64\r\n", "processes", HEAD(m_nProcesses), 64},
-        {"listenip=10.1.2.3\r\n", "listenip", HEAD(m_nTCPListenIP), 0x0A010203},
-        {"listenip=bogus\r\n", "listenip", HEAD(m_nTCPListenIP), 0},
-        {"listenip=\r\n", "listenip", HEAD(m_nTCPListenIP), 0},
-        {"clusterlocalip=192.168.0.9\r\n", "clusterlocalip", MODULE(m_ulLocalIP), 0xC0A80009},
         {"[Config]\r\nclusterlocalip=192.168.0.9\r\n", "clusterlocalip(Config)", MODULE(m_ulLocalIP), 0},
         {"[Config]\r\nclustervip=10.0.0.5\r\n", "clustervip", HEAD(m_nTalvorVirtualIP), 0x0A000005},
         {"[Config]\r\nclustervip=127.0.0.1\r\n", "clustervip", HEAD(m_nTalvorVirtualIP), 0},
         {"[Config]\r\nclustervip=x\r\n", "clustervip", HEAD(m_nTalvorVirtualIP), 0},
-        {"listenport=9000\r\n", "listenport", HEAD(m_nTCPListenPort), 9000},
         {"listenport=9000\r\n", "clustervipport follows", HEAD(m_nTalvorVirtualPort), 9000},
-        {"listenport=9000\r\n[Config]\r\nclustervipport=7000\r\n", "clustervipport", HEAD(m_nTalvorVirtualPort), 7000},
-        {"mysqlport=3307\r\n", "mysqlport", HEAD(m_nMySQLListenPort), 3307},
-        {"AutoStartService=0\r\n", "AutoStartService", MODULE(m_bAutoStartService), 0},
-        {"DebugDumpFile=1\r\n", "DebugDumpFile", HEAD(m_nDebugDumpFile), 1},
-        {"charcomparenocase=1\r\n", "charcomparenocase", HEAD(m_nServerCaseSensitive), 1},
-        {"autocommit=0\r\n", "autocommit", HEAD(m_nAutoCommit), 0},
-        {"autoincrementstep=5\r\n", "autoincrementstep", HEAD(m_nAutoIncrementIncrement), 5},
-        {"autoincrementoffset=3\r\n", "autoincrementoffset", HEAD(m_nAutoIncrementOffset), 3},
-        {"waittimeout=100\r\n", "waittimeout", HEAD(m_nWaitTimeout), 100},
-        {"max_allowed_packet=1024\r\n", "max_allowed_packet", HEAD(m_nMaxPacketSize), 1024},
-        {"support_native_json=1\r\n", "support_native_json", HEAD(m_nSupportNativeJson), 1},
-        {"skip_name_resolve=0\r\n", "skip_name_resolve", HEAD(m_nSkipNameResolve), 0},
-        {"event_scheduler=oN\r\n", "event_scheduler", HEAD(m_nEventScheduler), 1},
-        {"event_scheduler=1\r\n", "event_scheduler", HEAD(m_nEventScheduler), 1},
-        {"event_scheduler=ONE\r\n", "event_scheduler", HEAD(m_nEventScheduler), 0},
-        {"event_scheduler=11\r\n", "event_scheduler", HEAD(m_nEventScheduler), 0},
-        {"net_read_timeout=7\r\n", "net_read_timeout", HEAD(m_nNetReadTimeout), 7},
-        {"net_retry_count=8\r\n", "net_retry_count", HEAD(m_nNetRetryCount), 8},
-        {"net_write_timeout=9\r\n", "net_write_timeout", HEAD(m_nNetWriteTimeout), 9},
-        {"interactive_timeout=10\r\n", "interactive_timeout", HEAD(m_nInteractiveTimeout), 10},
-        {"innodb_lock_wait_timeout=0\r\n", "innodb_lock_wait_timeout", HEAD(m_nLockWaitTimeout), 0},
-        {"MaxTransaction=31\r\n", "MaxTransaction", HEAD(m_nObjectTransactionMaxNum), 32},
-        {"MaxTransaction=32\r\n", "MaxTransaction", HEAD(m_nObjectTransactionMaxNum), 32},
-        {"MaxTransaction=1020\r\n", "MaxTransaction", HEAD(m_nObjectTransactionMaxNum), 1020},
-        {"MaxTransaction=1021\r\n", "MaxTransaction", HEAD(m_nObjectTransactionMaxNum), 1020},
-        {"LRUPercent=1\r\n", "LRUPercent", MODULE(m_nLRUPercent), 2},
-        {"LRUPercent=2\r\n", "LRUPercent", MODULE(m_nLRUPercent), 2},
-        {"LRUPercent=98\r\n", "LRUPercent", MODULE(m_nLRUPercent), 98},
-        {"LRUPercent=99\r\n", "LRUPercent", MODULE(m_nLRUPercent), 98},
-        {"FileCache=0\r\n", "FileCache", MODULE(m_nFileCache), 0},
-        {"undoareasize=7\r\n", "undoareasize", HEAD(m_nMemoryUndoSize), 32},
-        {"undoareasize=8\r\n", "undoareasize", HEAD(m_nMemoryUndoSize), 8},
-        {"undoareasize=4095\r\n", "undoareasize", HEAD(m_nMemoryUndoSize), 4095},
-        {"undoareasize=4096\r\n", "undoareasize", HEAD(m_nMemoryUndoSize), 4000},
-        {"processprivatearea=0\r\n", "processprivatearea", HEAD(m_nMemoryProcessSize), 2 * MIB},
-        {"processprivatearea=1\r\n", "processprivatearea", HEAD(m_nMemoryProcessSize), 1 * MIB},
-        {"processprivatearea=128\r\n", "processprivatearea", HEAD(m_nMemoryProcessSize), 128 * MIB},
-        {"processprivatearea=129\r\n", "processprivatearea", HEAD(m_nMemoryProcessSize), 2 * MIB},
-        {"persistenceintervals=10\r\n", "persistenceintervals", HEAD(m_nPersistenceIntervals), 10},
-        {"buffercachesize=0\r\n", "buffercachesize", HEAD(m_nTalvorBufferCacheSize), 0},
-        {"buffercachesize=31\r\n", "buffercachesize", HEAD(m_nTalvorBufferCacheSize), 64},
-        {"buffercachesize=32\r\n", "buffercachesize", HEAD(m_nTalvorBufferCacheSize), 32},
-        {"archivetype=2\r\n", "archivetype", HEAD(m_nTalvorArchiveType), 2},
-        {"TableNamesLower=77\r\n", "TableNamesLower", HEAD(m_nTableNamesLower), 5},
-        {"TableNamesLower=1\r\n", "TableNamesLower", HEAD(m_nTableNamesLower), 1},
-        {"undo_retention=10\r\n", "undo_retention", HEAD(m_nUndoRetention), 10},
-        {"EfficiencyTrace=1\r\n", "EfficiencyTrace", HEAD(m_nServerEfficiencyTrace), 1},
-        {"ReadUseBuffer=1\r\n", "ReadUseBuffer", HEAD(m_bOpenFileUseBuffer), 1},
-        {"back_log=50\r\n", "back_log", HEAD(m_nBackLog), 50},
-        {"pgamaxsize=12\r\n", "pgamaxsize", HEAD(m_nTalvorPGAMaxSize), 12},
-        {"Talvor_Develop_Mode=77\r\n", "Talvor_Develop_Mode", HEAD(m_nTalvorDevelopMode), 1},
-        {"Talvor_Develop_Mode=0\r\n", "Talvor_Develop_Mode", HEAD(m_nTalvorDevelopMode), 0},
-        {"writeblocklog=1\r\n", "writeblocklog", GLOBAL(g_nWriteBlockLog), 1},
-        {"forceflushlog=0\r\n", "forceflushlog", GLOBAL(g_nForceFlushLog), 0},
-        {"cluster=1\r\n", "cluster", GLOBAL(g_nCluster), 1},
+        {"listenport=9000\r\n[Config]\r\nclustervipport=7000\r\n", "clustervipport",
+         HEAD(m_nTalvorVirtualPort), 7000},
     };
 }
 
@@ -198,6 +154,14 @@ protected:
 
 TEST_F(SystemFileConfig, EveryKeyWithItsDefaultAndLimits)
 {
+    for (const KeyCase& c : KeyCases()) {
+        ReadWith("");
+        EXPECT_EQ(c.m_nDefault, c.m_fnField(*m_pModule, Head())) << c.m_lpKey << " absent";
+        for (const auto& set : c.m_vSet) {
+            ReadWith(std::string(c.m_lpKey) + "=" + set.first + "\r\n");
+            EXPECT_EQ(set.second, c.m_fnField(*m_pModule, Head())) << c.m_lpKey << "=" << set.first;
+        }
+    }
     for (const ConfigCase& c : Cases()) {
         ReadWith(c.m_lpIni);
         EXPECT_EQ(c.m_nExpected, c.m_fnField(*m_pModule, Head())) << c.m_lpField << " from \"" << c.m_lpIni << "\"";

@@ -4,7 +4,6 @@
 #include "TraceLogFixture.h"
 
 #include <atomic>
-#include <cctype>
 #include <cstring>
 #include <cstdio>
 #include <fcntl.h>
@@ -23,17 +22,6 @@ protected:
         ASSERT_EQ(0, CLogManager::instance().StartTraceThreads(FALSE));
     }
     void StopWriter() { CLogManager::instance().StopTraceThreads(30); }
-
-    // A system head of which the log manager reads only the file size.
-    void UseFileMaxSize(int nBytes)
-    {
-        m_vHead.assign(sizeof(SYSTEMFILEHEAD), 0);
-        LPSYSTEMFILEHEAD lpHead = (LPSYSTEMFILEHEAD)m_vHead.data();
-        lpHead->m_nWriteTraceMaxSize = nBytes;
-        CLogManager::instance().m_pMemoryFileHead = lpHead;
-    }
-
-    std::vector<BYTE> m_vHead;
 };
 
 TEST_F(TraceLog, LineIsTitleThenTextAfterTheHead)
@@ -93,6 +81,7 @@ TEST_F(TraceLog, LongFunctionNameCutsTheTitleNotTheText)
     EXPECT_EQ('f', strBody[126]);
 }
 
+// Also the line traced after a teardown: it makes the manager anew.
 TEST_F(TraceLog, LineBeforeInitKeepsTheTimeOfItsCall)
 {
     ExitLogSystem();
@@ -240,53 +229,6 @@ TEST_F(TraceLog, UnwritableLogDirectoryIsToldOnceAndTracingGoesOn)
     EXPECT_TRUE(HasText(lines, 1, "back again"));
 }
 
-TEST_F(TraceLog, TracingAfterTeardownMakesANewLogManager)
-{
-    ExitLogSystem();
-    Trace0("Late", 3, 5, "after the end");
-    CLogManager* pLog = CLogManager::GetInstancePtr();
-    ASSERT_NE(nullptr, pLog);
-    EXPECT_GT(pLog->GetQueuedBytes(), 0);
-    ASSERT_TRUE(pLog->Init());
-    std::vector<TraceLine> lines = DaemonLines();
-    EXPECT_TRUE(HasText(lines, 5, "after the end"));
-}
-
-// The title of a daemon line, checked by hand: the same shape as
-// ParseLines's pattern, without a regex per line, so that thousands of lines
-// are checked in no time even under a thread sanitizer. The length of the
-// title, or 0 when the line does not start with one.
-size_t TitleLength(const std::string& strLine)
-{
-    static const char szStamp[] = "dddd-dd-dd dd:dd:dd.ddd ";
-    size_t n = 0;
-    for (; szStamp[n] != '\0'; n++) {
-        if (n >= strLine.size()) return 0;
-        if (szStamp[n] == 'd' ? !isdigit((unsigned char)strLine[n]) : strLine[n] != szStamp[n]) return 0;
-    }
-    auto Digits = [&](size_t& i) {
-        size_t nFrom = i;
-        while (i < strLine.size() && isdigit((unsigned char)strLine[i])) i++;
-        return i > nFrom;
-    };
-    auto Literal = [&](size_t& i, const char* lpText) {
-        size_t nLen = strlen(lpText);
-        if (strLine.compare(i, nLen, lpText) != 0) return false;
-        i += nLen;
-        return true;
-    };
-    if (!Digits(n) || !Literal(n, "\t")) return 0;                       // thread
-    if (n >= strLine.size() || (strLine[n] != ' ' && strLine[n] != '-')) return 0;
-    n++;
-    if (!Digits(n) || !Literal(n, "   ")) return 0;                       // level
-    while (n < strLine.size() && strLine[n] == ' ') n++;
-    if (n < strLine.size() && strLine[n] == '-') n++;
-    if (!Digits(n) || !Literal(n, " ")) return 0;                         // code
-    while (n < strLine.size() && !isspace((unsigned char)strLine[n])) n++;  // function
-    if (!Literal(n, " ")) return 0;
-    return n;
-}
-
 // Teardown while other threads trace: no line may touch a freed manager,
 // and every line is written whole once, or counted in a note of the lines
 // the queue dropped or could not write. Each thread traces a few numbered
@@ -329,35 +271,23 @@ TEST_F(TraceLog, TeardownWhileOthersTraceIsSafe)
     size_t nTorn = 0;
     auto Harvest = [&] {
         for (const std::string& strFile : Series("TalvorStorage")) {
-            std::string strBody = BodyOf(ReadWholeFile(strFile));
+            std::vector<TraceLine> lines;
+            if (!ParseLines(BodyOf(ReadWholeFile(strFile)), lines) && ++nTorn < 5)
+                ADD_FAILURE() << "torn line in " << strFile;
             unlink(strFile.c_str());
-            for (size_t nPos = 0; nPos < strBody.size();) {
-                size_t nNext = strBody.find("\r\n", nPos + 2);
-                if (strBody.compare(nPos, 2, "\r\n") != 0) {
-                    if (++nTorn < 5) ADD_FAILURE() << "no line start at " << nPos << " of " << strFile;
-                    nPos = nNext == std::string::npos ? strBody.size() : nNext;
-                    continue;
-                }
-                std::string strLine =
-                    strBody.substr(nPos + 2, nNext == std::string::npos ? std::string::npos : nNext - nPos - 2);
-                nPos = nNext == std::string::npos ? strBody.size() : nNext;
-                size_t nTitle = TitleLength(strLine);
-                if (nTitle == 0) {
-                    if (++nTorn < 5) ADD_FAILURE() << "torn line: " << strLine;
-                    continue;
-                }
-                std::string strText = strLine.substr(nTitle);
+            for (const TraceLine& line : lines) {
+                const char* lpText = line.m_strText.c_str();
                 int t = -1;
                 long long nSeq = -1;
                 char cAfter = 0;
                 unsigned nCount = 0;
-                if (sscanf(strText.c_str(), "busy %d %lld%c", &t, &nSeq, &cAfter) == 2) {
+                if (sscanf(lpText, "busy %d %lld%c", &t, &nSeq, &cAfter) == 2) {
                     mapSeen[{t, nSeq}]++;
-                } else if (sscanf(strText.c_str(), "The trace queue was full (%*d bytes): %u lines were dropped", &nCount) == 1 ||
-                           sscanf(strText.c_str(), "%u trace lines were lost", &nCount) == 1) {
+                } else if (sscanf(lpText, "The trace queue was full (%*d bytes): %u lines were dropped", &nCount) == 1 ||
+                           sscanf(lpText, "%u trace lines were lost", &nCount) == 1) {
                     nAccounted += nCount;
-                } else if (strText.compare(0, 5, "busy ") == 0) {
-                    if (++nTorn < 5) ADD_FAILURE() << "torn text: " << strText;
+                } else if (line.m_strText.compare(0, 5, "busy ") == 0) {
+                    if (++nTorn < 5) ADD_FAILURE() << "torn text: " << line.m_strText;
                 }
             }
         }

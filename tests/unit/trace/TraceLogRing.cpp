@@ -26,14 +26,6 @@ protected:
     void OpenRings(int nCacheMiB = 0) { ASSERT_TRUE(m_pLog->InitLogEnvironment(nullptr, nCacheMiB)); }
     LPFILE_TRACEMEMFILEHEAD Ring() const { return (LPFILE_TRACEMEMFILEHEAD)m_pLog->m_pTraceFileAddr; }
 
-    void UseFileMaxSize(int nBytes)
-    {
-        m_vHead.assign(sizeof(SYSTEMFILEHEAD), 0);
-        LPSYSTEMFILEHEAD lpHead = (LPSYSTEMFILEHEAD)m_vHead.data();
-        lpHead->m_nWriteTraceMaxSize = nBytes;
-        m_pLog->m_pMemoryFileHead = lpHead;
-    }
-
     // Writes all of it as the engine would, letting the copier make room.
     void Produce(const std::string& strData, bool bCopyInline)
     {
@@ -63,7 +55,6 @@ protected:
     }
 
     CLogManager* m_pLog = nullptr;
-    std::vector<BYTE> m_vHead;
 };
 
 TEST_F(TraceLogRing, NewRingsGetTheirHeads)
