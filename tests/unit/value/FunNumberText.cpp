@@ -70,6 +70,7 @@ TEST(FunNumberText, BasesKeepTheSignBitAndEveryDigit)
         FunArg n = RandomNumberArg(rng);
         static const int kBases[] = {2, 8, 10, 16, 36, -2, -10, -16, -36, 1, 37, 0};
         FunArg from = ArgInt(kBases[rng() % 12]), to = ArgInt(kBases[rng() % 12]);
+        if (rng() % 12 == 0) (rng() % 2 ? from : to) = ArgNull();
         FunArg digits = rng() % 10 == 0 ? ArgNull() : ArgText(rng() % 2 ? "-1aZ" : (rng() % 2 ? "ff" : "777"));
         AddRows(batch, vRows, [&](char c) {
             return c == 'n' ? n : c == 'd' ? digits : c == 'f' ? from : c == 't' ? to : ArgInt(10);

@@ -84,6 +84,7 @@ TEST(FunTypesSystem, ConvertToACharacterSetGivesTheServersBytes)
     }
     batch.Add("CAST(? AS SIGNED)", {ArgDec("-1.50")}, CastTo(TALVOR_VT_BIGINT));
     batch.Add("CAST(? AS SIGNED)", {ArgText("42")}, CastTo(TALVOR_VT_BIGINT));
+    batch.Add("CAST(? AS SIGNED)", {ArgNull()}, CastTo(TALVOR_VT_BIGINT));
     batch.Add("CAST(? AS DATE)", {ArgText("2024-02-29")}, CastTo(TALVOR_VT_DATE));
     batch.Check();
 
