@@ -142,7 +142,7 @@ for line in sys.stdin:
             print(max(-2**63, min(2**63 - 1, r)))
         else:
             print("?")
-    except InvalidOperation:
+    except (InvalidOperation, ZeroDivisionError):
         print("invalid")
     sys.stdout.flush()
 )PY";
@@ -275,26 +275,24 @@ TEST(DecimalReference, ParseAgainstLibmpdec)
     for (size_t i = 0; i < vTexts.size(); ++i) EXPECT_EQ(Describe(Parse(vTexts[i])), vRef[i]) << vTexts[i];
 }
 
+// Quotients compare by value, and their text (9 places, or 9 significant
+// digits below one) against libmpdec's quantize of the same quotient.
 TEST(DecimalReference, ArithmeticAgainstLibmpdec)
 {
     ValueMaker mk(29);
-    std::vector<std::string> vLines;
-    std::vector<std::pair<std::string, std::string>> vPairs;
+    const std::string strNines(36, '9');
+    std::vector<std::pair<std::string, std::string>> vPairs = {{strNines, "1"}, {strNines, "0.5"},
+        {"1", "0." + std::string(35, '0') + "1"}, {"1.5", "-1.5"}, {"1E100", "1E100"},
+        {strNines + "E127", strNines + "E127"}, {"1E-100", "1E-100"}, {"1", "3"}, {"10", "4"}, {"2", "3"},
+        {"1E-120", "7"}, {"1E120", "1E-20"}, {strNines, "1." + std::string(35, '0') + "1"}};
     for (int i = 0; i < 4000; ++i) vPairs.push_back({mk.Value(), mk.Value()});
-    vPairs.push_back({std::string(36, '9'), "1"});
-    vPairs.push_back({std::string(36, '9'), "0.5"});
-    vPairs.push_back({"1", "0." + std::string(35, '0') + "1"});
-    vPairs.push_back({"1.5", "-1.5"});
-    vPairs.push_back({"1E100", "1E100"});
-    vPairs.push_back({std::string(36, '9') + "E127", std::string(36, '9') + "E127"});
-    vPairs.push_back({"1E-100", "1E-100"});
-    const char* arOps[] = {"add", "sub", "mul", "mod", "cmp"};
+    std::vector<std::string> vLines;
     for (auto& p : vPairs) {
         p.first = Canonical(Parse(p.first));
         p.second = Canonical(Parse(p.second));
+        for (const char* op : {"add", "sub", "mul", "mod", "cmp", "div"})
+            vLines.push_back(std::string(op) + "|" + p.first + "|" + p.second);
     }
-    for (const auto& p : vPairs)
-        for (const char* op : arOps) vLines.push_back(std::string(op) + "|" + p.first + "|" + p.second);
     std::vector<std::string> vRef = RunReference(vLines);
     size_t n = 0;
     for (const auto& p : vPairs) {
@@ -311,49 +309,25 @@ TEST(DecimalReference, ArithmeticAgainstLibmpdec)
         EXPECT_EQ(Describe(c), vRef[n++]) << "mul " << strCase;
         EXPECT_EQ(nMul, c.m_vt == TALVOR_VT_NULL ? TALVOR_ERROR_DECIMAL_PRECISION : 0);
         std::string strMod = vRef[n++];
+        bool bZero = CTalvorDecimal::IsZero(&a) || CTalvorDecimal::IsZero(&b);
         if (!CTalvorDecimal::IsZero(&b) && strMod != "invalid") {
             CTalvorDecimal::Mod(&a, &b, &c);
             EXPECT_EQ(Describe(c), strMod) << "mod " << strCase;
         }
         EXPECT_EQ(std::to_string(CTalvorDecimal::Compare(&a, &b)), vRef[n++]) << "cmp " << strCase;
-    }
-}
-
-// Quotients compare by value, and their text (9 places, or 9 significant
-// digits below one) against libmpdec's quantize of the same quotient.
-TEST(DecimalReference, DivisionAgainstLibmpdec)
-{
-    ValueMaker mk(47);
-    std::vector<std::pair<std::string, std::string>> vPairs = {{"1", "3"}, {"10", "4"}, {"2", "3"},
-        {"1E-120", "7"}, {"1E120", "1E-20"}, {std::string(36, '9'), "1." + std::string(35, '0') + "1"}};
-    for (int i = 0; i < 3000; ++i) {
-        std::string b = mk.Value();
-        st_VARDATA vb = Parse(b);
-        if (CTalvorDecimal::IsZero(&vb)) continue;
-        vPairs.push_back({mk.Value(), b});
-    }
-    std::vector<std::string> vLines;
-    for (auto& p : vPairs) {
-        p.first = Canonical(Parse(p.first));
-        p.second = Canonical(Parse(p.second));
-        vLines.push_back("div|" + p.first + "|" + p.second);
-    }
-    std::vector<std::string> vRef = RunReference(vLines);
-    for (size_t i = 0; i < vPairs.size(); ++i) {
-        st_VARDATA a = Parse(vPairs[i].first), b = Parse(vPairs[i].second), c;
-        if (CTalvorDecimal::IsZero(&a)) continue;
-        int nResult = CTalvorDecimal::Div(&a, &b, &c);
-        std::string strCase = vPairs[i].first + " / " + vPairs[i].second;
-        size_t nBar = vRef[i].find('|');
-        EXPECT_EQ(Normalized(c), vRef[i].substr(0, nBar)) << strCase;
+        const std::string& strDiv = vRef[n++];
+        if (bZero) continue;
+        int nDiv = CTalvorDecimal::Div(&a, &b, &c);
+        size_t nBar = strDiv.find('|');
+        EXPECT_EQ(Normalized(c), strDiv.substr(0, nBar)) << "div " << strCase;
         if (c.m_vt != TALVOR_VT_DECIMAL) {
-            EXPECT_EQ(nResult, TALVOR_ERROR_DECIMAL_PRECISION) << strCase;
+            EXPECT_EQ(nDiv, TALVOR_ERROR_DECIMAL_PRECISION) << strCase;
             continue;
         }
         EXPECT_EQ(c.m_bValid, TALVOR_DECIMAL_LIMBS) << strCase;
         EXPECT_EQ(c.m_bPrecison, TALVOR_DECIMAL_QUOTIENT);
         if (c.m_bScale > 9) {
-            EXPECT_EQ(Print(c), vRef[i].substr(nBar + 1)) << strCase;
+            EXPECT_EQ(Print(c), strDiv.substr(nBar + 1)) << "div " << strCase;
         }
     }
 }
@@ -418,9 +392,6 @@ TEST(DecimalRules, CleanAndValidLimbs)
 TEST(DecimalRules, OverflowGivesCodesNeverWrongNumbers)
 {
     st_VARDATA big = Parse(std::string(36, '9') + "E127"), one = Parse("1"), c;
-    EXPECT_EQ(CTalvorDecimal::Zoom(&one, &c, 36, TRUE), TALVOR_ERROR_DECIMAL_PRECISION);
-    EXPECT_EQ(c.m_vt, TALVOR_VT_NULL);
-    EXPECT_EQ(CTalvorDecimal::Zoom(&one, &c, 35, TRUE), 0);
     EXPECT_EQ(CTalvorDecimal::Zoom(&one, &c, (char)-128, TRUE), TALVOR_ERROR_DECIMAL_PRECISION);
     EXPECT_EQ(CTalvorDecimal::Ceil(&big, &c), TALVOR_ERROR_DECIMAL_PRECISION);
     // A zero divisor has no quotient and no remainder: NULL, not a code.
