@@ -211,24 +211,11 @@ TEST(FunDate, NullInGivesNullOut)
     CTalvorBufferPool pool;
     typedef int (*Unary)(CTalvorBufferPool*, VARDATA&, VARDATA&);
     typedef int (*Binary)(CTalvorBufferPool*, VARDATA&, VARDATA&, VARDATA&);
-    const Unary arUnary[] = {CBaseFunManager::Date,
-                             CBaseFunManager::Time,
-                             CBaseFunManager::From_UnixTime,
-                             CBaseFunManager::Unix_TimeStamp,
-                             CBaseFunManager::From_Days,
-                             CBaseFunManager::To_Days,
-                             CBaseFunManager::To_Seconds,
-                             CBaseFunManager::Last_Day,
-                             CBaseFunManager::Sec_To_Time,
-                             CBaseFunManager::Time_To_Sec,
-                             CBaseFunManager::TalvorTimeStamp,
-                             CBaseFunManager::YearWeek,
-                             CBaseFunManager::ConvertToDateTime};
-    const Binary arBinary[] = {
-        CBaseFunManager::ToDate,          CBaseFunManager::DateFuntion, CBaseFunManager::From_UnixTime,
-        CBaseFunManager::DateDiff,        CBaseFunManager::MakeDate,    CBaseFunManager::TimeDiff,
-        CBaseFunManager::TalvorTimeStamp, CBaseFunManager::Period_Diff, CBaseFunManager::PeriodAdd,
-        CBaseFunManager::YearWeek,        CBaseFunManager::Time_Format};
+    const Unary arUnary[] = {F::Date, F::Time, F::From_UnixTime, F::Unix_TimeStamp, F::From_Days, F::To_Days,
+                             F::To_Seconds, F::Last_Day, F::Sec_To_Time, F::Time_To_Sec, F::TalvorTimeStamp,
+                             F::YearWeek, F::ConvertToDateTime};
+    const Binary arBinary[] = {F::ToDate, F::DateFuntion, F::From_UnixTime, F::DateDiff, F::MakeDate, F::TimeDiff,
+                               F::TalvorTimeStamp, F::Period_Diff, F::PeriodAdd, F::YearWeek, F::Time_Format};
     for (size_t i = 0; i < sizeof(arUnary) / sizeof(arUnary[0]); ++i) {
         VARDATA a = Null(), r = Int(7);
         EXPECT_EQ(arUnary[i](&pool, a, r), 0) << i;
@@ -250,9 +237,9 @@ TEST(FunDate, NullInGivesNullOut)
     ExpectNullResult([&](VARDATA& x) { return F::TimeStampDiff(&pool, 8, a, b, x); }, "TIMESTAMPDIFF");
     ExpectNullResult([&](VARDATA& x) { return F::MakeTime(&pool, b, a, b, x); }, "MAKETIME");
     // Wrong numbers are refused, not guessed.
-    EXPECT_EQ(CBaseFunManager::DateFuntion(&pool, b, r, 100), TALVOR_FUN_BAD_FUNCTION);
-    EXPECT_EQ(CBaseFunManager::Extract(&pool, 99, b, r), TALVOR_DATE_BAD_INTERVAL);
-    EXPECT_EQ(CBaseFunManager::TimeFuntion(&pool, b, r, 146), TALVOR_FUN_BAD_FUNCTION);
+    EXPECT_EQ(F::DateFuntion(&pool, b, r, 100), TALVOR_FUN_BAD_FUNCTION);
+    EXPECT_EQ(F::Extract(&pool, 99, b, r), TALVOR_DATE_BAD_INTERVAL);
+    EXPECT_EQ(F::TimeFuntion(&pool, b, r, 146), TALVOR_FUN_BAD_FUNCTION);
 }
 
 // Date arithmetic against Debian's MariaDB on generated dates and amounts:

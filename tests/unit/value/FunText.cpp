@@ -177,8 +177,7 @@ TEST(FunText, ListsAndSetsPickTheMembersTheBitsName)
         {"FIELD(" FOLD ", " FOLD ", " FOLD ", " FOLD ")", "kabc", OfN(&CBaseFunManager::TalvorField)},
         {"FIELD(?, ?, ?)", "iii", OfN(&CBaseFunManager::TalvorField)},
         {"HEX(CHAR(?, ?))", "pw", [](Pool* pool, Args& v, VARDATA& r) {
-             VARDATA c;
-             c.Init();
+             VARDATA c = Null();
              int n = g_fun.TalvorChar(pool, 2, v.data(), c);
              return n != 0 ? n : g_fun.Hex(pool, c, r);
          }}};
@@ -258,10 +257,7 @@ TEST(FunText, ExtractValueTakesTheDirectTextOfEveryMatch)
 TEST(FunText, GrowingResultsAboveTheBoundAreNullNotAllocated)
 {
     CTalvorBufferPool pool;
-    VARDATA n, s, r;
-    n.Init();
-    s.Init();
-    r.Init();
+    VARDATA n = Null(), s = Null(), r = Null();
     n.SetData((long long)TALVOR_FUN_MAX_RESULT);
     ASSERT_EQ(g_fun.Space(&pool, n, r), 0);
     ASSERT_EQ(Val(r.m_vt), TALVOR_VT_TEXT);
@@ -293,9 +289,7 @@ TEST(FunText, GrowingResultsAboveTheBoundAreNullNotAllocated)
 // A pool that gives nothing is reported, never written through.
 TEST(FunText, NoMemoryIsReportedAndLeavesNull)
 {
-    VARDATA a, r;
-    a.Init();
-    r.Init();
+    VARDATA a = Null(), r = Null();
     char sz[] = "abc";
     a.AttachString(sz, 3, TALVOR_VT_TEXT);
     EXPECT_EQ(g_fun.Reverse(nullptr, a, r), TALVOR_VARDATA_NO_MEMORY);
@@ -428,8 +422,7 @@ TEST(FunNumberText, UnhexTakesPairsAndRefusesOtherCharacters)
         for (int k = (int)(rng() % 7); k > 0; --k) s += kDigits[rng() % 11];
         FunArg a = rng() % 12 == 0 ? ArgNull() : ArgText(s);
         batch.Add("HEX(UNHEX(?))", {a}, [](Pool* pool, Args& v, VARDATA& r) {
-            VARDATA b;
-            b.Init();
+            VARDATA b = Null();
             int n = g_fun.UnHex(pool, v[0], b);
             return n != 0 ? n : g_fun.Hex(pool, b, r);
         });
@@ -487,9 +480,7 @@ TEST(FunNumberText, NumberToCharTakesItsPlacesFromTheFormat)
     batch.Check();
 
     CTalvorBufferPool pool;
-    VARDATA x, r;
-    x.Init();
-    r.Init();
+    VARDATA x = Null(), r = Null();
     x.SetData(1.25);
     ASSERT_EQ(g_fun.NumberToChar(&pool, x, "9.9.9", r), 0);
     EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL) << "a second point names no format";

@@ -74,8 +74,7 @@ TEST(FunTypesSystem, ConvertToACharacterSetGivesTheServersBytes)
         for (const char* lpszSet : {"latin1", "utf16"}) {
             std::string strExpr = std::string("HEX(CONVERT(? USING ") + lpszSet + "))";
             batch.Add(strExpr, {ArgText(lpsz)}, [lpszSet](Pool* pool, Args& v, VARDATA& r) {
-                VARDATA c;
-                c.Init();
+                VARDATA c = Null();
                 const char* lpszIconv = strcmp(lpszSet, "utf16") == 0 ? "UTF-16BE" : "LATIN1";
                 int n = g_fun.ConvertOrCast(pool, v[0], TALVOR_VT_VARTEXT, lpszIconv, c);
                 return n != 0 ? n : g_fun.Hex(pool, c, r);
@@ -89,9 +88,7 @@ TEST(FunTypesSystem, ConvertToACharacterSetGivesTheServersBytes)
     batch.Check();
 
     CTalvorBufferPool pool;
-    VARDATA s, r;
-    s.Init();
-    r.Init();
+    VARDATA s = Null(), r = Null();
     char sz[] = "\xe4\xb8\xad";
     s.AttachString(sz, 3, TALVOR_VT_TEXT);
     ASSERT_EQ(g_fun.ConvertOrCast(&pool, s, TALVOR_VT_VARTEXT, "LATIN1", r), 0);
@@ -158,8 +155,7 @@ TEST(FunTypesSystem, UuidIsFreshLowerCaseTextOfItsForm)
     CTalvorBufferPool pool;
     std::set<std::string> seen;
     for (int i = 0; i < 100; ++i) {
-        VARDATA r;
-        r.Init();
+        VARDATA r = Null();
         ASSERT_EQ(g_fun.GetUUID(&pool, r), 0);
         ASSERT_EQ(Val(r.m_nStrLen), 36);
         std::string s(r.m_lpszValue, 36);
@@ -175,9 +171,7 @@ TEST(FunTypesSystem, UuidIsFreshLowerCaseTextOfItsForm)
 TEST(FunTypesSystem, SleepWaitsItsSecondsAndANegativeOneNot)
 {
     CTalvorBufferPool pool;
-    VARDATA s, r;
-    s.Init();
-    r.Init();
+    VARDATA s = Null(), r = Null();
     s.SetData(-5.0);
     auto t0 = std::chrono::steady_clock::now();
     ASSERT_EQ(g_fun.TalvorSleep(&pool, s, r), 0);
@@ -199,9 +193,7 @@ TEST(FunTypesSystem, NodeIdsComeFromTheRelationKey)
     CTalvorBufferPool pool;
     unsigned char key[16];
     for (int i = 0; i < 16; ++i) key[i] = (unsigned char)(i < 8 ? 0x10 + i : 0xF0 + i - 8);
-    VARDATA k, r;
-    k.Init();
-    r.Init();
+    VARDATA k = Null(), r = Null();
     k.AttachBinaryData(key, 16, FALSE);
     ASSERT_EQ(g_fun.StartNodeID(&pool, k, r), 0);
     EXPECT_EQ(Val(r.m_llValue), 0x1716151413121110LL);
@@ -310,12 +302,7 @@ TEST(FunChoice, GreatestOfAnIntegerAndADecimalComparesTheirValues)
 {
     CBaseFunManager fun;
     CTalvorBufferPool pool;
-    VARDATA v[2], r;
-    v[0].Init();
-    v[1].Init();
-    r.Init();
-    v[0].SetData(3);
-    CTalvorDecimal::Convert2Decimal("2.5", &v[1]);
+    VARDATA v[2] = {Int(3), Dec("2.5")}, r = Null();
     ASSERT_EQ(fun.Greatest(&pool, 2, v, r), 0);
     EXPECT_EQ(Val(r.m_vt), TALVOR_VT_DECIMAL);
     EXPECT_EQ(CTalvorDecimal::Convert2Int(&r, TRUE), 3);
