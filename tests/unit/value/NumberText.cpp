@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -49,7 +48,6 @@ TEST(BaseConversion, AgreesWithStrtoullAndPrintf) {
         // Unsigned write, then read back through the C library.
         const int n = ConvDecimalToSpecifiedString((long long)ullValue, nBase, szOut);
         ASSERT_EQ(n, (int)strlen(szOut));
-        errno = 0;
         ASSERT_EQ(strtoull(szOut, nullptr, nBase), ullValue) << szOut << " base " << nBase;
         // And our reader, from a lower-case copy.
         std::string strLower = szOut;
@@ -157,7 +155,6 @@ TEST(DecimalText, IntegersAgainstStrtoll)
         long long ll = (long long)(rng() >> (rng() % 64));
         if (i % 2) ll = -ll;
         std::string s = std::to_string(ll);
-        errno = 0;
         long long llRef = strtoll(s.c_str(), nullptr, 10);
         EXPECT_EQ(StringToLongLong(s.c_str()), llRef) << s;
         long long llInt = llRef > INT_MAX ? INT_MAX : llRef < INT_MIN ? INT_MIN : llRef;
