@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 
 using namespace talvortest;
 using talvortest::Val;
@@ -258,32 +259,25 @@ TEST(FunText, GrowingResultsAboveTheBoundAreNullNotAllocated)
 {
     CTalvorBufferPool pool;
     VARDATA n = Null(), s = Null(), r = Null();
-    n.SetData((long long)TALVOR_FUN_MAX_RESULT);
-    ASSERT_EQ(g_fun.Space(&pool, n, r), 0);
-    ASSERT_EQ(Val(r.m_vt), TALVOR_VT_TEXT);
-    EXPECT_EQ(Val(r.m_nStrLen), TALVOR_FUN_MAX_RESULT);
-    EXPECT_EQ(r.m_lpszValue[TALVOR_FUN_MAX_RESULT - 1], ' ');
-    n.SetData((long long)TALVOR_FUN_MAX_RESULT + 1);
-    ASSERT_EQ(g_fun.Space(&pool, n, r), 0);
-    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
-    n.SetData(9223372036854775807LL);
-    ASSERT_EQ(g_fun.Space(&pool, n, r), 0);
-    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
-
     char ab[] = "ab";
     s.AttachString(ab, 2, TALVOR_VT_TEXT);
-    n.SetData((long long)TALVOR_FUN_MAX_RESULT / 2);
-    ASSERT_EQ(g_fun.Repeat(&pool, s, n, r), 0);
-    EXPECT_EQ(Val(r.m_nStrLen), TALVOR_FUN_MAX_RESULT);
-    n.SetData((long long)TALVOR_FUN_MAX_RESULT / 2 + 1);
-    ASSERT_EQ(g_fun.Repeat(&pool, s, n, r), 0);
-    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
-    n.SetData(4611686018427387904LL);  // times 2 bytes wraps 64 bits
-    ASSERT_EQ(g_fun.Repeat(&pool, s, n, r), 0);
-    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
-    n.SetData(2147483647LL);
-    ASSERT_EQ(g_fun.LRPad(&pool, s, n, s, TRUE, r), 0);
-    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+    const long long kMax = TALVOR_FUN_MAX_RESULT;
+    // SPACE(n), REPEAT('ab', n) and LPAD('ab', n, 'ab'): the length, -1 for
+    // NULL. 2^62 times two bytes wraps 64 bits.
+    struct { int m_nMember; long long m_n; long long m_nLen; } arCases[] = {{0, kMax, kMax}, {0, kMax + 1, -1},
+        {0, LLONG_MAX, -1}, {1, kMax / 2, kMax}, {1, kMax / 2 + 1, -1}, {1, 1LL << 62, -1}, {2, INT_MAX, -1}};
+    for (const auto& c : arCases) {
+        n.SetData(c.m_n);
+        ASSERT_EQ(c.m_nMember == 0   ? g_fun.Space(&pool, n, r)
+                  : c.m_nMember == 1 ? g_fun.Repeat(&pool, s, n, r)
+                                     : g_fun.LRPad(&pool, s, n, s, TRUE, r),
+                  0);
+        long long nLen = Val(r.m_vt) == TALVOR_VT_NULL ? -1 : Val(r.m_nStrLen);
+        EXPECT_EQ(nLen, c.m_nLen) << c.m_nMember << " " << c.m_n;
+        if (c.m_nLen > 0) {
+            EXPECT_EQ(r.m_lpszValue[kMax - 1], c.m_nMember == 0 ? ' ' : 'b');
+        }
+    }
 }
 
 // A pool that gives nothing is reported, never written through.
