@@ -109,11 +109,8 @@ TEST(DateReference, DayNumbersFieldsFormatsAndWeeks)
         ASSERT_EQ(CTalvorDate::ConvertParts(date, ref), 0) << vRef[i];
         EXPECT_EQ((long long)std::floor(date), smp.m_nDay) << vRef[i];
         ASSERT_EQ(CTalvorDate::ConvertDateTime(date, p), 0);
-        EXPECT_EQ(p.m_nYear, y);
-        EXPECT_EQ(p.m_nMonth, mo);
-        EXPECT_EQ(p.m_nDay, d);
-        EXPECT_EQ(p.m_nDayOfWeek, dow);
-        EXPECT_EQ(p.m_nDayOfYear, doy);
+        EXPECT_EQ(std::make_tuple(p.m_nYear, p.m_nMonth, p.m_nDay, p.m_nDayOfWeek, p.m_nDayOfYear),
+                  std::make_tuple(y, mo, d, dow, doy)) << vRef[i];
         long long nBack = ((p.m_nHour * 60LL + p.m_nMinute) * 60 + p.m_nSecond) * 1000000 + p.m_nMicrosecond;
         if (std::llabs(smp.m_nDay) < 65536) {
             EXPECT_EQ(nBack, smp.m_nMicros) << vRef[i];
@@ -132,8 +129,8 @@ TEST(DateReference, DayNumbersFieldsFormatsAndWeeks)
             ASSERT_EQ(CTalvorDate::ConvertParts(dUnit, unitParts), 0);
             TALVORDATEPARTS back;
             ASSERT_EQ(CTalvorDate::ConvertDateTime(dUnit, back), 0);
-            EXPECT_EQ(back.m_nSecond, unitParts.m_nSecond) << vRef[i];
-            EXPECT_EQ(back.m_nMicrosecond, unitParts.m_nMicrosecond) << vRef[i];
+            EXPECT_EQ(std::make_pair(back.m_nSecond, back.m_nMicrosecond),
+                      std::make_pair(unitParts.m_nSecond, unitParts.m_nMicrosecond)) << vRef[i];
             DATE dMillis;
             int nMillis = (int)(smp.m_nMicros / 1000 % 1000);
             ASSERT_EQ(CTalvorDate::ConvertVariantTime(dMillis, y, mo, d, h, mi, sec, nMillis), 0);
@@ -406,8 +403,8 @@ TEST(DateRules, IntervalAmountsAndTimeTexts)
         TALVORTIME t = {};
         ASSERT_EQ(CTalvorDate::ParseTime(t, c.m_lpszText, (int)strlen(c.m_lpszText)), c.m_nResult) << c.m_lpszText;
         if (c.m_nResult != 0) continue;
-        EXPECT_EQ(t.m_nDay * 10000 + t.m_bHour * 100 + t.m_bMintue, c.m_nDay * 10000 + c.m_nHour * 100 + c.m_nMinute)
-            << c.m_lpszText;
+        EXPECT_EQ(std::make_tuple((int)t.m_nDay, (int)t.m_bHour, (int)t.m_bMintue),
+                  std::make_tuple(c.m_nDay, c.m_nHour, c.m_nMinute)) << c.m_lpszText;
     }
 }
 
