@@ -259,11 +259,11 @@ TEST(DateRules, DayNumbersAndFixedForms)
     EXPECT_STREQ(sz, "12:00:00");
 }
 
+// Month ends of every kind are held against the server through the same
+// month walk; here these members' own keeping of the time and their limits.
 TEST(DateRules, MonthArithmeticClampsTheDay)
 {
     DATE r;
-    ASSERT_EQ(CTalvorDate::AddMonths(Make(2021, 1, 31), 1, r), 0);
-    EXPECT_EQ(Text(r), "2021-02-28 00:00:00");
     ASSERT_EQ(CTalvorDate::AddMonths(Make(2020, 1, 31, 10, 0, 0), 1, r), 0);
     EXPECT_EQ(Text(r), "2020-02-29 10:00:00");
     EXPECT_EQ(CTalvorDate::AddMonths(Make(9999, 12, 1), 1, r), TALVOR_DATE_INVALID_DATA);

@@ -14,17 +14,10 @@
 #include <string>
 
 TEST(NumberKinds, IsNumberAndToDouble) {
-    EXPECT_EQ(IsNumber(""), 1);
-    EXPECT_EQ(IsNumber("-123"), 1);
-    EXPECT_EQ(IsNumber("12.5"), 3);
-    EXPECT_EQ(IsNumber("-.5"), 3);
-    EXPECT_EQ(IsNumber("1.2.3"), 0);
-    EXPECT_EQ(IsNumber("0x1F"), 2);
-    EXPECT_EQ(IsNumber("0xZ"), 0);
-    EXPECT_EQ(IsNumber("ff"), 2);
-    for (const char* s : {"10K", "10kb", "3M", "3Mb", "1g", "2TB"}) EXPECT_EQ(IsNumber(s), 2) << s;
-    EXPECT_EQ(IsNumber("10KBB"), 0);
-    EXPECT_EQ(IsNumber("12x"), 0);
+    for (const char* s : {"", "-123"}) EXPECT_EQ(IsNumber(s), 1) << s;
+    for (const char* s : {"12.5", "-.5"}) EXPECT_EQ(IsNumber(s), 3) << s;
+    for (const char* s : {"0x1F", "ff", "10K", "10kb", "3M", "3Mb", "1g", "2TB"}) EXPECT_EQ(IsNumber(s), 2) << s;
+    for (const char* s : {"1.2.3", "0xZ", "10KBB", "12x"}) EXPECT_EQ(IsNumber(s), 0) << s;
     EXPECT_EQ(IsNumber(nullptr), 0);
     EXPECT_DOUBLE_EQ(ToDouble("-12.25"), -12.25);
     EXPECT_DOUBLE_EQ(ToDouble("10K"), 0.0);
@@ -163,13 +156,9 @@ TEST(DecimalText, IntegersAgainstStrtoll)
     }
     EXPECT_EQ(StringToLongLong("99999999999999999999"), LLONG_MAX);
     EXPECT_EQ(StringToLongLong("-99999999999999999999"), LLONG_MIN);
-    EXPECT_EQ(StringToInt(" 77 "), 77);
-    EXPECT_EQ(StringToInt("12.9"), 12);
-    EXPECT_EQ(StringToInt("-12.9"), -12);
-    EXPECT_EQ(StringToInt("1e3"), 1000);
-    EXPECT_EQ(StringToInt("0x10"), 16);
-    EXPECT_EQ(StringToInt("abc"), 0);
-    EXPECT_EQ(StringToInt(nullptr), 0);
+    struct { const char* m_lpszText; int m_nValue; } arInts[] = {
+        {" 77 ", 77}, {"12.9", 12}, {"-12.9", -12}, {"1e3", 1000}, {"0x10", 16}, {"abc", 0}, {nullptr, 0}};
+    for (const auto& c : arInts) EXPECT_EQ(StringToInt(c.m_lpszText), c.m_nValue) << c.m_nValue;
 }
 
 TEST(DecimalText, SizeSuffixes)

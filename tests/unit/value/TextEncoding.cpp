@@ -309,17 +309,11 @@ TEST(CollationNames, TableQuotingCaseAndFallbacks) {
 }
 
 TEST(CharacterSetNames, TableAndLatin) {
-    EXPECT_EQ(GetCharacterset("utf8", 4), 33);
-    EXPECT_EQ(GetCharacterset("`UTF8MB4`", 9), 45);
-    EXPECT_EQ(GetCharacterset("'gb2312'", 8), 24);
-    EXPECT_EQ(GetCharacterset("GBK", 3), 28);
-    EXPECT_EQ(GetCharacterset("\"gb18030\"", 9), 248);
-    EXPECT_EQ(GetCharacterset("Binary", 6), 63);
-    EXPECT_EQ(GetCharacterset("latin1", 6), 8);
-    EXPECT_EQ(GetCharacterset("LATIN7", 6), 8);
-    EXPECT_EQ(GetCharacterset("lati", 4), 33);
-    EXPECT_EQ(GetCharacterset("utf8m", 5), 33);
-    EXPECT_EQ(GetCharacterset("(", 1), 33);
+    struct { const char* m_lpszName; int m_nId; } arSets[] = {{"utf8", 33}, {"`UTF8MB4`", 45}, {"'gb2312'", 24},
+        {"GBK", 28}, {"\"gb18030\"", 248}, {"Binary", 63}, {"latin1", 8}, {"LATIN7", 8}, {"lati", 33},
+        {"utf8m", 33}, {"(", 33}};
+    for (const auto& c : arSets)
+        EXPECT_EQ(GetCharacterset(c.m_lpszName, (int)strlen(c.m_lpszName)), c.m_nId) << c.m_lpszName;
 }
 
 TEST(WideText, PoolCopyAgreesWithIconvAndStaysInThePool) {
