@@ -389,15 +389,13 @@ TEST(DecimalRules, OverflowGivesCodesNeverWrongNumbers)
 TEST(DecimalRules, TextForms)
 {
     st_VARDATA v;
-    EXPECT_EQ(CTalvorDecimal::Convert2Decimal("NaN", &v), 0);
-    EXPECT_EQ(v.m_vt, TALVOR_VT_NULL);
-    EXPECT_EQ(CTalvorDecimal::Convert2Decimal(" na ", &v), 0);
-    EXPECT_EQ(v.m_vt, TALVOR_VT_NULL);
-    EXPECT_EQ(CTalvorDecimal::Convert2Decimal("null", &v), TALVOR_ERROR_DECIMAL_LOAD);
-    EXPECT_EQ(v.m_vt, TALVOR_VT_NULL);
-    for (const char* s : {"", "-", ".", "12a", "1e", "1e1234", "1.2.3", "e5", "0xZ"}) {
-        EXPECT_EQ(CTalvorDecimal::Convert2Decimal(s, &v), TALVOR_ERROR_DECIMAL_INVALID) << s;
-        EXPECT_EQ(v.m_vt, TALVOR_VT_NULL) << s;
+    const int BAD = TALVOR_ERROR_DECIMAL_INVALID;
+    struct { const char* m_lpszText; int m_nResult; } arNull[] = {{"NaN", 0}, {" na ", 0},
+        {"null", TALVOR_ERROR_DECIMAL_LOAD}, {"", BAD}, {"-", BAD}, {".", BAD}, {"12a", BAD}, {"1e", BAD},
+        {"1e1234", BAD}, {"1.2.3", BAD}, {"e5", BAD}, {"0xZ", BAD}};
+    for (const auto& c : arNull) {
+        EXPECT_EQ(CTalvorDecimal::Convert2Decimal(c.m_lpszText, &v), c.m_nResult) << c.m_lpszText;
+        EXPECT_EQ(v.m_vt, TALVOR_VT_NULL) << c.m_lpszText;
     }
     EXPECT_EQ(Print(Parse("-0x8000000000000000")), "-9223372036854775808");
     EXPECT_EQ(Print(Parse("0xFFFFFFFFFFFFFFFF")), "18446744073709551615");
