@@ -125,12 +125,9 @@ TEST(FunDate, TimesAndFormatsOfTimesMatchTheServer)
     // Fractions of a second are read apart from the time they follow.
     for (const char* t :
          {"100:20:30.25", "-12:00:00.000001", "12:00:00.5", "10.5", "2021-03-15 10:20:30.123456", "00:00:01.1234567"})
-        for (int nId : {419, 418, 417, 416}) {
-            const char* lpszName = nId == 419   ? "HOUR"
-                                   : nId == 418 ? "MINUTE"
-                                   : nId == 417 ? "SECOND"
-                                                : "MICROSECOND";
-            v.push_back(CallOn(pool, lpszName, Part(nId), {ArgText(t)}));
+        for (int u = 0; u < 4; ++u) {
+            const IntervalUnit& unit = kIntervalUnits[u];  // MICROSECOND to HOUR
+            v.push_back(CallOn(pool, unit.lpszName, Part(unit.nKeywordId), {ArgText(t)}));
         }
     const char* arLocales[] = {"USA", "JIS", "ISO", "EUR", "INTERNAL", "XYZ"};
     const char* arKinds[] = {"DATE", "TIME", "DATETIME", "TIMESTAMP"};
