@@ -374,8 +374,13 @@ DATE AddInterval(DATE date, const std::string& strInterval, BOOL bAdd, int& nRes
 // amounts it never sends: rounded ones, short compound ones, bad ones.
 TEST(DateRules, IntervalAmountsAndTimeTexts)
 {
-    struct { INTERVAL_TYPE m_eType; BYTE m_bValueType; const char* m_lpszAmount; int m_nResult; const char* m_lpszText; }
-        arCases[] = {{INTERVAL_DAY, 3, "1.5", 0, "2020-01-03 00:00:00"},
+    struct {
+        INTERVAL_TYPE m_eType;
+        BYTE m_bValueType;
+        const char* m_lpszAmount;
+        int m_nResult;
+        const char* m_lpszText;
+    } arCases[] = {{INTERVAL_DAY, 3, "1.5", 0, "2020-01-03 00:00:00"},
                      {INTERVAL_DAY, 240, "-1.5", 0, "2019-12-30 00:00:00"},
                      {INTERVAL_HOUR_MINUTE, 7, "5", 0, "2020-01-01 00:05:00"},
                      {INTERVAL_FRAC_SECOND, 1, "1500", 0, "2020-01-01 00:00:01"},
@@ -385,7 +390,8 @@ TEST(DateRules, IntervalAmountsAndTimeTexts)
                      {INTERVAL_HOUR_MINUTE, 7, "1:2:3", TALVOR_DATE_BAD_PARAMETER, nullptr}};
     int nResult;
     for (const auto& c : arCases) {
-        DATE d = AddInterval(Make(2020, 1, 1), Interval(c.m_eType, c.m_bValueType, c.m_lpszAmount), TRUE, nResult);
+        std::string strInterval = Interval(c.m_eType, c.m_bValueType, c.m_lpszAmount);
+        DATE d = AddInterval(Make(2020, 1, 1), strInterval, TRUE, nResult);
         EXPECT_EQ(nResult, c.m_nResult) << c.m_lpszAmount;
         if (c.m_lpszText != nullptr) {
             EXPECT_EQ(Text(d), c.m_lpszText) << c.m_lpszAmount;
@@ -401,7 +407,8 @@ TEST(DateRules, IntervalAmountsAndTimeTexts)
         {"10:x", TALVOR_DATE_BAD_FORMAT, 0, 0, 0}, {"4000:00:00", TALVOR_DATE_INVALID_DATA, 0, 0, 0}};
     for (const auto& c : arTimes) {
         TALVORTIME t = {};
-        ASSERT_EQ(CTalvorDate::ParseTime(t, c.m_lpszText, (int)strlen(c.m_lpszText)), c.m_nResult) << c.m_lpszText;
+        int nLen = (int)strlen(c.m_lpszText);
+        ASSERT_EQ(CTalvorDate::ParseTime(t, c.m_lpszText, nLen), c.m_nResult) << c.m_lpszText;
         if (c.m_nResult != 0) continue;
         EXPECT_EQ(std::make_tuple((int)t.m_nDay, (int)t.m_bHour, (int)t.m_bMintue),
                   std::make_tuple(c.m_nDay, c.m_nHour, c.m_nMinute)) << c.m_lpszText;
