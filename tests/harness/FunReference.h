@@ -327,11 +327,15 @@ inline FunCall OfN(FunN pfn)
     return [pfn](Pool* p, Args& a, VARDATA& r) { return pfn(p, (int)a.size(), a.data(), r); };
 }
 
+// A plan reuses its result slots: each case starts on a slot that holds 7,
+// so a member that leaves the slot as it was on a NULL shows 7, not NULL.
+inline VARDATA UsedSlot() { return Int(7); }
+
 // A member run on VARDATA arguments, as a case for the batch.
 inline FunCase Call(Pool& pool, const std::string& strSql, const Fn& fn, std::vector<VARDATA> vArgs,
                     CompareKind eKind = SAME_TEXT)
 {
-    VARDATA r = Null();
+    VARDATA r = UsedSlot();
     int nRet = fn(&pool, vArgs.data(), r);
     return Finish(strSql, nRet, r, eKind);
 }
@@ -345,8 +349,7 @@ public:
     {
         std::vector<VARDATA> v(vArgs.size());
         for (size_t i = 0; i < vArgs.size(); ++i) vArgs[i].ToVar(v[i]);
-        VARDATA r;
-        r.Init();
+        VARDATA r = UsedSlot();
         int nRet = fn(&m_pool, v, r);
         m_vCases.push_back(Finish(Fill(strExpr, vArgs), nRet, r, SAME_TEXT));
     }

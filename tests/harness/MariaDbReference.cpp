@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <string>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -35,23 +36,13 @@ bool IsSocket(const std::string& strPath)
     return stat(strPath.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
 }
 
-int HexDigit(char c)
-{
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    return -1;
-}
-
 bool FromHex(const std::string& strHex, std::string& strOut)
 {
-    if (strHex.size() % 2 != 0) return false;
+    if (strHex.size() % 2 != 0 || strHex.find_first_not_of("0123456789ABCDEFabcdef") != std::string::npos)
+        return false;
     strOut.clear();
-    for (size_t i = 0; i < strHex.size(); i += 2) {
-        int nHigh = HexDigit(strHex[i]), nLow = HexDigit(strHex[i + 1]);
-        if (nHigh < 0 || nLow < 0) return false;
-        strOut += static_cast<char>(nHigh * 16 + nLow);
-    }
+    for (size_t i = 0; i < strHex.size(); i += 2)
+        strOut += static_cast<char>(std::stoi(strHex.substr(i, 2), nullptr, 16));
     return true;
 }
 

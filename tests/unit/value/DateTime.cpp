@@ -1,5 +1,6 @@
 // Dates against Python's datetime and the C library (timegm, localtime_r,
-// strptime), on generated dates across years 1 to 9999.
+// strptime), on generated dates across years 1 to 9999, and the checks of
+// their parts.
 
 #include "PythonReference.h"
 #include "TalvorDate.h"
@@ -14,6 +15,7 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -64,8 +66,6 @@ std::vector<std::string> RunReference(const std::vector<std::string>& vLines)
     return vOut;
 }
 
-long long FloorDivDays(time_t t) { return t >= 0 ? t / 86400 : -((-(long long)t + 86399) / 86400); }
-
 struct Sample {
     long long m_nDay;
     long long m_nMicros;
@@ -108,18 +108,9 @@ TEST(DateReference, DayNumbersFieldsFormatsAndWeeks)
         DATE date = 0;
         ASSERT_EQ(CTalvorDate::ConvertParts(date, ref), 0) << vRef[i];
         EXPECT_EQ((long long)std::floor(date), smp.m_nDay) << vRef[i];
-        // The C library's count of days for the same calendar date.
-        struct tm t = {};
-        t.tm_year = y - 1900;
-        t.tm_mon = mo - 1;
-        t.tm_mday = d;
-        EXPECT_EQ(FloorDivDays(timegm(&t)) + TALVOR_DATE_UNIX_EPOCH, smp.m_nDay);
         ASSERT_EQ(CTalvorDate::ConvertDateTime(date, p), 0);
-        EXPECT_EQ(p.m_nYear, y);
-        EXPECT_EQ(p.m_nMonth, mo);
-        EXPECT_EQ(p.m_nDay, d);
-        EXPECT_EQ(p.m_nDayOfWeek, dow);
-        EXPECT_EQ(p.m_nDayOfYear, doy);
+        EXPECT_EQ(std::make_tuple(p.m_nYear, p.m_nMonth, p.m_nDay, p.m_nDayOfWeek, p.m_nDayOfYear),
+                  std::make_tuple(y, mo, d, dow, doy)) << vRef[i];
         long long nBack = ((p.m_nHour * 60LL + p.m_nMinute) * 60 + p.m_nSecond) * 1000000 + p.m_nMicrosecond;
         if (std::llabs(smp.m_nDay) < 65536) {
             EXPECT_EQ(nBack, smp.m_nMicros) << vRef[i];
@@ -138,8 +129,8 @@ TEST(DateReference, DayNumbersFieldsFormatsAndWeeks)
             ASSERT_EQ(CTalvorDate::ConvertParts(dUnit, unitParts), 0);
             TALVORDATEPARTS back;
             ASSERT_EQ(CTalvorDate::ConvertDateTime(dUnit, back), 0);
-            EXPECT_EQ(back.m_nSecond, unitParts.m_nSecond) << vRef[i];
-            EXPECT_EQ(back.m_nMicrosecond, unitParts.m_nMicrosecond) << vRef[i];
+            EXPECT_EQ(std::make_pair(back.m_nSecond, back.m_nMicrosecond),
+                      std::make_pair(unitParts.m_nSecond, unitParts.m_nMicrosecond)) << vRef[i];
             DATE dMillis;
             int nMillis = (int)(smp.m_nMicros / 1000 % 1000);
             ASSERT_EQ(CTalvorDate::ConvertVariantTime(dMillis, y, mo, d, h, mi, sec, nMillis), 0);
@@ -193,8 +184,19 @@ std::string Text(DATE date)
     return sz;
 }
 
-// Modes 4 and 6 (Sunday-first weeks counted by four days, numbered from 0
-// and from 1) have no strftime counterpart in the reference above.
+// Year to second of our parts and of the C library's, to compare at once.
+using Fields = std::tuple<int, int, int, int, int, int>;
+Fields FieldsOf(const TALVORDATEPARTS& p)
+{
+    return Fields(p.m_nYear, p.m_nMonth, p.m_nDay, p.m_nHour, p.m_nMinute, p.m_nSecond);
+}
+Fields FieldsOf(const struct tm& t)
+{
+    return Fields(t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+}
+
+// Mode 4 (Sunday-first weeks counted by four days, numbered from 0) has no
+// strftime counterpart above, and YEARWEEK always asks for mode 6.
 TEST(DateRules, WeekModesCountedByFourDays)
 {
     int nYear;
@@ -202,9 +204,6 @@ TEST(DateRules, WeekModesCountedByFourDays)
     // four days of 2014; 2015-01-01, a Thursday, has three in its week.
     EXPECT_EQ(CTalvorDate::CalcWeek(Parts(2014, 1, 1), 4, nYear), 1);
     EXPECT_EQ(CTalvorDate::CalcWeek(Parts(2015, 1, 1), 4, nYear), 0);
-    EXPECT_EQ(CTalvorDate::CalcWeek(Parts(2016, 1, 1), 4, nYear), 0);
-    EXPECT_EQ(CTalvorDate::CalcWeek(Parts(2016, 1, 1), 6, nYear), 52);
-    EXPECT_EQ(nYear, 2015);
 }
 
 // Free-form texts against strptime of the same text by a matching format.
@@ -221,12 +220,7 @@ TEST(DateReference, FreeFormParsingAgainstStrptime)
         ASSERT_NE(strptime(c.m_lpszText, c.m_lpszFormat, &t), nullptr) << c.m_lpszText;
         TALVORDATEPARTS p;
         ASSERT_EQ(parser.ParseDate(c.m_lpszText, (int)strlen(c.m_lpszText), p), 0) << c.m_lpszText;
-        EXPECT_EQ(p.m_nYear, t.tm_year + 1900) << c.m_lpszText;
-        EXPECT_EQ(p.m_nMonth, t.tm_mon + 1) << c.m_lpszText;
-        EXPECT_EQ(p.m_nDay, t.tm_mday) << c.m_lpszText;
-        EXPECT_EQ(p.m_nHour, t.tm_hour) << c.m_lpszText;
-        EXPECT_EQ(p.m_nMinute, t.tm_min) << c.m_lpszText;
-        EXPECT_EQ(p.m_nSecond, t.tm_sec) << c.m_lpszText;
+        EXPECT_EQ(FieldsOf(p), FieldsOf(t)) << c.m_lpszText;
     }
     TALVORDATEPARTS p;
     const char* lpsz = "2021-03-04 05:06:07.123";
@@ -251,13 +245,9 @@ TEST(DateReference, FreeFormParsingAgainstStrptime)
     for (const auto& c : arBad) EXPECT_EQ(parser.ParseDate(c.m_lpszText, (int)strlen(c.m_lpszText), p), c.m_nResult) << c.m_lpszText;
 }
 
+// Day numbers inside the years are held against datetime above.
 TEST(DateRules, DayNumbersAndFixedForms)
 {
-    EXPECT_EQ(Text(0.0), "1899-12-30 00:00:00");
-    EXPECT_EQ(Text(-1.0), "1899-12-29 00:00:00");
-    EXPECT_EQ(Text(25569.5), "1970-01-01 12:00:00");
-    EXPECT_EQ(Text(-109205.0), "1601-01-01 00:00:00");
-    EXPECT_EQ(Text(-0.75), "1899-12-29 06:00:00");
     EXPECT_EQ(Text(1e9), "9999-12-31 23:59:59");
     EXPECT_EQ(Text(-1e9), "0000-00-00 00:00:00");
     char sz[40];
@@ -269,17 +259,13 @@ TEST(DateRules, DayNumbersAndFixedForms)
     EXPECT_STREQ(sz, "12:00:00");
 }
 
+// Month ends of every kind are held against the server through the same
+// month walk; here these members' own keeping of the time and their limits.
 TEST(DateRules, MonthArithmeticClampsTheDay)
 {
     DATE r;
-    ASSERT_EQ(CTalvorDate::AddMonths(Make(2021, 1, 31), 1, r), 0);
-    EXPECT_EQ(Text(r), "2021-02-28 00:00:00");
     ASSERT_EQ(CTalvorDate::AddMonths(Make(2020, 1, 31, 10, 0, 0), 1, r), 0);
     EXPECT_EQ(Text(r), "2020-02-29 10:00:00");
-    ASSERT_EQ(CTalvorDate::AddMonths(Make(2021, 1, 15), -13, r), 0);
-    EXPECT_EQ(Text(r), "2019-12-15 00:00:00");
-    ASSERT_EQ(CTalvorDate::AddMonths(Make(2021, 3, 31), -1, r), 0);
-    EXPECT_EQ(Text(r), "2021-02-28 00:00:00");
     EXPECT_EQ(CTalvorDate::AddMonths(Make(9999, 12, 1), 1, r), TALVOR_DATE_INVALID_DATA);
     ASSERT_EQ(CTalvorDate::DataAddSub(Make(2020, 2, 29, 23, 59, 59), 1, 0, 1, 0, 0, 1, 0, r), 0);
     EXPECT_EQ(Text(r), "2021-03-02 00:00:00");
@@ -348,13 +334,9 @@ TEST(DateReference, ZonesAgainstLocaltime)
         localtime_r(&tt, &lt);
         TALVORDATEPARTS p;
         ASSERT_EQ(CTalvorDate::ConvertDateTime(ConvertTimetoDate(t), p), 0);
-        EXPECT_EQ(p.m_nYear, lt.tm_year + 1900);
-        EXPECT_EQ(p.m_nMonth, lt.tm_mon + 1);
-        EXPECT_EQ(p.m_nDay, lt.tm_mday);
         // Whole seconds come back exactly, past 2079 too.
-        long long nOurs = (p.m_nHour * 3600LL + p.m_nMinute * 60 + p.m_nSecond) * 1000000 + p.m_nMicrosecond;
-        long long nRef = (lt.tm_hour * 3600LL + lt.tm_min * 60 + lt.tm_sec) * 1000000;
-        EXPECT_EQ(nOurs, nRef) << t;
+        EXPECT_EQ(FieldsOf(p), FieldsOf(lt)) << t;
+        EXPECT_EQ(p.m_nMicrosecond, 0) << t;
         FILETIME ft;
         unsigned long long ull = ((unsigned long long)(t + 11644473600LL)) * 10000000ULL;
         ft.dwLowDateTime = (DWORD)ull;
@@ -388,55 +370,50 @@ DATE AddInterval(DATE date, const std::string& strInterval, BOOL bAdd, int& nRes
     return vResult.m_vt == TALVOR_VT_DATETIME ? vResult.m_dblValue : -1e300;
 }
 
-TEST(DateRules, MonthIntervalsTimesAndZones)
+// Whole amounts of every unit are held against the server; here the
+// amounts it never sends: rounded ones, short compound ones, bad ones.
+TEST(DateRules, IntervalAmountsAndTimeTexts)
 {
-    // Month ends by MONTH, YEAR and YEAR_MONTH are held against the server
-    // in the function tests; a month taken away and a quarter stay here.
+    struct {
+        INTERVAL_TYPE m_eType;
+        BYTE m_bValueType;
+        const char* m_lpszAmount;
+        int m_nResult;
+        const char* m_lpszText;
+    } arCases[] = {{INTERVAL_DAY, 3, "1.5", 0, "2020-01-03 00:00:00"},
+                     {INTERVAL_DAY, 240, "-1.5", 0, "2019-12-30 00:00:00"},
+                     {INTERVAL_HOUR_MINUTE, 7, "5", 0, "2020-01-01 00:05:00"},
+                     {INTERVAL_FRAC_SECOND, 1, "1500", 0, "2020-01-01 00:00:01"},
+                     {INTERVAL_DAY, 1, "999999999999999", TALVOR_DATE_INVALID_DATA, nullptr},
+                     {(INTERVAL_TYPE)22, 1, "1", TALVOR_DATE_BAD_INTERVAL, nullptr},
+                     {INTERVAL_DAY, 1, "x", TALVOR_DATE_BAD_PARAMETER, nullptr},
+                     {INTERVAL_HOUR_MINUTE, 7, "1:2:3", TALVOR_DATE_BAD_PARAMETER, nullptr}};
     int nResult;
-    EXPECT_EQ(Text(AddInterval(Make(2021, 1, 15), Interval(INTERVAL_MONTH, 1, "13"), FALSE, nResult)), "2019-12-15 00:00:00");
-    EXPECT_EQ(Text(AddInterval(Make(2020, 11, 30), Interval(INTERVAL_QUARTER, 1, "1"), TRUE, nResult)), "2021-02-28 00:00:00");
-    EXPECT_EQ(Text(AddInterval(Make(2020, 1, 1), Interval(INTERVAL_DAY, 3, "1.5"), TRUE, nResult)), "2020-01-03 00:00:00");
-    EXPECT_EQ(Text(AddInterval(Make(2020, 1, 1), Interval(INTERVAL_DAY, 240, "-1.5"), TRUE, nResult)), "2019-12-30 00:00:00");
-    EXPECT_EQ(Text(AddInterval(Make(2020, 1, 1), Interval(INTERVAL_HOUR_MINUTE, 7, "5"), TRUE, nResult)), "2020-01-01 00:05:00");
-    EXPECT_EQ(Text(AddInterval(Make(2020, 1, 1), Interval(INTERVAL_FRAC_SECOND, 1, "1500"), TRUE, nResult)), "2020-01-01 00:00:01");
+    for (const auto& c : arCases) {
+        std::string strInterval = Interval(c.m_eType, c.m_bValueType, c.m_lpszAmount);
+        DATE d = AddInterval(Make(2020, 1, 1), strInterval, TRUE, nResult);
+        EXPECT_EQ(nResult, c.m_nResult) << c.m_lpszAmount;
+        if (c.m_lpszText != nullptr) {
+            EXPECT_EQ(Text(d), c.m_lpszText) << c.m_lpszAmount;
+        }
+    }
     AddInterval(Make(9999, 12, 31), Interval(INTERVAL_DAY, 1, "1"), TRUE, nResult);
     EXPECT_EQ(nResult, TALVOR_DATE_INVALID_DATA);
-    AddInterval(Make(2020, 1, 1), Interval(INTERVAL_DAY, 1, "999999999999999"), TRUE, nResult);
-    EXPECT_EQ(nResult, TALVOR_DATE_INVALID_DATA);
-    AddInterval(Make(2020, 1, 1), Interval((INTERVAL_TYPE)22, 1, "1"), TRUE, nResult);
-    EXPECT_EQ(nResult, TALVOR_DATE_BAD_INTERVAL);
-    AddInterval(Make(2020, 1, 1), Interval(INTERVAL_DAY, 1, "x"), TRUE, nResult);
-    EXPECT_EQ(nResult, TALVOR_DATE_BAD_PARAMETER);
-    AddInterval(Make(2020, 1, 1), Interval(INTERVAL_HOUR_MINUTE, 7, "1:2:3"), TRUE, nResult);
-    EXPECT_EQ(nResult, TALVOR_DATE_BAD_PARAMETER);
 
-    TALVORTIME t;
-    ASSERT_EQ(CTalvorDate::ParseTime(t, "25:10:05", 8), 0);
-    EXPECT_EQ(t.m_nDay, 1);
-    EXPECT_EQ(t.m_bHour, 1);
-    EXPECT_EQ(t.m_bMintue, 10);
-    EXPECT_EQ(t.m_bSecond, 5);
-    ASSERT_EQ(CTalvorDate::ParseTime(t, "-1:00:00", 8), 0);
-    EXPECT_EQ(t.m_nDay, -1);
-    EXPECT_EQ(t.m_bHour, 23);
-    ASSERT_EQ(CTalvorDate::ParseTime(t, "2 03:04", 7), 0);
-    EXPECT_EQ(t.m_nDay, 2);
-    EXPECT_EQ(t.m_bMintue, 4);
-    EXPECT_EQ(CTalvorDate::ParseTime(t, "10:61:00", 8), TALVOR_DATE_INVALID_DATA);
-    EXPECT_EQ(CTalvorDate::ParseTime(t, "10:x", 4), TALVOR_DATE_BAD_FORMAT);
-    EXPECT_EQ(CTalvorDate::ParseTime(t, "4000:00:00", 10), TALVOR_DATE_INVALID_DATA);
-
-    VARDATA v;
-    ASSERT_EQ(CTalvorDate::ConvertTZ(nullptr, Make(2020, 1, 1, 12, 0, 0), "+00:00", "+05:30", v), 0);
-    EXPECT_EQ(Text(v.m_dblValue), "2020-01-01 17:30:00");
-    ASSERT_EQ(CTalvorDate::ConvertTZ(nullptr, Make(2020, 1, 1), "+00:00", "+14:00", v), 0);
-    EXPECT_EQ(v.m_vt, TALVOR_VT_NULL);
-    time_t tNow = time(nullptr);
-    struct tm stNow;
-    gmtime_r(&tNow, &stNow);
-    EXPECT_EQ(CTalvorDate::GetCentury(), (stNow.tm_year + 1900 - 1) / 100);
+    // Times of hours past a day are held against the server; days and
+    // fields out of range are not sent there.
+    struct { const char* m_lpszText; int m_nResult; int m_nDay; int m_nHour; int m_nMinute; } arTimes[] = {
+        {"-1:00:00", 0, -1, 23, 0}, {"2 03:04", 0, 2, 3, 4}, {"10:61:00", TALVOR_DATE_INVALID_DATA, 0, 0, 0},
+        {"10:x", TALVOR_DATE_BAD_FORMAT, 0, 0, 0}, {"4000:00:00", TALVOR_DATE_INVALID_DATA, 0, 0, 0}};
+    for (const auto& c : arTimes) {
+        TALVORTIME t = {};
+        int nLen = (int)strlen(c.m_lpszText);
+        ASSERT_EQ(CTalvorDate::ParseTime(t, c.m_lpszText, nLen), c.m_nResult) << c.m_lpszText;
+        if (c.m_nResult != 0) continue;
+        EXPECT_EQ(std::make_tuple((int)t.m_nDay, (int)t.m_bHour, (int)t.m_bMintue),
+                  std::make_tuple(c.m_nDay, c.m_nHour, c.m_nMinute)) << c.m_lpszText;
+    }
 }
-
 
 // Texts written by strftime, read back by strptime and by our format walk.
 TEST(DateReference, ParsingByFormatAgainstStrptime)
@@ -459,21 +436,14 @@ TEST(DateReference, ParsingByFormatAgainstStrptime)
         ASSERT_NE(strptime(szText, fmt.m_lpszC, &r), nullptr) << szText;
         TALVORDATEPARTS p;
         ASSERT_EQ(CTalvorDate::ParseDate(szText, fmt.m_lpszOurs, p), 0) << szText << " by " << fmt.m_lpszOurs;
-        EXPECT_EQ(p.m_nYear, r.tm_year + 1900) << szText;
+        // strptime leaves the month and day of %j unset; unset parts of
+        // ours stay -1.
         if (strstr(fmt.m_lpszC, "%j") != nullptr) {
-            EXPECT_EQ(p.m_nMonth, t.tm_mon + 1) << szText;
-            EXPECT_EQ(p.m_nDay, t.tm_mday) << szText;
-            continue;
+            r.tm_mon = t.tm_mon;
+            r.tm_mday = t.tm_mday;
         }
-        EXPECT_EQ(p.m_nMonth, r.tm_mon + 1) << szText;
-        EXPECT_EQ(p.m_nDay, r.tm_mday) << szText;
-        if (strchr(fmt.m_lpszC, 'H') || strchr(fmt.m_lpszC, 'I') || strchr(fmt.m_lpszC, 'T') || strchr(fmt.m_lpszC, 'r')) {
-            EXPECT_EQ(p.m_nHour, r.tm_hour) << szText;
-            EXPECT_EQ(p.m_nMinute, r.tm_min) << szText;
-            EXPECT_EQ(p.m_nSecond, r.tm_sec) << szText;
-        } else {
-            EXPECT_EQ(p.m_nHour, -1) << "unset parts stay -1";
-        }
+        if (strpbrk(fmt.m_lpszC, "HITr") == nullptr) r.tm_hour = r.tm_min = r.tm_sec = -1;
+        EXPECT_EQ(FieldsOf(p), FieldsOf(r)) << szText;
     }
     TALVORDATEPARTS p;
     EXPECT_EQ(CTalvorDate::ParseDate("2021-02-30", "%Y-%m-%d", p), TALVOR_DATE_INVALID_DATA);
@@ -499,29 +469,17 @@ TEST(DateRules, NamedPartsRefuseAnUnknownUnit)
     EXPECT_EQ(std::string(v.m_lpszValue, v.m_nStrLen), "2021-03-04 05:06:07");
 }
 
-TEST(DateRules, StoredDatesAndTimesWithIntervals)
+// The server adds hours and minutes to stored times; a time that goes
+// below zero, takes a day, or leaves the range of a time is held here.
+TEST(DateRules, StoredTimesWithIntervals)
 {
     VARDATA vInterval, v;
     memset(&vInterval, 0, sizeof(vInterval));
-    std::string s = Interval(INTERVAL_MONTH, 1, "1");
+    std::string s = Interval(INTERVAL_HOUR, 1, "25");
     vInterval.m_lpszValue = const_cast<char*>(s.c_str());
-    TALVORDATE d = {31, 1, 2020};
-    ASSERT_EQ(CTalvorDate::DateAddSubInterval(nullptr, d, vInterval, v, TRUE), 0);
-    EXPECT_EQ(v.m_vt, TALVOR_VT_DATE);
-    EXPECT_EQ(v.m_stDate.m_bDay, 29);
-    EXPECT_EQ(v.m_stDate.m_bMonth, 2);
-    s = Interval(INTERVAL_HOUR, 1, "25");
-    vInterval.m_lpszValue = const_cast<char*>(s.c_str());
-    ASSERT_EQ(CTalvorDate::DateAddSubInterval(nullptr, d, vInterval, v, TRUE), 0);
-    EXPECT_EQ(v.m_vt, TALVOR_VT_DATETIME);
-    EXPECT_EQ(Text(v.m_dblValue), "2020-02-01 01:00:00");
     TALVORTIME t = {30, 20, 23, 0};
-    ASSERT_EQ(CTalvorDate::DateAddSubInterval(nullptr, t, vInterval, v, TRUE), 0);
-    EXPECT_EQ(v.m_vt, TALVOR_VT_TIME);
-    EXPECT_EQ(v.m_stTime.m_nDay, 2);
-    EXPECT_EQ(v.m_stTime.m_bHour, 0);
-    EXPECT_EQ(v.m_stTime.m_bMintue, 20);
     ASSERT_EQ(CTalvorDate::DateAddSubInterval(nullptr, t, vInterval, v, FALSE), 0);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_TIME);
     EXPECT_EQ(v.m_stTime.m_nDay, -1);
     EXPECT_EQ(v.m_stTime.m_bHour, 22);
     s = Interval(INTERVAL_DAY, 1, "1");
@@ -544,6 +502,177 @@ TEST(DateRules, TimesByFormatRefuseDateParts)
     VARDATA v;
     TALVORTIME t = {5, 4, 13, 1};
     EXPECT_EQ(CTalvorDate::TimeFormat(&pool, t, "%Y", v), TALVOR_DATE_BAD_FORMAT);
+}
+
+// Checks against Python's datetime (which refuses exactly the parts that
+// name no instant), the parsers' agreement with them, numbers of the forms
+// YYYYMMDD and HHMMSS, and the year of the RR tokens against an injected
+// current year.
+const int BAD = TALVOR_DATE_INVALID_DATA;
+
+// Parts around every edge (month 0 and 13, day 0 to 32, hour 24, minute and
+// second 60, a fraction of a million, leap days of century years, years 0
+// and 10000) against datetime; the conversion to a day number, the
+// free-form and the format parser refuse what the check refuses.
+TEST(DateChecks, CheckValidDateTimeAndBothParsersAgainstPythonDatetime)
+{
+    const char* const kReference = R"PY(
+import sys, datetime
+for line in sys.stdin:
+    try:
+        datetime.datetime(*map(int, line.split())); print(0)
+    except ValueError:
+        print(49)
+)PY";
+    std::mt19937_64 rng(2100);
+    const int arYears[] = {0, 1, 100, 1600, 1700, 1900, 2000, 2004, 2024, 2100, 9999, 10000};
+    std::vector<TALVORDATEPARTS> vParts;
+    std::vector<std::string> vLines;
+    for (int i = 0; i < 5000; ++i) {
+        // Every tenth a leap day, in a year that has one or not.
+        bool bLeapDay = i % 10 == 0;
+        TALVORDATEPARTS p = {i % 3 ? 1 + (int)(rng() % 9999) : arYears[rng() % 12], bLeapDay ? 2 : (int)(rng() % 14),
+            bLeapDay ? 29 : (int)(rng() % 33), (int)(rng() % 25), (int)(rng() % 61), (int)(rng() % 61),
+            i % 8 ? (int)(rng() % 1000000) : 1000000, 0, 0};
+        char sz[96];
+        snprintf(sz, sizeof(sz), "%d %d %d %d %d %d %d", p.m_nYear, p.m_nMonth, p.m_nDay, p.m_nHour, p.m_nMinute,
+                 p.m_nSecond, p.m_nMicrosecond);
+        vParts.push_back(p);
+        vLines.push_back(sz);
+    }
+    std::vector<std::string> vRef = talvortest::RunPythonReference(kReference, vLines);
+    ASSERT_EQ(vRef.size(), vLines.size());
+    for (size_t i = 0; i < vParts.size(); ++i) {
+        const TALVORDATEPARTS& p = vParts[i];
+        int nExpected = std::stoi(vRef[i]);
+        // The check leaves the years to the day number, which ends at 1 and 9999.
+        bool bInYears = p.m_nYear >= 1 && p.m_nYear <= 9999;
+        if (bInYears) {
+            ASSERT_EQ(CTalvorDate::CheckValidDateTime(p, false), nExpected) << vLines[i];
+        }
+        if (p.m_nMicrosecond > 999999) continue;  // six digits of text can't say it
+        DATE date;
+        EXPECT_EQ(CTalvorDate::ConvertParts(date, p), nExpected) << vLines[i];
+        if (!bInYears) continue;
+        char sz[64];
+        snprintf(sz, sizeof(sz), "%04d-%02d-%02d %02d:%02d:%02d.%06d", p.m_nYear, p.m_nMonth, p.m_nDay, p.m_nHour,
+                 p.m_nMinute, p.m_nSecond, p.m_nMicrosecond);
+        CTalvorDate parser;
+        TALVORDATEPARTS r;
+        EXPECT_EQ(parser.ParseDate(sz, (int)strlen(sz), r), nExpected) << sz;
+        EXPECT_EQ(CTalvorDate::ParseDate(sz, "%Y-%m-%d %H:%i:%s.%f", r), nExpected) << sz;
+    }
+    EXPECT_EQ(CTalvorDate::CheckValidDay(2, 29, true), 0);
+    EXPECT_EQ(CTalvorDate::CheckValidDay(2, 29, false), BAD);
+}
+
+TEST(DateChecks, TimeChecksAndTimeOnlyText)
+{
+    // Date parts 0, as a time alone has them: h, mi, s, us, then the results
+    // of CheckValidTime without and with the fraction.
+    const int arCases[][6] = {{23, 59, 59, 999999, 0, 0}, {24, 0, 0, 0, BAD, BAD}, {0, 60, 0, 0, BAD, BAD},
+        {0, 0, 60, 0, BAD, BAD}, {-1, 0, 0, 0, BAD, BAD}, {0, 0, 0, 1000000, 0, BAD}, {0, 0, 0, -1, 0, BAD}};
+    for (const auto& c : arCases) {
+        TALVORDATEPARTS p = {0, 0, 0, c[0], c[1], c[2], c[3], 0, 0};
+        EXPECT_EQ(CTalvorDate::CheckValidTime(p, false), c[4]) << c[0] << ":" << c[1] << ":" << c[2] << "." << c[3];
+        EXPECT_EQ(CTalvorDate::CheckValidTime(p, true), c[5]) << c[3];
+        EXPECT_EQ(CTalvorDate::CheckValidDateTime(p, true), c[5]) << c[3];
+        EXPECT_EQ(CTalvorDate::CheckValidDateTime(p, false), BAD);  // month 0
+    }
+    CTalvorDate parser;
+    TALVORDATEPARTS r;
+    for (const char* t : {"23:59:59", "00:00:00.999999"}) EXPECT_EQ(parser.ParseDate(t, (int)strlen(t), r), 0) << t;
+    for (const char* t : {"24:00:00", "12:60:00", "12:00:60"}) EXPECT_EQ(parser.ParseDate(t, (int)strlen(t), r), BAD) << t;
+    // A year a day number can't hold is refused after the check passes.
+    TALVORDATEPARTS stFar = {10000, 1, 1, 0, 0, 0, 0, 0, 0};
+    EXPECT_EQ(CTalvorDate::CheckValidDateTime(stFar, false), 0);
+    EXPECT_EQ(parser.ParseDate("10000-01-01", 11, r), BAD);
+}
+
+// Numbers split by their digit count; validity by Python's datetime.
+TEST(DateChecks, NumbersAsDatesAndTimesAgainstPythonDatetime)
+{
+    const char* const kReference = R"PY(
+import sys, datetime
+for line in sys.stdin:
+    kind, n = line.split(); n = int(n)
+    a, b, c = n // 10000, n // 100 % 100, n % 100
+    if kind == "d" and n <= 999999: a += 2000 if a < 71 else 1900
+    try:
+        if n < 0 or n > 99999999: raise ValueError
+        datetime.date(a, b, c) if kind == "d" else datetime.time(a, b, c)
+        print("0 %d %d %d" % (a, b, c))
+    except ValueError:
+        print("49 -7 -7 -7")
+)PY";
+    std::mt19937_64 rng(19830905);
+    std::vector<long long> vNumbers = {-1, 0, 229, 700229, 710101, 999999, 1000101, 20000229, 21000229, 99991231,
+                                       100000101, 235959, 240000, 6000, 60};
+    for (int i = 0; i < 3000; ++i) vNumbers.push_back((long long)(rng() % (i % 2 ? 100000000 : 1000000)));
+    std::vector<std::string> vLines;
+    for (long long n : vNumbers) {
+        vLines.push_back("d " + std::to_string(n));
+        vLines.push_back("t " + std::to_string(n % 300000));
+    }
+    std::vector<std::string> vRef = talvortest::RunPythonReference(kReference, vLines);
+    ASSERT_EQ(vRef.size(), vLines.size());
+    for (size_t i = 0; i < vLines.size(); ++i) {
+        long long n = std::stoll(vLines[i].substr(2));
+        int a = -7, b = -7, c = -7;
+        int nResult = vLines[i][0] == 'd' ? CTalvorDate::ValidDate(n, a, b, c) : CTalvorDate::ValidTime(n, a, b, c);
+        EXPECT_EQ(std::to_string(nResult) + " " + std::to_string(a) + " " + std::to_string(b) + " " + std::to_string(c),
+                  vRef[i]) << vLines[i];
+    }
+}
+
+// RR places a year in the hundred years around the current year rounded to
+// its century, from that century less 50 to it plus 49: every current year
+// of a long span, every one- and two-digit year.
+TEST(DateChecks, RoundedYearAcrossCenturyBoundaries)
+{
+    for (int nCurrent = 1000; nCurrent <= 3000; ++nCurrent) {
+        int nFirst = (nCurrent + 50) / 100 * 100 - 50;
+        for (int yy = 0; yy < 100; ++yy) {
+            int nExpected = nFirst + ((yy - nFirst) % 100 + 100) % 100;
+            ASSERT_EQ(CTalvorDate::RoundedYear(yy, 2, nCurrent), nExpected) << nCurrent << " " << yy;
+            ASSERT_EQ(CTalvorDate::RoundedYear(yy, 1, nCurrent), nExpected) << nCurrent << " " << yy;
+        }
+    }
+    EXPECT_EQ(CTalvorDate::RoundedYear(5, 4, 2099), 5);  // three or four digits are the year itself
+    EXPECT_EQ(CTalvorDate::RoundedYear(999, 3, 2026), 999);
+}
+
+TEST(DateChecks, RrTokensParseAgainstTheInjectedYear)
+{
+    struct Case {
+        const char* m_lpszText;
+        const char* m_lpszFormat;
+        int m_nCurrentYear;
+        int m_nYear;  // -1: 29 February does not exist in the year RR gives
+    };
+    const Case arCases[] = {{"05-03-01", "RR-MM-DD", 2026, 2005}, {"98-03-01", "RR-MM-DD", 2026, 1998},
+        {"05-03-01", "RR-MM-DD", 2075, 2105}, {"98-03-01", "RR-MM-DD", 2075, 2098},
+        {"01-MAR-49", "DD-MON-RR", 2050, 2149}, {"01-mar-50", "dd-mon-rr", 2049, 1950},
+        {"01-03-05", "DD-MM-RRRR", 1999, 2005}, {"01-03-2005", "DD-MM-RRRR", 2160, 2005},
+        {"01-03-0005", "DD-MM-RRRR", 2160, 5}, {"01-03-5", "DD-MM-RR", 2100, 2105},
+        {"00-02-29", "RR-MM-DD", 2020, 2000}, {"00-02-29", "RR-MM-DD", 1960, 2000},
+        {"00-02-29", "RR-MM-DD", 2060, -1}, {"00-02-29", "RR-MM-DD", 1930, -1}};
+    for (const Case& c : arCases) {
+        TALVORDATEPARTS s;
+        int nResult = CTalvorDate::ParseDate(c.m_lpszText, c.m_lpszFormat, s, c.m_nCurrentYear);
+        EXPECT_EQ(nResult, c.m_nYear < 0 ? BAD : 0) << c.m_lpszText << " in " << c.m_nCurrentYear;
+        if (c.m_nYear > 0) {
+            EXPECT_EQ(s.m_nYear, c.m_nYear) << c.m_lpszText << " in " << c.m_nCurrentYear;
+        }
+    }
+    // The form without a year reads the clock's.
+    time_t tNow = time(nullptr);
+    struct tm stNow;
+    localtime_r(&tNow, &stNow);
+    TALVORDATEPARTS s, sClock;
+    ASSERT_EQ(CTalvorDate::ParseDate("07-01-01", "RR-MM-DD", sClock), 0);
+    ASSERT_EQ(CTalvorDate::ParseDate("07-01-01", "RR-MM-DD", s, stNow.tm_year + 1900), 0);
+    EXPECT_EQ(sClock.m_nYear, s.m_nYear);
 }
 
 }  // namespace

@@ -23,6 +23,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -141,7 +142,7 @@ for line in sys.stdin:
             print(max(-2**63, min(2**63 - 1, r)))
         else:
             print("?")
-    except InvalidOperation:
+    except (InvalidOperation, ZeroDivisionError):
         print("invalid")
     sys.stdout.flush()
 )PY";
@@ -155,39 +156,23 @@ std::vector<std::string> RunReference(const std::vector<std::string>& vLines)
     return vOut;
 }
 
-// "sign coefficient scale" of a value, or "null", as the reference writes it.
-std::string Describe(const st_VARDATA& v)
+// "sign coefficient scale" of a value, or "null", as the reference writes it;
+// bNormal moves trailing zeros into the scale, for values whose digit count
+// is a rule of its own (quotients).
+std::string Describe(const st_VARDATA& v, bool bNormal = false)
 {
     if (v.m_vt != TALVOR_VT_DECIMAL) return "null";
-    char szDigits[64];
-    int n = 0;
-    bool bStarted = false;
+    std::string strDigits;
+    char szLimb[16];
     for (int i = TALVOR_DECIMAL_LIMBS - 1; i >= 0; --i) {
         int nLimb = i < v.m_bValid ? v.m_arDecimalData[i] : 0;
-        if (bStarted) n += snprintf(szDigits + n, sizeof(szDigits) - n, "%09d", nLimb);
-        else if (nLimb != 0) {
-            n += snprintf(szDigits + n, sizeof(szDigits) - n, "%d", nLimb);
-            bStarted = true;
-        }
+        snprintf(szLimb, sizeof(szLimb), strDigits.empty() ? "%d" : "%09d", nLimb);
+        if (!strDigits.empty() || nLimb != 0) strDigits += szLimb;
     }
-    if (!bStarted) snprintf(szDigits, sizeof(szDigits), "0");
-    return std::to_string(v.m_bSign) + " " + szDigits + " " + std::to_string((int)v.m_bScale);
-}
-
-// The same with trailing zeros moved into the scale, for values whose digit
-// count is a rule of its own (quotients).
-std::string Normalized(const st_VARDATA& v)
-{
-    std::string s = Describe(v);
-    if (s == "null") return s;
-    size_t p1 = s.find(' '), p2 = s.rfind(' ');
-    std::string strDigits = s.substr(p1 + 1, p2 - p1 - 1);
-    int nScale = atoi(s.c_str() + p2 + 1);
-    while (strDigits.size() > 1 && strDigits.back() == '0') {
-        strDigits.pop_back();
-        --nScale;
-    }
-    return s.substr(0, p1) + " " + strDigits + " " + std::to_string(nScale);
+    if (strDigits.empty()) strDigits = "0";
+    int nScale = v.m_bScale;
+    for (; bNormal && strDigits.size() > 1 && strDigits.back() == '0'; --nScale) strDigits.pop_back();
+    return std::to_string(v.m_bSign) + " " + strDigits + " " + std::to_string(nScale);
 }
 
 // The exact value we hold, as a text every reader takes without rounding.
@@ -274,26 +259,24 @@ TEST(DecimalReference, ParseAgainstLibmpdec)
     for (size_t i = 0; i < vTexts.size(); ++i) EXPECT_EQ(Describe(Parse(vTexts[i])), vRef[i]) << vTexts[i];
 }
 
+// Quotients compare by value, and their text (9 places, or 9 significant
+// digits below one) against libmpdec's quantize of the same quotient.
 TEST(DecimalReference, ArithmeticAgainstLibmpdec)
 {
     ValueMaker mk(29);
-    std::vector<std::string> vLines;
-    std::vector<std::pair<std::string, std::string>> vPairs;
+    const std::string strNines(36, '9');
+    std::vector<std::pair<std::string, std::string>> vPairs = {{strNines, "1"}, {strNines, "0.5"},
+        {"1", "0." + std::string(35, '0') + "1"}, {"1.5", "-1.5"}, {"1E100", "1E100"},
+        {strNines + "E127", strNines + "E127"}, {"1E-100", "1E-100"}, {"1", "3"}, {"10", "4"}, {"2", "3"},
+        {"1E-120", "7"}, {"1E120", "1E-20"}, {strNines, "1." + std::string(35, '0') + "1"}};
     for (int i = 0; i < 4000; ++i) vPairs.push_back({mk.Value(), mk.Value()});
-    vPairs.push_back({std::string(36, '9'), "1"});
-    vPairs.push_back({std::string(36, '9'), "0.5"});
-    vPairs.push_back({"1", "0." + std::string(35, '0') + "1"});
-    vPairs.push_back({"1.5", "-1.5"});
-    vPairs.push_back({"1E100", "1E100"});
-    vPairs.push_back({std::string(36, '9') + "E127", std::string(36, '9') + "E127"});
-    vPairs.push_back({"1E-100", "1E-100"});
-    const char* arOps[] = {"add", "sub", "mul", "mod", "cmp"};
+    std::vector<std::string> vLines;
     for (auto& p : vPairs) {
         p.first = Canonical(Parse(p.first));
         p.second = Canonical(Parse(p.second));
+        for (const char* op : {"add", "sub", "mul", "mod", "cmp", "div"})
+            vLines.push_back(std::string(op) + "|" + p.first + "|" + p.second);
     }
-    for (const auto& p : vPairs)
-        for (const char* op : arOps) vLines.push_back(std::string(op) + "|" + p.first + "|" + p.second);
     std::vector<std::string> vRef = RunReference(vLines);
     size_t n = 0;
     for (const auto& p : vPairs) {
@@ -310,49 +293,25 @@ TEST(DecimalReference, ArithmeticAgainstLibmpdec)
         EXPECT_EQ(Describe(c), vRef[n++]) << "mul " << strCase;
         EXPECT_EQ(nMul, c.m_vt == TALVOR_VT_NULL ? TALVOR_ERROR_DECIMAL_PRECISION : 0);
         std::string strMod = vRef[n++];
+        bool bZero = CTalvorDecimal::IsZero(&a) || CTalvorDecimal::IsZero(&b);
         if (!CTalvorDecimal::IsZero(&b) && strMod != "invalid") {
             CTalvorDecimal::Mod(&a, &b, &c);
             EXPECT_EQ(Describe(c), strMod) << "mod " << strCase;
         }
         EXPECT_EQ(std::to_string(CTalvorDecimal::Compare(&a, &b)), vRef[n++]) << "cmp " << strCase;
-    }
-}
-
-// Quotients compare by value, and their text (9 places, or 9 significant
-// digits below one) against libmpdec's quantize of the same quotient.
-TEST(DecimalReference, DivisionAgainstLibmpdec)
-{
-    ValueMaker mk(47);
-    std::vector<std::pair<std::string, std::string>> vPairs = {{"1", "3"}, {"10", "4"}, {"2", "3"},
-        {"1E-120", "7"}, {"1E120", "1E-20"}, {std::string(36, '9'), "1." + std::string(35, '0') + "1"}};
-    for (int i = 0; i < 3000; ++i) {
-        std::string b = mk.Value();
-        st_VARDATA vb = Parse(b);
-        if (CTalvorDecimal::IsZero(&vb)) continue;
-        vPairs.push_back({mk.Value(), b});
-    }
-    std::vector<std::string> vLines;
-    for (auto& p : vPairs) {
-        p.first = Canonical(Parse(p.first));
-        p.second = Canonical(Parse(p.second));
-        vLines.push_back("div|" + p.first + "|" + p.second);
-    }
-    std::vector<std::string> vRef = RunReference(vLines);
-    for (size_t i = 0; i < vPairs.size(); ++i) {
-        st_VARDATA a = Parse(vPairs[i].first), b = Parse(vPairs[i].second), c;
-        if (CTalvorDecimal::IsZero(&a)) continue;
-        int nResult = CTalvorDecimal::Div(&a, &b, &c);
-        std::string strCase = vPairs[i].first + " / " + vPairs[i].second;
-        size_t nBar = vRef[i].find('|');
-        EXPECT_EQ(Normalized(c), vRef[i].substr(0, nBar)) << strCase;
+        const std::string& strDiv = vRef[n++];
+        if (bZero) continue;
+        int nDiv = CTalvorDecimal::Div(&a, &b, &c);
+        size_t nBar = strDiv.find('|');
+        EXPECT_EQ(Describe(c, true), strDiv.substr(0, nBar)) << "div " << strCase;
         if (c.m_vt != TALVOR_VT_DECIMAL) {
-            EXPECT_EQ(nResult, TALVOR_ERROR_DECIMAL_PRECISION) << strCase;
+            EXPECT_EQ(nDiv, TALVOR_ERROR_DECIMAL_PRECISION) << strCase;
             continue;
         }
         EXPECT_EQ(c.m_bValid, TALVOR_DECIMAL_LIMBS) << strCase;
         EXPECT_EQ(c.m_bPrecison, TALVOR_DECIMAL_QUOTIENT);
         if (c.m_bScale > 9) {
-            EXPECT_EQ(Print(c), vRef[i].substr(nBar + 1)) << strCase;
+            EXPECT_EQ(Print(c), strDiv.substr(nBar + 1)) << "div " << strCase;
         }
     }
 }
@@ -396,25 +355,18 @@ TEST(DecimalReference, ZoomPrintAndIntegersAgainstLibmpdec)
 }
 
 
-TEST(DecimalRules, ScaleCleanAndSignedZero)
+// Signed zeros, their compares and text, and zero sums are held against
+// libmpdec above.
+TEST(DecimalRules, CleanAndValidLimbs)
 {
-    st_VARDATA a = Parse("1.50"), b = Parse("1.50");
-    EXPECT_EQ(a.m_bScale, 2);
+    st_VARDATA a = Parse("1.50"), b = Parse("1.50"), c;
     EXPECT_EQ(a.m_bValid, 1);
     CTalvorDecimal::Clean(&b);
     EXPECT_EQ(Describe(b), "0 15 1");
-    EXPECT_EQ(CTalvorDecimal::Compare(&a, &b), 0);
     st_VARDATA z = Parse("100.000");
     CTalvorDecimal::Clean(&z);
     EXPECT_EQ(Describe(z), "0 100 0") << "Clean stops at scale 0";
-    st_VARDATA pz = Parse("0"), nz = Parse("-0.00");
-    EXPECT_EQ(nz.m_bSign, 1);
-    EXPECT_EQ(CTalvorDecimal::Compare(&pz, &nz), 0);
-    EXPECT_EQ(CTalvorDecimal::Compare(&nz, &pz), 0);
-    EXPECT_EQ(Print(nz), "0.00");
-    st_VARDATA c;
     CTalvorDecimal::Sub(&a, &b, &c);
-    EXPECT_EQ(Describe(c), "0 0 0");
     EXPECT_EQ(c.m_bValid, 1);
 }
 
@@ -424,9 +376,6 @@ TEST(DecimalRules, ScaleCleanAndSignedZero)
 TEST(DecimalRules, OverflowGivesCodesNeverWrongNumbers)
 {
     st_VARDATA big = Parse(std::string(36, '9') + "E127"), one = Parse("1"), c;
-    EXPECT_EQ(CTalvorDecimal::Zoom(&one, &c, 36, TRUE), TALVOR_ERROR_DECIMAL_PRECISION);
-    EXPECT_EQ(c.m_vt, TALVOR_VT_NULL);
-    EXPECT_EQ(CTalvorDecimal::Zoom(&one, &c, 35, TRUE), 0);
     EXPECT_EQ(CTalvorDecimal::Zoom(&one, &c, (char)-128, TRUE), TALVOR_ERROR_DECIMAL_PRECISION);
     EXPECT_EQ(CTalvorDecimal::Ceil(&big, &c), TALVOR_ERROR_DECIMAL_PRECISION);
     // A zero divisor has no quotient and no remainder: NULL, not a code.
@@ -440,15 +389,13 @@ TEST(DecimalRules, OverflowGivesCodesNeverWrongNumbers)
 TEST(DecimalRules, TextForms)
 {
     st_VARDATA v;
-    EXPECT_EQ(CTalvorDecimal::Convert2Decimal("NaN", &v), 0);
-    EXPECT_EQ(v.m_vt, TALVOR_VT_NULL);
-    EXPECT_EQ(CTalvorDecimal::Convert2Decimal(" na ", &v), 0);
-    EXPECT_EQ(v.m_vt, TALVOR_VT_NULL);
-    EXPECT_EQ(CTalvorDecimal::Convert2Decimal("null", &v), TALVOR_ERROR_DECIMAL_LOAD);
-    EXPECT_EQ(v.m_vt, TALVOR_VT_NULL);
-    for (const char* s : {"", "-", ".", "12a", "1e", "1e1234", "1.2.3", "e5", "0xZ"}) {
-        EXPECT_EQ(CTalvorDecimal::Convert2Decimal(s, &v), TALVOR_ERROR_DECIMAL_INVALID) << s;
-        EXPECT_EQ(v.m_vt, TALVOR_VT_NULL) << s;
+    const int BAD = TALVOR_ERROR_DECIMAL_INVALID;
+    struct { const char* m_lpszText; int m_nResult; } arNull[] = {{"NaN", 0}, {" na ", 0},
+        {"null", TALVOR_ERROR_DECIMAL_LOAD}, {"", BAD}, {"-", BAD}, {".", BAD}, {"12a", BAD}, {"1e", BAD},
+        {"1e1234", BAD}, {"1.2.3", BAD}, {"e5", BAD}, {"0xZ", BAD}};
+    for (const auto& c : arNull) {
+        EXPECT_EQ(CTalvorDecimal::Convert2Decimal(c.m_lpszText, &v), c.m_nResult) << c.m_lpszText;
+        EXPECT_EQ(v.m_vt, TALVOR_VT_NULL) << c.m_lpszText;
     }
     EXPECT_EQ(Print(Parse("-0x8000000000000000")), "-9223372036854775808");
     EXPECT_EQ(Print(Parse("0xFFFFFFFFFFFFFFFF")), "18446744073709551615");
@@ -573,6 +520,134 @@ TEST(DecimalRules, InPlaceFormsAndHexadecimal)
     v = Parse("1.5");
     CTalvorDecimal::SafeConvert2Int64(&v);
     EXPECT_EQ(v.m_vt, TALVOR_VT_DECIMAL);
+}
+
+// The stored form: lengths by declared precision, round trips of generated
+// values, the binary forms at the limb edges, column fitting and the hash
+// input that equal numbers share.
+TEST(DecimalBin, LengthsByPrecision)
+{
+    const int arTotal[37] = {18, 3, 3, 4, 4, 5, 5, 5, 6, 6, 10, 10, 10, 10, 10, 10, 10, 10, 10,
+                             14, 14, 14, 14, 14, 14, 14, 14, 14, 18, 18, 18, 18, 18, 18, 18, 18, 18};
+    for (int p = 1; p <= 36; ++p) EXPECT_EQ(CTalvorDecimalBin::CalcBinLen(p), arTotal[p]) << p;
+    BYTE arBuf[32];
+    st_VARDATA v = Parse("4294967295");
+    v.m_bPrecison = 9;
+    ASSERT_EQ(CTalvorDecimalBin::FormatBin(&v, arBuf, sizeof(arBuf)), 6);
+    EXPECT_EQ(arBuf[0], TALVOR_DECIMAL_BIN_SCALE | TALVOR_DECIMAL_BIN_BINARY | 4);
+    v.m_bPrecison = 10;
+    ASSERT_EQ(CTalvorDecimalBin::FormatBin(&v, arBuf, sizeof(arBuf)), 10);
+    EXPECT_EQ(arBuf[0], TALVOR_DECIMAL_BIN_SCALE | 8);
+    EXPECT_EQ(CTalvorDecimalBin::GetBinLen(arBuf), 10);
+    v = Parse("256");
+    v.m_bPrecison = 2;
+    EXPECT_EQ(CTalvorDecimalBin::FormatBin(&v, arBuf, sizeof(arBuf)), 0) << "256 exceeds one byte";
+    v.m_bPrecison = 0;
+    EXPECT_EQ(CTalvorDecimalBin::FormatBin(&v, arBuf, sizeof(arBuf)), 4);
+    EXPECT_EQ(CTalvorDecimalBin::FormatBin(&v, arBuf, 3), 0) << "buffer too small";
+    v = Parse("0");
+    EXPECT_EQ(CTalvorDecimalBin::FormatBin(&v, arBuf, sizeof(arBuf)), 2);
+    st_VARDATA r;
+    ASSERT_EQ(CTalvorDecimalBin::LoadBin(arBuf, &r), 0);
+    EXPECT_TRUE(CTalvorDecimal::IsZero(&r));
+    EXPECT_EQ(r.m_bPrecison, 2);
+    // No scale byte: scale 0, data from byte 1.
+    const BYTE arNoScale[] = {2, 0x39, 0x30};
+    ASSERT_EQ(CTalvorDecimalBin::LoadBin(arNoScale, &r), 0);
+    EXPECT_EQ(Print(r), "12345");
+    const BYTE arTooLong[] = {0x40 | 17, 0};
+    EXPECT_EQ(CTalvorDecimalBin::LoadBin(arTooLong, &r), TALVOR_ERROR_DECIMAL_LOAD);
+    const BYTE arBadLimb[] = {0x40 | 12, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0};
+    EXPECT_EQ(CTalvorDecimalBin::LoadBin(arBadLimb, &r), TALVOR_ERROR_DECIMAL_LOAD);
+    EXPECT_EQ(r.m_vt, TALVOR_VT_NULL);
+}
+
+TEST(DecimalBin, RoundTripsOfGeneratedValues)
+{
+    std::mt19937_64 rng(21);
+    BYTE arBuf[32];
+    for (int i = 0; i < 20000; ++i) {
+        int nDigits = 1 + (int)(rng() % 36);
+        std::string s = (rng() % 2) ? "-" : "";
+        for (int k = 0; k < nDigits; ++k) s += (char)('0' + rng() % 10);
+        s += "E" + std::to_string((int)(rng() % 60) - 30);
+        st_VARDATA v = Parse(s), r;
+        ASSERT_EQ(v.m_vt, TALVOR_VT_DECIMAL) << s;
+        v.m_bPrecison = (BYTE)(rng() % 37);
+        int nLen = CTalvorDecimalBin::FormatBin(&v, arBuf, sizeof(arBuf));
+        if (nLen == 0) {
+            EXPECT_NE(v.m_bPrecison, 0) << s;
+            continue;
+        }
+        EXPECT_EQ(nLen, CTalvorDecimalBin::CalcBinLen(&v)) << s;
+        EXPECT_EQ(CTalvorDecimalBin::GetBinLen(arBuf), nLen) << s;
+        ASSERT_EQ(CTalvorDecimalBin::LoadBin(arBuf, &r), 0) << s;
+        EXPECT_EQ(CTalvorDecimal::Compare(&v, &r), 0) << s;
+        EXPECT_EQ(r.m_bScale, v.m_bScale) << s;
+        EXPECT_EQ(r.m_bSign, v.m_bSign) << s;
+        EXPECT_FALSE(CTalvorDecimalBin::IsMax(arBuf));
+    }
+    for (int p : {2, 4, 7, 9, 18, 27, 36}) {
+        int nLen = CTalvorDecimalBin::GetMax(p, arBuf);
+        EXPECT_EQ(nLen, CTalvorDecimalBin::CalcBinLen(p));
+        EXPECT_TRUE(CTalvorDecimalBin::IsMax(arBuf));
+    }
+}
+
+TEST(DecimalBin, ColumnFitting)
+{
+    st_VARDATA v = Parse("123.456");
+    EXPECT_EQ(CTalvorDecimalBin::VerificationData(&v, 10, 2), 0);
+    EXPECT_EQ(Print(v), "123.46");
+    v = Parse("25.55");
+    EXPECT_EQ(CTalvorDecimalBin::VerificationData(&v, 2, 1), TALVOR_ERROR_DECIMAL_PRECISION) << "256 needs two bytes";
+    EXPECT_EQ(Print(v), "25.55") << "untouched on failure";
+    EXPECT_EQ(CTalvorDecimalBin::VerificationData(&v, 3, 1), 0);
+    v = Parse("1");
+    EXPECT_EQ(CTalvorDecimalBin::VerificationData(&v, 36, 36), TALVOR_ERROR_DECIMAL_PRECISION);
+}
+
+// Equal numbers give equal factors across scales, zero signs and types;
+// different numbers rarely collide.
+TEST(DecimalBin, HashFactorOfEqualNumbers)
+{
+    std::mt19937_64 rng(8);
+    std::set<long long> factors;
+    int nCount = 0;
+    for (int i = 0; i < 5000; ++i) {
+        long long ll = (long long)(rng() >> (rng() % 60)) * ((i % 2) ? -1 : 1);
+        st_VARDATA a, b, c;
+        a.m_vt = TALVOR_VT_BIGINT;
+        a.m_llValue = ll;
+        CTalvorDecimal::Convert2Decimal(ll, &b);
+        CTalvorDecimal::Zoom(&b, &c, (char)(rng() % 10), FALSE);
+        long long h = CTalvorDecimalBin::CalcHashFactor(&a);
+        EXPECT_EQ(CTalvorDecimalBin::CalcHashFactor(&b), h) << ll;
+        if (c.m_vt == TALVOR_VT_DECIMAL) {
+            EXPECT_EQ(CTalvorDecimalBin::CalcHashFactor(&c), h) << ll;
+        }
+        if (ll >= INT32_MIN && ll <= INT32_MAX) {
+            st_VARDATA n;
+            n.m_vt = TALVOR_VT_INT;
+            n.m_nValue = (int)ll;
+            EXPECT_EQ(CTalvorDecimalBin::CalcHashFactor(&n), h) << ll;
+        }
+        factors.insert(h);
+        ++nCount;
+    }
+    EXPECT_GT((int)factors.size(), nCount * 9 / 20) << "the sign does not count, so about half are distinct";
+    st_VARDATA big = Parse("12E40"), bigger = Parse("1200E38"), d;
+    EXPECT_EQ(CTalvorDecimalBin::CalcHashFactor(&big), CTalvorDecimalBin::CalcHashFactor(&bigger));
+    st_VARDATA half = Parse("0.5"), halfLong = Parse("0.50000");
+    EXPECT_EQ(CTalvorDecimalBin::CalcHashFactor(&half), CTalvorDecimalBin::CalcHashFactor(&halfLong));
+    d.m_vt = TALVOR_VT_DOUBLE;
+    d.m_dblValue = 0.5;
+    EXPECT_EQ(CTalvorDecimalBin::CalcHashFactor(&d), CTalvorDecimalBin::CalcHashFactor(&half));
+    d.m_dblValue = 1e20;
+    st_VARDATA e20 = Parse("100000000000000000000");
+    EXPECT_EQ(CTalvorDecimalBin::CalcHashFactor(&d), CTalvorDecimalBin::CalcHashFactor(&e20));
+    st_VARDATA pz = Parse("0"), nz = Parse("-0.000");
+    EXPECT_EQ(CTalvorDecimalBin::CalcHashFactor(&pz), CTalvorDecimalBin::CalcHashFactor(&nz));
 }
 
 }  // namespace

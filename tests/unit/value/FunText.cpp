@@ -16,8 +16,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 
 using namespace talvortest;
+using talvortest::Val;
 
 namespace {
 
@@ -118,7 +120,7 @@ TEST(FunText, JoinsRepeatsAndPadsKeepEveryByte)
         FunArg a = RandomTextArg(rng), b = RandomTextArg(rng), c = RandomTextArg(rng);
         FunArg n = rng() % 2 ? ArgInt((long long)(rng() % 30) - 3) : RandomCountArg(rng);
         static const char* kDecimals[] = {"1.50", "-0.001", "123456789012.000000001", "0.0"};
-        FunArg d = rng() % 3 == 0 ? ArgDec(kDecimals[rng() % 4]) : ArgInt(RandomCount(rng));
+        FunArg d = rng() % 3 == 0 ? ArgDec(kDecimals[rng() % 4]) : RandomCountArg(rng);
         FunArg k = rng() % 2 ? ArgInt((long long)(rng() % 7) - 2) : ArgNull();
         FunArg rem = RandomNeedle(rng);
         FunArg q = ArgBin(RandomText(rng, 3) + std::string(1, "\0\032'\\"[rng() % 4]) + RandomText(rng, 2));
@@ -176,8 +178,7 @@ TEST(FunText, ListsAndSetsPickTheMembersTheBitsName)
         {"FIELD(" FOLD ", " FOLD ", " FOLD ", " FOLD ")", "kabc", OfN(&CBaseFunManager::TalvorField)},
         {"FIELD(?, ?, ?)", "iii", OfN(&CBaseFunManager::TalvorField)},
         {"HEX(CHAR(?, ?))", "pw", [](Pool* pool, Args& v, VARDATA& r) {
-             VARDATA c;
-             c.Init();
+             VARDATA c = Null();
              int n = g_fun.TalvorChar(pool, 2, v.data(), c);
              return n != 0 ? n : g_fun.Hex(pool, c, r);
          }}};
@@ -248,6 +249,7 @@ TEST(FunText, ExtractValueTakesTheDirectTextOfEveryMatch)
                   Of2(&CBaseFunManager::Xml_Extract));
     }
     batch.Add("EXTRACTVALUE(?, ?)", {ArgNull(), ArgText("/a")}, Of2(&CBaseFunManager::Xml_Extract));
+    batch.Add("EXTRACTVALUE(?, ?)", {ArgText(doc), ArgNull()}, Of2(&CBaseFunManager::Xml_Extract));
     batch.Check(Deliberate);
 }
 
@@ -256,117 +258,36 @@ TEST(FunText, ExtractValueTakesTheDirectTextOfEveryMatch)
 TEST(FunText, GrowingResultsAboveTheBoundAreNullNotAllocated)
 {
     CTalvorBufferPool pool;
-    VARDATA n, s, r;
-    n.Init();
-    s.Init();
-    r.Init();
-    n.SetData((long long)TALVOR_FUN_MAX_RESULT);
-    ASSERT_EQ(g_fun.Space(&pool, n, r), 0);
-    ASSERT_EQ(Val(r.m_vt), TALVOR_VT_TEXT);
-    EXPECT_EQ(Val(r.m_nStrLen), TALVOR_FUN_MAX_RESULT);
-    EXPECT_EQ(r.m_lpszValue[TALVOR_FUN_MAX_RESULT - 1], ' ');
-    n.SetData((long long)TALVOR_FUN_MAX_RESULT + 1);
-    ASSERT_EQ(g_fun.Space(&pool, n, r), 0);
-    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
-    n.SetData(9223372036854775807LL);
-    ASSERT_EQ(g_fun.Space(&pool, n, r), 0);
-    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
-
+    VARDATA n = Null(), s = Null(), r = Null();
     char ab[] = "ab";
     s.AttachString(ab, 2, TALVOR_VT_TEXT);
-    n.SetData((long long)TALVOR_FUN_MAX_RESULT / 2);
-    ASSERT_EQ(g_fun.Repeat(&pool, s, n, r), 0);
-    EXPECT_EQ(Val(r.m_nStrLen), TALVOR_FUN_MAX_RESULT);
-    n.SetData((long long)TALVOR_FUN_MAX_RESULT / 2 + 1);
-    ASSERT_EQ(g_fun.Repeat(&pool, s, n, r), 0);
-    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
-    n.SetData(4611686018427387904LL);  // times 2 bytes wraps 64 bits
-    ASSERT_EQ(g_fun.Repeat(&pool, s, n, r), 0);
-    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
-    n.SetData(2147483647LL);
-    ASSERT_EQ(g_fun.LRPad(&pool, s, n, s, TRUE, r), 0);
-    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+    const long long kMax = TALVOR_FUN_MAX_RESULT;
+    // SPACE(n), REPEAT('ab', n) and LPAD('ab', n, 'ab'): the length, -1 for
+    // NULL. 2^62 times two bytes wraps 64 bits.
+    struct { int m_nMember; long long m_n; long long m_nLen; } arCases[] = {{0, kMax, kMax}, {0, kMax + 1, -1},
+        {0, LLONG_MAX, -1}, {1, kMax / 2, kMax}, {1, kMax / 2 + 1, -1}, {1, 1LL << 62, -1}, {2, INT_MAX, -1}};
+    for (const auto& c : arCases) {
+        n.SetData(c.m_n);
+        ASSERT_EQ(c.m_nMember == 0   ? g_fun.Space(&pool, n, r)
+                  : c.m_nMember == 1 ? g_fun.Repeat(&pool, s, n, r)
+                                     : g_fun.LRPad(&pool, s, n, s, TRUE, r),
+                  0);
+        long long nLen = Val(r.m_vt) == TALVOR_VT_NULL ? -1 : Val(r.m_nStrLen);
+        EXPECT_EQ(nLen, c.m_nLen) << c.m_nMember << " " << c.m_n;
+        if (c.m_nLen > 0) {
+            EXPECT_EQ(r.m_lpszValue[kMax - 1], c.m_nMember == 0 ? ' ' : 'b');
+        }
+    }
 }
 
 // A pool that gives nothing is reported, never written through.
 TEST(FunText, NoMemoryIsReportedAndLeavesNull)
 {
-    VARDATA a, r;
-    a.Init();
-    r.Init();
+    VARDATA a = Null(), r = Null();
     char sz[] = "abc";
     a.AttachString(sz, 3, TALVOR_VT_TEXT);
     EXPECT_EQ(g_fun.Reverse(nullptr, a, r), TALVOR_VARDATA_NO_MEMORY);
     EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
-}
-
-// NULL in gives NULL out: a NULL at any one place, every other argument a
-// plain value. The members about NULL (QUOTE, the list members that skip
-// NULLs, FIELD, CHAR) are left to the generated cases above.
-TEST(FunText, ANullAtAnyPlaceGivesNull)
-{
-    using P = CTalvorBufferPool*;
-    struct Member {
-        const char* lpszName;
-        int nArgs;
-        Fn fn;
-    };
-    const std::vector<Member> members = {
-        {"CONCAT", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Concat(p, 3, a, r); }},
-        {"SUBSTRING", 3, Of3(&CBaseFunManager::SubString)},
-        {"SUBSTRING2", 2, Of2(&CBaseFunManager::SubString)},
-        {"SUBSTRING_INDEX", 3, Of3(&CBaseFunManager::SubString_Index)},
-        {"LEFT", 2, Of2(&CBaseFunManager::Left)},
-        {"RIGHT", 2, Of2(&CBaseFunManager::Right)},
-        {"REPLACE", 3, Of3(&CBaseFunManager::Replace)},
-        {"INSERT", 4, Of4(&CBaseFunManager::Insert)},
-        {"REVERSE", 1, Of1(&CBaseFunManager::Reverse)},
-        {"REPEAT", 2, Of2(&CBaseFunManager::Repeat)},
-        {"SPACE", 1, Of1(&CBaseFunManager::Space)},
-        {"LTRIM", 1, Of1(&CBaseFunManager::LTrim)},
-        {"RTRIM", 1, Of1(&CBaseFunManager::RTrim)},
-        {"TRIM", 2, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Trim(p, a[0], a[1], TALVOR_FUN_TRIM_BOTH, r); }},
-        {"LPAD", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.LRPad(p, a[0], a[1], a[2], TRUE, r); }},
-        {"LENGTH", 1, Of1(&CBaseFunManager::Length)},
-        {"CHAR_LENGTH", 1, Of1(&CBaseFunManager::CharLength)},
-        {"BIT_LENGTH", 1, Of1(&CBaseFunManager::Bit_Length)},
-        {"ORD", 1, [](P p, VARDATA* a, VARDATA& r) { return g_fun.AsciiOrd(p, a[0], TRUE, r); }},
-        {"STRCMP", 2, Of2(&CBaseFunManager::TalvorStrCmp)},
-        {"FIND_IN_SET", 2, Of2(&CBaseFunManager::Find_In_Set)},
-        {"EXPORT_SET", 5, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Export_Set(p, 5, a, r); }},
-        {"INSTR", 2, Of2(&CBaseFunManager::InStr)},
-        {"LOCATE", 3, Of3(&CBaseFunManager::Locate)},
-        {"EXTRACTVALUE", 2, Of2(&CBaseFunManager::Xml_Extract)},
-        {"BIN", 1, Of1(&CBaseFunManager::Bin)},
-        {"OCT", 1, Of1(&CBaseFunManager::Oct)},
-        {"HEX", 1, Of1(&CBaseFunManager::Hex)},
-        {"UNHEX", 1, Of1(&CBaseFunManager::UnHex)},
-        {"CONV", 3, Of3(&CBaseFunManager::Conv)},
-        {"FORMAT", 2, Of2(&CBaseFunManager::Format)},
-        {"MD5", 1, Of1(&CBaseFunManager::Md5)},
-        {"CRC32", 1, Of1(&CBaseFunManager::CRC32)},
-        {"INET_ATON", 1, Of1(&CBaseFunManager::Inet_aton)},
-        {"INET_NTOA", 1, Of1(&CBaseFunManager::Inet_ntoa)},
-        {"GREATEST", 3, [](P p, VARDATA* a, VARDATA& r) { return g_fun.Greatest(p, 3, a, r); }},
-        {"CONVERT", 1,
-         [](P p, VARDATA* a, VARDATA& r) { return g_fun.ConvertOrCast(p, a[0], TALVOR_VT_BIGINT, nullptr, r); }},
-    };
-    CTalvorBufferPool pool;
-    char szText[] = "10";  // a number, a count and a text all at once
-    for (const Member& m : members) {
-        for (int nNull = 0; nNull < m.nArgs; ++nNull) {
-            VARDATA args[5], r;
-            for (int i = 0; i < m.nArgs; ++i) {
-                args[i].Init();
-                if (i == nNull) args[i].SetNull();
-                else args[i].AttachString(szText, 2, TALVOR_VT_TEXT);
-            }
-            r.Init();
-            r.SetData(7);
-            EXPECT_EQ(m.fn(&pool, args, r), 0) << m.lpszName;
-            EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL) << m.lpszName << " with NULL at " << nNull;
-        }
-    }
 }
 
 // Any bytes, valid UTF-8 or not (a lead byte without its continuation, a
@@ -412,4 +333,154 @@ TEST(FunText, ArbitraryBytesCutIntoPiecesThatJoinBackWhole)
         }
         pool.ResetBuffer();
     }
+}
+
+// Numbers as text against MariaDB: bases 2, 8, 16 and CONV's 2 to 36 on
+// integers at the 64-bit edges, negative ones and texts with a number at
+// their head; FORMAT's rounding and grouping on integers and decimals;
+// UNHEX of odd, invalid and mixed-case digits. A lost sign bit, a carry that
+// does not ripple through a row of nines, or a comma one place off is a
+// differing row.
+//
+// Deliberate differences from MariaDB: FORMAT keeps at most 30 places (a
+// decimal holds 36 digits); TO_CHAR's number form, an Oracle form, is held
+// against FORMAT without commas.
+namespace {
+
+long long RandomNumber(std::mt19937& rng)
+{
+    static const long long kEdges[] = {0, 1, -1, 255, 256, -256, 2147483647LL, -2147483648LL, 4294967295LL,
+                                       9223372036854775807LL, (-9223372036854775807LL - 1), 1000, 999999, -999999};
+    if (rng() % 3 == 0) return kEdges[rng() % (sizeof(kEdges) / sizeof(kEdges[0]))];
+    long long ll = (long long)(((unsigned long long)rng() << 32) | rng()) >> (rng() % 63);
+    return rng() % 2 ? ll : -ll;
+}
+
+// A decimal literal with up to 18 digits before and 9 after the point,
+// rows of nines now and then, so that rounding carries far.
+std::string RandomDecimal(std::mt19937& rng)
+{
+    std::string s = rng() % 3 == 0 ? "-" : "";
+    int nInt = 1 + (int)(rng() % 18), nFrac = 1 + (int)(rng() % 9);
+    bool bNines = rng() % 4 == 0;
+    for (int i = 0; i < nInt; ++i) s += bNines ? '9' : (char)('0' + (i == 0 && nInt > 1 ? 1 + rng() % 9 : rng() % 10));
+    s += '.';
+    for (int i = 0; i < nFrac; ++i) s += bNines ? '9' : (char)('0' + rng() % 10);
+    return s;
+}
+
+FunArg RandomNumberArg(std::mt19937& rng)
+{
+    switch (rng() % 8) {
+    case 0: return ArgNull();
+    case 1: return ArgText(std::to_string(RandomNumber(rng)) + (rng() % 2 ? "abc" : ""));
+    default: return ArgInt(RandomNumber(rng));
+    }
+}
+
+} // namespace
+
+// Letters: n a number (or text with one at its head), d digits as text,
+// f and t bases.
+TEST(FunNumberText, BasesKeepTheSignBitAndEveryDigit)
+{
+    const std::vector<FunRow> vRows = {
+        {"BIN(?)", "n", Of1(&CBaseFunManager::Bin)},
+        {"OCT(?)", "n", Of1(&CBaseFunManager::Oct)},
+        // HEX of text is its bytes; of a number, the number.
+        {"HEX(?)", "n", Of1(&CBaseFunManager::Hex)},
+        {"CONV(?, ?, ?)", "dft", Of3(&CBaseFunManager::Conv)},
+        {"CONV(?, ?, ?)", "nTt", Of3(&CBaseFunManager::Conv)}};
+    std::mt19937 rng(31);
+    FunBatch batch;
+    for (int i = 0; i < 300; ++i) {
+        FunArg n = RandomNumberArg(rng);
+        static const int kBases[] = {2, 8, 10, 16, 36, -2, -10, -16, -36, 1, 37, 0};
+        FunArg from = ArgInt(kBases[rng() % 12]), to = ArgInt(kBases[rng() % 12]);
+        if (rng() % 12 == 0) (rng() % 2 ? from : to) = ArgNull();
+        FunArg digits = rng() % 10 == 0 ? ArgNull() : ArgText(rng() % 2 ? "-1aZ" : (rng() % 2 ? "ff" : "777"));
+        AddRows(batch, vRows, [&](char c) {
+            return c == 'n' ? n : c == 'd' ? digits : c == 'f' ? from : c == 't' ? to : ArgInt(10);
+        });
+    }
+    batch.Check();
+}
+
+TEST(FunNumberText, UnhexTakesPairsAndRefusesOtherCharacters)
+{
+    std::mt19937 rng(32);
+    FunBatch batch;
+    static const char* kDigits[] = {"0", "9", "a", "F", "f", "A", "g", " ", "00", "ff", "7E"};
+    for (int i = 0; i < 200; ++i) {
+        std::string s;
+        for (int k = (int)(rng() % 7); k > 0; --k) s += kDigits[rng() % 11];
+        FunArg a = rng() % 12 == 0 ? ArgNull() : ArgText(s);
+        batch.Add("HEX(UNHEX(?))", {a}, [](Pool* pool, Args& v, VARDATA& r) {
+            VARDATA b = Null();
+            int n = g_fun.UnHex(pool, v[0], b);
+            return n != 0 ? n : g_fun.Hex(pool, b, r);
+        });
+    }
+    batch.Check();
+}
+
+TEST(FunNumberText, FormatRoundsHalfAwayAndGroupsByThree)
+{
+    std::mt19937 rng(33);
+    FunBatch batch;
+    for (int i = 0; i < 300; ++i) {
+        FunArg x = rng() % 2 ? ArgDec(RandomDecimal(rng)) : ArgInt(RandomNumber(rng));
+        if (rng() % 12 == 0) x = ArgNull();
+        FunArg d = rng() % 12 == 0 ? ArgNull() : ArgInt((long long)(rng() % 14) - 2);
+        batch.Add("FORMAT(?, ?)", {x, d}, Of2(&CBaseFunManager::Format));
+    }
+    batch.Check();
+}
+
+// Doubles: FORMAT scales the binary value and rounds ties to even (as the
+// SQL functions round a double); HEX rounds to an integer, BIN and OCT cut.
+TEST(FunNumberText, DoublesRoundScaledWithTiesToEven)
+{
+    std::mt19937 rng(35);
+    FunBatch batch;
+    for (int i = 0; i < 200; ++i) {
+        std::string s = std::to_string((long long)(rng() % 2000000) - 1000000) + "." + std::to_string(rng() % 1000);
+        FunArg x = ArgDouble(s), d = ArgInt((long long)(rng() % 8));
+        batch.Add("FORMAT(?, ?)", {x, d}, Of2(&CBaseFunManager::Format));
+        batch.Add("HEX(?)", {x}, Of1(&CBaseFunManager::Hex));
+        batch.Add("BIN(?)", {x}, Of1(&CBaseFunManager::Bin));
+        batch.Add("OCT(?)", {x}, Of1(&CBaseFunManager::Oct));
+    }
+    batch.Check();
+}
+
+// TO_CHAR's number form: places by the format, no groups; the reference
+// is FORMAT with its commas taken out.
+TEST(FunNumberText, NumberToCharTakesItsPlacesFromTheFormat)
+{
+    std::mt19937 rng(34);
+    FunBatch batch;
+    static const char* kFormats[] = {"999", "990.99", "9D9", "0.0000", ".9", "99999.999999"};
+    static const int kPlaces[] = {0, 2, 1, 4, 1, 6};
+    for (int i = 0; i < 120; ++i) {
+        int k = (int)(rng() % 6);
+        FunArg x = ArgDec(RandomDecimal(rng));
+        std::string strExpr = "REPLACE(FORMAT(?, " + std::to_string(kPlaces[k]) + "), ',', '')";
+        const char* lpszFormat = kFormats[k];
+        batch.Add(strExpr, {x}, [lpszFormat](Pool* pool, Args& v, VARDATA& r) {
+            return g_fun.NumberToChar(pool, v[0], lpszFormat, r);
+        });
+    }
+    batch.Check();
+
+    CTalvorBufferPool pool;
+    VARDATA x = Null(), r = Null();
+    x.SetData(1.25);
+    ASSERT_EQ(g_fun.NumberToChar(&pool, x, "9.9.9", r), 0);
+    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL) << "a second point names no format";
+    ASSERT_EQ(g_fun.NumberToChar(&pool, x, "9,9", r), 0);
+    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+    EXPECT_TRUE(CBaseFunManager::IsNumberFormat("09D9", 4));
+    EXPECT_FALSE(CBaseFunManager::IsNumberFormat("YYYY", 4));
+    EXPECT_FALSE(CBaseFunManager::IsNumberFormat("", 0));
 }

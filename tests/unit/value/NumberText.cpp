@@ -1,28 +1,23 @@
-// Numbers in and out of text: base conversion against strtoull and printf,
-// bit literals round trip, and the rules of the small helpers.
+// Numbers in and out of text: integers and base conversion against strtoll,
+// strtoull and printf, bit literals round trip, and the rules of the small
+// helpers.
 
+#include "TalvorDecimal.h"
 #include "TalvorNumberText.h"
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <random>
 #include <string>
 
 TEST(NumberKinds, IsNumberAndToDouble) {
-    EXPECT_EQ(IsNumber(""), 1);
-    EXPECT_EQ(IsNumber("-123"), 1);
-    EXPECT_EQ(IsNumber("12.5"), 3);
-    EXPECT_EQ(IsNumber("-.5"), 3);
-    EXPECT_EQ(IsNumber("1.2.3"), 0);
-    EXPECT_EQ(IsNumber("0x1F"), 2);
-    EXPECT_EQ(IsNumber("0xZ"), 0);
-    EXPECT_EQ(IsNumber("ff"), 2);
-    for (const char* s : {"10K", "10kb", "3M", "3Mb", "1g", "2TB"}) EXPECT_EQ(IsNumber(s), 2) << s;
-    EXPECT_EQ(IsNumber("10KBB"), 0);
-    EXPECT_EQ(IsNumber("12x"), 0);
+    for (const char* s : {"", "-123"}) EXPECT_EQ(IsNumber(s), 1) << s;
+    for (const char* s : {"12.5", "-.5"}) EXPECT_EQ(IsNumber(s), 3) << s;
+    for (const char* s : {"0x1F", "ff", "10K", "10kb", "3M", "3Mb", "1g", "2TB"}) EXPECT_EQ(IsNumber(s), 2) << s;
+    for (const char* s : {"1.2.3", "0xZ", "10KBB", "12x"}) EXPECT_EQ(IsNumber(s), 0) << s;
     EXPECT_EQ(IsNumber(nullptr), 0);
     EXPECT_DOUBLE_EQ(ToDouble("-12.25"), -12.25);
     EXPECT_DOUBLE_EQ(ToDouble("10K"), 0.0);
@@ -46,7 +41,6 @@ TEST(BaseConversion, AgreesWithStrtoullAndPrintf) {
         // Unsigned write, then read back through the C library.
         const int n = ConvDecimalToSpecifiedString((long long)ullValue, nBase, szOut);
         ASSERT_EQ(n, (int)strlen(szOut));
-        errno = 0;
         ASSERT_EQ(strtoull(szOut, nullptr, nBase), ullValue) << szOut << " base " << nBase;
         // And our reader, from a lower-case copy.
         std::string strLower = szOut;
@@ -108,21 +102,15 @@ TEST(SmallHelpers, Rules) {
     EXPECT_EQ(CompareDouble(1.0, 1.0 + 5e-7), 0);
     EXPECT_EQ(CompareDouble(1.0, 1.0 + 2e-6), -1);
     EXPECT_EQ(CompareDouble(2.0, 1.0), 1);
-    char sz1[] = "12.500", sz2[] = "100", sz3[] = "1.2.0", sz4[] = "7.000", sz5[] = "100";
-    EXPECT_EQ(TrimTailZero(sz1, FALSE), 4);
-    EXPECT_STREQ(sz1, "12.5");
-    EXPECT_EQ(TrimTailZero(sz2, FALSE), 0);
-    EXPECT_STREQ(sz2, "100");
-    EXPECT_EQ(TrimTailZero(sz3, FALSE), 0);
-    EXPECT_STREQ(sz3, "1.2.0");
-    EXPECT_EQ(TrimTailZero(sz4, FALSE), 1);
-    EXPECT_STREQ(sz4, "7");
-    EXPECT_EQ(TrimTailZero(sz5, TRUE), 1);  // the caller vouched for a point
+    // The caller of the last vouched for a point.
+    struct { char m_sz[8]; BOOL m_bPoint; int m_nLen; const char* m_lpszOut; } arTrims[] = {
+        {"12.500", FALSE, 4, "12.5"}, {"100", FALSE, 0, "100"}, {"1.2.0", FALSE, 0, "1.2.0"},
+        {"7.000", FALSE, 1, "7"}, {"100", TRUE, 1, "1"}};
+    for (auto& c : arTrims) {
+        EXPECT_EQ(TrimTailZero(c.m_sz, c.m_bPoint), c.m_nLen) << c.m_lpszOut;
+        EXPECT_STREQ(c.m_sz, c.m_lpszOut);
+    }
     EXPECT_EQ(TalvorLog2(1), 0);
-    EXPECT_EQ(TalvorLog2(2), 1);
-    EXPECT_EQ(TalvorLog2(3), 2);
-    EXPECT_EQ(TalvorLog2(1024), 10);
-    EXPECT_EQ(TalvorLog2(1025), 11);
     EXPECT_EQ(TalvorLog2(LLONG_MAX), 63);
     for (long long n = 2; n < 5000; ++n) ASSERT_EQ(1LL << TalvorLog2(n) >= n && (1LL << (TalvorLog2(n) - 1)) < n, true) << n;
     EXPECT_DOUBLE_EQ(TalvorLog(10, 1000), 3.0);
@@ -151,4 +139,35 @@ TEST(ObjectSets, Bits) {
     AddRel(2, b);
     EXPECT_FALSE(BmsIsSubset(b, a));
     EXPECT_FALSE(BmsOverlap(a, (relbitmap)0x6));
+}
+
+TEST(DecimalText, IntegersAgainstStrtoll)
+{
+    std::mt19937_64 rng(17);
+    for (int i = 0; i < 5000; ++i) {
+        long long ll = (long long)(rng() >> (rng() % 64));
+        if (i % 2) ll = -ll;
+        std::string s = std::to_string(ll);
+        long long llRef = strtoll(s.c_str(), nullptr, 10);
+        EXPECT_EQ(StringToLongLong(s.c_str()), llRef) << s;
+        long long llInt = llRef > INT_MAX ? INT_MAX : llRef < INT_MIN ? INT_MIN : llRef;
+        EXPECT_EQ(StringToInt(s.c_str()), (int)llInt) << s;
+        EXPECT_EQ(ToNumber(s.c_str(), (int)s.size()), llRef) << s;
+    }
+    EXPECT_EQ(StringToLongLong("99999999999999999999"), LLONG_MAX);
+    EXPECT_EQ(StringToLongLong("-99999999999999999999"), LLONG_MIN);
+    struct { const char* m_lpszText; int m_nValue; } arInts[] = {
+        {" 77 ", 77}, {"12.9", 12}, {"-12.9", -12}, {"1e3", 1000}, {"0x10", 16}, {"abc", 0}, {nullptr, 0}};
+    for (const auto& c : arInts) EXPECT_EQ(StringToInt(c.m_lpszText), c.m_nValue) << c.m_nValue;
+}
+
+TEST(DecimalText, SizeSuffixes)
+{
+    struct { const char* m_lpszText; long long m_llValue; } arCases[] = {
+        {"1K", 1024}, {"2kb", 2048}, {"3M", 3LL << 20}, {"3mB", 3LL << 20}, {"4G", 4LL << 30}, {"5T", 5LL << 40},
+        {"1.5K", 1024}, {"-2K", -2048}, {"K", 0}, {"10B", 0}, {"10KBB", 0}, {"10X", 0}, {"", 0},
+        {"9999999T", LLONG_MAX}, {"-9999999T", LLONG_MIN}, {"8388607T", 8388607LL << 40}};
+    for (const auto& c : arCases) EXPECT_EQ(ToNumber(c.m_lpszText, (int)strlen(c.m_lpszText)), c.m_llValue) << c.m_lpszText;
+    std::string strLong(63, '1');
+    EXPECT_EQ(ToNumber(strLong.c_str(), 63), 0);
 }

@@ -102,11 +102,6 @@ TEST(BkdrHash, SignedBytesAndMask) {
     EXPECT_EQ(BKDRHash("\xFF", 1), 0x7FFFFFFFu);
     EXPECT_EQ(BKDRHash("a\xFF", 2), (97u * 131 - 1) & 0x7FFFFFFFu);
     EXPECT_EQ(BKDRHash("abc", 0), 0u);
-    std::mt19937 rng(3);
-    for (int i = 0; i < 1000; ++i) {
-        const auto data = RandomBytes(rng, 1 + rng() % 64);
-        ASSERT_LE(BKDRHash((const char*)data.data(), (int)data.size()), 0x7FFFFFFFu);
-    }
 }
 
 TEST(KeyHash, BucketsAreInRangeForAnyKey) {
