@@ -264,7 +264,7 @@ TEST_F(MakeDirTest, MadeDirectoriesOutliveAPowerLossAndAFailedSyncIsTold)
     io.Close(fd);
     ASSERT_EQ(0, TalvorSyncParentDirectory(strFile.c_str()));
     io.LosePower();
-    EXPECT_TRUE(Exists(strFile)) << "the file went with a directory whose name was never synced";
+    EXPECT_TRUE(PathExists(strFile)) << "the file went with a directory whose name was never synced";
 
     io.FailNext(FileOp::SyncDirectory, EIO);
     EXPECT_EQ(MakeDir((m_strRoot + "/r/s/").c_str(), &nErr), 1);
