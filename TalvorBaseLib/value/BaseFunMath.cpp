@@ -6,6 +6,7 @@
 // value's rule), so text, dates and numbers of every width meet one path.
 
 #include "BaseFunDateInternal.h"
+#include "BaseFunInternal.h"
 #include "TalvorDecimal.h"
 
 #include <climits>
@@ -444,8 +445,25 @@ int CBaseFunManager::ATan(CTalvorBufferPool* /*pPool*/, VARDATA& vY, VARDATA& vX
     return SetDouble(vResult, std::atan2(y, x));
 }
 
+namespace {
+
+// The bits BIT_COUNT counts, as the server reads its argument: a double
+// rounds half away from zero (it is not cut) and saturates at the bounds of
+// the 64-bit words; anything else as other integer arguments are read.
+unsigned long long BitCountBits(const VARDATA& vArg)
+{
+    if (vArg.m_vt != TALVOR_VT_DOUBLE) return (unsigned long long)talvorfun::IntArg(vArg);
+    const double d = std::round(vArg.m_dblValue);
+    if (d >= 18446744073709551616.0) return ULLONG_MAX;
+    if (d >= 9223372036854775808.0) return (unsigned long long)d;
+    if (!(d > -9223372036854775808.0)) return (unsigned long long)LLONG_MIN;
+    return (unsigned long long)(long long)d;
+}
+
+} // namespace
+
 int CBaseFunManager::Bit_Count(CTalvorBufferPool* /*pPool*/, VARDATA& vArg, VARDATA& vResult)
 {
     if (IsNullArg(vArg)) return SetNullResult(vResult);
-    return SetBigInt(vResult, __builtin_popcountll((unsigned long long)vArg.GetCompatibleBigInt()));
+    return SetBigInt(vResult, __builtin_popcountll(BitCountBits(vArg)));
 }
