@@ -158,6 +158,7 @@ HRESULT CBreltMemStorageModule::PostMessageLoop()
     }
 
     HRESULT hr = InitSysEnvironment(lpCritSection, TRUE, FALSE);
+    if (hr == E_RESTORE_UNFINISHED) return ServeUntilRestored(lpCritSection);
     if (FAILED(hr)) {
         Trace0("PostMessageLoop", 1, 10010002,
                TALVOR_TEXT("Talvor存储服务加载配置环境失败!", "Talvor storage service loading configuration environment failed!"));
@@ -205,6 +206,27 @@ HRESULT CBreltMemStorageModule::PostMessageLoop()
     if (hr != S_OK) return hr;
 
     IdleUntilStop();
+    return StopService(lpCritSection, nRedoLogMaxID);
+}
+
+HRESULT CBreltMemStorageModule::ServeUntilRestored(LPTALVORCRITICALSECTION lpCritSection)
+{
+    // Nothing was opened: the descriptor is all the refusal left.
+    ReleaseSystemFile();
+    // No image of an earlier run was taken over; any made from here on is
+    // this run's.
+    m_bServing = TRUE;
+    StartLogSystemOwnLines();
+    Trace0("PostMessageLoop", 2, 10010008,
+           TALVOR_TEXT("数据库未打开:只执行集群命令,直到重新执行恢复",
+                       "No database is open: only cluster commands are served until the restore is run again"));
+    HRESULT hr = StartStorageThread();
+    if (hr != S_OK) {
+        FreeData(lpCritSection);
+        return hr;
+    }
+    IdleUntilStop();
+    UINT nRedoLogMaxID = m_pMemoryFileHead != nullptr ? TalvorLoadShared(&m_pMemoryFileHead->m_nRedoLogMaxID) : 0;
     return StopService(lpCritSection, nRedoLogMaxID);
 }
 

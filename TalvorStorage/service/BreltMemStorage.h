@@ -22,6 +22,9 @@ class CTalvorFlashback;
 class CTalvorCacheStorage;
 class CStorageCacheBridge;
 
+// InitSysEnvironment's refusal of a database a restore left unfinished.
+inline constexpr HRESULT E_RESTORE_UNFINISHED = (HRESULT)0x80040A01;
+
 // The stop flag. Written from the SIGTERM handler, so it is a sig_atomic_t.
 extern volatile sig_atomic_t g_bEixt;
 
@@ -38,6 +41,8 @@ public:
     HRESULT FreeData(LPTALVORCRITICALSECTION lpCritSection);
 
     // --- System file and start-up environment.
+    // E_RESTORE_UNFINISHED when a restore's mark stands beside the system
+    // file: its files are a mixture, and none is opened.
     HRESULT InitSysEnvironment(LPTALVORCRITICALSECTION lpCritSection, BOOL bInit, BOOL bRecover);
     HRESULT LoadFile(LPTALVORCRITICALSECTION lpCritSection);
     BOOL GetSystemFilePath(LPTALVORCRITICALSECTION lpCritSection, char* lpFilePath, char* lpMemFileName);
@@ -366,6 +371,11 @@ private:
     void BuildConfigPath();
     HRESULT StartStorageThread();
     void IdleUntilStop();
+    // A start on the files of a restore that did not finish: no database is
+    // opened, but the channel's commands are served until the stop, so that
+    // the restore can be run again (command 46 reads the mark), which opens
+    // the database once whole. Main thread; the result of the stop.
+    HRESULT ServeUntilRestored(LPTALVORCRITICALSECTION lpCritSection);
     void ReleaseFileList();
     void KeepTakenOverImages();
     void ReleaseSystemFile();

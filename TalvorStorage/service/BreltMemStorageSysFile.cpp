@@ -132,7 +132,7 @@ HRESULT CBreltMemStorageModule::InitSysEnvironment(LPTALVORCRITICALSECTION lpCri
               TALVOR_TEXT("数据库的恢复未完成,文件可能新旧混杂,请重新执行恢复,系统文件:%s",
                           "A restore into this database did not finish, so its files may be a mixture of old and restored ones: run the restore again, system file: %s"),
               m_lpSystemFileInfo->m_lpszFilePath);
-        return E_FAIL;
+        return E_RESTORE_UNFINISHED;
     }
 
     CTalvorMemoryStorage* pStorage = new (std::nothrow) CTalvorMemoryStorage();

@@ -630,6 +630,12 @@ void FlushLogSystem()
     if (pLog != nullptr) pLog->WriteAllTrace();
 }
 
+BOOL StartLogSystemOwnLines()
+{
+    CLogManager* pLog = CLogManager::GetInstancePtr();
+    return pLog != nullptr && pLog->StartTraceThreads(FALSE) == 0;
+}
+
 BOOL SetLogSystemFileHead(LPSYSTEMFILEHEAD lpMemoryFileHead, int nNodeType, CTalvorFlashback* pFlashback)
 {
     CLogManager* pLog = CLogManager::GetInstancePtr();

@@ -33,8 +33,13 @@ void FlushLogSystem();
 // With a head: opens the rings and starts the trace threads. With null: stops
 // them. FALSE when the service could not come up.
 BOOL SetLogSystemFileHead(LPSYSTEMFILEHEAD lpMemoryFileHead, int nNodeType, CTalvorFlashback* pFlashback);
+// With no database to open: starts the writer of the daemon's own lines
+// alone (the engine's ring needs a head). FALSE when it could not start.
+BOOL StartLogSystemOwnLines();
 // The cluster road: the redo service alone goes and comes back around a
-// change of the database, while the trace log keeps running.
+// change of the database, while the trace log keeps running. A daemon that
+// started with no database gets its rings and trace threads here, from the
+// first head.
 BOOL SysStartTalvorLog(LPSYSTEMFILEHEAD lpMemoryFileHead, int nClusterNodeType, BOOL bRecover,
                        CTalvorFlashback* pFlashback);
 void SysClearTalvorLog();

@@ -189,7 +189,15 @@ BOOL CLogManager::StartTalvorLog(LPSYSTEMFILEHEAD lpMemoryFileHead, int nCluster
 {
     m_pMemoryFileHead = lpMemoryFileHead;
     __atomic_store_n(&m_bLogExit, FALSE, __ATOMIC_RELEASE);
-    if (m_pLogFileAddr == nullptr || lpMemoryFileHead == nullptr) return FALSE;
+    if (lpMemoryFileHead == nullptr) return FALSE;
+    // A daemon that started on a restore left unfinished opened no rings:
+    // the first database it opens gets them, as a start would.
+    if (!m_bEnvironmentReady) {
+        if (m_lpRedoDir == nullptr && TalvorConfigGetValueInt("System", "install", 0) != 1) Init();
+        if (!InitLogEnvironment(pFlashback, lpMemoryFileHead->m_nTalvorBufferCacheSize)) return FALSE;
+        if (StartTraceThreads(TRUE) != 0) return FALSE;
+    }
+    if (m_pLogFileAddr == nullptr) return FALSE;
     // A redo object still held by a thread that outlived its stop stays.
     if (m_pTalvorRedoLog != nullptr) ReleaseRedoService();
     if (m_pTalvorRedoLog != nullptr) return FALSE;

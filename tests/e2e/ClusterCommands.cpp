@@ -7,6 +7,7 @@
 #include "ClusterKit.h"
 
 #include "MemDBBackupDef.h"
+#include "TalvorRestoreMark.h"
 
 #include <cstddef>
 
@@ -234,4 +235,47 @@ TEST_F(ClusterRestore, AChainOfThreeBackupsIsWholeOfflineAndTheOperatorsRestoreB
     EXPECT_FALSE(PathExists(Path("System.dbf") + ".restoring"));
     // The daemon the restores rebuilt commits again.
     ExpectCommitsReachDisk(true, m_box.Root() + "/journal4");
+}
+
+// A daemon stopped while a restore's mark stands (a restore cut short by a
+// kill or a power loss, its files a mixture) opens no database but serves
+// the channel, so that the operator's restore can be run again from the
+// mark: it brings back the backup's point and opens the database.
+TEST_F(ClusterRestore, AStartOnAnUnfinishedRestoreServesTheRestoreRunAgain)
+{
+    ExpectCommitsReachDisk(false, m_box.Root() + "/journal1");
+    ClusterLine stFull = Backup(m_box, {"--wait"});
+    ASSERT_EQ(0, stFull.m_nResult) << stFull.m_strText << m_box.ReadDaemonTrace();
+    std::map<std::string, std::string> mapFull = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
+    ExpectCommitsReachDisk(true, m_box.Root() + "/journal2");
+    m_box.Signal(m_pid, SIGTERM);
+    ASSERT_EQ(0, m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS)) << m_box.ReadDaemonTrace();
+
+    // What the cut restore left: its mark, and a file half written.
+    TALVORRESTOREMARK stMark;
+    memset(&stMark, 0, sizeof(stMark));
+    snprintf(stMark.m_lpArchiveDesPath, sizeof(stMark.m_lpArchiveDesPath), "%s/Arch/", m_box.Root().c_str());
+    stMark.m_nTimestamp = stFull.m_nTs;
+    ASSERT_TRUE(TalvorSetRestoreMark(Path("System.dbf").c_str(), stMark));
+    ASSERT_EQ(0, truncate(Path("Data2.dbf").c_str(), (off_t)mapFull["Data2.dbf"].size() / 2));
+
+    const size_t nTraceBefore = m_box.ReadDaemonTrace().size();
+    m_pid = m_box.StartDaemon();
+    ASSERT_GT(m_pid, 0);
+    ASSERT_TRUE(m_box.WaitForTrace("only cluster commands are served", 30000)) << m_box.ReadDaemonTrace();
+    ASSERT_TRUE(m_box.IsRunning(m_pid)) << m_box.ReadDaemonTrace();
+    EXPECT_EQ(std::string::npos, m_box.ReadDaemonTrace().find("Talvor storage service started", nTraceBefore))
+        << "a database of mixed files was opened";
+
+    std::string strOut;
+    EXPECT_EQ(0, RestoreTo(m_box, stFull.m_nTs, &strOut)) << strOut << m_box.ReadDaemonTrace();
+    EXPECT_NE(std::string::npos, strOut.find("outcome=finished database=open restored=yes")) << strOut;
+    std::map<std::string, std::string> mapRestored = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
+    for (const std::string& strName : CLUSTER_DB_FILES) {
+        if (strName == "System.dbf") continue;
+        EXPECT_TRUE(mapFull[strName] == mapRestored[strName]) << strName << " is not as it stood";
+    }
+    EXPECT_EQ(stFull.m_nTs, CommittedOnDisk(Path("System.dbf")));
+    EXPECT_FALSE(PathExists(Path("System.dbf") + ".restoring"));
+    ExpectCommitsReachDisk(true, m_box.Root() + "/journal3");
 }
