@@ -135,6 +135,7 @@ TEST(VarDataNull, CompareOfNullFollowsGroupingAndSqlRules)
 {
     st_VARDATA n = Of(TALVOR_VT_NULL), one = Int(1);
     EXPECT_TRUE(n == Of(TALVOR_VT_NULL)) << "grouping puts NULLs together";
+    EXPECT_FALSE(n == Of(TALVOR_VT_MARK_UNKNOWN)) << "but not a NULL with a marker";
     EXPECT_EQ(n.IsEqual(Of(TALVOR_VT_NULL), FALSE), TALVOR_UNKNOWN);
     EXPECT_TRUE(n.SafeEqual(Of(TALVOR_VT_NULL)));
     EXPECT_FALSE(n.SafeEqual(one));
@@ -147,6 +148,8 @@ TEST(VarDataNull, CompareOfNullFollowsGroupingAndSqlRules)
     EXPECT_EQ(nResult, TALVOR_TRUE);
     EXPECT_EQ(CompareData(one, n, TALVOR_OP_SAFE_EQUAL, nResult), 0);
     EXPECT_EQ(nResult, TALVOR_FALSE);
+    EXPECT_EQ(CompareData(one, one, TALVOR_OP_LESS_EQUAL, nResult), 0) << "the last operator";
+    EXPECT_EQ(nResult, TALVOR_TRUE);
     nResult = 9;
     EXPECT_EQ(CompareData(one, one, 18, nResult), TALVOR_VARDATA_BAD_OPERATOR);
     EXPECT_EQ(CompareData(one, one, 26, nResult), TALVOR_VARDATA_BAD_OPERATOR);
@@ -215,6 +218,7 @@ TEST(VarDataCompare, AcrossTypesAndText)
     z.m_vt = TALVOR_VT_TEXT;
     EXPECT_FALSE(Txt("a") == z);
     EXPECT_FALSE(Txt("a") != z);
+    EXPECT_EQ(Txt("").Compare(z), 0) << "but it sorts as the empty text";
     // Text hash follows the compare: case does not count, a trailing NUL neither.
     const char szNul[] = "hello, world 42\0";
     st_VARDATA withNul;
