@@ -40,4 +40,15 @@ std::vector<std::string> RunPythonReference(const std::string& strScript, const 
     return RunForLines("python3 '" + strScriptPath + "' < '" + strInputPath + "'");
 }
 
+std::string HexOf(const std::string& strBytes)
+{
+    static const char kDigits[] = "0123456789abcdef";
+    std::string strOut;
+    for (unsigned char c : strBytes) {
+        strOut += kDigits[c >> 4];
+        strOut += kDigits[c & 15];
+    }
+    return strOut;
+}
+
 } // namespace talvortest

@@ -18,4 +18,8 @@ std::vector<std::string> RunForLines(const std::string& strCommand);
 // check.
 std::vector<std::string> RunPythonReference(const std::string& strScript, const std::vector<std::string>& vLines);
 
+// The bytes of strBytes in lower-case hexadecimal, as Python's bytes.hex()
+// writes them.
+std::string HexOf(const std::string& strBytes);
+
 } // namespace talvortest

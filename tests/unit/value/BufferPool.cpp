@@ -1,9 +1,8 @@
 // Page pools and the size-class pool: every result aligned, inside storage
-// the pool owns and apart from every other live result; a reset reuses all
-// pages; an exhausted source or limit is reported and leaves the pool whole.
-//
-// Each result is filled with a pattern of its own and every pattern is
-// checked at the end, so an overlap shows even where the bookkeeping agrees.
+// the pool owns and apart from every other (each filled with a pattern of
+// its own, all checked, so an overlap shows even where the bookkeeping
+// agrees); a reset reuses all pages; an exhausted source or limit is
+// reported and leaves the pool whole.
 #include "TalvorBufferPool.h"
 
 #include <gtest/gtest.h>
@@ -258,31 +257,25 @@ TEST(BufferPool, ExhaustedSourcesAndImpossibleSizesGiveNullAndKeepThePool)
     memset(p, 0, 100);
 }
 
-// ---------------------------------------------------------------------------
-
 TEST(MemoryPool, ClassesRoundingAndReuse)
 {
     CTalvorMemoryPool pool;
-    UINT n = 20000;
-    LPBYTE p = pool.Alloc(n);
-    ASSERT_NE(p, nullptr);
-    EXPECT_EQ(n, 32768u);
-    pool.Free(p);
-    n = 20000;
-    EXPECT_EQ(pool.Alloc(n), p) << "a freed block of the class is reused";
-    n = 300000;
-    ASSERT_NE(pool.Alloc(n), nullptr);
-    EXPECT_EQ(n, 1048576u) << "there is no class of 512 KiB";
-    n = 0;
-    ASSERT_NE(pool.Alloc(n), nullptr);
-    EXPECT_EQ(n, 16384u);
-    n = 4194305;
-    LPBYTE big = pool.Alloc(n);
-    ASSERT_NE(big, nullptr);
-    EXPECT_EQ(n, 4194305u);
+    // Asked and given: no class of 512 KiB, none past 4 MiB.
+    const UINT arClasses[][2] = {{20000, 32768}, {300000, 1048576}, {0, 16384}, {4194305, 4194305}};
+    LPBYTE p = nullptr;
+    for (const auto& c : arClasses) {
+        UINT n = c[0];
+        ASSERT_NE(p = pool.Alloc(n), nullptr);
+        EXPECT_EQ(n, c[1]) << c[0];
+    }
+    LPBYTE big = p;
     long long nHeld = pool.GetAllocedSize();
     pool.Free(big);
     EXPECT_EQ(pool.GetAllocedSize(), nHeld - 4194305);
+    UINT n = 20000;
+    p = pool.Alloc(n);
+    pool.Free(p);
+    EXPECT_EQ(pool.Alloc(n), p) << "a freed block of the class is reused";
     pool.FreeAll();
     EXPECT_EQ(pool.GetTotalSize(), 0);
     EXPECT_EQ(pool.GetAllocedSize(), 0);

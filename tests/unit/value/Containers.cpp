@@ -141,8 +141,6 @@ TEST(Stack, MatchesStdVectorUnderRandomOperations)
     EXPECT_EQ(s.at(-1), nullptr);
 }
 
-// ---------------------------------------------------------------------------
-
 std::string RandomKey(std::mt19937& rng)
 {
     static const char arAlphabet[] = "abcXYZ_09\x80\xff";
@@ -278,8 +276,6 @@ TEST(MapString, KeyWhoseHashIsIntMinStaysInTheTable)
     delete[] static_cast<BYTE*>(c.Remove(key.c_str()));
 }
 
-// ---------------------------------------------------------------------------
-
 TEST(MapInt64, MatchesStdSetUnderRandomOperations)
 {
     std::mt19937_64 rng(41);
@@ -321,8 +317,6 @@ TEST(MapInt64, ZeroIsPresentWhileItsHeadIsFree)
     EXPECT_EQ(m.Find(257), 0);
     EXPECT_EQ(m.Find(0), 1);
 }
-
-// ---------------------------------------------------------------------------
 
 TEST(MapCache, MatchesStdMapUnderRandomOperationsAndOwnsValues)
 {

@@ -75,43 +75,39 @@ Field TextField(const std::string& s)
     return f;
 }
 
+// Reads a number field of bType into v; the type v comes back as.
+template <class T>
+BYTE ReadNumber(BYTE bType, T x, st_VARDATA& v)
+{
+    Field f = NumberField<T>(x);
+    EXPECT_EQ(GetValueFromFieldBuffer(bType, f.Data(), f.Len(), v), 0) << (int)bType;
+    return v.m_vt;
+}
+
 TEST(VarDataField, EachTypeReadsBack)
 {
     st_VARDATA v;
     v.Init();
     ASSERT_EQ(v.SetData("owned before", 12), 0);  // given back by the first read, or the leak checker fails
-    Field f = NumberField<int>(-123456789);
-    ASSERT_EQ(GetValueFromFieldBuffer(1, f.Data(), f.Len(), v), 0);
-    EXPECT_EQ(Val(v.m_vt), 1);
+    EXPECT_EQ(ReadNumber<int>(1, -123456789, v), 1);
     EXPECT_EQ(Val(v.m_nValue), -123456789);
-    f = NumberField<long long>(-1234567890123LL);
-    ASSERT_EQ(GetValueFromFieldBuffer(2, f.Data(), f.Len(), v), 0);
+    EXPECT_EQ(ReadNumber<long long>(2, -1234567890123LL, v), 2);
     EXPECT_EQ(Val(v.m_llValue), -1234567890123LL);
-    f = NumberField<double>(-2.5e-300);
-    ASSERT_EQ(GetValueFromFieldBuffer(3, f.Data(), f.Len(), v), 0);
+    EXPECT_EQ(ReadNumber<double>(3, -2.5e-300, v), 3);
     EXPECT_EQ(Val(v.m_dblValue), -2.5e-300);
-    f = NumberField<double>(25569.5);
-    ASSERT_EQ(GetValueFromFieldBuffer(4, f.Data(), f.Len(), v), 0);
-    EXPECT_EQ(Val(v.m_vt), 4);
+    EXPECT_EQ(ReadNumber<double>(4, 25569.5, v), 4);
     EXPECT_EQ(Val(v.m_dblValue), 25569.5);
-    TALVORDATE stDate = {29, 2, 2000};
-    f = NumberField<TALVORDATE>(stDate);
-    ASSERT_EQ(GetValueFromFieldBuffer(12, f.Data(), f.Len(), v), 0);
+    EXPECT_EQ(ReadNumber(12, TALVORDATE{29, 2, 2000}, v), 12);
     EXPECT_EQ(Val(v.m_stDate.m_sYear), 2000);
     EXPECT_EQ(Val(v.m_stDate.m_bDay), 29);
-    TALVORTIME stTime = {5, 6, 7, -2};
-    f = NumberField<TALVORTIME>(stTime);
-    ASSERT_EQ(GetValueFromFieldBuffer(11, f.Data(), f.Len(), v), 0);
+    EXPECT_EQ(ReadNumber(11, TALVORTIME{5, 6, 7, -2}, v), 11);
     EXPECT_EQ(Val(v.m_stTime.m_nDay), -2);
     EXPECT_EQ(Val(v.m_stTime.m_bMintue), 6);
-    f = NumberField<signed char>(-5);
-    ASSERT_EQ(GetValueFromFieldBuffer(80, f.Data(), f.Len(), v), 0);
-    EXPECT_EQ(Val(v.m_vt), 1) << "tiny comes back as int";
+    EXPECT_EQ(ReadNumber<signed char>(80, -5, v), 1) << "tiny comes back as int";
     EXPECT_EQ(Val(v.m_nValue), -5);
-    f = NumberField<short>(-300);
-    ASSERT_EQ(GetValueFromFieldBuffer(81, f.Data(), f.Len(), v), 0);
-    EXPECT_EQ(Val(v.m_vt), 1);
+    EXPECT_EQ(ReadNumber<short>(81, -300, v), 1);
     EXPECT_EQ(Val(v.m_nValue), -300);
+    Field f = NumberField<short>(-300);
 
     // Text is borrowed from the buffer, in both length forms.
     for (const std::string& s : {std::string("short text"), std::string(300, 'L'), std::string()}) {
