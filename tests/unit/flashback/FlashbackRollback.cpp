@@ -384,6 +384,17 @@ std::vector<BYTE> ImageWithOneMap(int nMapSize)
     return v;
 }
 
+// The descriptor of a file whose image is vImage.
+stu_FILEINFO FileOver(std::vector<BYTE>& vImage, BYTE bFileNo)
+{
+    stu_FILEINFO info;
+    memset(&info, 0, sizeof(info));
+    info.m_bFileNo = bFileNo;
+    info.m_pFileAddr = vImage.data();
+    info.m_liFileSize = (long long)vImage.size();
+    return info;
+}
+
 } // namespace
 
 // With no engine to ask, the slave maps are refreshed from the image. The
@@ -398,11 +409,7 @@ TEST(FlashbackMapFromImage, ASystemHeadWithAShortMapSizeLeavesTheMasterAlone)
         SCOPED_TRACE(nMapSize);
         std::vector<BYTE> vImage = ImageWithOneMap(nMapSize);
         const std::vector<BYTE> vBefore = vImage;
-        stu_FILEINFO info;
-        memset(&info, 0, sizeof(info));
-        info.m_bFileNo = SYSTEMFILE_FILENO;
-        info.m_pFileAddr = vImage.data();
-        info.m_liFileSize = (long long)vImage.size();
+        stu_FILEINFO info = FileOver(vImage, SYSTEMFILE_FILENO);
         ASSERT_EQ(0, fb.FlashbackMapData(nullptr, &info, 100, vHeadBuf.data(), (int)vHeadBuf.size()));
         EXPECT_TRUE(std::equal(vImage.begin() + MAP_AT, vImage.begin() + MAP_AT + SYSTEM_MAP_COPY,
                                vBefore.begin() + MAP_AT))
@@ -427,11 +434,7 @@ TEST(FlashbackMapFromImage, AMapChainPointingPastTheImageEndsTheWalk)
             std::vector<BYTE> vImage = ImageWithOneMap(SYSTEM_MAP_COPY);
             ((LPBASEFILEBLOCKMAPHEAD)&vImage[MAP_AT])->m_nNextBlockMapOffset = nNext;
             const std::vector<BYTE> vBefore = vImage;
-            stu_FILEINFO info;
-            memset(&info, 0, sizeof(info));
-            info.m_bFileNo = bFileNo;
-            info.m_pFileAddr = vImage.data();
-            info.m_liFileSize = (long long)vImage.size();
+            stu_FILEINFO info = FileOver(vImage, bFileNo);
             ASSERT_EQ(0, fb.FlashbackMapData(nullptr, &info, 100, vHeadBuf.data(), (int)vHeadBuf.size()));
             EXPECT_TRUE(std::equal(vImage.begin() + MAP_AT + 2 * SYSTEM_MAP_COPY, vImage.end(),
                                    vBefore.begin() + MAP_AT + 2 * SYSTEM_MAP_COPY))
