@@ -50,14 +50,18 @@ std::string RandomBytes(size_t nSize, std::mt19937& rng)
 }
 
 // The fault layer in force over the database's files; the trace (and
-// strArchive when given) passes through untouched.
-struct DbFileIO : FaultFileIO {
+// strArchive when given) passes through untouched. The layer is held, not
+// derived from: the trace writer may still be calling it as the scope ends,
+// and a derived layer's destructor changes its vtable under that call.
+struct DbFileIO {
     explicit DbFileIO(const std::string& strLog, const std::string& strArchive = std::string())
     {
-        PassThrough(strLog);
-        if (!strArchive.empty()) PassThrough(strArchive);
+        m_io.PassThrough(strLog);
+        if (!strArchive.empty()) m_io.PassThrough(strArchive);
     }
-    ScopedFileIO m_scope{this};
+    FaultFileIO* operator->() { return &m_io; }
+    FaultFileIO m_io;
+    ScopedFileIO m_scope{&m_io};
 };
 
 BACKUPFILEHEAD* HeadOf(std::string& strBackup) { return (BACKUPFILEHEAD*)&strBackup[0]; }
@@ -243,7 +247,7 @@ protected:
     void RunRestoreThatFills(long long nTimestamp)
     {
         DbFileIO io(m_db.m_tree.LogDir(), m_strArchive);
-        io.FillAfter(1 << 20, ENOSPC);
+        io->FillAfter(1 << 20, ENOSPC);
         RunRestoreCommand(nTimestamp);
     }
     // The files the chain of level 1 gives (its new file in strNew).
@@ -390,7 +394,7 @@ TEST_F(Restore, TheMarkStandsAtEveryWriteAndAPowerLossLeavesAWholeDatabaseOrASta
     long long nWrites = 0, nDatabaseWrites = 0, nUnmarked = 0, nFirstLevel1Write = 0;
     {
         DbFileIO io(m_db.m_tree.LogDir());
-        io.OnCall(FileOp::PWrite, [&](const FileCall& call) {
+        io->OnCall(FileOp::PWrite, [&](const FileCall& call) {
             if (call.m_strPath.compare(0, strBackupDir.size(), strBackupDir) == 0) return;
             if (call.m_strPath.find(".restoring") != std::string::npos) return;
             nDatabaseWrites++;
@@ -399,7 +403,7 @@ TEST_F(Restore, TheMarkStandsAtEveryWriteAndAPowerLossLeavesAWholeDatabaseOrASta
             if (call.m_strPath == m_strNewFile && nFirstLevel1Write == 0) nFirstLevel1Write = call.m_nNth;
         });
         ASSERT_TRUE(RestoreTo(m_nLevel2));
-        nWrites = io.Calls(FileOp::PWrite);
+        nWrites = io->Calls(FileOp::PWrite);
     }
     ASSERT_GT(nWrites, 10);
     EXPECT_GT(nDatabaseWrites, 0);
@@ -410,7 +414,7 @@ TEST_F(Restore, TheMarkStandsAtEveryWriteAndAPowerLossLeavesAWholeDatabaseOrASta
     // the mark) leaves it.
     {
         DbFileIO io(m_db.m_tree.LogDir());
-        io.FailCall(FileOp::PWrite, nFirstLevel1Write, EIO);
+        io->FailCall(FileOp::PWrite, nFirstLevel1Write, EIO);
         EXPECT_FALSE(RestoreTo(m_nLevel2));
     }
     EXPECT_TRUE(m_db.m_tree.Traced("Failed to write data file")) << m_db.m_tree.Trace();
@@ -423,9 +427,9 @@ TEST_F(Restore, TheMarkStandsAtEveryWriteAndAPowerLossLeavesAWholeDatabaseOrASta
         ASSERT_TRUE(TalvorClearRestoreMark(strSystem.c_str()));
         {
             DbFileIO io(m_db.m_tree.LogDir());
-            io.DieAfter(FileOp::PWrite, nDieAt);
+            io->DieAfter(FileOp::PWrite, nDieAt);
             EXPECT_FALSE(RestoreTo(m_nLevel2));
-            io.LosePower();
+            io->LosePower();
         }
         // The backups themselves are never written.
         const long long arTimestamps[3] = {m_nFull, m_nLevel1, m_nLevel2};
@@ -535,18 +539,18 @@ TEST_F(Restore, ATornForeignOrDamagedChainIsRefusedBeforeAByteOfAnyDatabaseFileI
         WriteChain(arChain);
         DbFileIO io(m_db.m_tree.LogDir());
         std::vector<std::string> vTouched;
-        io.OnCall(FileOp::Open, [&](const FileCall& call) {
+        io->OnCall(FileOp::Open, [&](const FileCall& call) {
             if ((call.m_nFlags & (O_WRONLY | O_RDWR | O_CREAT)) != 0) vTouched.push_back("open " + call.m_strPath);
         });
-        io.OnCall(FileOp::Unlink, [&](const FileCall& call) { vTouched.push_back("unlink " + call.m_strPath); });
-        io.OnCall(FileOp::MkDir, [&](const FileCall& call) { vTouched.push_back("mkdir " + call.m_strPath); });
+        io->OnCall(FileOp::Unlink, [&](const FileCall& call) { vTouched.push_back("unlink " + call.m_strPath); });
+        io->OnCall(FileOp::MkDir, [&](const FileCall& call) { vTouched.push_back("mkdir " + call.m_strPath); });
         const size_t nTraceBefore = m_db.m_tree.Trace().size();
         EXPECT_FALSE(RestoreTo(c.m_nTop != 0 ? c.m_nTop : m_nLevel2));
         // Told by this refusal, not by an earlier one.
         std::string strTold = m_db.m_tree.Trace().substr(nTraceBefore);
         EXPECT_NE(std::string::npos, strTold.find(c.m_lpTraced)) << strTold;
         for (const std::string& strTouched : vTouched) ADD_FAILURE() << strTouched;
-        for (const FileWrite& w : io.Writes()) ADD_FAILURE() << "written: " << w.m_strPath;
+        for (const FileWrite& w : io->Writes()) ADD_FAILURE() << "written: " << w.m_strPath;
         ExpectUntouched(vBefore);
         unlink(BackupPath(nLevel2b).c_str());
     }
@@ -592,7 +596,7 @@ TEST_F(Restore, AnyByteOfTheHeadsAndPagesChangedNeverLeadsAWriteOutsideItsFile)
         WriteChain(arChain);
         DbFileIO io(m_db.m_tree.LogDir(), m_strArchive);
         if (!RestoreTo(m_nLevel2)) nRefused++;
-        for (const FileWrite& w : io.Writes()) {
+        for (const FileWrite& w : io->Writes()) {
             auto it = mapSizes.find(w.m_strPath);
             if (it == mapSizes.end()) {
                 ADD_FAILURE() << "written: " << w.m_strPath;
@@ -640,7 +644,7 @@ TEST_F(Restore, EachStepCalledAloneChecksItsOwnBackupBeforeItWrites)
     }
     EXPECT_TRUE(m_db.m_tree.Traced("outside the database file's size"));
     EXPECT_TRUE(m_db.m_tree.Traced("The actual level of backup files [1, " + std::to_string(m_nLevel2) + "] is [2]"));
-    for (const FileWrite& w : io.Writes()) ADD_FAILURE() << "written: " << w.m_strPath;
+    for (const FileWrite& w : io->Writes()) ADD_FAILURE() << "written: " << w.m_strPath;
     ExpectUntouched(vBefore);
 }
 
@@ -779,8 +783,8 @@ void Restore::ExpectRerunToLevel1Whole(std::mt19937& rng, bool bFailedChainGone)
         // The second piece of the new file fails: the first is on disk.
         DbFileIO io(m_db.m_tree.LogDir(), m_strArchive);
         int nNewWrites = 0;
-        io.OnCall(FileOp::PWrite, [&](const FileCall& call) {
-            if (call.m_strPath == m_strNewFile && ++nNewWrites == 2) io.FailCall(FileOp::PWrite, call.m_nNth, EIO);
+        io->OnCall(FileOp::PWrite, [&](const FileCall& call) {
+            if (call.m_strPath == m_strNewFile && ++nNewWrites == 2) io->FailCall(FileOp::PWrite, call.m_nNth, EIO);
         });
         RunRestoreCommand(nOther);
         ASSERT_EQ(2, nNewWrites);
@@ -846,15 +850,15 @@ TEST_F(Restore, CommandWithNoHeadAndADamagedOrMissingMarkIsRefusedAndWritesNothi
             // The configuration is read as the rebuild reads it (its file
             // opened for both ways); a write to it would still be seen.
             const std::string strIni = m_db.m_tree.IniPath();
-            io.OnCall(FileOp::Open, [&](const FileCall& call) {
+            io->OnCall(FileOp::Open, [&](const FileCall& call) {
                 if ((call.m_nFlags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC)) != 0 && call.m_strPath != strIni)
                     vTouched.push_back("open " + call.m_strPath);
             });
-            io.OnCall(FileOp::Unlink, [&](const FileCall& call) { vTouched.push_back("unlink " + call.m_strPath); });
-            io.OnCall(FileOp::MkDir, [&](const FileCall& call) { vTouched.push_back("mkdir " + call.m_strPath); });
+            io->OnCall(FileOp::Unlink, [&](const FileCall& call) { vTouched.push_back("unlink " + call.m_strPath); });
+            io->OnCall(FileOp::MkDir, [&](const FileCall& call) { vTouched.push_back("mkdir " + call.m_strPath); });
             RunRestoreCommand(nTimestamp);
             for (const std::string& strTouched : vTouched) ADD_FAILURE() << strTouched;
-            for (const FileWrite& w : io.Writes()) ADD_FAILURE() << "written: " << w.m_strPath;
+            for (const FileWrite& w : io->Writes()) ADD_FAILURE() << "written: " << w.m_strPath;
         }
         EXPECT_EQ(nullptr, m_db.Head());
         EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
