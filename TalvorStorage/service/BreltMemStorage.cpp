@@ -81,6 +81,7 @@ void CBreltMemStorageModule::ResetFields()
     memset(m_arTalvorStandby, 0, sizeof(m_arTalvorStandby));
     m_bExit = FALSE;
     m_bServing = FALSE;
+    m_bRingsUnopened = FALSE;
     m_nClusterNodeType = 0;
     m_nStorageStopWaitMs = STORAGE_THREAD_STOP_WAIT_MS;
     m_bStorageThreadLive = FALSE;
@@ -216,6 +217,7 @@ HRESULT CBreltMemStorageModule::ServeUntilRestored(LPTALVORCRITICALSECTION lpCri
     // No image of an earlier run was taken over; any made from here on is
     // this run's.
     m_bServing = TRUE;
+    m_bRingsUnopened = TRUE;
     StartLogSystemOwnLines();
     Trace0("PostMessageLoop", 2, 10010008,
            TALVOR_TEXT("数据库未打开:只执行集群命令,直到重新执行恢复",

@@ -313,6 +313,10 @@ public:
     // From the "started" line on: the images are this run's to remove at the
     // stop. Before it, a failed start keeps every image it took over.
     BOOL m_bServing;
+    // Started with no database (ServeUntilRestored): the trace and redo
+    // rings wait for the first database a rebuild opens. Storage thread
+    // after the start.
+    BOOL m_bRingsUnopened;
     int m_nClusterNodeType;
 
     // --- Beyond the classic fields.

@@ -573,6 +573,11 @@ BOOL CBreltMemStorageModule::RecoverResource(LPTALVORCRITICALSECTION lpCritSecti
         // (nor to the 0 of a restore that could not tell it).
         lpHead->m_nRedoLogMaxID = nLogMaxID;
     }
+    // A daemon that started with no database has no rings yet.
+    if (m_bRingsUnopened) {
+        if (!SysOpenTalvorLogRings(lpHead, m_pFlashback)) return AbandonRebuild();
+        m_bRingsUnopened = FALSE;
+    }
     if (!SysStartTalvorLog(lpHead, m_nClusterNodeType, bRecover, m_pFlashback)) return AbandonRebuild();
     if (!m_pFlashback->InitRollback(lpCritSection, lpHead->m_nMemoryUndoSize)) return AbandonRebuild();
     if (FAILED(LoadFile(lpCritSection))) {

@@ -36,10 +36,12 @@ BOOL SetLogSystemFileHead(LPSYSTEMFILEHEAD lpMemoryFileHead, int nNodeType, CTal
 // With no database to open: starts the writer of the daemon's own lines
 // alone (the engine's ring needs a head). FALSE when it could not start.
 BOOL StartLogSystemOwnLines();
+// A daemon that started with no database opens the rings and starts both
+// trace threads here, from the first head it opens, before the redo
+// service (SysStartTalvorLog). FALSE when they could not be had.
+BOOL SysOpenTalvorLogRings(LPSYSTEMFILEHEAD lpMemoryFileHead, CTalvorFlashback* pFlashback);
 // The cluster road: the redo service alone goes and comes back around a
-// change of the database, while the trace log keeps running. A daemon that
-// started with no database gets its rings and trace threads here, from the
-// first head.
+// change of the database, while the trace log keeps running.
 BOOL SysStartTalvorLog(LPSYSTEMFILEHEAD lpMemoryFileHead, int nClusterNodeType, BOOL bRecover,
                        CTalvorFlashback* pFlashback);
 void SysClearTalvorLog();
@@ -107,6 +109,8 @@ public:
     BOOL StartRedoService(int nClusterNodeType, CTalvorFlashback* pFlashback);
     BOOL StartTalvorLog(LPSYSTEMFILEHEAD lpMemoryFileHead, int nClusterNodeType, BOOL bRecover,
                         CTalvorFlashback* pFlashback);
+    // The rings and both trace threads, as SetSystemFileHead opens them.
+    BOOL OpenRings(LPSYSTEMFILEHEAD lpMemoryFileHead, CTalvorFlashback* pFlashback);
     void ClearTalvorLog();
     // Frees the redo object once no thread runs in it (the destructor's part).
     void ReleaseRedoService();

@@ -184,20 +184,21 @@ void CLogManager::ReleaseRedoService()
     delete pRedo;
 }
 
+BOOL CLogManager::OpenRings(LPSYSTEMFILEHEAD lpMemoryFileHead, CTalvorFlashback* pFlashback)
+{
+    m_pMemoryFileHead = lpMemoryFileHead;
+    if (m_lpRedoDir == nullptr && TalvorConfigGetValueInt("System", "install", 0) != 1) Init();
+    if (!m_bEnvironmentReady && !InitLogEnvironment(pFlashback, lpMemoryFileHead->m_nTalvorBufferCacheSize))
+        return FALSE;
+    return StartTraceThreads(TRUE) == 0;
+}
+
 BOOL CLogManager::StartTalvorLog(LPSYSTEMFILEHEAD lpMemoryFileHead, int nClusterNodeType, BOOL bRecover,
                                  CTalvorFlashback* pFlashback)
 {
     m_pMemoryFileHead = lpMemoryFileHead;
     __atomic_store_n(&m_bLogExit, FALSE, __ATOMIC_RELEASE);
-    if (lpMemoryFileHead == nullptr) return FALSE;
-    // A daemon that started on a restore left unfinished opened no rings:
-    // the first database it opens gets them, as a start would.
-    if (!m_bEnvironmentReady) {
-        if (m_lpRedoDir == nullptr && TalvorConfigGetValueInt("System", "install", 0) != 1) Init();
-        if (!InitLogEnvironment(pFlashback, lpMemoryFileHead->m_nTalvorBufferCacheSize)) return FALSE;
-        if (StartTraceThreads(TRUE) != 0) return FALSE;
-    }
-    if (m_pLogFileAddr == nullptr) return FALSE;
+    if (m_pLogFileAddr == nullptr || lpMemoryFileHead == nullptr) return FALSE;
     // A redo object still held by a thread that outlived its stop stays.
     if (m_pTalvorRedoLog != nullptr) ReleaseRedoService();
     if (m_pTalvorRedoLog != nullptr) return FALSE;
@@ -261,6 +262,13 @@ void CLogManager::ClearTalvorLog()
     // its head (the rollover size) before the image is released.
     __atomic_store_n(&m_pMemoryFileHead, (LPSYSTEMFILEHEAD) nullptr, __ATOMIC_RELEASE);
     Trace0("ClearTalvorLog", 3, 20020000, TALVOR_TEXT("Redo日志线程已关闭！", "Redo Log Thread Closed!"));
+}
+
+BOOL SysOpenTalvorLogRings(LPSYSTEMFILEHEAD lpMemoryFileHead, CTalvorFlashback* pFlashback)
+{
+    CLogManager* pLog = CLogManager::GetInstancePtr();
+    if (pLog == nullptr || lpMemoryFileHead == nullptr) return FALSE;
+    return pLog->OpenRings(lpMemoryFileHead, pFlashback);
 }
 
 BOOL SysStartTalvorLog(LPSYSTEMFILEHEAD lpMemoryFileHead, int nClusterNodeType, BOOL bRecover,
