@@ -80,6 +80,14 @@ enum : int {
     DBCHAIN_STOPPED = 3,  // the visitor asked to stop
 };
 
+// Whether nLength bytes from nOffset lie inside an image of nImageSize
+// bytes. Offsets read from an image may be anything up to LLONG_MAX: the
+// bound is taken by subtraction, so that no sum can wrap. Pure.
+inline bool DbSpanFits(long long nOffset, long long nLength, long long nImageSize)
+{
+    return nOffset >= 0 && nLength >= 0 && nLength <= nImageSize && nOffset <= nImageSize - nLength;
+}
+
 // Checks a chain of BASEFILEBLOCKMAP entries that starts at nFirstOffset (0:
 // empty chain). Each entry is read at its offset + nReadDelta (0 for the
 // master map, m_nBlockMapSize for the slave). Linear time, no memory: a loop

@@ -77,10 +77,8 @@ void CTalvorFlashback::MapDataFromImage(LPFILEINFO pFileInfo, LPBYTE lpHeadBuf, 
     long long nMaxSteps = nImageSize / (nCopy > 0 ? nCopy : 1) + 1;
     for (long long nStep = 0; nOffset > 0 && nStep < nMaxSteps; nStep++) {
         long long nDistance = (bSystem && nStep > 0) ? SYSTEMFILE_MAP_COPY : nMapSize;
-        // Offsets come from the image and may be anything up to LLONG_MAX:
-        // the bound is checked by subtraction so that it cannot wrap.
-        if (nDistance > nImageSize || nCopy > nImageSize - nDistance || nOffset > nImageSize - nDistance - nCopy)
-            return;
+        // Both lengths come from an int of the head: their sum cannot wrap.
+        if (!DbSpanFits(nOffset, nDistance + nCopy, nImageSize)) return;
         // A system head whose map size is below the fixed copy puts the slave
         // inside its own master: the copy would write over the live map the
         // engine works on. Such a head is damaged; its maps stay as they are.

@@ -623,10 +623,9 @@ int VisitMapBlocks(const SaveContext& c, LPBASEFILEHEAD lpHead, long long nDelta
     }
     long long nMaxSteps = c.m_nImageSize / nMapSize + 1;
     for (long long nStep = 0; nMap != 0; nStep++) {
-        // nMap is read from the image and may be near LLONG_MAX: the bound
-        // is checked by subtraction so that it cannot wrap.
-        if (nStep >= nMaxSteps || nMap < 0 || nDelta < 0 || nDelta > c.m_nImageSize ||
-            nMapSize > c.m_nImageSize - nDelta || nMap > c.m_nImageSize - nDelta - nMapSize) {
+        // nDelta and nMapSize are the head's map size (an int): their sum
+        // cannot wrap; nMap may be anything.
+        if (nStep >= nMaxSteps || nDelta < 0 || !DbSpanFits(nMap, nDelta + nMapSize, c.m_nImageSize)) {
             TraceMapBlock(c, nMap, 0);
             return STEP_FAIL;
         }

@@ -49,9 +49,6 @@ int OpenArchiveTarget(const char* lpPath, int nFlags)
 
 } // namespace
 
-// Every destination gets a trailing "/", the list is split at ";" (the sixth
-// path keeps whatever stands behind it), empty entries are dropped, and each
-// destination's "ArchiveLog/" is made.
 void CTalvorRedoLog::MakeArchiveDir(const char* lpPath)
 {
     int nErr = 0;
@@ -63,6 +60,9 @@ void CTalvorRedoLog::MakeArchiveDir(const char* lpPath)
           lpPath, nErr, strerror(nErr));
 }
 
+// Every destination gets a trailing "/", the list is split at ";" (the sixth
+// path keeps whatever stands behind it), empty entries are dropped, and each
+// destination's "ArchiveLog/" is made.
 int CTalvorRedoLog::PrepareDestinations(char* lpPaths, char** arDes)
 {
     int nLen = (int)strnlen(lpPaths, DES_BUFFER_SIZE - 1);

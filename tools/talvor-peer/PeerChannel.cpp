@@ -4,6 +4,8 @@
 // command 32: a sign of life).
 #include "PeerData.h"
 
+#include "DbFileLayout.h"
+
 #include "ShareMemory.h"
 
 #include <cstring>
@@ -36,8 +38,7 @@ void RefreshSlaveMaps(LPBYTE lpImage, long long nSize, bool bSystem)
     long long nCopy = bSystem ? 0x40000 : nMapSize;
     for (int nStep = 0; nOffset > 0 && nMapSize > 0 && nStep < 4096; nStep++) {
         long long nDistance = (bSystem && nStep > 0) ? 0x40000 : nMapSize;
-        // Checked by subtraction: a next offset near LLONG_MAX would wrap a sum.
-        if (nDistance > nSize || nCopy > nSize - nDistance || nOffset > nSize - nDistance - nCopy) return;
+        if (!DbSpanFits(nOffset, nDistance + nCopy, nSize)) return;
         memcpy(lpImage + nOffset + nDistance, lpImage + nOffset, (size_t)nCopy);
         long long nNext = ((LPBASEFILEBLOCKMAPHEAD)(lpImage + nOffset))->m_nNextBlockMapOffset;
         if (!bSystem && nNext < lpHead->m_nFileHeaderSize) return;
