@@ -175,8 +175,7 @@ long long HashOfDecimal(const st_VARDATA* v)
     const unsigned long long MAGNITUDE_2_63 = 1ULL << 63;
     unsigned long long ullSmall = 0;
     bool bWhole64 = nScale <= 0 && WholeIn64Bits(m, -nScale, ullSmall);
-    if (bWhole64 && ullSmall <= MAGNITUDE_2_63)
-        return (long long)talvorfixed::HashOfMagnitude(talvorfixed::WholeKey(ullSmall));
+    if (bWhole64 && ullSmall <= MAGNITUDE_2_63) return (long long)talvorfixed::HashOfWholeMagnitude(ullSmall);
     double d = 0;
     if (ExactDouble(m, nScale, d)) return (long long)talvorfixed::HashOfDouble(d);
     if (nScale > 0 && m <= (u128)~0ULL) return (long long)talvorfixed::HashOfDigits((unsigned long long)m, nScale);

@@ -334,9 +334,9 @@ typedef st_VARDATA VARDATA;
 __attribute__((always_inline)) inline int st_VARDATA::Compare(const st_VARDATA& b) const
 {
     // Rows of one column meet values of one type: those go straight.
-    if (m_vt == b.m_vt) {
-        if (m_vt == TALVOR_VT_BIGINT) return talvorfixed::IntegerOrder(m_llValue, b.m_llValue);
+    if (__builtin_expect(m_vt == b.m_vt, 1)) {
         if (m_vt == TALVOR_VT_DOUBLE) return talvorfixed::DoubleOrder(m_dblValue, b.m_dblValue);
+        if (m_vt == TALVOR_VT_BIGINT) return talvorfixed::IntegerOrder(m_llValue, b.m_llValue);
         if (m_vt == TALVOR_VT_INT) return talvorfixed::IntegerOrder(m_nValue, b.m_nValue);
     }
     return CompareOther(b);
@@ -344,8 +344,8 @@ __attribute__((always_inline)) inline int st_VARDATA::Compare(const st_VARDATA& 
 
 __attribute__((always_inline)) inline void st_VARDATA::CalcHashFactorEx(unsigned long long& h) const
 {
-    if (m_vt == TALVOR_VT_BIGINT) h += talvorfixed::HashOfWhole(m_llValue);
-    else if (m_vt == TALVOR_VT_DOUBLE) h += talvorfixed::HashOfDouble(m_dblValue);
+    if (m_vt == TALVOR_VT_DOUBLE) h += talvorfixed::HashOfDouble(m_dblValue);
+    else if (m_vt == TALVOR_VT_BIGINT) h += talvorfixed::HashOfWhole(m_llValue);
     else if (m_vt == TALVOR_VT_INT) h += talvorfixed::HashOfWhole(m_nValue);
     else h = HashOther(h);
 }

@@ -365,6 +365,28 @@ TEST(VarDataCompare, DistinctDoublesHashApart)
     EXPECT_GE(hashes.size() * 1000, vValues.size() * 999) << vValues.size() << " doubles";
 }
 
+// A table takes its buckets from the low bits: 2^16 everyday numbers of one
+// kind must fill about as many of 2^16 buckets as random hashes would
+// (1 - 1/e, 63%), not crowd into a quarter of them.
+TEST(VarDataCompare, EverydayNumbersFillTheLowBuckets)
+{
+    const int BUCKETS = 1 << 16;
+    const std::vector<std::pair<const char*, double (*)(int)>> vKinds = {
+        {"whole", [](int i) { return (double)i; }},          {"sixteenths", [](int i) { return i / 16.0; }},
+        {"hundredths", [](int i) { return i * 0.01; }},     {"millions", [](int i) { return i * 1e6; }},
+        {"past a billion", [](int i) { return 1e9 + i * 0.001; }}};
+    for (const auto& kind : vKinds) {
+        std::vector<char> vUsed(BUCKETS, 0);
+        int nUsed = 0;
+        for (int i = 1; i <= BUCKETS; ++i) {
+            unsigned nBucket = (unsigned long long)Hash(Dbl(kind.second(i))) & (BUCKETS - 1);
+            nUsed += vUsed[nBucket] == 0;
+            vUsed[nBucket] = 1;
+        }
+        EXPECT_GE(nUsed * 100, BUCKETS * 58) << kind.first;
+    }
+}
+
 // A NaN is equal to nothing, itself included: a compare that let it be
 // equal would merge it into any group and break a sort.
 TEST(VarDataCompare, NanIsEqualToNothing)
