@@ -1,5 +1,9 @@
 #include "MemoryMapOnDisk.h"
 
+#include "DbFileLayout.h"
+#include "LinuxCommonAPI.h"
+#include "TalvorFileIO.h"
+
 #include <cstdlib>
 #include <cstring>
 
@@ -53,5 +57,33 @@ BOOL CMemoryMapOnDisk::Reserve(long long nBlocks, long long nSize)
     for (long long i = m_nBlocks; i < nWant; i++) m_pEntries[i] = Entry{-1, FALSE};
     m_nBlocks = nWant;
     m_nMapSize = nSize;
+    return TRUE;
+}
+
+BOOL CMemoryMapOnDisk::LearnFromFile(int fd, long long nFirstMap, long long nMapSize, long long nFileSize)
+{
+    Forget();
+    if (nMapSize < (long long)sizeof(BASEFILEBLOCKMAPHEAD) || nMapSize > MAPONDISK_MAX_BYTES) return FALSE;
+    if (CTalvorFileIO::Current()->FDataSync(fd) != 0) return FALSE;
+    LPBYTE lpBuf = (LPBYTE)get_aligned_buffer((int)nMapSize);
+    if (lpBuf == nullptr) return FALSE;
+    long long nMaxSteps = nFileSize / nMapSize + 1;
+    long long nIndex = 0;
+    BOOL bWhole = TRUE;
+    for (long long nMap = nFirstMap; nMap != 0; nIndex++) {
+        if (nIndex >= nMaxSteps || !DbSpanFits(nMap, nMapSize, nFileSize) ||
+            !TalvorReadFull(fd, lpBuf, (size_t)nMapSize, (off_t)nMap)) {
+            bWhole = FALSE;
+            break;
+        }
+        Written(nIndex, nMap, lpBuf, nMapSize);
+        nMap = ((LPBASEFILEBLOCKMAPHEAD)lpBuf)->m_nNextBlockMapOffset;
+    }
+    free(lpBuf);
+    if (!bWhole) {
+        Forget();
+        return FALSE;
+    }
+    Synced();
     return TRUE;
 }

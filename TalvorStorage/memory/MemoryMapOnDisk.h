@@ -4,7 +4,8 @@
 // would otherwise write every map block of the file each time.
 //
 // The copy is only ever a statement about bytes this process wrote and
-// synced: it is forgotten after a write or sync that failed, and whenever
+// synced, or read back after a sync: it is forgotten after a write or sync
+// that failed, and whenever
 // anything but the save pass writes the file (a whole write-out, a resize,
 // a move). It is held to MAPONDISK_MAX_BYTES; map blocks past that are
 // simply written every pass.
@@ -33,6 +34,15 @@ public:
     void Written(long long nIndex, long long nOffset, const BYTE* lpBytes, long long nSize);
     // The writes since the last Synced are on the medium.
     void Synced();
+    // Learns the map chain from the file itself, as a load leaves it: the
+    // file is synced first, so that what is read is what the medium holds,
+    // then each map block from nFirstMap on is read at its place, following
+    // the chain as read, held to nFileSize and to as many blocks as the file
+    // can hold. Result: TRUE when the whole chain is known; FALSE (nothing
+    // known) when a sync, a read or an allocation failed or the chain left
+    // the file. fd may be opened for direct I/O; nMapSize is the head's map
+    // size. Thread: the loading thread, before any save pass of the file.
+    BOOL LearnFromFile(int fd, long long nFirstMap, long long nMapSize, long long nFileSize);
     // Nothing is known about the file on disk any more.
     void Forget();
 

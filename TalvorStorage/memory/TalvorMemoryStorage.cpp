@@ -354,6 +354,14 @@ int CTalvorMemoryStorage::Initialize(LPTALVORCRITICALSECTION, LPFILEINFO pFileIn
         return 1;
     }
     if (CheckImageHead() != 0) return 1;
+    // A loaded image holds the file's map as the file does: knowing it spares
+    // the first save pass of this run writing every map block again. An
+    // image taken over is newer than the file, and its map may be too.
+    if (!bExists) {
+        LPBASEFILEHEAD lpHead = (LPBASEFILEHEAD)pFileInfo->m_pFileAddr;
+        m_stMapOnDisk.LearnFromFile(Talvor_FileDescriptor(pFileInfo->m_hFile), lpHead->m_nBlockMapStartOffset,
+                                    lpHead->m_nBlockMapSize, m_nDiskFileSize);
+    }
     // The image counts as saved up to the start of this run, so that the
     // first save pass compares against it.
     if (pFileInfo->m_bFileType != FILETYPE_SYSTEM) pFileInfo->m_nTimestamp = nTimestamp;

@@ -587,3 +587,37 @@ TEST_F(PersistencePass, MapBlocksAreLeftOutOnlyWhenTheFileHoldsTheirBytes)
         EXPECT_TRUE(fnDiskHoldsTheMap()) << "the map written by another writer was taken as the pass's" ;
     }
 }
+
+// A load learns the map the file holds, so the first pass after it writes
+// no unchanged map block; and it syncs the file before it reads, so that a
+// map the last run wrote without a sync is not taken for the medium's.
+TEST_F(PersistencePass, ALoadKnowsTheMapOnDiskOnlyOnceItIsSynced)
+{
+    const int nFileNo = 3;
+    long long nMap = m_db.FileHead(nFileNo)->m_nBlockMapStartOffset;
+    m_db.Stop();
+    const long long nChangedByte = nMap + offsetof(BASEFILEBLOCKMAPHEAD, m_bReserved);
+    const BYTE bChanged = 0x6B;
+    {
+        FaultFileIO io;
+        ScopedFileIO scope(&io);
+        // The last run's change of the map, written and never synced.
+        int fd = CTalvorFileIO::Current()->Open(m_db.PathOf(nFileNo).c_str(), O_RDWR, 0);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(1, CTalvorFileIO::Current()->PWrite(fd, &bChanged, 1, nChangedByte));
+        CTalvorFileIO::Current()->Close(fd);
+        ASSERT_EQ(S_OK, m_db.Start());
+        io.LosePower(NameLoss::Keep);
+    }
+    EXPECT_EQ((char)bChanged, ReadWholeFile(m_db.PathOf(nFileNo))[(size_t)nChangedByte])
+        << "the load learned a map block the medium never held";
+    m_db.PrepareFiles();
+    Commit(nFileNo, 5, 2, 333);
+    m_db.FileHead(nFileNo)->m_bSaveFlag = 1;
+    FaultFileIO io;
+    ScopedFileIO scope(&io);
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    for (const FileWrite& w : io.Writes())
+        EXPECT_FALSE(w.m_strPath == m_db.PathOf(nFileNo) && w.m_nOffset == nMap)
+            << "the first pass wrote a map block the file held";
+}
