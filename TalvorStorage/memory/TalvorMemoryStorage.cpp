@@ -7,10 +7,12 @@
 #include "ShareMemory.h"
 #include "TalvorFileIO.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <pthread.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -255,6 +257,67 @@ void ReadLoadPieces(LOADPIECE* arPieces, int nCount, FnLoaded pfnLoaded)
         ReadLoadPiece(&arPieces[1]);
 }
 
+// The end of the last piece a load reads: pieces that begin past the free
+// offset are left out.
+long long LoadReadEnd(long long nFreeOffset, long long nSize)
+{
+    if (nFreeOffset < 0) return LOAD_PIECE_SIZE;
+    long long nLastStart = nFreeOffset / LOAD_PIECE_SIZE * LOAD_PIECE_SIZE;
+    return nLastStart + LOAD_PIECE_SIZE < nSize ? nLastStart + LOAD_PIECE_SIZE : nSize;
+}
+
+// Faults the pages of a fresh segment in ahead of the reads, on a thread of
+// its own. A direct read into pages not yet there makes them first, zeroing
+// each, and that costs about as much again as the read: done ahead, it
+// overlaps the reads instead of delaying each. The pages are made as the
+// kernel makes them for a read (MADV_POPULATE_WRITE never changes a byte),
+// so a read that gets to a page first loses nothing; the thread stops at
+// the first refusal, and the reads fault in what is left.
+class CSegmentPrefault {
+public:
+    CSegmentPrefault() = default;
+    CSegmentPrefault(const CSegmentPrefault&) = delete;
+    CSegmentPrefault& operator=(const CSegmentPrefault&) = delete;
+    ~CSegmentPrefault() { Stop(); }
+
+    // Starts on [lpFrom, lpFrom + nBytes), lpFrom page-aligned. Without a
+    // thread nothing is done ahead.
+    void Start(LPBYTE lpFrom, long long nBytes)
+    {
+        if (m_bRunning || nBytes <= 0) return;
+        m_lpFrom = lpFrom;
+        m_nBytes = nBytes;
+        m_bRunning = CreateJoinableThread(&m_hThread, Run, this) == 0;
+    }
+    // Ends the thread at its next chunk and waits for it.
+    void Stop()
+    {
+        if (!m_bRunning) return;
+        m_bStop.store(true, std::memory_order_relaxed);
+        pthread_join(m_hThread, nullptr);
+        m_bRunning = FALSE;
+    }
+
+private:
+    static void* Run(void* lpParam)
+    {
+        CSegmentPrefault* pThis = (CSegmentPrefault*)lpParam;
+        const long long CHUNK = 2097152;
+        for (long long nDone = 0; nDone < pThis->m_nBytes; nDone += CHUNK) {
+            if (pThis->m_bStop.load(std::memory_order_relaxed)) break;
+            long long nChunk = pThis->m_nBytes - nDone < CHUNK ? pThis->m_nBytes - nDone : CHUNK;
+            if (madvise(pThis->m_lpFrom + nDone, (size_t)nChunk, MADV_POPULATE_WRITE) != 0) break;
+        }
+        return nullptr;
+    }
+
+    LPBYTE m_lpFrom = nullptr;
+    long long m_nBytes = 0;
+    std::atomic<bool> m_bStop{false};
+    HTHREADTYPE m_hThread = 0;
+    BOOL m_bRunning = FALSE;
+};
+
 } // namespace
 
 // Reads the file into a new segment, two pieces at a time after the first.
@@ -275,7 +338,10 @@ int CTalvorMemoryStorage::LoadImage(LPTALVORPROGRESS lpTalvorProgress, long long
         TalvorSetLoadSize(p, nBefore);
         if (lpTalvorProgress != nullptr) lpTalvorProgress->m_nPos = (int)((nTotalProgress + nBefore) / DB_MIB);
     };
+    CSegmentPrefault stPrefault;
     for (long long nPos = 0; nPos < nSize;) {
+        if (nPos == LOAD_PIECE_SIZE)
+            stPrefault.Start(p->m_pFileAddr + nPos, LoadReadEnd(lpHead->m_nFileFreeMemoryOffset, nSize) - nPos);
         LOADPIECE arPieces[LOAD_PIECES_IN_FLIGHT];
         int nCount = 0;
         const int nMax = nPos == 0 ? 1 : LOAD_PIECES_IN_FLIGHT;

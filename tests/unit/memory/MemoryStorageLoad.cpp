@@ -6,9 +6,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <sys/mman.h>
 #include <sys/shm.h>
+#include <unistd.h>
+#include <vector>
 
 using namespace talvortest;
 
@@ -73,6 +77,12 @@ TEST_F(MemoryStorageLoad, ReadsOnlyPiecesThatBeginBeforeTheFreeOffset)
         ScopedFileIO scope(&io);
         ASSERT_EQ(0, Open(p, 100 * MIB, 4242));
     }
+    // No page of the segment past the last piece read was made: a load
+    // commits no memory the file never used. (Asked before anything below
+    // reads those pages, which would make them.)
+    std::vector<unsigned char> vResident((size_t)(4 * MIB / getpagesize()), 1);
+    ASSERT_EQ(0, mincore(p->m_pFileAddr + 16 * MIB, (size_t)(4 * MIB), vResident.data()));
+    EXPECT_EQ(std::count(vResident.begin(), vResident.end(), 0), (long)vResident.size());
     // The pieces, and the map chain once more, read back from the medium
     // for the save pass to know.
     long long nMaps = 0;
