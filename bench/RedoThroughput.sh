@@ -2,9 +2,10 @@
 # RedoThroughput — redo MB/s through the daemon against a plain sequential
 # write of the same bytes to a file on the same disk, in the same run.
 #
-# The engine stand-in commits 4 KiB records as fast as the ring lets it; the
-# daemon's writer drains them into 64 MiB groups (archiving off, so only the
-# writer is measured). The raw rate is dd copying the very stream, 4 KiB at
+# The engine stand-in commits 4 KiB records as fast as the ring lets it (it
+# writes its copy of the stream once the daemon has drained the ring, as an
+# engine writes none); the daemon's writer drains them into 64 MiB groups
+# (archiving off, so only the writer is measured). The raw rate is dd copying the very stream, 4 KiB at
 # a time, into a new file beside the groups. The writer's wake-ups are
 # counted against the stand-in's posts: at most one wake-up for each burst.
 #

@@ -39,7 +39,7 @@ const std::vector<OptionSpec> g_vRedoOptions = {
     {"burst", true, "records between two posts of the ring event (default 16)"},
     {"seal-at", true, "force a seal (m_bFlushFlag 2) after this record (repeatable as a list a,b,c)"},
     {"seal-end", false, "force a seal after the last record"},
-    {"out", true, "write the exact stream of records to this file"},
+    {"out", true, "write the exact stream of records committed to this file, once the run ends"},
     {"timeout", true, "milliseconds to wait for room or for the drain (default 60000)"},
     {"no-drain", false, "do not wait until the daemon has drained the ring"},
     {"rate", true, "commit at most this many records a second, evenly (default: as fast as the ring takes them)"},
@@ -212,6 +212,39 @@ void BuildRecord(RedoSession& s, std::vector<BYTE>& vRecord, long long nSize, BY
     }
 }
 
+// The next record of the run, drawn from the session's generator.
+void MakeRecord(RedoSession& s, std::vector<BYTE>& vRecord, long long nFixed, long long nMax)
+{
+    BYTE bType = (BYTE)(s.Next() % 21);
+    BuildRecord(s, vRecord, NextSize(s, nFixed, nMax, bType), bType);
+}
+
+// The generator's state: a run's records are a function of it alone.
+struct RecordDraw {
+    unsigned long long m_nRand;
+    long long m_nTimestamp;
+};
+
+// Writes the first nRecords records drawn from stFrom to pOut, drawing them
+// again: an engine writes no such file, so the commits never wait for it,
+// and no copy of the stream is held meanwhile. The session's generator is
+// left as it was. Result: false when a write failed.
+bool WriteStream(RedoSession& s, FILE* pOut, RecordDraw stFrom, long long nRecords, long long nFixed, long long nMax)
+{
+    RecordDraw stNow = {s.m_nRand, s.m_nTimestamp};
+    s.m_nRand = stFrom.m_nRand;
+    s.m_nTimestamp = stFrom.m_nTimestamp;
+    std::vector<BYTE> vRecord;
+    bool bDone = true;
+    for (long long i = 0; bDone && i < nRecords; i++) {
+        MakeRecord(s, vRecord, nFixed, nMax);
+        bDone = fwrite(vRecord.data(), 1, vRecord.size(), pOut) == vRecord.size();
+    }
+    s.m_nRand = stNow.m_nRand;
+    s.m_nTimestamp = stNow.m_nTimestamp;
+    return bDone;
+}
+
 // Asks the writer to seal at the next record boundary and waits (bounded)
 // until it has taken the request.
 int ForceSeal(RedoSession& s)
@@ -270,16 +303,16 @@ void WaitForTurn(const RedoSession& s, long long nFirstUs, long long i)
     if (nDue > nNow) usleep((useconds_t)(nDue - nNow));
 }
 
+// Commits nRecords records; nCommitted: how many went into the ring.
 int Commit(RedoSession& s, long long nRecords, long long nFixed, long long nMax, long long nBurst,
-           const std::vector<long long>& vSealAt)
+           const std::vector<long long>& vSealAt, long long& nCommitted)
 {
     std::vector<BYTE> vRecord;
     int rc = PEER_OK;
     const long long nFirstUs = WallMicros();
     for (long long i = 1; rc == PEER_OK && i <= nRecords; i++) {
         WaitForTurn(s, nFirstUs, i);
-        BYTE bType = (BYTE)(s.Next() % 21);
-        BuildRecord(s, vRecord, NextSize(s, nFixed, nMax, bType), bType);
+        MakeRecord(s, vRecord, nFixed, nMax);
         // The commit is visible before its redo.
         BASEEXECUTEPLANHEAD* pHead = (BASEEXECUTEPLANHEAD*)vRecord.data();
         if (s.m_pSystemHead != nullptr && pHead->m_nTimestamp > TalvorLoadShared(&s.m_pSystemHead->m_nEndTimestamp))
@@ -287,10 +320,7 @@ int Commit(RedoSession& s, long long nRecords, long long nFixed, long long nMax,
         ResetRingIfAsked(s);
         rc = AppendBytes(s, vRecord.data(), (long long)vRecord.size());
         if (rc != PEER_OK) break;
-        if (s.m_pOut != nullptr && fwrite(vRecord.data(), 1, vRecord.size(), s.m_pOut) != vRecord.size()) {
-            fprintf(stderr, "talvor-peer: cannot write the stream file: %s\n", strerror(errno));
-            return PEER_INPUT;
-        }
+        nCommitted = i;
         if (i % nBurst == 0) s.Post();
         if (s.m_pTimes != nullptr) WriteTimeLine(s.m_pTimes, (long long)pHead->m_nTimestamp);
         for (long long nAt : vSealAt)
@@ -346,11 +376,16 @@ int RunRedoJob(const std::vector<std::string>& args)
             return PEER_INPUT;
         }
     }
-    long long nStart = NowMs();
-    rc = Commit(s, nRecords, nSize, nMaxSize, nBurst, vSealAt);
+    const RecordDraw stFirst = {s.m_nRand, s.m_nTimestamp};
+    long long nStart = NowMs(), nCommitted = 0;
+    rc = Commit(s, nRecords, nSize, nMaxSize, nBurst, vSealAt, nCommitted);
     if (rc == PEER_OK && !opts.Has("no-drain")) rc = WaitForDrain(s);
     long long nMs = NowMs() - nStart;
-    if (s.m_pOut != nullptr && fclose(s.m_pOut) != 0) rc = PEER_INPUT;
+    if (s.m_pOut != nullptr) {
+        bool bWritten = WriteStream(s, s.m_pOut, stFirst, nCommitted, nSize, nMaxSize);
+        if (!bWritten) fprintf(stderr, "talvor-peer: cannot write the stream file: %s\n", strerror(errno));
+        if (fclose(s.m_pOut) != 0 || !bWritten) rc = PEER_INPUT;
+    }
     if (s.m_pTimes != nullptr && fclose(s.m_pTimes) != 0) rc = PEER_INPUT;
     printf("redo: records=%lld bytes=%lld ms=%lld posts=%lld roomwaits=%lld resets=%lld lastts=%lld write=%d read=%d "
            "logno=%d logpos=%d exception=%d\n",
