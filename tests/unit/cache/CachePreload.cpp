@@ -4,24 +4,20 @@
 #include "CacheFixture.h"
 #include "FaultFileIO.h"
 #include "TalvorCachePreloadReader.h"
-#include "TalvorFileIO.h"
 #include "TalvorFileStorage.h"
 #include "TempTree.h"
 
 #include <atomic>
 #include <chrono>
 #include <dirent.h>
-#include <fcntl.h>
 #include <future>
 #include <random>
 #include <sys/syscall.h>
 #include <thread>
-#include <unistd.h>
 
 using namespace cachetest;
 
 namespace {
-
 
 const BYTE INDEX_NO = 11;
 const BYTE TABLE_NO = 12;
@@ -124,19 +120,9 @@ protected:
         EXPECT_EQ(0, f.pStorage->OpenFile(nullptr, &f.info, 1));
         f.info.m_pStorageFile = f.pStorage;
         // The list in the order the files were added.
-        f.info.m_pNext = nullptr;
-        if (m_module.m_pFileList == nullptr) {
-            m_module.m_pFileList = &f.info;
-        } else {
-            LPFILEINFO p = m_module.m_pFileList;
-            while (p->m_pNext != nullptr) p = p->m_pNext;
-            p->m_pNext = &f.info;
-        }
+        if (m_vFiles.size() == 1) m_module.m_pFileList = &f.info;
+        else m_vFiles[m_vFiles.size() - 2]->info.m_pNext = &f.info;
         return f;
-    }
-    static std::vector<BYTE> Read(const TestFile& f, long long llAt, int nSize)
-    {
-        return FileAt(f.strPath, llAt, nSize);
     }
     // Room so that nRoom - nUsed = llWanted.
     void SetRoom(long long llWanted)
@@ -160,7 +146,7 @@ protected:
         for (size_t i = 0; i < vWant.size(); i++) {
             const TestFile& f = *vWant[i].first;
             int b = vWant[i].second;
-            std::vector<BYTE> vFile = Read(f, f.vOffsets[(size_t)b], f.vBlocks[(size_t)b].nSize);
+            std::vector<BYTE> vFile = FileAt(f.strPath, f.vOffsets[(size_t)b], f.vBlocks[(size_t)b].nSize);
             if (vFile.empty()) return ::testing::AssertionFailure() << "file unreadable";
             vFile[offsetof(BASEBLOCKHEAD, m_bThreadNum)] = 0;
             if (memcmp(Base() + CacheBlockOffset(vChain[i]), vFile.data(), vFile.size()) != 0)
@@ -499,7 +485,7 @@ TEST_F(CachePreload, ACacheFullInTheFirstPieceEndsTheReaderWithItsReadAndWithout
         });
         ASSERT_EQ(std::future_status::ready, fut.wait_for(std::chrono::seconds(5))) << "the backend's latch is held";
         EXPECT_EQ(0, fut.get());
-        EXPECT_TRUE(Read(idx, PIECE_END, P) == vRead);
+        EXPECT_TRUE(FileAt(idx.strPath, PIECE_END, P) == vRead);
     }
 }
 
@@ -548,7 +534,7 @@ TEST_F(CachePreload, AReaderEndedByTheStopLeavesItsReadsToTheCaller)
         ASSERT_TRUE(r->Ask(idx.vOffsets[2], lpBuf, P));
         EXPECT_EQ(0, r->Wait(nullptr));
         r->Surface();
-        EXPECT_EQ(0, memcmp(Read(idx, idx.vOffsets[2], P).data(), lpBuf, (size_t)P));
+        EXPECT_EQ(0, memcmp(FileAt(idx.strPath, idx.vOffsets[2], P).data(), lpBuf, (size_t)P));
         EXPECT_EQ(1, io.Calls(talvortest::FileOp::PRead)) << "the read was made twice, or not at all";
         // Its failure is the caller's too, with its line at the Surface.
         io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);

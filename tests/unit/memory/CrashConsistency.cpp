@@ -11,10 +11,17 @@ namespace {
 
 const int CHANGES = 24;
 
-// The same database, the same changes: each k starts from here.
-std::unique_ptr<PersistenceDb> MakeDirtyDatabase()
+// The same database, the same changes: each k starts from here. A fresh
+// one has blocks new to the disk, in its images only.
+std::unique_ptr<PersistenceDb> MakeDirtyDatabase(bool bFresh = false)
 {
     std::unique_ptr<PersistenceDb> pDb(new PersistenceDb(2 * 1048576LL, 8));
+    if (bFresh) {
+        EXPECT_TRUE(pDb->MakeDatabase());
+        EXPECT_EQ(S_OK, pDb->Start());
+        pDb->PrepareFiles();
+        return pDb;
+    }
     pDb->MakeStartAndSave();
     std::mt19937 rng(11);
     pDb->RandomChanges(CHANGES, rng);
@@ -22,16 +29,14 @@ std::unique_ptr<PersistenceDb> MakeDirtyDatabase()
 }
 
 // How many calls of eOp one pass over the dirty database makes.
-long long CallsOfOnePass(FileOp eOp)
+long long CallsOfOnePass(FileOp eOp, bool bFresh = false)
 {
-    std::unique_ptr<PersistenceDb> pDb = MakeDirtyDatabase();
+    std::unique_ptr<PersistenceDb> pDb = MakeDirtyDatabase(bFresh);
     FaultFileIO io;
     ScopedFileIO scope(&io);
     EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, pDb->Pass());
     return io.Calls(eOp);
 }
-
-long long WritesOfOnePass() { return CallsOfOnePass(FileOp::PWrite); }
 
 } // namespace
 
@@ -40,7 +45,7 @@ long long WritesOfOnePass() { return CallsOfOnePass(FileOp::PWrite); }
 // the next pass finishes the work.
 TEST(CrashConsistency, EveryFailedCallLeavesATrueCommitAndTheNextPassFinishes)
 {
-    ASSERT_GT(WritesOfOnePass(), 10);
+    ASSERT_GT(CallsOfOnePass(FileOp::PWrite), 10);
     for (FileOp eOp : {FileOp::PWrite, FileOp::Open, FileOp::Close}) {
         long long nCalls = CallsOfOnePass(eOp);
         for (long long k = 1; k <= nCalls; k++) {
@@ -120,7 +125,7 @@ PowerLossRound LosePowerAt(long long k, long long nWrites, const std::function<s
 // cache in any order) any subset may have reached the medium.
 TEST(CrashConsistency, PowerLossAtEveryWriteKeepingNoneOrAnySubsetLeavesATrueCommit)
 {
-    long long nWrites = WritesOfOnePass();
+    long long nWrites = CallsOfOnePass(FileOp::PWrite);
     std::mt19937 rng(23);
     int nCommits = 0;
     size_t nMixed = 0;
@@ -145,36 +150,23 @@ TEST(CrashConsistency, PowerLossAtEveryWriteKeepingNoneOrAnySubsetLeavesATrueCom
 // names a block whose bytes never arrived, whatever the disk kept.
 TEST(CrashConsistency, PowerLossNeverLeavesAMapNamingABlockThatIsNotOnDisk)
 {
-    long long nWrites = 0;
-    {
-        PersistenceDb db(2 * 1048576LL, 8);
-        ASSERT_TRUE(db.MakeDatabase());
-        ASSERT_EQ(S_OK, db.Start());
-        db.PrepareFiles();
-        FaultFileIO io;
-        ScopedFileIO scope(&io);
-        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, db.Pass());
-        nWrites = io.Calls(FileOp::PWrite);
-    }
+    long long nWrites = CallsOfOnePass(FileOp::PWrite, true);
     std::mt19937 rng(31);
     for (long long k = 1; k <= nWrites; k++) {
         for (int nRound = 0; nRound < 2; nRound++) {
-            PersistenceDb db(2 * 1048576LL, 8);
-            ASSERT_TRUE(db.MakeDatabase());
-            ASSERT_EQ(S_OK, db.Start());
-            db.PrepareFiles();
+            std::unique_ptr<PersistenceDb> pDb = MakeDirtyDatabase(true);
             FaultFileIO io;
             io.DieAfter(FileOp::PWrite, k - 1);
             {
                 ScopedFileIO scope(&io);
-                db.Pass();
+                pDb->Pass();
                 std::vector<size_t> vKeep;
                 for (size_t i = 0; i < io.Unsynced().size(); i++)
                     if (nRound == 1 || rng() % 2 == 0) vKeep.push_back(i);
                 io.LosePowerKeeping(vKeep);
             }
             for (int n = 2; n <= 4; n++)
-                EXPECT_EQ("", db.MapsNameWholeBlocksOnDisk(n)) << "file " << n << ", power lost at write " << k;
+                EXPECT_EQ("", pDb->MapsNameWholeBlocksOnDisk(n)) << "file " << n << ", power lost at write " << k;
         }
     }
 }
