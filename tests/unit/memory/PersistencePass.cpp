@@ -223,22 +223,27 @@ TEST_F(PersistencePass, EntryPointingToItselfEndsItsChainAndThePassGoesOn)
     EXPECT_EQ(0, m_db.CheckDisk(ts).m_nViolations);
 }
 
-TEST_F(PersistencePass, EngineSnapshotIsUsedAndNothingToSaveStillSavesTheMarkedBlocks)
+// An engine answering "nothing to save" while a block is marked, or with
+// an error code: the pass goes on from the live head and the image, so the
+// block is not skipped by this and every later pass, and no head left in
+// the buffer by an earlier pass is taken for a snapshot. An error is
+// traced; an answer is a sign of life.
+TEST_F(PersistencePass, EngineAnswersWithoutASnapshotStillSaveTheMarkedBlocks)
 {
-    // "Nothing to save" for every file while a block is marked: the pass
-    // goes on from the live head, so the block is not skipped by this and
-    // every later pass, and no head left in the buffer by an earlier pass
-    // is taken for a snapshot.
-    StartEngine([](LPSTORAGEMEMHEAD c) { c->m_nResult = PEERRESULT_NOTHINGTOSAVE; });
-    long long ts = Commit(2, 1, 0, 9);
-    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    EXPECT_GE(m_nAnswers.load(), 1);
-    long long nBlock = m_db.BlockOffset(2, 1);
-    EXPECT_EQ(0, Val(((LPBLOCKHEAD)(m_db.Image(2) + nBlock))->m_bSaveFlag));
-    EXPECT_EQ(ts, m_db.CommittedOnDisk());
-    EXPECT_EQ(0, m_db.CheckDisk(ts).m_nViolations);
-    StopEngine();
-
+    for (int nAnswer : {(int)PEERRESULT_NOTHINGTOSAVE, 5}) {
+        SCOPED_TRACE(nAnswer);
+        m_nAnswers = 0;
+        StartEngine([nAnswer](LPSTORAGEMEMHEAD c) { c->m_nResult = nAnswer; });
+        long long ts = Commit(2, 1, 0, 9 + nAnswer);
+        EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+        StopEngine();
+        EXPECT_GE(m_nAnswers.load(), 1);
+        EXPECT_EQ(0, Val(((LPBLOCKHEAD)(m_db.Image(2) + m_db.BlockOffset(2, 1)))->m_bSaveFlag));
+        EXPECT_EQ(ts, m_db.CommittedOnDisk());
+        EXPECT_EQ(0, m_db.CheckDisk(ts).m_nViolations);
+        EXPECT_EQ(nAnswer == 5, m_db.m_tree.Traced("50002002"));
+        EXPECT_EQ(1, Val(m_db.Module().m_pFlashback->GetStorageMemHead()->m_bService));
+    }
     // A snapshot whose mark is unknown is refused.
     StartEngine([this](LPSTORAGEMEMHEAD c) {
         LPBYTE lpData = (LPBYTE)c + c->m_nFileDataOffset;
@@ -250,21 +255,6 @@ TEST_F(PersistencePass, EngineSnapshotIsUsedAndNothingToSaveStillSavesTheMarkedB
     Commit(4, 1, 0, 10);
     EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_FILEFAILED, m_db.Pass());
     EXPECT_TRUE(m_db.m_tree.Traced("40002050"));
-}
-
-// An engine that answers with an error code: the failure is traced and the
-// pass saves from the image, so the commit still covers the change.
-TEST_F(PersistencePass, EngineErrorAnswerIsTracedAndTheImageIsSaved)
-{
-    StartEngine([](LPSTORAGEMEMHEAD lpChannel) { lpChannel->m_nResult = 5; });
-    long long ts = Commit(2, 2, 0, 12);
-    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    StopEngine();
-    EXPECT_GT(m_nAnswers.load(), 0);
-    EXPECT_TRUE(m_db.m_tree.Traced("50002002"));
-    EXPECT_EQ(1, Val(m_db.Module().m_pFlashback->GetStorageMemHead()->m_bService)) << "an answer is a sign of life";
-    EXPECT_EQ(ts, m_db.CommittedOnDisk());
-    EXPECT_EQ(0, m_db.CheckDisk(ts).m_nViolations);
 }
 
 // An engine that says it runs and never answers is declared lost and the
