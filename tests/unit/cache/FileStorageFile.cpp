@@ -1,13 +1,12 @@
-// A cache-mode file brought into the cache at start, or refused.
+// A cache-mode file added, or brought into the cache at start, or refused,
+// and grown.
 #include "CacheFileHeadArea.h"
 #include "CacheFixture.h"
 #include "FaultFileIO.h"
 #include "TalvorFileStorage.h"
 #include "TempTree.h"
-#include "TestFiles.h"
 
 #include <cstddef>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,10 +15,10 @@ using talvortest::FileOp;
 
 namespace {
 
-const long long FILE_SIZE = 4194304;
+const long long FILE_SIZE = 4194304;  // also the least a new file may have
 const BYTE FILE_NO = 33;
 
-class FileInit : public CacheFixture {
+class CacheFile : public CacheFixture {
 protected:
     void SetUp() override
     {
@@ -32,6 +31,34 @@ protected:
         m_pStorage = nullptr;
         CacheFixture::TearDown();
     }
+    // The file's row as the file list hands it over.
+    void Describe(const std::string& strName, BYTE bType)
+    {
+        m_strPath = m_tree.Path(strName);
+        memset(&m_info, 0, sizeof(m_info));
+        snprintf(m_info.m_lpszFilePath, sizeof(m_info.m_lpszFilePath), "%s", m_strPath.c_str());
+        m_info.m_bFileNo = FILE_NO;
+        m_info.m_bFileType = (char)bType;
+        m_info.m_liFileSize = FILE_SIZE;
+        m_info.m_pLoadSize = &m_nLoadSize;
+        m_nLoadSize = -1;
+    }
+    CTalvorFileStorage* Backend()
+    {
+        m_pStorage = new CTalvorFileStorage(m_pCache.get());
+        m_info.m_pStorageFile = m_pStorage;
+        return m_pStorage;
+    }
+
+    talvortest::TempTree m_tree{"fsfile"};
+    std::string m_strPath;
+    long long m_nLoadSize = -1;
+    FILEINFO m_info;
+    CTalvorFileStorage* m_pStorage = nullptr;
+};
+
+class FileInit : public CacheFile {
+protected:
     // A new file of nObjects objects with its head area and, with
     // bSecondMap, a second map block right behind the area.
     void MakeFile(BYTE bType, int nObjects, bool bSecondMap)
@@ -52,14 +79,8 @@ protected:
             lpMap2->m_nMapNo = 2;
             lpMap2->m_nNextBlockMapOffset_Cache = 888 * CACHE_PAGE_SIZE;
         }
+        Describe("Table33.dbf", bType);
         WriteFile();
-        memset(&m_info, 0, sizeof(m_info));
-        snprintf(m_info.m_lpszFilePath, sizeof(m_info.m_lpszFilePath), "%s", m_strPath.c_str());
-        m_info.m_bFileNo = FILE_NO;
-        m_info.m_bFileType = (char)bType;
-        m_info.m_liFileSize = FILE_SIZE;
-        m_info.m_pLoadSize = &m_nLoadSize;
-        m_nLoadSize = -1;
     }
     LPBASEFILEBLOCKMAPHEAD_CACHE Map(long long llOffset)
     {
@@ -67,25 +88,14 @@ protected:
     }
     void WriteFile()
     {
-        m_strPath = m_tree.Path("Table33.dbf");
         ASSERT_TRUE(talvortest::WriteWholeFile(m_strPath, AsString(m_vFile.data(), m_vFile.size())));
     }
-    int Init()
-    {
-        m_pStorage = new CTalvorFileStorage(m_pCache.get());
-        m_info.m_pStorageFile = m_pStorage;
-        return m_pStorage->Initialize(nullptr, &m_info, 0, nullptr, nullptr, 0, 1);
-    }
+    int Init() { return Backend()->Initialize(nullptr, &m_info, 0, nullptr, nullptr, 0, 1); }
     long long At(UINT nBlock) const { return (long long)nBlock * CACHE_PAGE_SIZE; }
 
-    talvortest::TempTree m_tree{"fsinit"};
-    std::string m_strPath;
     std::vector<BYTE> m_vFile;
     int m_nEx = 0;
     long long m_llMap1 = 0, m_llMap2 = 0;
-    long long m_nLoadSize = -1;
-    FILEINFO m_info;
-    CTalvorFileStorage* m_pStorage = nullptr;
 };
 
 TEST_F(FileInit, PagesHangInFileOrderAndLinkEachOther)
@@ -336,6 +346,150 @@ TEST_F(FileGrow, FailedAppendIsReportedAndWithoutSystemHeadNothingHappens)
     EXPECT_EQ(0, Grow(nBefore + 1048576, 1048576));
     EXPECT_EQ(nBefore, DiskSize());
     EXPECT_EQ(0, m_pStorage->m_crit.m_nLockFlag);
+}
+
+class FileNew : public CacheFile {
+protected:
+    void SetUp() override
+    {
+        CacheFile::SetUp();
+        Describe("sub/dir/Table44.dbf", FILETYPE_TABLE);
+        m_info.m_nMaxObjectNum = 1018;
+        m_info.m_nTimestamp = 31337;
+        m_nBufSize = 1048576;
+        m_lpBuffer = (LPBYTE)get_aligned_buffer((size_t)m_nBufSize);
+        memset(&m_progress, 0, sizeof(m_progress));
+    }
+    void TearDown() override
+    {
+        free(m_lpBuffer);
+        CacheFile::TearDown();
+    }
+    // The blocks the file's pages go to, taken as the engine takes them.
+    std::vector<long long> TakeBlocks(int nCount)
+    {
+        std::vector<long long> v;
+        for (int i = 0; i < nCount; i++) {
+            long long llOffset = 0;
+            EXPECT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FILE_NO, llOffset));
+            v.push_back(llOffset);
+        }
+        return v;
+    }
+    int New() { return Backend()->NewFile(nullptr, &m_info, m_lpBuffer, m_nBufSize, 0xCAFE, nullptr, &m_progress, 1); }
+    std::vector<BYTE> FileBytes() const
+    {
+        std::string s = talvortest::ReadWholeFile(m_strPath);
+        return std::vector<BYTE>(s.begin(), s.end());
+    }
+
+    LPBYTE m_lpBuffer = nullptr;
+    int m_nBufSize = 0;
+    TALVORPROGRESS m_progress;
+};
+
+TEST_F(FileNew, SmallestFileIsMadeWithItsHeadAreaAndReachesTheCache)
+{
+    std::vector<long long> vBlocks = TakeBlocks(4);
+    ASSERT_EQ(0, New());
+    // The disk: the head area as its builder makes it, then zeros.
+    std::vector<BYTE> vArea(65536);
+    CACHEHEADAREADEF d = {FILE_NO, FILETYPE_TABLE, 0xCAFE, 1018, FILE_SIZE, 31337};
+    ASSERT_TRUE(CacheBuildHeadArea(d, vArea.data(), 65536, nullptr));
+    std::vector<BYTE> vFile = FileBytes();
+    ASSERT_EQ((size_t)FILE_SIZE, vFile.size());
+    EXPECT_EQ(0, memcmp(vFile.data(), vArea.data(), vArea.size()));
+    std::vector<BYTE> vZero((size_t)FILE_SIZE - 65536, 0);
+    EXPECT_EQ(0, memcmp(vFile.data() + 65536, vZero.data(), vZero.size()));
+    struct stat st;
+    ASSERT_EQ(0, stat(m_strPath.c_str(), &st));
+    EXPECT_EQ(0666u, st.st_mode & 0777);
+    // The cache: the pages in the blocks, linked.
+    LPTABLEFILEHEAD lpHead = (LPTABLEFILEHEAD)(Base() + vBlocks[0]);
+    EXPECT_EQ(TABLEFILE_DATAFLAG, lpHead->m_nDataFlag);
+    EXPECT_EQ(vBlocks[1], Val(lpHead->m_nCacheStartOffset));
+    long long llMap = 0;
+    ASSERT_EQ(0, m_pCache->GetFirstTableMapCacheAddr(lpHead, Base(), llMap));
+    EXPECT_EQ(vBlocks[3], llMap);
+    EXPECT_EQ(0, memcmp(Base() + llMap, vArea.data() + 49152, CACHE_PAGE_SIZE));
+    // Progress, handles and the message.
+    EXPECT_EQ(FILE_SIZE, m_nLoadSize);
+    EXPECT_EQ(4, m_progress.m_nPos);
+    EXPECT_EQ(4, m_progress.m_nTotal);
+    EXPECT_NE(nullptr, m_info.m_hFile);
+    EXPECT_NE(nullptr, m_info.m_hFile2);
+    EXPECT_TRUE(Traced(80006020, "New file was added successfully"));
+}
+
+TEST_F(FileNew, TooSmallOrExistingFileIsRefusedUnmade)
+{
+    m_info.m_liFileSize = FILE_SIZE - 1;
+    EXPECT_EQ(1, New());
+    EXPECT_TRUE(Traced(80006001, "is less than 4M"));
+    EXPECT_TRUE(FileBytes().empty());
+    m_pStorage->Release();
+    m_pStorage = nullptr;
+    m_info.m_liFileSize = FILE_SIZE;
+    std::string strOther = m_tree.File("Exists.dbf", "x");
+    snprintf(m_info.m_lpszFilePath, sizeof(m_info.m_lpszFilePath), "%s", strOther.c_str());
+    EXPECT_EQ(1, New());
+    EXPECT_TRUE(Traced(80006002, "already exists"));
+}
+
+TEST_F(FileNew, SmallBufferIsReplacedAndPiecesFollowIt)
+{
+    TakeBlocks(4);
+    free(m_lpBuffer);
+    m_nBufSize = 16384;
+    m_lpBuffer = (LPBYTE)get_aligned_buffer((size_t)m_nBufSize);
+    talvortest::FaultFileIO io;
+    talvortest::ScopedFileIO scoped(&io);
+    ASSERT_EQ(0, New());
+    EXPECT_EQ(65536, m_nBufSize);
+    // The area in one write, then the rest in pieces of the new buffer.
+    std::vector<talvortest::FileWrite> w = io.Writes();
+    ASSERT_EQ((size_t)(1 + (FILE_SIZE - 65536) / 65536), w.size());
+    EXPECT_EQ(0, w[0].m_nOffset);
+    for (size_t i = 1; i < w.size(); i++) EXPECT_EQ(65536, w[i].m_nSize);
+}
+
+// A failed write is told with the piece it was for: a piece inside the
+// file, the first one, and the last one when it is shorter.
+TEST_F(FileNew, FailedWritesAreReportedByPiece)
+{
+    TakeBlocks(4);
+    const struct {
+        long long nSize;
+        long long nCall;
+        int nErrno;
+        long nCode;
+        const char* lpText;
+    } arCases[] = {
+        {FILE_SIZE, 2, EIO, 80006004, "write location: 65536, write size: 1048576"},
+        {FILE_SIZE, 1, ENOSPC, 10111052, "Failed to write the first piece of data"},
+        // The area, 3 full pieces of 1 MiB, then the last one, shorter.
+        {FILE_SIZE + 16384, 5, EIO, 80006005, "write location: 3211264, write size: 999424"},
+    };
+    for (const auto& c : arCases) {
+        SCOPED_TRACE(c.nCode);
+        m_info.m_liFileSize = c.nSize;
+        {
+            talvortest::FaultFileIO io;
+            talvortest::ScopedFileIO scoped(&io);
+            io.FailCall(FileOp::PWrite, c.nCall, c.nErrno, 3);
+            EXPECT_EQ(1, New());
+            EXPECT_TRUE(Traced(c.nCode, c.lpText));
+        }
+        m_pStorage->Release();
+        m_pStorage = nullptr;
+        unlink(m_strPath.c_str());
+    }
+}
+
+TEST_F(FileNew, PagesNeedTheirBlocksInTheCache)
+{
+    TakeBlocks(2);
+    EXPECT_EQ(CACHE_RESULT_NOFREEBLOCK, New());
 }
 
 }  // namespace
