@@ -64,22 +64,6 @@ protected:
 
 } // namespace
 
-TEST_F(CacheChains, BlocksLeaveTheFreeChainInOrderAndHangAtTheEndOfTheirFile)
-{
-    UINT nFirst = m_l.m_nFirstFreeNo;
-    EXPECT_EQ(CacheBlockOffset(nFirst), Take(4));
-    EXPECT_EQ(nFirst, Head()->m_nFileInfoNo[4]);
-    EXPECT_EQ(CacheBlockOffset(nFirst + 1), Take(9));
-    EXPECT_EQ(CacheBlockOffset(nFirst + 2), Take(4));
-    EXPECT_EQ(CacheBlockOffset(nFirst + 3), Take(4));
-    EXPECT_EQ((std::vector<UINT>{nFirst, nFirst + 2, nFirst + 3}), Chain(Head()->m_nFileInfoNo[4]));
-    EXPECT_EQ((std::vector<UINT>{nFirst + 1}), Chain(Head()->m_nFileInfoNo[9]));
-    EXPECT_EQ((int)nFirst + 4, Val(Head()->m_nFreeNo));
-    std::vector<UINT> vFree = Chain((UINT)Head()->m_nFreeNo);
-    EXPECT_EQ(m_l.m_nBlockBufNum - nFirst - 3, vFree.size());
-    EXPECT_EQ(m_l.m_nBlockBufNum, vFree.back());
-}
-
 TEST_F(CacheChains, AnEmptyFreeChainAnswers9500AndChangesNothing)
 {
     UINT nBlocks = m_l.m_nBlockBufNum - m_l.m_nFirstFreeNo + 1;
