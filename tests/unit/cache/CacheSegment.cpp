@@ -117,9 +117,6 @@ TEST_F(CacheSegment, SurvivorCutShortOrOutOfBoundsIsRebuiltAsNew)
     const std::vector<Case> vCases = {
         {"status 1", [](CTalvorCacheStorage& c) { c.m_pCacheBufferHead->m_bStatus = CACHESTATUS_BUILDING; },
          60001000, lpReload},
-        {"status 255", [](CTalvorCacheStorage& c) { c.m_pCacheBufferHead->m_bStatus = CACHESTATUS_FAILED; },
-         60001000, lpReload},
-        {"status 7", [](CTalvorCacheStorage& c) { c.m_pCacheBufferHead->m_bStatus = 7; }, 60001000, lpReload},
         {"mark", [](CTalvorCacheStorage& c) { c.m_pCacheBufferHead->m_nDataFlag = 0x44444344; }, 60001011,
          lpDamaged},
         {"mark and status 1",
