@@ -64,10 +64,8 @@ TEST_F(FlushRing, EntriesOutsideSegmentPoolOrFileAreUnusableAndWriteNothing)
 {
     MakeRing();
     long long llSeg = m_pCache->m_llCacheBufferSize;
-    // Cache offset 0.
     stu_CacheFlush* p = PostData(20, 40LL * FS_PART, false);
     p->m_llCacheBlockOffset = 0;
-    // File offset 0 for a data block.
     p = PostData(21, 41LL * FS_PART, false);
     p->m_llFileBlockOffset = 0;
     // A data block past the segment's end, and one inside the head blocks.

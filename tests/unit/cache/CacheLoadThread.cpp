@@ -48,7 +48,7 @@ protected:
         FileStorageFixture::TearDown();
     }
 
-    // A block head written straight to the file and to the model of it.
+    // A block head written straight to the file.
     void WriteBlockHead(long long llAt, UINT nBlockNo, BYTE bFileNo, int nSize)
     {
         BASEBLOCKHEAD h;
@@ -88,9 +88,8 @@ protected:
     }
     int Answer(LPCacheBufferBlockOperate p)
     {
-        for (int i = 0; i < 5000 && TalvorLoadShared(&p->m_bStatus) != CACHELOAD_DONE; i++)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        if (TalvorLoadShared(&p->m_bStatus) != CACHELOAD_DONE) return -1;
+        auto fnDone = [p] { return TalvorLoadShared(&p->m_bStatus) == CACHELOAD_DONE; };
+        if (!talvortest::WaitUntil(fnDone, 5000)) return -1;
         int nSuccess = p->m_bSuccess;
         TalvorStoreShared(&p->m_bStatus, CACHELOAD_FREE);  // the engine takes the slot back
         return nSuccess;

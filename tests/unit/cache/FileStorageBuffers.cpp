@@ -12,7 +12,16 @@ namespace {
 
 const std::vector<int> NoFlags(FILESTORE_PART_NUM, 0);
 
-class FileBuffers : public FileStorageFixture {};
+class FileBuffers : public FileStorageFixture {
+protected:
+    int Move(const std::string& strTo)
+    {
+        std::vector<char> vTo(strTo.begin(), strTo.end());
+        vTo.push_back('\0');
+        AlignedBytes buf(1048576);
+        return m_pStorage->ChangeFilePath(nullptr, &m_info, vTo.data(), buf.m_p, 1048576, nullptr, 1);
+    }
+};
 
 
 TEST_F(FileBuffers, RandomBlocksComeBackAndReachTheDiskWithAndWithoutBuffers)
@@ -359,10 +368,7 @@ TEST_F(FileBuffers, MovedFileTakesItsBufferedChangesAlong)
     m_info.m_pLoadSize = &nLoadSize;
     std::string strOld = m_strPath;
     std::string strNew = m_tree.Path("moved/deeper/Table7.dbf");
-    std::vector<char> vNew(strNew.begin(), strNew.end());
-    vNew.push_back('\0');
-    AlignedBytes buf(1048576);
-    ASSERT_EQ(0, m_pStorage->ChangeFilePath(nullptr, &m_info, vNew.data(), buf.m_p, 1048576, nullptr, 1));
+    ASSERT_EQ(0, Move(strNew));
     EXPECT_TRUE(Traced(80008011, "Successfully modified file path"));
     // The old file stays until the file list names the new one: removing it
     // is the file command's, after that.
@@ -382,18 +388,11 @@ TEST_F(FileBuffers, MoveIsRefusedOverAFileAndStopsAtAFailedCopy)
 {
     Make(TRUE);
     ASSERT_EQ(0, Write(FS_PART, FS_PART));
-    AlignedBytes buf(1048576);
-    std::string strThere = m_tree.File("There.dbf", "x");
-    std::vector<char> vThere(strThere.begin(), strThere.end());
-    vThere.push_back('\0');
-    EXPECT_EQ(1, m_pStorage->ChangeFilePath(nullptr, &m_info, vThere.data(), buf.m_p, 1048576, nullptr, 1));
+    EXPECT_EQ(1, Move(m_tree.File("There.dbf", "x")));
     EXPECT_TRUE(Traced(80008001, "already exists"));
-    std::string strNew = m_tree.Path("Moved.dbf");
-    std::vector<char> vNew(strNew.begin(), strNew.end());
-    vNew.push_back('\0');
     // The buffered part goes out (one write), then the third piece fails.
     m_io.FailCall(FileOp::PWrite, m_io.Calls(FileOp::PWrite) + 4, EIO, 3);
-    EXPECT_EQ(1, m_pStorage->ChangeFilePath(nullptr, &m_info, vNew.data(), buf.m_p, 1048576, nullptr, 1));
+    EXPECT_EQ(1, Move(m_tree.Path("Moved.dbf")));
     EXPECT_TRUE(Traced(80008005, "write location: 2097152, write size: 1048576"));
     // The old file stays open and whole.
     EXPECT_STREQ(m_strPath.c_str(), m_info.m_lpszFilePath);

@@ -294,15 +294,25 @@ TEST_F(FlashbackRows, WithoutAnAreaNewerRowsKeepTheirValue)
 }
 
 
-class FlashbackRetry : public FlashbackRows {};
+// A row changed at 30, its copy taken back to 20 from a live block vLive.
+class FlashbackRetry : public FlashbackRows {
+protected:
+    FlashbackRetry() { History(3, {{10, "old"}, {30, "new"}}); }
+    int Data(std::vector<BYTE> vLive, UINT nBlockNo = BLOCK_NO)
+    {
+        return m_flashback.FlashbackData(2, nBlockNo, BLOCK_SIZE, 20, m_vBlock.data(), vLive.data());
+    }
+    void Tear(std::vector<BYTE>& v)
+    {
+        ((LPBLOCKVARDATASTRUCT)(v.data() + m_block.Row(0)->m_nVarDataOffset))->m_nDataFlag = 0;
+    }
+};
 
 TEST_F(FlashbackRetry, CopyIsStampedCleanAtTheTarget)
 {
-    History(3, {{10, "old"}, {30, "new"}});
     m_block.Head()->m_bSaveFlag = 1;
     m_block.Head()->m_bStatus = 4;
-    std::vector<BYTE> vLive = m_vBlock;
-    EXPECT_EQ(0, m_flashback.FlashbackData(2, BLOCK_NO, BLOCK_SIZE, 20, m_vBlock.data(), vLive.data()));
+    EXPECT_EQ(0, Data(m_vBlock));
     EXPECT_EQ(20, Val(m_block.Head()->m_nTimestamp));
     EXPECT_EQ(0, Val(m_block.Head()->m_bSaveFlag));
     EXPECT_EQ(0, Val(m_block.Head()->m_bStatus));
@@ -311,37 +321,29 @@ TEST_F(FlashbackRetry, CopyIsStampedCleanAtTheTarget)
 
 TEST_F(FlashbackRetry, TornCopyIsTakenAgainFromTheLiveBlock)
 {
-    History(3, {{10, "old"}, {30, "new"}});
     std::vector<BYTE> vLive = m_vBlock;
-    LPBLOCKVARDATASTRUCT lpPiece = (LPBLOCKVARDATASTRUCT)(m_vBlock.data() + m_block.Row(0)->m_nVarDataOffset);
-    lpPiece->m_nDataFlag = 0;
-    EXPECT_EQ(0, m_flashback.FlashbackData(2, BLOCK_NO, BLOCK_SIZE, 20, m_vBlock.data(), vLive.data()));
+    Tear(m_vBlock);
+    EXPECT_EQ(0, Data(vLive));
     EXPECT_EQ("old", m_block.RowValue(0));
     EXPECT_EQ(20, Val(m_block.Head()->m_nTimestamp));
 }
 
 TEST_F(FlashbackRetry, LiveBlockStayingTornFailsAfterTheRetries)
 {
-    History(3, {{10, "old"}, {30, "new"}});
-    LPBLOCKVARDATASTRUCT lpPiece = (LPBLOCKVARDATASTRUCT)(m_vBlock.data() + m_block.Row(0)->m_nVarDataOffset);
-    lpPiece->m_nDataFlag = 0;
-    std::vector<BYTE> vLive = m_vBlock;
-    EXPECT_EQ(1, m_flashback.FlashbackData(2, BLOCK_NO, BLOCK_SIZE, 20, m_vBlock.data(), vLive.data()));
+    Tear(m_vBlock);
+    EXPECT_EQ(1, Data(m_vBlock));
 }
 
 TEST_F(FlashbackRetry, BlockNumberChangedUnderTheCopyFailsAtOnce)
 {
-    History(3, {{10, "old"}, {30, "new"}});
     std::vector<BYTE> vLive = m_vBlock;
-    EXPECT_EQ(1, m_flashback.FlashbackData(2, BLOCK_NO + 1, BLOCK_SIZE, 20, m_vBlock.data(), vLive.data()));
+    EXPECT_EQ(1, Data(vLive, BLOCK_NO + 1));
     EXPECT_EQ("new", m_block.RowValue(0));
     // The copy was torn; the live block has been given to another number.
-    LPBLOCKVARDATASTRUCT lpPiece = (LPBLOCKVARDATASTRUCT)(m_vBlock.data() + m_block.Row(0)->m_nVarDataOffset);
-    lpPiece->m_nDataFlag = 0;
+    Tear(m_vBlock);
     ((LPBLOCKHEAD)vLive.data())->m_nBlockNo = BLOCK_NO + 9;
-    EXPECT_EQ(1, m_flashback.FlashbackData(2, BLOCK_NO, BLOCK_SIZE, 20, m_vBlock.data(), vLive.data()));
+    EXPECT_EQ(1, Data(vLive));
 }
-
 
 TEST_F(FlashbackRows, VersionLookupCodes)
 {
