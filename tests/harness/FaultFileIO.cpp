@@ -13,6 +13,7 @@
 #include "FaultFileIO.h"
 
 #include "TempTree.h"
+#include "TestFiles.h"
 
 #include <algorithm>
 #include <chrono>
@@ -57,37 +58,11 @@ std::string ParentDir(const std::string& strPath)
     return nSlash == 0 ? "/" : strPath.substr(0, nSlash);
 }
 
-// Up to nSize bytes at nOffset (fewer at the end of the file).
-std::string ReadRange(int fd, long long nOffset, long long nSize)
-{
-    std::string s((size_t)(nSize > 0 ? nSize : 0), '\0');
-    size_t nDone = 0;
-    while (nDone < s.size()) {
-        ssize_t n = pread(fd, &s[nDone], s.size() - nDone, (off_t)(nOffset + (long long)nDone));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        nDone += (size_t)n;
-    }
-    s.resize(nDone);
-    return s;
-}
-
 std::string ReadAllOf(int fd)
 {
     struct stat st;
     if (fstat(fd, &st) != 0) return std::string();
-    return ReadRange(fd, 0, (long long)st.st_size);
-}
-
-void WriteRange(int fd, const std::string& s, long long nOffset)
-{
-    size_t nDone = 0;
-    while (nDone < s.size()) {
-        ssize_t n = pwrite(fd, s.data() + nDone, s.size() - nDone, (off_t)(nOffset + (long long)nDone));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;
-        nDone += (size_t)n;
-    }
+    return ReadFdAt(fd, 0, (long long)st.st_size);
 }
 
 // A file the layer held on by descriptor comes back under strPath.
@@ -98,7 +73,7 @@ void RecreateFrom(int fdHeld, const std::string& strPath)
     std::string strData = ReadAllOf(fdHeld);
     int fd = open(strPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, st.st_mode & 07777);
     if (fd < 0) return;
-    WriteRange(fd, strData, 0);
+    WriteFdAt(fd, 0, strData);
     fchmod(fd, st.st_mode & 07777);
     close(fd);
 }
@@ -149,55 +124,47 @@ FaultFileIO::~FaultFileIO()
 
 void FaultFileIO::FailCall(FileOp eOp, long long nNth, int nErrno, long long nTimes)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_vRules.push_back({eOp, nNth, nTimes, nErrno});
+    Locked([&] { m_vRules.push_back({eOp, nNth, nTimes, nErrno}); });
 }
 
 void FaultFileIO::FailNext(FileOp eOp, int nErrno, long long nTimes)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_vRules.push_back({eOp, m_arCalls[(int)eOp] + 1, nTimes, nErrno});
+    Locked([&] { m_vRules.push_back({eOp, m_arCalls[(int)eOp] + 1, nTimes, nErrno}); });
 }
 
 void FaultFileIO::CutTransfer(FileOp eOp, long long nNth, size_t nBytes)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_mapCuts[std::make_pair((int)eOp, nNth)] = nBytes;
+    Locked([&] { m_mapCuts[std::make_pair((int)eOp, nNth)] = nBytes; });
 }
 
-void FaultFileIO::ReadsEndAt(long long nBytes)
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_nReadsEndAt = nBytes;
-}
+void FaultFileIO::ReadsEndAt(long long nBytes) { Locked([&] { m_nReadsEndAt = nBytes; }); }
 
 void FaultFileIO::ChopTransfers(size_t nChunk, bool bInterrupt)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_nChunk = nChunk;
-    m_bInterrupt = bInterrupt;
-    m_bInterruptNext = true;
+    Locked([&] {
+        m_nChunk = nChunk;
+        m_bInterrupt = bInterrupt;
+        m_bInterruptNext = true;
+    });
 }
 
 void FaultFileIO::FillAfter(size_t nBytes, int nErrno)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_nFillLeft = (long long)nBytes;
-    m_nFillErrno = nErrno;
+    Locked([&] {
+        m_nFillLeft = (long long)nBytes;
+        m_nFillErrno = nErrno;
+    });
 }
 
 void FaultFileIO::DieAfter(FileOp eOp, long long nCalls)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_eDieOp = eOp;
-    m_nDieAfter = nCalls;
+    Locked([&] {
+        m_eDieOp = eOp;
+        m_nDieAfter = nCalls;
+    });
 }
 
-void FaultFileIO::Hold(FileOp eOp)
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_arHold[(int)eOp] = true;
-}
+void FaultFileIO::Hold(FileOp eOp) { Locked([&] { m_arHold[(int)eOp] = true; }); }
 
 bool FaultFileIO::WaitHeld(long long nTimeoutMs)
 {
@@ -207,60 +174,35 @@ bool FaultFileIO::WaitHeld(long long nTimeoutMs)
 
 void FaultFileIO::Release()
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    for (bool& bHold : m_arHold) bHold = false;
-    m_cvHold.notify_all();
+    Locked([&] {
+        for (bool& bHold : m_arHold) bHold = false;
+        m_cvHold.notify_all();
+    });
 }
 
-long long FaultFileIO::Held() const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_nHeld;
-}
+long long FaultFileIO::Held() const { return Locked([&] { return m_nHeld; }); }
 
 void FaultFileIO::OnCall(FileOp eOp, FileHook fnHook)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_mapHooks[(int)eOp] = std::move(fnHook);
+    Locked([&] { m_mapHooks[(int)eOp] = std::move(fnHook); });
 }
 
 void FaultFileIO::AfterCall(FileOp eOp, FileHook fnHook)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_mapAfterHooks[(int)eOp] = std::move(fnHook);
+    Locked([&] { m_mapAfterHooks[(int)eOp] = std::move(fnHook); });
 }
 
 void FaultFileIO::PassThrough(const std::string& strPrefix)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_vPassThrough.push_back(strPrefix);
+    Locked([&] { m_vPassThrough.push_back(strPrefix); });
 }
 
 // ------------------------------------------------------------ looking back
 
-long long FaultFileIO::Calls(FileOp eOp) const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_arCalls[(int)eOp];
-}
-
-long long FaultFileIO::BytesRead() const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_nBytesRead;
-}
-
-long long FaultFileIO::BytesWritten() const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_nBytesWritten;
-}
-
-std::vector<FileWrite> FaultFileIO::Writes() const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_vWrites;
-}
+long long FaultFileIO::Calls(FileOp eOp) const { return Locked([&] { return m_arCalls[(int)eOp]; }); }
+long long FaultFileIO::BytesRead() const { return Locked([&] { return m_nBytesRead; }); }
+long long FaultFileIO::BytesWritten() const { return Locked([&] { return m_nBytesWritten; }); }
+std::vector<FileWrite> FaultFileIO::Writes() const { return Locked([&] { return m_vWrites; }); }
 
 std::vector<UnsyncedChange> FaultFileIO::Unsynced() const
 {
@@ -306,9 +248,9 @@ void FaultFileIO::LosePowerLocked(const std::vector<bool>& vKeep, NameLoss eName
         if (fd < 0) continue;
         if (c.m_eKind == CHANGE_TRUNCATE) {
             if (ftruncate(fd, (off_t)c.m_nOldSize) != 0) continue;
-            WriteRange(fd, c.m_strOld, c.m_nOffset);
+            WriteFdAt(fd, c.m_nOffset, c.m_strOld);
         } else {
-            WriteRange(fd, c.m_strOld, c.m_nOffset);
+            WriteFdAt(fd, c.m_nOffset, c.m_strOld);
             if (ftruncate(fd, (off_t)c.m_nOldSize) != 0) continue;
         }
     }
@@ -321,7 +263,7 @@ void FaultFileIO::LosePowerLocked(const std::vector<bool>& vKeep, NameLoss eName
         if (c.m_eKind == CHANGE_TRUNCATE) {
             if (ftruncate(fd, (off_t)c.m_nOffset) != 0) continue;
         } else {
-            WriteRange(fd, c.m_strNew, c.m_nOffset);
+            WriteFdAt(fd, c.m_nOffset, c.m_strNew);
         }
     }
     for (auto& it : m_mapUndoFds) fsync(it.second);
@@ -517,6 +459,47 @@ void FaultFileIO::TrackNameLocked(ChangeKind eKind, const std::string& strPath, 
     m_vChanges.push_back(std::move(c));
 }
 
+int FaultFileIO::BeginChangeLocked(ChangeKind eKind, int fd, const std::string& strPath, Change& c)
+{
+    struct stat st;
+    if (fstat(fd, &st) != 0) return -1;
+    c.m_eKind = eKind;
+    c.m_key = std::make_pair(st.st_dev, st.st_ino);
+    c.m_strPath = strPath;
+    c.m_nOldSize = (long long)st.st_size;
+    return UndoFdLocked(c.m_key, fd);
+}
+
+long long FaultFileIO::Plain(FileCall call, bool bRunsOnFailure, const std::function<long long()>& fnSystem)
+{
+    if (Passes(call.m_strPath)) return fnSystem();
+    Verdict v = Judge(call);
+    long long nResult = !v.m_bFail || bRunsOnFailure ? fnSystem() : 0;
+    return Finish(call, v.m_bFail ? FailWith(v.m_nErrno) : nResult);
+}
+
+// The file that held strTarget before is held by descriptor, so that an
+// undone rename or unlink can bring it back.
+int FaultFileIO::NameChange(FileCall& call, ChangeKind eKind, const char* lpTarget, const std::string& strFrom,
+                            const std::function<int()>& fnSystem)
+{
+    if (Passes(call.m_strPath)) return fnSystem();
+    Verdict v = Judge(call);
+    if (v.m_bFail) return (int)Finish(call, FailWith(v.m_nErrno));
+    std::unique_lock<std::mutex> lock(m_mutex);
+    struct stat st;
+    int fdOld = lstat(lpTarget, &st) == 0 && S_ISREG(st.st_mode) ? open(lpTarget, O_RDONLY | O_CLOEXEC) : -1;
+    int rc = fnSystem();
+    int nErr = errno;
+    if (rc == 0)
+        TrackNameLocked(eKind, lpTarget, strFrom, fdOld);
+    else if (fdOld >= 0)
+        close(fdOld);
+    lock.unlock();
+    errno = nErr;
+    return (int)Finish(call, rc);
+}
+
 // ------------------------------------------------------------ the layer
 
 int FaultFileIO::Open(const char* lpPath, int nFlags, mode_t nMode)
@@ -544,16 +527,11 @@ int FaultFileIO::Open(const char* lpPath, int nFlags, mode_t nMode)
     int nErr = errno;
     if (fd >= 0 && (nFlags & O_CREAT) != 0 && !bExisted)
         TrackNameLocked(CHANGE_CREATE, call.m_strPath, std::string(), -1);
-    struct stat st;
-    if (fd >= 0 && bEmpties && fstat(fd, &st) == 0) {
-        Change c;
-        c.m_eKind = CHANGE_TRUNCATE;
-        c.m_key = std::make_pair(st.st_dev, st.st_ino);
-        c.m_strPath = call.m_strPath;
-        c.m_nOffset = 0;
+    Change c;
+    if (fd >= 0 && bEmpties && BeginChangeLocked(CHANGE_TRUNCATE, fd, call.m_strPath, c) >= 0) {
         c.m_nOldSize = (long long)stBefore.st_size;
         c.m_strOld = strOld;
-        if (UndoFdLocked(c.m_key, fd) >= 0) m_vChanges.push_back(std::move(c));
+        m_vChanges.push_back(std::move(c));
     }
     lock.unlock();
     errno = nErr;
@@ -569,10 +547,7 @@ ssize_t FaultFileIO::PRead(int fd, void* lpBuf, size_t nSize, off_t nOffset)
     if (v.m_bFail) return (ssize_t)Finish(call, v.m_nErrno == 0 ? 0 : FailWith(v.m_nErrno));
     ssize_t n = CTalvorFileIO::PRead(fd, lpBuf, std::min(nSize, v.m_nLimit), nOffset);
     int nErr = errno;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (n > 0) m_nBytesRead += n;
-    }
+    if (n > 0) Locked([&] { m_nBytesRead += n; });
     errno = nErr;
     return (ssize_t)Finish(call, n);
 }
@@ -592,19 +567,10 @@ ssize_t FaultFileIO::PWrite(int fd, const void* lpBuf, size_t nSize, off_t nOffs
     size_t nMove = std::min(nSize, v.m_nLimit);
     // What the write replaces, read before it lands.
     Change c;
-    bool bTrack = false;
-    struct stat st;
-    if (!SyncsItself(fd) && fstat(fd, &st) == 0) {
-        c.m_eKind = CHANGE_WRITE;
-        c.m_key = std::make_pair(st.st_dev, st.st_ino);
-        c.m_strPath = call.m_strPath;
+    int fdUndo = SyncsItself(fd) ? -1 : BeginChangeLocked(CHANGE_WRITE, fd, call.m_strPath, c);
+    if (fdUndo >= 0) {
         c.m_nOffset = (long long)nOffset;
-        c.m_nOldSize = (long long)st.st_size;
-        int fdUndo = UndoFdLocked(c.m_key, fd);
-        if (fdUndo >= 0) {
-            c.m_strOld = ReadRange(fdUndo, (long long)nOffset, (long long)nMove);
-            bTrack = true;
-        }
+        c.m_strOld = ReadFdAt(fdUndo, (long long)nOffset, (long long)nMove);
     }
     ssize_t n = CTalvorFileIO::PWrite(fd, lpBuf, nMove, nOffset);
     int nErr = errno;
@@ -612,7 +578,7 @@ ssize_t FaultFileIO::PWrite(int fd, const void* lpBuf, size_t nSize, off_t nOffs
     if (n > 0) {
         m_nBytesWritten += n;
         if (m_nFillLeft > 0) m_nFillLeft -= std::min((long long)n, m_nFillLeft);
-        if (bTrack) {
+        if (fdUndo >= 0) {
             if ((size_t)n < c.m_strOld.size()) c.m_strOld.resize((size_t)n);
             c.m_strNew.assign((const char*)lpBuf, (size_t)n);
             m_vChanges.push_back(std::move(c));
@@ -647,10 +613,8 @@ int FaultFileIO::SyncFile(FileOp eOp, int fd)
     if (bPasses) return rc;
     int nErr = errno;
     struct stat st;
-    if (rc == 0 && fstat(fd, &st) == 0) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        SyncedLocked(std::make_pair(st.st_dev, st.st_ino), S_ISDIR(st.st_mode));
-    }
+    if (rc == 0 && fstat(fd, &st) == 0)
+        Locked([&] { SyncedLocked(std::make_pair(st.st_dev, st.st_ino), S_ISDIR(st.st_mode)); });
     errno = nErr;
     return (int)Finish(call, rc);
 }
@@ -661,27 +625,19 @@ int FaultFileIO::SyncFile(FileOp eOp, int fd)
 int FaultFileIO::SizeChange(FileCall& call, int fd, const std::function<long long(long long)>& fnNewSize,
                             const std::function<int()>& fnCall)
 {
+    if (Passes(call.m_strPath)) return fnCall();
     Verdict v = Judge(call);
     if (v.m_bFail) return (int)Finish(call, FailWith(v.m_nErrno));
     std::unique_lock<std::mutex> lock(m_mutex);
     Change c;
-    bool bTrack = false;
-    struct stat st;
-    if (fstat(fd, &st) == 0) {
-        c.m_eKind = CHANGE_TRUNCATE;
-        c.m_key = std::make_pair(st.st_dev, st.st_ino);
-        c.m_strPath = call.m_strPath;
-        c.m_nOffset = fnNewSize((long long)st.st_size);
-        c.m_nOldSize = (long long)st.st_size;
-        int fdUndo = UndoFdLocked(c.m_key, fd);
-        if (fdUndo >= 0) {
-            if (c.m_nOldSize > c.m_nOffset) c.m_strOld = ReadRange(fdUndo, c.m_nOffset, c.m_nOldSize - c.m_nOffset);
-            bTrack = true;
-        }
+    int fdUndo = BeginChangeLocked(CHANGE_TRUNCATE, fd, call.m_strPath, c);
+    if (fdUndo >= 0) {
+        c.m_nOffset = fnNewSize(c.m_nOldSize);
+        if (c.m_nOldSize > c.m_nOffset) c.m_strOld = ReadFdAt(fdUndo, c.m_nOffset, c.m_nOldSize - c.m_nOffset);
     }
     int rc = fnCall();
     int nErr = errno;
-    if (rc == 0 && bTrack) m_vChanges.push_back(std::move(c));
+    if (rc == 0 && fdUndo >= 0) m_vChanges.push_back(std::move(c));
     lock.unlock();
     errno = nErr;
     return (int)Finish(call, rc);
@@ -691,7 +647,6 @@ int FaultFileIO::FTruncate(int fd, off_t nSize)
 {
     InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::FTruncate, PathOfFd(fd), (long long)nSize);
-    if (Passes(call.m_strPath)) return CTalvorFileIO::FTruncate(fd, nSize);
     return SizeChange(
         call, fd, [&](long long) { return (long long)nSize; }, [&] { return CTalvorFileIO::FTruncate(fd, nSize); });
 }
@@ -700,88 +655,32 @@ int FaultFileIO::Fallocate(int fd, off_t nOffset, off_t nLength)
 {
     InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::Fallocate, PathOfFd(fd), (long long)nOffset, (long long)nLength);
-    if (Passes(call.m_strPath)) return CTalvorFileIO::Fallocate(fd, nOffset, nLength);
     return SizeChange(
         call, fd, [&](long long nOld) { return std::max(nOld, (long long)(nOffset + nLength)); },
         [&] { return CTalvorFileIO::Fallocate(fd, nOffset, nLength); });
-}
-
-int FaultFileIO::Close(int fd)
-{
-    InFlight guard(m_nInFlight);
-    FileCall call = MakeCall(FileOp::Close, PathOfFd(fd));
-    if (Passes(call.m_strPath)) return CTalvorFileIO::Close(fd);
-    Verdict v = Judge(call);
-    // A failing close still gives the descriptor back, as Linux does.
-    int rc = CTalvorFileIO::Close(fd);
-    return (int)Finish(call, v.m_bFail ? FailWith(v.m_nErrno) : rc);
-}
-
-int FaultFileIO::Flock(int fd, int nOperation)
-{
-    InFlight guard(m_nInFlight);
-    FileCall call = MakeCall(FileOp::Flock, PathOfFd(fd), 0, 0, nOperation);
-    if (Passes(call.m_strPath)) return CTalvorFileIO::Flock(fd, nOperation);
-    Verdict v = Judge(call);
-    return (int)Finish(call, v.m_bFail ? FailWith(v.m_nErrno) : CTalvorFileIO::Flock(fd, nOperation));
 }
 
 int FaultFileIO::Rename(const char* lpFrom, const char* lpTo)
 {
     InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::Rename, lpFrom);
-    if (Passes(call.m_strPath)) return CTalvorFileIO::Rename(lpFrom, lpTo);
-    Verdict v = Judge(call);
-    if (v.m_bFail) return (int)Finish(call, FailWith(v.m_nErrno));
-    std::unique_lock<std::mutex> lock(m_mutex);
-    struct stat st;
-    int fdReplaced = lstat(lpTo, &st) == 0 && S_ISREG(st.st_mode) ? open(lpTo, O_RDONLY | O_CLOEXEC) : -1;
-    int rc = CTalvorFileIO::Rename(lpFrom, lpTo);
-    int nErr = errno;
-    if (rc == 0)
-        TrackNameLocked(CHANGE_RENAME, lpTo, lpFrom, fdReplaced);
-    else if (fdReplaced >= 0)
-        close(fdReplaced);
-    lock.unlock();
-    errno = nErr;
-    return (int)Finish(call, rc);
+    return NameChange(call, CHANGE_RENAME, lpTo, lpFrom, [&] { return CTalvorFileIO::Rename(lpFrom, lpTo); });
 }
 
 int FaultFileIO::Unlink(const char* lpPath)
 {
     InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::Unlink, lpPath);
-    if (Passes(call.m_strPath)) return CTalvorFileIO::Unlink(lpPath);
-    Verdict v = Judge(call);
-    if (v.m_bFail) return (int)Finish(call, FailWith(v.m_nErrno));
-    std::unique_lock<std::mutex> lock(m_mutex);
-    struct stat st;
-    int fdRemoved = lstat(lpPath, &st) == 0 && S_ISREG(st.st_mode) ? open(lpPath, O_RDONLY | O_CLOEXEC) : -1;
-    int rc = CTalvorFileIO::Unlink(lpPath);
-    int nErr = errno;
-    if (rc == 0)
-        TrackNameLocked(CHANGE_UNLINK, lpPath, std::string(), fdRemoved);
-    else if (fdRemoved >= 0)
-        close(fdRemoved);
-    lock.unlock();
-    errno = nErr;
-    return (int)Finish(call, rc);
+    return NameChange(call, CHANGE_UNLINK, lpPath, std::string(), [&] { return CTalvorFileIO::Unlink(lpPath); });
 }
 
+// A path mkdir makes was no regular file before: nothing is held.
 int FaultFileIO::MkDir(const char* lpPath, mode_t nMode)
 {
     InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::MkDir, lpPath);
-    if (Passes(call.m_strPath)) return CTalvorFileIO::MkDir(lpPath, nMode);
-    Verdict v = Judge(call);
-    if (v.m_bFail) return (int)Finish(call, FailWith(v.m_nErrno));
-    std::unique_lock<std::mutex> lock(m_mutex);
-    int rc = CTalvorFileIO::MkDir(lpPath, nMode);
-    int nErr = errno;
-    if (rc == 0) TrackNameLocked(CHANGE_MKDIR, lpPath, std::string(), -1);
-    lock.unlock();
-    errno = nErr;
-    return (int)Finish(call, rc);
+    return NameChange(call, CHANGE_MKDIR, lpPath, std::string(),
+                      [&] { return CTalvorFileIO::MkDir(lpPath, nMode); });
 }
 
 int FaultFileIO::SyncDirectory(const char* lpDir)
@@ -794,82 +693,77 @@ int FaultFileIO::SyncDirectory(const char* lpDir)
     int rc = CTalvorFileIO::SyncDirectory(lpDir);
     int nErr = errno;
     FileKey key;
-    if (rc == 0 && KeyOfPath(lpDir, &key, true)) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        SyncedLocked(key, true);
-    }
+    if (rc == 0 && KeyOfPath(lpDir, &key, true)) Locked([&] { SyncedLocked(key, true); });
     errno = nErr;
     return (int)Finish(call, rc);
 }
 
-int FaultFileIO::Stat(const char* lpPath, struct stat* pStat)
+// A failing close still gives the descriptor back, as Linux does.
+int FaultFileIO::Close(int fd)
 {
     InFlight guard(m_nInFlight);
-    FileCall call = MakeCall(FileOp::Stat, lpPath);
-    if (Passes(call.m_strPath)) return CTalvorFileIO::Stat(lpPath, pStat);
-    Verdict v = Judge(call);
-    return (int)Finish(call, v.m_bFail ? FailWith(v.m_nErrno) : CTalvorFileIO::Stat(lpPath, pStat));
-}
-
-int FaultFileIO::FStat(int fd, struct stat* pStat)
-{
-    InFlight guard(m_nInFlight);
-    FileCall call = MakeCall(FileOp::FStat, PathOfFd(fd));
-    if (Passes(call.m_strPath)) return CTalvorFileIO::FStat(fd, pStat);
-    Verdict v = Judge(call);
-    return (int)Finish(call, v.m_bFail ? FailWith(v.m_nErrno) : CTalvorFileIO::FStat(fd, pStat));
-}
-
-off_t FaultFileIO::LSeek(int fd, off_t nOffset, int nWhence)
-{
-    InFlight guard(m_nInFlight);
-    FileCall call = MakeCall(FileOp::LSeek, PathOfFd(fd), (long long)nOffset, 0, nWhence);
-    if (Passes(call.m_strPath)) return CTalvorFileIO::LSeek(fd, nOffset, nWhence);
-    Verdict v = Judge(call);
-    return (off_t)Finish(call, v.m_bFail ? FailWith(v.m_nErrno) : CTalvorFileIO::LSeek(fd, nOffset, nWhence));
-}
-
-int FaultFileIO::Chmod(const char* lpPath, mode_t nMode)
-{
-    InFlight guard(m_nInFlight);
-    FileCall call = MakeCall(FileOp::Chmod, lpPath);
-    if (Passes(call.m_strPath)) return CTalvorFileIO::Chmod(lpPath, nMode);
-    Verdict v = Judge(call);
-    return (int)Finish(call, v.m_bFail ? FailWith(v.m_nErrno) : CTalvorFileIO::Chmod(lpPath, nMode));
-}
-
-int FaultFileIO::FChmod(int fd, mode_t nMode)
-{
-    InFlight guard(m_nInFlight);
-    FileCall call = MakeCall(FileOp::FChmod, PathOfFd(fd));
-    if (Passes(call.m_strPath)) return CTalvorFileIO::FChmod(fd, nMode);
-    Verdict v = Judge(call);
-    return (int)Finish(call, v.m_bFail ? FailWith(v.m_nErrno) : CTalvorFileIO::FChmod(fd, nMode));
-}
-
-DIR* FaultFileIO::OpenDir(const char* lpPath)
-{
-    InFlight guard(m_nInFlight);
-    FileCall call = MakeCall(FileOp::OpenDir, lpPath);
-    if (Passes(call.m_strPath)) return CTalvorFileIO::OpenDir(lpPath);
-    Verdict v = Judge(call);
-    DIR* pDir = nullptr;
-    if (v.m_bFail)
-        errno = v.m_nErrno;
-    else
-        pDir = CTalvorFileIO::OpenDir(lpPath);
-    Finish(call, pDir != nullptr ? 0 : -1);
-    return pDir;
+    FileCall call = MakeCall(FileOp::Close, PathOfFd(fd));
+    return (int)Plain(call, true, [&] { return CTalvorFileIO::Close(fd); });
 }
 
 int FaultFileIO::CloseDir(DIR* pDir)
 {
     InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::CloseDir, pDir != nullptr ? PathOfFd(dirfd(pDir)) : std::string());
-    if (Passes(call.m_strPath)) return CTalvorFileIO::CloseDir(pDir);
-    Verdict v = Judge(call);
-    int rc = CTalvorFileIO::CloseDir(pDir);
-    return (int)Finish(call, v.m_bFail ? FailWith(v.m_nErrno) : rc);
+    return (int)Plain(call, true, [&] { return CTalvorFileIO::CloseDir(pDir); });
+}
+
+int FaultFileIO::Flock(int fd, int nOperation)
+{
+    InFlight guard(m_nInFlight);
+    FileCall call = MakeCall(FileOp::Flock, PathOfFd(fd), 0, 0, nOperation);
+    return (int)Plain(call, false, [&] { return CTalvorFileIO::Flock(fd, nOperation); });
+}
+
+int FaultFileIO::Stat(const char* lpPath, struct stat* pStat)
+{
+    InFlight guard(m_nInFlight);
+    FileCall call = MakeCall(FileOp::Stat, lpPath);
+    return (int)Plain(call, false, [&] { return CTalvorFileIO::Stat(lpPath, pStat); });
+}
+
+int FaultFileIO::FStat(int fd, struct stat* pStat)
+{
+    InFlight guard(m_nInFlight);
+    FileCall call = MakeCall(FileOp::FStat, PathOfFd(fd));
+    return (int)Plain(call, false, [&] { return CTalvorFileIO::FStat(fd, pStat); });
+}
+
+off_t FaultFileIO::LSeek(int fd, off_t nOffset, int nWhence)
+{
+    InFlight guard(m_nInFlight);
+    FileCall call = MakeCall(FileOp::LSeek, PathOfFd(fd), (long long)nOffset, 0, nWhence);
+    return (off_t)Plain(call, false, [&] { return (long long)CTalvorFileIO::LSeek(fd, nOffset, nWhence); });
+}
+
+int FaultFileIO::Chmod(const char* lpPath, mode_t nMode)
+{
+    InFlight guard(m_nInFlight);
+    FileCall call = MakeCall(FileOp::Chmod, lpPath);
+    return (int)Plain(call, false, [&] { return CTalvorFileIO::Chmod(lpPath, nMode); });
+}
+
+int FaultFileIO::FChmod(int fd, mode_t nMode)
+{
+    InFlight guard(m_nInFlight);
+    FileCall call = MakeCall(FileOp::FChmod, PathOfFd(fd));
+    return (int)Plain(call, false, [&] { return CTalvorFileIO::FChmod(fd, nMode); });
+}
+
+DIR* FaultFileIO::OpenDir(const char* lpPath)
+{
+    InFlight guard(m_nInFlight);
+    DIR* pDir = nullptr;
+    Plain(MakeCall(FileOp::OpenDir, lpPath), false, [&] {
+        pDir = CTalvorFileIO::OpenDir(lpPath);
+        return pDir != nullptr ? 0LL : -1LL;
+    });
+    return pDir;
 }
 
 } // namespace talvortest

@@ -208,6 +208,13 @@ private:
         size_t m_nLimit = (size_t)-1;
     };
 
+    // fn run under the layer's lock; its result.
+    template <class F>
+    auto Locked(F fn) const -> decltype(fn())
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return fn();
+    }
     bool Passes(const std::string& strPath) const;
     static std::string PathOfFd(int fd);
     static FileCall MakeCall(FileOp eOp, const std::string& strPath, long long nOffset = 0, long long nSize = 0,
@@ -215,6 +222,14 @@ private:
     Verdict Judge(FileCall& call);
     // Runs the after-hook of the call with nResult (errno kept); nResult.
     long long Finish(FileCall& call, long long nResult);
+    // The layer's descriptor on the file of fd, c begun as its change of
+    // eKind (size before it); -1 when the change cannot be tracked.
+    int BeginChangeLocked(ChangeKind eKind, int fd, const std::string& strPath, Change& c);
+    // A call that changes nothing tracked: judged, then fnSystem (also on a
+    // failure when bRunsOnFailure) unless it fails.
+    long long Plain(FileCall call, bool bRunsOnFailure, const std::function<long long()>& fnSystem);
+    int NameChange(FileCall& call, ChangeKind eKind, const char* lpTarget, const std::string& strFrom,
+                   const std::function<int()>& fnSystem);
     int SizeChange(FileCall& call, int fd, const std::function<long long(long long)>& fnNewSize,
                    const std::function<int()>& fnCall);
     int SyncFile(FileOp eOp, int fd);

@@ -4,13 +4,13 @@
 #include "MariaDbReference.h"
 
 #include "PythonReference.h"
+#include "TestClock.h"
 #include "TestFiles.h"
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -21,14 +21,9 @@ namespace talvortest {
 
 namespace {
 
-const int SERVER_START_TENTHS = 300;
-const int SERVER_STOP_TENTHS = 100;
-
-void NapTenth()
-{
-    struct timespec ts = {0, 100 * 1000 * 1000};
-    nanosleep(&ts, nullptr);
-}
+const int SERVER_START_MS = 30000;
+const int SERVER_STOP_MS = 10000;
+const int SERVER_POLL_MS = 100;
 
 bool IsSocket(const std::string& strPath)
 {
@@ -68,16 +63,7 @@ void ReadRow(const std::string& strLine, std::vector<SqlAnswer>& vOut)
 
 } // namespace
 
-std::string SqlHexLiteral(const std::string& strBytes)
-{
-    static const char* HEX = "0123456789ABCDEF";
-    std::string strOut = "X'";
-    for (unsigned char c : strBytes) {
-        strOut += HEX[c >> 4];
-        strOut += HEX[c & 15];
-    }
-    return strOut + "'";
-}
+std::string SqlHexLiteral(const std::string& strBytes) { return "X'" + HexOf(strBytes) + "'"; }
 
 MariaDbReference::~MariaDbReference()
 {
@@ -137,14 +123,11 @@ bool MariaDbReference::Start()
         _exit(127);
     }
     m_nServerPid = nPid;
-    for (int i = 0; i < SERVER_START_TENTHS; i++) {
-        if (IsSocket(m_strSocket)) return true;
-        if (waitpid(m_nServerPid, nullptr, WNOHANG) == m_nServerPid) {
-            m_nServerPid = -1;
-            break;
-        }
-        NapTenth();
-    }
+    bool bEnded = false;
+    if (WaitUntil([&] { return IsSocket(m_strSocket) || (bEnded = waitpid(nPid, nullptr, WNOHANG) == nPid); },
+                  SERVER_START_MS, SERVER_POLL_MS) && !bEnded)
+        return true;
+    if (bEnded) m_nServerPid = -1;
     m_strError = "mariadbd did not come up: " + ReadWholeFile(m_tree.Path("error.log"));
     Stop();
     return false;
@@ -154,15 +137,11 @@ void MariaDbReference::Stop()
 {
     if (m_nServerPid <= 0) return;
     kill(m_nServerPid, SIGTERM);
-    for (int i = 0; i < SERVER_STOP_TENTHS; i++) {
-        if (waitpid(m_nServerPid, nullptr, WNOHANG) == m_nServerPid) {
-            m_nServerPid = -1;
-            return;
-        }
-        NapTenth();
+    pid_t nPid = m_nServerPid;
+    if (!WaitUntil([&] { return waitpid(nPid, nullptr, WNOHANG) == nPid; }, SERVER_STOP_MS, SERVER_POLL_MS)) {
+        kill(nPid, SIGKILL);
+        waitpid(nPid, nullptr, 0);
     }
-    kill(m_nServerPid, SIGKILL);
-    waitpid(m_nServerPid, nullptr, 0);
     m_nServerPid = -1;
 }
 

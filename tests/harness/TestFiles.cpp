@@ -13,7 +13,18 @@ namespace talvortest {
 
 namespace {
 
-bool WriteAllAt(int fd, const std::string& strData, long long nOffset)
+bool WriteWith(const std::string& strPath, int nFlags, long long nOffset, const std::string& strData)
+{
+    int fd = open(strPath.c_str(), nFlags | O_CLOEXEC, 0644);
+    if (fd < 0) return false;
+    bool bOk = WriteFdAt(fd, nOffset, strData);
+    if (close(fd) != 0) bOk = false;
+    return bOk;
+}
+
+} // namespace
+
+bool WriteFdAt(int fd, long long nOffset, const std::string& strData)
 {
     size_t nDone = 0;
     while (nDone < strData.size()) {
@@ -25,16 +36,19 @@ bool WriteAllAt(int fd, const std::string& strData, long long nOffset)
     return true;
 }
 
-bool WriteWith(const std::string& strPath, int nFlags, long long nOffset, const std::string& strData)
+std::string ReadFdAt(int fd, long long nOffset, long long nSize)
 {
-    int fd = open(strPath.c_str(), nFlags | O_CLOEXEC, 0644);
-    if (fd < 0) return false;
-    bool bOk = WriteAllAt(fd, strData, nOffset);
-    if (close(fd) != 0) bOk = false;
-    return bOk;
+    std::string strData((size_t)(nSize > 0 ? nSize : 0), '\0');
+    size_t nDone = 0;
+    while (nDone < strData.size()) {
+        ssize_t n = pread(fd, &strData[nDone], strData.size() - nDone, (off_t)(nOffset + (long long)nDone));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        nDone += (size_t)n;
+    }
+    strData.resize(nDone);
+    return strData;
 }
-
-} // namespace
 
 std::string ReadWholeFile(const std::string& strPath)
 {
@@ -64,22 +78,10 @@ bool WriteFileAt(const std::string& strPath, long long nOffset, const std::strin
 
 std::string ReadFileAt(const std::string& strPath, long long nOffset, long long nSize)
 {
-    std::string strData;
     int fd = open(strPath.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0 || nSize <= 0) {
-        if (fd >= 0) close(fd);
-        return strData;
-    }
-    strData.resize((size_t)nSize);
-    long long nDone = 0;
-    while (nDone < nSize) {
-        ssize_t n = pread(fd, &strData[(size_t)nDone], (size_t)(nSize - nDone), (off_t)(nOffset + nDone));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        nDone += n;
-    }
+    if (fd < 0) return std::string();
+    std::string strData = ReadFdAt(fd, nOffset, nSize);
     close(fd);
-    strData.resize((size_t)nDone);
     return strData;
 }
 

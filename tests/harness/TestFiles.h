@@ -19,6 +19,10 @@ bool WriteFileAt(const std::string& strPath, long long nOffset, const std::strin
 // Up to nSize bytes of the file from nOffset on; fewer at its end, empty
 // when it cannot be read.
 std::string ReadFileAt(const std::string& strPath, long long nOffset, long long nSize);
+// The same on a descriptor open for reading.
+std::string ReadFdAt(int fd, long long nOffset, long long nSize);
+// Writes all of strData at nOffset of a descriptor open for writing.
+bool WriteFdAt(int fd, long long nOffset, const std::string& strData);
 // Size in bytes, or -1 when the path names nothing.
 long long FileSizeOf(const std::string& strPath);
 bool PathExists(const std::string& strPath);

@@ -62,8 +62,6 @@ inline bool ParseLines(const std::string& strBody, std::vector<TraceLine>& lines
 
 class TraceLogFixture : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() {}
-
     void SetUp() override
     {
         ASSERT_TRUE(m_dir.Ok());
@@ -96,12 +94,16 @@ protected:
         return lines;
     }
 
+    // Lines of nCode whose text holds strText.
+    static int CountText(const std::vector<TraceLine>& lines, long long nCode, const std::string& strText)
+    {
+        int n = 0;
+        for (const TraceLine& line : lines) n += line.m_nCode == nCode && line.m_strText.find(strText) != std::string::npos;
+        return n;
+    }
     static bool HasText(const std::vector<TraceLine>& lines, long long nCode, const std::string& strText)
     {
-        for (const TraceLine& line : lines) {
-            if (line.m_nCode == nCode && line.m_strText.find(strText) != std::string::npos) return true;
-        }
-        return false;
+        return CountText(lines, nCode, strText) > 0;
     }
 
     // A system head of which the log manager reads only the file size.

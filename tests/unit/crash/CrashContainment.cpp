@@ -104,7 +104,6 @@ class CrashContainment : public TraceLogFixture {
 protected:
     static void SetUpTestSuite()
     {
-        TraceLogFixture::SetUpTestSuite();
         for (int nSignal : {SIGSEGV, SIGFPE, SIGABRT}) {
             struct sigaction sa;
             memset(&sa, 0, sizeof(sa));
@@ -153,14 +152,6 @@ protected:
     static bool HasThreadRecord(int nTid) { return CrashFindThreadData(nTid) != nullptr; }
 
     static bool LatchFree(Worker& w) { return __atomic_load_n(&w.m_latch.m_nLockFlag, __ATOMIC_ACQUIRE) == 0; }
-
-    // Lines of one code whose text holds strText.
-    static int CountText(const std::vector<TraceLine>& lines, long long nCode, const std::string& strText)
-    {
-        int n = 0;
-        for (const TraceLine& line : lines) n += line.m_nCode == nCode && line.m_strText.find(strText) != std::string::npos;
-        return n;
-    }
 
     std::vector<Worker*> m_vWorkers;
 };

@@ -1,55 +1,36 @@
 // A thread that holds its lines: they reach its hold and not the sink, the
 // lines of every other thread still reach the sink, and the hold ends.
-#include "TalvorTrace.h"
+#include "TraceCapture.h"
 
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace {
 
-struct Line {
-    std::string strFunc;
-    long lCode;
-    std::string strText;
-};
-
-std::mutex g_lock;
-std::vector<Line> g_vSink;
-
-void Sink(LPCTSTR szFunc, LONG, LONG lCode, LPCTSTR szLog)
+void Hold(void* pContext, LPCTSTR szFunc, LONG nLevel, LONG nCode, LPCTSTR szText)
 {
-    std::lock_guard<std::mutex> g(g_lock);
-    g_vSink.push_back({szFunc, lCode, szLog});
-}
-
-void Hold(void* pContext, LPCTSTR szFunc, LONG, LONG lCode, LPCTSTR szLog)
-{
-    ((std::vector<Line>*)pContext)->push_back({szFunc, lCode, szLog});
+    ((std::vector<talvortest::CapturedLine>*)pContext)->push_back({nLevel, nCode, szFunc, szText});
 }
 
 TEST(TraceHold, OnlyTheHoldingThreadsLinesAreHeldUntilTheHoldEnds)
 {
-    g_vSink.clear();
-    LPTALVORTRACESINK pOld = TraceInstallSink(&Sink);
-    std::vector<Line> vHeld;
+    talvortest::TraceCapture capture;
+    std::vector<talvortest::CapturedLine> vHeld;
     TraceHoldThisThread(&Hold, &vHeld);
     Trace("Held", 1, 80003010, "read %d of %s", 7, "the file");
     std::thread t([] { Trace0("Other", 1, 42, "not held"); });
     t.join();
     TraceHoldThisThread(nullptr, nullptr);
     Trace0("After", 1, 43, "the hold ended");
-    TraceInstallSink(pOld);
     ASSERT_EQ(1u, vHeld.size());
-    EXPECT_EQ("Held", vHeld[0].strFunc);
-    EXPECT_EQ(80003010, vHeld[0].lCode);
-    EXPECT_EQ("read 7 of the file", vHeld[0].strText);
-    ASSERT_EQ(2u, g_vSink.size());
-    EXPECT_EQ(42, g_vSink[0].lCode);
-    EXPECT_EQ(43, g_vSink[1].lCode);
+    EXPECT_EQ("1 80003010 Held read 7 of the file", vHeld[0].Joined());
+    std::vector<talvortest::CapturedLine> vSink = capture.Lines();
+    ASSERT_EQ(2u, vSink.size());
+    EXPECT_EQ(42, vSink[0].m_nCode);
+    EXPECT_EQ(43, vSink[1].m_nCode);
 }
 
 } // namespace

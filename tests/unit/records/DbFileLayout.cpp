@@ -4,21 +4,16 @@
 // new file's parts lie where its head says, on 512-byte steps.
 #include "CacheFileHeadArea.h"
 #include "DbFileLayout.h"
+#include "PackedValue.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <vector>
 
-namespace {
+using talvortest::Val;
 
-// Fields of byte-packed records may lie on any byte: assertions take them
-// by value, never by reference.
-template <class T>
-T Val(T v)
-{
-    return v;
-}
+namespace {
 
 // An image with a master map block at MAP_AT whose entries the test links.
 const long long MAP_AT = 4096;
