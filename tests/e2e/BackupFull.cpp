@@ -155,12 +155,8 @@ TEST_F(BackupFull, TakenWhileTheEngineCommitsHoldsTheFilesAsTheyStood)
     ASSERT_EQ(0, m_box.WaitExit(peer, 120000));
     std::string strPeer = ReadWholeFile(m_box.Root() + "/peer.out");
     EXPECT_GT(NumberAfter(strPeer, "last timestamp "), nTs) << strPeer;
-    m_box.Signal(m_pid, SIGTERM);
-    ASSERT_EQ(0, m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS));
-    std::string strVerify;
-    EXPECT_EQ(0, m_box.Run({PeerPath(), "verify", "--journal", strJournal, "--system", Path("System.dbf")}, 60000,
-                           &strVerify))
-        << strVerify;
+    ASSERT_TRUE(StopDaemon(m_box, m_pid));
+    VerifyJournal(m_box, strJournal, Path("System.dbf"));
 }
 
 TEST_F(BackupFull, TheArchiverCopiesEachFinishedBackupToTheSecondDestinationAndTheSameTimestampReplaces)

@@ -95,7 +95,6 @@ void ExpectAllDone(const PeerRun& run, size_t nFlushes, size_t nPages, size_t nS
 
 TEST(CachePipelines, FlushRoundTripPutsCacheBlocksPagesAndTimestampsOnDisk)
 {
-    ASSERT_TRUE(MkdbBuilt() && PeerBuilt()) << "build talvor-mkdb and talvor-peer first";
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
     pid_t pid = StartCacheDb(box, {"--table-file", "--index-file"});
@@ -126,7 +125,6 @@ TEST(CachePipelines, FlushRoundTripPutsCacheBlocksPagesAndTimestampsOnDisk)
 
 TEST(CachePipelines, LoadSlotsGiveTheFileBlockAndRefuseWrongRequests)
 {
-    ASSERT_TRUE(MkdbBuilt() && PeerBuilt()) << "build talvor-mkdb and talvor-peer first";
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
     pid_t pid = StartCacheDb(box, {"--table-file", "--index-file"});
@@ -184,7 +182,6 @@ TEST(CachePipelines, LoadSlotsGiveTheFileBlockAndRefuseWrongRequests)
 
 TEST(CachePipelines, TornCancelledAndWrongEntriesAreRefusedAndWriteNothing)
 {
-    ASSERT_TRUE(MkdbBuilt() && PeerBuilt()) << "build talvor-mkdb and talvor-peer first";
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
     // Two table files, so that an entry can name the other one.
@@ -253,7 +250,6 @@ TEST(CachePipelines, TornCancelledAndWrongEntriesAreRefusedAndWriteNothing)
 // engine as before.
 TEST(CachePipelines, EntriesOfRandomFieldsWriteNothingAndOutliveARestart)
 {
-    ASSERT_TRUE(MkdbBuilt() && PeerBuilt()) << "build talvor-mkdb and talvor-peer first";
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
     pid_t pid = StartCacheDb(box, {"--table-file", "--index-file"});

@@ -215,10 +215,4 @@ inline pid_t RestartDaemon(DaemonSandbox& box, std::string* pTrace)
     return pid;
 }
 
-inline bool StopDaemon(DaemonSandbox& box, pid_t pid)
-{
-    box.Signal(pid, SIGTERM);
-    return box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS) == 0;
-}
-
 } // namespace talvortest

@@ -171,8 +171,6 @@ class RunningDaemon : public ::testing::Test {
 protected:
     void Start(const std::vector<std::string>& vMkdb, const std::string& strIni)
     {
-        ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
-        ASSERT_TRUE(PeerBuilt()) << "build talvor-peer first";
         ASSERT_TRUE(m_box.Ok());
         ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), vMkdb));
         WriteDbIni(m_box, m_box.DataDir(), strIni);
@@ -182,8 +180,7 @@ protected:
     void TearDown() override
     {
         if (m_pid <= 0 || !m_box.IsRunning(m_pid)) return;
-        m_box.Signal(m_pid, SIGTERM);
-        EXPECT_EQ(0, m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS)) << m_box.ReadDaemonTrace();
+        EXPECT_TRUE(StopDaemon(m_box, m_pid)) << m_box.ReadDaemonTrace();
     }
     std::string Path(const std::string& strName) const { return m_box.DataDir() + strName; }
 

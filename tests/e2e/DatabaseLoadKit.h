@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <map>
 #include <sstream>
@@ -30,8 +31,6 @@ const long long E2E_MIB = 1048576;
 inline std::string MkdbPath() { return std::string(TALVOR_BIN_DIR) + "/talvor-mkdb"; }
 inline std::string PeerPath() { return std::string(TALVOR_BIN_DIR) + "/talvor-peer"; }
 
-inline bool MkdbBuilt() { return access(MkdbPath().c_str(), X_OK) == 0; }
-inline bool PeerBuilt() { return access(PeerPath().c_str(), X_OK) == 0; }
 
 // The number that follows strKey in a program's output, or -1.
 inline long long NumberAfter(const std::string& strOut, const std::string& strKey)
@@ -174,6 +173,27 @@ inline std::map<std::string, std::string> Snapshot(const std::string& strDir, co
     std::map<std::string, std::string> mapFiles;
     for (const std::string& strName : vNames) mapFiles[strName] = ReadWholeFile(strDir + strName);
     return mapFiles;
+}
+
+// SIGTERM, and true once the process ended with status 0.
+inline bool StopDaemon(DaemonSandbox& box, pid_t pid)
+{
+    box.Signal(pid, SIGTERM);
+    return box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS) == 0;
+}
+
+// talvor-peer verify (exit 0: no violation): the files of the system file
+// strSystem hold what the data job's journal committed, up to at least
+// nAtLeast, exactly with bExact. Its output.
+inline std::string VerifyJournal(DaemonSandbox& box, const std::string& strJournal, const std::string& strSystem,
+                                 long long nAtLeast = 0, bool bExact = false)
+{
+    std::vector<std::string> vCmd = {PeerPath(), "verify", "--journal", strJournal, "--system", strSystem,
+                                     "--at-least", std::to_string(nAtLeast)};
+    if (bExact) vCmd.push_back("--exact");
+    std::string strOut;
+    EXPECT_EQ(0, box.Run(vCmd, 60000, &strOut)) << strOut;
+    return strOut;
 }
 
 // The joined text of the daemon's trace files in strDir, in name order.

@@ -46,8 +46,7 @@ protected:
         StopNode();
         RunningDaemon::TearDown();
         if (m_nSecond > 0 && m_node.IsRunning(m_nSecond)) {
-            m_node.Signal(m_nSecond, SIGTERM);
-            EXPECT_EQ(0, m_node.WaitExit(m_nSecond, DAEMON_STOP_TIMEOUT_MS)) << m_node.ReadDaemonTrace();
+            EXPECT_TRUE(StopDaemon(m_node, m_nSecond)) << m_node.ReadDaemonTrace();
         }
     }
     void StartPrimary(const std::string& strIni = "persistenceintervals=1\r\n", std::vector<std::string> vMkdb = JOIN_DB)
@@ -139,15 +138,6 @@ protected:
             EXPECT_EQ(0u, kv.second.m_strPath.rfind(Copy(""), 0)) << "a file of the copy names another directory";
         }
     }
-    void ExpectVerified(const std::string& strJournal, long long nAtLeast)
-    {
-        std::string strVerify;
-        EXPECT_EQ(0, m_node.Run({PeerPath(), "verify", "--journal", strJournal, "--system", Copy("System.dbf"),
-                                 "--at-least", std::to_string(nAtLeast)},
-                                60000, &strVerify))
-            << strVerify;
-        EXPECT_NE(std::string::npos, strVerify.find("violations: 0")) << strVerify;
-    }
 
     DaemonSandbox m_node;
     pid_t m_nNode = -1, m_nSecond = -1;
@@ -188,7 +178,7 @@ TEST_F(NodeJoin, ASlaveJoinCopiesEveryFileByteForByteAndASecondDaemonComesUpOnIt
     EXPECT_GT(NumberAfter(Inspect(m_box, m_box.DataDir()).m_strText, "file=2 type=2 image=yes size=16777216 imagesize=16777216 free="),
               (long long)JOIN_BUFFER_SIZE);
     StartSecondDaemonOnCopy();
-    ExpectVerified(strJournal, nLast);
+    VerifyJournal(m_node, strJournal, Copy("System.dbf"), nLast);
     ExpectServing(true);
 }
 
@@ -213,7 +203,7 @@ TEST_F(NodeJoin, AJoinWhileTheStandInCommitsHoldsAWholeCommit)
     long long nCopied = CommittedOnDisk(Copy("System.dbf"));
     EXPECT_GE(nCopied, nBefore);
     StartSecondDaemonOnCopy();
-    ExpectVerified(strJournal, nCopied);
+    VerifyJournal(m_node, strJournal, Copy("System.dbf"), nCopied);
     ExpectServing(true);
 }
 

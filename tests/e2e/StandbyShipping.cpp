@@ -18,7 +18,6 @@ class StandbyShipping : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(MkdbBuilt() && PeerBuilt());
         ASSERT_TRUE(m_box.Ok());
         m_strArchive = m_box.Root() + "/Archive/";
         m_strCopies = m_box.Root() + "/Standby/";
