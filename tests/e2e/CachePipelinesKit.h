@@ -42,7 +42,6 @@ struct PeerLoadLine {
     int nFile = 0;
     UINT nBlock = 0;
     int nResult = -1;
-    bool bUntouched = false;
 };
 struct PeerRun {
     int nExit = -99;
@@ -104,7 +103,6 @@ inline PeerRun ParsePeer(const std::string& strOut, int nExit)
             x.nFile = (int)NumberAfter(strFields, "file ");
             x.nBlock = (UINT)NumberAfter(strFields, " block ");
             x.nResult = ResultOf(l);
-            x.bUntouched = l.find("untouched 1") != std::string::npos;
             run.vLoads.push_back(x);
         }
         if (l == "done") run.bDone = true;
@@ -140,15 +138,6 @@ inline pid_t StartCacheDb(DaemonSandbox& box, const std::vector<std::string>& vF
     pid_t pid = box.StartServing();
     if (pid <= 0) ADD_FAILURE() << box.ReadDaemonTrace();
     return pid;
-}
-
-// Offset of the first byte where two files differ, or -1.
-inline long long FirstDiffAt(const std::string& a, const std::string& b)
-{
-    size_t n = a.size() < b.size() ? a.size() : b.size();
-    for (size_t i = 0; i < n; i++)
-        if (a[i] != b[i]) return (long long)i;
-    return a.size() == b.size() ? -1 : (long long)n;
 }
 
 inline std::string FileOf(DaemonSandbox& box, int nFileNo, bool bIndex)

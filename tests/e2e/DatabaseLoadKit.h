@@ -175,6 +175,15 @@ inline std::map<std::string, std::string> Snapshot(const std::string& strDir, co
     return mapFiles;
 }
 
+// Offset of the first byte where two files differ, or -1.
+inline long long FirstDiffAt(const std::string& a, const std::string& b)
+{
+    size_t n = a.size() < b.size() ? a.size() : b.size();
+    for (size_t i = 0; i < n; i++)
+        if (a[i] != b[i]) return (long long)i;
+    return a.size() == b.size() ? -1 : (long long)n;
+}
+
 // SIGTERM, and true once the process ended with status 0.
 inline bool StopDaemon(DaemonSandbox& box, pid_t pid)
 {
