@@ -184,6 +184,23 @@ protected:
     }
     std::string Path(const std::string& strName) const { return m_box.DataDir() + strName; }
 
+    // The stand-in commits nCount changes over nBlocks blocks, nPauseUs
+    // apart; waits until a pass has committed the last on disk. Its stamp.
+    long long CommitToDisk(const std::string& strJournal, int nCount, int nSeed, int nBlocks, int nPauseUs,
+                           bool bHeadReady = false)
+    {
+        std::vector<std::string> vCmd = {PeerPath(), "data", "--journal", strJournal, "--live", "--count",
+                                         std::to_string(nCount), "--pause-us", std::to_string(nPauseUs), "--blocks",
+                                         std::to_string(nBlocks), "--seed", std::to_string(nSeed)};
+        if (bHeadReady) vCmd.push_back("--head-ready");
+        std::string strOut;
+        EXPECT_EQ(0, m_box.Run(vCmd, 120000, &strOut)) << strOut << m_box.ReadDaemonTrace();
+        long long nLast = NumberAfter(strOut, "last timestamp ");
+        EXPECT_GT(nLast, 0) << strOut;
+        EXPECT_TRUE(WaitUntil([&] { return CommittedOnDisk(Path("System.dbf")) >= nLast; }, 30000, 50))
+            << "committed " << CommittedOnDisk(Path("System.dbf")) << " of " << nLast << "\n" << m_box.ReadDaemonTrace();
+        return nLast;
+    }
     // The daemon still runs its storage thread: a pass asked through
     // m_bStorageCMD is answered.
     void ExpectServing(bool bHeadReady = false)
