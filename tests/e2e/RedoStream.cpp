@@ -45,14 +45,6 @@ std::string JoinedLogs(DaemonSandbox& box, const std::string& strDes, int nGroup
     return strAll;
 }
 
-std::string FirstDifference(const std::string& a, const std::string& b)
-{
-    size_t n = 0;
-    while (n < a.size() && n < b.size() && a[n] == b[n]) n++;
-    return "logs " + std::to_string(a.size()) + " bytes, stream " + std::to_string(b.size()) + " bytes, first difference at " +
-           std::to_string(n);
-}
-
 class RedoStream : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(m_box.Ok()); }
@@ -91,7 +83,8 @@ protected:
         std::string strError;
         std::string strLogs = JoinedLogs(m_box, Des("Arch"), 3, &strError);
         EXPECT_EQ("", strError);
-        EXPECT_TRUE(strLogs == strExpected) << FirstDifference(strLogs, strExpected) << m_box.ReadDaemonTrace();
+        EXPECT_EQ(-1, FirstDiffAt(strLogs, strExpected)) << "logs " << strLogs.size() << " bytes, stream "
+                                                         << strExpected.size() << "\n" << m_box.ReadDaemonTrace();
     }
 
     std::string Des(const std::string& strName) { return m_box.Root() + "/" + strName + "/"; }
