@@ -24,18 +24,13 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(m_box.Ok());
+        ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), {"--data-file", "4", "--table-file", "4"}));
+        WriteDbIni(m_box, m_box.DataDir(), "", CACHE_MIB);
+        Start();
     }
     void TearDown() override
     {
-        if (m_pid > 0) {
-            m_box.Signal(m_pid, SIGTERM);
-            m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS);
-        }
-    }
-    void MakeDatabase()
-    {
-        ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), {"--data-file", "4", "--table-file", "4"}));
-        WriteDbIni(m_box, m_box.DataDir(), "", CACHE_MIB);
+        if (m_pid > 0) StopDaemon(m_box, m_pid);
     }
     void Start()
     {
@@ -211,8 +206,6 @@ protected:
 
 TEST_F(FileCommandsE2E, CacheModeFilesAreAddedGrownMovedAndDroppedAcrossRestarts)
 {
-    MakeDatabase();
-    Start();
     ASSERT_EQ(0, File({"add", "--no", "7", "--type", "10", "--path", Path("Table7.dbf"), "--size-mib", "4"}));
     ASSERT_EQ(0, File({"add", "--no", "8", "--type", "11", "--path", Path("Index8.dbf"), "--size-mib", "4"}));
     Restart("add");
@@ -248,8 +241,6 @@ TEST_F(FileCommandsE2E, CacheModeFilesAreAddedGrownMovedAndDroppedAcrossRestarts
 // same row) loads a list that agrees with the files.
 TEST_F(FileCommandsE2E, ADaemonKilledDuringAMoveOrADropStartsAgain)
 {
-    MakeDatabase();
-    Start();
     ASSERT_EQ(0, File({"add", "--no", "9", "--type", "2", "--path", Path("Large9.dbf"), "--size-mib", "192"}));
     ASSERT_EQ(0, File({"add", "--no", "10", "--type", "10", "--path", Path("Table10.dbf"), "--size-mib", "64"}));
     Restart("adds");
