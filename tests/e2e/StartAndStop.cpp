@@ -23,9 +23,7 @@ void MakeSmallDb(DaemonSandbox& box)
 // Starts the daemon nStarts times, each to its end; the trace of all.
 std::string RefusedStarts(DaemonSandbox& box, int nStarts)
 {
-    for (int i = 0; i < nStarts; i++) {
-        EXPECT_EQ(0, box.RunDaemon()) << "start " << i;
-    }
+    for (int i = 0; i < nStarts; i++) EXPECT_EQ(0, box.RunDaemon()) << "start " << i;
     std::string strTrace = box.ReadDaemonTrace();
     EXPECT_EQ(std::string::npos, strTrace.find("Talvor storage service started!")) << strTrace;
     return strTrace;
