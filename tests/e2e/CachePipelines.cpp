@@ -208,7 +208,7 @@ TEST(CachePipelines, ATornEntryWritesNothingAndAnOvertakenOneWritesTheNewerBlock
         EXPECT_TRUE(DiskBlock(strFile, 1) == VersionOnDisk(f.second.nFile, bIndex, 1, f.second.llTs)) << strName;
         // Nothing else of the file moved.
         std::string strWant = mapBefore[strName];
-        long long llAt = DiskBlockOffset(strFile, 1);
+        long long llAt = talvorpeer::PeerCacheDiskBlockOffset(strFile, 1);
         ASSERT_GT(llAt, 0) << strName;
         strWant.replace((size_t)llAt, (size_t)talvorpeer::PEERCACHE_BLOCK_SIZE, DiskBlock(strFile, 1));
         EXPECT_EQ(-1, FirstDiffAt(strWant, strFile)) << strName << " block 1 at " << llAt;

@@ -145,17 +145,10 @@ inline std::string FileOf(DaemonSandbox& box, int nFileNo, bool bIndex)
     return box.DataDir() + (bIndex ? "Index" : "Table") + std::to_string(nFileNo) + ".dbf";
 }
 
-// The file offset of a block as the map on disk places it; -1 when the map
-// does not name it or places it outside the file.
-inline long long DiskBlockOffset(const std::string& strFile, UINT nBlockNo)
-{
-    return talvorpeer::PeerCacheDiskBlockOffset(strFile, nBlockNo);
-}
-
 // A block on disk where the map on disk places it: empty when it does not.
 inline std::string DiskBlock(const std::string& strFile, UINT nBlockNo)
 {
-    long long llAt = DiskBlockOffset(strFile, nBlockNo);
+    long long llAt = talvorpeer::PeerCacheDiskBlockOffset(strFile, nBlockNo);
     if (llAt < 0) return std::string();
     return strFile.substr((size_t)llAt, (size_t)talvorpeer::PEERCACHE_BLOCK_SIZE);
 }

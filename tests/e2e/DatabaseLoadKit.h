@@ -130,18 +130,15 @@ inline std::string DumpImage(DaemonSandbox& box, int nFileNo)
 }
 
 // Data in a memory-mode file from its used end to nUsedTo, the free offset
-// moved there, and from nJunkFrom on (when above 0) bytes a load must never
-// read. The bytes depend on the offset and are never 0, so a shifted or
-// missing piece shows.
-inline void FillDataFile(const std::string& strPath, long long nUsedTo, long long nJunkFrom = 0)
+// moved there. The bytes depend on the offset and are never 0, so a shifted
+// or missing piece shows.
+inline void FillDataFile(const std::string& strPath, long long nUsedTo)
 {
     std::string strFile = ReadWholeFile(strPath);
-    ASSERT_GT((long long)strFile.size(), std::max(nUsedTo, nJunkFrom));
+    ASSERT_GT((long long)strFile.size(), nUsedTo);
     LPBASEFILEHEAD lpHead = (LPBASEFILEHEAD)&strFile[0];
     for (long long i = lpHead->m_nFileFreeMemoryOffset; i < nUsedTo; i++)
         strFile[(size_t)i] = (char)((((i * 131) >> 9) + (i >> 17) + 3) | 1);
-    for (long long i = nJunkFrom > 0 ? nJunkFrom : (long long)strFile.size(); i < (long long)strFile.size(); i++)
-        strFile[(size_t)i] = (char)0xA5;
     lpHead->m_nFileFreeMemoryOffset = nUsedTo;
     ASSERT_TRUE(WriteWholeFile(strPath, strFile));
 }
