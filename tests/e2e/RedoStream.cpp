@@ -1,6 +1,7 @@
 // End-to-end: the redo log of a running daemon, fed by the engine stand-in.
 // What the stand-in committed must come out of the archive (and the online
-// groups) byte for byte, across seals, wraps, restarts and a hard kill.
+// groups) byte for byte, across seals, wraps, a writer's crash and hard
+// kills. (A clean stop and the next start are RedoLogStop's at unit level.)
 #include "DatabaseLoadKit.h"
 
 #include <csignal>
@@ -191,36 +192,6 @@ TEST_F(RedoStream, FirstStartMakesEveryGroupAndAForeignOneIsResetAndTraced)
     EXPECT_EQ(REDOGROUP_EMPTY, +stNew.m_bState);
     for (const char* lpOther : {"Redo0.log", "Redo2.log", "Redo3.log"})
         EXPECT_EQ(std::string::npos, strTrace.find(lpOther)) << lpOther;
-}
-
-TEST_F(RedoStream, RestartAfterCleanStopGoesOnInTheNextGroup)
-{
-    MakeAndConfigure(3, Des("Arch"));
-    Start();
-    Commit({"--records", "40", "--seed", "3", "--max-size", "8000"}, m_box.Root() + "/s1.bin");
-    Stop();
-    MF_REDOLOGFILEHEAD stFirst = RedoHeadOf(ReadWholeFile(m_box.DataDir() + "Redo/Redo0.log"));
-    EXPECT_EQ(1u, +stFirst.m_nSequenceNO);
-    EXPECT_EQ(REDOGROUP_ARCHIVED, +stFirst.m_bState);
-    Start();
-    Commit({"--records", "40", "--seed", "4", "--max-size", "8000"}, m_box.Root() + "/s2.bin");
-    Stop();
-    MF_REDOLOGFILEHEAD stSecond = RedoHeadOf(ReadWholeFile(m_box.DataDir() + "Redo/Redo1.log"));
-    EXPECT_EQ(2u, +stSecond.m_nSequenceNO);
-    // A run that goes round the groups more than once, then one more start:
-    // the next log follows the newest one, wherever it stands.
-    Start();
-    for (int i = 0; i < 4; i++)
-        Commit({"--records", "300", "--seed", std::to_string(30 + i), "--max-size", "60000"},
-               m_box.Root() + "/s3" + std::to_string(i) + ".bin");
-    Stop();
-    Start();
-    Commit({"--records", "40", "--seed", "5", "--max-size", "8000"}, m_box.Root() + "/s4.bin");
-    Stop();
-    std::string strExpected;
-    for (const char* lpName : {"/s1.bin", "/s2.bin", "/s30.bin", "/s31.bin", "/s32.bin", "/s33.bin", "/s4.bin"})
-        strExpected += ReadWholeFile(m_box.Root() + lpName);
-    ExpectLogsAre(strExpected);
 }
 
 TEST_F(RedoStream, WriterCrashIsContainedAndNoDrainedRecordIsLost)
