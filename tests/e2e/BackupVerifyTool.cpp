@@ -1,12 +1,7 @@
 // End-to-end: the operator's check of a backup that a running daemon took
-// while the stand-in kept committing. talvor-backup verify calls it whole
-// (exit 0) and names every database file a restore would write; the same
-// backup cut by one byte, with its head area back to the place-holder, or
-// with a copied head that is not its file's, exits 1 with the finding; the
-// tool leaves every file it looked at as it was.
+// while the stand-in kept committing: whole (exit 0) with every file a
+// restore would write named; cut, exit 1; the tool changes no file it reads.
 #include "ClusterKit.h"
-
-#include "MemDBBackupDef.h"
 
 using namespace talvortest;
 
@@ -14,8 +9,6 @@ namespace {
 
 class BackupVerifyTool : public RunningDaemon {
 protected:
-    // The tool's exit status on strPath, its output in *pstrOut; the file
-    // must be the same before and after.
     int Verify(const std::string& strPath, std::string* pstrOut)
     {
         std::string strBefore = ReadWholeFile(strPath);
@@ -27,9 +20,8 @@ protected:
 
 } // namespace
 
-TEST_F(BackupVerifyTool, DaemonsBackupIsWholeAndEachDamageIsRefused)
+TEST_F(BackupVerifyTool, DaemonsBackupIsWholeAndACutOneIsRefused)
 {
-    ASSERT_EQ(0, access(BackupToolPath().c_str(), X_OK)) << "build talvor-backup first";
     Start({"--data-file", "8", "--btree-file", "4", "--kv-file", "4"},
           "persistenceintervals=300\r\narchivetype=1\r\narchivedespath=" + m_box.Root() + "/Arch/\r\n");
     pid_t peer = m_box.Spawn({PeerPath(), "data", "--journal", m_box.Root() + "/journal", "--live", "--count", "400",
@@ -54,28 +46,12 @@ TEST_F(BackupVerifyTool, DaemonsBackupIsWholeAndEachDamageIsRefused)
     for (const std::string& strName : CLUSTER_DB_FILES)
         EXPECT_NE(std::string::npos, strOut.find(Path(strName) + ": size ")) << strName << "\n" << strOut;
 
-    const std::string strWhole = ReadWholeFile(st.m_strPath);
-    ASSERT_GT(strWhole.size(), (size_t)BACKUP_HEAD_ALIGN);
-    const BACKUPFILEHEAD* lpHead = (const BACKUPFILEHEAD*)strWhole.data();
+    // Each kind of damage is the verifier's at unit level; here the exit
+    // status of a refusal, on a copy of the daemon's backup.
     const std::string strDamaged = m_box.Root() + "/damaged.fbk";
-    struct Damage {
-        const char* m_lpName;
-        std::string m_strBytes;
-        const char* m_lpFinding;
-    };
-    std::string strPlaceholder = strWhole;
-    memset(&strPlaceholder[BACKUP_FIXED_HEAD_SIZE], 0, sizeof(STRUCT_BACKUP_FILEINFO) * (size_t)lpHead->m_nFileNum);
-    std::string strWrongMark = strWhole;
-    strWrongMark[(size_t)lpHead->m_stBackupFileInfo[1].m_nDataStartOffset] ^= 0x01;
-    const Damage arDamage[] = {
-        {"cut by one byte", strWhole.substr(0, strWhole.size() - 1), "refused (truncated)"},
-        {"place-holder head", strPlaceholder, "refused (unfinished)"},
-        {"wrong mark", strWrongMark, "refused (bad mark)"},
-    };
-    for (const Damage& d : arDamage) {
-        ASSERT_TRUE(WriteWholeFile(strDamaged, d.m_strBytes));
-        EXPECT_EQ(1, Verify(strDamaged, &strOut)) << d.m_lpName << "\n" << strOut;
-        EXPECT_NE(std::string::npos, strOut.find(d.m_lpFinding)) << d.m_lpName << "\n" << strOut;
-    }
+    const std::string strWhole = ReadWholeFile(st.m_strPath);
+    ASSERT_TRUE(WriteWholeFile(strDamaged, strWhole.substr(0, strWhole.size() - 1)));
+    EXPECT_EQ(1, Verify(strDamaged, &strOut)) << strOut;
+    EXPECT_NE(std::string::npos, strOut.find("refused (truncated)")) << strOut;
     EXPECT_EQ(2, m_box.Run({BackupToolPath(), "verify"}, 60000, &strOut));
 }

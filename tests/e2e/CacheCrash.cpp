@@ -82,7 +82,6 @@ void ExpectDiskConsistent(DaemonSandbox& box, const Posted& posted, int nFileNo,
 // left them.
 void KillWhileFlushing(int nCacheMiB)
 {
-    ASSERT_TRUE(MkdbBuilt() && PeerBuilt()) << "build talvor-mkdb and talvor-peer first";
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
     pid_t pid = StartCacheDb(box, {"--table-file", "--index-file"}, nCacheMiB);
@@ -143,7 +142,6 @@ namespace {
 
 void LoseTheEngineBeforeTheStop(int nCacheMiB)
 {
-    ASSERT_TRUE(MkdbBuilt() && PeerBuilt()) << "build talvor-mkdb and talvor-peer first";
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
     pid_t pid = StartCacheDb(box, {"--table-file", "--index-file"}, nCacheMiB);

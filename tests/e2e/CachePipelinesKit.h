@@ -42,7 +42,6 @@ struct PeerLoadLine {
     int nFile = 0;
     UINT nBlock = 0;
     int nResult = -1;
-    bool bUntouched = false;
 };
 struct PeerRun {
     int nExit = -99;
@@ -104,7 +103,6 @@ inline PeerRun ParsePeer(const std::string& strOut, int nExit)
             x.nFile = (int)NumberAfter(strFields, "file ");
             x.nBlock = (UINT)NumberAfter(strFields, " block ");
             x.nResult = ResultOf(l);
-            x.bUntouched = l.find("untouched 1") != std::string::npos;
             run.vLoads.push_back(x);
         }
         if (l == "done") run.bDone = true;
@@ -142,31 +140,15 @@ inline pid_t StartCacheDb(DaemonSandbox& box, const std::vector<std::string>& vF
     return pid;
 }
 
-// Offset of the first byte where two files differ, or -1.
-inline long long FirstDiffAt(const std::string& a, const std::string& b)
-{
-    size_t n = a.size() < b.size() ? a.size() : b.size();
-    for (size_t i = 0; i < n; i++)
-        if (a[i] != b[i]) return (long long)i;
-    return a.size() == b.size() ? -1 : (long long)n;
-}
-
 inline std::string FileOf(DaemonSandbox& box, int nFileNo, bool bIndex)
 {
     return box.DataDir() + (bIndex ? "Index" : "Table") + std::to_string(nFileNo) + ".dbf";
 }
 
-// The file offset of a block as the map on disk places it; -1 when the map
-// does not name it or places it outside the file.
-inline long long DiskBlockOffset(const std::string& strFile, UINT nBlockNo)
-{
-    return talvorpeer::PeerCacheDiskBlockOffset(strFile, nBlockNo);
-}
-
 // A block on disk where the map on disk places it: empty when it does not.
 inline std::string DiskBlock(const std::string& strFile, UINT nBlockNo)
 {
-    long long llAt = DiskBlockOffset(strFile, nBlockNo);
+    long long llAt = talvorpeer::PeerCacheDiskBlockOffset(strFile, nBlockNo);
     if (llAt < 0) return std::string();
     return strFile.substr((size_t)llAt, (size_t)talvorpeer::PEERCACHE_BLOCK_SIZE);
 }
@@ -213,12 +195,6 @@ inline pid_t RestartDaemon(DaemonSandbox& box, std::string* pTrace)
     std::string strAll = box.ReadDaemonTrace();
     if (pTrace != nullptr) *pTrace = strAll.size() > nBefore ? strAll.substr(nBefore) : std::string();
     return pid;
-}
-
-inline bool StopDaemon(DaemonSandbox& box, pid_t pid)
-{
-    box.Signal(pid, SIGTERM);
-    return box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS) == 0;
 }
 
 } // namespace talvortest

@@ -21,25 +21,10 @@ class ClusterCommands : public RunningDaemon {
 protected:
     void SetUp() override { Start(SMALL_DB, "persistenceintervals=1\r\n"); }
 
-    // Commits 60 changes through the stand-in and waits until a pass has
-    // committed the last on disk; the journal then verifies.
+    // 60 changes committed on disk, and the journal verifies against it.
     void ExpectCommitsReachDisk(bool bHeadReady, const std::string& strJournal)
     {
-        std::vector<std::string> vCmd = {PeerPath(), "data", "--journal", strJournal, "--live", "--count", "60",
-                                         "--pause-us", "2000", "--blocks", "4", "--seed", "11"};
-        if (bHeadReady) vCmd.push_back("--head-ready");
-        std::string strOut;
-        ASSERT_EQ(0, m_box.Run(vCmd, 120000, &strOut)) << strOut << m_box.ReadDaemonTrace();
-        long long nLast = NumberAfter(strOut, "last timestamp ");
-        ASSERT_GT(nLast, 0) << strOut;
-        EXPECT_TRUE(WaitUntil([&] { return CommittedOnDisk(Path("System.dbf")) >= nLast; }, 30000, 50))
-            << "committed " << CommittedOnDisk(Path("System.dbf")) << " of " << nLast << "\n" << m_box.ReadDaemonTrace();
-        std::string strVerify;
-        EXPECT_EQ(0, m_box.Run({PeerPath(), "verify", "--journal", strJournal, "--system", Path("System.dbf"),
-                                "--at-least", std::to_string(nLast)},
-                               60000, &strVerify))
-            << strVerify;
-        EXPECT_NE(std::string::npos, strVerify.find("violations: 0")) << strVerify;
+        VerifyJournal(m_box, strJournal, Path("System.dbf"), CommitToDisk(strJournal, 60, 11, 4, 2000, bHeadReady));
     }
 };
 
@@ -206,11 +191,7 @@ TEST_F(ClusterRestore, AChainOfThreeBackupsIsWholeOfflineAndTheOperatorsRestoreB
     }
     // Back at the full backup, every row holds exactly the change of its
     // point in time: nothing committed after it came back with it.
-    EXPECT_EQ(0, m_box.Run({PeerPath(), "verify", "--journal", m_box.Root() + "/journal1", "--system",
-                            Path("System.dbf"), "--at-least", std::to_string(stFull.m_nTs), "--exact"},
-                           60000, &strOut))
-        << strOut;
-    EXPECT_NE(std::string::npos, strOut.find("violations: 0")) << strOut;
+    VerifyJournal(m_box, m_box.Root() + "/journal1", Path("System.dbf"), stFull.m_nTs, true);
 
     // Level 1 of another database: whole on its own, refused as a link; the
     // database stays at the full backup's point.
@@ -248,8 +229,7 @@ TEST_F(ClusterRestore, AStartOnAnUnfinishedRestoreServesTheRestoreRunAgain)
     ASSERT_EQ(0, stFull.m_nResult) << stFull.m_strText << m_box.ReadDaemonTrace();
     std::map<std::string, std::string> mapFull = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
     ExpectCommitsReachDisk(true, m_box.Root() + "/journal2");
-    m_box.Signal(m_pid, SIGTERM);
-    ASSERT_EQ(0, m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS)) << m_box.ReadDaemonTrace();
+    ASSERT_TRUE(StopDaemon(m_box, m_pid)) << m_box.ReadDaemonTrace();
 
     // What the cut restore left: its mark, and a file half written.
     TALVORRESTOREMARK stMark;

@@ -171,8 +171,6 @@ class RunningDaemon : public ::testing::Test {
 protected:
     void Start(const std::vector<std::string>& vMkdb, const std::string& strIni)
     {
-        ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
-        ASSERT_TRUE(PeerBuilt()) << "build talvor-peer first";
         ASSERT_TRUE(m_box.Ok());
         ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), vMkdb));
         WriteDbIni(m_box, m_box.DataDir(), strIni);
@@ -182,11 +180,27 @@ protected:
     void TearDown() override
     {
         if (m_pid <= 0 || !m_box.IsRunning(m_pid)) return;
-        m_box.Signal(m_pid, SIGTERM);
-        EXPECT_EQ(0, m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS)) << m_box.ReadDaemonTrace();
+        EXPECT_TRUE(StopDaemon(m_box, m_pid)) << m_box.ReadDaemonTrace();
     }
     std::string Path(const std::string& strName) const { return m_box.DataDir() + strName; }
 
+    // The stand-in commits nCount changes over nBlocks blocks, nPauseUs
+    // apart; waits until a pass has committed the last on disk. Its stamp.
+    long long CommitToDisk(const std::string& strJournal, int nCount, int nSeed, int nBlocks, int nPauseUs,
+                           bool bHeadReady = false)
+    {
+        std::vector<std::string> vCmd = {PeerPath(), "data", "--journal", strJournal, "--live", "--count",
+                                         std::to_string(nCount), "--pause-us", std::to_string(nPauseUs), "--blocks",
+                                         std::to_string(nBlocks), "--seed", std::to_string(nSeed)};
+        if (bHeadReady) vCmd.push_back("--head-ready");
+        std::string strOut;
+        EXPECT_EQ(0, m_box.Run(vCmd, 120000, &strOut)) << strOut << m_box.ReadDaemonTrace();
+        long long nLast = NumberAfter(strOut, "last timestamp ");
+        EXPECT_GT(nLast, 0) << strOut;
+        EXPECT_TRUE(WaitUntil([&] { return CommittedOnDisk(Path("System.dbf")) >= nLast; }, 30000, 50))
+            << "committed " << CommittedOnDisk(Path("System.dbf")) << " of " << nLast << "\n" << m_box.ReadDaemonTrace();
+        return nLast;
+    }
     // The daemon still runs its storage thread: a pass asked through
     // m_bStorageCMD is answered.
     void ExpectServing(bool bHeadReady = false)

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <map>
 #include <sstream>
@@ -30,8 +31,6 @@ const long long E2E_MIB = 1048576;
 inline std::string MkdbPath() { return std::string(TALVOR_BIN_DIR) + "/talvor-mkdb"; }
 inline std::string PeerPath() { return std::string(TALVOR_BIN_DIR) + "/talvor-peer"; }
 
-inline bool MkdbBuilt() { return access(MkdbPath().c_str(), X_OK) == 0; }
-inline bool PeerBuilt() { return access(PeerPath().c_str(), X_OK) == 0; }
 
 // The number that follows strKey in a program's output, or -1.
 inline long long NumberAfter(const std::string& strOut, const std::string& strKey)
@@ -131,18 +130,15 @@ inline std::string DumpImage(DaemonSandbox& box, int nFileNo)
 }
 
 // Data in a memory-mode file from its used end to nUsedTo, the free offset
-// moved there, and from nJunkFrom on (when above 0) bytes a load must never
-// read. The bytes depend on the offset and are never 0, so a shifted or
-// missing piece shows.
-inline void FillDataFile(const std::string& strPath, long long nUsedTo, long long nJunkFrom = 0)
+// moved there. The bytes depend on the offset and are never 0, so a shifted
+// or missing piece shows.
+inline void FillDataFile(const std::string& strPath, long long nUsedTo)
 {
     std::string strFile = ReadWholeFile(strPath);
-    ASSERT_GT((long long)strFile.size(), std::max(nUsedTo, nJunkFrom));
+    ASSERT_GT((long long)strFile.size(), nUsedTo);
     LPBASEFILEHEAD lpHead = (LPBASEFILEHEAD)&strFile[0];
     for (long long i = lpHead->m_nFileFreeMemoryOffset; i < nUsedTo; i++)
         strFile[(size_t)i] = (char)((((i * 131) >> 9) + (i >> 17) + 3) | 1);
-    for (long long i = nJunkFrom > 0 ? nJunkFrom : (long long)strFile.size(); i < (long long)strFile.size(); i++)
-        strFile[(size_t)i] = (char)0xA5;
     lpHead->m_nFileFreeMemoryOffset = nUsedTo;
     ASSERT_TRUE(WriteWholeFile(strPath, strFile));
 }
@@ -174,6 +170,36 @@ inline std::map<std::string, std::string> Snapshot(const std::string& strDir, co
     std::map<std::string, std::string> mapFiles;
     for (const std::string& strName : vNames) mapFiles[strName] = ReadWholeFile(strDir + strName);
     return mapFiles;
+}
+
+// Offset of the first byte where two files differ, or -1.
+inline long long FirstDiffAt(const std::string& a, const std::string& b)
+{
+    size_t n = a.size() < b.size() ? a.size() : b.size();
+    for (size_t i = 0; i < n; i++)
+        if (a[i] != b[i]) return (long long)i;
+    return a.size() == b.size() ? -1 : (long long)n;
+}
+
+// SIGTERM, and true once the process ended with status 0.
+inline bool StopDaemon(DaemonSandbox& box, pid_t pid)
+{
+    box.Signal(pid, SIGTERM);
+    return box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS) == 0;
+}
+
+// talvor-peer verify (exit 0: no violation): the files of the system file
+// strSystem hold what the data job's journal committed, up to at least
+// nAtLeast, exactly with bExact. Its output.
+inline std::string VerifyJournal(DaemonSandbox& box, const std::string& strJournal, const std::string& strSystem,
+                                 long long nAtLeast = 0, bool bExact = false)
+{
+    std::vector<std::string> vCmd = {PeerPath(), "verify", "--journal", strJournal, "--system", strSystem,
+                                     "--at-least", std::to_string(nAtLeast)};
+    if (bExact) vCmd.push_back("--exact");
+    std::string strOut;
+    EXPECT_EQ(0, box.Run(vCmd, 60000, &strOut)) << strOut;
+    return strOut;
 }
 
 // The joined text of the daemon's trace files in strDir, in name order.

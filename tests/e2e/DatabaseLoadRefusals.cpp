@@ -60,7 +60,6 @@ std::string InDir(std::string strLine, const std::string& strDir)
 
 TEST(DatabaseLoadRefusals, EachDamageIsRefusedByTheLineThatNamesIt)
 {
-    ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
     const Damage arDamages[] = {
         {"wrong system file mark", "System.dbf", [](std::string& s) { ((LPSYSTEMFILEHEAD)&s[0])->m_nDataFlag = 0x12345678; },
          {"40001012 Initialize Header data for system file is incorrect, check code: 305419896[1179864657]"},

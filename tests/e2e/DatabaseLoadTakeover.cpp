@@ -12,7 +12,6 @@ using namespace talvortest;
 
 TEST(DatabaseLoadTakeover, SegmentsOfAKilledDaemonAreKeptAndTheFilesNotRead)
 {
-    ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
     ASSERT_EQ(0, MakeDb(box, box.DataDir(), {"--data-file", "4", "--kv-file", "2"}));
@@ -40,13 +39,11 @@ TEST(DatabaseLoadTakeover, SegmentsOfAKilledDaemonAreKeptAndTheFilesNotRead)
     Inspection st = Inspect(box, box.DataDir());
     EXPECT_EQ(4 * E2E_MIB, st.m_mapFiles[2].m_nLoadSize) << st.m_strText;
     EXPECT_EQ(2, st.m_nStatus);
-    box.Signal(pid, SIGTERM);
-    EXPECT_EQ(0, box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS));
+    EXPECT_TRUE(StopDaemon(box, pid));
 }
 
 TEST(DatabaseLoadTakeover, MovedDatabaseIsCorrectedOnItsFirstStart)
 {
-    ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
     std::string strOld = box.Root() + "/Old/";
@@ -96,12 +93,10 @@ TEST(DatabaseLoadTakeover, MovedDatabaseIsCorrectedOnItsFirstStart)
     Inspection st = Inspect(box, box.DataDir());
     for (int n = 2; n <= 4; n++) EXPECT_TRUE(st.m_mapFiles[n].m_bImage) << st.m_strText;
     EXPECT_EQ(strOther + "KV4.dbf", st.m_mapFiles[4].m_strPath);
-    box.Signal(pid, SIGTERM);
-    EXPECT_EQ(0, box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS));
+    EXPECT_TRUE(StopDaemon(box, pid));
 
     // The usual start finds the same database where the ini now points.
     pid = box.StartServing();
     ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
-    box.Signal(pid, SIGTERM);
-    EXPECT_EQ(0, box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS));
+    EXPECT_TRUE(StopDaemon(box, pid));
 }

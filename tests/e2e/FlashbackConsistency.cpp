@@ -24,7 +24,6 @@ const int RUN_SECONDS = 15;
 
 TEST(FlashbackConsistency, EveryCommitOnDiskIsTheImageAsOfItsTimestamp)
 {
-    ASSERT_TRUE(MkdbBuilt());
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
     ASSERT_EQ(0, MakeDb(box, box.DataDir(), {"--data-file", "8", "--data-file", "8", "--btree-file", "4", "--kv-file", "4"}));
@@ -60,13 +59,8 @@ TEST(FlashbackConsistency, EveryCommitOnDiskIsTheImageAsOfItsTimestamp)
     ASSERT_GT(nLast, 0) << strOut;
 
     // The stop's last pass leaves every row at its newest value.
-    box.Signal(pid, SIGTERM);
-    EXPECT_EQ(0, box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS));
-    std::string strVerify;
-    EXPECT_EQ(0, box.Run({PeerPath(), "verify", "--journal", strJournal, "--system", strSystem, "--exact",
-                          "--at-least", std::to_string(nLast)},
-                         60000, &strVerify))
-        << strVerify;
+    EXPECT_TRUE(StopDaemon(box, pid));
+    std::string strVerify = VerifyJournal(box, strJournal, strSystem, nLast, true);
     EXPECT_NE(std::string::npos, strVerify.find("exact: rows checked")) << strVerify;
     EXPECT_EQ(0, NumberAfter(strVerify, "behind the newest ")) << strVerify;
     // The file list on disk carries no request and the sizes the maker gave.

@@ -45,8 +45,6 @@ class InspectTool : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(MkdbBuilt());
-        ASSERT_EQ(0, access(InspectPath().c_str(), X_OK)) << "build talvor-inspect first";
         ASSERT_TRUE(m_box.Ok());
         ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(),
                             {"--data-file", "4", "--btree-file", "2", "--table-file", "4", "--index-file", "4"}));
@@ -271,7 +269,6 @@ TEST_F(InspectTool, WithoutCheckTheHeadsAreReadAndAMissingFileIsSaid)
 // into them and the daemon stopped: sound, and the head says how far.
 TEST_F(InspectTool, ReadsWhatARealDaemonWrote)
 {
-    ASSERT_TRUE(PeerBuilt());
     std::string strArchive = m_box.Root() + "/arch/";
     WriteDbIni(m_box, m_box.DataDir(), "persistenceintervals=1\r\narchivedespath=" + strArchive + "\r\n");
     pid_t pid = m_box.StartServing();
@@ -282,8 +279,7 @@ TEST_F(InspectTool, ReadsWhatARealDaemonWrote)
                            120000, &strOut))
         << strOut;
     ASSERT_EQ(0, m_box.Run({PeerPath(), "backup", "--full", "--wait"}, 120000, &strOut)) << strOut;
-    m_box.Signal(pid, SIGTERM);
-    ASSERT_EQ(0, m_box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS));
+    ASSERT_TRUE(StopDaemon(m_box, pid));
 
     EXPECT_EQ(0, Check(&strOut)) << strOut;
     // The groups the daemon made are read, each a redo head of this database.

@@ -46,8 +46,7 @@ protected:
         StopNode();
         RunningDaemon::TearDown();
         if (m_nSecond > 0 && m_node.IsRunning(m_nSecond)) {
-            m_node.Signal(m_nSecond, SIGTERM);
-            EXPECT_EQ(0, m_node.WaitExit(m_nSecond, DAEMON_STOP_TIMEOUT_MS)) << m_node.ReadDaemonTrace();
+            EXPECT_TRUE(StopDaemon(m_node, m_nSecond)) << m_node.ReadDaemonTrace();
         }
     }
     void StartPrimary(const std::string& strIni = "persistenceintervals=1\r\n", std::vector<std::string> vMkdb = JOIN_DB)
@@ -84,19 +83,6 @@ protected:
         return Cluster(m_box, strCode, vArgs, NODE_WAIT_MS + 30000);
     }
     std::string Copy(const std::string& strName) const { return m_node.DataDir() + strName; }
-    // Commits nCount changes through the stand-in and waits until they are
-    // on disk; the last timestamp.
-    long long Commit(const std::string& strJournal, int nCount, int nSeed, int nBlocks = 24)
-    {
-        std::string strOut;
-        EXPECT_EQ(0, m_box.Run({PeerPath(), "data", "--journal", strJournal, "--live", "--count", std::to_string(nCount),
-                                "--pause-us", "0", "--blocks", std::to_string(nBlocks), "--seed", std::to_string(nSeed)},
-                               120000, &strOut))
-            << strOut;
-        long long nLast = NumberAfter(strOut, "last timestamp ");
-        EXPECT_TRUE(WaitUntil([&] { return CommittedOnDisk(Path("System.dbf")) >= nLast; }, 30000, 50));
-        return nLast;
-    }
     void ExpectCopiesEqualPrimary(const std::vector<std::string>& vNames = CLUSTER_DB_FILES)
     {
         for (const std::string& strName : vNames) {
@@ -108,10 +94,7 @@ protected:
                 strCopy = WithoutPaths(strCopy);
             }
             ASSERT_FALSE(strPrimary.empty());
-            ASSERT_EQ(strPrimary.size(), strCopy.size());
-            size_t nDiff = 0;
-            while (nDiff < strPrimary.size() && strPrimary[nDiff] == strCopy[nDiff]) nDiff++;
-            EXPECT_EQ(strPrimary.size(), nDiff) << "first difference at " << nDiff;
+            EXPECT_EQ(-1, FirstDiffAt(strPrimary, strCopy)) << strPrimary.size() << " bytes, the copy " << strCopy.size();
         }
     }
     // A second daemon on the copy, in the second sandbox: it comes up, the
@@ -139,15 +122,6 @@ protected:
             EXPECT_EQ(0u, kv.second.m_strPath.rfind(Copy(""), 0)) << "a file of the copy names another directory";
         }
     }
-    void ExpectVerified(const std::string& strJournal, long long nAtLeast)
-    {
-        std::string strVerify;
-        EXPECT_EQ(0, m_node.Run({PeerPath(), "verify", "--journal", strJournal, "--system", Copy("System.dbf"),
-                                 "--at-least", std::to_string(nAtLeast)},
-                                60000, &strVerify))
-            << strVerify;
-        EXPECT_NE(std::string::npos, strVerify.find("violations: 0")) << strVerify;
-    }
 
     DaemonSandbox m_node;
     pid_t m_nNode = -1, m_nSecond = -1;
@@ -161,7 +135,7 @@ TEST_F(NodeJoin, ASlaveJoinCopiesEveryFileByteForByteAndASecondDaemonComesUpOnIt
 {
     StartPrimary();
     std::string strJournal = m_box.Root() + "/journal";
-    long long nLast = Commit(strJournal, 300, 21, GROWN_BLOCKS);
+    long long nLast = CommitToDisk(strJournal, 300, 21, GROWN_BLOCKS, 0);
     StartNode({"--exit-after-join"});
     ClusterLine st = Join("11");
     ASSERT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
@@ -188,7 +162,7 @@ TEST_F(NodeJoin, ASlaveJoinCopiesEveryFileByteForByteAndASecondDaemonComesUpOnIt
     EXPECT_GT(NumberAfter(Inspect(m_box, m_box.DataDir()).m_strText, "file=2 type=2 image=yes size=16777216 imagesize=16777216 free="),
               (long long)JOIN_BUFFER_SIZE);
     StartSecondDaemonOnCopy();
-    ExpectVerified(strJournal, nLast);
+    VerifyJournal(m_node, strJournal, Copy("System.dbf"), nLast);
     ExpectServing(true);
 }
 
@@ -196,7 +170,7 @@ TEST_F(NodeJoin, AJoinWhileTheStandInCommitsHoldsAWholeCommit)
 {
     StartPrimary();
     std::string strJournal = m_box.Root() + "/journal";
-    Commit(strJournal, 100, 22);
+    CommitToDisk(strJournal, 100, 22, 24, 0);
     pid_t nData = m_box.Spawn({PeerPath(), "data", "--journal", strJournal, "--live", "--count", "100000", "--seconds",
                                "8", "--pause-us", "500", "--blocks", "24", "--seed", "23"},
                               "data");
@@ -213,7 +187,7 @@ TEST_F(NodeJoin, AJoinWhileTheStandInCommitsHoldsAWholeCommit)
     long long nCopied = CommittedOnDisk(Copy("System.dbf"));
     EXPECT_GE(nCopied, nBefore);
     StartSecondDaemonOnCopy();
-    ExpectVerified(strJournal, nCopied);
+    VerifyJournal(m_node, strJournal, Copy("System.dbf"), nCopied);
     ExpectServing(true);
 }
 
@@ -282,7 +256,7 @@ TEST_F(NodeJoin, AJoinedStandbyIsShippedTheLogFromItsPosition)
 TEST_F(NodeJoin, MisbehavingReceiversEndTheJoinWithATraceAndTheDaemonServes)
 {
     StartPrimary();
-    Commit(m_box.Root() + "/journal", 100, 24);
+    CommitToDisk(m_box.Root() + "/journal", 100, 24, 24, 0);
     struct Case {
         const char* m_lpMode;
         int m_nTimes;                   // 0: the listener's default
@@ -331,7 +305,7 @@ TEST_F(NodeJoin, MisbehavingReceiversEndTheJoinWithATraceAndTheDaemonServes)
 TEST_F(NodeJoin, AStopDuringAJoinEndsItAndTheDaemonExitsInTime)
 {
     StartPrimary();
-    Commit(m_box.Root() + "/journal", 50, 27);
+    CommitToDisk(m_box.Root() + "/journal", 50, 27, 24, 0);
     StartNode({"--misbehave", "silent"});
     pid_t nCluster = m_box.Spawn({PeerPath(), "cluster", "11", "--ip", "127.0.0.1", "--port", std::to_string(m_nPort),
                                   "--local-ip", "127.0.0.1", "--wait-ms", "60000"},

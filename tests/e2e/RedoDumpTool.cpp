@@ -92,9 +92,6 @@ std::string MakeSealedLog()
 
 TEST(RedoDumpTool, TheDumpOfARealDaemonsGroupsAndArchivesListsEveryRecordInOrder)
 {
-    ASSERT_TRUE(MkdbBuilt());
-    ASSERT_TRUE(PeerBuilt());
-    ASSERT_EQ(0, access(DumpPath().c_str(), X_OK)) << "build talvor-redodump first";
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
     std::string strArchive = box.Root() + "/arch/";
@@ -110,8 +107,7 @@ TEST(RedoDumpTool, TheDumpOfARealDaemonsGroupsAndArchivesListsEveryRecordInOrder
                           "200,400,600,800,1000", "--out", strStream, "--timeout", "120000"},
                          240000, &strOut))
         << strOut << box.ReadDaemonTrace();
-    box.Signal(pid, SIGTERM);
-    ASSERT_EQ(0, box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS));
+    ASSERT_TRUE(StopDaemon(box, pid));
 
     std::vector<BASEEXECUTEPLANHEAD> vWritten = StreamRecords(ReadWholeFile(strStream));
     ASSERT_EQ(1200u, vWritten.size());
@@ -147,7 +143,6 @@ TEST(RedoDumpTool, TheDumpOfARealDaemonsGroupsAndArchivesListsEveryRecordInOrder
 
 TEST(RedoDumpTool, ADamagedFileIsRefusedAtTheOffsetOfTheDamage)
 {
-    ASSERT_EQ(0, access(DumpPath().c_str(), X_OK)) << "build talvor-redodump first";
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
     std::string strPath = box.Root() + "/Log4.log";
@@ -188,7 +183,6 @@ TEST(RedoDumpTool, ADamagedFileIsRefusedAtTheOffsetOfTheDamage)
 
 TEST(RedoDumpTool, AnOpenLogEndsAtItsLastRecordWithoutRefusal)
 {
-    ASSERT_EQ(0, access(DumpPath().c_str(), X_OK)) << "build talvor-redodump first";
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
     std::string s = MakeSealedLog();

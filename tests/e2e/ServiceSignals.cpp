@@ -40,7 +40,6 @@ pid_t StartReady(DaemonSandbox& box)
 
 TEST(ServiceSignals, SecondDaemonAndSigintChangeNothingAndSigtermStopsAndTellsWhoSentIt)
 {
-    ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
     pid_t pid = StartReady(box);

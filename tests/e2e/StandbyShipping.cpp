@@ -18,7 +18,6 @@ class StandbyShipping : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(MkdbBuilt() && PeerBuilt());
         ASSERT_TRUE(m_box.Ok());
         m_strArchive = m_box.Root() + "/Archive/";
         m_strCopies = m_box.Root() + "/Standby/";
@@ -73,11 +72,7 @@ protected:
     ::testing::AssertionResult WaitForCopy(long long nLogNo, long long nPos)
     {
         std::string strPath = m_strCopies + "Log" + std::to_string(nLogNo) + ".log";
-        for (int i = 0; i < SHIP_WAIT_MS / 50; i++) {
-            struct stat st;
-            if (stat(strPath.c_str(), &st) == 0 && st.st_size >= nPos) return ::testing::AssertionSuccess();
-            usleep(50000);
-        }
+        if (WaitUntil([&] { return FileSizeOf(strPath) >= nPos; }, SHIP_WAIT_MS, 50)) return ::testing::AssertionSuccess();
         std::string strHeld;
         for (const auto& kv : LogsIn(m_strCopies))
             strHeld += " " + std::to_string(kv.first) + ":" + std::to_string(kv.second.size());
@@ -107,10 +102,7 @@ protected:
         }
     }
     // Whether the channel counts no standby within 10 s.
-    bool WaitSlotFreed()
-    {
-        return WaitUntil([&] { return Cluster(m_box, "look").m_nStandby == 0; }, 10000, 50);
-    }
+    bool WaitSlotFreed() { return WaitUntil([&] { return Look(m_box).m_nStandby == 0; }, 10000, 50); }
     // Stops the listener; its output.
     std::string StopNode(const std::string& strName)
     {

@@ -23,9 +23,7 @@ void MakeSmallDb(DaemonSandbox& box)
 // Starts the daemon nStarts times, each to its end; the trace of all.
 std::string RefusedStarts(DaemonSandbox& box, int nStarts)
 {
-    for (int i = 0; i < nStarts; i++) {
-        EXPECT_EQ(0, box.RunDaemon()) << "start " << i;
-    }
+    for (int i = 0; i < nStarts; i++) EXPECT_EQ(0, box.RunDaemon()) << "start " << i;
     std::string strTrace = box.ReadDaemonTrace();
     EXPECT_EQ(std::string::npos, strTrace.find("Talvor storage service started!")) << strTrace;
     return strTrace;
@@ -84,7 +82,6 @@ TEST(StartRefusals, AFailedStartKeepsEveryImageAKilledDaemonLeft)
     // Images that outlived a killed daemon may hold the engine's work that
     // never reached the disk: a start that fails after taking them over
     // leaves them for the next start.
-    ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
     MakeSmallDb(box);
@@ -119,7 +116,6 @@ TEST(StartRefusals, AFailedStartKeepsEveryImageAKilledDaemonLeft)
 
 TEST(StartRefusals, ASemaphoreThatCannotBeOpenedIsToldInTheLog)
 {
-    ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
     const struct {
         const char* m_lpName;
         const char* m_lpCode;
@@ -143,7 +139,6 @@ TEST(StartRefusals, ASemaphoreThatCannotBeOpenedIsToldInTheLog)
 
 TEST(StartRefusals, ARollbackAreaThatCannotBeMadeIsToldWhileThreadsRun)
 {
-    ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
     MakeSmallDb(box);
@@ -160,7 +155,6 @@ TEST(StartRefusals, ARollbackAreaThatCannotBeMadeIsToldWhileThreadsRun)
 
 TEST(StopWithEngine, TheStopWaitsForARunningEngineAndForOneFoundLost)
 {
-    ASSERT_TRUE(MkdbBuilt()) << "build talvor-mkdb first";
     for (bool bKill : {false, true}) {
         SCOPED_TRACE(bKill ? "engine killed" : "engine stops");
         DaemonSandbox box;
@@ -169,8 +163,7 @@ TEST(StopWithEngine, TheStopWaitsForARunningEngineAndForOneFoundLost)
         WriteDbIni(box, box.DataDir());
         pid_t pid = box.StartServing();
         ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
-        std::string strPeer = std::string(TALVOR_BIN_DIR) + "/talvor-peer";
-        pid_t peer = box.Spawn({strPeer, "data", "--live", "--journal", box.Root() + "/journal", "--count", "4000",
+        pid_t peer = box.Spawn({PeerPath(), "data", "--live", "--journal", box.Root() + "/journal", "--count", "4000",
                                 "--pause-us", "1000", "--seconds", bKill ? "120" : "4"},
                                "peer");
         ASSERT_GT(peer, 0);
@@ -200,11 +193,6 @@ TEST(StopWithEngine, TheStopWaitsForARunningEngineAndForOneFoundLost)
         }
         // What the engine committed is on the disk, up to its last change
         // when it ended before the stop's last pass.
-        std::string strOut;
-        EXPECT_EQ(0, box.Run({strPeer, "verify", "--journal", box.Root() + "/journal", "--system",
-                              box.DataDir() + "System.dbf", "--at-least", std::to_string(nLast)},
-                             60000, &strOut))
-            << strOut;
-        EXPECT_NE(std::string::npos, strOut.find("violations: 0")) << strOut;
+        VerifyJournal(box, box.Root() + "/journal", box.DataDir() + "System.dbf", nLast);
     }
 }

@@ -61,8 +61,6 @@ std::string RunOnTerminal(const std::vector<std::string>& vArgs, int* pnExit)
 
 TEST(TerminalProgress, TheMakerAndTheCheckDrawOnATerminalAndStayQuietOnAPipe)
 {
-    ASSERT_TRUE(MkdbBuilt());
-    ASSERT_EQ(0, access(InspectPath().c_str(), X_OK)) << "build talvor-inspect first";
     TempTree tree;
     ASSERT_TRUE(tree.Ok());
     int nExit = -1;

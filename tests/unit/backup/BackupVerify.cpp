@@ -271,11 +271,8 @@ TEST_F(BackupVerifyTest, ReadsLittleAndWritesNothing)
     io.OnCall(FileOp::Open, [&](const FileCall& c) { vOpenFlags.push_back(c.m_nFlags); });
     Verified v(m_strPath);
     EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
-    EXPECT_EQ(0, io.Calls(FileOp::PWrite));
-    EXPECT_EQ(0, io.Calls(FileOp::FTruncate));
-    EXPECT_EQ(0, io.Calls(FileOp::Unlink));
-    EXPECT_EQ(0, io.Calls(FileOp::Rename));
-    EXPECT_EQ(0, io.Calls(FileOp::MkDir));
+    for (FileOp op : {FileOp::PWrite, FileOp::FTruncate, FileOp::Unlink, FileOp::Rename, FileOp::MkDir})
+        EXPECT_EQ(0, io.Calls(op)) << (int)op;
     ASSERT_EQ(1u, vOpenFlags.size());
     EXPECT_EQ(O_RDONLY, vOpenFlags[0] & O_ACCMODE);
     EXPECT_EQ(0, vOpenFlags[0] & (O_CREAT | O_TRUNC));
