@@ -124,6 +124,16 @@ protected:
     {
         Start(SMALL_DB, "persistenceintervals=1\r\narchivetype=1\r\narchivedespath=" + m_box.Root() + "/Arch/\r\n");
     }
+    // Commits on disk, a full backup of them with the files as it took
+    // them, then more commits on disk: where a restore test begins.
+    void FullBackupBetweenCommits(ClusterLine& stFull, std::map<std::string, std::string>& mapFull)
+    {
+        ExpectCommitsReachDisk(false, m_box.Root() + "/journal1");
+        stFull = Backup(m_box, {"--wait"});
+        ASSERT_EQ(0, stFull.m_nResult) << stFull.m_strText << m_box.ReadDaemonTrace();
+        mapFull = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
+        ExpectCommitsReachDisk(true, m_box.Root() + "/journal2");
+    }
 };
 
 } // namespace
@@ -152,11 +162,9 @@ int RestoreTo(DaemonSandbox& box, long long nTs, std::string* pstrOut)
 // link are found offline and refused by the restore with no file touched.
 TEST_F(ClusterRestore, AChainOfThreeBackupsIsWholeOfflineAndTheOperatorsRestoreBringsBackEachPoint)
 {
-    ExpectCommitsReachDisk(false, m_box.Root() + "/journal1");
-    ClusterLine stFull = Backup(m_box, {"--wait"});
-    ASSERT_EQ(0, stFull.m_nResult) << stFull.m_strText << m_box.ReadDaemonTrace();
-    std::map<std::string, std::string> mapFull = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
-    ExpectCommitsReachDisk(true, m_box.Root() + "/journal2");
+    ClusterLine stFull;
+    std::map<std::string, std::string> mapFull;
+    ASSERT_NO_FATAL_FAILURE(FullBackupBetweenCommits(stFull, mapFull));
     ClusterLine stLevel1 = IncrementalBackup(m_box, 1, stFull.m_nTs);
     ASSERT_EQ(0, stLevel1.m_nResult) << stLevel1.m_strText << m_box.ReadDaemonTrace();
     std::map<std::string, std::string> mapLevel1 = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
@@ -224,11 +232,9 @@ TEST_F(ClusterRestore, AChainOfThreeBackupsIsWholeOfflineAndTheOperatorsRestoreB
 // mark: it brings back the backup's point and opens the database.
 TEST_F(ClusterRestore, AStartOnAnUnfinishedRestoreServesTheRestoreRunAgain)
 {
-    ExpectCommitsReachDisk(false, m_box.Root() + "/journal1");
-    ClusterLine stFull = Backup(m_box, {"--wait"});
-    ASSERT_EQ(0, stFull.m_nResult) << stFull.m_strText << m_box.ReadDaemonTrace();
-    std::map<std::string, std::string> mapFull = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
-    ExpectCommitsReachDisk(true, m_box.Root() + "/journal2");
+    ClusterLine stFull;
+    std::map<std::string, std::string> mapFull;
+    ASSERT_NO_FATAL_FAILURE(FullBackupBetweenCommits(stFull, mapFull));
     ASSERT_TRUE(StopDaemon(m_box, m_pid)) << m_box.ReadDaemonTrace();
 
     // What the cut restore left: its mark, and a file half written.
