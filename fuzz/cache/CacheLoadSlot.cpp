@@ -180,6 +180,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* lpData, size_t nSize)
     Loader& l = s_loader;
     if (nSize < INPUT_HEAD) return 0;
     CTalvorCacheStorage* pCache = l.m_pCache;
+    // Every input starts from files of their real size: a slot may name
+    // the other file, whose size an earlier input may have changed.
+    for (CacheFile& c : l.m_files) {
+        c.m_info.m_liFileSize = FUZZCACHE_FILE_SIZE;
+        l.m_io.SetReadEnd(c.m_strPath, FUZZCACHE_FILE_SIZE);
+    }
     CacheFile& f = l.m_files[(lpData[0] & CTRL_BUFFERED) != 0 ? 1 : 0];
     BYTE bFileNo = f.m_info.m_bFileNo;
     LPCacheBufferBlockOperate lpGroup = nullptr;
@@ -220,6 +226,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* lpData, size_t nSize)
     if (nSlots > 0 && lpInfo->m_bStorageLoadPos != (nStart + nSlots) % nNum) Fail("reading position", lpInfo->m_bStorageLoadPos);
     CheckBlocks(l, watched, arSlot, nSlots);
     CheckHeadArea(l, lpGroup, nNum, bFileNo);
-    f.m_info.m_liFileSize = FUZZCACHE_FILE_SIZE;
     return 0;
 }
