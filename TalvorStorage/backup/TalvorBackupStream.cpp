@@ -1,13 +1,14 @@
-// TalvorBackupStream.cpp — double-buffered whole-sector writes of a backup.
+// TalvorBackupStream.cpp — whole-sector writes of a backup, several in
+// flight, each buffer handed to its writer and taken back by a join.
 #include "TalvorBackupStream.h"
 
-#include "LinuxCommonAPI.h"
 #include "TalvorFileIO.h"
 
 #include <cassert>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <pthread.h>
 
 namespace {
 
@@ -16,21 +17,16 @@ const int SECTOR = 512;
 } // namespace
 
 CTalvorBackupStream::CTalvorBackupStream()
-    : m_fd(-1), m_arBuf{nullptr, nullptr}, m_nBufSize(0), m_nCurrent(0), m_nUsed(0), m_nNextPos(0), m_nAppended(0),
-      m_nFailedAt(-1), m_nFailedErrno(0), m_hThread(0), m_bThread(FALSE), m_lpJob(nullptr), m_nJobBytes(0),
-      m_nJobPos(0), m_bJob(FALSE), m_bStop(FALSE), m_bFailed(FALSE)
+    : m_fd(-1), m_nBufSize(0), m_nCurrent(0), m_nUsed(0), m_nNextPos(0), m_nAppended(0), m_nFailedAt(-1),
+      m_nFailedErrno(0), m_bFailed(FALSE)
 {
-    pthread_mutex_init(&m_mutex, nullptr);
-    pthread_cond_init(&m_cond, nullptr);
+    memset(m_arJob, 0, sizeof(m_arJob));
 }
 
 CTalvorBackupStream::~CTalvorBackupStream()
 {
-    Stop();
-    free(m_arBuf[0]);
-    free(m_arBuf[1]);
-    pthread_cond_destroy(&m_cond);
-    pthread_mutex_destroy(&m_mutex);
+    ReapAll();
+    for (WRITEJOB& job : m_arJob) free(job.m_lpBuf);
 }
 
 BOOL CTalvorBackupStream::Begin(int fd, long long nStart, int nBufSize)
@@ -39,140 +35,109 @@ BOOL CTalvorBackupStream::Begin(int fd, long long nStart, int nBufSize)
     m_fd = fd;
     m_nBufSize = nBufSize;
     m_nNextPos = nStart;
-    m_arBuf[0] = (LPBYTE)get_aligned_buffer((size_t)nBufSize);
-    m_arBuf[1] = (LPBYTE)get_aligned_buffer((size_t)nBufSize);
-    if (m_arBuf[0] == nullptr || m_arBuf[1] == nullptr) return FALSE;
-    m_bThread = pthread_create(&m_hThread, nullptr, WriterThread, this) == 0 ? TRUE : FALSE;
+    for (WRITEJOB& job : m_arJob) {
+        job.m_lpBuf = (LPBYTE)get_aligned_buffer((size_t)nBufSize);
+        if (job.m_lpBuf == nullptr) return FALSE;
+    }
     return TRUE;
 }
 
-void* CTalvorBackupStream::WriterThread(void* lpParam)
+void CTalvorBackupStream::WriteJob(WRITEJOB* pJob)
 {
-    CTalvorBackupStream* p = (CTalvorBackupStream*)lpParam;
-    pthread_mutex_lock(&p->m_mutex);
-    for (;;) {
-        while (!p->m_bJob && !p->m_bStop) pthread_cond_wait(&p->m_cond, &p->m_mutex);
-        if (!p->m_bJob) break;
-        const BYTE* lpBuf = p->m_lpJob;
-        int nBytes = p->m_nJobBytes;
-        long long nPos = p->m_nJobPos;
-        pthread_mutex_unlock(&p->m_mutex);
-        BOOL bDone = TalvorWriteFull(p->m_fd, lpBuf, (size_t)nBytes, (off_t)nPos);
-        int nErr = errno;
-        pthread_mutex_lock(&p->m_mutex);
-        if (!bDone && !p->m_bFailed) {
-            p->m_bFailed = TRUE;
-            p->m_nFailedAt = nPos;
-            p->m_nFailedErrno = nErr;
-        }
-        p->m_bJob = FALSE;
-        pthread_cond_broadcast(&p->m_cond);
-    }
-    pthread_mutex_unlock(&p->m_mutex);
+    pJob->m_bDone = TalvorWriteFull(pJob->m_fd, pJob->m_lpBuf, (size_t)pJob->m_nBytes, (off_t)pJob->m_nPos);
+    pJob->m_nErrno = pJob->m_bDone ? 0 : errno;
+}
+
+void* CTalvorBackupStream::WriteThread(void* lpParam)
+{
+    WriteJob((WRITEJOB*)lpParam);
     return nullptr;
 }
 
-BOOL CTalvorBackupStream::WriteNow(const BYTE* lpBuf, int nBytes, long long nPos)
+void CTalvorBackupStream::Fail(long long nPos, int nErrno)
 {
-    if (TalvorWriteFull(m_fd, lpBuf, (size_t)nBytes, (off_t)nPos)) return TRUE;
+    if (m_bFailed) return;
     m_bFailed = TRUE;
     m_nFailedAt = nPos;
-    m_nFailedErrno = errno;
-    return FALSE;
+    m_nFailedErrno = nErrno;
 }
 
-BOOL CTalvorBackupStream::WaitIdle()
+void CTalvorBackupStream::Reap(int nIndex)
 {
-    if (!m_bThread) return !m_bFailed;
-    pthread_mutex_lock(&m_mutex);
-    while (m_bJob) pthread_cond_wait(&m_cond, &m_mutex);
-    BOOL bOk = !m_bFailed;
-    pthread_mutex_unlock(&m_mutex);
-    return bOk;
+    WRITEJOB& job = m_arJob[nIndex];
+    if (!job.m_bRunning) return;
+    pthread_join(job.m_hThread, nullptr);
+    job.m_bRunning = FALSE;
+    if (!job.m_bDone) Fail(job.m_nPos, job.m_nErrno);
+}
+
+// In the order the buffers were handed out, so that the failure told is
+// the earliest one seen.
+void CTalvorBackupStream::ReapAll()
+{
+    for (int i = 1; i <= BACKUPSTREAM_BUFFERS; i++) Reap((m_nCurrent + i) % BACKUPSTREAM_BUFFERS);
 }
 
 BOOL CTalvorBackupStream::Submit(int nBytes)
 {
     assert(nBytes % SECTOR == 0);
-    const BYTE* lpBuf = m_arBuf[m_nCurrent];
-    long long nPos = m_nNextPos;
+    WRITEJOB& job = m_arJob[m_nCurrent];
+    assert(!job.m_bRunning);
+    job.m_fd = m_fd;
+    job.m_nBytes = nBytes;
+    job.m_nPos = m_nNextPos;
     m_nNextPos += nBytes;
-    m_nCurrent ^= 1;
     m_nUsed = 0;
-    if (!m_bThread) return WriteNow(lpBuf, nBytes, nPos);
-    // The other buffer may still be on its way out: it is taken next.
-    if (!WaitIdle()) return FALSE;
-    pthread_mutex_lock(&m_mutex);
-    m_lpJob = lpBuf;
-    m_nJobBytes = nBytes;
-    m_nJobPos = nPos;
-    m_bJob = TRUE;
-    pthread_cond_broadcast(&m_cond);
-    pthread_mutex_unlock(&m_mutex);
-    // The buffer now in hand was the one in flight before: WaitIdle saw its
-    // write end.
-    return TRUE;
+    if (m_bFailed) return FALSE;
+    job.m_bRunning = CreateJoinableThread(&job.m_hThread, WriteThread, &job) == 0 ? TRUE : FALSE;
+    if (!job.m_bRunning) {
+        WriteJob(&job);
+        if (!job.m_bDone) Fail(job.m_nPos, job.m_nErrno);
+    }
+    m_nCurrent = (m_nCurrent + 1) % BACKUPSTREAM_BUFFERS;
+    Reap(m_nCurrent);
+    return !m_bFailed;
 }
 
 BOOL CTalvorBackupStream::Append(const BYTE* lpData, long long nSize)
 {
     while (nSize > 0) {
+        if (m_bFailed) return FALSE;
         int nRoom = m_nBufSize - m_nUsed;
         int nTake = nSize < nRoom ? (int)nSize : nRoom;
-        memcpy(m_arBuf[m_nCurrent] + m_nUsed, lpData, (size_t)nTake);
+        memcpy(m_arJob[m_nCurrent].m_lpBuf + m_nUsed, lpData, (size_t)nTake);
         m_nUsed += nTake;
         m_nAppended += nTake;
         lpData += nTake;
         nSize -= nTake;
         if (m_nUsed == m_nBufSize && !Submit(m_nBufSize)) return FALSE;
     }
-    return !HasFailed();
-}
-
-BOOL CTalvorBackupStream::HasFailed()
-{
-    if (!m_bThread) return m_bFailed;
-    // The writer sets the failure and where it happened under the mutex;
-    // taking it here also makes FailedAt and FailedErrno safe to read once
-    // this said TRUE, since the writer never writes them again.
-    pthread_mutex_lock(&m_mutex);
-    BOOL bFailed = m_bFailed;
-    pthread_mutex_unlock(&m_mutex);
-    return bFailed;
+    return !m_bFailed;
 }
 
 BOOL CTalvorBackupStream::Finish(long long nEnd)
 {
-    if (!WaitIdle()) return FALSE;
+    ReapAll();
+    if (m_bFailed) return FALSE;
     CTalvorFileIO* pIO = CTalvorFileIO::Current();
     if (m_nUsed > 0) {
+        LPBYTE lpBuf = m_arJob[m_nCurrent].m_lpBuf;
         int nPadded = (m_nUsed + SECTOR - 1) / SECTOR * SECTOR;
-        memset(m_arBuf[m_nCurrent] + m_nUsed, 0, (size_t)(nPadded - m_nUsed));
-        if (!WriteNow(m_arBuf[m_nCurrent], nPadded, m_nNextPos)) return FALSE;
+        memset(lpBuf + m_nUsed, 0, (size_t)(nPadded - m_nUsed));
+        if (!TalvorWriteFull(m_fd, lpBuf, (size_t)nPadded, (off_t)m_nNextPos)) {
+            Fail(m_nNextPos, errno);
+            return FALSE;
+        }
         m_nNextPos += nPadded;
         m_nUsed = 0;
     }
     if (m_nNextPos != nEnd && pIO->FTruncate(m_fd, (off_t)nEnd) != 0) {
-        m_nFailedAt = nEnd;
-        m_nFailedErrno = errno;
+        Fail(nEnd, errno);
         return FALSE;
     }
     if (pIO->FSync(m_fd) != 0) {
-        m_nFailedAt = nEnd;
-        m_nFailedErrno = errno;
+        Fail(nEnd, errno);
         return FALSE;
     }
     return TRUE;
-}
-
-void CTalvorBackupStream::Stop()
-{
-    if (!m_bThread) return;
-    pthread_mutex_lock(&m_mutex);
-    while (m_bJob) pthread_cond_wait(&m_cond, &m_mutex);
-    m_bStop = TRUE;
-    pthread_cond_broadcast(&m_cond);
-    pthread_mutex_unlock(&m_mutex);
-    pthread_join(m_hThread, nullptr);
-    m_bThread = FALSE;
 }

@@ -1,59 +1,77 @@
 // TalvorBackupStream.h — the data of a backup file, written in order over
-// direct I/O while the next piece is read.
+// direct I/O while the next piece is packed.
 //
-// Pieces of any length are packed back to back into one of two aligned
-// buffers; a full buffer goes to the stream's writer thread, and packing
-// goes on in the other while it is written. Only whole sectors are ever
-// written; Finish writes the last partial sector padded, cuts the file to
-// its true end and syncs it, so that whatever is written after (the head of
-// the backup) lands behind data already on the medium.
+// Pieces of any length are packed back to back into one of three aligned
+// buffers; a full buffer is handed to a writer thread of its own, and
+// packing goes on in the next. Two writes are thus in flight while a third
+// buffer fills: a disk behind a virtual or striped device moves more bytes
+// with a queue than with one transfer at a time. Only whole sectors are ever
+// written; Finish waits for every write, writes the last partial sector
+// padded, cuts the file to its true end and syncs it, so that whatever is
+// written after (the head of the backup) lands behind data already on the
+// medium.
 //
-// One producer thread (the caller) and the stream's own writer thread.
+// One producer thread (the caller). Each write thread owns its buffer from
+// its start to its join; everything it reports is read after the join, so
+// the stream needs no latch. Without a thread (none could be made) a buffer
+// is written on the caller's thread.
 #pragma once
 
+#include "LinuxCommonAPI.h"
 #include "TypeDef.h"
 
-#include <pthread.h>
+// The buffers of a stream: one packed while the others are written.
+inline constexpr int BACKUPSTREAM_BUFFERS = 3;
 
 class CTalvorBackupStream {
 public:
     CTalvorBackupStream();
-    // Abandons a stream not finished: the writer thread ends, nothing more
-    // is written.
+    // Abandons a stream not finished: the writes in flight end, nothing
+    // more is written.
     ~CTalvorBackupStream();
     CTalvorBackupStream(const CTalvorBackupStream&) = delete;
     CTalvorBackupStream& operator=(const CTalvorBackupStream&) = delete;
 
     // Data begins at nStart (a multiple of 512) of fd. nBufSize (a multiple
-    // of 512) per buffer. FALSE when the buffers cannot be had. Without a
-    // writer thread the stream writes on the caller's thread.
+    // of 512) per buffer. FALSE when the buffers cannot be had.
     BOOL Begin(int fd, long long nStart, int nBufSize);
-    // nSize bytes more. FALSE once a write has failed (see FailedAt).
+    // nSize bytes more. FALSE once a write is known to have failed (see
+    // FailedAt); a write still in flight may fail after a TRUE.
     BOOL Append(const BYTE* lpData, long long nSize);
-    // Everything written, the file cut to nEnd and synced. FALSE on a failed
+    // Every write ended, the file cut to nEnd and synced. FALSE on a failed
     // write, cut or sync (errno kept in FailedErrno).
     BOOL Finish(long long nEnd);
-    // Where the failed write began, and its errno: caller's thread, only
-    // after Append or Finish returned FALSE (which ordered them after the
-    // writer's failure).
+    // Where the first failed write seen began (in the order the buffers were
+    // handed out), and its errno: only after Append or Finish returned FALSE.
     long long FailedAt() const { return m_nFailedAt; }
     int FailedErrno() const { return m_nFailedErrno; }
     // Bytes appended so far.
     long long Appended() const { return m_nAppended; }
 
 private:
-    static void* WriterThread(void* lpParam);
-    // Hands the buffer in hand to the writer and takes the other one.
+    // One buffer and the write that carries it out.
+    struct WRITEJOB {
+        int m_fd;
+        LPBYTE m_lpBuf;
+        int m_nBytes;
+        long long m_nPos;
+        HTHREADTYPE m_hThread;
+        BOOL m_bRunning; // a thread writes it; joined before the buffer is touched
+        BOOL m_bDone;
+        int m_nErrno;
+    };
+    static void* WriteThread(void* lpParam);
+    static void WriteJob(WRITEJOB* pJob);
+    // Sends the buffer in hand (nBytes, whole sectors) and takes the next,
+    // waiting for the write that last used it.
     BOOL Submit(int nBytes);
-    BOOL WaitIdle();
-    // Whether a write failed so far; caller's thread, takes m_mutex when
-    // there is a writer thread.
-    BOOL HasFailed();
-    BOOL WriteNow(const BYTE* lpBuf, int nBytes, long long nPos);
-    void Stop();
+    // Waits for the write of buffer nIndex, if any, and notes its failure.
+    void Reap(int nIndex);
+    void ReapAll();
+    void Fail(long long nPos, int nErrno);
 
     int m_fd;
-    LPBYTE m_arBuf[2];
+    WRITEJOB m_arJob[BACKUPSTREAM_BUFFERS];
     int m_nBufSize;
     int m_nCurrent;
     int m_nUsed;
@@ -61,15 +79,5 @@ private:
     long long m_nAppended;
     long long m_nFailedAt;
     int m_nFailedErrno;
-    // The writer's job, under m_mutex.
-    pthread_t m_hThread;
-    BOOL m_bThread;
-    pthread_mutex_t m_mutex;
-    pthread_cond_t m_cond;
-    const BYTE* m_lpJob;
-    int m_nJobBytes;
-    long long m_nJobPos;
-    BOOL m_bJob;
-    BOOL m_bStop;
     BOOL m_bFailed;
 };

@@ -19,6 +19,7 @@
 #include "TalvorCacheStorage.h"
 #include "TalvorFileIO.h"
 #include "TalvorFlashback.h"
+#include "TalvorReadAhead.h"
 #include "TalvorTrace.h"
 
 #include <cassert>
@@ -113,37 +114,58 @@ void FillBackupRecord(LPSTRUCT_BACKUP_FILEINFO lpRecord, stu_FILEINFO* p, long l
     lpRecord->m_nDataEndOffset = 0;
 }
 
+// One piece of a file for the read-ahead: direct reads take whole sectors,
+// so the bytes past the piece are read (never past the file) and dropped.
+struct FILEPIECEREAD {
+    stu_FILEINFO* m_pFile;
+};
+
+int ReadFilePiece(void* lpContext, long long nPos, LPBYTE lpBuf, int nSize)
+{
+    stu_FILEINFO* p = ((FILEPIECEREAD*)lpContext)->m_pFile;
+    long long nAligned = RoundUpSector(nSize);
+    if (nPos + nAligned > p->m_liFileSize) nAligned = p->m_liFileSize - nPos;
+    // A reading thread keeps no latch record of its own: the read takes at
+    // most the file's own latch, and only for the copy out of a buffer.
+    return p->m_pStorageFile->ReadBlock(nullptr, nPos, lpBuf, (int)nAligned);
+}
+
 // The used part of one file, piece by piece, into the stream; nCopied
-// tells how many bytes it took.
-BOOL CopyFileIntoBackup(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress, stu_FILEINFO* p,
-                        long long nUsed, LPBYTE lpRead, int nPiece, CTalvorBackupStream& stream, long long nFinished,
-                        long long& nCopied, const volatile BYTE& bAbort)
+// tells how many bytes it took. The pieces are read ahead while the
+// stream packs and writes the ones before.
+BOOL CopyFileIntoBackup(LPTALVORPROGRESS lpTalvorProgress, stu_FILEINFO* p, long long nUsed, CTalvorReadAhead& reader,
+                        int nPiece, CTalvorBackupStream& stream, long long nFinished, long long& nCopied,
+                        const volatile BYTE& bAbort)
 {
     nCopied = 0;
     // The used part never reaches past the file: a head that claims more is
     // read no further than the file goes.
     if (nUsed > p->m_liFileSize) nUsed = p->m_liFileSize;
-    for (long long nReadPos = 0; nReadPos < nUsed;) {
+    FILEPIECEREAD stRead = {p};
+    reader.Start(ReadFilePiece, &stRead, nUsed, nPiece);
+    // No read may outlive stRead: whatever ends the copy stops the reads.
+    struct STOPREADS {
+        CTalvorReadAhead& m_reader;
+        ~STOPREADS() { m_reader.Stop(); }
+    } stStop{reader};
+    long long nReadPos = 0;
+    int nWant = 0, nRet = 0;
+    LPBYTE lpRead = nullptr;
+    while (nCopied < nUsed) {
         if (TalvorLoadShared(&bAbort)) return FALSE;
-        int nWant = (int)(nUsed - nReadPos < nPiece ? nUsed - nReadPos : nPiece);
-        // Direct reads take whole sectors; the bytes past the used part are
-        // read and dropped.
-        long long nAligned = RoundUpSector(nWant);
-        if (nReadPos + nAligned > p->m_liFileSize) nAligned = p->m_liFileSize - nReadPos;
-        int nRet = p->m_pStorageFile->ReadBlock(lpCritSection, nReadPos, lpRead, (int)nAligned);
-        if (nRet != 0) {
+        if (!reader.Next(nReadPos, nWant, lpRead, nRet)) {
             Trace("BackupFullCore", 1, 10014011,
                   TALVOR_TEXT("读取数据库文件失败[%s,位置:%lld,大小:%d],返回值:%d!",
                               "Failed to read database file [%s, Pos: %lld, Size: %d], return value: %d!"),
                   p->m_lpszFilePath, nReadPos, nWant, nRet);
             return FALSE;
         }
+        assert(nReadPos == nCopied);
         TalvorBackupShowPos(lpTalvorProgress, nFinished + nReadPos);
         if (!stream.Append(lpRead, nWant)) {
             TraceStreamFailure(stream);
             return FALSE;
         }
-        nReadPos += nWant;
         nCopied += nWant;
     }
     return TRUE;
@@ -322,7 +344,9 @@ int CBreltMemStorageModule::CollectBackupFiles(stu_FILEINFO** arFiles, long long
     return nFileNum;
 }
 
-BOOL CBreltMemStorageModule::BackupFullCore(LPTALVORCRITICALSECTION lpCritSection, LPTALVORPROGRESS lpTalvorProgress,
+// The reads run on reading threads, each without a latch record of its own
+// (see ReadFilePiece): the caller's record is not theirs to use.
+BOOL CBreltMemStorageModule::BackupFullCore(LPTALVORCRITICALSECTION, LPTALVORPROGRESS lpTalvorProgress,
                                             void* hFile, LPBYTE lpBuffer, int nBufSize, const LPBYTE& lpFileHeadBuf,
                                             long long nTimestamp, int nLogNo, int nLogPos, UINT ulLocalIP,
                                             const volatile BYTE& bAbort)
@@ -335,7 +359,8 @@ BOOL CBreltMemStorageModule::BackupFullCore(LPTALVORCRITICALSECTION lpCritSectio
     const int nHeadSize = BackupHeadSize(nFileNum);
     LPBYTE& lpHeadArea = const_cast<LPBYTE&>(lpFileHeadBuf);
     lpHeadArea = (LPBYTE)CTalvorCacheStorage::get_aligned_buffer(nHeadSize);
-    // The work buffer reads; the stream packs and writes behind it.
+    // The work buffer and two more read ahead; the stream packs and writes
+    // behind them.
     const int nPiece = nBufSize / BACKUP_SECTOR * BACKUP_SECTOR;
     if (lpHeadArea == nullptr || nFileNum == 0 || nPiece < BACKUP_SECTOR) {
         Trace("BackupFullCore", 1, 10014004,
@@ -350,7 +375,8 @@ BOOL CBreltMemStorageModule::BackupFullCore(LPTALVORCRITICALSECTION lpCritSectio
     if (!WriteAt(fd, lpHeadArea, nHeadSize, 0, 10014002)) return FALSE;
 
     CTalvorBackupStream stream;
-    if (!stream.Begin(fd, nHeadSize, nPiece)) {
+    CTalvorReadAhead reader;
+    if (!stream.Begin(fd, nHeadSize, nPiece) || !reader.Init(lpBuffer, nPiece)) {
         Trace("BackupFullCore", 1, 10014004,
               TALVOR_TEXT("无法开始备份:文件数:%d,头区大小:%d", "The backup cannot start: files: %d, head area size: %d"),
               nFileNum, nHeadSize);
@@ -367,8 +393,7 @@ BOOL CBreltMemStorageModule::BackupFullCore(LPTALVORCRITICALSECTION lpCritSectio
         long long nUsed = p->m_pStorageFile->GetFreeMemoryOffset(p);
         FillBackupRecord(lpRecord, p, FileSizeOnDisk(p), nUsed, nPosition);
         long long nCopied = 0;
-        if (!CopyFileIntoBackup(lpCritSection, lpTalvorProgress, p, nUsed, lpBuffer, nPiece, stream, nFinished,
-                                nCopied, bAbort))
+        if (!CopyFileIntoBackup(lpTalvorProgress, p, nUsed, reader, nPiece, stream, nFinished, nCopied, bAbort))
             return FALSE;
         nPosition += nCopied;
         lpRecord->m_nDataEndOffset = nPosition;
