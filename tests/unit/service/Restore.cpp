@@ -60,8 +60,25 @@ struct DbFileIO {
         if (!strArchive.empty()) m_io.PassThrough(strArchive);
     }
     FaultFileIO* operator->() { return &m_io; }
+    // Every open for writing (but of strExcept), unlink and mkdir from here
+    // on is kept, for ExpectNoTouch.
+    void WatchTouches(const std::string& strExcept = std::string())
+    {
+        m_io.OnCall(FileOp::Open, [this, strExcept](const FileCall& call) {
+            if ((call.m_nFlags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC)) != 0 && call.m_strPath != strExcept)
+                m_vTouched.push_back("open " + call.m_strPath);
+        });
+        m_io.OnCall(FileOp::Unlink, [this](const FileCall& call) { m_vTouched.push_back("unlink " + call.m_strPath); });
+        m_io.OnCall(FileOp::MkDir, [this](const FileCall& call) { m_vTouched.push_back("mkdir " + call.m_strPath); });
+    }
+    void ExpectNoTouch()
+    {
+        for (const std::string& strTouched : m_vTouched) ADD_FAILURE() << strTouched;
+        for (const FileWrite& w : m_io.Writes()) ADD_FAILURE() << "written: " << w.m_strPath;
+    }
     FaultFileIO m_io;
     ScopedFileIO m_scope{&m_io};
+    std::vector<std::string> m_vTouched;
 };
 
 BACKUPFILEHEAD* HeadOf(std::string& strBackup) { return (BACKUPFILEHEAD*)&strBackup[0]; }
@@ -228,10 +245,6 @@ protected:
     // Stopped before the trace is read: reading it starts the log system
     // afresh, which a live redo writer does not survive.
     void StopRedo() { SysClearTalvorLog(); }
-    // A restore to another level 1 fails part way, with pieces of a file only
-    // it makes on disk; the command asked for m_nLevel1 (the failed run's
-    // backup gone first when bFailedChainGone) restores that point whole.
-    void ExpectRerunToLevel1Whole(std::mt19937& rng, bool bFailedChainGone);
     // Command 46 with the module's configuration, so that a rebuild reads
     // the ini as the daemon does.
     void RunRestoreCommand(long long nTimestamp)
@@ -466,14 +479,12 @@ TEST_F(Restore, ATornForeignOrDamagedChainIsRefusedBeforeAByteOfAnyDatabaseFileI
         long long m_nTop;  // 0: the level 2
         const char* m_lpTraced;
     };
-    // Positions inside the chain as it stands.
+    // Positions inside the chain as it stands. A cut anywhere past a
+    // record's start fails that record's one range check: one cut each.
     std::string& strL1 = m_arChain[1];
     const long long nL1File2 = Val(RecordOf(strL1, 1).m_nDataStartOffset);
     const long long nL1Page2 = Val(PageAt(strL1, nL1File2)->m_nNextPos);
-    const long long nL1Item = Val(ItemAt(strL1, nL1File2, 5)->m_nBlockDataPos);
-    const int nL1ItemSize = Val(ItemAt(strL1, nL1File2, 5)->m_nBlockSize);
     const long long nL0File2End = Val(RecordOf(m_arChain[0], 1).m_nDataEndOffset);
-    const long long nL0File3Start = Val(RecordOf(m_arChain[0], 2).m_nDataStartOffset);
     ASSERT_NE(0, nL1Page2);
     const long long nLevel2b = m_nLevel2 + 5;
     const std::vector<Case> vCases = {
@@ -482,14 +493,8 @@ TEST_F(Restore, ATornForeignOrDamagedChainIsRefusedBeforeAByteOfAnyDatabaseFileI
         {"full cut between its head records", [](std::string* c) { c[0].resize(428); }, 0, "not whole"},
         {"full cut between two files' data", [=](std::string* c) { c[0].resize((size_t)nL0File2End); }, 0,
          "lies past the backup's end"},
-        {"full cut inside a file's data", [=](std::string* c) { c[0].resize((size_t)nL0File3Start + 1000); }, 0,
-         "lies past the backup's end"},
         {"level 1 cut inside its first page", [=](std::string* c) { c[1].resize((size_t)nL1File2 + 100); }, 0,
          "increment range is wrong"},
-        {"level 1 cut inside its second page", [=](std::string* c) { c[1].resize((size_t)nL1Page2 + 20); }, 0,
-         "increment range is wrong"},
-        {"level 1 cut inside a block piece",
-         [=](std::string* c) { c[1].resize((size_t)(nL1Item + nL1ItemSize / 2)); }, 0, "increment range is wrong"},
         {"missing middle link", [](std::string* c) { c[1].clear(); }, 0, "backup file!"},
         {"wrong version of the full", [](std::string* c) { HeadOf(c[0])->m_nVersion = 0x5000001; }, 0,
          "wrong version or mark"},
@@ -538,19 +543,13 @@ TEST_F(Restore, ATornForeignOrDamagedChainIsRefusedBeforeAByteOfAnyDatabaseFileI
         c.m_fnDamage(arChain);
         WriteChain(arChain);
         DbFileIO io(m_db.m_tree.LogDir());
-        std::vector<std::string> vTouched;
-        io->OnCall(FileOp::Open, [&](const FileCall& call) {
-            if ((call.m_nFlags & (O_WRONLY | O_RDWR | O_CREAT)) != 0) vTouched.push_back("open " + call.m_strPath);
-        });
-        io->OnCall(FileOp::Unlink, [&](const FileCall& call) { vTouched.push_back("unlink " + call.m_strPath); });
-        io->OnCall(FileOp::MkDir, [&](const FileCall& call) { vTouched.push_back("mkdir " + call.m_strPath); });
+        io.WatchTouches();
         const size_t nTraceBefore = m_db.m_tree.Trace().size();
         EXPECT_FALSE(RestoreTo(c.m_nTop != 0 ? c.m_nTop : m_nLevel2));
         // Told by this refusal, not by an earlier one.
         std::string strTold = m_db.m_tree.Trace().substr(nTraceBefore);
         EXPECT_NE(std::string::npos, strTold.find(c.m_lpTraced)) << strTold;
-        for (const std::string& strTouched : vTouched) ADD_FAILURE() << strTouched;
-        for (const FileWrite& w : io->Writes()) ADD_FAILURE() << "written: " << w.m_strPath;
+        io.ExpectNoTouch();
         ExpectUntouched(vBefore);
         unlink(BackupPath(nLevel2b).c_str());
     }
@@ -644,7 +643,7 @@ TEST_F(Restore, EachStepCalledAloneChecksItsOwnBackupBeforeItWrites)
     }
     EXPECT_TRUE(m_db.m_tree.Traced("outside the database file's size"));
     EXPECT_TRUE(m_db.m_tree.Traced("The actual level of backup files [1, " + std::to_string(m_nLevel2) + "] is [2]"));
-    for (const FileWrite& w : io->Writes()) ADD_FAILURE() << "written: " << w.m_strPath;
+    io.ExpectNoTouch();
     ExpectUntouched(vBefore);
 }
 
@@ -683,24 +682,6 @@ TEST_F(Restore, CommandWithAnUnusableChainRefusesAndLeavesTheDatabaseUp)
     EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
 }
 
-TEST_F(Restore, CommandWhoseRestoreFailsPartWayLeavesTheMarkAndNoStartOnTheMixture)
-{
-    std::vector<std::string> vCopy;
-    long long nTimestamp = FullBackup(vCopy);
-    RunRestoreThatFills(nTimestamp);
-    std::string strTrace = m_db.m_tree.Trace();
-    EXPECT_NE(std::string::npos, strTrace.find("Failed to write database file")) << strTrace;
-    EXPECT_TRUE(TalvorRestoreMarkPresent(m_db.SystemPath().c_str()));
-    // The rebuild refuses the mixture: no head, and the command's flag stays.
-    EXPECT_NE(std::string::npos, strTrace.find("A restore into this database did not finish")) << strTrace;
-    EXPECT_EQ(nullptr, m_db.Head());
-    EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
-    // The restore run again to its end gives the backup's files.
-    ASSERT_TRUE(RestoreTo(nTimestamp));
-    EXPECT_FALSE(TalvorRestoreMarkPresent(m_db.SystemPath().c_str()));
-    ExpectFiles(vCopy);
-}
-
 // The head that named the archive is gone after a restore failed part-way:
 // command 46 asked again finds the archive, the redo number and the
 // identity in the mark, and ends with the database of the backup up.
@@ -717,7 +698,9 @@ TEST_F(Restore, CommandAskedAgainAfterARestoreThatFailedPartWayRestoresWholeAndS
     const UINT nRedo = Val(m_db.Head()->m_nRedoLogMaxID) + 7;
     m_db.Head()->m_nRedoLogMaxID = nRedo;
     RunRestoreThatFills(m_nLevel1);
+    // The rebuild refuses the mixture: no head, and the command's flag stays.
     ASSERT_EQ(nullptr, m_db.Head());
+    EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
     ASSERT_TRUE(TalvorRestoreMarkPresent(m_db.SystemPath().c_str()));
     TALVORRESTOREMARK stMark;
     ASSERT_EQ(RESTOREMARK_READ, TalvorReadRestoreMark(m_db.SystemPath().c_str(), stMark));
@@ -731,6 +714,8 @@ TEST_F(Restore, CommandAskedAgainAfterARestoreThatFailedPartWayRestoresWholeAndS
     m_lpCmd->m_bResult = 0x5A;
     RunRestoreCommand(m_nLevel1);
     StopRedo();
+    EXPECT_TRUE(m_db.m_tree.Traced("Failed to write database file"));
+    EXPECT_TRUE(m_db.m_tree.Traced("A restore into this database did not finish"));
     EXPECT_TRUE(m_db.m_tree.Traced("is run again, to " + std::to_string(m_nLevel1)));
     ASSERT_NE(nullptr, m_db.Head()) << m_db.m_tree.Trace();
     EXPECT_EQ(0x5A, Val(m_lpCmd->m_bResult));
@@ -749,23 +734,14 @@ TEST_F(Restore, CommandAskedAgainAfterARestoreThatFailedPartWayRestoresWholeAndS
 
 // A failed restore to one point that had begun a file only its increment
 // makes, then command 46 to another point: the file comes out as that
-// point's chain makes it, with nothing of the failed run's pieces.
-TEST_F(Restore, CommandAskedAgainForAnotherPointLeavesNothingOfTheFailedRun)
+// point's chain makes it, with nothing of the failed run's pieces. The
+// failed run's own backup may be why it failed, and be gone (the parameter).
+class RestoreRerun : public Restore, public ::testing::WithParamInterface<bool> {};
+INSTANTIATE_TEST_SUITE_P(FailedRunsBackupGone, RestoreRerun, ::testing::Bool());
+
+TEST_P(RestoreRerun, CommandAskedAgainForAnotherPointLeavesNothingOfTheFailedRun)
 {
     std::mt19937 rng(37);
-    ExpectRerunToLevel1Whole(rng, false);
-}
-
-// The failed run's own backup may be why it failed, and be gone: the point
-// asked now is still restored whole.
-TEST_F(Restore, CommandAskedAgainAfterTheFailedRunsBackupWentRestoresTheOtherPoint)
-{
-    std::mt19937 rng(37);
-    ExpectRerunToLevel1Whole(rng, true);
-}
-
-void Restore::ExpectRerunToLevel1Whole(std::mt19937& rng, bool bFailedChainGone)
-{
     MakeChain(rng);
     StartRedo();
     WriteChain(m_arChain);
@@ -791,9 +767,7 @@ void Restore::ExpectRerunToLevel1Whole(std::mt19937& rng, bool bFailedChainGone)
     }
     ASSERT_EQ(nullptr, m_db.Head());
     ASSERT_GE(FileSizeOf(m_strNewFile), 8192 + 512);
-    if (bFailedChainGone) {
-        ASSERT_EQ(0, unlink(BackupPath(nOther).c_str()));
-    }
+    if (GetParam()) ASSERT_EQ(0, unlink(BackupPath(nOther).c_str()));
     RunRestoreCommand(m_nLevel1);
     StopRedo();
     ASSERT_NE(nullptr, m_db.Head()) << m_db.m_tree.Trace();
@@ -846,19 +820,11 @@ TEST_F(Restore, CommandWithNoHeadAndADamagedOrMissingMarkIsRefusedAndWritesNothi
         const std::vector<FileMark> vBefore = Marks();
         {
             DbFileIO io(m_db.m_tree.LogDir());
-            std::vector<std::string> vTouched;
             // The configuration is read as the rebuild reads it (its file
             // opened for both ways); a write to it would still be seen.
-            const std::string strIni = m_db.m_tree.IniPath();
-            io->OnCall(FileOp::Open, [&](const FileCall& call) {
-                if ((call.m_nFlags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC)) != 0 && call.m_strPath != strIni)
-                    vTouched.push_back("open " + call.m_strPath);
-            });
-            io->OnCall(FileOp::Unlink, [&](const FileCall& call) { vTouched.push_back("unlink " + call.m_strPath); });
-            io->OnCall(FileOp::MkDir, [&](const FileCall& call) { vTouched.push_back("mkdir " + call.m_strPath); });
+            io.WatchTouches(m_db.m_tree.IniPath());
             RunRestoreCommand(nTimestamp);
-            for (const std::string& strTouched : vTouched) ADD_FAILURE() << strTouched;
-            for (const FileWrite& w : io->Writes()) ADD_FAILURE() << "written: " << w.m_strPath;
+            io.ExpectNoTouch();
         }
         EXPECT_EQ(nullptr, m_db.Head());
         EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
