@@ -255,53 +255,52 @@ TEST_F(IncrementalBackup, ABackupNeverCostsTheBackupWhoseNameItWouldTake)
     EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
 }
 
-TEST_F(IncrementalBackup, ABlockThatIsNotWhatItsEntrySaysStopsTheBackup)
+// Damage on disk under blocks changed after the reference (the reference
+// is the first change's own timestamp: a chain a restore would take) stops
+// the backup before its name is taken.
+TEST_F(IncrementalBackup, ABlockOrMapThatIsNotWhatItsEntrySaysStopsTheBackup)
 {
     long long nRef = m_db.BeginTransaction();
-    long long ts = m_db.BeginTransaction();
-    m_db.ChangeRow(2, 5, 0, ts, ts);
-    m_db.EndTransaction(ts);
+    for (int nFileNo : {2, 3}) {
+        long long ts = m_db.BeginTransaction();
+        m_db.ChangeRow(nFileNo, 5, 0, ts, ts);
+        m_db.EndTransaction(ts);
+    }
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    // On disk, block 6's head names another number.
-    const long long nAt = m_db.BlockOffset(2, 5);
-    std::string strFile = ReadWholeFile(m_db.PathOf(2));
-    UINT nWrong = 999;
-    memcpy(&strFile[(size_t)nAt + offsetof(BASEBLOCKHEAD, m_nBlockNo)], &nWrong, sizeof(nWrong));
-    ASSERT_TRUE(WriteWholeFile(m_db.PathOf(2), strFile));
-    // A point after the change, and so after the reference, which is the
-    // change's own timestamp: a chain a restore would take.
-    const long long nTs = ts + 1;
-    EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nRef));
-    EXPECT_FALSE(PathExists(BackupPath(nTs)));
-    EXPECT_TRUE(m_db.m_tree.Traced("read from database file"));
-}
-
-TEST_F(IncrementalBackup, AMapPointingOutsideItsFileStopsTheBackup)
-{
-    long long nRef = m_db.BeginTransaction();
-    long long ts = m_db.BeginTransaction();
-    m_db.ChangeRow(3, 2, 0, ts, ts);
-    m_db.EndTransaction(ts);
-    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    // The map of file 3 on disk names a next map far past the end, and its
-    // entry count claims more than the block holds: either alone stops it.
-    std::string strFile = ReadWholeFile(m_db.PathOf(3));
-    BASEFILEHEAD stHead = At<BASEFILEHEAD>(strFile, 0);
-    long long nMap = stHead.m_nBlockMapStartOffset;
-    long long nFar = 1LL << 40;
-    memcpy(&strFile[(size_t)nMap + offsetof(BASEFILEBLOCKMAPHEAD, m_nNextBlockMapOffset)], &nFar, sizeof(nFar));
-    ASSERT_TRUE(WriteWholeFile(m_db.PathOf(3), strFile));
-    const long long nTs = ts + 1;
-    EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nRef));
-    EXPECT_FALSE(PathExists(BackupPath(nTs)));
-
-    int nHuge = 1 << 30;
-    memset(&strFile[(size_t)nMap + offsetof(BASEFILEBLOCKMAPHEAD, m_nNextBlockMapOffset)], 0, 8);
-    memcpy(&strFile[(size_t)nMap + offsetof(BASEFILEBLOCKMAPHEAD, m_nBlockMapNum)], &nHuge, sizeof(nHuge));
-    ASSERT_TRUE(WriteWholeFile(m_db.PathOf(3), strFile));
-    EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nRef));
-    EXPECT_FALSE(PathExists(BackupPath(nTs)));
-    EXPECT_TRUE(m_db.m_tree.Traced("Map block id is incorrect"));
+    const long long nTs = m_db.Head()->m_nEndTimestamp + 1;
+    const long long nMap = At<BASEFILEHEAD>(ReadWholeFile(m_db.PathOf(3)), 0).m_nBlockMapStartOffset;
+    struct Case {
+        int m_nFileNo;
+        long long m_nAt;
+        long long m_nValue;  // written in m_nSize bytes
+        size_t m_nSize;
+        const char* m_lpTraced;
+    };
+    const Case arCases[] = {
+        // The block's head names another number.
+        {2, m_db.BlockOffset(2, 5) + (long long)offsetof(BASEBLOCKHEAD, m_nBlockNo), 999, 4,
+         "read from database file"},
+        // The map names a next map far past the end; its count claims more
+        // than the block holds.
+        {3, nMap + (long long)offsetof(BASEFILEBLOCKMAPHEAD, m_nNextBlockMapOffset), 1LL << 40, 8,
+         "Failed to read database file"},
+        {3, nMap + (long long)offsetof(BASEFILEBLOCKMAPHEAD, m_nBlockMapNum), 1 << 30, 4,
+         "Map block id is incorrect"},
+    };
+    for (const Case& c : arCases) {
+        SCOPED_TRACE(c.m_lpTraced);
+        const std::string strGood = ReadWholeFile(m_db.PathOf(c.m_nFileNo));
+        std::string strFile = strGood;
+        memcpy(&strFile[(size_t)c.m_nAt], &c.m_nValue, c.m_nSize);
+        ASSERT_TRUE(WriteWholeFile(m_db.PathOf(c.m_nFileNo), strFile));
+        const size_t nTraceBefore = m_db.m_tree.Trace().size();
+        EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nRef));
+        EXPECT_FALSE(PathExists(BackupPath(nTs)));
+        EXPECT_NE(std::string::npos, m_db.m_tree.Trace().find(c.m_lpTraced, nTraceBefore));
+        ASSERT_TRUE(WriteWholeFile(m_db.PathOf(c.m_nFileNo), strGood));
+    }
+    // The same backup over the files made whole: the damage stopped it.
+    EXPECT_EQ(CLUSTERRESULT_OK, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nRef));
 }
 
 namespace {
