@@ -289,33 +289,19 @@ protected:
 } // namespace
 
 // A resized system file keeps the image of the start, and with it its
-// size, until the next start; its backup must still give the file its
+// size, until the next start; its full backup must still give the file its
 // grown size, or the restored database is refused for a file shorter than
-// its head.
-TEST_F(Restore, AFullBackupOfAGrownSystemFileRestoresADatabaseThatStarts)
+// its head. A data file grown after the full backup and changed: the
+// incremental over it restores the file at its grown size. Each point
+// restored gives a database that starts.
+TEST_F(Restore, FilesGrownBeforeEitherBackupAreRestoredAtTheirGrownSizes)
 {
-    const long long nStart = FileSizeOf(m_db.SystemPath());
-    ASSERT_NO_FATAL_FAILURE(Resize(1, 2 * nStart));
-    std::vector<std::string> vCopy;
-    const long long nTimestamp = FullBackup(vCopy);
-    backuptest::Verified v(BackupPath(nTimestamp));
-    EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
-    m_db.Stop();
-    RemoveDatabaseFiles();
-    ASSERT_TRUE(RestoreTo(nTimestamp));
-    ExpectFiles(vCopy);
-    EXPECT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
-}
-
-// A data file grown after the full backup and changed: the incremental
-// backup over it restores the file at its grown size, and the database
-// starts.
-TEST_F(Restore, AnIncrementalOverAFileGrownSinceTheFullBackupRestoresItsSize)
-{
+    ASSERT_NO_FATAL_FAILURE(Resize(1, 2 * FileSizeOf(m_db.SystemPath())));
     std::vector<std::string> vFull;
     const long long nFull = FullBackup(vFull);
-    const long long nGrown = 2 * (long long)vFull[1].size();
-    ASSERT_NO_FATAL_FAILURE(Resize(2, nGrown));
+    backuptest::Verified v(BackupPath(nFull));
+    EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
+    ASSERT_NO_FATAL_FAILURE(Resize(2, 2 * (long long)vFull[1].size()));
     long long ts = m_db.BeginTransaction();
     m_db.ChangeRow(2, 7, 1, ts * 3, ts);
     m_db.EndTransaction(ts);
@@ -330,11 +316,15 @@ TEST_F(Restore, AnIncrementalOverAFileGrownSinceTheFullBackupRestoresItsSize)
     ASSERT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult)) << m_db.m_tree.Trace();
     const std::vector<std::string> vLevel1 = CopyFiles();
     m_db.Stop();
-    RemoveDatabaseFiles();
-    ASSERT_TRUE(RestoreTo(nLevel1));
-    EXPECT_EQ(nGrown, FileSizeOf(m_db.PathOf(2)));
-    ExpectFiles(vLevel1);
-    EXPECT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+    const std::pair<long long, const std::vector<std::string>*> arPoints[] = {{nFull, &vFull}, {nLevel1, &vLevel1}};
+    for (const auto& point : arPoints) {
+        SCOPED_TRACE(point.first);
+        RemoveDatabaseFiles();
+        ASSERT_TRUE(RestoreTo(point.first));
+        ExpectFiles(*point.second);
+        EXPECT_EQ(S_OK, m_db.Start()) << m_db.m_tree.Trace();
+        m_db.Stop();
+    }
 }
 
 TEST_F(Restore, IncrementsApplyInRisingLevelOverTheFullBackupAndCreateMissingFilesWithOnlyTheirPieces)
