@@ -319,7 +319,11 @@ TEST_F(FileCommands, RefusedMovesLeaveTheFileWhereItIs)
     EXPECT_TRUE(PathExists(m_db.PathOf(4)));
 }
 
-TEST_F(FileCommands, AFailedMoveRemovesTheHalfCopy)
+// A move and a growth the device has no room for: each answers its failure
+// and leaves the file, its row and its size as they were; once the engine
+// takes the requests back the file keeps taking passes and the next start
+// loads it.
+TEST_F(FileCommands, AMoveOrAGrowthWithNoRoomLeavesTheFileAsItWas)
 {
     const std::string strNew = NewPath("Half.dbf");
     LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_MOVE, 2, 0, strNew, "", 0});
@@ -336,17 +340,8 @@ TEST_F(FileCommands, AFailedMoveRemovesTheHalfCopy)
     // The row names the file that holds the data again: a pass writes the
     // list as the image has it, and the next start loads what it names.
     EXPECT_STREQ(m_db.PathOf(2).c_str(), lpRow->m_lpszFilePath);
-    // The engine takes the request back; the file keeps taking passes.
     TakeBack(lpRow, m_db.PathOf(2));
-    std::mt19937 rng(9);
-    m_db.RandomChanges(50, rng);
-    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    EXPECT_EQ(0, m_db.CheckDisk(m_db.CommittedOnDisk()).m_nViolations);
-}
-
-TEST_F(FileCommands, AFailedGrowthLeavesTheFileAsItWas)
-{
-    LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_RESIZE, 2, 0, "", "", 12 * DB_MIB});
+    Ask({FILECMD_RESIZE, 2, 0, "", "", 12 * DB_MIB});
     m_db.Pass();
     {
         FaultFileIO io;
@@ -359,7 +354,10 @@ TEST_F(FileCommands, AFailedGrowthLeavesTheFileAsItWas)
     EXPECT_EQ(4 * DB_MIB, Val(m_db.FileHead(2)->m_nFileTotalSize));
     EXPECT_EQ(4 * DB_MIB, Val(m_db.File(2)->m_liFileSize));
     TakeBack(lpRow, "", 4 * DB_MIB);
-    m_db.Pass();
+    std::mt19937 rng(9);
+    m_db.RandomChanges(50, rng);
+    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(0, m_db.CheckDisk(m_db.CommittedOnDisk()).m_nViolations);
     ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
 }
 
