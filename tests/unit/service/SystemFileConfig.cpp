@@ -205,6 +205,14 @@ TEST_F(SystemFileConfig, WriteBackAtExitPutsTheHeadIntoTheIni)
     h->m_nTalvorArchiveType = 2;
     h->m_nTalvorDevelopMode = 1;
     CBreltMemStorageModule stModule;
+    // A head without its mark, or none, writes nothing and leaves the status.
+    const std::string strBefore = Ini();
+    h->m_nDataFlag = DATAFILE_DATAFLAG;
+    EXPECT_FALSE(stModule.WriteSysConfigParam(nullptr, h, FALSE, TRUE));
+    EXPECT_FALSE(stModule.WriteSysConfigParam(nullptr, nullptr, FALSE, TRUE));
+    EXPECT_EQ(1, h->m_bStatus);
+    EXPECT_EQ(strBefore, Ini());
+    h->m_nDataFlag = SYSTEMFILE_DATAFLAG;
     FILEINFO stSystem = {};
     strcpy(stSystem.m_lpszFilePath, "/srv/db7/Main.dbf");
     stModule.m_lpSystemFileInfo = &stSystem;
@@ -239,18 +247,6 @@ TEST_F(SystemFileConfig, WriteBackOutsideExitReadsTheAddressesAndArchiveBack)
     EXPECT_NE(std::string::npos, strIni.find("Talvor_Develop_Mode=1")) << strIni;
     EXPECT_NE(std::string::npos, strIni.find("systemfile=System.dbf")) << strIni;  // no system file yet
     EXPECT_EQ(std::string::npos, strIni.find("listenip=0.0.0.0")) << strIni;
-}
-
-TEST_F(SystemFileConfig, WriteBackNeedsAHeadWithItsMark)
-{
-    LPSYSTEMFILEHEAD h = ZeroHead("", DATAFILE_DATAFLAG);
-    std::string strBefore = Ini();
-    h->m_bStatus = 1;
-    CBreltMemStorageModule stModule;
-    EXPECT_FALSE(stModule.WriteSysConfigParam(nullptr, h, FALSE, TRUE));
-    EXPECT_FALSE(stModule.WriteSysConfigParam(nullptr, nullptr, FALSE, TRUE));
-    EXPECT_EQ(1, h->m_bStatus);
-    EXPECT_EQ(strBefore, Ini());
 }
 
 TEST_F(SystemFileConfig, SystemFileIsFoundUnderTheDatabaseDirectory)
