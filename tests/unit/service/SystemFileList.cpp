@@ -20,14 +20,10 @@ namespace {
 const long long MIB = 1048576;
 
 struct RowPlan {
-    RowPlan(BYTE bFileNo, BYTE bFileType, long long nSize, BYTE bDrop = 0, const std::string& strPath = "")
-        : m_bFileNo(bFileNo), m_bFileType(bFileType), m_nSize(nSize), m_bDrop(bDrop), m_strPath(strPath)
-    {
-    }
     BYTE m_bFileNo;
     BYTE m_bFileType;
     long long m_nSize;
-    BYTE m_bDrop;
+    BYTE m_bDrop = 0;
     std::string m_strPath;  // empty: "<dir>F<no>.dbf"
 };
 
@@ -138,7 +134,7 @@ TEST_F(SystemFileList, LiveRowsGetDescriptorsAndImagesDroppedRowsNone)
     EXPECT_EQ(&lpBlock->m_bSaveFlag, p2->m_pSaveFlag);
     EXPECT_EQ(2 * MIB, Val(lpRows[1].m_nLoadSize));  // loaded in full
     EXPECT_EQ(FILETYPE_DATA, p2->m_bFileType);
-    EXPECT_EQ(PathOf(RowPlan(2, 0, 0)), std::string(p2->m_lpszFilePath));
+    EXPECT_EQ(PathOf(RowPlan{2, 0, 0}), std::string(p2->m_lpszFilePath));
     EXPECT_STREQ("F2", p2->m_lpszTablespaceName);
     // The dropped row keeps its record, untouched.
     EXPECT_EQ(3, lpRows[2].m_bFileNo);
@@ -159,8 +155,8 @@ TEST_F(SystemFileList, LiveRowsGetDescriptorsAndImagesDroppedRowsNone)
     EXPECT_EQ(4 + 2 + 1, Val(lpProgress->m_nTotal));
     std::string strTrace = m_tree.Trace();
     EXPECT_NE(std::string::npos, strTrace.find("10030010 LoadMemDBFileData Read the data file, file path: " +
-                                               PathOf(RowPlan(2, 0, 0)) + ", file size: 2097152"));
-    EXPECT_EQ(std::string::npos, strTrace.find(PathOf(RowPlan(3, 0, 0))));
+                                               PathOf(RowPlan{2, 0, 0}) + ", file size: 2097152"));
+    EXPECT_EQ(std::string::npos, strTrace.find(PathOf(RowPlan{3, 0, 0})));
 }
 
 TEST_F(SystemFileList, RowsPastOneBlockAreAllRead)
