@@ -82,7 +82,6 @@ struct DbFileIO {
 };
 
 BACKUPFILEHEAD* HeadOf(std::string& strBackup) { return (BACKUPFILEHEAD*)&strBackup[0]; }
-STRUCT_BACKUP_FILEINFO& RecordOf(std::string& strBackup, int i) { return HeadOf(strBackup)->m_stBackupFileInfo[i]; }
 BACKUPINCREMENTITEM* ItemAt(std::string& strBackup, long long nPagePos, int i)
 {
     return (BACKUPINCREMENTITEM*)&strBackup[(size_t)nPagePos + 20 + (size_t)i * sizeof(BACKUPINCREMENTITEM)];
@@ -337,7 +336,7 @@ TEST_F(Restore, IncrementsApplyInRisingLevelOverTheFullBackupAndCreateMissingFil
     // fill the rest with zeros.
     int nShort = 0;
     for (int i = 0; i < DB_FILES; i++) {
-        const STRUCT_BACKUP_FILEINFO& r = RecordOf(m_arChain[0], i);
+        const STRUCT_BACKUP_FILEINFO& r = *Record(m_arChain[0], i);
         nShort += Val(r.m_nFileFreeMemoryOffset) < Val(r.m_nFileSize) ? 1 : 0;
     }
     ASSERT_GT(nShort, 0);
@@ -472,9 +471,9 @@ TEST_F(Restore, ATornForeignOrDamagedChainIsRefusedBeforeAByteOfAnyDatabaseFileI
     // Positions inside the chain as it stands. A cut anywhere past a
     // record's start fails that record's one range check: one cut each.
     std::string& strL1 = m_arChain[1];
-    const long long nL1File2 = Val(RecordOf(strL1, 1).m_nDataStartOffset);
+    const long long nL1File2 = Val(Record(strL1, 1)->m_nDataStartOffset);
     const long long nL1Page2 = Val(PageAt(strL1, nL1File2)->m_nNextPos);
-    const long long nL0File2End = Val(RecordOf(m_arChain[0], 1).m_nDataEndOffset);
+    const long long nL0File2End = Val(Record(m_arChain[0], 1)->m_nDataEndOffset);
     ASSERT_NE(0, nL1Page2);
     const long long nLevel2b = m_nLevel2 + 5;
     const std::vector<Case> vCases = {
@@ -497,21 +496,21 @@ TEST_F(Restore, ATornForeignOrDamagedChainIsRefusedBeforeAByteOfAnyDatabaseFileI
         {"a page chain that loops", [=](std::string* c) { PageAt(c[1], nL1Page2)->m_nNextPos = nL1File2; }, 0,
          "next page is not further on"},
         {"a piece past its file's size",
-         [=](std::string* c) { ItemAt(c[1], nL1File2, 7)->m_nBlockFilePos = Val(RecordOf(c[1], 1).m_nFileSize); },
+         [=](std::string* c) { ItemAt(c[1], nL1File2, 7)->m_nBlockFilePos = Val(Record(c[1], 1)->m_nFileSize); },
          0, "outside the database file's size"},
         {"a piece outside its file's data",
          [=](std::string* c) { ItemAt(c[1], nL1File2, 7)->m_nBlockDataPos = 0; }, 0, "outside the file's data"},
         {"a negative piece length", [=](std::string* c) { ItemAt(c[1], nL1File2, 0)->m_nBlockSize = -8; }, 0,
          "wrong type or length"},
-        {"a relative path", [](std::string* c) { strcpy(RecordOf(c[2], 3).m_lpszFilePath, "F4.dbf"); }, 0,
+        {"a relative path", [](std::string* c) { strcpy(Record(c[2], 3)->m_lpszFilePath, "F4.dbf"); }, 0,
          "not a whole absolute file path"},
         {"a path that steps up",
-         [](std::string* c) { strcpy(RecordOf(c[0], 3).m_lpszFilePath, "/tmp/x/../F4.dbf"); }, 0, "steps up"},
+         [](std::string* c) { strcpy(Record(c[0], 3)->m_lpszFilePath, "/tmp/x/../F4.dbf"); }, 0, "steps up"},
         {"a head area of the wrong size", [](std::string* c) { HeadOf(c[0])->m_nHeadSize = 16384; }, 0,
          "head area size"},
         {"a full backup of no file", [](std::string* c) { HeadOf(c[0])->m_nFileNum = 0; }, 0, "count of files"},
         {"a full record that claims more than its used part",
-         [](std::string* c) { RecordOf(c[0], 1).m_nFileFreeMemoryOffset -= 512; }, 0, "does not fit its used size"},
+         [](std::string* c) { Record(c[0], 1)->m_nFileFreeMemoryOffset -= 512; }, 0, "does not fit its used size"},
         {"a level 2 of another database",
          [this](std::string* c) { HeadOf(c[2])->m_usDataBaseGuid = (USHORT)(m_usGuid + 1); }, 0,
          "database identity differ"},
@@ -569,7 +568,7 @@ TEST_F(Restore, AnyByteOfTheHeadsAndPagesChangedNeverLeadsAWriteOutsideItsFile)
         long long nRecordsEnd = BACKUP_FIXED_HEAD_SIZE + Val(HeadOf(strLink)->m_nFileNum) * 296LL;
         for (long long n = 0; n < nRecordsEnd; n++) vPlaces.push_back({nLink, n});
         for (int i = 0; i < Val(HeadOf(strLink)->m_nFileNum); i++)
-            for (long long nPage = Val(RecordOf(strLink, i).m_nDataStartOffset); nPage != 0;
+            for (long long nPage = Val(Record(strLink, i)->m_nDataStartOffset); nPage != 0;
                  nPage = Val(PageAt(strLink, nPage)->m_nNextPos))
                 for (long long n = 0; n < 20 + 28LL * Val(PageAt(strLink, nPage)->m_nIncrementBlockNum); n++)
                     vPlaces.push_back({nLink, nPage + n});
@@ -605,9 +604,9 @@ TEST_F(Restore, EachStepCalledAloneChecksItsOwnBackupBeforeItWrites)
     std::string arChain[3] = {m_arChain[0], m_arChain[1], m_arChain[2]};
     // The full cut inside its third file's data; a level 1 piece aimed past
     // the end of its file.
-    arChain[0].resize((size_t)Val(RecordOf(arChain[0], 2).m_nDataStartOffset) + 1000);
-    const long long nFile2 = Val(RecordOf(arChain[1], 1).m_nDataStartOffset);
-    ItemAt(arChain[1], nFile2, 3)->m_nBlockFilePos = Val(RecordOf(arChain[1], 1).m_nFileSize) + 4096;
+    arChain[0].resize((size_t)Val(Record(arChain[0], 2)->m_nDataStartOffset) + 1000);
+    const long long nFile2 = Val(Record(arChain[1], 1)->m_nDataStartOffset);
+    ItemAt(arChain[1], nFile2, 3)->m_nBlockFilePos = Val(Record(arChain[1], 1)->m_nFileSize) + 4096;
     WriteChain(arChain);
     const std::vector<FileMark> vBefore = Marks();
     DbFileIO io(m_db.m_tree.LogDir());
@@ -647,7 +646,7 @@ TEST_F(Restore, CommandWithAnUnusableChainRefusesAndLeavesTheDatabaseUp)
     ASSERT_TRUE(WriteWholeFile(BackupPath(nTimestamp), strBackup.substr(0, strBackup.size() - 1)));
     std::string strForeign = strBackup;
     const std::string strOtherSystem = m_db.m_tree.Dir() + "Other/System.dbf";
-    snprintf(RecordOf(strForeign, 0).m_lpszFilePath, 256, "%s", strOtherSystem.c_str());
+    snprintf(Record(strForeign, 0)->m_lpszFilePath, 256, "%s", strOtherSystem.c_str());
     HeadOf(strForeign)->m_nTimestamp = nTimestamp + 2;
     ASSERT_TRUE(WriteWholeFile(BackupPath(nTimestamp + 2), strForeign));
     for (long long nAsked : {nTimestamp, nTimestamp + 2}) {
