@@ -62,11 +62,11 @@ protected:
         return m_lpCmd->m_bResult;
     }
     // The items of one file's page chain, pages checked on the way.
-    std::vector<Item> Items(const std::string& strBackup, const STRUCT_BACKUP_FILEINFO& r, int* pPages)
+    std::vector<Item> Items(const std::string& strBackup, const STRUCT_BACKUP_FILEINFO& r, int* pPages = nullptr)
     {
         std::vector<Item> v;
         long long nPage = r.m_nDataStartOffset;
-        *pPages = 0;
+        int nPages = 0;
         while (nPage != 0) {
             EXPECT_LE(nPage + BACKUP_INCREMENT_PAGE_SIZE, (long long)strBackup.size());
             BACKUPINCREMENTHEAD stPage = At<BACKUPINCREMENTHEAD>(strBackup, nPage);
@@ -74,7 +74,7 @@ protected:
             EXPECT_EQ(BACKUP_INCREMENT_PAGE_SIZE, Val(stPage.m_nBlockSize));
             int nCount = stPage.m_nIncrementBlockNum;
             EXPECT_LE(nCount, BACKUP_INCREMENT_MAX_ITEMS);
-            if (nCount < 0 || nCount > BACKUP_INCREMENT_MAX_ITEMS || ++*pPages > 100) break;
+            if (nCount < 0 || nCount > BACKUP_INCREMENT_MAX_ITEMS || ++nPages > 100) break;
             for (int i = 0; i < nCount; i++) {
                 BACKUPINCREMENTITEM it = At<BACKUPINCREMENTITEM>(strBackup, nPage + 20 + 28LL * i);
                 v.push_back({it.m_nBlockType, it.m_nBlockNo, it.m_nBlockFilePos, it.m_nBlockSize, it.m_nBlockDataPos});
@@ -86,6 +86,7 @@ protected:
             }
             nPage = nNext;
         }
+        if (pPages != nullptr) *pPages = nPages;
         return v;
     }
     PersistenceDb m_db;
@@ -136,8 +137,7 @@ TEST_F(IncrementalBackup, OnlyWhatChangedSinceTheReferenceGoesInAsItStandsOnDisk
             continue;
         }
         ASSERT_GE(Val(r.m_nDataStartOffset), BackupHeadSize(4));
-        int nPages = 0;
-        std::vector<Item> vItems = Items(strBackup, r, &nPages);
+        std::vector<Item> vItems = Items(strBackup, r);
         std::string strFile = ReadWholeFile(m_db.PathOf(nFileNo));
         ASSERT_FALSE(vItems.empty());
         EXPECT_EQ(BACKUPITEM_FILEHEAD, vItems[0].m_bType);
@@ -255,53 +255,52 @@ TEST_F(IncrementalBackup, ABackupNeverCostsTheBackupWhoseNameItWouldTake)
     EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
 }
 
-TEST_F(IncrementalBackup, ABlockThatIsNotWhatItsEntrySaysStopsTheBackup)
+// Damage on disk under blocks changed after the reference (the reference
+// is the first change's own timestamp: a chain a restore would take) stops
+// the backup before its name is taken.
+TEST_F(IncrementalBackup, ABlockOrMapThatIsNotWhatItsEntrySaysStopsTheBackup)
 {
     long long nRef = m_db.BeginTransaction();
-    long long ts = m_db.BeginTransaction();
-    m_db.ChangeRow(2, 5, 0, ts, ts);
-    m_db.EndTransaction(ts);
+    for (int nFileNo : {2, 3}) {
+        long long ts = m_db.BeginTransaction();
+        m_db.ChangeRow(nFileNo, 5, 0, ts, ts);
+        m_db.EndTransaction(ts);
+    }
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    // On disk, block 6's head names another number.
-    const long long nAt = m_db.BlockOffset(2, 5);
-    std::string strFile = ReadWholeFile(m_db.PathOf(2));
-    UINT nWrong = 999;
-    memcpy(&strFile[(size_t)nAt + offsetof(BASEBLOCKHEAD, m_nBlockNo)], &nWrong, sizeof(nWrong));
-    ASSERT_TRUE(WriteWholeFile(m_db.PathOf(2), strFile));
-    // A point after the change, and so after the reference, which is the
-    // change's own timestamp: a chain a restore would take.
-    const long long nTs = ts + 1;
-    EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nRef));
-    EXPECT_FALSE(PathExists(BackupPath(nTs)));
-    EXPECT_TRUE(m_db.m_tree.Traced("read from database file"));
-}
-
-TEST_F(IncrementalBackup, AMapPointingOutsideItsFileStopsTheBackup)
-{
-    long long nRef = m_db.BeginTransaction();
-    long long ts = m_db.BeginTransaction();
-    m_db.ChangeRow(3, 2, 0, ts, ts);
-    m_db.EndTransaction(ts);
-    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    // The map of file 3 on disk names a next map far past the end, and its
-    // entry count claims more than the block holds: either alone stops it.
-    std::string strFile = ReadWholeFile(m_db.PathOf(3));
-    BASEFILEHEAD stHead = At<BASEFILEHEAD>(strFile, 0);
-    long long nMap = stHead.m_nBlockMapStartOffset;
-    long long nFar = 1LL << 40;
-    memcpy(&strFile[(size_t)nMap + offsetof(BASEFILEBLOCKMAPHEAD, m_nNextBlockMapOffset)], &nFar, sizeof(nFar));
-    ASSERT_TRUE(WriteWholeFile(m_db.PathOf(3), strFile));
-    const long long nTs = ts + 1;
-    EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nRef));
-    EXPECT_FALSE(PathExists(BackupPath(nTs)));
-
-    int nHuge = 1 << 30;
-    memset(&strFile[(size_t)nMap + offsetof(BASEFILEBLOCKMAPHEAD, m_nNextBlockMapOffset)], 0, 8);
-    memcpy(&strFile[(size_t)nMap + offsetof(BASEFILEBLOCKMAPHEAD, m_nBlockMapNum)], &nHuge, sizeof(nHuge));
-    ASSERT_TRUE(WriteWholeFile(m_db.PathOf(3), strFile));
-    EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nRef));
-    EXPECT_FALSE(PathExists(BackupPath(nTs)));
-    EXPECT_TRUE(m_db.m_tree.Traced("Map block id is incorrect"));
+    const long long nTs = m_db.Head()->m_nEndTimestamp + 1;
+    const long long nMap = At<BASEFILEHEAD>(ReadWholeFile(m_db.PathOf(3)), 0).m_nBlockMapStartOffset;
+    struct Case {
+        int m_nFileNo;
+        long long m_nAt;
+        long long m_nValue;  // written in m_nSize bytes
+        size_t m_nSize;
+        const char* m_lpTraced;
+    };
+    const Case arCases[] = {
+        // The block's head names another number.
+        {2, m_db.BlockOffset(2, 5) + (long long)offsetof(BASEBLOCKHEAD, m_nBlockNo), 999, 4,
+         "read from database file"},
+        // The map names a next map far past the end; its count claims more
+        // than the block holds.
+        {3, nMap + (long long)offsetof(BASEFILEBLOCKMAPHEAD, m_nNextBlockMapOffset), 1LL << 40, 8,
+         "Failed to read database file"},
+        {3, nMap + (long long)offsetof(BASEFILEBLOCKMAPHEAD, m_nBlockMapNum), 1 << 30, 4,
+         "Map block id is incorrect"},
+    };
+    for (const Case& c : arCases) {
+        SCOPED_TRACE(c.m_lpTraced);
+        const std::string strGood = ReadWholeFile(m_db.PathOf(c.m_nFileNo));
+        std::string strFile = strGood;
+        memcpy(&strFile[(size_t)c.m_nAt], &c.m_nValue, c.m_nSize);
+        ASSERT_TRUE(WriteWholeFile(m_db.PathOf(c.m_nFileNo), strFile));
+        const size_t nTraceBefore = m_db.m_tree.Trace().size();
+        EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nRef));
+        EXPECT_FALSE(PathExists(BackupPath(nTs)));
+        EXPECT_NE(std::string::npos, m_db.m_tree.Trace().find(c.m_lpTraced, nTraceBefore));
+        ASSERT_TRUE(WriteWholeFile(m_db.PathOf(c.m_nFileNo), strGood));
+    }
+    // The same backup over the files made whole: the damage stopped it.
+    EXPECT_EQ(CLUSTERRESULT_OK, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nRef));
 }
 
 namespace {
@@ -359,9 +358,8 @@ protected:
     {
         const STRUCT_BACKUP_FILEINFO r = At<STRUCT_BACKUP_FILEINFO>(strBackup, BACKUP_FIXED_HEAD_SIZE + 296LL);
         EXPECT_EQ(2, Val(r.m_bFileNo));
-        int nPages = 0;
         std::set<long long> setBlocks;
-        for (const Item& it : Items(strBackup, r, &nPages))
+        for (const Item& it : Items(strBackup, r))
             if (it.m_bType == BACKUPITEM_DATABLOCK) setBlocks.insert(it.m_nFilePos);
         return setBlocks;
     }
@@ -372,19 +370,7 @@ protected:
 
 } // namespace
 
-TEST_F(IncrementalBackupByImage, PassingOverByTheImageWritesTheSameBytesAsReadingEveryHead)
-{
-    std::string strByImage = BackupNow(TRUE);
-    std::string strByDisk = BackupNow(FALSE);
-    ASSERT_GE(strByImage.size(), (size_t)BACKUP_HEAD_ALIGN);
-    // Not a vacuous match: the blocks saved at or after the reference, and
-    // none that changed in the image only.
-    EXPECT_EQ(m_setSaved, DataBlocksOfFile2(strByImage));
-    EXPECT_EQ(m_setSaved, DataBlocksOfFile2(strByDisk));
-    EXPECT_TRUE(backuptest::SameBackup(strByDisk, strByImage));
-}
-
-TEST_F(IncrementalBackupByImage, BlocksTheImageShowsOlderAreNotReadAndPiecesGoInFewWrites)
+TEST_F(IncrementalBackupByImage, PassingOverByTheImageWritesTheSameBytesWithFewReadsAndWrites)
 {
     const std::string strData = m_db.PathOf(2), strBackupPath = BackupPath(m_nTs);
     long long nReads = 0, nWrites = 0;
@@ -397,10 +383,16 @@ TEST_F(IncrementalBackupByImage, BlocksTheImageShowsOlderAreNotReadAndPiecesGoIn
         ScopedFileIO scoped(&io);
         return BackupNow(bByImage);
     };
-    Run(FALSE);
+    const std::string strByDisk = Run(FALSE);
     // 320 blocks: without the image each costs a read of its head.
     EXPECT_GE(nReads, 320);
     std::string strBackup = Run(TRUE);
+    // The same bytes either way, and not a vacuous match: the blocks saved
+    // at or after the reference, and none that changed in the image only.
+    ASSERT_GE(strBackup.size(), (size_t)BACKUP_HEAD_ALIGN);
+    EXPECT_EQ(m_setSaved, DataBlocksOfFile2(strBackup));
+    EXPECT_EQ(m_setSaved, DataBlocksOfFile2(strByDisk));
+    EXPECT_TRUE(backuptest::SameBackup(strByDisk, strBackup));
     // With it: the file head, the map, and two reads for each of the three
     // changed blocks (the head is read again, whole with the block), and
     // the two changed in the image only are read to find them unchanged.
@@ -410,8 +402,7 @@ TEST_F(IncrementalBackupByImage, BlocksTheImageShowsOlderAreNotReadAndPiecesGoIn
         const STRUCT_BACKUP_FILEINFO r = At<STRUCT_BACKUP_FILEINFO>(strBackup, BACKUP_FIXED_HEAD_SIZE + 296LL * i);
         if (r.m_nDataStartOffset == 0) continue;
         nChangedFiles++;
-        int nPages = 0;
-        nItems += (int)Items(strBackup, r, &nPages).size();
+        nItems += (int)Items(strBackup, r).size();
     }
     // The system file and the data file, with more pieces than files.
     ASSERT_EQ(2, nChangedFiles);

@@ -205,6 +205,14 @@ TEST_F(SystemFileConfig, WriteBackAtExitPutsTheHeadIntoTheIni)
     h->m_nTalvorArchiveType = 2;
     h->m_nTalvorDevelopMode = 1;
     CBreltMemStorageModule stModule;
+    // A head without its mark, or none, writes nothing and leaves the status.
+    const std::string strBefore = Ini();
+    h->m_nDataFlag = DATAFILE_DATAFLAG;
+    EXPECT_FALSE(stModule.WriteSysConfigParam(nullptr, h, FALSE, TRUE));
+    EXPECT_FALSE(stModule.WriteSysConfigParam(nullptr, nullptr, FALSE, TRUE));
+    EXPECT_EQ(1, h->m_bStatus);
+    EXPECT_EQ(strBefore, Ini());
+    h->m_nDataFlag = SYSTEMFILE_DATAFLAG;
     FILEINFO stSystem = {};
     strcpy(stSystem.m_lpszFilePath, "/srv/db7/Main.dbf");
     stModule.m_lpSystemFileInfo = &stSystem;
@@ -241,47 +249,28 @@ TEST_F(SystemFileConfig, WriteBackOutsideExitReadsTheAddressesAndArchiveBack)
     EXPECT_EQ(std::string::npos, strIni.find("listenip=0.0.0.0")) << strIni;
 }
 
-TEST_F(SystemFileConfig, WriteBackNeedsAHeadWithItsMark)
-{
-    LPSYSTEMFILEHEAD h = ZeroHead("", DATAFILE_DATAFLAG);
-    std::string strBefore = Ini();
-    h->m_bStatus = 1;
-    CBreltMemStorageModule stModule;
-    EXPECT_FALSE(stModule.WriteSysConfigParam(nullptr, h, FALSE, TRUE));
-    EXPECT_FALSE(stModule.WriteSysConfigParam(nullptr, nullptr, FALSE, TRUE));
-    EXPECT_EQ(1, h->m_bStatus);
-    EXPECT_EQ(strBefore, Ini());
-}
-
 TEST_F(SystemFileConfig, SystemFileIsFoundUnderTheDatabaseDirectory)
 {
     EXPECT_EQ(m_tree.Dir() + "System.dbf",
               SystemFileWith("[System]\r\ndatabasepath=" + m_tree.Dir() + "\r\n"));
     // A "/" is added to the directory; an absolute name stands alone.
-    EXPECT_EQ("/srv/db/Main.dbf",
-              SystemFileWith("[System]\r\ndatabasepath=/srv/db\r\nsystemfile=Main.dbf\r\n"));
     EXPECT_EQ("/elsewhere/S.dbf",
               SystemFileWith("[System]\r\ndatabasepath=/srv/db/\r\nsystemfile=/elsewhere/S.dbf\r\n"));
+    EXPECT_EQ("/srv/db/Main.dbf",
+              SystemFileWith("[System]\r\ndatabasepath=/srv/db\r\nsystemfile=Main.dbf\r\n"));
+    // The install form falls back to the same rule without a copy beside the
+    // program, and leaves the ini as it was.
+    char szPath[MAX_PATH], szName[64], szDir[256] = {0}, szDb[] = "Talvor";
+    CBreltMemStorageModule().GetSystemFilePath(nullptr, szPath, szName, szDir, szDb);
+    EXPECT_STREQ("/srv/db/Main.dbf", szPath);
+    EXPECT_STREQ("", szDir);
+    EXPECT_STREQ("Global\\TalvorSysFile", szName);
+    EXPECT_NE(std::string::npos, Ini().find("databasepath=/srv/db\r\n"));
     // With no directory configured: two levels above the program, Data/Talvor/.
     char szExe[MAX_PATH] = {0};
     ASSERT_GT(readlink("/proc/self/exe", szExe, sizeof(szExe) - 1), 0);
     std::string strRoot = std::string(szExe).substr(0, std::string(szExe).rfind('/'));
     strRoot = strRoot.substr(0, strRoot.rfind('/'));
     EXPECT_EQ(strRoot + "/Data/Talvor/System.dbf", SystemFileWith("[System]\r\nLanguage=0\r\n"));
-    m_tree.WriteIni("");
-}
-
-TEST_F(SystemFileConfig, InstallFormFallsBackToTheUsualRuleWithoutACopyBesideTheProgram)
-{
-    CBreltMemStorageModule stModule;
-    char szPath[MAX_PATH], szName[64], szDir[256] = {0}, szDb[] = "Talvor";
-    // No system file in the program's default directory here.
-    WriteWholeFile(m_tree.IniPath(), "[System]\r\ndatabasepath=/srv/db\r\nsystemfile=Main.dbf\r\n");
-    TalvorConfigInit(m_tree.IniPath().c_str());
-    stModule.GetSystemFilePath(nullptr, szPath, szName, szDir, szDb);
-    EXPECT_STREQ("/srv/db/Main.dbf", szPath);
-    EXPECT_STREQ("", szDir);
-    EXPECT_STREQ("Global\\TalvorSysFile", szName);
-    EXPECT_NE(std::string::npos, ReadWholeFile(m_tree.IniPath()).find("databasepath=/srv/db\r\n"));
     m_tree.WriteIni("");
 }

@@ -20,14 +20,10 @@ namespace {
 const long long MIB = 1048576;
 
 struct RowPlan {
-    RowPlan(BYTE bFileNo, BYTE bFileType, long long nSize, BYTE bDrop = 0, const std::string& strPath = "")
-        : m_bFileNo(bFileNo), m_bFileType(bFileType), m_nSize(nSize), m_bDrop(bDrop), m_strPath(strPath)
-    {
-    }
     BYTE m_bFileNo;
     BYTE m_bFileType;
     long long m_nSize;
-    BYTE m_bDrop;
+    BYTE m_bDrop = 0;
     std::string m_strPath;  // empty: "<dir>F<no>.dbf"
 };
 
@@ -113,6 +109,7 @@ protected:
 
 TEST_F(SystemFileList, LiveRowsGetDescriptorsAndImagesDroppedRowsNone)
 {
+    m_tree.WriteIni("buffercachesize=0\r\nundoareasize=8\r\ninnodb_lock_wait_timeout=0\r\n");
     std::string strSystem = MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE},
                                           {2, FILETYPE_DATA, 2 * MIB},
                                           {3, FILETYPE_DATA, 2 * MIB, 1},
@@ -137,7 +134,7 @@ TEST_F(SystemFileList, LiveRowsGetDescriptorsAndImagesDroppedRowsNone)
     EXPECT_EQ(&lpBlock->m_bSaveFlag, p2->m_pSaveFlag);
     EXPECT_EQ(2 * MIB, Val(lpRows[1].m_nLoadSize));  // loaded in full
     EXPECT_EQ(FILETYPE_DATA, p2->m_bFileType);
-    EXPECT_EQ(PathOf(RowPlan(2, 0, 0)), std::string(p2->m_lpszFilePath));
+    EXPECT_EQ(PathOf(RowPlan{2, 0, 0}), std::string(p2->m_lpszFilePath));
     EXPECT_STREQ("F2", p2->m_lpszTablespaceName);
     // The dropped row keeps its record, untouched.
     EXPECT_EQ(3, lpRows[2].m_bFileNo);
@@ -151,14 +148,15 @@ TEST_F(SystemFileList, LiveRowsGetDescriptorsAndImagesDroppedRowsNone)
 
     LPSYSTEMFILEHEAD lpHead = m.m_pMemoryFileHead;
     EXPECT_EQ(1, lpHead->m_bStatus);  // readiness is the caller's
+    EXPECT_EQ(0, lpHead->m_bForbidSaveFlag);
+    EXPECT_EQ(180, Val(lpHead->m_nLockWaitTimeout));  // a lock wait timeout of 0 is none
     LPTALVORPROGRESS lpProgress = m.m_pFlashback->GetProgress();
-    EXPECT_STREQ("Loading...", lpProgress->m_lpTitle);
     EXPECT_EQ(4 + 2 + 1, Val(lpProgress->m_nPos));
     EXPECT_EQ(4 + 2 + 1, Val(lpProgress->m_nTotal));
     std::string strTrace = m_tree.Trace();
     EXPECT_NE(std::string::npos, strTrace.find("10030010 LoadMemDBFileData Read the data file, file path: " +
-                                               PathOf(RowPlan(2, 0, 0)) + ", file size: 2097152"));
-    EXPECT_EQ(std::string::npos, strTrace.find(PathOf(RowPlan(3, 0, 0))));
+                                               PathOf(RowPlan{2, 0, 0}) + ", file size: 2097152"));
+    EXPECT_EQ(std::string::npos, strTrace.find(PathOf(RowPlan{3, 0, 0})));
 }
 
 TEST_F(SystemFileList, RowsPastOneBlockAreAllRead)
@@ -246,15 +244,6 @@ TEST_F(SystemFileList, NoFileListObjectMeansNoFiles)
     ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
     ASSERT_EQ(S_OK, Start());
     EXPECT_EQ(nullptr, m_pModule->m_pStorageInfo);
-}
-
-TEST_F(SystemFileList, LockWaitTimeoutOfZeroBecomes180)
-{
-    m_tree.WriteIni("buffercachesize=0\r\nundoareasize=8\r\ninnodb_lock_wait_timeout=0\r\n");
-    MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE}}, DB_SYSTEMFILE_LISTBLOCK_SIZE);
-    ASSERT_EQ(S_OK, Start());
-    EXPECT_EQ(180, Val(m_pModule->m_pMemoryFileHead->m_nLockWaitTimeout));
-    EXPECT_EQ(0, m_pModule->m_pMemoryFileHead->m_bForbidSaveFlag);
 }
 
 TEST_F(SystemFileList, MovedRowsAreRewrittenAndTheBlockReachesTheDisk)
