@@ -67,7 +67,7 @@ protected:
         m_info.m_pStorageFile = m_pStorage;
         m_vLogical = m_vDisk;
         m_pScoped.reset(new talvortest::ScopedFileIO(&m_io));
-        RecordCalls();
+        RecordReads();
     }
 
     // The file's bytes as the disk holds them, read past every layer.
@@ -153,33 +153,31 @@ protected:
         return std::vector<int>(b->m_bDataFlag, b->m_bDataFlag + FILESTORE_PART_NUM);
     }
     // Transfers that reached the layer since the last ClearCalls, as
-    // (offset, size).
+    // (offset, size). The layer logs the writes; the reads are noted here.
     typedef std::vector<std::pair<long long, long long>> Calls;
     void ClearCalls()
     {
         std::lock_guard<std::mutex> g(m_callLock);
         m_vReads.clear();
-        m_vWrites.clear();
+        m_nWritesBefore = m_io.Writes().size();
     }
     Calls Reads()
     {
         std::lock_guard<std::mutex> g(m_callLock);
         return m_vReads;
     }
-    Calls Writes()
+    Calls Writes() const
     {
-        std::lock_guard<std::mutex> g(m_callLock);
-        return m_vWrites;
+        std::vector<talvortest::FileWrite> vAll = m_io.Writes();
+        Calls v;
+        for (size_t i = m_nWritesBefore; i < vAll.size(); i++) v.push_back({vAll[i].m_nOffset, vAll[i].m_nSize});
+        return v;
     }
-    void RecordCalls()
+    void RecordReads()
     {
         m_io.OnCall(talvortest::FileOp::PRead, [this](const talvortest::FileCall& c) {
             std::lock_guard<std::mutex> g(m_callLock);
             m_vReads.push_back({c.m_nOffset, c.m_nSize});
-        });
-        m_io.OnCall(talvortest::FileOp::PWrite, [this](const talvortest::FileCall& c) {
-            std::lock_guard<std::mutex> g(m_callLock);
-            m_vWrites.push_back({c.m_nOffset, c.m_nSize});
         });
     }
 
@@ -226,7 +224,8 @@ protected:
 
     std::mt19937 m_rng;
     std::mutex m_callLock;
-    Calls m_vReads, m_vWrites;
+    Calls m_vReads;
+    size_t m_nWritesBefore = 0;
 };
 
 } // namespace cachetest
