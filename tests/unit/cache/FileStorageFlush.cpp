@@ -83,31 +83,74 @@ protected:
 };
 
 
-TEST_F(FileFlush, LapsedRequestsWriteNothing)
+// What the live block is when its request is carried out decides what is
+// written and which marks clear: a block reused, moved on or cleaned is not
+// written; one changed since the request (a table's, as its transaction
+// tells too) or during the write keeps its flush mark; a failed write of a
+// block cancelled or given away meanwhile leaves the marks alone.
+TEST_F(FileFlush, TheLiveBlockDecidesTheWriteAndItsMarks)
 {
-    MakeFlush();
+    auto fnTrans = [this] {
+        m_req.m_llTransTimestamp = BLOCK_TS + 1;
+        Live()->m_nTimestamp = BLOCK_TS + 1;
+    };
+    auto fnGiveAway = [this] {
+        Live()->m_nBlockNo = BLOCK_NO + 9;
+        Live()->m_bSaveFlag = 0;
+        Live()->m_bFlushFlag = 0;
+    };
     struct Case {
         const char* lpName;
-        std::function<void()> fnSpoil;
+        std::function<void()> fnBefore;  // on the posted block and request
+        std::function<void()> fnDuring;  // at each try of the write
+        int nRet;
+        size_t nWrites;
+        int nSave, nFlush;  // the live block's marks afterwards
+        BYTE bFileType = FILETYPE_TABLE;
+        int nFails = 0;  // tries of the write that fail
+        long nCode = 0;
+        const char* lpText = "";
     } cases[] = {
-        {"cache block reused", [this]() { Live()->m_nBlockNo = BLOCK_NO + 1; }},
-        {"other file", [this]() { Live()->m_bFileNo = FS_FILE_NO + 1; }},
-        {"mark gone", [this]() { Live()->m_nDataFlag = 0; }},
+        {"cache block reused", [this] { Live()->m_nBlockNo = BLOCK_NO + 1; }, nullptr, 0, 0, 1, 1},
+        {"other file", [this] { Live()->m_bFileNo = FS_FILE_NO + 1; }, nullptr, 0, 0, 1, 1},
+        {"mark gone", [this] { Live()->m_nDataFlag = 0; }, nullptr, 0, 0, 1, 1},
         {"flags clear",
-         [this]() {
+         [this] {
              Live()->m_bSaveFlag = 0;
              Live()->m_bFlushFlag = 0;
-         }},
+         },
+         nullptr, 0, 0, 0, 0},
+        {"changed since", [this] { Live()->m_nTimestamp = BLOCK_TS + 1; }, nullptr, 0, 1, 1, 1},
+        {"changed as its transaction tells", fnTrans, nullptr, 0, 1, 1, 1},
+        // An index block is never held newer.
+        {"index changed as its transaction tells", fnTrans, nullptr, 0, 1, 1, 0, FILETYPE_INDEX},
+        {"flush code changed meanwhile", nullptr, [this] { Live()->m_bFlushCode = FLUSH_CODE + 1; }, 0, 1, 1, 1},
+        {"cancelled meanwhile", nullptr, [this] { m_req.m_llTimestamp = 0; }, 1, 3, 1, 1, FILETYPE_TABLE, 3},
+        {"given away meanwhile", nullptr, fnGiveAway, 1, 3, 0, 0, FILETYPE_TABLE, 3, 80005008,
+         "the original data block has been overwritten"},
+        {"index given away meanwhile", nullptr, fnGiveAway, 1, 3, 0, 0, FILETYPE_INDEX, 3, 80005012,
+         "Failed to write index block"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.lpName);
+        TearDown();
+        SetUp();
+        MakeFlush(c.bFileType);
         PostDataBlock();
-        c.fnSpoil();
-        BYTE bSave = Live()->m_bSaveFlag, bFlush = Live()->m_bFlushFlag;
-        EXPECT_EQ(0, Flush());
-        ExpectNothingWritten();
-        EXPECT_EQ(bSave, Val(Live()->m_bSaveFlag));
-        EXPECT_EQ(bFlush, Val(Live()->m_bFlushFlag));
+        if (c.fnBefore) c.fnBefore();
+        if (c.fnDuring) m_io.OnCall(FileOp::PWrite, [&c](const talvortest::FileCall&) { c.fnDuring(); });
+        if (c.nFails > 0) m_io.FailNext(FileOp::PWrite, EIO, c.nFails);
+        EXPECT_EQ(c.nRet, Flush());
+        m_io.OnCall(FileOp::PWrite, nullptr);
+        EXPECT_EQ(c.nWrites, Writes().size());
+        if (c.nRet != 0 || c.nWrites == 0) {
+            EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vDisk));
+        }
+        EXPECT_EQ(c.nSave, Val(Live()->m_bSaveFlag));
+        EXPECT_EQ(c.nFlush, Val(Live()->m_bFlushFlag));
+        if (c.nCode != 0) {
+            EXPECT_TRUE(Traced(c.nCode, c.lpText));
+        }
     }
 }
 
@@ -128,82 +171,6 @@ TEST_F(FileFlush, FailedWriteLeavesBlockToBeWrittenAgain)
     ASSERT_EQ(0, Flush());
     ExpectBlockOnDisk(BLOCK_FILE_OFFSET, true);
 }
-
-TEST_F(FileFlush, FailedWriteOfReusedBlockIsLogged)
-{
-    for (BYTE bType : {FILETYPE_TABLE, FILETYPE_INDEX}) {
-        SCOPED_TRACE((int)bType);
-        TearDown();
-        SetUp();
-        MakeFlush(bType);
-        PostDataBlock();
-        // While the write is tried, the peer gives the cache block away.
-        m_io.OnCall(FileOp::PWrite, [this](const talvortest::FileCall&) {
-            Live()->m_nBlockNo = BLOCK_NO + 9;
-            Live()->m_bSaveFlag = 0;
-            Live()->m_bFlushFlag = 0;
-        });
-        m_io.FailNext(FileOp::PWrite, EIO, 3);
-        EXPECT_EQ(1, Flush());
-        m_io.OnCall(FileOp::PWrite, nullptr);
-        if (bType == FILETYPE_TABLE)
-            EXPECT_TRUE(Traced(80005008, "the original data block has been overwritten"));
-        else
-            EXPECT_TRUE(Traced(80005012, "Failed to write index block"));
-        // The flags belong to the other block now and are left alone.
-        EXPECT_EQ(0, Val(Live()->m_bSaveFlag));
-        EXPECT_EQ(0, Val(Live()->m_bFlushFlag));
-    }
-}
-
-TEST_F(FileFlush, NewerBlockOrCancelDuringWriteKeepsFlags)
-{
-    MakeFlush();
-    PostDataBlock();
-    Live()->m_nTimestamp = BLOCK_TS + 1;  // changed after the request was made
-    EXPECT_EQ(0, Flush());
-    EXPECT_EQ(1u, Writes().size());
-    EXPECT_EQ(1, Val(Live()->m_bFlushFlag));
-    // Changed after the request as its transaction stamp tells, with the live
-    // block still at that stamp: the flag stays in a table file...
-    PostDataBlock();
-    m_req.m_llTransTimestamp = BLOCK_TS + 1;
-    Live()->m_nTimestamp = BLOCK_TS + 1;
-    EXPECT_EQ(0, Flush());
-    EXPECT_EQ(1, Val(Live()->m_bFlushFlag));
-    // Cancelled while being written: a failure is returned as it is and the
-    // flags stay.
-    PostDataBlock();
-    m_io.OnCall(FileOp::PWrite, [this](const talvortest::FileCall&) { m_req.m_llTimestamp = 0; });
-    m_io.FailNext(FileOp::PWrite, EIO, 3);
-    EXPECT_EQ(1, Flush());
-    m_io.OnCall(FileOp::PWrite, nullptr);
-    EXPECT_EQ(1, Val(Live()->m_bFlushFlag));
-    EXPECT_EQ(1, Val(Live()->m_bSaveFlag));
-}
-
-TEST_F(FileFlush, IndexBlockIsNeverHeldNewer)
-{
-    // ...while an index file clears it.
-    MakeFlush(FILETYPE_INDEX);
-    PostDataBlock();
-    m_req.m_llTransTimestamp = BLOCK_TS + 1;
-    Live()->m_nTimestamp = BLOCK_TS + 1;
-    EXPECT_EQ(0, Flush());
-    EXPECT_EQ(0, Val(Live()->m_bFlushFlag));
-    EXPECT_EQ(1, Val(Live()->m_bSaveFlag));
-}
-
-TEST_F(FileFlush, FlushCodeChangedMeanwhileKeepsFlushFlag)
-{
-    MakeFlush();
-    PostDataBlock();
-    m_io.OnCall(FileOp::PWrite, [this](const talvortest::FileCall&) { Live()->m_bFlushCode = FLUSH_CODE + 1; });
-    EXPECT_EQ(0, Flush());
-    m_io.OnCall(FileOp::PWrite, nullptr);
-    EXPECT_EQ(1, Val(Live()->m_bFlushFlag));
-}
-
 
 TEST_F(FileFlush, BadPagesAreRefusedWithNothingWritten)
 {
