@@ -124,6 +124,14 @@ protected:
         else m_vFiles[m_vFiles.size() - 2]->info.m_pNext = &f.info;
         return f;
     }
+    // A fresh cache with an index file of 12 MiB: two pieces of the preload.
+    TestFile& FreshBigIndex(const std::vector<BlockShape>& vBlocks)
+    {
+        TearDown();
+        SetUp();
+        m_llFileSize = 12LL * 1048576;
+        return AddFile(INDEX_NO, FILETYPE_INDEX, vBlocks);
+    }
     // Room so that nRoom - nUsed = llWanted.
     void SetRoom(long long llWanted)
     {
@@ -189,31 +197,23 @@ std::vector<std::pair<TestFile*, int>> Blocks(TestFile& f, std::initializer_list
     return v;
 }
 
-TEST_F(CachePreload, TightRoomTakesEveryUpperNodeAndLeavesUpToTheirShare)
+// Upper nodes with an ID take 7 x 16384, the half-size leaves with one
+// 8 x 8192. With room for the upper nodes and a leaf share of 2 x 16384,
+// leaves 0 and 2 use the share up and block 4 (8192) would go over. A free
+// chain cut to 3 blocks ends the load early under each type.
+TEST_F(CachePreload, RoomAndAFullCacheEndTheLoadUnderEachType)
 {
-    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
-    AddFile(TABLE_NO, FILETYPE_TABLE, {{0, P, 1}});
-    // 16384-byte blocks with an ID: 0,1,2,5,6,8,15 = 7 of them; leaves of
-    // half size with an ID: 4,7,9..14 = 8.
-    long long llMeta = 7LL * P, llTotal = llMeta + 8LL * H;
-    // Type 1 with a leaf share of 2 x 16384: leaves 0 and 2 (16384 each)
-    // use it up; block 4 (8192) would go over.
-    SetRoom(llMeta + 2LL * P + (llTotal - llMeta) / 100);
-    EXPECT_EQ(S_OK, m_pCache->InitCacheHead(nullptr));
-    EXPECT_TRUE(ChainHolds(Blocks(idx, {0, 1, 2, 5, 8, 15})));
-    EXPECT_EQ(CACHESTATUS_READY, Val(Head()->m_bStatus));
-}
-
-TEST_F(CachePreload, AFullCacheEndsTheLoadEarlyUnderEachType)
-{
+    const long long llShare = 7LL * P + 2LL * P + (4LL * P) / 100;
     struct {
         const char* lpszType;
         long long llRoom;  // relative to the used blocks
+        int nCut;          // blocks left on the free chain, 0 all
         std::initializer_list<int> lWant;
     } arCases[] = {
-        {"all", 1LL << 24, {0, 1, 2}},
-        {"some leaves", 7LL * P + 2LL * P + (4LL * P) / 100, {0, 1, 2}},
-        {"upper only", 7LL * P - 1, {1, 5, 8}},
+        {"some leaves", llShare, 0, {0, 1, 2, 5, 8, 15}},
+        {"all, cut", 1LL << 24, 3, {0, 1, 2}},
+        {"some leaves, cut", llShare, 3, {0, 1, 2}},
+        {"upper only, cut", 7LL * P - 1, 3, {1, 5, 8}},
     };
     for (const auto& c : arCases) {
         SCOPED_TRACE(c.lpszType);
@@ -222,12 +222,14 @@ TEST_F(CachePreload, AFullCacheEndsTheLoadEarlyUnderEachType)
         TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
         TestFile& tab = AddFile(TABLE_NO, FILETYPE_TABLE, {{0, P, 1}});
         SetRoom(c.llRoom);
-        CutFreeChain(3);
+        if (c.nCut > 0) CutFreeChain(c.nCut);
         UINT nHeadFree = (UINT)Head()->m_nFreeNo;
         std::vector<UINT> vBefore = Chain(nHeadFree);
         EXPECT_EQ(S_OK, m_pCache->InitCacheHead(nullptr));
         EXPECT_EQ(CACHESTATUS_READY, Val(Head()->m_bStatus));
-        EXPECT_EQ(0u, m_pCache->m_nFreeNo) << "the cursor must stand at the end of the chain";
+        if (c.nCut > 0) {
+            EXPECT_EQ(0u, m_pCache->m_nFreeNo) << "the cursor must stand at the end of the chain";
+        }
         EXPECT_EQ(nHeadFree, (UINT)Head()->m_nFreeNo);
         EXPECT_EQ(vBefore, Chain(nHeadFree)) << "the free chain itself changed";
         EXPECT_TRUE(ChainHolds(Blocks(idx, c.lWant)));
@@ -377,10 +379,7 @@ TEST_F(CachePreload, AFailedReadOfTheSecondPieceSurfacesAfterTheFirstIsCopiedAnd
 {
     for (bool bShifted : {false, true}) {
         SCOPED_TRACE(bShifted ? "the second piece starts with a carried part" : "pieces on block bounds");
-        TearDown();
-        SetUp();
-        m_llFileSize = 12LL * 1048576;
-        TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, TwoPieces(590, 2, bShifted));
+        TestFile& idx = FreshBigIndex(TwoPieces(590, 2, bShifted));
         std::vector<UINT> vChain = Chain((UINT)Head()->m_nFreeNo);
         int nFirst = BlocksInFirstPiece(idx);
         ASSERT_GT((int)vChain.size(), (int)idx.vBlocks.size());
@@ -418,10 +417,7 @@ TEST_F(CachePreload, ACacheFullInTheFirstPieceEndsTheReaderWithItsReadAndWithout
 {
     for (bool bFails : {false, true}) {
         SCOPED_TRACE(bFails ? "the read ahead fails" : "the read ahead goes well");
-        TearDown();
-        SetUp();
-        m_llFileSize = 12LL * 1048576;
-        TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, TwoPieces(590, 2, false));
+        TestFile& idx = FreshBigIndex(TwoPieces(590, 2, false));
         TestFile& tab = AddFile(TABLE_NO, FILETYPE_TABLE, {{0, P, 1}});
         CutFreeChain(10);
         int nThreads = ThreadCount();
