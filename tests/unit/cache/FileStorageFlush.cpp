@@ -1,6 +1,6 @@
 // Flush requests carried out by a cache-mode file's backend, checked
 // against a model of the file.
-#include "FileStorageFixture.h"
+#include "FlushRingFixture.h"
 
 using namespace cachetest;
 using talvortest::FileOp;
@@ -8,80 +8,29 @@ using talvortest::FileOp;
 namespace {
 
 const UINT BLOCK_NO = 77;
-const long long BLOCK_TS = 5000;
-const BYTE FLUSH_CODE = 5;
 const long long BLOCK_FILE_OFFSET = 40LL * FS_PART;
 
-class FileFlush : public FileStorageFixture {
+// An entry posted in the ring's file (no write buffers: writes reach the
+// file at once) and carried out by the backend alone.
+class FileFlush : public FlushRing {
 protected:
-    // A cache (no write buffers: writes reach the file at once), the file,
-    // and one cache block of the file's chain for the live block.
-    void MakeFlush(BYTE bFileType = FILETYPE_TABLE, BOOL bFileCache = FALSE)
+    void MakeFlush(BYTE bFileType = FILETYPE_TABLE)
     {
-        Make(bFileCache, bFileType);
-        long long llHead = 0;
-        ASSERT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FS_FILE_NO, llHead));
-        ASSERT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FS_FILE_NO, m_llCacheOffset));
-        m_lpLive = Base() + m_llCacheOffset;
+        MakeRing(FALSE, 1, bFileType);
         m_pCopy.reset(new AlignedBytes(FS_PART));
-        ClearCalls();
     }
-    LPBLOCKHEAD Live() { return (LPBLOCKHEAD)m_lpLive; }
-    // A dirty data block in the cache and the request that names it.
-    void PostDataBlock()
-    {
-        MakeDirtyBlock(m_lpLive, BLOCK_NO, BLOCK_TS, FLUSH_CODE);
-        memset(&m_req, 0, sizeof(m_req));
-        m_req.m_bStatus = 1;
-        m_req.m_bBlockType = CACHEFLUSH_DATA;
-        m_req.m_bFileNo = FS_FILE_NO;
-        m_req.m_bFlushCode = FLUSH_CODE;
-        m_req.m_nBlockNo = BLOCK_NO;
-        m_req.m_nBlockSize = FS_PART;
-        m_req.m_llTimestamp = BLOCK_TS;
-        m_req.m_llTransTimestamp = BLOCK_TS;
-        m_req.m_llCacheBlockOffset = m_llCacheOffset;
-        m_req.m_llFileBlockOffset = BLOCK_FILE_OFFSET;
-    }
-    // A page (head, extended head or map) in the cache and its request.
-    void PostPage(BYTE bType, int nMark, long long llFileOffset, UINT nNo = 1)
-    {
-        for (int i = 0; i < FS_PART; i++) m_lpLive[i] = (BYTE)m_rng();
-        memcpy(m_lpLive, &nMark, sizeof(nMark));
-        if (bType == CACHEFLUSH_HEAD) {
-            LPTABLEFILEHEAD h = (LPTABLEFILEHEAD)m_lpLive;
-            h->m_bFileType = (BYTE)m_info.m_bFileType;
-            h->m_bFileNo = FS_FILE_NO;
-        }
-        if (bType == CACHEFLUSH_MAP) ((LPBASEFILEBLOCKMAPHEAD_CACHE)m_lpLive)->m_nMapNo = (int)nNo;
-        memset(&m_req, 0, sizeof(m_req));
-        m_req.m_bBlockType = bType;
-        m_req.m_bFileNo = FS_FILE_NO;
-        m_req.m_nBlockNo = nNo;
-        m_req.m_nBlockSize = FS_PART;
-        m_req.m_llCacheBlockOffset = m_llCacheOffset;
-        m_req.m_llFileBlockOffset = llFileOffset;
-    }
-    int Flush() { return m_pStorage->FlushBlock(nullptr, &m_req, m_pCopy->m_p); }
-    // The model takes the live block as it must reach the disk.
-    void ExpectBlockOnDisk(long long llOffset, bool bData)
-    {
-        std::vector<BYTE> v = bData ? OnDiskCopy(m_lpLive) : std::vector<BYTE>(m_lpLive, m_lpLive + FS_PART);
-        memcpy(m_vLogical.data() + llOffset, v.data(), v.size());
-        EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
-    }
+    void PostDataBlock() { m_pReq = PostData(BLOCK_NO, BLOCK_FILE_OFFSET); }
+    LPBLOCKHEAD Live() { return (LPBLOCKHEAD)m_vLive.back(); }
+    int Flush() { return m_pStorage->FlushBlock(nullptr, m_pReq, m_pCopy->m_p); }
     void ExpectNothingWritten()
     {
         EXPECT_TRUE(Writes().empty());
         EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vDisk));
     }
 
-    long long m_llCacheOffset = 0;
-    LPBYTE m_lpLive = nullptr;
+    stu_CacheFlush* m_pReq = nullptr;
     std::unique_ptr<AlignedBytes> m_pCopy;
-    stu_CacheFlush m_req;
 };
-
 
 // What the live block is when its request is carried out decides what is
 // written and which marks clear: a block reused, moved on or cleaned is not
@@ -91,8 +40,8 @@ protected:
 TEST_F(FileFlush, TheLiveBlockDecidesTheWriteAndItsMarks)
 {
     auto fnTrans = [this] {
-        m_req.m_llTransTimestamp = BLOCK_TS + 1;
-        Live()->m_nTimestamp = BLOCK_TS + 1;
+        m_pReq->m_llTransTimestamp = FR_BLOCK_TS + 1;
+        Live()->m_nTimestamp = FR_BLOCK_TS + 1;
     };
     auto fnGiveAway = [this] {
         Live()->m_nBlockNo = BLOCK_NO + 9;
@@ -120,12 +69,12 @@ TEST_F(FileFlush, TheLiveBlockDecidesTheWriteAndItsMarks)
              Live()->m_bFlushFlag = 0;
          },
          nullptr, 0, 0, 0, 0},
-        {"changed since", [this] { Live()->m_nTimestamp = BLOCK_TS + 1; }, nullptr, 0, 1, 1, 1},
+        {"changed since", [this] { Live()->m_nTimestamp = FR_BLOCK_TS + 1; }, nullptr, 0, 1, 1, 1},
         {"changed as its transaction tells", fnTrans, nullptr, 0, 1, 1, 1},
         // An index block is never held newer.
         {"index changed as its transaction tells", fnTrans, nullptr, 0, 1, 1, 0, FILETYPE_INDEX},
-        {"flush code changed meanwhile", nullptr, [this] { Live()->m_bFlushCode = FLUSH_CODE + 1; }, 0, 1, 1, 1},
-        {"cancelled meanwhile", nullptr, [this] { m_req.m_llTimestamp = 0; }, 1, 3, 1, 1, FILETYPE_TABLE, 3},
+        {"flush code changed meanwhile", nullptr, [this] { Live()->m_bFlushCode = FR_FLUSH_CODE + 1; }, 0, 1, 1, 1},
+        {"cancelled meanwhile", nullptr, [this] { m_pReq->m_llTimestamp = 0; }, 1, 3, 1, 1, FILETYPE_TABLE, 3},
         {"given away meanwhile", nullptr, fnGiveAway, 1, 3, 0, 0, FILETYPE_TABLE, 3, 80005008,
          "the original data block has been overwritten"},
         {"index given away meanwhile", nullptr, fnGiveAway, 1, 3, 0, 0, FILETYPE_INDEX, 3, 80005012,
@@ -167,9 +116,8 @@ TEST_F(FileFlush, FailedWriteLeavesBlockToBeWrittenAgain)
     EXPECT_EQ(0, Val(Live()->m_bFlushFlag));
     EXPECT_TRUE(Traced(80004002, "Failed to write from cache to physical file"));
     // The next try goes through.
-    ClearCalls();
     ASSERT_EQ(0, Flush());
-    ExpectBlockOnDisk(BLOCK_FILE_OFFSET, true);
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
 }
 
 TEST_F(FileFlush, BadPagesAreRefusedWithNothingWritten)
@@ -195,8 +143,8 @@ TEST_F(FileFlush, BadPagesAreRefusedWithNothingWritten)
         TearDown();
         SetUp();
         MakeFlush(c.bFileType);
-        PostPage(c.bType, c.nMark, c.llOffset, 1);
-        if (c.nCode == 80005007) m_req.m_nBlockNo = c.nNo;
+        m_pReq = PostPage(c.bType, 3, c.llOffset, 1, c.nMark);
+        m_pReq->m_nBlockNo = c.nNo;
         EXPECT_EQ(1, Flush());
         EXPECT_TRUE(Traced(c.nCode, "denied") || Traced(c.nCode, "Failed to flush block"));
         ExpectNothingWritten();
@@ -210,11 +158,11 @@ TEST_F(FileFlush, RequestsOutsideTheCacheOrFileAreRefused)
         std::function<void()> fnSpoil;
         long nCode;
     } arCases[] = {
-        {[this] { m_req.m_bFileNo = FS_FILE_NO + 1; }, 80005001},
-        {[this] { m_req.m_nBlockNo = 0; }, 80005006},
-        {[this] { m_req.m_llCacheBlockOffset = m_pCache->m_llCacheBufferSize - FS_PART / 2; }, 80005021},
-        {[this] { m_req.m_llFileBlockOffset = FS_FILE_SIZE; }, 80005022},
-        {[this] { m_req.m_llFileBlockOffset = 0; }, 0},  // a data block never lies over the head
+        {[this] { m_pReq->m_bFileNo = FS_FILE_NO + 1; }, 80005001},
+        {[this] { m_pReq->m_nBlockNo = 0; }, 80005006},
+        {[this] { m_pReq->m_llCacheBlockOffset = m_pCache->m_llCacheBufferSize - FS_PART / 2; }, 80005021},
+        {[this] { m_pReq->m_llFileBlockOffset = FS_FILE_SIZE; }, 80005022},
+        {[this] { m_pReq->m_llFileBlockOffset = 0; }, 0},  // a data block never lies over the head
     };
     for (const auto& c : arCases) {
         SCOPED_TRACE(c.nCode);
@@ -227,7 +175,7 @@ TEST_F(FileFlush, RequestsOutsideTheCacheOrFileAreRefused)
     }
     ExpectNothingWritten();
     PostDataBlock();
-    m_req.m_bBlockType = CACHEFLUSH_TIMESTAMPS;
+    m_pReq->m_bBlockType = CACHEFLUSH_TIMESTAMPS;
     EXPECT_EQ(0, Flush());
     ExpectNothingWritten();
 }

@@ -9,12 +9,13 @@
 namespace cachetest {
 
 inline constexpr long long FR_BLOCK_TS = 7000;
+inline constexpr BYTE FR_FLUSH_CODE = 3;
 
 class FlushRing : public FileStorageFixture {
 protected:
-    void MakeRing(BOOL bFileCache = FALSE, BYTE bOpenMode = 1)
+    void MakeRing(BOOL bFileCache = FALSE, BYTE bOpenMode = 1, BYTE bFileType = FILETYPE_TABLE)
     {
-        Make(bFileCache, FILETYPE_TABLE, bOpenMode);
+        Make(bFileCache, bFileType, bOpenMode);
         m_module.m_bOpenMode = bOpenMode;
         m_module.m_arFiles[FS_FILE_NO] = &m_info;
         m_pCache->SetCacheModule(&m_module);
@@ -50,13 +51,13 @@ protected:
             long long llCache = 0;
             EXPECT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FS_FILE_NO, llCache));
             lpLive = Base() + llCache;
-            MakeDirtyBlock(lpLive, nBlockNo, FR_BLOCK_TS, 3);
+            MakeDirtyBlock(lpLive, nBlockNo, FR_BLOCK_TS, FR_FLUSH_CODE);
         }
         if (bModel) memcpy(m_vLogical.data() + llFileOffset, OnDiskCopy(lpLive).data(), FS_PART);
         stu_CacheFlush* p = Next();
         p->m_bBlockType = CACHEFLUSH_DATA;
         p->m_bFileNo = FS_FILE_NO;
-        p->m_bFlushCode = 3;
+        p->m_bFlushCode = FR_FLUSH_CODE;
         p->m_nBlockNo = nBlockNo;
         p->m_nBlockSize = FS_PART;
         p->m_llTimestamp = FR_BLOCK_TS;
@@ -67,23 +68,26 @@ protected:
         Post(p);
         return p;
     }
-    // A head, extended head or map image in pool image bIndex; its entry.
-    stu_CacheFlush* PostPage(BYTE bType, BYTE bIndex, long long llFileOffset, UINT nMapNo = 1)
+    // A head, extended head or map image in pool image bIndex, with its type's
+    // mark or nMark; its entry.
+    stu_CacheFlush* PostPage(BYTE bType, BYTE bIndex, long long llFileOffset, UINT nMapNo = 1, int nMark = 0)
     {
         LPBYTE lpImage = Base() + m_llImages + (long long)bIndex * CACHE_PAGE_SIZE;
         for (int i = 0; i < CACHE_PAGE_SIZE; i++) lpImage[i] = (BYTE)m_rng();
-        int nMark = bType == CACHEFLUSH_HEAD ? TABLEFILE_DATAFLAG
+        if (nMark == 0)
+            nMark = bType == CACHEFLUSH_HEAD     ? TABLEFILE_DATAFLAG
                     : bType == CACHEFLUSH_EXHEAD ? TABLEFILEEX_DATAFLAG
                                                  : BLOCKMAP_CACHE_DATAFLAG;
         memcpy(lpImage, &nMark, sizeof(nMark));
         if (bType == CACHEFLUSH_HEAD) {
-            ((LPTABLEFILEHEAD)lpImage)->m_bFileType = FILETYPE_TABLE;
+            ((LPTABLEFILEHEAD)lpImage)->m_bFileType = (BYTE)m_info.m_bFileType;
             ((LPTABLEFILEHEAD)lpImage)->m_bFileNo = FS_FILE_NO;
         }
         if (bType == CACHEFLUSH_EXHEAD) ((LPTABLEFILEHEADEX)lpImage)->m_bFileNo = FS_FILE_NO;
         if (bType == CACHEFLUSH_MAP) ((LPBASEFILEBLOCKMAPHEAD_CACHE)lpImage)->m_nMapNo = (int)nMapNo;
         long long llPlace = bType == CACHEFLUSH_HEAD ? 0 : llFileOffset;
-        memcpy(m_vLogical.data() + llPlace, lpImage, CACHE_PAGE_SIZE);
+        if (llPlace + CACHE_PAGE_SIZE <= (long long)m_vLogical.size())
+            memcpy(m_vLogical.data() + llPlace, lpImage, CACHE_PAGE_SIZE);
         m_pCache->m_pFlushFile[bIndex].m_bStatus = 1;
         stu_CacheFlush* p = Next();
         p->m_bBlockType = bType;
