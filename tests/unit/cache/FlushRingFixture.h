@@ -2,6 +2,7 @@
 // cache-mode file and a model of its bytes that each posted entry updates.
 #pragma once
 
+#include "CacheFileHeadArea.h"
 #include "FileStorageFixture.h"
 
 #include <functional>
@@ -161,6 +162,50 @@ protected:
     int m_nPos = 0;
     std::vector<int> m_vPosted;
     std::vector<LPBYTE> m_vLive;
+};
+
+inline constexpr long long HEAD_TS = 4000;
+
+// The ring's file with the head area of a new table file in its cache chain.
+class FlushLast : public FlushRing {
+protected:
+    // The file's head area in its cache chain (head page, first map block),
+    // as a new file puts it there.
+    void MakeFile()
+    {
+        MakeRing();
+        long long llSecond = 0;
+        ASSERT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FS_FILE_NO, llSecond));
+        CACHEHEADAREADEF stDef = {FS_FILE_NO, FILETYPE_TABLE, 1, 10, FS_FILE_SIZE, HEAD_TS};
+        std::vector<BYTE> vArea(2 * CACHE_PAGE_SIZE);
+        int nEx = -1;
+        ASSERT_TRUE(CacheBuildHeadArea(stDef, vArea.data(), (long long)vArea.size(), &nEx));
+        ASSERT_EQ(0, nEx);
+        ASSERT_EQ(0, m_pCache->NewFile2Cache(nullptr, FS_FILE_NO, FILETYPE_TABLE, vArea.data(), 0));
+        m_lpHead = (LPTABLEFILEHEAD)(Base() + (long long)Head()->m_nFileInfoNo[FS_FILE_NO] * CACHE_BLOCK_SIZE);
+        m_lpMap = (LPBASEFILEBLOCKMAPHEAD_CACHE)(Base() + llSecond);
+        ASSERT_EQ(BLOCKMAP_CACHE_DATAFLAG, Val(m_lpMap->m_nDataFlag));
+        ASSERT_GT(Val(m_lpHead->m_nMaxBlockMapNum), 8);
+        // The head always reaches offset 0.
+        memcpy(m_vLogical.data(), m_lpHead, CACHE_PAGE_SIZE);
+        ClearCalls();
+    }
+    // A block of the file in the cache, its place in the map; dirty by the
+    // flags given. The model learns it only when it must be written.
+    LPBLOCKHEAD Block(UINT nBlockNo, long long llFileOffset, BYTE bSave, BYTE bFlush)
+    {
+        PostData(nBlockNo, llFileOffset, bSave == 1 || bFlush == 1);
+        // Only the cache block is wanted; the ring stays empty.
+        m_pCache->m_pCacheFlush[m_vPosted.back()].m_bStatus = 0;
+        LPBLOCKHEAD h = (LPBLOCKHEAD)m_vLive.back();
+        h->m_bSaveFlag = bSave;
+        h->m_bFlushFlag = bFlush;
+        m_lpMap->m_pBlockMap[nBlockNo - 1].m_nBlockOffset = llFileOffset;
+        return h;
+    }
+
+    LPTABLEFILEHEAD m_lpHead = nullptr;
+    LPBASEFILEBLOCKMAPHEAD_CACHE m_lpMap = nullptr;
 };
 
 } // namespace cachetest
