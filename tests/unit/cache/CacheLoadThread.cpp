@@ -227,24 +227,21 @@ TEST_F(CacheLoadThread, ReadErrorsAreAnsweredFailedNeverAHalfBlock)
     EXPECT_TRUE(LatchFree());
 }
 
-TEST_F(CacheLoadThread, AFileCutInsideTheBlockGivesNoZeroFilledBlock)
-{
-    // The head of the block is intact, its tail is gone: the read meets the
-    // end of the file and would fill zeros. From one byte short to half.
-    for (long long llCut : {1LL, 512LL, 4096LL, (long long)CACHE_BLOCK_SIZE / 2}) {
-        ASSERT_EQ(0, truncate(m_strPath.c_str(), BLOCK_AT + CACHE_BLOCK_SIZE - llCut));
-        EXPECT_EQ(CACHELOAD_FAILED, RequestGood()) << "cut " << llCut << " bytes short";
-        EXPECT_TRUE(TargetUntouched()) << "cut " << llCut << " bytes short";
-    }
-}
-
-TEST_F(CacheLoadThread, ABlockEndingInZerosOfAWholeFileLoads)
+TEST_F(CacheLoadThread, ZerosEndingABlockLoadButAFileCutInsideItGivesNoBlock)
 {
     // Zeros at the end of a block look like what a read past the end of
     // the file gives; in a file that holds the block whole they are data.
     ASSERT_TRUE(talvortest::WriteFileAt(m_strPath, BLOCK_AT + CACHE_BLOCK_SIZE - 4096, std::string(4096, '\0')));
     EXPECT_EQ(CACHELOAD_OK, RequestGood());
     EXPECT_TRUE(TargetHoldsBlock(BLOCK_AT));
+    // The head of the block is intact, its tail is gone: the read meets the
+    // end of the file and would fill zeros. From one byte short to half.
+    for (long long llCut : {1LL, 512LL, 4096LL, (long long)CACHE_BLOCK_SIZE / 2}) {
+        memset(Target(), FILLER, CACHE_BLOCK_SIZE);
+        ASSERT_EQ(0, truncate(m_strPath.c_str(), BLOCK_AT + CACHE_BLOCK_SIZE - llCut));
+        EXPECT_EQ(CACHELOAD_FAILED, RequestGood()) << "cut " << llCut << " bytes short";
+        EXPECT_TRUE(TargetUntouched()) << "cut " << llCut << " bytes short";
+    }
 }
 
 TEST_F(CacheLoadThread, PausedFileWaitsAndStopEndsTheThreadPromptly)

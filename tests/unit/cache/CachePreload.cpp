@@ -110,11 +110,7 @@ protected:
         EXPECT_EQ(0, m_pCache->LoadFile2Cache(nullptr, bFileNo, llOffset));
         EXPECT_EQ(0, m_pCache->LoadFile2Cache(nullptr, bFileNo, llOffset));
         EXPECT_EQ(0, m_pCache->NewFile2Cache(nullptr, bFileNo, bType, v.data(), 0));
-        memset(&f.info, 0, sizeof(f.info));
-        snprintf(f.info.m_lpszFilePath, sizeof(f.info.m_lpszFilePath), "%s", f.strPath.c_str());
-        f.info.m_bFileNo = bFileNo;
-        f.info.m_bFileType = (char)bType;
-        f.info.m_liFileSize = m_llFileSize;
+        Describe(f.info, f.strPath, bFileNo, bType, m_llFileSize);
         f.info.m_pLoadSize = &f.llLoadSize;
         f.pStorage = new CTalvorFileStorage(m_pCache.get());
         EXPECT_EQ(0, f.pStorage->OpenFile(nullptr, &f.info, 1));

@@ -35,11 +35,7 @@ protected:
     void Describe(const std::string& strName, BYTE bType)
     {
         m_strPath = m_tree.Path(strName);
-        memset(&m_info, 0, sizeof(m_info));
-        snprintf(m_info.m_lpszFilePath, sizeof(m_info.m_lpszFilePath), "%s", m_strPath.c_str());
-        m_info.m_bFileNo = FILE_NO;
-        m_info.m_bFileType = (char)bType;
-        m_info.m_liFileSize = FILE_SIZE;
+        CacheFixture::Describe(m_info, m_strPath, FILE_NO, bType, FILE_SIZE);
         m_info.m_pLoadSize = &m_nLoadSize;
         m_nLoadSize = -1;
     }

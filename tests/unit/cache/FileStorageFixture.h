@@ -57,11 +57,7 @@ protected:
         for (BYTE& b : m_vDisk) b = (BYTE)m_rng();
         m_strPath = m_tree.Path("Table7.dbf");
         ASSERT_TRUE(talvortest::WriteWholeFile(m_strPath, AsString(m_vDisk.data(), m_vDisk.size())));
-        memset(&m_info, 0, sizeof(m_info));
-        snprintf(m_info.m_lpszFilePath, sizeof(m_info.m_lpszFilePath), "%s", m_strPath.c_str());
-        m_info.m_bFileNo = FS_FILE_NO;
-        m_info.m_bFileType = (char)bFileType;
-        m_info.m_liFileSize = FS_FILE_SIZE;
+        Describe(m_info, m_strPath, FS_FILE_NO, bFileType, FS_FILE_SIZE);
         m_pStorage = new CTalvorFileStorage(m_pCache.get());
         ASSERT_EQ(0, m_pStorage->OpenFile(nullptr, &m_info, bOpenFileUseBuffer));
         m_info.m_pStorageFile = m_pStorage;
@@ -76,16 +72,12 @@ protected:
         std::vector<BYTE> v = FileAt(m_strPath, 0, FS_FILE_SIZE);
         return v.size() == (size_t)FS_FILE_SIZE ? v : std::vector<BYTE>();
     }
-    // Random bytes for a write of nSize at llPos; the logical model takes them.
-    void Fill(AlignedBytes& buf, long long llPos, int nSize)
-    {
-        for (int i = 0; i < nSize; i++) buf.m_p[i] = (BYTE)m_rng();
-        memcpy(m_vLogical.data() + llPos, buf.m_p, (size_t)nSize);
-    }
+    // A write of nSize random bytes at llPos; the logical model takes them.
     int Write(long long llPos, int nSize)
     {
         AlignedBytes buf((size_t)nSize);
-        Fill(buf, llPos, nSize);
+        for (int i = 0; i < nSize; i++) buf.m_p[i] = (BYTE)m_rng();
+        memcpy(m_vLogical.data() + llPos, buf.m_p, (size_t)nSize);
         return m_pStorage->WriteBlock(nullptr, llPos, buf.m_p, nSize);
     }
     // Reads through the backend and compares with the logical model.
