@@ -27,7 +27,6 @@ protected:
         return llOffset;
     }
     stu_FileCacheLoadInfo Group(BYTE bFileNo) { return Head()->m_stFileCacheLoadInfo[bFileNo]; }
-    // A block for bFileNo is refused with nWant, and not a byte changes.
     void ExpectRefused(BYTE bFileNo, int nWant = CACHE_RESULT_BADCHAIN)
     {
         std::vector<BYTE> vBefore = Snapshot();

@@ -80,7 +80,6 @@ TEST_F(FlushRing, APausedFileHoldsTheRingUntilThePauseEnds)
     TalvorStoreShared(&m_pCache->m_bExit, 0);
     std::thread t([&] { EXPECT_EQ(S_OK, m_pCache->StorageFlush(nullptr)); });
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    // Nothing passes the paused entry.
     EXPECT_EQ(1, Val(pFirst->m_bStatus));
     EXPECT_EQ(1, Val(pSecond->m_bStatus));
     EXPECT_TRUE(Writes().empty());
@@ -170,7 +169,6 @@ TEST_F(FlushRing, ATimestampWaitsWhileAFileIsPaused)
     ASSERT_TRUE(WaitUntil([&] { return TalvorLoadShared(&pData->m_bStatus) == 0; }, 20000));
     ASSERT_TRUE(m_pCache->PauseFile(FS_FILE_NO));
     stu_CacheFlush* pStamp = PostTimestamp(9100, -1, 0);
-    // Many rounds of the loop.
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_EQ(0, nCommits.load()) << "a timestamp committed over a paused file's writes";
     EXPECT_EQ(1, Val(pStamp->m_bStatus));
@@ -205,7 +203,6 @@ TEST_F(FlushRing, AFileShortOfRoomGrowsAndTheEntryPastItsOldEndGoesThrough)
     ASSERT_EQ(0, stat(m_strPath.c_str(), &st));
     EXPECT_GE((long long)st.st_size, FS_FILE_SIZE + CACHEFLUSH_GROW_SIZE);
     EXPECT_EQ(FS_FILE_SIZE + CACHEFLUSH_GROW_SIZE, Val(lpHead->m_nFileTotalSize));
-    // The block is on disk at its place, read past every layer.
     EXPECT_TRUE(FileAt(m_strPath, llPast, FS_PART) ==
                 std::vector<BYTE>(m_vLogical.begin() + llPast, m_vLogical.begin() + llPast + FS_PART));
 }

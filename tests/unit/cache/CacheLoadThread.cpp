@@ -48,7 +48,6 @@ protected:
         FileStorageFixture::TearDown();
     }
 
-    // A block head written straight to the file.
     void WriteBlockHead(long long llAt, UINT nBlockNo, BYTE bFileNo, int nSize)
     {
         BASEBLOCKHEAD h;
@@ -209,7 +208,6 @@ TEST_F(CacheLoadThread, WrongRequestsAreRefusedAndTheSegmentIsLeftAlone)
 TEST_F(CacheLoadThread, ReadErrorsAreAnsweredFailedNeverAHalfBlock)
 {
     long long llTarget = CacheBlockOffset(m_nTarget);
-    // Every try fails outright.
     m_io.FailNext(FileOp::PRead, EIO, FILESTORE_IO_TRIES);
     EXPECT_EQ(CACHELOAD_FAILED, Request(FS_FILE_NO, BLOCK_NO, BLOCK_AT, CACHE_BLOCK_SIZE, llTarget));
     EXPECT_TRUE(TargetUntouched());

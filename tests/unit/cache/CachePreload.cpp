@@ -193,10 +193,9 @@ std::vector<std::pair<TestFile*, int>> Blocks(TestFile& f, std::initializer_list
     return v;
 }
 
-// Upper nodes with an ID take 7 x 16384, the half-size leaves with one
-// 8 x 8192. With room for the upper nodes and a leaf share of 2 x 16384,
-// leaves 0 and 2 use the share up and block 4 (8192) would go over. A free
-// chain cut to 3 blocks ends the load early under each type.
+// With room for the upper nodes and a leaf share of 2 x 16384, leaves 0 and
+// 2 use the share up and block 4 would go over. A free chain cut to 3
+// blocks ends the load early under each type.
 TEST_F(CachePreload, RoomAndAFullCacheEndTheLoadUnderEachType)
 {
     const long long llShare = 7LL * P + 2LL * P + (4LL * P) / 100;
@@ -288,7 +287,6 @@ TEST_F(CachePreload, AReadErrorOrABrokenMapFailsTheLoad)
 // result, the lines and the progress are those of a sweep that reads each
 // piece only when it gets to it.
 
-// Threads of this process now.
 int ThreadCount()
 {
     int n = 0;
@@ -324,7 +322,6 @@ void WatchingSink(LPCTSTR, LONG, LONG lCode, LPCTSTR)
     g_vFailLines.push_back({lCode, (pid_t)syscall(SYS_gettid), g_pWatched != nullptr ? g_pWatched->m_nFreeNo : 0});
 }
 
-// Installs WatchingSink for one scope.
 struct WatchLines {
     explicit WatchLines(CTalvorCacheStorage* pCache)
     {

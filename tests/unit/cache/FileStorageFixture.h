@@ -23,7 +23,6 @@ inline constexpr int FS_SPAN = FILESTORE_BUFFER_SIZE;
 inline constexpr int FS_PART = FILESTORE_PART_SIZE;
 inline constexpr BYTE FS_FILE_NO = 7;
 
-// Aligned bytes for the transfers.
 struct AlignedBytes {
     explicit AlignedBytes(size_t n) : m_n(n), m_p((LPBYTE)get_aligned_buffer(n)) {}
     ~AlignedBytes() { free(m_p); }
@@ -80,7 +79,6 @@ protected:
         memcpy(m_vLogical.data() + llPos, buf.m_p, (size_t)nSize);
         return m_pStorage->WriteBlock(nullptr, llPos, buf.m_p, nSize);
     }
-    // Reads through the backend and compares with the logical model.
     ::testing::AssertionResult ReadsBack(long long llPos, int nSize)
     {
         AlignedBytes buf((size_t)nSize);
