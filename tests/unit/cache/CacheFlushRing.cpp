@@ -94,8 +94,7 @@ TEST_F(FlushRing, EntriesOutsideSegmentPoolOrFileAreUnusableAndWriteNothing)
     Run();
 
     EXPECT_EQ(std::vector<int>(11, CACHEFLUSH_UNUSABLE), Results());
-    EXPECT_TRUE(Writes().empty());
-    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vDisk));
+    ExpectNothingWritten();
     EXPECT_TRUE(m_module.m_vCommits.empty());
     EXPECT_TRUE(Traced(60006011, "nCacheOffset"));
     // No image is given back for an unusable entry.
@@ -133,8 +132,7 @@ TEST_F(FlushRing, UnknownFileAndFileWithoutBackendGetTheirCodes)
     EXPECT_EQ((std::vector<int>{CACHEFLUSH_NOBACKEND, CACHEFLUSH_NOBACKEND, CACHEFLUSH_NOFILE, CACHEFLUSH_NOFILE,
                                 CACHEFLUSH_NOFILE}),
               Results());
-    EXPECT_TRUE(Writes().empty());
-    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vDisk));
+    ExpectNothingWritten();
     EXPECT_EQ(0, Val(m_pCache->m_pFlushFile[2].m_bStatus));
     EXPECT_EQ(0, Val(m_pCache->m_pFlushFile[3].m_bStatus));
     EXPECT_TRUE(Traced(60006001, "file number 200"));
@@ -189,8 +187,7 @@ TEST_F(FlushRing, AnUnknownTypeOfAnySizeIsPassedOverWithoutABufferOfThatSize)
     EXPECT_EQ((std::vector<int>{CACHEFLUSH_DONE, CACHEFLUSH_DONE}), Results());
     ASSERT_EQ(1u, m_module.m_vCommits.size());
     EXPECT_EQ(9000, m_module.m_vCommits[0].llTimestamp);
-    EXPECT_TRUE(Writes().empty());
-    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vDisk));
+    ExpectNothingWritten();
 }
 
 

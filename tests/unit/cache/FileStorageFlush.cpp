@@ -22,11 +22,6 @@ protected:
     void PostDataBlock() { m_pReq = PostData(BLOCK_NO, BLOCK_FILE_OFFSET); }
     LPBLOCKHEAD Live() { return (LPBLOCKHEAD)m_vLive.back(); }
     int Flush() { return m_pStorage->FlushBlock(nullptr, m_pReq, m_pCopy->m_p); }
-    void ExpectNothingWritten()
-    {
-        EXPECT_TRUE(Writes().empty());
-        EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vDisk));
-    }
 
     stu_CacheFlush* m_pReq = nullptr;
     std::unique_ptr<AlignedBytes> m_pCopy;

@@ -125,6 +125,11 @@ protected:
         EXPECT_EQ(S_OK, m_pCache->StorageFlush(nullptr));
         EXPECT_TRUE(LatchFree());
     }
+    void ExpectNothingWritten()
+    {
+        EXPECT_TRUE(Writes().empty());
+        EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vDisk));
+    }
     // Result codes of the posted entries, in posting order; each entry
     // must be free again.
     std::vector<int> Results()
