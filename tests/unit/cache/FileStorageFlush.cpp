@@ -115,66 +115,61 @@ TEST_F(FileFlush, FailedWriteLeavesBlockToBeWrittenAgain)
     EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
 }
 
-TEST_F(FileFlush, BadPagesAreRefusedWithNothingWritten)
+// Pages of a wrong mark, number or place, and data entries of another
+// file, of block 0, or of a place outside the cache or the file (or over
+// its head page), are refused with nothing written.
+TEST_F(FileFlush, BadEntriesAreRefusedWithNothingWritten)
 {
+    const BYTE T = FILETYPE_TABLE, I = FILETYPE_INDEX, D = CACHEFLUSH_DATA;
+    const int MAP = BLOCKMAP_CACHE_DATAFLAG;
     struct Case {
         BYTE bFileType;
         BYTE bType;
-        int nMark;
-        long long llOffset;
+        int nMark;           // a page's
+        long long llOffset;  // a page's
         UINT nNo;
         long nCode;
+        std::function<void()> fnSpoil = nullptr;
     } cases[] = {
-        {FILETYPE_TABLE, CACHEFLUSH_HEAD, INDEXFILE_DATAFLAG, 0, 1, 80005002},
-        {FILETYPE_INDEX, CACHEFLUSH_HEAD, TABLEFILE_DATAFLAG, 0, 1, 80005003},
-        {FILETYPE_TABLE, CACHEFLUSH_EXHEAD, TABLEFILE_DATAFLAG, FS_PART, 1, 80005102},
-        {FILETYPE_INDEX, CACHEFLUSH_EXHEAD, TABLEFILEEX_DATAFLAG, FS_PART, 1, 80005103},
-        {FILETYPE_TABLE, CACHEFLUSH_MAP, BLOCK_DATAFLAG, FS_PART, 1, 80005004},
-        {FILETYPE_TABLE, CACHEFLUSH_MAP, BLOCKMAP_CACHE_DATAFLAG, FS_PART, 2, 80005007},
-        {FILETYPE_TABLE, CACHEFLUSH_MAP, BLOCKMAP_CACHE_DATAFLAG, FS_FILE_SIZE - FS_PART / 2, 1, 80005005},
+        {T, CACHEFLUSH_HEAD, INDEXFILE_DATAFLAG, 0, 1, 80005002},
+        {I, CACHEFLUSH_HEAD, TABLEFILE_DATAFLAG, 0, 1, 80005003},
+        {T, CACHEFLUSH_EXHEAD, TABLEFILE_DATAFLAG, FS_PART, 1, 80005102},
+        {I, CACHEFLUSH_EXHEAD, TABLEFILEEX_DATAFLAG, FS_PART, 1, 80005103},
+        {T, CACHEFLUSH_MAP, BLOCK_DATAFLAG, FS_PART, 1, 80005004},
+        {T, CACHEFLUSH_MAP, MAP, FS_PART, 2, 80005007},
+        {T, CACHEFLUSH_MAP, MAP, FS_FILE_SIZE - FS_PART / 2, 1, 80005005},
+        {T, D, 0, 0, BLOCK_NO, 80005001, [this] { m_pReq->m_bFileNo = FS_FILE_NO + 1; }},
+        {T, D, 0, 0, 0, 80005006},
+        {T, D, 0, 0, BLOCK_NO, 80005021,
+         [this] { m_pReq->m_llCacheBlockOffset = m_pCache->m_llCacheBufferSize - FS_PART / 2; }},
+        {T, D, 0, 0, BLOCK_NO, 80005022, [this] { m_pReq->m_llFileBlockOffset = FS_FILE_SIZE; }},
+        {T, D, 0, 0, BLOCK_NO, 0, [this] { m_pReq->m_llFileBlockOffset = 0; }},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.nCode);
         TearDown();
         SetUp();
         MakeFlush(c.bFileType);
-        m_pReq = PostPage(c.bType, 3, c.llOffset, 1, c.nMark);
+        if (c.bType == D)
+            PostDataBlock();
+        else
+            m_pReq = PostPage(c.bType, 3, c.llOffset, 1, c.nMark);
         m_pReq->m_nBlockNo = c.nNo;
+        if (c.fnSpoil) c.fnSpoil();
         EXPECT_EQ(1, Flush());
-        EXPECT_TRUE(Traced(c.nCode, "denied") || Traced(c.nCode, "Failed to flush block"));
+        if (c.bType == D) {
+            EXPECT_TRUE(c.nCode == 0 || Traced(c.nCode, ""));
+        } else {
+            EXPECT_TRUE(Traced(c.nCode, "denied") || Traced(c.nCode, "Failed to flush block"));
+        }
         ExpectNothingWritten();
     }
-}
-
-TEST_F(FileFlush, RequestsOutsideTheCacheOrFileAreRefused)
-{
-    MakeFlush();
-    const struct {
-        std::function<void()> fnSpoil;
-        long nCode;
-    } arCases[] = {
-        {[this] { m_pReq->m_bFileNo = FS_FILE_NO + 1; }, 80005001},
-        {[this] { m_pReq->m_nBlockNo = 0; }, 80005006},
-        {[this] { m_pReq->m_llCacheBlockOffset = m_pCache->m_llCacheBufferSize - FS_PART / 2; }, 80005021},
-        {[this] { m_pReq->m_llFileBlockOffset = FS_FILE_SIZE; }, 80005022},
-        {[this] { m_pReq->m_llFileBlockOffset = 0; }, 0},  // a data block never lies over the head
-    };
-    for (const auto& c : arCases) {
-        SCOPED_TRACE(c.nCode);
-        PostDataBlock();
-        c.fnSpoil();
-        EXPECT_EQ(1, Flush());
-        if (c.nCode != 0) {
-            EXPECT_TRUE(Traced(c.nCode, ""));
-        }
-    }
-    ExpectNothingWritten();
+    // A timestamp entry is none of the backend's: passed over.
     PostDataBlock();
     m_pReq->m_bBlockType = CACHEFLUSH_TIMESTAMPS;
     EXPECT_EQ(0, Flush());
     ExpectNothingWritten();
 }
-
 
 // A block loaded whole, of a wrong number or mark, is the load thread's
 // test; the checks it never reaches are here.
