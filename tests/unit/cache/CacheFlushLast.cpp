@@ -32,7 +32,7 @@ TEST_F(FlushLast, EveryDirtyBlockReachesItsPlaceAndItsMarksClear)
     EXPECT_TRUE(LatchFree());
 }
 
-TEST_F(FlushLast, AMapBlockMarkedOrNewerThanTheHeadIsWritten)
+TEST_F(FlushLast, AMapBlockNewerThanTheHeadIsWrittenAndAHeadWithoutAChainGives4)
 {
     MakeFile();
     m_lpMap->m_bSaveFlag = 0;
@@ -43,6 +43,11 @@ TEST_F(FlushLast, AMapBlockMarkedOrNewerThanTheHeadIsWritten)
     EXPECT_EQ(0, m_pCache->FlushFileBlock(nullptr));
     EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
     EXPECT_EQ(0, Val(m_lpMap->m_bSaveFlag));
+    // A head naming no next page gives 4, its head written all the same.
+    m_lpHead->m_nCacheStartOffset = 0;
+    memcpy(m_vLogical.data(), m_lpHead, CACHE_PAGE_SIZE);
+    EXPECT_EQ(CACHE_RESULT_NOCHAIN, m_pCache->FlushFileBlock(nullptr));
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
 }
 
 TEST_F(FlushLast, AFailedWriteStillClearsTheMarksAndTheOthersGoOn)
@@ -59,15 +64,6 @@ TEST_F(FlushLast, AFailedWriteStillClearsTheMarksAndTheOthersGoOn)
     EXPECT_EQ(0, Val(pFirst->m_bSaveFlag));
     EXPECT_EQ(0, Val(pSecond->m_bSaveFlag));
     EXPECT_EQ(0, Val(pSecond->m_bFlushFlag));
-    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
-}
-
-TEST_F(FlushLast, AHeadNamingNoNextPageGives4AfterWritingItsHead)
-{
-    MakeFile();
-    m_lpHead->m_nCacheStartOffset = 0;
-    memcpy(m_vLogical.data(), m_lpHead, CACHE_PAGE_SIZE);
-    EXPECT_EQ(CACHE_RESULT_NOCHAIN, m_pCache->FlushFileBlock(nullptr));
     EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
 }
 
