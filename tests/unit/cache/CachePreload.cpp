@@ -233,7 +233,7 @@ TEST_F(CachePreload, RoomAndAFullCacheEndTheLoadUnderEachType)
     }
 }
 
-TEST_F(CachePreload, ATakenOverCacheLoadsNothingAndBadHeadsFail)
+TEST_F(CachePreload, ATakenOverCacheLoadsNothing)
 {
     AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
     std::vector<UINT> vChain = Chain((UINT)Head()->m_nFreeNo, 4);
@@ -243,43 +243,44 @@ TEST_F(CachePreload, ATakenOverCacheLoadsNothingAndBadHeadsFail)
     EXPECT_EQ(S_OK, m_pCache->InitCacheHead(nullptr));
     EXPECT_EQ(CACHESTATUS_READY, Val(Head()->m_bStatus));
     EXPECT_EQ(0, memcmp(vFirst.data(), Base() + CacheBlockOffset(vChain[0]), P));
-    // A head of another size refuses the start.
-    m_pCache->m_bExists = FALSE;
-    LPTABLEFILEHEAD h = (LPTABLEFILEHEAD)(Base() + CacheBlockOffset(Head()->m_nFileInfoNo[INDEX_NO]));
-    h->m_nFileHeaderSize = 8192;
-    EXPECT_EQ(E_FAIL, m_pCache->InitCacheHead(nullptr));
-    EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
-    EXPECT_STREQ("Load failed!", m_stProgress.m_lpTitle);
-    EXPECT_TRUE(Traced(60010010, "header size (8192)"));
-    // A head whose chain does not lead to a map block.
-    h->m_nFileHeaderSize = P;
-    long long llStart = h->m_nCacheStartOffset;
-    *(int*)(Base() + llStart) = 0x12345678;
-    EXPECT_EQ(1, m_pCache->InitCacheHead(nullptr));
-    h->m_nCacheStartOffset = 0;
-    EXPECT_EQ(CACHE_RESULT_NOCHAIN, m_pCache->InitCacheHead(nullptr));
-    EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
 }
 
-TEST_F(CachePreload, AReadErrorOrABrokenMapFailsTheLoad)
+TEST_F(CachePreload, ABadHeadAReadErrorOrALostMapFailsTheLoad)
 {
+    auto fnHead = [this] { return (LPTABLEFILEHEAD)(Base() + CacheBlockOffset(Head()->m_nFileInfoNo[INDEX_NO])); };
     talvortest::FaultFileIO io;
-    AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
-    {
-        talvortest::ScopedFileIO scoped(&io);
-        io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);
-        EXPECT_EQ(E_FAIL, m_pCache->InitCacheHead(nullptr));
+    struct {
+        const char* lpName;
+        std::function<void()> fnSpoil;
+        HRESULT hr;
+        long nCode = 0;
+        const char* lpText = "";
+        int nMaxMap = 600;
+    } arCases[] = {
+        {"head of another size", [&] { fnHead()->m_nFileHeaderSize = 8192; }, E_FAIL, 60010010, "header size (8192)"},
+        {"chain to no map block", [&] { *(int*)(Base() + fnHead()->m_nCacheStartOffset) = 0x12345678; }, 1},
+        {"head naming no next page", [&] { fnHead()->m_nCacheStartOffset = 0; }, CACHE_RESULT_NOCHAIN},
+        {"read error", [&] { io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES); }, E_FAIL},
+        // A full map block whose next map block is missing.
+        {"map lost", nullptr, E_FAIL, 60010002, "the MAP is lost, the file number is: 11", 16},
+    };
+    for (const auto& c : arCases) {
+        SCOPED_TRACE(c.lpName);
+        TearDown();
+        SetUp();
+        m_nMaxMap = c.nMaxMap;
+        AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
+        if (c.fnSpoil) c.fnSpoil();
+        {
+            talvortest::ScopedFileIO scoped(&io);
+            EXPECT_EQ(c.hr, m_pCache->InitCacheHead(nullptr));
+        }
+        EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
+        EXPECT_STREQ("Load failed!", m_stProgress.m_lpTitle);
+        if (c.nCode != 0) {
+            EXPECT_TRUE(Traced(c.nCode, c.lpText));
+        }
     }
-    EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
-    EXPECT_STREQ("Load failed!", m_stProgress.m_lpTitle);
-    // A full map block whose next map block is missing.
-    TearDown();
-    SetUp();
-    m_nMaxMap = 16;
-    AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
-    EXPECT_EQ(E_FAIL, m_pCache->InitCacheHead(nullptr));
-    EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
-    EXPECT_TRUE(Traced(60010002, "the MAP is lost, the file number is: 11"));
 }
 
 // ---- The read ahead: the next piece is read on a reader thread while the
