@@ -98,7 +98,9 @@ TEST_F(FileInit, PagesHangInFileOrderAndLinkEachOther)
 {
     MakeFile(FILETYPE_TABLE, 1018, true);
     ASSERT_EQ(2, m_nEx);
+    m_info.m_liFileSize = FILE_SIZE / 2;  // another size measured: the file's is taken
     ASSERT_EQ(0, Init());
+    EXPECT_EQ(FILE_SIZE, m_info.m_liFileSize);
     std::vector<UINT> v = Chain(Head()->m_nFileInfoNo[FILE_NO]);
     ASSERT_EQ(5u, v.size());
     // Page for page the file's bytes, but for the links of this cache.
@@ -185,15 +187,6 @@ TEST_F(FileInit, FailedHeadReadIsReportedAfterThreeTries)
     EXPECT_EQ(1, Init());
     EXPECT_EQ(3, io.Calls(FileOp::PRead));
     EXPECT_TRUE(Traced(80001005, "Failed to load file header"));
-}
-
-TEST_F(FileInit, OtherMeasuredSizeIsTakenWhenTheFileReads)
-{
-    MakeFile(FILETYPE_TABLE, 10, false);
-    m_info.m_liFileSize = FILE_SIZE / 2;
-    ASSERT_EQ(0, Init());
-    EXPECT_EQ(FILE_SIZE, m_info.m_liFileSize);
-    EXPECT_EQ(FILE_SIZE, m_nLoadSize);
 }
 
 TEST_F(FileInit, CacheKeptFromBeforeReadsNothingButMustHoldTheFile)
@@ -394,7 +387,7 @@ TEST_F(FileNew, SmallestFileIsMadeWithItsHeadAreaAndReachesTheCache)
     EXPECT_TRUE(Traced(80006020, "New file was added successfully"));
 }
 
-TEST_F(FileNew, TooSmallOrExistingFileIsRefusedUnmade)
+TEST_F(FileNew, TooSmallOrExistingFileOrTooFewBlocksAreRefused)
 {
     m_info.m_liFileSize = FILE_SIZE - 1;
     EXPECT_EQ(1, New());
@@ -407,6 +400,12 @@ TEST_F(FileNew, TooSmallOrExistingFileIsRefusedUnmade)
     snprintf(m_info.m_lpszFilePath, sizeof(m_info.m_lpszFilePath), "%s", strOther.c_str());
     EXPECT_EQ(1, New());
     EXPECT_TRUE(Traced(80006002, "already exists"));
+    // Its pages need their blocks in the cache.
+    m_pStorage->Release();
+    m_pStorage = nullptr;
+    snprintf(m_info.m_lpszFilePath, sizeof(m_info.m_lpszFilePath), "%s", m_strPath.c_str());
+    TakeBlocks(2);
+    EXPECT_EQ(CACHE_RESULT_NOFREEBLOCK, New());
 }
 
 TEST_F(FileNew, SmallBufferIsReplacedAndPiecesFollowIt)
@@ -457,12 +456,6 @@ TEST_F(FileNew, FailedWritesAreReportedByPiece)
         m_pStorage = nullptr;
         unlink(m_strPath.c_str());
     }
-}
-
-TEST_F(FileNew, PagesNeedTheirBlocksInTheCache)
-{
-    TakeBlocks(2);
-    EXPECT_EQ(CACHE_RESULT_NOFREEBLOCK, New());
 }
 
 }  // namespace
