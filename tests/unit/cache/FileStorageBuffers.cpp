@@ -163,7 +163,7 @@ TEST_F(FileBuffers, AllPartsValidTurnsIntoWholeSpanStatus)
     EXPECT_EQ(FILEBUF_WHOLE, b->m_nStatus);
 }
 
-TEST_F(FileBuffers, WholeSpanWritesAndReadsAreNotBuffered)
+TEST_F(FileBuffers, WholeSpansGoStraightAndFlushBufferWritesTheLeastRecentChangeFirst)
 {
     ClearCalls();
     ASSERT_EQ(0, Write(4 * FS_SPAN, FS_SPAN));
@@ -171,12 +171,6 @@ TEST_F(FileBuffers, WholeSpanWritesAndReadsAreNotBuffered)
     EXPECT_EQ((Calls{{4 * FS_SPAN, FS_SPAN}}), Writes());
     ASSERT_TRUE(ReadsBack(7 * FS_SPAN, FS_SPAN));
     EXPECT_EQ(nullptr, Holder(7 * FS_SPAN));
-    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
-}
-
-
-TEST_F(FileBuffers, FlushBufferWritesLeastRecentlyUsedChangeFirst)
-{
     EXPECT_EQ(-1, m_pStorage->FlushBuffer(nullptr));
     ASSERT_EQ(0, Write(10 * FS_SPAN, FS_PART));
     ASSERT_EQ(0, Write(20 * FS_SPAN + FS_PART, 2 * FS_PART));
