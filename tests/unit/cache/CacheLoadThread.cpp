@@ -119,24 +119,10 @@ protected:
     UINT m_nTarget = 0;
 };
 
-TEST_F(CacheLoadThread, LoadsTheBlockByteForByteAndWrapsAroundTheGroup)
-{
-    // More requests than slots: the reading position must wrap at the end
-    // of the group and every answer stay right.
-    for (int i = 0; i < m_nSlots + 3; i++) {
-        memset(Target(), FILLER, CACHE_BLOCK_SIZE);
-        BYTE bPos = TalvorLoadShared(&Group()->m_bStorageLoadPos);
-        ASSERT_EQ(CACHELOAD_OK, RequestGood()) << "request " << i;
-        ASSERT_TRUE(TargetHoldsBlock(BLOCK_AT)) << "request " << i;
-        EXPECT_EQ((bPos + 1) % m_nSlots, TalvorLoadShared(&Group()->m_bStorageLoadPos));
-    }
-    EXPECT_EQ(0, Val(((LPBASEBLOCKHEAD)Target())->m_bThreadNum));
-}
-
 // A request of a wrong file, block, place or size, or into a cache place
 // that is not a cache block, is refused without a byte of the segment
 // written outside the slots.
-TEST_F(CacheLoadThread, WrongRequestsAreRefusedAndTheSegmentIsLeftAlone)
+TEST_F(CacheLoadThread, WrongRequestsAreRefusedUntouchedAndGoodOnesLoadAroundTheGroup)
 {
     // A file the module knows without a backend.
     FILEINFO stNoBackend;
@@ -200,9 +186,16 @@ TEST_F(CacheLoadThread, WrongRequestsAreRefusedAndTheSegmentIsLeftAlone)
         if ((long long)i >= llInfo && (long long)i < llInfo + (long long)sizeof(stu_FileCacheLoadInfo)) continue;
         ASSERT_EQ(vBefore[i], vAfter[i]) << "segment byte " << i << " written";
     }
-    // And the thread still serves a good request afterwards.
-    EXPECT_EQ(CACHELOAD_OK, RequestGood());
-    EXPECT_TRUE(TargetHoldsBlock(BLOCK_AT));
+    // The thread still serves good requests, byte for byte, more of them
+    // than slots: the reading position must wrap at the end of the group.
+    for (int i = 0; i < m_nSlots + 3; i++) {
+        memset(Target(), FILLER, CACHE_BLOCK_SIZE);
+        BYTE bPos = TalvorLoadShared(&Group()->m_bStorageLoadPos);
+        ASSERT_EQ(CACHELOAD_OK, RequestGood()) << "request " << i;
+        ASSERT_TRUE(TargetHoldsBlock(BLOCK_AT)) << "request " << i;
+        EXPECT_EQ((bPos + 1) % m_nSlots, TalvorLoadShared(&Group()->m_bStorageLoadPos));
+    }
+    EXPECT_EQ(0, Val(((LPBASEBLOCKHEAD)Target())->m_bThreadNum));
 }
 
 TEST_F(CacheLoadThread, ReadErrorsAreAnsweredFailedNeverAHalfBlock)
