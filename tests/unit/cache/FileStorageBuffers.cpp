@@ -347,8 +347,19 @@ TEST_F(FileBuffers, ThreadsOnTheirOwnBlocksAndAFlusherLoseNothing)
 }
 
 
-TEST_F(FileBuffers, MovedFileTakesItsBufferedChangesAlong)
+TEST_F(FileBuffers, AMoveIsRefusedOverAFileStopsAtAFailedCopyOrTakesTheChangesAlong)
 {
+    ASSERT_EQ(0, Write(FS_PART, FS_PART));
+    EXPECT_EQ(1, Move(m_tree.File("There.dbf", "x")));
+    EXPECT_TRUE(Traced(80008001, "already exists"));
+    // The buffered part goes out (one write), then the third piece fails.
+    m_io.FailCall(FileOp::PWrite, m_io.Calls(FileOp::PWrite) + 4, EIO, 3);
+    EXPECT_EQ(1, Move(m_tree.Path("Moved.dbf")));
+    EXPECT_TRUE(Traced(80008005, "write location: 2097152, write size: 1048576"));
+    // The old file stays open and whole.
+    EXPECT_STREQ(m_strPath.c_str(), m_info.m_lpszFilePath);
+    EXPECT_TRUE(ReadsBack(0, 2 * FS_PART));
+    // A move that goes through takes the buffered changes along.
     ASSERT_EQ(0, Write(FS_PART, FS_PART));
     ASSERT_TRUE(ReadsBack(4 * FS_SPAN, FS_PART));
     ASSERT_EQ(0, Write(4 * FS_SPAN + 512, 512));
@@ -368,20 +379,6 @@ TEST_F(FileBuffers, MovedFileTakesItsBufferedChangesAlong)
     // The file goes on at its new place, through the same buffers.
     ASSERT_EQ(0, Write(9 * FS_PART, FS_PART));
     EXPECT_TRUE(ReadsBack(0, 2 * FS_SPAN));
-}
-
-TEST_F(FileBuffers, MoveIsRefusedOverAFileAndStopsAtAFailedCopy)
-{
-    ASSERT_EQ(0, Write(FS_PART, FS_PART));
-    EXPECT_EQ(1, Move(m_tree.File("There.dbf", "x")));
-    EXPECT_TRUE(Traced(80008001, "already exists"));
-    // The buffered part goes out (one write), then the third piece fails.
-    m_io.FailCall(FileOp::PWrite, m_io.Calls(FileOp::PWrite) + 4, EIO, 3);
-    EXPECT_EQ(1, Move(m_tree.Path("Moved.dbf")));
-    EXPECT_TRUE(Traced(80008005, "write location: 2097152, write size: 1048576"));
-    // The old file stays open and whole.
-    EXPECT_STREQ(m_strPath.c_str(), m_info.m_lpszFilePath);
-    EXPECT_TRUE(ReadsBack(0, 2 * FS_PART));
 }
 
 
