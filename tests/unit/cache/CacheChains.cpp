@@ -27,7 +27,6 @@ protected:
         return llOffset;
     }
     stu_FileCacheLoadInfo Group(BYTE bFileNo) { return Head()->m_stFileCacheLoadInfo[bFileNo]; }
-    // A block for bFileNo is refused with nWant, and not a byte changes.
     void ExpectRefused(BYTE bFileNo, int nWant = CACHE_RESULT_BADCHAIN)
     {
         std::vector<BYTE> vBefore = Snapshot();
@@ -92,10 +91,8 @@ TEST_F(CacheChains, BrokenChainsAreRefusedWithoutTouchingTheFreeChain)
     UINT nFree = (UINT)Head()->m_nFreeNo;
     *(UINT*)(Base() + CacheLinkOffset(nFree)) = 1;
     ExpectRefused(5);
-    long long llOffset = 0;
     Head()->m_nFreeNo = (int)(m_l.m_nBlockBufNum + 1);
-    EXPECT_EQ(CACHE_RESULT_BADCHAIN, m_pCache->LoadFile2Cache(nullptr, 6, llOffset));
-    EXPECT_EQ(0u, Head()->m_nFileInfoNo[6]);
+    ExpectRefused(6);
     EXPECT_TRUE(Traced(60002001, "The free chain of the cache is broken"));
 }
 
@@ -176,12 +173,7 @@ TEST_F(CacheChains, ARecycledGroupIsHandedOnAndARefusedOrStrayGroupIsNotGiven)
     // A recycled group out of bounds is not handed on, and the new file's
     // block goes back to the free chain.
     Head()->m_bRecycleFileNo = 20;
-    int nFreeBefore = Head()->m_nFreeNo;
-    long long llOffset = 0;
-    EXPECT_EQ(CACHE_RESULT_BADCHAIN, m_pCache->LoadFile2Cache(nullptr, 21, llOffset));
-    EXPECT_EQ(0u, Head()->m_nFileInfoNo[21]);
-    EXPECT_EQ(nFreeBefore, Val(Head()->m_nFreeNo));
-    EXPECT_EQ((UINT)nFreeBefore + 1, m_pCache->GetLink((UINT)nFreeBefore));
+    ExpectRefused(21);
 }
 
 TEST_F(CacheChains, ANewFilesPagesAreLinkedFromHeadToFirstMap)
@@ -281,12 +273,7 @@ TEST_F(CacheChains, AWildCountOfSlotsLeftPlacesNoGroup)
     for (int nWild : {-1, 474, 100000}) {
         SCOPED_TRACE(nWild);
         Head()->m_nValidLoadSlotNum = nWild;
-        int nFree = Head()->m_nFreeNo;
-        long long llOffset = 0;
-        EXPECT_EQ(CACHE_RESULT_BADCHAIN, m_pCache->LoadFile2Cache(nullptr, 60, llOffset));
-        EXPECT_EQ(0u, Head()->m_nFileInfoNo[60]);
-        EXPECT_EQ(0, Group(60).m_nCacheLoadHeadOffset);
-        EXPECT_EQ(nFree, Val(Head()->m_nFreeNo));
+        ExpectRefused(60);
     }
     EXPECT_TRUE(Traced(60002005, "count of load slots left is out of bounds"));
 }

@@ -10,14 +10,7 @@ namespace {
 
 CACHEHEADAREADEF Def(BYTE bFileType, int nObjects)
 {
-    CACHEHEADAREADEF d;
-    d.m_bFileNo = 12;
-    d.m_bFileType = bFileType;
-    d.m_usDatabaseGuid = 0xBEEF;
-    d.m_nMaxObjectNum = nObjects;
-    d.m_nFileSize = 4194304;
-    d.m_nTimestamp = 123456789;
-    return d;
+    return CACHEHEADAREADEF{12, bFileType, 0xBEEF, nObjects, 4194304, 123456789};
 }
 
 TEST(CacheFileHeadArea, SizeFollowsTheObjectsAtTheEdgesOfEachPage)

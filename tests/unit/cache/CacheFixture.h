@@ -48,18 +48,22 @@ protected:
         g_nLanguage_Chinese = m_nOldLanguage;
     }
 
-    static CBreltMemStorageModule* Module()
-    {
-        // Only its presence is checked; nothing of it is reached here.
-        static char cModule;
-        return reinterpret_cast<CBreltMemStorageModule*>(&cModule);
-    }
     // A new cache object on the segment; the result of Initialize.
     int Open(int nMB, int nLRU = 80, BOOL bFileCache = FALSE)
     {
+        static char s_cModule;  // only its presence is checked
         m_pCache.reset(new CTalvorCacheStorage);
         m_pCache->SetCacheModule(&m_module);
-        return m_pCache->Initialize(SHMNAME_CACHEBUFFER, nMB, nLRU, Module(), bFileCache);
+        return m_pCache->Initialize(SHMNAME_CACHEBUFFER, nMB, nLRU, (CBreltMemStorageModule*)&s_cModule, bFileCache);
+    }
+    // The row the file list hands over for the file at strPath.
+    static void Describe(FILEINFO& info, const std::string& strPath, BYTE bFileNo, BYTE bType, long long llSize)
+    {
+        memset(&info, 0, sizeof(info));
+        snprintf(info.m_lpszFilePath, sizeof(info.m_lpszFilePath), "%s", strPath.c_str());
+        info.m_bFileNo = bFileNo;
+        info.m_bFileType = (char)bType;
+        info.m_liFileSize = llSize;
     }
     // The daemon dies: it lets go of the segment without removing it.
     void Abandon()

@@ -1,54 +1,10 @@
 // FlushFileBlock, the last pass at a stop with the engine lost, checked
 // against a model of the file's bytes.
-#include "CacheFileHeadArea.h"
 #include "FlushRingFixture.h"
 
 using namespace cachetest;
 
 namespace {
-
-const long long HEAD_TS = 4000;
-
-class FlushLast : public FlushRing {
-protected:
-    // The file's head area in its cache chain (head page, first map block),
-    // as a new file puts it there.
-    void MakeFile()
-    {
-        MakeRing();
-        long long llSecond = 0;
-        ASSERT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FS_FILE_NO, llSecond));
-        CACHEHEADAREADEF stDef = {FS_FILE_NO, FILETYPE_TABLE, 1, 10, FS_FILE_SIZE, HEAD_TS};
-        std::vector<BYTE> vArea(2 * CACHE_PAGE_SIZE);
-        int nEx = -1;
-        ASSERT_TRUE(CacheBuildHeadArea(stDef, vArea.data(), (long long)vArea.size(), &nEx));
-        ASSERT_EQ(0, nEx);
-        ASSERT_EQ(0, m_pCache->NewFile2Cache(nullptr, FS_FILE_NO, FILETYPE_TABLE, vArea.data(), 0));
-        m_lpHead = (LPTABLEFILEHEAD)(Base() + (long long)Head()->m_nFileInfoNo[FS_FILE_NO] * CACHE_BLOCK_SIZE);
-        m_lpMap = (LPBASEFILEBLOCKMAPHEAD_CACHE)(Base() + llSecond);
-        ASSERT_EQ(BLOCKMAP_CACHE_DATAFLAG, Val(m_lpMap->m_nDataFlag));
-        ASSERT_GT(Val(m_lpHead->m_nMaxBlockMapNum), 8);
-        // The head always reaches offset 0.
-        memcpy(m_vLogical.data(), m_lpHead, CACHE_PAGE_SIZE);
-        ClearCalls();
-    }
-    // A block of the file in the cache, its place in the map; dirty by the
-    // flags given. The model learns it only when it must be written.
-    LPBLOCKHEAD Block(UINT nBlockNo, long long llFileOffset, BYTE bSave, BYTE bFlush)
-    {
-        PostData(nBlockNo, llFileOffset, bSave == 1 || bFlush == 1);
-        // Only the cache block is wanted; the ring stays empty.
-        m_pCache->m_pCacheFlush[m_vPosted.back()].m_bStatus = 0;
-        LPBLOCKHEAD h = (LPBLOCKHEAD)m_vLive.back();
-        h->m_bSaveFlag = bSave;
-        h->m_bFlushFlag = bFlush;
-        m_lpMap->m_pBlockMap[nBlockNo - 1].m_nBlockOffset = llFileOffset;
-        return h;
-    }
-
-    LPTABLEFILEHEAD m_lpHead = nullptr;
-    LPBASEFILEBLOCKMAPHEAD_CACHE m_lpMap = nullptr;
-};
 
 TEST_F(FlushLast, EveryDirtyBlockReachesItsPlaceAndItsMarksClear)
 {
@@ -76,7 +32,7 @@ TEST_F(FlushLast, EveryDirtyBlockReachesItsPlaceAndItsMarksClear)
     EXPECT_TRUE(LatchFree());
 }
 
-TEST_F(FlushLast, AMapBlockMarkedOrNewerThanTheHeadIsWritten)
+TEST_F(FlushLast, AMapBlockNewerThanTheHeadIsWrittenAndAHeadWithoutAChainGives4)
 {
     MakeFile();
     m_lpMap->m_bSaveFlag = 0;
@@ -87,6 +43,11 @@ TEST_F(FlushLast, AMapBlockMarkedOrNewerThanTheHeadIsWritten)
     EXPECT_EQ(0, m_pCache->FlushFileBlock(nullptr));
     EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
     EXPECT_EQ(0, Val(m_lpMap->m_bSaveFlag));
+    // A head naming no next page gives 4, its head written all the same.
+    m_lpHead->m_nCacheStartOffset = 0;
+    memcpy(m_vLogical.data(), m_lpHead, CACHE_PAGE_SIZE);
+    EXPECT_EQ(CACHE_RESULT_NOCHAIN, m_pCache->FlushFileBlock(nullptr));
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
 }
 
 TEST_F(FlushLast, AFailedWriteStillClearsTheMarksAndTheOthersGoOn)
@@ -103,15 +64,6 @@ TEST_F(FlushLast, AFailedWriteStillClearsTheMarksAndTheOthersGoOn)
     EXPECT_EQ(0, Val(pFirst->m_bSaveFlag));
     EXPECT_EQ(0, Val(pSecond->m_bSaveFlag));
     EXPECT_EQ(0, Val(pSecond->m_bFlushFlag));
-    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
-}
-
-TEST_F(FlushLast, AHeadNamingNoNextPageGives4AfterWritingItsHead)
-{
-    MakeFile();
-    m_lpHead->m_nCacheStartOffset = 0;
-    memcpy(m_vLogical.data(), m_lpHead, CACHE_PAGE_SIZE);
-    EXPECT_EQ(CACHE_RESULT_NOCHAIN, m_pCache->FlushFileBlock(nullptr));
     EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
 }
 

@@ -33,6 +33,11 @@ protected:
 TEST_F(FlushThread, EntriesPostedBeforeTheStopAreServedAndTheThreadsEndPromptly)
 {
     MakeRing();
+    // Without the module no thread starts.
+    m_pCache->SetCacheModule(nullptr);
+    EXPECT_EQ(E_FAIL, m_pCache->CreateEventAndThread());
+    EXPECT_EQ(0u, (unsigned long)m_pCache->m_hStorageFlushThread);
+    m_pCache->SetCacheModule(&m_module);
     // The thread is held on its first write while the stop comes.
     m_io.Hold(FileOp::PWrite);
     ASSERT_EQ(S_OK, m_pCache->CreateEventAndThread());
@@ -61,24 +66,20 @@ TEST_F(FlushThread, EntriesPostedBeforeTheStopAreServedAndTheThreadsEndPromptly)
     EXPECT_TRUE(Traced(6000300, "StorageIndexFlushThread thread closed!"));
 }
 
-TEST_F(FlushThread, WithoutTheModuleNoThreadStarts)
-{
-    MakeRing();
-    m_pCache->SetCacheModule(nullptr);
-    EXPECT_EQ(E_FAIL, m_pCache->CreateEventAndThread());
-    EXPECT_EQ(0u, (unsigned long)m_pCache->m_hStorageFlushThread);
-}
-
-
 TEST_F(FlushRing, APausedFileHoldsTheRingUntilThePauseEnds)
 {
     MakeRing();
     stu_CacheFlush* pFirst = PostData(80, 40LL * FS_PART);
     stu_CacheFlush* pSecond = PostData(81, 41LL * FS_PART);
     TalvorStoreShared(&m_pCache->m_bPauseFileNo, FS_FILE_NO);
+    // A stop while paused leaves the entries posted for the next daemon.
+    const int nPos = Head()->m_bStorageFlushPos;
+    Run();
+    EXPECT_EQ(1, Val(pFirst->m_bStatus));
+    EXPECT_EQ(nPos, (int)Head()->m_bStorageFlushPos);
+    TalvorStoreShared(&m_pCache->m_bExit, 0);
     std::thread t([&] { EXPECT_EQ(S_OK, m_pCache->StorageFlush(nullptr)); });
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    // Nothing passes the paused entry.
     EXPECT_EQ(1, Val(pFirst->m_bStatus));
     EXPECT_EQ(1, Val(pSecond->m_bStatus));
     EXPECT_TRUE(Writes().empty());
@@ -168,7 +169,6 @@ TEST_F(FlushRing, ATimestampWaitsWhileAFileIsPaused)
     ASSERT_TRUE(WaitUntil([&] { return TalvorLoadShared(&pData->m_bStatus) == 0; }, 20000));
     ASSERT_TRUE(m_pCache->PauseFile(FS_FILE_NO));
     stu_CacheFlush* pStamp = PostTimestamp(9100, -1, 0);
-    // Many rounds of the loop.
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_EQ(0, nCommits.load()) << "a timestamp committed over a paused file's writes";
     EXPECT_EQ(1, Val(pStamp->m_bStatus));
@@ -178,17 +178,6 @@ TEST_F(FlushRing, ATimestampWaitsWhileAFileIsPaused)
     EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
     TalvorStoreShared(&m_pCache->m_bExit, 1);
     tLoop.join();
-}
-
-TEST_F(FlushRing, AtTheStopAPausedEntryStaysPostedForTheNextDaemon)
-{
-    MakeRing();
-    stu_CacheFlush* p = PostData(82, 40LL * FS_PART);
-    TalvorStoreShared(&m_pCache->m_bPauseFileNo, FS_FILE_NO);
-    Run();
-    EXPECT_EQ(1, Val(p->m_bStatus));
-    EXPECT_EQ(0, (int)Head()->m_bStorageFlushPos);
-    EXPECT_TRUE(Writes().empty());
 }
 
 TEST_F(FlushRing, AFileShortOfRoomGrowsAndTheEntryPastItsOldEndGoesThrough)
@@ -214,7 +203,6 @@ TEST_F(FlushRing, AFileShortOfRoomGrowsAndTheEntryPastItsOldEndGoesThrough)
     ASSERT_EQ(0, stat(m_strPath.c_str(), &st));
     EXPECT_GE((long long)st.st_size, FS_FILE_SIZE + CACHEFLUSH_GROW_SIZE);
     EXPECT_EQ(FS_FILE_SIZE + CACHEFLUSH_GROW_SIZE, Val(lpHead->m_nFileTotalSize));
-    // The block is on disk at its place, read past every layer.
     EXPECT_TRUE(FileAt(m_strPath, llPast, FS_PART) ==
                 std::vector<BYTE>(m_vLogical.begin() + llPast, m_vLogical.begin() + llPast + FS_PART));
 }

@@ -8,6 +8,7 @@ namespace {
 
 struct Expected {
     int nMB;
+    int nLRU;
     long long llFIFOSize;
     long long llFIFOOffset;
     long long llFlashBackOffset;
@@ -23,20 +24,24 @@ struct Expected {
 // 1; map blocks = 1 + N / 4096; first free = 2 + map blocks.
 const Expected kSizes[] = {
     // 300 MiB: FIFO 60 MiB; 251265024 / 16384 = 15336; 15335 / 4096 = 3.
-    {300, 62914560, 251265024, 314179584, 15335, 4, 6, 473, 32744},
+    {300, 80, 62914560, 251265024, 314179584, 15335, 4, 6, 473, 32744},
     // 1 GiB: FIFO 204 MiB (204.8 cut); 859439104 / 16384 = 52456; 52455 /
     // 4096 = 12. Links 0 to 14 serve no chain, so all 475 slots stay.
-    {1024, 213909504, 859439104, 1073348608, 52455, 13, 15, 475, 32808},
+    {1024, 80, 213909504, 859439104, 1073348608, 52455, 13, 15, 475, 32808},
+    // LRU 0 is taken as 2: FIFO 98 MiB; 1703936 / 16384 = 104.
+    {100, 0, 102760448, 1703936, 104464384, 103, 1, 3, 473, 32744},
+    // LRU 150 is taken as 98: FIFO 2 MiB; 102367232 / 16384 = 6248.
+    {100, 150, 2097152, 102367232, 104464384, 6247, 2, 4, 473, 32744},
 };
 
 } // namespace
 
-TEST(CacheLayout, HandWorkedOffsetsFor300MiBAnd1GiB)
+TEST(CacheLayout, HandWorkedOffsetsAndTheLruPercentClampedTo2And98)
 {
     for (const Expected& e : kSizes) {
-        SCOPED_TRACE(e.nMB);
+        SCOPED_TRACE(testing::Message() << e.nMB << " MiB, LRU " << e.nLRU);
         CACHELAYOUT l;
-        ASSERT_TRUE(CacheComputeLayoutMB(e.nMB, 80, l));
+        ASSERT_TRUE(CacheComputeLayoutMB(e.nMB, e.nLRU, l));
         EXPECT_EQ((long long)e.nMB * 1048576, l.m_llTotalSize);
         EXPECT_EQ(e.llFIFOSize, l.m_llFIFOSize);
         EXPECT_EQ(e.llFIFOOffset, l.m_llFIFOOffset);
@@ -122,15 +127,4 @@ TEST(CacheLayout, SizesThatHoldNoCacheBlockAreRefused)
     EXPECT_EQ(3u, l.m_nBlockBufNum);
     EXPECT_FALSE(CacheComputeLayout(64LL * 1048576, 64LL * 1048576, l));
     EXPECT_FALSE(CacheComputeLayoutMB(0, 80, l));
-}
-
-TEST(CacheLayout, LruPercentIsClampedTo2And98)
-{
-    CACHELAYOUT lLow, lClamped;
-    ASSERT_TRUE(CacheComputeLayoutMB(100, 0, lLow));
-    ASSERT_TRUE(CacheComputeLayoutMB(100, 2, lClamped));
-    EXPECT_EQ(98LL * 1048576, lLow.m_llFIFOSize);
-    EXPECT_EQ(lClamped.m_llFIFOOffset, lLow.m_llFIFOOffset);
-    ASSERT_TRUE(CacheComputeLayoutMB(100, 150, lLow));
-    EXPECT_EQ(2LL * 1048576, lLow.m_llFIFOSize);
 }

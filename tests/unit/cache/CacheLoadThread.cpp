@@ -48,7 +48,6 @@ protected:
         FileStorageFixture::TearDown();
     }
 
-    // A block head written straight to the file.
     void WriteBlockHead(long long llAt, UINT nBlockNo, BYTE bFileNo, int nSize)
     {
         BASEBLOCKHEAD h;
@@ -120,21 +119,10 @@ protected:
     UINT m_nTarget = 0;
 };
 
-TEST_F(CacheLoadThread, LoadsTheBlockByteForByteAndWrapsAroundTheGroup)
-{
-    // More requests than slots: the reading position must wrap at the end
-    // of the group and every answer stay right.
-    for (int i = 0; i < m_nSlots + 3; i++) {
-        memset(Target(), FILLER, CACHE_BLOCK_SIZE);
-        BYTE bPos = TalvorLoadShared(&Group()->m_bStorageLoadPos);
-        ASSERT_EQ(CACHELOAD_OK, RequestGood()) << "request " << i;
-        ASSERT_TRUE(TargetHoldsBlock(BLOCK_AT)) << "request " << i;
-        EXPECT_EQ((bPos + 1) % m_nSlots, TalvorLoadShared(&Group()->m_bStorageLoadPos));
-    }
-    EXPECT_EQ(0, Val(((LPBASEBLOCKHEAD)Target())->m_bThreadNum));
-}
-
-TEST_F(CacheLoadThread, WrongIdentityIsRefusedAndTheCacheBlockIsLeftAlone)
+// A request of a wrong file, block, place or size, or into a cache place
+// that is not a cache block, is refused without a byte of the segment
+// written outside the slots.
+TEST_F(CacheLoadThread, WrongRequestsAreRefusedUntouchedAndGoodOnesLoadAroundTheGroup)
 {
     // A file the module knows without a backend.
     FILEINFO stNoBackend;
@@ -145,7 +133,9 @@ TEST_F(CacheLoadThread, WrongIdentityIsRefusedAndTheCacheBlockIsLeftAlone)
     WriteBlockHead(BLOCK_AT + CACHE_BLOCK_SIZE, BLOCK_NO + 1, OTHER_FILE, CACHE_BLOCK_SIZE);
     // A block whose head says it is half as large as asked.
     WriteBlockHead(BLOCK_AT + 2 * CACHE_BLOCK_SIZE, BLOCK_NO + 2, FS_FILE_NO, CACHE_BLOCK_SIZE / 2);
-    long long llTarget = CacheBlockOffset(m_nTarget);
+    const long long llTarget = CacheBlockOffset(m_nTarget);
+    const CACHELAYOUT& l = m_pCache->GetLayout();
+    const int B = CACHE_BLOCK_SIZE, F = CACHELOAD_FAILED;
     struct {
         const char* lpszCase;
         UINT nBlockNo;
@@ -153,51 +143,39 @@ TEST_F(CacheLoadThread, WrongIdentityIsRefusedAndTheCacheBlockIsLeftAlone)
         int nSize;
         BYTE bFileNo = FS_FILE_NO;
         int nAnswer = CACHELOAD_FAILED;
+        long long llCache = -1;  // the target
     } arCases[] = {
-        {"unknown file", BLOCK_NO, BLOCK_AT, CACHE_BLOCK_SIZE, 9, CACHELOAD_NOFILE},
-        {"file without a backend", BLOCK_NO, BLOCK_AT, CACHE_BLOCK_SIZE, OTHER_FILE, CACHELOAD_NOBACKEND},
-        {"wrong number", BLOCK_NO + 7, BLOCK_AT, CACHE_BLOCK_SIZE},
-        {"another file's block", BLOCK_NO + 1, BLOCK_AT + CACHE_BLOCK_SIZE, CACHE_BLOCK_SIZE},
-        {"size not the block's", BLOCK_NO + 2, BLOCK_AT + 2 * CACHE_BLOCK_SIZE, CACHE_BLOCK_SIZE},
-        {"size smaller than asked", BLOCK_NO, BLOCK_AT, CACHE_BLOCK_SIZE / 2},
-        {"no mark (random bytes)", BLOCK_NO, BLOCK_AT + 5 * CACHE_BLOCK_SIZE, CACHE_BLOCK_SIZE},
-        {"block number 0", 0, BLOCK_AT, CACHE_BLOCK_SIZE},
-        {"past the end of the file", BLOCK_NO, FS_FILE_SIZE - CACHE_BLOCK_SIZE / 2, CACHE_BLOCK_SIZE},
-        {"far past the end", BLOCK_NO, 1LL << 40, CACHE_BLOCK_SIZE},
-        {"negative offset", BLOCK_NO, -CACHE_BLOCK_SIZE, CACHE_BLOCK_SIZE},
-        {"over the head page", BLOCK_NO, 0, CACHE_BLOCK_SIZE},
+        {"unknown file", BLOCK_NO, BLOCK_AT, B, 9, CACHELOAD_NOFILE},
+        {"file without a backend", BLOCK_NO, BLOCK_AT, B, OTHER_FILE, CACHELOAD_NOBACKEND},
+        {"wrong number", BLOCK_NO + 7, BLOCK_AT, B},
+        {"another file's block", BLOCK_NO + 1, BLOCK_AT + B, B},
+        {"size not the block's", BLOCK_NO + 2, BLOCK_AT + 2 * B, B},
+        {"size smaller than asked", BLOCK_NO, BLOCK_AT, B / 2},
+        {"no mark (random bytes)", BLOCK_NO, BLOCK_AT + 5 * B, B},
+        {"block number 0", 0, BLOCK_AT, B},
+        {"past the end of the file", BLOCK_NO, FS_FILE_SIZE - B / 2, B},
+        {"far past the end", BLOCK_NO, 1LL << 40, B},
+        {"negative offset", BLOCK_NO, -B, B},
+        {"over the head page", BLOCK_NO, 0, B},
         {"size 0", BLOCK_NO, BLOCK_AT, 0},
         {"negative size", BLOCK_NO, BLOCK_AT, -16384},
         {"size beyond the block area", BLOCK_NO, BLOCK_AT, 0x7FFFF000},
+        {"the cache head", BLOCK_NO, BLOCK_AT, B, FS_FILE_NO, F, 0},
+        {"the cache map", BLOCK_NO, BLOCK_AT, B, FS_FILE_NO, F, CACHE_MAP_OFFSET},
+        {"last map block", BLOCK_NO, BLOCK_AT, B, FS_FILE_NO, F, CacheBlockOffset(l.m_nFirstFreeNo) - B},
+        {"not on a block", BLOCK_NO, BLOCK_AT, B, FS_FILE_NO, F, llTarget + 512},
+        {"the FIFO area", BLOCK_NO, BLOCK_AT, B, FS_FILE_NO, F, l.m_llFIFOOffset},
+        {"runs into it", BLOCK_NO, BLOCK_AT, B, FS_FILE_NO, F, l.m_llFIFOOffset - B / 2},
+        {"past the segment", BLOCK_NO, BLOCK_AT, B, FS_FILE_NO, F, l.m_llTotalSize},
+        {"before the segment", BLOCK_NO, BLOCK_AT, B, FS_FILE_NO, F, -B},
     };
+    std::vector<BYTE> vBefore = Snapshot();
     for (const auto& c : arCases) {
-        EXPECT_EQ(c.nAnswer, Request(c.bFileNo, c.nBlockNo, c.llAt, c.nSize, llTarget)) << c.lpszCase;
+        long long llCache = c.llCache == -1 ? llTarget : c.llCache;
+        EXPECT_EQ(c.nAnswer, Request(c.bFileNo, c.nBlockNo, c.llAt, c.nSize, llCache)) << c.lpszCase;
         EXPECT_TRUE(TargetUntouched()) << c.lpszCase;
     }
     EXPECT_TRUE(Traced(60004001, "file number 9"));
-    // And the thread still serves a good request afterwards.
-    EXPECT_EQ(CACHELOAD_OK, RequestGood());
-    EXPECT_TRUE(TargetHoldsBlock(BLOCK_AT));
-}
-
-TEST_F(CacheLoadThread, CacheOffsetsOutsideTheBlockAreaAreRefusedWithoutAWrite)
-{
-    const CACHELAYOUT& l = m_pCache->GetLayout();
-    long long arOffsets[] = {
-        0,                                               // the cache head
-        CACHE_MAP_OFFSET,                                // the cache map
-        CacheBlockOffset(l.m_nFirstFreeNo) - CACHE_BLOCK_SIZE,  // last map block
-        CacheBlockOffset(m_nTarget) + 512,               // not on a block
-        l.m_llFIFOOffset,                                // the FIFO area
-        l.m_llFIFOOffset - CACHE_BLOCK_SIZE / 2,         // runs into it
-        l.m_llTotalSize,                                 // past the segment
-        -CACHE_BLOCK_SIZE,
-    };
-    std::vector<BYTE> vBefore = Snapshot();
-    for (long long llOffset : arOffsets) {
-        EXPECT_EQ(CACHELOAD_FAILED, Request(FS_FILE_NO, BLOCK_NO, BLOCK_AT, CACHE_BLOCK_SIZE, llOffset)) << llOffset;
-    }
-    // Nothing but the slots changed: compare all bytes outside the slot area.
     std::vector<BYTE> vAfter = Snapshot();
     ASSERT_EQ(vBefore.size(), vAfter.size());
     long long llSlots = (LPBYTE)m_lpGroup - Base();
@@ -208,12 +186,21 @@ TEST_F(CacheLoadThread, CacheOffsetsOutsideTheBlockAreaAreRefusedWithoutAWrite)
         if ((long long)i >= llInfo && (long long)i < llInfo + (long long)sizeof(stu_FileCacheLoadInfo)) continue;
         ASSERT_EQ(vBefore[i], vAfter[i]) << "segment byte " << i << " written";
     }
+    // The thread still serves good requests, byte for byte, more of them
+    // than slots: the reading position must wrap at the end of the group.
+    for (int i = 0; i < m_nSlots + 3; i++) {
+        memset(Target(), FILLER, CACHE_BLOCK_SIZE);
+        BYTE bPos = TalvorLoadShared(&Group()->m_bStorageLoadPos);
+        ASSERT_EQ(CACHELOAD_OK, RequestGood()) << "request " << i;
+        ASSERT_TRUE(TargetHoldsBlock(BLOCK_AT)) << "request " << i;
+        EXPECT_EQ((bPos + 1) % m_nSlots, TalvorLoadShared(&Group()->m_bStorageLoadPos));
+    }
+    EXPECT_EQ(0, Val(((LPBASEBLOCKHEAD)Target())->m_bThreadNum));
 }
 
 TEST_F(CacheLoadThread, ReadErrorsAreAnsweredFailedNeverAHalfBlock)
 {
     long long llTarget = CacheBlockOffset(m_nTarget);
-    // Every try fails outright.
     m_io.FailNext(FileOp::PRead, EIO, FILESTORE_IO_TRIES);
     EXPECT_EQ(CACHELOAD_FAILED, Request(FS_FILE_NO, BLOCK_NO, BLOCK_AT, CACHE_BLOCK_SIZE, llTarget));
     EXPECT_TRUE(TargetUntouched());
@@ -227,24 +214,21 @@ TEST_F(CacheLoadThread, ReadErrorsAreAnsweredFailedNeverAHalfBlock)
     EXPECT_TRUE(LatchFree());
 }
 
-TEST_F(CacheLoadThread, AFileCutInsideTheBlockGivesNoZeroFilledBlock)
-{
-    // The head of the block is intact, its tail is gone: the read meets the
-    // end of the file and would fill zeros. From one byte short to half.
-    for (long long llCut : {1LL, 512LL, 4096LL, (long long)CACHE_BLOCK_SIZE / 2}) {
-        ASSERT_EQ(0, truncate(m_strPath.c_str(), BLOCK_AT + CACHE_BLOCK_SIZE - llCut));
-        EXPECT_EQ(CACHELOAD_FAILED, RequestGood()) << "cut " << llCut << " bytes short";
-        EXPECT_TRUE(TargetUntouched()) << "cut " << llCut << " bytes short";
-    }
-}
-
-TEST_F(CacheLoadThread, ABlockEndingInZerosOfAWholeFileLoads)
+TEST_F(CacheLoadThread, ZerosEndingABlockLoadButAFileCutInsideItGivesNoBlock)
 {
     // Zeros at the end of a block look like what a read past the end of
     // the file gives; in a file that holds the block whole they are data.
     ASSERT_TRUE(talvortest::WriteFileAt(m_strPath, BLOCK_AT + CACHE_BLOCK_SIZE - 4096, std::string(4096, '\0')));
     EXPECT_EQ(CACHELOAD_OK, RequestGood());
     EXPECT_TRUE(TargetHoldsBlock(BLOCK_AT));
+    // The head of the block is intact, its tail is gone: the read meets the
+    // end of the file and would fill zeros. From one byte short to half.
+    for (long long llCut : {1LL, 512LL, 4096LL, (long long)CACHE_BLOCK_SIZE / 2}) {
+        memset(Target(), FILLER, CACHE_BLOCK_SIZE);
+        ASSERT_EQ(0, truncate(m_strPath.c_str(), BLOCK_AT + CACHE_BLOCK_SIZE - llCut));
+        EXPECT_EQ(CACHELOAD_FAILED, RequestGood()) << "cut " << llCut << " bytes short";
+        EXPECT_TRUE(TargetUntouched()) << "cut " << llCut << " bytes short";
+    }
 }
 
 TEST_F(CacheLoadThread, PausedFileWaitsAndStopEndsTheThreadPromptly)

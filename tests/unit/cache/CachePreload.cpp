@@ -110,11 +110,7 @@ protected:
         EXPECT_EQ(0, m_pCache->LoadFile2Cache(nullptr, bFileNo, llOffset));
         EXPECT_EQ(0, m_pCache->LoadFile2Cache(nullptr, bFileNo, llOffset));
         EXPECT_EQ(0, m_pCache->NewFile2Cache(nullptr, bFileNo, bType, v.data(), 0));
-        memset(&f.info, 0, sizeof(f.info));
-        snprintf(f.info.m_lpszFilePath, sizeof(f.info.m_lpszFilePath), "%s", f.strPath.c_str());
-        f.info.m_bFileNo = bFileNo;
-        f.info.m_bFileType = (char)bType;
-        f.info.m_liFileSize = m_llFileSize;
+        Describe(f.info, f.strPath, bFileNo, bType, m_llFileSize);
         f.info.m_pLoadSize = &f.llLoadSize;
         f.pStorage = new CTalvorFileStorage(m_pCache.get());
         EXPECT_EQ(0, f.pStorage->OpenFile(nullptr, &f.info, 1));
@@ -123,6 +119,14 @@ protected:
         if (m_vFiles.size() == 1) m_module.m_pFileList = &f.info;
         else m_vFiles[m_vFiles.size() - 2]->info.m_pNext = &f.info;
         return f;
+    }
+    // A fresh cache with an index file of 12 MiB: two pieces of the preload.
+    TestFile& FreshBigIndex(const std::vector<BlockShape>& vBlocks)
+    {
+        TearDown();
+        SetUp();
+        m_llFileSize = 12LL * 1048576;
+        return AddFile(INDEX_NO, FILETYPE_INDEX, vBlocks);
     }
     // Room so that nRoom - nUsed = llWanted.
     void SetRoom(long long llWanted)
@@ -189,31 +193,22 @@ std::vector<std::pair<TestFile*, int>> Blocks(TestFile& f, std::initializer_list
     return v;
 }
 
-TEST_F(CachePreload, TightRoomTakesEveryUpperNodeAndLeavesUpToTheirShare)
+// With room for the upper nodes and a leaf share of 2 x 16384, leaves 0 and
+// 2 use the share up and block 4 would go over. A free chain cut to 3
+// blocks ends the load early under each type.
+TEST_F(CachePreload, RoomAndAFullCacheEndTheLoadUnderEachType)
 {
-    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
-    AddFile(TABLE_NO, FILETYPE_TABLE, {{0, P, 1}});
-    // 16384-byte blocks with an ID: 0,1,2,5,6,8,15 = 7 of them; leaves of
-    // half size with an ID: 4,7,9..14 = 8.
-    long long llMeta = 7LL * P, llTotal = llMeta + 8LL * H;
-    // Type 1 with a leaf share of 2 x 16384: leaves 0 and 2 (16384 each)
-    // use it up; block 4 (8192) would go over.
-    SetRoom(llMeta + 2LL * P + (llTotal - llMeta) / 100);
-    EXPECT_EQ(S_OK, m_pCache->InitCacheHead(nullptr));
-    EXPECT_TRUE(ChainHolds(Blocks(idx, {0, 1, 2, 5, 8, 15})));
-    EXPECT_EQ(CACHESTATUS_READY, Val(Head()->m_bStatus));
-}
-
-TEST_F(CachePreload, AFullCacheEndsTheLoadEarlyUnderEachType)
-{
+    const long long llShare = 7LL * P + 2LL * P + (4LL * P) / 100;
     struct {
         const char* lpszType;
         long long llRoom;  // relative to the used blocks
+        int nCut;          // blocks left on the free chain, 0 all
         std::initializer_list<int> lWant;
     } arCases[] = {
-        {"all", 1LL << 24, {0, 1, 2}},
-        {"some leaves", 7LL * P + 2LL * P + (4LL * P) / 100, {0, 1, 2}},
-        {"upper only", 7LL * P - 1, {1, 5, 8}},
+        {"some leaves", llShare, 0, {0, 1, 2, 5, 8, 15}},
+        {"all, cut", 1LL << 24, 3, {0, 1, 2}},
+        {"some leaves, cut", llShare, 3, {0, 1, 2}},
+        {"upper only, cut", 7LL * P - 1, 3, {1, 5, 8}},
     };
     for (const auto& c : arCases) {
         SCOPED_TRACE(c.lpszType);
@@ -222,12 +217,14 @@ TEST_F(CachePreload, AFullCacheEndsTheLoadEarlyUnderEachType)
         TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
         TestFile& tab = AddFile(TABLE_NO, FILETYPE_TABLE, {{0, P, 1}});
         SetRoom(c.llRoom);
-        CutFreeChain(3);
+        if (c.nCut > 0) CutFreeChain(c.nCut);
         UINT nHeadFree = (UINT)Head()->m_nFreeNo;
         std::vector<UINT> vBefore = Chain(nHeadFree);
         EXPECT_EQ(S_OK, m_pCache->InitCacheHead(nullptr));
         EXPECT_EQ(CACHESTATUS_READY, Val(Head()->m_bStatus));
-        EXPECT_EQ(0u, m_pCache->m_nFreeNo) << "the cursor must stand at the end of the chain";
+        if (c.nCut > 0) {
+            EXPECT_EQ(0u, m_pCache->m_nFreeNo) << "the cursor must stand at the end of the chain";
+        }
         EXPECT_EQ(nHeadFree, (UINT)Head()->m_nFreeNo);
         EXPECT_EQ(vBefore, Chain(nHeadFree)) << "the free chain itself changed";
         EXPECT_TRUE(ChainHolds(Blocks(idx, c.lWant)));
@@ -236,7 +233,7 @@ TEST_F(CachePreload, AFullCacheEndsTheLoadEarlyUnderEachType)
     }
 }
 
-TEST_F(CachePreload, ATakenOverCacheLoadsNothingAndBadHeadsFail)
+TEST_F(CachePreload, ATakenOverCacheLoadsNothing)
 {
     AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
     std::vector<UINT> vChain = Chain((UINT)Head()->m_nFreeNo, 4);
@@ -246,43 +243,44 @@ TEST_F(CachePreload, ATakenOverCacheLoadsNothingAndBadHeadsFail)
     EXPECT_EQ(S_OK, m_pCache->InitCacheHead(nullptr));
     EXPECT_EQ(CACHESTATUS_READY, Val(Head()->m_bStatus));
     EXPECT_EQ(0, memcmp(vFirst.data(), Base() + CacheBlockOffset(vChain[0]), P));
-    // A head of another size refuses the start.
-    m_pCache->m_bExists = FALSE;
-    LPTABLEFILEHEAD h = (LPTABLEFILEHEAD)(Base() + CacheBlockOffset(Head()->m_nFileInfoNo[INDEX_NO]));
-    h->m_nFileHeaderSize = 8192;
-    EXPECT_EQ(E_FAIL, m_pCache->InitCacheHead(nullptr));
-    EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
-    EXPECT_STREQ("Load failed!", m_stProgress.m_lpTitle);
-    EXPECT_TRUE(Traced(60010010, "header size (8192)"));
-    // A head whose chain does not lead to a map block.
-    h->m_nFileHeaderSize = P;
-    long long llStart = h->m_nCacheStartOffset;
-    *(int*)(Base() + llStart) = 0x12345678;
-    EXPECT_EQ(1, m_pCache->InitCacheHead(nullptr));
-    h->m_nCacheStartOffset = 0;
-    EXPECT_EQ(CACHE_RESULT_NOCHAIN, m_pCache->InitCacheHead(nullptr));
-    EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
 }
 
-TEST_F(CachePreload, AReadErrorOrABrokenMapFailsTheLoad)
+TEST_F(CachePreload, ABadHeadAReadErrorOrALostMapFailsTheLoad)
 {
+    auto fnHead = [this] { return (LPTABLEFILEHEAD)(Base() + CacheBlockOffset(Head()->m_nFileInfoNo[INDEX_NO])); };
     talvortest::FaultFileIO io;
-    AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
-    {
-        talvortest::ScopedFileIO scoped(&io);
-        io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);
-        EXPECT_EQ(E_FAIL, m_pCache->InitCacheHead(nullptr));
+    struct {
+        const char* lpName;
+        std::function<void()> fnSpoil;
+        HRESULT hr;
+        long nCode = 0;
+        const char* lpText = "";
+        int nMaxMap = 600;
+    } arCases[] = {
+        {"head of another size", [&] { fnHead()->m_nFileHeaderSize = 8192; }, E_FAIL, 60010010, "header size (8192)"},
+        {"chain to no map block", [&] { *(int*)(Base() + fnHead()->m_nCacheStartOffset) = 0x12345678; }, 1},
+        {"head naming no next page", [&] { fnHead()->m_nCacheStartOffset = 0; }, CACHE_RESULT_NOCHAIN},
+        {"read error", [&] { io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES); }, E_FAIL},
+        // A full map block whose next map block is missing.
+        {"map lost", nullptr, E_FAIL, 60010002, "the MAP is lost, the file number is: 11", 16},
+    };
+    for (const auto& c : arCases) {
+        SCOPED_TRACE(c.lpName);
+        TearDown();
+        SetUp();
+        m_nMaxMap = c.nMaxMap;
+        AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
+        if (c.fnSpoil) c.fnSpoil();
+        {
+            talvortest::ScopedFileIO scoped(&io);
+            EXPECT_EQ(c.hr, m_pCache->InitCacheHead(nullptr));
+        }
+        EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
+        EXPECT_STREQ("Load failed!", m_stProgress.m_lpTitle);
+        if (c.nCode != 0) {
+            EXPECT_TRUE(Traced(c.nCode, c.lpText));
+        }
     }
-    EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
-    EXPECT_STREQ("Load failed!", m_stProgress.m_lpTitle);
-    // A full map block whose next map block is missing.
-    TearDown();
-    SetUp();
-    m_nMaxMap = 16;
-    AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
-    EXPECT_EQ(E_FAIL, m_pCache->InitCacheHead(nullptr));
-    EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
-    EXPECT_TRUE(Traced(60010002, "the MAP is lost, the file number is: 11"));
 }
 
 // ---- The read ahead: the next piece is read on a reader thread while the
@@ -290,7 +288,6 @@ TEST_F(CachePreload, AReadErrorOrABrokenMapFailsTheLoad)
 // result, the lines and the progress are those of a sweep that reads each
 // piece only when it gets to it.
 
-// Threads of this process now.
 int ThreadCount()
 {
     int n = 0;
@@ -326,7 +323,6 @@ void WatchingSink(LPCTSTR, LONG, LONG lCode, LPCTSTR)
     g_vFailLines.push_back({lCode, (pid_t)syscall(SYS_gettid), g_pWatched != nullptr ? g_pWatched->m_nFreeNo : 0});
 }
 
-// Installs WatchingSink for one scope.
 struct WatchLines {
     explicit WatchLines(CTalvorCacheStorage* pCache)
     {
@@ -377,10 +373,7 @@ TEST_F(CachePreload, AFailedReadOfTheSecondPieceSurfacesAfterTheFirstIsCopiedAnd
 {
     for (bool bShifted : {false, true}) {
         SCOPED_TRACE(bShifted ? "the second piece starts with a carried part" : "pieces on block bounds");
-        TearDown();
-        SetUp();
-        m_llFileSize = 12LL * 1048576;
-        TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, TwoPieces(590, 2, bShifted));
+        TestFile& idx = FreshBigIndex(TwoPieces(590, 2, bShifted));
         std::vector<UINT> vChain = Chain((UINT)Head()->m_nFreeNo);
         int nFirst = BlocksInFirstPiece(idx);
         ASSERT_GT((int)vChain.size(), (int)idx.vBlocks.size());
@@ -418,10 +411,7 @@ TEST_F(CachePreload, ACacheFullInTheFirstPieceEndsTheReaderWithItsReadAndWithout
 {
     for (bool bFails : {false, true}) {
         SCOPED_TRACE(bFails ? "the read ahead fails" : "the read ahead goes well");
-        TearDown();
-        SetUp();
-        m_llFileSize = 12LL * 1048576;
-        TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, TwoPieces(590, 2, false));
+        TestFile& idx = FreshBigIndex(TwoPieces(590, 2, false));
         TestFile& tab = AddFile(TABLE_NO, FILETYPE_TABLE, {{0, P, 1}});
         CutFreeChain(10);
         int nThreads = ThreadCount();

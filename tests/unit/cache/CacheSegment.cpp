@@ -56,8 +56,15 @@ protected:
 
 } // namespace
 
-TEST_F(CacheSegment, NewSegmentHasTheComputedHeadAndEveryBlockOnTheFreeChain)
+TEST_F(CacheSegment, NoSegmentBelow32MiBAndANewOneHasTheComputedHeadAndEveryBlockFree)
 {
+    // Below 32 MiB or without the module no segment is made.
+    EXPECT_EQ(E_FAIL, Open(31));
+    EXPECT_TRUE(Traced(60001001, "Cache size (31) does not support less than 32MB, system boot failure!"));
+    EXPECT_LT(SegmentId(), 0);
+    m_pCache.reset(new CTalvorCacheStorage);
+    EXPECT_EQ(E_FAIL, m_pCache->Initialize(SHMNAME_CACHEBUFFER, 64, 80, nullptr, FALSE));
+    EXPECT_LT(SegmentId(), 0);
     ASSERT_EQ(S_OK, Open(64));
     EXPECT_FALSE(m_pCache->m_bExists);
     EXPECT_EQ(64LL * 1048576, SegmentSize());
@@ -89,113 +96,77 @@ TEST_F(CacheSegment, NewSegmentHasTheComputedHeadAndEveryBlockOnTheFreeChain)
     for (UINT b = 0; b < 3; b++) EXPECT_EQ(0u, m_pCache->GetLink(b));
 }
 
-TEST_F(CacheSegment, SizeBelow32MiBAndAMissingModuleAreRefusedWithoutASegment)
-{
-    EXPECT_EQ(E_FAIL, Open(31));
-    EXPECT_TRUE(Traced(60001001, "Cache size (31) does not support less than 32MB, system boot failure!"));
-    EXPECT_LT(SegmentId(), 0);
-    m_pCache.reset(new CTalvorCacheStorage);
-    EXPECT_EQ(E_FAIL, m_pCache->Initialize(SHMNAME_CACHEBUFFER, 64, 80, nullptr, FALSE));
-    EXPECT_LT(SegmentId(), 0);
-    EXPECT_EQ(S_OK, Open(32));
-    EXPECT_EQ(32LL * 1048576, SegmentSize());
-}
+static LPCacheBufferHead H(CTalvorCacheStorage& c) { return c.m_pCacheBufferHead; }
 
-// Every way a survivor must not be trusted, each rebuilt to exactly the
-// bytes of a cache made new.
-TEST_F(CacheSegment, SurvivorCutShortOrOutOfBoundsIsRebuiltAsNew)
+// Every way a survivor must not be trusted (cut short, damaged, of another
+// size), each made anew to exactly the bytes of a new cache at the size and
+// share asked.
+TEST_F(CacheSegment, SurvivorCutShortDamagedOrOfAnotherSizeIsMadeAnew)
 {
-    const std::vector<BYTE> vNew = NewImage(SMALL_MB);
+    const char* lpReload = "Cache residual data was found in the memory, the system will reload the cache";
+    const char* lpResized = "instead of 41943040, the cache is made anew";
     struct Case {
         const char* lpName;
         std::function<void(CTalvorCacheStorage&)> fnSpoil;
-        long nCode;
-        const char* lpText;
+        long nCode = 60001011;
+        const char* lpText = "The cache head in memory is damaged";
+        int nOldMB = SMALL_MB;
+        int nNewMB = SMALL_MB;
+        int nLRU = 80;
     };
-    const char* lpReload = "Cache residual data was found in the memory, the system will reload the cache";
-    const char* lpDamaged = "The cache head in memory is damaged";
     const std::vector<Case> vCases = {
-        {"status 1", [](CTalvorCacheStorage& c) { c.m_pCacheBufferHead->m_bStatus = CACHESTATUS_BUILDING; },
-         60001000, lpReload},
-        {"mark", [](CTalvorCacheStorage& c) { c.m_pCacheBufferHead->m_nDataFlag = 0x44444344; }, 60001011,
-         lpDamaged},
+        {"status 1", [](CTalvorCacheStorage& c) { H(c)->m_bStatus = CACHESTATUS_BUILDING; }, 60001000, lpReload},
+        // A rebuild takes the share asked, not the survivor's.
+        {"failed, new share", [](CTalvorCacheStorage& c) { H(c)->m_bStatus = CACHESTATUS_FAILED; }, 60001000,
+         lpReload, SMALL_MB, SMALL_MB, 50},
+        {"mark", [](CTalvorCacheStorage& c) { H(c)->m_nDataFlag = 0x44444344; }},
         {"mark and status 1",
          [](CTalvorCacheStorage& c) {
-             c.m_pCacheBufferHead->m_nDataFlag = 0;
-             c.m_pCacheBufferHead->m_bStatus = CACHESTATUS_BUILDING;
-         },
-         60001011, lpDamaged},
-        {"total size", [](CTalvorCacheStorage& c) { c.m_pCacheBufferHead->m_llCacheTotalSize = 1LL << 40; },
-         60001011, lpDamaged},
-        {"block count", [](CTalvorCacheStorage& c) { c.m_pCacheBufferHead->m_nBlockBufNum += 100; }, 60001011,
-         lpDamaged},
+             H(c)->m_nDataFlag = 0;
+             H(c)->m_bStatus = CACHESTATUS_BUILDING;
+         }},
+        {"total size", [](CTalvorCacheStorage& c) { H(c)->m_llCacheTotalSize = 1LL << 40; }},
+        {"block count", [](CTalvorCacheStorage& c) { H(c)->m_nBlockBufNum += 100; }},
         {"free chain head past the blocks",
-         [](CTalvorCacheStorage& c) { c.m_pCacheBufferHead->m_nFreeNo = (int)c.GetLayout().m_nBlockBufNum + 1; },
-         60001011, lpDamaged},
-        {"file chain into a map block",
-         [](CTalvorCacheStorage& c) { c.m_pCacheBufferHead->m_nFileInfoNo[9] = 2; }, 60001011, lpDamaged},
+         [](CTalvorCacheStorage& c) { H(c)->m_nFreeNo = (int)c.GetLayout().m_nBlockBufNum + 1; }},
+        {"file chain into a map block", [](CTalvorCacheStorage& c) { H(c)->m_nFileInfoNo[9] = 2; }},
         {"file chain loops",
          [](CTalvorCacheStorage& c) {
-             UINT nFirst = c.m_pCacheBufferHead->m_nFileInfoNo[3];
-             UINT nSecond = c.GetLink(nFirst);
-             *(UINT*)(c.m_pCacheBufferAddr + CacheLinkOffset(c.GetLink(nSecond))) = nFirst;
-         },
-         60001011, lpDamaged},
+             UINT nFirst = H(c)->m_nFileInfoNo[3];
+             *(UINT*)(c.m_pCacheBufferAddr + CacheLinkOffset(c.GetLink(c.GetLink(nFirst)))) = nFirst;
+         }},
         {"two chains share a block",
-         [](CTalvorCacheStorage& c) {
-             c.m_pCacheBufferHead->m_nFileInfoNo[12] = c.GetLink(c.m_pCacheBufferHead->m_nFileInfoNo[7]);
-         },
-         60001011, lpDamaged},
-        {"flush position",
-         [](CTalvorCacheStorage& c) { c.m_pCacheBufferHead->m_bStorageIndexFlushPos = 128; }, 60001011, lpDamaged},
+         [](CTalvorCacheStorage& c) { H(c)->m_nFileInfoNo[12] = c.GetLink(H(c)->m_nFileInfoNo[7]); }},
+        {"flush position", [](CTalvorCacheStorage& c) { H(c)->m_bStorageIndexFlushPos = 128; }},
         {"load group past the slots",
          [](CTalvorCacheStorage& c) {
-             c.m_pCacheBufferHead->m_stFileCacheLoadInfo[7].m_nCacheLoadHeadOffset = CACHE_MAP_OFFSET - 32;
-         },
-         60001011, lpDamaged},
+             H(c)->m_stFileCacheLoadInfo[7].m_nCacheLoadHeadOffset = CACHE_MAP_OFFSET - 32;
+         }},
         {"load position past its group",
-         [](CTalvorCacheStorage& c) { c.m_pCacheBufferHead->m_stFileCacheLoadInfo[3].m_bStorageLoadPos = 64; },
-         60001011, lpDamaged},
+         [](CTalvorCacheStorage& c) { H(c)->m_stFileCacheLoadInfo[3].m_bStorageLoadPos = 64; }},
         {"recycle list loops",
          [](CTalvorCacheStorage& c) {
-             c.m_pCacheBufferHead->m_bRecycleFileNo = 3;
-             c.m_pCacheBufferHead->m_stFileCacheLoadInfo[3].m_bNextRecycleFileNo = 7;
-             c.m_pCacheBufferHead->m_stFileCacheLoadInfo[7].m_bNextRecycleFileNo = 3;
-         },
-         60001011, lpDamaged},
-        {"load block cursor",
-         [](CTalvorCacheStorage& c) { c.m_pCacheBufferHead->m_nLoadCacheOffset = 16384; }, 60001011, lpDamaged},
+             H(c)->m_bRecycleFileNo = 3;
+             H(c)->m_stFileCacheLoadInfo[3].m_bNextRecycleFileNo = 7;
+             H(c)->m_stFileCacheLoadInfo[7].m_bNextRecycleFileNo = 3;
+         }},
+        {"load block cursor", [](CTalvorCacheStorage& c) { H(c)->m_nLoadCacheOffset = 16384; }},
+        {"smaller size", [](CTalvorCacheStorage&) {}, 60001010, lpResized, SMALL_MB, OTHER_MB},
+        {"larger size", [](CTalvorCacheStorage&) {}, 60001010, lpResized, 48, OTHER_MB},
     };
     for (const Case& k : vCases) {
         SCOPED_TRACE(k.lpName);
-        ASSERT_EQ(S_OK, Open(SMALL_MB));
+        const std::vector<BYTE> vNew = NewImage(k.nNewMB, k.nLRU);
+        RemoveSegment();
+        ASSERT_EQ(S_OK, Open(k.nOldMB));
         Use();
         k.fnSpoil(*m_pCache);
         Abandon();
         m_pTrace->Clear();
-        ASSERT_EQ(S_OK, Open(SMALL_MB));
+        ASSERT_EQ(S_OK, Open(k.nNewMB, k.nLRU));
         EXPECT_FALSE(m_pCache->m_bExists);
         EXPECT_TRUE(Traced(k.nCode, k.lpText));
-        EXPECT_EQ(-1, FirstDiff(vNew, Snapshot()));
-        m_pCache.reset();
-        RemoveSegment();
-    }
-}
-
-TEST_F(CacheSegment, SurvivorOfAnotherSizeIsMadeAnewAtTheSizeAsked)
-{
-    const std::vector<BYTE> vNew = NewImage(OTHER_MB);
-    RemoveSegment();
-    for (int nOld : {SMALL_MB, 48}) {
-        SCOPED_TRACE(nOld);
-        ASSERT_EQ(S_OK, Open(nOld));
-        Use();
-        Abandon();
-        m_pTrace->Clear();
-        ASSERT_EQ(S_OK, Open(OTHER_MB));
-        EXPECT_FALSE(m_pCache->m_bExists);
-        EXPECT_EQ((long long)OTHER_MB * 1048576, SegmentSize());
-        EXPECT_TRUE(Traced(60001010, "instead of 41943040, the cache is made anew"));
+        EXPECT_EQ((long long)k.nNewMB * 1048576, SegmentSize());
         EXPECT_EQ(-1, FirstDiff(vNew, Snapshot()));
         m_pCache.reset();
         RemoveSegment();
@@ -224,7 +195,7 @@ TEST_F(CacheSegment, UntrustedSurvivorTheEngineIsAttachedToIsRefusedUntouched)
 }
 
 // "LRUPercent" changed between two runs: a ready cache keeps its own FIFO
-// area and the engine's blocks; one cut short is made anew with the new share.
+// area and the engine's blocks.
 TEST_F(CacheSegment, ReadySurvivorIsTakenOverByteForByteWithItsOwnFifoArea)
 {
     ASSERT_EQ(S_OK, Open(SMALL_MB, 80));
@@ -245,13 +216,4 @@ TEST_F(CacheSegment, ReadySurvivorIsTakenOverByteForByteWithItsOwnFifoArea)
     EXPECT_EQ(CacheBlockOffset(nNextFree), llOffset);
     vFile3.push_back(nNextFree);
     EXPECT_EQ(vFile3, Chain(Head()->m_nFileInfoNo[3]));
-
-    Head()->m_bStatus = CACHESTATUS_FAILED;
-    Abandon();
-    ASSERT_EQ(S_OK, Open(SMALL_MB, 50));
-    EXPECT_FALSE(m_pCache->m_bExists);
-    EXPECT_EQ(16LL * 1048576, Val(Head()->m_nFIFOSize));
-    std::vector<BYTE> vRebuilt = Snapshot();
-    m_pCache.reset();
-    EXPECT_EQ(-1, FirstDiff(NewImage(SMALL_MB, 50), vRebuilt));
 }

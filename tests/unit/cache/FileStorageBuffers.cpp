@@ -12,8 +12,29 @@ namespace {
 
 const std::vector<int> NoFlags(FILESTORE_PART_NUM, 0);
 
+// A file with its buffers made for each test; whatever a test did, no latch
+// is left taken and, the buffers drained, the disk holds the model.
 class FileBuffers : public FileStorageFixture {
 protected:
+    void SetUp() override
+    {
+        FileStorageFixture::SetUp();
+        Make(TRUE);
+    }
+    void TearDown() override
+    {
+        if (m_pStorage != nullptr && !HasFatalFailure()) {
+            EXPECT_TRUE(LatchFree());
+            EXPECT_TRUE(DrainedFileMatches());
+        }
+        FileStorageFixture::TearDown();
+    }
+    void Remake(BOOL bFileCache, BYTE bOpenFileUseBuffer = 1)
+    {
+        FileStorageFixture::TearDown();
+        FileStorageFixture::SetUp();
+        Make(bFileCache, FILETYPE_TABLE, bOpenFileUseBuffer);
+    }
     int Move(const std::string& strTo)
     {
         std::vector<char> vTo(strTo.begin(), strTo.end());
@@ -28,9 +49,7 @@ TEST_F(FileBuffers, RandomBlocksComeBackAndReachTheDiskWithAndWithoutBuffers)
 {
     for (BOOL bFileCache : {TRUE, FALSE}) {
         SCOPED_TRACE(bFileCache ? "with buffers" : "without buffers");
-        TearDown();
-        SetUp();
-        Make(bFileCache);
+        Remake(bFileCache);
         EXPECT_EQ(bFileCache, m_pStorage->HasBuffers());
         std::uniform_int_distribution<long long> part(0, FS_FILE_SIZE / FS_PART - 4);
         // Sectors anywhere in a part, up to three parts long: transfers
@@ -55,7 +74,7 @@ TEST_F(FileBuffers, DirectAndSynchronousOpenTakesEveryTransfer)
     // Opened O_DIRECT | O_SYNC: a transfer of a bad length or offset would
     // fail with EINVAL, so every path must stay on 512-byte bounds, also the
     // changed range of a whole span written at odd places.
-    Make(TRUE, FILETYPE_TABLE, 0);
+    Remake(TRUE, 0);
     ASSERT_TRUE(ReadsBack(0, FS_PART));
     ASSERT_EQ(0, Write(100, 1000));
     ASSERT_EQ(0, Write(FS_PART + 7, 3));
@@ -73,7 +92,6 @@ TEST_F(FileBuffers, DirectAndSynchronousOpenTakesEveryTransfer)
 
 TEST_F(FileBuffers, WriteToUnheldSpanReadsNothingAndFlagsOnePart)
 {
-    Make(TRUE);
     ClearCalls();
     ASSERT_EQ(0, Write(FS_SPAN + 5 * FS_PART, FS_PART));
     EXPECT_TRUE(Reads().empty());
@@ -98,12 +116,10 @@ TEST_F(FileBuffers, WriteToUnheldSpanReadsNothingAndFlagsOnePart)
     EXPECT_EQ(want, Flags(b));
     // The change is not on disk yet.
     EXPECT_EQ(0, memcmp(FileBytes().data() + FS_SPAN + 5 * FS_PART, m_vDisk.data() + FS_SPAN + 5 * FS_PART, FS_PART));
-    EXPECT_TRUE(DrainedFileMatches());
 }
 
 TEST_F(FileBuffers, ReadAcrossChangedAndUnreadPartWritesTheChangeFirst)
 {
-    Make(TRUE);
     ASSERT_EQ(0, Write(5 * FS_PART, FS_PART));
     ClearCalls();
     std::vector<std::string> order;
@@ -124,12 +140,10 @@ TEST_F(FileBuffers, ReadAcrossChangedAndUnreadPartWritesTheChangeFirst)
     for (int i = 0; i <= 5; i++) want[i] = FILEPART_ONDISK;
     EXPECT_EQ(want, Flags(b));
     EXPECT_FALSE(m_pStorage->CheckFlush());
-    EXPECT_TRUE(DrainedFileMatches());
 }
 
 TEST_F(FileBuffers, AllPartsValidTurnsIntoWholeSpanStatus)
 {
-    Make(TRUE);
     ASSERT_EQ(0, Write(3 * FS_PART, FS_PART));
     ASSERT_TRUE(ReadsBack(0, FS_PART));      // reads parts 0 to 2
     ASSERT_TRUE(ReadsBack(4 * FS_PART, FS_PART));  // reads parts 4 to 15
@@ -147,25 +161,16 @@ TEST_F(FileBuffers, AllPartsValidTurnsIntoWholeSpanStatus)
     EXPECT_EQ(0, m_pStorage->FlushBuffer(nullptr));
     EXPECT_EQ((Calls{{3 * FS_PART, FS_PART}}), Writes());
     EXPECT_EQ(FILEBUF_WHOLE, b->m_nStatus);
-    EXPECT_TRUE(DrainedFileMatches());
 }
 
-TEST_F(FileBuffers, WholeSpanWritesAndReadsAreNotBuffered)
+TEST_F(FileBuffers, WholeSpansGoStraightAndFlushBufferWritesTheLeastRecentChangeFirst)
 {
-    Make(TRUE);
     ClearCalls();
     ASSERT_EQ(0, Write(4 * FS_SPAN, FS_SPAN));
     EXPECT_EQ(nullptr, Holder(4 * FS_SPAN));
     EXPECT_EQ((Calls{{4 * FS_SPAN, FS_SPAN}}), Writes());
     ASSERT_TRUE(ReadsBack(7 * FS_SPAN, FS_SPAN));
     EXPECT_EQ(nullptr, Holder(7 * FS_SPAN));
-    EXPECT_EQ(0, FirstDiff(FileBytes(), m_vLogical) == -1 ? 0 : 1);
-}
-
-
-TEST_F(FileBuffers, FlushBufferWritesLeastRecentlyUsedChangeFirst)
-{
-    Make(TRUE);
     EXPECT_EQ(-1, m_pStorage->FlushBuffer(nullptr));
     ASSERT_EQ(0, Write(10 * FS_SPAN, FS_PART));
     ASSERT_EQ(0, Write(20 * FS_SPAN + FS_PART, 2 * FS_PART));
@@ -176,12 +181,11 @@ TEST_F(FileBuffers, FlushBufferWritesLeastRecentlyUsedChangeFirst)
     EXPECT_EQ(-1, m_pStorage->FlushBuffer(nullptr));
     EXPECT_EQ((Calls{{10 * FS_SPAN, FS_PART}, {20 * FS_SPAN + FS_PART, 2 * FS_PART}}), Writes());
     EXPECT_EQ(FILEBUF_PARTS, Holder(10 * FS_SPAN)->m_nStatus);
-    EXPECT_EQ(0, FirstDiff(FileBytes(), m_vLogical) == -1 ? 0 : 1);
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
 }
 
 TEST_F(FileBuffers, ReleaseDrainsTheBuffersAndEndsWhenTheDiskKeepsFailing)
 {
-    Make(TRUE);
     ASSERT_EQ(0, Write(FS_PART, FS_PART));
     ASSERT_EQ(0, Write(9 * FS_SPAN, FS_PART));
     m_pStorage->Release();
@@ -190,9 +194,7 @@ TEST_F(FileBuffers, ReleaseDrainsTheBuffersAndEndsWhenTheDiskKeepsFailing)
     EXPECT_EQ(nullptr, m_info.m_pStorageFile);
     EXPECT_EQ(nullptr, m_info.m_hFile);
     // Again with a disk that fails every write: the release still ends.
-    TearDown();
-    SetUp();
-    Make(TRUE);
+    Remake(TRUE);
     ASSERT_EQ(0, Write(FS_PART, FS_PART));
     ASSERT_EQ(0, Write(9 * FS_SPAN, FS_PART));
     long long nBefore = m_io.Calls(FileOp::PWrite);
@@ -207,7 +209,7 @@ TEST_F(FileBuffers, ReleaseDrainsTheBuffersAndEndsWhenTheDiskKeepsFailing)
 
 TEST_F(FileBuffers, DirectWriteRetriesFailedAndShortTransfersThenReports)
 {
-    Make(FALSE);
+    Remake(FALSE);
     // A failed try and a short one: neither is taken for done.
     m_io.FailNext(FileOp::PWrite, EIO, 1);
     m_io.CutTransfer(FileOp::PWrite, 2, 4096);
@@ -223,12 +225,10 @@ TEST_F(FileBuffers, DirectWriteRetriesFailedAndShortTransfersThenReports)
     EXPECT_TRUE(Traced(80004002, "Failed to write from cache to physical file"));
     EXPECT_TRUE(Traced(80004002, "write size: 16384"));
     EXPECT_EQ(-1, FirstDiff(FileBytes(), before));
-    EXPECT_TRUE(LatchFree());
 }
 
 TEST_F(FileBuffers, FailedFlushBufferKeepsDataAndStatus)
 {
-    Make(TRUE);
     ASSERT_EQ(0, Write(2 * FS_SPAN + 3 * FS_PART, 2 * FS_PART));
     ASSERT_EQ(0, Write(2 * FS_SPAN + 9 * FS_PART, FS_PART));
     const CTalvorFileStorage::stu_Cache_Buffer* b = Holder(2 * FS_SPAN);
@@ -243,13 +243,10 @@ TEST_F(FileBuffers, FailedFlushBufferKeepsDataAndStatus)
     EXPECT_EQ(flags, Flags(b));
     EXPECT_EQ(-1, FirstDiff(FileBytes(), before));
     EXPECT_TRUE(ReadsBack(2 * FS_SPAN + 3 * FS_PART, 2 * FS_PART));
-    EXPECT_TRUE(DrainedFileMatches());
-    EXPECT_TRUE(LatchFree());
 }
 
 TEST_F(FileBuffers, FailedStatusTwoFlushIsReportedWithItsRange)
 {
-    Make(TRUE);
     ASSERT_TRUE(ReadsBack(5 * FS_SPAN, FS_PART));
     ASSERT_EQ(0, Write(5 * FS_SPAN + FS_PART, FS_PART));
     const CTalvorFileStorage::stu_Cache_Buffer* b = Holder(5 * FS_SPAN);
@@ -261,13 +258,10 @@ TEST_F(FileBuffers, FailedStatusTwoFlushIsReportedWithItsRange)
     EXPECT_EQ(FILEBUF_WHOLE_CHANGED, b->m_nStatus);
     EXPECT_EQ(FS_PART, b->m_nWriteBegin);
     EXPECT_EQ(2 * FS_PART, b->m_nWriteEnd);
-    EXPECT_TRUE(DrainedFileMatches());
-    EXPECT_TRUE(LatchFree());
 }
 
 TEST_F(FileBuffers, EvictionWritesTheLeastRecentTailAndAFailedOneWritesStraight)
 {
-    Make(TRUE);
     CTalvorFileStorage::stu_Cache_Buffer* p = nullptr;
     int nBufPos = -1;
     EXPECT_EQ(-1, m_pStorage->AllocCacheBuffer(FS_SPAN - FS_PART, 2 * FS_PART, p, nBufPos));
@@ -295,14 +289,11 @@ TEST_F(FileBuffers, EvictionWritesTheLeastRecentTailAndAFailedOneWritesStraight)
     EXPECT_EQ(nullptr, Holder(0));
     ASSERT_NE(nullptr, Holder(71LL * FS_SPAN));
     EXPECT_EQ(FILEBUF_PARTS_CHANGED, Holder(71LL * FS_SPAN)->m_nStatus);
-    EXPECT_TRUE(DrainedFileMatches());
-    EXPECT_TRUE(LatchFree());
 }
 
 
 TEST_F(FileBuffers, ThreadsOnTheirOwnBlocksAndAFlusherLoseNothing)
 {
-    Make(TRUE);
     const int nThreads = 4;
     const int nRounds = 300;
     // Thread t owns every part p with p % nThreads == t; the model is written
@@ -349,18 +340,26 @@ TEST_F(FileBuffers, ThreadsOnTheirOwnBlocksAndAFlusherLoseNothing)
     bStop = true;
     flusher.join();
     EXPECT_EQ(0, nBad.load());
-    EXPECT_TRUE(LatchFree());
     // Later writes of a part overwrite earlier ones in the model as on disk.
     for (int t = 0; t < nThreads; t++)
         for (int r = 0; r < nRounds; r++)
             memcpy(m_vLogical.data() + vPos[t][r], vData[t].data() + (size_t)r * FS_PART, FS_PART);
-    EXPECT_TRUE(DrainedFileMatches());
 }
 
 
-TEST_F(FileBuffers, MovedFileTakesItsBufferedChangesAlong)
+TEST_F(FileBuffers, AMoveIsRefusedOverAFileStopsAtAFailedCopyOrTakesTheChangesAlong)
 {
-    Make(TRUE);
+    ASSERT_EQ(0, Write(FS_PART, FS_PART));
+    EXPECT_EQ(1, Move(m_tree.File("There.dbf", "x")));
+    EXPECT_TRUE(Traced(80008001, "already exists"));
+    // The buffered part goes out (one write), then the third piece fails.
+    m_io.FailCall(FileOp::PWrite, m_io.Calls(FileOp::PWrite) + 4, EIO, 3);
+    EXPECT_EQ(1, Move(m_tree.Path("Moved.dbf")));
+    EXPECT_TRUE(Traced(80008005, "write location: 2097152, write size: 1048576"));
+    // The old file stays open and whole.
+    EXPECT_STREQ(m_strPath.c_str(), m_info.m_lpszFilePath);
+    EXPECT_TRUE(ReadsBack(0, 2 * FS_PART));
+    // A move that goes through takes the buffered changes along.
     ASSERT_EQ(0, Write(FS_PART, FS_PART));
     ASSERT_TRUE(ReadsBack(4 * FS_SPAN, FS_PART));
     ASSERT_EQ(0, Write(4 * FS_SPAN + 512, 512));
@@ -380,31 +379,11 @@ TEST_F(FileBuffers, MovedFileTakesItsBufferedChangesAlong)
     // The file goes on at its new place, through the same buffers.
     ASSERT_EQ(0, Write(9 * FS_PART, FS_PART));
     EXPECT_TRUE(ReadsBack(0, 2 * FS_SPAN));
-    EXPECT_TRUE(DrainedFileMatches());
-    EXPECT_TRUE(LatchFree());
-}
-
-TEST_F(FileBuffers, MoveIsRefusedOverAFileAndStopsAtAFailedCopy)
-{
-    Make(TRUE);
-    ASSERT_EQ(0, Write(FS_PART, FS_PART));
-    EXPECT_EQ(1, Move(m_tree.File("There.dbf", "x")));
-    EXPECT_TRUE(Traced(80008001, "already exists"));
-    // The buffered part goes out (one write), then the third piece fails.
-    m_io.FailCall(FileOp::PWrite, m_io.Calls(FileOp::PWrite) + 4, EIO, 3);
-    EXPECT_EQ(1, Move(m_tree.Path("Moved.dbf")));
-    EXPECT_TRUE(Traced(80008005, "write location: 2097152, write size: 1048576"));
-    // The old file stays open and whole.
-    EXPECT_STREQ(m_strPath.c_str(), m_info.m_lpszFilePath);
-    EXPECT_TRUE(ReadsBack(0, 2 * FS_PART));
-    EXPECT_TRUE(DrainedFileMatches());
-    EXPECT_TRUE(LatchFree());
 }
 
 
 TEST_F(FileBuffers, SpeedTestReadsItsPatternAndWraps)
 {
-    Make(TRUE);
     AlignedBytes buf(FS_SPAN);
     m_pStorage->TestSpeed(nullptr, buf.m_p, 9, 0);
     EXPECT_TRUE(Traced(80010000, "read times: 16384"));

@@ -35,11 +35,7 @@ protected:
     void Describe(const std::string& strName, BYTE bType)
     {
         m_strPath = m_tree.Path(strName);
-        memset(&m_info, 0, sizeof(m_info));
-        snprintf(m_info.m_lpszFilePath, sizeof(m_info.m_lpszFilePath), "%s", m_strPath.c_str());
-        m_info.m_bFileNo = FILE_NO;
-        m_info.m_bFileType = (char)bType;
-        m_info.m_liFileSize = FILE_SIZE;
+        CacheFixture::Describe(m_info, m_strPath, FILE_NO, bType, FILE_SIZE);
         m_info.m_pLoadSize = &m_nLoadSize;
         m_nLoadSize = -1;
     }
@@ -102,7 +98,9 @@ TEST_F(FileInit, PagesHangInFileOrderAndLinkEachOther)
 {
     MakeFile(FILETYPE_TABLE, 1018, true);
     ASSERT_EQ(2, m_nEx);
+    m_info.m_liFileSize = FILE_SIZE / 2;  // another size measured: the file's is taken
     ASSERT_EQ(0, Init());
+    EXPECT_EQ(FILE_SIZE, m_info.m_liFileSize);
     std::vector<UINT> v = Chain(Head()->m_nFileInfoNo[FILE_NO]);
     ASSERT_EQ(5u, v.size());
     // Page for page the file's bytes, but for the links of this cache.
@@ -148,51 +146,33 @@ TEST_F(FileInit, IndexFileWithoutExtendedPagesLinksItsMapFromTheHead)
 
 TEST_F(FileInit, DamagedOrForeignFilesAreRefused)
 {
+    auto fnEx = [this](int nPage) { return (LPTABLEFILEHEADEX)(m_vFile.data() + nPage * CACHE_PAGE_SIZE); };
     struct Case {
         const char* lpName;
-        std::function<void()> fnSpoil;
+        std::function<void()> fnSpoil;  // on the row or the bytes, written over the file
         long nCode;
     } cases[] = {
-        {"head of another type", [this]() { m_info.m_bFileType = FILETYPE_INDEX; }, 80001006},
-        {"map with a bad mark",
-         [this]() {
-             Map(m_llMap2)->m_nDataFlag = BLOCK_DATAFLAG;
-             WriteFile();
-         },
-         80001013},
-        {"map chain leaving the file",
-         [this]() {
-             Map(m_llMap2)->m_nNextBlockMapOffset = FILE_SIZE;
-             WriteFile();
-         },
-         80001011},
-        {"map chain looping",
-         [this]() {
-             Map(m_llMap2)->m_nNextBlockMapOffset = m_llMap1;
-             WriteFile();
-         },
-         80001011},
+        {"head of another type", [this] { m_info.m_bFileType = FILETYPE_INDEX; }, 80001006},
+        {"map with a bad mark", [this] { Map(m_llMap2)->m_nDataFlag = BLOCK_DATAFLAG; }, 80001013},
+        {"map chain leaving the file", [this] { Map(m_llMap2)->m_nNextBlockMapOffset = FILE_SIZE; }, 80001011},
+        {"map chain looping", [this] { Map(m_llMap2)->m_nNextBlockMapOffset = m_llMap1; }, 80001011},
         {"extended head off a page boundary",
-         [this]() {
-             ((LPTABLEFILEHEADEX)(m_vFile.data() + CACHE_PAGE_SIZE))->m_nNextFileHeadOffset = 3 * CACHE_PAGE_SIZE + 512;
-             WriteFile();
-         },
-         80001107},
-        {"extended head of another type",
-         [this]() {
-             ((LPTABLEFILEHEADEX)(m_vFile.data() + 2 * CACHE_PAGE_SIZE))->m_bFileType = FILETYPE_INDEX;
-             WriteFile();
-         },
-         80001108},
-        {"not a cache-mode file", [this]() { m_info.m_bFileType = FILETYPE_DATA; }, 80001001},
-        {"no file", [this]() { unlink(m_strPath.c_str()); }, 80001002},
+         [&] { fnEx(1)->m_nNextFileHeadOffset = 3 * CACHE_PAGE_SIZE + 512; }, 80001107},
+        {"extended head of another type", [&] { fnEx(2)->m_bFileType = FILETYPE_INDEX; }, 80001108},
+        {"not a cache-mode file", [this] { m_info.m_bFileType = FILETYPE_DATA; }, 80001001},
+        {"no file", nullptr, 80001002},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.lpName);
         TearDown();
         SetUp();
         MakeFile(FILETYPE_TABLE, 1018, true);
-        c.fnSpoil();
+        if (c.fnSpoil) {
+            c.fnSpoil();
+            WriteFile();
+        } else {
+            unlink(m_strPath.c_str());
+        }
         EXPECT_EQ(1, Init());
         EXPECT_TRUE(Traced(c.nCode, "")) << c.nCode;
     }
@@ -207,15 +187,6 @@ TEST_F(FileInit, FailedHeadReadIsReportedAfterThreeTries)
     EXPECT_EQ(1, Init());
     EXPECT_EQ(3, io.Calls(FileOp::PRead));
     EXPECT_TRUE(Traced(80001005, "Failed to load file header"));
-}
-
-TEST_F(FileInit, OtherMeasuredSizeIsTakenWhenTheFileReads)
-{
-    MakeFile(FILETYPE_TABLE, 10, false);
-    m_info.m_liFileSize = FILE_SIZE / 2;
-    ASSERT_EQ(0, Init());
-    EXPECT_EQ(FILE_SIZE, m_info.m_liFileSize);
-    EXPECT_EQ(FILE_SIZE, m_nLoadSize);
 }
 
 TEST_F(FileInit, CacheKeptFromBeforeReadsNothingButMustHoldTheFile)
@@ -304,12 +275,12 @@ TEST_F(FileGrow, GrowsByWholePiecesAndRecordsTheSizeReached)
     EXPECT_EQ(0, memcmp(v.data() + CACHE_PAGE_SIZE, m_vFile.data() + CACHE_PAGE_SIZE, (size_t)FILE_SIZE - CACHE_PAGE_SIZE));
     std::vector<BYTE> vZero(v.size() - (size_t)FILE_SIZE, 0);
     EXPECT_EQ(0, memcmp(v.data() + FILE_SIZE, vZero.data(), vZero.size()));
-}
-
-TEST_F(FileGrow, SizeBelowOnePieceIsMetExactly)
-{
-    ASSERT_EQ(0, Grow(FILE_SIZE + 16384, 8 * 1048576));
-    ExpectSize(FILE_SIZE + 16384);
+    // Less than one piece to go is met exactly, and recorded again.
+    m_pTrace->Clear();
+    m_bRowSave = 0;
+    memset(&g_stSystemHead, 0, sizeof(g_stSystemHead));
+    ASSERT_EQ(0, Grow(FILE_SIZE + 3 * 1048576 + 16384, 8 * 1048576));
+    ExpectSize(FILE_SIZE + 3 * 1048576 + 16384);
     EXPECT_FALSE(Traced(80007004, ""));
 }
 
@@ -377,11 +348,6 @@ protected:
         return v;
     }
     int New() { return Backend()->NewFile(nullptr, &m_info, m_lpBuffer, m_nBufSize, 0xCAFE, nullptr, &m_progress, 1); }
-    std::vector<BYTE> FileBytes() const
-    {
-        std::string s = talvortest::ReadWholeFile(m_strPath);
-        return std::vector<BYTE>(s.begin(), s.end());
-    }
 
     LPBYTE m_lpBuffer = nullptr;
     int m_nBufSize = 0;
@@ -396,7 +362,7 @@ TEST_F(FileNew, SmallestFileIsMadeWithItsHeadAreaAndReachesTheCache)
     std::vector<BYTE> vArea(65536);
     CACHEHEADAREADEF d = {FILE_NO, FILETYPE_TABLE, 0xCAFE, 1018, FILE_SIZE, 31337};
     ASSERT_TRUE(CacheBuildHeadArea(d, vArea.data(), 65536, nullptr));
-    std::vector<BYTE> vFile = FileBytes();
+    std::vector<BYTE> vFile = FileAt(m_strPath, 0, FILE_SIZE + 1);
     ASSERT_EQ((size_t)FILE_SIZE, vFile.size());
     EXPECT_EQ(0, memcmp(vFile.data(), vArea.data(), vArea.size()));
     std::vector<BYTE> vZero((size_t)FILE_SIZE - 65536, 0);
@@ -421,12 +387,12 @@ TEST_F(FileNew, SmallestFileIsMadeWithItsHeadAreaAndReachesTheCache)
     EXPECT_TRUE(Traced(80006020, "New file was added successfully"));
 }
 
-TEST_F(FileNew, TooSmallOrExistingFileIsRefusedUnmade)
+TEST_F(FileNew, TooSmallOrExistingFileOrTooFewBlocksAreRefused)
 {
     m_info.m_liFileSize = FILE_SIZE - 1;
     EXPECT_EQ(1, New());
     EXPECT_TRUE(Traced(80006001, "is less than 4M"));
-    EXPECT_TRUE(FileBytes().empty());
+    EXPECT_FALSE(talvortest::PathExists(m_strPath));
     m_pStorage->Release();
     m_pStorage = nullptr;
     m_info.m_liFileSize = FILE_SIZE;
@@ -434,6 +400,12 @@ TEST_F(FileNew, TooSmallOrExistingFileIsRefusedUnmade)
     snprintf(m_info.m_lpszFilePath, sizeof(m_info.m_lpszFilePath), "%s", strOther.c_str());
     EXPECT_EQ(1, New());
     EXPECT_TRUE(Traced(80006002, "already exists"));
+    // Its pages need their blocks in the cache.
+    m_pStorage->Release();
+    m_pStorage = nullptr;
+    snprintf(m_info.m_lpszFilePath, sizeof(m_info.m_lpszFilePath), "%s", m_strPath.c_str());
+    TakeBlocks(2);
+    EXPECT_EQ(CACHE_RESULT_NOFREEBLOCK, New());
 }
 
 TEST_F(FileNew, SmallBufferIsReplacedAndPiecesFollowIt)
@@ -484,12 +456,6 @@ TEST_F(FileNew, FailedWritesAreReportedByPiece)
         m_pStorage = nullptr;
         unlink(m_strPath.c_str());
     }
-}
-
-TEST_F(FileNew, PagesNeedTheirBlocksInTheCache)
-{
-    TakeBlocks(2);
-    EXPECT_EQ(CACHE_RESULT_NOFREEBLOCK, New());
 }
 
 }  // namespace

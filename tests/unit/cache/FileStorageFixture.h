@@ -23,7 +23,6 @@ inline constexpr int FS_SPAN = FILESTORE_BUFFER_SIZE;
 inline constexpr int FS_PART = FILESTORE_PART_SIZE;
 inline constexpr BYTE FS_FILE_NO = 7;
 
-// Aligned bytes for the transfers.
 struct AlignedBytes {
     explicit AlignedBytes(size_t n) : m_n(n), m_p((LPBYTE)get_aligned_buffer(n)) {}
     ~AlignedBytes() { free(m_p); }
@@ -57,17 +56,13 @@ protected:
         for (BYTE& b : m_vDisk) b = (BYTE)m_rng();
         m_strPath = m_tree.Path("Table7.dbf");
         ASSERT_TRUE(talvortest::WriteWholeFile(m_strPath, AsString(m_vDisk.data(), m_vDisk.size())));
-        memset(&m_info, 0, sizeof(m_info));
-        snprintf(m_info.m_lpszFilePath, sizeof(m_info.m_lpszFilePath), "%s", m_strPath.c_str());
-        m_info.m_bFileNo = FS_FILE_NO;
-        m_info.m_bFileType = (char)bFileType;
-        m_info.m_liFileSize = FS_FILE_SIZE;
+        Describe(m_info, m_strPath, FS_FILE_NO, bFileType, FS_FILE_SIZE);
         m_pStorage = new CTalvorFileStorage(m_pCache.get());
         ASSERT_EQ(0, m_pStorage->OpenFile(nullptr, &m_info, bOpenFileUseBuffer));
         m_info.m_pStorageFile = m_pStorage;
         m_vLogical = m_vDisk;
         m_pScoped.reset(new talvortest::ScopedFileIO(&m_io));
-        RecordCalls();
+        RecordReads();
     }
 
     // The file's bytes as the disk holds them, read past every layer.
@@ -76,19 +71,14 @@ protected:
         std::vector<BYTE> v = FileAt(m_strPath, 0, FS_FILE_SIZE);
         return v.size() == (size_t)FS_FILE_SIZE ? v : std::vector<BYTE>();
     }
-    // Random bytes for a write of nSize at llPos; the logical model takes them.
-    void Fill(AlignedBytes& buf, long long llPos, int nSize)
-    {
-        for (int i = 0; i < nSize; i++) buf.m_p[i] = (BYTE)m_rng();
-        memcpy(m_vLogical.data() + llPos, buf.m_p, (size_t)nSize);
-    }
+    // A write of nSize random bytes at llPos; the logical model takes them.
     int Write(long long llPos, int nSize)
     {
         AlignedBytes buf((size_t)nSize);
-        Fill(buf, llPos, nSize);
+        for (int i = 0; i < nSize; i++) buf.m_p[i] = (BYTE)m_rng();
+        memcpy(m_vLogical.data() + llPos, buf.m_p, (size_t)nSize);
         return m_pStorage->WriteBlock(nullptr, llPos, buf.m_p, nSize);
     }
-    // Reads through the backend and compares with the logical model.
     ::testing::AssertionResult ReadsBack(long long llPos, int nSize)
     {
         AlignedBytes buf((size_t)nSize);
@@ -153,33 +143,31 @@ protected:
         return std::vector<int>(b->m_bDataFlag, b->m_bDataFlag + FILESTORE_PART_NUM);
     }
     // Transfers that reached the layer since the last ClearCalls, as
-    // (offset, size).
+    // (offset, size). The layer logs the writes; the reads are noted here.
     typedef std::vector<std::pair<long long, long long>> Calls;
     void ClearCalls()
     {
         std::lock_guard<std::mutex> g(m_callLock);
         m_vReads.clear();
-        m_vWrites.clear();
+        m_nWritesBefore = m_io.Writes().size();
     }
     Calls Reads()
     {
         std::lock_guard<std::mutex> g(m_callLock);
         return m_vReads;
     }
-    Calls Writes()
+    Calls Writes() const
     {
-        std::lock_guard<std::mutex> g(m_callLock);
-        return m_vWrites;
+        std::vector<talvortest::FileWrite> vAll = m_io.Writes();
+        Calls v;
+        for (size_t i = m_nWritesBefore; i < vAll.size(); i++) v.push_back({vAll[i].m_nOffset, vAll[i].m_nSize});
+        return v;
     }
-    void RecordCalls()
+    void RecordReads()
     {
         m_io.OnCall(talvortest::FileOp::PRead, [this](const talvortest::FileCall& c) {
             std::lock_guard<std::mutex> g(m_callLock);
             m_vReads.push_back({c.m_nOffset, c.m_nSize});
-        });
-        m_io.OnCall(talvortest::FileOp::PWrite, [this](const talvortest::FileCall& c) {
-            std::lock_guard<std::mutex> g(m_callLock);
-            m_vWrites.push_back({c.m_nOffset, c.m_nSize});
         });
     }
 
@@ -226,7 +214,8 @@ protected:
 
     std::mt19937 m_rng;
     std::mutex m_callLock;
-    Calls m_vReads, m_vWrites;
+    Calls m_vReads;
+    size_t m_nWritesBefore = 0;
 };
 
 } // namespace cachetest

@@ -2,6 +2,7 @@
 // cache-mode file and a model of its bytes that each posted entry updates.
 #pragma once
 
+#include "CacheFileHeadArea.h"
 #include "FileStorageFixture.h"
 
 #include <functional>
@@ -9,12 +10,13 @@
 namespace cachetest {
 
 inline constexpr long long FR_BLOCK_TS = 7000;
+inline constexpr BYTE FR_FLUSH_CODE = 3;
 
 class FlushRing : public FileStorageFixture {
 protected:
-    void MakeRing(BOOL bFileCache = FALSE, BYTE bOpenMode = 1)
+    void MakeRing(BOOL bFileCache = FALSE, BYTE bOpenMode = 1, BYTE bFileType = FILETYPE_TABLE)
     {
-        Make(bFileCache, FILETYPE_TABLE, bOpenMode);
+        Make(bFileCache, bFileType, bOpenMode);
         m_module.m_bOpenMode = bOpenMode;
         m_module.m_arFiles[FS_FILE_NO] = &m_info;
         m_pCache->SetCacheModule(&m_module);
@@ -50,13 +52,13 @@ protected:
             long long llCache = 0;
             EXPECT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FS_FILE_NO, llCache));
             lpLive = Base() + llCache;
-            MakeDirtyBlock(lpLive, nBlockNo, FR_BLOCK_TS, 3);
+            MakeDirtyBlock(lpLive, nBlockNo, FR_BLOCK_TS, FR_FLUSH_CODE);
         }
         if (bModel) memcpy(m_vLogical.data() + llFileOffset, OnDiskCopy(lpLive).data(), FS_PART);
         stu_CacheFlush* p = Next();
         p->m_bBlockType = CACHEFLUSH_DATA;
         p->m_bFileNo = FS_FILE_NO;
-        p->m_bFlushCode = 3;
+        p->m_bFlushCode = FR_FLUSH_CODE;
         p->m_nBlockNo = nBlockNo;
         p->m_nBlockSize = FS_PART;
         p->m_llTimestamp = FR_BLOCK_TS;
@@ -67,23 +69,26 @@ protected:
         Post(p);
         return p;
     }
-    // A head, extended head or map image in pool image bIndex; its entry.
-    stu_CacheFlush* PostPage(BYTE bType, BYTE bIndex, long long llFileOffset, UINT nMapNo = 1)
+    // A head, extended head or map image in pool image bIndex, with its type's
+    // mark or nMark; its entry.
+    stu_CacheFlush* PostPage(BYTE bType, BYTE bIndex, long long llFileOffset, UINT nMapNo = 1, int nMark = 0)
     {
         LPBYTE lpImage = Base() + m_llImages + (long long)bIndex * CACHE_PAGE_SIZE;
         for (int i = 0; i < CACHE_PAGE_SIZE; i++) lpImage[i] = (BYTE)m_rng();
-        int nMark = bType == CACHEFLUSH_HEAD ? TABLEFILE_DATAFLAG
+        if (nMark == 0)
+            nMark = bType == CACHEFLUSH_HEAD     ? TABLEFILE_DATAFLAG
                     : bType == CACHEFLUSH_EXHEAD ? TABLEFILEEX_DATAFLAG
                                                  : BLOCKMAP_CACHE_DATAFLAG;
         memcpy(lpImage, &nMark, sizeof(nMark));
         if (bType == CACHEFLUSH_HEAD) {
-            ((LPTABLEFILEHEAD)lpImage)->m_bFileType = FILETYPE_TABLE;
+            ((LPTABLEFILEHEAD)lpImage)->m_bFileType = (BYTE)m_info.m_bFileType;
             ((LPTABLEFILEHEAD)lpImage)->m_bFileNo = FS_FILE_NO;
         }
         if (bType == CACHEFLUSH_EXHEAD) ((LPTABLEFILEHEADEX)lpImage)->m_bFileNo = FS_FILE_NO;
         if (bType == CACHEFLUSH_MAP) ((LPBASEFILEBLOCKMAPHEAD_CACHE)lpImage)->m_nMapNo = (int)nMapNo;
         long long llPlace = bType == CACHEFLUSH_HEAD ? 0 : llFileOffset;
-        memcpy(m_vLogical.data() + llPlace, lpImage, CACHE_PAGE_SIZE);
+        if (llPlace + CACHE_PAGE_SIZE <= (long long)m_vLogical.size())
+            memcpy(m_vLogical.data() + llPlace, lpImage, CACHE_PAGE_SIZE);
         m_pCache->m_pFlushFile[bIndex].m_bStatus = 1;
         stu_CacheFlush* p = Next();
         p->m_bBlockType = bType;
@@ -119,6 +124,11 @@ protected:
         TalvorStoreShared(&m_pCache->m_bExit, 1);
         EXPECT_EQ(S_OK, m_pCache->StorageFlush(nullptr));
         EXPECT_TRUE(LatchFree());
+    }
+    void ExpectNothingWritten()
+    {
+        EXPECT_TRUE(Writes().empty());
+        EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vDisk));
     }
     // Result codes of the posted entries, in posting order; each entry
     // must be free again.
@@ -157,6 +167,50 @@ protected:
     int m_nPos = 0;
     std::vector<int> m_vPosted;
     std::vector<LPBYTE> m_vLive;
+};
+
+inline constexpr long long HEAD_TS = 4000;
+
+// The ring's file with the head area of a new table file in its cache chain.
+class FlushLast : public FlushRing {
+protected:
+    // The file's head area in its cache chain (head page, first map block),
+    // as a new file puts it there.
+    void MakeFile()
+    {
+        MakeRing();
+        long long llSecond = 0;
+        ASSERT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FS_FILE_NO, llSecond));
+        CACHEHEADAREADEF stDef = {FS_FILE_NO, FILETYPE_TABLE, 1, 10, FS_FILE_SIZE, HEAD_TS};
+        std::vector<BYTE> vArea(2 * CACHE_PAGE_SIZE);
+        int nEx = -1;
+        ASSERT_TRUE(CacheBuildHeadArea(stDef, vArea.data(), (long long)vArea.size(), &nEx));
+        ASSERT_EQ(0, nEx);
+        ASSERT_EQ(0, m_pCache->NewFile2Cache(nullptr, FS_FILE_NO, FILETYPE_TABLE, vArea.data(), 0));
+        m_lpHead = (LPTABLEFILEHEAD)(Base() + (long long)Head()->m_nFileInfoNo[FS_FILE_NO] * CACHE_BLOCK_SIZE);
+        m_lpMap = (LPBASEFILEBLOCKMAPHEAD_CACHE)(Base() + llSecond);
+        ASSERT_EQ(BLOCKMAP_CACHE_DATAFLAG, Val(m_lpMap->m_nDataFlag));
+        ASSERT_GT(Val(m_lpHead->m_nMaxBlockMapNum), 8);
+        // The head always reaches offset 0.
+        memcpy(m_vLogical.data(), m_lpHead, CACHE_PAGE_SIZE);
+        ClearCalls();
+    }
+    // A block of the file in the cache, its place in the map; dirty by the
+    // flags given. The model learns it only when it must be written.
+    LPBLOCKHEAD Block(UINT nBlockNo, long long llFileOffset, BYTE bSave, BYTE bFlush)
+    {
+        PostData(nBlockNo, llFileOffset, bSave == 1 || bFlush == 1);
+        // Only the cache block is wanted; the ring stays empty.
+        m_pCache->m_pCacheFlush[m_vPosted.back()].m_bStatus = 0;
+        LPBLOCKHEAD h = (LPBLOCKHEAD)m_vLive.back();
+        h->m_bSaveFlag = bSave;
+        h->m_bFlushFlag = bFlush;
+        m_lpMap->m_pBlockMap[nBlockNo - 1].m_nBlockOffset = llFileOffset;
+        return h;
+    }
+
+    LPTABLEFILEHEAD m_lpHead = nullptr;
+    LPBASEFILEBLOCKMAPHEAD_CACHE m_lpMap = nullptr;
 };
 
 } // namespace cachetest

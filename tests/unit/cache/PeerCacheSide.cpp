@@ -1,7 +1,6 @@
 // The engine stand-in's side of the shared cache over a real segment; its
 // round trips run against a daemon in the cache pipeline end-to-end test.
-#include "CacheFileHeadArea.h"
-#include "FileStorageFixture.h"
+#include "FlushRingFixture.h"
 #include "PeerCache.h"
 
 using namespace cachetest;
@@ -9,21 +8,13 @@ using namespace talvorpeer;
 
 namespace {
 
-class PeerCacheSide : public FileStorageFixture {
+class PeerCacheSide : public FlushLast {
 protected:
     void SetUp() override
     {
-        FileStorageFixture::SetUp();
-        Make(FALSE);
+        FlushLast::SetUp();
+        MakeFile();
         ASSERT_FALSE(HasFatalFailure());
-        WriteHeadArea();
-        ASSERT_FALSE(HasFatalFailure());
-        m_module.m_arFiles[FS_FILE_NO] = &m_info;
-        m_pCache->SetCacheModule(&m_module);
-        long long llOffset = 0;
-        ASSERT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FS_FILE_NO, llOffset));
-        ASSERT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FS_FILE_NO, llOffset));
-        ASSERT_EQ(0, m_pCache->NewFile2Cache(nullptr, FS_FILE_NO, FILETYPE_TABLE, m_area.m_p, 0));
         Head()->m_bStatus = CACHESTATUS_READY;
         ASSERT_TRUE(m_peer.Attach(0)) << m_peer.m_strError;
         ASSERT_TRUE(m_peer.OpenFile(FS_FILE_NO, FILETYPE_TABLE, m_strPath, m_file)) << m_peer.m_strError;
@@ -31,18 +22,8 @@ protected:
     void TearDown() override
     {
         if (m_pCache) m_pCache->Free();
-        FileStorageFixture::TearDown();
+        FlushLast::TearDown();
     }
-    // The head area of a new table file over the first bytes of the file.
-    void WriteHeadArea()
-    {
-        CACHEHEADAREADEF stDef = {FS_FILE_NO, FILETYPE_TABLE, 1, 16, FS_FILE_SIZE, 1};
-        int nEx = -1;
-        ASSERT_TRUE(CacheBuildHeadArea(stDef, m_area.m_p, (long long)m_area.m_n, &nEx));
-        ASSERT_EQ(0, nEx);
-        ASSERT_TRUE(talvortest::WriteFileAt(m_strPath, 0, AsString(m_area.m_p, m_area.m_n)));
-    }
-    AlignedBytes m_area{2 * CACHE_PAGE_SIZE};
     CPeerCache m_peer;
     PeerCacheFile m_file;
 };
