@@ -756,7 +756,9 @@ TEST_P(RestoreRerun, CommandAskedAgainForAnotherPointLeavesNothingOfTheFailedRun
     }
     ASSERT_EQ(nullptr, m_db.Head());
     ASSERT_GE(FileSizeOf(m_strNewFile), 8192 + 512);
-    if (GetParam()) ASSERT_EQ(0, unlink(BackupPath(nOther).c_str()));
+    if (GetParam()) {
+        ASSERT_EQ(0, unlink(BackupPath(nOther).c_str()));
+    }
     RunRestoreCommand(m_nLevel1);
     StopRedo();
     ASSERT_NE(nullptr, m_db.Head()) << m_db.m_tree.Trace();

@@ -24,7 +24,7 @@ struct RowPlan {
     BYTE m_bFileType;
     long long m_nSize;
     BYTE m_bDrop = 0;
-    std::string m_strPath;  // empty: "<dir>F<no>.dbf"
+    std::string m_strPath{};  // empty: "<dir>F<no>.dbf"
 };
 
 class SystemFileList : public ::testing::Test {
