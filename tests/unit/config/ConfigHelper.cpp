@@ -52,7 +52,6 @@ protected:
         SharedMemoryUpdate* p = ConfigHelper::s_pInstance->sharedList();
         if (p != nullptr) memset(p, 0, sizeof(*p));
     }
-    // Loads text as the configuration; returns what TalvorConfigInit said.
     bool Load(const std::string& text)
     {
         EXPECT_TRUE(WriteWholeFile(m_path, text));
@@ -438,39 +437,29 @@ TEST_F(ConfigSharedTest, EnginePostIsTakenInByThreadSafeReadOnly)
     ExpectLatchFree();
 }
 
-TEST_F(ConfigSharedTest, TwoDaemonUpdatesStandAsTwoItems)
-{
-    ASSERT_TRUE(Load("[System]\na=1\n"));
-    ASSERT_TRUE(TalvorConfigSetValueString("System", "a", "2", &m_crit));
-    ASSERT_TRUE(TalvorConfigSetValueString("System", "b", "3", &m_crit));
-    SharedMemoryUpdate* p = m_engine.m_pList;
-    EXPECT_EQ(p->m_iLength, 2u);
-    EXPECT_FALSE(p->m_bIsService);
-    EXPECT_STREQ(p->m_smpItems[0].m_lpModule, "System");
-    EXPECT_STREQ(p->m_smpItems[0].m_lpKey, "a");
-    EXPECT_STREQ(p->m_smpItems[0].m_lpValue, "2");
-    EXPECT_STREQ(p->m_smpItems[1].m_lpKey, "b");
-    EXPECT_STREQ(p->m_smpItems[1].m_lpValue, "3");
-    // Our own list is not taken in by our own reads.
-    EXPECT_EQ(TalvorConfigGetValueInt("System", "a", 0, &m_crit), 2);
-    EXPECT_EQ(p->m_iLength, 2u);
-    // The lock-free setter tells the engine nothing.
-    ASSERT_TRUE(TalvorConfigSetValueString("System", "c", "4"));
-    EXPECT_EQ(p->m_iLength, 2u);
-    ExpectLatchFree();
-}
-
-TEST_F(ConfigSharedTest, DaemonPostTakesInPendingEngineItemsFirst)
+// The engine's pending item is taken in before the daemon takes the list
+// over; the daemon's own items then stand one after the other.
+TEST_F(ConfigSharedTest, DaemonPostsTakeInEngineItemsFirstAndStandAsItems)
 {
     ASSERT_TRUE(Load("[System]\na=1\nb=1\n"));
     m_engine.Post({{"System", "a", "engine"}});
     ASSERT_TRUE(TalvorConfigSetValueString("System", "b", "daemon", &m_crit));
     EXPECT_EQ(Get("System", "a"), "engine"); // not lost by the take-over
-    EXPECT_EQ(Get("System", "b"), "daemon");
-    EXPECT_EQ(m_engine.m_pList->m_iLength, 1u);
-    EXPECT_FALSE(m_engine.m_pList->m_bIsService);
-    EXPECT_STREQ(m_engine.m_pList->m_smpItems[0].m_lpKey, "b");
     EXPECT_EQ(Disk(), "[System]\na=engine\r\nb=daemon\r\n");
+    ASSERT_TRUE(TalvorConfigSetValueString("System", "c", "3", &m_crit));
+    SharedMemoryUpdate* p = m_engine.m_pList;
+    EXPECT_EQ(p->m_iLength, 2u);
+    EXPECT_FALSE(p->m_bIsService);
+    EXPECT_STREQ(p->m_smpItems[0].m_lpModule, "System");
+    EXPECT_STREQ(p->m_smpItems[0].m_lpKey, "b");
+    EXPECT_STREQ(p->m_smpItems[0].m_lpValue, "daemon");
+    EXPECT_STREQ(p->m_smpItems[1].m_lpKey, "c");
+    EXPECT_STREQ(p->m_smpItems[1].m_lpValue, "3");
+    // Our own list is not taken in by our own reads, and the lock-free
+    // setter tells the engine nothing.
+    EXPECT_EQ(TalvorConfigGetValueInt("System", "c", 0, &m_crit), 3);
+    ASSERT_TRUE(TalvorConfigSetValueString("System", "d", "4"));
+    EXPECT_EQ(p->m_iLength, 2u);
     ExpectLatchFree();
 }
 
