@@ -141,7 +141,6 @@ TEST_F(FileIOTest, CloseFileClosesTheDescriptorAndNullsTheHandle)
     EXPECT_EQ(Talvor_FileDescriptor(nullptr), -1);
 }
 
-// --- The append file ---------------------------------------------------------------------
 
 // Pieces below, at and above the buffer's size, in an order that crosses its
 // edge at every place: each byte must land once, in order, also when every
@@ -214,7 +213,6 @@ TEST_F(FileIOTest, AppendFileTellsALostPieceAndKeepsTheNextInItsPlace)
     EXPECT_EQ(std::string(10000, '\0'), strFile.substr(0, 10000));
 }
 
-// --- Directories and plain files --------------------------------------------------------
 
 class MakeDirTest : public ::testing::Test {
 protected:
