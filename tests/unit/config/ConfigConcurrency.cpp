@@ -110,7 +110,6 @@ protected:
     TALVORCRITICALSECTION m_crit;
 };
 
-// ------------------------------------------------------------ The lock
 
 // What the daemon's code does to the ini while the engine is in the middle of
 // its rewrite: read it at start, read one key, set one key through the tree,
@@ -227,7 +226,6 @@ TEST_F(ConfigIniTest, LockWonOnAReplacedFileIsTakenAgainOnTheNewOne)
     EXPECT_EQ(nOpens, 2);
 }
 
-// ------------------------------------------------------------ Re-reading
 
 // A writer without the lock has emptied the file and not yet written it: the
 // read is made again until the text is there, and a file that stays empty is
@@ -313,7 +311,6 @@ TEST_F(ConfigIniTest, FileReadShortIsNeverWrittenBack)
     EXPECT_EQ(DaemonInt("S", "a"), 9);
 }
 
-// ------------------------------------------------------------ The semaphore
 
 int g_nStuckLines = 0;
 int g_nFreeLines = 0;
@@ -386,7 +383,6 @@ TEST_F(ConfigIniTest, OneStuckSemaphoreCostsOneWait)
     sem_close(pSem);
 }
 
-// ------------------------------------------------------------ One rule for heads
 
 // A file, a key in it, and a key whose answer the file's structure decides.
 // Every reader must give the same answer for both, and every writer must

@@ -72,7 +72,6 @@ protected:
     std::string m_path;
 };
 
-// ------------------------------------------------------------ TString
 
 // A text taken from the string's own buffer must survive the reallocation,
 // and a shorter text must leave nothing of the longer one behind.
@@ -101,7 +100,6 @@ TEST(ConfigTString, CompareFoldsAsciiOnly)
     EXPECT_TRUE(ConfigHelper::TString("Port") == ConfigHelper::TString("PORT"));
 }
 
-// ------------------------------------------------------------ Reading
 
 TEST_F(ConfigTest, RoundTripThroughMemoryAndFile)
 {
@@ -220,7 +218,6 @@ TEST_F(ConfigTest, NewSectionLivesInMemoryOnlyAndEmptyNamesAreRefused)
     EXPECT_EQ(Disk(), "# head comment\n[System]\na=\r\n");
 }
 
-// ------------------------------------------------------------ Splicing
 
 struct SpliceCase {
     const char* name;
@@ -274,7 +271,6 @@ const SpliceCase kSpliceCases[] = {
 INSTANTIATE_TEST_SUITE_P(Cases, ConfigSplice, ::testing::ValuesIn(kSpliceCases),
                          [](const ::testing::TestParamInfo<SpliceCase>& info) { return std::string(info.param.name); });
 
-// ------------------------------------------------------------ Replacing the file
 
 TEST_F(ConfigTest, FailedRewriteLeavesTheOldFileWholeAndNoTemporary)
 {
@@ -356,7 +352,6 @@ TEST_F(ConfigTest, RewriteKeepsModeAndFollowsSymbolicLinks)
     EXPECT_EQ(ReadWholeFile(real), "[S]\na=2\r\n");
 }
 
-// ------------------------------------------------------------ Update list
 
 // The engine's view: the segment attached by its key, the semaphore by name.
 class EngineSide {
@@ -567,7 +562,6 @@ TEST_F(ConfigSharedTest, ConcurrentThreadSafeSetsLoseNothing)
     ExpectLatchFree();
 }
 
-// ------------------------------------------------------------ File-direct family
 
 class ProfileTest : public ConfigTest {
 protected:
