@@ -75,7 +75,7 @@ protected:
 
 // A text taken from the string's own buffer must survive the reallocation,
 // and a shorter text must leave nothing of the longer one behind.
-TEST(ConfigTString, SetValueFromItsOwnBufferAndShorterTexts)
+TEST(ConfigTString, SetValueFromItsOwnBufferAndCompareFoldsAsciiOnly)
 {
     ConfigHelper::TString t;
     ASSERT_TRUE(t.SetValue(std::string(31, 'a').c_str()));
@@ -88,10 +88,7 @@ TEST(ConfigTString, SetValueFromItsOwnBufferAndShorterTexts)
     EXPECT_EQ(t.length(), 50);
     ASSERT_TRUE(t.SetValue(nullptr));
     EXPECT_STREQ(t.c_str(), "");
-}
-
-TEST(ConfigTString, CompareFoldsAsciiOnly)
-{
+    // Names compare with ASCII folded only.
     EXPECT_EQ(ConfigHelper::TString::CompareNoCase("System", "SYSTEM"), 0);
     EXPECT_EQ(ConfigHelper::TString::CompareNoCase(nullptr, ""), 0);
     EXPECT_NE(ConfigHelper::TString::CompareNoCase("\xC3\xA9", "\xC3\x89"), 0); // é vs É stay distinct
