@@ -175,8 +175,12 @@ TEST_P(IniLockTest, WaitsForTheEnginesRewriteAndKeepsItsKey)
     EXPECT_EQ(ProfileInt("S", "e"), 1);
     EXPECT_EQ(ProfileInt("Tail", "end"), 1);
     EXPECT_EQ(nResult, 1);
-    if (c.op == OP_LOAD) EXPECT_EQ(DaemonInt("S", "e"), 1);
-    if (c.op == OP_TREE_SET || c.op == OP_PROFILE_SET) EXPECT_EQ(ProfileInt("S", "d"), 2);
+    if (c.op == OP_LOAD) {
+        EXPECT_EQ(DaemonInt("S", "e"), 1);
+    }
+    if (c.op == OP_TREE_SET || c.op == OP_PROFILE_SET) {
+        EXPECT_EQ(ProfileInt("S", "d"), 2);
+    }
 }
 
 const LockCase kLockCases[] = {
