@@ -583,11 +583,6 @@ TEST_F(ProfileTest, ValuesEndAtHashAndNamesTrimEveryBlank)
     EXPECT_EQ(Read("S", "Por"), "<d>");   // the name must end where the wanted one does
     EXPECT_EQ(Read("S", "Ports"), "<d>");
     EXPECT_EQ(Read("S] ignored", "key"), "<d>");
-    // The tree takes the same head, and keeps everything behind the first "="
-    // of a value.
-    ASSERT_TRUE(TalvorConfigInit(m_path.c_str()));
-    EXPECT_EQ(Get("S", "key"), "a=b # c");
-    EXPECT_EQ(Get("S] ignored", "key"), "<none>");
 }
 
 TEST_F(ProfileTest, DefaultsSizesAndMissingFiles)
