@@ -269,17 +269,15 @@ INSTANTIATE_TEST_SUITE_P(Cases, ConfigSplice, ::testing::ValuesIn(kSpliceCases),
                          [](const ::testing::TestParamInfo<SpliceCase>& info) { return std::string(info.param.name); });
 
 
-// A rewrite that failed at any step keeps the change in memory and leaves
-// one whole text and no temporary, also after a power loss; when a write,
-// a sync or the rename failed, that text is the old one. The next rewrite
-// splices into what is on disk (not the value only memory holds) and is on
-// the medium when it returns.
+// A failed rewrite keeps the change in memory and leaves one whole text and
+// no temporary, also after a power loss: the old text when a write, a sync or
+// the rename failed. The next rewrite splices into the disk's text (not
+// memory's) and is on the medium when it returns.
 TEST_F(ConfigTest, FailedRewriteLeavesOneWholeTextAndTheNextOneSurvivesAPowerLoss)
 {
     ASSERT_TRUE(Load("[S]\na=1\nb=2\n"));
-    // Single failures of the steps that may leave either text; then a full
-    // disk, a failing sync, a torn first write on a dying disk and a refused
-    // rename, last, so that the disk's value differs from memory's.
+    // The steps that may leave either text go first, so that after the loop
+    // the disk's value of the key differs from memory's.
     const struct {
         FileOp m_eOp;
         int m_nErrno;
