@@ -141,23 +141,6 @@ TEST_F(LatchTest, CrashReleaseGivesBackEveryRecordedLatchButNotThe21st)
     TalvorCriticalRelease(nullptr);
 }
 
-TEST_F(LatchTest, UncontendedPairsDoNotBankWakeUps)
-{
-    LPTALVOR_SECTION lp = &m_arLatch[0];
-    UINT nID = GetCurrentThreadId();
-    for (int i = 0; i < 1000; i++) {
-        EnterCriticalTalvor(lp, nID);
-        LeaveCriticalTalvor(lp);
-        EnterCriticalTalvor(lp);
-        LeaveCriticalTalvor(lp);
-        EnterCriticalTalvorEx(lp);
-        LeaveCriticalTalvor(lp);
-    }
-    EXPECT_EQ(SemValue(lp), 1);
-    EXPECT_TRUE(IsFree(*lp));
-}
-
-
 enum class Acquire { Owner, Plain, Spin };
 const char* const kAcquireNames[] = {"Owner", "Plain", "Spin"};
 
