@@ -309,27 +309,6 @@ TEST_F(LatchTest, RecursiveOwnerUnderContentionKeepsCount)
     EXPECT_EQ(lp->m_nRecursionCount, 0);
 }
 
-TEST(MutexGuard, RecursiveAndReleasedOnce)
-{
-    CRITICAL_SECTION cs;
-    InitializeCriticalSection(&cs);
-    {
-        CCriticalSectionPtr g1(&cs);
-        CCriticalSectionPtr g2(&cs); // recursive: must not deadlock
-        g2.UnLock();
-        g2.UnLock();
-        std::thread th([&] { EXPECT_EQ(pthread_mutex_trylock(&cs), EBUSY); });
-        th.join();
-    }
-    std::thread th([&] {
-        EXPECT_EQ(pthread_mutex_trylock(&cs), 0);
-        pthread_mutex_unlock(&cs);
-    });
-    th.join();
-    DeleteCriticalSection(&cs);
-}
-
-
 TEST(SemaphoreWait, TryWaitTimedWaitAndWake)
 {
     EVENTTYPE ev = {};
