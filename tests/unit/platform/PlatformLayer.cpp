@@ -141,14 +141,14 @@ TEST_F(LatchTest, CrashReleaseGivesBackEveryRecordedLatchButNotThe21st)
     TalvorCriticalRelease(nullptr);
 }
 
-enum class Acquire { Owner, Plain, Spin };
-const char* const kAcquireNames[] = {"Owner", "Plain", "Spin"};
+// The acquires the daemon uses: with the owner's id, and spinning first.
+enum class Acquire { Owner, Spin };
+const char* const kAcquireNames[] = {"Owner", "Spin"};
 
 void Take(LPTALVOR_SECTION lp, Acquire how, UINT nID)
 {
     switch (how) {
     case Acquire::Owner: EnterCriticalTalvor(lp, nID); break;
-    case Acquire::Plain: EnterCriticalTalvor(lp); break;
     case Acquire::Spin: EnterCriticalTalvorEx(lp); break;
     }
 }
@@ -279,7 +279,7 @@ TEST_P(LatchContention, ReleaseAtAnyMomentNeverStrandsTheWaiter)
 }
 
 INSTANTIATE_TEST_SUITE_P(AllAcquires, LatchContention,
-                         ::testing::Values(Acquire::Owner, Acquire::Plain, Acquire::Spin),
+                         ::testing::Values(Acquire::Owner, Acquire::Spin),
                          [](const ::testing::TestParamInfo<Acquire>& info) {
                              return std::string(kAcquireNames[(int)info.param]);
                          });
