@@ -449,20 +449,6 @@ TEST_F(ConfigSharedTest, DaemonPostsTakeInEngineItemsFirstAndStandAsItems)
     ExpectLatchFree();
 }
 
-// The bound of eighty items is in ConcurrentThreadSafeSetsLoseNothing.
-TEST_F(ConfigSharedTest, PostingTakesTheOtherSidesListOver)
-{
-    ConfigHelper* h = ConfigHelper::s_pInstance.get();
-    SharedMemoryUpdate* p = m_engine.m_pList;
-    ASSERT_TRUE(h->AddItemToSharedadd("S", "k0", "v", true));
-    ASSERT_TRUE(h->AddItemToSharedadd("S", "k1", "v", true));
-    EXPECT_FALSE(h->updateFromShared(true)); // one's own list
-    // The other side posting drops what was not taken in.
-    ASSERT_TRUE(h->AddItemToSharedadd("S", "mine", "v", false));
-    EXPECT_EQ(p->m_iLength, 1u);
-    EXPECT_STREQ(p->m_smpItems[0].m_lpKey, "mine");
-}
-
 TEST_F(ConfigSharedTest, OverlongTextsAreNotPostedAndNeverOverrun)
 {
     ASSERT_TRUE(Load("[System]\ndatabasepath=/old/\n"));
