@@ -52,7 +52,6 @@ protected:
         SharedMemoryUpdate* p = ConfigHelper::s_pInstance->sharedList();
         if (p != nullptr) memset(p, 0, sizeof(*p));
     }
-    // Loads text as the configuration; returns what TalvorConfigInit said.
     bool Load(const std::string& text)
     {
         EXPECT_TRUE(WriteWholeFile(m_path, text));
@@ -73,11 +72,10 @@ protected:
     std::string m_path;
 };
 
-// ------------------------------------------------------------ TString
 
 // A text taken from the string's own buffer must survive the reallocation,
 // and a shorter text must leave nothing of the longer one behind.
-TEST(ConfigTString, SetValueFromItsOwnBufferAndShorterTexts)
+TEST(ConfigTString, SetValueFromItsOwnBufferAndCompareFoldsAsciiOnly)
 {
     ConfigHelper::TString t;
     ASSERT_TRUE(t.SetValue(std::string(31, 'a').c_str()));
@@ -90,10 +88,7 @@ TEST(ConfigTString, SetValueFromItsOwnBufferAndShorterTexts)
     EXPECT_EQ(t.length(), 50);
     ASSERT_TRUE(t.SetValue(nullptr));
     EXPECT_STREQ(t.c_str(), "");
-}
-
-TEST(ConfigTString, CompareFoldsAsciiOnly)
-{
+    // Names compare with ASCII folded only.
     EXPECT_EQ(ConfigHelper::TString::CompareNoCase("System", "SYSTEM"), 0);
     EXPECT_EQ(ConfigHelper::TString::CompareNoCase(nullptr, ""), 0);
     EXPECT_NE(ConfigHelper::TString::CompareNoCase("\xC3\xA9", "\xC3\x89"), 0); // é vs É stay distinct
@@ -102,7 +97,6 @@ TEST(ConfigTString, CompareFoldsAsciiOnly)
     EXPECT_TRUE(ConfigHelper::TString("Port") == ConfigHelper::TString("PORT"));
 }
 
-// ------------------------------------------------------------ Reading
 
 TEST_F(ConfigTest, RoundTripThroughMemoryAndFile)
 {
@@ -221,7 +215,6 @@ TEST_F(ConfigTest, NewSectionLivesInMemoryOnlyAndEmptyNamesAreRefused)
     EXPECT_EQ(Disk(), "# head comment\n[System]\na=\r\n");
 }
 
-// ------------------------------------------------------------ Splicing
 
 struct SpliceCase {
     const char* name;
@@ -275,69 +268,62 @@ const SpliceCase kSpliceCases[] = {
 INSTANTIATE_TEST_SUITE_P(Cases, ConfigSplice, ::testing::ValuesIn(kSpliceCases),
                          [](const ::testing::TestParamInfo<SpliceCase>& info) { return std::string(info.param.name); });
 
-// ------------------------------------------------------------ Replacing the file
 
-TEST_F(ConfigTest, FailedRewriteLeavesTheOldFileWholeAndNoTemporary)
-{
-    const std::string text = "[S]\na=1\nb=2\n";
-    ASSERT_TRUE(Load(text));
-    // A full disk, a failing sync, a torn first write on a dying disk, and
-    // a rename the file system refuses.
-    for (int mode = 0; mode < 4; mode++) {
-        FaultFileIO io;
-        if (mode == 0) io.FailCall(FileOp::PWrite, 1, ENOSPC, FAULT_ALWAYS);
-        if (mode == 1) io.FailCall(FileOp::FSync, 1, EIO, FAULT_ALWAYS);
-        if (mode == 2) {
-            io.CutTransfer(FileOp::PWrite, 1, 4);
-            io.FailCall(FileOp::PWrite, 2, ENOSPC, FAULT_ALWAYS);
-        }
-        if (mode == 3) io.FailCall(FileOp::Rename, 1, EIO, FAULT_ALWAYS);
-        bool bSet;
-        {
-            ScopedFileIO scope(&io);
-            bSet = TalvorConfigSetValueString("S", "a", "changed");
-        }
-        EXPECT_TRUE(bSet) << mode; // the change still stands in memory
-        EXPECT_EQ(Get("S", "a"), "changed") << mode;
-        EXPECT_EQ(Disk(), text) << mode;
-        EXPECT_EQ(DirEntries().size(), 1u) << mode;
-    }
-    // The next write that succeeds brings the file up to date.
-    ASSERT_TRUE(TalvorConfigSetValueString("S", "b", "3"));
-    EXPECT_EQ(Disk(), "[S]\na=1\nb=3\r\n");
-}
-
-// A rewrite that returned is on the medium: the power may go right after
-// it. One that failed at any step and then lost the power leaves the old
-// text or the new one, whole, and no temporary.
-TEST_F(ConfigTest, RewriteSurvivesAPowerLossAndAFailedOneLeavesOneWholeText)
+// A failed rewrite keeps the change in memory and leaves one whole text and
+// no temporary, also after a power loss: the old text when a write, a sync or
+// the rename failed. The next rewrite splices into the disk's text (not
+// memory's) and is on the medium when it returns.
+TEST_F(ConfigTest, FailedRewriteLeavesOneWholeTextAndTheNextOneSurvivesAPowerLoss)
 {
     ASSERT_TRUE(Load("[S]\na=1\nb=2\n"));
+    // The steps that may leave either text go first, so that after the loop
+    // the disk's value of the key differs from memory's.
+    const struct {
+        FileOp m_eOp;
+        int m_nErrno;
+        long long m_nTimes;
+        size_t m_nFirstCutTo; // 0: the first call fails too
+        bool m_bOldStays;
+    } arCases[] = {
+        {FileOp::Open, EIO, 1, 0, false},                {FileOp::LSeek, EIO, 1, 0, false},
+        {FileOp::Close, EIO, 1, 0, false},               {FileOp::SyncDirectory, EIO, 1, 0, false},
+        {FileOp::PWrite, ENOSPC, FAULT_ALWAYS, 0, true}, {FileOp::FSync, EIO, FAULT_ALWAYS, 0, true},
+        {FileOp::PWrite, ENOSPC, FAULT_ALWAYS, 4, true}, {FileOp::Rename, EIO, FAULT_ALWAYS, 0, true},
+    };
+    int nValue = 0;
+    for (const auto& c : arCases) {
+        SCOPED_TRACE(::testing::Message() << "op " << (int)c.m_eOp << ", first cut to " << c.m_nFirstCutTo);
+        const std::string strBefore = Disk();
+        const std::string strValue = "v" + std::to_string(++nValue);
+        FaultFileIO io;
+        if (c.m_nFirstCutTo > 0) io.CutTransfer(c.m_eOp, 1, c.m_nFirstCutTo);
+        io.FailCall(c.m_eOp, c.m_nFirstCutTo > 0 ? 2 : 1, c.m_nErrno, c.m_nTimes);
+        {
+            ScopedFileIO scope(&io);
+            bool bSet = TalvorConfigSetValueString("S", "a", strValue.c_str());
+            if (c.m_bOldStays) {
+                EXPECT_TRUE(bSet);
+                EXPECT_EQ(Disk(), strBefore);
+            }
+            EXPECT_EQ(DirEntries().size(), 1u) << "a temporary was left behind";
+            io.LosePower();
+        }
+        EXPECT_EQ(Get("S", "a"), strValue);
+        const std::string strAfter = Disk();
+        EXPECT_TRUE(strAfter == strBefore || (!c.m_bOldStays && strAfter == "[S]\na=" + strValue + "\r\nb=2\n"))
+            << strAfter;
+        EXPECT_EQ(DirEntries().size(), 1u);
+    }
+    std::string strExpect = Disk();
+    strExpect.replace(strExpect.find("b=2\n"), 4, "b=3\r\n");
     {
         FaultFileIO io;
         ScopedFileIO scope(&io);
-        ASSERT_TRUE(TalvorConfigSetValueString("S", "a", "new"));
+        ASSERT_TRUE(TalvorConfigSetValueString("S", "b", "3"));
         io.LosePower();
     }
-    EXPECT_EQ(Disk(), "[S]\na=new\r\nb=2\n");
+    EXPECT_EQ(Disk(), strExpect);
     EXPECT_EQ(DirEntries().size(), 1u);
-    int nValue = 0;
-    for (FileOp eOp : {FileOp::Open, FileOp::LSeek, FileOp::PWrite, FileOp::FSync, FileOp::Close, FileOp::Rename,
-                       FileOp::SyncDirectory}) {
-        std::string strBefore = Disk();
-        std::string strValue = "v" + std::to_string(++nValue);
-        std::string strNew = "[S]\na=" + strValue + "\r\nb=2\n";
-        FaultFileIO io;
-        io.FailCall(eOp, 1, EIO);
-        {
-            ScopedFileIO scope(&io);
-            TalvorConfigSetValueString("S", "a", strValue.c_str());
-            io.LosePower();
-        }
-        std::string strAfter = Disk();
-        EXPECT_TRUE(strAfter == strBefore || strAfter == strNew) << (int)eOp << ": " << strAfter;
-        EXPECT_EQ(DirEntries().size(), 1u) << (int)eOp;
-    }
 }
 
 TEST_F(ConfigTest, RewriteKeepsModeAndFollowsSymbolicLinks)
@@ -357,7 +343,6 @@ TEST_F(ConfigTest, RewriteKeepsModeAndFollowsSymbolicLinks)
     EXPECT_EQ(ReadWholeFile(real), "[S]\na=2\r\n");
 }
 
-// ------------------------------------------------------------ Update list
 
 // The engine's view: the segment attached by its key, the semaphore by name.
 class EngineSide {
@@ -438,60 +423,30 @@ TEST_F(ConfigSharedTest, EnginePostIsTakenInByThreadSafeReadOnly)
     ExpectLatchFree();
 }
 
-TEST_F(ConfigSharedTest, TwoDaemonUpdatesStandAsTwoItems)
-{
-    ASSERT_TRUE(Load("[System]\na=1\n"));
-    ASSERT_TRUE(TalvorConfigSetValueString("System", "a", "2", &m_crit));
-    ASSERT_TRUE(TalvorConfigSetValueString("System", "b", "3", &m_crit));
-    SharedMemoryUpdate* p = m_engine.m_pList;
-    EXPECT_EQ(p->m_iLength, 2u);
-    EXPECT_FALSE(p->m_bIsService);
-    EXPECT_STREQ(p->m_smpItems[0].m_lpModule, "System");
-    EXPECT_STREQ(p->m_smpItems[0].m_lpKey, "a");
-    EXPECT_STREQ(p->m_smpItems[0].m_lpValue, "2");
-    EXPECT_STREQ(p->m_smpItems[1].m_lpKey, "b");
-    EXPECT_STREQ(p->m_smpItems[1].m_lpValue, "3");
-    // Our own list is not taken in by our own reads.
-    EXPECT_EQ(TalvorConfigGetValueInt("System", "a", 0, &m_crit), 2);
-    EXPECT_EQ(p->m_iLength, 2u);
-    // The lock-free setter tells the engine nothing.
-    ASSERT_TRUE(TalvorConfigSetValueString("System", "c", "4"));
-    EXPECT_EQ(p->m_iLength, 2u);
-    ExpectLatchFree();
-}
-
-TEST_F(ConfigSharedTest, DaemonPostTakesInPendingEngineItemsFirst)
+// The engine's pending item is taken in before the daemon takes the list
+// over; the daemon's own items then stand one after the other.
+TEST_F(ConfigSharedTest, DaemonPostsTakeInEngineItemsFirstAndStandAsItems)
 {
     ASSERT_TRUE(Load("[System]\na=1\nb=1\n"));
     m_engine.Post({{"System", "a", "engine"}});
     ASSERT_TRUE(TalvorConfigSetValueString("System", "b", "daemon", &m_crit));
     EXPECT_EQ(Get("System", "a"), "engine"); // not lost by the take-over
-    EXPECT_EQ(Get("System", "b"), "daemon");
-    EXPECT_EQ(m_engine.m_pList->m_iLength, 1u);
-    EXPECT_FALSE(m_engine.m_pList->m_bIsService);
-    EXPECT_STREQ(m_engine.m_pList->m_smpItems[0].m_lpKey, "b");
     EXPECT_EQ(Disk(), "[System]\na=engine\r\nb=daemon\r\n");
-    ExpectLatchFree();
-}
-
-TEST_F(ConfigSharedTest, ListPrimitivesTakeOverAndStopAtEighty)
-{
-    ConfigHelper* h = ConfigHelper::s_pInstance.get();
+    ASSERT_TRUE(TalvorConfigSetValueString("System", "c", "3", &m_crit));
     SharedMemoryUpdate* p = m_engine.m_pList;
-    ASSERT_TRUE(h->AddItemToSharedadd("S", "k0", "v", true));
-    ASSERT_TRUE(h->AddItemToSharedadd("S", "k1", "v", true));
-    EXPECT_FALSE(h->updateFromShared(true)); // one's own list
-    // The other side posting drops what was not taken in.
-    ASSERT_TRUE(h->AddItemToSharedadd("S", "mine", "v", false));
-    EXPECT_EQ(p->m_iLength, 1u);
-    EXPECT_STREQ(p->m_smpItems[0].m_lpKey, "mine");
-    for (int i = 1; i < CONFIGUPDATE_MAX_ITEMS; i++)
-        ASSERT_TRUE(h->AddItemToSharedadd("S", ("k" + std::to_string(i)).c_str(), "v", false));
-    EXPECT_EQ(p->m_iLength, (UINT)CONFIGUPDATE_MAX_ITEMS);
-    EXPECT_FALSE(h->AddItemToSharedadd("S", "extra", "v", false));
-    EXPECT_EQ(p->m_iLength, (UINT)CONFIGUPDATE_MAX_ITEMS);
-    // The last item is the last of the array; nothing was written past it.
-    EXPECT_STREQ(p->m_smpItems[CONFIGUPDATE_MAX_ITEMS - 1].m_lpKey, "k79");
+    EXPECT_EQ(p->m_iLength, 2u);
+    EXPECT_FALSE(p->m_bIsService);
+    EXPECT_STREQ(p->m_smpItems[0].m_lpModule, "System");
+    EXPECT_STREQ(p->m_smpItems[0].m_lpKey, "b");
+    EXPECT_STREQ(p->m_smpItems[0].m_lpValue, "daemon");
+    EXPECT_STREQ(p->m_smpItems[1].m_lpKey, "c");
+    EXPECT_STREQ(p->m_smpItems[1].m_lpValue, "3");
+    // Our own list is not taken in by our own reads, and the lock-free
+    // setter tells the engine nothing.
+    EXPECT_EQ(TalvorConfigGetValueInt("System", "c", 0, &m_crit), 3);
+    ASSERT_TRUE(TalvorConfigSetValueString("System", "d", "4"));
+    EXPECT_EQ(p->m_iLength, 2u);
+    ExpectLatchFree();
 }
 
 TEST_F(ConfigSharedTest, OverlongTextsAreNotPostedAndNeverOverrun)
@@ -584,15 +539,14 @@ TEST_F(ConfigSharedTest, ConcurrentThreadSafeSetsLoseNothing)
     ExpectLatchFree();
 }
 
-// ------------------------------------------------------------ File-direct family
 
 class ProfileTest : public ConfigTest {
 protected:
-    std::string Read(const char* app, const char* key, const char* def = "<d>", DWORD size = 256)
+    std::string Read(const char* app, const char* key)
     {
         char buf[256];
-        DWORD n = GetPrivateProfileString(app, key, def, buf, size, m_path.c_str());
-        EXPECT_LT(n, size);
+        DWORD n = GetPrivateProfileString(app, key, "<d>", buf, sizeof(buf), m_path.c_str());
+        EXPECT_LT(n, sizeof(buf));
         return std::string(buf, n);
     }
 };
@@ -613,47 +567,6 @@ TEST_F(ProfileTest, ValuesEndAtHashAndNamesTrimEveryBlank)
     EXPECT_EQ(Read("S", "Por"), "<d>");   // the name must end where the wanted one does
     EXPECT_EQ(Read("S", "Ports"), "<d>");
     EXPECT_EQ(Read("S] ignored", "key"), "<d>");
-    // The tree takes the same head, and keeps everything behind the first "="
-    // of a value.
-    ASSERT_TRUE(TalvorConfigInit(m_path.c_str()));
-    EXPECT_EQ(Get("S", "key"), "a=b # c");
-    EXPECT_EQ(Get("S] ignored", "key"), "<none>");
-}
-
-TEST_F(ProfileTest, DefaultsSizesAndMissingFiles)
-{
-    ASSERT_TRUE(WriteWholeFile(m_path, "[S]\nlong=abcdefghij\n"));
-    EXPECT_EQ(Read("S", "long", "d", 5), "abcd");
-    EXPECT_EQ(Read("S", "none", "dflt \t "), "dflt");
-    EXPECT_EQ(Read("S", "none", nullptr), "");
-    EXPECT_EQ(Read("T", "long"), "<d>");
-    char buf[4] = {'x', 'x', 'x', 'x'};
-    EXPECT_EQ(GetPrivateProfileString("S", "long", "d", buf, 1, m_path.c_str()), 0u);
-    EXPECT_EQ(buf[0], 0);
-    EXPECT_EQ(GetPrivateProfileString("S", "long", "d", buf, 0, m_path.c_str()), 0u);
-    EXPECT_EQ(GetPrivateProfileString("S", "long", "d", nullptr, 4, m_path.c_str()), 0u);
-    EXPECT_EQ(GetPrivateProfileString("S", "long", "dflt", buf, 4, nullptr), 3u);
-    EXPECT_STREQ(buf, "dfl");
-    const std::string absent = m_dir + "/absent.ini";
-    EXPECT_EQ(GetPrivateProfileString("S", "long", "x", buf, 4, absent.c_str()), 1u);
-    ASSERT_TRUE(WriteWholeFile(m_path, ""));
-    EXPECT_EQ(Read("S", "long"), "<d>");
-}
-
-TEST_F(ProfileTest, NullNamesListSectionsAndKeys)
-{
-    ASSERT_TRUE(WriteWholeFile(m_path, "[One]\na=1\nb=2\n#c=3\nnoeq\n[Two]\n[Three]\nx=9\n"));
-    EXPECT_EQ(Read(nullptr, nullptr), std::string("One\0Two\0Three\0", 14));
-    EXPECT_EQ(Read("one", nullptr), std::string("a\0b\0", 4));
-    EXPECT_EQ(Read("Two", nullptr), "");
-    EXPECT_EQ(Read("Four", nullptr), "<d>");
-    // Only whole names fit, and the list stays terminated inside the buffer.
-    char buf[16];
-    memset(buf, 'z', sizeof(buf));
-    DWORD n = GetPrivateProfileString(nullptr, nullptr, "", buf, 9, m_path.c_str());
-    EXPECT_EQ(std::string(buf, n), std::string("One\0Two\0", 8));
-    EXPECT_EQ(buf[8], 0);
-    EXPECT_EQ(buf[9], 'z');
 }
 
 TEST_F(ProfileTest, WriteFillsNewFilesAndEditsExistingOnes)

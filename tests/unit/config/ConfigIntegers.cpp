@@ -65,13 +65,11 @@ const IntCase g_arCases[] = {
 // as another number (1, 0, 0 and 12).
 TEST_F(ConfigIntegers, BothReadersReadLikeTheDecimalParser)
 {
-    std::vector<std::pair<std::string, int>> vCases;
-    for (const IntCase& c : g_arCases) vCases.push_back({c.m_lpszValue, c.m_nValue});
     const std::string strZeros(100, '0');
-    vCases.push_back({"1." + strZeros + "e5", 100000});
-    vCases.push_back({strZeros + strZeros + "7", 7});
-    vCases.push_back({"-" + strZeros + "123", -123});
-    vCases.push_back({"12" + std::string(80, ' ') + "x", 0});
+    std::vector<std::pair<std::string, int>> vCases = {
+        {"1." + strZeros + "e5", 100000}, {strZeros + strZeros + "7", 7}, {"-" + strZeros + "123", -123},
+        {"12" + std::string(80, ' ') + "x", 0}};
+    for (const IntCase& c : g_arCases) vCases.push_back({c.m_lpszValue, c.m_nValue});
     std::vector<std::string> vValues;
     for (const auto& c : vCases) vValues.push_back(c.first);
     Load(vValues);

@@ -1,5 +1,5 @@
 // Platform floor: latches and their per-thread record, guards, waits, events,
-// thread liveness, SysV segments and the time shims. A test that could hang
+// timed joins, SysV segments and the time shims. A test that could hang
 // on a fault waits against a deadline, and posts a stuck worker free.
 #include "LinuxCommonAPI.h"
 #include "ShareMemory.h"
@@ -32,7 +32,6 @@ int SemValue(LPTALVOR_SECTION lp)
     return n;
 }
 
-// A latch that is initialised and destroyed with the fixture.
 class LatchTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -67,13 +66,13 @@ protected:
         return bOk;
     }
 
-    TALVOR_SECTION m_arLatch[22];
+    TALVOR_SECTION m_arLatch[20];
     TALVORCRITICALSECTION m_cs;
 };
 
 // Guards made without destruction, as after a longjmp out of their frames.
 struct AbandonedGuards {
-    alignas(CTalvorCriticalSectionPtr) unsigned char m_arStore[22][sizeof(CTalvorCriticalSectionPtr)];
+    alignas(CTalvorCriticalSectionPtr) unsigned char m_arStore[21][sizeof(CTalvorCriticalSectionPtr)];
     int m_nCount = 0;
     void Take(LPTALVOR_SECTION lp, LPTALVORCRITICALSECTION cs)
     {
@@ -81,7 +80,7 @@ struct AbandonedGuards {
     }
 };
 
-TEST_F(LatchTest, NestedGuardsCountRecursionAndSlotsThenFreeTheLatch)
+TEST_F(LatchTest, NestedGuardsCountRecursionAndSlotsAndReleaseOnce)
 {
     LPTALVOR_SECTION lp = &m_arLatch[0];
     {
@@ -93,9 +92,13 @@ TEST_F(LatchTest, NestedGuardsCountRecursionAndSlotsThenFreeTheLatch)
             EXPECT_EQ(m_cs.m_nCritPos, 2);
             EXPECT_EQ(m_cs.m_pCritStack[0], lp);
             EXPECT_EQ(m_cs.m_pCritStack[1], lp);
+            g2.UnLock();
+            g2.UnLock();
         }
+        // A second release by the inner guard would have freed the outer's hold.
         EXPECT_EQ(lp->m_nRecursionCount, 0);
-        EXPECT_EQ(lp->m_nLockFlag, 1) << "inner guard must not free a latch the outer one holds";
+        EXPECT_EQ(lp->m_nLockFlag, 1);
+        EXPECT_EQ(lp->m_nThreadID, (UINT)m_cs.m_nThreadID);
         EXPECT_EQ(m_cs.m_nCritPos, 1);
         EXPECT_EQ(m_cs.m_pCritStack[1], nullptr);
     }
@@ -105,94 +108,47 @@ TEST_F(LatchTest, NestedGuardsCountRecursionAndSlotsThenFreeTheLatch)
     EXPECT_TRUE(OtherThreadCanTake(lp));
 }
 
-TEST_F(LatchTest, UnLockReleasesOnceAndDestructorDoesNothingMore)
-{
-    LPTALVOR_SECTION lp = &m_arLatch[0];
-    CTalvorCriticalSectionPtr outer(lp, &m_cs);
-    {
-        CTalvorCriticalSectionPtr inner(lp, &m_cs);
-        inner.UnLock();
-        EXPECT_EQ(lp->m_nRecursionCount, 0);
-        EXPECT_EQ(m_cs.m_nCritPos, 1);
-        inner.UnLock();
-    }
-    // A second release by the inner guard would have freed the outer's hold.
-    EXPECT_EQ(lp->m_nLockFlag, 1);
-    EXPECT_EQ(lp->m_nThreadID, (UINT)m_cs.m_nThreadID);
-    outer.UnLock();
-    EXPECT_TRUE(IsFree(*lp));
-}
-
-TEST_F(LatchTest, CrashReleaseGivesBackEveryRecordedLatch)
+// Twenty recorded guards, latch 0 among them twice, and a 21st past the
+// record: the crash release gives back the twenty (the recursion twice) and
+// leaves the position as it was; the 21st holds its latch unrecorded.
+TEST_F(LatchTest, CrashReleaseGivesBackEveryRecordedLatchButNotThe21st)
 {
     AbandonedGuards guards;
     guards.Take(&m_arLatch[0], &m_cs);
-    guards.Take(&m_arLatch[1], &m_cs);
-    guards.Take(&m_arLatch[1], &m_cs); // taken twice: given back twice
-    ASSERT_EQ(m_cs.m_nCritPos, 3);
-    ASSERT_EQ(m_arLatch[1].m_nRecursionCount, 1);
+    for (int i = 0; i < 19; i++) guards.Take(&m_arLatch[i], &m_cs);
+    ASSERT_EQ(m_arLatch[0].m_nRecursionCount, 1);
+    {
+        CTalvorCriticalSectionPtr g21(&m_arLatch[19], &m_cs);
+        EXPECT_EQ(m_arLatch[19].m_nLockFlag, 1);
+    }
+    EXPECT_TRUE(IsFree(m_arLatch[19]));
+    EXPECT_EQ(m_cs.m_nCritPos, 20) << "an unrecorded guard must not pop someone else's slot";
+    guards.Take(&m_arLatch[19], &m_cs);
+    EXPECT_EQ(m_cs.m_nCritPos, 20);
+    EXPECT_EQ(m_arLatch[19].m_nLockFlag, 1);
+    for (int i = 0; i < 19; i++) EXPECT_EQ(m_cs.m_pCritStack[i + 1], &m_arLatch[i]);
 
     TalvorCriticalRelease(&m_cs);
-
-    EXPECT_TRUE(IsFree(m_arLatch[0]));
-    EXPECT_TRUE(IsFree(m_arLatch[1]));
-    EXPECT_EQ(m_arLatch[1].m_nRecursionCount, 0);
+    for (int i = 0; i < 19; i++) EXPECT_TRUE(IsFree(m_arLatch[i])) << "latch " << i;
+    EXPECT_EQ(m_arLatch[0].m_nRecursionCount, 0);
     for (auto* p : m_cs.m_pCritStack) EXPECT_EQ(p, nullptr);
-    EXPECT_EQ(m_cs.m_nCritPos, 3) << "the record's position is left as it was";
+    EXPECT_EQ(m_cs.m_nCritPos, 20) << "the record's position is left as it was";
     EXPECT_TRUE(OtherThreadCanTake(&m_arLatch[0]));
-    EXPECT_TRUE(OtherThreadCanTake(&m_arLatch[1]));
+    EXPECT_EQ(m_arLatch[19].m_nLockFlag, 1) << "the unrecorded latch is beyond the crash release";
+    EXPECT_EQ(m_arLatch[19].m_nThreadID, (UINT)m_cs.m_nThreadID);
+    LeaveCriticalTalvor(&m_arLatch[19]);
+    EXPECT_TRUE(IsFree(m_arLatch[19]));
     TalvorCriticalRelease(nullptr);
 }
 
-TEST_F(LatchTest, TwentyFirstGuardHoldsItsLatchUnrecorded)
-{
-    AbandonedGuards guards;
-    for (int i = 0; i < 20; i++) guards.Take(&m_arLatch[i], &m_cs);
-    {
-        CTalvorCriticalSectionPtr g21(&m_arLatch[20], &m_cs);
-        EXPECT_EQ(m_arLatch[20].m_nLockFlag, 1);
-    }
-    EXPECT_TRUE(IsFree(m_arLatch[20]));
-    EXPECT_EQ(m_cs.m_nCritPos, 20) << "an unrecorded guard must not pop someone else's slot";
-    guards.Take(&m_arLatch[20], &m_cs);
-    EXPECT_EQ(m_cs.m_nCritPos, 20);
-    EXPECT_EQ(m_arLatch[20].m_nLockFlag, 1);
-    for (int i = 0; i < 20; i++) EXPECT_EQ(m_cs.m_pCritStack[i], &m_arLatch[i]);
-
-    TalvorCriticalRelease(&m_cs);
-    for (int i = 0; i < 20; i++) EXPECT_TRUE(IsFree(m_arLatch[i])) << "latch " << i;
-    EXPECT_EQ(m_arLatch[20].m_nLockFlag, 1) << "the unrecorded latch is beyond the crash release";
-    EXPECT_EQ(m_arLatch[20].m_nThreadID, (UINT)m_cs.m_nThreadID);
-    LeaveCriticalTalvor(&m_arLatch[20]);
-    EXPECT_TRUE(IsFree(m_arLatch[20]));
-}
-
-TEST_F(LatchTest, UncontendedPairsDoNotBankWakeUps)
-{
-    LPTALVOR_SECTION lp = &m_arLatch[0];
-    UINT nID = GetCurrentThreadId();
-    for (int i = 0; i < 1000; i++) {
-        EnterCriticalTalvor(lp, nID);
-        LeaveCriticalTalvor(lp);
-        EnterCriticalTalvor(lp);
-        LeaveCriticalTalvor(lp);
-        EnterCriticalTalvorEx(lp);
-        LeaveCriticalTalvor(lp);
-    }
-    EXPECT_EQ(SemValue(lp), 1);
-    EXPECT_TRUE(IsFree(*lp));
-}
-
-// --- Contention ---------------------------------------------------------
-
-enum class Acquire { Owner, Plain, Spin };
-const char* const kAcquireNames[] = {"Owner", "Plain", "Spin"};
+// The acquires the daemon uses: with the owner's id, and spinning first.
+enum class Acquire { Owner, Spin };
+const char* const kAcquireNames[] = {"Owner", "Spin"};
 
 void Take(LPTALVOR_SECTION lp, Acquire how, UINT nID)
 {
     switch (how) {
     case Acquire::Owner: EnterCriticalTalvor(lp, nID); break;
-    case Acquire::Plain: EnterCriticalTalvor(lp); break;
     case Acquire::Spin: EnterCriticalTalvorEx(lp); break;
     }
 }
@@ -282,45 +238,6 @@ TEST_P(LatchContention, WaiterSleepsAfterHeavyUse)
     EXPECT_LT(nCpuUs, 20000) << "the waiter used " << nCpuUs << " us of CPU while it waited 200 ms";
 }
 
-// Strict hand-over: each round the waiter is counted asleep before the holder
-// lets go, so every round goes through the post-and-wake path.
-TEST_P(LatchContention, HandOverManyRoundsWithoutLostWakeUp)
-{
-    const int nRounds = 2000;
-    LPTALVOR_SECTION lp = &m_arLatch[0];
-    std::atomic<int> nHolderRound{-1}, nWaiterRound{-1};
-    std::atomic<bool> bStop{false};
-    std::thread waiter([&] {
-        UINT nID = GetCurrentThreadId();
-        for (int r = 0; r < nRounds && !bStop; r++) {
-            while (nHolderRound.load() < r && !bStop) sched_yield();
-            if (bStop) break;
-            Take(lp, GetParam(), nID);
-            nWaiterRound = r;
-            LeaveCriticalTalvor(lp);
-        }
-    });
-    UINT nID = GetCurrentThreadId();
-    bool bOk = true;
-    for (int r = 0; r < nRounds && bOk; r++) {
-        Take(lp, GetParam(), nID);
-        nHolderRound = r;
-        // Let the waiter get counted (for the spinning acquire this may not
-        // happen: it can spin through the short hold).
-        WaitUntil([&] { return __atomic_load_n(&lp->m_nWaitedCount, __ATOMIC_SEQ_CST) > 0 || nWaiterRound.load() >= r; }, 5);
-        LeaveCriticalTalvor(lp);
-        bOk = WaitUntil([&] { return nWaiterRound.load() >= r; }, 5000);
-    }
-    if (!bOk) {
-        ADD_FAILURE() << "waiter lost its wake-up at round " << nWaiterRound.load() + 1;
-        bStop = true;
-        sem_post(&lp->m_hEvent);
-    }
-    waiter.join();
-    EXPECT_EQ(nWaiterRound.load(), nRounds - 1);
-    EXPECT_TRUE(IsFree(*lp));
-}
-
 // The holder lets go at a varying moment while the waiter is on its way in:
 // before its test of the flag, between that test and its sleep, or while it
 // sleeps. Nobody comes after, so a missed wake-up strands the waiter.
@@ -362,7 +279,7 @@ TEST_P(LatchContention, ReleaseAtAnyMomentNeverStrandsTheWaiter)
 }
 
 INSTANTIATE_TEST_SUITE_P(AllAcquires, LatchContention,
-                         ::testing::Values(Acquire::Owner, Acquire::Plain, Acquire::Spin),
+                         ::testing::Values(Acquire::Owner, Acquire::Spin),
                          [](const ::testing::TestParamInfo<Acquire>& info) {
                              return std::string(kAcquireNames[(int)info.param]);
                          });
@@ -392,28 +309,7 @@ TEST_F(LatchTest, RecursiveOwnerUnderContentionKeepsCount)
     EXPECT_EQ(lp->m_nRecursionCount, 0);
 }
 
-TEST(MutexGuard, RecursiveAndReleasedOnce)
-{
-    CRITICAL_SECTION cs;
-    InitializeCriticalSection(&cs);
-    {
-        CCriticalSectionPtr g1(&cs);
-        CCriticalSectionPtr g2(&cs); // recursive: must not deadlock
-        g2.UnLock();
-        g2.UnLock();
-        std::thread th([&] { EXPECT_EQ(pthread_mutex_trylock(&cs), EBUSY); });
-        th.join();
-    }
-    std::thread th([&] {
-        EXPECT_EQ(pthread_mutex_trylock(&cs), 0);
-        pthread_mutex_unlock(&cs);
-    });
-    th.join();
-    DeleteCriticalSection(&cs);
-}
-
-// --- Waits on semaphores ------------------------------------------------
-
+// A null semaphore is answered at once, not after the time-out.
 TEST(SemaphoreWait, NullHandleTimesOutWithoutWaiting)
 {
     long long t0 = NowMs();
@@ -437,13 +333,6 @@ TEST(SemaphoreWait, TryWaitTimedWaitAndWake)
     long long dt = NowMs() - t0;
     EXPECT_GE(dt, 110);
     EXPECT_LT(dt, 1000);
-
-    // A time-out that crosses a second boundary in microseconds.
-    t0 = NowMs();
-    EXPECT_EQ(WaitForSingleObject(ev, 1999), WAIT_TIMEOUT);
-    dt = NowMs() - t0;
-    EXPECT_GE(dt, 1950);
-    EXPECT_LT(dt, 3000);
 
     std::thread poster([&] {
         usleep(50000);
@@ -474,7 +363,6 @@ TEST(TimeArithmetic, TimeraddMSCarriesIntoSeconds)
     }
 }
 
-// --- Thread liveness ----------------------------------------------------
 
 struct Gate {
     sem_t m_sem;
@@ -494,55 +382,15 @@ void* WaitOnGate(void* p)
     return nullptr;
 }
 
-void* EndAtOnce(void*) { return nullptr; }
-
-void* EndAfter100ms(void* p)
-{
-    usleep(100000);
-    ((std::atomic<bool>*)p)->store(true);
-    return nullptr;
-}
-
-// A contained thread leaves by pthread_exit after a fault; it must still be
-// seen gone, or the stop would wait on it until its time-out.
-void* ExitByPthreadExit(void*)
-{
-    pthread_exit(nullptr);
-}
-
-// Ended but not joined, by a return or by pthread_exit: the signal probe
-// alone would call it alive.
-TEST(ThreadWait, EndedJoinableThreadIsSeenGone)
-{
-    for (void* (*fnEnd)(void*) : {EndAtOnce, ExitByPthreadExit}) {
-        HTHREADTYPE th = 0;
-        ASSERT_EQ(CreateJoinableThread(&th, fnEnd, nullptr), 0);
-        ASSERT_NE(th, (HTHREADTYPE)0);
-        usleep(50000);
-        long long t0 = NowMs();
-        EXPECT_EQ(WaitForSingleObject(th, 2000), WAIT_OBJECT_0);
-        EXPECT_LT(NowMs() - t0, 1000);
-        EXPECT_FALSE(IsThreadAlive(th));
-        EXPECT_EQ(TalvorWaitForSingleThread(th, 1000), WAIT_OBJECT_0);
-    }
-}
-
-// A live thread times either wait out and is seen alive; the timed join
-// then waits for its end.
-TEST(ThreadWait, LiveThreadTimesOutThenEnds)
+// A live thread times the timed join out; the join then waits for its end.
+TEST(ThreadWait, TimedJoinTimesALiveThreadOutThenWaitsForItsEnd)
 {
     Gate gate;
     HTHREADTYPE th = 0;
     ASSERT_EQ(CreateJoinableThread(&th, WaitOnGate, &gate), 0);
     long long t0 = NowMs();
-    EXPECT_EQ(WaitForSingleObject(th, 80), WAIT_TIMEOUT);
-    long long dt = NowMs() - t0;
-    EXPECT_GE(dt, 80);
-    EXPECT_LT(dt, 1000);
-    t0 = NowMs();
     EXPECT_EQ(TalvorWaitForSingleThread(th, 60), WAIT_TIMEOUT);
     EXPECT_GE(NowMs() - t0, 50);
-    EXPECT_TRUE(IsThreadAlive(th));
     std::thread poster([&] {
         usleep(100000);
         sem_post(&gate.m_sem);
@@ -550,86 +398,6 @@ TEST(ThreadWait, LiveThreadTimesOutThenEnds)
     EXPECT_EQ(TalvorWaitForSingleThread(th, 5000), WAIT_OBJECT_0);
     EXPECT_TRUE(gate.m_bEnded.load());
     poster.join();
-}
-
-TEST(ThreadWait, NullHandleFails)
-{
-    HTHREADTYPE th = 0;
-    long long t0 = NowMs();
-    EXPECT_EQ(WaitForSingleObject(th, 5000), WAIT_FAILED);
-    EXPECT_LT(NowMs() - t0, 500);
-    EXPECT_EQ(WaitForSingleObject(th, 0), WAIT_FAILED);
-    EXPECT_FALSE(IsThreadAlive(th));
-}
-
-TEST(ThreadWait, DetachedThreadOfOursIsSeenGone)
-{
-    std::atomic<bool> bEnded{false};
-    volatile HTHREADTYPE th = 0;
-    UINT nId = 0;
-    ASSERT_EQ(CreateThreadAllPlateForm(&th, EndAfter100ms, &bEnded, nId, "EndAfter100ms"), 0);
-    HTHREADTYPE h = th;
-    ASSERT_NE(h, (HTHREADTYPE)0);
-    EXPECT_EQ(WaitForSingleObject(h, 5000), WAIT_OBJECT_0);
-    EXPECT_TRUE(bEnded.load());
-    CloseThreadHandle(h);
-    EXPECT_EQ(h, (HTHREADTYPE)0);
-}
-
-// Threads that end at once and reuse the heap at once: each must still be
-// recorded under its own handle, or its end is never seen. More threads
-// than the registry has slots, so ended slots must be reused.
-void* EndAndChurnHeap(void*)
-{
-    void* ar[8];
-    for (auto& p : ar) {
-        p = malloc(24);
-        if (p != nullptr) memset(p, 0xFF, 24);
-    }
-    for (auto* p : ar) free(p);
-    return nullptr;
-}
-
-TEST(ThreadWait, ManyShortThreadsAreEachSeenGone)
-{
-    int nTimedOut = 0;
-    for (int i = 0; i < 1100; i++) {
-        HTHREADTYPE th = 0;
-        ASSERT_EQ(CreateJoinableThread(&th, EndAndChurnHeap, nullptr), 0) << "thread " << i;
-        if (WaitForSingleObject(th, 2000) != WAIT_OBJECT_0) nTimedOut++;
-        ASSERT_EQ(TalvorWaitForSingleThread(th, 2000), WAIT_OBJECT_0);
-        if (nTimedOut > 0) break;
-    }
-    EXPECT_EQ(nTimedOut, 0);
-}
-
-TEST(ThreadWait, MultipleObjectsZeroesGoneHandles)
-{
-    HTHREADTYPE arTh[3] = {0, 0, 0};
-    ASSERT_EQ(CreateJoinableThread(&arTh[0], EndAtOnce, nullptr), 0);
-    ASSERT_EQ(CreateJoinableThread(&arTh[2], EndAtOnce, nullptr), 0);
-    HTHREADTYPE arKeep[3] = {arTh[0], arTh[1], arTh[2]};
-    EXPECT_EQ(WaitForMultipleObjects(3, arTh, TRUE, 5000), WAIT_OBJECT_0);
-    EXPECT_EQ(arTh[0], (HTHREADTYPE)0);
-    EXPECT_EQ(arTh[2], (HTHREADTYPE)0);
-    EXPECT_EQ(TalvorWaitForSingleThread(arKeep[0], 1000), WAIT_OBJECT_0);
-    EXPECT_EQ(TalvorWaitForSingleThread(arKeep[2], 1000), WAIT_OBJECT_0);
-
-    // One live, one gone: the live one times the wait out and keeps its handle.
-    Gate gate;
-    HTHREADTYPE arMix[2] = {0, 0};
-    ASSERT_EQ(CreateJoinableThread(&arMix[0], EndAtOnce, nullptr), 0);
-    ASSERT_EQ(CreateJoinableThread(&arMix[1], WaitOnGate, &gate), 0);
-    HTHREADTYPE hLive = arMix[1], hGone = arMix[0];
-    usleep(50000);
-    long long t0 = NowMs();
-    EXPECT_EQ(WaitForMultipleObjects(2, arMix, FALSE, 60), WAIT_TIMEOUT);
-    EXPECT_GE(NowMs() - t0, 60);
-    EXPECT_EQ(arMix[0], (HTHREADTYPE)0);
-    EXPECT_EQ(arMix[1], hLive);
-    sem_post(&gate.m_sem);
-    EXPECT_EQ(TalvorWaitForSingleThread(hLive, 5000), WAIT_OBJECT_0);
-    EXPECT_EQ(TalvorWaitForSingleThread(hGone, 1000), WAIT_OBJECT_0);
 }
 
 TEST(ThreadWait, TimedJoinOfManyUsesOneDeadline)
@@ -653,7 +421,6 @@ TEST(ThreadWait, TimedJoinOfManyUsesOneDeadline)
     for (Gate& g : arGate) EXPECT_TRUE(g.m_bEnded.load());
 }
 
-// --- Named events -------------------------------------------------------
 
 TEST(NamedEvent, FreshNameStartsSignalledAndKeepsItsName)
 {
@@ -681,10 +448,8 @@ TEST(NamedEvent, FreshNameStartsSignalledAndKeepsItsName)
     EXPECT_EQ(WaitForSingleObject(h2, 0), WAIT_TIMEOUT);
     CloseEvent(h2);
     sem_unlink(szName);
-    EXPECT_FALSE(CreateEventSemSuccess(nullptr));
 }
 
-// --- Shared memory ------------------------------------------------------
 
 class SharedMemoryTest : public ::testing::Test {
 protected:
@@ -703,8 +468,6 @@ TEST_F(SharedMemoryTest, ASegmentIsFoundAgainByItsKeyOutlivesItsIdAndIsRemoved)
     // Id 0 is the first id of a fresh namespace and means "no segment".
     ASSERT_GT(nId, 0);
     EXPECT_EQ(bExists, FALSE);
-    EXPECT_TRUE(CShareMemory::ShareMemoryExsist(nId));
-    EXPECT_TRUE(CShareMemory::GetShareMemorySuccess(nId));
     for (size_t nSize : {8192, 4096}) {
         bExists = 7;
         EXPECT_EQ(CShareMemory::CreateShareMemory(kKey, nSize, nullptr, bExists), nId) << nSize;
@@ -721,9 +484,6 @@ TEST_F(SharedMemoryTest, ASegmentIsFoundAgainByItsKeyOutlivesItsIdAndIsRemoved)
     memcpy(p1 + 100, "QNSM", 4);
     EXPECT_TRUE(CShareMemory::ShMemDetach(p1));
     EXPECT_EQ(p1, nullptr);
-    LPBYTE pBad = nullptr;
-    EXPECT_FALSE(CShareMemory::ShMemDetach(pBad));
-    EXPECT_EQ(CShareMemory::ShMemAttach(nId + 1000000, nullptr, 0), nullptr);
     MFID nCopy = nId;
     EXPECT_TRUE(CShareMemory::CloseShareMemory(nCopy));
     EXPECT_EQ(nCopy, 0);
@@ -738,10 +498,6 @@ TEST_F(SharedMemoryTest, ASegmentIsFoundAgainByItsKeyOutlivesItsIdAndIsRemoved)
     EXPECT_TRUE(CShareMemory::DestoryShareMemory(nId));
     EXPECT_EQ(nId, 0);
     EXPECT_EQ(CShareMemory::OpenShareMemory(kKey, nullptr), -1);
-    EXPECT_FALSE(CShareMemory::ShareMemoryExsist(nId));
-    MFID nBad = 0x7FFF0000;
-    EXPECT_FALSE(CShareMemory::DestoryShareMemory(nBad));
-    EXPECT_EQ(nBad, 0);
     // After removal the key is free again: a new segment, to be initialised.
     bExists = 7;
     EXPECT_GT(CShareMemory::CreateShareMemory(kKey, 4096, nullptr, bExists), 0);
@@ -793,7 +549,6 @@ TEST_F(SharedMemoryTest, ZeroingReachesEveryAttachmentAndStopsAtTheRangeBounds)
     CShareMemory::ShMemDetach(p2);
 }
 
-// --- Time shim ----------------------------------------------------------
 
 TEST(TimeShims, FileTimeMatchesWallClock)
 {
