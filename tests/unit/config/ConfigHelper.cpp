@@ -449,6 +449,20 @@ TEST_F(ConfigSharedTest, DaemonPostsTakeInEngineItemsFirstAndStandAsItems)
     ExpectLatchFree();
 }
 
+// The bound of eighty items is in ConcurrentThreadSafeSetsLoseNothing.
+TEST_F(ConfigSharedTest, PostingTakesTheOtherSidesListOver)
+{
+    ConfigHelper* h = ConfigHelper::s_pInstance.get();
+    SharedMemoryUpdate* p = m_engine.m_pList;
+    ASSERT_TRUE(h->AddItemToSharedadd("S", "k0", "v", true));
+    ASSERT_TRUE(h->AddItemToSharedadd("S", "k1", "v", true));
+    EXPECT_FALSE(h->updateFromShared(true)); // one's own list
+    // The other side posting drops what was not taken in.
+    ASSERT_TRUE(h->AddItemToSharedadd("S", "mine", "v", false));
+    EXPECT_EQ(p->m_iLength, 1u);
+    EXPECT_STREQ(p->m_smpItems[0].m_lpKey, "mine");
+}
+
 TEST_F(ConfigSharedTest, OverlongTextsAreNotPostedAndNeverOverrun)
 {
     ASSERT_TRUE(Load("[System]\ndatabasepath=/old/\n"));
@@ -542,11 +556,11 @@ TEST_F(ConfigSharedTest, ConcurrentThreadSafeSetsLoseNothing)
 
 class ProfileTest : public ConfigTest {
 protected:
-    std::string Read(const char* app, const char* key)
+    std::string Read(const char* app, const char* key, const char* def = "<d>", DWORD size = 256)
     {
         char buf[256];
-        DWORD n = GetPrivateProfileString(app, key, "<d>", buf, sizeof(buf), m_path.c_str());
-        EXPECT_LT(n, sizeof(buf));
+        DWORD n = GetPrivateProfileString(app, key, def, buf, size, m_path.c_str());
+        EXPECT_LT(n, size);
         return std::string(buf, n);
     }
 };
@@ -567,6 +581,42 @@ TEST_F(ProfileTest, ValuesEndAtHashAndNamesTrimEveryBlank)
     EXPECT_EQ(Read("S", "Por"), "<d>");   // the name must end where the wanted one does
     EXPECT_EQ(Read("S", "Ports"), "<d>");
     EXPECT_EQ(Read("S] ignored", "key"), "<d>");
+}
+
+TEST_F(ProfileTest, DefaultsSizesAndMissingFiles)
+{
+    ASSERT_TRUE(WriteWholeFile(m_path, "[S]\nlong=abcdefghij\n"));
+    EXPECT_EQ(Read("S", "long", "d", 5), "abcd");
+    EXPECT_EQ(Read("S", "none", "dflt \t "), "dflt");
+    EXPECT_EQ(Read("S", "none", nullptr), "");
+    EXPECT_EQ(Read("T", "long"), "<d>");
+    char buf[4] = {'x', 'x', 'x', 'x'};
+    EXPECT_EQ(GetPrivateProfileString("S", "long", "d", buf, 1, m_path.c_str()), 0u);
+    EXPECT_EQ(buf[0], 0);
+    EXPECT_EQ(GetPrivateProfileString("S", "long", "d", buf, 0, m_path.c_str()), 0u);
+    EXPECT_EQ(GetPrivateProfileString("S", "long", "d", nullptr, 4, m_path.c_str()), 0u);
+    EXPECT_EQ(GetPrivateProfileString("S", "long", "dflt", buf, 4, nullptr), 3u);
+    EXPECT_STREQ(buf, "dfl");
+    const std::string absent = m_dir + "/absent.ini";
+    EXPECT_EQ(GetPrivateProfileString("S", "long", "x", buf, 4, absent.c_str()), 1u);
+    ASSERT_TRUE(WriteWholeFile(m_path, ""));
+    EXPECT_EQ(Read("S", "long"), "<d>");
+}
+
+TEST_F(ProfileTest, NullNamesListSectionsAndKeys)
+{
+    ASSERT_TRUE(WriteWholeFile(m_path, "[One]\na=1\nb=2\n#c=3\nnoeq\n[Two]\n[Three]\nx=9\n"));
+    EXPECT_EQ(Read(nullptr, nullptr), std::string("One\0Two\0Three\0", 14));
+    EXPECT_EQ(Read("one", nullptr), std::string("a\0b\0", 4));
+    EXPECT_EQ(Read("Two", nullptr), "");
+    EXPECT_EQ(Read("Four", nullptr), "<d>");
+    // Only whole names fit, and the list stays terminated inside the buffer.
+    char buf[16];
+    memset(buf, 'z', sizeof(buf));
+    DWORD n = GetPrivateProfileString(nullptr, nullptr, "", buf, 9, m_path.c_str());
+    EXPECT_EQ(std::string(buf, n), std::string("One\0Two\0", 8));
+    EXPECT_EQ(buf[8], 0);
+    EXPECT_EQ(buf[9], 'z');
 }
 
 TEST_F(ProfileTest, WriteFillsNewFilesAndEditsExistingOnes)

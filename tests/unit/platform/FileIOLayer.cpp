@@ -306,4 +306,19 @@ TEST_F(MakeDirTest, ShortPathMakesNothingAndReadsNoGarbage)
     EXPECT_FALSE(PathExists(m_strRoot + "/q"));
 }
 
+TEST_F(MakeDirTest, FileSizeGivesThePositionBack)
+{
+    std::string strFile = m_strRoot + "/f.bin";
+    FILE* pFile = fopen(strFile.c_str(), "w+b");
+    ASSERT_NE(pFile, nullptr);
+    std::vector<char> data(1234, 'x');
+    ASSERT_EQ(fwrite(data.data(), 1, data.size(), pFile), data.size());
+    fflush(pFile);
+    ASSERT_EQ(fseek(pFile, 10, SEEK_SET), 0);
+    EXPECT_EQ(GetFileSize(pFile, nullptr), 1234u);
+    EXPECT_EQ(ftell(pFile), 10) << "the position is given back";
+    fclose(pFile);
+    EXPECT_EQ(GetFileSize(nullptr, nullptr), 0u);
+}
+
 } // namespace

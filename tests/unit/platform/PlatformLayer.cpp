@@ -1,5 +1,5 @@
 // Platform floor: latches and their per-thread record, guards, waits, events,
-// timed joins, SysV segments and the time shims. A test that could hang
+// thread liveness, SysV segments and the time shims. A test that could hang
 // on a fault waits against a deadline, and posts a stuck worker free.
 #include "LinuxCommonAPI.h"
 #include "ShareMemory.h"
@@ -141,14 +141,14 @@ TEST_F(LatchTest, CrashReleaseGivesBackEveryRecordedLatchButNotThe21st)
     TalvorCriticalRelease(nullptr);
 }
 
-// The acquires the daemon uses: with the owner's id, and spinning first.
-enum class Acquire { Owner, Spin };
-const char* const kAcquireNames[] = {"Owner", "Spin"};
+enum class Acquire { Owner, Plain, Spin };
+const char* const kAcquireNames[] = {"Owner", "Plain", "Spin"};
 
 void Take(LPTALVOR_SECTION lp, Acquire how, UINT nID)
 {
     switch (how) {
     case Acquire::Owner: EnterCriticalTalvor(lp, nID); break;
+    case Acquire::Plain: EnterCriticalTalvor(lp); break;
     case Acquire::Spin: EnterCriticalTalvorEx(lp); break;
     }
 }
@@ -279,7 +279,7 @@ TEST_P(LatchContention, ReleaseAtAnyMomentNeverStrandsTheWaiter)
 }
 
 INSTANTIATE_TEST_SUITE_P(AllAcquires, LatchContention,
-                         ::testing::Values(Acquire::Owner, Acquire::Spin),
+                         ::testing::Values(Acquire::Owner, Acquire::Plain, Acquire::Spin),
                          [](const ::testing::TestParamInfo<Acquire>& info) {
                              return std::string(kAcquireNames[(int)info.param]);
                          });
@@ -309,13 +309,26 @@ TEST_F(LatchTest, RecursiveOwnerUnderContentionKeepsCount)
     EXPECT_EQ(lp->m_nRecursionCount, 0);
 }
 
-// A null semaphore is answered at once, not after the time-out.
-TEST(SemaphoreWait, NullHandleTimesOutWithoutWaiting)
+TEST(MutexGuard, RecursiveAndReleasedOnce)
 {
-    long long t0 = NowMs();
-    EXPECT_EQ(WaitForSingleObject((sem_t*)nullptr, 5000), WAIT_TIMEOUT);
-    EXPECT_LT(NowMs() - t0, 500);
+    CRITICAL_SECTION cs;
+    InitializeCriticalSection(&cs);
+    {
+        CCriticalSectionPtr g1(&cs);
+        CCriticalSectionPtr g2(&cs); // recursive: must not deadlock
+        g2.UnLock();
+        g2.UnLock();
+        std::thread th([&] { EXPECT_EQ(pthread_mutex_trylock(&cs), EBUSY); });
+        th.join();
+    }
+    std::thread th([&] {
+        EXPECT_EQ(pthread_mutex_trylock(&cs), 0);
+        pthread_mutex_unlock(&cs);
+    });
+    th.join();
+    DeleteCriticalSection(&cs);
 }
+
 
 TEST(SemaphoreWait, TryWaitTimedWaitAndWake)
 {
@@ -382,15 +395,53 @@ void* WaitOnGate(void* p)
     return nullptr;
 }
 
-// A live thread times the timed join out; the join then waits for its end.
-TEST(ThreadWait, TimedJoinTimesALiveThreadOutThenWaitsForItsEnd)
+void* EndAtOnce(void*) { return nullptr; }
+
+void* EndAfter100ms(void* p)
+{
+    usleep(100000);
+    ((std::atomic<bool>*)p)->store(true);
+    return nullptr;
+}
+
+// A contained thread leaves by pthread_exit after a fault; it must still be
+// seen gone, or the stop would wait on it until its time-out.
+void* ExitByPthreadExit(void*)
+{
+    pthread_exit(nullptr);
+}
+
+// Ended but not joined: the signal probe alone would call it alive. A thread
+// that returns is in ManyShortThreadsAreEachSeenGone.
+TEST(ThreadWait, EndedJoinableThreadIsSeenGone)
+{
+    HTHREADTYPE th = 0;
+    ASSERT_EQ(CreateJoinableThread(&th, ExitByPthreadExit, nullptr), 0);
+    ASSERT_NE(th, (HTHREADTYPE)0);
+    usleep(50000);
+    long long t0 = NowMs();
+    EXPECT_EQ(WaitForSingleObject(th, 2000), WAIT_OBJECT_0);
+    EXPECT_LT(NowMs() - t0, 1000);
+    EXPECT_FALSE(IsThreadAlive(th));
+    EXPECT_EQ(TalvorWaitForSingleThread(th, 1000), WAIT_OBJECT_0);
+}
+
+// A live thread times either wait out and is seen alive; the timed join
+// then waits for its end.
+TEST(ThreadWait, LiveThreadTimesOutThenEnds)
 {
     Gate gate;
     HTHREADTYPE th = 0;
     ASSERT_EQ(CreateJoinableThread(&th, WaitOnGate, &gate), 0);
     long long t0 = NowMs();
+    EXPECT_EQ(WaitForSingleObject(th, 80), WAIT_TIMEOUT);
+    long long dt = NowMs() - t0;
+    EXPECT_GE(dt, 80);
+    EXPECT_LT(dt, 1000);
+    t0 = NowMs();
     EXPECT_EQ(TalvorWaitForSingleThread(th, 60), WAIT_TIMEOUT);
     EXPECT_GE(NowMs() - t0, 50);
+    EXPECT_TRUE(IsThreadAlive(th));
     std::thread poster([&] {
         usleep(100000);
         sem_post(&gate.m_sem);
@@ -398,6 +449,81 @@ TEST(ThreadWait, TimedJoinTimesALiveThreadOutThenWaitsForItsEnd)
     EXPECT_EQ(TalvorWaitForSingleThread(th, 5000), WAIT_OBJECT_0);
     EXPECT_TRUE(gate.m_bEnded.load());
     poster.join();
+}
+
+// A null semaphore or thread is answered at once, not after the time-out.
+TEST(ThreadWait, NullHandlesReturnAtOnce)
+{
+    HTHREADTYPE th = 0;
+    long long t0 = NowMs();
+    EXPECT_EQ(WaitForSingleObject((sem_t*)nullptr, 5000), WAIT_TIMEOUT);
+    EXPECT_EQ(WaitForSingleObject(th, 5000), WAIT_FAILED);
+    EXPECT_LT(NowMs() - t0, 500);
+    EXPECT_EQ(WaitForSingleObject(th, 0), WAIT_FAILED);
+    EXPECT_FALSE(IsThreadAlive(th));
+}
+
+TEST(ThreadWait, DetachedThreadOfOursIsSeenGone)
+{
+    std::atomic<bool> bEnded{false};
+    volatile HTHREADTYPE th = 0;
+    UINT nId = 0;
+    ASSERT_EQ(CreateThreadAllPlateForm(&th, EndAfter100ms, &bEnded, nId, "EndAfter100ms"), 0);
+    HTHREADTYPE h = th;
+    ASSERT_NE(h, (HTHREADTYPE)0);
+    EXPECT_EQ(WaitForSingleObject(h, 5000), WAIT_OBJECT_0);
+    EXPECT_TRUE(bEnded.load());
+    CloseThreadHandle(h);
+    EXPECT_EQ(h, (HTHREADTYPE)0);
+}
+
+// Threads that end at once and reuse the heap at once: each must still be
+// recorded under its own handle, or its end is never seen. More threads
+// than the registry has slots, so ended slots must be reused.
+void* EndAndChurnHeap(void*)
+{
+    void* ar[8];
+    for (auto& p : ar) {
+        p = malloc(24);
+        if (p != nullptr) memset(p, 0xFF, 24);
+    }
+    for (auto* p : ar) free(p);
+    return nullptr;
+}
+
+TEST(ThreadWait, ManyShortThreadsAreEachSeenGone)
+{
+    int nTimedOut = 0;
+    for (int i = 0; i < 1100; i++) {
+        HTHREADTYPE th = 0;
+        ASSERT_EQ(CreateJoinableThread(&th, EndAndChurnHeap, nullptr), 0) << "thread " << i;
+        if (WaitForSingleObject(th, 2000) != WAIT_OBJECT_0) nTimedOut++;
+        ASSERT_EQ(TalvorWaitForSingleThread(th, 2000), WAIT_OBJECT_0);
+        if (nTimedOut > 0) break;
+    }
+    EXPECT_EQ(nTimedOut, 0);
+}
+
+// One live, one gone: the live one times the wait out and keeps its handle;
+// once it ends, the wait passes over the zeroed handle and zeroes the other.
+TEST(ThreadWait, MultipleObjectsZeroesGoneHandles)
+{
+    Gate gate;
+    HTHREADTYPE arMix[2] = {0, 0};
+    ASSERT_EQ(CreateJoinableThread(&arMix[0], EndAtOnce, nullptr), 0);
+    ASSERT_EQ(CreateJoinableThread(&arMix[1], WaitOnGate, &gate), 0);
+    HTHREADTYPE hLive = arMix[1], hGone = arMix[0];
+    usleep(50000);
+    long long t0 = NowMs();
+    EXPECT_EQ(WaitForMultipleObjects(2, arMix, FALSE, 60), WAIT_TIMEOUT);
+    EXPECT_GE(NowMs() - t0, 60);
+    EXPECT_EQ(arMix[0], (HTHREADTYPE)0);
+    EXPECT_EQ(arMix[1], hLive);
+    sem_post(&gate.m_sem);
+    EXPECT_EQ(WaitForMultipleObjects(2, arMix, TRUE, 5000), WAIT_OBJECT_0);
+    EXPECT_EQ(arMix[1], (HTHREADTYPE)0);
+    EXPECT_EQ(TalvorWaitForSingleThread(hLive, 5000), WAIT_OBJECT_0);
+    EXPECT_EQ(TalvorWaitForSingleThread(hGone, 1000), WAIT_OBJECT_0);
 }
 
 TEST(ThreadWait, TimedJoinOfManyUsesOneDeadline)

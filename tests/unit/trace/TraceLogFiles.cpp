@@ -113,6 +113,16 @@ TEST_F(TraceLogFiles, AtMostTenFilesGoAtOneOpening)
     for (int i = 0; i < 11; i++) EXPECT_FALSE(Exists(ServiceName(i))) << ServiceName(i);
 }
 
+TEST_F(TraceLogFiles, MissingDirectoryIsReportedAndChangesNothing)
+{
+    CLogManager& log = CLogManager::instance();
+    char* lpSaved = log.m_lpTraceDir;
+    std::string strMissing = m_strRoot + "/nowhere/";
+    log.m_lpTraceDir = (char*)strMissing.c_str();
+    EXPECT_FALSE(log.LogFileManage("TalvorService*"));
+    log.m_lpTraceDir = lpSaved;
+}
+
 TEST_F(TraceLogFiles, NameClashWithinOneSecondTakesTheNextName)
 {
     char szFirst[512], szSecond[512], szThird[512];
@@ -173,26 +183,28 @@ TEST_F(TraceLogFiles, HeadsOfBothSeries)
     EXPECT_TRUE(std::regex_match(strHead, reStorage)) << strHead;
 }
 
-// A database path without its slash gets one and both directories are made;
-// a moved installation makes none.
-TEST_F(TraceLogFiles, DirectoriesFollowTheDatabasePathUnlessTheInstallationMoved)
+TEST_F(TraceLogFiles, MovedInstallationMakesNoDirectories)
 {
-    ExitLogSystem();
-    UseIni("[System]\r\ndatabasepath=" + m_strRoot + "\r\n");
-    ASSERT_TRUE(InitLogSystem());
-    EXPECT_EQ(LogDir(), CLogManager::instance().GetTraceDir());
-    EXPECT_EQ(m_strRoot + "/Redo/", std::string(CLogManager::instance().m_lpRedoDir));
-    EXPECT_TRUE(PathExists(LogDir()));
-    EXPECT_TRUE(PathExists(m_strRoot + "/Redo"));
-
     ExitLogSystem();
     std::string strOther = m_strRoot + "/moved/";
     ASSERT_EQ(0, mkdir(strOther.c_str(), 0755));
     UseIni("[System]\r\ninstall=1\r\ndatabasepath=" + strOther + "\r\n");
     ASSERT_TRUE(InitLogSystem());
     EXPECT_EQ(nullptr, CLogManager::instance().GetTraceDir());
-    EXPECT_FALSE(PathExists(strOther + "Log"));
-    EXPECT_FALSE(PathExists(strOther + "Redo"));
+    EXPECT_NE(0, access((strOther + "Log").c_str(), F_OK));
+    EXPECT_NE(0, access((strOther + "Redo").c_str(), F_OK));
+}
+
+TEST_F(TraceLogFiles, DatabasePathWithoutSlashGetsOneAndBothDirectoriesAreMade)
+{
+    ExitLogSystem();
+    UseIni("[System]\r\ndatabasepath=" + m_strRoot + "\r\n");
+    ASSERT_TRUE(InitLogSystem());
+    EXPECT_EQ(LogDir(), CLogManager::instance().GetTraceDir());
+    EXPECT_EQ(m_strRoot + "/Redo/", std::string(CLogManager::instance().m_lpRedoDir));
+    struct stat st;
+    EXPECT_EQ(0, stat(LogDir().c_str(), &st));
+    EXPECT_EQ(0, stat((m_strRoot + "/Redo").c_str(), &st));
 }
 
 } // namespace
