@@ -78,17 +78,6 @@ TEST_F(ConfigIntegers, BothReadersReadLikeTheDecimalParser)
     }
 }
 
-TEST_F(ConfigIntegers, MissingKeysGiveTheDefaultWhateverItIs)
-{
-    Load({"1"});
-    for (int nDefault : {77, INT_MIN}) {
-        EXPECT_EQ(TalvorConfigGetValueInt("S", "absent", nDefault), nDefault);
-        EXPECT_EQ(TalvorConfigGetValueInt("Nowhere", "k0", nDefault), nDefault);
-        EXPECT_EQ(GetPrivateProfileInt("S", "absent", nDefault, m_strPath.c_str()), nDefault);
-        EXPECT_EQ(GetPrivateProfileInt("S", "k0", nDefault, (m_strPath + ".none").c_str()), nDefault);
-    }
-}
-
 // Generated numbers (signs, blanks, fractions, exponents, values past the
 // range) against int(Decimal(text)) held at the int limits.
 TEST_F(ConfigIntegers, GeneratedNumbersAgainstPythonDecimal)
