@@ -90,24 +90,6 @@ TEST(ConfigTString, SetValueFromItsOwnBufferAndCompareFoldsAsciiOnly)
 }
 
 
-TEST_F(ConfigTest, RoundTripThroughMemoryAndFile)
-{
-    ASSERT_TRUE(Load("[System]\nlistenport=8000\ndatabasepath=/data/\n"));
-    EXPECT_EQ(TalvorConfigGetValueInt("System", "listenport", 77), 8000);
-    EXPECT_EQ(Get("system", "DATABASEPATH"), "/data/");
-    ASSERT_TRUE(TalvorConfigSetValueString("System", "listenport", "9100"));
-    ASSERT_TRUE(TalvorConfigSetValueString("System", "newkey", "  padded value  "));
-    EXPECT_EQ(TalvorConfigGetValueInt("System", "listenport", 77), 9100);
-    EXPECT_EQ(Get("System", "newkey"), "padded value");
-    // A fresh parse of what reached the disk gives the same answers.
-    TalvorConfigClose();
-    EXPECT_EQ(Get("System", "listenport"), "<none>");
-    ASSERT_TRUE(TalvorConfigInit(m_path.c_str()));
-    EXPECT_EQ(TalvorConfigGetValueInt("System", "listenport", 77), 9100);
-    EXPECT_EQ(Get("System", "newkey"), "padded value");
-    EXPECT_EQ(Get("System", "databasepath"), "/data/");
-}
-
 // Integers of both readers are in ConfigIntegers.cpp.
 TEST_F(ConfigTest, MissingKeysGiveDefaultsAndTextsAreCutToTheirBuffer)
 {

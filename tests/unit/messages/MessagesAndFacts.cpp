@@ -313,27 +313,6 @@ TEST(StackHelpers, ScriptOutputStopsAtOneByteOfRoom)
     EXPECT_EQ(buf[0], '\0');
 }
 
-TEST(StackHelpers, MissingDebuggerGivesZeroAtOnce)
-{
-    TempTree dir;
-    const char* lpszOld = getenv("PATH");
-    std::string strOld = lpszOld ? lpszOld : "";
-    setenv("PATH", dir.Root().c_str(), 1);
-    char szBuf[4096];
-    memset(szBuf, 'Q', sizeof szBuf);
-    EXPECT_FALSE(is_debugger_available());
-    int nThread =
-        get_specified_thread_stacktrace_of_current_process((int)syscall(SYS_gettid), szBuf, (int)sizeof szBuf);
-    EXPECT_EQ(szBuf[0], '\0');
-    int nAll = get_all_thread_stacktrace_of_specified_process((char*)"unit_MessagesAndFacts", szBuf,
-                                                              (int)sizeof szBuf);
-    if (lpszOld) setenv("PATH", strOld.c_str(), 1);
-    else unsetenv("PATH");
-    EXPECT_EQ(nThread, 0);
-    EXPECT_EQ(nAll, 0);
-    EXPECT_EQ(szBuf[0], '\0');
-}
-
 TEST(StackHelpers, ProcessNameIsNeverRunAsShell)
 {
     TempTree dir;

@@ -22,25 +22,6 @@ protected:
     void StopWriter() { CLogManager::instance().StopTraceThreads(30); }
 };
 
-TEST_F(TraceLog, LineIsTitleThenTextAfterTheHead)
-{
-    Trace("UnitFunc", 3, 20010001, "value %d and %s", 42, "text");
-    int nThread = (int)GetCurrentThreadId();
-    ExitLogSystem();
-
-    std::vector<std::string> files = Series("TalvorStorage");
-    ASSERT_EQ(1u, files.size());
-    // The head is TraceLogFiles.HeadsOfBothSeries; the body follows it.
-    std::string strBody = BodyOf(ReadWholeFile(files[0]));
-    std::vector<TraceLine> lines;
-    ASSERT_TRUE(ParseLines(strBody, lines)) << strBody;
-    ASSERT_EQ(1u, lines.size());
-    EXPECT_EQ(nThread, lines[0].m_nThread);
-    // Level, code, function and text byte for byte: "\t% 2d   % 10d %s ".
-    EXPECT_NE(std::string::npos, strBody.find("\t 3     20010001 UnitFunc value 42 and text"));
-    EXPECT_EQ(strBody.size(), strBody.find("text") + 4) << "nothing follows the text";
-}
-
 TEST_F(TraceLog, LongTextAndLongTitleAreCutAtTheirBounds)
 {
     std::string strLong(30000, 'x');
