@@ -52,7 +52,8 @@ struct IntCase {
 // cuts and trims; an integer reads the same through both all the same.
 // strtol read "1e3" as 1 and "12abc" as 12.
 const IntCase g_arCases[] = {
-    {"+42", 42}, {"  17  ", 17}, {"\t17", 17}, {"-12.9", -12}, {"-0.9", 0},  // a fraction is cut, not rounded
+    // A fraction is cut, not rounded.
+    {"+42", 42}, {"  17  ", 17}, {"\t17", 17}, {"-12.9", -12}, {"-0.9", 0},
     {"1e3", 1000}, {"0x1F", 31}, {"-0x10", -16}, {"b'101'", 5},
     {"2147483648", INT_MAX}, {"-2147483649", INT_MIN},
     {"99999999999999999999999999999999999999999", INT_MAX},  // held at the limit, never wrapped

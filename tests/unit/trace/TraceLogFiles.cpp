@@ -144,7 +144,8 @@ TEST_F(TraceLogFiles, HeadsOfBothSeriesEndInTheirColumnLine)
         else TraceWriteStorageHead(pFile);
         ASSERT_TRUE(CTalvorAppendFile::Close(pFile));
         std::string strHead = ReadWholeFile(strPath);
-        EXPECT_EQ(0u, strHead.find(nService ? "\xEF\xBB\xBFService processid:4321\r\n" : "\xEF\xBB\xBFNodename: "));
+        const char* lpFirst = nService ? "Service processid:4321\r\n" : "Nodename: ";
+        EXPECT_EQ(0u, strHead.find(std::string("\xEF\xBB\xBF") + lpFirst));
         EXPECT_EQ("x", BodyOf(strHead + "x")) << strHead;
     }
 }
