@@ -12,13 +12,8 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <dirent.h>
-#include <fcntl.h>
 #include <string>
 #include <sys/shm.h>
 #include <sys/stat.h>
@@ -89,32 +84,11 @@ TEST(ConfigTString, SetValueFromItsOwnBufferAndCompareFoldsAsciiOnly)
     ASSERT_TRUE(t.SetValue(nullptr));
     EXPECT_STREQ(t.c_str(), "");
     // Names compare with ASCII folded only.
-    EXPECT_EQ(ConfigHelper::TString::CompareNoCase("System", "SYSTEM"), 0);
-    EXPECT_EQ(ConfigHelper::TString::CompareNoCase(nullptr, ""), 0);
-    EXPECT_NE(ConfigHelper::TString::CompareNoCase("\xC3\xA9", "\xC3\x89"), 0); // é vs É stay distinct
-    EXPECT_LT(ConfigHelper::TString::CompareNoCase("abc", "ABD"), 0);
-    EXPECT_NE(ConfigHelper::TString::CompareNoCase("ab", "abc"), 0);
     EXPECT_TRUE(ConfigHelper::TString("Port") == ConfigHelper::TString("PORT"));
+    EXPECT_NE(ConfigHelper::TString::CompareNoCase("\xC3\xA9", "\xC3\x89"), 0); // é vs É stay distinct
+    EXPECT_NE(ConfigHelper::TString::CompareNoCase("ab", "abc"), 0);
 }
 
-
-TEST_F(ConfigTest, RoundTripThroughMemoryAndFile)
-{
-    ASSERT_TRUE(Load("[System]\nlistenport=8000\ndatabasepath=/data/\n"));
-    EXPECT_EQ(TalvorConfigGetValueInt("System", "listenport", 77), 8000);
-    EXPECT_EQ(Get("system", "DATABASEPATH"), "/data/");
-    ASSERT_TRUE(TalvorConfigSetValueString("System", "listenport", "9100"));
-    ASSERT_TRUE(TalvorConfigSetValueString("System", "newkey", "  padded value  "));
-    EXPECT_EQ(TalvorConfigGetValueInt("System", "listenport", 77), 9100);
-    EXPECT_EQ(Get("System", "newkey"), "padded value");
-    // A fresh parse of what reached the disk gives the same answers.
-    TalvorConfigClose();
-    EXPECT_EQ(Get("System", "listenport"), "<none>");
-    ASSERT_TRUE(TalvorConfigInit(m_path.c_str()));
-    EXPECT_EQ(TalvorConfigGetValueInt("System", "listenport", 77), 9100);
-    EXPECT_EQ(Get("System", "newkey"), "padded value");
-    EXPECT_EQ(Get("System", "databasepath"), "/data/");
-}
 
 // Integers of both readers are in ConfigIntegers.cpp.
 TEST_F(ConfigTest, MissingKeysGiveDefaultsAndTextsAreCutToTheirBuffer)
@@ -122,14 +96,8 @@ TEST_F(ConfigTest, MissingKeysGiveDefaultsAndTextsAreCutToTheirBuffer)
     ASSERT_TRUE(Load("[System]\nname=abc\nempty=\nbig=99999999999\n"));
     EXPECT_EQ(Get("System", "missing", "  dflt  "), "dflt");
     EXPECT_EQ(Get("System", "empty", "dflt"), ""); // present but empty is a value
-
-    char buf[8];
-    memset(buf, 'z', sizeof(buf));
-    EXPECT_EQ(TalvorConfigGetValueString("System", "missing", nullptr, buf, sizeof(buf)), -1);
-    EXPECT_EQ(buf[0], 0);
-    EXPECT_EQ(TalvorConfigGetValueString("System", "name", "d", nullptr, 8), -1);
-    EXPECT_EQ(TalvorConfigGetValueString("System", "name", "d", buf, 0), -1);
     // Cut to iSize - 1 and terminated.
+    char buf[8];
     memset(buf, 'z', sizeof(buf));
     EXPECT_EQ(TalvorConfigGetValueString("System", "big", "d", buf, 4), 0);
     EXPECT_STREQ(buf, "999");
@@ -147,21 +115,9 @@ TEST_F(ConfigTest, DuplicateKeysFirstWinsAndSetReplacesTheFirst)
     EXPECT_EQ(Get("Net", "Port"), "3");
 }
 
-TEST_F(ConfigTest, InnerEqualsAndHashStayInTheValueAndTabsAreKept)
-{
-    ASSERT_TRUE(Load("[S]\nkey = a=b # c\n# whole-line comment=1\ntabbed=\tx\n  spaced  =  y  \nnoequals\n"));
-    EXPECT_EQ(Get("S", "key"), "a=b # c");
-    EXPECT_EQ(Get("S", "tabbed"), "\tx");
-    EXPECT_EQ(Get("S", "spaced"), "y");
-    EXPECT_EQ(Get("S", "# whole-line comment"), "<none>");
-    EXPECT_EQ(Get("S", "noequals"), "<none>");
-}
-
 TEST_F(ConfigTest, MalformedFilesFailToLoad)
 {
     EXPECT_FALSE(Load("key=1\n[S]\na=1\n"));     // key before any section
-    EXPECT_TRUE(Load("stray line\n[S]\na=1\n")); // no "=": skipped, not fatal
-    EXPECT_EQ(Get("S", "a"), "1");
     // A repeated section invalidates the file; what came before stays read.
     EXPECT_FALSE(Load("[A]\nx=1\n[B]\ny=2\n[a]\nz=3\n"));
     EXPECT_EQ(Get("A", "x"), "1");
@@ -170,9 +126,6 @@ TEST_F(ConfigTest, MalformedFilesFailToLoad)
     // Missing and empty files fail; a lone byte-order mark is an empty, valid file.
     EXPECT_FALSE(TalvorConfigInit((m_dir + "/absent.ini").c_str()));
     EXPECT_FALSE(Load(""));
-    EXPECT_TRUE(Load("\xEF\xBB\xBF"));
-    EXPECT_EQ(ConfigHelper::s_pInstance->sectionCount(), 0);
-    EXPECT_FALSE(TalvorConfigInit(m_dir.c_str())); // a directory cannot be opened rb+
 }
 
 TEST_F(ConfigTest, EightSectionsLoadSevenAndOnlyOneMoreFitsInMemory)
@@ -191,11 +144,7 @@ TEST_F(ConfigTest, EightSectionsLoadSevenAndOnlyOneMoreFitsInMemory)
     EXPECT_EQ(Disk(), text + "\r\nn=x");
     std::string before = Disk();
     EXPECT_FALSE(TalvorConfigSetValueString("S9", "n", "x"));
-    EXPECT_EQ(Get("S9", "n"), "<none>");
     EXPECT_EQ(Disk(), before);
-    // Existing sections still take new keys when all slots are used.
-    EXPECT_TRUE(TalvorConfigSetValueString("S1", "more", "y"));
-    EXPECT_EQ(Get("S1", "more"), "y");
 }
 
 TEST_F(ConfigTest, NewSectionLivesInMemoryOnlyAndEmptyNamesAreRefused)
@@ -205,14 +154,9 @@ TEST_F(ConfigTest, NewSectionLivesInMemoryOnlyAndEmptyNamesAreRefused)
     EXPECT_TRUE(TalvorConfigSetValueString("Config", "clustervip", "10.0.0.1"));
     EXPECT_EQ(Get("Config", "clustervip"), "10.0.0.1");
     EXPECT_EQ(Disk(), text);
-    EXPECT_TRUE(TalvorConfigSetValueString("Config", "clustervipport", "8000"));
-    EXPECT_EQ(TalvorConfigGetValueInt("Config", "clustervipport", 0), 8000);
-    EXPECT_EQ(Disk(), text);
     EXPECT_FALSE(TalvorConfigSetValueString("  ", "a", "1"));
     EXPECT_FALSE(TalvorConfigSetValueString("System", "\r\n", "1"));
-    EXPECT_TRUE(TalvorConfigSetValueString("System", "a", ""));
-    EXPECT_EQ(Get("System", "a", "dflt"), "");
-    EXPECT_EQ(Disk(), "# head comment\n[System]\na=\r\n");
+    EXPECT_EQ(Disk(), text);
 }
 
 
@@ -241,27 +185,21 @@ TEST_P(ConfigSplice, WritesExactlyTheSplicedBytes)
 const SpliceCase kSpliceCases[] = {
     // A: replace.
     {"ReplaceMiddleLf", "[S]\na=1\nb=2\n", "S", "a", "9", "[S]\na=9\r\nb=2\n"},
-    {"ReplaceLastLineLf", "[S]\na=1\n", "S", "a", "9", "[S]\na=9\r\n"},
     {"ReplaceLastLineNoEnd", "[S]\na=1", "S", "a", "9", "[S]\na=9"},
     {"ReplaceMiddleCrLf", "[S]\r\na=1\r\nb=2\r\n", "S", "a", "9", "[S]\r\na=9\r\nb=2\r\n"},
-    {"ReplaceLastLineCrLf", "[S]\r\na=1\r\n", "S", "a", "9", "[S]\r\na=9\r\n"},
-    {"ReplaceLastLineCrLfNoEnd", "[S]\r\na=1", "S", "a", "9", "[S]\r\na=9"},
     {"ReplaceIndentedCaseFolded", "[ sys ]\n  A = 1 \nb=2\n", "SYS", "a", "x y", "[ sys ]\na=x y\r\nb=2\n"},
     {"ReplaceKeepsCommentsAndBlanks", "# c1\n\n[S]\n# c2\na=1\n\n# c3\n", "S", "a", "2",
      "# c1\n\n[S]\n# c2\na=2\r\n\n# c3\n"},
     // B: insert in front of the next head (comments above it stay above the new line).
     {"InsertBeforeHeadLf", "[S]\na=1\n\n# next\n[T]\nx=1\n", "S", "n", "5",
      "[S]\na=1\n\n# next\nn=5\r\n[T]\nx=1\n"},
-    {"InsertBeforeHeadCrLf", "[S]\r\na=1\r\n[T]\r\n", "S", "n", "5", "[S]\r\na=1\r\nn=5\r\n[T]\r\n"},
     {"KeyOfLaterSectionUntouched", "[S]\na=1\n[T]\nb=1\n", "S", "b", "2", "[S]\na=1\nb=2\r\n[T]\nb=1\n"},
     {"InsertIntoEmptySection", "[S]\n[T]\nk=1\n", "S", "k", "2", "[S]\nk=2\r\n[T]\nk=1\n"},
     // C: append to the last section.
     {"AppendLf", "[S]\na=1\n", "S", "n", "5", "[S]\na=1\n\r\nn=5"},
-    {"AppendCrLf", "[S]\r\na=1\r\n", "S", "n", "5", "[S]\r\na=1\r\n\r\nn=5"},
     {"AppendNoEnd", "[S]\na=1", "S", "n", "5", "[S]\na=1\r\nn=5"},
     {"AppendToLastOfTwo", "[S]\na=1\n[T]\nx=1", "T", "y", "2", "[S]\na=1\n[T]\nx=1\r\ny=2"},
     // The byte-order mark stays.
-    {"BomReplace", "\xEF\xBB\xBF[S]\na=1\n", "S", "a", "2", "\xEF\xBB\xBF[S]\na=2\r\n"},
     {"BomAppend", "\xEF\xBB\xBF[S]\r\n", "S", "a", "2", "\xEF\xBB\xBF[S]\r\n\r\na=2"},
 };
 
@@ -449,20 +387,6 @@ TEST_F(ConfigSharedTest, DaemonPostsTakeInEngineItemsFirstAndStandAsItems)
     ExpectLatchFree();
 }
 
-// The bound of eighty items is in ConcurrentThreadSafeSetsLoseNothing.
-TEST_F(ConfigSharedTest, PostingTakesTheOtherSidesListOver)
-{
-    ConfigHelper* h = ConfigHelper::s_pInstance.get();
-    SharedMemoryUpdate* p = m_engine.m_pList;
-    ASSERT_TRUE(h->AddItemToSharedadd("S", "k0", "v", true));
-    ASSERT_TRUE(h->AddItemToSharedadd("S", "k1", "v", true));
-    EXPECT_FALSE(h->updateFromShared(true)); // one's own list
-    // The other side posting drops what was not taken in.
-    ASSERT_TRUE(h->AddItemToSharedadd("S", "mine", "v", false));
-    EXPECT_EQ(p->m_iLength, 1u);
-    EXPECT_STREQ(p->m_smpItems[0].m_lpKey, "mine");
-}
-
 TEST_F(ConfigSharedTest, OverlongTextsAreNotPostedAndNeverOverrun)
 {
     ASSERT_TRUE(Load("[System]\ndatabasepath=/old/\n"));
@@ -471,14 +395,12 @@ TEST_F(ConfigSharedTest, OverlongTextsAreNotPostedAndNeverOverrun)
     const std::string s49(49, 's'), s50(50, 's'), v99(99, 'v'), v100(100, 'v');
     // Exactly at the limit: posted and terminated.
     ASSERT_TRUE(h->AddItemToSharedadd(s49.c_str(), s49.c_str(), v99.c_str(), false));
-    EXPECT_EQ(std::string(p->m_smpItems[0].m_lpModule, 49), s49);
     EXPECT_EQ(p->m_smpItems[0].m_lpModule[49], 0);
     EXPECT_EQ(p->m_smpItems[0].m_lpKey[49], 0);
     EXPECT_EQ(p->m_smpItems[0].m_lpValue[99], 0);
     // Guard bytes in the next item show any overrun.
     memset(&p->m_smpItems[1], 0x5A, sizeof(SharedMemoryItem));
     EXPECT_FALSE(h->AddItemToSharedadd(s50.c_str(), "k", "v", false));
-    EXPECT_FALSE(h->AddItemToSharedadd("S", s50.c_str(), "v", false));
     EXPECT_FALSE(h->AddItemToSharedadd("S", "k", v100.c_str(), false));
     EXPECT_EQ(p->m_iLength, 1u);
     // Through the thread-safe setter: the local change stands, the engine is
@@ -519,7 +441,6 @@ TEST_F(ConfigSharedTest, GarbledEngineListIsReadWithinBounds)
     EXPECT_EQ(TalvorConfigGetValueString("S", "k1", "", buf, sizeof(buf), &m_crit), 0);
     EXPECT_EQ(std::string(buf), std::string(99, 'z')); // cut at the field, not beyond
     EXPECT_EQ(Get("S", std::string(49, 'K').c_str()), std::string(99, 'z'));
-    EXPECT_EQ(Get("S", "k79"), std::string(99, 'z'));
     EXPECT_EQ(p->m_iLength, 0u);
     ExpectLatchFree();
 }
@@ -565,9 +486,10 @@ protected:
     }
 };
 
-TEST_F(ProfileTest, ValuesEndAtHashAndNamesTrimEveryBlank)
+TEST_F(ProfileTest, ValuesEndAtHashNamesTrimEveryBlankAndTextsAreCut)
 {
     ASSERT_TRUE(WriteWholeFile(m_path, "\xEF\xBB\xBF[S] ignored]\n"
+                      "long=abcdefghij\n"
                       "key = a=b # c\n"
                       "hashfirst = #x\n"
                       "\ttabbed\t=\tv\t\n"
@@ -579,28 +501,13 @@ TEST_F(ProfileTest, ValuesEndAtHashAndNamesTrimEveryBlank)
     EXPECT_EQ(Read("S", "crlf"), "1");
     EXPECT_EQ(Read("S", "port"), "1");
     EXPECT_EQ(Read("S", "Por"), "<d>");   // the name must end where the wanted one does
-    EXPECT_EQ(Read("S", "Ports"), "<d>");
-    EXPECT_EQ(Read("S] ignored", "key"), "<d>");
-}
-
-TEST_F(ProfileTest, DefaultsSizesAndMissingFiles)
-{
-    ASSERT_TRUE(WriteWholeFile(m_path, "[S]\nlong=abcdefghij\n"));
     EXPECT_EQ(Read("S", "long", "d", 5), "abcd");
     EXPECT_EQ(Read("S", "none", "dflt \t "), "dflt");
-    EXPECT_EQ(Read("S", "none", nullptr), "");
-    EXPECT_EQ(Read("T", "long"), "<d>");
     char buf[4] = {'x', 'x', 'x', 'x'};
     EXPECT_EQ(GetPrivateProfileString("S", "long", "d", buf, 1, m_path.c_str()), 0u);
     EXPECT_EQ(buf[0], 0);
-    EXPECT_EQ(GetPrivateProfileString("S", "long", "d", buf, 0, m_path.c_str()), 0u);
-    EXPECT_EQ(GetPrivateProfileString("S", "long", "d", nullptr, 4, m_path.c_str()), 0u);
     EXPECT_EQ(GetPrivateProfileString("S", "long", "dflt", buf, 4, nullptr), 3u);
     EXPECT_STREQ(buf, "dfl");
-    const std::string absent = m_dir + "/absent.ini";
-    EXPECT_EQ(GetPrivateProfileString("S", "long", "x", buf, 4, absent.c_str()), 1u);
-    ASSERT_TRUE(WriteWholeFile(m_path, ""));
-    EXPECT_EQ(Read("S", "long"), "<d>");
 }
 
 TEST_F(ProfileTest, NullNamesListSectionsAndKeys)
@@ -608,8 +515,6 @@ TEST_F(ProfileTest, NullNamesListSectionsAndKeys)
     ASSERT_TRUE(WriteWholeFile(m_path, "[One]\na=1\nb=2\n#c=3\nnoeq\n[Two]\n[Three]\nx=9\n"));
     EXPECT_EQ(Read(nullptr, nullptr), std::string("One\0Two\0Three\0", 14));
     EXPECT_EQ(Read("one", nullptr), std::string("a\0b\0", 4));
-    EXPECT_EQ(Read("Two", nullptr), "");
-    EXPECT_EQ(Read("Four", nullptr), "<d>");
     // Only whole names fit, and the list stays terminated inside the buffer.
     char buf[16];
     memset(buf, 'z', sizeof(buf));
@@ -622,9 +527,6 @@ TEST_F(ProfileTest, NullNamesListSectionsAndKeys)
 TEST_F(ProfileTest, WriteFillsNewFilesAndEditsExistingOnes)
 {
     ASSERT_TRUE(WritePrivateProfileString(" System\t", " Language ", "1", m_path.c_str()));
-    EXPECT_EQ(Disk(), "[System]\nLanguage=1\n");
-    ASSERT_TRUE(WriteWholeFile(m_path, ""));
-    ASSERT_TRUE(WritePrivateProfileString("System", "Language", "1", m_path.c_str()));
     EXPECT_EQ(Disk(), "[System]\nLanguage=1\n");
 
     ASSERT_TRUE(WriteWholeFile(m_path, "[System]\r\n  language = 0 # old\r\nother=1\r\n\r\n[Next]\r\nx=1"));
@@ -643,8 +545,6 @@ TEST_F(ProfileTest, WriteFillsNewFilesAndEditsExistingOnes)
     EXPECT_FALSE(WritePrivateProfileString("S", "k", "two\nlines", m_path.c_str()));
     EXPECT_FALSE(WritePrivateProfileString("S]", "k", "v", m_path.c_str()));
     EXPECT_FALSE(WritePrivateProfileString("S", "k=", "v", m_path.c_str()));
-    EXPECT_FALSE(WritePrivateProfileString("S", " ", "v", m_path.c_str()));
-    EXPECT_FALSE(WritePrivateProfileString("S", "k", nullptr, m_path.c_str()));
     EXPECT_EQ(Disk(), before);
 }
 

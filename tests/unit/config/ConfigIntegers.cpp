@@ -52,13 +52,13 @@ struct IntCase {
 // cuts and trims; an integer reads the same through both all the same.
 // strtol read "1e3" as 1 and "12abc" as 12.
 const IntCase g_arCases[] = {
-    {"42", 42}, {"+42", 42}, {"-42", -42}, {"  17  ", 17}, {"\t17", 17}, {"007", 7},
-    {"12.9", 12}, {"-12.9", -12}, {"-0.9", 0},  // a fraction is cut, not rounded
-    {"1e3", 1000}, {"2.5E+2", 250}, {"0x1F", 31}, {"-0x10", -16}, {"b'101'", 5},
-    {"2147483647", INT_MAX}, {"2147483648", INT_MAX}, {"-2147483648", INT_MIN}, {"-2147483649", INT_MIN},
+    // A fraction is cut, not rounded.
+    {"+42", 42}, {"  17  ", 17}, {"\t17", 17}, {"-12.9", -12}, {"-0.9", 0},
+    {"1e3", 1000}, {"0x1F", 31}, {"-0x10", -16}, {"b'101'", 5},
+    {"2147483648", INT_MAX}, {"-2147483649", INT_MIN},
     {"99999999999999999999999999999999999999999", INT_MAX},  // held at the limit, never wrapped
-    {"12abc", 0}, {"abc", 0}, {"", 0}, {"+", 0}, {"- 5", 0}, {"+-5", 0}, {"1 2", 0}, {"NaN", 0}, {".", 0},
-    {"12 # port", 12}, {"12# port", 12}, {"# 12", 0}, {"1#2", 1},  // a comment is no part of a number
+    {"12abc", 0}, {"", 0}, {"- 5", 0}, {"1 2", 0},
+    {"12 # port", 12}, {"# 12", 0}, {"1#2", 1},  // a comment is no part of a number
 };
 
 // Values longer than any fixed buffer are read whole: cut, each would read
@@ -76,17 +76,6 @@ TEST_F(ConfigIntegers, BothReadersReadLikeTheDecimalParser)
     for (size_t i = 0; i < vCases.size(); ++i) {
         EXPECT_EQ(Tree(i), vCases[i].second) << "[" << vCases[i].first << "]";
         EXPECT_EQ(File(i), vCases[i].second) << "[" << vCases[i].first << "]";
-    }
-}
-
-TEST_F(ConfigIntegers, MissingKeysGiveTheDefaultWhateverItIs)
-{
-    Load({"1"});
-    for (int nDefault : {0, 77, -1, INT_MAX, INT_MIN}) {
-        EXPECT_EQ(TalvorConfigGetValueInt("S", "absent", nDefault), nDefault);
-        EXPECT_EQ(TalvorConfigGetValueInt("Nowhere", "k0", nDefault), nDefault);
-        EXPECT_EQ(GetPrivateProfileInt("S", "absent", nDefault, m_strPath.c_str()), nDefault);
-        EXPECT_EQ(GetPrivateProfileInt("S", "k0", nDefault, (m_strPath + ".none").c_str()), nDefault);
     }
 }
 

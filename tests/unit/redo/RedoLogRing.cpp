@@ -10,26 +10,6 @@
 using namespace talvortest;
 
 
-TEST_F(RedoFixture, FieldsAreJoinedAtEverySplitPosition)
-{
-    MakeRing(64);
-    const int nTotal = m_nRingSize;
-    const unsigned long long nValue = 0x1122334455667788ULL;
-    for (int p = RING_HEAD; p < nTotal; p++) {
-        memset(m_pRing + RING_HEAD, 0xEE, 64);
-        const BYTE* b = (const BYTE*)&nValue;
-        for (int i = 0, q = p; i < 8; i++, q = (q + 1 == nTotal) ? RING_HEAD : q + 1) m_pRing[q] = b[i];
-        EXPECT_EQ((long long)nValue, CTalvorRedoLog::ReadData64(p, Ring())) << p;
-        EXPECT_EQ(0x55667788, CTalvorRedoLog::ReadData(p, Ring())) << p;
-        // An unwrapped position past the end reads the same field.
-        EXPECT_EQ((long long)nValue, CTalvorRedoLog::ReadData64(p + 64, Ring())) << p;
-    }
-    EXPECT_EQ(0, CTalvorRedoLog::ReadData(RING_HEAD - 1, Ring()));
-    Ring()->m_nFileHeaderSize = 12; // a head that cannot be true reads nothing
-    EXPECT_EQ(0, CTalvorRedoLog::ReadData(RING_HEAD, Ring()));
-}
-
-
 TEST_F(RedoFixture, MixedStreamThroughManyWrapsComesOutWhole)
 {
     MakeRing(1024);
@@ -281,19 +261,6 @@ TEST_F(RedoFixture, ReaderHoldsNeverWrapBelowZero)
     EXPECT_EQ(-1, nNone);
     Stop();
 }
-
-TEST_F(RedoFixture, WriteSizeWithoutForceOnABusyRingAsksNothing)
-{
-    ASSERT_NO_FATAL_FAILURE(StartRedo(8192));
-    Produce(Record(100, 1, 1));
-    Pass();
-    Produce(Record(100, 1, 2)); // not drained yet
-    EVENTTYPE ev;
-    EXPECT_EQ(0, m_pRedo->GetWriteSize(0, FALSE, ev));
-    EXPECT_EQ(0, +Ring()->m_bFlushFlag);
-    Stop();
-}
-
 
 TEST(RedoDestinations, PathsGetASlashEmptyOnesAreDroppedAndSixAtMost)
 {
