@@ -85,7 +85,6 @@ TEST_F(CacheChains, BrokenChainsAreRefusedWithoutTouchingTheFreeChain)
         *(UINT*)(Base() + CacheLinkOffset(nSecond)) = nBad;
         ExpectRefused(5);
     }
-    EXPECT_TRUE(Traced(60002002, "A file's chain in the cache is broken"));
     // A free chain whose head or second link leaves the block area.
     *(UINT*)(Base() + CacheLinkOffset(nSecond)) = 0;
     UINT nFree = (UINT)Head()->m_nFreeNo;
@@ -93,7 +92,6 @@ TEST_F(CacheChains, BrokenChainsAreRefusedWithoutTouchingTheFreeChain)
     ExpectRefused(5);
     Head()->m_nFreeNo = (int)(m_l.m_nBlockBufNum + 1);
     ExpectRefused(6);
-    EXPECT_TRUE(Traced(60002001, "The free chain of the cache is broken"));
 }
 
 // A small cache has 473 slots: six groups of 64 and one of the 89 left, then
@@ -275,7 +273,6 @@ TEST_F(CacheChains, AWildCountOfSlotsLeftPlacesNoGroup)
         Head()->m_nValidLoadSlotNum = nWild;
         ExpectRefused(60);
     }
-    EXPECT_TRUE(Traced(60002005, "count of load slots left is out of bounds"));
 }
 
 // At start the flush threads of both kinds may take blocks at once: under
@@ -363,5 +360,4 @@ TEST_F(CacheChains, AGrownFileIsCountedInItsCachedHeadOnlyWhenTheHeadIsItsOwn)
     EXPECT_EQ(1, m_pCache->ExpandFile2Cache(90, 67108864, 6666));
     Head()->m_nFileInfoNo[90] = nHead;
     EXPECT_EQ(-1, FirstDiff(vBefore, Snapshot()));
-    EXPECT_TRUE(Traced(60002006, "The file head in the cache is not valid, file number: 92"));
 }

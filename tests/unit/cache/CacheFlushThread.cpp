@@ -62,8 +62,6 @@ TEST_F(FlushThread, EntriesPostedBeforeTheStopAreServedAndTheThreadsEndPromptly)
     EXPECT_EQ(0u, (unsigned long)m_pCache->m_hStorageIndexFlushThread);
     EXPECT_EQ(nullptr, m_pCache->m_hCacheFlush);
     EXPECT_TRUE(CacheLatchesFree());
-    EXPECT_TRUE(Traced(60002000, "StorageFlushThread thread closed!"));
-    EXPECT_TRUE(Traced(6000300, "StorageIndexFlushThread thread closed!"));
 }
 
 TEST_F(FlushRing, APausedFileHoldsTheRingUntilThePauseEnds)

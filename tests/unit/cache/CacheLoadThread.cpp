@@ -175,7 +175,6 @@ TEST_F(CacheLoadThread, WrongRequestsAreRefusedUntouchedAndGoodOnesLoadAroundThe
         EXPECT_EQ(c.nAnswer, Request(c.bFileNo, c.nBlockNo, c.llAt, c.nSize, llCache)) << c.lpszCase;
         EXPECT_TRUE(TargetUntouched()) << c.lpszCase;
     }
-    EXPECT_TRUE(Traced(60004001, "file number 9"));
     std::vector<BYTE> vAfter = Snapshot();
     ASSERT_EQ(vBefore.size(), vAfter.size());
     long long llSlots = (LPBYTE)m_lpGroup - Base();
@@ -251,7 +250,6 @@ TEST_F(CacheLoadThread, PausedFileWaitsAndStopEndsTheThreadPromptly)
     EXPECT_TRUE(TargetUntouched());
     EXPECT_TRUE(LatchFree());
     EXPECT_EQ(0, m_pCache->m_csCache.m_nLockFlag);
-    EXPECT_TRUE(Traced(60001008, "StorageLoadThread thread closed"));
 }
 
 TEST_F(CacheLoadThread, APauseWaitsForTheSlotBeingServedAndIsRefusedWhenItHangs)
@@ -279,7 +277,6 @@ TEST_F(CacheLoadThread, AFileWithoutALoadGroupEndsItsThreadAtOnce)
     HTHREADTYPE h = m_pCache->m_stFileLoadInfo[9].m_hStorageLoadThread;
     EXPECT_EQ(WAIT_OBJECT_0, TalvorWaitForSingleThread(h, 2000));
     m_pCache->m_stFileLoadInfo[9].m_hStorageLoadThread = 0;
-    EXPECT_TRUE(Traced(60004000, "given file number 9"));
 }
 
 } // namespace
