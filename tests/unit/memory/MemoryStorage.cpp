@@ -124,7 +124,9 @@ TEST_F(MemoryStorage, ReadsOnlyPiecesThatBeginBeforeTheFreeOffset)
     EXPECT_EQ(20 * MIB, (long long)CShareMemory::ShareMemorySize(p->m_nShmId));
 }
 
-TEST_F(MemoryStorage, FirstPieceIsReadEvenWhenTheFreeOffsetIsZero)
+// The first piece is read even when the free offset is 0; a file in use to
+// its end is read whole, its last piece included.
+TEST_F(MemoryStorage, FirstPieceAndLastPieceAreRead)
 {
     std::string strFile = MakeFileBytes(FILETYPE_KVINDEX, 3, 12 * MIB, 0, 8 * MIB);
     ((LPBASEFILEHEAD)&strFile[0])->m_nFileFreeMemoryOffset = 0;
@@ -134,6 +136,9 @@ TEST_F(MemoryStorage, FirstPieceIsReadEvenWhenTheFreeOffsetIsZero)
     EXPECT_EQ(0, memcmp(p->m_pFileAddr, strFile.data(), 8 * MIB));
     std::string strZero(4 * MIB, '\0');
     EXPECT_EQ(0, memcmp(p->m_pFileAddr + 8 * MIB, strZero.data(), 4 * MIB));
+    p = DataFile(24 * MIB, 24 * MIB, 24 * MIB);
+    ASSERT_EQ(0, Open(p));
+    EXPECT_EQ(0, memcmp(p->m_pFileAddr, m_strFile.data(), m_strFile.size()));
 }
 
 // A segment that survived a dead process is taken over only when it is of
@@ -241,13 +246,6 @@ TEST_F(MemoryStorage, ReadBlockCopiesFromTheImageOrRetriesTheFile)
     free(lpBuf);
 }
 
-TEST_F(MemoryStorage, EveryPieceOfAFullFileLandsInPlace)
-{
-    LPFILEINFO p = DataFile(24 * MIB, 24 * MIB, 24 * MIB);
-    ASSERT_EQ(0, Open(p));
-    EXPECT_EQ(0, memcmp(p->m_pFileAddr, m_strFile.data(), m_strFile.size()));
-}
-
 TEST_F(MemoryStorage, AShortReadOfAPieceInFlightRefusesTheLoad)
 {
     // Every read meets the end of the file at 12 MiB: the pieces at 8 and 16
@@ -282,7 +280,9 @@ TEST_F(MemoryStorage, NewFileIsAllocatedWholeWithAMinimalHeadAndItsSegment)
     EXPECT_EQ(3 * MIB, (long long)CShareMemory::ShareMemorySize(p->m_nShmId));
 }
 
-TEST_F(MemoryStorage, NewFileOnAnExistingPathLeavesItAlone)
+// A new file is refused over an existing file, which is left alone, and
+// over a segment that is there already, which is someone else's and kept.
+TEST_F(MemoryStorage, NewFileRefusesAnExistingFileOrSegment)
 {
     LPFILEINFO p = Describe("Data2.dbf", 2, FILETYPE_DATA, 1 * MIB);
     std::string strPath = PathOf(p);
@@ -290,16 +290,13 @@ TEST_F(MemoryStorage, NewFileOnAnExistingPathLeavesItAlone)
     EXPECT_EQ(1, NewFile(p));
     EXPECT_EQ(std::string(8192, 'x'), ReadWholeFile(strPath));
     EXPECT_FALSE(SegmentExists(2));
-}
-
-TEST_F(MemoryStorage, NewFileRefusesASegmentThatIsThereAlready)
-{
     int nId = shmget(FileImageShmKey(2), 1 * MIB, IPC_CREAT | IPC_EXCL | 0666);
     ASSERT_GT(nId, 0);
-    LPFILEINFO p = Describe("Data2.dbf", 2, FILETYPE_DATA, 1 * MIB);
+    p = Describe("Other2.dbf", 2, FILETYPE_DATA, 1 * MIB);
     EXPECT_EQ(1, NewFile(p));
     p->m_pStorageFile->Release();
-    EXPECT_EQ(nId, shmget(FileImageShmKey(2), 0, 0));  // someone else's: kept
+    p->m_pStorageFile = nullptr;
+    EXPECT_EQ(nId, shmget(FileImageShmKey(2), 0, 0));
 }
 
 // Growing saves the image first with a forced pass (head and maps, no clean
