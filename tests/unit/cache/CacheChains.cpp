@@ -326,34 +326,3 @@ TEST_F(CacheChains, TwoThreadsTakingBlocksAtOnceNeverShareOrLoseOne)
         EXPECT_EQ((size_t)((2 * nFiles - 7 + 7) / 8), nSlotBlocks);
     }
 }
-
-TEST_F(CacheChains, AGrownFileIsCountedInItsCachedHeadOnlyWhenTheHeadIsItsOwn)
-{
-    for (int i = 0; i < 2; i++) Take(90);
-    std::vector<BYTE> vPages = NewFilePages(90, FILETYPE_INDEX, 0);
-    LPINDEXFILEHEAD lpSource = (LPINDEXFILEHEAD)vPages.data();
-    lpSource->m_nFileTotalSize = 100LL * 1048576;
-    lpSource->m_bSaveFlag = 0;
-    ASSERT_EQ(0, m_pCache->NewFile2Cache(nullptr, 90, FILETYPE_INDEX, vPages.data(), 0));
-    LPINDEXFILEHEAD lpHead = (LPINDEXFILEHEAD)(Base() + CacheBlockOffset(Head()->m_nFileInfoNo[90]));
-    ASSERT_EQ(0, m_pCache->ExpandFile2Cache(90, 67108864, 5555));
-    EXPECT_EQ(164LL * 1048576, Val(lpHead->m_nFileTotalSize));
-    EXPECT_EQ(5555, Val(lpHead->m_nTimestamp));
-    EXPECT_EQ(SAVEFLAG_DIRTY, Val(lpHead->m_bSaveFlag));
-
-    std::vector<BYTE> vBefore = Snapshot();
-    EXPECT_EQ(1, m_pCache->ExpandFile2Cache(91, 67108864, 6666));
-    EXPECT_EQ(1, m_pCache->ExpandFile2Cache(90, 0, 6666));
-    // Another file's number, a foreign mark, a head block out of range.
-    Head()->m_nFileInfoNo[92] = Head()->m_nFileInfoNo[90];
-    EXPECT_EQ(1, m_pCache->ExpandFile2Cache(92, 67108864, 6666));
-    Head()->m_nFileInfoNo[92] = 0;
-    lpHead->m_nDataFlag = BLOCKMAP_CACHE_DATAFLAG;
-    EXPECT_EQ(1, m_pCache->ExpandFile2Cache(90, 67108864, 6666));
-    lpHead->m_nDataFlag = INDEXFILE_DATAFLAG;
-    UINT nHead = Head()->m_nFileInfoNo[90];
-    Head()->m_nFileInfoNo[90] = m_l.m_nBlockBufNum + 1;
-    EXPECT_EQ(1, m_pCache->ExpandFile2Cache(90, 67108864, 6666));
-    Head()->m_nFileInfoNo[90] = nHead;
-    EXPECT_EQ(-1, FirstDiff(vBefore, Snapshot()));
-}

@@ -200,28 +200,4 @@ TEST_F(FlushRing, AFileShortOfRoomGrowsAndTheEntryPastItsOldEndGoesThrough)
                 std::vector<BYTE>(m_vLogical.begin() + llPast, m_vLogical.begin() + llPast + FS_PART));
 }
 
-TEST_F(FlushRing, AnOpenRequestOfThisTypeIsServedAndCleared)
-{
-    MakeRing();
-    FILEINFO stOther = m_info;
-    stOther.m_hFile = nullptr;
-    stOther.m_hFile2 = nullptr;
-    CTalvorFileStorage* pOther = new CTalvorFileStorage(m_pCache.get());
-    stOther.m_pStorageFile = pOther;
-    m_pCache->m_lpOpenFileInfo = &stOther;
-    Run();
-    EXPECT_EQ(nullptr, m_pCache->m_lpOpenFileInfo);
-    EXPECT_NE(nullptr, stOther.m_hFile);
-    EXPECT_NE(nullptr, stOther.m_hFile2);
-    pOther->Release();
-    // The index pipeline leaves a table file's request alone.
-    FILEINFO stTable = m_info;
-    stTable.m_hFile = nullptr;
-    m_pCache->m_lpOpenFileInfo = &stTable;
-    TalvorStoreShared(&m_pCache->m_bExit, 1);
-    EXPECT_EQ(S_OK, m_pCache->StorageIndexFlush(nullptr));
-    EXPECT_EQ(&stTable, m_pCache->m_lpOpenFileInfo);
-    m_pCache->m_lpOpenFileInfo = nullptr;
-}
-
 } // namespace

@@ -90,34 +90,6 @@ TEST_F(FileBuffers, DirectAndSynchronousOpenTakesEveryTransfer)
     }
 }
 
-TEST_F(FileBuffers, WriteToUnheldSpanReadsNothingAndFlagsOnePart)
-{
-    ClearCalls();
-    ASSERT_EQ(0, Write(FS_SPAN + 5 * FS_PART, FS_PART));
-    EXPECT_TRUE(Reads().empty());
-    EXPECT_TRUE(Writes().empty());
-    const CTalvorFileStorage::stu_Cache_Buffer* b = Holder(FS_SPAN);
-    ASSERT_NE(nullptr, b);
-    EXPECT_EQ(FILEBUF_PARTS_CHANGED, b->m_nStatus);
-    std::vector<int> want = NoFlags;
-    want[5] = FILEPART_CHANGED;
-    EXPECT_EQ(want, Flags(b));
-    EXPECT_TRUE(m_pStorage->CheckFlush());
-    // That part is served from the buffer.
-    EXPECT_TRUE(ReadsBack(FS_SPAN + 5 * FS_PART, FS_PART));
-    EXPECT_TRUE(Reads().empty());
-    // Its neighbour above: one read from there to the end of the span, the
-    // changed part left alone.
-    ASSERT_TRUE(ReadsBack(FS_SPAN + 6 * FS_PART, FS_PART));
-    EXPECT_EQ((Calls{{FS_SPAN + 6 * FS_PART, 10 * FS_PART}}), Reads());
-    EXPECT_TRUE(Writes().empty());
-    EXPECT_EQ(FILEBUF_PARTS_CHANGED, b->m_nStatus);
-    for (int i = 6; i < 16; i++) want[i] = FILEPART_ONDISK;
-    EXPECT_EQ(want, Flags(b));
-    // The change is not on disk yet.
-    EXPECT_EQ(0, memcmp(FileBytes().data() + FS_SPAN + 5 * FS_PART, m_vDisk.data() + FS_SPAN + 5 * FS_PART, FS_PART));
-}
-
 TEST_F(FileBuffers, ReadAcrossChangedAndUnreadPartWritesTheChangeFirst)
 {
     ASSERT_EQ(0, Write(5 * FS_PART, FS_PART));
@@ -161,27 +133,6 @@ TEST_F(FileBuffers, AllPartsValidTurnsIntoWholeSpanStatus)
     EXPECT_EQ(0, m_pStorage->FlushBuffer(nullptr));
     EXPECT_EQ((Calls{{3 * FS_PART, FS_PART}}), Writes());
     EXPECT_EQ(FILEBUF_WHOLE, b->m_nStatus);
-}
-
-TEST_F(FileBuffers, WholeSpansGoStraightAndFlushBufferWritesTheLeastRecentChangeFirst)
-{
-    ClearCalls();
-    ASSERT_EQ(0, Write(4 * FS_SPAN, FS_SPAN));
-    EXPECT_EQ(nullptr, Holder(4 * FS_SPAN));
-    EXPECT_EQ((Calls{{4 * FS_SPAN, FS_SPAN}}), Writes());
-    ASSERT_TRUE(ReadsBack(7 * FS_SPAN, FS_SPAN));
-    EXPECT_EQ(nullptr, Holder(7 * FS_SPAN));
-    EXPECT_EQ(-1, m_pStorage->FlushBuffer(nullptr));
-    ASSERT_EQ(0, Write(10 * FS_SPAN, FS_PART));
-    ASSERT_EQ(0, Write(20 * FS_SPAN + FS_PART, 2 * FS_PART));
-    ASSERT_TRUE(ReadsBack(30 * FS_SPAN, FS_PART));  // unchanged, most recent
-    ClearCalls();
-    ASSERT_EQ(0, m_pStorage->FlushBuffer(nullptr));
-    ASSERT_EQ(0, m_pStorage->FlushBuffer(nullptr));
-    EXPECT_EQ(-1, m_pStorage->FlushBuffer(nullptr));
-    EXPECT_EQ((Calls{{10 * FS_SPAN, FS_PART}, {20 * FS_SPAN + FS_PART, 2 * FS_PART}}), Writes());
-    EXPECT_EQ(FILEBUF_PARTS, Holder(10 * FS_SPAN)->m_nStatus);
-    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
 }
 
 TEST_F(FileBuffers, ReleaseDrainsTheBuffersAndEndsWhenTheDiskKeepsFailing)
