@@ -157,13 +157,10 @@ TEST_F(CacheLoadThread, WrongRequestsAreRefusedUntouchedAndGoodOnesLoadAroundThe
         {"over the head page", BLOCK_NO, 0, B},
         {"size 0", BLOCK_NO, BLOCK_AT, 0},
         {"size beyond the block area", BLOCK_NO, BLOCK_AT, 0x7FFFF000},
-        {"the cache head", BLOCK_NO, BLOCK_AT, B, FS_FILE_NO, F, 0},
-        {"the cache map", BLOCK_NO, BLOCK_AT, B, FS_FILE_NO, F, CACHE_MAP_OFFSET},
         {"last map block", BLOCK_NO, BLOCK_AT, B, FS_FILE_NO, F, CacheBlockOffset(l.m_nFirstFreeNo) - B},
         {"not on a block", BLOCK_NO, BLOCK_AT, B, FS_FILE_NO, F, llTarget + 512},
         {"the FIFO area", BLOCK_NO, BLOCK_AT, B, FS_FILE_NO, F, l.m_llFIFOOffset},
         {"runs into it", BLOCK_NO, BLOCK_AT, B, FS_FILE_NO, F, l.m_llFIFOOffset - B / 2},
-        {"past the segment", BLOCK_NO, BLOCK_AT, B, FS_FILE_NO, F, l.m_llTotalSize},
         {"before the segment", BLOCK_NO, BLOCK_AT, B, FS_FILE_NO, F, -B},
     };
     std::vector<BYTE> vBefore = Snapshot();

@@ -206,7 +206,6 @@ TEST_F(CachePreload, RoomAndAFullCacheEndTheLoadUnderEachType)
     } arCases[] = {
         {"some leaves", llShare, 0, {0, 1, 2, 5, 8, 15}},
         {"all, cut", 1LL << 24, 3, {0, 1, 2}},
-        {"some leaves, cut", llShare, 3, {0, 1, 2}},
         {"upper only, cut", 7LL * P - 1, 3, {1, 5, 8}},
     };
     for (const auto& c : arCases) {
