@@ -46,7 +46,6 @@ TEST(CacheLayout, HandWorkedOffsetsAndTheLruPercentClampedTo2And98)
         EXPECT_EQ(e.llFIFOSize, l.m_llFIFOSize);
         EXPECT_EQ(e.llFIFOOffset, l.m_llFIFOOffset);
         EXPECT_EQ(e.llFlashBackOffset, l.m_llFlashBackOffset);
-        EXPECT_EQ(393216, l.m_nFlashBackSize);
         EXPECT_EQ(e.nBlockBufNum, l.m_nBlockBufNum);
         EXPECT_EQ(e.nMapBlocks, l.m_nMapBlocks);
         EXPECT_EQ(e.nFirstFreeNo, l.m_nFirstFreeNo);
