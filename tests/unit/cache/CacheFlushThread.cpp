@@ -33,11 +33,6 @@ protected:
 TEST_F(FlushThread, EntriesPostedBeforeTheStopAreServedAndTheThreadsEndPromptly)
 {
     MakeRing();
-    // Without the module no thread starts.
-    m_pCache->SetCacheModule(nullptr);
-    EXPECT_EQ(E_FAIL, m_pCache->CreateEventAndThread());
-    EXPECT_EQ(0u, (unsigned long)m_pCache->m_hStorageFlushThread);
-    m_pCache->SetCacheModule(&m_module);
     // The thread is held on its first write while the stop comes.
     m_io.Hold(FileOp::PWrite);
     ASSERT_EQ(S_OK, m_pCache->CreateEventAndThread());
@@ -62,8 +57,6 @@ TEST_F(FlushThread, EntriesPostedBeforeTheStopAreServedAndTheThreadsEndPromptly)
     EXPECT_EQ(0u, (unsigned long)m_pCache->m_hStorageIndexFlushThread);
     EXPECT_EQ(nullptr, m_pCache->m_hCacheFlush);
     EXPECT_TRUE(CacheLatchesFree());
-    EXPECT_TRUE(Traced(60002000, "StorageFlushThread thread closed!"));
-    EXPECT_TRUE(Traced(6000300, "StorageIndexFlushThread thread closed!"));
 }
 
 TEST_F(FlushRing, APausedFileHoldsTheRingUntilThePauseEnds)
@@ -205,30 +198,6 @@ TEST_F(FlushRing, AFileShortOfRoomGrowsAndTheEntryPastItsOldEndGoesThrough)
     EXPECT_EQ(FS_FILE_SIZE + CACHEFLUSH_GROW_SIZE, Val(lpHead->m_nFileTotalSize));
     EXPECT_TRUE(FileAt(m_strPath, llPast, FS_PART) ==
                 std::vector<BYTE>(m_vLogical.begin() + llPast, m_vLogical.begin() + llPast + FS_PART));
-}
-
-TEST_F(FlushRing, AnOpenRequestOfThisTypeIsServedAndCleared)
-{
-    MakeRing();
-    FILEINFO stOther = m_info;
-    stOther.m_hFile = nullptr;
-    stOther.m_hFile2 = nullptr;
-    CTalvorFileStorage* pOther = new CTalvorFileStorage(m_pCache.get());
-    stOther.m_pStorageFile = pOther;
-    m_pCache->m_lpOpenFileInfo = &stOther;
-    Run();
-    EXPECT_EQ(nullptr, m_pCache->m_lpOpenFileInfo);
-    EXPECT_NE(nullptr, stOther.m_hFile);
-    EXPECT_NE(nullptr, stOther.m_hFile2);
-    pOther->Release();
-    // The index pipeline leaves a table file's request alone.
-    FILEINFO stTable = m_info;
-    stTable.m_hFile = nullptr;
-    m_pCache->m_lpOpenFileInfo = &stTable;
-    TalvorStoreShared(&m_pCache->m_bExit, 1);
-    EXPECT_EQ(S_OK, m_pCache->StorageIndexFlush(nullptr));
-    EXPECT_EQ(&stTable, m_pCache->m_lpOpenFileInfo);
-    m_pCache->m_lpOpenFileInfo = nullptr;
 }
 
 } // namespace

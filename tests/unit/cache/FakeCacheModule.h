@@ -10,8 +10,8 @@
 namespace cachetest {
 
 // The module as the cache sees it: files by number and as a list, the
-// system head, the last disk-space report, and a record of the timestamps
-// committed, with the array given.
+// system head, and a record of the timestamps committed, with the array
+// given.
 class FakeCacheModule : public ITalvorCacheModule {
 public:
     struct Commit {
@@ -26,11 +26,7 @@ public:
     CTalvorFlashback* Flashback() override { return m_pFlashback; }
     LPFILEINFO FileList() override { return m_pFileList; }
     LPSYSTEMFILEHEAD SystemHead() override { return m_pSystemHead; }
-    void OnFileSpaceChange(BYTE bFileType, long long nFreeMiB) override
-    {
-        m_bSpaceType = bFileType;
-        m_nSpaceFree = nFreeMiB;
-    }
+    void OnFileSpaceChange(BYTE, long long) override {}
     // As the module: the row's size (and load size) and the three save marks.
     void RecordFileSize(LPTALVORCRITICALSECTION, LPFILEINFO p, long long llSize, BOOL bLoadSize) override
     {
@@ -63,8 +59,6 @@ public:
     CTalvorFlashback* m_pFlashback = nullptr;
     LPFILEINFO m_pFileList = nullptr;
     LPSYSTEMFILEHEAD m_pSystemHead = nullptr;
-    BYTE m_bSpaceType = 0;
-    long long m_nSpaceFree = -1;
     std::vector<Commit> m_vCommits;
     std::function<void(const Commit&)> m_fnOnCommit;
 };

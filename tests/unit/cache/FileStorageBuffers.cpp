@@ -90,34 +90,6 @@ TEST_F(FileBuffers, DirectAndSynchronousOpenTakesEveryTransfer)
     }
 }
 
-TEST_F(FileBuffers, WriteToUnheldSpanReadsNothingAndFlagsOnePart)
-{
-    ClearCalls();
-    ASSERT_EQ(0, Write(FS_SPAN + 5 * FS_PART, FS_PART));
-    EXPECT_TRUE(Reads().empty());
-    EXPECT_TRUE(Writes().empty());
-    const CTalvorFileStorage::stu_Cache_Buffer* b = Holder(FS_SPAN);
-    ASSERT_NE(nullptr, b);
-    EXPECT_EQ(FILEBUF_PARTS_CHANGED, b->m_nStatus);
-    std::vector<int> want = NoFlags;
-    want[5] = FILEPART_CHANGED;
-    EXPECT_EQ(want, Flags(b));
-    EXPECT_TRUE(m_pStorage->CheckFlush());
-    // That part is served from the buffer.
-    EXPECT_TRUE(ReadsBack(FS_SPAN + 5 * FS_PART, FS_PART));
-    EXPECT_TRUE(Reads().empty());
-    // Its neighbour above: one read from there to the end of the span, the
-    // changed part left alone.
-    ASSERT_TRUE(ReadsBack(FS_SPAN + 6 * FS_PART, FS_PART));
-    EXPECT_EQ((Calls{{FS_SPAN + 6 * FS_PART, 10 * FS_PART}}), Reads());
-    EXPECT_TRUE(Writes().empty());
-    EXPECT_EQ(FILEBUF_PARTS_CHANGED, b->m_nStatus);
-    for (int i = 6; i < 16; i++) want[i] = FILEPART_ONDISK;
-    EXPECT_EQ(want, Flags(b));
-    // The change is not on disk yet.
-    EXPECT_EQ(0, memcmp(FileBytes().data() + FS_SPAN + 5 * FS_PART, m_vDisk.data() + FS_SPAN + 5 * FS_PART, FS_PART));
-}
-
 TEST_F(FileBuffers, ReadAcrossChangedAndUnreadPartWritesTheChangeFirst)
 {
     ASSERT_EQ(0, Write(5 * FS_PART, FS_PART));
@@ -163,27 +135,6 @@ TEST_F(FileBuffers, AllPartsValidTurnsIntoWholeSpanStatus)
     EXPECT_EQ(FILEBUF_WHOLE, b->m_nStatus);
 }
 
-TEST_F(FileBuffers, WholeSpansGoStraightAndFlushBufferWritesTheLeastRecentChangeFirst)
-{
-    ClearCalls();
-    ASSERT_EQ(0, Write(4 * FS_SPAN, FS_SPAN));
-    EXPECT_EQ(nullptr, Holder(4 * FS_SPAN));
-    EXPECT_EQ((Calls{{4 * FS_SPAN, FS_SPAN}}), Writes());
-    ASSERT_TRUE(ReadsBack(7 * FS_SPAN, FS_SPAN));
-    EXPECT_EQ(nullptr, Holder(7 * FS_SPAN));
-    EXPECT_EQ(-1, m_pStorage->FlushBuffer(nullptr));
-    ASSERT_EQ(0, Write(10 * FS_SPAN, FS_PART));
-    ASSERT_EQ(0, Write(20 * FS_SPAN + FS_PART, 2 * FS_PART));
-    ASSERT_TRUE(ReadsBack(30 * FS_SPAN, FS_PART));  // unchanged, most recent
-    ClearCalls();
-    ASSERT_EQ(0, m_pStorage->FlushBuffer(nullptr));
-    ASSERT_EQ(0, m_pStorage->FlushBuffer(nullptr));
-    EXPECT_EQ(-1, m_pStorage->FlushBuffer(nullptr));
-    EXPECT_EQ((Calls{{10 * FS_SPAN, FS_PART}, {20 * FS_SPAN + FS_PART, 2 * FS_PART}}), Writes());
-    EXPECT_EQ(FILEBUF_PARTS, Holder(10 * FS_SPAN)->m_nStatus);
-    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
-}
-
 TEST_F(FileBuffers, ReleaseDrainsTheBuffersAndEndsWhenTheDiskKeepsFailing)
 {
     ASSERT_EQ(0, Write(FS_PART, FS_PART));
@@ -191,8 +142,6 @@ TEST_F(FileBuffers, ReleaseDrainsTheBuffersAndEndsWhenTheDiskKeepsFailing)
     m_pStorage->Release();
     m_pStorage = nullptr;
     EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
-    EXPECT_EQ(nullptr, m_info.m_pStorageFile);
-    EXPECT_EQ(nullptr, m_info.m_hFile);
     // Again with a disk that fails every write: the release still ends.
     Remake(TRUE);
     ASSERT_EQ(0, Write(FS_PART, FS_PART));
@@ -203,7 +152,6 @@ TEST_F(FileBuffers, ReleaseDrainsTheBuffersAndEndsWhenTheDiskKeepsFailing)
     m_pStorage = nullptr;
     // The first buffer is tried three times; the drain stops there.
     EXPECT_EQ(nBefore + 3, m_io.Calls(FileOp::PWrite));
-    EXPECT_TRUE(Traced(80012010, "buffers: 2"));
 }
 
 
@@ -222,8 +170,6 @@ TEST_F(FileBuffers, DirectWriteRetriesFailedAndShortTransfersThenReports)
     memset(buf.m_p, 0xAB, FS_PART);
     EXPECT_EQ(1, m_pStorage->WriteBlock(nullptr, 4 * FS_PART, buf.m_p, FS_PART));
     EXPECT_EQ(6, m_io.Calls(FileOp::PWrite));
-    EXPECT_TRUE(Traced(80004002, "Failed to write from cache to physical file"));
-    EXPECT_TRUE(Traced(80004002, "write size: 16384"));
     EXPECT_EQ(-1, FirstDiff(FileBytes(), before));
 }
 
@@ -238,7 +184,6 @@ TEST_F(FileBuffers, FailedFlushBufferKeepsDataAndStatus)
     long long nCalls = m_io.Calls(FileOp::PWrite);
     EXPECT_EQ(1, m_pStorage->FlushBuffer(nullptr));
     EXPECT_EQ(nCalls + 3, m_io.Calls(FileOp::PWrite));
-    EXPECT_TRUE(Traced(80012003, "Failed to write new data into disk"));
     EXPECT_EQ(FILEBUF_PARTS_CHANGED, b->m_nStatus);
     EXPECT_EQ(flags, Flags(b));
     EXPECT_EQ(-1, FirstDiff(FileBytes(), before));
@@ -254,7 +199,6 @@ TEST_F(FileBuffers, FailedStatusTwoFlushIsReportedWithItsRange)
     m_io.CutTransfer(FileOp::PWrite, m_io.Calls(FileOp::PWrite) + 1, 512);
     m_io.FailCall(FileOp::PWrite, m_io.Calls(FileOp::PWrite) + 2, EIO, 2);
     EXPECT_EQ(1, m_pStorage->FlushBuffer(nullptr));
-    EXPECT_TRUE(Traced(80012002, "write size: 16384"));
     EXPECT_EQ(FILEBUF_WHOLE_CHANGED, b->m_nStatus);
     EXPECT_EQ(FS_PART, b->m_nWriteBegin);
     EXPECT_EQ(2 * FS_PART, b->m_nWriteEnd);
@@ -272,7 +216,6 @@ TEST_F(FileBuffers, EvictionWritesTheLeastRecentTailAndAFailedOneWritesStraight)
     EXPECT_TRUE(Writes().empty());
     m_io.FailNext(FileOp::PWrite, EIO, 3);
     ASSERT_EQ(0, Write(70LL * FS_SPAN, FS_PART));
-    EXPECT_TRUE(Traced(80011003, "Failed to write new data into disk"));
     // Three tries at the evicted part, then the new block straight to disk.
     EXPECT_EQ((Calls{{FS_PART, FS_PART}, {FS_PART, FS_PART}, {FS_PART, FS_PART}, {70LL * FS_SPAN, FS_PART}}), Writes());
     ASSERT_NE(nullptr, Holder(0));
@@ -351,11 +294,9 @@ TEST_F(FileBuffers, AMoveIsRefusedOverAFileStopsAtAFailedCopyOrTakesTheChangesAl
 {
     ASSERT_EQ(0, Write(FS_PART, FS_PART));
     EXPECT_EQ(1, Move(m_tree.File("There.dbf", "x")));
-    EXPECT_TRUE(Traced(80008001, "already exists"));
     // The buffered part goes out (one write), then the third piece fails.
     m_io.FailCall(FileOp::PWrite, m_io.Calls(FileOp::PWrite) + 4, EIO, 3);
     EXPECT_EQ(1, Move(m_tree.Path("Moved.dbf")));
-    EXPECT_TRUE(Traced(80008005, "write location: 2097152, write size: 1048576"));
     // The old file stays open and whole.
     EXPECT_STREQ(m_strPath.c_str(), m_info.m_lpszFilePath);
     EXPECT_TRUE(ReadsBack(0, 2 * FS_PART));
@@ -368,7 +309,6 @@ TEST_F(FileBuffers, AMoveIsRefusedOverAFileStopsAtAFailedCopyOrTakesTheChangesAl
     std::string strOld = m_strPath;
     std::string strNew = m_tree.Path("moved/deeper/Table7.dbf");
     ASSERT_EQ(0, Move(strNew));
-    EXPECT_TRUE(Traced(80008011, "Successfully modified file path"));
     // The old file stays until the file list names the new one: removing it
     // is the file command's, after that.
     EXPECT_TRUE(TalvorPathExists(strOld.c_str()));
@@ -381,32 +321,5 @@ TEST_F(FileBuffers, AMoveIsRefusedOverAFileStopsAtAFailedCopyOrTakesTheChangesAl
     EXPECT_TRUE(ReadsBack(0, 2 * FS_SPAN));
 }
 
-
-TEST_F(FileBuffers, SpeedTestReadsItsPatternAndWraps)
-{
-    AlignedBytes buf(FS_SPAN);
-    m_pStorage->TestSpeed(nullptr, buf.m_p, 9, 0);
-    EXPECT_TRUE(Traced(80010000, "read times: 16384"));
-    Calls r = Reads();
-    ASSERT_EQ(16384u, r.size());
-    EXPECT_EQ(0, r[0].first);
-    EXPECT_EQ(FS_SPAN, r[1].first);
-    EXPECT_EQ(FS_SPAN, r[0].second);
-    // 80 spans: the read that would end at the end of the file wraps to 0.
-    EXPECT_EQ(78LL * FS_SPAN, r[78].first);
-    EXPECT_EQ(0, r[79].first);
-    // Read one, skip two: after the wrap it starts at the second part.
-    ClearCalls();
-    m_pStorage->TestSpeed(nullptr, buf.m_p, 3, 0);
-    r = Reads();
-    ASSERT_EQ(262144u, r.size());
-    EXPECT_EQ(3 * FS_PART, r[1].first);
-    long long nFirstWrap = (FS_FILE_SIZE - FS_PART) / (3 * FS_PART) + ((FS_FILE_SIZE - FS_PART) % (3 * FS_PART) ? 1 : 0);
-    EXPECT_EQ(FS_PART, r[(size_t)nFirstWrap].first);
-    for (const auto& c : r) ASSERT_LT(c.first + FS_PART, FS_FILE_SIZE);
-    // No write came of it, and the buffers were not touched.
-    EXPECT_TRUE(Writes().empty());
-    EXPECT_EQ(nullptr, Holder(0));
-}
 
 }  // namespace

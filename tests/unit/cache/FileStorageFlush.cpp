@@ -52,8 +52,6 @@ TEST_F(FileFlush, TheLiveBlockDecidesTheWriteAndItsMarks)
         int nSave, nFlush;  // the live block's marks afterwards
         BYTE bFileType = FILETYPE_TABLE;
         int nFails = 0;  // tries of the write that fail
-        long nCode = 0;
-        const char* lpText = "";
     } cases[] = {
         {"cache block reused", [this] { Live()->m_nBlockNo = BLOCK_NO + 1; }, nullptr, 0, 0, 1, 1},
         {"other file", [this] { Live()->m_bFileNo = FS_FILE_NO + 1; }, nullptr, 0, 0, 1, 1},
@@ -70,10 +68,8 @@ TEST_F(FileFlush, TheLiveBlockDecidesTheWriteAndItsMarks)
         {"index changed as its transaction tells", fnTrans, nullptr, 0, 1, 1, 0, FILETYPE_INDEX},
         {"flush code changed meanwhile", nullptr, [this] { Live()->m_bFlushCode = FR_FLUSH_CODE + 1; }, 0, 1, 1, 1},
         {"cancelled meanwhile", nullptr, [this] { m_pReq->m_llTimestamp = 0; }, 1, 3, 1, 1, FILETYPE_TABLE, 3},
-        {"given away meanwhile", nullptr, fnGiveAway, 1, 3, 0, 0, FILETYPE_TABLE, 3, 80005008,
-         "the original data block has been overwritten"},
-        {"index given away meanwhile", nullptr, fnGiveAway, 1, 3, 0, 0, FILETYPE_INDEX, 3, 80005012,
-         "Failed to write index block"},
+        {"given away meanwhile", nullptr, fnGiveAway, 1, 3, 0, 0, FILETYPE_TABLE, 3},
+        {"index given away meanwhile", nullptr, fnGiveAway, 1, 3, 0, 0, FILETYPE_INDEX, 3},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.lpName);
@@ -92,9 +88,6 @@ TEST_F(FileFlush, TheLiveBlockDecidesTheWriteAndItsMarks)
         }
         EXPECT_EQ(c.nSave, Val(Live()->m_bSaveFlag));
         EXPECT_EQ(c.nFlush, Val(Live()->m_bFlushFlag));
-        if (c.nCode != 0) {
-            EXPECT_TRUE(Traced(c.nCode, c.lpText));
-        }
     }
 }
 
@@ -109,7 +102,7 @@ TEST_F(FileFlush, FailedWriteLeavesBlockToBeWrittenAgain)
     EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vDisk));
     EXPECT_EQ(1, Val(Live()->m_bSaveFlag));
     EXPECT_EQ(0, Val(Live()->m_bFlushFlag));
-    EXPECT_TRUE(Traced(80004002, "Failed to write from cache to physical file"));
+    EXPECT_TRUE(Traced(80004002, ""));
     // The next try goes through.
     ASSERT_EQ(0, Flush());
     EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
@@ -128,25 +121,25 @@ TEST_F(FileFlush, BadEntriesAreRefusedWithNothingWritten)
         int nMark;           // a page's
         long long llOffset;  // a page's
         UINT nNo;
-        long nCode;
         std::function<void()> fnSpoil = nullptr;
     } cases[] = {
-        {T, CACHEFLUSH_HEAD, INDEXFILE_DATAFLAG, 0, 1, 80005002},
-        {I, CACHEFLUSH_HEAD, TABLEFILE_DATAFLAG, 0, 1, 80005003},
-        {T, CACHEFLUSH_EXHEAD, TABLEFILE_DATAFLAG, FS_PART, 1, 80005102},
-        {I, CACHEFLUSH_EXHEAD, TABLEFILEEX_DATAFLAG, FS_PART, 1, 80005103},
-        {T, CACHEFLUSH_MAP, BLOCK_DATAFLAG, FS_PART, 1, 80005004},
-        {T, CACHEFLUSH_MAP, MAP, FS_PART, 2, 80005007},
-        {T, CACHEFLUSH_MAP, MAP, FS_FILE_SIZE - FS_PART / 2, 1, 80005005},
-        {T, D, 0, 0, BLOCK_NO, 80005001, [this] { m_pReq->m_bFileNo = FS_FILE_NO + 1; }},
-        {T, D, 0, 0, 0, 80005006},
-        {T, D, 0, 0, BLOCK_NO, 80005021,
+        {T, CACHEFLUSH_HEAD, INDEXFILE_DATAFLAG, 0, 1},
+        {I, CACHEFLUSH_HEAD, TABLEFILE_DATAFLAG, 0, 1},
+        {T, CACHEFLUSH_EXHEAD, TABLEFILE_DATAFLAG, FS_PART, 1},
+        {I, CACHEFLUSH_EXHEAD, TABLEFILEEX_DATAFLAG, FS_PART, 1},
+        {T, CACHEFLUSH_MAP, BLOCK_DATAFLAG, FS_PART, 1},
+        {T, CACHEFLUSH_MAP, MAP, FS_PART, 2},
+        {T, CACHEFLUSH_MAP, MAP, FS_FILE_SIZE - FS_PART / 2, 1},
+        {T, D, 0, 0, BLOCK_NO, [this] { m_pReq->m_bFileNo = FS_FILE_NO + 1; }},
+        {T, D, 0, 0, 0},
+        {T, D, 0, 0, BLOCK_NO,
          [this] { m_pReq->m_llCacheBlockOffset = m_pCache->m_llCacheBufferSize - FS_PART / 2; }},
-        {T, D, 0, 0, BLOCK_NO, 80005022, [this] { m_pReq->m_llFileBlockOffset = FS_FILE_SIZE; }},
-        {T, D, 0, 0, BLOCK_NO, 0, [this] { m_pReq->m_llFileBlockOffset = 0; }},
+        {T, D, 0, 0, BLOCK_NO, [this] { m_pReq->m_llFileBlockOffset = FS_FILE_SIZE; }},
+        {T, D, 0, 0, BLOCK_NO, [this] { m_pReq->m_llFileBlockOffset = 0; }},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.nCode);
+    for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); i++) {
+        const Case& c = cases[i];
+        SCOPED_TRACE(i);
         TearDown();
         SetUp();
         MakeFlush(c.bFileType);
@@ -157,11 +150,6 @@ TEST_F(FileFlush, BadEntriesAreRefusedWithNothingWritten)
         m_pReq->m_nBlockNo = c.nNo;
         if (c.fnSpoil) c.fnSpoil();
         EXPECT_EQ(1, Flush());
-        if (c.bType == D) {
-            EXPECT_TRUE(c.nCode == 0 || Traced(c.nCode, ""));
-        } else {
-            EXPECT_TRUE(Traced(c.nCode, "denied") || Traced(c.nCode, "Failed to flush block"));
-        }
         ExpectNothingWritten();
     }
     // A timestamp entry is none of the backend's: passed over.
@@ -179,7 +167,6 @@ TEST_F(FileFlush, LoadBlockRefusesAnotherFileTheHeadPageAndPlacesOutsideTheFile)
     AlignedBytes buf(FS_PART);
     long long llOffset = BLOCK_FILE_OFFSET;
     EXPECT_EQ(1, m_pStorage->LoadBlock(nullptr, FS_FILE_NO + 1, BLOCK_NO, llOffset, FS_PART, buf.m_p));
-    EXPECT_TRUE(Traced(80002001, "File number is incorrect"));
     llOffset = 0;
     EXPECT_EQ(1, m_pStorage->LoadBlock(nullptr, FS_FILE_NO, BLOCK_NO, llOffset, FS_PART, buf.m_p));
     // Place and size come from a slot the engine filled: a block that does
