@@ -195,6 +195,17 @@ Fields FieldsOf(const struct tm& t)
     return Fields(t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
 }
 
+// Mode 4 (Sunday-first weeks counted by four days, numbered from 0) has no
+// strftime counterpart above, and YEARWEEK always asks for mode 6.
+TEST(DateRules, WeekModesCountedByFourDays)
+{
+    int nYear;
+    // 2014-01-01 is a Wednesday, so its week (from Sunday 2013-12-29) has
+    // four days of 2014; 2015-01-01, a Thursday, has three in its week.
+    EXPECT_EQ(CTalvorDate::CalcWeek(Parts(2014, 1, 1), 4, nYear), 1);
+    EXPECT_EQ(CTalvorDate::CalcWeek(Parts(2015, 1, 1), 4, nYear), 0);
+}
+
 // Free-form texts against strptime of the same text by a matching format.
 TEST(DateReference, FreeFormParsingAgainstStrptime)
 {
@@ -330,6 +341,78 @@ TEST(DateReference, ZonesAgainstLocaltime)
         EXPECT_EQ(CTalvorDate::TZToValue(s, dDays), TALVOR_DATE_BAD_PARAMETER) << s;
 }
 
+
+std::string Interval(INTERVAL_TYPE eType, BYTE bValueType, const std::string& strValue)
+{
+    return std::string(1, '\x01') + (char)eType + (char)bValueType + strValue;
+}
+
+// Whole amounts of every unit are held against the server; here the
+// amounts it never sends: rounded ones, short compound ones, bad ones.
+TEST(DateRules, IntervalAmountsAndTimeTexts)
+{
+    struct {
+        INTERVAL_TYPE m_eType;
+        BYTE m_bValueType;
+        const char* m_lpszAmount;
+        int m_nResult;
+        const char* m_lpszText;
+    } arCases[] = {{INTERVAL_DAY, 3, "1.5", 0, "2020-01-03 00:00:00"},
+                     {INTERVAL_DAY, 240, "-1.5", 0, "2019-12-30 00:00:00"},
+                     {INTERVAL_HOUR_MINUTE, 7, "5", 0, "2020-01-01 00:05:00"},
+                     {INTERVAL_DAY, 1, "999999999999999", TALVOR_DATE_INVALID_DATA, nullptr},
+                     {(INTERVAL_TYPE)22, 1, "1", TALVOR_DATE_BAD_INTERVAL, nullptr}};
+    for (const auto& c : arCases) {
+        std::string strInterval = Interval(c.m_eType, c.m_bValueType, c.m_lpszAmount);
+        VARDATA vInterval, vResult;
+        memset(&vInterval, 0, sizeof(vInterval));
+        vInterval.m_vt = 7;
+        vInterval.m_lpszValue = const_cast<char*>(strInterval.c_str());
+        vInterval.m_nStrLen = (int)strInterval.size();
+        EXPECT_EQ(CTalvorDate::DateAddSubInterval(nullptr, Make(2020, 1, 1), vInterval, vResult, TRUE), c.m_nResult)
+            << c.m_lpszAmount;
+        if (c.m_lpszText != nullptr) {
+            EXPECT_EQ(Text(vResult.m_dblValue), c.m_lpszText) << c.m_lpszAmount;
+        }
+    }
+    // Times of hours past a day are held against the server; days and
+    // fields out of range are not sent there.
+    struct { const char* m_lpszText; int m_nResult; int m_nDay; int m_nHour; int m_nMinute; } arTimes[] = {
+        {"-1:00:00", 0, -1, 23, 0}, {"2 03:04", 0, 2, 3, 4}, {"10:61:00", TALVOR_DATE_INVALID_DATA, 0, 0, 0},
+        {"4000:00:00", TALVOR_DATE_INVALID_DATA, 0, 0, 0}};
+    for (const auto& c : arTimes) {
+        TALVORTIME t = {};
+        int nLen = (int)strlen(c.m_lpszText);
+        ASSERT_EQ(CTalvorDate::ParseTime(t, c.m_lpszText, nLen), c.m_nResult) << c.m_lpszText;
+        if (c.m_nResult != 0) continue;
+        EXPECT_EQ(std::make_tuple((int)t.m_nDay, (int)t.m_bHour, (int)t.m_bMintue),
+                  std::make_tuple(c.m_nDay, c.m_nHour, c.m_nMinute)) << c.m_lpszText;
+    }
+}
+
+// The server adds hours and minutes to stored times; a time that goes
+// below zero, takes a day, or leaves the range of a time is held here.
+TEST(DateRules, StoredTimesWithIntervals)
+{
+    VARDATA vInterval, v;
+    memset(&vInterval, 0, sizeof(vInterval));
+    std::string s = Interval(INTERVAL_HOUR, 1, "25");
+    vInterval.m_lpszValue = const_cast<char*>(s.c_str());
+    TALVORTIME t = {30, 20, 23, 0};
+    ASSERT_EQ(CTalvorDate::DateAddSubInterval(nullptr, t, vInterval, v, FALSE), 0);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_TIME);
+    EXPECT_EQ(v.m_stTime.m_nDay, -1);
+    EXPECT_EQ(v.m_stTime.m_bHour, 22);
+    s = Interval(INTERVAL_DAY, 1, "1");
+    vInterval.m_lpszValue = const_cast<char*>(s.c_str());
+    ASSERT_EQ(CTalvorDate::DateAddSubInterval(nullptr, t, vInterval, v, TRUE), 0);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_DATETIME);
+    EXPECT_EQ(Text(v.m_dblValue), "1899-12-31 23:20:30");
+    s = Interval(INTERVAL_HOUR, 1, "5000");
+    vInterval.m_lpszValue = const_cast<char*>(s.c_str());
+    EXPECT_EQ(CTalvorDate::DateAddSubInterval(nullptr, t, vInterval, v, TRUE), TALVOR_DATE_INVALID_DATA);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_NULL);
+}
 
 // Texts written by strftime, read back by strptime and by our format walk.
 TEST(DateReference, ParsingByFormatAgainstStrptime)

@@ -192,6 +192,7 @@ TEST(VarDataCompare, AcrossTypesAndText)
 {
     EXPECT_TRUE(Dec("1.0") == Int(1));
     EXPECT_EQ(Hash(Dec("1.0")), Hash(Int(1)));
+    for (short n : {(short)SHRT_MIN, (short)-1, (short)7}) EXPECT_EQ(Hash(Make(n)), Hash(Int(n))) << n;
     st_VARDATA d = Date(15, 3, 2021);
     EXPECT_TRUE(d == Txt("2021-03-15"));
     EXPECT_TRUE(d < Txt("2021-03-15 00:00:01"));
