@@ -283,7 +283,6 @@ TEST(JsonValues, OtherValuesRoomAndBadStrings) {
     EXPECT_EQ(Get("\"abc\"", 3, nLen, out), TALVOR_ERROR_JSON_NO_ROOM);
     EXPECT_EQ(nLen, 3);
     EXPECT_EQ(Get("\"abc", 64, nLen, out), TALVOR_ERROR_JSON_INVALID);
-    EXPECT_EQ(Get("\"", 64, nLen, out), TALVOR_ERROR_JSON_INVALID);
     EXPECT_EQ(Get("\"ab\\\"", 64, nLen, out), TALVOR_ERROR_JSON_INVALID);
     EXPECT_EQ(Get("\"ab\\\\\"", 64, nLen, out), 0);
     EXPECT_EQ(out, "ab\\");
