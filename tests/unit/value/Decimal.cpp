@@ -433,6 +433,8 @@ TEST(DecimalRules, IntegerAndDoubleConversions)
     EXPECT_EQ(CTalvorDecimal::Convert2Int(&f, TRUE), 3);
     EXPECT_EQ(CTalvorDecimal::Convert2Int(&f, FALSE), 2);
 
+    CTalvorDecimal::Convert2Decimal(0.1, &v);
+    EXPECT_EQ(Print(v), "0.1") << "the shortest digits, not the binary value's";
     CTalvorDecimal::Convert2Decimal(1e200, &v);
     EXPECT_EQ(v.m_vt, TALVOR_VT_NULL);
     CTalvorDecimal::Convert2Decimal(1e-300, &v);
@@ -509,6 +511,9 @@ TEST(DecimalRules, InPlaceFormsAndHexadecimal)
     CTalvorDecimal::SafeConvert2Int64(&v);
     EXPECT_EQ(v.m_vt, TALVOR_VT_BIGINT);
     EXPECT_EQ(v.m_llValue, 2147483648LL);
+    v = Parse("1.5");
+    CTalvorDecimal::SafeConvert2Int64(&v);
+    EXPECT_EQ(v.m_vt, TALVOR_VT_DECIMAL) << "a fraction is kept";
 }
 
 // The stored form: lengths by declared precision, round trips of generated

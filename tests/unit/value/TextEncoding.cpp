@@ -100,6 +100,7 @@ TEST(CodePoints, StrayAndMalformedForms) {
     // The 6-byte form decodes.
     EXPECT_EQ(TalvorGetUnicode("\xFD\xBF\xBF\xBF\xBF\xBF"), 0x7FFFFFFFu);
     wchar_t arUnits[2];
+    EXPECT_EQ(TalvorCode2UTF16(0x80, arUnits), -1);        // a lone continuation
     EXPECT_EQ(TalvorCode2UTF16(0xC341, arUnits), -1);      // a bad continuation
     EXPECT_EQ(TalvorCode2UTF16(0xE4B8, arUnits), -1);      // a cut form
     EXPECT_EQ(TalvorCode2UTF16(0xF4908080, arUnits), -1);  // above 0x10FFFF
@@ -174,6 +175,8 @@ TEST(HexText, RoundTripAgainstOpenssl) {
     BYTE arOut[4];
     int nOut = 4;
     EXPECT_EQ(CharConvertHex("0G", 2, arOut, nOut), TALVOR_ERROR_BAD_HEX_TEXT);
+    nOut = 4;
+    EXPECT_EQ(CharConvertHex("ABC", 3, arOut, nOut), TALVOR_ERROR_BAD_HEX_TEXT);
     nOut = 1;
     EXPECT_EQ(CharConvertHex("ABCD", 4, arOut, nOut), TALVOR_ERROR_NO_ROOM);
     wchar_t wszHex[8];
