@@ -203,7 +203,6 @@ TEST(MapString, LongKeysAreCutAndRemovedNodesAreReused)
     EXPECT_EQ(m.Get(longKey.substr(0, 63).c_str(), v), 0);
     EXPECT_EQ(v, 7u);
     EXPECT_EQ(m.Set("", 1), TALVOR_MAP_NO_MEMORY) << "an empty name would look like a free node";
-    EXPECT_EQ(m.Set(nullptr, 1), TALVOR_MAP_NO_MEMORY);
 
     for (int i = 0; i < 100; ++i) m.Set(("key" + std::to_string(i)).c_str(), i);
     auto nodeOf = [&](const char* lpWanted) -> LPVOID {
@@ -222,13 +221,6 @@ TEST(MapString, LongKeysAreCutAndRemovedNodesAreReused)
     EXPECT_EQ(m.Remove("key80"), 0u);
     EXPECT_EQ(m.Set("key80", 81), TALVOR_MAP_NEW);
     EXPECT_EQ(nodeOf("key80"), before) << "the node left by Remove is taken again";
-
-    LPVOID pos = nullptr;
-    char* lpKey = reinterpret_cast<char*>(1);
-    UINT n = 1;
-    m.GetNext(pos, lpKey, n);
-    EXPECT_EQ(lpKey, nullptr);
-    EXPECT_EQ(n, 0u);
 }
 
 // Bytes whose signed, shifted sum is INT_MIN: 23 bytes and their negations
