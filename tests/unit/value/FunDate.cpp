@@ -279,6 +279,12 @@ VARDATA AmountValue(CTalvorBufferPool& pool, const std::string& s)
     return Int(atoll(s.c_str()));
 }
 
+// A member that adds or takes away by its flag, as a call of two arguments.
+Fn AddSub(int (*fn)(CTalvorBufferPool*, VARDATA&, VARDATA&, VARDATA&, BOOL), BOOL bAdd)
+{
+    return [fn, bAdd](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return fn(p, x[0], x[1], r, bAdd); };
+}
+
 std::string TimeOfDay(std::mt19937& rng, int nMaxHours)
 {
     return std::to_string(rng() % (unsigned)nMaxHours) + ":" + Two((int)(rng() % 60)) + ":" + Two((int)(rng() % 60));
@@ -291,12 +297,7 @@ TEST(FunDateArith, IntervalsOfEveryUnitAddAndSubtractAsTheServerDoes)
     CTalvorBufferPool pool;
     std::mt19937 rng(47);
     std::vector<FunCase> v;
-    Fn fnAdd = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-        return CBaseFunManager::AddSubDate(p, x[0], x[1], r, TRUE);
-    };
-    Fn fnSub = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-        return CBaseFunManager::AddSubDate(p, x[0], x[1], r, FALSE);
-    };
+    Fn fnAdd = AddSub(&F::AddSubDate, TRUE), fnSub = AddSub(&F::AddSubDate, FALSE);
     for (const std::string& s : Dates(60, 53)) {
         VARDATA a = Text(pool, s);
         // Microseconds are exact only where the double keeps them (above).
@@ -384,17 +385,10 @@ TEST(FunDateArith, TimesSecondsPeriodsAndDayCountsMatchTheServer)
     CTalvorBufferPool pool;
     std::mt19937 rng(61);
     std::vector<FunCase> v;
-    Fn fnAddTime = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-        return CBaseFunManager::AddSubTime(p, x[0], x[1], r, TRUE);
-    };
-    Fn fnSubTime = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-        return CBaseFunManager::AddSubTime(p, x[0], x[1], r, FALSE);
-    };
+    Fn fnAddTime = AddSub(&F::AddSubTime, TRUE), fnSubTime = AddSub(&F::AddSubTime, FALSE);
     auto fnTimeDiff = Of2(&CBaseFunManager::TimeDiff);
     auto fnStamp = Of2(&CBaseFunManager::TalvorTimeStamp);
-    Fn fnAdd = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-        return CBaseFunManager::AddSubDate(p, x[0], x[1], r, TRUE);
-    };
+    Fn fnAdd = AddSub(&F::AddSubDate, TRUE);
     for (std::string s : Dates(80, 67)) {
         if (s.size() == 10) s += " 00:00:00";
         std::string t = TimeOfDay(rng, 300), t2 = TimeOfDay(rng, 300);
