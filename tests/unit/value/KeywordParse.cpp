@@ -168,10 +168,12 @@ TEST(KeywordClasses, OperatorsLiteralsNumbersAndQuotes)
 
     EXPECT_EQ(ClassOf("0b101"), TALVOR_TOKEN_BIT);
     EXPECT_EQ(ClassOf("b'101'"), TALVOR_TOKEN_BIT);
+    EXPECT_EQ(ClassOf("B'1'"), TALVOR_TOKEN_BIT);
     EXPECT_EQ(ClassOf("0X1F"), TALVOR_TOKEN_HEX_0X);
     EXPECT_EQ(ClassOf("x'1F'"), TALVOR_TOKEN_HEX_X);
     EXPECT_EQ(ClassOf("0B101"), TALVOR_TOKEN_INTEGER) << "only a lower-case b makes a bit literal";
     EXPECT_EQ(ClassOf(".5"), TALVOR_TOKEN_DECIMAL);
+    EXPECT_EQ(ClassOf("12.5"), TALVOR_TOKEN_DECIMAL);
     EXPECT_EQ(ClassOf("123"), TALVOR_TOKEN_INTEGER);
 
     for (BOOL bAnsi : {FALSE, TRUE}) {
@@ -184,9 +186,13 @@ TEST(KeywordClasses, OperatorsLiteralsNumbersAndQuotes)
 
     // Tokens of 28 bytes and more go by their first bytes only.
     const std::string tail(30, 'a');
+    EXPECT_EQ(ClassOf("b'" + std::string(30, '1') + "'"), TALVOR_TOKEN_BIT);
     EXPECT_EQ(ClassOf("0x" + tail), TALVOR_TOKEN_HEX_0X);
+    EXPECT_EQ(ClassOf("`" + tail), TALVOR_TOKEN_IDENTIFIER);
+    EXPECT_EQ(ClassOf("'" + tail), TALVOR_TOKEN_STRING);
     EXPECT_EQ(ClassOf("\"" + tail), TALVOR_TOKEN_STRING);
     EXPECT_EQ(ClassOf("\"" + tail, TRUE), TALVOR_TOKEN_IDENTIFIER);
+    EXPECT_EQ(ClassOf(std::string(30, '9')), TALVOR_TOKEN_INTEGER);
     EXPECT_EQ(ClassOf(std::string(30, '9') + ".5"), TALVOR_TOKEN_DECIMAL);
 }
 
