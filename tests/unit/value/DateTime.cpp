@@ -239,7 +239,8 @@ TEST(DateReference, FreeFormParsingAgainstStrptime)
         EXPECT_EQ(p.m_nYear, c.m_nYear) << c.m_lpszText;
     }
     struct { const char* m_lpszText; int m_nResult; } arBad[] = {{"1900-02-29", 49}, {"2021-13-01", 49},
-        {"2021-01-01x", 1504}, {"123456789-1-1", 1504}, {"", 1504},
+        {"-2021-01-01", 1504}, {"2021-01-01x", 1504}, {"2021-01", 1504}, {"123456789-1-1", 1504},
+        {"1-2-3-4-5-6-7-8-9", 1504}, {"", 1504},
         {"2021-01-01 10:11:12.5 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21 22", 1504}};
     for (const auto& c : arBad) EXPECT_EQ(parser.ParseDate(c.m_lpszText, (int)strlen(c.m_lpszText), p), c.m_nResult) << c.m_lpszText;
 }
@@ -252,6 +253,10 @@ TEST(DateRules, DayNumbersAndFixedForms)
     char sz[40];
     EXPECT_EQ(CTalvorDate::FormatDateTime(25569.5, sz, 3), 23);
     EXPECT_STREQ(sz, "1970-01-01 12:00:00.000");
+    EXPECT_EQ(CTalvorDate::FormatDate(25569.5, sz), 10);
+    EXPECT_STREQ(sz, "1970-01-01");
+    EXPECT_EQ(CTalvorDate::FormatTime(25569.5, sz), 8);
+    EXPECT_STREQ(sz, "12:00:00");
 }
 
 // Month ends of every kind are held against the server through the same
@@ -272,10 +277,14 @@ TEST(DateRules, RoundAndTruncByUnit)
 {
     struct { int m_arIn[6]; const char* m_lpszUnit; const char* m_lpszRound; const char* m_lpszTrunc; } arCases[] = {
         {{2021, 7, 16, 13, 31, 31}, "HH", "2021-07-16 14:00:00", "2021-07-16 13:00:00"},
+        {{2021, 7, 16, 23, 30, 0}, "HH24", "2021-07-17 00:00:00", "2021-07-16 23:00:00"},
         {{2021, 7, 16, 13, 29, 30}, "MI", "2021-07-16 13:30:00", "2021-07-16 13:29:00"},
         {{2021, 7, 16, 12, 0, 0}, "DD", "2021-07-17 00:00:00", "2021-07-16 00:00:00"},
+        {{2021, 7, 16, 11, 59, 59}, "dd", "2021-07-16 00:00:00", "2021-07-16 00:00:00"},
         {{2021, 7, 16, 0, 0, 0}, "MM", "2021-08-01 00:00:00", "2021-07-01 00:00:00"},
+        {{2021, 7, 15, 23, 0, 0}, "MONTH", "2021-07-01 00:00:00", "2021-07-01 00:00:00"},
         {{2021, 7, 1, 0, 0, 0}, "YYYY", "2022-01-01 00:00:00", "2021-01-01 00:00:00"},
+        {{2021, 6, 30, 0, 0, 0}, "YEAR", "2021-01-01 00:00:00", "2021-01-01 00:00:00"},
         {{2021, 8, 16, 0, 0, 0}, "Q", "2021-10-01 00:00:00", "2021-07-01 00:00:00"},
         {{2021, 8, 15, 0, 0, 0}, "Q", "2021-07-01 00:00:00", "2021-07-01 00:00:00"},
         {{2051, 1, 1, 0, 0, 0}, "CC", "2101-01-01 00:00:00", "2001-01-01 00:00:00"},
@@ -336,8 +345,10 @@ TEST(DateReference, ZonesAgainstLocaltime)
     double dDays;
     EXPECT_EQ(CTalvorDate::TZToValue("+05:30", dDays), 0);
     EXPECT_DOUBLE_EQ(dDays, 5.5 / 24);
+    EXPECT_EQ(CTalvorDate::TZToValue("-12:00", dDays), 0);
+    EXPECT_DOUBLE_EQ(dDays, -0.5);
     EXPECT_EQ(CTalvorDate::TZToValue("+13:00", dDays), 0);
-    for (const char* s : {"05:30", "+13:30", "+05:60", "+05:30x"})
+    for (const char* s : {"05:30", "+13:30", "-13:00", "+05:60", "+5", "+05:30x"})
         EXPECT_EQ(CTalvorDate::TZToValue(s, dDays), TALVOR_DATE_BAD_PARAMETER) << s;
 }
 
@@ -446,6 +457,7 @@ TEST(DateReference, ParsingByFormatAgainstStrptime)
     }
     TALVORDATEPARTS p;
     EXPECT_EQ(CTalvorDate::ParseDate("2021-02-30", "%Y-%m-%d", p), TALVOR_DATE_INVALID_DATA);
+    EXPECT_EQ(CTalvorDate::ParseDate("2021/02/03", "%Y-%m-%d", p), TALVOR_DATE_BAD_FORMAT);
     EXPECT_EQ(CTalvorDate::ParseDate("2021-02-03 junk", "%Y-%m-%d", p), TALVOR_DATE_BAD_FORMAT);
     EXPECT_EQ(CTalvorDate::ParseDate("13:00:00 PM", "%r", p), TALVOR_DATE_INVALID_DATA);
     ASSERT_EQ(CTalvorDate::ParseDate("12:30:00 AM", "%r", p), 0);
@@ -555,7 +567,8 @@ TEST(DateChecks, TimeChecksAndTimeOnlyText)
     }
     CTalvorDate parser;
     TALVORDATEPARTS r;
-    for (const char* t : {"12:60:00", "12:00:60"}) EXPECT_EQ(parser.ParseDate(t, (int)strlen(t), r), BAD) << t;
+    for (const char* t : {"23:59:59", "00:00:00.999999"}) EXPECT_EQ(parser.ParseDate(t, (int)strlen(t), r), 0) << t;
+    for (const char* t : {"24:00:00", "12:60:00", "12:00:60"}) EXPECT_EQ(parser.ParseDate(t, (int)strlen(t), r), BAD) << t;
     // A year a day number can't hold is refused after the check passes.
     TALVORDATEPARTS stFar = {10000, 1, 1, 0, 0, 0, 0, 0, 0};
     EXPECT_EQ(CTalvorDate::CheckValidDateTime(stFar, false), 0);
@@ -623,9 +636,11 @@ TEST(DateChecks, RrTokensParseAgainstTheInjectedYear)
         int m_nCurrentYear;
         int m_nYear;  // -1: 29 February does not exist in the year RR gives
     };
-    const Case arCases[] = {{"05-03-01", "RR-MM-DD", 2075, 2105}, {"98-03-01", "RR-MM-DD", 2075, 2098},
-        {"01-mar-50", "dd-mon-rr", 2049, 1950}, {"01-03-05", "DD-MM-RRRR", 1999, 2005},
-        {"01-03-0005", "DD-MM-RRRR", 2160, 5}, {"00-02-29", "RR-MM-DD", 2020, 2000},
+    const Case arCases[] = {{"05-03-01", "RR-MM-DD", 2026, 2005}, {"98-03-01", "RR-MM-DD", 2026, 1998},
+        {"05-03-01", "RR-MM-DD", 2075, 2105}, {"98-03-01", "RR-MM-DD", 2075, 2098},
+        {"01-MAR-49", "DD-MON-RR", 2050, 2149}, {"01-mar-50", "dd-mon-rr", 2049, 1950},
+        {"01-03-05", "DD-MM-RRRR", 1999, 2005}, {"01-03-0005", "DD-MM-RRRR", 2160, 5},
+        {"01-03-5", "DD-MM-RR", 2100, 2105}, {"00-02-29", "RR-MM-DD", 2020, 2000},
         {"00-02-29", "RR-MM-DD", 2060, -1}};
     for (const Case& c : arCases) {
         TALVORDATEPARTS s;

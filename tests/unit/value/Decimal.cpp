@@ -390,8 +390,9 @@ TEST(DecimalRules, TextForms)
 {
     st_VARDATA v;
     const int BAD = TALVOR_ERROR_DECIMAL_INVALID;
-    struct { const char* m_lpszText; int m_nResult; } arNull[] = {{" na ", 0},
-        {"null", TALVOR_ERROR_DECIMAL_LOAD}, {"", BAD}, {".", BAD}, {"12a", BAD}, {"1e1234", BAD}, {"0xZ", BAD}};
+    struct { const char* m_lpszText; int m_nResult; } arNull[] = {{"NaN", 0}, {" na ", 0},
+        {"null", TALVOR_ERROR_DECIMAL_LOAD}, {"", BAD}, {"-", BAD}, {".", BAD}, {"12a", BAD}, {"1e", BAD},
+        {"1e1234", BAD}, {"1.2.3", BAD}, {"e5", BAD}, {"0xZ", BAD}};
     for (const auto& c : arNull) {
         EXPECT_EQ(CTalvorDecimal::Convert2Decimal(c.m_lpszText, &v), c.m_nResult) << c.m_lpszText;
         EXPECT_EQ(v.m_vt, TALVOR_VT_NULL) << c.m_lpszText;
@@ -489,6 +490,8 @@ TEST(DecimalRules, InPlaceFormsAndHexadecimal)
     v = Parse("1.25");
     EXPECT_EQ(CTalvorDecimal::Add(&v, -200), 0);
     EXPECT_EQ(Print(v), "-0.75");
+    EXPECT_EQ(CTalvorDecimal::Add(&v, 75), 0);
+    EXPECT_TRUE(CTalvorDecimal::IsZero(&v));
     v = Parse(std::string(36, '9'));
     EXPECT_EQ(CTalvorDecimal::Add(&v, 1), TALVOR_ERROR_DECIMAL_PRECISION);
     EXPECT_EQ(v.m_vt, TALVOR_VT_NULL);

@@ -187,7 +187,11 @@ TEST(FunDate, ToCharAndToDateRoundTripAndTakeTheirDefaults)
         ASSERT_EQ(CBaseFunManager::ToChar(&pool, vText, vDay, vPicture), 0);
         EXPECT_EQ(Show(vDay), strFull.substr(8, 2) + "/" + strFull.substr(5, 2) + "/" + strFull.substr(0, 4));
     }
-    VARDATA r = Null();
+    VARDATA vDate = Null(), r = Null(), vEmpty = Text(pool, "");
+    vDate.m_vt = TALVOR_VT_DATE;
+    vDate.m_stDate = TALVORDATE{15, 3, 2021};
+    ASSERT_EQ(CBaseFunManager::ToChar(&pool, vDate, r, vEmpty), 0);
+    EXPECT_EQ(Show(r), "2021-03-15");
     // A number by a format of digits; a second point has no answer.
     VARDATA vNumber = Dbl(3.14159), vTwo = Text(pool, "999.99"), vBad = Text(pool, "9.9.9");
     ASSERT_EQ(CBaseFunManager::ToChar(&pool, vNumber, r, vTwo), 0);
@@ -223,8 +227,10 @@ TEST(FunDate, NullInGivesNullOut)
     VARDATA a = Null(), b = Text(pool, "2021-03-15");
     ExpectNullResult([&](VARDATA& x) { return F::DateFuntion(&pool, a, x, 146); }, "YEAR");
     ExpectNullResult([&](VARDATA& x) { return F::Extract(&pool, 10, a, x); }, "EXTRACT");
+    ExpectNullResult([&](VARDATA& x) { return F::ToChar(&pool, b, x, a); }, "TO_CHAR");
     ExpectNullResult([&](VARDATA& x) { return F::AddSubDate(&pool, a, b, x, TRUE); }, "DATE_ADD");
     ExpectNullResult([&](VARDATA& x) { return F::TimeStampDiff(&pool, 8, a, b, x); }, "TIMESTAMPDIFF");
+    ExpectNullResult([&](VARDATA& x) { return F::MakeTime(&pool, b, a, b, x); }, "MAKETIME");
 }
 
 // Date arithmetic against Debian's MariaDB on generated dates and amounts:
@@ -470,6 +476,7 @@ TEST(FunDateArith, KeywordIdsOfUnitsNameTheIntervalTypes)
         EXPECT_EQ(Show(r1), Show(r2)) << unit.lpszName;
     }
     VARDATA r = Null(), vOne = Int(1);
+    EXPECT_EQ(CBaseFunManager::TimeStampAdd(&pool, 431, vOne, a, r), TALVOR_DATE_BAD_INTERVAL);
     EXPECT_EQ(CBaseFunManager::Interval2(&pool, vOne, 0, r), TALVOR_DATE_BAD_INTERVAL);
     // A bad amount of an interval is the date library's code, not a guess.
     VARDATA vBad = Text(pool, "x:y"), vInterval = Null();

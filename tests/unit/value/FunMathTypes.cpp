@@ -525,15 +525,21 @@ TEST(FunMath, OwnRulesRoundDatesByUnitAndRefuseWhatTheyMust)
     VARDATA r = Null();
     // Counts within the digits, and a round up past the largest integer,
     // are held against the server; past the digits the count is cut first.
+    EXPECT_EQ(CBaseFunManager::Round(1234LL, -5, r), 0);
+    EXPECT_EQ(Show(r), "0");
     EXPECT_EQ(CBaseFunManager::Round(5678, -5, r), 0);
     EXPECT_EQ(Show(r), "10000");
     EXPECT_EQ(CBaseFunManager::Round(LLONG_MIN, -19, r), 0);
     EXPECT_EQ(Show(r), "-10000000000000000000");
 
-    // Every unit is in the date library's own test; here the member on a date.
+    // Every unit is in the date library's own test; here the member on a
+    // date and on text.
     VARDATA vUnit = Text(pool, "MM"), vDate = DateTime(pool, "2021-03-16 10:00:00");
+    VARDATA vText = Text(pool, "2021-03-16 10:00:00");
     EXPECT_EQ(CBaseFunManager::Round(&pool, vDate, vUnit, r), 0);
     EXPECT_EQ(Show(r), "2021-04-01 00:00:00");
+    EXPECT_EQ(CBaseFunManager::Round(&pool, vText, vUnit, r), 0);
+    EXPECT_EQ(Show(r), "2021-04-01 00:00:00") << "text";
     EXPECT_EQ(CBaseFunManager::Trunc(&pool, vDate, vUnit, r), 0);
     EXPECT_EQ(Show(r), "2021-03-01 00:00:00");
     // Without a unit a date rounds to its day.
@@ -556,7 +562,14 @@ TEST(FunMath, OwnRulesRoundDatesByUnitAndRefuseWhatTheyMust)
     EXPECT_DOUBLE_EQ(Val(r.m_dblValue), M_PI / 2);
     EXPECT_EQ(CBaseFunManager::MathFuntion(&pool, vTooFar, r, 23), 0);
     EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
-    VARDATA vHalf = Dbl(0.5);
+    // The keyword ids of SIN .. DEGREES name the same functions.
+    VARDATA vHalf = Dbl(0.5), r2 = Null();
+    for (int i = 0; i < 8; ++i) {
+        if (i == 5) continue;
+        ASSERT_EQ(CBaseFunManager::MathFuntion(&pool, vHalf, r, 20 + i), 0);
+        ASSERT_EQ(CBaseFunManager::MathFuntion(&pool, vHalf, r2, 594 + i), 0);
+        EXPECT_EQ(Val(r.m_dblValue), Val(r2.m_dblValue)) << i;
+    }
     EXPECT_EQ(CBaseFunManager::MathFuntion(&pool, vHalf, r, 28), TALVOR_FUN_BAD_FUNCTION);
 }
 

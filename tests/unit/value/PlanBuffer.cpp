@@ -175,6 +175,8 @@ TEST(PlanBufferLayout, MainBufferSizesAndEmptyRequests)
     EXPECT_EQ(nullptr, bson.ConvertOffset2Addr(0));
 
     ASSERT_EQ(0, bson.AllocFromBsonBuffer(65424, nAddr, p));
+    EXPECT_EQ(0x20000u - BSON_FRONT_ROOM, bson.m_nBsonBufferSize);
+    EXPECT_EQ(bson.m_lpBuf + BSON_FRONT_ROOM, bson.m_lpBuffer);
     EXPECT_EQ(nullptr, bson.ConvertOffset2Addr(0));
     EXPECT_EQ(bson.m_lpBuffer + 5, bson.ConvertOffset2Addr(5));
     EXPECT_EQ(nullptr, bson.ConvertOffset2Addr(bson.m_nBsonBufferSize)) << "past the buffer";
@@ -474,6 +476,9 @@ TEST(PlanBufferReset, ABuildAfterResetGivesTheSameIdsWithoutNewMemory)
     ExpectAllLive(bson, base.m_written);
 
     bson.Free();
+    EXPECT_EQ(bson.m_lpBsonMetaSpace, bson.m_lpBsonMetaBuf);
+    EXPECT_EQ(BSON_META_LINK, bson.m_nBsonMetaPos);
+    EXPECT_EQ(0u, bson.m_nBufferSectionNum);
     EXPECT_EQ(BSON_BAD_PARAMETER, bson.ResetOriginState()) << "Free forgets the state";
 }
 

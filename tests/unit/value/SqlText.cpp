@@ -141,7 +141,7 @@ TEST(SqlTitle, QuotedPlainAndTokens) {
 
     // Words, keywords included, are titles; tokens of the no-word classes
     // are copied but answer 0.
-    EXPECT_EQ(Cut("total", FALSE).m_nResult, TALVOR_NAME_PLAIN);
+    EXPECT_EQ(Cut("from", FALSE).m_nResult, TALVOR_NAME_PLAIN);
     EXPECT_EQ(Cut("42", FALSE).m_nResult, TALVOR_NAME_PLAIN);
     for (const char* s : {"(", ",", "<=", "=", "*", "?", "@", "NULL"}) {
         CTalvorKeywordParse* pParse = CTalvorKeywordParse::instance();
@@ -175,6 +175,7 @@ TEST(ObjectNames, QuotingCaseAndLimits) {
     EXPECT_EQ(Name("`lower`").m_strOut, "LOWER");
     EXPECT_EQ(Name("t_1#$").m_nResult, TALVOR_NAME_PLAIN);
     EXPECT_EQ(Name("t_1#$").m_strOut, "T_1#$");
+    EXPECT_EQ(Name("#tmp").m_nResult, TALVOR_NAME_PLAIN);
     EXPECT_EQ(Name("1abc").m_nResult, TALVOR_NAME_BAD);
     EXPECT_EQ(Name("a-b").m_nResult, TALVOR_NAME_BAD);
     EXPECT_EQ(Name("\"\"").m_nResult, TALVOR_NAME_BAD);

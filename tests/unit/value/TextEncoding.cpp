@@ -97,6 +97,7 @@ TEST(CodePoints, StrayAndMalformedForms) {
     // cuts a sequence, so nothing past it is read.
     EXPECT_EQ(TalvorGetUnicode("\x80"), 0x80u);
     EXPECT_EQ(TalvorGetUnicode("\xE4\xB8"), 0xE4u);
+    EXPECT_EQ(TalvorGetUnicode("\xFF"), 0xFFu);
     // The 6-byte form decodes.
     EXPECT_EQ(TalvorGetUnicode("\xFD\xBF\xBF\xBF\xBF\xBF"), 0x7FFFFFFFu);
     wchar_t arUnits[2];
@@ -201,6 +202,9 @@ TEST(MySqlEscape, EscapesExactlyTheNamedBytes) {
             ASSERT_EQ(szOut[0], (char)c);
         }
     }
+    char szOut[32];
+    EXPECT_EQ(ConvertMySQLVarchar("it's a\\b", szOut), 10);
+    EXPECT_STREQ(szOut, "it\\'s a\\\\b");
 }
 
 TEST(BinaryText, LengthThenAtMost32Bytes) {
@@ -238,9 +242,11 @@ TEST(Classification, ByTheOrderOfTheCharacterSet) {
     }
     // A GBK column tries GBK first: the UTF-8 text "é中" happens to be
     // valid GBK too (C3 A9, E4 B8, then AD and a missing second byte is not).
+    EXPECT_EQ(GetCharacterCodetype(28, strAscii.data(), (int)strAscii.size()), TALVOR_TEXT_ASCII);
     EXPECT_EQ(GetCharacterCodetype(28, strGbk.data(), (int)strGbk.size()), TALVOR_TEXT_DOUBLE_BYTE);
     EXPECT_EQ(GetCharacterCodetype(28, "\xC3\xA9\xE4\xB8", 4), TALVOR_TEXT_DOUBLE_BYTE);
     EXPECT_EQ(GetCharacterCodetype(28, strUtf8.data(), (int)strUtf8.size()), TALVOR_TEXT_UTF8);
+    EXPECT_EQ(GetCharacterCodetype(28, strNeither.data(), 2), TALVOR_TEXT_UNKNOWN);
     // Every text iconv accepts as GB18030 and refuses as UTF-8 is classed
     // double-byte under a UTF-8 set.
     std::mt19937 rng(11);

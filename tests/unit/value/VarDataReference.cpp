@@ -651,6 +651,10 @@ TEST(VarDataNumberFunctions, PowerSqrtTruncAvg)
     b.SetData(1.0 / 3);
     v.Power(b);
     EXPECT_EQ(Val(v.m_vt), TALVOR_VT_NULL) << "no real root";
+    v.SetData(1e200);
+    b.SetData(2LL);
+    v.Power(b);
+    EXPECT_EQ(Val(v.m_vt), TALVOR_VT_NULL) << "past the double range";
     v.SetData(2.25);
     v.Sqrt();
     EXPECT_EQ(Val(v.m_dblValue), 1.5);
@@ -667,6 +671,9 @@ TEST(VarDataNumberFunctions, PowerSqrtTruncAvg)
     v.SetData(98765LL);
     v.Trunc(-2);
     EXPECT_EQ(Val(v.m_llValue), 98700);
+    v.SetData(-2.789);
+    v.Trunc(1);
+    EXPECT_DOUBLE_EQ(Val(v.m_dblValue), -2.7);
 
     // A sum and its count give the average; a count of 0 gives NULL.
     v.SetData(10LL);

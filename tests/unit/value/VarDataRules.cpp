@@ -158,6 +158,7 @@ TEST(VarDataArith, RulesOfTheTypedValue)
         const char* m_szText;
     };
     const Row arRows[] = {
+        {"1.5 / 0.0", Dec("1.5") / Dbl(0.0), TALVOR_VT_NULL, "NULL"},
         {"1 / 0.000", Int(1) / Dec("0.000"), TALVOR_VT_NULL, "NULL"},
         {"'abc' * 2: hexadecimal digits without 0x are no number", Txt("abc") * Int(2), TALVOR_VT_BIGINT, "0"},
         {"'12ab' * 2", Txt("12ab") * Int(2), TALVOR_VT_DOUBLE, "24"},
@@ -336,16 +337,20 @@ TEST(VarDataLogic, ThreeValued)
     EXPECT_EQ(n.IsTrue(), TALVOR_UNKNOWN);
     EXPECT_EQ(Of(TALVOR_VT_MARK_TRUE).IsTrue(), TALVOR_TRUE);
     EXPECT_EQ(Dbl(1e-9).IsTrue(), TALVOR_FALSE);
+    EXPECT_EQ(Dbl(-1e-7).IsTrue(), TALVOR_TRUE);
+    EXPECT_EQ(Dec("0.000").IsTrue(), TALVOR_FALSE);
     EXPECT_EQ(Dec("0.001").IsTrue(), TALVOR_TRUE);
     EXPECT_EQ(Txt("").IsTrue(), TALVOR_FALSE);
     EXPECT_EQ(Txt("0").IsTrue(), TALVOR_TRUE) << "text by its length";
     EXPECT_EQ(n && f, TALVOR_FALSE) << "false decides";
+    EXPECT_EQ(f && n, TALVOR_FALSE);
     EXPECT_EQ(n && t, TALVOR_UNKNOWN);
     EXPECT_EQ(t && t, TALVOR_TRUE);
     EXPECT_EQ(n || t, TALVOR_TRUE) << "true decides";
     EXPECT_EQ(n || f, TALVOR_UNKNOWN);
     EXPECT_EQ(f || f, TALVOR_FALSE);
     EXPECT_EQ(!n, TALVOR_UNKNOWN);
+    EXPECT_EQ(!t, TALVOR_FALSE);
     EXPECT_EQ(!f, TALVOR_TRUE);
 }
 
@@ -367,13 +372,16 @@ TEST(VarDataConvert, ChangeTypeByTarget)
         {"integer to date as days", Int(25569), TALVOR_VT_DATE, 0, TALVOR_VT_DATE, "1970-01-01"},
         {"decimal to date", Dec("25569.9"), TALVOR_VT_DATE, 0, TALVOR_VT_DATE, "1970-01-01"},
         {"date to text", d, TALVOR_VT_TEXT, 0, TALVOR_VT_TEXT, "2000-02-29"},
+        {"datetime to text", dt, TALVOR_VT_VARTEXT, 0, TALVOR_VT_VARTEXT, "1970-01-01 18:00:00"},
         {"datetime to time", dt, TALVOR_VT_TIME, 0, TALVOR_VT_TIME, "18:00:00"},
         {"text to time", Txt("-1 02:03:04"), TALVOR_VT_TIME, 0, TALVOR_VT_TIME, "-26:03:04"},
+        {"double to text cuts zeros", Dbl(2.5), TALVOR_VT_TEXT, 0, TALVOR_VT_TEXT, "2.5"},
         {"double to int cuts", Dbl(-2.9), TALVOR_VT_INT, 0, TALVOR_VT_INT, "-2"},
         {"double to int saturates", Dbl(1e12), TALVOR_VT_INT, 0, TALVOR_VT_INT, "2147483647"},
         {"decimal to int rounds", Dec("-2.5"), TALVOR_VT_BIGINT, 0, TALVOR_VT_BIGINT, "-3"},
         {"text to decimal", Txt("12.340"), TALVOR_VT_DECIMAL, 0, TALVOR_VT_DECIMAL, "12.340"},
         {"bad text to decimal is NULL", Txt("N/A"), TALVOR_VT_DECIMAL, 0, TALVOR_VT_NULL, "NULL"},
+        {"int to decimal", Int(-42), TALVOR_VT_DECIMAL, 0, TALVOR_VT_DECIMAL, "-42"},
         {"date to int is its day", d, TALVOR_VT_BIGINT, 0, TALVOR_VT_BIGINT, "36585"},
         {"hex literal to int", Txt("x"), TALVOR_VT_INT, 0, TALVOR_VT_INT, "0"},
         {"text to binary refused", Txt("ab"), TALVOR_VT_BINARY, TALVOR_VARDATA_TYPE_ERROR, TALVOR_VT_TEXT, "ab"},
