@@ -208,6 +208,7 @@ TEST(JsonValidity, RulesOfBothSets) {
         {"[1,]", true, false},                   // trailing comma
         {"[01]", true, false},                   // leading zero
         {"[\"a\tb\"]", false, false},            // raw tab in a string
+        {"[\"a\nb\"]", false, false},            // raw LF
         {"[\"a\x01b\"]", true, false},           // other control byte: strict only
         {"[\"\\q\"]", false, false},             // unknown escape
         {"[\"\\u0041\"]", false, false},         // \u is outside the escape set

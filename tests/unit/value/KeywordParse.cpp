@@ -162,6 +162,7 @@ TEST(KeywordClasses, OperatorsLiteralsNumbersAndQuotes)
 
     EXPECT_EQ(ClassOf(""), TALVOR_TOKEN_EMPTY);
     EXPECT_EQ(CTalvorKeywordParse::instance()->GetKeyword("x", -3, nullptr, FALSE), TALVOR_TOKEN_EMPTY);
+    EXPECT_EQ(ClassOf("''"), TALVOR_TOKEN_EMPTY);
     EXPECT_EQ(ClassOf("\"\""), TALVOR_TOKEN_EMPTY);
     EXPECT_EQ(ClassOf("\"\"", TRUE), TALVOR_TOKEN_IDENTIFIER);
     EXPECT_EQ(ClassOf("7a"), TALVOR_TOKEN_INTEGER);
