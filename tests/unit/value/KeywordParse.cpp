@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -61,7 +62,13 @@ std::string Upper(std::string s)
 TEST(KeywordLookup, EveryKeywordInAnyCaseAndWrittenBackInUpperCase)
 {
     std::mt19937 rng(61);
-    for (const auto& kv : ReferenceTable()) {
+    std::unordered_map<std::string, int> table = ReferenceTable();
+    int nRows = 0;
+    for (LPTALVORKEYWORDDATA pRow = CTalvorKeywordParse::GetKeywordTable(); pRow->m_nKeyworkID != 0; ++pRow) ++nRows;
+    EXPECT_EQ(nRows, (int)table.size()) << "names are unique";
+    std::set<int> ids;
+    for (const auto& kv : table) {
+        ASSERT_TRUE(ids.insert(kv.second).second) << "a second word with the id of " << kv.first;
         std::string mixed = kv.first;
         for (char& c : mixed) {
             if (c >= 'A' && c <= 'Z' && rng() % 2) c = (char)(c + 32);
