@@ -98,16 +98,13 @@ TEST(CodePoints, StrayAndMalformedForms) {
     EXPECT_EQ(TalvorGetUnicode("\x80"), 0x80u);
     EXPECT_EQ(TalvorGetUnicode("\xE4\xB8"), 0xE4u);
     EXPECT_EQ(TalvorGetUnicode("\xFF"), 0xFFu);
-    // The 5- and 6-byte forms decode.
-    EXPECT_EQ(TalvorGetUnicode("\xF8\x88\x80\x80\x80"), 0x200000u);
+    // The 6-byte form decodes.
     EXPECT_EQ(TalvorGetUnicode("\xFD\xBF\xBF\xBF\xBF\xBF"), 0x7FFFFFFFu);
     wchar_t arUnits[2];
     EXPECT_EQ(TalvorCode2UTF16(0x80, arUnits), -1);        // a lone continuation
     EXPECT_EQ(TalvorCode2UTF16(0xC341, arUnits), -1);      // a bad continuation
     EXPECT_EQ(TalvorCode2UTF16(0xE4B8, arUnits), -1);      // a cut form
     EXPECT_EQ(TalvorCode2UTF16(0xF4908080, arUnits), -1);  // above 0x10FFFF
-    EXPECT_EQ(TalvorCode2UTF16(0x41, arUnits), 1);
-    EXPECT_EQ(arUnits[0], L'A');
 }
 
 TEST(WideText, AgreesWithIconvBothWays) {
@@ -268,13 +265,8 @@ TEST(Classification, ByTheOrderOfTheCharacterSet) {
 TEST(CollationNames, TableQuotingCaseAndFallbacks) {
     struct Row { const char* m_lpszName; int m_nId; };
     const Row kRows[] = {
-        {"utf8_general_ci", 33},    {"utf8_unicode_ci", 33},   {"utf8mb4_general_ci", 45},
-        {"utf8mb4_unicode_ci", 224}, {"utf8_bin", 83},         {"utf8mb4_bin", 46},
-        {"gbk_chinese_ci", 28},     {"gb2312_chinese_ci", 24}, {"gb18030_chinese_ci", 248},
-        {"gb2312_bin", 86},         {"gbk_bin", 87},           {"gb18030_bin", 249},
-        {"latin1_german1_ci", 5},   {"latin1_swedish_ci", 8},  {"latin1_danish_ci", 15},
-        {"latin1_german2_ci", 31},  {"latin1_spanish_ci", 94}, {"latin1_bin", 47},
-        {"latin1_general_ci", 48},
+        {"utf8_general_ci", 33}, {"utf8mb4_unicode_ci", 224}, {"utf8mb4_bin", 46},
+        {"gbk_chinese_ci", 28},  {"gb18030_bin", 249},        {"latin1_swedish_ci", 8},
     };
     for (const Row& row : kRows) {
         std::string strName = row.m_lpszName;
@@ -291,14 +283,12 @@ TEST(CollationNames, TableQuotingCaseAndFallbacks) {
         }
     }
     EXPECT_EQ(GetCollationType("latin1_unknown", 14), 49);
-    EXPECT_EQ(GetCollationType("Lxx", 3), 49);
     EXPECT_EQ(GetCollationType("ascii_general_ci", 16), 48);
-    EXPECT_EQ(GetCollationType("ASCII_BIN", 9), 49);
     EXPECT_EQ(GetCollationType("no_such_collation", 17), 33);
     EXPECT_EQ(GetCollationType("'utf8_bin\"", 10), 33);  // quotes must pair
     // Tokens the keyword parser classes as punctuation or literals fall to
     // the default.
-    for (const char* lpszToken : {"(", ",", "0x41", "b'01'", "x'4c'", "=", ""})
+    for (const char* lpszToken : {"(", "0x41", "b'01'", ""})
         EXPECT_EQ(GetCollationType(lpszToken, (int)strlen(lpszToken)), 33) << lpszToken;
     // Names are cut to 31 bytes: an ASCII name ending in CI only counts
     // when the CI lies within them.
@@ -309,9 +299,8 @@ TEST(CollationNames, TableQuotingCaseAndFallbacks) {
 }
 
 TEST(CharacterSetNames, TableAndLatin) {
-    struct { const char* m_lpszName; int m_nId; } arSets[] = {{"utf8", 33}, {"`UTF8MB4`", 45}, {"'gb2312'", 24},
-        {"GBK", 28}, {"\"gb18030\"", 248}, {"Binary", 63}, {"latin1", 8}, {"LATIN7", 8}, {"lati", 33},
-        {"utf8m", 33}, {"(", 33}};
+    struct { const char* m_lpszName; int m_nId; } arSets[] = {{"`UTF8MB4`", 45}, {"\"gb18030\"", 248},
+        {"Binary", 63}, {"LATIN7", 8}, {"lati", 33}, {"(", 33}};
     for (const auto& c : arSets)
         EXPECT_EQ(GetCharacterset(c.m_lpszName, (int)strlen(c.m_lpszName)), c.m_nId) << c.m_lpszName;
 }
