@@ -73,12 +73,11 @@ public:
     LPFILEINFO m_ar[256] = {nullptr};
 };
 
-// One message the node took, with where the progress stood as it came.
+// One message the node took.
 struct Taken {
     MF_SERVICE_TCP_COMMAND m_stHead;
     MF_CLUSTER_FILETRANSFER m_stParam;
     std::string m_strPayload;
-    int m_nPos;
 };
 
 // The joining node: answers as a node must (one reply for each message
@@ -87,7 +86,7 @@ struct Taken {
 // a pause.
 class FakeNode {
 public:
-    explicit FakeNode(LPTALVORPROGRESS lpProgress, bool bForeign = false) : m_lpProgress(lpProgress), m_bForeign(bForeign)
+    explicit FakeNode(bool bForeign = false) : m_bForeign(bForeign)
     {
         m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         struct sockaddr_in sa = {};
@@ -157,7 +156,6 @@ private:
         for (;;) {
             Taken t;
             if (sk < 0 || !RecvAll(sk, &t.m_stHead, sizeof(t.m_stHead))) break;
-            t.m_nPos = m_lpProgress != nullptr ? TalvorLoadShared(&m_lpProgress->m_nPos) : -1;
             memcpy(&t.m_stParam, t.m_stHead.m_lpszParam, sizeof(t.m_stParam));
             t.m_strPayload.resize(t.m_stHead.m_lDataLength);
             if (!t.m_strPayload.empty() && !RecvAll(sk, &t.m_strPayload[0], t.m_strPayload.size())) break;
@@ -183,7 +181,6 @@ private:
         }
         if (sk >= 0) close(sk);
     }
-    LPTALVORPROGRESS m_lpProgress;
     bool m_bForeign;
     int m_fd = -1;
     int m_nPort = 0;
@@ -226,7 +223,7 @@ protected:
     std::vector<Taken> SendFile(BYTE bFileNo, long long nSize, long long nUsed, const char* lpPath, bool bForeign,
                                 std::string* pstrData = nullptr)
     {
-        FakeNode node(&m_stProgress, bForeign);
+        FakeNode node(bForeign);
         FakeFile file(nSize, nUsed);
         stu_FILEINFO st = MakeInfo(bFileNo, &file, nSize, lpPath);
         int sk = Connect(node);
@@ -271,7 +268,6 @@ TEST_F(JoinSender, AFileOfAnExactMultipleOfTheBufferEndsWithAFullLastPieceAndArr
     std::string strData;
     std::vector<Taken> v = SendFile(3, nUsed + MIB, nUsed, "/db/Data3.dbf", false, &strData);
     EXPECT_EQ(nUsed + MIB, m_nTotal);
-    EXPECT_EQ((int)((nUsed + MIB) >> 20), m_stProgress.m_nPos);
     ASSERT_EQ(4u, v.size());
     MF_MASTERSLAVE_FILEINFO stInfo;
     memcpy(&stInfo, v[1].m_strPayload.data(), sizeof(stInfo));
@@ -299,42 +295,18 @@ TEST_F(JoinSender, ForeignRepliesWithPayloadsAreReadOffAndTheWaitGoesOn)
     EXPECT_TRUE(v[2].m_strPayload == strData.substr(0, 5000));
 }
 
-TEST_F(JoinSender, AJoinOfNoFilesTotalsOneHundredAndItsStepsStandAtSixtyAndSeventy)
+TEST_F(JoinSender, AJoinOfNoFilesAsksClearReloadAndRestoreAtTheBackupsTimestamp)
 {
-    FakeNode node(&m_stProgress);
+    FakeNode node;
     EXPECT_EQ(0, CTalvorClusterFiletransfer::ClusterAddNewNode(nullptr, &m_source, &m_stProgress, 0x7F000001,
                                                                0x7F000001, node.Port(), 77, FALSE, 0, 0));
-    EXPECT_EQ(100, m_stProgress.m_nTotal);
-    EXPECT_EQ(100, m_stProgress.m_nPos);
-    EXPECT_STREQ("Slave node has been restored...", m_stProgress.m_lpTitle);
     std::vector<Taken> v = node.Messages();
-    // Each message that waits for its reply holds the sender at its step;
-    // the hello waits for none, so where the progress stood as it came is
-    // not fixed.
-    ASSERT_FALSE(v.empty());
-    EXPECT_EQ(NODEMSG_HELLO, v[0].m_stHead.m_bType);
-    std::vector<std::pair<int, int>> vSteps;
-    for (size_t i = 1; i < v.size(); i++) vSteps.push_back({v[i].m_stHead.m_bType, v[i].m_nPos});
-    EXPECT_EQ((std::vector<std::pair<int, int>>{{NODEMSG_SLAVE_CLEAR, 10},
-                                                 {NODEMSG_SLAVE_RELOAD, 60},
-                                                 {NODEMSG_SLAVE_RESTORE, 70}}),
-              vSteps);
+    std::vector<int> vTypes;
+    for (const Taken& t : v) vTypes.push_back(t.m_stHead.m_bType);
+    EXPECT_EQ((std::vector<int>{NODEMSG_HELLO, NODEMSG_SLAVE_CLEAR, NODEMSG_SLAVE_RELOAD, NODEMSG_SLAVE_RESTORE}),
+              vTypes);
     MF_CLUSTER_COMMAND stRestore;
     memcpy(&stRestore, v.back().m_stHead.m_lpszParam, sizeof(stRestore));
     EXPECT_EQ(77, Val(stRestore.m_nTimestamp));
     EXPECT_EQ(0x7F000001u, Val(stRestore.m_ulIP));
-}
-
-TEST(JoinTitle, APathLongerThan124ShowsAsItsLast120Characters)
-{
-    TALVORPROGRESS st = {};
-    std::string strLong = "/" + std::string(150, 'd') + "/Tail.dbf";
-    JoinSetTitle(&st, strLong.c_str());
-    EXPECT_EQ(strLong.substr(strLong.size() - 120), std::string(st.m_lpTitle));
-    std::string str124(124, 'p');
-    JoinSetTitle(&st, str124.c_str());
-    EXPECT_EQ(str124, std::string(st.m_lpTitle));
-    std::string str125(125, 'q');
-    JoinSetTitle(&st, str125.c_str());
-    EXPECT_EQ(120u, strlen(st.m_lpTitle));
 }
