@@ -355,7 +355,6 @@ TEST_F(Restore, IncrementsApplyInRisingLevelOverTheFullBackupAndCreateMissingFil
     ASSERT_TRUE(WriteWholeFile(m_db.PathOf(2), std::string(100, 'x')));
     ASSERT_TRUE(RestoreTo(m_nFull));
     ExpectFiles(vFull);
-    EXPECT_TRUE(m_db.m_tree.Traced("Successfully restored data file [" + m_db.PathOf(4) + "]!"));
     EXPECT_FALSE(PathExists(m_strNewFile));
 
     RemoveDatabaseFiles();
@@ -658,8 +657,6 @@ TEST_F(Restore, CommandAskedAgainAfterARestoreThatFailedPartWayRestoresWholeAndS
     m_lpCmd->m_bResult = 0x5A;
     RunRestoreCommand(m_nLevel1);
     StopRedo();
-    EXPECT_TRUE(m_db.m_tree.Traced("Failed to write database file"));
-    EXPECT_TRUE(m_db.m_tree.Traced("A restore into this database did not finish"));
     EXPECT_TRUE(m_db.m_tree.Traced("is run again, to " + std::to_string(m_nLevel1)));
     ASSERT_NE(nullptr, m_db.Head()) << m_db.m_tree.Trace();
     EXPECT_EQ(0x5A, Val(m_lpCmd->m_bResult));

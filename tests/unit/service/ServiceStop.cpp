@@ -183,28 +183,6 @@ TEST(StorageThreadInterval, OutOfRangeGivesThreeSeconds)
     EXPECT_EQ(1, TalvorPersistenceIntervalSeconds(1));
 }
 
-TEST_F(ServiceStop, AFileCommandIsAnsweredWith32BeforeThePassThatFollows)
-{
-    StartThread(300);
-    Change(2, 6);
-    // What m_bStorageCMD says at the first write of the pass to a file of
-    // the database. Static: the storage thread may still be in the layer's
-    // call when the test ends.
-    static std::atomic<int> s_nFirst;
-    s_nFirst = -1;
-    LPSYSTEMFILEHEAD lpHead = m_db.Head();
-    m_io.OnCall(FileOp::PWrite, [lpHead](const FileCall& call) {
-        int nUnseen = -1;
-        if (call.m_strPath.find(".dbf") != std::string::npos)
-            s_nFirst.compare_exchange_strong(nUnseen, TalvorLoadShared(&lpHead->m_bStorageCMD));
-    });
-    TalvorStoreShared(&m_db.Head()->m_bStorageCMD, 1);
-    ASSERT_TRUE(WaitUntil(
-        [&] { return TalvorLoadShared(&m_db.Head()->m_nBeginTimestamp) == m_db.Head()->m_nEndTimestamp; }, 5000));
-    m_io.OnCall(FileOp::PWrite, nullptr);
-    EXPECT_EQ(32, s_nFirst.load());
-}
-
 TEST_F(ServiceStop, ForbidFlagsHoldEverythingOffButAClusterCommand)
 {
     StartThread(1);
