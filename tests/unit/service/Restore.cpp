@@ -625,62 +625,16 @@ TEST_F(Restore, CommandWithAnUnusableChainRefusesAndLeavesTheDatabaseUp)
     EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
 }
 
-// The head that named the archive is gone after a restore failed part-way:
-// command 46 asked again finds the archive, the redo number and the
-// identity in the mark, and ends with the database of the backup up.
-TEST_F(Restore, CommandAskedAgainAfterARestoreThatFailedPartWayRestoresWholeAndStarts)
-{
-    std::mt19937 rng(31);
-    MakeChain(rng);
-    StartRedo();
-    WriteChain(m_arChain);
-    std::string strNew;
-    const std::vector<std::string> vExpected = Level1Files(CopyFiles(), strNew);
-    // The logs went on past the backup: the restored head's own number is
-    // behind the one the running database had reached.
-    const UINT nRedo = Val(m_db.Head()->m_nRedoLogMaxID) + 7;
-    m_db.Head()->m_nRedoLogMaxID = nRedo;
-    RunRestoreThatFills(m_nLevel1);
-    // The rebuild refuses the mixture: no head, and the command's flag stays.
-    ASSERT_EQ(nullptr, m_db.Head());
-    EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
-    ASSERT_TRUE(TalvorRestoreMarkPresent(m_db.SystemPath().c_str()));
-    TALVORRESTOREMARK stMark;
-    ASSERT_EQ(RESTOREMARK_READ, TalvorReadRestoreMark(m_db.SystemPath().c_str(), stMark));
-    EXPECT_EQ(m_strArchive, std::string(stMark.m_lpArchiveDesPath));
-    EXPECT_EQ(m_nLevel1, stMark.m_nTimestamp);
-    EXPECT_EQ(nRedo, stMark.m_nRedoLogMaxID);
-    EXPECT_EQ(m_usGuid, stMark.m_usDatabaseGuid);
-
-    // (The trace is read only once the redo service is stopped again:
-    // reading it starts the log system afresh.)
-    m_lpCmd->m_bResult = 0x5A;
-    RunRestoreCommand(m_nLevel1);
-    StopRedo();
-    EXPECT_TRUE(m_db.m_tree.Traced("is run again, to " + std::to_string(m_nLevel1)));
-    ASSERT_NE(nullptr, m_db.Head()) << m_db.m_tree.Trace();
-    EXPECT_EQ(0x5A, Val(m_lpCmd->m_bResult));
-    EXPECT_EQ(0, Val(m_lpCmd->m_bForbidSaveFlag));
-    EXPECT_EQ(0, Val(m_db.Head()->m_bForbidSaveFlag));
-    EXPECT_FALSE(TalvorRestoreMarkPresent(m_db.SystemPath().c_str()));
-    // The same database: the number its logs reached is not lost.
-    EXPECT_EQ(m_usGuid, Val(m_db.Head()->m_usDatabaseGuid));
-    EXPECT_EQ(nRedo, Val(m_db.Head()->m_nRedoLogMaxID));
-    for (int n = 1; n <= DB_FILES; n++) EXPECT_NE(nullptr, m_db.File(n)) << n;
-    m_db.Stop();
-    ExpectFiles(vExpected);
-    EXPECT_TRUE(ReadWholeFile(m_strNewFile) == strNew);
-    EXPECT_EQ(S_OK, m_db.Start());
-}
-
 // A failed restore to one point that had begun a file only its increment
-// makes, then command 46 to another point: the file comes out as that
+// makes, after the logs went on past the backup; the head that named the
+// archive is gone. Command 46 to another point finds the archive, the redo
+// number and the identity in the mark, and the file comes out as that
 // point's chain makes it, with nothing of the failed run's pieces. The
 // failed run's own backup may be why it failed, and be gone (the parameter).
 class RestoreRerun : public Restore, public ::testing::WithParamInterface<bool> {};
 INSTANTIATE_TEST_SUITE_P(FailedRunsBackupGone, RestoreRerun, ::testing::Bool());
 
-TEST_P(RestoreRerun, CommandAskedAgainForAnotherPointLeavesNothingOfTheFailedRun)
+TEST_P(RestoreRerun, CommandAskedAgainForAnotherPointRestoresWholeWithNothingOfTheFailedRun)
 {
     std::mt19937 rng(37);
     MakeChain(rng);
@@ -688,6 +642,10 @@ TEST_P(RestoreRerun, CommandAskedAgainForAnotherPointLeavesNothingOfTheFailedRun
     WriteChain(m_arChain);
     std::string strNew;
     const std::vector<std::string> vExpected = Level1Files(CopyFiles(), strNew);
+    // The restored head's own number is behind the one the running
+    // database had reached.
+    const UINT nRedo = Val(m_db.Head()->m_nRedoLogMaxID) + 7;
+    m_db.Head()->m_nRedoLogMaxID = nRedo;
     // Another level 1 on the same full backup, which makes the new file with
     // pieces where the first level 1 has none.
     const long long nOther = m_nFull + 30;
@@ -706,15 +664,34 @@ TEST_P(RestoreRerun, CommandAskedAgainForAnotherPointLeavesNothingOfTheFailedRun
         RunRestoreCommand(nOther);
         ASSERT_EQ(2, nNewWrites);
     }
+    // The rebuild refuses the mixture: no head, and the command's flag stays.
     ASSERT_EQ(nullptr, m_db.Head());
+    EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
     ASSERT_GE(FileSizeOf(m_strNewFile), 8192 + 512);
+    TALVORRESTOREMARK stMark;
+    ASSERT_EQ(RESTOREMARK_READ, TalvorReadRestoreMark(m_db.SystemPath().c_str(), stMark));
+    EXPECT_EQ(m_strArchive, std::string(stMark.m_lpArchiveDesPath));
+    EXPECT_EQ(nOther, stMark.m_nTimestamp);
+    EXPECT_EQ(nRedo, stMark.m_nRedoLogMaxID);
+    EXPECT_EQ(m_usGuid, stMark.m_usDatabaseGuid);
     if (GetParam()) {
         ASSERT_EQ(0, unlink(BackupPath(nOther).c_str()));
     }
+    m_lpCmd->m_bResult = 0x5A;
     RunRestoreCommand(m_nLevel1);
+    // (The trace is read only once the redo service is stopped again:
+    // reading it starts the log system afresh.)
     StopRedo();
+    EXPECT_TRUE(m_db.m_tree.Traced("is run again, to " + std::to_string(m_nLevel1)));
     ASSERT_NE(nullptr, m_db.Head()) << m_db.m_tree.Trace();
+    EXPECT_EQ(0x5A, Val(m_lpCmd->m_bResult));
+    EXPECT_EQ(0, Val(m_lpCmd->m_bForbidSaveFlag));
+    EXPECT_EQ(0, Val(m_db.Head()->m_bForbidSaveFlag));
     EXPECT_FALSE(TalvorRestoreMarkPresent(m_db.SystemPath().c_str()));
+    // The same database: the number its logs reached is not lost.
+    EXPECT_EQ(m_usGuid, Val(m_db.Head()->m_usDatabaseGuid));
+    EXPECT_EQ(nRedo, Val(m_db.Head()->m_nRedoLogMaxID));
+    for (int n = 1; n <= DB_FILES; n++) EXPECT_NE(nullptr, m_db.File(n)) << n;
     m_db.Stop();
     ExpectFiles(vExpected);
     EXPECT_TRUE(ReadWholeFile(m_strNewFile) == strNew) << "size " << FileSizeOf(m_strNewFile);
