@@ -81,12 +81,11 @@ struct Taken {
 };
 
 // The joining node: answers as a node must (one reply for each message
-// that has one, two for a file), optionally with a foreign reply carrying a
-// payload before each of its own, the second reply of an empty file after
-// a pause.
+// that has one, two for a file), the second reply of an empty file after a
+// pause.
 class FakeNode {
 public:
-    explicit FakeNode(bool bForeign = false) : m_bForeign(bForeign)
+    FakeNode()
     {
         m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         struct sockaddr_in sa = {};
@@ -127,17 +126,6 @@ private:
     }
     void Answer(int sk, const MF_SERVICE_TCP_COMMAND& stAsk)
     {
-        if (m_bForeign) {
-            MF_SERVICE_TCP_COMMAND stForeign;
-            memset(&stForeign, 0, sizeof(stForeign));
-            stForeign.m_bVersion = NODEMSG_VERSION;
-            stForeign.m_bType = NODEMSG_FAILURE;
-            stForeign.m_bToken = (BYTE)(stAsk.m_bToken ^ 0x55);
-            stForeign.m_lDataLength = 300;
-            std::string strJunk(300, '\x01');
-            send(sk, &stForeign, sizeof(stForeign), MSG_NOSIGNAL);
-            send(sk, strJunk.data(), strJunk.size(), MSG_NOSIGNAL);
-        }
         MF_SERVICE_TCP_COMMAND stReply;
         memset(&stReply, 0, sizeof(stReply));
         stReply.m_bVersion = NODEMSG_VERSION;
@@ -181,7 +169,6 @@ private:
         }
         if (sk >= 0) close(sk);
     }
-    bool m_bForeign;
     int m_fd = -1;
     int m_nPort = 0;
     std::atomic<bool> m_bStop{false};
@@ -218,12 +205,11 @@ protected:
         return recv(sk, &c, 1, MSG_DONTWAIT) < 0 && errno == EAGAIN;
     }
     // Sends one file of nSize bytes (nUsed used) to a node that answers as
-    // a node must (bForeign: with a foreign reply before each); the
-    // messages the node took, the file's bytes in *pstrData.
-    std::vector<Taken> SendFile(BYTE bFileNo, long long nSize, long long nUsed, const char* lpPath, bool bForeign,
+    // a node must; the messages the node took, the file's bytes in *pstrData.
+    std::vector<Taken> SendFile(BYTE bFileNo, long long nSize, long long nUsed, const char* lpPath,
                                 std::string* pstrData = nullptr)
     {
-        FakeNode node(bForeign);
+        FakeNode node;
         FakeFile file(nSize, nUsed);
         stu_FILEINFO st = MakeInfo(bFileNo, &file, nSize, lpPath);
         int sk = Connect(node);
@@ -252,7 +238,7 @@ protected:
 
 TEST_F(JoinSender, AFileWithNoUsedBytesSendsOnlyItsInformationAndWaitsForBothReplies)
 {
-    std::vector<Taken> v = SendFile(2, MIB, 0, "/db/Empty.dbf", false);
+    std::vector<Taken> v = SendFile(2, MIB, 0, "/db/Empty.dbf");
     EXPECT_EQ(2, m_nRepliesSent);
     EXPECT_EQ(MIB, m_nTotal);
     ASSERT_EQ(2u, v.size());  // the hello and the information
@@ -266,7 +252,7 @@ TEST_F(JoinSender, AFileOfAnExactMultipleOfTheBufferEndsWithAFullLastPieceAndArr
 {
     const long long nUsed = 2LL * JOIN_BUFFER_SIZE;
     std::string strData;
-    std::vector<Taken> v = SendFile(3, nUsed + MIB, nUsed, "/db/Data3.dbf", false, &strData);
+    std::vector<Taken> v = SendFile(3, nUsed + MIB, nUsed, "/db/Data3.dbf", &strData);
     EXPECT_EQ(nUsed + MIB, m_nTotal);
     ASSERT_EQ(4u, v.size());
     MF_MASTERSLAVE_FILEINFO stInfo;
@@ -285,12 +271,11 @@ TEST_F(JoinSender, AFileOfAnExactMultipleOfTheBufferEndsWithAFullLastPieceAndArr
     EXPECT_TRUE(v[2].m_strPayload + v[3].m_strPayload == strData.substr(0, (size_t)nUsed));
 }
 
-TEST_F(JoinSender, ForeignRepliesWithPayloadsAreReadOffAndTheWaitGoesOn)
+TEST_F(JoinSender, ALastPieceThatIsNotAWholeSectorIsReadAndSentWhole)
 {
     std::string strData;
-    std::vector<Taken> v = SendFile(4, MIB, 5000, "/db/KV4.dbf", true, &strData);
+    std::vector<Taken> v = SendFile(4, MIB, 5000, "/db/KV4.dbf", &strData);
     ASSERT_EQ(3u, v.size());
-    // A last piece that is not a whole sector is still read and sent whole.
     EXPECT_EQ(5000u, v[2].m_strPayload.size());
     EXPECT_TRUE(v[2].m_strPayload == strData.substr(0, 5000));
 }
