@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <functional>
 #include <cstring>
 #include <memory>
@@ -259,23 +258,4 @@ TEST_F(SystemFileList, MovedRowsAreRewrittenAndTheBlockReachesTheDisk)
     EXPECT_EQ(0, memcmp(strDisk.data() + m_nFirstBlock, lpLive, (size_t)lpLive->m_nBlockSize));
     // Outside the block nothing changed on disk.
     EXPECT_EQ(0, memcmp(strDisk.data(), strSystem.data(), (size_t)m_nFirstBlock));
-}
-
-TEST_F(SystemFileList, ListedSizesPastAnyFileStillGiveTheCappedLoadTotal)
-{
-    // The start shows the load's total before any file is checked against
-    // its row: sizes that no file has must give the capped total, not a sum
-    // that ran past the largest integer (a negative total, or a trap).
-    std::string strSystem = MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE},
-                                          {2, FILETYPE_DATA, 2 * MIB},
-                                          {3, FILETYPE_DATA, 2 * MIB}},
-                                         DB_SYSTEMFILE_LISTBLOCK_SIZE);
-    LPFILE_MEMDBFILEINFO lpRows = RowsOf(BlockOf(strSystem, 0));
-    lpRows[1].m_nFileSize = LLONG_MAX - MIB;
-    lpRows[2].m_nFileSize = LLONG_MAX / 2 + MIB;
-    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
-    ASSERT_EQ(S_OK, Start(false));
-    LPTALVORPROGRESS lpProgress = m_pModule->m_pFlashback->GetProgress();
-    EXPECT_EQ(DB_SYSTEMFILE_SIZE / MIB, Val(lpProgress->m_nPos));
-    EXPECT_EQ(0x40000000, Val(lpProgress->m_nTotal));
 }
