@@ -126,31 +126,27 @@ TEST_F(ClusterCommands, EveryCodeEndsWithItsFinalCodeAndClearsOnlyItsOwnFlags)
         BYTE m_bFinal;
         BYTE m_bResult;
         bool m_bFlagsCleared;
-        const char* m_lpTraced;
     };
     const Case arCases[] = {
         // No node listens at the command's address: the join fails, and the
         // command ends as a failed join does.
-        {CLUSTERCMD_ADDNODE, CLUSTERCMD_NONE, NOT_WRITTEN, true, " 10012002 "},
+        {CLUSTERCMD_ADDNODE, CLUSTERCMD_NONE, NOT_WRITTEN, true},
         // No backup of that timestamp: refused before a byte is touched, and
         // the database stays.
-        {CLUSTERCMD_RESTORE, CLUSTERCMD_FINISHED, NOT_WRITTEN, true, "the restore is refused and the database is left as it is"},
-        {CLUSTERCMD_REMOVESTANDBY, CLUSTERCMD_FINISHED, CLUSTERRESULT_OK, false, nullptr},
-        {CLUSTERCMD_WRITEUNDOCACHE, CLUSTERCMD_NONE, CLUSTERRESULT_OK, false, nullptr},
-        {CLUSTERCMD_TESTSPEED, CLUSTERCMD_NONE, CLUSTERRESULT_OK, false, nullptr},
-        {CLUSTERCMD_REBUILDRESOURCE, CLUSTERCMD_NONE, NOT_WRITTEN, true, "nothing is rebuilt"},
+        {CLUSTERCMD_RESTORE, CLUSTERCMD_FINISHED, NOT_WRITTEN, true},
+        {CLUSTERCMD_REMOVESTANDBY, CLUSTERCMD_FINISHED, CLUSTERRESULT_OK, false},
+        {CLUSTERCMD_WRITEUNDOCACHE, CLUSTERCMD_NONE, CLUSTERRESULT_OK, false},
+        {CLUSTERCMD_TESTSPEED, CLUSTERCMD_NONE, CLUSTERRESULT_OK, false},
+        // Nothing is rebuilt over a database that is up.
+        {CLUSTERCMD_REBUILDRESOURCE, CLUSTERCMD_NONE, NOT_WRITTEN, true},
     };
     for (const Case& c : arCases) {
         SCOPED_TRACE((int)c.m_bCommand);
         EXPECT_EQ(S_OK, Run(c.m_bCommand));
-        std::string strTrace = m_db.m_tree.Trace();
         EXPECT_EQ(c.m_bFinal, Val(m_lpCmd->m_bCommandType));
         EXPECT_EQ(c.m_bResult, Val(m_lpCmd->m_bResult));
         EXPECT_EQ(c.m_bFlagsCleared ? 0 : 1, Val(m_lpCmd->m_bForbidSaveFlag));
         EXPECT_EQ(c.m_bFlagsCleared ? 0 : 1, Val(m_db.Head()->m_bForbidSaveFlag));
-        if (c.m_lpTraced != nullptr) {
-            EXPECT_EQ(1u, CountOf(strTrace, c.m_lpTraced)) << strTrace;
-        }
         // Every file is still served and on disk.
         for (int n = 1; n <= 4; n++) {
             EXPECT_NE(nullptr, m_db.File(n));

@@ -166,11 +166,10 @@ TEST_F(SystemFileConfig, WriteBackAtExitPutsTheHeadIntoTheIni)
     h->m_nTalvorArchiveType = 2;
     h->m_nTalvorDevelopMode = 1;
     CBreltMemStorageModule stModule;
-    // A head without its mark, or none, writes nothing and leaves the status.
+    // A head without its mark writes nothing and leaves the status.
     const std::string strBefore = Ini();
     h->m_nDataFlag = DATAFILE_DATAFLAG;
     EXPECT_FALSE(stModule.WriteSysConfigParam(nullptr, h, FALSE, TRUE));
-    EXPECT_FALSE(stModule.WriteSysConfigParam(nullptr, nullptr, FALSE, TRUE));
     EXPECT_EQ(1, h->m_bStatus);
     EXPECT_EQ(strBefore, Ini());
     h->m_nDataFlag = SYSTEMFILE_DATAFLAG;
