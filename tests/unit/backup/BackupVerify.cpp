@@ -377,13 +377,6 @@ TEST_F(BackupIncrementTest, HeadFaultsAreRefused)
                   std::string strPlaceholder = PlaceholderHead((int)m_vFiles.size());
                   s.replace(0, strPlaceholder.size(), strPlaceholder);
               }));
-    // A full backup's copies read as pages are no pages.
-    EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) {
-                  std::vector<DbFile> vFull = SampleFiles(m_tree);
-                  s = WholeBackup(vFull);
-                  Head(s)->m_bLevel = 1;
-                  Head(s)->m_nReferTimestamp = 5;
-              }));
 }
 
 TEST_F(BackupIncrementTest, PageFaultsAreRefused)
@@ -399,9 +392,6 @@ TEST_F(BackupIncrementTest, PageFaultsAreRefused)
     EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Page(s, FirstPage(0))->m_nBlockSize = 4096; }));
     EXPECT_EQ(BACKUPVERIFY_BADPAGE,
               StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nIncrementBlockNum = 291; }));
-    // More items than a page holds would have the walk read past the page.
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
-              StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nIncrementBlockNum = 100000; }));
     // The full first page cut back: its last items seem to be missing, the
     // next page is where the run does not expect it.
     EXPECT_EQ(BACKUPVERIFY_BADPAGE,
@@ -412,10 +402,7 @@ TEST_F(BackupIncrementTest, PageFaultsAreRefused)
               StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nNextPos = SecondPage(1) + 512; }));
     EXPECT_EQ(BACKUPVERIFY_BADPAGE,
               StatusAfter([&](std::string& s) { Page(s, SecondPage(1))->m_nNextPos = FirstPage(1); }));
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
-              StatusAfter([&](std::string& s) { Page(s, SecondPage(1))->m_nNextPos = SecondPage(1); }));
     // A record whose data ends before or after its pages.
-    EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Record(s, 3)->m_nDataEndOffset -= 512; }));
     EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Record(s, 0)->m_nDataEndOffset -= 1; }));
     EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Record(s, 0)->m_nDataEndOffset += 1; }));
     // A changed file's data must follow the changed one before it.
