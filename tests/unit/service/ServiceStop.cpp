@@ -93,9 +93,6 @@ TEST_F(ServiceStop, AThreadThatDoesNotEndKeepsWhatItHolds)
     EXPECT_NE(nullptr, m.m_pFlashback);
     EXPECT_NE(nullptr, m.m_hStorageEvent);
     for (BYTE n = 1; n <= 4; n++) EXPECT_TRUE(SegmentExists(n)) << (int)n;
-    std::string strTrace = m_db.m_tree.Trace();
-    EXPECT_NE(std::string::npos, strTrace.find("10010006 StopService The storage thread did not end within 300 ms"))
-        << strTrace;
     // The thread goes on and finishes its pass over the images it kept.
     m_io.Release();
     ASSERT_EQ(0, pthread_join(m_hThread, nullptr));
