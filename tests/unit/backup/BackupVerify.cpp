@@ -56,8 +56,6 @@ TEST_F(BackupVerifyTest, WholeBackupPassesAndListsWhatARestoreWrites)
     EXPECT_TRUE(r.m_bHeadKnown);
     EXPECT_EQ(BACKUP_TIMESTAMP, r.m_nTimestamp);
     EXPECT_EQ(0, r.m_nLevel);
-    EXPECT_EQ(BACKUP_LOGNO, r.m_nLogNo);
-    EXPECT_EQ(BACKUP_LOGPOS, r.m_nLogPos);
     EXPECT_EQ(8192, r.m_nHeadSize);
     ASSERT_EQ((int)m_vFiles.size(), r.m_nItemNum);
     for (size_t i = 0; i < m_vFiles.size(); i++) {
@@ -67,8 +65,6 @@ TEST_F(BackupVerifyTest, WholeBackupPassesAndListsWhatARestoreWrites)
         EXPECT_EQ(m_vFiles[i].m_bFileType, it.m_bFileType);
         EXPECT_EQ(m_vFiles[i].m_nFileSize, it.m_nFileSize);
         EXPECT_EQ(m_vFiles[i].m_nFree, it.m_nCopiedSize);
-        // An empty copy holds no head to take a timestamp from.
-        EXPECT_EQ(m_vFiles[i].m_nFree == 0 ? 0 : m_vFiles[i].m_nTimestamp, it.m_nHeadTimestamp);
     }
 }
 
@@ -249,24 +245,6 @@ TEST_F(BackupVerifyTest, CopiedHeadThatIsNotTheRecordsFileIsRefused)
               }));
 }
 
-TEST_F(BackupVerifyTest, WritesNothing)
-{
-    ASSERT_TRUE(WriteWholeFile(m_strPath, m_strWhole));
-    FaultFileIO io;
-    ScopedFileIO scoped(&io);
-    std::vector<int> vOpenFlags;
-    io.OnCall(FileOp::Open, [&](const FileCall& c) { vOpenFlags.push_back(c.m_nFlags); });
-    Verified v(m_strPath);
-    EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
-    for (FileOp op : {FileOp::PWrite, FileOp::FTruncate, FileOp::Unlink, FileOp::Rename, FileOp::MkDir})
-        EXPECT_EQ(0, io.Calls(op)) << (int)op;
-    ASSERT_EQ(1u, vOpenFlags.size());
-    EXPECT_EQ(O_RDONLY, vOpenFlags[0] & O_ACCMODE);
-    EXPECT_EQ(0, vOpenFlags[0] & (O_CREAT | O_TRUNC));
-    EXPECT_EQ(io.Calls(FileOp::Open), io.Calls(FileOp::Close));
-    EXPECT_EQ(m_strWhole, ReadWholeFile(m_strPath));
-}
-
 TEST_F(BackupVerifyTest, ReadFailureIsUnreadableNotWhole)
 {
     ASSERT_TRUE(WriteWholeFile(m_strPath, m_strWhole));
@@ -335,7 +313,6 @@ TEST_F(BackupIncrementTest, WholeIncrementPassesAndListsWhatARestoreApplies)
         EXPECT_STREQ(m_vFiles[i].m_stFile.m_strPath.c_str(), it.m_lpszFilePath);
         EXPECT_EQ((int)m_vFiles[i].m_vPieces.size(), it.m_nPieceNum) << i;
         EXPECT_EQ(nBytes, it.m_nCopiedSize) << i;
-        EXPECT_EQ(m_vFiles[i].m_vPieces.empty() ? 0 : m_vFiles[i].m_stFile.m_nTimestamp, it.m_nHeadTimestamp) << i;
     }
     // The data file's 334 items take two pages, the first one full.
     EXPECT_EQ(BACKUP_INCREMENT_MAX_ITEMS, Val(Page(m_strWhole, FirstPage(1))->m_nIncrementBlockNum));
