@@ -101,14 +101,3 @@ TEST(BackupHeadArea, SizeRoundsUpTo8192)
     EXPECT_EQ(16384, BackupHeadSize(28));
     EXPECT_EQ(81920, BackupHeadSize(256));
 }
-
-TEST(BackupTime, FileTimeCountsFrom1601)
-{
-    // 1970-01-01 00:00:00 is 11644473600 s after 1601-01-01.
-    FILETIME ft = TalvorBackupFileTime(0, 0);
-    unsigned long long n = ((unsigned long long)ft.dwHighDateTime << 32) | ft.dwLowDateTime;
-    EXPECT_EQ(116444736000000000ULL, n);
-    ft = TalvorBackupFileTime(1, 250000);
-    n = ((unsigned long long)ft.dwHighDateTime << 32) | ft.dwLowDateTime;
-    EXPECT_EQ(116444736000000000ULL + 12500000ULL, n);
-}
