@@ -484,20 +484,15 @@ TEST_F(BackupIncrementTest, AChainIsWholeOnlyWithEveryLinkThereWholeAndOfTheLeve
     EXPECT_EQ((std::vector<int>{BACKUPVERIFY_WHOLE, BACKUPVERIFY_BADLINK}), v.m_vLinkStatus);
 
     // The full backup under the name the level 1 refers to carries another
-    // timestamp, or another database's identity: each alone a whole backup.
-    const std::pair<size_t, const char*> arFaults[] = {
-        {offsetof(BACKUPFILEHEAD, m_nTimestamp), "timestamp the backup above refers to"},
-        {offsetof(BACKUPFILEHEAD, m_usDataBaseGuid), "another database"}};
-    for (const auto& fault : arFaults) {
-        SCOPED_TRACE(fault.second);
-        std::string strOther = strFull;
-        strOther[fault.first] ^= 0x01;
-        ASSERT_TRUE(WriteWholeFile(strFullPath, strOther));
-        ASSERT_EQ(BACKUPVERIFY_WHOLE, Verified(strFullPath).Status());
-        v = VerifyChainAt(m_strPath);
-        EXPECT_EQ(BACKUPVERIFY_BADLINK, v.m_nStatus);
-        EXPECT_NE(std::string::npos, v.m_strFinding.find(fault.second)) << v.m_strFinding;
-    }
+    // timestamp: alone a whole backup. (A link of another database and a
+    // link gone are the tool's end to end, ClusterRestore.)
+    std::string strOther = strFull;
+    strOther[offsetof(BACKUPFILEHEAD, m_nTimestamp)] ^= 0x01;
+    ASSERT_TRUE(WriteWholeFile(strFullPath, strOther));
+    ASSERT_EQ(BACKUPVERIFY_WHOLE, Verified(strFullPath).Status());
+    v = VerifyChainAt(m_strPath);
+    EXPECT_EQ(BACKUPVERIFY_BADLINK, v.m_nStatus);
+    EXPECT_NE(std::string::npos, v.m_strFinding.find("timestamp the backup above refers to")) << v.m_strFinding;
 
     // The full backup cut: the link's own finding, named as link 1.
     ASSERT_TRUE(WriteWholeFile(strFullPath, strFull.substr(0, strFull.size() - 1)));
@@ -505,10 +500,8 @@ TEST_F(BackupIncrementTest, AChainIsWholeOnlyWithEveryLinkThereWholeAndOfTheLeve
     EXPECT_EQ(BACKUPVERIFY_TRUNCATED, v.m_nStatus);
     EXPECT_EQ(0u, v.m_strFinding.find("link 1: " + strFullPath)) << v.m_strFinding;
 
-    // Gone: a missing link; a top that is not there is only unreadable.
+    // A top that is not there is only unreadable.
     ASSERT_EQ(0, unlink(strFullPath.c_str()));
-    v = VerifyChainAt(m_strPath);
-    EXPECT_EQ(BACKUPVERIFY_MISSINGLINK, v.m_nStatus) << v.m_strFinding;
     EXPECT_EQ(BACKUPVERIFY_UNREADABLE, VerifyChainAt(strFullPath).m_nStatus);
 
     // A top path the report has no room for is refused, not cut.
