@@ -327,8 +327,8 @@ BOOL CBreltMemStorageModule::RemoveFilesOfBackup(char* lpArchiveDesPath, int nPa
         if (!TalvorPathExists(szPath)) continue;
         if (CTalvorFileIO::Current()->Unlink(szPath) != 0) {
             Trace("RecoverIncrement", 1, 10023009,
-                  TALVOR_TEXT("无法删除未完成的恢复写入的文件[%s],错误码:%d",
-                              "Failed to remove the file [%s] a restore that did not finish wrote, error code: %d"),
+                  TALVOR_TEXT("无法删除恢复将重写的文件[%s],错误码:%d",
+                              "Failed to remove the file [%s] that the restore is to write anew, error code: %d"),
                   szPath, errno);
             bGood = FALSE;
         }
@@ -372,6 +372,14 @@ BOOL CBreltMemStorageModule::RecoverIncrement(LPTALVORCRITICALSECTION lpCritSect
                           "The restore mark cannot be set, so no file was written, system file: %s, error code: %d"),
               stChain.m_szSystemFile, errno);
         return FALSE;
+    }
+    // A level above the full backup writes only its pieces into a file the
+    // levels below did not make: whatever stood at that path before (a file
+    // the database no longer lists, a start's growth of an earlier restore)
+    // would show through between them. Every file the chain names goes
+    // first, under the mark.
+    for (int nLevel = 0; nLevel <= stChain.m_nTopLevel; nLevel++) {
+        if (!RemoveFilesOfBackup(lpArchiveDesPath, nPathSize, stChain.m_arTimestamp[nLevel])) return FALSE;
     }
     if (!Recover(lpCritSection, lpTalvorProgress, lpArchiveDesPath, nPathSize, stChain.m_arTimestamp[0]))
         return FALSE;

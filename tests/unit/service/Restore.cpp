@@ -325,6 +325,11 @@ TEST_F(Restore, FromAnEmptyTreeUnusedPartsAreZerosAndALowerLevelsNewFileHasOnlyI
     std::string strNew;
     Level1Files(vFull, strNew);
     EXPECT_TRUE(ReadWholeFile(m_strNewFile) == strNew);
+    // Again over a longer file at that path (a start grows it to its row's
+    // size): none of its bytes may show through.
+    ASSERT_TRUE(WriteWholeFile(m_strNewFile, std::string(1 << 20, '\xEE')));
+    ASSERT_TRUE(RestoreTo(m_nLevel2));
+    EXPECT_TRUE(ReadWholeFile(m_strNewFile) == strNew) << "size " << FileSizeOf(m_strNewFile);
 }
 
 TEST_F(Restore, TheMarkStandsAtEveryWriteAndAPowerLossLeavesAWholeDatabaseOrAStartThatRefuses)
