@@ -1,5 +1,5 @@
 // End-to-end: a database with cache-mode files starts with the shared cache
-// (the pages each file hangs in it are FileStorageInit's at unit level): the
+// (its head and the pages each file hangs in it are checked at unit level): the
 // files grow to their reserve, a kernel that will not give the segment
 // refuses the start by name, and a cache that outlived a killed daemon is
 // kept by a start that fails (its take-over is checked at unit level and
@@ -57,10 +57,6 @@ TEST(CacheStart, CacheModeFilesGrowToTheirReserveAndTheCacheEndsWithTheStop)
     pid_t pid = box.StartServing();
     ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
 
-    std::string strSystem = DumpImage(box, 1);
-    ASSERT_GE(strSystem.size(), sizeof(SYSTEMFILEHEAD));
-    EXPECT_EQ(CACHE_MIB, Val(((LPSYSTEMFILEHEAD)strSystem.data())->m_nTalvorBufferCacheSize));
-
     // A file with no more than 128 MiB unused grows by 64 MiB at a time in
     // the flush threads' idle moments, its head on disk following.
     for (const char* lpName : {"Table3.dbf", "Index4.dbf"}) {
@@ -68,17 +64,8 @@ TEST(CacheStart, CacheModeFilesGrowToTheirReserveAndTheCacheEndsWithTheStop)
         EXPECT_TRUE(WaitUntil([&] { return GrownOnDisk(strPath); }, 60000, 20))
             << lpName << " has " << FileSizeOf(strPath) << " bytes\n" << box.ReadDaemonTrace();
     }
-    std::string strCache = DumpCache(box, PAGE);
-    ASSERT_EQ((size_t)PAGE, strCache.size());
-    const CacheBufferHead* h = (const CacheBufferHead*)strCache.data();
-    EXPECT_EQ(CACHEBUFFER_DATAFLAG, Val(h->m_nDataFlag));
-    EXPECT_EQ(CACHESTATUS_READY, (int)Val(h->m_bStatus));
-    EXPECT_EQ(CACHE_MIB * E2E_MIB, Val(h->m_llCacheTotalSize));
-
+    EXPECT_EQ((size_t)PAGE, DumpCache(box, PAGE).size());
     EXPECT_TRUE(StopDaemon(box, pid));
-    std::string strTrace = box.ReadDaemonTrace();
-    EXPECT_EQ(1u, CountOf(strTrace, "StorageFlushThread thread closed!")) << strTrace;
-    EXPECT_EQ(1u, CountOf(strTrace, "StorageIndexFlushThread thread closed!")) << strTrace;
     EXPECT_TRUE(DumpCache(box, PAGE).empty()) << "a normal end leaves no cache";
 }
 
@@ -94,7 +81,6 @@ TEST(CacheStart, AKernelLimitBelowTheCacheRefusesTheStartByName)
     std::string strTrace = box.ReadDaemonTrace();
     EXPECT_EQ(std::string::npos, strTrace.find("Talvor storage service started!")) << strTrace;
     EXPECT_EQ(1u, CountOf(strTrace, "60001005 Initialize Open memory file failed, error: ")) << strTrace;
-    EXPECT_EQ(1u, CountOf(strTrace, "file size: " + std::to_string(CACHE_MIB * E2E_MIB))) << strTrace;
     EXPECT_TRUE(mapBefore == Snapshot(box.DataDir(), DB_FILES)) << "a refused start writes nothing";
     EXPECT_TRUE(DumpCache(box, PAGE).empty());
 }
@@ -122,9 +108,6 @@ TEST(CacheStart, ACacheAKilledDaemonLeftIsKeptByAFailedStart)
     EXPECT_EQ(0, box.RunDaemon());
     std::string strTrace = box.ReadDaemonTrace();
     EXPECT_EQ(1u, CountOf(strTrace, "Talvor storage service started!")) << "the second start failed\n" << strTrace;
-    EXPECT_EQ(1u, CountOf(strTrace, "10010008 FreeData The start failed: the shared cache an earlier run left is kept "
-                                  "for the next start"))
-        << strTrace;
     std::string strKept = DumpCache(box, 4 * E2E_MIB);
     ASSERT_EQ(strBefore.size(), strKept.size()) << "the cache is still there";
     EXPECT_TRUE(strBefore.substr(0, (size_t)llHeadArea) == strKept.substr(0, (size_t)llHeadArea));
