@@ -1,10 +1,12 @@
 // End-to-end: a database made by talvor-mkdb comes up in the daemon. Every
 // memory-mode file is in its own segment, equal to the file up to the free
 // offset and zero above it; readiness shows in the channel; a SIGTERM
-// removes every segment.
+// removes every segment. And what a start finds from before: the segments
+// of a killed daemon, a database moved to another directory.
 #include "DatabaseLoadKit.h"
 
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <gtest/gtest.h>
 
@@ -89,4 +91,91 @@ TEST(DatabaseLoad, WithNoCacheTheCacheModeFilesAreNamedAndLeftAlone)
     EXPECT_TRUE(StopDaemon(box, pid));
     VerifyJournal(box, strJournal, box.DataDir() + "System.dbf", nLast);
     EXPECT_EQ(mapBefore, Snapshot(box.DataDir(), vCacheFiles));
+}
+
+// What a start finds from before. The segments of a killed daemon are
+// taken over as they are, without reading the files; a database copied to
+// the program's default directory is corrected on its first start
+// ("install" = 1), and the usual start after it finds the same database.
+TEST(DatabaseLoadTakeover, SegmentsOfAKilledDaemonAreKeptAndTheFilesNotRead)
+{
+    DaemonSandbox box;
+    ASSERT_TRUE(box.Ok());
+    ASSERT_EQ(0, MakeDb(box, box.DataDir(), {"--data-file", "4", "--kv-file", "2"}));
+    WriteDbIni(box, box.DataDir());
+    pid_t pid = box.StartServing();
+    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
+    std::string strImageBefore = DumpImage(box, 2);
+    ASSERT_EQ((size_t)(4 * E2E_MIB), strImageBefore.size());
+    box.Signal(pid, SIGKILL);
+    EXPECT_EQ(128 + SIGKILL, box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS));
+
+    // The file changes behind the image's back, below the free offset.
+    std::string strPath = box.DataDir() + "Data2.dbf";
+    std::string strFile = ReadWholeFile(strPath);
+    long long nFree = ((LPBASEFILEHEAD)strFile.data())->m_nFileFreeMemoryOffset;
+    size_t nAt = (size_t)(nFree - 1000);
+    strFile[nAt] = (char)0x5C;
+    ASSERT_TRUE(WriteWholeFile(strPath, strFile));
+
+    pid = box.StartServing();
+    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
+    std::string strImageAfter = DumpImage(box, 2);
+    EXPECT_TRUE(strImageAfter == strImageBefore);
+    EXPECT_NE((char)0x5C, strImageAfter[nAt]);
+    Inspection st = Inspect(box, box.DataDir());
+    EXPECT_EQ(4 * E2E_MIB, st.m_mapFiles[2].m_nLoadSize) << st.m_strText;
+    EXPECT_TRUE(StopDaemon(box, pid));
+}
+
+TEST(DatabaseLoadTakeover, MovedDatabaseIsCorrectedOnItsFirstStart)
+{
+    DaemonSandbox box;
+    ASSERT_TRUE(box.Ok());
+    std::string strOld = box.Root() + "/Old/";
+    std::string strOther = box.Root() + "/Other/";
+    ASSERT_EQ(0, MakeDb(box, strOld, {"--data-file", "2", "--btree-file", "2", "--kv-file", "2"}));
+    // KV4.dbf lives outside the database directory, as an administrator may
+    // have put it; its row must keep its path.
+    ASSERT_EQ(0, mkdir(strOther.c_str(), 0755));
+    ASSERT_EQ(0, rename((strOld + "KV4.dbf").c_str(), (strOther + "KV4.dbf").c_str()));
+    std::string strSystem = ReadWholeFile(strOld + "System.dbf");
+    LPFILE_MEMDBFILEINFO lpRow = DbFindFileListRow((LPBYTE)&strSystem[0], (long long)strSystem.size(), 4);
+    ASSERT_NE(nullptr, lpRow);
+    snprintf(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath), "%sKV4.dbf", strOther.c_str());
+    ASSERT_TRUE(WriteWholeFile(box.DataDir() + "System.dbf", strSystem));
+    for (const char* lpName : {"Data2.dbf", "BTree3.dbf"})
+        ASSERT_EQ(0, rename((strOld + lpName).c_str(), (box.DataDir() + lpName).c_str()));
+    unlink((strOld + "System.dbf").c_str());
+    // The copied ini still names the old directory.
+    WriteDbIni(box, strOld, "install=1\r\n");
+
+    pid_t pid = box.StartDaemon();
+    ASSERT_GT(pid, 0);
+    // The log lies under whichever directory the ini named when it opened.
+    std::string strTrace;
+    WaitUntil(
+        [&] {
+            strTrace = DaemonTraceIn(strOld + "Log/") + DaemonTraceIn(box.LogDir());
+            return strTrace.find("Talvor storage service started!") != std::string::npos;
+        },
+        DAEMON_START_TIMEOUT_MS, TRACE_POLL_MS);
+    ASSERT_NE(std::string::npos, strTrace.find("Talvor storage service started!")) << strTrace;
+
+    std::string strFixed = ReadWholeFile(box.DataDir() + "System.dbf");
+    LPSYSTEMFILEHEAD lpHead = (LPSYSTEMFILEHEAD)&strFixed[0];
+    EXPECT_EQ(box.DataDir(), std::string(lpHead->m_cDatabasePath));
+
+    std::string strIni = ReadWholeFile(box.IniPath());
+    EXPECT_NE(std::string::npos, strIni.find("install=0")) << strIni;
+    EXPECT_NE(std::string::npos, strIni.find("databasepath=" + box.DataDir() + "\r\n")) << strIni;
+
+    Inspection st = Inspect(box, box.DataDir());
+    for (int n = 2; n <= 4; n++) EXPECT_TRUE(st.m_mapFiles[n].m_bImage) << st.m_strText;
+    EXPECT_TRUE(StopDaemon(box, pid));
+
+    // The usual start finds the same database where the ini now points.
+    pid = box.StartServing();
+    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
+    EXPECT_TRUE(StopDaemon(box, pid));
 }

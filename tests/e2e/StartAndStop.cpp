@@ -1,9 +1,12 @@
 // End-to-end: a start the daemon must refuse, as a new user meets it (no
 // ini, an empty one, no database, a semaphore or rollback area it cannot
-// have), exits with 0 and leaves the line that names the cause in the trace
-// log, every time, also where the process ends with its threads running;
-// and the stop waits for a running engine, for as long as it runs or until
-// it is found lost, and its last pass commits the engine's last change.
+// have) or on a damaged database, exits with 0, changes no database file and
+// leaves the line that names the cause in the trace log, every time, also
+// where the process ends with its threads running (a wrong head mark of each
+// file type is refused by its own message at unit level); the stop waits
+// for a running engine, for as long as it runs or until it is found lost,
+// and its last pass commits the engine's last change; the signals of a
+// running daemon.
 #include "DatabaseLoadKit.h"
 
 #include <csignal>
@@ -16,15 +19,44 @@ using namespace talvortest;
 
 namespace {
 
+const std::vector<std::string> DB_FILES = {"System.dbf", "Data2.dbf", "BTree3.dbf", "KV4.dbf"};
+
 void MakeSmallDb(DaemonSandbox& box)
 {
     ASSERT_EQ(0, MakeDb(box, box.DataDir(), {"--data-file", "8", "--btree-file", "4", "--kv-file", "4"}));
 }
 
+// A set-up that changes the bytes of one file of the database.
+std::function<void(DaemonSandbox&)> Damage(const char* lpFile, const std::function<void(std::string&)>& fnPatch)
+{
+    return [=](DaemonSandbox& box) {
+        std::string strFile = ReadWholeFile(box.DataDir() + lpFile);
+        fnPatch(strFile);
+        ASSERT_TRUE(WriteWholeFile(box.DataDir() + lpFile, strFile));
+    };
+}
+
+// The file list row of BTree3.dbf given a type no pass saves.
+std::function<void(DaemonSandbox&)> UnsavedType(int nType)
+{
+    return Damage("System.dbf", [nType](std::string& s) {
+        LPFILE_MEMDBFILEINFO lpRow = DbFindFileListRow((LPBYTE)&s[0], (long long)s.size(), 3);
+        ASSERT_NE(nullptr, lpRow);
+        lpRow->m_bFileType = (BYTE)nType;
+    });
+}
+
+std::string InDir(std::string strLine, const std::string& strDir)
+{
+    size_t n = strLine.find('@');
+    return n == std::string::npos ? strLine : strLine.replace(n, 1, strDir);
+}
+
 } // namespace
 
-// Each refusal is told by its line in every start: a second start meets no
-// semaphore or segment the first one left taken.
+// Each refusal is told by its line (the database directory stands for "@")
+// in every start, writes no byte of any database file and (refused before
+// the images are made) leaves no image: a second start meets no semaphore or segment the first one left taken.
 TEST(StartRefusals, EachRefusedStartExitsWithZeroAndIsToldEveryTime)
 {
     const struct {
@@ -54,6 +86,30 @@ TEST(StartRefusals, EachRefusedStartExitsWithZeroAndIsToldEveryTime)
              ASSERT_EQ(0, box.Run({"sh", "-c", "echo 12582912 > /proc/sys/kernel/shmmax"}, 10000));
          },
          {"   50006010 InitRollback Open rollback memory file failed"}},
+        {"wrong system file mark", true,
+         Damage("System.dbf", [](std::string& s) { ((LPSYSTEMFILEHEAD)&s[0])->m_nDataFlag = 0x12345678; }),
+         {"40001012 Initialize Header data for system file is incorrect, check code: 305419896[1179864657]"}},
+        {"file number of another row", true,
+         Damage("KV4.dbf", [](std::string& s) { ((LPBASEFILEHEAD)&s[0])->m_bFileNo = 9; }),
+         {"40001016 Initialize The file number recorded in the file header information is inconsistent with that in "
+          "the system file, file number: 9[4], path: @KV4.dbf"}},
+        {"file shorter than its row", true,
+         Damage("Data2.dbf", [](std::string& s) { s.resize((size_t)(4 * E2E_MIB)); }),
+         {"40001017 Initialize The file is shorter than its head says, path: @Data2.dbf, file size: 4194304, size in "
+          "the head: 8388608"}},
+        {"file list record of another size", true,
+         Damage("System.dbf",
+                [](std::string& s) {
+                    LPSYSTEMFILEHEAD h = (LPSYSTEMFILEHEAD)&s[0];
+                    ((LPSYSTEMBLOCKHEAD)&s[(size_t)h->m_nBlockStartOffset])->m_nBlockDataStructSize = 352;
+                }),
+         {"The structure size of data block has changed.  current system value: 348, recorded value: 352"}},
+        {"a known file type no pass saves", true, UnsavedType(5),
+         {"   10040003 LoadFile The database has a file of a type this service cannot save, so the start was "
+          "refused, file number: 3, file type: 5, path: @BTree3.dbf"}},
+        {"an unknown file type", true, UnsavedType(77),
+         {"   10040003 LoadFile The database has a file of a type this service cannot save, so the start was "
+          "refused, file number: 3, file type: 77, path: @BTree3.dbf"}},
     };
     for (const auto& c : arCases) {
         SCOPED_TRACE(c.m_lpWhat);
@@ -63,13 +119,20 @@ TEST(StartRefusals, EachRefusedStartExitsWithZeroAndIsToldEveryTime)
             MakeSmallDb(box);
             WriteDbIni(box, box.DataDir());
         }
-        c.m_fnSetUp(box);
+        ASSERT_NO_FATAL_FAILURE(c.m_fnSetUp(box));
+        std::map<std::string, std::string> mapBefore = Snapshot(box.DataDir(), DB_FILES);
         for (int i = 0; i < 2; i++) EXPECT_EQ(0, box.RunDaemon()) << "start " << i;
         std::string strTrace = box.ReadDaemonTrace();
         EXPECT_EQ(std::string::npos, strTrace.find("Talvor storage service started!")) << strTrace;
         size_t nTold = 0;
-        for (const std::string& strLine : c.m_vAnyOf) nTold += CountOf(strTrace, strLine);
+        for (const std::string& strLine : c.m_vAnyOf) nTold += CountOf(strTrace, InDir(strLine, box.DataDir()));
         EXPECT_EQ(2u, nTold) << strTrace;
+        EXPECT_TRUE(mapBefore == Snapshot(box.DataDir(), DB_FILES)) << "a refused start wrote to a file";
+        // The rollback area is refused once the images are made.
+        if (strcmp(c.m_lpWhat, "rollback area") == 0) continue;
+        Inspection st = Inspect(box, box.DataDir());
+        EXPECT_FALSE(st.m_bSystemImage) << st.m_strText;
+        for (int n = 2; n <= 4; n++) EXPECT_FALSE(st.m_mapFiles[n].m_bImage) << n;
     }
 }
 
@@ -148,4 +211,42 @@ TEST(StopWithEngine, TheStopWaitsForARunningEngineAndForOneFoundLost)
         // when it ended before the stop's last pass.
         VerifyJournal(box, box.Root() + "/journal", box.DataDir() + "System.dbf", nLast);
     }
+}
+
+// SIGINT changes nothing; SIGTERM stops the service and takes its images
+// away; a second daemon started beside a running one leaves at once and
+// writes nothing.
+TEST(ServiceSignals, SecondDaemonAndSigintChangeNothingAndSigtermStops)
+{
+    DaemonSandbox box;
+    ASSERT_TRUE(box.Ok());
+    ASSERT_EQ(0, MakeDb(box, box.DataDir(), {"--data-file", "2"}));
+    WriteDbIni(box, box.DataDir());
+    pid_t pid = box.StartServing();
+    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
+    const std::vector<std::string> vDbFiles = {"System.dbf", "Data2.dbf"};
+    std::map<std::string, std::string> mapFiles = Snapshot(box.DataDir(), vDbFiles);
+    std::string strIni = ReadWholeFile(box.IniPath());
+
+    // A second daemon beside the running one leaves at once, writes no log
+    // and no ini, and leaves the first serving.
+    std::vector<std::string> vLogs = ListFiles(box.LogDir(), "");
+    pid_t pidSecond = box.StartDaemon();
+    ASSERT_GT(pidSecond, 0);
+    EXPECT_EQ(0, box.WaitExit(pidSecond, 5000));
+    EXPECT_EQ(vLogs, ListFiles(box.LogDir(), ""));
+    EXPECT_EQ(1u, CountOf(box.ReadDaemonTrace(), "Service Start")) << box.ReadDaemonTrace();
+    EXPECT_TRUE(box.IsRunning(pid));
+
+    box.Signal(pid, SIGINT);
+    usleep(700000);
+    EXPECT_TRUE(box.IsRunning(pid));
+    EXPECT_EQ(std::string::npos, box.ReadDaemonTrace().find("stopped")) << box.ReadDaemonTrace();
+    EXPECT_EQ(strIni, ReadWholeFile(box.IniPath()));
+    EXPECT_TRUE(mapFiles == Snapshot(box.DataDir(), vDbFiles));
+    EXPECT_TRUE(Inspect(box, box.DataDir()).m_mapFiles[2].m_bImage);
+
+    EXPECT_TRUE(StopDaemon(box, pid));
+    EXPECT_NE(std::string::npos, box.ReadDaemonTrace().find("Talvor storage service stopped"));
+    EXPECT_FALSE(Inspect(box, box.DataDir()).m_mapFiles[2].m_bImage);
 }
