@@ -63,7 +63,7 @@ TEST(DatabaseLoad, MakerRefusesAnExistingDatabaseAndWritesNothing)
 // With no cache asked for, the cache-mode files stay unserved: the engine is
 // told the cache size is 0, the memory-mode files are served and saved as ever, and the cache-mode files
 // are not touched.
-TEST(DatabaseLoad, WithNoCacheTheCacheModeFilesAreNamedAndLeftAlone)
+TEST(DatabaseLoad, WithNoCacheTheCacheModeFilesAreLeftAlone)
 {
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());

@@ -60,7 +60,7 @@ inline void WriteDbIni(DaemonSandbox& box, const std::string& strDatabasePath, c
 
 struct InspectedFile {
     bool m_bImage = false;
-    long long m_nSize = -1, m_nImageSize = -1, m_nLoadSize = -1, m_nFirstDiff = -2, m_nFirstNonZero = -2;
+    long long m_nImageSize = -1, m_nLoadSize = -1, m_nFirstDiff = -2, m_nFirstNonZero = -2;
     std::string m_strPath;
 };
 
@@ -93,7 +93,6 @@ inline Inspection Inspect(DaemonSandbox& box, const std::string& strDir)
             InspectedFile f;
             int nFileNo = atoi(strLine.c_str() + 5);
             f.m_bImage = strLine.find(" image=yes") != std::string::npos;
-            f.m_nSize = FieldOf(strLine, "size");
             f.m_nImageSize = FieldOf(strLine, "imagesize");
             f.m_nLoadSize = FieldOf(strLine, "loadsize");
             f.m_nFirstDiff = FieldOf(strLine, "firstdiff");
