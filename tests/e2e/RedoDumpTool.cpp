@@ -190,7 +190,6 @@ TEST(RedoDumpTool, AnOpenLogEndsAtItsLastRecordWithoutRefusal)
     std::string strOut;
     EXPECT_EQ(0, box.Run({DumpPath(), strPath}, 30000, &strOut)) << strOut;
     EXPECT_EQ(3u, RecordLines(strOut).size()) << strOut;
-    EXPECT_NE(std::string::npos, strOut.find("the open log's records end at 294")) << strOut;
 
     // Cut behind the record without timestamp: nothing after it proves it
     // this log's (a stale record of the group's previous log looks the
@@ -201,5 +200,4 @@ TEST(RedoDumpTool, AnOpenLogEndsAtItsLastRecordWithoutRefusal)
     std::vector<DumpedRecord> v = RecordLines(strOut);
     ASSERT_EQ(1u, v.size()) << strOut;
     EXPECT_EQ(50, v[0].m_nOffset);
-    EXPECT_NE(std::string::npos, strOut.find("1 record without timestamp from 150 on not shown")) << strOut;
 }
