@@ -115,7 +115,9 @@ TEST_F(ClusterRestore, AChainOfThreeBackupsIsWholeOfflineAndTheOperatorsRestoreB
     std::vector<std::map<std::string, std::string>> vFiles;
     for (int nLevel = 0; nLevel <= 2; nLevel++) {
         ExpectCommitsReachDisk(nLevel > 0, m_box.Root() + "/journal" + std::to_string(nLevel));
-        ClusterLine st = nLevel == 0 ? Backup(m_box, {"--wait"}) : IncrementalBackup(m_box, nLevel, vBackups.back().m_nTs);
+        ClusterLine st = nLevel == 0 ? Backup(m_box, {"--wait"})
+                                     : BackupJob(m_box, {"--incremental", "--level", std::to_string(nLevel), "--ref",
+                                                         std::to_string(vBackups.back().m_nTs), "--wait"});
         ASSERT_EQ(0, st.m_nResult) << st.m_strText << m_box.ReadDaemonTrace();
         vFiles.push_back(Snapshot(m_box.DataDir(), CLUSTER_DB_FILES));
         if (nLevel > 0) {

@@ -92,13 +92,6 @@ inline ClusterLine Backup(DaemonSandbox& box, std::vector<std::string> vArgs)
     return BackupJob(box, vArgs);
 }
 
-// talvor-peer backup --incremental of nLevel over the backup nRefer, waited
-// for; the closing line read.
-inline ClusterLine IncrementalBackup(DaemonSandbox& box, int nLevel, long long nRefer)
-{
-    return BackupJob(box, {"--incremental", "--level", std::to_string(nLevel), "--ref", std::to_string(nRefer), "--wait"});
-}
-
 // The port a node listener of the stand-in, started by box.Spawn under
 // strName, printed ("listening on port N"); 0 when none came within 5 s.
 inline int ListenerPort(DaemonSandbox& box, const std::string& strName)
