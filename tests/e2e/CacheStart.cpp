@@ -1,9 +1,9 @@
 // End-to-end: a database with cache-mode files starts with the shared cache
 // (its head and the pages each file hangs in it are checked at unit level): the
 // files grow to their reserve, a kernel that will not give the segment
-// refuses the start by name, and a cache that outlived a killed daemon is
-// kept by a start that fails (its take-over is checked at unit level and
-// after a kill in the cache crash test).
+// refuses the start by name, and the images and the cache that outlived a
+// killed daemon are kept by a start that fails (the cache's take-over is
+// checked at unit level and after a kill in the cache crash test).
 #include "DatabaseLoadKit.h"
 #include "MemDBCacheDef.h"
 
@@ -85,20 +85,27 @@ TEST(CacheStart, AKernelLimitBelowTheCacheRefusesTheStartByName)
     EXPECT_TRUE(DumpCache(box, PAGE).empty());
 }
 
-TEST(CacheStart, ACacheAKilledDaemonLeftIsKeptByAFailedStart)
+// Images and a cache that outlived a killed daemon may hold the engine's
+// work that never reached the disk: a start that fails after taking them
+// over leaves them for the next start.
+TEST(CacheStart, AFailedStartKeepsEveryImageAndTheCacheAKilledDaemonLeft)
 {
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
-    MakeCacheDb(box);
+    ASSERT_EQ(0, MakeDb(box, box.DataDir(), {"--data-file", "8", "--btree-file", "4", "--kv-file", "4",
+                                             "--table-file", "4", "--index-file", "4"}));
+    WriteDbIni(box, box.DataDir(), "", CACHE_MIB);
     pid_t pid = box.StartServing();
     ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
-    ASSERT_TRUE(WaitUntil([&] { return GrownOnDisk(box.DataDir() + "Index4.dbf"); }, 60000, 20));
-    ASSERT_TRUE(WaitUntil([&] { return GrownOnDisk(box.DataDir() + "Table3.dbf"); }, 60000, 20));
+    for (const char* lpName : {"Table5.dbf", "Index6.dbf"})
+        ASSERT_TRUE(WaitUntil([&] { return GrownOnDisk(box.DataDir() + lpName); }, 60000, 20)) << lpName;
     box.Signal(pid, SIGKILL);
     ASSERT_NE(-1, box.WaitExit(pid, 10000));
-    const long long llHeadArea = 2 * PAGE;
+    std::string strKeep4 = DumpImage(box, 4);
+    ASSERT_FALSE(strKeep4.empty());
 
-    // A start that fails after taking the cache over leaves it for the next.
+    // File 2 is loaded last; without its image and with a damaged head on
+    // disk, the start fails after the cache and files 4 and 3 were taken over.
     ASSERT_EQ(0, box.Run({"ipcrm", "-M", std::to_string(0x514E4602)}, 10000));
     std::string strData = ReadWholeFile(box.DataDir() + "Data2.dbf");
     ASSERT_GT(strData.size(), 64u);
@@ -108,7 +115,12 @@ TEST(CacheStart, ACacheAKilledDaemonLeftIsKeptByAFailedStart)
     EXPECT_EQ(0, box.RunDaemon());
     std::string strTrace = box.ReadDaemonTrace();
     EXPECT_EQ(1u, CountOf(strTrace, "Talvor storage service started!")) << "the second start failed\n" << strTrace;
+    Inspection st = Inspect(box, box.DataDir());
+    EXPECT_TRUE(st.m_bSystemImage) << st.m_strText;
+    EXPECT_TRUE(st.m_mapFiles[3].m_bImage) << st.m_strText;
+    EXPECT_TRUE(st.m_mapFiles[4].m_bImage) << st.m_strText;
+    EXPECT_TRUE(strKeep4 == DumpImage(box, 4)) << "the kept image is the one the killed daemon left";
     std::string strKept = DumpCache(box, 4 * E2E_MIB);
     ASSERT_EQ(strBefore.size(), strKept.size()) << "the cache is still there";
-    EXPECT_TRUE(strBefore.substr(0, (size_t)llHeadArea) == strKept.substr(0, (size_t)llHeadArea));
+    EXPECT_TRUE(strBefore.substr(0, (size_t)(2 * PAGE)) == strKept.substr(0, (size_t)(2 * PAGE)));
 }

@@ -136,39 +136,6 @@ TEST(StartRefusals, EachRefusedStartExitsWithZeroAndIsToldEveryTime)
     }
 }
 
-TEST(StartRefusals, AFailedStartKeepsEveryImageAKilledDaemonLeft)
-{
-    // Images that outlived a killed daemon may hold the engine's work that
-    // never reached the disk: a start that fails after taking them over
-    // leaves them for the next start.
-    DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
-    MakeSmallDb(box);
-    WriteDbIni(box, box.DataDir(), "");
-    pid_t pid = box.StartServing();
-    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
-    box.Signal(pid, SIGKILL);
-    ASSERT_NE(-1, box.WaitExit(pid, 10000));
-    std::string strKeep4 = DumpImage(box, 4);
-    ASSERT_FALSE(strKeep4.empty());
-    // File 2 is loaded last; without its image and with a damaged head on
-    // disk, the start fails after files 4 and 3 were taken over.
-    ASSERT_EQ(0, box.Run({"ipcrm", "-M", std::to_string(0x514E4602)}, 10000));
-    std::string strData = ReadWholeFile(box.DataDir() + "Data2.dbf");
-    ASSERT_GT(strData.size(), 64u);
-    memset(&strData[0], 0, 16);
-    ASSERT_TRUE(WriteWholeFile(box.DataDir() + "Data2.dbf", strData));
-
-    EXPECT_EQ(0, box.RunDaemon());
-    std::string strTrace = box.ReadDaemonTrace();
-    EXPECT_EQ(1u, CountOf(strTrace, "Talvor storage service started!")) << "the second start failed";
-    Inspection st = Inspect(box, box.DataDir());
-    EXPECT_TRUE(st.m_bSystemImage) << st.m_strText;
-    EXPECT_TRUE(st.m_mapFiles[3].m_bImage) << st.m_strText;
-    EXPECT_TRUE(st.m_mapFiles[4].m_bImage) << st.m_strText;
-    EXPECT_TRUE(strKeep4 == DumpImage(box, 4)) << "the kept image is the one the killed daemon left";
-}
-
 TEST(StopWithEngine, TheStopWaitsForARunningEngineAndForOneFoundLost)
 {
     for (bool bKill : {false, true}) {
