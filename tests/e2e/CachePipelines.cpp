@@ -94,7 +94,7 @@ void ExpectAllDone(const PeerRun& run, size_t nFlushes, size_t nPages, size_t nS
 
 } // namespace
 
-TEST(CachePipelines, FlushRoundTripPutsCacheBlocksPagesAndTimestampsOnDisk)
+TEST(CachePipelines, BlocksPagesAndTimestampsReachTheDiskAndLoadBackAsTheFileHoldsThem)
 {
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
@@ -121,22 +121,11 @@ TEST(CachePipelines, FlushRoundTripPutsCacheBlocksPagesAndTimestampsOnDisk)
     // No block outruns the timestamp that stands for it.
     for (const PeerFlushLine& p : run.vPosts)
         EXPECT_LE(p.llTs, LastStamp(run, p.nFile == INDEX_NO)) << "file " << p.nFile << " block " << p.nBlock;
-    EXPECT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
-}
 
-TEST(CachePipelines, LoadSlotsGiveTheFileBlockAndWaitForALateRequest)
-{
-    DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
-    pid_t pid = StartCacheDb(box, {"--table-file", "--index-file"});
-    ASSERT_GT(pid, 0);
-    std::string strDump = DumpDir(box);
-    PeerRun made = RunCachePeer(box, {"--blocks", "4", "--timestamp"});
-    ExpectAllDone(made, 4 * 2, 2 * 2, 2);
-
-    PeerRun loads = RunCachePeer(box, {"--blocks", "4", "--rounds", "0", "--load", "--dump-dir", strDump});
+    // Load slots give each block as the file holds it.
+    PeerRun loads = RunCachePeer(box, {"--blocks", "5", "--rounds", "0", "--load", "--dump-dir", strDump});
     EXPECT_EQ(0, loads.nExit) << loads.strOut;
-    ASSERT_EQ(8u, loads.vLoads.size()) << loads.strOut;
+    ASSERT_EQ(10u, loads.vLoads.size()) << loads.strOut;
     for (const PeerLoadLine& l : loads.vLoads) {
         EXPECT_EQ(CACHELOAD_OK, l.nResult) << "file " << l.nFile << " block " << l.nBlock;
         std::string strDisk = DiskBlock(ReadWholeFile(FileOf(box, l.nFile, l.nFile == INDEX_NO)), l.nBlock);
@@ -146,7 +135,7 @@ TEST(CachePipelines, LoadSlotsGiveTheFileBlockAndWaitForALateRequest)
 
     // A request still half written when posted is waited for. (One that
     // names another block, size or file is CacheLoadThread's at unit level.)
-    PeerRun late = RunCachePeer(box, {"--blocks", "4", "--rounds", "0", "--load-fault", "late", "--dump-dir", strDump});
+    PeerRun late = RunCachePeer(box, {"--blocks", "5", "--rounds", "0", "--load-fault", "late", "--dump-dir", strDump});
     EXPECT_EQ(0, late.nExit) << late.strOut;
     ASSERT_EQ(2u, late.vLoads.size()) << late.strOut;
     for (const PeerLoadLine& l : late.vLoads) {
@@ -158,15 +147,14 @@ TEST(CachePipelines, LoadSlotsGiveTheFileBlockAndWaitForALateRequest)
     // A new daemon builds a new cache: the engine finds its blocks only in
     // the files, loads them on request and carries its changes on.
     ASSERT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
-    std::string strTrace;
-    pid = RestartDaemon(box, &strTrace);
+    pid = RestartDaemon(box, nullptr);
     ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
-    PeerRun again = RunCachePeer(box, {"--blocks", "4", "--timestamp", "--dump-dir", strDump});
-    ExpectAllDone(again, 4 * 2, 2 * 2, 2);
-    EXPECT_EQ(8u, again.vLoads.size()) << again.strOut;
+    PeerRun again = RunCachePeer(box, {"--blocks", "5", "--timestamp", "--dump-dir", strDump});
+    ExpectAllDone(again, 5 * 2, 2 * 2, 2);
+    EXPECT_EQ(10u, again.vLoads.size()) << again.strOut;
     for (const PeerLoadLine& l : again.vLoads) EXPECT_EQ(CACHELOAD_OK, l.nResult) << again.strOut;
-    ExpectBlocksAsPosted(box, again, strDump, TABLE_NO, false, 4);
-    ExpectBlocksAsPosted(box, again, strDump, INDEX_NO, true, 4);
+    ExpectBlocksAsPosted(box, again, strDump, TABLE_NO, false, 5);
+    ExpectBlocksAsPosted(box, again, strDump, INDEX_NO, true, 5);
     EXPECT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
 }
 
