@@ -183,12 +183,11 @@ protected:
         return nLast;
     }
     // The daemon still runs its storage thread: a pass asked through
-    // m_bStorageCMD is answered.
-    void ExpectServing(bool bHeadReady = false)
+    // m_bStorageCMD, with the head ready, is answered.
+    void ExpectServing()
     {
         std::vector<std::string> vCmd = {PeerPath(), "command", "--count", "3", "--code", "2", "--gap-us", "0",
-                                         "--wait-ready-ms", "5000"};
-        if (bHeadReady) vCmd.push_back("--head-ready");
+                                         "--wait-ready-ms", "5000", "--head-ready"};
         std::string strOut;
         EXPECT_EQ(0, m_box.Run(vCmd, 60000, &strOut)) << strOut << m_box.ReadDaemonTrace();
         EXPECT_NE(std::string::npos, strOut.find("answered=3")) << strOut;

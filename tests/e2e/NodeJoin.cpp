@@ -150,7 +150,7 @@ TEST_F(NodeJoin, AJoinWhileTheStandInCommitsHoldsAWholeCommit)
     EXPECT_GE(nCopied, nBefore);
     StartSecondDaemonOnCopy();
     VerifyJournal(m_node, strJournal, Copy("System.dbf"), nCopied);
-    ExpectServing(true);
+    ExpectServing();
 }
 
 TEST_F(NodeJoin, AJoinedStandbyIsShippedTheLogFromItsPosition)
@@ -258,7 +258,7 @@ TEST_F(NodeJoin, MisbehavingReceiversEndOrRepeatTheJoinAndAWholeCopyComesUp)
             EXPECT_EQ(0, NumberAfter(strNode, "refused ")) << strNode;
             ExpectCopiesEqualPrimary();
         }
-        ExpectServing(true);
+        ExpectServing();
     }
     StartSecondDaemonOnCopy();
     VerifyJournal(m_node, strJournal, Copy("System.dbf"), nLast);
