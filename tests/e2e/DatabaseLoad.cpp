@@ -1,8 +1,8 @@
 // End-to-end: a database made by talvor-mkdb comes up in the daemon. Every
 // memory-mode file is in its own segment, equal to the file up to the free
 // offset and zero above it; readiness shows in the channel; a SIGTERM
-// removes every segment. And what a start finds from before: the segments
-// of a killed daemon, a database moved to another directory.
+// removes every segment; a start after a kill takes the segments over as
+// they are. A database moved to another directory is corrected.
 #include "DatabaseLoadKit.h"
 
 #include <csignal>
@@ -12,7 +12,7 @@
 
 using namespace talvortest;
 
-TEST(DatabaseLoad, MadeDatabaseLoadsEveryImageAsItsFileAndStopsClean)
+TEST(DatabaseLoad, MadeDatabaseLoadsAsItsFilesIsTakenOverAfterAKillAndStopsClean)
 {
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
@@ -47,6 +47,25 @@ TEST(DatabaseLoad, MadeDatabaseLoadsEveryImageAsItsFileAndStopsClean)
         EXPECT_EQ(-1, st.m_mapFiles[e.nFileNo].m_nFirstNonZero) << e.lpName;
     }
     EXPECT_EQ(4 * E2E_MIB, st.m_mapFiles[1].m_nLoadSize);
+
+    // The segments of a killed daemon are taken over as they are, without
+    // reading the files: a change behind an image's back, below the free
+    // offset, stays out of it.
+    std::string strImageBefore = DumpImage(box, 2);
+    ASSERT_EQ((size_t)(20 * E2E_MIB), strImageBefore.size());
+    box.Signal(pid, SIGKILL);
+    EXPECT_EQ(128 + SIGKILL, box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS));
+    std::string strPath = box.DataDir() + "Data2.dbf";
+    std::string strFile = ReadWholeFile(strPath);
+    size_t nAt = (size_t)(((LPBASEFILEHEAD)strFile.data())->m_nFileFreeMemoryOffset - 1000);
+    strFile[nAt] = (char)0x5C;
+    ASSERT_TRUE(WriteWholeFile(strPath, strFile));
+    pid = box.StartServing();
+    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
+    std::string strImageAfter = DumpImage(box, 2);
+    EXPECT_TRUE(strImageAfter == strImageBefore);
+    EXPECT_NE((char)0x5C, strImageAfter[nAt]);
+    EXPECT_EQ(20 * E2E_MIB, Inspect(box, box.DataDir()).m_mapFiles[2].m_nLoadSize);
 
     EXPECT_TRUE(StopDaemon(box, pid));
     Inspection stAfter = Inspect(box, box.DataDir());
@@ -87,41 +106,9 @@ TEST(DatabaseLoad, WithNoCacheTheCacheModeFilesAreLeftAlone)
     EXPECT_EQ(mapBefore, Snapshot(box.DataDir(), vCacheFiles));
 }
 
-// What a start finds from before. The segments of a killed daemon are
-// taken over as they are, without reading the files; a database copied to
-// the program's default directory is corrected on its first start
-// ("install" = 1), and the usual start after it finds the same database.
-TEST(DatabaseLoadTakeover, SegmentsOfAKilledDaemonAreKeptAndTheFilesNotRead)
-{
-    DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
-    ASSERT_EQ(0, MakeDb(box, box.DataDir(), {"--data-file", "4", "--kv-file", "2"}));
-    WriteDbIni(box, box.DataDir());
-    pid_t pid = box.StartServing();
-    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
-    std::string strImageBefore = DumpImage(box, 2);
-    ASSERT_EQ((size_t)(4 * E2E_MIB), strImageBefore.size());
-    box.Signal(pid, SIGKILL);
-    EXPECT_EQ(128 + SIGKILL, box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS));
-
-    // The file changes behind the image's back, below the free offset.
-    std::string strPath = box.DataDir() + "Data2.dbf";
-    std::string strFile = ReadWholeFile(strPath);
-    long long nFree = ((LPBASEFILEHEAD)strFile.data())->m_nFileFreeMemoryOffset;
-    size_t nAt = (size_t)(nFree - 1000);
-    strFile[nAt] = (char)0x5C;
-    ASSERT_TRUE(WriteWholeFile(strPath, strFile));
-
-    pid = box.StartServing();
-    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
-    std::string strImageAfter = DumpImage(box, 2);
-    EXPECT_TRUE(strImageAfter == strImageBefore);
-    EXPECT_NE((char)0x5C, strImageAfter[nAt]);
-    Inspection st = Inspect(box, box.DataDir());
-    EXPECT_EQ(4 * E2E_MIB, st.m_mapFiles[2].m_nLoadSize) << st.m_strText;
-    EXPECT_TRUE(StopDaemon(box, pid));
-}
-
+// A database copied to the program's default directory is corrected on its
+// first start ("install" = 1), and the usual start after it finds the same
+// database.
 TEST(DatabaseLoadTakeover, MovedDatabaseIsCorrectedOnItsFirstStart)
 {
     DaemonSandbox box;
