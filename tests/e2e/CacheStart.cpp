@@ -1,9 +1,10 @@
 // End-to-end: a database with cache-mode files starts with the shared cache
-// (its head and the pages each file hangs in it are checked at unit level): the
-// files grow to their reserve, a kernel that will not give the segment
-// refuses the start by name, and the images and the cache that outlived a
+// (its head and the pages each file hangs in it are checked at unit level):
+// the files grow to their reserve, a kernel that will not give the segment
+// refuses the start by name, the images and the cache that outlived a
 // killed daemon are kept by a start that fails (the cache's take-over is
-// checked at unit level and after a kill in the cache crash test).
+// checked at unit level and after a kill in the cache crash test), and a
+// normal end leaves no cache.
 #include "DatabaseLoadKit.h"
 #include "MemDBCacheDef.h"
 
@@ -49,26 +50,6 @@ bool GrownOnDisk(const std::string& strPath)
 
 } // namespace
 
-TEST(CacheStart, CacheModeFilesGrowToTheirReserveAndTheCacheEndsWithTheStop)
-{
-    DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
-    MakeCacheDb(box);
-    pid_t pid = box.StartServing();
-    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
-
-    // A file with no more than 128 MiB unused grows by 64 MiB at a time in
-    // the flush threads' idle moments, its head on disk following.
-    for (const char* lpName : {"Table3.dbf", "Index4.dbf"}) {
-        std::string strPath = box.DataDir() + lpName;
-        EXPECT_TRUE(WaitUntil([&] { return GrownOnDisk(strPath); }, 60000, 20))
-            << lpName << " has " << FileSizeOf(strPath) << " bytes\n" << box.ReadDaemonTrace();
-    }
-    EXPECT_EQ((size_t)PAGE, DumpCache(box, PAGE).size());
-    EXPECT_TRUE(StopDaemon(box, pid));
-    EXPECT_TRUE(DumpCache(box, PAGE).empty()) << "a normal end leaves no cache";
-}
-
 TEST(CacheStart, AKernelLimitBelowTheCacheRefusesTheStartByName)
 {
     DaemonSandbox box;
@@ -88,7 +69,7 @@ TEST(CacheStart, AKernelLimitBelowTheCacheRefusesTheStartByName)
 // Images and a cache that outlived a killed daemon may hold the engine's
 // work that never reached the disk: a start that fails after taking them
 // over leaves them for the next start.
-TEST(CacheStart, AFailedStartKeepsEveryImageAndTheCacheAKilledDaemonLeft)
+TEST(CacheStart, FilesGrowAndAFailedStartKeepsTheImagesAndTheCacheAKilledDaemonLeft)
 {
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
@@ -97,6 +78,8 @@ TEST(CacheStart, AFailedStartKeepsEveryImageAndTheCacheAKilledDaemonLeft)
     WriteDbIni(box, box.DataDir(), "", CACHE_MIB);
     pid_t pid = box.StartServing();
     ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
+    // A file with no more than 128 MiB unused grows by 64 MiB at a time in
+    // the flush threads' idle moments, its head on disk following.
     for (const char* lpName : {"Table5.dbf", "Index6.dbf"})
         ASSERT_TRUE(WaitUntil([&] { return GrownOnDisk(box.DataDir() + lpName); }, 60000, 20)) << lpName;
     box.Signal(pid, SIGKILL);
@@ -107,11 +90,13 @@ TEST(CacheStart, AFailedStartKeepsEveryImageAndTheCacheAKilledDaemonLeft)
     // File 2 is loaded last; without its image and with a damaged head on
     // disk, the start fails after the cache and files 4 and 3 were taken over.
     ASSERT_EQ(0, box.Run({"ipcrm", "-M", std::to_string(0x514E4602)}, 10000));
-    std::string strData = ReadWholeFile(box.DataDir() + "Data2.dbf");
-    ASSERT_GT(strData.size(), 64u);
+    const std::string strWhole = ReadWholeFile(box.DataDir() + "Data2.dbf");
+    ASSERT_GT(strWhole.size(), 64u);
+    std::string strData = strWhole;
     memset(&strData[0], 0, 16);
     ASSERT_TRUE(WriteWholeFile(box.DataDir() + "Data2.dbf", strData));
     std::string strBefore = DumpCache(box, 4 * E2E_MIB);
+    ASSERT_EQ((size_t)(4 * E2E_MIB), strBefore.size()) << "the killed daemon left no cache";
     EXPECT_EQ(0, box.RunDaemon());
     std::string strTrace = box.ReadDaemonTrace();
     EXPECT_EQ(1u, CountOf(strTrace, "Talvor storage service started!")) << "the second start failed\n" << strTrace;
@@ -123,4 +108,12 @@ TEST(CacheStart, AFailedStartKeepsEveryImageAndTheCacheAKilledDaemonLeft)
     std::string strKept = DumpCache(box, 4 * E2E_MIB);
     ASSERT_EQ(strBefore.size(), strKept.size()) << "the cache is still there";
     EXPECT_TRUE(strBefore.substr(0, (size_t)(2 * PAGE)) == strKept.substr(0, (size_t)(2 * PAGE)));
+
+    // With its head whole again the next start serves, and a normal end
+    // leaves no cache.
+    ASSERT_TRUE(WriteWholeFile(box.DataDir() + "Data2.dbf", strWhole));
+    pid = box.StartServing();
+    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
+    EXPECT_TRUE(StopDaemon(box, pid));
+    EXPECT_TRUE(DumpCache(box, PAGE).empty()) << "a normal end leaves no cache";
 }
