@@ -1,8 +1,9 @@
 // End-to-end: a database made by talvor-mkdb comes up in the daemon. Every
 // memory-mode file is in its own segment, equal to the file up to the free
-// offset and zero above it; readiness shows in the channel; a SIGTERM
-// removes every segment; a start after a kill takes the segments over as
-// they are. A database moved to another directory is corrected.
+// offset and zero above it; readiness shows in the channel; a second daemon
+// beside it leaves at once and SIGINT changes nothing; a start after a kill
+// takes the segments over as they are; a SIGTERM removes every segment. A
+// database moved to another directory is corrected.
 #include "DatabaseLoadKit.h"
 
 #include <csignal>
@@ -12,7 +13,7 @@
 
 using namespace talvortest;
 
-TEST(DatabaseLoad, MadeDatabaseLoadsAsItsFilesIsTakenOverAfterAKillAndStopsClean)
+TEST(DatabaseLoad, MadeDatabaseLoadsAsItsFilesOutlivesASecondDaemonSigintAndAKillAndStopsClean)
 {
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
@@ -48,6 +49,23 @@ TEST(DatabaseLoad, MadeDatabaseLoadsAsItsFilesIsTakenOverAfterAKillAndStopsClean
     }
     EXPECT_EQ(4 * E2E_MIB, st.m_mapFiles[1].m_nLoadSize);
 
+    // A second daemon beside it leaves at once and writes no log; SIGINT
+    // changes nothing.
+    std::vector<std::string> vLogs = ListFiles(box.LogDir(), "");
+    std::map<std::string, std::string> mapServed = Snapshot(box.DataDir(), vFiles);
+    std::string strIni = ReadWholeFile(box.IniPath());
+    pid_t pidSecond = box.StartDaemon();
+    ASSERT_GT(pidSecond, 0);
+    EXPECT_EQ(0, box.WaitExit(pidSecond, 5000));
+    EXPECT_EQ(vLogs, ListFiles(box.LogDir(), ""));
+    EXPECT_EQ(1u, CountOf(box.ReadDaemonTrace(), "Service Start")) << box.ReadDaemonTrace();
+    box.Signal(pid, SIGINT);
+    usleep(700000);
+    EXPECT_TRUE(box.IsRunning(pid));
+    EXPECT_EQ(std::string::npos, box.ReadDaemonTrace().find("stopped")) << box.ReadDaemonTrace();
+    EXPECT_EQ(strIni, ReadWholeFile(box.IniPath()));
+    EXPECT_TRUE(mapServed == Snapshot(box.DataDir(), vFiles));
+
     // The segments of a killed daemon are taken over as they are, without
     // reading the files: a change behind an image's back, below the free
     // offset, stays out of it.
@@ -68,6 +86,7 @@ TEST(DatabaseLoad, MadeDatabaseLoadsAsItsFilesIsTakenOverAfterAKillAndStopsClean
     EXPECT_EQ(20 * E2E_MIB, Inspect(box, box.DataDir()).m_mapFiles[2].m_nLoadSize);
 
     EXPECT_TRUE(StopDaemon(box, pid));
+    EXPECT_NE(std::string::npos, box.ReadDaemonTrace().find("Talvor storage service stopped"));
     Inspection stAfter = Inspect(box, box.DataDir());
     EXPECT_FALSE(stAfter.m_bSystemImage) << stAfter.m_strText;
     for (const Expect& e : arFiles) EXPECT_FALSE(stAfter.m_mapFiles[e.nFileNo].m_bImage) << e.lpName;
