@@ -126,16 +126,14 @@ void KillWhileFlushing(int nCacheMiB)
 
 } // namespace
 
+// Also where every file keeps write buffers: an answer must still mean the
+// disk, not a buffer that dies with the daemon.
 TEST(CacheCrash, SigkillWhileTheEngineFlushesLosesNoAnsweredBlockAndNoTimestampRunsAhead)
 {
-    KillWhileFlushing(SMALL_CACHE_MIB);
-}
-
-// The same where every file keeps write buffers: an answer must still mean
-// the disk, not a buffer that dies with the daemon.
-TEST(CacheCrash, WithWriteBuffersToo)
-{
-    KillWhileFlushing(BUFFERED_CACHE_MIB);
+    for (int nCacheMiB : {SMALL_CACHE_MIB, BUFFERED_CACHE_MIB}) {
+        SCOPED_TRACE(nCacheMiB);
+        KillWhileFlushing(nCacheMiB);
+    }
 }
 
 namespace {
@@ -192,10 +190,8 @@ void LoseTheEngineBeforeTheStop(int nCacheMiB)
 
 TEST(CacheCrash, TheEngineLostAtStopHasEveryDirtyBlockWrittenByTheLastPass)
 {
-    LoseTheEngineBeforeTheStop(SMALL_CACHE_MIB);
-}
-
-TEST(CacheCrash, TheEngineLostAtStopWithWriteBuffers)
-{
-    LoseTheEngineBeforeTheStop(BUFFERED_CACHE_MIB);
+    for (int nCacheMiB : {SMALL_CACHE_MIB, BUFFERED_CACHE_MIB}) {
+        SCOPED_TRACE(nCacheMiB);
+        LoseTheEngineBeforeTheStop(nCacheMiB);
+    }
 }

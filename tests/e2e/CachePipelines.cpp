@@ -2,12 +2,12 @@
 // daemon's shared cache (talvor-peer cache). Blocks changed in the cache
 // reach their files as the cache held them, with the engine's in-memory
 // marks cleared; the committed timestamps reach the system file; blocks are
-// loaded on request as the file holds them; entries of random fields and
-// a torn one write nothing. Each refusal of a wrong entry or load request is
-// the flush and load threads' own unit case.
+// loaded on request as the file holds them; a torn entry writes nothing.
+// Each refusal of a wrong entry or load request is the flush and load
+// threads' own unit case, entries of random fields the flush entry fuzz
+// target's.
 #include "CachePipelinesKit.h"
 
-#include <csignal>
 #include <sys/stat.h>
 
 using namespace talvortest;
@@ -94,7 +94,7 @@ void ExpectAllDone(const PeerRun& run, size_t nFlushes, size_t nPages, size_t nS
 
 } // namespace
 
-TEST(CachePipelines, FlushRoundTripPutsCacheBlocksPagesAndTimestampsOnDisk)
+TEST(CachePipelines, BlocksPagesAndTimestampsReachTheDiskAndLoadBackAsTheFileHoldsThem)
 {
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
@@ -121,22 +121,11 @@ TEST(CachePipelines, FlushRoundTripPutsCacheBlocksPagesAndTimestampsOnDisk)
     // No block outruns the timestamp that stands for it.
     for (const PeerFlushLine& p : run.vPosts)
         EXPECT_LE(p.llTs, LastStamp(run, p.nFile == INDEX_NO)) << "file " << p.nFile << " block " << p.nBlock;
-    EXPECT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
-}
 
-TEST(CachePipelines, LoadSlotsGiveTheFileBlockAndWaitForALateRequest)
-{
-    DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
-    pid_t pid = StartCacheDb(box, {"--table-file", "--index-file"});
-    ASSERT_GT(pid, 0);
-    std::string strDump = DumpDir(box);
-    PeerRun made = RunCachePeer(box, {"--blocks", "4", "--timestamp"});
-    ExpectAllDone(made, 4 * 2, 2 * 2, 2);
-
-    PeerRun loads = RunCachePeer(box, {"--blocks", "4", "--rounds", "0", "--load", "--dump-dir", strDump});
+    // Load slots give each block as the file holds it.
+    PeerRun loads = RunCachePeer(box, {"--blocks", "5", "--rounds", "0", "--load", "--dump-dir", strDump});
     EXPECT_EQ(0, loads.nExit) << loads.strOut;
-    ASSERT_EQ(8u, loads.vLoads.size()) << loads.strOut;
+    ASSERT_EQ(10u, loads.vLoads.size()) << loads.strOut;
     for (const PeerLoadLine& l : loads.vLoads) {
         EXPECT_EQ(CACHELOAD_OK, l.nResult) << "file " << l.nFile << " block " << l.nBlock;
         std::string strDisk = DiskBlock(ReadWholeFile(FileOf(box, l.nFile, l.nFile == INDEX_NO)), l.nBlock);
@@ -146,7 +135,7 @@ TEST(CachePipelines, LoadSlotsGiveTheFileBlockAndWaitForALateRequest)
 
     // A request still half written when posted is waited for. (One that
     // names another block, size or file is CacheLoadThread's at unit level.)
-    PeerRun late = RunCachePeer(box, {"--blocks", "4", "--rounds", "0", "--load-fault", "late", "--dump-dir", strDump});
+    PeerRun late = RunCachePeer(box, {"--blocks", "5", "--rounds", "0", "--load-fault", "late", "--dump-dir", strDump});
     EXPECT_EQ(0, late.nExit) << late.strOut;
     ASSERT_EQ(2u, late.vLoads.size()) << late.strOut;
     for (const PeerLoadLine& l : late.vLoads) {
@@ -158,15 +147,14 @@ TEST(CachePipelines, LoadSlotsGiveTheFileBlockAndWaitForALateRequest)
     // A new daemon builds a new cache: the engine finds its blocks only in
     // the files, loads them on request and carries its changes on.
     ASSERT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
-    std::string strTrace;
-    pid = RestartDaemon(box, &strTrace);
+    pid = RestartDaemon(box, nullptr);
     ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
-    PeerRun again = RunCachePeer(box, {"--blocks", "4", "--timestamp", "--dump-dir", strDump});
-    ExpectAllDone(again, 4 * 2, 2 * 2, 2);
-    EXPECT_EQ(8u, again.vLoads.size()) << again.strOut;
+    PeerRun again = RunCachePeer(box, {"--blocks", "5", "--timestamp", "--dump-dir", strDump});
+    ExpectAllDone(again, 5 * 2, 2 * 2, 2);
+    EXPECT_EQ(10u, again.vLoads.size()) << again.strOut;
     for (const PeerLoadLine& l : again.vLoads) EXPECT_EQ(CACHELOAD_OK, l.nResult) << again.strOut;
-    ExpectBlocksAsPosted(box, again, strDump, TABLE_NO, false, 4);
-    ExpectBlocksAsPosted(box, again, strDump, INDEX_NO, true, 4);
+    ExpectBlocksAsPosted(box, again, strDump, TABLE_NO, false, 5);
+    ExpectBlocksAsPosted(box, again, strDump, INDEX_NO, true, 5);
     EXPECT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
 }
 
@@ -217,44 +205,5 @@ TEST(CachePipelines, ATornEntryWritesNothingAndAnOvertakenOneWritesTheNewerBlock
     // The rings go on: a plain round afterwards is served in full.
     PeerRun after = RunCachePeer(box, {"--blocks", "3", "--timestamp"});
     ExpectAllDone(after, 3 * 3, 3 * 2, 2);
-    EXPECT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
-}
-
-// Entries of random fields, as an engine that died while writing them may
-// leave: each is answered with a code and none writes, the daemon stays
-// up, and after it is killed a new one takes the cache over and serves the
-// engine as before.
-TEST(CachePipelines, EntriesOfRandomFieldsWriteNothingAndOutliveARestart)
-{
-    DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
-    pid_t pid = StartCacheDb(box, {"--table-file", "--index-file"});
-    ASSERT_GT(pid, 0);
-    const std::vector<std::string> vNames = {"Table2.dbf", "Index3.dbf"};
-    PeerRun made = RunCachePeer(box, {"--blocks", "3", "--timestamp"});
-    ExpectAllDone(made, 3 * 2, 2 * 2, 2);
-    std::map<std::string, std::string> mapBefore = Snapshot(box.DataDir(), vNames);
-    PeerRun garbage = RunCachePeer(box, {"--blocks", "3", "--rounds", "0", "--fault", "garbage", "--garbage-count", "64"});
-    EXPECT_EQ(0, garbage.nExit) << garbage.strOut;
-    ASSERT_EQ(2u * 64, garbage.vFaults.size()) << garbage.strOut;
-    std::set<int> setCodes = {CACHEFLUSH_DONE, CACHEFLUSH_UNUSABLE, CACHEFLUSH_FAILED, CACHEFLUSH_NOBACKEND,
-                              CACHEFLUSH_NOFILE};
-    std::map<int, int> mapSeen;
-    for (const auto& f : garbage.vFaults) {
-        EXPECT_EQ(1u, setCodes.count(f.second.nResult)) << f.second.nResult;
-        mapSeen[f.second.nResult]++;
-    }
-    EXPECT_GE(mapSeen.size(), 3u) << "the entries reach more than one refusal";
-    EXPECT_TRUE(mapBefore == Snapshot(box.DataDir(), vNames)) << "an entry of random fields wrote to a file";
-    EXPECT_TRUE(box.IsRunning(pid));
-
-    box.Signal(pid, SIGKILL);
-    box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS);
-    std::string strTrace;
-    pid = RestartDaemon(box, &strTrace);
-    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
-    EXPECT_NE(std::string::npos, strTrace.find("Cache data was found in memory")) << strTrace;
-    PeerRun after = RunCachePeer(box, {"--blocks", "3", "--timestamp"});
-    ExpectAllDone(after, 3 * 2, 2 * 2, 2);
     EXPECT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
 }

@@ -38,7 +38,6 @@ struct PeerTsLine {
     int nResult = -1;
 };
 struct PeerLoadLine {
-    std::string strFault;  // empty for a plain load
     int nFile = 0;
     UINT nBlock = 0;
     int nResult = -1;
@@ -94,12 +93,9 @@ inline PeerRun ParsePeer(const std::string& strOut, int nExit)
         if (l.rfind("timestamp ", 0) == 0)
             run.vStamps.push_back({l.find("kind index") != std::string::npos, NumberAfter(l, " ts "), ResultOf(l)});
         if (l.rfind("load", 0) == 0) {
+            // "loadfault MODE file ..." names the mode first.
+            std::string strFields = l.rfind("loadfault ", 0) == 0 ? l.substr(l.find(' ', 10)) : l;
             PeerLoadLine x;
-            std::string strFields = l;
-            if (l.rfind("loadfault ", 0) == 0) {
-                x.strFault = l.substr(10, l.find(' ', 10) - 10);
-                strFields = l.substr(10 + x.strFault.size());
-            }
             x.nFile = (int)NumberAfter(strFields, "file ");
             x.nBlock = (UINT)NumberAfter(strFields, " block ");
             x.nResult = ResultOf(l);

@@ -6,24 +6,14 @@
 
 #include "DatabaseLoadKit.h"
 
-#include <arpa/inet.h>
-#include <atomic>
 #include <csignal>
 #include <dirent.h>
-#include <set>
-#include <thread>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 namespace talvortest {
 
 const int CLUSTER_WAIT_MS = 60000;
-// talvor-peer's exit status for a command refused, failed or not served,
-// as its usage text gives it.
-const int PEER_EXIT_NOT_SERVED = 5;
 // head_forbid of a report when there is no system image.
 const int CLUSTER_NO_HEAD_SEEN = -1;
 const std::vector<std::string> CLUSTER_DB_FILES = {"System.dbf", "Data2.dbf", "BTree3.dbf", "KV4.dbf"};
@@ -32,9 +22,9 @@ const std::vector<std::string> CLUSTER_DB_FILES = {"System.dbf", "Data2.dbf", "B
 struct ClusterLine {
     int m_nExit = -2;
     std::string m_strOutcome;
-    long long m_nFinal = -3, m_nResult = -3, m_nCmdForbid = -3, m_nHeadForbid = -3, m_nStatus = -3, m_nStandby = -3,
-              m_nBackupTs = -3, m_nTs = -3;
-    std::string m_strPath, m_strFile;
+    long long m_nFinal = -3, m_nResult = -3, m_nCmdForbid = -3, m_nHeadForbid = -3, m_nStandby = -3, m_nBackupTs = -3,
+              m_nTs = -3;
+    std::string m_strPath;
     std::string m_strText;  // the whole output
 };
 
@@ -62,12 +52,10 @@ inline ClusterLine ReadClusterLine(const std::string& strOut, const std::string&
     st.m_nResult = FieldOf(strLine, "result");
     st.m_nCmdForbid = FieldOf(strLine, "cmd_forbid");
     st.m_nHeadForbid = FieldOf(strLine, "head_forbid");
-    st.m_nStatus = FieldOf(strLine, "status");
     st.m_nStandby = FieldOf(strLine, "standby");
     st.m_nBackupTs = FieldOf(strLine, "backup_ts");
     st.m_nTs = FieldOf(strLine, "ts");
     st.m_strPath = WordAfter(strLine, "path");
-    st.m_strFile = WordAfter(strLine, "file");
     return st;
 }
 
@@ -102,13 +90,6 @@ inline ClusterLine Backup(DaemonSandbox& box, std::vector<std::string> vArgs)
 {
     vArgs.insert(vArgs.begin(), "--full");
     return BackupJob(box, vArgs);
-}
-
-// talvor-peer backup --incremental of nLevel over the backup nRefer, waited
-// for; the closing line read.
-inline ClusterLine IncrementalBackup(DaemonSandbox& box, int nLevel, long long nRefer)
-{
-    return BackupJob(box, {"--incremental", "--level", std::to_string(nLevel), "--ref", std::to_string(nRefer), "--wait"});
 }
 
 // The port a node listener of the stand-in, started by box.Spawn under
@@ -202,12 +183,11 @@ protected:
         return nLast;
     }
     // The daemon still runs its storage thread: a pass asked through
-    // m_bStorageCMD is answered.
-    void ExpectServing(bool bHeadReady = false)
+    // m_bStorageCMD, with the head ready, is answered.
+    void ExpectServing()
     {
         std::vector<std::string> vCmd = {PeerPath(), "command", "--count", "3", "--code", "2", "--gap-us", "0",
-                                         "--wait-ready-ms", "5000"};
-        if (bHeadReady) vCmd.push_back("--head-ready");
+                                         "--wait-ready-ms", "5000", "--head-ready"};
         std::string strOut;
         EXPECT_EQ(0, m_box.Run(vCmd, 60000, &strOut)) << strOut << m_box.ReadDaemonTrace();
         EXPECT_NE(std::string::npos, strOut.find("answered=3")) << strOut;

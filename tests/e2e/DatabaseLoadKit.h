@@ -60,8 +60,7 @@ inline void WriteDbIni(DaemonSandbox& box, const std::string& strDatabasePath, c
 
 struct InspectedFile {
     bool m_bImage = false;
-    long long m_nSize = -1, m_nImageSize = -1, m_nFree = -1, m_nLoadSize = -1, m_nFirstDiff = -2,
-              m_nFirstNonZero = -2;
+    long long m_nImageSize = -1, m_nLoadSize = -1, m_nFirstDiff = -2, m_nFirstNonZero = -2;
     std::string m_strPath;
 };
 
@@ -70,9 +69,6 @@ struct Inspection {
     bool m_bSystemImage = false;
     int m_nSystemStatus = -1;
     std::map<int, InspectedFile> m_mapFiles;
-    bool m_bProgress = false;
-    int m_nStatus = -1, m_nPos = -1, m_nTotal = -1;
-    std::string m_strTitle;
     std::string m_strText;
 };
 
@@ -97,22 +93,13 @@ inline Inspection Inspect(DaemonSandbox& box, const std::string& strDir)
             InspectedFile f;
             int nFileNo = atoi(strLine.c_str() + 5);
             f.m_bImage = strLine.find(" image=yes") != std::string::npos;
-            f.m_nSize = FieldOf(strLine, "size");
             f.m_nImageSize = FieldOf(strLine, "imagesize");
-            f.m_nFree = FieldOf(strLine, "free");
             f.m_nLoadSize = FieldOf(strLine, "loadsize");
             f.m_nFirstDiff = FieldOf(strLine, "firstdiff");
             f.m_nFirstNonZero = FieldOf(strLine, "firstnonzeroafterfree");
             size_t nPath = strLine.find(" path=");
             if (nPath != std::string::npos) f.m_strPath = strLine.substr(nPath + 6);
             st.m_mapFiles[nFileNo] = f;
-        } else if (strLine.rfind("progress status=", 0) == 0) {
-            st.m_bProgress = true;
-            st.m_nStatus = (int)FieldOf(strLine, "status");
-            st.m_nPos = (int)FieldOf(strLine, "pos");
-            st.m_nTotal = (int)FieldOf(strLine, "total");
-            size_t nTitle = strLine.find(" title=");
-            if (nTitle != std::string::npos) st.m_strTitle = strLine.substr(nTitle + 7);
         }
     }
     return st;

@@ -170,31 +170,15 @@ protected:
         if (rc == 1 && strCheck.find("damage:") == std::string::npos) strFindings += strCheck;
         return strFindings;
     }
-    // Stop, check, start again: what every step must survive. After the
-    // start the maker's inspection finds every memory-mode file of the list
-    // loaded as its file is.
+    // Stop, check, start again: what every step must survive. (That the
+    // start loads each memory-mode file of the list as its file is is
+    // checked after every command at unit level.)
     void Restart(const std::string& strStep)
     {
         Stop();
         EXPECT_EQ("", ListAgreesWithFiles()) << strStep;
         EXPECT_EQ("", OfflineFindings()) << strStep;
         Start();
-        Inspection ins = Inspect(m_box, m_box.DataDir());
-        ASSERT_TRUE(ins.m_bRan) << ins.m_strText;
-        std::string s = ReadWholeFile(m_box.DataDir() + "System.dbf");
-        ASSERT_FALSE(s.empty());
-        DbForEachFileListRow((LPBYTE)&s[0], (long long)s.size(), [&](LPSYSTEMBLOCKHEAD, LPFILE_MEMDBFILEINFO lpRow) {
-            // The system file's image is refreshed by the start itself.
-            if (lpRow->m_bDropFlag == 1 || lpRow->m_bFileNo == SYSTEMFILE_FILENO ||
-                !IsMemoryFileType(lpRow->m_bFileType))
-                return true;
-            const InspectedFile& f = ins.m_mapFiles[lpRow->m_bFileNo];
-            EXPECT_TRUE(f.m_bImage) << strStep << ": file " << (int)lpRow->m_bFileNo << "\n" << ins.m_strText;
-            EXPECT_EQ(f.m_nSize, f.m_nImageSize) << strStep << ": file " << (int)lpRow->m_bFileNo;
-            EXPECT_EQ(-1, f.m_nFirstDiff) << strStep << ": file " << (int)lpRow->m_bFileNo;
-            EXPECT_EQ(-1, f.m_nFirstNonZero) << strStep << ": file " << (int)lpRow->m_bFileNo;
-            return true;
-        });
     }
     std::string Path(const std::string& strName) { return m_box.DataDir() + strName; }
 
@@ -235,22 +219,19 @@ TEST_F(FileCommandsE2E, CacheModeFilesAreAddedGrownMovedAndDroppedAcrossRestarts
     EXPECT_EQ(0, DiskRow(7).m_bFileNo);
 }
 
-// The daemon killed at moments spread over the moves of a memory-mode and a
-// cache-mode file, then over their drops: each start (resuming a cache-mode
-// move the kill left unanswered while the next request is written into the
-// same row) loads a list that agrees with the files.
+// The daemon killed at moments spread over the moves of a cache-mode file,
+// then over its drop: each start (resuming a move the kill left unanswered
+// while the next request is written into the same row) loads a list that
+// agrees with the files. (A memory-mode file's move and drop cut at each of
+// their steps are checked at unit level.)
 TEST_F(FileCommandsE2E, ADaemonKilledDuringAMoveOrADropStartsAgain)
 {
-    ASSERT_EQ(0, File({"add", "--no", "9", "--type", "2", "--path", Path("Large9.dbf"), "--size-mib", "192"}));
     ASSERT_EQ(0, File({"add", "--no", "10", "--type", "10", "--path", Path("Table10.dbf"), "--size-mib", "64"}));
-    Restart("adds");
+    Restart("add");
     int nStep = 0;
     for (int nDelayMs : {5, 20, 50, 150, 300, 500}) {
-        for (std::string strNo : {"9", "10"}) {
-            std::string strTo = Path("moved" + std::to_string(nStep++) + "/File" + strNo + ".dbf");
-            ASSERT_NO_FATAL_FAILURE(KillDuring({"move", "--no", strNo, "--path", strTo}, nDelayMs, "move of " + strNo));
-        }
+        std::string strTo = Path("moved" + std::to_string(nStep++) + "/Table10.dbf");
+        ASSERT_NO_FATAL_FAILURE(KillDuring({"move", "--no", "10", "--path", strTo}, nDelayMs, "move"));
     }
-    for (std::string strNo : {"9", "10"})
-        ASSERT_NO_FATAL_FAILURE(KillDuring({"drop", "--no", strNo}, 60, "drop of " + strNo));
+    ASSERT_NO_FATAL_FAILURE(KillDuring({"drop", "--no", "10"}, 60, "drop"));
 }

@@ -132,16 +132,9 @@ TEST(RedoDumpTool, TheDumpOfARealDaemonsGroupsAndArchivesListsEveryRecordInOrder
     }
     EXPECT_GT(nLogs, 5) << "the groups never wrapped";
     EXPECT_FALSE(ListFiles(strArchive + "ArchiveLog/", "Log").empty());
-
-    // --stats counts the same records.
-    ASSERT_EQ(0, box.Run({DumpPath(), "--stats", box.DataDir(), strArchive}, 60000, &strOut)) << strOut;
-    long long nCounted = 0;
-    for (size_t p = strOut.find("  records: "); p != std::string::npos; p = strOut.find("  records: ", p + 1))
-        nCounted += atoll(strOut.c_str() + p + 11);
-    EXPECT_EQ((long long)vWritten.size(), nCounted) << strOut;
 }
 
-TEST(RedoDumpTool, ADamagedFileIsRefusedAtTheOffsetOfTheDamage)
+TEST(RedoDumpTool, ADamagedLogIsRefusedAtTheDamageAndAnOpenOneEndsAtItsLastRecord)
 {
     DaemonSandbox box;
     ASSERT_TRUE(box.Ok());
@@ -179,25 +172,19 @@ TEST(RedoDumpTool, ADamagedFileIsRefusedAtTheOffsetOfTheDamage)
         EXPECT_NE(std::string::npos, strOut.find("refused: " + strPath + " at offset " + std::to_string(d.m_nRefusedAt) + ":"))
             << d.m_lpWhat << "\n" << strOut;
     }
-}
 
-TEST(RedoDumpTool, AnOpenLogEndsAtItsLastRecordWithoutRefusal)
-{
-    DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
-    std::string s = MakeSealedLog();
+    // The same log still open: it ends at its last record, no refusal.
+    std::string s = strSound;
     MF_REDOLOGFILEHEAD h;
     memcpy(&h, s.data(), sizeof(h));
     h.m_nEffectiveSize = 0;
     h.m_bState = REDOGROUP_WRITING;
     h.m_nEndTimestamp = 0;
     s.replace(0, sizeof(h), std::string((const char*)&h, sizeof(h)));
-    std::string strPath = box.Root() + "/Redo1.log";
+    strPath = box.Root() + "/Redo1.log";
     ASSERT_TRUE(WriteWholeFile(strPath, s));
-    std::string strOut;
     EXPECT_EQ(0, box.Run({DumpPath(), strPath}, 30000, &strOut)) << strOut;
     EXPECT_EQ(3u, RecordLines(strOut).size()) << strOut;
-    EXPECT_NE(std::string::npos, strOut.find("the open log's records end at 294")) << strOut;
 
     // Cut behind the record without timestamp: nothing after it proves it
     // this log's (a stale record of the group's previous log looks the
@@ -205,8 +192,7 @@ TEST(RedoDumpTool, AnOpenLogEndsAtItsLastRecordWithoutRefusal)
     s.replace(230, 64, std::string(64, '\0'));
     ASSERT_TRUE(WriteWholeFile(strPath, s));
     EXPECT_EQ(0, box.Run({DumpPath(), strPath}, 30000, &strOut)) << strOut;
-    std::vector<DumpedRecord> v = RecordLines(strOut);
+    v = RecordLines(strOut);
     ASSERT_EQ(1u, v.size()) << strOut;
     EXPECT_EQ(50, v[0].m_nOffset);
-    EXPECT_NE(std::string::npos, strOut.find("1 record without timestamp from 150 on not shown")) << strOut;
 }

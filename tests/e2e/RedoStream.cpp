@@ -1,7 +1,8 @@
 // End-to-end: the redo log of a running daemon, fed by the engine stand-in.
 // What the stand-in committed must come out of the archive (and the online
-// groups) byte for byte, across seals, wraps, a writer's crash and hard
-// kills. (A clean stop and the next start are RedoLogStop's at unit level.)
+// groups) byte for byte, across seals, wraps and a writer's crash. (A clean
+// stop and the next start are RedoLogStop's at unit level, a writer killed
+// at any of its writes RedoLogKill's.)
 #include "DatabaseLoadKit.h"
 
 #include <csignal>
@@ -98,7 +99,7 @@ protected:
 
 // The second destination cannot be made (a regular file stands where its
 // directory would have to be): it must not keep the first from every log.
-TEST_F(RedoStream, MixedStreamComesOutOfTheArchiveByteForByte)
+TEST_F(RedoStream, MixedStreamAndAWriterFaultComeOutOfTheArchiveByteForByte)
 {
     ASSERT_TRUE(WriteWholeFile(m_box.Root() + "/blocker", "x"));
     MakeAndConfigure(3, Des("Arch") + ";" + m_box.Root() + "/blocker/ArchB");
@@ -107,23 +108,34 @@ TEST_F(RedoStream, MixedStreamComesOutOfTheArchiveByteForByte)
     // Small, medium and ring-sized records; many wraps of the 4 MiB ring,
     // many seals of the 1 MiB groups, and one forced seal on the way.
     Commit({"--records", "700", "--seed", "11", "--seal-at", "350", "--burst", "7"}, strStream);
-    std::string strTrace = m_box.ReadDaemonTrace();
-    Stop();
     std::string strExpected = ReadWholeFile(strStream);
     ASSERT_GT(strExpected.size(), (size_t)(8 * REDORING_SEGMENT_SIZE_SMALL)) << "the stream must wrap the ring";
-    ExpectLogsAre(strExpected);
+
+    // The writer faults: it is restarted and loses no record it drained.
+    const std::string strStarted = "30003000 WriteLog Redo log Writer thread started!";
+    ASSERT_TRUE(m_box.WaitForTrace(strStarted, 10000)) << m_box.ReadDaemonTrace();
+    std::string strTrace = m_box.ReadDaemonTrace();
+    size_t nAt = strTrace.find(strStarted);
+    // "YYYY-MM-DD hh:mm:ss.mmm TID\t..." at the start of the line.
+    size_t nLine = strTrace.rfind('\n', nAt) + 1;
+    pid_t nTid = atoi(strTrace.c_str() + nLine + 24);
+    ASSERT_GT(nTid, 0);
+    ASSERT_EQ(0, syscall(SYS_tgkill, m_pid, nTid, SIGSEGV));
+    WaitUntil([&] { return CountOf(m_box.ReadDaemonTrace(), strStarted) >= 2; }, 10000, TRACE_POLL_MS);
+    ASSERT_EQ(2u, CountOf(m_box.ReadDaemonTrace(), strStarted)) << m_box.ReadDaemonTrace();
+    // The engine is told to reset the ring, and the ring is read from its start.
+    std::string strOut;
+    ASSERT_EQ(0, m_box.Run({PeerPath(), "redo", "--records", "0", "--no-drain"}, 30000, &strOut));
+    EXPECT_NE(std::string::npos, strOut.find(" exception=1")) << strOut;
+    EXPECT_NE(std::string::npos, strOut.find(" read=68 ")) << strOut;
+    // The engine resets the ring and goes on; the writer follows.
+    Commit({"--records", "200", "--seed", "22", "--max-size", "60000"}, m_box.Root() + "/s2.bin", 1);
+    Stop();
+    ExpectLogsAre(strExpected + ReadWholeFile(m_box.Root() + "/s2.bin"));
     EXPECT_GT(LogsIn(Des("Arch") + "ArchiveLog/").size(), (size_t)10);
-    EXPECT_NE(std::string::npos, strTrace.find("is full, time:")) << strTrace;
-    // The stop sealed the last log, and it was archived before the end.
-    std::string strAll = m_box.ReadDaemonTrace();
-    EXPECT_NE(std::string::npos, strAll.find("has completed the sealing")) << strAll;
-    EXPECT_NE(std::string::npos, strAll.find("Redo log Writer thread ended!")) << strAll;
-    EXPECT_NE(std::string::npos, strAll.find("Failed to create new archive log file! Path: " + m_box.Root() +
-                                             "/blocker/ArchB/ArchiveLog/Log1.log"))
-        << strAll;
-    EXPECT_NE(std::string::npos, strAll.find("The archived log filegroup [1] failed, but the number of successful "
-                                             "files [1] meets the requirement"))
-        << strAll;
+    EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("Failed to create new archive log file! Path: " +
+                                                              m_box.Root() + "/blocker/ArchB/ArchiveLog/Log1.log"))
+        << m_box.ReadDaemonTrace();
 }
 
 // The engine commits redo records and changes rows at the same time, as it
@@ -151,8 +163,8 @@ TEST_F(RedoStream, RedoAndRowChangesTogetherLoseNeither)
 }
 
 // The first start makes every group at its nominal size, empty; a group
-// another database left (and cut short) is reset at the next start, alone.
-TEST_F(RedoStream, FirstStartMakesEveryGroupAndAForeignOneIsResetAndTraced)
+// another database left (and cut short) is reset at the next start.
+TEST_F(RedoStream, FirstStartMakesEveryGroupAndAForeignOneIsReset)
 {
     MakeAndConfigure(4, Des("Arch"));
     Start();
@@ -179,74 +191,10 @@ TEST_F(RedoStream, FirstStartMakesEveryGroupAndAForeignOneIsResetAndTraced)
     ASSERT_TRUE(WriteWholeFile(strPath, strFile));
     Start();
     Stop();
-    std::string strTrace = m_box.ReadDaemonTrace();
-    EXPECT_NE(std::string::npos,
-              strTrace.find("30001010 LogInit Read header information of redo log file and check failed, program "
-                            "automatically reset log file, file path: " + strPath))
-        << strTrace;
     std::string strAfter = ReadWholeFile(strPath);
     ASSERT_EQ((size_t)GROUP_SIZE, strAfter.size());
     MF_REDOLOGFILEHEAD stNew = RedoHeadOf(strAfter);
     EXPECT_EQ(usGuid, +stNew.m_usDatabaseGuid);
     EXPECT_EQ(0u, +stNew.m_nSequenceNO);
     EXPECT_EQ(REDOGROUP_EMPTY, +stNew.m_bState);
-    for (const char* lpOther : {"Redo0.log", "Redo2.log", "Redo3.log"})
-        EXPECT_EQ(std::string::npos, strTrace.find(lpOther)) << lpOther;
-}
-
-TEST_F(RedoStream, WriterCrashIsContainedAndNoDrainedRecordIsLost)
-{
-    MakeAndConfigure(3, Des("Arch"));
-    Start();
-    Commit({"--records", "200", "--seed", "21", "--max-size", "60000"}, m_box.Root() + "/s1.bin");
-    const std::string strStarted = "30003000 WriteLog Redo log Writer thread started!";
-    ASSERT_TRUE(m_box.WaitForTrace(strStarted, 10000)) << m_box.ReadDaemonTrace();
-    std::string strTrace = m_box.ReadDaemonTrace();
-    size_t nAt = strTrace.find(strStarted);
-    // "YYYY-MM-DD hh:mm:ss.mmm TID\t..." at the start of the line.
-    size_t nLine = strTrace.rfind('\n', nAt) + 1;
-    pid_t nTid = atoi(strTrace.c_str() + nLine + 24);
-    ASSERT_GT(nTid, 0);
-    ASSERT_EQ(0, syscall(SYS_tgkill, m_pid, nTid, SIGSEGV));
-    WaitUntil([&] { return CountOf(m_box.ReadDaemonTrace(), strStarted) >= 2; }, 10000, TRACE_POLL_MS);
-    ASSERT_EQ(2u, CountOf(m_box.ReadDaemonTrace(), strStarted)) << m_box.ReadDaemonTrace();
-    // The engine is told to reset the ring, and the ring is read from its start.
-    std::string strOut;
-    ASSERT_EQ(0, m_box.Run({PeerPath(), "redo", "--records", "0", "--no-drain"}, 30000, &strOut));
-    EXPECT_NE(std::string::npos, strOut.find(" exception=1")) << strOut;
-    EXPECT_NE(std::string::npos, strOut.find(" read=68 ")) << strOut;
-    // The engine resets the ring and goes on; the writer follows.
-    Commit({"--records", "200", "--seed", "22", "--max-size", "60000"}, m_box.Root() + "/s2.bin", 1);
-    Stop();
-    ExpectLogsAre(ReadWholeFile(m_box.Root() + "/s1.bin") + ReadWholeFile(m_box.Root() + "/s2.bin"));
-}
-
-// The daemon is killed (SIGKILL) again and again while the stand-in commits
-// a mix up to the ring's size: records in two pieces, a writer inside one of
-// them, groups being opened and sealed. Each new daemon takes the ring as the
-// killed one left it; the stand-in never has to reset it, and the logs
-// joined in number order are its stream.
-TEST_F(RedoStream, KillsWithRecordsInFlightLoseNothing)
-{
-    MakeAndConfigure(3, Des("Arch"));
-    Start();
-    const std::string strStream = m_box.Root() + "/stream.bin";
-    pid_t peer = m_box.Spawn({PeerPath(), "redo", "--records", "2000", "--seed", "41", "--burst", "3", "--out", strStream,
-                              "--timeout", "120000"},
-                             "peer");
-    ASSERT_GT(peer, 0);
-    const int arKillAfterMs[] = {150, 400, 250, 700, 330, 120, 510, 90};
-    for (int nKillMs : arKillAfterMs) {
-        usleep((useconds_t)nKillMs * 1000);
-        m_box.Signal(m_pid, SIGKILL);
-        m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS);
-        Start();
-    }
-    ASSERT_EQ(0, m_box.WaitExit(peer, 240000)) << ReadWholeFile(m_box.Root() + "/peer.out");
-    std::string strPeer = ReadWholeFile(m_box.Root() + "/peer.out");
-    EXPECT_NE(std::string::npos, strPeer.find(" resets=0 ")) << strPeer << m_box.ReadDaemonTrace();
-    Stop();
-    std::string strExpected = ReadWholeFile(strStream);
-    ASSERT_GT(strExpected.size(), (size_t)(2 * REDORING_SEGMENT_SIZE_SMALL));
-    ExpectLogsAre(strExpected);
 }

@@ -33,9 +33,9 @@ protected:
             m_box.WaitExit(m_pid, 120000);
         }
     }
-    void StartPrimary(bool bArchive, const std::string& strTestCrash = "", const std::string& strRedoMiB = "1")
+    void StartPrimary(bool bArchive, const std::string& strTestCrash = "")
     {
-        ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), {"--name", "SHIP", "--redo-groups", "3", "--redo-size", strRedoMiB}));
+        ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), {"--name", "SHIP", "--redo-groups", "3"}));
         WriteDbIni(m_box, m_box.DataDir(),
                    bArchive ? "archivetype=1\r\narchivedespath=" + m_strArchive + "\r\n" : "archivetype=0\r\n");
         m_pid = m_box.StartServing(strTestCrash);
@@ -67,16 +67,16 @@ protected:
     {
         return Cluster(m_box, "18", {"--ip", "127.0.0.1", "--port", std::to_string(m_nPort), "--local-ip", "127.0.0.1"});
     }
-    // Waits until the copy of log nLogNo reaches nPos (the writer's place
-    // the stand-in last reported).
-    ::testing::AssertionResult WaitForCopy(long long nLogNo, long long nPos)
+    // The stand-in commits; the copy of its last log reaches the writer's
+    // place it reported, and every copy equals the primary's.
+    void RedoAndExpectShipped(int nRecords, int nSeed, const std::string& strSeals)
     {
-        std::string strPath = m_strCopies + "Log" + std::to_string(nLogNo) + ".log";
-        if (WaitUntil([&] { return FileSizeOf(strPath) >= nPos; }, SHIP_WAIT_MS, 50)) return ::testing::AssertionSuccess();
-        std::string strHeld;
-        for (const auto& kv : LogsIn(m_strCopies))
-            strHeld += " " + std::to_string(kv.first) + ":" + std::to_string(kv.second.size());
-        return ::testing::AssertionFailure() << "log " << nLogNo << " not copied up to " << nPos << "; copies:" << strHeld;
+        std::string strAfter = Redo(nRecords, nSeed, strSeals);
+        long long nLastLog = NumberAfter(strAfter, "logno="), nPos = NumberAfter(strAfter, "logpos=");
+        std::string strPath = m_strCopies + "Log" + std::to_string(nLastLog) + ".log";
+        ASSERT_TRUE(WaitUntil([&] { return FileSizeOf(strPath) >= nPos; }, SHIP_WAIT_MS, 50))
+            << "log " << nLastLog << " not copied up to " << nPos << "\n" << m_box.ReadDaemonTrace();
+        ExpectCopiesEqual(nLastLog);
     }
     // Every copied log equals the primary's from its head on, and the
     // copies run from log 1 without a gap.
@@ -120,77 +120,6 @@ protected:
 
 } // namespace
 
-TEST_F(StandbyShipping, AStandbyBehindCatchesUpAndFollowsTheLiveFeed)
-{
-    StartPrimary(true);
-    // Logs before the standby exists: archived, sealed, current.
-    std::string strBefore = Redo(600, 3, "150,300,450");
-    ASSERT_GT(NumberAfter(strBefore, "logno="), 3);
-    StartNode({});
-    ClusterLine stAdd = AddStandby();
-    ASSERT_EQ(1, stAdd.m_nFinal) << stAdd.m_strText;
-    ASSERT_EQ(0, stAdd.m_nResult) << stAdd.m_strText;
-    ASSERT_TRUE(WaitForCopy(NumberAfter(strBefore, "logno="), NumberAfter(strBefore, "logpos=")))
-        << m_box.ReadDaemonTrace();
-    // Caught up: what comes now goes out as it is drained.
-    std::string strAfter = Redo(300, 4, "");
-    long long nLastLog = NumberAfter(strAfter, "logno=");
-    ASSERT_TRUE(WaitForCopy(nLastLog, NumberAfter(strAfter, "logpos="))) << m_box.ReadDaemonTrace();
-    ExpectCopiesEqual(nLastLog);
-    std::string strTrace = m_box.ReadDaemonTrace();
-    EXPECT_NE(std::string::npos, strTrace.find("synchronization thread started"));
-}
-
-namespace {
-
-// "timestamp microseconds" lines of the stand-in's time files.
-std::vector<std::pair<long long, long long>> TimesIn(const std::string& strPath)
-{
-    std::vector<std::pair<long long, long long>> v;
-    std::istringstream in(ReadWholeFile(strPath));
-    long long nTs = 0, nUs = 0;
-    while (in >> nTs >> nUs) v.emplace_back(nTs, nUs);
-    return v;
-}
-
-} // namespace
-
-// Under a steady load the writer publishes the size of the current log only
-// when a reader asks or at the seal. A standby whose live feed does not meet
-// its position must catch up from the file all the same: every record gets
-// to it while the load goes on, not a log later (the log here never fills).
-TEST_F(StandbyShipping, AStandbyFollowsASteadyLoadWithoutWaitingForTheSeal)
-{
-    StartPrimary(true, "", "16");
-    StartNode({"--receive-times", m_box.Root() + "/received"});
-    ASSERT_EQ(0, AddStandby().m_nResult);
-    std::string strCommitted = m_box.Root() + "/committed";
-    std::string strOut;
-    ASSERT_EQ(0, m_box.Run({PeerPath(), "redo", "--records", "600", "--size", "4096", "--burst", "1", "--rate", "200",
-                            "--seed", "23", "--commit-times", strCommitted},
-                           240000, &strOut))
-        << strOut;
-    auto vCommitted = TimesIn(strCommitted);
-    ASSERT_EQ(600u, vCommitted.size());
-    const long long nLastTs = vCommitted.back().first;
-    ASSERT_TRUE(WaitUntil([&] {
-        auto v = TimesIn(m_box.Root() + "/received");
-        return !v.empty() && v.back().first >= nLastTs;
-    }, SHIP_WAIT_MS, 50)) << m_box.ReadDaemonTrace();
-    auto vReceived = TimesIn(m_box.Root() + "/received");
-    // Each record's lag: from its commit to the first shipment that holds it.
-    long long nWorstUs = 0;
-    size_t nAt = 0;
-    for (const auto& c : vCommitted) {
-        while (nAt < vReceived.size() && vReceived[nAt].first < c.first) nAt++;
-        ASSERT_LT(nAt, vReceived.size());
-        nWorstUs = std::max(nWorstUs, vReceived[nAt].second - c.second);
-    }
-    // Seconds apart from the failure, which waits for the writer to go idle.
-    EXPECT_LT(nWorstUs, 2000000) << m_box.ReadDaemonTrace();
-    EXPECT_EQ(NumberAfter(strOut, "logno="), 1);
-}
-
 TEST_F(StandbyShipping, AStandbyAskingForALogThePrimaryNoLongerHasEndsItsThread)
 {
     // Without archiving the groups are reused: log 1 is gone after a few
@@ -202,7 +131,6 @@ TEST_F(StandbyShipping, AStandbyAskingForALogThePrimaryNoLongerHasEndsItsThread)
     ASSERT_EQ(0, stAdd.m_nResult) << stAdd.m_strText;
     EXPECT_TRUE(m_box.WaitForTrace("there was no archive file and redo file was lost", SHIP_WAIT_MS))
         << m_box.ReadDaemonTrace();
-    EXPECT_TRUE(m_box.WaitForTrace("synchronization thread ended", SHIP_WAIT_MS));
     // The slot is free again: the channel counts no standby.
     EXPECT_TRUE(WaitSlotFreed());
     EXPECT_TRUE(LogsIn(m_strCopies).empty());
@@ -217,29 +145,21 @@ TEST_F(StandbyShipping, MisbehavingStandbysAreShippedAgain)
 {
     struct Case {
         const char* m_lpMode;
-        const char* m_lpAfter;
         int m_nTimes;
         long long m_nConnections;  // at least, by the node's count
-        const char* m_lpTrace;     // in the daemon's trace; null: none asked
     };
     // close: hangs up after its shipment; fail: refuses it (sent again).
-    const Case arCases[] = {{"close", "1", 4, 5, nullptr}, {"fail", "1", 3, 1, "execution result failed (7)"}};
+    const Case arCases[] = {{"close", 4, 5}, {"fail", 3, 1}};
     StartPrimary(true);
     Redo(300, 5, "100,200");
     int nSeed = 6;
     for (const Case& c : arCases) {
         SCOPED_TRACE(c.m_lpMode);
         const std::string strName = std::string("node-") + c.m_lpMode;
-        StartNode({"--misbehave", c.m_lpMode, "--after", c.m_lpAfter, "--times", std::to_string(c.m_nTimes)}, strName);
+        StartNode({"--misbehave", c.m_lpMode, "--after", "1", "--times", std::to_string(c.m_nTimes)}, strName);
         ClusterLine stAdd = AddStandby();
         ASSERT_EQ(0, stAdd.m_nResult) << stAdd.m_strText;
-        std::string strAfter = Redo(200, nSeed++, "100");
-        long long nLastLog = NumberAfter(strAfter, "logno=");
-        ASSERT_TRUE(WaitForCopy(nLastLog, NumberAfter(strAfter, "logpos="))) << m_box.ReadDaemonTrace();
-        ExpectCopiesEqual(nLastLog);
-        if (c.m_lpTrace != nullptr) {
-            EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find(c.m_lpTrace)) << m_box.ReadDaemonTrace();
-        }
+        RedoAndExpectShipped(200, nSeed++, "100");
         ClusterLine stRemove = Cluster(m_box, "19", {"--ip", "127.0.0.1", "--port", std::to_string(m_nPort)});
         ASSERT_EQ(0, stRemove.m_nResult) << stRemove.m_strText;
         std::string strNode = StopNode(strName);
@@ -258,12 +178,10 @@ TEST_F(StandbyShipping, AStandbyThreadThatFaultsLeavesTheWriterAndItsSlot)
     EXPECT_TRUE(m_box.WaitForTrace("is not started again", SHIP_WAIT_MS)) << m_box.ReadDaemonTrace();
     EXPECT_TRUE(WaitSlotFreed());
     Redo(300, 14, "100,200");
-    // Added again, the node is shipped everything.
+    // Added again, the node is behind by every log (archived, sealed,
+    // current): it catches up and follows the live feed.
     ASSERT_EQ(0, AddStandby().m_nResult);
-    std::string strAfter = Redo(100, 15, "");
-    long long nLastLog = NumberAfter(strAfter, "logno=");
-    ASSERT_TRUE(WaitForCopy(nLastLog, NumberAfter(strAfter, "logpos="))) << m_box.ReadDaemonTrace();
-    ExpectCopiesEqual(nLastLog);
+    RedoAndExpectShipped(100, 15, "");
     EXPECT_TRUE(m_box.IsRunning(m_pid));
 }
 
@@ -287,8 +205,5 @@ TEST_F(StandbyShipping, APrimaryKilledWhileShippingIsFollowedAgainFromTheStandby
     m_pid = m_box.StartServing();
     ASSERT_GT(m_pid, 0) << m_box.ReadDaemonTrace();
     ASSERT_EQ(0, AddStandby().m_nResult);
-    std::string strAfter = Redo(200, 18, "");
-    long long nLastLog = NumberAfter(strAfter, "logno=");
-    ASSERT_TRUE(WaitForCopy(nLastLog, NumberAfter(strAfter, "logpos="))) << m_box.ReadDaemonTrace();
-    ExpectCopiesEqual(nLastLog);
+    RedoAndExpectShipped(200, 18, "");
 }

@@ -1,156 +1,138 @@
 // End-to-end: a start the daemon must refuse, as a new user meets it (no
 // ini, an empty one, no database, a semaphore or rollback area it cannot
-// have), exits with 0 and leaves the line that names the cause in the trace
-// log, every time, also where the process ends with its threads running;
-// and the stop waits for a running engine, for as long as it runs or until
-// it is found lost, and its last pass commits the engine's last change.
+// have) or on a damaged database, exits with 0, changes no database file and
+// leaves the line that names the cause in the trace log, every time, also
+// where the process ends with its threads running (a wrong head mark of each
+// file type is refused by its own message at unit level); the stop waits
+// for a running engine, for as long as it runs or until it is found lost,
+// and its last pass commits the engine's last change.
 #include "DatabaseLoadKit.h"
 
 #include <csignal>
 #include <thread>
 #include <cstring>
+#include <functional>
 #include <gtest/gtest.h>
 
 using namespace talvortest;
 
 namespace {
 
+const std::vector<std::string> DB_FILES = {"System.dbf", "Data2.dbf", "BTree3.dbf", "KV4.dbf"};
+
 void MakeSmallDb(DaemonSandbox& box)
 {
     ASSERT_EQ(0, MakeDb(box, box.DataDir(), {"--data-file", "8", "--btree-file", "4", "--kv-file", "4"}));
 }
 
-// Starts the daemon nStarts times, each to its end; the trace of all.
-std::string RefusedStarts(DaemonSandbox& box, int nStarts)
+// A set-up that changes the bytes of one file of the database.
+std::function<void(DaemonSandbox&)> Damage(const char* lpFile, const std::function<void(std::string&)>& fnPatch)
 {
-    for (int i = 0; i < nStarts; i++) EXPECT_EQ(0, box.RunDaemon()) << "start " << i;
-    std::string strTrace = box.ReadDaemonTrace();
-    EXPECT_EQ(std::string::npos, strTrace.find("Talvor storage service started!")) << strTrace;
-    return strTrace;
+    return [=](DaemonSandbox& box) {
+        std::string strFile = ReadWholeFile(box.DataDir() + lpFile);
+        fnPatch(strFile);
+        ASSERT_TRUE(WriteWholeFile(box.DataDir() + lpFile, strFile));
+    };
 }
 
-// Without configuration the language falls back to the default (Chinese), so
-// a config refusal may stand in either language.
-bool HasConfigRefusal(const std::string& strTrace)
+// The file list row of BTree3.dbf given a type no pass saves.
+std::function<void(DaemonSandbox&)> UnsavedType(int nType)
 {
-    return strTrace.find("Talvor failed to read config!") != std::string::npos ||
-           strTrace.find("Talvor读取配置文件失败!") != std::string::npos;
+    return Damage("System.dbf", [nType](std::string& s) {
+        LPFILE_MEMDBFILEINFO lpRow = DbFindFileListRow((LPBYTE)&s[0], (long long)s.size(), 3);
+        ASSERT_NE(nullptr, lpRow);
+        lpRow->m_bFileType = (BYTE)nType;
+    });
+}
+
+std::string InDir(std::string strLine, const std::string& strDir)
+{
+    size_t n = strLine.find('@');
+    return n == std::string::npos ? strLine : strLine.replace(n, 1, strDir);
 }
 
 } // namespace
 
-TEST(StartRefusals, NoIniAndAnEmptyOneAreToldAndExitWithZero)
-{
-    for (bool bEmpty : {false, true}) {
-        SCOPED_TRACE(bEmpty ? "empty ini" : "no ini");
-        DaemonSandbox box;
-        ASSERT_TRUE(box.Ok());
-        if (bEmpty) box.WriteIni("");
-        EXPECT_EQ(0, box.RunDaemon());
-        std::string strTrace = box.ReadDaemonTrace();
-        EXPECT_TRUE(HasConfigRefusal(strTrace)) << strTrace;
-        EXPECT_EQ(std::string::npos, strTrace.find("Service Start")) << strTrace;
-    }
-}
-
-TEST(StartRefusals, MissingDatabaseRefusesTheStartInOrder)
-{
-    DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
-    box.WriteDefaultIni();
-    EXPECT_EQ(0, box.RunDaemon());
-    std::string strTrace = box.ReadDaemonTrace();
-    size_t nStart = strTrace.find("Talvor Professional Storage Service Start......");
-    size_t nOpen = strTrace.find("Failed to open file, error: No such file or directory(2), path: " + box.DataDir() + "System.dbf");
-    size_t nRefused = strTrace.find("Talvor storage service loading configuration environment failed!");
-    size_t nClosed = strTrace.find("Talvor storage service closed!");
-    ASSERT_NE(std::string::npos, nStart) << strTrace;
-    ASSERT_NE(std::string::npos, nOpen) << strTrace;
-    ASSERT_NE(std::string::npos, nRefused) << strTrace;
-    ASSERT_NE(std::string::npos, nClosed) << strTrace;
-    EXPECT_LT(nStart, nOpen);
-    EXPECT_LT(nOpen, nRefused);
-    EXPECT_LT(nRefused, nClosed);
-    // No system file head was ever open, so no "stopped" line.
-    EXPECT_EQ(std::string::npos, strTrace.find("Talvor storage service stopped"));
-    // Every line carries the title: time, thread, level, code, function.
-    EXPECT_NE(std::string::npos, strTrace.find("   40001001 Initialize Failed to open file")) << strTrace;
-}
-
-TEST(StartRefusals, AFailedStartKeepsEveryImageAKilledDaemonLeft)
-{
-    // Images that outlived a killed daemon may hold the engine's work that
-    // never reached the disk: a start that fails after taking them over
-    // leaves them for the next start.
-    DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
-    MakeSmallDb(box);
-    WriteDbIni(box, box.DataDir(), "");
-    pid_t pid = box.StartServing();
-    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
-    box.Signal(pid, SIGKILL);
-    ASSERT_NE(-1, box.WaitExit(pid, 10000));
-    std::string strKeep4 = DumpImage(box, 4);
-    ASSERT_FALSE(strKeep4.empty());
-    // File 2 is loaded last; without its image and with a damaged head on
-    // disk, the start fails after files 4 and 3 were taken over.
-    ASSERT_EQ(0, box.Run({"ipcrm", "-M", std::to_string(0x514E4602)}, 10000));
-    std::string strData = ReadWholeFile(box.DataDir() + "Data2.dbf");
-    ASSERT_GT(strData.size(), 64u);
-    memset(&strData[0], 0, 16);
-    ASSERT_TRUE(WriteWholeFile(box.DataDir() + "Data2.dbf", strData));
-
-    EXPECT_EQ(0, box.RunDaemon());
-    std::string strTrace = box.ReadDaemonTrace();
-    EXPECT_EQ(1u, CountOf(strTrace, "Talvor storage service started!")) << "the second start failed";
-    for (int n : {1, 3, 4})
-        EXPECT_EQ(1u, CountOf(strTrace, "   10010007 FreeData The start failed: the image an earlier run left is kept "
-                                      "for the next start, file number: " + std::to_string(n)))
-            << n << "\n" << strTrace;
-    Inspection st = Inspect(box, box.DataDir());
-    EXPECT_TRUE(st.m_bSystemImage) << st.m_strText;
-    EXPECT_TRUE(st.m_mapFiles[3].m_bImage) << st.m_strText;
-    EXPECT_TRUE(st.m_mapFiles[4].m_bImage) << st.m_strText;
-    EXPECT_TRUE(strKeep4 == DumpImage(box, 4)) << "the kept image is the one the killed daemon left";
-}
-
-TEST(StartRefusals, ASemaphoreThatCannotBeOpenedIsToldInTheLog)
+// Each refusal is told by its line (the database directory stands for "@")
+// in every start, writes no byte of any database file and (refused before
+// the images are made) leaves no image: a second start meets no semaphore or segment the first one left taken.
+TEST(StartRefusals, EachRefusedStartExitsWithZeroAndIsToldEveryTime)
 {
     const struct {
-        const char* m_lpName;
-        const char* m_lpCode;
-    } arCases[] = {{"/dev/shm/sem.Global\\TalvorSvc", "10000010"},
-                   {"/dev/shm/sem.Global\\TalvorSysStorageEvent", "10000011"}};
+        const char* m_lpWhat;
+        bool m_bDatabase;  // a database and an ini that would run it
+        std::function<void(DaemonSandbox&)> m_fnSetUp;
+        std::vector<std::string> m_vAnyOf;  // the line, in either language
+    } arCases[] = {
+        {"no ini", false, [](DaemonSandbox&) {}, {"Talvor failed to read config!", "Talvor读取配置文件失败!"}},
+        {"empty ini", false, [](DaemonSandbox& box) { box.WriteIni(""); },
+         {"Talvor failed to read config!", "Talvor读取配置文件失败!"}},
+        {"no database", false, [](DaemonSandbox& box) { box.WriteDefaultIni(); },
+         {"   40001001 Initialize Failed to open file"}},
+        // A directory where a semaphore would be: it cannot be opened.
+        {"service semaphore", true,
+         [](DaemonSandbox& box) { ASSERT_EQ(0, box.Run({"mkdir", "/dev/shm/sem.Global\\TalvorSvc"}, 10000)); },
+         {"   10000010 TalvorStorage Talvor Storage Service detects that the same service is running"}},
+        {"storage event semaphore", true,
+         [](DaemonSandbox& box) {
+             ASSERT_EQ(0, box.Run({"mkdir", "/dev/shm/sem.Global\\TalvorSysStorageEvent"}, 10000));
+         },
+         {"   10000011 TalvorStorage Talvor Storage Service detects that the same service is running"}},
+        // Segments of up to 12 MiB: every image and ring fits, a 16 MiB undo
+        // area does not, and the daemon ends with its threads running.
+        {"rollback area", true,
+         [](DaemonSandbox& box) {
+             ASSERT_EQ(0, box.Run({"sh", "-c", "echo 12582912 > /proc/sys/kernel/shmmax"}, 10000));
+         },
+         {"   50006010 InitRollback Open rollback memory file failed"}},
+        {"wrong system file mark", true,
+         Damage("System.dbf", [](std::string& s) { ((LPSYSTEMFILEHEAD)&s[0])->m_nDataFlag = 0x12345678; }),
+         {"40001012 Initialize Header data for system file is incorrect, check code: 305419896[1179864657]"}},
+        {"file number of another row", true,
+         Damage("KV4.dbf", [](std::string& s) { ((LPBASEFILEHEAD)&s[0])->m_bFileNo = 9; }),
+         {"40001016 Initialize The file number recorded in the file header information is inconsistent with that in "
+          "the system file, file number: 9[4], path: @KV4.dbf"}},
+        {"file shorter than its row", true,
+         Damage("Data2.dbf", [](std::string& s) { s.resize((size_t)(4 * E2E_MIB)); }),
+         {"40001017 Initialize The file is shorter than its head says, path: @Data2.dbf, file size: 4194304, size in "
+          "the head: 8388608"}},
+        {"file list record of another size", true,
+         Damage("System.dbf",
+                [](std::string& s) {
+                    LPSYSTEMFILEHEAD h = (LPSYSTEMFILEHEAD)&s[0];
+                    ((LPSYSTEMBLOCKHEAD)&s[(size_t)h->m_nBlockStartOffset])->m_nBlockDataStructSize = 352;
+                }),
+         {"The structure size of data block has changed.  current system value: 348, recorded value: 352"}},
+        {"a known file type no pass saves", true, UnsavedType(5),
+         {"   10040003 LoadFile The database has a file of a type this service cannot save, so the start was "
+          "refused, file number: 3, file type: 5, path: @BTree3.dbf"}},
+        {"an unknown file type", true, UnsavedType(77),
+         {"   10040003 LoadFile The database has a file of a type this service cannot save, so the start was "
+          "refused, file number: 3, file type: 77, path: @BTree3.dbf"}},
+    };
     for (const auto& c : arCases) {
-        SCOPED_TRACE(c.m_lpCode);
+        SCOPED_TRACE(c.m_lpWhat);
         DaemonSandbox box;
         ASSERT_TRUE(box.Ok());
-        MakeSmallDb(box);
-        WriteDbIni(box, box.DataDir());
-        // A directory where the semaphore would be: it cannot be opened.
-        ASSERT_EQ(0, box.Run({"mkdir", c.m_lpName}, 10000));
-        std::string strTrace = RefusedStarts(box, 2);
-        EXPECT_EQ(2u, CountOf(strTrace, std::string("   ") + c.m_lpCode +
-                                          " TalvorStorage Talvor Storage Service detects that the same service is "
-                                          "running and the program exits("))
-            << strTrace;
+        if (c.m_bDatabase) {
+            MakeSmallDb(box);
+            WriteDbIni(box, box.DataDir());
+        }
+        ASSERT_NO_FATAL_FAILURE(c.m_fnSetUp(box));
+        std::map<std::string, std::string> mapBefore = Snapshot(box.DataDir(), DB_FILES);
+        for (int i = 0; i < 2; i++) EXPECT_EQ(0, box.RunDaemon()) << "start " << i;
+        std::string strTrace = box.ReadDaemonTrace();
+        EXPECT_EQ(std::string::npos, strTrace.find("Talvor storage service started!")) << strTrace;
+        size_t nTold = 0;
+        for (const std::string& strLine : c.m_vAnyOf) nTold += CountOf(strTrace, InDir(strLine, box.DataDir()));
+        EXPECT_EQ(2u, nTold) << strTrace;
+        EXPECT_TRUE(mapBefore == Snapshot(box.DataDir(), DB_FILES)) << "a refused start wrote to a file";
+        // The rollback area is refused once the images are made.
+        if (strcmp(c.m_lpWhat, "rollback area") == 0) continue;
+        Inspection st = Inspect(box, box.DataDir());
+        EXPECT_FALSE(st.m_bSystemImage) << st.m_strText;
+        for (int n = 2; n <= 4; n++) EXPECT_FALSE(st.m_mapFiles[n].m_bImage) << n;
     }
-}
-
-TEST(StartRefusals, ARollbackAreaThatCannotBeMadeIsToldWhileThreadsRun)
-{
-    DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
-    MakeSmallDb(box);
-    // Segments of up to 12 MiB in the sandbox's namespace: every image and
-    // ring fits, a 16 MiB undo area does not. The daemon then ends with its
-    // redo and trace threads running.
-    ASSERT_EQ(0, box.Run({"sh", "-c", "echo 12582912 > /proc/sys/kernel/shmmax"}, 10000));
-    WriteDbIni(box, box.DataDir());
-    std::string strTrace = RefusedStarts(box, 2);
-    EXPECT_EQ(2u, CountOf(strTrace, "   50006010 InitRollback Open rollback memory file failed, error: Invalid argument(22), "
-                                  "memory file: Global\\TalvorSysRollback, file size: 16"))
-        << strTrace;
 }
 
 TEST(StopWithEngine, TheStopWaitsForARunningEngineAndForOneFoundLost)
