@@ -2,12 +2,12 @@
 // daemon's shared cache (talvor-peer cache). Blocks changed in the cache
 // reach their files as the cache held them, with the engine's in-memory
 // marks cleared; the committed timestamps reach the system file; blocks are
-// loaded on request as the file holds them; a torn entry writes nothing.
-// Each refusal of a wrong entry or load request is the flush and load
-// threads' own unit case, entries of random fields the flush entry fuzz
-// target's.
+// loaded on request as the file holds them; entries of random fields and
+// a torn one write nothing. Each refusal of a wrong entry or load request is
+// the flush and load threads' own unit case.
 #include "CachePipelinesKit.h"
 
+#include <csignal>
 #include <sys/stat.h>
 
 using namespace talvortest;
@@ -205,5 +205,44 @@ TEST(CachePipelines, ATornEntryWritesNothingAndAnOvertakenOneWritesTheNewerBlock
     // The rings go on: a plain round afterwards is served in full.
     PeerRun after = RunCachePeer(box, {"--blocks", "3", "--timestamp"});
     ExpectAllDone(after, 3 * 3, 3 * 2, 2);
+    EXPECT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
+}
+
+// Entries of random fields, as an engine that died while writing them may
+// leave: each is answered with a code and none writes, the daemon stays
+// up, and after it is killed a new one takes the cache over and serves the
+// engine as before.
+TEST(CachePipelines, EntriesOfRandomFieldsWriteNothingAndOutliveARestart)
+{
+    DaemonSandbox box;
+    ASSERT_TRUE(box.Ok());
+    pid_t pid = StartCacheDb(box, {"--table-file", "--index-file"});
+    ASSERT_GT(pid, 0);
+    const std::vector<std::string> vNames = {"Table2.dbf", "Index3.dbf"};
+    PeerRun made = RunCachePeer(box, {"--blocks", "3", "--timestamp"});
+    ExpectAllDone(made, 3 * 2, 2 * 2, 2);
+    std::map<std::string, std::string> mapBefore = Snapshot(box.DataDir(), vNames);
+    PeerRun garbage = RunCachePeer(box, {"--blocks", "3", "--rounds", "0", "--fault", "garbage", "--garbage-count", "64"});
+    EXPECT_EQ(0, garbage.nExit) << garbage.strOut;
+    ASSERT_EQ(2u * 64, garbage.vFaults.size()) << garbage.strOut;
+    std::set<int> setCodes = {CACHEFLUSH_DONE, CACHEFLUSH_UNUSABLE, CACHEFLUSH_FAILED, CACHEFLUSH_NOBACKEND,
+                              CACHEFLUSH_NOFILE};
+    std::map<int, int> mapSeen;
+    for (const auto& f : garbage.vFaults) {
+        EXPECT_EQ(1u, setCodes.count(f.second.nResult)) << f.second.nResult;
+        mapSeen[f.second.nResult]++;
+    }
+    EXPECT_GE(mapSeen.size(), 3u) << "the entries reach more than one refusal";
+    EXPECT_TRUE(mapBefore == Snapshot(box.DataDir(), vNames)) << "an entry of random fields wrote to a file";
+    EXPECT_TRUE(box.IsRunning(pid));
+
+    box.Signal(pid, SIGKILL);
+    box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS);
+    std::string strTrace;
+    pid = RestartDaemon(box, &strTrace);
+    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
+    EXPECT_NE(std::string::npos, strTrace.find("Cache data was found in memory")) << strTrace;
+    PeerRun after = RunCachePeer(box, {"--blocks", "3", "--timestamp"});
+    ExpectAllDone(after, 3 * 2, 2 * 2, 2);
     EXPECT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
 }
