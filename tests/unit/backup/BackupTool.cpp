@@ -62,3 +62,14 @@ TEST(BackupTool, WholeIncrementExitsZeroAndTellsWhatIsApplied)
                                                  " bytes from the backup in 5 pieces"))
         << r.m_strOut;
 }
+
+// A verb without its file is a bad command line, not a verdict on a
+// backup: a script must not read it as "refused".
+TEST(BackupTool, AVerbWithoutItsFileIsABadCommandLine)
+{
+    for (const char* lpVerb : {"verify", "nosuchverb"}) {
+        ToolRun r = RunTool({lpVerb});
+        EXPECT_EQ(talvorbackup::BACKUPTOOL_USAGE, r.m_nExit) << lpVerb << ": " << r.m_strErr;
+        EXPECT_EQ("", r.m_strOut) << lpVerb;
+    }
+}
