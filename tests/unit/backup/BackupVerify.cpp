@@ -245,6 +245,31 @@ TEST_F(BackupVerifyTest, CopiedHeadThatIsNotTheRecordsFileIsRefused)
               }));
 }
 
+// The verifier's promise to an operator: it opens the backup read-only,
+// changes nothing, and reads the heads, not the data.
+TEST_F(BackupVerifyTest, ReadsLittleAndWritesNothing)
+{
+    std::vector<DbFile> vBig = SampleFiles(m_tree);
+    vBig[1].m_nFileSize = 32LL << 20;
+    vBig[1].m_nFree = 24LL << 20;
+    std::string strBig = WholeBackup(vBig);
+    ASSERT_TRUE(WriteWholeFile(m_strPath, strBig));
+    FaultFileIO io;
+    ScopedFileIO scoped(&io);
+    std::vector<int> vOpenFlags;
+    io.OnCall(FileOp::Open, [&](const FileCall& c) { vOpenFlags.push_back(c.m_nFlags); });
+    Verified v(m_strPath);
+    EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
+    for (FileOp op : {FileOp::PWrite, FileOp::FTruncate, FileOp::Unlink, FileOp::Rename, FileOp::MkDir})
+        EXPECT_EQ(0, io.Calls(op)) << (int)op;
+    ASSERT_EQ(1u, vOpenFlags.size());
+    EXPECT_EQ(O_RDONLY, vOpenFlags[0] & O_ACCMODE);
+    EXPECT_EQ(0, vOpenFlags[0] & (O_CREAT | O_TRUNC));
+    EXPECT_EQ(io.Calls(FileOp::Open), io.Calls(FileOp::Close));
+    EXPECT_LE(io.BytesRead(), BACKUP_FIXED_HEAD_SIZE + 8192 + (long long)vBig.size() * (long long)sizeof(BASEFILEHEAD));
+    EXPECT_EQ(strBig, ReadWholeFile(m_strPath));
+}
+
 TEST_F(BackupVerifyTest, ReadFailureIsUnreadableNotWhole)
 {
     ASSERT_TRUE(WriteWholeFile(m_strPath, m_strWhole));
@@ -380,6 +405,7 @@ TEST_F(BackupIncrementTest, PageFaultsAreRefused)
     EXPECT_EQ(BACKUPVERIFY_BADPAGE,
               StatusAfter([&](std::string& s) { Page(s, SecondPage(1))->m_nNextPos = FirstPage(1); }));
     // A record whose data ends before or after its pages.
+    EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Record(s, 3)->m_nDataEndOffset -= 512; }));
     EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Record(s, 0)->m_nDataEndOffset -= 1; }));
     EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Record(s, 0)->m_nDataEndOffset += 1; }));
     // A changed file's data must follow the changed one before it.
@@ -484,15 +510,20 @@ TEST_F(BackupIncrementTest, AChainIsWholeOnlyWithEveryLinkThereWholeAndOfTheLeve
     EXPECT_EQ((std::vector<int>{BACKUPVERIFY_WHOLE, BACKUPVERIFY_BADLINK}), v.m_vLinkStatus);
 
     // The full backup under the name the level 1 refers to carries another
-    // timestamp: alone a whole backup. (A link of another database and a
-    // link gone are the tool's end to end, ClusterRestore.)
-    std::string strOther = strFull;
-    strOther[offsetof(BACKUPFILEHEAD, m_nTimestamp)] ^= 0x01;
-    ASSERT_TRUE(WriteWholeFile(strFullPath, strOther));
-    ASSERT_EQ(BACKUPVERIFY_WHOLE, Verified(strFullPath).Status());
-    v = VerifyChainAt(m_strPath);
-    EXPECT_EQ(BACKUPVERIFY_BADLINK, v.m_nStatus);
-    EXPECT_NE(std::string::npos, v.m_strFinding.find("timestamp the backup above refers to")) << v.m_strFinding;
+    // timestamp, or another database's identity: each alone a whole backup.
+    const std::pair<size_t, const char*> arFaults[] = {
+        {offsetof(BACKUPFILEHEAD, m_nTimestamp), "timestamp the backup above refers to"},
+        {offsetof(BACKUPFILEHEAD, m_usDataBaseGuid), "another database"}};
+    for (const auto& fault : arFaults) {
+        SCOPED_TRACE(fault.second);
+        std::string strOther = strFull;
+        strOther[fault.first] ^= 0x01;
+        ASSERT_TRUE(WriteWholeFile(strFullPath, strOther));
+        ASSERT_EQ(BACKUPVERIFY_WHOLE, Verified(strFullPath).Status());
+        v = VerifyChainAt(m_strPath);
+        EXPECT_EQ(BACKUPVERIFY_BADLINK, v.m_nStatus);
+        EXPECT_NE(std::string::npos, v.m_strFinding.find(fault.second)) << v.m_strFinding;
+    }
 
     // The full backup cut: the link's own finding, named as link 1.
     ASSERT_TRUE(WriteWholeFile(strFullPath, strFull.substr(0, strFull.size() - 1)));
@@ -500,8 +531,10 @@ TEST_F(BackupIncrementTest, AChainIsWholeOnlyWithEveryLinkThereWholeAndOfTheLeve
     EXPECT_EQ(BACKUPVERIFY_TRUNCATED, v.m_nStatus);
     EXPECT_EQ(0u, v.m_strFinding.find("link 1: " + strFullPath)) << v.m_strFinding;
 
-    // A top that is not there is only unreadable.
+    // Gone: a missing link; a top that is not there is only unreadable.
     ASSERT_EQ(0, unlink(strFullPath.c_str()));
+    v = VerifyChainAt(m_strPath);
+    EXPECT_EQ(BACKUPVERIFY_MISSINGLINK, v.m_nStatus) << v.m_strFinding;
     EXPECT_EQ(BACKUPVERIFY_UNREADABLE, VerifyChainAt(strFullPath).m_nStatus);
 
     // A top path the report has no room for is refused, not cut.

@@ -432,6 +432,7 @@ TEST_F(Restore, ATornForeignOrDamagedChainIsRefusedBeforeAByteOfAnyDatabaseFileI
     const long long nLevel2b = m_nLevel2 + 5;
     const std::vector<Case> vCases = {
         {"level 2 cut inside the head", [](std::string* c) { c[2].resize(100); }, 0, "not whole or not a backup"},
+        {"level 2 cut at the end of its head area", [](std::string* c) { c[2].resize(8191); }, 0, "not whole"},
         {"full cut between its head records", [](std::string* c) { c[0].resize(428); }, 0, "not whole"},
         {"full cut between two files' data", [=](std::string* c) { c[0].resize((size_t)nL0File2End); }, 0,
          "lies past the backup's end"},
@@ -440,6 +441,10 @@ TEST_F(Restore, ATornForeignOrDamagedChainIsRefusedBeforeAByteOfAnyDatabaseFileI
         {"missing middle link", [](std::string* c) { c[1].clear(); }, 0, "backup file!"},
         {"wrong version of the full", [](std::string* c) { HeadOf(c[0])->m_nVersion = 0x5000001; }, 0,
          "wrong version or mark"},
+        {"wrong file mark of level 1", [](std::string* c) { c[1][4] = 'X'; }, 0, "wrong version or mark"},
+        {"wrong data mark of level 2", [](std::string* c) { c[2][17] = 'q'; }, 0, "wrong version or mark"},
+        {"wrong page mark", [=](std::string* c) { PageAt(c[1], nL1Page2)->m_nDataFlag = 0x48464E4A; }, 0,
+         "wrong mark, size or count"},
         {"a page of 291 items", [=](std::string* c) { PageAt(c[1], nL1Page2)->m_nIncrementBlockNum = 291; }, 0,
          "wrong mark, size or count"},
         {"a page chain that loops", [=](std::string* c) { PageAt(c[1], nL1Page2)->m_nNextPos = nL1File2; }, 0,
