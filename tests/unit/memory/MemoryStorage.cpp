@@ -146,17 +146,27 @@ TEST_F(MemoryStorage, FirstPieceAndLastPieceAreRead)
 // the process died) is named and left alone for its owner.
 TEST_F(MemoryStorage, SurvivingSegmentWithABadHeadOrOfAnotherSizeIsRefused)
 {
+    const struct {
+        long long nSize;
+        std::string strTold;
+    } arCases[] = {
+        {2 * MIB, "40001013 Initialize Header information in data content read from data file is incorrect, file "
+                  "check code: 0[1178881617], path: " + m_tree.Dir() + "Data4.dbf"},
+        {3 * MIB, "40001009 Initialize The memory file that survived has another size than the file"},
+        {1 * MIB, "40001009 Initialize The memory file that survived has another size than the file"},
+    };
     std::string strFile = MakeFileBytes(FILETYPE_DATA, 4, 2 * MIB, 1 * MIB);
-    for (long long nSize : {2 * MIB, 3 * MIB}) {
-        SCOPED_TRACE(nSize);
+    for (const auto& c : arCases) {
+        SCOPED_TRACE(c.nSize);
         LPFILEINFO p = Describe("Data4.dbf", 4, FILETYPE_DATA, 2 * MIB);
         ASSERT_TRUE(WriteWholeFile(PathOf(p), strFile));
-        int nId = shmget(FileImageShmKey(4), (size_t)nSize, IPC_CREAT | IPC_EXCL | 0666);
+        int nId = shmget(FileImageShmKey(4), (size_t)c.nSize, IPC_CREAT | IPC_EXCL | 0666);
         ASSERT_GT(nId, 0);  // left zero: no mark
         EXPECT_EQ(1, Open(p));
+        EXPECT_TRUE(m_tree.Traced(c.strTold));
         p->m_pStorageFile->Release();
         p->m_pStorageFile = nullptr;
-        if (nSize != 2 * MIB) {
+        if (c.nSize != 2 * MIB) {
             EXPECT_EQ(nId, shmget(FileImageShmKey(4), 0, 0)) << "someone else's: kept";
         }
         shmctl(nId, IPC_RMID, nullptr);

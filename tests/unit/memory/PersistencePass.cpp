@@ -339,6 +339,13 @@ protected:
         return ts;
     }
     std::string DiskBlock() { return Slice(ReadWholeFile(m_db.PathOf(FILE_NO)), m_nBlock, BlockSize()); }
+    int SaveFile(long long nTimestamp, BOOL& bFlashbackFlag)
+    {
+        CBreltMemStorageModule& m = m_db.Module();
+        return m_db.File(FILE_NO)->m_pStorageFile->SaveChange2File(&m_db.m_stCrit, m_db.File(FILE_NO), nTimestamp,
+                                                                   m_db.Head()->m_nBeginTimestamp, m.m_lpBuffer,
+                                                                   m.m_lpHeadBuf, FALSE, bFlashbackFlag);
+    }
 
     std::vector<BYTE> m_vArea;
     talvorpeer::CPeerRollbackArea m_area;
@@ -347,6 +354,59 @@ protected:
 };
 
 } // namespace
+
+TEST_F(PersistenceRollback, BlockChangedPastTheSavePointIsWrittenAsOfIt)
+{
+    long long ts1 = TwoRowsOnDisk();
+    long long ts2 = m_db.BeginTransaction();
+    MarkBlock(ts2);
+    EXPECT_NE(0, Live().UpdateRow(m_area, 0, ts2, Bytes("alpha-2"), 7));
+    MarkFile(ts2);
+    m_db.EndTransaction(ts2);
+    // The next transaction is under way in the same block: one row changed,
+    // one born, neither committed.
+    long long ts3 = ts2 + 1;
+    MarkBlock(ts3);
+    EXPECT_NE(0, Live().UpdateRow(m_area, 1, ts3, Bytes("beta-3"), 6));
+    EXPECT_EQ(2, Live().AddRow(13, ts3, Bytes("gamma"), 5, 16));
+    MarkFile(ts3);
+    std::string strLiveBefore((const char*)LiveBlock(), (size_t)BlockSize());
+
+    BOOL bFlashbackFlag = FALSE;
+    EXPECT_EQ(0, SaveFile(ts2, bFlashbackFlag));
+    EXPECT_EQ(1, bFlashbackFlag);
+    // On disk: the block as of ts2.
+    std::string strDisk = DiskBlock();
+    talvorpeer::CPeerBlock disk((LPBYTE)&strDisk[0], BlockSize());
+    EXPECT_EQ(ts2, Val(disk.Head()->m_nTimestamp));
+    EXPECT_EQ(0, Val(disk.Head()->m_bSaveFlag));
+    EXPECT_EQ("alpha-2", disk.RowValue(0));
+    EXPECT_EQ("beta", disk.RowValue(1));
+    EXPECT_EQ(0, Val(disk.Row(1)->m_bDataStatus));
+    EXPECT_EQ(2, Val(disk.Row(2)->m_bDataStatus));  // born after ts2
+    EXPECT_EQ(0, Val(disk.Row(2)->m_nTimestamp));
+    // The live block is as it was, and still marked for the next pass.
+    LPBLOCKHEAD lpLive = (LPBLOCKHEAD)LiveBlock();
+    EXPECT_EQ(1, Val(lpLive->m_bSaveFlag));
+    EXPECT_EQ("beta-3", Live().RowValue(1));
+    lpLive->m_bSaveFlag = 0;
+    ((LPBLOCKHEAD)&strLiveBefore[0])->m_bSaveFlag = 0;
+    EXPECT_TRUE(strLiveBefore == std::string((const char*)LiveBlock(), (size_t)BlockSize()));
+    lpLive->m_bSaveFlag = 1;
+
+    // The whole pass commits ts2; once ts3 commits, the next writes it.
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(ts2, m_db.CommittedOnDisk());
+    m_db.EndTransaction(ts3);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    EXPECT_EQ(ts3, m_db.CommittedOnDisk());
+    strDisk = DiskBlock();
+    talvorpeer::CPeerBlock after((LPBYTE)&strDisk[0], BlockSize());
+    EXPECT_EQ("beta-3", after.RowValue(1));
+    EXPECT_EQ("gamma", after.RowValue(2));
+    EXPECT_EQ(0, Val(after.Row(2)->m_bDataStatus));
+    EXPECT_GT(ts3, ts1);
+}
 
 TEST_F(PersistenceRollback, BlockWhoseOldVersionIsGoneIsNotWrittenAndHoldsTheCommit)
 {
