@@ -441,6 +441,7 @@ TEST_F(ConfigSharedTest, GarbledEngineListIsReadWithinBounds)
     EXPECT_EQ(TalvorConfigGetValueString("S", "k1", "", buf, sizeof(buf), &m_crit), 0);
     EXPECT_EQ(std::string(buf), std::string(99, 'z')); // cut at the field, not beyond
     EXPECT_EQ(Get("S", std::string(49, 'K').c_str()), std::string(99, 'z'));
+    EXPECT_EQ(Get("S", "k79"), std::string(99, 'z'));
     EXPECT_EQ(p->m_iLength, 0u);
     ExpectLatchFree();
 }

@@ -316,7 +316,9 @@ TEST(TimeArithmetic, TimeraddMSCarriesIntoSeconds)
         struct timeval m_tvFrom;
         UINT m_nMs;
         struct timeval m_tvTo;
-    } arCases[] = {{{100, 999999}, 2500, {103, 499999}}, {{5, 0}, 4294967, {5 + 4294, 967000}}};
+    } arCases[] = {{{100, 999000}, 1, {101, 0}},
+                   {{100, 999999}, 2500, {103, 499999}},
+                   {{5, 0}, 4294967, {5 + 4294, 967000}}};
     for (const auto& c : arCases) {
         struct timeval tv = c.m_tvFrom;
         TimeraddMS(&tv, c.m_nMs);

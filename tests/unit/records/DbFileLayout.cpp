@@ -2,6 +2,7 @@
 // object accessors count from 0, cache maps are found by division, a chain
 // from a file is never followed outside the image or round a loop, and a
 // new file's parts lie where its head says, on 512-byte steps.
+#include "CacheFileHeadArea.h"
 #include "DbFileLayout.h"
 #include "PackedValue.h"
 
@@ -82,6 +83,54 @@ TEST(DbFileLayoutMaps, CacheMapIsFoundByDivision)
     EXPECT_EQ(679, nEntry);
     EXPECT_FALSE(DbCacheMapLocation(0, CACHE_MAX_BLOCKMAP_NUM, &nMap, &nEntry));
     EXPECT_FALSE(DbCacheMapLocation(5, 0, &nMap, &nEntry));
+}
+
+namespace {
+
+template <typename T>
+T ValueAt(const std::vector<BYTE>& v, long long nOffset)
+{
+    T t;
+    memcpy(&t, v.data() + nOffset, sizeof(t));
+    return t;
+}
+
+long long BuildArea(BYTE bFileType, BYTE bFileNo, USHORT usGuid, int nObjects, long long nSize, long long nTs,
+                    std::vector<BYTE>& v)
+{
+    CACHEHEADAREADEF d;
+    d.m_bFileNo = bFileNo;
+    d.m_bFileType = bFileType;
+    d.m_usDatabaseGuid = usGuid;
+    d.m_nMaxObjectNum = nObjects;
+    d.m_nFileSize = nSize;
+    d.m_nTimestamp = nTs;
+    return CacheBuildHeadArea(d, v.data(), (long long)v.size(), nullptr) ? CacheHeadAreaSize(bFileType, nObjects) : -1;
+}
+
+} // namespace
+
+// The head area of a new cache-mode file is checked field by field, at the
+// edges of each page, in CacheFileHeadArea; here, read back at the byte
+// offsets the engine reads, an index file whose objects spill into an
+// extended page, and nothing set but the fields named.
+TEST(DbFileLayoutMaps, IndexHeadAreaSpillsIntoAnExtendedPageAndSetsNothingElse)
+{
+    std::vector<BYTE> v(65536, 0xEE);
+    ASSERT_EQ(49152, BuildArea(FILETYPE_INDEX, 3, 1, 678, DB_CACHEFILE_MIN_SIZE, 5, v));
+    EXPECT_EQ(0x46424243, ValueAt<int>(v, 0));
+    EXPECT_EQ(32768, ValueAt<int>(v, 50));        // first map block
+    EXPECT_EQ(49152, ValueAt<long long>(v, 58));  // first block
+    EXPECT_EQ(16384, ValueAt<long long>(v, 90));  // the extended page
+    EXPECT_EQ(677, ValueAt<USHORT>(v, 98));
+    EXPECT_EQ(0x45424243, ValueAt<int>(v, 16384));
+    EXPECT_EQ(1, v[16384 + 6]);
+    EXPECT_EQ(681, ValueAt<USHORT>(v, 16384 + 8));
+    EXPECT_EQ(0, ValueAt<long long>(v, 16384 + 10));
+    EXPECT_EQ(0x4D444E51, ValueAt<int>(v, 32768));
+    size_t nNonZero = 0;
+    for (size_t i = 0; i < 49152; i++) nNonZero += v[i] != 0;
+    EXPECT_LT(nNonZero, 100u);
 }
 
 TEST(DbFileLayoutChains, GoodChainIsWalkedInOrder)
