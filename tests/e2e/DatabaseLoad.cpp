@@ -165,6 +165,12 @@ TEST(DatabaseLoadTakeover, MovedDatabaseIsCorrectedOnItsFirstStart)
     std::string strFixed = ReadWholeFile(box.DataDir() + "System.dbf");
     LPSYSTEMFILEHEAD lpHead = (LPSYSTEMFILEHEAD)&strFixed[0];
     EXPECT_EQ(box.DataDir(), std::string(lpHead->m_cDatabasePath));
+    LPBYTE lpBytes = (LPBYTE)&strFixed[0];
+    long long nSize = (long long)strFixed.size();
+    ASSERT_NE(nullptr, DbFindFileListRow(lpBytes, nSize, 2));
+    EXPECT_EQ(box.DataDir() + "Data2.dbf", std::string(DbFindFileListRow(lpBytes, nSize, 2)->m_lpszFilePath));
+    EXPECT_EQ(box.DataDir() + "BTree3.dbf", std::string(DbFindFileListRow(lpBytes, nSize, 3)->m_lpszFilePath));
+    EXPECT_EQ(strOther + "KV4.dbf", std::string(DbFindFileListRow(lpBytes, nSize, 4)->m_lpszFilePath));
 
     std::string strIni = ReadWholeFile(box.IniPath());
     EXPECT_NE(std::string::npos, strIni.find("install=0")) << strIni;
@@ -172,6 +178,7 @@ TEST(DatabaseLoadTakeover, MovedDatabaseIsCorrectedOnItsFirstStart)
 
     Inspection st = Inspect(box, box.DataDir());
     for (int n = 2; n <= 4; n++) EXPECT_TRUE(st.m_mapFiles[n].m_bImage) << st.m_strText;
+    EXPECT_EQ(strOther + "KV4.dbf", st.m_mapFiles[4].m_strPath);
     EXPECT_TRUE(StopDaemon(box, pid));
 
     // The usual start finds the same database where the ini now points.

@@ -7,6 +7,7 @@
 #include "ClusterKit.h"
 
 #include <map>
+#include <sstream>
 
 using namespace talvortest;
 
@@ -33,9 +34,9 @@ protected:
             m_box.WaitExit(m_pid, 120000);
         }
     }
-    void StartPrimary(bool bArchive, const std::string& strTestCrash = "")
+    void StartPrimary(bool bArchive, const std::string& strTestCrash = "", const std::string& strRedoMiB = "1")
     {
-        ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), {"--name", "SHIP", "--redo-groups", "3"}));
+        ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), {"--name", "SHIP", "--redo-groups", "3", "--redo-size", strRedoMiB}));
         WriteDbIni(m_box, m_box.DataDir(),
                    bArchive ? "archivetype=1\r\narchivedespath=" + m_strArchive + "\r\n" : "archivetype=0\r\n");
         m_pid = m_box.StartServing(strTestCrash);
@@ -119,6 +120,56 @@ protected:
 };
 
 } // namespace
+
+namespace {
+
+// "timestamp microseconds" lines of the stand-in's time files.
+std::vector<std::pair<long long, long long>> TimesIn(const std::string& strPath)
+{
+    std::vector<std::pair<long long, long long>> v;
+    std::istringstream in(ReadWholeFile(strPath));
+    long long nTs = 0, nUs = 0;
+    while (in >> nTs >> nUs) v.emplace_back(nTs, nUs);
+    return v;
+}
+
+} // namespace
+
+// Under a steady load the writer publishes the size of the current log only
+// when a reader asks or at the seal. A standby whose live feed does not meet
+// its position must catch up from the file all the same: every record gets
+// to it while the load goes on, not a log later (the log here never fills).
+TEST_F(StandbyShipping, AStandbyFollowsASteadyLoadWithoutWaitingForTheSeal)
+{
+    StartPrimary(true, "", "16");
+    StartNode({"--receive-times", m_box.Root() + "/received"});
+    ASSERT_EQ(0, AddStandby().m_nResult);
+    std::string strCommitted = m_box.Root() + "/committed";
+    std::string strOut;
+    ASSERT_EQ(0, m_box.Run({PeerPath(), "redo", "--records", "600", "--size", "4096", "--burst", "1", "--rate", "200",
+                            "--seed", "23", "--commit-times", strCommitted},
+                           240000, &strOut))
+        << strOut;
+    auto vCommitted = TimesIn(strCommitted);
+    ASSERT_EQ(600u, vCommitted.size());
+    const long long nLastTs = vCommitted.back().first;
+    ASSERT_TRUE(WaitUntil([&] {
+        auto v = TimesIn(m_box.Root() + "/received");
+        return !v.empty() && v.back().first >= nLastTs;
+    }, SHIP_WAIT_MS, 50)) << m_box.ReadDaemonTrace();
+    auto vReceived = TimesIn(m_box.Root() + "/received");
+    // Each record's lag: from its commit to the first shipment that holds it.
+    long long nWorstUs = 0;
+    size_t nAt = 0;
+    for (const auto& c : vCommitted) {
+        while (nAt < vReceived.size() && vReceived[nAt].first < c.first) nAt++;
+        ASSERT_LT(nAt, vReceived.size());
+        nWorstUs = std::max(nWorstUs, vReceived[nAt].second - c.second);
+    }
+    // Seconds apart from the failure, which waits for the writer to go idle.
+    EXPECT_LT(nWorstUs, 2000000) << m_box.ReadDaemonTrace();
+    EXPECT_EQ(NumberAfter(strOut, "logno="), 1);
+}
 
 TEST_F(StandbyShipping, AStandbyAskingForALogThePrimaryNoLongerHasEndsItsThread)
 {
