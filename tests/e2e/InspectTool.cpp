@@ -221,6 +221,29 @@ TEST_F(InspectTool, EachDamageIsTheOneFindingThatNamesItsFileAndOffset)
     EXPECT_EQ(2, m_box.Run({InspectPath(), "--bogus", m_box.DataDir()}, 30000, &strOut));
 }
 
+// Damages in three files at once: each is found and told on a line of its
+// own, none hides the ones after it.
+TEST_F(InspectTool, EveryDamageHasItsOwnLine)
+{
+    std::string strData = Path("Data2.dbf");
+    BASEFILEBLOCKMAP e = ReadRecord<BASEFILEBLOCKMAP>(strData, FirstEntryOffset(strData));
+    ASSERT_GT((long long)e.m_nBlockOffset, 0);
+    ASSERT_TRUE(WriteValue<int>(strData, e.m_nBlockOffset, 0x58585858));
+    ASSERT_TRUE(WriteValue<UINT>(strData, e.m_nBlockOffset + offsetof(BASEBLOCKHEAD, m_nBlockNo), 9));
+    std::string strIndex = Path("BTree3.dbf");
+    long long nEntry = FirstEntryOffset(strIndex);
+    ASSERT_TRUE(WriteValue<long long>(strIndex, nEntry + offsetof(BASEFILEBLOCKMAP, m_nBlockOffset), 1LL << 40));
+    ASSERT_TRUE(WriteValue<long long>(Path("System.dbf"), offsetof(SYSTEMFILEHEAD, m_nBeginTimestamp), 77));
+    std::string strOut;
+    EXPECT_EQ(1, Check(&strOut));
+    std::vector<std::string> v = DamageLines(strOut);
+    ASSERT_EQ(3u, v.size()) << strOut;
+    EXPECT_TRUE(Names(v[0], "commit", 1, -1)) << v[0];
+    EXPECT_TRUE(Names(v[1], "mark", 2, e.m_nBlockOffset)) << v[1];
+    EXPECT_NE(std::string::npos, v[1].find("0x58585858")) << v[1];
+    EXPECT_TRUE(Names(v[2], "bound", 3, nEntry)) << v[2];
+}
+
 // The files a real daemon wrote, after an engine stand-in committed rows
 // into them and the daemon stopped: sound, the head says how far, and the
 // inspector writes nothing.
