@@ -211,8 +211,8 @@ TEST_F(NodeJoin, AJoinedStandbyIsShippedTheLogFromItsPosition)
 
 // A receiver that misbehaves: each case differs only by the misbehaviour.
 // Too many breaks in the middle of a file end the join; a huge payload, a
-// failure and silence end it in bounded time (a foreign reply read off is the
-// node reply fuzz target's); the daemon serves after each. Last, a
+// failure and silence end it in bounded time (a foreign reply read off is
+// JoinSender's at unit level); the daemon serves after each. Last, a
 // connection broken twice repeats the file each time and the join ends with
 // every file equal to the primary's byte for byte, the data file sent in
 // more than one piece, and a second daemon comes up on the copy.

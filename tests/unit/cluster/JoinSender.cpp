@@ -81,11 +81,12 @@ struct Taken {
 };
 
 // The joining node: answers as a node must (one reply for each message
-// that has one, two for a file), the second reply of an empty file after a
-// pause.
+// that has one, two for a file), optionally with a foreign reply carrying a
+// payload before each of its own, the second reply of an empty file after
+// a pause.
 class FakeNode {
 public:
-    FakeNode()
+    explicit FakeNode(bool bForeign = false) : m_bForeign(bForeign)
     {
         m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         struct sockaddr_in sa = {};
@@ -126,6 +127,17 @@ private:
     }
     void Answer(int sk, const MF_SERVICE_TCP_COMMAND& stAsk)
     {
+        if (m_bForeign) {
+            MF_SERVICE_TCP_COMMAND stForeign;
+            memset(&stForeign, 0, sizeof(stForeign));
+            stForeign.m_bVersion = NODEMSG_VERSION;
+            stForeign.m_bType = NODEMSG_FAILURE;
+            stForeign.m_bToken = (BYTE)(stAsk.m_bToken ^ 0x55);
+            stForeign.m_lDataLength = 300;
+            std::string strJunk(300, '\x01');
+            send(sk, &stForeign, sizeof(stForeign), MSG_NOSIGNAL);
+            send(sk, strJunk.data(), strJunk.size(), MSG_NOSIGNAL);
+        }
         MF_SERVICE_TCP_COMMAND stReply;
         memset(&stReply, 0, sizeof(stReply));
         stReply.m_bVersion = NODEMSG_VERSION;
@@ -169,6 +181,7 @@ private:
         }
         if (sk >= 0) close(sk);
     }
+    bool m_bForeign;
     int m_fd = -1;
     int m_nPort = 0;
     std::atomic<bool> m_bStop{false};
@@ -205,11 +218,12 @@ protected:
         return recv(sk, &c, 1, MSG_DONTWAIT) < 0 && errno == EAGAIN;
     }
     // Sends one file of nSize bytes (nUsed used) to a node that answers as
-    // a node must; the messages the node took, the file's bytes in *pstrData.
+    // a node must (bForeign: with a foreign reply before each); the messages
+    // the node took, the file's bytes in *pstrData.
     std::vector<Taken> SendFile(BYTE bFileNo, long long nSize, long long nUsed, const char* lpPath,
-                                std::string* pstrData = nullptr)
+                                std::string* pstrData = nullptr, bool bForeign = false)
     {
-        FakeNode node;
+        FakeNode node(bForeign);
         FakeFile file(nSize, nUsed);
         stu_FILEINFO st = MakeInfo(bFileNo, &file, nSize, lpPath);
         int sk = Connect(node);
@@ -271,10 +285,13 @@ TEST_F(JoinSender, AFileOfAnExactMultipleOfTheBufferEndsWithAFullLastPieceAndArr
     EXPECT_TRUE(v[2].m_strPayload + v[3].m_strPayload == strData.substr(0, (size_t)nUsed));
 }
 
-TEST_F(JoinSender, ALastPieceThatIsNotAWholeSectorIsReadAndSentWhole)
+// The node puts a foreign reply with a payload before each of its own: each
+// is read off whole and the wait goes on. The last piece is not a whole
+// sector and is still read and sent whole.
+TEST_F(JoinSender, ForeignRepliesAreReadOffAndALastPieceShortOfASectorIsSentWhole)
 {
     std::string strData;
-    std::vector<Taken> v = SendFile(4, MIB, 5000, "/db/KV4.dbf", &strData);
+    std::vector<Taken> v = SendFile(4, MIB, 5000, "/db/KV4.dbf", &strData, true);
     ASSERT_EQ(3u, v.size());
     EXPECT_EQ(5000u, v[2].m_strPayload.size());
     EXPECT_TRUE(v[2].m_strPayload == strData.substr(0, 5000));

@@ -1,7 +1,6 @@
-// What a standby thread makes of malformed replies on its connection: one
-// that would shift the stream ends it. Old tokens, keep-alives and a
-// leaving node are walked by the reply-stream fuzz target's regression
-// inputs as well.
+// What a standby thread makes of the replies on its connection: an old
+// reply must never be taken for the shipment in flight nor shift the stream,
+// and one that would shift the stream ends it.
 #include "TalvorStandby.h"
 
 #include <gtest/gtest.h>
@@ -49,6 +48,25 @@ protected:
 };
 
 } // namespace
+
+TEST_F(StandbyReplies, OldTokensAndKeepAlivesAreReadPastWithoutShiftingTheStream)
+{
+    Send(Reply(NODEMSG_SUCCESS, 5));
+    Send(Reply(NODEMSG_KEEPALIVE, 7));
+    Send(Reply(NODEMSG_FAILURE, 9, 2));
+    Send(Reply(NODEMSG_SUCCESS, 7));
+    Send(Reply(NODEMSG_FAILURE, 8, 7));
+    MF_SERVICE_TCP_COMMAND st;
+    ASSERT_EQ(TCPCMD_OK, Receive(7, st));
+    EXPECT_EQ(NODEMSG_SUCCESS, st.m_bType);
+    ASSERT_EQ(TCPCMD_OK, Receive(8, st));
+    EXPECT_EQ(NODEMSG_FAILURE, st.m_bType);
+    EXPECT_EQ(7, (int)st.m_lDigitalData);
+    // Only old replies, then silence: a time-out with the connection kept.
+    Send(Reply(NODEMSG_SUCCESS, 8));
+    EXPECT_EQ(TCPCMD_TIMEOUT, Receive(9, st));
+    EXPECT_FALSE(m_standby.m_bExit);
+}
 
 TEST_F(StandbyReplies, MalformedRepliesDropTheConnectionAndALeavingNodeEndsTheThread)
 {
