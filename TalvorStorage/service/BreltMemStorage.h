@@ -230,6 +230,8 @@ public:
     // The chain is checked first; FALSE (traced) when it cannot be read or a
     // file cannot be removed. The backups are not touched.
     BOOL RemoveChainFiles(char* lpArchiveDesPath, int nPathSize, long long nTimestamp);
+    // The same for a chain CheckBackupChain has checked whole.
+    BOOL RemoveFilesOfChain(char* lpArchiveDesPath, int nPathSize, const struct _BACKUPCHAIN& stChain);
     // The same for the files one backup's records name; its head is read
     // and checked first. Storage thread, no latch held.
     BOOL RemoveFilesOfBackup(char* lpArchiveDesPath, int nPathSize, long long nTimestamp);

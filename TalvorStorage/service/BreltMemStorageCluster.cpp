@@ -328,22 +328,17 @@ void CBreltMemStorageModule::RestoreAgain(LPTALVORCRITICALSECTION lpCritSection,
           TALVOR_TEXT("未完成的恢复(到%lld)重新执行,恢复到%lld,备份目录取自恢复标记",
                       "A restore (to %lld) that did not finish is run again, to %lld, from the archive its mark keeps"),
           stMark.m_nTimestamp, nTimestamp);
-    // What the failed run wrote may hold pieces of a chain other than this
-    // one: it goes first, so that the restore starts from no files as it
-    // would after a clear.
-    // The failed run's chain may no longer read (its backup may be the very
-    // cause): then the files the chain asked now names go instead, which
-    // are all it writes. A file only the failed chain made stays, named by
-    // no list the restored database has.
-    if (!RemoveChainFiles(stMark.m_lpArchiveDesPath, RESTORE_PATH_SIZE, stMark.m_nTimestamp) &&
-        (nTimestamp == stMark.m_nTimestamp ||
-         !RemoveChainFiles(stMark.m_lpArchiveDesPath, RESTORE_PATH_SIZE, nTimestamp))) {
+    // The restore removes every file of the chain asked before it writes.
+    // Asked for another point, the failed run's chain may have made files
+    // this one does not name: they go too, when that chain still reads (its
+    // backup may be the very cause it does not); otherwise such a file
+    // stays, named by no list the restored database has.
+    if (nTimestamp != stMark.m_nTimestamp &&
+        !RemoveChainFiles(stMark.m_lpArchiveDesPath, RESTORE_PATH_SIZE, stMark.m_nTimestamp))
         Trace("ClusterCommand", 1, 10012040,
-              TALVOR_TEXT("无法删除未完成的恢复(到%lld)写入的文件,拒绝恢复",
-                          "The files the restore to %lld that did not finish wrote cannot be removed: the restore is refused"),
+              TALVOR_TEXT("未完成的恢复(到%lld)写入的文件未能全部删除,只有它写过的文件可能留下",
+                          "Not every file the restore to %lld that did not finish wrote could be removed: a file only it wrote may stay"),
               stMark.m_nTimestamp);
-        return;
-    }
     LPTALVORPROGRESS lpProgress = m_pFlashback != nullptr ? m_pFlashback->GetProgress() : nullptr;
     if (lpProgress != nullptr) lpProgress->m_nStatus = PROGRESS_RUNNING;
     const long long nStartMs = TalvorMonotonicMs();

@@ -306,7 +306,12 @@ BOOL CBreltMemStorageModule::CheckBackupChain(char* lpArchiveDesPath, int nPathS
 BOOL CBreltMemStorageModule::RemoveChainFiles(char* lpArchiveDesPath, int nPathSize, long long nTimestamp)
 {
     BACKUPCHAIN stChain;
-    if (!CheckBackupChain(lpArchiveDesPath, nPathSize, nTimestamp, &stChain)) return FALSE;
+    return CheckBackupChain(lpArchiveDesPath, nPathSize, nTimestamp, &stChain) &&
+           RemoveFilesOfChain(lpArchiveDesPath, nPathSize, stChain);
+}
+
+BOOL CBreltMemStorageModule::RemoveFilesOfChain(char* lpArchiveDesPath, int nPathSize, const BACKUPCHAIN& stChain)
+{
     for (int nLevel = 0; nLevel <= stChain.m_nTopLevel; nLevel++) {
         if (!RemoveFilesOfBackup(lpArchiveDesPath, nPathSize, stChain.m_arTimestamp[nLevel])) return FALSE;
     }
@@ -378,9 +383,7 @@ BOOL CBreltMemStorageModule::RecoverIncrement(LPTALVORCRITICALSECTION lpCritSect
     // the database no longer lists, a start's growth of an earlier restore)
     // would show through between them. Every file the chain names goes
     // first, under the mark.
-    for (int nLevel = 0; nLevel <= stChain.m_nTopLevel; nLevel++) {
-        if (!RemoveFilesOfBackup(lpArchiveDesPath, nPathSize, stChain.m_arTimestamp[nLevel])) return FALSE;
-    }
+    if (!RemoveFilesOfChain(lpArchiveDesPath, nPathSize, stChain)) return FALSE;
     if (!Recover(lpCritSection, lpTalvorProgress, lpArchiveDesPath, nPathSize, stChain.m_arTimestamp[0]))
         return FALSE;
     for (int nLevel = 1; nLevel <= stChain.m_nTopLevel; nLevel++) {
