@@ -72,16 +72,15 @@ bench_primary "$root" "$bin" '
   echo "incremental $(stat -c %s "$inc") $inc_us" >> "$root/chain.result"
   # The restore rewrites every database file; cp+sync copies the same files.
   files_bytes=$(cat "$db"/*.dbf | wc -c)
-  fresh() { rm -f "$root"/cp/*; sync; echo 3 > /proc/sys/vm/drop_caches; }
   cp_side() {
-    fresh
+    bench_fresh "$root"
     echo "cp $1 $(timed bash -c "cp \"$db\"/*.dbf \"$root/cp/\" && sync")" >> "$root/chain.result"
   }
   # The stages of a restore as the daemon times them: its trace line comes
   # a moment after the database is open again.
   restore_side() {
     local us seen stages
-    fresh
+    bench_fresh "$root"
     seen=$(cat "$db"/Log/TalvorStorage*.log 2>/dev/null | grep -ac "taking the database apart" || true)
     us=$(timed "$bin/talvor-peer" restore --to "$inc_ts" --wait-ms 600000)
     grep -q "database=open" "$root/last.out" || { cat "$root/last.out" >&2; exit 1; }

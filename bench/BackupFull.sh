@@ -50,18 +50,16 @@ bench_ini "$root" persistenceintervals=300 archivetype=1 "archivedespath=$root/A
 bench_primary "$root" "$bin" '
   rounds=$1
   now() { date +%s.%N; }
-  # The same cache state before each side: dirty pages on the disk and the
-  # page cache dropped (root only). The backup reads with direct I/O and cp
-  # through the cache, so neither may find the files cached by the other.
-  fresh() { rm -f "$root"/cp/*; sync; echo 3 > /proc/sys/vm/drop_caches; }
+  # Each side starts from bench_fresh: the backup reads with direct I/O and
+  # cp through the cache, so neither may find the files cached by the other.
   cp_side() {
-    fresh
+    bench_fresh "$root"
     start=$(now); cp "$root"/Data/Talvor/*.dbf "$root/cp/"; sync; end=$(now)
     cpbytes=$(cat "$root"/cp/*.dbf | wc -c)
     echo "$1 round=$2 cpbytes=$cpbytes cpseconds=$(echo "$end - $start" | bc -l)" >> "$root/rounds.out"
   }
   backup_side() {
-    fresh
+    bench_fresh "$root"
     start=$(now); "$bin/talvor-peer" backup --full ${3:+--ts $3} --wait > "$root/backup-$1.out"; end=$(now)
     file=$(sed -n "s/^backup ts=.* path=\([^ ]*\).*/\1/p" "$root/backup-$1.out")
     # The time the daemon gives this backup in its trace, a moment
@@ -79,7 +77,7 @@ bench_primary "$root" "$bin" '
   # The I/O pattern of the backup without the daemon: 8 MiB direct reads,
   # each followed by its direct synchronous write, one after the other.
   dd_side() {
-    fresh
+    bench_fresh "$root"
     start=$(now)
     for f in "$root"/Data/Talvor/*.dbf; do
       dd if="$f" of="$root/cp/$(basename "$f")" bs=8M iflag=direct oflag=direct,sync status=none

@@ -32,6 +32,12 @@ bench_wait_started() {
 }
 export -f bench_wait_started
 
+# bench_fresh ROOT: the same cache state before each timed side: ROOT/cp/
+# emptied, dirty pages on the disk and the page cache of the machine
+# dropped (root only). Exported, as above.
+bench_fresh() { rm -f "$1"/cp/*; sync; echo 3 > /proc/sys/vm/drop_caches; }
+export -f bench_fresh
+
 # bench_primary ROOT BIN BODY [ARG...]: runs the shell code BODY in a private
 # IPC and mount namespace (its own tmpfs on /dev/shm and /var/run) beside
 # the daemon of ROOT, started and waited for. BODY sees root, bin, pid (the
