@@ -20,6 +20,7 @@
 
 #include <cstdio>
 #include <sys/time.h>
+#include <unistd.h>
 
 #define TALVOR_CRITSTACK_SIZE 20
 #define TALVOR_NO_OWNER 0xFFFFFFFFu
@@ -144,6 +145,28 @@ BOOL QueryPerformanceCounter(LARGE_INTEGER* lpCounter);
 long long TalvorMonotonicMs();
 // Result: nanoseconds of the same clock, for measuring short stretches. Any thread.
 long long TalvorMonotonicNs();
+
+// Result: TRUE once fnDone holds, FALSE once nTotalMs have passed on the
+// monotonic clock without it; fnDone has the last look. Between looks it
+// waits on hEvent (nullptr: sleeps) for at most nSliceMs. Any thread.
+// The clock ends the wait, never a count of slices: a semaphore keeps every
+// post no one waited for (an answer seen before the wait began), and while
+// it holds a count each wait on it returns at once.
+template <class F>
+BOOL WaitEventUntil(HEVENTTYPE hEvent, long long nTotalMs, UINT nSliceMs, F fnDone)
+{
+    const long long nDeadline = TalvorMonotonicMs() + nTotalMs;
+    for (;;) {
+        if (fnDone()) return TRUE;
+        const long long nLeft = nDeadline - TalvorMonotonicMs();
+        if (nLeft < 0) return FALSE;
+        const UINT nWait = nLeft < (long long)nSliceMs ? (UINT)nLeft + 1 : nSliceMs;
+        if (hEvent != nullptr)
+            WaitForSingleObject(hEvent, nWait);
+        else
+            usleep((useconds_t)nWait * 1000);
+    }
+}
 void GetLocalTime(LPSYSTEMTIME lpSystemTime);
 
 // --- Files and paths. What touches a file goes through CTalvorFileIO.

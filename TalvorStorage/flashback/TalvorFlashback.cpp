@@ -13,8 +13,9 @@ namespace {
 
 // Polls between two signs of life asked of a running engine at stop.
 const int SERVICE_POLLS_PER_PING = 1000;
-// 1 ms waits for the engine's answer to a sign-of-life request.
+// How long the engine has to answer a sign-of-life request, in waits of 1 ms.
 const int SERVICE_ANSWER_WAITS = 30;
+const UINT SERVICE_ANSWER_SLICE_MS = 1;
 
 } // namespace
 
@@ -161,12 +162,12 @@ BOOL CTalvorFlashback::CheckServiceAlive(LPTALVORCRITICALSECTION lpCritSection)
     lpHead->m_nResult = 0;
     TalvorStoreShared(&lpHead->m_bCommandType, PEERCMD_HEARTBEAT);
     SetEvent(m_hFlashBackEvent);
-    // The semaphore may hold stale posts: the command byte decides.
-    for (int i = 0; i < SERVICE_ANSWER_WAITS; i++) {
-        if (TalvorLoadShared(&lpHead->m_bCommandType) == PEERCMD_NONE) return TRUE;
-        WaitForSingleObject(m_hFlashBackFinishedEvent, 1);
-    }
-    if (TalvorLoadShared(&lpHead->m_bCommandType) == PEERCMD_NONE) return TRUE;
+    // The semaphore may hold stale posts: the command byte decides, and the
+    // clock, not the number of waits, ends the wait.
+    if (WaitEventUntil(m_hFlashBackFinishedEvent, SERVICE_ANSWER_WAITS * SERVICE_ANSWER_SLICE_MS,
+                       SERVICE_ANSWER_SLICE_MS,
+                       [&] { return TalvorLoadShared(&lpHead->m_bCommandType) == PEERCMD_NONE; }))
+        return TRUE;
     lpHead->m_nResult = 1610;
     TalvorStoreShared(&lpHead->m_bCommandType, PEERCMD_NONE);
     TalvorStoreShared(&lpHead->m_bService, SERVICESTATE_LOST);

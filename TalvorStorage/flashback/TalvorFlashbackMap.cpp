@@ -38,12 +38,13 @@ int CTalvorFlashback::RequestFileHead(LPTALVORCRITICALSECTION, BYTE bFileNo, lon
     // The command byte last: the engine reads the request once it sees it.
     TalvorStoreShared(&lpHead->m_bCommandType, PEERCMD_FLASHBACKHEAD);
     SetEvent(m_hFlashBackEvent);
-    // A wait may end on a stale post: the command byte alone tells.
+    // A wait may end on a stale post: the command byte alone tells, and the
+    // clock, not the number of waits, ends the wait.
     int nCycle = lpHead->m_nCycleTime > 0 ? lpHead->m_nCycleTime : STORAGEMEM_CYCLETIME_MS;
-    for (int i = 0; i < FILEHEAD_ANSWER_WAITS && TalvorLoadShared(&lpHead->m_bCommandType) != PEERCMD_NONE; i++)
-        WaitForSingleObject(m_hFlashBackFinishedEvent, (UINT)nCycle);
     // The engine writes its result and copy before it clears the byte.
-    if (TalvorLoadShared(&lpHead->m_bCommandType) == PEERCMD_NONE) return lpHead->m_nResult;
+    if (WaitEventUntil(m_hFlashBackFinishedEvent, (long long)FILEHEAD_ANSWER_WAITS * nCycle, (UINT)nCycle,
+                       [&] { return TalvorLoadShared(&lpHead->m_bCommandType) == PEERCMD_NONE; }))
+        return lpHead->m_nResult;
     lpHead->m_nResult = PEERRESULT_TIMEOUT;
     TalvorStoreShared(&lpHead->m_bCommandType, PEERCMD_NONE);
     if (TalvorLoadShared(&lpHead->m_bService) == SERVICESTATE_RUNNING)

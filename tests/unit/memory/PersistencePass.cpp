@@ -271,6 +271,27 @@ TEST_F(PersistencePass, LostEngineIsMarkedSavedAroundAndNotAskedAgain)
     EXPECT_EQ(ts2, m_db.CommittedOnDisk());
 }
 
+// The answer semaphore keeps the posts of every answer seen before anyone
+// waited on it; a slow answer is still waited for the whole time the engine
+// has, and the engine is not taken for lost.
+TEST_F(PersistencePass, StalePostsOfTheAnswerSemaphoreDoNotCutTheEnginesTimeShort)
+{
+    LPSTORAGEMEMHEAD lpChannel = m_db.Module().m_pFlashback->GetStorageMemHead();
+    lpChannel->m_nCycleTime = 10; // 100 waits of 10 ms
+    for (int i = 0; i < 5000; i++) SetEvent(m_db.Module().m_pFlashback->m_hFlashBackFinishedEvent);
+    StartEngine([](LPSTORAGEMEMHEAD c) {
+        usleep(300000);
+        c->m_nResult = PEERRESULT_NOTHINGTOSAVE;
+    });
+    long long ts = Commit(2, 1, 0, 21);
+    EXPECT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+    StopEngine();
+    EXPECT_GE(m_nAnswers.load(), 1);
+    EXPECT_EQ(1, Val(lpChannel->m_bService)) << "a slow engine was taken for lost";
+    EXPECT_NE(PEERRESULT_TIMEOUT, Val(lpChannel->m_nResult));
+    EXPECT_EQ(ts, m_db.CommittedOnDisk());
+}
+
 namespace {
 
 const BYTE* Bytes(const std::string& s) { return (const BYTE*)s.data(); }

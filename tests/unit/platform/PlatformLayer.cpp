@@ -310,6 +310,35 @@ TEST(SemaphoreWait, TryWaitTimedWaitAndWake)
     FreeEvent(ev);
 }
 
+// A semaphore keeps the posts of answers no one waited for; a wait for the
+// next answer on it must still last its time, not its number of slices.
+TEST(SemaphoreWait, AWaitUntilAnAnswerLastsItsTimeOverStalePosts)
+{
+    EVENTTYPE ev = {};
+    InitEvent(ev);
+    for (int i = 0; i < 5000; i++) SetEvent(&ev);
+    int nLooks = 0;
+    long long nStart = NowMs();
+    EXPECT_FALSE(WaitEventUntil(&ev, 200, 10, [&] { return ++nLooks < 0; }));
+    EXPECT_GE(NowMs() - nStart, 200) << "ended after " << nLooks << " looks";
+
+    std::atomic<bool> bAnswered{false};
+    std::thread engine([&] {
+        usleep(100000);
+        bAnswered = true;
+    });
+    nStart = NowMs();
+    EXPECT_TRUE(WaitEventUntil(&ev, 5000, 10, [&] { return bAnswered.load(); }));
+    EXPECT_GE(NowMs() - nStart, 90);
+    engine.join();
+    // Without a semaphore it sleeps, and an answer there at once is taken at once.
+    nStart = NowMs();
+    EXPECT_FALSE(WaitEventUntil(nullptr, 50, 10, [] { return false; }));
+    EXPECT_GE(NowMs() - nStart, 50);
+    EXPECT_TRUE(WaitEventUntil(nullptr, 0, 10, [] { return true; }));
+    FreeEvent(ev);
+}
+
 TEST(TimeArithmetic, TimeraddMSCarriesIntoSeconds)
 {
     const struct {
