@@ -3,6 +3,7 @@
 // engine moves only the writing positions; the daemon frees what it took.
 #include "PeerCache.h"
 
+#include "PeerClock.h"
 #include "PeerImage.h"
 
 #include <cstdio>
@@ -13,7 +14,6 @@ namespace talvorpeer {
 
 namespace {
 
-const int WAIT_SLICE_MS = 10;
 // The completion of a late load request: after the daemon has had time to
 // see the stale slot.
 const int LATE_COMPLETION_US = 30000;
@@ -74,9 +74,8 @@ int CPeerCache::LoadBlock(PeerCacheFile& file, UINT nBlockNo, long long llCache,
     if (bPos >= nNum) bPos = 0;
     LPCacheBufferBlockOperate lpSlot = &lpGroup[bPos];
     // A slot still posted from before is the daemon's until answered.
-    for (int nWaited = 0; TalvorLoadShared(&lpSlot->m_bStatus) == CACHELOAD_POSTED && nWaited < nWaitMs; nWaited += WAIT_SLICE_MS)
-        usleep(WAIT_SLICE_MS * 1000);
-    if (TalvorLoadShared(&lpSlot->m_bStatus) == CACHELOAD_POSTED) return PEERCACHE_TIMEOUT;
+    auto fnFree = [&] { return TalvorLoadShared(&lpSlot->m_bStatus) != CACHELOAD_POSTED; };
+    if (!WaitEventUntil(nullptr, nWaitMs, WAKE_SLICE_MS, fnFree)) return PEERCACHE_TIMEOUT;
     TalvorStoreShared(&lpSlot->m_bStatus, CACHELOAD_FREE);
     UINT nNo = eFault == PEERLOAD_NUMBER ? nBlockNo + 1 : nBlockNo;
     BYTE bFile = eFault == PEERLOAD_FILE ? bFaultFile : file.m_bFileNo;
@@ -107,19 +106,12 @@ int CPeerCache::LoadBlock(PeerCacheFile& file, UINT nBlockNo, long long llCache,
     TalvorStoreShared(&lpInfo->m_bCacheLoadPos, (bPos + 1) % nNum);
     SetEvent(LoadSemaphore(SEMNAME_CACHELOADEVENT_PREFIX, file.m_bFileNo));
     HEVENTTYPE hDone = LoadSemaphore(SEMNAME_STORAGELOADEVENT_PREFIX, file.m_bFileNo);
-    for (int nWaited = 0; nWaited < nWaitMs; nWaited += WAIT_SLICE_MS) {
-        if (TalvorLoadShared(&lpSlot->m_bStatus) == CACHELOAD_DONE) {
-            PeerFence();
-            int nSuccess = lpSlot->m_bSuccess;
-            TalvorStoreShared(&lpSlot->m_bStatus, CACHELOAD_FREE);
-            return nSuccess;
-        }
-        if (hDone != nullptr)
-            WaitForSingleObject(hDone, WAIT_SLICE_MS);
-        else
-            usleep(WAIT_SLICE_MS * 1000);
-    }
-    return PEERCACHE_TIMEOUT;
+    auto fnDone = [&] { return TalvorLoadShared(&lpSlot->m_bStatus) == CACHELOAD_DONE; };
+    if (!WaitEventUntil(hDone, nWaitMs, WAKE_SLICE_MS, fnDone)) return PEERCACHE_TIMEOUT;
+    PeerFence();
+    int nSuccess = lpSlot->m_bSuccess;
+    TalvorStoreShared(&lpSlot->m_bStatus, CACHELOAD_FREE);
+    return nSuccess;
 }
 
 stu_CacheFlush* CPeerCache::Ring(bool bIndex) const
@@ -237,9 +229,7 @@ bool CPeerCache::PostEntry(PeerFlushPost& post, int nWaitMs, bool (*fnBeforeStat
     int nPos = TalvorLoadShared(pPos) % CACHE_FLUSH_RING_SIZE;
     stu_CacheFlush* p = &Ring(post.m_bIndex)[nPos];
     // The ring is full while the entry at the writing position is posted.
-    for (int nWaited = 0; TalvorLoadShared(&p->m_bStatus) != 0 && nWaited < nWaitMs; nWaited += WAIT_SLICE_MS)
-        usleep(WAIT_SLICE_MS * 1000);
-    if (TalvorLoadShared(&p->m_bStatus) != 0) {
+    if (!WaitEventUntil(nullptr, nWaitMs, WAKE_SLICE_MS, [&] { return TalvorLoadShared(&p->m_bStatus) == 0; })) {
         m_strError = "the flush ring stays full";
         return false;
     }
@@ -258,18 +248,15 @@ int CPeerCache::WaitEntry(const PeerFlushPost& post, int nWaitMs, void (*fnIdle)
     if (post.m_nPos < 0) return PEERCACHE_TIMEOUT;
     stu_CacheFlush* p = &Ring(post.m_bIndex)[post.m_nPos];
     HEVENTTYPE hDone = Semaphore(post.m_bIndex ? SEMNAME_STORAGEINDEXFLUSHEVENT : SEMNAME_STORAGEFLUSHEVENT);
-    for (int nWaited = 0; nWaited <= nWaitMs; nWaited += WAIT_SLICE_MS) {
-        if (TalvorLoadShared(&p->m_bStatus) == 0) {
-            PeerFence();
-            return p->m_bReserved;
-        }
+    // The engine's other work goes on between the looks.
+    auto fnAnswered = [&] {
+        if (TalvorLoadShared(&p->m_bStatus) == 0) return true;
         if (fnIdle != nullptr) fnIdle(pIdleArg);
-        if (hDone != nullptr)
-            WaitForSingleObject(hDone, WAIT_SLICE_MS);
-        else
-            usleep(WAIT_SLICE_MS * 1000);
-    }
-    return PEERCACHE_TIMEOUT;
+        return false;
+    };
+    if (!WaitEventUntil(hDone, nWaitMs, WAKE_SLICE_MS, fnAnswered)) return PEERCACHE_TIMEOUT;
+    PeerFence();
+    return p->m_bReserved;
 }
 
 } // namespace talvorpeer

@@ -12,6 +12,9 @@ namespace talvorpeer {
 
 inline long long NowMs() { return TalvorMonotonicMs(); }
 
+// The longest sleep between two looks at what the daemon answers.
+const UINT WAKE_SLICE_MS = 10;
+
 inline long long WallMicros()
 {
     struct timespec ts;
