@@ -145,6 +145,7 @@ BOOL QueryPerformanceCounter(LARGE_INTEGER* lpCounter);
 long long TalvorMonotonicMs();
 // Result: nanoseconds of the same clock, for measuring short stretches. Any thread.
 long long TalvorMonotonicNs();
+void GetLocalTime(LPSYSTEMTIME lpSystemTime);
 
 // Result: TRUE once fnDone holds, FALSE once nTotalMs have passed on the
 // monotonic clock without it; fnDone has the last look. Between looks it
@@ -167,7 +168,6 @@ BOOL WaitEventUntil(HEVENTTYPE hEvent, long long nTotalMs, UINT nSliceMs, F fnDo
             usleep((useconds_t)nWait * 1000);
     }
 }
-void GetLocalTime(LPSYSTEMTIME lpSystemTime);
 
 // --- Files and paths. What touches a file goes through CTalvorFileIO.
 int GetModuleFileName(char* sModuleName, char* sFileName, int nSize);
