@@ -13,6 +13,11 @@
 
 // FlashbackMapData: the engine has nothing to save for the file.
 inline constexpr int FLASHBACK_NOTHINGTOSAVE = -2;
+// The longest wait for the engine's answer to command 3 that a cycle time
+// the channel holds can ask: a hundred times the default. The area may
+// survive from any process, and a cycle read from it unbounded would let a
+// silent engine hold a save pass for days.
+inline constexpr int FLASHBACK_CYCLE_MAX_MS = 100 * STORAGEMEM_CYCLETIME_MS;
 
 class CTalvorFlashback {
 public:
@@ -80,6 +85,12 @@ public:
     char* m_lpFilePath;
     void* m_hFile;
     HTHREADTYPE m_hFlushThread;
+
+    // Result: how many milliseconds the answer to channel command 3 is
+    // waited for when the channel holds nCycleTime: 100 of its waits, of
+    // the default length when it holds none, and of at most
+    // FLASHBACK_CYCLE_MAX_MS whatever a surviving area holds. Any thread.
+    static long long FileHeadAnswerMs(int nCycleTime);
 
 private:
     // Channel command 3 for one file; the engine's m_nResult, or 1610.

@@ -29,6 +29,13 @@ void CTalvorFlashback::ChangeStandbyThread(BOOL bAdd)
         lpHead->m_bStandbyThreads = (BYTE)(lpHead->m_bStandbyThreads - 1);
 }
 
+long long CTalvorFlashback::FileHeadAnswerMs(int nCycleTime)
+{
+    int nCycle = nCycleTime > 0 ? nCycleTime : STORAGEMEM_CYCLETIME_MS;
+    if (nCycle > FLASHBACK_CYCLE_MAX_MS) nCycle = FLASHBACK_CYCLE_MAX_MS;
+    return (long long)FILEHEAD_ANSWER_WAITS * nCycle;
+}
+
 int CTalvorFlashback::RequestFileHead(LPTALVORCRITICALSECTION, BYTE bFileNo, long long nTimestamp)
 {
     LPSTORAGEMEMHEAD lpHead = m_pStorageMemFileHead;
@@ -40,9 +47,9 @@ int CTalvorFlashback::RequestFileHead(LPTALVORCRITICALSECTION, BYTE bFileNo, lon
     SetEvent(m_hFlashBackEvent);
     // A wait may end on a stale post: the command byte alone tells, and the
     // clock, not the number of waits, ends the wait.
-    int nCycle = lpHead->m_nCycleTime > 0 ? lpHead->m_nCycleTime : STORAGEMEM_CYCLETIME_MS;
+    const long long nAnswerMs = FileHeadAnswerMs(lpHead->m_nCycleTime);
     // The engine writes its result and copy before it clears the byte.
-    if (WaitEventUntil(m_hFlashBackFinishedEvent, (long long)FILEHEAD_ANSWER_WAITS * nCycle, (UINT)nCycle,
+    if (WaitEventUntil(m_hFlashBackFinishedEvent, nAnswerMs, (UINT)(nAnswerMs / FILEHEAD_ANSWER_WAITS),
                        [&] { return TalvorLoadShared(&lpHead->m_bCommandType) == PEERCMD_NONE; }))
         return lpHead->m_nResult;
     lpHead->m_nResult = PEERRESULT_TIMEOUT;

@@ -4,6 +4,7 @@
 #include "PersistenceDb.h"
 
 #include <atomic>
+#include <climits>
 #include <functional>
 #include <thread>
 
@@ -290,6 +291,20 @@ TEST_F(PersistencePass, StalePostsOfTheAnswerSemaphoreDoNotCutTheEnginesTimeShor
     EXPECT_EQ(1, Val(lpChannel->m_bService)) << "a slow engine was taken for lost";
     EXPECT_NE(PEERRESULT_TIMEOUT, Val(lpChannel->m_nResult));
     EXPECT_EQ(ts, m_db.CommittedOnDisk());
+}
+
+// The cycle time comes from a channel area that may have survived from any
+// process: whatever it holds, the wait for the engine stays bounded.
+TEST(FlashbackChannel, TheWaitForTheEngineIsBoundedWhateverCycleTheAreaHolds)
+{
+    const long long nMax = 100LL * FLASHBACK_CYCLE_MAX_MS;
+    EXPECT_EQ(10000, CTalvorFlashback::FileHeadAnswerMs(STORAGEMEM_CYCLETIME_MS));
+    EXPECT_EQ(10000, CTalvorFlashback::FileHeadAnswerMs(0));
+    EXPECT_EQ(10000, CTalvorFlashback::FileHeadAnswerMs(INT_MIN));
+    EXPECT_EQ(100, CTalvorFlashback::FileHeadAnswerMs(1));
+    EXPECT_EQ(nMax, CTalvorFlashback::FileHeadAnswerMs(FLASHBACK_CYCLE_MAX_MS));
+    EXPECT_EQ(nMax, CTalvorFlashback::FileHeadAnswerMs(FLASHBACK_CYCLE_MAX_MS + 1));
+    EXPECT_EQ(nMax, CTalvorFlashback::FileHeadAnswerMs(INT_MAX));
 }
 
 namespace {
