@@ -31,6 +31,7 @@ const int IDLE_QUIET_LOOPS = 1000;
 const UINT IDLE_WAKE_WAIT_MS = 1000;
 // How long the stop waits for standby threads to let go of their slots.
 const long long STANDBY_SLOT_WAIT_MS = 30000;
+const UINT STANDBY_SLOT_POLL_MS = 1;
 // How long the stop waits for the storage thread to finish what it runs. A
 // file command or a pass over a large database may take minutes; past this
 // the thread is taken to be stuck.
@@ -385,12 +386,9 @@ void CBreltMemStorageModule::WaitForStandbySlots()
 {
     // By the clock, not by a count of pauses: a pause may return early, and
     // a standby still inside its connect must not outlive the module.
-    const long long nDeadline = TalvorMonotonicMs() + STANDBY_SLOT_WAIT_MS;
-    while (StandbySlotsTaken() != 0 || TalvorLoadShared(&m_nStandbysLeaving) != 0) {
-        if (TalvorMonotonicMs() >= nDeadline) break;
-        usleep(1000);
-    }
-    usleep(1000);
+    WaitEventUntil(nullptr, STANDBY_SLOT_WAIT_MS, STANDBY_SLOT_POLL_MS,
+                   [&] { return StandbySlotsTaken() == 0 && TalvorLoadShared(&m_nStandbysLeaving) == 0; });
+    usleep(STANDBY_SLOT_POLL_MS * 1000);
 }
 
 void CBreltMemStorageModule::ReleaseSystemFile()

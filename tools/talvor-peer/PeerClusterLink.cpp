@@ -14,7 +14,7 @@ namespace talvorpeer {
 
 namespace {
 
-const int POLL_US = 1000;
+const UINT POLL_MS = 1;
 
 void* AttachSegment(key_t nKey)
 {
@@ -85,12 +85,7 @@ void CPeerClusterLink::Send(const ClusterArgs& args)
 
 bool CPeerClusterLink::WaitUntil(const std::function<bool()>& fnDone, int nWaitMs)
 {
-    long long nEnd = TalvorMonotonicMs() + nWaitMs;
-    for (;;) {
-        if (fnDone()) return true;
-        if (TalvorMonotonicMs() >= nEnd) return false;
-        usleep(POLL_US);
-    }
+    return WaitEventUntil(nullptr, nWaitMs, POLL_MS, fnDone);
 }
 
 bool CPeerClusterLink::WaitFor(BYTE bFinal, int nWaitMs, const std::function<void()>& fnTick)
