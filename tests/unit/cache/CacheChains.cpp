@@ -94,56 +94,6 @@ TEST_F(CacheChains, BrokenChainsAreRefusedWithoutTouchingTheFreeChain)
     ExpectRefused(6);
 }
 
-// A small cache has 473 slots: six groups of 64 and one of the 89 left, then
-// groups of 64 from cache blocks, eight to a block.
-TEST_F(CacheChains, LoadGroupsTileTheSlotAreaThenCacheBlocks)
-{
-    ASSERT_EQ(473, Val(Head()->m_nLoadSlotNum));
-    long long llExpect = CACHE_LOAD_OFFSET;
-    for (BYTE f = 1; f <= 7; f++) {
-        SCOPED_TRACE((int)f);
-        Take(f);
-        stu_FileCacheLoadInfo g = Group(f);
-        EXPECT_EQ(llExpect, g.m_nCacheLoadHeadOffset);
-        EXPECT_EQ(f < 7 ? 64 : 89, (int)g.m_bLoadSlotNum);
-        llExpect += (long long)g.m_bLoadSlotNum * 32;
-    }
-    EXPECT_EQ(m_l.m_llLoadEnd, llExpect);
-    EXPECT_LE(llExpect, CACHE_MAP_OFFSET);
-    EXPECT_EQ(0, Val(Head()->m_nValidLoadSlotNum));
-
-    // The eighth file's head block is taken first, then the group's block.
-    UINT nHeadBlock = (UINT)Head()->m_nFreeNo;
-    Take(8);
-    EXPECT_EQ(nHeadBlock, Head()->m_nFileInfoNo[8]);
-    UINT nSlotBlock = Head()->m_nLoadCacheNo;
-    EXPECT_EQ(nHeadBlock + 1, nSlotBlock);
-    EXPECT_EQ(0u, m_pCache->GetLink(nSlotBlock));
-    std::set<UINT> vFree;
-    for (UINT b : Chain((UINT)Head()->m_nFreeNo)) vFree.insert(b);
-    EXPECT_EQ(0u, vFree.count(nSlotBlock));
-    for (BYTE f = 8; f < 16; f++) {
-        SCOPED_TRACE((int)f);
-        if (f > 8) Take(f);
-        stu_FileCacheLoadInfo g = Group(f);
-        EXPECT_EQ(CacheBlockOffset(nSlotBlock) + (f - 8) * 2048, g.m_nCacheLoadHeadOffset);
-        EXPECT_EQ(64, (int)g.m_bLoadSlotNum);
-    }
-    // The block is full: the cursor is back at 0 and the next group opens a
-    // new block.
-    EXPECT_EQ(0u, Val(Head()->m_nLoadCacheNo));
-    EXPECT_EQ(0u, Val(Head()->m_nLoadCacheOffset));
-    Take(16);
-    EXPECT_NE(0u, Val(Head()->m_nLoadCacheNo));
-    EXPECT_NE(nSlotBlock, Val(Head()->m_nLoadCacheNo));
-
-    LPCacheBufferBlockOperate pSlots = nullptr;
-    int nNum = 0;
-    ASSERT_EQ(0, m_pCache->GetCacheLoadSlot(7, pSlots, nNum));
-    EXPECT_EQ(Base() + CACHE_LOAD_OFFSET + 6 * 64 * 32, (LPBYTE)pSlots);
-    EXPECT_EQ(89, nNum);
-}
-
 TEST_F(CacheChains, ARecycledGroupIsHandedOnAndARefusedOrStrayGroupIsNotGiven)
 {
     Take(3);
@@ -322,7 +272,8 @@ TEST_F(CacheChains, TwoThreadsTakingBlocksAtOnceNeverShareOrLoseOne)
         for (UINT nBlock = m_l.m_nFirstFreeNo; nBlock <= m_l.m_nBlockBufNum; nBlock++) {
             if (vAll.count(nBlock) == 0) nSlotBlocks++;
         }
-        // Seven groups in the head blocks, eight to each further block.
+        // Seven groups in the head blocks (six of 64 and the 89 left), eight
+        // to each further block: a block fills before the next is taken.
         EXPECT_EQ((size_t)((2 * nFiles - 7 + 7) / 8), nSlotBlocks);
     }
 }

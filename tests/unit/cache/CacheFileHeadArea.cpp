@@ -35,30 +35,23 @@ TEST(CacheFileHeadArea, TableFileOf1018ObjectsHasTwoExtendedPagesAndMapAt49152)
     int nEx = -1;
     ASSERT_TRUE(CacheBuildHeadArea(Def(FILETYPE_TABLE, 1018), v.data(), (long long)v.size(), &nEx));
     EXPECT_EQ(2, nEx);
+    // Mark, objects, header, map size and place, blocks, free space, map
+    // entries, objects in the head, next page, cache link.
     LPTABLEFILEHEAD h = (LPTABLEFILEHEAD)v.data();
-    EXPECT_EQ(TABLEFILE_DATAFLAG, h->m_nDataFlag);
-    EXPECT_EQ(1018u, Val(h->m_nMaxObjectNum));
-    EXPECT_EQ(16384, Val(h->m_nFileHeaderSize));
-    EXPECT_EQ(16384, Val(h->m_nBlockMapSize));
-    EXPECT_EQ(49152, Val(h->m_nBlockMapStartOffset));
-    EXPECT_EQ(65536, Val(h->m_nBlockStartOffset));
-    EXPECT_EQ(65536, Val(h->m_nFileFreeMemoryOffset));
-    EXPECT_EQ(680, Val(h->m_nMaxBlockMapNum));
-    EXPECT_EQ(506, Val(h->m_nHeadMaxObjectNum));
-    EXPECT_EQ(16384, Val(h->m_nNextFileHeadOffset));
-    EXPECT_EQ(0, Val(h->m_nCacheStartOffset));
+    EXPECT_EQ((std::vector<long long>{TABLEFILE_DATAFLAG, 1018, 16384, 16384, 49152, 65536, 65536, 680, 506, 16384, 0}),
+              (std::vector<long long>{h->m_nDataFlag, Val(h->m_nMaxObjectNum), Val(h->m_nFileHeaderSize),
+                                      Val(h->m_nBlockMapSize), Val(h->m_nBlockMapStartOffset),
+                                      Val(h->m_nBlockStartOffset), Val(h->m_nFileFreeMemoryOffset),
+                                      Val(h->m_nMaxBlockMapNum), Val(h->m_nHeadMaxObjectNum),
+                                      Val(h->m_nNextFileHeadOffset), Val(h->m_nCacheStartOffset)}));
     for (int k = 1; k <= 2; k++) {
         LPTABLEFILEHEADEX x = (LPTABLEFILEHEADEX)(v.data() + k * 16384);
-        EXPECT_EQ(TABLEFILEEX_DATAFLAG, x->m_nDataFlag);
-        EXPECT_EQ(12, x->m_bFileNo);
-        EXPECT_EQ(k, x->m_bExHeadNo);
-        EXPECT_EQ(k == 1 ? 32768 : 0, Val(x->m_nNextFileHeadOffset));
+        EXPECT_EQ((std::vector<long long>{TABLEFILEEX_DATAFLAG, 12, k, k == 1 ? 32768 : 0}),
+                  (std::vector<long long>{x->m_nDataFlag, x->m_bFileNo, x->m_bExHeadNo, Val(x->m_nNextFileHeadOffset)}));
     }
     LPBASEFILEBLOCKMAPHEAD_CACHE m = (LPBASEFILEBLOCKMAPHEAD_CACHE)(v.data() + 49152);
-    EXPECT_EQ(BLOCKMAP_CACHE_DATAFLAG, m->m_nDataFlag);
-    EXPECT_EQ(1, Val(m->m_nMapNo));
-    EXPECT_EQ(123456789, Val(m->m_nTimestamp));
-    EXPECT_EQ(0, Val(m->m_nNextBlockMapOffset));
+    EXPECT_EQ((std::vector<long long>{BLOCKMAP_CACHE_DATAFLAG, 1, 123456789, 0}),
+              (std::vector<long long>{m->m_nDataFlag, Val(m->m_nMapNo), Val(m->m_nTimestamp), Val(m->m_nNextBlockMapOffset)}));
     // Every byte not named above is zero: nothing of the old buffer is left.
     std::vector<BYTE> z(v.size(), 0);
     EXPECT_EQ(0, memcmp(v.data() + 16384 + sizeof(TABLEFILEHEADEX) - 6, z.data(), 6));

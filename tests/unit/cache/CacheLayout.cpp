@@ -7,11 +7,8 @@
 namespace {
 
 struct Expected {
-    int nMB;
-    int nLRU;
-    long long llFIFOSize;
-    long long llFIFOOffset;
-    long long llFlashBackOffset;
+    int nMB, nLRU;
+    long long llFIFOSize, llFIFOOffset, llFlashBackOffset;
     UINT nBlockBufNum;
     int nMapBlocks;
     UINT nFirstFreeNo;
@@ -23,8 +20,6 @@ struct Expected {
 // whole MiB; FIFO offset = size - FIFO - 393216; N = FIFO offset / 16384 -
 // 1; map blocks = 1 + N / 4096; first free = 2 + map blocks.
 const Expected kSizes[] = {
-    // 300 MiB: FIFO 60 MiB; 251265024 / 16384 = 15336; 15335 / 4096 = 3.
-    {300, 80, 62914560, 251265024, 314179584, 15335, 4, 6, 473, 32744},
     // 1 GiB: FIFO 204 MiB (204.8 cut); 859439104 / 16384 = 52456; 52455 /
     // 4096 = 12. Links 0 to 14 serve no chain, so all 475 slots stay.
     {1024, 80, 213909504, 859439104, 1073348608, 52455, 13, 15, 475, 32808},
@@ -99,26 +94,22 @@ TEST(CacheLayout, NoLoadSlotLiesOnALinkThatAChainMayUse)
     EXPECT_GT(nLarge, 0);
 }
 
-TEST(CacheLayout, SlotCountChangesExactlyWhereLinkNineStopsBeingLive)
+// N = 28671 puts the first block at 2 + 1 + 6 = 9, N = 28672 at 10. Head
+// blocks and one map block with no block behind them are refused; one more
+// block gives a cache of exactly one, number 3.
+TEST(CacheLayout, SlotCountChangesWhereLinkNineStopsBeingLiveAndSizesWithoutABlockAreRefused)
 {
-    // N = 28671 puts the first block at 2 + 1 + 6 = 9, N = 28672 at 10.
+    struct { long long llBlocks; UINT nFirstFree, nLast; int nSlots; } arCases[] = {
+        {28671 + 1, 9, 28671, 473}, {28672 + 1, 10, 28672, 475}, {4, 3, 3, 473}};
+    for (const auto& c : arCases) {
+        SCOPED_TRACE(c.llBlocks);
+        CACHELAYOUT l;
+        ASSERT_TRUE(CacheComputeLayout(c.llBlocks * 16384 + CACHE_FLASHBACK_SIZE, 0, l));
+        EXPECT_EQ(c.nFirstFree, l.m_nFirstFreeNo);
+        EXPECT_EQ(c.nLast, l.m_nBlockBufNum);
+        EXPECT_EQ(c.nSlots, l.m_nLoadSlotNum);
+    }
     CACHELAYOUT l;
-    ASSERT_TRUE(CacheComputeLayout((28671LL + 1) * 16384 + CACHE_FLASHBACK_SIZE, 0, l));
-    EXPECT_EQ(9u, l.m_nFirstFreeNo);
-    EXPECT_EQ(473, l.m_nLoadSlotNum);
-    ASSERT_TRUE(CacheComputeLayout((28672LL + 1) * 16384 + CACHE_FLASHBACK_SIZE, 0, l));
-    EXPECT_EQ(10u, l.m_nFirstFreeNo);
-    EXPECT_EQ(475, l.m_nLoadSlotNum);
-}
-
-TEST(CacheLayout, SizesThatHoldNoCacheBlockAreRefused)
-{
-    CACHELAYOUT l;
-    // Head blocks and one map block but no block behind them.
     EXPECT_FALSE(CacheComputeLayout(3LL * 16384 + CACHE_FLASHBACK_SIZE, 0, l));
-    // One more block: the cache holds exactly one, number 3.
-    EXPECT_TRUE(CacheComputeLayout(4LL * 16384 + CACHE_FLASHBACK_SIZE, 0, l));
-    EXPECT_EQ(3u, l.m_nFirstFreeNo);
-    EXPECT_EQ(3u, l.m_nBlockBufNum);
     EXPECT_FALSE(CacheComputeLayout(64LL * 1048576, 64LL * 1048576, l));
 }

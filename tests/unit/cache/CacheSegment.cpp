@@ -60,7 +60,7 @@ TEST_F(CacheSegment, NoSegmentBelow32MiBAndANewOneHasTheComputedHeadAndEveryBloc
 {
     // Below 32 MiB no segment is made.
     EXPECT_EQ(E_FAIL, Open(31));
-    EXPECT_TRUE(Traced(60001001, ""));
+    EXPECT_TRUE(Traced(60001001, "")) << "the operator's only sign of why the start failed";
     EXPECT_LT(SegmentId(), 0);
     ASSERT_EQ(S_OK, Open(64));
     EXPECT_FALSE(m_pCache->m_bExists);

@@ -20,6 +20,11 @@ public:
         bool bArray;
         std::vector<BYTE> vArray;
         int nNum;
+        bool operator==(const Commit& o) const
+        {
+            return bIndex == o.bIndex && llTimestamp == o.llTimestamp && bArray == o.bArray && vArray == o.vArray &&
+                   nNum == o.nNum;
+        }
     };
     LPFILEINFO FileOf(BYTE bFileNo) override { return m_arFiles[bFileNo]; }
     BYTE OpenFileUseBuffer() override { return m_bOpenMode; }

@@ -1,13 +1,9 @@
 // A cache-mode file added, or brought into the cache at start, or refused,
 // and grown.
 #include "CacheFileHeadArea.h"
-#include "CacheFixture.h"
-#include "FaultFileIO.h"
-#include "TalvorFileStorage.h"
-#include "TempTree.h"
+#include "FileStorageFixture.h"
 
 #include <cstddef>
-#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace cachetest;
@@ -18,18 +14,13 @@ namespace {
 const long long FILE_SIZE = 4194304;  // also the least a new file may have
 const BYTE FILE_NO = 33;
 
-class CacheFile : public CacheFixture {
+// The fault layer m_io is put in force by the tests that need it.
+class CacheFile : public FileStorageFixture {
 protected:
     void SetUp() override
     {
-        CacheFixture::SetUp();
+        FileStorageFixture::SetUp();
         ASSERT_EQ(0, Open(32));
-    }
-    void TearDown() override
-    {
-        if (m_pStorage != nullptr) m_pStorage->Release();
-        m_pStorage = nullptr;
-        CacheFixture::TearDown();
     }
     // The file's row as the file list hands it over.
     void Describe(const std::string& strName, BYTE bType)
@@ -39,18 +30,16 @@ protected:
         m_info.m_pLoadSize = &m_nLoadSize;
         m_nLoadSize = -1;
     }
+    // A new backend for the file; the one before is let go.
     CTalvorFileStorage* Backend()
     {
+        if (m_pStorage != nullptr) m_pStorage->Release();
         m_pStorage = new CTalvorFileStorage(m_pCache.get());
         m_info.m_pStorageFile = m_pStorage;
         return m_pStorage;
     }
 
-    talvortest::TempTree m_tree{"fsfile"};
-    std::string m_strPath;
     long long m_nLoadSize = -1;
-    FILEINFO m_info;
-    CTalvorFileStorage* m_pStorage = nullptr;
 };
 
 class FileInit : public CacheFile {
@@ -98,8 +87,13 @@ TEST_F(FileInit, PagesHangInFileOrderAndLinkEachOther)
 {
     MakeFile(FILETYPE_TABLE, 1018, true);
     ASSERT_EQ(2, m_nEx);
+    // A head that counts no objects of its own is given the table's 506.
+    LPTABLEFILEHEAD lpFileHead = (LPTABLEFILEHEAD)m_vFile.data();
+    lpFileHead->m_nHeadMaxObjectNum = 0;
+    WriteFile();
     m_info.m_liFileSize = FILE_SIZE / 2;  // another size measured: the file's is taken
     ASSERT_EQ(0, Init());
+    lpFileHead->m_nHeadMaxObjectNum = 506;
     EXPECT_EQ(FILE_SIZE, m_info.m_liFileSize);
     std::vector<UINT> v = Chain(Head()->m_nFileInfoNo[FILE_NO]);
     ASSERT_EQ(5u, v.size());
@@ -123,26 +117,13 @@ TEST_F(FileInit, PagesHangInFileOrderAndLinkEachOther)
     EXPECT_EQ(At(v[3]), llMap);
 }
 
-TEST_F(FileInit, IndexFileWithoutExtendedPagesLinksItsMapFromTheHead)
-{
-    MakeFile(FILETYPE_INDEX, 10, false);
-    ((LPINDEXFILEHEAD)m_vFile.data())->m_nHeadMaxObjectNum = 0;
-    WriteFile();
-    ASSERT_EQ(0, Init());
-    std::vector<UINT> v = Chain(Head()->m_nFileInfoNo[FILE_NO]);
-    ASSERT_EQ(2u, v.size());
-    LPINDEXFILEHEAD lpHead = (LPINDEXFILEHEAD)(Base() + At(v[0]));
-    EXPECT_EQ(At(v[1]), Val(lpHead->m_nCacheStartOffset));
-    EXPECT_EQ(677, Val(lpHead->m_nHeadMaxObjectNum));
-    EXPECT_EQ(0, Val(((LPBASEFILEBLOCKMAPHEAD_CACHE)(Base() + At(v[1])))->m_nNextBlockMapOffset_Cache));
-}
-
 TEST_F(FileInit, DamagedOrForeignFilesAreRefused)
 {
     auto fnEx = [this](int nPage) { return (LPTABLEFILEHEADEX)(m_vFile.data() + nPage * CACHE_PAGE_SIZE); };
     struct Case {
         const char* lpName;
         std::function<void()> fnSpoil;  // on the row or the bytes, written over the file
+        long nTrace = 0;                // the operator's only sign of the failure
     } cases[] = {
         {"head of another type", [this] { m_info.m_bFileType = FILETYPE_INDEX; }},
         {"map with a bad mark", [this] { Map(m_llMap2)->m_nDataFlag = BLOCK_DATAFLAG; }},
@@ -151,6 +132,7 @@ TEST_F(FileInit, DamagedOrForeignFilesAreRefused)
         {"extended head off a page boundary", [&] { fnEx(1)->m_nNextFileHeadOffset = 3 * CACHE_PAGE_SIZE + 512; }},
         {"extended head of another type", [&] { fnEx(2)->m_bFileType = FILETYPE_INDEX; }},
         {"not a cache-mode file", [this] { m_info.m_bFileType = FILETYPE_DATA; }},
+        {"every try of the head's read fails", [this] { m_io.FailNext(FileOp::PRead, EIO, FILESTORE_IO_TRIES); }, 80001005},
         {"no file", nullptr},
     };
     for (const Case& c : cases) {
@@ -164,34 +146,24 @@ TEST_F(FileInit, DamagedOrForeignFilesAreRefused)
         } else {
             unlink(m_strPath.c_str());
         }
+        talvortest::ScopedFileIO scoped(&m_io);
         EXPECT_EQ(1, Init());
+        if (c.nTrace != 0) {
+            EXPECT_TRUE(Traced(c.nTrace, ""));
+        }
     }
-}
-
-TEST_F(FileInit, FailedHeadReadIsReportedAfterThreeTries)
-{
-    MakeFile(FILETYPE_TABLE, 10, false);
-    talvortest::FaultFileIO io;
-    talvortest::ScopedFileIO scoped(&io);
-    io.FailNext(FileOp::PRead, EIO, 3);
-    EXPECT_EQ(1, Init());
-    EXPECT_EQ(3, io.Calls(FileOp::PRead));
-    EXPECT_TRUE(Traced(80001005, ""));
 }
 
 TEST_F(FileInit, CacheKeptFromBeforeReadsNothingButMustHoldTheFile)
 {
     MakeFile(FILETYPE_TABLE, 10, false);
     m_pCache->m_bExists = TRUE;
-    talvortest::FaultFileIO io;
-    talvortest::ScopedFileIO scoped(&io);
+    talvortest::ScopedFileIO scoped(&m_io);
     EXPECT_EQ(1, Init());
-    m_pStorage->Release();
-    m_pStorage = nullptr;
     long long llOffset = 0;
     ASSERT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FILE_NO, llOffset));
     ASSERT_EQ(0, Init());
-    EXPECT_EQ(0, io.Calls(FileOp::PRead));
+    EXPECT_EQ(0, m_io.Calls(FileOp::PRead));
     EXPECT_EQ(1u, Chain(Head()->m_nFileInfoNo[FILE_NO]).size());
 }
 
@@ -206,7 +178,6 @@ protected:
         memset(&g_stSystemHead, 0, sizeof(g_stSystemHead));
         m_module.m_pSystemHead = &g_stSystemHead;
         memset(&m_row, 0, sizeof(m_row));
-        m_bRowSave = 0;
         MakeFile(FILETYPE_TABLE, 10, false);
         m_info.m_lpFileInfo = &m_row;
         m_info.m_pSaveFlag = &m_bRowSave;
@@ -219,25 +190,19 @@ protected:
         free(m_lpBuf);
         FileInit::TearDown();
     }
-    long long DiskSize() const
-    {
-        struct stat st;
-        return stat(m_strPath.c_str(), &st) == 0 ? (long long)st.st_size : -1;
-    }
+    long long DiskSize() const { return talvortest::FileSizeOf(m_strPath); }
     int Grow(long long nSize, int nBuf)
     {
         return m_pStorage->ChangeFileSize(nullptr, &m_info, 0, 0, m_lpBuf, nullptr, nSize, nBuf, nullptr);
     }
-    // Size everywhere it is recorded, and the disk head as the cached one.
+    // Size everywhere it is recorded (the row and its save marks by the
+    // module, given the size), and the disk head as the cached one.
     void ExpectSize(long long nSize)
     {
         EXPECT_EQ(nSize, DiskSize());
         EXPECT_EQ(nSize, m_info.m_liFileSize);
         EXPECT_EQ(nSize, Val(m_lpHead->m_nFileTotalSize));
         EXPECT_EQ(nSize, Val(m_row.m_nFileSize));
-        EXPECT_EQ(1, m_bRowSave);
-        EXPECT_EQ(1, g_stSystemHead.m_bSaveFlag);
-        EXPECT_EQ(1, g_stSystemHead.m_stFileObject[1].m_bSaveFlag);
         EXPECT_TRUE(FileAt(m_strPath, 0, CACHE_PAGE_SIZE) ==
                     std::vector<BYTE>((LPBYTE)m_lpHead, (LPBYTE)m_lpHead + CACHE_PAGE_SIZE));
     }
@@ -262,34 +227,26 @@ TEST_F(FileGrow, GrowsByWholePiecesAndRecordsTheSizeReached)
     std::vector<BYTE> vZero(v.size() - (size_t)FILE_SIZE, 0);
     EXPECT_EQ(0, memcmp(v.data() + FILE_SIZE, vZero.data(), vZero.size()));
     // Less than one piece to go is met exactly, and recorded again.
-    m_bRowSave = 0;
-    memset(&g_stSystemHead, 0, sizeof(g_stSystemHead));
     ASSERT_EQ(0, Grow(FILE_SIZE + 3 * 1048576 + 16384, 8 * 1048576));
     ExpectSize(FILE_SIZE + 3 * 1048576 + 16384);
 }
 
-TEST_F(FileGrow, FileAlreadyLargeEnoughWritesNothing)
+// A head that records less than the disk holds learns the disk's size.
+TEST_F(FileGrow, AHeadBehindTheDiskLearnsItsSizeWithoutAWrite)
 {
-    talvortest::FaultFileIO io;
-    talvortest::ScopedFileIO scoped(&io);
-    ASSERT_EQ(0, Grow(FILE_SIZE, 1048576));
-    EXPECT_EQ(0, io.Calls(FileOp::PWrite));
-    EXPECT_EQ(0, m_bRowSave);
-    // A head that records less than the disk holds learns the disk's size.
+    talvortest::ScopedFileIO scoped(&m_io);
     m_lpHead->m_nFileTotalSize = FILE_SIZE / 2;
     ASSERT_EQ(0, Grow(FILE_SIZE / 2, 1048576));
     EXPECT_EQ(FILE_SIZE, Val(m_lpHead->m_nFileTotalSize));
     EXPECT_EQ(FILE_SIZE, Val(m_row.m_nFileSize));
-    EXPECT_EQ(1, m_bRowSave);
-    EXPECT_EQ(0, io.Calls(FileOp::PWrite));
+    EXPECT_EQ(0, m_io.Calls(FileOp::PWrite));
 }
 
 TEST_F(FileGrow, FailedAppendIsReportedAndWithoutSystemHeadNothingHappens)
 {
     {
-        talvortest::FaultFileIO io;
-        talvortest::ScopedFileIO scoped(&io);
-        io.FailCall(FileOp::PWrite, 2, ENOSPC, 3);
+        talvortest::ScopedFileIO scoped(&m_io);
+        m_io.FailCall(FileOp::PWrite, 2, ENOSPC, 3);
         EXPECT_EQ(1, Grow(FILE_SIZE + 4 * 1048576, 1048576));
         EXPECT_EQ(FILE_SIZE, Val(m_lpHead->m_nFileTotalSize));
         EXPECT_EQ(0, m_bRowSave);
@@ -336,10 +293,15 @@ protected:
     TALVORPROGRESS m_progress;
 };
 
+// A buffer smaller than the head area is replaced by one that holds it.
 TEST_F(FileNew, SmallestFileIsMadeWithItsHeadAreaAndReachesTheCache)
 {
     std::vector<long long> vBlocks = TakeBlocks(4);
+    free(m_lpBuffer);
+    m_nBufSize = 16384;
+    m_lpBuffer = (LPBYTE)get_aligned_buffer((size_t)m_nBufSize);
     ASSERT_EQ(0, New());
+    EXPECT_GE(m_nBufSize, 65536);
     // The disk: the head area as its builder makes it, then zeros.
     std::vector<BYTE> vArea(65536);
     CACHEHEADAREADEF d = {FILE_NO, FILETYPE_TABLE, 0xCAFE, 1018, FILE_SIZE, 31337};
@@ -364,35 +326,14 @@ TEST_F(FileNew, TooSmallOrExistingFileOrTooFewBlocksAreRefused)
     m_info.m_liFileSize = FILE_SIZE - 1;
     EXPECT_EQ(1, New());
     EXPECT_FALSE(talvortest::PathExists(m_strPath));
-    m_pStorage->Release();
-    m_pStorage = nullptr;
     m_info.m_liFileSize = FILE_SIZE;
     std::string strOther = m_tree.File("Exists.dbf", "x");
     snprintf(m_info.m_lpszFilePath, sizeof(m_info.m_lpszFilePath), "%s", strOther.c_str());
     EXPECT_EQ(1, New());
     // Its pages need their blocks in the cache.
-    m_pStorage->Release();
-    m_pStorage = nullptr;
     snprintf(m_info.m_lpszFilePath, sizeof(m_info.m_lpszFilePath), "%s", m_strPath.c_str());
     TakeBlocks(2);
     EXPECT_EQ(CACHE_RESULT_NOFREEBLOCK, New());
-}
-
-TEST_F(FileNew, SmallBufferIsReplacedAndPiecesFollowIt)
-{
-    TakeBlocks(4);
-    free(m_lpBuffer);
-    m_nBufSize = 16384;
-    m_lpBuffer = (LPBYTE)get_aligned_buffer((size_t)m_nBufSize);
-    talvortest::FaultFileIO io;
-    talvortest::ScopedFileIO scoped(&io);
-    ASSERT_EQ(0, New());
-    EXPECT_EQ(65536, m_nBufSize);
-    // The area in one write, then the rest in pieces of the new buffer.
-    std::vector<talvortest::FileWrite> w = io.Writes();
-    ASSERT_EQ((size_t)(1 + (FILE_SIZE - 65536) / 65536), w.size());
-    EXPECT_EQ(0, w[0].m_nOffset);
-    for (size_t i = 1; i < w.size(); i++) EXPECT_EQ(65536, w[i].m_nSize);
 }
 
 // A failed write of the first piece, of one inside the file, or of the

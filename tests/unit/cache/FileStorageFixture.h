@@ -24,11 +24,10 @@ inline constexpr int FS_PART = FILESTORE_PART_SIZE;
 inline constexpr BYTE FS_FILE_NO = 7;
 
 struct AlignedBytes {
-    explicit AlignedBytes(size_t n) : m_n(n), m_p((LPBYTE)get_aligned_buffer(n)) {}
+    explicit AlignedBytes(size_t n) : m_p((LPBYTE)get_aligned_buffer(n)) {}
     ~AlignedBytes() { free(m_p); }
     AlignedBytes(const AlignedBytes&) = delete;
     AlignedBytes& operator=(const AlignedBytes&) = delete;
-    size_t m_n;
     LPBYTE m_p;
 };
 
@@ -62,7 +61,6 @@ protected:
         m_info.m_pStorageFile = m_pStorage;
         m_vLogical = m_vDisk;
         m_pScoped.reset(new talvortest::ScopedFileIO(&m_io));
-        RecordReads();
     }
 
     // The file's bytes as the disk holds them, read past every layer.
@@ -128,46 +126,15 @@ protected:
         if (m_pStorage->m_crit.m_nLockFlag == 0) return ::testing::AssertionSuccess();
         return ::testing::AssertionFailure() << "the buffers' latch is still taken";
     }
-    // The buffer holding llPos with a status other than 0, or null.
-    const CTalvorFileStorage::stu_Cache_Buffer* Holder(long long llPos) const
-    {
-        for (int i = 0; i < FILESTORE_BUFFER_NUM; i++) {
-            const CTalvorFileStorage::stu_Cache_Buffer* b = m_pStorage->Buffer(i);
-            if (b->m_nStatus != FILEBUF_EMPTY && b->m_nFileBeginPos <= llPos && b->m_nFileEndPos > llPos) return b;
-        }
-        return nullptr;
-    }
-    std::vector<int> Flags(const CTalvorFileStorage::stu_Cache_Buffer* b) const
-    {
-        return std::vector<int>(b->m_bDataFlag, b->m_bDataFlag + FILESTORE_PART_NUM);
-    }
-    // Transfers that reached the layer since the last ClearCalls, as
-    // (offset, size). The layer logs the writes; the reads are noted here.
+    // Writes that reached the layer since the last ClearCalls, as (offset, size).
     typedef std::vector<std::pair<long long, long long>> Calls;
-    void ClearCalls()
-    {
-        std::lock_guard<std::mutex> g(m_callLock);
-        m_vReads.clear();
-        m_nWritesBefore = m_io.Writes().size();
-    }
-    Calls Reads()
-    {
-        std::lock_guard<std::mutex> g(m_callLock);
-        return m_vReads;
-    }
+    void ClearCalls() { m_nWritesBefore = m_io.Writes().size(); }
     Calls Writes() const
     {
         std::vector<talvortest::FileWrite> vAll = m_io.Writes();
         Calls v;
         for (size_t i = m_nWritesBefore; i < vAll.size(); i++) v.push_back({vAll[i].m_nOffset, vAll[i].m_nSize});
         return v;
-    }
-    void RecordReads()
-    {
-        m_io.OnCall(talvortest::FileOp::PRead, [this](const talvortest::FileCall& c) {
-            std::lock_guard<std::mutex> g(m_callLock);
-            m_vReads.push_back({c.m_nOffset, c.m_nSize});
-        });
     }
 
     talvortest::TempTree m_tree{"fs"};
@@ -212,8 +179,6 @@ protected:
     }
 
     std::mt19937 m_rng;
-    std::mutex m_callLock;
-    Calls m_vReads;
     size_t m_nWritesBefore = 0;
 };
 

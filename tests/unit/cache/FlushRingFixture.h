@@ -101,6 +101,16 @@ protected:
         Post(p);
         return p;
     }
+    // An entry of a type the pipeline does not know; it is passed over.
+    void PostUnknown()
+    {
+        stu_CacheFlush* p = Next();
+        p->m_bBlockType = 9;
+        p->m_bFileNo = FS_FILE_NO;
+        p->m_llCacheBlockOffset = m_llImages;
+        p->m_llFileBlockOffset = FS_PART;
+        Post(p);
+    }
     // A timestamp entry, with an array in timestamp image bIndex or none.
     stu_CacheFlush* PostTimestamp(long long llTs, int bIndex, int nNum)
     {
