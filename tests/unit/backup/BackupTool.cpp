@@ -1,6 +1,5 @@
-// talvor-backup verify on an incremental backup. The full backup, its
-// refusals and the command line run end to end.
-#include "BackupIncrementFixture.h"
+// talvor-backup's command line. Its verdicts on backups and chains run end
+// to end (ClusterRestore) and against the verifier (BackupVerify).
 #include "BackupTool.h"
 
 #include <gtest/gtest.h>
@@ -8,9 +7,6 @@
 #include <cstdio>
 #include <string>
 #include <vector>
-
-using namespace backuptest;
-using namespace talvortest;
 
 namespace {
 
@@ -47,21 +43,6 @@ ToolRun RunTool(std::vector<std::string> vArgs)
 }
 
 } // namespace
-
-TEST(BackupTool, WholeIncrementExitsZeroAndTellsWhatIsApplied)
-{
-    TempTree tree("bverify");
-    std::vector<IncFile> vFiles = SampleIncrement(tree);
-    std::string strPath = tree.Path("TalvorBackup990077.fbk");
-    ASSERT_TRUE(WriteWholeFile(strPath, IncrementImage(vFiles)));
-    ToolRun r = RunTool({"verify", strPath});
-    EXPECT_EQ(talvorbackup::BACKUPTOOL_WHOLE, r.m_nExit) << r.m_strOut;
-    // The system file: its head, one map and three blocks.
-    EXPECT_NE(std::string::npos, r.m_strOut.find(vFiles[0].m_stFile.m_strPath + ": size 1048576, " +
-                                                 std::to_string(15718 + 4096 + 3 * 2048) +
-                                                 " bytes from the backup in 5 pieces"))
-        << r.m_strOut;
-}
 
 // A verb without its file is a bad command line, not a verdict on a
 // backup: a script must not read it as "refused".

@@ -125,25 +125,21 @@ private:
         }
         return nGot == n;
     }
+    static void Send(int sk, BYTE bType, BYTE bToken, int nPayload = 0)
+    {
+        MF_SERVICE_TCP_COMMAND st;
+        memset(&st, 0, sizeof(st));
+        st.m_bVersion = NODEMSG_VERSION;
+        st.m_bType = bType;
+        st.m_bToken = bToken;
+        st.m_lDataLength = nPayload;
+        send(sk, &st, sizeof(st), MSG_NOSIGNAL);
+        send(sk, std::string((size_t)nPayload, '\x01').data(), (size_t)nPayload, MSG_NOSIGNAL);
+    }
     void Answer(int sk, const MF_SERVICE_TCP_COMMAND& stAsk)
     {
-        if (m_bForeign) {
-            MF_SERVICE_TCP_COMMAND stForeign;
-            memset(&stForeign, 0, sizeof(stForeign));
-            stForeign.m_bVersion = NODEMSG_VERSION;
-            stForeign.m_bType = NODEMSG_FAILURE;
-            stForeign.m_bToken = (BYTE)(stAsk.m_bToken ^ 0x55);
-            stForeign.m_lDataLength = 300;
-            std::string strJunk(300, '\x01');
-            send(sk, &stForeign, sizeof(stForeign), MSG_NOSIGNAL);
-            send(sk, strJunk.data(), strJunk.size(), MSG_NOSIGNAL);
-        }
-        MF_SERVICE_TCP_COMMAND stReply;
-        memset(&stReply, 0, sizeof(stReply));
-        stReply.m_bVersion = NODEMSG_VERSION;
-        stReply.m_bType = NODEMSG_SUCCESS;
-        stReply.m_bToken = stAsk.m_bToken;
-        send(sk, &stReply, sizeof(stReply), MSG_NOSIGNAL);
+        if (m_bForeign) Send(sk, NODEMSG_FAILURE, (BYTE)(stAsk.m_bToken ^ 0x55), 300);
+        Send(sk, NODEMSG_SUCCESS, stAsk.m_bToken);
         m_nRepliesSent++;
     }
     void Serve()
@@ -295,20 +291,4 @@ TEST_F(JoinSender, ForeignRepliesAreReadOffAndALastPieceShortOfASectorIsSentWhol
     ASSERT_EQ(3u, v.size());
     EXPECT_EQ(5000u, v[2].m_strPayload.size());
     EXPECT_TRUE(v[2].m_strPayload == strData.substr(0, 5000));
-}
-
-TEST_F(JoinSender, AJoinOfNoFilesAsksClearReloadAndRestoreAtTheBackupsTimestamp)
-{
-    FakeNode node;
-    EXPECT_EQ(0, CTalvorClusterFiletransfer::ClusterAddNewNode(nullptr, &m_source, &m_stProgress, 0x7F000001,
-                                                               0x7F000001, node.Port(), 77, FALSE, 0, 0));
-    std::vector<Taken> v = node.Messages();
-    std::vector<int> vTypes;
-    for (const Taken& t : v) vTypes.push_back(t.m_stHead.m_bType);
-    EXPECT_EQ((std::vector<int>{NODEMSG_HELLO, NODEMSG_SLAVE_CLEAR, NODEMSG_SLAVE_RELOAD, NODEMSG_SLAVE_RESTORE}),
-              vTypes);
-    MF_CLUSTER_COMMAND stRestore;
-    memcpy(&stRestore, v.back().m_stHead.m_lpszParam, sizeof(stRestore));
-    EXPECT_EQ(77, Val(stRestore.m_nTimestamp));
-    EXPECT_EQ(0x7F000001u, Val(stRestore.m_ulIP));
 }

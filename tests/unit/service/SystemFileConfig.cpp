@@ -1,5 +1,5 @@
-// The parameters of the service: every key of the ini with its default and
-// limits, the write-back, and where the system file is looked for.
+// The parameters of the service: the keys of the ini at their defaults and
+// limits, and the write-back.
 #include "BreltMemStorage.h"
 #include "DatabaseKit.h"
 
@@ -42,7 +42,6 @@ void PresetHead(LPSYSTEMFILEHEAD h)
 {
     h->m_nTableNamesLower = 5;
     h->m_nTalvorDevelopMode = 1;
-    h->m_nUndoRetention = 45;
 }
 
 const long long MIB = 1048576;
@@ -51,8 +50,6 @@ std::vector<KeyCase> KeyCases()
 {
     return {
         {"listenip", HEAD(m_nTCPListenIP), 0, {{"10.1.2.3", 0x0A010203}, {"bogus", 0}}},
-        {"clusterlocalip", MODULE(m_ulLocalIP), 0, {{"192.168.0.9", 0xC0A80009}}},
-        {"listenport", HEAD(m_nTCPListenPort), 8000, {{"9000", 9000}}},
         {"event_scheduler", HEAD(m_nEventScheduler), 0, {{"oN", 1}, {"1", 1}, {"ONE", 0}, {"11", 0}}},
         {"MaxTransaction", HEAD(m_nObjectTransactionMaxNum), 1000,
          {{"31", 32}, {"32", 32}, {"1020", 1020}, {"1021", 1020}}},
@@ -62,7 +59,6 @@ std::vector<KeyCase> KeyCases()
          {{"0", 2 * MIB}, {"1", 1 * MIB}, {"128", 128 * MIB}, {"129", 2 * MIB}}},
         {"buffercachesize", HEAD(m_nTalvorBufferCacheSize), 1024, {{"0", 0}, {"31", 64}, {"32", 32}}},
         {"TableNamesLower", HEAD(m_nTableNamesLower), 5, {{"77", 5}, {"1", 1}}},
-        {"undo_retention", HEAD(m_nUndoRetention), 45, {{"10", 10}}},
         {"Talvor_Develop_Mode", HEAD(m_nTalvorDevelopMode), 1, {{"77", 1}, {"0", 0}}},
         {"forceflushlog", GLOBAL(g_nForceFlushLog), 1, {{"0", 0}}},
         {"clusternode", GLOBAL(g_nNodeIdentity), 0, {{"3", 3}}},
@@ -74,10 +70,8 @@ std::vector<ConfigCase> Cases()
     return {
         {"[Config]\r\nclusternode=2\r\n", "clusternode(Config)", MODULE(m_nClusterNodeType), 2},
         {"[Config]\r\nclusternode=2\r\n", "clusternode(System) apart", GLOBAL(g_nNodeIdentity), 0},
-        {"[Config]\r\nclusterlocalip=192.168.0.9\r\n", "clusterlocalip(Config)", MODULE(m_ulLocalIP), 0},
         {"[Config]\r\nclustervip=10.0.0.5\r\n", "clustervip", HEAD(m_nTalvorVirtualIP), 0x0A000005},
         {"[Config]\r\nclustervip=127.0.0.1\r\n", "clustervip", HEAD(m_nTalvorVirtualIP), 0},
-        {"[Config]\r\nclustervip=x\r\n", "clustervip", HEAD(m_nTalvorVirtualIP), 0},
         {"listenport=9000\r\n", "clustervipport follows", HEAD(m_nTalvorVirtualPort), 9000},
         {"listenport=9000\r\n[Config]\r\nclustervipport=7000\r\n", "clustervipport",
          HEAD(m_nTalvorVirtualPort), 7000},
@@ -156,11 +150,6 @@ TEST_F(SystemFileConfig, WriteBackAtExitPutsTheHeadIntoTheIni)
     strcpy(h->m_cDatabaseName, "Db7");
     strcpy(h->m_cDatabasePath, "/srv/db7/");
     strcpy(h->m_lpArchiveDesPath, "/srv/archive/");
-    h->m_nMemoryUndoSize = 64;
-    h->m_nMemoryProcessSize = 16 * MIB;
-    h->m_nPersistenceIntervals = 5;
-    h->m_nTalvorBufferCacheSize = 0;
-    h->m_nTalvorDevelopMode = 1;
     CBreltMemStorageModule stModule;
     // A head without its mark writes nothing and leaves the status.
     const std::string strBefore = Ini();
@@ -176,25 +165,9 @@ TEST_F(SystemFileConfig, WriteBackAtExitPutsTheHeadIntoTheIni)
     stModule.m_lpSystemFileInfo = nullptr;
     EXPECT_EQ(0, h->m_bStatus);
     std::string strIni = Ini();
-    for (const char* lpLine : {"systemfile=Main.dbf", "databasename=Db7", "databasepath=/srv/db7/", "undoareasize=64",
-                               "processprivatearea=16", "persistenceintervals=5", "buffercachesize=0",
+    for (const char* lpLine : {"systemfile=Main.dbf", "databasename=Db7", "databasepath=/srv/db7/",
                                "archivedespath=/srv/archive/"})
         EXPECT_NE(std::string::npos, strIni.find(lpLine)) << lpLine << "\n" << strIni;
-    // The exit write returns before the develop mode is looked at.
-    EXPECT_NE(std::string::npos, strIni.find("Talvor_Develop_Mode=0")) << strIni;
-}
-
-TEST_F(SystemFileConfig, WriteBackOutsideExitReadsTheArchiveBack)
-{
-    LPSYSTEMFILEHEAD h = ZeroHead("listenip=10.9.8.7\r\narchivedespath=/arch/\r\nTalvor_Develop_Mode=0\r\n");
-    h->m_nTalvorDevelopMode = 1;
-    CBreltMemStorageModule stModule;
-    ASSERT_TRUE(stModule.WriteSysConfigParam(nullptr, h, FALSE, FALSE));
-    EXPECT_STREQ("/arch/", h->m_lpArchiveDesPath);
-    std::string strIni = Ini();
-    EXPECT_NE(std::string::npos, strIni.find("Talvor_Develop_Mode=1")) << strIni;
-    EXPECT_NE(std::string::npos, strIni.find("systemfile=System.dbf")) << strIni;  // no system file yet
-    EXPECT_EQ(std::string::npos, strIni.find("listenip=0.0.0.0")) << strIni;
 }
 
 TEST_F(SystemFileConfig, SystemFileIsFoundUnderTheDatabaseDirectory)
