@@ -13,6 +13,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -28,39 +30,81 @@ inline void ExpectNoFailures(const std::vector<std::string>& vFailed, int nRuns)
     EXPECT_TRUE(vFailed.empty()) << vFailed.size() << " of " << nRuns << " runs failed, first ones:\n" << strFailed;
 }
 
+// What a process leaves to the next one besides the files: the system head,
+// the ring and the engine's count of bytes put into it, all in memory shared
+// with a child that may be killed.
+struct RedoShared {
+    SYSTEMFILEHEAD m_stHead;
+    volatile long long m_nProduced;
+};
+
 class RedoFixture : public ::testing::Test {
 protected:
     void SetUp() override
     {
         ASSERT_TRUE(m_tree.Ok());
         m_strDir = m_tree.Dir();
-        m_pHead = (LPSYSTEMFILEHEAD)calloc(1, sizeof(SYSTEMFILEHEAD));
+        m_pShared = (RedoShared*)SharedAlloc(sizeof(RedoShared));
+        m_pHead = &m_pShared->m_stHead;
         m_pHead->m_usDatabaseGuid = 0x4321;
         m_pHead->m_nWriteRedoOnlineGroups = 3;
         m_pHead->m_nWriteRedoMaxSize = 4096;
         m_pHead->m_nWriteUndoDelayTime = 1;
+        m_stTemplate = *m_pHead;
         InitThreadCritSection(&m_stCrit);
     }
 
     void TearDown() override
     {
         delete m_pRedo;
-        free(m_pHead);
-        free(m_pRing);
+        FreeRing();
+        munmap(m_pShared, sizeof(RedoShared));
+    }
+
+    static void* SharedAlloc(size_t nSize)
+    {
+        void* p = mmap(nullptr, nSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        EXPECT_NE(MAP_FAILED, p);
+        return p;
     }
 
     void MakeRing(int nDataSize)
     {
         m_nRingSize = RING_HEAD + nDataSize;
-        m_pRing = (LPBYTE)calloc(1, (size_t)m_nRingSize);
+        m_pRing = (LPBYTE)SharedAlloc((size_t)m_nRingSize);
         TraceRingInitHead(m_pRing, m_nRingSize, TRACEMEM_FILETYPE_REDO);
     }
 
-    bool InitRedo()
+    void FreeRing()
+    {
+        if (m_pRing != nullptr) munmap(m_pRing, (size_t)m_nRingSize);
+        m_pRing = nullptr;
+    }
+
+    // A run of its own: fresh group files in strRun, the head as SetUp left
+    // it, nothing written, a new ring of nDataSize.
+    void StartOver(const std::string& strRun, int nDataSize)
+    {
+        delete m_pRedo;
+        m_pRedo = nullptr;
+        FreeRing();
+        m_strDir = m_tree.Dir() + strRun + "/";
+        ASSERT_EQ(0, mkdir(m_strDir.c_str(), 0755));
+        *m_pHead = m_stTemplate;
+        m_pShared->m_nProduced = 0;
+        m_bExit = FALSE;
+        memset(&m_st, 0, sizeof(m_st));
+        m_strStream.clear();
+        m_vLogs.clear();
+        m_nLastLogNo = 0;
+        MakeRing(nDataSize);
+    }
+
+    bool InitRedo(int nNodeType = 0)
     {
         m_pRedo = new CTalvorRedoLog();
         m_pRedo->SetRingSize(m_nRingSize);
-        return m_pRedo->Init(m_pHead, 0, &m_bExit, (char*)m_strDir.c_str(), (char*)m_pRing, nullptr, nullptr, FALSE,
+        return m_pRedo->Init(m_pHead, nNodeType, &m_bExit, (char*)m_strDir.c_str(), (char*)m_pRing, nullptr, nullptr, FALSE,
                              nullptr);
     }
 
@@ -79,8 +123,7 @@ protected:
     {
         std::string s((size_t)nSize, '\0');
         for (int i = EXECUTEPLANHEAD_SIZE; i < nSize; i++) s[(size_t)i] = (char)(m_nRand = m_nRand * 1103515245 + 12345) ;
-        BASEEXECUTEPLANHEAD h;
-        memset(&h, 0, sizeof(h));
+        BASEEXECUTEPLANHEAD h = {};
         h.m_nTotalDataSize = (UINT)nSize;
         h.m_nDataFlag = EXECUTEPLAN_DATAFLAG;
         h.m_nType = bType;
@@ -95,8 +138,7 @@ protected:
 
     static MF_REDOLOGFILEHEAD HeadOf(const std::string& s)
     {
-        MF_REDOLOGFILEHEAD h;
-        memset(&h, 0, sizeof(h));
+        MF_REDOLOGFILEHEAD h = {};
         if (s.size() >= sizeof(h)) memcpy(&h, s.data(), sizeof(h));
         return h;
     }
@@ -104,9 +146,11 @@ protected:
     MF_REDOLOGFILEHEAD GroupHead(int g) { return HeadOf(ReadWholeFile(GroupPath(g))); }
 
     // One record a log, three logs, the writer stopped (which seals the
-    // last); the bodies kept in m_vLogs and the stream.
-    void WriteThreeLogsAndStop()
+    // last) and no archiver; the bodies kept in m_vLogs. With bCheck, all
+    // three must be sealed.
+    void SealThreeLogs(bool bCheck = true)
     {
+        m_pRedo->StartWriter(m_st);
         for (int i = 0; i < 3; i++) {
             std::string s = Record(3000, 1, i + 1);
             ASSERT_EQ(3000, TraceRingWrite(m_pRing, m_nRingSize, s.data(), 3000));
@@ -118,13 +162,7 @@ protected:
         m_bExit = TRUE;
         for (int i = 0; i < 100 && !m_pRedo->WritePass(m_st, &m_stCrit); i++) {
         }
-    }
-
-    // Three logs sealed, none archived.
-    void SealThreeLogs()
-    {
-        m_pRedo->StartWriter(m_st);
-        WriteThreeLogsAndStop();
+        if (!bCheck) return;
         ASSERT_TRUE(m_st.m_bEnded);
         for (int g = 0; g < 3; g++) ASSERT_EQ(REDOGROUP_SEALED, m_pRedo->GetGroup(g)->m_bState) << g;
     }
@@ -208,6 +246,23 @@ protected:
         return bEnded;
     }
 
+    // The engine's seal request and the writer's next pass.
+    bool Seal()
+    {
+        Ring()->m_bFlushFlag = REDOFLUSH_SEAL;
+        return Pass();
+    }
+
+    // Three records of 3000 bytes: one a log, logs 1 and 2 sealed, 3 open.
+    void ThreeLogs()
+    {
+        for (int i = 0; i < 3; i++) {
+            Produce(Record(3000, 1, i + 1));
+            Pass();
+            Pass();
+        }
+    }
+
     void Stop()
     {
         m_bExit = TRUE;
@@ -218,6 +273,8 @@ protected:
 
     TempTree m_tree{"redo"};
     std::string m_strDir;
+    RedoShared* m_pShared = nullptr;
+    SYSTEMFILEHEAD m_stTemplate;
     LPSYSTEMFILEHEAD m_pHead = nullptr;
     LPBYTE m_pRing = nullptr;
     int m_nRingSize = 0;

@@ -5,12 +5,8 @@
 #include "FaultFileIO.h"
 #include "RedoLogFixture.h"
 
-#include <gtest/gtest.h>
-
 #include <csignal>
 #include <map>
-#include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 
 using namespace talvortest;
@@ -18,12 +14,6 @@ using namespace talvortest;
 namespace {
 
 const int CHILD_DONE = 3; // the child ran to its end without being killed
-
-// What the dead writer's process leaves to the next one besides the files.
-struct SharedState {
-    SYSTEMFILEHEAD m_stHead;
-    volatile long long m_nProduced; // bytes of the stream the engine put into the ring
-};
 
 enum class KillAt { BeforeWrite, AfterWrite, InsideConsume };
 
@@ -40,62 +30,11 @@ void KillAtPoint(int nPoint)
 
 class RedoKill : public RedoFixture {
 protected:
-    void SetUp() override
-    {
-        RedoFixture::SetUp();
-        memcpy(&m_stTemplate, m_pHead, sizeof(m_stTemplate));
-    }
-
-    void TearDown() override
-    {
-        Unmap();
-        RedoFixture::TearDown();
-    }
-
-    void Unmap()
-    {
-        delete m_pRedo;
-        m_pRedo = nullptr;
-        if (m_pRing != nullptr) munmap(m_pRing, (size_t)m_nRingSize);
-        m_pRing = nullptr;
-        if (m_pShared != nullptr) {
-            munmap(m_pShared, sizeof(SharedState));
-            // The fixture frees a head of its own.
-            m_pHead = (LPSYSTEMFILEHEAD)calloc(1, sizeof(SYSTEMFILEHEAD));
-        }
-        m_pShared = nullptr;
-    }
-
     // Every run starts over: fresh group files, ring and head.
     void StartOver(const std::string& strRun)
     {
-        Unmap();
-        m_strDir = m_tree.Dir() + strRun + "/";
-        ASSERT_EQ(0, mkdir(m_strDir.c_str(), 0755));
+        RedoFixture::StartOver(strRun, 4096);
         ASSERT_EQ(0, mkdir((m_strDir + "collected").c_str(), 0755));
-        free(m_pHead);
-        m_pHead = (LPSYSTEMFILEHEAD)calloc(1, sizeof(SYSTEMFILEHEAD));
-        memcpy(m_pHead, &m_stTemplate, sizeof(m_stTemplate));
-        m_bExit = FALSE;
-        m_nLastLogNo = 0;
-        memset(&m_st, 0, sizeof(m_st));
-        MakeSharedRing(4096);
-    }
-
-    // Ring and system head where a killed process leaves them: in memory
-    // shared with the one that starts next.
-    void MakeSharedRing(int nDataSize)
-    {
-        m_nRingSize = RING_HEAD + nDataSize;
-        m_pRing = (LPBYTE)mmap(nullptr, (size_t)m_nRingSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        ASSERT_NE(MAP_FAILED, (void*)m_pRing);
-        TraceRingInitHead(m_pRing, m_nRingSize, TRACEMEM_FILETYPE_REDO);
-        m_pShared = (SharedState*)mmap(nullptr, sizeof(SharedState), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
-                                       -1, 0);
-        ASSERT_NE(MAP_FAILED, (void*)m_pShared);
-        memcpy(&m_pShared->m_stHead, m_pHead, sizeof(SYSTEMFILEHEAD));
-        free(m_pHead);
-        m_pHead = &m_pShared->m_stHead;
     }
 
     // Each log's body in a file of its own (the kit's plain I/O, so that no
@@ -194,11 +133,7 @@ protected:
                 io.OnCall(FileOp::PWrite, fnKill);
             else if (eAt == KillAt::AfterWrite)
                 io.AfterCall(FileOp::PWrite, fnKill);
-            if (!InitRedo()) _exit(1);
-            m_pRedo->StartWriter(m_st);
-            ProduceFrom(strStream, vBoundaries);
-            Stop();
-            _exit(CHILD_DONE);
+            _exit(Live(strStream, vBoundaries) ? CHILD_DONE : 1);
         }
         int nStatus = 0;
         EXPECT_EQ(pid, waitpid(pid, &nStatus, 0));
@@ -210,7 +145,15 @@ protected:
         // The next process on the same files, ring and head.
         delete m_pRedo;
         m_pRedo = nullptr;
-        EXPECT_TRUE(InitRedo());
+        EXPECT_TRUE(Live(strStream, vBoundaries));
+        return true;
+    }
+
+    // A writer process's life: a start on what is there, the rest of the
+    // stream, a stop.
+    bool Live(const std::string& strStream, const std::vector<size_t>& vBoundaries)
+    {
+        if (!InitRedo()) return false;
         m_pRedo->StartWriter(m_st);
         ProduceFrom(strStream, vBoundaries);
         Stop();
@@ -242,9 +185,9 @@ protected:
                 std::string strError;
                 std::string strLogs = Joined(strError);
                 if (m_bStalled) strError += "the writer stopped draining the ring; ";
-                if (strLogs.size() < strStream.size()) strError += "bytes lost; ";
-                if (strLogs.size() > strStream.size()) strError += "bytes twice; ";
-                if (strError.empty() && strLogs != strStream) strError += "bytes differ; ";
+                if (strLogs != strStream)
+                    strError += std::to_string(strLogs.size()) + " bytes logged, not the stream's " +
+                                std::to_string(strStream.size()) + "; ";
                 if (!strError.empty())
                     vFailed.push_back(std::string(kc.m_szName) + " " + std::to_string(n) + ": " + strError);
             }
@@ -253,8 +196,6 @@ protected:
         ExpectNoFailures(vFailed, nRuns);
     }
 
-    SharedState* m_pShared = nullptr;
-    SYSTEMFILEHEAD m_stTemplate;
     bool m_bStalled = false;
 };
 

@@ -6,11 +6,8 @@
 #include "RedoLogFixture.h"
 #include "TraceCapture.h"
 
-#include <gtest/gtest.h>
-
 #include <functional>
 #include <set>
-#include <sys/stat.h>
 
 using namespace talvortest;
 
@@ -19,52 +16,29 @@ namespace {
 const FileOp CHANGING_OPS[] = {FileOp::PWrite, FileOp::FSync, FileOp::FDataSync, FileOp::Rename,
                                FileOp::SyncDirectory, FileOp::Unlink, FileOp::Open};
 
-// The nth subset of n changes: all dropped, all kept, then each one kept
-// alone, then (for few changes) every other combination.
+// The nth subset of n changes: for few changes every combination, else all
+// dropped, all kept, then each one kept alone.
 bool SubsetOf(size_t nChanges, int nSubset, std::vector<size_t>& vKeep)
 {
     vKeep.clear();
-    if (nSubset == 0) return true;
-    if (nSubset == 1) {
-        for (size_t i = 0; i < nChanges; i++) vKeep.push_back(i);
-        return true;
+    if (nChanges <= 5) {
+        for (size_t i = 0; i < nChanges; i++)
+            if (nSubset & (1 << i)) vKeep.push_back(i);
+        return nSubset < (1 << nChanges);
     }
-    if ((size_t)nSubset < 2 + nChanges) {
-        vKeep.push_back((size_t)nSubset - 2);
-        return true;
-    }
-    if (nChanges > 5) return false;
-    size_t nMask = (size_t)nSubset - 2 - nChanges;
-    if (nMask >= ((size_t)1 << nChanges)) return false;
     for (size_t i = 0; i < nChanges; i++)
-        if (nMask & ((size_t)1 << i)) vKeep.push_back(i);
-    return true;
+        if (nSubset == 1 || (size_t)nSubset == i + 2) vKeep.push_back(i);
+    return (size_t)nSubset < 2 + nChanges;
 }
 
 class RedoPowerLoss : public RedoFixture {
 protected:
-    void SetUp() override
-    {
-        RedoFixture::SetUp();
-        memcpy(&m_stTemplate, m_pHead, sizeof(m_stTemplate));
-    }
-
+    // A fresh run that archives into A/.
     void StartOver(const std::string& strRun)
     {
-        delete m_pRedo;
-        m_pRedo = nullptr;
-        free(m_pRing);
-        m_pRing = nullptr;
-        m_strDir = m_tree.Dir() + strRun + "/";
-        ASSERT_EQ(0, mkdir(m_strDir.c_str(), 0755));
-        memcpy(m_pHead, &m_stTemplate, sizeof(m_stTemplate));
+        RedoFixture::StartOver(strRun, 8192);
         m_pHead->m_nTalvorArchiveType = 1;
         snprintf(m_pHead->m_lpArchiveDesPath, sizeof(m_pHead->m_lpArchiveDesPath), "%sA", m_strDir.c_str());
-        m_bExit = FALSE;
-        memset(&m_st, 0, sizeof(m_st));
-        m_strStream.clear();
-        m_vLogs.clear();
-        MakeRing(8192);
     }
 
     static void Archive(CTalvorRedoLog* pRedo)
@@ -158,8 +132,6 @@ protected:
             return "log " + std::to_string(nLog) + " torn; ";
         return "";
     }
-
-    SYSTEMFILEHEAD m_stTemplate;
 };
 
 } // namespace
@@ -315,11 +287,10 @@ TEST_F(RedoPowerLoss, FailingCallOfASealOrAnArchiveIsTracedAndTearsNothing)
                 ASSERT_TRUE(InitRedo());
                 // Seals that sync, so that their syncs fail in turn too.
                 m_pRedo->m_nForceFlushLog = 1;
-                m_pRedo->StartWriter(m_st);
                 const long long nBase = io.Calls(eOp);
                 io.FailCall(eOp, nBase + n, EIO);
                 trace.Clear();
-                WriteThreeLogsAndStop();
+                SealThreeLogs(false);
                 Archive(m_pRedo);
                 nCalls = io.Calls(eOp) - nBase;
                 delete m_pRedo;

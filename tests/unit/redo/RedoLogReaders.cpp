@@ -5,8 +5,6 @@
 #include "PackedValue.h"
 #include "RedoLogFixture.h"
 
-#include <gtest/gtest.h>
-
 #include <thread>
 
 using namespace talvortest;
@@ -21,15 +19,10 @@ TEST_F(RedoFixture, ReaderNeverSeesThePreviousLogsSizeWhileAGroupOpens)
     ScopedFileIO scoped(&io);
     ASSERT_TRUE(InitRedo());
     m_pRedo->StartWriter(m_st);
-    for (int i = 0; i < 3; i++) {
-        Produce(Record(3000, 1, i + 1));
-        Pass();
-        Pass();
-    }
+    ThreeLogs();
     ASSERT_EQ(2, m_nSeals);
     ASSERT_EQ(3u, m_pRedo->GetGroup(2)->m_nSequenceNO);
-    Ring()->m_bFlushFlag = REDOFLUSH_SEAL;
-    Pass();
+    Seal();
     ASSERT_EQ(REDOGROUP_ARCHIVED, m_pRedo->GetGroup(0)->m_bState);
     ASSERT_EQ(50 + 3000, m_pRedo->GetGroup(0)->m_nWriteSize) << "log 1's size still in its entry";
 
@@ -96,8 +89,7 @@ TEST_F(RedoFixture, LogOfOneStretchEndsAtItsLargestTimestamp)
     Produce(Record(100, 12, 0));
     Produce(Record(100, 1, 6));
     Pass();
-    Ring()->m_bFlushFlag = REDOFLUSH_SEAL;
-    Pass();
+    Seal();
     ASSERT_EQ(1, m_nSeals);
     MF_REDOLOGFILEHEAD h = GroupHead(0);
     EXPECT_EQ(5, talvortest::Val(h.m_nBeginTimestamp));
@@ -105,8 +97,7 @@ TEST_F(RedoFixture, LogOfOneStretchEndsAtItsLargestTimestamp)
     // The next log does not inherit the end of this one.
     Produce(Record(100, 1, 3));
     Pass();
-    Ring()->m_bFlushFlag = REDOFLUSH_SEAL;
-    Pass();
+    Seal();
     ASSERT_EQ(2, m_nSeals);
     EXPECT_EQ(3, talvortest::Val(GroupHead(1).m_nEndTimestamp));
     Stop();
