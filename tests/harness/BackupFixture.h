@@ -204,30 +204,31 @@ inline void PowerLossAtEveryWrite(const std::string& strPath, const std::string&
                                   const std::function<BOOL()>& fnBackup)
 {
     using namespace talvortest;
-    long long nWrites = 0;
-    std::string strWhole;
-    {
+    // fnBackup under a fault layer that fnSetUp prepared; its result, and
+    // what fnAfter does with the layer before it goes.
+    auto UnderLayer = [&](const std::function<void(FaultFileIO&)>& fnSetUp,
+                          const std::function<void(FaultFileIO&)>& fnAfter) {
         FaultFileIO io;
         ScopedFileIO scoped(&io);
         io.PassThrough(strLogDir);
-        ASSERT_TRUE(fnBackup());
-        nWrites = io.Calls(FileOp::PWrite);
-        strWhole = ReadWholeFile(strPath);
-    }
+        fnSetUp(io);
+        BOOL bDone = fnBackup();
+        fnAfter(io);
+        return bDone;
+    };
+    long long nWrites = 0;
+    ASSERT_TRUE(UnderLayer([](FaultFileIO&) {}, [&](FaultFileIO& io) { nWrites = io.Calls(FileOp::PWrite); }));
+    std::string strWhole = ReadWholeFile(strPath);
     ASSERT_GE(nWrites, nMinWrites);
     for (long long k = 1; k <= nWrites; k++) {
         for (const PowerCut& c : vCuts) {
             unlink(strPath.c_str());
-            BOOL bDone = FALSE;
-            {
-                FaultFileIO io;
-                ScopedFileIO scoped(&io);
-                io.PassThrough(strLogDir);
-                io.DieAfter(FileOp::PWrite, k + c.m_nDieAfterDelta);
-                if (c.m_nTorn > 0) io.CutTransfer(FileOp::PWrite, k, c.m_nTorn);
-                bDone = fnBackup();
-                io.LosePower(NameLoss::Keep);
-            }
+            BOOL bDone = UnderLayer(
+                [&](FaultFileIO& io) {
+                    io.DieAfter(FileOp::PWrite, k + c.m_nDieAfterDelta);
+                    if (c.m_nTorn > 0) io.CutTransfer(FileOp::PWrite, k, c.m_nTorn);
+                },
+                [](FaultFileIO& io) { io.LosePower(NameLoss::Keep); });
             Verified v(strPath);
             if (v.Status() == BACKUPVERIFY_WHOLE) {
                 EXPECT_TRUE(SameBackup(ReadWholeFile(strPath), strWhole))
@@ -237,13 +238,7 @@ inline void PowerLossAtEveryWrite(const std::string& strPath, const std::string&
             EXPECT_FALSE(bDone) << "write " << k << ", " << c.m_lpName;
         }
     }
-    {
-        FaultFileIO io;
-        ScopedFileIO scoped(&io);
-        io.PassThrough(strLogDir);
-        ASSERT_TRUE(fnBackup());
-        io.LosePower(NameLoss::Undo);
-    }
+    ASSERT_TRUE(UnderLayer([](FaultFileIO&) {}, [](FaultFileIO& io) { io.LosePower(NameLoss::Undo); }));
     Verified v(strPath);
     EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
     EXPECT_TRUE(SameBackup(ReadWholeFile(strPath), strWhole));

@@ -20,14 +20,6 @@ namespace {
 const int TRACE_POLL_MS = 20;
 const int EXIT_POLL_MS = 5;
 
-bool CopyFile(const std::string& strFrom, const std::string& strTo)
-{
-    std::string strData = ReadWholeFile(strFrom);
-    if (strData.empty()) return false;
-    if (!WriteWholeFile(strTo, strData)) return false;
-    return chmod(strTo.c_str(), 0755) == 0;
-}
-
 // Forks and execs args with stdout/stderr to strOut (or /dev/null).
 pid_t ForkExec(const std::vector<std::string>& args, const std::string& strOut)
 {
@@ -59,7 +51,10 @@ DaemonSandbox::DaemonSandbox() : m_tree("sandbox")
     mkdir(BinDir().c_str(), 0755);
     mkdir((m_tree.Root() + "/Data").c_str(), 0755);
     mkdir(DataDir().c_str(), 0755);
-    if (!CopyFile(std::string(TALVOR_BIN_DIR) + "/TalvorStorage", BinDir() + "TalvorStorage")) return;
+    std::string strDaemon = ReadWholeFile(std::string(TALVOR_BIN_DIR) + "/TalvorStorage");
+    if (strDaemon.empty() || !WriteWholeFile(BinDir() + "TalvorStorage", strDaemon) ||
+        chmod((BinDir() + "TalvorStorage").c_str(), 0755) != 0)
+        return;
 
     // The holder makes the namespaces and sleeps; it tells us it is ready by
     // closing its end of the pipe after the mounts.
@@ -122,11 +117,6 @@ void DaemonSandbox::Reaped(pid_t pid)
     m_vSpawned.erase(std::remove(m_vSpawned.begin(), m_vSpawned.end(), pid), m_vSpawned.end());
 }
 
-bool DaemonSandbox::Owns(pid_t pid) const
-{
-    return pid > 0 && std::find(m_vSpawned.begin(), m_vSpawned.end(), pid) != m_vSpawned.end();
-}
-
 int DaemonSandbox::Run(const std::vector<std::string>& args, int nTimeoutMs, std::string* pOutput)
 {
     static int s_nRun = 0;
@@ -155,10 +145,8 @@ pid_t DaemonSandbox::StartServing(const std::string& strTestCrash, int nTimeoutM
 {
     size_t nBefore = ReadDaemonTrace().size();
     pid_t pid = StartDaemon(strTestCrash);
-    if (pid < 0) return -1;
-    bool bServing = WaitUntil([&] { return ReadDaemonTrace().find(DAEMON_SERVING_LINE, nBefore) != std::string::npos; },
-                              nTimeoutMs, TRACE_POLL_MS);
-    return bServing ? pid : -1;
+    auto fnServing = [&] { return ReadDaemonTrace().find(DAEMON_SERVING_LINE, nBefore) != std::string::npos; };
+    return pid > 0 && WaitUntil(fnServing, nTimeoutMs, TRACE_POLL_MS) ? pid : -1;
 }
 
 bool DaemonSandbox::WaitForTrace(const std::string& strText, int nTimeoutMs)
@@ -196,13 +184,13 @@ bool DaemonSandbox::IsRunning(pid_t pid)
 
 void DaemonSandbox::Signal(pid_t pid, int nSignal)
 {
-    if (Owns(pid)) kill(pid, nSignal);
+    if (pid > 0 && std::find(m_vSpawned.begin(), m_vSpawned.end(), pid) != m_vSpawned.end()) kill(pid, nSignal);
 }
 
-std::string DaemonSandbox::ReadDaemonTrace() const
+std::string DaemonTraceIn(const std::string& strLogDir)
 {
     std::string strAll;
-    for (const std::string& strFile : ListFiles(LogDir(), "TalvorStorage")) strAll += ReadWholeFile(strFile);
+    for (const std::string& strFile : ListFiles(strLogDir, "TalvorStorage")) strAll += ReadWholeFile(strFile);
     return strAll;
 }
 

@@ -19,6 +19,9 @@
 
 namespace talvortest {
 
+// All TalvorStorage trace files of a log directory, joined in name order.
+std::string DaemonTraceIn(const std::string& strLogDir);
+
 // Bounds of a daemon's start and stop in a test; the line it writes once
 // it serves.
 const int DAEMON_START_TIMEOUT_MS = 30000;
@@ -73,8 +76,7 @@ public:
     // busy machine): it is never signalled.
     void Signal(pid_t pid, int nSignal);
 
-    // All TalvorStorage trace files of the database, joined in name order.
-    std::string ReadDaemonTrace() const;
+    std::string ReadDaemonTrace() const { return DaemonTraceIn(LogDir()); }
 
 private:
     TempTree m_tree;
@@ -82,7 +84,6 @@ private:
     // Spawned and not yet reaped: only these may be signalled.
     std::vector<pid_t> m_vSpawned;
     void Reaped(pid_t pid);
-    bool Owns(pid_t pid) const;
 };
 
 } // namespace talvortest

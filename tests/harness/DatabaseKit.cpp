@@ -1,6 +1,8 @@
 // DatabaseKit.cpp — the database directory, image segments, made files.
 #include "DatabaseKit.h"
 
+#include "DaemonSandbox.h"
+
 #include <sys/shm.h>
 
 namespace talvortest {
@@ -56,9 +58,7 @@ std::string DatabaseDir::Trace() const
 {
     ExitLogSystem();
     InitLogSystem();
-    std::string strAll;
-    for (const std::string& strFile : ListFiles(LogDir(), "TalvorStorage")) strAll += ReadWholeFile(strFile);
-    return strAll;
+    return DaemonTraceIn(LogDir());
 }
 
 std::string MakeFileBytes(BYTE bFileType, BYTE bFileNo, long long nSize, long long nFreeOffset, long long nJunkFrom,

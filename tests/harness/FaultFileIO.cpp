@@ -126,12 +126,10 @@ void FaultFileIO::FailCall(FileOp eOp, long long nNth, int nErrno, long long nTi
 {
     Locked([&] { m_vRules.push_back({eOp, nNth, nTimes, nErrno}); });
 }
-
 void FaultFileIO::FailNext(FileOp eOp, int nErrno, long long nTimes)
 {
     Locked([&] { m_vRules.push_back({eOp, m_arCalls[(int)eOp] + 1, nTimes, nErrno}); });
 }
-
 void FaultFileIO::CutTransfer(FileOp eOp, long long nNth, size_t nBytes)
 {
     Locked([&] { m_mapCuts[std::make_pair((int)eOp, nNth)] = nBytes; });
@@ -141,28 +139,14 @@ void FaultFileIO::ReadsEndAt(long long nBytes) { Locked([&] { m_nReadsEndAt = nB
 
 void FaultFileIO::ChopTransfers(size_t nChunk, bool bInterrupt)
 {
-    Locked([&] {
-        m_nChunk = nChunk;
-        m_bInterrupt = bInterrupt;
-        m_bInterruptNext = true;
-    });
+    Locked([&] { m_nChunk = nChunk; m_bInterrupt = bInterrupt; m_bInterruptNext = true; });
 }
 
 void FaultFileIO::FillAfter(size_t nBytes, int nErrno)
 {
-    Locked([&] {
-        m_nFillLeft = (long long)nBytes;
-        m_nFillErrno = nErrno;
-    });
+    Locked([&] { m_nFillLeft = (long long)nBytes; m_nFillErrno = nErrno; });
 }
-
-void FaultFileIO::DieAfter(FileOp eOp, long long nCalls)
-{
-    Locked([&] {
-        m_eDieOp = eOp;
-        m_nDieAfter = nCalls;
-    });
-}
+void FaultFileIO::DieAfter(FileOp eOp, long long nCalls) { Locked([&] { m_eDieOp = eOp; m_nDieAfter = nCalls; }); }
 
 void FaultFileIO::Hold(FileOp eOp) { Locked([&] { m_arHold[(int)eOp] = true; }); }
 
@@ -182,20 +166,12 @@ void FaultFileIO::Release()
 
 long long FaultFileIO::Held() const { return Locked([&] { return m_nHeld; }); }
 
-void FaultFileIO::OnCall(FileOp eOp, FileHook fnHook)
-{
-    Locked([&] { m_mapHooks[(int)eOp] = std::move(fnHook); });
-}
-
+void FaultFileIO::OnCall(FileOp eOp, FileHook fnHook) { Locked([&] { m_mapHooks[(int)eOp] = std::move(fnHook); }); }
 void FaultFileIO::AfterCall(FileOp eOp, FileHook fnHook)
 {
     Locked([&] { m_mapAfterHooks[(int)eOp] = std::move(fnHook); });
 }
-
-void FaultFileIO::PassThrough(const std::string& strPrefix)
-{
-    Locked([&] { m_vPassThrough.push_back(strPrefix); });
-}
+void FaultFileIO::PassThrough(const std::string& strPrefix) { Locked([&] { m_vPassThrough.push_back(strPrefix); }); }
 
 // ------------------------------------------------------------ looking back
 
@@ -219,11 +195,7 @@ std::vector<UnsyncedChange> FaultFileIO::Unsynced() const
 
 // ------------------------------------------------------------ power loss
 
-void FaultFileIO::LosePower(NameLoss eNames)
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    LosePowerLocked(std::vector<bool>(), eNames);
-}
+void FaultFileIO::LosePower(NameLoss eNames) { LosePowerKeeping({}, eNames); }
 
 void FaultFileIO::LosePowerKeeping(const std::vector<size_t>& vKeep, NameLoss eNames)
 {
@@ -244,27 +216,24 @@ void FaultFileIO::LosePowerLocked(const std::vector<bool>& vKeep, NameLoss eName
     // Back to the last synced state, newest change first.
     for (auto it = vData.rbegin(); it != vData.rend(); ++it) {
         Change& c = **it;
-        int fd = m_mapUndoFds.count(c.m_key) != 0 ? m_mapUndoFds[c.m_key] : -1;
-        if (fd < 0) continue;
-        if (c.m_eKind == CHANGE_TRUNCATE) {
-            if (ftruncate(fd, (off_t)c.m_nOldSize) != 0) continue;
-            WriteFdAt(fd, c.m_nOffset, c.m_strOld);
-        } else {
-            WriteFdAt(fd, c.m_nOffset, c.m_strOld);
-            if (ftruncate(fd, (off_t)c.m_nOldSize) != 0) continue;
-        }
+        auto itFd = m_mapUndoFds.find(c.m_key);
+        if (itFd == m_mapUndoFds.end()) continue;
+        // The old size first for a truncation (its tail goes back in), after
+        // the old bytes for a write (a growth is cut again).
+        if (c.m_eKind == CHANGE_TRUNCATE && ftruncate(itFd->second, (off_t)c.m_nOldSize) != 0) continue;
+        WriteFdAt(itFd->second, c.m_nOffset, c.m_strOld);
+        if (c.m_eKind == CHANGE_WRITE && ftruncate(itFd->second, (off_t)c.m_nOldSize) != 0) continue;
     }
     // The survivors, in their order.
     for (size_t i = 0; i < vData.size(); i++) {
         if (i >= vKeep.size() || !vKeep[i]) continue;
         Change& c = *vData[i];
-        int fd = m_mapUndoFds.count(c.m_key) != 0 ? m_mapUndoFds[c.m_key] : -1;
-        if (fd < 0) continue;
-        if (c.m_eKind == CHANGE_TRUNCATE) {
-            if (ftruncate(fd, (off_t)c.m_nOffset) != 0) continue;
-        } else {
-            WriteFdAt(fd, c.m_nOffset, c.m_strNew);
-        }
+        auto itFd = m_mapUndoFds.find(c.m_key);
+        if (itFd == m_mapUndoFds.end()) continue;
+        if (c.m_eKind == CHANGE_TRUNCATE)
+            (void)!ftruncate(itFd->second, (off_t)c.m_nOffset);
+        else
+            WriteFdAt(itFd->second, c.m_nOffset, c.m_strNew);
     }
     for (auto& it : m_mapUndoFds) fsync(it.second);
     if (eNames == NameLoss::Undo) {
@@ -335,6 +304,12 @@ FaultFileIO::Verdict FaultFileIO::Judge(FileCall& call)
 {
     const FileOp eOp = call.m_eOp;
     Verdict v;
+    auto Failing = [](int nErrno) {
+        Verdict f;
+        f.m_bFail = true;
+        f.m_nErrno = nErrno;
+        return f;
+    };
     FileHook fnHook;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -351,28 +326,17 @@ FaultFileIO::Verdict FaultFileIO::Judge(FileCall& call)
     }
     if (m_nDieAfter >= 0 && ChangesMedium(eOp)) {
         long long nBefore = eOp == m_eDieOp ? call.m_nNth - 1 : m_arCalls[(int)m_eDieOp];
-        if (nBefore >= m_nDieAfter) {
-            v.m_bFail = true;
-            v.m_nErrno = EIO;
-            return v;
-        }
+        if (nBefore >= m_nDieAfter) return Failing(EIO);
     }
     for (const Rule& r : m_vRules) {
         if (r.m_eOp != eOp || call.m_nNth < r.m_nFrom) continue;
         if (r.m_nTimes != FAULT_ALWAYS && call.m_nNth >= r.m_nFrom + r.m_nTimes) continue;
-        v.m_bFail = true;
-        v.m_nErrno = r.m_nErrno;
-        return v;
+        return Failing(r.m_nErrno);
     }
     if (!IsTransfer(eOp)) return v;
     if (m_bInterrupt) {
-        bool bNow = m_bInterruptNext;
-        m_bInterruptNext = !bNow;
-        if (bNow) {
-            v.m_bFail = true;
-            v.m_nErrno = EINTR;
-            return v;
-        }
+        m_bInterruptNext = !m_bInterruptNext;
+        if (!m_bInterruptNext) return Failing(EINTR);
     }
     v.m_nLimit = m_nChunk > 0 ? m_nChunk : NO_LIMIT;
     auto itCut = m_mapCuts.find(std::make_pair((int)eOp, call.m_nNth));
@@ -380,20 +344,12 @@ FaultFileIO::Verdict FaultFileIO::Judge(FileCall& call)
     if (eOp == FileOp::PRead && m_nReadsEndAt >= 0) {
         long long nLeft = m_nReadsEndAt - call.m_nOffset;
         // Moving nothing and saying so is the end of the file.
-        if (nLeft <= 0) {
-            v.m_bFail = true;
-            v.m_nErrno = 0;
-            return v;
-        }
+        if (nLeft <= 0) return Failing(0);
         v.m_nLimit = std::min(v.m_nLimit, (size_t)nLeft);
     }
     if (eOp != FileOp::PWrite) return v;
-    if (m_nFillLeft == 0) {
-        v.m_bFail = true;
-        v.m_nErrno = m_nFillErrno;
-    } else if (m_nFillLeft > 0) {
-        v.m_nLimit = std::min(v.m_nLimit, (size_t)m_nFillLeft);
-    }
+    if (m_nFillLeft == 0) return Failing(m_nFillErrno);
+    if (m_nFillLeft > 0) v.m_nLimit = std::min(v.m_nLimit, (size_t)m_nFillLeft);
     return v;
 }
 
@@ -472,6 +428,7 @@ int FaultFileIO::BeginChangeLocked(ChangeKind eKind, int fd, const std::string& 
 
 long long FaultFileIO::Plain(FileCall call, bool bRunsOnFailure, const std::function<long long()>& fnSystem)
 {
+    InFlight guard(m_nInFlight);
     if (Passes(call.m_strPath)) return fnSystem();
     Verdict v = Judge(call);
     long long nResult = !v.m_bFail || bRunsOnFailure ? fnSystem() : 0;
@@ -483,6 +440,7 @@ long long FaultFileIO::Plain(FileCall call, bool bRunsOnFailure, const std::func
 int FaultFileIO::NameChange(FileCall& call, ChangeKind eKind, const char* lpTarget, const std::string& strFrom,
                             const std::function<int()>& fnSystem)
 {
+    InFlight guard(m_nInFlight);
     if (Passes(call.m_strPath)) return fnSystem();
     Verdict v = Judge(call);
     if (v.m_bFail) return (int)Finish(call, FailWith(v.m_nErrno));
@@ -589,20 +547,13 @@ ssize_t FaultFileIO::PWrite(int fd, const void* lpBuf, size_t nSize, off_t nOffs
     return (ssize_t)Finish(call, n);
 }
 
-int FaultFileIO::FSync(int fd)
-{
-    InFlight guard(m_nInFlight);
-    return SyncFile(FileOp::FSync, fd);
-}
-int FaultFileIO::FDataSync(int fd)
-{
-    InFlight guard(m_nInFlight);
-    return SyncFile(FileOp::FDataSync, fd);
-}
+int FaultFileIO::FSync(int fd) { return SyncFile(FileOp::FSync, fd); }
+int FaultFileIO::FDataSync(int fd) { return SyncFile(FileOp::FDataSync, fd); }
 // Either sync covers every change of the file, whichever descriptor made
 // it; on a directory it makes the names in it durable.
 int FaultFileIO::SyncFile(FileOp eOp, int fd)
 {
+    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(eOp, PathOfFd(fd));
     bool bPasses = Passes(call.m_strPath);
     if (!bPasses) {
@@ -625,6 +576,7 @@ int FaultFileIO::SyncFile(FileOp eOp, int fd)
 int FaultFileIO::SizeChange(FileCall& call, int fd, const std::function<long long(long long)>& fnNewSize,
                             const std::function<int()>& fnCall)
 {
+    InFlight guard(m_nInFlight);
     if (Passes(call.m_strPath)) return fnCall();
     Verdict v = Judge(call);
     if (v.m_bFail) return (int)Finish(call, FailWith(v.m_nErrno));
@@ -645,7 +597,6 @@ int FaultFileIO::SizeChange(FileCall& call, int fd, const std::function<long lon
 
 int FaultFileIO::FTruncate(int fd, off_t nSize)
 {
-    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::FTruncate, PathOfFd(fd), (long long)nSize);
     return SizeChange(
         call, fd, [&](long long) { return (long long)nSize; }, [&] { return CTalvorFileIO::FTruncate(fd, nSize); });
@@ -653,7 +604,6 @@ int FaultFileIO::FTruncate(int fd, off_t nSize)
 
 int FaultFileIO::Fallocate(int fd, off_t nOffset, off_t nLength)
 {
-    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::Fallocate, PathOfFd(fd), (long long)nOffset, (long long)nLength);
     return SizeChange(
         call, fd, [&](long long nOld) { return std::max(nOld, (long long)(nOffset + nLength)); },
@@ -662,14 +612,12 @@ int FaultFileIO::Fallocate(int fd, off_t nOffset, off_t nLength)
 
 int FaultFileIO::Rename(const char* lpFrom, const char* lpTo)
 {
-    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::Rename, lpFrom);
     return NameChange(call, CHANGE_RENAME, lpTo, lpFrom, [&] { return CTalvorFileIO::Rename(lpFrom, lpTo); });
 }
 
 int FaultFileIO::Unlink(const char* lpPath)
 {
-    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::Unlink, lpPath);
     return NameChange(call, CHANGE_UNLINK, lpPath, std::string(), [&] { return CTalvorFileIO::Unlink(lpPath); });
 }
@@ -677,7 +625,6 @@ int FaultFileIO::Unlink(const char* lpPath)
 // A path mkdir makes was no regular file before: nothing is held.
 int FaultFileIO::MkDir(const char* lpPath, mode_t nMode)
 {
-    InFlight guard(m_nInFlight);
     FileCall call = MakeCall(FileOp::MkDir, lpPath);
     return NameChange(call, CHANGE_MKDIR, lpPath, std::string(),
                       [&] { return CTalvorFileIO::MkDir(lpPath, nMode); });
@@ -701,63 +648,49 @@ int FaultFileIO::SyncDirectory(const char* lpDir)
 // A failing close still gives the descriptor back, as Linux does.
 int FaultFileIO::Close(int fd)
 {
-    InFlight guard(m_nInFlight);
-    FileCall call = MakeCall(FileOp::Close, PathOfFd(fd));
-    return (int)Plain(call, true, [&] { return CTalvorFileIO::Close(fd); });
+    return (int)Plain(MakeCall(FileOp::Close, PathOfFd(fd)), true, [&] { return CTalvorFileIO::Close(fd); });
 }
 
 int FaultFileIO::CloseDir(DIR* pDir)
 {
-    InFlight guard(m_nInFlight);
-    FileCall call = MakeCall(FileOp::CloseDir, pDir != nullptr ? PathOfFd(dirfd(pDir)) : std::string());
-    return (int)Plain(call, true, [&] { return CTalvorFileIO::CloseDir(pDir); });
+    return (int)Plain(MakeCall(FileOp::CloseDir, pDir != nullptr ? PathOfFd(dirfd(pDir)) : std::string()), true,
+                      [&] { return CTalvorFileIO::CloseDir(pDir); });
 }
 
 int FaultFileIO::Flock(int fd, int nOperation)
 {
-    InFlight guard(m_nInFlight);
-    FileCall call = MakeCall(FileOp::Flock, PathOfFd(fd), 0, 0, nOperation);
-    return (int)Plain(call, false, [&] { return CTalvorFileIO::Flock(fd, nOperation); });
+    return (int)Plain(MakeCall(FileOp::Flock, PathOfFd(fd), 0, 0, nOperation), false,
+                      [&] { return CTalvorFileIO::Flock(fd, nOperation); });
 }
 
 int FaultFileIO::Stat(const char* lpPath, struct stat* pStat)
 {
-    InFlight guard(m_nInFlight);
-    FileCall call = MakeCall(FileOp::Stat, lpPath);
-    return (int)Plain(call, false, [&] { return CTalvorFileIO::Stat(lpPath, pStat); });
+    return (int)Plain(MakeCall(FileOp::Stat, lpPath), false, [&] { return CTalvorFileIO::Stat(lpPath, pStat); });
 }
 
 int FaultFileIO::FStat(int fd, struct stat* pStat)
 {
-    InFlight guard(m_nInFlight);
-    FileCall call = MakeCall(FileOp::FStat, PathOfFd(fd));
-    return (int)Plain(call, false, [&] { return CTalvorFileIO::FStat(fd, pStat); });
+    return (int)Plain(MakeCall(FileOp::FStat, PathOfFd(fd)), false, [&] { return CTalvorFileIO::FStat(fd, pStat); });
 }
 
 off_t FaultFileIO::LSeek(int fd, off_t nOffset, int nWhence)
 {
-    InFlight guard(m_nInFlight);
-    FileCall call = MakeCall(FileOp::LSeek, PathOfFd(fd), (long long)nOffset, 0, nWhence);
-    return (off_t)Plain(call, false, [&] { return (long long)CTalvorFileIO::LSeek(fd, nOffset, nWhence); });
+    return (off_t)Plain(MakeCall(FileOp::LSeek, PathOfFd(fd), (long long)nOffset, 0, nWhence), false,
+                        [&] { return (long long)CTalvorFileIO::LSeek(fd, nOffset, nWhence); });
 }
 
 int FaultFileIO::Chmod(const char* lpPath, mode_t nMode)
 {
-    InFlight guard(m_nInFlight);
-    FileCall call = MakeCall(FileOp::Chmod, lpPath);
-    return (int)Plain(call, false, [&] { return CTalvorFileIO::Chmod(lpPath, nMode); });
+    return (int)Plain(MakeCall(FileOp::Chmod, lpPath), false, [&] { return CTalvorFileIO::Chmod(lpPath, nMode); });
 }
 
 int FaultFileIO::FChmod(int fd, mode_t nMode)
 {
-    InFlight guard(m_nInFlight);
-    FileCall call = MakeCall(FileOp::FChmod, PathOfFd(fd));
-    return (int)Plain(call, false, [&] { return CTalvorFileIO::FChmod(fd, nMode); });
+    return (int)Plain(MakeCall(FileOp::FChmod, PathOfFd(fd)), false, [&] { return CTalvorFileIO::FChmod(fd, nMode); });
 }
 
 DIR* FaultFileIO::OpenDir(const char* lpPath)
 {
-    InFlight guard(m_nInFlight);
     DIR* pDir = nullptr;
     Plain(MakeCall(FileOp::OpenDir, lpPath), false, [&] {
         pDir = CTalvorFileIO::OpenDir(lpPath);

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <fstream>
+#include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -50,20 +52,13 @@ std::string ReadFdAt(int fd, long long nOffset, long long nSize)
     return strData;
 }
 
+// To its end as it is when the read gets there: a trace file may grow.
 std::string ReadWholeFile(const std::string& strPath)
 {
-    std::string strData;
-    int fd = open(strPath.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return strData;
-    char szBuf[65536];
-    for (;;) {
-        ssize_t n = read(fd, szBuf, sizeof(szBuf));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        strData.append(szBuf, (size_t)n);
-    }
-    close(fd);
-    return strData;
+    std::ifstream in(strPath, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
 }
 
 bool WriteWholeFile(const std::string& strPath, const std::string& strData)
