@@ -4,8 +4,7 @@
 // the database file as it stood during the backup while the stand-in went
 // on committing (the restore of a backup is the cluster restore's round
 // trip, an abort is checked at unit level); with two archive destinations
-// the archiver copies the backup byte for byte, and a backup of the same
-// timestamp replaces it in both.
+// the archiver copies the backup byte for byte.
 #include "ClusterKit.h"
 
 #include "MemDBBackupDef.h"
@@ -16,17 +15,16 @@ using namespace talvortest;
 
 namespace {
 
-const long long FILETIME_UNIX_EPOCH_SECONDS = 11644473600LL;
-const long long FILETIME_TICKS_PER_SECOND = 10000000LL;
 const int ARCHIVER_TIMEOUT_MS = 60000;
 // The stand-in's host address in the head: 10.1.2.3, host order.
 const UINT HOST_IP = 0x0A010203;
 
+// Now in 100 ns ticks since 1601, as a backup head keeps its time.
 long long FileTimeNow()
 {
     struct timeval tv;
     gettimeofday(&tv, nullptr);
-    return ((long long)tv.tv_sec + FILETIME_UNIX_EPOCH_SECONDS) * FILETIME_TICKS_PER_SECOND + tv.tv_usec * 10LL;
+    return ((long long)tv.tv_sec + 11644473600LL) * 10000000LL + tv.tv_usec * 10LL;
 }
 
 class BackupFull : public RunningDaemon {
@@ -46,8 +44,14 @@ protected:
         // the backup's own pass stays off the disk until the stop.
         WriteDbIni(m_box, m_box.DataDir(),
                    "persistenceintervals=300\r\narchivetype=1\r\narchivedespath=" + strDestinations + "\r\n");
-        m_pid = m_box.StartServing();
-        ASSERT_GT(m_pid, 0) << m_box.ReadDaemonTrace();
+        Serve();
+    }
+    // A full backup the stand-in asks for and waits on, as from 10.1.2.3 at
+    // log 7, position 50.
+    ClusterLine TakeBackup(std::vector<std::string> vArgs = {})
+    {
+        vArgs.insert(vArgs.end(), {"--wait", "--local-ip", "10.1.2.3", "--log-no", "7", "--log-pos", "50"});
+        return Backup(m_box, vArgs);
     }
 };
 
@@ -108,17 +112,11 @@ TEST_F(BackupFull, TakenWhileTheEngineCommitsHoldsTheFilesAsTheyStood)
     StartWith(32, 20, Des("ArchA"));
     std::string strJournal = m_box.Root() + "/journal";
     pid_t peer = m_box.Spawn({PeerPath(), "data", "--journal", strJournal, "--live", "--count", "3000", "--pause-us",
-                              "1000", "--blocks", "8", "--seed", "5", "--seconds", "120"},
-                             "peer");
+                              "1000", "--blocks", "8", "--seed", "5", "--seconds", "120"}, "peer");
     ASSERT_GT(peer, 0);
-    ASSERT_TRUE(WaitUntil(
-        [&] {
-            std::string strLines = ReadWholeFile(strJournal);
-            return std::count(strLines.begin(), strLines.end(), '\n') >= 200;
-        },
-        60000, 20));
+    ASSERT_TRUE(WaitUntil([&] { return CountOf(ReadWholeFile(strJournal), "\n") >= 200; }, 60000, 20));
     long long nTimeFrom = FileTimeNow();
-    ClusterLine st = Backup(m_box, {"--wait", "--local-ip", "10.1.2.3", "--log-no", "7", "--log-pos", "50"});
+    ClusterLine st = TakeBackup();
     long long nTimeTo = FileTimeNow();
     // No pass has run since the backup's own: the files as they stood.
     std::map<std::string, std::string> mapDisk = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
@@ -132,14 +130,10 @@ TEST_F(BackupFull, TakenWhileTheEngineCommitsHoldsTheFilesAsTheyStood)
     ASSERT_EQ(BackupPath(Des("ArchA"), nTs), st.m_strPath);
     std::string strBackup = ReadWholeFile(st.m_strPath);
     CheckBackupFile(strBackup, mapDisk, CLUSTER_DB_FILES, m_box.DataDir(), nTs, nTimeFrom, nTimeTo);
-    // The operator's check calls it whole, and a copy a byte short not.
+    // The operator's check calls it whole (a cut one is BackupVerify's).
     std::string strOut;
-    EXPECT_EQ(0, m_box.Run({BackupToolPath(), "verify", st.m_strPath}, 60000, &strOut)) << strOut;
+    EXPECT_EQ(0, m_box.Run({ToolPath("talvor-backup"), "verify", st.m_strPath}, 60000, &strOut)) << strOut;
     EXPECT_NE(std::string::npos, strOut.find("result: whole")) << strOut;
-    ASSERT_TRUE(WriteWholeFile(m_box.Root() + "/cut.fbk", strBackup.substr(0, strBackup.size() - 1)));
-    EXPECT_EQ(1, m_box.Run({BackupToolPath(), "verify", m_box.Root() + "/cut.fbk"}, 60000, &strOut)) << strOut;
-    // One destination: the archiver takes the mailbox and copies nothing.
-    EXPECT_TRUE(WaitUntil([&] { return Look(m_box).m_nBackupTs == 0; }, ARCHIVER_TIMEOUT_MS, 100));
     // The stand-in went on committing past the backup.
     ASSERT_EQ(0, m_box.WaitExit(peer, 120000));
     std::string strPeer = ReadWholeFile(m_box.Root() + "/peer.out");
@@ -148,34 +142,17 @@ TEST_F(BackupFull, TakenWhileTheEngineCommitsHoldsTheFilesAsTheyStood)
     VerifyJournal(m_box, strJournal, Path("System.dbf"));
 }
 
-TEST_F(BackupFull, TheArchiverCopiesEachFinishedBackupToTheSecondDestinationAndTheSameTimestampReplaces)
+TEST_F(BackupFull, TheArchiverCopiesAFinishedBackupToTheSecondDestination)
 {
     StartWith(32, 24, Des("ArchA") + ";" + Des("ArchB"));
-    ClusterLine st = Backup(m_box, {"--ts", "1234", "--wait", "--local-ip", "10.1.2.3", "--log-no", "7", "--log-pos", "50"});
+    ClusterLine st = TakeBackup({"--ts", "1234"});
     ASSERT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
     std::string strFirst = ReadWholeFile(BackupPath(Des("ArchA"), 1234));
     ASSERT_GT(strFirst.size(), (size_t)(24 * E2E_MIB));
     std::string strSecond;
-    EXPECT_TRUE(WaitUntil(
-        [&] {
-            strSecond = ReadWholeFile(BackupPath(Des("ArchB"), 1234));
-            return strSecond == strFirst;
-        },
-        ARCHIVER_TIMEOUT_MS, 200))
+    EXPECT_TRUE(WaitUntil([&] { return (strSecond = ReadWholeFile(BackupPath(Des("ArchB"), 1234))) == strFirst; },
+                          ARCHIVER_TIMEOUT_MS, 200))
         << "second copy " << strSecond.size() << " bytes of " << strFirst.size() << "\n" << m_box.ReadDaemonTrace();
-    EXPECT_TRUE(WaitUntil([&] { return Look(m_box).m_nBackupTs == 0; }, ARCHIVER_TIMEOUT_MS, 100));
     // Only the backup's own directory in the second destination.
     EXPECT_EQ(1u, ListFiles(Des("ArchB") + "Backup/").size());
-    // The same timestamp again replaces the file in both destinations: the
-    // new one differs in its time of backup.
-    usleep(20000);
-    st = Backup(m_box, {"--ts", "1234", "--wait", "--local-ip", "10.1.2.3", "--log-no", "7", "--log-pos", "50"});
-    ASSERT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
-    std::string strAgain = ReadWholeFile(BackupPath(Des("ArchA"), 1234));
-    ASSERT_EQ(strFirst.size(), strAgain.size());
-    EXPECT_NE(0, memcmp(strFirst.data() + 44, strAgain.data() + 44, 8)) << "the file was not written again";
-    EXPECT_EQ(0, memcmp(strFirst.data() + 52, strAgain.data() + 52, strFirst.size() - 52));
-    EXPECT_TRUE(WaitUntil([&] { return ReadWholeFile(BackupPath(Des("ArchB"), 1234)) == strAgain; }, ARCHIVER_TIMEOUT_MS,
-                          200))
-        << m_box.ReadDaemonTrace();
 }

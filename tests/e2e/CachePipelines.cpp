@@ -7,22 +7,12 @@
 // the flush and load threads' own unit case.
 #include "CachePipelinesKit.h"
 
-#include <csignal>
-#include <sys/stat.h>
-
 using namespace talvortest;
 
 namespace {
 
 const int TABLE_NO = 2;
 const int INDEX_NO = 3;
-
-std::string DumpDir(DaemonSandbox& box)
-{
-    std::string strDir = box.Root() + "/dump";
-    mkdir(strDir.c_str(), 0777);
-    return strDir;
-}
 
 std::string Dumped(const std::string& strDir, const char* lpszKind, int nFileNo, UINT nBlockNo)
 {
@@ -45,14 +35,6 @@ long long LastStamp(const PeerRun& run, bool bIndex)
     for (const PeerTsLine& t : run.vStamps)
         if (t.bIndex == bIndex) llTs = t.llTs;
     return llTs;
-}
-
-template <class T>
-T At(const std::string& s, size_t nAt)
-{
-    T v{};
-    if (s.size() >= nAt + sizeof(T)) memcpy(&v, s.data() + nAt, sizeof(T));
-    return v;
 }
 
 // Every block of the file equals the stand-in's last version of it, as the
@@ -92,15 +74,28 @@ void ExpectAllDone(const PeerRun& run, size_t nFlushes, size_t nPages, size_t nS
     for (const PeerTsLine& t : run.vStamps) EXPECT_EQ(0, t.nResult) << run.strOut;
 }
 
+// Every load of the run answered done, the block as the file holds it.
+void ExpectLoadedAsOnDisk(DaemonSandbox& box, const PeerRun& run, const std::string& strDump, size_t nLoads)
+{
+    EXPECT_EQ(0, run.nExit) << run.strOut;
+    ASSERT_EQ(nLoads, run.vLoads.size()) << run.strOut;
+    for (const PeerLoadLine& l : run.vLoads) {
+        EXPECT_EQ(CACHELOAD_OK, l.nResult) << "file " << l.nFile << " block " << l.nBlock;
+        std::string strDisk = DiskBlock(ReadWholeFile(FileOf(box, l.nFile, l.nFile == INDEX_NO)), l.nBlock);
+        ASSERT_FALSE(strDisk.empty());
+        EXPECT_TRUE(strDisk == Dumped(strDump, "load", l.nFile, l.nBlock)) << "file " << l.nFile << " block " << l.nBlock;
+    }
+}
+
 } // namespace
 
 TEST(CachePipelines, BlocksPagesAndTimestampsReachTheDiskAndLoadBackAsTheFileHoldsThem)
 {
     DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
     pid_t pid = StartCacheDb(box, {"--table-file", "--index-file"});
     ASSERT_GT(pid, 0);
-    std::string strDump = DumpDir(box);
+    std::string strDump = box.Root() + "/dump";
+    ASSERT_EQ(0, mkdir(strDump.c_str(), 0777));
     PeerRun run = RunCachePeer(box, {"--blocks", "5", "--rounds", "2", "--timestamp", "--ts-array", "3",
                                      "--dump-dir", strDump});
     ExpectAllDone(run, 2 * 5 * 2, 2 * 2 * 2, 2 * 2);
@@ -112,56 +107,31 @@ TEST(CachePipelines, BlocksPagesAndTimestampsReachTheDiskAndLoadBackAsTheFileHol
     for (bool bIndex : {false, true}) {
         long long llTs = LastStamp(run, bIndex);
         ASSERT_GT(llTs, 0) << run.strOut;
-        EXPECT_EQ(llTs, At<long long>(strSystem, bIndex ? SYSTEMFILE_CACHEINDEXTS_OFFSET : SYSTEMFILE_CACHETABLETS_OFFSET));
+        EXPECT_EQ(llTs, RecordIn<long long>(strSystem, bIndex ? SYSTEMFILE_CACHEINDEXTS_OFFSET : SYSTEMFILE_CACHETABLETS_OFFSET));
         size_t nArray = SYSTEMFILE_TABLETSARRAY_OFFSET + (bIndex ? 4100 : 0);
-        EXPECT_EQ(3, At<unsigned short>(strSystem, nArray)) << "index " << bIndex;
-        for (int i = 0; i < 3; i++) EXPECT_EQ(llTs - i, At<long long>(strSystem, nArray + 4 + 8 * (size_t)i));
-        EXPECT_EQ(0, At<long long>(strSystem, nArray + 4 + 8 * 3)) << "the rest of the array is zero";
+        EXPECT_EQ(3, RecordIn<unsigned short>(strSystem, nArray)) << "index " << bIndex;
+        for (int i = 0; i < 3; i++) EXPECT_EQ(llTs - i, RecordIn<long long>(strSystem, nArray + 4 + 8 * (size_t)i));
+        EXPECT_EQ(0, RecordIn<long long>(strSystem, nArray + 4 + 8 * 3)) << "the rest of the array is zero";
     }
     // No block outruns the timestamp that stands for it.
     for (const PeerFlushLine& p : run.vPosts)
         EXPECT_LE(p.llTs, LastStamp(run, p.nFile == INDEX_NO)) << "file " << p.nFile << " block " << p.nBlock;
 
-    // Load slots give each block as the file holds it.
-    PeerRun loads = RunCachePeer(box, {"--blocks", "5", "--rounds", "0", "--load", "--dump-dir", strDump});
-    EXPECT_EQ(0, loads.nExit) << loads.strOut;
-    ASSERT_EQ(10u, loads.vLoads.size()) << loads.strOut;
-    for (const PeerLoadLine& l : loads.vLoads) {
-        EXPECT_EQ(CACHELOAD_OK, l.nResult) << "file " << l.nFile << " block " << l.nBlock;
-        std::string strDisk = DiskBlock(ReadWholeFile(FileOf(box, l.nFile, l.nFile == INDEX_NO)), l.nBlock);
-        ASSERT_FALSE(strDisk.empty());
-        EXPECT_TRUE(strDisk == Dumped(strDump, "load", l.nFile, l.nBlock)) << "file " << l.nFile << " block " << l.nBlock;
-    }
+    // Load slots give each block as the file holds it, also for a request
+    // still half written when posted, which is waited for. (One that names
+    // another block, size or file is CacheLoadThread's at unit level.)
+    ExpectLoadedAsOnDisk(box, RunCachePeer(box, {"--blocks", "5", "--rounds", "0", "--load", "--dump-dir", strDump}),
+                         strDump, 10);
+    ExpectLoadedAsOnDisk(
+        box, RunCachePeer(box, {"--blocks", "5", "--rounds", "0", "--load-fault", "late", "--dump-dir", strDump}),
+        strDump, 2);
 
-    // A request still half written when posted is waited for. (One that
-    // names another block, size or file is CacheLoadThread's at unit level.)
-    PeerRun late = RunCachePeer(box, {"--blocks", "5", "--rounds", "0", "--load-fault", "late", "--dump-dir", strDump});
-    EXPECT_EQ(0, late.nExit) << late.strOut;
-    ASSERT_EQ(2u, late.vLoads.size()) << late.strOut;
-    for (const PeerLoadLine& l : late.vLoads) {
-        EXPECT_EQ(CACHELOAD_OK, l.nResult) << "file " << l.nFile;
-        std::string strDisk = DiskBlock(ReadWholeFile(FileOf(box, l.nFile, l.nFile == INDEX_NO)), 1);
-        EXPECT_TRUE(strDisk == Dumped(strDump, "load", l.nFile, 1)) << "file " << l.nFile;
-    }
-
-    // A new daemon builds a new cache: the engine finds its blocks only in
-    // the files, loads them on request and carries its changes on.
-    ASSERT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
-    pid = RestartDaemon(box, nullptr);
-    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
-    PeerRun again = RunCachePeer(box, {"--blocks", "5", "--timestamp", "--dump-dir", strDump});
-    ExpectAllDone(again, 5 * 2, 2 * 2, 2);
-    EXPECT_EQ(10u, again.vLoads.size()) << again.strOut;
-    for (const PeerLoadLine& l : again.vLoads) EXPECT_EQ(CACHELOAD_OK, l.nResult) << again.strOut;
-    ExpectBlocksAsPosted(box, again, strDump, TABLE_NO, false, 5);
-    ExpectBlocksAsPosted(box, again, strDump, INDEX_NO, true, 5);
     EXPECT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
 }
 
-TEST(CachePipelines, ATornEntryWritesNothingAndAnOvertakenOneWritesTheNewerBlockWhole)
+TEST(CachePipelines, TornAndRandomEntriesWriteNothingAndAnOvertakenOneWritesTheNewerBlockWhole)
 {
     DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
     // Two table files: the entries of one must leave the other alone.
     pid_t pid = StartCacheDb(box, {"--table-file", "--table-file", "--index-file"});
     ASSERT_GT(pid, 0);
@@ -202,47 +172,24 @@ TEST(CachePipelines, ATornEntryWritesNothingAndAnOvertakenOneWritesTheNewerBlock
         EXPECT_EQ(-1, FirstDiffAt(strWant, strFile)) << strName << " block 1 at " << llAt;
     }
     EXPECT_TRUE(mapBefore["Table3.dbf"] == ReadWholeFile(box.DataDir() + "Table3.dbf"));
+
+    // Entries of random fields, as an engine that died while writing them
+    // may leave: each is answered with a code and none writes.
+    mapBefore = Snapshot(box.DataDir(), vNames);
+    PeerRun garbage = RunCachePeer(box, {"--blocks", "3", "--rounds", "0", "--fault", "garbage", "--garbage-count", "64"});
+    EXPECT_EQ(0, garbage.nExit) << garbage.strOut;
+    ASSERT_EQ(3u * 64, garbage.vFaults.size()) << garbage.strOut;
+    const std::set<int> setCodes = {CACHEFLUSH_DONE, CACHEFLUSH_UNUSABLE, CACHEFLUSH_FAILED, CACHEFLUSH_NOBACKEND,
+                                    CACHEFLUSH_NOFILE};
+    std::set<int> setSeen;
+    for (const auto& f : garbage.vFaults) {
+        EXPECT_EQ(1u, setCodes.count(f.second.nResult)) << f.second.nResult;
+        setSeen.insert(f.second.nResult);
+    }
+    EXPECT_GE(setSeen.size(), 3u) << "the entries reach more than one refusal";
+    EXPECT_TRUE(mapBefore == Snapshot(box.DataDir(), vNames)) << "an entry of random fields wrote to a file";
     // The rings go on: a plain round afterwards is served in full.
     PeerRun after = RunCachePeer(box, {"--blocks", "3", "--timestamp"});
     ExpectAllDone(after, 3 * 3, 3 * 2, 2);
-    EXPECT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
-}
-
-// Entries of random fields, as an engine that died while writing them may
-// leave: each is answered with a code and none writes, the daemon stays
-// up, and after it is killed a new one takes the cache over and serves the
-// engine as before.
-TEST(CachePipelines, EntriesOfRandomFieldsWriteNothingAndOutliveARestart)
-{
-    DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
-    pid_t pid = StartCacheDb(box, {"--table-file", "--index-file"});
-    ASSERT_GT(pid, 0);
-    const std::vector<std::string> vNames = {"Table2.dbf", "Index3.dbf"};
-    PeerRun made = RunCachePeer(box, {"--blocks", "3", "--timestamp"});
-    ExpectAllDone(made, 3 * 2, 2 * 2, 2);
-    std::map<std::string, std::string> mapBefore = Snapshot(box.DataDir(), vNames);
-    PeerRun garbage = RunCachePeer(box, {"--blocks", "3", "--rounds", "0", "--fault", "garbage", "--garbage-count", "64"});
-    EXPECT_EQ(0, garbage.nExit) << garbage.strOut;
-    ASSERT_EQ(2u * 64, garbage.vFaults.size()) << garbage.strOut;
-    std::set<int> setCodes = {CACHEFLUSH_DONE, CACHEFLUSH_UNUSABLE, CACHEFLUSH_FAILED, CACHEFLUSH_NOBACKEND,
-                              CACHEFLUSH_NOFILE};
-    std::map<int, int> mapSeen;
-    for (const auto& f : garbage.vFaults) {
-        EXPECT_EQ(1u, setCodes.count(f.second.nResult)) << f.second.nResult;
-        mapSeen[f.second.nResult]++;
-    }
-    EXPECT_GE(mapSeen.size(), 3u) << "the entries reach more than one refusal";
-    EXPECT_TRUE(mapBefore == Snapshot(box.DataDir(), vNames)) << "an entry of random fields wrote to a file";
-    EXPECT_TRUE(box.IsRunning(pid));
-
-    box.Signal(pid, SIGKILL);
-    box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS);
-    std::string strTrace;
-    pid = RestartDaemon(box, &strTrace);
-    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
-    EXPECT_NE(std::string::npos, strTrace.find("Cache data was found in memory")) << strTrace;
-    PeerRun after = RunCachePeer(box, {"--blocks", "3", "--timestamp"});
-    ExpectAllDone(after, 3 * 2, 2 * 2, 2);
     EXPECT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
 }

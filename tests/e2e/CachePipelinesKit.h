@@ -8,7 +8,6 @@
 #include "PeerCache.h"
 #include "TalvorCacheFlush.h"
 
-#include <fstream>
 #include <set>
 #include <thread>
 
@@ -109,10 +108,10 @@ inline PeerRun ParsePeer(const std::string& strOut, int nExit)
 // Runs the stand-in's cache job to its end.
 inline PeerRun RunCachePeer(DaemonSandbox& box, const std::vector<std::string>& vArgs)
 {
-    std::vector<std::string> vCmd = {PeerPath(), "cache"};
+    std::vector<std::string> vCmd = {"cache"};
     vCmd.insert(vCmd.end(), vArgs.begin(), vArgs.end());
     std::string strOut;
-    int nExit = box.Run(vCmd, PEER_RUN_TIMEOUT_MS, &strOut);
+    int nExit = Peer(box, vCmd, &strOut, PEER_RUN_TIMEOUT_MS);
     return ParsePeer(strOut, nExit);
 }
 
@@ -121,19 +120,8 @@ inline pid_t StartCacheDb(DaemonSandbox& box, const std::vector<std::string>& vF
                           int nCacheMiB = SMALL_CACHE_MIB)
 {
     std::vector<std::string> vArgs = {"--name", "CACHE"};
-    for (const std::string& s : vFiles) {
-        vArgs.push_back(s);
-        vArgs.push_back(CACHE_FILE_MIB);
-    }
-    std::string strOut;
-    if (MakeDb(box, box.DataDir(), vArgs, &strOut) != 0) {
-        ADD_FAILURE() << strOut;
-        return -1;
-    }
-    WriteDbIni(box, box.DataDir(), "", nCacheMiB);
-    pid_t pid = box.StartServing();
-    if (pid <= 0) ADD_FAILURE() << box.ReadDaemonTrace();
-    return pid;
+    for (const std::string& s : vFiles) vArgs.insert(vArgs.end(), {s, CACHE_FILE_MIB});
+    return StartDb(box, vArgs, "", nCacheMiB);
 }
 
 inline std::string FileOf(DaemonSandbox& box, int nFileNo, bool bIndex)
@@ -166,31 +154,13 @@ inline std::string VersionOnDisk(int nFileNo, bool bIndex, UINT nBlockNo, long l
     return AsOnDisk(s);
 }
 
-inline long long TimestampOfBlock(const std::string& strBlock)
-{
-    if (strBlock.size() < sizeof(BASEBLOCKHEAD)) return -1;
-    return ((const BASEBLOCKHEAD*)strBlock.data())->m_nTimestamp;
-}
+inline long long TimestampOfBlock(const std::string& strBlock) { return RecordIn<BASEBLOCKHEAD>(strBlock).m_nTimestamp; }
 
+// The committed timestamp of table or index blocks in the system file on disk.
 inline long long SystemTimestamp(DaemonSandbox& box, bool bIndex)
 {
-    std::string s = ReadWholeFile(box.DataDir() + "System.dbf");
-    long long llTs = -1;
-    size_t nAt = bIndex ? SYSTEMFILE_CACHEINDEXTS_OFFSET : SYSTEMFILE_CACHETABLETS_OFFSET;
-    if (s.size() >= nAt + 8) memcpy(&llTs, s.data() + nAt, 8);
-    return llTs;
-}
-
-// Starts the daemon again and waits for the readiness of this start: the
-// trace still holds that of the last one. Its pid, or -1; the trace of this
-// start alone in *pTrace.
-inline pid_t RestartDaemon(DaemonSandbox& box, std::string* pTrace)
-{
-    size_t nBefore = box.ReadDaemonTrace().size();
-    pid_t pid = box.StartServing();
-    std::string strAll = box.ReadDaemonTrace();
-    if (pTrace != nullptr) *pTrace = strAll.size() > nBefore ? strAll.substr(nBefore) : std::string();
-    return pid;
+    return RecordOnDisk<long long>(box.DataDir() + "System.dbf",
+                                   bIndex ? SYSTEMFILE_CACHEINDEXTS_OFFSET : SYSTEMFILE_CACHETABLETS_OFFSET);
 }
 
 } // namespace talvortest

@@ -1,16 +1,12 @@
 // End-to-end: a database with cache-mode files starts with the shared cache
 // (its head and the pages each file hangs in it are checked at unit level):
-// the files grow to their reserve, a kernel that will not give the segment
-// refuses the start by name, the images and the cache that outlived a
-// killed daemon are kept by a start that fails (the cache's take-over is
+// the files grow to their reserve (a kernel that will not give a segment is
+// refused like the rollback area's in StartRefusals), the images and the
+// cache that outlived a killed daemon are kept by a start that fails (the cache's take-over is
 // checked at unit level and after a kill in the cache crash test), and a
 // normal end leaves no cache.
 #include "DatabaseLoadKit.h"
 #include "MemDBCacheDef.h"
-
-#include <csignal>
-#include <cstring>
-#include <gtest/gtest.h>
 
 using namespace talvortest;
 
@@ -18,13 +14,6 @@ namespace {
 
 const int CACHE_MIB = 64;
 const long long PAGE = 16384;
-const std::vector<std::string> DB_FILES = {"System.dbf", "Data2.dbf", "Table3.dbf", "Index4.dbf"};
-
-void MakeCacheDb(DaemonSandbox& box)
-{
-    ASSERT_EQ(0, MakeDb(box, box.DataDir(), {"--data-file", "8", "--table-file", "4", "--index-file", "4"}));
-    WriteDbIni(box, box.DataDir(), "", CACHE_MIB);
-}
 
 // The first nBytes of the daemon's cache; empty when there is none.
 std::string DumpCache(DaemonSandbox& box, long long nBytes)
@@ -43,28 +32,10 @@ const long long GROWN = 4 * E2E_MIB + 2 * 64 * E2E_MIB;
 // the zeros, says so.
 bool GrownOnDisk(const std::string& strPath)
 {
-    if (FileSizeOf(strPath) != GROWN) return false;
-    std::string strHead = ReadFileAt(strPath, 0, sizeof(TABLEFILEHEAD));
-    return strHead.size() == sizeof(TABLEFILEHEAD) && Val(((const TABLEFILEHEAD*)strHead.data())->m_nFileTotalSize) == GROWN;
+    return FileSizeOf(strPath) == GROWN && Val(RecordOnDisk<TABLEFILEHEAD>(strPath).m_nFileTotalSize) == GROWN;
 }
 
 } // namespace
-
-TEST(CacheStart, AKernelLimitBelowTheCacheRefusesTheStartByName)
-{
-    DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
-    MakeCacheDb(box);
-    // The limit belongs to the sandbox's IPC namespace alone.
-    ASSERT_EQ(0, box.Run({"sh", "-c", "echo 33554432 > /proc/sys/kernel/shmmax"}, 10000));
-    std::map<std::string, std::string> mapBefore = Snapshot(box.DataDir(), DB_FILES);
-    EXPECT_EQ(0, box.RunDaemon());
-    std::string strTrace = box.ReadDaemonTrace();
-    EXPECT_EQ(std::string::npos, strTrace.find("Talvor storage service started!")) << strTrace;
-    EXPECT_EQ(1u, CountOf(strTrace, "60001005 Initialize Open memory file failed, error: ")) << strTrace;
-    EXPECT_TRUE(mapBefore == Snapshot(box.DataDir(), DB_FILES)) << "a refused start writes nothing";
-    EXPECT_TRUE(DumpCache(box, PAGE).empty());
-}
 
 // Images and a cache that outlived a killed daemon may hold the engine's
 // work that never reached the disk: a start that fails after taking them
@@ -72,12 +43,9 @@ TEST(CacheStart, AKernelLimitBelowTheCacheRefusesTheStartByName)
 TEST(CacheStart, FilesGrowAndAFailedStartKeepsTheImagesAndTheCacheAKilledDaemonLeft)
 {
     DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
-    ASSERT_EQ(0, MakeDb(box, box.DataDir(), {"--data-file", "8", "--btree-file", "4", "--kv-file", "4",
-                                             "--table-file", "4", "--index-file", "4"}));
-    WriteDbIni(box, box.DataDir(), "", CACHE_MIB);
-    pid_t pid = box.StartServing();
-    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
+    pid_t pid = StartDb(box, {"--data-file", "8", "--btree-file", "4", "--kv-file", "4", "--table-file", "4",
+                              "--index-file", "4"}, "", CACHE_MIB);
+    ASSERT_GT(pid, 0);
     // A file with no more than 128 MiB unused grows by 64 MiB at a time in
     // the flush threads' idle moments, its head on disk following.
     for (const char* lpName : {"Table5.dbf", "Index6.dbf"})

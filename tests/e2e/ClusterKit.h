@@ -6,10 +6,7 @@
 
 #include "DatabaseLoadKit.h"
 
-#include <csignal>
 #include <dirent.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
 
 namespace talvortest {
 
@@ -22,8 +19,7 @@ const std::vector<std::string> CLUSTER_DB_FILES = {"System.dbf", "Data2.dbf", "B
 struct ClusterLine {
     int m_nExit = -2;
     std::string m_strOutcome;
-    long long m_nFinal = -3, m_nResult = -3, m_nCmdForbid = -3, m_nHeadForbid = -3, m_nStandby = -3, m_nBackupTs = -3,
-              m_nTs = -3;
+    long long m_nFinal = -3, m_nResult = -3, m_nCmdForbid = -3, m_nHeadForbid = -3, m_nStandby = -3, m_nTs = -3;
     std::string m_strPath;
     std::string m_strText;  // the whole output
 };
@@ -53,7 +49,6 @@ inline ClusterLine ReadClusterLine(const std::string& strOut, const std::string&
     st.m_nCmdForbid = FieldOf(strLine, "cmd_forbid");
     st.m_nHeadForbid = FieldOf(strLine, "head_forbid");
     st.m_nStandby = FieldOf(strLine, "standby");
-    st.m_nBackupTs = FieldOf(strLine, "backup_ts");
     st.m_nTs = FieldOf(strLine, "ts");
     st.m_strPath = WordAfter(strLine, "path");
     return st;
@@ -63,25 +58,21 @@ inline ClusterLine ReadClusterLine(const std::string& strOut, const std::string&
 inline ClusterLine Cluster(DaemonSandbox& box, const std::string& strCode, const std::vector<std::string>& vArgs = {},
                            int nTimeoutMs = CLUSTER_WAIT_MS + 30000)
 {
-    std::vector<std::string> vCmd = {PeerPath(), "cluster", strCode};
+    std::vector<std::string> vCmd = {"cluster", strCode};
     vCmd.insert(vCmd.end(), vArgs.begin(), vArgs.end());
     std::string strOut;
-    int nExit = box.Run(vCmd, nTimeoutMs, &strOut);
+    int nExit = Peer(box, vCmd, &strOut, nTimeoutMs);
     return ReadClusterLine(strOut, strCode == "look" ? "look " : "cluster ", nExit);
 }
 
 inline ClusterLine Look(DaemonSandbox& box) { return Cluster(box, "look"); }
 
-// The operator's backup tool.
-inline std::string BackupToolPath() { return std::string(TALVOR_BIN_DIR) + "/talvor-backup"; }
-
 // talvor-peer backup ARGS...; the closing line read.
-inline ClusterLine BackupJob(DaemonSandbox& box, const std::vector<std::string>& vArgs)
+inline ClusterLine BackupJob(DaemonSandbox& box, std::vector<std::string> vArgs)
 {
-    std::vector<std::string> vCmd = {PeerPath(), "backup", "--progress-lines"};
-    vCmd.insert(vCmd.end(), vArgs.begin(), vArgs.end());
+    vArgs.insert(vArgs.begin(), {"backup", "--progress-lines"});
     std::string strOut;
-    int nExit = box.Run(vCmd, 600000, &strOut);
+    int nExit = Peer(box, vArgs, &strOut, 600000);
     return ReadClusterLine(strOut, "backup ts=", nExit);
 }
 
@@ -96,13 +87,10 @@ inline ClusterLine Backup(DaemonSandbox& box, std::vector<std::string> vArgs)
 // strName, printed ("listening on port N"); 0 when none came within 5 s.
 inline int ListenerPort(DaemonSandbox& box, const std::string& strName)
 {
-    for (int i = 0; i < 500; i++) {
-        std::string strOut = ReadWholeFile(box.Root() + "/" + strName + ".out");
-        size_t n = strOut.find("listening on port ");
-        if (n != std::string::npos) return atoi(strOut.c_str() + n + 18);
-        usleep(10000);
-    }
-    return 0;
+    long long nPort = 0;
+    std::string strOut = box.Root() + "/" + strName + ".out";
+    WaitUntil([&] { return (nPort = NumberAfter(ReadWholeFile(strOut), "listening on port ")) > 0; }, 5000, 10);
+    return nPort > 0 ? (int)nPort : 0;
 }
 
 // The targets of the process's open descriptors that lie under strDir,
@@ -124,14 +112,6 @@ inline std::map<std::string, int> OpenFilesUnder(pid_t pid, const std::string& s
     return mapOpen;
 }
 
-// m_nBeginTimestamp of a system file on disk, or -1.
-inline long long CommittedOnDisk(const std::string& strSystem)
-{
-    std::string strHead = ReadFileAt(strSystem, 0, sizeof(SYSTEMFILEHEAD));
-    if (strHead.size() < sizeof(SYSTEMFILEHEAD)) return -1;
-    return ((const SYSTEMFILEHEAD*)strHead.data())->m_nBeginTimestamp;
-}
-
 // The primary's bytes of redo log nLogNo: its copy in the archive
 // strArchive, or else the one of the nGroups groups in strDataDir that
 // holds it; empty when neither does.
@@ -145,56 +125,5 @@ inline std::string PrimaryLog(const std::string& strArchive, const std::string& 
     }
     return std::string();
 }
-
-// A daemon on a database made by talvor-mkdb (strMkdbArgs), ini extras
-// strIni; started and ready in SetUp, stopped in TearDown.
-class RunningDaemon : public ::testing::Test {
-protected:
-    void Start(const std::vector<std::string>& vMkdb, const std::string& strIni)
-    {
-        ASSERT_TRUE(m_box.Ok());
-        ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), vMkdb));
-        WriteDbIni(m_box, m_box.DataDir(), strIni);
-        m_pid = m_box.StartServing();
-        ASSERT_GT(m_pid, 0) << m_box.ReadDaemonTrace();
-    }
-    void TearDown() override
-    {
-        if (m_pid <= 0 || !m_box.IsRunning(m_pid)) return;
-        EXPECT_TRUE(StopDaemon(m_box, m_pid)) << m_box.ReadDaemonTrace();
-    }
-    std::string Path(const std::string& strName) const { return m_box.DataDir() + strName; }
-
-    // The stand-in commits nCount changes over nBlocks blocks, nPauseUs
-    // apart; waits until a pass has committed the last on disk. Its stamp.
-    long long CommitToDisk(const std::string& strJournal, int nCount, int nSeed, int nBlocks, int nPauseUs,
-                           bool bHeadReady = false)
-    {
-        std::vector<std::string> vCmd = {PeerPath(), "data", "--journal", strJournal, "--live", "--count",
-                                         std::to_string(nCount), "--pause-us", std::to_string(nPauseUs), "--blocks",
-                                         std::to_string(nBlocks), "--seed", std::to_string(nSeed)};
-        if (bHeadReady) vCmd.push_back("--head-ready");
-        std::string strOut;
-        EXPECT_EQ(0, m_box.Run(vCmd, 120000, &strOut)) << strOut << m_box.ReadDaemonTrace();
-        long long nLast = NumberAfter(strOut, "last timestamp ");
-        EXPECT_GT(nLast, 0) << strOut;
-        EXPECT_TRUE(WaitUntil([&] { return CommittedOnDisk(Path("System.dbf")) >= nLast; }, 30000, 50))
-            << "committed " << CommittedOnDisk(Path("System.dbf")) << " of " << nLast << "\n" << m_box.ReadDaemonTrace();
-        return nLast;
-    }
-    // The daemon still runs its storage thread: a pass asked through
-    // m_bStorageCMD, with the head ready, is answered.
-    void ExpectServing()
-    {
-        std::vector<std::string> vCmd = {PeerPath(), "command", "--count", "3", "--code", "2", "--gap-us", "0",
-                                         "--wait-ready-ms", "5000", "--head-ready"};
-        std::string strOut;
-        EXPECT_EQ(0, m_box.Run(vCmd, 60000, &strOut)) << strOut << m_box.ReadDaemonTrace();
-        EXPECT_NE(std::string::npos, strOut.find("answered=3")) << strOut;
-    }
-
-    DaemonSandbox m_box;
-    pid_t m_pid = -1;
-};
 
 } // namespace talvortest

@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <sstream>
 #include <string>
@@ -28,9 +29,9 @@ namespace talvortest {
 const int TRACE_POLL_MS = 20;
 const long long E2E_MIB = 1048576;
 
-inline std::string MkdbPath() { return std::string(TALVOR_BIN_DIR) + "/talvor-mkdb"; }
-inline std::string PeerPath() { return std::string(TALVOR_BIN_DIR) + "/talvor-peer"; }
-
+inline std::string ToolPath(const std::string& strName) { return std::string(TALVOR_BIN_DIR) + "/" + strName; }
+inline std::string MkdbPath() { return ToolPath("talvor-mkdb"); }
+inline std::string PeerPath() { return ToolPath("talvor-peer"); }
 
 // The number that follows strKey in a program's output, or -1.
 inline long long NumberAfter(const std::string& strOut, const std::string& strKey)
@@ -47,6 +48,13 @@ inline int MakeDb(DaemonSandbox& box, const std::string& strDir, const std::vect
     std::vector<std::string> vCmd = {MkdbPath(), "--dir", strDir, "--redo-size", "1"};
     vCmd.insert(vCmd.end(), vArgs.begin(), vArgs.end());
     return box.Run(vCmd, 60000, pOutput);
+}
+
+// talvor-peer ARGS... run to its end in the sandbox: its exit status.
+inline int Peer(DaemonSandbox& box, std::vector<std::string> vArgs, std::string* pOut = nullptr, int nTimeoutMs = 240000)
+{
+    vArgs.insert(vArgs.begin(), PeerPath());
+    return box.Run(vArgs, nTimeoutMs, pOut);
 }
 
 // An ini that runs a database with a shared cache of nCacheMiB (none by
@@ -130,14 +138,23 @@ inline void FillDataFile(const std::string& strPath, long long nUsedTo)
     ASSERT_TRUE(WriteWholeFile(strPath, strFile));
 }
 
-// The head of a redo log file's bytes (zero when it is too short to hold one).
-inline MF_REDOLOGFILEHEAD RedoHeadOf(const std::string& strFile)
+// A record of type T at nAt of the bytes; zeros when they end before it does.
+template <class T>
+T RecordIn(const std::string& s, size_t nAt = 0)
 {
-    MF_REDOLOGFILEHEAD stHead;
-    memset(&stHead, 0, sizeof(stHead));
-    if (strFile.size() >= sizeof(stHead)) memcpy(&stHead, strFile.data(), sizeof(stHead));
-    return stHead;
+    T st;
+    memset(&st, 0, sizeof(st));
+    if (s.size() >= nAt + sizeof(T)) memcpy(&st, s.data() + nAt, sizeof(T));
+    return st;
 }
+template <class T>
+T RecordOnDisk(const std::string& strPath, long long nAt = 0)
+{
+    return RecordIn<T>(ReadFileAt(strPath, nAt, sizeof(T)));
+}
+
+// The head of a redo log file's bytes (zero when it is too short to hold one).
+inline MF_REDOLOGFILEHEAD RedoHeadOf(const std::string& strFile) { return RecordIn<MF_REDOLOGFILEHEAD>(strFile); }
 
 // Log number to bytes of every file "LogN.log" in strDir (an archive's
 // ArchiveLog/, a standby's copies).
@@ -162,7 +179,7 @@ inline std::map<std::string, std::string> Snapshot(const std::string& strDir, co
 // Offset of the first byte where two files differ, or -1.
 inline long long FirstDiffAt(const std::string& a, const std::string& b)
 {
-    size_t n = a.size() < b.size() ? a.size() : b.size();
+    size_t n = std::min(a.size(), b.size());
     for (size_t i = 0; i < n; i++)
         if (a[i] != b[i]) return (long long)i;
     return a.size() == b.size() ? -1 : (long long)n;
@@ -189,12 +206,76 @@ inline std::string VerifyJournal(DaemonSandbox& box, const std::string& strJourn
     return strOut;
 }
 
-// The joined text of the daemon's trace files in strDir, in name order.
-inline std::string DaemonTraceIn(const std::string& strDir)
+// m_nBeginTimestamp of a system file on disk, or -1.
+inline long long CommittedOnDisk(const std::string& strSystem)
 {
-    std::string strAll;
-    for (const std::string& strFile : ListFiles(strDir, "TalvorStorage")) strAll += ReadWholeFile(strFile);
-    return strAll;
+    std::string strHead = ReadFileAt(strSystem, 0, sizeof(SYSTEMFILEHEAD));
+    if (strHead.size() < sizeof(SYSTEMFILEHEAD)) return -1;
+    return ((const SYSTEMFILEHEAD*)strHead.data())->m_nBeginTimestamp;
 }
+
+// A database made by talvor-mkdb (vMkdb) with its ini (WriteDbIni) and a
+// daemon serving it: its pid, or -1 with the failure told.
+inline pid_t StartDb(DaemonSandbox& box, const std::vector<std::string>& vMkdb, const std::string& strIni = "",
+                     int nCacheMiB = 0)
+{
+    std::string strOut;
+    if (!box.Ok() || MakeDb(box, box.DataDir(), vMkdb, &strOut) != 0) {
+        ADD_FAILURE() << "no database: " << strOut;
+        return -1;
+    }
+    WriteDbIni(box, box.DataDir(), strIni, nCacheMiB);
+    pid_t pid = box.StartServing();
+    if (pid <= 0) ADD_FAILURE() << box.ReadDaemonTrace();
+    return pid;
+}
+
+// A sandbox whose daemon, when one runs, is stopped (and must stop well)
+// at the end of the test.
+class RunningDaemon : public ::testing::Test {
+protected:
+    void Start(const std::vector<std::string>& vMkdb, const std::string& strIni = "", int nCacheMiB = 0)
+    {
+        m_pid = StartDb(m_box, vMkdb, strIni, nCacheMiB);
+        ASSERT_GT(m_pid, 0);
+    }
+    // The daemon again on the database as it is.
+    void Serve()
+    {
+        m_pid = m_box.StartServing();
+        ASSERT_GT(m_pid, 0) << m_box.ReadDaemonTrace();
+    }
+    void Stop()
+    {
+        EXPECT_TRUE(StopDaemon(m_box, m_pid)) << m_box.ReadDaemonTrace();
+        m_pid = -1;
+    }
+    void TearDown() override
+    {
+        if (m_pid > 0 && m_box.IsRunning(m_pid)) Stop();
+    }
+    std::string Path(const std::string& strName) const { return m_box.DataDir() + strName; }
+
+    // The stand-in commits nCount changes over nBlocks blocks, nPauseUs
+    // apart; waits until a pass has committed the last on disk. Its stamp.
+    long long CommitToDisk(const std::string& strJournal, int nCount, int nSeed, int nBlocks, int nPauseUs,
+                           bool bHeadReady = false)
+    {
+        std::vector<std::string> vCmd = {"data", "--journal", strJournal, "--live", "--count", std::to_string(nCount),
+                                         "--pause-us", std::to_string(nPauseUs), "--blocks", std::to_string(nBlocks),
+                                         "--seed", std::to_string(nSeed)};
+        if (bHeadReady) vCmd.push_back("--head-ready");
+        std::string strOut;
+        EXPECT_EQ(0, Peer(m_box, vCmd, &strOut, 120000)) << strOut << m_box.ReadDaemonTrace();
+        long long nLast = NumberAfter(strOut, "last timestamp ");
+        EXPECT_GT(nLast, 0) << strOut;
+        EXPECT_TRUE(WaitUntil([&] { return CommittedOnDisk(Path("System.dbf")) >= nLast; }, 30000, 50))
+            << "committed " << CommittedOnDisk(Path("System.dbf")) << " of " << nLast << "\n" << m_box.ReadDaemonTrace();
+        return nLast;
+    }
+
+    DaemonSandbox m_box;
+    pid_t m_pid = -1;
+};
 
 } // namespace talvortest

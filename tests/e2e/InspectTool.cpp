@@ -5,26 +5,13 @@
 // inspector must not change a byte of what it looks at.
 #include "DatabaseLoadKit.h"
 
-#include <csignal>
-#include <cstring>
 #include <functional>
-#include <gtest/gtest.h>
 
 using namespace talvortest;
 
 namespace {
 
-std::string InspectPath() { return std::string(TALVOR_BIN_DIR) + "/talvor-inspect"; }
-
-template <class T>
-T ReadRecord(const std::string& strPath, long long nOffset)
-{
-    T st;
-    memset(&st, 0, sizeof(st));
-    std::string s = ReadFileAt(strPath, nOffset, sizeof(T));
-    if (s.size() == sizeof(T)) memcpy(&st, s.data(), sizeof(T));
-    return st;
-}
+std::string InspectPath() { return ToolPath("talvor-inspect"); }
 
 template <class T>
 bool WriteValue(const std::string& strPath, long long nOffset, T v)
@@ -44,11 +31,7 @@ std::vector<std::string> DamageLines(const std::string& strOut)
 
 class InspectTool : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(m_box.Ok());
-        MakeIn(m_box.DataDir());
-    }
+    void SetUp() override { MakeIn(m_box.DataDir()); }
 
     void MakeIn(const std::string& strDir)
     {
@@ -64,11 +47,10 @@ protected:
         return m_box.Run({InspectPath(), strMode, m_strDir}, 60000, pOut);
     }
 
-    // Where block 1 of a memory-mode file lies, and its map entry.
+    // Where the map entry of block 1 of a memory-mode file lies.
     long long FirstEntryOffset(const std::string& strFile)
     {
-        BASEFILEHEAD h = ReadRecord<BASEFILEHEAD>(strFile, 0);
-        return DbMapEntryOffset(h.m_nBlockMapStartOffset, 0);
+        return DbMapEntryOffset(RecordOnDisk<BASEFILEHEAD>(strFile, 0).m_nBlockMapStartOffset, 0);
     }
 
     DaemonSandbox m_box;
@@ -104,8 +86,8 @@ TEST_F(InspectTool, EachDamageIsTheOneFindingThatNamesItsFileAndOffset)
         {"a memory-mode chain that comes back on itself",
          [&] {
              std::string strData = Path("Data2.dbf");
-             BASEFILEHEAD h = ReadRecord<BASEFILEHEAD>(strData, 0);
-             BASEFILEOBJECTDEF o = ReadRecord<BASEFILEOBJECTDEF>(strData, h.m_nObjectInfoOffset);
+             BASEFILEHEAD h = RecordOnDisk<BASEFILEHEAD>(strData, 0);
+             BASEFILEOBJECTDEF o = RecordOnDisk<BASEFILEOBJECTDEF>(strData, h.m_nObjectInfoOffset);
              EXPECT_NE(0, (int)o.m_nID);
              long long nFirst = o.m_nFreeBlockMapOffset != 0 ? o.m_nFreeBlockMapOffset : o.m_nFullBlockMapOffset;
              EXPECT_TRUE(WriteValue<long long>(strData, nFirst + offsetof(BASEFILEBLOCKMAP, m_nNextOffset), nFirst));
@@ -121,21 +103,8 @@ TEST_F(InspectTool, EachDamageIsTheOneFindingThatNamesItsFileAndOffset)
              EXPECT_TRUE(WriteValue<long long>(strData, nEntry + offsetof(BASEFILEBLOCKMAP, m_nBlockOffset), -4096));
              return Finding{"bound", 2, nEntry, ""};
          }},
-        {"a block past the end of its memory-mode file",
-         [&] {
-             long long nEntry = FirstEntryOffset(Path("BTree3.dbf"));
-             EXPECT_TRUE(WriteValue<long long>(Path("BTree3.dbf"), nEntry + offsetof(BASEFILEBLOCKMAP, m_nBlockOffset),
-                                               1LL << 40));
-             return Finding{"bound", 3, nEntry, ""};
-         }},
-        {"a block whose mark is gone",
-         [&] {
-             std::string strData = Path("Data2.dbf");
-             BASEFILEBLOCKMAP e = ReadRecord<BASEFILEBLOCKMAP>(strData, FirstEntryOffset(strData));
-             EXPECT_GT((long long)e.m_nBlockOffset, 0);
-             EXPECT_TRUE(WriteValue<int>(strData, e.m_nBlockOffset, 0x58585858));
-             return Finding{"mark", 2, (long long)e.m_nBlockOffset, "0x58585858"};
-         }},
+        // A block past the end of its file and a block whose mark is gone:
+        // EveryDamageHasItsOwnLine.
         // The 80 bytes of a commit, cut after 60 by a power loss: the
         // persisted-up-to timestamp got its new low half, the newest
         // committed one kept its old value.
@@ -153,7 +122,7 @@ TEST_F(InspectTool, EachDamageIsTheOneFindingThatNamesItsFileAndOffset)
         {"a cache-mode map entry whose block lies past the file",
          [&] {
              std::string strTable = Path("Table4.dbf");
-             long long nMap = ReadRecord<TABLEFILEHEAD>(strTable, 0).m_nBlockMapStartOffset;
+             long long nMap = RecordOnDisk<TABLEFILEHEAD>(strTable, 0).m_nBlockMapStartOffset;
              EXPECT_TRUE(WriteValue<int>(strTable, nMap + offsetof(BASEFILEBLOCKMAPHEAD_CACHE, m_nBlockMapNum), 1));
              BASEFILEBLOCKMAP_CACHE e;
              memset(&e, 0, sizeof(e));
@@ -167,7 +136,7 @@ TEST_F(InspectTool, EachDamageIsTheOneFindingThatNamesItsFileAndOffset)
          }},
         {"a cache-mode map page whose mark is gone",
          [&] {
-             INDEXFILEHEAD hi = ReadRecord<INDEXFILEHEAD>(Path("Index5.dbf"), 0);
+             INDEXFILEHEAD hi = RecordOnDisk<INDEXFILEHEAD>(Path("Index5.dbf"), 0);
              EXPECT_TRUE(WriteValue<int>(Path("Index5.dbf"), hi.m_nBlockMapStartOffset, 0));
              return Finding{"mark", 5, (long long)hi.m_nBlockMapStartOffset, ""};
          }},
@@ -176,7 +145,7 @@ TEST_F(InspectTool, EachDamageIsTheOneFindingThatNamesItsFileAndOffset)
         {"a cache-mode chain that comes back",
          [&] {
              std::string strTable = Path("Table4.dbf");
-             TABLEFILEHEAD h = ReadRecord<TABLEFILEHEAD>(strTable, 0);
+             TABLEFILEHEAD h = RecordOnDisk<TABLEFILEHEAD>(strTable, 0);
              long long nMap = h.m_nBlockMapStartOffset;
              EXPECT_TRUE(WriteValue<int>(strTable, nMap + offsetof(BASEFILEBLOCKMAPHEAD_CACHE, m_nBlockMapNum), 3));
              for (UINT n = 1; n <= 3; n++) {
@@ -216,9 +185,6 @@ TEST_F(InspectTool, EachDamageIsTheOneFindingThatNamesItsFileAndOffset)
         EXPECT_TRUE(Names(v[0], f.m_strKind, f.m_nFileNo, f.m_nOffset)) << v[0];
         EXPECT_NE(std::string::npos, v[0].find(f.m_strText)) << v[0];
     }
-    std::string strOut;
-    EXPECT_EQ(1, m_box.Run({InspectPath(), m_box.Root() + "/nothing-here"}, 30000, &strOut));
-    EXPECT_EQ(2, m_box.Run({InspectPath(), "--bogus", m_box.DataDir()}, 30000, &strOut));
 }
 
 // Damages in three files at once: each is found and told on a line of its
@@ -226,7 +192,7 @@ TEST_F(InspectTool, EachDamageIsTheOneFindingThatNamesItsFileAndOffset)
 TEST_F(InspectTool, EveryDamageHasItsOwnLine)
 {
     std::string strData = Path("Data2.dbf");
-    BASEFILEBLOCKMAP e = ReadRecord<BASEFILEBLOCKMAP>(strData, FirstEntryOffset(strData));
+    BASEFILEBLOCKMAP e = RecordOnDisk<BASEFILEBLOCKMAP>(strData, FirstEntryOffset(strData));
     ASSERT_GT((long long)e.m_nBlockOffset, 0);
     ASSERT_TRUE(WriteValue<int>(strData, e.m_nBlockOffset, 0x58585858));
     ASSERT_TRUE(WriteValue<UINT>(strData, e.m_nBlockOffset + offsetof(BASEBLOCKHEAD, m_nBlockNo), 9));
@@ -245,7 +211,7 @@ TEST_F(InspectTool, EveryDamageHasItsOwnLine)
 }
 
 // The files a real daemon wrote, after an engine stand-in committed rows
-// into them and the daemon stopped: sound, the head says how far, and the
+// into them and the daemon stopped: sound, walked to the last block, and the
 // inspector writes nothing.
 TEST_F(InspectTool, ReadsWhatARealDaemonWrote)
 {
@@ -253,9 +219,8 @@ TEST_F(InspectTool, ReadsWhatARealDaemonWrote)
     pid_t pid = m_box.StartServing();
     ASSERT_GT(pid, 0) << m_box.ReadDaemonTrace();
     std::string strOut;
-    ASSERT_EQ(0, m_box.Run({PeerPath(), "data", "--journal", m_box.Root() + "/journal", "--live", "--count", "300",
-                            "--pause-us", "500", "--pass-every", "100", "--blocks", "8", "--seed", "5"},
-                           120000, &strOut))
+    ASSERT_EQ(0, Peer(m_box, {"data", "--journal", m_box.Root() + "/journal", "--live", "--count", "300", "--pause-us",
+                              "500", "--pass-every", "100", "--blocks", "8", "--seed", "5"}, &strOut))
         << strOut;
     ASSERT_TRUE(StopDaemon(m_box, pid));
 
@@ -263,11 +228,7 @@ TEST_F(InspectTool, ReadsWhatARealDaemonWrote)
     for (const std::string& f : ListFiles(m_box.DataDir(), "")) mapBefore[f] = ReadWholeFile(f);
     EXPECT_EQ(0, Check(&strOut)) << strOut;
     for (const auto& kv : mapBefore) EXPECT_TRUE(ReadWholeFile(kv.first) == kv.second) << kv.first << " changed";
-    // The groups the daemon made are read, each a redo head of this database.
-    EXPECT_NE(std::string::npos, strOut.find("redo group 0: log ")) << strOut;
-    EXPECT_EQ(std::string::npos, strOut.find("(made anew at the next start)")) << strOut;
     EXPECT_TRUE(DamageLines(strOut).empty()) << strOut;
-    EXPECT_GT(NumberAfter(strOut, "persisted up to timestamp: "), 0) << strOut;
     // The engine grew the data file to 8 blocks; the walk saw them all.
     EXPECT_NE(std::string::npos, strOut.find("walked: 1 map blocks, 8 map entries, 8 blocks")) << strOut;
 }

@@ -5,15 +5,11 @@
 // offset of the damage, whatever part of it is damaged.
 #include "DatabaseLoadKit.h"
 
-#include <csignal>
-#include <cstring>
-#include <gtest/gtest.h>
-
 using namespace talvortest;
 
 namespace {
 
-std::string DumpPath() { return std::string(TALVOR_BIN_DIR) + "/talvor-redodump"; }
+std::string DumpPath() { return ToolPath("talvor-redodump"); }
 
 struct DumpedRecord {
     long long m_nLogNo, m_nOffset, m_nSize, m_nTimestamp;
@@ -93,19 +89,15 @@ std::string MakeSealedLog()
 TEST(RedoDumpTool, TheDumpOfARealDaemonsGroupsAndArchivesListsEveryRecordInOrder)
 {
     DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
     std::string strArchive = box.Root() + "/arch/";
-    ASSERT_EQ(0, MakeDb(box, box.DataDir(), {"--redo-groups", "3"}));
-    WriteDbIni(box, box.DataDir(), "archivetype=1\r\narchivedespath=" + strArchive + "\r\n");
-    pid_t pid = box.StartServing();
-    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
+    pid_t pid = StartDb(box, {"--redo-groups", "3"}, "archivetype=1\r\narchivedespath=" + strArchive + "\r\n");
+    ASSERT_GT(pid, 0);
     // Seals asked every 200 records make seven logs or more in three groups:
     // the groups wrap, so the early logs live on in the archive only.
     std::string strStream = box.Root() + "/stream.bin";
     std::string strOut;
-    ASSERT_EQ(0, box.Run({PeerPath(), "redo", "--records", "1200", "--max-size", "60000", "--seed", "13", "--seal-at",
-                          "200,400,600,800,1000", "--out", strStream, "--timeout", "120000"},
-                         240000, &strOut))
+    ASSERT_EQ(0, Peer(box, {"redo", "--records", "1200", "--max-size", "60000", "--seed", "13", "--seal-at",
+                            "200,400,600,800,1000", "--out", strStream, "--timeout", "120000"}, &strOut))
         << strOut << box.ReadDaemonTrace();
     ASSERT_TRUE(StopDaemon(box, pid));
 
