@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <random>
 #include <string>
 #include <utility>
@@ -41,7 +42,8 @@ struct FunArg {
         case kDecimal: return str;
         case kBinary: return "BINARY " + SqlHexLiteral(str);
         case kTextBin: return "(_utf8mb4 " + SqlHexLiteral(str) + " COLLATE utf8mb4_bin)";
-        case kDouble: return str + "e0";  // an exponent makes the literal a double
+        // An exponent makes the literal a double.
+        case kDouble: return str.find('e') == std::string::npos ? str + "e0" : str;
         default:
             // A hexadecimal literal is binary to the server: convert it so
             // that the text functions count characters, not bytes.
@@ -67,44 +69,25 @@ inline FunArg ArgNull() { return FunArg{}; }
 inline FunArg ArgInt(long long ll) { FunArg a; a.nKind = FunArg::kInt; a.ll = ll; return a; }
 inline FunArg ArgText(const std::string& s) { FunArg a; a.nKind = FunArg::kText; a.str = s; return a; }
 inline FunArg ArgDec(const std::string& s) { FunArg a; a.nKind = FunArg::kDecimal; a.str = s; return a; }
-// A double written as digits with a point ("2.5"): exact in both places.
+// A double written as digits with a point ("2.5"), or every digit of d
+// with an exponent: exact in both places.
 inline FunArg ArgDouble(const std::string& s) { FunArg a; a.nKind = FunArg::kDouble; a.str = s; return a; }
+inline FunArg ArgDouble(double d)
+{
+    char sz[40];
+    snprintf(sz, sizeof(sz), "%.17e", d);
+    return ArgDouble(std::string(sz));
+}
 // Text the server compares by its bytes (binary collation).
 inline FunArg ArgTextBin(const std::string& s) { FunArg a; a.nKind = FunArg::kTextBin; a.str = s; return a; }
 inline FunArg ArgBin(const std::string& s) { FunArg a; a.nKind = FunArg::kBinary; a.str = s; return a; }
 
 // ---- Typed values for the members that take VARDATA directly.
 
-inline VARDATA Null()
-{
-    VARDATA v;
-    memset(&v, 0, sizeof(v));
-    v.m_vt = TALVOR_VT_NULL;
-    return v;
-}
-
-inline VARDATA Int(long long n)
-{
-    VARDATA v = Null();
-    v.m_vt = TALVOR_VT_BIGINT;
-    v.m_llValue = n;
-    return v;
-}
-
-inline VARDATA Dbl(double d)
-{
-    VARDATA v = Null();
-    v.m_vt = TALVOR_VT_DOUBLE;
-    v.m_dblValue = d;
-    return v;
-}
-
-inline VARDATA Dec(const char* lpszText)
-{
-    VARDATA v = Null();
-    CTalvorDecimal::Convert2Decimal(lpszText, &v);
-    return v;
-}
+inline VARDATA Null() { VARDATA v; memset(&v, 0, sizeof(v)); v.m_vt = TALVOR_VT_NULL; return v; }
+inline VARDATA Int(long long n) { VARDATA v = Null(); v.m_vt = TALVOR_VT_BIGINT; v.m_llValue = n; return v; }
+inline VARDATA Dbl(double d) { VARDATA v = Null(); v.m_vt = TALVOR_VT_DOUBLE; v.m_dblValue = d; return v; }
+inline VARDATA Dec(const char* lpsz) { VARDATA v = Null(); CTalvorDecimal::Convert2Decimal(lpsz, &v); return v; }
 
 // Text of the pool (type 7); the pool keeps the bytes alive.
 inline VARDATA Text(CTalvorBufferPool& pool, const std::string& str)
@@ -122,12 +105,11 @@ inline VARDATA Text(CTalvorBufferPool& pool, const std::string& str)
 // A date and time (4) from "YYYY-MM-DD hh:mm:ss"; NULL for other text.
 inline VARDATA DateTime(CTalvorBufferPool& pool, const std::string& str)
 {
-    VARDATA v = Null();
     VARDATA t = Text(pool, str);
     DATE d;
-    if (CBaseFunManager::date(&pool, t, d) != 0) return v;
+    if (CBaseFunManager::date(&pool, t, d) != 0) return Null();
+    VARDATA v = Dbl(d);
     v.m_vt = TALVOR_VT_DATETIME;
-    v.m_dblValue = d;
     return v;
 }
 
@@ -138,7 +120,6 @@ inline VARDATA StoredDate(CTalvorBufferPool& pool, const std::string& str)
     VARDATA v = Null(), t = Text(pool, str);
     return CBaseFunManager::Date(&pool, t, v) == 0 ? v : Null();
 }
-
 inline VARDATA StoredTime(CTalvorBufferPool& pool, const std::string& str)
 {
     VARDATA v = Null(), t = Text(pool, str);
@@ -242,61 +223,40 @@ inline bool SameNumber(const std::string& a, const std::string& b)
     return std::fabs(x - y) <= 1e-12L * (scale > 1 ? scale : 1);
 }
 
-// Every case against the server in one session. A statement the server
-// refuses must be refused here or give NULL; otherwise our code is 0 and
-// the NULL-ness and text (or number) are the server's. fnDeliberate names
-// the cases of the caller's table of differences. The server goes on into
-// year 0; here dates end at 0001-01-01, so NULL answers such a date.
-inline void CompareWithServer(const std::vector<FunCase>& vCases,
-                              const std::function<bool(const std::string&)>& fnDeliberate = nullptr)
-{
-    MariaDbReference& db = SharedMariaDb();
-    ASSERT_TRUE(db.Started()) << db.Error();
-    std::vector<std::string> vSql;
-    for (const FunCase& c : vCases) vSql.push_back(c.strSql);
-    std::vector<SqlAnswer> vAns;
-    ASSERT_TRUE(db.Eval(vSql, vAns)) << db.Error();
-    ASSERT_EQ(vAns.size(), vCases.size());
-    int nFailed = 0;
-    for (size_t i = 0; i < vCases.size() && nFailed < 20; ++i) {
-        const FunCase& c = vCases[i];
-        const SqlAnswer& a = vAns[i];
-        std::string strOurs = c.bOursNull ? "NULL" : "'" + c.strOurs + "'";
-        EXPECT_FALSE(c.bOwns) << "a result must never own its text: " << c.strSql;
-        if (fnDeliberate && fnDeliberate(c.strSql)) {
-            EXPECT_EQ(c.nRet, 0) << c.strSql;
-            continue;
-        }
-        bool bSame;
-        if (a.bError) {
-            bSame = c.nRet != 0 || c.bOursNull;
-        } else {
-            EXPECT_EQ(c.nRet, 0) << c.strSql;
-            bSame = a.bNull == c.bOursNull && (a.bNull || a.strText == c.strOurs ||
-                                               (c.eKind == SAME_NUMBER && SameNumber(c.strOurs, a.strText)));
-            if (c.bOursNull && !a.bNull && a.strText.compare(0, 5, "0000-") == 0) bSame = true;
-        }
-        std::string strServer = a.bError ? "error" : a.bNull ? "NULL" : "'" + a.strText + "'";
-        EXPECT_TRUE(bSame) << c.strSql << "\n  server: " << strServer
-                           << "\n  ours:   " << strOurs << " (code " << c.nRet << ")";
-        if (!bSame) ++nFailed;
-    }
-}
+// A call's code is 0 and the result shows as strShown ("NULL" for NULL);
+// the call's text names a failure.
+#define EXPECT_SHOWN(call, r, strShown)                   \
+    do {                                                  \
+        EXPECT_EQ((call), 0) << #call;                    \
+        EXPECT_EQ(talvortest::Show(r), strShown) << #call; \
+    } while (0)
 
-// fn on arguments that hold a NULL: code 0 and NULL, written over what the
-// result held before (a plan reuses its result slots).
-inline void ExpectNullResult(const std::function<int(VARDATA&)>& fn, const std::string& strWhat)
+// Every unary member on NULL, and every binary one on NULL and vRight and
+// on vLeft and NULL: code 0 and NULL, written over what the result held
+// before (a plan reuses its result slots). Calls are numbered in that order.
+using Unary = int (*)(CTalvorBufferPool*, VARDATA&, VARDATA&);
+using Binary = int (*)(CTalvorBufferPool*, VARDATA&, VARDATA&, VARDATA&);
+inline void ExpectNullSpreads(CTalvorBufferPool& pool, const std::vector<Unary>& vUnary,
+                              const std::vector<Binary>& vBinary, VARDATA vLeft, VARDATA vRight)
 {
-    VARDATA r = Int(7);
-    EXPECT_EQ(fn(r), 0) << strWhat;
-    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL) << strWhat;
+    VARDATA n = Null();
+    std::vector<std::function<int(VARDATA&)>> vCalls;
+    for (Unary f : vUnary) vCalls.push_back([&, f](VARDATA& r) { return f(&pool, n, r); });
+    for (Binary f : vBinary) {
+        vCalls.push_back([&, f](VARDATA& r) { return f(&pool, n, vRight, r); });
+        vCalls.push_back([&, f](VARDATA& r) { return f(&pool, vLeft, n, r); });
+    }
+    for (size_t i = 0; i < vCalls.size(); ++i) {
+        VARDATA r = Int(7);
+        EXPECT_EQ(vCalls[i](r), 0) << "call " << i;
+        EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL) << "call " << i;
+    }
 }
 
 // Our member on typed arguments: pool, arguments, result; returns its code.
 using Pool = CTalvorBufferPool;
 using Args = std::vector<VARDATA>;
 using FunCall = std::function<int(Pool*, Args&, VARDATA&)>;
-using Fn = std::function<int(Pool*, VARDATA*, VARDATA&)>;
 
 // A static member as a call on the arguments, of the batch or of a case,
 // by its count of arguments (named, as members of one name take different
@@ -308,7 +268,6 @@ using Fun4 = int (*)(Pool*, VARDATA&, VARDATA&, VARDATA&, VARDATA&, VARDATA&);
 template <size_t N, class F>
 struct MemberOf {
     F pfn;
-    int operator()(Pool* p, VARDATA* a, VARDATA& r) const { return Go(p, a, r, std::make_index_sequence<N>()); }
     int operator()(Pool* p, Args& a, VARDATA& r) const { return Go(p, a.data(), r, std::make_index_sequence<N>()); }
     template <size_t... I>
     int Go(Pool* p, VARDATA* a, VARDATA& r, std::index_sequence<I...>) const
@@ -332,11 +291,11 @@ inline FunCall OfN(FunN pfn)
 inline VARDATA UsedSlot() { return Int(7); }
 
 // A member run on VARDATA arguments, as a case for the batch.
-inline FunCase Call(Pool& pool, const std::string& strSql, const Fn& fn, std::vector<VARDATA> vArgs,
+inline FunCase Call(Pool& pool, const std::string& strSql, const FunCall& fn, std::vector<VARDATA> vArgs,
                     CompareKind eKind = SAME_TEXT)
 {
     VARDATA r = UsedSlot();
-    int nRet = fn(&pool, vArgs.data(), r);
+    int nRet = fn(&pool, vArgs, r);
     return Finish(strSql, nRet, r, eKind);
 }
 
@@ -345,20 +304,55 @@ class FunBatch {
 public:
     // SQL expression strExpr (with "?" for each argument, left to right)
     // against fn on the same arguments.
-    void Add(const std::string& strExpr, const std::vector<FunArg>& vArgs, const FunCall& fn)
+    void Add(const std::string& strExpr, const std::vector<FunArg>& vArgs, const FunCall& fn,
+             CompareKind eKind = SAME_TEXT)
     {
         std::vector<VARDATA> v(vArgs.size());
         for (size_t i = 0; i < vArgs.size(); ++i) vArgs[i].ToVar(v[i]);
         VARDATA r = UsedSlot();
         int nRet = fn(&m_pool, v, r);
-        m_vCases.push_back(Finish(Fill(strExpr, vArgs), nRet, r, SAME_TEXT));
+        m_vCases.push_back(Finish(Fill(strExpr, vArgs), nRet, r, eKind));
     }
     void Add(const FunCase& c) { m_vCases.push_back(c); }
 
-    // Asks the server and checks every case but those fnDeliberate names.
+    // Every case against the server in one session. A statement the server
+    // refuses must be refused here or give NULL; otherwise our code is 0 and
+    // the NULL-ness and text (or number) are the server's. fnDeliberate names
+    // the cases of the caller's table of differences. The server goes on into
+    // year 0; here dates end at 0001-01-01, so NULL answers such a date.
     void Check(const std::function<bool(const std::string& strSql)>& fnDeliberate = nullptr)
     {
-        CompareWithServer(m_vCases, fnDeliberate);
+        MariaDbReference& db = SharedMariaDb();
+        ASSERT_TRUE(db.Started()) << db.Error();
+        std::vector<std::string> vSql;
+        for (const FunCase& c : m_vCases) vSql.push_back(c.strSql);
+        std::vector<SqlAnswer> vAns;
+        ASSERT_TRUE(db.Eval(vSql, vAns)) << db.Error();
+        ASSERT_EQ(vAns.size(), m_vCases.size());
+        int nFailed = 0;
+        for (size_t i = 0; i < m_vCases.size() && nFailed < 20; ++i) {
+            const FunCase& c = m_vCases[i];
+            const SqlAnswer& a = vAns[i];
+            std::string strOurs = c.bOursNull ? "NULL" : "'" + c.strOurs + "'";
+            EXPECT_FALSE(c.bOwns) << "a result must never own its text: " << c.strSql;
+            if (fnDeliberate && fnDeliberate(c.strSql)) {
+                EXPECT_EQ(c.nRet, 0) << c.strSql;
+                continue;
+            }
+            bool bSame;
+            if (a.bError) {
+                bSame = c.nRet != 0 || c.bOursNull;
+            } else {
+                EXPECT_EQ(c.nRet, 0) << c.strSql;
+                bSame = a.bNull == c.bOursNull && (a.bNull || a.strText == c.strOurs ||
+                                                   (c.eKind == SAME_NUMBER && SameNumber(c.strOurs, a.strText)));
+                if (c.bOursNull && !a.bNull && a.strText.compare(0, 5, "0000-") == 0) bSame = true;
+            }
+            std::string strServer = a.bError ? "error" : a.bNull ? "NULL" : "'" + a.strText + "'";
+            EXPECT_TRUE(bSame) << c.strSql << "\n  server: " << strServer
+                               << "\n  ours:   " << strOurs << " (code " << c.nRet << ")";
+            if (!bSame) ++nFailed;
+        }
         m_vCases.clear();
         m_pool.ResetBuffer();
     }
@@ -433,32 +427,22 @@ inline void AddRows(FunBatch& batch, const std::vector<FunRow>& vRows, const std
     }
 }
 
+// The same with the letters' values in a table; a letter not in it is drawn
+// afresh by fnOther at each place.
+inline void AddRows(FunBatch& batch, const std::vector<FunRow>& vRows, const std::map<char, FunArg>& mArgs,
+                    const std::function<FunArg()>& fnOther)
+{
+    AddRows(batch, vRows, [&](char c) {
+        auto it = mArgs.find(c);
+        return it != mArgs.end() ? it->second : fnOther();
+    });
+}
+
 // ---- Generated dates and the units of intervals.
 
 inline std::string Quote(const std::string& s) { return "'" + s + "'"; }
 
-inline std::string Two(int n)
-{
-    char sz[8];
-    snprintf(sz, sizeof(sz), "%02d", n);
-    return sz;
-}
-
-// NAME(arguments) against our member on the same arguments: numbers as they
-// are, texts (which hold no quote) as quoted literals.
-inline FunCase CallOn(Pool& pool, const std::string& strName, const Fn& fn,
-                      const std::vector<FunArg>& vArgs)
-{
-    std::string strSql = strName + "(";
-    std::vector<VARDATA> v;
-    for (const FunArg& a : vArgs) {
-        bool bText = a.nKind == FunArg::kText;
-        strSql += (v.empty() ? "" : ",") + (bText ? Quote(a.str) : a.Sql());
-        v.push_back(bText ? Text(pool, a.str) : Null());
-        if (!bText) a.ToVar(v.back());
-    }
-    return Call(pool, strSql + ")", fn, v);
-}
+inline std::string Two(int n) { return (n < 10 ? "0" : "") + std::to_string(n); }
 
 // Dates and times of years 1 to 9999, thick around leap days, year ends
 // and the present; every fourth without a time of day.
@@ -481,23 +465,19 @@ inline std::vector<std::string> Dates(int nCount, unsigned nSeed)
     return v;
 }
 
-// The units of an interval: the server's name, the library's interval
-// type and the keyword id that names the same unit. The first nine are
-// the simple units TIMESTAMPADD and TIMESTAMPDIFF take.
+// The units of an interval: the server's name and the library's interval
+// type. The first nine are the simple units TIMESTAMPADD and TIMESTAMPDIFF
+// take.
 struct IntervalUnit {
     const char* lpszName;
     int nType;
-    int nKeywordId;
 };
 inline const IntervalUnit kIntervalUnits[] = {
-    {"MICROSECOND", 1, 416},         {"SECOND", 3, 417},           {"MINUTE", 4, 418},
-    {"HOUR", 5, 419},                {"DAY", 6, 420},              {"WEEK", 7, 421},
-    {"MONTH", 8, 422},               {"QUARTER", 9, 423},          {"YEAR", 10, 146},
-    {"SECOND_MICROSECOND", 11, 424}, {"MINUTE_MICROSECOND", 12, 425}, {"MINUTE_SECOND", 13, 426},
-    {"HOUR_MICROSECOND", 14, 427},   {"HOUR_SECOND", 15, 428},     {"HOUR_MINUTE", 16, 429},
-    {"DAY_MICROSECOND", 17, 430},    {"DAY_SECOND", 18, 431},      {"DAY_MINUTE", 19, 432},
-    {"DAY_HOUR", 20, 433},           {"YEAR_MONTH", 21, 434}};
+    {"MICROSECOND", 1},         {"SECOND", 3},              {"MINUTE", 4},        {"HOUR", 5},
+    {"DAY", 6},                 {"WEEK", 7},                {"MONTH", 8},         {"QUARTER", 9},
+    {"YEAR", 10},               {"SECOND_MICROSECOND", 11}, {"MINUTE_MICROSECOND", 12}, {"MINUTE_SECOND", 13},
+    {"HOUR_MICROSECOND", 14},   {"HOUR_SECOND", 15},        {"HOUR_MINUTE", 16},  {"DAY_MICROSECOND", 17},
+    {"DAY_SECOND", 18},         {"DAY_MINUTE", 19},         {"DAY_HOUR", 20},     {"YEAR_MONTH", 21}};
 const int kSimpleUnits = 9;
-const int kIntervalUnitCount = (int)(sizeof(kIntervalUnits) / sizeof(kIntervalUnits[0]));
 
 } // namespace talvortest

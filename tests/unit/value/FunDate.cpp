@@ -19,11 +19,19 @@ using F = CBaseFunManager;
 
 namespace {
 
-Fn Part(int nFunction)
+FunCall Part(int nFunction)
 {
-    return [nFunction](CTalvorBufferPool* p, VARDATA* a, VARDATA& r) {
-        return CBaseFunManager::DateFuntion(p, a[0], r, nFunction);
-    };
+    return [nFunction](Pool* p, Args& a, VARDATA& r) { return F::DateFuntion(p, a[0], r, nFunction); };
+}
+
+// A member that takes the unit (an interval type or keyword id) first.
+FunCall ByUnit(int (*fn)(Pool*, int, VARDATA&, VARDATA&), int nUnit)
+{
+    return [fn, nUnit](Pool* p, Args& a, VARDATA& r) { return fn(p, nUnit, a[0], r); };
+}
+FunCall ByUnit2(int (*fn)(Pool*, int, VARDATA&, VARDATA&, VARDATA&), int nUnit)
+{
+    return [fn, nUnit](Pool* p, Args& a, VARDATA& r) { return fn(p, nUnit, a[0], a[1], r); };
 }
 
 }  // namespace
@@ -31,14 +39,10 @@ Fn Part(int nFunction)
 TEST(FunDate, PartsWeeksAndFormatsOfGeneratedDatesMatchTheServer)
 {
     CTalvorBufferPool pool;
-    struct Named {
-        const char* m_lpszSql;
-        Fn m_fn;
-    };
+    using Named = std::pair<const char*, FunCall>;
     // Time functions on a date without a time read it differently by design (above).
     auto IsClock = [](const Named& n) {
-        return strstr("HOUR MINUTE SECOND TIME TIME_TO_SEC", n.m_lpszSql) != nullptr &&
-               strcmp(n.m_lpszSql, "TIMESTAMP") != 0;
+        return strstr("HOUR MINUTE SECOND TIME TIME_TO_SEC", n.first) != nullptr && strcmp(n.first, "TIMESTAMP") != 0;
     };
     const std::vector<Named> vParts = {
         {"YEAR", Part(146)},         {"MONTH", Part(422)},       {"DAY", Part(420)},
@@ -46,101 +50,89 @@ TEST(FunDate, PartsWeeksAndFormatsOfGeneratedDatesMatchTheServer)
         {"SECOND", Part(417)},       {"QUARTER", Part(423)},     {"WEEK", Part(421)},
         {"WEEKOFYEAR", Part(628)},   {"DAYOFYEAR", Part(539)},   {"DAYOFWEEK", Part(541)},
         {"WEEKDAY", Part(627)},      {"MONTHNAME", Part(537)},   {"DAYNAME", Part(538)},
-        {"TO_DAYS", Part(623)},      {"TO_SECONDS", Of1(&CBaseFunManager::To_Seconds)},
-        {"DATE", Of1(&CBaseFunManager::Date)},        {"TIME", Of1(&CBaseFunManager::Time)},
-        {"LAST_DAY", Of1(&CBaseFunManager::Last_Day)}, {"TIMESTAMP", Of1(&CBaseFunManager::TalvorTimeStamp)},
-        {"TIME_TO_SEC", Of1(&CBaseFunManager::Time_To_Sec)}};
+        {"TO_DAYS", Part(623)},      {"TO_SECONDS", Of1(&F::To_Seconds)}, {"DATE", Of1(&F::Date)},
+        {"TIME", Of1(&F::Time)},     {"LAST_DAY", Of1(&F::Last_Day)},     {"TIMESTAMP", Of1(&F::TalvorTimeStamp)},
+        {"TIME_TO_SEC", Of1(&F::Time_To_Sec)}};
     const char* arFormats[] = {"%Y-%m-%d %H:%i:%s", "%a %b %e %D %j %c %k", "%W %M %y %p %I %h %S %f",
                                "%r %T %U %u %V %v %X %x %w %%"};
-    std::vector<FunCase> v;
+    FunBatch v;
     for (const std::string& s : Dates(160, 11)) {
         bool bFull = s.size() > 10;
+        std::string strFull = bFull ? s : s + " 00:00:00";
         for (int nForm = 0; nForm < (bFull ? 2 : 3); ++nForm) {
             // As text, as a typed date and time, and a date alone as a stored date.
-            VARDATA a = nForm == 2 ? StoredDate(pool, s)
-                        : nForm    ? DateTime(pool, bFull ? s : s + " 00:00:00")
-                                   : Text(pool, s);
-            std::string strArg = nForm == 2 ? "DATE" + Quote(s)
-                                 : nForm    ? "TIMESTAMP" + Quote(bFull ? s : s + " 00:00:00")
-                                            : Quote(s);
+            VARDATA a = nForm == 2 ? StoredDate(pool, s) : nForm ? DateTime(pool, strFull) : Text(pool, s);
+            std::string strArg = nForm == 2 ? "DATE" + Quote(s) : nForm ? "TIMESTAMP" + Quote(strFull) : Quote(s);
             for (const Named& n : vParts)
                 if (bFull || nForm || !IsClock(n))
-                    v.push_back(Call(pool, std::string(n.m_lpszSql) + "(" + strArg + ")", n.m_fn, {a}));
+                    v.Add(Call(pool, n.first + ("(" + strArg + ")"), n.second, {a}));
             for (int m = 0; m < 8; ++m)
-                v.push_back(Call(pool, "YEARWEEK(" + strArg + "," + std::to_string(m) + ")",
-                                 Of2(&CBaseFunManager::YearWeek),
+                v.Add(Call(pool, "YEARWEEK(" + strArg + "," + std::to_string(m) + ")", Of2(&F::YearWeek),
                                  {a, Int(m)}));
-            for (const IntervalUnit& unit : kIntervalUnits) {
-                int nType = unit.nType;
-                v.push_back(Call(pool, "EXTRACT(" + std::string(unit.lpszName) + " FROM " + strArg + ")",
-                                 [nType](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-                                     return CBaseFunManager::Extract(p, nType, x[0], r);
-                                 },
-                                 {a}));
-            }
+            for (const IntervalUnit& unit : kIntervalUnits)
+                v.Add(Call(pool, "EXTRACT(" + std::string(unit.lpszName) + " FROM " + strArg + ")",
+                                 ByUnit(&F::Extract, unit.nType), {a}));
             for (const char* f : arFormats)
-                v.push_back(Call(pool, "DATE_FORMAT(" + strArg + "," + Quote(f) + ")",
-                                 Of2(&CBaseFunManager::DateFuntion),
+                v.Add(Call(pool, "DATE_FORMAT(" + strArg + "," + Quote(f) + ")", Of2(&F::DateFuntion),
                                  {a, Text(pool, f)}));
             if (s >= "1970-01-02" && s < "2038")
-                v.push_back(Call(pool, "UNIX_TIMESTAMP(" + strArg + ")", Of1(&CBaseFunManager::Unix_TimeStamp), {a}));
+                v.Add(Call(pool, "UNIX_TIMESTAMP(" + strArg + ")", Of1(&F::Unix_TimeStamp), {a}));
         }
     }
+    // The first and last days of years, where the week modes differ.
+    for (int y = 1995; y <= 2030; ++y)
+        for (int d = 1; d <= 14; ++d) {
+            std::string s = std::to_string(y) + (d <= 7 ? "-01-0" : "-12-") + std::to_string(d <= 7 ? d : 17 + d);
+            for (int m = 0; m < 8; ++m)
+                v.Add(Call(pool, "YEARWEEK(" + Quote(s) + "," + std::to_string(m) + ")", Of2(&F::YearWeek),
+                                 {Text(pool, s), Int(m)}));
+            v.Add(Call(pool, "DATE_FORMAT(" + Quote(s) + ",'%U %u %V %v %X %x')", Of2(&F::DateFuntion),
+                             {Text(pool, s), Text(pool, "%U %u %V %v %X %x")}));
+        }
     // Numbers stand for dates as YYYYMMDD, YYMMDD and YYYYMMDDhhmmss.
     for (long long n : {20210315LL, 210315LL, 991231LL, 20210315103000LL, 19991231235959LL, 20210230LL, 5LL})
         for (const Named& p : vParts)
             if (n != 20210230LL || !IsClock(p))
-                v.push_back(Call(pool, std::string(p.m_lpszSql) + "(" + std::to_string(n) + ")", p.m_fn, {Int(n)}));
-    CompareWithServer(v);
+                v.Add(Call(pool, p.first + ("(" + std::to_string(n) + ")"), p.second, {Int(n)}));
+    v.Check();
 }
 
 TEST(FunDate, TimesAndFormatsOfTimesMatchTheServer)
 {
     CTalvorBufferPool pool;
     std::mt19937 rng(23);
-    std::vector<FunCase> v;
-    auto fnMake = Of3(&CBaseFunManager::MakeTime);
-    auto fnSecToTime = Of1(&CBaseFunManager::Sec_To_Time);
-    auto fnToSec = Of1(&CBaseFunManager::Time_To_Sec);
-    auto fnFormat = Of2(&CBaseFunManager::Time_Format);
+    FunBatch v;
+    auto fnToSec = Of1(&F::Time_To_Sec);
     for (int i = 0; i < 200; ++i) {
         long long h = (long long)(rng() % 1600) - 800, m = rng() % 62, s = rng() % 62;
         if (i % 3 == 0) h %= 24;
-        v.push_back(CallOn(pool, "MAKETIME", fnMake, {ArgInt(h), ArgInt(m), ArgInt(s)}));
+        v.Add("MAKETIME(?, ?, ?)", {ArgInt(h), ArgInt(m), ArgInt(s)}, Of3(&F::MakeTime));
         long long n = (long long)(rng() % 5760000) - 2880000;
-        v.push_back(CallOn(pool, "SEC_TO_TIME", fnSecToTime, {ArgInt(n)}));
-        VARDATA t = Null();
-        CBaseFunManager::Sec_To_Time(&pool, *std::vector<VARDATA>{Int(n)}.data(), t);
+        v.Add("SEC_TO_TIME(?)", {ArgInt(n)}, Of1(&F::Sec_To_Time));
+        VARDATA t = Null(), vn = Int(n);
+        F::Sec_To_Time(&pool, vn, t);
         std::string strTime = Show(t);
-        v.push_back(CallOn(pool, "TIME_TO_SEC", fnToSec, {ArgText(strTime)}));
-        v.push_back(Call(pool, "TIME_TO_SEC(TIME" + Quote(strTime) + ")", fnToSec, {t}));
-        v.push_back(Call(pool, "SECOND(TIME" + Quote(strTime) + ")", Part(417), {t}));
-        v.push_back(CallOn(pool, "HOUR", Part(419), {ArgText(strTime)}));
-        v.push_back(CallOn(pool, "MINUTE", Part(418), {ArgText(strTime)}));
+        v.Add("TIME_TO_SEC(?)", {ArgText(strTime)}, fnToSec);
+        v.Add(Call(pool, "TIME_TO_SEC(TIME" + Quote(strTime) + ")", fnToSec, {t}));
+        v.Add(Call(pool, "SECOND(TIME" + Quote(strTime) + ")", Part(417), {t}));
+        v.Add("HOUR(?)", {ArgText(strTime)}, Part(419));
+        v.Add("MINUTE(?)", {ArgText(strTime)}, Part(418));
         const char* lpszFormat = n >= 0 && n < 86400 ? "%H %k %h %I %i %S %s %p %r %T %%" : "%H:%i:%s";
-        v.push_back(CallOn(pool, "TIME_FORMAT", fnFormat, {ArgText(strTime), ArgText(lpszFormat)}));
+        v.Add("TIME_FORMAT(?, ?)", {ArgText(strTime), ArgText(lpszFormat)}, Of2(&F::Time_Format));
     }
     for (long long n : {0LL, 1230LL, 101010LL, 1000000LL, -235959LL, 126000LL})
-        v.push_back(CallOn(pool, "TIME_TO_SEC", fnToSec, {ArgInt(n)}));
+        v.Add("TIME_TO_SEC(?)", {ArgInt(n)}, fnToSec);
     // Fractions of a second are read apart from the time they follow.
     for (const char* t :
          {"100:20:30.25", "-12:00:00.000001", "12:00:00.5", "10.5", "2021-03-15 10:20:30.123456", "00:00:01.1234567"})
-        for (int u = 0; u < 4; ++u) {
-            const IntervalUnit& unit = kIntervalUnits[u];  // MICROSECOND to HOUR
-            v.push_back(CallOn(pool, unit.lpszName, Part(unit.nKeywordId), {ArgText(t)}));
-        }
-    const char* arLocales[] = {"USA", "JIS", "ISO", "EUR", "INTERNAL", "XYZ"};
+        for (int u = 0; u < 4; ++u)  // MICROSECOND to HOUR, by the keywords of their functions
+            v.Add(std::string(kIntervalUnits[u].lpszName) + "(?)", {ArgText(t)}, Part(416 + u));
     const char* arKinds[] = {"DATE", "TIME", "DATETIME", "TIMESTAMP"};
     for (int k = 0; k < 4; ++k)
-        for (const char* l : arLocales) {
-            int nType = 139 + k;
-            v.push_back(Call(pool, "GET_FORMAT(" + std::string(arKinds[k]) + "," + Quote(l) + ")",
-                             [nType](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-                                 return CBaseFunManager::Get_Format(p, nType, x[0], r);
-                             },
-                             {Text(pool, l)}));
-        }
-    CompareWithServer(v);
+        for (const char* l : {"USA", "JIS", "ISO", "EUR", "INTERNAL", "XYZ"})
+            v.Add(Call(pool, "GET_FORMAT(" + std::string(arKinds[k]) + "," + Quote(l) + ")",
+                             ByUnit(&F::Get_Format, 139 + k), {Text(pool, l)}));
+    v.Check();
 }
 
 // The clock is only bounded: the value itself moves.
@@ -148,89 +140,50 @@ TEST(FunDate, ClockReadingsLieBetweenTwoReadingsOfTheSystemClock)
 {
     CTalvorBufferPool pool;
     time_t tBefore = ::time(nullptr);
-    VARDATA vNow = Null(), vUtc = Null(), vDay = Null(), vClock = Null(), vUnix = Null(), vZone = Null();
-    ASSERT_EQ(CBaseFunManager::SysDate(&pool, vNow, 344), 0);
-    ASSERT_EQ(CBaseFunManager::UTC_DateTime(&pool, vUtc, 626), 0);
-    ASSERT_EQ(CBaseFunManager::SysDate(&pool, vDay, 479), 0);
-    ASSERT_EQ(CBaseFunManager::UTC_DateTime(&pool, vClock, 625), 0);
-    ASSERT_EQ(CBaseFunManager::Unix_TimeStamp(&pool, vUnix), 0);
-    ASSERT_EQ(CBaseFunManager::DbTimeZone(&pool, vZone), 0);
+    VARDATA vNow = Null(), vUtc = Null(), vDay = Null(), vClock = Null(), vZone = Null();
+    ASSERT_EQ(F::SysDate(&pool, vNow, 344) | F::UTC_DateTime(&pool, vUtc, 626) | F::SysDate(&pool, vDay, 479) |
+                  F::UTC_DateTime(&pool, vClock, 625) | F::DbTimeZone(&pool, vZone), 0);
+    VARDATA vSeconds[2] = {Null(), Null()};
+    ASSERT_EQ(F::Unix_TimeStamp(&pool, vSeconds[0]) | F::Unix_TimeStamp(&pool, vUtc, vSeconds[1]), 0);
     time_t tAfter = ::time(nullptr);
-    ASSERT_EQ(Val(vNow.m_vt), TALVOR_VT_DATETIME);
-    ASSERT_EQ(Val(vDay.m_vt), TALVOR_VT_DATE);
-    ASSERT_EQ(Val(vClock.m_vt), TALVOR_VT_TIME);
-    EXPECT_GE(Val(vUnix.m_llValue), (long long)tBefore);
-    EXPECT_LE(Val(vUnix.m_llValue), (long long)tAfter);
+    EXPECT_EQ(std::make_tuple(Val(vNow.m_vt), Val(vDay.m_vt), Val(vClock.m_vt)),
+              std::make_tuple(TALVOR_VT_DATETIME, TALVOR_VT_DATE, TALVOR_VT_TIME));
     // The process runs in UTC: every reading agrees.
     EXPECT_EQ(Show(vZone), "+00:00");
-    VARDATA vSeconds = Null();
-    ASSERT_EQ(CBaseFunManager::Unix_TimeStamp(&pool, vUtc, vSeconds), 0);
-    EXPECT_GE(Val(vSeconds.m_llValue), (long long)tBefore);
-    EXPECT_LE(Val(vSeconds.m_llValue), (long long)tAfter);
+    for (const VARDATA& s : vSeconds)
+        EXPECT_TRUE(s.m_llValue >= (long long)tBefore && s.m_llValue <= (long long)tAfter) << s.m_llValue;
     EXPECT_EQ(Show(vNow).substr(0, 10), Show(vDay));
 }
 
-// Oracle's names: TO_CHAR and TO_DATE read and write the same picture.
-TEST(FunDate, ToCharAndToDateRoundTripAndTakeTheirDefaults)
+// Oracle's names: TO_CHAR and TO_DATE read and write the same picture; a
+// number goes by a format of digits (whose forms FunNumberText holds).
+TEST(FunDate, ToCharAndToDateRoundTrip)
 {
     CTalvorBufferPool pool;
-    const char* lpszPicture = "YYYY-MM-DD HH24:MI:SS";
+    VARDATA vFormat = Text(pool, "YYYY-MM-DD HH24:MI:SS"), vDmy = Text(pool, "DD/MM/YYYY");
     for (const std::string& s : Dates(100, 41)) {
         std::string strFull = s.size() > 10 ? s : s + " 00:00:00";
-        VARDATA vText = Text(pool, strFull), vFormat = Text(pool, lpszPicture), vDate = Null(), vBack = Null();
-        ASSERT_EQ(CBaseFunManager::ToDate(&pool, vText, vFormat, vDate), 0);
-        EXPECT_EQ(Show(vDate), strFull);
-        VARDATA vEmpty = Text(pool, "");
-        ASSERT_EQ(CBaseFunManager::ToChar(&pool, vDate, vBack, vEmpty), 0);
-        EXPECT_EQ(Show(vBack), strFull);
-        VARDATA vPicture = Text(pool, "DD/MM/YYYY"), vDay = Null();
-        ASSERT_EQ(CBaseFunManager::ToChar(&pool, vText, vDay, vPicture), 0);
-        EXPECT_EQ(Show(vDay), strFull.substr(8, 2) + "/" + strFull.substr(5, 2) + "/" + strFull.substr(0, 4));
+        VARDATA vText = Text(pool, strFull), vDate = Null(), r = Null();
+        EXPECT_SHOWN(F::ToDate(&pool, vText, vFormat, vDate), vDate, strFull);
+        EXPECT_SHOWN(F::ToChar(&pool, vText, r, vDmy), r,
+                     strFull.substr(8, 2) + "/" + strFull.substr(5, 2) + "/" + strFull.substr(0, 4));
     }
-    VARDATA vDate = Null(), r = Null(), vEmpty = Text(pool, "");
-    vDate.m_vt = TALVOR_VT_DATE;
-    vDate.m_stDate = TALVORDATE{15, 3, 2021};
-    ASSERT_EQ(CBaseFunManager::ToChar(&pool, vDate, r, vEmpty), 0);
-    EXPECT_EQ(Show(r), "2021-03-15");
-    // A number by a format of digits; a second point has no answer.
-    VARDATA vNumber = Dbl(3.14159), vTwo = Text(pool, "999.99"), vBad = Text(pool, "9.9.9");
-    ASSERT_EQ(CBaseFunManager::ToChar(&pool, vNumber, r, vTwo), 0);
-    EXPECT_EQ(Show(r), "3.14");
-    ASSERT_EQ(CBaseFunManager::ToChar(&pool, vNumber, r, vBad), 0);
-    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
-    VARDATA vNoDate = Text(pool, "31-02-2021"), vDmy = Text(pool, "DD-MM-YYYY");
-    ASSERT_EQ(CBaseFunManager::ToDate(&pool, vNoDate, vDmy, r), 0);
-    EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
+    VARDATA r = Null(), vNumber = Dbl(3.14159), vTwo = Text(pool, "999.99");
+    EXPECT_SHOWN(F::ToChar(&pool, vNumber, r, vTwo), r, "3.14");
+    VARDATA vNoDate = Text(pool, "31-02-2021"), vDashes = Text(pool, "DD-MM-YYYY");
+    EXPECT_SHOWN(F::ToDate(&pool, vNoDate, vDashes, r), r, "NULL");
 }
 
 TEST(FunDate, NullInGivesNullOut)
 {
     CTalvorBufferPool pool;
-    typedef int (*Unary)(CTalvorBufferPool*, VARDATA&, VARDATA&);
-    typedef int (*Binary)(CTalvorBufferPool*, VARDATA&, VARDATA&, VARDATA&);
-    const Unary arUnary[] = {F::Date, F::Time, F::From_UnixTime, F::Unix_TimeStamp, F::From_Days, F::To_Days,
-                             F::To_Seconds, F::Last_Day, F::Sec_To_Time, F::Time_To_Sec, F::TalvorTimeStamp,
-                             F::YearWeek, F::ConvertToDateTime};
-    const Binary arBinary[] = {F::ToDate, F::DateFuntion, F::From_UnixTime, F::DateDiff, F::MakeDate, F::TimeDiff,
-                               F::TalvorTimeStamp, F::Period_Diff, F::PeriodAdd, F::YearWeek, F::Time_Format};
-    for (size_t i = 0; i < sizeof(arUnary) / sizeof(arUnary[0]); ++i) {
-        VARDATA a = Null(), r = Int(7);
-        EXPECT_EQ(arUnary[i](&pool, a, r), 0) << i;
-        EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL) << i;
-    }
-    for (size_t i = 0; i < sizeof(arBinary) / sizeof(arBinary[0]); ++i)
-        for (int nSide = 0; nSide < 2; ++nSide) {
-            VARDATA a = nSide ? Text(pool, "2021-03-15") : Null(), b = nSide ? Null() : Text(pool, "%Y"), r = Int(7);
-            EXPECT_EQ(arBinary[i](&pool, a, b, r), 0) << i;
-            EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL) << i << " side " << nSide;
-        }
-    VARDATA a = Null(), b = Text(pool, "2021-03-15");
-    ExpectNullResult([&](VARDATA& x) { return F::DateFuntion(&pool, a, x, 146); }, "YEAR");
-    ExpectNullResult([&](VARDATA& x) { return F::Extract(&pool, 10, a, x); }, "EXTRACT");
-    ExpectNullResult([&](VARDATA& x) { return F::ToChar(&pool, b, x, a); }, "TO_CHAR");
-    ExpectNullResult([&](VARDATA& x) { return F::AddSubDate(&pool, a, b, x, TRUE); }, "DATE_ADD");
-    ExpectNullResult([&](VARDATA& x) { return F::TimeStampDiff(&pool, 8, a, b, x); }, "TIMESTAMPDIFF");
-    ExpectNullResult([&](VARDATA& x) { return F::MakeTime(&pool, b, a, b, x); }, "MAKETIME");
+    ExpectNullSpreads(pool,
+                      {F::Date, F::Time, F::From_UnixTime, F::Unix_TimeStamp, F::From_Days, F::To_Days, F::To_Seconds,
+                       F::Last_Day, F::Sec_To_Time, F::Time_To_Sec, F::TalvorTimeStamp, F::YearWeek,
+                       F::ConvertToDateTime},
+                      {F::ToDate, F::DateFuntion, F::From_UnixTime, F::DateDiff, F::MakeDate, F::TimeDiff,
+                       F::TalvorTimeStamp, F::Period_Diff, F::PeriodAdd, F::YearWeek, F::Time_Format},
+                      Text(pool, "2021-03-15"), Text(pool, "%Y"));
 }
 
 // Date arithmetic against Debian's MariaDB on generated dates and amounts:
@@ -253,7 +206,8 @@ std::string Amount(int nType, std::mt19937& rng)
 {
     auto n = [&](int nMax) { return std::to_string((long long)(rng() % (unsigned)nMax)); };
     std::string strSign = rng() % 3 == 0 ? "-" : "";
-    std::string strMicros = std::to_string(100001 + rng() % 899998);
+    std::string strMicros = "." + std::to_string(100001 + rng() % 899998);
+    std::string strDay = n(100) + " " + n(24), strHour = n(100) + ":" + n(60), strMinute = strHour + ":" + n(60);
     switch (nType) {
     case 1: return strSign + std::to_string(1 + rng() % 99999998 * 10 + 1);
     case 3:
@@ -264,31 +218,37 @@ std::string Amount(int nType, std::mt19937& rng)
     case 8:
     case 9: return strSign + n(400);
     case 10: return strSign + n(60);
-    case 11: return "'" + strSign + n(100) + "." + strMicros + "'";
-    case 12: return "'" + strSign + n(100) + ":" + n(60) + "." + strMicros + "'";
-    case 13: return "'" + strSign + n(100) + ":" + n(60) + "'";
-    case 14: return "'" + strSign + n(100) + ":" + n(60) + ":" + n(60) + "." + strMicros + "'";
-    case 15: return "'" + strSign + n(100) + ":" + n(60) + ":" + n(60) + "'";
-    case 16: return "'" + strSign + n(100) + ":" + n(60) + "'";
-    case 17: return "'" + strSign + n(100) + " " + n(24) + ":" + n(60) + ":" + n(60) + "." + strMicros + "'";
-    case 18: return "'" + strSign + n(100) + " " + n(24) + ":" + n(60) + ":" + n(60) + "'";
-    case 19: return "'" + strSign + n(100) + " " + n(24) + ":" + n(60) + "'";
-    case 20: return "'" + strSign + n(100) + " " + n(24) + "'";
+    case 11: return "'" + strSign + n(100) + strMicros + "'";
+    case 12: return "'" + strSign + strHour + strMicros + "'";
+    case 13:
+    case 16: return "'" + strSign + strHour + "'";
+    case 14: return "'" + strSign + strMinute + strMicros + "'";
+    case 15: return "'" + strSign + strMinute + "'";
+    case 17: return "'" + strSign + strDay + ":" + n(60) + ":" + n(60) + strMicros + "'";
+    case 18: return "'" + strSign + strDay + ":" + n(60) + ":" + n(60) + "'";
+    case 19: return "'" + strSign + strDay + ":" + n(60) + "'";
+    case 20: return "'" + strSign + strDay + "'";
     default: return "'" + strSign + n(30) + "-" + n(12) + "'";
     }
 }
 
-// A value of the amount as the SQL text gives it: quoted text, or a number.
-VARDATA AmountValue(CTalvorBufferPool& pool, const std::string& s)
+// The interval of SQL's "AMOUNT UNIT" (quoted text, or a number), as
+// Interval2 makes it.
+VARDATA IntervalOf(CTalvorBufferPool& pool, const std::string& s)
 {
-    if (s[0] == '\'') return Text(pool, s.substr(1, s.size() - 2));
-    return Int(atoll(s.c_str()));
+    size_t nSpace = s.rfind(' ');
+    int nType = 0;
+    for (const IntervalUnit& unit : kIntervalUnits)
+        if (s.compare(nSpace + 1, std::string::npos, unit.lpszName) == 0) nType = unit.nType;
+    VARDATA vAmount = s[0] == '\'' ? Text(pool, s.substr(1, nSpace - 2)) : Int(atoll(s.c_str())), v = Null();
+    EXPECT_EQ(F::Interval2(&pool, vAmount, nType, v), 0) << s;
+    return v;
 }
 
 // A member that adds or takes away by its flag, as a call of two arguments.
-Fn AddSub(int (*fn)(CTalvorBufferPool*, VARDATA&, VARDATA&, VARDATA&, BOOL), BOOL bAdd)
+FunCall AddSub(int (*fn)(Pool*, VARDATA&, VARDATA&, VARDATA&, BOOL), BOOL bAdd)
 {
-    return [fn, bAdd](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) { return fn(p, x[0], x[1], r, bAdd); };
+    return [fn, bAdd](Pool* p, Args& x, VARDATA& r) { return fn(p, x[0], x[1], r, bAdd); };
 }
 
 std::string TimeOfDay(std::mt19937& rng, int nMaxHours)
@@ -302,8 +262,8 @@ TEST(FunDateArith, IntervalsOfEveryUnitAddAndSubtractAsTheServerDoes)
 {
     CTalvorBufferPool pool;
     std::mt19937 rng(47);
-    std::vector<FunCase> v;
-    Fn fnAdd = AddSub(&F::AddSubDate, TRUE), fnSub = AddSub(&F::AddSubDate, FALSE);
+    FunBatch v;
+    FunCall fnAdd = AddSub(&F::AddSubDate, TRUE), fnSub = AddSub(&F::AddSubDate, FALSE);
     for (const std::string& s : Dates(60, 53)) {
         VARDATA a = Text(pool, s);
         // Microseconds are exact only where the double keeps them (above).
@@ -311,47 +271,31 @@ TEST(FunDateArith, IntervalsOfEveryUnitAddAndSubtractAsTheServerDoes)
         for (const IntervalUnit& unit : kIntervalUnits) {
             int t = unit.nType;
             if (!bMicros && (t == 1 || t == 11 || t == 12 || t == 14 || t == 17)) continue;
-            std::string strAmount = Amount(t, rng);
-            VARDATA vInterval = Null();
-            VARDATA vAmount = AmountValue(pool, strAmount);
-            ASSERT_EQ(CBaseFunManager::Interval2(&pool, vAmount, t, vInterval), 0);
-            std::string strInterval = "INTERVAL " + strAmount + " " + unit.lpszName;
+            std::string strInterval = Amount(t, rng) + " " + unit.lpszName;
             bool bAdd = rng() % 2 == 0;
-            v.push_back(Call(pool, std::string(bAdd ? "DATE_ADD(" : "DATE_SUB(") + Quote(s) + ", " + strInterval + ")",
-                             bAdd ? fnAdd : fnSub, {a, vInterval}));
+            v.Add(Call(pool, (bAdd ? "DATE_ADD(" : "DATE_SUB(") + Quote(s) + ", INTERVAL " + strInterval + ")",
+                             bAdd ? fnAdd : fnSub, {a, IntervalOf(pool, strInterval)}));
         }
         long long nDays = (long long)(rng() % 20000) - 10000;
-        v.push_back(Call(pool, "ADDDATE(" + Quote(s) + "," + std::to_string(nDays) + ")", fnAdd, {a, Int(nDays)}));
-        v.push_back(Call(pool, "SUBDATE(" + Quote(s) + "," + std::to_string(nDays) + ")", fnSub, {a, Int(nDays)}));
+        v.Add(Call(pool, "ADDDATE(" + Quote(s) + "," + std::to_string(nDays) + ")", fnAdd, {a, Int(nDays)}));
+        v.Add(Call(pool, "SUBDATE(" + Quote(s) + "," + std::to_string(nDays) + ")", fnSub, {a, Int(nDays)}));
         // TIMESTAMPADD takes the simple units only.
         for (int u = bMicros ? 0 : 1; u < kSimpleUnits; ++u) {
-            int nType = kIntervalUnits[u].nType;
-            std::string strAmount = Amount(nType, rng);
-            std::string strUnit = kIntervalUnits[u].lpszName;
-            v.push_back(Call(pool, "TIMESTAMPADD(" + strUnit + "," + strAmount + "," + Quote(s) + ")",
-                             [nType](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-                                 return CBaseFunManager::TimeStampAdd(p, nType, x[0], x[1], r);
-                             },
-                             {Int(atoll(strAmount.c_str())), a}));
+            std::string strAmount = Amount(kIntervalUnits[u].nType, rng);
+            v.Add(Call(pool,
+                             "TIMESTAMPADD(" + std::string(kIntervalUnits[u].lpszName) + "," + strAmount + "," +
+                                 Quote(s) + ")",
+                             ByUnit2(&F::TimeStampAdd, kIntervalUnits[u].nType), {Int(atoll(strAmount.c_str())), a}));
         }
     }
     // Month ends clamp, and a month taken back from March 31 lands on the 28th or 29th;
     // a fraction of fewer than six digits is a fraction, not microseconds.
     for (const char* s : {"2021-01-31", "2020-01-31", "2021-03-31 10:00:00", "2020-02-29", "9999-12-31", "0001-01-01"})
         for (const char* i : {"1 MONTH", "-1 MONTH", "13 MONTH", "1 YEAR", "-1 QUARTER", "'1-1' YEAR_MONTH",
-                              "'1.5' SECOND_MICROSECOND", "'-2:3.25' MINUTE_MICROSECOND"}) {
-            VARDATA vInterval = Null(), a = Text(pool, s);
-            std::string strAmount = i;
-            size_t nSpace = strAmount.rfind(' ');
-            std::string strUnit = strAmount.substr(nSpace + 1);
-            int nType = 0;
-            for (const IntervalUnit& unit : kIntervalUnits)
-                if (strUnit == unit.lpszName) nType = unit.nType;
-            VARDATA vAmount = AmountValue(pool, strAmount.substr(0, nSpace));
-            ASSERT_EQ(CBaseFunManager::Interval2(&pool, vAmount, nType, vInterval), 0);
-            v.push_back(Call(pool, "DATE_ADD(" + Quote(s) + ", INTERVAL " + i + ")", fnAdd, {a, vInterval}));
-        }
-    CompareWithServer(v);
+                              "'1.5' SECOND_MICROSECOND", "'-2:3.25' MINUTE_MICROSECOND"})
+            v.Add(Call(pool, "DATE_ADD(" + Quote(s) + ", INTERVAL " + i + ")", fnAdd,
+                             {Text(pool, s), IntervalOf(pool, i)}));
+    v.Check();
 }
 
 TEST(FunDateArith, DistancesInWholeUnitsMatchTheServer)
@@ -361,134 +305,101 @@ TEST(FunDateArith, DistancesInWholeUnitsMatchTheServer)
     std::vector<std::pair<std::string, std::string>> vPairs;
     for (size_t i = 0; i + 1 < vDates.size(); ++i) vPairs.push_back({vDates[i], vDates[i + 1]});
     // A month is complete only when the day and then the time come round.
-    const char* arEdges[][2] = {{"2021-01-31 10:00:00", "2021-02-28 10:00:00"},
-                                {"2021-03-15 10:00:00", "2021-04-15 09:59:59"},
-                                {"2021-03-15 10:00:00", "2021-04-15 10:00:00"},
-                                {"2020-02-29", "2021-02-28"},
-                                {"2020-02-29", "2024-02-29"},
-                                {"2021-04-15 10:00:00", "2021-03-15 10:00:01"},
-                                {"2021-12-31 23:59:59", "2022-01-01 00:00:00"}};
-    for (auto& e : arEdges) vPairs.push_back({e[0], e[1]});
-    std::vector<FunCase> v;
+    vPairs.insert(vPairs.end(), {{"2021-01-31 10:00:00", "2021-02-28 10:00:00"},
+                                 {"2021-03-15 10:00:00", "2021-04-15 09:59:59"},
+                                 {"2021-03-15 10:00:00", "2021-04-15 10:00:00"},
+                                 {"2020-02-29", "2021-02-28"},
+                                 {"2020-02-29", "2024-02-29"},
+                                 {"2021-04-15 10:00:00", "2021-03-15 10:00:01"},
+                                 {"2021-12-31 23:59:59", "2022-01-01 00:00:00"}});
+    FunBatch v;
     for (const auto& p : vPairs) {
         VARDATA a = Text(pool, p.first), b = Text(pool, p.second);
         std::string strArgs = Quote(p.first) + "," + Quote(p.second);
-        for (int u = 0; u < kSimpleUnits; ++u) {
-            int nType = kIntervalUnits[u].nType;
-            v.push_back(Call(pool, "TIMESTAMPDIFF(" + std::string(kIntervalUnits[u].lpszName) + "," + strArgs + ")",
-                             [nType](CTalvorBufferPool* pp, VARDATA* x, VARDATA& r) {
-                                 return CBaseFunManager::TimeStampDiff(pp, nType, x[0], x[1], r);
-                             },
-                             {a, b}));
-        }
-        v.push_back(Call(pool, "DATEDIFF(" + strArgs + ")", Of2(&CBaseFunManager::DateDiff), {a, b}));
+        for (int u = 0; u < kSimpleUnits; ++u)
+            v.Add(Call(pool, "TIMESTAMPDIFF(" + std::string(kIntervalUnits[u].lpszName) + "," + strArgs + ")",
+                             ByUnit2(&F::TimeStampDiff, kIntervalUnits[u].nType), {a, b}));
+        v.Add(Call(pool, "DATEDIFF(" + strArgs + ")", Of2(&F::DateDiff), {a, b}));
     }
-    CompareWithServer(v);
+    v.Check();
 }
 
 TEST(FunDateArith, TimesSecondsPeriodsAndDayCountsMatchTheServer)
 {
     CTalvorBufferPool pool;
     std::mt19937 rng(61);
-    std::vector<FunCase> v;
-    Fn fnAddTime = AddSub(&F::AddSubTime, TRUE), fnSubTime = AddSub(&F::AddSubTime, FALSE);
-    auto fnTimeDiff = Of2(&CBaseFunManager::TimeDiff);
-    auto fnStamp = Of2(&CBaseFunManager::TalvorTimeStamp);
-    Fn fnAdd = AddSub(&F::AddSubDate, TRUE);
+    FunBatch v;
+    FunCall fnAddTime = AddSub(&F::AddSubTime, TRUE), fnSubTime = AddSub(&F::AddSubTime, FALSE);
+    FunCall fnAdd = AddSub(&F::AddSubDate, TRUE);
+    auto fnTimeDiff = Of2(&F::TimeDiff);
     for (std::string s : Dates(80, 67)) {
         if (s.size() == 10) s += " 00:00:00";
-        std::string t = TimeOfDay(rng, 300), t2 = TimeOfDay(rng, 300);
-        VARDATA a = Text(pool, s);
-        v.push_back(CallOn(pool, "ADDTIME", fnAddTime, {ArgText(s), ArgText(t)}));
-        v.push_back(CallOn(pool, "SUBTIME", fnSubTime, {ArgText(s), ArgText(t)}));
-        v.push_back(CallOn(pool, "ADDTIME", fnAddTime, {ArgText(t), ArgText(t2)}));
-        v.push_back(CallOn(pool, "SUBTIME", fnSubTime, {ArgText(t), ArgText(t2)}));
-        v.push_back(CallOn(pool, "TIMEDIFF", fnTimeDiff, {ArgText(t), ArgText(t2)}));
-        v.push_back(CallOn(pool, "TIMESTAMP", fnStamp, {ArgText(s), ArgText(t)}));
+        std::string t = TimeOfDay(rng, 300), t2 = TimeOfDay(rng, 300), strDay = s.substr(0, 10);
+        v.Add("ADDTIME(?, ?)", {ArgText(s), ArgText(t)}, fnAddTime);
+        v.Add("SUBTIME(?, ?)", {ArgText(s), ArgText(t)}, fnSubTime);
+        v.Add("ADDTIME(?, ?)", {ArgText(t), ArgText(t2)}, fnAddTime);
+        v.Add("SUBTIME(?, ?)", {ArgText(t), ArgText(t2)}, fnSubTime);
+        v.Add("TIMEDIFF(?, ?)", {ArgText(t), ArgText(t2)}, fnTimeDiff);
+        v.Add("TIMESTAMP(?, ?)", {ArgText(s), ArgText(t)}, Of2(&F::TalvorTimeStamp));
         // Stored times keep their kind; a stored date stays a date for whole days.
-        VARDATA st = StoredTime(pool, t), st2 = StoredTime(pool, t2), sd = StoredDate(pool, s.substr(0, 10));
-        v.push_back(Call(pool, "ADDTIME(TIME" + Quote(t) + ",TIME" + Quote(t2) + ")", fnAddTime, {st, st2}));
-        v.push_back(Call(pool, "TIMEDIFF(TIME" + Quote(t) + ",TIME" + Quote(t2) + ")", fnTimeDiff, {st, st2}));
+        VARDATA st = StoredTime(pool, t), st2 = StoredTime(pool, t2), sd = StoredDate(pool, strDay);
+        v.Add(Call(pool, "ADDTIME(TIME" + Quote(t) + ",TIME" + Quote(t2) + ")", fnAddTime, {st, st2}));
+        v.Add(Call(pool, "TIMEDIFF(TIME" + Quote(t) + ",TIME" + Quote(t2) + ")", fnTimeDiff, {st, st2}));
         for (const char* i : {"7 HOUR", "-75 MINUTE", "'1:30' HOUR_MINUTE"}) {
-            std::string strAmount = i;
-            size_t nSpace = strAmount.find(' ');
-            int nType = strAmount.find("MINUTE") == std::string::npos  ? 5
-                        : strAmount.find("HOUR_") == std::string::npos ? 4
-                                                                       : 16;
-            VARDATA vInterval = Null(), vAmount = AmountValue(pool, strAmount.substr(0, nSpace));
-            ASSERT_EQ(CBaseFunManager::Interval2(&pool, vAmount, nType, vInterval), 0);
-            v.push_back(Call(pool, "DATE_ADD(TIME" + Quote(t) + ", INTERVAL " + i + ")", fnAdd, {st, vInterval}));
-            v.push_back(
-                Call(pool, "DATE_ADD(DATE" + Quote(s.substr(0, 10)) + ", INTERVAL " + i + ")", fnAdd, {sd, vInterval}));
+            VARDATA vInterval = IntervalOf(pool, i);
+            v.Add(Call(pool, "DATE_ADD(TIME" + Quote(t) + ", INTERVAL " + i + ")", fnAdd, {st, vInterval}));
+            v.Add(Call(pool, "DATE_ADD(DATE" + Quote(strDay) + ", INTERVAL " + i + ")", fnAdd, {sd, vInterval}));
         }
-        VARDATA vWeek = Null(), vTwo = Int(2);
-        ASSERT_EQ(CBaseFunManager::Interval2(&pool, vTwo, 7, vWeek), 0);
-        v.push_back(Call(pool, "DATE_ADD(DATE" + Quote(s.substr(0, 10)) + ", INTERVAL 2 WEEK)", fnAdd, {sd, vWeek}));
+        v.Add(Call(pool, "DATE_ADD(DATE" + Quote(strDay) + ", INTERVAL 2 WEEK)", fnAdd,
+                         {sd, IntervalOf(pool, "2 WEEK")}));
         // Two dates a few days apart, within the range of a time.
-        VARDATA vLater = Null(), vHours = Int((long long)(rng() % 1400) - 700);
-        ASSERT_EQ(CBaseFunManager::TimeStampAdd(&pool, 5, vHours, a, vLater), 0);
-        if (Val(vLater.m_vt) == TALVOR_VT_NULL) continue;
-        v.push_back(CallOn(pool, "TIMEDIFF", fnTimeDiff, {ArgText(Show(vLater)), ArgText(s)}));
+        VARDATA a = Text(pool, s), vLater = Null(), vHours = Int((long long)(rng() % 1400) - 700);
+        ASSERT_EQ(F::TimeStampAdd(&pool, 5, vHours, a, vLater), 0);
+        if (Val(vLater.m_vt) != TALVOR_VT_NULL)
+            v.Add("TIMEDIFF(?, ?)", {ArgText(Show(vLater)), ArgText(s)}, fnTimeDiff);
     }
     for (int i = 0; i < 100; ++i) {
         long long n = i < 3 ? i : (long long)(rng() % 2147483647u);
-        v.push_back(CallOn(pool, "FROM_UNIXTIME", Of1(&F::From_UnixTime), {ArgInt(n)}));
-        v.push_back(CallOn(pool, "FROM_UNIXTIME", Of2(&F::From_UnixTime),
-                           {ArgInt(n), ArgText("%d.%m.%Y %T")}));
+        v.Add("FROM_UNIXTIME(?)", {ArgInt(n)}, Of1(&F::From_UnixTime));
+        v.Add("FROM_UNIXTIME(?, ?)", {ArgInt(n), ArgText("%d.%m.%Y %T")}, Of2(&F::From_UnixTime));
         long long p1 = (1 + rng() % 9998) * 100 + 1 + rng() % 12, p2 = (rng() % 100) * 100 + 1 + rng() % 12;
         long long nMonths = (long long)(rng() % 2000) - 1000;
-        v.push_back(CallOn(pool, "PERIOD_DIFF", Of2(&F::Period_Diff), {ArgInt(p1), ArgInt(p2)}));
-        v.push_back(CallOn(pool, "PERIOD_ADD", Of2(&F::PeriodAdd), {ArgInt(p2), ArgInt(nMonths)}));
+        v.Add("PERIOD_DIFF(?, ?)", {ArgInt(p1), ArgInt(p2)}, Of2(&F::Period_Diff));
+        v.Add("PERIOD_ADD(?, ?)", {ArgInt(p2), ArgInt(nMonths)}, Of2(&F::PeriodAdd));
         long long y = i < 10 ? i * 11 : 1000 + rng() % 9000, d = (long long)(rng() % 800) - 10;
-        v.push_back(CallOn(pool, "MAKEDATE", Of2(&F::MakeDate), {ArgInt(y), ArgInt(d)}));
-        v.push_back(CallOn(pool, "FROM_DAYS", Of1(&F::From_Days), {ArgInt(366 + rng() % 3652059)}));
+        v.Add("MAKEDATE(?, ?)", {ArgInt(y), ArgInt(d)}, Of2(&F::MakeDate));
+        v.Add("FROM_DAYS(?)", {ArgInt(366 + rng() % 3652059)}, Of1(&F::From_Days));
     }
     const char* arZones[] = {"+00:00", "+08:00", "-05:30", "+13:00", "-12:00", "+14:00", "08:00"};
     // Inside the server's range of converted values (above).
     for (const std::string& s : Dates(40, 71))
-        for (int i = 0; i < 3 && s > "1970-01-02" && s < "2038"; ++i) {
-            FunArg from = ArgText(arZones[rng() % 7]), to = ArgText(arZones[rng() % 7]);
-            v.push_back(CallOn(pool, "CONVERT_TZ", Of3(&F::Convert_TZ), {ArgText(s), from, to}));
-        }
-    Fn fnInterval = [](CTalvorBufferPool* p, VARDATA* x, VARDATA& r) {
-        return CBaseFunManager::TalvorInterval(p, 5, x, r);
-    };
+        for (int i = 0; i < 3 && s > "1970-01-02" && s < "2038"; ++i)
+            v.Add("CONVERT_TZ(?, ?, ?)", {ArgText(s), ArgText(arZones[rng() % 7]), ArgText(arZones[rng() % 7])},
+                  Of3(&F::Convert_TZ));
+    FunCall fnInterval = [](Pool* p, Args& x, VARDATA& r) { return F::TalvorInterval(p, 5, x.data(), r); };
     for (FunArg n : {ArgInt(-5), ArgInt(0), ArgInt(1), ArgInt(3), ArgInt(10), ArgInt(100), ArgNull()})
-        v.push_back(CallOn(pool, "INTERVAL", fnInterval, {n, ArgInt(1), ArgInt(3), ArgInt(5), ArgInt(10)}));
-    CompareWithServer(v);
+        v.Add("INTERVAL(?, ?, ?, ?, ?)", {n, ArgInt(1), ArgInt(3), ArgInt(5), ArgInt(10)}, fnInterval);
+    v.Check();
 }
 
-// The units of Extract, TimeStampAdd and TimeStampDiff are the interval
-// types or the keyword ids of their names; both give the same answers.
-TEST(FunDateArith, KeywordIdsOfUnitsNameTheIntervalTypes)
+// Units and amounts the server never takes: a compound unit for
+// TIMESTAMPADD, no unit, an amount that is no number, and an interval
+// read within its length.
+TEST(FunDateArith, BadUnitsAndAmountsAreRefused)
 {
     CTalvorBufferPool pool;
-    VARDATA a = Text(pool, "2021-03-15 10:20:30.123456"), b = Text(pool, "2023-07-01 01:02:03");
-    for (int u = 0; u < kIntervalUnitCount; ++u) {
-        const IntervalUnit& unit = kIntervalUnits[u];
-        VARDATA r1 = Null(), r2 = Null();
-        ASSERT_EQ(CBaseFunManager::Extract(&pool, unit.nType, a, r1), 0);
-        ASSERT_EQ(CBaseFunManager::Extract(&pool, unit.nKeywordId, a, r2), 0);
-        EXPECT_EQ(Show(r1), Show(r2)) << unit.lpszName;
-        if (u >= kSimpleUnits) continue;
-        ASSERT_EQ(CBaseFunManager::TimeStampDiff(&pool, unit.nKeywordId, a, b, r2), 0);
-        ASSERT_EQ(CBaseFunManager::TimeStampDiff(&pool, unit.nType, a, b, r1), 0);
-        EXPECT_EQ(Show(r1), Show(r2)) << unit.lpszName;
-    }
+    VARDATA a = Text(pool, "2021-03-15 10:20:30.123456");
     VARDATA r = Null(), vOne = Int(1);
-    EXPECT_EQ(CBaseFunManager::TimeStampAdd(&pool, 431, vOne, a, r), TALVOR_DATE_BAD_INTERVAL);
-    EXPECT_EQ(CBaseFunManager::Interval2(&pool, vOne, 0, r), TALVOR_DATE_BAD_INTERVAL);
+    EXPECT_EQ(F::TimeStampAdd(&pool, 431, vOne, a, r), TALVOR_DATE_BAD_INTERVAL);
+    EXPECT_EQ(F::Interval2(&pool, vOne, 0, r), TALVOR_DATE_BAD_INTERVAL);
     // A bad amount of an interval is the date library's code, not a guess.
     VARDATA vBad = Text(pool, "x:y"), vInterval = Null();
-    ASSERT_EQ(CBaseFunManager::Interval2(&pool, vBad, 16, vInterval), 0);
-    EXPECT_EQ(CBaseFunManager::AddSubDate(&pool, a, vInterval, r, TRUE), TALVOR_DATE_BAD_PARAMETER);
+    ASSERT_EQ(F::Interval2(&pool, vBad, 16, vInterval), 0);
+    EXPECT_EQ(F::AddSubDate(&pool, a, vInterval, r, TRUE), TALVOR_DATE_BAD_PARAMETER);
     EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
     // An interval is read within its length, whatever stands behind it.
     char arLonger[] = {1, 6, 7, '5', '0', '0'};
     VARDATA vShort = Null(), vDay = Text(pool, "2021-03-15");
-    vShort.m_vt = TALVOR_VT_TEXT;
-    vShort.m_lpszValue = arLonger;
-    vShort.m_nStrLen = 4;
-    ASSERT_EQ(CBaseFunManager::AddSubDate(&pool, vDay, vShort, r, TRUE), 0);
-    EXPECT_EQ(Show(r), "2021-03-20");
+    vShort.AttachString(arLonger, 4, TALVOR_VT_TEXT);
+    EXPECT_SHOWN(F::AddSubDate(&pool, vDay, vShort, r, TRUE), r, "2021-03-20");
 }
