@@ -2,7 +2,6 @@
 // their rules: quoting, case, limits at and just past each edge, the plain
 // name that reads to its NUL), and the JSON key check.
 
-#include "TalvorKeywordParse.h"
 #include "TalvorSqlText.h"
 
 #include <gtest/gtest.h>
@@ -14,13 +13,8 @@
 namespace {
 
 struct Head {
-    int m_nResult;
+    int m_nResult, m_nBracket, m_nStart, m_nEnd, m_nPos, m_nSqlLen;
     std::string m_strWord;
-    int m_nBracket;
-    int m_nStart;
-    int m_nEnd;
-    int m_nPos;
-    int m_nSqlLen;
 };
 
 Head Parse(const std::string& sql, BOOL bComments = TRUE) {
@@ -48,60 +42,51 @@ Head Parse(const std::string& sql, BOOL bComments = TRUE) {
 
 }  // namespace
 
-TEST(SqlHead, WordAfterSemicolonsParenthesesAndComments) {
-    EXPECT_EQ(Parse("select 1").m_strWord, "select");
-    EXPECT_EQ(Parse("SELECT*FROM t").m_strWord, "SELECT");
-    EXPECT_EQ(Parse("label: loop").m_strWord, "label");
-
-    Head h = Parse("  ((  select 1 ; ) ) ;;  ");
-    EXPECT_EQ(h.m_nResult, 0);
-    EXPECT_EQ(h.m_strWord, "select");
-    EXPECT_EQ(h.m_nBracket, 0);
-    // The parentheses and the semicolon are gone from the statement.
-    EXPECT_EQ(h.m_nSqlLen, 14);
-
-    // The first parenthesis closes before the end: it stays, and counts.
-    h = Parse("(select 1) union (select 2);");
-    EXPECT_EQ(h.m_strWord, "select");
-    EXPECT_EQ(h.m_nBracket, 1);
-    EXPECT_EQ(h.m_nSqlLen, 27);
-    // A parenthesis in a string doesn't pair.
-    h = Parse("(select ')') ");
-    EXPECT_EQ(h.m_nBracket, 0);
-    EXPECT_EQ(h.m_nSqlLen, 11);
-
-    h = Parse("-- note\n# more\n/* block */ update t");
-    EXPECT_EQ(h.m_strWord, "update");
-    EXPECT_EQ(h.m_nPos, 33);
-    EXPECT_EQ(h.m_nStart, 0);
-    EXPECT_EQ(Parse("# note\nselect", FALSE).m_nResult, TALVOR_ERROR_HEAD_START_CHARACTER);
-
-    const std::string versioned = "/*!40101 SET NAMES utf8 */ select 1";
-    h = Parse(versioned);
-    EXPECT_EQ(h.m_nStart, 8);
-    EXPECT_EQ(h.m_nEnd, 26);
-    EXPECT_EQ(h.m_strWord, "select");
-}
-
-TEST(SqlHead, ErrorsAndBounds) {
-    EXPECT_EQ(Parse("select(1)").m_nResult, TALVOR_ERROR_HEAD_CHARACTER);
-    EXPECT_EQ(Parse("3 + 4").m_nResult, TALVOR_ERROR_HEAD_START_CHARACTER);
-    // Twelve letters fit, thirteen don't, and no more than twelve are written.
-    EXPECT_EQ(Parse("abcdefghijkl x").m_nResult, 0);
-    Head h = Parse("abcdefghijklm x");
-    EXPECT_EQ(h.m_nResult, TALVOR_ERROR_HEAD_COMMAND);
-    EXPECT_EQ(h.m_strWord, "abcdefghijkl");
-    EXPECT_EQ(Parse(std::string(5000, 'a')).m_nResult, TALVOR_ERROR_HEAD_COMMAND);
-    // No word at all.
-    for (const char* s : {"", "  -- only", "/* never closes", "/*!123", "((("}) {
-        h = Parse(s);
-        EXPECT_TRUE(h.m_nResult == 0 || h.m_nResult == TALVOR_ERROR_HEAD_START_CHARACTER) << s;
-        EXPECT_EQ(h.m_strWord, "") << s;
+// Each statement head: result, word, and the fields that matter for it (-1:
+// not checked): parentheses left, statement length, position, and the span
+// of a versioned comment.
+TEST(SqlHead, WordsBoundsAndErrors) {
+    struct Case {
+        std::string strSql;
+        int nResult;
+        const char* lpszWord;
+        int nBracket, nSqlLen, nPos, nStart, nEnd;
+    };
+    const int S = TALVOR_ERROR_HEAD_START_CHARACTER;
+    const Case arCases[] = {
+        {"SELECT*FROM t", 0, "SELECT", -1, -1, -1, -1, -1},
+        {"label: loop", 0, "label", -1, -1, -1, -1, -1},
+        // The parentheses and the semicolon are gone from the statement.
+        {"  ((  select 1 ; ) ) ;;  ", 0, "select", 0, 14, -1, -1, -1},
+        // The first parenthesis closes before the end: it stays, and counts.
+        {"(select 1) union (select 2);", 0, "select", 1, 27, -1, -1, -1},
+        {"(select ')') ", 0, "select", 0, 11, -1, -1, -1},  // a parenthesis in a string doesn't pair
+        {"-- note\n# more\n/* block */ update t", 0, "update", -1, -1, 33, 0, -1},
+        {"/*!40101 SET NAMES utf8 */ select 1", 0, "select", -1, -1, -1, 8, 26},
+        {"select(1)", TALVOR_ERROR_HEAD_CHARACTER, nullptr, -1, -1, -1, -1, -1},
+        {"3 + 4", S, nullptr, -1, -1, -1, -1, -1},
+        // Twelve letters fit, thirteen don't, and no more than twelve are written.
+        {"abcdefghijkl x", 0, "abcdefghijkl", -1, -1, -1, -1, -1},
+        {"abcdefghijklm x", TALVOR_ERROR_HEAD_COMMAND, "abcdefghijkl", -1, -1, -1, -1, -1},
+        {std::string(5000, 'a'), TALVOR_ERROR_HEAD_COMMAND, nullptr, -1, -1, -1, -1, -1},
+        // No word at all; quotes that never close inside parentheses that do.
+        {"  -- only", -2, "", -1, -1, -1, -1, -1},
+        {"/* never closes", -2, "", -1, -1, -1, -1, -1},
+        {"/*!123", -2, "", -1, -1, -1, -1, 6},
+        {"(((", -2, "", 3, -1, -1, -1, -1},
+        {"('select)", -1, nullptr, -1, 9, -1, -1, -1},
+    };
+    for (const Case& c : arCases) {
+        SCOPED_TRACE(c.strSql.substr(0, 40));
+        const Head h = Parse(c.strSql);
+        const bool bResult = c.nResult == -2 ? h.m_nResult == 0 || h.m_nResult == S : c.nResult == h.m_nResult;
+        EXPECT_TRUE(c.nResult == -1 || bResult) << h.m_nResult;
+        EXPECT_EQ(h.m_strWord, c.lpszWord ? c.lpszWord : h.m_strWord);
+        const int arGot[] = {h.m_nBracket, h.m_nSqlLen, h.m_nPos, h.m_nStart, h.m_nEnd};
+        const int arWant[] = {c.nBracket, c.nSqlLen, c.nPos, c.nStart, c.nEnd};
+        for (int k = 0; k < 5; ++k) EXPECT_EQ(arGot[k], arWant[k] < 0 ? arGot[k] : arWant[k]) << k;
     }
-    EXPECT_EQ(Parse("/*!123").m_nEnd, 6);
-    EXPECT_EQ(Parse("(((").m_nBracket, 3);
-    // Quotes that never close, inside parentheses that do.
-    EXPECT_EQ(Parse("('select)").m_nSqlLen, 9);
+    EXPECT_EQ(Parse("# note\nselect", FALSE).m_nResult, S) << "comments not allowed";
 }
 
 namespace {
@@ -127,114 +112,72 @@ Title Cut(const std::string& s, BOOL bTalvor) {
 
 TEST(SqlTitle, QuotedPlainAndTokens) {
     EXPECT_EQ(Cut("\"My Title\"", FALSE).m_nResult, TALVOR_NAME_QUOTED);
-    EXPECT_EQ(Cut("'it'", TRUE).m_strTitle, "it");
     EXPECT_EQ(Cut("`mixed`", TRUE).m_strTitle, "MIXED");
     EXPECT_EQ(Cut("`mixed`", FALSE).m_strTitle, "mixed");
     EXPECT_EQ(Cut("\"mixed\"", TRUE).m_strTitle, "mixed");
-
-    const std::string quoted = "\"" + std::string(80, 'q') + "\"";
-    EXPECT_EQ(Cut(quoted, TRUE).m_strTitle, std::string(31, 'q'));
-    EXPECT_EQ(Cut(quoted, FALSE).m_strTitle, std::string(63, 'q'));
-    EXPECT_EQ(Cut(std::string(80, 'w'), TRUE).m_strTitle, std::string(31, 'w'));
+    // Cut to the room, quoted or plain.
+    EXPECT_EQ(Cut("\"" + std::string(80, 'q') + "\"", TRUE).m_strTitle, std::string(31, 'q'));
     EXPECT_EQ(Cut(std::string(80, 'w'), FALSE).m_nResult, TALVOR_NAME_PLAIN);
     EXPECT_EQ(Cut(std::string(80, 'w'), FALSE).m_strTitle, std::string(63, 'w'));
-
-    // Words, keywords included, are titles; tokens of the no-word classes
-    // are copied but answer 0.
+    // Keywords are titles; punctuation is copied but answers 0.
     EXPECT_EQ(Cut("from", FALSE).m_nResult, TALVOR_NAME_PLAIN);
-    EXPECT_EQ(Cut("42", FALSE).m_nResult, TALVOR_NAME_PLAIN);
-    for (const char* s : {"(", ",", "<=", "=", "*", "?", "@", "NULL"}) {
-        CTalvorKeywordParse* pParse = CTalvorKeywordParse::instance();
-        ASSERT_NE(pParse, nullptr);
-        const int nClass = pParse->GetKeyword(s, (int)strlen(s), TRUE);
-        const Title t = Cut(s, FALSE);
-        EXPECT_EQ(t.m_nResult, nClass >= 5 && nClass <= 42 ? 0 : TALVOR_NAME_PLAIN) << s << " " << nClass;
-        EXPECT_EQ(t.m_strTitle, s);
-    }
+    EXPECT_EQ(Cut("<=", FALSE).m_nResult, 0);
     EXPECT_EQ(Cut("", FALSE).m_nResult, 0);
-    EXPECT_EQ(Cut("", FALSE).m_strTitle, "");
 }
 
-namespace {
-
-struct NameCut {
-    int m_nResult;
-    std::string m_strOut;
-};
-
-NameCut Name(const std::string& s) {
-    char szOut[128] = "garbage";
-    const int n = CopyNameFromSql(s.c_str(), (int)s.size(), szOut);
-    return {n, szOut};
-}
-
-}  // namespace
-
-TEST(ObjectNames, QuotingCaseAndLimits) {
-    EXPECT_EQ(Name("\"Mixed Case\"").m_strOut, "Mixed Case");
-    EXPECT_EQ(Name("`lower`").m_strOut, "LOWER");
-    EXPECT_EQ(Name("t_1#$").m_nResult, TALVOR_NAME_PLAIN);
-    EXPECT_EQ(Name("t_1#$").m_strOut, "T_1#$");
-    EXPECT_EQ(Name("#tmp").m_nResult, TALVOR_NAME_PLAIN);
-    EXPECT_EQ(Name("1abc").m_nResult, TALVOR_NAME_BAD);
-    EXPECT_EQ(Name("a-b").m_nResult, TALVOR_NAME_BAD);
-    EXPECT_EQ(Name("\"\"").m_nResult, TALVOR_NAME_BAD);
-    EXPECT_EQ(Name("\"" + std::string(63, 'x') + "\"").m_nResult, TALVOR_NAME_QUOTED);
-    EXPECT_EQ(Name("\"" + std::string(64, 'x') + "\"").m_nResult, TALVOR_NAME_BAD);
-    EXPECT_EQ(Name(std::string(64, 'x')).m_nResult, TALVOR_NAME_PLAIN);
-    EXPECT_EQ(Name(std::string(65, 'x')).m_nResult, TALVOR_NAME_BAD);
-    // A plain name runs to its NUL whatever nLen says.
-    char szOut[80];
-    EXPECT_EQ(CopyNameFromSql("abc def", 3, szOut), TALVOR_NAME_BAD);
-    EXPECT_EQ(CopyNameFromSql("abcdef", 3, szOut), TALVOR_NAME_PLAIN);
-    EXPECT_STREQ(szOut, "ABCDEF");
-}
-
-TEST(OtherNames, UserDatabasePasswordString) {
-    char szOut[128];
-    EXPECT_EQ(CopyUserNameFromSql("'root'", 6, szOut), TALVOR_NAME_QUOTED);
-    EXPECT_STREQ(szOut, "root");
-    EXPECT_EQ(CopyUserNameFromSql("`Ad Min`", 8, szOut), TALVOR_NAME_QUOTED);
-    EXPECT_STREQ(szOut, "Ad Min");
-    EXPECT_EQ(CopyUserNameFromSql("Admin1", 6, szOut), TALVOR_NAME_PLAIN);
-    EXPECT_STREQ(szOut, "Admin1");
-    EXPECT_EQ(CopyUserNameFromSql("_x", 2, szOut), TALVOR_NAME_BAD);
-    const std::string strLong(70, 'u');
-    EXPECT_EQ(CopyUserNameFromSql(strLong.c_str(), 70, szOut), TALVOR_NAME_PLAIN);
-    EXPECT_EQ(std::string(szOut), std::string(64, 'u'));
-
-    EXPECT_EQ(CopyDatabaseNameFromSql("'My DB'", 7, szOut), TALVOR_NAME_PLAIN);
-    EXPECT_STREQ(szOut, "My DB");
-    const std::string strQuoted = "`" + std::string(100, 'd') + "`";
-    EXPECT_EQ(CopyDatabaseNameFromSql(strQuoted.c_str(), (int)strQuoted.size(), szOut), TALVOR_NAME_PLAIN);
-    EXPECT_EQ(std::string(szOut).size(), 100u);
-    EXPECT_EQ(CopyDatabaseNameFromSql(std::string(63, 'd').c_str(), 63, szOut), TALVOR_NAME_PLAIN);
-    EXPECT_EQ(CopyDatabaseNameFromSql(std::string(64, 'd').c_str(), 64, szOut), TALVOR_NAME_BAD);
-
-    EXPECT_EQ(CopyPassWordFromSql("'s3cr3t!'", 9, szOut, 0), TALVOR_NAME_QUOTED);
-    EXPECT_STREQ(szOut, "s3cr3t!");
-    EXPECT_EQ(CopyPassWordFromSql("'s3cr3t!'", 9, szOut, 6), TALVOR_NAME_BAD);
-    EXPECT_EQ(CopyPassWordFromSql("abcdefgh", 8, szOut, 4), TALVOR_NAME_PLAIN);
-    EXPECT_STREQ(szOut, "abcd");
-
-    EXPECT_EQ(CopyStringFromSql("'hello'", 7, szOut, 6), 1);
-    EXPECT_STREQ(szOut, "hello");
-    EXPECT_EQ(CopyStringFromSql("'hello'", 7, szOut, 5), 2);
-    EXPECT_EQ(CopyStringFromSql("''", 2, szOut, 1), 1);
-    EXPECT_STREQ(szOut, "");
-    EXPECT_EQ(CopyStringFromSql("\"x\"", 3, szOut, 8), 0);
+// Each name copier on one input: its answer and what it wrote ("-": not
+// checked). A plain object name runs to its NUL whatever nLen says.
+TEST(SqlNames, QuotingCaseAndLimits) {
+    enum { OBJECT, USER, DATABASE, PASSWORD, STRING };
+    struct Case {
+        int nWhich;
+        std::string strIn;
+        int nLen;  // -1: the whole input
+        int nRoom;
+        int nResult;
+        std::string strOut;
+    };
+    const std::string x63(63, 'x'), x64(64, 'x'), d63(63, 'd'), d64(64, 'd');
+    const int Q = TALVOR_NAME_QUOTED, P = TALVOR_NAME_PLAIN, B = TALVOR_NAME_BAD;
+    const Case arCases[] = {
+        {OBJECT, "\"Mixed Case\"", -1, 0, Q, "Mixed Case"}, {OBJECT, "`lower`", -1, 0, Q, "LOWER"},
+        {OBJECT, "t_1#$", -1, 0, P, "T_1#$"}, {OBJECT, "1abc", -1, 0, B, "-"}, {OBJECT, "\"\"", -1, 0, B, "-"},
+        {OBJECT, "\"" + x63 + "\"", -1, 0, Q, "-"},
+        {OBJECT, "\"" + x64 + "\"", -1, 0, B, "-"}, {OBJECT, x64, -1, 0, P, "-"}, {OBJECT, x64 + "x", -1, 0, B, "-"},
+        {OBJECT, "abc def", 3, 0, B, "-"}, {OBJECT, "abcdef", 3, 0, P, "ABCDEF"},
+        {USER, "`Ad Min`", -1, 0, Q, "Ad Min"}, {USER, "Admin1", -1, 0, P, "Admin1"}, {USER, "_x", -1, 0, B, "-"},
+        {USER, std::string(70, 'u'), -1, 0, P, std::string(64, 'u')},
+        {DATABASE, "'My DB'", -1, 0, P, "My DB"}, {DATABASE, "`" + std::string(100, 'd') + "`", -1, 0, P, std::string(100, 'd')},
+        {DATABASE, d63, -1, 0, P, "-"}, {DATABASE, d64, -1, 0, B, "-"},
+        {PASSWORD, "'s3cr3t!'", -1, 0, Q, "s3cr3t!"}, {PASSWORD, "'s3cr3t!'", -1, 6, B, "-"},
+        {PASSWORD, "abcdefgh", -1, 4, P, "abcd"},
+        {STRING, "'hello'", -1, 6, 1, "hello"}, {STRING, "'hello'", -1, 5, 2, "-"}, {STRING, "''", -1, 1, 1, ""},
+        {STRING, "\"x\"", -1, 8, 0, "-"},
+    };
+    for (const Case& c : arCases) {
+        char szOut[128] = "garbage";
+        const char* p = c.strIn.c_str();
+        const int nLen = c.nLen < 0 ? (int)c.strIn.size() : c.nLen;
+        const int n = c.nWhich == OBJECT     ? CopyNameFromSql(p, nLen, szOut)
+                      : c.nWhich == USER     ? CopyUserNameFromSql(p, nLen, szOut)
+                      : c.nWhich == DATABASE ? CopyDatabaseNameFromSql(p, nLen, szOut)
+                      : c.nWhich == PASSWORD ? CopyPassWordFromSql(p, nLen, szOut, c.nRoom)
+                                             : CopyStringFromSql(p, nLen, szOut, c.nRoom);
+        EXPECT_EQ(n, c.nResult) << c.nWhich << " " << c.strIn;
+        if (c.strOut != "-") {
+            EXPECT_EQ(std::string(szOut), c.strOut) << c.nWhich << " " << c.strIn;
+        }
+    }
 }
 
 TEST(JsonKey, QuotesAndStrictForm) {
-    int nKey = -1;
-    EXPECT_EQ(CheckJsonString("\"ab\"", 4, nKey, FALSE), 0);
-    EXPECT_EQ(nKey, 2);
-    EXPECT_EQ(CheckJsonString("'ab'", 4, nKey, FALSE), 0);
-    EXPECT_EQ(nKey, 2);
-    EXPECT_EQ(CheckJsonString("ab", 2, nKey, FALSE), 0);
-    EXPECT_EQ(nKey, 2);
-    EXPECT_EQ(CheckJsonString("\"\"", 2, nKey, FALSE), TALVOR_ERROR_JSON_KEY_FORMAT);
-    EXPECT_EQ(CheckJsonString("\"a\"", 3, nKey, TRUE), 0);
-    EXPECT_EQ(nKey, 1);
-    EXPECT_EQ(CheckJsonString("'a'", 3, nKey, TRUE), TALVOR_ERROR_JSON_KEY_FORMAT);
+    const int B = TALVOR_ERROR_JSON_KEY_FORMAT;
+    const struct { const char* lpsz; BOOL bStrict; int nResult, nKey; } arCases[] = {
+        {"\"ab\"", FALSE, 0, 2}, {"'ab'", FALSE, 0, 2}, {"ab", FALSE, 0, 2}, {"\"\"", FALSE, B, -1},
+        {"\"a\"", TRUE, 0, 1}, {"'a'", TRUE, B, -1}};
+    for (const auto& c : arCases) {
+        int nKey = -1;
+        EXPECT_EQ(CheckJsonString(c.lpsz, (int)strlen(c.lpsz), nKey, c.bStrict), c.nResult) << c.lpsz;
+        EXPECT_EQ(nKey, c.nKey < 0 ? nKey : c.nKey) << c.lpsz;
+    }
 }

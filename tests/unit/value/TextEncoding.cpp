@@ -109,6 +109,7 @@ TEST(CodePoints, StrayAndMalformedForms) {
 
 TEST(WideText, AgreesWithIconvBothWays) {
     std::mt19937 rng(9);
+    CTalvorBufferPool pool;
     for (int i = 0; i < 2000; ++i) {
         const std::vector<UINT> codes = RandomCodes(rng, (int)(rng() % 40));
         std::string strUtf8;
@@ -129,6 +130,15 @@ TEST(WideText, AgreesWithIconvBothWays) {
         std::vector<wchar_t> wide((size_t)nUnits + 1);
         ASSERT_EQ(TalvorUTF82Unicode(strUtf8.data(), (int)strUtf8.size(), wide.data(), (int)wide.size()), nUnits);
         ASSERT_EQ(std::wstring(wide.data()), wstr);
+        // Into a pool: bytes behind nLen must not be taken in.
+        const std::string withTail = strUtf8 + "tail";
+        const wchar_t* lpWide = TalvorConvertWChar(withTail.data(), (int)strUtf8.size(), &pool);
+        ASSERT_NE(lpWide, nullptr);
+        ASSERT_EQ(std::wstring(lpWide), wstr);
+        ASSERT_EQ((uintptr_t)lpWide % alignof(wchar_t), 0u);
+        lpWide = TalvorConvertWChar(strUtf8.c_str(), -1, &pool);
+        ASSERT_NE(lpWide, nullptr);
+        ASSERT_EQ(std::wstring(lpWide), wstr);
         // Surrogate pairs held in two units are joined like iconv joins
         // UTF-16 input.
         std::string strUtf16;
@@ -141,6 +151,11 @@ TEST(WideText, AgreesWithIconvBothWays) {
     }
     const wchar_t arTooBig[] = {(wchar_t)0x110000, 0};
     EXPECT_EQ(TalvorUnicode2UTF8(arTooBig, -1, nullptr, 0), -1);
+    EXPECT_EQ(TalvorConvertWChar("abc", 3, nullptr), nullptr);
+    EXPECT_EQ(TalvorConvertWChar(nullptr, 3, &pool), nullptr);
+    wchar_t* lpEmpty = TalvorConvertWChar("", 0, &pool);
+    ASSERT_NE(lpEmpty, nullptr);
+    EXPECT_EQ(lpEmpty[0], 0);
 }
 
 TEST(HexText, RoundTripAgainstOpenssl) {
@@ -202,28 +217,6 @@ TEST(MySqlEscape, EscapesExactlyTheNamedBytes) {
             ASSERT_EQ(szOut[0], (char)c);
         }
     }
-    char szOut[32];
-    EXPECT_EQ(ConvertMySQLVarchar("it's a\\b", szOut), 10);
-    EXPECT_STREQ(szOut, "it\\'s a\\\\b");
-}
-
-TEST(BinaryText, LengthThenAtMost32Bytes) {
-    std::vector<BYTE> data(40);
-    for (size_t i = 0; i < data.size(); ++i) data[i] = (BYTE)i;
-    wchar_t* lpsz = TalvorConvertBinary(data.data(), 40);
-    ASSERT_NE(lpsz, nullptr);
-    std::wstring expected = L"(40)";
-    for (int i = 0; i < 32; ++i) {
-        wchar_t w[3];
-        swprintf(w, 3, L"%02X", i);
-        expected += w;
-    }
-    EXPECT_EQ(std::wstring(lpsz), expected);
-    delete[] lpsz;
-    lpsz = TalvorConvertBinary(data.data(), 0);
-    ASSERT_NE(lpsz, nullptr);
-    EXPECT_STREQ(lpsz, L"(0)");
-    delete[] lpsz;
 }
 
 TEST(Classification, ByTheOrderOfTheCharacterSet) {
@@ -262,71 +255,23 @@ TEST(Classification, ByTheOrderOfTheCharacterSet) {
     EXPECT_GT(nChecked, 100);
 }
 
-TEST(CollationNames, TableQuotingCaseAndFallbacks) {
-    struct Row { const char* m_lpszName; int m_nId; };
-    const Row kRows[] = {
-        {"utf8_general_ci", 33}, {"utf8mb4_unicode_ci", 224}, {"utf8mb4_bin", 46},
-        {"gbk_chinese_ci", 28},  {"gb18030_bin", 249},        {"latin1_swedish_ci", 8},
-    };
-    for (const Row& row : kRows) {
-        std::string strName = row.m_lpszName;
-        EXPECT_EQ(GetCollationType(strName.data(), (int)strName.size()), row.m_nId) << strName;
-        std::string strUpper = strName;
-        for (char& c : strUpper) c = (char)toupper(c);
-        for (const char* q : {"'", "\"", "`"}) {
-            const std::string strQuoted = q + strUpper + q;
-            EXPECT_EQ(GetCollationType(strQuoted.data(), (int)strQuoted.size()), row.m_nId) << strQuoted;
-        }
-        // A name is whole: a longer name is another name.
-        if (row.m_nId != 33) {
-            EXPECT_NE(GetCollationType((strName + "x").c_str(), (int)strName.size() + 1), row.m_nId);
-        }
+// Collation and character set names: in any case, quoted in pairs, whole,
+// cut to 31 bytes; what is not in the table falls to latin1, ascii or the
+// default.
+TEST(CharsetNames, CollationsAndSetsByNameQuotingAndFallbacks) {
+    const struct { bool bSet; std::string strName; int nId; } arCases[] = {
+        {false, "utf8mb4_unicode_ci", 224}, {false, "'GBK_CHINESE_CI'", 28}, {false, "\"GB18030_bin\"", 249},
+        {false, "`Latin1_Swedish_CI`", 8}, {false, "gbk_chinese_cix", 33}, {false, "latin1_unknown", 49},
+        {false, "ascii_general_ci", 48}, {false, "no_such_collation", 33}, {false, "'utf8_bin\"", 33},
+        {false, "(", 33}, {false, "0x41", 33}, {false, "", 33},
+        {false, "ascii_" + std::string(23, 'x') + "ci", 48}, {false, "ascii_" + std::string(24, 'x') + "ci", 49},
+        {true, "`UTF8MB4`", 45}, {true, "\"gb18030\"", 248}, {true, "Binary", 63}, {true, "LATIN7", 8},
+        {true, "lati", 33}, {true, "(", 33}};
+    for (const auto& c : arCases) {
+        const int nLen = (int)c.strName.size();
+        EXPECT_EQ(c.bSet ? GetCharacterset(c.strName.data(), nLen) : GetCollationType(c.strName.data(), nLen), c.nId)
+            << c.strName;
     }
-    EXPECT_EQ(GetCollationType("latin1_unknown", 14), 49);
-    EXPECT_EQ(GetCollationType("ascii_general_ci", 16), 48);
-    EXPECT_EQ(GetCollationType("no_such_collation", 17), 33);
-    EXPECT_EQ(GetCollationType("'utf8_bin\"", 10), 33);  // quotes must pair
-    // Tokens the keyword parser classes as punctuation or literals fall to
-    // the default.
-    for (const char* lpszToken : {"(", "0x41", "b'01'", ""})
-        EXPECT_EQ(GetCollationType(lpszToken, (int)strlen(lpszToken)), 33) << lpszToken;
-    // Names are cut to 31 bytes: an ASCII name ending in CI only counts
-    // when the CI lies within them.
-    const std::string strAscii31 = "ascii_" + std::string(23, 'x') + "ci";
-    EXPECT_EQ(GetCollationType(strAscii31.data(), (int)strAscii31.size()), 48);
-    const std::string strAscii32 = "ascii_" + std::string(24, 'x') + "ci";
-    EXPECT_EQ(GetCollationType(strAscii32.data(), (int)strAscii32.size()), 49);
-}
-
-TEST(CharacterSetNames, TableAndLatin) {
-    struct { const char* m_lpszName; int m_nId; } arSets[] = {{"`UTF8MB4`", 45}, {"\"gb18030\"", 248},
-        {"Binary", 63}, {"LATIN7", 8}, {"lati", 33}, {"(", 33}};
-    for (const auto& c : arSets)
-        EXPECT_EQ(GetCharacterset(c.m_lpszName, (int)strlen(c.m_lpszName)), c.m_nId) << c.m_lpszName;
-}
-
-TEST(WideText, PoolCopyAgreesWithIconvAndStaysInThePool) {
-    std::mt19937 rng(31);
-    CTalvorBufferPool pool;
-    for (int i = 0; i < 500; ++i) {
-        const std::vector<UINT> codes = RandomCodes(rng, (int)(rng() % 60));
-        std::string strUtf8;
-        ASSERT_TRUE(Iconv("UTF-8", "UCS-4LE", Ucs4(codes), strUtf8));
-        // Bytes behind nLen must not be taken in.
-        const std::string withTail = strUtf8 + "tail";
-        wchar_t* lpWide = TalvorConvertWChar(withTail.data(), (int)strUtf8.size(), &pool);
-        ASSERT_NE(lpWide, nullptr);
-        ASSERT_EQ(std::wstring(lpWide), std::wstring(codes.begin(), codes.end()));
-        wchar_t* lpByNul = TalvorConvertWChar(strUtf8.c_str(), -1, &pool);
-        ASSERT_NE(lpByNul, nullptr);
-        ASSERT_EQ(std::wstring(lpByNul), std::wstring(lpWide));
-        ASSERT_EQ((uintptr_t)lpWide % alignof(wchar_t), 0u);
-    }
-    EXPECT_EQ(TalvorConvertWChar("abc", 3, nullptr), nullptr);
-    EXPECT_EQ(TalvorConvertWChar(nullptr, 3, &pool), nullptr);
-    wchar_t* lpEmpty = TalvorConvertWChar("", 0, &pool);
-    ASSERT_NE(lpEmpty, nullptr);
-    EXPECT_EQ(lpEmpty[0], 0);
 }
 
 // Wide forms of dates, times and numbers: unit for unit their narrow forms
@@ -348,9 +293,7 @@ void ExpectTwins(const char* lpszNarrow, int nNarrow, const wchar_t* lpszWide, i
     EXPECT_EQ(nWide, nNarrow) << strWhat;
     EXPECT_EQ((int)strlen(lpszNarrow), nNarrow) << strWhat;
     EXPECT_EQ(std::wstring(lpszWide), Widened(lpszNarrow)) << strWhat;
-    if (lpszNew != nullptr) {
-        EXPECT_EQ(std::wstring(lpszNew), std::wstring(lpszWide)) << strWhat;
-    }
+    EXPECT_EQ(std::wstring(lpszNew ? lpszNew : lpszWide), std::wstring(lpszWide)) << strWhat;
     delete[] lpszNew;
 }
 
@@ -405,27 +348,24 @@ TEST(WideForms, StoredDatesAndTimes)
 // std::to_string, and doubles as the decimals they convert to.
 TEST(WideForms, DecimalsAndNumbers)
 {
+    // A wide form handed out by new[]: ExpectTwins gives it back.
+    auto expect = [](const st_VARDATA& v, wchar_t* lpWide) {
+        char sz[TALVOR_DECIMAL_TEXT_BYTES];
+        const int n = CTalvorDecimal::PrintDecimal(&v, sz);
+        ASSERT_NE(lpWide, nullptr) << sz;
+        ExpectTwins(sz, n, lpWide, (int)wcslen(lpWide), lpWide, sz);
+    };
     std::mt19937_64 rng(36);
-    std::vector<st_VARDATA> vValues;
+    st_VARDATA seven, v, q;
+    CTalvorDecimal::Convert2Decimal(7, &seven);
     for (int i = 0; i < 4000; ++i) {
         std::string s = rng() % 2 ? "-" : "";
         for (int d = 1 + (int)(rng() % 40); d > 0; --d) s += (char)('0' + rng() % 10);
         if (rng() % 2) s += "." + std::to_string(rng() % 100000);
         if (rng() % 3 == 0) s += "e" + std::to_string((int)(rng() % 240) - 120);
-        st_VARDATA v, q;
         CTalvorDecimal::Convert2Decimal(s.c_str(), &v);
-        vValues.push_back(v);
-        st_VARDATA seven;
-        CTalvorDecimal::Convert2Decimal(7, &seven);
-        if (v.m_vt == TALVOR_VT_DECIMAL && CTalvorDecimal::Div(&v, &seven, &q) == 0) vValues.push_back(q);
-    }
-    for (const st_VARDATA& v : vValues) {
-        char sz[TALVOR_DECIMAL_TEXT_BYTES];
-        int n = CTalvorDecimal::PrintDecimal(&v, sz);
-        wchar_t* lpWide = TalvorDecimal2WChar(&v);
-        ASSERT_NE(lpWide, nullptr);
-        ExpectTwins(sz, n, lpWide, (int)wcslen(lpWide), nullptr, sz);
-        delete[] lpWide;
+        expect(v, TalvorDecimal2WChar(&v));
+        if (v.m_vt == TALVOR_VT_DECIMAL && CTalvorDecimal::Div(&v, &seven, &q) == 0) expect(q, TalvorDecimal2WChar(&q));
     }
     EXPECT_EQ(TalvorDecimal2WChar(nullptr), nullptr);
     for (long long ll : {0LL, -1LL, 7LL, LLONG_MIN, LLONG_MAX, (long long)rng(), -(long long)(rng() >> 1)}) {
@@ -434,13 +374,8 @@ TEST(WideForms, DecimalsAndNumbers)
         delete[] lpWide;
     }
     for (double d : {0.0, -2.5, 1e-7, 123456789.125, 1e200, (double)rng(), (double)NAN, (double)INFINITY}) {
-        st_VARDATA v;
         CTalvorDecimal::Convert2Decimal(d, &v);
-        char sz[TALVOR_DECIMAL_TEXT_BYTES];
-        int n = CTalvorDecimal::PrintDecimal(&v, sz);
-        wchar_t* lpWide = TalvorConvertNumber2WChar(d);
-        ExpectTwins(sz, n, lpWide, (int)wcslen(lpWide), nullptr, sz);
-        delete[] lpWide;
+        expect(v, TalvorConvertNumber2WChar(d));
     }
 }
 

@@ -48,10 +48,6 @@ bool Like(const std::string& strText, const Pattern& p, bool bFold, bool bSubStr
            TALVOR_MATCH_YES;
 }
 
-std::string Rewritten(const std::string& strSql, const char* pEscape, BOOL bAnsi) {
-    return Prepare(strSql, pEscape, bAnsi).m_strForm;
-}
-
 const char* const kTextPieces[] = {"a", "b", "A", "B", "c", "\xC3\xA9", "\xC3\x89", "\xE4\xB8\xAD",
                                    "\xF0\x9F\x98\x80", "ab", " "};
 
@@ -103,9 +99,16 @@ std::string GlobOf(const std::string& strLike) {
 }  // namespace
 
 TEST(LikePattern, RewritesWildcardsEscapesAndCountsTheNul) {
-    // % and _ become the marker bytes; a run of % folds to one.
-    EXPECT_EQ(Rewritten("a%%%b_", nullptr, TRUE), std::string("a\x01" "b\x02"));
-    EXPECT_EQ(Rewritten("%", nullptr, TRUE), std::string("\x01"));
+    // Pattern, escape, bAnsi and its rewrite: % and _ become the marker
+    // bytes, a run of % folds to one; a backslash escapes without bAnsi and
+    // is text with it, even beside another escape; a doubled escape stands
+    // for itself once, after that the escape is text; an escape at the end
+    // has nothing to guard and stays.
+    const struct { const char* lpszSql; const char* lpszEscape; BOOL bAnsi; std::string strForm; } arCases[] = {
+        {"a%%%b_", nullptr, TRUE, "a\x01" "b\x02"}, {"%", nullptr, TRUE, "\x01"}, {"a\\%b\\x", nullptr, FALSE, "a%bx"},
+        {"a\\%b", nullptr, TRUE, "a\\\x01" "b"}, {"\\_!%", "!", FALSE, "_%"}, {"\\_!%", "!", TRUE, "\\\x02%"},
+        {"!!a!%", "!", TRUE, "!a!\x01"}, {"!%!!!_", "!", TRUE, "%!!\x02"}, {"ab!", "!", TRUE, "ab!"}};
+    for (const auto& c : arCases) EXPECT_EQ(Prepare(c.lpszSql, c.lpszEscape, c.bAnsi).m_strForm, c.strForm) << c.lpszSql;
     // The length in and out counts the closing NUL.
     char szPat[] = "%%";
     int nLen = 3;
@@ -117,17 +120,6 @@ TEST(LikePattern, RewritesWildcardsEscapesAndCountsTheNul) {
     StrPretreatment(szEmpty, nLen, nullptr, TRUE);
     EXPECT_EQ(nLen, 1);
     EXPECT_EQ(szEmpty[0], 0);
-    // Backslash: the escape without bAnsi, plain text with it.
-    EXPECT_EQ(Rewritten("a\\%b\\x", nullptr, FALSE), "a%bx");
-    EXPECT_EQ(Rewritten("a\\%b", nullptr, TRUE), std::string("a\\\x01" "b"));
-    // A backslash before % or _ is literal-making even beside another escape.
-    EXPECT_EQ(Rewritten("\\_!%", "!", FALSE), "_%");
-    EXPECT_EQ(Rewritten("\\_!%", "!", TRUE), std::string("\\\x02%"));
-    // A doubled escape stands for itself once; after that the escape is text.
-    EXPECT_EQ(Rewritten("!!a!%", "!", TRUE), std::string("!a!\x01"));
-    EXPECT_EQ(Rewritten("!%!!!_", "!", TRUE), std::string("%!!\x02"));
-    // An escape at the end has nothing to guard and stays.
-    EXPECT_EQ(Rewritten("ab!", "!", TRUE), "ab!");
 }
 
 TEST(LikeMatch, AgreesWithSqliteLikeWhenFoldingAndGlobWhenExact) {
@@ -225,23 +217,23 @@ TEST(CharReplace, AgreesWithSqliteReplace) {
     for (int i = 0; i < 5000; ++i) {
         const std::string strSrc = fnRandom(30), strFind = fnRandom(3), strWith = fnRandom(4);
         if (strSrc.empty()) continue;
+        SCOPED_TRACE(strSrc + " / " + strFind + " / " + strWith);
+        auto replace = [&](char* pOut, int& nLen) {
+            return TalvorCharReplace(strSrc.data(), (int)strSrc.size(), strFind.data(), (int)strFind.size(),
+                                     strWith.data(), (int)strWith.size(), pOut, nLen);
+        };
         int nNeed = 0;
-        ASSERT_EQ(TalvorCharReplace(strSrc.data(), (int)strSrc.size(), strFind.data(), (int)strFind.size(),
-                                    strWith.data(), (int)strWith.size(), nullptr, nNeed), 0);
+        ASSERT_EQ(replace(nullptr, nNeed), 0);
         const std::string strExpected = SqliteReplace(pStmt, strSrc, strFind, strWith);
         ASSERT_EQ(nNeed, (int)strExpected.size() + 1);
         std::vector<char> out((size_t)nNeed);
         int nWritten = nNeed;
-        ASSERT_EQ(TalvorCharReplace(strSrc.data(), (int)strSrc.size(), strFind.data(), (int)strFind.size(),
-                                    strWith.data(), (int)strWith.size(), out.data(), nWritten), 0);
+        ASSERT_EQ(replace(out.data(), nWritten), 0);
         ASSERT_EQ(nWritten, nNeed);
-        ASSERT_EQ(std::string(out.data()), strExpected) << strSrc << " / " << strFind << " / " << strWith;
+        ASSERT_EQ(std::string(out.data()), strExpected);
         // One byte short is refused, not overrun.
         int nShort = nNeed - 1;
-        std::vector<char> small((size_t)nShort + 1);
-        ASSERT_EQ(TalvorCharReplace(strSrc.data(), (int)strSrc.size(), strFind.data(), (int)strFind.size(),
-                                    strWith.data(), (int)strWith.size(), small.data(), nShort),
-                  TALVOR_ERROR_BUFFER_TOO_SMALL);
+        ASSERT_EQ(replace(out.data(), nShort), TALVOR_ERROR_BUFFER_TOO_SMALL);
     }
     sqlite3_finalize(pStmt);
     sqlite3_close(pDb);

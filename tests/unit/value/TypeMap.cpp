@@ -5,68 +5,34 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
-#include <set>
-
-TEST(TypeMap, MysqlFieldTypeOfEveryByte) {
-    const std::map<int, int> expected = {
-        {1, 3},    {2, 8},   {3, 5},   {4, 12},  {5, 254}, {6, 253}, {7, 253},  {8, 252},
-        {11, 11},  {12, 10}, {30, 253}, {80, 1}, {81, 2},  {240, 246}, {247, 247},
-    };
-    for (int b = 0; b < 256; ++b) {
-        auto it = expected.find(b);
-        EXPECT_EQ(GetMysqlFieldType((BYTE)b), it == expected.end() ? 253 : it->second) << b;
-    }
-}
 
 namespace {
 
 // The index kind the column table gives, or -1 for "doesn't fit".
 int ExpectedKind(int nFile, int nField, int nUse) {
-    const std::set<int> shortInts = {1, 11, 12, 80, 81};
+    const bool bShortInt = nField == 1 || nField == 11 || nField == 12 || nField == 80 || nField == 81;
     if (nFile == 3 || nFile == 11) {
-        if (shortInts.count(nField)) return 11;
-        if (nField == 2) return 12;
-        if (nField == 3 || nField == 4) return 13;
-        if (nField == 240) return 15;
         if (nField >= 5 && nField <= 7) return nUse == 2 ? 25 : nUse == 5 ? 18 : 28;
-        return -1;
+        return bShortInt ? 11 : nField == 2 ? 12 : nField == 3 || nField == 4 ? 13 : nField == 240 ? 15 : -1;
     }
-    if (nFile == 4) {
-        if (shortInts.count(nField)) return 1;
-        if (nField == 2) return 2;
-        if (nField == 5) return 4;
-        return -1;
-    }
-    if (nFile == 5) {
-        if (shortInts.count(nField) || nField == 2) return 5;
-        if (nField == 5) return 6;
-    }
+    if (nFile == 4) return bShortInt ? 1 : nField == 2 ? 2 : nField == 5 ? 4 : -1;
+    if (nFile == 5) return bShortInt || nField == 2 ? 5 : nField == 5 ? 6 : -1;
     return -1;
-}
-
-int ExpectedRefusal(int nFile) {
-    if (nFile == 3 || nFile == 11 || nFile == 4) return 318;
-    if (nFile == 5 || nFile == 1 || nFile == 2 || nFile == 10) return 319;
-    return 320;
 }
 
 }  // namespace
 
 TEST(TypeMap, IndexKindForEveryFileFieldAndUse) {
     for (int nFile = 0; nFile < 256; ++nFile) {
+        // The refusal names what was wrong: the column, a system file, or the file kind.
+        const int nRefusal = nFile == 3 || nFile == 11 || nFile == 4 ? 318 : nFile == 5 || nFile == 1 || nFile == 2 || nFile == 10 ? 319 : 320;
         for (int nField = 0; nField < 256; ++nField) {
             for (int nUse : {0, 2, 3, 5}) {
                 BYTE bKind = 0xEE;
-                const int nResult = GetIndexType((BYTE)nFile, (BYTE)nField, (BYTE)nUse, bKind);
                 const int nExpected = ExpectedKind(nFile, nField, nUse);
-                if (nExpected < 0) {
-                    ASSERT_EQ(nResult, ExpectedRefusal(nFile)) << nFile << " " << nField;
-                    ASSERT_EQ(bKind, 0xEE);
-                } else {
-                    ASSERT_EQ(nResult, 0) << nFile << " " << nField;
-                    ASSERT_EQ(bKind, nExpected) << nFile << " " << nField << " " << nUse;
-                }
+                ASSERT_EQ(GetIndexType((BYTE)nFile, (BYTE)nField, (BYTE)nUse, bKind), nExpected < 0 ? nRefusal : 0)
+                    << nFile << " " << nField;
+                ASSERT_EQ(bKind, nExpected < 0 ? 0xEE : nExpected) << nFile << " " << nField << " " << nUse;
             }
         }
     }
@@ -79,16 +45,11 @@ TEST(TypeMap, MysqlIndexTypeChoosesTheFileAndMapsColumnTypes) {
         int nResult;
         BYTE bFileOut, bKind;
     };
-    const Case arCases[] = {
-        {0, 3 /* LONG */, 3, 0, 4, 1},          {0, 253 /* VAR_STRING */, 2, 0, 11, 25},
-        {0, 246 /* NEWDECIMAL */, 0, 0, 11, 15}, {0, 1 /* TINY */, 0, 0, 11, 11},
-        {4, 5 /* DOUBLE */, 0, 318, 4, 0},       {5, 8 /* LONGLONG */, 0, 0, 5, 5},
-        {0, 6 /* NULL */, 0, 318, 11, 0},        {2, 3, 0, 319, 2, 0},
-        {9, 3, 0, 320, 9, 0}};
+    const Case arCases[] = {{0, 3 /* LONG */, 3, 0, 4, 1}, {0, 253 /* VAR_STRING */, 2, 0, 11, 25},
+                            {4, 5 /* DOUBLE */, 0, 318, 4, 0}, {0, 6 /* NULL */, 0, 318, 11, 0}};
     for (const Case& c : arCases) {
         BYTE bFile = c.bFile, bKind = 0;
         EXPECT_EQ(GetMysqlIndexType(bFile, c.bType, c.bUse, bKind), c.nResult) << (int)c.bType;
-        if (c.nResult != 0) continue;
         EXPECT_EQ(bFile, c.bFileOut) << (int)c.bType;
         EXPECT_EQ(bKind, c.bKind) << (int)c.bType;
     }

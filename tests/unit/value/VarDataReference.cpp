@@ -75,7 +75,20 @@ def arith(op, a, b, ka, kb):
     r = {"add": BIG.add, "sub": BIG.subtract, "mul": BIG.multiply}[op](x, y)
     return "m " + str(r)
 
-BASE = datetime.datetime(1899, 12, 30)
+# Text functions on UTF-8 text given in hex ("-": empty); the answer is the
+# hex of the result's UTF-8 bytes, or "-" for an empty text.
+def text(op, a, b, s):
+    if op == "substr":
+        start = a - 1 if a > 0 else len(s) + a
+        r = "" if a == 0 or b <= 0 or start < 0 else s[start:start + b]
+    elif op == "right": r = s[len(s) - a:] if 0 < a <= len(s) else (s if a > len(s) else "")
+    elif op == "left": r = s[:a] if a > 0 else ""
+    elif op == "rev": r = s[::-1]
+    elif op in ("up", "low"):
+        r = "".join((c.upper() if op == "up" else c.lower()) if c.isascii() and c.isalpha() else c for c in s)
+    else: r = s + s[:a]
+    return r.encode("utf-8").hex() or "-"
+
 for line in sys.stdin:
     f = line.split()
     op = f[0]
@@ -86,7 +99,7 @@ for line in sys.stdin:
             b = Decimal(b) if isinstance(b, float) else b
             print((a > b) - (a < b))
         elif op == "fmt":
-            print(("%f" % float(f[1])).rstrip("0").rstrip("."))
+            print("%f" % float(f[1]))
         elif op == "trunc":
             x = float(f[1])
             print(max(-I64, min(I64 - 1, int(x))))
@@ -104,6 +117,8 @@ for line in sys.stdin:
             a = datetime.date(int(f[1]), int(f[2]), int(f[3]))
             b = datetime.date(int(f[4]), int(f[5]), int(f[6]))
             print((a - b).days)
+        elif op in ("substr", "right", "left", "rev", "up", "low", "link"):
+            print(text(op, int(f[1]), int(f[2]), bytes.fromhex(f[3]).decode("utf-8") if f[3] != "-" else ""))
         else:
             print(arith(op, val(f[1]), val(f[2]), kind(f[1]), kind(f[2])))
     except OverflowError:
@@ -128,8 +143,7 @@ struct Operand {
 
 Operand IntOperand(long long ll)
 {
-    Operand o;
-    o.m_strRef = "i:" + std::to_string(ll);
+    Operand o{"i:" + std::to_string(ll), {}};
     o.m_v.Init();
     if (ll >= INT_MIN && ll <= INT_MAX && (ll & 1)) o.m_v.SetData((int)ll);  // both widths take part
     else o.m_v.SetData(ll);
@@ -139,9 +153,8 @@ Operand IntOperand(long long ll)
 Operand DoubleOperand(double d)
 {
     char sz[64];
-    snprintf(sz, sizeof(sz), "%.17g", d);
-    Operand o;
-    o.m_strRef = std::string("d:") + sz;
+    snprintf(sz, sizeof(sz), "d:%.17g", d);
+    Operand o{sz, {}};
     o.m_v.Init();
     o.m_v.SetData(d);
     return o;
@@ -149,8 +162,7 @@ Operand DoubleOperand(double d)
 
 Operand DecimalOperand(const std::string& s)
 {
-    Operand o;
-    o.m_strRef = "m:" + s;
+    Operand o{"m:" + s, {}};
     o.m_v.Init();
     EXPECT_EQ(CTalvorDecimal::Convert2Decimal(s.c_str(), &o.m_v), 0) << s;
     return o;
@@ -214,37 +226,30 @@ void ExpectResult(const st_VARDATA& r, const std::string& strRef, const std::str
 {
     SCOPED_TRACE(strWhat + " -> reference " + strRef);
     if (strRef == "skip") return;
-    if (strRef == "null") {
-        EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
-        return;
-    }
-    std::string strValue = strRef.substr(2);
-    switch (strRef[0]) {
-    case 'i':
-        ASSERT_EQ(Val(r.m_vt), TALVOR_VT_BIGINT);
+    const char c = strRef[0];
+    ASSERT_NE(std::string("nidmq").find(c), std::string::npos) << "unknown answer";
+    const std::string strValue = strRef.size() > 2 ? strRef.substr(2) : "";
+    ASSERT_EQ(Val(r.m_vt), c == 'n'   ? TALVOR_VT_NULL
+                           : c == 'i' ? TALVOR_VT_BIGINT
+                           : c == 'd' ? TALVOR_VT_DOUBLE
+                                      : TALVOR_VT_DECIMAL);
+    if (c == 'i') {
         EXPECT_EQ(Val(r.m_llValue), strtoll(strValue.c_str(), nullptr, 10));
-        break;
-    case 'd':
-        ASSERT_EQ(Val(r.m_vt), TALVOR_VT_DOUBLE);
+    }
+    if (c == 'd') {
         EXPECT_EQ(Val(r.m_dblValue), strtod(strValue.c_str(), nullptr));
-        break;
-    case 'm': {
-        ASSERT_EQ(Val(r.m_vt), TALVOR_VT_DECIMAL);
+    }
+    if (c == 'm') {
         st_VARDATA ref;
         ASSERT_EQ(CTalvorDecimal::Convert2Decimal(strValue.c_str(), &ref), 0);
         EXPECT_EQ(CTalvorDecimal::Compare(&r, &ref), 0) << "ours " << DecimalText(r);
-        break;
     }
-    case 'q': {
+    if (c == 'q') {
         // A quotient carries 36 digits, rounded half up as the reference's;
         // compared as text, since the parser keeps fewer fraction digits.
-        ASSERT_EQ(Val(r.m_vt), TALVOR_VT_DECIMAL);
         st_VARDATA full = r;
         full.m_bPrecison = 0;
         EXPECT_EQ(TrimZeros(DecimalText(full)), TrimZeros(strValue));
-        break;
-    }
-    default: ADD_FAILURE() << "unknown answer";
     }
 }
 
@@ -291,9 +296,13 @@ TEST(VarDataReference, ArithmeticOfMixedNumbersAgainstPython)
     for (size_t i = 0; i < vLines.size(); ++i) ExpectResult(vResults[i], vOut[i], vLines[i]);
 }
 
-TEST(VarDataReference, DoubleTextAndIntegerReadsAgainstPython)
+// Doubles printed ("%f"), as text values (its zeros behind the point cut)
+// and their integer parts; decimals and their text rounded to integers;
+// integers printed.
+TEST(VarDataReference, NumbersAsTextAndIntegersAgainstPython)
 {
     Generator gen(77);
+    std::mt19937_64 rng(8);
     std::vector<std::string> vLines;
     std::vector<double> vDoubles;
     std::vector<std::string> vDecimals;
@@ -301,10 +310,14 @@ TEST(VarDataReference, DoubleTextAndIntegerReadsAgainstPython)
         double d = gen.Double() / (1 + gen.Next() % 7) * (i % 50 == 0 ? 1e15 : 1.0);
         if (i % 100 == 1) d = 1e19 * (i % 200 == 1 ? 1 : -1);  // past the 64-bit range: saturates
         vDoubles.push_back(d);
+        // Short binary fractions, and integers.
+        d = (double)((long long)(rng() % 40000001) - 20000000) / (double)(1 << (rng() % 6));
+        vDoubles.push_back(i % 40 == 0 ? (double)(long long)(rng() % 1000000) : d);
+    }
+    for (double d : vDoubles) {
         char sz[64];
         snprintf(sz, sizeof(sz), "%.17g", d);
-        vLines.push_back(std::string("fmt ") + sz);
-        vLines.push_back(std::string("trunc ") + sz);
+        for (const char* lpszOp : {"fmt ", "trunc "}) vLines.push_back(lpszOp + std::string(sz));
     }
     for (int i = 0; i < 300; ++i) {
         std::string s = gen.Decimal();
@@ -314,32 +327,42 @@ TEST(VarDataReference, DoubleTextAndIntegerReadsAgainstPython)
     }
     std::vector<std::string> vOut = RunReference(vLines);
     size_t n = 0;
-    for (double d : vDoubles) {
+    for (size_t i = 0; i < vDoubles.size(); ++i) {
+        const double d = vDoubles[i];
+        SCOPED_TRACE(vLines[n]);
         st_VARDATA v, t;
         v.Init();
         t.Init();
         v.SetData(d);
+        char sz[512];
+        int nLen = ConvertVarData2String(v, nullptr);
+        ASSERT_LT(nLen, (int)sizeof(sz));
+        EXPECT_EQ(ConvertVarData2String(v, sz), nLen);
+        EXPECT_EQ(std::string(sz), vOut[n]);
         ASSERT_EQ(v.GetCompatibleStringValue(nullptr, t), 0);
-        int nLen = 0;
         const BYTE* p = t.GetBinaryData(nLen);
-        EXPECT_EQ(std::string((const char*)p, (size_t)nLen), vOut[n]) << vLines[n];
+        EXPECT_EQ(std::string((const char*)p, (size_t)nLen), TrimZeros(vOut[n]));
         t.Free();
-        ++n;
-        EXPECT_EQ(v.GetCompatibleBigInt(), strtoll(vOut[n].c_str(), nullptr, 10)) << vLines[n];
-        ++n;
+        EXPECT_EQ(v.GetCompatibleBigInt(), strtoll(vOut[n + 1].c_str(), nullptr, 10));
+        n += 2;
     }
     for (const std::string& s : vDecimals) {
         // The same digits as a decimal value and as text give the same integer.
-        st_VARDATA m, t;
-        m.Init();
+        st_VARDATA m = DecimalOperand(s).m_v, t;
         t.Init();
-        CTalvorDecimal::Convert2Decimal(s.c_str(), &m);
         ASSERT_EQ(t.SetData(s.c_str(), (int)s.size()), 0);
         long long llRef = strtoll(vOut[n].c_str(), nullptr, 10);
         EXPECT_EQ(m.GetCompatibleBigInt(), llRef) << vLines[n];
         EXPECT_EQ(t.GetCompatibleBigInt(), llRef) << vLines[n];
         t.Free();
         ++n;
+    }
+    for (int i = 0; i < 400; ++i) {
+        const long long ll = i == 0 ? LLONG_MIN : (long long)rng() >> (rng() % 64);
+        const std::string strRef = std::to_string(ll);
+        char sz[32];
+        EXPECT_EQ(ConvertVarData2String(IntOperand(ll).m_v, sz), (int)strRef.size());
+        EXPECT_EQ(std::string(sz), strRef);
     }
 }
 
@@ -360,21 +383,7 @@ std::string ExactText(double d)
 {
     char sz[1500];
     snprintf(sz, sizeof(sz), "%.1100f", d);
-    std::string s = sz;
-    while (s.back() == '0') s.pop_back();
-    if (s.back() == '.') s.pop_back();
-    return s;
-}
-
-// Every hash entry of a value: inline, out of line, and the decimal class's.
-void ExpectHashesAlike(const st_VARDATA& a, const st_VARDATA& b, const std::string& strWhat)
-{
-    long long ha = 11, hb = 11;
-    a.CalcHashFactor(ha);
-    b.CalcHashFactor(hb);
-    EXPECT_EQ(ha, hb) << strWhat;
-    EXPECT_EQ(a.HashOther(11), b.HashOther(11)) << strWhat;
-    EXPECT_EQ(CTalvorDecimalBin::CalcHashFactor(&a), CTalvorDecimalBin::CalcHashFactor(&b)) << strWhat;
+    return TrimZeros(sz);
 }
 
 // Long longs, doubles and decimals at the edges of a double's precision
@@ -392,11 +401,10 @@ TEST(VarDataReference, ExactOrderAndHashOfWideNumbersAgainstPython)
         long long ll = (long long)(rng() >> (rng() % 12));
         vInts.push_back(i % 2 ? ll : (long long)(0ULL - (unsigned long long)ll));
     }
-    std::vector<double> vDoubles = {0.0, -0.0, 1.0, 0.1, 0.5, 1.0 / 3, 0.30000000000000004, 1.0000000000000002,
-                                    123456789.12345679, 9007199254740992.0, 9007199254740994.0, -9007199254740992.0,
-                                    9223372036854775808.0, -9223372036854775808.0, 18446744073709551616.0, 1e20,
-                                    1e300, -1e300, 5e-324, -5e-324, 2.2250738585072014e-308, 1.7976931348623157e308,
-                                    HUGE_VAL, -HUGE_VAL, 4503599627370496.5, 0.1 + 0.2};
+    std::vector<double> vDoubles = {0.0, -0.0, 0.1, 0.30000000000000004, 1.0000000000000002, 9007199254740992.0,
+                                    9007199254740994.0, -9223372036854775808.0, 18446744073709551616.0, 1e20, -1e300,
+                                    5e-324, 2.2250738585072014e-308, 1.7976931348623157e308, HUGE_VAL, -HUGE_VAL,
+                                    4503599627370496.5};
     for (long long ll : vInts) {
         vDoubles.push_back((double)ll);
         vDoubles.push_back(std::nextafter((double)ll, HUGE_VAL));
@@ -444,14 +452,18 @@ TEST(VarDataReference, ExactOrderAndHashOfWideNumbersAgainstPython)
                 dDiff != 0)
                 continue;
             EXPECT_EQ(a.m_v.Compare(b.m_v), nRef) << strLine;
-            EXPECT_EQ(a.m_v == b.m_v, nRef == 0) << strLine;
-            EXPECT_EQ(a.m_v != b.m_v, nRef != 0) << strLine;
-            EXPECT_EQ(a.m_v < b.m_v, nRef < 0) << strLine;
-            EXPECT_EQ(a.m_v <= b.m_v, nRef <= 0) << strLine;
-            EXPECT_EQ(a.m_v > b.m_v, nRef > 0) << strLine;
-            EXPECT_EQ(a.m_v >= b.m_v, nRef >= 0) << strLine;
+            const bool arOurs[] = {a.m_v == b.m_v, a.m_v != b.m_v, a.m_v < b.m_v,
+                                   a.m_v <= b.m_v, a.m_v > b.m_v, a.m_v >= b.m_v};
+            const bool arRef[] = {nRef == 0, nRef != 0, nRef < 0, nRef <= 0, nRef > 0, nRef >= 0};
+            for (int k = 0; k < 6; ++k) EXPECT_EQ(arOurs[k], arRef[k]) << strLine << " operator " << k;
             if (nRef != 0) continue;
-            ExpectHashesAlike(a.m_v, b.m_v, strLine);
+            // Every hash entry: inline, out of line, and the decimal class's.
+            long long ha = 11, hb = 11;
+            a.m_v.CalcHashFactor(ha);
+            b.m_v.CalcHashFactor(hb);
+            EXPECT_EQ(ha, hb) << strLine;
+            EXPECT_EQ(a.m_v.HashOther(11), b.m_v.HashOther(11)) << strLine;
+            EXPECT_EQ(CTalvorDecimalBin::CalcHashFactor(&a.m_v), CTalvorDecimalBin::CalcHashFactor(&b.m_v)) << strLine;
             nEqualAcrossTypes += a.m_strRef[0] != b.m_strRef[0];
         }
     }
@@ -511,33 +523,6 @@ TEST(VarDataReference, DatesPlusAndMinusDaysAgainstPython)
 }
 
 
-// Input lines: "<op> <a> <b> <hex of the text>"; the answer is the hex of
-// the result's UTF-8 bytes, or "-" for an empty text.
-const char* g_szTextReference = R"PY(
-import sys
-def mysql_substring(s, pos, n):
-    if pos == 0 or n <= 0: return ""
-    start = pos - 1 if pos > 0 else len(s) + pos
-    if start < 0: return ""
-    return s[start:start + n]
-def fold(s, up):
-    return "".join((c.upper() if up else c.lower()) if c.isascii() and c.isalpha() else c for c in s)
-for line in sys.stdin:
-    op, a, b, h = line.split()
-    s = bytes.fromhex(h).decode("utf-8") if h != "-" else ""
-    a, b = int(a), int(b)
-    if op == "sub": r = mysql_substring(s, a, b)
-    elif op == "right": r = s[len(s) - a:] if 0 < a <= len(s) else (s if a > len(s) else "")
-    elif op == "left": r = s[:a] if a > 0 else ""
-    elif op == "rev": r = s[::-1]
-    elif op == "up": r = fold(s, True)
-    elif op == "low": r = fold(s, False)
-    elif op == "link": r = s + s[:a]
-    e = r.encode("utf-8").hex()
-    print(e if e else "-")
-    sys.stdout.flush()
-)PY";
-
 std::string Hex(const std::string& s) { return s.empty() ? "-" : talvortest::HexOf(s); }
 
 std::string RandomText(std::mt19937& rng)
@@ -561,69 +546,58 @@ std::string Bytes(const st_VARDATA& v)
 TEST(VarDataText, CutsReversalCaseAndJoinAgainstPython)
 {
     std::mt19937 rng(31);
-    struct Case {
-        std::string m_strOp;
-        int m_a, m_b;
-        std::string m_strText;
-    };
-    std::vector<Case> vCases;
-    std::vector<std::string> vLines;
-    const char* const arOps[] = {"sub", "right", "left", "rev", "up", "low", "link"};
+    std::vector<std::string> vLines, vOurs;
+    const std::string arOps[] = {"substr", "right", "left", "rev", "up", "low", "link"};
     for (int i = 0; i < 1500; ++i) {
-        Case c;
-        c.m_strOp = arOps[rng() % 7];
-        c.m_a = (int)(rng() % 31) - 15;
-        c.m_b = (int)(rng() % 31) - 5;
-        if (c.m_strOp == "link") c.m_a = (int)(rng() % 14);
-        c.m_strText = RandomText(rng);
-        vCases.push_back(c);
-        vLines.push_back(c.m_strOp + " " + std::to_string(c.m_a) + " " + std::to_string(c.m_b) + " " +
-                         Hex(c.m_strText));
-    }
-    std::vector<std::string> vOut = talvortest::RunPythonReference(g_szTextReference, vLines);
-    ASSERT_EQ(vOut.size(), vLines.size()) << "the reference did not answer every line";
-    for (size_t i = 0; i < vCases.size(); ++i) {
-        const Case& c = vCases[i];
-        SCOPED_TRACE(vLines[i]);
+        const std::string& strOp = arOps[rng() % 7];
+        int a = (int)(rng() % 31) - 15;
+        const int b = (int)(rng() % 31) - 5;
+        if (strOp == "link") a = (int)(rng() % 14);
+        const std::string strText = RandomText(rng);
+        vLines.push_back(strOp + " " + std::to_string(a) + " " + std::to_string(b) + " " + Hex(strText));
+        SCOPED_TRACE(vLines.back());
         CTalvorBufferPool pool;
         st_VARDATA v;
         v.Init();
         // Owned text half the time, pool text the other half.
-        ASSERT_EQ(i % 2 ? v.SetData(c.m_strText.c_str(), (int)c.m_strText.size())
-                        : v.SetData(&pool, c.m_strText.c_str(), (int)c.m_strText.size()),
+        ASSERT_EQ(i % 2 ? v.SetData(strText.c_str(), (int)strText.size())
+                        : v.SetData(&pool, strText.c_str(), (int)strText.size()),
                   0);
         CTalvorBufferPool* pPool = i % 3 ? &pool : nullptr;
         int nResult = 0;
-        if (c.m_strOp == "sub") nResult = v.SubString(pPool, c.m_a, c.m_b);
-        else if (c.m_strOp == "right") nResult = v.Right(pPool, c.m_a);
-        else if (c.m_strOp == "left") nResult = v.CharTrunc(pPool, c.m_a);
-        else if (c.m_strOp == "rev") nResult = v.Reverse(pPool);
-        else if (c.m_strOp == "up") nResult = v.Upper(pPool);
-        else if (c.m_strOp == "low") nResult = v.Lower(pPool);
+        if (strOp == "substr") nResult = v.SubString(pPool, a, b);
+        else if (strOp == "right") nResult = v.Right(pPool, a);
+        else if (strOp == "left") nResult = v.CharTrunc(pPool, a);
+        else if (strOp == "rev") nResult = v.Reverse(pPool);
+        else if (strOp == "up") nResult = v.Upper(pPool);
+        else if (strOp == "low") nResult = v.Lower(pPool);
         else {
             st_VARDATA head;
             head.Init();
-            head.SetData(c.m_strText.c_str(), (int)c.m_strText.size());
-            ASSERT_EQ(head.CharTrunc(nullptr, c.m_a), 0);
+            head.SetData(strText.c_str(), (int)strText.size());
+            ASSERT_EQ(head.CharTrunc(nullptr, a), 0);
             nResult = v.Link(pPool, head);
             head.Free();
         }
         EXPECT_EQ(nResult, 0);
-        EXPECT_EQ(Hex(Bytes(v)), vOut[i]);
+        vOurs.push_back(Hex(Bytes(v)));
         v.Free();
     }
+    std::vector<std::string> vOut = RunReference(vLines);
+    for (size_t i = 0; i < vLines.size(); ++i) EXPECT_EQ(vOurs[i], vOut[i]) << vLines[i];
 }
 
-TEST(VarDataText, NullStaysNullAndNumbersAreTakenAsText)
+// What Python's str has no counterpart for: NULL, numbers taken as text, a
+// stray continuation byte, wildcards.
+TEST(VarDataText, NullNumbersStrayBytesAndWildcards)
 {
     CTalvorBufferPool pool;
-    st_VARDATA n;
+    st_VARDATA n, v;
     n.Init();
+    v.Init();
     n.SetNull();
     EXPECT_EQ(n.SubString(&pool, 1, 2), 0);
     EXPECT_EQ(Val(n.m_vt), TALVOR_VT_NULL);
-    st_VARDATA v;
-    v.Init();
     v.SetData(12345LL);
     ASSERT_EQ(v.Reverse(&pool), 0);
     EXPECT_EQ(Bytes(v), "54321");
@@ -635,140 +609,6 @@ TEST(VarDataText, NullStaysNullAndNumbersAreTakenAsText)
     v.AttachString((char*)szBad, 3, TALVOR_VT_TEXT);
     ASSERT_EQ(v.Reverse(&pool), 0);
     EXPECT_EQ(Val(v.m_nStrLen), 3);
-}
-
-TEST(VarDataNumberFunctions, PowerSqrtTruncAvg)
-{
-    st_VARDATA v, b;
-    v.Init();
-    b.Init();
-    v.SetData(2LL);
-    b.SetData(10LL);
-    v.Power(b);
-    ASSERT_EQ(Val(v.m_vt), TALVOR_VT_DOUBLE);
-    EXPECT_EQ(Val(v.m_dblValue), 1024.0);
-    v.SetData(-8.0);
-    b.SetData(1.0 / 3);
-    v.Power(b);
-    EXPECT_EQ(Val(v.m_vt), TALVOR_VT_NULL) << "no real root";
-    v.SetData(1e200);
-    b.SetData(2LL);
-    v.Power(b);
-    EXPECT_EQ(Val(v.m_vt), TALVOR_VT_NULL) << "past the double range";
-    v.SetData(2.25);
-    v.Sqrt();
-    EXPECT_EQ(Val(v.m_dblValue), 1.5);
-    v.SetData(-1LL);
-    v.Sqrt();
-    EXPECT_EQ(Val(v.m_vt), TALVOR_VT_NULL);
-
-    CTalvorDecimal::Convert2Decimal("-123.4567", &v);
-    v.Trunc(2);
-    char sz[TALVOR_DECIMAL_TEXT_BYTES];
-    ASSERT_EQ(Val(v.m_vt), TALVOR_VT_DECIMAL);
-    CTalvorDecimal::PrintDecimal(&v, sz);
-    EXPECT_STREQ(sz, "-123.45") << "cut, not rounded";
-    v.SetData(98765LL);
-    v.Trunc(-2);
-    EXPECT_EQ(Val(v.m_llValue), 98700);
-    v.SetData(-2.789);
-    v.Trunc(1);
-    EXPECT_DOUBLE_EQ(Val(v.m_dblValue), -2.7);
-
-    // A sum and its count give the average; a count of 0 gives NULL.
-    v.SetData(10LL);
-    v.m_nDataCount = 4;
-    v.Avg();
-    ASSERT_EQ(Val(v.m_vt), TALVOR_VT_DOUBLE);
-    EXPECT_EQ(Val(v.m_dblValue), 2.5);
-    CTalvorDecimal::Convert2Decimal("10.0", &v);
-    v.m_nDataCount = 0;
-    v.Avg();
-    EXPECT_EQ(Val(v.m_vt), TALVOR_VT_NULL);
-}
-
-const char* g_szPrintReference = R"PY(
-import sys
-from decimal import Decimal
-for line in sys.stdin:
-    op, x = line.split()
-    if op == "f":
-        print("%f" % float(x))
-    elif op == "i":
-        print("%d" % int(x))
-    else:
-        # Characters of the exact decimal value of a short binary fraction.
-        print(len(format(Decimal(float(x)).normalize(), "f")))
-    sys.stdout.flush()
-)PY";
-
-TEST(VarDataPrint, PrintersAndFiguresAgainstPython)
-{
-    std::mt19937_64 rng(8);
-    std::vector<std::string> vLines;
-    std::vector<double> vDoubles;
-    std::vector<long long> vInts;
-    for (int i = 0; i < 400; ++i) {
-        double d = (double)((long long)(rng() % 40000001) - 20000000) / (double)(1 << (rng() % 6));
-        if (i % 40 == 0) d = (double)(long long)(rng() % 1000000);  // integral
-        vDoubles.push_back(d);
-        char sz[64];
-        snprintf(sz, sizeof(sz), "%.17g", d);
-        vLines.push_back(std::string("f ") + sz);
-        vLines.push_back(std::string("g ") + sz);
-        long long ll = (long long)rng() >> (rng() % 64);
-        vInts.push_back(ll);
-        vLines.push_back("i " + std::to_string(ll));
-    }
-    std::vector<std::string> vOut = talvortest::RunPythonReference(g_szPrintReference, vLines);
-    ASSERT_EQ(vOut.size(), vLines.size()) << "the reference did not answer every line";
-    for (size_t i = 0; i < vDoubles.size(); ++i) {
-        st_VARDATA v;
-        v.Init();
-        v.SetData(vDoubles[i]);
-        char sz[512];
-        int nLen = ConvertVarData2String(v, nullptr);
-        ASSERT_LT(nLen, (int)sizeof(sz));
-        EXPECT_EQ(ConvertVarData2String(v, sz), nLen);
-        EXPECT_EQ(std::string(sz), vOut[3 * i]) << vLines[3 * i];
-        EXPECT_EQ(GetDoubleFigure(vDoubles[i]), atoi(vOut[3 * i + 1].c_str())) << vLines[3 * i + 1];
-        v.SetData(vInts[i]);
-        EXPECT_EQ(ConvertVarData2String(v, sz), (int)vOut[3 * i + 2].size());
-        EXPECT_EQ(std::string(sz), vOut[3 * i + 2]);
-        EXPECT_EQ(GetIntegerFigure(vInts[i]), (int)vOut[3 * i + 2].size());
-    }
-    EXPECT_EQ(GetIntegerFigure(LLONG_MIN), 20);
-    EXPECT_EQ(GetStringFigure("abc", 3, TRUE), 5);
-    EXPECT_EQ(GetStringFigure("{\"a\":1}", 7, TRUE), 7) << "an object takes no quotes";
-    EXPECT_EQ(GetStringFigure("abc", 3, FALSE), 3);
-    // NULL prints as nothing; text as its bytes without a trailing NUL.
-    st_VARDATA v;
-    v.Init();
-    v.SetNull();
-    char sz[16] = "x";
-    EXPECT_EQ(ConvertVarData2String(v, sz), 0);
-    EXPECT_STREQ(sz, "");
-    const char szText[] = "ab\0";
-    v.AttachString((char*)szText, 3, TALVOR_VT_TEXT);
-    EXPECT_EQ(ConvertVarData2String(v, sz), 2);
-    EXPECT_STREQ(sz, "ab");
-}
-
-TEST(VarDataPrint, TextConversionsInPlace)
-{
-    CTalvorBufferPool pool;
-    st_VARDATA v;
-    v.Init();
-    ASSERT_EQ(v.CovertString2Data(&pool, "  -17 ", 6, TALVOR_VT_INT), 0);
-    EXPECT_EQ(Val(v.m_vt), TALVOR_VT_INT);
-    EXPECT_EQ(Val(v.m_nValue), -17);
-    EXPECT_EQ(v.CovertString2Data(&pool, TALVOR_VT_INT), TALVOR_VARDATA_TYPE_ERROR) << "no longer text";
-    ASSERT_EQ(v.Covert2String(nullptr), 0);
-    EXPECT_EQ(Bytes(v), "-17");
-    EXPECT_EQ(Val(v.m_bAutoRelease), 1);
-    ASSERT_EQ(v.CovertStringToNumber(), 0);  // gives the owned text back
-    EXPECT_EQ(Val(v.m_vt), TALVOR_VT_DECIMAL);
-    EXPECT_EQ(v.GetCompatibleInt(), -17);
     v.AttachString((char*)"%%", 2, TALVOR_VT_TEXT);
     EXPECT_TRUE(v.IsAllWildcard());
     v.AttachString((char*)"%a%", 3, TALVOR_VT_TEXT);
