@@ -14,8 +14,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
@@ -69,7 +67,6 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(m_tree.Ok());
-        m_path = m_tree.Path("TalvorConfig.ini");
         ASSERT_NE(ConfigHelper::s_pInstance.get(), nullptr);
         InitThreadCritSection(&m_crit);
     }
@@ -102,7 +99,7 @@ protected:
     }
 
     TempTree m_tree{"cfgc"};
-    std::string m_path;
+    const std::string m_path = m_tree.Path("TalvorConfig.ini");
     FaultFileIO m_io;
     std::atomic<int> m_nLocks{0};
     std::atomic<int> m_nWholeReads{0};
@@ -115,22 +112,16 @@ protected:
 // its rewrite: read it at start, read one key, set one key through the tree,
 // set one key file-direct.
 enum IniOp { OP_LOAD, OP_PROFILE_READ, OP_TREE_SET, OP_PROFILE_SET };
+const char* const kIniOpNames[] = {"Load", "ProfileRead", "TreeSet", "ProfileSet"};
 
-struct LockCase {
-    const char* name;
-    IniOp op;
-};
-
-void PrintTo(const LockCase& c, std::ostream* os) { *os << c.name; }
-
-class IniLockTest : public ConfigIniTest, public ::testing::WithParamInterface<LockCase> {};
+class IniLockTest : public ConfigIniTest, public ::testing::WithParamInterface<IniOp> {};
 
 // The engine holds the exclusive lock and has emptied the file to rewrite it.
 // The daemon's call must wait for the lock, not read the empty or the old
 // file: it then sees the engine's new key, and a write keeps it.
 TEST_P(IniLockTest, WaitsForTheEnginesRewriteAndKeepsItsKey)
 {
-    const LockCase& c = GetParam();
+    const IniOp op = GetParam();
     ASSERT_TRUE(WriteWholeFile(m_path, "[S]\na=1\n[Tail]\nend=1\n"));
     ASSERT_TRUE(TalvorConfigInit(m_path.c_str()));
     int fdEngine = EngineLock(m_path, LOCK_EX);
@@ -150,7 +141,7 @@ TEST_P(IniLockTest, WaitsForTheEnginesRewriteAndKeepsItsKey)
     std::atomic<bool> bDone{false};
     std::atomic<int> nResult{-1};
     std::thread daemon([&] {
-        switch (c.op) {
+        switch (op) {
         case OP_LOAD: nResult = TalvorConfigInit(m_path.c_str()) ? 1 : 0; break;
         case OP_PROFILE_READ: nResult = GetPrivateProfileInt("S", "e", -1, m_path.c_str()); break;
         case OP_TREE_SET: {
@@ -175,23 +166,12 @@ TEST_P(IniLockTest, WaitsForTheEnginesRewriteAndKeepsItsKey)
     EXPECT_EQ(ProfileInt("S", "e"), 1);
     EXPECT_EQ(ProfileInt("Tail", "end"), 1);
     EXPECT_EQ(nResult, 1);
-    if (c.op == OP_LOAD) {
-        EXPECT_EQ(DaemonInt("S", "e"), 1);
-    }
-    if (c.op == OP_TREE_SET || c.op == OP_PROFILE_SET) {
-        EXPECT_EQ(ProfileInt("S", "d"), 2);
-    }
+    if (op == OP_LOAD) EXPECT_EQ(DaemonInt("S", "e"), 1);
+    if (op == OP_TREE_SET || op == OP_PROFILE_SET) EXPECT_EQ(ProfileInt("S", "d"), 2);
 }
 
-const LockCase kLockCases[] = {
-    {"Load", OP_LOAD},
-    {"ProfileRead", OP_PROFILE_READ},
-    {"TreeSet", OP_TREE_SET},
-    {"ProfileSet", OP_PROFILE_SET},
-};
-
-INSTANTIATE_TEST_SUITE_P(Ops, IniLockTest, ::testing::ValuesIn(kLockCases),
-                         [](const ::testing::TestParamInfo<LockCase>& i) { return std::string(i.param.name); });
+INSTANTIATE_TEST_SUITE_P(Ops, IniLockTest, ::testing::Values(OP_LOAD, OP_PROFILE_READ, OP_TREE_SET, OP_PROFILE_SET),
+                         [](const ::testing::TestParamInfo<IniOp>& i) { return std::string(kIniOpNames[i.param]); });
 
 // The daemon replaces the file by renaming a new one over it. A reader that
 // opened the old file and won its lock after the rename must read the new one.
@@ -393,34 +373,6 @@ struct AgreeCase {
     int probeValue; // -1: not in the file
 };
 
-void PrintTo(const AgreeCase& c, std::ostream* os) { *os << c.name; }
-
-class IniReadersAgree : public ConfigIniTest, public ::testing::WithParamInterface<AgreeCase> {
-protected:
-    void ExpectBoth(const char* app, const char* key, int value, const char* when)
-    {
-        ASSERT_TRUE(TalvorConfigInit(m_path.c_str())) << when;
-        EXPECT_EQ(DaemonInt(app, key), value) << when << ": the tree, [" << app << "] " << key;
-        EXPECT_EQ(ProfileInt(app, key), value) << when << ": file-direct, [" << app << "] " << key;
-    }
-};
-
-TEST_P(IniReadersAgree, SameAnswerForTheSameKey)
-{
-    const AgreeCase& c = GetParam();
-    ASSERT_TRUE(WriteWholeFile(m_path, c.text));
-    ExpectBoth(c.app, c.key, c.value, "as written");
-    ExpectBoth(c.probeApp, c.probeKey, c.probeValue, "as written");
-
-    ASSERT_TRUE(TalvorConfigSetValueString(c.app, c.key, "4242"));
-    ExpectBoth(c.app, c.key, 4242, "after the tree's set");
-    ExpectBoth(c.probeApp, c.probeKey, c.probeValue, "after the tree's set");
-
-    ASSERT_TRUE(WritePrivateProfileString(c.app, c.key, "4343", m_path.c_str()));
-    ExpectBoth(c.app, c.key, 4343, "after the file-direct set");
-    ExpectBoth(c.probeApp, c.probeKey, c.probeValue, "after the file-direct set");
-}
-
 const AgreeCase kAgreeCases[] = {
     {"HeadWithSemicolonComment", "[System]\nclusternode=1\n[Config] ; cluster\nclusternode=2\n", "Config",
      "clusternode", 2, "System", "clusternode", 1},
@@ -439,7 +391,23 @@ const AgreeCase kAgreeCases[] = {
     {"ValueWithHashComment", "[Config] ; c\nk = 8 # eight\n", "Config", "k", 8, "Config", "eight", -1},
 };
 
-INSTANTIATE_TEST_SUITE_P(Lines, IniReadersAgree, ::testing::ValuesIn(kAgreeCases),
-                         [](const ::testing::TestParamInfo<AgreeCase>& i) { return std::string(i.param.name); });
+TEST_F(ConfigIniTest, IniReadersAgreeOnTheSameKey)
+{
+    for (const AgreeCase& c : kAgreeCases) {
+        SCOPED_TRACE(c.name);
+        ASSERT_TRUE(WriteWholeFile(m_path, c.text));
+        for (int nStep = 0; nStep < 3; nStep++) {
+            if (nStep == 1) ASSERT_TRUE(TalvorConfigSetValueString(c.app, c.key, "4242"));
+            if (nStep == 2) ASSERT_TRUE(WritePrivateProfileString(c.app, c.key, "4343", m_path.c_str()));
+            // As written, after the tree's set, after the file-direct set.
+            ASSERT_TRUE(TalvorConfigInit(m_path.c_str())) << "step " << nStep;
+            const int nWant = nStep == 0 ? c.value : nStep == 1 ? 4242 : 4343;
+            EXPECT_EQ(DaemonInt(c.app, c.key), nWant) << "step " << nStep << ": the tree";
+            EXPECT_EQ(ProfileInt(c.app, c.key), nWant) << "step " << nStep << ": file-direct";
+            EXPECT_EQ(DaemonInt(c.probeApp, c.probeKey), c.probeValue) << "step " << nStep << ": the tree, probe";
+            EXPECT_EQ(ProfileInt(c.probeApp, c.probeKey), c.probeValue) << "step " << nStep << ": file-direct, probe";
+        }
+    }
+}
 
 } // namespace

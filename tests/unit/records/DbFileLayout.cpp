@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstring>
 #include <vector>
 
@@ -46,19 +47,17 @@ std::vector<long long> Walk(std::vector<BYTE>& vImage, long long nFirst, int* pn
 
 } // namespace
 
-TEST(DbFileLayoutObjects, EntriesCountFromZero)
+// Entry 1 is the second record of a table, one record past its start; the
+// last entry of the table and of the image are the bounds.
+TEST(DbFileLayoutObjects, EntriesCountFromZeroAndStayInsideTableAndImage)
 {
     std::vector<BYTE> vHead(sizeof(SYSTEMFILEHEAD), 0);
-    LPSYSTEMFILEHEAD lpHead = (LPSYSTEMFILEHEAD)vHead.data();
-    // Entry 1 is the second record of the table, 56 bytes past its start.
-    EXPECT_EQ(1222 + 56, (LPBYTE)DbFileListObject(lpHead) - vHead.data());
-    EXPECT_EQ(1222 + 99 * 56, (LPBYTE)DbSystemFileObject(lpHead, 99) - vHead.data());
-    EXPECT_EQ(nullptr, DbSystemFileObject(lpHead, 100));
-    EXPECT_EQ(nullptr, DbSystemFileObject(lpHead, -1));
-}
+    LPSYSTEMFILEHEAD lpSys = (LPSYSTEMFILEHEAD)vHead.data();
+    EXPECT_EQ(&lpSys->m_stFileObject[1], DbFileListObject(lpSys));
+    EXPECT_EQ(&lpSys->m_stFileObject[99], DbSystemFileObject(lpSys, 99));
+    EXPECT_EQ(nullptr, DbSystemFileObject(lpSys, 100));
+    EXPECT_EQ(nullptr, DbSystemFileObject(lpSys, -1));
 
-TEST(DbFileLayoutObjects, MemoryFileObjectsStayInsideTableAndImage)
-{
     std::vector<BYTE> vImage(8192, 0);
     LPBASEFILEHEAD lpHead = (LPBASEFILEHEAD)vImage.data();
     lpHead->m_nObjectInfoOffset = 512;
@@ -76,11 +75,9 @@ TEST(DbFileLayoutMaps, CacheMapIsFoundByDivision)
 {
     int nMap = 0, nEntry = 0;
     ASSERT_TRUE(DbCacheMapLocation(681, CACHE_MAX_BLOCKMAP_NUM, &nMap, &nEntry));
-    EXPECT_EQ(2, nMap);
-    EXPECT_EQ(0, nEntry);
+    EXPECT_EQ(std::make_pair(2, 0), std::make_pair(nMap, nEntry));
     ASSERT_TRUE(DbCacheMapLocation(680, CACHE_MAX_BLOCKMAP_NUM, &nMap, &nEntry));
-    EXPECT_EQ(1, nMap);
-    EXPECT_EQ(679, nEntry);
+    EXPECT_EQ(std::make_pair(1, 679), std::make_pair(nMap, nEntry));
     EXPECT_FALSE(DbCacheMapLocation(0, CACHE_MAX_BLOCKMAP_NUM, &nMap, &nEntry));
     EXPECT_FALSE(DbCacheMapLocation(5, 0, &nMap, &nEntry));
 }
@@ -95,19 +92,6 @@ T ValueAt(const std::vector<BYTE>& v, long long nOffset)
     return t;
 }
 
-long long BuildArea(BYTE bFileType, BYTE bFileNo, USHORT usGuid, int nObjects, long long nSize, long long nTs,
-                    std::vector<BYTE>& v)
-{
-    CACHEHEADAREADEF d;
-    d.m_bFileNo = bFileNo;
-    d.m_bFileType = bFileType;
-    d.m_usDatabaseGuid = usGuid;
-    d.m_nMaxObjectNum = nObjects;
-    d.m_nFileSize = nSize;
-    d.m_nTimestamp = nTs;
-    return CacheBuildHeadArea(d, v.data(), (long long)v.size(), nullptr) ? CacheHeadAreaSize(bFileType, nObjects) : -1;
-}
-
 } // namespace
 
 // The head area of a new cache-mode file is checked field by field, at the
@@ -117,32 +101,26 @@ long long BuildArea(BYTE bFileType, BYTE bFileNo, USHORT usGuid, int nObjects, l
 TEST(DbFileLayoutMaps, IndexHeadAreaSpillsIntoAnExtendedPageAndSetsNothingElse)
 {
     std::vector<BYTE> v(65536, 0xEE);
-    ASSERT_EQ(49152, BuildArea(FILETYPE_INDEX, 3, 1, 678, DB_CACHEFILE_MIN_SIZE, 5, v));
-    EXPECT_EQ(0x46424243, ValueAt<int>(v, 0));
-    EXPECT_EQ(32768, ValueAt<int>(v, 50));        // first map block
-    EXPECT_EQ(49152, ValueAt<long long>(v, 58));  // first block
-    EXPECT_EQ(16384, ValueAt<long long>(v, 90));  // the extended page
-    EXPECT_EQ(677, ValueAt<USHORT>(v, 98));
-    EXPECT_EQ(0x45424243, ValueAt<int>(v, 16384));
-    EXPECT_EQ(1, v[16384 + 6]);
-    EXPECT_EQ(681, ValueAt<USHORT>(v, 16384 + 8));
-    EXPECT_EQ(0, ValueAt<long long>(v, 16384 + 10));
-    EXPECT_EQ(0x4D444E51, ValueAt<int>(v, 32768));
+    CACHEHEADAREADEF d;
+    d.m_bFileNo = 3;
+    d.m_bFileType = FILETYPE_INDEX;
+    d.m_usDatabaseGuid = 1;
+    d.m_nMaxObjectNum = 678;
+    d.m_nFileSize = DB_CACHEFILE_MIN_SIZE;
+    d.m_nTimestamp = 5;
+    ASSERT_TRUE(CacheBuildHeadArea(d, v.data(), (long long)v.size(), nullptr));
+    ASSERT_EQ(49152, CacheHeadAreaSize(FILETYPE_INDEX, 678));
+    // Head: mark, first map block, first block, the extended page, objects
+    // in the head. Extended page: mark, its number, its objects, no next.
+    // Then the map page's mark.
+    EXPECT_EQ((std::vector<long long>{0x46424243, 32768, 49152, 16384, 677, 0x45424243, 1, 681, 0, 0x4D444E51}),
+              (std::vector<long long>{ValueAt<int>(v, 0), ValueAt<int>(v, 50), ValueAt<long long>(v, 58),
+                                      ValueAt<long long>(v, 90), ValueAt<USHORT>(v, 98), ValueAt<int>(v, 16384),
+                                      v[16384 + 6], ValueAt<USHORT>(v, 16384 + 8), ValueAt<long long>(v, 16384 + 10),
+                                      ValueAt<int>(v, 32768)}));
     size_t nNonZero = 0;
     for (size_t i = 0; i < 49152; i++) nNonZero += v[i] != 0;
     EXPECT_LT(nNonZero, 100u);
-}
-
-TEST(DbFileLayoutChains, GoodChainIsWalkedInOrder)
-{
-    std::vector<BYTE> vImage(IMAGE_SIZE, 0);
-    Link(vImage, {4, 0, 7});
-    int nResult = -1;
-    std::vector<long long> vSeen = Walk(vImage, EntryAt(4), &nResult);
-    EXPECT_EQ(DBCHAIN_OK, nResult);
-    EXPECT_EQ((std::vector<long long>{EntryAt(4), EntryAt(0), EntryAt(7)}), vSeen);
-    EXPECT_TRUE(Walk(vImage, 0, &nResult).empty());
-    EXPECT_EQ(DBCHAIN_OK, nResult);
 }
 
 TEST(DbFileLayoutChains, LoopsOfAnyLengthAreRefusedBeforeAnyEntryIsHandedOut)
@@ -165,28 +143,33 @@ TEST(DbFileLayoutChains, LoopsOfAnyLengthAreRefusedBeforeAnyEntryIsHandedOut)
     }
 }
 
+// Entry 1's next, or the start: no chain; the last whole entry ending
+// exactly at the image's end; one byte further; before the image; a start
+// at its end. What is refused is refused before any entry is handed out.
 TEST(DbFileLayoutChains, EntriesOutsideTheImageAreRefused)
 {
-    std::vector<BYTE> vImage(IMAGE_SIZE, 0);
-    Link(vImage, {0, 1});
-    int nResult = -1;
-    long long nBad = 0;
-    // The last whole entry ends exactly at the image's end: accepted.
-    Entry(vImage, 1)->m_nNextOffset = IMAGE_SIZE - 20;
-    Walk(vImage, EntryAt(0), &nResult, &nBad);
-    EXPECT_EQ(DBCHAIN_OK, nResult);
-    // One byte further and it would be read past the end.
-    Entry(vImage, 1)->m_nNextOffset = IMAGE_SIZE - 19;
-    std::vector<long long> vSeen = Walk(vImage, EntryAt(0), &nResult, &nBad);
-    EXPECT_EQ(DBCHAIN_OUTSIDE, nResult);
-    EXPECT_EQ(IMAGE_SIZE - 19, nBad);
-    EXPECT_TRUE(vSeen.empty());
-    Entry(vImage, 1)->m_nNextOffset = -40;
-    Walk(vImage, EntryAt(0), &nResult, &nBad);
-    EXPECT_EQ(DBCHAIN_OUTSIDE, nResult);
-    Walk(vImage, IMAGE_SIZE, &nResult, &nBad);
-    EXPECT_EQ(DBCHAIN_OUTSIDE, nResult);
-    EXPECT_EQ(IMAGE_SIZE, nBad);
+    const long long NO_CHECK = LLONG_MIN;
+    const struct {
+        long long nFirst, nNext;
+        int nResult;
+        long long nBad;
+    } arCases[] = {{0, 0, DBCHAIN_OK, NO_CHECK},
+                   {EntryAt(0), IMAGE_SIZE - 20, DBCHAIN_OK, NO_CHECK},
+                   {EntryAt(0), IMAGE_SIZE - 19, DBCHAIN_OUTSIDE, IMAGE_SIZE - 19},
+                   {EntryAt(0), -40, DBCHAIN_OUTSIDE, NO_CHECK},
+                   {IMAGE_SIZE, 0, DBCHAIN_OUTSIDE, IMAGE_SIZE}};
+    for (const auto& c : arCases) {
+        std::vector<BYTE> vImage(IMAGE_SIZE, 0);
+        Link(vImage, {0, 1});
+        Entry(vImage, 1)->m_nNextOffset = c.nNext;
+        int nResult = -1;
+        long long nBad = NO_CHECK;
+        std::vector<long long> vSeen = Walk(vImage, c.nFirst, &nResult, &nBad);
+        SCOPED_TRACE(::testing::Message() << c.nFirst << " -> " << c.nNext);
+        EXPECT_EQ(c.nResult, nResult);
+        EXPECT_TRUE(c.nResult == DBCHAIN_OK || vSeen.empty());
+        if (c.nBad != NO_CHECK) EXPECT_EQ(c.nBad, nBad);
+    }
 }
 
 TEST(DbFileLayoutChains, SlaveReadsAddTheDeltaButReportMasterOffsets)
@@ -232,38 +215,30 @@ TEST(DbFileLayoutMake, MemoryFileHeadMapsAndFirstBlockAgree)
         std::vector<BYTE> vBuf(stPlan.m_nFreeOffset, 0xEE);
         ASSERT_TRUE(DbBuildMemoryFile(stPlan, 7, 0x1234, vBuf.data(), (long long)vBuf.size()));
         LPBASEFILEHEAD lpHead = (LPBASEFILEHEAD)vBuf.data();
-        EXPECT_EQ(FileHeadDataFlag(bType), Val(lpHead->m_nDataFlag));
-        EXPECT_EQ(7, lpHead->m_bFileNo);
-        EXPECT_EQ(0x1234, Val(lpHead->m_usDatabaseGuid));
-        EXPECT_EQ(4 * DB_MIB, Val(lpHead->m_nFileTotalSize));
-        EXPECT_EQ(Val(stPlan.m_nFreeOffset), Val(lpHead->m_nFileFreeMemoryOffset));
-        EXPECT_EQ(20, Val(lpHead->m_nBlockMapStructSize));
         // The object table lies wholly inside the head region.
         EXPECT_LE(lpHead->m_nObjectInfoOffset + 1024LL * 56, Val(lpHead->m_nFileHeaderSize));
-        EXPECT_NE(nullptr, DbMemoryFileObject(vBuf.data(), (long long)vBuf.size(), 1023));
+        ASSERT_NE(nullptr, DbMemoryFileObject(vBuf.data(), (long long)vBuf.size(), 1023));
         EXPECT_EQ(0, Val(DbMemoryFileObject(vBuf.data(), (long long)vBuf.size(), 1023)->m_nID));
         // Master and slave are the same bytes.
         long long nMap = lpHead->m_nBlockMapStartOffset;
         EXPECT_EQ(0, memcmp(&vBuf[nMap], &vBuf[nMap + lpHead->m_nBlockMapSize], Val(lpHead->m_nBlockMapSize)));
         LPBASEFILEBLOCKMAPHEAD lpMap = (LPBASEFILEBLOCKMAPHEAD)&vBuf[nMap];
-        EXPECT_EQ(BLOCKMAP_DATAFLAG, Val(lpMap->m_nDataFlag));
-        EXPECT_EQ(1, Val(lpMap->m_nBlockMapNum));
         LPBASEFILEBLOCKMAP lpEntry = (LPBASEFILEBLOCKMAP)&vBuf[DbMapEntryOffset(nMap, 0)];
-        EXPECT_EQ(1u, Val(lpEntry->m_nBlockNo));
-        EXPECT_EQ(Val(lpHead->m_nBlockStartOffset), Val(lpEntry->m_nBlockOffset));
         LPBLOCKHEAD lpBlock = (LPBLOCKHEAD)&vBuf[lpEntry->m_nBlockOffset];
-        EXPECT_EQ(BLOCK_DATAFLAG, Val(lpBlock->m_nDataFlag));
-        EXPECT_EQ(1u, Val(lpBlock->m_nBlockNo));
-        EXPECT_EQ(7, lpBlock->m_bFileNo);
-        EXPECT_EQ(Val(stPlan.m_nFreeOffset), lpEntry->m_nBlockOffset + lpBlock->m_nBlockSize);
+        // Map head, its first entry, the block it names, and the free space
+        // right after that block.
+        EXPECT_EQ((std::vector<long long>{BLOCKMAP_DATAFLAG, 1, 1, lpHead->m_nBlockStartOffset, BLOCK_DATAFLAG, 1, 7,
+                                          stPlan.m_nFreeOffset}),
+                  (std::vector<long long>{lpMap->m_nDataFlag, lpMap->m_nBlockMapNum, lpEntry->m_nBlockNo,
+                                          lpEntry->m_nBlockOffset, lpBlock->m_nDataFlag, lpBlock->m_nBlockNo,
+                                          lpBlock->m_bFileNo, lpEntry->m_nBlockOffset + lpBlock->m_nBlockSize}));
         // A data file is saved along its objects' chains: a block on none
         // would never reach the disk. Index files keep their objects empty.
         const bool bData = bType == FILETYPE_DATA;
         LPBASEFILEOBJECTDEF lpFirst = DbMemoryFileObject(vBuf.data(), (long long)vBuf.size(), 0);
-        EXPECT_EQ(bData ? 1 : 0, (int)Val(lpFirst->m_nID));
-        EXPECT_EQ(bData ? DbMapEntryOffset(nMap, 0) : 0, (long long)Val(lpFirst->m_nFreeBlockMapOffset));
-        EXPECT_EQ(0, (long long)Val(lpFirst->m_nFullBlockMapOffset));
-        EXPECT_EQ(bData ? 1 : 0, (int)Val(lpHead->m_nCurrentObjectNum));
+        EXPECT_EQ((std::vector<long long>{bData, bData ? DbMapEntryOffset(nMap, 0) : 0, 0, bData}),
+                  (std::vector<long long>{lpFirst->m_nID, lpFirst->m_nFreeBlockMapOffset,
+                                          lpFirst->m_nFullBlockMapOffset, lpHead->m_nCurrentObjectNum}));
     }
 }
 
@@ -279,14 +254,16 @@ TEST(DbFileLayoutMake, PlansThatCannotHoldTheirPartsAreRefused)
     EXPECT_FALSE(DbPlanSystemFile(3, 400, DB_SYSTEMFILE_SIZE, &stSys));  // block not aligned
 }
 
-TEST(DbFileLayoutMake, SystemFileListSpansBlocksFullChainFirst)
+// Seven rows in 1024-byte blocks of (1024 - 64) / 348 = 2 rows each; the
+// rows' order over the blocks and chains is in
+// SystemFileList.RowsPastOneBlockAreAllRead. A block whose rows would
+// overrun it is not read; a count past the block (64 + 3 * 348 > 1024) stops
+// the start: SystemFileList.DamagedListStopsTheStart.
+TEST(DbFileLayoutMake, SystemFileHeadAndBlocksWhoseRowsOverrun)
 {
-    // 1024-byte blocks hold (1024 - 64) / 348 = 2 rows each.
     const int nRows = 7;
     DBSYSFILEPLAN stPlan;
     ASSERT_TRUE(DbPlanSystemFile(nRows, 1024, DB_SYSTEMFILE_SIZE, &stPlan));
-    EXPECT_EQ(2, Val(stPlan.m_nRowsPerBlock));
-    EXPECT_EQ(4, Val(stPlan.m_nListBlocks));
     std::vector<FILE_MEMDBFILEINFO> vRows(nRows);
     memset(vRows.data(), 0, nRows * sizeof(FILE_MEMDBFILEINFO));
     for (int i = 0; i < nRows; i++) {
@@ -296,75 +273,28 @@ TEST(DbFileLayoutMake, SystemFileListSpansBlocksFullChainFirst)
     std::vector<BYTE> vBuf(stPlan.m_nFreeOffset, 0);
     ASSERT_TRUE(DbBuildSystemFile(stPlan, vRows.data(), 0x4242, "Db", "/d/", vBuf.data(), (long long)vBuf.size()));
     LPSYSTEMFILEHEAD lpHead = (LPSYSTEMFILEHEAD)vBuf.data();
-    EXPECT_EQ(SYSTEMFILE_DATAFLAG, Val(lpHead->m_nDataFlag));
-    EXPECT_EQ(1222, Val(lpHead->m_nObjectInfoOffset));
-    EXPECT_EQ(0, Val(DbSystemFileObject(lpHead, 0)->m_nID));
-    EXPECT_EQ(1, Val(DbFileListObject(lpHead)->m_nID));
-    EXPECT_EQ(7, lpHead->m_bFileMaxNo);
-    EXPECT_EQ(1, (int)Val(lpHead->m_nRedoLogMaxID)) << "a first redo log numbered 0 reads as no log";
-    EXPECT_EQ(Val(stPlan.m_nFreeOffset), Val(lpHead->m_nFileFreePos));
+    // Mark, where the objects lie, the file list's object, the highest file
+    // number, the first redo log (numbered 1: 0 reads as no log), free space.
+    EXPECT_EQ((std::vector<long long>{SYSTEMFILE_DATAFLAG, 1222, 0, 1, 7, 1, stPlan.m_nFreeOffset}),
+              (std::vector<long long>{lpHead->m_nDataFlag, lpHead->m_nObjectInfoOffset,
+                                      DbSystemFileObject(lpHead, 0)->m_nID, DbFileListObject(lpHead)->m_nID,
+                                      lpHead->m_bFileMaxNo, lpHead->m_nRedoLogMaxID, lpHead->m_nFileFreePos}));
     EXPECT_STREQ("/d/", lpHead->m_cDatabasePath);
-    EXPECT_GT(Val(lpHead->m_nWriteRedoOnlineGroups), 2);
-    EXPECT_GT(Val(lpHead->m_nWriteRedoMaxSize), 0);
-
-    std::vector<int> vFileNos;
-    std::vector<int> vFull;
-    int nResult = DbForEachFileListRow(vBuf.data(), (long long)vBuf.size(),
-                                       [&](LPSYSTEMBLOCKHEAD lpBlock, LPFILE_MEMDBFILEINFO lpRow) {
-                                           vFileNos.push_back(lpRow->m_bFileNo);
-                                           vFull.push_back(lpBlock->m_bFullFlag);
-                                           return true;
-                                       });
-    EXPECT_EQ(DBCHAIN_OK, nResult);
-    EXPECT_EQ((std::vector<int>{1, 2, 3, 4, 5, 6, 7}), vFileNos);
-    EXPECT_EQ((std::vector<int>{1, 1, 1, 1, 1, 1, 0}), vFull);
     ASSERT_NE(nullptr, DbFindFileListRow(vBuf.data(), (long long)vBuf.size(), 5));
     EXPECT_EQ(5, Val(DbFindFileListRow(vBuf.data(), (long long)vBuf.size(), 5)->m_nInnerNo));
     EXPECT_EQ(nullptr, DbFindFileListRow(vBuf.data(), (long long)vBuf.size(), 9));
-}
 
-TEST(DbFileLayoutMake, BlocksWhoseRowsOverrunAreNotRead)
-{
-    DBSYSFILEPLAN stPlan;
-    FILE_MEMDBFILEINFO stRow;
-    memset(&stRow, 0, sizeof(stRow));
-    stRow.m_bFileNo = 1;
-    ASSERT_TRUE(DbPlanSystemFile(1, 1024, DB_SYSTEMFILE_SIZE, &stPlan));
-    std::vector<BYTE> vBuf(stPlan.m_nFreeOffset, 0);
-    ASSERT_TRUE(DbBuildSystemFile(stPlan, &stRow, 1, "Db", "/d/", vBuf.data(), (long long)vBuf.size()));
-    long long nBlock = stPlan.m_nBlockStartOffset;
+    const long long nBlock = stPlan.m_nBlockStartOffset;
     LPSYSTEMBLOCKHEAD lpBlock = (LPSYSTEMBLOCKHEAD)&vBuf[nBlock];
-    EXPECT_TRUE(DbSystemBlockFits(vBuf.data(), (long long)vBuf.size(), nBlock));
-    lpBlock->m_nDataNum = 3;  // 64 + 3 * 348 > 1024
-    EXPECT_FALSE(DbSystemBlockFits(vBuf.data(), (long long)vBuf.size(), nBlock));
-    int nRows = 0;
-    EXPECT_NE(DBCHAIN_OK, DbForEachFileListRow(vBuf.data(), (long long)vBuf.size(),
-                                               [&](LPSYSTEMBLOCKHEAD, LPFILE_MEMDBFILEINFO) { return ++nRows > 0; }));
-    EXPECT_EQ(0, nRows);
+    auto Fits = [&] { return DbSystemBlockFits(vBuf.data(), (long long)vBuf.size(), nBlock); };
+    ASSERT_EQ(2, Val(lpBlock->m_nDataNum)) << "the most a 1024-byte block holds";
+    EXPECT_TRUE(Fits());
     lpBlock->m_nDataNum = -1;
-    EXPECT_FALSE(DbSystemBlockFits(vBuf.data(), (long long)vBuf.size(), nBlock));
+    EXPECT_FALSE(Fits());
     lpBlock->m_nDataNum = 1;
     lpBlock->m_nBlockHeadSize = 20;  // rows would overlay the head
-    EXPECT_FALSE(DbSystemBlockFits(vBuf.data(), (long long)vBuf.size(), nBlock));
+    EXPECT_FALSE(Fits());
     lpBlock->m_nBlockHeadSize = 64;
     lpBlock->m_nBlockSize = (int)(vBuf.size() - nBlock) + 512;  // past the image
-    EXPECT_FALSE(DbSystemBlockFits(vBuf.data(), (long long)vBuf.size(), nBlock));
-}
-
-// Each file type finds its own head mark, and only the redo types without
-// a trailer go without one.
-TEST(DbFileLayoutMarks, EachTypeFindsItsOwnMark)
-{
-    const struct {
-        BYTE bType;
-        int nMark;
-    } arTypes[] = {{FILETYPE_SYSTEM, SYSTEMFILE_DATAFLAG}, {FILETYPE_DATA, DATAFILE_DATAFLAG},
-                   {FILETYPE_BTREEINDEX, BTREEINDEXFILE_DATAFLAG}, {FILETYPE_KVINDEX, KVINDEXFILE_DATAFLAG},
-                   {FILETYPE_TABLE, TABLEFILE_DATAFLAG}, {FILETYPE_INDEX, INDEXFILE_DATAFLAG},
-                   {0, 0}, {5, 0}, {12, 0}};
-    for (const auto& t : arTypes) EXPECT_EQ(t.nMark, FileHeadDataFlag(t.bType)) << int(t.bType);
-    EXPECT_TRUE(IsCacheFileType(10) && IsCacheFileType(11));
-    EXPECT_FALSE(IsCacheFileType(4) || IsCacheFileType(12));
-    EXPECT_TRUE(RedoRecordHasTrailer(9) && RedoRecordHasTrailer(15));
-    EXPECT_FALSE(RedoRecordHasTrailer(10) || RedoRecordHasTrailer(14));
+    EXPECT_FALSE(Fits());
 }
