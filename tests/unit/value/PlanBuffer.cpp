@@ -196,6 +196,7 @@ TEST(PlanBufferLayout, MainBufferBoundsEmptyRequestsAndAlignedBlocks)
     // A word-aligned block behind an odd one.
     bson.Free();
     ASSERT_EQ(0, bson.AllocBsonBuffer(nullptr, 100));
+    p = nullptr;
     ASSERT_EQ(0, bson.AllocFromBsonBuffer(5, nAddr, p));
     UINT nEx = 0;
     LPBYTE pEx = nullptr;
