@@ -41,12 +41,15 @@ long long CallsOfOnePass(FileOp eOp, bool bFresh = false)
 } // namespace
 
 // Every call of each kind the pass makes fails in turn (a write, an open of
-// the pass's own descriptor, a close): the commit on disk stays true, and
-// the next pass finishes the work.
+// the pass's own descriptor, a close, a data sync): the commit on disk stays
+// true, and the next pass finishes the work. After a failed sync the kernel
+// may have dropped every write it had not yet made durable, while the
+// process and its images live on: the next pass must write all of it again.
 TEST(CrashConsistency, EveryFailedCallLeavesATrueCommitAndTheNextPassFinishes)
 {
     ASSERT_GT(CallsOfOnePass(FileOp::PWrite), 10);
-    for (FileOp eOp : {FileOp::PWrite, FileOp::Open, FileOp::Close}) {
+    ASSERT_GT(CallsOfOnePass(FileOp::FDataSync), 2);
+    for (FileOp eOp : {FileOp::PWrite, FileOp::Open, FileOp::Close, FileOp::FDataSync}) {
         long long nCalls = CallsOfOnePass(eOp);
         for (long long k = 1; k <= nCalls; k++) {
             std::unique_ptr<PersistenceDb> pDb = MakeDirtyDatabase();
@@ -56,9 +59,10 @@ TEST(CrashConsistency, EveryFailedCallLeavesATrueCommitAndTheNextPassFinishes)
             {
                 ScopedFileIO scope(&io);
                 int nPass = pDb->Pass();
-                if (eOp == FileOp::PWrite) {
+                if (eOp == FileOp::PWrite || eOp == FileOp::FDataSync) {
                     EXPECT_NE(CBreltMemStorageModule::SAVEPASS_DONE, nPass) << "k=" << k;
                 }
+                if (eOp == FileOp::FDataSync) io.LosePowerKeeping({});
             }
             long long nCommitted = pDb->CommittedOnDisk();
             talvorpeer::PeerCheckResult r = pDb->CheckDisk(nCommitted);
