@@ -20,22 +20,7 @@ using namespace talvortest;
 
 namespace {
 
-// A backup made here (m_strWhole, of m_vFiles) and the path it is verified at.
-template <class FILE>
-class VerifyFixture : public ::testing::Test {
-protected:
-    int StatusAfter(const std::function<void(std::string&)>& fnChange)
-    {
-        return StatusAfterChange(m_strPath, m_strWhole, fnChange);
-    }
-
-    TempTree m_tree{"bverify"};
-    std::vector<FILE> m_vFiles;
-    std::string m_strWhole;
-    std::string m_strPath;
-};
-
-class BackupVerifyTest : public VerifyFixture<DbFile> {
+class BackupVerifyTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
@@ -44,16 +29,50 @@ protected:
         m_strWhole = WholeBackup(m_vFiles);
         m_strPath = m_tree.Path("TalvorBackup880044.fbk");
     }
+
+    int StatusAfter(const std::function<void(std::string&)>& fnChange)
+    {
+        return StatusAfterChange(m_strPath, m_strWhole, fnChange);
+    }
+
     // Where file nIndex's copy starts in the whole backup.
     long long DataStart(int nIndex) { return Val(Record(m_strWhole, nIndex)->m_nDataStartOffset); }
+
+    TempTree m_tree{"bverify"};
+    std::vector<DbFile> m_vFiles;
+    std::string m_strWhole;
+    std::string m_strPath;
 };
 
 } // namespace
+
+TEST_F(BackupVerifyTest, WholeBackupPassesAndListsWhatARestoreWrites)
+{
+    ASSERT_TRUE(WriteWholeFile(m_strPath, m_strWhole));
+    Verified v(m_strPath);
+    ASSERT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
+    const BACKUPVERIFYREPORT& r = v.Report();
+    EXPECT_EQ((long long)m_strWhole.size(), r.m_nBackupFileSize);
+    EXPECT_TRUE(r.m_bHeadKnown);
+    EXPECT_EQ(BACKUP_TIMESTAMP, r.m_nTimestamp);
+    EXPECT_EQ(0, r.m_nLevel);
+    EXPECT_EQ(8192, r.m_nHeadSize);
+    ASSERT_EQ((int)m_vFiles.size(), r.m_nItemNum);
+    for (size_t i = 0; i < m_vFiles.size(); i++) {
+        const BACKUPRESTOREITEM& it = r.m_arItem[i];
+        EXPECT_STREQ(m_vFiles[i].m_strPath.c_str(), it.m_lpszFilePath);
+        EXPECT_EQ(m_vFiles[i].m_bFileNo, it.m_bFileNo);
+        EXPECT_EQ(m_vFiles[i].m_bFileType, it.m_bFileType);
+        EXPECT_EQ(m_vFiles[i].m_nFileSize, it.m_nFileSize);
+        EXPECT_EQ(m_vFiles[i].m_nFree, it.m_nCopiedSize);
+    }
+}
 
 TEST_F(BackupVerifyTest, MoreThan27FilesTakeALargerHeadArea)
 {
     std::vector<DbFile> vMany = ManyFiles(m_tree, 30);
     std::string strBackup = WholeBackup(vMany);
+    ASSERT_EQ(16384, Val(((LPBACKUPFILEHEAD)&strBackup[0])->m_nHeadSize));
     ASSERT_TRUE(WriteWholeFile(m_strPath, strBackup));
     {
         Verified v(m_strPath);
@@ -122,6 +141,8 @@ TEST_F(BackupVerifyTest, FixedHeadFaultsAreRefused)
 {
     auto Head = [](std::string& s) { return (LPBACKUPFILEHEAD)&s[0]; };
     EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_nVersion = 0x4000000; }));
+    EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_nFileFlag = 0x41444B43; }));
+    EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_pDataFlag[5] = 'R'; }));
     // The data flag is NUL padded: a byte behind the text is no backup's.
     EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_pDataFlag[7] = 'x'; }));
     EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_nFileNum = 0; }));
@@ -146,6 +167,11 @@ TEST_F(BackupVerifyTest, RecordOutOfBoundsIsRefused)
     EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) {
                   Record(s, 1)->m_nDataEndOffset += 512;
                   Record(s, 1)->m_nFileFreeMemoryOffset += 512;
+              }));
+    // The next one starting inside the one before.
+    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) {
+                  Record(s, 3)->m_nDataStartOffset -= 512;
+                  Record(s, 3)->m_nFileFreeMemoryOffset += 512;
               }));
     // A gap between two copies.
     EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 4)->m_nDataStartOffset += 512; }));
@@ -175,14 +201,17 @@ TEST_F(BackupVerifyTest, RecordOutOfBoundsIsRefused)
 TEST_F(BackupVerifyTest, RecordIdentityFaultsAreRefused)
 {
     EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 4)->m_bFileNo = 5; }));
+    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 2)->m_bFileNo = 0; }));
     EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) {
                   memset(Record(s, 1)->m_lpszFilePath, 'a', sizeof(Record(s, 1)->m_lpszFilePath));
               }));
+    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 1)->m_lpszFilePath[0] = '\0'; }));
     for (BYTE bType : {0, 5, 9, 12, 255})
         EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 1)->m_bFileType = bType; }))
             << "type " << (int)bType;
     // The restore takes record 1 for the system file.
     EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 0)->m_bFileNo = 4; }));
+    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 0)->m_bFileType = FILETYPE_DATA; }));
     EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 1)->m_bFileType = FILETYPE_SYSTEM; }));
 }
 
@@ -206,6 +235,13 @@ TEST_F(BackupVerifyTest, CopiedHeadThatIsNotTheRecordsFileIsRefused)
     EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) {
                   Record(s, 1)->m_bFileType = FILETYPE_BTREEINDEX;
                   ((LPBASEFILEHEAD)&s[(size_t)DataStart(1)])->m_bFileType = FILETYPE_BTREEINDEX;
+              }));
+    // Two copies swapped in place: each record's head names the other file.
+    EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) {
+                  std::string strA = s.substr((size_t)DataStart(3), 106);
+                  std::string strB = s.substr((size_t)DataStart(4), 106);
+                  s.replace((size_t)DataStart(3), 106, strB);
+                  s.replace((size_t)DataStart(4), 106, strA);
               }));
 }
 
@@ -253,7 +289,7 @@ TEST_F(BackupVerifyTest, ReadFailureIsUnreadableNotWhole)
 // Incremental backups.
 namespace {
 
-class BackupIncrementTest : public VerifyFixture<IncFile> {
+class BackupIncrementTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
@@ -262,15 +298,54 @@ protected:
         m_strWhole = IncrementImage(m_vFiles);
         m_strPath = m_tree.Path("TalvorBackup990077.fbk");
     }
+
+    int StatusAfter(const std::function<void(std::string&)>& fnChange)
+    {
+        return StatusAfterChange(m_strPath, m_strWhole, fnChange);
+    }
+
+    static LPBACKUPINCREMENTHEAD Page(std::string& s, long long nPos) { return PageAt(s, nPos); }
     static LPBACKUPINCREMENTITEM Item(std::string& s, long long nPage, int nItem)
     {
-        return &PageAt(s, nPage)->m_pBlockItem[nItem];
+        return &Page(s, nPage)->m_pBlockItem[nItem];
     }
     long long FirstPage(int nFile) { return Val(Record(m_strWhole, nFile)->m_nDataStartOffset); }
-    long long SecondPage(int nFile) { return Val(PageAt(m_strWhole, FirstPage(nFile))->m_nNextPos); }
+    long long SecondPage(int nFile) { return Val(Page(m_strWhole, FirstPage(nFile))->m_nNextPos); }
+
+    TempTree m_tree{"bverify"};
+    std::vector<IncFile> m_vFiles;
+    std::string m_strWhole;
+    std::string m_strPath;
 };
 
 } // namespace
+
+TEST_F(BackupIncrementTest, WholeIncrementPassesAndListsWhatARestoreApplies)
+{
+    ASSERT_TRUE(WriteWholeFile(m_strPath, m_strWhole));
+    Verified v(m_strPath);
+    ASSERT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
+    const BACKUPVERIFYREPORT& r = v.Report();
+    EXPECT_EQ(1, r.m_nLevel);
+    EXPECT_EQ(INCREMENT_TIMESTAMP, r.m_nTimestamp);
+    EXPECT_EQ(INCREMENT_REFER, r.m_nReferTimestamp);
+    ASSERT_EQ((int)m_vFiles.size(), r.m_nItemNum);
+    for (size_t i = 0; i < m_vFiles.size(); i++) {
+        const BACKUPRESTOREITEM& it = r.m_arItem[i];
+        long long nBytes = 0;
+        for (const Piece& p : m_vFiles[i].m_vPieces)
+            nBytes += p.m_nSize;
+        EXPECT_STREQ(m_vFiles[i].m_stFile.m_strPath.c_str(), it.m_lpszFilePath);
+        EXPECT_EQ((int)m_vFiles[i].m_vPieces.size(), it.m_nPieceNum) << i;
+        EXPECT_EQ(nBytes, it.m_nCopiedSize) << i;
+    }
+    // The data file's 334 items take two pages, the first one full.
+    EXPECT_EQ(BACKUP_INCREMENT_MAX_ITEMS, Val(Page(m_strWhole, FirstPage(1))->m_nIncrementBlockNum));
+    EXPECT_NE(0, SecondPage(1));
+    EXPECT_EQ(334 - BACKUP_INCREMENT_MAX_ITEMS, Val(Page(m_strWhole, SecondPage(1))->m_nIncrementBlockNum));
+    // The unchanged file has a record and no data.
+    EXPECT_EQ(0, Val(Record(m_strWhole, 2)->m_nDataStartOffset));
+}
 
 TEST_F(BackupIncrementTest, EveryCutIsRefused)
 {
@@ -308,7 +383,6 @@ TEST_F(BackupIncrementTest, HeadFaultsAreRefused)
 
 TEST_F(BackupIncrementTest, PageFaultsAreRefused)
 {
-    ASSERT_NE(0, SecondPage(1)) << "the chain faults below need a second page";
     // A page never rewritten: a place-holder holds no item.
     EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) {
                   std::string strEmpty;
@@ -316,17 +390,20 @@ TEST_F(BackupIncrementTest, PageFaultsAreRefused)
                   s.replace((size_t)FirstPage(3), strEmpty.size(), strEmpty);
               }));
     EXPECT_EQ(BACKUPVERIFY_BADPAGE,
-              StatusAfter([&](std::string& s) { PageAt(s, FirstPage(0))->m_nDataFlag = BLOCK_DATAFLAG; }));
+              StatusAfter([&](std::string& s) { Page(s, FirstPage(0))->m_nDataFlag = BLOCK_DATAFLAG; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Page(s, FirstPage(0))->m_nBlockSize = 4096; }));
     EXPECT_EQ(BACKUPVERIFY_BADPAGE,
-              StatusAfter([&](std::string& s) { PageAt(s, FirstPage(1))->m_nIncrementBlockNum = 291; }));
+              StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nIncrementBlockNum = 291; }));
     // The full first page cut back: its last items seem to be missing, the
     // next page is where the run does not expect it.
     EXPECT_EQ(BACKUPVERIFY_BADPAGE,
-              StatusAfter([&](std::string& s) { PageAt(s, FirstPage(1))->m_nIncrementBlockNum = 289; }));
-    // A chain that stops after the first page, or loops.
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { PageAt(s, FirstPage(1))->m_nNextPos = 0; }));
+              StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nIncrementBlockNum = 289; }));
+    // A chain that stops after the first page, skips or loops.
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nNextPos = 0; }));
     EXPECT_EQ(BACKUPVERIFY_BADPAGE,
-              StatusAfter([&](std::string& s) { PageAt(s, SecondPage(1))->m_nNextPos = FirstPage(1); }));
+              StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nNextPos = SecondPage(1) + 512; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
+              StatusAfter([&](std::string& s) { Page(s, SecondPage(1))->m_nNextPos = FirstPage(1); }));
     // A record whose data ends before or after its pages.
     EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Record(s, 3)->m_nDataEndOffset -= 512; }));
     EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Record(s, 0)->m_nDataEndOffset -= 1; }));
@@ -341,6 +418,7 @@ TEST_F(BackupIncrementTest, ItemFaultsAreRefused)
     long long nPage = FirstPage(0);
     EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 1)->m_nBlockType = 4; }));
     EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 0)->m_nBlockType = 3; }));
+    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockType = 1; }));
     EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 0)->m_nBlockFilePos = 512; }));
     EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockDataPos += 1; }));
     // Longer than the block it names: the next item's data is not where it
@@ -363,7 +441,9 @@ TEST_F(BackupIncrementTest, PieceThatIsNotWhatItsItemNamesIsRefused)
     };
     // The copied head.
     EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) { ((LPBASEFILEHEAD)At(s, 0))->m_bFileNo = 3; }));
-    // A map block of a memory-mode file with the cache mode's mark.
+    // A map block: mark, number; a memory-mode file with the cache mode's mark.
+    EXPECT_EQ(BACKUPVERIFY_BADMARK,
+              StatusAfter([&](std::string& s) { ((LPBASEFILEBLOCKMAPHEAD)At(s, 1))->m_nMapNo = 2; }));
     EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) {
                   ((LPBASEFILEBLOCKMAPHEAD)At(s, 1))->m_nDataFlag = BLOCKMAP_CACHE_DATAFLAG;
               }));

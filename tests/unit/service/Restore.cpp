@@ -407,44 +407,64 @@ TEST_F(Restore, ATornForeignOrDamagedChainIsRefusedBeforeAByteOfAnyDatabaseFileI
     struct Case {
         const char* m_lpName;
         std::function<void(std::string* arChain)> m_fnDamage;
+        long long m_nTop;  // 0: the level 2
         const char* m_lpTraced;
     };
-    // One case of each kind of damage (a cut, a mark, an order, a size, a
-    // path, an identity), and the bounds.
+    // Positions inside the chain as it stands. A cut anywhere past a
+    // record's start fails that record's one range check: one cut each.
     std::string& strL1 = m_arChain[1];
     const long long nL1File2 = Val(Record(strL1, 1)->m_nDataStartOffset);
     const long long nL1Page2 = Val(PageAt(strL1, nL1File2)->m_nNextPos);
     const long long nL0File2End = Val(Record(m_arChain[0], 1)->m_nDataEndOffset);
     ASSERT_NE(0, nL1Page2);
+    const long long nLevel2b = m_nLevel2 + 5;
     const std::vector<Case> vCases = {
-        {"level 2 cut at the end of its head area", [](std::string* c) { c[2].resize(8191); }, "not whole"},
-        {"full cut between two files' data", [=](std::string* c) { c[0].resize((size_t)nL0File2End); },
+        {"level 2 cut inside the head", [](std::string* c) { c[2].resize(100); }, 0, "not whole or not a backup"},
+        {"level 2 cut at the end of its head area", [](std::string* c) { c[2].resize(8191); }, 0, "not whole"},
+        {"full cut between its head records", [](std::string* c) { c[0].resize(428); }, 0, "not whole"},
+        {"full cut between two files' data", [=](std::string* c) { c[0].resize((size_t)nL0File2End); }, 0,
          "lies past the backup's end"},
-        {"level 1 cut inside its first page", [=](std::string* c) { c[1].resize((size_t)nL1File2 + 100); },
+        {"level 1 cut inside its first page", [=](std::string* c) { c[1].resize((size_t)nL1File2 + 100); }, 0,
          "increment range is wrong"},
-        {"missing middle link", [](std::string* c) { c[1].clear(); }, "backup file!"},
-        {"wrong file mark of level 1", [](std::string* c) { c[1][4] = 'X'; }, "wrong version or mark"},
-        {"a page of 291 items", [=](std::string* c) { PageAt(c[1], nL1Page2)->m_nIncrementBlockNum = 291; },
+        {"missing middle link", [](std::string* c) { c[1].clear(); }, 0, "backup file!"},
+        {"wrong version of the full", [](std::string* c) { HeadOf(c[0])->m_nVersion = 0x5000001; }, 0,
+         "wrong version or mark"},
+        {"wrong file mark of level 1", [](std::string* c) { c[1][4] = 'X'; }, 0, "wrong version or mark"},
+        {"wrong data mark of level 2", [](std::string* c) { c[2][17] = 'q'; }, 0, "wrong version or mark"},
+        {"wrong page mark", [=](std::string* c) { PageAt(c[1], nL1Page2)->m_nDataFlag = 0x48464E4A; }, 0,
          "wrong mark, size or count"},
-        {"a page chain that loops", [=](std::string* c) { PageAt(c[1], nL1Page2)->m_nNextPos = nL1File2; },
+        {"a page of 291 items", [=](std::string* c) { PageAt(c[1], nL1Page2)->m_nIncrementBlockNum = 291; }, 0,
+         "wrong mark, size or count"},
+        {"a page chain that loops", [=](std::string* c) { PageAt(c[1], nL1Page2)->m_nNextPos = nL1File2; }, 0,
          "next page is not further on"},
         {"a piece past its file's size",
          [=](std::string* c) { ItemAt(c[1], nL1File2, 7)->m_nBlockFilePos = Val(Record(c[1], 1)->m_nFileSize); },
-         "outside the database file's size"},
+         0, "outside the database file's size"},
         {"a piece outside its file's data",
-         [=](std::string* c) { ItemAt(c[1], nL1File2, 7)->m_nBlockDataPos = 0; }, "outside the file's data"},
-        {"a full backup of no file", [](std::string* c) { HeadOf(c[0])->m_nFileNum = 0; }, "count of files"},
-        {"a negative piece length", [=](std::string* c) { ItemAt(c[1], nL1File2, 0)->m_nBlockSize = -8; },
+         [=](std::string* c) { ItemAt(c[1], nL1File2, 7)->m_nBlockDataPos = 0; }, 0, "outside the file's data"},
+        {"a negative piece length", [=](std::string* c) { ItemAt(c[1], nL1File2, 0)->m_nBlockSize = -8; }, 0,
          "wrong type or length"},
-        {"a relative path", [](std::string* c) { strcpy(Record(c[2], 3)->m_lpszFilePath, "F4.dbf"); },
+        {"a relative path", [](std::string* c) { strcpy(Record(c[2], 3)->m_lpszFilePath, "F4.dbf"); }, 0,
          "not a whole absolute file path"},
         {"a path that steps up",
-         [](std::string* c) { strcpy(Record(c[0], 3)->m_lpszFilePath, "/tmp/x/../F4.dbf"); }, "steps up"},
+         [](std::string* c) { strcpy(Record(c[0], 3)->m_lpszFilePath, "/tmp/x/../F4.dbf"); }, 0, "steps up"},
+        {"a head area of the wrong size", [](std::string* c) { HeadOf(c[0])->m_nHeadSize = 16384; }, 0,
+         "head area size"},
+        {"a full backup of no file", [](std::string* c) { HeadOf(c[0])->m_nFileNum = 0; }, 0, "count of files"},
+        {"a full record that claims more than its used part",
+         [](std::string* c) { Record(c[0], 1)->m_nFileFreeMemoryOffset -= 512; }, 0, "does not fit its used size"},
         {"a level 2 of another database",
-         [this](std::string* c) { HeadOf(c[2])->m_usDataBaseGuid = (USHORT)(m_usGuid + 1); },
+         [this](std::string* c) { HeadOf(c[2])->m_usDataBaseGuid = (USHORT)(m_usGuid + 1); }, 0,
          "database identity differ"},
+        {"a level 2 that points at a level 2",
+         [&](std::string* c) {
+             ASSERT_TRUE(WriteWholeFile(BackupPath(nLevel2b),
+                                        BuildIncrement(nLevel2b, m_nLevel2, 2, m_usGuid, m_vLevel2)));
+             (void)c;
+         },
+         nLevel2b, "The actual level of backup files [1, "},
         {"a level 1 that names itself as its full",
-         [this](std::string* c) { HeadOf(c[1])->m_nReferTimestamp = m_nLevel1; },
+         [this](std::string* c) { HeadOf(c[1])->m_nReferTimestamp = m_nLevel1; }, 0,
          "reference timestamp does not fit"},
     };
     for (const Case& c : vCases) {
@@ -455,7 +475,7 @@ TEST_F(Restore, ATornForeignOrDamagedChainIsRefusedBeforeAByteOfAnyDatabaseFileI
         DbFileIO io(m_db.m_tree.LogDir());
         io.WatchTouches();
         const size_t nTraceBefore = m_db.m_tree.Trace().size();
-        EXPECT_FALSE(RestoreTo(m_nLevel2));
+        EXPECT_FALSE(RestoreTo(c.m_nTop != 0 ? c.m_nTop : m_nLevel2));
         // Told by this refusal, not by an earlier one.
         std::string strTold = m_db.m_tree.Trace().substr(nTraceBefore);
         EXPECT_NE(std::string::npos, strTold.find(c.m_lpTraced)) << strTold;
