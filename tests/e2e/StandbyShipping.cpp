@@ -98,6 +98,14 @@ protected:
     }
     // Whether the channel counts no standby within 10 s.
     bool WaitSlotFreed() { return WaitUntil([&] { return Look(m_box).m_nStandby == 0; }, 10000, 50); }
+    // Stops the listener; its output.
+    std::string StopNode(const std::string& strName)
+    {
+        m_box.Signal(m_nNode, SIGTERM);
+        EXPECT_EQ(0, m_box.WaitExit(m_nNode, 10000));
+        m_nNode = -1;
+        return ReadWholeFile(m_box.Root() + "/" + strName + ".out");
+    }
     DaemonSandbox m_box;
     pid_t m_pid = -1;
     pid_t m_nNode = -1;
@@ -120,6 +128,33 @@ TEST_F(StandbyShipping, AStandbyAskingForALogThePrimaryNoLongerHasEndsItsThread)
     // The slot is free again: the channel counts no standby.
     EXPECT_TRUE(WaitSlotFreed());
     EXPECT_TRUE(LogsIn(m_strCopies).empty());
+}
+
+TEST_F(StandbyShipping, MisbehavingStandbysAreShippedAgain)
+{
+    struct Case {
+        const char* m_lpMode;
+        int m_nTimes;
+        long long m_nConnections;  // at least, by the node's count
+    };
+    // close: hangs up after its shipment; fail: refuses it (sent again).
+    const Case arCases[] = {{"close", 4, 5}, {"fail", 3, 1}};
+    StartPrimary(true);
+    Redo(300, 5, "100,200");
+    int nSeed = 6;
+    for (const Case& c : arCases) {
+        SCOPED_TRACE(c.m_lpMode);
+        const std::string strName = std::string("node-") + c.m_lpMode;
+        StartNode({"--misbehave", c.m_lpMode, "--after", "1", "--times", std::to_string(c.m_nTimes)}, strName);
+        ClusterLine stAdd = AddStandby();
+        ASSERT_EQ(0, stAdd.m_nResult) << stAdd.m_strText;
+        RedoAndExpectShipped(200, nSeed++, "100");
+        ClusterLine stRemove = Cluster(m_box, "19", {"--ip", "127.0.0.1", "--port", std::to_string(m_nPort)});
+        ASSERT_EQ(0, stRemove.m_nResult) << stRemove.m_strText;
+        std::string strNode = StopNode(strName);
+        EXPECT_EQ(c.m_nTimes, NumberAfter(strNode, "misbehaved ")) << strNode;
+        EXPECT_GE(NumberAfter(strNode, "connections "), c.m_nConnections) << strNode;
+    }
 }
 
 TEST_F(StandbyShipping, AStandbyThreadThatFaultsLeavesTheWriterAndItsSlot)

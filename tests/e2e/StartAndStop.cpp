@@ -1,22 +1,29 @@
 // End-to-end: a start the daemon must refuse, as a new user meets it (no
-// ini, no database, a semaphore or rollback area it cannot
+// ini, an empty one, no database, a semaphore or rollback area it cannot
 // have) or on a damaged database, exits with 0, changes no database file and
 // leaves the line that names the cause in the trace log, every time, also
 // where the process ends with its threads running (a wrong head mark of each
-// file type is refused by its own message at unit level). (The stop's wait
-// for a running or lost engine is ServiceStop's and PersistencePass's at
-// unit level; its last pass committing the engine's last change is checked
-// after FlashbackConsistency's run, a lost cache engine's in CacheCrash.)
+// file type is refused by its own message at unit level); the stop waits
+// for a running engine, for as long as it runs or until it is found lost,
+// and its last pass commits the engine's last change.
 #include "DatabaseLoadKit.h"
 
+#include <csignal>
+#include <thread>
+#include <cstring>
 #include <functional>
+#include <gtest/gtest.h>
 
 using namespace talvortest;
 
 namespace {
 
 const std::vector<std::string> DB_FILES = {"System.dbf", "Data2.dbf", "BTree3.dbf", "KV4.dbf"};
-const std::vector<std::string> SMALL_DB = {"--data-file", "8", "--btree-file", "4", "--kv-file", "4"};
+
+void MakeSmallDb(DaemonSandbox& box)
+{
+    ASSERT_EQ(0, MakeDb(box, box.DataDir(), {"--data-file", "8", "--btree-file", "4", "--kv-file", "4"}));
+}
 
 // A set-up that changes the bytes of one file of the database.
 std::function<void(DaemonSandbox&)> Damage(const char* lpFile, const std::function<void(std::string&)>& fnPatch)
@@ -58,12 +65,19 @@ TEST(StartRefusals, EachRefusedStartExitsWithZeroAndIsToldEveryTime)
         std::vector<std::string> m_vAnyOf;  // the line, in either language
     } arCases[] = {
         {"no ini", false, [](DaemonSandbox&) {}, {"Talvor failed to read config!", "Talvor读取配置文件失败!"}},
+        {"empty ini", false, [](DaemonSandbox& box) { box.WriteIni(""); },
+         {"Talvor failed to read config!", "Talvor读取配置文件失败!"}},
         {"no database", false, [](DaemonSandbox& box) { box.WriteDefaultIni(); },
          {"   40001001 Initialize Failed to open file"}},
         // A directory where a semaphore would be: it cannot be opened.
         {"service semaphore", true,
          [](DaemonSandbox& box) { ASSERT_EQ(0, box.Run({"mkdir", "/dev/shm/sem.Global\\TalvorSvc"}, 10000)); },
          {"   10000010 TalvorStorage Talvor Storage Service detects that the same service is running"}},
+        {"storage event semaphore", true,
+         [](DaemonSandbox& box) {
+             ASSERT_EQ(0, box.Run({"mkdir", "/dev/shm/sem.Global\\TalvorSysStorageEvent"}, 10000));
+         },
+         {"   10000011 TalvorStorage Talvor Storage Service detects that the same service is running"}},
         // Segments of up to 12 MiB: every image and ring fits, a 16 MiB undo
         // area does not, and the daemon ends with its threads running.
         {"rollback area", true,
@@ -101,7 +115,7 @@ TEST(StartRefusals, EachRefusedStartExitsWithZeroAndIsToldEveryTime)
         DaemonSandbox box;
         ASSERT_TRUE(box.Ok());
         if (c.m_bDatabase) {
-            ASSERT_EQ(0, MakeDb(box, box.DataDir(), SMALL_DB));
+            MakeSmallDb(box);
             WriteDbIni(box, box.DataDir());
         }
         ASSERT_NO_FATAL_FAILURE(c.m_fnSetUp(box));
@@ -118,5 +132,49 @@ TEST(StartRefusals, EachRefusedStartExitsWithZeroAndIsToldEveryTime)
         Inspection st = Inspect(box, box.DataDir());
         EXPECT_FALSE(st.m_bSystemImage) << st.m_strText;
         for (int n = 2; n <= 4; n++) EXPECT_FALSE(st.m_mapFiles[n].m_bImage) << n;
+    }
+}
+
+TEST(StopWithEngine, TheStopWaitsForARunningEngineAndForOneFoundLost)
+{
+    for (bool bKill : {false, true}) {
+        SCOPED_TRACE(bKill ? "engine killed" : "engine stops");
+        DaemonSandbox box;
+        ASSERT_TRUE(box.Ok());
+        MakeSmallDb(box);
+        WriteDbIni(box, box.DataDir());
+        pid_t pid = box.StartServing();
+        ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
+        pid_t peer = box.Spawn({PeerPath(), "data", "--live", "--journal", box.Root() + "/journal", "--count", "4000",
+                                "--pause-us", "1000", "--seconds", bKill ? "120" : "4"},
+                               "peer");
+        ASSERT_GT(peer, 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // attached and running
+        ASSERT_TRUE(box.IsRunning(peer));
+        box.Signal(pid, SIGTERM);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        EXPECT_TRUE(box.IsRunning(pid)) << "the daemon stopped under a running engine";
+        EXPECT_EQ(std::string::npos, box.ReadDaemonTrace().find("Talvor storage service closed!"));
+        long long nLast = 0;
+        if (bKill) {
+            box.Signal(peer, SIGKILL);  // dies in the middle: m_bService stays 1
+        } else {
+            EXPECT_EQ(0, box.WaitExit(peer, 30000));
+            std::string strPeerOut = ReadWholeFile(box.Root() + "/peer.out");
+            nLast = NumberAfter(strPeerOut, "last timestamp ");
+            EXPECT_GT(nLast, 0) << strPeerOut;
+            EXPECT_EQ(std::string::npos, strPeerOut.find("channel answers 0")) << strPeerOut;
+        }
+        EXPECT_EQ(0, box.WaitExit(pid, DAEMON_STOP_TIMEOUT_MS));
+        std::string strTrace = box.ReadDaemonTrace();
+        EXPECT_NE(std::string::npos, strTrace.find("Talvor storage service closed!")) << strTrace;
+        EXPECT_EQ(std::string::npos, strTrace.find("did not end within")) << strTrace;
+        // A running engine is never declared lost.
+        if (!bKill) {
+            EXPECT_EQ(std::string::npos, strTrace.find("50002001")) << strTrace;
+        }
+        // What the engine committed is on the disk, up to its last change
+        // when it ended before the stop's last pass.
+        VerifyJournal(box, box.Root() + "/journal", box.DataDir() + "System.dbf", nLast);
     }
 }

@@ -126,3 +126,43 @@ TEST_F(RedoFixture, StartAfterALostSystemFileFollowsTheNewestLog)
     Harvest();
     EXPECT_TRUE(m_strStream == m_strLogs);
 }
+
+// A standby's hold on a group is a byte: taken once per reader, dropped
+// when the group changed hands, and a release never wraps it (a wrapped hold
+// would keep the writer from the group for good).
+TEST_F(RedoFixture, ReaderHoldsNeverWrapBelowZero)
+{
+    ASSERT_NO_FATAL_FAILURE(StartRedo(8192));
+    Produce(Record(3000, 1, 1));
+    Pass();
+    Produce(Record(3000, 1, 2));
+    Pass(); // log 1 sealed (and archived by Harvest), log 2 not yet open
+    Pass();
+    TALVORCRITICALSECTION stCrit;
+    InitThreadCritSection(&stCrit);
+    char szPath[MAX_PATH];
+    int nGroup = -1;
+    BYTE bCur = 9;
+    EXPECT_EQ(-1, m_pRedo->GetWritePos(0, nGroup, bCur, szPath, &stCrit)) << "0 is no log";
+    EXPECT_EQ(-1, m_pRedo->GetWritePos(5, nGroup, bCur, szPath, &stCrit)) << "not yet written";
+    int nSize = m_pRedo->GetWritePos(1, nGroup, bCur, szPath, &stCrit);
+    EXPECT_EQ(50 + 3000, nSize);
+    EXPECT_EQ(0, nGroup);
+    EXPECT_EQ(0, bCur);
+    EXPECT_EQ(1, m_pRedo->GetGroup(0)->m_bStandbyRef);
+    m_pRedo->GetWritePos(1, nGroup, bCur, szPath, &stCrit);
+    EXPECT_EQ(1, m_pRedo->GetGroup(0)->m_bStandbyRef) << "a held group is not counted twice";
+    // The group changes hands under the reader: the hold is stale.
+    m_pRedo->GetGroup(0)->m_nSequenceNO = 40;
+    m_pRedo->GetGroup(0)->m_bStandbyRef = 0;
+    m_pRedo->GetWritePos(1, nGroup, bCur, szPath, &stCrit);
+    EXPECT_EQ(0, m_pRedo->GetGroup(0)->m_bStandbyRef);
+    int nHeld = 0;
+    m_pRedo->ReleaseRedoLog(nHeld, &stCrit);
+    m_pRedo->ReleaseRedoLog(nHeld, &stCrit);
+    EXPECT_EQ(0, m_pRedo->GetGroup(0)->m_bStandbyRef) << "a release never wraps the count";
+    int nNone = -1;
+    m_pRedo->ReleaseRedoLog(nNone, &stCrit);
+    EXPECT_EQ(-1, nNone);
+    Stop();
+}
