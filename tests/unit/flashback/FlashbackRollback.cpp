@@ -161,6 +161,23 @@ TEST_F(FlashbackRows, AReusedVersionLeavesItsRowAsItIs)
     EXPECT_EQ("old", m_block.RowValue(vRows[9])) << "the one row whose versions are whole is taken back";
 }
 
+// The lookup's codes tell a place outside the area (below its first record
+// too) from one that was reused: the row walk above cannot see the
+// difference, a caller of the lookup can.
+TEST_F(FlashbackRows, VersionLookupCodes)
+{
+    int nRow = History(3, {{10, "v10"}, {20, "v20"}, {30, "v30"}});
+    long long nID = m_block.Row(nRow)->m_nNextDataID;
+    LPBYTE lpValue = nullptr;
+    EXPECT_EQ(-1, m_flashback.GetRollBackData(0, 3, 15, lpValue));
+    EXPECT_EQ(1155, m_flashback.GetRollBackData(AREA_SIZE, 3, 15, lpValue));
+    EXPECT_EQ(1155, m_flashback.GetRollBackData(10, 3, 15, lpValue));
+    EXPECT_EQ(1154, m_flashback.GetRollBackData(nID, 4, 15, lpValue));
+    ASSERT_EQ(0, m_flashback.GetRollBackData(nID, 3, 15, lpValue));
+    LPBLOCKVARDATASTRUCT lpImage = (LPBLOCKVARDATASTRUCT)lpValue;
+    EXPECT_EQ("v10", std::string((const char*)lpImage->m_lpDataContent, (size_t)lpImage->m_nActualLength));
+}
+
 TEST_F(FlashbackRows, VersionWithoutDataFallsBackToTheNewerOneRemembered)
 {
     int nRow = History(6, {{5, "current"}});
