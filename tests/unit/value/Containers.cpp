@@ -183,6 +183,30 @@ TEST(MapString, MatchesStdMapUnderRandomOperations)
     EXPECT_EQ(m.Set("", 1), TALVOR_MAP_NO_MEMORY) << "an empty name would look like a free node";
 }
 
+// A node freed by Remove is taken again by the next key of its chain, so a
+// map that sees keys come and go does not grow without end.
+TEST(MapString, RemovedNodesAreReused)
+{
+    CTalvorMapString m;
+    for (int i = 0; i < 100; ++i) m.Set(("key" + std::to_string(i)).c_str(), i);
+    auto nodeOf = [&](const char* lpWanted) -> LPVOID {
+        for (LPVOID pos = m.GetHeadPosition(); pos != nullptr;) {
+            LPVOID here = pos;
+            char* lpKey;
+            UINT n;
+            m.GetNext(pos, lpKey, n);
+            if (strcmp(lpKey, lpWanted) == 0) return here;
+        }
+        return nullptr;
+    };
+    LPVOID before = nodeOf("key80");
+    ASSERT_NE(before, nullptr);
+    EXPECT_EQ(m.Remove("key80"), 80u);
+    EXPECT_EQ(m.Remove("key80"), 0u);
+    EXPECT_EQ(m.Set("key80", 81), TALVOR_MAP_NEW);
+    EXPECT_EQ(nodeOf("key80"), before) << "the node left by Remove is taken again";
+}
+
 // Bytes whose signed, shifted sum is INT_MIN: 23 bytes and their negations
 // 24 places later cancel, and two 0x80 bytes at shift 23 give -2^31.
 std::string KeyHashingToIntMin()
