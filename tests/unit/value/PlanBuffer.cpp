@@ -204,6 +204,14 @@ TEST(PlanBufferLayout, MainBufferBoundsEmptyRequestsAndAlignedBlocks)
     EXPECT_EQ(8u, nEx);
     EXPECT_EQ(bson.m_lpBuffer + 8, pEx);
     EXPECT_EQ(14u, bson.GetExecutePlanDataSize());
+
+    // Scratch memory is handed out on word boundaries: a caller lays
+    // integers into it.
+    LPBYTE pA = nullptr, pB = nullptr;
+    ASSERT_EQ(0, bson.AllocFromBufferPool(5, pA, TRUE));
+    ASSERT_EQ(0, bson.AllocFromBufferPool(5, pB, TRUE));
+    EXPECT_EQ(pA + 8, pB) << "the temporary buffer moves on by whole words";
+    EXPECT_EQ(bson.m_lpTempBuffer, pA);
 }
 
 // A buffer the plan was given is the caller's: growth copies it and leaves
