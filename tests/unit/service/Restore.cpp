@@ -446,6 +446,17 @@ TEST_F(Restore, ATornForeignOrDamagedChainIsRefusedBeforeAByteOfAnyDatabaseFileI
          "wrong type or length"},
         {"a relative path", [](std::string* c) { strcpy(Record(c[2], 3)->m_lpszFilePath, "F4.dbf"); }, 0,
          "not a whole absolute file path"},
+        {"a path that names a directory",
+         [](std::string* c) { strcpy(Record(c[2], 3)->m_lpszFilePath, "/tmp/x/"); }, 0,
+         "not a whole absolute file path"},
+        {"a file head piece placed past the file's start",
+         [=](std::string* c) {
+             ItemAt(c[1], nL1File2, 7)->m_nBlockType = BACKUPITEM_FILEHEAD;
+             ItemAt(c[1], nL1File2, 7)->m_nBlockFilePos = 512;
+         },
+         0, "outside the database file's size"},
+        {"a level 1 range shorter than a page",
+         [=](std::string* c) { Record(c[1], 1)->m_nDataEndOffset = nL1File2 + 100; }, 0, "increment range is wrong"},
         {"a path that steps up",
          [](std::string* c) { strcpy(Record(c[0], 3)->m_lpszFilePath, "/tmp/x/../F4.dbf"); }, 0, "steps up"},
         {"a head area of the wrong size", [](std::string* c) { HeadOf(c[0])->m_nHeadSize = 16384; }, 0,
