@@ -147,6 +147,8 @@ TEST_F(FileCommands, RefusedAddsAnswerTheirCodesAndMakeNothing)
     LPFILE_MEMDBFILEINFO lpPath = Ask({FILECMD_ADD, 9, FILETYPE_DATA, m_db.m_tree.Dir() + "f3.DBF", "P", 4 * DB_MIB});
     LPFILE_MEMDBFILEINFO lpName = Ask({FILECMD_ADD, 10, FILETYPE_DATA, NewPath("Name.dbf"), "f4", 4 * DB_MIB});
     LPFILE_MEMDBFILEINFO lpCache = Ask({FILECMD_ADD, 11, FILETYPE_TABLE, NewPath("T.dbf"), "T", 4 * DB_MIB});
+    LPFILE_MEMDBFILEINFO lpSysPath = Ask({FILECMD_ADD, 14, FILETYPE_DATA, m_db.SystemPath(), "SP", 4 * DB_MIB});
+    LPFILE_MEMDBFILEINFO lpNoName = Ask({FILECMD_ADD, 15, FILETYPE_DATA, NewPath("NoName.dbf"), "", 4 * DB_MIB});
     LPFILE_MEMDBFILEINFO lpSystem = Ask({FILECMD_ADD, 12, FILETYPE_SYSTEM, NewPath("S.dbf"), "S", 4 * DB_MIB});
     LPFILE_MEMDBFILEINFO lpAfter = Ask({FILECMD_ADD, 13, FILETYPE_DATA, NewPath("After.dbf"), "After", 4 * DB_MIB});
     Serve();
@@ -155,10 +157,12 @@ TEST_F(FileCommands, RefusedAddsAnswerTheirCodesAndMakeNothing)
     EXPECT_EQ(FILECMD_ADD_NAMETAKEN, Val(lpName->m_bFileCMD));
     // "buffercachesize" = 0: no cache, so no cache-mode file.
     EXPECT_EQ(FILECMD_ADD_FAILED, Val(lpCache->m_bFileCMD));
+    EXPECT_EQ(FILECMD_PATHTAKEN, Val(lpSysPath->m_bFileCMD));
+    EXPECT_EQ(FILECMD_ADD_FAILED, Val(lpNoName->m_bFileCMD));
     EXPECT_EQ(FILECMD_ADD_SYSTEMFILE, Val(lpSystem->m_bFileCMD));
     EXPECT_EQ(FILECMD_ADD, Val(lpAfter->m_bFileCMD));
-    for (BYTE bNo : {9, 10, 11, 12, 13}) EXPECT_EQ(nullptr, m_db.File(bNo)) << (int)bNo;
-    for (const char* lpName : {"N.dbf", "Name.dbf", "T.dbf", "S.dbf", "After.dbf"})
+    for (BYTE bNo : {9, 10, 11, 12, 13, 14, 15}) EXPECT_EQ(nullptr, m_db.File(bNo)) << (int)bNo;
+    for (const char* lpName : {"N.dbf", "Name.dbf", "T.dbf", "S.dbf", "After.dbf", "NoName.dbf"})
         EXPECT_FALSE(PathExists(NewPath(lpName))) << lpName;
     // The unsettled block stays off the disk; the next start reads the list
     // it had.
@@ -350,6 +354,21 @@ TEST_F(FileCommands, AMoveOrAGrowthWithNoRoomLeavesTheFileAsItWas)
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
     EXPECT_EQ(0, m_db.CheckDisk(m_db.CommittedOnDisk()).m_nViolations);
     ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
+}
+
+// Files are written directly, a sector at a time: a size off the grid is
+// refused for a data file and for the system file alike.
+TEST_F(FileCommands, ResizesOffTheSectorGridAreRefused)
+{
+    const long long nSystem = FileSizeOf(m_db.SystemPath());
+    for (BYTE bNo : {2, 1}) {
+        const long long nSize = bNo == 1 ? nSystem : 4 * DB_MIB;
+        LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_RESIZE, bNo, 0, "", "", nSize + DB_MIB + 100});
+        ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+        EXPECT_EQ(FILECMD_RESIZE_FAILED, Val(lpRow->m_bFileCMD)) << (int)bNo;
+        EXPECT_EQ(nSize, FileSizeOf(m_db.PathOf(bNo))) << (int)bNo;
+        TakeBack(lpRow, "", nSize);
+    }
 }
 
 // Two resizes of the system file in a row: each grows the file to exactly
