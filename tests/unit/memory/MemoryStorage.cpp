@@ -218,6 +218,11 @@ TEST_F(MemoryStorage, ReadBlockCopiesFromTheImageOrRetriesTheFile)
     EXPECT_EQ(0, memcmp(lpBuf, m_strFile.data() + 262144, 65536));
     io.FailNext(FileOp::PRead, EIO, 3);
     EXPECT_EQ(1, pStorage->ReadBlock(nullptr, 262144, lpBuf, 65536));
+    // A read that comes back short is read on, never taken for the whole.
+    memset(lpBuf, 0, 65536);
+    io.ChopTransfers(4096, false);
+    EXPECT_EQ(0, pStorage->ReadBlock(nullptr, 262144, lpBuf, 65536));
+    EXPECT_EQ(0, memcmp(lpBuf, m_strFile.data() + 262144, 65536));
 }
 
 TEST_F(MemoryStorage, AShortReadOfAPieceInFlightRefusesTheLoad)
