@@ -15,6 +15,11 @@ TEST_F(FlushLast, AMapBlockNewerThanTheHeadIsWrittenAndAHeadWithoutAChainGives4)
     memcpy(m_vLogical.data() + llMapPlace, m_lpMap, CACHE_PAGE_SIZE);
     EXPECT_EQ(0, m_pCache->FlushFileBlock(nullptr));
     EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
+    // A marked map block is written and its mark cleared with the write.
+    m_lpMap->m_bSaveFlag = 1;
+    EXPECT_EQ(0, m_pCache->FlushFileBlock(nullptr));
+    EXPECT_EQ(0, Val(m_lpMap->m_bSaveFlag));
+    EXPECT_EQ(-1, FirstDiff(FileBytes(), m_vLogical));
     // A head naming no next page gives 4, its head written all the same.
     m_lpHead->m_nCacheStartOffset = 0;
     memcpy(m_vLogical.data(), m_lpHead, CACHE_PAGE_SIZE);
