@@ -113,7 +113,7 @@ TEST_F(PersistencePass, AChangeOfTheRedoLogNumberAloneIsCommitted)
     m_db.Head()->m_nRedoLogMaxID = m_db.Head()->m_nRedoLogMaxID + 1;
     ASSERT_EQ(DONE, m_db.Pass());
     std::string strSys = ReadWholeFile(m_db.SystemPath());
-    EXPECT_EQ(m_db.Head()->m_nRedoLogMaxID, Val(((LPSYSTEMFILEHEAD)strSys.data())->m_nRedoLogMaxID));
+    EXPECT_EQ(Val(m_db.Head()->m_nRedoLogMaxID), Val(((LPSYSTEMFILEHEAD)strSys.data())->m_nRedoLogMaxID));
 }
 
 // Each damage is refused and holds the commit; repaired, the next pass
