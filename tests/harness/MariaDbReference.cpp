@@ -31,34 +31,21 @@ bool IsSocket(const std::string& strPath)
     return stat(strPath.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
 }
 
-bool FromHex(const std::string& strHex, std::string& strOut)
-{
-    if (strHex.size() % 2 != 0 || strHex.find_first_not_of("0123456789ABCDEFabcdef") != std::string::npos)
-        return false;
-    strOut.clear();
-    for (size_t i = 0; i < strHex.size(); i += 2)
-        strOut += static_cast<char>(std::stoi(strHex.substr(i, 2), nullptr, 16));
-    return true;
-}
-
 // One row "index\tisnull\thex" of the batch output into its answer.
 void ReadRow(const std::string& strLine, std::vector<SqlAnswer>& vOut)
 {
-    size_t nTab1 = strLine.find('\t');
-    size_t nTab2 = nTab1 == std::string::npos ? nTab1 : strLine.find('\t', nTab1 + 1);
-    if (nTab2 == std::string::npos) return;
+    size_t nTab1 = strLine.find('\t'), nTab2 = strLine.find('\t', nTab1 + 1);
     char* pEnd = nullptr;
     unsigned long nIndex = strtoul(strLine.c_str(), &pEnd, 10);
-    if (pEnd != strLine.c_str() + nTab1 || nIndex >= vOut.size()) return;
+    if (nTab2 == std::string::npos || pEnd != strLine.c_str() + nTab1 || nIndex >= vOut.size()) return;
     SqlAnswer& answer = vOut[nIndex];
-    std::string strNull = strLine.substr(nTab1 + 1, nTab2 - nTab1 - 1);
+    answer.bNull = strLine.compare(nTab1 + 1, nTab2 - nTab1 - 1, "1") == 0;
     std::string strHex = strLine.substr(nTab2 + 1);
-    answer.bNull = strNull == "1";
-    if (answer.bNull) {
-        answer.bError = false;
-        return;
-    }
-    answer.bError = !FromHex(strHex, answer.strText);
+    answer.bError = !answer.bNull && (strHex.size() % 2 != 0 ||
+                                      strHex.find_first_not_of("0123456789ABCDEFabcdef") != std::string::npos);
+    answer.strText.clear();
+    for (size_t i = 0; !answer.bNull && !answer.bError && i < strHex.size(); i += 2)
+        answer.strText += static_cast<char>(std::stoi(strHex.substr(i, 2), nullptr, 16));
 }
 
 } // namespace
@@ -72,14 +59,10 @@ MariaDbReference::~MariaDbReference()
 
 bool MariaDbReference::Start()
 {
-    if (!m_tree.Ok()) {
-        m_strError = "no temporary tree";
-        return false;
-    }
-    if (access("/usr/sbin/mariadbd", X_OK) != 0 || access("/usr/bin/mariadb", X_OK) != 0) {
-        m_strError = "mariadbd or mariadb is not installed (scripts/install-deps installs them)";
-        return false;
-    }
+    auto Fail = [&](const std::string& strWhy) { return (m_strError = strWhy, false); };
+    if (!m_tree.Ok()) return Fail("no temporary tree");
+    if (access("/usr/sbin/mariadbd", X_OK) != 0 || access("/usr/bin/mariadb", X_OK) != 0)
+        return Fail("mariadbd or mariadb is not installed (scripts/install-deps installs them)");
     std::string strData = m_tree.Path("data");
     m_strSocket = m_tree.Path("sock");
     // A temporary directory of its own: the server names its temporary
@@ -97,20 +80,12 @@ bool MariaDbReference::Start()
         std::string strRetry = "rm -rf '" + strData + "' && " + strInstall;
         bInstalled = system(strRetry.c_str()) == 0;
     }
-    if (!bInstalled) {
-        m_strError = "mariadb-install-db failed: " + ReadWholeFile(m_tree.Path("install.log"));
-        return false;
-    }
-    std::string strDataArg = "--datadir=" + strData;
-    std::string strSocketArg = "--socket=" + m_strSocket;
-    std::string strLogArg = "--log-error=" + m_tree.Path("error.log");
-    std::string strPidArg = "--pid-file=" + m_tree.Path("pid");
+    if (!bInstalled) return Fail("mariadb-install-db failed: " + ReadWholeFile(m_tree.Path("install.log")));
+    std::string strDataArg = "--datadir=" + strData, strSocketArg = "--socket=" + m_strSocket;
+    std::string strLogArg = "--log-error=" + m_tree.Path("error.log"), strPidArg = "--pid-file=" + m_tree.Path("pid");
     pid_t nParent = getpid();
     pid_t nPid = fork();
-    if (nPid < 0) {
-        m_strError = "fork failed";
-        return false;
-    }
+    if (nPid < 0) return Fail("fork failed");
     if (nPid == 0) {
         // The server dies with the test, however the test ends: a test
         // killed by its time-out must not leave a server running.

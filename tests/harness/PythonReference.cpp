@@ -6,6 +6,7 @@
 #include "TestFiles.h"
 
 #include <cstdio>
+#include <cstdlib>
 
 namespace talvortest {
 
@@ -14,17 +15,10 @@ std::vector<std::string> RunForLines(const std::string& strCommand)
     std::vector<std::string> vOut;
     FILE* pPipe = popen(strCommand.c_str(), "r");
     if (pPipe == nullptr) return vOut;
-    std::string strLine;
-    char szPiece[4096];
-    // A line longer than the piece comes in several.
-    while (fgets(szPiece, sizeof(szPiece), pPipe) != nullptr) {
-        strLine += szPiece;
-        if (strLine.back() != '\n') continue;
-        strLine.pop_back();
-        vOut.push_back(strLine);
-        strLine.clear();
-    }
-    if (!strLine.empty()) vOut.push_back(strLine);
+    char* pLine = nullptr;
+    size_t nCapacity = 0;
+    for (ssize_t n; (n = getline(&pLine, &nCapacity, pPipe)) > 0;) vOut.emplace_back(pLine, n - (pLine[n - 1] == '\n'));
+    free(pLine);
     pclose(pPipe);
     return vOut;
 }

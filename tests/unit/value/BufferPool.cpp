@@ -70,11 +70,7 @@ public:
     }
 };
 
-struct Grant {
-    LPBYTE p;
-    UINT n;
-    BYTE bMark;
-};
+struct Grant { LPBYTE p; UINT n; BYTE bMark; };
 
 bool InsidePoolStorage(const Grant& g, const std::vector<LPBUFFERPOOL>& pages, const void* pObject, size_t nObject)
 {
@@ -204,12 +200,15 @@ TEST(MemoryPool, RandomBlocksStayAlignedApartAndIntact)
     CTalvorMemoryPool pool;
     std::mt19937 rng(7);
     std::map<LPBYTE, std::pair<UINT, BYTE>> live;
+    auto intact = [](const auto& kv) {
+        for (UINT k = 0; k < kv.second.first; k += 4093) ASSERT_EQ(kv.first[k], kv.second.second);
+    };
     const UINT arSizes[] = {1, 16384, 16385, 40000, 70000, 200000, 262144, 300000, 2000000, 4194304, 5000000};
     for (int i = 0; i < 300; ++i) {
         if (!live.empty() && rng() % 2 == 0) {
             auto it = live.begin();
             std::advance(it, rng() % live.size());
-            for (UINT k = 0; k < it->second.first; k += 4093) ASSERT_EQ(it->first[k], it->second.second);
+            intact(*it);
             pool.Free(it->first);
             live.erase(it);
             continue;
@@ -232,9 +231,7 @@ TEST(MemoryPool, RandomBlocksStayAlignedApartAndIntact)
         memset(p, bMark, n);
         live[p] = {n, bMark};
     }
-    for (const auto& kv : live) {
-        for (UINT k = 0; k < kv.second.first; k += 4093) ASSERT_EQ(kv.first[k], kv.second.second);
-    }
+    for (const auto& kv : live) intact(kv);
 }
 
 TEST(MemoryPool, LimitAndDoubleFreeAndImpossibleSizes)

@@ -65,18 +65,16 @@ TEST(FunDate, PartsWeeksAndFormatsOfGeneratedDatesMatchTheServer)
             std::string strArg = nForm == 2 ? "DATE" + Quote(s) : nForm ? "TIMESTAMP" + Quote(strFull) : Quote(s);
             for (const Named& n : vParts)
                 if (bFull || nForm || !IsClock(n))
-                    v.Add(Call(pool, n.first + ("(" + strArg + ")"), n.second, {a}));
+                    v.Add(n.first + ("(" + strArg + ")"), n.second, {a});
             for (int m = 0; m < 8; ++m)
-                v.Add(Call(pool, "YEARWEEK(" + strArg + "," + std::to_string(m) + ")", Of2(&F::YearWeek),
-                                 {a, Int(m)}));
+                v.Add("YEARWEEK(" + strArg + "," + std::to_string(m) + ")", Of2(&F::YearWeek), {a, Int(m)});
             for (const IntervalUnit& unit : kIntervalUnits)
-                v.Add(Call(pool, "EXTRACT(" + std::string(unit.lpszName) + " FROM " + strArg + ")",
-                                 ByUnit(&F::Extract, unit.nType), {a}));
+                v.Add("EXTRACT(" + std::string(unit.lpszName) + " FROM " + strArg + ")",
+                      ByUnit(&F::Extract, unit.nType), {a});
             for (const char* f : arFormats)
-                v.Add(Call(pool, "DATE_FORMAT(" + strArg + "," + Quote(f) + ")", Of2(&F::DateFuntion),
-                                 {a, Text(pool, f)}));
+                v.Add("DATE_FORMAT(" + strArg + "," + Quote(f) + ")", Of2(&F::DateFuntion), {a, Text(pool, f)});
             if (s >= "1970-01-02" && s < "2038")
-                v.Add(Call(pool, "UNIX_TIMESTAMP(" + strArg + ")", Of1(&F::Unix_TimeStamp), {a}));
+                v.Add("UNIX_TIMESTAMP(" + strArg + ")", Of1(&F::Unix_TimeStamp), {a});
         }
     }
     // The first and last days of years, where the week modes differ.
@@ -84,16 +82,15 @@ TEST(FunDate, PartsWeeksAndFormatsOfGeneratedDatesMatchTheServer)
         for (int d = 1; d <= 14; ++d) {
             std::string s = std::to_string(y) + (d <= 7 ? "-01-0" : "-12-") + std::to_string(d <= 7 ? d : 17 + d);
             for (int m = 0; m < 8; ++m)
-                v.Add(Call(pool, "YEARWEEK(" + Quote(s) + "," + std::to_string(m) + ")", Of2(&F::YearWeek),
-                                 {Text(pool, s), Int(m)}));
-            v.Add(Call(pool, "DATE_FORMAT(" + Quote(s) + ",'%U %u %V %v %X %x')", Of2(&F::DateFuntion),
-                             {Text(pool, s), Text(pool, "%U %u %V %v %X %x")}));
+                v.Add("YEARWEEK(" + Quote(s) + "," + std::to_string(m) + ")", Of2(&F::YearWeek), {Text(pool, s), Int(m)});
+            v.Add("DATE_FORMAT(" + Quote(s) + ",'%U %u %V %v %X %x')", Of2(&F::DateFuntion),
+                  {Text(pool, s), Text(pool, "%U %u %V %v %X %x")});
         }
     // Numbers stand for dates as YYYYMMDD, YYMMDD and YYYYMMDDhhmmss.
     for (long long n : {20210315LL, 210315LL, 991231LL, 20210315103000LL, 19991231235959LL, 20210230LL, 5LL})
         for (const Named& p : vParts)
             if (n != 20210230LL || !IsClock(p))
-                v.Add(Call(pool, p.first + ("(" + std::to_string(n) + ")"), p.second, {Int(n)}));
+                v.Add(p.first + ("(" + std::to_string(n) + ")"), p.second, {Int(n)});
     v.Check();
 }
 
@@ -113,8 +110,8 @@ TEST(FunDate, TimesAndFormatsOfTimesMatchTheServer)
         F::Sec_To_Time(&pool, vn, t);
         std::string strTime = Show(t);
         v.Add("TIME_TO_SEC(?)", {ArgText(strTime)}, fnToSec);
-        v.Add(Call(pool, "TIME_TO_SEC(TIME" + Quote(strTime) + ")", fnToSec, {t}));
-        v.Add(Call(pool, "SECOND(TIME" + Quote(strTime) + ")", Part(417), {t}));
+        v.Add("TIME_TO_SEC(TIME" + Quote(strTime) + ")", fnToSec, {t});
+        v.Add("SECOND(TIME" + Quote(strTime) + ")", Part(417), {t});
         v.Add("HOUR(?)", {ArgText(strTime)}, Part(419));
         v.Add("MINUTE(?)", {ArgText(strTime)}, Part(418));
         const char* lpszFormat = n >= 0 && n < 86400 ? "%H %k %h %I %i %S %s %p %r %T %%" : "%H:%i:%s";
@@ -130,8 +127,8 @@ TEST(FunDate, TimesAndFormatsOfTimesMatchTheServer)
     const char* arKinds[] = {"DATE", "TIME", "DATETIME", "TIMESTAMP"};
     for (int k = 0; k < 4; ++k)
         for (const char* l : {"USA", "JIS", "ISO", "EUR", "INTERNAL", "XYZ"})
-            v.Add(Call(pool, "GET_FORMAT(" + std::string(arKinds[k]) + "," + Quote(l) + ")",
-                             ByUnit(&F::Get_Format, 139 + k), {Text(pool, l)}));
+            v.Add("GET_FORMAT(" + std::string(arKinds[k]) + "," + Quote(l) + ")",
+                  ByUnit(&F::Get_Format, 139 + k), {Text(pool, l)});
     v.Check();
 }
 
@@ -204,32 +201,22 @@ namespace {
 // Fractions of a second are never whole, so that both sides show one.
 std::string Amount(int nType, std::mt19937& rng)
 {
-    auto n = [&](int nMax) { return std::to_string((long long)(rng() % (unsigned)nMax)); };
     std::string strSign = rng() % 3 == 0 ? "-" : "";
-    std::string strMicros = "." + std::to_string(100001 + rng() % 899998);
-    std::string strDay = n(100) + " " + n(24), strHour = n(100) + ":" + n(60), strMinute = strHour + ":" + n(60);
-    switch (nType) {
-    case 1: return strSign + std::to_string(1 + rng() % 99999998 * 10 + 1);
-    case 3:
-    case 4:
-    case 5: return strSign + n(100000);
-    case 6:
-    case 7: return strSign + n(3000);
-    case 8:
-    case 9: return strSign + n(400);
-    case 10: return strSign + n(60);
-    case 11: return "'" + strSign + n(100) + strMicros + "'";
-    case 12: return "'" + strSign + strHour + strMicros + "'";
-    case 13:
-    case 16: return "'" + strSign + strHour + "'";
-    case 14: return "'" + strSign + strMinute + strMicros + "'";
-    case 15: return "'" + strSign + strMinute + "'";
-    case 17: return "'" + strSign + strDay + ":" + n(60) + ":" + n(60) + strMicros + "'";
-    case 18: return "'" + strSign + strDay + ":" + n(60) + ":" + n(60) + "'";
-    case 19: return "'" + strSign + strDay + ":" + n(60) + "'";
-    case 20: return "'" + strSign + strDay + "'";
-    default: return "'" + strSign + n(30) + "-" + n(12) + "'";
+    static const unsigned kSimple[] = {0, 0, 0, 100000, 100000, 100000, 3000, 3000, 400, 400, 60};
+    if (nType == 1) return strSign + std::to_string(1 + rng() % 99999998 * 10 + 1);
+    if (nType <= 10) return strSign + std::to_string(rng() % kSimple[nType]);
+    // Compound forms by letter: C below 100, H below 24, S below 60, Y below 30, M below 12, u a fraction.
+    static const char* kForms[] = {"C.u", "C:S.u", "C:S", "C:S:S.u", "C:S:S", "C:S", "C H:S:S.u", "C H:S:S",
+                                   "C H:S", "C H", "Y-M"};
+    static const char kLetters[] = "CHSYM";
+    static const unsigned kBounds[] = {100, 24, 60, 30, 12};
+    std::string s = "'" + strSign;
+    for (const char* p = kForms[nType - 11]; *p; ++p) {
+        const char* q = strchr(kLetters, *p);
+        s += q ? std::to_string(rng() % kBounds[q - kLetters]) : *p == 'u' ? std::to_string(100001 + rng() % 899998)
+                                                                         : std::string(1, *p);
     }
+    return s + "'";
 }
 
 // The interval of SQL's "AMOUNT UNIT" (quoted text, or a number), as
@@ -273,19 +260,17 @@ TEST(FunDateArith, IntervalsOfEveryUnitAddAndSubtractAsTheServerDoes)
             if (!bMicros && (t == 1 || t == 11 || t == 12 || t == 14 || t == 17)) continue;
             std::string strInterval = Amount(t, rng) + " " + unit.lpszName;
             bool bAdd = rng() % 2 == 0;
-            v.Add(Call(pool, (bAdd ? "DATE_ADD(" : "DATE_SUB(") + Quote(s) + ", INTERVAL " + strInterval + ")",
-                             bAdd ? fnAdd : fnSub, {a, IntervalOf(pool, strInterval)}));
+            v.Add((bAdd ? "DATE_ADD(" : "DATE_SUB(") + Quote(s) + ", INTERVAL " + strInterval + ")",
+                  bAdd ? fnAdd : fnSub, {a, IntervalOf(pool, strInterval)});
         }
         long long nDays = (long long)(rng() % 20000) - 10000;
-        v.Add(Call(pool, "ADDDATE(" + Quote(s) + "," + std::to_string(nDays) + ")", fnAdd, {a, Int(nDays)}));
-        v.Add(Call(pool, "SUBDATE(" + Quote(s) + "," + std::to_string(nDays) + ")", fnSub, {a, Int(nDays)}));
+        v.Add("ADDDATE(" + Quote(s) + "," + std::to_string(nDays) + ")", fnAdd, {a, Int(nDays)});
+        v.Add("SUBDATE(" + Quote(s) + "," + std::to_string(nDays) + ")", fnSub, {a, Int(nDays)});
         // TIMESTAMPADD takes the simple units only.
         for (int u = bMicros ? 0 : 1; u < kSimpleUnits; ++u) {
             std::string strAmount = Amount(kIntervalUnits[u].nType, rng);
-            v.Add(Call(pool,
-                             "TIMESTAMPADD(" + std::string(kIntervalUnits[u].lpszName) + "," + strAmount + "," +
-                                 Quote(s) + ")",
-                             ByUnit2(&F::TimeStampAdd, kIntervalUnits[u].nType), {Int(atoll(strAmount.c_str())), a}));
+            v.Add("TIMESTAMPADD(" + std::string(kIntervalUnits[u].lpszName) + "," + strAmount + "," + Quote(s) + ")",
+                  ByUnit2(&F::TimeStampAdd, kIntervalUnits[u].nType), {Int(atoll(strAmount.c_str())), a});
         }
     }
     // Month ends clamp, and a month taken back from March 31 lands on the 28th or 29th;
@@ -293,8 +278,7 @@ TEST(FunDateArith, IntervalsOfEveryUnitAddAndSubtractAsTheServerDoes)
     for (const char* s : {"2021-01-31", "2020-01-31", "2021-03-31 10:00:00", "2020-02-29", "9999-12-31", "0001-01-01"})
         for (const char* i : {"1 MONTH", "-1 MONTH", "13 MONTH", "1 YEAR", "-1 QUARTER", "'1-1' YEAR_MONTH",
                               "'1.5' SECOND_MICROSECOND", "'-2:3.25' MINUTE_MICROSECOND"})
-            v.Add(Call(pool, "DATE_ADD(" + Quote(s) + ", INTERVAL " + i + ")", fnAdd,
-                             {Text(pool, s), IntervalOf(pool, i)}));
+            v.Add("DATE_ADD(" + Quote(s) + ", INTERVAL " + i + ")", fnAdd, {Text(pool, s), IntervalOf(pool, i)});
     v.Check();
 }
 
@@ -317,9 +301,9 @@ TEST(FunDateArith, DistancesInWholeUnitsMatchTheServer)
         VARDATA a = Text(pool, p.first), b = Text(pool, p.second);
         std::string strArgs = Quote(p.first) + "," + Quote(p.second);
         for (int u = 0; u < kSimpleUnits; ++u)
-            v.Add(Call(pool, "TIMESTAMPDIFF(" + std::string(kIntervalUnits[u].lpszName) + "," + strArgs + ")",
-                             ByUnit2(&F::TimeStampDiff, kIntervalUnits[u].nType), {a, b}));
-        v.Add(Call(pool, "DATEDIFF(" + strArgs + ")", Of2(&F::DateDiff), {a, b}));
+            v.Add("TIMESTAMPDIFF(" + std::string(kIntervalUnits[u].lpszName) + "," + strArgs + ")",
+                  ByUnit2(&F::TimeStampDiff, kIntervalUnits[u].nType), {a, b});
+        v.Add("DATEDIFF(" + strArgs + ")", Of2(&F::DateDiff), {a, b});
     }
     v.Check();
 }
@@ -343,15 +327,14 @@ TEST(FunDateArith, TimesSecondsPeriodsAndDayCountsMatchTheServer)
         v.Add("TIMESTAMP(?, ?)", {ArgText(s), ArgText(t)}, Of2(&F::TalvorTimeStamp));
         // Stored times keep their kind; a stored date stays a date for whole days.
         VARDATA st = StoredTime(pool, t), st2 = StoredTime(pool, t2), sd = StoredDate(pool, strDay);
-        v.Add(Call(pool, "ADDTIME(TIME" + Quote(t) + ",TIME" + Quote(t2) + ")", fnAddTime, {st, st2}));
-        v.Add(Call(pool, "TIMEDIFF(TIME" + Quote(t) + ",TIME" + Quote(t2) + ")", fnTimeDiff, {st, st2}));
+        v.Add("ADDTIME(TIME" + Quote(t) + ",TIME" + Quote(t2) + ")", fnAddTime, {st, st2});
+        v.Add("TIMEDIFF(TIME" + Quote(t) + ",TIME" + Quote(t2) + ")", fnTimeDiff, {st, st2});
         for (const char* i : {"7 HOUR", "-75 MINUTE", "'1:30' HOUR_MINUTE"}) {
             VARDATA vInterval = IntervalOf(pool, i);
-            v.Add(Call(pool, "DATE_ADD(TIME" + Quote(t) + ", INTERVAL " + i + ")", fnAdd, {st, vInterval}));
-            v.Add(Call(pool, "DATE_ADD(DATE" + Quote(strDay) + ", INTERVAL " + i + ")", fnAdd, {sd, vInterval}));
+            v.Add("DATE_ADD(TIME" + Quote(t) + ", INTERVAL " + i + ")", fnAdd, {st, vInterval});
+            v.Add("DATE_ADD(DATE" + Quote(strDay) + ", INTERVAL " + i + ")", fnAdd, {sd, vInterval});
         }
-        v.Add(Call(pool, "DATE_ADD(DATE" + Quote(strDay) + ", INTERVAL 2 WEEK)", fnAdd,
-                         {sd, IntervalOf(pool, "2 WEEK")}));
+        v.Add("DATE_ADD(DATE" + Quote(strDay) + ", INTERVAL 2 WEEK)", fnAdd, {sd, IntervalOf(pool, "2 WEEK")});
         // Two dates a few days apart, within the range of a time.
         VARDATA a = Text(pool, s), vLater = Null(), vHours = Int((long long)(rng() % 1400) - 700);
         ASSERT_EQ(F::TimeStampAdd(&pool, 5, vHours, a, vLater), 0);

@@ -50,18 +50,9 @@ FunArg RandomNeedle(std::mt19937& rng)
 // Tables of members by the letters of their arguments: s a text (now and
 // then a number, taken by its text form), p and n counts, e a separator
 // (drawn afresh at each place), t and u other texts, k a small count.
-FunCall TrimOf(int nWhere)
-{
-    return [nWhere](Pool* pool, Args& v, VARDATA& r) { return g_fun.Trim(pool, v[1], v[0], nWhere, r); };
-}
-FunCall PadOf(BOOL bLeft)
-{
-    return [bLeft](Pool* pool, Args& v, VARDATA& r) { return g_fun.LRPad(pool, v[0], v[1], v[2], bLeft, r); };
-}
-FunCall OrdOf(BOOL bOrd)
-{
-    return [bOrd](Pool* pool, Args& v, VARDATA& r) { return g_fun.AsciiOrd(pool, v[0], bOrd, r); };
-}
+FunCall TrimOf(int nWhere) { return [nWhere](Pool* p, Args& v, VARDATA& r) { return g_fun.Trim(p, v[1], v[0], nWhere, r); }; }
+FunCall PadOf(BOOL bLeft) { return [bLeft](Pool* p, Args& v, VARDATA& r) { return g_fun.LRPad(p, v[0], v[1], v[2], bLeft, r); }; }
+FunCall OrdOf(BOOL bOrd) { return [bOrd](Pool* p, Args& v, VARDATA& r) { return g_fun.AsciiOrd(p, v[0], bOrd, r); }; }
 
 TEST(FunText, CutsAndSlicesCountCharactersLikeTheReference)
 {
@@ -263,6 +254,7 @@ TEST(FunText, GrowingResultsAboveTheBoundAreNullNotAllocatedAndNoMemoryIsNull)
 // past it (AddressSanitizer watches the pool's pages).
 TEST(FunText, ArbitraryBytesCutIntoPiecesThatJoinBackWhole)
 {
+    auto Bytes = [](const VARDATA& v) { return std::string(v.m_lpszValue, (size_t)Val(v.m_nStrLen)); };
     std::mt19937 rng(27);
     CTalvorBufferPool pool;
     static const unsigned char kBytes[] = {'a', ' ', ',', 0x80, 0xBF, 0xC3, 0xA9, 0xE4, 0xF0, 0x9F, 0xFF, 0};
@@ -280,15 +272,13 @@ TEST(FunText, ArbitraryBytesCutIntoPiecesThatJoinBackWhole)
             pos.SetData(k + 1);
             ASSERT_EQ(g_fun.Left(&pool, v, n, left), 0);
             ASSERT_EQ(g_fun.SubString(&pool, v, pos, rest), 0);
-            std::string strJoined = std::string(left.m_lpszValue, (size_t)Val(left.m_nStrLen)) +
-                                    std::string(rest.m_lpszValue, (size_t)Val(rest.m_nStrLen));
-            ASSERT_EQ(strJoined, s) << "cut after " << k << " characters";
+            ASSERT_EQ(Bytes(left) + Bytes(rest), s) << "cut after " << k << " characters";
         }
         // Reversed, the same bytes in as many characters (a stray
         // continuation byte may join another character, so twice reversed
         // need not be the text again).
         ASSERT_EQ(g_fun.Reverse(&pool, v, r), 0);
-        std::string strReversed(r.m_lpszValue, (size_t)Val(r.m_nStrLen)), strSorted = s;
+        std::string strReversed = Bytes(r), strSorted = s;
         std::sort(strReversed.begin(), strReversed.end());
         std::sort(strSorted.begin(), strSorted.end());
         ASSERT_EQ(strReversed, strSorted);

@@ -51,18 +51,19 @@ TEST(BaseConversion, AgreesWithStrtoullAndPrintf) {
         ConvSpecifiedStringToDecimal(szOut, -10, llBack);
         ASSERT_EQ(llBack, llSigned);
     }
+    auto conv = [](const char* lpsz, int nBase) {
+        long long ll = 0;
+        EXPECT_EQ(ConvSpecifiedStringToDecimal(lpsz, nBase, ll), 0) << lpsz;
+        return ll;
+    };
+    // Reading stops at the first digit the base doesn't have; too long
+    // saturates instead of wrapping; an unsigned base takes "-" modulo 2^64,
+    // as CONV does.
+    EXPECT_EQ(conv("1012", 2), 5);
+    EXPECT_EQ((unsigned long long)conv("99999999999999999999999", 10), ULLONG_MAX);
+    EXPECT_EQ(conv("-99999999999999999999999", -10), LLONG_MIN);
+    EXPECT_EQ((unsigned long long)conv("-1", 10), ULLONG_MAX);
     long long llValue = 0;
-    // Reading stops at the first digit the base doesn't have.
-    ASSERT_EQ(ConvSpecifiedStringToDecimal("1012", 2, llValue), 0);
-    EXPECT_EQ(llValue, 5);
-    // Too long saturates instead of wrapping.
-    ConvSpecifiedStringToDecimal("99999999999999999999999", 10, llValue);
-    EXPECT_EQ((unsigned long long)llValue, ULLONG_MAX);
-    ConvSpecifiedStringToDecimal("-99999999999999999999999", -10, llValue);
-    EXPECT_EQ(llValue, LLONG_MIN);
-    // An unsigned base takes "-" modulo 2^64, as CONV does.
-    ConvSpecifiedStringToDecimal("-1", 10, llValue);
-    EXPECT_EQ((unsigned long long)llValue, ULLONG_MAX);
     EXPECT_EQ(ConvSpecifiedStringToDecimal("1", 37, llValue), TALVOR_ERROR_INVALID_DATA);
     EXPECT_EQ(ConvDecimalToSpecifiedString(5, 1, szOut), 0);
     EXPECT_STREQ(szOut, "");

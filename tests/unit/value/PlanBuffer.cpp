@@ -22,11 +22,8 @@ using talvortest::Val;
 
 namespace {
 
-struct Written {
-    UINT nAddr;
-    std::vector<BYTE> bytes;
-    int nFlagAt = -1;  // the buffer's own byte in an item: may change later
-};
+// nFlagAt: the buffer's own byte in an item, which may change later.
+struct Written { UINT nAddr; std::vector<BYTE> bytes; int nFlagAt = -1; };
 
 bool SameBytes(const BYTE* p, const Written& w)
 {
@@ -73,31 +70,22 @@ public:
         Keep(nAddr, p, n);
     }
 
-    void Record()
+    // The flag byte belongs to the buffer, the ids (which the stream check
+    // follows) are zero; the rest is the test's.
+    template <class T>
+    void Item(int (CBaseBson::*alloc)(T*&, UINT&), int nFlagAt, std::initializer_list<std::pair<int, int>> zeros)
     {
-        LPRECORDHEAD p = nullptr;
+        T* p = nullptr;
         UINT nAddr = 0;
-        ASSERT_EQ(0, m_bson.AllocRecord(p, nAddr));
-        // The flag byte belongs to the buffer; the rest is the test's.
-        std::vector<BYTE> v = Bytes(sizeof(RECORDHEAD));
-        v[2] = p->m_bFlag;
-        v[16] = v[17] = v[18] = v[19] = 0;
-        v[28] = v[29] = v[30] = v[31] = 0;
+        ASSERT_EQ(0, (m_bson.*alloc)(p, nAddr));
+        std::vector<BYTE> v = Bytes(sizeof(T));
+        v[nFlagAt] = reinterpret_cast<BYTE*>(p)[nFlagAt];
+        for (auto z : zeros) memset(v.data() + z.first, 0, z.second);
         memcpy(p, v.data(), v.size());
-        m_written.push_back({nAddr, v, 2});
+        m_written.push_back({nAddr, v, nFlagAt});
     }
-
-    void Step()
-    {
-        LPEXECUTESTEP p = nullptr;
-        UINT nAddr = 0;
-        ASSERT_EQ(0, m_bson.AllocStep(p, nAddr));
-        std::vector<BYTE> v = Bytes(sizeof(EXECUTESTEP));
-        v[1] = p->m_bFlag;
-        memset(v.data() + 4, 0, 8);  // ids, which the stream check follows
-        memcpy(p, v.data(), v.size());
-        m_written.push_back({nAddr, v, 1});
-    }
+    void Record() { Item(&CBaseBson::AllocRecord, 2, {{16, 4}, {28, 4}}); }
+    void Step() { Item(&CBaseBson::AllocStep, 1, {{4, 8}}); }
 
     void Keep(UINT nAddr, LPBYTE p, size_t n)
     {
@@ -124,13 +112,19 @@ public:
     std::vector<Written> m_written;
 };
 
-void ExpectAllLive(CBaseBson& bson, const std::vector<Written>& written)
+// Every value by its id, with its bytes; by default through the plan itself.
+template <class R>
+void ExpectAllLive(const std::vector<Written>& written, R resolve)
 {
     for (const Written& w : written) {
-        LPBYTE p = bson.GetAddrFromAddrID(w.nAddr, (UINT)w.bytes.size());
+        const BYTE* p = resolve(w.nAddr, (UINT)w.bytes.size());
         ASSERT_NE(nullptr, p) << std::hex << w.nAddr;
         ASSERT_TRUE(SameBytes(p, w)) << std::hex << w.nAddr;
     }
+}
+void ExpectAllLive(CBaseBson& bson, const std::vector<Written>& written)
+{
+    ExpectAllLive(written, [&](UINT a, UINT n) { return bson.GetAddrFromAddrID(a, n); });
 }
 
 std::vector<BYTE> StreamOf(CBaseBson& bson)
@@ -157,11 +151,7 @@ TEST(PlanBufferLayout, ValuesInEveryAreaSurviveGrowthAndACopyOfTheStream)
     bson.Free();
     CPlanStreamView view;
     ASSERT_EQ(0, view.Attach(moved.data() + 3, (UINT)stream.size()));
-    for (const Written& w : builder.m_written) {
-        const BYTE* p = view.Resolve(w.nAddr, (UINT)w.bytes.size());
-        ASSERT_NE(nullptr, p) << std::hex << w.nAddr;
-        ASSERT_TRUE(SameBytes(p, w)) << std::hex << w.nAddr;
-    }
+    ExpectAllLive(builder.m_written, [&](UINT a, UINT n) { return view.Resolve(a, n); });
 }
 
 TEST(PlanBufferLayout, MainBufferBoundsEmptyRequestsAndAlignedBlocks)
@@ -280,48 +270,44 @@ TEST(PlanBufferLayout, IdsStayDistinctPastSixtyFourKilobytesOfMainBuffer)
     ExpectAllLive(bson, builder.m_written);
 }
 
+// Items of one kind until one spills into a new section: all of them, and their ids.
+template <class T>
+std::pair<std::vector<T*>, std::vector<UINT>> FillSection(CBaseBson& bson, int (CBaseBson::*alloc)(T*&, UINT&),
+                                                          UINT nHead)
+{
+    std::pair<std::vector<T*>, std::vector<UINT>> r;
+    for (UINT i = 0; i <= (BSON_DEFAULT_SECTION_SIZE - nHead) / sizeof(T); i++) {
+        T* p = nullptr;
+        UINT nAddr = 0;
+        EXPECT_EQ(0, (bson.*alloc)(p, nAddr));
+        r.first.push_back(p);
+        r.second.push_back(nAddr);
+    }
+    return r;
+}
+
 TEST(PlanBufferItems, ItemsThatSpillMarkBothSidesAndChainTheSections)
 {
     CBaseBson bson;
-    const UINT nRecordsFit = (BSON_DEFAULT_SECTION_SIZE - 16) / sizeof(RECORDHEAD);
-    std::vector<LPRECORDHEAD> records;
-    std::vector<UINT> addrs;
-    for (UINT i = 0; i <= nRecordsFit; i++) {
-        LPRECORDHEAD p = nullptr;
-        UINT nAddr = 0;
-        ASSERT_EQ(0, bson.AllocRecord(p, nAddr));
-        records.push_back(p);
-        addrs.push_back(nAddr);
-    }
+    auto [records, addrs] = FillSection(bson, &CBaseBson::AllocRecord, 16);
+    const size_t nFit = records.size() - 1;
     EXPECT_EQ((1u << 16) | 16u, addrs[0]);
-    EXPECT_EQ(BSON_ITEM_CONTINUED, Val(records[nRecordsFit - 1]->m_bFlag));
-    EXPECT_EQ(0, Val(records[nRecordsFit]->m_bFlag));
-    EXPECT_EQ((2u << 16) | 16u, addrs[nRecordsFit]);
+    EXPECT_EQ(BSON_ITEM_CONTINUED, Val(records[nFit - 1]->m_bFlag));
+    EXPECT_EQ(0, Val(records[nFit]->m_bFlag));
+    EXPECT_EQ((2u << 16) | 16u, addrs[nFit]);
     auto* pFirst = reinterpret_cast<LPBUFFERSECTIONHEAD>(bson.m_lpBufferSectionArray[0]);
     auto* pSecond = reinterpret_cast<LPBUFFERSECTIONHEAD>(bson.m_lpBufferSectionArray[1]);
-    EXPECT_EQ(16u + nRecordsFit * 48, Val(pFirst->m_nSectionDataSize));
+    EXPECT_EQ(16u + nFit * 48, Val(pFirst->m_nSectionDataSize));
     EXPECT_EQ(2, Val(reinterpret_cast<RECORDSECTIONHEAD*>(pFirst + 1)->m_sNextSectionNo));
     EXPECT_EQ(1, Val(reinterpret_cast<RECORDSECTIONHEAD*>(pSecond + 1)->m_sPreSectionNo));
 
-    const UINT nStepsFit = (BSON_DEFAULT_SECTION_SIZE - 16) / sizeof(EXECUTESTEP);
-    LPEXECUTESTEP pLastOld = nullptr, pStep = nullptr;
-    UINT nAddr = 0;
-    for (UINT i = 0; i <= nStepsFit; i++) {
-        pLastOld = pStep;
-        ASSERT_EQ(0, bson.AllocStep(pStep, nAddr));
-    }
-    EXPECT_EQ(BSON_ITEM_CONTINUED, Val(pLastOld->m_bFlag));
-    EXPECT_EQ(BSON_ITEM_CONTINUES, Val(pStep->m_bFlag));
-    EXPECT_EQ((4u << 16) | 16u, nAddr) << "sections are numbered in the order they open, any kind";
-
-    const UINT nInfosFit = (BSON_DEFAULT_SECTION_SIZE - 12) / sizeof(BLOCKINFO);
-    LPBLOCKINFO pOld = nullptr, pInfo = nullptr;
-    for (UINT i = 0; i <= nInfosFit; i++) {
-        pOld = pInfo;
-        ASSERT_EQ(0, bson.AllocBlockInfo(pInfo, nAddr));
-    }
-    EXPECT_EQ(BSON_ITEM_CONTINUED, Val(pOld->m_bFlag));
-    EXPECT_EQ(BSON_ITEM_CONTINUES, Val(pInfo->m_bFlag));
+    auto [steps, stepAddrs] = FillSection(bson, &CBaseBson::AllocStep, 16);
+    EXPECT_EQ(BSON_ITEM_CONTINUED, Val(steps[steps.size() - 2]->m_bFlag));
+    EXPECT_EQ(BSON_ITEM_CONTINUES, Val(steps.back()->m_bFlag));
+    EXPECT_EQ((4u << 16) | 16u, stepAddrs.back()) << "sections are numbered in the order they open, any kind";
+    auto infos = FillSection(bson, &CBaseBson::AllocBlockInfo, 12).first;
+    EXPECT_EQ(BSON_ITEM_CONTINUED, Val(infos[infos.size() - 2]->m_bFlag));
+    EXPECT_EQ(BSON_ITEM_CONTINUES, Val(infos.back()->m_bFlag));
     EXPECT_EQ(6u, bson.m_nBufferSectionNum);
 }
 
@@ -358,11 +344,7 @@ TEST(PlanBufferStream, OffsetsPastTheBytesAreRefused)
     };
     const size_t nLastHead = head(nSections);
     const size_t nRecordAt = head(nRecord >> 16) + (nRecord & 0xFFFF);  // the record's id
-    struct Forged {
-        size_t nOffset;
-        UINT nValue;
-        const char* lpWhat;
-    };
+    struct Forged { size_t nOffset; UINT nValue; const char* lpWhat; };
     const Forged arForged[] = {
         {0, nTotal + 1, "total past the bytes"},
         {24, nTotal + 1, "main data past the total"},
@@ -464,12 +446,9 @@ CONDITIONITEM ConditionAt(CBaseBson& bson, UINT nAddr)
 // The item's bytes as the engine reads them.
 void ExpectCondition(const CONDITIONITEM& st, BYTE b0, BYTE b1, BYTE b3, UINT nLeft, UINT nRight)
 {
-    const CONDITIONITEM want = [&] {
-        CONDITIONITEM w = {};
-        w.m_bFirst = b0, w.m_bSecond = b1, w.m_bLogicOperator = b3, w.m_nLeftOffset = nLeft, w.m_nRightOffset = nRight;
-        return w;
-    }();
-    EXPECT_EQ(0, memcmp(&want, &st, sizeof(st))) << (int)b0 << " " << (int)b1 << " " << nLeft << " " << nRight;
+    CONDITIONITEM w = {};
+    w.m_bFirst = b0, w.m_bSecond = b1, w.m_bLogicOperator = b3, w.m_nLeftOffset = nLeft, w.m_nRightOffset = nRight;
+    EXPECT_EQ(0, memcmp(&w, &st, sizeof(st))) << (int)b0 << " " << (int)b1 << " " << nLeft << " " << nRight;
 }
 
 TEST(PlanConditions, ChainFillsTheOpenRootThenStacksNewRoots)
@@ -567,11 +546,7 @@ TEST(PlanFieldData, FieldsEncodeAsStructPacksThem)
         "    if fmt: out = struct.pack(fmt, f, float(v) if t in (3, 4) else int(v))\n"
         "    else: b = bytes.fromhex(v) if v != '-' else b''; out = struct.pack('<Bi', f, len(b)) + b\n"
         "    print(out.hex())\n";
-    struct Case {
-        BYTE bType;
-        BYTE bField;
-        std::string strValue;
-    };
+    struct Case { BYTE bType, bField; std::string strValue; };
     const std::vector<Case> cases = {{1, 3, "-123456789"}, {2, 250, "-9000000000000000001"}, {3, 7, "0.1"},
                                      {4, 8, "46000.75"},   {80, 1, "200"},                     {81, 2, "-31000"},
                                      {5, 4, "616263"},     {8, 9, "00ff00"},                   {7, 5, "-"}};

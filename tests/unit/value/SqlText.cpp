@@ -12,26 +12,24 @@
 
 namespace {
 
-struct Head {
-    int m_nResult, m_nBracket, m_nStart, m_nEnd, m_nPos, m_nSqlLen;
-    std::string m_strWord;
-};
+// A copy without a NUL, so that reading behind the text is caught by the
+// sanitizer.
+std::unique_ptr<char[]> Tight(const std::string& s) {
+    std::unique_ptr<char[]> copy(new char[s.size() ? s.size() : 1]);
+    memcpy(copy.get(), s.data(), s.size());
+    return copy;
+}
+
+struct Head { int m_nResult, m_nBracket, m_nStart, m_nEnd, m_nPos, m_nSqlLen; std::string m_strWord; };
 
 Head Parse(const std::string& sql, BOOL bComments = TRUE) {
     // The head buffer sits between guards to catch a write past its room.
-    struct {
-        char m_arHead[TALVOR_SQL_HEAD_ROOM];
-        char m_arGuard[8];
-    } room;
+    struct { char m_arHead[TALVOR_SQL_HEAD_ROOM]; char m_arGuard[8]; } room;
     memset(&room, 0x5A, sizeof(room));
-    // A copy without a NUL, so that reading behind the text is caught by
-    // the sanitizer.
-    std::unique_ptr<char[]> copy(new char[sql.size() ? sql.size() : 1]);
-    memcpy(copy.get(), sql.data(), sql.size());
+    std::unique_ptr<char[]> copy = Tight(sql);
     Head h{};
     int nLen = 0;
     h.m_nSqlLen = (int)sql.size();
-    h.m_nPos = 0;
     h.m_nResult = PraseSqlHead(copy.get(), bComments, h.m_nSqlLen, h.m_nPos, room.m_arHead, nLen, h.m_nBracket,
                                h.m_nStart, h.m_nEnd);
     for (char c : room.m_arGuard) EXPECT_EQ(c, 0x5A) << sql;
@@ -46,12 +44,7 @@ Head Parse(const std::string& sql, BOOL bComments = TRUE) {
 // not checked): parentheses left, statement length, position, and the span
 // of a versioned comment.
 TEST(SqlHead, WordsBoundsAndErrors) {
-    struct Case {
-        std::string strSql;
-        int nResult;
-        const char* lpszWord;
-        int nBracket, nSqlLen, nPos, nStart, nEnd;
-    };
+    struct Case { std::string strSql; int nResult; const char* lpszWord; int nBracket, nSqlLen, nPos, nStart, nEnd; };
     const int S = TALVOR_ERROR_HEAD_START_CHARACTER;
     const Case arCases[] = {
         {"SELECT*FROM t", 0, "SELECT", -1, -1, -1, -1, -1},
@@ -91,17 +84,12 @@ TEST(SqlHead, WordsBoundsAndErrors) {
 
 namespace {
 
-struct Title {
-    int m_nResult;
-    std::string m_strTitle;
-};
+struct Title { int m_nResult; std::string m_strTitle; };
 
 Title Cut(const std::string& s, BOOL bTalvor) {
     char szTitle[64 + 8];
     memset(szTitle, 0x5A, sizeof(szTitle));
-    std::unique_ptr<char[]> copy(new char[s.size() ? s.size() : 1]);
-    memcpy(copy.get(), s.data(), s.size());
-    Title t{CopyTitleFromSql(copy.get(), (int)s.size(), szTitle, bTalvor), ""};
+    Title t{CopyTitleFromSql(Tight(s).get(), (int)s.size(), szTitle, bTalvor), ""};
     const int nRoom = bTalvor ? 32 : 64;
     for (int i = nRoom; i < (int)sizeof(szTitle); ++i) EXPECT_EQ(szTitle[i], 0x5A) << s;
     t.m_strTitle = szTitle;
@@ -129,14 +117,8 @@ TEST(SqlTitle, QuotedPlainAndTokens) {
 // checked). A plain object name runs to its NUL whatever nLen says.
 TEST(SqlNames, QuotingCaseAndLimits) {
     enum { OBJECT, USER, DATABASE, PASSWORD, STRING };
-    struct Case {
-        int nWhich;
-        std::string strIn;
-        int nLen;  // -1: the whole input
-        int nRoom;
-        int nResult;
-        std::string strOut;
-    };
+    // nLen -1: the whole input.
+    struct Case { int nWhich; std::string strIn; int nLen, nRoom, nResult; std::string strOut; };
     const std::string x63(63, 'x'), x64(64, 'x'), d63(63, 'd'), d64(64, 'd');
     const int Q = TALVOR_NAME_QUOTED, P = TALVOR_NAME_PLAIN, B = TALVOR_NAME_BAD;
     const Case arCases[] = {

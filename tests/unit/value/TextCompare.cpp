@@ -51,33 +51,25 @@ TEST(TalvorCompare, AgreesWithSqliteOrderUnlessAPrefix) {
     EXPECT_GT(nPrefixPairs, 10000);
 }
 
+// Only the sign of a compare is ever used.
 TEST(TalvorCompare, Rules) {
-    // Trailing NULs are absent; 0 means strlen.
-    EXPECT_EQ(TalvorCompare("abc", 3, "abc\0", 4, TRUE), 0);
-    EXPECT_EQ(TalvorCompare("abc", 0, "abc\0\0", 5, TRUE), 0);
-    // The prefix sorts after: minus or plus the next byte of the longer text.
-    EXPECT_EQ(TalvorCompare("abc", 3, "abcd", 4, TRUE), 'd');
-    EXPECT_EQ(TalvorCompare("abcd", 4, "abc", 3, TRUE), -'d');
-    // A null side gives the other side's first byte, signed as a loss.
-    EXPECT_EQ(TalvorCompare(nullptr, 0, "b", 1, TRUE), -'b');
-    EXPECT_EQ(TalvorCompare("b", 1, nullptr, 0, TRUE), 'b');
-    EXPECT_EQ(TalvorCompare(nullptr, 0, nullptr, 0, TRUE), 0);
-    // Folded only where asked, to lower case, so "_" sorts below letters.
-    EXPECT_EQ(TalvorCompare("ABC", 3, "abc", 3, FALSE), 0);
-    EXPECT_LT(TalvorCompare("ABC", 3, "abc", 3, TRUE), 0);
-    EXPECT_GT(TalvorCompare("A", 1, "_", 1, FALSE), 0);
-    EXPECT_LT(TalvorCompare("A", 1, "_", 1, TRUE), 0);
-    // Inside multi-byte characters the result is the code point difference,
-    // also when the first differing byte is a continuation byte.
-    EXPECT_EQ(TalvorCompare("x\xE4\xB8\xAD", 4, "x\xE4\xB8\x81", 4, TRUE), 0x4E2D - 0x4E01);
-    EXPECT_EQ(TalvorCompare("\xC3\xA9", 2, "\xE4\xB8\xAD", 3, TRUE), 0xE9 - 0x4E2D);
-    // Multi-byte against ASCII: the bytes.
-    EXPECT_EQ(TalvorCompare("\xC3\xA9", 2, "z", 1, TRUE), 0xC3 - 'z');
-    // A sequence cut by the length is bytes, and nothing past it is read.
-    EXPECT_NE(TalvorCompare("\xE4\xB8", 2, "\xE4\xB9", 2, TRUE), 0);
-    // Differences past the first 8-byte word, in either half of a word.
-    EXPECT_LT(TalvorCompare("0123456789abcdefA", 17, "0123456789abcdefB", 17, TRUE), 0);
-    EXPECT_EQ(TalvorCompare("0123456789ABCDEFg", 17, "0123456789abcdefG", 17, FALSE), 0);
+    const struct { const char* a; int na; const char* b; int nb; BOOL bCase; int nSign; } arCases[] = {
+        // Trailing NULs are absent; 0 means strlen.
+        {"abc", 3, "abc\0", 4, TRUE, 0}, {"abc", 0, "abc\0\0", 5, TRUE, 0},
+        // The prefix sorts after, an embedded NUL next too; a null side loses to any text.
+        {"abc", 3, "abcd", 4, TRUE, 1}, {"abcd", 4, "abc", 3, TRUE, -1}, {"abc", 3, "abc\0d", 5, TRUE, 1},
+        {nullptr, 0, "b", 1, TRUE, -1}, {"b", 1, nullptr, 0, TRUE, 1}, {nullptr, 0, nullptr, 0, TRUE, 0},
+        // Folded only where asked, to lower case, so "_" sorts below letters.
+        {"ABC", 3, "abc", 3, FALSE, 0}, {"ABC", 3, "abc", 3, TRUE, -1}, {"A", 1, "_", 1, FALSE, 1}, {"A", 1, "_", 1, TRUE, -1},
+        // Inside multi-byte characters by code point, also when the first differing byte is a continuation byte.
+        {"x\xE4\xB8\xAD", 4, "x\xE4\xB8\x81", 4, TRUE, 1}, {"\xC3\xA9", 2, "\xE4\xB8\xAD", 3, TRUE, -1},
+        // Multi-byte against ASCII: the bytes. A sequence cut by the length is bytes, nothing past it read.
+        {"\xC3\xA9", 2, "z", 1, TRUE, 1}, {"\xE4\xB8", 2, "\xE4\xB9", 2, TRUE, -1},
+        // Differences past the first 8-byte word, in either half of a word.
+        {"0123456789abcdefA", 17, "0123456789abcdefB", 17, TRUE, -1},
+        {"0123456789ABCDEFg", 17, "0123456789abcdefG", 17, FALSE, 0}};
+    for (const auto& c : arCases)
+        EXPECT_EQ(Sign(TalvorCompare(c.a, c.na, c.b, c.nb, c.bCase)), c.nSign) << (c.a ? c.a : "null") << " | " << (c.b ? c.b : "null");
 }
 
 TEST(CaseFold, NoCaseCompareAndInPlaceFold) {

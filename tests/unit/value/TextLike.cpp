@@ -19,7 +19,9 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <numeric>
 #include <random>
+#include <tuple>
 #include <string>
 #include <vector>
 
@@ -81,9 +83,7 @@ struct Generator {
     }
 
     static std::string Join(const std::vector<std::string>& pieces) {
-        std::string s;
-        for (const auto& p : pieces) s += p;
-        return s;
+        return std::accumulate(pieces.begin(), pieces.end(), std::string());
     }
 };
 
@@ -110,16 +110,11 @@ TEST(LikePattern, RewritesWildcardsEscapesAndCountsTheNul) {
         {"!!a!%", "!", TRUE, "!a!\x01"}, {"!%!!!_", "!", TRUE, "%!!\x02"}, {"ab!", "!", TRUE, "ab!"}};
     for (const auto& c : arCases) EXPECT_EQ(Prepare(c.lpszSql, c.lpszEscape, c.bAnsi).m_strForm, c.strForm) << c.lpszSql;
     // The length in and out counts the closing NUL.
-    char szPat[] = "%%";
-    int nLen = 3;
-    EXPECT_EQ(StrPretreatment(szPat, nLen, nullptr, TRUE), 2);
-    EXPECT_EQ(nLen, 2);
-    EXPECT_EQ(szPat[1], 0);
-    char szEmpty[] = "x";
-    nLen = 1;
-    StrPretreatment(szEmpty, nLen, nullptr, TRUE);
-    EXPECT_EQ(nLen, 1);
-    EXPECT_EQ(szEmpty[0], 0);
+    char szPat[] = "%%", szEmpty[] = "x";
+    int nLen = 3, nEmpty = 1;
+    const int nRet = StrPretreatment(szPat, nLen, nullptr, TRUE);
+    StrPretreatment(szEmpty, nEmpty, nullptr, TRUE);
+    EXPECT_EQ(std::make_tuple(nRet, nLen, szPat[1], nEmpty, szEmpty[0]), std::make_tuple(2, 2, '\0', 1, '\0'));
 }
 
 TEST(LikeMatch, AgreesWithSqliteLikeWhenFoldingAndGlobWhenExact) {
@@ -192,9 +187,8 @@ namespace {
 
 std::string SqliteReplace(sqlite3_stmt* pStmt, const std::string& a, const std::string& b, const std::string& c) {
     sqlite3_reset(pStmt);
-    sqlite3_bind_text(pStmt, 1, a.data(), (int)a.size(), SQLITE_TRANSIENT);
-    sqlite3_bind_text(pStmt, 2, b.data(), (int)b.size(), SQLITE_TRANSIENT);
-    sqlite3_bind_text(pStmt, 3, c.data(), (int)c.size(), SQLITE_TRANSIENT);
+    int nParam = 0;
+    for (const std::string* p : {&a, &b, &c}) sqlite3_bind_text(pStmt, ++nParam, p->data(), (int)p->size(), SQLITE_TRANSIENT);
     EXPECT_EQ(sqlite3_step(pStmt), SQLITE_ROW);
     const char* p = (const char*)sqlite3_column_text(pStmt, 0);
     return p ? std::string(p, (size_t)sqlite3_column_bytes(pStmt, 0)) : std::string();

@@ -40,11 +40,7 @@ TEST(TypeMap, IndexKindForEveryFileFieldAndUse) {
 
 TEST(TypeMap, MysqlIndexTypeChoosesTheFileAndMapsColumnTypes) {
     // File kind asked (0: choose), column type, use; result, file and kind given.
-    struct Case {
-        BYTE bFile, bType, bUse;
-        int nResult;
-        BYTE bFileOut, bKind;
-    };
+    struct Case { BYTE bFile, bType, bUse; int nResult; BYTE bFileOut, bKind; };
     const Case arCases[] = {{0, 3 /* LONG */, 3, 0, 4, 1}, {0, 253 /* VAR_STRING */, 2, 0, 11, 25},
                             {4, 5 /* DOUBLE */, 0, 318, 4, 0}, {0, 6 /* NULL */, 0, 318, 11, 0}};
     for (const Case& c : arCases) {

@@ -17,12 +17,7 @@ namespace {
 
 TEST(VarDataField, SizesByType)
 {
-    struct Row {
-        BYTE m_bType;
-        BYTE m_bCharLen;
-        int m_nLen;
-        int m_nExpected;
-    };
+    struct Row { BYTE m_bType, m_bCharLen; int m_nLen, m_nExpected; };
     const Row arRows[] = {
         {10, 0, 0, 0},     {1, 0, 0, 5},      {11, 0, 0, 5},     {12, 0, 0, 5},     {2, 0, 0, 9},
         {3, 0, 0, 9},      {4, 0, 0, 9},      {80, 0, 0, 2},     {81, 0, 0, 3},     {247, 0, 0, 3},

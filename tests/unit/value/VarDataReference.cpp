@@ -37,12 +37,7 @@ I64 = 2**63
 
 def val(t):
     k, s = t.split(":", 1)
-    if k == "i": return int(s)
-    if k == "d": return float(s)
-    return Decimal(s)
-
-def kind(t):
-    return t.split(":", 1)[0]
+    return int(s) if k == "i" else float(s) if k == "d" else Decimal(s)
 
 def arith(op, a, b, ka, kb):
     if "d" in (ka, kb):
@@ -120,7 +115,7 @@ for line in sys.stdin:
         elif op in ("substr", "right", "left", "rev", "up", "low", "link"):
             print(text(op, int(f[1]), int(f[2]), bytes.fromhex(f[3]).decode("utf-8") if f[3] != "-" else ""))
         else:
-            print(arith(op, val(f[1]), val(f[2]), kind(f[1]), kind(f[2])))
+            print(arith(op, val(f[1]), val(f[2]), f[1][0], f[2][0]))
     except OverflowError:
         print("null")
     sys.stdout.flush()
@@ -136,10 +131,7 @@ std::vector<std::string> RunReference(const std::vector<std::string>& vLines)
 
 // An operand as the reference reads it ("i:12", "d:0.25", "m:1.5") and as
 // a typed value.
-struct Operand {
-    std::string m_strRef;
-    st_VARDATA m_v;
-};
+struct Operand { std::string m_strRef; st_VARDATA m_v; };
 
 Operand IntOperand(long long ll)
 {
@@ -192,11 +184,8 @@ public:
     }
     Operand Any()
     {
-        switch (m_rng() % 3) {
-        case 0: return IntOperand(Int());
-        case 1: return DoubleOperand(Double());
-        default: return DecimalOperand(Decimal());
-        }
+        const unsigned nKind = m_rng() % 3;
+        return nKind == 0 ? IntOperand(Int()) : nKind == 1 ? DoubleOperand(Double()) : DecimalOperand(Decimal());
     }
     unsigned Next() { return m_rng(); }
 
@@ -257,13 +246,7 @@ const char* const g_arOps[] = {"add", "sub", "mul", "div", "mod"};
 
 st_VARDATA Apply(int nOp, const st_VARDATA& a, const st_VARDATA& b)
 {
-    switch (nOp) {
-    case 0: return a + b;
-    case 1: return a - b;
-    case 2: return a * b;
-    case 3: return a / b;
-    default: return a % b;
-    }
+    return nOp == 0 ? a + b : nOp == 1 ? a - b : nOp == 2 ? a * b : nOp == 3 ? a / b : a % b;
 }
 
 TEST(VarDataReference, ArithmeticOfMixedNumbersAgainstPython)
@@ -330,10 +313,8 @@ TEST(VarDataReference, NumbersAsTextAndIntegersAgainstPython)
     for (size_t i = 0; i < vDoubles.size(); ++i) {
         const double d = vDoubles[i];
         SCOPED_TRACE(vLines[n]);
-        st_VARDATA v, t;
-        v.Init();
+        st_VARDATA v = DoubleOperand(d).m_v, t;
         t.Init();
-        v.SetData(d);
         char sz[512];
         int nLen = ConvertVarData2String(v, nullptr);
         ASSERT_LT(nLen, (int)sizeof(sz));
