@@ -63,12 +63,30 @@ protected:
 
 } // namespace
 
-TEST_F(CacheChains, AnEmptyFreeChainAnswers9500AndChangesNothing)
+// What cannot be had is refused with not a byte of the segment changed: a
+// new file's pages without a block each; a load group placed by a wild
+// count of slots left (the daemon's, but it lies in shared memory); a block
+// once the free chain is empty.
+TEST_F(CacheChains, AShortNewChainAWildSlotCountAndAnEmptyFreeChainAreRefusedUnchanged)
 {
-    UINT nBlocks = m_l.m_nBlockBufNum - m_l.m_nFirstFreeNo + 1;
-    for (UINT i = 0; i < nBlocks; i++) ASSERT_GE(Take(1), 0) << i;
+    Take(40);
+    Take(40);
+    std::vector<BYTE> vPages = NewFilePages(40, FILETYPE_TABLE, 1);
+    std::vector<BYTE> vBefore = Snapshot();
+    EXPECT_EQ(CACHE_RESULT_NOFREEBLOCK, m_pCache->NewFile2Cache(nullptr, 40, FILETYPE_TABLE, vPages.data(), 1));
+    EXPECT_EQ(CACHE_RESULT_NOFREEBLOCK, m_pCache->NewFile2Cache(nullptr, 41, FILETYPE_TABLE, vPages.data(), 0));
+    EXPECT_EQ(-1, FirstDiff(vBefore, Snapshot()));
+    const int nValid = Head()->m_nValidLoadSlotNum;
+    for (int nWild : {-1, 474}) {
+        SCOPED_TRACE(nWild);
+        Head()->m_nValidLoadSlotNum = nWild;
+        ExpectRefused(60);
+    }
+    Head()->m_nValidLoadSlotNum = nValid;
+    size_t nFree = Chain((UINT)Head()->m_nFreeNo).size();
+    for (size_t i = 0; i < nFree; i++) ASSERT_GE(Take(1), 0) << i;
     EXPECT_EQ(0, Val(Head()->m_nFreeNo));
-    EXPECT_EQ(nBlocks, Chain(Head()->m_nFileInfoNo[1]).size());
+    EXPECT_EQ(nFree, Chain(Head()->m_nFileInfoNo[1]).size());
     ExpectRefused(1, CACHE_RESULT_NOFREEBLOCK);
     ExpectRefused(2, CACHE_RESULT_NOFREEBLOCK);
 }
@@ -124,101 +142,61 @@ TEST_F(CacheChains, ARecycledGroupIsHandedOnAndARefusedOrStrayGroupIsNotGiven)
     ExpectRefused(21);
 }
 
-TEST_F(CacheChains, ANewFilesPagesAreLinkedFromHeadToFirstMap)
+// A new file's pages are the caller's (its buffer left as it was) but for
+// the links from the head to the first map; the walk along them refuses
+// what is not a chain of pages of the file's type.
+TEST_F(CacheChains, ANewFilesPagesAreLinkedAndTheWalkToTheFirstMapRefusesWhatIsNotAChain)
 {
-    for (int nEx : {0, 1, 3}) {
-        for (BYTE bType : {FILETYPE_TABLE, FILETYPE_INDEX}) {
-            SCOPED_TRACE(testing::Message() << nEx << " extended, type " << (int)bType);
-            BYTE bFileNo = (BYTE)(30 + nEx * 2 + (bType == FILETYPE_INDEX));
-            std::vector<long long> vOffsets;
-            for (int i = 0; i < nEx + 2; i++) vOffsets.push_back(Take(bFileNo));
-            std::vector<BYTE> vPages = NewFilePages(bFileNo, bType, nEx);
-            std::vector<BYTE> vCopy = vPages;
-            ASSERT_EQ(0, m_pCache->NewFile2Cache(nullptr, bFileNo, bType, vPages.data(), nEx));
-            EXPECT_TRUE(vCopy == vPages);
-            LPBYTE pHead = Base() + vOffsets[0];
-            EXPECT_EQ(vOffsets[1], Val(((LPTABLEFILEHEAD)pHead)->m_nCacheStartOffset));
-            for (int i = 1; i <= nEx; i++)
-                EXPECT_EQ(vOffsets[i + 1],
-                          Val(((LPTABLEFILEHEADEX)(Base() + vOffsets[i]))->m_nNextFileHeadCacheOffset));
-            // Every page is the caller's but for its link.
-            EXPECT_EQ(0, memcmp(Base() + vOffsets[nEx + 1], vPages.data() + (size_t)(nEx + 1) * CACHE_PAGE_SIZE,
-                                CACHE_PAGE_SIZE));
-            EXPECT_EQ(0, memcmp(pHead, vPages.data(), offsetof(TABLEFILEHEAD, m_nCacheStartOffset)));
-            EXPECT_EQ(0, memcmp(pHead + 114, vPages.data() + 114, CACHE_PAGE_SIZE - 114));
-            long long llMap = 0;
-            int nResult = bType == FILETYPE_TABLE
-                              ? m_pCache->GetFirstTableMapCacheAddr((LPTABLEFILEHEAD)pHead, Base(), llMap)
-                              : m_pCache->GetFirstIndexMapCacheAddr((LPINDEXFILEHEAD)pHead, Base(), llMap);
-            EXPECT_EQ(0, nResult);
-            EXPECT_EQ(vOffsets[nEx + 1], llMap);
+    for (BYTE bType : {FILETYPE_TABLE, FILETYPE_INDEX}) {
+        SCOPED_TRACE((int)bType);
+        const bool bTable = bType == FILETYPE_TABLE;
+        const BYTE bFileNo = bTable ? 50 : 51;
+        std::vector<long long> v;
+        for (int i = 0; i < 4; i++) v.push_back(Take(bFileNo));
+        std::vector<BYTE> vPages = NewFilePages(bFileNo, bType, 2), vCopy = vPages;
+        ASSERT_EQ(0, m_pCache->NewFile2Cache(nullptr, bFileNo, bType, vPages.data(), 2));
+        EXPECT_TRUE(vCopy == vPages);
+        LPTABLEFILEHEAD pHead = (LPTABLEFILEHEAD)(Base() + v[0]);
+        LPTABLEFILEHEADEX pEx2 = (LPTABLEFILEHEADEX)(Base() + v[2]);
+        EXPECT_EQ(v[1], Val(pHead->m_nCacheStartOffset));
+        for (int i = 1; i <= 2; i++)
+            EXPECT_EQ(v[i + 1], Val(((LPTABLEFILEHEADEX)(Base() + v[i]))->m_nNextFileHeadCacheOffset));
+        EXPECT_EQ(0, memcmp(Base() + v[3], vPages.data() + 3 * CACHE_PAGE_SIZE, CACHE_PAGE_SIZE));
+        EXPECT_EQ(0, memcmp(pHead, vPages.data(), offsetof(TABLEFILEHEAD, m_nCacheStartOffset)));
+        EXPECT_EQ(0, memcmp((LPBYTE)pHead + 114, vPages.data() + 114, CACHE_PAGE_SIZE - 114));
+
+        auto Expect = [&](int nWant, const char* lpWhy) {
+            SCOPED_TRACE(lpWhy);
+            long long llOut = -5;
+            EXPECT_EQ(nWant, bTable ? m_pCache->GetFirstTableMapCacheAddr(pHead, Base(), llOut)
+                                    : m_pCache->GetFirstIndexMapCacheAddr((LPINDEXFILEHEAD)pHead, Base(), llOut));
+            EXPECT_EQ(nWant == 0 ? v[3] : -5, llOut);
+        };
+        Expect(0, "as made");
+        long long llStart = pHead->m_nCacheStartOffset;
+        pHead->m_nCacheStartOffset = 0;
+        Expect(CACHE_RESULT_NOCHAIN, "no next page");
+        for (long long llBad : {1LL << 40, -16384LL, 16384LL, llStart + 512, m_l.m_llFIFOOffset}) {
+            pHead->m_nCacheStartOffset = llBad;
+            Expect(CACHE_RESULT_BADCHAIN, "next page outside the blocks");
         }
-    }
-}
-
-TEST_F(CacheChains, ANewFileWhoseChainIsTooShortIsRefusedUnwritten)
-{
-    Take(40);
-    Take(40);
-    std::vector<BYTE> vPages = NewFilePages(40, FILETYPE_TABLE, 1);
-    std::vector<BYTE> vBefore = Snapshot();
-    EXPECT_EQ(CACHE_RESULT_NOFREEBLOCK, m_pCache->NewFile2Cache(nullptr, 40, FILETYPE_TABLE, vPages.data(), 1));
-    EXPECT_EQ(CACHE_RESULT_NOFREEBLOCK, m_pCache->NewFile2Cache(nullptr, 41, FILETYPE_TABLE, vPages.data(), 0));
-    EXPECT_EQ(-1, FirstDiff(vBefore, Snapshot()));
-}
-
-TEST_F(CacheChains, TheWalkToTheFirstMapRefusesWhatIsNotAChainOfPages)
-{
-    for (int i = 0; i < 4; i++) Take(50);
-    std::vector<UINT> v = Chain(Head()->m_nFileInfoNo[50]);
-    std::vector<BYTE> vPages = NewFilePages(50, FILETYPE_TABLE, 2);
-    ASSERT_EQ(0, m_pCache->NewFile2Cache(nullptr, 50, FILETYPE_TABLE, vPages.data(), 2));
-    LPTABLEFILEHEAD pHead = (LPTABLEFILEHEAD)(Base() + CacheBlockOffset(v[0]));
-    LPTABLEFILEHEADEX pEx2 = (LPTABLEFILEHEADEX)(Base() + CacheBlockOffset(v[2]));
-    long long llMap = 0;
-    ASSERT_EQ(0, m_pCache->GetFirstTableMapCacheAddr(pHead, Base(), llMap));
-
-    auto Expect = [&](int nWant, const char* lpWhy) {
-        SCOPED_TRACE(lpWhy);
-        long long llOut = -5;
-        EXPECT_EQ(nWant, m_pCache->GetFirstTableMapCacheAddr(pHead, Base(), llOut));
-        if (nWant != 0) {
-            EXPECT_EQ(-5, llOut);
-        }
-    };
-    long long llStart = pHead->m_nCacheStartOffset;
-    pHead->m_nCacheStartOffset = 0;
-    Expect(CACHE_RESULT_NOCHAIN, "no next page");
-    for (long long llBad : {1LL << 40, -16384LL, 16384LL, llStart + 512, m_l.m_llFIFOOffset}) {
-        pHead->m_nCacheStartOffset = llBad;
-        Expect(CACHE_RESULT_BADCHAIN, "next page outside the blocks");
-    }
-    pHead->m_nCacheStartOffset = llStart;
-    long long llNext = pEx2->m_nNextFileHeadCacheOffset;
-    pEx2->m_nNextFileHeadCacheOffset = llStart;
-    Expect(CACHE_RESULT_BADCHAIN, "extended pages in a loop");
-    pEx2->m_nNextFileHeadCacheOffset = 0;
-    Expect(CACHE_RESULT_BADCHAIN, "extended pages end before a map");
-    pEx2->m_nNextFileHeadCacheOffset = llNext;
-    pEx2->m_nDataFlag = INDEXFILEEX_DATAFLAG;
-    Expect(CACHE_RESULT_BADCHAIN, "an index page in a table chain");
-    pEx2->m_nDataFlag = TABLEFILEEX_DATAFLAG;
-    // Without extended pages the next page itself must be the map.
-    long long llNextHead = pHead->m_nNextFileHeadOffset;
-    pHead->m_nNextFileHeadOffset = 0;
-    Expect(CACHE_RESULT_BADCHAIN, "an extended page where the map should be");
-    pHead->m_nNextFileHeadOffset = llNextHead;
-    Expect(0, "restored");
-}
-
-// The count of slots left is the daemon's, but it lies in shared memory: a
-// wild value must not place a group outside the slot area.
-TEST_F(CacheChains, AWildCountOfSlotsLeftPlacesNoGroup)
-{
-    for (int nWild : {-1, 474}) {
-        SCOPED_TRACE(nWild);
-        Head()->m_nValidLoadSlotNum = nWild;
-        ExpectRefused(60);
+        pHead->m_nCacheStartOffset = llStart;
+        long long llNext = pEx2->m_nNextFileHeadCacheOffset;
+        pEx2->m_nNextFileHeadCacheOffset = llStart;
+        Expect(CACHE_RESULT_BADCHAIN, "extended pages in a loop");
+        pEx2->m_nNextFileHeadCacheOffset = 0;
+        Expect(CACHE_RESULT_BADCHAIN, "extended pages end before a map");
+        pEx2->m_nNextFileHeadCacheOffset = llNext;
+        int nMark = pEx2->m_nDataFlag;
+        pEx2->m_nDataFlag = bTable ? INDEXFILEEX_DATAFLAG : TABLEFILEEX_DATAFLAG;
+        Expect(CACHE_RESULT_BADCHAIN, "a page of the other type in the chain");
+        pEx2->m_nDataFlag = nMark;
+        // Without extended pages the next page itself must be the map.
+        long long llNextHead = pHead->m_nNextFileHeadOffset;
+        pHead->m_nNextFileHeadOffset = 0;
+        Expect(CACHE_RESULT_BADCHAIN, "an extended page where the map should be");
+        pHead->m_nNextFileHeadOffset = llNextHead;
+        Expect(0, "restored");
     }
 }
 

@@ -66,11 +66,10 @@ TEST(CacheFileHeadArea, IndexFileWithoutExtendedPagesAndRefusals)
     ASSERT_TRUE(CacheBuildHeadArea(Def(FILETYPE_INDEX, 677), v.data(), (long long)v.size(), &nEx));
     EXPECT_EQ(0, nEx);
     LPINDEXFILEHEAD h = (LPINDEXFILEHEAD)v.data();
-    EXPECT_EQ(INDEXFILE_DATAFLAG, h->m_nDataFlag);
-    EXPECT_EQ(677, Val(h->m_nHeadMaxObjectNum));
-    EXPECT_EQ(0, Val(h->m_nNextFileHeadOffset));
-    EXPECT_EQ(16384, Val(h->m_nBlockMapStartOffset));
-    EXPECT_EQ(BLOCKMAP_CACHE_DATAFLAG, ((LPBASEFILEBLOCKMAPHEAD_CACHE)(v.data() + 16384))->m_nDataFlag);
+    EXPECT_EQ((std::vector<long long>{INDEXFILE_DATAFLAG, 677, 0, 16384, BLOCKMAP_CACHE_DATAFLAG}),
+              (std::vector<long long>{h->m_nDataFlag, Val(h->m_nHeadMaxObjectNum), Val(h->m_nNextFileHeadOffset),
+                                      Val(h->m_nBlockMapStartOffset),
+                                      ((LPBASEFILEBLOCKMAPHEAD_CACHE)(v.data() + 16384))->m_nDataFlag}));
 
     std::vector<BYTE> w(65536, 0x5A), before = w;
     EXPECT_FALSE(CacheBuildHeadArea(Def(FILETYPE_INDEX, 678), w.data(), 32768, nullptr));

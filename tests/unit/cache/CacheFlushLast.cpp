@@ -43,6 +43,7 @@ TEST_F(FlushLast, AFailedWriteStillClearsTheMarksAndTheOthersGoOn)
     // Every try of the first block's write fails: no later chance comes.
     m_io.FailCall(talvortest::FileOp::PWrite, m_io.Calls(talvortest::FileOp::PWrite) + 1, EIO, FILESTORE_IO_TRIES);
     memcpy(m_vLogical.data() + 30LL * FS_PART, m_vDisk.data() + 30LL * FS_PART, FS_PART);
+    m_lpHead->m_bSaveFlag = 1;  // cleared with its write, before the copy is taken
     EXPECT_EQ(0, m_pCache->FlushFileBlock(nullptr));
     EXPECT_EQ(0, Val(pFirst->m_bSaveFlag));
     EXPECT_EQ(0, Val(pSecond->m_bSaveFlag));

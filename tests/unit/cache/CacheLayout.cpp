@@ -4,48 +4,40 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+#include <vector>
 
-struct Expected {
-    int nMB, nLRU;
-    long long llFIFOSize, llFIFOOffset, llFlashBackOffset;
-    UINT nBlockBufNum;
-    int nMapBlocks;
-    UINT nFirstFreeNo;
-    int nLoadSlots;
-    long long llLoadEnd;
-};
+namespace {
 
 // By hand (64 MiB in the new segment's test): FIFO = (100 - 80) x MB / 100
 // whole MiB; FIFO offset = size - FIFO - 393216; N = FIFO offset / 16384 -
-// 1; map blocks = 1 + N / 4096; first free = 2 + map blocks.
-const Expected kSizes[] = {
+// 1; map blocks = 1 + N / 4096; first free = 2 + map blocks. Per size: FIFO
+// size and offset, flashback offset, N, map blocks, first free, load slots
+// and their end.
+const struct {
+    int nMB, nLRU;
+    std::vector<long long> vWant;
+} kSizes[] = {
     // 1 GiB: FIFO 204 MiB (204.8 cut); 859439104 / 16384 = 52456; 52455 /
     // 4096 = 12. Links 0 to 14 serve no chain, so all 475 slots stay.
-    {1024, 80, 213909504, 859439104, 1073348608, 52455, 13, 15, 475, 32808},
+    {1024, 80, {213909504, 859439104, 1073348608, 52455, 13, 15, 475, 32808}},
     // LRU 0 is taken as 2: FIFO 98 MiB; 1703936 / 16384 = 104.
-    {100, 0, 102760448, 1703936, 104464384, 103, 1, 3, 473, 32744},
+    {100, 0, {102760448, 1703936, 104464384, 103, 1, 3, 473, 32744}},
     // LRU 150 is taken as 98: FIFO 2 MiB; 102367232 / 16384 = 6248.
-    {100, 150, 2097152, 102367232, 104464384, 6247, 2, 4, 473, 32744},
+    {100, 150, {2097152, 102367232, 104464384, 6247, 2, 4, 473, 32744}},
 };
 
 } // namespace
 
 TEST(CacheLayout, HandWorkedOffsetsAndTheLruPercentClampedTo2And98)
 {
-    for (const Expected& e : kSizes) {
+    for (const auto& e : kSizes) {
         SCOPED_TRACE(testing::Message() << e.nMB << " MiB, LRU " << e.nLRU);
         CACHELAYOUT l;
         ASSERT_TRUE(CacheComputeLayoutMB(e.nMB, e.nLRU, l));
         EXPECT_EQ((long long)e.nMB * 1048576, l.m_llTotalSize);
-        EXPECT_EQ(e.llFIFOSize, l.m_llFIFOSize);
-        EXPECT_EQ(e.llFIFOOffset, l.m_llFIFOOffset);
-        EXPECT_EQ(e.llFlashBackOffset, l.m_llFlashBackOffset);
-        EXPECT_EQ(e.nBlockBufNum, l.m_nBlockBufNum);
-        EXPECT_EQ(e.nMapBlocks, l.m_nMapBlocks);
-        EXPECT_EQ(e.nFirstFreeNo, l.m_nFirstFreeNo);
-        EXPECT_EQ(e.nLoadSlots, l.m_nLoadSlotNum);
-        EXPECT_EQ(e.llLoadEnd, l.m_llLoadEnd);
+        EXPECT_EQ(e.vWant, (std::vector<long long>{l.m_llFIFOSize, l.m_llFIFOOffset, l.m_llFlashBackOffset,
+                                                   l.m_nBlockBufNum, l.m_nMapBlocks, l.m_nFirstFreeNo,
+                                                   l.m_nLoadSlotNum, l.m_llLoadEnd}));
     }
 }
 

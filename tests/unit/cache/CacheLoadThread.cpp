@@ -12,8 +12,6 @@ using talvortest::FileOp;
 
 namespace {
 
-
-
 const UINT BLOCK_NO = 42;
 const long long BLOCK_AT = 10LL * CACHE_BLOCK_SIZE;
 const BYTE OTHER_FILE = 8;
@@ -207,28 +205,9 @@ TEST_F(CacheLoadThread, ZerosEndingABlockLoadButAFileCutInsideItGivesNoBlock)
     }
 }
 
-TEST_F(CacheLoadThread, PausedFileWaitsAndStopEndsTheThreadPromptly)
+TEST_F(CacheLoadThread, APauseWaitsForTheServedSlotHoldsTheNextAndAStopEndsThePausedThread)
 {
     EXPECT_EQ(1, m_pCache->InitFileLoadThreadAndEvent(FS_FILE_NO)) << "a second thread for the file";
-    TalvorStoreShared(&m_pCache->m_bPauseFileNo, FS_FILE_NO);
-    LPCacheBufferBlockOperate p = PostGood();
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    EXPECT_EQ(CACHELOAD_POSTED, TalvorLoadShared(&p->m_bStatus)) << "a paused file was served";
-    EXPECT_TRUE(TargetUntouched());
-    // Stop while it waits on the pause: it must end well within the join
-    // time, with no latch taken and the request left unanswered.
-    auto t0 = std::chrono::steady_clock::now();
-    m_pCache->Free();
-    auto nMs = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
-    EXPECT_LT(nMs, 2000);
-    EXPECT_EQ(CACHELOAD_POSTED, TalvorLoadShared(&p->m_bStatus));
-    EXPECT_TRUE(TargetUntouched());
-    EXPECT_TRUE(LatchFree());
-    EXPECT_EQ(0, m_pCache->m_csCache.m_nLockFlag);
-}
-
-TEST_F(CacheLoadThread, APauseWaitsForTheSlotBeingServedAndIsRefusedWhenItHangs)
-{
     // The load is inside its read of the file when the pause comes.
     m_io.Hold(FileOp::PRead);
     LPCacheBufferBlockOperate p = PostGood();
@@ -243,6 +222,20 @@ TEST_F(CacheLoadThread, APauseWaitsForTheSlotBeingServedAndIsRefusedWhenItHangs)
     EXPECT_EQ(CACHELOAD_POSTED, TalvorLoadShared(&pNext->m_bStatus)) << "a paused file was served";
     m_pCache->ResumeFile();
     EXPECT_EQ(CACHELOAD_OK, Answer(pNext));
+    // Stop while the thread waits on a pause: it must end well within the
+    // join time, with no latch taken and the request left unanswered.
+    memset(Target(), FILLER, CACHE_BLOCK_SIZE);
+    ASSERT_TRUE(m_pCache->PauseFile(FS_FILE_NO));
+    LPCacheBufferBlockOperate pLast = PostGood();
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    auto t0 = std::chrono::steady_clock::now();
+    m_pCache->Free();
+    auto nMs = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
+    EXPECT_LT(nMs, 2000);
+    EXPECT_EQ(CACHELOAD_POSTED, TalvorLoadShared(&pLast->m_bStatus));
+    EXPECT_TRUE(TargetUntouched());
+    EXPECT_TRUE(LatchFree());
+    EXPECT_EQ(0, m_pCache->m_csCache.m_nLockFlag);
 }
 
 } // namespace

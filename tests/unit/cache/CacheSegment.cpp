@@ -66,17 +66,12 @@ TEST_F(CacheSegment, NoSegmentBelow32MiBAndANewOneHasTheComputedHeadAndEveryBloc
     EXPECT_FALSE(m_pCache->m_bExists);
     EXPECT_EQ(64LL * 1048576, SegmentSize());
     LPCacheBufferHead h = Head();
-    EXPECT_EQ(CACHEBUFFER_DATAFLAG, Val(h->m_nDataFlag));
-    EXPECT_EQ(CACHESTATUS_BUILDING, Val(h->m_bStatus));
-    EXPECT_EQ(64LL * 1048576, Val(h->m_llCacheTotalSize));
-    EXPECT_EQ(12LL * 1048576, Val(h->m_nFIFOSize));
-    EXPECT_EQ(54132736, Val(h->m_llCacheFIFOOffset));
-    EXPECT_EQ(66715648, Val(h->m_llCacheFlashBackOffset));
-    EXPECT_EQ(3303u, Val(h->m_nBlockBufNum));
-    EXPECT_EQ(4096, Val(h->m_nMapBlockNum));
-    EXPECT_EQ(473, Val(h->m_nLoadSlotNum));
-    EXPECT_EQ(473, Val(h->m_nValidLoadSlotNum));
-    EXPECT_EQ(3, Val(h->m_nFreeNo));
+    EXPECT_EQ((std::vector<long long>{CACHEBUFFER_DATAFLAG, CACHESTATUS_BUILDING, 64LL * 1048576, 12LL * 1048576,
+                                      54132736, 66715648, 3303, 4096, 473, 473, 3}),
+              (std::vector<long long>{Val(h->m_nDataFlag), Val(h->m_bStatus), Val(h->m_llCacheTotalSize),
+                                      Val(h->m_nFIFOSize), Val(h->m_llCacheFIFOOffset), Val(h->m_llCacheFlashBackOffset),
+                                      Val(h->m_nBlockBufNum), Val(h->m_nMapBlockNum), Val(h->m_nLoadSlotNum),
+                                      Val(h->m_nValidLoadSlotNum), Val(h->m_nFreeNo)}));
     for (int i = 0; i < 16; i++) EXPECT_EQ(i, Val(m_pCache->m_pFlushFile[i].m_bCacheBlockNo));
     for (int i = 0; i < 32; i++) EXPECT_EQ(i, Val(m_pCache->m_pFlushTimestampFile[i].m_bCacheBlockNo));
     // Blocks 3 to 3303 in order, and the links of head and map blocks unused.

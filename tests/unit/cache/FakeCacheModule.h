@@ -5,6 +5,7 @@
 #include "TalvorCacheFlush.h"
 
 #include <functional>
+#include <tuple>
 #include <vector>
 
 namespace cachetest {
@@ -20,11 +21,8 @@ public:
         bool bArray;
         std::vector<BYTE> vArray;
         int nNum;
-        bool operator==(const Commit& o) const
-        {
-            return bIndex == o.bIndex && llTimestamp == o.llTimestamp && bArray == o.bArray && vArray == o.vArray &&
-                   nNum == o.nNum;
-        }
+        auto Key() const { return std::tie(bIndex, llTimestamp, bArray, vArray, nNum); }
+        bool operator==(const Commit& o) const { return Key() == o.Key(); }
     };
     LPFILEINFO FileOf(BYTE bFileNo) override { return m_arFiles[bFileNo]; }
     BYTE OpenFileUseBuffer() override { return m_bOpenMode; }

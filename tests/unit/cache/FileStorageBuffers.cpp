@@ -42,7 +42,6 @@ protected:
     }
 };
 
-
 TEST_F(FileBuffers, RandomBlocksComeBackAndReachTheDiskWithAndWithoutBuffers)
 {
     for (BOOL bFileCache : {TRUE, FALSE}) {
@@ -88,23 +87,6 @@ TEST_F(FileBuffers, DirectAndSynchronousOpenTakesEveryTransfer)
     }
 }
 
-TEST_F(FileBuffers, ReadAcrossChangedAndUnreadPartWritesTheChangeFirst)
-{
-    ASSERT_EQ(0, Write(5 * FS_PART, FS_PART));
-    ClearCalls();
-    std::vector<std::string> order;
-    m_io.OnCall(FileOp::PWrite, [&order](const talvortest::FileCall&) { order.push_back("w"); });
-    m_io.OnCall(FileOp::PRead, [&order](const talvortest::FileCall&) { order.push_back("r"); });
-    ASSERT_TRUE(ReadsBack(4 * FS_PART, 2 * FS_PART));
-    m_io.OnCall(FileOp::PWrite, nullptr);
-    m_io.OnCall(FileOp::PRead, nullptr);
-    EXPECT_EQ((std::vector<std::string>{"w", "r"}), order);
-    // The changed part is on disk now, exactly there, and nothing is left to write.
-    std::vector<BYTE> file = FileBytes();
-    EXPECT_EQ(0, memcmp(file.data() + 5 * FS_PART, m_vLogical.data() + 5 * FS_PART, FS_PART));
-    EXPECT_FALSE(m_pStorage->CheckFlush());
-}
-
 // The release drains the buffers; on a disk that fails every write it
 // still ends.
 TEST_F(FileBuffers, ReleaseDrainsTheBuffersAndEndsWhenTheDiskKeepsFailing)
@@ -122,7 +104,6 @@ TEST_F(FileBuffers, ReleaseDrainsTheBuffersAndEndsWhenTheDiskKeepsFailing)
         }
     }
 }
-
 
 TEST_F(FileBuffers, DirectWriteRetriesFailedAndShortTransfersThenReports)
 {
@@ -189,7 +170,6 @@ TEST_F(FileBuffers, EvictionWritesTheLeastRecentTailAndAFailedOneWritesStraight)
     EXPECT_EQ((Calls{{FS_PART, FS_PART}}), Writes());
 }
 
-
 TEST_F(FileBuffers, ThreadsOnTheirOwnBlocksAndAFlusherLoseNothing)
 {
     const int nThreads = 4;
@@ -241,7 +221,6 @@ TEST_F(FileBuffers, ThreadsOnTheirOwnBlocksAndAFlusherLoseNothing)
             memcpy(m_vLogical.data() + vPos[t][r], vData[t].data() + (size_t)r * FS_PART, FS_PART);
 }
 
-
 TEST_F(FileBuffers, AMoveIsRefusedOverAFileStopsAtAFailedCopyOrTakesTheChangesAlong)
 {
     ASSERT_EQ(0, Write(FS_PART, FS_PART));
@@ -272,6 +251,5 @@ TEST_F(FileBuffers, AMoveIsRefusedOverAFileStopsAtAFailedCopyOrTakesTheChangesAl
     ASSERT_EQ(0, Write(9 * FS_PART, FS_PART));
     EXPECT_TRUE(ReadsBack(0, 2 * FS_SPAN));
 }
-
 
 }  // namespace

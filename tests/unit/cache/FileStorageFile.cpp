@@ -108,10 +108,9 @@ TEST_F(FileInit, PagesHangInFileOrderAndLinkEachOther)
     }
     LPBASEFILEBLOCKMAPHEAD_CACHE lpMap1 = (LPBASEFILEBLOCKMAPHEAD_CACHE)(Base() + At(v[3]));
     LPBASEFILEBLOCKMAPHEAD_CACHE lpMap2 = (LPBASEFILEBLOCKMAPHEAD_CACHE)(Base() + At(v[4]));
-    EXPECT_EQ(1, Val(lpMap1->m_nMapNo));
-    EXPECT_EQ(2, Val(lpMap2->m_nMapNo));
-    EXPECT_EQ(At(v[4]), Val(lpMap1->m_nNextBlockMapOffset_Cache));
-    EXPECT_EQ(0, Val(lpMap2->m_nNextBlockMapOffset_Cache));
+    EXPECT_EQ((std::vector<long long>{1, 2, At(v[4]), 0}),
+              (std::vector<long long>{Val(lpMap1->m_nMapNo), Val(lpMap2->m_nMapNo),
+                                      Val(lpMap1->m_nNextBlockMapOffset_Cache), Val(lpMap2->m_nNextBlockMapOffset_Cache)}));
     long long llMap = 0;
     ASSERT_EQ(0, m_pCache->GetFirstTableMapCacheAddr(lpHead, Base(), llMap));
     EXPECT_EQ(At(v[3]), llMap);
@@ -183,17 +182,11 @@ protected:
         m_info.m_pSaveFlag = &m_bRowSave;
         ASSERT_EQ(0, Init());
         m_lpHead = (LPTABLEFILEHEAD)(Base() + At(Head()->m_nFileInfoNo[FILE_NO]));
-        m_lpBuf = (LPBYTE)get_aligned_buffer(8 * 1048576);
-    }
-    void TearDown() override
-    {
-        free(m_lpBuf);
-        FileInit::TearDown();
     }
     long long DiskSize() const { return talvortest::FileSizeOf(m_strPath); }
     int Grow(long long nSize, int nBuf)
     {
-        return m_pStorage->ChangeFileSize(nullptr, &m_info, 0, 0, m_lpBuf, nullptr, nSize, nBuf, nullptr);
+        return m_pStorage->ChangeFileSize(nullptr, &m_info, 0, 0, m_buf.m_p, nullptr, nSize, nBuf, nullptr);
     }
     // Size everywhere it is recorded (the row and its save marks by the
     // module, given the size), and the disk head as the cached one.
@@ -210,7 +203,7 @@ protected:
     FILE_MEMDBFILEINFO m_row;
     volatile BYTE m_bRowSave = 0;
     LPTABLEFILEHEAD m_lpHead = nullptr;
-    LPBYTE m_lpBuf = nullptr;
+    AlignedBytes m_buf{8 * 1048576};
 };
 
 TEST_F(FileGrow, GrowsByWholePiecesAndRecordsTheSizeReached)
@@ -266,14 +259,7 @@ protected:
         Describe("sub/dir/Table44.dbf", FILETYPE_TABLE);
         m_info.m_nMaxObjectNum = 1018;
         m_info.m_nTimestamp = 31337;
-        m_nBufSize = 1048576;
-        m_lpBuffer = (LPBYTE)get_aligned_buffer((size_t)m_nBufSize);
         memset(&m_progress, 0, sizeof(m_progress));
-    }
-    void TearDown() override
-    {
-        free(m_lpBuffer);
-        CacheFile::TearDown();
     }
     // The blocks the file's pages go to, taken as the engine takes them.
     std::vector<long long> TakeBlocks(int nCount)
@@ -286,10 +272,10 @@ protected:
         }
         return v;
     }
-    int New() { return Backend()->NewFile(nullptr, &m_info, m_lpBuffer, m_nBufSize, 0xCAFE, nullptr, &m_progress, 1); }
+    int New() { return Backend()->NewFile(nullptr, &m_info, m_pBuf->m_p, m_nBufSize, 0xCAFE, nullptr, &m_progress, 1); }
 
-    LPBYTE m_lpBuffer = nullptr;
-    int m_nBufSize = 0;
+    int m_nBufSize = 1048576;
+    std::unique_ptr<AlignedBytes> m_pBuf{new AlignedBytes(1048576)};
     TALVORPROGRESS m_progress;
 };
 
@@ -297,9 +283,8 @@ protected:
 TEST_F(FileNew, SmallestFileIsMadeWithItsHeadAreaAndReachesTheCache)
 {
     std::vector<long long> vBlocks = TakeBlocks(4);
-    free(m_lpBuffer);
     m_nBufSize = 16384;
-    m_lpBuffer = (LPBYTE)get_aligned_buffer((size_t)m_nBufSize);
+    m_pBuf.reset(new AlignedBytes(16384));
     ASSERT_EQ(0, New());
     EXPECT_GE(m_nBufSize, 65536);
     // The disk: the head area as its builder makes it, then zeros.

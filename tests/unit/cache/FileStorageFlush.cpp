@@ -38,10 +38,13 @@ TEST_F(FileFlush, TheLiveBlockDecidesTheWriteAndItsMarks)
         m_pReq->m_llTransTimestamp = FR_BLOCK_TS + 1;
         Live()->m_nTimestamp = FR_BLOCK_TS + 1;
     };
-    auto fnGiveAway = [this] {
-        Live()->m_nBlockNo = BLOCK_NO + 9;
+    auto fnClear = [this] {
         Live()->m_bSaveFlag = 0;
         Live()->m_bFlushFlag = 0;
+    };
+    auto fnGiveAway = [this, fnClear] {
+        Live()->m_nBlockNo = BLOCK_NO + 9;
+        fnClear();
     };
     // fnBefore acts on the posted block and request, fnDuring at each try of
     // the write; nSave and nFlush are the live block's marks afterwards.
@@ -57,12 +60,7 @@ TEST_F(FileFlush, TheLiveBlockDecidesTheWriteAndItsMarks)
         {"cache block reused", [this] { Live()->m_nBlockNo = BLOCK_NO + 1; }, nullptr, 0, 0, 1, 1},
         {"other file", [this] { Live()->m_bFileNo = FS_FILE_NO + 1; }, nullptr, 0, 0, 1, 1},
         {"mark gone", [this] { Live()->m_nDataFlag = 0; }, nullptr, 0, 0, 1, 1},
-        {"flags clear",
-         [this] {
-             Live()->m_bSaveFlag = 0;
-             Live()->m_bFlushFlag = 0;
-         },
-         nullptr, 0, 0, 0, 0},
+        {"flags clear", fnClear, nullptr, 0, 0, 0, 0},
         {"changed since", [this] { Live()->m_nTimestamp = FR_BLOCK_TS + 1; }, nullptr, 0, 1, 1, 1},
         {"changed as its transaction tells", fnTrans, nullptr, 0, 1, 1, 1},
         // An index block is never held newer.

@@ -27,7 +27,7 @@ protected:
         m_nPos = Head()->m_bStorageFlushPos;
         ClearCalls();
     }
-    // The next free entry at the engine's position, zeroed; posted by Post.
+    // The next free entry at the engine's position, zeroed; posted by its status.
     stu_CacheFlush* Next()
     {
         stu_CacheFlush* p = &m_pCache->m_pCacheFlush[m_nPos];
@@ -38,10 +38,6 @@ protected:
         m_vPosted.push_back(m_nPos);
         m_nPos = (m_nPos + 1) % CACHE_FLUSH_RING_SIZE;
         return p;
-    }
-    static void Post(stu_CacheFlush* p)
-    {
-        TalvorStoreShared(&p->m_bStatus, 1);
     }
     // A dirty data block in a cache block of the file's chain (a new one, or
     // lpLive posted again); its entry. The model learns the bytes the disk
@@ -66,7 +62,7 @@ protected:
         p->m_llCacheBlockOffset = lpLive - Base();
         p->m_llFileBlockOffset = llFileOffset;
         m_vLive.push_back(lpLive);
-        Post(p);
+        TalvorStoreShared(&p->m_bStatus, 1);
         return p;
     }
     // A head, extended head or map image in pool image bIndex, with its type's
@@ -98,18 +94,20 @@ protected:
         p->m_nBlockSize = CACHE_PAGE_SIZE;
         p->m_llCacheBlockOffset = m_llImages + (long long)bIndex * CACHE_PAGE_SIZE;
         p->m_llFileBlockOffset = llFileOffset;
-        Post(p);
+        TalvorStoreShared(&p->m_bStatus, 1);
         return p;
     }
-    // An entry of a type the pipeline does not know; it is passed over.
+    // An entry of a type the pipeline does not know, of a size no buffer
+    // should be made for; it is passed over.
     void PostUnknown()
     {
         stu_CacheFlush* p = Next();
         p->m_bBlockType = 9;
+        p->m_nBlockSize = 0x7FFFFE00;
         p->m_bFileNo = FS_FILE_NO;
         p->m_llCacheBlockOffset = m_llImages;
         p->m_llFileBlockOffset = FS_PART;
-        Post(p);
+        TalvorStoreShared(&p->m_bStatus, 1);
     }
     // A timestamp entry, with an array in timestamp image bIndex or none.
     stu_CacheFlush* PostTimestamp(long long llTs, int bIndex, int nNum)
@@ -125,7 +123,7 @@ protected:
             p->m_bReserved = (BYTE)bIndex;
             p->m_llCacheBlockOffset = m_llTsImages + (long long)bIndex * CACHEFLUSH_TSIMAGE_SIZE;
         }
-        Post(p);
+        TalvorStoreShared(&p->m_bStatus, 1);
         return p;
     }
     // The pipeline told to stop: it serves what is posted and returns.
