@@ -13,14 +13,13 @@ namespace {
 class CacheTimestamps : public ::testing::Test {
 protected:
     void SetUp() override { m_db.MakeStartAndSave(); }
+    std::string DiskBytes(int nOffset, int nSize) { return ReadWholeFile(m_db.SystemPath()).substr(nOffset, nSize); }
     long long DiskStamp(int nOffset)
     {
-        std::string s = ReadWholeFile(m_db.SystemPath());
         long long n = 0;
-        memcpy(&n, s.data() + nOffset, sizeof(n));
+        memcpy(&n, DiskBytes(nOffset, sizeof(n)).data(), sizeof(n));
         return n;
     }
-    std::string DiskBytes(int nOffset, int nSize) { return ReadWholeFile(m_db.SystemPath()).substr(nOffset, nSize); }
     std::string HeadBytes(int nOffset, int nSize) { return std::string((const char*)m_db.Head() + nOffset, nSize); }
     PersistenceDb m_db;
 };

@@ -67,38 +67,71 @@ public:
         lpRow->m_bFileCMD = 0;
         MarkListChanged();
     }
+    HRESULT Walk() { return m_db.Module().FileCMD(&m_db.m_stCrit); }
+    HRESULT WalkUnder(FaultFileIO& io)
+    {
+        ScopedFileIO scope(&io);
+        return Walk();
+    }
+    // The engine drops a row (a refused add).
+    void Drop(LPFILE_MEMDBFILEINFO lpRow)
+    {
+        lpRow->m_bDropFlag = 1;
+        lpRow->m_bFileCMD = FILECMD_NONE;
+        MarkListChanged();
+    }
+    void Rename(BYTE bFileNo, const std::string& strName)
+    {
+        snprintf(Row(bFileNo)->m_lpszTablespaceName, sizeof(Row(bFileNo)->m_lpszTablespaceName), "%s", strName.c_str());
+        MarkListChanged();
+    }
     // The storage thread's turn: the walk, then the pass.
     void Serve()
     {
         EXPECT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
         m_db.Pass();
     }
-    // The live row of bFileNo in the list on disk, or an empty row.
-    FILE_MEMDBFILEINFO DiskRow(BYTE bFileNo)
+    // Each live row of the list on disk through fn; false when the list
+    // does not read whole.
+    bool ForDiskRows(const std::function<void(const FILE_MEMDBFILEINFO&)>& fn)
     {
         std::string s = ReadWholeFile(m_db.SystemPath());
+        return !s.empty() && DBCHAIN_OK == DbForEachFileListRow((LPBYTE)&s[0], (long long)s.size(),
+                                                               [&](LPSYSTEMBLOCKHEAD, LPFILE_MEMDBFILEINFO lpRow) {
+                                                                   if (lpRow->m_bDropFlag != 1) fn(*lpRow);
+                                                                   return true;
+                                                               });
+    }
+    // The first live row of bFileNo on disk (an empty row if none); their count.
+    FILE_MEMDBFILEINFO DiskRow(BYTE bFileNo, int* pnRows = nullptr)
+    {
         FILE_MEMDBFILEINFO st;
         memset(&st, 0, sizeof(st));
-        LPFILE_MEMDBFILEINFO lpRow = s.empty() ? nullptr : DbFindFileListRow((LPBYTE)&s[0], (long long)s.size(), bFileNo);
-        if (lpRow != nullptr) memcpy(&st, lpRow, sizeof(st));
+        int nRows = 0;
+        ForDiskRows([&](const FILE_MEMDBFILEINFO& r) {
+            if (r.m_bFileNo == bFileNo && nRows++ == 0) memcpy(&st, &r, sizeof(st));
+        });
+        if (pnRows != nullptr) *pnRows = nRows;
         return st;
+    }
+    int LiveRowsOnDisk(BYTE bFileNo)
+    {
+        int nRows = 0;
+        DiskRow(bFileNo, &nRows);
+        return nRows;
     }
     // Empty when every live row of the list on disk names a file that is
     // there, of at least the row's size (the system file's row aside).
     std::string ListAgreesWithFiles()
     {
-        std::string s = ReadWholeFile(m_db.SystemPath());
         std::string strWhy;
-        int nResult = DbForEachFileListRow((LPBYTE)&s[0], (long long)s.size(), [&](LPSYSTEMBLOCKHEAD, LPFILE_MEMDBFILEINFO lpRow) {
-            if (lpRow->m_bDropFlag == 1 || lpRow->m_bFileNo == 1) return true;
-            std::string strPath(lpRow->m_lpszFilePath, strnlen(lpRow->m_lpszFilePath, sizeof(lpRow->m_lpszFilePath)));
-            if (lpRow->m_bFileCMD != 0) strWhy += "row " + std::to_string(lpRow->m_bFileNo) + " carries a command; ";
-            if (FileSizeOf(strPath) < Val(lpRow->m_nFileSize))
-                strWhy += "row " + std::to_string(lpRow->m_bFileNo) + " names " + strPath + " of size " +
-                          std::to_string(FileSizeOf(strPath)) + "; ";
-            return true;
-        });
-        if (nResult != DBCHAIN_OK) strWhy += "list damaged";
+        if (!ForDiskRows([&](const FILE_MEMDBFILEINFO& r) {
+                std::string strPath(r.m_lpszFilePath, strnlen(r.m_lpszFilePath, sizeof(r.m_lpszFilePath)));
+                if (r.m_bFileNo != 1 && (r.m_bFileCMD != 0 || FileSizeOf(strPath) < Val(r.m_nFileSize)))
+                    strWhy += "row " + std::to_string(r.m_bFileNo) + ": " + strPath + " command " +
+                              std::to_string(r.m_bFileCMD) + " size " + std::to_string(FileSizeOf(strPath)) + "; ";
+            }))
+            strWhy += "list damaged";
         return strWhy;
     }
     // A stop as a kill leaves it: the images stay for the next start.
@@ -139,33 +172,36 @@ TEST_F(FileCommands, AnAddOfEachMemoryTypeIsLoadedByTheNextStart)
     for (BYTE bNo = 6; bNo <= 8; bNo++) EXPECT_NE(nullptr, m_db.File(bNo)) << (int)bNo;
 }
 
-// A second system file stops the block's walk: the add behind it waits.
+// Paths and names compare without regard to case; with "buffercachesize" = 0
+// there is no cache-mode file. A second system file stops the block's walk:
+// the add behind it waits, and the unsettled block stays off the disk.
 TEST_F(FileCommands, RefusedAddsAnswerTheirCodesAndMakeNothing)
 {
-    LPFILE_MEMDBFILEINFO lpNumber = Ask({FILECMD_ADD, 2, FILETYPE_DATA, NewPath("N.dbf"), "N", 4 * DB_MIB});
-    // Paths and names compare without regard to case.
-    LPFILE_MEMDBFILEINFO lpPath = Ask({FILECMD_ADD, 9, FILETYPE_DATA, m_db.m_tree.Dir() + "f3.DBF", "P", 4 * DB_MIB});
-    LPFILE_MEMDBFILEINFO lpName = Ask({FILECMD_ADD, 10, FILETYPE_DATA, NewPath("Name.dbf"), "f4", 4 * DB_MIB});
-    LPFILE_MEMDBFILEINFO lpCache = Ask({FILECMD_ADD, 11, FILETYPE_TABLE, NewPath("T.dbf"), "T", 4 * DB_MIB});
-    LPFILE_MEMDBFILEINFO lpSysPath = Ask({FILECMD_ADD, 14, FILETYPE_DATA, m_db.SystemPath(), "SP", 4 * DB_MIB});
-    LPFILE_MEMDBFILEINFO lpNoName = Ask({FILECMD_ADD, 15, FILETYPE_DATA, NewPath("NoName.dbf"), "", 4 * DB_MIB});
-    LPFILE_MEMDBFILEINFO lpSystem = Ask({FILECMD_ADD, 12, FILETYPE_SYSTEM, NewPath("S.dbf"), "S", 4 * DB_MIB});
-    LPFILE_MEMDBFILEINFO lpAfter = Ask({FILECMD_ADD, 13, FILETYPE_DATA, NewPath("After.dbf"), "After", 4 * DB_MIB});
+    const struct {
+        BYTE m_bNo, m_bType;
+        std::string m_strPath;
+        const char* m_lpName;
+        BYTE m_bAnswer;
+    } arCases[] = {
+        {2, FILETYPE_DATA, NewPath("N.dbf"), "N", FILECMD_ADD_NUMBERTAKEN},
+        {9, FILETYPE_DATA, NewPath("f3.DBF"), "P", FILECMD_PATHTAKEN},
+        {10, FILETYPE_DATA, NewPath("Name.dbf"), "f4", FILECMD_ADD_NAMETAKEN},
+        {11, FILETYPE_TABLE, NewPath("T.dbf"), "T", FILECMD_ADD_FAILED},
+        {14, FILETYPE_DATA, m_db.SystemPath(), "SP", FILECMD_PATHTAKEN},
+        {15, FILETYPE_DATA, NewPath("NoName.dbf"), "", FILECMD_ADD_FAILED},
+        {12, FILETYPE_SYSTEM, NewPath("S.dbf"), "S", FILECMD_ADD_SYSTEMFILE},
+        {13, FILETYPE_DATA, NewPath("After.dbf"), "After", FILECMD_ADD},
+    };
+    std::vector<LPFILE_MEMDBFILEINFO> vRows;
+    for (const auto& c : arCases) vRows.push_back(Ask({FILECMD_ADD, c.m_bNo, c.m_bType, c.m_strPath, c.m_lpName, 4 * DB_MIB}));
     Serve();
-    EXPECT_EQ(FILECMD_ADD_NUMBERTAKEN, Val(lpNumber->m_bFileCMD));
-    EXPECT_EQ(FILECMD_PATHTAKEN, Val(lpPath->m_bFileCMD));
-    EXPECT_EQ(FILECMD_ADD_NAMETAKEN, Val(lpName->m_bFileCMD));
-    // "buffercachesize" = 0: no cache, so no cache-mode file.
-    EXPECT_EQ(FILECMD_ADD_FAILED, Val(lpCache->m_bFileCMD));
-    EXPECT_EQ(FILECMD_PATHTAKEN, Val(lpSysPath->m_bFileCMD));
-    EXPECT_EQ(FILECMD_ADD_FAILED, Val(lpNoName->m_bFileCMD));
-    EXPECT_EQ(FILECMD_ADD_SYSTEMFILE, Val(lpSystem->m_bFileCMD));
-    EXPECT_EQ(FILECMD_ADD, Val(lpAfter->m_bFileCMD));
-    for (BYTE bNo : {9, 10, 11, 12, 13, 14, 15}) EXPECT_EQ(nullptr, m_db.File(bNo)) << (int)bNo;
-    for (const char* lpName : {"N.dbf", "Name.dbf", "T.dbf", "S.dbf", "After.dbf", "NoName.dbf"})
-        EXPECT_FALSE(PathExists(NewPath(lpName))) << lpName;
-    // The unsettled block stays off the disk; the next start reads the list
-    // it had.
+    for (size_t i = 0; i < vRows.size(); i++) {
+        SCOPED_TRACE(arCases[i].m_strPath);
+        EXPECT_EQ(arCases[i].m_bAnswer, Val(vRows[i]->m_bFileCMD));
+        if (i == 0) continue;
+        EXPECT_EQ(nullptr, m_db.File(arCases[i].m_bNo));
+        EXPECT_EQ(i == 4, PathExists(arCases[i].m_strPath));
+    }
     EXPECT_EQ("", ListAgreesWithFiles());
     ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
     EXPECT_EQ(nullptr, m_db.File(13));
@@ -175,33 +211,27 @@ TEST_F(FileCommands, HostilePathsAreRefused)
 {
     std::string strOutside = m_db.m_tree.Root() + "-outside";
     mkdir(strOutside.c_str(), 0777);
+    // The last fills its field with no terminator: refused, not cut.
     const std::string arPaths[] = {m_db.m_tree.Dir() + "../escape.dbf", strOutside + "/evil.dbf", "relative.dbf",
-                                   m_db.m_tree.Dir() + "./dot.dbf", "/etc/talvor-evil.dbf"};
+                                   m_db.m_tree.Dir() + "./dot.dbf",     "/etc/talvor-evil.dbf",
+                                   m_db.m_tree.Dir() + std::string(300, 'x')};
     BYTE bNo = 20;
     for (const std::string& strPath : arPaths) {
-        LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_ADD, bNo, FILETYPE_DATA, strPath, "E" + std::to_string(bNo), 4 * DB_MIB});
-        ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+        LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_ADD, bNo, FILETYPE_DATA, "", "E" + std::to_string(bNo), 4 * DB_MIB});
+        memcpy(lpRow->m_lpszFilePath, strPath.c_str(), std::min(strPath.size() + 1, sizeof(lpRow->m_lpszFilePath)));
+        ASSERT_EQ(S_OK, Walk());
         EXPECT_EQ(FILECMD_ADD_FAILED, Val(lpRow->m_bFileCMD)) << strPath;
-        EXPECT_EQ(nullptr, m_db.File(bNo)) << strPath;
-        lpRow->m_bDropFlag = 1;
-        lpRow->m_bFileCMD = 0;
-        bNo++;
+        EXPECT_EQ(nullptr, m_db.File(bNo++)) << strPath;
+        Drop(lpRow);
     }
     // A link inside the database that leads out is no way out either.
     ASSERT_EQ(0, symlink(strOutside.c_str(), (m_db.m_tree.Dir() + "link").c_str()));
     LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_MOVE, 3, 0, m_db.m_tree.Dir() + "link/moved.dbf", "", 0});
-    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    ASSERT_EQ(S_OK, Walk());
     EXPECT_EQ(FILECMD_MOVE_FAILED, Val(lpRow->m_bFileCMD));
-    EXPECT_FALSE(PathExists(strOutside + "/evil.dbf"));
-    EXPECT_FALSE(PathExists(strOutside + "/moved.dbf"));
+    for (const char* lpName : {"/evil.dbf", "/moved.dbf"}) EXPECT_FALSE(PathExists(strOutside + lpName));
     EXPECT_FALSE(PathExists(m_db.m_tree.Root() + "/escape.dbf"));
     EXPECT_TRUE(PathExists(m_db.PathOf(3)));
-    // A path that fills its field with no terminator is refused, not cut.
-    LPFILE_MEMDBFILEINFO lpLong = Ask({FILECMD_ADD, 30, FILETYPE_DATA, "", "Long", 4 * DB_MIB});
-    std::string strLong = m_db.m_tree.Dir() + std::string(300, 'x');
-    memcpy(lpLong->m_lpszFilePath, strLong.data(), sizeof(lpLong->m_lpszFilePath));
-    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
-    EXPECT_EQ(FILECMD_ADD_FAILED, Val(lpLong->m_bFileCMD));
     rmdir(strOutside.c_str());
 }
 
@@ -218,25 +248,19 @@ TEST_F(FileCommands, AFailedAddLeavesNothingBehind)
     };
     BYTE bNo = 40;
     for (const Fault& fault : arFaults) {
+        SCOPED_TRACE(fault.m_lpWhat);
         size_t nFds = OpenDescriptors();
         std::string strPath = NewPath("Failed" + std::to_string(bNo) + ".dbf");
         LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_ADD, bNo, FILETYPE_DATA, strPath, "Failed" + std::to_string(bNo), 4 * DB_MIB});
-        {
-            FaultFileIO io;
-            fault.m_fnArm(io);
-            ScopedFileIO scope(&io);
-            ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
-        }
-        EXPECT_EQ(FILECMD_ADD_FAILED, Val(lpRow->m_bFileCMD)) << fault.m_lpWhat;
-        EXPECT_FALSE(PathExists(strPath)) << fault.m_lpWhat;
-        EXPECT_EQ(nullptr, m_db.Module().m_arFileInfo[bNo]) << fault.m_lpWhat;
-        for (stu_FILEINFO* p = m_db.Module().m_pStorageInfo; p != nullptr; p = p->m_pNext)
-            EXPECT_NE(bNo, p->m_bFileNo) << fault.m_lpWhat;
-        EXPECT_EQ(nFds, OpenDescriptors()) << fault.m_lpWhat;
-        // The engine drops the refused row.
-        lpRow->m_bDropFlag = 1;
-        lpRow->m_bFileCMD = 0;
-        MarkListChanged();
+        FaultFileIO io;
+        fault.m_fnArm(io);
+        ASSERT_EQ(S_OK, WalkUnder(io));
+        EXPECT_EQ(FILECMD_ADD_FAILED, Val(lpRow->m_bFileCMD));
+        EXPECT_FALSE(PathExists(strPath));
+        EXPECT_EQ(nullptr, m_db.Module().m_arFileInfo[bNo]);
+        for (stu_FILEINFO* p = m_db.Module().m_pStorageInfo; p != nullptr; p = p->m_pNext) EXPECT_NE(bNo, p->m_bFileNo);
+        EXPECT_EQ(nFds, OpenDescriptors());
+        Drop(lpRow);
         m_db.Pass();
         bNo++;
     }
@@ -283,9 +307,8 @@ TEST_F(FileCommands, ADeleteOfAFileAlreadyGoneStillSucceeds)
     EXPECT_EQ(nullptr, m_db.File(4));
     EXPECT_EQ("", ListAgreesWithFiles());
     // A delete of a number nobody holds.
-    LPFILE_MEMDBFILEINFO lpNone = Ask({FILECMD_ADD, 60, FILETYPE_DATA, NewPath("Sixty.dbf"), "Sixty", 4 * DB_MIB});
-    lpNone->m_bFileCMD = FILECMD_DELETE;
-    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    LPFILE_MEMDBFILEINFO lpNone = Ask({FILECMD_DELETE, 60, FILETYPE_DATA, NewPath("Sixty.dbf"), "Sixty", 4 * DB_MIB});
+    ASSERT_EQ(S_OK, Walk());
     EXPECT_EQ(FILECMD_NO_SUCH_FILE, Val(lpNone->m_bFileCMD));
 }
 
@@ -294,22 +317,21 @@ TEST_F(FileCommands, ADeleteOfAFileAlreadyGoneStillSucceeds)
 TEST_F(FileCommands, RefusedMovesLeaveTheFileWhereItIs)
 {
     LPFILE_MEMDBFILEINFO lpTaken = Ask({FILECMD_MOVE, 3, 0, m_db.m_tree.Dir() + "F4.DBF", "", 0});
-    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    ASSERT_EQ(S_OK, Walk());
     EXPECT_EQ(FILECMD_PATHTAKEN, Val(lpTaken->m_bFileCMD));
     EXPECT_STREQ(m_db.PathOf(3).c_str(), m_db.File(3)->m_lpszFilePath);
     // The row no longer names file 4's path: a pass would write two files to one.
     EXPECT_STREQ(m_db.PathOf(3).c_str(), lpTaken->m_lpszFilePath);
     // A second walk leaves the answer: only 1 to 4 are commands.
-    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    ASSERT_EQ(S_OK, Walk());
     EXPECT_EQ(FILECMD_PATHTAKEN, Val(lpTaken->m_bFileCMD));
     snprintf(lpTaken->m_lpszFilePath, sizeof(lpTaken->m_lpszFilePath), "%s", m_db.PathOf(3).c_str());
     lpTaken->m_bFileCMD = FILECMD_MOVE;
-    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    ASSERT_EQ(S_OK, Walk());
     EXPECT_EQ(FILECMD_NONE, Val(lpTaken->m_bFileCMD));
     EXPECT_TRUE(PathExists(m_db.PathOf(3)));
-    LPFILE_MEMDBFILEINFO lpNone = Ask({FILECMD_ADD, 50, FILETYPE_DATA, m_db.PathOf(4), "Ghost", 4 * DB_MIB});
-    lpNone->m_bFileCMD = FILECMD_MOVE;
-    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    LPFILE_MEMDBFILEINFO lpNone = Ask({FILECMD_MOVE, 50, FILETYPE_DATA, m_db.PathOf(4), "Ghost", 4 * DB_MIB});
+    ASSERT_EQ(S_OK, Walk());
     EXPECT_EQ(FILECMD_NO_SUCH_FILE, Val(lpNone->m_bFileCMD));
     EXPECT_TRUE(PathExists(m_db.PathOf(4)));
 }
@@ -325,8 +347,7 @@ TEST_F(FileCommands, AMoveOrAGrowthWithNoRoomLeavesTheFileAsItWas)
     {
         FaultFileIO io;
         io.FillAfter(DB_MIB, ENOSPC);
-        ScopedFileIO scope(&io);
-        ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+        ASSERT_EQ(S_OK, WalkUnder(io));
     }
     EXPECT_EQ(FILECMD_MOVE_FAILED, Val(lpRow->m_bFileCMD));
     EXPECT_FALSE(PathExists(strNew));
@@ -336,13 +357,14 @@ TEST_F(FileCommands, AMoveOrAGrowthWithNoRoomLeavesTheFileAsItWas)
     // list as the image has it, and the next start loads what it names.
     EXPECT_STREQ(m_db.PathOf(2).c_str(), lpRow->m_lpszFilePath);
     TakeBack(lpRow, m_db.PathOf(2));
+    // A pass before the walk keeps the row with its command off the disk.
     Ask({FILECMD_RESIZE, 2, 0, "", "", 12 * DB_MIB});
     m_db.Pass();
+    EXPECT_EQ("", ListAgreesWithFiles());
     {
         FaultFileIO io;
         io.FillAfter(2 * DB_MIB, ENOSPC);
-        ScopedFileIO scope(&io);
-        ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+        ASSERT_EQ(S_OK, WalkUnder(io));
     }
     EXPECT_EQ(FILECMD_RESIZE_FAILED, Val(lpRow->m_bFileCMD));
     EXPECT_EQ(4 * DB_MIB, FileSizeOf(m_db.PathOf(2)));
@@ -364,7 +386,7 @@ TEST_F(FileCommands, ResizesOffTheSectorGridAreRefused)
     for (BYTE bNo : {2, 1}) {
         const long long nSize = bNo == 1 ? nSystem : 4 * DB_MIB;
         LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_RESIZE, bNo, 0, "", "", nSize + DB_MIB + 100});
-        ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+        ASSERT_EQ(S_OK, Walk());
         EXPECT_EQ(FILECMD_RESIZE_FAILED, Val(lpRow->m_bFileCMD)) << (int)bNo;
         EXPECT_EQ(nSize, FileSizeOf(m_db.PathOf(bNo))) << (int)bNo;
         TakeBack(lpRow, "", nSize);
@@ -388,7 +410,7 @@ TEST_F(FileCommands, TwoSystemFileResizesReachExactlyTheSizeAsked)
         EXPECT_EQ(nStart, Val(m_db.File(1)->m_liFileSize));
     }
     Ask({FILECMD_RESIZE, 1, 0, "", "", nStart + 8 * DB_MIB});
-    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
+    ASSERT_EQ(S_OK, Walk());
     EXPECT_EQ(FILECMD_RESIZE_FAILED, Val(lpRow->m_bFileCMD));
     EXPECT_EQ(nStart + 12 * DB_MIB, FileSizeOf(m_db.SystemPath()));
     TakeBack(lpRow, "", nStart + 12 * DB_MIB);
@@ -449,50 +471,6 @@ TEST_F(FileCommands, CommandsOnAFileACacheThreadWillNotLeaveAreRefusedWhole)
     EXPECT_EQ("", ListAgreesWithFiles());
 }
 
-TEST_F(FileCommands, ASettledListReachesTheDiskAgain)
-{
-    Row(4)->m_nFileSize = 2 * DB_MIB;
-    Row(4)->m_bFileCMD = FILECMD_RESIZE;
-    MarkListChanged();
-    ASSERT_EQ(S_OK, m_db.Module().FileCMD(&m_db.m_stCrit));
-    ASSERT_EQ(FILECMD_RESIZE_FAILED, Val(Row(4)->m_bFileCMD));
-    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    Row(4)->m_nFileSize = 4 * DB_MIB;
-    Row(4)->m_bFileCMD = FILECMD_NONE;
-    snprintf(Row(4)->m_lpszTablespaceName, sizeof(Row(4)->m_lpszTablespaceName), "Renamed4");
-    MarkListChanged();
-    ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    EXPECT_STREQ("Renamed4", DiskRow(4).m_lpszTablespaceName);
-}
-
-namespace {
-
-// The live rows of bFileNo in the list on disk.
-int LiveRowsOnDisk(const std::string& strSystem, BYTE bFileNo)
-{
-    std::string s = ReadWholeFile(strSystem);
-    int nRows = 0;
-    if (s.empty()) return 0;
-    DbForEachFileListRow((LPBYTE)&s[0], (long long)s.size(), [&](LPSYSTEMBLOCKHEAD, LPFILE_MEMDBFILEINFO lpRow) {
-        if (lpRow->m_bFileNo == bFileNo && lpRow->m_bDropFlag != 1) nRows++;
-        return true;
-    });
-    return nRows;
-}
-
-// The writes of io that put the whole list block lpBlock of the system
-// image lpImage on disk.
-int ListBlockWrites(const FaultFileIO& io, const std::string& strSystem, LPBYTE lpImage, LPSYSTEMBLOCKHEAD lpBlock)
-{
-    long long nOffset = (LPBYTE)lpBlock - lpImage;
-    int n = 0;
-    for (const FileWrite& w : io.Writes())
-        if (w.m_strPath == strSystem && w.m_nOffset == nOffset && w.m_nSize == lpBlock->m_nBlockSize) n++;
-    return n;
-}
-
-} // namespace
-
 // The engine writes a row's fields before its command byte. A pass between
 // the two must write the path and size the daemon holds (the block's other
 // rows as the engine left them); once the commands are done, the new ones.
@@ -504,8 +482,7 @@ TEST_F(FileCommands, AnEditBeforeItsCommandByteNamesWhatTheDaemonHolds)
     LPFILE_MEMDBFILEINFO lpGrow = Row(4);
     snprintf(lpMove->m_lpszFilePath, sizeof(lpMove->m_lpszFilePath), "%s", strNew.c_str());
     lpGrow->m_nFileSize = 12 * DB_MIB;
-    snprintf(Row(2)->m_lpszTablespaceName, sizeof(Row(2)->m_lpszTablespaceName), "Renamed2");
-    MarkListChanged();
+    Rename(2, "Renamed2");
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
     EXPECT_STREQ("Renamed2", DiskRow(2).m_lpszTablespaceName);
     EXPECT_STREQ(strOld.c_str(), DiskRow(3).m_lpszFilePath);
@@ -519,16 +496,21 @@ TEST_F(FileCommands, AnEditBeforeItsCommandByteNamesWhatTheDaemonHolds)
     lpGrow->m_bFileCMD = FILECMD_RESIZE;
     MarkListChanged();
     FaultFileIO io;
+    ASSERT_EQ(S_OK, WalkUnder(io));
     {
         ScopedFileIO scope(&io);
-        Serve();
+        m_db.Pass();
     }
     EXPECT_EQ(FILECMD_NONE, Val(lpMove->m_bFileCMD));
     EXPECT_EQ(FILECMD_NONE, Val(lpGrow->m_bFileCMD));
     EXPECT_STREQ(strNew.c_str(), m_db.File(3)->m_lpszFilePath);
     EXPECT_EQ(12 * DB_MIB, Val(m_db.File(4)->m_liFileSize));
     // The pass wrote the block, with the row as the daemon now holds it.
-    EXPECT_EQ(1, ListBlockWrites(io, m_db.SystemPath(), m_db.Image(1), ListBlock()));
+    int nBlockWrites = 0;
+    for (const FileWrite& w : io.Writes())
+        nBlockWrites += w.m_strPath == m_db.SystemPath() && w.m_nOffset == (LPBYTE)ListBlock() - m_db.Image(1) &&
+                        w.m_nSize == ListBlock()->m_nBlockSize;
+    EXPECT_EQ(1, nBlockWrites);
     EXPECT_STREQ(strNew.c_str(), DiskRow(3).m_lpszFilePath);
     EXPECT_EQ(12 * DB_MIB, Val(DiskRow(4).m_nFileSize));
     EXPECT_EQ("", ListAgreesWithFiles());
@@ -541,37 +523,32 @@ TEST_F(FileCommands, AnEditBeforeItsCommandByteNamesWhatTheDaemonHolds)
 TEST_F(FileCommands, AnAddBeforeItsCommandByteStaysOffTheDisk)
 {
     // A row the engine dropped long ago holds nothing back.
-    LPFILE_MEMDBFILEINFO lpDropped = Ask({FILECMD_ADD, 7, FILETYPE_DATA, NewPath("Gone7.dbf"), "Gone7", 4 * DB_MIB});
-    lpDropped->m_bDropFlag = 1;
-    lpDropped->m_bFileCMD = FILECMD_NONE;
-    snprintf(Row(2)->m_lpszTablespaceName, sizeof(Row(2)->m_lpszTablespaceName), "Renamed2");
-    MarkListChanged();
+    Drop(Ask({FILECMD_ADD, 7, FILETYPE_DATA, NewPath("Gone7.dbf"), "Gone7", 4 * DB_MIB}));
+    Rename(2, "Renamed2");
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
     EXPECT_STREQ("Renamed2", DiskRow(2).m_lpszTablespaceName);
-
     // A row that claims the system file's number is not the system file's.
     LPFILE_MEMDBFILEINFO lpClaim = Ask({FILECMD_ADD, SYSTEMFILE_FILENO, FILETYPE_DATA, NewPath("One.dbf"), "One", 4 * DB_MIB});
     lpClaim->m_bFileCMD = FILECMD_NONE;
     MarkListChanged();
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    EXPECT_EQ(1, LiveRowsOnDisk(m_db.SystemPath(), SYSTEMFILE_FILENO));
-    lpClaim->m_bDropFlag = 1;
-    MarkListChanged();
+    EXPECT_EQ(1, LiveRowsOnDisk(SYSTEMFILE_FILENO));
+    Drop(lpClaim);
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
 
     std::string strNameOnDisk = "Renamed2";
     for (BYTE bFileNo : {(BYTE)6, (BYTE)3}) {
+        SCOPED_TRACE((int)bFileNo);
         const std::string strPath = NewPath("Add" + std::to_string(bFileNo) + ".dbf");
         LPFILE_MEMDBFILEINFO lpRow =
             Ask({FILECMD_ADD, bFileNo, FILETYPE_DATA, strPath, "Add" + std::to_string(bFileNo), 4 * DB_MIB});
         lpRow->m_bFileCMD = FILECMD_NONE;
-        snprintf(Row(2)->m_lpszTablespaceName, sizeof(Row(2)->m_lpszTablespaceName), "Again%d", (int)bFileNo);
-        MarkListChanged();
-        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass()) << (int)bFileNo;
-        EXPECT_EQ(bFileNo == 3 ? 1 : 0, LiveRowsOnDisk(m_db.SystemPath(), bFileNo)) << (int)bFileNo;
-        EXPECT_STREQ(strNameOnDisk.c_str(), DiskRow(2).m_lpszTablespaceName) << (int)bFileNo;
-        EXPECT_EQ("", ListAgreesWithFiles()) << (int)bFileNo;
-        EXPECT_STREQ(strPath.c_str(), lpRow->m_lpszFilePath) << (int)bFileNo;
+        Rename(2, "Again" + std::to_string(bFileNo));
+        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
+        EXPECT_EQ(bFileNo == 3 ? 1 : 0, LiveRowsOnDisk(bFileNo));
+        EXPECT_STREQ(strNameOnDisk.c_str(), DiskRow(2).m_lpszTablespaceName);
+        EXPECT_EQ("", ListAgreesWithFiles());
+        EXPECT_STREQ(strPath.c_str(), lpRow->m_lpszFilePath);
         EXPECT_EQ(bFileNo, Val(lpRow->m_bFileNo));
         // The engine writes the command byte; a pass that comes before the
         // walk holds the block back and leaves it to a later one, which no
@@ -579,23 +556,18 @@ TEST_F(FileCommands, AnAddBeforeItsCommandByteStaysOffTheDisk)
         // refused row.
         lpRow->m_bFileCMD = FILECMD_ADD;
         MarkListChanged();
-        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass()) << (int)bFileNo;
+        ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
         Serve();
+        EXPECT_EQ(bFileNo == 3 ? FILECMD_ADD_NUMBERTAKEN : FILECMD_NONE, Val(lpRow->m_bFileCMD));
         if (bFileNo == 3) {
-            EXPECT_EQ(FILECMD_ADD_NUMBERTAKEN, Val(lpRow->m_bFileCMD));
-            lpRow->m_bDropFlag = 1;
-            lpRow->m_bFileCMD = FILECMD_NONE;
-            MarkListChanged();
+            Drop(lpRow);
             ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-            EXPECT_STREQ(m_db.PathOf(3).c_str(), DiskRow(3).m_lpszFilePath);
-        } else {
-            EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
-            EXPECT_STREQ(strPath.c_str(), DiskRow(bFileNo).m_lpszFilePath);
         }
-        EXPECT_EQ(1, LiveRowsOnDisk(m_db.SystemPath(), bFileNo)) << (int)bFileNo;
+        EXPECT_STREQ(bFileNo == 3 ? m_db.PathOf(3).c_str() : strPath.c_str(), DiskRow(bFileNo).m_lpszFilePath);
+        EXPECT_EQ(1, LiveRowsOnDisk(bFileNo));
         strNameOnDisk = "Again" + std::to_string(bFileNo);
         EXPECT_STREQ(strNameOnDisk.c_str(), DiskRow(2).m_lpszTablespaceName);
-        EXPECT_EQ("", ListAgreesWithFiles()) << (int)bFileNo;
+        EXPECT_EQ("", ListAgreesWithFiles());
     }
     ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
     ASSERT_NE(nullptr, m_db.File(6));
@@ -649,13 +621,6 @@ struct CrashPoint {
     size_t m_nAt;
 };
 
-// What a crash at a point was, for the failure message.
-std::string CrashWhere(const CrashPoint& point, CrashKind eKind)
-{
-    return "device dead after call " + std::to_string(point.m_nNth) + " of kind " + std::to_string((int)point.m_eOp) +
-           (eKind == CRASH_KILL ? ", killed" : ", power lost");
-}
-
 // A run of calls of one kind in a row (the chunks of a copy, the pages of
 // a growth) repeats one step: its first and last calls stand where the
 // steps meet, and a call in CRASH_RUN_STRIDE for its middle.
@@ -682,19 +647,6 @@ std::vector<CrashPoint> CrashPoints(const std::vector<FileOp>& vSequence)
     return vPoints;
 }
 
-// The command and the pass after it under io (fnBeforePass between them);
-// the power lost after them when asked.
-void RunUnderCrash(ListEngine& e, const CrashCommand& command, FaultFileIO& io, CrashKind eKind,
-                   const std::function<void()>& fnBeforePass)
-{
-    command.m_fnAsk(e);
-    ScopedFileIO scope(&io);
-    e.m_db.Module().FileCMD(&e.m_db.m_stCrit);
-    if (fnBeforePass) fnBeforePass();
-    e.m_db.Pass();
-    if (eKind == CRASH_POWER) io.LosePower(NameLoss::Undo);
-}
-
 // After the crash: the process is gone (its images stay, or go with the
 // power); the next start must load what the disk and the images hold.
 void RestartAfterCrash(ListEngine& e, CrashKind eKind, const std::string& strWhere)
@@ -711,32 +663,36 @@ void RestartAfterCrash(ListEngine& e, CrashKind eKind, const std::string& strWhe
     RemoveImageSegments();
 }
 
-typedef std::function<void(ListEngine&, FaultFileIO&, CrashKind, const std::function<void()>&)> CrashRun;
-typedef std::function<void(ListEngine&, const FileCall&)> CrashHook;
-
-// A clean run of fnRun gives the order of the calls that change the medium
-// (and is checked by fnClean); then the device dies at each place of it
-// that fnTaken takes (given where the pass began), killed or powered off,
-// and the next start must load what the disk and the images hold. fnHook,
-// when given, sees every such call before it is made, in every run.
-void CrashAtEveryPoint(const CrashRun& fnRun, const std::function<bool(const CrashPoint&, size_t)>& fnTaken,
-                       const std::function<void(ListEngine&)>& fnClean = nullptr, const CrashHook& fnHook = nullptr)
+// A clean run of the command and the pass after it gives the order of the
+// calls that change the medium (and is checked by fnClean); then the device
+// dies at each place of it that fnTaken takes (given where the pass began),
+// killed or powered off, and the next start must load what the disk and the
+// images hold. fnHook, when given, sees every such call before it is made,
+// in every run.
+void CrashAtEveryPoint(const CrashCommand& command, const std::function<bool(const CrashPoint&, size_t)>& fnTaken,
+                       const std::function<void(ListEngine&)>& fnClean = nullptr,
+                       const std::function<void(ListEngine&, const FileCall&)>& fnHook = nullptr)
 {
     std::vector<FileOp> vSequence;
     size_t nPassStart = 0;
-    auto Hook = [&](ListEngine& e, FaultFileIO& io, std::vector<FileOp>* pvSequence) {
+    auto Run = [&](ListEngine& e, FaultFileIO& io, CrashKind eKind, bool bRecord) {
         for (FileOp eOp : g_arCrashOps)
-            io.OnCall(eOp, [&e, &fnHook, pvSequence](const FileCall& call) {
-                if (pvSequence != nullptr) pvSequence->push_back(call.m_eOp);
+            io.OnCall(eOp, [&e, &fnHook, &vSequence, bRecord](const FileCall& call) {
+                if (bRecord) vSequence.push_back(call.m_eOp);
                 if (fnHook) fnHook(e, call);
             });
+        command.m_fnAsk(e);
+        ScopedFileIO scope(&io);
+        e.m_db.Module().FileCMD(&e.m_db.m_stCrit);
+        if (bRecord) nPassStart = vSequence.size();
+        e.m_db.Pass();
+        if (eKind == CRASH_POWER) io.LosePower(NameLoss::Undo);
     };
     {
         ListEngine e(CRASH_FILE_SIZE, CRASH_BLOCKS);
         e.m_db.MakeStartAndSave();
         FaultFileIO io;
-        Hook(e, io, &vSequence);
-        fnRun(e, io, CRASH_KILL, [&] { nPassStart = vSequence.size(); });
+        Run(e, io, CRASH_KILL, true);
         if (fnClean) fnClean(e);
         e.m_db.Stop();
         RemoveImageSegments();
@@ -749,9 +705,9 @@ void CrashAtEveryPoint(const CrashRun& fnRun, const std::function<bool(const Cra
             e.m_db.MakeStartAndSave();
             FaultFileIO io;
             io.DieAfter(point.m_eOp, point.m_nNth);
-            Hook(e, io, nullptr);
-            fnRun(e, io, eKind, nullptr);
-            RestartAfterCrash(e, eKind, CrashWhere(point, eKind));
+            Run(e, io, eKind, false);
+            RestartAfterCrash(e, eKind, "device dead after call " + std::to_string(point.m_nNth) + " of kind " +
+                                            std::to_string((int)point.m_eOp) + (eKind == CRASH_KILL ? ", killed" : ", power lost"));
             if (::testing::Test::HasFailure()) return;
         }
     }
@@ -770,15 +726,10 @@ TEST(FileCommandCrashes, EveryStepOfEveryCommandLeavesADatabaseThatStarts)
     RemoveImageSegments();
     const size_t nCommands = sizeof(g_arCrashCommands) / sizeof(g_arCrashCommands[0]);
     for (size_t nCommand = 0; nCommand < nCommands; nCommand++) {
-        const CrashCommand& command = g_arCrashCommands[nCommand];
-        SCOPED_TRACE(command.m_lpName);
-        CrashAtEveryPoint(
-            [&](ListEngine& e, FaultFileIO& io, CrashKind eKind, const std::function<void()>& fnBeforePass) {
-                RunUnderCrash(e, command, io, eKind, fnBeforePass);
-            },
-            [&](const CrashPoint& point, size_t nPassStart) {
-                return point.m_nAt <= nPassStart || (point.m_nAt - nPassStart) % nCommands == nCommand;
-            });
+        SCOPED_TRACE(g_arCrashCommands[nCommand].m_lpName);
+        CrashAtEveryPoint(g_arCrashCommands[nCommand], [&](const CrashPoint& point, size_t nPassStart) {
+            return point.m_nAt <= nPassStart || (point.m_nAt - nPassStart) % nCommands == nCommand;
+        });
         if (HasFailure()) return;
     }
 }
@@ -827,14 +778,13 @@ TEST(FileCommandMoveBack, AMoveTheListCannotRecordGoesBackToTheOldFile)
 TEST(FileCommandCrashes, AMoveOverwrittenInItsRowNamesOnlyTheCopyItMade)
 {
     RemoveImageSegments();
-    const CrashCommand move = {"move", [](ListEngine& e) { e.Ask({FILECMD_MOVE, 3, 0, e.NewPath("sub/Moved3.dbf"), "", 0}); }};
     bool bAskedAgain = false;
     LPFILE_MEMDBFILEINFO lpRow = nullptr;
-    auto fnRun = [&](ListEngine& e, FaultFileIO& io, CrashKind eKind, const std::function<void()>& fnBeforePass) {
-        lpRow = e.Row(3);
-        bAskedAgain = false;
-        RunUnderCrash(e, move, io, eKind, fnBeforePass);
-    };
+    const CrashCommand move = {"move", [&](ListEngine& e) {
+                                   lpRow = e.Row(3);
+                                   bAskedAgain = false;
+                                   g_arCrashCommands[1].m_fnAsk(e);
+                               }};
     // Before the copy's first write.
     auto fnAskAgain = [&](ListEngine& e, const FileCall& call) {
         if (call.m_eOp != FileOp::PWrite || bAskedAgain || call.m_strPath != e.NewPath("sub/Moved3.dbf")) return;
@@ -850,5 +800,5 @@ TEST(FileCommandCrashes, AMoveOverwrittenInItsRowNamesOnlyTheCopyItMade)
         EXPECT_STREQ(strCopy.c_str(), e.DiskRow(3).m_lpszFilePath);
         EXPECT_EQ("", e.ListAgreesWithFiles());
     };
-    CrashAtEveryPoint(fnRun, [](const CrashPoint&, size_t) { return true; }, fnClean, fnAskAgain);
+    CrashAtEveryPoint(move, [](const CrashPoint&, size_t) { return true; }, fnClean, fnAskAgain);
 }

@@ -58,32 +58,31 @@ protected:
         EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
         return m_lpCmd->m_bResult;
     }
-    // The items of one file's page chain, pages checked on the way.
-    std::vector<Item> Items(const std::string& strBackup, const STRUCT_BACKUP_FILEINFO& r, int* pPages = nullptr)
+    // The items of one file's page chain, pages checked on the way (and
+    // their places kept in pvPages).
+    std::vector<Item> Items(const std::string& strBackup, const STRUCT_BACKUP_FILEINFO& r,
+                            std::vector<long long>* pvPages = nullptr)
     {
         std::vector<Item> v;
-        long long nPage = r.m_nDataStartOffset;
-        int nPages = 0;
-        while (nPage != 0) {
+        std::vector<long long> vPages;
+        for (long long nPage = r.m_nDataStartOffset; nPage != 0 && vPages.size() < 100;) {
+            vPages.push_back(nPage);
             EXPECT_LE(nPage + BACKUP_INCREMENT_PAGE_SIZE, (long long)strBackup.size());
             BACKUPINCREMENTHEAD stPage = At<BACKUPINCREMENTHEAD>(strBackup, nPage);
             EXPECT_EQ(BACKUP_INCREMENT_FLAG, Val(stPage.m_nDataFlag));
             EXPECT_EQ(BACKUP_INCREMENT_PAGE_SIZE, Val(stPage.m_nBlockSize));
             int nCount = stPage.m_nIncrementBlockNum;
             EXPECT_LE(nCount, BACKUP_INCREMENT_MAX_ITEMS);
-            if (nCount < 0 || nCount > BACKUP_INCREMENT_MAX_ITEMS || ++nPages > 100) break;
+            if (nCount < 0 || nCount > BACKUP_INCREMENT_MAX_ITEMS) break;
             for (int i = 0; i < nCount; i++) {
                 BACKUPINCREMENTITEM it = At<BACKUPINCREMENTITEM>(strBackup, nPage + 20 + 28LL * i);
                 v.push_back({it.m_nBlockType, it.m_nBlockNo, it.m_nBlockFilePos, it.m_nBlockSize, it.m_nBlockDataPos});
             }
-            long long nNext = stPage.m_nNextPos;
+            nPage = stPage.m_nNextPos;
             // A full page points at the next; only the last may hold fewer.
-            if (nNext != 0) {
-                EXPECT_EQ(BACKUP_INCREMENT_MAX_ITEMS, nCount);
-            }
-            nPage = nNext;
+            EXPECT_TRUE(nPage == 0 || nCount == BACKUP_INCREMENT_MAX_ITEMS) << nCount;
         }
-        if (pPages != nullptr) *pPages = nPages;
+        if (pvPages != nullptr) *pvPages = vPages;
         return v;
     }
     PersistenceDb m_db;
@@ -108,23 +107,20 @@ TEST_F(IncrementalBackup, ThePageAfter290ItemsChainsOn)
     std::string strBackup = ReadWholeFile(BackupPath(nTs));
     const STRUCT_BACKUP_FILEINFO r = At<STRUCT_BACKUP_FILEINFO>(strBackup, BACKUP_FIXED_HEAD_SIZE + 296LL);
     ASSERT_EQ(2, Val(r.m_bFileNo));
-    int nPages = 0;
-    std::vector<Item> vItems = Items(strBackup, r, &nPages);
+    std::vector<long long> vPages;
+    std::vector<Item> vItems = Items(strBackup, r, &vPages);
     // The head, one map block, 320 blocks: two pages.
     EXPECT_EQ(322u, vItems.size());
-    EXPECT_EQ(2, nPages);
+    EXPECT_EQ(2u, vPages.size());
     std::string strFile = ReadWholeFile(m_db.PathOf(2));
-    for (const Item& it : vItems)
+    // Each piece is the file's bytes; no two pieces or pages overlap.
+    std::vector<std::pair<long long, long long>> vRanges;
+    for (const Item& it : vItems) {
         ASSERT_TRUE(strBackup.compare((size_t)it.m_nDataPos, (size_t)it.m_nSize, strFile, (size_t)it.m_nFilePos,
                                       (size_t)it.m_nSize) == 0);
-    // No two pieces or pages overlap.
-    std::vector<std::pair<long long, long long>> vRanges;
-    for (const Item& it : vItems) vRanges.push_back({it.m_nDataPos, it.m_nDataPos + it.m_nSize});
-    long long nPage = r.m_nDataStartOffset;
-    while (nPage != 0) {
-        vRanges.push_back({nPage, nPage + BACKUP_INCREMENT_PAGE_SIZE});
-        nPage = At<BACKUPINCREMENTHEAD>(strBackup, nPage).m_nNextPos;
+        vRanges.push_back({it.m_nDataPos, it.m_nDataPos + it.m_nSize});
     }
+    for (long long nPage : vPages) vRanges.push_back({nPage, nPage + BACKUP_INCREMENT_PAGE_SIZE});
     std::sort(vRanges.begin(), vRanges.end());
     for (size_t i = 1; i < vRanges.size(); i++) EXPECT_LE(vRanges[i - 1].second, vRanges[i].first) << i;
 }

@@ -109,15 +109,18 @@ protected:
         return m_db.Module().ClusterCommand(&m_db.m_stCrit, m_lpCmd, m_db.Module().m_pFlashback->GetProgress(),
                                             m_db.m_nRedoLogMaxID);
     }
-    // A full backup by command 40 at the engine's last timestamp; the files
-    // as they stand on disk after it (the pass it runs first is done).
-    long long FullBackup(std::vector<std::string>& vCopy)
+    // A backup by command 40 (41 when bLevel is given) at the engine's last
+    // timestamp; the files as they stand on disk after it (the pass it runs
+    // first is done).
+    long long FullBackup(std::vector<std::string>& vCopy, BYTE bLevel = 0, long long nRefer = 0)
     {
         long long nTimestamp = m_db.Head()->m_nEndTimestamp;
         m_lpCmd->m_nTimestamp = nTimestamp;
+        m_lpCmd->m_nTimestamp2 = nRefer;
+        m_lpCmd->m_bLevel = bLevel;
         m_lpCmd->m_bAbort = 0;
-        EXPECT_EQ(S_OK, Run(CLUSTERCMD_FULLBACKUP));
-        EXPECT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult));
+        EXPECT_EQ(S_OK, Run(bLevel == 0 ? CLUSTERCMD_FULLBACKUP : CLUSTERCMD_INCREMENTBACKUP));
+        EXPECT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult)) << m_db.m_tree.Trace();
         vCopy = CopyFiles();
         return nTimestamp;
     }
@@ -262,15 +265,9 @@ TEST_F(Restore, FilesGrownBeforeEitherBackupAreRestoredAtTheirGrownSizes)
     m_db.ChangeRow(2, 7, 1, ts * 3, ts);
     m_db.EndTransaction(ts);
     ASSERT_EQ(CBreltMemStorageModule::SAVEPASS_DONE, m_db.Pass());
-    const long long nLevel1 = m_db.Head()->m_nEndTimestamp;
+    std::vector<std::string> vLevel1;
+    const long long nLevel1 = FullBackup(vLevel1, 1, nFull);
     ASSERT_GT(nLevel1, nFull);
-    m_lpCmd->m_nTimestamp = nLevel1;
-    m_lpCmd->m_nTimestamp2 = nFull;
-    m_lpCmd->m_bLevel = 1;
-    m_lpCmd->m_bAbort = 0;
-    ASSERT_EQ(S_OK, Run(CLUSTERCMD_INCREMENTBACKUP));
-    ASSERT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult)) << m_db.m_tree.Trace();
-    const std::vector<std::string> vLevel1 = CopyFiles();
     m_db.Stop();
     const std::pair<long long, const std::vector<std::string>*> arPoints[] = {{nFull, &vFull}, {nLevel1, &vLevel1}};
     for (const auto& point : arPoints) {
@@ -294,10 +291,7 @@ TEST_F(Restore, FromAnEmptyTreeUnusedPartsAreZerosAndALowerLevelsNewFileHasOnlyI
     // Files whose used part is shorter than their size: the restore must
     // fill the rest with zeros.
     int nShort = 0;
-    for (int i = 0; i < DB_FILES; i++) {
-        const STRUCT_BACKUP_FILEINFO& r = *Record(m_arChain[0], i);
-        nShort += Val(r.m_nFileFreeMemoryOffset) < Val(r.m_nFileSize) ? 1 : 0;
-    }
+    for (int i = 0; i < DB_FILES; i++) nShort += Val(Record(m_arChain[0], i)->m_nFileFreeMemoryOffset) < Val(Record(m_arChain[0], i)->m_nFileSize);
     ASSERT_GT(nShort, 0);
     m_db.Stop();
     WriteChain(m_arChain);
@@ -406,77 +400,59 @@ TEST_F(Restore, ATornForeignOrDamagedChainIsRefusedBeforeAByteOfAnyDatabaseFileI
     m_db.Stop();
     struct Case {
         const char* m_lpName;
-        std::function<void(std::string* arChain)> m_fnDamage;
-        long long m_nTop;  // 0: the level 2
         const char* m_lpTraced;
+        std::function<void(std::string* arChain)> m_fnDamage;
+        long long m_nTop = 0;  // 0: the level 2
     };
     // Positions inside the chain as it stands. A cut anywhere past a
     // record's start fails that record's one range check: one cut each.
-    std::string& strL1 = m_arChain[1];
-    const long long nL1File2 = Val(Record(strL1, 1)->m_nDataStartOffset);
-    const long long nL1Page2 = Val(PageAt(strL1, nL1File2)->m_nNextPos);
+    const long long nL1File2 = Val(Record(m_arChain[1], 1)->m_nDataStartOffset);
+    const long long nL1Page2 = Val(PageAt(m_arChain[1], nL1File2)->m_nNextPos);
     const long long nL0File2End = Val(Record(m_arChain[0], 1)->m_nDataEndOffset);
     ASSERT_NE(0, nL1Page2);
     const long long nLevel2b = m_nLevel2 + 5;
+    auto Page2 = [=](std::string* c) { return PageAt(c[1], nL1Page2); };
+    auto Item = [=](std::string* c, int i) { return ItemAt(c[1], nL1File2, i); };
+    auto Path4 = [](std::string& s, const char* lpPath) { strcpy(Record(s, 3)->m_lpszFilePath, lpPath); };
     const std::vector<Case> vCases = {
-        {"level 2 cut inside the head", [](std::string* c) { c[2].resize(100); }, 0, "not whole or not a backup"},
-        {"level 2 cut at the end of its head area", [](std::string* c) { c[2].resize(8191); }, 0, "not whole"},
-        {"full cut between its head records", [](std::string* c) { c[0].resize(428); }, 0, "not whole"},
-        {"full cut between two files' data", [=](std::string* c) { c[0].resize((size_t)nL0File2End); }, 0,
-         "lies past the backup's end"},
-        {"level 1 cut inside its first page", [=](std::string* c) { c[1].resize((size_t)nL1File2 + 100); }, 0,
-         "increment range is wrong"},
-        {"missing middle link", [](std::string* c) { c[1].clear(); }, 0, "backup file!"},
-        {"wrong version of the full", [](std::string* c) { HeadOf(c[0])->m_nVersion = 0x5000001; }, 0,
-         "wrong version or mark"},
-        {"wrong file mark of level 1", [](std::string* c) { c[1][4] = 'X'; }, 0, "wrong version or mark"},
-        {"wrong data mark of level 2", [](std::string* c) { c[2][17] = 'q'; }, 0, "wrong version or mark"},
-        {"wrong page mark", [=](std::string* c) { PageAt(c[1], nL1Page2)->m_nDataFlag = 0x48464E4A; }, 0,
-         "wrong mark, size or count"},
-        {"a page of 291 items", [=](std::string* c) { PageAt(c[1], nL1Page2)->m_nIncrementBlockNum = 291; }, 0,
-         "wrong mark, size or count"},
-        {"a page chain that loops", [=](std::string* c) { PageAt(c[1], nL1Page2)->m_nNextPos = nL1File2; }, 0,
-         "next page is not further on"},
-        {"a piece past its file's size",
-         [=](std::string* c) { ItemAt(c[1], nL1File2, 7)->m_nBlockFilePos = Val(Record(c[1], 1)->m_nFileSize); },
-         0, "outside the database file's size"},
-        {"a piece outside its file's data",
-         [=](std::string* c) { ItemAt(c[1], nL1File2, 7)->m_nBlockDataPos = 0; }, 0, "outside the file's data"},
-        {"a negative piece length", [=](std::string* c) { ItemAt(c[1], nL1File2, 0)->m_nBlockSize = -8; }, 0,
-         "wrong type or length"},
-        {"a relative path", [](std::string* c) { strcpy(Record(c[2], 3)->m_lpszFilePath, "F4.dbf"); }, 0,
-         "not a whole absolute file path"},
-        {"a path that names a directory",
-         [](std::string* c) { strcpy(Record(c[2], 3)->m_lpszFilePath, "/tmp/x/"); }, 0,
-         "not a whole absolute file path"},
-        {"a file head piece placed past the file's start",
-         [=](std::string* c) {
-             ItemAt(c[1], nL1File2, 7)->m_nBlockType = BACKUPITEM_FILEHEAD;
-             ItemAt(c[1], nL1File2, 7)->m_nBlockFilePos = 512;
+        {"level 2 cut inside the head", "not whole or not a backup", [](std::string* c) { c[2].resize(100); }},
+        {"level 2 cut at the end of its head area", "not whole", [](std::string* c) { c[2].resize(8191); }},
+        {"full cut between its head records", "not whole", [](std::string* c) { c[0].resize(428); }},
+        {"full cut between two files' data", "lies past the backup's end",
+         [=](std::string* c) { c[0].resize((size_t)nL0File2End); }},
+        {"level 1 cut inside its first page", "increment range is wrong",
+         [=](std::string* c) { c[1].resize((size_t)nL1File2 + 100); }},
+        {"missing middle link", "backup file!", [](std::string* c) { c[1].clear(); }},
+        {"wrong version of the full", "wrong version or mark", [](std::string* c) { HeadOf(c[0])->m_nVersion = 0x5000001; }},
+        {"wrong file mark of level 1", "wrong version or mark", [](std::string* c) { c[1][4] = 'X'; }},
+        {"wrong data mark of level 2", "wrong version or mark", [](std::string* c) { c[2][17] = 'q'; }},
+        {"wrong page mark", "wrong mark, size or count", [=](std::string* c) { Page2(c)->m_nDataFlag = 0x48464E4A; }},
+        {"a page of 291 items", "wrong mark, size or count", [=](std::string* c) { Page2(c)->m_nIncrementBlockNum = 291; }},
+        {"a page chain that loops", "next page is not further on", [=](std::string* c) { Page2(c)->m_nNextPos = nL1File2; }},
+        {"a piece past its file's size", "outside the database file's size",
+         [=](std::string* c) { Item(c, 7)->m_nBlockFilePos = Val(Record(c[1], 1)->m_nFileSize); }},
+        {"a piece outside its file's data", "outside the file's data", [=](std::string* c) { Item(c, 7)->m_nBlockDataPos = 0; }},
+        {"a negative piece length", "wrong type or length", [=](std::string* c) { Item(c, 0)->m_nBlockSize = -8; }},
+        {"a relative path", "not a whole absolute file path", [=](std::string* c) { Path4(c[2], "F4.dbf"); }},
+        {"a path that names a directory", "not a whole absolute file path", [=](std::string* c) { Path4(c[2], "/tmp/x/"); }},
+        {"a file head piece placed past the file's start", "outside the database file's size",
+         [=](std::string* c) { Item(c, 7)->m_nBlockType = BACKUPITEM_FILEHEAD, Item(c, 7)->m_nBlockFilePos = 512; }},
+        {"a level 1 range shorter than a page", "increment range is wrong",
+         [=](std::string* c) { Record(c[1], 1)->m_nDataEndOffset = nL1File2 + 100; }},
+        {"a path that steps up", "steps up", [=](std::string* c) { Path4(c[0], "/tmp/x/../F4.dbf"); }},
+        {"a head area of the wrong size", "head area size", [](std::string* c) { HeadOf(c[0])->m_nHeadSize = 16384; }},
+        {"a full backup of no file", "count of files", [](std::string* c) { HeadOf(c[0])->m_nFileNum = 0; }},
+        {"a full record that claims more than its used part", "does not fit its used size",
+         [](std::string* c) { Record(c[0], 1)->m_nFileFreeMemoryOffset -= 512; }},
+        {"a level 2 of another database", "database identity differ",
+         [this](std::string* c) { HeadOf(c[2])->m_usDataBaseGuid = (USHORT)(m_usGuid + 1); }},
+        {"a level 2 that points at a level 2", "The actual level of backup files [1, ",
+         [&](std::string*) {
+             ASSERT_TRUE(WriteWholeFile(BackupPath(nLevel2b), BuildIncrement(nLevel2b, m_nLevel2, 2, m_usGuid, m_vLevel2)));
          },
-         0, "outside the database file's size"},
-        {"a level 1 range shorter than a page",
-         [=](std::string* c) { Record(c[1], 1)->m_nDataEndOffset = nL1File2 + 100; }, 0, "increment range is wrong"},
-        {"a path that steps up",
-         [](std::string* c) { strcpy(Record(c[0], 3)->m_lpszFilePath, "/tmp/x/../F4.dbf"); }, 0, "steps up"},
-        {"a head area of the wrong size", [](std::string* c) { HeadOf(c[0])->m_nHeadSize = 16384; }, 0,
-         "head area size"},
-        {"a full backup of no file", [](std::string* c) { HeadOf(c[0])->m_nFileNum = 0; }, 0, "count of files"},
-        {"a full record that claims more than its used part",
-         [](std::string* c) { Record(c[0], 1)->m_nFileFreeMemoryOffset -= 512; }, 0, "does not fit its used size"},
-        {"a level 2 of another database",
-         [this](std::string* c) { HeadOf(c[2])->m_usDataBaseGuid = (USHORT)(m_usGuid + 1); }, 0,
-         "database identity differ"},
-        {"a level 2 that points at a level 2",
-         [&](std::string* c) {
-             ASSERT_TRUE(WriteWholeFile(BackupPath(nLevel2b),
-                                        BuildIncrement(nLevel2b, m_nLevel2, 2, m_usGuid, m_vLevel2)));
-             (void)c;
-         },
-         nLevel2b, "The actual level of backup files [1, "},
-        {"a level 1 that names itself as its full",
-         [this](std::string* c) { HeadOf(c[1])->m_nReferTimestamp = m_nLevel1; }, 0,
-         "reference timestamp does not fit"},
+         nLevel2b},
+        {"a level 1 that names itself as its full", "reference timestamp does not fit",
+         [this](std::string* c) { HeadOf(c[1])->m_nReferTimestamp = m_nLevel1; }},
     };
     for (const Case& c : vCases) {
         SCOPED_TRACE(c.m_lpName);
@@ -558,10 +534,8 @@ TEST_F(Restore, CommandWithABackupOfAnotherSystemFileRefusesAndLeavesTheDatabase
     snprintf(Record(strForeign, 0)->m_lpszFilePath, 256, "%s", strOtherSystem.c_str());
     HeadOf(strForeign)->m_nTimestamp = nTimestamp + 2;
     ASSERT_TRUE(WriteWholeFile(BackupPath(nTimestamp + 2), strForeign));
-    m_lpCmd->m_nTimestamp = nTimestamp + 2;
     m_lpCmd->m_bResult = 0x5A;
-    ASSERT_EQ(S_OK, Run(CLUSTERCMD_RESTORE));
-    EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
+    RunRestoreCommand(nTimestamp + 2);
     EXPECT_EQ(0x5A, Val(m_lpCmd->m_bResult));
     ASSERT_NE(nullptr, m_db.Head());
     EXPECT_EQ(0, Val(m_lpCmd->m_bForbidSaveFlag));
@@ -660,22 +634,18 @@ TEST_F(Restore, CommandWithNoHeadAndADamagedOrMissingMarkIsRefusedAndWritesNothi
     const std::string strMark = m_db.SystemPath() + ".restoring";
     const std::string strGood = ReadWholeFile(strMark);
     ASSERT_FALSE(strGood.empty());
-    struct Case {
-        const char* m_lpName;
-        std::function<void(std::string&)> m_fnDamage;  // none: no mark
-    };
-    const std::vector<Case> vCases = {
+    const std::vector<std::pair<const char*, std::function<void(std::string&)>>> vCases = {  // none: no mark
         {"cut short", [](std::string& s) { s.resize(s.size() - 1); }},
         {"one byte long", [](std::string& s) { s.push_back('\n'); }},
         {"a byte of the path", [](std::string& s) { s[s.size() - 100] ^= 0x20; }},
         {"the sum", [](std::string& s) { s[s.size() - 1] ^= 0x80; }},
         {"no mark", nullptr},
     };
-    for (const Case& c : vCases) {
-        SCOPED_TRACE(c.m_lpName);
+    for (const auto& c : vCases) {
+        SCOPED_TRACE(c.first);
         std::string strMarkNow = strGood;
-        if (c.m_fnDamage) {
-            c.m_fnDamage(strMarkNow);
+        if (c.second) {
+            c.second(strMarkNow);
             ASSERT_TRUE(WriteWholeFile(strMark, strMarkNow));
         } else {
             ASSERT_EQ(0, unlink(strMark.c_str()));
@@ -690,11 +660,7 @@ TEST_F(Restore, CommandWithNoHeadAndADamagedOrMissingMarkIsRefusedAndWritesNothi
         }
         EXPECT_EQ(nullptr, m_db.Head());
         EXPECT_EQ(1, Val(m_lpCmd->m_bForbidSaveFlag));
-        if (c.m_fnDamage) {
-            EXPECT_TRUE(ReadWholeFile(strMark) == strMarkNow);
-        } else {
-            EXPECT_FALSE(PathExists(strMark));
-        }
+        EXPECT_TRUE(c.second ? ReadWholeFile(strMark) == strMarkNow : !PathExists(strMark));
     }
     // The mark put back whole, the same command restores: the refusals came
     // from the damage.
@@ -716,8 +682,7 @@ TEST(RestoreMark, TheMarkAndItsRemovalSurviveAPowerLoss)
     PersistenceDb db;
     ASSERT_TRUE(db.MakeDatabase());
     const std::string strSystem = db.SystemPath();
-    TALVORRESTOREMARK stSet;
-    memset(&stSet, 0, sizeof(stSet));
+    TALVORRESTOREMARK stSet = {}, stGot = {};
     for (int i = 0; i < RESTOREMARK_PATH_SIZE; i++) stSet.m_lpArchiveDesPath[i] = (char)(i * 7 + 1);
     stSet.m_nTimestamp = 0x123456789ALL;
     stSet.m_nRedoLogMaxID = 0xFEDCBA98u;
@@ -725,14 +690,11 @@ TEST(RestoreMark, TheMarkAndItsRemovalSurviveAPowerLoss)
     {
         // A longer file of a run before is replaced whole.
         ASSERT_TRUE(WriteWholeFile(strSystem + ".restoring", std::string(4096, 'z')));
-        FaultFileIO io;
-        ScopedFileIO scoped(&io);
+        DbFileIO io(db.m_tree.LogDir());
         ASSERT_TRUE(TalvorSetRestoreMark(strSystem.c_str(), stSet));
-        io.LosePower();
+        io->LosePower();
     }
     EXPECT_TRUE(TalvorRestoreMarkPresent(strSystem.c_str()));
-    TALVORRESTOREMARK stGot;
-    memset(&stGot, 0, sizeof(stGot));
     ASSERT_EQ(RESTOREMARK_READ, TalvorReadRestoreMark(strSystem.c_str(), stGot));
     EXPECT_EQ(0, memcmp(stSet.m_lpArchiveDesPath, stGot.m_lpArchiveDesPath, sizeof(stGot.m_lpArchiveDesPath)));
     EXPECT_EQ(stSet.m_nTimestamp, stGot.m_nTimestamp);
@@ -740,22 +702,20 @@ TEST(RestoreMark, TheMarkAndItsRemovalSurviveAPowerLoss)
     EXPECT_EQ(stSet.m_usDatabaseGuid, stGot.m_usDatabaseGuid);
     // A new mark whose write fails (a full disk) leaves the old one whole.
     {
-        FaultFileIO io;
-        ScopedFileIO scoped(&io);
-        io.FailNext(FileOp::PWrite, ENOSPC);
+        DbFileIO io(db.m_tree.LogDir());
+        io->FailNext(FileOp::PWrite, ENOSPC);
         TALVORRESTOREMARK stOther = stSet;
         stOther.m_nTimestamp++;
         EXPECT_FALSE(TalvorSetRestoreMark(strSystem.c_str(), stOther));
     }
-    memset(&stGot, 0, sizeof(stGot));
+    stGot = {};
     ASSERT_EQ(RESTOREMARK_READ, TalvorReadRestoreMark(strSystem.c_str(), stGot));
     EXPECT_EQ(stSet.m_nTimestamp, stGot.m_nTimestamp);
     EXPECT_FALSE(PathExists(strSystem + ".restoring.new"));
     {
-        FaultFileIO io;
-        ScopedFileIO scoped(&io);
+        DbFileIO io(db.m_tree.LogDir());
         ASSERT_TRUE(TalvorClearRestoreMark(strSystem.c_str()));
-        io.LosePower();
+        io->LosePower();
     }
     EXPECT_FALSE(TalvorRestoreMarkPresent(strSystem.c_str()));
     EXPECT_EQ(RESTOREMARK_ABSENT, TalvorReadRestoreMark(strSystem.c_str(), stGot));

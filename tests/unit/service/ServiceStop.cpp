@@ -86,12 +86,9 @@ TEST_F(ServiceStop, AThreadThatDoesNotEndKeepsWhatItHolds)
     long long nMs = NowMs() - nStart;
     EXPECT_LT(nMs, 5000) << "the stop waited past its bound";
     // Nothing the thread works on was freed under it.
-    EXPECT_NE(nullptr, m.m_pStorageInfo);
-    EXPECT_NE(nullptr, m.m_lpSystemFileInfo);
-    EXPECT_NE(nullptr, m.m_lpBuffer);
-    EXPECT_NE(nullptr, m.m_lpHeadBuf);
-    EXPECT_NE(nullptr, m.m_pFlashback);
-    EXPECT_NE(nullptr, m.m_hStorageEvent);
+    for (const void* p : {(const void*)m.m_pStorageInfo, (const void*)m.m_lpSystemFileInfo, (const void*)m.m_lpBuffer,
+                          (const void*)m.m_lpHeadBuf, (const void*)m.m_pFlashback, (const void*)m.m_hStorageEvent})
+        EXPECT_NE(nullptr, p);
     for (BYTE n = 1; n <= 4; n++) EXPECT_TRUE(SegmentExists(n)) << (int)n;
     // The thread goes on and finishes its pass over the images it kept.
     m_io.Release();
@@ -130,17 +127,14 @@ TEST_F(ServiceStop, TwoPassesNeverRunTogether)
     m_io.Hold(FileOp::PWrite);
     std::atomic<int> nFirst{-9}, nSecond{-9};
     UINT nIdA = m_db.m_nRedoLogMaxID, nIdB = m_db.m_nRedoLogMaxID;
-    std::thread first([&] {
+    auto Pass = [&](std::atomic<int>& nResult, UINT& nId) {
         TALVORCRITICALSECTION stCrit;
         InitThreadCritSection(&stCrit);
-        nFirst = m_db.Module().RunSavePass(&stCrit, FALSE, 0, nIdA);
-    });
+        nResult = m_db.Module().RunSavePass(&stCrit, FALSE, 0, nId);
+    };
+    std::thread first(Pass, std::ref(nFirst), std::ref(nIdA));
     ASSERT_TRUE(m_io.WaitHeld(5000));
-    std::thread second([&] {
-        TALVORCRITICALSECTION stCrit;
-        InitThreadCritSection(&stCrit);
-        nSecond = m_db.Module().RunSavePass(&stCrit, FALSE, 0, nIdB);
-    });
+    std::thread second(Pass, std::ref(nSecond), std::ref(nIdB));
     usleep(200000);
     // The second waits at the gate: it has not reached the disk.
     EXPECT_EQ(-9, nSecond.load());
