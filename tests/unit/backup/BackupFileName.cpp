@@ -6,74 +6,48 @@
 #include <cstring>
 #include <string>
 
-namespace {
-
-struct DirResult {
-    int m_nResult;
-    std::string m_strDir;
-};
-
-DirResult Directory(const std::string& strList, int nPathSize = -1)
-{
-    char szDir[BACKUP_PATH_MAX];
-    memset(szDir, 'x', sizeof(szDir));
-    int n = TalvorBackupDirectory(strList.data(), nPathSize < 0 ? (int)strList.size() + 1 : nPathSize, szDir);
-    return {n, szDir};
-}
-
-} // namespace
-
 // Only the first element counts, its "/" is added once, and a list that
 // is not terminated is bounded by its size: an element that reaches the
 // bound still gets its "/" — without one the name would run on into a
-// sibling directory ("/data/arcBackup/").
-TEST(BackupDirectory, FirstElementWithOneSlashWithinTheListsSize)
+// sibling directory ("/data/arcBackup/"). An empty, relative or too long
+// first element is refused with no directory at all, not cut to one
+// nobody named.
+TEST(BackupDirectory, FirstElementWithOneSlashWithinTheListsSizeOrRefused)
 {
+    const std::string str220 = "/" + std::string(218, 'a') + "/"; // the longest a first element may be
+    const std::string str220NoSlash = "/" + std::string(219, 'b');
     const struct {
-        const char* lpList;
-        int nPathSize;
-        const char* lpDir;
+        std::string strList;
+        int nPathSize; // -1: the list with its NUL
+        int nResult;
+        std::string strDir;
     } arCases[] = {
-        {"/data/archive/;/mnt/second/", -1, "/data/archive/Backup/"},
-        {"/data/archive;/mnt/second/;/third", -1, "/data/archive/Backup/"},
-        {"/data/archive", -1, "/data/archive/Backup/"},
-        {"/", -1, "/Backup/"},
-        {"/data/archive/more", 8, "/data/ar/Backup/"},
+        {"/data/archive/;/mnt/second/", -1, BACKUPDIR_OK, "/data/archive/Backup/"},
+        {"/data/archive;/mnt/second/;/third", -1, BACKUPDIR_OK, "/data/archive/Backup/"},
+        {"/data/archive", -1, BACKUPDIR_OK, "/data/archive/Backup/"},
+        {"/", -1, BACKUPDIR_OK, "/Backup/"},
+        {"/data/archive/more", 8, BACKUPDIR_OK, "/data/ar/Backup/"},
+        {str220 + ";/other/", -1, BACKUPDIR_OK, str220 + "Backup/"},
+        {str220NoSlash, -1, BACKUPDIR_OK, str220NoSlash + "/Backup/"},
+        {"", -1, BACKUPDIR_EMPTY, ""},
+        {";/data/archive/", -1, BACKUPDIR_EMPTY, ""},
+        {";", -1, BACKUPDIR_EMPTY, ""},
+        {"/data", 0, BACKUPDIR_EMPTY, ""},
+        {"data/archive", -1, BACKUPDIR_RELATIVE, ""},
+        {"./archive/", -1, BACKUPDIR_RELATIVE, ""},
+        {"archive;/data/", -1, BACKUPDIR_RELATIVE, ""},
+        {str220 + "c;/other/", -1, BACKUPDIR_TOOLONG, ""},
+        {"/" + std::string(400, 'd'), -1, BACKUPDIR_TOOLONG, ""},
     };
     for (const auto& c : arCases) {
-        DirResult r = Directory(c.lpList, c.nPathSize);
-        EXPECT_EQ(BACKUPDIR_OK, r.m_nResult) << c.lpList;
-        EXPECT_EQ(c.lpDir, r.m_strDir) << c.lpList;
+        SCOPED_TRACE("'" + c.strList + "'");
+        char szDir[BACKUP_PATH_MAX];
+        memset(szDir, 'x', sizeof(szDir));
+        int nSize = c.nPathSize < 0 ? (int)c.strList.size() + 1 : c.nPathSize;
+        EXPECT_EQ(c.nResult, TalvorBackupDirectory(c.strList.data(), nSize, szDir));
+        ASSERT_NE(nullptr, memchr(szDir, '\0', sizeof(szDir)));
+        EXPECT_EQ(c.strDir, szDir);
     }
-}
-
-TEST(BackupDirectory, EmptyRelativeOrTooLongIsRefused)
-{
-    for (const char* lpList : {"", ";/data/archive/", ";"}) {
-        DirResult r = Directory(lpList);
-        EXPECT_EQ(BACKUPDIR_EMPTY, r.m_nResult) << "'" << lpList << "'";
-        EXPECT_EQ("", r.m_strDir);
-    }
-    EXPECT_EQ(BACKUPDIR_EMPTY, Directory("/data", 0).m_nResult);
-    for (const char* lpList : {"data/archive", "./archive/", "archive;/data/"}) {
-        DirResult r = Directory(lpList);
-        EXPECT_EQ(BACKUPDIR_RELATIVE, r.m_nResult) << lpList;
-        EXPECT_EQ("", r.m_strDir);
-    }
-    // 220 characters are the most a first element may have.
-    std::string str220 = "/" + std::string(218, 'a') + "/";
-    DirResult r = Directory(str220 + ";/other/");
-    EXPECT_EQ(BACKUPDIR_OK, r.m_nResult);
-    EXPECT_EQ(str220 + "Backup/", r.m_strDir);
-    std::string str220NoSlash = "/" + std::string(219, 'b');
-    r = Directory(str220NoSlash);
-    EXPECT_EQ(BACKUPDIR_OK, r.m_nResult);
-    EXPECT_EQ(str220NoSlash + "/Backup/", r.m_strDir);
-    // One more is refused, not cut to a directory nobody named.
-    r = Directory(str220 + "c;/other/");
-    EXPECT_EQ(BACKUPDIR_TOOLONG, r.m_nResult);
-    EXPECT_EQ("", r.m_strDir);
-    EXPECT_EQ(BACKUPDIR_TOOLONG, Directory("/" + std::string(400, 'd')).m_nResult);
 }
 
 TEST(BackupFilePath, NamedByTheTimestamp)

@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <unistd.h>
@@ -100,29 +101,26 @@ TEST(BackupReadAhead, EveryLengthComesWholeInOrderAndEachPieceOnce)
 
 TEST(BackupReadAhead, AFailedReadIsToldAtItsPieceAndNothingAfterItIsHandedOut)
 {
+    // The caller's own buffer serves as the first slot.
+    std::unique_ptr<BYTE, decltype(&free)> pMine((LPBYTE)get_aligned_buffer(PIECE), &free);
+    ASSERT_NE(pMine, nullptr);
     for (long long nFailAt : {0LL, 3LL * PIECE, 6LL * PIECE}) {
         SCOPED_TRACE(nFailAt);
-        // The caller's own buffer serves as the first slot.
-        LPBYTE lpMine = (LPBYTE)get_aligned_buffer(PIECE);
-        ASSERT_NE(lpMine, nullptr);
-        {
-            Source src;
-            CTalvorReadAhead reader;
-            ASSERT_TRUE(reader.Init(lpMine, PIECE));
-            src.m_strBytes = RandomBytes(6 * PIECE + 100);
-            src.m_nFailAt = nFailAt;
-            reader.Start(ReadSource, &src, (long long)src.m_strBytes.size(), PIECE);
-            int nResult = 0;
-            long long nPos = -1;
-            EXPECT_EQ(Drain(reader, nResult, nPos), src.m_strBytes.substr(0, (size_t)nFailAt));
-            EXPECT_EQ(nResult, 7);
-            EXPECT_EQ(nPos, nFailAt);
-            EXPECT_EQ(src.m_nActive.load(), 0) << "a read went on after the failure was told";
-            LPBYTE lpBuf = nullptr;
-            int nSize = 0;
-            EXPECT_FALSE(reader.Next(nPos, nSize, lpBuf, nResult));
-        }
-        free(lpMine);
+        Source src;
+        CTalvorReadAhead reader;
+        ASSERT_TRUE(reader.Init(pMine.get(), PIECE));
+        src.m_strBytes = RandomBytes(6 * PIECE + 100);
+        src.m_nFailAt = nFailAt;
+        reader.Start(ReadSource, &src, (long long)src.m_strBytes.size(), PIECE);
+        int nResult = 0;
+        long long nPos = -1;
+        EXPECT_EQ(Drain(reader, nResult, nPos), src.m_strBytes.substr(0, (size_t)nFailAt));
+        EXPECT_EQ(nResult, 7);
+        EXPECT_EQ(nPos, nFailAt);
+        EXPECT_EQ(src.m_nActive.load(), 0) << "a read went on after the failure was told";
+        LPBYTE lpBuf = nullptr;
+        int nSize = 0;
+        EXPECT_FALSE(reader.Next(nPos, nSize, lpBuf, nResult));
     }
 }
 

@@ -7,6 +7,7 @@
 #include "ModuleTestKit.h"
 
 #include <memory>
+#include <numeric>
 
 using namespace backuptest;
 using namespace talvortest;
@@ -26,6 +27,7 @@ struct FilePlan {
 // Used parts of about 9 MiB against the daemon's 4 MiB output half: the
 // copies take several writes, the last one a padded sector.
 const FilePlan FILE_PLANS[] = {
+    {1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE, 0},
     {2, FILETYPE_DATA, 8 * MIB, 5 * MIB + 3 * 512},
     {3, FILETYPE_BTREEINDEX, 4 * MIB, 3 * MIB + 512},
     {4, FILETYPE_KVINDEX, 2 * MIB, 1 * MIB},
@@ -56,12 +58,11 @@ protected:
     }
     void MakeDatabase()
     {
-        std::vector<FILE_MEMDBFILEINFO> vRows(1 + m_vPlans.size());
+        std::vector<FILE_MEMDBFILEINFO> vRows(m_vPlans.size());
         memset(vRows.data(), 0, vRows.size() * sizeof(FILE_MEMDBFILEINFO));
         for (size_t i = 0; i < vRows.size(); i++) {
             FILE_MEMDBFILEINFO& stRow = vRows[i];
-            const FilePlan f =
-                i == 0 ? FilePlan{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE, 0} : m_vPlans[i - 1];
+            const FilePlan& f = m_vPlans[i];
             stRow.m_bFileNo = f.m_bFileNo;
             stRow.m_bFileType = f.m_bFileType;
             stRow.m_nFileSize = f.m_nSize;
@@ -110,7 +111,7 @@ TEST_F(BackupFullTest, PowerLossAtAnyWriteLeavesNoFileTakenForWhole)
 // in the first and its data range in the second.
 class TwoFileBackupTest : public BackupFullTest {
 protected:
-    TwoFileBackupTest() { m_vPlans.resize(1); }
+    TwoFileBackupTest() { m_vPlans.resize(2); }
 };
 
 // The power goes during any write of an incremental backup, and the disk
@@ -164,7 +165,7 @@ TEST_F(TwoFileBackupTest, AnIncrementalBackupCutAfterAnySectorIsNeverTakenForWho
                 io.CutTransfer(FileOp::PWrite, k, nTorn);
                 EXPECT_FALSE(Backup()) << "write " << k;
                 std::vector<size_t> vAll(io.Unsynced().size());
-                for (size_t i = 0; i < vAll.size(); i++) vAll[i] = i;
+                std::iota(vAll.begin(), vAll.end(), 0);
                 io.LosePowerKeeping(vAll, NameLoss::Keep);
             }
             // Neither the name nor the part file a cut leaves is taken for

@@ -20,7 +20,45 @@ using namespace talvortest;
 
 namespace {
 
-class BackupVerifyTest : public ::testing::Test {
+using Change = std::function<void(std::string&)>;
+// A status for the cases where any verdict but whole will do.
+const int NOT_WHOLE = -1;
+
+LPBACKUPFILEHEAD Head(std::string& s) { return (LPBACKUPFILEHEAD)&s[0]; }
+
+// A backup image in memory, spoilt a case at a time and written at m_strPath.
+class ImageTest : public ::testing::Test {
+protected:
+    int StatusAfter(const Change& fnChange) { return StatusAfterChange(m_strPath, m_strWhole, fnChange); }
+    // Each change alone, on the whole image, gives the status paired with it.
+    void ExpectEach(std::initializer_list<std::pair<int, Change>> lCases)
+    {
+        int i = 0;
+        for (const auto& c : lCases) {
+            int nStatus = StatusAfter(c.second);
+            if (c.first == NOT_WHOLE)
+                EXPECT_NE(BACKUPVERIFY_WHOLE, nStatus) << "case " << i++;
+            else
+                EXPECT_EQ(c.first, nStatus) << "case " << i++;
+        }
+    }
+    // Every cut of the image is refused as cut short.
+    void ExpectCutsRefused(const std::set<long long>& setCuts)
+    {
+        for (long long nCut : setCuts) {
+            ASSERT_LT(nCut, (long long)m_strWhole.size());
+            ASSERT_TRUE(WriteWholeFile(m_strPath, m_strWhole.substr(0, (size_t)nCut)));
+            Verified v(m_strPath);
+            EXPECT_EQ(BACKUPVERIFY_TRUNCATED, v.Status()) << "cut at " << nCut << ": " << v.Finding();
+        }
+    }
+
+    TempTree m_tree{"bverify"};
+    std::string m_strWhole;
+    std::string m_strPath;
+};
+
+class BackupVerifyTest : public ImageTest {
 protected:
     void SetUp() override
     {
@@ -29,19 +67,10 @@ protected:
         m_strWhole = WholeBackup(m_vFiles);
         m_strPath = m_tree.Path("TalvorBackup880044.fbk");
     }
-
-    int StatusAfter(const std::function<void(std::string&)>& fnChange)
-    {
-        return StatusAfterChange(m_strPath, m_strWhole, fnChange);
-    }
-
     // Where file nIndex's copy starts in the whole backup.
     long long DataStart(int nIndex) { return Val(Record(m_strWhole, nIndex)->m_nDataStartOffset); }
 
-    TempTree m_tree{"bverify"};
     std::vector<DbFile> m_vFiles;
-    std::string m_strWhole;
-    std::string m_strPath;
 };
 
 } // namespace
@@ -70,9 +99,8 @@ TEST_F(BackupVerifyTest, WholeBackupPassesAndListsWhatARestoreWrites)
 
 TEST_F(BackupVerifyTest, MoreThan27FilesTakeALargerHeadArea)
 {
-    std::vector<DbFile> vMany = ManyFiles(m_tree, 30);
-    std::string strBackup = WholeBackup(vMany);
-    ASSERT_EQ(16384, Val(((LPBACKUPFILEHEAD)&strBackup[0])->m_nHeadSize));
+    std::string strBackup = WholeBackup(ManyFiles(m_tree, 30));
+    ASSERT_EQ(16384, Val(Head(strBackup)->m_nHeadSize));
     ASSERT_TRUE(WriteWholeFile(m_strPath, strBackup));
     {
         Verified v(m_strPath);
@@ -80,10 +108,9 @@ TEST_F(BackupVerifyTest, MoreThan27FilesTakeALargerHeadArea)
         EXPECT_EQ(30, v.Report().m_nItemNum);
     }
     // A head area of one 8192-byte step cannot hold 30 records.
-    ((LPBACKUPFILEHEAD)&strBackup[0])->m_nHeadSize = 8192;
+    Head(strBackup)->m_nHeadSize = 8192;
     ASSERT_TRUE(WriteWholeFile(m_strPath, strBackup));
-    Verified v(m_strPath);
-    EXPECT_EQ(BACKUPVERIFY_BADHEAD, v.Status());
+    EXPECT_EQ(BACKUPVERIFY_BADHEAD, Verified(m_strPath).Status());
 }
 
 // Cuts at every boundary of the layout, and a sweep of lengths in between.
@@ -92,18 +119,11 @@ TEST_F(BackupVerifyTest, EveryCutIsRefused)
     const long long nWhole = (long long)m_strWhole.size();
     std::set<long long> setCuts = {0, 1, 4, 20, 131, 132, 132 + 100, 132 + 296, 132 + 296 + 24, 132 + 6 * 296,
                                    8191, 8192, 8193, nWhole - 1};
-    for (int i = 0; i < (int)m_vFiles.size(); i++) {
-        long long nStart = DataStart(i);
+    for (int i = 0; i < (int)m_vFiles.size(); i++)
         for (long long d : {0LL, 1LL, 30LL, 105LL, 106LL, 4096LL, m_vFiles[i].m_nFree / 2, m_vFiles[i].m_nFree - 1})
-            if (d >= 0 && d < m_vFiles[i].m_nFree) setCuts.insert(nStart + d);
-    }
+            if (d >= 0 && d < m_vFiles[i].m_nFree) setCuts.insert(DataStart(i) + d);
     for (long long n = 0; n < nWhole; n += 997) setCuts.insert(n);
-    for (long long nCut : setCuts) {
-        ASSERT_LT(nCut, nWhole);
-        ASSERT_TRUE(WriteWholeFile(m_strPath, m_strWhole.substr(0, (size_t)nCut)));
-        Verified v(m_strPath);
-        EXPECT_EQ(BACKUPVERIFY_TRUNCATED, v.Status()) << "cut at " << nCut << ": " << v.Finding();
-    }
+    ExpectCutsRefused(setCuts);
 }
 
 // The finished head torn at any byte over the place-holder: refused unless
@@ -117,8 +137,7 @@ TEST_F(BackupVerifyTest, HeadTornAtAnyByteIsRefused)
     ASSERT_GT(nLastDiff, (size_t)BACKUP_FIXED_HEAD_SIZE);
     ASSERT_TRUE(WriteWholeFile(m_strPath, m_strWhole));
     for (size_t nTorn = 0; nTorn <= nLastDiff + 1; nTorn++) {
-        std::string strHead = m_strWhole.substr(0, nTorn) + strPlaceholder.substr(nTorn);
-        ASSERT_TRUE(WriteFileAt(m_strPath, 0, strHead));
+        ASSERT_TRUE(WriteFileAt(m_strPath, 0, m_strWhole.substr(0, nTorn) + strPlaceholder.substr(nTorn)));
         Verified v(m_strPath);
         if (nTorn == nLastDiff + 1)
             EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
@@ -139,110 +158,104 @@ TEST_F(BackupVerifyTest, AnyRecordStillZeroIsRefused)
 
 TEST_F(BackupVerifyTest, FixedHeadFaultsAreRefused)
 {
-    auto Head = [](std::string& s) { return (LPBACKUPFILEHEAD)&s[0]; };
-    EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_nVersion = 0x4000000; }));
-    EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_nFileFlag = 0x41444B43; }));
-    EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_pDataFlag[5] = 'R'; }));
-    // The data flag is NUL padded: a byte behind the text is no backup's.
-    EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_pDataFlag[7] = 'x'; }));
-    EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_nFileNum = 0; }));
-    EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_nFileNum = 257; }));
-    EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_nHeadSize = 16384; }));
-    EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_nReferTimestamp = 5; }));
-    // One more: record 7 is zero.
-    EXPECT_EQ(BACKUPVERIFY_UNFINISHED, StatusAfter([&](std::string& s) { Head(s)->m_nFileNum += 1; }));
-    // A level above 0 must name the older backup it goes on top of; and
-    // then the copies of a full backup do not read as its pages.
-    EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_bLevel = 1; }));
-    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) {
-                  Head(s)->m_bLevel = 1;
-                  Head(s)->m_nReferTimestamp = BACKUP_TIMESTAMP - 1;
-              }));
+    ExpectEach({
+        {BACKUPVERIFY_BADHEAD, [](std::string& s) { Head(s)->m_nVersion = 0x4000000; }},
+        {BACKUPVERIFY_BADHEAD, [](std::string& s) { Head(s)->m_nFileFlag = 0x41444B43; }},
+        {BACKUPVERIFY_BADHEAD, [](std::string& s) { Head(s)->m_pDataFlag[5] = 'R'; }},
+        // The data flag is NUL padded: a byte behind the text is no backup's.
+        {BACKUPVERIFY_BADHEAD, [](std::string& s) { Head(s)->m_pDataFlag[7] = 'x'; }},
+        {BACKUPVERIFY_BADHEAD, [](std::string& s) { Head(s)->m_nFileNum = 0; }},
+        {BACKUPVERIFY_BADHEAD, [](std::string& s) { Head(s)->m_nFileNum = 257; }},
+        {BACKUPVERIFY_BADHEAD, [](std::string& s) { Head(s)->m_nHeadSize = 16384; }},
+        {BACKUPVERIFY_BADHEAD, [](std::string& s) { Head(s)->m_nReferTimestamp = 5; }},
+        // One more: record 7 is zero.
+        {BACKUPVERIFY_UNFINISHED, [](std::string& s) { Head(s)->m_nFileNum += 1; }},
+        // A level above 0 must name the older backup it goes on top of; and
+        // then the copies of a full backup do not read as its pages.
+        {BACKUPVERIFY_BADHEAD, [](std::string& s) { Head(s)->m_bLevel = 1; }},
+        {BACKUPVERIFY_BADRECORD,
+         [](std::string& s) { Head(s)->m_bLevel = 1, Head(s)->m_nReferTimestamp = BACKUP_TIMESTAMP - 1; }},
+    });
 }
 
 TEST_F(BackupVerifyTest, RecordOutOfBoundsIsRefused)
 {
     const int nLast = (int)m_vFiles.size() - 1;
-    // Overlapping the next: file 2's copy ends 512 bytes into file 3's.
-    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) {
-                  Record(s, 1)->m_nDataEndOffset += 512;
-                  Record(s, 1)->m_nFileFreeMemoryOffset += 512;
-              }));
-    // The next one starting inside the one before.
-    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) {
-                  Record(s, 3)->m_nDataStartOffset -= 512;
-                  Record(s, 3)->m_nFileFreeMemoryOffset += 512;
-              }));
-    // A gap between two copies.
-    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 4)->m_nDataStartOffset += 512; }));
-    // The first copy inside the head area.
-    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) {
-                  Record(s, 0)->m_nDataStartOffset = 4096;
-                  Record(s, 0)->m_nFileFreeMemoryOffset += 4096;
-              }));
-    // Copy length and used part disagree.
-    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 1)->m_nFileFreeMemoryOffset -= 1; }));
-    // End before start.
-    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 2)->m_nDataEndOffset -= 1; }));
-    // Used part beyond the file's size; head beyond the used part; a head
-    // too small for a file head; negative sizes.
-    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 1)->m_nFileSize = 70000; }));
-    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 3)->m_nFileHeaderSize = 40961; }));
-    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 3)->m_nFileHeaderSize = 64; }));
-    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 3)->m_nFileSize = -1; }));
-    // The last copy pointing past the end of the backup: the record and the
-    // copied head agree, the file is too short.
-    EXPECT_EQ(BACKUPVERIFY_TRUNCATED, StatusAfter([&](std::string& s) {
-                  Record(s, nLast)->m_nDataEndOffset += 16384;
-                  Record(s, nLast)->m_nFileFreeMemoryOffset += 16384;
-              }));
+    // Grows (or, negative, moves back the start of) record i's copy by n.
+    auto Grow = [](std::string& s, int i, long long n) {
+        (n > 0 ? Record(s, i)->m_nDataEndOffset : Record(s, i)->m_nDataStartOffset) += n;
+        Record(s, i)->m_nFileFreeMemoryOffset += n > 0 ? n : -n;
+    };
+    ExpectEach({
+        // Overlapping the next: file 2's copy ends 512 bytes into file 3's;
+        // the next one starting inside the one before.
+        {BACKUPVERIFY_BADRECORD, [&](std::string& s) { Grow(s, 1, 512); }},
+        {BACKUPVERIFY_BADRECORD, [&](std::string& s) { Grow(s, 3, -512); }},
+        // A gap between two copies.
+        {BACKUPVERIFY_BADRECORD, [](std::string& s) { Record(s, 4)->m_nDataStartOffset += 512; }},
+        // The first copy inside the head area.
+        {BACKUPVERIFY_BADRECORD, [&](std::string& s) { Grow(s, 0, 4096 - Val(Record(s, 0)->m_nDataStartOffset)); }},
+        // Copy length and used part disagree; end before start.
+        {BACKUPVERIFY_BADRECORD, [](std::string& s) { Record(s, 1)->m_nFileFreeMemoryOffset -= 1; }},
+        {BACKUPVERIFY_BADRECORD, [](std::string& s) { Record(s, 2)->m_nDataEndOffset -= 1; }},
+        // Used part beyond the file's size; head beyond the used part; a head
+        // too small for a file head; negative sizes.
+        {BACKUPVERIFY_BADRECORD, [](std::string& s) { Record(s, 1)->m_nFileSize = 70000; }},
+        {BACKUPVERIFY_BADRECORD, [](std::string& s) { Record(s, 3)->m_nFileHeaderSize = 40961; }},
+        {BACKUPVERIFY_BADRECORD, [](std::string& s) { Record(s, 3)->m_nFileHeaderSize = 64; }},
+        {BACKUPVERIFY_BADRECORD, [](std::string& s) { Record(s, 3)->m_nFileSize = -1; }},
+        // The last copy pointing past the end of the backup: the record and
+        // the copied head agree, the file is too short.
+        {BACKUPVERIFY_TRUNCATED, [&](std::string& s) { Grow(s, nLast, 16384); }},
+    });
 }
 
 TEST_F(BackupVerifyTest, RecordIdentityFaultsAreRefused)
 {
-    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 4)->m_bFileNo = 5; }));
-    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 2)->m_bFileNo = 0; }));
-    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) {
-                  memset(Record(s, 1)->m_lpszFilePath, 'a', sizeof(Record(s, 1)->m_lpszFilePath));
-              }));
-    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 1)->m_lpszFilePath[0] = '\0'; }));
+    ExpectEach({
+        {BACKUPVERIFY_BADRECORD, [](std::string& s) { Record(s, 4)->m_bFileNo = 5; }},
+        {BACKUPVERIFY_BADRECORD, [](std::string& s) { Record(s, 2)->m_bFileNo = 0; }},
+        {BACKUPVERIFY_BADRECORD,
+         [](std::string& s) { memset(Record(s, 1)->m_lpszFilePath, 'a', sizeof(Record(s, 1)->m_lpszFilePath)); }},
+        {BACKUPVERIFY_BADRECORD, [](std::string& s) { Record(s, 1)->m_lpszFilePath[0] = '\0'; }},
+        // The restore takes record 1 for the system file.
+        {BACKUPVERIFY_BADRECORD, [](std::string& s) { Record(s, 0)->m_bFileNo = 4; }},
+        {BACKUPVERIFY_BADRECORD, [](std::string& s) { Record(s, 0)->m_bFileType = FILETYPE_DATA; }},
+        {BACKUPVERIFY_BADRECORD, [](std::string& s) { Record(s, 1)->m_bFileType = FILETYPE_SYSTEM; }},
+    });
     for (BYTE bType : {0, 5, 9, 12, 255})
         EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 1)->m_bFileType = bType; }))
             << "type " << (int)bType;
-    // The restore takes record 1 for the system file.
-    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 0)->m_bFileNo = 4; }));
-    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 0)->m_bFileType = FILETYPE_DATA; }));
-    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 1)->m_bFileType = FILETYPE_SYSTEM; }));
 }
 
 TEST_F(BackupVerifyTest, CopiedHeadThatIsNotTheRecordsFileIsRefused)
 {
     for (int i = 0; i < (int)m_vFiles.size(); i++) {
         if (m_vFiles[i].m_nFree == 0) continue;
-        long long nHead = DataStart(i);
-        auto Head = [&](std::string& s) { return (LPBASEFILEHEAD)&s[(size_t)nHead]; };
-        EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) { Head(s)->m_nDataFlag ^= 0x100; }))
-            << "file " << i;
-        EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) { Head(s)->m_bFileNo = 99; })) << "file " << i;
-        EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) {
-                      Head(s)->m_bFileType = Head(s)->m_bFileType == FILETYPE_DATA ? FILETYPE_KVINDEX : FILETYPE_DATA;
-                  })) << "file " << i;
-        EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) { Head(s)->m_nFileTotalSize += 8192; }))
-            << "file " << i;
+        SCOPED_TRACE(testing::Message() << "file " << i);
+        auto File = [nHead = DataStart(i)](std::string& s) { return (LPBASEFILEHEAD)&s[(size_t)nHead]; };
+        ExpectEach({
+            {BACKUPVERIFY_BADMARK, [&](std::string& s) { File(s)->m_nDataFlag ^= 0x100; }},
+            {BACKUPVERIFY_BADMARK, [&](std::string& s) { File(s)->m_bFileNo = 99; }},
+            {BACKUPVERIFY_BADMARK, [&](std::string& s) {
+                 File(s)->m_bFileType = File(s)->m_bFileType == FILETYPE_DATA ? FILETYPE_KVINDEX : FILETYPE_DATA;
+             }},
+            {BACKUPVERIFY_BADMARK, [&](std::string& s) { File(s)->m_nFileTotalSize += 8192; }},
+        });
     }
-    // A file of another type's mark, record and head agreeing on the type:
-    // the mark must be the one of that type.
-    EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) {
-                  Record(s, 1)->m_bFileType = FILETYPE_BTREEINDEX;
-                  ((LPBASEFILEHEAD)&s[(size_t)DataStart(1)])->m_bFileType = FILETYPE_BTREEINDEX;
-              }));
-    // Two copies swapped in place: each record's head names the other file.
-    EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) {
-                  std::string strA = s.substr((size_t)DataStart(3), 106);
-                  std::string strB = s.substr((size_t)DataStart(4), 106);
-                  s.replace((size_t)DataStart(3), 106, strB);
-                  s.replace((size_t)DataStart(4), 106, strA);
-              }));
+    ExpectEach({
+        // A file of another type's mark, record and head agreeing on the
+        // type: the mark must be the one of that type.
+        {BACKUPVERIFY_BADMARK, [&](std::string& s) {
+             Record(s, 1)->m_bFileType = ((LPBASEFILEHEAD)&s[(size_t)DataStart(1)])->m_bFileType = FILETYPE_BTREEINDEX;
+         }},
+        // Two copies swapped in place: each record's head names the other file.
+        {BACKUPVERIFY_BADMARK, [&](std::string& s) {
+             std::string strA = s.substr((size_t)DataStart(3), 106);
+             s.replace((size_t)DataStart(3), 106, s.substr((size_t)DataStart(4), 106));
+             s.replace((size_t)DataStart(4), 106, strA);
+         }},
+    });
 }
 
 // The verifier's promise to an operator: it opens the backup read-only,
@@ -273,23 +286,21 @@ TEST_F(BackupVerifyTest, ReadsLittleAndWritesNothing)
 TEST_F(BackupVerifyTest, ReadFailureIsUnreadableNotWhole)
 {
     ASSERT_TRUE(WriteWholeFile(m_strPath, m_strWhole));
-    for (long long nNth = 1; nNth <= 8; nNth++) {
+    // Reads: fixed head, head area, one per non-empty copy.
+    const long long nReads = 2 + (long long)m_vFiles.size() - 1;
+    for (long long nNth = 1; nNth <= nReads + 1; nNth++) {
         FaultFileIO io;
         ScopedFileIO scoped(&io);
         io.FailCall(FileOp::PRead, nNth, EIO);
-        Verified v(m_strPath);
-        // Reads: fixed head, head area, one per non-empty copy.
-        if (nNth <= 2 + (long long)m_vFiles.size() - 1)
-            EXPECT_EQ(BACKUPVERIFY_UNREADABLE, v.Status()) << "read " << nNth;
-        else
-            EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << "read " << nNth;
+        EXPECT_EQ(nNth <= nReads ? BACKUPVERIFY_UNREADABLE : BACKUPVERIFY_WHOLE, Verified(m_strPath).Status())
+            << "read " << nNth;
     }
 }
 
 // Incremental backups.
 namespace {
 
-class BackupIncrementTest : public ::testing::Test {
+class BackupIncrementTest : public ImageTest {
 protected:
     void SetUp() override
     {
@@ -298,12 +309,6 @@ protected:
         m_strWhole = IncrementImage(m_vFiles);
         m_strPath = m_tree.Path("TalvorBackup990077.fbk");
     }
-
-    int StatusAfter(const std::function<void(std::string&)>& fnChange)
-    {
-        return StatusAfterChange(m_strPath, m_strWhole, fnChange);
-    }
-
     static LPBACKUPINCREMENTHEAD Page(std::string& s, long long nPos) { return PageAt(s, nPos); }
     static LPBACKUPINCREMENTITEM Item(std::string& s, long long nPage, int nItem)
     {
@@ -312,10 +317,7 @@ protected:
     long long FirstPage(int nFile) { return Val(Record(m_strWhole, nFile)->m_nDataStartOffset); }
     long long SecondPage(int nFile) { return Val(Page(m_strWhole, FirstPage(nFile))->m_nNextPos); }
 
-    TempTree m_tree{"bverify"};
     std::vector<IncFile> m_vFiles;
-    std::string m_strWhole;
-    std::string m_strPath;
 };
 
 } // namespace
@@ -331,13 +333,11 @@ TEST_F(BackupIncrementTest, WholeIncrementPassesAndListsWhatARestoreApplies)
     EXPECT_EQ(INCREMENT_REFER, r.m_nReferTimestamp);
     ASSERT_EQ((int)m_vFiles.size(), r.m_nItemNum);
     for (size_t i = 0; i < m_vFiles.size(); i++) {
-        const BACKUPRESTOREITEM& it = r.m_arItem[i];
         long long nBytes = 0;
-        for (const Piece& p : m_vFiles[i].m_vPieces)
-            nBytes += p.m_nSize;
-        EXPECT_STREQ(m_vFiles[i].m_stFile.m_strPath.c_str(), it.m_lpszFilePath);
-        EXPECT_EQ((int)m_vFiles[i].m_vPieces.size(), it.m_nPieceNum) << i;
-        EXPECT_EQ(nBytes, it.m_nCopiedSize) << i;
+        for (const Piece& p : m_vFiles[i].m_vPieces) nBytes += p.m_nSize;
+        EXPECT_STREQ(m_vFiles[i].m_stFile.m_strPath.c_str(), r.m_arItem[i].m_lpszFilePath);
+        EXPECT_EQ((int)m_vFiles[i].m_vPieces.size(), r.m_arItem[i].m_nPieceNum) << i;
+        EXPECT_EQ(nBytes, r.m_arItem[i].m_nCopiedSize) << i;
     }
     // The data file's 334 items take two pages, the first one full.
     EXPECT_EQ(BACKUP_INCREMENT_MAX_ITEMS, Val(Page(m_strWhole, FirstPage(1))->m_nIncrementBlockNum));
@@ -350,136 +350,101 @@ TEST_F(BackupIncrementTest, WholeIncrementPassesAndListsWhatARestoreApplies)
 TEST_F(BackupIncrementTest, EveryCutIsRefused)
 {
     const long long nWhole = (long long)m_strWhole.size();
-    std::set<long long> setCuts = {0, 131, 8191, 8192, nWhole - 1};
-    for (int i : {0, 1, 3}) {
-        setCuts.insert(FirstPage(i));
-        setCuts.insert(FirstPage(i) + 20);
-        setCuts.insert(FirstPage(i) + 8191);
-        setCuts.insert(FirstPage(i) + 8192 + 10);
-        setCuts.insert(Val(Record(m_strWhole, i)->m_nDataEndOffset) - 1);
-    }
-    setCuts.insert(SecondPage(1));
-    setCuts.insert(SecondPage(1) + 4000);
-    for (long long n = 0; n < nWhole; n += 1999)
-        setCuts.insert(n);
-    for (long long nCut : setCuts) {
-        ASSERT_TRUE(WriteWholeFile(m_strPath, m_strWhole.substr(0, (size_t)nCut)));
-        Verified v(m_strPath);
-        EXPECT_EQ(BACKUPVERIFY_TRUNCATED, v.Status()) << "cut at " << nCut << ": " << v.Finding();
-    }
+    std::set<long long> setCuts = {0, 131, 8191, 8192, nWhole - 1, SecondPage(1), SecondPage(1) + 4000};
+    for (int i : {0, 1, 3})
+        for (long long nCut : {FirstPage(i), FirstPage(i) + 20, FirstPage(i) + 8191, FirstPage(i) + 8192 + 10,
+                               Val(Record(m_strWhole, i)->m_nDataEndOffset) - 1})
+            setCuts.insert(nCut);
+    for (long long n = 0; n < nWhole; n += 1999) setCuts.insert(n);
+    ExpectCutsRefused(setCuts);
 }
 
 TEST_F(BackupIncrementTest, HeadFaultsAreRefused)
 {
-    auto Head = [](std::string& s) { return (LPBACKUPFILEHEAD)&s[0]; };
-    EXPECT_EQ(BACKUPVERIFY_BADHEAD, StatusAfter([&](std::string& s) { Head(s)->m_nReferTimestamp = 0; }));
-    EXPECT_EQ(BACKUPVERIFY_BADHEAD,
-              StatusAfter([&](std::string& s) { Head(s)->m_nReferTimestamp = INCREMENT_TIMESTAMP; }));
-    EXPECT_EQ(BACKUPVERIFY_UNFINISHED, StatusAfter([&](std::string& s) {
-                  std::string strPlaceholder = PlaceholderHead((int)m_vFiles.size());
-                  s.replace(0, strPlaceholder.size(), strPlaceholder);
-              }));
+    ExpectEach({
+        {BACKUPVERIFY_BADHEAD, [](std::string& s) { Head(s)->m_nReferTimestamp = 0; }},
+        {BACKUPVERIFY_BADHEAD, [](std::string& s) { Head(s)->m_nReferTimestamp = INCREMENT_TIMESTAMP; }},
+        {BACKUPVERIFY_UNFINISHED, [&](std::string& s) {
+             std::string strPlaceholder = PlaceholderHead((int)m_vFiles.size());
+             s.replace(0, strPlaceholder.size(), strPlaceholder);
+         }},
+    });
 }
 
 TEST_F(BackupIncrementTest, PageFaultsAreRefused)
 {
-    // A page never rewritten: a place-holder holds no item.
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) {
-                  std::string strEmpty;
-                  AppendPage(strEmpty);
-                  s.replace((size_t)FirstPage(3), strEmpty.size(), strEmpty);
-              }));
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
-              StatusAfter([&](std::string& s) { Page(s, FirstPage(0))->m_nDataFlag = BLOCK_DATAFLAG; }));
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Page(s, FirstPage(0))->m_nBlockSize = 4096; }));
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
-              StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nIncrementBlockNum = 291; }));
-    // The full first page cut back: its last items seem to be missing, the
-    // next page is where the run does not expect it.
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
-              StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nIncrementBlockNum = 289; }));
-    // A chain that stops after the first page, skips or loops.
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nNextPos = 0; }));
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
-              StatusAfter([&](std::string& s) { Page(s, FirstPage(1))->m_nNextPos = SecondPage(1) + 512; }));
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
-              StatusAfter([&](std::string& s) { Page(s, SecondPage(1))->m_nNextPos = FirstPage(1); }));
-    // A record whose data ends before or after its pages.
-    EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Record(s, 3)->m_nDataEndOffset -= 512; }));
-    EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Record(s, 0)->m_nDataEndOffset -= 1; }));
-    EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Record(s, 0)->m_nDataEndOffset += 1; }));
-    // A changed file's data must follow the changed one before it.
-    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 3)->m_nDataStartOffset += 8192; }));
-    EXPECT_EQ(BACKUPVERIFY_BADRECORD, StatusAfter([&](std::string& s) { Record(s, 2)->m_nDataEndOffset = 8192; }));
+    const long long nPage0 = FirstPage(0), nPage1 = FirstPage(1), nNext1 = SecondPage(1);
+    ExpectEach({
+        // A page never rewritten: a place-holder holds no item.
+        {BACKUPVERIFY_BADPAGE, [&](std::string& s) {
+             std::string strEmpty;
+             AppendPage(strEmpty);
+             s.replace((size_t)FirstPage(3), strEmpty.size(), strEmpty);
+         }},
+        {BACKUPVERIFY_BADPAGE, [&](std::string& s) { Page(s, nPage0)->m_nDataFlag = BLOCK_DATAFLAG; }},
+        {BACKUPVERIFY_BADPAGE, [&](std::string& s) { Page(s, nPage0)->m_nBlockSize = 4096; }},
+        {BACKUPVERIFY_BADPAGE, [&](std::string& s) { Page(s, nPage1)->m_nIncrementBlockNum = 291; }},
+        // The full first page cut back: its last items seem to be missing,
+        // the next page is where the run does not expect it.
+        {BACKUPVERIFY_BADPAGE, [&](std::string& s) { Page(s, nPage1)->m_nIncrementBlockNum = 289; }},
+        // A chain that stops after the first page, skips or loops.
+        {BACKUPVERIFY_BADPAGE, [&](std::string& s) { Page(s, nPage1)->m_nNextPos = 0; }},
+        {BACKUPVERIFY_BADPAGE, [&](std::string& s) { Page(s, nPage1)->m_nNextPos = nNext1 + 512; }},
+        {BACKUPVERIFY_BADPAGE, [&](std::string& s) { Page(s, nNext1)->m_nNextPos = nPage1; }},
+        // A record whose data ends before or after its pages.
+        {NOT_WHOLE, [](std::string& s) { Record(s, 3)->m_nDataEndOffset -= 512; }},
+        {NOT_WHOLE, [](std::string& s) { Record(s, 0)->m_nDataEndOffset -= 1; }},
+        {NOT_WHOLE, [](std::string& s) { Record(s, 0)->m_nDataEndOffset += 1; }},
+        // A changed file's data must follow the changed one before it.
+        {BACKUPVERIFY_BADRECORD, [](std::string& s) { Record(s, 3)->m_nDataStartOffset += 8192; }},
+        {BACKUPVERIFY_BADRECORD, [](std::string& s) { Record(s, 2)->m_nDataEndOffset = 8192; }},
+    });
 }
 
 TEST_F(BackupIncrementTest, ItemFaultsAreRefused)
 {
-    long long nPage = FirstPage(0);
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 1)->m_nBlockType = 4; }));
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 0)->m_nBlockType = 3; }));
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockType = 1; }));
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 0)->m_nBlockFilePos = 512; }));
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockDataPos += 1; }));
-    // Longer than the block it names: the next item's data is not where it
-    // says, or the block's own size differs.
-    EXPECT_NE(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockSize += 512; }));
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockSize = 0; }));
-    // Pieces too short to hold a map block's or a block's head.
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 1)->m_nBlockSize = 24; }));
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockSize = 40; }));
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE,
-              StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockFilePos = 1048576 - 1024; }));
-    EXPECT_EQ(BACKUPVERIFY_BADPAGE, StatusAfter([&](std::string& s) { Item(s, nPage, 2)->m_nBlockFilePos = -2048; }));
+    const long long nPage = FirstPage(0);
+    auto It = [nPage](std::string& s, int nItem) { return Item(s, nPage, nItem); };
+    ExpectEach({
+        {BACKUPVERIFY_BADPAGE, [&](std::string& s) { It(s, 1)->m_nBlockType = 4; }},
+        {BACKUPVERIFY_BADPAGE, [&](std::string& s) { It(s, 0)->m_nBlockType = 3; }},
+        {BACKUPVERIFY_BADPAGE, [&](std::string& s) { It(s, 2)->m_nBlockType = 1; }},
+        {BACKUPVERIFY_BADPAGE, [&](std::string& s) { It(s, 0)->m_nBlockFilePos = 512; }},
+        {BACKUPVERIFY_BADPAGE, [&](std::string& s) { It(s, 2)->m_nBlockDataPos += 1; }},
+        // Longer than the block it names: the next item's data is not where
+        // it says, or the block's own size differs.
+        {NOT_WHOLE, [&](std::string& s) { It(s, 2)->m_nBlockSize += 512; }},
+        {BACKUPVERIFY_BADPAGE, [&](std::string& s) { It(s, 2)->m_nBlockSize = 0; }},
+        // Pieces too short to hold a map block's or a block's head.
+        {BACKUPVERIFY_BADPAGE, [&](std::string& s) { It(s, 1)->m_nBlockSize = 24; }},
+        {BACKUPVERIFY_BADPAGE, [&](std::string& s) { It(s, 2)->m_nBlockSize = 40; }},
+        {BACKUPVERIFY_BADPAGE, [&](std::string& s) { It(s, 2)->m_nBlockFilePos = 1048576 - 1024; }},
+        {BACKUPVERIFY_BADPAGE, [&](std::string& s) { It(s, 2)->m_nBlockFilePos = -2048; }},
+    });
 }
 
 TEST_F(BackupIncrementTest, PieceThatIsNotWhatItsItemNamesIsRefused)
 {
-    long long nPage = FirstPage(0);
+    const long long nPage = FirstPage(0);
     auto At = [&](std::string& s, int nItem) {
         return &s[(size_t)Val(Item(m_strWhole, nPage, nItem)->m_nBlockDataPos)];
     };
-    // The copied head.
-    EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) { ((LPBASEFILEHEAD)At(s, 0))->m_bFileNo = 3; }));
-    // A map block: mark, number; a memory-mode file with the cache mode's mark.
-    EXPECT_EQ(BACKUPVERIFY_BADMARK,
-              StatusAfter([&](std::string& s) { ((LPBASEFILEBLOCKMAPHEAD)At(s, 1))->m_nMapNo = 2; }));
-    EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) {
-                  ((LPBASEFILEBLOCKMAPHEAD)At(s, 1))->m_nDataFlag = BLOCKMAP_CACHE_DATAFLAG;
-              }));
-    // A block: mark, number, size.
-    EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) { ((LPBASEBLOCKHEAD)At(s, 2))->m_nDataFlag = 0; }));
-    EXPECT_EQ(BACKUPVERIFY_BADMARK, StatusAfter([&](std::string& s) { ((LPBASEBLOCKHEAD)At(s, 3))->m_nBlockNo = 1; }));
-    EXPECT_EQ(BACKUPVERIFY_BADMARK,
-              StatusAfter([&](std::string& s) { ((LPBASEBLOCKHEAD)At(s, 3))->m_nBlockSize = 4096; }));
-    // Item and piece agree on another number: the piece is that block.
-    EXPECT_EQ(BACKUPVERIFY_WHOLE, StatusAfter([&](std::string& s) {
-                  Item(s, nPage, 3)->m_nBlockNo = 77;
-                  ((LPBASEBLOCKHEAD)At(s, 3))->m_nBlockNo = 77;
-              }));
+    auto Map = [&](std::string& s) { return (LPBASEFILEBLOCKMAPHEAD)At(s, 1); };
+    auto Block = [&](std::string& s, int nItem) { return (LPBASEBLOCKHEAD)At(s, nItem); };
+    ExpectEach({
+        // The copied head.
+        {BACKUPVERIFY_BADMARK, [&](std::string& s) { ((LPBASEFILEHEAD)At(s, 0))->m_bFileNo = 3; }},
+        // A map block: mark, number; a memory-mode file with the cache mode's mark.
+        {BACKUPVERIFY_BADMARK, [&](std::string& s) { Map(s)->m_nMapNo = 2; }},
+        {BACKUPVERIFY_BADMARK, [&](std::string& s) { Map(s)->m_nDataFlag = BLOCKMAP_CACHE_DATAFLAG; }},
+        // A block: mark, number, size.
+        {BACKUPVERIFY_BADMARK, [&](std::string& s) { Block(s, 2)->m_nDataFlag = 0; }},
+        {BACKUPVERIFY_BADMARK, [&](std::string& s) { Block(s, 3)->m_nBlockNo = 1; }},
+        {BACKUPVERIFY_BADMARK, [&](std::string& s) { Block(s, 3)->m_nBlockSize = 4096; }},
+        // Item and piece agree on another number: the piece is that block.
+        {BACKUPVERIFY_WHOLE, [&](std::string& s) { Item(s, nPage, 3)->m_nBlockNo = Block(s, 3)->m_nBlockNo = 77; }},
+    });
 }
-
-namespace {
-
-struct ChainVerdict {
-    int m_nStatus;
-    int m_nLinkNum;
-    std::string m_strFinding;
-    std::vector<int> m_vLinkStatus;
-};
-
-ChainVerdict VerifyChainAt(const std::string& strTop)
-{
-    std::unique_ptr<BACKUPCHAINREPORT> pReport(new BACKUPCHAINREPORT);
-    ChainVerdict v;
-    v.m_nStatus = TalvorVerifyBackupChain(strTop.c_str(), pReport.get());
-    v.m_nLinkNum = pReport->m_nLinkNum;
-    v.m_strFinding = pReport->m_szFinding;
-    for (int i = 0; i < pReport->m_nLinkNum; i++) v.m_vLinkStatus.push_back(pReport->m_arLink[i].m_nStatus);
-    return v;
-}
-
-} // namespace
 
 TEST_F(BackupIncrementTest, AChainIsWholeOnlyWithEveryLinkThereWholeAndOfTheLevelTimestampAndDatabaseNamed)
 {
@@ -489,25 +454,26 @@ TEST_F(BackupIncrementTest, AChainIsWholeOnlyWithEveryLinkThereWholeAndOfTheLeve
     const std::string strFullPath = m_tree.Path("TalvorBackup" + std::to_string(INCREMENT_REFER) + ".fbk");
     ASSERT_TRUE(WriteWholeFile(strFullPath, strFull));
     ASSERT_TRUE(WriteWholeFile(m_strPath, m_strWhole));
+    std::unique_ptr<BACKUPCHAINREPORT> pChain(new BACKUPCHAINREPORT);
+    const BACKUPCHAINREPORT& r = *pChain;
+    auto Chain = [&](const std::string& strTop) { return TalvorVerifyBackupChain(strTop.c_str(), pChain.get()); };
 
-    ChainVerdict v = VerifyChainAt(m_strPath);
-    EXPECT_EQ(BACKUPVERIFY_WHOLE, v.m_nStatus) << v.m_strFinding;
-    EXPECT_EQ(2, v.m_nLinkNum);
-    v = VerifyChainAt(strFullPath);
-    EXPECT_EQ(BACKUPVERIFY_WHOLE, v.m_nStatus) << v.m_strFinding;
-    EXPECT_EQ(1, v.m_nLinkNum);
+    EXPECT_EQ(BACKUPVERIFY_WHOLE, Chain(m_strPath)) << r.m_szFinding;
+    EXPECT_EQ(2, r.m_nLinkNum);
+    EXPECT_EQ(BACKUPVERIFY_WHOLE, Chain(strFullPath)) << r.m_szFinding;
+    EXPECT_EQ(1, r.m_nLinkNum);
 
     // A level 2 that names the full backup as the one below it.
     std::string strLevel2 = m_strWhole;
-    LPBACKUPFILEHEAD lpHead = (LPBACKUPFILEHEAD)&strLevel2[0];
-    lpHead->m_bLevel = 2;
-    lpHead->m_nTimestamp = INCREMENT_TIMESTAMP + 5;
+    Head(strLevel2)->m_bLevel = 2;
+    Head(strLevel2)->m_nTimestamp = INCREMENT_TIMESTAMP + 5;
     const std::string strLevel2Path = m_tree.Path("TalvorBackup" + std::to_string(INCREMENT_TIMESTAMP + 5) + ".fbk");
     ASSERT_TRUE(WriteWholeFile(strLevel2Path, strLevel2));
-    v = VerifyChainAt(strLevel2Path);
-    EXPECT_EQ(BACKUPVERIFY_BADLINK, v.m_nStatus);
-    EXPECT_NE(std::string::npos, v.m_strFinding.find("not of the level just below")) << v.m_strFinding;
-    EXPECT_EQ((std::vector<int>{BACKUPVERIFY_WHOLE, BACKUPVERIFY_BADLINK}), v.m_vLinkStatus);
+    EXPECT_EQ(BACKUPVERIFY_BADLINK, Chain(strLevel2Path));
+    EXPECT_NE(nullptr, strstr(r.m_szFinding, "not of the level just below")) << r.m_szFinding;
+    ASSERT_EQ(2, r.m_nLinkNum);
+    EXPECT_EQ(BACKUPVERIFY_WHOLE, r.m_arLink[0].m_nStatus);
+    EXPECT_EQ(BACKUPVERIFY_BADLINK, r.m_arLink[1].m_nStatus);
 
     // The full backup under the name the level 1 refers to carries another
     // timestamp, or another database's identity: each alone a whole backup.
@@ -520,23 +486,20 @@ TEST_F(BackupIncrementTest, AChainIsWholeOnlyWithEveryLinkThereWholeAndOfTheLeve
         strOther[fault.first] ^= 0x01;
         ASSERT_TRUE(WriteWholeFile(strFullPath, strOther));
         ASSERT_EQ(BACKUPVERIFY_WHOLE, Verified(strFullPath).Status());
-        v = VerifyChainAt(m_strPath);
-        EXPECT_EQ(BACKUPVERIFY_BADLINK, v.m_nStatus);
-        EXPECT_NE(std::string::npos, v.m_strFinding.find(fault.second)) << v.m_strFinding;
+        EXPECT_EQ(BACKUPVERIFY_BADLINK, Chain(m_strPath));
+        EXPECT_NE(nullptr, strstr(r.m_szFinding, fault.second)) << r.m_szFinding;
     }
 
     // The full backup cut: the link's own finding, named as link 1.
     ASSERT_TRUE(WriteWholeFile(strFullPath, strFull.substr(0, strFull.size() - 1)));
-    v = VerifyChainAt(m_strPath);
-    EXPECT_EQ(BACKUPVERIFY_TRUNCATED, v.m_nStatus);
-    EXPECT_EQ(0u, v.m_strFinding.find("link 1: " + strFullPath)) << v.m_strFinding;
+    EXPECT_EQ(BACKUPVERIFY_TRUNCATED, Chain(m_strPath));
+    EXPECT_EQ(0u, std::string(r.m_szFinding).find("link 1: " + strFullPath)) << r.m_szFinding;
 
     // Gone: a missing link; a top that is not there is only unreadable.
     ASSERT_EQ(0, unlink(strFullPath.c_str()));
-    v = VerifyChainAt(m_strPath);
-    EXPECT_EQ(BACKUPVERIFY_MISSINGLINK, v.m_nStatus) << v.m_strFinding;
-    EXPECT_EQ(BACKUPVERIFY_UNREADABLE, VerifyChainAt(strFullPath).m_nStatus);
+    EXPECT_EQ(BACKUPVERIFY_MISSINGLINK, Chain(m_strPath));
+    EXPECT_EQ(BACKUPVERIFY_UNREADABLE, Chain(strFullPath));
 
     // A top path the report has no room for is refused, not cut.
-    EXPECT_EQ(BACKUPVERIFY_UNREADABLE, VerifyChainAt("/" + std::string(BACKUP_CHAIN_PATH_MAX, 'a')).m_nStatus);
+    EXPECT_EQ(BACKUPVERIFY_UNREADABLE, Chain("/" + std::string(BACKUP_CHAIN_PATH_MAX, 'a')));
 }

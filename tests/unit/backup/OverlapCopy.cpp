@@ -26,10 +26,9 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(m_tree.Ok());
-        std::string strBytes(10 * PIECE + 3000, '\0');
-        for (size_t i = 0; i < strBytes.size(); i++) strBytes[i] = (char)(rand() & 0xff);
-        m_strSource = m_tree.File("source", strBytes);
-        m_strBytes = strBytes;
+        m_strBytes.resize(10 * PIECE + 3000);
+        for (char& c : m_strBytes) c = (char)(rand() & 0xff);
+        m_strSource = m_tree.File("source", m_strBytes);
         m_arBuf[0] = (LPBYTE)get_aligned_buffer(PIECE);
         m_arBuf[1] = (LPBYTE)get_aligned_buffer(PIECE);
         ASSERT_TRUE(m_arBuf[0] != nullptr && m_arBuf[1] != nullptr);

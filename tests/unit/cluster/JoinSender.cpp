@@ -186,57 +186,42 @@ private:
     std::thread m_thread;
 };
 
-stu_FILEINFO MakeInfo(BYTE bFileNo, IVirtualStorageFile* pFile, long long nSize, const std::string& strPath)
-{
-    stu_FILEINFO st;
-    memset(&st, 0, sizeof(st));
-    st.m_bFileNo = bFileNo;
-    st.m_bFileType = FILETYPE_DATA;
-    st.m_liFileSize = nSize;
-    st.m_pStorageFile = pFile;
-    strncpy(st.m_lpszFilePath, strPath.c_str(), sizeof(st.m_lpszFilePath) - 1);
-    return st;
-}
-
 class JoinSender : public ::testing::Test {
 protected:
-    // Connects a sender to the node; the socket.
-    int Connect(FakeNode& node)
-    {
-        m_xfer.m_pStorage = &m_source;
-        return m_xfer.ConnectSlaveService(0x7F000001, node.Port());
-    }
-    // Nothing is left unread on sk once the node has answered all it will.
-    static bool NothingLeft(int sk)
-    {
-        usleep(400000);
-        char c;
-        return recv(sk, &c, 1, MSG_DONTWAIT) < 0 && errno == EAGAIN;
-    }
     // Sends one file of nSize bytes (nUsed used) to a node that answers as
     // a node must (bForeign: with a foreign reply before each); the messages
-    // the node took, the file's bytes in *pstrData.
+    // the node took, the file's bytes in *pstrData. Nothing may be left
+    // unread on the socket once the node has answered all it will.
     std::vector<Taken> SendFile(BYTE bFileNo, long long nSize, long long nUsed, const char* lpPath,
                                 std::string* pstrData = nullptr, bool bForeign = false)
     {
         FakeNode node(bForeign);
         FakeFile file(nSize, nUsed);
-        stu_FILEINFO st = MakeInfo(bFileNo, &file, nSize, lpPath);
-        int sk = Connect(node);
+        stu_FILEINFO st;
+        memset(&st, 0, sizeof(st));
+        st.m_bFileNo = bFileNo;
+        st.m_bFileType = FILETYPE_DATA;
+        st.m_liFileSize = nSize;
+        st.m_pStorageFile = &file;
+        strncpy(st.m_lpszFilePath, lpPath, sizeof(st.m_lpszFilePath) - 1);
+        m_xfer.m_pStorage = &m_source;
+        int sk = m_xfer.ConnectSlaveService(0x7F000001, node.Port());
         EXPECT_GE(sk, 0);
         if (sk < 0) return {};
-        m_nTotal = 0;
+        long long nTotal = 0;
         EXPECT_EQ(JOINFILE_DONE, m_xfer.SendFileDataToNewNode(nullptr, &m_stProgress, &st, m_vBuffer.data(),
                                                               JOIN_BUFFER_SIZE, sk, 0x7F000001, node.Port(),
-                                                              0x7F000001, m_nTotal));
-        EXPECT_TRUE(NothingLeft(sk)) << "a reply was left unread";
+                                                              0x7F000001, nTotal));
+        EXPECT_EQ(nSize, nTotal) << "the progress total";
+        usleep(400000);
+        char c;
+        EXPECT_TRUE(recv(sk, &c, 1, MSG_DONTWAIT) < 0 && errno == EAGAIN) << "a reply was left unread";
         // Read after the pause: the node counts a reply once it is sent.
         m_nRepliesSent = node.m_nRepliesSent;
         close(sk);
         if (pstrData != nullptr) *pstrData = file.m_strData;
         return node.Messages();
     }
-    long long m_nTotal = 0;
     int m_nRepliesSent = 0;
     FakeSource m_source;
     CTalvorClusterFiletransfer m_xfer;
@@ -250,8 +235,7 @@ TEST_F(JoinSender, AFileWithNoUsedBytesSendsOnlyItsInformationAndWaitsForBothRep
 {
     std::vector<Taken> v = SendFile(2, MIB, 0, "/db/Empty.dbf");
     EXPECT_EQ(2, m_nRepliesSent);
-    EXPECT_EQ(MIB, m_nTotal);
-    ASSERT_EQ(2u, v.size());  // the hello and the information
+    ASSERT_EQ(2u, v.size()); // the hello and the information
     EXPECT_EQ(NODEMSG_FILETRANSFER, v[1].m_stHead.m_bType);
     EXPECT_EQ(FILETRANSFER_INFO, v[1].m_stParam.m_bDataType);
     EXPECT_EQ(sizeof(MF_MASTERSLAVE_FILEINFO), v[1].m_strPayload.size());
@@ -263,7 +247,6 @@ TEST_F(JoinSender, AFileOfAnExactMultipleOfTheBufferEndsWithAFullLastPieceAndArr
     const long long nUsed = 2LL * JOIN_BUFFER_SIZE;
     std::string strData;
     std::vector<Taken> v = SendFile(3, nUsed + MIB, nUsed, "/db/Data3.dbf", &strData);
-    EXPECT_EQ(nUsed + MIB, m_nTotal);
     ASSERT_EQ(4u, v.size());
     MF_MASTERSLAVE_FILEINFO stInfo;
     memcpy(&stInfo, v[1].m_strPayload.data(), sizeof(stInfo));
@@ -289,6 +272,5 @@ TEST_F(JoinSender, ForeignRepliesAreReadOffAndALastPieceShortOfASectorIsSentWhol
     std::string strData;
     std::vector<Taken> v = SendFile(4, MIB, 5000, "/db/KV4.dbf", &strData, true);
     ASSERT_EQ(3u, v.size());
-    EXPECT_EQ(5000u, v[2].m_strPayload.size());
     EXPECT_TRUE(v[2].m_strPayload == strData.substr(0, 5000));
 }

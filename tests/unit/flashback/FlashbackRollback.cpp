@@ -96,15 +96,13 @@ TEST_F(FlashbackRows, WalkStopsAtTheFirstVersionValidAtTheTarget)
     std::vector<std::pair<long long, std::string>> vSteps = {{10, "v10"}, {20, "v20-longer"}, {30, "v30"}, {40, "v40!"}};
     History(5, vSteps);
     std::vector<BYTE> vNewest = m_vBlock;
-    struct Case {
-        long long nTarget;
-        std::string strValue;
-    } arCases[] = {{10, "v10"}, {15, "v10"}, {20, "v20-longer"}, {39, "v30"}};
-    for (const Case& c : arCases) {
+    const std::pair<long long, std::string> arCases[] = {{10, "v10"}, {15, "v10"}, {20, "v20-longer"}, {39, "v30"}};
+    for (const auto& c : arCases) {
+        SCOPED_TRACE(c.first);
         m_vBlock = vNewest;
-        ASSERT_EQ(0, Back(c.nTarget)) << c.nTarget;
-        EXPECT_EQ(c.strValue, m_block.RowValue(0)) << c.nTarget;
-        EXPECT_EQ((int)c.strValue.size(), Val(m_block.Row(0)->m_nVarDataLength)) << c.nTarget;
+        ASSERT_EQ(0, Back(c.first));
+        EXPECT_EQ(c.second, m_block.RowValue(0));
+        EXPECT_EQ((int)c.second.size(), Val(m_block.Row(0)->m_nVarDataLength));
         EXPECT_EQ(0, Val(m_block.Row(0)->m_bDataStatus));
         // The row keeps its own timestamp; the copy is stamped by the caller.
         EXPECT_EQ(40, Val(m_block.Row(0)->m_nTimestamp));
@@ -237,24 +235,18 @@ TEST_F(FlashbackRows, VersionEndingOnTheAreasLastByteIsReadAndOneBytePastIsNot)
     const UINT nLength = nHead + (UINT)sizeof(BLOCKVARDATASTRUCT) +
                          (UINT)Val(((const BLOCKVARDATASTRUCT*)(lpSource + nHead))->m_nActualLength);
     const std::vector<BYTE> vNewest = m_vBlock;
-    const struct {
-        UINT nAt;
-        const char* lpWant;
-    } arCases[] = {
-        {AREA_SIZE - nLength, "old"},
-        {AREA_SIZE - nLength + 1, "new"},
-        {AREA_SIZE - nHead + 1, "new"},
-    };
+    const std::pair<UINT, const char*> arCases[] = {
+        {AREA_SIZE - nLength, "old"}, {AREA_SIZE - nLength + 1, "new"}, {AREA_SIZE - nHead + 1, "new"}};
     for (const auto& c : arCases) {
-        SCOPED_TRACE(testing::Message() << "version at " << c.nAt << ", " << nLength << " bytes");
+        SCOPED_TRACE(testing::Message() << "version at " << c.first << ", " << nLength << " bytes");
         std::vector<BYTE> vArea(m_vArea);
         vArea.resize((size_t)AREA_SIZE + nLength, 0);
-        memcpy(vArea.data() + c.nAt, lpSource, nLength);
+        memcpy(vArea.data() + c.first, lpSource, nLength);
         m_flashback.SetRollbackArea(vArea.data(), AREA_SIZE);
         m_vBlock = vNewest;
-        m_block.Row(nRow)->m_nNextDataID = c.nAt;
+        m_block.Row(nRow)->m_nNextDataID = c.first;
         EXPECT_EQ(0, Back(20));
-        EXPECT_EQ(c.lpWant, m_block.RowValue(nRow));
+        EXPECT_EQ(c.second, m_block.RowValue(nRow));
         m_flashback.SetRollbackArea(m_vArea.data(), AREA_SIZE);
     }
 }
@@ -342,61 +334,47 @@ std::vector<BYTE> ImageWithOneMap(int nMapSize)
     return v;
 }
 
-// The descriptor of a file whose image is vImage.
-stu_FILEINFO FileOver(std::vector<BYTE>& vImage, BYTE bFileNo)
-{
-    stu_FILEINFO info;
-    memset(&info, 0, sizeof(info));
-    info.m_bFileNo = bFileNo;
-    info.m_pFileAddr = vImage.data();
-    info.m_liFileSize = (long long)vImage.size();
-    return info;
-}
-
 } // namespace
 
 // With no engine to ask, the slave maps are refreshed from the image. The
 // system file's copy length is fixed; a head whose map size is below it
 // would put the slave inside its own master, and the copy would write over
-// the live map the engine works on.
-TEST(FlashbackMapFromImage, ASystemHeadWithAShortMapSizeLeavesTheMasterAlone)
+// the live map the engine works on. The next map offset is read from the
+// image too: one near the top of the range must end the walk, not wrap the
+// bound and send the copy outside the image.
+TEST(FlashbackMapFromImage, AShortSystemMapSizeOrAChainPointingPastTheImageLeavesTheRestAlone)
 {
     CTalvorFlashback fb;
     std::vector<BYTE> vHeadBuf(1 << 20);
-    for (int nMapSize : {SYSTEM_MAP_COPY, 0xFFFF}) {
-        SCOPED_TRACE(nMapSize);
-        std::vector<BYTE> vImage = ImageWithOneMap(nMapSize);
+    const BYTE bSystem = SYSTEMFILE_FILENO, bOther = SYSTEMFILE_FILENO + 1;
+    const long long nPastEnd = (long long)(1 << 20) - SYSTEM_MAP_COPY + 1;
+    const struct {
+        BYTE bFileNo;
+        int nMapSize;
+        long long nNext;
+    } arCases[] = {{bSystem, SYSTEM_MAP_COPY, 0}, {bSystem, 0xFFFF, 0},
+                   {bSystem, SYSTEM_MAP_COPY, LLONG_MAX}, {bOther, SYSTEM_MAP_COPY, LLONG_MAX},
+                   {bSystem, SYSTEM_MAP_COPY, LLONG_MAX - SYSTEM_MAP_COPY}, {bOther, SYSTEM_MAP_COPY, LLONG_MAX - SYSTEM_MAP_COPY},
+                   {bSystem, SYSTEM_MAP_COPY, nPastEnd}, {bOther, SYSTEM_MAP_COPY, nPastEnd}};
+    for (const auto& c : arCases) {
+        SCOPED_TRACE(testing::Message() << "file " << (int)c.bFileNo << " map size " << c.nMapSize << " next " << c.nNext);
+        std::vector<BYTE> vImage = ImageWithOneMap(c.nMapSize);
+        ((LPBASEFILEBLOCKMAPHEAD)&vImage[MAP_AT])->m_nNextBlockMapOffset = c.nNext;
         const std::vector<BYTE> vBefore = vImage;
-        stu_FILEINFO info = FileOver(vImage, SYSTEMFILE_FILENO);
+        stu_FILEINFO info;
+        memset(&info, 0, sizeof(info));
+        info.m_bFileNo = c.bFileNo;
+        info.m_pFileAddr = vImage.data();
+        info.m_liFileSize = (long long)vImage.size();
         ASSERT_EQ(0, fb.FlashbackMapData(nullptr, &info, 100, vHeadBuf.data(), (int)vHeadBuf.size()));
-        EXPECT_TRUE(std::equal(vImage.begin() + MAP_AT, vImage.begin() + MAP_AT + SYSTEM_MAP_COPY,
-                               vBefore.begin() + MAP_AT))
-            << "the master map was written over";
-        if (nMapSize == SYSTEM_MAP_COPY) {
-            EXPECT_TRUE(std::equal(vImage.begin() + MAP_AT + nMapSize, vImage.begin() + MAP_AT + nMapSize + SYSTEM_MAP_COPY,
-                                   vBefore.begin() + MAP_AT))
-                << "the slave map was not refreshed";
-        }
-    }
-}
-
-// The next map offset is read from the image: one near the top of the range
-// must end the walk, not wrap the bound and send the copy outside the image.
-TEST(FlashbackMapFromImage, AMapChainPointingPastTheImageEndsTheWalk)
-{
-    CTalvorFlashback fb;
-    std::vector<BYTE> vHeadBuf(1 << 20);
-    for (BYTE bFileNo : {(BYTE)SYSTEMFILE_FILENO, (BYTE)(SYSTEMFILE_FILENO + 1)}) {
-        for (long long nNext : {LLONG_MAX, LLONG_MAX - SYSTEM_MAP_COPY, (long long)(1 << 20) - SYSTEM_MAP_COPY + 1}) {
-            SCOPED_TRACE(testing::Message() << "file " << (int)bFileNo << " next " << nNext);
-            std::vector<BYTE> vImage = ImageWithOneMap(SYSTEM_MAP_COPY);
-            ((LPBASEFILEBLOCKMAPHEAD)&vImage[MAP_AT])->m_nNextBlockMapOffset = nNext;
-            const std::vector<BYTE> vBefore = vImage;
-            stu_FILEINFO info = FileOver(vImage, bFileNo);
-            ASSERT_EQ(0, fb.FlashbackMapData(nullptr, &info, 100, vHeadBuf.data(), (int)vHeadBuf.size()));
-            EXPECT_TRUE(std::equal(vImage.begin() + MAP_AT + 2 * SYSTEM_MAP_COPY, vImage.end(),
-                                   vBefore.begin() + MAP_AT + 2 * SYSTEM_MAP_COPY))
-                << "a map was copied past the first slave";
-        }
+        auto Same = [&](long long nAt, long long nLength, long long nFrom) {
+            return std::equal(vImage.begin() + nAt, vImage.begin() + nAt + nLength, vBefore.begin() + nFrom);
+        };
+        EXPECT_TRUE(Same(MAP_AT, SYSTEM_MAP_COPY, MAP_AT)) << "the master map was written over";
+        EXPECT_TRUE(Same(MAP_AT + 2 * SYSTEM_MAP_COPY, (long long)vImage.size() - MAP_AT - 2 * SYSTEM_MAP_COPY,
+                         MAP_AT + 2 * SYSTEM_MAP_COPY))
+            << "a map was copied past the first slave";
+        if (c.nMapSize == SYSTEM_MAP_COPY)
+            EXPECT_TRUE(Same(MAP_AT + SYSTEM_MAP_COPY, SYSTEM_MAP_COPY, MAP_AT)) << "the slave map was not refreshed";
     }
 }

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -190,16 +191,15 @@ TEST_F(FlashbackUndoCache, OnlyAMatchingGenerationIsLoaded)
     Changes(5, 2, 100);
     ASSERT_EQ(0, m_flashback.FlushUndoStretch());
     m_flashback.StopUndoMirror(1000, 0);
-    struct Case {
-        UINT nUndo, nUndoPre;
-        bool bLoads;
-    } arCases[] = {{11, 0, true}, {0, 11, true}, {10, 0, true}, {0, 10, true}, {9, 12, false}};
+    // The head's generation against the system head's current and previous.
+    const std::tuple<UINT, UINT, bool> arCases[] = {
+        {11, 0, true}, {0, 11, true}, {10, 0, true}, {0, 10, true}, {9, 12, false}};
     std::vector<BYTE> vFormatted(AREA_SIZE);
     CPeerRollbackArea(vFormatted.data(), AREA_SIZE).Format();
-    for (const Case& c : arCases) {
-        m_pSystem->m_nUndoTimestamp = c.nUndo;
-        m_pSystem->m_nUndoPreTimestamp = c.nUndoPre;
-        EXPECT_EQ(c.bLoads, vFormatted != LoadIntoNewArea()) << c.nUndo << "/" << c.nUndoPre;
+    for (const auto& [nUndo, nUndoPre, bLoads] : arCases) {
+        m_pSystem->m_nUndoTimestamp = nUndo;
+        m_pSystem->m_nUndoPreTimestamp = nUndoPre;
+        EXPECT_EQ(bLoads, vFormatted != LoadIntoNewArea()) << nUndo << "/" << nUndoPre;
         m_flashback.StopUndoMirror(1000, 0);
     }
     // No system head: nothing is loaded either.
