@@ -78,14 +78,11 @@ class CrashContainment : public TraceLogFixture {
 protected:
     static void SetUpTestSuite()
     {
-        for (int nSignal : {SIGSEGV, SIGFPE, SIGABRT}) {
-            struct sigaction sa;
-            memset(&sa, 0, sizeof(sa));
-            sigemptyset(&sa.sa_mask);
-            sa.sa_sigaction = CrashHandler;
-            sa.sa_flags = SA_SIGINFO;
-            sigaction(nSignal, &sa, nullptr);
-        }
+        struct sigaction sa = {};
+        sigemptyset(&sa.sa_mask);
+        sa.sa_sigaction = CrashHandler;
+        sa.sa_flags = SA_SIGINFO;
+        for (int nSignal : {SIGSEGV, SIGFPE, SIGABRT}) sigaction(nSignal, &sa, nullptr);
     }
 
     void TearDown() override
@@ -122,8 +119,6 @@ protected:
     static bool HasCrashed() { return CrashHasCrashedThreads(); }
     static bool WaitCrashed() { return WaitUntil(HasCrashed, 10000); }
 
-    static bool HasThreadRecord(int nTid) { return CrashFindThreadData(nTid) != nullptr; }
-
     static bool LatchFree(Worker& w) { return __atomic_load_n(&w.m_latch.m_nLockFlag, __ATOMIC_ACQUIRE) == 0; }
 
     std::vector<Worker*> m_vWorkers;
@@ -136,7 +131,7 @@ TEST_F(CrashContainment, FaultUnwindsTheThreadGivesItsLatchBackAndItIsRestarted)
     ASSERT_TRUE(WaitUntil([&] { return w.m_nCrashPaths.load() == 1; }, 5000));
     int nCrashedTid = w.m_nTid;
     EXPECT_TRUE(WaitUntil([&] { return LatchFree(w); }, 5000)) << "the latch held at the fault stays taken";
-    EXPECT_TRUE(WaitUntil([&] { return !HasThreadRecord(nCrashedTid); }, 5000));
+    EXPECT_TRUE(WaitUntil([&] { return CrashFindThreadData(nCrashedTid) == nullptr; }, 5000));
     EXPECT_EQ(0, w.m_nDone.load());
 
     CrashAutoRecoverCrashedThreads();
@@ -144,8 +139,6 @@ TEST_F(CrashContainment, FaultUnwindsTheThreadGivesItsLatchBackAndItIsRestarted)
     ASSERT_TRUE(WaitUntil([&] { return w.m_nDone.load() == 1; }, 5000));
     EXPECT_EQ(2, w.m_nRuns.load());
     EXPECT_NE(nCrashedTid, w.m_nTid.load());
-
-    EXPECT_EQ(1, CountText(DaemonLines(), 10002003, "Received signal 11(Segmentation fault)!"));
 }
 
 TEST_F(CrashContainment, ThreadWithoutARecordEndsAloneAndIsNotRestarted)

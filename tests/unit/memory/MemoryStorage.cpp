@@ -9,7 +9,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <sys/shm.h>
 #include <unistd.h>
 #include <vector>
@@ -52,7 +51,7 @@ protected:
         m_vInfos.push_back(p);
         return p;
     }
-    std::string PathOf(LPFILEINFO p) { return p->m_lpszFilePath; }
+    static std::string PathOf(LPFILEINFO p) { return p->m_lpszFilePath; }
     // Data2.dbf as the maker makes it, its bytes in m_strFile.
     LPFILEINFO DataFile(long long nSize, long long nFree, long long nRowSize, long long nJunkFrom = 0)
     {
@@ -204,8 +203,7 @@ TEST_F(MemoryStorage, ReadBlockCopiesFromTheImageOrRetriesTheFile)
     ASSERT_EQ(0, Open(p));
     IVirtualStorageFile* pStorage = p->m_pStorageFile;
     p->m_pFileAddr[300000] = 0x5A;  // only in the image
-    std::unique_ptr<BYTE, void (*)(void*)> buf((BYTE*)get_aligned_buffer(65536), free);
-    BYTE* lpBuf = buf.get();
+    BYTE* lpBuf = m_lpBuffer;
     FaultFileIO io;
     ScopedFileIO scope(&io);
     EXPECT_EQ(0, pStorage->ReadBlock(nullptr, 299950, lpBuf, -100));
@@ -236,7 +234,10 @@ TEST_F(MemoryStorage, AShortReadOfAPieceInFlightRefusesTheLoad)
     EXPECT_EQ(1, Open(p));
 }
 
-TEST_F(MemoryStorage, NewFileIsAllocatedWholeWithAMinimalHeadAndItsSegment)
+// A new file is allocated whole with a minimal head and its segment. It is
+// refused over an existing file, which is left alone, and over a segment that
+// is there already, which is someone else's and kept.
+TEST_F(MemoryStorage, NewFileIsAllocatedWholeAndRefusedOverAFileOrASegment)
 {
     LPFILEINFO p = Describe("sub/dir/KV7.dbf", 7, FILETYPE_KVINDEX, 3 * MIB);  // directories are made
     std::string strPath = PathOf(p);
@@ -252,14 +253,9 @@ TEST_F(MemoryStorage, NewFileIsAllocatedWholeWithAMinimalHeadAndItsSegment)
     EXPECT_EQ(std::string::npos, strDisk.find_first_not_of('\0', sizeof(BASEFILEHEAD)));
     ASSERT_NE(nullptr, p->m_pFileAddr);
     EXPECT_EQ(0, memcmp(p->m_pFileAddr, strDisk.data(), strDisk.size()));
-}
 
-// A new file is refused over an existing file, which is left alone, and
-// over a segment that is there already, which is someone else's and kept.
-TEST_F(MemoryStorage, NewFileRefusesAnExistingFileOrSegment)
-{
-    LPFILEINFO p = Describe("Data2.dbf", 2, FILETYPE_DATA, 1 * MIB);
-    std::string strPath = PathOf(p);
+    p = Describe("Data2.dbf", 2, FILETYPE_DATA, 1 * MIB);
+    strPath = PathOf(p);
     ASSERT_TRUE(WriteWholeFile(strPath, std::string(8192, 'x')));
     EXPECT_EQ(1, NewFile(p));
     EXPECT_EQ(std::string(8192, 'x'), ReadWholeFile(strPath));
@@ -273,30 +269,27 @@ TEST_F(MemoryStorage, NewFileRefusesAnExistingFileOrSegment)
     EXPECT_EQ(nId, shmget(FileImageShmKey(2), 0, 0));
 }
 
-// Growing to the same size remakes the image from what it saved: neither
-// the image nor the file changes.
-TEST_F(MemoryStorage, GrowingToTheSameSizeChangesNoByte)
-{
-    LPFILEINFO p = OpenPatterned(2 * MIB);
-    ASSERT_EQ(0, Grow(p, 2 * MIB));
-    EXPECT_EQ(0, memcmp(p->m_pFileAddr, m_strFile.data(), m_strFile.size()));
-    EXPECT_EQ(m_strFile, ReadWholeFile(p->m_lpszFilePath));
-}
-
 // A smaller size is refused before anything is written: the head keeps the
 // size of the file, so that the next start does not find a file that its
-// own head calls too short or too long.
-TEST_F(MemoryStorage, ShrinkingIsRefusedAndTheHeadKeepsItsSize)
+// own head calls too short or too long. Growing to the same size remakes the
+// image from what it saved: neither the image nor the file changes.
+TEST_F(MemoryStorage, ShrinkingIsRefusedAndGrowingToTheSameSizeChangesNoByte)
 {
     LPFILEINFO p = OpenPatterned(2 * MIB);
     int nOldId = p->m_nShmId;
+    FaultFileIO io;
+    ScopedFileIO scope(&io);
     // A smaller size, and one off the sector grid.
     for (long long nSize : {1 * MIB, 2 * MIB + 100}) {
         EXPECT_EQ(1, Grow(p, nSize)) << nSize;
+        EXPECT_EQ(0, io.Calls(FileOp::PWrite)) << nSize << ": written before the refusal";
         EXPECT_EQ(2 * MIB, Val(((LPBASEFILEHEAD)p->m_pFileAddr)->m_nFileTotalSize)) << nSize;
         EXPECT_EQ(2 * MIB, FileSizeOf(p->m_lpszFilePath)) << nSize;
         EXPECT_EQ(nOldId, p->m_nShmId) << "the segment stays as it was";
     }
+    ASSERT_EQ(0, Grow(p, 2 * MIB));
+    EXPECT_EQ(0, memcmp(p->m_pFileAddr, m_strFile.data(), m_strFile.size()));
+    EXPECT_EQ(m_strFile, ReadWholeFile(p->m_lpszFilePath));
 }
 
 // A save writes the whole image (two pieces, the last one short); to a new

@@ -43,19 +43,13 @@ protected:
             }
         });
     }
-    void StopEngine()
-    {
-        m_bEngineStop = true;
-        if (m_engine.joinable()) m_engine.join();
-    }
+    void StopEngine() { m_bEngineStop = true; if (m_engine.joinable()) m_engine.join(); }
     void TearDown() override { StopEngine(); }
     // One transaction changing one row; its timestamp.
     long long Commit(int nFileNo, int nBlock, int nRow, int nValue)
     {
         long long ts = m_db.BeginTransaction();
-        m_db.ChangeRow(nFileNo, nBlock, nRow, nValue, ts);
-        m_db.EndTransaction(ts);
-        return ts;
+        return m_db.ChangeRow(nFileNo, nBlock, nRow, nValue, ts), m_db.EndTransaction(ts), ts;
     }
 
     PersistenceDb m_db;
@@ -125,15 +119,9 @@ TEST_F(PersistencePass, RefusalsWriteNothingAndHoldTheCommit)
     const long long nEntry3 = DbMapEntryOffset(Map(2), 3), nEntry5 = DbMapEntryOffset(Map(2), 5);
     const long long nPastImage = m_db.File(2)->m_liFileSize + 4096;
     const size_t HEAD = sizeof(BASEFILEHEAD), ENTRY = sizeof(BASEFILEBLOCKMAP);
-    struct Damage {
-        const char* m_lpName;
-        int m_nFileNo;
-        long long m_nAt;
-        size_t m_nSize;
-        std::function<void(LPBYTE)> m_fnDamage;
-        const char* m_lpCode;
-        bool m_bUnwritten;  // a loop is found once blocks on it went out
-    } arDamages[] = {
+    // m_bUnwritten: a loop is found only once blocks on it went out.
+    struct Damage { const char* m_lpName; int m_nFileNo; long long m_nAt; size_t m_nSize;
+        std::function<void(LPBYTE)> m_fnDamage; const char* m_lpCode; bool m_bUnwritten; } arDamages[] = {
         {"head mark", 2, 0, HEAD, [](LPBYTE p) { ((LPBASEFILEHEAD)p)->m_nDataFlag = 0x12345678; }, "40002003", true},
         {"map entry size", 3, 0, HEAD, [](LPBYTE p) { ((LPBASEFILEHEAD)p)->m_nBlockMapStructSize = 24; }, "40002006", true},
         {"map start", 4, 0, HEAD, [](LPBYTE p) { ((LPBASEFILEHEAD)p)->m_nBlockMapStartOffset = 0; }, "40002007", true},
@@ -266,13 +254,9 @@ TEST_F(PersistencePass, StalePostsOfTheAnswerSemaphoreDoNotCutTheEnginesTimeShor
 TEST(FlashbackChannel, TheWaitForTheEngineIsBoundedWhateverCycleTheAreaHolds)
 {
     const long long nMax = 100LL * FLASHBACK_CYCLE_MAX_MS;
-    EXPECT_EQ(10000, CTalvorFlashback::FileHeadAnswerMs(STORAGEMEM_CYCLETIME_MS));
-    EXPECT_EQ(10000, CTalvorFlashback::FileHeadAnswerMs(0));
-    EXPECT_EQ(10000, CTalvorFlashback::FileHeadAnswerMs(INT_MIN));
-    EXPECT_EQ(100, CTalvorFlashback::FileHeadAnswerMs(1));
-    EXPECT_EQ(nMax, CTalvorFlashback::FileHeadAnswerMs(FLASHBACK_CYCLE_MAX_MS));
-    EXPECT_EQ(nMax, CTalvorFlashback::FileHeadAnswerMs(FLASHBACK_CYCLE_MAX_MS + 1));
-    EXPECT_EQ(nMax, CTalvorFlashback::FileHeadAnswerMs(INT_MAX));
+    for (auto c : std::vector<std::pair<int, long long>>{{0, 10000}, {INT_MIN, 10000}, {1, 100},
+             {FLASHBACK_CYCLE_MAX_MS, nMax}, {FLASHBACK_CYCLE_MAX_MS + 1, nMax}, {INT_MAX, nMax}})
+        EXPECT_EQ(c.second, CTalvorFlashback::FileHeadAnswerMs(c.first)) << c.first;
 }
 
 namespace {
@@ -309,10 +293,9 @@ protected:
     // The engine's marks of a change at ts, block first (the rows between).
     void MarkBlock(long long ts)
     {
-        LPBLOCKHEAD lpBlock = (LPBLOCKHEAD)LiveBlock();
-        lpBlock->m_nTimestamp = ts;
+        ((LPBLOCKHEAD)LiveBlock())->m_nTimestamp = ts;
         talvorpeer::PeerFence();
-        lpBlock->m_bSaveFlag = 1;
+        ((LPBLOCKHEAD)LiveBlock())->m_bSaveFlag = 1;
     }
     void MarkFile(long long ts)
     {
@@ -327,9 +310,8 @@ protected:
     long long TwoRowsOnDisk()
     {
         long long ts = m_db.BeginTransaction();
-        UINT nBlockNo = ((LPBLOCKHEAD)LiveBlock())->m_nBlockNo;
         talvorpeer::CPeerBlock live = Live();
-        live.Format(nBlockNo, FILE_NO, 16);
+        live.Format(((LPBLOCKHEAD)LiveBlock())->m_nBlockNo, FILE_NO, 16);
         EXPECT_EQ(0, live.AddRow(11, ts, Bytes("alpha"), 5, 16));
         EXPECT_EQ(1, live.AddRow(12, ts, Bytes("beta"), 4, 16));
         MarkBlock(ts);
@@ -351,8 +333,7 @@ protected:
 
 TEST_F(PersistenceRollback, BlockWhoseOldVersionIsGoneIsNotWrittenAndHoldsTheCommit)
 {
-    TwoRowsOnDisk();
-    long long nCommitted = m_db.CommittedOnDisk();
+    long long nCommitted = TwoRowsOnDisk();
     std::string strDiskBefore = DiskBlock();
     // A transaction elsewhere commits; the next one is under way in the block.
     long long ts2 = Commit(FILE_NO, 1, 0, 7);
@@ -385,8 +366,7 @@ TEST_F(PersistenceRollback, BlockWhoseOldVersionIsGoneIsNotWrittenAndHoldsTheCom
     // With the version back, the block goes to disk rolled back.
     EXPECT_EQ(DONE, m_db.Pass());
     std::string strDisk = DiskBlock();
-    talvorpeer::CPeerBlock disk((LPBYTE)&strDisk[0], BlockSize());
-    EXPECT_EQ("alpha", disk.RowValue(0));
+    EXPECT_EQ("alpha", talvorpeer::CPeerBlock((LPBYTE)&strDisk[0], BlockSize()).RowValue(0));
     EXPECT_EQ(ts2, m_db.CommittedOnDisk());
     EXPECT_EQ(0, m_db.CheckDisk(ts2).m_nViolations);
     // Committed, the block is written as it is.

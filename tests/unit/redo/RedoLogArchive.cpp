@@ -1,6 +1,7 @@
 // Unit: the archiver over real group files, and the live feeds of standby
 // readers. The writer's passes are driven by the test; the archiver runs to
 // its end condition once the writer has stopped.
+#include "FaultFileIO.h"
 #include "RedoLogFixture.h"
 
 using namespace talvortest;
@@ -22,34 +23,39 @@ protected:
 
 } // namespace
 
+// Group 2 gets the oldest number and group 0 the newest. The order shows
+// in the writes that mark the group files archived.
 TEST_F(RedoArchive, SealedGroupsAreArchivedOldestFirstWhateverTheirIndex)
 {
     MakeRing(8192);
+    FaultFileIO io;
+    ScopedFileIO scoped(&io);
     ASSERT_TRUE(InitRedo());
     SealThreeLogs();
-    // Group 2 gets the oldest number and group 0 the newest.
-    const UINT arNo[3] = {9, 8, 7};
     for (int g = 0; g < 3; g++) {
         MF_REDOLOGFILEHEAD h = GroupHead(g);
-        h.m_nSequenceNO = arNo[g];
-        ASSERT_TRUE(WriteFileAt(GroupPath(g), 0, std::string((const char*)&h, sizeof(h))));
-        m_pRedo->GetGroup(g)->m_nSequenceNO = arNo[g];
+        h.m_nSequenceNO = m_pRedo->GetGroup(g)->m_nSequenceNO = 9 - g;
+        ASSERT_TRUE(SetGroupHead(g, h));
     }
+    std::string strOrder;
+    io.OnCall(FileOp::PWrite,
+              [&](const FileCall& c) { strOrder += c.m_strPath.substr(c.m_strPath.rfind('/') + 1) + " "; });
     ArchiveAll();
-    EXPECT_EQ(9, +Ring()->m_nLogArchiveNo) << "the newest log is archived last";
+    io.OnCall(FileOp::PWrite, nullptr);
+    EXPECT_EQ("Redo2.log Redo1.log Redo0.log ", strOrder);
+    EXPECT_EQ(9, +Ring()->m_nLogArchiveNo);
 }
 
 TEST_F(RedoArchive, AGroupWhoseHeadCannotBeReadIsSetAsideAndTheRestGoOn)
 {
     MakeRing(8192);
-    m_pHead->m_nTalvorArchiveType = 1;
-    snprintf(m_pHead->m_lpArchiveDesPath, sizeof(m_pHead->m_lpArchiveDesPath), "%sA", m_strDir.c_str());
+    ArchiveInto(m_pHead, m_strDir);
     ASSERT_TRUE(InitRedo());
     SealThreeLogs();
     // The oldest group's head names another log: it must not go out as log 1.
     MF_REDOLOGFILEHEAD h = GroupHead(0);
     h.m_nSequenceNO = 77;
-    ASSERT_TRUE(WriteFileAt(GroupPath(0), 0, std::string((const char*)&h, sizeof(h))));
+    ASSERT_TRUE(SetGroupHead(0, h));
     ArchiveAll(); // returns: the stop is not held by the bad group
     EXPECT_EQ(REDOGROUP_SEALED, m_pRedo->GetGroup(0)->m_bState) << "left for the next start";
     EXPECT_EQ(77u, +GroupHead(0).m_nSequenceNO) << "its file untouched";

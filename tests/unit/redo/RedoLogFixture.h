@@ -100,12 +100,20 @@ protected:
         MakeRing(nDataSize);
     }
 
-    bool InitRedo(int nNodeType = 0)
+    // A redo object on a head, a directory and a ring; FALSE if its start failed.
+    bool InitOn(CTalvorRedoLog*& pRedo, LPSYSTEMFILEHEAD pHead, const std::string& strDir, LPBYTE pRing)
     {
-        m_pRedo = new CTalvorRedoLog();
-        m_pRedo->SetRingSize(m_nRingSize);
-        return m_pRedo->Init(m_pHead, nNodeType, &m_bExit, (char*)m_strDir.c_str(), (char*)m_pRing, nullptr, nullptr, FALSE,
-                             nullptr);
+        pRedo = new CTalvorRedoLog();
+        pRedo->SetRingSize(m_nRingSize);
+        return pRedo->Init(pHead, 0, &m_bExit, (char*)strDir.c_str(), (char*)pRing, nullptr, nullptr, FALSE, nullptr);
+    }
+    bool InitRedo() { return InitOn(m_pRedo, m_pHead, m_strDir, m_pRing); }
+
+    // The head archives into strDir + "A".
+    static void ArchiveInto(LPSYSTEMFILEHEAD pHead, const std::string& strDir)
+    {
+        pHead->m_nTalvorArchiveType = 1;
+        snprintf(pHead->m_lpArchiveDesPath, sizeof(pHead->m_lpArchiveDesPath), "%sA", strDir.c_str());
     }
 
     // A ring of nDataSize, the redo object on it and its writer started.
@@ -136,6 +144,10 @@ protected:
         return s;
     }
 
+    bool SetGroupHead(int g, const MF_REDOLOGFILEHEAD& h)
+    {
+        return WriteFileAt(GroupPath(g), 0, std::string((const char*)&h, sizeof(h)));
+    }
     static MF_REDOLOGFILEHEAD HeadOf(const std::string& s)
     {
         MF_REDOLOGFILEHEAD h = {};
@@ -152,16 +164,13 @@ protected:
     {
         m_pRedo->StartWriter(m_st);
         for (int i = 0; i < 3; i++) {
-            std::string s = Record(3000, 1, i + 1);
-            ASSERT_EQ(3000, TraceRingWrite(m_pRing, m_nRingSize, s.data(), 3000));
-            m_vLogs.push_back(s);
-            m_strStream += s;
-            m_pRedo->WritePass(m_st, &m_stCrit);
-            m_pRedo->WritePass(m_st, &m_stCrit);
+            m_vLogs.push_back(Record(3000, 1, i + 1));
+            m_strStream += m_vLogs.back();
+            ASSERT_EQ(3000, TraceRingWrite(m_pRing, m_nRingSize, m_vLogs.back().data(), 3000));
+            for (int k = 0; k < 2; k++) m_pRedo->WritePass(m_st, &m_stCrit);
         }
         m_bExit = TRUE;
-        for (int i = 0; i < 100 && !m_pRedo->WritePass(m_st, &m_stCrit); i++) {
-        }
+        for (int i = 0; i < 100 && !m_pRedo->WritePass(m_st, &m_stCrit); i++) continue;
         if (!bCheck) return;
         ASSERT_TRUE(m_st.m_bEnded);
         for (int g = 0; g < 3; g++) ASSERT_EQ(REDOGROUP_SEALED, m_pRedo->GetGroup(g)->m_bState) << g;
@@ -203,8 +212,7 @@ protected:
             int nFound = OldestSealed();
             if (nFound < 0) return;
             LPTALVORREDOGROUP p = m_pRedo->GetGroup(nFound);
-            std::string strPath = GroupPath(nFound);
-            std::string strFile = ReadWholeFile(strPath);
+            std::string strFile = ReadWholeFile(GroupPath(nFound));
             MF_REDOLOGFILEHEAD h = HeadOf(strFile);
             EXPECT_EQ(+p->m_nSequenceNO, +h.m_nSequenceNO);
             EXPECT_EQ(REDOGROUP_SEALED, +h.m_bState);
@@ -215,7 +223,7 @@ protected:
             m_nSeals++;
             // Marked in the file too, as the archiver does.
             h.m_bState = REDOGROUP_ARCHIVED;
-            ASSERT_TRUE(WriteFileAt(strPath, 0, std::string((const char*)&h, sizeof(h))));
+            ASSERT_TRUE(SetGroupHead(nFound, h));
             p->m_bState = REDOGROUP_ARCHIVED;
         }
     }
@@ -224,17 +232,11 @@ protected:
     // ring is full; every pass is followed by the archiver.
     void Produce(const std::string& s)
     {
-        size_t nDone = 0;
-        int nStall = 0;
-        while (nDone < s.size()) {
+        for (size_t nDone = 0, nStall = 0; nDone < s.size();) {
             int n = TraceRingWrite(m_pRing, m_nRingSize, s.data() + nDone, (int)(s.size() - nDone));
             nDone += (size_t)n;
-            if (n == 0) {
-                Pass();
-                ASSERT_LT(++nStall, 1000) << "the writer never made room";
-            } else {
-                nStall = 0;
-            }
+            nStall = n == 0 ? (Pass(), nStall + 1) : 0;
+            ASSERT_LT(nStall, 1000u) << "the writer never made room";
         }
         m_strStream += s;
     }
@@ -242,8 +244,7 @@ protected:
     bool Pass()
     {
         bool bEnded = m_pRedo->WritePass(m_st, &m_stCrit);
-        Harvest();
-        return bEnded;
+        return Harvest(), bEnded;
     }
 
     // The engine's seal request and the writer's next pass.
@@ -256,18 +257,13 @@ protected:
     // Three records of 3000 bytes: one a log, logs 1 and 2 sealed, 3 open.
     void ThreeLogs()
     {
-        for (int i = 0; i < 3; i++) {
-            Produce(Record(3000, 1, i + 1));
-            Pass();
-            Pass();
-        }
+        for (int i = 0; i < 3; i++) Produce(Record(3000, 1, i + 1)), Pass(), Pass();
     }
 
     void Stop()
     {
         m_bExit = TRUE;
-        for (int i = 0; i < 5000 && !Pass(); i++) {
-        }
+        for (int i = 0; i < 5000 && !Pass(); i++) continue;
         Harvest();
     }
 

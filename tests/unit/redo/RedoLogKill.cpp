@@ -50,26 +50,16 @@ protected:
     {
         size_t nRecord = 0;
         while (nRecord < vBoundaries.size() && vBoundaries[nRecord] <= (size_t)m_pShared->m_nProduced) nRecord++;
-        int nStall = 0;
-        while ((size_t)m_pShared->m_nProduced < strStream.size()) {
+        for (int nStall = 0; (size_t)m_pShared->m_nProduced < strStream.size();) {
             size_t nDone = (size_t)m_pShared->m_nProduced;
             int n = TraceRingWrite(m_pRing, m_nRingSize, strStream.data() + nDone, (int)(strStream.size() - nDone));
             m_pShared->m_nProduced += n;
-            if (n == 0) {
-                Pass();
-                // The writer gave up on the ring: the engine would reset it,
-                // and what it held is lost.
-                if (++nStall >= 1000) {
-                    m_bStalled = true;
-                    return;
-                }
-                continue;
-            }
-            nStall = 0;
-            while (nRecord < vBoundaries.size() && vBoundaries[nRecord] <= (size_t)m_pShared->m_nProduced) {
+            nStall = n == 0 ? (Pass(), nStall + 1) : 0;
+            // The writer gave up on the ring: the engine would reset it, and
+            // what it held is lost.
+            if (nStall >= 1000) return (void)(m_bStalled = true);
+            for (; nRecord < vBoundaries.size() && vBoundaries[nRecord] <= (size_t)m_pShared->m_nProduced; nRecord++)
                 if (nRecord % 3 == 0) Pass();
-                nRecord++;
-            }
         }
     }
 
@@ -116,12 +106,7 @@ protected:
     {
         pid_t pid = fork();
         if (pid == 0) {
-            if (eAt == KillAt::InsideConsume) {
-                g_nKillPoint = nPoint;
-                g_nKillAt = nWrite;
-                g_nPointsSeen = 0;
-                g_pRedoTestPoint = KillAtPoint;
-            }
+            if (eAt == KillAt::InsideConsume) g_nKillPoint = nPoint, g_nKillAt = nWrite, g_pRedoTestPoint = KillAtPoint;
             FaultFileIO io;
             ScopedFileIO scoped(&io);
             long long nSeen = 0;
@@ -160,11 +145,7 @@ protected:
         return true;
     }
 
-    struct KillCase {
-        KillAt m_eAt;
-        int m_nPoint;
-        const char* m_szName;
-    };
+    struct KillCase { KillAt m_eAt; int m_nPoint; const char* m_szName; };
 
     // Kills at each case's nth moment for every n the stream reaches; each
     // joined stream must be the engine's, byte for byte.

@@ -7,6 +7,8 @@
 #include "TraceCapture.h"
 
 #include <functional>
+#include <memory>
+#include <numeric>
 #include <set>
 
 using namespace talvortest;
@@ -37,8 +39,7 @@ protected:
     void StartOver(const std::string& strRun)
     {
         RedoFixture::StartOver(strRun, 8192);
-        m_pHead->m_nTalvorArchiveType = 1;
-        snprintf(m_pHead->m_lpArchiveDesPath, sizeof(m_pHead->m_lpArchiveDesPath), "%sA", m_strDir.c_str());
+        ArchiveInto(m_pHead, m_strDir);
     }
 
     static void Archive(CTalvorRedoLog* pRedo)
@@ -50,8 +51,8 @@ protected:
     // What came before is on the disk.
     static void SyncAll(FaultFileIO& io)
     {
-        std::vector<size_t> v;
-        for (size_t i = 0; i < io.Unsynced().size(); i++) v.push_back(i);
+        std::vector<size_t> v(io.Unsynced().size());
+        std::iota(v.begin(), v.end(), 0);
         io.LosePowerKeeping(v, NameLoss::Keep);
     }
 
@@ -110,15 +111,23 @@ protected:
     }
 
     // A start on the copy, with a new ring (the machine went down).
-    CTalvorRedoLog* StartOn(const std::string& strDir, LPSYSTEMFILEHEAD pHead, std::vector<BYTE>& vRing)
+    std::unique_ptr<CTalvorRedoLog> StartOn(const std::string& strDir, LPSYSTEMFILEHEAD pHead, std::vector<BYTE>& vRing)
     {
         vRing.assign((size_t)m_nRingSize, 0);
         TraceRingInitHead(vRing.data(), m_nRingSize, TRACEMEM_FILETYPE_REDO);
-        CTalvorRedoLog* pRedo = new CTalvorRedoLog();
-        pRedo->SetRingSize(m_nRingSize);
-        EXPECT_TRUE(pRedo->Init(pHead, 0, &m_bExit, (char*)strDir.c_str(), (char*)vRing.data(), nullptr, nullptr,
-                                FALSE, nullptr));
-        return pRedo;
+        CTalvorRedoLog* pRedo = nullptr;
+        EXPECT_TRUE(InitOn(pRedo, pHead, strDir, vRing.data()));
+        return std::unique_ptr<CTalvorRedoLog>(pRedo);
+    }
+
+    // A start on strDir archives every log, whole; what is wrong.
+    std::string ArchivedAfterAStart(const std::string& strDir, LPSYSTEMFILEHEAD pHead)
+    {
+        std::vector<BYTE> vRing;
+        Archive(StartOn(strDir, pHead, vRing).get());
+        std::string strError;
+        for (UINT n = 1; n <= 3; n++) strError += ArchiveProblem(strDir, n);
+        return strError;
     }
 
     // Log n's archive copy in the tree strDir: "" if whole, else what is wrong.
@@ -163,13 +172,9 @@ TEST_F(RedoPowerLoss, CutAtAnyCallOfTheArchiverLeavesEveryLogCalledArchivedWhole
         // The next start archives what is left, whole.
         SYSTEMFILEHEAD stHead;
         memcpy(&stHead, m_pHead, sizeof(stHead));
-        snprintf(stHead.m_lpArchiveDesPath, sizeof(stHead.m_lpArchiveDesPath), "%sA", strCopy.c_str());
+        ArchiveInto(&stHead, strCopy);
         ScopedFileIO plain(nullptr);
-        std::vector<BYTE> vRing;
-        CTalvorRedoLog* pRedo = StartOn(strCopy, &stHead, vRing);
-        Archive(pRedo);
-        for (UINT n = 1; n <= 3; n++) strError += ArchiveProblem(strCopy, n);
-        delete pRedo;
+        strError += ArchivedAfterAStart(strCopy, &stHead);
         return true;
     });
     EXPECT_GT(nCuts, 20);
@@ -216,7 +221,7 @@ TEST_F(RedoPowerLoss, CutAtAnyCallOfASealLeavesNoTornLog)
             memcpy(&stHead, m_pHead, sizeof(stHead));
             ScopedFileIO plain(nullptr);
             std::vector<BYTE> vRing;
-            CTalvorRedoLog* pRedo = StartOn(strCopy, &stHead, vRing);
+            std::unique_ptr<CTalvorRedoLog> pRedo = StartOn(strCopy, &stHead, vRing);
             // Whatever the start keeps sealed is whole records of the stream.
             LPTALVORREDOGROUP p = pRedo->GetGroup(0);
             if (p->m_bState == REDOGROUP_SEALED) {
@@ -225,7 +230,6 @@ TEST_F(RedoPowerLoss, CutAtAnyCallOfASealLeavesNoTornLog)
                     (!strBody.empty() && strBody.size() != 700 && strBody.size() != strLog.size()))
                     strError += "log sealed after the start torn (" + std::to_string(strBody.size()) + " bytes); ";
             }
-            delete pRedo;
             return true;
         });
     }
@@ -257,13 +261,12 @@ TEST_F(RedoPowerLoss, SealedLogWhosePageHoldsThePreviousLogIsCutBehindItsOwnReco
     ASSERT_TRUE(WriteFileAt(m_strDir + "Redo0.log", 50 + 700, Record(800, 1, 5)));
 
     std::vector<BYTE> vRing;
-    CTalvorRedoLog* pRedo = StartOn(m_strDir, m_pHead, vRing);
+    std::unique_ptr<CTalvorRedoLog> pRedo = StartOn(m_strDir, m_pHead, vRing);
     EXPECT_EQ(REDOGROUP_SEALED, pRedo->GetGroup(0)->m_bState);
     EXPECT_EQ(50 + 700, +pRedo->GetGroup(0)->m_nEffectiveSize);
     std::string strGroup = ReadWholeFile(m_strDir + "Redo0.log");
     EXPECT_EQ(50u + 700u, +HeadOf(strGroup).m_nEffectiveSize);
     EXPECT_TRUE(strGroup.substr(50, 700) == strOwn);
-    delete pRedo;
 }
 
 // Every call of a seal and of the archiving that follows fails in turn
@@ -305,17 +308,12 @@ TEST_F(RedoPowerLoss, FailingCallOfASealOrAnArchiveIsTracedAndTearsNothing)
             if (!bTraced) vFailed.push_back(strCase + ": not traced with its error");
             // Nothing torn under a log's name.
             std::string strError;
-            for (UINT nLog = 1; nLog <= 3; nLog++) {
+            for (UINT nLog = 1; nLog <= 3; nLog++)
                 if (PathExists(m_strDir + "A/ArchiveLog/Log" + std::to_string(nLog) + ".log"))
                     strError += ArchiveProblem(m_strDir, nLog);
-            }
             // The next start archives every log, whole.
             m_bExit = FALSE;
-            std::vector<BYTE> vRing;
-            CTalvorRedoLog* pRedo = StartOn(m_strDir, m_pHead, vRing);
-            Archive(pRedo);
-            delete pRedo;
-            for (UINT nLog = 1; nLog <= 3; nLog++) strError += ArchiveProblem(m_strDir, nLog);
+            strError += ArchivedAfterAStart(m_strDir, m_pHead);
             if (!strError.empty()) vFailed.push_back(strCase + ": " + strError + "\n" + trace.Text());
         }
     }

@@ -19,8 +19,7 @@ const long long ARCHIVE_HANG_MS = 11000; // longer than the 10 s a stop used to 
 int ArchivedLogOf(const std::string& strPath)
 {
     size_t p = strPath.find("/ArchiveLog/");
-    if (p == std::string::npos) return 0;
-    p = strPath.find("Log", p + 12);
+    p = p == std::string::npos ? p : strPath.find("Log", p + 12);
     return p == std::string::npos ? 0 : atoi(strPath.c_str() + p + 3);
 }
 
@@ -29,8 +28,7 @@ int ArchivedLogOf(const std::string& strPath)
 TEST_F(RedoFixture, CleanStopWithTheArchiverBehindDrainsTheRingAndTheNextStartArchivesTheRest)
 {
     MakeRing(32768);
-    m_pHead->m_nTalvorArchiveType = 1;
-    snprintf(m_pHead->m_lpArchiveDesPath, sizeof(m_pHead->m_lpArchiveDesPath), "%sA", m_strDir.c_str());
+    ArchiveInto(m_pHead, m_strDir);
     FaultFileIO io;
     ScopedFileIO scoped(&io);
     ASSERT_TRUE(InitRedo());
