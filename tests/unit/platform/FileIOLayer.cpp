@@ -161,41 +161,21 @@ TEST_F(FileIOTest, AppendFileTellsALostPieceAndKeepsTheNextInItsPlace)
 }
 
 
-class MakeDirTest : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_TRUE(m_tree.Ok()); }
-    bool IsDir(const std::string& s)
-    {
-        struct stat st;
-        return stat(s.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-    }
-    TempTree m_tree{"mkdir"};
-    const std::string m_strRoot = m_tree.Root();
-};
-
-// Every directory followed by a slash is made, not the last part of a
-// file's path: MadeDirectoriesOutliveAPowerLossAndAFailedSyncIsTold.
-TEST_F(MakeDirTest, MakesAnExistingPathAndTheAskedBackslash)
+bool IsDir(const std::string& s)
 {
-    EXPECT_EQ(MakeDir((m_strRoot + "/a/b/").c_str()), 1);
-    EXPECT_EQ(MakeDir((m_strRoot + "/a/b/").c_str()), 1) << "an existing path";
-
-    // The memory backend's paths may carry a backslash as a separator; the
-    // directory is made with a "/" in its place.
-    EXPECT_EQ(MakeDirs((m_strRoot + "/e\\f/g.dbf").c_str(), 256, TRUE), 1);
-    EXPECT_TRUE(IsDir(m_strRoot + "/e/f"));
-    EXPECT_EQ(MakeDirs((m_strRoot + "/h\\i/j.dbf").c_str(), MAX_PATH, FALSE), 1);
-    EXPECT_TRUE(IsDir(m_strRoot + "/h\\i")) << "without the flag a backslash is part of the name";
+    struct stat st;
+    return stat(s.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-// A file synced into a directory MakeDir made must outlive a power loss: the
-// directory's own name is synced into its parent, and a failure of that sync
-// is told to the caller who asks.
-TEST_F(MakeDirTest, MadeDirectoriesOutliveAPowerLossAndAFailedSyncIsTold)
+// Every directory followed by a slash is made, not the last part of a file's
+// path. A file synced into a directory MakeDir made must outlive a power
+// loss: the directory's own name is synced into its parent, and a failure of
+// that sync is told to the caller who asks.
+TEST_F(FileIOTest, MadeDirectoriesOutliveAPowerLossAndAFailedSyncIsTold)
 {
+    const std::string strRoot = m_tree.Root(), strFile = strRoot + "/p/q/f";
     FaultFileIO io;
     ScopedFileIO scoped(&io);
-    const std::string strFile = m_strRoot + "/p/q/f";
     int nErr = -1;
     EXPECT_EQ(MakeDir(strFile.c_str(), &nErr), 1);
     EXPECT_EQ(0, nErr);
@@ -208,9 +188,17 @@ TEST_F(MakeDirTest, MadeDirectoriesOutliveAPowerLossAndAFailedSyncIsTold)
     EXPECT_TRUE(PathExists(strFile)) << "the file went with a directory whose name was never synced";
 
     io.FailNext(FileOp::SyncDirectory, EIO);
-    EXPECT_EQ(MakeDir((m_strRoot + "/r/s/").c_str(), &nErr), 1);
+    EXPECT_EQ(MakeDir((strRoot + "/r/s/").c_str(), &nErr), 1);
     EXPECT_EQ(EIO, nErr);
-    EXPECT_TRUE(IsDir(m_strRoot + "/r/s"));
+    EXPECT_TRUE(IsDir(strRoot + "/r/s"));
+    EXPECT_EQ(MakeDir((strRoot + "/r/s/").c_str()), 1) << "an existing path";
+
+    // The memory backend's paths may carry a backslash as a separator; the
+    // directory is made with a "/" in its place.
+    EXPECT_EQ(MakeDirs((strRoot + "/e\\f/g.dbf").c_str(), 256, TRUE), 1);
+    EXPECT_TRUE(IsDir(strRoot + "/e/f"));
+    EXPECT_EQ(MakeDirs((strRoot + "/h\\i/j.dbf").c_str(), MAX_PATH, FALSE), 1);
+    EXPECT_TRUE(IsDir(strRoot + "/h\\i")) << "without the flag a backslash is part of the name";
 }
 
 } // namespace
