@@ -66,19 +66,14 @@ void CheckBackupFile(const std::string& strBackup, const std::map<std::string, s
     const SYSTEMFILEHEAD* lpSystem = (const SYSTEMFILEHEAD*)mapDisk.at("System.dbf").data();
     // Version, head size and copies end to end are the verifier's, which
     // passes the daemon's backup below.
-    EXPECT_EQ(0, memcmp(strBackup.data() + 4, "BKDA", 4));
-    EXPECT_EQ(0, memcmp(lpHead->m_pDataFlag, "Talvor\0\0", 8));
-    EXPECT_EQ(nTs, Val(lpHead->m_nTimestamp));
-    EXPECT_EQ(0, Val(lpHead->m_nReferTimestamp));
-    EXPECT_EQ(7, Val(lpHead->m_nLogNo));
-    EXPECT_EQ(50, Val(lpHead->m_nLogPos));
-    EXPECT_EQ(Val(lpSystem->m_usDatabaseGuid), Val(lpHead->m_usDataBaseGuid));
-    EXPECT_EQ(BACKUPLEVEL_FULL, Val(lpHead->m_bLevel));
+    // Timestamp, reference, log number and position, guid, level, host.
+    EXPECT_EQ(std::vector<long long>({nTs, 0, 7, 50, Val(lpSystem->m_usDatabaseGuid), BACKUPLEVEL_FULL, HOST_IP}),
+              std::vector<long long>({Val(lpHead->m_nTimestamp), Val(lpHead->m_nReferTimestamp), Val(lpHead->m_nLogNo),
+                                      Val(lpHead->m_nLogPos), Val(lpHead->m_usDataBaseGuid), Val(lpHead->m_bLevel),
+                                      Val(lpHead->m_ulHostIP)}));
     long long nTime = 0;
     memcpy(&nTime, &lpHead->m_ftBackupTime, sizeof(nTime));
-    EXPECT_LE(nTimeFrom, nTime);
-    EXPECT_GE(nTimeTo, nTime);
-    EXPECT_EQ(HOST_IP, Val(lpHead->m_ulHostIP));
+    EXPECT_TRUE(nTimeFrom <= nTime && nTime <= nTimeTo) << nTimeFrom << " " << nTime << " " << nTimeTo;
     ASSERT_EQ((int)vNames.size(), Val(lpHead->m_nFileNum));
     long long nPos = lpHead->m_nHeadSize;
     for (size_t i = 0; i < vNames.size(); i++) {
@@ -86,11 +81,11 @@ void CheckBackupFile(const std::string& strBackup, const std::map<std::string, s
         const STRUCT_BACKUP_FILEINFO& rec = lpHead->m_stBackupFileInfo[i];
         const std::string& strDisk = mapDisk.at(vNames[i]);
         const BASEFILEHEAD* lpFile = (const BASEFILEHEAD*)strDisk.data();
-        EXPECT_EQ(Val(lpFile->m_bFileType), Val(rec.m_bFileType));
-        EXPECT_EQ(Val(lpFile->m_bFileNo), Val(rec.m_bFileNo));
-        EXPECT_EQ((long long)strDisk.size(), Val(rec.m_nFileSize));
-        EXPECT_EQ(Val(lpFile->m_nFileHeaderSize), Val(rec.m_nFileHeaderSize));
-        EXPECT_EQ(Val(lpFile->m_nFileFreeMemoryOffset), Val(rec.m_nFileFreeMemoryOffset));
+        // Type, number, size, head size, used part.
+        EXPECT_EQ(std::vector<long long>({Val(lpFile->m_bFileType), Val(lpFile->m_bFileNo), (long long)strDisk.size(),
+                                          Val(lpFile->m_nFileHeaderSize), Val(lpFile->m_nFileFreeMemoryOffset)}),
+                  std::vector<long long>({Val(rec.m_bFileType), Val(rec.m_bFileNo), Val(rec.m_nFileSize),
+                                          Val(rec.m_nFileHeaderSize), Val(rec.m_nFileFreeMemoryOffset)}));
         EXPECT_EQ(strDir + vNames[i], std::string(rec.m_lpszFilePath, strnlen(rec.m_lpszFilePath, 256)));
         long long nUsed = rec.m_nFileFreeMemoryOffset;
         ASSERT_LE(nUsed, (long long)strDisk.size());

@@ -13,8 +13,6 @@ using namespace talvortest;
 
 namespace {
 
-const int TABLE_NO = 2;
-const int INDEX_NO = 3;
 const UINT CRASH_BLOCKS = 20;
 const UINT SECOND_BLOCKS = 5;
 const int OUTPUT_WAIT_MS = 60000;

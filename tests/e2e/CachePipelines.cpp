@@ -11,8 +11,6 @@ using namespace talvortest;
 
 namespace {
 
-const int TABLE_NO = 2;
-const int INDEX_NO = 3;
 
 std::string Dumped(const std::string& strDir, const char* lpszKind, int nFileNo, UINT nBlockNo)
 {

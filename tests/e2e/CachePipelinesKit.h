@@ -22,6 +22,8 @@ const int PEER_RUN_TIMEOUT_MS = 120000;
 // and one large enough that every cache-mode file keeps them.
 const int SMALL_CACHE_MIB = 64;
 const int BUFFERED_CACHE_MIB = 300;
+// The file numbers of a database of one table and one index file.
+const int TABLE_NO = 2, INDEX_NO = 3;
 
 // The stand-in's lines, by kind.
 struct PeerFlushLine {
@@ -31,16 +33,8 @@ struct PeerFlushLine {
     int nResult = -1;  // -1: timeout
     int nSave = -1, nFlush = -1;
 };
-struct PeerTsLine {
-    bool bIndex = false;
-    long long llTs = 0;
-    int nResult = -1;
-};
-struct PeerLoadLine {
-    int nFile = 0;
-    UINT nBlock = 0;
-    int nResult = -1;
-};
+struct PeerTsLine { bool bIndex = false; long long llTs = 0; int nResult = -1; };
+struct PeerLoadLine { int nFile = 0; UINT nBlock = 0; int nResult = -1; };
 struct PeerRun {
     int nExit = -99;
     std::string strOut;
@@ -94,11 +88,7 @@ inline PeerRun ParsePeer(const std::string& strOut, int nExit)
         if (l.rfind("load", 0) == 0) {
             // "loadfault MODE file ..." names the mode first.
             std::string strFields = l.rfind("loadfault ", 0) == 0 ? l.substr(l.find(' ', 10)) : l;
-            PeerLoadLine x;
-            x.nFile = (int)NumberAfter(strFields, "file ");
-            x.nBlock = (UINT)NumberAfter(strFields, " block ");
-            x.nResult = ResultOf(l);
-            run.vLoads.push_back(x);
+            run.vLoads.push_back({(int)NumberAfter(strFields, "file "), (UINT)NumberAfter(strFields, " block "), ResultOf(l)});
         }
         if (l == "done") run.bDone = true;
     }
@@ -106,10 +96,9 @@ inline PeerRun ParsePeer(const std::string& strOut, int nExit)
 }
 
 // Runs the stand-in's cache job to its end.
-inline PeerRun RunCachePeer(DaemonSandbox& box, const std::vector<std::string>& vArgs)
+inline PeerRun RunCachePeer(DaemonSandbox& box, std::vector<std::string> vCmd)
 {
-    std::vector<std::string> vCmd = {"cache"};
-    vCmd.insert(vCmd.end(), vArgs.begin(), vArgs.end());
+    vCmd.insert(vCmd.begin(), "cache");
     std::string strOut;
     int nExit = Peer(box, vCmd, &strOut, PEER_RUN_TIMEOUT_MS);
     return ParsePeer(strOut, nExit);

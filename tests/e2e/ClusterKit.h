@@ -6,8 +6,6 @@
 
 #include "DatabaseLoadKit.h"
 
-#include <dirent.h>
-
 namespace talvortest {
 
 const int CLUSTER_WAIT_MS = 60000;
@@ -83,14 +81,33 @@ inline ClusterLine Backup(DaemonSandbox& box, std::vector<std::string> vArgs)
     return BackupJob(box, vArgs);
 }
 
-// The port a node listener of the stand-in, started by box.Spawn under
-// strName, printed ("listening on port N"); 0 when none came within 5 s.
-inline int ListenerPort(DaemonSandbox& box, const std::string& strName)
+// A node listener of the stand-in (talvor-peer vCmd, on a port of its
+// choosing) spawned in box under strName; its pid, and the port it printed
+// ("listening on port N") within 5 s.
+inline void SpawnListener(DaemonSandbox& box, std::vector<std::string> vCmd, const std::string& strName, pid_t* pPid,
+                          int* pPort)
 {
-    long long nPort = 0;
+    vCmd.insert(vCmd.begin(), PeerPath());
+    vCmd.insert(vCmd.begin() + 2, {"--port", "0", "--seconds", "600"});
+    *pPid = box.Spawn(vCmd, strName);
+    ASSERT_GT(*pPid, 0);
     std::string strOut = box.Root() + "/" + strName + ".out";
-    WaitUntil([&] { return (nPort = NumberAfter(ReadWholeFile(strOut), "listening on port ")) > 0; }, 5000, 10);
-    return nPort > 0 ? (int)nPort : 0;
+    WaitUntil([&] { return (*pPort = (int)NumberAfter(ReadWholeFile(strOut), "listening on port ")) > 0; }, 5000, 10);
+    ASSERT_GT(*pPort, 0);
+}
+// Stops a listener spawned under strName; its output.
+inline std::string StopListener(DaemonSandbox& box, pid_t* pPid, const std::string& strName)
+{
+    box.Signal(*pPid, SIGTERM);
+    EXPECT_EQ(0, box.WaitExit(*pPid, 10000));
+    *pPid = -1;
+    return ReadWholeFile(box.Root() + "/" + strName + ".out");
+}
+// The arguments of a cluster command that name the node at nPort here.
+inline std::vector<std::string> NodeAt(int nPort, std::vector<std::string> vMore = {})
+{
+    vMore.insert(vMore.begin(), {"--ip", "127.0.0.1", "--port", std::to_string(nPort), "--local-ip", "127.0.0.1"});
+    return vMore;
 }
 
 // The targets of the process's open descriptors that lie under strDir,
@@ -98,17 +115,11 @@ inline int ListenerPort(DaemonSandbox& box, const std::string& strName)
 inline std::map<std::string, int> OpenFilesUnder(pid_t pid, const std::string& strDir)
 {
     std::map<std::string, int> mapOpen;
-    std::string strFd = "/proc/" + std::to_string(pid) + "/fd/";
-    DIR* pDir = opendir(strFd.c_str());
-    if (pDir == nullptr) return mapOpen;
-    while (struct dirent* pEntry = readdir(pDir)) {
+    for (const std::string& strFd : ListFiles("/proc/" + std::to_string(pid) + "/fd/")) {
         char szTarget[4096];
-        ssize_t n = readlink((strFd + pEntry->d_name).c_str(), szTarget, sizeof(szTarget) - 1);
-        if (n <= 0) continue;
-        szTarget[n] = '\0';
-        if (strncmp(szTarget, strDir.c_str(), strDir.size()) == 0) mapOpen[szTarget]++;
+        ssize_t n = readlink(strFd.c_str(), szTarget, sizeof(szTarget));
+        if (n > 0 && std::string(szTarget, (size_t)n).rfind(strDir, 0) == 0) mapOpen[std::string(szTarget, (size_t)n)]++;
     }
-    closedir(pDir);
     return mapOpen;
 }
 
@@ -124,6 +135,35 @@ inline std::string PrimaryLog(const std::string& strArchive, const std::string& 
         if ((long long)RedoHeadOf(strFile).m_nSequenceNO == nLogNo) return strFile;
     }
     return std::string();
+}
+
+// A standby's copies in strCopies of logs nFirstLog to nLastLog, the last
+// it holds, equal the primary's from nFirstPos of the first and from the
+// head's end of the others on; a log before the last is copied whole, and
+// nothing before a position inside the first was shipped.
+inline void ExpectShippedLogs(const std::string& strCopies, const std::string& strArchive, const std::string& strDataDir,
+                              long long nFirstLog, long long nFirstPos, long long nLastLog)
+{
+    std::map<int, std::string> mapCopies = LogsIn(strCopies);
+    ASSERT_FALSE(mapCopies.empty());
+    EXPECT_EQ(nLastLog, mapCopies.rbegin()->first);
+    for (long long n = nFirstLog; n <= nLastLog; n++) {
+        SCOPED_TRACE(n);
+        std::string strPrimary = PrimaryLog(strArchive, strDataDir, 3, n), strCopy = mapCopies[(int)n];
+        size_t nFrom = n == nFirstLog ? (size_t)nFirstPos : (size_t)REDOLOGFILE_HEAD_SIZE;
+        // A join may seal the log it names before the stand-in's next
+        // record reaches it: then that log, archived whole, ends at the
+        // position and there is nothing of it to ship.
+        if (n == nFirstLog && strPrimary.size() == nFrom) {
+            EXPECT_LE(strCopy.size(), nFrom);
+            continue;
+        }
+        ASSERT_GT(strCopy.size(), nFrom);
+        ASSERT_GE(strPrimary.size(), strCopy.size());
+        EXPECT_TRUE(strCopy.compare(nFrom, std::string::npos, strPrimary, nFrom, strCopy.size() - nFrom) == 0);
+        if (n < nLastLog) EXPECT_EQ((size_t)RedoHeadOf(strPrimary).m_nEffectiveSize, strCopy.size()) << "not whole";
+        if (nFrom > (size_t)REDOLOGFILE_HEAD_SIZE) EXPECT_EQ(std::string(nFrom, '\0'), strCopy.substr(0, nFrom));
+    }
 }
 
 } // namespace talvortest

@@ -179,10 +179,9 @@ inline std::map<std::string, std::string> Snapshot(const std::string& strDir, co
 // Offset of the first byte where two files differ, or -1.
 inline long long FirstDiffAt(const std::string& a, const std::string& b)
 {
+    if (a == b) return -1;
     size_t n = std::min(a.size(), b.size());
-    for (size_t i = 0; i < n; i++)
-        if (a[i] != b[i]) return (long long)i;
-    return a.size() == b.size() ? -1 : (long long)n;
+    return (long long)(std::mismatch(a.begin(), a.begin() + (long)n, b.begin()).first - a.begin());
 }
 
 // SIGTERM, and true once the process ended with status 0.
@@ -209,15 +208,13 @@ inline std::string VerifyJournal(DaemonSandbox& box, const std::string& strJourn
 // m_nBeginTimestamp of a system file on disk, or -1.
 inline long long CommittedOnDisk(const std::string& strSystem)
 {
-    std::string strHead = ReadFileAt(strSystem, 0, sizeof(SYSTEMFILEHEAD));
-    if (strHead.size() < sizeof(SYSTEMFILEHEAD)) return -1;
-    return ((const SYSTEMFILEHEAD*)strHead.data())->m_nBeginTimestamp;
+    return FileSizeOf(strSystem) < (long long)sizeof(SYSTEMFILEHEAD) ? -1 : RecordOnDisk<SYSTEMFILEHEAD>(strSystem).m_nBeginTimestamp;
 }
 
 // A database made by talvor-mkdb (vMkdb) with its ini (WriteDbIni) and a
 // daemon serving it: its pid, or -1 with the failure told.
 inline pid_t StartDb(DaemonSandbox& box, const std::vector<std::string>& vMkdb, const std::string& strIni = "",
-                     int nCacheMiB = 0)
+                     int nCacheMiB = 0, const std::string& strTestCrash = "")
 {
     std::string strOut;
     if (!box.Ok() || MakeDb(box, box.DataDir(), vMkdb, &strOut) != 0) {
@@ -225,7 +222,7 @@ inline pid_t StartDb(DaemonSandbox& box, const std::vector<std::string>& vMkdb, 
         return -1;
     }
     WriteDbIni(box, box.DataDir(), strIni, nCacheMiB);
-    pid_t pid = box.StartServing();
+    pid_t pid = box.StartServing(strTestCrash);
     if (pid <= 0) ADD_FAILURE() << box.ReadDaemonTrace();
     return pid;
 }
@@ -234,9 +231,10 @@ inline pid_t StartDb(DaemonSandbox& box, const std::vector<std::string>& vMkdb, 
 // at the end of the test.
 class RunningDaemon : public ::testing::Test {
 protected:
-    void Start(const std::vector<std::string>& vMkdb, const std::string& strIni = "", int nCacheMiB = 0)
+    void Start(const std::vector<std::string>& vMkdb, const std::string& strIni = "", int nCacheMiB = 0,
+               const std::string& strTestCrash = "")
     {
-        m_pid = StartDb(m_box, vMkdb, strIni, nCacheMiB);
+        m_pid = StartDb(m_box, vMkdb, strIni, nCacheMiB, strTestCrash);
         ASSERT_GT(m_pid, 0);
     }
     // The daemon again on the database as it is.

@@ -8,6 +8,8 @@
 #include "DatabaseLoadKit.h"
 #include "TalvorFileStorage.h"
 
+#include <regex>
+
 using namespace talvortest;
 
 namespace {
@@ -112,29 +114,18 @@ protected:
         std::string strCheck;
         int rc = m_box.Run({ToolPath("talvor-inspect"), "--check", m_box.DataDir()}, 60000, &strCheck);
         if (rc != 0 && rc != 1) return "talvor-inspect failed: " + strCheck;
-        std::string s = ReadWholeFile(m_box.DataDir() + "System.dbf");
         std::string strFindings;
         std::istringstream in(strCheck);
         std::string strLine;
+        // "the file list gives A bytes, the file has B" or "the head gives
+        // a size of A bytes, the file has B", with B > A.
+        static const std::regex reGrown(R"( file (\d+) .*(?:the file list gives|the head gives a size of) (\d+) bytes, the file has (\d+))");
         while (std::getline(in, strLine)) {
+            std::smatch m;
             if (strLine.rfind("damage:", 0) != 0) continue;
-            size_t nFile = strLine.find(" file ");
-            int nFileNo = nFile == std::string::npos ? 0 : atoi(strLine.c_str() + nFile + 6);
-            LPFILE_MEMDBFILEINFO lpRow =
-                s.empty() || nFileNo <= 0 ? nullptr : DbFindFileListRow((LPBYTE)&s[0], (long long)s.size(), (BYTE)nFileNo);
-            // "the file list gives A bytes, the file has B" or "the head
-            // gives a size of A bytes, the file has B", with B > A.
-            size_t nGives = strLine.find("the file list gives ");
-            size_t nSkip = 20;
-            if (nGives == std::string::npos) {
-                nGives = strLine.find("the head gives a size of ");
-                nSkip = 25;
-            }
-            size_t nHas = strLine.find(" bytes, the file has ");
-            bool bGrownCache = lpRow != nullptr && IsCacheFileType(lpRow->m_bFileType) && nGives != std::string::npos &&
-                               nHas != std::string::npos &&
-                               atoll(strLine.c_str() + nHas + 21) > atoll(strLine.c_str() + nGives + nSkip);
-            if (!bGrownCache) strFindings += strLine + "\n";
+            if (!std::regex_search(strLine, m, reGrown) || std::stoll(m[3]) <= std::stoll(m[2]) ||
+                !IsCacheFileType(DiskRow((BYTE)std::stoi(m[1])).m_bFileType))
+                strFindings += strLine + "\n";
         }
         if (rc == 1 && strCheck.find("damage:") == std::string::npos) strFindings += strCheck;
         return strFindings;

@@ -36,7 +36,6 @@ TEST(FlashbackConsistency, EveryCommitOnDiskIsTheImageAsOfItsTimestamp)
                         "8", "--slots", "24", "--objects", "3", "--map-blocks", "3", "--nothing-to-save", "25",
                         "--forbid-every-ms", "2500", "--forbid-ms", "400", "--file-command-every", "1500"},
                   &strOut, (RUN_SECONDS + 60) * 1000);
-    printf("%s", strOut.c_str());
     EXPECT_EQ(0, rc) << strOut << box.ReadDaemonTrace();
     EXPECT_EQ(0, NumberAfter(strOut, "violations ")) << strOut;
     // The check ran often, rows changed while passes ran, and commits left

@@ -19,6 +19,25 @@ bool WriteValue(const std::string& strPath, long long nOffset, T v)
     return WriteFileAt(strPath, nOffset, std::string((const char*)&v, sizeof(v)));
 }
 
+// nEntries map entries at the first cache-mode map page of strTable, block
+// n (from 1) of object nID at nOffset(n), chained to nNext(n).
+template <class FOffset, class FNext>
+void WriteCacheEntries(const std::string& strTable, UINT nEntries, UINT nID, FOffset nOffset, FNext nNext)
+{
+    long long nMap = RecordOnDisk<TABLEFILEHEAD>(strTable, 0).m_nBlockMapStartOffset;
+    EXPECT_TRUE(WriteValue<int>(strTable, nMap + offsetof(BASEFILEBLOCKMAPHEAD_CACHE, m_nBlockMapNum), (int)nEntries));
+    for (UINT n = 1; n <= nEntries; n++) {
+        BASEFILEBLOCKMAP_CACHE e;
+        memset(&e, 0, sizeof(e));
+        e.m_nBlockNo = n;
+        e.m_nBlockSize = CACHE_PAGE_SIZE;
+        e.m_nNextBlockNo = nNext(n);
+        e.m_nID = nID;
+        e.m_nBlockOffset = nOffset(n);
+        EXPECT_TRUE(WriteValue(strTable, nMap + (long long)sizeof(BASEFILEBLOCKMAPHEAD_CACHE) + (n - 1) * sizeof(e), e));
+    }
+}
+
 std::vector<std::string> DamageLines(const std::string& strOut)
 {
     std::vector<std::string> v;
@@ -72,16 +91,17 @@ struct Finding {
     long long m_nOffset;
     std::string m_strText;
 };
+typedef std::vector<Finding> Findings;
 
 } // namespace
 
 // One damage per database, put where a real fault would leave it: the
-// check fails with exactly the one finding that names it.
-TEST_F(InspectTool, EachDamageIsTheOneFindingThatNamesItsFileAndOffset)
+// check fails with exactly the findings that name them, one line each.
+TEST_F(InspectTool, EachDamageIsFoundOnALineThatNamesItsFileAndOffset)
 {
     const struct {
         const char* m_lpWhat;
-        std::function<Finding()> m_fnDamage;
+        std::function<Findings()> m_fnDamage;
     } arCases[] = {
         {"a memory-mode chain that comes back on itself",
          [&] {
@@ -91,7 +111,7 @@ TEST_F(InspectTool, EachDamageIsTheOneFindingThatNamesItsFileAndOffset)
              EXPECT_NE(0, (int)o.m_nID);
              long long nFirst = o.m_nFreeBlockMapOffset != 0 ? o.m_nFreeBlockMapOffset : o.m_nFullBlockMapOffset;
              EXPECT_TRUE(WriteValue<long long>(strData, nFirst + offsetof(BASEFILEBLOCKMAP, m_nNextOffset), nFirst));
-             return Finding{"loop", 2, nFirst, ""};
+             return Findings{{"loop", 2, nFirst, ""}};
          }},
         // A damaged head may give a block area that starts before the file:
         // a negative block offset must still be refused by the file's bounds.
@@ -101,10 +121,8 @@ TEST_F(InspectTool, EachDamageIsTheOneFindingThatNamesItsFileAndOffset)
              long long nEntry = FirstEntryOffset(strData);
              EXPECT_TRUE(WriteValue<long long>(strData, offsetof(BASEFILEHEAD, m_nBlockStartOffset), -(1LL << 40)));
              EXPECT_TRUE(WriteValue<long long>(strData, nEntry + offsetof(BASEFILEBLOCKMAP, m_nBlockOffset), -4096));
-             return Finding{"bound", 2, nEntry, ""};
+             return Findings{{"bound", 2, nEntry, ""}};
          }},
-        // A block past the end of its file and a block whose mark is gone:
-        // EveryDamageHasItsOwnLine.
         // The 80 bytes of a commit, cut after 60 by a power loss: the
         // persisted-up-to timestamp got its new low half, the newest
         // committed one kept its old value.
@@ -117,98 +135,75 @@ TEST_F(InspectTool, EachDamageIsTheOneFindingThatNamesItsFileAndOffset)
              memcpy(&strPart[offsetof(SYSTEMFILEHEAD, m_nBeginTimestamp) - SYSTEMFILE_DYNAMIC_OFFSET], &nBegin, 8);
              memcpy(&strPart[offsetof(SYSTEMFILEHEAD, m_nEndTimestamp) - SYSTEMFILE_DYNAMIC_OFFSET], &nEnd, 8);
              EXPECT_TRUE(WriteFileAt(strSystem, SYSTEMFILE_DYNAMIC_OFFSET, strPart.substr(0, 60)));
-             return Finding{"commit", 1, (long long)offsetof(SYSTEMFILEHEAD, m_nBeginTimestamp), "5000"};
+             return Findings{{"commit", 1, (long long)offsetof(SYSTEMFILEHEAD, m_nBeginTimestamp), "5000"}};
          }},
         {"a cache-mode map entry whose block lies past the file",
          [&] {
              std::string strTable = Path("Table4.dbf");
-             long long nMap = RecordOnDisk<TABLEFILEHEAD>(strTable, 0).m_nBlockMapStartOffset;
-             EXPECT_TRUE(WriteValue<int>(strTable, nMap + offsetof(BASEFILEBLOCKMAPHEAD_CACHE, m_nBlockMapNum), 1));
-             BASEFILEBLOCKMAP_CACHE e;
-             memset(&e, 0, sizeof(e));
-             e.m_nBlockNo = 1;
-             e.m_nBlockSize = CACHE_PAGE_SIZE;
-             e.m_nID = 7;
-             e.m_nBlockOffset = FileSizeOf(strTable);
-             long long nEntry = nMap + (long long)sizeof(BASEFILEBLOCKMAPHEAD_CACHE);
-             EXPECT_TRUE(WriteFileAt(strTable, nEntry, std::string((const char*)&e, sizeof(e))));
-             return Finding{"bound", 4, nEntry, ""};
+             long long nEnd = FileSizeOf(strTable);
+             WriteCacheEntries(strTable, 1, 7, [&](UINT) { return nEnd; }, [](UINT) { return 0u; });
+             return Findings{{"bound", 4,
+                            RecordOnDisk<TABLEFILEHEAD>(strTable, 0).m_nBlockMapStartOffset +
+                                (long long)sizeof(BASEFILEBLOCKMAPHEAD_CACHE),
+                            ""}};
          }},
         {"a cache-mode map page whose mark is gone",
          [&] {
              INDEXFILEHEAD hi = RecordOnDisk<INDEXFILEHEAD>(Path("Index5.dbf"), 0);
              EXPECT_TRUE(WriteValue<int>(Path("Index5.dbf"), hi.m_nBlockMapStartOffset, 0));
-             return Finding{"mark", 5, (long long)hi.m_nBlockMapStartOffset, ""};
+             return Findings{{"mark", 5, (long long)hi.m_nBlockMapStartOffset, ""}};
          }},
         // Cache-mode chains run by block number through the map entries:
         // three blocks whose chain comes back to its first block.
         {"a cache-mode chain that comes back",
          [&] {
              std::string strTable = Path("Table4.dbf");
-             TABLEFILEHEAD h = RecordOnDisk<TABLEFILEHEAD>(strTable, 0);
-             long long nMap = h.m_nBlockMapStartOffset;
-             EXPECT_TRUE(WriteValue<int>(strTable, nMap + offsetof(BASEFILEBLOCKMAPHEAD_CACHE, m_nBlockMapNum), 3));
-             for (UINT n = 1; n <= 3; n++) {
-                 BASEFILEBLOCKMAP_CACHE e;
-                 memset(&e, 0, sizeof(e));
-                 e.m_nBlockNo = n;
-                 e.m_nBlockSize = CACHE_PAGE_SIZE;
-                 e.m_nNextBlockNo = n == 3 ? 1 : n + 1;
-                 e.m_nID = 5;
-                 e.m_nBlockOffset = h.m_nBlockStartOffset + (long long)(n - 1) * CACHE_PAGE_SIZE;
-                 EXPECT_TRUE(WriteFileAt(strTable, nMap + (long long)sizeof(BASEFILEBLOCKMAPHEAD_CACHE) +
-                                                       (n - 1) * sizeof(e), std::string((const char*)&e, sizeof(e))));
-             }
+             long long nBlocks = RecordOnDisk<TABLEFILEHEAD>(strTable, 0).m_nBlockStartOffset;
+             WriteCacheEntries(strTable, 3, 5, [&](UINT n) { return nBlocks + (long long)(n - 1) * CACHE_PAGE_SIZE; },
+                               [](UINT n) { return n == 3 ? 1u : n + 1; });
              CACHEFILETABLEDEF o;
              memset(&o, 0, sizeof(o));
              o.m_nID = 5;
              o.m_nFullBlockNo = 2;
-             EXPECT_TRUE(WriteFileAt(strTable, offsetof(TABLEFILEHEAD, m_stFileObject),
-                                     std::string((const char*)&o, sizeof(o))));
-             return Finding{"loop", 4, -1, "starts at block 2 comes back to block 2"};
+             EXPECT_TRUE(WriteValue(strTable, offsetof(TABLEFILEHEAD, m_stFileObject), o));
+             return Findings{{"loop", 4, -1, "starts at block 2 comes back to block 2"}};
+         }},
+        // Damages in three files at once: each is found and told on a line of
+        // its own, none hides the ones after it.
+        {"a memory-mode block whose mark is gone, an entry past the file, a commit",
+         [&] {
+             std::string strData = Path("Data2.dbf"), strIndex = Path("BTree3.dbf");
+             long long nBlock = RecordOnDisk<BASEFILEBLOCKMAP>(strData, FirstEntryOffset(strData)).m_nBlockOffset;
+             EXPECT_GT(nBlock, 0);
+             EXPECT_TRUE(WriteValue<int>(strData, nBlock, 0x58585858));
+             EXPECT_TRUE(WriteValue<UINT>(strData, nBlock + offsetof(BASEBLOCKHEAD, m_nBlockNo), 9));
+             long long nEntry = FirstEntryOffset(strIndex);
+             EXPECT_TRUE(WriteValue<long long>(strIndex, nEntry + offsetof(BASEFILEBLOCKMAP, m_nBlockOffset), 1LL << 40));
+             EXPECT_TRUE(WriteValue<long long>(Path("System.dbf"), offsetof(SYSTEMFILEHEAD, m_nBeginTimestamp), 77));
+             return Findings{{"commit", 1, -1, ""}, {"mark", 2, nBlock, "0x58585858"}, {"bound", 3, nEntry, ""}};
          }},
         {"a missing file",
          [&] {
              EXPECT_EQ(0, unlink(Path("BTree3.dbf").c_str()));
-             return Finding{"read", 3, -1, ""};
+             return Findings{{"read", 3, -1, ""}};
          }},
     };
     int nCase = 0;
     for (const auto& c : arCases) {
         SCOPED_TRACE(c.m_lpWhat);
         ASSERT_NO_FATAL_FAILURE(MakeIn(m_box.Root() + "/case" + std::to_string(nCase++) + "/"));
-        Finding f = c.m_fnDamage();
+        Findings vWant = c.m_fnDamage();
         std::string strOut;
         EXPECT_EQ(1, Check(&strOut)) << strOut;
         std::vector<std::string> v = DamageLines(strOut);
-        ASSERT_EQ(1u, v.size()) << strOut;
-        EXPECT_TRUE(Names(v[0], f.m_strKind, f.m_nFileNo, f.m_nOffset)) << v[0];
-        EXPECT_NE(std::string::npos, v[0].find(f.m_strText)) << v[0];
+        ASSERT_EQ(vWant.size(), v.size()) << strOut;
+        for (size_t i = 0; i < v.size(); i++) {
+            EXPECT_TRUE(Names(v[i], vWant[i].m_strKind, vWant[i].m_nFileNo, vWant[i].m_nOffset)) << v[i];
+            EXPECT_NE(std::string::npos, v[i].find(vWant[i].m_strText)) << v[i];
+        }
     }
 }
 
-// Damages in three files at once: each is found and told on a line of its
-// own, none hides the ones after it.
-TEST_F(InspectTool, EveryDamageHasItsOwnLine)
-{
-    std::string strData = Path("Data2.dbf");
-    BASEFILEBLOCKMAP e = RecordOnDisk<BASEFILEBLOCKMAP>(strData, FirstEntryOffset(strData));
-    ASSERT_GT((long long)e.m_nBlockOffset, 0);
-    ASSERT_TRUE(WriteValue<int>(strData, e.m_nBlockOffset, 0x58585858));
-    ASSERT_TRUE(WriteValue<UINT>(strData, e.m_nBlockOffset + offsetof(BASEBLOCKHEAD, m_nBlockNo), 9));
-    std::string strIndex = Path("BTree3.dbf");
-    long long nEntry = FirstEntryOffset(strIndex);
-    ASSERT_TRUE(WriteValue<long long>(strIndex, nEntry + offsetof(BASEFILEBLOCKMAP, m_nBlockOffset), 1LL << 40));
-    ASSERT_TRUE(WriteValue<long long>(Path("System.dbf"), offsetof(SYSTEMFILEHEAD, m_nBeginTimestamp), 77));
-    std::string strOut;
-    EXPECT_EQ(1, Check(&strOut));
-    std::vector<std::string> v = DamageLines(strOut);
-    ASSERT_EQ(3u, v.size()) << strOut;
-    EXPECT_TRUE(Names(v[0], "commit", 1, -1)) << v[0];
-    EXPECT_TRUE(Names(v[1], "mark", 2, e.m_nBlockOffset)) << v[1];
-    EXPECT_NE(std::string::npos, v[1].find("0x58585858")) << v[1];
-    EXPECT_TRUE(Names(v[2], "bound", 3, nEntry)) << v[2];
-}
 
 // The files a real daemon wrote, after an engine stand-in committed rows
 // into them and the daemon stopped: sound, walked to the last block, and the

@@ -62,29 +62,17 @@ protected:
     void StartNode(const std::vector<std::string>& vExtra, const std::string& strName = "join")
     {
         StopNode();
-        std::vector<std::string> vCmd = {PeerPath(), "join-node", "--port", "0", "--dir", Copy(""), "--seconds", "600"};
+        std::vector<std::string> vCmd = {"join-node", "--dir", Copy("")};
         vCmd.insert(vCmd.end(), vExtra.begin(), vExtra.end());
-        m_nNode = m_node.Spawn(vCmd, strName);
-        ASSERT_GT(m_nNode, 0);
         m_strNodeName = strName;
-        m_nPort = ListenerPort(m_node, strName);
-        ASSERT_GT(m_nPort, 0);
+        SpawnListener(m_node, vCmd, strName, &m_nNode, &m_nPort);
     }
     // Stops the listener; its output.
-    std::string StopNode()
+    std::string StopNode() { return m_nNode > 0 ? StopListener(m_node, &m_nNode, m_strNodeName) : std::string(); }
+    ClusterLine Join(const std::string& strCode, std::vector<std::string> vExtra = {})
     {
-        if (m_nNode <= 0) return std::string();
-        m_node.Signal(m_nNode, SIGTERM);
-        EXPECT_EQ(0, m_node.WaitExit(m_nNode, 10000));
-        m_nNode = -1;
-        return ReadWholeFile(m_node.Root() + "/" + m_strNodeName + ".out");
-    }
-    ClusterLine Join(const std::string& strCode, const std::vector<std::string>& vExtra = {})
-    {
-        std::vector<std::string> vArgs = {"--ip", "127.0.0.1", "--port", std::to_string(m_nPort), "--local-ip",
-                                          "127.0.0.1", "--wait-ms", std::to_string(NODE_WAIT_MS)};
-        vArgs.insert(vArgs.end(), vExtra.begin(), vExtra.end());
-        return Cluster(m_box, strCode, vArgs, NODE_WAIT_MS + 30000);
+        vExtra.insert(vExtra.begin(), {"--wait-ms", std::to_string(NODE_WAIT_MS)});
+        return Cluster(m_box, strCode, NodeAt(m_nPort, vExtra), NODE_WAIT_MS + 30000);
     }
     std::string Copy(const std::string& strName) const { return m_node.DataDir() + strName; }
     void ExpectCopiesEqualPrimary(const std::vector<std::string>& vNames = CLUSTER_DB_FILES)
@@ -185,33 +173,13 @@ TEST_F(NodeJoin, AJoinedStandbyIsShippedTheLogFromItsPosition)
     // The log moved the system head on since; the other files stand still.
     ExpectCopiesEqualPrimary({"Data2.dbf", "BTree3.dbf", "KV4.dbf"});
     // Shipping goes on from the position the join gave.
-    ClusterLine stAdd = Cluster(m_box, "18", {"--ip", "127.0.0.1", "--port", std::to_string(m_nPort), "--local-ip",
-                                              "127.0.0.1"});
+    ClusterLine stAdd = Cluster(m_box, "18", NodeAt(m_nPort));
     ASSERT_EQ(0, stAdd.m_nResult) << stAdd.m_strText;
     std::string strLogs = Copy("StandbyLog/");
     std::string strLast = strLogs + "Log" + std::to_string(nLastLog) + ".log";
-    ASSERT_TRUE(WaitUntil([&] { return (long long)ReadWholeFile(strLast).size() >= nLastPos; }, 60000, 50))
-        << m_box.ReadDaemonTrace();
-    for (long long n = nLogNo; n <= nLastLog; n++) {
-        SCOPED_TRACE(n);
-        std::string strPrimary = PrimaryLog(strArchive, m_box.DataDir(), 3, n);
-        std::string strCopy = ReadWholeFile(strLogs + "Log" + std::to_string(n) + ".log");
-        size_t nFrom = n == nLogNo ? (size_t)nLogPos : (size_t)REDOLOGFILE_HEAD_SIZE;
-        // The join may seal the log it names before the stand-in's next
-        // record reaches it: then that log, archived whole, ends at the
-        // position and there is nothing of it to ship.
-        if (n == nLogNo && strPrimary.size() == nFrom) {
-            EXPECT_LE(strCopy.size(), nFrom);
-            continue;
-        }
-        ASSERT_GT(strCopy.size(), nFrom);
-        ASSERT_GE(strPrimary.size(), strCopy.size());
-        EXPECT_TRUE(strCopy.compare(nFrom, std::string::npos, strPrimary, nFrom, strCopy.size() - nFrom) == 0);
-        // Nothing before the position was shipped: the join's copy holds it.
-        if (n == nLogNo) {
-            EXPECT_EQ(std::string(nFrom, '\0'), strCopy.substr(0, nFrom));
-        }
-    }
+    ASSERT_TRUE(WaitUntil([&] { return FileSizeOf(strLast) >= nLastPos; }, 60000, 50)) << m_box.ReadDaemonTrace();
+    // Nothing before the position was shipped: the join's copy holds it.
+    ExpectShippedLogs(strLogs, strArchive, m_box.DataDir(), nLogNo, nLogPos, nLastLog);
 }
 
 // A receiver that misbehaves: each case differs only by the misbehaviour.
@@ -262,9 +230,9 @@ TEST_F(NodeJoin, AStopDuringAJoinEndsItAndTheDaemonExitsInTime)
     Start(JOIN_DB, "persistenceintervals=1\r\n");
     CommitToDisk(m_box.Root() + "/journal", 50, 27, 24, 0);
     StartNode({"--misbehave", "silent"});
-    pid_t nCluster = m_box.Spawn({PeerPath(), "cluster", "11", "--ip", "127.0.0.1", "--port", std::to_string(m_nPort),
-                                  "--local-ip", "127.0.0.1", "--wait-ms", "60000"},
-                                 "cluster");
+    std::vector<std::string> vCmd = NodeAt(m_nPort, {"--wait-ms", "60000"});
+    vCmd.insert(vCmd.begin(), {PeerPath(), "cluster", "11"});
+    pid_t nCluster = m_box.Spawn(vCmd, "cluster");
     ASSERT_GT(nCluster, 0);
     ASSERT_TRUE(m_box.WaitForTrace("90001001", 20000)) << m_box.ReadDaemonTrace();
     usleep(1000000);

@@ -5,6 +5,8 @@
 // offset of the damage, whatever part of it is damaged.
 #include "DatabaseLoadKit.h"
 
+#include <tuple>
+
 using namespace talvortest;
 
 namespace {
@@ -115,11 +117,11 @@ TEST(RedoDumpTool, TheDumpOfARealDaemonsGroupsAndArchivesListsEveryRecordInOrder
             nNext = REDOLOGFILE_HEAD_SIZE;
             nLogs++;
         }
-        ASSERT_EQ(nNext, d.m_nOffset) << "record " << i;
-        ASSERT_EQ((long long)vWritten[i].m_nTotalDataSize, d.m_nSize) << "record " << i;
-        ASSERT_EQ((int)vWritten[i].m_nType, d.m_nType) << "record " << i;
-        ASSERT_EQ((long long)vWritten[i].m_nTimestamp, d.m_nTimestamp) << "record " << i;
-        ASSERT_EQ((unsigned)vWritten[i].m_usTransactionNo, d.m_nTransaction) << "record " << i;
+        const BASEEXECUTEPLANHEAD& w = vWritten[i];
+        ASSERT_EQ(std::make_tuple(nNext, (long long)w.m_nTotalDataSize, (int)w.m_nType, (long long)w.m_nTimestamp,
+                                  (unsigned)w.m_usTransactionNo),
+                  std::make_tuple(d.m_nOffset, d.m_nSize, d.m_nType, d.m_nTimestamp, d.m_nTransaction))
+            << "record " << i << " (offset, size, type, timestamp, transaction)";
         nNext = d.m_nOffset + d.m_nSize;
     }
     EXPECT_GT(nLogs, 5) << "the groups never wrapped";

@@ -13,32 +13,17 @@ namespace {
 
 const int SHIP_WAIT_MS = 60000;
 
-class StandbyShipping : public ::testing::Test {
+class StandbyShipping : public RunningDaemon {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(m_box.Ok());
-        m_strArchive = m_box.Root() + "/Archive/";
-        m_strCopies = m_box.Root() + "/Standby/";
-    }
     void TearDown() override
     {
-        if (m_nNode > 0) {
-            m_box.Signal(m_nNode, SIGTERM);
-            m_box.WaitExit(m_nNode, 10000);
-        }
-        if (m_pid > 0) {
-            m_box.Signal(m_pid, SIGTERM);
-            m_box.WaitExit(m_pid, 120000);
-        }
+        if (m_nNode > 0) StopListener(m_box, &m_nNode, "node");
+        RunningDaemon::TearDown();
     }
     void StartPrimary(bool bArchive, const std::string& strTestCrash = "")
     {
-        ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), {"--name", "SHIP", "--redo-groups", "3"}));
-        WriteDbIni(m_box, m_box.DataDir(),
-                   bArchive ? "archivetype=1\r\narchivedespath=" + m_strArchive + "\r\n" : "archivetype=0\r\n");
-        m_pid = m_box.StartServing(strTestCrash);
-        ASSERT_GT(m_pid, 0) << m_box.ReadDaemonTrace();
+        Start({"--name", "SHIP", "--redo-groups", "3"},
+              bArchive ? "archivetype=1\r\narchivedespath=" + m_strArchive + "\r\n" : "archivetype=0\r\n", 0, strTestCrash);
     }
     // The stand-in commits records; its report line.
     std::string Redo(int nRecords, int nSeed, const std::string& strSeals)
@@ -52,16 +37,10 @@ protected:
     }
     void StartNode(std::vector<std::string> vCmd, const std::string& strName = "node")
     {
-        vCmd.insert(vCmd.begin(), {PeerPath(), "standby-node", "--port", "0", "--dir", m_strCopies, "--seconds", "600"});
-        m_nNode = m_box.Spawn(vCmd, strName);
-        ASSERT_GT(m_nNode, 0);
-        m_nPort = ListenerPort(m_box, strName);
-        ASSERT_GT(m_nPort, 0);
+        vCmd.insert(vCmd.begin(), {"standby-node", "--dir", m_strCopies});
+        SpawnListener(m_box, vCmd, strName, &m_nNode, &m_nPort);
     }
-    ClusterLine AddStandby()
-    {
-        return Cluster(m_box, "18", {"--ip", "127.0.0.1", "--port", std::to_string(m_nPort), "--local-ip", "127.0.0.1"});
-    }
+    ClusterLine AddStandby() { return Cluster(m_box, "18", NodeAt(m_nPort)); }
     // The stand-in commits; the copy of its last log reaches the writer's
     // place it reported, and every copy equals the primary's.
     void RedoAndExpectShipped(int nRecords, int nSeed, const std::string& strSeals)
@@ -71,46 +50,14 @@ protected:
         std::string strPath = m_strCopies + "Log" + std::to_string(nLastLog) + ".log";
         ASSERT_TRUE(WaitUntil([&] { return FileSizeOf(strPath) >= nPos; }, SHIP_WAIT_MS, 50))
             << "log " << nLastLog << " not copied up to " << nPos << "\n" << m_box.ReadDaemonTrace();
-        ExpectCopiesEqual(nLastLog);
-    }
-    // Every copied log equals the primary's from its head on, and the
-    // copies run from log 1 without a gap.
-    void ExpectCopiesEqual(long long nLastLog)
-    {
-        std::map<int, std::string> mapCopies = LogsIn(m_strCopies);
-        ASSERT_FALSE(mapCopies.empty());
-        EXPECT_EQ(1, mapCopies.begin()->first);
-        EXPECT_EQ(nLastLog, mapCopies.rbegin()->first);
-        int nExpect = 1;
-        for (const auto& kv : mapCopies) {
-            SCOPED_TRACE(kv.first);
-            EXPECT_EQ(nExpect++, kv.first);
-            std::string strPrimary = PrimaryLog(m_strArchive, m_box.DataDir(), 3, kv.first);
-            ASSERT_GE(strPrimary.size(), kv.second.size());
-            ASSERT_GT(kv.second.size(), (size_t)REDOLOGFILE_HEAD_SIZE);
-            EXPECT_TRUE(kv.second.compare(REDOLOGFILE_HEAD_SIZE, std::string::npos, strPrimary, REDOLOGFILE_HEAD_SIZE,
-                                          kv.second.size() - REDOLOGFILE_HEAD_SIZE) == 0);
-            // A log before the last is copied whole.
-            if (kv.first < nLastLog) {
-                EXPECT_EQ((size_t)RedoHeadOf(strPrimary).m_nEffectiveSize, kv.second.size());
-            }
-        }
+        // Every copy equals the primary's, from log 1 on without a gap.
+        ExpectShippedLogs(m_strCopies, m_strArchive, m_box.DataDir(), 1, REDOLOGFILE_HEAD_SIZE, nLastLog);
     }
     // Whether the channel counts no standby within 10 s.
     bool WaitSlotFreed() { return WaitUntil([&] { return Look(m_box).m_nStandby == 0; }, 10000, 50); }
-    // Stops the listener; its output.
-    std::string StopNode(const std::string& strName)
-    {
-        m_box.Signal(m_nNode, SIGTERM);
-        EXPECT_EQ(0, m_box.WaitExit(m_nNode, 10000));
-        m_nNode = -1;
-        return ReadWholeFile(m_box.Root() + "/" + strName + ".out");
-    }
-    DaemonSandbox m_box;
-    pid_t m_pid = -1;
     pid_t m_nNode = -1;
     int m_nPort = 0;
-    std::string m_strArchive, m_strCopies;
+    std::string m_strArchive = m_box.Root() + "/Archive/", m_strCopies = m_box.Root() + "/Standby/";
 };
 
 } // namespace
@@ -151,7 +98,7 @@ TEST_F(StandbyShipping, MisbehavingStandbysAreShippedAgain)
         RedoAndExpectShipped(200, nSeed++, "100");
         ClusterLine stRemove = Cluster(m_box, "19", {"--ip", "127.0.0.1", "--port", std::to_string(m_nPort)});
         ASSERT_EQ(0, stRemove.m_nResult) << stRemove.m_strText;
-        std::string strNode = StopNode(strName);
+        std::string strNode = StopListener(m_box, &m_nNode, strName);
         EXPECT_EQ(c.m_nTimes, NumberAfter(strNode, "misbehaved ")) << strNode;
         EXPECT_GE(NumberAfter(strNode, "connections "), c.m_nConnections) << strNode;
     }
@@ -191,8 +138,7 @@ TEST_F(StandbyShipping, APrimaryKilledWhileShippingIsFollowedAgainFromTheStandby
     m_box.WaitExit(nRedo, 30000);
     // The restart takes the redo ring over; the standby slots are the
     // engine's to ask for again.
-    m_pid = m_box.StartServing();
-    ASSERT_GT(m_pid, 0) << m_box.ReadDaemonTrace();
+    Serve();
     ASSERT_EQ(0, AddStandby().m_nResult);
     RedoAndExpectShipped(200, 18, "");
 }

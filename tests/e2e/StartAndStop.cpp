@@ -8,11 +8,8 @@
 // and its last pass commits the engine's last change.
 #include "DatabaseLoadKit.h"
 
-#include <csignal>
-#include <thread>
-#include <cstring>
 #include <functional>
-#include <gtest/gtest.h>
+#include <thread>
 
 using namespace talvortest;
 

@@ -19,6 +19,7 @@
 #include <cstddef>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -117,6 +118,17 @@ inline LPSTRUCT_BACKUP_FILEINFO Record(std::string& strBackup, int nIndex)
     return (LPSTRUCT_BACKUP_FILEINFO)&strBackup[BACKUP_FIXED_HEAD_SIZE + (size_t)nIndex * sizeof(STRUCT_BACKUP_FILEINFO)];
 }
 
+// The record of f in a backup head, its data range left to the caller.
+inline void FillRecord(const DbFile& f, STRUCT_BACKUP_FILEINFO* p)
+{
+    p->m_bFileType = f.m_bFileType;
+    p->m_bFileNo = f.m_bFileNo;
+    p->m_nFileSize = f.m_nFileSize;
+    p->m_nFileHeaderSize = f.m_nHeadSize;
+    p->m_nFileFreeMemoryOffset = f.m_nFree;
+    snprintf(p->m_lpszFilePath, sizeof(p->m_lpszFilePath), "%s", f.m_strPath.c_str());
+}
+
 // The finished head area of a backup of vFiles, copies laid out back to
 // back behind it.
 inline std::string FinishedHead(const std::vector<DbFile>& vFiles)
@@ -126,12 +138,7 @@ inline std::string FinishedHead(const std::vector<DbFile>& vFiles)
     for (size_t i = 0; i < vFiles.size(); i++) {
         const DbFile& f = vFiles[i];
         LPSTRUCT_BACKUP_FILEINFO p = Record(strHead, (int)i);
-        p->m_bFileType = f.m_bFileType;
-        p->m_bFileNo = f.m_bFileNo;
-        p->m_nFileSize = f.m_nFileSize;
-        p->m_nFileHeaderSize = f.m_nHeadSize;
-        p->m_nFileFreeMemoryOffset = f.m_nFree;
-        snprintf(p->m_lpszFilePath, sizeof(p->m_lpszFilePath), "%s", f.m_strPath.c_str());
+        FillRecord(f, p);
         p->m_nDataStartOffset = nPos;
         nPos += f.m_nFree;
         p->m_nDataEndOffset = nPos;
@@ -152,18 +159,14 @@ class Verified {
 public:
     explicit Verified(const std::string& strPath) : m_pReport(new BACKUPVERIFYREPORT)
     {
-        TalvorVerifyBackup(strPath.c_str(), m_pReport);
+        TalvorVerifyBackup(strPath.c_str(), m_pReport.get());
     }
-    ~Verified() { delete m_pReport; }
-    Verified(const Verified&) = delete;
-    Verified& operator=(const Verified&) = delete;
-
     int Status() const { return m_pReport->m_nStatus; }
     const BACKUPVERIFYREPORT& Report() const { return *m_pReport; }
     std::string Finding() const { return m_pReport->m_szFinding; }
 
 private:
-    LPBACKUPVERIFYREPORT m_pReport;
+    std::unique_ptr<BACKUPVERIFYREPORT> m_pReport;
 };
 
 // The verifier's status for strImage once fnChange has spoilt it (written

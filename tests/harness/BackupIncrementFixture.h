@@ -140,15 +140,9 @@ inline std::string IncrementImage(const std::vector<IncFile>& vFiles,
     lpHead->m_nTimestamp = nTimestamp;
     lpHead->m_nReferTimestamp = nRefer;
     for (size_t i = 0; i < vFiles.size(); i++) {
-        const DbFile& f = vFiles[i].m_stFile;
         STRUCT_BACKUP_FILEINFO r;
         memset(&r, 0, sizeof(r));
-        r.m_bFileType = f.m_bFileType;
-        r.m_bFileNo = f.m_bFileNo;
-        r.m_nFileSize = f.m_nFileSize;
-        r.m_nFileHeaderSize = f.m_nHeadSize;
-        r.m_nFileFreeMemoryOffset = f.m_nFree;
-        snprintf(r.m_lpszFilePath, sizeof(r.m_lpszFilePath), "%s", f.m_strPath.c_str());
+        FillRecord(vFiles[i].m_stFile, &r);
         if (!vFiles[i].m_vPieces.empty()) AppendChangedFile(vFiles[i], strOut, r);
         memcpy(Record(strOut, (int)i), &r, sizeof(r));
     }

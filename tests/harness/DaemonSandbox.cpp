@@ -84,10 +84,8 @@ DaemonSandbox::DaemonSandbox() : m_tree("sandbox")
 
 DaemonSandbox::~DaemonSandbox()
 {
-    for (pid_t pid : m_vSpawned) {
-        if (kill(pid, 0) == 0) kill(pid, SIGKILL);
-        waitpid(pid, nullptr, WNOHANG);
-    }
+    // Only pids not reaped yet: none can name another's process.
+    for (pid_t pid : m_vSpawned) kill(pid, SIGKILL);
     for (pid_t pid : m_vSpawned) waitpid(pid, nullptr, 0);
     if (m_nHolderPid > 0) {
         kill(m_nHolderPid, SIGKILL);

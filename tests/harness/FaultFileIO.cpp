@@ -33,22 +33,10 @@ bool IsTransfer(FileOp eOp) { return eOp == FileOp::PRead || eOp == FileOp::PWri
 // The calls that change the medium, which a dead device refuses.
 bool ChangesMedium(FileOp eOp)
 {
-    switch (eOp) {
-    case FileOp::PWrite:
-    case FileOp::FSync:
-    case FileOp::FDataSync:
-    case FileOp::FTruncate:
-    case FileOp::Fallocate:
-    case FileOp::Rename:
-    case FileOp::Unlink:
-    case FileOp::MkDir:
-    case FileOp::SyncDirectory:
-    case FileOp::Chmod:
-    case FileOp::FChmod:
-        return true;
-    default:
-        return false;
-    }
+    static const FileOp arOps[] = {FileOp::PWrite, FileOp::FSync,  FileOp::FDataSync,     FileOp::FTruncate,
+                                   FileOp::Fallocate, FileOp::Rename, FileOp::Unlink, FileOp::MkDir,
+                                   FileOp::SyncDirectory, FileOp::Chmod, FileOp::FChmod};
+    return std::find(std::begin(arOps), std::end(arOps), eOp) != std::end(arOps);
 }
 
 std::string ParentDir(const std::string& strPath)
@@ -96,11 +84,7 @@ bool SyncsItself(int fd)
 
 const useconds_t IN_FLIGHT_GRACE_US = 1000;
 
-int FailWith(int nErrno)
-{
-    errno = nErrno;
-    return -1;
-}
+int FailWith(int nErrno) { return errno = nErrno, -1; }
 
 } // namespace
 
@@ -123,29 +107,15 @@ FaultFileIO::~FaultFileIO()
 // ------------------------------------------------------------ setting up
 
 void FaultFileIO::FailCall(FileOp eOp, long long nNth, int nErrno, long long nTimes)
-{
-    Locked([&] { m_vRules.push_back({eOp, nNth, nTimes, nErrno}); });
-}
+{ Locked([&] { m_vRules.push_back({eOp, nNth, nTimes, nErrno}); }); }
 void FaultFileIO::FailNext(FileOp eOp, int nErrno, long long nTimes)
-{
-    Locked([&] { m_vRules.push_back({eOp, m_arCalls[(int)eOp] + 1, nTimes, nErrno}); });
-}
+{ Locked([&] { m_vRules.push_back({eOp, m_arCalls[(int)eOp] + 1, nTimes, nErrno}); }); }
 void FaultFileIO::CutTransfer(FileOp eOp, long long nNth, size_t nBytes)
-{
-    Locked([&] { m_mapCuts[std::make_pair((int)eOp, nNth)] = nBytes; });
-}
-
+{ Locked([&] { m_mapCuts[std::make_pair((int)eOp, nNth)] = nBytes; }); }
 void FaultFileIO::ReadsEndAt(long long nBytes) { Locked([&] { m_nReadsEndAt = nBytes; }); }
-
 void FaultFileIO::ChopTransfers(size_t nChunk, bool bInterrupt)
-{
-    Locked([&] { m_nChunk = nChunk; m_bInterrupt = bInterrupt; m_bInterruptNext = true; });
-}
-
-void FaultFileIO::FillAfter(size_t nBytes, int nErrno)
-{
-    Locked([&] { m_nFillLeft = (long long)nBytes; m_nFillErrno = nErrno; });
-}
+{ Locked([&] { m_nChunk = nChunk; m_bInterrupt = bInterrupt; m_bInterruptNext = true; }); }
+void FaultFileIO::FillAfter(size_t nBytes, int nErrno) { Locked([&] { m_nFillLeft = (long long)nBytes; m_nFillErrno = nErrno; }); }
 void FaultFileIO::DieAfter(FileOp eOp, long long nCalls) { Locked([&] { m_eDieOp = eOp; m_nDieAfter = nCalls; }); }
 
 void FaultFileIO::Hold(FileOp eOp) { Locked([&] { m_arHold[(int)eOp] = true; }); }
@@ -167,17 +137,13 @@ void FaultFileIO::Release()
 long long FaultFileIO::Held() const { return Locked([&] { return m_nHeld; }); }
 
 void FaultFileIO::OnCall(FileOp eOp, FileHook fnHook) { Locked([&] { m_mapHooks[(int)eOp] = std::move(fnHook); }); }
-void FaultFileIO::AfterCall(FileOp eOp, FileHook fnHook)
-{
-    Locked([&] { m_mapAfterHooks[(int)eOp] = std::move(fnHook); });
-}
+void FaultFileIO::AfterCall(FileOp eOp, FileHook fnHook) { Locked([&] { m_mapAfterHooks[(int)eOp] = std::move(fnHook); }); }
 void FaultFileIO::PassThrough(const std::string& strPrefix) { Locked([&] { m_vPassThrough.push_back(strPrefix); }); }
 
 // ------------------------------------------------------------ looking back
 
 long long FaultFileIO::Calls(FileOp eOp) const { return Locked([&] { return m_arCalls[(int)eOp]; }); }
 long long FaultFileIO::BytesRead() const { return Locked([&] { return m_nBytesRead; }); }
-long long FaultFileIO::BytesWritten() const { return Locked([&] { return m_nBytesWritten; }); }
 std::vector<FileWrite> FaultFileIO::Writes() const { return Locked([&] { return m_vWrites; }); }
 
 std::vector<UnsyncedChange> FaultFileIO::Unsynced() const
@@ -304,12 +270,7 @@ FaultFileIO::Verdict FaultFileIO::Judge(FileCall& call)
 {
     const FileOp eOp = call.m_eOp;
     Verdict v;
-    auto Failing = [](int nErrno) {
-        Verdict f;
-        f.m_bFail = true;
-        f.m_nErrno = nErrno;
-        return f;
-    };
+    auto Failing = [](int nErrno) { return Verdict{true, nErrno, NO_LIMIT}; };
     FileHook fnHook;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -473,14 +434,7 @@ int FaultFileIO::Open(const char* lpPath, int nFlags, mode_t nMode)
     // Emptying a file with content is a change like a truncation.
     bool bEmpties = bExisted && (nFlags & O_TRUNC) != 0 && (nFlags & O_ACCMODE) != O_RDONLY &&
                     S_ISREG(stBefore.st_mode) && stBefore.st_size > 0;
-    std::string strOld;
-    if (bEmpties) {
-        int fdOld = open(lpPath, O_RDONLY | O_CLOEXEC);
-        if (fdOld >= 0) {
-            strOld = ReadAllOf(fdOld);
-            close(fdOld);
-        }
-    }
+    std::string strOld = bEmpties ? ReadWholeFile(lpPath) : std::string();
     int fd = CTalvorFileIO::Open(lpPath, nFlags, nMode);
     int nErr = errno;
     if (fd >= 0 && (nFlags & O_CREAT) != 0 && !bExisted)
@@ -534,7 +488,6 @@ ssize_t FaultFileIO::PWrite(int fd, const void* lpBuf, size_t nSize, off_t nOffs
     int nErr = errno;
     m_vWrites.push_back({call.m_strPath, (long long)nOffset, (long long)nSize, (long long)n});
     if (n > 0) {
-        m_nBytesWritten += n;
         if (m_nFillLeft > 0) m_nFillLeft -= std::min((long long)n, m_nFillLeft);
         if (fdUndo >= 0) {
             if ((size_t)n < c.m_strOld.size()) c.m_strOld.resize((size_t)n);
@@ -646,48 +599,29 @@ int FaultFileIO::SyncDirectory(const char* lpDir)
 }
 
 // A failing close still gives the descriptor back, as Linux does.
+// A failing close still gives the descriptor back, as Linux does.
 int FaultFileIO::Close(int fd)
-{
-    return (int)Plain(MakeCall(FileOp::Close, PathOfFd(fd)), true, [&] { return CTalvorFileIO::Close(fd); });
-}
-
+{ return (int)Plain(MakeCall(FileOp::Close, PathOfFd(fd)), true, [&] { return CTalvorFileIO::Close(fd); }); }
 int FaultFileIO::CloseDir(DIR* pDir)
 {
     return (int)Plain(MakeCall(FileOp::CloseDir, pDir != nullptr ? PathOfFd(dirfd(pDir)) : std::string()), true,
                       [&] { return CTalvorFileIO::CloseDir(pDir); });
 }
-
-int FaultFileIO::Flock(int fd, int nOperation)
-{
-    return (int)Plain(MakeCall(FileOp::Flock, PathOfFd(fd), 0, 0, nOperation), false,
-                      [&] { return CTalvorFileIO::Flock(fd, nOperation); });
-}
-
+int FaultFileIO::Flock(int fd, int nOp)
+{ return (int)Plain(MakeCall(FileOp::Flock, PathOfFd(fd), 0, 0, nOp), false, [&] { return CTalvorFileIO::Flock(fd, nOp); }); }
 int FaultFileIO::Stat(const char* lpPath, struct stat* pStat)
-{
-    return (int)Plain(MakeCall(FileOp::Stat, lpPath), false, [&] { return CTalvorFileIO::Stat(lpPath, pStat); });
-}
-
+{ return (int)Plain(MakeCall(FileOp::Stat, lpPath), false, [&] { return CTalvorFileIO::Stat(lpPath, pStat); }); }
 int FaultFileIO::FStat(int fd, struct stat* pStat)
-{
-    return (int)Plain(MakeCall(FileOp::FStat, PathOfFd(fd)), false, [&] { return CTalvorFileIO::FStat(fd, pStat); });
-}
-
+{ return (int)Plain(MakeCall(FileOp::FStat, PathOfFd(fd)), false, [&] { return CTalvorFileIO::FStat(fd, pStat); }); }
 off_t FaultFileIO::LSeek(int fd, off_t nOffset, int nWhence)
 {
     return (off_t)Plain(MakeCall(FileOp::LSeek, PathOfFd(fd), (long long)nOffset, 0, nWhence), false,
                         [&] { return (long long)CTalvorFileIO::LSeek(fd, nOffset, nWhence); });
 }
-
 int FaultFileIO::Chmod(const char* lpPath, mode_t nMode)
-{
-    return (int)Plain(MakeCall(FileOp::Chmod, lpPath), false, [&] { return CTalvorFileIO::Chmod(lpPath, nMode); });
-}
-
+{ return (int)Plain(MakeCall(FileOp::Chmod, lpPath), false, [&] { return CTalvorFileIO::Chmod(lpPath, nMode); }); }
 int FaultFileIO::FChmod(int fd, mode_t nMode)
-{
-    return (int)Plain(MakeCall(FileOp::FChmod, PathOfFd(fd)), false, [&] { return CTalvorFileIO::FChmod(fd, nMode); });
-}
+{ return (int)Plain(MakeCall(FileOp::FChmod, PathOfFd(fd)), false, [&] { return CTalvorFileIO::FChmod(fd, nMode); }); }
 
 DIR* FaultFileIO::OpenDir(const char* lpPath)
 {

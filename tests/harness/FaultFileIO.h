@@ -33,28 +33,8 @@
 
 namespace talvortest {
 
-enum class FileOp {
-    Open,
-    PRead,
-    PWrite,
-    FSync,
-    FDataSync,
-    FTruncate,
-    Close,
-    Flock,
-    Rename,
-    Unlink,
-    MkDir,
-    SyncDirectory,
-    Stat,
-    FStat,
-    LSeek,
-    Chmod,
-    FChmod,
-    OpenDir,
-    CloseDir,
-    Fallocate,
-};
+enum class FileOp { Open, PRead, PWrite, FSync, FDataSync, FTruncate, Close, Flock, Rename, Unlink, MkDir,
+                    SyncDirectory, Stat, FStat, LSeek, Chmod, FChmod, OpenDir, CloseDir, Fallocate };
 inline constexpr int FILE_OP_COUNT = (int)FileOp::Fallocate + 1;
 
 // nTimes of FailCall: the Nth call and every one after it.
@@ -143,7 +123,6 @@ public:
     // --- What happened.
     long long Calls(FileOp eOp) const;
     long long BytesRead() const;
-    long long BytesWritten() const;
     std::vector<FileWrite> Writes() const;
 
     // --- Power loss.
@@ -182,12 +161,7 @@ public:
 private:
     typedef std::pair<dev_t, ino_t> FileKey;
 
-    struct Rule {
-        FileOp m_eOp;
-        long long m_nFrom;
-        long long m_nTimes;
-        int m_nErrno;
-    };
+    struct Rule { FileOp m_eOp; long long m_nFrom, m_nTimes; int m_nErrno; };
     enum ChangeKind { CHANGE_WRITE, CHANGE_TRUNCATE, CHANGE_CREATE, CHANGE_RENAME, CHANGE_UNLINK, CHANGE_MKDIR };
     struct Change {
         ChangeKind m_eKind;
@@ -202,11 +176,7 @@ private:
         std::vector<FileKey> m_vDirs; // directories still to be synced
     };
     // Where the call stands once counted: go on, or fail.
-    struct Verdict {
-        bool m_bFail = false;
-        int m_nErrno = 0;
-        size_t m_nLimit = (size_t)-1;
-    };
+    struct Verdict { bool m_bFail = false; int m_nErrno = 0; size_t m_nLimit = (size_t)-1; };
 
     // fn run under the layer's lock; its result.
     template <class F>
@@ -265,7 +235,6 @@ private:
     std::map<int, FileHook> m_mapAfterHooks;
     std::vector<std::string> m_vPassThrough;
     long long m_nBytesRead = 0;
-    long long m_nBytesWritten = 0;
     std::vector<FileWrite> m_vWrites;
     std::vector<Change> m_vChanges;
     std::map<FileKey, int> m_mapUndoFds;

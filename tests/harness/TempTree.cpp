@@ -52,11 +52,4 @@ std::string TempTree::File(const std::string& strName, const std::string& strTex
     return strPath;
 }
 
-std::string TempTree::SubDir(const std::string& strName) const
-{
-    std::string strPath = Path(strName);
-    mkdir(strPath.c_str(), 0755);
-    return strPath + "/";
-}
-
 } // namespace talvortest

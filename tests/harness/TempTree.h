@@ -27,8 +27,6 @@ public:
     std::string Path(const std::string& strName) const { return Dir() + strName; }
     // Writes a file of the tree (directories of strName must exist); its path.
     std::string File(const std::string& strName, const std::string& strText) const;
-    // Makes a directory of the tree; its path with a trailing "/".
-    std::string SubDir(const std::string& strName) const;
 
 private:
     std::string m_strRoot;

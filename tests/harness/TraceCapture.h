@@ -33,8 +33,8 @@ public:
     // Thread: any.
     std::vector<CapturedLine> Lines() const
     {
-        std::lock_guard<std::mutex> g(Lock());
-        return Store();
+        std::lock_guard<std::mutex> g(s_lock);
+        return s_vLines;
     }
     std::string Text() const
     {
@@ -44,8 +44,8 @@ public:
     }
     void Clear()
     {
-        std::lock_guard<std::mutex> g(Lock());
-        Store().clear();
+        std::lock_guard<std::mutex> g(s_lock);
+        s_vLines.clear();
     }
     // A line of nCode whose text holds strText.
     bool Has(long nCode, const std::string& strText) const
@@ -56,20 +56,12 @@ public:
     }
 
 private:
-    static std::mutex& Lock()
-    {
-        static std::mutex s_lock;
-        return s_lock;
-    }
-    static std::vector<CapturedLine>& Store()
-    {
-        static std::vector<CapturedLine> s_vLines;
-        return s_vLines;
-    }
+    static inline std::mutex s_lock;
+    static inline std::vector<CapturedLine> s_vLines;
     static void Sink(LPCTSTR szFunction, LONG nLevel, LONG nCode, LPCTSTR szText)
     {
-        std::lock_guard<std::mutex> g(Lock());
-        Store().push_back({nLevel, nCode, szFunction != nullptr ? szFunction : "", szText != nullptr ? szText : ""});
+        std::lock_guard<std::mutex> g(s_lock);
+        s_vLines.push_back({nLevel, nCode, szFunction != nullptr ? szFunction : "", szText != nullptr ? szText : ""});
     }
 
     LPTALVORTRACESINK m_pOld;
