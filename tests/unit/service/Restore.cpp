@@ -291,7 +291,10 @@ TEST_F(Restore, FromAnEmptyTreeUnusedPartsAreZerosAndALowerLevelsNewFileHasOnlyI
     // Files whose used part is shorter than their size: the restore must
     // fill the rest with zeros.
     int nShort = 0;
-    for (int i = 0; i < DB_FILES; i++) nShort += Val(Record(m_arChain[0], i)->m_nFileFreeMemoryOffset) < Val(Record(m_arChain[0], i)->m_nFileSize);
+    for (int i = 0; i < DB_FILES; i++) {
+        const STRUCT_BACKUP_FILEINFO* pRecord = Record(m_arChain[0], i);
+        nShort += Val(pRecord->m_nFileFreeMemoryOffset) < Val(pRecord->m_nFileSize) ? 1 : 0;
+    }
     ASSERT_GT(nShort, 0);
     m_db.Stop();
     WriteChain(m_arChain);
