@@ -2,10 +2,10 @@
 //
 // "data" changes rows of every memory-mode database file as the engine
 // does, one row per transaction, writes each change to a journal before the
-// transaction's m_nEndTimestamp is raised, and may ask for passes
-// (m_bStorageCMD 2, waiting for 32). As a live engine (--live) it sets
-// m_bService to 1 and answers the daemon's channel commands between
-// transactions; killed, it plays a lost engine.
+// row changes (so before the transaction's m_nEndTimestamp is raised), and
+// may ask for passes (m_bStorageCMD 2, waiting for 32). As a live engine
+// (--live) it sets m_bService to 1 and answers the daemon's channel commands
+// between transactions; killed, it plays a lost engine.
 //
 // In a data file the rows are the engine's records (a slot array and one
 // piece per row), and before a row changes its value so far is kept as an
@@ -559,16 +559,19 @@ int RunDataJob(const std::vector<std::string>& args)
         int nSlot = (int)(rng() % (unsigned long long)(nSlots < nSlotMax ? nSlots : nSlotMax));
         long long nValue = (long long)(rng() >> 1);
         ts = TalvorLoadShared(&lpHead->m_nEndTimestamp) + 1;
-        if (bRows)
-            ChangeDataRow(engine, nFileNo, nBlock, nSlot, nValue, ts, mapObjects[{nFileNo, nBlock}]);
-        else
-            PeerChangeRow(engine.m_arImages[nFileNo], engine.m_arSizes[nFileNo], nFileNo, nBlock, nSlot, nValue, ts);
+        // Journalled before the row changes: killed in between, the engine
+        // leaves a journalled change that never happened, which the check
+        // allows, rather than a change on disk the journal never saw.
         if (bExact) vJournal.push_back({ts, nFileNo, nBlock, nSlot, nValue});
         if (!AppendJournal(fdJournal, PeerJournalLine({ts, nFileNo, nBlock, nSlot, nValue}))) {
             fprintf(stderr, "talvor-peer data: journal write failed: %s\n", strerror(errno));
             close(fdJournal);
             return PEER_INPUT;
         }
+        if (bRows)
+            ChangeDataRow(engine, nFileNo, nBlock, nSlot, nValue, ts, mapObjects[{nFileNo, nBlock}]);
+        else
+            PeerChangeRow(engine.m_arImages[nFileNo], engine.m_arSizes[nFileNo], nFileNo, nBlock, nSlot, nValue, ts);
         PeerFence();
         TalvorStoreShared(&lpHead->m_nEndTimestamp, ts);
         if (bLive) engine.ServeChannel();
