@@ -1,19 +1,12 @@
-// The fault layer itself, against real files: a failed call changes
-// nothing, a cut write lands only its head, a dead device refuses every
-// change, and a power loss keeps exactly what was synced (plus any chosen
-// subset of what was not), names included.
+// The power-loss model every crash test rests on, against real files: a
+// power loss keeps exactly what was synced, names included.
 #include "FaultFileIO.h"
 #include "TempTree.h"
 #include "TestFiles.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <atomic>
-#include <cerrno>
 #include <string>
-#include <thread>
-#include <unistd.h>
 #include <vector>
 
 using namespace talvortest;
@@ -43,89 +36,6 @@ protected:
 
 } // namespace
 
-TEST_F(FaultLayer, NthCallOfAKindFailsWithItsErrnoAndNothingElseDoes)
-{
-    std::string strPath = m_tree.File("f", "0123456789");
-    m_io.FailCall(FileOp::PWrite, 2, ENOSPC);
-    m_io.FailCall(FileOp::Rename, 1, EXDEV, FAULT_ALWAYS);
-    int fd = OpenRW(strPath);
-    EXPECT_EQ(1, Put(fd, "A", 0));
-    EXPECT_TRUE(Put(fd, "B", 1) == -1 && errno == ENOSPC);
-    EXPECT_EQ(1, Put(fd, "C", 2));
-    EXPECT_EQ("A1C3456789", ReadWholeFile(strPath)) << "the failed write left its bytes";
-    // Relative to now: the next two syncs fail, the third does not.
-    m_io.FailNext(FileOp::FSync, EIO, 2);
-    for (int nWant : {-1, -1, 0}) EXPECT_EQ(nWant, m_io.FSync(fd));
-    for (int i = 0; i < 3; i++) EXPECT_TRUE(m_io.Rename(strPath.c_str(), m_tree.Path("g").c_str()) == -1 && errno == EXDEV);
-    EXPECT_TRUE(PathExists(strPath));
-    EXPECT_EQ(0, m_io.Close(fd));
-    EXPECT_EQ(3, m_io.Calls(FileOp::PWrite));
-}
-
-TEST_F(FaultLayer, CutTransfersMoveOnlyTheirHeadAndReadsMeetAnEarlyEnd)
-{
-    std::string strPath = m_tree.File("f", std::string(16, '.'));
-    m_io.CutTransfer(FileOp::PWrite, 1, 3);
-    m_io.CutTransfer(FileOp::PRead, 2, 2);
-    int fd = OpenRW(strPath);
-    EXPECT_EQ(3, Put(fd, "abcdefgh", 4));
-    EXPECT_EQ("....abc.........", ReadWholeFile(strPath));
-    EXPECT_EQ(8, Put(fd, "ABCDEFGH", 4)) << "only the first write is cut";
-    char sz[16] = {0};
-    EXPECT_EQ(6, m_io.PRead(fd, sz, 6, 4));
-    EXPECT_EQ(2, m_io.PRead(fd, sz, 6, 4)) << "the second read is cut";
-    EXPECT_EQ("AB", std::string(sz, 2));
-    m_io.ReadsEndAt(10);
-    EXPECT_EQ(4, m_io.PRead(fd, sz, 16, 6));
-    EXPECT_EQ("CDEF", std::string(sz, 4));
-    m_io.Close(fd);
-}
-
-// A call of a held kind waits until the test lets it go; hooks see each
-// call before and after it.
-TEST_F(FaultLayer, HeldCallsWaitForTheReleaseAndHooksSeeEveryCall)
-{
-    std::string strPath = m_tree.File("f", "....");
-    int fd = OpenRW(strPath);
-    std::vector<std::string> vSeen;
-    m_io.OnCall(FileOp::PWrite, [&](const FileCall& c) { vSeen.push_back("before " + std::to_string(c.m_nOffset)); });
-    m_io.AfterCall(FileOp::PWrite, [&](const FileCall& c) {
-        vSeen.push_back("after " + std::to_string(c.m_nResult) + " " + ReadWholeFile(strPath));
-    });
-    m_io.Hold(FileOp::PWrite);
-    std::atomic<bool> bWritten{false};
-    std::thread writer([&] {
-        Put(fd, "ab", 1);
-        bWritten = true;
-    });
-    ASSERT_TRUE(m_io.WaitHeld(5000));
-    usleep(20000);
-    EXPECT_FALSE(bWritten.load()) << "the held write went through";
-    EXPECT_EQ("....", ReadWholeFile(strPath));
-    m_io.Release();
-    writer.join();
-    EXPECT_EQ(1, m_io.Held());
-    EXPECT_EQ((std::vector<std::string>{"before 1", "after 2 .ab."}), vSeen);
-    m_io.Close(fd);
-}
-
-TEST_F(FaultLayer, DeadDeviceRefusesEveryChangeButReadsGoOn)
-{
-    std::string strPath = m_tree.File("f", "xxxx");
-    m_io.DieAfter(FileOp::PWrite, 2);
-    int fd = OpenRW(strPath);
-    EXPECT_EQ(0, m_io.FSync(fd)) << "alive before its second write";
-    EXPECT_EQ(1, Put(fd, "a", 0));
-    EXPECT_EQ(1, Put(fd, "b", 1));
-    EXPECT_TRUE(m_io.FSync(fd) == -1 && errno == EIO) << "dead once the second write was made";
-    EXPECT_EQ(-1, Put(fd, "c", 2));
-    EXPECT_EQ(-1, m_io.Unlink(strPath.c_str()));
-    char sz[4] = {0};
-    EXPECT_EQ(4, m_io.PRead(fd, sz, 4, 0));
-    EXPECT_EQ("abxx", std::string(sz, 4));
-    m_io.Close(fd);
-}
-
 TEST_F(FaultLayer, PowerLossKeepsWhatWasSyncedAndDropsTheRest)
 {
     std::string strOne = m_tree.File("one", std::string(100, '0'));
@@ -154,43 +64,6 @@ TEST_F(FaultLayer, PowerLossKeepsWhatWasSyncedAndDropsTheRest)
     m_io.LosePower();
     EXPECT_EQ("TWO before", ReadWholeFile(strTwo));
     for (int fd : {fdTwo, fdTwoAgain, fdSync}) m_io.Close(fd);
-}
-
-// Every subset of four overlapping unsynced changes (one a truncation)
-// against a model that applies the kept ones to the synced bytes.
-TEST_F(FaultLayer, PowerLossKeepsAnyChosenSubsetInOrder)
-{
-    struct Step {
-        bool m_bTruncate;
-        off_t m_nOffset;
-        std::string m_strData;
-    };
-    const std::vector<Step> vSteps = {{false, 2, "AAAA"}, {false, 4, "BBBBBBBBBB"}, {true, 9, ""}, {false, 7, "CC"}};
-    const std::string strBase = "0123456789ab";
-    for (unsigned nMask = 0; nMask < (1u << vSteps.size()); nMask++) {
-        std::string strPath = m_tree.File("subset", strBase);
-        FaultFileIO io;
-        int fd = io.Open(strPath.c_str(), O_RDWR, 0);
-        ASSERT_GE(fd, 0);
-        std::string strModel = strBase;
-        std::vector<size_t> vKeep;
-        for (size_t i = 0; i < vSteps.size(); i++) {
-            const Step& s = vSteps[i];
-            const size_t nEnd = s.m_nOffset + s.m_strData.size();
-            if (s.m_bTruncate)
-                ASSERT_EQ(0, io.FTruncate(fd, s.m_nOffset));
-            else
-                ASSERT_EQ((ssize_t)s.m_strData.size(), io.PWrite(fd, s.m_strData.data(), s.m_strData.size(), s.m_nOffset));
-            if ((nMask & (1u << i)) == 0) continue;
-            vKeep.push_back(i);
-            // A truncation's data is empty: it cuts the model at its offset.
-            strModel.resize(s.m_bTruncate ? nEnd : std::max(strModel.size(), nEnd), '\0');
-            strModel.replace((size_t)s.m_nOffset, s.m_strData.size(), s.m_strData);
-        }
-        io.Close(fd);
-        io.LosePowerKeeping(vKeep);
-        EXPECT_EQ(strModel, ReadWholeFile(strPath)) << "mask " << nMask;
-    }
 }
 
 TEST_F(FaultLayer, NamesWithoutADirectorySyncMayBeUndone)

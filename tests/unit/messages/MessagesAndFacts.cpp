@@ -1,26 +1,17 @@
-// Tests of the CPU rate and the stack helper's use of a process name.
+// The stack helper's use of a process name, and a thread that holds its
+// trace lines.
 #include "TalvorError.h"
 #include "TempTree.h"
+#include "TraceCapture.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 using namespace talvortest;
-
-// ---------------------------------------------------------------------------
-// The CPU rate between two samples of /proc/stat.
-// ---------------------------------------------------------------------------
-
-TEST(CpuInfo, RateIsBoundedAndRounded)
-{
-    EXPECT_EQ(cpu_rate_between({1000, 500}, {1200, 550}), 75);
-    EXPECT_EQ(cpu_rate_between({0, 0}, {8, 1}), 88);   // 87.5 rounds up
-    EXPECT_EQ(cpu_rate_between({100, 50}, {100, 50}), 0); // no time passed
-    EXPECT_EQ(cpu_rate_between({200, 50}, {100, 60}), 0); // counters went back
-    EXPECT_EQ(cpu_rate_between({0, 0}, {10, 20}), 0);  // idle beyond total stays in range
-}
 
 // ---------------------------------------------------------------------------
 // Stacks by the debugger.
@@ -35,3 +26,32 @@ TEST(StackHelpers, ProcessNameIsNeverRunAsShell)
     EXPECT_NE(access((dir.Root() + "/ran").c_str(), F_OK), 0);
     EXPECT_EQ(get_all_thread_stacktrace_of_specified_process(nullptr, szBuf, (int)sizeof szBuf), 0);
 }
+
+// A thread that holds its lines: they reach its hold and not the sink, the
+// lines of every other thread still reach the sink, and the hold ends.
+namespace {
+
+void Hold(void* pContext, LPCTSTR szFunc, LONG nLevel, LONG nCode, LPCTSTR szText)
+{
+    ((std::vector<talvortest::CapturedLine>*)pContext)->push_back({nLevel, nCode, szFunc, szText});
+}
+
+TEST(TraceHold, OnlyTheHoldingThreadsLinesAreHeldUntilTheHoldEnds)
+{
+    talvortest::TraceCapture capture;
+    std::vector<talvortest::CapturedLine> vHeld;
+    TraceHoldThisThread(&Hold, &vHeld);
+    Trace("Held", 1, 80003010, "read %d of %s", 7, "the file");
+    std::thread t([] { Trace0("Other", 1, 42, "not held"); });
+    t.join();
+    TraceHoldThisThread(nullptr, nullptr);
+    Trace0("After", 1, 43, "the hold ended");
+    ASSERT_EQ(1u, vHeld.size());
+    EXPECT_EQ("1 80003010 Held read 7 of the file", vHeld[0].Joined());
+    std::vector<talvortest::CapturedLine> vSink = capture.Lines();
+    ASSERT_EQ(2u, vSink.size());
+    EXPECT_EQ(42, vSink[0].m_nCode);
+    EXPECT_EQ(43, vSink[1].m_nCode);
+}
+
+} // namespace

@@ -2,13 +2,11 @@
 // object accessors count from 0, cache maps are found by division, a chain
 // from a file is never followed outside the image or round a loop, and a
 // new file's parts lie where its head says, on 512-byte steps.
-#include "CacheFileHeadArea.h"
 #include "DbFileLayout.h"
 #include "PackedValue.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <vector>
@@ -54,7 +52,6 @@ TEST(DbFileLayoutObjects, EntriesCountFromZeroAndStayInsideTableAndImage)
 {
     std::vector<BYTE> vHead(sizeof(SYSTEMFILEHEAD), 0);
     LPSYSTEMFILEHEAD lpSys = (LPSYSTEMFILEHEAD)vHead.data();
-    EXPECT_EQ(&lpSys->m_stFileObject[1], DbFileListObject(lpSys));
     EXPECT_EQ(&lpSys->m_stFileObject[99], DbSystemFileObject(lpSys, 99));
     EXPECT_EQ(nullptr, DbSystemFileObject(lpSys, 100));
     EXPECT_EQ(nullptr, DbSystemFileObject(lpSys, -1));
@@ -81,29 +78,6 @@ TEST(DbFileLayoutMaps, CacheMapIsFoundByDivision)
     EXPECT_EQ(std::make_pair(1, 679), std::make_pair(nMap, nEntry));
     EXPECT_FALSE(DbCacheMapLocation(0, CACHE_MAX_BLOCKMAP_NUM, &nMap, &nEntry));
     EXPECT_FALSE(DbCacheMapLocation(5, 0, &nMap, &nEntry));
-}
-
-// The head area of a new cache-mode file is checked field by field, at the
-// edges of each page, in CacheFileHeadArea; here an index file whose objects
-// spill into an extended page, and nothing set but the fields named.
-TEST(DbFileLayoutMaps, IndexHeadAreaSpillsIntoAnExtendedPageAndSetsNothingElse)
-{
-    std::vector<BYTE> v(65536, 0xEE);
-    ASSERT_TRUE(CacheBuildHeadArea(CACHEHEADAREADEF{3, FILETYPE_INDEX, 1, 678, DB_CACHEFILE_MIN_SIZE, 5}, v.data(),
-                                   (long long)v.size(), nullptr));
-    ASSERT_EQ(49152, CacheHeadAreaSize(FILETYPE_INDEX, 678));
-    // Head: mark, first map block, first block, the extended page, objects
-    // in the head. Extended page: mark, its number, its objects, no next.
-    // Then the map page's mark.
-    LPINDEXFILEHEAD h = (LPINDEXFILEHEAD)v.data();
-    LPINDEXFILEHEADEX x = (LPINDEXFILEHEADEX)&v[16384];
-    EXPECT_EQ((std::vector<long long>{INDEXFILE_DATAFLAG, 32768, 49152, 16384, 677, INDEXFILEEX_DATAFLAG, 1, 681, 0,
-                                      BLOCKMAP_CACHE_DATAFLAG}),
-              (std::vector<long long>{h->m_nDataFlag, Val(h->m_nBlockMapStartOffset), Val(h->m_nBlockStartOffset),
-                                      Val(h->m_nNextFileHeadOffset), Val(h->m_nHeadMaxObjectNum), x->m_nDataFlag,
-                                      x->m_bExHeadNo, Val(x->m_nExHeadMaxObjectNum), Val(x->m_nNextFileHeadOffset),
-                                      ((LPBASEFILEBLOCKMAPHEAD_CACHE)&v[32768])->m_nDataFlag}));
-    EXPECT_LT(std::count_if(v.begin(), v.begin() + 49152, [](BYTE b) { return b != 0; }), 100);
 }
 
 TEST(DbFileLayoutChains, LoopsOfAnyLengthAreRefusedBeforeAnyEntryIsHandedOut)
