@@ -83,8 +83,7 @@ TEST_F(ServiceStop, AThreadThatDoesNotEndKeepsWhatItHolds)
     TalvorStoreShared(&g_bEixt, 1);
     long long nStart = NowMs();
     EXPECT_EQ(S_OK, m.StopService(&m_db.m_stCrit, m_db.m_nRedoLogMaxID));
-    long long nMs = NowMs() - nStart;
-    EXPECT_LT(nMs, 5000) << "the stop waited past its bound";
+    EXPECT_LT(NowMs() - nStart, 5000) << "the stop waited past its bound";
     // Nothing the thread works on was freed under it.
     for (const void* p : {(const void*)m.m_pStorageInfo, (const void*)m.m_lpSystemFileInfo, (const void*)m.m_lpBuffer,
                           (const void*)m.m_lpHeadBuf, (const void*)m.m_pFlashback, (const void*)m.m_hStorageEvent})
@@ -96,29 +95,6 @@ TEST_F(ServiceStop, AThreadThatDoesNotEndKeepsWhatItHolds)
     m_bStarted = false;
     EXPECT_EQ(32, TalvorLoadShared(&m_db.Head()->m_bStorageCMD));
     EXPECT_EQ(+m_db.Head()->m_nEndTimestamp, m_db.CommittedOnDisk());
-}
-
-TEST_F(ServiceStop, TheLastPassAndTheReleaseWaitForTheThread)
-{
-    HangThreadInAPass();
-    CBreltMemStorageModule& m = m_db.Module();
-    m.m_nStorageStopWaitMs = 20000;
-    TalvorStoreShared(&g_bEixt, 1);
-    std::atomic<bool> bStopped{false};
-    std::thread stopper([&] {
-        m.StopService(&m_db.m_stCrit, m_db.m_nRedoLogMaxID);
-        bStopped = true;
-    });
-    usleep(300000);
-    EXPECT_FALSE(bStopped.load()) << "the stop did not wait for the thread";
-    EXPECT_TRUE(SegmentExists(2));
-    m_io.Release();
-    EXPECT_TRUE(WaitUntil([&] { return bStopped.load(); }, 10000));
-    stopper.join();
-    m_bStarted = false;  // joined by the stop
-    EXPECT_EQ(0u, m.m_hTalvorStorageThread);
-    EXPECT_EQ(nullptr, m.m_pStorageInfo);
-    for (BYTE n = 1; n <= 4; n++) EXPECT_FALSE(SegmentExists(n)) << (int)n;
 }
 
 TEST_F(ServiceStop, TwoPassesNeverRunTogether)
@@ -149,7 +125,7 @@ TEST_F(ServiceStop, TwoPassesNeverRunTogether)
 
 TEST_F(ServiceStop, AClockThatJumpsBackDoesNotHoldThePassUp)
 {
-    const long long nStart = 1700000000LL * 1000000LL;
+    const long long nStart = 1700000000LL * 1000000LL, nBack = nStart - 3600LL * 1000000LL;
     g_nFakeNow = nStart;
     TalvorSetStorageClock(FakeClock);
     StartThread(1);
@@ -157,24 +133,16 @@ TEST_F(ServiceStop, AClockThatJumpsBackDoesNotHoldThePassUp)
     Change(2, 31);
     long long ts = m_db.Head()->m_nEndTimestamp;
     // An hour back; the thread must see it before the clock moves on.
-    g_nFakeNow = nStart - 3600LL * 1000000LL;
+    g_nFakeNow = nBack;
     const long long nReads = g_nClockReads.load();
     ASSERT_TRUE(WaitUntil([&] { return g_nClockReads.load() >= nReads + 2; }, 10000));
     EXPECT_NE(ts, m_db.CommittedOnDisk());
-    g_nFakeNow = nStart - 3600LL * 1000000LL + 1100000LL;  // one interval after the jump
+    g_nFakeNow = nBack + 1100000LL;  // one interval after the jump
     EXPECT_TRUE(WaitUntil([&] { return m_db.CommittedOnDisk() == ts; }, 3000))
         << "the pass waited for the clock to come back";
 }
 
-TEST(StorageThreadInterval, OutOfRangeGivesThreeSeconds)
-{
-    EXPECT_EQ(3, TalvorPersistenceIntervalSeconds(0));
-    EXPECT_EQ(3, TalvorPersistenceIntervalSeconds(301));
-    EXPECT_EQ(300, TalvorPersistenceIntervalSeconds(300));
-    EXPECT_EQ(1, TalvorPersistenceIntervalSeconds(1));
-}
-
-TEST_F(ServiceStop, ForbidFlagsHoldEverythingOffButAClusterCommand)
+TEST_F(ServiceStop, ForbidFlagsHoldThePassesOff)
 {
     StartThread(1);
     Change(2, 7);
@@ -184,17 +152,10 @@ TEST_F(ServiceStop, ForbidFlagsHoldEverythingOffButAClusterCommand)
     EXPECT_EQ(2, TalvorLoadShared(&m_db.Head()->m_bStorageCMD));
     EXPECT_NE(+m_db.Head()->m_nEndTimestamp, TalvorLoadShared(&m_db.Head()->m_nBeginTimestamp));
 
-    // The same through the command record; a cluster command still runs,
-    // and its end clears both flags.
-    LPTALVORCOMMAND lpCmd = m_db.Module().m_pFlashback->GetClusterCommand();
+    // The same through the command record.
     TalvorStoreShared(&m_db.Head()->m_bForbidSaveFlag, 0);
-    TalvorStoreShared(&lpCmd->m_bForbidSaveFlag, 1);
-    usleep(100000);
+    TalvorStoreShared(&m_db.Module().m_pFlashback->GetClusterCommand()->m_bForbidSaveFlag, 1);
+    usleep(1500000);
     EXPECT_EQ(2, TalvorLoadShared(&m_db.Head()->m_bStorageCMD));
-    TalvorStoreShared(&lpCmd->m_bCommandType, 40);
-    ASSERT_TRUE(WaitUntil([&] { return TalvorLoadShared(&lpCmd->m_bCommandType) == 1; }, 2000));
-    EXPECT_EQ(1, TalvorLoadShared(&lpCmd->m_bResult));
-    EXPECT_EQ(0, TalvorLoadShared(&lpCmd->m_bForbidSaveFlag));
-    ASSERT_TRUE(WaitUntil([&] { return TalvorLoadShared(&m_db.Head()->m_bStorageCMD) == 32; }, 5000));
-    EXPECT_EQ(+m_db.Head()->m_nEndTimestamp, TalvorLoadShared(&m_db.Head()->m_nBeginTimestamp));
+    EXPECT_NE(+m_db.Head()->m_nEndTimestamp, TalvorLoadShared(&m_db.Head()->m_nBeginTimestamp));
 }

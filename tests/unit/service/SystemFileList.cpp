@@ -1,5 +1,4 @@
-// The file list of the system file, read at start, and the rewrite of the
-// rows of a moved database.
+// The file list of the system file, read at start.
 #include "BreltMemStorage.h"
 #include "ModuleTestKit.h"
 #include "DatabaseKit.h"
@@ -22,7 +21,6 @@ struct RowPlan {
     BYTE m_bFileType;
     long long m_nSize;
     BYTE m_bDrop = 0;
-    std::string m_strPath{};  // empty: "<dir>F<no>.dbf"
 };
 
 class SystemFileList : public ::testing::Test {
@@ -62,7 +60,7 @@ protected:
     std::string PathOf(const RowPlan& s)
     {
         if (s.m_bFileNo == 1) return SystemPath();
-        return s.m_strPath.empty() ? m_tree.Dir() + "F" + std::to_string(s.m_bFileNo) + ".dbf" : s.m_strPath;
+        return m_tree.Dir() + "F" + std::to_string(s.m_bFileNo) + ".dbf";
     }
     std::string SystemPath() { return m_tree.Dir() + "System.dbf"; }
     LPSYSTEMBLOCKHEAD BlockOf(std::string& strSystem, int nBlock)
@@ -74,13 +72,13 @@ protected:
         return (LPFILE_MEMDBFILEINFO)((LPBYTE)lpBlock + lpBlock->m_nBlockHeadSize);
     }
 
-    // The system file read (bLoad: and the files loaded) by a new module.
-    HRESULT Start(bool bLoad = true)
+    // The system file read and the files loaded by a new module.
+    HRESULT Start()
     {
         m_pModule.reset(new CBreltMemStorageModule());
         InitThreadCritSection(&m_stCrit);
         HRESULT hr = m_pModule->InitSysEnvironment(&m_stCrit, TRUE, FALSE);
-        if (hr == S_OK && bLoad) hr = m_pModule->LoadFile(&m_stCrit);
+        if (hr == S_OK) hr = m_pModule->LoadFile(&m_stCrit);
         return hr;
     }
     std::vector<int> ListedFileNos()
@@ -105,51 +103,23 @@ protected:
 
 } // namespace
 
-TEST_F(SystemFileList, LiveRowsGetDescriptorsAndImagesDroppedRowsNone)
-{
-    std::string strSystem = MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE},
-                                          {2, FILETYPE_DATA, 2 * MIB},
-                                          {3, FILETYPE_DATA, 2 * MIB, 1},
-                                          {4, FILETYPE_KVINDEX, 1 * MIB}},
-                                         DB_SYSTEMFILE_LISTBLOCK_SIZE);
-    ASSERT_EQ(S_OK, Start());
-    CBreltMemStorageModule& m = *m_pModule;
-    EXPECT_EQ((std::vector<int>{4, 2}), ListedFileNos());  // each new row goes in front
-    EXPECT_EQ(nullptr, m.m_arFileInfo[3]);
-    ASSERT_NE(nullptr, m.m_arFileInfo[2]);
-    for (BYTE n = 2; n <= 4; n++) EXPECT_EQ(n != 3, SegmentExists(n)) << (int)n;
-    EXPECT_EQ(m.m_lpSystemFileInfo, m.m_arFileInfo[1]);
-
-    LPBYTE lpImage = m.m_lpSystemFileInfo->m_pFileAddr;
-    LPSYSTEMBLOCKHEAD lpBlock = (LPSYSTEMBLOCKHEAD)(lpImage + m_nFirstBlock);
-    LPFILE_MEMDBFILEINFO lpRows = RowsOf(lpBlock);
-    EXPECT_EQ(&lpRows[1], m.m_arFileInfo[2]->m_lpFileInfo);
-    EXPECT_EQ(2 * MIB, Val(lpRows[1].m_nLoadSize));  // loaded in full
-    // The dropped row keeps its record, untouched.
-    EXPECT_EQ(3, lpRows[2].m_bFileNo);
-    EXPECT_EQ(-7, Val(lpRows[2].m_nLoadSize));
-    // The system file's own row tells this run.
-    EXPECT_EQ(DB_SYSTEMFILE_SIZE, Val(lpRows[0].m_nLoadSize));
-    EXPECT_EQ(SystemPath(), std::string(lpRows[0].m_lpszFilePath));
-    EXPECT_EQ(1, m.m_pMemoryFileHead->m_bStatus);  // readiness is the caller's
-}
-
-TEST_F(SystemFileList, RowsPastOneBlockAreAllRead)
+TEST_F(SystemFileList, RowsPastOneBlockAreAllReadAndDroppedRowsGetNoImage)
 {
     // Blocks of 1024 bytes hold two rows: seven rows take four blocks, three
-    // on the full chain and one on the free chain.
+    // on the full chain and one on the free chain. Row 5 is dropped.
     std::vector<RowPlan> vPlans = {{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE}};
-    for (BYTE n = 2; n <= 7; n++) vPlans.push_back({n, FILETYPE_BTREEINDEX, 1 * MIB});
+    for (BYTE n = 2; n <= 7; n++) vPlans.push_back({n, FILETYPE_BTREEINDEX, 1 * MIB, (BYTE)(n == 5)});
     MakeDatabase(vPlans, 1024);
     ASSERT_EQ(S_OK, Start());
-    EXPECT_EQ((std::vector<int>{7, 6, 5, 4, 3, 2}), ListedFileNos());
+    EXPECT_EQ((std::vector<int>{7, 6, 4, 3, 2}), ListedFileNos());  // each new row goes in front
     CBreltMemStorageModule& m = *m_pModule;
+    EXPECT_EQ(nullptr, m.m_arFileInfo[5]);
     // Rows of different blocks point at their own block's save flag.
     EXPECT_EQ(m.m_arFileInfo[2]->m_pSaveFlag, m.m_lpSystemFileInfo->m_pSaveFlag);
     EXPECT_NE(m.m_arFileInfo[2]->m_pSaveFlag, m.m_arFileInfo[3]->m_pSaveFlag);
     EXPECT_EQ(m.m_arFileInfo[3]->m_pSaveFlag, m.m_arFileInfo[4]->m_pSaveFlag);
     EXPECT_NE(m.m_arFileInfo[7]->m_pSaveFlag, m.m_arFileInfo[6]->m_pSaveFlag);
-    for (BYTE n = 2; n <= 7; n++) EXPECT_TRUE(SegmentExists(n)) << int(n);
+    for (BYTE n = 2; n <= 7; n++) EXPECT_EQ(n != 5, SegmentExists(n)) << int(n);
 }
 
 TEST_F(SystemFileList, DamagedListStopsTheStart)
@@ -159,32 +129,26 @@ TEST_F(SystemFileList, DamagedListStopsTheStart)
         int m_nListBlockSize;
         std::function<void(std::string&)> m_fnDamage;
         const char* m_lpTraced;  // the code of the refusal
-        bool m_bNoneListed;  // refused before any row is read
     };
     auto Object = [](std::string& s) { return DbFileListObject((LPSYSTEMFILEHEAD)&s[0]); };
+    const int LIST = DB_SYSTEMFILE_LISTBLOCK_SIZE;
     const Case arCases[] = {
-        {1, DB_SYSTEMFILE_LISTBLOCK_SIZE, [this](std::string& s) { BlockOf(s, 0)->m_nObjectID = 9; },
-         "10030001 ", false},
+        {1, LIST, [this](std::string& s) { BlockOf(s, 0)->m_nObjectID = 9; }, "10030001 "},
         // The full chain is entries 0 -> 1 -> 2; the last one now points back.
         {5, 1024,
          [](std::string& s) {
              long long nMap = ((LPSYSTEMFILEHEAD)&s[0])->m_nBlockMapStartOffset;
              ((LPBASEFILEBLOCKMAP)&s[DbMapEntryOffset(nMap, 2)])->m_nNextOffset = DbMapEntryOffset(nMap, 1);
          },
-         "10020031 ", true},
-        {1, DB_SYSTEMFILE_LISTBLOCK_SIZE,
-         [&](std::string& s) { Object(s)->m_nFreeBlockMapOffset = DB_SYSTEMFILE_SIZE - 10; },
-         "10020030 ", true},
-        {1, DB_SYSTEMFILE_LISTBLOCK_SIZE,
+         "10020031 "},
+        {1, LIST, [&](std::string& s) { Object(s)->m_nFreeBlockMapOffset = DB_SYSTEMFILE_SIZE - 10; }, "10020030 "},
+        {1, LIST,
          [&](std::string& s) {
-             long long nEntry = Object(s)->m_nFreeBlockMapOffset;
-             ((LPBASEFILEBLOCKMAP)&s[nEntry])->m_nBlockOffset = DB_SYSTEMFILE_SIZE - 32;
+             ((LPBASEFILEBLOCKMAP)&s[Object(s)->m_nFreeBlockMapOffset])->m_nBlockOffset = DB_SYSTEMFILE_SIZE - 32;
          },
-         "10020032 ", true},
-        {1, 1024, [this](std::string& s) { BlockOf(s, 0)->m_nDataNum = 3; },  // 64 + 3 * 348 > 1024
-         "10030003 ", true},
-        {2, DB_SYSTEMFILE_LISTBLOCK_SIZE, [this](std::string& s) { RowsOf(BlockOf(s, 0))[2].m_bFileNo = 2; },
-         "10030004 ", false},
+         "10020032 "},
+        {1, 1024, [this](std::string& s) { BlockOf(s, 0)->m_nDataNum = 3; }, "10030003 "},  // 64 + 3 * 348 > 1024
+        {2, LIST, [this](std::string& s) { RowsOf(BlockOf(s, 0))[2].m_bFileNo = 2; }, "10030004 "},
     };
     for (const Case& c : arCases) {
         SCOPED_TRACE(c.m_lpTraced);
@@ -194,53 +158,7 @@ TEST_F(SystemFileList, DamagedListStopsTheStart)
         c.m_fnDamage(strSystem);
         ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
         EXPECT_EQ(E_FAIL, Start());
-        if (c.m_bNoneListed) {
-            EXPECT_EQ(nullptr, m_pModule->m_pStorageInfo);
-        }
         EXPECT_TRUE(m_tree.Traced(c.m_lpTraced));
         Stop();
     }
-}
-
-TEST_F(SystemFileList, NoFileListObjectMeansNoFiles)
-{
-    std::string strSystem = MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE}, {2, FILETYPE_DATA, 1 * MIB}},
-                                         DB_SYSTEMFILE_LISTBLOCK_SIZE);
-    DbFileListObject((LPSYSTEMFILEHEAD)&strSystem[0])->m_nID = 0;
-    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
-    ASSERT_EQ(S_OK, Start());
-    EXPECT_EQ(nullptr, m_pModule->m_pStorageInfo);
-}
-
-TEST_F(SystemFileList, MovedRowsAreRewrittenAndTheBlockReachesTheDisk)
-{
-    std::string strOld = "/old/base/";
-    std::string strSystem = MakeDatabase({{1, FILETYPE_SYSTEM, DB_SYSTEMFILE_SIZE},
-                                          {2, FILETYPE_DATA, 1 * MIB, 1, strOld + "Dropped.dbf"},
-                                          {3, FILETYPE_DATA, 1 * MIB, 1, strOld + "sub/Data3.dbf"},
-                                          {4, FILETYPE_DATA, 1 * MIB, 1, "/other/Data4.dbf"},
-                                          {5, FILETYPE_DATA, 1 * MIB, 1, strOld + std::string(240, 'x')}},
-                                         DB_SYSTEMFILE_LISTBLOCK_SIZE);
-    // Rows 3 to 5 are live; they need no files for the list to be read.
-    for (int i = 2; i <= 4; i++) RowsOf(BlockOf(strSystem, 0))[i].m_bDropFlag = 0;
-    ASSERT_TRUE(WriteWholeFile(SystemPath(), strSystem));
-    ASSERT_EQ(S_OK, Start(false));
-
-    LPBYTE lpImage = m_pModule->m_lpSystemFileInfo->m_pFileAddr;
-    LPSYSTEMBLOCKHEAD lpLive = (LPSYSTEMBLOCKHEAD)(lpImage + m_nFirstBlock);
-    std::string strNew = m_tree.Dir() + "moved/";
-    ASSERT_TRUE(m_pModule->CorrectDBFileData(lpLive, &strNew[0], &strOld[0]));
-    LPFILE_MEMDBFILEINFO lpLiveRows = RowsOf(lpLive);
-    EXPECT_EQ(strOld + "Dropped.dbf", std::string(lpLiveRows[1].m_lpszFilePath));  // dropped: kept
-    EXPECT_EQ(strNew + "sub/Data3.dbf", std::string(lpLiveRows[2].m_lpszFilePath));
-    EXPECT_EQ("/other/Data4.dbf", std::string(lpLiveRows[3].m_lpszFilePath));     // not under the old one
-    // The remainder is cut so that neither prefix pushes the path past 255.
-    std::string strLong(lpLiveRows[4].m_lpszFilePath, strnlen(lpLiveRows[4].m_lpszFilePath, 256));
-    size_t nKeep = 255 - std::max(strNew.size(), strOld.size());
-    EXPECT_EQ(strNew + std::string(std::min<size_t>(240, nKeep), 'x'), strLong);
-    // The block on disk is the block in the image.
-    std::string strDisk = ReadWholeFile(SystemPath());
-    EXPECT_EQ(0, memcmp(strDisk.data() + m_nFirstBlock, lpLive, (size_t)lpLive->m_nBlockSize));
-    // Outside the block nothing changed on disk.
-    EXPECT_EQ(0, memcmp(strDisk.data(), strSystem.data(), (size_t)m_nFirstBlock));
 }
