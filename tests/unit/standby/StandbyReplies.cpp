@@ -14,14 +14,15 @@ namespace {
 
 const int TIMEOUT_S = 1;
 
-MF_SERVICE_TCP_COMMAND Reply(BYTE bType, BYTE bToken, int nCode = 0)
+MF_SERVICE_TCP_COMMAND Reply(BYTE bType, BYTE bToken, int nCode = 0, int nPayload = 0, BYTE bVersion = NODEMSG_VERSION)
 {
     MF_SERVICE_TCP_COMMAND st;
     memset(&st, 0, sizeof(st));
-    st.m_bVersion = NODEMSG_VERSION;
+    st.m_bVersion = bVersion;
     st.m_bType = bType;
     st.m_bToken = bToken;
     st.m_lDigitalData = nCode;
+    st.m_lDataLength = nPayload;
     return st;
 }
 
@@ -36,10 +37,7 @@ protected:
         m_standby.m_skSocket = arSk[0];
         m_nNode = arSk[1];
     }
-    void TearDown() override
-    {
-        if (m_nNode >= 0) close(m_nNode);
-    }
+    void TearDown() override { if (m_nNode >= 0) close(m_nNode); }
     void Send(const MF_SERVICE_TCP_COMMAND& st) { ASSERT_EQ((ssize_t)sizeof(st), write(m_nNode, &st, sizeof(st))); }
     int Receive(BYTE bToken, MF_SERVICE_TCP_COMMAND& st) { return m_standby.RecvTcpCmd(st, bToken, 0, TIMEOUT_S); }
 
@@ -70,18 +68,13 @@ TEST_F(StandbyReplies, OldTokensAndKeepAlivesAreReadPastWithoutShiftingTheStream
 
 TEST_F(StandbyReplies, MalformedRepliesDropTheConnectionAndALeavingNodeEndsTheThread)
 {
-    MF_SERVICE_TCP_COMMAND stBadVersion = Reply(NODEMSG_SUCCESS, 3);
-    stBadVersion.m_bVersion = NODEMSG_VERSION + 1;
-    MF_SERVICE_TCP_COMMAND stPayload = Reply(NODEMSG_SUCCESS, 3);
-    stPayload.m_lDataLength = 100;
-    MF_SERVICE_TCP_COMMAND stUnknown = Reply(NODEMSG_FAILURE + 1, 3);
-    for (const MF_SERVICE_TCP_COMMAND& stBad : {stBadVersion, stPayload, stUnknown}) {
+    MF_SERVICE_TCP_COMMAND st;
+    for (const MF_SERVICE_TCP_COMMAND& stBad : {Reply(NODEMSG_SUCCESS, 3, 0, 0, NODEMSG_VERSION + 1),
+                                                Reply(NODEMSG_SUCCESS, 3, 0, 100), Reply(NODEMSG_FAILURE + 1, 3)}) {
         Send(stBad);
-        MF_SERVICE_TCP_COMMAND st;
         EXPECT_EQ(TCPCMD_GONE, Receive(3, st));
     }
     Send(Reply(NODEMSG_FAILURE, 200, NODEMSG_LEAVING));
-    MF_SERVICE_TCP_COMMAND st;
     EXPECT_EQ(TCPCMD_OK, Receive(3, st));
     EXPECT_TRUE(m_standby.m_bExit);
     close(m_nNode);
