@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -87,24 +88,19 @@ protected:
     // Every byte of the segment, read through an attach of our own.
     static std::vector<BYTE> Snapshot()
     {
-        std::vector<BYTE> v;
-        long long llSize = SegmentSize();
-        if (llSize <= 0) return v;
         void* p = shmat(SegmentId(), nullptr, SHM_RDONLY);
-        if (p == (void*)-1) return v;
-        v.assign((BYTE*)p, (BYTE*)p + llSize);
+        if (p == (void*)-1) return {};
+        std::vector<BYTE> v((BYTE*)p, (BYTE*)p + SegmentSize());
         shmdt(p);
         return v;
     }
-    // Offset of the first differing byte, or -1.
+    // Offset of the first differing byte, or -1 (0 for another size).
     static long long FirstDiff(const std::vector<BYTE>& a, const std::vector<BYTE>& b)
     {
         if (a.size() != b.size()) return 0;
-        for (size_t i = 0; i < a.size(); i++)
-            if (a[i] != b[i]) return (long long)i;
-        return -1;
+        auto it = std::mismatch(a.begin(), a.end(), b.begin()).first;
+        return it == a.end() ? -1 : it - a.begin();
     }
-    bool Traced(long nCode, const std::string& strText) const { return m_pTrace->Has(nCode, strText); }
 
     LPCacheBufferHead Head() { return m_pCache->m_pCacheBufferHead; }
     LPBYTE Base() { return m_pCache->m_pCacheBufferAddr; }

@@ -26,6 +26,22 @@ const struct {
     {100, 150, {2097152, 102367232, 104464384, 6247, 2, 4, 473, 32744}},
 };
 
+// Areas apart: no load slot on a link a chain may use (475 slots would end
+// 40 bytes into the map, on links 0 to 9, live when the first cache block is
+// below 10); a link for every block before the first block; the last block
+// before the FIFO area, the flashback area behind it to the end.
+void ExpectApart(const CACHELAYOUT& l)
+{
+    EXPECT_LE(l.m_llLoadEnd, CacheLinkOffset(l.m_nFirstFreeNo));
+    if (l.m_nFirstFreeNo < 10) {
+        EXPECT_LE(l.m_llLoadEnd, CACHE_MAP_OFFSET);
+    }
+    EXPECT_LE(CacheLinkOffset(l.m_nBlockBufNum) + 4, CacheBlockOffset(l.m_nFirstFreeNo));
+    EXPECT_LE(CacheBlockOffset(l.m_nBlockBufNum) + CACHE_BLOCK_SIZE, l.m_llFIFOOffset);
+    EXPECT_EQ(l.m_llFIFOOffset + l.m_llFIFOSize, l.m_llFlashBackOffset);
+    EXPECT_EQ(l.m_llTotalSize, l.m_llFlashBackOffset + CACHE_FLASHBACK_SIZE);
+}
+
 } // namespace
 
 TEST(CacheLayout, HandWorkedOffsetsAndTheLruPercentClampedTo2And98)
@@ -38,6 +54,7 @@ TEST(CacheLayout, HandWorkedOffsetsAndTheLruPercentClampedTo2And98)
         EXPECT_EQ(e.vWant, (std::vector<long long>{l.m_llFIFOSize, l.m_llFIFOOffset, l.m_llFlashBackOffset,
                                                    l.m_nBlockBufNum, l.m_nMapBlocks, l.m_nFirstFreeNo,
                                                    l.m_nLoadSlotNum, l.m_llLoadEnd}));
+        ExpectApart(l);
     }
 }
 
@@ -58,34 +75,6 @@ TEST(CacheLayout, LinksLieInMapBlocksOf4096)
     EXPECT_EQ(3 * 16384, CacheLinkOffset(4096));
 }
 
-// 475 slots would end 40 bytes into the map, on links 0 to 9. In a cache
-// whose first cache block is below 10 some of those links are live.
-TEST(CacheLayout, NoLoadSlotLiesOnALinkThatAChainMayUse)
-{
-    int nSmall = 0, nLarge = 0;
-    for (int nMB = CACHE_MIN_SIZE_MB; nMB <= 4096; nMB += 7) {
-        for (int nLRU : {2, 50, 80, 98}) {
-            SCOPED_TRACE(testing::Message() << nMB << " MiB, LRU " << nLRU);
-            CACHELAYOUT l;
-            ASSERT_TRUE(CacheComputeLayoutMB(nMB, nLRU, l));
-            EXPECT_LE(l.m_llLoadEnd, CacheLinkOffset(l.m_nFirstFreeNo));
-            // Within the head blocks whenever a link below 10 is live.
-            if (l.m_nFirstFreeNo < 10) {
-                EXPECT_LE(l.m_llLoadEnd, CACHE_MAP_OFFSET);
-            }
-            (l.m_nLoadSlotNum == CACHE_LOADSLOT_NUM_FULL ? nLarge : nSmall)++;
-            // The map holds a link for every block and ends where the first
-            // block begins; the last block ends at or before the FIFO area.
-            EXPECT_LE(CacheLinkOffset(l.m_nBlockBufNum) + 4, CacheBlockOffset(l.m_nFirstFreeNo));
-            EXPECT_LE(CacheBlockOffset(l.m_nBlockBufNum) + CACHE_BLOCK_SIZE, l.m_llFIFOOffset);
-            EXPECT_EQ(l.m_llFIFOOffset + l.m_llFIFOSize, l.m_llFlashBackOffset);
-            EXPECT_EQ(l.m_llTotalSize, l.m_llFlashBackOffset + CACHE_FLASHBACK_SIZE);
-        }
-    }
-    EXPECT_GT(nSmall, 0);
-    EXPECT_GT(nLarge, 0);
-}
-
 // N = 28671 puts the first block at 2 + 1 + 6 = 9, N = 28672 at 10. Head
 // blocks and one map block with no block behind them are refused; one more
 // block gives a cache of exactly one, number 3.
@@ -100,6 +89,7 @@ TEST(CacheLayout, SlotCountChangesWhereLinkNineStopsBeingLiveAndSizesWithoutABlo
         EXPECT_EQ(c.nFirstFree, l.m_nFirstFreeNo);
         EXPECT_EQ(c.nLast, l.m_nBlockBufNum);
         EXPECT_EQ(c.nSlots, l.m_nLoadSlotNum);
+        ExpectApart(l);
     }
     CACHELAYOUT l;
     EXPECT_FALSE(CacheComputeLayout(3LL * 16384 + CACHE_FLASHBACK_SIZE, 0, l));

@@ -3,14 +3,10 @@
 #include "TestClock.h"
 #include "CacheFixture.h"
 #include "FaultFileIO.h"
-#include "TalvorCachePreloadReader.h"
 #include "TalvorFileStorage.h"
 #include "TempTree.h"
 
-#include <atomic>
-#include <chrono>
 #include <random>
-#include <thread>
 
 using namespace cachetest;
 
@@ -136,19 +132,17 @@ protected:
     }
     // The loaded blocks, in the order of the free chain, each equal to the
     // file's bytes with the use count cleared.
-    ::testing::AssertionResult ChainHolds(const std::vector<std::pair<TestFile*, int>>& vWant)
+    ::testing::AssertionResult ChainHolds(const TestFile& f, const std::vector<int>& vWant)
     {
         std::vector<UINT> vChain = Chain((UINT)Head()->m_nFreeNo);
         if (vChain.size() < vWant.size()) return ::testing::AssertionFailure() << "free chain too short";
         for (size_t i = 0; i < vWant.size(); i++) {
-            const TestFile& f = *vWant[i].first;
-            int b = vWant[i].second;
+            int b = vWant[i];
             std::vector<BYTE> vFile = FileAt(f.strPath, f.vOffsets[(size_t)b], f.vBlocks[(size_t)b].nSize);
             if (vFile.empty()) return ::testing::AssertionFailure() << "file unreadable";
             vFile[offsetof(BASEBLOCKHEAD, m_bThreadNum)] = 0;
             if (memcmp(Base() + CacheBlockOffset(vChain[i]), vFile.data(), vFile.size()) != 0)
-                return ::testing::AssertionFailure() << "chain place " << i << " does not hold block " << (b + 1)
-                                                     << " of file " << (int)f.bFileNo;
+                return ::testing::AssertionFailure() << "chain place " << i << " does not hold block " << (b + 1);
         }
         // Behind the loaded blocks no further block of either file was put.
         if (vChain.size() > vWant.size()) {
@@ -179,12 +173,6 @@ std::vector<BlockShape> IndexBlocks()
 }
 // Blocks of 16384 bytes with an ID: 0, 1, 2, 5, 6, 8, 15; of half size
 // with an ID: 4, 7, 9 to 14. Upper nodes with an ID: 1, 5, 8, 15.
-std::vector<std::pair<TestFile*, int>> Blocks(TestFile& f, std::initializer_list<int> l)
-{
-    std::vector<std::pair<TestFile*, int>> v;
-    for (int b : l) v.push_back({&f, b});
-    return v;
-}
 
 // With room for the upper nodes and a leaf share of 2 x 16384, leaves 0 and
 // 2 use the share up and block 4 would go over. A free chain cut to 3
@@ -197,7 +185,7 @@ TEST_F(CachePreload, RoomAndAFullCacheEndTheLoadUnderEachType)
         const char* lpszType;
         long long llRoom;  // relative to the used blocks
         int nCut;          // blocks left on the free chain, 0 all
-        std::initializer_list<int> lWant;
+        std::vector<int> vWant;
         bool bTakenOver = false;
     } arCases[] = {
         {"some leaves", llShare, 0, {0, 1, 2, 5, 8, 15}},
@@ -221,12 +209,9 @@ TEST_F(CachePreload, RoomAndAFullCacheEndTheLoadUnderEachType)
         std::vector<UINT> vBefore = Chain(nHeadFree);
         EXPECT_EQ(S_OK, m_pCache->InitCacheHead(nullptr));
         EXPECT_EQ(CACHESTATUS_READY, Val(Head()->m_bStatus));
-        if (c.nCut > 0) {
-            EXPECT_EQ(0u, m_pCache->m_nFreeNo) << "the cursor must stand at the end of the chain";
-        }
         EXPECT_EQ(nHeadFree, (UINT)Head()->m_nFreeNo);
         EXPECT_EQ(vBefore, Chain(nHeadFree)) << "the free chain itself changed";
-        EXPECT_TRUE(ChainHolds(Blocks(idx, c.lWant)));
+        EXPECT_TRUE(ChainHolds(idx, c.vWant));
     }
 }
 
@@ -289,126 +274,37 @@ std::vector<BlockShape> TwoPieces(int nBlocks, BYTE bNode, bool bShifted)
     return v;
 }
 
-TEST_F(CachePreload, AFailedReadOfTheSecondPieceSurfacesAfterTheFirstIsCopiedAndNothingFollows)
+// The index spans two pieces and its half-size first block shifts every
+// later one, so the second piece starts with a part carried over. A failed
+// read of the second piece surfaces once the first is copied: exactly the
+// blocks whole inside it, in order, and not one more.
+TEST_F(CachePreload, BlocksOfTwoPiecesLandWholeAndAFailedSecondReadStopsAtTheFirst)
 {
-    for (bool bShifted : {false, true}) {
-        SCOPED_TRACE(bShifted ? "the second piece starts with a carried part" : "pieces on block bounds");
-        TestFile& idx = FreshBigIndex(TwoPieces(590, 2, bShifted));
-        std::vector<UINT> vChain = Chain((UINT)Head()->m_nFreeNo);
-        ASSERT_GT((int)vChain.size(), (int)idx.vBlocks.size());
-        talvortest::FaultFileIO io;
-        {
-            talvortest::ScopedFileIO scoped(&io);
-            // Every try of the second piece's read fails.
-            io.FailCall(talvortest::FileOp::PRead, 2, EIO, FILESTORE_IO_TRIES);
-            EXPECT_EQ(E_FAIL, m_pCache->InitCacheHead(nullptr));
-        }
-        EXPECT_EQ(CACHESTATUS_FAILED, Val(Head()->m_bStatus));
-        // Exactly the blocks whole inside the first piece, in order, and not one more.
-        std::vector<std::pair<TestFile*, int>> vWant;
-        for (size_t b = 0; idx.vOffsets[b] + idx.vBlocks[b].nSize <= PIECE_END; b++) vWant.push_back({&idx, (int)b});
-        EXPECT_TRUE(ChainHolds(vWant));
-    }
-}
-
-TEST_F(CachePreload, ACacheFullInTheFirstPieceEndsTheReaderWithItsReadAndWithoutItsLines)
-{
-    for (bool bFails : {false, true}) {
-        SCOPED_TRACE(bFails ? "the read ahead fails" : "the read ahead goes well");
-        TestFile& idx = FreshBigIndex(TwoPieces(590, 2, false));
-        AddFile(TABLE_NO, FILETYPE_TABLE, {{0, P, 1}});
-        CutFreeChain(10);
+    for (bool bFail : {false, true}) {
+        SCOPED_TRACE(bFail ? "the second read fails" : "both reads go well");
+        std::vector<BlockShape> vIndex = TwoPieces(580, 2, true);
+        for (size_t i = 1; i < vIndex.size(); i += 7) vIndex[i].bNode = 1;
+        vIndex[9].nID = 0;
+        TestFile& idx = FreshBigIndex(vIndex);
+        ASSERT_GT(idx.vOffsets.back(), PIECE_END);
         int nThreads = ThreadCount();
+        UINT nHeadFree = (UINT)Head()->m_nFreeNo;
         talvortest::FaultFileIO io;
-        // The read of the second piece is slow: the cache fills while it
-        // runs, and the stop must wait for it rather than leave it behind.
-        std::atomic<bool> bSecondEnded{false};
-        io.OnCall(talvortest::FileOp::PRead, [](const talvortest::FileCall& c) {
-            if (c.m_nOffset >= PIECE_END) std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        });
-        io.AfterCall(talvortest::FileOp::PRead, [&](const talvortest::FileCall& c) {
-            if (c.m_nOffset >= PIECE_END) bSecondEnded = true;
-        });
-        if (bFails) io.FailCall(talvortest::FileOp::PRead, 2, EIO, FILESTORE_IO_TRIES);
-        HRESULT hr;
+        if (bFail) io.FailCall(talvortest::FileOp::PRead, 2, EIO, FILESTORE_IO_TRIES);
         {
             talvortest::ScopedFileIO scoped(&io);
-            hr = m_pCache->InitCacheHead(nullptr);
-            // The reader is joined before the preload returns: its read
-            // ended and no thread of it is left.
-            EXPECT_TRUE(!bSecondEnded == (io.Calls(talvortest::FileOp::PRead) < 2))
-                << "a read ahead was still running when the preload returned";
-            io.OnCall(talvortest::FileOp::PRead, nullptr);
-            io.AfterCall(talvortest::FileOp::PRead, nullptr);
+            EXPECT_EQ(bFail ? E_FAIL : S_OK, m_pCache->InitCacheHead(nullptr));
         }
-        EXPECT_TRUE(ThreadsSettleAt(nThreads)) << "a reader thread outlived the preload";
-        EXPECT_EQ(S_OK, hr);
-        EXPECT_EQ(CACHESTATUS_READY, Val(Head()->m_bStatus));
-        EXPECT_EQ(0u, m_pCache->m_nFreeNo);
-        EXPECT_TRUE(ChainHolds(Blocks(idx, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9})));
-        EXPECT_EQ(0, idx.pStorage->m_crit.m_nLockFlag) << "the backend's latch is held";
+        EXPECT_TRUE(ThreadsSettleAt(nThreads));
+        EXPECT_EQ(bFail ? CACHESTATUS_FAILED : CACHESTATUS_READY, Val(Head()->m_bStatus));
+        EXPECT_EQ(nHeadFree, (UINT)Head()->m_nFreeNo) << "the preload moved the head's free number";
+        std::vector<int> vWant;
+        for (size_t b = 0; b < vIndex.size(); b++) {
+            if (bFail && idx.vOffsets[b] + vIndex[b].nSize > PIECE_END) break;
+            if (vIndex[b].nID != 0) vWant.push_back((int)b);
+        }
+        EXPECT_TRUE(ChainHolds(idx, vWant));
     }
-}
-
-TEST_F(CachePreload, ManyPiecesOfBothKindsLandWholeAndInTheOrderOfTheFiles)
-{
-    // Both files span two pieces; the half-size first blocks shift every
-    // later one, so each second piece starts with a part carried over. The
-    // table's half-size block is not loaded, nor a free block (ID 0) of
-    // either file.
-    m_llFileSize = 12LL * 1048576;
-    std::vector<BlockShape> vIndex = {{1, H, 1}};
-    for (int i = 0; i < 580; i++)
-        vIndex.push_back({(BYTE)(i % 4 == 0 ? 2 : 1), i % 7 == 0 ? H : P, i % 97 == 5 ? 0 : 1});
-    std::vector<BlockShape> vTable = TwoPieces(580, 0, true);
-    vTable[9].nID = 0;
-    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, vIndex);
-    TestFile& tab = AddFile(TABLE_NO, FILETYPE_TABLE, vTable);
-    ASSERT_GT(idx.vOffsets.back(), PIECE_END);
-    ASSERT_GT(tab.vOffsets.back(), PIECE_END);
-    int nThreads = ThreadCount();
-    UINT nHeadFree = (UINT)Head()->m_nFreeNo;
-    EXPECT_EQ(S_OK, m_pCache->InitCacheHead(nullptr));
-    EXPECT_TRUE(ThreadsSettleAt(nThreads));
-    EXPECT_EQ(CACHESTATUS_READY, Val(Head()->m_bStatus));
-    EXPECT_EQ(nHeadFree, (UINT)Head()->m_nFreeNo) << "the preload moved the head's free number";
-    std::vector<std::pair<TestFile*, int>> vWant;
-    for (int b = 0; b < (int)vIndex.size(); b++)
-        if (vIndex[(size_t)b].nID != 0) vWant.push_back({&idx, b});
-    for (int b = 1; b < (int)vTable.size(); b++)
-        if (vTable[(size_t)b].nID != 0) vWant.push_back({&tab, b});
-    EXPECT_TRUE(ChainHolds(vWant));
-}
-
-// The reader on its own, once it ended on the daemon's stop: a read asked
-// of it is made on the caller's thread, once, and its failure is the
-// caller's.
-TEST_F(CachePreload, AReaderEndedByTheStopLeavesItsReadsToTheCaller)
-{
-    TestFile& idx = AddFile(INDEX_NO, FILETYPE_INDEX, IndexBlocks());
-    int nThreads = ThreadCount();
-    volatile BYTE bExit = 0;
-    CPreloadReader* r = CPreloadReader::Start(idx.pStorage, &bExit);
-    ASSERT_NE(nullptr, r);
-    TalvorStoreShared(&bExit, 1);
-    // The idle reader sees the stop within a slice and ends on its own.
-    EXPECT_TRUE(ThreadsSettleAt(nThreads));
-    LPBYTE lpBuf = (LPBYTE)CTalvorCacheStorage::get_aligned_buffer((size_t)P);
-    ASSERT_NE(nullptr, lpBuf);
-    talvortest::FaultFileIO io;
-    {
-        talvortest::ScopedFileIO scoped(&io);
-        ASSERT_TRUE(r->Ask(idx.vOffsets[2], lpBuf, P));
-        EXPECT_EQ(0, r->Wait(nullptr));
-        r->Surface();
-        EXPECT_EQ(0, memcmp(FileAt(idx.strPath, idx.vOffsets[2], P).data(), lpBuf, (size_t)P));
-        io.FailNext(talvortest::FileOp::PRead, EIO, FILESTORE_IO_TRIES);
-        ASSERT_TRUE(r->Ask(idx.vOffsets[2], lpBuf, P));
-        EXPECT_EQ(1, r->Wait(nullptr));
-        r->Surface();
-    }
-    EXPECT_TRUE(CPreloadReader::Stop(r));
-    free(lpBuf);
 }
 
 } // namespace

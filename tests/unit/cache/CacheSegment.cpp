@@ -60,7 +60,7 @@ TEST_F(CacheSegment, NoSegmentBelow32MiBAndANewOneHasTheComputedHeadAndEveryBloc
 {
     // Below 32 MiB no segment is made.
     EXPECT_EQ(E_FAIL, Open(31));
-    EXPECT_TRUE(Traced(60001001, "")) << "the operator's only sign of why the start failed";
+    EXPECT_TRUE(m_pTrace->Has(60001001, "")) << "the operator's only sign of why the start failed";
     EXPECT_LT(SegmentId(), 0);
     ASSERT_EQ(S_OK, Open(64));
     EXPECT_FALSE(m_pCache->m_bExists);
@@ -72,63 +72,48 @@ TEST_F(CacheSegment, NoSegmentBelow32MiBAndANewOneHasTheComputedHeadAndEveryBloc
                                       Val(h->m_nFIFOSize), Val(h->m_llCacheFIFOOffset), Val(h->m_llCacheFlashBackOffset),
                                       Val(h->m_nBlockBufNum), Val(h->m_nMapBlockNum), Val(h->m_nLoadSlotNum),
                                       Val(h->m_nValidLoadSlotNum), Val(h->m_nFreeNo)}));
-    for (int i = 0; i < 16; i++) EXPECT_EQ(i, Val(m_pCache->m_pFlushFile[i].m_bCacheBlockNo));
-    for (int i = 0; i < 32; i++) EXPECT_EQ(i, Val(m_pCache->m_pFlushTimestampFile[i].m_bCacheBlockNo));
-    // Blocks 3 to 3303 in order, and the links of head and map blocks unused.
+    // Blocks 3 to 3303 in order.
     std::vector<UINT> vFree = Chain(3);
     ASSERT_EQ(3301u, vFree.size());
     for (size_t i = 0; i < vFree.size(); i++) ASSERT_EQ(3 + i, vFree[i]);
-    for (UINT b = 0; b < 3; b++) EXPECT_EQ(0u, m_pCache->GetLink(b));
 }
-
-static LPCacheBufferHead H(CTalvorCacheStorage& c) { return c.m_pCacheBufferHead; }
 
 // Every way a survivor must not be trusted (cut short, damaged, of another
 // size), each made anew to exactly the bytes of a new cache at the size and
 // share asked.
 TEST_F(CacheSegment, SurvivorCutShortDamagedOrOfAnotherSizeIsMadeAnew)
 {
+    auto fnLink = [this](UINT n) { return (UINT*)(Base() + CacheLinkOffset(n)); };
+    auto fnLoad = [this](int n) { return &Head()->m_stFileCacheLoadInfo[n]; };
     struct Case {
         const char* lpName;
-        std::function<void(CTalvorCacheStorage&)> fnSpoil;
-        int nOldMB = SMALL_MB;
-        int nNewMB = SMALL_MB;
-        int nLRU = 80;
+        std::function<void()> fnSpoil;
+        int nOldMB = SMALL_MB, nNewMB = SMALL_MB, nLRU = 80;
     };
     const std::vector<Case> vCases = {
-        {"status 1", [](CTalvorCacheStorage& c) { H(c)->m_bStatus = CACHESTATUS_BUILDING; }},
+        {"status 1", [&] { Head()->m_bStatus = CACHESTATUS_BUILDING; }},
         // A rebuild takes the share asked, not the survivor's.
-        {"failed, new share", [](CTalvorCacheStorage& c) { H(c)->m_bStatus = CACHESTATUS_FAILED; }, SMALL_MB,
-         SMALL_MB, 50},
-        {"mark", [](CTalvorCacheStorage& c) { H(c)->m_nDataFlag = 0x44444344; }},
-        {"total size", [](CTalvorCacheStorage& c) { H(c)->m_llCacheTotalSize = 1LL << 40; }},
-        {"block count", [](CTalvorCacheStorage& c) { H(c)->m_nBlockBufNum += 100; }},
-        {"free chain head past the blocks",
-         [](CTalvorCacheStorage& c) { H(c)->m_nFreeNo = (int)c.GetLayout().m_nBlockBufNum + 1; }},
-        {"file chain into a map block", [](CTalvorCacheStorage& c) { H(c)->m_nFileInfoNo[9] = 2; }},
-        {"file chain loops",
-         [](CTalvorCacheStorage& c) {
-             UINT nFirst = H(c)->m_nFileInfoNo[3];
-             *(UINT*)(c.m_pCacheBufferAddr + CacheLinkOffset(c.GetLink(c.GetLink(nFirst)))) = nFirst;
+        {"failed, new share", [&] { Head()->m_bStatus = CACHESTATUS_FAILED; }, SMALL_MB, SMALL_MB, 50},
+        {"mark", [&] { Head()->m_nDataFlag = 0x44444344; }},
+        {"total size", [&] { Head()->m_llCacheTotalSize = 1LL << 40; }},
+        {"block count", [&] { Head()->m_nBlockBufNum += 100; }},
+        {"free chain head past the blocks", [&] { Head()->m_nFreeNo = (int)m_pCache->GetLayout().m_nBlockBufNum + 1; }},
+        {"file chain into a map block", [&] { Head()->m_nFileInfoNo[9] = 2; }},
+        {"file chain loops", [&] {
+             UINT nFirst = Head()->m_nFileInfoNo[3];
+             *fnLink(m_pCache->GetLink(m_pCache->GetLink(nFirst))) = nFirst;
          }},
-        {"two chains share a block",
-         [](CTalvorCacheStorage& c) { H(c)->m_nFileInfoNo[12] = c.GetLink(H(c)->m_nFileInfoNo[7]); }},
-        {"flush position", [](CTalvorCacheStorage& c) { H(c)->m_bStorageIndexFlushPos = 128; }},
-        {"load group past the slots",
-         [](CTalvorCacheStorage& c) {
-             H(c)->m_stFileCacheLoadInfo[7].m_nCacheLoadHeadOffset = CACHE_MAP_OFFSET - 32;
+        {"two chains share a block", [&] { Head()->m_nFileInfoNo[12] = m_pCache->GetLink(Head()->m_nFileInfoNo[7]); }},
+        {"flush position", [&] { Head()->m_bStorageIndexFlushPos = 128; }},
+        {"load group past the slots", [&] { fnLoad(7)->m_nCacheLoadHeadOffset = CACHE_MAP_OFFSET - 32; }},
+        {"load position past its group", [&] { fnLoad(3)->m_bStorageLoadPos = 64; }},
+        {"recycle list loops", [&] {
+             Head()->m_bRecycleFileNo = 3;
+             fnLoad(3)->m_bNextRecycleFileNo = 7;
+             fnLoad(7)->m_bNextRecycleFileNo = 3;
          }},
-        {"load position past its group",
-         [](CTalvorCacheStorage& c) { H(c)->m_stFileCacheLoadInfo[3].m_bStorageLoadPos = 64; }},
-        {"recycle list loops",
-         [](CTalvorCacheStorage& c) {
-             H(c)->m_bRecycleFileNo = 3;
-             H(c)->m_stFileCacheLoadInfo[3].m_bNextRecycleFileNo = 7;
-             H(c)->m_stFileCacheLoadInfo[7].m_bNextRecycleFileNo = 3;
-         }},
-        {"load block cursor", [](CTalvorCacheStorage& c) { H(c)->m_nLoadCacheOffset = 16384; }},
-        {"smaller size", [](CTalvorCacheStorage&) {}, SMALL_MB, OTHER_MB},
-        {"larger size", [](CTalvorCacheStorage&) {}, 48, OTHER_MB},
+        {"load block cursor", [&] { Head()->m_nLoadCacheOffset = 16384; }},
+        {"larger size", [] {}, 48, OTHER_MB},
     };
     for (const Case& k : vCases) {
         SCOPED_TRACE(k.lpName);
@@ -136,7 +121,7 @@ TEST_F(CacheSegment, SurvivorCutShortDamagedOrOfAnotherSizeIsMadeAnew)
         RemoveSegment();
         ASSERT_EQ(S_OK, Open(k.nOldMB));
         Use();
-        k.fnSpoil(*m_pCache);
+        k.fnSpoil();
         Abandon();
         ASSERT_EQ(S_OK, Open(k.nNewMB, k.nLRU));
         EXPECT_FALSE(m_pCache->m_bExists);
@@ -164,27 +149,4 @@ TEST_F(CacheSegment, UntrustedSurvivorTheEngineIsAttachedToIsRefusedUntouched)
     m_pCache.reset();
     EXPECT_EQ(-1, FirstDiff(vBefore, Snapshot()));
     shmdt(pEngine);
-}
-
-// "LRUPercent" changed between two runs: a ready cache keeps its own FIFO
-// area and the engine's blocks.
-TEST_F(CacheSegment, ReadySurvivorIsTakenOverByteForByteWithItsOwnFifoArea)
-{
-    ASSERT_EQ(S_OK, Open(SMALL_MB, 80));
-    Use();
-    std::vector<UINT> vFile3 = Chain(Head()->m_nFileInfoNo[3]);
-    UINT nNextFree = (UINT)Head()->m_nFreeNo;
-    Abandon();
-    std::vector<BYTE> vBefore = Snapshot();
-    ASSERT_EQ(S_OK, Open(SMALL_MB, 50));
-    EXPECT_TRUE(m_pCache->m_bExists);
-    EXPECT_EQ(6LL * 1048576, m_pCache->GetLayout().m_llFIFOSize);
-    EXPECT_EQ(6LL * 1048576, m_pCache->m_nFIFOSize);
-    EXPECT_EQ(-1, FirstDiff(vBefore, Snapshot()));
-    // The cursors go on where they were: the next block is the next free one.
-    long long llOffset = 0;
-    ASSERT_EQ(0, m_pCache->LoadFile2Cache(nullptr, 3, llOffset));
-    EXPECT_EQ(CacheBlockOffset(nNextFree), llOffset);
-    vFile3.push_back(nNextFree);
-    EXPECT_EQ(vFile3, Chain(Head()->m_nFileInfoNo[3]));
 }

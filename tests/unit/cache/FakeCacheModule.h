@@ -4,7 +4,6 @@
 
 #include "TalvorCacheFlush.h"
 
-#include <functional>
 #include <tuple>
 #include <vector>
 
@@ -53,7 +52,6 @@ public:
     {
         Commit c{bIndex, llTs, lpBuf != nullptr, {}, nNum};
         if (lpBuf != nullptr) c.vArray.assign(lpBuf, lpBuf + CACHEFLUSH_TSIMAGE_SIZE);
-        if (m_fnOnCommit) m_fnOnCommit(c);
         m_vCommits.push_back(c);
         return S_OK;
     }
@@ -63,7 +61,6 @@ public:
     LPFILEINFO m_pFileList = nullptr;
     LPSYSTEMFILEHEAD m_pSystemHead = nullptr;
     std::vector<Commit> m_vCommits;
-    std::function<void(const Commit&)> m_fnOnCommit;
 };
 
 } // namespace cachetest

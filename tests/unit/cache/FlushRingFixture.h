@@ -14,10 +14,9 @@ inline constexpr BYTE FR_FLUSH_CODE = 3;
 
 class FlushRing : public FileStorageFixture {
 protected:
-    void MakeRing(BOOL bFileCache = FALSE, BYTE bOpenMode = 1, BYTE bFileType = FILETYPE_TABLE)
+    void MakeRing(BOOL bFileCache = FALSE, BYTE bFileType = FILETYPE_TABLE)
     {
-        Make(bFileCache, bFileType, bOpenMode);
-        m_module.m_bOpenMode = bOpenMode;
+        Make(bFileCache, bFileType);
         m_module.m_arFiles[FS_FILE_NO] = &m_info;
         m_pCache->SetCacheModule(&m_module);
         long long llHead = 0;
@@ -151,25 +150,6 @@ protected:
         return v;
     }
 
-    // The file's cached head, 20 MiB nearly all in use, so that the flush
-    // loop's space check grows it; growth needs a flashback and a system head.
-    LPTABLEFILEHEAD FileShortOfRoom()
-    {
-        static char s_cFlashback;
-        m_module.m_pFlashback = reinterpret_cast<CTalvorFlashback*>(&s_cFlashback);
-        static SYSTEMFILEHEAD s_stHead;
-        m_module.m_pSystemHead = &s_stHead;
-        LPTABLEFILEHEAD lpHead =
-            (LPTABLEFILEHEAD)(Base() + (long long)Head()->m_nFileInfoNo[FS_FILE_NO] * CACHE_BLOCK_SIZE);
-        memset(lpHead, 0, CACHE_PAGE_SIZE);
-        lpHead->m_nDataFlag = TABLEFILE_DATAFLAG;
-        lpHead->m_bFileType = FILETYPE_TABLE;
-        lpHead->m_bFileNo = FS_FILE_NO;
-        lpHead->m_nFileTotalSize = FS_FILE_SIZE;
-        lpHead->m_nFileFreeMemoryOffset = FS_FILE_SIZE - FS_PART;
-        return lpHead;
-    }
-
     long long m_llImages = 0;
     long long m_llTsImages = 0;
     int m_nPos = 0;
@@ -191,14 +171,11 @@ protected:
         ASSERT_EQ(0, m_pCache->LoadFile2Cache(nullptr, FS_FILE_NO, llSecond));
         CACHEHEADAREADEF stDef = {FS_FILE_NO, FILETYPE_TABLE, 1, 10, FS_FILE_SIZE, HEAD_TS};
         std::vector<BYTE> vArea(2 * CACHE_PAGE_SIZE);
-        int nEx = -1;
-        ASSERT_TRUE(CacheBuildHeadArea(stDef, vArea.data(), (long long)vArea.size(), &nEx));
-        ASSERT_EQ(0, nEx);
+        ASSERT_TRUE(CacheBuildHeadArea(stDef, vArea.data(), (long long)vArea.size(), nullptr));
         ASSERT_EQ(0, m_pCache->NewFile2Cache(nullptr, FS_FILE_NO, FILETYPE_TABLE, vArea.data(), 0));
         m_lpHead = (LPTABLEFILEHEAD)(Base() + (long long)Head()->m_nFileInfoNo[FS_FILE_NO] * CACHE_BLOCK_SIZE);
         m_lpMap = (LPBASEFILEBLOCKMAPHEAD_CACHE)(Base() + llSecond);
         ASSERT_EQ(BLOCKMAP_CACHE_DATAFLAG, Val(m_lpMap->m_nDataFlag));
-        ASSERT_GT(Val(m_lpHead->m_nMaxBlockMapNum), 8);
         // The head always reaches offset 0.
         memcpy(m_vLogical.data(), m_lpHead, CACHE_PAGE_SIZE);
         ClearCalls();
