@@ -3,7 +3,6 @@
 // groups all the same, and what stays sealed is archived by the next start.
 #include "FaultFileIO.h"
 #include "RedoLogFixture.h"
-#include "TraceCapture.h"
 
 #include <atomic>
 #include <thread>
@@ -19,8 +18,7 @@ const long long ARCHIVE_HANG_MS = 11000; // longer than the 10 s a stop used to 
 int ArchivedLogOf(const std::string& strPath)
 {
     size_t p = strPath.find("/ArchiveLog/");
-    p = p == std::string::npos ? p : strPath.find("Log", p + 12);
-    return p == std::string::npos ? 0 : atoi(strPath.c_str() + p + 3);
+    return p == std::string::npos ? 0 : atoi(strPath.c_str() + strPath.find("Log", p + 12) + 3);
 }
 
 } // namespace
@@ -34,10 +32,9 @@ TEST_F(RedoFixture, CleanStopWithTheArchiverBehindDrainsTheRingAndTheNextStartAr
     ASSERT_TRUE(InitRedo());
     // Five logs of one record each (a record larger than a group fills one),
     // all in the ring when the stop comes.
-    std::vector<std::string> vLogs;
     for (int i = 0; i < 5; i++) {
-        vLogs.push_back(Record(4100, 1, i + 1));
-        ASSERT_EQ(4100, TraceRingWrite(m_pRing, m_nRingSize, vLogs.back().data(), 4100));
+        m_vLogs.push_back(Record(4100, 1, i + 1));
+        ASSERT_EQ(4100, TraceRingWrite(m_pRing, m_nRingSize, m_vLogs.back().data(), 4100));
     }
     // Logs 1 and 2 must be archived for the writer to find groups for logs 4
     // and 5 (three groups); the copy of log 1 hangs longer than a stop used to
@@ -47,14 +44,9 @@ TEST_F(RedoFixture, CleanStopWithTheArchiverBehindDrainsTheRingAndTheNextStartAr
     std::atomic<bool> bWriterDone{false};
     io.OnCall(FileOp::PWrite, [&](const FileCall& call) {
         int nLog = ArchivedLogOf(call.m_strPath);
-        if (nLog == 1 && !bHung) {
-            bHung = true;
-            usleep(ARCHIVE_HANG_MS * 1000);
-        } else if (nLog >= 3) {
-            while (!bWriterDone) usleep(1000);
-        }
+        if (nLog == 1 && !bHung) bHung = true, usleep(ARCHIVE_HANG_MS * 1000);
+        while (nLog >= 3 && !bWriterDone) usleep(1000);
     });
-    TraceCapture trace;
     m_bExit = TRUE;
     // What the archiver has not done when its time after the writer's end
     // is up stays sealed.
@@ -65,28 +57,21 @@ TEST_F(RedoFixture, CleanStopWithTheArchiverBehindDrainsTheRingAndTheNextStartAr
         m_pRedo->WriteLog(stCrit);
     });
     std::thread archiver([&] {
-        void* hFile = nullptr;
-        void* hSrc = nullptr;
+        void *hFile = nullptr, *hSrc = nullptr;
         m_pRedo->ArchiveFile(hFile, hSrc);
     });
     writer.join();
     bWriterDone = true;
     archiver.join();
     io.OnCall(FileOp::PWrite, nullptr);
-    std::string strLines = trace.Text();
     EXPECT_TRUE(bHung);
-    EXPECT_EQ(+Ring()->m_nReadPos, +Ring()->m_nWritePos) << "the stop left bytes in the ring\n" << strLines;
-    int nSealed = 0;
-    for (int g = 0; g < 3; g++) nSealed += m_pRedo->GetGroup(g)->m_bState == REDOGROUP_SEALED;
-    EXPECT_GT(nSealed, 0) << "the archiver was to leave a backlog\n" << strLines;
-    EXPECT_EQ(6u, +m_pHead->m_nRedoLogMaxID);
+    EXPECT_EQ(+Ring()->m_nReadPos, +Ring()->m_nWritePos) << "the stop left bytes in the ring";
+    ASSERT_GE(OldestSealed(), 0) << "the archiver was to leave a backlog";
 
     // The next start (a new ring: the stop took the old one along) calls
     // nothing archived that is not, and archives the backlog.
     delete m_pRedo;
-    m_pRedo = nullptr;
-    memset(m_pRing, 0, (size_t)m_nRingSize);
-    TraceRingInitHead(m_pRing, m_nRingSize, TRACEMEM_FILETYPE_REDO);
+    FreeRing(), MakeRing(32768);
     m_bExit = FALSE;
     ASSERT_TRUE(InitRedo());
     ASSERT_GE(OldestSealed(), 0);
@@ -96,7 +81,6 @@ TEST_F(RedoFixture, CleanStopWithTheArchiverBehindDrainsTheRingAndTheNextStartAr
     EXPECT_EQ(5, +Ring()->m_nLogArchiveNo);
     for (int nLog = 1; nLog <= 5; nLog++) {
         std::string strCopy = ReadWholeFile(m_strDir + "A/ArchiveLog/Log" + std::to_string(nLog) + ".log");
-        ASSERT_EQ((size_t)REDOLOGFILE_HEAD_SIZE + 4100, strCopy.size()) << nLog;
-        EXPECT_TRUE(strCopy.substr(REDOLOGFILE_HEAD_SIZE) == vLogs[(size_t)nLog - 1]) << nLog;
+        EXPECT_TRUE(strCopy.size() == REDOLOGFILE_HEAD_SIZE + 4100 && strCopy.substr(REDOLOGFILE_HEAD_SIZE) == m_vLogs[nLog - 1]) << nLog;
     }
 }
