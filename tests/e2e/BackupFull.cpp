@@ -9,8 +9,6 @@
 
 #include "MemDBBackupDef.h"
 
-#include <sys/time.h>
-
 using namespace talvortest;
 
 namespace {
@@ -19,14 +17,6 @@ const int ARCHIVER_TIMEOUT_MS = 60000;
 // The stand-in's host address in the head: 10.1.2.3, host order.
 const UINT HOST_IP = 0x0A010203;
 
-// Now in 100 ns ticks since 1601, as a backup head keeps its time.
-long long FileTimeNow()
-{
-    struct timeval tv;
-    gettimeofday(&tv, nullptr);
-    return ((long long)tv.tv_sec + 11644473600LL) * 10000000LL + tv.tv_usec * 10LL;
-}
-
 class BackupFull : public RunningDaemon {
 protected:
     std::string Des(const std::string& strName) const { return m_box.Root() + "/" + strName + "/"; }
@@ -34,14 +24,13 @@ protected:
     {
         return strDes + "Backup/TalvorBackup" + std::to_string(nTs) + ".fbk";
     }
-    void StartWith(long long nDataMib, long long nUsedMib, const std::string& strDestinations)
+    // A data file of 32 MiB used up to nUsedMib; no periodic pass during
+    // the test: what the stand-in commits after the backup's own pass stays
+    // off the disk until the stop.
+    void StartWith(long long nUsedMib, const std::string& strDestinations)
     {
-        ASSERT_TRUE(m_box.Ok());
-        ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(),
-                            {"--data-file", std::to_string(nDataMib), "--btree-file", "4", "--kv-file", "4"}));
+        ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), {"--data-file", "32", "--btree-file", "4", "--kv-file", "4"}));
         FillDataFile(Path("Data2.dbf"), nUsedMib * E2E_MIB);
-        // No periodic pass during the test: what the stand-in commits after
-        // the backup's own pass stays off the disk until the stop.
         WriteDbIni(m_box, m_box.DataDir(),
                    "persistenceintervals=300\r\narchivetype=1\r\narchivedespath=" + strDestinations + "\r\n");
         Serve();
@@ -50,16 +39,15 @@ protected:
     // log 7, position 50.
     ClusterLine TakeBackup(std::vector<std::string> vArgs = {})
     {
-        vArgs.insert(vArgs.end(), {"--wait", "--local-ip", "10.1.2.3", "--log-no", "7", "--log-pos", "50"});
-        return Backup(m_box, vArgs);
+        vArgs.insert(vArgs.end(), {"--full", "--wait", "--local-ip", "10.1.2.3", "--log-no", "7", "--log-pos", "50"});
+        return BackupJob(m_box, vArgs);
     }
 };
 
 // The head area and records of a backup file against the database files
 // as they stood (mapDisk, by name, in file number order of vNames).
 void CheckBackupFile(const std::string& strBackup, const std::map<std::string, std::string>& mapDisk,
-                     const std::vector<std::string>& vNames, const std::string& strDir, long long nTs,
-                     long long nTimeFrom, long long nTimeTo)
+                     const std::vector<std::string>& vNames, const std::string& strDir, long long nTs)
 {
     ASSERT_GE(strBackup.size(), (size_t)BACKUP_HEAD_ALIGN);
     const BACKUPFILEHEAD* lpHead = (const BACKUPFILEHEAD*)strBackup.data();
@@ -71,9 +59,6 @@ void CheckBackupFile(const std::string& strBackup, const std::map<std::string, s
               std::vector<long long>({Val(lpHead->m_nTimestamp), Val(lpHead->m_nReferTimestamp), Val(lpHead->m_nLogNo),
                                       Val(lpHead->m_nLogPos), Val(lpHead->m_usDataBaseGuid), Val(lpHead->m_bLevel),
                                       Val(lpHead->m_ulHostIP)}));
-    long long nTime = 0;
-    memcpy(&nTime, &lpHead->m_ftBackupTime, sizeof(nTime));
-    EXPECT_TRUE(nTimeFrom <= nTime && nTime <= nTimeTo) << nTimeFrom << " " << nTime << " " << nTimeTo;
     ASSERT_EQ((int)vNames.size(), Val(lpHead->m_nFileNum));
     long long nPos = lpHead->m_nHeadSize;
     for (size_t i = 0; i < vNames.size(); i++) {
@@ -104,27 +89,23 @@ void CheckBackupFile(const std::string& strBackup, const std::map<std::string, s
 
 TEST_F(BackupFull, TakenWhileTheEngineCommitsHoldsTheFilesAsTheyStood)
 {
-    StartWith(32, 20, Des("ArchA"));
+    StartWith(20, Des("ArchA"));
     std::string strJournal = m_box.Root() + "/journal";
     pid_t peer = m_box.Spawn({PeerPath(), "data", "--journal", strJournal, "--live", "--count", "3000", "--pause-us",
                               "1000", "--blocks", "8", "--seed", "5", "--seconds", "120"}, "peer");
     ASSERT_GT(peer, 0);
     ASSERT_TRUE(WaitUntil([&] { return CountOf(ReadWholeFile(strJournal), "\n") >= 200; }, 60000, 20));
-    long long nTimeFrom = FileTimeNow();
     ClusterLine st = TakeBackup();
-    long long nTimeTo = FileTimeNow();
     // No pass has run since the backup's own: the files as they stood.
     std::map<std::string, std::string> mapDisk = Snapshot(m_box.DataDir(), CLUSTER_DB_FILES);
     ASSERT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
-    EXPECT_EQ("finished", st.m_strOutcome);
-    EXPECT_EQ(0, st.m_nResult);
-    EXPECT_EQ(0, st.m_nCmdForbid);
-    EXPECT_EQ(0, st.m_nHeadForbid);
+    EXPECT_TRUE(st.m_strOutcome == "finished" && st.m_nResult == 0 && st.m_nCmdForbid == 0 && st.m_nHeadForbid == 0)
+        << st.m_strText;
     long long nTs = st.m_nTs;
     ASSERT_GT(nTs, 0);
     ASSERT_EQ(BackupPath(Des("ArchA"), nTs), st.m_strPath);
     std::string strBackup = ReadWholeFile(st.m_strPath);
-    CheckBackupFile(strBackup, mapDisk, CLUSTER_DB_FILES, m_box.DataDir(), nTs, nTimeFrom, nTimeTo);
+    CheckBackupFile(strBackup, mapDisk, CLUSTER_DB_FILES, m_box.DataDir(), nTs);
     // The operator's check calls it whole (a cut one is BackupVerify's).
     std::string strOut;
     EXPECT_EQ(0, m_box.Run({ToolPath("talvor-backup"), "verify", st.m_strPath}, 60000, &strOut)) << strOut;
@@ -139,7 +120,7 @@ TEST_F(BackupFull, TakenWhileTheEngineCommitsHoldsTheFilesAsTheyStood)
 
 TEST_F(BackupFull, TheArchiverCopiesAFinishedBackupToTheSecondDestination)
 {
-    StartWith(32, 24, Des("ArchA") + ";" + Des("ArchB"));
+    StartWith(24, Des("ArchA") + ";" + Des("ArchB"));
     ClusterLine st = TakeBackup({"--ts", "1234"});
     ASSERT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
     std::string strFirst = ReadWholeFile(BackupPath(Des("ArchA"), 1234));

@@ -25,24 +25,15 @@ const int BUFFERED_CACHE_MIB = 300;
 // The file numbers of a database of one table and one index file.
 const int TABLE_NO = 2, INDEX_NO = 3;
 
-// The stand-in's lines, by kind.
-struct PeerFlushLine {
-    int nFile = 0;
-    UINT nBlock = 0;
-    long long llTs = 0;
-    int nResult = -1;  // -1: timeout
-    int nSave = -1, nFlush = -1;
-};
+// The stand-in's lines, by kind; a result of -1 is a time-out.
+struct PeerFlushLine { int nFile = 0; UINT nBlock = 0; long long llTs = 0; int nResult = -1, nSave = -1, nFlush = -1; };
 struct PeerTsLine { bool bIndex = false; long long llTs = 0; int nResult = -1; };
-struct PeerLoadLine { int nFile = 0; UINT nBlock = 0; int nResult = -1; };
 struct PeerRun {
     int nExit = -99;
     std::string strOut;
-    std::vector<PeerFlushLine> vPosts, vFlushes, vDirty;
-    std::vector<std::pair<std::string, PeerFlushLine>> vFaults;
+    std::vector<PeerFlushLine> vPosts, vFlushes, vFaults, vLoads;
     std::vector<PeerTsLine> vStamps;
     std::vector<int> vPageResults;
-    std::vector<PeerLoadLine> vLoads;
     bool bDone = false;
 };
 
@@ -50,8 +41,7 @@ inline int ResultOf(const std::string& strLine)
 {
     size_t n = strLine.find(" result ");
     if (n == std::string::npos) return -2;
-    std::string strValue = strLine.substr(n + 8);
-    return strValue.rfind("timeout", 0) == 0 ? -1 : atoi(strValue.c_str());
+    return strLine.compare(n + 8, 7, "timeout") == 0 ? -1 : atoi(strLine.c_str() + n + 8);
 }
 
 inline PeerFlushLine FlushOf(const std::string& strLine)
@@ -76,20 +66,14 @@ inline PeerRun ParsePeer(const std::string& strOut, int nExit)
     while (std::getline(in, l)) {
         if (l.rfind("post ", 0) == 0) run.vPosts.push_back(FlushOf(l));
         if (l.rfind("flush ", 0) == 0) run.vFlushes.push_back(FlushOf(l));
-        if (l.rfind("dirty ", 0) == 0) run.vDirty.push_back(FlushOf(l));
-        if (l.rfind("fault ", 0) == 0) {
-            // The mode stands before the fields and may itself read "file".
-            std::string strMode = l.substr(6, l.find(' ', 6) - 6);
-            run.vFaults.push_back({strMode, FlushOf(l.substr(6 + strMode.size()))});
-        }
+        // "fault MODE file ..." and "loadfault MODE file ...": the mode, which
+        // may itself read "file", stands before the fields.
+        if (l.rfind("fault ", 0) == 0) run.vFaults.push_back(FlushOf(l.substr(l.find(' ', 6))));
+        if (l.rfind("loadfault ", 0) == 0) run.vLoads.push_back(FlushOf(l.substr(l.find(' ', 10))));
+        if (l.rfind("load ", 0) == 0) run.vLoads.push_back(FlushOf(l));
         if (l.rfind("page ", 0) == 0) run.vPageResults.push_back(ResultOf(l));
         if (l.rfind("timestamp ", 0) == 0)
             run.vStamps.push_back({l.find("kind index") != std::string::npos, NumberAfter(l, " ts "), ResultOf(l)});
-        if (l.rfind("load", 0) == 0) {
-            // "loadfault MODE file ..." names the mode first.
-            std::string strFields = l.rfind("loadfault ", 0) == 0 ? l.substr(l.find(' ', 10)) : l;
-            run.vLoads.push_back({(int)NumberAfter(strFields, "file "), (UINT)NumberAfter(strFields, " block "), ResultOf(l)});
-        }
         if (l == "done") run.bDone = true;
     }
     return run;

@@ -66,15 +66,15 @@ inline void WriteDbIni(DaemonSandbox& box, const std::string& strDatabasePath, c
                  std::to_string(nCacheMiB) + "\r\nundoareasize=16\r\npersistenceintervals=3\r\n" + strExtra);
 }
 
+// What talvor-mkdb --inspect tells of the system image and of each file
+// (-3: a field it did not give).
 struct InspectedFile {
     bool m_bImage = false;
-    long long m_nImageSize = -1, m_nLoadSize = -1, m_nFirstDiff = -2, m_nFirstNonZero = -2;
+    long long m_nImageSize = -3, m_nLoadSize = -3, m_nFirstDiff = -3, m_nFirstNonZero = -3;
     std::string m_strPath;
 };
-
 struct Inspection {
-    bool m_bRan = false;
-    bool m_bSystemImage = false;
+    bool m_bRan = false, m_bSystemImage = false;
     int m_nSystemStatus = -1;
     std::map<int, InspectedFile> m_mapFiles;
     std::string m_strText;
@@ -83,8 +83,7 @@ struct Inspection {
 inline long long FieldOf(const std::string& strLine, const std::string& strKey)
 {
     size_t n = strLine.find(" " + strKey + "=");
-    if (n == std::string::npos) return -3;
-    return atoll(strLine.c_str() + n + strKey.size() + 2);
+    return n == std::string::npos ? -3 : atoll(strLine.c_str() + n + strKey.size() + 2);
 }
 
 inline Inspection Inspect(DaemonSandbox& box, const std::string& strDir)
@@ -92,28 +91,23 @@ inline Inspection Inspect(DaemonSandbox& box, const std::string& strDir)
     Inspection st;
     st.m_bRan = box.Run({MkdbPath(), "--inspect", strDir}, 30000, &st.m_strText) == 0;
     std::istringstream in(st.m_strText);
-    std::string strLine;
-    while (std::getline(in, strLine)) {
-        if (strLine.rfind("system image=yes", 0) == 0) {
+    std::string l;
+    while (std::getline(in, l)) {
+        if (l.rfind("system image=yes", 0) == 0) {
             st.m_bSystemImage = true;
-            st.m_nSystemStatus = (int)FieldOf(strLine, "status");
-        } else if (strLine.rfind("file=", 0) == 0) {
-            InspectedFile f;
-            int nFileNo = atoi(strLine.c_str() + 5);
-            f.m_bImage = strLine.find(" image=yes") != std::string::npos;
-            f.m_nImageSize = FieldOf(strLine, "imagesize");
-            f.m_nLoadSize = FieldOf(strLine, "loadsize");
-            f.m_nFirstDiff = FieldOf(strLine, "firstdiff");
-            f.m_nFirstNonZero = FieldOf(strLine, "firstnonzeroafterfree");
-            size_t nPath = strLine.find(" path=");
-            if (nPath != std::string::npos) f.m_strPath = strLine.substr(nPath + 6);
-            st.m_mapFiles[nFileNo] = f;
+            st.m_nSystemStatus = (int)FieldOf(l, "status");
+        } else if (l.rfind("file=", 0) == 0) {
+            size_t nPath = l.find(" path=");
+            st.m_mapFiles[atoi(l.c_str() + 5)] = {l.find(" image=yes") != std::string::npos, FieldOf(l, "imagesize"),
+                                                  FieldOf(l, "loadsize"), FieldOf(l, "firstdiff"),
+                                                  FieldOf(l, "firstnonzeroafterfree"),
+                                                  nPath == std::string::npos ? "" : l.substr(nPath + 6)};
         }
     }
     return st;
 }
 
-// The bytes of file bFileNo's image, or empty when there is none.
+// The bytes of file nFileNo's image, or empty when there is none.
 inline std::string DumpImage(DaemonSandbox& box, int nFileNo)
 {
     std::string strOut = box.Root() + "/image" + std::to_string(nFileNo) + ".bin";

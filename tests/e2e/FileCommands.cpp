@@ -21,17 +21,13 @@ protected:
     void SetUp() override { Start({"--data-file", "4", "--table-file", "4"}, "", CACHE_MIB); }
     // One "talvor-peer file" request, expected to be answered nExpect (the
     // row's result); the answer.
-    int File(const std::vector<std::string>& vArgs, int nExpect = FILECMD_NONE)
+    int File(std::vector<std::string> vArgs, int nExpect = FILECMD_NONE)
     {
-        std::vector<std::string> v = {"file"};
-        v.insert(v.end(), vArgs.begin(), vArgs.end());
+        vArgs.insert(vArgs.begin(), "file");
         std::string strOut;
-        int rc = Peer(m_box, v, &strOut, 120000);
-        size_t n = strOut.find("result=");
-        int nResult = n == std::string::npos ? -1 : atoi(strOut.c_str() + n + 7);
-        std::string strTrace = m_box.ReadDaemonTrace();
-        EXPECT_EQ(nExpect, nResult) << "rc " << rc << ": " << strOut << "\n"
-                                    << strTrace.substr(strTrace.size() > 2000 ? strTrace.size() - 2000 : 0);
+        Peer(m_box, vArgs, &strOut, 120000);
+        int nResult = (int)NumberAfter(strOut, "result=");
+        EXPECT_EQ(nExpect, nResult) << strOut << "\n" << m_box.ReadDaemonTrace();
         return nResult;
     }
     // Empty when every live row of the list on disk names a file that is
@@ -99,9 +95,7 @@ protected:
         m_box.WaitExit(m_pid, DAEMON_STOP_TIMEOUT_MS);
         m_pid = -1;
         m_box.WaitExit(peer, 30000);
-        EXPECT_EQ("", ListAgreesWithFiles()) << strWhat << " killed after " << nDelayMs << " ms";
-        EXPECT_EQ("", OfflineFindings()) << strWhat << " killed after " << nDelayMs << " ms";
-        Serve();
+        ExpectAgreedAndServe(strWhat + " killed after " + std::to_string(nDelayMs) + " ms");
     }
     int m_nKills = 0;
 
@@ -136,6 +130,10 @@ protected:
     void Restart(const std::string& strStep)
     {
         Stop();
+        ExpectAgreedAndServe(strStep);
+    }
+    void ExpectAgreedAndServe(const std::string& strStep)
+    {
         EXPECT_EQ("", ListAgreesWithFiles()) << strStep;
         EXPECT_EQ("", OfflineFindings()) << strStep;
         Serve();

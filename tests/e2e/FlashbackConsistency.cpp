@@ -43,9 +43,6 @@ TEST(FlashbackConsistency, EveryCommitOnDiskIsTheImageAsOfItsTimestamp)
     EXPECT_GE(NumberAfter(strOut, "exact checks "), 5) << strOut;
     EXPECT_GT(NumberAfter(strOut, "changes during passes "), 0) << strOut;
     EXPECT_GT(NumberAfter(strOut, "rows behind the image "), 0) << strOut;
-    EXPECT_GT(NumberAfter(strOut, "all rows checked "), NumberAfter(strOut, "rows checked ")) << strOut;
-    EXPECT_GT(NumberAfter(strOut, "answered nothing to save "), 0) << strOut;
-    EXPECT_GT(NumberAfter(strOut, "held off "), 0) << strOut;
     EXPECT_GT(NumberAfter(strOut, "file commands asked "), 0) << strOut;
     EXPECT_EQ(NumberAfter(strOut, "file commands asked "), NumberAfter(strOut, ", done ")) << strOut;
     long long nLast = NumberAfter(strOut, "last timestamp ");

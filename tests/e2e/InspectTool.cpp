@@ -1,8 +1,7 @@
 // End-to-end: talvor-inspect on databases made by talvor-mkdb, each with one
-// damage put in by hand where a real fault would leave it, and on the files a
-// real daemon wrote. Each damage must come out as a finding line naming the
-// file and the byte offset; a sound database must give none; and the
-// inspector must not change a byte of what it looks at.
+// damage put in by hand where a real fault would leave it. Each damage must
+// come out as a finding line naming the file and the byte offset. (The files
+// a real daemon wrote, sound, are checked after every step of FileCommands.)
 #include "DatabaseLoadKit.h"
 
 #include <functional>
@@ -10,8 +9,6 @@
 using namespace talvortest;
 
 namespace {
-
-std::string InspectPath() { return ToolPath("talvor-inspect"); }
 
 template <class T>
 bool WriteValue(const std::string& strPath, long long nOffset, T v)
@@ -50,22 +47,13 @@ std::vector<std::string> DamageLines(const std::string& strOut)
 
 class InspectTool : public ::testing::Test {
 protected:
-    void SetUp() override { MakeIn(m_box.DataDir()); }
-
     void MakeIn(const std::string& strDir)
     {
         m_strDir = strDir;
         ASSERT_EQ(0, MakeDb(m_box, m_strDir, {"--data-file", "4", "--btree-file", "2", "--table-file", "4",
                                               "--index-file", "4"}));
     }
-
     std::string Path(const std::string& strName) const { return m_strDir + strName; }
-
-    int Check(std::string* pOut, const std::string& strMode = "--check")
-    {
-        return m_box.Run({InspectPath(), strMode, m_strDir}, 60000, pOut);
-    }
-
     // Where the map entry of block 1 of a memory-mode file lies.
     long long FirstEntryOffset(const std::string& strFile)
     {
@@ -194,7 +182,7 @@ TEST_F(InspectTool, EachDamageIsFoundOnALineThatNamesItsFileAndOffset)
         ASSERT_NO_FATAL_FAILURE(MakeIn(m_box.Root() + "/case" + std::to_string(nCase++) + "/"));
         Findings vWant = c.m_fnDamage();
         std::string strOut;
-        EXPECT_EQ(1, Check(&strOut)) << strOut;
+        EXPECT_EQ(1, m_box.Run({ToolPath("talvor-inspect"), "--check", m_strDir}, 60000, &strOut)) << strOut;
         std::vector<std::string> v = DamageLines(strOut);
         ASSERT_EQ(vWant.size(), v.size()) << strOut;
         for (size_t i = 0; i < v.size(); i++) {
@@ -202,28 +190,4 @@ TEST_F(InspectTool, EachDamageIsFoundOnALineThatNamesItsFileAndOffset)
             EXPECT_NE(std::string::npos, v[i].find(vWant[i].m_strText)) << v[i];
         }
     }
-}
-
-
-// The files a real daemon wrote, after an engine stand-in committed rows
-// into them and the daemon stopped: sound, walked to the last block, and the
-// inspector writes nothing.
-TEST_F(InspectTool, ReadsWhatARealDaemonWrote)
-{
-    WriteDbIni(m_box, m_box.DataDir(), "persistenceintervals=1\r\n");
-    pid_t pid = m_box.StartServing();
-    ASSERT_GT(pid, 0) << m_box.ReadDaemonTrace();
-    std::string strOut;
-    ASSERT_EQ(0, Peer(m_box, {"data", "--journal", m_box.Root() + "/journal", "--live", "--count", "300", "--pause-us",
-                              "500", "--pass-every", "100", "--blocks", "8", "--seed", "5"}, &strOut))
-        << strOut;
-    ASSERT_TRUE(StopDaemon(m_box, pid));
-
-    std::map<std::string, std::string> mapBefore;
-    for (const std::string& f : ListFiles(m_box.DataDir(), "")) mapBefore[f] = ReadWholeFile(f);
-    EXPECT_EQ(0, Check(&strOut)) << strOut;
-    for (const auto& kv : mapBefore) EXPECT_TRUE(ReadWholeFile(kv.first) == kv.second) << kv.first << " changed";
-    EXPECT_TRUE(DamageLines(strOut).empty()) << strOut;
-    // The engine grew the data file to 8 blocks; the walk saw them all.
-    EXPECT_NE(std::string::npos, strOut.find("walked: 1 map blocks, 8 map entries, 8 blocks")) << strOut;
 }

@@ -11,8 +11,6 @@ using namespace talvortest;
 
 namespace {
 
-const long long GROUP_SIZE = E2E_MIB; // MakeDb asks for 1 MiB groups
-
 // The bodies of the archived logs in number order, then the online groups
 // of higher numbers; every archive must be whole, numbered from 1 on with
 // no gap, and marked archived.
@@ -45,12 +43,6 @@ std::string JoinedLogs(DaemonSandbox& box, const std::string& strDes, int nGroup
 
 class RedoStream : public RunningDaemon {
 protected:
-    void MakeAndConfigure(int nGroups, const std::string& strArchive)
-    {
-        ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), {"--name", "REDO", "--redo-groups", std::to_string(nGroups)}));
-        WriteDbIni(m_box, m_box.DataDir(), "archivetype=1\r\narchivedespath=" + strArchive + "\r\n");
-    }
-
     // Commits through the stand-in, which must reset the ring nResets
     // times; the stream goes to strOut.
     void Commit(const std::vector<std::string>& vArgs, const std::string& strOut, int nResets = 0)
@@ -61,18 +53,7 @@ protected:
         ASSERT_EQ(0, Peer(m_box, vCmd, &strOutput)) << strOutput << m_box.ReadDaemonTrace();
         EXPECT_NE(std::string::npos, strOutput.find(" resets=" + std::to_string(nResets) + " ")) << strOutput;
     }
-
-    // The archive of Des("Arch") and the groups after it hold strExpected.
-    void ExpectLogsAre(const std::string& strExpected)
-    {
-        std::string strError;
-        std::string strLogs = JoinedLogs(m_box, Des("Arch"), 3, &strError);
-        EXPECT_EQ("", strError);
-        EXPECT_EQ(-1, FirstDiffAt(strLogs, strExpected)) << "logs " << strLogs.size() << " bytes, stream "
-                                                         << strExpected.size() << "\n" << m_box.ReadDaemonTrace();
-    }
-
-    std::string Des(const std::string& strName) { return m_box.Root() + "/" + strName + "/"; }
+    std::string m_strArch = m_box.Root() + "/Arch/";
 };
 
 } // namespace
@@ -82,8 +63,8 @@ protected:
 TEST_F(RedoStream, MixedStreamAndAWriterFaultComeOutOfTheArchiveByteForByte)
 {
     ASSERT_TRUE(WriteWholeFile(m_box.Root() + "/blocker", "x"));
-    MakeAndConfigure(3, Des("Arch") + ";" + m_box.Root() + "/blocker/ArchB");
-    Serve();
+    Start({"--name", "REDO", "--redo-groups", "3"},
+          "archivetype=1\r\narchivedespath=" + m_strArch + ";" + m_box.Root() + "/blocker/ArchB\r\n");
     std::string strStream = m_box.Root() + "/stream.bin";
     // Small, medium and ring-sized records; many wraps of the 4 MiB ring,
     // many seals of the 1 MiB groups, and one forced seal on the way.
@@ -111,57 +92,14 @@ TEST_F(RedoStream, MixedStreamAndAWriterFaultComeOutOfTheArchiveByteForByte)
     // The engine resets the ring and goes on; the writer follows.
     Commit({"--records", "200", "--seed", "22", "--max-size", "60000"}, m_box.Root() + "/s2.bin", 1);
     Stop();
-    ExpectLogsAre(strExpected + ReadWholeFile(m_box.Root() + "/s2.bin"));
-    EXPECT_GT(LogsIn(Des("Arch") + "ArchiveLog/").size(), (size_t)10);
+    // The archive and the groups after it hold both streams.
+    strExpected += ReadWholeFile(m_box.Root() + "/s2.bin");
+    std::string strError, strLogs = JoinedLogs(m_box, m_strArch, 3, &strError);
+    EXPECT_EQ("", strError);
+    EXPECT_EQ(-1, FirstDiffAt(strLogs, strExpected)) << "logs " << strLogs.size() << " bytes, stream "
+                                                     << strExpected.size() << "\n" << m_box.ReadDaemonTrace();
+    EXPECT_GT(LogsIn(m_strArch + "ArchiveLog/").size(), (size_t)10);
     EXPECT_NE(std::string::npos, m_box.ReadDaemonTrace().find("Failed to create new archive log file! Path: " +
                                                               m_box.Root() + "/blocker/ArchB/ArchiveLog/Log1.log"))
         << m_box.ReadDaemonTrace();
-}
-
-// The engine commits redo records and changes rows at the same time, as it
-// does: the stream comes out of the archive whole, and every committed row
-// change is on disk, while the passes and the redo writer share the disk.
-TEST_F(RedoStream, RedoAndRowChangesTogetherLoseNeither)
-{
-    Start({"--name", "MIX", "--redo-groups", "3", "--data-file", "8", "--btree-file", "4", "--kv-file", "4"},
-          "archivetype=1\r\narchivedespath=" + Des("Arch") + "\r\npersistenceintervals=1\r\n");
-    std::string strJournal = m_box.Root() + "/journal";
-    pid_t peer = m_box.Spawn({PeerPath(), "data", "--journal", strJournal, "--live", "--count", "100000000", "--seconds",
-                              "8", "--pause-us", "300", "--pass-every", "500", "--objects", "2", "--map-blocks", "2",
-                              "--nothing-to-save", "20", "--quiet"},
-                             "data");
-    ASSERT_GT(peer, 0);
-    std::string strStream = m_box.Root() + "/stream.bin";
-    Commit({"--records", "400", "--seed", "5", "--burst", "5"}, strStream);
-    EXPECT_EQ(0, m_box.WaitExit(peer, 120000)) << ReadWholeFile(m_box.Root() + "/data.out");
-    Stop();
-    ExpectLogsAre(ReadWholeFile(strStream));
-    std::string strVerify = VerifyJournal(m_box, strJournal, m_box.DataDir() + "System.dbf");
-    EXPECT_GT(NumberAfter(strVerify, "rows checked: "), 100) << strVerify;
-}
-
-// A group another database left (and cut short) is reset, at its nominal
-// size and empty, at the next start.
-TEST_F(RedoStream, AGroupAnotherDatabaseLeftIsResetAtTheNextStart)
-{
-    MakeAndConfigure(4, Des("Arch"));
-    Serve();
-    Stop();
-    std::string strPath = m_box.DataDir() + "Redo/Redo1.log";
-    std::string strFile = ReadWholeFile(strPath);
-    MF_REDOLOGFILEHEAD stHead = RedoHeadOf(strFile);
-    USHORT usGuid = stHead.m_usDatabaseGuid;
-    stHead.m_usDatabaseGuid = (USHORT)(usGuid + 1);
-    stHead.m_nSequenceNO = 99;
-    memcpy(&strFile[0], &stHead, sizeof(stHead));
-    strFile.resize(4096); // a short file must come back at full size
-    ASSERT_TRUE(WriteWholeFile(strPath, strFile));
-    Serve();
-    Stop();
-    std::string strAfter = ReadWholeFile(strPath);
-    ASSERT_EQ((size_t)GROUP_SIZE, strAfter.size());
-    MF_REDOLOGFILEHEAD stNew = RedoHeadOf(strAfter);
-    EXPECT_EQ(usGuid, +stNew.m_usDatabaseGuid);
-    EXPECT_EQ(0u, +stNew.m_nSequenceNO);
-    EXPECT_EQ(REDOGROUP_EMPTY, +stNew.m_bState);
 }

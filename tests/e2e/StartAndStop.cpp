@@ -1,14 +1,15 @@
 // End-to-end: a start the daemon must refuse, as a new user meets it (no
-// ini, an empty one, no database, a semaphore or rollback area it cannot
-// have) or on a damaged database, exits with 0, changes no database file and
-// leaves the line that names the cause in the trace log, every time, also
-// where the process ends with its threads running (a wrong head mark of each
-// file type is refused by its own message at unit level); the stop waits
-// for a running engine, for as long as it runs or until it is found lost,
-// and its last pass commits the engine's last change.
+// database, a rollback area it cannot have) or on a damaged database, exits
+// with 0, changes no database file and leaves the line that names the cause
+// in the trace log, every time, also where the process ends with its threads
+// running (a wrong head mark of each file type is refused by its own message
+// at unit level); a storage thread that faults is restarted with its latch
+// free; the stop waits for a running engine, for as long as it runs or until
+// it is found lost, and its last pass commits the engine's last change.
 #include "DatabaseLoadKit.h"
 
 #include <functional>
+#include <regex>
 #include <thread>
 
 using namespace talvortest;
@@ -32,16 +33,6 @@ std::function<void(DaemonSandbox&)> Damage(const char* lpFile, const std::functi
     };
 }
 
-// The file list row of BTree3.dbf given a type no pass saves.
-std::function<void(DaemonSandbox&)> UnsavedType(int nType)
-{
-    return Damage("System.dbf", [nType](std::string& s) {
-        LPFILE_MEMDBFILEINFO lpRow = DbFindFileListRow((LPBYTE)&s[0], (long long)s.size(), 3);
-        ASSERT_NE(nullptr, lpRow);
-        lpRow->m_bFileType = (BYTE)nType;
-    });
-}
-
 std::string InDir(std::string strLine, const std::string& strDir)
 {
     size_t n = strLine.find('@');
@@ -52,60 +43,45 @@ std::string InDir(std::string strLine, const std::string& strDir)
 
 // Each refusal is told by its line (the database directory stands for "@")
 // in every start, writes no byte of any database file and (refused before
-// the images are made) leaves no image: a second start meets no semaphore or segment the first one left taken.
+// the images are made) leaves no image: a second start meets no semaphore
+// or segment the first one left taken.
 TEST(StartRefusals, EachRefusedStartExitsWithZeroAndIsToldEveryTime)
 {
     const struct {
         const char* m_lpWhat;
         bool m_bDatabase;  // a database and an ini that would run it
         std::function<void(DaemonSandbox&)> m_fnSetUp;
-        std::vector<std::string> m_vAnyOf;  // the line, in either language
+        std::string m_strLine;
     } arCases[] = {
-        {"no ini", false, [](DaemonSandbox&) {}, {"Talvor failed to read config!", "Talvor读取配置文件失败!"}},
-        {"empty ini", false, [](DaemonSandbox& box) { box.WriteIni(""); },
-         {"Talvor failed to read config!", "Talvor读取配置文件失败!"}},
         {"no database", false, [](DaemonSandbox& box) { box.WriteDefaultIni(); },
-         {"   40001001 Initialize Failed to open file"}},
-        // A directory where a semaphore would be: it cannot be opened.
-        {"service semaphore", true,
-         [](DaemonSandbox& box) { ASSERT_EQ(0, box.Run({"mkdir", "/dev/shm/sem.Global\\TalvorSvc"}, 10000)); },
-         {"   10000010 TalvorStorage Talvor Storage Service detects that the same service is running"}},
-        {"storage event semaphore", true,
-         [](DaemonSandbox& box) {
-             ASSERT_EQ(0, box.Run({"mkdir", "/dev/shm/sem.Global\\TalvorSysStorageEvent"}, 10000));
-         },
-         {"   10000011 TalvorStorage Talvor Storage Service detects that the same service is running"}},
+         "   40001001 Initialize Failed to open file"},
         // Segments of up to 12 MiB: every image and ring fits, a 16 MiB undo
         // area does not, and the daemon ends with its threads running.
         {"rollback area", true,
          [](DaemonSandbox& box) {
              ASSERT_EQ(0, box.Run({"sh", "-c", "echo 12582912 > /proc/sys/kernel/shmmax"}, 10000));
          },
-         {"   50006010 InitRollback Open rollback memory file failed"}},
-        {"wrong system file mark", true,
-         Damage("System.dbf", [](std::string& s) { ((LPSYSTEMFILEHEAD)&s[0])->m_nDataFlag = 0x12345678; }),
-         {"40001012 Initialize Header data for system file is incorrect, check code: 305419896[1179864657]"}},
-        {"file number of another row", true,
-         Damage("KV4.dbf", [](std::string& s) { ((LPBASEFILEHEAD)&s[0])->m_bFileNo = 9; }),
-         {"40001016 Initialize The file number recorded in the file header information is inconsistent with that in "
-          "the system file, file number: 9[4], path: @KV4.dbf"}},
+         "   50006010 InitRollback Open rollback memory file failed"},
         {"file shorter than its row", true,
          Damage("Data2.dbf", [](std::string& s) { s.resize((size_t)(4 * E2E_MIB)); }),
-         {"40001017 Initialize The file is shorter than its head says, path: @Data2.dbf, file size: 4194304, size in "
-          "the head: 8388608"}},
+         "40001017 Initialize The file is shorter than its head says, path: @Data2.dbf, file size: 4194304, size in "
+         "the head: 8388608"},
         {"file list record of another size", true,
          Damage("System.dbf",
                 [](std::string& s) {
                     LPSYSTEMFILEHEAD h = (LPSYSTEMFILEHEAD)&s[0];
                     ((LPSYSTEMBLOCKHEAD)&s[(size_t)h->m_nBlockStartOffset])->m_nBlockDataStructSize = 352;
                 }),
-         {"The structure size of data block has changed.  current system value: 348, recorded value: 352"}},
-        {"a known file type no pass saves", true, UnsavedType(5),
-         {"   10040003 LoadFile The database has a file of a type this service cannot save, so the start was "
-          "refused, file number: 3, file type: 5, path: @BTree3.dbf"}},
-        {"an unknown file type", true, UnsavedType(77),
-         {"   10040003 LoadFile The database has a file of a type this service cannot save, so the start was "
-          "refused, file number: 3, file type: 77, path: @BTree3.dbf"}},
+         "The structure size of data block has changed.  current system value: 348, recorded value: 352"},
+        {"a known file type no pass saves", true,
+         Damage("System.dbf",
+                [](std::string& s) {
+                    LPFILE_MEMDBFILEINFO lpRow = DbFindFileListRow((LPBYTE)&s[0], (long long)s.size(), 3);
+                    ASSERT_NE(nullptr, lpRow);
+                    lpRow->m_bFileType = 5;
+                }),
+         "   10040003 LoadFile The database has a file of a type this service cannot save, so the start was "
+         "refused, file number: 3, file type: 5, path: @BTree3.dbf"},
     };
     for (const auto& c : arCases) {
         SCOPED_TRACE(c.m_lpWhat);
@@ -120,9 +96,7 @@ TEST(StartRefusals, EachRefusedStartExitsWithZeroAndIsToldEveryTime)
         for (int i = 0; i < 2; i++) EXPECT_EQ(0, box.RunDaemon()) << "start " << i;
         std::string strTrace = box.ReadDaemonTrace();
         EXPECT_EQ(std::string::npos, strTrace.find("Talvor storage service started!")) << strTrace;
-        size_t nTold = 0;
-        for (const std::string& strLine : c.m_vAnyOf) nTold += CountOf(strTrace, InDir(strLine, box.DataDir()));
-        EXPECT_EQ(2u, nTold) << strTrace;
+        EXPECT_EQ(2u, CountOf(strTrace, InDir(c.m_strLine, box.DataDir()))) << strTrace;
         EXPECT_TRUE(mapBefore == Snapshot(box.DataDir(), DB_FILES)) << "a refused start wrote to a file";
         // The rollback area is refused once the images are made.
         if (strcmp(c.m_lpWhat, "rollback area") == 0) continue;
@@ -130,6 +104,28 @@ TEST(StartRefusals, EachRefusedStartExitsWithZeroAndIsToldEveryTime)
         EXPECT_FALSE(st.m_bSystemImage) << st.m_strText;
         for (int n = 2; n <= 4; n++) EXPECT_FALSE(st.m_mapFiles[n].m_bImage) << n;
     }
+}
+
+// The storage thread faults holding its latch: it is restarted, the new
+// one takes the latch, the crashed one is gone, and the daemon stops well.
+// (Other threads, a fault in the trace path and signals from outside are
+// CrashContainment's at unit level.)
+TEST(CrashRecovery, AFaultOfTheStorageThreadIsRecoveredAndTheDaemonStopsWell)
+{
+    DaemonSandbox box;
+    ASSERT_TRUE(box.Ok());
+    MakeSmallDb(box);
+    WriteDbIni(box, box.DataDir());
+    pid_t pid = box.StartServing("storage");
+    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
+    ASSERT_TRUE(box.WaitForTrace("test: the restarted storage thread took m_crit", 20000)) << box.ReadDaemonTrace();
+    std::string strTrace = box.ReadDaemonTrace();
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(strTrace, m, std::regex(R"(Thread \[(\d+)\] has been submitted for automatic recovery)")));
+    std::string strTask = "/proc/" + std::to_string(pid) + "/task/" + m[1].str();
+    EXPECT_TRUE(WaitUntil([&] { return !PathExists(strTask); }, 5000, TRACE_POLL_MS)) << "the crashed thread lingers";
+    EXPECT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
+    EXPECT_NE(std::string::npos, box.ReadDaemonTrace().find("Talvor storage service closed!"));
 }
 
 TEST(StopWithEngine, TheStopWaitsForARunningEngineAndForOneFoundLost)

@@ -27,13 +27,13 @@
 namespace backuptest {
 
 // One database file to back up.
+// m_nFree is the used part, what a full backup copies; m_nHeadSize and
+// m_nTimestamp go into its head.
 struct DbFile {
-    BYTE m_bFileType;
-    BYTE m_bFileNo;
-    long long m_nFileSize;
-    long long m_nFree;      // used part; what a full backup copies
-    int m_nHeadSize;        // m_nFileHeaderSize
-    long long m_nTimestamp; // m_nTimestamp of its head
+    BYTE m_bFileType, m_bFileNo;
+    long long m_nFileSize, m_nFree;
+    int m_nHeadSize;
+    long long m_nTimestamp;
     std::string m_strPath;
 };
 
@@ -191,11 +191,7 @@ inline bool SameBackup(std::string strA, const std::string& strB)
 }
 
 // How the write the power takes ends: lost, torn at a sector, or whole.
-struct PowerCut {
-    const char* m_lpName;
-    long long m_nDieAfterDelta;
-    size_t m_nTorn;
-};
+struct PowerCut { const char* m_lpName; long long m_nDieAfterDelta; size_t m_nTorn; };
 
 // fnBackup writes strPath; the power goes at each of its writes in turn, the
 // device taking nothing after it (so the daemon cannot remove its partial

@@ -12,10 +12,10 @@ const long long INCREMENT_REFER = BACKUP_TIMESTAMP;
 
 // One piece of a changed file: m_strBytes, or when that is empty the copied
 // head, a map block or a block made from its number and size.
+// m_bType is a BACKUPITEM_*, m_nNo the map or block number (0 for the head).
 struct Piece {
-    BYTE m_bType; // BACKUPITEM_*
-    int m_nNo;    // map or block number; 0 for the head
-    int m_nSize;
+    BYTE m_bType;
+    int m_nNo, m_nSize;
     long long m_nFilePos;
     std::string m_strBytes;
 };

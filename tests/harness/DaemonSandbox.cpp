@@ -47,13 +47,10 @@ pid_t ForkExec(const std::vector<std::string>& args, const std::string& strOut)
 
 DaemonSandbox::DaemonSandbox() : m_tree("sandbox")
 {
-    if (!m_tree.Ok()) return;
-    mkdir(BinDir().c_str(), 0755);
-    mkdir((m_tree.Root() + "/Data").c_str(), 0755);
-    mkdir(DataDir().c_str(), 0755);
     std::string strDaemon = ReadWholeFile(std::string(TALVOR_BIN_DIR) + "/TalvorStorage");
-    if (strDaemon.empty() || !WriteWholeFile(BinDir() + "TalvorStorage", strDaemon) ||
-        chmod((BinDir() + "TalvorStorage").c_str(), 0755) != 0)
+    if (!m_tree.Ok() || mkdir(BinDir().c_str(), 0755) != 0 || mkdir((Root() + "/Data").c_str(), 0755) != 0 ||
+        mkdir(DataDir().c_str(), 0755) != 0 || strDaemon.empty() ||
+        !WriteWholeFile(BinDir() + "TalvorStorage", strDaemon) || chmod((BinDir() + "TalvorStorage").c_str(), 0755) != 0)
         return;
 
     // The holder makes the namespaces and sleeps; it tells us it is ready by
@@ -123,9 +120,8 @@ int DaemonSandbox::Run(const std::vector<std::string>& args, int nTimeoutMs, std
     if (pid < 0) return -1;
     int nStatus = WaitExit(pid, nTimeoutMs);
     if (nStatus == -1) {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-        Reaped(pid);
+        Signal(pid, SIGKILL);
+        WaitExit(pid, DAEMON_STOP_TIMEOUT_MS);
     }
     if (pOutput != nullptr) *pOutput = ReadWholeFile(m_tree.Root() + "/" + strName + ".out");
     return nStatus;

@@ -599,7 +599,6 @@ int FaultFileIO::SyncDirectory(const char* lpDir)
 }
 
 // A failing close still gives the descriptor back, as Linux does.
-// A failing close still gives the descriptor back, as Linux does.
 int FaultFileIO::Close(int fd)
 { return (int)Plain(MakeCall(FileOp::Close, PathOfFd(fd)), true, [&] { return CTalvorFileIO::Close(fd); }); }
 int FaultFileIO::CloseDir(DIR* pDir)

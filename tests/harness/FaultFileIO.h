@@ -47,8 +47,7 @@ struct FileCall {
     FileOp m_eOp;
     long long m_nNth;
     std::string m_strPath;
-    long long m_nOffset;
-    long long m_nSize;
+    long long m_nOffset, m_nSize;
     int m_nFlags;
     long long m_nResult;
 };
@@ -57,17 +56,14 @@ typedef std::function<void(const FileCall&)> FileHook;
 // One pwrite that reached the layer, in the order of arrival.
 struct FileWrite {
     std::string m_strPath;
-    long long m_nOffset;
-    long long m_nSize;    // asked
-    long long m_nResult;  // returned (-1 failed)
+    long long m_nOffset, m_nSize, m_nResult;  // the size asked; the result returned (-1 failed)
 };
 
 // A change the medium does not hold yet: a write of m_nSize bytes at
 // m_nOffset, or (m_bTruncate) a truncation to m_nOffset bytes.
 struct UnsyncedChange {
     std::string m_strPath;
-    long long m_nOffset;
-    long long m_nSize;
+    long long m_nOffset, m_nSize;
     bool m_bTruncate;
 };
 
@@ -220,21 +216,15 @@ private:
     long long m_arCalls[FILE_OP_COUNT] = {};
     std::vector<Rule> m_vRules;
     std::map<std::pair<int, long long>, size_t> m_mapCuts;
-    long long m_nReadsEndAt = -1;
     bool m_arHold[FILE_OP_COUNT] = {};
-    long long m_nHeld = 0;
     std::condition_variable m_cvHold;
     size_t m_nChunk = 0;
-    bool m_bInterrupt = false;
-    bool m_bInterruptNext = true;
-    long long m_nFillLeft = -1;
+    bool m_bInterrupt = false, m_bInterruptNext = true;
+    long long m_nReadsEndAt = -1, m_nHeld = 0, m_nFillLeft = -1, m_nDieAfter = -1, m_nBytesRead = 0;
     int m_nFillErrno = 0;
     FileOp m_eDieOp = FileOp::PWrite;
-    long long m_nDieAfter = -1;
-    std::map<int, FileHook> m_mapHooks;
-    std::map<int, FileHook> m_mapAfterHooks;
+    std::map<int, FileHook> m_mapHooks, m_mapAfterHooks;
     std::vector<std::string> m_vPassThrough;
-    long long m_nBytesRead = 0;
     std::vector<FileWrite> m_vWrites;
     std::vector<Change> m_vChanges;
     std::map<FileKey, int> m_mapUndoFds;

@@ -12,10 +12,8 @@
 namespace talvortest {
 
 struct CapturedLine {
-    long m_nLevel;
-    long m_nCode;
-    std::string m_strFunction;
-    std::string m_strText;
+    long m_nLevel, m_nCode;
+    std::string m_strFunction, m_strText;
     // "level code function text", as the tests match it.
     std::string Joined() const
     {

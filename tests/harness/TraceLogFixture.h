@@ -31,11 +31,9 @@ inline std::string BodyOf(const std::string& strFile)
 
 struct TraceLine {
     std::string m_strStamp;
-    int m_nThread;
-    int m_nLevel;
+    int m_nThread, m_nLevel;
     long long m_nCode;
-    std::string m_strFunction;
-    std::string m_strText;
+    std::string m_strFunction, m_strText;
 };
 
 // Splits a daemon file body ("\r\n" + title + text, ...) into its lines;
