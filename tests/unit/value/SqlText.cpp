@@ -1,6 +1,6 @@
 // The first word of a statement, titles and names cut out of SQL text (by
 // their rules: quoting, case, limits at and just past each edge, the plain
-// name that reads to its NUL), and the JSON key check.
+// name that reads to its NUL).
 
 #include "TalvorSqlText.h"
 
@@ -48,7 +48,6 @@ TEST(SqlHead, WordsBoundsAndErrors) {
     const int S = TALVOR_ERROR_HEAD_START_CHARACTER;
     const Case arCases[] = {
         {"SELECT*FROM t", 0, "SELECT", -1, -1, -1, -1, -1},
-        {"label: loop", 0, "label", -1, -1, -1, -1, -1},
         // The parentheses and the semicolon are gone from the statement.
         {"  ((  select 1 ; ) ) ;;  ", 0, "select", 0, 14, -1, -1, -1},
         // The first parenthesis closes before the end: it stays, and counts.
@@ -57,13 +56,11 @@ TEST(SqlHead, WordsBoundsAndErrors) {
         {"-- note\n# more\n/* block */ update t", 0, "update", -1, -1, 33, 0, -1},
         {"/*!40101 SET NAMES utf8 */ select 1", 0, "select", -1, -1, -1, 8, 26},
         {"select(1)", TALVOR_ERROR_HEAD_CHARACTER, nullptr, -1, -1, -1, -1, -1},
-        {"3 + 4", S, nullptr, -1, -1, -1, -1, -1},
         // Twelve letters fit, thirteen don't, and no more than twelve are written.
         {"abcdefghijkl x", 0, "abcdefghijkl", -1, -1, -1, -1, -1},
         {"abcdefghijklm x", TALVOR_ERROR_HEAD_COMMAND, "abcdefghijkl", -1, -1, -1, -1, -1},
         {std::string(5000, 'a'), TALVOR_ERROR_HEAD_COMMAND, nullptr, -1, -1, -1, -1, -1},
         // No word at all; quotes that never close inside parentheses that do.
-        {"  -- only", -2, "", -1, -1, -1, -1, -1},
         {"/* never closes", -2, "", -1, -1, -1, -1, -1},
         {"/*!123", -2, "", -1, -1, -1, -1, 6},
         {"(((", -2, "", 3, -1, -1, -1, -1},
@@ -77,40 +74,29 @@ TEST(SqlHead, WordsBoundsAndErrors) {
         EXPECT_EQ(h.m_strWord, c.lpszWord ? c.lpszWord : h.m_strWord);
         const int arGot[] = {h.m_nBracket, h.m_nSqlLen, h.m_nPos, h.m_nStart, h.m_nEnd};
         const int arWant[] = {c.nBracket, c.nSqlLen, c.nPos, c.nStart, c.nEnd};
-        for (int k = 0; k < 5; ++k) EXPECT_EQ(arGot[k], arWant[k] < 0 ? arGot[k] : arWant[k]) << k;
+        for (int k = 0; k < 5; ++k) EXPECT_TRUE(arWant[k] < 0 || arGot[k] == arWant[k]) << k << ": " << arGot[k];
     }
     EXPECT_EQ(Parse("# note\nselect", FALSE).m_nResult, S) << "comments not allowed";
 }
 
-namespace {
-
-struct Title { int m_nResult; std::string m_strTitle; };
-
-Title Cut(const std::string& s, BOOL bTalvor) {
+// A title cut into room of 32 or 64 bytes, guarded behind: its answer and text.
+static std::pair<int, std::string> Cut(const std::string& s, BOOL bTalvor) {
     char szTitle[64 + 8];
     memset(szTitle, 0x5A, sizeof(szTitle));
-    Title t{CopyTitleFromSql(Tight(s).get(), (int)s.size(), szTitle, bTalvor), ""};
-    const int nRoom = bTalvor ? 32 : 64;
-    for (int i = nRoom; i < (int)sizeof(szTitle); ++i) EXPECT_EQ(szTitle[i], 0x5A) << s;
-    t.m_strTitle = szTitle;
-    return t;
+    const int n = CopyTitleFromSql(Tight(s).get(), (int)s.size(), szTitle, bTalvor);
+    for (int i = bTalvor ? 32 : 64; i < (int)sizeof(szTitle); ++i) EXPECT_EQ(szTitle[i], 0x5A) << s;
+    return {n, szTitle};
 }
 
-}  // namespace
-
 TEST(SqlTitle, QuotedPlainAndTokens) {
-    EXPECT_EQ(Cut("\"My Title\"", FALSE).m_nResult, TALVOR_NAME_QUOTED);
-    EXPECT_EQ(Cut("`mixed`", TRUE).m_strTitle, "MIXED");
-    EXPECT_EQ(Cut("`mixed`", FALSE).m_strTitle, "mixed");
-    EXPECT_EQ(Cut("\"mixed\"", TRUE).m_strTitle, "mixed");
-    // Cut to the room, quoted or plain.
-    EXPECT_EQ(Cut("\"" + std::string(80, 'q') + "\"", TRUE).m_strTitle, std::string(31, 'q'));
-    EXPECT_EQ(Cut(std::string(80, 'w'), FALSE).m_nResult, TALVOR_NAME_PLAIN);
-    EXPECT_EQ(Cut(std::string(80, 'w'), FALSE).m_strTitle, std::string(63, 'w'));
-    // Keywords are titles; punctuation is copied but answers 0.
-    EXPECT_EQ(Cut("from", FALSE).m_nResult, TALVOR_NAME_PLAIN);
-    EXPECT_EQ(Cut("<=", FALSE).m_nResult, 0);
-    EXPECT_EQ(Cut("", FALSE).m_nResult, 0);
+    using R = std::pair<int, std::string>;
+    EXPECT_EQ(Cut("`mixed`", TRUE), R(TALVOR_NAME_QUOTED, "MIXED"));
+    EXPECT_EQ(Cut("\"mixed\"", TRUE), R(TALVOR_NAME_QUOTED, "mixed"));
+    // Cut to the room, quoted or plain; keywords are titles; punctuation is copied but answers 0.
+    EXPECT_EQ(Cut("\"" + std::string(80, 'q') + "\"", TRUE).second, std::string(31, 'q'));
+    EXPECT_EQ(Cut(std::string(80, 'w'), FALSE), R(TALVOR_NAME_PLAIN, std::string(63, 'w')));
+    EXPECT_EQ(Cut("from", FALSE).first, TALVOR_NAME_PLAIN);
+    EXPECT_EQ(Cut("<=", FALSE).first, 0);
 }
 
 // Each name copier on one input: its answer and what it wrote ("-": not
@@ -123,18 +109,14 @@ TEST(SqlNames, QuotingCaseAndLimits) {
     const int Q = TALVOR_NAME_QUOTED, P = TALVOR_NAME_PLAIN, B = TALVOR_NAME_BAD;
     const Case arCases[] = {
         {OBJECT, "\"Mixed Case\"", -1, 0, Q, "Mixed Case"}, {OBJECT, "`lower`", -1, 0, Q, "LOWER"},
-        {OBJECT, "t_1#$", -1, 0, P, "T_1#$"}, {OBJECT, "1abc", -1, 0, B, "-"}, {OBJECT, "\"\"", -1, 0, B, "-"},
-        {OBJECT, "\"" + x63 + "\"", -1, 0, Q, "-"},
+        {OBJECT, "1abc", -1, 0, B, "-"}, {OBJECT, "\"\"", -1, 0, B, "-"}, {OBJECT, "\"" + x63 + "\"", -1, 0, Q, "-"},
         {OBJECT, "\"" + x64 + "\"", -1, 0, B, "-"}, {OBJECT, x64, -1, 0, P, "-"}, {OBJECT, x64 + "x", -1, 0, B, "-"},
         {OBJECT, "abc def", 3, 0, B, "-"}, {OBJECT, "abcdef", 3, 0, P, "ABCDEF"},
-        {USER, "`Ad Min`", -1, 0, Q, "Ad Min"}, {USER, "Admin1", -1, 0, P, "Admin1"}, {USER, "_x", -1, 0, B, "-"},
-        {USER, std::string(70, 'u'), -1, 0, P, std::string(64, 'u')},
-        {DATABASE, "'My DB'", -1, 0, P, "My DB"}, {DATABASE, "`" + std::string(100, 'd') + "`", -1, 0, P, std::string(100, 'd')},
+        {USER, "`Ad Min`", -1, 0, Q, "Ad Min"}, {USER, "_x", -1, 0, B, "-"}, {USER, std::string(70, 'u'), -1, 0, P, std::string(64, 'u')},
+        {DATABASE, "`" + std::string(100, 'd') + "`", -1, 0, P, std::string(100, 'd')},
         {DATABASE, d63, -1, 0, P, "-"}, {DATABASE, d64, -1, 0, B, "-"},
-        {PASSWORD, "'s3cr3t!'", -1, 0, Q, "s3cr3t!"}, {PASSWORD, "'s3cr3t!'", -1, 6, B, "-"},
-        {PASSWORD, "abcdefgh", -1, 4, P, "abcd"},
-        {STRING, "'hello'", -1, 6, 1, "hello"}, {STRING, "'hello'", -1, 5, 2, "-"}, {STRING, "''", -1, 1, 1, ""},
-        {STRING, "\"x\"", -1, 8, 0, "-"},
+        {PASSWORD, "'s3cr3t!'", -1, 0, Q, "s3cr3t!"}, {PASSWORD, "'s3cr3t!'", -1, 6, B, "-"}, {PASSWORD, "abcdefgh", -1, 4, P, "abcd"},
+        {STRING, "'hello'", -1, 6, 1, "hello"}, {STRING, "'hello'", -1, 5, 2, "-"}, {STRING, "\"x\"", -1, 8, 0, "-"},
     };
     for (const Case& c : arCases) {
         char szOut[128] = "garbage";
@@ -146,20 +128,6 @@ TEST(SqlNames, QuotingCaseAndLimits) {
                       : c.nWhich == PASSWORD ? CopyPassWordFromSql(p, nLen, szOut, c.nRoom)
                                              : CopyStringFromSql(p, nLen, szOut, c.nRoom);
         EXPECT_EQ(n, c.nResult) << c.nWhich << " " << c.strIn;
-        if (c.strOut != "-") {
-            EXPECT_EQ(std::string(szOut), c.strOut) << c.nWhich << " " << c.strIn;
-        }
-    }
-}
-
-TEST(JsonKey, QuotesAndStrictForm) {
-    const int B = TALVOR_ERROR_JSON_KEY_FORMAT;
-    const struct { const char* lpsz; BOOL bStrict; int nResult, nKey; } arCases[] = {
-        {"\"ab\"", FALSE, 0, 2}, {"'ab'", FALSE, 0, 2}, {"ab", FALSE, 0, 2}, {"\"\"", FALSE, B, -1},
-        {"\"a\"", TRUE, 0, 1}, {"'a'", TRUE, B, -1}};
-    for (const auto& c : arCases) {
-        int nKey = -1;
-        EXPECT_EQ(CheckJsonString(c.lpsz, (int)strlen(c.lpsz), nKey, c.bStrict), c.nResult) << c.lpsz;
-        EXPECT_EQ(nKey, c.nKey < 0 ? nKey : c.nKey) << c.lpsz;
+        EXPECT_TRUE(c.strOut == "-" || c.strOut == szOut) << c.nWhich << " " << c.strIn << ": " << szOut;
     }
 }

@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-
 namespace {
 
 // The index kind the column table gives, or -1 for "doesn't fit".
@@ -25,8 +24,10 @@ int ExpectedKind(int nFile, int nField, int nUse) {
 TEST(TypeMap, IndexKindForEveryFileFieldAndUse) {
     for (int nFile = 0; nFile < 256; ++nFile) {
         // The refusal names what was wrong: the column, a system file, or the file kind.
-        const int nRefusal = nFile == 3 || nFile == 11 || nFile == 4 ? 318 : nFile == 5 || nFile == 1 || nFile == 2 || nFile == 10 ? 319 : 320;
-        for (int nField = 0; nField < 256; ++nField) {
+        const int nRefusal = nFile == 3 || nFile == 11 || nFile == 4                            ? 318
+                             : nFile == 5 || nFile == 1 || nFile == 2 || nFile == 10 ? 319
+                                                                                     : 320;
+        for (int nField = 0; nField < 256; ++nField)
             for (int nUse : {0, 2, 3, 5}) {
                 BYTE bKind = 0xEE;
                 const int nExpected = ExpectedKind(nFile, nField, nUse);
@@ -34,42 +35,30 @@ TEST(TypeMap, IndexKindForEveryFileFieldAndUse) {
                     << nFile << " " << nField;
                 ASSERT_EQ(bKind, nExpected < 0 ? 0xEE : nExpected) << nFile << " " << nField << " " << nUse;
             }
-        }
     }
 }
 
+// Every engine type with a column type comes back to an index kind as the
+// engine type itself would; a file kind of 0 is chosen by the column.
 TEST(TypeMap, MysqlIndexTypeChoosesTheFileAndMapsColumnTypes) {
-    // File kind asked (0: choose), column type, use; result, file and kind given.
-    struct Case { BYTE bFile, bType, bUse; int nResult; BYTE bFileOut, bKind; };
-    const Case arCases[] = {{0, 3 /* LONG */, 3, 0, 4, 1}, {0, 253 /* VAR_STRING */, 2, 0, 11, 25},
-                            {4, 5 /* DOUBLE */, 0, 318, 4, 0}, {0, 6 /* NULL */, 0, 318, 11, 0}};
-    for (const Case& c : arCases) {
-        BYTE bFile = c.bFile, bKind = 0;
-        EXPECT_EQ(GetMysqlIndexType(bFile, c.bType, c.bUse, bKind), c.nResult) << (int)c.bType;
-        EXPECT_EQ(bFile, c.bFileOut) << (int)c.bType;
-        EXPECT_EQ(bKind, c.bKind) << (int)c.bType;
-    }
-    // Every engine type with a column type comes back to an index kind as the
-    // engine type itself would.
     for (int nType : {1, 2, 3, 4, 5, 6, 7, 11, 12, 80, 81, 240}) {
         BYTE bViaMysql = 0, bDirect = 0, bFile = 11;
         ASSERT_EQ(GetMysqlIndexType(bFile, GetMysqlFieldType((BYTE)nType), 0, bViaMysql), 0) << nType;
         ASSERT_EQ(GetIndexType(11, (BYTE)nType, 0, bDirect), 0);
         EXPECT_EQ(bViaMysql, bDirect) << nType;
     }
+    BYTE bFile = 0, bKind = 0, bFileNull = 0, bKindNull = 0;
+    EXPECT_EQ(GetMysqlIndexType(bFile, 3 /* LONG */, 3, bKind), 0);
+    EXPECT_EQ(GetMysqlIndexType(bFileNull, 6 /* NULL */, 0, bKindNull), 318);
+    EXPECT_TRUE(bFile == 4 && bKind == 1 && bFileNull == 11 && bKindNull == 0) << (int)bFile << " " << (int)bKind;
 }
 
 TEST(TypeMap, AllowNullAndScaleShareAByteWithoutTouchingEachOther) {
-    for (int nFlag = 0; nFlag < 256; ++nFlag) {
-        for (int nScale = 0; nScale < 64; ++nScale) {
+    for (int nFlag = 0; nFlag < 256; ++nFlag)
+        for (int nScale = 0; nScale < 64; ++nScale)
             for (BOOL bNull : {FALSE, TRUE}) {
-                BYTE b = SetDecimalScale(SetAllowNull((BYTE)nFlag, bNull), (BYTE)nScale);
-                ASSERT_EQ(GetAllowNull(b), bNull);
-                ASSERT_EQ(GetDecimalScale(b), nScale);
-                b = SetAllowNull(SetDecimalScale((BYTE)nFlag, (BYTE)nScale), bNull);
-                ASSERT_EQ(GetAllowNull(b), bNull);
-                ASSERT_EQ(GetDecimalScale(b), nScale);
+                const BYTE arBoth[] = {SetDecimalScale(SetAllowNull((BYTE)nFlag, bNull), (BYTE)nScale),
+                                       SetAllowNull(SetDecimalScale((BYTE)nFlag, (BYTE)nScale), bNull)};
+                for (BYTE b : arBoth) ASSERT_TRUE(GetAllowNull(b) == bNull && GetDecimalScale(b) == nScale) << nFlag;
             }
-        }
-    }
 }
