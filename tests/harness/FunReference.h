@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -66,21 +67,16 @@ struct FunArg {
 };
 
 inline FunArg ArgNull() { return FunArg{}; }
-inline FunArg ArgInt(long long ll) { FunArg a; a.nKind = FunArg::kInt; a.ll = ll; return a; }
-inline FunArg ArgText(const std::string& s) { FunArg a; a.nKind = FunArg::kText; a.str = s; return a; }
-inline FunArg ArgDec(const std::string& s) { FunArg a; a.nKind = FunArg::kDecimal; a.str = s; return a; }
+inline FunArg ArgInt(long long ll) { return FunArg{FunArg::kInt, ll, ""}; }
+inline FunArg ArgText(const std::string& s) { return FunArg{FunArg::kText, 0, s}; }
+inline FunArg ArgDec(const std::string& s) { return FunArg{FunArg::kDecimal, 0, s}; }
 // A double written as digits with a point ("2.5"), or every digit of d
 // with an exponent: exact in both places.
-inline FunArg ArgDouble(const std::string& s) { FunArg a; a.nKind = FunArg::kDouble; a.str = s; return a; }
-inline FunArg ArgDouble(double d)
-{
-    char sz[40];
-    snprintf(sz, sizeof(sz), "%.17e", d);
-    return ArgDouble(std::string(sz));
-}
+inline FunArg ArgDouble(const std::string& s) { return FunArg{FunArg::kDouble, 0, s}; }
+inline FunArg ArgDouble(double d) { char sz[40]; snprintf(sz, sizeof(sz), "%.17e", d); return ArgDouble(sz); }
 // Text the server compares by its bytes (binary collation).
-inline FunArg ArgTextBin(const std::string& s) { FunArg a; a.nKind = FunArg::kTextBin; a.str = s; return a; }
-inline FunArg ArgBin(const std::string& s) { FunArg a; a.nKind = FunArg::kBinary; a.str = s; return a; }
+inline FunArg ArgTextBin(const std::string& s) { return FunArg{FunArg::kTextBin, 0, s}; }
+inline FunArg ArgBin(const std::string& s) { return FunArg{FunArg::kBinary, 0, s}; }
 
 // ---- Typed values for the members that take VARDATA directly.
 
@@ -102,24 +98,17 @@ inline VARDATA Text(CTalvorBufferPool& pool, const std::string& str)
 // A date and time (4) from "YYYY-MM-DD hh:mm:ss"; NULL for other text.
 inline VARDATA DateTime(CTalvorBufferPool& pool, const std::string& str)
 {
-    VARDATA t = Text(pool, str);
+    VARDATA t = Text(pool, str), v = Null();
     DATE d;
-    VARDATA v = Null();
     if (CBaseFunManager::date(&pool, t, d) == 0) v.SetDateTime(d);
     return v;
 }
 
-// A stored date (12) from "YYYY-MM-DD", and a stored time (11) from
-// "[-]h:mm:ss"; NULL for text that is neither.
+// A stored date (12) from "YYYY-MM-DD"; NULL for other text.
 inline VARDATA StoredDate(CTalvorBufferPool& pool, const std::string& str)
 {
     VARDATA v = Null(), t = Text(pool, str);
     return CBaseFunManager::Date(&pool, t, v) == 0 ? v : Null();
-}
-inline VARDATA StoredTime(CTalvorBufferPool& pool, const std::string& str)
-{
-    VARDATA v = Null(), t = Text(pool, str);
-    return CBaseFunManager::Time(&pool, t, v) == 0 ? v : Null();
 }
 
 // The text the server's client shows for a result value; bNull for SQL
@@ -137,9 +126,7 @@ inline std::string ShownText(const VARDATA& v, bool& bNull)
     case TALVOR_VT_FIXTEXT: return std::string(v.m_lpszValue, (size_t)v.m_nStrLen);
     case TALVOR_VT_DATETIME: {
         TALVORDATEPARTS s;
-        double d = v.m_dblValue;
-        bool bFraction = CTalvorDate::ConvertDateTime(d, s) == 0 && s.m_nMicrosecond != 0;
-        CTalvorDate::FormatDateTime(d, sz, bFraction ? 6 : 0);
+        CTalvorDate::FormatDateTime(v.m_dblValue, sz, CTalvorDate::ConvertDateTime(v.m_dblValue, s) == 0 && s.m_nMicrosecond ? 6 : 0);
         return sz;
     }
     case TALVOR_VT_TIME: {
@@ -151,8 +138,7 @@ inline std::string ShownText(const VARDATA& v, bool& bNull)
     default: break;
     }
     std::vector<char> buf((size_t)ConvertVarData2String(v, nullptr) + 1);
-    int n = ConvertVarData2String(v, buf.data());
-    return std::string(buf.data(), (size_t)n);
+    return std::string(buf.data(), (size_t)ConvertVarData2String(v, buf.data()));
 }
 
 // The same, with SQL NULL shown as "NULL".
@@ -167,15 +153,10 @@ inline std::string Show(const VARDATA& v)
 // it and removes its tree when the binary exits.
 inline MariaDbReference& SharedMariaDb()
 {
-    struct Started {
-        MariaDbReference db;
-        Started()
-        {
-            if (!db.Start()) fprintf(stderr, "MariaDB reference: %s\n", db.Error().c_str());
-        }
-    };
-    static Started s_started;
-    return s_started.db;
+    static MariaDbReference s_db;
+    static const bool s_bStarted = s_db.Start();
+    (void)s_bStarted;
+    return s_db;
 }
 
 // The library reads the machine's zone, the server session is UTC: both
@@ -197,26 +178,12 @@ struct FunCase {
     CompareKind eKind = SAME_TEXT;
 };
 
-inline FunCase Finish(std::string strSql, int nRet, VARDATA& r, CompareKind eKind)
-{
-    FunCase c;
-    c.strSql = std::move(strSql);
-    c.nRet = nRet;
-    c.strOurs = ShownText(r, c.bOursNull);
-    c.bOwns = r.m_bAutoRelease != 0 && r.m_vt != TALVOR_VT_DECIMAL;
-    c.eKind = eKind;
-    r.Free();
-    return c;
-}
-
 inline bool SameNumber(const std::string& a, const std::string& b)
 {
-    char* pa = nullptr;
-    char* pb = nullptr;
+    char *pa = nullptr, *pb = nullptr;
     long double x = strtold(a.c_str(), &pa), y = strtold(b.c_str(), &pb);
     if (*pa != 0 || *pb != 0 || a.empty() || b.empty()) return a == b;
-    long double scale = std::fabs(x) > std::fabs(y) ? std::fabs(x) : std::fabs(y);
-    return std::fabs(x - y) <= 1e-12L * (scale > 1 ? scale : 1);
+    return std::fabs(x - y) <= 1e-12L * std::max({std::fabs(x), std::fabs(y), 1.0L});
 }
 
 // A call's code is 0 and the result shows as strShown ("NULL" for NULL);
@@ -239,8 +206,7 @@ inline void ExpectNullSpreads(CTalvorBufferPool& pool, const std::vector<Unary>&
     int nCall = 0;
     auto expect = [&](const std::function<int(VARDATA&)>& fn) {
         VARDATA r = Int(7);
-        EXPECT_EQ(fn(r), 0) << "call " << nCall;
-        EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL) << "call " << nCall++;
+        EXPECT_TRUE(fn(r) == 0 && r.m_vt == TALVOR_VT_NULL) << "call " << nCall++;
     };
     for (Unary f : vUnary) expect([&](VARDATA& r) { return f(&pool, n, r); });
     for (Binary f : vBinary) {
@@ -267,10 +233,7 @@ inline FunCall Of3(Fun3 f) { return [f](Pool* p, Args& a, VARDATA& r) { return f
 inline FunCall Of4(Fun4 f) { return [f](Pool* p, Args& a, VARDATA& r) { return f(p, a[0], a[1], a[2], a[3], r); }; }
 // A member that takes its arguments as a count and an array.
 using FunN = int (*)(Pool*, int, st_VARDATA*, VARDATA&);
-inline FunCall OfN(FunN pfn)
-{
-    return [pfn](Pool* p, Args& a, VARDATA& r) { return pfn(p, (int)a.size(), a.data(), r); };
-}
+inline FunCall OfN(FunN f) { return [f](Pool* p, Args& a, VARDATA& r) { return f(p, (int)a.size(), a.data(), r); }; }
 
 // A plan reuses its result slots: each case starts on a slot that holds 7,
 // so a member that leaves the slot as it was on a NULL shows 7, not NULL.
@@ -286,17 +249,17 @@ public:
     {
         std::vector<VARDATA> v(vArgs.size());
         for (size_t i = 0; i < vArgs.size(); ++i) vArgs[i].ToVar(v[i]);
-        VARDATA r = UsedSlot();
-        int nRet = fn(&m_pool, v, r);
-        m_vCases.push_back(Finish(Fill(strExpr, vArgs), nRet, r, eKind));
+        Add(Fill(strExpr, vArgs), fn, v, eKind);
     }
     // The SQL text strSql against fn on typed arguments (their bytes kept
     // alive by the caller).
-    void Add(const std::string& strSql, const FunCall& fn, Args vArgs)
+    void Add(const std::string& strSql, const FunCall& fn, Args vArgs, CompareKind eKind = SAME_TEXT)
     {
         VARDATA r = UsedSlot();
-        int nRet = fn(&m_pool, vArgs, r);
-        m_vCases.push_back(Finish(strSql, nRet, r, SAME_TEXT));
+        FunCase c{strSql, fn(&m_pool, vArgs, r), false, r.m_bAutoRelease != 0 && r.m_vt != TALVOR_VT_DECIMAL, "", eKind};
+        c.strOurs = ShownText(r, c.bOursNull);
+        r.Free();
+        m_vCases.push_back(c);
     }
 
     // Every case against the server in one session. A statement the server
@@ -338,10 +301,7 @@ private:
     {
         std::string s;
         size_t n = 0;
-        for (char ch : strExpr) {
-            if (ch == '?' && n < vArgs.size()) s += vArgs[n++].Sql();
-            else s += ch;
-        }
+        for (char ch : strExpr) s += ch == '?' && n < vArgs.size() ? vArgs[n++].Sql() : std::string(1, ch);
         return s;
     }
     std::vector<FunCase> m_vCases;
@@ -387,25 +347,16 @@ struct FunRow {
     FunCall fn;
 };
 
-// Every row once, on the arguments fnArg gives for its letters.
-inline void AddRows(FunBatch& batch, const std::vector<FunRow>& vRows, const std::function<FunArg(char)>& fnArg)
+// Every row once, on the arguments the letters have in mArgs; a letter not
+// in it is drawn afresh by fnOther at each place.
+inline void AddRows(FunBatch& batch, const std::vector<FunRow>& vRows, const std::map<char, FunArg>& mArgs,
+                    const std::function<FunArg()>& fnOther = nullptr)
 {
     for (const FunRow& row : vRows) {
         std::vector<FunArg> v;
-        for (const char* p = row.lpszArgs; *p; ++p) v.push_back(fnArg(*p));
+        for (const char* p = row.lpszArgs; *p; ++p) v.push_back(mArgs.count(*p) ? mArgs.at(*p) : fnOther());
         batch.Add(row.lpszExpr, v, row.fn);
     }
-}
-
-// The same with the letters' values in a table; a letter not in it is drawn
-// afresh by fnOther at each place.
-inline void AddRows(FunBatch& batch, const std::vector<FunRow>& vRows, const std::map<char, FunArg>& mArgs,
-                    const std::function<FunArg()>& fnOther)
-{
-    AddRows(batch, vRows, [&](char c) {
-        auto it = mArgs.find(c);
-        return it != mArgs.end() ? it->second : fnOther();
-    });
 }
 
 // ---- Generated dates and the units of intervals.

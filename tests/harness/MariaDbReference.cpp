@@ -52,10 +52,7 @@ void ReadRow(const std::string& strLine, std::vector<SqlAnswer>& vOut)
 
 std::string SqlHexLiteral(const std::string& strBytes) { return "X'" + HexOf(strBytes) + "'"; }
 
-MariaDbReference::~MariaDbReference()
-{
-    Stop();
-}
+MariaDbReference::~MariaDbReference() { Stop(); }
 
 bool MariaDbReference::Start()
 {
@@ -81,8 +78,8 @@ bool MariaDbReference::Start()
         bInstalled = system(strRetry.c_str()) == 0;
     }
     if (!bInstalled) return Fail("mariadb-install-db failed: " + ReadWholeFile(m_tree.Path("install.log")));
-    std::string strDataArg = "--datadir=" + strData, strSocketArg = "--socket=" + m_strSocket;
-    std::string strLogArg = "--log-error=" + m_tree.Path("error.log"), strPidArg = "--pid-file=" + m_tree.Path("pid");
+    std::string strDataArg = "--datadir=" + strData, strSocketArg = "--socket=" + m_strSocket,
+                strLogArg = "--log-error=" + m_tree.Path("error.log"), strPidArg = "--pid-file=" + m_tree.Path("pid");
     pid_t nParent = getpid();
     pid_t nPid = fork();
     if (nPid < 0) return Fail("fork failed");
