@@ -9,8 +9,11 @@
 #include "BaseFunInternal.h"
 #include "TalvorDecimal.h"
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstdlib>
+#include <cstring>
 #include <uuid/uuid.h>
 
 using namespace basefun;
@@ -447,17 +450,57 @@ int CBaseFunManager::ATan(CTalvorBufferPool* /*pPool*/, VARDATA& vY, VARDATA& vX
 
 namespace {
 
-// The bits BIT_COUNT counts, as the server reads its argument: a double
-// rounds half away from zero (it is not cut) and saturates at the bounds of
-// the 64-bit words; anything else as other integer arguments are read.
-unsigned long long BitCountBits(const VARDATA& vArg)
+// A double rounded half away from zero (not cut), saturated at the bounds of
+// the 64-bit words.
+unsigned long long RoundedBits(double dArg)
 {
-    if (vArg.m_vt != TALVOR_VT_DOUBLE) return (unsigned long long)talvorfun::IntArg(vArg);
-    const double d = std::round(vArg.m_dblValue);
+    const double d = std::round(dArg);
     if (d >= 18446744073709551616.0) return ULLONG_MAX;
     if (d >= 9223372036854775808.0) return (unsigned long long)d;
     if (!(d > -9223372036854775808.0)) return (unsigned long long)LLONG_MIN;
     return (unsigned long long)(long long)d;
+}
+
+// The number a text begins with, as the server reads it for BIT_COUNT: with
+// a fraction or an exponent ('2.5', '-.5', '1e3x') it is a double, rounded;
+// a whole positive number is exact up to the unsigned bound, where other
+// integer arguments stop at the signed one.
+unsigned long long TextBits(const VARDATA& v)
+{
+    talvorfun::TextView t;
+    talvorfun::ReadText(v, t);
+    int i = 0;
+    while (i < t.n && (t.p[i] == ' ' || t.p[i] == '\t' || t.p[i] == '\n' || t.p[i] == '\r')) ++i;
+    const int nStart = i;
+    const bool bNeg = i < t.n && t.p[i] == '-';
+    if (i < t.n && (t.p[i] == '-' || t.p[i] == '+')) ++i;
+    unsigned long long ull = 0;
+    bool bSaturated = false;
+    for (; i < t.n && t.p[i] >= '0' && t.p[i] <= '9'; ++i) {
+        const unsigned nDigit = (unsigned)(t.p[i] - '0');
+        if (ull > (ULLONG_MAX - nDigit) / 10) bSaturated = true;
+        else ull = ull * 10 + nDigit;
+    }
+    if (i < t.n && (t.p[i] == '.' || t.p[i] == 'e' || t.p[i] == 'E')) {
+        // strtod wants a NUL; a number longer than the copy loses only
+        // digits far below the units.
+        char sz[talvorvar::kParseBytes];
+        const int nCopy = std::min(t.n - nStart, (int)sizeof(sz) - 1);
+        memcpy(sz, t.p + nStart, (size_t)nCopy);
+        sz[nCopy] = 0;
+        return RoundedBits(strtod(sz, nullptr));
+    }
+    if (bNeg) return (unsigned long long)talvorfun::IntArg(v);
+    return bSaturated ? ULLONG_MAX : ull;
+}
+
+// The bits BIT_COUNT counts, as the server reads its argument: a double
+// rounds, text as above, anything else as other integer arguments are read.
+unsigned long long BitCountBits(const VARDATA& vArg)
+{
+    if (vArg.m_vt == TALVOR_VT_DOUBLE) return RoundedBits(vArg.m_dblValue);
+    if (talvorvar::IsTextType(vArg.m_vt) && !talvorvar::IsHexText(vArg)) return TextBits(vArg);
+    return (unsigned long long)talvorfun::IntArg(vArg);
 }
 
 } // namespace

@@ -124,8 +124,12 @@ TEST(FunMath, RoundingSignsRemaindersAndLogarithmsMatchTheServer)
     for (const std::string& s : vDecimals) {
         AddRounding(ArgDec(s), -3, 6);
         for (int d = -3; d <= 6; ++d) b.Add("ROUND(?, ?)", {ArgText(s), ArgInt(d)}, Of2(F::Round), SAME_NUMBER);
+        b.Add("BIT_COUNT(?)", {ArgText(s)}, Of1(F::Bit_Count), SAME_NUMBER);
     }
     for (double x : vDoubles) AddRounding(ArgDouble(x), -4, 4);
+    // Text that is not a plain decimal: BIT_COUNT rounds a fraction, cuts nothing else.
+    for (const char* lpText : {"1e3", "2.5e0", " 7.5x", ".5", "-.5", "7x", "18446744073709551615", "1.5e19", "abc"})
+        b.Add("BIT_COUNT(?)", {ArgText(lpText)}, Of1(F::Bit_Count), SAME_NUMBER);
     for (long long x : vInts)
         for (long long y : {0, 1, -1, 3, -7, 1000}) b.Add("MOD(?, ?)", {ArgInt(x), ArgInt(y)}, Of2(F::Mod), SAME_NUMBER);
     for (const std::string& s : vDecimals) b.Add("MOD(?, ?)", {ArgDec(s), ArgDec("0.7")}, Of2(F::Mod), SAME_NUMBER);
