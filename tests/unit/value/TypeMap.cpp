@@ -37,28 +37,3 @@ TEST(TypeMap, IndexKindForEveryFileFieldAndUse) {
             }
     }
 }
-
-// Every engine type with a column type comes back to an index kind as the
-// engine type itself would; a file kind of 0 is chosen by the column.
-TEST(TypeMap, MysqlIndexTypeChoosesTheFileAndMapsColumnTypes) {
-    for (int nType : {1, 2, 3, 4, 5, 6, 7, 11, 12, 80, 81, 240}) {
-        BYTE bViaMysql = 0, bDirect = 0, bFile = 11;
-        ASSERT_EQ(GetMysqlIndexType(bFile, GetMysqlFieldType((BYTE)nType), 0, bViaMysql), 0) << nType;
-        ASSERT_EQ(GetIndexType(11, (BYTE)nType, 0, bDirect), 0);
-        EXPECT_EQ(bViaMysql, bDirect) << nType;
-    }
-    BYTE bFile = 0, bKind = 0, bFileNull = 0, bKindNull = 0;
-    EXPECT_EQ(GetMysqlIndexType(bFile, 3 /* LONG */, 3, bKind), 0);
-    EXPECT_EQ(GetMysqlIndexType(bFileNull, 6 /* NULL */, 0, bKindNull), 318);
-    EXPECT_TRUE(bFile == 4 && bKind == 1 && bFileNull == 11 && bKindNull == 0) << (int)bFile << " " << (int)bKind;
-}
-
-TEST(TypeMap, AllowNullAndScaleShareAByteWithoutTouchingEachOther) {
-    for (int nFlag = 0; nFlag < 256; ++nFlag)
-        for (int nScale = 0; nScale < 64; ++nScale)
-            for (BOOL bNull : {FALSE, TRUE}) {
-                const BYTE arBoth[] = {SetDecimalScale(SetAllowNull((BYTE)nFlag, bNull), (BYTE)nScale),
-                                       SetAllowNull(SetDecimalScale((BYTE)nFlag, (BYTE)nScale), bNull)};
-                for (BYTE b : arBoth) ASSERT_TRUE(GetAllowNull(b) == bNull && GetDecimalScale(b) == nScale) << nFlag;
-            }
-}

