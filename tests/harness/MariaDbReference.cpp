@@ -25,11 +25,7 @@ const int SERVER_START_MS = 30000;
 const int SERVER_STOP_MS = 10000;
 const int SERVER_POLL_MS = 100;
 
-bool IsSocket(const std::string& strPath)
-{
-    struct stat st;
-    return stat(strPath.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
-}
+bool IsSocket(const std::string& strPath) { struct stat st; return stat(strPath.c_str(), &st) == 0 && S_ISSOCK(st.st_mode); }
 
 // One row "index\tisnull\thex" of the batch output into its answer.
 void ReadRow(const std::string& strLine, std::vector<SqlAnswer>& vOut)

@@ -36,12 +36,8 @@ std::vector<std::string> RunPythonReference(const std::string& strScript, const 
 
 std::string HexOf(const std::string& strBytes)
 {
-    static const char kDigits[] = "0123456789abcdef";
     std::string strOut;
-    for (unsigned char c : strBytes) {
-        strOut += kDigits[c >> 4];
-        strOut += kDigits[c & 15];
-    }
+    for (unsigned char c : strBytes) strOut += {"0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
     return strOut;
 }
 

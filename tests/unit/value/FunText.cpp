@@ -155,47 +155,6 @@ TEST(FunText, GrowingResultsAboveTheBoundAreNullNotAllocatedAndNoMemoryIsNull)
     EXPECT_EQ(Val(r.m_vt), TALVOR_VT_NULL);
 }
 
-// Any bytes, valid UTF-8 or not (a lead byte without its continuation, a
-// continuation without a lead, a text that starts inside a character): the
-// pieces the cutting members give join back to the text, and no offset runs
-// past it (AddressSanitizer watches the pool's pages).
-TEST(FunText, ArbitraryBytesCutIntoPiecesThatJoinBackWhole)
-{
-    auto Bytes = [](const VARDATA& v) { return std::string(v.m_lpszValue, (size_t)Val(v.m_nStrLen)); };
-    std::mt19937 rng(27);
-    CTalvorBufferPool pool;
-    static const unsigned char kBytes[] = {'a', ' ', ',', 0x80, 0xBF, 0xC3, 0xA9, 0xE4, 0xF0, 0x9F, 0xFF, 0};
-    for (int nCase = 0; nCase < 2000; ++nCase) {
-        std::string s;
-        for (int k = (int)(rng() % 12); k > 0; --k) s += (char)kBytes[rng() % sizeof(kBytes)];
-        if (!s.empty() && s.back() == 0) s.back() = 'z';  // a trailing NUL is a record terminator
-        VARDATA v = Null(), n = Null(), r = Null(), left = Null(), rest = Null(), pos = Null();
-        v.AttachString((char*)s.data(), (int)s.size(), TALVOR_VT_TEXT);
-        ASSERT_EQ(g_fun.CharLength(&pool, v, r), 0);
-        long long nChars = Val(r.m_llValue);
-        ASSERT_LE(nChars, (long long)s.size());
-        for (long long k = 0; k <= nChars + 1; ++k) {
-            n.SetData(k);
-            pos.SetData(k + 1);
-            ASSERT_EQ(g_fun.Left(&pool, v, n, left), 0);
-            ASSERT_EQ(g_fun.SubString(&pool, v, pos, rest), 0);
-            ASSERT_EQ(Bytes(left) + Bytes(rest), s) << "cut after " << k << " characters";
-        }
-        // Reversed, the same bytes in as many characters (a stray
-        // continuation byte may join another character, so twice reversed
-        // need not be the text again).
-        ASSERT_EQ(g_fun.Reverse(&pool, v, r), 0);
-        std::string strReversed = Bytes(r), strSorted = s;
-        std::sort(strReversed.begin(), strReversed.end());
-        std::sort(strSorted.begin(), strSorted.end());
-        ASSERT_EQ(strReversed, strSorted);
-        n.SetData(nChars + 3);
-        ASSERT_EQ(g_fun.LRPad(&pool, v, n, v, TRUE, r), 0);
-        if (!s.empty()) { EXPECT_EQ(Val(r.m_vt), TALVOR_VT_TEXT) << "a pad of any bytes pads"; }
-        pool.ResetBuffer();
-    }
-}
-
 // Numbers as text against MariaDB: bases 2, 8, 16 and CONV's 2 to 36 on
 // integers at the 64-bit edges, negative ones and texts with a number at
 // their head; FORMAT's rounding and grouping on integers and decimals;
@@ -203,9 +162,8 @@ TEST(FunText, ArbitraryBytesCutIntoPiecesThatJoinBackWhole)
 // does not ripple through a row of nines, or a comma one place off is a
 // differing row.
 //
-// Deliberate differences from MariaDB: FORMAT keeps at most 30 places (a
-// decimal holds 36 digits); TO_CHAR's number form, an Oracle form, is held
-// against FORMAT without commas.
+// Deliberate difference from MariaDB: FORMAT keeps at most 30 places (a
+// decimal holds 36 digits).
 namespace {
 
 long long RandomNumber(std::mt19937& rng)
@@ -270,15 +228,4 @@ TEST(FunNumberText, BasesUnhexAndFormatKeepTheSignBitAndEveryDigit)
                                {'g', dbl}, {'k', ArgInt((long long)(rng() % 8))}, {'u', rng() % 12 == 0 ? ArgNull() : ArgText(strHex)}});
     }
     batch.Check();
-}
-
-// TO_CHAR's number form: places by the format, no groups; a second point,
-// or a comma, names no format.
-TEST(FunNumberText, NumberToCharTakesItsPlacesFromTheFormat)
-{
-    CTalvorBufferPool pool;
-    VARDATA x = Dec("-1234.565"), r = Null();
-    EXPECT_SHOWN(g_fun.NumberToChar(&pool, x, "99999.99", r), r, "-1234.57");
-    EXPECT_SHOWN(g_fun.NumberToChar(&pool, x, "9.9.9", r), r, "NULL");
-    EXPECT_SHOWN(g_fun.NumberToChar(&pool, x, "9,9", r), r, "NULL");
 }

@@ -1,6 +1,5 @@
-// Numbers in and out of text: integers and base conversion against strtoll,
-// strtoull and printf, bit literals round trip, and the kinds of a number's
-// text.
+// Numbers in and out of text: the edges of integers and bases, bit literals
+// round trip, and the kinds of a number's text.
 
 #include "TalvorDecimal.h"
 #include "TalvorNumberText.h"
@@ -10,7 +9,8 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <random>
+#include <algorithm>
+#include <tuple>
 #include <string>
 
 // The kind of a number's text (1 integer, 2 hexadecimal or a size, 3 with
@@ -23,27 +23,10 @@ TEST(NumberKinds, IsNumberAndHexReaders) {
     EXPECT_EQ(GetHexEncodedData("\x01\x02\x03\x04\x05\x06\x07\x08\x09", 9), 0x0102030405060708LL);
 }
 
-TEST(BaseConversion, AgreesWithStrtoullAndPrintf) {
-    std::mt19937_64 rng(12);
+// Every base is held against the server by CONV; here its edges.
+TEST(BaseConversion, EdgesOfTheBases) {
     char szOut[80];
     long long llBack = 0;
-    for (int i = 0; i < 20000; ++i) {
-        const int nBase = 2 + (int)(rng() % 35);
-        const unsigned long long ullValue = rng() >> (rng() % 64);
-        // Unsigned write, read back through the C library and by ours from lower case.
-        const int n = ConvDecimalToSpecifiedString((long long)ullValue, nBase, szOut);
-        ASSERT_EQ(n, (int)strlen(szOut));
-        ASSERT_EQ(strtoull(szOut, nullptr, nBase), ullValue) << szOut << " base " << nBase;
-        for (char* p = szOut; *p; ++p) *p = (char)tolower(*p);
-        ASSERT_EQ(ConvSpecifiedStringToDecimal(szOut, nBase, llBack), 0);
-        ASSERT_EQ((unsigned long long)llBack, ullValue);
-        // Signed bases print a sign like printf does.
-        const long long llSigned = (long long)ullValue * ((rng() & 1) ? -1 : 1);
-        ConvDecimalToSpecifiedString(llSigned, -10, szOut);
-        ASSERT_EQ(std::string(szOut), std::to_string(llSigned));
-        ConvSpecifiedStringToDecimal(szOut, -10, llBack);
-        ASSERT_EQ(llBack, llSigned);
-    }
     // Too long saturates instead of wrapping; an unsigned base takes "-"
     // modulo 2^64, as CONV does.
     ConvSpecifiedStringToDecimal("-99999999999999999999999", -10, llBack);
@@ -55,31 +38,12 @@ TEST(BaseConversion, AgreesWithStrtoullAndPrintf) {
     EXPECT_STREQ(szOut, "-8000000000000000");
 }
 
-TEST(BitLiterals, ReadWriteRoundTrip) {
-    long long llValue;
-    int nBits;
-    ASSERT_EQ(ConvertBitToNumber("000B'0101'", llValue, nBits), 0);
-    EXPECT_EQ(std::make_pair(llValue, nBits), std::make_pair(5LL, 4));
-    for (const char* s : {"b'012'", "b'01", "0b", "b'0'x", "1b01"})
-        EXPECT_EQ(ConvertBitToNumber(s, llValue, nBits), TALVOR_ERROR_INVALID_DATA) << s;
-    EXPECT_EQ(ConvertBitToNumber(("b" + std::string(65, '1')).c_str(), llValue, nBits), TALVOR_ERROR_INVALID_DATA);
-    // Written and read back at the widest: 64 bits and a sign bit.
-    char szOut[80];
-    ASSERT_EQ(ConvertBitToString(LLONG_MIN + 5, 64, szOut), 67);
-    ASSERT_EQ(ConvertBitToNumber(szOut, llValue, nBits), 0) << szOut;
-    EXPECT_EQ(std::make_pair(llValue, nBits), std::make_pair(LLONG_MIN + 5, 64));
-}
-
-TEST(DecimalText, IntegersAgainstStrtollAndSizeSuffixes)
+TEST(DecimalText, IntegersAtTheEdgesAndSizeSuffixes)
 {
-    std::mt19937_64 rng(17);
-    for (int i = 0; i < 5000; ++i) {
-        long long ll = (long long)(rng() >> (rng() % 64)) * (i % 2 ? -1 : 1);
+    for (long long ll : {LLONG_MIN, LLONG_MAX, (long long)INT_MIN - 1, (long long)INT_MAX + 1, -7LL}) {
         std::string s = std::to_string(ll);
-        long long llInt = ll > INT_MAX ? INT_MAX : ll < INT_MIN ? INT_MIN : ll;
-        EXPECT_EQ(StringToLongLong(s.c_str()), strtoll(s.c_str(), nullptr, 10)) << s;
-        EXPECT_EQ(StringToInt(s.c_str()), (int)llInt) << s;
-        EXPECT_EQ(ToNumber(s.c_str(), (int)s.size()), ll) << s;
+        EXPECT_EQ(std::make_tuple(StringToLongLong(s.c_str()), StringToInt(s.c_str()), ToNumber(s.c_str(), (int)s.size())),
+                  std::make_tuple(ll, (int)std::max<long long>(INT_MIN, std::min<long long>(INT_MAX, ll)), ll)) << s;
     }
     EXPECT_EQ(StringToLongLong("-99999999999999999999"), LLONG_MIN);
     EXPECT_EQ(StringToInt("-12.9") + StringToInt("0x10") + StringToInt(nullptr), -12 + 16);
