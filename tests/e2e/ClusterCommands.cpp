@@ -1,85 +1,29 @@
-// End-to-end: the cluster commands of the channel's command record, sent by
-// the engine stand-in as the engine does (the final value and flags of each
-// code are checked at unit level). Taking the database apart and building it
-// again works on new files and never on two descriptors of one file; the
-// operator's offline check and restore over a chain of three backups the
-// daemon took bring back each point, and the daemon serves and commits again.
+// End-to-end: backups by the cluster commands of the channel's command
+// record, sent by the engine stand-in as the engine does. The operator's
+// offline check and restore over a chain of three backups the daemon took
+// bring back each point, and the daemon serves and commits again.
 #include "ClusterKit.h"
 
 using namespace talvortest;
 
 namespace {
 
-const std::vector<std::string> SMALL_DB = {"--data-file", "8", "--btree-file", "4", "--kv-file", "4"};
-
-class ClusterCommands : public RunningDaemon {
+// A daemon with a backup destination, for backups and restores.
+class ClusterRestore : public RunningDaemon {
 protected:
-    void SetUp() override { Start(SMALL_DB, "persistenceintervals=1\r\n"); }
-
+    void SetUp() override
+    {
+        Start({"--data-file", "8", "--btree-file", "4", "--kv-file", "4"},
+              "persistenceintervals=1\r\narchivetype=1\r\narchivedespath=" + m_box.Root() + "/Arch/\r\n");
+    }
     // 60 changes committed on disk, and the journal verifies against it.
     void ExpectCommitsReachDisk(bool bHeadReady, const std::string& strJournal)
     {
         VerifyJournal(m_box, strJournal, Path("System.dbf"), CommitToDisk(strJournal, 60, 11, 4, 2000, bHeadReady));
     }
-    // A command that ended at 0 and cleared both flags.
-    void ExpectFinishedClear(const ClusterLine& st)
-    {
-        EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
-        EXPECT_EQ("finished", st.m_strOutcome) << st.m_strText;
-        EXPECT_EQ(0, st.m_nFinal);
-        EXPECT_EQ(0, st.m_nCmdForbid);
-        EXPECT_EQ(0, st.m_nHeadForbid);
-    }
 };
 
 } // namespace
-
-// A rebuild without a clear works on the files open. A clear takes every
-// file away; a rebuild with no database on disk fails: no head comes up,
-// the command still ends at 0, and the command's flag stays up with the
-// head that is gone. New files of other sizes, in the same paths, then come
-// up on a second rebuild, each open once.
-TEST_F(ClusterCommands, ClearThenRebuildOnNoFilesFailsAndOnNewFilesServes)
-{
-    std::map<std::string, int> mapBefore = OpenFilesUnder(m_pid, m_box.DataDir());
-    ExpectFinishedClear(Cluster(m_box, "17", {"--forbid", "--head-forbid"}));
-    std::map<std::string, int> mapAfter = OpenFilesUnder(m_pid, m_box.DataDir());
-    for (const std::string& strName : CLUSTER_DB_FILES)
-        EXPECT_EQ(mapBefore[Path(strName)], mapAfter[Path(strName)]) << strName;
-    ClusterLine st = Cluster(m_box, "16");
-    EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
-    EXPECT_EQ("finished", st.m_strOutcome);
-    EXPECT_EQ(0, st.m_nFinal);
-    EXPECT_EQ(1, st.m_nCmdForbid) << "the flag stays up until the rebuild";
-    ASSERT_TRUE(m_box.IsRunning(m_pid));
-    for (const std::string& strName : CLUSTER_DB_FILES) EXPECT_FALSE(PathExists(Path(strName))) << strName;
-    st = Cluster(m_box, "17");
-    EXPECT_EQ(0, st.m_nExit) << st.m_strText << m_box.ReadDaemonTrace();
-    EXPECT_EQ(0, st.m_nFinal);
-    EXPECT_EQ(CLUSTER_NO_HEAD_SEEN, st.m_nHeadForbid) << "a head came up from no files";
-    EXPECT_EQ(1, st.m_nCmdForbid) << "the flags are cleared only with a head\n" << st.m_strText << m_box.ReadDaemonTrace();
-    ASSERT_TRUE(m_box.IsRunning(m_pid));
-    ASSERT_EQ(0, MakeDb(m_box, m_box.DataDir(), {"--data-file", "12", "--btree-file", "6", "--kv-file", "4"}));
-    ExpectFinishedClear(Cluster(m_box, "17"));
-    Inspection ins = Inspect(m_box, m_box.DataDir());
-    ASSERT_TRUE(ins.m_bRan) << ins.m_strText;
-    EXPECT_TRUE(ins.m_bSystemImage);
-    EXPECT_EQ(0, ins.m_nSystemStatus);
-    EXPECT_EQ(12 * E2E_MIB, ins.m_mapFiles[2].m_nImageSize) << ins.m_strText;
-    EXPECT_EQ(6 * E2E_MIB, ins.m_mapFiles[3].m_nImageSize) << ins.m_strText;
-    std::map<std::string, int> mapOpen = OpenFilesUnder(m_pid, m_box.DataDir());
-    for (const std::string& strName : CLUSTER_DB_FILES) EXPECT_GE(1, mapOpen[Path(strName)]) << strName;
-    ExpectCommitsReachDisk(true, m_box.Root() + "/journal");
-}
-
-// The same daemon with a backup destination, for backups and restores.
-class ClusterRestore : public ClusterCommands {
-protected:
-    void SetUp() override
-    {
-        Start(SMALL_DB, "persistenceintervals=1\r\narchivetype=1\r\narchivedespath=" + m_box.Root() + "/Arch/\r\n");
-    }
-};
 
 // The operator's round trip over a chain the daemon took while the
 // stand-in committed between the backups: the offline check calls the chain

@@ -1,7 +1,6 @@
 // ClusterKit.h — what the end-to-end tests of cluster commands and backups
 // share: a running daemon on a small database, the stand-in's cluster and
-// backup jobs run and their lines read back, the port a node listener took,
-// and the daemon's open database files.
+// backup jobs run and their lines read back, the port a node listener took.
 #pragma once
 
 #include "DatabaseLoadKit.h"
@@ -9,8 +8,6 @@
 namespace talvortest {
 
 const int CLUSTER_WAIT_MS = 60000;
-// head_forbid of a report when there is no system image.
-const int CLUSTER_NO_HEAD_SEEN = -1;
 const std::vector<std::string> CLUSTER_DB_FILES = {"System.dbf", "Data2.dbf", "BTree3.dbf", "KV4.dbf"};
 
 // One line of the cluster or backup job, its fields read.
@@ -98,19 +95,6 @@ inline std::vector<std::string> NodeAt(int nPort, std::vector<std::string> vMore
 {
     vMore.insert(vMore.begin(), {"--ip", "127.0.0.1", "--port", std::to_string(nPort), "--local-ip", "127.0.0.1"});
     return vMore;
-}
-
-// The targets of the process's open descriptors that lie under strDir,
-// each with how often it is open.
-inline std::map<std::string, int> OpenFilesUnder(pid_t pid, const std::string& strDir)
-{
-    std::map<std::string, int> mapOpen;
-    for (const std::string& strFd : ListFiles("/proc/" + std::to_string(pid) + "/fd/")) {
-        char szTarget[4096];
-        ssize_t n = readlink(strFd.c_str(), szTarget, sizeof(szTarget));
-        if (n > 0 && std::string(szTarget, (size_t)n).rfind(strDir, 0) == 0) mapOpen[std::string(szTarget, (size_t)n)]++;
-    }
-    return mapOpen;
 }
 
 // A standby's copies in strCopies of logs 1 to nLastLog, the last it holds,

@@ -16,25 +16,6 @@ bool WriteValue(const std::string& strPath, long long nOffset, T v)
     return WriteFileAt(strPath, nOffset, std::string((const char*)&v, sizeof(v)));
 }
 
-// nEntries map entries at the first cache-mode map page of strTable, block
-// n (from 1) of object nID at nOffset(n), chained to nNext(n).
-template <class FOffset, class FNext>
-void WriteCacheEntries(const std::string& strTable, UINT nEntries, UINT nID, FOffset nOffset, FNext nNext)
-{
-    long long nMap = RecordOnDisk<TABLEFILEHEAD>(strTable, 0).m_nBlockMapStartOffset;
-    EXPECT_TRUE(WriteValue<int>(strTable, nMap + offsetof(BASEFILEBLOCKMAPHEAD_CACHE, m_nBlockMapNum), (int)nEntries));
-    for (UINT n = 1; n <= nEntries; n++) {
-        BASEFILEBLOCKMAP_CACHE e;
-        memset(&e, 0, sizeof(e));
-        e.m_nBlockNo = n;
-        e.m_nBlockSize = CACHE_PAGE_SIZE;
-        e.m_nNextBlockNo = nNext(n);
-        e.m_nID = nID;
-        e.m_nBlockOffset = nOffset(n);
-        EXPECT_TRUE(WriteValue(strTable, nMap + (long long)sizeof(BASEFILEBLOCKMAPHEAD_CACHE) + (n - 1) * sizeof(e), e));
-    }
-}
-
 std::vector<std::string> DamageLines(const std::string& strOut)
 {
     std::vector<std::string> v;
@@ -124,37 +105,6 @@ TEST_F(InspectTool, EachDamageIsFoundOnALineThatNamesItsFileAndOffset)
              memcpy(&strPart[offsetof(SYSTEMFILEHEAD, m_nEndTimestamp) - SYSTEMFILE_DYNAMIC_OFFSET], &nEnd, 8);
              EXPECT_TRUE(WriteFileAt(strSystem, SYSTEMFILE_DYNAMIC_OFFSET, strPart.substr(0, 60)));
              return Findings{{"commit", 1, (long long)offsetof(SYSTEMFILEHEAD, m_nBeginTimestamp), "5000"}};
-         }},
-        {"a cache-mode map entry whose block lies past the file",
-         [&] {
-             std::string strTable = Path("Table4.dbf");
-             long long nEnd = FileSizeOf(strTable);
-             WriteCacheEntries(strTable, 1, 7, [&](UINT) { return nEnd; }, [](UINT) { return 0u; });
-             return Findings{{"bound", 4,
-                            RecordOnDisk<TABLEFILEHEAD>(strTable, 0).m_nBlockMapStartOffset +
-                                (long long)sizeof(BASEFILEBLOCKMAPHEAD_CACHE),
-                            ""}};
-         }},
-        {"a cache-mode map page whose mark is gone",
-         [&] {
-             INDEXFILEHEAD hi = RecordOnDisk<INDEXFILEHEAD>(Path("Index5.dbf"), 0);
-             EXPECT_TRUE(WriteValue<int>(Path("Index5.dbf"), hi.m_nBlockMapStartOffset, 0));
-             return Findings{{"mark", 5, (long long)hi.m_nBlockMapStartOffset, ""}};
-         }},
-        // Cache-mode chains run by block number through the map entries:
-        // three blocks whose chain comes back to its first block.
-        {"a cache-mode chain that comes back",
-         [&] {
-             std::string strTable = Path("Table4.dbf");
-             long long nBlocks = RecordOnDisk<TABLEFILEHEAD>(strTable, 0).m_nBlockStartOffset;
-             WriteCacheEntries(strTable, 3, 5, [&](UINT n) { return nBlocks + (long long)(n - 1) * CACHE_PAGE_SIZE; },
-                               [](UINT n) { return n == 3 ? 1u : n + 1; });
-             CACHEFILETABLEDEF o;
-             memset(&o, 0, sizeof(o));
-             o.m_nID = 5;
-             o.m_nFullBlockNo = 2;
-             EXPECT_TRUE(WriteValue(strTable, offsetof(TABLEFILEHEAD, m_stFileObject), o));
-             return Findings{{"loop", 4, -1, "starts at block 2 comes back to block 2"}};
          }},
         // Damages in three files at once: each is found and told on a line of
         // its own, none hides the ones after it.

@@ -3,13 +3,12 @@
 // with 0, changes no database file and leaves the line that names the cause
 // in the trace log, every time, also where the process ends with its threads
 // running (a wrong head mark of each file type is refused by its own message
-// at unit level); a storage thread that faults is restarted with its latch
-// free; the stop waits for a running engine, for as long as it runs or until
-// it is found lost, and its last pass commits the engine's last change.
+// at unit level); the stop waits for a running engine, for as long as it
+// runs or until it is found lost, and its last pass commits the engine's
+// last change.
 #include "DatabaseLoadKit.h"
 
 #include <functional>
-#include <regex>
 #include <thread>
 
 using namespace talvortest;
@@ -66,13 +65,6 @@ TEST(StartRefusals, EachRefusedStartExitsWithZeroAndIsToldEveryTime)
          Damage("Data2.dbf", [](std::string& s) { s.resize((size_t)(4 * E2E_MIB)); }),
          "40001017 Initialize The file is shorter than its head says, path: @Data2.dbf, file size: 4194304, size in "
          "the head: 8388608"},
-        {"file list record of another size", true,
-         Damage("System.dbf",
-                [](std::string& s) {
-                    LPSYSTEMFILEHEAD h = (LPSYSTEMFILEHEAD)&s[0];
-                    ((LPSYSTEMBLOCKHEAD)&s[(size_t)h->m_nBlockStartOffset])->m_nBlockDataStructSize = 352;
-                }),
-         "The structure size of data block has changed.  current system value: 348, recorded value: 352"},
         {"a known file type no pass saves", true,
          Damage("System.dbf",
                 [](std::string& s) {
@@ -104,28 +96,6 @@ TEST(StartRefusals, EachRefusedStartExitsWithZeroAndIsToldEveryTime)
         EXPECT_FALSE(st.m_bSystemImage) << st.m_strText;
         for (int n = 2; n <= 4; n++) EXPECT_FALSE(st.m_mapFiles[n].m_bImage) << n;
     }
-}
-
-// The storage thread faults holding its latch: it is restarted, the new
-// one takes the latch, the crashed one is gone, and the daemon stops well.
-// (Other threads, a fault in the trace path and signals from outside are
-// CrashContainment's at unit level.)
-TEST(CrashRecovery, AFaultOfTheStorageThreadIsRecoveredAndTheDaemonStopsWell)
-{
-    DaemonSandbox box;
-    ASSERT_TRUE(box.Ok());
-    MakeSmallDb(box);
-    WriteDbIni(box, box.DataDir());
-    pid_t pid = box.StartServing("storage");
-    ASSERT_GT(pid, 0) << box.ReadDaemonTrace();
-    ASSERT_TRUE(box.WaitForTrace("test: the restarted storage thread took m_crit", 20000)) << box.ReadDaemonTrace();
-    std::string strTrace = box.ReadDaemonTrace();
-    std::smatch m;
-    ASSERT_TRUE(std::regex_search(strTrace, m, std::regex(R"(Thread \[(\d+)\] has been submitted for automatic recovery)")));
-    std::string strTask = "/proc/" + std::to_string(pid) + "/task/" + m[1].str();
-    EXPECT_TRUE(WaitUntil([&] { return !PathExists(strTask); }, 5000, TRACE_POLL_MS)) << "the crashed thread lingers";
-    EXPECT_TRUE(StopDaemon(box, pid)) << box.ReadDaemonTrace();
-    EXPECT_NE(std::string::npos, box.ReadDaemonTrace().find("Talvor storage service closed!"));
 }
 
 TEST(StopWithEngine, TheStopWaitsForARunningEngineAndForOneFoundLost)

@@ -1,6 +1,5 @@
 // Cluster commands over a loaded database, run as the storage thread runs
 // them; the standby slots against a port where no node listens.
-#include "FaultFileIO.h"
 #include "LogManager.h"
 #include "PersistenceDb.h"
 #include "TestClock.h"
@@ -46,18 +45,8 @@ protected:
         m_db.MakeStartAndSave();
         m_lpCmd = m_db.Module().m_pFlashback->GetClusterCommand();
         m_lpChannel = m_db.Module().m_pFlashback->GetStorageMemHead();
-        m_strArchive = m_db.m_tree.Dir() + "Archive";
-        SetArchivePath(m_strArchive);
     }
     void TearDown() override { WaitForNoStandby(5000); }
-    void SetArchivePath(const std::string& strPath)
-    {
-        snprintf(m_db.Head()->m_lpArchiveDesPath, sizeof(m_db.Head()->m_lpArchiveDesPath), "%s", strPath.c_str());
-    }
-    std::string BackupPath(long long nTimestamp) const
-    {
-        return m_strArchive + "/Backup/TalvorBackup" + std::to_string(nTimestamp) + ".fbk";
-    }
     // Writes the command as the engine does (arguments, then the code) and
     // runs one turn of the storage thread.
     HRESULT Run(BYTE bCommand, BYTE bForbid = 1)
@@ -90,44 +79,9 @@ protected:
     PersistenceDb m_db;
     LPTALVORCOMMAND m_lpCmd = nullptr;
     LPSTORAGEMEMHEAD m_lpChannel = nullptr;
-    std::string m_strArchive;
 };
 
 } // namespace
-
-TEST_F(ClusterCommands, EveryCodeEndsWithItsFinalCodeAndClearsOnlyItsOwnFlags)
-{
-    struct Case {
-        BYTE m_bCommand;
-        BYTE m_bFinal;
-        BYTE m_bResult;
-        bool m_bFlagsCleared;
-    };
-    const Case arCases[] = {
-        // No node listens at the command's address: the join fails, and the
-        // command ends as a failed join does.
-        {CLUSTERCMD_ADDNODE, CLUSTERCMD_NONE, NOT_WRITTEN, true},
-        // No backup of that timestamp: refused before a byte is touched, and
-        // the database stays.
-        {CLUSTERCMD_RESTORE, CLUSTERCMD_FINISHED, NOT_WRITTEN, true},
-        {CLUSTERCMD_REMOVESTANDBY, CLUSTERCMD_FINISHED, CLUSTERRESULT_OK, false},
-        {CLUSTERCMD_WRITEUNDOCACHE, CLUSTERCMD_NONE, CLUSTERRESULT_OK, false},
-        {CLUSTERCMD_TESTSPEED, CLUSTERCMD_NONE, CLUSTERRESULT_OK, false},
-        // Nothing is rebuilt over a database that is up.
-        {CLUSTERCMD_REBUILDRESOURCE, CLUSTERCMD_NONE, NOT_WRITTEN, true},
-        // Codes the daemon does not know, and its own, are left untouched.
-        {99, 99, NOT_WRITTEN, false},
-    };
-    for (const Case& c : arCases) {
-        SCOPED_TRACE((int)c.m_bCommand);
-        EXPECT_EQ(S_OK, Run(c.m_bCommand));
-        EXPECT_EQ(c.m_bFinal, Val(m_lpCmd->m_bCommandType));
-        EXPECT_EQ(c.m_bResult, Val(m_lpCmd->m_bResult));
-        EXPECT_EQ(c.m_bFlagsCleared ? 0 : 1, Val(m_lpCmd->m_bForbidSaveFlag));
-        EXPECT_EQ(c.m_bFlagsCleared ? 0 : 1, Val(m_db.Head()->m_bForbidSaveFlag));
-        for (int n = 1; n <= 4; n++) EXPECT_NE(nullptr, m_db.File(n)) << "file " << n << " no longer served";
-    }
-}
 
 TEST_F(ClusterCommands, AStandbyTakesOneSlotPerAddressUntilItsThreadEnds)
 {
@@ -220,52 +174,4 @@ TEST_F(ClusterCommands, AStandbyWhoseThreadEndsDuringItsResetOutlivesTheReset)
     EXPECT_EQ(1, SlotsTaken());
     EXPECT_EQ(1, TalvorLoadShared(&m_lpChannel->m_bStandbyThreads));
     EXPECT_TRUE(WaitForNoStandby(10000));
-}
-
-TEST_F(ClusterCommands, WithEverySlotBusyAnAddReportsNoSlot)
-{
-    const USHORT usPort = DeadPort();
-    ASSERT_NE(0, usPort);
-    for (UINT i = 0; i < 256; i++) ASSERT_EQ(CLUSTERRESULT_OK, Standby(CLUSTERCMD_ADDSTANDBY, LOOPBACK + i, usPort)) << i;
-    EXPECT_EQ(256, SlotsTaken());
-    EXPECT_EQ(CLUSTERRESULT_NOSTANDBYSLOT, Standby(CLUSTERCMD_ADDSTANDBY, LOOPBACK + 256, usPort));
-    // An address that holds a slot is still served.
-    EXPECT_EQ(CLUSTERRESULT_OK, Standby(CLUSTERCMD_ADDSTANDBY, LOOPBACK + 7, usPort));
-    EXPECT_EQ(256, SlotsTaken());
-    EXPECT_TRUE(WaitForNoStandby(10000));
-}
-
-TEST_F(ClusterCommands, AWriteThatFailsAnywhereInABackupLeavesNoFile)
-{
-    // A dry run counts the writes of a backup (the pass before it included).
-    long long nWrites = 0;
-    {
-        FaultFileIO io;
-        ScopedFileIO scoped(&io);
-        m_lpCmd->m_nTimestamp = 8000;
-        ASSERT_EQ(S_OK, Run(CLUSTERCMD_FULLBACKUP));
-        ASSERT_EQ(CLUSTERRESULT_OK, Val(m_lpCmd->m_bResult));
-        nWrites = io.Calls(FileOp::PWrite);
-    }
-    ASSERT_GE(nWrites, 3);  // the placeholder, the data, the head
-    for (long long nFail = 1; nFail <= nWrites; nFail++) {
-        SCOPED_TRACE(nFail);
-        FaultFileIO io;
-        ScopedFileIO scoped(&io);
-        io.FailCall(FileOp::PWrite, nFail, EIO);
-        m_lpCmd->m_nTimestamp = 8100 + nFail;
-        m_lpChannel->m_nBackupTimestamp = 0;
-        ASSERT_EQ(S_OK, Run(CLUSTERCMD_FULLBACKUP));
-        EXPECT_EQ(CLUSTERCMD_FINISHED, Val(m_lpCmd->m_bCommandType));
-        std::string strPath = BackupPath(8100 + nFail);
-        if (Val(m_lpCmd->m_bResult) == CLUSTERRESULT_OK) {
-            // The failed write was the pass's, which retried it: the backup
-            // itself is whole.
-            EXPECT_TRUE(PathExists(strPath));
-            continue;
-        }
-        EXPECT_EQ(CLUSTERRESULT_FAILED, Val(m_lpCmd->m_bResult));
-        EXPECT_FALSE(PathExists(strPath));
-        EXPECT_EQ(0, Val(m_lpChannel->m_nBackupTimestamp));
-    }
 }

@@ -220,6 +220,10 @@ TEST_F(FileCommands, HostilePathsAreRefused)
     EXPECT_FALSE(PathExists(m_db.m_tree.Root() + "/escape.dbf"));
     EXPECT_TRUE(PathExists(m_db.PathOf(3)));
     rmdir(strOutside.c_str());
+    // A list block whose rows are of another size is not walked at all.
+    ListBlock()->m_nBlockDataStructSize = 352;
+    EXPECT_EQ(E_FAIL, Walk());
+    ListBlock()->m_nBlockDataStructSize = (int)sizeof(FILE_MEMDBFILEINFO);
 }
 
 TEST_F(FileCommands, AFailedAddLeavesNothingBehind)
@@ -251,29 +255,6 @@ TEST_F(FileCommands, AFailedAddLeavesNothingBehind)
         m_db.Pass();
         bNo++;
     }
-    // The same add once the device has room again.
-    LPFILE_MEMDBFILEINFO lpRow = Ask({FILECMD_ADD, 40, FILETYPE_DATA, NewPath("Failed40.dbf"), "Again", 4 * DB_MIB});
-    Serve();
-    EXPECT_EQ(FILECMD_NONE, Val(lpRow->m_bFileCMD));
-    ASSERT_EQ(S_OK, Restart()) << m_db.m_tree.Trace();
-    EXPECT_NE(nullptr, m_db.File(40));
-}
-
-// A move refused: the path of another file (also in other letter case);
-// the own path is no move.
-TEST_F(FileCommands, RefusedMovesLeaveTheFileWhereItIs)
-{
-    LPFILE_MEMDBFILEINFO lpTaken = Ask({FILECMD_MOVE, 3, 0, m_db.m_tree.Dir() + "F4.DBF", "", 0});
-    ASSERT_EQ(S_OK, Walk());
-    EXPECT_EQ(FILECMD_PATHTAKEN, Val(lpTaken->m_bFileCMD));
-    EXPECT_STREQ(m_db.PathOf(3).c_str(), m_db.File(3)->m_lpszFilePath);
-    // The row no longer names file 4's path: a pass would write two files to one.
-    EXPECT_STREQ(m_db.PathOf(3).c_str(), lpTaken->m_lpszFilePath);
-    snprintf(lpTaken->m_lpszFilePath, sizeof(lpTaken->m_lpszFilePath), "%s", m_db.PathOf(3).c_str());
-    lpTaken->m_bFileCMD = FILECMD_MOVE;
-    ASSERT_EQ(S_OK, Walk());
-    EXPECT_EQ(FILECMD_NONE, Val(lpTaken->m_bFileCMD));
-    EXPECT_TRUE(PathExists(m_db.PathOf(3)));
 }
 
 // A growth the device has no room for answers its failure and leaves the
@@ -458,13 +439,6 @@ TEST_F(FileCommands, AnAddBeforeItsCommandByteStaysOffTheDisk)
     EXPECT_STREQ(NewPath("Add6.dbf").c_str(), m_db.File(6)->m_lpszFilePath);
     EXPECT_STREQ(m_db.PathOf(3).c_str(), m_db.File(3)->m_lpszFilePath);
     EXPECT_EQ(nullptr, m_db.File(7));
-}
-
-TEST_F(FileCommands, AFileListBlockOfAnotherKindStopsTheWalk)
-{
-    ListBlock()->m_nBlockDataStructSize = 352;
-    EXPECT_EQ(E_FAIL, m_db.Module().FileCMD(&m_db.m_stCrit));
-    ListBlock()->m_nBlockDataStructSize = (int)sizeof(FILE_MEMDBFILEINFO);
 }
 
 namespace {
@@ -681,4 +655,21 @@ TEST(FileCommandCrashes, AMoveOverwrittenInItsRowNamesOnlyTheCopyItMade)
         EXPECT_EQ("", e.ListAgreesWithFiles());
     };
     CrashAtEveryPoint(move, [](const CrashPoint&, size_t) { return true; }, fnClean, fnAskAgain);
+}
+
+// A move refused: the path of another file (also in other letter case);
+// the own path is no move.
+TEST_F(FileCommands, RefusedMovesLeaveTheFileWhereItIs)
+{
+    LPFILE_MEMDBFILEINFO lpTaken = Ask({FILECMD_MOVE, 3, 0, m_db.m_tree.Dir() + "F4.DBF", "", 0});
+    ASSERT_EQ(S_OK, Walk());
+    EXPECT_EQ(FILECMD_PATHTAKEN, Val(lpTaken->m_bFileCMD));
+    EXPECT_STREQ(m_db.PathOf(3).c_str(), m_db.File(3)->m_lpszFilePath);
+    // The row no longer names file 4's path: a pass would write two files to one.
+    EXPECT_STREQ(m_db.PathOf(3).c_str(), lpTaken->m_lpszFilePath);
+    snprintf(lpTaken->m_lpszFilePath, sizeof(lpTaken->m_lpszFilePath), "%s", m_db.PathOf(3).c_str());
+    lpTaken->m_bFileCMD = FILECMD_MOVE;
+    ASSERT_EQ(S_OK, Walk());
+    EXPECT_EQ(FILECMD_NONE, Val(lpTaken->m_bFileCMD));
+    EXPECT_TRUE(PathExists(m_db.PathOf(3)));
 }

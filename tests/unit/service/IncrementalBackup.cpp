@@ -1,7 +1,6 @@
 // The incremental backup over a loaded database, run through its cluster
 // command, read back against the files on disk.
 #include "BackupFixture.h"
-#include "FaultFileIO.h"
 #include "MemDBBackupDef.h"
 #include "PersistenceDb.h"
 #include "TestFiles.h"
@@ -101,50 +100,6 @@ TEST_F(IncrementalBackup, ThePageAfter290ItemsChainsOn)
     for (long long nPage : vPages) vRanges.push_back({nPage, nPage + BACKUP_INCREMENT_PAGE_SIZE});
     std::sort(vRanges.begin(), vRanges.end());
     for (size_t i = 1; i < vRanges.size(); i++) EXPECT_LE(vRanges[i - 1].second, vRanges[i].first) << i;
-}
-
-// A backup is written under a name of its own until it is whole, and takes
-// the name of an older one only from the same place in a chain: a backup
-// that fails, or one that names itself as its reference, or one of another
-// level, never costs the backup already there.
-TEST_F(IncrementalBackup, ABackupNeverCostsTheBackupWhoseNameItWouldTake)
-{
-    const long long nTs = m_db.Head()->m_nEndTimestamp;
-    ASSERT_EQ(CLUSTERRESULT_OK, Backup(CLUSTERCMD_FULLBACKUP, nTs));
-    const std::string strFull = ReadWholeFile(BackupPath(nTs));
-    ASSERT_FALSE(strFull.empty());
-    auto ExpectFullKept = [&](const char* lpszWhat) {
-        EXPECT_TRUE(ReadWholeFile(BackupPath(nTs)) == strFull) << lpszWhat;
-        EXPECT_FALSE(PathExists(BackupPath(nTs) + ".part")) << lpszWhat;
-    };
-    // An idle database: the next incremental comes at the same timestamp,
-    // on it.
-    EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nTs));
-    ExpectFullKept("an incremental on itself");
-    EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nTs - 1));
-    ExpectFullKept("an incremental in the full backup's place");
-    // A full backup of the same timestamp that fails at any write.
-    for (long long nFail : {1, 2, 3}) {
-        FaultFileIO io;
-        ScopedFileIO scoped(&io);
-        // Only the backup's own writes are counted and failed.
-        io.PassThrough(m_db.m_tree.LogDir());
-        for (int nFileNo = 1; nFileNo <= 4; nFileNo++) io.PassThrough(m_db.PathOf(nFileNo));
-        io.FailCall(FileOp::PWrite, nFail, EIO);
-        EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_FULLBACKUP, nTs));
-        ExpectFullKept("a full backup that failed");
-    }
-    // Renamed, but its directory cannot be synced: the backup under the name
-    // is the new one, whole, and is answered so (the archiver copies it).
-    {
-        FaultFileIO io;
-        ScopedFileIO scoped(&io);
-        io.PassThrough(m_db.m_tree.LogDir());
-        io.OnCall(FileOp::Rename, [&](const FileCall&) { io.FailNext(FileOp::SyncDirectory, EIO, FAULT_ALWAYS); });
-        EXPECT_EQ(CLUSTERRESULT_OK, Backup(CLUSTERCMD_FULLBACKUP, nTs));
-    }
-    backuptest::Verified v(BackupPath(nTs));
-    EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
 }
 
 // Damage on disk under blocks changed after the reference (the reference
@@ -271,4 +226,48 @@ TEST_F(IncrementalBackupByImage, PassingOverByTheImageWritesTheSameBytesAsReadin
     EXPECT_EQ(m_setSaved, DataBlocksOfFile2(strBackup));
     EXPECT_EQ(m_setSaved, DataBlocksOfFile2(strByDisk));
     EXPECT_TRUE(backuptest::SameBackup(strByDisk, strBackup));
+}
+
+// A backup is written under a name of its own until it is whole, and takes
+// the name of an older one only from the same place in a chain: a backup
+// that fails, or one that names itself as its reference, or one of another
+// level, never costs the backup already there.
+TEST_F(IncrementalBackup, ABackupNeverCostsTheBackupWhoseNameItWouldTake)
+{
+    const long long nTs = m_db.Head()->m_nEndTimestamp;
+    ASSERT_EQ(CLUSTERRESULT_OK, Backup(CLUSTERCMD_FULLBACKUP, nTs));
+    const std::string strFull = ReadWholeFile(BackupPath(nTs));
+    ASSERT_FALSE(strFull.empty());
+    auto ExpectFullKept = [&](const char* lpszWhat) {
+        EXPECT_TRUE(ReadWholeFile(BackupPath(nTs)) == strFull) << lpszWhat;
+        EXPECT_FALSE(PathExists(BackupPath(nTs) + ".part")) << lpszWhat;
+    };
+    // An idle database: the next incremental comes at the same timestamp,
+    // on it.
+    EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nTs));
+    ExpectFullKept("an incremental on itself");
+    EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_INCREMENTBACKUP, nTs, 1, nTs - 1));
+    ExpectFullKept("an incremental in the full backup's place");
+    // A full backup of the same timestamp that fails at any write.
+    for (long long nFail : {1, 2, 3}) {
+        FaultFileIO io;
+        ScopedFileIO scoped(&io);
+        // Only the backup's own writes are counted and failed.
+        io.PassThrough(m_db.m_tree.LogDir());
+        for (int nFileNo = 1; nFileNo <= 4; nFileNo++) io.PassThrough(m_db.PathOf(nFileNo));
+        io.FailCall(FileOp::PWrite, nFail, EIO);
+        EXPECT_EQ(CLUSTERRESULT_FAILED, Backup(CLUSTERCMD_FULLBACKUP, nTs));
+        ExpectFullKept("a full backup that failed");
+    }
+    // Renamed, but its directory cannot be synced: the backup under the name
+    // is the new one, whole, and is answered so (the archiver copies it).
+    {
+        FaultFileIO io;
+        ScopedFileIO scoped(&io);
+        io.PassThrough(m_db.m_tree.LogDir());
+        io.OnCall(FileOp::Rename, [&](const FileCall&) { io.FailNext(FileOp::SyncDirectory, EIO, FAULT_ALWAYS); });
+        EXPECT_EQ(CLUSTERRESULT_OK, Backup(CLUSTERCMD_FULLBACKUP, nTs));
+    }
+    backuptest::Verified v(BackupPath(nTs));
+    EXPECT_EQ(BACKUPVERIFY_WHOLE, v.Status()) << v.Finding();
 }

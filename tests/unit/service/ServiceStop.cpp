@@ -146,16 +146,14 @@ TEST_F(ServiceStop, ForbidFlagsHoldThePassesOff)
 {
     StartThread(1);
     Change(2, 7);
-    TalvorStoreShared(&m_db.Head()->m_bForbidSaveFlag, 1);
     TalvorStoreShared(&m_db.Head()->m_bStorageCMD, 2);
-    usleep(1500000);  // longer than the interval
-    EXPECT_EQ(2, TalvorLoadShared(&m_db.Head()->m_bStorageCMD));
-    EXPECT_NE(+m_db.Head()->m_nEndTimestamp, TalvorLoadShared(&m_db.Head()->m_nBeginTimestamp));
-
-    // The same through the command record.
-    TalvorStoreShared(&m_db.Head()->m_bForbidSaveFlag, 0);
-    TalvorStoreShared(&m_db.Module().m_pFlashback->GetClusterCommand()->m_bForbidSaveFlag, 1);
-    usleep(1500000);
-    EXPECT_EQ(2, TalvorLoadShared(&m_db.Head()->m_bStorageCMD));
-    EXPECT_NE(+m_db.Head()->m_nEndTimestamp, TalvorLoadShared(&m_db.Head()->m_nBeginTimestamp));
+    // The head's flag, then the command record's.
+    LPTALVORCOMMAND lpCmd = m_db.Module().m_pFlashback->GetClusterCommand();
+    for (volatile BYTE* pFlag : {&m_db.Head()->m_bForbidSaveFlag, &lpCmd->m_bForbidSaveFlag}) {
+        TalvorStoreShared(pFlag, 1);
+        usleep(1500000);  // longer than the interval
+        EXPECT_EQ(2, TalvorLoadShared(&m_db.Head()->m_bStorageCMD));
+        EXPECT_NE(+m_db.Head()->m_nEndTimestamp, TalvorLoadShared(&m_db.Head()->m_nBeginTimestamp));
+        TalvorStoreShared(pFlag, 0);
+    }
 }

@@ -134,6 +134,7 @@ TEST_F(SystemFileList, DamagedListStopsTheStart)
     const int LIST = DB_SYSTEMFILE_LISTBLOCK_SIZE;
     const Case arCases[] = {
         {1, LIST, [this](std::string& s) { BlockOf(s, 0)->m_nObjectID = 9; }, "10030001 "},
+        {1, LIST, [this](std::string& s) { BlockOf(s, 0)->m_nBlockDataStructSize = 352; }, "10030002 "},
         // The full chain is entries 0 -> 1 -> 2; the last one now points back.
         {5, 1024,
          [](std::string& s) {
