@@ -226,7 +226,7 @@ TEST_F(CacheChains, TwoThreadsTakingBlocksAtOnceNeverShareOrLoseOne)
             EXPECT_EQ((size_t)nRounds, v.size()) << f;
             nCount += v.size();
             vAll.insert(v.begin(), v.end());
-            vGroups.insert(Group((BYTE)f).m_nCacheLoadHeadOffset);
+            vGroups.insert(Val(Group((BYTE)f).m_nCacheLoadHeadOffset));
         }
         // Blocks that hold load groups are on no chain.
         EXPECT_EQ(nCount, vAll.size());

@@ -89,7 +89,7 @@ TEST_F(IncrementalBackup, ThePageAfter290ItemsChainsOn)
             BACKUPINCREMENTITEM it = At<BACKUPINCREMENTITEM>(strBackup, nPage + 20 + 28LL * i);
             ASSERT_TRUE(strBackup.compare((size_t)it.m_nBlockDataPos, (size_t)it.m_nBlockSize, strFile,
                                           (size_t)it.m_nBlockFilePos, (size_t)it.m_nBlockSize) == 0);
-            vRanges.push_back({it.m_nBlockDataPos, it.m_nBlockDataPos + it.m_nBlockSize});
+            vRanges.push_back({Val(it.m_nBlockDataPos), Val(it.m_nBlockDataPos) + Val(it.m_nBlockSize)});
         }
         nPage = stPage.m_nNextPos;
         EXPECT_TRUE(nPage == 0 || nCount == BACKUP_INCREMENT_MAX_ITEMS) << nCount;
@@ -202,9 +202,9 @@ protected:
         for (long long nPage = r.m_nDataStartOffset; nPage != 0 && nPages++ < 100;) {
             BACKUPINCREMENTHEAD stPage = At<BACKUPINCREMENTHEAD>(strBackup, nPage);
             EXPECT_EQ(BACKUP_INCREMENT_FLAG, Val(stPage.m_nDataFlag));
-            for (int i = 0; i < std::min(stPage.m_nIncrementBlockNum, BACKUP_INCREMENT_MAX_ITEMS); i++) {
+            for (int i = 0; i < std::min(Val(stPage.m_nIncrementBlockNum), BACKUP_INCREMENT_MAX_ITEMS); i++) {
                 BACKUPINCREMENTITEM it = At<BACKUPINCREMENTITEM>(strBackup, nPage + 20 + 28LL * i);
-                if (it.m_nBlockType == BACKUPITEM_DATABLOCK) setBlocks.insert(it.m_nBlockFilePos);
+                if (it.m_nBlockType == BACKUPITEM_DATABLOCK) setBlocks.insert(Val(it.m_nBlockFilePos));
             }
             nPage = stPage.m_nNextPos;
         }
