@@ -490,7 +490,8 @@ unsigned long long TextBits(const VARDATA& v)
         sz[nCopy] = 0;
         return RoundedBits(strtod(sz, nullptr));
     }
-    if (bNeg) return (unsigned long long)talvorfun::IntArg(v);
+    // A whole negative number saturates at the signed bound, as everywhere.
+    if (bNeg) return bSaturated || ull > (unsigned long long)LLONG_MAX + 1 ? (unsigned long long)LLONG_MIN : 0 - ull;
     return bSaturated ? ULLONG_MAX : ull;
 }
 

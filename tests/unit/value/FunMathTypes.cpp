@@ -104,7 +104,7 @@ TEST(FunMath, RoundingSignsRemaindersAndLogarithmsMatchTheServer)
     for (const auto& f : arBinary)
         for (int nNull : {0, 1}) b.Add(f.first + "(?, ?)", {nNull ? ArgNull() : ArgInt(2), nNull ? ArgInt(2) : ArgNull()}, Of2(f.second), SAME_NUMBER);
     // Text that is not a plain decimal: BIT_COUNT rounds a fraction, cuts nothing else.
-    for (const char* lpText : {"1e3", "2.5e0", " 7.5x", ".5", "-.5", "7x", "18446744073709551615", "1.5e19", "abc"})
+    for (const char* lpText : {"1e3", "2.5e0", " 7.5x", ".5", "-.5", "7x", "-7", "-99999999999999999999", "18446744073709551615", "1.5e19", "abc"})
         b.Add("BIT_COUNT(?)", {ArgText(lpText)}, Of1(F::Bit_Count), SAME_NUMBER);
     for (long long x : vInts)
         for (long long y : {0, 1, -1, 3, -7, 1000}) b.Add("MOD(?, ?)", {ArgInt(x), ArgInt(y)}, Of2(F::Mod), SAME_NUMBER);
