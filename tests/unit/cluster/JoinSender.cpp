@@ -2,6 +2,7 @@
 // not for the message in flight is read off whole, payload included, so
 // that the next head is read from where it begins. The join itself, file
 // by file and byte by byte, runs end to end (NodeJoin).
+#include "NodeReply.h"
 #include "TalvorClusterFiletransfer.h"
 
 #include <gtest/gtest.h>
@@ -16,12 +17,7 @@ namespace {
 
 void Reply(int sk, BYTE bType, BYTE bToken, int nPayload)
 {
-    MF_SERVICE_TCP_COMMAND st;
-    memset(&st, 0, sizeof(st));
-    st.m_bVersion = NODEMSG_VERSION;
-    st.m_bType = bType;
-    st.m_bToken = bToken;
-    st.m_lDataLength = nPayload;
+    MF_SERVICE_TCP_COMMAND st = talvortest::NodeReply(bType, bToken, 0, nPayload);
     ASSERT_EQ((ssize_t)sizeof(st), send(sk, &st, sizeof(st), MSG_NOSIGNAL));
     std::string strPayload((size_t)nPayload, '\x01');
     ASSERT_EQ((ssize_t)strPayload.size(), send(sk, strPayload.data(), strPayload.size(), MSG_NOSIGNAL));

@@ -1,6 +1,7 @@
 // What a standby thread makes of the replies on its connection: an old
 // reply must never be taken for the shipment in flight nor shift the stream,
 // and one that would shift the stream ends it.
+#include "NodeReply.h"
 #include "TalvorStandby.h"
 
 #include <gtest/gtest.h>
@@ -10,21 +11,11 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+using talvortest::NodeReply;
+
 namespace {
 
 const int TIMEOUT_S = 1;
-
-MF_SERVICE_TCP_COMMAND Reply(BYTE bType, BYTE bToken, int nCode = 0, int nPayload = 0, BYTE bVersion = NODEMSG_VERSION)
-{
-    MF_SERVICE_TCP_COMMAND st;
-    memset(&st, 0, sizeof(st));
-    st.m_bVersion = bVersion;
-    st.m_bType = bType;
-    st.m_bToken = bToken;
-    st.m_lDigitalData = nCode;
-    st.m_lDataLength = nPayload;
-    return st;
-}
 
 class StandbyReplies : public ::testing::Test {
 protected:
@@ -49,11 +40,11 @@ protected:
 
 TEST_F(StandbyReplies, OldTokensAndKeepAlivesAreReadPastWithoutShiftingTheStream)
 {
-    Send(Reply(NODEMSG_SUCCESS, 5));
-    Send(Reply(NODEMSG_KEEPALIVE, 7));
-    Send(Reply(NODEMSG_FAILURE, 9, 2));
-    Send(Reply(NODEMSG_SUCCESS, 7));
-    Send(Reply(NODEMSG_FAILURE, 8, 7));
+    Send(NodeReply(NODEMSG_SUCCESS, 5));
+    Send(NodeReply(NODEMSG_KEEPALIVE, 7));
+    Send(NodeReply(NODEMSG_FAILURE, 9, 2));
+    Send(NodeReply(NODEMSG_SUCCESS, 7));
+    Send(NodeReply(NODEMSG_FAILURE, 8, 7));
     MF_SERVICE_TCP_COMMAND st;
     ASSERT_EQ(TCPCMD_OK, Receive(7, st));
     EXPECT_EQ(NODEMSG_SUCCESS, st.m_bType);
@@ -61,7 +52,7 @@ TEST_F(StandbyReplies, OldTokensAndKeepAlivesAreReadPastWithoutShiftingTheStream
     EXPECT_EQ(NODEMSG_FAILURE, st.m_bType);
     EXPECT_EQ(7, (int)st.m_lDigitalData);
     // Only old replies, then silence: a time-out with the connection kept.
-    Send(Reply(NODEMSG_SUCCESS, 8));
+    Send(NodeReply(NODEMSG_SUCCESS, 8));
     EXPECT_EQ(TCPCMD_TIMEOUT, Receive(9, st));
     EXPECT_FALSE(m_standby.m_bExit);
 }
@@ -69,12 +60,12 @@ TEST_F(StandbyReplies, OldTokensAndKeepAlivesAreReadPastWithoutShiftingTheStream
 TEST_F(StandbyReplies, MalformedRepliesDropTheConnectionAndALeavingNodeEndsTheThread)
 {
     MF_SERVICE_TCP_COMMAND st;
-    for (const MF_SERVICE_TCP_COMMAND& stBad : {Reply(NODEMSG_SUCCESS, 3, 0, 0, NODEMSG_VERSION + 1),
-                                                Reply(NODEMSG_SUCCESS, 3, 0, 100), Reply(NODEMSG_FAILURE + 1, 3)}) {
+    for (const MF_SERVICE_TCP_COMMAND& stBad : {NodeReply(NODEMSG_SUCCESS, 3, 0, 0, NODEMSG_VERSION + 1),
+                                                NodeReply(NODEMSG_SUCCESS, 3, 0, 100), NodeReply(NODEMSG_FAILURE + 1, 3)}) {
         Send(stBad);
         EXPECT_EQ(TCPCMD_GONE, Receive(3, st));
     }
-    Send(Reply(NODEMSG_FAILURE, 200, NODEMSG_LEAVING));
+    Send(NodeReply(NODEMSG_FAILURE, 200, NODEMSG_LEAVING));
     EXPECT_EQ(TCPCMD_OK, Receive(3, st));
     EXPECT_TRUE(m_standby.m_bExit);
     close(m_nNode);
